@@ -1,0 +1,23 @@
+# What a build can choose. Tests and install rules are on only where this tree is built for itself.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release CACHE STRING "Release, Debug or RelWithDebInfo" FORCE)
+endif()
+
+option(PROXYMANAGER_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
+option(PROXYMANAGER_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
+option(PROXYMANAGER_WERROR "Treat warnings as errors" OFF)
+set(PROXYMANAGER_SANITIZER "" CACHE STRING "Empty, address (with undefined) or thread")
+set(PROXYMANAGER_PUBLIC_SUFFIX_LIST
+    "${CMAKE_CURRENT_SOURCE_DIR}/domain/public_suffix_list_2011-09-02.dat"
+    CACHE FILEPATH "The public-suffix list that is compiled in")
+option(PROXYMANAGER_WORKER_SECCOMP
+       "Sandbox the script worker with seccomp; off only for devices whose kernel has none" ON)
+
+# The build folder is laid out as an installed tree is, so that a program finds its neighbours by
+# the same relative path in both.
+set(PROXYMANAGER_OUTPUT_ROOT "${CMAKE_CURRENT_BINARY_DIR}/out")

@@ -1,0 +1,14 @@
+# PROXYMANAGER_SANITIZER=address (with undefined and leaks) or thread, for every target below.
+if(PROXYMANAGER_SANITIZER STREQUAL "address")
+  set(proxymanager_sanitizer_flags -fsanitize=address,undefined -fno-sanitize-recover=all)
+elseif(PROXYMANAGER_SANITIZER STREQUAL "thread")
+  set(proxymanager_sanitizer_flags -fsanitize=thread)
+elseif(NOT PROXYMANAGER_SANITIZER STREQUAL "")
+  message(FATAL_ERROR "PROXYMANAGER_SANITIZER is address, thread or empty, "
+                      "not '${PROXYMANAGER_SANITIZER}'")
+endif()
+
+if(proxymanager_sanitizer_flags)
+  add_compile_options(${proxymanager_sanitizer_flags} -fno-omit-frame-pointer -g)
+  add_link_options(${proxymanager_sanitizer_flags})
+endif()

@@ -1,0 +1,8 @@
+# One set of warnings for every target of this tree; never imposed on those who link it.
+add_library(proxymanager_warnings INTERFACE)
+target_compile_options(proxymanager_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Wcast-qual -Wcast-align
+  $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wsign-conversion -Wold-style-cast -Woverloaded-virtual
+    -Wnon-virtual-dtor -Wextra-semi -Wno-missing-field-initializers>
+  $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>
+  $<$<BOOL:${PROXYMANAGER_WERROR}>:-Werror>)

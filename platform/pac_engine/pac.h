@@ -1,0 +1,62 @@
+/* The PAC evaluation library: runs FindProxyForURL of a proxy auto-config script.
+ *
+ * The script runs in a process of its own, the sandboxed `proxymanager-pac-worker`; nothing of it
+ * runs in the caller's. No thread belongs to the library. One handle is never entered by two
+ * threads at once; different handles are independent. A null handle or script is allowed
+ * everywhere: no engine, no answer, nothing done. Texts given are copied before a call returns.
+ *
+ * Limits (docs/pac-language.md): loading 5 s, one evaluation 5 s with all its name lookups, URL
+ * 8 KiB, result 64 KiB.
+ */
+#pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** An engine with one script loaded. */
+struct pac;
+
+/** Option words of pac_init. */
+enum {
+  PAC_OPTION_ONLINE = 1, /**< names resolve, own addresses are the device's */
+  PAC_OPTION_OFFLINE = 4 /**< names do not resolve, the own address is the loopback one */
+};
+
+/** Wakes whoever shall call pac_run_callbacks; it may only set a flag and signal. */
+typedef void (*pac_wakeup)(void* context);
+
+/** Takes one asynchronous result. `result` is the receiver's, to be released with free(); `host` is
+ *  the library's own copy of the host asked for, valid during the call. */
+typedef void (*pac_result)(char* result, void* context, void* host);
+
+/** Starts a worker with the NUL-terminated `script` and loads it; waits 5 s at most.
+ *  @param option PAC_OPTION_ONLINE or PAC_OPTION_OFFLINE
+ *  @param wakeup called on the thread that calls pac_find_proxy; may be null
+ *  @return an engine, to be released with pac_free, or null where the script is null, refused
+ *          (syntax, exception, no entry point, limits) or no worker can be had; syslog says why. */
+struct pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* context);
+
+/** Queues one question and calls the wake-up callback. `found` is called by a later
+ *  pac_run_callbacks, and only where there is an answer. Of 256 questions in the queue the next is
+ *  dropped, without an answer. */
+void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_result found,
+                    void* context);
+
+/** Evaluates FindProxyForURL(url, host) on the calling thread; waits 5 s at most.
+ *  @param url cleaned before the script sees it: no user, password or fragment; for https and wss no
+ *         path or query either
+ *  @param host handed to the script as it is
+ *  @param result receives a heap text, to be released with free(), or null where there is no
+ *         answer */
+void pac_find_proxy_sync_n(struct pac* engine, const char* url, const char* host, char** result);
+
+/** Evaluates what pac_find_proxy queued, on the calling thread, and delivers the results. */
+void pac_run_callbacks(struct pac* engine);
+
+/** Ends the worker and drops what is queued without calling back. */
+void pac_free(struct pac* engine);
+
+#ifdef __cplusplus
+}
+#endif

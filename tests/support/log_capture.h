@@ -1,0 +1,33 @@
+// Catches the lines that this process says to syslog, for tests.
+//
+// Linking tests/support puts its own syslog functions before the C library's. Masking is kept:
+// what setlogmask hides is not captured. Lines of all threads are kept in the order they were said.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+struct LogLine {
+  int priority;      ///< LOG_ERR ... LOG_DEBUG
+  std::string text;  ///< formatted, exact to the blank
+  bool operator==(const LogLine&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& stream, const LogLine& line);
+
+/// The lines said since the process began or since the last clearLog().
+std::vector<LogLine> logLines();
+void clearLog();
+
+/// How many captured lines equal `text` and have `priority`.
+int countLog(int priority, const std::string& text);
+
+/// Whether one captured line equals `text` at `priority`.
+inline bool logged(int priority, const std::string& text) {
+  return countLog(priority, text) > 0;
+}
+
+/// Waits until a line equal to `text` at `priority` has been said `times` times, 20 s at most.
+/// @return whether it was
+bool waitForLog(int priority, const std::string& text, int times = 1);

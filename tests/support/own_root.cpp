@@ -1,0 +1,78 @@
+#include "tests/support/own_root.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+void require(bool done, const char* what) {
+  if (done) return;
+  std::fprintf(stderr, "own root: %s: %s (these tests need mount namespaces)\n", what,
+               std::strerror(errno));
+  std::exit(77);
+}
+
+void write(const char* path, const std::string& text) {
+  std::ofstream(path) << text;
+}
+
+void mountEmpty(const char* path, const char* options) {
+  require(mount("tmpfs", path, "tmpfs", MS_NOSUID, options) == 0, path);
+}
+
+}  // namespace
+
+void enterOwnRoot() {
+  const uid_t user = getuid();
+  const gid_t group = getgid();
+  if (user == 0) {
+    require(unshare(CLONE_NEWNS) == 0, "unshare");
+  } else {
+    require(unshare(CLONE_NEWNS | CLONE_NEWUSER) == 0, "unshare");
+    write("/proc/self/setgroups", "deny");
+    write("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
+    write("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+  }
+  require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
+
+  // Nothing is moved or hidden that the new mounts are filled from before they are full.
+  mountEmpty("/mnt", "mode=0755");
+  fs::create_directory("/mnt/etc");
+  fs::copy("/etc", "/mnt/etc", fs::copy_options::recursive | fs::copy_options::copy_symlinks |
+                                   fs::copy_options::skip_existing);
+  fs::create_directory("/mnt/dev");
+  for (const char* device : {"null", "zero", "full", "random", "urandom", "tty"}) {
+    const auto target = fs::path("/mnt/dev") / device;
+    std::ofstream{target};
+    require(mount((fs::path("/dev") / device).c_str(), target.c_str(), nullptr, MS_BIND, nullptr) ==
+                0,
+            target.c_str());
+  }
+  for (const char* folder : {"shm", "pts"}) {
+    const auto target = fs::path("/mnt/dev") / folder;
+    fs::create_directory(target);
+    require(mount((fs::path("/dev") / folder).c_str(), target.c_str(), nullptr, MS_BIND, nullptr) ==
+                0,
+            target.c_str());
+  }
+  fs::create_symlink("/proc/self/fd", "/mnt/dev/fd");
+  fs::create_symlink("pts/ptmx", "/mnt/dev/ptmx");
+  require(mount("/mnt/etc", "/etc", nullptr, MS_BIND, nullptr) == 0, "/etc");
+  require(mount("/mnt/dev", "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0, "/dev");
+  mountEmpty("/tmp", "mode=1777");
+  mountEmpty("/run", "mode=0755");
+  mountEmpty("/usr/local", "mode=0755");
+}
