@@ -1,0 +1,63 @@
+// The process's one connection to the message bus, and the thread that dispatches it.
+//
+// The bus library is safe only while a single thread touches it: its own loop and a sender on
+// another thread can deadlock, and its reference counts are plain integers. So whoever made the
+// helper may use the connection until startDispatching(); from then until stopDispatching() returns
+// the bus thread alone may, and other threads hand their work to it with run().
+//
+// When the bus goes away the process says one LOG_ERR line and ends with status 1, so that its
+// supervisor starts it anew: a daemon that nobody can reach is of no use to anybody.
+#pragma once
+
+#include <dbus-c++/dbus.h>
+
+#include <functional>
+#include <memory>
+
+namespace DBus {
+
+class BusLoop;
+
+class BusHelper {
+ public:
+  /// Most functions that wait for the bus thread. The announcements of the daemon, one in two
+  /// seconds, are the steadiest sender: they need half an hour of a blocked bus thread to fill it.
+  static constexpr std::size_t kMaxPosted = 1024;
+
+  /// Connects to the system bus. Throws DBus::Error where there is none.
+  BusHelper();
+  /// Ends dispatching.
+  ~BusHelper();
+  BusHelper(const BusHelper&) = delete;
+  BusHelper& operator=(const BusHelper&) = delete;
+
+  /// The connection; owned by the helper.
+  Connection& connection() { return mConnection; }
+
+  /// Asks for a well-known name and makes sure that this connection owns it.
+  /// Throws DBus::Error where the bus denies the name or somebody else owns it.
+  void requestName(const char* name);
+
+  /// Starts the bus thread. Nothing where it runs.
+  void startDispatching();
+
+  /// Ends and joins the bus thread, having sent what waits to be sent (one second at most), and
+  /// drops what run() queued. Nothing where it does not run. Not to be called on the bus thread.
+  void stopDispatching();
+
+  /// Runs `function` on the thread that may touch the connection: at once where that is the calling
+  /// one, or where nothing is dispatched; else later, on the bus thread, in the order of the calls.
+  /// Any thread. Exceptions of a function are logged and swallowed. Where kMaxPosted functions wait
+  /// already, it is dropped and a LOG_ERR line says so.
+  void run(std::function<void()> function);
+
+ private:
+  std::unique_ptr<BusLoop> mLoop;  // outlives the connection, whose watches it holds
+  Connection mConnection;
+};
+
+/// The process-wide helper: made with the first call, shared by those that hold it, gone with the
+/// last. Throws DBus::Error where the bus cannot be reached. Main thread.
+std::shared_ptr<BusHelper> get_helper();
+
+}  // namespace DBus

@@ -1,0 +1,278 @@
+#include "platform/bus/bus_loop.h"
+
+#include <dbus/dbus.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "platform/log/log_line.h"
+
+namespace DBus {
+
+namespace {
+
+// What a leaving daemon still has to say fits in the socket's buffer unless the bus is stuck.
+constexpr std::chrono::seconds kSendLimit{1};
+
+int makeEventFd() {
+  const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  return fd;
+}
+
+short toPollEvents(int flags) {
+  int events = 0;
+  if ((flags & DBUS_WATCH_READABLE) != 0) events |= POLLIN;
+  if ((flags & DBUS_WATCH_WRITABLE) != 0) events |= POLLOUT;
+  return static_cast<short>(events);
+}
+
+int toWatchFlags(short events) {
+  int flags = 0;
+  if ((events & POLLIN) != 0) flags |= DBUS_WATCH_READABLE;
+  if ((events & POLLOUT) != 0) flags |= DBUS_WATCH_WRITABLE;
+  if ((events & POLLHUP) != 0) flags |= DBUS_WATCH_HANGUP;
+  if ((events & (POLLERR | POLLNVAL)) != 0) flags |= DBUS_WATCH_ERROR;
+  return flags;
+}
+
+}  // namespace
+
+class BusLoop::LoopWatch : public Watch {
+ public:
+  LoopWatch(Watch::Internal* internal, const BusLoop& loop) : Watch(internal), mLoop(loop) {}
+  void toggle() override { mLoop.kick(); }
+
+ private:
+  const BusLoop& mLoop;
+};
+
+class BusLoop::LoopTimeout : public Timeout {
+ public:
+  LoopTimeout(Timeout::Internal* internal, const BusLoop& loop) : Timeout(internal), mLoop(loop) {
+    arm();
+  }
+  void toggle() override {
+    arm();
+    mLoop.kick();
+  }
+  void arm() { mDue = Clock::now() + std::chrono::milliseconds(interval()); }
+  Clock::time_point due() const { return mDue; }
+
+ private:
+  const BusLoop& mLoop;
+  Clock::time_point mDue;
+};
+
+BusLoop::BusLoop(std::size_t maxPosted) : mMaxPosted(maxPosted), mEventFd(makeEventFd()) {}
+
+BusLoop::~BusLoop() {
+  stop();
+  close(mEventFd);
+}
+
+void BusLoop::start(Connection& connection, std::function<void()> lost) {
+  if (mThread.joinable()) return;
+  mConnection = &connection;
+  mLost = std::move(lost);
+  mLeave = false;
+  mThread = std::thread([this] { enter(); });
+  mThreadId = mThread.get_id();
+}
+
+void BusLoop::stop() {
+  if (!mThread.joinable()) return;
+  leave();
+  mThread.join();
+  mThreadId = std::thread::id();
+  const Lock lock(mMutex);
+  mPosted.clear();
+}
+
+bool BusLoop::post(std::function<void()> function) {
+  {
+    const Lock lock(mMutex);
+    if (mPosted.size() >= mMaxPosted) return false;
+    mPosted.push_back(std::move(function));
+  }
+  kick();
+  return true;
+}
+
+bool BusLoop::runsElsewhere() const {
+  const auto running = mThreadId.load();
+  return running != std::thread::id() && running != std::this_thread::get_id();
+}
+
+void BusLoop::enter() {
+  // The starter may not have stored it yet when the first message arrives.
+  mThreadId = std::this_thread::get_id();
+  if (run() == End::kLost && mLost) mLost();
+}
+
+void BusLoop::leave() {
+  mLeave = true;
+  kick();
+}
+
+Timeout* BusLoop::add_timeout(Timeout::Internal* internal) {
+  auto timeout = std::make_unique<LoopTimeout>(internal, *this);
+  const Lock lock(mMutex);
+  mTimeouts.push_back(timeout.get());
+  kick();
+  return timeout.release();
+}
+
+void BusLoop::rem_timeout(Timeout* timeout) {
+  {
+    const Lock lock(mMutex);
+    std::erase(mTimeouts, timeout);
+  }
+  delete timeout;
+}
+
+Watch* BusLoop::add_watch(Watch::Internal* internal) {
+  auto watch = std::make_unique<LoopWatch>(internal, *this);
+  const Lock lock(mMutex);
+  mWatches.push_back(watch.get());
+  kick();
+  return watch.release();
+}
+
+void BusLoop::rem_watch(Watch* watch) {
+  {
+    const Lock lock(mMutex);
+    std::erase(mWatches, watch);
+  }
+  delete watch;
+}
+
+BusLoop::End BusLoop::run() {
+  while (true) {
+    dispatch_pending();
+    runPosted();
+    dispatch_pending();
+    if (!mConnection->connected()) return End::kLost;
+    if (mLeave) {
+      sendWhatWaits();
+      return End::kLeft;
+    }
+    waitAndHandle();
+  }
+}
+
+void BusLoop::runPosted() {
+  std::vector<std::function<void()>> posted;
+  {
+    const Lock lock(mMutex);
+    posted.swap(mPosted);
+  }
+  for (const auto& function : posted) {
+    try {
+      function();
+    } catch (const std::exception& error) {
+      logLine(LOG_ERR, "bus: a function handed to the bus thread failed: %s", error.what());
+    }
+  }
+}
+
+void BusLoop::waitAndHandle() {
+  collectEntries();
+  const int ready = poll(mEntries.data(), mEntries.size(), pollTimeout());
+  if (ready > 0) {
+    if (mEntries.front().revents != 0) {
+      std::uint64_t kicks = 0;
+      // Nothing to read is fine: another wake-up took it.
+      [[maybe_unused]] const auto taken = read(mEventFd, &kicks, sizeof kicks);
+    }
+    handleWatches();
+  }
+  handleTimeouts();
+}
+
+void BusLoop::collectEntries() {
+  mEntries.assign(1, {mEventFd, POLLIN, 0});
+  mPolled.assign(1, nullptr);
+  const Lock lock(mMutex);
+  for (auto* watch : mWatches) {
+    if (!watch->enabled()) continue;
+    mEntries.push_back({watch->descriptor(), toPollEvents(watch->flags()), 0});
+    mPolled.push_back(watch);
+  }
+}
+
+void BusLoop::handleWatches() {
+  for (std::size_t i = 1; i < mEntries.size(); ++i) {
+    if (mEntries[i].revents == 0) continue;
+    {
+      // An earlier one may have removed this one.
+      const Lock lock(mMutex);
+      if (std::find(mWatches.begin(), mWatches.end(), mPolled[i]) == mWatches.end()) continue;
+    }
+    mPolled[i]->handle(toWatchFlags(mEntries[i].revents));
+  }
+}
+
+int BusLoop::pollTimeout() {
+  const Lock lock(mMutex);
+  auto nearest = std::chrono::milliseconds::max();
+  const auto now = Clock::now();
+  for (const auto* timeout : mTimeouts) {
+    if (!timeout->enabled()) continue;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(timeout->due() - now);
+    nearest = std::min(nearest, std::max(left, std::chrono::milliseconds(0)));
+  }
+  if (nearest == std::chrono::milliseconds::max()) return -1;
+  constexpr std::chrono::milliseconds kLongest{60'000};
+  return static_cast<int>(std::min(nearest, kLongest).count());
+}
+
+void BusLoop::handleTimeouts() {
+  std::vector<LoopTimeout*> due;
+  const auto now = Clock::now();
+  {
+    const Lock lock(mMutex);
+    for (auto* timeout : mTimeouts) {
+      if (timeout->enabled() && timeout->due() <= now) due.push_back(timeout);
+    }
+  }
+  for (auto* timeout : due) {
+    {
+      const Lock lock(mMutex);
+      if (std::find(mTimeouts.begin(), mTimeouts.end(), timeout) == mTimeouts.end()) continue;
+    }
+    timeout->arm();
+    timeout->handle();
+  }
+}
+
+// The library's own flush waits for ever where the bus does not read.
+void BusLoop::sendWhatWaits() {
+  const auto limit = Clock::now() + kSendLimit;
+  while (mConnection->connected() && outputWaits() && Clock::now() < limit) {
+    collectEntries();
+    if (poll(mEntries.data() + 1, mEntries.size() - 1, 100) > 0) handleWatches();
+  }
+}
+
+// The library keeps its writing watch enabled only while something waits to be written.
+bool BusLoop::outputWaits() {
+  const Lock lock(mMutex);
+  return std::any_of(mWatches.begin(), mWatches.end(), [](const LoopWatch* watch) {
+    return watch->enabled() && (watch->flags() & DBUS_WATCH_WRITABLE) != 0;
+  });
+}
+
+void BusLoop::kick() const {
+  const std::uint64_t one = 1;
+  // A full counter wakes the loop as well.
+  [[maybe_unused]] const auto written = write(mEventFd, &one, sizeof one);
+}
+
+}  // namespace DBus

@@ -1,0 +1,90 @@
+// The event loop of the bus thread.
+//
+// The bus library's stock loop loses an early request to leave, never notices a bus that died with
+// output pending, and hides a signal sent from elsewhere until its next wake-up. This one keeps its
+// own lists of watches and timeouts, polls each watch as an entry of its own, is woken by an eventfd
+// and ends when it is told to, however early, or when the connection is lost. It sleeps without a
+// time limit where the library has no timeout pending, so that an idle daemon is never woken.
+#pragma once
+
+#include <dbus-c++/dbus.h>
+#include <poll.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "platform/process/annotations.h"
+
+namespace DBus {
+
+class BusLoop : public Dispatcher {
+ public:
+  /// How a run of the loop ended.
+  enum class End { kLeft, kLost };
+
+  /// @param maxPosted bound of the queue that post() fills
+  explicit BusLoop(std::size_t maxPosted);
+  ~BusLoop() override;
+  BusLoop(const BusLoop&) = delete;
+  BusLoop& operator=(const BusLoop&) = delete;
+
+  /// Starts a thread that runs the loop for `connection`; `lost` is called on it where the
+  /// connection is lost.
+  void start(Connection& connection, std::function<void()> lost);
+  /// Ends and joins the thread, and drops what was posted.
+  void stop();
+
+  /// Queues `function` for the thread. @return false where the queue is full
+  bool post(std::function<void()> function) PM_EXCLUDES(mMutex);
+
+  /// Whether the loop's thread is another than the calling one and runs.
+  bool runsElsewhere() const;
+
+  // What the bus library calls.
+  void enter() override;
+  void leave() override;
+  Timeout* add_timeout(Timeout::Internal* internal) override PM_EXCLUDES(mMutex);
+  void rem_timeout(Timeout* timeout) override PM_EXCLUDES(mMutex);
+  Watch* add_watch(Watch::Internal* internal) override PM_EXCLUDES(mMutex);
+  void rem_watch(Watch* watch) override PM_EXCLUDES(mMutex);
+
+ private:
+  class LoopWatch;
+  class LoopTimeout;
+  using Clock = std::chrono::steady_clock;
+
+  End run();
+  void runPosted() PM_EXCLUDES(mMutex);
+  void waitAndHandle() PM_EXCLUDES(mMutex);
+  void handleWatches() PM_EXCLUDES(mMutex);
+  void handleTimeouts() PM_EXCLUDES(mMutex);
+  void sendWhatWaits() PM_EXCLUDES(mMutex);
+  bool outputWaits() PM_EXCLUDES(mMutex);
+  void collectEntries() PM_EXCLUDES(mMutex);
+  int pollTimeout() PM_EXCLUDES(mMutex);
+  void kick() const;
+
+  const std::size_t mMaxPosted;
+  const int mEventFd;
+  std::atomic<bool> mLeave{false};
+  Connection* mConnection = nullptr;  // of the helper; set before the thread starts
+  std::function<void()> mLost;
+  std::thread mThread;
+  std::atomic<std::thread::id> mThreadId{};
+
+  // Never held while a watch, a timeout or a posted function is handled.
+  mutable ::Mutex mMutex;  // not the bus library's Mutex
+  std::vector<LoopWatch*> mWatches PM_GUARDED_BY(mMutex);      // deleted by rem_watch
+  std::vector<LoopTimeout*> mTimeouts PM_GUARDED_BY(mMutex);   // deleted by rem_timeout
+  std::vector<std::function<void()>> mPosted PM_GUARDED_BY(mMutex);
+
+  // The poll entries and, at the same index, their watches; the eventfd comes first, without one.
+  std::vector<pollfd> mEntries;
+  std::vector<LoopWatch*> mPolled;
+};
+
+}  // namespace DBus
