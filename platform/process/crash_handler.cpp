@@ -1,0 +1,268 @@
+#include "platform/process/crash_handler.h"
+
+// Only this process is unwound: the cheaper half of the library, and the one fit for handlers.
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
+#include <link.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#include "platform/log/log_line.h"
+
+namespace {
+
+constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
+// Frames beyond are left out: an endless recursion shows its circle long before.
+constexpr int kFrameLimit = 64;
+// The unwinder's own frames, the cursor (1 KiB each) and a line fit several times.
+constexpr std::size_t kStackBytes = 64 * 1024;
+// The whole report, in seconds; after it SIGALRM ends the process.
+constexpr unsigned kReportSeconds = 5;
+// How long one line waits for a full log socket, in microseconds.
+constexpr suseconds_t kLogWait = 100'000;
+// Modules whose names are known at a crash; the daemon maps some thirty.
+constexpr std::size_t kModuleLimit = 64;
+
+struct Module {
+  std::uintptr_t base, end;
+  char name[48];
+};
+
+// Everything a handler needs, made before the first signal and only read afterwards.
+struct Prepared {
+  int logSocket = -1;
+  sockaddr_un logAddress{};
+  char ident[32]{};
+  std::array<Module, kModuleLimit> modules{};
+  std::size_t moduleCount = 0;
+  alignas(16) std::array<char, kStackBytes> stack{};
+};
+Prepared prepared;
+
+// The thread that reports; 0 while none does.
+std::atomic<pid_t> reporter{0};
+static_assert(std::atomic<pid_t>::is_always_lock_free);
+
+/// A line of text in a buffer of fixed size; what does not fit is cut.
+class Line {
+ public:
+  Line& text(std::string_view more) {
+    const std::size_t taken = std::min(more.size(), mBytes.size() - 1 - mLength);
+    std::memcpy(mBytes.data() + mLength, more.data(), taken);
+    mLength += taken;
+    return *this;
+  }
+  Line& decimal(long number) {
+    if (number < 0) text("-");
+    const auto size = static_cast<unsigned long>(number);
+    return digits(number < 0 ? 0 - size : size, 10, 1);
+  }
+  Line& hex(std::uintptr_t number, int least = 1) { return text("0x").digits(number, 16, least); }
+  /// The text with a newline, whether or not it was cut.
+  std::string_view withNewline() {
+    mBytes[mLength] = '\n';
+    return {mBytes.data(), mLength + 1};
+  }
+  std::string_view view() const { return {mBytes.data(), mLength}; }
+
+ private:
+  Line& digits(unsigned long number, unsigned base, int least) {
+    std::array<char, 24> reversed;
+    int count = 0;
+    for (; number != 0 || count < least; number /= base) {
+      reversed[static_cast<std::size_t>(count++)] = "0123456789abcdef"[number % base];
+    }
+    while (count > 0) text({&reversed[static_cast<std::size_t>(--count)], 1});
+    return *this;
+  }
+
+  std::array<char, 512> mBytes;
+  std::size_t mLength = 0;
+};
+
+/// Says lines to stderr and to the log, and gives the log up when it takes none.
+class Report {
+ public:
+  void say(Line& line) {
+    const auto bytes = line.withNewline();
+    // Nobody is left to hear that stderr is closed or full.
+    if (write(STDERR_FILENO, bytes.data(), bytes.size()) < 0) errno = 0;
+    if (mLogTakes) sayToLog(line.view());
+  }
+
+ private:
+  void sayToLog(std::string_view text) {
+    Line line;
+    line.text("<").decimal(LOG_LOCAL0 | LOG_CRIT).text(">").text(prepared.ident);
+    line.text("[").decimal(getpid()).text("]: ").text(text);
+    const auto bytes = line.view();
+    mLogTakes = sendto(prepared.logSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL,
+                       reinterpret_cast<const sockaddr*>(&prepared.logAddress),
+                       sizeof prepared.logAddress) >= 0;
+  }
+
+  bool mLogTakes = prepared.logSocket >= 0;
+};
+
+void sayModule(Line& line, std::uintptr_t address) {
+  for (std::size_t index = 0; index < prepared.moduleCount; ++index) {
+    const Module& module = prepared.modules[index];
+    if (address < module.base || address >= module.end) continue;
+    line.text(" ").text(module.name).text("+").hex(address - module.base);
+    return;
+  }
+}
+
+void sayFrame(Report& report, int number, unw_cursor_t& cursor) {
+  unw_word_t address = 0;
+  unw_get_reg(&cursor, UNW_REG_IP, &address);
+  Line line;
+  line.text("process: #").decimal(number).text(" ").hex(address, 16);
+  sayModule(line, address);
+  char name[256];
+  unw_word_t offset = 0;
+  const int found = unw_get_proc_name(&cursor, name, sizeof name, &offset);
+  // UNW_ENOMEM: the name was cut, which still tells.
+  if (found == 0 || found == -UNW_ENOMEM)
+    line.text(" (").text(name).text("+").hex(offset).text(")");
+  report.say(line);
+}
+
+void sayTrace(Report& report, unw_context_t* context) {
+  unw_cursor_t cursor;
+  if (unw_init_local2(&cursor, context, UNW_INIT_SIGNAL_FRAME) != 0) return;
+  for (int number = 0; number < kFrameLimit; ++number) {
+    sayFrame(report, number, cursor);
+    if (unw_step(&cursor) <= 0) return;
+  }
+}
+
+void saySignal(Report& report, const siginfo_t& info) {
+  Line line;
+  line.text("process: fatal signal ").decimal(info.si_signo);
+  const char* const name = sigabbrev_np(info.si_signo);
+  if (name != nullptr) line.text(" (SIG").text(name).text(")");
+  if (info.si_code <= 0) {
+    line.text(" sent by process ").decimal(info.si_pid);
+  } else {
+    line.text(" at ").hex(reinterpret_cast<std::uintptr_t>(info.si_addr));
+  }
+  char thread[16]{};
+  prctl(PR_GET_NAME, thread);
+  line.text(" in thread ").text(thread).text(" (").decimal(gettid()).text(")");
+  report.say(line);
+}
+
+// The signal comes again, now to its default action, as soon as this handler returns: it is blocked
+// while the handler runs, and the core dump then shows the place that was interrupted.
+void dieBy(siginfo_t& info) {
+  std::signal(info.si_signo, SIG_DFL);
+  // With its details where the kernel lets a process send them to itself, else without.
+  if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), info.si_signo, &info) != 0) {
+    raise(info.si_signo);
+  }
+}
+
+// So that a report which hangs has an end, whatever this thread had blocked.
+void limitReport() {
+  std::signal(SIGALRM, SIG_DFL);
+  sigset_t alarmOnly;
+  sigemptyset(&alarmOnly);
+  sigaddset(&alarmOnly, SIGALRM);
+  pthread_sigmask(SIG_UNBLOCK, &alarmOnly, nullptr);
+  alarm(kReportSeconds);
+}
+
+void onFatalSignal(int, siginfo_t* info, void* context) {
+  pid_t none = 0;
+  if (!reporter.compare_exchange_strong(none, gettid())) {
+    // The report itself went wrong: no second try.
+    if (none == gettid()) return dieBy(*info);
+    // Another thread reports and will end the process.
+    for (;;) pause();
+  }
+  limitReport();
+  Report report;
+  saySignal(report, *info);
+  sayTrace(report, static_cast<unw_context_t*>(context));
+  dieBy(*info);
+}
+
+int noteModule(dl_phdr_info* info, std::size_t, void*) {
+  if (prepared.moduleCount == kModuleLimit) return 1;
+  Module& module = prepared.modules[prepared.moduleCount];
+  module = {info->dlpi_addr, info->dlpi_addr, {}};
+  for (int index = 0; index < info->dlpi_phnum; ++index) {
+    const auto& segment = info->dlpi_phdr[index];
+    if (segment.p_type != PT_LOAD) continue;
+    module.end = std::max(module.end, info->dlpi_addr + segment.p_vaddr + segment.p_memsz);
+  }
+  // The loader gives the program itself an empty name.
+  const char* const path = info->dlpi_name[0] != '\0' ? info->dlpi_name : prepared.ident;
+  const char* const slash = std::strrchr(path, '/');
+  strncpy(module.name, slash != nullptr ? slash + 1 : path, sizeof module.name - 1);
+  ++prepared.moduleCount;
+  return 0;
+}
+
+void openLog() {
+  prepared.logAddress.sun_family = AF_UNIX;
+  strncpy(prepared.logAddress.sun_path, "/dev/log", sizeof prepared.logAddress.sun_path - 1);
+  if (prepared.logSocket >= 0) return;
+  prepared.logSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  const timeval wait{0, kLogWait};
+  setsockopt(prepared.logSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+}
+
+// The unwinder fills tables of its own at its first use: better now than in the handler.
+void warmUnwinder() {
+  unw_context_t context;
+  unw_cursor_t cursor;
+  unw_word_t offset = 0;
+  char name[8];
+  unw_getcontext(&context);
+  if (unw_init_local(&cursor, &context) != 0) return;
+  unw_get_proc_name(&cursor, name, sizeof name, &offset);
+  unw_step(&cursor);
+}
+
+bool installHandlers() {
+  stack_t stack{};
+  stack.ss_sp = prepared.stack.data();
+  stack.ss_size = prepared.stack.size();
+  if (sigaltstack(&stack, nullptr) != 0) return false;
+  struct sigaction action {};
+  action.sa_sigaction = onFatalSignal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  for (const int number : kFatalSignals) {
+    if (sigaction(number, &action, nullptr) != 0) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+int initCrashHandler() {
+  strncpy(prepared.ident, program_invocation_short_name, sizeof prepared.ident - 1);
+  openLog();
+  prepared.moduleCount = 0;
+  dl_iterate_phdr(noteModule, nullptr);
+  warmUnwinder();
+  if (installHandlers()) return 0;
+  logLine(LOG_ERR, "process: cannot install the crash handler: %s", std::strerror(errno));
+  return -1;
+}

@@ -1,0 +1,14 @@
+// Names that become one component of a path.
+#pragma once
+
+#include <cstring>
+
+namespace process {
+
+/// Whether `name` is a text that stays in the folder it is appended to: not null, not empty,
+/// without a slash, not beginning with a dot.
+inline bool isFileName(const char* name) {
+  return name != nullptr && name[0] != '\0' && name[0] != '.' && std::strchr(name, '/') == nullptr;
+}
+
+}  // namespace process

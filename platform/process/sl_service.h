@@ -1,0 +1,23 @@
+// The base of every service that a daemon's main starts and deletes.
+#pragma once
+
+#include <cstdint>
+
+/// A service with a life of three steps: made, started, stopped. Deleting it stops it.
+///
+/// The order of the virtual functions (the destructor's two, stop, start) is part of the contract:
+/// services and those who start them are built apart.
+class SlService {
+ public:
+  SlService() = default;
+  SlService(const SlService&) = delete;
+  SlService& operator=(const SlService&) = delete;
+  virtual ~SlService() = default;
+
+  /// Ends what start() began and waits for it. Bears being called when nothing runs.
+  virtual void stop() = 0;
+
+  /// Begins the service's work and returns at once.
+  /// @return 0 when it runs
+  virtual std::int32_t start() = 0;
+};

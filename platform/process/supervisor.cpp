@@ -1,0 +1,44 @@
+#include "platform/process/supervisor.h"
+
+#include <systemd/sd-daemon.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "platform/log/log_line.h"
+
+namespace {
+
+int tell(const std::string& state) {
+  // The variables stay: every notification needs them anew.
+  const int result = sd_notify(0, state.c_str());
+  if (result >= 0) return 0;
+  logLine(LOG_ERR, "process: cannot tell the supervisor: %s", std::strerror(-result));
+  return -1;
+}
+
+void checkWatchdogInterval() {
+  std::uint64_t limit = 0;
+  if (sd_watchdog_enabled(0, &limit) <= 0) return;
+  const std::chrono::microseconds least = 2 * kWatchdogFeedInterval;
+  if (limit >= static_cast<std::uint64_t>(least.count())) return;
+  logLine(LOG_WARNING, "process: the watchdog's %llu ms are too few, it is fed every %lld s",
+          static_cast<unsigned long long>(limit / 1000),
+          static_cast<long long>(kWatchdogFeedInterval.count()));
+}
+
+}  // namespace
+
+int restart_connect(const char* name) {
+  checkWatchdogInterval();
+  return tell(std::string("READY=1\nSTATUS=") + (name == nullptr ? "" : name) + " runs");
+}
+
+int feedWatchdog() {
+  return sd_watchdog_enabled(0, nullptr) > 0 ? tell("WATCHDOG=1") : 0;
+}
+
+int notifyStopping() {
+  return tell("STOPPING=1");
+}
