@@ -22,6 +22,8 @@
 #define PM_ACQUIRE(...) PM_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define PM_RELEASE(...) PM_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define PM_TRY_ACQUIRE(...) PM_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define PM_ACQUIRED_BEFORE(...) PM_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
+#define PM_ACQUIRED_AFTER(...) PM_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
 #define PM_EXCLUDES(...) PM_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define PM_NO_THREAD_SAFETY_ANALYSIS PM_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 

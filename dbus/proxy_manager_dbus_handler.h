@@ -1,0 +1,58 @@
+// The object that the bus sees at /com/zentu/ProxyManagerService.
+//
+// It forwards the four calls to the service, or answers by itself where it has none, and announces
+// every update. It is also the border at which nothing a client sends may end the process: a call
+// without an interface is answered as the one interface's, and whatever is thrown below becomes the
+// answer of a handler without a service and one LOG_ERR line. Operations run on the bus thread.
+#pragma once
+
+#include <dbus-c++/dbus.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dbus/proxy_manager_service_interface.h"
+#include "platform/process/annotations.h"
+
+class ProxyManagerServiceImpl;
+
+class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_adaptor,
+                                public DBus::ObjectAdaptor,
+                                public DBus::IntrospectableAdaptor {
+ public:
+  /// Registers the object at `path` of `connection`.
+  /// @param service not owned, may be null; outlives the handler or is detached before it goes
+  ProxyManagerDbusHandler(ProxyManagerServiceImpl* service, DBus::Connection& connection,
+                          const char* path);
+  ~ProxyManagerDbusHandler() override;
+  ProxyManagerDbusHandler(const ProxyManagerDbusHandler&) = delete;
+  ProxyManagerDbusHandler& operator=(const ProxyManagerDbusHandler&) = delete;
+
+  /// Lets the call in flight end, then forgets the service: later calls are answered without one.
+  /// Any thread but the bus thread inside a call.
+  void detachService() PM_EXCLUDES(mServiceMutex);
+
+  /// Always true.
+  bool checkServicestarted() override;
+  /// The service's answer; "off" alone without a service.
+  std::vector<std::string> getProxyurl(const std::string& requestUrl) override
+      PM_EXCLUDES(mServiceMutex);
+  /// The service's configuration; "off" and five empty texts without a service.
+  com::zentu::ProxyConfigTexts getProxyconfig() override PM_EXCLUDES(mServiceMutex);
+  /// The service's result, after notifyProxyConfigupdated with the values as given; -1 and no signal
+  /// without a service.
+  std::int32_t updateProxyconfig(const std::string& mode, const std::string& proxyurl,
+                                 const std::string& pacurl, const bool& enableauth,
+                                 const std::string& userName, const std::string& password) override
+      PM_EXCLUDES(mServiceMutex);
+
+ private:
+  // The library's own ends the process on a call without an interface and on foreign exceptions.
+  bool handle_message(const DBus::Message& message) override;
+  DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
+
+  // Held during a call, so that detachService() waits for the one in flight.
+  Mutex mServiceMutex;
+  ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
+};

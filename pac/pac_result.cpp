@@ -1,0 +1,64 @@
+// The parsing of a script's result text.
+
+#include <algorithm>
+#include <string_view>
+
+#include "pac/pac_parser.h"
+#include "platform/log/log_line.h"
+
+namespace {
+
+constexpr const char* kPrefix = "PacParser-";
+
+enum EntryType : std::int32_t { kNone = 0, kDirect = 1, kProxy = 2, kSocks = 3 };
+
+char* heapText(const std::string& text) {
+  return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
+}
+
+}  // namespace
+
+ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
+  logLine(LOG_NOTICE, "%s%s proxys:%s", kPrefix, "proxys2ProxySettings", proxys.c_str());
+  ProxyUrlSettings settings;
+  std::size_t begin = 0;
+  for (auto end = proxys.find(';'); end != std::string::npos; end = proxys.find(';', begin)) {
+    const std::string piece = proxys.substr(begin, end - begin);
+    begin = end + 1;
+    const ProxyUrlSetting setting = proxy2ProxySetting(piece);
+    if (setting.type == kNone) continue;
+    logLine(LOG_INFO, "%s%s proxyStr:%s  proxy type:%d, url:%s", kPrefix, "proxys2ProxySettings",
+            piece.c_str(), setting.type, setting.url);
+    settings.push_back(setting);
+  }
+  if (begin == proxys.size()) return settings;
+  const std::string rest = proxys.substr(begin);
+  const ProxyUrlSetting setting = proxy2ProxySetting(rest);
+  if (setting.type != kNone) {
+    logLine(LOG_INFO, "%s%s subString:%s proxy type:%d, url:%s", kPrefix, "proxys2ProxySettings",
+            rest.c_str(), setting.type, setting.url);
+    settings.push_back(setting);
+  }
+  return settings;
+}
+
+ProxyUrlSetting PacParser::proxy2ProxySetting(std::string proxy) {
+  logLine(LOG_INFO, "%s%s proxy:%s", kPrefix, "proxy2ProxySetting", proxy.c_str());
+  proxy.erase(0, std::min(proxy.find_first_not_of(" \t"), proxy.size()));
+  ProxyUrlSetting setting{kNone, nullptr};
+  if (proxy == "DIRECT") {
+    setting = {kDirect, heapText(proxy)};
+    return setting;
+  }
+  const auto blank = proxy.find(' ');
+  if (blank == std::string::npos) return setting;
+  const auto keyword = std::string_view(proxy).substr(0, blank);
+  if (keyword == "PROXY") {
+    setting = {kProxy, heapText(proxy)};
+    logLine(LOG_INFO, "%s%s type proxy, url:%s", kPrefix, "proxy2ProxySetting", setting.url);
+  } else if (keyword == "SOCKS") {
+    setting = {kSocks, heapText(proxy)};
+    logLine(LOG_INFO, "%s%s type socks, url:%s", kPrefix, "proxy2ProxySetting", setting.url);
+  }
+  return setting;
+}

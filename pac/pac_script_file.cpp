@@ -1,0 +1,170 @@
+// The reading of the script's file, the look whether it changed, and the rebuilding of the engine.
+
+#define OPENSSL_SUPPRESS_DEPRECATED  // the digest tells files apart, it protects nothing
+#include <fcntl.h>
+#include <openssl/md5.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "pac/pac_parser.h"
+#include "pac/service_notice.h"
+#include "platform/log/log_line.h"
+
+namespace {
+
+constexpr const char* kPrefix = "PacParser-";
+constexpr std::size_t kFirstBuffer = 8192;
+
+void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+
+class File {
+ public:
+  explicit File(int fd) : mFd(fd) {}
+  ~File() {
+    if (mFd >= 0) close(mFd);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  int fd() const { return mFd; }
+
+ private:
+  const int mFd;
+};
+
+// The script's folder is everybody's: what another user put there is never read, nor waited for.
+// A folder passes, for reading it fails and harms nothing.
+int openScript(const std::string& fileName) {
+  const int fd = open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) return fd;
+  struct stat status {};
+  const bool ours = fstat(fd, &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) &&
+                    (status.st_uid == 0 || status.st_uid == geteuid());
+  if (ours) return fd;
+  close(fd);
+  return -1;
+}
+
+}  // namespace
+
+/// What was read so far. A C allocation, so that running out of memory is an answer, not an exception.
+class PacParser::ReadBuffer {
+ public:
+  /// Reads `file` to its end. @return whether that succeeded; else a line has said why
+  bool readAll(int file, const std::string& fileName) {
+    mData.reset(static_cast<char*>(std::calloc(kFirstBuffer, 1)));
+    if (mData == nullptr) return outOfMemory(fileName);
+    mCapacity = kFirstBuffer;
+    while (true) {
+      const ssize_t count = read(file, mData.get() + mLength, mCapacity - mLength);
+      if (count == 0) return true;
+      if (count < 0) {
+        logLine(LOG_ERR, "%s%s error reading from file %s, rc:%d", kPrefix, "readPacFile",
+                fileName.c_str(), static_cast<int>(count));
+        return false;
+      }
+      mLength += static_cast<std::size_t>(count);
+      if (mLength == mCapacity && !grow()) return outOfMemory(fileName);
+    }
+  }
+
+  const char* data() const { return mData.get(); }
+  std::size_t length() const { return mLength; }
+
+ private:
+  bool grow() {
+    auto* larger = static_cast<char*>(std::realloc(mData.get(), mCapacity * 2));
+    if (larger == nullptr) return false;
+    [[maybe_unused]] const char* moved = mData.release();
+    mData.reset(larger);
+    mCapacity *= 2;
+    return true;
+  }
+
+  static bool outOfMemory(const std::string& fileName) {
+    logLine(LOG_ERR, "%s%s error allocating memory for pac file %s", kPrefix, "readPacFile",
+            fileName.c_str());
+    return false;
+  }
+
+  HeapText mData;
+  std::size_t mCapacity = 0;
+  std::size_t mLength = 0;
+};
+
+int PacParser::parsePacFile(const std::string& fileName) {
+  logCalled("parsePacFile");
+  if (fileName.empty()) {
+    logLine(LOG_ERR, "%s%s error pac file name is empty", kPrefix, "parsePacFile");
+    return 0;
+  }
+  ReloadGate gate(mAnswerGate, std::defer_lock);
+  if (readPacFile(fileName, gate) == 0) {
+    logLine(LOG_ERR, "%s%s failed to read pac file name", kPrefix, "parsePacFile");
+    return 0;
+  }
+  const Lock lock(mEngineMutex);
+  mPac.reset();  // before the new one is made: never two workers
+  mPac.reset(pac_init(mPacContent.get(), mPacInitOption ? PAC_OPTION_OFFLINE : PAC_OPTION_ONLINE, notify, this));
+  logLine(LOG_INFO, "%s%s pac init", kPrefix, "parsePacFile");
+  if (mPac == nullptr) logLine(LOG_ERR, "%s%s pac init, mpac is null", kPrefix, "parsePacFile");
+  return 0;
+}
+
+int PacParser::readPacFile(const std::string& fileName) {
+  ReloadGate gate(mAnswerGate, std::defer_lock);
+  return readPacFile(fileName, gate);
+}
+
+int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
+  logLine(LOG_NOTICE, "%s%s PAC file name:%s", kPrefix, "readPacFile", fileName.c_str());
+  const File file(openScript(fileName));
+  if (file.fd() < 0) {
+    logLine(LOG_ERR, "%s%s error opening file %s", kPrefix, "readPacFile", fileName.c_str());
+    return 0;
+  }
+  ReadBuffer content;
+  bool read = false;
+  {
+    const Lock lock(mEngineMutex);
+    mPacContent.reset();
+    read = content.readAll(file.fd(), fileName);
+  }
+  if (read) {
+    gate.lock();
+    compareDigest(content);
+  }
+  const Lock lock(mEngineMutex);
+  mPacContent.reset(string2Char(content.data(), static_cast<std::int32_t>(content.length())));
+  logLine(LOG_NOTICE, "%s%s content of pac file: \n%s", kPrefix, "readPacFile", mPacContent.get());
+  return read ? 1 : 0;
+}
+
+// The digest is a C string on purpose: one that holds a zero byte ends there, for the comparison and
+// for what is kept.
+void PacParser::compareDigest(const ReadBuffer& content) {
+  unsigned char digest[kDigestLength + 1] = {};
+  if (!doMd5Hash(digest, content.data(), content.length())) return;
+  const auto* text = reinterpret_cast<const char*>(digest);
+  if (mPacHash != nullptr && std::strcmp(mPacHash.get(), text) == 0) {
+    logLine(LOG_NOTICE, "%s%s contents of old and new pac files are the same", kPrefix,
+            "readPacFile");
+    return;
+  }
+  mPacHash.reset(heapCopy(text));
+  logLine(LOG_NOTICE, "%s%s content of pac file has been updated, notify", kPrefix, "readPacFile");
+  clearProxyUrlCache();
+  noticeContentUpdated(mServiceImpl);
+}
+
+bool PacParser::doMd5Hash(unsigned char* digest, const void* data, std::size_t length) {
+  logCalled("doMd5Hash");
+  if (digest == nullptr || data == nullptr || length == 0) return false;
+  MD5_CTX context;
+  MD5_Init(&context);
+  MD5_Update(&context, data, length);
+  MD5_Final(digest, &context);
+  return true;
+}

@@ -1,0 +1,201 @@
+#include "service/proxy_manager_service_impl.h"
+
+#include <ctime>
+#include <exception>
+#include <utility>
+
+#include "fetcher/pac_fetcher.h"
+#include "pac/pac_parser.h"
+#include "platform/log/log_line.h"
+#include "platform/process/thread_name.h"
+
+namespace {
+
+constexpr const char* kPrefix = "ProxyManagerServiceImpl-";
+constexpr const char* kBusName = "com.zentu.ProxyManagerService";
+constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
+constexpr const char* kPacFileName = "/tmp/proxymanager.pac";
+constexpr int kFetchIntervalSeconds = 1800;
+constexpr time_t kAnnouncementPauseSeconds = 2;
+constexpr std::int32_t kServiceRuns = 1;
+
+void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+
+std::string textOf(const char* text) { return text == nullptr ? std::string() : text; }
+
+char* heapText(const std::string& text) {
+  return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
+}
+
+// Made and started by the contract's words; null where there is no memory for it.
+template <typename Active, typename... Arguments>
+std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
+  try {
+    return std::make_unique<Active>(std::forward<Arguments>(arguments)...);
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+}  // namespace
+
+ProxyManagerServiceImpl::ProxyManagerServiceImpl()
+    : mBusHelper(DBus::get_helper()),
+      mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
+  logCalled("ProxyManagerServiceImpl");
+  mBusHelper->requestName(kBusName);
+  const Lock lock(mConfigMutex);
+  initProxyConfig(mConfig.get());
+  mPacFileName = kPacFileName;
+}
+
+ProxyManagerServiceImpl::~ProxyManagerServiceImpl() {
+  logCalled("~ProxyManagerServiceImpl");
+  stop();
+}
+
+std::int32_t ProxyManagerServiceImpl::start() {
+  logCalled("start");
+  startFetcher();
+  startParser();
+  mBusHelper->startDispatching();
+  if (mStartupEventThread) {
+    logLine(LOG_INFO, "%s%s pac process thread already started", kPrefix, "start");
+  } else {
+    mStartupEventThread = std::make_shared<std::thread>([this] { startupEventThreadFunc(); });
+  }
+  return 0;
+}
+
+void ProxyManagerServiceImpl::startFetcher() {
+  mPacFetcher = makeActive<PACFetcher>(this, mPacFileName, kFetchIntervalSeconds);
+  if (mPacFetcher) {
+    mPacFetcher->start();
+  } else {
+    logLine(LOG_ERR, "%s%s mPacFetcher is null", kPrefix, "start");
+  }
+}
+
+void ProxyManagerServiceImpl::startParser() {
+  mPacParser = makeActive<PacParser>(this, false);
+  if (mPacParser) {
+    mPacParser->start();
+  } else {
+    logLine(LOG_ERR, "%s%s mPacFetcher is null", kPrefix, "start");
+  }
+}
+
+void ProxyManagerServiceImpl::stop() {
+  logCalled("stop");
+  mDbusHandler.detachService();
+  {
+    const Lock lock(mConfigMutex);
+    mConfig.clear();
+  }
+  mPacFetcher.reset();
+  mPacParser.reset();
+  if (mStartupEventThread) {
+    mStartupEventDone = true;
+    mStartupEventThread->join();
+    mStartupEventThread.reset();
+  }
+  mStartupEventDone = false;
+  mBusHelper->stopDispatching();
+}
+
+com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
+  logCalled("getProxyConfig");
+  const Lock lock(mConfigMutex);
+  com::zentu::ProxyConfigTexts texts;
+  texts._1 = proxyMode2Str(mConfig->mode);
+  texts._2 = textOf(mConfig->proxyurl);
+  texts._3 = textOf(mConfig->pacurl);
+  texts._4 = mConfig->enableauth ? "y" : "n";
+  texts._5 = textOf(mConfig->userName);
+  texts._6 = textOf(mConfig->password);
+  return texts;
+}
+
+std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
+    const std::string& mode, const std::string& proxyurl, const std::string& pacUrl,
+    const bool& enableauth, const std::string& userName, const std::string& password) {
+  logLine(LOG_NOTICE, "%s%s mode:%s, proxyurl:%s pacurl:%s", kPrefix, "updateProxyConfig",
+          mode.c_str(), proxyurl.c_str(), pacUrl.c_str());
+  mStartupEventDone = true;
+  const Lock lock(mConfigMutex);
+  const ProxyMode previous = mConfig->mode;
+  cleanupProxyConfig(mConfig.get());
+  mConfig->mode = str2ProxyMode(mode.c_str());
+  logLine(LOG_NOTICE, "%s%s notify clear cache new mode:%d, pre mode:%d", kPrefix,
+          "updateProxyConfig", mConfig->mode, previous);
+  emitClearcache();
+  if (mConfig->mode == manual) {
+    mConfig->proxyurl = heapText(proxyurl);
+  } else if (mConfig->mode == pacurl) {
+    mConfig->pacurl = heapText(pacUrl);
+  }
+  // The flag itself stays false: getProxyconfig goes on to say "n".
+  if (enableauth) {
+    mConfig->userName = heapText(userName);
+    mConfig->password = heapText(password);
+  }
+  if (mPacFetcher) mPacFetcher->updateProxyMgrConfig(*mConfig);
+  return 0;
+}
+
+// Unlocked: runs on the bus thread, which alone writes the configuration.
+std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl)
+    PM_NO_THREAD_SAFETY_ANALYSIS {
+  logLine(LOG_NOTICE, "%s%s proxy mode:%d, request url:%s", kPrefix, "getProxyUrl", mConfig->mode,
+          requestUrl.c_str());
+  std::vector<std::string> urls{proxyMode2Str(mConfig->mode)};
+  if (mConfig->mode == pacurl || mConfig->mode == wpad) {
+    appendScriptAnswer(requestUrl, urls);
+  } else if (mConfig->mode == manual && mConfig->proxyurl != nullptr) {
+    logLine(LOG_NOTICE, "%s%s manual, proxyUrl:%s", kPrefix, "getProxyUrl", mConfig->proxyurl);
+    urls.emplace_back(mConfig->proxyurl);
+  } else {
+    urls.emplace_back();
+  }
+  return urls;
+}
+
+void ProxyManagerServiceImpl::appendScriptAnswer(const std::string& requestUrl,
+                                                 std::vector<std::string>& urls) {
+  if (!mPacParser) return;
+  // The list's texts are the cache's: no new script may empty it before they are copied.
+  const auto answers = mPacParser->shareAnswers();
+  for (const auto& entry : mPacParser->getProxy(requestUrl)) {
+    logLine(LOG_NOTICE, "%s%s proxyUrl:%s", kPrefix, "getProxyUrl", entry.url);
+    urls.push_back(textOf(entry.url));
+  }
+}
+
+void ProxyManagerServiceImpl::pacFileUpdated() {
+  logLine(LOG_NOTICE, "%s%s pacFileName:%s", kPrefix, "pacFileUpdated", mPacFileName.c_str());
+  if (mPacParser) {
+    mPacParser->parsePacFile(mPacFileName);
+  } else {
+    logLine(LOG_ERR, "%s%s pacparser is null pacFileName:%s", kPrefix, "pacFileUpdated",
+            mPacFileName.c_str());
+  }
+}
+
+void ProxyManagerServiceImpl::pacContentUpdated() {
+  logLine(LOG_NOTICE, "%s%s pacFileName:%s", kPrefix, "pacContentUpdated", mPacFileName.c_str());
+  emitClearcache();
+}
+
+void ProxyManagerServiceImpl::emitClearcache() {
+  mBusHelper->run([this] { mDbusHandler.notifyClearcache(); });
+}
+
+void ProxyManagerServiceImpl::startupEventThreadFunc() {
+  pthread_name_np(gettid(), "pm-announce");
+  logCalled("startupEventThreadFunc");
+  while (!mStartupEventDone) {
+    mBusHelper->run([this] { mDbusHandler.ProxyMgrStateEvent(kServiceRuns); });
+    const timespec pause{kAnnouncementPauseSeconds, 0};
+    nanosleep(&pause, nullptr);
+  }
+}

@@ -1,0 +1,88 @@
+"""The built daemon as a process."""
+
+import os
+import signal
+import subprocess
+
+from .bus import ADDRESS, LIMIT, Client, wait_until
+
+START_LIMIT = 30.0  # a sanitizer build on a busy machine
+# A download in flight is waited for.
+STOP_LIMIT = 60.0
+
+
+class Daemon:
+    def __init__(self, build, address=ADDRESS, environment=None, start=True, wrapper=()):
+        self.path = os.path.join(build, "out", "sbin", "proxymanagerd")
+        self.environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
+                            "DBUS_SYSTEM_BUS_ADDRESS": address, **(environment or {})}
+        for name, value in os.environ.items():
+            if name.endswith("SAN_OPTIONS"):
+                self.environment[name] = value
+        self.address = address
+        self.wrapper = list(wrapper)
+        self.process = None
+        self.errors = None
+        if start:
+            self.start()
+
+    def spawn(self):
+        self.errors = open(f"/run/daemon_stderr.{os.urandom(4).hex()}", "w+b")
+        self.process = subprocess.Popen(self.wrapper + [self.path], env=self.environment,
+                                        stdin=subprocess.DEVNULL, stdout=self.errors,
+                                        stderr=self.errors)
+        return self
+
+    def start(self):
+        self.spawn()
+        with Client(self.address) as client:
+            wait_until(lambda: client.owner() is not None or self.process.poll() is not None,
+                       "the daemon owns its name", START_LIMIT)
+            assert self.process.poll() is None, f"the daemon ended: {self.stderr()}"
+        return self
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    def stderr(self):
+        self.errors.seek(0)
+        return self.errors.read().decode("utf-8", "replace")
+
+    def signal(self, number):
+        self.process.send_signal(number)
+
+    def wait(self, limit=STOP_LIMIT):
+        status = self.process.wait(limit)
+        assert "Sanitizer" not in self.stderr(), self.stderr()
+        return status
+
+    def stop(self, limit=STOP_LIMIT):
+        """SIGTERM and its status."""
+        self.signal(signal.SIGTERM)
+        return self.wait(limit)
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait(LIMIT)
+
+    def close(self):
+        """For fixtures: an orderly end where it still runs, and no sanitizer report either way."""
+        if self.process is None:
+            return
+        if self.process.poll() is None:
+            assert self.stop() == 0, f"status {self.process.returncode}: {self.stderr()}"
+        else:
+            assert "Sanitizer" not in self.stderr(), self.stderr()
+        self.errors.close()
+
+    def children(self):
+        """Pids of the workers that live."""
+        found = []
+        for task in os.listdir(f"/proc/{self.pid}/task"):
+            try:
+                with open(f"/proc/{self.pid}/task/{task}/children") as children:
+                    found += [int(pid) for pid in children.read().split()]
+            except FileNotFoundError:
+                pass
+        return found

@@ -1,0 +1,72 @@
+"""A mount namespace for one test: its own /tmp, /run, /etc, /dev and /usr/local.
+
+The daemon reads and writes fixed paths; here they neither meet nor touch the machine's.
+"""
+
+import contextlib
+import ctypes
+import os
+import shutil
+
+CLONE_NEWNS = 0x00020000
+MS_NOSUID, MS_BIND, MS_REC, MS_PRIVATE = 2, 4096, 16384, 1 << 18
+
+_libc = ctypes.CDLL(None, use_errno=True)
+_DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
+
+
+def _check(result, what):
+    if result != 0:
+        number = ctypes.get_errno()
+        raise OSError(number, f"{what}: {os.strerror(number)}")
+
+
+def mount(source, target, kind=None, flags=0, options=None):
+    encode = lambda text: None if text is None else text.encode()
+    _check(_libc.mount(encode(source), encode(target), encode(kind), flags, encode(options)),
+           f"mount {target}")
+
+
+def unmount(target):
+    _check(_libc.umount2(target.encode(), 2), f"umount {target}")
+
+
+def mount_empty(path, options):
+    mount("tmpfs", path, "tmpfs", MS_NOSUID, options)
+
+
+def _fill():
+    """Hides no folder before what is taken from it stands in the new one."""
+    mount_empty("/mnt", "mode=0755")
+    shutil.copytree("/etc", "/mnt/etc", symlinks=True, ignore_dangling_symlinks=True)
+    os.mkdir("/mnt/dev")
+    for device in _DEVICES:
+        open(f"/mnt/dev/{device}", "w").close()
+        mount(f"/dev/{device}", f"/mnt/dev/{device}", flags=MS_BIND)
+    for folder in ("shm", "pts"):
+        os.mkdir(f"/mnt/dev/{folder}")
+        mount(f"/dev/{folder}", f"/mnt/dev/{folder}", flags=MS_BIND)
+    os.symlink("/proc/self/fd", "/mnt/dev/fd")
+    os.symlink("pts/ptmx", "/mnt/dev/ptmx")
+    mount("/mnt/etc", "/etc", flags=MS_BIND)
+    mount("/mnt/dev", "/dev", flags=MS_BIND | MS_REC)
+    mount_empty("/tmp", "mode=1777")
+    mount_empty("/run", "mode=0755")
+    mount_empty("/usr/local", "mode=0755")
+    os.makedirs("/usr/local/lumad")
+
+
+@contextlib.contextmanager
+def own_root():
+    """Inside, this thread and what it starts see the private folders."""
+    before = os.open("/proc/self/ns/mnt", os.O_RDONLY)
+    folder = os.getcwd()
+    _check(_libc.unshare(CLONE_NEWNS), "unshare (these tests need mount namespaces)")
+    try:
+        mount(None, "/", flags=MS_REC | MS_PRIVATE)
+        _fill()
+        yield
+    finally:
+        _check(_libc.setns(before, CLONE_NEWNS), "setns")
+        os.close(before)
+        os.chdir(folder)
