@@ -1,0 +1,206 @@
+"""Start, signals and end of the process."""
+
+import os
+import signal
+import subprocess
+import time
+
+import pytest
+from conftest import make_watched_files, trace
+from support.bus import NAME, Client, wait_until
+from support.daemon import Daemon
+from support.syslog_socket import DEBUG, ERR, INFO, NOTICE
+
+
+def test_the_lines_of_a_start_come_in_order(daemon, syslog):
+    syslog.wait_match(INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called ")
+    syslog.expect_in_order(
+        (NOTICE, "initTrace Set trace values at bootup for proxymanager_service"),
+        (DEBUG, "initTrace \tbaseseverity  = 7\n\t\t\tpersistent    = 0\n"
+                "\t\t\ttracemask     = 00000\n\t\t\toption/data   = 0/0 (0/0)\n"),
+        (INFO, "create_proxymanager_service called "),
+        (INFO, "ProxyManagerDbusHandler-ProxyManagerDbusHandler called "),
+        (INFO, "ProxyManagerServiceImpl-ProxyManagerServiceImpl called "),
+        (INFO, "initProxyConfig() called"),
+        (INFO, "ProxyManagerServiceImpl-start called "),
+        (INFO, "PACFetcher-PACFetcher called"),
+        (INFO, "PACFetcher-start called"),
+        (INFO, "PacParser-PacParser called "),
+        (INFO, "PacParser-start called "),
+        (INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called "))
+
+
+def test_the_lines_of_an_end_come_in_order(daemon, syslog, client):
+    client.update("off")
+    syslog.clear()
+    assert daemon.stop() == 0
+    syslog.expect_in_order(
+        (INFO, "receive_signal SIGNAL(15) received to exit the process"),
+        (INFO, "main Stop proxymanager Service"),
+        (INFO, "ProxyManagerServiceImpl-~ProxyManagerServiceImpl called "),
+        (INFO, "ProxyManagerServiceImpl-stop called "),
+        (INFO, "PACFetcher-~PACFetcher called"),
+        (INFO, "PACFetcher-stop called"),
+        (INFO, "PacParser-~PacParser called "),
+        (INFO, "PacParser-stop called "),
+        (INFO, "PacParser-clearProxyUrlCache called "),
+        (INFO, "clearCache called "),
+        (INFO, "ProxyManagerDbusHandler-~ProxyManagerDbusHandler called "))
+
+
+def test_the_log_bears_ident_pid_and_facility(daemon, syslog):
+    syslog.wait(NOTICE, "initTrace Set trace values at bootup for proxymanager_service")
+    first = next(line for line in syslog.raw if b"Set trace values" in line)
+    assert first.startswith(b"<%d>" % (0x80 | NOTICE))
+    assert b" proxymanager_service[%d]: " % daemon.pid in first
+
+
+def test_the_main_thread_bears_the_service_name(daemon):
+    with open(f"/proc/{daemon.pid}/task/{daemon.pid}/comm") as comm:
+        assert comm.read() == "proxymanager_se\n"
+
+
+def test_a_second_instance_ends_without_touching_the_bus(daemon, build, syslog):
+    with Client() as client:
+        owner = client.owner()
+        second = Daemon(build, address="unix:path=/run/no_such_bus", start=False).spawn()
+        assert second.wait() == 1
+        syslog.wait(ERR, "main Only one instance of proxymanager_service can run at a time")
+        assert not [text for text in syslog.texts() if "cannot start" in text]
+        assert client.owner() == owner
+
+
+def test_killed_it_starts_again(daemon, build, syslog):
+    daemon.kill()
+    again = Daemon(build)
+    with Client() as client:
+        assert client.check_started()
+    again.close()
+
+
+def test_a_configured_idle_daemon_is_gone_within_a_second(daemon, client, sanitizer):
+    client.update("manual", proxyurl="p:1")
+    begin = time.monotonic()
+    assert daemon.stop() == 0
+    if not sanitizer:
+        assert time.monotonic() - begin < 1
+
+
+def test_before_the_first_configuration_it_is_gone_within_three_seconds(daemon):
+    begin = time.monotonic()
+    assert daemon.stop() == 0
+    assert time.monotonic() - begin < 3
+
+
+def test_sighup_reads_the_trace_values_again_and_ends_nothing(daemon, client, syslog):
+    client.update("off")
+    trace("baseseverity=3\nthis is no line\n")
+    before = len(syslog.lines())
+    daemon.signal(signal.SIGHUP)
+
+    def masked():
+        count = len(syslog.lines())
+        client.config()
+        client.check_started()
+        time.sleep(0.05)
+        return len(syslog.lines()) == count
+
+    wait_until(masked, "lines below LOG_ERR are masked")
+    assert not [text for text in syslog.texts()[before:] if "trace.conf" in text]
+    trace("baseseverity=7\n")
+    daemon.signal(signal.SIGHUP)
+    wait_until(lambda: not masked(), "all lines are said again")
+    assert client.check_started()
+
+
+def test_a_bad_trace_line_is_named_at_start(build, bus, syslog):
+    trace("baseseverity=7\nthis is no line\n")
+    make_watched_files()
+    daemon = Daemon(build)
+    syslog.wait_match(4, r"process: .*trace\.conf.*this is no line.*")
+    daemon.close()
+
+
+def test_an_unreadable_trace_file_is_said_and_harms_nothing(build, bus, syslog):
+    os.remove("/etc/proxymanagerd/trace.conf")
+    os.mkdir("/etc/proxymanagerd/trace.conf")
+    make_watched_files()
+    daemon = Daemon(build)
+    syslog.wait(ERR, "initTrace Error while setting trace values")
+    daemon.close()
+
+
+def test_a_supervisor_that_is_not_there_prevents_nothing(build, bus, syslog):
+    make_watched_files()
+    daemon = Daemon(build, environment={"NOTIFY_SOCKET": "/run/no_such_supervisor"})
+    syslog.wait(ERR, "main restart_connect failed\n")
+    with Client() as client:
+        assert client.check_started()
+    daemon.close()
+
+
+def test_without_a_bus_it_says_one_line_and_ends_with_1(build, syslog):
+    daemon = Daemon(build, address="unix:path=/run/no_such_bus", start=False).spawn()
+    assert daemon.wait() == 1
+    errors = [line for line in syslog.lines() if line.level == ERR]
+    assert len(errors) == 1 and errors[0].text.startswith("main the service cannot start: "), errors
+
+
+def test_a_name_that_another_owns_is_one_line_and_status_1(build, bus, syslog):
+    from jeepney import message_bus
+    with Client() as owner:
+        owner.connection.send_and_get_reply(message_bus.RequestName(NAME), timeout=20)
+        daemon = Daemon(build, start=False).spawn()
+        assert daemon.wait() == 1
+        errors = [line for line in syslog.lines() if line.level == ERR]
+        assert errors == [(ERR, "main the service cannot start: another process owns the bus name")]
+
+
+def test_a_name_that_the_bus_denies_is_one_line_and_status_1(build, syslog):
+    from support.bus import Bus
+    bus = Bus(extra=f'<policy context="default"><deny own="{NAME}"/></policy>')
+    daemon = Daemon(build, start=False).spawn()
+    assert daemon.wait() == 1
+    errors = [line for line in syslog.lines() if line.level == ERR]
+    assert len(errors) == 1 and errors[0].text.startswith("main the service cannot start: "), errors
+    bus.close()
+
+
+def test_a_stale_run_file_is_no_obstacle(build, bus, syslog):
+    make_watched_files()
+    with open("/run/proxymanagerd.pid", "w") as file:
+        file.write("1\n")
+    daemon = Daemon(build)
+    with open("/run/proxymanagerd.pid") as file:
+        assert int(file.read()) == daemon.pid
+    daemon.close()
+
+
+def test_without_the_watched_files_it_says_so_and_works(build, bus, syslog):
+    daemon = Daemon(build)
+    syslog.wait(ERR, "PACFetcher-dhcpCfgWatchThreadFunc setting up watch on paths failed")
+    for path in ("/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"):
+        syslog.wait(ERR, f"PACFetcher-dhcpCfgWatchThreadFunc error setting up watch on path:{path}")
+    with Client() as client:
+        client.update("manual", proxyurl="p:1")
+        assert client.urls("http://a/") == ["manual", "p:1"]
+    daemon.close()
+
+
+def test_an_idle_daemon_is_not_woken(daemon, client, sanitizer):
+    """A configured one in mode off: its main thread's passes of 20 seconds are all."""
+    if sanitizer:
+        pytest.skip("the sanitizer's own threads wake up")
+    client.update("off")
+
+    def switches():
+        total = 0
+        for task in os.listdir(f"/proc/{daemon.pid}/task"):
+            with open(f"/proc/{daemon.pid}/task/{task}/status") as status:
+                total += sum(int(line.split()[1]) for line in status if "ctxt_switches" in line)
+        return total
+
+    time.sleep(3)  # the announcing thread's last pause
+    before = switches()
+    time.sleep(10)
+    assert switches() - before <= 2

@@ -1,0 +1,74 @@
+"""The end of the daemon under load."""
+
+import threading
+
+import pytest
+from conftest import make_watched_files
+from support.bus import Bus, BusError, Client
+from support.daemon import Daemon
+from support.syslog_socket import INFO
+from support.web import Held, script
+
+
+def stop_under_load(build, web, times):
+    """Stops `times` daemons that clients are asking; answers are a service's, or those of none."""
+    web.routes["/x.pac"] = script("PROXY p:1")
+    wrong = []
+    for _ in range(times):
+        daemon = Daemon(build)
+        ready = threading.Barrier(5)
+
+        def ask():
+            try:
+                with Client() as client:
+                    client.update("pacurl", pacurl=web.url("/x.pac"))
+                    ready.wait(20)
+                    while True:
+                        urls = client.urls("http://a/")
+                        if urls not in (["pacurl"], ["pacurl", "PROXY p:1"], ["off"]):
+                            wrong.append(urls)
+                        config = client.config()
+                        if config not in (("pacurl", "", web.url("/x.pac"), "n", "", ""),
+                                          ("off", "", "", "", "", "")):
+                            wrong.append(config)
+            except (BusError, TimeoutError):
+                pass  # the name is gone
+
+        clients = [threading.Thread(target=ask) for _ in range(4)]
+        for client in clients:
+            client.start()
+        ready.wait(20)
+        assert daemon.stop() == 0
+        for client in clients:
+            client.join(30)
+        daemon.close()
+    assert wrong == []
+
+
+def test_it_ends_in_order_under_load(build, bus, syslog, web):
+    make_watched_files()
+    stop_under_load(build, web, 5)
+
+
+@pytest.mark.slow
+def test_it_ends_in_order_under_load_fifty_times(build, bus, syslog, web):
+    make_watched_files()
+    stop_under_load(build, web, 50)
+
+
+def test_a_download_in_flight_is_waited_for(daemon, client, web, syslog):
+    web.routes["/slow.pac"] = held = Held(script("DIRECT"))
+    client.update("pacurl", pacurl=web.url("/slow.pac"))
+    web.wait("/slow.pac")
+    stopped = threading.Thread(target=lambda: daemon.stop())
+    stopped.start()
+    syslog.wait(INFO, "PACFetcher-stop called")
+    # Meanwhile the bus is answered as by a handler without a service.
+    assert client.urls("http://a/") == ["off"]
+    assert client.config() == ("off", "", "", "", "", "")
+    assert client.update("off") == -1
+    assert client.check_started()
+    assert daemon.process.poll() is None
+    held.release()
+    stopped.join(30)
+    assert daemon.process.returncode == 0

@@ -1,0 +1,162 @@
+"""Mode wpad: the lease's URL, then the names of the search domain.
+
+The names resolve through /etc/hosts, the server listens on port 80 of this test's own network.
+"""
+
+import ctypes
+import fcntl
+import os
+import socket
+import struct
+
+import pytest
+from support.own_root import _check, _libc
+from support.syslog_socket import ERR, INFO, NOTICE
+from support.web import Web, script
+
+LEASE = "/usr/local/lumad/dhcp.conf"
+RESOLVER = "/tmp/.resolv.conf.dnsmasq"
+CLONE_NEWNET = 0x40000000
+
+
+@pytest.fixture(autouse=True)
+def own_network(root):
+    """A network of its own, with loopback up: port 80 is free there."""
+    before = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
+    _check(_libc.unshare(CLONE_NEWNET), "unshare (these tests need network namespaces)")
+    with socket.socket() as any_socket:
+        request = struct.pack("16sh", b"lo", 1)  # IFF_UP
+        fcntl.ioctl(any_socket, 0x8914, request)  # SIOCSIFFLAGS
+    yield
+    _check(_libc.setns(before, CLONE_NEWNET), "setns")
+    os.close(before)
+
+
+@pytest.fixture
+def port80(own_network):
+    web = Web("127.0.0.1", 80)
+    yield web
+    web.close()
+
+
+def write(path, text):
+    with open(path, "r+") as file:
+        file.truncate()
+        file.write(text)
+
+
+def hosts(*names):
+    with open("/etc/hosts", "w") as file:
+        file.write("127.0.0.1 localhost\n" + "".join(f"127.0.0.1 {name}\n" for name in names))
+
+
+def loaded(syslog, times=1):
+    syslog.wait(INFO, "PacParser-parsePacFile pac init", times)
+
+
+def tried(syslog):
+    prefix = "PACFetcher-retrievePacFile try to fileDownload url:"
+    return [text[len(prefix):] for text in syslog.texts() if text.startswith(prefix)]
+
+
+def test_the_leases_url_is_tried_first_and_wins(client, syslog, port80):
+    hosts("wpad.eng.example.com")
+    port80.routes["/proxy.pac"] = script("PROXY dhcp:1")
+    port80.routes["/wpad.dat"] = script("PROXY dns:1")
+    write(LEASE, "wpad=http://127.0.0.1/proxy.pac\n")
+    write(RESOLVER, "search eng.example.com\n")
+    client.update("wpad")
+    loaded(syslog)
+    assert client.urls("http://a/") == ["wpad", "PROXY dhcp:1"]
+    assert tried(syslog) == ["http://127.0.0.1/proxy.pac"]
+    syslog.expect_in_order(
+        (NOTICE, "PACFetcher-retrievePacFile proxy mode:3"),
+        (NOTICE, "PACFetcher-retrievePacFile wpad-dhcp opt252:http://127.0.0.1/proxy.pac"),
+        (INFO, "PACFetcher-getDomainName called"),
+        (NOTICE, "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns domain:eng.example.com"),
+        (NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:http://127.0.0.1/proxy.pac"))
+
+
+def test_the_whole_order_is_lease_then_longest_to_shortest_name(client, syslog, port80):
+    hosts("wpad.example.com")
+    port80.routes["/wpad.dat"] = script("PROXY dns:1")
+    write(LEASE, "wpad=http://127.0.0.1/none.pac\n")
+    write(RESOLVER, "domain a.example.org\nsearch eng.example.com\n")
+    client.update("wpad")
+    loaded(syslog)
+    assert tried(syslog) == ["http://127.0.0.1/none.pac", "http://wpad.eng.example.com/wpad.dat",
+                             "http://wpad.example.com/wpad.dat"]
+    assert client.urls("http://a/") == ["wpad", "PROXY dns:1"]
+
+
+def test_without_option_252_the_empty_candidate_fails_first(client, syslog, port80):
+    hosts("wpad.example.com")
+    port80.routes["/wpad.dat"] = script("PROXY dns:1")
+    write(RESOLVER, "search example.com\n")
+    client.update("wpad")
+    loaded(syslog)
+    assert tried(syslog) == ["", "http://wpad.example.com/wpad.dat"]
+    syslog.wait(NOTICE, "PACFetcher-retrievePacFile wpad-dhcp opt252:")
+    syslog.wait(ERR, "PACFetcher-retrievePacFile PAC file download failed url:")
+
+
+def test_no_candidate_is_ever_formed_on_a_public_suffix(client, syslog, port80):
+    hosts("wpad.co.uk", "wpad.uk")
+    port80.routes["/wpad.dat"] = script("PROXY evil:1")
+    write(RESOLVER, "search corp.example.co.uk co.uk\n")
+    client.update("wpad")
+    syslog.wait(ERR, "PACFetcher-retrievePacFile PAC file download failed "
+                     "url:http://wpad.example.co.uk/wpad.dat")
+    client.check_started()
+    assert tried(syslog) == ["", "http://wpad.corp.example.co.uk/wpad.dat",
+                             "http://wpad.example.co.uk/wpad.dat"]
+    assert port80.paths() == []
+
+
+def test_a_new_lease_changes_the_answers_without_any_call(client, syslog, port80, signals):
+    hosts()
+    port80.routes["/1.pac"] = script("PROXY one:1")
+    port80.routes["/2.pac"] = script("PROXY two:1")
+    write(LEASE, "wpad=http://127.0.0.1/1.pac\n")
+    client.update("wpad")
+    loaded(syslog)
+    signals.clear()
+    write(LEASE, 'wpad="http://127.0.0.1/2.pac"\n')
+    syslog.wait(NOTICE, "PACFetcher-retrievePacFile PAC file download success "
+                        "url:http://127.0.0.1/2.pac")
+    signals.wait("notifyClearcache")
+    loaded(syslog, 2)
+    assert client.urls("http://a/") == ["wpad", "PROXY two:1"]
+
+
+def test_a_new_search_domain_changes_the_answers(client, syslog, port80):
+    hosts("wpad.one.example", "wpad.two.example")
+    port80.routes["/wpad.dat"] = script("PROXY any:1")
+    write(RESOLVER, "search host.one.example\n")
+    client.update("wpad")
+    loaded(syslog)
+    write(RESOLVER, "search host.two.example\n")
+    syslog.wait(NOTICE, "PACFetcher-retrievePacFile PAC file download success "
+                        "url:http://wpad.two.example/wpad.dat")
+
+
+def test_an_unreadable_lease_is_an_error_and_tries_no_name(client, syslog, port80):
+    hosts("wpad.example.com")
+    port80.routes["/wpad.dat"] = script("PROXY dns:1")
+    write(RESOLVER, "search example.com\n")
+    os.remove(LEASE)
+    os.mkdir(LEASE)
+    client.update("wpad")
+    syslog.wait_match(ERR, r"PACFetcher-retrievePacFile getdhcpinfo error rc:-?[1-9]\d*")
+    assert tried(syslog) == []
+
+
+def test_a_planted_resolver_file_steers_nothing(client, syslog, port80):
+    hosts("wpad.evil.example")
+    port80.routes["/wpad.dat"] = script("PROXY evil:1")
+    write(RESOLVER, "search evil.example\n")
+    os.chown(RESOLVER, 12345, 12345)
+    client.update("wpad")
+    syslog.wait(ERR, f"PACFetcher-getDomainName open:{RESOLVER} failed")
+    syslog.wait(ERR, "PACFetcher-retrievePacFile PAC file download failed url:")
+    assert port80.paths() == []

@@ -1,0 +1,23 @@
+// A message bus of the test's own, as the system bus of this process.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+class PrivateBus {
+ public:
+  /// Starts dbus-daemon in a temporary folder and names it in DBUS_SYSTEM_BUS_ADDRESS. Before the
+  /// first connection: the bus library reads the variable once.
+  PrivateBus();
+  ~PrivateBus();
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  /// Ends the bus at once.
+  void kill();
+
+ private:
+  std::string mFolder;
+  pid_t mPid = -1;
+};

@@ -1,0 +1,143 @@
+#include "platform/bus/bus_helper.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/private_bus.h"
+
+namespace {
+
+class Helper : public testing::Test {
+ protected:
+  PrivateBus mBus;
+  std::shared_ptr<DBus::BusHelper> mHelper = DBus::get_helper();
+};
+
+TEST_F(Helper, IsOneForTheProcess) { EXPECT_EQ(DBus::get_helper(), mHelper); }
+
+TEST_F(Helper, RunsAtOnceWhereNothingIsDispatched) {
+  std::thread::id where;
+  mHelper->run([&] { where = std::this_thread::get_id(); });
+  EXPECT_EQ(where, std::this_thread::get_id());
+}
+
+TEST_F(Helper, RunsOnTheBusThreadInTheOrderOfTheCalls) {
+  mHelper->startDispatching();
+  std::vector<int> order;
+  std::promise<std::thread::id> last;
+  for (int i = 0; i < 100; ++i) mHelper->run([&, i] { order.push_back(i); });
+  mHelper->run([&] { last.set_value(std::this_thread::get_id()); });
+  EXPECT_NE(last.get_future().get(), std::this_thread::get_id());
+  ASSERT_EQ(order.size(), 100U);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST_F(Helper, OnTheBusThreadItRunsAtOnce) {
+  mHelper->startDispatching();
+  std::promise<bool> nested;
+  mHelper->run([&] {
+    bool ran = false;
+    mHelper->run([&] { ran = true; });
+    nested.set_value(ran);
+  });
+  EXPECT_TRUE(nested.get_future().get());
+}
+
+TEST_F(Helper, AFunctionThatThrowsIsSaidAndSwallowed) {
+  mHelper->startDispatching();
+  std::promise<void> after;
+  mHelper->run([] { throw std::runtime_error("nothing today"); });
+  mHelper->run([&] { after.set_value(); });
+  after.get_future().wait();
+  EXPECT_TRUE(
+      logged(LOG_ERR, "bus: a function handed to the bus thread failed: nothing today"));
+}
+
+TEST_F(Helper, HoldsAsManyFunctionsAsItsBoundAndDropsTheNext) {
+  mHelper->startDispatching();
+  std::promise<void> blocked;
+  std::promise<void> go;
+  std::atomic<std::size_t> ran{0};
+  mHelper->run([&] {
+    blocked.set_value();
+    go.get_future().wait();
+  });
+  blocked.get_future().wait();
+  for (std::size_t i = 0; i < DBus::BusHelper::kMaxPosted; ++i) mHelper->run([&] { ++ran; });
+  const std::string dropped = "bus: 1024 functions wait for the bus thread, one more dropped";
+  EXPECT_EQ(countLog(LOG_ERR, dropped), 0);
+  mHelper->run([&] { ++ran; });
+  EXPECT_EQ(countLog(LOG_ERR, dropped), 1);
+  go.set_value();
+  std::promise<void> after;
+  while (ran < DBus::BusHelper::kMaxPosted) std::this_thread::yield();
+  mHelper->run([&] { after.set_value(); });
+  after.get_future().wait();
+  EXPECT_EQ(ran, DBus::BusHelper::kMaxPosted);
+}
+
+TEST_F(Helper, EndsHoweverEarlyItIsToldTo) {
+  for (int i = 0; i < 200; ++i) {
+    mHelper->startDispatching();
+    mHelper->stopDispatching();
+  }
+}
+
+TEST_F(Helper, SendsWhatWaitsBeforeItEnds) {
+  mHelper->requestName("com.zentu.test");
+  mHelper->startDispatching();
+  std::promise<void> released;
+  // A call without waiting for the reply; it is out when dispatching has ended.
+  mHelper->run([&] {
+    DBus::CallMessage release("org.freedesktop.DBus", "/org/freedesktop/DBus",
+                              "org.freedesktop.DBus", "ReleaseName");
+    release.writer().append_string("com.zentu.test");
+    mHelper->connection().send(release);
+    released.set_value();
+  });
+  released.get_future().wait();
+  mHelper->stopDispatching();
+  EXPECT_FALSE(mHelper->connection().has_name("com.zentu.test"));
+}
+
+TEST_F(Helper, TakesANameThatIsFree) { mHelper->requestName("com.zentu.test"); }
+
+TEST_F(Helper, ANameThatAnotherOwnsIsAnError) {
+  // Owned by the bus itself.
+  EXPECT_THROW(mHelper->requestName("org.freedesktop.DBus"), DBus::Error);
+}
+
+using HelperDeathTest = Helper;
+
+TEST_F(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
+  EXPECT_EXIT(
+      {
+        PrivateBus bus;
+        DBus::BusHelper helper;
+        helper.startDispatching();
+        bus.kill();
+        std::this_thread::sleep_for(std::chrono::seconds(20));
+        _exit(0);
+      },
+      testing::ExitedWithCode(1), "");
+}
+
+TEST(HelperWithoutBus, IsAnError) {
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+  EXPECT_THROW(DBus::get_helper(), DBus::Error);
+}
+
+}  // namespace

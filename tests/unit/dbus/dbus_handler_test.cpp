@@ -1,0 +1,157 @@
+#include "dbus/proxy_manager_dbus_handler.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "dbus/valid_text.h"
+#include "fetcher/pac_fetcher.h"
+#include "pac/pac_parser.h"
+#include "service/proxy_manager_service_impl.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/private_bus.h"
+
+namespace {
+
+constexpr const char* kPath = "/com/zentu/ProxyManagerService";
+
+// What the service of this test does when it is asked.
+std::function<std::int32_t()> onUpdate = [] { return 0; };
+std::function<std::vector<std::string>(const std::string&)> onUrl;
+
+}  // namespace
+
+// The service of this test, in place of the daemon's.
+ProxyManagerServiceImpl::ProxyManagerServiceImpl()
+    : mBusHelper(DBus::get_helper()), mDbusHandler(nullptr, mBusHelper->connection(), "/other") {}
+ProxyManagerServiceImpl::~ProxyManagerServiceImpl() = default;
+void ProxyManagerServiceImpl::stop() {}
+std::int32_t ProxyManagerServiceImpl::start() { return 0; }
+com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
+  throw std::runtime_error("no configuration today");
+}
+std::int32_t ProxyManagerServiceImpl::updateProxyConfig(const std::string&, const std::string&,
+                                                        const std::string&, const bool&,
+                                                        const std::string&, const std::string&) {
+  return onUpdate();
+}
+std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl) {
+  return onUrl(requestUrl);
+}
+void ProxyManagerServiceImpl::pacContentUpdated() {}
+void ProxyManagerServiceImpl::pacFileUpdated() {}
+
+namespace {
+
+// Keeps the signals instead of sending them.
+class RecordingHandler : public ProxyManagerDbusHandler {
+ public:
+  using ProxyManagerDbusHandler::ProxyManagerDbusHandler;
+  std::vector<std::vector<std::string>> signalsSent;
+
+ private:
+  void _emit_signal(DBus::SignalMessage& signal) override {
+    std::vector<std::string> texts{signal.member()};
+    for (auto reader = signal.reader(); !reader.at_end(); ++reader) {
+      texts.emplace_back(reader.get_string());
+    }
+    signalsSent.push_back(texts);
+  }
+};
+
+class HandlerWithoutService : public testing::Test {
+ protected:
+  PrivateBus mBus;
+  std::shared_ptr<DBus::BusHelper> mHelper = DBus::get_helper();
+  RecordingHandler mHandler{nullptr, mHelper->connection(), kPath};
+};
+
+class HandlerWithService : public testing::Test {
+ protected:
+  PrivateBus mBus;
+  std::shared_ptr<DBus::BusHelper> mHelper = DBus::get_helper();
+  ProxyManagerServiceImpl mService;
+  RecordingHandler mHandler{&mService, mHelper->connection(), kPath};
+};
+
+void expectOffAlone(const com::zentu::ProxyConfigTexts& texts) {
+  EXPECT_EQ(texts._1, "off");
+  EXPECT_EQ(texts._2 + texts._3 + texts._4 + texts._5 + texts._6, "");
+}
+
+TEST_F(HandlerWithoutService, AnswersByItself) {
+  EXPECT_TRUE(mHandler.checkServicestarted());
+  EXPECT_EQ(mHandler.getProxyurl("http://a/"), std::vector<std::string>{"off"});
+  expectOffAlone(mHandler.getProxyconfig());
+  EXPECT_EQ(mHandler.updateProxyconfig("manual", "p:1", "", false, "", ""), -1);
+  EXPECT_TRUE(mHandler.signalsSent.empty());
+}
+
+TEST_F(HandlerWithoutService, SaysItsEntryLines) {
+  clearLog();
+  {
+    RecordingHandler handler(nullptr, mHelper->connection(), "/another");
+    handler.checkServicestarted();
+    handler.getProxyurl("http://a/");
+    handler.getProxyconfig();
+    handler.updateProxyconfig("off", "", "", false, "", "");
+  }
+  EXPECT_EQ(logLines(), (std::vector<LogLine>{
+                            {LOG_INFO, "ProxyManagerDbusHandler-ProxyManagerDbusHandler called "},
+                            {LOG_INFO, "ProxyManagerDbusHandler-getProxyurl called "},
+                            {LOG_INFO, "ProxyManagerDbusHandler-getProxyconfig called "},
+                            {LOG_INFO, "ProxyManagerDbusHandler-updateProxyconfig called "},
+                            {LOG_INFO, "ProxyManagerDbusHandler-~ProxyManagerDbusHandler called "},
+                        }));
+}
+
+TEST_F(HandlerWithService, PassesTheServicesUrlsOnUnchanged) {
+  onUrl = [](const std::string& url) { return std::vector<std::string>{"wpad", url, ""}; };
+  EXPECT_EQ(mHandler.getProxyurl("http://a/"),
+            (std::vector<std::string>{"wpad", "http://a/", ""}));
+  onUrl = [](const std::string&) { return std::vector<std::string>{}; };
+  EXPECT_TRUE(mHandler.getProxyurl("http://a/").empty());
+}
+
+TEST_F(HandlerWithService, AnUpdateThatFailsIsAnnouncedOnceAllTheSame) {
+  onUpdate = [] { return -7; };
+  EXPECT_EQ(mHandler.updateProxyconfig("MANUAL", "p:1", "http://q/", true, "u", "w"), -7);
+  EXPECT_EQ(mHandler.signalsSent, (std::vector<std::vector<std::string>>{
+                                      {"notifyProxyConfigupdated", "MANUAL", "p:1", "u", "w"}}));
+}
+
+TEST_F(HandlerWithService, AnExceptionIsAnsweredAsWithoutAServiceAndSaidOnce) {
+  onUrl = [](const std::string&) -> std::vector<std::string> { throw std::bad_alloc(); };
+  onUpdate = []() -> std::int32_t { throw std::runtime_error("no lock today"); };
+  clearLog();
+  EXPECT_EQ(mHandler.getProxyurl("http://a/"), std::vector<std::string>{"off"});
+  expectOffAlone(mHandler.getProxyconfig());
+  EXPECT_EQ(mHandler.updateProxyconfig("off", "", "", false, "", ""), -1);
+  EXPECT_TRUE(mHandler.signalsSent.empty());
+  EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-getProxyurl failed: std::bad_alloc"), 1);
+  EXPECT_EQ(
+      countLog(LOG_ERR, "ProxyManagerDbusHandler-getProxyconfig failed: no configuration today"),
+      1);
+  EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-updateProxyconfig failed: no lock today"),
+            1);
+}
+
+TEST_F(HandlerWithService, DetachedItForgetsTheService) {
+  onUrl = [](const std::string&) { return std::vector<std::string>{"wpad"}; };
+  mHandler.detachService();
+  EXPECT_EQ(mHandler.getProxyurl("http://a/"), std::vector<std::string>{"off"});
+}
+
+TEST(ValidText, LeavesUtf8AloneAndMakesTheRestHarmless) {
+  EXPECT_EQ(validText(""), "");
+  EXPECT_EQ(validText("höst"), "höst");
+  EXPECT_EQ(validText("a\xff\xfe" "b"), "a??b");
+  EXPECT_EQ(validText("\xc3"), "?");
+  EXPECT_EQ(validText("\xed\xa0\x80"), "???") << "a surrogate";
+}
+
+}  // namespace

@@ -1,0 +1,19 @@
+#include "tests/unit/pac/recorded_notices.h"
+
+#include <atomic>
+#include <utility>
+
+#include "pac/service_notice.h"
+
+namespace {
+std::atomic<int> notices{0};
+std::function<void()> listener;
+}  // namespace
+
+int noticesOfContent() { return notices; }
+void onContentNotice(std::function<void()> function) { listener = std::move(function); }
+
+void noticeContentUpdated(ProxyManagerServiceImpl*) {
+  ++notices;
+  if (listener) listener();
+}
