@@ -12,7 +12,7 @@ script docs/examples/sample.pac from a web server on the loopback interface, ask
 each of four URLs, and then goes on until Ctrl-C. Everything it started ends with it.
 
   --once       end after the answers; status 0 only where all are right
-  --system     use this machine's system bus (the bus policy has to be installed, or be root's own)
+  --system     use this machine's system bus (needs the installed bus policy)
   --build DIR  build there (default: build/release)
   -j N         build with N processes at once (default: one a processor)
   --help       this text
@@ -45,18 +45,36 @@ fail() {
   exit 1
 }
 
+# Where the daemon puts the script; what it put there goes with it.
+readonly pac_file=/tmp/proxymanager.pac
+keep_pac_file=yes
+
 # What was started, ended in the opposite order; nothing outlives this script.
 work=
 started=()
 finish() {
   local status=$? index
-  trap - EXIT INT TERM HUP
+  trap - EXIT
+  trap '' INT TERM HUP
   for ((index = ${#started[@]} - 1; index >= 0; index--)); do
-    kill "${started[index]}" 2>/dev/null || continue
-    wait "${started[index]}" 2>/dev/null || true
+    end_process "${started[index]}"
   done
-  [ -z "$work" ] || rm -rf "$work"
+  if [ "$keep_pac_file" = no ]; then rm -f "$pac_file" "$pac_file.tmp"; fi
+  if [ -n "$work" ]; then rm -rf "$work"; fi
   exit "$status"
+}
+end_process() {
+  local process=$1 end=$((SECONDS + patience))
+  kill "$process" 2>/dev/null || return 0
+  while kill -0 "$process" 2>/dev/null; do
+    if [ "$SECONDS" -ge "$end" ]; then
+      echo "run.sh: process $process does not end; killing it" >&2
+      kill -KILL "$process" 2>/dev/null || true
+      break
+    fi
+    sleep 0.05
+  done
+  wait "$process" 2>/dev/null || true
 }
 trap finish EXIT
 trap 'exit 130' INT
@@ -68,15 +86,15 @@ until_true() {
   local what=$1 process=$2 end=$((SECONDS + patience))
   shift 2
   until "$@"; do
-    kill -0 "$process" 2>/dev/null || fail "$what: the process has ended (status $(ended "$process"))"
+    kill -0 "$process" 2>/dev/null || fail_with_status "$what: the process has ended" "$process"
     [ "$SECONDS" -lt "$end" ] || fail "$what: not within $patience seconds"
     sleep 0.1
   done
 }
-ended() {
+fail_with_status() {
   local status=0
-  wait "$1" || status=$?
-  echo "$status"
+  wait "$2" || status=$?
+  fail "$1 (status $status)"
 }
 
 install_missing() {
@@ -106,7 +124,6 @@ refuse_second_instance() {
 start_bus() {
   if [ "$bus" = system ]; then
     step "Using the system bus"
-    unset DBUS_SYSTEM_BUS_ADDRESS
     bus_call org.freedesktop.DBus /org/freedesktop/DBus org.freedesktop.DBus.GetId >/dev/null ||
       fail "there is no system bus on this machine"
     return
@@ -114,7 +131,6 @@ start_bus() {
   step "Starting a private message bus"
   cat >"$work/bus.conf" <<EOF
 <busconfig>
-  <type>system</type>
   <listen>unix:path=$work/bus</listen>
   <auth>EXTERNAL</auth>
   <policy context="default">
@@ -173,10 +189,11 @@ listens() {
 
 start_daemon() {
   step "Starting the daemon"
+  [ -e "$pac_file" ] || keep_pac_file=no
   "$build/out/sbin/proxymanagerd" &
   daemon=$!
   started+=("$daemon")
-  until_true "The daemon (syslog says more)" "$daemon" daemon_answers
+  until_true "The daemon, whose lines are in syslog" "$daemon" daemon_answers
   echo "It runs as process $daemon and has the name $service"
 }
 daemon_answers() { service_call checkServicestarted 2>/dev/null | grep -q 'boolean true'; }
@@ -211,7 +228,7 @@ ask_questions() {
   step "Asking for four URLs"
   question http://printer/status DIRECT
   question https://wiki.corp.example/start "PROXY branch.corp.example:3128" DIRECT
-  question http://downloads.example.net/debian.iso "PROXY cache.corp.example:8080"
+  question http://downloads.example.net/image.iso "PROXY cache.corp.example:8080"
   question https://www.example.org/ "PROXY 10.0.0.1:8080" "PROXY 10.0.0.2:8080" \
     "SOCKS 10.0.0.3:1080"
 }
@@ -221,9 +238,7 @@ stay() {
   [ "$bus" = system ] || echo "export DBUS_SYSTEM_BUS_ADDRESS=$DBUS_SYSTEM_BUS_ADDRESS"
   echo "dbus-send --system --print-reply --dest=$service $object $interface.getProxyurl string:http://printer/"
   echo "The script it reads is $work/www/sample.pac"
-  local status=0
-  wait "$daemon" || status=$?
-  fail "the daemon has ended by itself (status $status; syslog says more)"
+  fail_with_status "the daemon has ended by itself; syslog says more" "$daemon"
 }
 
 install_missing
@@ -236,5 +251,5 @@ start_daemon
 configure
 ask_questions
 if [ "$once" = no ]; then stay; fi
-[ "$wrong" -eq 0 ] || fail "$wrong of the answers are wrong"
+[ "$wrong" -eq 0 ] || fail "$wrong of four answers wrong"
 step "All four answers are right"
