@@ -1,7 +1,10 @@
-# The libraries this tree links, each as an imported target. Their packages are named once, in
-# packaging/debian/control.
+# The libraries this tree links, each as an imported target, known to the projects that add this
+# tree. Their packages are named once, in packaging/debian/control.
 find_package(PkgConfig REQUIRED)
-find_package(Threads REQUIRED)
+if(NOT TARGET Threads::Threads)
+  find_package(Threads REQUIRED)
+  set_target_properties(Threads::Threads PROPERTIES IMPORTED_GLOBAL TRUE)
+endif()
 
 foreach(dependency
     "dbusxx;dbus-c++-1" "curl;libcurl" "crypto;libcrypto" "seccomp;libseccomp" "cares;libcares"
@@ -9,7 +12,7 @@ foreach(dependency
   list(GET dependency 0 name)
   list(GET dependency 1 module)
   # SYSTEM: dbus-c++ names its headers with -I, and they do not bear this tree's warnings.
-  pkg_check_modules(${name} REQUIRED IMPORTED_TARGET ${module})
+  pkg_check_modules(${name} REQUIRED IMPORTED_TARGET GLOBAL ${module})
   set_target_properties(PkgConfig::${name} PROPERTIES
     INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${${name}_INCLUDE_DIRS}")
 endforeach()

@@ -2,8 +2,9 @@
 
 // Only this process is unwound: the cheaper half of the library, and the one fit for handlers.
 #define UNW_LOCAL_ONLY
+#include <dlfcn.h>
 #include <libunwind.h>
-#include <link.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -31,23 +32,14 @@ constexpr int kFrameLimit = 64;
 constexpr std::size_t kStackBytes = 64 * 1024;
 // The whole report, in seconds; after it SIGALRM ends the process.
 constexpr unsigned kReportSeconds = 5;
-// How long one line waits for a full log socket, in microseconds.
-constexpr suseconds_t kLogWait = 100'000;
-// Modules whose names are known at a crash; the daemon maps some thirty.
-constexpr std::size_t kModuleLimit = 64;
-
-struct Module {
-  std::uintptr_t base, end;
-  char name[48];
-};
+// How long a line waits for a stderr or a log that is full.
+constexpr int kWaitMilliseconds = 100;
 
 // Everything a handler needs, made before the first signal and only read afterwards.
 struct Prepared {
   int logSocket = -1;
   sockaddr_un logAddress{};
   char ident[32]{};
-  std::array<Module, kModuleLimit> modules{};
-  std::size_t moduleCount = 0;
   alignas(16) std::array<char, kStackBytes> stack{};
 };
 Prepared prepared;
@@ -93,17 +85,22 @@ class Line {
   std::size_t mLength = 0;
 };
 
-/// Says lines to stderr and to the log, and gives the log up when it takes none.
+/// Says lines to stderr and to the log, and gives up on either when it takes none.
 class Report {
  public:
   void say(Line& line) {
     const auto bytes = line.withNewline();
-    // Nobody is left to hear that stderr is closed or full.
-    if (write(STDERR_FILENO, bytes.data(), bytes.size()) < 0) errno = 0;
+    if (mStderrTakes) sayToStderr(bytes);
     if (mLogTakes) sayToLog(line.view());
   }
 
  private:
+  void sayToStderr(std::string_view bytes) {
+    pollfd file{STDERR_FILENO, POLLOUT, 0};
+    mStderrTakes = poll(&file, 1, kWaitMilliseconds) == 1 && (file.revents & POLLOUT) != 0 &&
+                   write(STDERR_FILENO, bytes.data(), bytes.size()) >= 0;
+  }
+
   void sayToLog(std::string_view text) {
     Line line;
     line.text("<").decimal(LOG_LOCAL0 | LOG_CRIT).text(">").text(prepared.ident);
@@ -114,16 +111,21 @@ class Report {
                        sizeof prepared.logAddress) >= 0;
   }
 
+  bool mStderrTakes = true;
   bool mLogTakes = prepared.logSocket >= 0;
 };
 
-void sayModule(Line& line, std::uintptr_t address) {
-  for (std::size_t index = 0; index < prepared.moduleCount; ++index) {
-    const Module& module = prepared.modules[index];
-    if (address < module.base || address >= module.end) continue;
-    line.text(" ").text(module.name).text("+").hex(address - module.base);
-    return;
-  }
+// The loader's tables, not unw_get_proc_name: that maps files and allocates, and a crash inside the
+// allocator would hang. A return address may be the first of the next function, hence the `looked`.
+void sayPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<const void*>(looked), &info) == 0) return;
+  const char* const slash = std::strrchr(info.dli_fname, '/');
+  line.text(" ").text(slash != nullptr ? slash + 1 : info.dli_fname);
+  line.text("+").hex(address - reinterpret_cast<std::uintptr_t>(info.dli_fbase));
+  if (info.dli_sname == nullptr) return;
+  line.text(" (").text(info.dli_sname).text("+");
+  line.hex(address - reinterpret_cast<std::uintptr_t>(info.dli_saddr)).text(")");
 }
 
 void sayFrame(Report& report, int number, unw_cursor_t& cursor) {
@@ -131,13 +133,7 @@ void sayFrame(Report& report, int number, unw_cursor_t& cursor) {
   unw_get_reg(&cursor, UNW_REG_IP, &address);
   Line line;
   line.text("process: #").decimal(number).text(" ").hex(address, 16);
-  sayModule(line, address);
-  char name[256];
-  unw_word_t offset = 0;
-  const int found = unw_get_proc_name(&cursor, name, sizeof name, &offset);
-  // UNW_ENOMEM: the name was cut, which still tells.
-  if (found == 0 || found == -UNW_ENOMEM)
-    line.text(" (").text(name).text("+").hex(offset).text(")");
+  sayPlace(line, address, number == 0 ? address : address - 1);
   report.say(line);
 }
 
@@ -201,29 +197,12 @@ void onFatalSignal(int, siginfo_t* info, void* context) {
   dieBy(*info);
 }
 
-int noteModule(dl_phdr_info* info, std::size_t, void*) {
-  if (prepared.moduleCount == kModuleLimit) return 1;
-  Module& module = prepared.modules[prepared.moduleCount];
-  module = {info->dlpi_addr, info->dlpi_addr, {}};
-  for (int index = 0; index < info->dlpi_phnum; ++index) {
-    const auto& segment = info->dlpi_phdr[index];
-    if (segment.p_type != PT_LOAD) continue;
-    module.end = std::max(module.end, info->dlpi_addr + segment.p_vaddr + segment.p_memsz);
-  }
-  // The loader gives the program itself an empty name.
-  const char* const path = info->dlpi_name[0] != '\0' ? info->dlpi_name : prepared.ident;
-  const char* const slash = std::strrchr(path, '/');
-  strncpy(module.name, slash != nullptr ? slash + 1 : path, sizeof module.name - 1);
-  ++prepared.moduleCount;
-  return 0;
-}
-
 void openLog() {
   prepared.logAddress.sun_family = AF_UNIX;
   strncpy(prepared.logAddress.sun_path, "/dev/log", sizeof prepared.logAddress.sun_path - 1);
   if (prepared.logSocket >= 0) return;
   prepared.logSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const timeval wait{0, kLogWait};
+  const timeval wait{0, kWaitMilliseconds * 1000};
   setsockopt(prepared.logSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 
@@ -231,11 +210,8 @@ void openLog() {
 void warmUnwinder() {
   unw_context_t context;
   unw_cursor_t cursor;
-  unw_word_t offset = 0;
-  char name[8];
   unw_getcontext(&context);
   if (unw_init_local(&cursor, &context) != 0) return;
-  unw_get_proc_name(&cursor, name, sizeof name, &offset);
   unw_step(&cursor);
 }
 
@@ -259,8 +235,6 @@ bool installHandlers() {
 int initCrashHandler() {
   strncpy(prepared.ident, program_invocation_short_name, sizeof prepared.ident - 1);
   openLog();
-  prepared.moduleCount = 0;
-  dl_iterate_phdr(noteModule, nullptr);
   warmUnwinder();
   if (installHandlers()) return 0;
   logLine(LOG_ERR, "process: cannot install the crash handler: %s", std::strerror(errno));

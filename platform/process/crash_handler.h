@@ -5,16 +5,17 @@
 // its own details, so that a core dump shows the place and the exit status the signal. A line is
 //   process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se (1234)
 //   process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12)
-// The part after the plus sign of a module is what addr2line -e takes; names are as the linker has
-// them (c++filt reads them).
+// The part after the plus sign of a module is what addr2line -e takes. Names are those that the
+// loader knows (of a program, those that it exports: link it with ENABLE_EXPORTS), for c++filt.
 //
-// Everything the handler calls is async-signal-safe. syslog() is not (it locks, formats dates,
-// allocates), so the handler formats into a buffer of its own and sends datagrams to /dev/log, as
-// syslog() would, through a socket that was opened beforehand and never connected: a log daemon
-// that was started anew meanwhile is reached all the same. A log that takes nothing costs a tenth
-// of a second, once; an unwinding that hangs (the loader's lock) is ended by SIGALRM after some
-// seconds. Left out: a stack overflow is reported on the main thread alone, which has the alternate
-// stack; on other threads it ends the process without a trace.
+// Nothing the handler calls allocates, and the one lock is the loader's, which the thread that has
+// it may take again. syslog() is not fit for that (it locks, formats dates, allocates), so the
+// handler formats into a buffer of its own and sends datagrams to /dev/log, as syslog() would,
+// through a socket that was opened beforehand and never connected: a log daemon that was started
+// anew meanwhile is reached all the same. A log or a stderr that takes nothing costs a tenth of a
+// second, once; an unwinding that hangs is ended by SIGALRM after some seconds. Left out: a stack
+// overflow is reported on the main thread alone, which has the alternate stack; on other threads it
+// ends the process without a trace.
 #pragma once
 
 /// Installs the handler. Call it once, on the main thread, before others start.

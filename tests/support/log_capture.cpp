@@ -24,7 +24,8 @@ Captured& captured() {
   return instance;
 }
 
-void capture(int priority, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) void capture(int priority, const char* format,
+                                                   va_list arguments) {
   if ((setlogmask(0) & LOG_MASK(LOG_PRI(priority))) == 0) return;
   va_list again;
   va_copy(again, arguments);
@@ -40,8 +41,7 @@ void capture(int priority, const char* format, va_list arguments) {
 }
 
 int countLocked(const Captured& all, int priority, const std::string& text) {
-  return static_cast<int>(
-      std::count(all.lines.begin(), all.lines.end(), LogLine{priority, text}));
+  return static_cast<int>(std::count(all.lines.begin(), all.lines.end(), LogLine{priority, text}));
 }
 
 }  // namespace
@@ -51,7 +51,8 @@ extern "C" {
 void vsyslog(int priority, const char* format, va_list arguments) {
   capture(priority, format, arguments);
 }
-void __vsyslog_chk(int priority, int, const char* format, va_list arguments) {
+__attribute__((format(printf, 3, 0))) void __vsyslog_chk(int priority, int, const char* format,
+                                                         va_list arguments) {
   capture(priority, format, arguments);
 }
 void syslog(int priority, const char* format, ...) {
@@ -60,7 +61,8 @@ void syslog(int priority, const char* format, ...) {
   capture(priority, format, arguments);
   va_end(arguments);
 }
-void __syslog_chk(int priority, int, const char* format, ...) {
+__attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int, const char* format,
+                                                        ...) {
   va_list arguments;
   va_start(arguments, format);
   capture(priority, format, arguments);

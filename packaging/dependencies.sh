@@ -1,0 +1,127 @@
+#!/bin/sh
+# Installs what building and testing this tree needs, as packaging/debian/control names it.
+# Plain sh, dpkg and apt-get alone: a fresh machine has nothing else.
+set -eu
+
+usage() {
+  cat <<EOF
+usage: packaging/dependencies.sh [--no-tests] [--package] [--list | --check]
+
+Installs the packages that this tree is built and tested with and that are missing; says nothing
+and takes no time where none is.
+
+  --no-tests  leave out what only the tests need
+  --package   take in what only the Debian package's own build needs
+  --list      print what is needed, one dependency a line, and install nothing
+  --check     print what is missing and install nothing; status 1 where something is
+EOF
+}
+
+tests=yes package=no action=install
+for option in "$@"; do
+  case $option in
+    --no-tests) tests=no ;;
+    --package) package=yes ;;
+    --list | --check) action=${option#--} ;;
+    --help) usage && exit 0 ;;
+    *) usage >&2 && exit 2 ;;
+  esac
+done
+
+control=$(dirname "$0")/debian/control
+
+# The field Build-Depends, one dependency a line: "a", "a (>= 1)" or "a | b".
+needed() {
+  awk -v tests="$tests" -v package="$package" '
+    /^#/ { next }
+    /^[^ \t]/ { inside = 0 }
+    /^Build-Depends:/ { inside = 1; sub(/^[^:]*:/, "") }
+    inside { field = field " " $0 }
+    END {
+      count = split(field, entries, ",")
+      for (i = 1; i <= count; i++) {
+        entry = entries[i]
+        if (entry ~ /<!nocheck>/ && tests == "no") continue
+        if (entry ~ /debhelper/ && package == "no") continue
+        gsub(/<[^>]*>/, "", entry)
+        gsub(/[ \t]+/, " ", entry)
+        gsub(/^ | $/, "", entry)
+        if (entry != "") print entry
+      }
+    }' "$control"
+}
+
+# One line for each needed dependency that no installed package meets: by its name or by what it
+# provides. One dpkg-query for all; versions are compared only where the field asks for one.
+missing() {
+  # shellcheck disable=SC2016  # the fields are dpkg-query's, not the shell's
+  dpkg-query -W -f '${db:Status-Status}|${Package}|${Version}|${Provides}\n' |
+    awk -F '|' '
+      NR == FNR { if ($1 != "installed") next
+        version[$2] = $3
+        count = split($4, provided, ",")
+        for (i = 1; i <= count; i++) {
+          name = provided[i]; own = ""
+          if (match(name, /\(= [^)]*\)/)) own = substr(name, RSTART + 3, RLENGTH - 4)
+          sub(/\(.*/, "", name); gsub(/[ \t]/, "", name)
+          versions[name] = versions[name] " " own; virtual[name] = 1
+        }
+        next
+      }
+      function met(alternative,    name, relation, wanted, parts, list, i) {
+        name = alternative; sub(/[ (].*/, "", name)
+        if (!(name in version) && !(name in virtual)) return 0
+        if (alternative !~ /\(/) return 1
+        match(alternative, /\(.*\)/)
+        split(substr(alternative, RSTART + 1, RLENGTH - 2), parts, " ")
+        split(version[name] versions[name], list, " ")
+        for (i in list)
+          if (system("dpkg --compare-versions " list[i] " \"" parts[1] "\" " parts[2]) == 0) return 1
+        return 0
+      }
+      { whole = $0; for (i = 1; i <= NF; i++) {
+          gsub(/^ +| +$/, "", $i)
+          if (met($i)) next
+        }
+        print whole
+      }' - "$wanted"
+}
+
+wanted=$(mktemp)
+trap 'rm -f "$wanted"' EXIT
+needed >"$wanted"
+if [ "$action" = list ]; then
+  cat "$wanted"
+  exit 0
+fi
+
+lacking=$(missing)
+[ -n "$lacking" ] || exit 0
+echo "Missing: $(echo "$lacking" | paste -s -d , | sed 's/,/, /g')"
+[ "$action" = install ] || exit 1
+
+root=
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || {
+    echo "Installing them needs root, and there is no sudo here. Install them as root and try again." >&2
+    exit 1
+  }
+  root=sudo
+fi
+apt() {
+  $root env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300 "$@"
+}
+install() {
+  apt satisfy --yes --no-install-recommends "$(echo "$lacking" | paste -s -d ,)"
+}
+
+# A fresh machine has no package lists, one that slept for long has old ones.
+if ! ls /var/lib/apt/lists/*_Packages* >/dev/null 2>&1; then
+  echo "Fetching the package lists"
+  apt update
+  install
+elif ! install; then
+  echo "Fetching the package lists anew"
+  apt update
+  install
+fi

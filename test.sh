@@ -1,0 +1,98 @@
+#!/usr/bin/env bash
+# Builds everything and runs all tests; the last lines are CTest's own summary.
+set -euo pipefail
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+
+usage() {
+  cat <<EOF
+usage: ./test.sh [options] [-- CTEST-OPTIONS...]
+
+Installs what is missing, builds the tree with its tests and runs them all.
+
+  --sanitizers  run them under the address, leak and undefined behaviour sanitizers, and again under
+                the thread sanitizer, each without the tests labelled "slow"
+  --werror      treat warnings of the compiler as errors
+  --build DIR   build below this folder (default: build)
+  -j N          N processes at once, for building and for testing (default: one a processor)
+  --help        this text
+
+What follows "--" is given to ctest: ./test.sh -- -R RunFile
+EOF
+}
+
+mode=plain build=$top/build jobs=$(nproc) werror=OFF
+while [ $# -gt 0 ]; do
+  case $1 in
+    --sanitizers) mode=sanitizers ;;
+    --werror) werror=ON ;;
+    --build) build=${2:?--build needs a folder} && shift ;;
+    -j) jobs=${2:?-j needs a number} && shift ;;
+    -j?*) jobs=${1#-j} ;;
+    --help | -h) usage && exit 0 ;;
+    --) shift && break ;;
+    *) usage >&2 && exit 2 ;;
+  esac
+  shift
+done
+ctest_options=("$@")
+
+step() { printf '\n==> %s\n' "$*"; }
+
+# build_tree NAME CMAKE-OPTIONS...: configures and builds $build/NAME with its tests.
+build_tree() {
+  local folder=$build/$1
+  shift
+  step "Building in $folder"
+  "${launcher[@]}" cmake -S "$top" -B "$folder" -G Ninja -DPROXYMANAGER_TESTS=ON \
+    -DPROXYMANAGER_WERROR="$werror" "$@"
+  "${launcher[@]}" cmake --build "$folder" -j "$jobs"
+}
+
+# run_tests NAME CTEST-OPTIONS...: runs the tests of $build/NAME.
+run_tests() {
+  local folder=$build/$1
+  shift
+  step "Testing in $folder"
+  "${launcher[@]}" ctest --test-dir "$folder" -j "$jobs" --output-on-failure --no-tests=error "$@" \
+    "${ctest_options[@]}"
+}
+
+# with_suppressions TOOL OPTIONS: the options, and the tool's suppressions where the tree has some.
+with_suppressions() {
+  local file=$top/tests/support/$1.supp
+  if [ -e "$file" ]; then echo "$2:suppressions=$file"; else echo "$2"; fi
+}
+
+# The thread sanitizer of older compilers does not know address spaces laid out at random over more
+# than 28 bits, as newer kernels do.
+without_random_addresses() {
+  local bits
+  bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 32)
+  if [ "$bits" -gt 28 ] && setarch "$(uname -m)" -R true 2>/dev/null; then
+    launcher=(setarch "$(uname -m)" -R)
+  fi
+}
+
+test_plain() {
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  run_tests test
+}
+
+test_sanitizers() {
+  export UBSAN_OPTIONS=print_stacktrace=1
+  ASAN_OPTIONS=$(with_suppressions asan strict_string_checks=1:detect_stack_use_after_return=1)
+  LSAN_OPTIONS=$(with_suppressions lsan report_objects=1)
+  TSAN_OPTIONS=$(with_suppressions tsan halt_on_error=1:second_deadlock_stack=1)
+  export ASAN_OPTIONS LSAN_OPTIONS TSAN_OPTIONS
+
+  build_tree address -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPROXYMANAGER_SANITIZER=address
+  run_tests address -LE '^slow$'
+  without_random_addresses
+  build_tree thread -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPROXYMANAGER_SANITIZER=thread
+  run_tests thread -LE '^slow$'
+}
+
+launcher=()
+step "Looking for what is missing on this machine"
+"$top/packaging/dependencies.sh"
+"test_$mode"

@@ -1,0 +1,45 @@
+#!/bin/sh
+# What packaging/dependencies.sh makes of the control file. usage: dependencies.sh TREE
+set -eu
+tree=$1
+tool=$tree/packaging/dependencies.sh
+folder=$(mktemp -d)
+trap 'rm -rf "$folder"' EXIT
+
+expect() {
+  if [ "$2" != "$3" ]; then
+    printf '%s: expected\n%s\ngot\n%s\n' "$1" "$2" "$3" >&2
+    exit 1
+  fi
+}
+
+# A control file of its own, read by a copy of the script.
+mkdir "$folder/debian"
+cp "$tool" "$folder"
+cat >"$folder/debian/control" <<EOF
+Source: example
+Build-Depends: debhelper-compat (= 13), dpkg (>= 1.0),
+# a comment, with a comma
+ dpkg (>= 999) | coreutils,
+ no-such-package-here | no-such-either <!nocheck>
+Standards-Version: 4.6.2
+
+Package: example
+Depends: not-this-one
+EOF
+example=$folder/dependencies.sh
+
+expect "all" "dpkg (>= 1.0)
+dpkg (>= 999) | coreutils
+no-such-package-here | no-such-either" "$("$example" --list)"
+expect "without tests" "dpkg (>= 1.0)
+dpkg (>= 999) | coreutils" "$("$example" --list --no-tests)"
+expect "with the package's own" "debhelper-compat (= 13)" "$("$example" --list --package | head -n 1)"
+expect "missing" "Missing: no-such-package-here | no-such-either" "$("$example" --check || true)"
+expect "nothing missing" "" "$("$example" --check --no-tests)"
+
+sed -i 's/dpkg (>= 1.0)/dpkg (>= 999)/' "$folder/debian/control"
+expect "an old version" "Missing: dpkg (>= 999)" "$("$example" --check --no-tests || true)"
+
+# And this machine builds the tree, so it has what the tree needs.
+expect "this machine" "" "$("$tool" --check --no-tests)"

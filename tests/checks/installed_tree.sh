@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs the build to a temporary prefix and tries what stands there.
+# usage: installed_tree.sh CMAKE BUILD FILE...   (FILE: what must stand below the prefix)
+set -euo pipefail
+cmake=$1 build=$2
+shift 2
+
+prefix=$(mktemp -d)
+trap 'rm -rf "$prefix"' EXIT
+fail() {
+  echo "$*" >&2
+  exit 1
+}
+
+"$cmake" --install "$build" --prefix "$prefix/first" >/dev/null
+# Moved once more: nothing may remember where it was put.
+mv "$prefix/first" "$prefix/second"
+
+for file in "$@"; do
+  installed=$prefix/second/$file
+  [ -f "$installed" ] || fail "$file is not installed"
+  case $file in *.xml) continue ;; esac
+  [ -x "$installed" ] || fail "$file is not executable"
+  if ldd "$installed" | grep 'not found'; then fail "$file lacks libraries"; fi
+  if readelf -d "$installed" | grep -E 'R(UN)?PATH'; then fail "$file remembers a folder"; fi
+  # Debug information holds paths, the rest of a program must not.
+  if strings -d "$installed" | grep -F "$build/"; then fail "$file remembers its build folder"; fi
+done
+
+# Without a bus the daemon starts, says so and ends with status 1; in a /run of its own it meets no
+# other instance.
+daemon=$(find "$prefix/second" -name proxymanagerd -type f)
+[ -n "$daemon" ] || exit 0
+status=0
+# shellcheck disable=SC2016  # expanded by the inner shell
+DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere/bus timeout 20 \
+  unshare --mount --map-root-user sh -c 'mount -t tmpfs tmpfs /run && exec "$0"' "$daemon" || status=$?
+[ "$status" -eq 1 ] || fail "the installed daemon ended with status $status without a bus, not with 1"
