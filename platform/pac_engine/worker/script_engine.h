@@ -1,8 +1,14 @@
 // The JavaScript engine with one PAC script in it.
 //
-// The one place that knows the engine's own types is script_engine.cpp. A ScriptEngine holds one
-// runtime and one fresh context; the script runs once, at load, and its globals live on between
-// evaluations. Not for use by two threads. Nothing here throws.
+// The engine's own types stay behind this header. A ScriptEngine holds one runtime and one fresh
+// context; the script runs once, at load, and its globals live on between evaluations. Only where
+// it has passed the heap limit and still holds more than half of the heap, the next evaluation
+// first loads it anew, within its own time limit. Not for use by two threads; each call may come
+// from another thread. Nothing here throws.
+//
+// Promises: up to 1,000 queued jobs run after the load and after each evaluation, within its time
+// limit; the answer is never waited for. A limit that was passed counts even where the script has
+// caught the error.
 #pragma once
 
 #include <chrono>
@@ -18,15 +24,16 @@
 namespace pac_worker {
 
 struct ScriptLimits {
-  std::size_t heapBytes = 64U << 20U;   ///< JavaScript heap; passed: no answer
+  std::size_t heapBytes = 64U << 20U;    ///< JavaScript heap; passed: no answer
   std::size_t stackBytes = 512U << 10U;  ///< native stack; passed: an error the script may catch
-  std::chrono::milliseconds time{5000};  ///< one load or one evaluation, measured on CLOCK_MONOTONIC
+  std::chrono::milliseconds time{
+      5000};  ///< one load or one evaluation, measured on CLOCK_MONOTONIC
   std::size_t resultBytes = 64U << 10U;  ///< longest result text; longer: no answer
 };
 
 /// Why a script was refused or gave no answer. Texts are valid UTF-8, one line, 512 bytes at most.
 struct ScriptError {
-  std::string message;    ///< for example "SyntaxError: unexpected token"
+  std::string message;     ///< for example "SyntaxError: unexpected token"
   std::uint32_t line = 0;  ///< of the script, from 1; 0 where none is known
 };
 

@@ -1,0 +1,145 @@
+#include "platform/pac_engine/worker/engine_runtime.h"
+
+#include <malloc.h>
+
+#include <cstdlib>
+
+#include "platform/pac_engine/worker/utf8.h"
+
+namespace pac_worker {
+namespace {
+
+constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
+constexpr std::size_t kAlertBytes = 2048;  // logged in one evaluation
+constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
+// The engine must allocate the error that ends a script whose time is up. Where it cannot, it
+// throws null instead, and a script with a full heap could catch that and go on for ever.
+constexpr std::size_t kErrorReserve = 64U << 10U;
+
+std::size_t weight(void* block) {
+  return malloc_usable_size(block) + kBlockOverhead;
+}
+
+EngineRuntime& ownerOf(JSMallocState* state) {
+  return *static_cast<EngineRuntime*>(state->opaque);
+}
+
+std::size_t usableSize(const void* block) {
+  return malloc_usable_size(const_cast<void*>(block));  // NOLINT: the C library's signature
+}
+
+}  // namespace
+
+// The engine's own heap functions do the same, but do not tell that they refused.
+const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocate, release, reallocate, usableSize};
+
+void* EngineRuntime::allocate(JSMallocState* state, std::size_t size) {
+  EngineRuntime& self = ownerOf(state);
+  const bool fits = self.mBytes < state->malloc_limit && size <= state->malloc_limit - self.mBytes;
+  void* const block = fits ? std::malloc(size) : nullptr;
+  if (block == nullptr) {
+    self.mMemoryRefused = true;
+    return nullptr;
+  }
+  self.mBytes += weight(block);
+  ++state->malloc_count;
+  state->malloc_size = self.mBytes;
+  return block;
+}
+
+void EngineRuntime::release(JSMallocState* state, void* block) {
+  if (block == nullptr) return;
+  EngineRuntime& self = ownerOf(state);
+  self.mBytes -= weight(block);
+  --state->malloc_count;
+  state->malloc_size = self.mBytes;
+  std::free(block);
+}
+
+void* EngineRuntime::reallocate(JSMallocState* state, void* block, std::size_t size) {
+  if (block == nullptr) return size == 0 ? nullptr : allocate(state, size);
+  if (size == 0) {
+    release(state, block);
+    return nullptr;
+  }
+  EngineRuntime& self = ownerOf(state);
+  const std::size_t others = self.mBytes - weight(block);
+  const bool fits = others < state->malloc_limit && size <= state->malloc_limit - others;
+  void* const moved = fits ? std::realloc(block, size) : nullptr;
+  if (moved == nullptr) {
+    self.mMemoryRefused = true;
+    return nullptr;
+  }
+  self.mBytes = others + weight(moved);
+  state->malloc_size = self.mBytes;
+  return moved;
+}
+
+EngineRuntime::EngineRuntime(PacEnvironment& environment, const ScriptLimits& limits)
+    : mEnvironment(environment), mLimits(limits), mRuntime(JS_NewRuntime2(&kHeapFunctions, this)) {
+  if (!mRuntime) return;
+  JS_SetMemoryLimit(mRuntime.get(), mLimits.heapBytes);
+  JS_SetMaxStackSize(mRuntime.get(), mLimits.stackBytes);
+  JS_SetInterruptHandler(mRuntime.get(), interrupt, this);
+  begin();
+  // Everything of the language and nothing of a host: modules, timers and files would be the
+  // business of the engine's other library, which is not linked.
+  mContext.reset(JS_NewContext(mRuntime.get()));
+  if (!mContext) return;
+  JSContext* const context = mContext.get();
+  JS_SetContextOpaque(context, this);
+  const Value global(context, JS_GetGlobalObject(context));
+  mRegExpConstructor = JS_GetPropertyStr(context, global.get(), "RegExp");
+  const Value prototype(context, JS_GetPropertyStr(context, mRegExpConstructor, "prototype"));
+  mRegExpExec = JS_GetPropertyStr(context, prototype.get(), "exec");
+}
+
+EngineRuntime::~EngineRuntime() {
+  if (!mContext) return;
+  JS_FreeValue(mContext.get(), mRegExpExec);
+  JS_FreeValue(mContext.get(), mRegExpConstructor);
+}
+
+void EngineRuntime::begin() {
+  JS_UpdateStackTop(mRuntime.get());
+  JS_SetMemoryLimit(mRuntime.get(), mLimits.heapBytes);
+  mMemoryRefused = false;
+  mTimeIsUp = false;
+  mAlertBytesLeft = kAlertBytes;
+  mDeadline = std::chrono::steady_clock::now() + mLimits.time;
+}
+
+void EngineRuntime::runJobs() {
+  for (int i = 0; i < kMostJobs && JS_IsJobPending(mRuntime.get()) != 0 && !timeIsUp(); ++i) {
+    JSContext* context = nullptr;
+    // What a job throws goes nowhere, as an unhandled rejection.
+    if (JS_ExecutePendingJob(mRuntime.get(), &context) < 0)
+      JS_FreeValue(mContext.get(), JS_GetException(mContext.get()));
+  }
+}
+
+bool EngineRuntime::timeIsUp() {
+  if (!mTimeIsUp && std::chrono::steady_clock::now() >= mDeadline) {
+    mTimeIsUp = true;
+    JS_SetMemoryLimit(mRuntime.get(), mLimits.heapBytes + kErrorReserve);
+  }
+  return mTimeIsUp;
+}
+
+int EngineRuntime::interrupt(JSRuntime* /*runtime*/, void* self) {
+  return static_cast<EngineRuntime*>(self)->timeIsUp() ? 1 : 0;
+}
+
+std::size_t EngineRuntime::bytesInUse() {
+  JS_RunGC(mRuntime.get());
+  return mBytes;
+}
+
+void EngineRuntime::alert(std::string_view text) {
+  const std::size_t head = utf8Head(text, mAlertBytesLeft);
+  if (head == 0) return;
+  mAlertBytesLeft = head < text.size() ? 0 : mAlertBytesLeft - head;
+  mEnvironment.alert(text.substr(0, head));
+}
+
+}  // namespace pac_worker
