@@ -22,6 +22,24 @@ std::string asSeen(std::string name) {
   return name;
 }
 
+struct Rule {
+  bool exception;
+  std::vector<std::string> pattern;  ///< labels without the "!"
+};
+
+const std::vector<Rule>& splitRules() {
+  static const auto rules = [] {
+    std::vector<Rule> result;
+    for (const auto& rule : listedRules()) {
+      if (!isAscii(rule)) continue;
+      const bool exception = rule[0] == '!';
+      result.push_back({exception, labelsOf(exception ? rule.substr(1) : rule)});
+    }
+    return result;
+  }();
+  return rules;
+}
+
 /// The list's own algorithm, on its rules one by one: a rule matches when its labels are the name's
 /// last ones, "*" any label; an exception prevails and leaves its first label out; else the longest
 /// match is the public suffix. A wildcard's parent counts as a suffix as well.
@@ -29,11 +47,9 @@ bool isSuffixByTheList(const std::string& name) {
   if (name.empty()) return false;
   const auto labels = labelsOf(name);
   std::size_t longest = 0;
-  for (const auto& rule : listedRules()) {
-    if (!isAscii(rule)) continue;
-    const bool exception = rule[0] == '!';
-    const auto pattern = labelsOf(exception ? rule.substr(1) : rule);
-    if (pattern[0] == "*" && labels == std::vector(pattern.begin() + 1, pattern.end()))
+  for (const auto& [exception, pattern] : splitRules()) {
+    if (pattern[0] == "*" &&
+        std::equal(pattern.begin() + 1, pattern.end(), labels.begin(), labels.end()))
       longest = std::max(longest, labels.size());
     if (pattern.size() > labels.size()) continue;
     const bool matches = std::equal(pattern.rbegin(), pattern.rend(), labels.rbegin(),
@@ -71,8 +87,7 @@ TEST(IsPublicSuffix, AsksTheCurrentListForNamesWithADot) {
 TEST(IsPublicSuffix, LeavesUnknownAndNewerSingleLabelsToTheNetwork) {
   ASSERT_NE(psl_is_public_suffix2(psl_builtin(), "search", PSL_TYPE_ANY | PSL_TYPE_NO_STAR_RULE),
             0);
-  for (const char* name : {"lan", "search", "xyz", "*"})
-    EXPECT_FALSE(isPublicSuffix(name)) << name;
+  for (const char* name : {"lan", "search", "xyz", "*"}) EXPECT_FALSE(isPublicSuffix(name)) << name;
 }
 
 TEST(IsPublicSuffix, SeesNamesInLowerCaseWithoutTrailingDotsUpToTheirFirstZero) {
