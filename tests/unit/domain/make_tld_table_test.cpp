@@ -76,6 +76,12 @@ TEST_F(MakeTldTable, WritesBytesBeyondAsciiAsOctal) {
   EXPECT_THAT(header, HasSubstr("h\\303\\270nefoss.no"));
 }
 
+TEST_F(MakeTldTable, MovesARuleBeyondAsciiWhoseBytesWouldFindIt) {
+  // U+00E9 and its two bytes are both odd hashes, as is "a": of two buckets, all want the second.
+  EXPECT_EQ(make("\xc3\xa9\na\n"), 0);
+  EXPECT_THAT(header, HasSubstr("{\n    0, 3,\n    5};"));
+}
+
 TEST_F(MakeTldTable, MakesTheSameTableEachTime) {
   EXPECT_EQ(makeFrom(SUFFIX_LIST), 0);
   const std::string first = header;
