@@ -2,22 +2,20 @@
 # that add this tree. Whoever links it gets the include root and the dependencies with it.
 #
 # It is made of the folders' objects, not of their archives: folders may call each other, and one
-# archive has no order to get wrong. The script worker is a program of its own and not in it.
-set(proxymanager_folders "")
-foreach(folder log process netservice bus pac_engine records domain pac fetcher dbus service)
-  if(TARGET proxymanager_${folder})
-    list(APPEND proxymanager_folders proxymanager_${folder})
-  endif()
-endforeach()
+# archive has no order to get wrong. Left out is what the daemon must never map, the script engine
+# of the worker, and what belongs to the command line client.
+get_property(proxymanager_gathered GLOBAL PROPERTY proxymanager_libraries)
+list(FILTER proxymanager_gathered EXCLUDE REGEX "^proxymanager_(script_engine|client.*)$")
 
 add_library(proxymanager STATIC)
-foreach(folder ${proxymanager_folders})
-  target_sources(proxymanager PRIVATE $<TARGET_OBJECTS:${folder}>)
-endforeach()
 # Archives made of foreign objects alone do not tell CMake which linker they need.
 set_target_properties(proxymanager PROPERTIES LINKER_LANGUAGE CXX)
 target_compile_features(proxymanager PUBLIC cxx_std_20)
 target_include_directories(proxymanager PUBLIC "${proxymanagerd_SOURCE_DIR}")
-target_link_libraries(proxymanager PUBLIC
-  PkgConfig::dbusxx PkgConfig::curl PkgConfig::crypto PkgConfig::seccomp PkgConfig::cares
-  PkgConfig::psl PkgConfig::bsd PkgConfig::systemd PkgConfig::unwind Threads::Threads)
+foreach(folder ${proxymanager_gathered})
+  target_sources(proxymanager PRIVATE $<TARGET_OBJECTS:${folder}>)
+  get_target_property(dependencies ${folder} LINK_LIBRARIES)
+  list(FILTER dependencies INCLUDE REGEX "^(PkgConfig|Threads)::")
+  target_link_libraries(proxymanager PUBLIC ${dependencies})
+endforeach()
+target_link_libraries(proxymanager PUBLIC Threads::Threads)

@@ -13,7 +13,8 @@ import re
 import sys
 import tempfile
 
-RECORDS = "service/proxy_config."
+# The records, their helpers and their owner type.
+RECORDS = "service/proxy_config"
 SERVICE_HEADER = "service/proxy_manager_service_impl.h"
 # What everything may include.
 COMMON = ("platform/log/", "platform/process/annotations.h")
@@ -86,7 +87,7 @@ def violations(tree):
 
 
 GOOD = {
-    "service/proxy_config.cpp": ["service/proxy_config.h", "platform/log/log_line.h"],
+    "service/proxy_config.cpp": ["service/proxy_config.h", "service/proxy_config_owner.h", "platform/log/log_line.h"],
     "service/main.cpp": ["pac/pac_parser.h", "dbus/handler.h", "platform/bus/bus_helper.h"],
     "domain/tld.cpp": ["domain/tld.h", "tld_table.h", "service/proxy_config.h"],
     "pac/pac_parser.h": ["service/proxy_config.h", "platform/process/annotations.h"],
