@@ -30,8 +30,9 @@ def sanitizer(request):
 
 
 @pytest.fixture(autouse=True)
-def root():
-    with own_root():
+def root(build):
+    tree = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
+    with own_root(tree, build):
         yield
 
 

@@ -29,8 +29,32 @@ void write(const char* path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-void mountEmpty(const char* path, const char* options) {
-  require(mount("tmpfs", path, "tmpfs", MS_NOSUID, options) == 0, path);
+void mountEmpty(const fs::path& path, const char* options) {
+  require(mount("tmpfs", path.c_str(), "tmpfs", MS_NOSUID, options) == 0, path.c_str());
+}
+
+void bind(const fs::path& source, const fs::path& target) {
+  require(mount(source.c_str(), target.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0,
+          target.c_str());
+}
+
+bool isBelow(const fs::path& path, const fs::path& folder) {
+  return path.lexically_relative(folder).native().substr(0, 2) != "..";
+}
+
+// An empty folder in place of `path`, but for the tree under test where that lies below it.
+void replaceByEmpty(const fs::path& path, const char* options) {
+  const fs::path full = "/mnt/full";
+  fs::create_directories(full);
+  mountEmpty(full, options);
+  for (const fs::path tree : {PROXYMANAGER_SOURCE_FOLDER, PROXYMANAGER_BUILD_FOLDER}) {
+    if (!isBelow(tree, path)) continue;
+    const fs::path place = full / tree.lexically_relative(path);
+    fs::create_directories(place);
+    bind(tree, place);
+  }
+  bind(full, path);
+  require(umount2(full.c_str(), MNT_DETACH) == 0, "umount");
 }
 
 }  // namespace
@@ -57,22 +81,18 @@ void enterOwnRoot() {
   for (const char* device : {"null", "zero", "full", "random", "urandom", "tty"}) {
     const auto target = fs::path("/mnt/dev") / device;
     std::ofstream{target};
-    require(mount((fs::path("/dev") / device).c_str(), target.c_str(), nullptr, MS_BIND, nullptr) ==
-                0,
-            target.c_str());
+    bind(fs::path("/dev") / device, target);
   }
   for (const char* folder : {"shm", "pts"}) {
     const auto target = fs::path("/mnt/dev") / folder;
     fs::create_directory(target);
-    require(mount((fs::path("/dev") / folder).c_str(), target.c_str(), nullptr, MS_BIND, nullptr) ==
-                0,
-            target.c_str());
+    bind(fs::path("/dev") / folder, target);
   }
   fs::create_symlink("/proc/self/fd", "/mnt/dev/fd");
   fs::create_symlink("pts/ptmx", "/mnt/dev/ptmx");
-  require(mount("/mnt/etc", "/etc", nullptr, MS_BIND, nullptr) == 0, "/etc");
-  require(mount("/mnt/dev", "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0, "/dev");
-  mountEmpty("/tmp", "mode=1777");
-  mountEmpty("/run", "mode=0755");
-  mountEmpty("/usr/local", "mode=0755");
+  bind("/mnt/etc", "/etc");
+  bind("/mnt/dev", "/dev");
+  replaceByEmpty("/tmp", "mode=1777");
+  replaceByEmpty("/run", "mode=0755");
+  replaceByEmpty("/usr/local", "mode=0755");
 }

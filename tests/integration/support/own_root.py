@@ -35,7 +35,20 @@ def mount_empty(path, options):
     mount("tmpfs", path, "tmpfs", MS_NOSUID, options)
 
 
-def _fill():
+def _replace_by_empty(path, options, trees):
+    """An empty folder in place of `path`, but for the trees that lie below it."""
+    os.makedirs("/mnt/full", exist_ok=True)
+    mount_empty("/mnt/full", options)
+    for tree in trees:
+        if os.path.commonpath([tree, path]) == path:
+            place = "/mnt/full/" + os.path.relpath(tree, path)
+            os.makedirs(place, exist_ok=True)
+            mount(tree, place, flags=MS_BIND | MS_REC)
+    mount("/mnt/full", path, flags=MS_BIND | MS_REC)
+    unmount("/mnt/full")
+
+
+def _fill(trees):
     """Hides no folder before what is taken from it stands in the new one."""
     mount_empty("/mnt", "mode=0755")
     shutil.copytree("/etc", "/mnt/etc", symlinks=True, ignore_dangling_symlinks=True)
@@ -50,21 +63,21 @@ def _fill():
     os.symlink("pts/ptmx", "/mnt/dev/ptmx")
     mount("/mnt/etc", "/etc", flags=MS_BIND)
     mount("/mnt/dev", "/dev", flags=MS_BIND | MS_REC)
-    mount_empty("/tmp", "mode=1777")
-    mount_empty("/run", "mode=0755")
-    mount_empty("/usr/local", "mode=0755")
+    _replace_by_empty("/tmp", "mode=1777", trees)
+    _replace_by_empty("/run", "mode=0755", trees)
+    _replace_by_empty("/usr/local", "mode=0755", trees)
     os.makedirs("/usr/local/lumad")
 
 
 @contextlib.contextmanager
-def own_root():
-    """Inside, this thread and what it starts see the private folders."""
+def own_root(*trees):
+    """Inside, this thread and what it starts see the private folders, and the trees as they are."""
     before = os.open("/proc/self/ns/mnt", os.O_RDONLY)
     folder = os.getcwd()
     _check(_libc.unshare(CLONE_NEWNS), "unshare (these tests need mount namespaces)")
     try:
         mount(None, "/", flags=MS_REC | MS_PRIVATE)
-        _fill()
+        _fill(trees)
         yield
     finally:
         _check(_libc.setns(before, CLONE_NEWNS), "setns")

@@ -120,9 +120,7 @@ TEST_F(Helper, ANameThatAnotherOwnsIsAnError) {
   EXPECT_THROW(mHelper->requestName("org.freedesktop.DBus"), DBus::Error);
 }
 
-using HelperDeathTest = Helper;
-
-TEST_F(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
+TEST(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
   EXPECT_EXIT(
       {
         PrivateBus bus;
