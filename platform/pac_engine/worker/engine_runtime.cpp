@@ -16,6 +16,17 @@ constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
 // throws null instead, and a script with a full heap could catch that and go on for ever.
 constexpr std::size_t kErrorReserve = 64U << 10U;
 
+// The engine polls the clock every ten thousandth call or turn of a loop. Where each turn is long
+// work of a built-in function, that is minutes, so the heap looks at the clock too: once in so many
+// bytes, with each block counted as a little more. From a grace after the deadline on it refuses
+// everything; then the built-in functions fail at once and the next poll is near.
+constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
+constexpr std::size_t kBlockCost = 1U << 10U;
+constexpr std::chrono::milliseconds kStarvationGrace{100};
+// The error of an interrupt must still come about. It is granted anew only after a refusal: else a
+// loop around functions that swallow interrupts (async ones) would be fed by them for ever.
+constexpr int kReprieveBlocks = 64;
+
 std::size_t weight(void* block) {
   return malloc_usable_size(block) + kBlockOverhead;
 }
@@ -36,7 +47,7 @@ const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocate, release, real
 void* EngineRuntime::allocate(JSMallocState* state, std::size_t size) {
   EngineRuntime& self = ownerOf(state);
   const bool fits = self.mBytes < state->malloc_limit && size <= state->malloc_limit - self.mBytes;
-  void* const block = fits ? std::malloc(size) : nullptr;
+  void* const block = fits && !self.isStarved(size) ? std::malloc(size) : nullptr;
   if (block == nullptr) {
     self.mMemoryRefused = true;
     return nullptr;
@@ -65,7 +76,7 @@ void* EngineRuntime::reallocate(JSMallocState* state, void* block, std::size_t s
   EngineRuntime& self = ownerOf(state);
   const std::size_t others = self.mBytes - weight(block);
   const bool fits = others < state->malloc_limit && size <= state->malloc_limit - others;
-  void* const moved = fits ? std::realloc(block, size) : nullptr;
+  void* const moved = fits && !self.isStarved(size) ? std::realloc(block, size) : nullptr;
   if (moved == nullptr) {
     self.mMemoryRefused = true;
     return nullptr;
@@ -106,6 +117,8 @@ void EngineRuntime::begin() {
   mMemoryRefused = false;
   mTimeIsUp = false;
   mAlertBytesLeft = kAlertBytes;
+  mStarving = false;
+  mReprieve = 0;
   mDeadline = std::chrono::steady_clock::now() + mLimits.time;
 }
 
@@ -126,8 +139,29 @@ bool EngineRuntime::timeIsUp() {
   return mTimeIsUp;
 }
 
-int EngineRuntime::interrupt(JSRuntime* /*runtime*/, void* self) {
-  return static_cast<EngineRuntime*>(self)->timeIsUp() ? 1 : 0;
+int EngineRuntime::interrupt(JSRuntime* /*runtime*/, void* runtime) {
+  EngineRuntime& self = *static_cast<EngineRuntime*>(runtime);
+  if (!self.timeIsUp()) return 0;
+  if (self.mRefusedStarving) self.mReprieve = kReprieveBlocks;
+  self.mRefusedStarving = false;
+  return 1;
+}
+
+bool EngineRuntime::isStarved(std::size_t size) {
+  mBytesSinceLook += size + kBlockCost;
+  if (mBytesSinceLook >= kBytesBetweenLooks && !mStarving) {
+    mBytesSinceLook = 0;
+    mStarving = std::chrono::steady_clock::now() >= mDeadline + kStarvationGrace;
+    mReprieve = 0;
+    mRefusedStarving = false;
+  }
+  if (!mStarving) return false;
+  if (mReprieve > 0) {
+    --mReprieve;
+    return false;
+  }
+  mRefusedStarving = true;
+  return true;
 }
 
 std::size_t EngineRuntime::bytesInUse() {

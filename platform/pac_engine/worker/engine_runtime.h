@@ -107,12 +107,18 @@ class EngineRuntime {
   static void release(JSMallocState* state, void* block);
   static void* reallocate(JSMallocState* state, void* block, std::size_t size);
   static int interrupt(JSRuntime* runtime, void* self);
+  /// True where a block is refused because the time limit was passed long ago.
+  bool isStarved(std::size_t size);
 
   PacEnvironment& mEnvironment;
   const ScriptLimits mLimits;
   std::size_t mBytes = 0;  ///< handed out to the engine, the allocator's overhead included
   bool mMemoryRefused = false;
   bool mTimeIsUp = false;
+  bool mStarving = false;         ///< blocks are refused, but for a reprieve
+  bool mRefusedStarving = false;  ///< since the last reprieve
+  int mReprieve = 0;              ///< blocks still granted
+  std::size_t mBytesSinceLook = 0;
   std::chrono::steady_clock::time_point mDeadline;
   std::size_t mAlertBytesLeft = 0;
   std::unique_ptr<JSRuntime, RuntimeDeleter> mRuntime;
