@@ -5,7 +5,7 @@ find_package(Threads REQUIRED)
 
 foreach(dependency
     "dbusxx;dbus-c++-1" "curl;libcurl" "crypto;libcrypto" "seccomp;libseccomp" "cares;libcares"
-    "psl;libpsl" "bsd;libbsd" "systemd;libsystemd" "unwind;libunwind")
+    "idn2;libidn2" "psl;libpsl" "bsd;libbsd" "systemd;libsystemd" "unwind;libunwind")
   list(GET dependency 0 name)
   list(GET dependency 1 module)
   # SYSTEM: dbus-c++ names its headers with -I, and they do not bear this tree's warnings.
