@@ -1,0 +1,46 @@
+// One end of the socket pair between library and worker: whole messages, in and out.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "platform/pac_engine/protocol.h"
+#include "platform/pac_engine/unique_fd.h"
+
+namespace pac_engine {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+enum class Receipt : std::uint8_t {
+  kMessage,  ///< there is a message
+  kEnd,      ///< the other end is closed, or the socket failed
+  kTooLate   ///< nothing came by the deadline
+};
+
+class Channel {
+ public:
+  explicit Channel(UniqueFd socket);
+
+  /// Sends one message without waiting.
+  /// @return false where the other end is closed or does not read what it is sent
+  bool send(std::string_view message);
+
+  /// Waits for one message until `deadline`, without one for as long as the other end lives.
+  Receipt receive(std::optional<Deadline> deadline = std::nullopt);
+
+  /// The message received last, until the next receive(). One that is longer than any may be is cut
+  /// to a size that no decoder takes.
+  std::string_view message() const { return {mBuffer.get(), mLength}; }
+
+  int fd() const { return mSocket.get(); }
+
+ private:
+  UniqueFd mSocket;
+  std::unique_ptr<char[]> mBuffer;
+  std::size_t mLength = 0;
+};
+
+}  // namespace pac_engine

@@ -1,0 +1,92 @@
+#include "platform/pac_engine/request_url.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include "platform/pac_engine/protocol.h"
+
+namespace pac_engine {
+
+namespace {
+
+using Url = std::unique_ptr<CURLU, decltype(&curl_url_cleanup)>;
+using CurlText = std::unique_ptr<char, decltype(&curl_free)>;
+
+// Spaces are let through since callers hand over what people typed; a scheme need not be one that
+// curl can fetch; dot segments are the server's business.
+constexpr unsigned kParseFlags =
+    CURLU_NON_SUPPORT_SCHEME | CURLU_NO_AUTHORITY | CURLU_PATH_AS_IS | CURLU_ALLOW_SPACE;
+
+struct DefaultPort {
+  std::string_view scheme;
+  std::string_view port;
+};
+// Named here because curl knows those ports only of schemes that it was built with.
+constexpr std::array<DefaultPort, 5> kDefaultPorts{
+    {{"http", "80"}, {"https", "443"}, {"ws", "80"}, {"wss", "443"}, {"ftp", "21"}}};
+
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+std::optional<std::string> part(CURLU* url, CURLUPart which) {
+  char* raw = nullptr;
+  if (curl_url_get(url, which, &raw, 0) != CURLUE_OK) return std::nullopt;
+  const CurlText text(raw, &curl_free);
+  return std::string(raw);
+}
+
+bool set(CURLU* url, CURLUPart which, const char* value) {
+  return curl_url_set(url, which, value, CURLU_NON_SUPPORT_SCHEME) == CURLUE_OK;
+}
+
+bool lowerHost(CURLU* url) {
+  auto host = part(url, CURLUPART_HOST);
+  if (!host || host->empty()) return true;
+  const auto given = *host;
+  std::transform(host->begin(), host->end(), host->begin(), lower);
+  return *host == given || set(url, CURLUPART_HOST, host->c_str());
+}
+
+bool dropDefaultPort(CURLU* url, const std::string& scheme) {
+  const auto port = part(url, CURLUPART_PORT);
+  if (!port) return true;
+  const bool isDefault =
+      std::any_of(kDefaultPorts.begin(), kDefaultPorts.end(),
+                  [&](const auto& entry) { return entry.scheme == scheme && entry.port == *port; });
+  return !isDefault || set(url, CURLUPART_PORT, nullptr);
+}
+
+bool clean(CURLU* url) {
+  const auto scheme = part(url, CURLUPART_SCHEME);
+  if (!scheme) return false;
+  bool done = true;
+  for (const auto secret :
+       {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS, CURLUPART_FRAGMENT}) {
+    done = done && set(url, secret, nullptr);
+  }
+  if (*scheme == "https" || *scheme == "wss") {
+    done = done && set(url, CURLUPART_PATH, "/") && set(url, CURLUPART_QUERY, nullptr);
+  }
+  return done && lowerHost(url) && dropDefaultPort(url, *scheme);
+}
+
+}  // namespace
+
+std::optional<std::string> cleanedUrl(std::string_view url) {
+  if (url.size() > kMaxUrlBytes) return std::nullopt;
+  const std::string given(url);
+  if (given.find("://") == std::string::npos) return given;
+  const Url parsed(curl_url(), &curl_url_cleanup);
+  if (!parsed ||
+      curl_url_set(parsed.get(), CURLUPART_URL, given.c_str(), kParseFlags) != CURLUE_OK ||
+      !clean(parsed.get())) {
+    return std::nullopt;
+  }
+  auto cleaned = part(parsed.get(), CURLUPART_URL);
+  if (cleaned && cleaned->size() > kMaxUrlBytes) return std::nullopt;
+  return cleaned;
+}
+
+}  // namespace pac_engine

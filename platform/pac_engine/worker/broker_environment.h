@@ -1,0 +1,52 @@
+// The world as a script in the worker sees it: clock and zone are the worker's own, everything else
+// is asked of the library through the socket.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/pac_engine/channel.h"
+#include "platform/pac_engine/worker/pac_environment.h"
+
+namespace pac_worker {
+
+/// Ends the process where the library is gone or breaks the rules of the conversation.
+class BrokerEnvironment : public PacEnvironment {
+ public:
+  /// @param channel outlives this object
+  explicit BrokerEnvironment(pac_engine::Channel& channel) : mChannel(channel) {}
+
+  /// Stops the clock at `seconds` since 1970.
+  void stopClock(std::int64_t seconds) { mStopped = seconds; }
+
+  /// Begins a load or an evaluation: a new share of alerts.
+  void begin() { mAlertBytesLeft = pac_engine::kMaxAlertBytes; }
+
+  std::vector<std::string> resolve(std::string_view name, AddressFamily family) override;
+  std::vector<std::string> ownAddresses(AddressFamily family) override;
+  std::int64_t now() override;
+  std::tm brokenDown(std::int64_t when, bool gmt) override;
+  void alert(std::string_view text) override;
+
+ private:
+  std::vector<std::string> ask(const pac_engine::FromWorker& question);
+
+  pac_engine::Channel& mChannel;
+  std::optional<std::int64_t> mStopped;
+  std::size_t mAlertBytesLeft = pac_engine::kMaxAlertBytes;
+};
+
+/// Sends `message`, or ends the process where nobody takes it.
+void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& message);
+
+/// Waits for the next message, or ends the process: quietly where the socket is closed.
+pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
+
+inline constexpr int kExitBroken = 3;  ///< exit code: the library broke the rules of the conversation
+
+}  // namespace pac_worker

@@ -1,0 +1,222 @@
+#include "platform/pac_engine/worker/sandbox.h"
+
+#include <grp.h>
+#include <linux/capability.h>
+#include <linux/futex.h>
+#include <pwd.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <initializer_list>
+#include <memory>
+
+#if PROXYMANAGER_SECCOMP
+#include <seccomp.h>
+#endif
+
+namespace pac_worker {
+
+namespace {
+
+using Failure = std::optional<std::string>;
+
+// Where the user of its own does not exist; both numbers are nobody's on every distribution.
+constexpr uid_t kNobody = 65534;
+constexpr gid_t kNogroup = 65534;
+
+Failure failed(const std::string& what) { return what + ": " + std::strerror(errno); }
+
+struct Account {
+  uid_t user = kNobody;
+  gid_t group = kNogroup;
+};
+
+/// The account `proxymanager` of /etc/passwd, else nobody's. Read without the name service switch:
+/// its modules would be loaded into the worker and may wait for a network.
+Account account() {
+  const std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen("/etc/passwd", "re"), &std::fclose);
+  if (!file) return {};
+  while (const passwd* entry = fgetpwent(file.get())) {
+    if (std::strcmp(entry->pw_name, "proxymanager") == 0 && entry->pw_uid != 0) {
+      return {entry->pw_uid, entry->pw_gid};
+    }
+  }
+  return {};
+}
+
+/// Leaves the network. A kernel or a container that gives no namespace is no failure: the system
+/// calls of sockets are not on the list either.
+void leaveNetwork() {
+  if (unshare(CLONE_NEWNET) != 0) unshare(CLONE_NEWUSER | CLONE_NEWNET);
+}
+
+Failure becomeUnprivileged() {
+  if (geteuid() != 0 && getuid() != 0) return {};
+  const Account target = account();
+  if (setgroups(0, nullptr) != 0) return failed("setgroups");
+  if (setresgid(target.group, target.group, target.group) != 0) return failed("setresgid");
+  if (setresuid(target.user, target.user, target.user) != 0) return failed("setresuid");
+  return {};
+}
+
+/// The bounding set goes while there still is the capability that it takes; who has not got that one
+/// gains nothing from the set either, since no program that is started gets new privileges.
+void dropBoundingSet() {
+  for (unsigned long capability = 0; prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0;
+       ++capability) {
+    prctl(PR_CAPBSET_DROP, capability, 0, 0, 0);
+  }
+}
+
+Failure dropCapabilities() {
+  // Fails only where the kernel has no ambient set.
+  prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
+  if (syscall(SYS_capset, &header, none) != 0) return failed("capset");
+  return {};
+}
+
+Failure limitResource(decltype(RLIMIT_AS) resource, rlim_t limit, const char* name) {
+  const rlimit both{limit, limit};
+  if (setrlimit(resource, &both) != 0) return failed(name);
+  return {};
+}
+
+Failure limitResources() {
+  for (const auto& [resource, limit, name] :
+       {std::tuple{RLIMIT_CORE, rlim_t{0}, "RLIMIT_CORE"},
+        std::tuple{RLIMIT_FSIZE, rlim_t{0}, "RLIMIT_FSIZE"},
+        std::tuple{RLIMIT_NPROC, rlim_t{0}, "RLIMIT_NPROC"},
+        std::tuple{RLIMIT_NOFILE, rlim_t{0}, "RLIMIT_NOFILE"},
+#if PROXYMANAGER_MEMORY_LIMIT
+        std::tuple{RLIMIT_AS, rlim_t{kAddressSpaceBytes}, "RLIMIT_AS"},
+#endif
+        std::tuple{RLIMIT_MEMLOCK, rlim_t{0}, "RLIMIT_MEMLOCK"}}) {
+    if (auto failure = limitResource(resource, limit, name)) return failure;
+  }
+  return {};
+}
+
+/// A program may have been started with a smaller stack than the engine counts on.
+Failure raiseStack() {
+  rlimit stack{};
+  if (getrlimit(RLIMIT_STACK, &stack) != 0) return failed("RLIMIT_STACK");
+  if (stack.rlim_max < kStackBytes) return {};
+  return limitResource(RLIMIT_STACK, kStackBytes, "RLIMIT_STACK");
+}
+
+#if PROXYMANAGER_SECCOMP
+
+using Filter = std::unique_ptr<void, decltype(&seccomp_release)>;
+using Arguments = std::initializer_list<scmp_arg_cmp>;
+
+class AllowList {
+ public:
+  AllowList() : mFilter(seccomp_init(SCMP_ACT_KILL_PROCESS), &seccomp_release) {}
+
+  AllowList& allow(int call, Arguments arguments = {}) {
+    note(mFilter ? seccomp_rule_add_array(mFilter.get(), SCMP_ACT_ALLOW, call,
+                                          static_cast<unsigned>(arguments.size()),
+                                          arguments.begin())
+                 : -ENOMEM);
+    return *this;
+  }
+
+  /// Asks for `call` before others.
+  AllowList& first(int call) {
+    if (mFilter) note(seccomp_syscall_priority(mFilter.get(), call, UINT8_MAX));
+    return *this;
+  }
+
+  Failure load() {
+    if (mError == 0) {
+      // Calls of another architecture's kind are as forbidden as any.
+      note(seccomp_attr_set(mFilter.get(), SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS));
+    }
+    if (mError == 0) note(seccomp_load(mFilter.get()));
+    if (mError == 0) return {};
+    errno = -mError;
+    return failed("seccomp");
+  }
+
+ private:
+  void note(int result) {
+    if (mError == 0 && result < 0) mError = result;
+  }
+
+  Filter mFilter;
+  int mError = 0;
+};
+
+scmp_arg_cmp equals(unsigned argument, std::uint64_t value) {
+  return {argument, SCMP_CMP_EQ, value, 0};
+}
+
+scmp_arg_cmp masked(unsigned argument, std::uint64_t mask, std::uint64_t value) {
+  return {argument, SCMP_CMP_MASKED_EQ, mask, value};
+}
+
+Failure allowOnlyWhatAnEngineNeeds(int socket) {
+  const auto theSocket = equals(0, static_cast<std::uint64_t>(socket));
+  const auto noAddress = equals(4, 0);
+  constexpr std::uint64_t kInt = 0xFFFFFFFF;  // upper halves of int arguments mean nothing
+  constexpr std::uint64_t kFutexCommand = kInt & ~std::uint64_t{FUTEX_PRIVATE_FLAG};
+  AllowList list;
+  list.allow(SCMP_SYS(recvfrom), {theSocket, noAddress})
+      .allow(SCMP_SYS(sendto), {theSocket, noAddress})
+      .allow(SCMP_SYS(poll), {equals(1, 1)})
+      .first(SCMP_SYS(recvfrom))
+      .first(SCMP_SYS(sendto));
+  // Memory: never of a file, never to be run.
+  list.allow(SCMP_SYS(brk))
+      .allow(SCMP_SYS(mmap), {masked(2, PROT_EXEC, 0), masked(3, MAP_ANONYMOUS, MAP_ANONYMOUS)})
+      .allow(SCMP_SYS(mprotect), {masked(2, PROT_EXEC, 0)})
+      .allow(SCMP_SYS(mremap))
+      .allow(SCMP_SYS(munmap))
+      .allow(SCMP_SYS(madvise));
+  // The clock, where the kernel gives no page to read it from.
+  list.allow(SCMP_SYS(clock_gettime)).allow(SCMP_SYS(gettimeofday)).allow(SCMP_SYS(time));
+  // What the C++ runtime does around a thrown exception: pthread_once wakes who may wait for it.
+  list.allow(SCMP_SYS(futex), {masked(1, kFutexCommand, FUTEX_WAKE)});
+  list.allow(SCMP_SYS(restart_syscall)).allow(SCMP_SYS(exit_group));
+  return list.load();
+}
+
+#else
+
+Failure allowOnlyWhatAnEngineNeeds(int) { return {}; }
+
+#endif
+
+}  // namespace
+
+void loadZone() {
+  // Named by its file, the zone is not looked for again at each conversion; stat is forbidden then.
+  setenv("TZ", ":/etc/localtime", 0);
+  tzset();
+}
+
+Failure enterSandbox(int socket) {
+  if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return failed("no_new_privs");
+  if (auto failure = raiseStack()) return failure;
+  leaveNetwork();
+  dropBoundingSet();
+  if (auto failure = becomeUnprivileged()) return failure;
+  if (auto failure = dropCapabilities()) return failure;
+  if (prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) return failed("dumpable");
+  if (auto failure = limitResources()) return failure;
+  return allowOnlyWhatAnEngineNeeds(socket);
+}
+
+}  // namespace pac_worker

@@ -1,0 +1,28 @@
+// The walls around the script worker, raised before it reads the first byte of a script.
+//
+// What a script that breaks the engine finds: no new privileges, an unprivileged user, no
+// capability, an empty network namespace where the kernel gives one, no memory beyond its share, no
+// new file, process or core dump, no debugger, and a list of the few system calls that a running
+// engine needs; any other kills the process. The list is the wall that counts; the others stand
+// behind it.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace pac_worker {
+
+/// Address space of the worker: the 64 MiB of the engine's heap, as much again while a block of it
+/// grows by being copied, and the program, script and stack.
+inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
+inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
+
+/// Reads the zone rules (TZ, else /etc/localtime), which are out of reach later. To be called first.
+void loadZone();
+
+/// Raises all walls around this process, which has one thread. Afterwards it can read and write the
+/// socket `socket`, get and give back memory, ask the time, and end.
+/// @return nothing, or which wall could not be raised and why; the process must then end
+std::optional<std::string> enterSandbox(int socket);
+
+}  // namespace pac_worker

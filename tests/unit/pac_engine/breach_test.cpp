@@ -1,0 +1,103 @@
+// A worker that does not keep to the rules of the conversation, or ends, costs its question and
+// nothing else. The worker is the real program with an engine that does what its host says.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include <chrono>
+
+#include "platform/pac_engine/pac_engine.h"
+#include "platform/pac_engine/protocol.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using namespace pac_engine;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+constexpr milliseconds kTimeLimit{300};
+
+std::unique_ptr<Engine> engine(Problem& problem, const char* script = "ready") {
+  Options options;
+  options.workerProgram = WALLS_WORKER;
+  options.timeLimit = kTimeLimit;
+  return Engine::load(script, options, problem);
+}
+
+std::unique_ptr<Engine> readyEngine() {
+  Problem problem;
+  auto made = engine(problem);
+  EXPECT_NE(made, nullptr) << problem.message;
+  return made;
+}
+
+struct Breach {
+  const char* step;
+  const char* problem;
+};
+
+class Breaches : public ::testing::TestWithParam<Breach> {};
+
+TEST_P(Breaches, CostTheQuestionAndNothingElse) {
+  const auto one = readyEngine();
+  const auto pid = one->workerPid();
+  const auto start = steady_clock::now();
+  const auto reply = one->evaluate("http://h/", GetParam().step);
+  EXPECT_LT(steady_clock::now() - start, kTimeLimit + kKillGrace + milliseconds(1500));
+  EXPECT_FALSE(reply.result);
+  EXPECT_EQ(reply.problem.message, std::string("the script worker ") + GetParam().problem);
+  EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1) << "the worker has not been waited for";
+  EXPECT_EQ(one->evaluate("http://h/", "url").result, "http://h/");
+  EXPECT_NE(one->workerPid(), pid);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Worker, Breaches,
+    ::testing::Values(Breach{"exit", "ended without an answer"},
+                      Breach{"hang", "did not answer in time"},
+                      Breach{"garbage", "sent what is no message"},
+                      Breach{"too_long", "sent what is no message"},
+                      Breach{"early_ready", "answered what was not asked"},
+                      Breach{"wrong_serial", "answered what was not asked"},
+                      Breach{"alert_flood", "asks without end"},
+                      Breach{"questions_without_reading", "does not read its answers"}),
+    [](const auto& test) { return test.param.step; });
+
+TEST(Worker, ThatBreaksTheRulesWhileLoadingIsRefused) {
+  for (const char* step : {"garbage", "wrong_serial", "exit", "hang"}) {
+    Problem problem;
+    EXPECT_EQ(engine(problem, step), nullptr) << step;
+    EXPECT_EQ(problem.message.rfind("the script worker ", 0), 0U) << problem.message;
+  }
+}
+
+TEST(Worker, HasItsTextsMadeVisible) {
+  const auto one = readyEngine();
+  EXPECT_EQ(one->evaluate("http://h/", "error").problem.message, "Error: a\\x0ab");
+  one->evaluate("http://h/", "alert");
+  EXPECT_TRUE(logged(LOG_DEBUG, "pac_engine: alert: tab\\x09here"));
+}
+
+TEST(Worker, MayAnswerWith64KiBButNotWithANul) {
+  const auto one = readyEngine();
+  const auto longest = one->evaluate("http://h/", "long").result;
+  ASSERT_TRUE(longest);
+  EXPECT_EQ(longest->size(), kMaxResultBytes);
+  const auto reply = one->evaluate("http://h/", "nul");
+  EXPECT_FALSE(reply.result);
+  EXPECT_EQ(reply.problem.message, "the result holds a NUL character");
+}
+
+TEST(Worker, ThatIsGoneBetweenQuestionsIsStartedAgainWithoutLoss) {
+  const auto one = readyEngine();
+  const auto pid = one->workerPid();
+  ASSERT_EQ(kill(pid, SIGKILL), 0);
+  siginfo_t info{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(one->evaluate("http://h/", "url").result, "http://h/");
+  EXPECT_TRUE(logged(LOG_WARNING, "pac_engine: worker " + std::to_string(pid) +
+                                      " has ended and is started again (signal 9)"));
+}
+
+}  // namespace

@@ -1,0 +1,50 @@
+// A name server for tests: real DNS over UDP on 127.0.0.1, with names that answer, answer late or
+// never.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct DnsName {
+  std::vector<std::string> addresses;   ///< of both families; empty: the name does not exist
+  std::uint32_t lifetime = 60;          ///< seconds
+  std::chrono::milliseconds delay{0};   ///< before an answer; questions meanwhile wait their turn
+  bool silent = false;                  ///< never answers
+};
+
+class DnsServer {
+ public:
+  /// Serves `names` (any other does not exist) until destroyed. Its one thread, joined then, blocks
+  /// on its socket, which the destructor shuts.
+  explicit DnsServer(std::map<std::string, DnsName> names, const std::string& address = "127.0.0.1",
+                     std::uint16_t port = 0);
+  ~DnsServer();
+  DnsServer(const DnsServer&) = delete;
+  DnsServer& operator=(const DnsServer&) = delete;
+
+  /// "127.0.0.1:port"
+  std::string address() const;
+
+  /// Questions for `name` so far, of all types.
+  int questions(const std::string& name) const;
+
+ private:
+  void serve();
+  std::string answerTo(const std::string& question);
+
+  std::map<std::string, DnsName> mNames;
+  std::string mHost;
+  int mSocket = -1;
+  std::uint16_t mPort = 0;
+  mutable std::mutex mMutex;
+  std::condition_variable mStopped;
+  bool mStop = false;
+  std::map<std::string, int> mQuestions;
+  std::thread mThread;
+};

@@ -1,0 +1,74 @@
+// Name lookups of a script, all the way: worker, socket, library, name server.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "platform/pac_engine/pac_engine.h"
+#include "tests/unit/pac_engine/dns_server.h"
+
+namespace {
+
+using namespace pac_engine;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+/// "n7.test"
+std::string nameOf(int number) {
+  std::string name = "n";
+  name += std::to_string(number);
+  return name += ".test";
+}
+
+std::unique_ptr<Engine> load(const std::string& body, const DnsServer& server) {
+  Options options;
+  options.names.nameServers = server.address();
+  Problem problem;
+  auto engine =
+      Engine::load("function FindProxyForURL(url, host) { " + body + " }", options, problem);
+  EXPECT_NE(engine, nullptr) << describe(problem);
+  return engine;
+}
+
+TEST(NamesOfAScript, AreLookedUp) {
+  const DnsServer server({{"a.test", {{"10.0.0.1", "2001:db8::1"}}}});
+  const auto engine = load("return dnsResolve(host) + ' ' + isResolvableEx(host);", server);
+  EXPECT_EQ(engine->evaluate("http://h/", "a.test").result, "10.0.0.1 true");
+  EXPECT_EQ(engine->evaluate("http://h/", "b.test").result, "null false");
+}
+
+TEST(NamesOfAScript, AreTwentyInOneEvaluation) {
+  std::map<std::string, DnsName> all;
+  for (int i = 0; i < 100; ++i) all[nameOf(i)] = {{"10.0.0.1"}};
+  const DnsServer server(all);
+  const auto engine = load(
+      "var n = 0; for (var i = 0; i < 10000; ++i) if (isResolvable('n' + i + '.test')) ++n; "
+      "return String(n);",
+      server);
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "20");
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "20");
+}
+
+TEST(NamesOfAScript, NeverHoldAnEvaluationPastItsLimit) {
+  DnsName dead;
+  dead.silent = true;
+  std::map<std::string, DnsName> all;
+  for (int i = 0; i < 20; ++i) all[nameOf(i)] = dead;
+  const DnsServer server(all);
+  const auto engine = load(
+      "if (host == 'h') return 'DIRECT'; "
+      "for (var i = 0; i < 20; ++i) isResolvable('n' + i + '.test'); return 'late';",
+      server);
+  const auto start = steady_clock::now();
+  EXPECT_FALSE(engine->evaluate("http://h/", "all").result);
+  EXPECT_LT(steady_clock::now() - start, milliseconds(5800));
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT");
+}
+
+TEST(NamesOfAScript, AreNoneForAnAddressThatIsGiven) {
+  const DnsServer server({});
+  const auto engine = load("return dnsResolve('10.1.2.3');", server);
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "10.1.2.3");
+  EXPECT_EQ(server.questions("10.1.2.3"), 0);
+}
+
+}  // namespace

@@ -1,0 +1,26 @@
+#include <gtest/gtest.h>
+
+#include "platform/pac_engine/pac_engine.h"
+
+namespace {
+
+using pac_engine::describe;
+using pac_engine::visible;
+
+TEST(Visible, ShowsControlCharactersAndLeavesText) {
+  EXPECT_EQ(visible("a b\xc3\xa4"), "a b\xc3\xa4");
+  EXPECT_EQ(visible("a\nb\tc"), "a\\x0ab\\x09c");
+  EXPECT_EQ(visible(std::string_view("\0\x1b[2J\x7f", 6)), "\\x00\\x1b[2J\\x7f");
+}
+
+TEST(Visible, ShowsControlCharactersBeyondAscii) {
+  EXPECT_EQ(visible("a\xc2\x9b" "b"), "a\\x9bb");
+  EXPECT_EQ(visible("\xc2\x80\xc2\x9f\xc2\xa0"), "\\x80\\x9f\xc2\xa0");
+}
+
+TEST(Describe, NamesTheLineWhereOneIsKnown) {
+  EXPECT_EQ(describe({"Error: x", 3}), "line 3: Error: x");
+  EXPECT_EQ(describe({"Error: x", 0}), "Error: x");
+}
+
+}  // namespace

@@ -1,0 +1,134 @@
+// Kills and stops workers around questions, and checks that nothing is lost but the question in
+// flight.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "platform/pac_engine/pac_engine.h"
+
+namespace worker_death {
+
+inline constexpr char kScript[] =
+    "function FindProxyForURL(url, host) {\n"
+    "  for (var i = 0, n = 0; i < 3000; ++i) n += i % 7;\n"
+    "  return 'PROXY ' + host + ':' + n;\n"
+    "}\n";
+
+inline std::string rightAnswer(const std::string& host) {
+  int n = 0;
+  for (int i = 0; i < 3000; ++i) n += i % 7;
+  return "PROXY " + host + ":" + std::to_string(n);
+}
+
+inline std::unique_ptr<pac_engine::Engine> load(std::chrono::milliseconds timeLimit) {
+  pac_engine::Options options;
+  options.timeLimit = timeLimit;
+  pac_engine::Problem problem;
+  auto engine = pac_engine::Engine::load(kScript, options, problem);
+  EXPECT_NE(engine, nullptr) << problem.message;
+  return engine;
+}
+
+inline long openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+/// Bytes that this process has from malloc.
+inline std::size_t heapBytes() { return mallinfo2().uordblks; }
+
+/// Asks one question of its own; an answer must be the right one.
+/// @return whether there was an answer
+inline bool ask(pac_engine::Engine& engine, int number) {
+  std::string host = "h";
+  host += std::to_string(number);
+  const auto reply = engine.evaluate("http://" + host + "/", host);
+  if (reply.result) {
+    EXPECT_EQ(*reply.result, rightAnswer(host));
+  }
+  return reply.result.has_value();
+}
+
+/// Waits until `pid`, a child, has ended, and leaves it to be waited for by the library.
+inline void waitForEnd(pid_t pid) {
+  siginfo_t info{};
+  while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+  }
+}
+
+/// Hits the worker with `signal` before, during and after questions, in turn, `times` times.
+inline void killAroundQuestions(int times) {
+  int number = 0;
+  const auto engine = load(std::chrono::seconds(5));
+  ASSERT_NE(engine, nullptr);
+  ASSERT_TRUE(ask(*engine, ++number));
+  const auto descriptors = openDescriptors();
+  const auto heap = heapBytes();
+  for (int i = 0; i < times; ++i) {
+    const int signal = i % 2 == 0 ? SIGKILL : SIGSEGV;
+    const pid_t pid = engine->workerPid();
+    ASSERT_GT(pid, 0);
+    switch (i % 3) {
+      case 0:  // before: nothing is in flight
+        kill(pid, signal);
+        waitForEnd(pid);
+        break;
+      case 1: {  // during: the question may go without an answer
+        std::atomic<bool> begun = false;
+        std::thread killer([&] {
+          while (!begun) {
+          }
+          std::this_thread::sleep_for(std::chrono::microseconds(i % 50 * 10));
+          kill(pid, signal);
+        });
+        begun = true;
+        ask(*engine, ++number);
+        killer.join();
+        waitForEnd(pid);
+        break;
+      }
+      default:  // after: the next question may meet a worker that is still dying
+        ASSERT_TRUE(ask(*engine, ++number));
+        kill(pid, signal);
+        ask(*engine, ++number);
+        break;
+    }
+    ASSERT_TRUE(ask(*engine, ++number)) << "round " << i;
+  }
+  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_LT(heapBytes(), heap + (64U << 10U));
+}
+
+/// Stops the worker before and during questions, `times` times.
+inline void stopAroundQuestions(int times, std::chrono::milliseconds timeLimit) {
+  const auto engine = load(timeLimit);
+  ASSERT_NE(engine, nullptr);
+  const auto descriptors = openDescriptors();
+  int number = 0;
+  for (int i = 0; i < times; ++i) {
+    ASSERT_EQ(kill(engine->workerPid(), SIGSTOP), 0);
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_FALSE(ask(*engine, ++number));
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, timeLimit);
+    EXPECT_LT(took, timeLimit + pac_engine::kKillGrace + std::chrono::milliseconds(700));
+    ASSERT_TRUE(ask(*engine, ++number)) << "round " << i;
+  }
+  EXPECT_EQ(openDescriptors(), descriptors);
+}
+
+inline void expectNoChildren() {
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+}  // namespace worker_death
