@@ -19,8 +19,7 @@ using fetcher::kLogClass;
 namespace {
 
 // Written by the device's DHCP client and by its DNS forwarder.
-constexpr const char* kWatchedPaths[] = {"/usr/local/lumad/dhcp.conf",
-                                         "/tmp/.resolv.conf.dnsmasq"};
+constexpr const char* kWatchedPaths[] = {"/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"};
 constexpr std::uint32_t kChanges = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
 constexpr std::size_t kEventBytes = 4096;  // some 200 events; the rest wait for the next read
 constexpr char kThreadFunction[] = "dhcpCfgWatchThreadFunc";

@@ -44,8 +44,8 @@ class PACFetcher {
   /// @throws std::system_error where the system gives no thread
   bool start();
 
-  /// Ends both threads and returns when they are gone: at once, but for a fetch that is in progress,
-  /// which it waits for.
+  /// Ends both threads and returns when they are gone: at once, but for a fetch that is in
+  /// progress, which it waits for.
   /// @return true
   bool stop();
 
@@ -61,7 +61,8 @@ class PACFetcher {
   ///         file. Else the file is removed.
   static bool fileDownload(const std::string& url, const std::string& targetFile);
 
-  /// Whether some line of the file contains "FindProxyForURL". False for a file that cannot be read.
+  /// Whether some line of the file contains "FindProxyForURL". False for a file that cannot be
+  /// read.
   static bool isValidPacFile(const std::string& fileName);
 
   /// Tries the candidates of the current configuration until one is installed.
@@ -106,10 +107,10 @@ class PACFetcher {
   std::atomic<bool> mRunning{false};
   std::atomic<bool> mRefetch{false};
   std::atomic<bool> mWatchesRemoved{false};
-  std::shared_ptr<std::thread> mFetcherThread;         // "pac-fetcher"
-  std::shared_ptr<std::thread> mDhcpCfgWatchThread;    // "pac-cfg-watch"
-  std::condition_variable mCondition;                  // with mMutex; wakes the fetcher thread
-  Mutex mWatchMutex;                                   // leaf: taken after mMutex, or alone
-  int mInotifyFd PM_GUARDED_BY(mWatchMutex) = -1;      // the watch thread makes and closes it
+  std::shared_ptr<std::thread> mFetcherThread;       // "pac-fetcher"
+  std::shared_ptr<std::thread> mDhcpCfgWatchThread;  // "pac-cfg-watch"
+  std::condition_variable mCondition;                // with mMutex; wakes the fetcher thread
+  Mutex mWatchMutex;                                 // leaf: taken after mMutex, or alone
+  int mInotifyFd PM_GUARDED_BY(mWatchMutex) = -1;    // the watch thread makes and closes it
   std::vector<int> mWatchDescriptors PM_GUARDED_BY(mWatchMutex);
 };

@@ -2,4 +2,6 @@
 
 #include "service/proxy_manager_service_impl.h"
 
-void fetcher::pacFileUpdated(ProxyManagerServiceImpl& service) { service.pacFileUpdated(); }
+void fetcher::pacFileUpdated(ProxyManagerServiceImpl& service) {
+  service.pacFileUpdated();
+}

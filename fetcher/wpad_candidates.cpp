@@ -38,7 +38,9 @@ std::string folded(std::string_view name) {
   return lower;
 }
 
-bool hasDot(const std::string& name) { return name.find('.') != std::string::npos; }
+bool hasDot(const std::string& name) {
+  return name.find('.') != std::string::npos;
+}
 
 void addCandidatesOf(const std::string& token, std::vector<std::string>& candidates) {
   logLine(LOG_NOTICE, "%s%s wpad-dns domain for splice:%s", kLogClass, kFunction, token.c_str());
@@ -63,8 +65,8 @@ void addCandidatesOf(const std::string& token, std::vector<std::string>& candida
 std::string PACFetcher::getDomainName() const {
   logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
   std::string text;
-  if (netservice::readPlainFile(kResolverFile, kResolverFileLimit, netservice::FileOwner::rootOrSelf,
-                                text) != 0) {
+  if (netservice::readPlainFile(kResolverFile, kResolverFileLimit,
+                                netservice::FileOwner::rootOrSelf, text) != 0) {
     logLine(LOG_ERR, "%s%s open:%s failed", kLogClass, __func__, kResolverFile);
     return {};
   }

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -52,9 +53,8 @@ int portOf(int fd) {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
   require(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0, "getsockname");
-  return ntohs(address.ss_family == AF_INET6
-                   ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
-                   : reinterpret_cast<sockaddr_in&>(address).sin_port);
+  return ntohs(address.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(address).sin6_port
+                                             : reinterpret_cast<sockaddr_in&>(address).sin_port);
 }
 
 }  // namespace
@@ -105,6 +105,9 @@ struct TcpServer::State {
   }
   void acceptAll() {
     for (;;) {
+      // A sleeping accept holds a descriptor, which tests that count descriptors would meet.
+      pollfd waiting{listener, POLLIN, 0};
+      poll(&waiting, 1, -1);
       const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
       const std::lock_guard lock(mutex);
       if (ending || fd < 0) {
@@ -129,7 +132,7 @@ TcpServer::~TcpServer() {
   {
     const std::lock_guard lock(mState->mutex);
     mState->ending = true;
-    shutdown(mState->listener, SHUT_RDWR);  // wakes accept
+    shutdown(mState->listener, SHUT_RDWR);  // wakes poll
     for (const int fd : mState->open) shutdown(fd, SHUT_RDWR);
   }
   mState->acceptor.join();
@@ -137,7 +140,9 @@ TcpServer::~TcpServer() {
   close(mState->listener);
 }
 
-int TcpServer::port() const { return mState->port; }
+int TcpServer::port() const {
+  return mState->port;
+}
 
 int TcpServer::connections() const {
   const std::lock_guard lock(mState->mutex);
@@ -158,7 +163,9 @@ HttpServer::HttpServer(TcpServer::Family family) : mState(std::make_unique<State
   mServer = std::make_unique<TcpServer>([this](Connection& peer) { serve(peer); }, family);
 }
 
-HttpServer::~HttpServer() { mServer.reset(); }
+HttpServer::~HttpServer() {
+  mServer.reset();
+}
 
 void HttpServer::serve(Connection& connection) {
   const std::string head = connection.readUntil("\r\n\r\n");
@@ -194,7 +201,9 @@ std::string HttpServer::url(const std::string& path) const {
   return "http://" + mState->host + ":" + std::to_string(port()) + path;
 }
 
-int HttpServer::port() const { return mServer->port(); }
+int HttpServer::port() const {
+  return mServer->port();
+}
 
 int HttpServer::hits(const std::string& path) const {
   const std::lock_guard lock(mState->mutex);
