@@ -1,0 +1,20 @@
+// The text of the lease file, apart from where it is read from.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace netservice {
+
+/// The value of DHCP option 252 in the lease file's text: that of the last line with the key
+/// `wpad`.
+///
+/// A line is `key=value`; blanks around both are ignored, other lines are skipped. The value is cut
+/// at the first NUL, CR or LF, read as a POSIX shell reads one word's quotes ('...', "...",
+/// backslash; a quote that is never closed ends with the line), and stripped of the blanks and
+/// quotes that are then outermost. Bytes above 127 stay as they are.
+/// @param text the whole file, any bytes
+/// @return the value, of any length; empty where there is none
+std::string wpadValue(std::string_view text);
+
+}  // namespace netservice

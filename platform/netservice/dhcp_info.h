@@ -1,0 +1,27 @@
+// What the device's network service knows of the current DHCP lease.
+//
+// On an ordinary Linux the DHCP client's hook writes the lease into a small text file, and this is
+// read on every call: nothing is kept between calls. A device with a network service of its own
+// replaces this folder and keeps the record's layout.
+#pragma once
+
+#include <cstddef>
+#include <type_traits>
+
+/// The lease, as the network service lays it out. The reserved part is the network service's own;
+/// nothing here reads or writes it but to clear it.
+struct DhcpInfo {
+  char reserved[1260];
+  char option252[252];  ///< URL of the PAC script, NUL-terminated; empty where the lease has none
+};
+static_assert(sizeof(DhcpInfo) == 1512);
+static_assert(offsetof(DhcpInfo, option252) == 1260);
+static_assert(std::is_trivially_copyable_v<DhcpInfo>);
+
+/// Fills `info` with the current lease, from /usr/local/lumad/dhcp.conf.
+/// @param info the caller's record, not null; zeroed, then filled
+/// @return 0, also where the file does not exist (no lease: everything empty); else an errno value
+///         with one LOG_ERR line, and the record empty: the file is no regular file, is longer than
+///         64 KiB or cannot be read
+/// Any thread. Never blocks on what stands at the path.
+int getdhcpinfo(DhcpInfo* info);
