@@ -86,7 +86,10 @@ until_true() {
   local what=$1 process=$2 end=$((SECONDS + patience))
   shift 2
   until "$@"; do
-    kill -0 "$process" 2>/dev/null || fail_with_status "$what: the process has ended" "$process"
+    if ! kill -0 "$process" 2>/dev/null; then
+      cat "$work/bus.log" >&2 2>/dev/null || true
+      fail_with_status "$what: the process has ended" "$process"
+    fi
     [ "$SECONDS" -lt "$end" ] || fail "$what: not within $patience seconds"
     sleep 0.1
   done
@@ -140,7 +143,8 @@ start_bus() {
   </policy>
 </busconfig>
 EOF
-  dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog &
+  dbus-daemon --config-file="$work/bus.conf" --nofork --nopidfile --nosyslog \
+    2>"$work/bus.log" &
   started+=($!)
   export DBUS_SYSTEM_BUS_ADDRESS=unix:path=$work/bus
   until_true "The message bus" "${started[-1]}" test -S "$work/bus"

@@ -32,7 +32,9 @@ done
 daemon=$(find "$prefix/second" -name proxymanagerd -type f)
 [ -n "$daemon" ] || exit 0
 status=0
+namespaces=(--mount)
+[ "$(id -u)" -eq 0 ] || namespaces+=(--map-root-user)
 # shellcheck disable=SC2016  # expanded by the inner shell
 DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere/bus timeout 20 \
-  unshare --mount --map-root-user sh -c 'mount -t tmpfs tmpfs /run && exec "$0"' "$daemon" || status=$?
+  unshare "${namespaces[@]}" sh -c 'mount -t tmpfs tmpfs /run && exec "$0"' "$daemon" || status=$?
 [ "$status" -eq 1 ] || fail "the installed daemon ended with status $status without a bus, not with 1"
