@@ -1,0 +1,47 @@
+#include "domain/public_suffix.h"
+
+#include <libpsl.h>
+
+#include <string_view>
+
+#include "domain/tld_hash.h"
+#include "domain/tld_table.h"
+
+namespace {
+
+/// Whether the table holds the rule that `marker` and `name`, in lower case, make together.
+bool holdsRule(std::string_view marker, std::string_view name) {
+  const auto bucket = domain::tldHashOf(name, domain::tldHashOf(marker)) % domain::kTldBuckets;
+  const std::size_t end = domain::kTldBucketStart[bucket + 1];
+  for (std::size_t at = domain::kTldBucketStart[bucket]; at < end;) {
+    const std::string_view rule(domain::kTldRules + at);
+    if (rule.size() == marker.size() + name.size() && rule.starts_with(marker) &&
+        rule.ends_with(name))
+      return true;
+    at += rule.size() + 1;
+  }
+  return false;
+}
+
+bool isBuiltInSuffix(std::string_view name) {
+  if (holdsRule("!", name)) return false;
+  if (holdsRule("", name) || holdsRule("*.", name)) return true;
+  const auto dot = name.find('.');
+  return dot != 0 && dot != std::string_view::npos && holdsRule("*", name.substr(dot));
+}
+
+bool isCurrentSuffix(const std::string& name) {
+  const psl_ctx_t* const current = psl_builtin();  // a constant of the library, never freed
+  return current &&
+         psl_is_public_suffix2(current, name.c_str(), PSL_TYPE_ANY | PSL_TYPE_NO_STAR_RULE) != 0;
+}
+
+}  // namespace
+
+bool isPublicSuffix(const std::string& name) {
+  std::string seen(name.c_str());
+  seen.erase(seen.find_last_not_of('.') + 1);
+  for (char& c : seen) c = static_cast<char>(domain::foldAscii(c));
+  if (seen.empty()) return false;
+  return isBuiltInSuffix(seen) || (seen.find('.') != std::string::npos && isCurrentSuffix(seen));
+}

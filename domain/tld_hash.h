@@ -1,0 +1,33 @@
+// The hash that sorts the public-suffix rules into buckets: shared by the table's generator, which
+// runs on the machine that builds, and the lookups, which run on the device.
+//
+// It is the ELF object format's symbol hash (System V ABI, "Hash Table") but for one figure: the
+// right shift is by 23 where that has 24. The counts of the table depend on it.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace domain {
+
+/// Takes one unit, a byte or a code point, into the hash `h`, which begins as 0.
+constexpr std::uint32_t tldHashStep(std::uint32_t h, std::uint32_t unit) {
+  h = (h << 4) + unit;
+  h ^= (h & 0xF0000000u) >> 23;
+  return h & 0x0FFFFFFFu;
+}
+
+/// Rules are lower case and names come in any: ASCII letters are folded, whatever the locale.
+constexpr unsigned char foldAscii(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte >= 'A' && byte <= 'Z' ? static_cast<unsigned char>(byte - 'A' + 'a') : byte;
+}
+
+/// The hash of a text as lookups compute it, from its bytes, ASCII letters folded. `h` is the hash
+/// of what stands before the text.
+constexpr std::uint32_t tldHashOf(std::string_view text, std::uint32_t h = 0) {
+  for (const char c : text) h = tldHashStep(h, foldAscii(c));
+  return h;
+}
+
+}  // namespace domain

@@ -1,0 +1,88 @@
+#include "pac/proxy_url_cache.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/log/log_line.h"
+
+ProxyURLCacheNode::~ProxyURLCacheNode() {
+  logLine(LOG_INFO, "%s%s called ", "", "~ProxyURLCacheNode");
+  prev = nullptr;
+  next = nullptr;
+}
+
+ProxyUrlCache::ProxyUrlCache(int most, void (*release)(ProxyUrlSettings&, void*), void* context)
+    : capacity(std::max(most, 1)), releaseCallback(release), releaseContext(context) {}
+
+ProxyUrlCache::~ProxyUrlCache() {
+  clearCache();
+  releaseCallback = nullptr;
+}
+
+bool ProxyUrlCache::get(const std::string& key, ProxyUrlSettings& list) {
+  logLine(LOG_INFO, "%s%s key:%s", "", "get", key.c_str());
+  const auto found = nodes.find(key);
+  if (found == nodes.end()) return false;
+  remove(found->second.get());
+  setHead(found->second.get());
+  list = values.find(key)->second;
+  return true;
+}
+
+void ProxyUrlCache::set(const std::string& key, ProxyUrlSettings list) {
+  logLine(LOG_NOTICE, "%s%s key:%s", "", "set", key.c_str());
+  if (const auto found = nodes.find(key); found != nodes.end()) {
+    remove(found->second.get());
+    setHead(found->second.get());
+    values.find(key)->second = std::move(list);
+    return;
+  }
+  // All that can fail is made before anything changes; merge() only relinks.
+  decltype(values) newValue;
+  newValue.emplace(key, std::move(list));
+  decltype(nodes) newNode;
+  ProxyURLCacheNode* const node =
+      newNode.emplace(key, std::make_unique<ProxyURLCacheNode>(key)).first->second.get();
+
+  if (nodes.size() >= static_cast<std::size_t>(capacity)) evictTail();
+  setHead(node);
+  nodes.merge(newNode);
+  values.merge(newValue);
+}
+
+void ProxyUrlCache::clearCache() {
+  logLine(LOG_INFO, "%s%s called ", "", "clearCache");
+  for (auto& [key, list] : values) {
+    if (releaseCallback) releaseCallback(list, releaseContext);
+    nodes.find(key)->second.reset();
+  }
+  nodes.clear();
+  values.clear();
+  head = nullptr;
+  tail = nullptr;
+}
+
+void ProxyUrlCache::remove(ProxyURLCacheNode* node) {
+  logLine(LOG_INFO, "%s%s key:%s", "", "remove", node->key.c_str());
+  (node->prev ? node->prev->next : head) = node->next;
+  (node->next ? node->next->prev : tail) = node->prev;
+}
+
+void ProxyUrlCache::setHead(ProxyURLCacheNode* node) {
+  logLine(LOG_INFO, "%s%s key:%s", "", "setHead", node->key.c_str());
+  node->next = head;
+  node->prev = nullptr;
+  if (head) head->prev = node;
+  head = node;
+  if (!tail) tail = node;
+}
+
+void ProxyUrlCache::evictTail() {
+  ProxyURLCacheNode* const victim = tail;
+  remove(victim);  // moves `tail` on
+  logLine(LOG_INFO, "%s%s deleteNode key:%s", "", "remove", victim->key.c_str());
+  const auto value = values.find(victim->key);
+  nodes.erase(nodes.find(victim->key));
+  if (releaseCallback) releaseCallback(value->second, releaseContext);
+  values.erase(value);
+}
