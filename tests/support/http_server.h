@@ -1,0 +1,90 @@
+// A real HTTP server on loopback inside the test process, with every byte under the test's control.
+//
+// It knows nothing of HTTP but where a request's head ends: a route writes its bytes onto the
+// socket itself, as slowly, as long and as wrongly as the test wants. Every connection has a thread
+// of its own and serves one request. The destructor ends the connections and joins the threads.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+/// One accepted connection, on its own thread.
+class Connection {
+ public:
+  explicit Connection(int fd) : mFd(fd) {}
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+
+  /// Sends all of it. @return false once the peer is gone
+  bool send(const std::string& bytes);
+
+  /// Reads up to and with `end`. @return what was read; less where the peer closed or after 64 KiB
+  std::string readUntil(const std::string& end);
+
+  /// Blocks until the peer closes or the server ends.
+  void waitForPeer();
+
+  /// The close that follows sends a reset instead of an end.
+  void resetOnClose();
+
+  int fd() const { return mFd; }
+
+ private:
+  int mFd;
+};
+
+/// Listens on an ephemeral port of 127.0.0.1 (and of ::1 where asked) and gives each connection to
+/// a function.
+class TcpServer {
+ public:
+  using Handler = std::function<void(Connection&)>;
+  enum class Family { ipv4, ipv6 };
+
+  explicit TcpServer(Handler handler, Family family = Family::ipv4);
+  ~TcpServer();
+  TcpServer(const TcpServer&) = delete;
+  TcpServer& operator=(const TcpServer&) = delete;
+
+  int port() const;
+  int connections() const;  ///< accepted so far
+
+ private:
+  struct State;
+  std::unique_ptr<State> mState;
+};
+
+class HttpServer {
+ public:
+  using Handler = TcpServer::Handler;
+
+  explicit HttpServer(TcpServer::Family family = TcpServer::Family::ipv4);
+  ~HttpServer();
+
+  /// What is done with a request for `path`. Before the first request or from then on.
+  void route(const std::string& path, Handler handler);
+  /// The same bytes for every request.
+  void route(const std::string& path, const std::string& bytes);
+
+  std::string url(const std::string& path) const;
+  int port() const;
+
+  /// Requests for `path` so far. Paths without a route are answered with 404.
+  int hits(const std::string& path) const;
+  /// Waits for the `times`th request for `path`, 20 s at most. @return whether it came
+  bool waitForHits(const std::string& path, int times) const;
+  /// Head of the last request for `path`.
+  std::string lastRequest(const std::string& path) const;
+
+ private:
+  void serve(Connection& connection);
+  struct State;
+  std::unique_ptr<State> mState;
+  std::unique_ptr<TcpServer> mServer;
+};
+
+/// A response with Content-Length. @param status such as "200 OK" @param headers each with CRLF
+std::string httpResponse(const std::string& status, const std::string& body,
+                         const std::string& headers = "");
+/// A 302 to `location`.
+std::string httpRedirect(const std::string& location);
