@@ -1,0 +1,63 @@
+#include "fetcher/bounded_file.h"
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <memory>
+
+namespace fetcher {
+namespace {
+
+struct Target {
+  int fd;
+  std::size_t room;
+
+  Target(int file, std::size_t limit) : fd(file), room(limit) {}
+  ~Target() { close(fd); }
+  Target(const Target&) = delete;
+  Target& operator=(const Target&) = delete;
+};
+
+// The stream's rule for a failed write is 0, never a negative number.
+ssize_t writeTarget(void* cookie, const char* bytes, std::size_t length) {
+  auto& target = *static_cast<Target*>(cookie);
+  if (length > target.room) {
+    errno = EFBIG;
+    return 0;
+  }
+  std::size_t done = 0;
+  while (done < length) {
+    const ssize_t written = write(target.fd, bytes + done, length - done);
+    if (written > 0) {
+      done += static_cast<std::size_t>(written);
+    } else if (errno != EINTR) {
+      return 0;
+    }
+  }
+  target.room -= length;
+  return static_cast<ssize_t>(length);
+}
+
+int closeTarget(void* cookie) {
+  delete static_cast<Target*>(cookie);  // made in createBoundedFile, held by the stream
+  return 0;
+}
+
+}  // namespace
+
+std::FILE* createBoundedFile(const char* path, std::size_t limit) {
+  // unlink, as remove() would take an empty folder too. Whether it fails shows in the next step.
+  unlink(path);
+  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  auto target = std::make_unique<Target>(fd, limit);
+  std::FILE* stream = fopencookie(target.get(), "wb", {nullptr, writeTarget, nullptr, closeTarget});
+  if (stream == nullptr) return nullptr;
+  target.release();  // the stream's from here on; closeTarget deletes it
+  std::setvbuf(stream, nullptr, _IONBF, 0);
+  return stream;
+}
+
+}  // namespace fetcher

@@ -1,0 +1,96 @@
+// Where WPAD by DNS looks: the device's domain or search list, and the URLs made of it.
+//
+// A name is cut label by label, and never down to a public suffix: whoever registers "wpad" under
+// one would be asked by every device in it. Two judges say what a public suffix is, the lookup in
+// the built-in table and a silent guard that knows wildcard rules and the system's current list;
+// one is enough to stop. Both see the name folded (lower case, no outer dots); the URLs keep it as
+// it came.
+#include <algorithm>
+#include <string_view>
+
+#include "domain/public_suffix.h"
+#include "domain/tld.h"
+#include "fetcher/fetcher_log.h"
+#include "fetcher/pac_fetcher.h"
+#include "platform/log/log_line.h"
+#include "platform/netservice/plain_file.h"
+
+using fetcher::kLogClass;
+
+namespace {
+
+constexpr char kResolverFile[] = "/tmp/.resolv.conf.dnsmasq";
+// A search list of 64 KiB holds more names than anybody waits for.
+constexpr std::size_t kResolverFileLimit = std::size_t{64} * 1024;
+// RFC 1035, 2.3.4: 255 octets on the wire, that is 253 characters without the final dot.
+constexpr std::size_t kLongestName = 253;
+// At up to 30 seconds each, more would keep an update waiting for hours.
+constexpr std::size_t kMostCandidates = 256;
+constexpr char kFunction[] = "wpadUrlCandidatesFromDomain";
+
+std::string folded(std::string_view name) {
+  const auto first = name.find_first_not_of('.');
+  if (first == std::string_view::npos) return {};
+  std::string lower(name.substr(first, name.find_last_not_of('.') - first + 1));
+  for (char& c : lower) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return lower;
+}
+
+bool hasDot(const std::string& name) {
+  return name.find('.') != std::string::npos;
+}
+
+void addCandidatesOf(const std::string& token, std::vector<std::string>& candidates) {
+  logLine(LOG_NOTICE, "%s%s wpad-dns domain for splice:%s", kLogClass, kFunction, token.c_str());
+  const std::string name = folded(token);
+  if (name.size() > kLongestName) return;
+  const std::string suffix = topLevelDomain(name);
+  if (name == suffix || isPublicSuffix(name)) return;
+  for (std::string rest = token; candidates.size() < kMostCandidates;) {
+    candidates.push_back("http://wpad." + rest + "/wpad.dat");
+    logLine(LOG_NOTICE, "%s%s wpad-dns push back candidate:%s", kLogClass, kFunction,
+            candidates.back().c_str());
+    const auto dot = rest.find('.');
+    if (dot == std::string::npos) return;
+    rest.erase(0, dot + 1);
+    const std::string remainder = folded(rest);
+    if (remainder == suffix || !hasDot(remainder) || isPublicSuffix(remainder)) return;
+  }
+}
+
+}  // namespace
+
+std::string PACFetcher::getDomainName() const {
+  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  std::string text;
+  if (netservice::readPlainFile(kResolverFile, kResolverFileLimit,
+                                netservice::FileOwner::rootOrSelf, text) != 0) {
+    logLine(LOG_ERR, "%s%s open:%s failed", kLogClass, __func__, kResolverFile);
+    return {};
+  }
+  std::string_view domain;
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const std::string_view line = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+    const bool taken = line.find("search ") != line.npos || line.find("domain ") != line.npos;
+    if (taken) domain = line.substr(line.find(' ') + 1);
+  }
+  return std::string(domain);
+}
+
+std::vector<std::string> PACFetcher::wpadUrlCandidatesFromDomain(const std::string& domain) const {
+  logLine(LOG_NOTICE, "%s%s wpad-dns domain:%s", kLogClass, __func__, domain.c_str());
+  std::vector<std::string> candidates;
+  std::string_view rest = domain;
+  while (!rest.empty()) {
+    const std::string_view token = rest.substr(0, rest.find(' '));
+    rest.remove_prefix(std::min(token.size() + 1, rest.size()));
+    addCandidatesOf(std::string(token), candidates);
+  }
+  logLine(LOG_INFO, "%s%s wpad-dns candidates size:%d", kLogClass, __func__,
+          static_cast<int>(candidates.size()));
+  return candidates;
+}

@@ -1,0 +1,58 @@
+#include "tests/unit/fetcher/curl_probe.h"
+
+#include <dlfcn.h>
+
+#include <atomic>
+#include <cstdarg>
+
+namespace {
+
+// Downloads of these tests run on one thread at a time.
+std::vector<CurlOption>& options() {
+  static auto& instance = *new std::vector<CurlOption>;
+  return instance;
+}
+std::atomic<bool> refuse{false};
+std::atomic<int> transfers{0};
+
+template <typename Function>
+Function* real(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+std::vector<CurlOption> curlOptions() {
+  return options();
+}
+int curlTransfers() {
+  return transfers;
+}
+void refuseCurlHandles() {
+  refuse = true;
+}
+
+// Without curl's own header, which makes macros of these names.
+extern "C" {
+void* curl_easy_init();
+int curl_easy_setopt(void* handle, int option, ...);
+int curl_easy_perform(void* handle);
+
+void* curl_easy_init() {
+  return refuse ? nullptr : real<void*()>("curl_easy_init")();
+}
+
+int curl_easy_setopt(void* handle, int option, ...) {
+  va_list arguments;
+  va_start(arguments, option);
+  const long value = va_arg(arguments, long);  // all options in use are a long or a pointer
+  va_end(arguments);
+  options().push_back({option, value});
+  return real<int(void*, int, ...)>("curl_easy_setopt")(handle, option, value);
+}
+
+int curl_easy_perform(void* handle) {
+  ++transfers;
+  return real<int(void*)>("curl_easy_perform")(handle);
+}
+}

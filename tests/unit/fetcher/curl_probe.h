@@ -1,0 +1,19 @@
+// Sits between the fetcher and libcurl: sees each option that is set, and can refuse a handle.
+// Everything goes on to the real library.
+#pragma once
+
+#include <vector>
+
+struct CurlOption {
+  int option;
+  long value;  ///< as a number, for options that are pointers too
+};
+
+/// The options set so far, in order.
+std::vector<CurlOption> curlOptions();
+
+/// How many transfers were begun.
+int curlTransfers();
+
+/// From now on no handle is to be had.
+void refuseCurlHandles();

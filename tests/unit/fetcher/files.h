@@ -1,0 +1,20 @@
+// Small files of tests.
+#pragma once
+
+#include <fstream>
+#include <iterator>
+#include <string>
+
+inline void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary) << text;
+}
+
+inline std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// A script that is told apart by `mark`.
+inline std::string script(const std::string& mark = "DIRECT") {
+  return "function FindProxyForURL(url, host) {\n  return \"" + mark + "\";\n}\n";
+}

@@ -1,0 +1,79 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <cstring>
+#include <string>
+
+#include "fetcher/pac_fetcher.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/own_root.h"
+#include "tests/unit/fetcher/fetcher_access.h"
+
+using testing::ElementsAre;
+
+namespace {
+
+LogLine update(int priority, const std::string& text) {
+  return {priority, "PACFetcher-updateProxyMgrConfig " + text};
+}
+
+ProxyConfig config(ProxyMode mode, std::string& proxyUrl, std::string& pacUrl) {
+  ProxyConfig made;
+  made.mode = mode;
+  made.proxyurl = proxyUrl.data();
+  made.pacurl = pacUrl.data();
+  return made;
+}
+
+TEST(ConfigUpdate, SaysWhatItTookAndThatItRefetches) {
+  PACFetcher fetcher(nullptr, "/tmp/proxymanager.pac", 1800);
+  std::string proxyUrl = "p:1";
+  std::string pacUrl = "http://a/";
+  for (const ProxyMode mode : {pacurl, wpad}) {
+    clearLog();
+    fetcher.updateProxyMgrConfig(config(mode, proxyUrl, pacUrl));
+    EXPECT_THAT(
+        logLines(),
+        ElementsAre(update(LOG_INFO, "called"), update(LOG_NOTICE, "mode:" + std::to_string(mode)),
+                    update(LOG_INFO, "pacUrl:http://a/"), update(LOG_INFO, "proxyUrl:p:1"),
+                    update(LOG_NOTICE, "proxy mode >= pacurl refetch")));
+  }
+}
+
+TEST(ConfigUpdate, RequestsNothingInModesOffAndManual) {
+  PACFetcher fetcher(nullptr, "/tmp/proxymanager.pac", 1800);
+  for (const ProxyMode mode : {off, manual}) {
+    clearLog();
+    ProxyConfig plain;
+    plain.mode = mode;
+    fetcher.updateProxyMgrConfig(plain);
+    EXPECT_THAT(logLines(), ElementsAre(update(LOG_INFO, "called"),
+                                        update(LOG_NOTICE, "mode:" + std::to_string(mode))));
+  }
+}
+
+TEST(ConfigUpdate, KeepsItsOwnCopyOfTheTexts) {
+  enterOwnRoot();
+  PACFetcher fetcher(nullptr, "/tmp/proxymanager.pac", 1800);
+  std::string proxyUrl;
+  std::string pacUrl = "foo://first/";
+  fetcher.updateProxyMgrConfig(config(pacurl, proxyUrl, pacUrl));
+  pacUrl.assign(pacUrl.size(), 'x');
+  PACFetcherTestAccess::retrieve(fetcher);
+  EXPECT_TRUE(
+      logged(LOG_NOTICE, "PACFetcher-retrievePacFile Using user-provided PAC URL: 'foo://first/'"));
+}
+
+TEST(ConfigUpdate, ForgetsTheUrlThatANewConfigurationDoesNotHave) {
+  PACFetcher fetcher(nullptr, "/tmp/proxymanager.pac", 1800);
+  std::string proxyUrl;
+  std::string pacUrl = "foo://first/";
+  fetcher.updateProxyMgrConfig(config(pacurl, proxyUrl, pacUrl));
+  ProxyConfig plain;
+  plain.mode = pacurl;
+  fetcher.updateProxyMgrConfig(plain);
+  EXPECT_EQ(PACFetcherTestAccess::retrieve(fetcher), -1);
+}
+
+}  // namespace
