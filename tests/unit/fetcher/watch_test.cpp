@@ -1,8 +1,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -28,7 +30,13 @@ using namespace std::chrono_literals;
 
 namespace {
 std::atomic<bool> noEventBuffer{false};
+std::atomic<bool> noInotify{false};
 }  // namespace
+
+// Stands before the C library's. A limit on descriptors would stop the sanitizers' own pipes too.
+extern "C" int inotify_init() noexcept {
+  return noInotify ? -1 : static_cast<int>(syscall(SYS_inotify_init1, 0));
+}
 
 // The one allocation of the fetcher that is allowed to fail.
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
@@ -254,15 +262,9 @@ TEST_F(ConfigWatch, DoesWithoutTheThreadWhereTheEventBufferIsNotToBeHad) {
 
 TEST_F(ConfigWatch, DoesWithoutTheThreadWhereInotifyIsNotToBeHad) {
   makeFiles();
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  const int next = dup(0);
-  close(next);
-  const rlimit none{static_cast<rlim_t>(next), before.rlim_max};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  noInotify = true;
   mFetcher->start();
   ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "inotify init failure, ifd:-1"));
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
   expectFetchesAllTheSame();
 }
 
