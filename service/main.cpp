@@ -33,7 +33,6 @@ constexpr const char* kServiceName = "proxymanager_service";
 constexpr const char* kNoClass = "";
 // LOG_PID, LOG_NDELAY and the bit 0x40, which this platform's syslog ignores.
 constexpr int kLogOptions = 0x49;
-constexpr time_t kSleepSeconds = 20;
 
 void receive_signal(int signo) {
   logLine(LOG_INFO, "%s%s SIGNAL(%d) received to exit the process", kNoClass, "receive_signal",
@@ -80,7 +79,7 @@ sigset_t blockSignals() {
 
 /// Sleeps until a signal was handled or the time is over.
 void sleepLettingThrough(const sigset_t& open) {
-  const timespec limit{kSleepSeconds, 0};
+  const timespec limit{kWatchdogFeedInterval.count(), 0};
   pselect(0, nullptr, nullptr, nullptr, &limit, &open);
 }
 
@@ -122,6 +121,7 @@ int main() {
     feedWatchdog();
   }
   logLine(LOG_INFO, "%s%s Stop proxymanager Service", kNoClass, "main");
+  notifyStopping();
   service.reset();
   return EXIT_SUCCESS;
 }

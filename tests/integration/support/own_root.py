@@ -8,7 +8,7 @@ import ctypes
 import os
 import shutil
 
-CLONE_NEWNS = 0x00020000
+CLONE_FS, CLONE_NEWNS = 0x00000200, 0x00020000
 MS_NOSUID, MS_BIND, MS_REC, MS_PRIVATE = 2, 4096, 16384, 1 << 18
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -80,6 +80,8 @@ def own_root(*trees):
         _fill(trees)
         yield
     finally:
+        # Threads that still run share the working folder, and a namespace is not left in company.
+        _check(_libc.unshare(CLONE_FS), "unshare")
         _check(_libc.setns(before, CLONE_NEWNS), "setns")
         os.close(before)
         os.chdir(folder)
