@@ -36,10 +36,14 @@ bool waitReadable(int socket, Deadline deadline) {
 Channel::Channel(UniqueFd socket)
     : mSocket(std::move(socket)), mBuffer(std::make_unique_for_overwrite<char[]>(kBufferBytes)) {}
 
-bool Channel::send(std::string_view message) {
+bool Channel::send(std::string_view message) { return sendWith(MSG_DONTWAIT, message); }
+
+bool Channel::sendPatiently(std::string_view message) { return sendWith(0, message); }
+
+bool Channel::sendWith(int flags, std::string_view message) {
   ssize_t sent = 0;
   do {
-    sent = ::send(mSocket.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    sent = ::send(mSocket.get(), message.data(), message.size(), flags | MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   return sent >= 0 && static_cast<std::size_t>(sent) == message.size();
 }

@@ -77,7 +77,7 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
          sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{9999, "PROXY x:1"})));
        }},
       {"alert_flood", [] {
-         const auto alert = pac_engine::encode(pac_engine::FromWorker(pac_engine::Alert{"x"}));
+         const auto alert = pac_engine::encode(pac_engine::FromWorker(pac_engine::Alert{""}));
          for (;;) send(pac_engine::kWorkerSocket, alert.data(), alert.size(), MSG_NOSIGNAL);
        }},
       {"questions_without_reading", [] {
