@@ -1,5 +1,5 @@
-// What the wall between library and script costs: the same question asked through the library and of
-// the same engine in this process, loading, and the worker's own memory.
+// What the wall between library and script costs: the same question asked through the library and
+// of the same engine in this process, loading, and the worker's own memory.
 //
 // "OneCpu" binds this process, and with it the worker, to one CPU; "AnyCpu" leaves both to the
 // scheduler. The counter private_KB is what the worker has for itself alone.
@@ -41,7 +41,9 @@ std::string rule(int number) {
                   ".test')) return 'SOCKS two.test:1080';\n");
 }
 
-std::string trivialScript() { return kHead + kTail; }
+std::string trivialScript() {
+  return kHead + kTail;
+}
 
 std::string sixtyRules() {
   std::string script = kHead;

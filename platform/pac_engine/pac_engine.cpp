@@ -14,7 +14,9 @@ namespace pac_engine {
 
 namespace {
 
-Problem problemOf(std::string message) { return {std::move(message), 0}; }
+Problem problemOf(std::string message) {
+  return {std::move(message), 0};
+}
 
 std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, AddressFamily family) {
   if (family == AddressFamily::kAny) return addresses;
@@ -207,7 +209,9 @@ Reply Engine::evaluate(std::string_view url, std::string_view host) {
   return reply;
 }
 
-pid_t Engine::workerPid() const { return mImpl->worker ? mImpl->worker->pid() : 0; }
+pid_t Engine::workerPid() const {
+  return mImpl->worker ? mImpl->worker->pid() : 0;
+}
 
 std::string describe(const Problem& problem) {
   if (problem.line == 0) return problem.message;

@@ -54,6 +54,7 @@ void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& messa
 /// Waits for the next message, or ends the process: quietly where the socket is closed.
 pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
 
-inline constexpr int kExitBroken = 3;  ///< exit code: the library broke the rules of the conversation
+inline constexpr int kExitBroken =
+    3;  ///< exit code: the library broke the rules of the conversation
 
 }  // namespace pac_worker

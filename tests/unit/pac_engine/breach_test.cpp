@@ -52,17 +52,17 @@ TEST_P(Breaches, CostTheQuestionAndNothingElse) {
   EXPECT_NE(one->workerPid(), pid);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Worker, Breaches,
-    ::testing::Values(Breach{"exit", "ended without an answer"},
-                      Breach{"hang", "did not answer in time"},
-                      Breach{"garbage", "sent what is no message"},
-                      Breach{"too_long", "sent what is no message"},
-                      Breach{"early_ready", "answered what was not asked"},
-                      Breach{"wrong_serial", "answered what was not asked"},
-                      Breach{"alert_flood", "asks without end"},
-                      Breach{"questions_without_reading", "does not read its answers"}),
-    [](const auto& test) { return test.param.step; });
+INSTANTIATE_TEST_SUITE_P(Worker, Breaches,
+                         ::testing::Values(Breach{"exit", "ended without an answer"},
+                                           Breach{"hang", "did not answer in time"},
+                                           Breach{"garbage", "sent what is no message"},
+                                           Breach{"too_long", "sent what is no message"},
+                                           Breach{"early_ready", "answered what was not asked"},
+                                           Breach{"wrong_serial", "answered what was not asked"},
+                                           Breach{"alert_flood", "asks without end"},
+                                           Breach{"questions_without_reading",
+                                                  "does not read its answers"}),
+                         [](const auto& test) { return test.param.step; });
 
 TEST(Worker, ThatBreaksTheRulesWhileLoadingIsRefused) {
   for (const char* step : {"garbage", "wrong_serial", "exit", "hang"}) {

@@ -56,7 +56,9 @@ struct Inbox {
   std::vector<void*> hostAddresses;
 };
 
-void countWake(void* context) { ++*static_cast<int*>(context); }
+void countWake(void* context) {
+  ++*static_cast<int*>(context);
+}
 
 TEST(Pac, AnswersAtOnce) {
   const auto engine = make(kEcho);
@@ -199,9 +201,9 @@ TEST(Pac, DropsWhatIsQueuedWhenItIsFreed) {
 }
 
 TEST(Pac, ResolvesNothingWithTheOfflineOption) {
-  const auto engine = make(
-      "function FindProxyForURL() { return myIpAddress() + ' ' + dnsResolve('localhost'); }",
-      PAC_OPTION_OFFLINE);
+  const auto engine =
+      make("function FindProxyForURL() { return myIpAddress() + ' ' + dnsResolve('localhost'); }",
+           PAC_OPTION_OFFLINE);
   EXPECT_EQ(ask(engine, "http://h/", "h"), "127.0.0.1 null");
 }
 

@@ -1,7 +1,7 @@
-// Each wall around the worker, tried from inside by a worker whose engine makes the system call, and
-// what the kernel says of a live one.
-#include <gtest/gtest.h>
+// Each wall around the worker, tried from inside by a worker whose engine makes the system call,
+// and what the kernel says of a live one.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -36,8 +36,8 @@ TEST_P(Walls, EndTheWorkerAndNothingElse) {
   EXPECT_EQ(engine->evaluate("http://h/", GetParam()).problem.message,
             "the script worker ended without an answer");
   EXPECT_TRUE(logged(LOG_WARNING, "pac_engine: worker " + std::to_string(pid) +
-                                      " ended without an answer (signal " +
-                                      std::to_string(SIGSYS) + ")"));
+                                      " ended without an answer (signal " + std::to_string(SIGSYS) +
+                                      ")"));
   EXPECT_EQ(engine->evaluate("http://h/", "url").result, "http://h/");
 }
 
