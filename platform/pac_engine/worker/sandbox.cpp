@@ -19,7 +19,6 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
-#include <tuple>
 #include <vector>
 
 #if PROXYMANAGER_SECCOMP
@@ -91,26 +90,32 @@ Failure dropCapabilities() {
   return {};
 }
 
-Failure limitResource(decltype(RLIMIT_AS) resource, rlim_t limit, const char* name) {
-  const rlimit both{limit, limit};
-  if (setrlimit(resource, &both) != 0) return failed(name);
+struct Limit {
+  decltype(RLIMIT_AS) resource;
+  rlim_t value;
+  const char* name;
+};
+
+constexpr Limit kLimits[] = {
+    {RLIMIT_CORE, 0, "RLIMIT_CORE"},
+    {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"},
+    {RLIMIT_NPROC, 0, "RLIMIT_NPROC"},
+    {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
+#if !PROXYMANAGER_SANITIZED  // which map far more, and look at memory through pipes
+    {RLIMIT_AS, kAddressSpaceBytes, "RLIMIT_AS"},
+    {RLIMIT_NOFILE, 0, "RLIMIT_NOFILE"},
+#endif
+};
+
+Failure limitResource(const Limit& limit) {
+  const rlimit both{limit.value, limit.value};
+  if (setrlimit(limit.resource, &both) != 0) return failed(limit.name);
   return {};
 }
 
 Failure limitResources() {
-  for (const auto& [resource, limit, name] : {
-         std::tuple{RLIMIT_CORE, rlim_t{0}, "RLIMIT_CORE"},
-             std::tuple{RLIMIT_FSIZE, rlim_t{0}, "RLIMIT_FSIZE"},
-             std::tuple{RLIMIT_NPROC, rlim_t{0}, "RLIMIT_NPROC"},
-             std::tuple{RLIMIT_NOFILE, rlim_t{0}, "RLIMIT_NOFILE"},
-#if PROXYMANAGER_MEMORY_LIMIT
-             std::tuple{RLIMIT_AS, rlim_t{kAddressSpaceBytes}, "RLIMIT_AS"},
-#endif
-             std::tuple {
-           RLIMIT_MEMLOCK, rlim_t{0}, "RLIMIT_MEMLOCK"
-         }
-       }) {
-    if (auto failure = limitResource(resource, limit, name)) return failure;
+  for (const auto& limit : kLimits) {
+    if (auto failure = limitResource(limit)) return failure;
   }
   return {};
 }
@@ -120,7 +125,7 @@ Failure raiseStack() {
   rlimit stack{};
   if (getrlimit(RLIMIT_STACK, &stack) != 0) return failed("RLIMIT_STACK");
   if (stack.rlim_max < kStackBytes) return {};
-  return limitResource(RLIMIT_STACK, kStackBytes, "RLIMIT_STACK");
+  return limitResource({RLIMIT_STACK, kStackBytes, "RLIMIT_STACK"});
 }
 
 #if PROXYMANAGER_SECCOMP

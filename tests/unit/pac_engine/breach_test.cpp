@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include <chrono>
+#include <ostream>
 
 #include "platform/pac_engine/pac_engine.h"
 #include "platform/pac_engine/protocol.h"
@@ -36,6 +37,11 @@ struct Breach {
   const char* step;
   const char* problem;
 };
+
+/// Names the test.
+std::ostream& operator<<(std::ostream& stream, const Breach& breach) {
+  return stream << breach.step;
+}
 
 class Breaches : public ::testing::TestWithParam<Breach> {};
 

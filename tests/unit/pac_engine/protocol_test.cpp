@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <random>
 #include <string>
 #include <variant>
@@ -90,6 +91,11 @@ struct Limit {
   std::size_t limit;
   std::string (*make)(const std::string& text);
 };
+
+/// Names the test.
+std::ostream& operator<<(std::ostream& stream, const Limit& limit) {
+  return stream << limit.name;
+}
 
 class TextLimits : public ::testing::TestWithParam<Limit> {};
 
