@@ -76,6 +76,7 @@ TEST(Pac, SaysThatThereIsNoAnswerAndLeavesNull) {
 }
 
 TEST(Pac, SaysWhyAScriptIsRefused) {
+  clearLog();
   EXPECT_EQ(make("\nthrow 'x'; function FindProxyForURL() {}"), nullptr);
   ASSERT_EQ(logLines().size(), 1U);
   EXPECT_EQ(logLines()[0].priority, LOG_ERR);
@@ -91,6 +92,7 @@ TEST(Pac, SaysWhyAScriptIsRefused) {
 }
 
 TEST(Pac, TakesNullEverywhere) {
+  clearLog();
   EXPECT_EQ(pac_init(nullptr, PAC_OPTION_ONLINE, nullptr, nullptr), nullptr);
   Inbox inbox;
   pac_find_proxy(nullptr, "http://h/", "h", &Inbox::take, &inbox);
@@ -153,6 +155,7 @@ TEST(Pac, GivesANullHostBackAsNull) {
 }
 
 TEST(Pac, QueuesTwoHundredAndFiftySixQuestions) {
+  clearLog();
   int woken = 0;
   const Handle engine(pac_init(kEcho, PAC_OPTION_ONLINE, &countWake, &woken));
   Inbox inbox;
