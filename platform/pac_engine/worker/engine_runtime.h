@@ -81,7 +81,8 @@ class EngineRuntime {
   void runJobs();
   /// True where the time limit was passed since begin(), whether or not the script noticed.
   bool timeIsUp();
-  /// True where an allocation was refused since begin().
+  /// True where the heap limit was passed since begin(). The script is then interrupted like one
+  /// whose time is up.
   [[nodiscard]] bool memoryWasRefused() const { return mMemoryRefused; }
   /// Bytes that cannot be freed. Collects garbage.
   std::size_t bytesInUse();
@@ -107,6 +108,8 @@ class EngineRuntime {
   static void release(JSMallocState* state, void* block);
   static void* reallocate(JSMallocState* state, void* block, std::size_t size);
   static int interrupt(JSRuntime* runtime, void* self);
+  /// Whether a block may be had, with `others` bytes handed out besides.
+  bool grants(std::size_t others, std::size_t size);
   /// True where a block is refused because the time limit was passed long ago.
   bool isStarved(std::size_t size);
 
@@ -114,6 +117,7 @@ class EngineRuntime {
   const ScriptLimits mLimits;
   std::size_t mBytes = 0;  ///< handed out to the engine, the allocator's overhead included
   bool mMemoryRefused = false;
+  std::size_t mReserve = 0;  ///< bytes past the heap limit, for small blocks alone
   bool mTimeIsUp = false;
   bool mStarving = false;         ///< blocks are refused, but for a reprieve
   bool mRefusedStarving = false;  ///< since the last reprieve
