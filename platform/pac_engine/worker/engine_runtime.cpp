@@ -46,6 +46,11 @@ std::size_t usableSize(const void* block) {
 
 }  // namespace
 
+Text::Text(JSContext* context, JSValueConst value)
+    : mContext(context), mText(JS_ToCStringLen(context, &mLength, value)) {
+  EngineRuntime::of(context).countWork(mLength);
+}
+
 // The engine's own heap functions do the same, but do not tell that they refused.
 const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocate, release, reallocate, usableSize};
 
@@ -137,6 +142,12 @@ void EngineRuntime::runJobs() {
 bool EngineRuntime::timeIsUp() {
   mTimeIsUp = mTimeIsUp || std::chrono::steady_clock::now() >= mDeadline;
   return mTimeIsUp;
+}
+
+bool EngineRuntime::hasWorkedLong() {
+  if (mBytesOfWork < kBytesBetweenLooks) return false;
+  mBytesOfWork = 0;
+  return true;
 }
 
 int EngineRuntime::interrupt(JSRuntime* /*runtime*/, void* runtime) {

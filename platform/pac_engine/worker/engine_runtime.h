@@ -42,8 +42,7 @@ class Value {
 class Text {
  public:
   /// Converts as the language's String() does, so an object's own toString may run.
-  Text(JSContext* context, JSValueConst value)
-      : mContext(context), mText(JS_ToCStringLen(context, &mLength, value)) {}
+  Text(JSContext* context, JSValueConst value);
   ~Text() {
     if (mText != nullptr) JS_FreeCString(mContext, mText);
   }
@@ -79,6 +78,10 @@ class EngineRuntime {
   /// Runs the jobs that promises have queued, in order, kMostJobs at most: enough for every sane
   /// script, and a chain of jobs without end costs a bounded share of each evaluation.
   void runJobs();
+  /// Counts bytes that are gone through outside the engine's loops.
+  void countWork(std::size_t bytes) { mBytesOfWork += bytes; }
+  /// True, and counted anew, where so many were counted that the clock should be looked at.
+  bool hasWorkedLong();
   /// True where the time limit was passed since begin(), whether or not the script noticed.
   bool timeIsUp();
   /// True where the heap limit was passed since begin(). The script is then interrupted like one
@@ -123,6 +126,7 @@ class EngineRuntime {
   bool mRefusedStarving = false;  ///< since the last reprieve
   int mReprieve = 0;              ///< blocks still granted
   std::size_t mBytesSinceLook = 0;
+  std::size_t mBytesOfWork = 0;
   std::chrono::steady_clock::time_point mDeadline;
   std::size_t mAlertBytesLeft = 0;
   std::unique_ptr<JSRuntime, RuntimeDeleter> mRuntime;
