@@ -9,6 +9,7 @@ if(PROJECT_IS_TOP_LEVEL AND NOT CMAKE_BUILD_TYPE)
 endif()
 
 option(PROXYMANAGER_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
+option(PROXYMANAGER_BENCH "Build the benchmarks" OFF)
 option(PROXYMANAGER_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
 option(PROXYMANAGER_WERROR "Treat warnings as errors" OFF)
 set(PROXYMANAGER_SANITIZER "" CACHE STRING "Empty, address (with undefined) or thread")

@@ -15,8 +15,8 @@ constexpr std::size_t kBufferBytes = kMaxMessageBytes + 1;
 
 /// poll's timeout until `deadline`, rounded up so that it is never woken too early for ever.
 int millisecondsLeft(Deadline deadline) {
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-      deadline - std::chrono::steady_clock::now());
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
   return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
 }
 
@@ -37,9 +37,17 @@ Channel::Channel(UniqueFd socket)
     : mSocket(std::move(socket)), mBuffer(std::make_unique_for_overwrite<char[]>(kBufferBytes)) {}
 
 bool Channel::send(std::string_view message) {
+  return sendWith(MSG_DONTWAIT, message);
+}
+
+bool Channel::sendPatiently(std::string_view message) {
+  return sendWith(0, message);
+}
+
+bool Channel::sendWith(int flags, std::string_view message) {
   ssize_t sent = 0;
   do {
-    sent = ::send(mSocket.get(), message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    sent = ::send(mSocket.get(), message.data(), message.size(), flags | MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   return sent >= 0 && static_cast<std::size_t>(sent) == message.size();
 }

@@ -28,6 +28,10 @@ class Channel {
   /// @return false where the other end is closed or does not read what it is sent
   bool send(std::string_view message);
 
+  /// Sends one message, and waits for as long as the other end lives and reads too slowly.
+  /// @return false where the other end is closed
+  bool sendPatiently(std::string_view message);
+
   /// Waits for one message until `deadline`, without one for as long as the other end lives.
   Receipt receive(std::optional<Deadline> deadline = std::nullopt);
 
@@ -38,6 +42,8 @@ class Channel {
   int fd() const { return mSocket.get(); }
 
  private:
+  bool sendWith(int flags, std::string_view message);
+
   UniqueFd mSocket;
   std::unique_ptr<char[]> mBuffer;
   std::size_t mLength = 0;

@@ -84,9 +84,9 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
     const auto events = static_cast<short>((read ? POLLIN : 0) | (write ? POLLOUT : 0));
     entries[count++] = {sockets[i], events, 0};
   }
-  const auto left = std::max(std::chrono::ceil<std::chrono::microseconds>(
-                                 deadline - std::chrono::steady_clock::now()),
-                             std::chrono::microseconds::zero());
+  const auto left = std::max(
+      std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()),
+      std::chrono::microseconds::zero());
   timeval longest{left.count() / 1'000'000, left.count() % 1'000'000};
   timeval chosen{};
   const timeval* wait = ares_timeout(channel, &longest, &chosen);

@@ -21,7 +21,7 @@ enum class LookupEnd : std::uint8_t {
 struct LookupResult {
   LookupEnd end = LookupEnd::kDone;
   std::vector<std::string> addresses;  ///< in the order of preference (RFC 6724)
-  std::chrono::seconds lifetime{0};    ///< the shortest of the answer's records; 0 for the hosts file
+  std::chrono::seconds lifetime{0};  ///< the shortest of the answer's records; 0 for the hosts file
 };
 
 /// The resolver; not for use by two threads. Its sockets live no longer than a lookup.
@@ -37,8 +37,8 @@ class DnsResolver {
   /// anew at the next lookup. The first call says no.
   bool configurationChanged();
 
-  /// Looks `name` (ASCII) up on the calling thread until `deadline`; ends early when the peer of the
-  /// socket `watched` closes it.
+  /// Looks `name` (ASCII) up on the calling thread until `deadline`; ends early when the peer of
+  /// the socket `watched` closes it.
   LookupResult lookUp(const std::string& name, pac_worker::AddressFamily family, Deadline deadline,
                       int watched);
 

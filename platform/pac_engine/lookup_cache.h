@@ -29,8 +29,8 @@ class LookupCache {
   /// known.
   std::optional<Addresses> find(const Key& key, Clock::time_point now) const;
 
-  /// Keeps `addresses` for `lifetime` of 60 s at most, or a failure (no addresses) for 5 s, and drops
-  /// the name that was stored first where there are too many. A lifetime of 0 is not kept.
+  /// Keeps `addresses` for `lifetime` of 60 s at most, or a failure (no addresses) for 5 s, and
+  /// drops the name that was stored first where there are too many. A lifetime of 0 is not kept.
   void store(const Key& key, Addresses addresses, std::chrono::seconds lifetime,
              Clock::time_point now);
 

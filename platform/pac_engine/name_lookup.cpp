@@ -19,7 +19,9 @@ bool isAscii(std::string_view text) {
                      [](char c) { return (static_cast<unsigned char>(c) & 0x80U) == 0; });
 }
 
-bool mayStand(char c) { return c > ' ' && c != 0x7F; }
+bool mayStand(char c) {
+  return c > ' ' && c != 0x7F;
+}
 
 bool isIpv4(const std::string& address) {
   in_addr binary{};
@@ -28,9 +30,8 @@ bool isIpv4(const std::string& address) {
 
 std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, AddressFamily family) {
   std::vector<std::string> wanted;
-  std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(wanted), [&](const auto& one) {
-    return family == AddressFamily::kAny || isIpv4(one);
-  });
+  std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(wanted),
+               [&](const auto& one) { return family == AddressFamily::kAny || isIpv4(one); });
   return wanted;
 }
 

@@ -24,9 +24,9 @@ using StaticNames = std::map<std::string, std::vector<std::string>>;
 
 /// Where addresses of names come from.
 struct NameSource {
-  bool offline = false;                   ///< no name has an address
+  bool offline = false;                    ///< no name has an address
   std::optional<StaticNames> staticNames;  ///< if set, no other name has one
-  std::string nameServers;                ///< as DnsResolver's
+  std::string nameServers;                 ///< as DnsResolver's
 };
 
 /// Not for use by two threads.
@@ -34,13 +34,13 @@ class NameLookup {
  public:
   explicit NameLookup(NameSource source);
 
-  /// Begins an evaluation: a new share of names, and a look at the resolver's configuration when the
-  /// first of them is asked.
+  /// Begins an evaluation: a new share of names, and a look at the resolver's configuration when
+  /// the first of them is asked.
   void begin();
 
-  /// Addresses of `name` (UTF-8) in `family`; empty where it has none, is no name, the share of this
-  /// evaluation is used up or 2 s or `deadline` have passed. A name asked for again in the same
-  /// evaluation has the same addresses and costs nothing of the share.
+  /// Addresses of `name` (UTF-8) in `family`; empty where it has none, is no name, the share of
+  /// this evaluation is used up or 2 s or `deadline` have passed. A name asked for again in the
+  /// same evaluation has the same addresses and costs nothing of the share.
   /// @param watched as DnsResolver's
   std::vector<std::string> resolve(std::string_view name, AddressFamily family, Deadline deadline,
                                    int watched);

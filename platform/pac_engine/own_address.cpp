@@ -48,7 +48,8 @@ std::string routeSource() {
 /// The text of a usable address, else nothing.
 std::string usable(const ifaddrs& entry) {
   constexpr unsigned kWanted = IFF_UP;
-  if (entry.ifa_addr == nullptr || (entry.ifa_flags & (IFF_UP | IFF_LOOPBACK)) != kWanted) return {};
+  if (entry.ifa_addr == nullptr || (entry.ifa_flags & (IFF_UP | IFF_LOOPBACK)) != kWanted)
+    return {};
   if (entry.ifa_addr->sa_family == AF_INET) {
     const auto& address = reinterpret_cast<const sockaddr_in*>(entry.ifa_addr)->sin_addr;
     const bool linkLocal = (ntohl(address.s_addr) & kLinkLocalMask) == kLinkLocal;

@@ -9,8 +9,8 @@
 namespace pac_engine {
 
 /// For kIpv4 the source address of the route to the outside; for kAny all usable addresses: of
-/// interfaces that are up, neither loopback nor link-local, in the kernel's order, 64 at most. Empty
-/// where there is none. Any thread; does not block.
+/// interfaces that are up, neither loopback nor link-local, in the kernel's order, 64 at most.
+/// Empty where there is none. Any thread; does not block.
 std::vector<std::string> ownAddresses(pac_worker::AddressFamily family);
 
 }  // namespace pac_engine

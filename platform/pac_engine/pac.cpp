@@ -111,4 +111,6 @@ void pac_run_callbacks(pac* engine) {
   });
 }
 
-void pac_free(pac* engine) { delete engine; }
+void pac_free(pac* engine) {
+  delete engine;
+}

@@ -6,7 +6,9 @@
  * everywhere: no engine, no answer, nothing done. Texts given are copied before a call returns.
  *
  * Limits (docs/pac-language.md): loading 5 s, one evaluation 5 s with all its name lookups, URL
- * 8 KiB, result 64 KiB.
+ * 8 KiB, result 64 KiB. A worker that is stopped or broken and keeps no limit by itself is killed a
+ * quarter of a second later; one that has died is started again by the next question, within that
+ * question's 5 s.
  */
 #pragma once
 
@@ -44,14 +46,15 @@ void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_r
                     void* context);
 
 /** Evaluates FindProxyForURL(url, host) on the calling thread; waits 5 s at most.
- *  @param url cleaned before the script sees it: no user, password or fragment; for https and wss no
- *         path or query either
+ *  @param url cleaned before the script sees it: no user, password or fragment; for https and wss
+ * no path or query either
  *  @param host handed to the script as it is
  *  @param result receives a heap text, to be released with free(), or null where there is no
  *         answer */
 void pac_find_proxy_sync_n(struct pac* engine, const char* url, const char* host, char** result);
 
-/** Evaluates what pac_find_proxy queued, on the calling thread, and delivers the results. */
+/** Evaluates what pac_find_proxy had queued when it was called, on the calling thread, and delivers
+ *  the results. A callback may queue more, for the next call; it may not free the engine. */
 void pac_run_callbacks(struct pac* engine);
 
 /** Ends the worker and drops what is queued without calling back. */

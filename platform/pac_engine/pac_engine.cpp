@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <utility>
 
 #include "platform/log/log_line.h"
@@ -15,7 +14,9 @@ namespace pac_engine {
 
 namespace {
 
-Problem problemOf(std::string message) { return {std::move(message), 0}; }
+Problem problemOf(std::string message) {
+  return {std::move(message), 0};
+}
 
 std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, AddressFamily family) {
   if (family == AddressFamily::kAny) return addresses;
@@ -53,7 +54,6 @@ struct Engine::Impl {
   std::unique_ptr<WorkerProcess> worker;
   std::uint32_t serial = 0;
   std::size_t alertBytesLeft = 0;
-  std::map<AddressFamily, std::vector<std::string>> ownKnown;  ///< in this evaluation
 };
 
 /// Ends the worker; the next question starts another.
@@ -126,7 +126,6 @@ Reply Engine::Impl::replyOf(const FromWorker& message) {
 /// the next one; nothing where the worker failed and has been discarded
 std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& problem) {
   names.begin();
-  ownKnown.clear();
   alertBytesLeft = kMaxAlertBytes;
   const auto fail = [&](const char* why) -> std::optional<FromWorker> {
     problem = problemOf(std::string("the script worker ") + why);
@@ -168,17 +167,16 @@ std::optional<bool> Engine::Impl::serve(const FromWorker& message, Deadline dead
 std::vector<std::string> Engine::Impl::own(AddressFamily family) {
   if (options.ownAddresses) return ofFamily(*options.ownAddresses, family);
   if (options.names.offline) return {"127.0.0.1"};
-  const auto known = ownKnown.find(family);
-  if (known != ownKnown.end()) return known->second;
-  return ownKnown[family] = pac_engine::ownAddresses(family);
+  return pac_engine::ownAddresses(family);
 }
 
-/// The worker keeps to the limit by itself; one that a script has taken over need not.
+/// The engine keeps to the limit by itself; a worker that a script has taken over need not.
 void Engine::Impl::say(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = cutText(alert, alertBytesLeft);
   logLine(LOG_DEBUG, "pac_engine: alert: %s", visible(cut).c_str());
-  alertBytesLeft -= std::min(alertBytesLeft, cut.size() + 1);
+  // An empty one counts too, so that a flood of them ends.
+  alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);
 }
 
 Engine::Engine(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
@@ -211,7 +209,9 @@ Reply Engine::evaluate(std::string_view url, std::string_view host) {
   return reply;
 }
 
-pid_t Engine::workerPid() const { return mImpl->worker ? mImpl->worker->pid() : 0; }
+pid_t Engine::workerPid() const {
+  return mImpl->worker ? mImpl->worker->pid() : 0;
+}
 
 std::string describe(const Problem& problem) {
   if (problem.line == 0) return problem.message;

@@ -22,8 +22,8 @@
 
 namespace pac_engine {
 
-/// What a worker has beyond its time limit before it is killed: its engine stops a script by itself,
-/// and only one that is stopped or broken needs killing.
+/// What a worker has beyond its time limit before it is killed: its engine stops a script by
+/// itself, and only one that is stopped or broken needs killing.
 inline constexpr std::chrono::milliseconds kKillGrace{250};
 
 struct Options {
@@ -52,8 +52,8 @@ struct Reply {
 /// One loaded script. Not for use by two threads at once; nothing here throws but bad_alloc.
 class Engine {
  public:
-  /// Starts a worker and loads `script`, the bytes of a PAC file; waits for timeLimit and kKillGrace
-  /// at most.
+  /// Starts a worker and loads `script`, the bytes of a PAC file; waits for timeLimit and
+  /// kKillGrace at most.
   /// @param refused receives why there is no engine
   /// @return an engine, or null
   static std::unique_ptr<Engine> load(std::string_view script, Options options, Problem& refused);
@@ -62,7 +62,8 @@ class Engine {
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  /// FindProxyForURL(url as the script may see it, host); waits for timeLimit and kKillGrace at most.
+  /// FindProxyForURL(url as the script may see it, host); waits for timeLimit and kKillGrace at
+  /// most.
   Reply evaluate(std::string_view url, std::string_view host);
 
   /// Process id of the worker, which may have ended since; 0 where the next question starts one.

@@ -49,7 +49,8 @@ class Writer {
 /// Takes fields off the front; after the first that is not there or not allowed, all is void.
 class Reader {
  public:
-  explicit Reader(std::string_view bytes) : mLeft(bytes), mValid(bytes.size() <= kMaxMessageBytes) {}
+  explicit Reader(std::string_view bytes)
+      : mLeft(bytes), mValid(bytes.size() <= kMaxMessageBytes) {}
 
   template <typename Number>
   Number number() {
@@ -97,7 +98,9 @@ bool isAscii(std::string_view text) {
                       [](char c) { return (static_cast<unsigned char>(c) & 0x80U) != 0; });
 }
 
-std::uint8_t byteOf(AddressFamily family) { return family == AddressFamily::kAny ? 1 : 0; }
+std::uint8_t byteOf(AddressFamily family) {
+  return family == AddressFamily::kAny ? 1 : 0;
+}
 
 struct Encoder {
   std::string operator()(const Start& m) const {
@@ -200,18 +203,26 @@ std::optional<Direction> whole(const Reader& reader, Message&& message) {
 
 }  // namespace
 
-std::string encode(const FromLibrary& message) { return std::visit(Encoder{}, message); }
-std::string encode(const FromWorker& message) { return std::visit(Encoder{}, message); }
+std::string encode(const FromLibrary& message) {
+  return std::visit(Encoder{}, message);
+}
+std::string encode(const FromWorker& message) {
+  return std::visit(Encoder{}, message);
+}
 
 std::optional<FromLibrary> decodeFromLibrary(std::string_view bytes) {
   Reader reader(bytes);
   // The message is read before `reader` is asked whether all was right.
   const auto take = [&reader](auto message) { return whole<FromLibrary>(reader, message); };
   switch (Kind{reader.number<std::uint8_t>()}) {
-    case Kind::kStart: return take(readStart(reader));
-    case Kind::kEvaluate: return take(readEvaluate(reader));
-    case Kind::kAddresses: return take(readAddresses(reader));
-    default: return std::nullopt;
+    case Kind::kStart:
+      return take(readStart(reader));
+    case Kind::kEvaluate:
+      return take(readEvaluate(reader));
+    case Kind::kAddresses:
+      return take(readAddresses(reader));
+    default:
+      return std::nullopt;
   }
 }
 
@@ -219,14 +230,22 @@ std::optional<FromWorker> decodeFromWorker(std::string_view bytes) {
   Reader reader(bytes);
   const auto take = [&reader](auto message) { return whole<FromWorker>(reader, message); };
   switch (Kind{reader.number<std::uint8_t>()}) {
-    case Kind::kReady: return take(Ready{});
-    case Kind::kRefused: return take(readRefused(reader));
-    case Kind::kResolve: return take(readResolve(reader));
-    case Kind::kOwnAddresses: return take(OwnAddresses{reader.family()});
-    case Kind::kAlert: return take(Alert{reader.text(kMaxAlertBytes)});
-    case Kind::kAnswer: return take(readAnswer(reader));
-    case Kind::kNoAnswer: return take(readNoAnswer(reader));
-    default: return std::nullopt;
+    case Kind::kReady:
+      return take(Ready{});
+    case Kind::kRefused:
+      return take(readRefused(reader));
+    case Kind::kResolve:
+      return take(readResolve(reader));
+    case Kind::kOwnAddresses:
+      return take(OwnAddresses{reader.family()});
+    case Kind::kAlert:
+      return take(Alert{reader.text(kMaxAlertBytes)});
+    case Kind::kAnswer:
+      return take(readAnswer(reader));
+    case Kind::kNoAnswer:
+      return take(readNoAnswer(reader));
+    default:
+      return std::nullopt;
   }
 }
 

@@ -1,10 +1,10 @@
 // What the library and its script worker say to each other.
 //
-// One message is one packet of a SOCK_SEQPACKET pair: a byte that names its kind, then its fields in
-// the machine's own byte order, texts behind their 32-bit length. Both ends run on one machine and
-// come from one build, so there is no version. Each end treats the other as hostile: a decoder takes
-// a message only if every length, every enumerator and the total size are right, and nothing is left
-// over. Which kind may come when is checked by those who hold the conversation.
+// One message is one packet of a SOCK_SEQPACKET pair: a byte that names its kind, then its fields
+// in the machine's own byte order, texts behind their 32-bit length. Both ends run on one machine
+// and come from one build, so there is no version. Each end treats the other as hostile: a decoder
+// takes a message only if every length, every enumerator and the total size are right, and nothing
+// is left over. Which kind may come when is checked by those who hold the conversation.
 //
 //   library                              worker
 //   Start                            ->
@@ -95,8 +95,7 @@ struct NoAnswer {
 };
 
 using FromLibrary = std::variant<Start, Evaluate, Addresses>;
-using FromWorker =
-    std::variant<Ready, Refused, Resolve, OwnAddresses, Alert, Answer, NoAnswer>;
+using FromWorker = std::variant<Ready, Refused, Resolve, OwnAddresses, Alert, Answer, NoAnswer>;
 
 /// The bytes of a message. The caller keeps texts and lists within the limits above.
 std::string encode(const FromLibrary& message);

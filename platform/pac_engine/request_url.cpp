@@ -28,7 +28,9 @@ struct DefaultPort {
 constexpr std::array<DefaultPort, 5> kDefaultPorts{
     {{"http", "80"}, {"https", "443"}, {"ws", "80"}, {"wss", "443"}, {"ftp", "21"}}};
 
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 std::optional<std::string> part(CURLU* url, CURLUPart which) {
   char* raw = nullptr;

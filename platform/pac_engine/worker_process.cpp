@@ -59,7 +59,7 @@ int setDescriptors(FileActions& files, int socket, int script) {
   return failed;
 }
 
-int setSignals(SpawnAttributes& spawn) {
+int setAttributes(SpawnAttributes& spawn) {
   sigset_t all;
   sigset_t none;
   sigfillset(&all);
@@ -68,9 +68,13 @@ int setSignals(SpawnAttributes& spawn) {
   posix_spawnattr_setsigmask(&spawn.attributes, &none);
   // A process group of its own: the terminal's signals are for the program, not for its worker.
   posix_spawnattr_setpgroup(&spawn.attributes, 0);
+  // A script that runs in circles must not do it with a real-time priority of the program's.
+  const sched_param ordinary{};
+  posix_spawnattr_setschedpolicy(&spawn.attributes, SCHED_OTHER);
+  posix_spawnattr_setschedparam(&spawn.attributes, &ordinary);
   return posix_spawnattr_setflags(
-      &spawn.attributes,
-      POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP);
+      &spawn.attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP |
+                             POSIX_SPAWN_SETSCHEDULER);
 }
 
 /// @return the process, or 0 with its errno in `error`
@@ -79,15 +83,15 @@ pid_t spawnWorker(const std::string& program, int socket, int script, const std:
   FileActions files;
   SpawnAttributes spawn;
   error = setDescriptors(files, socket, script);
-  if (error == 0) error = setSignals(spawn);
+  if (error == 0) error = setAttributes(spawn);
   if (error != 0) return 0;
   std::string name = std::filesystem::path(program).filename();
   std::string zoneVariable = "TZ=" + zone;
   char* const arguments[] = {name.data(), nullptr};
   char* const environment[] = {zone.empty() ? nullptr : zoneVariable.data(), nullptr};
   pid_t pid = 0;
-  error = posix_spawn(&pid, program.c_str(), &files.actions, &spawn.attributes, arguments,
-                      environment);
+  error =
+      posix_spawn(&pid, program.c_str(), &files.actions, &spawn.attributes, arguments, environment);
   return error == 0 ? pid : 0;
 }
 
@@ -131,7 +135,9 @@ std::string workerProgram() {
 WorkerProcess::WorkerProcess(pid_t pid, UniqueFd process, UniqueFd socket)
     : mPid(pid), mProcess(std::move(process)), mChannel(std::move(socket)) {}
 
-WorkerProcess::~WorkerProcess() { end(); }
+WorkerProcess::~WorkerProcess() {
+  end();
+}
 
 std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
                                                     const UniqueFd& script, const std::string& zone,

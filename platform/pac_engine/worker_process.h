@@ -2,10 +2,10 @@
 //
 // It is started by posix_spawn, which is safe in a program with threads, with default signals, an
 // empty signal mask, an empty environment but for TZ, its standard three descriptors on /dev/null,
-// its end of a socket pair as descriptor 3 and the script as descriptor 4, and nothing else. It ends
-// when its socket does. It is killed and waited for through a descriptor of the process itself, so
-// neither a SIGCHLD handler of the program nor one that waits for any child can make this library
-// kill a stranger.
+// its end of a socket pair as descriptor 3 and the script as descriptor 4, and nothing else. It
+// ends when its socket does. It is killed and waited for through a descriptor of the process
+// itself, so neither a SIGCHLD handler of the program nor one that waits for any child can make
+// this library kill a stranger.
 #pragma once
 
 #include <sys/types.h>
@@ -22,8 +22,8 @@ namespace pac_engine {
 inline constexpr int kWorkerSocket = 3;  ///< descriptor of the worker's end of the socket pair
 inline constexpr int kWorkerScript = 4;  ///< descriptor of the script
 
-/// `bytes` in a sealed memory file, which nobody can change, grow or shrink. Empty, with errno, where
-/// there is no memory or no descriptor for it.
+/// `bytes` in a sealed memory file, which nobody can change, grow or shrink. Empty, with errno,
+/// where there is no memory or no descriptor for it.
 UniqueFd sealedScript(std::string_view bytes);
 
 /// Where the worker's program is: `proxymanager-pac-worker` in the libexec folder beside the folder
@@ -45,10 +45,10 @@ class WorkerProcess {
   Channel& channel() { return mChannel; }
   pid_t pid() const { return mPid; }
 
-  /// Binds the process to the CPU that the calling thread is on. Who asks sleeps until it is answered,
-  /// so nothing is lost by sharing one, and handing over on it takes a fifth of the time that waking
-  /// another, sleeping CPU does; spinning instead would burn power on both. Where the kernel does not
-  /// allow it nothing changes.
+  /// Binds the process to the CPU that the calling thread is on. Who asks sleeps until it is
+  /// answered, so nothing is lost by sharing one, and handing over on it takes a fifth of the time
+  /// that waking another, sleeping CPU does; spinning instead would burn power on both. Where the
+  /// kernel does not allow it nothing changes.
   void follow();
 
   /// Kills the process unless it has ended and waits for it, 1 s at most.
@@ -59,7 +59,7 @@ class WorkerProcess {
   WorkerProcess(pid_t pid, UniqueFd process, UniqueFd socket);
 
   pid_t mPid;
-  int mCpu = -1;  ///< where follow() has bound the process
+  int mCpu = -1;      ///< where follow() has bound the process
   UniqueFd mProcess;  ///< empty once the process has been waited for
   Channel mChannel;
 };

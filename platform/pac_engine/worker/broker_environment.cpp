@@ -10,8 +10,15 @@ namespace pac_worker {
 using pac_engine::FromLibrary;
 using pac_engine::FromWorker;
 
+namespace {
+
+/// More than the names that one evaluation may look up; further ones have no address.
+constexpr std::size_t kMaxRemembered = 64;
+
+}  // namespace
+
 void sendOrEnd(pac_engine::Channel& channel, const FromWorker& message) {
-  if (!channel.send(pac_engine::encode(message))) _exit(EXIT_SUCCESS);
+  if (!channel.sendPatiently(pac_engine::encode(message))) _exit(EXIT_SUCCESS);
 }
 
 FromLibrary receiveOrEnd(pac_engine::Channel& channel) {
@@ -21,7 +28,7 @@ FromLibrary receiveOrEnd(pac_engine::Channel& channel) {
   return *std::move(message);
 }
 
-std::vector<std::string> BrokerEnvironment::ask(const FromWorker& question) {
+BrokerEnvironment::Texts BrokerEnvironment::ask(const FromWorker& question) {
   sendOrEnd(mChannel, question);
   auto answer = receiveOrEnd(mChannel);
   auto* const addresses = std::get_if<pac_engine::Addresses>(&answer);
@@ -29,14 +36,26 @@ std::vector<std::string> BrokerEnvironment::ask(const FromWorker& question) {
   return std::move(addresses->texts);
 }
 
+void BrokerEnvironment::begin() {
+  mResolved.clear();
+  mOwn.clear();
+}
+
 std::vector<std::string> BrokerEnvironment::resolve(std::string_view name, AddressFamily family) {
   // Longer than the encoding of any name.
   if (name.empty() || name.size() > pac_engine::kMaxNameBytes) return {};
-  return ask(pac_engine::Resolve{family, name});
+  std::pair key(family, std::string(name));
+  const auto known = mResolved.find(key);
+  if (known != mResolved.end()) return known->second;
+  auto addresses = ask(pac_engine::Resolve{family, name});
+  if (mResolved.size() < kMaxRemembered) mResolved.emplace(std::move(key), addresses);
+  return addresses;
 }
 
 std::vector<std::string> BrokerEnvironment::ownAddresses(AddressFamily family) {
-  return ask(pac_engine::OwnAddresses{family});
+  const auto known = mOwn.find(family);
+  if (known != mOwn.end()) return known->second;
+  return mOwn[family] = ask(pac_engine::OwnAddresses{family});
 }
 
 std::int64_t BrokerEnvironment::now() {
@@ -54,12 +73,8 @@ std::tm BrokerEnvironment::brokenDown(std::int64_t when, bool gmt) {
 }
 
 void BrokerEnvironment::alert(std::string_view text) {
-  if (mAlertBytesLeft == 0) return;
-  const auto cut = pac_engine::cutText(text, mAlertBytesLeft);
-  sendOrEnd(mChannel, pac_engine::Alert{cut});
-  // One more for each line, so that empty ones end too.
-  const bool whole = cut.size() == text.size() && cut.size() < mAlertBytesLeft;
-  mAlertBytesLeft = whole ? mAlertBytesLeft - cut.size() - 1 : 0;
+  // What one evaluation may log in all is counted by the library.
+  sendOrEnd(mChannel, pac_engine::Alert{pac_engine::cutText(text, pac_engine::kMaxAlertBytes)});
 }
 
 }  // namespace pac_worker

@@ -2,12 +2,14 @@
 // is asked of the library through the socket.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/pac_engine/channel.h"
@@ -24,8 +26,8 @@ class BrokerEnvironment : public PacEnvironment {
   /// Stops the clock at `seconds` since 1970.
   void stopClock(std::int64_t seconds) { mStopped = seconds; }
 
-  /// Begins a load or an evaluation: a new share of alerts.
-  void begin() { mAlertBytesLeft = pac_engine::kMaxAlertBytes; }
+  /// Begins an evaluation: what was answered before is asked again.
+  void begin();
 
   std::vector<std::string> resolve(std::string_view name, AddressFamily family) override;
   std::vector<std::string> ownAddresses(AddressFamily family) override;
@@ -34,11 +36,16 @@ class BrokerEnvironment : public PacEnvironment {
   void alert(std::string_view text) override;
 
  private:
-  std::vector<std::string> ask(const pac_engine::FromWorker& question);
+  using Texts = std::vector<std::string>;
+
+  Texts ask(const pac_engine::FromWorker& question);
 
   pac_engine::Channel& mChannel;
   std::optional<std::int64_t> mStopped;
-  std::size_t mAlertBytesLeft = pac_engine::kMaxAlertBytes;
+  /// Answers of this evaluation. A script asks for the same host in rule after rule, and a question
+  /// through the socket costs more than the rest of the rule.
+  std::map<std::pair<AddressFamily, std::string>, Texts, std::less<>> mResolved;
+  std::map<AddressFamily, Texts> mOwn;
 };
 
 /// Sends `message`, or ends the process where nobody takes it.
@@ -47,6 +54,7 @@ void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& messa
 /// Waits for the next message, or ends the process: quietly where the socket is closed.
 pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
 
-inline constexpr int kExitBroken = 3;  ///< exit code: the library broke the rules of the conversation
+inline constexpr int kExitBroken =
+    3;  ///< exit code: the library broke the rules of the conversation
 
 }  // namespace pac_worker

@@ -2,6 +2,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "platform/pac_engine/worker/utf8.h"
@@ -12,10 +13,14 @@ namespace {
 constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
 constexpr std::size_t kAlertBytes = 2048;  // logged in one evaluation
 constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
-// The engine must allocate the error that ends a script whose time is up. Where it cannot, it
-// throws null instead, and a script with a full heap could catch that and go on for ever.
+// The engine survives it badly where a small block is refused, in the midst of making an error for
+// example. So past the heap limit small blocks are still granted, from a reserve that lasts until
+// the script meets the next interrupt, which ends it. That interrupt's own error has a reserve of
+// its own.
+constexpr std::size_t kSmallBlock = 4U << 10U;
+constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
-
+constexpr std::size_t kMostReserve = 16U << 20U;
 // The engine polls the clock every ten thousandth call or turn of a loop. Where each turn is long
 // work of a built-in function, that is minutes, so the heap looks at the clock too: once in so many
 // bytes, with each block counted as a little more. From a grace after the deadline on it refuses
@@ -41,17 +46,25 @@ std::size_t usableSize(const void* block) {
 
 }  // namespace
 
+Text::Text(JSContext* context, JSValueConst value)
+    : mContext(context), mText(JS_ToCStringLen(context, &mLength, value)) {
+  EngineRuntime::of(context).countWork(mLength);
+}
+
 // The engine's own heap functions do the same, but do not tell that they refused.
 const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocate, release, reallocate, usableSize};
 
+bool EngineRuntime::grants(std::size_t others, std::size_t size) {
+  const auto fits = [&](std::size_t limit) { return others < limit && size <= limit - others; };
+  if (fits(mLimits.heapBytes)) return !isStarved(size);
+  mMemoryRefused = true;
+  return size <= kSmallBlock && fits(mLimits.heapBytes + mReserve) && !isStarved(size);
+}
+
 void* EngineRuntime::allocate(JSMallocState* state, std::size_t size) {
   EngineRuntime& self = ownerOf(state);
-  const bool fits = self.mBytes < state->malloc_limit && size <= state->malloc_limit - self.mBytes;
-  void* const block = fits && !self.isStarved(size) ? std::malloc(size) : nullptr;
-  if (block == nullptr) {
-    self.mMemoryRefused = true;
-    return nullptr;
-  }
+  void* const block = self.grants(self.mBytes, size) ? std::malloc(size) : nullptr;
+  if (block == nullptr) return nullptr;
   self.mBytes += weight(block);
   ++state->malloc_count;
   state->malloc_size = self.mBytes;
@@ -75,12 +88,8 @@ void* EngineRuntime::reallocate(JSMallocState* state, void* block, std::size_t s
   }
   EngineRuntime& self = ownerOf(state);
   const std::size_t others = self.mBytes - weight(block);
-  const bool fits = others < state->malloc_limit && size <= state->malloc_limit - others;
-  void* const moved = fits && !self.isStarved(size) ? std::realloc(block, size) : nullptr;
-  if (moved == nullptr) {
-    self.mMemoryRefused = true;
-    return nullptr;
-  }
+  void* const moved = self.grants(others, size) ? std::realloc(block, size) : nullptr;
+  if (moved == nullptr) return nullptr;
   self.mBytes = others + weight(moved);
   state->malloc_size = self.mBytes;
   return moved;
@@ -89,7 +98,6 @@ void* EngineRuntime::reallocate(JSMallocState* state, void* block, std::size_t s
 EngineRuntime::EngineRuntime(PacEnvironment& environment, const ScriptLimits& limits)
     : mEnvironment(environment), mLimits(limits), mRuntime(JS_NewRuntime2(&kHeapFunctions, this)) {
   if (!mRuntime) return;
-  JS_SetMemoryLimit(mRuntime.get(), mLimits.heapBytes);
   JS_SetMaxStackSize(mRuntime.get(), mLimits.stackBytes);
   JS_SetInterruptHandler(mRuntime.get(), interrupt, this);
   begin();
@@ -113,8 +121,8 @@ EngineRuntime::~EngineRuntime() {
 
 void EngineRuntime::begin() {
   JS_UpdateStackTop(mRuntime.get());
-  JS_SetMemoryLimit(mRuntime.get(), mLimits.heapBytes);
   mMemoryRefused = false;
+  mReserve = kSmallReserve;
   mTimeIsUp = false;
   mAlertBytesLeft = kAlertBytes;
   mStarving = false;
@@ -132,16 +140,20 @@ void EngineRuntime::runJobs() {
 }
 
 bool EngineRuntime::timeIsUp() {
-  if (!mTimeIsUp && std::chrono::steady_clock::now() >= mDeadline) {
-    mTimeIsUp = true;
-    JS_SetMemoryLimit(mRuntime.get(), mLimits.heapBytes + kErrorReserve);
-  }
+  mTimeIsUp = mTimeIsUp || std::chrono::steady_clock::now() >= mDeadline;
   return mTimeIsUp;
+}
+
+bool EngineRuntime::hasWorkedLong() {
+  if (mBytesOfWork < kBytesBetweenLooks) return false;
+  mBytesOfWork = 0;
+  return true;
 }
 
 int EngineRuntime::interrupt(JSRuntime* /*runtime*/, void* runtime) {
   EngineRuntime& self = *static_cast<EngineRuntime*>(runtime);
-  if (!self.timeIsUp()) return 0;
+  if (!self.mMemoryRefused && !self.timeIsUp()) return 0;
+  self.mReserve = std::min(self.mReserve + kErrorReserve, kMostReserve);
   if (self.mRefusedStarving) self.mReprieve = kReprieveBlocks;
   self.mRefusedStarving = false;
   return 1;

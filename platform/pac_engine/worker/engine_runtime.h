@@ -42,8 +42,7 @@ class Value {
 class Text {
  public:
   /// Converts as the language's String() does, so an object's own toString may run.
-  Text(JSContext* context, JSValueConst value)
-      : mContext(context), mText(JS_ToCStringLen(context, &mLength, value)) {}
+  Text(JSContext* context, JSValueConst value);
   ~Text() {
     if (mText != nullptr) JS_FreeCString(mContext, mText);
   }
@@ -79,9 +78,14 @@ class EngineRuntime {
   /// Runs the jobs that promises have queued, in order, kMostJobs at most: enough for every sane
   /// script, and a chain of jobs without end costs a bounded share of each evaluation.
   void runJobs();
+  /// Counts bytes that are gone through outside the engine's loops.
+  void countWork(std::size_t bytes) { mBytesOfWork += bytes; }
+  /// True, and counted anew, where so many were counted that the clock should be looked at.
+  bool hasWorkedLong();
   /// True where the time limit was passed since begin(), whether or not the script noticed.
   bool timeIsUp();
-  /// True where an allocation was refused since begin().
+  /// True where the heap limit was passed since begin(). The script is then interrupted like one
+  /// whose time is up.
   [[nodiscard]] bool memoryWasRefused() const { return mMemoryRefused; }
   /// Bytes that cannot be freed. Collects garbage.
   std::size_t bytesInUse();
@@ -107,6 +111,8 @@ class EngineRuntime {
   static void release(JSMallocState* state, void* block);
   static void* reallocate(JSMallocState* state, void* block, std::size_t size);
   static int interrupt(JSRuntime* runtime, void* self);
+  /// Whether a block may be had, with `others` bytes handed out besides.
+  bool grants(std::size_t others, std::size_t size);
   /// True where a block is refused because the time limit was passed long ago.
   bool isStarved(std::size_t size);
 
@@ -114,11 +120,13 @@ class EngineRuntime {
   const ScriptLimits mLimits;
   std::size_t mBytes = 0;  ///< handed out to the engine, the allocator's overhead included
   bool mMemoryRefused = false;
+  std::size_t mReserve = 0;  ///< bytes past the heap limit, for small blocks alone
   bool mTimeIsUp = false;
   bool mStarving = false;         ///< blocks are refused, but for a reprieve
   bool mRefusedStarving = false;  ///< since the last reprieve
   int mReprieve = 0;              ///< blocks still granted
   std::size_t mBytesSinceLook = 0;
+  std::size_t mBytesOfWork = 0;
   std::chrono::steady_clock::time_point mDeadline;
   std::size_t mAlertBytesLeft = 0;
   std::unique_ptr<JSRuntime, RuntimeDeleter> mRuntime;

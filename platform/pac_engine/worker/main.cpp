@@ -1,8 +1,9 @@
 // proxymanager-pac-worker: runs one PAC script for the library that started it.
 //
-// It has one thread and two descriptors: its end of a socket pair, and the script in a sealed memory
-// file. The file is mapped and its descriptor closed; then the walls are raised; only then is the
-// first byte of the script read. From there on the program answers questions until its socket ends.
+// It has one thread and two descriptors: its end of a socket pair, and the script in a sealed
+// memory file. The file is mapped and its descriptor closed; then the walls are raised; only then
+// is the first byte of the script read. From there on the program answers questions until its
+// socket ends.
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>

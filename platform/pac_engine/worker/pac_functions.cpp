@@ -143,17 +143,23 @@ std::string myIpAddressEx(PacEnvironment& environment) {
   return joined(environment.ownAddresses(AddressFamily::kAny));
 }
 
+// One pass a family: a hostile list may be long, and this holds no more than its length.
 std::optional<std::string> sortIpAddressList(std::string_view list) {
-  std::vector<std::string> entries;
-  while (!list.empty()) {
-    const std::size_t end = std::min(list.find(kSeparator), list.size());
-    if (end > 0) entries.emplace_back(list.substr(0, end));
-    list.remove_prefix(std::min(end + 1, list.size()));
+  std::string sorted;
+  for (const bool wantIpv6 : {true, false}) {
+    for (std::string_view rest = list; !rest.empty();) {
+      const std::string_view entry = rest.substr(0, rest.find(kSeparator));
+      rest.remove_prefix(std::min(entry.size() + 1, rest.size()));
+      if (entry.empty()) continue;
+      const bool ipv6 = isIpv6Literal(entry);
+      if (!ipv6 && !parseQuad(entry)) return std::nullopt;
+      if (ipv6 != wantIpv6) continue;
+      if (!sorted.empty()) sorted += kSeparator;
+      sorted += entry;
+    }
   }
-  if (entries.empty() || !std::all_of(entries.begin(), entries.end(), isAddressLiteral))
-    return std::nullopt;
-  std::stable_partition(entries.begin(), entries.end(), isIpv6Literal);
-  return joined(entries);
+  if (sorted.empty()) return std::nullopt;
+  return sorted;
 }
 
 }  // namespace pac_worker

@@ -13,12 +13,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <initializer_list>
 #include <memory>
+#include <vector>
 
 #if PROXYMANAGER_SECCOMP
 #include <seccomp.h>
@@ -34,7 +35,9 @@ using Failure = std::optional<std::string>;
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kNogroup = 65534;
 
-Failure failed(const std::string& what) { return what + ": " + std::strerror(errno); }
+Failure failed(const std::string& what) {
+  return what + ": " + std::strerror(errno);
+}
 
 struct Account {
   uid_t user = kNobody;
@@ -69,8 +72,8 @@ Failure becomeUnprivileged() {
   return {};
 }
 
-/// The bounding set goes while there still is the capability that it takes; who has not got that one
-/// gains nothing from the set either, since no program that is started gets new privileges.
+/// The bounding set goes while there still is the capability that it takes; who has not got that
+/// one gains nothing from the set either, since no program that is started gets new privileges.
 void dropBoundingSet() {
   for (unsigned long capability = 0; prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0;
        ++capability) {
@@ -87,23 +90,32 @@ Failure dropCapabilities() {
   return {};
 }
 
-Failure limitResource(decltype(RLIMIT_AS) resource, rlim_t limit, const char* name) {
-  const rlimit both{limit, limit};
-  if (setrlimit(resource, &both) != 0) return failed(name);
+struct Limit {
+  decltype(RLIMIT_AS) resource;
+  rlim_t value;
+  const char* name;
+};
+
+constexpr Limit kLimits[] = {
+    {RLIMIT_CORE, 0, "RLIMIT_CORE"},
+    {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"},
+    {RLIMIT_NPROC, 0, "RLIMIT_NPROC"},
+    {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
+#if !PROXYMANAGER_SANITIZED  // which map far more, and look at memory through pipes
+    {RLIMIT_AS, kAddressSpaceBytes, "RLIMIT_AS"},
+    {RLIMIT_NOFILE, 0, "RLIMIT_NOFILE"},
+#endif
+};
+
+Failure limitResource(const Limit& limit) {
+  const rlimit both{limit.value, limit.value};
+  if (setrlimit(limit.resource, &both) != 0) return failed(limit.name);
   return {};
 }
 
 Failure limitResources() {
-  for (const auto& [resource, limit, name] :
-       {std::tuple{RLIMIT_CORE, rlim_t{0}, "RLIMIT_CORE"},
-        std::tuple{RLIMIT_FSIZE, rlim_t{0}, "RLIMIT_FSIZE"},
-        std::tuple{RLIMIT_NPROC, rlim_t{0}, "RLIMIT_NPROC"},
-        std::tuple{RLIMIT_NOFILE, rlim_t{0}, "RLIMIT_NOFILE"},
-#if PROXYMANAGER_MEMORY_LIMIT
-        std::tuple{RLIMIT_AS, rlim_t{kAddressSpaceBytes}, "RLIMIT_AS"},
-#endif
-        std::tuple{RLIMIT_MEMLOCK, rlim_t{0}, "RLIMIT_MEMLOCK"}}) {
-    if (auto failure = limitResource(resource, limit, name)) return failure;
+  for (const auto& limit : kLimits) {
+    if (auto failure = limitResource(limit)) return failure;
   }
   return {};
 }
@@ -113,22 +125,21 @@ Failure raiseStack() {
   rlimit stack{};
   if (getrlimit(RLIMIT_STACK, &stack) != 0) return failed("RLIMIT_STACK");
   if (stack.rlim_max < kStackBytes) return {};
-  return limitResource(RLIMIT_STACK, kStackBytes, "RLIMIT_STACK");
+  return limitResource({RLIMIT_STACK, kStackBytes, "RLIMIT_STACK"});
 }
 
 #if PROXYMANAGER_SECCOMP
 
 using Filter = std::unique_ptr<void, decltype(&seccomp_release)>;
-using Arguments = std::initializer_list<scmp_arg_cmp>;
+using Arguments = std::vector<scmp_arg_cmp>;
 
 class AllowList {
  public:
   AllowList() : mFilter(seccomp_init(SCMP_ACT_KILL_PROCESS), &seccomp_release) {}
 
-  AllowList& allow(int call, Arguments arguments = {}) {
+  AllowList& allow(int call, const Arguments& arguments = {}) {
     note(mFilter ? seccomp_rule_add_array(mFilter.get(), SCMP_ACT_ALLOW, call,
-                                          static_cast<unsigned>(arguments.size()),
-                                          arguments.begin())
+                                          static_cast<unsigned>(arguments.size()), arguments.data())
                  : -ENOMEM);
     return *this;
   }
@@ -173,20 +184,27 @@ Failure allowOnlyWhatAnEngineNeeds(int socket) {
   constexpr std::uint64_t kInt = 0xFFFFFFFF;  // upper halves of int arguments mean nothing
   constexpr std::uint64_t kFutexCommand = kInt & ~std::uint64_t{FUTEX_PRIVATE_FLAG};
   AllowList list;
+  // recv and send, mmap2 and the 64-bit clock are what 32-bit machines have instead.
   list.allow(SCMP_SYS(recvfrom), {theSocket, noAddress})
       .allow(SCMP_SYS(sendto), {theSocket, noAddress})
-      .allow(SCMP_SYS(poll), {equals(1, 1)})
+      .allow(SCMP_SYS(recv), {theSocket})
+      .allow(SCMP_SYS(send), {theSocket})
       .first(SCMP_SYS(recvfrom))
       .first(SCMP_SYS(sendto));
   // Memory: never of a file, never to be run.
+  const Arguments plainMemory{masked(2, PROT_EXEC, 0), masked(3, MAP_ANONYMOUS, MAP_ANONYMOUS)};
   list.allow(SCMP_SYS(brk))
-      .allow(SCMP_SYS(mmap), {masked(2, PROT_EXEC, 0), masked(3, MAP_ANONYMOUS, MAP_ANONYMOUS)})
+      .allow(SCMP_SYS(mmap), plainMemory)
+      .allow(SCMP_SYS(mmap2), plainMemory)
       .allow(SCMP_SYS(mprotect), {masked(2, PROT_EXEC, 0)})
       .allow(SCMP_SYS(mremap))
       .allow(SCMP_SYS(munmap))
       .allow(SCMP_SYS(madvise));
   // The clock, where the kernel gives no page to read it from.
-  list.allow(SCMP_SYS(clock_gettime)).allow(SCMP_SYS(gettimeofday)).allow(SCMP_SYS(time));
+  list.allow(SCMP_SYS(clock_gettime))
+      .allow(SCMP_SYS(clock_gettime64))
+      .allow(SCMP_SYS(gettimeofday))
+      .allow(SCMP_SYS(time));
   // What the C++ runtime does around a thrown exception: pthread_once wakes who may wait for it.
   list.allow(SCMP_SYS(futex), {masked(1, kFutexCommand, FUTEX_WAKE)});
   list.allow(SCMP_SYS(restart_syscall)).allow(SCMP_SYS(exit_group));
@@ -195,7 +213,9 @@ Failure allowOnlyWhatAnEngineNeeds(int socket) {
 
 #else
 
-Failure allowOnlyWhatAnEngineNeeds(int) { return {}; }
+Failure allowOnlyWhatAnEngineNeeds(int) {
+  return {};
+}
 
 #endif
 

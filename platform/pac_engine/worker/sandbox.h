@@ -17,7 +17,8 @@ namespace pac_worker {
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
 
-/// Reads the zone rules (TZ, else /etc/localtime), which are out of reach later. To be called first.
+/// Reads the zone rules (TZ, else /etc/localtime), which are out of reach later. To be called
+/// first.
 void loadZone();
 
 /// Raises all walls around this process, which has one thread. Afterwards it can read and write the

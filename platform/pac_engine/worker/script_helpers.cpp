@@ -16,6 +16,10 @@
 namespace pac_worker {
 namespace {
 
+// No date helper takes more arguments, and none a longer text; what is longer means nothing.
+constexpr std::size_t kMostRangeArguments = 8;
+constexpr std::size_t kLongestRangeText = 16;
+
 // Up to here shExpMatch's own matching, which cannot be interrupted, is sure to end in
 // milliseconds.
 constexpr std::size_t kNativeMatchSteps = 4U << 20U;
@@ -179,8 +183,9 @@ JSValue shExpMatchHelper(const Call& call) {
 // Numbers and strings mean something to the date helpers, the text of anything else never does.
 std::optional<std::vector<RangeArgument>> rangeArguments(const Call& call) {
   std::vector<RangeArgument> arguments;
-  arguments.reserve(call.arguments.size());
-  for (std::size_t i = 0; i < call.arguments.size(); ++i) {
+  const std::size_t count = std::min(call.arguments.size(), kMostRangeArguments);
+  arguments.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) {
     if (JS_IsNumber(call[i]) != 0) {
       double number = 0;
       JS_ToFloat64(call.context, &number, call[i]);
@@ -188,7 +193,8 @@ std::optional<std::vector<RangeArgument>> rangeArguments(const Call& call) {
     } else if (call.isText(i)) {
       const Text text = wanted(call, i);
       if (!text) return std::nullopt;
-      arguments.emplace_back(std::string(text.view()));
+      const bool known = text.view().size() <= kLongestRangeText;
+      arguments.emplace_back(std::string(known ? text.view() : ""));
     } else {
       arguments.emplace_back(std::string());
     }
@@ -220,9 +226,13 @@ JSValue alertHelper(const Call& call) {
   return JS_UNDEFINED;
 }
 
-// Lookups wait outside the engine, where it polls no clock: the time limit is looked at after each.
-JSValue endedInTime(JSContext* context, JSValue result) {
-  if (!EngineRuntime::of(context).timeIsUp()) return result;
+// Lookups wait and long texts take their time outside the engine, where it polls no clock.
+template <bool kWaits>
+JSValue endedInTime(const Call& call, JSValue result) {
+  JSContext* const context = call.context;
+  EngineRuntime& runtime = EngineRuntime::of(context);
+  if (!kWaits && !runtime.hasWorkedLong()) return result;
+  if (!runtime.timeIsUp()) return result;
   JS_FreeValue(context, result);
   JS_ThrowInternalError(context, "interrupted");
   const JSValue error = JS_GetException(context);
@@ -232,9 +242,9 @@ JSValue endedInTime(JSContext* context, JSValue result) {
 
 template <JSValue (*kHelper)(const Call&), bool kWaits>
 JSValue entry(JSContext* context, JSValueConst /*self*/, int count, JSValueConst* arguments) {
+  const Call call{context, {arguments, static_cast<std::size_t>(count)}};
   try {
-    const JSValue result = kHelper({context, {arguments, static_cast<std::size_t>(count)}});
-    return kWaits ? endedInTime(context, result) : result;
+    return endedInTime<kWaits>(call, kHelper(call));
   } catch (const std::bad_alloc&) {
     return JS_ThrowOutOfMemory(context);
   }

@@ -5,6 +5,7 @@
 #include <syslog.h>
 
 #include <chrono>
+#include <ostream>
 
 #include "platform/pac_engine/pac_engine.h"
 #include "platform/pac_engine/protocol.h"
@@ -37,6 +38,11 @@ struct Breach {
   const char* problem;
 };
 
+/// Names the test.
+std::ostream& operator<<(std::ostream& stream, const Breach& breach) {
+  return stream << breach.step;
+}
+
 class Breaches : public ::testing::TestWithParam<Breach> {};
 
 TEST_P(Breaches, CostTheQuestionAndNothingElse) {
@@ -52,17 +58,17 @@ TEST_P(Breaches, CostTheQuestionAndNothingElse) {
   EXPECT_NE(one->workerPid(), pid);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Worker, Breaches,
-    ::testing::Values(Breach{"exit", "ended without an answer"},
-                      Breach{"hang", "did not answer in time"},
-                      Breach{"garbage", "sent what is no message"},
-                      Breach{"too_long", "sent what is no message"},
-                      Breach{"early_ready", "answered what was not asked"},
-                      Breach{"wrong_serial", "answered what was not asked"},
-                      Breach{"alert_flood", "asks without end"},
-                      Breach{"questions_without_reading", "does not read its answers"}),
-    [](const auto& test) { return test.param.step; });
+INSTANTIATE_TEST_SUITE_P(Worker, Breaches,
+                         ::testing::Values(Breach{"exit", "ended without an answer"},
+                                           Breach{"hang", "did not answer in time"},
+                                           Breach{"garbage", "sent what is no message"},
+                                           Breach{"too_long", "sent what is no message"},
+                                           Breach{"early_ready", "answered what was not asked"},
+                                           Breach{"wrong_serial", "answered what was not asked"},
+                                           Breach{"alert_flood", "asks without end"},
+                                           Breach{"questions_without_reading",
+                                                  "does not read its answers"}),
+                         [](const auto& test) { return test.param.step; });
 
 TEST(Worker, ThatBreaksTheRulesWhileLoadingIsRefused) {
   for (const char* step : {"garbage", "wrong_serial", "exit", "hang"}) {

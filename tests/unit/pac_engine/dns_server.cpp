@@ -89,7 +89,9 @@ DnsServer::~DnsServer() {
   close(mSocket);
 }
 
-std::string DnsServer::address() const { return mHost + ":" + std::to_string(mPort); }
+std::string DnsServer::address() const {
+  return mHost + ":" + std::to_string(mPort);
+}
 
 int DnsServer::questions(const std::string& name) const {
   const std::lock_guard lock(mMutex);

@@ -12,10 +12,10 @@
 #include <vector>
 
 struct DnsName {
-  std::vector<std::string> addresses;   ///< of both families; empty: the name does not exist
-  std::uint32_t lifetime = 60;          ///< seconds
-  std::chrono::milliseconds delay{0};   ///< before an answer; questions meanwhile wait their turn
-  bool silent = false;                  ///< never answers
+  std::vector<std::string> addresses;  ///< of both families; empty: the name does not exist
+  std::uint32_t lifetime = 60;         ///< seconds
+  std::chrono::milliseconds delay{0};  ///< before an answer; questions meanwhile wait their turn
+  bool silent = false;                 ///< never answers
 };
 
 class DnsServer {

@@ -145,8 +145,9 @@ TEST(Engine, LogsAlertsUpTo2KiBInOneEvaluation) {
   EXPECT_TRUE(logged(LOG_DEBUG, "pac_engine: alert: more")) << "the next evaluation has its own";
 }
 
-TEST(Engine, BearsAFloodOfEmptyAlerts) {
-  const auto engine = load(script("for (var i = 0; i < 100000; ++i) alert(''); return 'A';"));
+TEST(Engine, BearsAFloodOfAlerts) {
+  clearLog();
+  const auto engine = load(script("for (var i = 0; i < 100000; ++i) alert('x'); return 'A';"));
   EXPECT_EQ(engine->evaluate("http://h/", "h").result, "A");
   EXPECT_EQ(logLines().size(), 2048U);
 }

@@ -11,7 +11,9 @@ using pac_worker::AddressFamily;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-LookupCache::Key key(const std::string& name) { return {name, AddressFamily::kIpv4}; }
+LookupCache::Key key(const std::string& name) {
+  return {name, AddressFamily::kIpv4};
+}
 
 const LookupCache::Clock::time_point kStart{seconds(1000)};
 const LookupCache::Addresses kAddresses{"10.0.0.1"};

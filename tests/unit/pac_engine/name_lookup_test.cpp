@@ -80,8 +80,8 @@ DnsName at(Texts addresses) {
 }
 
 TEST(NameLookup, GivesAddressesOfTheFamilyAskedFor) {
-  const DnsServer server({{"both.test", at({"10.0.0.1", "2001:db8::1"})},
-                          {"six.test", at({"2001:db8::6"})}});
+  const DnsServer server(
+      {{"both.test", at({"10.0.0.1", "2001:db8::1"})}, {"six.test", at({"2001:db8::6"})}});
   Names names(servedBy(server));
   EXPECT_EQ(names.ask("both.test").addresses, Texts{"10.0.0.1"});
   auto both = names.ask("both.test", kAny).addresses;

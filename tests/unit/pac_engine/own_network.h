@@ -32,7 +32,9 @@ inline void enterOwnNetwork() {
 }
 
 /// Runs a shell command that has to succeed.
-inline void command(const std::string& text) { ASSERT_EQ(std::system(text.c_str()), 0) << text; }
+inline void command(const std::string& text) {
+  ASSERT_EQ(std::system(text.c_str()), 0) << text;
+}
 
 /// Packets that `interface` has sent so far, -1 where there is none of that name.
 inline long sentPackets(const std::string& interface) {

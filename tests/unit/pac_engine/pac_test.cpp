@@ -56,7 +56,9 @@ struct Inbox {
   std::vector<void*> hostAddresses;
 };
 
-void countWake(void* context) { ++*static_cast<int*>(context); }
+void countWake(void* context) {
+  ++*static_cast<int*>(context);
+}
 
 TEST(Pac, AnswersAtOnce) {
   const auto engine = make(kEcho);
@@ -74,6 +76,7 @@ TEST(Pac, SaysThatThereIsNoAnswerAndLeavesNull) {
 }
 
 TEST(Pac, SaysWhyAScriptIsRefused) {
+  clearLog();
   EXPECT_EQ(make("\nthrow 'x'; function FindProxyForURL() {}"), nullptr);
   ASSERT_EQ(logLines().size(), 1U);
   EXPECT_EQ(logLines()[0].priority, LOG_ERR);
@@ -89,6 +92,7 @@ TEST(Pac, SaysWhyAScriptIsRefused) {
 }
 
 TEST(Pac, TakesNullEverywhere) {
+  clearLog();
   EXPECT_EQ(pac_init(nullptr, PAC_OPTION_ONLINE, nullptr, nullptr), nullptr);
   Inbox inbox;
   pac_find_proxy(nullptr, "http://h/", "h", &Inbox::take, &inbox);
@@ -151,6 +155,7 @@ TEST(Pac, GivesANullHostBackAsNull) {
 }
 
 TEST(Pac, QueuesTwoHundredAndFiftySixQuestions) {
+  clearLog();
   int woken = 0;
   const Handle engine(pac_init(kEcho, PAC_OPTION_ONLINE, &countWake, &woken));
   Inbox inbox;
@@ -199,9 +204,9 @@ TEST(Pac, DropsWhatIsQueuedWhenItIsFreed) {
 }
 
 TEST(Pac, ResolvesNothingWithTheOfflineOption) {
-  const auto engine = make(
-      "function FindProxyForURL() { return myIpAddress() + ' ' + dnsResolve('localhost'); }",
-      PAC_OPTION_OFFLINE);
+  const auto engine =
+      make("function FindProxyForURL() { return myIpAddress() + ' ' + dnsResolve('localhost'); }",
+           PAC_OPTION_OFFLINE);
   EXPECT_EQ(ask(engine, "http://h/", "h"), "127.0.0.1 null");
 }
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
 #include <random>
 #include <string>
 #include <variant>
@@ -30,8 +31,12 @@ Message fromWorker(const std::string& bytes) {
   return std::get<Message>(*message);
 }
 
-std::string encoded(const FromLibrary& message) { return encode(message); }
-std::string encoded(const FromWorker& message) { return encode(message); }
+std::string encoded(const FromLibrary& message) {
+  return encode(message);
+}
+std::string encoded(const FromWorker& message) {
+  return encode(message);
+}
 
 TEST(Protocol, CarriesTheStartWithAndWithoutAClock) {
   const auto plain = encoded(FromLibrary(Start{5000, std::nullopt}));
@@ -87,6 +92,11 @@ struct Limit {
   std::string (*make)(const std::string& text);
 };
 
+/// Names the test.
+std::ostream& operator<<(std::ostream& stream, const Limit& limit) {
+  return stream << limit.name;
+}
+
 class TextLimits : public ::testing::TestWithParam<Limit> {};
 
 TEST_P(TextLimits, AreTakenAtTheLimitAndNotPastIt) {
@@ -101,9 +111,13 @@ INSTANTIATE_TEST_SUITE_P(
     Protocol, TextLimits,
     ::testing::Values(
         Limit{"Url", kMaxUrlBytes,
-              [](const std::string& x) { return encoded(FromLibrary(Evaluate{1, x, ""})); }},
+              [](const std::string& x) {
+                return encoded(FromLibrary(Evaluate{1, x, ""}));
+              }},
         Limit{"Host", kMaxHostBytes,
-              [](const std::string& x) { return encoded(FromLibrary(Evaluate{1, "", x})); }},
+              [](const std::string& x) {
+                return encoded(FromLibrary(Evaluate{1, "", x}));
+              }},
         Limit{"Address", kMaxAddressBytes,
               [](const std::string& x) { return encoded(FromLibrary(Addresses{{x}})); }},
         Limit{"AddressCount", kMaxAddresses,
@@ -111,7 +125,9 @@ INSTANTIATE_TEST_SUITE_P(
                 return encoded(FromLibrary(Addresses{std::vector<std::string>(x.size(), "1")}));
               }},
         Limit{"Result", kMaxResultBytes,
-              [](const std::string& x) { return encoded(FromWorker(Answer{1, x})); }},
+              [](const std::string& x) {
+                return encoded(FromWorker(Answer{1, x}));
+              }},
         Limit{"Name", kMaxNameBytes,
               [](const std::string& x) {
                 return encoded(FromWorker(Resolve{AddressFamily::kIpv4, x}));
@@ -119,9 +135,13 @@ INSTANTIATE_TEST_SUITE_P(
         Limit{"Alert", kMaxAlertBytes,
               [](const std::string& x) { return encoded(FromWorker(Alert{x})); }},
         Limit{"Problem", kMaxProblemBytes,
-              [](const std::string& x) { return encoded(FromWorker(NoAnswer{1, 1, x})); }},
+              [](const std::string& x) {
+                return encoded(FromWorker(NoAnswer{1, 1, x}));
+              }},
         Limit{"Refusal", kMaxProblemBytes,
-              [](const std::string& x) { return encoded(FromWorker(Refused{1, x})); }}),
+              [](const std::string& x) {
+                return encoded(FromWorker(Refused{1, x}));
+              }}),
     [](const auto& test) { return test.param.name; });
 
 std::vector<std::string> oneOfEachKind() {

@@ -48,11 +48,16 @@ TEST(RequestUrl, LowersSchemeAndHostAndNothingElse) {
 }
 
 TEST(RequestUrl, DropsOnlyTheDefaultPortOfTheScheme) {
-  expectRows({{"http://h:80/", "http://h/"},     {"https://h:443/", "https://h/"},
-              {"ws://h:80/", "ws://h/"},         {"wss://h:443/", "wss://h/"},
-              {"ftp://h:21/", "ftp://h/"},       {"http://h:443/", "http://h:443/"},
-              {"https://h:80/", "https://h:80/"}, {"ws://h:81/", "ws://h:81/"},
-              {"foo://h:80/", "foo://h:80/"},    {"https://[::1]:443/", "https://[::1]/"},
+  expectRows({{"http://h:80/", "http://h/"},
+              {"https://h:443/", "https://h/"},
+              {"ws://h:80/", "ws://h/"},
+              {"wss://h:443/", "wss://h/"},
+              {"ftp://h:21/", "ftp://h/"},
+              {"http://h:443/", "http://h:443/"},
+              {"https://h:80/", "https://h:80/"},
+              {"ws://h:81/", "ws://h:81/"},
+              {"foo://h:80/", "foo://h:80/"},
+              {"https://[::1]:443/", "https://[::1]/"},
               {"http://h:/", "http://h/"}});
 }
 

@@ -14,7 +14,9 @@ TEST(Visible, ShowsControlCharactersAndLeavesText) {
 }
 
 TEST(Visible, ShowsControlCharactersBeyondAscii) {
-  EXPECT_EQ(visible("a\xc2\x9b" "b"), "a\\x9bb");
+  EXPECT_EQ(visible("a\xc2\x9b"
+                    "b"),
+            "a\\x9bb");
   EXPECT_EQ(visible("\xc2\x80\xc2\x9f\xc2\xa0"), "\\x80\\x9f\xc2\xa0");
 }
 

@@ -1,5 +1,6 @@
-// An engine whose script step makes a system call, so that each wall around the worker is tried from
-// inside. It stands in the place of the JavaScript engine in a worker that is otherwise the real one.
+// An engine whose script step makes a system call, so that each wall around the worker is tried
+// from inside. It stands in the place of the JavaScript engine in a worker that is otherwise the
+// real one.
 //
 // The script's text says what happens at load; "ready" loads. The host of a question says what
 // happens at the question. "survived" comes back from whatever did not end the process.
@@ -34,7 +35,9 @@ void call(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 
   syscall(number, a, b, c, d, e, f);
 }
 
-long pointer(const void* address) { return reinterpret_cast<long>(address); }
+long pointer(const void* address) {
+  return reinterpret_cast<long>(address);
+}
 
 void sendRaw(std::string_view bytes) {
   send(pac_engine::kWorkerSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -46,41 +49,48 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
       {"socket", [] { call(SYS_socket, AF_INET, SOCK_STREAM); }},
       {"fork", [] { call(SYS_clone, SIGCHLD); }},
       {"vfork", [] { call(SYS_vfork); }},
-      {"exec", [] {
+      {"exec",
+       [] {
          const char* const none[] = {nullptr};
          call(SYS_execve, pointer("/bin/true"), pointer(none), pointer(none));
        }},
       {"ptrace", [] { call(SYS_ptrace, PTRACE_ATTACH, getppid()); }},
       {"kill_parent", [] { call(SYS_kill, getppid(), SIGKILL); }},
-      {"read", [] {
+      {"read",
+       [] {
          char byte = 0;
          call(SYS_read, pac_engine::kWorkerSocket, pointer(&byte), 1);
        }},
       {"write_stderr", [] { call(SYS_write, 2, pointer("x"), 1); }},
       {"send_elsewhere", [] { call(SYS_sendto, 2, pointer("x"), 1, MSG_NOSIGNAL); }},
-      {"executable_memory", [] {
-         call(SYS_mmap, 0, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1);
-       }},
+      {"executable_memory",
+       [] { call(SYS_mmap, 0, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1); }},
       {"mapped_file", [] { call(SYS_mmap, 0, 4096, PROT_READ, MAP_PRIVATE, 0); }},
       {"setuid", [] { call(SYS_setuid, 0); }},
       {"unshare", [] { call(SYS_unshare, 0); }},
       {"crash", [] { raise(SIGSEGV); }},
       {"null_write", [] { *static_cast<volatile int*>(nullptr) = 1; }},
       {"exit", [] { _exit(7); }},
-      {"hang", [] { for (volatile bool on = true; on;) {} }},
+      {"hang",
+       [] {
+         for (volatile bool on = true; on;) {
+         }
+       }},
       {"garbage", [] { sendRaw("\x7fgarbage"); }},
       {"too_long", [] { sendRaw(std::string(pac_engine::kMaxMessageBytes + 10, 'x')); }},
-      {"early_ready", [] {
-         sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Ready{})));
-       }},
-      {"wrong_serial", [] {
+      {"early_ready",
+       [] { sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Ready{}))); }},
+      {"wrong_serial",
+       [] {
          sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{9999, "PROXY x:1"})));
        }},
-      {"alert_flood", [] {
-         const auto alert = pac_engine::encode(pac_engine::FromWorker(pac_engine::Alert{"x"}));
+      {"alert_flood",
+       [] {
+         const auto alert = pac_engine::encode(pac_engine::FromWorker(pac_engine::Alert{""}));
          for (;;) send(pac_engine::kWorkerSocket, alert.data(), alert.size(), MSG_NOSIGNAL);
        }},
-      {"questions_without_reading", [] {
+      {"questions_without_reading",
+       [] {
          const auto question = pac_engine::encode(
              pac_engine::FromWorker(pac_engine::OwnAddresses{AddressFamily::kAny}));
          for (;;) send(pac_engine::kWorkerSocket, question.data(), question.size(), MSG_NOSIGNAL);
@@ -92,8 +102,8 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
 std::string run(std::string_view step) {
   if (step == "memory") {
     // The one wall that refuses instead of killing.
-    void* const block = mmap(nullptr, kTooMuchMemory, PROT_READ | PROT_WRITE,
-                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* const block =
+        mmap(nullptr, kTooMuchMemory, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return block == MAP_FAILED ? "refused" : "survived";
   }
   const auto found = steps().find(step);

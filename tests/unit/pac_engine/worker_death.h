@@ -44,7 +44,9 @@ inline long openDescriptors() {
 }
 
 /// Bytes that this process has from malloc.
-inline std::size_t heapBytes() { return mallinfo2().uordblks; }
+inline std::size_t heapBytes() {
+  return mallinfo2().uordblks;
+}
 
 /// Asks one question of its own; an answer must be the right one.
 /// @return whether there was an answer
