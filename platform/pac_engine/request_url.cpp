@@ -74,6 +74,23 @@ bool clean(CURLU* url) {
   return done && lowerHost(url) && dropDefaultPort(url, *scheme);
 }
 
+// RFC 3986, 3.1: a letter, then letters, digits, "+", "-" and ".".
+bool isScheme(const std::string& text) {
+  const auto allowed = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.';
+  };
+  return !text.empty() && text.front() >= 'a' && text.front() <= 'z' &&
+         std::all_of(text.begin(), text.end(), allowed);
+}
+
+// What cannot be taken apart may hold a password anywhere, so its scheme alone goes on.
+std::optional<std::string> schemeAlone(const std::string& url) {
+  std::string scheme = url.substr(0, url.find("://"));
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(), lower);
+  if (!isScheme(scheme)) return std::nullopt;
+  return scheme + ":///";
+}
+
 }  // namespace
 
 std::optional<std::string> cleanedUrl(std::string_view url) {
@@ -84,7 +101,7 @@ std::optional<std::string> cleanedUrl(std::string_view url) {
   if (!parsed ||
       curl_url_set(parsed.get(), CURLUPART_URL, given.c_str(), kParseFlags) != CURLUE_OK ||
       !clean(parsed.get())) {
-    return std::nullopt;
+    return schemeAlone(given);
   }
   auto cleaned = part(parsed.get(), CURLUPART_URL);
   if (cleaned && cleaned->size() > kMaxUrlBytes) return std::nullopt;

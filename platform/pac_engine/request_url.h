@@ -13,9 +13,10 @@ namespace pac_engine {
 /// - scheme and host in lower case, without the default port of http, https, ws, wss, ftp;
 /// - a text without "://" as it is.
 /// Parsed by curl's URL API, which also writes IPv4 addresses as dotted quads.
-/// @return nothing for a text with "://" that curl does not take for a URL (handing it over as it
-/// is
-///         might hand over a password), and for more than 8 KiB before or after cleaning
+/// Of a text with a scheme that curl does not take for a URL (no host, blanks, a port beyond 65535)
+/// only the scheme is handed over, as in "http:///": a password may stand anywhere in the rest.
+/// @return nothing for a text whose "://" follows no scheme, and for more than 8 KiB before or after
+///         cleaning
 std::optional<std::string> cleanedUrl(std::string_view url);
 
 }  // namespace pac_engine

@@ -78,8 +78,17 @@ def test_killed_it_starts_again(daemon, build, syslog):
     again.close()
 
 
+def thread_names(pid):
+    names = []
+    for task in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{task}/comm") as comm:
+            names.append(comm.read().strip())
+    return names
+
+
 def test_a_configured_idle_daemon_is_gone_within_a_second(daemon, client, sanitizer):
     client.update("manual", proxyurl="p:1")
+    wait_until(lambda: "pm-announce" not in thread_names(daemon.pid), "announcing has ended")
     begin = time.monotonic()
     assert daemon.stop() == 0
     if not sanitizer:
@@ -200,7 +209,7 @@ def test_an_idle_daemon_is_not_woken(daemon, client, sanitizer):
                 total += sum(int(line.split()[1]) for line in status if "ctxt_switches" in line)
         return total
 
-    time.sleep(3)  # the announcing thread's last pause
+    wait_until(lambda: "pm-announce" not in thread_names(daemon.pid), "announcing has ended")
     before = switches()
     time.sleep(10)
     assert switches() - before <= 2

@@ -75,13 +75,16 @@ TEST(RequestUrl, IsPassedAsItIsWithoutASchemeSeparator) {
               {"HTTP:/H/", "HTTP:/H/"}});
 }
 
-TEST(RequestUrl, IsNothingWhereCurlTakesItForNoUrl) {
-  expectRows({{"http://a b/", std::nullopt},
-              {"http://u:p@a b/", std::nullopt},
+TEST(RequestUrl, ShowsItsSchemeAloneWhereCurlTakesItForNoUrl) {
+  expectRows({{"http://a b/", "http:///"},
+              {"HTTPS://u:p@a b/secret", "https:///"},
+              {"http://", "http:///"},
+              {"http://:80/", "http:///"},
+              {"svn+ssh://u:p@/x", "svn+ssh:///"},
               {"a b://h/", std::nullopt},
               {"user:pass@h/?x=http://y", std::nullopt},
-              {"http://h:99999/", std::nullopt},
-              {"http://u@h@i/", std::nullopt},
+              {"http://h:99999/", "http:///"},
+              {"http://u@h@i/", "http:///"},
               {"://h", std::nullopt}});
 }
 
