@@ -52,6 +52,10 @@ bool Channel::sendWith(int flags, std::string_view message) {
   return sent >= 0 && static_cast<std::size_t>(sent) == message.size();
 }
 
+void Channel::hangUp() {
+  shutdown(mSocket.get(), SHUT_RDWR);
+}
+
 Receipt Channel::receive(std::optional<Deadline> deadline) {
   mLength = 0;
   if (deadline && !waitReadable(mSocket.get(), *deadline)) return Receipt::kTooLate;

@@ -39,6 +39,9 @@ class Channel {
   /// to a size that no decoder takes.
   std::string_view message() const { return {mBuffer.get(), mLength}; }
 
+  /// Ends the conversation: the other end finds the socket closed.
+  void hangUp();
+
   int fd() const { return mSocket.get(); }
 
  private:

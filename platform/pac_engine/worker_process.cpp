@@ -179,6 +179,8 @@ void WorkerProcess::follow() {
 std::string WorkerProcess::end() {
   if (!mProcess) return "ended";
   const UniqueFd process = std::move(mProcess);
+  // A service that may not signal other users' processes still ends a worker that listens.
+  mChannel.hangUp();
   // Fails where the process has ended by itself, which is as good.
   syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0U);
   pollfd entry{process.get(), POLLIN, 0};

@@ -5,18 +5,18 @@
 // script_engine.cpp see them.
 #pragma once
 
+#include <quickjs.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string_view>
 
-// The engine's header, which does not bear this tree's warnings.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wpragmas"
-#pragma GCC diagnostic ignored "-Wold-style-cast"
-#include <quickjs.h>
-#pragma GCC diagnostic pop
+// The engine's macros for constants are compound literals of C.
+#if defined(__clang__)
+#pragma clang diagnostic ignored "-Wc99-extensions"
+#endif
 
 #include "platform/pac_engine/worker/script_engine.h"
 

@@ -85,6 +85,14 @@ TEST(Worker, HasItsTextsMadeVisible) {
   EXPECT_TRUE(logged(LOG_DEBUG, "pac_engine: alert: tab\\x09here"));
 }
 
+TEST(Worker, ThatFloodsTheLogGetsItsShareOfItOnly) {
+  const auto one = readyEngine();
+  clearLog();
+  one->evaluate("http://h/", "alert_flood");
+  // An alert without text counts as one of the 2048 bytes.
+  EXPECT_EQ(countLog(LOG_DEBUG, "pac_engine: alert: "), static_cast<int>(kMaxAlertBytes));
+}
+
 TEST(Worker, MayAnswerWith64KiBButNotWithANul) {
   const auto one = readyEngine();
   const auto longest = one->evaluate("http://h/", "long").result;

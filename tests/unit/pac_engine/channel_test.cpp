@@ -65,6 +65,14 @@ TEST(Channel, SeesTheOtherEndClose) {
   EXPECT_FALSE(pair.other.send("x"));
 }
 
+TEST(Channel, EndsForBothWhenOneHangsUp) {
+  auto pair = makePair();
+  pair.one.hangUp();
+  EXPECT_EQ(pair.other.receive(), Receipt::kEnd);
+  EXPECT_FALSE(pair.other.send("x"));
+  EXPECT_FALSE(pair.one.send("x"));
+}
+
 TEST(Channel, DoesNotWaitForAReaderThatNeverReads) {
   auto pair = makePair();
   const std::string message(kMaxMessageBytes, 'x');

@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <syslog.h>
 
 #include <filesystem>
 #include <fstream>
 #include <thread>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/own_root.h"
 #include "tests/unit/pac_engine/dns_server.h"
 #include "tests/unit/pac_engine/own_network.h"
@@ -225,6 +227,14 @@ TEST(NameLookup, AsksNobodyForWhatIsNoName) {
   }
   EXPECT_EQ(asciiName(std::string(254, 'a')), std::string(254, 'a'));
   EXPECT_EQ(asciiName(std::string(255, 'a')), std::nullopt);
+}
+
+TEST(NameLookup, SaysWhyThereAreNoLookups) {
+  NameSource source;
+  source.nameServers = "no address";
+  Names names(source);
+  EXPECT_EQ(names.ask("a.test").addresses, Texts());
+  EXPECT_TRUE(logged(LOG_ERR, "pac_engine: no name lookups: Misformatted string"));
 }
 
 TEST(NameLookup, KnowsNoNameOffline) {

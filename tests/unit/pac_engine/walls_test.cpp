@@ -29,7 +29,7 @@ std::unique_ptr<Engine> load(const std::string& script, Problem& problem, bool w
   return Engine::load(script, options, problem);
 }
 
-class Walls : public ::testing::TestWithParam<const char*> {};
+class Walls : public ::testing::TestWithParam<std::string> {};
 
 TEST_P(Walls, EndTheWorkerAndNothingElse) {
   Problem problem;
