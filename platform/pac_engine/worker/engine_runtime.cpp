@@ -13,24 +13,20 @@ namespace {
 constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
 constexpr std::size_t kAlertBytes = 2048;  // logged in one evaluation
 constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
-// The engine survives it badly where a small block is refused, in the midst of making an error for
-// example. So past the heap limit small blocks are still granted, from a reserve that lasts until
-// the script meets the next interrupt, which ends it. That interrupt's own error has a reserve of
-// its own.
+// Where a small block is refused, the engine may recurse without end, making an error about the
+// error. So past the heap limit small blocks are still granted, from a reserve that lasts until the
+// script meets the next interrupt, which ends it. Every interrupt adds what its own error takes.
 constexpr std::size_t kSmallBlock = 4U << 10U;
 constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
 constexpr std::size_t kMostReserve = 16U << 20U;
 // The engine polls the clock every ten thousandth call or turn of a loop. Where each turn is long
 // work of a built-in function, that is minutes, so the heap looks at the clock too: once in so many
-// bytes, with each block counted as a little more. From a grace after the deadline on it refuses
-// everything; then the built-in functions fail at once and the next poll is near.
+// bytes, with each block counted as a little more. Well after the deadline it refuses all but small
+// blocks; then the built-in functions fail at once and the next poll is near.
 constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
 constexpr std::size_t kBlockCost = 1U << 10U;
 constexpr std::chrono::milliseconds kStarvationGrace{100};
-// The error of an interrupt must still come about. It is granted anew only after a refusal: else a
-// loop around functions that swallow interrupts (async ones) would be fed by them for ever.
-constexpr int kReprieveBlocks = 64;
 
 std::size_t weight(void* block) {
   return malloc_usable_size(block) + kBlockOverhead;
@@ -56,9 +52,10 @@ const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocate, release, real
 
 bool EngineRuntime::grants(std::size_t others, std::size_t size) {
   const auto fits = [&](std::size_t limit) { return others < limit && size <= limit - others; };
-  if (fits(mLimits.heapBytes)) return !isStarved(size);
+  if (isStarved(size) && size > kSmallBlock) return false;
+  if (fits(mLimits.heapBytes)) return true;
   mMemoryRefused = true;
-  return size <= kSmallBlock && fits(mLimits.heapBytes + mReserve) && !isStarved(size);
+  return size <= kSmallBlock && fits(mLimits.heapBytes + mReserve);
 }
 
 void* EngineRuntime::allocate(JSMallocState* state, std::size_t size) {
@@ -126,7 +123,6 @@ void EngineRuntime::begin() {
   mTimeIsUp = false;
   mAlertBytesLeft = kAlertBytes;
   mStarving = false;
-  mReprieve = 0;
   mDeadline = std::chrono::steady_clock::now() + mLimits.time;
 }
 
@@ -154,26 +150,16 @@ int EngineRuntime::interrupt(JSRuntime* /*runtime*/, void* runtime) {
   EngineRuntime& self = *static_cast<EngineRuntime*>(runtime);
   if (!self.mMemoryRefused && !self.timeIsUp()) return 0;
   self.mReserve = std::min(self.mReserve + kErrorReserve, kMostReserve);
-  if (self.mRefusedStarving) self.mReprieve = kReprieveBlocks;
-  self.mRefusedStarving = false;
   return 1;
 }
 
 bool EngineRuntime::isStarved(std::size_t size) {
   mBytesSinceLook += size + kBlockCost;
-  if (mBytesSinceLook >= kBytesBetweenLooks && !mStarving) {
+  if (mBytesSinceLook >= kBytesBetweenLooks) {
     mBytesSinceLook = 0;
     mStarving = std::chrono::steady_clock::now() >= mDeadline + kStarvationGrace;
-    mReprieve = 0;
-    mRefusedStarving = false;
   }
-  if (!mStarving) return false;
-  if (mReprieve > 0) {
-    --mReprieve;
-    return false;
-  }
-  mRefusedStarving = true;
-  return true;
+  return mStarving;
 }
 
 std::size_t EngineRuntime::bytesInUse() {

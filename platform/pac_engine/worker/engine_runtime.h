@@ -113,7 +113,7 @@ class EngineRuntime {
   static int interrupt(JSRuntime* runtime, void* self);
   /// Whether a block may be had, with `others` bytes handed out besides.
   bool grants(std::size_t others, std::size_t size);
-  /// True where a block is refused because the time limit was passed long ago.
+  /// True where the time limit was passed long ago, as seen from the heap.
   bool isStarved(std::size_t size);
 
   PacEnvironment& mEnvironment;
@@ -122,9 +122,7 @@ class EngineRuntime {
   bool mMemoryRefused = false;
   std::size_t mReserve = 0;  ///< bytes past the heap limit, for small blocks alone
   bool mTimeIsUp = false;
-  bool mStarving = false;         ///< blocks are refused, but for a reprieve
-  bool mRefusedStarving = false;  ///< since the last reprieve
-  int mReprieve = 0;              ///< blocks still granted
+  bool mStarving = false;
   std::size_t mBytesSinceLook = 0;
   std::size_t mBytesOfWork = 0;
   std::chrono::steady_clock::time_point mDeadline;

@@ -2,9 +2,11 @@
 // the worst it can do is to lose its own state. Where it has passed the heap limit and still holds
 // most of the heap, the next evaluation begins with a fresh runtime and the script loaded anew.
 //
-// What cannot be done from within is left to the wall outside, which kills the worker: nothing
+// What cannot be done from within is left to the wall outside, which kills the worker. Nothing
 // looks at the clock while one built-in function walks an object that only claims a giant length
-// (indexOf, includes, join or reverse of {length: 2 ** 50}).
+// (indexOf or join of {length: 2 ** 50}) or searches a giant string over and over; and an async
+// function or a promise's executor turns the interrupt into a rejection, so that a loop around one
+// goes on.
 #include "platform/pac_engine/worker/script_engine.h"
 
 #include <algorithm>

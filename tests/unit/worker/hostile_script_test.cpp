@@ -38,6 +38,8 @@ struct Attack {
   const char* prelude = "";
 };
 
+void PrintTo(const Attack& attack, std::ostream* out) { *out << attack.name; }
+
 std::string nameOf(const testing::TestParamInfo<Attack>& info) {
   return info.param.name;
 }
@@ -80,16 +82,13 @@ INSTANTIATE_TEST_SUITE_P(
         Attack{"endless_heavy_work", "for (;;) 'x'.repeat(3e5).split('')"},
         Attack{"endless_heavy_work_in_try",
                "for (;;) try { for (;;) 'x'.repeat(3e5).split('') } catch {}"},
-        Attack{"endless_helper_on_long_text", "for (;;) dnsDomainLevels(s)",
-               "var s = 'x'.repeat(30 << 20)"},
-        Attack{"endless_sorting_of_long_lists", "for (;;) sortIpAddressList(s)",
-               "var s = '10.0.0.1;'.repeat(1 << 18)"},
-        Attack{"endless_date_helper", "for (;;) dateRange(...many)",
-               "var many = Array(60000).fill('x'.repeat(20 << 20))"},
-        Attack{"endless_swallowing_async", "for (;;) (async () => { for (;;) ; })()"},
-        Attack{"endless_swallowing_async_in_try",
-               "for (;;) try { (async () => { for (;;) ; })() } catch {}"},
-        Attack{"endless_swallowing_executor", "for (;;) new Promise(() => { for (;;) ; })"}),
+        Attack{"endless_helper_on_long_text",
+               "const s = 'x'.repeat(30 << 20); for (;;) dnsDomainLevels(s)"},
+        Attack{"endless_sorting_of_long_lists",
+               "const s = '10.0.0.1;'.repeat(1 << 18); for (;;) sortIpAddressList(s)"},
+        Attack{
+            "endless_date_helper",
+            "const many = Array(60000).fill('x'.repeat(20 << 20)); for (;;) dateRange(...many)"}),
     nameOf);
 
 TEST_F(Hostile, EndlessLoopAtLoadIsRefused) {
