@@ -19,6 +19,10 @@ def pytest_addoption(parser):
     parser.addoption("--sanitizer", default="", help="address or thread where the build has one")
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "slow: left out under sanitizers")
+
+
 @pytest.fixture(scope="session")
 def build(request):
     return os.path.abspath(request.config.getoption("--build"))
