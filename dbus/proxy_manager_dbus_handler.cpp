@@ -13,7 +13,9 @@ constexpr const char* kPrefix = "ProxyManagerDbusHandler-";
 constexpr const char* kFailed = "org.freedesktop.DBus.Error.Failed";
 
 // What a handler without a service answers.
-std::vector<std::string> urlsWithoutService() { return {"off"}; }
+std::vector<std::string> urlsWithoutService() {
+  return {"off"};
+}
 
 com::zentu::ProxyConfigTexts configWithoutService() {
   com::zentu::ProxyConfigTexts texts;
@@ -23,11 +25,14 @@ com::zentu::ProxyConfigTexts configWithoutService() {
 
 constexpr std::int32_t kUpdatedNothing = -1;
 
-void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+void logCalled(const char* function) {
+  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
+}
 
 // Runs `operation`; where it throws, says so and answers `otherwise()`.
 template <typename Operation, typename Otherwise>
-auto guarded(const char* function, Operation operation, Otherwise otherwise) -> decltype(otherwise()) {
+auto guarded(const char* function, Operation operation, Otherwise otherwise)
+    -> decltype(otherwise()) {
   try {
     return operation();
   } catch (const std::exception& error) {
@@ -54,7 +59,9 @@ void ProxyManagerDbusHandler::detachService() {
   mService = nullptr;
 }
 
-bool ProxyManagerDbusHandler::checkServicestarted() { return true; }
+bool ProxyManagerDbusHandler::checkServicestarted() {
+  return true;
+}
 
 std::vector<std::string> ProxyManagerDbusHandler::getProxyurl(const std::string& requestUrl) {
   logCalled("getProxyurl");
@@ -71,8 +78,7 @@ com::zentu::ProxyConfigTexts ProxyManagerDbusHandler::getProxyconfig() {
   auto* service = mService;
   if (service == nullptr) return configWithoutService();
   return guarded(
-      "getProxyconfig",
-      [&] { return service->getProxyConfig(); }, configWithoutService);
+      "getProxyconfig", [&] { return service->getProxyConfig(); }, configWithoutService);
 }
 
 std::int32_t ProxyManagerDbusHandler::updateProxyconfig(
@@ -85,8 +91,8 @@ std::int32_t ProxyManagerDbusHandler::updateProxyconfig(
   return guarded(
       "updateProxyconfig",
       [&] {
-        const std::int32_t result = service->updateProxyConfig(mode, proxyurl, pacurl, enableauth,
-                                                               userName, password);
+        const std::int32_t result =
+            service->updateProxyConfig(mode, proxyurl, pacurl, enableauth, userName, password);
         notifyProxyConfigupdated(mode, proxyurl, userName, password);
         return result;
       },

@@ -40,8 +40,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
       PM_EXCLUDES(mServiceMutex);
   /// The service's configuration; "off" and five empty texts without a service.
   com::zentu::ProxyConfigTexts getProxyconfig() override PM_EXCLUDES(mServiceMutex);
-  /// The service's result, after notifyProxyConfigupdated with the values as given; -1 and no signal
-  /// without a service.
+  /// The service's result, after notifyProxyConfigupdated with the values as given; -1 and no
+  /// signal without a service.
   std::int32_t updateProxyconfig(const std::string& mode, const std::string& proxyurl,
                                  const std::string& pacurl, const bool& enableauth,
                                  const std::string& userName, const std::string& password) override

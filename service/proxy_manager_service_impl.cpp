@@ -19,9 +19,13 @@ constexpr int kFetchIntervalSeconds = 1800;
 constexpr time_t kAnnouncementPauseSeconds = 2;
 constexpr std::int32_t kServiceRuns = 1;
 
-void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+void logCalled(const char* function) {
+  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
+}
 
-std::string textOf(const char* text) { return text == nullptr ? std::string() : text; }
+std::string textOf(const char* text) {
+  return text == nullptr ? std::string() : text;
+}
 
 char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
@@ -40,8 +44,7 @@ std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
 }  // namespace
 
 ProxyManagerServiceImpl::ProxyManagerServiceImpl()
-    : mBusHelper(DBus::get_helper()),
-      mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
+    : mBusHelper(DBus::get_helper()), mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
   logCalled("ProxyManagerServiceImpl");
   mBusHelper->requestName(kBusName);
   const Lock lock(mConfigMutex);

@@ -54,8 +54,8 @@ class ProxyManagerServiceImpl : public SlService {
       PM_EXCLUDES(mConfigMutex);
 
   /// The mode's text, then what to use for `requestUrl`: in mode off an empty text, in mode manual
-  /// the proxy URL, in the PAC modes the entries of the script's answer. Waits for an evaluation, 5 s
-  /// at most. Bus thread.
+  /// the proxy URL, in the PAC modes the entries of the script's answer. Waits for an evaluation, 5
+  /// s at most. Bus thread.
   std::vector<std::string> getProxyUrl(const std::string& requestUrl);
 
   /// A new PAC file is in place. Fetcher thread.

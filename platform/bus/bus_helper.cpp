@@ -52,9 +52,13 @@ void BusHelper::requestName(const char* name) {
   }
 }
 
-void BusHelper::startDispatching() { mLoop->start(mConnection, endAsTheBusIsLost); }
+void BusHelper::startDispatching() {
+  mLoop->start(mConnection, endAsTheBusIsLost);
+}
 
-void BusHelper::stopDispatching() { mLoop->stop(); }
+void BusHelper::stopDispatching() {
+  mLoop->stop();
+}
 
 void BusHelper::run(std::function<void()> function) {
   if (!mLoop->runsElsewhere()) {

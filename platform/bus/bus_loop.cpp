@@ -96,10 +96,12 @@ void BusLoop::stop() {
 }
 
 bool BusLoop::post(std::function<void()> function) {
-  {
+  try {
     const Lock lock(mMutex);
     if (mPosted.size() >= mMaxPosted) return false;
     mPosted.push_back(std::move(function));
+  } catch (const std::exception&) {
+    return false;  // no memory; the caller's thread may bear no exception
   }
   kick();
   return true;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <syslog.h>
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,7 +25,9 @@ class Helper : public testing::Test {
   std::shared_ptr<DBus::BusHelper> mHelper = DBus::get_helper();
 };
 
-TEST_F(Helper, IsOneForTheProcess) { EXPECT_EQ(DBus::get_helper(), mHelper); }
+TEST_F(Helper, IsOneForTheProcess) {
+  EXPECT_EQ(DBus::get_helper(), mHelper);
+}
 
 TEST_F(Helper, RunsAtOnceWhereNothingIsDispatched) {
   std::thread::id where;
@@ -62,8 +63,7 @@ TEST_F(Helper, AFunctionThatThrowsIsSaidAndSwallowed) {
   mHelper->run([] { throw std::runtime_error("nothing today"); });
   mHelper->run([&] { after.set_value(); });
   after.get_future().wait();
-  EXPECT_TRUE(
-      logged(LOG_ERR, "bus: a function handed to the bus thread failed: nothing today"));
+  EXPECT_TRUE(logged(LOG_ERR, "bus: a function handed to the bus thread failed: nothing today"));
 }
 
 TEST_F(Helper, HoldsAsManyFunctionsAsItsBoundAndDropsTheNext) {
@@ -113,7 +113,9 @@ TEST_F(Helper, SendsWhatWaitsBeforeItEnds) {
   EXPECT_FALSE(mHelper->connection().has_name("com.zentu.test"));
 }
 
-TEST_F(Helper, TakesANameThatIsFree) { mHelper->requestName("com.zentu.test"); }
+TEST_F(Helper, TakesANameThatIsFree) {
+  mHelper->requestName("com.zentu.test");
+}
 
 TEST_F(Helper, ANameThatAnotherOwnsIsAnError) {
   // Owned by the bus itself.

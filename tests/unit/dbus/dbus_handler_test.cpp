@@ -1,5 +1,3 @@
-#include "dbus/proxy_manager_dbus_handler.h"
-
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -8,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "dbus/proxy_manager_dbus_handler.h"
 #include "dbus/valid_text.h"
 #include "fetcher/pac_fetcher.h"
 #include "pac/pac_parser.h"
@@ -30,7 +29,9 @@ ProxyManagerServiceImpl::ProxyManagerServiceImpl()
     : mBusHelper(DBus::get_helper()), mDbusHandler(nullptr, mBusHelper->connection(), "/other") {}
 ProxyManagerServiceImpl::~ProxyManagerServiceImpl() = default;
 void ProxyManagerServiceImpl::stop() {}
-std::int32_t ProxyManagerServiceImpl::start() { return 0; }
+std::int32_t ProxyManagerServiceImpl::start() {
+  return 0;
+}
 com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
   throw std::runtime_error("no configuration today");
 }
@@ -111,8 +112,7 @@ TEST_F(HandlerWithoutService, SaysItsEntryLines) {
 
 TEST_F(HandlerWithService, PassesTheServicesUrlsOnUnchanged) {
   onUrl = [](const std::string& url) { return std::vector<std::string>{"wpad", url, ""}; };
-  EXPECT_EQ(mHandler.getProxyurl("http://a/"),
-            (std::vector<std::string>{"wpad", "http://a/", ""}));
+  EXPECT_EQ(mHandler.getProxyurl("http://a/"), (std::vector<std::string>{"wpad", "http://a/", ""}));
   onUrl = [](const std::string&) { return std::vector<std::string>{}; };
   EXPECT_TRUE(mHandler.getProxyurl("http://a/").empty());
 }
@@ -149,7 +149,9 @@ TEST_F(HandlerWithService, DetachedItForgetsTheService) {
 TEST(ValidText, LeavesUtf8AloneAndMakesTheRestHarmless) {
   EXPECT_EQ(validText(""), "");
   EXPECT_EQ(validText("höst"), "höst");
-  EXPECT_EQ(validText("a\xff\xfe" "b"), "a??b");
+  EXPECT_EQ(validText("a\xff\xfe"
+                      "b"),
+            "a??b");
   EXPECT_EQ(validText("\xc3"), "?");
   EXPECT_EQ(validText("\xed\xa0\x80"), "???") << "a surrogate";
 }
