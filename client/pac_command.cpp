@@ -236,8 +236,7 @@ void addFurtherUrls(const CLI::App& command, std::vector<std::string>& urls) {
 }
 
 void addEval(CLI::App& pac, Action& action) {
-  auto* const command = pac.add_subcommand(
-      "eval", "Asks a PAC script for the proxies of URLs and shows its answers.");
+  auto* const command = pac.add_subcommand("eval", "Asks a PAC script for the proxies of URLs.");
   const auto arguments = std::make_shared<EvalArguments>();
   addFile(*command, arguments->file);
   // The parser would take "[...]" apart as a list wherever it takes many values, so the option has
@@ -262,8 +261,7 @@ void addEval(CLI::App& pac, Action& action) {
 }
 
 void addCheck(CLI::App& pac, Action& action) {
-  auto* const command =
-      pac.add_subcommand("check", "Loads a PAC script as the daemon would, and does no more.");
+  auto* const command = pac.add_subcommand("check", "Loads a PAC script, and does no more.");
   const auto arguments = std::make_shared<CheckArguments>();
   addFile(*command, arguments->file);
   addWorldOptions(*command, arguments->world);
@@ -279,8 +277,7 @@ void addCheck(CLI::App& pac, Action& action) {
 }  // namespace
 
 void addPacCommand(CLI::App& program, Action& action) {
-  auto* const pac =
-      program.add_subcommand("pac", "Tries PAC scripts out; needs neither the daemon nor a bus.");
+  auto* const pac = program.add_subcommand("pac", "Tries PAC scripts out, without daemon or bus.");
   pac->require_subcommand(1);
   pac->footer(kPacExamples);
   addEval(*pac, action);
