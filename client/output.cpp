@@ -26,11 +26,13 @@ void printBlock(std::string_view title, std::span<const Row> rows) {
     std::cout << std::string(kIndent, ' ') << std::left << std::setw(static_cast<int>(width))
               << row.name << "  " << pac_engine::visible(row.value) << '\n';
   }
+  finishOutput();
 }
 
 void printJson(const nlohmann::ordered_json& value) {
   using Json = nlohmann::ordered_json;
   std::cout << value.dump(kIndent, ' ', false, Json::error_handler_t::replace) << '\n';
+  finishOutput();
 }
 
 void finishOutput() {

@@ -1,5 +1,7 @@
 // What the commands print: results on standard output, for people or as JSON, and complaints on
-// standard error. No text from outside reaches a terminal with its control characters.
+// standard error. No text from outside reaches a terminal with its control characters. What is
+// printed is handed on at once, so that no alert of a script overtakes it; where that fails, each
+// function throws Failure (kOutput).
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -22,7 +24,7 @@ void printBlock(std::string_view title, std::span<const Row> rows);
 /// hold no others.
 void printJson(const nlohmann::ordered_json& value);
 
-/// Hands on what was printed. Throws Failure (kOutput) where any of it could not be written.
+/// Hands on what others have printed.
 void finishOutput();
 
 /// Says "proxymanagerctl: MESSAGE" on standard error.

@@ -164,8 +164,6 @@ void print(const Evaluated& evaluated) {
     if (evaluated.entries.empty()) rows.push_back({"entry", "(none)"});
   }
   printBlock(evaluated.url, rows);
-  // A line that the next URL's alert says must not overtake it.
-  finishOutput();
 }
 
 std::unique_ptr<pac_engine::Engine> loadScript(const std::string& file, pac_engine::Options options,

@@ -512,7 +512,7 @@ def test_alerts_are_the_only_lines_that_are_logged(ctl, syslog):
 
 def test_output_that_cannot_be_written_is_said(ctl):
     for arguments in (["eval", SAMPLE, "http://a/"], ["eval", "--json", SAMPLE, "http://a/"],
-                      ["check", "--json", SAMPLE], ["eval", "--help"]):
+                      ["check", "--json", SAMPLE], ["check", "--json", "-"], ["eval", "--help"]):
         with open("/dev/full", "wb") as full:
             result = ctl("pac", *arguments, stdout=full)
         assert (result.status, result.errors) == (
