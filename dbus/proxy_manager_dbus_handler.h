@@ -51,6 +51,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   // The library's own ends the process on a call without an interface and on foreign exceptions.
   bool handle_message(const DBus::Message& message) override;
   DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
+  void replyError(const DBus::CallMessage& call, const char* name, const char* text) noexcept;
 
   // Held during a call, so that detachService() waits for the one in flight.
   Mutex mServiceMutex;

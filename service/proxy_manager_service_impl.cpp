@@ -146,7 +146,7 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
   return 0;
 }
 
-// Unlocked: runs on the bus thread, which alone writes the configuration.
+// Unlocked: runs on the bus thread, as do the writers, but for stop(), which goes after the last call.
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl)
     PM_NO_THREAD_SAFETY_ANALYSIS {
   logLine(LOG_NOTICE, "%s%s proxy mode:%d, request url:%s", kPrefix, "getProxyUrl", mConfig->mode,
@@ -197,7 +197,10 @@ void ProxyManagerServiceImpl::startupEventThreadFunc() {
   pthread_name_np(gettid(), "pm-announce");
   logCalled("startupEventThreadFunc");
   while (!mStartupEventDone) {
-    mBusHelper->run([this] { mDbusHandler.ProxyMgrStateEvent(kServiceRuns); });
+    // The flag again on the bus thread, where the update that sets it runs: none follows its reply.
+    mBusHelper->run([this] {
+      if (!mStartupEventDone) mDbusHandler.ProxyMgrStateEvent(kServiceRuns);
+    });
     const timespec pause{kAnnouncementPauseSeconds, 0};
     nanosleep(&pause, nullptr);
   }

@@ -43,6 +43,9 @@ class BusLoop : public Dispatcher {
   /// no memory
   bool post(std::function<void()> function) PM_EXCLUDES(mMutex);
 
+  /// Calls `function`; what it throws becomes a LOG_ERR line.
+  static void runLogged(const std::function<void()>& function);
+
   /// Whether the loop's thread is another than the calling one and runs.
   bool runsElsewhere() const;
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <cstdlib>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -138,6 +139,55 @@ TEST_F(HandlerWithService, AnExceptionIsAnsweredAsWithoutAServiceAndSaidOnce) {
       1);
   EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-updateProxyconfig failed: no lock today"),
             1);
+}
+
+// Whole calls, as the bus brings them: dispatched on the bus thread, asked from a second connection.
+class HandlerOnTheBus : public HandlerWithService {
+ protected:
+  void SetUp() override { mHelper->startDispatching(); }
+  void TearDown() override { mHelper->stopDispatching(); }
+
+  DBus::Message ask(const char* member) {
+    DBus::CallMessage call(mHelper->connection().unique_name(), kPath, kInterface, member);
+    call.writer().append_string("http://a/");
+    return mClient.send_blocking(call, 20'000);
+  }
+
+  static constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
+  DBus::BusDispatcher mClientLoop;
+  DBus::Connection mClient = clientConnection();
+
+ private:
+  DBus::Connection clientConnection() {
+    DBus::Connection client(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
+    client.register_bus();
+    return client;
+  }
+};
+
+TEST_F(HandlerOnTheBus, RepliesWithAnEmptyArrayToAnEmptyList) {
+  onUrl = [](const std::string&) { return std::vector<std::string>{}; };
+  const DBus::Message reply = ask("getProxyurl");
+  DBus::MessageIter reader = reply.reader();
+  EXPECT_EQ(reader.type(), 'a');
+  EXPECT_EQ(reader.array_type(), 's');
+  EXPECT_TRUE(reader.recurse().at_end());
+}
+
+TEST_F(HandlerOnTheBus, MakesTextThatIsNotUtf8HarmlessBeforeItLeaves) {
+  onUrl = [](const std::string&) { return std::vector<std::string>{"wpad", "PROXY a\xff:1"}; };
+  const DBus::Message reply = ask("getProxyurl");
+  DBus::MessageIter texts = reply.reader().recurse();
+  EXPECT_STREQ((++texts).get_string(), "PROXY a?:1");
+}
+
+TEST_F(HandlerOnTheBus, AnythingElseThrownIsAnErrorReplyAndALine) {
+  onUrl = [](const std::string&) -> std::vector<std::string> { throw 7; };
+  EXPECT_THROW(ask("getProxyurl"), DBus::Error);
+  EXPECT_EQ(
+      countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: unknown exception"), 1);
+  onUrl = [](const std::string&) { return std::vector<std::string>{"off"}; };
+  EXPECT_NO_THROW(ask("getProxyurl"));
 }
 
 TEST_F(HandlerWithService, DetachedItForgetsTheService) {

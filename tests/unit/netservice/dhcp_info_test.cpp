@@ -106,7 +106,7 @@ TEST_F(Lease, IsReadThroughALink) {
   std::ofstream("/run/real") << "wpad=http://a/\n";
   fs::create_symlink("/run/real", kFile);
   EXPECT_EQ(getdhcpinfo(&mInfo), 0);
-  EXPECT_STREQ(wpadOf(mInfo), "http://a/");
+  EXPECT_STREQ(mInfo.option252, "http://a/");
 }
 
 TEST_F(Lease, IsUnreadableAsAFolder) {
