@@ -142,6 +142,15 @@ class Gateway:
         wait_until(lambda: open(said).read().count("read /run/dnsmasq.opts") > before,
                    "dnsmasq has read its options again")
 
+    def connect_device(self):
+        """The device has addresses and its name server without any DHCP client."""
+        network = self.network
+        ip("link", "set", "eth0", "up")
+        ip("addr", "add", network.address.rsplit(".", 1)[0] + ".2/24", "dev", "eth0")
+        ip("addr", "add", f"{network.address6[:-1]}2/64", "dev", "eth0", "nodad")
+        with open("/etc/resolv.conf", "w") as file:
+            file.write(f"nameserver {network.address}\noptions timeout:5 attempts:2\n")
+
     def stop_names(self):
         """The name server falls silent: its process stands still, its socket stays."""
         self._dnsmasq.send_signal(signal.SIGSTOP)
