@@ -155,6 +155,10 @@ class Gateway:
         """The name server falls silent: its process stands still, its socket stays."""
         self._dnsmasq.send_signal(signal.SIGSTOP)
 
+    def end_names(self):
+        """Nothing listens on the name server's port any more."""
+        end(self._dnsmasq)
+
     def resume_names(self):
         self._dnsmasq.send_signal(signal.SIGCONT)
 
