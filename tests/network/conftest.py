@@ -35,6 +35,10 @@ def pytest_addoption(parser):
     parser.addoption("--libexec", required=True, help="where the hooks look for their program")
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "slow: takes longer than a sanitizer run has patience for")
+
+
 def pytest_sessionstart(session):
     """Says why where the machine does not let these tests make their networks."""
     try:
