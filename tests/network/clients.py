@@ -108,6 +108,8 @@ class Dhcpcd:
         self._signal(signal.SIGUSR1)
 
     def release(self):
+        # The hooks run before it is done with the lease itself.
+        wait_for_text("/run/unshare.log", "adding route to")
         self._signal(signal.SIGALRM)
 
     def replug(self, plug):
