@@ -130,3 +130,14 @@ def test_a_planted_resolver_file_is_not_written_and_the_lease_is(hooks):
     assert f"netservice: {RESOLVER} not written: Too many levels of symbolic links" in done.stderr
     assert contents("/tmp/victim") == "victim"
     assert "domain='a.example'" in contents(LEASE)
+
+
+def test_the_program_says_how_it_is_called(hooks, request):
+    program = f"{request.config.getoption('--libexec')}/proxymanager-lease"
+    for words in ((), ("plain", "eth0"), ("end",), ("octal", "eth0", "", "", "")):
+        done = subprocess.run([program, *words], capture_output=True, text=True)
+        assert (done.returncode, done.stdout) == (64, ""), words
+        assert done.stderr.startswith("usage: proxymanager-lease "), words
+    assert not os.path.exists(LEASE)
+    done = subprocess.run([program, "--help"], capture_output=True, text=True)
+    assert done.returncode == 0 and done.stdout.startswith("usage: ")
