@@ -4,9 +4,10 @@
 // in every thread and let through to this one only while it sleeps, atomically, so that their
 // handlers run where nothing holds a lock and may log.
 
-#include <sys/select.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -82,7 +83,7 @@ sigset_t blockSignals() {
 /// Sleeps until a signal was handled or the time is over.
 void sleepLettingThrough(const sigset_t& open) {
   const timespec limit{kWatchdogFeedInterval.count(), 0};
-  pselect(0, nullptr, nullptr, nullptr, &limit, &open);
+  ppoll(nullptr, 0, &limit, &open);
 }
 
 void registerProcess() {
@@ -97,6 +98,8 @@ void registerProcess() {
 }  // namespace
 
 int main() {
+  // URLs are UTF-8: so that libcurl takes international names in them for what they are.
+  std::setlocale(LC_CTYPE, "C.UTF-8");
   openlog(kServiceName, kLogOptions, LOG_LOCAL0);
   if (create_varrunpid(kProcessName) != 0) {
     logLine(LOG_ERR, "%s%s Only one instance of proxymanager_service can run at a time", kNoClass,

@@ -14,11 +14,11 @@ STOP_LIMIT = 60.0
 class Daemon:
     def __init__(self, build, address=ADDRESS, environment=None, start=True, wrapper=()):
         self.path = os.path.join(build, "out", "sbin", "proxymanagerd")
+        sanitizers = {name: value for name, value in os.environ.items()
+                      if name.endswith("SAN_OPTIONS")}
         self.environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
-                            "DBUS_SYSTEM_BUS_ADDRESS": address, **(environment or {})}
-        for name, value in os.environ.items():
-            if name.endswith("SAN_OPTIONS"):
-                self.environment[name] = value
+                            "DBUS_SYSTEM_BUS_ADDRESS": address, **sanitizers,
+                            **(environment or {})}
         self.address = address
         self.wrapper = list(wrapper)
         self.process = None
