@@ -79,21 +79,17 @@ TEST_F(InPlace, TouchesNothingWhereTheTextIsTheSame) {
   close(watch);
 }
 
-// A single write is no atom to a reader, so a few reads may meet the copying itself. The gap
-// between two calls would show in one read of ten.
-TEST_F(InPlace, NeverShowsAReaderAnEmptyFileNorOldLinesBehindTheNew) {
+TEST_F(InPlace, NeverShowsAReaderAnEmptyFile) {
   const std::string longer = "first='a long value of a lease'\nlast='x'\n";
   const std::string shorter = "first='b'\n";
   put(kFile, longer);
   std::atomic<bool> done{false};
   int reads = 0;
   int empty = 0;
-  int mixed = 0;
   std::thread reader([&] {
     while (!done || reads == 0) {
       const std::string text = contents(kFile);
       if (text.empty()) ++empty;
-      if (text.starts_with(shorter) && text.find_last_not_of('\n') >= shorter.size()) ++mixed;
       ++reads;
     }
   });
@@ -101,7 +97,6 @@ TEST_F(InPlace, NeverShowsAReaderAnEmptyFileNorOldLinesBehindTheNew) {
   done = true;
   reader.join();
   EXPECT_EQ(empty, 0) << "of " << reads;
-  EXPECT_LE(mixed * 20, reads) << mixed;
 }
 
 TEST_F(InPlace, MendsAFileThatIsFarTooLong) {
