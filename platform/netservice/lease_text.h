@@ -1,0 +1,44 @@
+// What a DHCP client says of its lease, as the text of the two files that the daemon reads.
+//
+// The values come from whoever answers DHCP on the network. Nothing here trusts them: a URL keeps
+// its first line without control characters and no more bytes than one option holds, and is quoted
+// for shells; of names only those that can be names are kept.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace netservice {
+
+/// How a client hands a value over.
+enum class LeaseEncoding {
+  plain,    ///< the bytes as they came
+  escaped,  ///< backslash before a character or three octal digits, in all values
+  hex,      ///< two hexadecimal digits a byte, in the URL alone
+};
+
+/// A lease's values as a client gave them.
+struct LeaseValues {
+  std::string_view interface;
+  std::string_view wpad;    ///< option 252
+  std::string_view domain;  ///< option 15
+  std::string_view search;  ///< option 119, names between blanks; empty where there was none
+};
+
+/// The most bytes of one option: its length is one byte (RFC 2132, section 2).
+inline constexpr std::size_t kLongestOption = 255;
+/// The most bytes of the names of a search list, blanks included. A longer list is cut at a name.
+inline constexpr std::size_t kLongestSearchList = 1024;
+
+/// The lease file: `interface`, `domain` (its first name) and `wpad`, each 'in shell quotes' on a
+/// line of its own. Without values the quotes are empty.
+std::string leaseText(LeaseEncoding encoding, const LeaseValues& values);
+
+/// The resolver file: one line "search " and the names of the search list, or those of the domain
+/// where the list has none. Empty where neither has a name.
+std::string resolverText(LeaseEncoding encoding, const LeaseValues& values);
+
+/// Whether a lease file's text is that of the lease of `interface`.
+bool isLeaseOf(std::string_view text, std::string_view interface);
+
+}  // namespace netservice

@@ -1,0 +1,44 @@
+// Writing a small file that another program watches, in a place that may be everybody's.
+//
+// The daemon watches these files themselves, not their folders: a file put in the place of another
+// would be watched no more. So they are written where they stand.
+#pragma once
+
+#include <string>
+
+namespace netservice {
+
+/// A file opened to be written in place.
+class WatchedFile {
+ public:
+  WatchedFile() = default;
+  ~WatchedFile();
+  WatchedFile(const WatchedFile&) = delete;
+  WatchedFile& operator=(const WatchedFile&) = delete;
+
+  /// Opens the file, which is made where there is none, and reads what it holds. Never blocks,
+  /// never follows a link at the path's end, and judges what was opened, not what the path names.
+  /// @return 0, or an errno value: ELOOP for a link, EINVAL for what is no regular file, EPERM for
+  ///         another user's than root's and the process's, EMLINK for one with a second name, else
+  ///         that of open, fstat or read
+  int open(const char* path);
+
+  /// What the file held when it was opened, 64 KiB of it at most.
+  const std::string& text() const { return mText; }
+
+  /// Writes `text` in the file's place; touches nothing where that is what it holds. The new text
+  /// is written first and the file then cut to its length, so no reader finds it empty; meanwhile
+  /// blank lines cover what the old text has more.
+  /// @return 0, or the errno value of write or ftruncate
+  int replace(const std::string& text);
+
+ private:
+  int judge();
+  int readText();
+
+  int mFd = -1;
+  std::size_t mSize = 0;  // bytes, when it was opened
+  std::string mText;
+};
+
+}  // namespace netservice
