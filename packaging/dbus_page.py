@@ -6,9 +6,10 @@ usage: dbus_page.py XML --page            the manual page
        dbus_page.py XML --compare FILE... whether the documents say what the XML says
        dbus_page.py --self-test
 
-A comment in the XML describes what follows it. --compare takes the manual page word for word; of a
-Markdown document, every row of a table that begins with a member's name has to hold its arguments'
-names and signatures, in order and no others, and no member may lack its row or be invented.
+A comment in the XML describes what follows it. --compare takes the manual page word for word. In a
+Markdown document every heading and every row of a table that begins with a member's name has to
+hold its signatures in code quotes, in order and no others, each alone or behind its argument's
+name, or in one piece ("sss"); no member may lack its line or be invented.
 """
 
 import dataclasses
@@ -122,43 +123,52 @@ def table(interface):
     return "\n".join(lines) + "\n"
 
 
-def tables(document):
-    """The tables of a Markdown document, each a list of rows, each a list of cells."""
-    found, rows = [], []
-    for line in document.splitlines() + [""]:
+def lines_of_members(document):
+    """Table rows and headings: (name, what stands behind it, the table's number or None)."""
+    number, inside = 0, False
+    for line in document.splitlines():
         if line.lstrip().startswith("|"):
-            rows.append([cell.strip() for cell in line.strip().strip("|").split("|")])
-        elif rows:
-            found.append(rows)
-            rows = []
-    return found
+            number += not inside
+            inside = True
+            first, _, rest = line.strip().strip("|").partition("|")
+            yield first.strip("`* ").removesuffix("()"), rest, number
+            continue
+        inside = False
+        heading = re.match(r"#+ `?(\w+)(.*)", line)
+        if heading:
+            yield heading[1], heading[2], None
 
 
-def row_is_right(member, cells):
-    """Whether what stands in code quotes behind the name is the arguments, as far as it is one."""
-    quoted = re.findall(r"[`\"]([^`\"]+)[`\"]", " ".join(cells))
-    words = [word.strip() for text in quoted for word in re.split(r"[:\s,]+", text) if word.strip()]
-    wanted = [word for name, kind, _ in member.arguments for word in (name, kind)]
-    # Values and other code may stand in the row's description; it comes last.
-    rest = words[len(wanted):]
-    return words[: len(wanted)] == wanted and (wanted or not any(
-        re.fullmatch(r"[bisuxd]|a[bis]|\(\w+\)", word) for word in rest))
+def is_right(member, rest, alphabet):
+    """Whether the signatures in code quotes are the member's, and the names before them."""
+    found = [(match.start(), match[1]) for match in re.finditer(r"`([^`]+)`", rest)
+             if set(match[1]) <= alphabet]
+    wanted = [kind for _, kind, _ in member.arguments]
+    if "".join(kind for _, kind in found) != "".join(wanted):
+        return False
+    if len(found) != len(wanted):
+        return True
+    # "name `s`", "`name`: `s`" or the signature alone
+    before = [re.search(r"(\w+)[`:\s]*$", rest[:start]) for start, _ in found]
+    return all(word is None or word[1] == name
+               for word, (name, _, _) in zip(before, member.arguments))
 
 
 def markdown_faults(interface, document):
     members = {member.name: member for member in interface.members}
-    seen, faults = set(), []
-    for rows in tables(document):
-        names = [row[0].strip("`* ").removesuffix("()") for row in rows]
-        if not any(name in members for name in names):
-            continue
-        for name, row in zip(names[2:], rows[2:]):
-            if name not in members:
-                faults.append(f"there is no member {name}")
-            elif not row_is_right(members[name], row[1:]):
-                faults.append(f"the row of {name} is not: {members[name].arguments}")
-            seen.add(name)
-    return faults + [f"no row for {name}" for name in members if name not in seen]
+    alphabet = set("".join(kind for member in interface.members
+                           for _, kind, _ in member.arguments))
+    lines = list(lines_of_members(document))
+    own_tables = {table for name, _, table in lines if name in members and table}
+    head = {"", "method", "signal", "member"}
+    faults = [f"there is no member {name}" for name, _, table in lines
+              if table in own_tables and name not in members
+              and name.lower() not in head and set(name) - set("-: ")]
+    faults += [f"the line of {name} has not the arguments {members[name].arguments}"
+               for name, rest, _ in lines
+               if name in members and not is_right(members[name], rest, alphabet)]
+    seen = {name for name, _, _ in lines}
+    return faults + [f"no line for {name}" for name in members if name not in seen]
 
 
 def compare(interface, files):
@@ -192,6 +202,10 @@ def self_test():
     right = table(interface)
     assert markdown_faults(interface, right) == []
     assert "\\fBask\\fP(\\fIwhat\\fP: s) \\(-> (\\fIanswer\\fP: as)" in page(interface)
+    short = ("### ask(what `s`) → answer `as`\n"
+             "| signal | |\n|--|--|\n| `changed` | `i` |\n| `gone` | |")
+    assert markdown_faults(interface, short) == []
+    assert markdown_faults(interface, short.replace("what", "which"))
     for old, new in (("`what`", "`which`"), ("`as`", "`s`"), ("`to`: `i`", "none"),
                      ("| `gone` | none |", ""), ("`changed`", "`altered`"),
                      ("| `gone` | none |", "| `gone` | `why`: `s` |")):

@@ -31,7 +31,8 @@ def _output(*command):
 def _sources():
     """This machine's own sources of the suite, as lines of a sources.list."""
     targets = _output("apt-get", "indextargets", "--no-release-info", "--format",
-                      "$(REPO_URI) $(RELEASE) $(COMPONENT)", "Created-By: Packages", "Component: main")
+                      "$(REPO_URI) $(RELEASE) $(COMPONENT)", "Created-By: Packages",
+                      "Component: main")
     wanted = (SUITE, f"{SUITE}-updates", f"{SUITE}-security")
     lines = {f"deb {target}" for target in targets.splitlines() if target.split()[1] in wanted}
     assert lines, f"apt on this machine knows no source of {SUITE}: apt-get update"
@@ -163,7 +164,8 @@ class Machine:
         def number(option):
             return self.run("id", option, name).stdout
 
-        return Account(name, int(number("-u")), int(number("-g")), list(map(int, number("-G").split())))
+        groups = [int(group) for group in number("-G").split()]
+        return Account(name, int(number("-u")), int(number("-g")), groups)
 
     def enter(self, account):
         """Makes the calling process one of the system's, with the account's rights."""
