@@ -13,7 +13,9 @@ constexpr const char* kPrefix = "ProxyManagerDbusHandler-";
 constexpr const char* kFailed = "org.freedesktop.DBus.Error.Failed";
 
 // What a handler without a service answers.
-std::vector<std::string> urlsWithoutService() { return {"off"}; }
+std::vector<std::string> urlsWithoutService() {
+  return {"off"};
+}
 
 com::zentu::ProxyConfigTexts configWithoutService() {
   com::zentu::ProxyConfigTexts texts;
@@ -23,11 +25,14 @@ com::zentu::ProxyConfigTexts configWithoutService() {
 
 constexpr std::int32_t kUpdatedNothing = -1;
 
-void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+void logCalled(const char* function) {
+  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
+}
 
 // Runs `operation`; where it throws, says so and answers `otherwise()`.
 template <typename Operation, typename Otherwise>
-auto guarded(const char* function, Operation operation, Otherwise otherwise) -> decltype(otherwise()) {
+auto guarded(const char* function, Operation operation, Otherwise otherwise)
+    -> decltype(otherwise()) {
   try {
     return operation();
   } catch (const std::exception& error) {
@@ -54,39 +59,43 @@ void ProxyManagerDbusHandler::detachService() {
   mService = nullptr;
 }
 
-bool ProxyManagerDbusHandler::checkServicestarted() { return true; }
+bool ProxyManagerDbusHandler::checkServicestarted() {
+  return true;
+}
 
 std::vector<std::string> ProxyManagerDbusHandler::getProxyurl(const std::string& requestUrl) {
   logCalled("getProxyurl");
-  const Lock lock(mServiceMutex);
-  auto* service = mService;
-  if (service == nullptr) return urlsWithoutService();
   return guarded(
-      "getProxyurl", [&] { return service->getProxyUrl(requestUrl); }, urlsWithoutService);
+      "getProxyurl",
+      [&] {
+        const Lock lock(mServiceMutex);
+        return mService == nullptr ? urlsWithoutService() : mService->getProxyUrl(requestUrl);
+      },
+      urlsWithoutService);
 }
 
 com::zentu::ProxyConfigTexts ProxyManagerDbusHandler::getProxyconfig() {
   logCalled("getProxyconfig");
-  const Lock lock(mServiceMutex);
-  auto* service = mService;
-  if (service == nullptr) return configWithoutService();
   return guarded(
       "getProxyconfig",
-      [&] { return service->getProxyConfig(); }, configWithoutService);
+      [&] {
+        const Lock lock(mServiceMutex);
+        return mService == nullptr ? configWithoutService() : mService->getProxyConfig();
+      },
+      configWithoutService);
 }
 
 std::int32_t ProxyManagerDbusHandler::updateProxyconfig(
     const std::string& mode, const std::string& proxyurl, const std::string& pacurl,
     const bool& enableauth, const std::string& userName, const std::string& password) {
   logCalled("updateProxyconfig");
-  const Lock lock(mServiceMutex);
-  auto* service = mService;
-  if (service == nullptr) return kUpdatedNothing;
   return guarded(
       "updateProxyconfig",
       [&] {
-        const std::int32_t result = service->updateProxyConfig(mode, proxyurl, pacurl, enableauth,
-                                                               userName, password);
+        const Lock lock(mServiceMutex);
+        if (mService == nullptr) return kUpdatedNothing;
+        const std::int32_t result =
+            mService->updateProxyConfig(mode, proxyurl, pacurl, enableauth, userName, password);
         notifyProxyConfigupdated(mode, proxyurl, userName, password);
         return result;
       },
@@ -111,14 +120,24 @@ bool ProxyManagerDbusHandler::handle_message(const DBus::Message& message) {
     if (interface == nullptr) return false;  // libdbus answers: unknown method
     conn().send(interface->dispatch_method(call));
   } catch (const DBus::Error& error) {
-    // Raised by the library while a stub read its arguments; the message copies both texts.
-    conn().send(DBus::ErrorMessage(call, error.name(), error.message()));
+    // Raised by the library while a stub read its arguments.
+    replyError(call, error.name(), error.message());
   } catch (const std::exception& error) {
     logLine(LOG_ERR, "%s%s failed: %s", kPrefix, "handle_message", error.what());
-    conn().send(DBus::ErrorMessage(call, kFailed, "the call failed"));
+    replyError(call, kFailed, "the call failed");
   } catch (...) {
     logLine(LOG_ERR, "%s%s failed: %s", kPrefix, "handle_message", "unknown exception");
-    conn().send(DBus::ErrorMessage(call, kFailed, "the call failed"));
+    replyError(call, kFailed, "the call failed");
   }
   return true;
+}
+
+// The message copies both texts. Nothing may leave through the library's C code that called us.
+void ProxyManagerDbusHandler::replyError(const DBus::CallMessage& call, const char* name,
+                                         const char* text) noexcept {
+  try {
+    conn().send(DBus::ErrorMessage(call, name, text));
+  } catch (const std::exception& error) {
+    logLine(LOG_ERR, "%s%s failed: %s", kPrefix, "replyError", error.what());
+  }
 }

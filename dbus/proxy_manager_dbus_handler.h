@@ -40,8 +40,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
       PM_EXCLUDES(mServiceMutex);
   /// The service's configuration; "off" and five empty texts without a service.
   com::zentu::ProxyConfigTexts getProxyconfig() override PM_EXCLUDES(mServiceMutex);
-  /// The service's result, after notifyProxyConfigupdated with the values as given; -1 and no signal
-  /// without a service.
+  /// The service's result, after notifyProxyConfigupdated with the values as given; -1 and no
+  /// signal without a service.
   std::int32_t updateProxyconfig(const std::string& mode, const std::string& proxyurl,
                                  const std::string& pacurl, const bool& enableauth,
                                  const std::string& userName, const std::string& password) override
@@ -51,6 +51,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   // The library's own ends the process on a call without an interface and on foreign exceptions.
   bool handle_message(const DBus::Message& message) override;
   DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
+  void replyError(const DBus::CallMessage& call, const char* name, const char* text) noexcept;
 
   // Held during a call, so that detachService() waits for the one in flight.
   Mutex mServiceMutex;

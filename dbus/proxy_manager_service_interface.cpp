@@ -24,9 +24,9 @@ const IntrospectedArgument kGetProxyurlArguments[] = {
 const IntrospectedArgument kGetProxyconfigArguments[] = {{"proxyconfig", "(ssssss)", false},
                                                          {nullptr, nullptr, false}};
 const IntrospectedArgument kUpdateProxyconfigArguments[] = {
-    {"mode", "s", true},      {"proxyurl", "s", true},  {"pacurl", "s", true},
-    {"enableauth", "b", true}, {"userName", "s", true}, {"password", "s", true},
-    {"httpCode", "i", false}, {nullptr, nullptr, false}};
+    {"mode", "s", true},       {"proxyurl", "s", true},  {"pacurl", "s", true},
+    {"enableauth", "b", true}, {"userName", "s", true},  {"password", "s", true},
+    {"httpCode", "i", false},  {nullptr, nullptr, false}};
 const IntrospectedMethod kMethods[] = {{"checkServicestarted", kCheckServicestartedArguments},
                                        {"getProxyurl", kGetProxyurlArguments},
                                        {"getProxyconfig", kGetProxyconfigArguments},

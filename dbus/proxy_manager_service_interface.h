@@ -16,8 +16,8 @@ namespace com {
 namespace zentu {
 
 /// mode, proxy URL, PAC URL, "y" or "n", user name, password: "(ssssss)" on the bus.
-using ProxyConfigTexts = ::DBus::Struct<std::string, std::string, std::string, std::string,
-                                        std::string, std::string>;
+using ProxyConfigTexts =
+    ::DBus::Struct<std::string, std::string, std::string, std::string, std::string, std::string>;
 
 class ProxyManagerServiceInterface_adaptor : public ::DBus::InterfaceAdaptor {
  public:

@@ -11,11 +11,13 @@ namespace fetcher {
 namespace {
 
 struct Target {
-  int fd;
+  int fd = -1;
   std::size_t room;
 
-  Target(int file, std::size_t limit) : fd(file), room(limit) {}
-  ~Target() { close(fd); }
+  explicit Target(std::size_t limit) : room(limit) {}
+  ~Target() {
+    if (fd >= 0) close(fd);
+  }
   Target(const Target&) = delete;
   Target& operator=(const Target&) = delete;
 };
@@ -32,7 +34,7 @@ ssize_t writeTarget(void* cookie, const char* bytes, std::size_t length) {
     const ssize_t written = write(target.fd, bytes + done, length - done);
     if (written > 0) {
       done += static_cast<std::size_t>(written);
-    } else if (errno != EINTR) {
+    } else if (written == 0 || errno != EINTR) {
       return 0;
     }
   }
@@ -48,11 +50,11 @@ int closeTarget(void* cookie) {
 }  // namespace
 
 std::FILE* createBoundedFile(const char* path, std::size_t limit) {
+  auto target = std::make_unique<Target>(limit);
   // unlink, as remove() would take an empty folder too. Whether it fails shows in the next step.
   unlink(path);
-  const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) return nullptr;
-  auto target = std::make_unique<Target>(fd, limit);
+  target->fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (target->fd < 0) return nullptr;
   std::FILE* stream = fopencookie(target.get(), "wb", {nullptr, writeTarget, nullptr, closeTarget});
   if (stream == nullptr) return nullptr;
   target.release();  // the stream's from here on; closeTarget deletes it

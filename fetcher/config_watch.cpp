@@ -8,11 +8,13 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <iterator>
 #include <new>
 
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
 #include "platform/log/log_line.h"
+#include "platform/process/thread_name.h"
 
 using fetcher::kLogClass;
 
@@ -26,8 +28,8 @@ constexpr char kThreadFunction[] = "dhcpCfgWatchThreadFunc";
 
 }  // namespace
 
-// Thread "pac-cfg-watch".
 void PACFetcher::dhcpCfgWatchThreadFunc() {
+  pthread_name_np(gettid(), "pm-watch");
   logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
   const int fd = openInotify();
   if (fd < 0) return;
@@ -72,13 +74,14 @@ bool PACFetcher::addWatches(int fd) {
   bool any = false;
   for (const char* path : kWatchedPaths) {
     logLine(LOG_NOTICE, "%s%s inotify_add_watch, path:%s", kLogClass, kThreadFunction, path);
+    static_assert(std::size(kWatchedPaths) == kWatchedFiles);
     const int watch = inotify_add_watch(fd, path, kChanges);
     if (watch < 0) {
       logLine(LOG_ERR, "%s%s error setting up watch on path:%s", kLogClass, kThreadFunction, path);
       continue;
     }
     const Lock lock(mWatchMutex);
-    mWatchDescriptors.push_back(watch);
+    mWatchDescriptors.push_back(watch);  // into reserved room: nothing may be thrown here
     any = true;
   }
   return any;

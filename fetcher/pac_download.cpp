@@ -43,6 +43,7 @@ struct Release {
   }
 };
 using CurlHandle = std::unique_ptr<CURL, Release<curl_easy_cleanup>>;
+using Stream = std::unique_ptr<std::FILE, decltype([](std::FILE* file) { std::fclose(file); })>;
 using CurlUrl = std::unique_ptr<CURLU, Release<curl_url_cleanup>>;
 using CurlText = std::unique_ptr<char, Release<curl_free>>;
 
@@ -97,15 +98,15 @@ bool PACFetcher::fileDownload(const std::string& url, const std::string& targetF
             __func__, url.c_str(), targetFile.c_str());
     return false;
   }
-  std::FILE* const file = fetcher::createBoundedFile(targetFile.c_str(), kLargestScript);
+  Stream file(fetcher::createBoundedFile(targetFile.c_str(), kLargestScript));
   if (file == nullptr) {
     logLine(LOG_ERR, "%s%s failed to open file %s, url:%s", kLogClass, __func__, targetFile.c_str(),
             url.c_str());
     return false;
   }
-  setOptions(curl.get(), url, file);
+  setOptions(curl.get(), url, file.get());
   const bool success = transfer(curl.get(), url) == CURLE_OK;
-  std::fclose(file);
+  file.reset();
   curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &code);
   logLine(LOG_DEBUG, "%s%s result success:%s, code:%d", kLogClass, __func__,
           success ? "true" : "false", static_cast<int>(code));

@@ -1,11 +1,14 @@
 #include "fetcher/pac_fetcher.h"
 
+#include <unistd.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <exception>
 
 #include "fetcher/fetcher_log.h"
 #include "platform/log/log_line.h"
+#include "platform/process/thread_name.h"
 
 using fetcher::kLogClass;
 
@@ -22,6 +25,10 @@ void replaceText(char*& mine, const char* given) {
 PACFetcher::PACFetcher(ProxyManagerServiceImpl* service, const std::string& pacFileName,
                        int interval)
     : mService(service), mPacFileName(pacFileName), mInterval(interval) {
+  {
+    const Lock lock(mWatchMutex);
+    mWatchDescriptors.reserve(kWatchedFiles);
+  }
   logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
 }
 
@@ -91,8 +98,8 @@ void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
   }
 }
 
-// Thread "pac-fetcher".
 void PACFetcher::pacFetcherThreadFunc() {
+  pthread_name_np(gettid(), "pm-fetch");
   logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
   while (mRunning) {
     Lock lock(mMutex);

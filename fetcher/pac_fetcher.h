@@ -65,7 +65,8 @@ class PACFetcher {
   /// read.
   static bool isValidPacFile(const std::string& fileName);
 
-  /// Tries the candidates of the current configuration until one is installed.
+  /// Tries the candidates of the current configuration until one is installed. Where a folder at
+  /// the script's name held up the installing, an empty one is removed for the next walk.
   /// @return 0 when there was nothing to do, when a script was installed and when every candidate
   ///         failed; -1 in mode pacurl without a URL and in mode wpad without DHCP information
   int retrievePacFile() PM_REQUIRES(mMutex);
@@ -99,6 +100,8 @@ class PACFetcher {
   void requestRefetch();
   void removeWatches(bool wakeThread) PM_REQUIRES(mMutex);
 
+  static constexpr std::size_t kWatchedFiles = 2;
+
   ProxyManagerServiceImpl* const mService;
   ProxyConfigOwner mConfig PM_GUARDED_BY(mMutex);
   const std::string mPacFileName;
@@ -107,8 +110,8 @@ class PACFetcher {
   std::atomic<bool> mRunning{false};
   std::atomic<bool> mRefetch{false};
   std::atomic<bool> mWatchesRemoved{false};
-  std::shared_ptr<std::thread> mFetcherThread;       // "pac-fetcher"
-  std::shared_ptr<std::thread> mDhcpCfgWatchThread;  // "pac-cfg-watch"
+  std::shared_ptr<std::thread> mFetcherThread;       // "pm-fetch"
+  std::shared_ptr<std::thread> mDhcpCfgWatchThread;  // "pm-watch"
   std::condition_variable mCondition;                // with mMutex; wakes the fetcher thread
   Mutex mWatchMutex;                                 // leaf: taken after mMutex, or alone
   int mInotifyFd PM_GUARDED_BY(mWatchMutex) = -1;    // the watch thread makes and closes it

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "domain/url_host.h"
+#include "pac/held_settings.h"
 #include "pac/service_notice.h"
 #include "platform/log/log_line.h"
 #include "platform/process/thread_name.h"
@@ -16,9 +17,13 @@ constexpr const char* kPrefix = "PacParser-";
 constexpr std::chrono::milliseconds kPollPause{10};
 constexpr std::chrono::milliseconds kPollLimit{200};
 
-void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+void logCalled(const char* function) {
+  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
+}
 
-const char* textOrEmpty(const char* text) { return text == nullptr ? "" : text; }
+const char* textOrEmpty(const char* text) {
+  return text == nullptr ? "" : text;
+}
 
 }  // namespace
 
@@ -78,20 +83,27 @@ void PacParser::pacProcessThreadFunc() {
   pthread_name_np(gettid(), "pm-pac");
   logCalled("pacProcessThreadFunc");
   while (mRunning) {
-    Lock lock(mWaitMutex);
-    if (!mNotified && mRunning) {
-      const std::chrono::milliseconds wait = std::chrono::seconds(mWaitSeconds);
-      logLine(LOG_INFO, "%s%s wait:%d", kPrefix, "pacProcessThreadFunc",
-              static_cast<int>(wait.count()));
-      mCond.wait_until(lock.native(), std::chrono::system_clock::now() + wait);
-    }
-    if (mNotified) {
-      const auto answers = shareAnswers();  // no answer of an old script after a reload began
-      const Lock engineLock(mEngineMutex);
-      pac_run_callbacks(mPac.get());
-      mNotified = false;
-    }
+    waitForNotice();
+    if (mNotified) runQueued();
   }
+}
+
+void PacParser::waitForNotice() {
+  Lock lock(mWaitMutex);
+  if (mNotified || !mRunning) return;
+  const std::chrono::milliseconds wait = std::chrono::seconds(mWaitSeconds);
+  logLine(LOG_INFO, "%s%s wait:%d", kPrefix, "pacProcessThreadFunc",
+          static_cast<int>(wait.count()));
+  mCond.wait_until(lock.native(), std::chrono::system_clock::now() + wait);
+}
+
+// The gate comes before the locks, so that no answer of an old script follows the emptying.
+void PacParser::runQueued() {
+  const auto answers = shareAnswers();
+  const Lock waitLock(mWaitMutex);
+  const Lock engineLock(mEngineMutex);
+  pac_run_callbacks(mPac.get());
+  mNotified = false;
 }
 
 void PacParser::notify(void* parser) {
@@ -161,10 +173,7 @@ ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
   const HeapText host(getHost(requestUrl));
   const std::string key = textOrEmpty(host.get());
   if (findCached("getProxyASync", key, found)) return found;
-  {
-    const Lock lock(mCacheMutex);
-    mPendingHosts[key] = false;
-  }
+  notePending(key);
   {
     const Lock lock(mEngineMutex);
     pac_find_proxy(mPac.get(), requestUrl.c_str(), key.c_str(), proxyFound, this);
@@ -174,23 +183,28 @@ ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
     const Lock lock(mWaitMutex);
   }
   mCond.notify_one();
-  found = awaitAnswer(key);
+  return awaitAnswer(key);
+}
+
+// A question without an answer is never heard of again: its host goes when room is needed.
+void PacParser::notePending(const std::string& key) {
   const Lock lock(mCacheMutex);
-  mPendingHosts.erase(key);
-  return found;
+  if (mPendingHosts.size() >= kMaxPendingHosts && mPendingHosts.count(key) == 0) {
+    mPendingHosts.erase(mPendingHosts.begin());
+  }
+  mPendingHosts[key] = false;
 }
 
 ProxyUrlSettings PacParser::awaitAnswer(const std::string& key) {
   ProxyUrlSettings found;
   std::chrono::milliseconds waited{0};
-  while (mRunning) {
+  while (mRunning && waited < kPollLimit) {
     if (takeCached(key, found)) return found;
-    if (waited >= kPollLimit) {
-      logLine(LOG_ERR, "%s%s waiting too long time", kPrefix, "getProxyASync");
-      return found;
-    }
     std::this_thread::sleep_for(kPollPause);
     waited += kPollPause;
+  }
+  if (waited >= kPollLimit) {
+    logLine(LOG_ERR, "%s%s waiting too long time", kPrefix, "getProxyASync");
   }
   return found;
 }
@@ -205,11 +219,6 @@ bool PacParser::findCached(const char* function, const std::string& key, ProxyUr
 bool PacParser::takeCached(const std::string& key, ProxyUrlSettings& found) {
   const Lock lock(mCacheMutex);
   return mCache->get(key, found);
-}
-
-std::size_t PacParser::pendingHosts() {
-  const Lock lock(mCacheMutex);
-  return mPendingHosts.size();
 }
 
 void PacParser::proxyFound(char* result, void* parser, void* host) {
@@ -231,7 +240,10 @@ void PacParser::proxy_Found(const char* result, const char* host) {
   }
   logLine(LOG_NOTICE, "%s%s host:%s", kPrefix, "proxy_Found", host);
   const Lock lock(mCacheMutex);
-  mCache->set(host, proxys2ProxySettings(textOrEmpty(result)));
+  mPendingHosts.erase(host);
+  HeldSettings settings(proxys2ProxySettings(textOrEmpty(result)));
+  mCache->set(host, settings.get());
+  settings.release();  // the cache's now
 }
 
 void PacParser::clearProxyUrlCache() {

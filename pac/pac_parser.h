@@ -6,11 +6,11 @@
 // engine queued for asynchronous queries; it never evaluates by itself.
 //
 // Locks, in the order in which they may be nested: the wait mutex, the engine's, the cache's; every
-// other path holds one of them at a time. Outside of them stands the gate of the answers: lists that
-// getProxy hands out share their texts with the cache, so whoever copies them shares the gate
-// (shareAnswers), and a reload holds it alone from the emptying of the cache until the new engine is
-// in place; so neither does a text vanish while it is read, nor an answer of the old script enter
-// the emptied cache.
+// other path holds one of them at a time. Outside of them stands the gate of the answers: lists
+// that getProxy hands out share their texts with the cache, so whoever copies them shares the gate
+// (shareAnswers), and a reload holds it alone from the emptying of the cache until the new engine
+// is in place; so neither does a text vanish while it is read, nor an answer of the old script
+// enter the emptied cache.
 #pragma once
 
 #include <atomic>
@@ -33,61 +33,74 @@ class PacParser {
  public:
   /// Most hosts whose answers are kept.
   static constexpr int kCacheCapacity = 50;
+  /// Most hosts remembered as asked for asynchronously: as many as the engine's queue holds.
+  static constexpr std::size_t kMaxPendingHosts = 256;
   /// Length of a script's digest in bytes.
   static constexpr std::size_t kDigestLength = 16;
 
   /// @param service told when the script's content has changed; not owned, may be null
-  /// @param pacInitOption false: the engine is online; true: it is offline, where names do not resolve
+  /// @param pacInitOption false: the engine is online; true: it is offline, where names do not
+  /// resolve
   PacParser(ProxyManagerServiceImpl* service, bool pacInitOption);
   ~PacParser();
   PacParser(const PacParser&) = delete;
   PacParser& operator=(const PacParser&) = delete;
 
-  /// Starts the worker thread. @return true
+  /// Starts the worker thread. Throws std::system_error where there is none to be had. Not while
+  /// stop() runs. @return true
   bool start();
 
   /// Ends the worker thread, releases engine, script and cache. No query may be in flight, none may
   /// follow. @return true
   bool stop();
 
-  /// Reads the script and makes a new engine of it; waits 5 s at most for the script to load. A file
-  /// that cannot be read leaves the engine as it is; a script that is refused leaves none. @return 0
+  /// Reads the script and makes a new engine of it. A file that cannot be read leaves the engine as
+  /// it is; a script that is refused leaves none. One thread at a time; waits for those who share
+  /// the answers, for a query in the engine (5 s at most) and for the script to load (5 s at most).
+  /// @return 0
   int parsePacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// Reads the script, and empties the cache and tells the service where its digest has changed. Only
-  /// a regular file of root or of the process's user is read. @return 1 where it was read, else 0
+  /// Reads the script, and empties the cache and tells the service where its digest has changed.
+  /// Only a regular file of root or of the process's user is read. Thread and waits as
+  /// parsePacFile, but for the load. @return 1 where it was read, else 0
   int readPacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
   /// What to use for `requestUrl`, in the script's order; empty where there is no answer. The texts
-  /// are the cache's: they are to be copied while shareAnswers() is held. Any thread; waits for an
-  /// evaluation, 5 s at most.
+  /// are the cache's: they are to be copied while shareAnswers() is held, and before the next
+  /// query, which may evict or overwrite them. So queries, this one and the next, come from one
+  /// thread at a time. Waits for the evaluation, 5 s at most, and for one that runs or a reload
+  /// before it.
   ProxyUrlSettings getProxy(const std::string& requestUrl) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// As getProxy, but evaluated by the worker thread; waits 200 ms for the answer, which reaches the
-  /// cache even where it comes later.
+  /// As getProxy, but evaluated by the worker thread; waits 200 ms for the answer, which reaches
+  /// the cache even where it comes later.
   ProxyUrlSettings getProxyASync(const std::string& requestUrl)
       PM_EXCLUDES(mEngineMutex, mCacheMutex, mWaitMutex);
 
-  /// Holds off reloads while the texts of answers are copied.
+  /// Holds off reloads while the texts of answers are copied. Any thread; waits while a reload
+  /// empties the cache and loads its script, some 5 s at most. To be taken before any query.
   [[nodiscard]] std::shared_lock<std::shared_mutex> shareAnswers() {
     return std::shared_lock(mAnswerGate);
   }
 
-  /// The entries of a result text such as "PROXY a:1; DIRECT", unknown ones left out. Their texts are
-  /// the caller's, to be released with clearProxySettings.
+  /// The entries of a result text such as "PROXY a:1; DIRECT", unknown ones left out. Their texts
+  /// are the caller's, to be released with clearProxySettings.
   static ProxyUrlSettings proxys2ProxySettings(const std::string& proxys);
 
-  /// One entry: type 1 "DIRECT", 2 "PROXY ...", 3 "SOCKS ...", else 0 without a text. Its text is the
-  /// caller's, to be released with cleanupProxySetting.
+  /// One entry: type 1 "DIRECT", 2 "PROXY ...", 3 "SOCKS ...", else 0 without a text. Its text is
+  /// the caller's, to be released with cleanupProxySetting.
   static ProxyUrlSetting proxy2ProxySetting(std::string proxy);
 
-  /// Takes a result of the engine: parses and keeps it under the host, then frees `result`. The type
-  /// is pac_result's: `parser` is a PacParser, `host` a C string; null ones are borne.
+  /// Takes a result of the engine: parses and keeps it under the host, then frees `result`. The
+  /// type is pac_result's: `parser` is a PacParser, `host` a C string; null ones are borne.
   static void proxyFound(char* result, void* parser, void* host);
+  /// Keeps the parsed `result` under `host`; nothing where the host is null. Any thread.
   void proxy_Found(const char* result, const char* host) PM_EXCLUDES(mCacheMutex);
 
   /// The engine's wake-up callback; `parser` is a PacParser or null.
   static void notify(void* parser);
+  /// Marks that the engine has something queued and wakes the worker thread. Any thread; takes no
+  /// lock, as it is called inside the engine.
   void do_notify();
 
   /// MD5 (RFC 1321) of `length` bytes into the 16 bytes at `digest`.
@@ -104,10 +117,8 @@ class PacParser {
   /// Body of the worker thread.
   void pacProcessThreadFunc() PM_EXCLUDES(mWaitMutex, mEngineMutex);
 
-  /// Hosts of asynchronous queries in flight.
-  std::size_t pendingHosts() PM_EXCLUDES(mCacheMutex);
-
  private:
+  friend struct PacParserTestAccess;
   struct FreeEngine {
     void operator()(pac* engine) const { pac_free(engine); }
   };
@@ -123,6 +134,9 @@ class PacParser {
       PM_EXCLUDES(mCacheMutex);
   bool takeCached(const std::string& key, ProxyUrlSettings& found) PM_EXCLUDES(mCacheMutex);
   ProxyUrlSettings awaitAnswer(const std::string& key) PM_EXCLUDES(mCacheMutex);
+  void waitForNotice() PM_EXCLUDES(mWaitMutex);
+  void runQueued() PM_EXCLUDES(mWaitMutex, mEngineMutex);
+  void notePending(const std::string& key) PM_EXCLUDES(mCacheMutex);
   bool hasEngine() PM_EXCLUDES(mEngineMutex);
   bool hasCache() PM_EXCLUDES(mCacheMutex);
 
@@ -130,7 +144,7 @@ class PacParser {
   Engine mPac PM_GUARDED_BY(mEngineMutex);
   const bool mPacInitOption;
   HeapText mPacContent PM_GUARDED_BY(mEngineMutex);
-  HeapText mPacHash;  // of the reloading thread alone
+  HeapText mPacHash;  // under the gate, held alone
   std::map<std::string, bool> mPendingHosts PM_GUARDED_BY(mCacheMutex);
   RecursiveMutex mEngineMutex;
   RecursiveMutex mCacheMutex PM_ACQUIRED_AFTER(mEngineMutex);
@@ -140,6 +154,6 @@ class PacParser {
   std::atomic<bool> mNotified{false};
   std::shared_ptr<std::thread> mThread;
   std::condition_variable mCond;
-  const int mWaitSeconds = 120;
+  int mWaitSeconds = 120;
   std::unique_ptr<ProxyUrlCache> mCache PM_GUARDED_BY(mCacheMutex);
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "pac/held_settings.h"
 #include "pac/pac_parser.h"
 #include "platform/log/log_line.h"
 
@@ -16,30 +17,38 @@ char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
 
+// Its place is made before the entry has a text that could be lost.
+// @return the entry, null where the piece is none
+const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& piece) {
+  settings.emplace_back();
+  settings.back() = PacParser::proxy2ProxySetting(piece);
+  if (settings.back().type != kNone) return &settings.back();
+  settings.pop_back();
+  return nullptr;
+}
+
 }  // namespace
 
 ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
   logLine(LOG_NOTICE, "%s%s proxys:%s", kPrefix, "proxys2ProxySettings", proxys.c_str());
-  ProxyUrlSettings settings;
+  HeldSettings held;
+  auto& settings = held.get();
   std::size_t begin = 0;
   for (auto end = proxys.find(';'); end != std::string::npos; end = proxys.find(';', begin)) {
     const std::string piece = proxys.substr(begin, end - begin);
     begin = end + 1;
-    const ProxyUrlSetting setting = proxy2ProxySetting(piece);
-    if (setting.type == kNone) continue;
-    logLine(LOG_INFO, "%s%s proxyStr:%s  proxy type:%d, url:%s", kPrefix, "proxys2ProxySettings",
-            piece.c_str(), setting.type, setting.url);
-    settings.push_back(setting);
+    if (const auto* entry = append(settings, piece)) {
+      logLine(LOG_INFO, "%s%s proxyStr:%s  proxy type:%d, url:%s", kPrefix, "proxys2ProxySettings",
+              piece.c_str(), entry->type, entry->url);
+    }
   }
-  if (begin == proxys.size()) return settings;
+  if (begin == proxys.size()) return held.release();
   const std::string rest = proxys.substr(begin);
-  const ProxyUrlSetting setting = proxy2ProxySetting(rest);
-  if (setting.type != kNone) {
+  if (const auto* entry = append(settings, rest)) {
     logLine(LOG_INFO, "%s%s subString:%s proxy type:%d, url:%s", kPrefix, "proxys2ProxySettings",
-            rest.c_str(), setting.type, setting.url);
-    settings.push_back(setting);
+            rest.c_str(), entry->type, entry->url);
   }
-  return settings;
+  return held.release();
 }
 
 ProxyUrlSetting PacParser::proxy2ProxySetting(std::string proxy) {

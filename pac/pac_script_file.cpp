@@ -18,7 +18,9 @@ namespace {
 constexpr const char* kPrefix = "PacParser-";
 constexpr std::size_t kFirstBuffer = 8192;
 
-void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+void logCalled(const char* function) {
+  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
+}
 
 class File {
  public:
@@ -40,7 +42,8 @@ int openScript(const std::string& fileName) {
   const int fd = open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd < 0) return fd;
   struct stat status {};
-  const bool ours = fstat(fd, &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) &&
+  const bool ours = fstat(fd, &status) == 0 &&
+                    (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) &&
                     (status.st_uid == 0 || status.st_uid == geteuid());
   if (ours) return fd;
   close(fd);
@@ -49,7 +52,8 @@ int openScript(const std::string& fileName) {
 
 }  // namespace
 
-/// What was read so far. A C allocation, so that running out of memory is an answer, not an exception.
+/// What was read so far. A C allocation, so that running out of memory is an answer, not an
+/// exception.
 class PacParser::ReadBuffer {
  public:
   /// Reads `file` to its end. @return whether that succeeded; else a line has said why
@@ -107,7 +111,8 @@ int PacParser::parsePacFile(const std::string& fileName) {
   }
   const Lock lock(mEngineMutex);
   mPac.reset();  // before the new one is made: never two workers
-  mPac.reset(pac_init(mPacContent.get(), mPacInitOption ? PAC_OPTION_OFFLINE : PAC_OPTION_ONLINE, notify, this));
+  mPac.reset(pac_init(mPacContent.get(), mPacInitOption ? PAC_OPTION_OFFLINE : PAC_OPTION_ONLINE,
+                      notify, this));
   logLine(LOG_INFO, "%s%s pac init", kPrefix, "parsePacFile");
   if (mPac == nullptr) logLine(LOG_ERR, "%s%s pac init, mpac is null", kPrefix, "parsePacFile");
   return 0;
@@ -142,8 +147,8 @@ int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
   return read ? 1 : 0;
 }
 
-// The digest is a C string on purpose: one that holds a zero byte ends there, for the comparison and
-// for what is kept.
+// The digest is a C string on purpose: one that holds a zero byte ends there, for the comparison
+// and for what is kept.
 void PacParser::compareDigest(const ReadBuffer& content) {
   unsigned char digest[kDigestLength + 1] = {};
   if (!doMd5Hash(digest, content.data(), content.length())) return;

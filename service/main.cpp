@@ -1,8 +1,8 @@
 // proxymanagerd: start-up, the wait, and the end.
 //
-// The work happens on the service's threads; this one only sleeps. SIGTERM and SIGHUP are blocked in
-// every thread and let through to this one only while it sleeps, atomically, so that their handlers
-// run where nothing holds a lock and may log.
+// The work happens on the service's threads; this one only sleeps. SIGTERM and SIGHUP are blocked
+// in every thread and let through to this one only while it sleeps, atomically, so that their
+// handlers run where nothing holds a lock and may log.
 
 #include <sys/select.h>
 #include <unistd.h>
@@ -40,7 +40,9 @@ void receive_signal(int signo) {
   g_time_to_quit = 1;
 }
 
-void change_trace_level(int) { settrcvalues(kProcessName, nullptr); }
+void change_trace_level(int) {
+  settrcvalues(kProcessName, nullptr);
+}
 
 void initTrace() {
   logLine(LOG_NOTICE, "%s%s Set trace values at bootup for proxymanager_service", kNoClass,

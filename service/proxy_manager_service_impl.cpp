@@ -19,9 +19,13 @@ constexpr int kFetchIntervalSeconds = 1800;
 constexpr time_t kAnnouncementPauseSeconds = 2;
 constexpr std::int32_t kServiceRuns = 1;
 
-void logCalled(const char* function) { logLine(LOG_INFO, "%s%s called ", kPrefix, function); }
+void logCalled(const char* function) {
+  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
+}
 
-std::string textOf(const char* text) { return text == nullptr ? std::string() : text; }
+std::string textOf(const char* text) {
+  return text == nullptr ? std::string() : text;
+}
 
 char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
@@ -40,8 +44,7 @@ std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
 }  // namespace
 
 ProxyManagerServiceImpl::ProxyManagerServiceImpl()
-    : mBusHelper(DBus::get_helper()),
-      mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
+    : mBusHelper(DBus::get_helper()), mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
   logCalled("ProxyManagerServiceImpl");
   mBusHelper->requestName(kBusName);
   const Lock lock(mConfigMutex);
@@ -143,7 +146,7 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
   return 0;
 }
 
-// Unlocked: runs on the bus thread, which alone writes the configuration.
+// Unlocked: runs on the bus thread, as do the writers, but for stop(), which goes after the last call.
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl)
     PM_NO_THREAD_SAFETY_ANALYSIS {
   logLine(LOG_NOTICE, "%s%s proxy mode:%d, request url:%s", kPrefix, "getProxyUrl", mConfig->mode,
@@ -194,7 +197,10 @@ void ProxyManagerServiceImpl::startupEventThreadFunc() {
   pthread_name_np(gettid(), "pm-announce");
   logCalled("startupEventThreadFunc");
   while (!mStartupEventDone) {
-    mBusHelper->run([this] { mDbusHandler.ProxyMgrStateEvent(kServiceRuns); });
+    // The flag again on the bus thread, where the update that sets it runs: none follows its reply.
+    mBusHelper->run([this] {
+      if (!mStartupEventDone) mDbusHandler.ProxyMgrStateEvent(kServiceRuns);
+    });
     const timespec pause{kAnnouncementPauseSeconds, 0};
     nanosleep(&pause, nullptr);
   }

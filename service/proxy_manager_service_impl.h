@@ -5,8 +5,8 @@
 // until then an announcement goes out every two seconds. Every update tells clients to drop what
 // they cached, whether or not anything changed. Three threads come here: the bus thread (the
 // requests), the fetcher's (pacFileUpdated, and through the parser pacContentUpdated) and the
-// announcing one. mConfigMutex guards the configuration; getProxyUrl reads it without, on the same
-// thread that alone writes it.
+// announcing one. mConfigMutex guards the configuration; getProxyUrl reads it without, on the
+// thread that replaces it, and before stop() releases it.
 #pragma once
 
 #include <atomic>
@@ -38,7 +38,8 @@ class ProxyManagerServiceImpl : public SlService {
   /// dispatching. Waits for a download walk that runs. Requests that come meanwhile are answered as
   /// by a handler without a service. Main thread.
   void stop() override;
-  /// Starts fetcher, parser, dispatching and announcements. @return 0
+  /// Starts fetcher, parser, dispatching and announcements. Main thread. Throws std::system_error
+  /// where a thread cannot be had. @return 0
   std::int32_t start() override;
 
   /// The configuration in force, a text that is not set as "". Any thread.
@@ -54,8 +55,8 @@ class ProxyManagerServiceImpl : public SlService {
       PM_EXCLUDES(mConfigMutex);
 
   /// The mode's text, then what to use for `requestUrl`: in mode off an empty text, in mode manual
-  /// the proxy URL, in the PAC modes the entries of the script's answer. Waits for an evaluation, 5 s
-  /// at most. Bus thread.
+  /// the proxy URL, in the PAC modes the entries of the script's answer. Waits for an evaluation, 5
+  /// s at most. Bus thread.
   std::vector<std::string> getProxyUrl(const std::string& requestUrl);
 
   /// A new PAC file is in place. Fetcher thread.

@@ -1,9 +1,13 @@
 #include "platform/bus/bus_helper.h"
 
+#include <dbus/dbus-shared.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
-#include <cstring>
+#include <exception>
+#include <future>
+#include <thread>
 #include <utility>
 
 #include "platform/bus/bus_loop.h"
@@ -13,7 +17,8 @@ namespace DBus {
 
 namespace {
 
-// How long the bus may take to answer one of its own methods at start.
+// How long the bus may take to let the daemon in, and to answer one of its own methods.
+constexpr std::chrono::seconds kConnectLimit{10};
 constexpr int kBusAnswerMilliseconds = 5000;
 
 std::unique_ptr<BusLoop> makeLoop() {
@@ -21,6 +26,29 @@ std::unique_ptr<BusLoop> makeLoop() {
   auto loop = std::make_unique<BusLoop>(BusHelper::kMaxPosted);
   default_dispatcher = loop.get();  // SystemBus() crashes without one
   return loop;
+}
+
+using Connected = std::promise<std::unique_ptr<Connection>>;
+
+// The library's handshake has no time limit, so it is made on a thread that is given up on a silent
+// bus. What that thread may still touch is then never released: the process is about to end.
+std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
+  auto connected = std::make_shared<Connected>();
+  auto connection = connected->get_future();
+  std::thread connecting([connected] {
+    try {
+      connected->set_value(std::make_unique<Connection>(Connection::SystemBus()));
+    } catch (...) {
+      connected->set_exception(std::current_exception());
+    }
+  });
+  if (connection.wait_for(kConnectLimit) == std::future_status::ready) {
+    connecting.join();
+    return connection.get();
+  }
+  connecting.detach();
+  [[maybe_unused]] const auto* left = loop.release();
+  throw Error("org.freedesktop.DBus.Error.Timeout", "the message bus does not answer");
 }
 
 // No orderly end: nothing that is left to do needs the bus, and a worker ends with its socket.
@@ -31,34 +59,41 @@ std::unique_ptr<BusLoop> makeLoop() {
 
 }  // namespace
 
-BusHelper::BusHelper() : mLoop(makeLoop()), mConnection(Connection::SystemBus()) {
-  mConnection.exit_on_disconnect(false);  // the loop tells the operator first
+BusHelper::DispatcherReset::~DispatcherReset() { default_dispatcher = nullptr; }
+
+BusHelper::BusHelper() : mLoop(makeLoop()), mConnection(connectWithinLimit(mLoop)) {
+  mConnection->exit_on_disconnect(false);  // the loop tells the operator first
 }
 
-BusHelper::~BusHelper() {
-  stopDispatching();
-  default_dispatcher = nullptr;
-}
+BusHelper::~BusHelper() { stopDispatching(); }
 
 void BusHelper::requestName(const char* name) {
-  mConnection.request_name(name);
-  // The library queues for an owned name without a word, so the owner is asked for.
-  CallMessage question("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                       "GetNameOwner");
-  question.writer().append_string(name);
-  const Message answer = mConnection.send_blocking(question, kBusAnswerMilliseconds);
-  if (std::strcmp(answer.reader().get_string(), mConnection.unique_name()) != 0) {
+  // Not by the library's request_name: it hides that the call was only queued, and its connection's
+  // end waits up to 25 s for a release that the closing of the socket does at once.
+  CallMessage call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                   "RequestName");
+  MessageIter writer = call.writer();
+  writer.append_string(name);
+  writer.append_uint32(0);
+  const Message answer = mConnection->send_blocking(call, kBusAnswerMilliseconds);
+  const auto result = answer.reader().get_uint32();
+  if (result != DBUS_REQUEST_NAME_REPLY_PRIMARY_OWNER &&
+      result != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
     throw Error("org.freedesktop.DBus.Error.AddressInUse", "another process owns the bus name");
   }
 }
 
-void BusHelper::startDispatching() { mLoop->start(mConnection, endAsTheBusIsLost); }
+void BusHelper::startDispatching() {
+  mLoop->start(*mConnection, endAsTheBusIsLost);
+}
 
-void BusHelper::stopDispatching() { mLoop->stop(); }
+void BusHelper::stopDispatching() {
+  mLoop->stop();
+}
 
 void BusHelper::run(std::function<void()> function) {
   if (!mLoop->runsElsewhere()) {
-    function();
+    BusLoop::runLogged(function);
   } else if (!mLoop->post(std::move(function))) {
     logLine(LOG_ERR, "bus: %zu functions wait for the bus thread, one more dropped", kMaxPosted);
   }

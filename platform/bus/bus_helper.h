@@ -24,7 +24,8 @@ class BusHelper {
   /// seconds, are the steadiest sender: they need half an hour of a blocked bus thread to fill it.
   static constexpr std::size_t kMaxPosted = 1024;
 
-  /// Connects to the system bus. Throws DBus::Error where there is none.
+  /// Connects to the system bus; waits 10 s at most. Throws DBus::Error where there is none, or none
+  /// that answers.
   BusHelper();
   /// Ends dispatching.
   ~BusHelper();
@@ -32,10 +33,10 @@ class BusHelper {
   BusHelper& operator=(const BusHelper&) = delete;
 
   /// The connection; owned by the helper.
-  Connection& connection() { return mConnection; }
+  Connection& connection() { return *mConnection; }
 
-  /// Asks for a well-known name and makes sure that this connection owns it.
-  /// Throws DBus::Error where the bus denies the name or somebody else owns it.
+  /// Asks for a well-known name and makes sure that this connection owns it; waits 5 s at most.
+  /// Throws DBus::Error where the bus denies the name, somebody else owns it, or no answer comes.
   void requestName(const char* name);
 
   /// Starts the bus thread. Nothing where it runs.
@@ -52,8 +53,13 @@ class BusHelper {
   void run(std::function<void()> function);
 
  private:
+  struct DispatcherReset {
+    ~DispatcherReset();
+  };
+
+  DispatcherReset mReset;          // the library's global names the loop as long as that lives
   std::unique_ptr<BusLoop> mLoop;  // outlives the connection, whose watches it holds
-  Connection mConnection;
+  std::unique_ptr<Connection> mConnection;
 };
 
 /// The process-wide helper: made with the first call, shared by those that hold it, gone with the

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "platform/log/log_line.h"
+#include "platform/process/thread_name.h"
 
 namespace DBus {
 
@@ -96,10 +97,12 @@ void BusLoop::stop() {
 }
 
 bool BusLoop::post(std::function<void()> function) {
-  {
+  try {
     const Lock lock(mMutex);
     if (mPosted.size() >= mMaxPosted) return false;
     mPosted.push_back(std::move(function));
+  } catch (const std::exception&) {
+    return false;  // no memory; the caller's thread may bear no exception
   }
   kick();
   return true;
@@ -113,7 +116,14 @@ bool BusLoop::runsElsewhere() const {
 void BusLoop::enter() {
   // The starter may not have stored it yet when the first message arrives.
   mThreadId = std::this_thread::get_id();
-  if (run() == End::kLost && mLost) mLost();
+  pthread_name_np(gettid(), "pm-bus");
+  End end = End::kLost;
+  try {
+    end = run();
+  } catch (const std::exception& error) {
+    logLine(LOG_ERR, "bus: the loop failed: %s", error.what());  // no memory: as good as lost
+  }
+  if (end == End::kLost && mLost) mLost();
 }
 
 void BusLoop::leave() {
@@ -173,12 +183,16 @@ void BusLoop::runPosted() {
     const Lock lock(mMutex);
     posted.swap(mPosted);
   }
-  for (const auto& function : posted) {
-    try {
-      function();
-    } catch (const std::exception& error) {
-      logLine(LOG_ERR, "bus: a function handed to the bus thread failed: %s", error.what());
-    }
+  for (const auto& function : posted) runLogged(function);
+}
+
+void BusLoop::runLogged(const std::function<void()>& function) {
+  try {
+    function();
+  } catch (const std::exception& error) {
+    logLine(LOG_ERR, "bus: a function handed to the bus thread failed: %s", error.what());
+  } catch (...) {
+    logLine(LOG_ERR, "bus: a function handed to the bus thread failed: %s", "unknown exception");
   }
 }
 

@@ -2,9 +2,10 @@
 //
 // The bus library's stock loop loses an early request to leave, never notices a bus that died with
 // output pending, and hides a signal sent from elsewhere until its next wake-up. This one keeps its
-// own lists of watches and timeouts, polls each watch as an entry of its own, is woken by an eventfd
-// and ends when it is told to, however early, or when the connection is lost. It sleeps without a
-// time limit where the library has no timeout pending, so that an idle daemon is never woken.
+// own lists of watches and timeouts, polls each watch as an entry of its own, is woken by an
+// eventfd and ends when it is told to, however early, or when the connection is lost. It sleeps
+// without a time limit where the library has no timeout pending, so that an idle daemon is never
+// woken.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -38,8 +39,12 @@ class BusLoop : public Dispatcher {
   /// Ends and joins the thread, and drops what was posted.
   void stop();
 
-  /// Queues `function` for the thread. @return false where the queue is full
+  /// Queues `function` for the thread. @return false where the queue is full or there is
+  /// no memory
   bool post(std::function<void()> function) PM_EXCLUDES(mMutex);
+
+  /// Calls `function`; what it throws becomes a LOG_ERR line.
+  static void runLogged(const std::function<void()>& function);
 
   /// Whether the loop's thread is another than the calling one and runs.
   bool runsElsewhere() const;
@@ -77,9 +82,9 @@ class BusLoop : public Dispatcher {
   std::atomic<std::thread::id> mThreadId{};
 
   // Never held while a watch, a timeout or a posted function is handled.
-  mutable ::Mutex mMutex;  // not the bus library's Mutex
-  std::vector<LoopWatch*> mWatches PM_GUARDED_BY(mMutex);      // deleted by rem_watch
-  std::vector<LoopTimeout*> mTimeouts PM_GUARDED_BY(mMutex);   // deleted by rem_timeout
+  mutable ::Mutex mMutex;                                     // not the bus library's Mutex
+  std::vector<LoopWatch*> mWatches PM_GUARDED_BY(mMutex);     // deleted by rem_watch
+  std::vector<LoopTimeout*> mTimeouts PM_GUARDED_BY(mMutex);  // deleted by rem_timeout
   std::vector<std::function<void()>> mPosted PM_GUARDED_BY(mMutex);
 
   // The poll entries and, at the same index, their watches; the eventfd comes first, without one.

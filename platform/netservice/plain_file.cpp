@@ -56,8 +56,9 @@ int readAll(int fd, std::size_t limit, std::string& text) {
 
 int readPlainFile(const char* path, std::size_t limit, FileOwner owner, std::string& text) {
   text.clear();
+  const int links = owner == FileOwner::rootOrSelf ? O_NOFOLLOW : 0;
   // O_NONBLOCK: opening a fifo returns at once, with nobody at its other end.
-  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK));
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | links));
   if (file.get() < 0) return errno;
   const int trouble = judge(file.get(), limit, owner);
   return trouble != 0 ? trouble : readAll(file.get(), limit, text);

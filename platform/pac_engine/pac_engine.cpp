@@ -142,7 +142,8 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
     if (!served) return message;
     if (!*served) return fail("does not read its answers");
     // One that never stops asking is never late for the next message.
-    if (std::chrono::steady_clock::now() >= deadline + kKillGrace) return fail("asks without end");
+    if (std::chrono::steady_clock::now() >= deadline + kKillGrace)
+      return fail("did not answer in time");
   }
 }
 

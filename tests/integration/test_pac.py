@@ -2,7 +2,6 @@
 
 import os
 import threading
-import time
 
 import pytest
 from support.bus import Client, wait_until
@@ -244,8 +243,7 @@ def test_an_update_during_a_fetch_makes_exactly_one_further_fetch(client, web, s
 @pytest.mark.parametrize("path", ["/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"])
 @pytest.mark.parametrize("change", ["write", "touch", "chmod"])
 def test_a_change_of_a_watched_file_fetches_again(client, web, syslog, path, change):
-    syslog.wait(NOTICE, "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, "
-                        "path:/tmp/.resolv.conf.dnsmasq")
+    syslog.wait_match(INFO, r"PACFetcher-wait_for_changes fd:\d+, interval:1800")
     load(client, web, syslog, script("PROXY old:1"))
     web.routes["/x.pac"] = script("PROXY new:1")
     if change == "write":
@@ -262,11 +260,12 @@ def test_a_change_of_a_watched_file_fetches_again(client, web, syslog, path, cha
 
 
 def test_a_change_of_a_watched_file_in_mode_off_is_read_and_ignored(client, web, syslog):
+    waiting = r"PACFetcher-wait_for_changes fd:\d+, interval:1800"
+    syslog.wait_match(INFO, waiting)
     client.update("off")
     os.utime("/tmp/.resolv.conf.dnsmasq")
     syslog.wait_match(INFO, r"PACFetcher-dhcpCfgWatchThreadFunc read len:\d+")
-    client.check_started()
-    time.sleep(0.2)
+    syslog.wait_match(INFO, waiting, times=2)
     assert not [text for text in syslog.texts() if "refetch" in text]
 
 

@@ -1,5 +1,6 @@
 """The end of the daemon under load."""
 
+import itertools
 import threading
 
 import pytest
@@ -10,6 +11,10 @@ from support.syslog_socket import INFO
 from support.web import Held, script
 
 
+ANSWERS = (["pacurl"], ["pacurl", "PROXY p:1"], ["wpad"], ["wpad", "PROXY p:1"], ["manual", "p:1"],
+           ["off", ""], ["off"])
+
+
 def stop_under_load(build, web, times):
     """Stops `times` daemons that clients are asking; answers are a service's, or those of none."""
     web.routes["/x.pac"] = script("PROXY p:1")
@@ -18,23 +23,36 @@ def stop_under_load(build, web, times):
         daemon = Daemon(build)
         ready = threading.Barrier(5)
 
+        def update():
+            try:
+                with Client() as client:
+                    ready.wait(20)
+                    for mode in itertools.cycle(("pacurl", "manual", "wpad", "off")):
+                        result = client.update(mode, proxyurl="p:1", pacurl=web.url("/x.pac"))
+                        if result not in (0, -1):
+                            wrong.append(result)
+            except (BusError, TimeoutError):
+                pass  # the name is gone
+
         def ask():
             try:
                 with Client() as client:
-                    client.update("pacurl", pacurl=web.url("/x.pac"))
                     ready.wait(20)
                     while True:
                         urls = client.urls("http://a/")
-                        if urls not in (["pacurl"], ["pacurl", "PROXY p:1"], ["off"]):
+                        if urls not in ANSWERS:
                             wrong.append(urls)
                         config = client.config()
                         if config not in (("pacurl", "", web.url("/x.pac"), "n", "", ""),
+                                          ("manual", "p:1", "", "n", "", ""),
+                                          ("wpad", "", "", "n", "", ""),
+                                          ("off", "", "", "n", "", ""),
                                           ("off", "", "", "", "", "")):
                             wrong.append(config)
             except (BusError, TimeoutError):
                 pass  # the name is gone
 
-        clients = [threading.Thread(target=ask) for _ in range(4)]
+        clients = [threading.Thread(target=target) for target in (ask, update, ask, update)]
         for client in clients:
             client.start()
         ready.wait(20)

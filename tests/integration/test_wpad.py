@@ -61,13 +61,13 @@ def tried(syslog):
 
 def test_the_leases_url_is_tried_first_and_wins(client, syslog, port80):
     hosts("wpad.eng.example.com")
-    port80.routes["/proxy.pac"] = script("PROXY dhcp:1")
+    port80.routes["/proxy.pac"] = script("PROXY dhcp:1; DIRECT")
     port80.routes["/wpad.dat"] = script("PROXY dns:1")
     write(LEASE, "wpad=http://127.0.0.1/proxy.pac\n")
     write(RESOLVER, "search eng.example.com\n")
     client.update("wpad")
     loaded(syslog)
-    assert client.urls("http://a/") == ["wpad", "PROXY dhcp:1"]
+    assert client.urls("http://a/") == ["wpad", "PROXY dhcp:1", "DIRECT"]
     assert tried(syslog) == ["http://127.0.0.1/proxy.pac"]
     syslog.expect_in_order(
         (NOTICE, "PACFetcher-retrievePacFile proxy mode:3"),

@@ -52,6 +52,13 @@ PrivateBus::~PrivateBus() {
   std::filesystem::remove_all(mFolder);
 }
 
+void PrivateBus::pause() const {
+  ::kill(mPid, SIGSTOP);
+  waitpid(mPid, nullptr, WUNTRACED);
+}
+
+void PrivateBus::goOn() const { ::kill(mPid, SIGCONT); }
+
 void PrivateBus::kill() {
   if (mPid <= 0) return;
   ::kill(mPid, SIGKILL);

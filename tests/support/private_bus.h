@@ -14,6 +14,10 @@ class PrivateBus {
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
+  /// Stops the bus, so that it neither reads nor answers, and lets it go on.
+  void pause() const;
+  void goOn() const;
+
   /// Ends the bus at once.
   void kill();
 

@@ -26,6 +26,7 @@ class Syslog:
         self.raw = []
         self._lines = []
         self._said = threading.Condition()
+        self._drained = set()
         self._open()
 
     def _open(self):
@@ -41,6 +42,11 @@ class Syslog:
             datagram = self._socket.recv(1 << 20)
             if datagram == b"END":
                 return
+            if datagram.startswith(b"DRAINED "):
+                with self._said:
+                    self._drained.add(datagram)
+                    self._said.notify_all()
+                continue
             match = _LINE.fullmatch(datagram.rstrip(b"\0"))
             with self._said:
                 self.raw.append(datagram)
@@ -60,9 +66,23 @@ class Syslog:
                 pass
         self._socket.close()
 
+    def drain(self):
+        """Waits until everything that was said before this call has been read."""
+        mark = b"DRAINED " + os.urandom(8).hex().encode()
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.connect(self.path)
+            sender.send(mark)
+        with self._said:
+            assert self._said.wait_for(lambda: mark in self._drained, LIMIT), "the log stands still"
+
     def lines(self):
+        """What has been said until now."""
+        self.drain()
         with self._said:
             return list(self._lines)
+
+    def errors(self):
+        return [line for line in self.lines() if line.level == ERR]
 
     def texts(self):
         return [line.text for line in self.lines()]

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 #include <syslog.h>
-
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <stdexcept>
@@ -26,7 +26,9 @@ class Helper : public testing::Test {
   std::shared_ptr<DBus::BusHelper> mHelper = DBus::get_helper();
 };
 
-TEST_F(Helper, IsOneForTheProcess) { EXPECT_EQ(DBus::get_helper(), mHelper); }
+TEST_F(Helper, IsOneForTheProcess) {
+  EXPECT_EQ(DBus::get_helper(), mHelper);
+}
 
 TEST_F(Helper, RunsAtOnceWhereNothingIsDispatched) {
   std::thread::id where;
@@ -62,8 +64,7 @@ TEST_F(Helper, AFunctionThatThrowsIsSaidAndSwallowed) {
   mHelper->run([] { throw std::runtime_error("nothing today"); });
   mHelper->run([&] { after.set_value(); });
   after.get_future().wait();
-  EXPECT_TRUE(
-      logged(LOG_ERR, "bus: a function handed to the bus thread failed: nothing today"));
+  EXPECT_TRUE(logged(LOG_ERR, "bus: a function handed to the bus thread failed: nothing today"));
 }
 
 TEST_F(Helper, HoldsAsManyFunctionsAsItsBoundAndDropsTheNext) {
@@ -96,34 +97,86 @@ TEST_F(Helper, EndsHoweverEarlyItIsToldTo) {
   }
 }
 
-TEST_F(Helper, SendsWhatWaitsBeforeItEnds) {
-  mHelper->requestName("com.zentu.test");
-  mHelper->startDispatching();
-  std::promise<void> released;
-  // A call without waiting for the reply; it is out when dispatching has ended.
-  mHelper->run([&] {
+// More than a socket's buffers take while nobody reads them.
+void postMuchOutput(DBus::BusHelper& helper) {
+  std::promise<void> posted;
+  helper.run([&] {
+    for (int i = 0; i < 64; ++i) {
+      DBus::SignalMessage signal("/test", "com.zentu.test", "Much");
+      signal.writer().append_string(std::string(64 * 1024, 'x').c_str());
+      helper.connection().send(signal);
+    }
     DBus::CallMessage release("org.freedesktop.DBus", "/org/freedesktop/DBus",
                               "org.freedesktop.DBus", "ReleaseName");
     release.writer().append_string("com.zentu.test");
-    mHelper->connection().send(release);
-    released.set_value();
+    helper.connection().send(release);
+    posted.set_value();
   });
-  released.get_future().wait();
-  mHelper->stopDispatching();
-  EXPECT_FALSE(mHelper->connection().has_name("com.zentu.test"));
+  posted.get_future().wait();
 }
 
-TEST_F(Helper, TakesANameThatIsFree) { mHelper->requestName("com.zentu.test"); }
+TEST_F(Helper, SendsWhatWaitsBeforeItEnds) {
+  mHelper->requestName("com.zentu.test");
+  mHelper->startDispatching();
+  mBus.pause();
+  postMuchOutput(*mHelper);
+  std::jthread going([&] { mBus.goOn(); });
+  mHelper->stopDispatching();
+  // The release came last; asked by another, for asking on this connection would send it too.
+  DBus::BusDispatcher loop;
+  DBus::default_dispatcher = &loop;
+  DBus::Connection other(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
+  other.register_bus();
+  EXPECT_FALSE(other.has_name("com.zentu.test"));
+}
+
+TEST_F(Helper, GivesUpSendingToABusThatDoesNotRead) {
+  mHelper->startDispatching();
+  mBus.pause();
+  postMuchOutput(*mHelper);
+  const auto begin = std::chrono::steady_clock::now();
+  mHelper->stopDispatching();
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  mBus.goOn();
+}
+
+TEST_F(Helper, DoesNotWaitForABusThatStoppedToSayGoodbye) {
+  mHelper->requestName("com.zentu.test");
+  mHelper->startDispatching();
+  mBus.pause();
+  const auto begin = std::chrono::steady_clock::now();
+  mHelper->stopDispatching();
+  mHelper.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  mBus.goOn();
+}
+
+TEST_F(Helper, GivesUpAskingForANameOnABusThatDoesNotAnswer) {
+  mBus.pause();
+  EXPECT_THROW(mHelper->requestName("com.zentu.test"), DBus::Error);
+  mBus.goOn();
+}
+
+TEST_F(Helper, TakesANameThatIsFree) {
+  mHelper->requestName("com.zentu.test");
+}
 
 TEST_F(Helper, ANameThatAnotherOwnsIsAnError) {
-  // Owned by the bus itself.
-  EXPECT_THROW(mHelper->requestName("org.freedesktop.DBus"), DBus::Error);
+  DBus::Connection other(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
+  other.register_bus();
+  other.request_name("com.zentu.test");
+  try {
+    mHelper->requestName("com.zentu.test");
+    FAIL() << "the name is another's";
+  } catch (const DBus::Error& error) {
+    EXPECT_STREQ(error.name(), "org.freedesktop.DBus.Error.AddressInUse");
+  }
 }
 
 TEST(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
+  PrivateBus bus;  // outside, so that its folder is removed by this process
   EXPECT_EXIT(
       {
-        PrivateBus bus;
         DBus::BusHelper helper;
         helper.startDispatching();
         bus.kill();
@@ -131,6 +184,18 @@ TEST(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
         _exit(0);
       },
       testing::ExitedWithCode(1), "");
+}
+
+TEST(HelperWithoutBus, ASilentBusIsAnErrorAfterItsLimit) {
+  PrivateBus bus;
+  bus.pause();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_THROW(DBus::get_helper(), DBus::Error);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9));
+  // The thread that was given up lives on: the process ends without taking anything from it.
+  bus.kill();
+  std::fflush(nullptr);
+  _exit(testing::Test::HasFailure() ? 1 : 0);
 }
 
 TEST(HelperWithoutBus, IsAnError) {

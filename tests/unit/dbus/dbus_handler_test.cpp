@@ -1,13 +1,13 @@
-#include "dbus/proxy_manager_dbus_handler.h"
-
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <cstdlib>
 #include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "dbus/proxy_manager_dbus_handler.h"
 #include "dbus/valid_text.h"
 #include "fetcher/pac_fetcher.h"
 #include "pac/pac_parser.h"
@@ -30,7 +30,9 @@ ProxyManagerServiceImpl::ProxyManagerServiceImpl()
     : mBusHelper(DBus::get_helper()), mDbusHandler(nullptr, mBusHelper->connection(), "/other") {}
 ProxyManagerServiceImpl::~ProxyManagerServiceImpl() = default;
 void ProxyManagerServiceImpl::stop() {}
-std::int32_t ProxyManagerServiceImpl::start() { return 0; }
+std::int32_t ProxyManagerServiceImpl::start() {
+  return 0;
+}
 com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
   throw std::runtime_error("no configuration today");
 }
@@ -111,8 +113,7 @@ TEST_F(HandlerWithoutService, SaysItsEntryLines) {
 
 TEST_F(HandlerWithService, PassesTheServicesUrlsOnUnchanged) {
   onUrl = [](const std::string& url) { return std::vector<std::string>{"wpad", url, ""}; };
-  EXPECT_EQ(mHandler.getProxyurl("http://a/"),
-            (std::vector<std::string>{"wpad", "http://a/", ""}));
+  EXPECT_EQ(mHandler.getProxyurl("http://a/"), (std::vector<std::string>{"wpad", "http://a/", ""}));
   onUrl = [](const std::string&) { return std::vector<std::string>{}; };
   EXPECT_TRUE(mHandler.getProxyurl("http://a/").empty());
 }
@@ -140,6 +141,55 @@ TEST_F(HandlerWithService, AnExceptionIsAnsweredAsWithoutAServiceAndSaidOnce) {
             1);
 }
 
+// Whole calls, as the bus brings them: dispatched on the bus thread, asked from a second connection.
+class HandlerOnTheBus : public HandlerWithService {
+ protected:
+  void SetUp() override { mHelper->startDispatching(); }
+  void TearDown() override { mHelper->stopDispatching(); }
+
+  DBus::Message ask(const char* member) {
+    DBus::CallMessage call(mHelper->connection().unique_name(), kPath, kInterface, member);
+    call.writer().append_string("http://a/");
+    return mClient.send_blocking(call, 20'000);
+  }
+
+  static constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
+  DBus::BusDispatcher mClientLoop;
+  DBus::Connection mClient = clientConnection();
+
+ private:
+  DBus::Connection clientConnection() {
+    DBus::Connection client(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
+    client.register_bus();
+    return client;
+  }
+};
+
+TEST_F(HandlerOnTheBus, RepliesWithAnEmptyArrayToAnEmptyList) {
+  onUrl = [](const std::string&) { return std::vector<std::string>{}; };
+  const DBus::Message reply = ask("getProxyurl");
+  DBus::MessageIter reader = reply.reader();
+  EXPECT_EQ(reader.type(), 'a');
+  EXPECT_EQ(reader.array_type(), 's');
+  EXPECT_TRUE(reader.recurse().at_end());
+}
+
+TEST_F(HandlerOnTheBus, MakesTextThatIsNotUtf8HarmlessBeforeItLeaves) {
+  onUrl = [](const std::string&) { return std::vector<std::string>{"wpad", "PROXY a\xff:1"}; };
+  const DBus::Message reply = ask("getProxyurl");
+  DBus::MessageIter texts = reply.reader().recurse();
+  EXPECT_STREQ((++texts).get_string(), "PROXY a?:1");
+}
+
+TEST_F(HandlerOnTheBus, AnythingElseThrownIsAnErrorReplyAndALine) {
+  onUrl = [](const std::string&) -> std::vector<std::string> { throw 7; };
+  EXPECT_THROW(ask("getProxyurl"), DBus::Error);
+  EXPECT_EQ(
+      countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: unknown exception"), 1);
+  onUrl = [](const std::string&) { return std::vector<std::string>{"off"}; };
+  EXPECT_NO_THROW(ask("getProxyurl"));
+}
+
 TEST_F(HandlerWithService, DetachedItForgetsTheService) {
   onUrl = [](const std::string&) { return std::vector<std::string>{"wpad"}; };
   mHandler.detachService();
@@ -149,7 +199,9 @@ TEST_F(HandlerWithService, DetachedItForgetsTheService) {
 TEST(ValidText, LeavesUtf8AloneAndMakesTheRestHarmless) {
   EXPECT_EQ(validText(""), "");
   EXPECT_EQ(validText("höst"), "höst");
-  EXPECT_EQ(validText("a\xff\xfe" "b"), "a??b");
+  EXPECT_EQ(validText("a\xff\xfe"
+                      "b"),
+            "a??b");
   EXPECT_EQ(validText("\xc3"), "?");
   EXPECT_EQ(validText("\xed\xa0\x80"), "???") << "a surrogate";
 }

@@ -25,16 +25,22 @@ TEST(PacResult, KeepsTheEntriesInTheirOrder) {
             (Entries{{2, "PROXY a:1"}, {2, "PROXY b:2"}, {1, "DIRECT"}}));
 }
 
-TEST(PacResult, TakesSocks) { EXPECT_EQ(parsed("SOCKS s:1080"), (Entries{{3, "SOCKS s:1080"}})); }
+TEST(PacResult, TakesSocks) {
+  EXPECT_EQ(parsed("SOCKS s:1080"), (Entries{{3, "SOCKS s:1080"}}));
+}
 
-TEST(PacResult, DropsDirectFollowedByABlank) { EXPECT_EQ(parsed("DIRECT "), Entries{}); }
+TEST(PacResult, DropsDirectFollowedByABlank) {
+  EXPECT_EQ(parsed("DIRECT "), Entries{});
+}
 
 TEST(PacResult, TakesDirectAfterABlankOrATab) {
   EXPECT_EQ(parsed(" DIRECT"), (Entries{{1, "DIRECT"}}));
   EXPECT_EQ(parsed("\t DIRECT"), (Entries{{1, "DIRECT"}}));
 }
 
-TEST(PacResult, DropsProxyWithoutABlank) { EXPECT_EQ(parsed("PROXY"), Entries{}); }
+TEST(PacResult, DropsProxyWithoutABlank) {
+  EXPECT_EQ(parsed("PROXY"), Entries{});
+}
 
 TEST(PacResult, DropsKeywordsInLowerCaseAndUnknownOnes) {
   EXPECT_EQ(parsed("proxy a:1"), Entries{});
@@ -78,4 +84,3 @@ TEST(PacResult, SaysEachPieceWithItsLine) {
 }
 
 }  // namespace
-

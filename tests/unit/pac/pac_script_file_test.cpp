@@ -44,18 +44,18 @@ TEST_F(ScriptFile, SaysItsLinesWhenTheContentIsNew) {
   const std::string& name = mFile.path();
   clearLog();
   parse();
-  EXPECT_EQ(contractLines(),
-            (std::vector<LogLine>{
-                {LOG_INFO, "PacParser-parsePacFile called "},
-                {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + name},
-                {LOG_INFO, "PacParser-doMd5Hash called "},
-                {LOG_NOTICE, kUpdated},
-                {LOG_INFO, "PacParser-clearProxyUrlCache called "},
-                {LOG_INFO, "clearCache called "},
-                {LOG_NOTICE,
-                 "PacParser-readPacFile content of pac file: \n" + scriptFor("PROXY p:1")},
-                {LOG_INFO, "PacParser-parsePacFile pac init"},
-            }));
+  EXPECT_EQ(
+      contractLines(),
+      (std::vector<LogLine>{
+          {LOG_INFO, "PacParser-parsePacFile called "},
+          {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + name},
+          {LOG_INFO, "PacParser-doMd5Hash called "},
+          {LOG_NOTICE, kUpdated},
+          {LOG_INFO, "PacParser-clearProxyUrlCache called "},
+          {LOG_INFO, "clearCache called "},
+          {LOG_NOTICE, "PacParser-readPacFile content of pac file: \n" + scriptFor("PROXY p:1")},
+          {LOG_INFO, "PacParser-parsePacFile pac init"},
+      }));
   EXPECT_EQ(noticesOfContent(), 1);
 }
 
@@ -114,9 +114,9 @@ TEST_F(ScriptFile, ReadsFilesAroundTheSizeOfTheBuffer) {
 TEST_F(ScriptFile, AnEmptyNameIsRefused) {
   clearLog();
   EXPECT_EQ(mParser.parsePacFile(""), 0);
-  EXPECT_EQ(logLines(),
-            (std::vector<LogLine>{{LOG_INFO, "PacParser-parsePacFile called "},
-                                  {LOG_ERR, "PacParser-parsePacFile error pac file name is empty"}}));
+  EXPECT_EQ(logLines(), (std::vector<LogLine>{
+                            {LOG_INFO, "PacParser-parsePacFile called "},
+                            {LOG_ERR, "PacParser-parsePacFile error pac file name is empty"}}));
 }
 
 TEST_F(ScriptFile, AMissingFileKeepsEngineAndText) {
@@ -136,15 +136,15 @@ TEST_F(ScriptFile, AFailedReadKeepsTheEngineButReplacesAndSaysTheText) {
   parse();
   clearLog();
   EXPECT_EQ(mParser.parsePacFile(mFile.folder()), 0);  // a folder opens, but does not read
-  EXPECT_EQ(logLines(),
-            (std::vector<LogLine>{
-                {LOG_INFO, "PacParser-parsePacFile called "},
-                {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + mFile.folder()},
-                {LOG_ERR,
-                 "PacParser-readPacFile error reading from file " + mFile.folder() + ", rc:-1"},
-                {LOG_INFO, "string2Char: input is null, or length:0 <= 0"},
-                {LOG_NOTICE, "PacParser-readPacFile content of pac file: \n(null)"},
-                {LOG_ERR, "PacParser-parsePacFile failed to read pac file name"}}));
+  EXPECT_EQ(
+      logLines(),
+      (std::vector<LogLine>{
+          {LOG_INFO, "PacParser-parsePacFile called "},
+          {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + mFile.folder()},
+          {LOG_ERR, "PacParser-readPacFile error reading from file " + mFile.folder() + ", rc:-1"},
+          {LOG_INFO, "string2Char: input is null, or length:0 <= 0"},
+          {LOG_NOTICE, "PacParser-readPacFile content of pac file: \n(null)"},
+          {LOG_ERR, "PacParser-parsePacFile failed to read pac file name"}}));
   EXPECT_EQ(textsOf(mParser, "http://a/"), Texts{"PROXY p:1"});
 }
 
@@ -221,8 +221,8 @@ TEST(ReleaseCallback, DoesNothingWithoutAContext) {
   clearLog();
   PacParser::clearProxyUrlCacheCallBack(settings, nullptr);
   EXPECT_EQ(settings.size(), 1U);
-  EXPECT_EQ(logLines(), (std::vector<LogLine>{
-                            {LOG_INFO, "PacParser-clearProxyUrlCacheCallBack called "}}));
+  EXPECT_EQ(logLines(),
+            (std::vector<LogLine>{{LOG_INFO, "PacParser-clearProxyUrlCacheCallBack called "}}));
   int context = 0;
   PacParser::clearProxyUrlCacheCallBack(settings, &context);
   EXPECT_TRUE(settings.empty());

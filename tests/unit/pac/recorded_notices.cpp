@@ -10,8 +10,12 @@ std::atomic<int> notices{0};
 std::function<void()> listener;
 }  // namespace
 
-int noticesOfContent() { return notices; }
-void onContentNotice(std::function<void()> function) { listener = std::move(function); }
+int noticesOfContent() {
+  return notices;
+}
+void onContentNotice(std::function<void()> function) {
+  listener = std::move(function);
+}
 
 void noticeContentUpdated(ProxyManagerServiceImpl*) {
   ++notices;

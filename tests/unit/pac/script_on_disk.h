@@ -24,9 +24,7 @@ class ScriptOnDisk {
   ScriptOnDisk(const ScriptOnDisk&) = delete;
   ScriptOnDisk& operator=(const ScriptOnDisk&) = delete;
 
-  void write(const std::string& text) const {
-    std::ofstream(path(), std::ios::binary) << text;
-  }
+  void write(const std::string& text) const { std::ofstream(path(), std::ios::binary) << text; }
   std::string path() const { return mFolder + "/proxy.pac"; }
   const std::string& folder() const { return mFolder; }
 

@@ -65,7 +65,7 @@ INSTANTIATE_TEST_SUITE_P(Worker, Breaches,
                                            Breach{"too_long", "sent what is no message"},
                                            Breach{"early_ready", "answered what was not asked"},
                                            Breach{"wrong_serial", "answered what was not asked"},
-                                           Breach{"alert_flood", "asks without end"},
+                                           Breach{"alert_flood", "did not answer in time"},
                                            Breach{"questions_without_reading",
                                                   "does not read its answers"}),
                          [](const auto& test) { return test.param.step; });

@@ -100,7 +100,7 @@ TEST(CrashHandler, ReportsAnOverflowOfTheMainThreadsStack) {
         initCrashHandler();
         _exit(recurse(1));
       },
-      KilledBySignal(SIGSEGV), "process: #1 0x[^#]*\\(recurse\\+0x.*process: #63 0x");
+      KilledBySignal(SIGSEGV), "process: #[0-9]+ 0x[^#]*\\(recurse\\+0x.*process: #63 0x");
 }
 
 TEST(CrashHandler, StopsAfterItsFrameLimit) {

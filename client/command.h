@@ -1,0 +1,37 @@
+// What main.cpp and the commands share. Each command is one file: it adds itself to the program's
+// grammar, with its help, and leaves what is to be done once the whole command line is understood.
+#pragma once
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+namespace client {
+
+/// How the program ends. The low numbers say what became of the question; the high ones are those
+/// of sysexits.h, so that a script can tell a wrong proxy script from a wrong command line.
+enum ExitStatus : int {
+  kAnswered = 0,
+  kNoAnswer = 1,   ///< at least one URL got no answer
+  kRefused = 2,    ///< the PAC script does not load
+  kUsage = 64,     ///< the command line is wrong
+  kNoInput = 66,   ///< the PAC script cannot be read
+  kInternal = 70,  ///< no memory, or a fault of the program
+  kOutput = 74,    ///< the output cannot be written
+};
+
+/// Does what a command asks for. @return how the program ends; throws Failure
+using Action = std::function<ExitStatus()>;
+
+/// Ends the program with `status` and one line on standard error.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitStatus status, const std::string& message)
+      : std::runtime_error(message), mStatus(status) {}
+  ExitStatus status() const { return mStatus; }
+
+ private:
+  ExitStatus mStatus;
+};
+
+}  // namespace client

@@ -1,0 +1,79 @@
+// proxymanagerctl: the grammar of the command line, and the end of everything that goes wrong.
+#include <CLI/CLI.hpp>
+#include <exception>
+#include <string>
+
+#include "client/command.h"
+#include "client/output.h"
+#include "client/pac_command.h"
+#include "platform/log/log_line.h"
+
+namespace {
+
+constexpr const char* kFooter = R"(Each command has its own --help.
+
+Exit status:
+  0        done, with an answer where one was asked for
+  1        no answer
+  2        a PAC script is refused
+  64       the command line is wrong
+  66       a file cannot be read
+  70       no memory, or a fault of the program
+  74       the output cannot be written
+)";
+
+/// The command that was being parsed, in words.
+std::string wordsOf(const CLI::App& command) {
+  const auto* const parent = command.get_parent();
+  return (parent == nullptr ? "" : wordsOf(*parent) + ' ') + command.get_name();
+}
+
+client::ExitStatus wrongUsage(const CLI::App& program, const CLI::ParseError& error) {
+  const auto* command = &program;
+  while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
+  const auto unknown = command->remaining();
+  if (command->get_require_subcommand_min() > 0 && !unknown.empty()) {
+    client::complain("there is no command \"" + unknown.front() + '"');
+  } else {
+    client::complain(error.what());
+  }
+  client::complain("see " + wordsOf(*command) + " --help");
+  return client::kUsage;
+}
+
+client::ExitStatus run(int argc, char** argv) {
+  client::Action action;
+  CLI::App program("Asks and tries out what proxymanagerd works with.", "proxymanagerctl");
+  program.set_version_flag("--version", std::string("proxymanagerctl ") + PROXYMANAGER_VERSION);
+  program.require_subcommand(1);
+  program.footer(kFooter);
+  client::addPacCommand(program, action);
+  auto status = client::kAnswered;
+  try {
+    program.parse(argc, argv);
+    status = action();
+  } catch (const CLI::Success& asked) {
+    program.exit(asked);  // the help or the version
+  } catch (const CLI::ParseError& error) {
+    return wrongUsage(program, error);
+  }
+  client::finishOutput();
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // What the libraries have to log is for the daemon; here it comes back as values.
+  openlog("proxymanagerctl", LOG_PERROR, LOG_USER);
+  setlogmask(LOG_MASK(LOG_EMERG));
+  try {
+    return run(argc, argv);
+  } catch (const client::Failure& failure) {
+    client::complain(failure.what());
+    return failure.status();
+  } catch (const std::exception& error) {
+    client::complain(error.what());
+    return client::kInternal;
+  }
+}

@@ -1,0 +1,20 @@
+// An option with a text that may also be empty, which differs from not being given.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <optional>
+#include <string>
+
+namespace client {
+
+/// Adds `name` to `command`, shown in its help with `label` and `help`; sets `value`, which lives
+/// as long as the command, where it is given.
+inline void addText(CLI::App& command, const char* name, const char* label,
+                    std::optional<std::string>& value, const char* help) {
+  command
+      .add_option_function<std::string>(
+          name, [&value](const std::string& text) { value = text; }, help)
+      ->option_text(label);
+}
+
+}  // namespace client

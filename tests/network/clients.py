@@ -1,0 +1,144 @@
+"""The DHCP clients, with their hooks where each looks for them."""
+
+import contextlib
+import os
+import shutil
+import signal
+import subprocess
+
+from lan import end, ip
+from support.bus import wait_until
+from support.own_root import mount_empty
+
+
+class Dhclient:
+    def __init__(self, hooks):
+        shutil.copy(f"{hooks}/dhclient", "/etc/dhcp/dhclient-exit-hooks.d/proxymanager")
+        with open("/etc/dhcp/dhclient.conf", "a") as file:
+            file.write(open(f"{hooks}/proxymanager-dhclient.conf").read())
+        os.makedirs("/run/dhclient")
+        self._process = None
+
+    _FILES = ("-pf", "/run/dhclient/pid", "-lf", "/run/dhclient/leases")
+
+    def start(self):
+        ip("link", "set", "eth0", "up")
+        self._process = _spawn(["dhclient", "-4", "-d", *self._FILES, "eth0"])
+
+    def renew(self):
+        """It has no command for that; it renews when the lease says so."""
+
+    def release(self):
+        # The hooks run before it has noted the lease itself.
+        wait_for_text("/run/dhclient.log", "bound to")
+        subprocess.run(["dhclient", "-4", "-r", *self._FILES, "eth0"], check=True,
+                       capture_output=True)
+        self._process.wait(10)
+
+    def replug(self, plug):
+        self.release()
+        plug()
+        self.start()
+
+    def stop(self):
+        if self._process:
+            end(self._process)
+
+
+class Udhcpc:
+    def __init__(self, hooks):
+        self._script = "/run/udhcpc_script"
+        with open(self._script, "w") as file:
+            file.write(f'#!/bin/sh\n{hooks}/udhcpc "$@"\necho "$1" >>/run/udhcpc_events\n')
+        os.chmod(self._script, 0o755)
+        self._process = None
+
+    def start(self):
+        ip("link", "set", "eth0", "up")
+        self._process = _spawn(["udhcpc", "-f", "-i", "eth0", "-s", self._script, "-O", "wpad",
+                                "-O", "search", "-T", "1", "-t", "5", "-A", "1"])
+
+    def renew(self):
+        self._process.send_signal(signal.SIGUSR1)
+
+    def count(self, event):
+        """How many times its own script has been through with `event`."""
+        done = "/run/udhcpc_events"
+        return open(done).read().split().count(event) if os.path.exists(done) else 0
+
+    def release(self):
+        self._process.send_signal(signal.SIGUSR2)
+
+    def replug(self, plug):
+        self.release()
+        plug()
+        self._process.send_signal(signal.SIGUSR1)
+
+    def stop(self):
+        if self._process:
+            end(self._process)
+
+
+class Dhcpcd:
+    _HOOKS = "/usr/lib/dhcpcd/dhcpcd-hooks"
+
+    def __init__(self, hooks):
+        os.makedirs("/run/dhcpcd-hooks")
+        shutil.copytree(self._HOOKS, "/run/dhcpcd-hooks", dirs_exist_ok=True)
+        mount_empty(self._HOOKS, "mode=0755")
+        shutil.copytree("/run/dhcpcd-hooks", self._HOOKS, dirs_exist_ok=True)
+        shutil.copy(f"{hooks}/dhcpcd", f"{self._HOOKS}/70-proxymanager")
+        # What it keeps of the machine's own networks.
+        mount_empty("/var/lib/dhcpcd", "mode=0755")
+        with open("/etc/dhcpcd.conf", "a") as file:
+            file.write("option wpad_url\nreboot 1\nnoarp\nnoipv4ll\n")
+        self._process = None
+
+    def start(self):
+        ip("link", "set", "eth0", "up")
+        self._process = _spawn(["dhcpcd", "-B", "-4", "eth0"])
+
+    def _say(self, *words):
+        subprocess.run(["dhcpcd", "-4", *words, "eth0"], check=True, capture_output=True)
+
+    def renew(self):
+        self._say("-N")
+
+    def release(self):
+        self._say("-k")
+        self._process.wait(10)
+
+    def replug(self, plug):
+        plug()  # it sees the carrier go and come
+
+    def stop(self):
+        if self._process:
+            end(self._process)
+
+
+@contextlib.contextmanager
+def running(dhcp):
+    """Whatever becomes of the test, its client ends with it."""
+    try:
+        yield dhcp
+    finally:
+        dhcp.stop()
+
+
+def _spawn(command):
+    log = open(f"/run/{os.path.basename(command[0])}.log", "a")
+    with log:
+        return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+
+
+def contents(path):
+    """A file's text; none where there is no file yet."""
+    try:
+        with open(path, errors="replace") as file:
+            return file.read()
+    except FileNotFoundError:
+        return ""
+
+
+def wait_for_text(path, text):
+    wait_until(lambda: text in contents(path), f"{text!r} in {path}, not {contents(path)!r}")

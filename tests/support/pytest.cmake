@@ -1,0 +1,29 @@
+# Tests written in Python: each test function is one CTest test, in namespaces of its own.
+find_program(PROXYMANAGER_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
+
+# proxymanager_python_tests(LABEL OPTIONS...): registers the test_*.py of this folder; those marked
+# slow get that label too. OPTIONS are this folder's own for pytest.
+function(proxymanager_python_tests label)
+  file(GLOB test_files CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/test_*.py")
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${test_files})
+  foreach(file IN LISTS test_files)
+    get_filename_component(group "${file}" NAME_WE)
+    string(REGEX REPLACE "^test_" "" group "${group}")
+    file(STRINGS "${file}" lines REGEX "^(def test_|@pytest.mark.slow)")
+    set(labels ${label})
+    foreach(line IN LISTS lines)
+      if(line MATCHES "^@pytest.mark.slow")
+        list(APPEND labels slow)
+        continue()
+      endif()
+      string(REGEX REPLACE "^def test_([A-Za-z0-9_]+).*" "\\1" name "${line}")
+      set(test "${label}.${group}.${name}")
+      add_test(NAME "${test}" COMMAND "${PROXYMANAGER_PYTHON}" -m pytest -q -p no:cacheprovider
+        "--build=${CMAKE_BINARY_DIR}" "--sanitizer=${PROXYMANAGER_SANITIZER}" ${ARGN}
+        "${file}::test_${name}")
+      set_tests_properties("${test}" PROPERTIES TIMEOUT 300 LABELS "${labels}"
+        SKIP_RETURN_CODE 77 ENVIRONMENT "PYTHONDONTWRITEBYTECODE=1")
+      set(labels ${label})
+    endforeach()
+  endforeach()
+endfunction()

@@ -1,0 +1,84 @@
+// The parser against an engine that keeps a list of its calls.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "pac/pac_parser.h"
+#include "platform/pac_engine/pac.h"
+#include "tests/unit/pac/script_on_disk.h"
+
+struct pac {
+  int number;
+};
+
+namespace {
+
+std::vector<std::string> calls;
+int engines = 0;
+
+}  // namespace
+
+// In place of the library's.
+pac* pac_init(const char* script, int option, pac_wakeup, void*) {
+  calls.push_back("init " + std::string(script == nullptr ? "(null)" : script) + " option " +
+                  std::to_string(option));
+  return script == nullptr ? nullptr : new pac{++engines};
+}
+void pac_free(pac* engine) {
+  calls.push_back("free " + std::to_string(engine->number));
+  delete engine;
+}
+void pac_find_proxy_sync_n(pac* engine, const char* url, const char* host, char** result) {
+  calls.push_back("find " + std::to_string(engine->number) + " " + url + " host '" + host + "'");
+  *result = strdup("DIRECT");
+}
+void pac_find_proxy(pac*, const char*, const char*, pac_result, void*) {}
+void pac_run_callbacks(pac*) {}
+
+namespace {
+
+using Calls = std::vector<std::string>;
+
+TEST(EngineCalls, TheOldEngineIsFreedBeforeTheNewOneIsMade) {
+  const ScriptOnDisk file("one");
+  {
+    PacParser parser(nullptr, false);
+    parser.parsePacFile(file.path());
+    file.write("two");
+    parser.parsePacFile(file.path());
+    parser.stop();
+    EXPECT_EQ(calls, (Calls{"init one option 1", "free 1", "init two option 1", "free 2"}));
+  }
+  EXPECT_EQ(calls.size(), 4U) << "nothing is freed twice";
+}
+
+TEST(EngineCalls, TheOfflineOptionIsFour) {
+  const ScriptOnDisk file("one");
+  PacParser parser(nullptr, true);
+  parser.parsePacFile(file.path());
+  EXPECT_EQ(calls, Calls{"init one option 4"});
+}
+
+TEST(EngineCalls, AnEmptyFileGivesANullScript) {
+  const ScriptOnDisk file("");
+  PacParser parser(nullptr, false);
+  parser.parsePacFile(file.path());
+  EXPECT_EQ(calls, Calls{"init (null) option 1"});
+}
+
+TEST(EngineCalls, TheEngineIsAskedWithTheUrlAsItCameAndTheHost) {
+  const ScriptOnDisk file("one");
+  PacParser parser(nullptr, false);
+  parser.parsePacFile(file.path());
+  calls.clear();
+  parser.getProxy("http://user:secret@h/x#y");
+  parser.getProxy("http://:80/");
+  parser.getProxy("HTTP://Host.Example:8080/x");
+  EXPECT_EQ(calls,
+            (Calls{"find 1 http://user:secret@h/x#y host 'user'", "find 1 http://:80/ host ''",
+                   "find 1 HTTP://Host.Example:8080/x host 'Host.Example'"}));
+}
+
+}  // namespace

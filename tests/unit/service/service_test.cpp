@@ -1,0 +1,76 @@
+#include "service/proxy_manager_service_impl.h"
+
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fetcher/pac_fetcher.h"
+#include "pac/pac_parser.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/own_root.h"
+#include "tests/support/private_bus.h"
+
+namespace {
+
+// First of all, for it may have one thread only.
+struct OwnRoot {
+  OwnRoot() { enterOwnRoot(); }
+};
+
+class Service : private OwnRoot, public testing::Test {
+ protected:
+  PrivateBus mBus;
+  ProxyManagerServiceImpl mService;
+};
+
+using Texts = std::vector<std::string>;
+
+TEST_F(Service, BeforeItsStartANewFileFindsNoParser) {
+  clearLog();
+  mService.pacFileUpdated();
+  EXPECT_EQ(
+      logLines(),
+      (std::vector<LogLine>{
+          {LOG_NOTICE,
+           "ProxyManagerServiceImpl-pacFileUpdated pacFileName:/tmp/proxymanager.pac"},
+          {LOG_ERR,
+           "ProxyManagerServiceImpl-pacFileUpdated pacparser is null pacFileName:"
+           "/tmp/proxymanager.pac"}}));
+}
+
+TEST_F(Service, BeforeItsStartItAnswersWithoutAScript) {
+  EXPECT_EQ(mService.getProxyUrl("http://a/"), (Texts{"off", ""}));
+  EXPECT_EQ(mService.updateProxyConfig("wpad", "", "", false, "", ""), 0);
+  EXPECT_EQ(mService.getProxyUrl("http://a/"), Texts{"wpad"});
+}
+
+TEST_F(Service, ASecondStartSaysThatItsThreadRuns) {
+  mService.start();
+  ASSERT_TRUE(waitForLog(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called "));
+  mService.start();
+  EXPECT_TRUE(
+      logged(LOG_INFO, "ProxyManagerServiceImpl-start pac process thread already started"));
+  EXPECT_EQ(countLog(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called "), 1);
+}
+
+TEST_F(Service, ItStartsAgainAfterItsStop) {
+  mService.start();
+  mService.stop();
+  clearLog();
+  mService.start();
+  EXPECT_TRUE(waitForLog(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called "));
+}
+
+TEST_F(Service, SaysWhenTheContentIsNew) {
+  clearLog();
+  mService.pacContentUpdated();
+  EXPECT_EQ(logLines(),
+            (std::vector<LogLine>{
+                {LOG_NOTICE,
+                 "ProxyManagerServiceImpl-pacContentUpdated pacFileName:/tmp/proxymanager.pac"}}));
+}
+
+}  // namespace
