@@ -16,3 +16,8 @@ foreach(dependency
   set_target_properties(PkgConfig::${name} PROPERTIES
     INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${${name}_INCLUDE_DIRS}")
 endforeach()
+
+# libunwind has the unwinder's functions under the names of the compiler's own, and needs descriptors
+# to throw. The compiler's comes first, so that exceptions stay its business.
+set_property(TARGET PkgConfig::unwind PROPERTY INTERFACE_LINK_LIBRARIES
+  gcc_s ${unwind_LINK_LIBRARIES})

@@ -27,7 +27,7 @@ bool waitReadable(int socket, Deadline deadline) {
   do {
     ready = poll(&entry, 1, millisecondsLeft(deadline));
   } while (ready < 0 && errno == EINTR);
-  return ready != 0;
+  return ready > 0;
 }
 
 }  // namespace

@@ -64,7 +64,11 @@ void onAnswer(void* context, int status, int /*timeouts*/, ares_addrinfo* answer
   if (status == ARES_ECANCELLED) {
     pending.result.end = LookupEnd::kTooLate;
   } else if (status == ARES_SUCCESS && list) {
-    take(pending.result, *list);
+    try {
+      take(pending.result, *list);
+    } catch (const std::exception&) {
+      pending.result = {};  // no memory; nothing may leave through the resolver's C code
+    }
   }
 }
 
@@ -165,7 +169,12 @@ LookupResult DnsResolver::lookUp(const std::string& name, pac_worker::AddressFam
     asked = waitOnce(channel, deadline, watched);
   }
   // Calls back at once, so that nothing refers to `pending` when it goes.
-  if (!pending.done) ares_cancel(channel);
+  if (!pending.done) {
+    ares_cancel(channel);
+    // Half an answer, of one family, is none: the lookup took too long.
+    pending.result = {};
+    pending.result.end = LookupEnd::kTooLate;
+  }
   if (!asked) pending.result.end = LookupEnd::kAbandoned;
   return std::move(pending.result);
 }

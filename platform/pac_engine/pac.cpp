@@ -101,14 +101,14 @@ void pac_find_proxy_sync_n(pac* engine, const char* url, const char* host, char*
 
 void pac_run_callbacks(pac* engine) {
   if (engine == nullptr) return;
-  guarded("pac_run_callbacks", [&] {
-    // What a callback queues has woken the caller again and is for its next round.
-    for (auto left = engine->queue.size(); left > 0; --left) {
+  // What a callback queues has woken the caller again and is for its next round.
+  for (auto left = engine->queue.size(); left > 0; --left) {
+    guarded("pac_run_callbacks", [&] {
       auto question = std::move(engine->queue.front());
       engine->queue.pop_front();
       deliver(*engine, std::move(question));
-    }
-  });
+    });
+  }
 }
 
 void pac_free(pac* engine) {

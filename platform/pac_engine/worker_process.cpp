@@ -159,8 +159,10 @@ std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
   UniqueFd process = openProcess(pid);
   if (!process) {
     error = errno;
+    ours.reset();  // a worker that may not be killed ends with its socket
     kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
     return fail("no process descriptor", error);
   }
   return std::unique_ptr<WorkerProcess>(
@@ -170,6 +172,9 @@ std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
 void WorkerProcess::follow() {
   const int cpu = sched_getcpu();
   if (cpu < 0 || cpu >= CPU_SETSIZE || cpu == mCpu) return;
+  // Only while the number is the worker's own: one that has ended may be a stranger's by now.
+  pollfd ended{mProcess.get(), POLLIN, 0};
+  if (poll(&ended, 1, 0) != 0) return;
   cpu_set_t only;
   CPU_ZERO(&only);
   CPU_SET(static_cast<std::size_t>(cpu), &only);

@@ -8,7 +8,7 @@ import os
 import time
 
 import pytest
-from support.bus import LIMIT
+from support.bus import LIMIT, wait_until
 from support.syslog_socket import ERR, INFO
 from support.web import response
 
@@ -16,7 +16,10 @@ WITHIN = 6.0  # seconds; the limit of an evaluation is 5
 GROWTH = 3 << 20  # bytes; more than a daemon's allocator keeps back after a question
 
 # What the script does for the host "bad.example"; every other host is answered with "PROXY good:1".
+ENDS_WELL = ("alert_flood", "ten_thousand_names")
 IN_A_CALL = {
+    "giant_claimed_length": "return [].indexOf.call({ length: 2 ** 50 }, 1) + '';",
+    "loop_around_promises": "for (;;) new Promise(function () { for (;;); });",
     "endless_loop": "for (;;);",
     "endless_loop_in_finally": "try { return 'DIRECT'; } finally { for (;;); }",
     "endless_loop_in_a_getter": "return ({ get x() { for (;;); } }).x;",
@@ -71,7 +74,7 @@ def test_a_hostile_call_costs_its_own_answer_at_most(daemon, client, web, syslog
     begin = time.monotonic()
     answer = client.urls("http://bad.example/", timeout=LIMIT)
     took = time.monotonic() - begin
-    assert answer in (["pacurl"], ["pacurl", "DIRECT"])
+    assert answer == (["pacurl", "DIRECT"] if name in ENDS_WELL else ["pacurl"])
     if not sanitizer:
         assert took < WITHIN
     assert client.urls("http://next.example/") == ["pacurl", "PROXY good:1"]
@@ -94,8 +97,7 @@ function FindProxyForURL(url, host) {
 
 def test_redefined_prototypes_do_not_reach_the_helpers(client, web, syslog):
     load(client, web, syslog, REDEFINED)
-    answer = client.urls("http://a.example/")
-    assert answer in (["pacurl"], ["pacurl", "PROXY good:1"], ["pacurl", "DIRECT"])
+    assert client.urls("http://a.example/") == ["pacurl", "PROXY good:1"]
     load(client, web, syslog, SCRIPT % "")
     assert client.urls("http://a.example/") == ["pacurl", "PROXY good:1"]
 
@@ -124,10 +126,32 @@ def test_half_a_megabyte_in_one_function_is_borne(client, web, syslog):
     assert client.urls("http://a.example/") == ["pacurl", "PROXY p45000:1"]
 
 
+def test_a_busy_worker_follows_a_daemon_that_was_killed(daemon, client, web, syslog):
+    import threading
+    load(client, web, syslog, SCRIPT % IN_A_CALL["giant_claimed_length"])
+    (worker,) = daemon.children()
+
+    def ask():
+        from support.bus import Client
+        try:
+            with Client() as other:
+                other.urls("http://bad.example/")
+        except Exception:
+            pass  # the daemon is gone
+
+    asking = threading.Thread(target=ask)
+    asking.start()
+    syslog.wait_match(5, ".*getProxy requestUrl:http://bad.example/")
+    daemon.kill()
+    asking.join(LIMIT)
+    wait_until(lambda: not os.path.exists(f"/proc/{worker}"), "the worker is gone")
+
+
 def test_no_process_is_left_over(daemon, client, web, syslog):
     load(client, web, syslog, SCRIPT % IN_A_CALL["endless_loop"])
     client.urls("http://bad.example/")
     client.urls("http://good.example/")
     workers = daemon.children()
+    assert workers
     assert daemon.stop() == 0
     assert not [pid for pid in workers if os.path.exists(f"/proc/{pid}")]

@@ -1,6 +1,7 @@
 #include "tests/support/private_bus.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -33,6 +34,7 @@ PrivateBus::PrivateBus() {
   if (pipe(ready) != 0) throw std::runtime_error("pipe");
   mPid = fork();
   if (mPid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies takes its bus along
     dup2(ready[1], STDOUT_FILENO);
     close(ready[0]);
     close(ready[1]);

@@ -6,8 +6,10 @@
 // socket ends.
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <optional>
 #include <string>
@@ -48,6 +50,29 @@ void unmap(std::string_view script) {
   _exit(EXIT_SUCCESS);
 }
 
+/// Ends the process should a load or an evaluation outlast the library that waits for it: some
+/// scripts never come back to where the engine looks at the clock, and the library's own wall, which
+/// stands before this one, falls with the library.
+class LastWall {
+ public:
+  explicit LastWall(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }
+  ~LastWall() { arm(std::chrono::milliseconds(0)); }
+  LastWall(const LastWall&) = delete;
+  LastWall& operator=(const LastWall&) = delete;
+
+ private:
+  static constexpr std::chrono::milliseconds kAfterTheLibrary{1000};
+
+  // SIGALRM's default action is the end.
+  static void arm(std::chrono::milliseconds after) {
+    const auto count = after.count();
+    itimerval timer{};
+    timer.it_value.tv_sec = static_cast<time_t>(count / 1000);
+    timer.it_value.tv_usec = static_cast<suseconds_t>(count % 1000 * 1000);
+    setitimer(ITIMER_REAL, &timer, nullptr);
+  }
+};
+
 pac_engine::Start receiveStart(pac_engine::Channel& channel) {
   const auto message = pac_worker::receiveOrEnd(channel);
   const auto* const start = std::get_if<pac_engine::Start>(&message);
@@ -55,7 +80,7 @@ pac_engine::Start receiveStart(pac_engine::Channel& channel) {
   return *start;
 }
 
-void answer(pac_engine::Channel& channel, ScriptEngine& engine) {
+void answer(pac_engine::Channel& channel, ScriptEngine& engine, std::chrono::milliseconds limit) {
   const auto message = pac_worker::receiveOrEnd(channel);
   const auto* const question = std::get_if<pac_engine::Evaluate>(&message);
   if (question == nullptr) _exit(pac_worker::kExitBroken);
@@ -63,7 +88,10 @@ void answer(pac_engine::Channel& channel, ScriptEngine& engine) {
   const auto serial = question->serial;
   const std::string url(question->url);
   const std::string host(question->host);
-  const auto evaluation = engine.evaluate(url, host);
+  const auto evaluation = [&] {
+    const LastWall wall(limit);
+    return engine.evaluate(url, host);
+  }();
   if (evaluation.result) {
     pac_worker::sendOrEnd(channel, pac_engine::Answer{serial, *evaluation.result});
     return;
@@ -89,11 +117,15 @@ int main() {
   pac_worker::ScriptLimits limits;
   limits.time = std::chrono::milliseconds(start.timeLimitMs);
   ScriptEngine engine(environment, limits);
-  if (const auto error = engine.load(*script)) refuse(channel, error->message, error->line);
+  const auto error = [&] {
+    const LastWall wall(limits.time);
+    return engine.load(*script);
+  }();
+  if (error) refuse(channel, error->message, error->line);
   unmap(*script);
   pac_worker::sendOrEnd(channel, pac_engine::Ready{});
   for (;;) {
     environment.begin();
-    answer(channel, engine);
+    answer(channel, engine, limits.time);
   }
 }

@@ -10,8 +10,10 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -57,10 +59,19 @@ Account account() {
   return {};
 }
 
-/// Leaves the network. A kernel or a container that gives no namespace is no failure: the system
-/// calls of sockets are not on the list either.
-void leaveNetwork() {
-  if (unshare(CLONE_NEWNET) != 0) unshare(CLONE_NEWUSER | CLONE_NEWNET);
+/// Leaves the network, with a privilege that is about to go. @return whether that was to be had
+bool leaveNetwork() {
+  return unshare(CLONE_NEWNET) == 0;
+}
+
+void dropBoundingSet();
+
+/// Leaves the network by a user namespace, which needs no privilege. Only once the process is
+/// nobody outside of it: inside, without a map, even root looks like nobody. A kernel or a container
+/// that gives no namespace is no failure: the system calls of sockets are not on the list either.
+void leaveNetworkUnprivileged() {
+  // A new user namespace comes with a full bounding set of its own.
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) dropBoundingSet();
 }
 
 Failure becomeUnprivileged() {
@@ -107,8 +118,12 @@ constexpr Limit kLimits[] = {
 #endif
 };
 
+/// A tighter limit that is there already stays: only a privilege could raise it.
 Failure limitResource(const Limit& limit) {
-  const rlimit both{limit.value, limit.value};
+  rlimit present{};
+  if (getrlimit(limit.resource, &present) != 0) return failed(limit.name);
+  const rlim_t value = std::min(limit.value, present.rlim_max);
+  const rlimit both{value, value};
   if (setrlimit(limit.resource, &both) != 0) return failed(limit.name);
   return {};
 }
@@ -205,6 +220,8 @@ Failure allowOnlyWhatAnEngineNeeds(int socket) {
       .allow(SCMP_SYS(clock_gettime64))
       .allow(SCMP_SYS(gettimeofday))
       .allow(SCMP_SYS(time));
+  // The alarm that ends a script which nothing else can, should the library be gone.
+  list.allow(SCMP_SYS(setitimer), {masked(0, kInt, ITIMER_REAL)});
   // What the C++ runtime does around a thrown exception: pthread_once wakes who may wait for it.
   list.allow(SCMP_SYS(futex), {masked(1, kFutexCommand, FUTEX_WAKE)});
   list.allow(SCMP_SYS(restart_syscall)).allow(SCMP_SYS(exit_group));
@@ -230,9 +247,10 @@ void loadZone() {
 Failure enterSandbox(int socket) {
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) return failed("no_new_privs");
   if (auto failure = raiseStack()) return failure;
-  leaveNetwork();
+  const bool left = leaveNetwork();
   dropBoundingSet();
   if (auto failure = becomeUnprivileged()) return failure;
+  if (!left) leaveNetworkUnprivileged();
   if (auto failure = dropCapabilities()) return failure;
   if (prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) return failed("dumpable");
   if (auto failure = limitResources()) return failure;
