@@ -16,8 +16,8 @@ if(EXISTS "${proxymanager_interface}")
     DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
 endif()
 
-# What the system around the daemon reads. In the prefix, but for the configuration; the folders of
-# systemd are not those of the libraries.
+# What the system around the daemon reads. The unit alone holds a whole path, the daemon's below the
+# prefix that the build was configured with: systemd knows no other way to name a program.
 set(PROXYMANAGER_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
     "Where the systemd unit goes: below the prefix, or an absolute folder")
 set(proxymanager_packaging "${PROJECT_SOURCE_DIR}/packaging")
