@@ -21,8 +21,8 @@ ANSWER = ["PROXY 10.0.0.1:8080", "DIRECT"]
 LEFT_ALONE = re.compile(r"/(proc|sys|dev|run/(systemd|udev|log|lock)|var/(log|cache)|var/lib/dpkg"
                         r"|tmp/systemd-private.*|var/tmp/systemd-private.*)(/|$)"
                         r"|/etc/(passwd|group|shadow|gshadow)-$|/var/lib/systemd/(timers|random.*)"
-                        r"|/etc/\.pwd\.lock$|/run/initctl|/var/lib/systemd/deb-systemd-helper-enabled$"
-                        r"|/var/lib/systemd/deb-systemd-helper-masked$")
+                        r"|/etc/\.pwd\.lock$|/run/initctl"
+                        r"|/var/lib/systemd/deb-systemd-helper-(enabled|masked)$")
 
 
 class Caller(Client):
