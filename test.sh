@@ -97,5 +97,6 @@ test_sanitizers() {
 
 launcher=()
 step "Looking for what is missing on this machine"
-"$top/packaging/dependencies.sh"
+# The tests build the Debian packages too.
+"$top/packaging/dependencies.sh" --package
 "test_$mode"

@@ -15,3 +15,30 @@ if(EXISTS "${proxymanager_interface}")
   install(FILES "${proxymanager_interface}"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
 endif()
+
+# What the system around the daemon reads. The unit alone holds a whole path, the daemon's below the
+# prefix that the build was configured with: systemd knows no other way to name a program.
+set(PROXYMANAGER_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
+    "Where the systemd unit goes: below the prefix, or an absolute folder")
+set(proxymanager_packaging "${PROJECT_SOURCE_DIR}/packaging")
+configure_file("${proxymanager_packaging}/systemd/proxymanagerd.service.in"
+  "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanagerd.service" @ONLY)
+install(FILES "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanagerd.service"
+  DESTINATION "${PROXYMANAGER_SYSTEMD_UNIT_DIR}")
+install(FILES "${proxymanager_packaging}/sysusers.d/proxymanagerd.conf" DESTINATION lib/sysusers.d)
+install(FILES "${proxymanager_packaging}/dbus/com.zentu.ProxyManagerService.conf"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/system.d")
+install(FILES "${proxymanager_packaging}/dbus/com.zentu.ProxyManagerService.service"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/system-services")
+install(FILES "${proxymanager_packaging}/etc/trace.conf"
+  DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/proxymanagerd")
+
+set(proxymanager_pages "${PROJECT_SOURCE_DIR}/docs/man")
+install(FILES "${proxymanager_pages}/proxymanagerd.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
+install(FILES "${proxymanager_pages}/proxymanager-trace.conf.5"
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")
+install(FILES "${proxymanager_pages}/com.zentu.ProxyManagerServiceInterface.7"
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
+if(TARGET proxymanagerctl)
+  install(FILES "${proxymanager_pages}/proxymanagerctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+endif()

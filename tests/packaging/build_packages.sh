@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Builds the Debian packages in FOLDER/out from a copy of the tree, and has lintian look at them.
+# usage: build_packages.sh TREE FOLDER
+#
+# The copy keeps what was built in it before, so only what changed since is built anew.
+set -euo pipefail
+tree=$1 folder=$2
+copy=$folder/tree out=$folder/out
+rm -rf "$out"
+mkdir -p "$copy" "$out"
+
+if [ -n "${PROXYMANAGER_PACKAGES-}" ]; then
+  cp "$PROXYMANAGER_PACKAGES"/proxymanager* "$out"
+else
+  # The files that git knows or would add; what is gone from the tree goes from the copy.
+  files=$(mktemp)
+  trap 'rm -f "$files"' EXIT
+  (cd "$tree" && git -c safe.directory='*' ls-files -z --cached --others --exclude-standard |
+    while IFS= read -r -d '' file; do
+      if [ -e "$file" ] || [ -L "$file" ]; then printf '%s\0' "$file"; fi
+    done) >"$files"
+  find "$copy" -mindepth 1 -maxdepth 1 ! -name 'obj-*' -exec rm -rf {} +
+  tar -C "$tree" --null --files-from="$files" -cf - | tar -C "$copy" -xf -
+  (cd "$copy" && dpkg-buildpackage --build=binary --build-profiles=nocheck --no-pre-clean -us -uc)
+  mv "$folder"/proxymanager* "$out"
+fi
+
+# Errors and warnings fail, and so does an override that no longer overrides anything.
+lintian --allow-root --fail-on error,warning --tag-display-limit 0 "$out"/*.changes
+unused=$(lintian --allow-root --tags unused-override,mismatched-override "$out"/*.changes)
+[ -z "$unused" ] || {
+  echo "$unused" >&2
+  exit 1
+}

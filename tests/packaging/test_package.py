@@ -1,0 +1,310 @@
+"""The packages in a clean system that runs. The tests build on each other, in this order."""
+
+import http.server
+import pathlib
+import re
+import threading
+
+import pytest
+from jeepney import DBusAddress, message_bus, new_signal
+from machine import Inside, Refused
+from support.bus import INTERFACE, PATH, Client, Signals
+
+BUS = "unix:path=/run/dbus/system_bus_socket"
+UNIT = "proxymanagerd.service"
+DENIED = "org.freedesktop.DBus.Error.AccessDenied"
+CAP_FOWNER = 1 << 3
+SCRIPT = b"""function FindProxyForURL(url, host) { return "PROXY 10.0.0.1:8080; DIRECT"; }"""
+ANSWER = ["PROXY 10.0.0.1:8080", "DIRECT"]
+# What changes in a system that runs, whoever is installed; and the copies that the programs which
+# change accounts keep of what was before.
+LEFT_ALONE = re.compile(r"/(proc|sys|dev|run/(systemd|udev|log|lock)|var/(log|cache)|var/lib/dpkg"
+                        r"|tmp/systemd-private.*|var/tmp/systemd-private.*)(/|$)"
+                        r"|/etc/(passwd|group|shadow|gshadow)-$|/var/lib/systemd/(timers|random.*)"
+                        r"|/etc/\.pwd\.lock$|/run/initctl"
+                        r"|/var/lib/systemd/deb-systemd-helper-(enabled|masked)$")
+
+
+class Caller(Client):
+    """What an account does on the bus."""
+
+    def __init__(self):
+        super().__init__(BUS)
+
+    def pretend(self, member):
+        """Says the service's signal, and waits until the bus has dealt with it."""
+        self.connection.send(new_signal(DBusAddress(PATH, interface=INTERFACE), member))
+        self.connection.send_and_get_reply(message_bus.GetId(), timeout=20)
+
+
+class Listener(Signals):
+    def __init__(self):
+        super().__init__(BUS)
+
+
+class WebServer:
+    """Serves SCRIPT under every path, on the system's own loopback interface."""
+
+    def __init__(self):
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                self.send_response(200)
+                self.send_header("Content-Length", str(len(SCRIPT)))
+                self.end_headers()
+                self.wfile.write(SCRIPT)
+
+            def log_message(self, *_):
+                pass
+
+        self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        threading.Thread(target=self._server.serve_forever, daemon=True).start()
+
+    def url(self):
+        return f"http://127.0.0.1:{self._server.server_port}/proxy.pac"
+
+
+def files(machine):
+    found = machine.run("find", "/", "-path", "/proc", "-prune", "-o", "-path", "/sys", "-prune",
+                        "-o", "-print").stdout.splitlines()
+    return {name for name in found if not LEFT_ALONE.match(name)}
+
+
+def accounts(machine):
+    return {line.split(":")[0] for kind in ("passwd", "group")
+            for line in machine.run("getent", kind).stdout.splitlines()}
+
+
+def main_process(machine):
+    """The daemon's id as the system sees it; None where it does not run."""
+    return int(machine.show(UNIT, "MainPID")) or None
+
+
+def status(machine, pid):
+    text = machine.run("cat", f"/proc/{pid}/status").stdout
+    return dict(line.split(":\t", 1) for line in text.splitlines() if ":\t" in line)
+
+
+
+@pytest.fixture(scope="session")
+def before(machine):
+    return files(machine), accounts(machine)
+
+
+@pytest.fixture(scope="session")
+def installed(machine, before):
+    for package in machine.packages:
+        copy = machine.root / pathlib.Path(package).name
+        copy.write_bytes(pathlib.Path(package).read_bytes())
+    names = ["/" + pathlib.Path(package).name for package in machine.packages]
+    machine.run("dpkg", "-i", *names)
+    machine.run("rm", *names)
+    machine.run("useradd", "--system", "--groups", "proxymanager", "member")
+    machine.run("useradd", "--system", "stranger")
+    return machine
+
+
+@pytest.fixture
+def callers(installed):
+    made = {name: Inside(installed, installed.account(name), Caller)
+            for name in ("root", "member", "stranger")}
+    yield made
+    for caller in made.values():
+        caller.close()
+
+
+@pytest.fixture
+def listeners(installed):
+    made = {name: Inside(installed, installed.account(name), Listener)
+            for name in ("root", "member", "stranger")}
+    yield made
+    for listener in made.values():
+        listener.close()
+
+
+def test_installing_starts_the_daemon_as_its_own_user_with_one_capability(installed):
+    assert installed.run("systemctl", "is-active", UNIT, check=False).stdout.strip() == "active", \
+        installed.journal()
+    assert installed.run("systemctl", "is-enabled", UNIT).stdout.strip() == "enabled"
+    daemon = status(installed, main_process(installed))
+    user = installed.account("proxymanagerd")
+    assert daemon["Uid"].split() == [str(user.uid)] * 4
+    assert user.uid != 0 and user.groups == [user.gid]
+    assert installed.account("member").gid not in user.groups
+    for kind in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
+        assert int(daemon[kind], 16) == CAP_FOWNER, kind
+    assert (daemon["NoNewPrivs"], daemon["Seccomp"]) == ("1", "2")
+
+
+def test_no_file_is_shipped_under_usr_local_yet_the_watched_ones_are_there(installed):
+    shipped = installed.run("dpkg", "-L", "proxymanagerd").stdout.split("\n")
+    assert not [name for name in shipped if name.startswith("/usr/local")]
+    for name in ("/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"):
+        assert installed.run("stat", "-c", "%U %a", name).stdout == "root 644\n"
+
+
+# What each account gets: an answer, or a refusal by the bus.
+TABLE = [
+    ("check_started", (), {"root": True, "member": True, "stranger": True}),
+    ("urls", ("http://a.example/",), {"root": True, "member": True, "stranger": True}),
+    ("introspect", (), {"root": True, "member": True, "stranger": True}),
+    ("config", (), {"root": True, "member": True, "stranger": False}),
+    ("update", ("manual", "http://p.example:1"), {"root": True, "member": True, "stranger": False}),
+    ("update", ("off",), {"root": True, "member": True, "stranger": False}),
+]
+
+
+def test_root_and_the_group_configure_and_anybody_asks(callers):
+    for member, arguments, allowed in TABLE:
+        for name, may in allowed.items():
+            try:
+                callers[name].call(member, *arguments)
+                result = "answered"
+            except Refused as refused:
+                result = str(refused)
+            assert result == ("answered" if may else DENIED), f"{name}: {member}{arguments}"
+    callers["root"].call("update", "manual", "http://p.example:1")
+    with pytest.raises(Refused):
+        callers["stranger"].call("update", "off")
+    assert callers["root"].call("config")[:2] == ("manual", "http://p.example:1")
+    assert callers["stranger"].call("urls", "http://a.example/") == ["manual", "http://p.example:1"]
+
+
+def test_the_password_is_told_to_root_and_the_group_alone(callers, listeners):
+    arguments = ("manual", "http://p.example:2", "", True, "user", "secret")
+    callers["member"].call("update", *arguments)
+    for name in ("root", "member"):
+        told = listeners[name].call("wait", "notifyProxyConfigupdated")
+        assert told == ("manual", "http://p.example:2", "user", "secret")
+    # What the service says later comes later: the second of these is behind what was not for them.
+    callers["root"].call("update", "off")
+    listeners["stranger"].call("wait", "notifyClearcache", 2)
+    assert set(listeners["stranger"].call("members")) == {"notifyClearcache"}
+
+
+def test_nobody_else_says_the_signals_of_the_service(callers, listeners):
+    for name in ("stranger", "member"):
+        callers[name].call("pretend", "notifyClearcache")
+    callers["root"].call("update", "off")
+    for listener in listeners.values():
+        listener.call("wait", "notifyClearcache")
+        assert listener.call("count", "notifyClearcache") == 1
+
+
+def test_a_script_runs_in_a_sandboxed_worker_within_the_walls_of_the_unit(installed, callers):
+    with Inside(installed, installed.account("root"), WebServer) as web:
+        callers["member"].call("update", "pacurl", "", web.call("url"))
+        installed.wait(lambda: callers["stranger"].call("urls", "http://a.example/")
+                       == ["pacurl", *ANSWER], "the script answers")
+    found = [pid for pid in installed.run("sh", "-c", "cd /proc && ls -d [0-9]*").stdout.split()
+             if installed.run("cat", f"/proc/{pid}/comm", check=False).stdout == "proxymanager-pa\n"]
+    assert len(found) == 1, installed.journal()
+    worker = status(installed, found[0])
+    assert worker["Uid"].split()[0] == str(installed.account("proxymanagerd").uid)
+    assert int(worker["CapEff"], 16) == int(worker["CapPrm"], 16) == int(worker["CapAmb"], 16) == 0
+    # The unit's filters and its own.
+    daemon = status(installed, main_process(installed))
+    assert int(worker["Seccomp_filters"]) > int(daemon["Seccomp_filters"])
+
+
+def test_what_others_planted_in_tmp_is_replaced(installed, callers):
+    target = "/tmp/proxymanager.pac"
+    installed.run("rm", "-f", target)
+    installed.run("setpriv", "--reuid=stranger", "--regid=stranger", "--clear-groups", "sh", "-c",
+                  f"umask 077; echo planted >{target}; ln -s /etc/passwd {target}.tmp")
+    with Inside(installed, installed.account("root"), WebServer) as web:
+        callers["root"].call("update", "pacurl", "", web.call("url"))
+        installed.wait(lambda: installed.run("stat", "-c", "%U %a", target).stdout
+                       == "proxymanagerd 644\n", "the planted file is replaced")
+    assert installed.run("cat", target).stdout.encode() == SCRIPT
+    assert "root:" in installed.run("cat", "/etc/passwd").stdout
+
+
+def test_the_lease_is_read_and_a_change_of_it_noticed(installed, callers):
+    callers["root"].call("update", "wpad")
+    with Inside(installed, installed.account("root"), WebServer) as web:
+        installed.run("rm", "-f", "/tmp/proxymanager.pac")
+        installed.run("/usr/libexec/proxymanager-lease", "plain", "eth0", web.call("url"),
+                      "corp.example", "")
+        installed.wait(lambda: installed.run("stat", "/tmp/proxymanager.pac",
+                                             check=False).returncode == 0, "the script is fetched")
+        assert callers["root"].call("urls", "http://b.example/")[0] == "wpad"
+    callers["root"].call("update", "off")
+
+
+def test_a_reload_reads_the_trace_settings(installed, callers):
+    def said():
+        return "fileDownload result success" in installed.run(
+            "journalctl", "-q", "-p", "7..7", "-t", "proxymanager_service").stdout
+
+    daemon = main_process(installed)
+    assert not said()
+    settings = installed.root / "etc/proxymanagerd/trace.conf"
+    before = settings.read_text()
+    settings.write_text(before + "baseseverity=7\n")
+    installed.run("systemctl", "reload", UNIT)
+    callers["root"].call("update", "pacurl", "", "http://127.0.0.1:1/")
+    installed.wait(said, "debug lines are said")
+    settings.write_text(before)
+    installed.run("systemctl", "reload", UNIT)
+    assert main_process(installed) == daemon
+    callers["root"].call("update", "off")
+
+
+def test_a_daemon_that_dies_is_started_anew(installed, listeners):
+    killed = main_process(installed)
+    installed.run("sh", "-c", f"kill -KILL {killed}")
+    for listener in listeners.values():
+        assert listener.call("wait", "ProxyMgrStateEvent") == (1,)
+    assert main_process(installed) not in (None, killed)
+
+
+def test_a_call_starts_a_daemon_that_was_stopped(installed, callers):
+    installed.run("systemctl", "stop", UNIT)
+    assert main_process(installed) is None
+    assert installed.show(UNIT, "Result") == "success"
+    assert callers["stranger"].call("check_started") is True
+    assert main_process(installed) is not None
+
+
+def test_the_init_script_runs_the_daemon_with_the_same_rights(installed, callers):
+    def script(action, check=True):
+        # Without it Debian's functions hand the call on to systemd.
+        return installed.run("env", "SYSTEMCTL_SKIP_REDIRECT=1", "/etc/init.d/proxymanagerd", action,
+                             check=check)
+
+    installed.run("systemctl", "stop", UNIT)
+    assert script("status", check=False).returncode == 3
+    script("start")
+    script("start")
+    assert script("status").returncode == 0
+    pid = installed.run("cat", "/run/proxymanagerd/proxymanagerd.pid").stdout
+    daemon = status(installed, pid)
+    user = installed.account("proxymanagerd")
+    assert daemon["Uid"].split() == [str(user.uid)] * 4
+    assert daemon["Groups"].split() == []
+    for kind in ("CapPrm", "CapEff", "CapBnd"):
+        assert int(daemon[kind], 16) == CAP_FOWNER, kind
+    assert daemon["NoNewPrivs"] == "1"
+    with Inside(installed, installed.account("root"), WebServer) as web:
+        callers["root"].call("update", "pacurl", "", web.call("url"))
+        installed.wait(lambda: callers["stranger"].call("urls", "http://c.example/")
+                       == ["pacurl", *ANSWER], "the script answers")
+    script("reload")
+    script("restart")
+    assert installed.run("cat", "/run/proxymanagerd/proxymanagerd.pid").stdout != pid
+    script("stop")
+    assert script("status", check=False).returncode == 3
+    installed.run("systemctl", "start", UNIT)
+
+
+def test_removing_and_purging_leave_nothing(installed, before):
+    names = [pathlib.Path(package).name.split("_")[0] for package in installed.packages]
+    installed.run("userdel", "stranger")
+    installed.run("userdel", "member")
+    installed.run("dpkg", "--remove", *names)
+    assert installed.show(UNIT, "ActiveState") == "inactive"
+    assert installed.run("ls", "/etc/proxymanagerd").stdout == "trace.conf\n"
+    installed.run("dpkg", "--purge", *names)
+    assert files(installed) - before[0] == set()
+    assert before[0] - files(installed) == set()
+    assert accounts(installed) == before[1]
