@@ -128,7 +128,7 @@ std::string DnsServer::answerTo(const std::string& packet) {
     ++mQuestions[question->name];
     if (mStopped.wait_for(lock, name.delay, [this] { return mStop; })) return {};
   }
-  if (name.silent) return {};
+  if (name.silent || (name.silentForIpv4 && question->type == kTypeA)) return {};
   std::string records;
   unsigned count = 0;
   for (const auto& address : name.addresses) {

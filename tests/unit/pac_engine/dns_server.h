@@ -16,6 +16,7 @@ struct DnsName {
   std::uint32_t lifetime = 60;         ///< seconds
   std::chrono::milliseconds delay{0};  ///< before an answer; questions meanwhile wait their turn
   bool silent = false;                 ///< never answers
+  bool silentForIpv4 = false;          ///< never answers when asked for an IPv4 address
 };
 
 class DnsServer {
