@@ -12,6 +12,7 @@ import struct
 import pytest
 from support.own_root import _check, _libc
 from support.syslog_socket import ERR, INFO, NOTICE
+from support.watched import append_and_settle
 from support.web import Web, script
 
 LEASE = "/usr/local/lumad/dhcp.conf"
@@ -63,8 +64,8 @@ def test_the_leases_url_is_tried_first_and_wins(client, syslog, port80):
     hosts("wpad.eng.example.com")
     port80.routes["/proxy.pac"] = script("PROXY dhcp:1; DIRECT")
     port80.routes["/wpad.dat"] = script("PROXY dns:1")
-    write(LEASE, "wpad=http://127.0.0.1/proxy.pac\n")
-    write(RESOLVER, "search eng.example.com\n")
+    append_and_settle(LEASE, "wpad=http://127.0.0.1/proxy.pac\n", syslog)
+    append_and_settle(RESOLVER, "search eng.example.com\n", syslog)
     client.update("wpad")
     loaded(syslog)
     assert client.urls("http://a/") == ["wpad", "PROXY dhcp:1", "DIRECT"]
@@ -80,8 +81,8 @@ def test_the_leases_url_is_tried_first_and_wins(client, syslog, port80):
 def test_the_whole_order_is_lease_then_longest_to_shortest_name(client, syslog, port80):
     hosts("wpad.example.com")
     port80.routes["/wpad.dat"] = script("PROXY dns:1")
-    write(LEASE, "wpad=http://127.0.0.1/none.pac\n")
-    write(RESOLVER, "domain a.example.org\nsearch eng.example.com\n")
+    append_and_settle(LEASE, "wpad=http://127.0.0.1/none.pac\n", syslog)
+    append_and_settle(RESOLVER, "domain a.example.org\nsearch eng.example.com\n", syslog)
     client.update("wpad")
     loaded(syslog)
     assert tried(syslog) == ["http://127.0.0.1/none.pac", "http://wpad.eng.example.com/wpad.dat",
@@ -92,7 +93,7 @@ def test_the_whole_order_is_lease_then_longest_to_shortest_name(client, syslog, 
 def test_without_option_252_the_empty_candidate_fails_first(client, syslog, port80):
     hosts("wpad.example.com")
     port80.routes["/wpad.dat"] = script("PROXY dns:1")
-    write(RESOLVER, "search example.com\n")
+    append_and_settle(RESOLVER, "search example.com\n", syslog)
     client.update("wpad")
     loaded(syslog)
     assert tried(syslog) == ["", "http://wpad.example.com/wpad.dat"]
@@ -103,7 +104,7 @@ def test_without_option_252_the_empty_candidate_fails_first(client, syslog, port
 def test_no_candidate_is_ever_formed_on_a_public_suffix(client, syslog, port80):
     hosts("wpad.co.uk", "wpad.uk")
     port80.routes["/wpad.dat"] = script("PROXY evil:1")
-    write(RESOLVER, "search corp.example.co.uk co.uk\n")
+    append_and_settle(RESOLVER, "search corp.example.co.uk co.uk\n", syslog)
     client.update("wpad")
     syslog.wait(ERR, "PACFetcher-retrievePacFile PAC file download failed "
                      "url:http://wpad.example.co.uk/wpad.dat")
@@ -117,7 +118,7 @@ def test_a_new_lease_changes_the_answers_without_any_call(client, syslog, port80
     hosts()
     port80.routes["/1.pac"] = script("PROXY one:1")
     port80.routes["/2.pac"] = script("PROXY two:1")
-    write(LEASE, "wpad=http://127.0.0.1/1.pac\n")
+    append_and_settle(LEASE, "wpad=http://127.0.0.1/1.pac\n", syslog)
     client.update("wpad")
     loaded(syslog)
     signals.clear()
@@ -132,7 +133,7 @@ def test_a_new_lease_changes_the_answers_without_any_call(client, syslog, port80
 def test_a_new_search_domain_changes_the_answers(client, syslog, port80):
     hosts("wpad.one.example", "wpad.two.example")
     port80.routes["/wpad.dat"] = script("PROXY any:1")
-    write(RESOLVER, "search host.one.example\n")
+    append_and_settle(RESOLVER, "search host.one.example\n", syslog)
     client.update("wpad")
     loaded(syslog)
     write(RESOLVER, "search host.two.example\n")
@@ -143,7 +144,7 @@ def test_a_new_search_domain_changes_the_answers(client, syslog, port80):
 def test_an_unreadable_lease_is_an_error_and_tries_no_name(client, syslog, port80):
     hosts("wpad.example.com")
     port80.routes["/wpad.dat"] = script("PROXY dns:1")
-    write(RESOLVER, "search example.com\n")
+    append_and_settle(RESOLVER, "search example.com\n", syslog)
     os.remove(LEASE)
     os.mkdir(LEASE)
     client.update("wpad")
@@ -154,7 +155,7 @@ def test_an_unreadable_lease_is_an_error_and_tries_no_name(client, syslog, port8
 def test_a_planted_resolver_file_steers_nothing(client, syslog, port80):
     hosts("wpad.evil.example")
     port80.routes["/wpad.dat"] = script("PROXY evil:1")
-    write(RESOLVER, "search evil.example\n")
+    append_and_settle(RESOLVER, "search evil.example\n", syslog)
     os.chown(RESOLVER, 12345, 12345)
     client.update("wpad")
     syslog.wait(ERR, f"PACFetcher-getDomainName open:{RESOLVER} failed")

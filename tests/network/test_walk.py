@@ -9,6 +9,7 @@ from lan import ip
 from support.bus import Client
 from support.syslog_socket import ERR, INFO, NOTICE
 from support.web import script
+from support.watched import append_and_settle
 
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 NAMES = ("wpad.x.dead.example", "wpad.dead.example")
@@ -43,10 +44,8 @@ def walk(gateway, client, syslog, capsys):
     def measure(kind):
         # In mode off the change of the file is read and requests nothing.
         client.update("off")
+        append_and_settle(RESOLVER, "\nsearch x.dead.example\n", syslog)
         syslog.clear()
-        with open(RESOLVER, "w") as file:
-            file.write("search x.dead.example\n")
-        syslog.wait_match(INFO, r"PACFetcher-dhcpCfgWatchThreadFunc read len:\d+")
         begin = time.monotonic()
         client.update("wpad")
         syslog.wait(NOTICE, "PACFetcher-retrievePacFile try to fileDownload "

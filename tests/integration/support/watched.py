@@ -1,0 +1,25 @@
+"""Changes of a watched file that are over before the test goes on."""
+
+import os
+import re
+
+from .bus import wait_until
+from .syslog_socket import INFO
+
+_READ = re.compile(r"PACFetcher-dhcpCfgWatchThreadFunc read len:(\d+)")
+_EVENT = 16  # bytes of an inotify event without a name
+
+
+def _bytes_read(syslog):
+    return sum(int(match[1]) for match in map(_READ.fullmatch, syslog.texts()) if match)
+
+
+def append_and_settle(path, text, syslog):
+    """Appends `text` and waits until the daemon has read both events of that, the change and the
+    closing: one that it reads later would, in a mode with a script, request one fetch more."""
+    syslog.wait_match(INFO, r"PACFetcher-wait_for_changes fd:\d+, interval:1800")
+    before = _bytes_read(syslog)
+    file = os.open(path, os.O_WRONLY | os.O_APPEND)
+    os.write(file, text.encode())
+    os.close(file)
+    wait_until(lambda: _bytes_read(syslog) >= before + 2 * _EVENT, "both events are read")
