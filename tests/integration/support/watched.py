@@ -14,6 +14,13 @@ def _bytes_read(syslog):
     return sum(int(match[1]) for match in map(_READ.fullmatch, syslog.texts()) if match)
 
 
+def _waits_again(syslog):
+    """Whether what was read last has had its effect: the thread has gone back to its wait."""
+    of_the_thread = [text for text in syslog.texts() if _READ.fullmatch(text)
+                     or text.startswith("PACFetcher-wait_for_changes ")]
+    return of_the_thread and not _READ.fullmatch(of_the_thread[-1])
+
+
 def append_and_settle(path, text, syslog):
     """Appends `text` and waits until the daemon has read both events of that, the change and the
     closing: one that it reads later would, in a mode with a script, request one fetch more."""
@@ -22,4 +29,5 @@ def append_and_settle(path, text, syslog):
     file = os.open(path, os.O_WRONLY | os.O_APPEND)
     os.write(file, text.encode())
     os.close(file)
-    wait_until(lambda: _bytes_read(syslog) >= before + 2 * _EVENT, "both events are read")
+    wait_until(lambda: _bytes_read(syslog) >= before + 2 * _EVENT and _waits_again(syslog),
+               "both events are read and seen to")
