@@ -9,6 +9,7 @@ elseif(NOT PROXYMANAGER_SANITIZER STREQUAL "")
 endif()
 
 if(proxymanager_sanitizer_flags)
-  add_compile_options(${proxymanager_sanitizer_flags} -fno-omit-frame-pointer -g)
+  # -O1 and line numbers only: the build takes half of the time, and nothing is lost in reports.
+  add_compile_options(${proxymanager_sanitizer_flags} -fno-omit-frame-pointer -O1 -g1)
   add_link_options(${proxymanager_sanitizer_flags})
 endif()

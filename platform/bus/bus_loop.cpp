@@ -18,8 +18,9 @@ namespace DBus {
 
 namespace {
 
-// What a leaving daemon still has to say fits in the socket's buffer unless the bus is stuck.
-constexpr std::chrono::seconds kSendLimit{1};
+// What a leaving daemon still has to say fits in the socket's buffer unless the bus is stuck, or
+// waits for a processor as everything on a busy machine.
+constexpr std::chrono::seconds kSendLimit{5};
 
 int makeEventFd() {
   const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);

@@ -97,11 +97,11 @@ TEST_F(Helper, EndsHoweverEarlyItIsToldTo) {
   }
 }
 
-// More than a socket's buffers take while nobody reads them.
+// More than a socket's buffers take while nobody reads them: 1 MiB.
 void postMuchOutput(DBus::BusHelper& helper) {
   std::promise<void> posted;
   helper.run([&] {
-    for (int i = 0; i < 64; ++i) {
+    for (int i = 0; i < 16; ++i) {
       DBus::SignalMessage signal("/test", "com.zentu.test", "Much");
       signal.writer().append_string(std::string(64 * 1024, 'x').c_str());
       helper.connection().send(signal);
@@ -122,12 +122,13 @@ TEST_F(Helper, SendsWhatWaitsBeforeItEnds) {
   postMuchOutput(*mHelper);
   std::jthread going([&] { mBus.goOn(); });
   mHelper->stopDispatching();
-  // The release came last; asked by another, for asking on this connection would send it too.
+  // The release came last; asked by another, for asking on this connection would send it too. The
+  // bus may answer that one before it has read what was sent; without the release it never says no.
   DBus::BusDispatcher loop;
   DBus::default_dispatcher = &loop;
   DBus::Connection other(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
   other.register_bus();
-  EXPECT_FALSE(other.has_name("com.zentu.test"));
+  while (other.has_name("com.zentu.test")) std::this_thread::yield();
 }
 
 TEST_F(Helper, GivesUpSendingToABusThatDoesNotRead) {
@@ -136,7 +137,7 @@ TEST_F(Helper, GivesUpSendingToABusThatDoesNotRead) {
   postMuchOutput(*mHelper);
   const auto begin = std::chrono::steady_clock::now();
   mHelper->stopDispatching();
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
   mBus.goOn();
 }
 
