@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
@@ -19,7 +18,6 @@ namespace pac_engine {
 
 namespace {
 
-constexpr const char* kConfiguration = "/etc/resolv.conf";
 
 // A server that is dead is given up for the next one after half a second. The tries double, so a
 // single server that is merely slow is heard for the whole 2 s that a lookup may take.
@@ -138,15 +136,7 @@ DnsResolver::DnsResolver(std::string servers) : mServers(std::move(servers)) {}
 DnsResolver::~DnsResolver() = default;
 
 bool DnsResolver::configurationChanged() {
-  struct stat file {};
-  // A file that is not there has an identity of its own: none.
-  if (stat(kConfiguration, &file) != 0) file = {};
-  auto seen = std::to_string(file.st_dev) + ":" + std::to_string(file.st_ino) + ":" +
-              std::to_string(file.st_size) + ":" + std::to_string(file.st_mtim.tv_sec) + "." +
-              std::to_string(file.st_mtim.tv_nsec);
-  if (seen == mSeen) return false;
-  const bool changed = !mSeen.empty();
-  mSeen = std::move(seen);
+  const bool changed = mConfiguration.seen();
   if (changed) mResolver.reset();
   return changed;
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/pac_engine/channel.h"
+#include "platform/pac_engine/file_change.h"
 #include "platform/pac_engine/worker/pac_environment.h"
 
 namespace pac_engine {
@@ -46,7 +47,7 @@ class DnsResolver {
   struct Resolver;  ///< c-ares' channel
   std::string mServers;
   std::unique_ptr<Resolver> mResolver;
-  std::string mSeen;  ///< what told the resolver's configuration apart when last looked at
+  FileChange mConfiguration{"/etc/resolv.conf"};
 };
 
 }  // namespace pac_engine

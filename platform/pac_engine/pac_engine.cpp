@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/log/log_line.h"
+#include "platform/pac_engine/file_change.h"
 #include "platform/pac_engine/own_address.h"
 #include "platform/pac_engine/request_url.h"
 #include "platform/pac_engine/worker_process.h"
@@ -47,10 +48,12 @@ struct Engine::Impl {
   std::vector<std::string> own(AddressFamily family);
   void say(std::string_view alert);
   void discard(const char* why);
+  void followZone();
 
   Options options;
   UniqueFd script;
   NameLookup names;
+  FileChange zone{"/etc/localtime"};  ///< what a worker reads before its walls stand
   std::unique_ptr<WorkerProcess> worker;
   std::uint32_t serial = 0;
   std::size_t alertBytesLeft = 0;
@@ -62,6 +65,14 @@ void Engine::Impl::discard(const char* why) {
   const auto how = worker->end();
   worker.reset();
   logLine(LOG_WARNING, "pac_engine: worker %d %s (%s)", pid, why, how.c_str());
+}
+
+/// Behind its walls a worker cannot read the zone again: a device that has moved needs a new one.
+void Engine::Impl::followZone() {
+  if (!zone.seen() || !worker || !options.zone.empty()) return;
+  logLine(LOG_DEBUG, "pac_engine: the device's zone has changed, worker %d is replaced",
+          worker->pid());
+  worker.reset();
 }
 
 bool Engine::Impl::start(Deadline deadline, Problem& problem) {
@@ -90,6 +101,7 @@ bool Engine::Impl::start(Deadline deadline, Problem& problem) {
 
 Reply Engine::Impl::ask(std::string_view url, std::string_view host, Deadline deadline) {
   Reply reply;
+  followZone();
   if (!worker && !start(deadline, reply.problem)) return reply;
   const auto question = encode(FromLibrary(Evaluate{++serial, url, host}));
   worker->follow();
@@ -192,6 +204,7 @@ std::unique_ptr<Engine> Engine::load(std::string_view script, Options options, P
     refused = problemOf(std::string("no memory file: ") + std::strerror(errno));
     return nullptr;
   }
+  impl->zone.seen();  // before the worker reads it
   if (!impl->start(deadline, refused)) return nullptr;
   return std::unique_ptr<Engine>(new Engine(std::move(impl)));
 }

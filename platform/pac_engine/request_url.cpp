@@ -60,18 +60,33 @@ bool dropDefaultPort(CURLU* url, const std::string& scheme) {
   return !isDefault || set(url, CURLUPART_PORT, nullptr);
 }
 
-bool clean(CURLU* url) {
+/// Whether only the server sees path and query of such a URL.
+bool isEncrypted(std::string_view scheme) {
+  return scheme == "https" || scheme == "wss";
+}
+
+/// Whether `given` ends in a question mark with nothing behind it, which curl takes for no query.
+bool hasEmptyQuery(CURLU* url, const std::string& given) {
+  const auto size = std::min(given.find('#'), given.size());
+  return given[size - 1] == '?' && part(url, CURLUPART_QUERY).value_or("").empty();
+}
+
+std::optional<std::string> clean(CURLU* url, const std::string& given) {
   const auto scheme = part(url, CURLUPART_SCHEME);
-  if (!scheme) return false;
+  if (!scheme) return std::nullopt;
+  const bool emptyQuery = !isEncrypted(*scheme) && hasEmptyQuery(url, given);
   bool done = true;
   for (const auto secret :
        {CURLUPART_USER, CURLUPART_PASSWORD, CURLUPART_OPTIONS, CURLUPART_FRAGMENT}) {
     done = done && set(url, secret, nullptr);
   }
-  if (*scheme == "https" || *scheme == "wss") {
+  if (isEncrypted(*scheme)) {
     done = done && set(url, CURLUPART_PATH, "/") && set(url, CURLUPART_QUERY, nullptr);
   }
-  return done && lowerHost(url) && dropDefaultPort(url, *scheme);
+  if (!done || !lowerHost(url) || !dropDefaultPort(url, *scheme)) return std::nullopt;
+  auto cleaned = part(url, CURLUPART_URL);
+  if (cleaned && emptyQuery) *cleaned += '?';
+  return cleaned;
 }
 
 // RFC 3986, 3.1: a letter, then letters, digits, "+", "-" and ".".
@@ -99,12 +114,12 @@ std::optional<std::string> cleanedUrl(std::string_view url) {
   if (given.find("://") == std::string::npos) return given;
   const Url parsed(curl_url(), &curl_url_cleanup);
   if (!parsed ||
-      curl_url_set(parsed.get(), CURLUPART_URL, given.c_str(), kParseFlags) != CURLUE_OK ||
-      !clean(parsed.get())) {
+      curl_url_set(parsed.get(), CURLUPART_URL, given.c_str(), kParseFlags) != CURLUE_OK) {
     return schemeAlone(given);
   }
-  auto cleaned = part(parsed.get(), CURLUPART_URL);
-  if (cleaned && cleaned->size() > kMaxUrlBytes) return std::nullopt;
+  auto cleaned = clean(parsed.get(), given);
+  if (!cleaned) return schemeAlone(given);
+  if (cleaned->size() > kMaxUrlBytes) return std::nullopt;
   return cleaned;
 }
 

@@ -3,9 +3,13 @@
 #include <syslog.h>
 
 #include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
 
 #include "platform/pac_engine/pac_engine.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/own_root.h"
 
 namespace {
 
@@ -169,6 +173,49 @@ TEST(Engine, KnowsTheDevicesZoneBehindTheWalls) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(engine->evaluate("http://h/", "h").result, std::to_string(local.tm_hour));
   }
+}
+
+// UTC and a zone of UTC+9 without rules, as small as such a file may be (RFC 8536, version 1).
+std::string zoneFile(unsigned char hoursEast) {
+  const std::uint32_t offset = hoursEast * 3600U;
+  std::string file = std::string("TZif") + std::string(16, '\0');
+  for (const char count : {'\0', '\0', '\0', '\0', '\1', '\4'}) file += std::string(3, '\0') + count;
+  for (const unsigned shift : {24U, 16U, 8U, 0U}) file += static_cast<char>(offset >> shift);
+  return file + std::string(2, '\0') + std::string("AAA\0", 4);
+}
+
+void putZone(const std::string& file) {
+  std::ofstream("/etc/zone.new") << file;
+  std::filesystem::rename("/etc/zone.new", "/etc/localtime");
+}
+
+TEST(Engine, FollowsTheDeviceIntoAnotherZone) {
+  enterOwnRoot();
+  putZone(zoneFile(0));
+  const auto engine = load("var n = 0; " + script("return ++n + '/' + new Date(0).getHours();"));
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "1/0");
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "2/0");
+  const auto first = engine->workerPid();
+  clearLog();
+  putZone(zoneFile(9));
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "1/9") << "a new worker, loaded anew";
+  EXPECT_TRUE(logged(LOG_DEBUG, "pac_engine: the device's zone has changed, worker " +
+                                    std::to_string(first) + " is replaced"));
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "2/9");
+  std::filesystem::remove("/etc/localtime");
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "1/0") << "a device without one keeps UTC";
+}
+
+TEST(Engine, StaysInTheZoneItIsGivenWhereTheDeviceChangesIts) {
+  enterOwnRoot();
+  putZone(zoneFile(0));
+  Options options;
+  options.zone = "Asia/Tokyo";
+  const auto engine =
+      load("var n = 0; " + script("return ++n + '/' + new Date(0).getHours();"), options);
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "1/9");
+  putZone(zoneFile(3));
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "2/9");
 }
 
 TEST(Engine, GivesNamesAndAddressesItIsGiven) {

@@ -40,6 +40,18 @@ TEST(RequestUrl, LosesUserPasswordAndFragmentOfEveryScheme) {
               {"http://h/#", "http://h/"}});
 }
 
+TEST(RequestUrl, KeepsAQueryThatIsEmpty) {
+  expectRows({{"http://h/p?", "http://h/p?"},
+              {"http://H?", "http://h/?"},
+              {"http://user@h:80/p?#frag?", "http://h/p?"},
+              {"ws://h/?", "ws://h/?"},
+              {"foo://h/x?", "foo://h/x?"},
+              {"http://h/p??", "http://h/p??"},
+              {"http://h/p#?", "http://h/p"},
+              {"https://h/p?", "https://h/"},
+              {"wss://h?", "wss://h/"}});
+}
+
 TEST(RequestUrl, LowersSchemeAndHostAndNothingElse) {
   expectRows({{"HTTP://ExAmple.COM/PaTh?Query", "http://example.com/PaTh?Query"},
               {"HTTP://[FE80::A]/", "http://[fe80::a]/"},
