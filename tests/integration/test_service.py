@@ -21,7 +21,7 @@ def test_the_start_is_announced_every_two_seconds_until_the_first_update(daemon,
     took = time.monotonic() - begin
     assert took > 1.9  # a whole pause, and what the one before it had left
     if not sanitizer:
-        assert took < 6
+        assert took < 30
     client.update("off")
     time.sleep(4.5)  # more than two pauses
     members = signals.members()

@@ -136,9 +136,13 @@ def test_an_endless_body_is_hung_up_on_within_a_second(downloads):
             hung_up.append(time.monotonic() - past)
 
     downloads.web.routes["/endless"] = endless
-    downloads.fails(downloads.url("/endless"), "false", 200)
-    wait_until(lambda: hung_up, "the server sees its connection go")
-    assert hung_up[0] < 1
+    # A busy machine is seldom busy three times.
+    for tries in range(1, 4):
+        downloads.fails(downloads.url("/endless"), "false", 200)
+        wait_until(lambda: len(hung_up) == tries, "the server sees its connection go")
+        if min(hung_up) < 1:
+            break
+    assert min(hung_up) < 1
 
 
 def test_compressed_bodies_that_nobody_asked_for_stay_compressed(downloads):
@@ -217,12 +221,11 @@ def test_a_dripping_server_has_30_seconds_and_the_old_script_answers_meanwhile(d
     downloads.fetch(downloads.url("/drip"))
     downloads.web.wait("/drip")
     for host in range(20):
-        asked = time.monotonic()
         assert downloads.client.urls(f"http://h{host}/") == ["pacurl", "PROXY old:1"]
-        assert time.monotonic() - asked < 5
+    assert time.monotonic() - begin < SECONDS - 1, "they were answered while it dripped"
     downloads.syslog.wait(ERR, "PACFetcher-retrievePacFile PAC file download failed "
                                f"url:{downloads.url('/drip')}", limit=SECONDS + 15)
-    assert SECONDS - 1 < time.monotonic() - begin < SECONDS + 5
+    assert SECONDS - 1 < time.monotonic() - begin < SECONDS + 15
     downloads.syslog.wait(DEBUG, "PACFetcher-fileDownload result success:false, code:200")
     wait_until(lambda: not os.path.exists(PAC + ".tmp"), "no temporary file")
     downloads.answers("PROXY old:1")

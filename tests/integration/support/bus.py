@@ -178,6 +178,20 @@ class Signals:
             return [arguments for name, arguments in self._signals if name == member][-1]
 
 
+def shortest(limit, step, before=lambda: None):
+    """The shortest of up to five runs of `step`, in seconds; one within the limit is enough. What can
+    be done in time is done in time once, and a busy machine is seldom busy five times."""
+    best = float("inf")
+    for _ in range(5):
+        before()
+        begin = time.monotonic()
+        step()
+        best = min(best, time.monotonic() - begin)
+        if best < limit:
+            break
+    return best
+
+
 def wait_until(condition, what, limit=LIMIT, pause=0.01):
     """For what has no event of its own."""
     end = time.monotonic() + limit

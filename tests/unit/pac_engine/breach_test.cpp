@@ -17,7 +17,8 @@ using namespace pac_engine;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr milliseconds kTimeLimit{300};
+// Long enough for a worker that is started again on a busy machine.
+constexpr milliseconds kTimeLimit{1000};
 
 std::unique_ptr<Engine> engine(Problem& problem, const char* script = "ready") {
   Options options;
@@ -50,7 +51,7 @@ TEST_P(Breaches, CostTheQuestionAndNothingElse) {
   const auto pid = one->workerPid();
   const auto start = steady_clock::now();
   const auto reply = one->evaluate("http://h/", GetParam().step);
-  EXPECT_LT(steady_clock::now() - start, kTimeLimit + kKillGrace + milliseconds(1500));
+  EXPECT_LT(steady_clock::now() - start, kTimeLimit + kKillGrace + std::chrono::seconds(10));
   EXPECT_FALSE(reply.result);
   EXPECT_EQ(reply.problem.message, std::string("the script worker ") + GetParam().problem);
   EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1) << "the worker has not been waited for";

@@ -20,7 +20,7 @@ using std::chrono::steady_clock;
 
 constexpr milliseconds kTimeLimit{1000};
 // What the machine may lose by being busy, and a script by being loaded anew.
-constexpr milliseconds kRoom{1500};
+constexpr milliseconds kRoom{20'000};
 
 struct Hostile {
   const char* name;

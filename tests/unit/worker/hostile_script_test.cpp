@@ -49,7 +49,7 @@ class EndlessWork : public Hostile, public testing::WithParamInterface<Attack> {
 TEST_P(EndlessWork, IsEndedByTheTimeLimit) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(attack(GetParam().body, hasty(), GetParam().prelude), kTime);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(6));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
   EXPECT_TRUE(mWorld.alerts.empty()) << "the interrupt cannot be caught";
   EXPECT_EQ(ask(), "DIRECT");
 }
