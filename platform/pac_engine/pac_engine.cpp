@@ -232,17 +232,33 @@ std::string describe(const Problem& problem) {
   return "line " + std::to_string(problem.line) + ": " + problem.message;
 }
 
+namespace {
+
+/// How many bytes follow this one in a character of UTF-8.
+int followers(unsigned char lead) {
+  if (lead >= 0xC2 && lead < 0xE0) return 1;
+  if (lead >= 0xE0 && lead < 0xF0) return 2;
+  return lead >= 0xF0 && lead < 0xF5 ? 3 : 0;
+}
+
+}  // namespace
+
 std::string visible(std::string_view text) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string shown;
   shown.reserve(text.size());
+  int awaited = 0;       // bytes that belong to the character begun
   bool afterC2 = false;  // C2 80 to C2 9F are the control characters beyond ASCII
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    const bool control = byte < 0x20 || byte == 0x7F || (afterC2 && byte >= 0x80 && byte < 0xA0);
-    if (control && afterC2 && byte >= 0x80) shown.pop_back();
+    const bool follows = byte >= 0x80 && byte < 0xC0;
+    const bool control = byte < 0x20 || byte == 0x7F || (afterC2 && follows && byte < 0xA0);
+    if (control && follows) shown.pop_back();
+    // Alone, it is a control character to a terminal that knows no UTF-8.
+    const bool lone = follows && awaited == 0;
+    awaited = follows ? awaited - (lone ? 0 : 1) : followers(byte);
     afterC2 = byte == 0xC2;
-    if (control) {
+    if (control || lone) {
       shown += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 15U]};
     } else {
       shown += c;

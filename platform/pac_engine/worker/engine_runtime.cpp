@@ -11,7 +11,6 @@ namespace pac_worker {
 namespace {
 
 constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
-constexpr std::size_t kAlertBytes = 2048;  // logged in one evaluation
 constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
 // Where a small block is refused, the engine may recurse without end, making an error about the
 // error. So past the heap limit small blocks are still granted, from a reserve that lasts until the
@@ -121,7 +120,7 @@ void EngineRuntime::begin() {
   mMemoryRefused = false;
   mReserve = kSmallReserve;
   mTimeIsUp = false;
-  mAlertBytesLeft = kAlertBytes;
+  mAlertBytesLeft = mLimits.alertBytes;
   mStarving = false;
   mDeadline = std::chrono::steady_clock::now() + mLimits.time;
 }

@@ -24,6 +24,10 @@
 
 namespace {
 
+// The library takes a worker for broken that says more than the protocol lets it.
+static_assert(pac_worker::ScriptLimits{}.resultBytes == pac_engine::kMaxResultBytes);
+static_assert(pac_worker::ScriptLimits{}.alertBytes == pac_engine::kMaxAlertBytes);
+
 using pac_worker::BrokerEnvironment;
 using pac_worker::ScriptEngine;
 

@@ -29,6 +29,7 @@ struct ScriptLimits {
   std::chrono::milliseconds time{
       5000};  ///< one load or one evaluation, measured on CLOCK_MONOTONIC
   std::size_t resultBytes = 64U << 10U;  ///< longest result text; longer: no answer
+  std::size_t alertBytes = 2U << 10U;    ///< logged of all alerts of one evaluation; further: cut
 };
 
 /// Why a script was refused or gave no answer. Texts are valid UTF-8, one line, 512 bytes at most.

@@ -64,6 +64,8 @@ INSTANTIATE_TEST_SUITE_P(Worker, Breaches,
                                            Breach{"hang", "did not answer in time"},
                                            Breach{"garbage", "sent what is no message"},
                                            Breach{"too_long", "sent what is no message"},
+                                           Breach{"nothing", "ended without an answer"},
+                                           Breach{"late_refusal", "answered what was not asked"},
                                            Breach{"early_ready", "answered what was not asked"},
                                            Breach{"wrong_serial", "answered what was not asked"},
                                            Breach{"alert_flood", "did not answer in time"},
@@ -71,8 +73,17 @@ INSTANTIATE_TEST_SUITE_P(Worker, Breaches,
                                                   "does not read its answers"}),
                          [](const auto& test) { return test.param.step; });
 
+TEST(Worker, ThatAnswersTwiceLosesTheNextQuestion) {
+  const auto one = readyEngine();
+  EXPECT_EQ(one->evaluate("http://h/", "first_answer").result, "PROXY a:1");
+  const auto second = one->evaluate("http://h/", "url");
+  EXPECT_FALSE(second.result) << "what is left of the first question answers no other";
+  EXPECT_EQ(second.problem.message, "the script worker answered what was not asked");
+  EXPECT_EQ(one->evaluate("http://h/", "url").result, "http://h/");
+}
+
 TEST(Worker, ThatBreaksTheRulesWhileLoadingIsRefused) {
-  for (const char* step : {"garbage", "wrong_serial", "exit", "hang"}) {
+  for (const char* step : {"garbage", "nothing", "wrong_serial", "exit", "hang"}) {
     Problem problem;
     EXPECT_EQ(engine(problem, step), nullptr) << step;
     EXPECT_EQ(problem.message.rfind("the script worker ", 0), 0U) << problem.message;

@@ -20,6 +20,16 @@ TEST(Visible, ShowsControlCharactersBeyondAscii) {
   EXPECT_EQ(visible("\xc2\x80\xc2\x9f\xc2\xa0"), "\\x80\\x9f\xc2\xa0");
 }
 
+TEST(Visible, ShowsBytesThatFollowNone) {
+  EXPECT_EQ(visible("\x9b[2J"), "\\x9b[2J");
+  EXPECT_EQ(visible("\xe2\x82\xac\x9b"), "\xe2\x82\xac\\x9b");
+  EXPECT_EQ(visible("\xf0\x9f\x98\x80"), "\xf0\x9f\x98\x80");
+  EXPECT_EQ(visible("\xc3"
+                    "a\x85"),
+            "\xc3"
+            "a\\x85");
+}
+
 TEST(Describe, NamesTheLineWhereOneIsKnown) {
   EXPECT_EQ(describe({"Error: x", 3}), "line 3: Error: x");
   EXPECT_EQ(describe({"Error: x", 0}), "Error: x");

@@ -80,6 +80,13 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
       {"too_long", [] { sendRaw(std::string(pac_engine::kMaxMessageBytes + 10, 'x')); }},
       {"early_ready",
        [] { sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Ready{}))); }},
+      {"nothing", [] { sendRaw(""); }},
+      {"late_refusal",
+       [] { sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Refused{1, "no"}))); }},
+      {"first_answer",
+       [] {
+         sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{1, "PROXY a:1"})));
+       }},
       {"wrong_serial",
        [] {
          sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{9999, "PROXY x:1"})));
