@@ -11,6 +11,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
 
   --sanitizers  run them under the address, leak and undefined behaviour sanitizers, and again under
                 the thread sanitizer, each without the tests labelled "slow"
+  --coverage    run all but the slow ones and those of packages, and print the coverage of lines and
+                branches, file by file; a page of each below build/coverage/report
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
   -j N          N processes at once for building, and half as many again for testing, as most
@@ -25,6 +27,7 @@ mode=plain build=$top/build jobs=$(nproc) werror=OFF
 while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
+    --coverage) mode=coverage ;;
     --werror) werror=ON ;;
     --build) build=${2:?--build needs a folder} && shift ;;
     -j) jobs=${2:?-j needs a number} && shift ;;
@@ -94,6 +97,23 @@ test_sanitizers() {
   without_random_addresses
   build_tree thread -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPROXYMANAGER_SANITIZER=thread
   run_tests thread -LE '^slow$'
+}
+
+# What a killed process ran is not counted: the counts are written at its end.
+test_coverage() {
+  local status=0 report=$build/coverage/report
+  build_tree coverage -DCMAKE_BUILD_TYPE=Debug -DPROXYMANAGER_COVERAGE=ON
+  find "$build/coverage" -name '*.gcda' -delete
+  run_tests coverage -LE '^(slow|checks|packaging)$' || status=$?
+  step "Coverage"
+  mkdir -p "$report"
+  gcovr --root "$top" --object-directory "$build/coverage" --exclude 'tests/' --exclude 'build/' \
+    --exclude-throw-branches --gcov-ignore-parse-errors --txt "$report/lines.txt" \
+    --html-details "$report/index.html" --json-summary "$report/summary.json" "$build/coverage"
+  gcovr --root "$top" --object-directory "$build/coverage" --exclude 'tests/' --exclude 'build/' \
+    --exclude-throw-branches --branches --txt "$report/branches.txt" "$build/coverage"
+  cat "$report/lines.txt" "$report/branches.txt"
+  return "$status"
 }
 
 launcher=()

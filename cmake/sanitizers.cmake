@@ -13,3 +13,9 @@ if(proxymanager_sanitizer_flags)
   add_compile_options(${proxymanager_sanitizer_flags} -fno-omit-frame-pointer -O1 -g1)
   add_link_options(${proxymanager_sanitizer_flags})
 endif()
+
+# Counted without optimization, so that each line is one; several threads and processes count.
+if(PROXYMANAGER_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic -O0)
+  add_link_options(--coverage)
+endif()

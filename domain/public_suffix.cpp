@@ -39,7 +39,7 @@ bool isCurrentSuffix(const std::string& name) {
 }  // namespace
 
 bool isPublicSuffix(const std::string& name) {
-  std::string seen(name.c_str());
+  std::string seen(name, 0, name.find('\0'));
   seen.erase(seen.find_last_not_of('.') + 1);
   for (char& c : seen) c = static_cast<char>(domain::foldAscii(c));
   if (seen.empty()) return false;

@@ -75,7 +75,7 @@ std::string topLevelDomain(const std::string& domain) {
     if (dot == std::string::npos) break;
     end = dot;
   }
-  const std::string tld(result);
+  std::string tld(result);
   logLine(LOG_INFO, "%s%s domain:%s, tld:%s", "", "topLevelDomain", domain.c_str(), tld.c_str());
   return tld;
 }

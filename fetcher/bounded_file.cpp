@@ -57,7 +57,7 @@ std::FILE* createBoundedFile(const char* path, std::size_t limit) {
   if (target->fd < 0) return nullptr;
   std::FILE* stream = fopencookie(target.get(), "wb", {nullptr, writeTarget, nullptr, closeTarget});
   if (stream == nullptr) return nullptr;
-  target.release();  // the stream's from here on; closeTarget deletes it
+  static_cast<void>(target.release());  // the stream's from here on; closeTarget deletes it
   std::setvbuf(stream, nullptr, _IONBF, 0);
   return stream;
 }

@@ -86,7 +86,7 @@ class PACFetcher {
 
   void pacFetcherThreadFunc();
   void dhcpCfgWatchThreadFunc();
-  int wait_for_changes(int fd, int timeout) const;
+  int wait_for_changes(int fd, int interval) const;
 
   enum class Attempt { installed, failed, blockedByFolder };
   bool addUserUrl(std::vector<std::string>& candidates) const PM_REQUIRES(mMutex);

@@ -29,7 +29,7 @@ constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIG
 // Frames beyond are left out: an endless recursion shows its circle long before.
 constexpr int kFrameLimit = 64;
 // The unwinder's own frames, the cursor (1 KiB each) and a line fit several times.
-constexpr std::size_t kStackBytes = 64 * 1024;
+constexpr std::size_t kStackBytes = 64UL * 1024;
 // The whole report, in seconds; after it SIGALRM ends the process.
 constexpr unsigned kReportSeconds = 5;
 // How long a line waits for a stderr or a log that is full.
@@ -202,7 +202,7 @@ void openLog() {
   strncpy(prepared.logAddress.sun_path, "/dev/log", sizeof prepared.logAddress.sun_path - 1);
   if (prepared.logSocket >= 0) return;
   prepared.logSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  const timeval wait{0, kWaitMilliseconds * 1000};
+  const timeval wait{0, kWaitMilliseconds * 1000L};
   setsockopt(prepared.logSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 
