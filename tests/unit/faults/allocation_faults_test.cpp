@@ -115,6 +115,22 @@ TEST(AllocationFault, IsBorneByTheFileForADownload) {
   EXPECT_EQ(descriptors(), before);
 }
 
+// As the service calls it: with texts that stay the caller's.
+TEST(AllocationFault, IsBorneByANewConfiguration) {
+  std::string url = "http://" + kLong;
+  std::string other = "http://other/" + kLong;
+  PACFetcher fetcher(nullptr, "/tmp/proxymanager.pac", 1800);
+  EXPECT_GE(failEachAllocation([&] {
+              ProxyConfig config;
+              config.mode = manual;
+              config.pacurl = url.data();
+              config.proxyurl = other.data();
+              fetcher.updateProxyMgrConfig(config);
+              return true;
+            }),
+            2);
+}
+
 TEST(AllocationFault, IsBorneByTheParsingOfAResult) {
   const std::string result = "PROXY " + kLong + ":1; SOCKS " + kLong + ":2;unknown; DIRECT";
   EXPECT_GE(failEachAllocation([&] {
@@ -124,6 +140,17 @@ TEST(AllocationFault, IsBorneByTheParsingOfAResult) {
               return right;
             }),
             5);
+}
+
+TEST(AllocationFault, IsBorneByTheAnswersOfAParser) {
+  const std::string text = "PROXY " + kLong + ":1; DIRECT";
+  EXPECT_GE(failEachAllocation([&] {
+              PacParser parser(nullptr, false);
+              HeapText result(heapCopy(text.c_str()));
+              PacParser::proxyFound(result.release(), &parser, const_cast<char*>(kLong.c_str()));
+              return entriesOf(parser.getProxy("http://" + kLong + "/"));
+            }),
+            10);
 }
 
 // A query that gives up half-way leaves what was stored where it was.
