@@ -259,4 +259,43 @@ TEST(AllocationFault, IsBorneByNames) {
             10);
 }
 
+TEST(AllocationFault, IsBorneByTheLookedUpNames) {
+  using pac_engine::LookupCache;
+  const LookupCache::Key key(kLong, pac_engine::AddressFamily::kIpv4);
+  const LookupCache::Clock::time_point now{};
+  EXPECT_GE(failEachAllocation([&] {
+              LookupCache cache;
+              cache.store(key, {kLong}, std::chrono::seconds(60), now);
+              cache.store(key, {kLong}, std::chrono::seconds(60), now);
+              return cache.find(key, now).value_or(LookupCache::Addresses());
+            }),
+            8);
+}
+
+TEST(AllocationFault, LeavesEachLookedUpNameItsTurnToGo) {
+  using pac_engine::LookupCache;
+  const LookupCache::Clock::time_point now{};
+  const auto keyOf = [](std::size_t number) {
+    return LookupCache::Key(kLong + std::to_string(number), pac_engine::AddressFamily::kIpv4);
+  };
+  LookupCache cache;
+  const auto store = [&](const LookupCache::Key& key) {
+    cache.store(key, {kLong}, std::chrono::seconds(60), now);
+  };
+  constexpr std::size_t kStored = 2 * pac_engine::kLookupCacheNames;
+  for (std::size_t i = 0; i < kStored; ++i) {
+    failAllocationsAfter(static_cast<int>(i % 12));
+    try {
+      store(keyOf(i));
+    } catch (const std::bad_alloc&) {
+    }
+    allowAllocations();
+    store(keyOf(i));
+  }
+  for (std::size_t i = 0; i < kStored; ++i) {
+    const bool kept = i >= kStored - pac_engine::kLookupCacheNames;
+    EXPECT_EQ(cache.find(keyOf(i), now).has_value(), kept) << i;
+  }
+}
+
 }  // namespace
