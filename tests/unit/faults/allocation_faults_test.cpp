@@ -197,6 +197,28 @@ TEST(AllocationFault, IsBorneByTheTextOfALease) {
   EXPECT_GE(failEachAllocation([] { return wpadValue("wpad=\"http://" + kLong + "\"\n"); }), 3);
 }
 
+// Nothing may be thrown here: a signal handler calls it.
+TEST(AllocationFault, IsAFailureToReadTheTraceValues) {
+  enterOwnRoot();
+  writeText("/etc/proxymanagerd/trace.conf", "baseseverity=7\nthis is no line\n");
+  for (TraceValues kept; TraceValues* const record : {&kept, static_cast<TraceValues*>(nullptr)}) {
+    EXPECT_GE(failEachAllocation(
+                  [&] {
+                    const int mask = setlogmask(0);
+                    int result = 0;
+                    try {
+                      result = settrcvalues("proxymanagerd", record);
+                    } catch (const std::bad_alloc&) {
+                      result = -2;
+                    }
+                    setlogmask(mask);
+                    return std::pair(result, kept);
+                  },
+                  std::pair(-1, record != nullptr ? TraceValues{} : kept)),
+              1);
+  }
+}
+
 TEST(AllocationFault, IsBorneByTheMessagesOfTheLibrary) {
   using namespace pac_engine;
   const std::vector<FromLibrary> messages{Start{1000, 7}, Evaluate{1, kLong, kLong},
