@@ -127,6 +127,28 @@ def test_without_descriptors_it_answers_and_fetches_when_there_are_some(daemon, 
     assert client.urls("http://a/") == ["pacurl", "PROXY new:1"]
 
 
+def seconds_run(pid):
+    """Processor time of the process until now."""
+    with open(f"/proc/{pid}/stat") as stat:
+        fields = stat.read().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def test_a_wait_that_is_refused_is_tried_again_without_haste(daemon, client):
+    """Below the number of those it watches, the system refuses the daemon the wait itself."""
+    client.update("manual", proxyurl="p:1")
+    before, _ = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
+    allow_descriptors(daemon.pid, 0)
+    began = seconds_run(daemon.pid)
+    with pytest.raises(TimeoutError):
+        while True:  # the wait in which it is now may take one more question
+            client.urls("http://a/", timeout=2)
+    assert seconds_run(daemon.pid) - began < 1
+    allow_descriptors(daemon.pid, before)
+    with Client() as other:
+        assert other.urls("http://a/", timeout=LIMIT) == ["manual", "p:1"]
+
+
 def walk_is_over(syslog):
     """Whether a download was given up, or what came of one has been tried as a script."""
     return any(text == "PacParser-parsePacFile pac init"
