@@ -46,6 +46,22 @@ def content(path):
 
 
 @contextlib.contextmanager
+def without_inodes(path):
+    """Inside, the file system of `path` takes no further file."""
+    mount("tmpfs", path, "tmpfs", MS_REMOUNT, "nr_inodes=64")
+    names = []
+    try:
+        with contextlib.suppress(OSError):
+            while True:
+                names.append(f"{path}/filler{len(names)}")
+                open(names[-1], "x").close()
+        yield
+    finally:
+        for name in names[:-1]:
+            os.remove(name)
+
+
+@contextlib.contextmanager
 def full(path, room):
     """Inside, the file system of `path` takes `room` more bytes, in pages, and no more."""
     mount("tmpfs", path, "tmpfs", MS_REMOUNT, "size=4m")
@@ -75,6 +91,17 @@ def test_a_full_tmp_keeps_the_old_script_until_there_is_room(client, web, syslog
         assert client.urls("http://a/") == ["pacurl", "PROXY old:1"]
     load(client, web, syslog, new, "/new.pac")
     assert content(PAC) == new
+    assert client.urls("http://a/") == ["pacurl", "PROXY new:1"]
+
+
+def test_a_tmp_that_takes_no_file_keeps_the_old_script_until_it_does(client, web, syslog):
+    load(client, web, syslog, script("PROXY old:1"), "/old.pac")
+    with without_inodes("/tmp"):
+        refused(client, web, syslog, script("PROXY new:1"), "/new.pac")
+        syslog.wait(ERR, f"PACFetcher-fileDownload failed to open file {TEMPORARY}, "
+                         f"url:{web.url('/new.pac')}")
+        assert client.urls("http://a/") == ["pacurl", "PROXY old:1"]
+    load(client, web, syslog, script("PROXY new:1"), "/new.pac")
     assert client.urls("http://a/") == ["pacurl", "PROXY new:1"]
 
 
@@ -190,15 +217,6 @@ def test_without_a_log_it_works_and_speaks_again_when_there_is_one(daemon, clien
     again.close()
 
 
-def waits_for_the_log(pid):
-    """Whether a thread of the daemon sleeps in a send that the reader's full queue holds up."""
-    for task in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{task}/wchan") as channel:
-            if channel.read() in ("unix_wait_for_peer", "sock_alloc_send_pskb"):
-                return True
-    return False
-
-
 def test_while_nobody_reads_the_log_all_waits_and_nothing_is_lost(daemon, client, syslog):
     client.update("manual", proxyurl="p:1")
     with open("/proc/sys/net/unix/max_dgram_qlen") as length:
@@ -213,7 +231,7 @@ def test_while_nobody_reads_the_log_all_waits_and_nothing_is_lost(daemon, client
     syslog.hold()
     asking = threading.Thread(target=ask)
     asking.start()
-    wait_until(lambda: waits_for_the_log(daemon.pid), "the daemon waits for the log", LIMIT)
+    wait_until(syslog.takes_no_more, "the daemon has filled the log", LIMIT)
     assert len(answers) < questions
     with Client() as other, pytest.raises(TimeoutError):
         other.urls("http://other/", timeout=0.5)

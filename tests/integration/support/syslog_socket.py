@@ -45,6 +45,8 @@ class Syslog:
             datagram = self._socket.recv(1 << 20)
             if datagram == b"END":
                 return
+            if datagram == b"PROBE":
+                continue
             if datagram.startswith(b"DRAINED "):
                 with self._said:
                     self._drained.add(datagram)
@@ -76,6 +78,17 @@ class Syslog:
 
     def go_on(self):
         self._reads.set()
+
+    def takes_no_more(self):
+        """Whether whoever says a line now waits."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.setblocking(False)
+            sender.connect(self.path)
+            try:
+                sender.send(b"PROBE")
+            except BlockingIOError:
+                return True
+        return False
 
     def drain(self):
         """Waits until everything that was said before this call has been read."""
