@@ -42,6 +42,8 @@ void uncount(const void* memory) {
 
 }  // namespace
 
+const bool kMallocFails = !PROXYMANAGER_SANITIZED;
+
 #if PROXYMANAGER_SANITIZED
 // In a file of their own, so that the compiler does not see malloc through them and warns of a
 // mismatch.

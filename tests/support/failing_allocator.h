@@ -7,6 +7,9 @@
 
 #include <functional>
 
+/// Whether malloc, calloc and realloc fail, too: not under sanitizers.
+extern const bool kMallocFails;
+
 /// What fails after the allocations that succeed.
 enum class Failing {
   kOne,  ///< one allocation; the next ones succeed again
