@@ -105,7 +105,9 @@ def test_a_tmp_that_takes_no_file_keeps_the_old_script_until_it_does(client, web
     assert client.urls("http://a/") == ["pacurl", "PROXY new:1"]
 
 
-def test_a_read_only_tmp_keeps_the_old_script_until_it_is_writable(client, web, syslog):
+def test_a_read_only_tmp_keeps_the_old_script_until_it_is_writable(client, web, syslog, sanitizer):
+    if sanitizer == "thread":
+        pytest.skip("the sanitizer keeps a file in /tmp open for writing")
     load(client, web, syslog, script("PROXY old:1"), "/old.pac")
     mount(None, "/tmp", flags=MS_REMOUNT | MS_BIND | MS_RDONLY)
     refused(client, web, syslog, script("PROXY new:1"), "/new.pac")
@@ -248,10 +250,9 @@ def test_while_nobody_reads_the_log_all_waits_and_nothing_is_lost(daemon, client
     syslog.go_on()
     asking.join(4 * LIMIT)
     assert answers == [["manual", "p:1"]] * questions
-    said = [text for text in syslog.texts() if text.startswith("ProxyManagerServiceImpl-getProxyUrl "
-                                                               "proxy mode:1, request url:http://h")]
-    assert said == [f"ProxyManagerServiceImpl-getProxyUrl proxy mode:1, request url:http://h{n}/"
-                    for n in range(questions)]
+    question = "ProxyManagerServiceImpl-getProxyUrl proxy mode:1, request url:http://h"
+    assert [text for text in syslog.texts() if text.startswith(question)] == [
+        f"{question}{number}/" for number in range(questions)]
 
 
 @pytest.fixture

@@ -49,8 +49,9 @@ def workers_here():
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
             with open(f"/proc/{pid}/comm") as comm:
-                if comm.read() == "proxymanager-pa\n" and os.readlink(f"/proc/{pid}/ns/mnt") == here:
-                    found.append(int(pid))
+                named = comm.read() == "proxymanager-pa\n"
+            if named and os.readlink(f"/proc/{pid}/ns/mnt") == here:
+                found.append(int(pid))
         except OSError:
             pass  # it has ended meanwhile
     return found
@@ -58,7 +59,7 @@ def workers_here():
 
 @pytest.mark.slow
 def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, syslog, web):
-    """During the download, the installing and the loading; every other time over a loaded script."""
+    """During download, installing and loading; every other time over a loaded script."""
     make_watched_files()
     seed = random.randrange(1 << 32)
     print("seed", seed)
