@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <exception>
+#include <utility>
 
 #include "fetcher/fetcher_log.h"
 #include "platform/log/log_line.h"
@@ -14,10 +15,9 @@ using fetcher::kLogClass;
 
 namespace {
 
-// The records' own helpers would say lines, and take an empty URL for none.
-void replaceText(char*& mine, const char* given) {
+void replaceText(char*& mine, HeapText text) {
   std::free(mine);
-  mine = heapCopy(given);
+  mine = text.release();
 }
 
 }  // namespace
@@ -80,10 +80,14 @@ bool PACFetcher::stop() {
 
 void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
   logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  // Before anything changes, as there may be no memory for them. The records' own helpers would say
+  // lines, and take an empty URL for none.
+  HeapText newPacurl(heapCopy(config.pacurl));
+  HeapText newProxyurl(heapCopy(config.proxyurl));
   const Lock lock(mMutex);
   mConfig->mode = config.mode;
-  replaceText(mConfig->pacurl, config.pacurl);
-  replaceText(mConfig->proxyurl, config.proxyurl);
+  replaceText(mConfig->pacurl, std::move(newPacurl));
+  replaceText(mConfig->proxyurl, std::move(newProxyurl));
   logLine(LOG_NOTICE, "%s%s mode:%d", kLogClass, __func__, static_cast<int>(config.mode));
   if (config.pacurl != nullptr) {
     logLine(LOG_INFO, "%s%s pacUrl:%s", kLogClass, __func__, config.pacurl);

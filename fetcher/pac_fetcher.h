@@ -51,6 +51,7 @@ class PACFetcher {
 
   /// Takes a new configuration, and requests a refetch in the modes pacurl and wpad. Waits for a
   /// fetch that is in progress. Any thread but the fetcher's (not from within pacFileUpdated).
+  /// Throws std::bad_alloc where there is no memory, and has then changed nothing.
   /// @param config mode, proxyurl and pacurl are copied; the strings stay the caller's
   void updateProxyMgrConfig(ProxyConfig config);
 

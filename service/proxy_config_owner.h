@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "service/proxy_config.h"
 
@@ -16,11 +17,12 @@ struct HeapFree {
 using HeapText = std::unique_ptr<char, HeapFree>;
 
 /// @return a malloc'ed copy of `text`, null for a null one. Unlike string2Char it keeps an empty
-///         text as an empty text.
+///         text as an empty text. Throws std::bad_alloc where there is no memory.
 inline char* heapCopy(const char* text) {
   if (!text) return nullptr;
   const std::size_t size = std::strlen(text) + 1;
   auto* const copy = static_cast<char*>(std::malloc(size));
+  if (!copy) throw std::bad_alloc();
   std::memcpy(copy, text, size);
   return copy;
 }

@@ -21,6 +21,8 @@ namespace {
 // What a leaving daemon still has to say fits in the socket's buffer unless the bus is stuck, or
 // waits for a processor as everything on a busy machine.
 constexpr std::chrono::seconds kSendLimit{5};
+// A wait that the system refuses is tried again after this long.
+constexpr std::chrono::milliseconds kRefusedPause{100};
 
 int makeEventFd() {
   const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -200,6 +202,8 @@ void BusLoop::runLogged(const std::function<void()>& function) {
 void BusLoop::waitAndHandle() {
   collectEntries();
   const int ready = poll(mEntries.data(), mEntries.size(), pollTimeout());
+  // No memory in the kernel, or a limit of descriptors below what is watched: both may pass.
+  if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kRefusedPause);
   if (ready > 0) {
     if (mEntries.front().revents != 0) {
       std::uint64_t kicks = 0;

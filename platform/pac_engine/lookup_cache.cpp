@@ -16,12 +16,15 @@ void LookupCache::store(const Key& key, Addresses addresses, std::chrono::second
   const auto kept = addresses.empty() ? kFailureKept : std::min(lifetime, kLongestKept);
   if (mEntries.erase(key) > 0) mOrder.erase(std::find(mOrder.begin(), mOrder.end(), key));
   if (kept <= std::chrono::seconds::zero()) return;
+  // All that can fail comes first; merge() only relinks.
+  decltype(mEntries) entry;
+  entry.emplace(key, Entry{std::move(addresses), now + kept});
+  mOrder.push_back(key);
   if (mEntries.size() == kLookupCacheNames) {
     mEntries.erase(mOrder.front());
     mOrder.pop_front();
   }
-  mEntries.emplace(key, Entry{std::move(addresses), now + kept});
-  mOrder.push_back(key);
+  mEntries.merge(entry);
 }
 
 void LookupCache::clear() {

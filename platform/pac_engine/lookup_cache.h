@@ -31,6 +31,7 @@ class LookupCache {
 
   /// Keeps `addresses` for `lifetime` of 60 s at most, or a failure (no addresses) for 5 s, and
   /// drops the name that was stored first where there are too many. A lifetime of 0 is not kept.
+  /// Throws std::bad_alloc where there is no memory; nothing is known of `key` then.
   void store(const Key& key, Addresses addresses, std::chrono::seconds lifetime,
              Clock::time_point now);
 

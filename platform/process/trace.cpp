@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <exception>
 #include <optional>
 #include <string>
 
@@ -120,6 +121,24 @@ void nameBadLine(const std::string& path, int lineNumber, std::string_view line)
           static_cast<int>(std::min(line.size(), kShownBytes)), line.data());
 }
 
+int setTraceValues(const char* name, TraceValues* record) {
+  const bool told = record != nullptr;
+  const bool named = process::isFileName(name);
+  const std::string path = "/etc/" + std::string(name == nullptr ? "(null)" : name) + "/trace.conf";
+  const FileText file = named ? readTraceFile(path) : FileText{{}, "not a daemon's name"};
+  if (file.failure != nullptr) {
+    if (told) logLine(LOG_ERR, "process: cannot read %s: %s", path.c_str(), file.failure);
+    return -1;
+  }
+  // Bad lines are said before the mask is set, which might hide them.
+  const auto values = process::parseTraceValues(file.text, [&](int lineNumber, auto line) {
+    if (told) nameBadLine(path, lineNumber, line);
+  });
+  if (told) *record = values;
+  setlogmask(LOG_UPTO(values.baseseverity));
+  return 0;
+}
+
 }  // namespace
 
 TraceValues process::parseTraceValues(std::string_view text, const BadTraceLine& bad) {
@@ -136,19 +155,13 @@ TraceValues process::parseTraceValues(std::string_view text, const BadTraceLine&
 
 int settrcvalues(const char* name, TraceValues* record) {
   if (record != nullptr) *record = {};
-  const bool told = record != nullptr;
-  const bool named = process::isFileName(name);
-  const std::string path = "/etc/" + std::string(name == nullptr ? "(null)" : name) + "/trace.conf";
-  const FileText file = named ? readTraceFile(path) : FileText{{}, "not a daemon's name"};
-  if (file.failure != nullptr) {
-    if (told) logLine(LOG_ERR, "process: cannot read %s: %s", path.c_str(), file.failure);
+  try {
+    return setTraceValues(name, record);
+  } catch (const std::exception& error) {
+    // No memory. Nothing may leave through a signal handler that called.
+    if (record != nullptr) {
+      logLine(LOG_ERR, "process: cannot read /etc/%s/trace.conf: %s", name, error.what());
+    }
     return -1;
   }
-  // Bad lines are said before the mask is set, which might hide them.
-  const auto values = process::parseTraceValues(file.text, [&](int lineNumber, auto line) {
-    if (told) nameBadLine(path, lineNumber, line);
-  });
-  if (told) *record = values;
-  setlogmask(LOG_UPTO(values.baseseverity));
-  return 0;
 }

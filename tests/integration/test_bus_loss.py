@@ -8,9 +8,9 @@ import time
 
 import pytest
 from conftest import make_watched_files
-from support.bus import Bus, Client
+from support.bus import Bus, Client, Signals
 from support.daemon import Daemon
-from support.syslog_socket import ERR
+from support.syslog_socket import ERR, INFO
 from support.web import script
 
 # The end is at once, with threads that nobody joins.
@@ -29,6 +29,30 @@ def test_a_lost_bus_is_one_line_and_an_end_with_1(build, bus, syslog):
     assert syslog.errors() == [(ERR, LOST)]
     daemon.close()
     bus.start()  # for the fixture
+
+
+def test_after_a_lost_bus_it_starts_with_the_new_one(build, bus, syslog, web):
+    """With the old script's file, but no configuration: it asks for one by its announcements."""
+    web.routes["/x.pac"] = script("PROXY p:1")
+    make_watched_files()
+    first = Daemon(build, environment=AT_ONCE)
+    with Client() as client:
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        syslog.wait(INFO, "PacParser-parsePacFile pac init")
+    bus.kill()
+    assert first.wait(10) == 1
+    first.close()
+    bus.start()
+    signals = Signals()
+    second = Daemon(build)
+    assert signals.wait("ProxyMgrStateEvent") == (1,)
+    with Client() as client:
+        assert client.urls("http://a/") == ["off", ""]
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        syslog.wait(INFO, "PacParser-parsePacFile pac init", 2)
+        assert client.urls("http://a/") == ["pacurl", "PROXY p:1"]
+    signals.close()
+    second.close()
 
 
 @pytest.mark.slow

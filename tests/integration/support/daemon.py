@@ -63,8 +63,11 @@ class Daemon:
         return self.wait(limit)
 
     def kill(self):
+        """And waits until the bus has missed it: until then no other daemon gets the name."""
         self.process.kill()
         self.process.wait(LIMIT)
+        with Client(self.address) as client:
+            wait_until(lambda: client.owner() is None, "the name is free", START_LIMIT)
 
     def close(self):
         """For fixtures: an orderly end where it still runs, and no sanitizer report either way."""

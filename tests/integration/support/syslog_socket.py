@@ -27,6 +27,8 @@ class Syslog:
         self._lines = []
         self._said = threading.Condition()
         self._drained = set()
+        self._reads = threading.Event()
+        self._reads.set()
         self._open()
 
     def _open(self):
@@ -39,9 +41,12 @@ class Syslog:
 
     def _read(self):
         while True:
+            self._reads.wait()
             datagram = self._socket.recv(1 << 20)
             if datagram == b"END":
                 return
+            if datagram == b"PROBE":
+                continue
             if datagram.startswith(b"DRAINED "):
                 with self._said:
                     self._drained.add(datagram)
@@ -57,6 +62,7 @@ class Syslog:
                 self._said.notify_all()
 
     def close(self):
+        self.go_on()
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as last:
             try:
                 last.connect(self.path)
@@ -65,6 +71,24 @@ class Syslog:
             except OSError:
                 pass
         self._socket.close()
+
+    def hold(self):
+        """Reads one datagram more at most, until go_on(). Whoever says more waits."""
+        self._reads.clear()
+
+    def go_on(self):
+        self._reads.set()
+
+    def takes_no_more(self):
+        """Whether whoever says a line now waits."""
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.setblocking(False)
+            sender.connect(self.path)
+            try:
+                sender.send(b"PROBE")
+            except BlockingIOError:
+                return True
+        return False
 
     def drain(self):
         """Waits until everything that was said before this call has been read."""

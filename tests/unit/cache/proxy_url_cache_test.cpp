@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/failing_allocator.h"
 #include "tests/support/log_capture.h"
-#include "tests/unit/cache/failing_allocation.h"
 
 namespace {
 
@@ -207,13 +207,13 @@ TEST(ProxyUrlCache, StaysAsItWasWhereverAnAllocationFails) {
     ProxyUrlSettings fresh = entries("PROXY fresh");
     setlogmask(LOG_MASK(LOG_ERR));  // the capture allocates as well
     bool failed = false;
-    failAllocationAfter(n);
+    failAllocationsAfter(n);
     try {
       cache.set(longKey, fresh);
     } catch (const std::bad_alloc&) {
       failed = true;
     }
-    failAllocationAfter(-1);
+    allowAllocations();
     setlogmask(LOG_UPTO(LOG_DEBUG));
     if (!failed) {
       EXPECT_EQ(urlOf(cache, longKey), "PROXY fresh");

@@ -1,0 +1,94 @@
+// Preloaded into the daemon: a wall clock that a test sets, as an operator or a time server would.
+//
+// The kernel's own clock is the machine's and stays as it is. A file that both map holds the
+// seconds by which the daemon's wall clock is off, and counts how often it was read. Waits until a
+// time of day notice a jump, as they do in the kernel; all other clocks are untouched.
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+
+namespace {
+
+struct Shared {
+  std::atomic<std::int64_t> secondsOff;
+  std::atomic<std::int64_t> readings;
+};
+
+Shared* open() {
+  static Shared unset{};
+  const char* const path = std::getenv("WALL_CLOCK");
+  const int fd = path == nullptr ? -1 : ::open(path, O_RDWR | O_CLOEXEC);
+  if (fd < 0) return &unset;
+  void* const mapped = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  close(fd);
+  return mapped == MAP_FAILED ? &unset : static_cast<Shared*>(mapped);
+}
+
+Shared& shared() {
+  static Shared* const instance = open();
+  return *instance;
+}
+
+timespec real(clockid_t id) {
+  timespec time{};
+  syscall(SYS_clock_gettime, id, &time);
+  return time;
+}
+
+timespec wallClock() {
+  timespec time = real(CLOCK_REALTIME);
+  time.tv_sec += shared().secondsOff;
+  ++shared().readings;
+  return time;
+}
+
+// How soon a jump is noticed by who waits.
+constexpr long kSliceNanoseconds = 100'000'000;
+constexpr long kSecond = 1'000'000'000;
+
+}  // namespace
+
+extern "C" {
+
+int clock_gettime(clockid_t id, timespec* time) noexcept {
+  if (id == CLOCK_REALTIME || id == CLOCK_REALTIME_COARSE) {
+    *time = wallClock();
+    return 0;
+  }
+  return static_cast<int>(syscall(SYS_clock_gettime, id, time));
+}
+
+int gettimeofday(timeval* __restrict time, void* __restrict) noexcept {
+  const timespec now = wallClock();
+  *time = {now.tv_sec, now.tv_nsec / 1000};
+  return 0;
+}
+
+time_t time(time_t* result) noexcept {
+  const time_t now = wallClock().tv_sec;
+  if (result != nullptr) *result = now;
+  return now;
+}
+
+// Waits a slice at a time. The end of a slice is a wake-up without a reason, which the standard
+// allows: another wait behind the caller's back could miss a notification.
+int pthread_cond_timedwait(pthread_cond_t* __restrict condition, pthread_mutex_t* __restrict mutex,
+                           const timespec* __restrict until) {
+  timespec slice = real(CLOCK_MONOTONIC);
+  slice.tv_nsec += kSliceNanoseconds;
+  slice.tv_sec += slice.tv_nsec / kSecond;
+  slice.tv_nsec %= kSecond;
+  const int result = pthread_cond_clockwait(condition, mutex, CLOCK_MONOTONIC, &slice);
+  if (result != ETIMEDOUT) return result;
+  return wallClock().tv_sec >= until->tv_sec ? ETIMEDOUT : 0;
+}
+}

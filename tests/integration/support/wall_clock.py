@@ -1,0 +1,32 @@
+"""The daemon's wall clock, set by the test. The machine's stays as it is."""
+
+import mmap
+import os
+import struct
+import time
+
+
+class WallClock:
+    def __init__(self, build):
+        path = "/run/wall_clock"
+        with open(path, "wb") as file:
+            file.write(bytes(16))
+        with open(path, "r+b") as file:
+            self._shared = mmap.mmap(file.fileno(), 16)
+        self.environment = {"LD_PRELOAD": os.path.join(build, "out", "tests", "wall_clock.so"),
+                            "WALL_CLOCK": path}
+
+    def jump(self, seconds):
+        """Sets it that many seconds after the machine's."""
+        struct.pack_into("=q", self._shared, 0, seconds)
+
+    def readings(self):
+        """How often the daemon has looked at it."""
+        return struct.unpack_from("=q", self._shared, 8)[0]
+
+    def close(self):
+        self._shared.close()
+
+
+FORWARD = 10 * 366 * 86400
+TO_1970 = -int(time.time())

@@ -1,0 +1,112 @@
+"""A daemon that is killed at any moment leaves a whole script, and starts again."""
+
+import contextlib
+import os
+import random
+import time
+
+import pytest
+from conftest import make_watched_files
+from support.bus import BusError, Client, wait_until
+from support.daemon import Daemon
+from support.syslog_socket import INFO
+from support.web import response
+
+PAC = "/tmp/proxymanager.pac"
+TEMPORARY = PAC + ".tmp"
+ROUNDS = 200
+LIMIT = 60.0  # seconds; a busy machine
+
+
+def numbered(number):
+    """A script of some 300 KB whose every line bears its number, so that no mixture passes."""
+    answer = f'function FindProxyForURL(url, host) {{ return "PROXY p{number}:1"; }}\n'
+    return answer + f"// {number}\n" * (300_000 // len(f"// {number}\n"))
+
+
+def content():
+    try:
+        with open(PAC) as file:
+            return file.read()
+    except FileNotFoundError:
+        return None
+
+
+def sent_until(body, bytes_sent, then):
+    """A route that sends `bytes_sent` of the body's bytes, calls `then`, and sends the rest."""
+    def route(connection, _):
+        whole = response(body)
+        cut = len(whole) - len(body) + bytes_sent
+        connection.sendall(whole[:cut])
+        then()
+        connection.sendall(whole[cut:])
+    return route
+
+
+def workers_here():
+    """Pids of the script workers that see this test's folders."""
+    here, found = os.readlink("/proc/self/ns/mnt"), []
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{pid}/comm") as comm:
+                named = comm.read() == "proxymanager-pa\n"
+            if named and os.readlink(f"/proc/{pid}/ns/mnt") == here:
+                found.append(int(pid))
+        except OSError:
+            pass  # it has ended meanwhile
+    return found
+
+
+@pytest.mark.slow
+def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, syslog, web):
+    """During download, installing and loading; every other time over a loaded script."""
+    make_watched_files()
+    seed = random.randrange(1 << 32)
+    print("seed", seed)
+    choice = random.Random(seed)
+    before = None
+    outcomes = {"old": 0, "new": 0, "half": 0}
+    reload_takes = 0.02  # seconds from the last byte until the engine is made; measured below
+    for number in range(ROUNDS):
+        syslog.clear()
+        daemon = Daemon(build)
+        with Client() as client:
+            if number % 2:
+                before = numbered(1000 + number)
+                web.routes["/first.pac"] = response(before)
+                began = time.monotonic()
+                client.update("pacurl", pacurl=web.url("/first.pac"))
+                syslog.wait(INFO, "PacParser-parsePacFile pac init", limit=LIMIT)
+                reload_takes = time.monotonic() - began
+                assert client.urls("http://a/") == ["pacurl", f"PROXY p{1000 + number}:1"]
+            after = numbered(number)
+            if choice.random() < 0.5:
+                at = choice.randrange(len(after))
+                web.routes["/x.pac"] = sent_until(after, at, daemon.kill)
+                with contextlib.suppress(BusError):  # killed before the reply
+                    client.update("pacurl", pacurl=web.url("/x.pac"))
+                daemon.process.wait(LIMIT)
+            else:
+                web.routes["/x.pac"] = response(after)
+                client.update("pacurl", pacurl=web.url("/x.pac"))
+                time.sleep(choice.uniform(0, 1.5 * reload_takes))
+            daemon.kill()
+        daemon.close()
+        found = content()
+        assert found in (before, after), f"neither the old nor the new script: {found[:100]!r}"
+        outcomes["new" if found == after else "old"] += 1
+        outcomes["half"] += os.path.exists(TEMPORARY)
+        before = found
+    print(outcomes)
+    # Else the moments were not those that this is about.
+    assert outcomes["old"] > 10 and outcomes["new"] > 10 and outcomes["half"] > 10, outcomes
+    wait_until(lambda: workers_here() == [], "no worker outlives its daemon", LIMIT)
+    syslog.clear()
+    daemon = Daemon(build)
+    with Client() as client:
+        web.routes["/x.pac"] = response(numbered(ROUNDS))
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        syslog.wait(INFO, "PacParser-parsePacFile pac init", limit=LIMIT)
+        assert client.urls("http://a/") == ["pacurl", f"PROXY p{ROUNDS}:1"]
+    assert not os.path.exists(TEMPORARY)
+    daemon.close()
