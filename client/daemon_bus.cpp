@@ -29,7 +29,8 @@ constexpr CallNature kListen{"listen to signals", false};
 
 std::string busAddress() {
   const char* const given = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
-  return std::string(given != nullptr ? std::string_view(given) : kDefaultAddress);
+  return std::string(given != nullptr && *given != '\0' ? std::string_view(given)
+                                                        : kDefaultAddress);
 }
 
 /// An error of sd-bus, which frees what it names.

@@ -165,7 +165,8 @@ Status learn(const CallOptions& options) {
     setUnknown(status, failure.what());
     status.waiting.reset();
     status.whyWaitingUnknown = failure.what();
-    status.answers = status.running ? std::optional(false) : std::nullopt;
+    const bool asked = status.running && failure.status() != kDenied;
+    status.answers = asked ? std::optional(false) : std::nullopt;
   }
   return status;
 }
@@ -249,7 +250,9 @@ void printTable(const Status& status) {
     if (status.owner->process) who += ", process " + std::to_string(*status.owner->process);
     if (status.owner->user) who += ", user " + userName(*status.owner->user);
     table.add("running", std::move(who), Tone::kGood);
-    if (!status.answers.value_or(false)) {
+    if (!status.answers) {
+      table.addUnknown("answers", status.whyNoAnswer);
+    } else if (!*status.answers) {
       table.add("answers", "no: " + status.whyNoAnswer, Tone::kBad);
     } else {
       table.add("answers", "yes", Tone::kGood);

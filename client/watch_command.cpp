@@ -53,7 +53,8 @@ std::string now() {
   return shownTime(std::chrono::duration_cast<std::chrono::microseconds>(time).count(), true);
 }
 
-/// The signals that end the program, as a descriptor: as handlers they would meet any line of it.
+/// The signals that end the program, from now on as a descriptor: handlers would meet any line of
+/// it.
 pac_engine::UniqueFd endSignals() {
   sigset_t set;
   sigemptyset(&set);
@@ -69,14 +70,15 @@ class Watch {
  public:
   explicit Watch(const CallOptions& options) : mOptions(options), mBus(options.limit) {}
 
-  void run(int endDescriptor) {
+  void run() {
     // The signals first: one that comes before the answer to who has the name waits behind it.
     mBus.listen(signalRule(nullptr), [this](sd_bus_message* signal) { onSignal(signal); });
     mBus.listen(ownerRule(), [this](sd_bus_message* signal) { onOwner(signal); });
     const auto owner = mBus.owner();
     mOwner = owner ? owner->uniqueName : "";
+    const auto end = endSignals();
     sayOwner();
-    mBus.runUntil(endDescriptor);
+    mBus.runUntil(end.get());
   }
 
  private:
@@ -167,8 +169,7 @@ void addWatchCommand(CLI::App& program, Action& action) {
   command->footer(kFooter);
   command->callback([options, &action] {
     action = [options] {
-      const auto end = endSignals();
-      Watch(*options).run(end.get());
+      Watch(*options).run();
       return kAnswered;
     };
   });
