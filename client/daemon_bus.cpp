@@ -180,6 +180,7 @@ void DaemonBus::listen(const std::string& rule, Listener listener) {
   if (result == -EACCES || result == -EPERM) {
     throw failedCall(kListen, "org.freedesktop.DBus.Error.AccessDenied", "", mLimit);
   }
+  if (result == -ETIMEDOUT) throw failedConnection(busAddress(), ETIMEDOUT);
   check(result);
   listening->slot.reset(slot);
   mListening.push_back(std::move(listening));

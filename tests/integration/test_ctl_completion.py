@@ -1,4 +1,5 @@
-"""The completions of proxymanagerctl, each in its own shell."""
+"""The completions of proxymanagerctl, each in its own shell. Labelled slow not for their time: under
+sanitizers they would say nothing of the program."""
 
 import os
 import re
@@ -57,6 +58,7 @@ def fish(*words):
 
 
 @pytest.mark.parametrize("shell", [bash, fish])
+@pytest.mark.slow
 def test_bash_and_fish_offer_every_command_and_option(grammar, shell):
     if not shutil.which(shell.__name__):
         pytest.skip(f"there is no {shell.__name__}")
@@ -70,6 +72,7 @@ def test_bash_and_fish_offer_every_command_and_option(grammar, shell):
     assert "printf" in shell("exec", "http://a/", "--", "print")
 
 
+@pytest.mark.slow
 def test_bash_completes_behind_an_equals_sign_and_files():
     assert bash("get", "--format", "=") == FORMATS
     assert bash("get", "--format", "=", "r") == {"raw"}
@@ -80,6 +83,7 @@ def test_bash_completes_behind_an_equals_sign_and_files():
         assert bash(*words) == set()
 
 
+@pytest.mark.slow
 def test_zsh_offers_every_command_and_option(grammar):
     if not shutil.which("zsh"):
         pytest.skip("there is no zsh")
