@@ -45,7 +45,7 @@ class BusError {
   std::string_view text() const { return mError.message == nullptr ? "" : mError.message; }
 
  private:
-  sd_bus_error mError = SD_BUS_ERROR_NULL;
+  sd_bus_error mError{};
 };
 
 /// Whether this errno says that the connection is gone.
