@@ -72,9 +72,13 @@ std::string textOf(sd_bus_message* reply) {
   return text;
 }
 
+/// As the library wants them; none where `time` is negative.
+std::uint64_t microseconds(std::chrono::microseconds time) {
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(time.count(), 0));
+}
+
 std::uint64_t microsecondsUntil(Clock::time_point end) {
-  const auto left = std::chrono::ceil<std::chrono::microseconds>(end - Clock::now()).count();
-  return static_cast<std::uint64_t>(std::max<std::int64_t>(left, 0));
+  return microseconds(std::chrono::ceil<std::chrono::microseconds>(end - Clock::now()));
 }
 
 }  // namespace
@@ -86,9 +90,11 @@ DaemonBus::DaemonBus(Limit limit) : mLimit(limit) {
   mBus.reset(bus);
   int result = sd_bus_set_address(bus, address.c_str());
   if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
+  // Of the calls that the library makes by itself.
+  if (result >= 0) result = sd_bus_set_method_call_timeout(bus, microseconds(kBusLimit));
   if (result >= 0) result = sd_bus_start(bus);
-  // The library's own handshake is given 25 s, whatever the caller has.
-  const auto end = Clock::now() + limit;
+  // The library's own handshake is given 25 s.
+  const auto end = Clock::now() + kBusLimit;
   while (result >= 0 && sd_bus_is_ready(bus) == 0) {
     result = sd_bus_process(bus, nullptr);
     if (result != 0) continue;
@@ -164,8 +170,7 @@ Message DaemonBus::askBus(const char* member) {
   check(sd_bus_message_append_basic(made, 's', kBusName));
   BusError error;
   sd_bus_message* reply = nullptr;
-  const int result = sd_bus_call(mBus.get(), made, static_cast<std::uint64_t>(mLimit.count()),
-                                 error.get(), &reply);
+  const int result = sd_bus_call(mBus.get(), made, microseconds(kBusLimit), error.get(), &reply);
   if (result >= 0) return Message(reply);
   if (isLost(-result)) throw lostConnection();
   if (error.name() == kGivenUp) throw failedConnection(busAddress(), ETIMEDOUT);
@@ -251,8 +256,8 @@ Message DaemonBus::newCall(const char* member) const {
 Message DaemonBus::call(const CallNature& nature, const Message& message) {
   BusError error;
   sd_bus_message* reply = nullptr;
-  const int result = sd_bus_call(mBus.get(), message.get(),
-                                 static_cast<std::uint64_t>(mLimit.count()), error.get(), &reply);
+  const int result =
+      sd_bus_call(mBus.get(), message.get(), microseconds(mLimit), error.get(), &reply);
   if (result >= 0) return Message(reply);
   if (isLost(-result)) throw lostConnection();
   throw failedCall(nature, error.name(), error.text(), mLimit);

@@ -21,6 +21,10 @@ inline constexpr const char* kBusName = "com.zentu.ProxyManagerService";
 inline constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
 inline constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
 
+/// How long the bus itself is waited for: it is on this machine, and a silent one is an error. As
+/// long as the daemon waits for it.
+inline constexpr std::chrono::seconds kBusLimit{10};
+
 /// A configuration as getProxyconfig gives it.
 struct Configuration {
   std::string mode;
@@ -60,7 +64,7 @@ class DaemonBus {
   using Listener = std::function<void(sd_bus_message*)>;
 
   /// Connects to the bus in DBUS_SYSTEM_BUS_ADDRESS, else to the system's.
-  /// @param limit of connecting, and of each call later
+  /// @param limit of each call of the daemon
   explicit DaemonBus(Limit limit);
   DaemonBus(const DaemonBus&) = delete;
   DaemonBus& operator=(const DaemonBus&) = delete;

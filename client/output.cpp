@@ -37,7 +37,7 @@ const char* codeOf(Tone tone) {
 
 /// `text` between `code` and the return to normal, where there is colour.
 std::string coloured(const char* code, std::string_view text) {
-  const auto shown = pac_engine::visible(text);
+  auto shown = pac_engine::visible(text);
   if (*code == '\0' || !isColoured()) return shown;
   return code + shown + kNormal;
 }

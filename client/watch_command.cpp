@@ -82,7 +82,7 @@ class Watch {
   }
 
  private:
-  void say(const char* event, Json members, const std::string& value, Tone tone) const {
+  void say(const char* event, const Json& members, const std::string& value, Tone tone) const {
     const auto time = now();
     if (!mOptions.json) {
       printEvent(time, {event, value, tone}, kNameWidth);
@@ -150,7 +150,7 @@ class Watch {
       if (!line.empty()) line += ' ';
       line += std::string(name) + '=' + value;
     }
-    say("notifyProxyConfigupdated", std::move(members), line, Tone::kPlain);
+    say("notifyProxyConfigupdated", members, line, Tone::kPlain);
   }
 
   CallOptions mOptions;
