@@ -9,15 +9,23 @@
 namespace client {
 
 /// How the program ends. The low numbers say what became of the question; the high ones are those
-/// of sysexits.h, so that a script can tell a wrong proxy script from a wrong command line.
+/// of sysexits.h, so that a script can tell a wrong proxy script from a wrong command line; the
+/// last two those of a shell.
 enum ExitStatus : int {
   kAnswered = 0,
-  kNoAnswer = 1,   ///< at least one URL got no answer
-  kRefused = 2,    ///< the PAC script does not load
-  kUsage = 64,     ///< the command line is wrong
-  kNoInput = 66,   ///< the PAC script cannot be read
-  kInternal = 70,  ///< no memory, or a fault of the program
-  kOutput = 74,    ///< the output cannot be written
+  kNoAnswer = 1,         ///< at least one URL got no answer
+  kRefused = 2,          ///< the PAC script does not load
+  kUsage = 64,           ///< the command line is wrong
+  kBadData = 65,         ///< what was read is no password or URL
+  kNoInput = 66,         ///< a file cannot be read
+  kUnavailable = 69,     ///< there is no daemon, or no message bus
+  kInternal = 70,        ///< no memory, or a fault of the program
+  kOutput = 74,          ///< the output cannot be written
+  kTryAgain = 75,        ///< no answer in time, or the daemon is about to end
+  kProtocol = 76,        ///< what has the daemon's name does not answer as it does
+  kDenied = 77,          ///< the bus does not allow it
+  kCannotRun = 126,      ///< the command is there and cannot be run
+  kNoSuchCommand = 127,  ///< the command is not there
 };
 
 /// Does what a command asks for. @return how the program ends; throws Failure

@@ -1,11 +1,18 @@
 // proxymanagerctl: the grammar of the command line, and the end of everything that goes wrong.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
 #include <string>
 
 #include "client/command.h"
+#include "client/config_command.h"
+#include "client/exec_command.h"
+#include "client/get_command.h"
 #include "client/output.h"
 #include "client/pac_command.h"
+#include "client/status_command.h"
+#include "client/update_command.h"
+#include "client/watch_command.h"
 #include "platform/log/log_line.h"
 
 namespace {
@@ -17,9 +24,15 @@ Exit status:
   1        no answer
   2        a PAC script is refused
   64       the command line is wrong
+  65       what was read is no password or URL
   66       a file cannot be read
+  69       the daemon does not run, or there is no message bus
   70       no memory, or a fault of the program
   74       the output cannot be written
+  75       no answer in time; try again
+  76       what has the daemon's name does not answer as it does
+  77       the bus does not allow it
+  126, 127 exec: the command cannot be run, or is not there
 )";
 
 /// The command that was being parsed, in words.
@@ -43,14 +56,22 @@ client::ExitStatus wrongUsage(const CLI::App& program, const CLI::ParseError& er
 
 client::ExitStatus run(int argc, char** argv) {
   client::Action action;
-  CLI::App program("Asks and tries out what proxymanagerd works with.", "proxymanagerctl");
+  CLI::App program("Asks and configures proxymanagerd; tries PAC scripts out.", "proxymanagerctl");
   program.set_version_flag("--version", std::string("proxymanagerctl ") + PROXYMANAGER_VERSION);
   program.require_subcommand(1);
   program.footer(kFooter);
+  auto line = client::splitCommandLine(argc, argv);
+  client::addStatusCommand(program, action);
+  client::addGetCommand(program, action);
+  client::addConfigCommand(program, action);
+  client::addUpdateCommands(program, action);
+  client::addWatchCommand(program, action);
+  client::addExecCommand(program, action, line);
   client::addPacCommand(program, action);
   auto status = client::kAnswered;
   try {
-    program.parse(argc, argv);
+    std::reverse(line.own.begin(), line.own.end());  // as the parser wants it
+    program.parse(line.own);
     status = action();
   } catch (const CLI::Success& asked) {
     program.exit(asked);  // the help or the version

@@ -11,6 +11,7 @@
 #include "client/output.h"
 #include "client/pac_world.h"
 #include "client/script_file.h"
+#include "client/url_arguments.h"
 #include "domain/url_host.h"
 #include "pac/pac_parser.h"
 #include "platform/log/log_line.h"
@@ -219,31 +220,11 @@ void addFile(CLI::App& command, std::string& file) {
       ->option_text(" ");
 }
 
-/// Options cannot be meant, since those that there are were understood; after "--" anything can.
-void addFurtherUrls(const CLI::App& command, std::vector<std::string>& urls) {
-  bool optionsEnded = false;
-  for (auto& argument : command.remaining()) {
-    if (!optionsEnded && argument == "--") {
-      optionsEnded = true;
-    } else if (!optionsEnded && argument.size() > 1 && argument.front() == '-') {
-      throw CLI::ExtrasError({argument});
-    } else {
-      urls.push_back(std::move(argument));
-    }
-  }
-}
-
 void addEval(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("eval", "Asks a PAC script for the proxies of URLs.");
   const auto arguments = std::make_shared<EvalArguments>();
   addFile(*command, arguments->file);
-  // The parser would take "[...]" apart as a list wherever it takes many values, so the option has
-  // the first URL and what the parser leaves over are the others.
-  command->add_option("URL", arguments->urls, "What to ask for, one or more")
-      ->required()
-      ->option_text("...")
-      ->allow_extra_args(false);
-  command->allow_extras();
+  addUrls(*command, arguments->urls);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
           "daemon finds it");

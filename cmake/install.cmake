@@ -41,4 +41,14 @@ install(FILES "${proxymanager_pages}/com.zentu.ProxyManagerServiceInterface.7"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
 if(TARGET proxymanagerctl)
   install(FILES "${proxymanager_pages}/proxymanagerctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+  # zsh's own folder for what is installed beside it; distributions have others, as Debian has
+  # share/zsh/vendor-completions.
+  set(PROXYMANAGER_ZSH_COMPLETION_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING
+      "Where the completion for zsh goes: below the prefix, or an absolute folder")
+  set(completion "${proxymanager_packaging}/completion")
+  install(FILES "${completion}/proxymanagerctl.bash" RENAME proxymanagerctl
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+  install(FILES "${completion}/_proxymanagerctl" DESTINATION "${PROXYMANAGER_ZSH_COMPLETION_DIR}")
+  install(FILES "${completion}/proxymanagerctl.fish"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
 endif()

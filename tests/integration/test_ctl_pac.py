@@ -4,58 +4,15 @@ import json
 import os
 import re
 import shutil
-import subprocess
 
 import pytest
 from support.bus import shortest, wait_until
+from support.ctl import ANSWERED, NO_ANSWER, NO_INPUT, OUTPUT, REFUSED, USAGE, Ctl
 
-ANSWERED, NO_ANSWER, REFUSED, USAGE, NO_INPUT, OUTPUT = 0, 1, 2, 64, 66, 74
-LIMIT = 60  # seconds for any run; a script has 5 to load and 5 for each URL
 SAMPLE = os.path.join(os.path.dirname(__file__), "../../docs/examples/sample.pac")
 MAX_SCRIPT = 512000  # bytes
 MAX_URL = 8192  # bytes
 DIRECT = 'function FindProxyForURL(url, host) { return "DIRECT"; }\n'
-
-
-class Result:
-    def __init__(self, run):
-        self.status = run.returncode
-        self.output = run.stdout.decode()
-        self.errors = run.stderr.decode()
-        assert "Sanitizer" not in self.errors, self.errors
-
-    @property
-    def json(self):
-        return json.loads(self.output)
-
-    @property
-    def results(self):
-        return [answer["result"] for answer in self.json]
-
-
-class Ctl:
-    """Runs the program where there is no bus."""
-
-    def __init__(self, path):
-        self.path = path
-
-    def __call__(self, *arguments, script=b"", wrapper=(), environment=None, stdout=subprocess.PIPE):
-        variables = {"PATH": "/usr/bin:/bin", "LC_ALL": "C",
-                     "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/no_bus", **(environment or {})}
-        variables.update({name: value for name, value in os.environ.items()
-                          if name.endswith("SAN_OPTIONS")})
-        run = subprocess.run([*wrapper, self.path, *arguments], env=variables, stderr=subprocess.PIPE,
-                             input=script if isinstance(script, bytes) else script.encode(),
-                             stdout=stdout, timeout=LIMIT)
-        if run.stdout is None:
-            run.stdout = b""
-        return Result(run)
-
-    def eval(self, script, *arguments, **options):
-        """Evaluates `script`, given through standard input, and returns the answers."""
-        result = self("pac", "eval", "--json", "-", *arguments, script=script, **options)
-        assert result.status == ANSWERED, result.errors + result.output
-        return result.results
 
 
 @pytest.fixture

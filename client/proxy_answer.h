@@ -1,0 +1,75 @@
+// What the daemon answers for a URL, understood: a pure reading of texts, without bus or command
+// line, for whoever asks the daemon.
+//
+// The daemon hands on what a script or a person wrote. What cannot be a proxy's address is kept as
+// a text, and is of no use: nothing is guessed from it, and nothing of it reaches a program.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace client {
+
+enum class ProxyKind {
+  kDirect,
+  kHttp,
+  kHttps,  ///< a proxy that is itself spoken to in TLS
+  kSocks4,
+  kSocks4a,
+  kSocks5,   ///< names are looked up here
+  kSocks5h,  ///< names are looked up by the proxy
+  kUnusable,
+};
+
+/// One thing to try.
+struct ProxyEntry {
+  ProxyKind kind = ProxyKind::kUnusable;
+  std::string text;         ///< as the daemon gives it
+  std::string credentials;  ///< "user:password" of a URL, still percent-encoded; mostly empty
+  std::string host;         ///< a name, an IPv4 address, or an IPv6 one in brackets
+  std::uint16_t port = 0;   ///< in host order; 0 where there is no proxy
+
+  bool operator==(const ProxyEntry&) const = default;
+};
+
+struct ProxyAnswer {
+  std::string mode;
+  std::vector<ProxyEntry> entries;  ///< in the order to be tried; empty where there is no answer
+
+  bool operator==(const ProxyAnswer&) const = default;
+};
+
+/// Reads one entry of a script: "DIRECT", or a keyword and "host:port". The keywords, in any letter
+/// case, are PROXY and HTTP, HTTPS, SOCKS4, SOCKS5, and SOCKS. SOCKS names no version: version 5 is
+/// taken, which is what runs today, and, as with SOCKS5, with names looked up by the proxy: behind
+/// one the names of the outside are often not known here. Without a port it is the usual one: 80,
+/// 443, and 1080 for SOCKS.
+ProxyEntry parseEntry(std::string_view text);
+
+/// Reads a script's whole answer, entries with ";" between. Empty entries count for nothing.
+std::vector<ProxyEntry> parseEntries(std::string_view text);
+
+/// Reads a manual proxy: a URL whose scheme is http, https, socks (as socks5h), socks4, socks4a,
+/// socks5 or socks5h; without one it is http. A path of "/" may follow. Empty text: DIRECT.
+ProxyEntry parseManualProxy(std::string_view text);
+
+/// Reads what the daemon returns: the mode, then in modes off and manual one text, which may be
+/// empty, in the others one for each entry.
+/// @return nothing where the daemon has no service any more, as it is about to end: it says "off"
+/// and no more then; and where there is no text at all
+std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts);
+
+/// "socks5h://host:1080", with the credentials. Empty where there is no proxy.
+std::string proxyUrl(const ProxyEntry& entry);
+
+/// The scheme of that URL, or "direct" or "unusable".
+std::string_view kindName(ProxyKind kind);
+
+/// The first of `entries` that a program can use; null where there is none.
+const ProxyEntry* firstUsable(std::span<const ProxyEntry> entries);
+
+}  // namespace client

@@ -1,0 +1,113 @@
+#include "client/secret.h"
+
+#include <bsd/readpassphrase.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "client/command.h"
+#include "client/script_file.h"
+#include "client/shown_text.h"
+#include "platform/pac_engine/pac_engine.h"
+#include "platform/pac_engine/unique_fd.h"
+
+namespace client {
+
+namespace {
+
+/// Room for the longest line, its end, and one byte that is too much; wiped when it goes.
+struct Room {
+  std::array<char, kMaxSecretBytes + 3> bytes{};
+  Room() = default;
+  Room(const Room&) = delete;
+  Room& operator=(const Room&) = delete;
+  ~Room() { explicit_bzero(bytes.data(), bytes.size()); }
+};
+
+[[noreturn]] void refuse(const std::string& what, const std::string& why) {
+  throw Failure(kBadData, what + ' ' + why);
+}
+
+void checkText(std::string_view text, const std::string& what) {
+  if (text.size() > kMaxSecretBytes) {
+    refuse(what, "is longer than " + std::to_string(kMaxSecretBytes) + " bytes");
+  }
+  if (!isBusText(text)) refuse(what, "is no text in UTF-8");
+}
+
+std::size_t readInto(Room& room, int fd, const std::string& name) {
+  std::size_t size = 0;
+  while (size < room.bytes.size()) {
+    const ssize_t count = read(fd, room.bytes.data() + size, room.bytes.size() - size);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) {
+      throw Failure(kNoInput, "cannot read " + shownName(name) + ": " +
+                                  std::generic_category().message(errno));
+    }
+    if (count == 0) break;
+    size += static_cast<std::size_t>(count);
+  }
+  return size;
+}
+
+}  // namespace
+
+Secret& Secret::operator=(Secret&& other) noexcept {
+  if (this != &other) {
+    wipe();
+    mText = std::move(other.mText);
+    other.wipe();
+  }
+  return *this;
+}
+
+void WipedAtEnd::wipe(std::string& text) {
+  text.resize(text.capacity());  // what was cut off is wiped, too
+  explicit_bzero(text.data(), text.size());
+  text.clear();
+}
+
+Secret askPassword(const std::string& user) {
+  const auto prompt = "Password for " + pac_engine::visible(user) + ": ";
+  Room room;
+  // It gives the terminal back as it was, whatever signal ends the wait.
+  if (readpassphrase(prompt.c_str(), room.bytes.data(), room.bytes.size() - 1, RPP_REQUIRE_TTY) ==
+      nullptr) {
+    throw Failure(kUsage,
+                  "there is no terminal to ask for the password; name a file that holds it with "
+                  "--password-file, or \"-\" for standard input");
+  }
+  const std::string_view text(room.bytes.data());
+  checkText(text, "the password");
+  return Secret(std::string(text));
+}
+
+Secret readLine(const std::string& name, const char* what) {
+  pac_engine::UniqueFd file;
+  if (name != "-") {
+    file.reset(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!file) {
+      throw Failure(kNoInput,
+                    "cannot read " + name + ": " + std::generic_category().message(errno));
+    }
+  }
+  Room room;
+  const auto size = readInto(room, name == "-" ? STDIN_FILENO : file.get(), name);
+  std::string_view text(room.bytes.data(), size);
+  const auto called = std::string(what) + " in " + shownName(name);
+  const auto end = text.find('\n');
+  if (end != std::string_view::npos && end + 1 < text.size()) {
+    refuse(called, "has more than one line");
+  }
+  text = text.substr(0, end);
+  if (end != std::string_view::npos && text.ends_with('\r')) text.remove_suffix(1);
+  checkText(text, called);
+  return Secret(std::string(text));
+}
+
+}  // namespace client

@@ -1,0 +1,57 @@
+// The password of a command, which never comes from the command line: everybody can see that.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <utility>
+
+namespace client {
+
+/// Longest password, and longest URL that is read, in bytes. HTTP servers refuse header fields of
+/// 8 KiB, in which a password travels, with more around it.
+inline constexpr std::size_t kMaxSecretBytes = 4096;
+
+/// Wipes `text`, which lives longer, at the end of its own scope.
+class WipedAtEnd {
+ public:
+  explicit WipedAtEnd(std::string& text) : mText(text) {}
+  WipedAtEnd(const WipedAtEnd&) = delete;
+  WipedAtEnd& operator=(const WipedAtEnd&) = delete;
+  ~WipedAtEnd() { wipe(mText); }
+
+  static void wipe(std::string& text);
+
+ private:
+  std::string& mText;
+};
+
+/// A text that is wiped from memory before it is let go.
+class Secret {
+ public:
+  Secret() = default;
+  explicit Secret(std::string text) : mText(std::move(text)) {}
+  Secret(Secret&& other) noexcept : mText(std::move(other.mText)) { other.wipe(); }
+  Secret& operator=(Secret&& other) noexcept;
+  Secret(const Secret&) = delete;
+  Secret& operator=(const Secret&) = delete;
+  ~Secret() { wipe(); }
+
+  const std::string& text() const { return mText; }
+
+ private:
+  void wipe() { WipedAtEnd::wipe(mText); }
+
+  std::string mText;
+};
+
+/// Asks for the password of `user` at the terminal, which does not show it.
+/// Throws Failure: kUsage where there is no terminal, kBadData where it is longer than
+/// kMaxSecretBytes or no text.
+Secret askPassword(const std::string& user);
+
+/// The one line of the file `name`, or of standard input for "-", without its end; `what` is what
+/// messages call it. Throws Failure: kNoInput where it cannot be read, kBadData where it has
+/// further lines, more than kMaxSecretBytes, or bytes that are no UTF-8.
+Secret readLine(const std::string& name, const char* what);
+
+}  // namespace client

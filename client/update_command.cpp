@@ -1,0 +1,179 @@
+#include "client/update_command.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "client/bus_failure.h"
+#include "client/call_options.h"
+#include "client/daemon_bus.h"
+#include "client/option_text.h"
+#include "client/output.h"
+#include "client/secret.h"
+#include "client/shown_text.h"
+
+namespace client {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kFooter =
+    R"(The whole configuration is replaced: what is not given is not set afterwards.
+With --user and without --password-file the password is asked for at the
+terminal. It never comes from the command line, which every user of the machine
+can see; nor may a URL that holds one: give "-" for URL and the URL on standard
+input.
+
+Output:
+  Nothing where it is done. With --json an object: mode, proxyurl, pacurl,
+  userName (as given, or null) and httpCode (0).
+
+Exit status:
+  0   the configuration holds; a script is then fetched in the background
+  64  the command line is wrong
+  65  the password or URL that was read is no such thing
+  66  the file with the password cannot be read
+  69  the daemon does not run, or there is no message bus
+  75  no answer in time; the change may still be made
+  77  the bus does not allow it: root may, and members of the group proxymanager
+)";
+
+struct UpdateArguments {
+  const char* mode = nullptr;
+  std::string Configuration::*urlMember = nullptr;  ///< which URL the mode has; null for none
+  std::string url;
+  std::optional<std::string> user;
+  std::optional<std::string> passwordFile;
+  CallOptions call;
+};
+
+bool hasBlankOrControl(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte <= ' ' || byte == 0x7F;
+  });
+}
+
+/// Why the daemon could do nothing with `url`; nothing where it could.
+std::optional<std::string> faultOf(const std::string& url, bool isPac) {
+  if (url.empty()) return "is empty; \"proxymanagerctl off\" turns proxies off";
+  if (hasBlankOrControl(url)) return "holds a blank or a control character";
+  const auto mark = url.find("://");
+  if (!isPac || mark == std::string::npos) return std::nullopt;
+  auto scheme = url.substr(0, mark);
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+  if (scheme == "http" || scheme == "https") return std::nullopt;
+  return "has a scheme that the daemon does not fetch; http and https it does";
+}
+
+void checkArguments(const UpdateArguments& arguments) {
+  if (arguments.user) {
+    if (arguments.user->empty()) throw CLI::ValidationError("--user", "the name is empty");
+    checkBusText("--user", *arguments.user);
+  }
+  if (arguments.urlMember == nullptr) return;
+  if (arguments.url == "-") {
+    if (arguments.passwordFile == "-") {
+      throw CLI::ValidationError("--password-file", "standard input holds the URL already");
+    }
+    return;
+  }
+  checkBusText("URL", arguments.url);
+  if (const auto fault = faultOf(arguments.url, arguments.urlMember == &Configuration::pacurl)) {
+    throw CLI::ValidationError("URL", "it " + *fault);
+  }
+  if (hasPassword(arguments.url)) {
+    throw CLI::ValidationError("URL",
+                               "it holds a password, which every user can see on a command line; "
+                               "give \"-\" and the URL on "
+                               "standard input, or --user");
+  }
+}
+
+std::string readUrl(bool isPac) {
+  const auto line = readLine("-", "the URL");
+  if (const auto fault = faultOf(line.text(), isPac)) {
+    throw Failure(kBadData, "the URL in standard input " + *fault);
+  }
+  return line.text();
+}
+
+/// The configuration that the arguments ask for; reads the password and the URL where they are.
+Configuration wanted(const UpdateArguments& arguments) {
+  Configuration configuration;
+  configuration.mode = arguments.mode;
+  configuration.enableauth = arguments.user ? "y" : "n";
+  if (arguments.urlMember != nullptr) {
+    configuration.*arguments.urlMember =
+        arguments.url == "-" ? readUrl(arguments.urlMember == &Configuration::pacurl)
+                             : arguments.url;
+  }
+  if (arguments.user) {
+    configuration.userName = *arguments.user;
+    const auto password = arguments.passwordFile ? readLine(*arguments.passwordFile, "the password")
+                                                 : askPassword(*arguments.user);
+    configuration.password = password.text();
+  }
+  return configuration;
+}
+
+void printDone(const Configuration& configuration, std::int32_t result) {
+  const auto value = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
+  Json object;
+  object["mode"] = configuration.mode;
+  object["proxyurl"] = value(withoutPassword(configuration.proxyurl));
+  object["pacurl"] = value(withoutPassword(configuration.pacurl));
+  object["userName"] = value(configuration.userName);
+  object["httpCode"] = result;
+  printJson(object);
+}
+
+ExitStatus update(const UpdateArguments& arguments) {
+  auto configuration = wanted(arguments);
+  const WipedAtEnd wiped(configuration.password);
+  DaemonBus bus(arguments.call.limit);
+  const auto result = bus.update(configuration);
+  if (result < 0) throw endingDaemon();
+  if (arguments.call.json) printDone(configuration, result);
+  return kAnswered;
+}
+
+void addMode(CLI::App& program, Action& action, const char* mode, const char* help,
+             std::string Configuration::*urlMember) {
+  auto* const command = program.add_subcommand(mode, help);
+  const auto arguments = std::make_shared<UpdateArguments>();
+  arguments->mode = mode;
+  arguments->urlMember = urlMember;
+  if (urlMember != nullptr) {
+    command->add_option("URL", arguments->url, "The URL, or \"-\" for standard input")
+        ->required()
+        ->option_text(" ");
+  }
+  addText(*command, "--user", "NAME", arguments->user, "Authenticate at the proxy as NAME");
+  addText(*command, "--password-file", "FILE", arguments->passwordFile,
+          "The password, as the only line of FILE, or\nof standard input for \"-\"");
+  command->get_option("--password-file")->needs(command->get_option("--user"));
+  addCallOptions(*command, arguments->call, kChangeLimit);
+  command->footer(kFooter);
+  command->callback([arguments, &action] {
+    checkArguments(*arguments);
+    action = [arguments] { return update(*arguments); };
+  });
+}
+
+}  // namespace
+
+void addUpdateCommands(CLI::App& program, Action& action) {
+  addMode(program, action, "off", "Use no proxy.", nullptr);
+  addMode(program, action, "manual", "Use the proxy at URL.", &Configuration::proxyurl);
+  addMode(program, action, "pacurl", "Use the PAC script at URL.", &Configuration::pacurl);
+  addMode(program, action, "wpad", "Use the PAC script that the network announces.", nullptr);
+}
+
+}  // namespace client

@@ -1,0 +1,88 @@
+# bash completion for proxymanagerctl(1). It needs bash alone, and takes the help of the package
+# bash-completion for the command of exec where that is there.
+
+_proxymanagerctl_words() {
+  mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur")
+}
+
+_proxymanagerctl_files() {
+  compopt -o filenames 2>/dev/null
+  mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+}
+
+_proxymanagerctl_exec() {
+  local at=$1
+  if declare -F _command_offset >/dev/null; then
+    _command_offset "$at"
+  elif [ "$COMP_CWORD" -eq "$at" ]; then
+    mapfile -t COMPREPLY < <(compgen -c -- "$cur")
+  else
+    _proxymanagerctl_files
+  fi
+}
+
+_proxymanagerctl() {
+  local commands='status get config off manual pacurl wpad watch exec pac'
+  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
+  local command=${COMP_WORDS[1]} options i
+  COMPREPLY=()
+  # "--format=curl" is three words to bash.
+  if [ "$cur" = = ]; then
+    cur=
+  elif [ "$prev" = = ] && [ "$COMP_CWORD" -gt 2 ]; then
+    prev=${COMP_WORDS[COMP_CWORD - 2]}
+  fi
+
+  if [ "$COMP_CWORD" -eq 1 ]; then
+    _proxymanagerctl_words "$commands --help --version"
+    return
+  fi
+  if [ "$command" = exec ]; then
+    for ((i = 2; i < COMP_CWORD; i++)); do
+      if [ "${COMP_WORDS[i]}" = -- ]; then
+        _proxymanagerctl_exec $((i + 1))
+        return
+      fi
+    done
+  fi
+  case $prev in
+    --format)
+      _proxymanagerctl_words 'table curl env raw'
+      return
+      ;;
+    --password-file)
+      _proxymanagerctl_files
+      return
+      ;;
+    --tz)
+      _proxymanagerctl_words "$(cd /usr/share/zoneinfo 2>/dev/null &&
+        find . -type f -path '*[A-Z]*' -printf '%P ')"
+      return
+      ;;
+    --timeout | --user | --host | --at | --resolve | --my-ip) return ;;
+  esac
+  case $command in
+    status | config | watch) options='--timeout --json --show-password --help' ;;
+    get) options='--format --timeout --json --show-password --help' ;;
+    off | manual | pacurl | wpad) options='--user --password-file --timeout --json --help' ;;
+    exec) options='--timeout --help --' ;;
+    pac)
+      if [ "$COMP_CWORD" -eq 2 ]; then
+        _proxymanagerctl_words 'eval check --help'
+        return
+      fi
+      options='--at --tz --resolve --my-ip --offline --json --help'
+      [ "${COMP_WORDS[2]}" != eval ] || options="--host $options"
+      if [[ $cur != -* ]]; then
+        _proxymanagerctl_files
+        return
+      fi
+      ;;
+    *) return ;;
+  esac
+  if [[ $cur == -* || $command != @(get|manual|pacurl|exec) ]]; then
+    _proxymanagerctl_words "$options"
+  fi
+}
+
+complete -F _proxymanagerctl proxymanagerctl

@@ -1,0 +1,44 @@
+# fish completion for proxymanagerctl(1).
+
+set -l commands status get config off manual pacurl wpad watch exec pac
+set -l updates off manual pacurl wpad
+
+# The position of the "--" of exec, after which another program's words stand.
+function __proxymanagerctl_before_command
+    not contains -- -- (commandline -opc)
+end
+
+complete -c proxymanagerctl -f
+complete -c proxymanagerctl -s h -l help -n __proxymanagerctl_before_command -d 'Print the help'
+complete -c proxymanagerctl -l version -n __fish_use_subcommand -d 'Print the version'
+
+complete -c proxymanagerctl -n __fish_use_subcommand -a status -d 'What is known of the daemon'
+complete -c proxymanagerctl -n __fish_use_subcommand -a get -d 'Which proxies to use for URLs'
+complete -c proxymanagerctl -n __fish_use_subcommand -a config -d 'The configuration in force'
+complete -c proxymanagerctl -n __fish_use_subcommand -a off -d 'Use no proxy'
+complete -c proxymanagerctl -n __fish_use_subcommand -a manual -d 'Use the proxy at a URL'
+complete -c proxymanagerctl -n __fish_use_subcommand -a pacurl -d 'Use the PAC script at a URL'
+complete -c proxymanagerctl -n __fish_use_subcommand -a wpad -d 'Use the PAC script that the network announces'
+complete -c proxymanagerctl -n __fish_use_subcommand -a watch -d 'What the daemon signals, until Ctrl-C'
+complete -c proxymanagerctl -n __fish_use_subcommand -a exec -d 'Run a command with the proxy for a URL'
+complete -c proxymanagerctl -n __fish_use_subcommand -a pac -d 'Try PAC scripts out, without daemon or bus'
+
+complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config watch exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config watch pac $updates" -l json -d 'Print JSON'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from status get config watch' -l show-password -d 'Show passwords'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from get' -l format -x -a 'table curl env raw' -d 'For use elsewhere'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from $updates" -l user -x -a '(__fish_complete_users)' -d 'Authenticate at the proxy'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from $updates" -l password-file -r -F -d 'File whose only line is the password, or -'
+
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from exec; and __proxymanagerctl_before_command' -a -- -d 'The command follows'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from exec; and not __proxymanagerctl_before_command' -a '(__fish_complete_subcommand --fcs-skip=(math (contains -i -- -- (commandline -opc)) - 1))'
+
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from eval check' -a eval -d 'Ask a script for URLs'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from eval check' -a check -d 'Load a script'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -F
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval' -l host -x -d 'Second argument of the script'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l at -x -d 'What the script takes for now'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l tz -x -d 'Time zone'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l resolve -x -d 'Addresses of a name'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l my-ip -x -d 'Own addresses'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l offline -d 'Look nothing up'

@@ -1,0 +1,139 @@
+"""proxymanagerctl as a process."""
+
+import json
+import os
+import pty
+import re
+import select
+import subprocess
+import time
+
+LIMIT = 60  # seconds for any run; a script has 5 to load and 5 for each URL
+ANSWERED, NO_ANSWER, REFUSED = 0, 1, 2
+USAGE, BAD_DATA, NO_INPUT, UNAVAILABLE, OUTPUT, TRY_AGAIN, PROTOCOL, DENIED = (
+    64, 65, 66, 69, 74, 75, 76, 77)
+
+
+class Result:
+    def __init__(self, status, output, errors):
+        self.status = status
+        self.output = output.decode()
+        self.errors = errors.decode()
+        assert "Sanitizer" not in self.errors, self.errors
+
+    @property
+    def json(self):
+        return json.loads(self.output)
+
+    @property
+    def results(self):
+        return [answer["result"] for answer in self.json]
+
+
+class Ctl:
+    """Runs the program, by default where there is no bus."""
+
+    def __init__(self, path, bus="unix:path=/run/no_bus", wrapper=()):
+        self.path = path
+        self.bus = bus
+        self.wrapper = list(wrapper)
+
+    def variables(self, environment=None):
+        variables = {"PATH": "/usr/bin:/bin", "LC_ALL": "C", "DBUS_SYSTEM_BUS_ADDRESS": self.bus,
+                     **(environment or {})}
+        variables.update({name: value for name, value in os.environ.items()
+                          if name.endswith("SAN_OPTIONS")})
+        return {name: value for name, value in variables.items() if value is not None}
+
+    def __call__(self, *arguments, script=b"", wrapper=(), environment=None, stdout=subprocess.PIPE):
+        run = subprocess.run([*wrapper, *self.wrapper, self.path, *arguments],
+                             env=self.variables(environment), stderr=subprocess.PIPE,
+                             input=script if isinstance(script, bytes) else script.encode(),
+                             stdout=stdout, timeout=LIMIT)
+        return Result(run.returncode, run.stdout or b"", run.stderr)
+
+    def eval(self, script, *arguments, **options):
+        """Evaluates `script`, given through standard input, and returns the answers."""
+        result = self("pac", "eval", "--json", "-", *arguments, script=script, **options)
+        assert result.status == ANSWERED, result.errors + result.output
+        return result.results
+
+    def start(self, *arguments, environment=None):
+        """Runs it beside the test; its output comes line by line."""
+        return Running([*self.wrapper, self.path, *arguments], self.variables(environment))
+
+    def on_terminal(self, *arguments, environment=None):
+        """Runs it at a terminal of its own."""
+        return Terminal([*self.wrapper, self.path, *arguments],
+                        self.variables({"TERM": "xterm", **(environment or {})}))
+
+
+class Reader:
+    """Collects what comes from a descriptor, and waits for what is to come."""
+
+    def __init__(self, fd):
+        self._fd = fd
+        self.seen = ""
+
+    def wait(self, pattern, limit=LIMIT):
+        """Reads until `pattern` is found behind what was found last; returns the match."""
+        end = time.monotonic() + limit
+        while not (found := re.search(pattern, self.seen, re.DOTALL)):
+            assert self._more(end), f"no {pattern!r} in {self.seen!r}"
+        self.seen = self.seen[found.end():]
+        return found
+
+    def rest(self, limit=LIMIT):
+        end = time.monotonic() + limit
+        while self._more(end):
+            pass
+        rest, self.seen = self.seen, ""
+        return rest
+
+    def _more(self, end):
+        ready, _, _ = select.select([self._fd], [], [], max(end - time.monotonic(), 0))
+        assert ready, f"nothing more within the time: {self.seen!r}"
+        try:
+            piece = os.read(self._fd, 65536)
+        except OSError:  # a terminal that nobody has open any more
+            piece = b""
+        self.seen += piece.decode("utf-8", "replace")
+        return piece != b""
+
+
+class Running:
+    def __init__(self, command, variables):
+        self.process = subprocess.Popen(command, env=variables, stdin=subprocess.DEVNULL,
+                                        stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.output = Reader(self.process.stdout.fileno())
+
+    def end(self, number=None):
+        """Its status, after the signal `number` where one is given, and what it complained of."""
+        if number is not None:
+            self.process.send_signal(number)
+        status = self.process.wait(LIMIT)
+        errors = self.process.stderr.read().decode()
+        self.process.stdout.close()
+        self.process.stderr.close()
+        assert "Sanitizer" not in errors, errors
+        return status, errors
+
+
+class Terminal:
+    """A process whose standard descriptors are a terminal that it controls."""
+
+    def __init__(self, command, variables):
+        self.pid, self.fd = pty.fork()
+        if self.pid == 0:
+            os.execvpe(command[0], command, variables)
+        self.output = Reader(self.fd)
+
+    def type(self, text):
+        os.write(self.fd, text.encode())
+
+    def end(self):
+        """All that is still shown, and the status."""
+        rest = self.output.rest()
+        _, status = os.waitpid(self.pid, 0)
+        os.close(self.fd)
+        return os.waitstatus_to_exitcode(status), rest
