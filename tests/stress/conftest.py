@@ -16,4 +16,4 @@ pytest_addoption, pytest_configure = _fixtures.pytest_addoption, _fixtures.pytes
 build, sanitizer, root = _fixtures.build, _fixtures.sanitizer, _fixtures.root
 syslog, bus, daemon = _fixtures.syslog, _fixtures.bus, _fixtures.daemon
 client = _fixtures.client
-make_watched_files = _fixtures.make_watched_files
+make_watched_files, trace = _fixtures.make_watched_files, _fixtures.trace
