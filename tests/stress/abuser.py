@@ -1,17 +1,22 @@
 """Connections that mean harm: raw messages on the bus, as fast as one likes, replies read or not."""
 
+import array
+import contextlib
+import mmap
 import os
-import select
+import signal
+import socket
 import struct
+import sys
+import time
+import traceback
 
 from jeepney import DBusAddress, MessageFlag, new_method_call
 from jeepney.io.blocking import open_dbus_connection
 from support.bus import ADDRESS, INTERFACE, LIMIT, NAME, PATH
 
 CONNECTIONS = 10
-# Calls of one connection that the system bus lets wait for a reply; a further one is refused by it.
-BUS_PENDING = 128
-_SERIAL_AT = 8  # bytes into a message, RFC-less: byte order, type, flags, version, body length
+_SERIAL_AT = 8  # bytes into a message: byte order, type, flags, version, length of the body
 
 
 def call(member, signature=None, body=(), interface=INTERFACE, path=PATH, reply=True):
@@ -25,8 +30,9 @@ def call(member, signature=None, body=(), interface=INTERFACE, path=PATH, reply=
 class Abuser:
     """One connection whose messages are made once and sent many times."""
 
-    def __init__(self, address=ADDRESS):
-        self._connection = open_dbus_connection(address, auth_timeout=LIMIT)
+    def __init__(self, address=ADDRESS, enable_fds=False):
+        self._connection = open_dbus_connection(address, auth_timeout=LIMIT,
+                                                enable_fds=enable_fds)
         self.socket = self._connection.sock
         self.socket.setblocking(False)
         self._serial = 100
@@ -48,6 +54,15 @@ class Abuser:
             struct.pack_into("<I", template, _SERIAL_AT, self._serial)
             self._waits += template
         self.sent += times
+
+    def send_with(self, template, descriptors):
+        """Sends the message with open files."""
+        self._serial += 1
+        struct.pack_into("<I", template, _SERIAL_AT, self._serial)
+        self.sent += 1
+        with contextlib.suppress(BlockingIOError):
+            self.socket.sendmsg([template], [(socket.SOL_SOCKET, socket.SCM_RIGHTS,
+                                              array.array("i", descriptors))])
 
     def flush(self):
         """Sends what the socket takes. Whether the bus still wants this connection."""
@@ -97,3 +112,49 @@ class Abuser:
     @property
     def unanswered(self):
         return self.sent - self.replies - self.errors
+
+
+class Abuse:
+    """A process of the lowest priority that takes `step` again and again while it is let go on.
+
+    It sleeps `pace` seconds between two steps. Inside `with`, `going()` lets it go on."""
+
+    def __init__(self, step, pace):
+        self._shared = mmap.mmap(-1, 16)  # whether to go on, and the steps taken
+        self._pid = os.fork()
+        if self._pid == 0:
+            self._run(step, pace)
+
+    def _run(self, step, pace):
+        try:
+            os.nice(19)
+            signal.signal(signal.SIGTERM, signal.SIG_DFL)
+            while True:
+                if self._shared[0]:
+                    step()
+                    self._shared[8:16] = struct.pack("q", self.steps() + 1)
+                time.sleep(pace if self._shared[0] else 0.001)
+        except BaseException:  # noqa: BLE001: the test must hear of it, from a process of its own
+            traceback.print_exc(file=sys.stderr)
+        finally:
+            os._exit(1)
+
+    def steps(self):
+        return struct.unpack("q", self._shared[8:16])[0]
+
+    @contextlib.contextmanager
+    def going(self):
+        self._shared[0] = 1
+        try:
+            yield
+        finally:
+            self._shared[0] = 0
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(self._pid, signal.SIGKILL)
+        _, status = os.waitpid(self._pid, 0)
+        assert os.WIFSIGNALED(status), "the abusing process failed"

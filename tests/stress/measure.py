@@ -3,10 +3,10 @@
 import os
 import statistics
 
-# Least growth, in KiB, that is called growth. What the daemon has written in answering goes up and
-# down by the allocator's arenas, one a thread, and the one script in force: a few hundred KiB. A
-# leak of one short text a question is above it within two minutes.
-LEVEL_KIB = 1024
+# Least growth, in KiB, that is called growth: several times what the allocator's arenas and the
+# script in force go up and down by once everything has happened once. A leak of one text of 64 bytes
+# a question is above it within two minutes.
+LEVEL_KIB = 512
 
 
 def private_dirty(pid):

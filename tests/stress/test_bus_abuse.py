@@ -1,16 +1,40 @@
-"""Those who may talk to the daemon and mean it harm."""
+"""Those who may talk to the daemon and mean it harm: it stays small, and others go on being answered.
+
+How long another client waits is measured against itself, in the same run and in turns: its median
+round trip without and with the abuse. Abusers run at the lowest priority and pause for twice as long
+as one of their calls takes where the daemon is idle, which is a third of its time: what is looked
+for is a call that holds up others for longer than it takes. Unpaced, each waits its turn behind the
+calls before it, which is the bus's order. Of several turns the best counts: whatever else the
+machine does makes answers later, never sooner.
+"""
+
+import itertools
+import os
+import statistics
+import struct
+import time
 
 import measure
 import pytest
-from abuser import call
+from abuser import CONNECTIONS, Abuse, Abuser, call
 from conftest import make_watched_files, trace
 from deaf_bus import DeafBus
+from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
+from support.bus import ADDRESS, Bus, BusError, Client, wait_until
 from support.daemon import Daemon
+
+GROWTH = 1024  # KiB; what the daemon alone has written is 1.7 MiB at rest
+SLOWER = 3.0  # times; the median of another client's round trips, under abuse
+TURNS = 8
+CALLS_A_TURN = 150
+STEPS_A_TURN = 50  # of the abuse, at least
+FILES = 16  # that the system bus passes on with one message
+WAIT = 60.0  # seconds; another client's longest wait for one answer, on any machine
+ANSWER = ["manual", "http://proxy:3128"]
 
 # Sockets hold some 200 KiB in each direction, and one read brings 2 KiB of calls.
 TAKEN_AT_MOST = 2 << 20  # bytes of calls
-MUCH = 100_000  # calls, 40 MB of them
-GROWTH = 1024  # KiB; the queue of the answers to MUCH calls is 30 times that
+MUCH = 100_000  # calls, 40 MB of them; the queue of the answers to all is 30 times GROWTH
 
 
 @pytest.fixture
@@ -46,3 +70,283 @@ def test_a_bus_that_does_not_read_is_not_read_either(build, quiet, deaf_bus, san
     assert serials == list(range(serials[0], serials[0] + asked))
     assert all(body == (["off", ""],) for _, body in answers)
     daemon.kill()
+
+
+@pytest.fixture
+def busy(build, quiet):
+    """A daemon on a bus of the system's kind, in mode manual; another client that asks it."""
+    bus = Bus()
+    daemon = Daemon(build)
+    with Client() as client:
+        client.update("manual", proxyurl=ANSWER[1])
+        yield Busy(daemon, client)
+        client.update("off")
+    daemon.close()
+    bus.close()
+
+
+class Busy:
+    def __init__(self, daemon, client):
+        self.daemon, self.client = daemon, client
+        self.median()  # warm
+        self.memory = measure.private_dirty(daemon.pid)
+        self.descriptors = measure.descriptors(daemon.pid)
+
+    def ask(self):
+        begin = time.monotonic()
+        assert self.client.urls("http://other.example/", timeout=WAIT) == ANSWER
+        return time.monotonic() - begin
+
+    def median(self, enough=lambda: True):
+        """Of CALLS_A_TURN round trips, and as many more as come until `enough`."""
+        times, end = [], time.monotonic() + WAIT
+        while len(times) < CALLS_A_TURN or (not enough() and time.monotonic() < end):
+            times.append(self.ask())
+        return statistics.median(times)
+
+    def stays_small(self):
+        growth = measure.private_dirty(self.daemon.pid) - self.memory
+        print(f"memory grew by {growth} KiB")
+        assert growth < GROWTH
+
+    def rests(self):
+        """Nothing of the abuse is left: what the bus still holds is answered, files are closed."""
+        self.ask()
+        wait_until(lambda: measure.descriptors(self.daemon.pid) == self.descriptors,
+                   "the descriptors are those of the begin", WAIT)
+        self.stays_small()
+
+
+def in_turn(steps):
+    """A step that takes the next of `steps` each time."""
+    following = itertools.cycle(steps)
+    return lambda: next(following)()
+
+
+def sender(messages, read=True):
+    """Ten connections that send one message after the other."""
+    templates = itertools.cycle([bytearray(each.serialise(1)) for each in messages])
+    abusers = itertools.cycle([Abuser() for _ in range(CONNECTIONS)])
+
+    def step():
+        abuser = next(abusers)
+        if abuser.waits == 0:
+            abuser.queue(next(templates))
+        assert abuser.flush(), "the bus has hung up"
+        if read:
+            assert abuser.read(), "the bus has hung up"
+    return step
+
+
+def reconnecting(data):
+    """Connections that send `data`, for which the bus throws each of them out."""
+    def step():
+        abuser = Abuser()
+        abuser.socket.setblocking(True)
+        try:
+            abuser.socket.sendall(data)
+            while abuser.socket.recv(65536):
+                pass
+        except OSError:
+            pass  # thrown out while still sending
+        abuser.close()
+    return step
+
+
+def nested(depth):
+    value = "s", "deep"
+    for _ in range(depth):
+        value = "v", value
+    return value
+
+
+def introspection():
+    return call("Introspect", interface="org.freedesktop.DBus.Introspectable")
+
+
+def match_rules():
+    """More rules than the bus lets a connection have."""
+    return [to_bus("AddMatch", f"type='signal',interface='com.x{number}.y',arg0='{number}'")
+            for number in range(600)]
+
+
+def to_bus(member, text):
+    bus = DBusAddress("/org/freedesktop/DBus", "org.freedesktop.DBus", "org.freedesktop.DBus")
+    return new_method_call(bus, member, "s", (text,))
+
+
+def of_kind(kind):
+    """A message to the daemon that is no call. As a reply it answers what was never asked."""
+    message = call("notifyClearcache", "s", ("x",))
+    message.header.message_type = kind
+    if kind != MessageType.signal:
+        message.header.fields[HeaderFields.reply_serial] = 7
+        message.header.fields[HeaderFields.error_name] = "com.zentu.Nothing"
+    return message
+
+
+def not_utf8():
+    data = bytearray(call("getProxyurl", "s", ("http://XXXX/",)).serialise(1000))
+    at = data.index(b"XXXX")
+    data[at:at + 4] = b"\xff\xc0\x80\xfe"
+    return data
+
+
+def too_deep():
+    """33 arrays in one another; 32 are allowed."""
+    data = bytearray(call("getProxyurl", "a" * 32 + "s", ([],)).serialise(1000))
+    at = data.index(b"a" * 32 + b"s")
+    data[at:at + 33] = b"a" * 33
+    return data
+
+
+def with_files():
+    """Calls with as many open files as the bus passes on."""
+    abusers = itertools.cycle([Abuser(enable_fds=True) for _ in range(CONNECTIONS)])
+    files = [os.open("/dev/null", os.O_RDONLY) for _ in range(FILES)]
+    template = bytearray(call("getProxyurl", "h" * FILES, tuple(files)).serialise(1, fds=[]))
+
+    def step():
+        abuser = next(abusers)
+        abuser.send_with(template, files)
+        assert abuser.read(), "the bus has hung up"
+    return step
+
+
+CALL = call("getProxyurl", "s", ("http://a.example/",))
+ABUSES = {
+    "calls": lambda: sender([CALL]),
+    "calls_whose_replies_are_not_read": lambda: sender([CALL, introspection()], read=False),
+    "calls_without_replies": lambda: sender([call("getProxyurl", "s", ("http://a/",), reply=False)]),
+    "strings_of_60_kb": lambda: sender([
+        call("getProxyurl", "s", ("http://" + "a" * 60_000,)),
+        call("getProxyurl", "s", ("x" * 60_000,)),
+        call("N" * 255, "s", ("x" * 60_000,)),
+    ]),
+    "unknown_names": lambda: sender([
+        call("Nothing"), call("Nothing", interface="com.nobody.Nothing"),
+        call("getProxyurl", "s", ("http://a/",), path="/nowhere"),
+        call("Get", "ss", ("a", "b"), interface="org.freedesktop.DBus.Properties"),
+    ]),
+    "wrong_signatures": lambda: sender([
+        call("getProxyurl"), call("getProxyurl", "i", (1,)), call("getProxyurl", "as", (["a"],)),
+        call("updateProxyconfig", "s", ("off",)),
+        call("updateProxyconfig", "sssssss", ("off",) * 7),
+        call("updateProxyconfig", "(sssbss)", (("off", "", "", False, "", ""),)),
+    ]),
+    "deep_containers": lambda: sender([
+        call("getProxyurl", "a" * 32 + "s", ([],)),
+        call("getProxyurl", "(" * 32 + "s" + ")" * 32, (_structs(32),)),
+        call("getProxyurl", "v", (nested(60),)),
+        call("Nothing", "v", (nested(60),)),
+    ]),
+    "what_is_no_call": lambda: sender([
+        of_kind(MessageType.signal), of_kind(MessageType.method_return),
+        of_kind(MessageType.error)]),
+    "match_rules": lambda: sender(match_rules()),
+    "open_files": with_files,
+    "text_that_is_not_utf8": lambda: reconnecting(not_utf8()),
+    "a_signature_that_is_too_deep": lambda: reconnecting(too_deep()),
+    "a_message_that_is_too_long": lambda: reconnecting(
+        CALL.serialise(1)[:4] + struct.pack("<I", 60 << 20) + CALL.serialise(1)[8:] + b"x" * 65536),
+}
+
+
+def _structs(depth):
+    value = "deep"
+    for _ in range(depth):
+        value = (value,)
+    return value
+
+
+def alone(step, times=50):
+    """Seconds that the daemon and the bus take for a step, with what they answer."""
+    with Client() as client:
+        begin = time.monotonic()
+        for _ in range(times):
+            step()
+            client.check_started()
+        return (time.monotonic() - begin) / times
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("name", ABUSES)
+def test_others_hardly_notice(busy, name):
+    step = ABUSES[name]()
+    pace = 2 * alone(step)
+    ratios = []
+    with Abuse(step, pace) as abuse:
+        for _ in range(TURNS):
+            unloaded = busy.median()
+            enough = abuse.steps() + STEPS_A_TURN
+            with abuse.going():
+                loaded = busy.median(lambda: abuse.steps() >= enough)
+            assert abuse.steps() >= enough, "the abuse does not go on"
+            ratios.append(loaded / unloaded)
+            if min(ratios) <= SLOWER:
+                break
+        print(f"{name}: {abuse.steps()} steps, every {1e6 * pace:.0f} us, medians "
+              f"{1e6 * unloaded:.0f} and {1e6 * loaded:.0f} us, ratio {min(ratios):.2f}")
+    assert min(ratios) <= SLOWER
+    busy.rests()
+
+
+FLOOD = 100_000
+PENDING = 100  # calls of one connection; the system bus allows 128
+
+
+def flood(busy, template, read):
+    """FLOOD calls from ten connections as fast as they go, from a process of the lowest priority;
+    the other client asks on meanwhile. How often it was answered, its longest wait and the errors."""
+    abusers = [Abuser() for _ in range(CONNECTIONS)]
+    done, ended = os.pipe()
+    pid = os.fork()
+    if pid == 0:
+        os.nice(19)
+        errors = run_flood(abusers, bytearray(template), read)
+        os.write(ended, struct.pack("q", errors))
+        os._exit(0)
+    os.close(ended)
+    for abuser in abusers:
+        abuser.close()
+    waits = []
+    while os.waitpid(pid, os.WNOHANG)[0] == 0:
+        waits.append(busy.ask())
+        time.sleep(0.001)
+        measured = measure.private_dirty(busy.daemon.pid) - busy.memory
+        assert measured < GROWTH
+    errors, = struct.unpack("q", os.read(done, 8))
+    os.close(done)
+    return waits, errors
+
+
+def run_flood(abusers, template, read):
+    each = FLOOD // len(abusers)
+    while any(abuser.sent < each or abuser.waits or (read and abuser.unanswered)
+              for abuser in abusers):
+        for abuser in abusers:
+            room = PENDING - abuser.unanswered if read else PENDING if not abuser.waits else 0
+            abuser.queue(template, max(0, min(room, each - abuser.sent)))
+            abuser.flush()
+            if read:
+                abuser.read()
+    return sum(abuser.errors for abuser in abusers)
+
+
+@pytest.mark.slow
+def test_a_hundred_thousand_calls_are_all_answered(busy):
+    waits, errors = flood(busy, CALL.serialise(1), read=True)
+    print(f"{len(waits)} answers meanwhile, the slowest {1000 * max(waits):.0f} ms")
+    assert errors == 0
+    assert waits
+    busy.rests()
+
+
+@pytest.mark.slow
+@pytest.mark.parametrize("reply", (True, False), ids=("unread", "unwanted"))
+def test_a_hundred_thousand_replies_that_nobody_reads(busy, reply):
+    message = call("getProxyurl", "s", ("http://a.example/",), reply=reply)
+    waits, _ = flood(busy, message.serialise(1), read=False)
+    print(f"{len(waits)} answers meanwhile, the slowest {1000 * max(waits):.0f} ms")
+    assert waits
+    busy.rests()
