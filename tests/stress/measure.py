@@ -15,9 +15,17 @@ def private_dirty(pid):
         return sum(int(line.split()[1]) for line in rollup if line.startswith("Private_Dirty"))
 
 
-def rss(pid):
+def _status(pid, field):
     with open(f"/proc/{pid}/status") as status:
-        return next(int(line.split()[1]) for line in status if line.startswith("VmRSS"))
+        return next(int(line.split()[1]) for line in status if line.startswith(field))
+
+
+def rss(pid):
+    return _status(pid, "VmRSS")
+
+
+def highest_rss(pid):
+    return _status(pid, "VmHWM")
 
 
 def descriptors(pid):
