@@ -13,6 +13,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 the thread sanitizer, each without the tests labelled "slow"
   --coverage    run all but the slow ones and those of packages, and print the coverage of lines and
                 branches, file by file; a page of each below build/coverage/report
+  --soak MIN    instead of the tests, ask, reconfigure and kill for so many minutes, with every answer
+                judged; what follows "--" is the soak's: --seed=N repeats a schedule
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
   -j N          N processes at once for building, and half as many again for testing, as most
@@ -23,11 +25,12 @@ What follows "--" is given to ctest: ./test.sh -- -R RunFile
 EOF
 }
 
-mode=plain build=$top/build jobs=$(nproc) werror=OFF
+mode=plain build=$top/build jobs=$(nproc) werror=OFF minutes=
 while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
     --coverage) mode=coverage ;;
+    --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --werror) werror=ON ;;
     --build) build=${2:?--build needs a folder} && shift ;;
     -j) jobs=${2:?-j needs a number} && shift ;;
@@ -39,6 +42,10 @@ while [ $# -gt 0 ]; do
   shift
 done
 ctest_options=("$@")
+if [ "$mode" = soak ] && ! [[ $minutes =~ ^[0-9]+(\.[0-9]+)?$ ]]; then
+  echo "$0: --soak needs minutes as a number, not \"$minutes\"" >&2
+  exit 2
+fi
 
 step() { printf '\n==> %s\n' "$*"; }
 
@@ -114,6 +121,13 @@ test_coverage() {
     --exclude-throw-branches --branches --txt "$report/branches.txt" "$build/coverage"
   cat "$report/lines.txt" "$report/branches.txt"
   return "$status"
+}
+
+test_soak() {
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  step "Soaking for $minutes minutes"
+  PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/tests/stress/soak.py" "--build=$build/test" \
+    "${ctest_options[@]}" "$minutes"
 }
 
 launcher=()

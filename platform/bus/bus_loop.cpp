@@ -169,7 +169,7 @@ void BusLoop::rem_watch(Watch* watch) {
 BusLoop::End BusLoop::run() {
   while (true) {
     dispatch_pending();
-    runPosted();
+    if (!outputWaits()) runPosted();
     dispatch_pending();
     if (!mConnection->connected()) return End::kLost;
     if (mLeave) {
@@ -218,10 +218,14 @@ void BusLoop::waitAndHandle() {
 void BusLoop::collectEntries() {
   mEntries.assign(1, {mEventFd, POLLIN, 0});
   mPolled.assign(1, nullptr);
+  const bool full = outputWaits();
   const Lock lock(mMutex);
   for (auto* watch : mWatches) {
     if (!watch->enabled()) continue;
-    mEntries.push_back({watch->descriptor(), toPollEvents(watch->flags()), 0});
+    const bool writes = (watch->flags() & DBUS_WATCH_WRITABLE) != 0;
+    // Without events a bus that is gone is still reported; only the reading watch makes it known.
+    const short events = full && !writes ? short{0} : toPollEvents(watch->flags());
+    mEntries.push_back({watch->descriptor(), events, 0});
     mPolled.push_back(watch);
   }
 }

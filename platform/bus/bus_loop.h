@@ -6,6 +6,12 @@
 // eventfd and ends when it is told to, however early, or when the connection is lost. It sleeps
 // without a time limit where the library has no timeout pending, so that an idle daemon is never
 // woken.
+//
+// The library keeps what the bus does not take at once in a queue without a bound. So nothing is
+// read, and nothing that was posted is run, while something waits to be written: whoever asks
+// faster than the bus takes the answers, or does not read them at all, fills the bus's memory up to
+// its limits and not this process's. What may wait is the answers to the calls of one read, some 2
+// KiB of them or one longer call, beyond what the socket holds.
 #pragma once
 
 #include <dbus-c++/dbus.h>

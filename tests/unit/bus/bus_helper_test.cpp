@@ -187,6 +187,33 @@ TEST(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
       testing::ExitedWithCode(1), "");
 }
 
+TEST(HelperDeathTest, ABusLostWithOutputWaitingEndsTheProcessWithOne) {
+  PrivateBus bus;  // outside, so that its folder is removed by this process
+  EXPECT_EXIT(
+      {
+        DBus::BusHelper helper;
+        helper.startDispatching();
+        bus.pause();
+        postMuchOutput(helper);
+        bus.kill();
+        std::this_thread::sleep_for(std::chrono::seconds(20));
+        _exit(0);
+      },
+      testing::ExitedWithCode(1), "");
+}
+
+TEST_F(Helper, RunsNothingThatIsPostedWhileOutputWaits) {
+  mHelper->startDispatching();
+  mBus.pause();
+  postMuchOutput(*mHelper);
+  std::promise<void> ran;
+  auto running = ran.get_future();
+  mHelper->run([&] { ran.set_value(); });
+  EXPECT_EQ(running.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+  mBus.goOn();
+  EXPECT_EQ(running.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+}
+
 TEST(HelperWithoutBus, ASilentBusIsAnErrorAfterItsLimit) {
   PrivateBus bus;
   bus.pause();
