@@ -135,6 +135,22 @@ def test_installing_starts_the_daemon_as_its_own_user_with_one_capability(instal
     assert (daemon["NoNewPrivs"], daemon["Seccomp"]) == ("1", "2")
 
 
+def test_the_unit_writes_no_core_and_leaves_two_folders_of_the_disk_to_write_in(installed):
+    pid = str(main_process(installed))
+    limits = installed.run("cat", f"/proc/{pid}/limits").stdout
+    assert re.search(r"^Max core file size +0 +0 ", limits, re.MULTILINE), limits
+    assert installed.show(UNIT, "Type") == "dbus"
+    assert installed.show(UNIT, "WatchdogUSec") == "1min"
+    # Tried as the daemon's user, in its view of the file system.
+    enter = ("nsenter", "-t", pid, "-m", "setpriv", "--reuid=proxymanagerd", "--regid=proxymanagerd",
+             "--clear-groups", "sh", "-c")
+    for folder, writable in {"/tmp": True, "/run/proxymanagerd": True, "/run": False, "/etc": False,
+                             "/root": False, "/usr/local/lumad": False, "/var/lib": False,
+                             "/var/tmp": False}.items():
+        tried = installed.run(*enter, f"echo >{folder}/tried && rm {folder}/tried", check=False)
+        assert (tried.returncode == 0) == writable, f"{folder}: {tried.stderr}"
+
+
 def test_no_file_is_shipped_under_usr_local_yet_the_watched_ones_are_there(installed):
     shipped = installed.run("dpkg", "-L", "proxymanagerd").stdout.split("\n")
     assert not [name for name in shipped if name.startswith("/usr/local")]

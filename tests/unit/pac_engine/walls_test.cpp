@@ -1,6 +1,7 @@
 // Each wall around the worker, tried from inside by a worker whose engine makes the system call,
 // and what the kernel says of a live one.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -8,6 +9,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 #include "platform/pac_engine/pac_engine.h"
@@ -126,6 +128,20 @@ TEST_F(LiveWorker, HasOneDescriptorBeyondTheStandardThree) {
     }
   }
   EXPECT_EQ(beyond, 1);
+}
+
+TEST_F(LiveWorker, HasTheLimitsOfTheSandbox) {
+  std::ifstream file(path("limits"));
+  const std::string limits{std::istreambuf_iterator<char>(file), {}};
+  for (const auto& [name, value] : std::map<std::string, std::string>{
+           {"Max address space", "268435456"},  // 256 MiB
+           {"Max file size", "0"},
+           {"Max core file size", "0"},
+           {"Max processes", "0"},
+           {"Max open files", "0"},
+           {"Max locked memory", "0"}}) {
+    EXPECT_THAT(limits, testing::ContainsRegex(name + " +" + value + " +" + value + " ")) << name;
+  }
 }
 
 TEST_F(LiveWorker, HasNoSignalBlockedOrIgnored) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <link.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -247,6 +249,29 @@ TEST(CrashHandler, IsNotHeldUpByAStderrThatTakesNothing) {
                              [&] { EXPECT_EQ(endWithFullStderr(crash), SIGSEGV); });
   EXPECT_LT(took, std::chrono::seconds(4));
   EXPECT_GE(log.lines().size(), 3u) << "the log hears it all the same";
+}
+
+// Another thread stays in the loader's list of libraries, which the unwinder then waits for.
+[[noreturn]] void crashWithoutTheListOfLibraries() {
+  initCrashHandler();
+  static std::promise<void> inside;
+  std::thread([] {
+    dl_iterate_phdr(
+        [](dl_phdr_info*, std::size_t, void*) -> int {
+          inside.set_value();
+          for (;;) pause();
+        },
+        nullptr);
+  }).detach();
+  inside.get_future().wait();
+  callTouchNowhere();
+  _exit(1);
+}
+
+TEST(CrashHandler, EndsAReportThatHangsAfterFiveSeconds) {
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EXIT(crashWithoutTheListOfLibraries(), KilledBySignal(SIGALRM), "fatal signal 11");
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4900));
 }
 
 // The full stderr makes the report wait, so that the other threads crash in the middle of it: they
