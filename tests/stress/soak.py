@@ -251,7 +251,7 @@ class Soak:
         said = self.signals.count("notifyClearcache")
         checks = [
             ("no wrong answer", oracle.wrong_count == 0),
-            ("most answers have one explanation", oracle.ambiguous * 10 <= oracle.judged),
+            ("most answers have one explanation", oracle.ambiguous * 2 <= oracle.judged),
             ("a notifyClearcache for each update and each new script", said == expected),
             (f"memory grows less than {measure.LEVEL_KIB} KiB",
              self.memory.growth() < measure.LEVEL_KIB),
