@@ -275,6 +275,8 @@ def test_the_password_is_asked_for_at_the_terminal_and_not_shown(ctl, client):
     assert client.config() == ("manual", "http://p:1", "", "n", "u\x1b[2J", "typed secret")
     terminal = ctl.on_terminal("off", "--user", "u")
     terminal.output.wait("Password for u: ")
+    # The library's prompt does not see a signal that comes before it reads.
+    wait_until(lambda: sleeps(terminal.pid), "it reads")
     terminal.type("\x03")
     assert terminal.end()[0] == -signal.SIGINT
     assert client.config()[0] == "manual"
@@ -282,6 +284,11 @@ def test_the_password_is_asked_for_at_the_terminal_and_not_shown(ctl, client):
     assert said(ctl("off", "--user", "u", wrapper=["setsid", "--wait"])) == (
         USAGE, "there is no terminal to ask for the password; name a file that holds it with "
         '--password-file, or "-" for standard input')
+
+
+def sleeps(pid):
+    with open(f"/proc/{pid}/stat") as stat:
+        return stat.read().rpartition(")")[2].split()[0] == "S"
 
 
 def test_what_is_no_password_is_refused(ctl, daemon):
