@@ -11,6 +11,9 @@ Installs what is missing, builds the tree with its tests and runs them all.
 
   --sanitizers  run them under the address, leak and undefined behaviour sanitizers, and again under
                 the thread sanitizer, each without the tests labelled "slow"
+  --fuzz MINUTES
+                run the fuzz targets instead (clang, libFuzzer, address and undefined behaviour
+                sanitizers), so many minutes in all, and print what each did
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
   -j N          N processes at once for building, and half as many again for testing, as most
@@ -21,10 +24,11 @@ What follows "--" is given to ctest: ./test.sh -- -R RunFile
 EOF
 }
 
-mode=plain build=$top/build jobs=$(nproc) werror=OFF
+mode=plain build=$top/build jobs=$(nproc) werror=OFF minutes=0 build_options=()
 while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
+    --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
     --werror) werror=ON ;;
     --build) build=${2:?--build needs a folder} && shift ;;
     -j) jobs=${2:?-j needs a number} && shift ;;
@@ -36,6 +40,10 @@ while [ $# -gt 0 ]; do
   shift
 done
 ctest_options=("$@")
+if [ "$mode" = fuzz ] && ! [[ $minutes =~ ^[1-9][0-9]{0,4}$ ]]; then
+  echo "test.sh: --fuzz wants a whole number of minutes, not '$minutes'" >&2
+  exit 2
+fi
 
 step() { printf '\n==> %s\n' "$*"; }
 
@@ -46,7 +54,7 @@ build_tree() {
   step "Building in $folder"
   "${launcher[@]}" cmake -S "$top" -B "$folder" -G Ninja -DPROXYMANAGER_TESTS=ON \
     -DPROXYMANAGER_WERROR="$werror" "$@"
-  "${launcher[@]}" cmake --build "$folder" -j "$jobs"
+  "${launcher[@]}" cmake --build "$folder" -j "$jobs" "${build_options[@]}"
 }
 
 # run_tests NAME CTEST-OPTIONS...: runs the tests of $build/NAME.
@@ -94,6 +102,17 @@ test_sanitizers() {
   without_random_addresses
   build_tree thread -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPROXYMANAGER_SANITIZER=thread
   run_tests thread -LE '^slow$'
+}
+
+test_fuzz() {
+  export UBSAN_OPTIONS=print_stacktrace=1
+  LSAN_OPTIONS=$(with_suppressions lsan report_objects=1)
+  export LSAN_OPTIONS
+  build_options=(--target fuzz_targets)
+  build_tree fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPROXYMANAGER_SANITIZER=fuzzer \
+    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+  step "Fuzzing in $build/fuzz"
+  "$top/tests/fuzz/run.sh" "$build/fuzz" "$minutes" "$jobs"
 }
 
 launcher=()
