@@ -97,11 +97,14 @@ std::optional<std::string> cleanedUrl(std::string_view url) {
   if (url.size() > kMaxUrlBytes) return std::nullopt;
   const std::string given(url);
   if (given.find("://") == std::string::npos) return given;
+  // Asked first: curl also takes one slash for two, and would find another scheme in "a:/b://c".
+  auto scheme = schemeAlone(given);
+  if (!scheme) return std::nullopt;
   const Url parsed(curl_url(), &curl_url_cleanup);
   if (!parsed ||
       curl_url_set(parsed.get(), CURLUPART_URL, given.c_str(), kParseFlags) != CURLUE_OK ||
       !clean(parsed.get())) {
-    return schemeAlone(given);
+    return scheme;
   }
   auto cleaned = part(parsed.get(), CURLUPART_URL);
   if (cleaned && cleaned->size() > kMaxUrlBytes) return std::nullopt;

@@ -85,7 +85,9 @@ TEST(RequestUrl, ShowsItsSchemeAloneWhereCurlTakesItForNoUrl) {
               {"user:pass@h/?x=http://y", std::nullopt},
               {"http://h:99999/", "http:///"},
               {"http://u@h@i/", "http:///"},
-              {"://h", std::nullopt}});
+              {"://h", std::nullopt},
+              {"http:/me:pw@h/x://y", std::nullopt},
+              {"1:/1:///", std::nullopt}});
 }
 
 TEST(RequestUrl, IsTakenAt8KiBAndNotPastIt) {
