@@ -12,6 +12,7 @@
 #include "domain/tld.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
+#include "fetcher/resolver_text.h"
 #include "platform/log/log_line.h"
 #include "platform/netservice/plain_file.h"
 
@@ -70,15 +71,7 @@ std::string PACFetcher::getDomainName() const {
     logLine(LOG_ERR, "%s%s open:%s failed", kLogClass, __func__, kResolverFile);
     return {};
   }
-  std::string_view domain;
-  std::string_view rest = text;
-  while (!rest.empty()) {
-    const std::string_view line = rest.substr(0, rest.find('\n'));
-    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-    const bool taken = line.find("search ") != line.npos || line.find("domain ") != line.npos;
-    if (taken) domain = line.substr(line.find(' ') + 1);
-  }
-  return std::string(domain);
+  return fetcher::domainOfResolverText(text);
 }
 
 std::vector<std::string> PACFetcher::wpadUrlCandidatesFromDomain(const std::string& domain) const {
