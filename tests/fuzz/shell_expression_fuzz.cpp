@@ -59,7 +59,7 @@ std::string typed(std::string_view field) {
   std::string text;
   for (std::size_t i = 0; i < field.size(); ++i) {
     if (field[i] == '~' && i + 1 < field.size()) {
-      text += kHard[static_cast<unsigned char>(field[++i]) % std::size(kHard)];
+      text += kHard[static_cast<unsigned char>(field[++i] - '0') % std::size(kHard)];
     } else {
       text += field[i];
     }
