@@ -71,6 +71,10 @@ bool clean(CURLU* url) {
   if (*scheme == "https" || *scheme == "wss") {
     done = done && set(url, CURLUPART_PATH, "/") && set(url, CURLUPART_QUERY, nullptr);
   }
+  // Of "file:///" curl keeps no path, and would write "file://(nil)".
+  if (*scheme == "file" && part(url, CURLUPART_PATH) == "/") {
+    done = done && set(url, CURLUPART_PATH, "/");
+  }
   return done && lowerHost(url) && dropDefaultPort(url, *scheme);
 }
 

@@ -75,6 +75,13 @@ TEST(RequestUrl, IsPassedAsItIsWithoutASchemeSeparator) {
               {"HTTP:/H/", "HTTP:/H/"}});
 }
 
+TEST(RequestUrl, KeepsTheSlashOfAFileUrlWithoutAPath) {
+  expectRows({{"file:///", "file:///"},
+              {"FILE:///#f", "file:///"},
+              {"file:///a/B", "file:///a/B"},
+              {"file://u:p@h/x", "file:///"}});
+}
+
 TEST(RequestUrl, ShowsItsSchemeAloneWhereCurlTakesItForNoUrl) {
   expectRows({{"http://a b/", "http:///"},
               {"HTTPS://u:p@a b/secret", "https:///"},
