@@ -37,7 +37,8 @@ row() {
     /^#[0-9]/ { for (i = 1; i < NF; i++) if ($i == "cov:") edges = $(i + 1) }
     END { printf "%-22s %12d %9d %7d %9d\n", name, runs, rate, edges, findings }' "$folder/log"
   if [ "$findings" -eq 0 ]; then return; fi
-  grep -m 1 -E 'does not hold:|ERROR:|runtime error:' "$folder/log" | sed 's/^/    /' || true
+  { grep -m 1 -E 'does not hold:|ERROR:|runtime error:' "$folder/log" || tail -n 2 "$folder/log"; } |
+    sed 's/^/    /'
   echo "    log: $folder/log, status $(cat "$folder/findings/status")"
   for file in "$folder"/findings/*-*; do
     if [ -e "$file" ]; then echo "    reproduce: $build/out/fuzz/${name}_fuzz $file"; fi
