@@ -112,6 +112,10 @@ std::optional<std::string> cleanedUrl(std::string_view url) {
   }
   auto cleaned = part(parsed.get(), CURLUPART_URL);
   if (cleaned && cleaned->size() > kMaxUrlBytes) return std::nullopt;
+  // curl looks for an IPv4 address in a host before it undoes its percent signs: "%39" is "9" now,
+  // and 0.0.0.9 the next time. Each time has fewer of them, until nothing changes.
+  if (cleaned && *cleaned != given && given.find('%') != std::string::npos)
+    return cleanedUrl(*cleaned);
   return cleaned;
 }
 

@@ -82,6 +82,12 @@ TEST(RequestUrl, KeepsTheSlashOfAFileUrlWithoutAPath) {
               {"file://u:p@h/x", "file:///"}});
 }
 
+TEST(RequestUrl, ShowsAnAddressBehindPercentSignsAsOne) {
+  expectRows({{"http://%39/", "http://0.0.0.9/"},
+              {"http://%2539/", "http://%2539/"},
+              {"HTTP://%31%30.1/%2e%39", "http://10.0.0.1/%2e%39"}});
+}
+
 TEST(RequestUrl, ShowsItsSchemeAloneWhereCurlTakesItForNoUrl) {
   expectRows({{"http://a b/", "http:///"},
               {"HTTPS://u:p@a b/secret", "https:///"},
