@@ -113,9 +113,11 @@ std::optional<std::string> cleanedUrl(std::string_view url) {
   auto cleaned = part(parsed.get(), CURLUPART_URL);
   if (cleaned && cleaned->size() > kMaxUrlBytes) return std::nullopt;
   // curl looks for an IPv4 address in a host before it undoes its percent signs: "%39" is "9" now,
-  // and 0.0.0.9 the next time. Each time has fewer of them, until nothing changes.
-  if (cleaned && *cleaned != given && given.find('%') != std::string::npos)
-    return cleanedUrl(*cleaned);
+  // and 0.0.0.9 the next time, which comes while there are fewer and fewer of them.
+  const auto signs = [](const std::string& text) {
+    return std::count(text.begin(), text.end(), '%');
+  };
+  if (cleaned && signs(*cleaned) < signs(given)) return cleanedUrl(*cleaned);
   return cleaned;
 }
 
