@@ -15,6 +15,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 branches, file by file; a page of each below build/coverage/report
   --soak MIN    instead of the tests, ask, reconfigure and kill for so many minutes, with every answer
                 judged; what follows "--" is the soak's: --seed=N repeats a schedule
+  --fuzz MIN    run the fuzz targets instead (clang, libFuzzer, address and undefined behaviour
+                sanitizers), so many minutes in all, and print what each did
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
   -j N          N processes at once for building, and half as many again for testing, as most
@@ -25,12 +27,13 @@ What follows "--" is given to ctest: ./test.sh -- -R RunFile
 EOF
 }
 
-mode=plain build=$top/build jobs=$(nproc) werror=OFF minutes=
+mode=plain build=$top/build jobs=$(nproc) werror=OFF minutes=0 build_options=()
 while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
     --coverage) mode=coverage ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
+    --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
     --werror) werror=ON ;;
     --build) build=${2:?--build needs a folder} && shift ;;
     -j) jobs=${2:?-j needs a number} && shift ;;
@@ -46,6 +49,10 @@ if [ "$mode" = soak ] && ! [[ $minutes =~ ^[0-9]+(\.[0-9]+)?$ ]]; then
   echo "$0: --soak needs minutes as a number, not \"$minutes\"" >&2
   exit 2
 fi
+if [ "$mode" = fuzz ] && ! [[ $minutes =~ ^[1-9][0-9]{0,4}$ ]]; then
+  echo "test.sh: --fuzz wants a whole number of minutes, not '$minutes'" >&2
+  exit 2
+fi
 
 step() { printf '\n==> %s\n' "$*"; }
 
@@ -56,7 +63,7 @@ build_tree() {
   step "Building in $folder"
   "${launcher[@]}" cmake -S "$top" -B "$folder" -G Ninja -DPROXYMANAGER_TESTS=ON \
     -DPROXYMANAGER_WERROR="$werror" "$@"
-  "${launcher[@]}" cmake --build "$folder" -j "$jobs"
+  "${launcher[@]}" cmake --build "$folder" -j "$jobs" "${build_options[@]}"
 }
 
 # run_tests NAME CTEST-OPTIONS...: runs the tests of $build/NAME.
@@ -128,6 +135,17 @@ test_soak() {
   step "Soaking for $minutes minutes"
   PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/tests/stress/soak.py" "--build=$build/test" \
     "${ctest_options[@]}" "$minutes"
+}
+
+test_fuzz() {
+  export UBSAN_OPTIONS=print_stacktrace=1
+  LSAN_OPTIONS=$(with_suppressions lsan report_objects=1)
+  export LSAN_OPTIONS
+  build_options=(--target fuzz_targets)
+  build_tree fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPROXYMANAGER_SANITIZER=fuzzer \
+    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+  step "Fuzzing in $build/fuzz"
+  "$top/tests/fuzz/run.sh" "$build/fuzz" "$minutes" "$jobs"
 }
 
 launcher=()

@@ -12,7 +12,7 @@ option(PROXYMANAGER_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(PROXYMANAGER_BENCH "Build the benchmarks" OFF)
 option(PROXYMANAGER_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
 option(PROXYMANAGER_WERROR "Treat warnings as errors" OFF)
-set(PROXYMANAGER_SANITIZER "" CACHE STRING "Empty, address (with undefined) or thread")
+set(PROXYMANAGER_SANITIZER "" CACHE STRING "Empty, address (with undefined), thread or fuzzer (tests/fuzz)")
 option(PROXYMANAGER_COVERAGE "Count which lines and branches run, for gcovr" OFF)
 set(PROXYMANAGER_PUBLIC_SUFFIX_LIST
     "${CMAKE_CURRENT_SOURCE_DIR}/domain/public_suffix_list_2011-09-02.dat"

@@ -1,10 +1,18 @@
-# PROXYMANAGER_SANITIZER=address (with undefined and leaks) or thread, for every target below.
+# PROXYMANAGER_SANITIZER=address (with undefined and leaks), thread or fuzzer (as address, and what
+# libFuzzer counts edges by; clang alone), for every target below.
 if(PROXYMANAGER_SANITIZER STREQUAL "address")
   set(proxymanager_sanitizer_flags -fsanitize=address,undefined -fno-sanitize-recover=all)
 elseif(PROXYMANAGER_SANITIZER STREQUAL "thread")
   set(proxymanager_sanitizer_flags -fsanitize=thread)
+elseif(PROXYMANAGER_SANITIZER STREQUAL "fuzzer")
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang" OR NOT CMAKE_C_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "PROXYMANAGER_SANITIZER=fuzzer wants clang: give "
+                        "-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++")
+  endif()
+  set(proxymanager_sanitizer_flags
+    -fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all)
 elseif(NOT PROXYMANAGER_SANITIZER STREQUAL "")
-  message(FATAL_ERROR "PROXYMANAGER_SANITIZER is address, thread or empty, "
+  message(FATAL_ERROR "PROXYMANAGER_SANITIZER is address, thread, fuzzer or empty, "
                       "not '${PROXYMANAGER_SANITIZER}'")
 endif()
 

@@ -4,7 +4,8 @@
 // one would be asked by every device in it. Two judges say what a public suffix is, the lookup in
 // the built-in table and a silent guard that knows wildcard rules and the system's current list;
 // one is enough to stop. Both see the name folded (lower case, no outer dots); the URLs keep it as
-// it came.
+// it came. What the judges see must be the host that is asked, so a name that would not be the
+// whole host of its URL, such as "com/.example.com", has none.
 #include <algorithm>
 #include <string_view>
 
@@ -12,6 +13,7 @@
 #include "domain/tld.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
+#include "fetcher/resolver_text.h"
 #include "platform/log/log_line.h"
 #include "platform/netservice/plain_file.h"
 
@@ -26,6 +28,9 @@ constexpr std::size_t kResolverFileLimit = std::size_t{64} * 1024;
 constexpr std::size_t kLongestName = 253;
 // At up to 30 seconds each, more would keep an update waiting for hours.
 constexpr std::size_t kMostCandidates = 256;
+// What ends the host of a URL, or says another one than the judges see ("%63om", "com:80"). A NUL
+// ends the whole URL.
+constexpr std::string_view kNoHost{"/?#@:%\0", 7};
 constexpr char kFunction[] = "wpadUrlCandidatesFromDomain";
 
 std::string folded(std::string_view name) {
@@ -45,7 +50,7 @@ bool hasDot(const std::string& name) {
 void addCandidatesOf(const std::string& token, std::vector<std::string>& candidates) {
   logLine(LOG_NOTICE, "%s%s wpad-dns domain for splice:%s", kLogClass, kFunction, token.c_str());
   const std::string name = folded(token);
-  if (name.size() > kLongestName) return;
+  if (name.size() > kLongestName || name.find_first_of(kNoHost) != name.npos) return;
   const std::string suffix = topLevelDomain(name);
   if (name == suffix || isPublicSuffix(name)) return;
   for (std::string rest = token; candidates.size() < kMostCandidates;) {
@@ -70,15 +75,7 @@ std::string PACFetcher::getDomainName() const {
     logLine(LOG_ERR, "%s%s open:%s failed", kLogClass, __func__, kResolverFile);
     return {};
   }
-  std::string_view domain;
-  std::string_view rest = text;
-  while (!rest.empty()) {
-    const std::string_view line = rest.substr(0, rest.find('\n'));
-    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-    const bool taken = line.find("search ") != line.npos || line.find("domain ") != line.npos;
-    if (taken) domain = line.substr(line.find(' ') + 1);
-  }
-  return std::string(domain);
+  return fetcher::domainOfResolverText(text);
 }
 
 std::vector<std::string> PACFetcher::wpadUrlCandidatesFromDomain(const std::string& domain) const {

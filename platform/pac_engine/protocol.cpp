@@ -142,6 +142,7 @@ Start readStart(Reader& reader) {
   message.timeLimitMs = reader.number<std::uint32_t>();
   const bool fixed = reader.flag();
   const auto clock = reader.number<std::int64_t>();
+  reader.require(fixed || clock == 0);
   if (fixed) message.clock = clock;
   return message;
 }

@@ -83,6 +83,14 @@ std::optional<std::string> clean(CURLU* url, const std::string& given) {
   if (isEncrypted(*scheme)) {
     done = done && set(url, CURLUPART_PATH, "/") && set(url, CURLUPART_QUERY, nullptr);
   }
+  // Of "file:///" curl keeps no path, and would write "file://(nil)".
+  if (*scheme == "file" && part(url, CURLUPART_PATH) == "/") {
+    done = done && set(url, CURLUPART_PATH, "/");
+  }
+  // Of "file:///" curl keeps no path, and would write "file://(nil)".
+  if (*scheme == "file" && part(url, CURLUPART_PATH) == "/") {
+    done = done && set(url, CURLUPART_PATH, "/");
+  }
   if (!done || !lowerHost(url) || !dropDefaultPort(url, *scheme)) return std::nullopt;
   auto cleaned = part(url, CURLUPART_URL);
   if (cleaned && emptyQuery) *cleaned += '?';
@@ -112,14 +120,23 @@ std::optional<std::string> cleanedUrl(std::string_view url) {
   if (url.size() > kMaxUrlBytes) return std::nullopt;
   const std::string given(url);
   if (given.find("://") == std::string::npos) return given;
+  // Asked first: curl also takes one slash for two, and would find another scheme in "a:/b://c".
+  auto scheme = schemeAlone(given);
+  if (!scheme) return std::nullopt;
   const Url parsed(curl_url(), &curl_url_cleanup);
   if (!parsed ||
       curl_url_set(parsed.get(), CURLUPART_URL, given.c_str(), kParseFlags) != CURLUE_OK) {
-    return schemeAlone(given);
+    return scheme;
   }
   auto cleaned = clean(parsed.get(), given);
-  if (!cleaned) return schemeAlone(given);
+  if (!cleaned) return scheme;
   if (cleaned->size() > kMaxUrlBytes) return std::nullopt;
+  // curl looks for an IPv4 address in a host before it undoes its percent signs: "%39" is "9" now,
+  // and 0.0.0.9 the next time, which comes while there are fewer and fewer of them.
+  const auto signs = [](const std::string& text) {
+    return std::count(text.begin(), text.end(), '%');
+  };
+  if (signs(*cleaned) < signs(given)) return cleanedUrl(*cleaned);
   return cleaned;
 }
 

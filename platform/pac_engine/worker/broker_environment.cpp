@@ -1,9 +1,9 @@
 #include "platform/pac_engine/worker/broker_environment.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <utility>
+
+#include "platform/pac_engine/worker/worker_end.h"
 
 namespace pac_worker {
 
@@ -18,13 +18,13 @@ constexpr std::size_t kMaxRemembered = 64;
 }  // namespace
 
 void sendOrEnd(pac_engine::Channel& channel, const FromWorker& message) {
-  if (!channel.sendPatiently(pac_engine::encode(message))) _exit(EXIT_SUCCESS);
+  if (!channel.sendPatiently(pac_engine::encode(message))) endWorker(EXIT_SUCCESS);
 }
 
 FromLibrary receiveOrEnd(pac_engine::Channel& channel) {
-  if (channel.receive() != pac_engine::Receipt::kMessage) _exit(EXIT_SUCCESS);
+  if (channel.receive() != pac_engine::Receipt::kMessage) endWorker(EXIT_SUCCESS);
   auto message = pac_engine::decodeFromLibrary(channel.message());
-  if (!message) _exit(kExitBroken);
+  if (!message) endWorker(kExitBroken);
   return *std::move(message);
 }
 
@@ -32,7 +32,7 @@ BrokerEnvironment::Texts BrokerEnvironment::ask(const FromWorker& question) {
   sendOrEnd(mChannel, question);
   auto answer = receiveOrEnd(mChannel);
   auto* const addresses = std::get_if<pac_engine::Addresses>(&answer);
-  if (addresses == nullptr) _exit(kExitBroken);
+  if (addresses == nullptr) endWorker(kExitBroken);
   return std::move(addresses->texts);
 }
 

@@ -54,7 +54,4 @@ void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& messa
 /// Waits for the next message, or ends the process: quietly where the socket is closed.
 pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
 
-inline constexpr int kExitBroken =
-    3;  ///< exit code: the library broke the rules of the conversation
-
 }  // namespace pac_worker

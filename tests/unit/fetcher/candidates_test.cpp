@@ -96,6 +96,17 @@ TEST(WpadCandidates, AreNoneForANameThatDnsCannotHold) {
   EXPECT_THAT(candidates("bbb" + name), IsEmpty());
 }
 
+// Each would have asked wpad.com or wpad.co.uk, past the judges of public suffixes.
+TEST(WpadCandidates, AreNoneForANameThatIsNotTheWholeHostOfItsUrl) {
+  using namespace std::string_literals;
+  for (const auto& name : {"com/.example.org"s, "com?.example.org"s, "com#.example.org"s,
+                           "example.org@com"s, "x.co.uk:80"s, "x.%63o.uk"s, "com\0.example.org"s}) {
+    EXPECT_THAT(candidates(name), IsEmpty()) << name;
+  }
+  EXPECT_THAT(candidates("com/.example.org eng.example.com"),
+              ElementsAre(wpad_("eng.example.com"), wpad_("example.com")));
+}
+
 TEST(WpadCandidates, Are256AtMost) {
   std::string list;
   for (int i = 0; i < 128; ++i) list += "eng.example.com ";

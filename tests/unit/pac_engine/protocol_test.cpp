@@ -168,6 +168,13 @@ TEST(Protocol, TakesNoMessageThatIsCutShortOrHasSomethingLeftOver) {
   }
 }
 
+TEST(Protocol, TakesNoStartWithATimeWhereItHasNoClock) {
+  auto start = encoded(FromLibrary(Start{5000, std::nullopt}));
+  ASSERT_TRUE(decodeFromLibrary(start));
+  start.back() = 1;
+  EXPECT_FALSE(decodeFromLibrary(start));
+}
+
 TEST(Protocol, TakesNoMessageOfTheOtherDirection) {
   const auto all = oneOfEachKind();
   for (std::size_t i = 0; i < all.size(); ++i) {

@@ -87,6 +87,19 @@ TEST(RequestUrl, IsPassedAsItIsWithoutASchemeSeparator) {
               {"HTTP:/H/", "HTTP:/H/"}});
 }
 
+TEST(RequestUrl, KeepsTheSlashOfAFileUrlWithoutAPath) {
+  expectRows({{"file:///", "file:///"},
+              {"FILE:///#f", "file:///"},
+              {"file:///a/B", "file:///a/B"},
+              {"file://u:p@h/x", "file:///"}});
+}
+
+TEST(RequestUrl, ShowsAnAddressBehindPercentSignsAsOne) {
+  expectRows({{"http://%39/", "http://0.0.0.9/"},
+              {"http://%2539/", "http://%2539/"},
+              {"HTTP://%31%30.1/%2e%39", "http://10.0.0.1/%2e%39"}});
+}
+
 TEST(RequestUrl, ShowsItsSchemeAloneWhereCurlTakesItForNoUrl) {
   expectRows({{"http://a b/", "http:///"},
               {"HTTPS://u:p@a b/secret", "https:///"},
@@ -97,7 +110,9 @@ TEST(RequestUrl, ShowsItsSchemeAloneWhereCurlTakesItForNoUrl) {
               {"user:pass@h/?x=http://y", std::nullopt},
               {"http://h:99999/", "http:///"},
               {"http://u@h@i/", "http:///"},
-              {"://h", std::nullopt}});
+              {"://h", std::nullopt},
+              {"http:/me:pw@h/x://y", std::nullopt},
+              {"1:/1:///", std::nullopt}});
 }
 
 TEST(RequestUrl, IsTakenAt8KiBAndNotPastIt) {

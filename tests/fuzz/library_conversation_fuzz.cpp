@@ -1,0 +1,252 @@
+// The library's side of the conversation, with a hostile worker at the other end. The engine is the
+// library's own; the process behind it is replaced by a socket into which everything that the
+// worker will ever say has been put before, well-formed messages and garbage. A model says what the
+// library has to make of it.
+//
+// The input: for each worker, as the library starts them, a byte that says whether it listens and
+// how many messages it sends, and these, each behind a byte for its kind.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <syslog.h>
+
+#include <algorithm>
+#include <deque>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/pac_engine/pac_engine.h"
+#include "platform/pac_engine/worker_process.h"
+#include "tests/fuzz/support/input.h"
+#include "tests/fuzz/support/log.h"
+#include "tests/fuzz/support/messages.h"
+#include "tests/fuzz/support/require.h"
+#include "tests/fuzz/support/target.h"
+
+using fuzz::require;
+using namespace pac_engine;
+
+namespace {
+
+// Of one worker; the library's answers to as many fit into its socket.
+constexpr std::size_t kMostMessages = 16;
+constexpr int kQuestions = 3;
+constexpr pid_t kPid = 4711;
+
+struct Worker {
+  UniqueFd socket;                   ///< its end; empty where it has closed it
+  std::deque<std::string> messages;  ///< said, and not yet read by the model's library
+};
+
+/// What ends a wait of the library: a message that is no question and no alert; nothing where the
+/// worker failed.
+using End = std::optional<FromWorker>;
+
+/// Two views of one run: workers as they are started, and the library as it should take them.
+struct Run {
+  explicit Run(fuzz::Input& given) : input(given) {}
+
+  fuzz::Input& input;
+  std::deque<std::optional<Worker>> started;  ///< not yet met by the model; nothing: no worker
+  std::optional<Worker> current;              ///< the model's
+  std::uint32_t serial = 0;
+  std::string bytes;           ///< of the message that a wait has ended with
+  std::string alerts;          ///< said since the last look, a line each
+  std::string expectedAlerts;  ///< and what the model would have said
+
+  void start();
+  End wait();
+  bool ready();
+  void readWhatWasSaid();
+};
+
+Run* run = nullptr;
+
+std::string someMessage(fuzz::Input& input) {
+  switch (input.below(5)) {
+    case 0:
+      return std::string(fuzz::someText(input, kMaxResultBytes));
+    case 1:
+      return encode(FromWorker(Ready{}));
+    case 2:
+      return encode(FromWorker(Answer{input.byte(), "PROXY a:1"}));
+    case 3:
+      if (input.byte() == 255) return std::string(kMaxMessageBytes + 1, '\x09');
+      [[fallthrough]];
+    default:
+      return encode(fuzz::messageOfWorker(input));
+  }
+}
+
+/// The library's wait for its worker, by the rules of the conversation.
+End Run::wait() {
+  std::size_t alertBytesLeft = kMaxAlertBytes;
+  while (!current->messages.empty()) {
+    bytes = std::move(current->messages.front());
+    current->messages.pop_front();
+    const auto message = decodeFromWorker(bytes);
+    if (!message) return std::nullopt;
+    if (const auto* const alert = std::get_if<Alert>(&*message)) {
+      if (alertBytesLeft == 0) continue;
+      const auto cut = cutText(alert->text, alertBytesLeft);
+      expectedAlerts += visible(cut) + '\n';
+      alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);
+      continue;
+    }
+    const bool question =
+        std::holds_alternative<Resolve>(*message) || std::holds_alternative<OwnAddresses>(*message);
+    if (!question) return message;
+    if (!current->socket) return std::nullopt;
+  }
+  return std::nullopt;
+}
+
+/// The model's start of a worker. @return whether it is ready
+bool Run::ready() {
+  require(!started.empty(), "a worker is started where one is needed");
+  current = std::move(started.front());
+  started.pop_front();
+  if (!current) return false;
+  const auto end = wait();
+  if (!end || !std::holds_alternative<Ready>(*end)) current.reset();
+  return current.has_value();
+}
+
+/// What the library has told the worker: messages, all of them.
+void Run::readWhatWasSaid() {
+  static char buffer[kMaxMessageBytes + 1];
+  while (current && current->socket) {
+    const auto length = recv(current->socket.get(), buffer, sizeof buffer, MSG_DONTWAIT);
+    if (length <= 0) return;
+    const auto said = decodeFromLibrary({buffer, static_cast<std::size_t>(length)});
+    require(said.has_value(), "what the library says is a message");
+    const auto* const question = std::get_if<Evaluate>(&*said);
+    require(question == nullptr || question->serial <= serial, "serials are counted");
+  }
+}
+
+void checkLine(int priority, std::string_view line) {
+  require(visible(line) == line, "no line has a control character");
+  constexpr std::string_view kAlert = "pac_engine: alert: ";
+  if (priority == LOG_DEBUG && line.starts_with(kAlert))
+    (run->alerts += line.substr(kAlert.size())) += '\n';
+}
+
+/// A load and each question have their own share of the log.
+void checkAlerts() {
+  require(run->alerts == run->expectedAlerts, "alerts are logged up to their share");
+  run->alerts.clear();
+  run->expectedAlerts.clear();
+}
+
+void checkProblem(const Problem& problem) {
+  require(visible(problem.message) == problem.message, "a problem has no control character");
+  require(problem.message.size() <= 4 * kMaxProblemBytes, "a problem is short");
+}
+
+/// @return the answer that a question has by the model
+std::optional<std::string> expectedAnswer() {
+  if (!run->current && !run->ready()) return std::nullopt;
+  ++run->serial;
+  // A worker that has closed its socket is found gone, and another is asked.
+  if (!run->current->socket && !run->ready()) return std::nullopt;
+  const auto end = run->wait();
+  const auto* const answer = end ? std::get_if<Answer>(&*end) : nullptr;
+  const auto* const none = end ? std::get_if<NoAnswer>(&*end) : nullptr;
+  const bool mine = (answer != nullptr && answer->serial == run->serial) ||
+                    (none != nullptr && none->serial == run->serial);
+  std::optional<std::string> text;
+  if (mine && answer != nullptr && answer->result.find('\0') == std::string_view::npos)
+    text = answer->result;
+  run->readWhatWasSaid();
+  if (!mine) run->current.reset();
+  return text;
+}
+
+void ask(Engine& engine) {
+  const auto reply = engine.evaluate("http://user@example.com/#x", "example.com");
+  require(reply.result == expectedAnswer(), "the answer is the worker's to this very question");
+  checkAlerts();
+  require(run->started.empty(), "no worker is started that is not needed");
+  require((engine.workerPid() == kPid) == run->current.has_value(),
+          "a worker that breaks the rules is ended, no other");
+  checkProblem(reply.problem);
+  require(!reply.result || reply.problem.message.empty(), "an answer is no problem");
+}
+
+Options options() {
+  Options made;
+  made.names.staticNames = StaticNames{{"a", {"10.0.0.1", "fe80::1", std::string(99, 'x')}}};
+  made.ownAddresses = std::vector<std::string>(100, "10.0.0.2");
+  made.ownAddresses->front() = std::string(99, 'x');
+  return made;
+}
+
+}  // namespace
+
+// The worker's process, as worker_process.h has it, without one.
+
+namespace pac_engine {
+
+UniqueFd sealedScript(std::string_view) {
+  return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
+}
+
+std::string workerProgram() {
+  return "none";
+}
+
+WorkerProcess::WorkerProcess(pid_t pid, UniqueFd process, UniqueFd socket)
+    : mPid(pid), mProcess(std::move(process)), mChannel(std::move(socket)) {}
+
+WorkerProcess::~WorkerProcess() = default;
+
+void WorkerProcess::follow() {
+  mCpu = 0;
+}
+
+std::string WorkerProcess::end() {
+  mChannel.hangUp();
+  return "ended";
+}
+
+std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string&, const UniqueFd&,
+                                                    const std::string&, std::string& problem) {
+  auto& input = run->input;
+  int ends[2];
+  if (input.empty() || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
+    run->started.emplace_back();
+    problem = "none left";
+    return nullptr;
+  }
+  UniqueFd ours(ends[0]);
+  Worker worker{UniqueFd(ends[1]), {}};
+  const auto how = input.byte();
+  for (auto left = how / 2U % (kMostMessages + 1); left > 0; --left) {
+    const auto message = someMessage(input);
+    const auto flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+    if (send(worker.socket.get(), message.data(), message.size(), flags) < 0) break;
+    worker.messages.push_back(message);
+  }
+  shutdown(worker.socket.get(), SHUT_WR);
+  if (how % 2 == 1) worker.socket.reset();
+  run->started.emplace_back(std::move(worker));
+  return std::unique_ptr<WorkerProcess>(new WorkerProcess(kPid, UniqueFd(), std::move(ours)));
+}
+
+}  // namespace pac_engine
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::onLogLine = checkLine;
+  fuzz::Input input(data, size);
+  Run thisRun(input);
+  run = &thisRun;
+  Problem refused;
+  const auto engine = Engine::load("script", options(), refused);
+  checkProblem(refused);
+  require(run->ready() == (engine != nullptr), "a script is loaded where the worker is ready");
+  checkAlerts();
+  require(!engine || refused.message.empty(), "a script that is loaded is not refused");
+  for (int i = 0; engine && i < kQuestions; ++i) ask(*engine);
+  return 0;
+}

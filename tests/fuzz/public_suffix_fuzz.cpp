@@ -1,0 +1,102 @@
+// Public suffixes: the built-in table against libpsl, which reads the very list that the table is
+// made of; and the guard of the candidates, which must never be laxer than libpsl's current list.
+//
+// What must agree, for names in ASCII without empty labels, seen in lower case without outer dots:
+//  - the guard says yes exactly where libpsl does by the table's list or, for names with a dot, by
+//    its current one, both without the rule that an unknown top-level name counts. International
+//    rules are the exception: the table holds them as UTF-8, out of reach, and libpsl in ASCII form
+//    too, so there yes may come from libpsl alone;
+//  - a name that the exact lookups take is one for the guard.
+// What need not: the exact lookups know no wildcards, so they may say no where the guard says yes.
+#include <libpsl.h>
+
+#include <string>
+#include <string_view>
+
+#include "domain/public_suffix.h"
+#include "domain/tld.h"
+#include "tests/fuzz/support/input.h"
+#include "tests/fuzz/support/require.h"
+#include "tests/fuzz/support/target.h"
+
+using fuzz::require;
+
+namespace {
+
+bool isSuffixOf(const psl_ctx_t* list, const std::string& name) {
+  return psl_is_public_suffix2(list, name.c_str(), PSL_TYPE_ANY | PSL_TYPE_NO_STAR_RULE) != 0;
+}
+
+// Made once, for the life of the process.
+const psl_ctx_t* builtInList() {
+  static const psl_ctx_t* const list = psl_load_file(SUFFIX_LIST);
+  require(list != nullptr && psl_suffix_count(list) > 1000, "libpsl reads the table's list");
+  return list;
+}
+
+std::string lowered(std::string text) {
+  for (char& c : text) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return text;
+}
+
+/// Labels of visible ASCII that DNS can hold, none empty.
+bool isOrdinary(std::string_view name) {
+  if (name.empty() || name.size() > 253) return false;
+  std::size_t label = 0;
+  for (const char c : name) {
+    if (c <= ' ' || c >= 0x7F || c == '*' || c == '!' || (c == '.' && label == 0)) return false;
+    label = c == '.' ? 0 : label + 1;
+    if (label > 63) return false;
+  }
+  return label > 0;
+}
+
+void checkGuard(const std::string& name) {
+  const auto seen = lowered(name);
+  const bool guarded = isPublicSuffix(name);
+  require(isPublicSuffix(seen) == guarded, "case makes no difference");
+  require(isPublicSuffix(name + ".") == guarded, "nor does the root's dot");
+  if (isEffectiveTld(name) != 0) require(guarded, "what the exact lookup takes is guarded");
+  const bool dotted = seen.find('.') != seen.npos;
+  const bool builtIn = isSuffixOf(builtInList(), seen);
+  const bool current = dotted && isSuffixOf(psl_builtin(), seen);
+  if (guarded) require(builtIn || current, "the guard has its yes from one of the lists");
+  if (current) require(guarded, "the guard is never laxer than the current list");
+  if (builtIn && seen.find("xn--") == seen.npos)
+    require(guarded, "the table is read as the list means it");
+}
+
+/// The exact lookups, for any text: `suffix` is what topLevelDomain made of `name`.
+void checkLongest(const std::string& name, const std::string& suffix) {
+  std::string bare = name;
+  while (bare.ends_with('.')) bare.pop_back();
+  require(bare.ends_with(suffix), "it ends the name, in the name's case");
+  if (!suffix.empty()) {
+    require(isEffectiveTld(suffix) != 0, "it is an effective TLD");
+    require(suffix.size() == bare.size() || bare[bare.size() - suffix.size() - 1] == '.',
+            "it is cut between labels");
+  }
+  std::string_view rest = bare;
+  while (rest.size() > suffix.size()) {
+    require(isEffectiveTld(std::string(rest)) == 0, "there is no longer one");
+    const auto dot = rest.find('.');
+    if (dot == rest.npos) break;
+    rest.remove_prefix(dot + 1);
+  }
+  require(topLevelDomain(lowered(name)) == lowered(suffix), "case makes no difference");
+  require(topLevelDomain(name + "..") == suffix, "nor do dots at the end");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string name(fuzz::textOf(data, size));
+  checkLongest(name, topLevelDomain(name));
+  require(isInTldArray(name.c_str()) == isInTldArray(lowered(name).c_str()),
+          "case makes no difference to the table");
+  require(tldhash(name.c_str()) == tldhash(lowered(name).c_str()), "nor to the hash");
+  if (isOrdinary(name)) checkGuard(name);
+  return 0;
+}

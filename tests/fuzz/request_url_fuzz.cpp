@@ -1,0 +1,77 @@
+// The URL that a script sees: nothing secret in it, short enough, and clean already.
+#include <algorithm>
+#include <string>
+#include <string_view>
+
+#include "platform/pac_engine/protocol.h"
+#include "platform/pac_engine/request_url.h"
+#include "tests/fuzz/support/input.h"
+#include "tests/fuzz/support/require.h"
+#include "tests/fuzz/support/target.h"
+
+using fuzz::require;
+using pac_engine::cleanedUrl;
+
+namespace {
+
+constexpr std::string_view kMark = "://";
+constexpr char kSecret[] = "s3cretZQ";
+
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+std::string lowered(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), lower);
+  return text;
+}
+
+bool isControl(unsigned char c) {
+  return c < 0x20 || c == 0x7F;
+}
+
+void checkCleaned(const std::string& url, const std::string& cleaned) {
+  const auto scheme = cleaned.substr(0, cleaned.find(kMark));
+  const auto rest = cleaned.substr(scheme.size() + kMark.size());
+  require(scheme == lowered(url.substr(0, url.find(kMark))), "the scheme stays, in lower case");
+  require(std::none_of(cleaned.begin(), cleaned.end(), isControl), "no control character");
+  require(cleaned.find('#') == std::string::npos, "no fragment");
+  const auto authority = rest.substr(0, rest.find_first_of("/?"));
+  require(authority.find('@') == std::string::npos, "no user name or password");
+  // The zone of an IPv6 address is an interface's name, which has its case.
+  const auto host =
+      authority.substr(0, authority.starts_with('[') ? authority.find('%') : rest.npos);
+  require(host == lowered(host), "the host is in lower case");
+  if (scheme == "https" || scheme == "wss")
+    require(rest.substr(authority.size()) == "/", "of https no path and no query");
+  // Of a file's path curl refuses what looks like a drive, which "t:#" does only without its
+  // fragment.
+  if (scheme != "file") require(cleanedUrl(cleaned) == cleaned, "what is clean stays");
+}
+
+// The same URL with a user name, a password and a fragment that nobody may see.
+void checkSecrets(const std::string& url) {
+  if (lowered(url).find(lowered(kSecret)) != std::string::npos) return;
+  const auto authority = url.find(kMark) + kMark.size();
+  std::string told = url.substr(0, authority) + "me:" + kSecret + "@" + url.substr(authority);
+  told += std::string("#") + kSecret;
+  const auto cleaned = cleanedUrl(told);
+  require(!cleaned || lowered(*cleaned).find(lowered(kSecret)) == std::string::npos,
+          "neither password nor fragment is told");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string url(fuzz::textOf(data, size));
+  const auto cleaned = cleanedUrl(url);
+  if (!cleaned) return 0;
+  require(cleaned->size() <= pac_engine::kMaxUrlBytes, "8 KiB at most");
+  if (url.find(kMark) == std::string::npos) {
+    require(*cleaned == url, "a text without a scheme stays as it is");
+    return 0;
+  }
+  checkCleaned(url, *cleaned);
+  checkSecrets(url);
+  return 0;
+}

@@ -1,0 +1,89 @@
+// shExpMatch's own matching against the engine's regular expressions, which are what it stands for.
+// The input is the text, a "|" and the expression; a "~" in either stands for some character that
+// is hard to type.
+#include <algorithm>
+#include <string>
+
+#include "platform/pac_engine/worker/script_engine.h"
+#include "platform/pac_engine/worker/shell_expression.h"
+#include "platform/pac_engine/worker/utf8.h"
+#include "tests/fuzz/support/input.h"
+#include "tests/fuzz/support/require.h"
+#include "tests/fuzz/support/target.h"
+#include "tests/unit/worker/fake_environment.h"
+
+using fuzz::require;
+using namespace pac_worker;
+
+namespace {
+
+// The language's own words for the same, by its own means.
+constexpr char kScript[] = R"(
+function viaRegExp(text, expression) {
+  var to = { '*': '.*', '?': '.', '.': '\\.' };
+  var pattern = expression.replace(/[*?.]/g, function (c) { return to[c]; });
+  return new RegExp('^' + pattern + '$').test(text);
+}
+function tried(match, text, expression) {
+  try { return match(text, expression) ? 'yes' : 'no'; } catch (error) { return error.name; }
+}
+function FindProxyForURL(text, expression) {
+  return tried(shExpMatch, text, expression) + '/' + tried(viaRegExp, text, expression);
+}
+)";
+
+// Backtracking takes a power of the text's length: more stars would show nothing else, slowly.
+constexpr std::ptrdiff_t kMostStars = 4;
+
+class Trial {
+ public:
+  Trial() : mEngine(mWorld, limits()) {
+    require(!mEngine.load(kScript), "the script that compares them loads");
+  }
+  Evaluation operator()(std::string_view text, std::string_view expression) {
+    return mEngine.evaluate(text, expression);
+  }
+
+ private:
+  static ScriptLimits limits() {
+    ScriptLimits limits;
+    limits.time = std::chrono::milliseconds(2000);
+    return limits;
+  }
+  FakeEnvironment mWorld;
+  ScriptEngine mEngine;
+};
+
+std::string typed(std::string_view field) {
+  constexpr std::string_view kHard[] = {"\n", "\r", "\xE2\x80\xA8", "\xF0\x9F\x98\x80", "\xC3\xA4"};
+  std::string text;
+  for (std::size_t i = 0; i < field.size(); ++i) {
+    if (field[i] == '~' && i + 1 < field.size()) {
+      text += kHard[static_cast<unsigned char>(field[++i] - '0') % std::size(kHard)];
+    } else {
+      text += field[i];
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static auto& trial = *new Trial;  // for the life of the process
+  fuzz::Input input(data, size);
+  const auto text = typed(input.upTo('|'));
+  const auto expression = typed(input.rest());
+  if (!isUtf8(text) || !isUtf8(expression)) return 0;
+  if (std::count(expression.begin(), expression.end(), '*') > kMostStars) return 0;
+  if (!isPlainShellExpression(expression)) return 0;
+
+  const bool match = matchesShellExpression(utf16Units(text), utf16Units(expression));
+  const auto answer = trial(text, expression);
+  require(answer.result == (match ? "yes/yes" : "no/no"), "all three ways give one answer");
+  const auto ascii = [](unsigned char c) { return c < 0x80; };
+  if (std::all_of(text.begin(), text.end(), ascii) &&
+      std::all_of(expression.begin(), expression.end(), ascii))
+    require(matchesShellExpression(text, expression) == match, "bytes as units");
+  return 0;
+}
