@@ -185,6 +185,22 @@ def test_root_and_the_group_configure_and_anybody_asks(callers):
     assert callers["stranger"].call("urls", "http://a.example/") == ["manual", "http://p.example:1"]
 
 
+def test_the_client_asks_for_everybody_and_configures_for_those_who_may(machine, callers):
+    callers["root"].call("update", "manual", "http://p.example:1")
+    as_nobody = ("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "proxymanagerctl")
+    asked = machine.run(*as_nobody, "get", "--format", "raw", "http://a.example/")
+    assert asked.stdout.split() == ["http://p.example:1"]
+    denied = machine.run(*as_nobody, "off", check=False)
+    assert denied.returncode == 77 and denied.stderr.count("\n") == 1, denied.stderr
+    assert machine.run("proxymanagerctl", "config", "--json").stdout.count("http://p.example:1") == 1
+    machine.run("proxymanagerctl", "off")
+    assert callers["root"].call("config")[:2] == ("off", "")
+    for completion in ("bash-completion/completions/proxymanagerctl",
+                       "zsh/vendor-completions/_proxymanagerctl",
+                       "fish/vendor_completions.d/proxymanagerctl.fish"):
+        machine.run("test", "-s", f"/usr/share/{completion}")
+
+
 def test_the_password_is_told_to_root_and_the_group_alone(callers, listeners):
     arguments = ("manual", "http://p.example:2", "", True, "user", "secret")
     callers["member"].call("update", *arguments)
