@@ -31,6 +31,14 @@ constexpr std::size_t kMostCandidates = 256;
 // What ends the host of a URL, or says another one than the judges see ("%63om", "com:80"). A NUL
 // ends the whole URL.
 constexpr std::string_view kNoHost{"/?#@:%\0", 7};
+
+// Beyond ASCII a name is mapped before it is asked for: full stops and letters of other widths come
+// out as ordinary ones, which the judges never saw. A search list has the mapped form ("xn--").
+bool isHost(std::string_view name) {
+  return name.find_first_of(kNoHost) == name.npos &&
+         std::none_of(name.begin(), name.end(), [](char c) { return (c & 0x80) != 0; });
+}
+
 constexpr char kFunction[] = "wpadUrlCandidatesFromDomain";
 
 std::string folded(std::string_view name) {
@@ -50,7 +58,7 @@ bool hasDot(const std::string& name) {
 void addCandidatesOf(const std::string& token, std::vector<std::string>& candidates) {
   logLine(LOG_NOTICE, "%s%s wpad-dns domain for splice:%s", kLogClass, kFunction, token.c_str());
   const std::string name = folded(token);
-  if (name.size() > kLongestName || name.find_first_of(kNoHost) != name.npos) return;
+  if (name.size() > kLongestName || !isHost(name)) return;
   const std::string suffix = topLevelDomain(name);
   if (name == suffix || isPublicSuffix(name)) return;
   for (std::string rest = token; candidates.size() < kMostCandidates;) {

@@ -42,8 +42,8 @@ class BusHelper {
   /// Starts the bus thread. Nothing where it runs.
   void startDispatching();
 
-  /// Ends and joins the bus thread, having sent what waits to be sent (one second at most), and
-  /// drops what run() queued. Nothing where it does not run. Not to be called on the bus thread.
+  /// Ends and joins the bus thread, having run what run() queued and sent what waits as far
+  /// as the bus takes it (5 s at most); drops the rest. Nothing where it does not run. Not to be called on the bus thread.
   void stopDispatching();
 
   /// Runs `function` on the thread that may touch the connection: at once where that is the calling

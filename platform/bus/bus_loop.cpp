@@ -169,24 +169,33 @@ void BusLoop::rem_watch(Watch* watch) {
 BusLoop::End BusLoop::run() {
   while (true) {
     dispatch_pending();
-    if (!outputWaits()) runPosted();
+    runPosted();
     dispatch_pending();
     if (!mConnection->connected()) return End::kLost;
     if (mLeave) {
-      sendWhatWaits();
+      leaveInOrder();
       return End::kLeft;
     }
     waitAndHandle();
   }
 }
 
+// Not what is posted meanwhile: calls have their turn too.
 void BusLoop::runPosted() {
-  std::vector<std::function<void()>> posted;
-  {
-    const Lock lock(mMutex);
-    posted.swap(mPosted);
+  for (auto left = posted(); left > 0 && !outputWaits(); --left) {
+    std::function<void()> first;
+    {
+      const Lock lock(mMutex);
+      first = std::move(mPosted.front());
+      mPosted.pop_front();
+    }
+    runLogged(first);
   }
-  for (const auto& function : posted) runLogged(function);
+}
+
+std::size_t BusLoop::posted() {
+  const Lock lock(mMutex);
+  return mPosted.size();
 }
 
 void BusLoop::runLogged(const std::function<void()>& function) {
@@ -275,12 +284,21 @@ void BusLoop::handleTimeouts() {
   }
 }
 
-// The library's own flush waits for ever where the bus does not read.
-void BusLoop::sendWhatWaits() {
+// What was posted before the end is said yet, as far as the bus takes it.
+void BusLoop::leaveInOrder() {
   const auto limit = Clock::now() + kSendLimit;
+  sendWhatWaits(limit);
+  runPosted();
+  sendWhatWaits(limit);
+}
+
+// The library's own flush waits for ever where the bus does not read.
+void BusLoop::sendWhatWaits(Clock::time_point limit) {
   while (mConnection->connected() && outputWaits() && Clock::now() < limit) {
     collectEntries();
-    if (poll(mEntries.data() + 1, mEntries.size() - 1, 100) > 0) handleWatches();
+    const int ready = poll(mEntries.data() + 1, mEntries.size() - 1, 100);
+    if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kRefusedPause);
+    if (ready > 0) handleWatches();
   }
 }
 

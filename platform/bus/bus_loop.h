@@ -10,8 +10,8 @@
 // The library keeps what the bus does not take at once in a queue without a bound. So nothing is
 // read, and nothing that was posted is run, while something waits to be written: whoever asks
 // faster than the bus takes the answers, or does not read them at all, fills the bus's memory up to
-// its limits and not this process's. What may wait is the answers to the calls of one read, some 2
-// KiB of them or one longer call, beyond what the socket holds.
+// its limits and not this process's. What may wait is the answers to the calls of one read, a few
+// KiB of them or one longer call, or what one posted function says, beyond what the socket holds.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -42,7 +43,8 @@ class BusLoop : public Dispatcher {
   /// Starts a thread that runs the loop for `connection`; `lost` is called on it where the
   /// connection is lost.
   void start(Connection& connection, std::function<void()> lost);
-  /// Ends and joins the thread, and drops what was posted.
+  /// Ends and joins the thread, having run what was posted and sent what waited as far as the bus
+  /// takes it within 5 s; drops the rest.
   void stop();
 
   /// Queues `function` for the thread. @return false where the queue is full or there is
@@ -73,7 +75,9 @@ class BusLoop : public Dispatcher {
   void waitAndHandle() PM_EXCLUDES(mMutex);
   void handleWatches() PM_EXCLUDES(mMutex);
   void handleTimeouts() PM_EXCLUDES(mMutex);
-  void sendWhatWaits() PM_EXCLUDES(mMutex);
+  std::size_t posted() PM_EXCLUDES(mMutex);
+  void leaveInOrder() PM_EXCLUDES(mMutex);
+  void sendWhatWaits(Clock::time_point limit) PM_EXCLUDES(mMutex);
   bool outputWaits() PM_EXCLUDES(mMutex);
   void collectEntries() PM_EXCLUDES(mMutex);
   int pollTimeout() PM_EXCLUDES(mMutex);
@@ -91,7 +95,7 @@ class BusLoop : public Dispatcher {
   mutable ::Mutex mMutex;                                     // not the bus library's Mutex
   std::vector<LoopWatch*> mWatches PM_GUARDED_BY(mMutex);     // deleted by rem_watch
   std::vector<LoopTimeout*> mTimeouts PM_GUARDED_BY(mMutex);  // deleted by rem_timeout
-  std::vector<std::function<void()>> mPosted PM_GUARDED_BY(mMutex);
+  std::deque<std::function<void()>> mPosted PM_GUARDED_BY(mMutex);
 
   // The poll entries and, at the same index, their watches; the eventfd comes first, without one.
   std::vector<pollfd> mEntries;

@@ -18,7 +18,6 @@ namespace pac_engine {
 
 namespace {
 
-
 // A server that is dead is given up for the next one after half a second. The tries double, so a
 // single server that is merely slow is heard for the whole 2 s that a lookup may take.
 constexpr int kTryMs = 500;
@@ -61,11 +60,15 @@ void onAnswer(void* context, int status, int /*timeouts*/, ares_addrinfo* answer
   pending.done = true;
   if (status == ARES_ECANCELLED) {
     pending.result.end = LookupEnd::kTooLate;
+  } else if (status == ARES_ENOMEM) {
+    pending.result.end = LookupEnd::kAbandoned;
   } else if (status == ARES_SUCCESS && list) {
     try {
       take(pending.result, *list);
     } catch (const std::exception&) {
-      pending.result = {};  // no memory; nothing may leave through the resolver's C code
+      // No memory; nothing may leave through the resolver's C code.
+      pending.result = {};
+      pending.result.end = LookupEnd::kAbandoned;
     }
   }
 }
@@ -147,7 +150,7 @@ LookupResult DnsResolver::lookUp(const std::string& name, pac_worker::AddressFam
   ares_channel channel = mResolver->channel;
   if (channel == nullptr) {
     mResolver.reset();
-    return {};
+    return {LookupEnd::kAbandoned, {}, {}};
   }
   ares_addrinfo_hints hints{};
   hints.ai_family = family == pac_worker::AddressFamily::kAny ? AF_UNSPEC : AF_INET;

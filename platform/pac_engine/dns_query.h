@@ -16,7 +16,7 @@ namespace pac_engine {
 enum class LookupEnd : std::uint8_t {
   kDone,      ///< answered, maybe by "no such name"
   kTooLate,   ///< no answer by the deadline
-  kAbandoned  ///< whoever asked is gone
+  kAbandoned  ///< whoever asked is gone, or there is no memory
 };
 
 struct LookupResult {

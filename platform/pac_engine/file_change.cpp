@@ -19,7 +19,7 @@ bool FileChange::seen() {
 FileChange::Identity FileChange::look() const {
   struct stat file {};
   if (stat(mPath.c_str(), &file) != 0) return {};
-  return {file.st_dev, file.st_ino, file.st_size, file.st_mtim.tv_sec, file.st_mtim.tv_nsec};
+  return {file.st_dev, file.st_ino, file.st_size, file.st_ctim.tv_sec, file.st_ctim.tv_nsec};
 }
 
 }  // namespace pac_engine

@@ -12,7 +12,8 @@ class FileChange {
   explicit FileChange(std::string path);
 
   /// Whether the file has been replaced, written, made or removed since the last call, as its
-  /// device, inode, size and time of modification tell. The first call says no.
+  /// device, inode, size and time of change tell (the last cannot be set back, as a copy that keeps
+  /// its times does with the time of modification). The first call says no.
   bool seen();
 
  private:

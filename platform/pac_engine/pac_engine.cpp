@@ -42,6 +42,7 @@ struct Engine::Impl {
 
   bool start(Deadline deadline, Problem& problem);
   Reply ask(std::string_view url, std::string_view host, Deadline deadline);
+  Reply askWorker(std::string_view url, std::string_view host, Deadline deadline);
   std::optional<FromWorker> converse(Deadline deadline, Problem& problem);
   std::optional<bool> serve(const FromWorker& message, Deadline deadline);
   Reply replyOf(const FromWorker& message);
@@ -100,6 +101,16 @@ bool Engine::Impl::start(Deadline deadline, Problem& problem) {
 }
 
 Reply Engine::Impl::ask(std::string_view url, std::string_view host, Deadline deadline) {
+  try {
+    return askWorker(url, host, deadline);
+  } catch (...) {
+    // No memory. A worker that is left in the middle of a question would cost the next one too.
+    worker.reset();
+    throw;
+  }
+}
+
+Reply Engine::Impl::askWorker(std::string_view url, std::string_view host, Deadline deadline) {
   Reply reply;
   followZone();
   if (!worker && !start(deadline, reply.problem)) return reply;
@@ -247,16 +258,18 @@ std::string visible(std::string_view text) {
   constexpr char kDigits[] = "0123456789abcdef";
   std::string shown;
   shown.reserve(text.size());
-  int awaited = 0;       // bytes that belong to the character begun
-  bool afterC2 = false;  // C2 80 to C2 9F are the control characters beyond ASCII
+  int awaited = 0;             // bytes that belong to the character begun
+  unsigned char least = 0x80;  // the next of them; below it, the character has a shorter form
+  bool afterC2 = false;        // C2 80 to C2 9F are the control characters beyond ASCII
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     const bool follows = byte >= 0x80 && byte < 0xC0;
     const bool control = byte < 0x20 || byte == 0x7F || (afterC2 && follows && byte < 0xA0);
     if (control && follows) shown.pop_back();
-    // Alone, it is a control character to a terminal that knows no UTF-8.
-    const bool lone = follows && awaited == 0;
-    awaited = follows ? awaited - (lone ? 0 : 1) : followers(byte);
+    // Alone or in a form too long it is no character, and some terminals obey it.
+    const bool lone = follows && (awaited == 0 || byte < least);
+    awaited = lone ? 0 : follows ? awaited - 1 : followers(byte);
+    least = byte == 0xE0 ? 0xA0 : byte == 0xF0 ? 0x90 : 0x80;
     afterC2 = byte == 0xC2;
     if (control || lone) {
       shown += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 15U]};

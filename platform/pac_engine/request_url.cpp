@@ -48,7 +48,11 @@ bool lowerHost(CURLU* url) {
   if (!host || host->empty()) return true;
   const auto given = *host;
   std::transform(host->begin(), host->end(), host->begin(), lower);
-  return *host == given || set(url, CURLUPART_HOST, host->c_str());
+  if (*host == given) return true;
+  // With another host curl forgets the zone of an IPv6 address, which has its case.
+  const auto zone = part(url, CURLUPART_ZONEID);
+  return set(url, CURLUPART_HOST, host->c_str()) &&
+         (!zone || set(url, CURLUPART_ZONEID, zone->c_str()));
 }
 
 bool dropDefaultPort(CURLU* url, const std::string& scheme) {
@@ -87,13 +91,14 @@ std::optional<std::string> clean(CURLU* url, const std::string& given) {
   if (*scheme == "file" && part(url, CURLUPART_PATH) == "/") {
     done = done && set(url, CURLUPART_PATH, "/");
   }
-  // Of "file:///" curl keeps no path, and would write "file://(nil)".
-  if (*scheme == "file" && part(url, CURLUPART_PATH) == "/") {
-    done = done && set(url, CURLUPART_PATH, "/");
-  }
   if (!done || !lowerHost(url) || !dropDefaultPort(url, *scheme)) return std::nullopt;
   auto cleaned = part(url, CURLUPART_URL);
   if (cleaned && emptyQuery) *cleaned += '?';
+  // The query of a file is one that curl writes nowhere.
+  if (cleaned && *scheme == "file") {
+    const auto query = part(url, CURLUPART_QUERY).value_or("");
+    if (!query.empty()) *cleaned += '?' + query;
+  }
   return cleaned;
 }
 

@@ -160,7 +160,8 @@ int settrcvalues(const char* name, TraceValues* record) {
   } catch (const std::exception& error) {
     // No memory. Nothing may leave through a signal handler that called.
     if (record != nullptr) {
-      logLine(LOG_ERR, "process: cannot read /etc/%s/trace.conf: %s", name, error.what());
+      logLine(LOG_ERR, "process: cannot read /etc/%s/trace.conf: %s",
+              name == nullptr ? "(null)" : name, error.what());
     }
     return -1;
   }

@@ -22,7 +22,7 @@ def files(tree):
     for folder in OWN:
         for path, folders, names in os.walk(folder):
             folders[:] = [name for name in folders
-                          if not tree.startswith(os.path.join(path, name) + "/")
+                          if not f"{tree}/".startswith(os.path.join(path, name) + "/")
                           and os.path.join(path, name) not in ("/dev/pts", "/dev/shm", "/dev/fd")]
             for name in folders + names:
                 status = os.lstat(os.path.join(path, name))

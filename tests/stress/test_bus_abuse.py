@@ -73,7 +73,8 @@ def test_a_bus_that_does_not_read_is_not_read_either(build, quiet, deaf_bus, san
     serials = [serial for serial, _ in answers]
     assert serials == list(range(serials[0], serials[0] + asked))
     assert all(body == (["off", ""],) for _, body in answers)
-    daemon.kill()
+    daemon.process.kill()  # nobody else can ask this bus whether it is gone
+    daemon.process.wait(60)
 
 
 @pytest.fixture

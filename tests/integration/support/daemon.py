@@ -6,7 +6,7 @@ import subprocess
 
 from .bus import ADDRESS, LIMIT, Client, wait_until
 
-START_LIMIT = 30.0  # a sanitizer build on a busy machine
+START_LIMIT = 60.0  # a sanitizer build on a busy machine
 # A download in flight is waited for.
 STOP_LIMIT = 60.0
 

@@ -9,7 +9,9 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -95,6 +97,38 @@ TEST_F(Helper, EndsHoweverEarlyItIsToldTo) {
     mHelper->startDispatching();
     mHelper->stopDispatching();
   }
+}
+
+void waitUntilAsleep(pid_t thread) {
+  for (;;) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    const std::string line((std::istreambuf_iterator<char>(file)), {});
+    const auto name = line.rfind(") ");
+    if (name != std::string::npos && line[name + 2] == 'S') return;
+    std::this_thread::yield();
+  }
+}
+
+TEST_F(Helper, RunsWhatWasPostedBeforeItEnds) {
+  mHelper->startDispatching();
+  std::promise<void> blocked;
+  std::promise<void> go;
+  mHelper->run([&] {
+    blocked.set_value();
+    go.get_future().wait();
+  });
+  blocked.get_future().wait();
+  int ran = 0;
+  for (int i = 0; i < 3; ++i) mHelper->run([&] { ++ran; });
+  std::promise<pid_t> stopping;
+  std::thread stopper([&] {
+    stopping.set_value(gettid());
+    mHelper->stopDispatching();
+  });
+  waitUntilAsleep(stopping.get_future().get());  // until the bus thread ends, which it has been told
+  go.set_value();
+  stopper.join();
+  EXPECT_EQ(ran, 3);
 }
 
 // More than a socket's buffers take while nobody reads them: 1 MiB.

@@ -294,6 +294,33 @@ TEST(AllocationFault, IsBorneByTheLookedUpNames) {
             8);
 }
 
+TEST(AllocationFault, InAQuestionToTheWorkerCostsThatQuestionAlone) {
+  pac_engine::Problem problem;
+  const auto engine = pac_engine::Engine::load(
+      "function FindProxyForURL(url, host) {"
+      "  alert(host); myIpAddressEx(); isResolvable('localhost'); return 'PROXY ' + host; }",
+      {}, problem);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  const std::string host = kLong;
+  const std::string right = "PROXY " + host;
+  ASSERT_EQ(engine->evaluate("http://h/", host).result, right);
+  int failed = 0;
+  for (bool more = true; more; failed += more ? 1 : 0) {
+    failAllocationsAfter(failed);
+    std::optional<std::string> answer;
+    try {
+      answer = engine->evaluate("http://h/", host).result;
+    } catch (const std::bad_alloc&) {
+    }
+    more = allowAllocations();
+    if (answer) {
+      EXPECT_EQ(*answer, right);
+    }
+    ASSERT_EQ(engine->evaluate("http://h/", host).result, right) << "after allocation " << failed;
+  }
+  EXPECT_GE(failed, 8);
+}
+
 TEST(AllocationFault, LeavesEachLookedUpNameItsTurnToGo) {
   using pac_engine::LookupCache;
   const LookupCache::Clock::time_point now{};

@@ -55,6 +55,8 @@ TEST(RequestUrl, KeepsAQueryThatIsEmpty) {
 TEST(RequestUrl, LowersSchemeAndHostAndNothingElse) {
   expectRows({{"HTTP://ExAmple.COM/PaTh?Query", "http://example.com/PaTh?Query"},
               {"HTTP://[FE80::A]/", "http://[fe80::a]/"},
+              {"http://[FE80::1%25Eth0]/", "http://[fe80::1%25Eth0]/"},
+              {"http://[fe80::1%25Eth0]/", "http://[fe80::1%25Eth0]/"},
               {"FOO://HOST/X", "foo://host/X"},
               {"http://M\xc3\x9cNCHEN.de/", "http://m\xc3\x9cnchen.de/"}});
 }
@@ -91,6 +93,9 @@ TEST(RequestUrl, KeepsTheSlashOfAFileUrlWithoutAPath) {
   expectRows({{"file:///", "file:///"},
               {"FILE:///#f", "file:///"},
               {"file:///a/B", "file:///a/B"},
+              {"file:///a?x", "file:///a?x"},
+              {"file:///?x#f", "file:///?x"},
+              {"file:///a?", "file:///a?"},
               {"file://u:p@h/x", "file:///"}});
 }
 

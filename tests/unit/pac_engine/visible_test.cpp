@@ -30,6 +30,12 @@ TEST(Visible, ShowsBytesThatFollowNone) {
             "a\\x85");
 }
 
+TEST(Visible, ShowsCharactersInFormsTooLong) {
+  EXPECT_EQ(visible("\xe0\x82\x9b"), "\xe0\\x82\\x9b");
+  EXPECT_EQ(visible("\xf0\x80\x82\x9b"), "\xf0\\x80\\x82\\x9b");
+  EXPECT_EQ(visible("\xe0\xa4\x85\xf0\x90\x8d\x88"), "\xe0\xa4\x85\xf0\x90\x8d\x88");
+}
+
 TEST(Describe, NamesTheLineWhereOneIsKnown) {
   EXPECT_EQ(describe({"Error: x", 3}), "line 3: Error: x");
   EXPECT_EQ(describe({"Error: x", 0}), "Error: x");
