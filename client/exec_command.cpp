@@ -14,7 +14,7 @@
 #include "client/daemon_bus.h"
 #include "client/proxy_answer.h"
 #include "client/proxy_variables.h"
-#include "client/url_host.h"
+#include "client/url_parts.h"
 
 namespace client {
 

@@ -14,7 +14,7 @@
 #include "client/proxy_variables.h"
 #include "client/shown_text.h"
 #include "client/url_arguments.h"
-#include "client/url_host.h"
+#include "client/url_parts.h"
 
 namespace client {
 

@@ -400,20 +400,22 @@ def test_watch_ends_with_the_bus(ctl, bus):
 # --- exec ---
 
 
-def test_exec_gives_the_command_the_proxy_of_the_url(ctl, client, web):
+def test_exec_gives_the_command_the_proxy_of_the_url(ctl, client):
     def variables(url, before):
         output = ctl("exec", url, "--", "env", environment=before).output
         lines = dict(line.split("=", 1) for line in output.splitlines())
         assert lines["PATH"] == "/usr/bin:/bin"
         return {name: value for name, value in lines.items() if name in VARIABLES}
 
-    answering(client, web, "PROXY a.example:8080; DIRECT")
+    client.update("manual", "http://a.example:8080")
     proxied = {**{name: "http://a.example:8080" for name in VARIABLES},
                "no_proxy": "localhost,127.0.0.1,::1", "NO_PROXY": "localhost,127.0.0.1,::1"}
     assert variables("http://b/", {"http_proxy": "old", "NO_PROXY": "*"}) == proxied
     for name in ("no_proxy", "NO_PROXY"):
         del proxied[name]
-    assert variables("http://localhost:80/", {"NO_PROXY": "*"}) == proxied
+    for url in ("http://localhost:80/", "http://[::1]:80/", "http://u:p@localhost/", "LOCALHOST",
+                "localhost?x"):
+        assert variables(url, {"NO_PROXY": "*"}) == proxied, url
     client.update("off")
     assert variables("http://b/", {"http_proxy": "old", "NO_PROXY": "*", "ALL_PROXY": ""}) == {}
 
