@@ -713,14 +713,19 @@ def test_colour_is_for_terminals_alone(ctl, client):
 
 
 def test_no_control_character_of_the_daemons_reaches_the_terminal(ctl, client):
-    client.update("manual", "http://\x1b[2J\r\n\x9b1m@p", auth=True, user="u\x07", password="\x1b]0;")
+    hostile = "http://\x1b[2J\r\n\x9b1m\x7f@p"
+    client.update("manual", hostile, auth=True, user="u\x07", password="\x1b]0;")
     for arguments in (["status", "--show-password"], ["config", "--show-password"], ["get", "a\x1b/"],
                       ["get", "--format", "raw", "http://a/"],
                       ["get", "--format", "curl", "http://a\x1b[2J/"]):
         result = ctl(*arguments)
         assert not re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f]", result.output + result.errors)
         assert result.output.count(r"\x1b") + result.errors.count(r"\x1b") > 0, arguments
-    assert not re.search("[\x00-\x09\x0b-\x1f]", ctl("config", "--json").output)
+    for name in ("status", "config"):
+        output = ctl(name, "--json", "--show-password").output
+        assert not re.search("[\x00-\x09\x0b-\x1f\x7f-\uffff]", output), output
+        assert r"\u009b1m\u007f" in output
+    assert ctl("config", "--json", "--show-password").json["proxyurl"] == hostile
 
 
 def test_a_wrong_command_line_ends_with_status_64(ctl):
