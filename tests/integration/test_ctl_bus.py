@@ -127,9 +127,27 @@ def test_status_says_what_is_wrong_with_the_pac_file(ctl, bus):
         ": it is longer than 512,000 bytes, the most that the daemon takes"
     assert ctl("status", "--json").json["unknown"]["pacfile"].startswith("it is longer")
     assert told(lambda: of_bytes(512000)) == ""
+
+
+def test_status_says_whose_pac_file_the_daemon_does_not_read(ctl, build, syslog, bus):
+    def told():
+        return rows(ctl("status").output)["PAC file"]
+
+    with open(PAC_FILE, "w") as file:
+        file.write("x")
     os.chown(PAC_FILE, 65534, 65534)
-    assert rows(ctl("status").output)["PAC file"] == \
-        f"{PAC_FILE} (it belongs to nobody, so the daemon does not read it)"
+    # It may run as that very user.
+    assert told() == PAC_FILE
+    daemon = Daemon(build)
+    try:
+        with open(PAC_FILE, "w") as file:
+            file.write("x")
+        os.chown(PAC_FILE, 65534, 65534)
+        assert told() == f"{PAC_FILE} (it belongs to nobody, so the daemon does not read it)"
+        os.chown(PAC_FILE, 0, 0)
+        assert "it belongs" not in told()
+    finally:
+        daemon.close()
 
 
 def test_status_tells_the_rest_where_the_daemon_does_not_run(ctl, bus):
