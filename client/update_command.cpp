@@ -97,7 +97,7 @@ void checkArguments(const UpdateArguments& arguments) {
 }
 
 std::string readUrl(bool isPac) {
-  const auto line = readLine("-", "the URL");
+  const auto line = readLine("-", "the URL", "URL: ");
   if (const auto fault = faultOf(line.text(), isPac)) {
     throw Failure(kBadData, "the URL in standard input " + *fault);
   }
@@ -116,7 +116,8 @@ Configuration wanted(const UpdateArguments& arguments) {
   }
   if (arguments.user) {
     configuration.userName = *arguments.user;
-    const auto password = arguments.passwordFile ? readLine(*arguments.passwordFile, "the password")
+    const auto password = arguments.passwordFile ? readLine(*arguments.passwordFile, "the password",
+                                                            passwordPrompt(*arguments.user))
                                                  : askPassword(*arguments.user);
     configuration.password = password.text();
   }

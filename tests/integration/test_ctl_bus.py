@@ -274,7 +274,7 @@ def test_the_password_comes_from_a_file_or_standard_input(ctl, client):
     assert ctl("wpad", "--user", "u", "--password-file", "/tmp/password").status == ANSWERED
     assert client.config() == ("wpad", "", "", "n", "u", "geheim")
     longest = "\u00e9" * (MAX_SECRET // 2)
-    for given in (b"from stdin", b"from stdin\n", longest.encode(), b"", b"\n"):
+    for given in (b"from stdin", b"from stdin\n", longest.encode(), b"\n"):
         result = ctl("off", "--user=u", "--password-file=-", script=given)
         assert (result.status, result.errors) == (ANSWERED, "")
         assert client.config()[4:] == ("u", given.decode().rstrip("\n"))
@@ -297,11 +297,33 @@ def test_the_password_is_asked_for_at_the_terminal_and_not_shown(ctl, client):
     wait_until(lambda: sleeps(terminal.pid), "it reads")
     terminal.type("\x03")
     assert terminal.end()[0] == -signal.SIGINT
+    for empty in ("\r", "\x04"):
+        terminal = ctl.on_terminal("off", "--user", "u")
+        terminal.output.wait("Password for u: ")
+        wait_until(lambda: sleeps(terminal.pid), "it reads")
+        terminal.type(empty)
+        status, shown = terminal.end()
+        assert (status, shown.strip()) == (
+            BAD_DATA, "proxymanagerctl: the password is empty; an empty one has to come from a file "
+            "or a pipe")
     assert client.config()[0] == "manual"
     # setsid takes the terminal of whoever runs the test away.
     assert said(ctl("off", "--user", "u", wrapper=["setsid", "--wait"])) == (
         USAGE, "there is no terminal to ask for the password; name a file that holds it with "
         '--password-file, or "-" for standard input')
+
+
+def test_standard_input_that_is_a_terminal_does_not_show_what_is_typed(ctl, client):
+    for arguments, prompt, typed in (
+            (["off", "--user", "u", "--password-file", "-"], "Password for u: ", "geheim"),
+            (["manual", "-"], "URL: ", "http://u:geheim@p:1")):
+        terminal = ctl.on_terminal(*arguments)
+        terminal.output.wait(f"^{prompt}")
+        wait_until(lambda: sleeps(terminal.pid), "it reads")
+        terminal.type(typed + "\r")
+        status, shown = terminal.end()
+        assert (status, shown.strip()) == (ANSWERED, "")
+        assert typed in client.config()
 
 
 def sleeps(pid):
@@ -321,6 +343,9 @@ def test_what_is_no_password_is_refused(ctl, daemon):
         BAD_DATA, "the password in standard input is longer than 4096 bytes")
     assert refused(b"\xff") == (BAD_DATA, "the password in standard input is no text in UTF-8")
     assert refused(b"a\0b") == (BAD_DATA, "the password in standard input is no text in UTF-8")
+    for given, name, place in ((b"", "-", "standard input"), (b"x", "/dev/null", "/dev/null")):
+        assert refused(given, name) == (
+            BAD_DATA, f"the password in {place} is empty, without even a line end")
     assert refused("", "/tmp/none") == (
         NO_INPUT, "cannot read /tmp/none: No such file or directory")
     assert refused("", "/tmp") == (NO_INPUT, "cannot read /tmp: Is a directory")
@@ -342,7 +367,8 @@ def test_a_password_in_a_url_never_comes_from_the_command_line(ctl, client):
     assert "geheim" not in ctl("get", "http://a/").output + ctl("get", "--json", "http://a/").output
     assert "geheim" in ctl("get", "--show-password", "http://a/").output
     for text, why in (("a b", "holds a blank or a control character"),
-                      ("", 'is empty; "proxymanagerctl off" turns proxies off')):
+                      ("", "is empty, without even a line end"),
+                      ("\n", 'is empty; "proxymanagerctl off" turns proxies off')):
         assert said(ctl("manual", "-", script=text)) == (
             BAD_DATA, f"the URL in standard input {why}")
 
