@@ -1,5 +1,6 @@
 """proxymanagerctl on a bus: what it asks, what it changes, and what it says where that fails."""
 
+import fcntl
 import hashlib
 import json
 import os
@@ -431,6 +432,27 @@ def test_watch_believes_the_daemon_alone_and_shows_no_control_character(ctl, cli
     assert "forged" not in shown
     assert r"proxyurl=\x1b[2J\x0a\x9b username=\x07" in shown
     assert watch.end(signal.SIGINT) == (ANSWERED, "")
+
+
+def test_watch_can_be_ended_though_its_reader_stands_still(ctl, client):
+    for number in (signal.SIGINT, signal.SIGTERM):
+        watch = ctl.start("watch")
+        watch.output.wait("daemon +runs")
+        pid = watch.process.pid
+        wait_until(lambda: sleeps(pid), "it waits for the bus")
+        at_rest = call_of(pid)
+        size = fcntl.fcntl(watch.process.stdout, fcntl.F_SETPIPE_SZ, 4096)
+        for _ in range(2):
+            client.update("manual", "http://p:1", user="u" * size)
+        wait_until(lambda: sleeps(pid) and call_of(pid) not in (at_rest, "running"),
+                   "it waits for the reader")
+        assert watch.end(number) == (ANSWERED, "")
+
+
+def call_of(pid):
+    """The number of the system call that it sleeps in."""
+    with open(f"/proc/{pid}/syscall") as call:
+        return call.read().split()[0]
 
 
 def test_watch_ends_with_the_bus(ctl, bus):
