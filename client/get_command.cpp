@@ -35,9 +35,9 @@ Formats, for use elsewhere; passwords in a URL are not hidden in these:
   curl  a line for each URL, for curl's -x: the URL of the first entry that
         can be used, empty for DIRECT. SOCKS is taken for version 5, with
         names looked up by the proxy (socks5h)
-  env   lines for a shell, of one URL: eval "$(proxymanagerctl get
-        --format env URL)" sets http_proxy and the like, or unsets them for
-        DIRECT
+  env   lines for a shell, of one URL, that set http_proxy and the like, or
+        unset them for DIRECT:
+        vars=$(proxymanagerctl get --format env "$URL") && eval "$vars"
   raw   a line for each URL: the entries as the daemon gives them, with "; "
         between
 A URL without an answer has no line.

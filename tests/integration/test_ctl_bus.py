@@ -24,6 +24,8 @@ from support.web import Held, script
 PAC_FILE = "/tmp/proxymanager.pac"
 POLICY = os.path.abspath(os.path.join(
     os.path.dirname(__file__), "../../packaging/dbus/com.zentu.ProxyManagerService.conf"))
+MANUAL = os.path.abspath(os.path.join(
+    os.path.dirname(__file__), "../../docs/man/proxymanagerctl.1"))
 START_IT = 'start it, for instance with "systemctl start proxymanagerd"'
 NOT_ALLOWED = "root may, and so may members of the group proxymanager"
 MAX_SECRET = 4096  # bytes
@@ -206,11 +208,25 @@ def test_get_translates_answers_for_use_elsewhere(ctl, client, web):
         "unset http_proxy https_proxy all_proxy no_proxy HTTP_PROXY HTTPS_PROXY ALL_PROXY NO_PROXY\n"
 
 
+def shell_example(ctl):
+    """The line for a shell that the help of get has, which the manual has, too."""
+    line = re.search("^ +(vars=.*)$", ctl("get", "--help").output, re.MULTILINE).group(1)
+    with open(MANUAL) as manual:
+        assert line in manual.read().replace(r"\-", "-").splitlines()
+    return line
+
+
 def test_a_shell_may_evaluate_what_get_gives(ctl, client):
+    def shell(before):
+        return subprocess.run(
+            ["sh", "-c", f"{shell_example(ctl)}; status=$?; env; exit $status"],
+            env=ctl.variables({"PATH": f"{os.path.dirname(ctl.path)}:/usr/bin:/bin",
+                               "URL": "http://a/", **before}),
+            capture_output=True, text=True, timeout=LIMIT)
+
     def variables(before):
-        shell = f'eval "$({ctl.path} get --format env http://a/)"; env'
-        run = subprocess.run(["sh", "-c", shell], env=ctl.variables(before), capture_output=True,
-                             text=True, timeout=LIMIT, check=True)
+        run = shell(before)
+        assert run.returncode == ANSWERED, run.stderr
         lines = dict(line.split("=", 1) for line in run.stdout.splitlines() if "=" in line)
         return {name: value for name, value in lines.items() if name in VARIABLES}
 
@@ -223,6 +239,8 @@ def test_a_shell_may_evaluate_what_get_gives(ctl, client):
     client.update("manual", "http://u:`touch /tmp/ran`@p:1")
     result = ctl("get", "--format", "env", "http://a/")
     assert said(result) == (NO_ANSWER, "no answer for http://a/: none of its entries is of use")
+    failed = shell({"http_proxy": "old"})
+    assert failed.returncode == NO_ANSWER and "\nhttp_proxy=old\n" in "\n" + failed.stdout
     client.update("off")
     assert variables({"http_proxy": "old", "NO_PROXY": "*"}) == {}
 
