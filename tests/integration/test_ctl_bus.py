@@ -267,6 +267,22 @@ def test_get_ends_with_status_1_where_a_url_has_no_answer(ctl, client, web):
     assert not os.path.exists("/tmp/ran")
 
 
+def test_the_password_of_a_url_that_is_asked_for_is_hidden(ctl, client):
+    url, shown = "http://u:geheim@a/", "http://u:***@a/"
+    assert ctl("get", url).output.splitlines()[0] == shown
+    assert ctl("get", "--json", url).json[0]["url"] == shown
+    assert ctl("get", "--show-password", url).output.splitlines()[0] == url
+    assert ctl("get", "--json", "--show-password", url).json[0]["url"] == url
+    client.update("manual", "of no use")
+    for format_ in ("curl", "env"):
+        assert said(ctl("get", "--format", format_, url)) == (
+            NO_ANSWER, f"no answer for {shown}: none of its entries is of use")
+    assert said(ctl("get", "--format", "env", "--show-password", url))[1].startswith(
+        f"no answer for {url}:")
+    assert said(ctl("exec", url, "--", "true")) == (
+        NO_ANSWER, f"no answer for {shown}: none of its entries is of use; the command is not run")
+
+
 # --- config, off, manual, pacurl, wpad ---
 
 
@@ -597,7 +613,8 @@ HOLD = "no answer"
 
 class StandIn:
     """Has the daemon's name on the bus and answers calls with what the test gives: a signature and a
-    body, the name of an error, or HOLD. It ends at a call that it has nothing for."""
+    body, the name of an error, or HOLD; a list has one after the other. It ends at a call that it
+    has nothing for."""
 
     def __init__(self, replies):
         self.held = threading.Event()
@@ -619,6 +636,8 @@ class StandIn:
                     or call.header.flags & MessageFlag.no_reply_expected):
                 continue
             answer = self._replies.get(fields[HeaderFields.member])
+            if isinstance(answer, list):
+                answer = answer.pop(0)
             if answer is HOLD:
                 self.held.set()
             elif isinstance(answer, tuple):
@@ -685,6 +704,19 @@ def test_a_daemon_that_ends_before_it_answers_is_told_in_one_line(ctl, stand_in)
         assert said(ctl(name, *arguments)) == (
             UNAVAILABLE, "proxymanagerd ended before it answered; look why with \"journalctl -t "
             "proxymanager_service\" and try again")
+
+
+def test_the_answers_before_a_failure_are_shown_as_json_too(ctl, stand_in):
+    urls = ["http://a/", "http://b/"]
+    for options in ([], ["--json"]):
+        stand_in(getProxyurl=[("as", (["manual", "http://p:1"],)), None])
+        result = ctl("get", *options, *urls)
+        assert result.status == UNAVAILABLE
+        assert result.errors.startswith("proxymanagerctl: proxymanagerd ended before it answered")
+        if options:
+            assert [answer["url"] for answer in result.json] == urls[:1]
+        else:
+            assert result.output.splitlines()[0] == urls[0]
 
 
 def test_a_bus_that_ends_before_it_answers_is_told_in_one_line(ctl, stand_in, bus):
