@@ -545,6 +545,51 @@ def test_a_daemon_that_does_not_run_is_told_in_one_line(ctl, bus):
             UNAVAILABLE, f"proxymanagerd does not run; {START_IT}"), name
 
 
+@pytest.fixture
+def starting_bus(build, syslog):
+    """Makes a bus that starts what the test says where somebody calls the daemon."""
+    made = []
+
+    def make(command):
+        os.makedirs("/run/services", exist_ok=True)
+        with open(f"/run/services/{NAME}.service", "w") as file:
+            file.write(f"[D-BUS Service]\nName={NAME}\nExec={command}\nUser=root\n")
+        made.append(Bus("<servicedir>/run/services</servicedir>"))
+
+    yield make
+    for bus in made:
+        bus.close()
+
+
+def test_the_bus_starts_the_daemon_for_what_needs_it(ctl, starting_bus, build):
+    started = "/run/started"
+    with open("/run/start", "w") as file:
+        file.write(f"#!/bin/sh\necho $$ > {started}\n"
+                   f"DBUS_SYSTEM_BUS_ADDRESS={ADDRESS} exec {build}/out/sbin/proxymanagerd\n")
+    os.chmod("/run/start", 0o755)
+    starting_bus("/run/start")
+    result = ctl("status")
+    assert result.status == UNAVAILABLE and rows(result.output)["running"] == f"no; {START_IT}"
+    watch = ctl.start("watch")
+    watch.output.wait("daemon +does not run")
+    assert not os.path.exists(started)
+    try:
+        assert ctl("get", "--format", "raw", "http://a/", "--timeout", str(LIMIT)).status == ANSWERED
+        watch.output.wait("daemon +runs")
+        assert watch.end(signal.SIGINT) == (ANSWERED, "")
+    finally:
+        with open(started) as file:
+            os.kill(int(file.read()), signal.SIGKILL)
+
+
+def test_a_daemon_that_the_bus_cannot_start_is_told_in_one_line(ctl, starting_bus):
+    starting_bus("/bin/false")
+    for name, arguments in commands("status", "watch"):
+        assert said(ctl(name, *arguments)) == (
+            UNAVAILABLE, f"proxymanagerd does not run and the bus cannot start it (Process {NAME} "
+            f"exited with status 1); {START_IT}"), name
+
+
 def test_a_bus_that_is_not_there_is_told_in_one_line(ctl, build):
     for name, arguments in commands("status"):
         assert said(ctl(name, *arguments)) == (
