@@ -289,13 +289,14 @@ def test_the_password_of_a_url_that_is_asked_for_is_hidden(ctl, client):
 def test_each_mode_is_set_as_a_whole(ctl, client, signals):
     for arguments, wanted in (
             (["manual", "http://p:1"], ("manual", "http://p:1", "", "n", "", "")),
+            (["manual", "SOCKS5://p"], ("manual", "SOCKS5://p", "", "n", "", "")),
             (["pacurl", "https://p/x.pac"], ("pacurl", "", "https://p/x.pac", "n", "", "")),
             (["wpad"], ("wpad", "", "", "n", "", "")),
             (["off"], ("off", "", "", "n", "", ""))):
         result = ctl(*arguments)
         assert (result.status, result.output, result.errors) == (ANSWERED, "", "")
         assert client.config() == wanted
-    assert signals.count("notifyProxyConfigupdated") == 4
+    assert signals.count("notifyProxyConfigupdated") == 8
     assert ctl("manual", "http://p:1", "--json").json == {
         "mode": "manual", "proxyurl": "http://p:1", "pacurl": None, "userName": None, "httpCode": 0}
     assert rows(ctl("config").output) == {
@@ -919,8 +920,13 @@ def test_a_wrong_command_line_ends_with_status_64(ctl):
     assert refused("manual", b"\xff") == "URL: it is no text in UTF-8"
     for url in ("http://a b", "http://a\x1b", "http://a\x7f"):
         assert refused("manual", url) == "URL: it holds a blank or a control character"
-    assert refused("pacurl", "ftp://p/x.pac") == \
-        "URL: it has a scheme that the daemon does not fetch; http and https it does"
+    for url in ("ftp://p:1", "http://p/path", "http://p?q", "p:0", "http://[::1", ".p"):
+        assert refused("manual", url) == (
+            "URL: it is no proxy's; give it as http://proxy.example:3128, or with https, socks4, "
+            "socks4a, socks5 or socks5h in place of http"), url
+    for url in ("ftp://p/x.pac", "file:/etc/passwd", "FILE:///x.pac", "data:,x", "p:x/y.pac"):
+        assert refused("pacurl", url) == \
+            "URL: it has a scheme that the daemon does not fetch; http and https it does", url
     assert refused("manual", "-", "--user", "u", "--password-file", "-") == \
         "--password-file: standard input holds the URL already"
     assert refused("exec") == "URL is required"
