@@ -78,6 +78,10 @@ Failure failedConnection(std::string_view address, int error) {
     case EACCES:
     case EPERM:
       return {kDenied, bus + " does not let this user in (" + reason + "); try as another"};
+    case ECONNRESET:  // one that is there lets a user go on who may, and says no word to others
+    case EPIPE:
+    case ENOTCONN:
+      return {kDenied, bus + " does not let this user in (it ends the connection); try as another"};
     case ETIMEDOUT:
       return {kTryAgain, bus + " does not answer; try again, or start it anew"};
     case EINVAL:

@@ -194,11 +194,12 @@ void DaemonBus::listen(const std::string& rule, Listener listener) {
 bool DaemonBus::waitFor(const std::function<bool()>& done, Limit limit) {
   const auto end = Clock::now() + limit;
   for (;;) {
-    while (!done() && process()) {
-    }
+    // One by one, so that a flood does not hide the limit.
+    const bool mayBeMore = process();
     if (done()) return true;
     const auto left = microsecondsUntil(end);
     if (left == 0) return false;
+    if (mayBeMore) continue;
     const int result = sd_bus_wait(mBus.get(), left);
     if (result != -EINTR) check(result);
   }
@@ -206,8 +207,8 @@ bool DaemonBus::waitFor(const std::function<bool()>& done, Limit limit) {
 
 void DaemonBus::runUntil(int descriptor) {
   for (;;) {
-    while (process()) {
-    }
+    // One by one, so that a flood does not hide the descriptor.
+    const bool mayBeMore = process();
     std::uint64_t until = 0;  // on the monotonic clock
     check(sd_bus_get_timeout(mBus.get(), &until));
     const int events = sd_bus_get_events(mBus.get());
@@ -217,8 +218,9 @@ void DaemonBus::runUntil(int descriptor) {
     const std::chrono::microseconds sinceBoot(until);
     const auto end = Clock::time_point(sinceBoot);
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-    const bool endless = until == UINT64_MAX;
-    const int limit = endless ? -1 : static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+    int limit =
+        until == UINT64_MAX ? -1 : static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+    if (mayBeMore) limit = 0;
     if (poll(polled.data(), polled.size(), limit) < 0 && errno != EINTR) check(-errno);
     if (polled[1].revents != 0) return;
   }

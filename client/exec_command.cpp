@@ -14,7 +14,8 @@
 #include "client/daemon_bus.h"
 #include "client/proxy_answer.h"
 #include "client/proxy_variables.h"
-#include "client/url_host.h"
+#include "client/shown_text.h"
+#include "client/url_parts.h"
 
 namespace client {
 
@@ -51,7 +52,7 @@ ProxyEntry entryFor(const ExecArguments& arguments) {
   const auto* const usable = firstUsable(answer->entries);
   if (usable == nullptr) {
     throw Failure(kNoAnswer,
-                  "no answer for " + arguments.url +
+                  "no answer for " + withoutPassword(arguments.url) +
                       (answer->entries.empty() ? "" : ": none of its entries is of use") +
                       "; the command is not run");
   }

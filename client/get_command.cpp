@@ -14,7 +14,7 @@
 #include "client/proxy_variables.h"
 #include "client/shown_text.h"
 #include "client/url_arguments.h"
-#include "client/url_host.h"
+#include "client/url_parts.h"
 
 namespace client {
 
@@ -25,7 +25,7 @@ using Json = nlohmann::ordered_json;
 constexpr const char* kFooter = R"text(Output:
   For each URL the mode, and an entry for each thing to try, in order. With
   --json one array that holds an object for each URL, in order:
-    url       the URL as given
+    url       the URL as given, with its password hidden
     mode      off, manual, pacurl or wpad
     answered  false where the script gives no answer
     entries   array of objects: text (as the daemon gives it), kind (direct,
@@ -35,9 +35,9 @@ Formats, for use elsewhere; passwords in a URL are not hidden in these:
   curl  a line for each URL, for curl's -x: the URL of the first entry that
         can be used, empty for DIRECT. SOCKS is taken for version 5, with
         names looked up by the proxy (socks5h)
-  env   lines for a shell, of one URL: eval "$(proxymanagerctl get
-        --format env URL)" sets http_proxy and the like, or unsets them for
-        DIRECT
+  env   lines for a shell, of one URL, that set http_proxy and the like, or
+        unset them for DIRECT:
+        vars=$(proxymanagerctl get --format env "$URL") && eval "$vars"
   raw   a line for each URL: the entries as the daemon gives them, with "; "
         between
 A URL without an answer has no line.
@@ -59,6 +59,7 @@ struct GetArguments {
 
 struct Answered {
   std::string url;
+  std::string shownUrl;
   ProxyAnswer answer;
 };
 
@@ -80,7 +81,7 @@ Json jsonOf(const Answered& answered, bool showPassword) {
                            {"proxy", proxy.empty() ? Json() : Json(shown(proxy))}});
   }
   Json object;
-  object["url"] = answered.url;
+  object["url"] = answered.shownUrl;
   object["mode"] = answered.answer.mode;
   object["answered"] = !answered.answer.entries.empty();
   object["entries"] = std::move(entries);
@@ -94,7 +95,7 @@ void printTable(const Answered& answered, bool showPassword) {
     rows.push_back({"entry", shownEntry(entry, showPassword), tone});
   }
   if (answered.answer.entries.empty()) rows.push_back({"entry", "(no answer)", Tone::kBad});
-  printBlock(answered.url, rows);
+  printBlock(answered.shownUrl, rows);
 }
 
 std::string rawLine(const ProxyAnswer& answer) {
@@ -111,7 +112,7 @@ bool printForUse(const Answered& answered, const std::string& format) {
   const auto& entries = answered.answer.entries;
   const auto* const usable = firstUsable(entries);
   if (format == "raw" ? entries.empty() : usable == nullptr) {
-    complain("no answer for " + answered.url +
+    complain("no answer for " + answered.shownUrl +
              (entries.empty() ? "" : ": none of its entries is of use"));
     return false;
   }
@@ -125,25 +126,43 @@ bool printForUse(const Answered& answered, const std::string& format) {
   return true;
 }
 
-ExitStatus get(const GetArguments& arguments) {
-  DaemonBus bus(arguments.call.limit);
+Answered ask(DaemonBus& bus, const std::string& url, bool showPassword) {
+  auto answer = parseAnswer(bus.proxyUrls(url));
+  if (!answer) throw endingDaemon();
+  return {url, showPassword ? url : withoutPassword(url), *std::move(answer)};
+}
+
+ExitStatus getJson(DaemonBus& bus, const GetArguments& arguments) {
   Json all = Json::array();
   bool allAnswered = true;
-  for (const auto& url : arguments.urls) {
-    auto answer = parseAnswer(bus.proxyUrls(url));
-    if (!answer) throw endingDaemon();
-    const Answered answered{url, *std::move(answer)};
-    bool hasAnswer = !answered.answer.entries.empty();
-    if (arguments.call.json) {
+  try {
+    for (const auto& url : arguments.urls) {
+      const auto answered = ask(bus, url, arguments.call.showPassword);
       all.push_back(jsonOf(answered, arguments.call.showPassword));
-    } else if (arguments.format == "table") {
+      allAnswered = allAnswered && !answered.answer.entries.empty();
+    }
+  } catch (const Failure&) {
+    if (!all.empty()) printJson(all);  // as the other forms have by then
+    throw;
+  }
+  printJson(all);
+  return allAnswered ? kAnswered : kNoAnswer;
+}
+
+ExitStatus get(const GetArguments& arguments) {
+  DaemonBus bus(arguments.call.limit);
+  if (arguments.call.json) return getJson(bus, arguments);
+  bool allAnswered = true;
+  for (const auto& url : arguments.urls) {
+    const auto answered = ask(bus, url, arguments.call.showPassword);
+    bool hasAnswer = !answered.answer.entries.empty();
+    if (arguments.format == "table") {
       printTable(answered, arguments.call.showPassword);
     } else {
       hasAnswer = printForUse(answered, arguments.format);
     }
     allAnswered = allAnswered && hasAnswer;
   }
-  if (arguments.call.json) printJson(all);
   return allAnswered ? kAnswered : kNoAnswer;
 }
 

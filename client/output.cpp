@@ -18,6 +18,9 @@ namespace client {
 namespace {
 
 constexpr int kIndent = 2;  // columns, of blocks and of JSON
+// JSON leaves DEL and U+0080 to U+009F as they are, and they move a terminal; behind an escape none
+// does.
+constexpr bool kAsciiOnly = true;
 constexpr const char* kBold = "\x1b[1m";
 constexpr const char* kNormal = "\x1b[0m";
 
@@ -85,13 +88,13 @@ void printText(std::string_view lines) {
 
 void printJson(const nlohmann::ordered_json& value) {
   using Json = nlohmann::ordered_json;
-  std::cout << value.dump(kIndent, ' ', false, Json::error_handler_t::replace) << '\n';
+  std::cout << value.dump(kIndent, ' ', kAsciiOnly, Json::error_handler_t::replace) << '\n';
   finishOutput();
 }
 
 void printJsonLine(const nlohmann::ordered_json& value) {
   using Json = nlohmann::ordered_json;
-  std::cout << value.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  std::cout << value.dump(-1, ' ', kAsciiOnly, Json::error_handler_t::replace) << '\n';
   finishOutput();
 }
 

@@ -37,8 +37,8 @@ void printLine(std::string_view line);
 /// Prints lines that hold nothing from outside but what has been judged.
 void printText(std::string_view lines);
 
-/// Prints `value`, indented, and a line end. Bytes that are no UTF-8 become U+FFFD, as JSON can
-/// hold no others.
+/// Prints `value`, indented, and a line end, with escapes for all that is not printable ASCII.
+/// Bytes that are no UTF-8 become U+FFFD, as JSON can hold no others.
 void printJson(const nlohmann::ordered_json& value);
 
 /// Prints `value` in one line.

@@ -1,13 +1,23 @@
 #include "client/proxy_variables.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 
 namespace client {
 
 namespace {
 
+/// Whether kNotThroughProxy names `host`, also in another spelling that a program may undo.
 bool isThisMachine(std::string_view host) {
-  return host == "localhost" || host == "127.0.0.1" || host == "::1" || host == "[::1]";
+  if (host.ends_with('.')) host.remove_suffix(1);
+  if (host == "localhost" || host.ends_with(".localhost")) return true;
+  const std::string text(host);
+  in_addr v4{};
+  if (inet_pton(AF_INET, text.c_str(), &v4) == 1) return v4.s_addr == htonl(INADDR_LOOPBACK);
+  in6_addr v6{};
+  return inet_pton(AF_INET6, text.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
 }  // namespace

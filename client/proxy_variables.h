@@ -21,9 +21,9 @@ inline constexpr std::array<std::string_view, 8> kProxyVariables{
 /// What stands in no_proxy: this machine, which no proxy reaches.
 inline constexpr std::string_view kNotThroughProxy = "localhost,127.0.0.1,::1";
 
-/// Their values for `entry`, which is the answer for a URL of `host`: the same proxy for all
-/// schemes, also one that only some programs can speak to, as those fail then and do not pass it
-/// by. Empty for DIRECT. no_proxy is left out where it would name `host` itself.
+/// Their values for `entry`, which is the answer for a URL of `host`, as hostOf() gives it: the
+/// same proxy for all schemes, also one that only some programs can speak to, as those fail then
+/// and do not pass it by. Empty for DIRECT. no_proxy is left out where it would name `host` itself.
 std::map<std::string_view, std::string> proxyVariables(const ProxyEntry& entry,
                                                        std::string_view host);
 

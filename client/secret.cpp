@@ -55,7 +55,26 @@ std::size_t readInto(Room& room, int fd, const std::string& name) {
   return size;
 }
 
+/// Asks at the terminal for `what`, which it does not show; `missing` is said where there is none.
+Secret ask(const std::string& prompt, const std::string& what, const std::string& missing) {
+  Room room;
+  // It gives the terminal back as it was, whatever signal ends the wait.
+  if (readpassphrase(prompt.c_str(), room.bytes.data(), room.bytes.size() - 1, RPP_REQUIRE_TTY) ==
+      nullptr) {
+    throw Failure(kUsage, missing);
+  }
+  const std::string_view text(room.bytes.data());
+  // Ctrl-D looks like an empty line, and is no wish for one.
+  if (text.empty()) refuse(what, "is empty; an empty one has to come from a file or a pipe");
+  checkText(text, what);
+  return Secret(std::string(text));
+}
+
 }  // namespace
+
+std::string passwordPrompt(const std::string& user) {
+  return "Password for " + pac_engine::visible(user) + ": ";
+}
 
 Secret& Secret::operator=(Secret&& other) noexcept {
   if (this != &other) {
@@ -73,23 +92,18 @@ void WipedAtEnd::wipe(std::string& text) {
 }
 
 Secret askPassword(const std::string& user) {
-  const auto prompt = "Password for " + pac_engine::visible(user) + ": ";
-  Room room;
-  // It gives the terminal back as it was, whatever signal ends the wait.
-  if (readpassphrase(prompt.c_str(), room.bytes.data(), room.bytes.size() - 1, RPP_REQUIRE_TTY) ==
-      nullptr) {
-    throw Failure(kUsage,
-                  "there is no terminal to ask for the password; name a file that holds it with "
-                  "--password-file, or \"-\" for standard input");
-  }
-  const std::string_view text(room.bytes.data());
-  checkText(text, "the password");
-  return Secret(std::string(text));
+  return ask(passwordPrompt(user), "the password",
+             "there is no terminal to ask for the password; name a file that holds it with "
+             "--password-file, or \"-\" for standard input");
 }
 
-Secret readLine(const std::string& name, const char* what) {
+Secret readLine(const std::string& name, const char* what, const std::string& prompt) {
+  const bool isStandardInput = name == "-";
+  if (isStandardInput && isatty(STDIN_FILENO) == 1) {
+    return ask(prompt, what, std::string("there is no terminal to ask for ") + what);
+  }
   pac_engine::UniqueFd file;
-  if (name != "-") {
+  if (!isStandardInput) {
     file.reset(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file) {
       throw Failure(kNoInput,
@@ -97,9 +111,11 @@ Secret readLine(const std::string& name, const char* what) {
     }
   }
   Room room;
-  const auto size = readInto(room, name == "-" ? STDIN_FILENO : file.get(), name);
+  const auto size = readInto(room, isStandardInput ? STDIN_FILENO : file.get(), name);
   std::string_view text(room.bytes.data(), size);
   const auto called = std::string(what) + " in " + shownName(name);
+  // Of a program that failed, rather than of one that wants no password.
+  if (text.empty()) refuse(called, "is empty, without even a line end");
   const auto end = text.find('\n');
   if (end != std::string_view::npos && end + 1 < text.size()) {
     refuse(called, "has more than one line");

@@ -44,14 +44,19 @@ class Secret {
   std::string mText;
 };
 
+/// "Password for USER: "
+std::string passwordPrompt(const std::string& user);
+
 /// Asks for the password of `user` at the terminal, which does not show it.
-/// Throws Failure: kUsage where there is no terminal, kBadData where it is longer than
+/// Throws Failure: kUsage where there is no terminal, kBadData where it is empty, longer than
 /// kMaxSecretBytes or no text.
 Secret askPassword(const std::string& user);
 
 /// The one line of the file `name`, or of standard input for "-", without its end; `what` is what
-/// messages call it. Throws Failure: kNoInput where it cannot be read, kBadData where it has
-/// further lines, more than kMaxSecretBytes, or bytes that are no UTF-8.
-Secret readLine(const std::string& name, const char* what);
+/// messages call it. A terminal that is standard input is asked with `prompt`, and does not show
+/// the line. Throws Failure: kNoInput where it cannot be read, kBadData where it has no line at all
+/// or further ones, more than kMaxSecretBytes, or bytes that are no UTF-8; of a terminal, as
+/// askPassword().
+Secret readLine(const std::string& name, const char* what, const std::string& prompt);
 
 }  // namespace client

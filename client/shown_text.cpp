@@ -1,9 +1,12 @@
 #include "client/shown_text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <ctime>
 #include <optional>
+
+#include "client/url_parts.h"
 
 namespace client {
 
@@ -18,8 +21,8 @@ struct Span {
 };
 
 std::optional<Span> passwordOf(std::string_view url) {
-  const auto mark = url.find("://");
-  const auto begin = mark == std::string_view::npos ? 0 : mark + 3;
+  // Programs are content with more slashes, or with these alone.
+  const auto begin = std::min(url.find_first_not_of('/', authorityBegin(url)), url.size());
   const auto colon = url.find(':', begin);
   // No password begins behind the authority, or in an IPv6 address.
   if (colon == std::string_view::npos || colon > url.find_first_of("/?#[", begin)) {

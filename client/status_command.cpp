@@ -186,7 +186,9 @@ std::int64_t ageOf(const PacFile& file) {
 /// What is to be said about the file beside its contents; mostly nothing.
 std::string remarkOn(const Status& status) {
   const auto& file = *status.pac.file;
-  if (file.owner != 0 && !(status.owner && status.owner->user == file.owner)) {
+  // Whom the daemon runs as only a running one tells.
+  const auto daemonsUser = status.owner ? status.owner->user : std::nullopt;
+  if (file.owner != 0 && daemonsUser && *daemonsUser != file.owner) {
     return "it belongs to " + userName(file.owner) + ", so the daemon does not read it";
   }
   if (status.mode.value == "off" || status.mode.value == "manual") {

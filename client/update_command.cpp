@@ -13,8 +13,10 @@
 #include "client/daemon_bus.h"
 #include "client/option_text.h"
 #include "client/output.h"
+#include "client/proxy_answer.h"
 #include "client/secret.h"
 #include "client/shown_text.h"
+#include "client/url_parts.h"
 
 namespace client {
 
@@ -59,15 +61,29 @@ bool hasBlankOrControl(std::string_view text) {
   });
 }
 
-/// Why the daemon could do nothing with `url`; nothing where it could.
+/// Whether `url`, without "://", begins with a scheme rather than with a host and a port or with
+/// user and password.
+bool hasBareScheme(std::string_view url) {
+  const auto scheme = schemeOf(url);
+  if (scheme.empty()) return false;
+  const auto authority = url.substr(0, url.find_first_of("/?#"));
+  const auto behind = authority.substr(std::min(scheme.size() + 1, authority.size()));
+  const bool isPort = !behind.empty() && std::all_of(behind.begin(), behind.end(),
+                                                     [](char c) { return c >= '0' && c <= '9'; });
+  return !isPort && authority.find('@') == std::string_view::npos;
+}
+
+/// Why nobody could do anything with `url`; nothing where somebody could.
 std::optional<std::string> faultOf(const std::string& url, bool isPac) {
   if (url.empty()) return "is empty; \"proxymanagerctl off\" turns proxies off";
   if (hasBlankOrControl(url)) return "holds a blank or a control character";
-  const auto mark = url.find("://");
-  if (!isPac || mark == std::string::npos) return std::nullopt;
-  auto scheme = url.substr(0, mark);
-  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+  if (!isPac) {
+    if (parseManualProxy(url).kind != ProxyKind::kUnusable) return std::nullopt;
+    return "is no proxy's; give it as http://proxy.example:3128, or with https, socks4, socks4a, "
+           "socks5 or socks5h in place of http";
+  }
+  if (authorityBegin(url) == 0 && !hasBareScheme(url)) return std::nullopt;
+  const auto scheme = inLowerCase(schemeOf(url));
   if (scheme == "http" || scheme == "https") return std::nullopt;
   return "has a scheme that the daemon does not fetch; http and https it does";
 }
@@ -97,7 +113,7 @@ void checkArguments(const UpdateArguments& arguments) {
 }
 
 std::string readUrl(bool isPac) {
-  const auto line = readLine("-", "the URL");
+  const auto line = readLine("-", "the URL", "URL: ");
   if (const auto fault = faultOf(line.text(), isPac)) {
     throw Failure(kBadData, "the URL in standard input " + *fault);
   }
@@ -116,7 +132,8 @@ Configuration wanted(const UpdateArguments& arguments) {
   }
   if (arguments.user) {
     configuration.userName = *arguments.user;
-    const auto password = arguments.passwordFile ? readLine(*arguments.passwordFile, "the password")
+    const auto password = arguments.passwordFile ? readLine(*arguments.passwordFile, "the password",
+                                                            passwordPrompt(*arguments.user))
                                                  : askPassword(*arguments.user);
     configuration.password = password.text();
   }
@@ -136,7 +153,9 @@ void printDone(const Configuration& configuration, std::int32_t result) {
 
 ExitStatus update(const UpdateArguments& arguments) {
   auto configuration = wanted(arguments);
-  const WipedAtEnd wiped(configuration.password);
+  const WipedAtEnd password(configuration.password);
+  const WipedAtEnd proxyurl(configuration.proxyurl);  // may hold another one
+  const WipedAtEnd pacurl(configuration.pacurl);
   DaemonBus bus(arguments.call.limit);
   const auto result = bus.update(configuration);
   if (result < 0) throw endingDaemon();

@@ -1,6 +1,7 @@
 #include "client/watch_command.h"
 
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <array>
@@ -53,17 +54,40 @@ std::string now() {
   return shownTime(std::chrono::duration_cast<std::chrono::microseconds>(time).count(), true);
 }
 
-/// The signals that end the program, from now on as a descriptor: handlers would meet any line of
-/// it.
-pac_engine::UniqueFd endSignals() {
+constexpr std::array kEndSignals{SIGINT, SIGTERM};
+
+sigset_t endSignalSet() {
   sigset_t set;
   sigemptyset(&set);
-  for (const int number : {SIGINT, SIGTERM}) sigaddset(&set, number);
+  for (const int number : kEndSignals) sigaddset(&set, number);
+  return set;
+}
+
+/// The signals that end the program, from now on as a descriptor, so that they meet no line half
+/// written.
+pac_engine::UniqueFd endSignals() {
+  const auto set = endSignalSet();
   sigprocmask(SIG_BLOCK, &set, nullptr);
+  struct sigaction end {};
+  end.sa_handler = [](int) { _exit(kAnswered); };
+  for (const int number : kEndSignals) sigaction(number, &end, nullptr);
   pac_engine::UniqueFd fd(signalfd(-1, &set, SFD_CLOEXEC));
   if (!fd) throw std::system_error(errno, std::generic_category(), "signalfd");
   return fd;
 }
+
+/// Lets these signals end the program at once: a reader that stands still would hold up a write,
+/// and with it the end, for ever.
+class Interruptible {
+ public:
+  Interruptible() { sigprocmask(SIG_UNBLOCK, &mSet, nullptr); }
+  ~Interruptible() { sigprocmask(SIG_BLOCK, &mSet, nullptr); }
+  Interruptible(const Interruptible&) = delete;
+  Interruptible& operator=(const Interruptible&) = delete;
+
+ private:
+  sigset_t mSet = endSignalSet();
+};
 
 /// Says what the bus tells.
 class Watch {
@@ -84,6 +108,7 @@ class Watch {
  private:
   void say(const char* event, const Json& members, const std::string& value, Tone tone) const {
     const auto time = now();
+    const Interruptible writing;
     if (!mOptions.json) {
       printEvent(time, {event, value, tone}, kNameWidth);
       return;

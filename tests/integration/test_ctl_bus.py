@@ -1,5 +1,6 @@
 """proxymanagerctl on a bus: what it asks, what it changes, and what it says where that fails."""
 
+import fcntl
 import hashlib
 import json
 import os
@@ -23,6 +24,8 @@ from support.web import Held, script
 PAC_FILE = "/tmp/proxymanager.pac"
 POLICY = os.path.abspath(os.path.join(
     os.path.dirname(__file__), "../../packaging/dbus/com.zentu.ProxyManagerService.conf"))
+MANUAL = os.path.abspath(os.path.join(
+    os.path.dirname(__file__), "../../docs/man/proxymanagerctl.1"))
 START_IT = 'start it, for instance with "systemctl start proxymanagerd"'
 NOT_ALLOWED = "root may, and so may members of the group proxymanager"
 MAX_SECRET = 4096  # bytes
@@ -127,9 +130,27 @@ def test_status_says_what_is_wrong_with_the_pac_file(ctl, bus):
         ": it is longer than 512,000 bytes, the most that the daemon takes"
     assert ctl("status", "--json").json["unknown"]["pacfile"].startswith("it is longer")
     assert told(lambda: of_bytes(512000)) == ""
+
+
+def test_status_says_whose_pac_file_the_daemon_does_not_read(ctl, build, syslog, bus):
+    def told():
+        return rows(ctl("status").output)["PAC file"]
+
+    with open(PAC_FILE, "w") as file:
+        file.write("x")
     os.chown(PAC_FILE, 65534, 65534)
-    assert rows(ctl("status").output)["PAC file"] == \
-        f"{PAC_FILE} (it belongs to nobody, so the daemon does not read it)"
+    # It may run as that very user.
+    assert told() == PAC_FILE
+    daemon = Daemon(build)
+    try:
+        with open(PAC_FILE, "w") as file:
+            file.write("x")
+        os.chown(PAC_FILE, 65534, 65534)
+        assert told() == f"{PAC_FILE} (it belongs to nobody, so the daemon does not read it)"
+        os.chown(PAC_FILE, 0, 0)
+        assert "it belongs" not in told()
+    finally:
+        daemon.close()
 
 
 def test_status_tells_the_rest_where_the_daemon_does_not_run(ctl, bus):
@@ -187,11 +208,25 @@ def test_get_translates_answers_for_use_elsewhere(ctl, client, web):
         "unset http_proxy https_proxy all_proxy no_proxy HTTP_PROXY HTTPS_PROXY ALL_PROXY NO_PROXY\n"
 
 
+def shell_example(ctl):
+    """The line for a shell that the help of get has, which the manual has, too."""
+    line = re.search("^ +(vars=.*)$", ctl("get", "--help").output, re.MULTILINE).group(1)
+    with open(MANUAL) as manual:
+        assert line in manual.read().replace(r"\-", "-").splitlines()
+    return line
+
+
 def test_a_shell_may_evaluate_what_get_gives(ctl, client):
+    def shell(before):
+        return subprocess.run(
+            ["sh", "-c", f"{shell_example(ctl)}; status=$?; env; exit $status"],
+            env=ctl.variables({"PATH": f"{os.path.dirname(ctl.path)}:/usr/bin:/bin",
+                               "URL": "http://a/", **before}),
+            capture_output=True, text=True, timeout=LIMIT)
+
     def variables(before):
-        shell = f'eval "$({ctl.path} get --format env http://a/)"; env'
-        run = subprocess.run(["sh", "-c", shell], env=ctl.variables(before), capture_output=True,
-                             text=True, timeout=LIMIT, check=True)
+        run = shell(before)
+        assert run.returncode == ANSWERED, run.stderr
         lines = dict(line.split("=", 1) for line in run.stdout.splitlines() if "=" in line)
         return {name: value for name, value in lines.items() if name in VARIABLES}
 
@@ -204,6 +239,8 @@ def test_a_shell_may_evaluate_what_get_gives(ctl, client):
     client.update("manual", "http://u:`touch /tmp/ran`@p:1")
     result = ctl("get", "--format", "env", "http://a/")
     assert said(result) == (NO_ANSWER, "no answer for http://a/: none of its entries is of use")
+    failed = shell({"http_proxy": "old"})
+    assert failed.returncode == NO_ANSWER and "\nhttp_proxy=old\n" in "\n" + failed.stdout
     client.update("off")
     assert variables({"http_proxy": "old", "NO_PROXY": "*"}) == {}
 
@@ -230,19 +267,36 @@ def test_get_ends_with_status_1_where_a_url_has_no_answer(ctl, client, web):
     assert not os.path.exists("/tmp/ran")
 
 
+def test_the_password_of_a_url_that_is_asked_for_is_hidden(ctl, client):
+    url, shown = "http://u:geheim@a/", "http://u:***@a/"
+    assert ctl("get", url).output.splitlines()[0] == shown
+    assert ctl("get", "--json", url).json[0]["url"] == shown
+    assert ctl("get", "--show-password", url).output.splitlines()[0] == url
+    assert ctl("get", "--json", "--show-password", url).json[0]["url"] == url
+    client.update("manual", "of no use")
+    for format_ in ("curl", "env"):
+        assert said(ctl("get", "--format", format_, url)) == (
+            NO_ANSWER, f"no answer for {shown}: none of its entries is of use")
+    assert said(ctl("get", "--format", "env", "--show-password", url))[1].startswith(
+        f"no answer for {url}:")
+    assert said(ctl("exec", url, "--", "true")) == (
+        NO_ANSWER, f"no answer for {shown}: none of its entries is of use; the command is not run")
+
+
 # --- config, off, manual, pacurl, wpad ---
 
 
 def test_each_mode_is_set_as_a_whole(ctl, client, signals):
     for arguments, wanted in (
             (["manual", "http://p:1"], ("manual", "http://p:1", "", "n", "", "")),
+            (["manual", "SOCKS5://p"], ("manual", "SOCKS5://p", "", "n", "", "")),
             (["pacurl", "https://p/x.pac"], ("pacurl", "", "https://p/x.pac", "n", "", "")),
             (["wpad"], ("wpad", "", "", "n", "", "")),
             (["off"], ("off", "", "", "n", "", ""))):
         result = ctl(*arguments)
         assert (result.status, result.output, result.errors) == (ANSWERED, "", "")
         assert client.config() == wanted
-    assert signals.count("notifyProxyConfigupdated") == 4
+    assert signals.count("notifyProxyConfigupdated") == 8
     assert ctl("manual", "http://p:1", "--json").json == {
         "mode": "manual", "proxyurl": "http://p:1", "pacurl": None, "userName": None, "httpCode": 0}
     assert rows(ctl("config").output) == {
@@ -256,7 +310,7 @@ def test_the_password_comes_from_a_file_or_standard_input(ctl, client):
     assert ctl("wpad", "--user", "u", "--password-file", "/tmp/password").status == ANSWERED
     assert client.config() == ("wpad", "", "", "n", "u", "geheim")
     longest = "\u00e9" * (MAX_SECRET // 2)
-    for given in (b"from stdin", b"from stdin\n", longest.encode(), b"", b"\n"):
+    for given in (b"from stdin", b"from stdin\n", longest.encode(), b"\n"):
         result = ctl("off", "--user=u", "--password-file=-", script=given)
         assert (result.status, result.errors) == (ANSWERED, "")
         assert client.config()[4:] == ("u", given.decode().rstrip("\n"))
@@ -279,11 +333,33 @@ def test_the_password_is_asked_for_at_the_terminal_and_not_shown(ctl, client):
     wait_until(lambda: sleeps(terminal.pid), "it reads")
     terminal.type("\x03")
     assert terminal.end()[0] == -signal.SIGINT
+    for empty in ("\r", "\x04"):
+        terminal = ctl.on_terminal("off", "--user", "u")
+        terminal.output.wait("Password for u: ")
+        wait_until(lambda: sleeps(terminal.pid), "it reads")
+        terminal.type(empty)
+        status, shown = terminal.end()
+        assert (status, shown.strip()) == (
+            BAD_DATA, "proxymanagerctl: the password is empty; an empty one has to come from a file "
+            "or a pipe")
     assert client.config()[0] == "manual"
     # setsid takes the terminal of whoever runs the test away.
     assert said(ctl("off", "--user", "u", wrapper=["setsid", "--wait"])) == (
         USAGE, "there is no terminal to ask for the password; name a file that holds it with "
         '--password-file, or "-" for standard input')
+
+
+def test_standard_input_that_is_a_terminal_does_not_show_what_is_typed(ctl, client):
+    for arguments, prompt, typed in (
+            (["off", "--user", "u", "--password-file", "-"], "Password for u: ", "geheim"),
+            (["manual", "-"], "URL: ", "http://u:geheim@p:1")):
+        terminal = ctl.on_terminal(*arguments)
+        terminal.output.wait(f"^{prompt}")
+        wait_until(lambda: sleeps(terminal.pid), "it reads")
+        terminal.type(typed + "\r")
+        status, shown = terminal.end()
+        assert (status, shown.strip()) == (ANSWERED, "")
+        assert typed in client.config()
 
 
 def sleeps(pid):
@@ -303,6 +379,9 @@ def test_what_is_no_password_is_refused(ctl, daemon):
         BAD_DATA, "the password in standard input is longer than 4096 bytes")
     assert refused(b"\xff") == (BAD_DATA, "the password in standard input is no text in UTF-8")
     assert refused(b"a\0b") == (BAD_DATA, "the password in standard input is no text in UTF-8")
+    for given, name, place in ((b"", "-", "standard input"), (b"x", "/dev/null", "/dev/null")):
+        assert refused(given, name) == (
+            BAD_DATA, f"the password in {place} is empty, without even a line end")
     assert refused("", "/tmp/none") == (
         NO_INPUT, "cannot read /tmp/none: No such file or directory")
     assert refused("", "/tmp") == (NO_INPUT, "cannot read /tmp: Is a directory")
@@ -324,7 +403,8 @@ def test_a_password_in_a_url_never_comes_from_the_command_line(ctl, client):
     assert "geheim" not in ctl("get", "http://a/").output + ctl("get", "--json", "http://a/").output
     assert "geheim" in ctl("get", "--show-password", "http://a/").output
     for text, why in (("a b", "holds a blank or a control character"),
-                      ("", 'is empty; "proxymanagerctl off" turns proxies off')):
+                      ("", "is empty, without even a line end"),
+                      ("\n", 'is empty; "proxymanagerctl off" turns proxies off')):
         assert said(ctl("manual", "-", script=text)) == (
             BAD_DATA, f"the URL in standard input {why}")
 
@@ -389,6 +469,27 @@ def test_watch_believes_the_daemon_alone_and_shows_no_control_character(ctl, cli
     assert watch.end(signal.SIGINT) == (ANSWERED, "")
 
 
+def test_watch_can_be_ended_though_its_reader_stands_still(ctl, client):
+    for number in (signal.SIGINT, signal.SIGTERM):
+        watch = ctl.start("watch")
+        watch.output.wait("daemon +runs")
+        pid = watch.process.pid
+        wait_until(lambda: sleeps(pid), "it waits for the bus")
+        at_rest = call_of(pid)
+        size = fcntl.fcntl(watch.process.stdout, fcntl.F_SETPIPE_SZ, 4096)
+        for _ in range(2):
+            client.update("manual", "http://p:1", user="u" * size)
+        wait_until(lambda: sleeps(pid) and call_of(pid) not in (at_rest, "running"),
+                   "it waits for the reader")
+        assert watch.end(number) == (ANSWERED, "")
+
+
+def call_of(pid):
+    """The number of the system call that it sleeps in."""
+    with open(f"/proc/{pid}/syscall") as call:
+        return call.read().split()[0]
+
+
 def test_watch_ends_with_the_bus(ctl, bus):
     watch = ctl.start("watch")
     watch.output.wait("daemon +does not run")
@@ -400,20 +501,22 @@ def test_watch_ends_with_the_bus(ctl, bus):
 # --- exec ---
 
 
-def test_exec_gives_the_command_the_proxy_of_the_url(ctl, client, web):
+def test_exec_gives_the_command_the_proxy_of_the_url(ctl, client):
     def variables(url, before):
         output = ctl("exec", url, "--", "env", environment=before).output
         lines = dict(line.split("=", 1) for line in output.splitlines())
         assert lines["PATH"] == "/usr/bin:/bin"
         return {name: value for name, value in lines.items() if name in VARIABLES}
 
-    answering(client, web, "PROXY a.example:8080; DIRECT")
+    client.update("manual", "http://a.example:8080")
     proxied = {**{name: "http://a.example:8080" for name in VARIABLES},
                "no_proxy": "localhost,127.0.0.1,::1", "NO_PROXY": "localhost,127.0.0.1,::1"}
     assert variables("http://b/", {"http_proxy": "old", "NO_PROXY": "*"}) == proxied
     for name in ("no_proxy", "NO_PROXY"):
         del proxied[name]
-    assert variables("http://localhost:80/", {"NO_PROXY": "*"}) == proxied
+    for url in ("http://localhost:80/", "http://[::1]:80/", "http://u:p@localhost/", "LOCALHOST",
+                "localhost?x"):
+        assert variables(url, {"NO_PROXY": "*"}) == proxied, url
     client.update("off")
     assert variables("http://b/", {"http_proxy": "old", "NO_PROXY": "*", "ALL_PROXY": ""}) == {}
 
@@ -441,6 +544,51 @@ def test_a_daemon_that_does_not_run_is_told_in_one_line(ctl, bus):
     for name, arguments in commands("status", "watch"):
         assert said(ctl(name, *arguments)) == (
             UNAVAILABLE, f"proxymanagerd does not run; {START_IT}"), name
+
+
+@pytest.fixture
+def starting_bus(build, syslog):
+    """Makes a bus that starts what the test says where somebody calls the daemon."""
+    made = []
+
+    def make(command):
+        os.makedirs("/run/services", exist_ok=True)
+        with open(f"/run/services/{NAME}.service", "w") as file:
+            file.write(f"[D-BUS Service]\nName={NAME}\nExec={command}\nUser=root\n")
+        made.append(Bus("<servicedir>/run/services</servicedir>"))
+
+    yield make
+    for bus in made:
+        bus.close()
+
+
+def test_the_bus_starts_the_daemon_for_what_needs_it(ctl, starting_bus, build):
+    started = "/run/started"
+    with open("/run/start", "w") as file:
+        file.write(f"#!/bin/sh\necho $$ > {started}\n"
+                   f"DBUS_SYSTEM_BUS_ADDRESS={ADDRESS} exec {build}/out/sbin/proxymanagerd\n")
+    os.chmod("/run/start", 0o755)
+    starting_bus("/run/start")
+    result = ctl("status")
+    assert result.status == UNAVAILABLE and rows(result.output)["running"] == f"no; {START_IT}"
+    watch = ctl.start("watch")
+    watch.output.wait("daemon +does not run")
+    assert not os.path.exists(started)
+    try:
+        assert ctl("get", "--format", "raw", "http://a/", "--timeout", str(LIMIT)).status == ANSWERED
+        watch.output.wait("daemon +runs")
+        assert watch.end(signal.SIGINT) == (ANSWERED, "")
+    finally:
+        with open(started) as file:
+            os.kill(int(file.read()), signal.SIGKILL)
+
+
+def test_a_daemon_that_the_bus_cannot_start_is_told_in_one_line(ctl, starting_bus):
+    starting_bus("/bin/false")
+    for name, arguments in commands("status", "watch"):
+        assert said(ctl(name, *arguments)) == (
+            UNAVAILABLE, f"proxymanagerd does not run and the bus cannot start it (Process {NAME} "
+            f"exited with status 1); {START_IT}"), name
 
 
 def test_a_bus_that_is_not_there_is_told_in_one_line(ctl, build):
@@ -511,7 +659,8 @@ HOLD = "no answer"
 
 class StandIn:
     """Has the daemon's name on the bus and answers calls with what the test gives: a signature and a
-    body, the name of an error, or HOLD. It ends at a call that it has nothing for."""
+    body, the name of an error, or HOLD; a list has one after the other. It ends at a call that it
+    has nothing for."""
 
     def __init__(self, replies):
         self.held = threading.Event()
@@ -533,6 +682,8 @@ class StandIn:
                     or call.header.flags & MessageFlag.no_reply_expected):
                 continue
             answer = self._replies.get(fields[HeaderFields.member])
+            if isinstance(answer, list):
+                answer = answer.pop(0)
             if answer is HOLD:
                 self.held.set()
             elif isinstance(answer, tuple):
@@ -599,6 +750,19 @@ def test_a_daemon_that_ends_before_it_answers_is_told_in_one_line(ctl, stand_in)
         assert said(ctl(name, *arguments)) == (
             UNAVAILABLE, "proxymanagerd ended before it answered; look why with \"journalctl -t "
             "proxymanager_service\" and try again")
+
+
+def test_the_answers_before_a_failure_are_shown_as_json_too(ctl, stand_in):
+    urls = ["http://a/", "http://b/"]
+    for options in ([], ["--json"]):
+        stand_in(getProxyurl=[("as", (["manual", "http://p:1"],)), None])
+        result = ctl("get", *options, *urls)
+        assert result.status == UNAVAILABLE
+        assert result.errors.startswith("proxymanagerctl: proxymanagerd ended before it answered")
+        if options:
+            assert [answer["url"] for answer in result.json] == urls[:1]
+        else:
+            assert result.output.splitlines()[0] == urls[0]
 
 
 def test_a_bus_that_ends_before_it_answers_is_told_in_one_line(ctl, stand_in, bus):
@@ -683,12 +847,15 @@ def test_a_member_of_the_group_configures(ctl, strict_bus, build, syslog):
 
 
 def test_a_bus_that_lets_nobody_in_is_told_in_one_line(stranger, root):
+    line = (f"the message bus at {ADDRESS} does not let this user in (it ends the connection); try "
+            "as another")
     bus = Bus('<policy context="mandatory"><deny user="nobody"/></policy>')
     try:
-        for name, arguments in (("get", ["http://a/"]), ("watch", [])):
-            status, line = said(stranger(name, *arguments))
-            assert (status, line.split(" (")[0]) == (
-                UNAVAILABLE, f"there is no message bus at {ADDRESS}"), line
+        for name, arguments in commands("status"):
+            assert said(stranger(name, *arguments)) == (DENIED, line), name
+        result = stranger("status")
+        assert (result.status, result.errors) == (DENIED, "")
+        assert rows(result.output)["running"] == f"unknown: {line}"
     finally:
         bus.close()
 
@@ -711,14 +878,19 @@ def test_colour_is_for_terminals_alone(ctl, client):
 
 
 def test_no_control_character_of_the_daemons_reaches_the_terminal(ctl, client):
-    client.update("manual", "http://\x1b[2J\r\n\x9b1m@p", auth=True, user="u\x07", password="\x1b]0;")
+    hostile = "http://\x1b[2J\r\n\x9b1m\x7f@p"
+    client.update("manual", hostile, auth=True, user="u\x07", password="\x1b]0;")
     for arguments in (["status", "--show-password"], ["config", "--show-password"], ["get", "a\x1b/"],
                       ["get", "--format", "raw", "http://a/"],
                       ["get", "--format", "curl", "http://a\x1b[2J/"]):
         result = ctl(*arguments)
         assert not re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f]", result.output + result.errors)
         assert result.output.count(r"\x1b") + result.errors.count(r"\x1b") > 0, arguments
-    assert not re.search("[\x00-\x09\x0b-\x1f]", ctl("config", "--json").output)
+    for name in ("status", "config"):
+        output = ctl(name, "--json", "--show-password").output
+        assert not re.search("[\x00-\x09\x0b-\x1f\x7f-\uffff]", output), output
+        assert r"\u009b1m\u007f" in output
+    assert ctl("config", "--json", "--show-password").json["proxyurl"] == hostile
 
 
 def test_a_wrong_command_line_ends_with_status_64(ctl):
@@ -748,8 +920,13 @@ def test_a_wrong_command_line_ends_with_status_64(ctl):
     assert refused("manual", b"\xff") == "URL: it is no text in UTF-8"
     for url in ("http://a b", "http://a\x1b", "http://a\x7f"):
         assert refused("manual", url) == "URL: it holds a blank or a control character"
-    assert refused("pacurl", "ftp://p/x.pac") == \
-        "URL: it has a scheme that the daemon does not fetch; http and https it does"
+    for url in ("ftp://p:1", "http://p/path", "http://p?q", "p:0", "http://[::1", ".p"):
+        assert refused("manual", url) == (
+            "URL: it is no proxy's; give it as http://proxy.example:3128, or with https, socks4, "
+            "socks4a, socks5 or socks5h in place of http"), url
+    for url in ("ftp://p/x.pac", "file:/etc/passwd", "FILE:///x.pac", "data:,x", "p:x/y.pac"):
+        assert refused("pacurl", url) == \
+            "URL: it has a scheme that the daemon does not fetch; http and https it does", url
     assert refused("manual", "-", "--user", "u", "--password-file", "-") == \
         "--password-file: standard input holds the URL already"
     assert refused("exec") == "URL is required"

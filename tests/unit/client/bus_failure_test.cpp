@@ -101,6 +101,11 @@ TEST(FailedConnectionTest, SaysWhatToDo) {
       say(EPERM),
       "77: the message bus at ADDRESS does not let this user in (Operation not permitted); try "
       "as another");
+  for (const int ended : {ECONNRESET, EPIPE, ENOTCONN}) {
+    EXPECT_EQ(say(ended),
+              "77: the message bus at ADDRESS does not let this user in (it ends the connection); "
+              "try as another");
+  }
   EXPECT_EQ(say(ETIMEDOUT),
             "75: the message bus at ADDRESS does not answer; try again, or start it anew");
   EXPECT_EQ(say(EINVAL),

@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "client/url_parts.h"
+
+using client::hostOf;
 using client::parseEntry;
 using client::parseManualProxy;
 using client::proxyVariables;
@@ -28,11 +31,18 @@ TEST(ProxyVariablesTest, AllSchemesGoThroughTheProxyInBothSpellings) {
 }
 
 TEST(ProxyVariablesTest, AnAnswerForThisMachineIsNotSpokenAgainst) {
-  for (const auto* const host : {"localhost", "127.0.0.1", "::1", "[::1]"}) {
-    const auto variables = proxyVariables(parseEntry("PROXY p:1"), host);
-    EXPECT_EQ(variables.size(), 6U) << host;
-    EXPECT_FALSE(variables.contains("no_proxy")) << host;
-    EXPECT_FALSE(variables.contains("NO_PROXY")) << host;
+  for (const auto* const url :
+       {"http://localhost/", "LOCALHOST", "http://u:p@localhost/", "localhost?x",
+        "http://[::1]:80/", "http://[0:0::1]/", "http://127.0.0.1:8080", "http://localhost./",
+        "http://a.localhost/"}) {
+    const auto variables = proxyVariables(parseEntry("PROXY p:1"), hostOf(url));
+    EXPECT_EQ(variables.size(), 6U) << url;
+    EXPECT_FALSE(variables.contains("no_proxy")) << url;
+    EXPECT_FALSE(variables.contains("NO_PROXY")) << url;
+  }
+  for (const auto* const url : {"http://localhost.example/", "http://notlocalhost/",
+                                "http://127.0.0.2/", "http://[::2]/", "http://a/?localhost"}) {
+    EXPECT_TRUE(proxyVariables(parseEntry("PROXY p:1"), hostOf(url)).contains("no_proxy")) << url;
   }
 }
 

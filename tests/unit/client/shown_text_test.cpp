@@ -20,13 +20,16 @@ TEST(WithoutPasswordTest, HidesThePasswordOfAnAuthority) {
   EXPECT_EQ(withoutPassword("http://user:@p"), "http://user:***@p");
   EXPECT_EQ(withoutPassword("http://user:se:cr@et@p"), "http://user:***@p");
   EXPECT_EQ(withoutPassword("http://user:sec/ret@p"), "http://user:***@p");
+  EXPECT_EQ(withoutPassword("//user:secret@p:1"), "//user:***@p:1");
+  EXPECT_EQ(withoutPassword("http:///user:secret@p:1"), "http:///user:***@p:1");
+  EXPECT_EQ(withoutPassword("user:a://secret@p"), "user:***@p");
   EXPECT_TRUE(hasPassword("http://user:secret@p"));
 }
 
 TEST(WithoutPasswordTest, LeavesWhatHasNone) {
-  for (const std::string url :
-       {"", "http://p", "http://p:3128/x", "http://user@p:3128", "p:3128", "http://p/a:b@c",
-        "http://p?a:b@c", "http://p#a:b@c", "http://[::1]:80/x@y", "PROXY p:1", "DIRECT"}) {
+  for (const std::string url : {"", "http://p", "http://p:3128/x", "http://user@p:3128", "p:3128",
+                                "http://p/a:b@c", "http://p?a:b@c", "http://p#a:b@c", "//p/a:b@c",
+                                "///", "http://", "http://[::1]:80/x@y", "PROXY p:1", "DIRECT"}) {
     EXPECT_EQ(withoutPassword(url), url);
     EXPECT_FALSE(hasPassword(url)) << url;
   }
