@@ -110,7 +110,14 @@ class Dhcpcd:
     def release(self):
         # The hooks run before it is done with the lease itself.
         wait_for_text("/run/unshare.log", "adding route to")
-        self._signal(signal.SIGALRM)
+        # Now and then it misses one.
+        for _ in range(12):
+            self._signal(signal.SIGALRM)
+            try:
+                self._process.wait(5)
+                return
+            except subprocess.TimeoutExpired:
+                pass
 
     def replug(self, plug):
         plug()  # it sees the carrier go and come
