@@ -37,7 +37,7 @@ using Json = nlohmann::ordered_json;
 constexpr const char* kFooter = R"(Output:
   What cannot be known has its reason beside it. Who may not read the
   configuration gets the mode and the manual proxy from the answer for a URL.
-  A daemon in mode off is listened to for 3 seconds: while it waits for its
+  A daemon in mode off is listened to for 5 seconds: while it waits for its
   first configuration it says so every 2.
   With --json an object: running, process, user, answers, waiting, mode,
   proxyurl, pacurl, userName, password, pacfile (an object: path, exists, bytes,
@@ -51,8 +51,9 @@ Exit status:
   75  it runs and does not answer in time
 )";
 
-/// The daemon announces itself every 2 s until its first configuration; one that is busy is late.
-constexpr std::chrono::seconds kListenTime{3};
+/// The daemon announces itself every 2 s until its first configuration; one that is busy is late,
+/// or misses one.
+constexpr std::chrono::seconds kListenTime{5};
 
 /// Asked for where the configuration may not be read. A script has to answer for it, too.
 constexpr const char* kProbeUrl = "http://localhost/";
@@ -129,7 +130,7 @@ void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds l
     const char* const sender = sd_bus_message_get_sender(signal);
     if (sender != nullptr && status.owner->uniqueName == sender) announced = true;
   });
-  bus.checkStarted();
+  if (!bus.checkStarted()) throw endingDaemon();
   status.answers = true;
   status.waiting = false;
   if (learnConfiguration(bus, status)) return;
@@ -137,7 +138,8 @@ void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds l
   status.waiting = bus.waitFor([&] { return announced; }, listen);
   if (*status.waiting || listen == kListenTime) return;
   status.waiting.reset();
-  status.whyWaitingUnknown = "--timeout leaves less than the 3 s that it takes to hear of it";
+  status.whyWaitingUnknown =
+      "--timeout leaves less than the " + secondsText(kListenTime) + " that it takes to hear of it";
 }
 
 Status learn(const CallOptions& options) {

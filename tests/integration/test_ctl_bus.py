@@ -15,8 +15,8 @@ import pytest
 from jeepney import HeaderFields, MessageFlag, MessageType, new_error, new_method_return, new_signal
 from jeepney import DBusAddress, message_bus
 from jeepney.io.blocking import open_dbus_connection
-from support.bus import ADDRESS, INTERFACE, LIMIT, NAME, PATH, Bus, Client, wait_until
-from support.ctl import (ANSWERED, BAD_DATA, DENIED, NO_ANSWER, NO_INPUT, OUTPUT, PROTOCOL,
+from support.bus import ADDRESS, INTERFACE, NAME, PATH, Bus, Client, wait_until
+from support.ctl import (ANSWERED, BAD_DATA, DENIED, LIMIT, NO_ANSWER, NO_INPUT, OUTPUT, PROTOCOL,
                          TRY_AGAIN, UNAVAILABLE, USAGE, Ctl)
 from support.daemon import Daemon
 from support.web import Held, script
@@ -648,10 +648,10 @@ def test_a_change_behind_a_download_is_made_though_it_was_given_up(ctl, client, 
 
 def test_a_short_time_does_not_suffice_to_hear_that_a_daemon_waits(ctl, client):
     client.update("off")
-    result = ctl("status", "--timeout", "2.9")
+    result = ctl("status", "--timeout", "4.9")
     assert result.status == ANSWERED
     assert rows(result.output)["configured"] == \
-        "unknown: --timeout leaves less than the 3 s that it takes to hear of it"
+        "unknown: --timeout leaves less than the 5 s that it takes to hear of it"
 
 
 HOLD = "no answer"
@@ -727,8 +727,12 @@ def test_a_daemon_that_is_about_to_end_is_told_in_one_line(ctl, stand_in):
     ending = "proxymanagerd is about to end and does nothing more; try again when it is back"
     for name, arguments in commands("status", "watch"):
         assert said(ctl(name, *arguments)) == (TRY_AGAIN, ending), name
-    result = ctl("status")
-    assert result.status == TRY_AGAIN and rows(result.output)["answers"] == f"no: {ending}"
+    for started in (True, False):
+        stand_in(checkServicestarted=("b", (started,)),
+                 getProxyconfig=("(ssssss)", (("manual" if not started else "off", "", "",
+                                               "" if started else "n", "", ""),)))
+        result = ctl("status")
+        assert result.status == TRY_AGAIN and rows(result.output)["answers"] == f"no: {ending}"
 
 
 def test_somebody_else_with_the_daemons_name_is_told_in_one_line(ctl, stand_in):
