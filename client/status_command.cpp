@@ -23,6 +23,7 @@
 #include "client/bus_failure.h"
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
+#include "client/exit_text.h"
 #include "client/output.h"
 #include "client/pac_file.h"
 #include "client/proxy_answer.h"
@@ -41,14 +42,15 @@ constexpr const char* kFooter = R"(Output:
   first configuration it says so every 2.
   With --json an object: running, process, user, answers, waiting, mode,
   proxyurl, pacurl, userName, password, pacfile (an object: path, exists, bytes,
-  fetched, age in seconds, sha256) and unknown (an object: for each member that
-  is null as it cannot be known, the reason). What is not set is null.
+  fetched, age in seconds, sha256) and unknown. The last is an object that holds
+  the reason for each of running, answers, waiting, mode, proxyurl, pacurl,
+  userName and password that is null as it cannot be known, for answers where it
+  is false, and for a pacfile that is there and cannot be read. Without a reason
+  null is what is not set; process and user, where the bus does not name them;
+  and the last four of pacfile, where there is no file to be read.
 
 Exit status:
-  0   the daemon runs and answers
-  64  the command line is wrong
-  69  the daemon does not run, or there is no message bus
-  75  it runs and does not answer in time
+  0    the daemon runs and answers
 )";
 
 /// The daemon announces itself every 2 s until its first configuration; one that is busy is late,
@@ -335,7 +337,7 @@ void addStatusCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(kFooter);
+  command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([options, &action] { action = [options] { return showStatus(*options); }; });
 }
 

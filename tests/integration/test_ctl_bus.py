@@ -33,6 +33,9 @@ MAX_SECRET = 4096  # bytes
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
             "status": [], "watch": []}
+# What the help has before the statuses that all share.
+OWN_STATUSES = {"get": ["0", "1"], "exec": ["1", "126", "127"],
+                **{name: ["0", "65", "66"] for name in ("off", "manual", "pacurl", "wpad")}}
 VARIABLES = ["ALL_PROXY", "HTTPS_PROXY", "HTTP_PROXY", "NO_PROXY", "all_proxy", "http_proxy",
              "https_proxy", "no_proxy"]
 
@@ -291,6 +294,9 @@ def test_each_mode_is_set_as_a_whole(ctl, client, signals):
             (["manual", "http://p:1"], ("manual", "http://p:1", "", "n", "", "")),
             (["manual", "SOCKS5://p"], ("manual", "SOCKS5://p", "", "n", "", "")),
             (["pacurl", "https://p/x.pac"], ("pacurl", "", "https://p/x.pac", "n", "", "")),
+            (["pacurl", "HTTP://p/x.pac"], ("pacurl", "", "HTTP://p/x.pac", "n", "", "")),
+            (["pacurl", "p:80/x.pac"], ("pacurl", "", "p:80/x.pac", "n", "", "")),
+            (["pacurl", "p/x.pac?u=ftp://b"], ("pacurl", "", "p/x.pac?u=ftp://b", "n", "", "")),
             (["wpad"], ("wpad", "", "", "n", "", "")),
             (["off"], ("off", "", "", "n", "", ""))):
         result = ctl(*arguments)
@@ -864,6 +870,15 @@ def test_a_bus_that_lets_nobody_in_is_told_in_one_line(stranger, root):
         bus.close()
 
 
+def test_a_bus_that_takes_no_match_rule_is_told_in_one_line(ctl, root):
+    bus = Bus('<limit name="max_match_rules_per_connection">0</limit>')
+    try:
+        assert said(ctl("watch")) == (
+            TRY_AGAIN, "the message bus is too busy (no match rule left); try again later")
+    finally:
+        bus.close()
+
+
 # --- the output and the command line ---
 
 
@@ -956,5 +971,8 @@ def test_each_command_has_its_help(ctl):
         result = ctl(name, "--help")
         assert (result.status, result.errors) == (ANSWERED, "")
         assert f"Usage: proxymanagerctl {name} " in result.output
-        assert "--timeout SECONDS" in result.output and "Exit status:" in result.output
+        assert "--timeout SECONDS" in result.output
+        statuses = re.findall(r"^  (\d+)  ", result.output.split("Exit status:")[1], re.MULTILINE)
+        assert statuses == OWN_STATUSES.get(name, ["0"]) + [
+            "64", "69", "70", "74", "75", "76", "77"], name
         assert [line for line in result.output.splitlines() if len(line) > 80] == []
