@@ -15,7 +15,7 @@ enum ExitStatus : int {
   kAnswered = 0,
   kNoAnswer = 1,         ///< at least one URL got no answer
   kRefused = 2,          ///< the PAC script does not load
-  kUsage = 64,           ///< the command line is wrong
+  kUsage = 64,           ///< the command line is wrong, or the address of the bus
   kBadData = 65,         ///< what was read is no password or URL
   kNoInput = 66,         ///< a file cannot be read
   kUnavailable = 69,     ///< there is no daemon, or no message bus

@@ -8,6 +8,7 @@
 
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
+#include "client/exit_text.h"
 #include "client/output.h"
 #include "client/shown_text.h"
 
@@ -23,11 +24,7 @@ constexpr const char* kFooter = R"(Output:
   that), userName, password; null where a value is not set.
 
 Exit status:
-  0   done
-  64  the command line is wrong
-  69  the daemon does not run, or there is no message bus
-  75  no answer in time
-  77  the bus does not allow it: root may, and members of the group proxymanager
+  0    done
 )";
 
 Json jsonOf(const Configuration& configuration) {
@@ -77,7 +74,7 @@ void addConfigCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(kFooter);
+  command->footer(std::string(kFooter) + kBusStatuses);
   command->callback(
       [options, &action] { action = [options] { return showConfiguration(*options); }; });
 }

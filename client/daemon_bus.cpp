@@ -185,6 +185,10 @@ void DaemonBus::listen(const std::string& rule, Listener listener) {
   if (result == -EACCES || result == -EPERM) {
     throw failedCall(kListen, "org.freedesktop.DBus.Error.AccessDenied", "", mLimit);
   }
+  if (result == -ENOBUFS) {
+    throw failedCall(kListen, "org.freedesktop.DBus.Error.LimitsExceeded", "no match rule left",
+                     mLimit);
+  }
   if (result == -ETIMEDOUT) throw failedConnection(busAddress(), ETIMEDOUT);
   check(result);
   listening->slot.reset(slot);

@@ -72,7 +72,7 @@ class DaemonBus {
   /// Whether calls may start a daemon that does not run, which is so at first.
   void startDaemon(bool may) { mMayStart = may; }
 
-  /// The daemon's methods. `checkStarted` gives what the daemon says, which is true.
+  /// The daemon's methods. `checkStarted` gives what the daemon says, which is true while it works.
   bool checkStarted();
   std::vector<std::string> proxyUrls(const std::string& url);
   Configuration configuration();

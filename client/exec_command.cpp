@@ -12,6 +12,7 @@
 #include "client/bus_failure.h"
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
+#include "client/exit_text.h"
 #include "client/proxy_answer.h"
 #include "client/proxy_variables.h"
 #include "client/shown_text.h"
@@ -32,10 +33,6 @@ the command is not run.
 Exit status:
   that of the command; where it was not run, standard error says why:
   1    there is no answer for the URL
-  64   the command line is wrong
-  69   the daemon does not run, or there is no message bus
-  75   no answer in time
-  77   the bus does not allow it
   126  the command cannot be run
   127  there is no such command
 )";
@@ -99,7 +96,7 @@ void addExecCommand(CLI::App& program, Action& action, const CommandLine& line) 
       ->required()
       ->option_text("-- COMMAND [ARGUMENT...]");
   addTimeout(*command, arguments->call, kAskLimit);
-  command->footer(kFooter);
+  command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([arguments, &line, &action] {
     checkBusText("URL", arguments->url);
     if (line.other.empty()) {

@@ -9,6 +9,7 @@
 #include "client/bus_failure.h"
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
+#include "client/exit_text.h"
 #include "client/output.h"
 #include "client/proxy_answer.h"
 #include "client/proxy_variables.h"
@@ -43,12 +44,8 @@ Formats, for use elsewhere; passwords in a URL are not hidden in these:
 A URL without an answer has no line.
 
 Exit status:
-  0   all URLs got an answer
-  1   at least one URL got none
-  64  the command line is wrong
-  69  the daemon does not run, or there is no message bus
-  75  no answer in time
-  77  the bus does not allow it
+  0    all URLs got an answer
+  1    at least one URL got none
 )text";
 
 struct GetArguments {
@@ -181,7 +178,7 @@ void addGetCommand(CLI::App& program, Action& action) {
   addCallOptions(*command, arguments->call, kAskLimit);
   command->get_option("--json")->excludes(format);
   addShowPassword(*command, arguments->call);
-  command->footer(kFooter);
+  command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([arguments, command, &action] {
     addFurtherUrls(*command, arguments->urls);
     for (const auto& url : arguments->urls) checkBusText("URL", url);

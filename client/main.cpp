@@ -23,7 +23,7 @@ Exit status:
   0        done, with an answer where one was asked for
   1        no answer
   2        a PAC script is refused
-  64       the command line is wrong
+  64       the command line is wrong, or the address of the message bus
   65       what was read is no password or URL
   66       a file cannot be read
   69       the daemon does not run, or there is no message bus

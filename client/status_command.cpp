@@ -23,6 +23,7 @@
 #include "client/bus_failure.h"
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
+#include "client/exit_text.h"
 #include "client/output.h"
 #include "client/pac_file.h"
 #include "client/proxy_answer.h"
@@ -37,22 +38,24 @@ using Json = nlohmann::ordered_json;
 constexpr const char* kFooter = R"(Output:
   What cannot be known has its reason beside it. Who may not read the
   configuration gets the mode and the manual proxy from the answer for a URL.
-  A daemon in mode off is listened to for 3 seconds: while it waits for its
+  A daemon in mode off is listened to for 5 seconds: while it waits for its
   first configuration it says so every 2.
   With --json an object: running, process, user, answers, waiting, mode,
   proxyurl, pacurl, userName, password, pacfile (an object: path, exists, bytes,
-  fetched, age in seconds, sha256) and unknown (an object: for each member that
-  is null as it cannot be known, the reason). What is not set is null.
+  fetched, age in seconds, sha256) and unknown. The last is an object that holds
+  the reason for each of running, answers, waiting, mode, proxyurl, pacurl,
+  userName and password that is null as it cannot be known, for answers where it
+  is false, and for a pacfile that is there and cannot be read. Without a reason
+  null is what is not set; process and user, where the bus does not name them;
+  and the last four of pacfile, where there is no file to be read.
 
 Exit status:
-  0   the daemon runs and answers
-  64  the command line is wrong
-  69  the daemon does not run, or there is no message bus
-  75  it runs and does not answer in time
+  0    the daemon runs and answers
 )";
 
-/// The daemon announces itself every 2 s until its first configuration; one that is busy is late.
-constexpr std::chrono::seconds kListenTime{3};
+/// The daemon announces itself every 2 s until its first configuration; one that is busy is late,
+/// or misses one.
+constexpr std::chrono::seconds kListenTime{5};
 
 /// Asked for where the configuration may not be read. A script has to answer for it, too.
 constexpr const char* kProbeUrl = "http://localhost/";
@@ -129,7 +132,7 @@ void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds l
     const char* const sender = sd_bus_message_get_sender(signal);
     if (sender != nullptr && status.owner->uniqueName == sender) announced = true;
   });
-  bus.checkStarted();
+  if (!bus.checkStarted()) throw endingDaemon();
   status.answers = true;
   status.waiting = false;
   if (learnConfiguration(bus, status)) return;
@@ -137,7 +140,8 @@ void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds l
   status.waiting = bus.waitFor([&] { return announced; }, listen);
   if (*status.waiting || listen == kListenTime) return;
   status.waiting.reset();
-  status.whyWaitingUnknown = "--timeout leaves less than the 3 s that it takes to hear of it";
+  status.whyWaitingUnknown =
+      "--timeout leaves less than the " + secondsText(kListenTime) + " that it takes to hear of it";
 }
 
 Status learn(const CallOptions& options) {
@@ -333,7 +337,7 @@ void addStatusCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(kFooter);
+  command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([options, &action] { action = [options] { return showStatus(*options); }; });
 }
 

@@ -11,6 +11,7 @@
 #include "client/bus_failure.h"
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
+#include "client/exit_text.h"
 #include "client/option_text.h"
 #include "client/output.h"
 #include "client/proxy_answer.h"
@@ -29,20 +30,16 @@ constexpr const char* kFooter =
 With --user and without --password-file the password is asked for at the
 terminal. It never comes from the command line, which every user of the machine
 can see; nor may a URL that holds one: give "-" for URL and the URL on standard
-input.
+input. A change without an answer in time may still be made.
 
 Output:
   Nothing where it is done. With --json an object: mode, proxyurl, pacurl,
   userName (as given, or null) and httpCode (0).
 
 Exit status:
-  0   the configuration holds; a script is then fetched in the background
-  64  the command line is wrong
-  65  the password or URL that was read is no such thing
-  66  the file with the password cannot be read
-  69  the daemon does not run, or there is no message bus
-  75  no answer in time; the change may still be made
-  77  the bus does not allow it: root may, and members of the group proxymanager
+  0    the configuration holds; a script is then fetched in the background
+  65   the password or URL that was read is no such thing
+  66   the file with the password cannot be read
 )";
 
 struct UpdateArguments {
@@ -179,7 +176,7 @@ void addMode(CLI::App& program, Action& action, const char* mode, const char* he
           "The password, as the only line of FILE, or\nof standard input for \"-\"");
   command->get_option("--password-file")->needs(command->get_option("--user"));
   addCallOptions(*command, arguments->call, kChangeLimit);
-  command->footer(kFooter);
+  command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([arguments, &action] {
     checkArguments(*arguments);
     action = [arguments] { return update(*arguments); };

@@ -19,6 +19,7 @@
 #include "client/bus_failure.h"
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
+#include "client/exit_text.h"
 #include "client/output.h"
 #include "client/shown_text.h"
 #include "platform/pac_engine/unique_fd.h"
@@ -41,10 +42,7 @@ Output:
   proxymanager alone, as it holds the password. Others do not see it.
 
 Exit status:
-  0   ended by Ctrl-C or SIGTERM
-  64  the command line is wrong
-  69  there is no message bus, or it has gone
-  74  the output cannot be written
+  0    ended by Ctrl-C or SIGTERM; it goes on where the daemon does not run
 )";
 
 constexpr int kNameWidth = 24;  // of "notifyProxyConfigupdated"
@@ -191,7 +189,7 @@ void addWatchCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(kFooter);
+  command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([options, &action] {
     action = [options] {
       Watch(*options).run();

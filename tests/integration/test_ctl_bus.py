@@ -15,8 +15,8 @@ import pytest
 from jeepney import HeaderFields, MessageFlag, MessageType, new_error, new_method_return, new_signal
 from jeepney import DBusAddress, message_bus
 from jeepney.io.blocking import open_dbus_connection
-from support.bus import ADDRESS, INTERFACE, LIMIT, NAME, PATH, Bus, Client, wait_until
-from support.ctl import (ANSWERED, BAD_DATA, DENIED, NO_ANSWER, NO_INPUT, OUTPUT, PROTOCOL,
+from support.bus import ADDRESS, INTERFACE, NAME, PATH, Bus, Client, wait_until
+from support.ctl import (ANSWERED, BAD_DATA, DENIED, LIMIT, NO_ANSWER, NO_INPUT, OUTPUT, PROTOCOL,
                          TRY_AGAIN, UNAVAILABLE, USAGE, Ctl)
 from support.daemon import Daemon
 from support.web import Held, script
@@ -33,6 +33,9 @@ MAX_SECRET = 4096  # bytes
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
             "status": [], "watch": []}
+# What the help has before the statuses that all share.
+OWN_STATUSES = {"get": ["0", "1"], "exec": ["1", "126", "127"],
+                **{name: ["0", "65", "66"] for name in ("off", "manual", "pacurl", "wpad")}}
 VARIABLES = ["ALL_PROXY", "HTTPS_PROXY", "HTTP_PROXY", "NO_PROXY", "all_proxy", "http_proxy",
              "https_proxy", "no_proxy"]
 
@@ -291,6 +294,9 @@ def test_each_mode_is_set_as_a_whole(ctl, client, signals):
             (["manual", "http://p:1"], ("manual", "http://p:1", "", "n", "", "")),
             (["manual", "SOCKS5://p"], ("manual", "SOCKS5://p", "", "n", "", "")),
             (["pacurl", "https://p/x.pac"], ("pacurl", "", "https://p/x.pac", "n", "", "")),
+            (["pacurl", "HTTP://p/x.pac"], ("pacurl", "", "HTTP://p/x.pac", "n", "", "")),
+            (["pacurl", "p:80/x.pac"], ("pacurl", "", "p:80/x.pac", "n", "", "")),
+            (["pacurl", "p/x.pac?u=ftp://b"], ("pacurl", "", "p/x.pac?u=ftp://b", "n", "", "")),
             (["wpad"], ("wpad", "", "", "n", "", "")),
             (["off"], ("off", "", "", "n", "", ""))):
         result = ctl(*arguments)
@@ -648,10 +654,10 @@ def test_a_change_behind_a_download_is_made_though_it_was_given_up(ctl, client, 
 
 def test_a_short_time_does_not_suffice_to_hear_that_a_daemon_waits(ctl, client):
     client.update("off")
-    result = ctl("status", "--timeout", "2.9")
+    result = ctl("status", "--timeout", "4.9")
     assert result.status == ANSWERED
     assert rows(result.output)["configured"] == \
-        "unknown: --timeout leaves less than the 3 s that it takes to hear of it"
+        "unknown: --timeout leaves less than the 5 s that it takes to hear of it"
 
 
 HOLD = "no answer"
@@ -727,8 +733,12 @@ def test_a_daemon_that_is_about_to_end_is_told_in_one_line(ctl, stand_in):
     ending = "proxymanagerd is about to end and does nothing more; try again when it is back"
     for name, arguments in commands("status", "watch"):
         assert said(ctl(name, *arguments)) == (TRY_AGAIN, ending), name
-    result = ctl("status")
-    assert result.status == TRY_AGAIN and rows(result.output)["answers"] == f"no: {ending}"
+    for started in (True, False):
+        stand_in(checkServicestarted=("b", (started,)),
+                 getProxyconfig=("(ssssss)", (("manual" if not started else "off", "", "",
+                                               "" if started else "n", "", ""),)))
+        result = ctl("status")
+        assert result.status == TRY_AGAIN and rows(result.output)["answers"] == f"no: {ending}"
 
 
 def test_somebody_else_with_the_daemons_name_is_told_in_one_line(ctl, stand_in):
@@ -860,6 +870,15 @@ def test_a_bus_that_lets_nobody_in_is_told_in_one_line(stranger, root):
         bus.close()
 
 
+def test_a_bus_that_takes_no_match_rule_is_told_in_one_line(ctl, root):
+    bus = Bus('<limit name="max_match_rules_per_connection">0</limit>')
+    try:
+        assert said(ctl("watch")) == (
+            TRY_AGAIN, "the message bus is too busy (no match rule left); try again later")
+    finally:
+        bus.close()
+
+
 # --- the output and the command line ---
 
 
@@ -952,5 +971,8 @@ def test_each_command_has_its_help(ctl):
         result = ctl(name, "--help")
         assert (result.status, result.errors) == (ANSWERED, "")
         assert f"Usage: proxymanagerctl {name} " in result.output
-        assert "--timeout SECONDS" in result.output and "Exit status:" in result.output
+        assert "--timeout SECONDS" in result.output
+        statuses = re.findall(r"^  (\d+)  ", result.output.split("Exit status:")[1], re.MULTILINE)
+        assert statuses == OWN_STATUSES.get(name, ["0"]) + [
+            "64", "69", "70", "74", "75", "76", "77"], name
         assert [line for line in result.output.splitlines() if len(line) > 80] == []
