@@ -302,6 +302,7 @@ def test_each_mode_is_set_as_a_whole(ctl, client, signals):
         result = ctl(*arguments)
         assert (result.status, result.output, result.errors) == (ANSWERED, "", "")
         assert client.config() == wanted
+    signals.wait("notifyProxyConfigupdated", times=8)
     assert signals.count("notifyProxyConfigupdated") == 8
     assert ctl("manual", "http://p:1", "--json").json == {
         "mode": "manual", "proxyurl": "http://p:1", "pacurl": None, "userName": None, "httpCode": 0}

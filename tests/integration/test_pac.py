@@ -90,6 +90,7 @@ def test_the_same_content_is_announced_for_the_update_alone(client, web, syslog,
     signals.wait("notifyClearcache", 2)
     signals.clear()
     load(client, web, syslog, script("PROXY p:1"))
+    signals.wait("notifyClearcache")
     client.check_started()
     assert signals.count("notifyClearcache") == 1
     syslog.wait(NOTICE, "PacParser-readPacFile contents of old and new pac files are the same")
