@@ -17,6 +17,7 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 judged; what follows "--" is the soak's: --seed=N repeats a schedule
   --fuzz MIN    run the fuzz targets instead (clang, libFuzzer, address and undefined behaviour
                 sanitizers), so many minutes in all, and print what each did
+  --tidy        have clang-tidy judge the sources that are shipped
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
   -j N          N processes at once for building, and half as many again for testing, as most
@@ -32,6 +33,7 @@ while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
     --coverage) mode=coverage ;;
+    --tidy) mode=tidy ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
     --werror) werror=ON ;;
@@ -128,6 +130,12 @@ test_coverage() {
     --exclude-throw-branches --branches --txt "$report/branches.txt" "$build/coverage"
   cat "$report/lines.txt" "$report/branches.txt"
   return "$status"
+}
+
+test_tidy() {
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  step "Asking clang-tidy"
+  /usr/bin/python3 "$top/tests/checks/clang_says.py" --tidy "$build/test" "$top"
 }
 
 test_soak() {
