@@ -1,0 +1,71 @@
+"""Libraries that the daemon maps when it needs them, and not before."""
+
+import os
+
+import pytest
+
+from conftest import make_watched_files
+from support.bus import Client
+from support.daemon import Daemon
+from support.own_root import MS_BIND, mount
+from support.syslog_socket import ERR, INFO
+from support.web import script
+
+URL = "http://www.example.org/"
+LOADED = "PacParser-parsePacFile pac init"
+LIBRARIES = ("libcurl.so.4", "libcrypto.so.3")
+
+
+def mapped(daemon):
+    """Those of LIBRARIES that the daemon has in its memory."""
+    with open(f"/proc/{daemon.pid}/maps") as maps:
+        text = maps.read()
+    return [library for library in LIBRARIES if f"/{library}" in text]
+
+
+def path_of(library):
+    """Where the loader finds it."""
+    for line in os.popen("ldconfig -p"):
+        if line.split(" ", 1)[0].strip() == library:
+            return os.path.realpath(line.rsplit("=> ", 1)[1].strip())
+    raise AssertionError(f"no {library} on this machine")
+
+
+@pytest.fixture
+def hidden_library(root):
+    """Hides a library, but for the programs that have it already."""
+    def hide(library):
+        with open("/tmp/empty", "w"):
+            pass
+        mount("/tmp/empty", path_of(library), flags=MS_BIND)
+    return hide
+
+
+def test_without_a_script_none_is_mapped_and_with_one_all_are(daemon, client, web, syslog):
+    client.update("manual", proxyurl="http://proxy.example.org:3128")
+    assert client.urls(URL) == ["manual", "http://proxy.example.org:3128"]
+    client.update("off")
+    assert client.urls(URL) == ["off", ""]
+    assert mapped(daemon) == []
+    web.routes["/x.pac"] = script("PROXY p:1")
+    client.update("pacurl", pacurl=web.url("/x.pac"))
+    syslog.wait(INFO, LOADED)
+    assert client.urls(URL) == ["pacurl", "PROXY p:1"]
+    assert mapped(daemon) == list(LIBRARIES)
+
+
+def test_without_libcurl_the_download_fails_and_the_daemon_goes_on(build, bus, syslog, web,
+                                                                   hidden_library):
+    hidden_library("libcurl.so.4")
+    make_watched_files()
+    daemon = Daemon(build)
+    with Client() as client:
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        syslog.wait_match(ERR, r"on_demand: no libcurl\.so\.4: .+")
+        syslog.wait_match(ERR, r"PACFetcher-fileDownload failed to initialize curl handle! url:.+")
+        assert client.urls(URL) == ["pacurl"]
+        assert web.requests == []
+        client.update("manual", proxyurl="http://proxy.example.org:3128")
+        assert client.urls(URL) == ["manual", "http://proxy.example.org:3128"]
+    assert daemon.stop() == 0
+    daemon.close()

@@ -1,0 +1,70 @@
+// The digest of a script, with libcrypto mapped late and without it.
+#define OPENSSL_SUPPRESS_DEPRECATED
+#include <gtest/gtest.h>
+#include <link.h>
+#include <openssl/md5.h>
+#include <sys/mount.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "tests/support/own_root.h"
+
+namespace {
+
+constexpr const char* kLibrary = "libcrypto.so.3";
+
+std::string digestOf(const std::string& text) {
+  unsigned char digest[MD5_DIGEST_LENGTH + 1] = {};
+  MD5_CTX context;
+  MD5_Init(&context);
+  MD5_Update(&context, text.data(), text.size());
+  MD5_Final(digest, &context);
+  return reinterpret_cast<const char*>(digest);  // as scripts' digests are read: up to a zero
+}
+
+bool isMapped() {
+  bool found = false;
+  dl_iterate_phdr(
+      [](dl_phdr_info* info, std::size_t, void* mapped) {
+        if (std::strstr(info->dlpi_name, kLibrary) != nullptr) *static_cast<bool*>(mapped) = true;
+        return 0;
+      },
+      &found);
+  return found;
+}
+
+/// An empty file first in the loader's search is no library, and ends it.
+void hideTheLibrary() {
+  enterOwnRoot();
+  std::string path;
+  for (const char* folder : {"/lib/", "/usr/lib/"}) {
+    for (const char* machine :
+         {"", "x86_64-linux-gnu/", "aarch64-linux-gnu/", "arm-linux-gnueabihf/"}) {
+      const auto candidate = std::string(folder) + machine + kLibrary;
+      if (std::ifstream(candidate)) path = candidate;
+    }
+  }
+  ASSERT_NE(path, "");
+  std::ofstream("/tmp/empty").flush();
+  ASSERT_EQ(mount("/tmp/empty", path.c_str(), nullptr, MS_BIND, nullptr), 0)
+      << std::strerror(errno);
+}
+
+TEST(CryptoOnDemand, MapsTheLibraryForTheFirstDigestAndNotBefore) {
+  EXPECT_FALSE(isMapped());
+  // RFC 1321, A.5
+  EXPECT_EQ(digestOf("abc"), "\x90\x01\x50\x98\x3c\xd2\x4f\xb0\xd6\x96\x3f\x7d\x28\xe1\x7f\x72");
+  EXPECT_TRUE(isMapped());
+}
+
+TEST(CryptoOnDemand, WithoutTheLibraryEveryScriptCountsAsNew) {
+  hideTheLibrary();
+  const auto first = digestOf("abc");
+  EXPECT_EQ(first.size(), 16U);
+  EXPECT_NE(digestOf("abc"), first);
+  EXPECT_NE(digestOf("abc"), first);
+}
+
+}  // namespace
