@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/scripts.h"
 #include "platform/pac_engine/pac.h"
 #include "platform/pac_engine/pac_engine.h"
 #include "platform/pac_engine/worker/script_engine.h"
@@ -23,39 +24,9 @@ constexpr char kHost[] = "www.host.test";
 constexpr int kRules = 60;
 constexpr std::size_t kLargeBytes = 500'000;
 
-std::string numbered(const std::string& before, int number, const std::string& after) {
-  std::string text = before;
-  text += std::to_string(number);
-  return text += after;
-}
-
-const std::string kHead = "function FindProxyForURL(url, host) {\n";
-const std::string kTail = "  return 'PROXY proxy.test:8080; DIRECT';\n}\n";
-
-std::string rule(int number) {
-  if (number % 2 == 0) {
-    return numbered("  if (dnsDomainIs(host, '.site", number,
-                    ".test')) return 'PROXY one.test:8080; DIRECT';\n");
-  }
-  return numbered("  if (shExpMatch(host, '*.part", number,
-                  ".test')) return 'SOCKS two.test:1080';\n");
-}
-
-std::string trivialScript() {
-  return kHead + kTail;
-}
-
-std::string sixtyRules() {
-  std::string script = kHead;
-  for (int i = 0; i < kRules; ++i) script += rule(i);
-  return script + kTail;
-}
-
-std::string largeScript() {
-  std::string script = kHead;
-  for (int i = 0; script.size() < kLargeBytes; ++i) script += rule(i);
-  return script + kTail;
-}
+using bench::rulesScript;
+using bench::scriptOf;
+using bench::trivialScript;
 
 /// Binds this thread to the CPU it is on for as long as it lives.
 class OneCpu {
@@ -138,13 +109,39 @@ void load(benchmark::State& state, const std::string& script) {
   }
 }
 
-BENCHMARK_CAPTURE(inProcess, trivial, trivialScript())->UseRealTime();
-BENCHMARK_CAPTURE(throughLibraryOneCpu, trivial, trivialScript())->UseRealTime();
+constexpr int kListed = 10'000;
+constexpr int kHashed = 20'000;
+
+// In turn, so that the two of a script stand beside each other in time.
+#define PROXYMANAGER_EVALUATION(name, script)                \
+  BENCHMARK_CAPTURE(inProcess, name, script)->UseRealTime(); \
+  BENCHMARK_CAPTURE(throughLibraryOneCpu, name, script)->UseRealTime()
+
+PROXYMANAGER_EVALUATION(trivial, trivialScript());
+PROXYMANAGER_EVALUATION(sixtyRules, rulesScript(kRules));
+PROXYMANAGER_EVALUATION(modern, bench::modernScript());
+PROXYMANAGER_EVALUATION(hash20000, bench::hashScript(kHashed));
+PROXYMANAGER_EVALUATION(linearList10000, bench::linearListScript(kListed));
 BENCHMARK_CAPTURE(throughLibraryAnyCpu, trivial, trivialScript())->UseRealTime();
-BENCHMARK_CAPTURE(inProcess, sixtyRules, sixtyRules())->UseRealTime();
-BENCHMARK_CAPTURE(throughLibraryOneCpu, sixtyRules, sixtyRules())->UseRealTime();
-BENCHMARK_CAPTURE(throughLibraryAnyCpu, sixtyRules, sixtyRules())->UseRealTime();
-BENCHMARK_CAPTURE(load, sixtyRules, sixtyRules())->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK_CAPTURE(load, large, largeScript())->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(throughLibraryAnyCpu, sixtyRules, rulesScript(kRules))->UseRealTime();
+BENCHMARK_CAPTURE(load, sixtyRules, rulesScript(kRules))
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(load, large, scriptOf(kLargeBytes))->UseRealTime()->Unit(benchmark::kMillisecond);
+
+/// A list of so many rules, searched from its beginning to its end. In this process: the fitting takes
+/// the processor's time, and the worker's would not be in it.
+void searchList(benchmark::State& state) {
+  inProcess(state, bench::linearListScript(static_cast<int>(state.range(0))));
+  state.SetComplexityN(state.range(0));
+}
+BENCHMARK(searchList)
+    ->Arg(10)
+    ->Arg(100)
+    ->Arg(1000)
+    ->Arg(5000)
+    ->Arg(10000)
+    ->Arg(20000)
+    ->Complexity();
 
 }  // namespace

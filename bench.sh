@@ -1,0 +1,76 @@
+#!/usr/bin/env bash
+# Measures the daemon: whole answers on a bus beside an echo service, and its parts.
+set -euo pipefail
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+
+usage() {
+  cat <<EOF
+usage: ./bench.sh [options]
+
+Installs what is missing, builds the daemon and the benchmarks, and prints
+
+  - whole answers over a private message bus, each as a ratio to those of an echo service that gives
+    the same answer, taken in turn in one run, with a reader on /dev/log throughout
+  - how the answers' cost grows with the number of clients, start, a new script, memory, wake-ups
+  - the parts: the cache, the parsing of results, public suffixes, evaluation and its sandbox, with
+    the order in which their cost grows
+
+Needs root, for a mount namespace in which the daemon's fixed paths are its own. A busy machine gives
+other figures; the ratios bear that better than the rest.
+
+  --json DIR   write the figures there, as whole_answers.json, parts.json and pac_engine.json
+               (default: build/bench)
+  --quick      fewer rounds, for a look
+  --build DIR  build there (default: build/bench)
+  -j N         build with N processes at once (default: one a processor)
+  --help       this text
+EOF
+}
+
+build=$top/build/bench json='' quick=no jobs=$(nproc)
+while [ $# -gt 0 ]; do
+  case $1 in
+    --json) json=${2:?--json needs a folder} && shift ;;
+    --quick) quick=yes ;;
+    --build) build=${2:?--build needs a folder} && shift ;;
+    -j) jobs=${2:?-j needs a number} && shift ;;
+    -j?*) jobs=${1#-j} ;;
+    --help | -h) usage && exit 0 ;;
+    *) usage >&2 && exit 2 ;;
+  esac
+  shift
+done
+json=${json:-$build}
+mkdir -p "$json"
+
+step() { printf '\n==> %s\n' "$*"; }
+
+# The library's own remarks on the machine's clock and load go to standard error.
+parts() {
+  local name=$1
+  shift
+  "$build/out/bench/${name}_bench" --benchmark_out="$json/$name.json" \
+    --benchmark_out_format=json "$@"
+}
+
+whole=(--rounds 41 --calls 300)
+part=(--benchmark_min_time=0.2 --benchmark_repetitions=5 --benchmark_report_aggregates_only=true)
+if [ "$quick" = yes ]; then
+  whole=(--rounds 11 --calls 100)
+  part=(--benchmark_min_time=0.05)
+fi
+
+step "Looking for what is missing on this machine"
+"$top/packaging/dependencies.sh"
+step "Building in $build"
+cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPROXYMANAGER_BENCH=ON \
+  -DPROXYMANAGER_TESTS=OFF
+cmake --build "$build" -j "$jobs"
+
+step "Whole answers"
+PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/whole_answers.py" "--build=$build" \
+  "--json=$json/whole_answers.json" "${whole[@]}"
+step "Parts"
+parts parts "${part[@]}"
+step "Evaluation"
+parts pac_engine "${part[@]}"

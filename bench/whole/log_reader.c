@@ -1,0 +1,48 @@
+/* Stands for the device's syslog daemon: takes every line from /dev/log at once and forgets it, so
+ * that no measured program waits for a reader, and none is spared one.
+ *
+ * usage: log_reader SOCKET; prints how many lines and bytes it took when SIGTERM ends it */
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+static volatile sig_atomic_t ended;
+
+static void end(int number) {
+  (void)number;
+  ended = 1;
+}
+
+int main(int argc, char** argv) {
+  struct sockaddr_un address = {.sun_family = AF_UNIX};
+  if (argc != 2 || strlen(argv[1]) >= sizeof address.sun_path) {
+    fprintf(stderr, "usage: %s SOCKET\n", argv[0]);
+    return EXIT_FAILURE;
+  }
+  strcpy(address.sun_path, argv[1]);
+  struct sigaction action = {.sa_handler = end}; /* no SA_RESTART: it interrupts the wait */
+  sigaction(SIGTERM, &action, NULL);
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0 || bind(fd, (struct sockaddr*)&address, sizeof address) < 0 ||
+      chmod(argv[1], 0666) < 0) {
+    perror("log_reader");
+    return EXIT_FAILURE;
+  }
+  puts("ready");
+  fflush(stdout);
+  static char line[1 << 20];
+  unsigned long long lines = 0, bytes = 0;
+  while (!ended) {
+    const ssize_t taken = recv(fd, line, sizeof line, 0);
+    if (taken < 0) continue;
+    lines++;
+    bytes += (unsigned long long)taken;
+  }
+  printf("%llu %llu\n", lines, bytes);
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,295 @@
+"""Whole answers of the daemon on a private message bus, beside an echo service's, in one run.
+
+What is measured is what a program waits for: its call to the bus, the bus's to the daemon, and back.
+The echo (echo_service.c) gives the same answer to the same call, so that the ratio is the daemon's
+own doing. A reader takes the lines of the log throughout (log_reader.c). The rest are single
+figures: how long a start and a new script take, what memory is private, what wakes an idle daemon.
+
+Called by bench.sh, as root: it needs a mount namespace of its own for the daemon's fixed paths.
+"""
+
+import argparse
+import contextlib
+import json
+import os
+import statistics
+import subprocess
+import sys
+import time
+
+TREE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
+sys.path.insert(0, os.path.join(TREE, "tests/integration"))
+
+from support.bus import ADDRESS, NAME, Bus, Client, wait_until  # noqa: E402
+from support.daemon import Daemon  # noqa: E402
+from support.own_root import own_root  # noqa: E402
+from support.web import Web  # noqa: E402
+
+sys.path.insert(0, os.path.join(TREE, "bench"))
+sys.path.insert(0, os.path.join(TREE, "tests/stress"))
+import measure  # noqa: E402
+from growth import fitted  # noqa: E402
+
+ECHO = "com.zentu.ProxyManagerEcho"  # as long as the daemon's name: the calls are of one size
+LIMIT = 60.0
+PROXY = "http://proxy.example.org:8080"
+URL = "http://www.example.org/index.html"
+NEW_URL = "http://host%d.example.org/index.html"
+
+# what, mode, severity, URL, clients, (figure, goal, at most or at least)
+CASES = (
+    ("mode manual, severity 5", "manual", 5, URL, 1, ("latency_ratio", 1.15)),
+    ("cached host, severity 5", "pacurl", 5, URL, 1, ("latency_ratio", 1.20)),
+    ("cached host, severity 7", "pacurl", 7, URL, 1, ("latency_ratio", 1.60)),
+    ("new host, 60 rules, severity 5", "pacurl", 5, NEW_URL, 1, ("latency_ratio", 1.60)),
+    ("16 clients at once, cached, severity 5", "pacurl", 5, URL, 16, ("rate_ratio", 0.90)),
+)
+STARTS = 15
+NEW_SCRIPTS = 9
+IDLE = 60  # seconds
+# The contract's own: main sleeps in steps of 20 s; pm-pac waits 120 s and pm-fetch and pm-watch
+# 1800 s, of which one may end by chance. The bus and the worker are not woken.
+WAKE_UPS = 5
+CLIENT_COUNTS = (1, 2, 4, 8, 16, 32, 64)
+
+
+def trace(severity):
+    os.makedirs("/etc/proxymanagerd", exist_ok=True)
+    with open("/etc/proxymanagerd/trace.conf", "w") as file:
+        file.write(f"baseseverity={severity}\n")
+
+
+@contextlib.contextmanager
+def program(*command):
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, text=True,
+                               env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS})
+    try:
+        yield process
+    finally:
+        process.terminate()
+        process.communicate(timeout=LIMIT)
+
+
+@contextlib.contextmanager
+def log_reader(programs):
+    with program(f"{programs}/log_reader", "/dev/log") as reader:
+        assert reader.stdout.readline() == "ready\n"
+        yield
+
+
+@contextlib.contextmanager
+def running_daemon(build, severity):
+    trace(severity)
+    for path in ("/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"):
+        open(path, "w").close()
+    daemon = Daemon(build)
+    try:
+        yield daemon
+    finally:
+        daemon.close()
+
+
+def script(build, kind, count):
+    return subprocess.run([f"{build}/out/bench/print_script", kind, str(count)], check=True,
+                          capture_output=True, text=True).stdout
+
+
+def configure(client, mode, web, text):
+    """Until the script answers, if there is to be one."""
+    web.routes["/proxy.pac"] = text
+    client.update(mode=mode, proxyurl=PROXY if mode == "manual" else "",
+                  pacurl=web.url("/proxy.pac") if mode == "pacurl" else "")
+    wait_until(lambda: len(client.urls(URL)) > 1, "the daemon answers", LIMIT)
+
+
+def load(programs, rounds, calls, clients, url):
+    """What bus_load prints."""
+    done = subprocess.run([f"{programs}/bus_load", ECHO, NAME, str(rounds), str(calls),
+                           str(clients), url], check=True, capture_output=True, text=True,
+                          env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS})
+    return json.loads(done.stdout)
+
+
+@contextlib.contextmanager
+def beside_the_echo(build, mode, severity, web):
+    """A daemon that is configured, and an echo that answers as it does."""
+    with running_daemon(build, severity), Client() as client:
+        configure(client, mode, web, script(build, "rules", 60))
+        with program(f"{build}/out/bench/echo_service", ECHO, *client.urls(URL)):
+            wait_until(lambda: client.owner(ECHO) is not None, "the echo has its name", LIMIT)
+            yield client
+
+
+def compare_cases(build, web, rounds, calls):
+    results = []
+    for what, mode, severity, url, clients, (figure, goal) in CASES:
+        with beside_the_echo(build, mode, severity, web):
+            measured = load(f"{build}/out/bench", rounds, max(calls // clients, 1), clients, url)
+        results.append({"case": what, "figure": figure, "goal": goal, **measured})
+    return results
+
+
+def grow_with_clients(build, web, rounds, calls):
+    points = []
+    with beside_the_echo(build, "pacurl", 5, web):
+        for count in CLIENT_COUNTS:
+            measured = load(f"{build}/out/bench", rounds, max(calls // count, 10), count, URL)
+            points.append((count, measured["measured_us"], measured["base_us"]))
+    return points
+
+
+def start_time(build):
+    """From the start of the process until the bus knows its name, in ms."""
+    trace(5)
+    taken = []
+    for _ in range(STARTS):
+        with Client() as client:
+            begin = time.monotonic()
+            daemon = Daemon(build, start=False).spawn()
+            wait_until(lambda: client.owner() is not None, "the name", LIMIT, pause=0)
+            taken.append((time.monotonic() - begin) * 1e3)
+        daemon.close()
+    return statistics.median(taken)
+
+
+def new_script_time(build, web):
+    """From the call of updateProxyconfig until a script of 500 KB gives its first answer, in ms."""
+    taken = []
+    with running_daemon(build, 5), Client() as client:
+        configure(client, "pacurl", web, script(build, "rules", 60))
+        for number in range(NEW_SCRIPTS):
+            answer = f"PROXY new{number}.test:1"
+            text = script(build, "bytes", 500_000 - 100)
+            web.routes["/proxy.pac"] = text.replace("PROXY proxy.test:8080; DIRECT", answer)
+            begin = time.monotonic()
+            client.update(mode="pacurl", pacurl=web.url("/proxy.pac"))
+            wait_until(lambda: client.urls(URL)[1:] == [answer], answer, LIMIT, pause=0)
+            taken.append((time.monotonic() - begin) * 1e3)
+    return statistics.median(taken)
+
+
+def private(*pids):
+    """KiB that these processes have for themselves alone."""
+    total = 0
+    for pid in pids:
+        with open(f"/proc/{pid}/smaps_rollup") as rollup:
+            total += sum(int(line.split()[1]) for line in rollup if line.startswith("Private_"))
+    return total
+
+
+def memory(build, web):
+    """MB that are private: in mode off, and with the worker and 60 rules."""
+    with running_daemon(build, 5) as daemon, Client() as client:
+        client.update(mode="off")
+        for _ in range(100):
+            client.urls(URL)
+        off = private(daemon.pid)
+        configure(client, "pacurl", web, script(build, "rules", 60))
+        return off * 1024 / 1e6, private(daemon.pid, *daemon.children()) * 1024 / 1e6
+
+
+def sleeps(pid):
+    """How often the threads of the process went to sleep until now, by thread."""
+    counts = {}
+    for task in os.listdir(f"/proc/{pid}/task"):
+        with open(f"/proc/{pid}/task/{task}/status") as status:
+            fields = dict(line.split(":", 1) for line in status)
+        counts[task] = (fields["Name"].strip(), int(fields["voluntary_ctxt_switches"]))
+    return counts
+
+
+def wake_ups(build, web):
+    """{thread: wake-ups} of daemon and worker in IDLE seconds with a configuration."""
+    with running_daemon(build, 5) as daemon, Client() as client:
+        configure(client, "pacurl", web, script(build, "rules", 60))
+        time.sleep(3)  # the announcing thread sees the flag after its pause
+        pids = (daemon.pid, *daemon.children())
+        before = {task: count for pid in pids for task, count in sleeps(pid).items()}
+        time.sleep(IDLE)
+        after = {task: count for pid in pids for task, count in sleeps(pid).items()}
+    assert before.keys() == after.keys(), "a thread came or went"
+    return {name: after[task][1] - count for task, (name, count) in before.items()}
+
+
+def single_figures(build, web):
+    """(what, figure, unit, goal at most) each."""
+    off, together = memory(build, web)
+    woken = wake_ups(build, web)
+    print("\nWake-ups in", IDLE, "idle seconds, by thread:",
+          ", ".join(f"{name} {count}" for name, count in sorted(woken.items())))
+    return [
+        {"what": "start until the bus name", "figure": start_time(build), "unit": "ms", "goal": 50},
+        {"what": "update until the first answer of a 500 KB script",
+         "figure": new_script_time(build, web), "unit": "ms", "goal": 100},
+        {"what": "private memory, mode off", "figure": off, "unit": "MB", "goal": 3},
+        {"what": "private memory, daemon and worker, 60 rules", "figure": together, "unit": "MB",
+         "goal": 7},
+        {"what": f"wake-ups in {IDLE} idle seconds", "figure": sum(woken.values()), "unit": "",
+         "goal": WAKE_UPS},
+    ]
+
+
+def verdict(figure, goal, at_least=False):
+    return "met" if (figure >= goal if at_least else figure <= goal) else "MISSED"
+
+
+def print_cases(cases):
+    print(f"\n{'whole answers':<40} {'echo':>9} {'daemon':>9} {'ratio':>7} {'goal':>6}")
+    for case in cases:
+        rate = case["figure"] == "rate_ratio"
+        unit, base, own = ("/s", case["base_per_s"], case["measured_per_s"]) if rate else (
+            "us", case["base_us"], case["measured_us"])
+        ratio = case[case["figure"]]
+        print(f"{case['case']:<40} {base:>7.0f}{unit} {own:>7.0f}{unit} {ratio:>7.2f}"
+              f" {case['goal']:>6.2f} {verdict(ratio, case['goal'], rate)}")
+
+
+def print_growth(points):
+    print(f"\n{'clients at once':<40} {'echo':>9} {'daemon':>9}")
+    for count, own, base in points:
+        print(f"{count:<40} {base:>7.0f}us {own:>7.0f}us")
+    for name, column in (("daemon", 1), ("echo", 2)):
+        order, slope, error = fitted([(point[0], point[column]) for point in points])
+        print(f"fitted, {name}: {order}, {slope:.3g} us each, error {error:.1%}")
+
+
+def print_figures(figures):
+    print(f"\n{'single figures':<50} {'figure':>10} {'goal':>8}")
+    for row in figures:
+        print(f"{row['what']:<50} {row['figure']:>7.1f} {row['unit']:<2} {row['goal']:>8}"
+              f" {verdict(row['figure'], row['goal'])}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description="Measures whole answers of the daemon.")
+    parser.add_argument("--build", required=True, help="build folder with the benchmarks")
+    parser.add_argument("--json", help="file that takes the figures")
+    parser.add_argument("--rounds", type=int, default=41)
+    parser.add_argument("--calls", type=int, default=300, help="of a block, all clients together")
+    parser.add_argument("--only", choices=("cases", "clients", "figures"))
+    options = parser.parse_args()
+    build = os.path.abspath(options.build)
+    json_file = options.json and os.path.abspath(options.json)
+    results = {}
+    with contextlib.ExitStack() as stack:
+        stack.enter_context(own_root(TREE, build))
+        stack.enter_context(contextlib.closing(Bus()))
+        stack.enter_context(log_reader(f"{build}/out/bench"))
+        web = stack.enter_context(contextlib.closing(Web()))
+        if options.only in (None, "cases"):
+            results["answers"] = compare_cases(build, web, options.rounds, options.calls)
+            print_cases(results["answers"])
+        if options.only in (None, "clients"):
+            results["clients"] = grow_with_clients(build, web, options.rounds // 4, options.calls)
+            print_growth(results["clients"])
+        if options.only in (None, "figures"):
+            results["figures"] = single_figures(build, web)
+            print_figures(results["figures"])
+    if json_file:
+        with open(json_file, "w") as file:
+            json.dump(results, file, indent=2)
+            file.write("\n")
+
+
+if __name__ == "__main__":
+    main()
