@@ -63,7 +63,8 @@ inline const char* text(Status status) noexcept {
   return proxymanager_status_text(static_cast<proxymanager_status>(status));
 }
 
-/// One thing to try. The texts live as long as the answer that gave it, and end with a NUL.
+/// One thing to try. The texts live as long as the answer or the entries that gave it, and end with
+/// a NUL.
 struct Entry {
   Kind kind;
   std::string_view text;
@@ -74,8 +75,27 @@ struct Entry {
   std::uint16_t port;
 };
 
-/// The entries of an answer, in the order to be tried; for a range-based `for`. They live as long
-/// as the answer.
+/// A holder of what the C interface calls an answer, or of none.
+class HeldAnswer {
+ public:
+  HeldAnswer() noexcept = default;
+  /// Takes the place of a holder.
+  explicit HeldAnswer(proxymanager_answer* held) noexcept : mHeld(held) {}
+  HeldAnswer(const HeldAnswer& other) noexcept : mHeld(proxymanager_answer_ref(other.mHeld)) {}
+  HeldAnswer(HeldAnswer&& other) noexcept : mHeld(std::exchange(other.mHeld, nullptr)) {}
+  HeldAnswer& operator=(HeldAnswer other) noexcept {
+    std::swap(mHeld, other.mHeld);
+    return *this;
+  }
+  ~HeldAnswer() { proxymanager_answer_unref(mHeld); }
+
+  proxymanager_answer* raw() const noexcept { return mHeld; }
+
+ private:
+  proxymanager_answer* mHeld = nullptr;
+};
+
+/// The entries of an answer, in the order to be tried; for a range-based `for`. Holds the answer.
 class Entries {
  public:
   class Iterator {
@@ -86,13 +106,13 @@ class Entries {
     using pointer = void;
     using reference = Entry;
 
-    Entry operator*() const noexcept { return (*mEntries)[mIndex]; }
+    Entry operator*() const noexcept { return entryOf(mAnswer, mIndex); }
     Iterator& operator++() noexcept {
       ++mIndex;
       return *this;
     }
     Iterator operator++(int) noexcept {
-      auto before = *this;
+      const auto before = *this;
       ++mIndex;
       return before;
     }
@@ -101,19 +121,24 @@ class Entries {
 
    private:
     friend class Entries;
-    Iterator(const Entries* entries, std::size_t index) noexcept
-        : mEntries(entries), mIndex(index) {}
-    const Entries* mEntries;
+    Iterator(const proxymanager_answer* answer, std::size_t index) noexcept
+        : mAnswer(answer), mIndex(index) {}
+    const proxymanager_answer* mAnswer;
     std::size_t mIndex;
   };
 
-  explicit Entries(const proxymanager_answer* answer) noexcept : mAnswer(answer) {}
+  explicit Entries(HeldAnswer answer) noexcept : mAnswer(std::move(answer)) {}
 
-  std::size_t size() const noexcept { return proxymanager_answer_count(mAnswer); }
+  std::size_t size() const noexcept { return proxymanager_answer_count(mAnswer.raw()); }
   bool empty() const noexcept { return size() == 0; }
   /// `index` is below size().
-  Entry operator[](std::size_t index) const noexcept {
-    const proxymanager_entry& entry = *proxymanager_answer_entry(mAnswer, index);
+  Entry operator[](std::size_t index) const noexcept { return entryOf(mAnswer.raw(), index); }
+  Iterator begin() const noexcept { return {mAnswer.raw(), 0}; }
+  Iterator end() const noexcept { return {mAnswer.raw(), size()}; }
+
+ private:
+  static Entry entryOf(const proxymanager_answer* answer, std::size_t index) noexcept {
+    const proxymanager_entry& entry = *proxymanager_answer_entry(answer, index);
     return {static_cast<Kind>(entry.kind),
             entry.text,
             entry.url,
@@ -122,11 +147,8 @@ class Entries {
             entry.host,
             entry.port};
   }
-  Iterator begin() const noexcept { return {this, 0}; }
-  Iterator end() const noexcept { return {this, size()}; }
 
- private:
-  const proxymanager_answer* mAnswer;
+  HeldAnswer mAnswer;
 };
 
 /// More about a question that failed, for a log line: see proxymanager_failure.
@@ -144,30 +166,17 @@ class Answer {
   /// Takes `held` over, which is null unless the status is PROXYMANAGER_OK.
   Answer(proxymanager_status status, proxymanager_answer* held) noexcept
       : mStatus(static_cast<Status>(status)), mAnswer(held) {}
-  Answer(const Answer& other) noexcept
-      : mStatus(other.mStatus), mAnswer(proxymanager_answer_ref(other.mAnswer)) {}
-  Answer(Answer&& other) noexcept
-      : mStatus(std::exchange(other.mStatus, Status::cancelled)),
-        mAnswer(std::exchange(other.mAnswer, nullptr)) {}
-  Answer& operator=(Answer other) noexcept {
-    std::swap(mStatus, other.mStatus);
-    std::swap(mAnswer, other.mAnswer);
-    return *this;
-  }
-  ~Answer() { proxymanager_answer_unref(mAnswer); }
 
   Status status() const noexcept { return mStatus; }
   /// Whether the daemon answered; its answer may have no entry.
   explicit operator bool() const noexcept { return mStatus == Status::ok; }
   /// "off", "manual", "pacurl" or "wpad"; empty without an answer.
-  std::string_view mode() const noexcept { return proxymanager_answer_mode(mAnswer); }
-  Entries entries() const& noexcept { return Entries(mAnswer); }
-  // They would point into what is gone by then.
-  Entries entries() const&& = delete;
+  std::string_view mode() const noexcept { return proxymanager_answer_mode(mAnswer.raw()); }
+  Entries entries() const noexcept { return Entries(mAnswer); }
 
  private:
   Status mStatus = Status::cancelled;
-  proxymanager_answer* mAnswer = nullptr;
+  HeldAnswer mAnswer;
 };
 
 /// What is known of the last failure of the calling thread: see proxymanager_last_failure().
