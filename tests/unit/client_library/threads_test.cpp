@@ -143,7 +143,8 @@ TEST_F(ThreadsTest, FreeingAClientEndsWhatWaits) {
       within.push_back(static_cast<Status>(proxymanager_get(raw, "http://b/", 1000, &none)));
     });
   }
-  const auto watching = ending->watch([](Change) {});
+  proxymanager_id watching = 0;
+  proxymanager_watch(raw, [](proxymanager_change, void*) {}, nullptr, &watching);
   daemon.waitFor(1);
   ending.reset();
   EXPECT_EQ(told, std::vector(3, Status::cancelled));
@@ -188,7 +189,7 @@ TEST_F(ThreadsTest, ACallbackThatTakesLongHoldsUpNobodysLimit) {
   called.wait();
   EXPECT_EQ(client.get(kUrl + "slow", milliseconds(20)).status(), Status::tooSlow);
   lock.unlock();
-  ask();  // the callback has returned before its locals go
+  ask(kUrl + "behind");  // the callback has returned before what it uses goes
 }
 
 TEST_F(ThreadsTest, NothingIsStartedBeforeTheFirstQuestion) {
