@@ -170,8 +170,11 @@ TEST_F(FollowingTest, AWatchOfAnAbsentBusIsToldSoAndHearsOfItsComing) {
 }
 
 TEST_F(FollowingTest, AWatchIsToldFirstWhetherTheDaemonIsThere) {
-  ask();
+  Changes earlier;
+  const auto zeroth = watch(earlier);
+  earlier.waitFor(1);
   daemon.giveName();
+  earlier.waitFor(2);
   const auto first = watch(changes);
   EXPECT_EQ(changes.waitFor(1), List{kWent});
   daemon.takeName();
