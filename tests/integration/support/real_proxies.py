@@ -1,0 +1,131 @@
+"""A web server and two proxies as Debian has them, on the loopback interface of the test's network.
+
+Each proxy sends from an address of its own, and the server has a folder for each address that asks.
+So what is fetched says which way it came, whoever fetched it: a file `way`, and a repository
+`way.git` with that file. Names are looked up in the test's /etc/hosts.
+"""
+
+import os
+import subprocess
+
+from .bus import wait_until
+from .own_network import hosts
+
+SITE = "www.example.test"
+_SITE_ADDRESS = "127.0.0.80"
+HTTP_PROXY = "127.0.0.8:8888"
+SOCKS_PROXY = "127.0.0.9:1080"
+PASSWORD_PROXY = "127.0.0.10:8888"
+USER, PASSWORD = "user", "secret"
+# The ways, by the address that the server sees.
+DIRECT, HTTP, SOCKS, PASSWORD_HTTP = "directly", "by HTTP", "by SOCKS", "by HTTP with a password"
+_WAYS = {"127.0.0.1": DIRECT, "127.0.0.8": HTTP, "127.0.0.9": SOCKS, "127.0.0.10": PASSWORD_HTTP}
+
+_NGINX = f"""
+pid /run/nginx.pid;
+error_log /run/nginx.error;
+events {{ }}
+http {{
+  access_log /run/nginx.access;
+  default_type application/octet-stream;
+  root /run/www/$remote_addr;
+  ssl_certificate /run/site.pem;
+  ssl_certificate_key /run/site.key;
+  server {{ listen {_SITE_ADDRESS}:80; listen {_SITE_ADDRESS}:443 ssl; }}
+}}
+"""
+_TINYPROXY = """
+Listen {address}
+Port {port}
+Bind {address}
+Allow 127.0.0.0/8
+ConnectPort 443
+LogFile "/run/tinyproxy.{address}"
+"""
+
+
+def _run(*command, **options):
+    done = subprocess.run(command, capture_output=True, text=True, **options)
+    assert done.returncode == 0, f"{command}: {done.stderr}"
+
+
+def _make_pages():
+    for address, way in _WAYS.items():
+        folder = f"/run/www/{address}"
+        os.makedirs(f"{folder}/tree")
+        for file in (f"{folder}/way", f"{folder}/tree/way"):
+            with open(file, "w") as page:
+                page.write(way)
+        git = ("git", "-C", f"{folder}/tree", "-c", "user.name=a", "-c", "user.email=a@example.test")
+        environment = {"PATH": os.environ["PATH"], "HOME": "/run"}
+        for step in (("init", "-q"), ("add", "way"), ("commit", "-q", "-m", way),
+                     ("update-server-info",)):
+            _run(*git, *step, env=environment)
+        os.rename(f"{folder}/tree/.git", f"{folder}/way.git")
+
+
+def _make_certificate():
+    """One that this test's /etc trusts."""
+    _run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+         "-nodes", "-days", "30", "-subj", f"/CN={SITE}", "-addext", f"subjectAltName=DNS:{SITE}",
+         "-keyout", "/run/site.key", "-out", "/run/site.pem")
+    with open("/etc/ssl/certs/ca-certificates.crt", "a") as trusted:
+        trusted.write(open("/run/site.pem").read())
+
+
+def _listens(endpoint):
+    """Whether somebody does, in this network."""
+    address, port = endpoint.split(":")
+    # As /proc/net/tcp has it: the address's bytes from last to first, state 0A.
+    local = "".join(f"{int(part):02X}" for part in reversed(address.split("."))) + f":{int(port):04X}"
+    with open("/proc/thread-self/net/tcp") as table:
+        return any(line.split()[1] == local and line.split()[3] == "0A" for line in table)
+
+
+class RealProxies:
+    """Server and proxies, from the start to close()."""
+
+    def __init__(self):
+        hosts(**{SITE: _SITE_ADDRESS, "wpad.example.test": "127.0.0.1"})
+        _make_certificate()
+        _make_pages()
+        self._running = []
+        self._start_server()
+        self._start_http_proxy(HTTP_PROXY)
+        self._start_http_proxy(PASSWORD_PROXY, f"BasicAuth {USER} {PASSWORD}\n")
+        self._start_socks_proxy(SOCKS_PROXY)
+
+    def _start(self, endpoint, *command):
+        process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL)
+        self._running.append(process)
+        wait_until(lambda: _listens(endpoint) or process.poll() is not None, f"{command[0]} listens")
+        assert process.poll() is None, f"{command}: status {process.returncode}"
+
+    def _start_server(self):
+        with open("/run/nginx.conf", "w") as file:
+            file.write(_NGINX)
+        self._start(f"{_SITE_ADDRESS}:443", "nginx", "-e", "/run/nginx.error", "-c",
+                    "/run/nginx.conf", "-g", "daemon off; master_process off;")
+
+    def _start_http_proxy(self, endpoint, extra=""):
+        address, port = endpoint.split(":")
+        file = f"/run/tinyproxy.{address}.conf"
+        with open(file, "w") as config:
+            config.write(_TINYPROXY.format(address=address, port=port) + extra)
+        self._start(endpoint, "tinyproxy", "-d", "-c", file)
+
+    def _start_socks_proxy(self, endpoint):
+        address, port = endpoint.split(":")
+        self._start(endpoint, "microsocks", "-i", address, "-p", port, "-b", address)
+
+    @staticmethod
+    def asked():
+        """How many requests the server has seen."""
+        with open("/run/nginx.access") as log:
+            return len(log.readlines())
+
+    def close(self):
+        for process in self._running:  # each is one process, and has nothing to put in order
+            process.kill()
+            process.wait()
