@@ -104,6 +104,13 @@ def web(root):
 
 
 @pytest.fixture
+def port80(own_network):
+    web = Web("127.0.0.1", 80)
+    yield web
+    web.close()
+
+
+@pytest.fixture
 def proxies(own_network):
     proxies = RealProxies()
     yield proxies

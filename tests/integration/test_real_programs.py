@@ -8,14 +8,12 @@ import os
 import subprocess
 
 import pytest
-from support.bus import ADDRESS, wait_until
+from support.bus import ADDRESS
 from support.ctl import LIMIT, NO_ANSWER, UNAVAILABLE, Ctl
-from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PASSWORD, PASSWORD_HTTP, PASSWORD_PROXY,
-                                  SITE, SOCKS, SOCKS_PROXY, USER)
-from support.watched import append_and_settle
-from support.web import Web, script
+from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, PASSWORD, PASSWORD_HTTP,
+                                  PASSWORD_PROXY, SITE, SOCKS, SOCKS_PROXY, USER, by_network,
+                                  by_script)
 
-RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 pytestmark = pytest.mark.usefixtures("own_network")
 
 NOWHERE = "http://127.0.0.1:9"  # nobody listens
@@ -31,7 +29,7 @@ CURL_TOLD = ('proxy=$(proxymanagerctl get --format curl "$URL") && '
              'curl -sS --fail --max-time 60 -x "$proxy" "$URL"')
 WGET = 'wget -q --tries=1 --timeout=60 -O - "$URL"'
 GIT = """sh -c 'rm -rf /run/clone && git clone -q "$URL" /run/clone && cat /run/clone/way'"""
-PAGE, REPOSITORY = f"http://{SITE}/way", f"http://{SITE}/way.git"
+REPOSITORY = f"http://{SITE}/way.git"
 
 
 class Shell:
@@ -68,19 +66,6 @@ def shell(build, proxies):
     return Shell(build)
 
 
-@pytest.fixture
-def scripts(proxies):
-    web = Web("127.0.0.1", 80)
-    yield web
-    web.close()
-
-
-def by_script(client, scripts, answer):
-    scripts.routes["/p.pac"] = script(answer)
-    client.update("pacurl", pacurl="http://127.0.0.1/p.pac")
-    wait_until(lambda: client.urls(PAGE) == ["pacurl", *answer.split("; ")], "the script answers")
-
-
 def test_without_a_proxy_programs_fetch_directly(shell, client):
     client.update("off")
     assert shell.ways() == {DIRECT}
@@ -102,24 +87,21 @@ def test_the_password_of_a_manual_proxy_reaches_it(shell, client):
     assert (status, output) == (22, "") and "returned error: 401" in errors
 
 
-def test_a_script_decides_what_programs_fetch_through(shell, client, scripts):
-    by_script(client, scripts, f"PROXY -unusable:1; PROXY {HTTP_PROXY}; DIRECT")
+def test_a_script_decides_what_programs_fetch_through(shell, client, port80):
+    by_script(client, port80, f"PROXY -unusable:1; PROXY {HTTP_PROXY}; DIRECT")
     assert shell.ways() == {HTTP}
-    by_script(client, scripts, "DIRECT")
+    by_script(client, port80, "DIRECT")
     assert shell.ways() == {DIRECT}
 
 
-def test_a_script_that_the_network_announces_decides_too(shell, client, scripts, syslog):
-    scripts.routes["/wpad.dat"] = script(f"PROXY {HTTP_PROXY}")
-    append_and_settle(RESOLVER, "search example.test\n", syslog)
-    client.update("wpad")
-    wait_until(lambda: client.urls(PAGE) == ["wpad", f"PROXY {HTTP_PROXY}"], "the script answers")
+def test_a_script_that_the_network_announces_decides_too(shell, client, port80, syslog):
+    by_network(client, port80, syslog, f"PROXY {HTTP_PROXY}")
     assert shell.ways() == {HTTP}
 
 
-def test_socks_is_for_curl_and_git_and_wget_does_not_go_past_it(shell, client, scripts, proxies):
+def test_socks_is_for_curl_and_git_and_wget_does_not_go_past_it(shell, client, port80, proxies):
     for configure in (lambda: client.update("manual", f"socks5://{SOCKS_PROXY}"),
-                      lambda: by_script(client, scripts, f"SOCKS {SOCKS_PROXY}")):
+                      lambda: by_script(client, port80, f"SOCKS {SOCKS_PROXY}")):
         configure()
         assert shell.ways(programs=(CURL, GIT)) == {SOCKS}
         assert shell.ways(f"https://{SITE}/way", f"https://{SITE}/way.git", (CURL, GIT)) == {SOCKS}
@@ -130,10 +112,10 @@ def test_socks_is_for_curl_and_git_and_wget_does_not_go_past_it(shell, client, s
     assert proxies.asked() == asked
 
 
-def test_what_the_daemon_says_is_printed_raw_for_who_reads_it(shell, client, scripts):
+def test_what_the_daemon_says_is_printed_raw_for_who_reads_it(shell, client, port80):
     first = ('all=$(proxymanagerctl get --format raw "$URL") && first=${all%%;*} && '
              'http_proxy="http://${first#PROXY }" && export http_proxy && ')
-    by_script(client, scripts, f"PROXY {HTTP_PROXY}; SOCKS {SOCKS_PROXY}")
+    by_script(client, port80, f"PROXY {HTTP_PROXY}; SOCKS {SOCKS_PROXY}")
     assert shell('proxymanagerctl get --format raw "$URL"', PAGE)[1] == (
         f"PROXY {HTTP_PROXY}; SOCKS {SOCKS_PROXY}\n")
     for program in (CURL, WGET, GIT):
@@ -142,8 +124,8 @@ def test_what_the_daemon_says_is_printed_raw_for_who_reads_it(shell, client, scr
         assert (status, output) == (0, HTTP), errors
 
 
-def test_without_an_answer_or_a_daemon_no_program_runs(shell, client, scripts, daemon, proxies):
-    by_script(client, scripts, "PROXY -unusable:1")
+def test_without_an_answer_or_a_daemon_no_program_runs(shell, client, port80, daemon, proxies):
+    by_script(client, port80, "PROXY -unusable:1")
     for line in (EXEC.format(CURL), ENV.format(CURL), CURL_TOLD):
         assert shell(line, PAGE)[:2] == (NO_ANSWER, "")
     daemon.kill()

@@ -9,18 +9,11 @@ import pytest
 from support.own_network import hosts
 from support.syslog_socket import ERR, INFO, NOTICE
 from support.watched import append_and_settle
-from support.web import Web, script
+from support.web import script
 
 LEASE = "/usr/local/lumad/dhcp.conf"
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 pytestmark = pytest.mark.usefixtures("own_network")
-
-
-@pytest.fixture
-def port80(own_network):
-    web = Web("127.0.0.1", 80)
-    yield web
-    web.close()
 
 
 def write(path, text):

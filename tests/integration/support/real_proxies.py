@@ -10,8 +10,11 @@ import subprocess
 
 from .bus import wait_until
 from .own_network import hosts
+from .watched import append_and_settle
+from .web import script
 
 SITE = "www.example.test"
+PAGE = f"http://{SITE}/way"
 _SITE_ADDRESS = "127.0.0.80"
 HTTP_PROXY = "127.0.0.8:8888"
 SOCKS_PROXY = "127.0.0.9:1080"
@@ -129,3 +132,22 @@ class RealProxies:
         for process in self._running:  # each is one process, and has nothing to put in order
             process.kill()
             process.wait()
+
+
+def by_script(client, web, answer):
+    """Has the daemon answer as the script at an address does, by `web` on port 80."""
+    web.routes["/proxy.pac"] = script(answer)
+    client.update("pacurl", pacurl="http://127.0.0.1/proxy.pac")
+    _wait_for(client, "pacurl", answer)
+
+
+def by_network(client, web, syslog, answer):
+    """Has the daemon answer as the script does that a search domain leads to."""
+    web.routes["/wpad.dat"] = script(answer)
+    append_and_settle("/tmp/.resolv.conf.dnsmasq", "search example.test\n", syslog)
+    client.update("wpad")
+    _wait_for(client, "wpad", answer)
+
+
+def _wait_for(client, mode, answer):
+    wait_until(lambda: client.urls(PAGE) == [mode, *answer.split("; ")], "the script answers")
