@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <charconv>
 
-#include "client/shown_text.h"
+#include "client/library/bus_text.h"
 
 namespace client {
 

@@ -13,7 +13,7 @@
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
 #include "client/exit_text.h"
-#include "client/proxy_answer.h"
+#include "client/library/proxy_answer.h"
 #include "client/proxy_variables.h"
 #include "client/shown_text.h"
 #include "client/url_parts.h"

@@ -11,7 +11,7 @@
 #include "client/daemon_bus.h"
 #include "client/exit_text.h"
 #include "client/output.h"
-#include "client/proxy_answer.h"
+#include "client/library/proxy_answer.h"
 #include "client/proxy_variables.h"
 #include "client/shown_text.h"
 #include "client/url_arguments.h"

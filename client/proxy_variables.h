@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/proxy_answer.h"
+#include "client/library/proxy_answer.h"
 
 namespace client {
 

@@ -11,8 +11,8 @@
 #include <utility>
 
 #include "client/command.h"
+#include "client/library/bus_text.h"
 #include "client/script_file.h"
-#include "client/shown_text.h"
 #include "platform/pac_engine/pac_engine.h"
 #include "platform/pac_engine/unique_fd.h"
 

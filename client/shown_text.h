@@ -29,7 +29,4 @@ std::string shownAge(std::int64_t seconds);
 /// "2026-11-21T08:30:01.123+01:00", without the fraction where `milliseconds` is false.
 std::string shownTime(std::int64_t microseconds, bool milliseconds);
 
-/// Whether `text` is UTF-8 without NUL, which is all that the bus carries.
-bool isBusText(std::string_view text);
-
 }  // namespace client

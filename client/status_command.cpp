@@ -26,7 +26,7 @@
 #include "client/exit_text.h"
 #include "client/output.h"
 #include "client/pac_file.h"
-#include "client/proxy_answer.h"
+#include "client/library/proxy_answer.h"
 #include "client/shown_text.h"
 
 namespace client {

@@ -14,7 +14,7 @@
 #include "client/exit_text.h"
 #include "client/option_text.h"
 #include "client/output.h"
-#include "client/proxy_answer.h"
+#include "client/library/proxy_answer.h"
 #include "client/secret.h"
 #include "client/shown_text.h"
 #include "client/url_parts.h"

@@ -1,4 +1,4 @@
-#include "client/proxy_answer.h"
+#include "client/library/proxy_answer.h"
 
 #include <gtest/gtest.h>
 

@@ -6,6 +6,8 @@
 #include <ctime>
 #include <string>
 
+#include "client/library/bus_text.h"
+
 using client::hasPassword;
 using client::isBusText;
 using client::shownAge;

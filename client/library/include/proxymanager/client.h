@@ -25,7 +25,8 @@
  *
  * Texts are UTF-8 without NUL, as the bus demands. Nothing here writes to standard output, standard
  * error or syslog, changes a signal's handling or the environment. DBUS_SYSTEM_BUS_ADDRESS names
- * the bus where it is set, unless the program has more rights than its caller.
+ * the bus where it is set when the client is made, unless the program has more rights than its
+ * caller.
  */
 #ifndef PROXYMANAGER_CLIENT_H
 #define PROXYMANAGER_CLIENT_H
@@ -60,7 +61,8 @@ typedef enum proxymanager_status {
   PROXYMANAGER_CANCELLED = 6,    /**< taken back, or the client was freed */
   PROXYMANAGER_BAD_ARGUMENT = 7, /**< a null pointer, a URL that is no UTF-8 or too long */
   PROXYMANAGER_NO_MEMORY = 8,    /**< no memory, descriptor or thread to be had */
-  PROXYMANAGER_BUSY = 9,         /**< too many questions at once, or a wait inside a callback */
+  PROXYMANAGER_BUSY = 9,         /**< too many questions at once, here or for the bus, or a wait
+                                      inside a callback */
   PROXYMANAGER_FORKED = 10       /**< the client belongs to the parent of this process */
 } proxymanager_status;
 
@@ -95,6 +97,16 @@ typedef enum proxymanager_change {
   PROXYMANAGER_DAEMON_CAME = 2,     /**< the daemon answers (again); earlier answers are stale */
   PROXYMANAGER_DAEMON_WENT = 3      /**< the daemon, or the bus, is gone */
 } proxymanager_change;
+
+/** More about a question that did not end with PROXYMANAGER_OK, for a log line: what the bus, or
+ * who has the daemon's name there, said of it. Texts are as they came and may hold anything. */
+typedef struct proxymanager_failure {
+  proxymanager_status status;
+  int error;        /**< errno, where no connection to the bus could be made; else 0 */
+  const char *name; /**< of the error on the bus, "org.freedesktop.DBus.Error.AccessDenied"; empty
+                         where none was sent */
+  const char *text; /**< of the error on the bus; may be empty */
+} proxymanager_failure;
 
 /** Takes the end of a question: `answer` is null unless `status` is PROXYMANAGER_OK, and is the
  * callee's, to be given back with proxymanager_answer_unref(). */
@@ -187,6 +199,11 @@ PROXYMANAGER_API const proxymanager_entry *proxymanager_answer_entry(
 
 /** @return a few English words for people, never null: "the daemon does not run" */
 PROXYMANAGER_API const char *proxymanager_status_text(proxymanager_status status);
+
+/** Says more of the last question of the calling thread: the one whose proxymanager_get() or
+ * proxymanager_get_async() returned, or, in a callback, the one whose end it takes.
+ * @return never null; holds until the thread's next question or callback, or its end */
+PROXYMANAGER_API const proxymanager_failure *proxymanager_last_failure(void);
 
 /** @return the release of the library that runs: "0.1.0" */
 PROXYMANAGER_API const char *proxymanager_client_version(void);

@@ -1,0 +1,69 @@
+// An answer as programs hold it: read once, never changed, shared by counting its holders.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/library/include/proxymanager/client.h"
+#include "client/library/proxy_answer.h"
+
+/// What the interface calls an answer. The texts that its entries point to are its own.
+struct proxymanager_answer {
+ public:
+  explicit proxymanager_answer(client::ProxyAnswer parsed);
+  proxymanager_answer(const proxymanager_answer&) = delete;
+  proxymanager_answer& operator=(const proxymanager_answer&) = delete;
+
+  void hold() { mHolders.fetch_add(1, std::memory_order_relaxed); }
+  /// Deletes the answer with its last holder.
+  void give();
+
+  const std::string& mode() const { return mParsed.mode; }
+  const std::vector<proxymanager_entry>& entries() const { return mEntries; }
+
+  /// About what it takes in memory.
+  std::size_t bytes() const;
+
+ private:
+  ~proxymanager_answer() = default;
+
+  std::atomic<unsigned> mHolders{1};
+  const client::ProxyAnswer mParsed;
+  std::vector<std::string> mUrls;
+  std::vector<proxymanager_entry> mEntries;
+};
+
+namespace client::library {
+
+/// A holder of an answer, or of none.
+class AnswerRef {
+ public:
+  AnswerRef() = default;
+  /// Takes the place of a holder.
+  explicit AnswerRef(proxymanager_answer* held) : mAnswer(held) {}
+  AnswerRef(const AnswerRef& other) noexcept : mAnswer(other.mAnswer) {
+    if (mAnswer != nullptr) mAnswer->hold();
+  }
+  AnswerRef(AnswerRef&& other) noexcept : mAnswer(std::exchange(other.mAnswer, nullptr)) {}
+  AnswerRef& operator=(AnswerRef other) noexcept {
+    std::swap(mAnswer, other.mAnswer);
+    return *this;
+  }
+  ~AnswerRef() {
+    if (mAnswer != nullptr) mAnswer->give();
+  }
+
+  proxymanager_answer* get() const { return mAnswer; }
+  proxymanager_answer* operator->() const { return mAnswer; }
+  explicit operator bool() const { return mAnswer != nullptr; }
+  /// Leaves the holding to the caller.
+  proxymanager_answer* release() { return std::exchange(mAnswer, nullptr); }
+
+ private:
+  proxymanager_answer* mAnswer = nullptr;
+};
+
+}  // namespace client::library

@@ -1,0 +1,196 @@
+#include "client/library/bus_link.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <new>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "client/library/proxy_answer.h"
+
+namespace client::library {
+
+namespace {
+
+constexpr const char* kBusName = "com.zentu.ProxyManagerService";
+constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
+constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
+constexpr const char* kDriver = "org.freedesktop.DBus";
+constexpr const char* kDriverPath = "/org/freedesktop/DBus";
+
+// No others: the daemon has signals that would wake every client for nothing.
+constexpr const char* kClearRule =
+    "type='signal',sender='com.zentu.ProxyManagerService',path='/com/zentu/ProxyManagerService',"
+    "interface='com.zentu.ProxyManagerServiceInterface',member='notifyClearcache'";
+constexpr const char* kOwnerRule =
+    "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+    "interface='org.freedesktop.DBus',member='NameOwnerChanged',"
+    "arg0='com.zentu.ProxyManagerService'";
+constexpr int kRules = 2;
+
+/// How long the bus is given for what the link asks of it by itself: it is on this machine, and a
+/// silent one is an error.
+constexpr std::uint64_t kBusLimitMicroseconds = 10'000'000;
+
+/// A question has no limit of its own on the bus, which has one: those who wait have theirs.
+constexpr std::uint64_t kNoLimit = UINT64_MAX;
+
+using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
+
+Outcome badReply() {
+  return failedAnswer("org.freedesktop.DBus.Error.InconsistentMessage", "");
+}
+
+bool isMode(std::string_view text) {
+  return text == "off" || text == "manual" || text == "pacurl" || text == "wpad";
+}
+
+/// @throws std::bad_alloc
+Outcome read(sd_bus_message* reply) {
+  if (sd_bus_message_has_signature(reply, "as") <= 0) return badReply();
+  if (sd_bus_message_enter_container(reply, 'a', "s") < 0) return badReply();
+  std::vector<std::string> texts;
+  const char* text = nullptr;
+  while (sd_bus_message_read_basic(reply, 's', &text) > 0) texts.emplace_back(text);
+  if (texts.empty() || !isMode(texts.front())) return badReply();
+  auto parsed = parseAnswer(texts);
+  if (!parsed) return {PROXYMANAGER_NO_DAEMON, {}, {}};  // it is about to end
+  return {PROXYMANAGER_OK, AnswerRef(new proxymanager_answer(*std::move(parsed))), {}};
+}
+
+Outcome outcomeOf(sd_bus_message* reply) {
+  if (const auto* const error = sd_bus_message_get_error(reply); error != nullptr) {
+    // The library answers by itself for a bus that is gone.
+    if (sd_bus_is_open(sd_bus_message_get_bus(reply)) <= 0) return failedAnswer(kDisconnected, "");
+    return failedAnswer(error->name, error->message == nullptr ? "" : error->message);
+  }
+  try {
+    return read(reply);
+  } catch (const std::bad_alloc&) {
+    return {PROXYMANAGER_NO_MEMORY, {}, {}};
+  }
+}
+
+}  // namespace
+
+int BusLink::open(const char* address) {
+  sd_bus* bus = nullptr;
+  int result = sd_bus_new(&bus);
+  if (result < 0) return -result;
+  mBus.reset(bus);
+  result = sd_bus_set_address(bus, address);
+  if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
+  if (result >= 0) result = sd_bus_set_method_call_timeout(bus, kBusLimitMicroseconds);
+  if (result >= 0) result = sd_bus_start(bus);
+  return result < 0 ? -result : 0;
+}
+
+int BusLink::process() {
+  int result = sd_bus_process(mBus.get(), nullptr);
+  if (result < 0 || mIsReady || sd_bus_is_ready(mBus.get()) <= 0) return result;
+  mIsReady = true;
+  const int followed = follow();
+  return followed < 0 ? followed : 1;
+}
+
+/// Asks to be told of changes, then who has the name: what changes after the answer is told. A
+/// question that is sent behind these comes to the daemon when they hold.
+int BusLink::follow() {
+  int result =
+      sd_bus_add_match_async(mBus.get(), nullptr, kOwnerRule, onOwnerSignal, onMatch, this);
+  if (result >= 0) {
+    result = sd_bus_add_match_async(mBus.get(), nullptr, kClearRule, onClear, onMatch, this);
+  }
+  if (result >= 0) {
+    result = sd_bus_call_method_async(mBus.get(), nullptr, kDriver, kDriverPath, kDriver,
+                                      "GetNameOwner", onOwnerReply, this, "s", kBusName);
+  }
+  return result;
+}
+
+int BusLink::send(const std::string& url, Asked& asked) {
+  sd_bus_message* made = nullptr;
+  int result = sd_bus_message_new_method_call(mBus.get(), &made, kBusName, kObjectPath, kInterface,
+                                              "getProxyurl");
+  if (result < 0) return -result;
+  const Message message(made, sd_bus_message_unref);
+  result = sd_bus_message_append_basic(made, 's', url.c_str());
+  if (result >= 0) result = sd_bus_message_set_auto_start(made, mMayStart ? 1 : 0);
+  sd_bus_slot* slot = nullptr;
+  if (result >= 0) result = sd_bus_call_async(mBus.get(), &slot, made, onReply, &asked, kNoLimit);
+  if (result < 0) return -result;
+  asked.mLink = this;
+  asked.mSlot.reset(slot);
+  return 0;
+}
+
+pollfd BusLink::polled() const {
+  const int events = sd_bus_get_events(mBus.get());
+  return {sd_bus_get_fd(mBus.get()), static_cast<short>(std::max(events, 0)), 0};
+}
+
+std::optional<Clock::time_point> BusLink::wakeAt() const {
+  std::uint64_t until = 0;  // on the monotonic clock, which is this one
+  if (sd_bus_get_timeout(mBus.get(), &until) <= 0 || until == UINT64_MAX) return std::nullopt;
+  return Clock::time_point(std::chrono::microseconds(until));
+}
+
+int BusLink::onReply(sd_bus_message* message, void* asked, sd_bus_error*) {
+  auto& of = *static_cast<Asked*>(asked);
+  auto& link = *of.mLink;
+  link.mListener.replied(of, outcomeOf(message), link.mMatches == kRules && link.isOwners(message));
+  return 1;
+}
+
+/// A bus that takes no rule leaves the link able to ask; its answers are of the moment then.
+int BusLink::onMatch(sd_bus_message* message, void* link, sd_bus_error*) {
+  if (sd_bus_message_is_method_error(message, nullptr) == 0)
+    static_cast<BusLink*>(link)->mMatches++;
+  return 1;
+}
+
+int BusLink::onOwnerReply(sd_bus_message* message, void* link, sd_bus_error*) {
+  const char* owner = "";
+  if (sd_bus_message_is_method_error(message, nullptr) != 0 ||
+      sd_bus_message_read_basic(message, 's', &owner) <= 0) {
+    owner = "";
+  }
+  static_cast<BusLink*>(link)->setOwner(owner);
+  return 1;
+}
+
+int BusLink::onOwnerSignal(sd_bus_message* message, void* link, sd_bus_error*) {
+  const char* const sender = sd_bus_message_get_sender(message);
+  const char* name = nullptr;
+  const char* before = nullptr;
+  const char* after = nullptr;
+  if (sender == nullptr || std::string_view(sender) != kDriver) return 0;
+  if (sd_bus_message_read(message, "sss", &name, &before, &after) <= 0) return 0;
+  if (std::string_view(name) == kBusName) static_cast<BusLink*>(link)->setOwner(after);
+  return 0;
+}
+
+int BusLink::onClear(sd_bus_message* message, void* link, sd_bus_error*) {
+  auto& self = *static_cast<BusLink*>(link);
+  if (self.isOwners(message)) self.mListener.answersChanged();
+  return 0;
+}
+
+void BusLink::setOwner(const char* owner) {
+  if (mOwner == owner) return;
+  try {
+    mOwner = owner;
+  } catch (const std::bad_alloc&) {  // a unique name is short, and mostly needs no memory
+    mOwner = "";
+  }
+  mListener.ownerChanged(!mOwner->empty());
+}
+
+bool BusLink::isOwners(sd_bus_message* message) const {
+  const char* const sender = sd_bus_message_get_sender(message);
+  return sender != nullptr && mOwner && !mOwner->empty() && *mOwner == sender;
+}
+
+}  // namespace client::library

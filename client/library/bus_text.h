@@ -1,0 +1,11 @@
+// Texts that may travel over the bus.
+#pragma once
+
+#include <string_view>
+
+namespace client {
+
+/// Whether `text` is UTF-8 without NUL, which is all that the bus carries.
+bool isBusText(std::string_view text);
+
+}  // namespace client

@@ -1,0 +1,180 @@
+// A client of the daemon: the questions of many threads, the answers it remembers, and the one
+// thread, "pm-client", that has the connection to the bus.
+//
+// Whoever asks looks at the remembered answers, and mostly is done. Else the question is put where
+// the thread finds it, beside others for the same URL that the daemon has not answered yet: one
+// call on the bus is for all of them. A call that nobody waits for any more stays until its reply,
+// as the bus counts it for so long; a question that is asked again meanwhile finds it.
+//
+// Questions that are waited for end by the clock of the thread that waits, whatever the client's
+// thread is at; it looks at the limits of the others.
+//
+// After a fork nothing here may be touched in the child but the process that it belongs to, and the
+// descriptors.
+#pragma once
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "client/library/bus_link.h"
+#include "client/library/include/proxymanager/client.h"
+#include "client/library/outcome.h"
+#include "client/library/remembered_answers.h"
+#include "platform/process/annotations.h"
+
+namespace client::library {
+
+/// How many answers a client remembers: the pages that a person has open, with all they load.
+inline constexpr std::size_t kMaxRemembered = 512;
+
+/// What these may take in all, in bytes. An answer of one entry takes about 600.
+inline constexpr std::size_t kMaxRememberedBytes = 512UL * 1024;
+
+/// How many calls are under way at once, of the 128 that the bus allows one connection by default.
+/// The daemon answers one after the other; the further questions wait here.
+inline constexpr std::size_t kMaxCalls = 64;
+
+/// How long a connection may take to be made: the bus is on this machine.
+inline constexpr std::chrono::seconds kConnectLimit{10};
+
+/// How long a lost bus is left alone before a client with a watch looks for it again: first, and
+/// at most, doubled each time.
+inline constexpr std::chrono::milliseconds kFirstPause{500};
+inline constexpr std::chrono::milliseconds kLongestPause{4000};
+
+class Client final : public BusLink::Listener {
+ public:
+  /// @param address of the bus
+  /// @param mayStart whether a question may have the bus start the daemon
+  Client(std::string address, bool mayStart);
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  /// Only where belongsHere().
+  ~Client();
+
+  /// Whether this process made the client, and did not come by it through fork().
+  bool belongsHere() const;
+  /// Closes the descriptors, in a process that came by it through fork(). The rest is left: other
+  /// threads may have been changing it when the process was copied.
+  void abandon();
+
+  // As the interface says of the functions by these names. `url` is valid. Throw std::bad_alloc.
+  Outcome get(const char* url, std::chrono::milliseconds limit) PM_EXCLUDES(mMutex);
+  /// @param remembered takes the answer where it is remembered; nothing is asked then
+  proxymanager_status ask(const char* url, std::chrono::milliseconds limit,
+                          proxymanager_answer_callback callback, void* context, proxymanager_id& id,
+                          AnswerRef& remembered) PM_EXCLUDES(mMutex);
+  bool cancel(proxymanager_id id) PM_EXCLUDES(mMutex);
+  proxymanager_status watch(proxymanager_change_callback callback, void* context,
+                            proxymanager_id& id) PM_EXCLUDES(mMutex);
+  void unwatch(proxymanager_id id) PM_EXCLUDES(mMutex);
+
+ private:
+  /// A thread that waits for its question.
+  struct Waiter {
+    std::condition_variable ended;
+    bool isEnded = false;
+    Outcome outcome;
+  };
+
+  struct Question {
+    proxymanager_id id;
+    Clock::time_point end;
+    Waiter* waiter;  ///< null where there is a callback
+    proxymanager_answer_callback callback;
+    void* context;
+    Outcome outcome;
+  };
+  using Questions = std::list<Question>;
+
+  /// What is asked of the daemon, for all who want to know it.
+  struct Call : BusLink::Asked {
+    std::string url;
+    std::uint64_t generation = 0;  ///< of the answers, when it was sent
+    Questions questions;
+  };
+  using Calls = std::list<Call>;
+
+  struct Watch {
+    proxymanager_id id;
+    proxymanager_change_callback callback;
+    void* context;
+    bool isTold;  ///< whether the daemon is there
+  };
+
+  enum class Presence { kUnknown, kThere, kGone };
+
+  // Any thread.
+  proxymanager_status startThread() PM_REQUIRES(mMutex);
+  bool isOwnThread() const PM_REQUIRES(mMutex);
+  proxymanager_status mayAsk() PM_REQUIRES(mMutex);
+  Calls::iterator put(const char* url, Questions& question) PM_REQUIRES(mMutex);
+  void takeBack(Calls::iterator call, const Waiter& waiter) PM_REQUIRES(mMutex);
+  void wake() const;
+
+  // The client's thread, or whoever ended it.
+  static void* threadMain(void* client);
+  void run();
+  bool prepare() PM_EXCLUDES(mMutex);
+  void expire(Clock::time_point now) PM_REQUIRES(mMutex);
+  void connect(Clock::time_point now);
+  void send() PM_EXCLUDES(mMutex);
+  bool handleBus();
+  void lose(const Outcome& outcome) PM_EXCLUDES(mMutex);
+  void wait(bool mayBeMore);
+  std::optional<Clock::time_point> wakeAt() PM_EXCLUDES(mMutex);
+  void end(Questions& questions, const Outcome& outcome) PM_REQUIRES(mMutex);
+  void endAll(const Outcome& outcome) PM_EXCLUDES(mMutex);
+  void deliver() PM_EXCLUDES(mMutex);
+  void forget(bool isOfNewKind) PM_EXCLUDES(mMutex);
+  void tellNewWatches() PM_EXCLUDES(mMutex);
+  void tellWatches(proxymanager_change change) PM_EXCLUDES(mMutex);
+  void tell(proxymanager_change change, bool isFirst) PM_EXCLUDES(mMutex);
+  void setPresence(Presence presence);
+
+  void replied(BusLink::Asked& asked, const Outcome& outcome, bool isOwners) noexcept override;
+  void answersChanged() noexcept override;
+  void ownerChanged(bool isThere) noexcept override;
+
+  const pid_t mProcess;
+  const std::string mAddress;
+  const bool mMayStart;
+
+  std::atomic<int> mWakeFd{-1};  ///< made with the thread
+  std::atomic<int> mBusFd{-1};   ///< the link's, for abandon()
+
+  Mutex mMutex;
+  bool mIsEnding PM_GUARDED_BY(mMutex) = false;
+  std::optional<pthread_t> mThread PM_GUARDED_BY(mMutex);
+  proxymanager_id mLastId PM_GUARDED_BY(mMutex) = 0;
+  RememberedAnswers mRemembered PM_GUARDED_BY(mMutex){kMaxRemembered, kMaxRememberedBytes};
+  std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts what made answers wrong
+  Calls mCalls PM_GUARDED_BY(mMutex);
+  std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< whose end has not been told
+  Questions mEnded PM_GUARDED_BY(mMutex);                ///< whose callbacks are to be called
+  std::list<Watch> mWatches PM_GUARDED_BY(mMutex);
+  proxymanager_id mRunningWatch PM_GUARDED_BY(mMutex) = 0;
+  std::condition_variable mWatchReturned;
+
+  // The client's thread alone.
+  std::optional<BusLink> mLink;
+  Clock::time_point mLinkEnd;  ///< when it must be ready
+  bool mIsOwnerKnown = false;  ///< on this link
+  Clock::time_point mRetryAt;
+  std::chrono::milliseconds mPause{kFirstPause};
+  Presence mPresence = Presence::kUnknown;
+  std::optional<proxymanager_change> mChange;  ///< to be told to the watches
+};
+
+}  // namespace client::library

@@ -1,0 +1,190 @@
+// The functions of the C interface: they look at what they are given, keep exceptions in, and leave
+// the rest to the client.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include "client/library/bus_text.h"
+#include "client/library/client.h"
+#include "client/library/include/proxymanager/client.h"
+
+struct proxymanager_client {
+  client::library::Client client;
+};
+
+namespace {
+
+using client::library::AnswerRef;
+using client::library::Outcome;
+using client::library::setLastFailure;
+
+constexpr std::string_view kDefaultAddress = "unix:path=/run/dbus/system_bus_socket";
+
+std::string busAddress() {
+  const char* const given = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
+  return std::string(given != nullptr && *given != '\0' ? std::string_view(given)
+                                                        : kDefaultAddress);
+}
+
+/// What `function` gives; a status where it throws.
+template <typename Function>
+proxymanager_status guarded(Function function) noexcept {
+  try {
+    return function();
+  } catch (const std::exception&) {  // no memory, and what else a lock or a list may lack
+    return PROXYMANAGER_NO_MEMORY;
+  }
+}
+
+/// Whether `url` can be asked about by `client`.
+proxymanager_status check(const proxymanager_client* client, const char* url) {
+  if (client == nullptr || url == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
+  if (!client->client.belongsHere()) return PROXYMANAGER_FORKED;
+  const auto length = strnlen(url, PROXYMANAGER_MAX_URL + std::size_t{1});
+  if (length > PROXYMANAGER_MAX_URL || !client::isBusText({url, length})) {
+    return PROXYMANAGER_BAD_ARGUMENT;
+  }
+  return PROXYMANAGER_OK;
+}
+
+/// Says how a question ended, or that it did not begin.
+proxymanager_status told(const Outcome& outcome) noexcept {
+  setLastFailure(outcome);
+  return outcome.status;
+}
+
+}  // namespace
+
+proxymanager_client* proxymanager_client_new(unsigned flags) {
+  if ((flags & ~PROXYMANAGER_NO_START) != 0) return nullptr;
+  try {
+    return new proxymanager_client{{busAddress(), (flags & PROXYMANAGER_NO_START) == 0}};
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+void proxymanager_client_free(proxymanager_client* client) {
+  if (client == nullptr) return;
+  if (client->client.belongsHere()) {
+    delete client;
+  } else {
+    client->client.abandon();
+  }
+}
+
+proxymanager_status proxymanager_get(proxymanager_client* client, const char* url,
+                                     unsigned limit_ms, proxymanager_answer** answer) {
+  if (answer != nullptr) *answer = nullptr;
+  Outcome outcome;
+  outcome.status = guarded([&] {
+    if (answer == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
+    if (const auto status = check(client, url); status != PROXYMANAGER_OK) return status;
+    outcome = client->client.get(url, std::chrono::milliseconds(limit_ms));
+    return outcome.status;
+  });
+  if (outcome.status == PROXYMANAGER_OK) *answer = outcome.answer.release();
+  return told(outcome);
+}
+
+proxymanager_status proxymanager_get_async(proxymanager_client* client, const char* url,
+                                           unsigned limit_ms, proxymanager_answer_callback callback,
+                                           void* context, proxymanager_id* id) {
+  proxymanager_id unwanted = 0;
+  proxymanager_id& asked = id == nullptr ? unwanted : *id;
+  asked = 0;
+  AnswerRef remembered;
+  Outcome outcome;
+  outcome.status = guarded([&] {
+    if (callback == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
+    if (const auto status = check(client, url); status != PROXYMANAGER_OK) return status;
+    return client->client.ask(url, std::chrono::milliseconds(limit_ms), callback, context, asked,
+                              remembered);
+  });
+  const auto status = told(outcome);
+  if (remembered) callback(PROXYMANAGER_OK, remembered.release(), context);
+  return status;
+}
+
+int proxymanager_cancel(proxymanager_client* client, proxymanager_id id) {
+  if (client == nullptr || !client->client.belongsHere()) return 0;
+  return client->client.cancel(id) ? 1 : 0;
+}
+
+proxymanager_status proxymanager_watch(proxymanager_client* client,
+                                       proxymanager_change_callback callback, void* context,
+                                       proxymanager_id* id) {
+  if (client == nullptr || callback == nullptr || id == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
+  *id = 0;
+  if (!client->client.belongsHere()) return PROXYMANAGER_FORKED;
+  return guarded([&] { return client->client.watch(callback, context, *id); });
+}
+
+void proxymanager_unwatch(proxymanager_client* client, proxymanager_id id) {
+  if (client != nullptr && client->client.belongsHere()) client->client.unwatch(id);
+}
+
+proxymanager_answer* proxymanager_answer_ref(proxymanager_answer* answer) {
+  if (answer != nullptr) answer->hold();
+  return answer;
+}
+
+void proxymanager_answer_unref(proxymanager_answer* answer) {
+  if (answer != nullptr) answer->give();
+}
+
+const char* proxymanager_answer_mode(const proxymanager_answer* answer) {
+  return answer == nullptr ? "" : answer->mode().c_str();
+}
+
+size_t proxymanager_answer_count(const proxymanager_answer* answer) {
+  return answer == nullptr ? 0 : answer->entries().size();
+}
+
+const proxymanager_entry* proxymanager_answer_entry(const proxymanager_answer* answer,
+                                                    size_t index) {
+  if (index >= proxymanager_answer_count(answer)) return nullptr;
+  return &answer->entries()[index];
+}
+
+const char* proxymanager_status_text(proxymanager_status status) {
+  switch (status) {
+    case PROXYMANAGER_OK:
+      return "answered";
+    case PROXYMANAGER_NO_BUS:
+      return "there is no message bus, or the connection to it ended";
+    case PROXYMANAGER_NO_DAEMON:
+      return "the daemon does not run";
+    case PROXYMANAGER_DENIED:
+      return "the bus does not allow it";
+    case PROXYMANAGER_TOO_SLOW:
+      return "no answer in time";
+    case PROXYMANAGER_BAD_REPLY:
+      return "what has the daemon's name does not answer as it does";
+    case PROXYMANAGER_CANCELLED:
+      return "cancelled";
+    case PROXYMANAGER_BAD_ARGUMENT:
+      return "a wrong argument";
+    case PROXYMANAGER_NO_MEMORY:
+      return "no memory, descriptor or thread to be had";
+    case PROXYMANAGER_BUSY:
+      return "too many questions at once";
+    case PROXYMANAGER_FORKED:
+      return "the client belongs to the parent of this process";
+  }
+  return "an unknown status";
+}
+
+const proxymanager_failure* proxymanager_last_failure(void) {
+  return client::library::lastFailure();
+}
+
+const char* proxymanager_client_version(void) {
+  return PROXYMANAGER_VERSION;
+}

@@ -1,0 +1,51 @@
+// How a question ended, and what the bus said of it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "client/library/answer.h"
+#include "client/library/include/proxymanager/client.h"
+
+namespace client::library {
+
+/// More about a failure than its status.
+struct Detail {
+  int error = 0;     ///< errno of a connection that was not made
+  std::string name;  ///< of the bus's error
+  std::string text;  ///< of the bus's error, as it came
+};
+
+/// Copied without allocating, so that whatever fails can still be told.
+struct Outcome {
+  proxymanager_status status = PROXYMANAGER_OK;
+  AnswerRef answer;                      ///< null unless the status is PROXYMANAGER_OK
+  std::shared_ptr<const Detail> detail;  ///< null where there is no more to say, or no memory
+};
+
+/// The connection ended while a question waited.
+inline constexpr std::string_view kDisconnected = "org.freedesktop.DBus.Error.Disconnected";
+
+/// What an error of the bus says, by its name.
+proxymanager_status statusOfError(std::string_view name);
+
+/// What it says that no connection could be made; `error` is an errno.
+proxymanager_status statusOfConnecting(int error);
+
+/// An error of the bus, or of whoever was asked.
+Outcome failedAnswer(std::string_view name, std::string_view text) noexcept;
+
+/// No connection to the bus; `error` is an errno.
+Outcome failedConnecting(int error) noexcept;
+
+/// A question that did not leave; `error` is an errno.
+Outcome failedSending(int error) noexcept;
+
+/// Says how the last question of this thread ended, for lastFailure().
+void setLastFailure(const Outcome& outcome) noexcept;
+
+/// As the interface says of proxymanager_last_failure().
+const proxymanager_failure* lastFailure() noexcept;
+
+}  // namespace client::library

@@ -1,0 +1,43 @@
+#include "client/library/remembered_answers.h"
+
+namespace client::library {
+
+AnswerRef RememberedAnswers::find(std::string_view url) {
+  const auto found = mByUrl.find(url);
+  if (found == mByUrl.end()) return {};
+  mByUse.splice(mByUse.begin(), mByUse, found->second);
+  return found->second->answer;
+}
+
+void RememberedAnswers::add(std::string_view url, const AnswerRef& answer) {
+  if (const auto found = mByUrl.find(url); found != mByUrl.end()) forget(found->second);
+  const auto bytes = bytesOf(url, answer);
+  if (bytes > mMaxBytes || mMaxAnswers == 0) return;
+  std::list<Remembered> added;
+  added.push_back({std::string(url), answer});
+  mByUrl.emplace(added.front().url, added.begin());
+  mByUse.splice(mByUse.begin(), added);  // a place stays what it is
+  mBytes += bytes;
+  while (count() > mMaxAnswers || mBytes > mMaxBytes) forget(std::prev(mByUse.end()));
+}
+
+void RememberedAnswers::clear() {
+  mByUrl.clear();
+  mByUse.clear();
+  mBytes = 0;
+}
+
+std::size_t RememberedAnswers::bytesOf(std::string_view url, const AnswerRef& answer) {
+  // Two pointers of the list, and of the map a bucket, a pointer, a hash and what it maps.
+  constexpr std::size_t kPlaces =
+      4 * sizeof(void*) + sizeof(std::size_t) + sizeof(decltype(mByUrl)::value_type);
+  return sizeof(Remembered) + kPlaces + url.size() + answer->bytes();
+}
+
+void RememberedAnswers::forget(Place place) {
+  mBytes -= bytesOf(place->url, place->answer);
+  mByUrl.erase(place->url);
+  mByUse.erase(place);
+}
+
+}  // namespace client::library

@@ -1,0 +1,57 @@
+// The answers that a client remembers, by the whole URL: a proxy script may look at all of it.
+//
+// The one used longest ago goes first. What makes answers wrong is the owner's business: it forgets
+// all of them at once. Not for two threads.
+#pragma once
+
+#include <cstddef>
+#include <list>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "client/library/answer.h"
+
+namespace client::library {
+
+class RememberedAnswers {
+ public:
+  /// @param maxAnswers how many there may be
+  /// @param maxBytes how many bytes they may take with their URLs, by bytesOf()
+  RememberedAnswers(std::size_t maxAnswers, std::size_t maxBytes)
+      : mMaxAnswers(maxAnswers), mMaxBytes(maxBytes) {}
+  RememberedAnswers(const RememberedAnswers&) = delete;
+  RememberedAnswers& operator=(const RememberedAnswers&) = delete;
+
+  /// @return the answer for `url`, which is used by this; null where there is none
+  AnswerRef find(std::string_view url);
+
+  /// Remembers `answer` for `url`, in place of an earlier one; not where it is larger than all that
+  /// may be kept. Throws std::bad_alloc, with no harm done.
+  void add(std::string_view url, const AnswerRef& answer);
+
+  void clear();
+
+  std::size_t count() const { return mByUse.size(); }
+  std::size_t bytes() const { return mBytes; }
+
+  /// What a URL with its answer counts for.
+  static std::size_t bytesOf(std::string_view url, const AnswerRef& answer);
+
+ private:
+  struct Remembered {
+    std::string url;
+    AnswerRef answer;
+  };
+  using Place = std::list<Remembered>::iterator;
+
+  void forget(Place place);
+
+  std::size_t mMaxAnswers;
+  std::size_t mMaxBytes;
+  std::size_t mBytes = 0;
+  std::list<Remembered> mByUse;                        ///< the latest used first
+  std::unordered_map<std::string_view, Place> mByUrl;  ///< the texts are those of mByUse
+};
+
+}  // namespace client::library
