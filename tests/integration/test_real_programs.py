@@ -11,8 +11,8 @@ import pytest
 from support.bus import ADDRESS
 from support.ctl import LIMIT, NO_ANSWER, UNAVAILABLE, Ctl
 from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, PASSWORD, PASSWORD_HTTP,
-                                  PASSWORD_PROXY, SITE, SOCKS, SOCKS_PROXY, USER, by_network,
-                                  by_script)
+                                  PASSWORD_PROXY, PASSWORD_SOCKS, PASSWORD_SOCKS_PROXY, SITE, SOCKS,
+                                  SOCKS_PROXY, USER, by_network, by_script)
 
 pytestmark = pytest.mark.usefixtures("own_network")
 
@@ -82,6 +82,8 @@ def test_a_manual_proxy_is_what_programs_fetch_through(shell, client):
 def test_the_password_of_a_manual_proxy_reaches_it(shell, client):
     client.update("manual", f"http://{USER}:{PASSWORD}@{PASSWORD_PROXY}")
     assert shell.ways() == {PASSWORD_HTTP}
+    client.update("manual", f"socks5h://{USER}:{PASSWORD}@{PASSWORD_SOCKS_PROXY}")
+    assert shell.ways(programs=(CURL, GIT)) == {PASSWORD_SOCKS}
     client.update("manual", f"http://{USER}:wrong@{PASSWORD_PROXY}")
     status, output, errors = shell(EXEC.format(CURL), PAGE)
     assert (status, output) == (22, "") and "returned error: 401" in errors

@@ -19,10 +19,13 @@ _SITE_ADDRESS = "127.0.0.80"
 HTTP_PROXY = "127.0.0.8:8888"
 SOCKS_PROXY = "127.0.0.9:1080"
 PASSWORD_PROXY = "127.0.0.10:8888"
+PASSWORD_SOCKS_PROXY = "127.0.0.11:1080"
 USER, PASSWORD = "user", "secret"
 # The ways, by the address that the server sees.
-DIRECT, HTTP, SOCKS, PASSWORD_HTTP = "directly", "by HTTP", "by SOCKS", "by HTTP with a password"
-_WAYS = {"127.0.0.1": DIRECT, "127.0.0.8": HTTP, "127.0.0.9": SOCKS, "127.0.0.10": PASSWORD_HTTP}
+DIRECT, HTTP, SOCKS = "directly", "by HTTP", "by SOCKS"
+PASSWORD_HTTP, PASSWORD_SOCKS = "by HTTP with a password", "by SOCKS with a password"
+_WAYS = {"127.0.0.1": DIRECT, "127.0.0.8": HTTP, "127.0.0.9": SOCKS, "127.0.0.10": PASSWORD_HTTP,
+         "127.0.0.11": PASSWORD_SOCKS}
 
 _NGINX = f"""
 pid /run/nginx.pid;
@@ -89,6 +92,9 @@ class RealProxies:
     """Server and proxies, from the start to close()."""
 
     def __init__(self):
+        # Who looks a name up for one family of addresses gets none where the machine has no address
+        # of it but loopback.
+        _run("ip", "address", "add", "192.0.2.1/32", "dev", "lo")
         hosts(**{SITE: _SITE_ADDRESS, "wpad.example.test": "127.0.0.1"})
         _make_certificate()
         _make_pages()
@@ -97,6 +103,7 @@ class RealProxies:
         self._start_http_proxy(HTTP_PROXY)
         self._start_http_proxy(PASSWORD_PROXY, f"BasicAuth {USER} {PASSWORD}\n")
         self._start_socks_proxy(SOCKS_PROXY)
+        self._start_socks_proxy(PASSWORD_SOCKS_PROXY, "-u", USER, "-P", PASSWORD)
 
     def _start(self, endpoint, *command):
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
@@ -118,9 +125,9 @@ class RealProxies:
             config.write(_TINYPROXY.format(address=address, port=port) + extra)
         self._start(endpoint, "tinyproxy", "-d", "-c", file)
 
-    def _start_socks_proxy(self, endpoint):
+    def _start_socks_proxy(self, endpoint, *options):
         address, port = endpoint.split(":")
-        self._start(endpoint, "microsocks", "-i", address, "-p", port, "-b", address)
+        self._start(endpoint, "microsocks", "-i", address, "-p", port, "-b", address, *options)
 
     @staticmethod
     def asked():
