@@ -128,21 +128,20 @@ static gboolean names_no_protocol(const char* uri) {
 
 static char** proxies_of(const proxymanager_answer* answer, const char* uri) {
   const gboolean any_protocol = names_no_protocol(uri);
-  GPtrArray* const proxies = g_ptr_array_new();
-  for (size_t i = 0; i < proxymanager_answer_count(answer); i++) {
+  const size_t count = proxymanager_answer_count(answer);
+  char** const proxies = g_new0(char*, count + 1);
+  size_t used = 0;
+  for (size_t i = 0; i < count; i++) {
     const proxymanager_entry* const entry = proxymanager_answer_entry(answer, i);
     const char* const scheme = scheme_of(entry);
     const char* const rest = strstr(entry->url, "://");
     if (scheme == NULL || rest == NULL) continue;
     if (any_protocol && g_str_has_prefix(scheme, "http")) continue;
-    g_ptr_array_add(proxies, g_strconcat(scheme, rest, NULL));
+    proxies[used++] = g_strconcat(scheme, rest, NULL);
   }
-  if (proxies->len == 0) {
-    g_ptr_array_unref(proxies);
-    return directly("the answer has no entry that can be used");
-  }
-  g_ptr_array_add(proxies, NULL);
-  return (char**)g_ptr_array_free(proxies, FALSE);
+  if (used > 0) return proxies;
+  g_strfreev(proxies);
+  return directly("the answer has no entry that can be used");
 }
 
 /* What a question that was not cancelled comes to; null with `error` for what is no URI. */

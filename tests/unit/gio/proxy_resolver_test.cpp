@@ -194,8 +194,7 @@ TEST_F(ProxyResolver, GoesDirectlyWhereNoEntryIsOfUse) {
 TEST_F(ProxyResolver, GivesNoHttpProxyWhereTheProtocolIsNotKnown) {
   EXPECT_THAT(lookup("none://pacurl/?PROXY_p:1;HTTPS_p;SOCKS_p;DIRECT").proxies,
               ElementsAre("socks://p:1080", "direct://"));
-  EXPECT_THAT(Lookup("NONE://pacurl/?PROXY_p:1;SOCKS5_p").wait(nullptr).proxies,
-              ElementsAre("socks5://p:1080"));
+  EXPECT_THAT(lookup("NONE://pacurl/?PROXY_p:1;SOCKS5_p").proxies, ElementsAre("socks5://p:1080"));
   EXPECT_THAT(lookup("none://pacurl/?PROXY_p:1").proxies, ElementsAre("direct://"));
 }
 
@@ -214,12 +213,10 @@ TEST_F(WithoutBus, KnowsHowToSpeakToEveryProxyThatIsGiven) {
 
 TEST_F(WithoutBus, GoesDirectly) {
   EXPECT_THAT(lookup("http://pacurl/?PROXY_p:1").proxies, ElementsAre("direct://"));
-  EXPECT_THAT(Lookup("http://pacurl/?PROXY_p:1").wait(nullptr).proxies, ElementsAre("direct://"));
 }
 
-TEST_F(WithoutDaemon, GoesDirectlyUntilItComes) {
+TEST_F(WithoutDaemon, GoesDirectly) {
   EXPECT_THAT(lookup("http://pacurl/?PROXY_p:1").proxies, ElementsAre("direct://"));
-  EXPECT_THAT(Lookup("http://pacurl/?PROXY_p:1").wait(nullptr).proxies, ElementsAre("direct://"));
 }
 
 TEST_F(WithoutDaemon, SaysWhyItGoesDirectlyToWhoeverDebugs) {
@@ -248,27 +245,11 @@ TEST_F(ProxyResolver, RefusesWhatIsNoUri) {
   const std::string tooLong = "http://off/" + std::string(PROXYMANAGER_MAX_URL - 10, 'a');
   for (const auto& uri : {std::string("no uri"), tooLong}) {
     EXPECT_EQ(lookup(uri).error, G_IO_ERROR_INVALID_ARGUMENT);
-    EXPECT_EQ(Lookup(uri).wait(nullptr).error, G_IO_ERROR_INVALID_ARGUMENT);
   }
   EXPECT_THAT(lookup(tooLong.substr(0, PROXYMANAGER_MAX_URL)).proxies, ElementsAre("direct://"));
 }
 
-// --- Main contexts ---
-
-TEST_F(ProxyResolver, AnswersOnTheMainContextOfWhoeverAsks) {
-  EXPECT_THAT(Lookup("http://pacurl/?PROXY_p:1").wait(nullptr).proxies, ElementsAre("http://p:1"));
-  std::thread([] {
-    const auto own = context();
-    g_main_context_push_thread_default(own.get());
-    {
-      Lookup first("http://pacurl/?PROXY_p:2;PROXY_p:3");
-      EXPECT_THAT(first.wait(own.get()).proxies, ElementsAre("http://p:2", "http://p:3"));
-      Lookup remembered("http://pacurl/?PROXY_p:2;PROXY_p:3");
-      EXPECT_THAT(remembered.wait(own.get()).proxies, ElementsAre("http://p:2", "http://p:3"));
-    }
-    g_main_context_pop_thread_default(own.get());
-  }).join();
-}
+// --- Waiting ---
 
 TEST_F(ProxyResolver, RunsNothingOfTheMainContextWhileSomebodyWaits) {
   const auto own = context();
@@ -290,12 +271,65 @@ TEST_F(ProxyResolver, RunsNothingOfTheMainContextWhileSomebodyWaits) {
   g_main_context_pop_thread_default(own.get());
 }
 
-// --- Cancelling ---
-
 TEST_F(ProxyResolver, AsksNothingWhereItIsCancelledBefore) {
   const auto cancelled = cancellable();
   g_cancellable_cancel(cancelled.get());
   EXPECT_EQ(lookup("http://hold/", cancelled.get()).error, G_IO_ERROR_CANCELLED);
+  lookup("http://off/?");
+  mDaemon.waitUntilAsked();
+  EXPECT_FALSE(mDaemon.hasBeenAsked());
+}
+
+TEST_F(ProxyResolver, ServesThreadsThatWaitAtOnce) {
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([thread] {
+      for (int i = 1; i <= 50; ++i) {
+        const auto port = std::to_string(thread % 4 * 50 + i);
+        EXPECT_THAT(lookup("http://pacurl/?PROXY_p:" + port).proxies,
+                    ElementsAre("http://p:" + port));
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+}
+
+// --- Not waiting, and cancelling ---
+//
+// The thread sanitizer sees no order in what follows: GLib, a plain build, hands memory from thread
+// to thread under locks of its own making. Nor does it let a forked process make threads.
+#ifndef __SANITIZE_THREAD__
+
+TEST_F(ProxyResolver, AnswersOnTheMainContextOfWhoeverAsks) {
+  EXPECT_THAT(Lookup("http://pacurl/?PROXY_p:1").wait(nullptr).proxies, ElementsAre("http://p:1"));
+  std::thread([] {
+    const auto own = context();
+    g_main_context_push_thread_default(own.get());
+    {
+      Lookup first("http://pacurl/?PROXY_p:2;PROXY_p:3");
+      EXPECT_THAT(first.wait(own.get()).proxies, ElementsAre("http://p:2", "http://p:3"));
+      Lookup remembered("http://pacurl/?PROXY_p:2;PROXY_p:3");
+      EXPECT_THAT(remembered.wait(own.get()).proxies, ElementsAre("http://p:2", "http://p:3"));
+    }
+    g_main_context_pop_thread_default(own.get());
+  }).join();
+}
+
+TEST_F(WithoutBus, GoesDirectlyForWhoeverDoesNotWaitToo) {
+  EXPECT_THAT(Lookup("http://pacurl/?PROXY_p:1").wait(nullptr).proxies, ElementsAre("direct://"));
+}
+
+TEST_F(ProxyResolver, RefusesAndLeavesOutTheSameForWhoeverDoesNotWait) {
+  const std::string tooLong = "http://off/" + std::string(PROXYMANAGER_MAX_URL, 'a');
+  EXPECT_EQ(Lookup(tooLong).wait(nullptr).error, G_IO_ERROR_INVALID_ARGUMENT);
+  EXPECT_EQ(Lookup("no uri").wait(nullptr).error, G_IO_ERROR_INVALID_ARGUMENT);
+  EXPECT_THAT(Lookup("none://pacurl/?PROXY_p:1;SOCKS_p").wait(nullptr).proxies,
+              ElementsAre("socks://p:1080"));
+}
+
+TEST_F(ProxyResolver, AsksNothingForALookupThatIsCancelledBefore) {
+  const auto cancelled = cancellable();
+  g_cancellable_cancel(cancelled.get());
   EXPECT_EQ(Lookup("http://hold/", cancelled.get()).wait(nullptr).error, G_IO_ERROR_CANCELLED);
   lookup("http://off/?");
   mDaemon.waitUntilAsked();
@@ -334,8 +368,6 @@ TEST_F(ProxyResolver, LeavesNoHandlerOnACancellable) {
   while (g_signal_has_handler_pending(lasting.get(), signal, 0, TRUE)) std::this_thread::yield();
 }
 
-// --- Threads and processes ---
-
 /// Lookups of one thread, each with one that is cancelled at some moment.
 void lookUpAgainAndAgain(int thread) {
   const auto own = context();
@@ -362,7 +394,6 @@ TEST_F(ProxyResolver, ServesThreadsThatAskAndCancelAtOnce) {
   for (auto& thread : threads) thread.join();
 }
 
-#ifndef __SANITIZE_THREAD__  // which does not let a forked process make threads
 TEST_F(ProxyResolver, ServesAForkedProcessToo) {
   EXPECT_THAT(lookup("http://pacurl/?PROXY_p:1").proxies, ElementsAre("http://p:1"));
   const pid_t child = fork();
@@ -376,6 +407,7 @@ TEST_F(ProxyResolver, ServesAForkedProcessToo) {
   EXPECT_EQ(status, 0);
   EXPECT_THAT(lookup("http://pacurl/?PROXY_p:3").proxies, ElementsAre("http://p:3"));
 }
+
 #endif
 
 }  // namespace
