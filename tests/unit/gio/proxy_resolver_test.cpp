@@ -79,6 +79,12 @@ class Lookup {
     return *mOutcome;
   }
 
+  /// Whether the callback of a lookup of the default main context has not come.
+  bool lasts() const {
+    while (g_main_context_iteration(nullptr, FALSE)) continue;
+    return !mOutcome;
+  }
+
  private:
   static void done(GObject* resolver, GAsyncResult* result, gpointer self) {
     GError* error = nullptr;
@@ -336,26 +342,38 @@ TEST_F(ProxyResolver, AsksNothingForALookupThatIsCancelledBefore) {
   EXPECT_FALSE(mDaemon.hasBeenAsked());
 }
 
+// Another lookup that began before still lasts when the cancelled one ends: so it did not end by
+// the time limit.
 TEST_F(ProxyResolver, EndsAWaitThatIsCancelled) {
+  const auto lasting = cancellable();
+  Lookup before("http://hold/before", lasting.get());
+  mDaemon.waitUntilAsked();
   const auto cancelled = cancellable();
   std::thread other([&] {
     mDaemon.waitUntilAsked();
     g_cancellable_cancel(cancelled.get());
   });
   EXPECT_EQ(lookup("http://hold/", cancelled.get()).error, G_IO_ERROR_CANCELLED);
+  EXPECT_TRUE(before.lasts());
   other.join();
+  g_cancellable_cancel(lasting.get());
+  EXPECT_EQ(before.wait(nullptr).error, G_IO_ERROR_CANCELLED);
 }
 
 TEST_F(ProxyResolver, EndsALookupThatIsCancelledAndNoOther) {
-  const auto cancelled = cancellable();
   const auto lasting = cancellable();
+  Lookup before("http://hold/before", lasting.get());
+  mDaemon.waitUntilAsked();
+  const auto cancelled = cancellable();
   Lookup held("http://hold/", cancelled.get());
   mDaemon.waitUntilAsked();
   Lookup other("http://pacurl/?PROXY_p:1", lasting.get());
   g_cancellable_cancel(cancelled.get());
   EXPECT_EQ(held.wait(nullptr).error, G_IO_ERROR_CANCELLED);
   EXPECT_THAT(other.wait(nullptr).proxies, ElementsAre("http://p:1"));
+  EXPECT_TRUE(before.lasts());
   g_cancellable_cancel(lasting.get());  // what is over is over
+  EXPECT_EQ(before.wait(nullptr).error, G_IO_ERROR_CANCELLED);
 }
 
 TEST_F(ProxyResolver, LeavesNoHandlerOnACancellable) {
