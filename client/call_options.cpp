@@ -1,5 +1,7 @@
 #include "client/call_options.h"
 
+#include <proxymanager/client.h>
+
 #include <CLI/CLI.hpp>
 #include <charconv>
 
@@ -49,6 +51,13 @@ void addShowPassword(CLI::App& command, CallOptions& options) {
 
 void checkBusText(const char* name, const std::string& text) {
   if (!isBusText(text)) throw CLI::ValidationError(name, "it is no text in UTF-8");
+}
+
+void checkAskedUrl(const std::string& url) {
+  checkBusText("URL", url);
+  if (url.size() > PROXYMANAGER_MAX_URL) {
+    throw CLI::ValidationError("URL", "it is longer than 65535 bytes");
+  }
 }
 
 }  // namespace client

@@ -39,4 +39,7 @@ void addShowPassword(CLI::App& command, CallOptions& options);
 /// Throws the parser's error where `text` cannot travel over the bus; `name` is the argument's.
 void checkBusText(const char* name, const std::string& text);
 
+/// Throws the parser's error where `url` is none that can be asked about.
+void checkAskedUrl(const std::string& url);
+
 }  // namespace client

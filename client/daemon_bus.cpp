@@ -6,11 +6,11 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <system_error>
 #include <utility>
 
 #include "client/bus_failure.h"
+#include "client/library/bus_address.h"
 
 namespace client {
 
@@ -20,18 +20,11 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kDriver = "org.freedesktop.DBus";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
-constexpr std::string_view kDefaultAddress = "unix:path=/run/dbus/system_bus_socket";
 
 constexpr CallNature kAsk{"ask", false};
 constexpr CallNature kReadConfiguration{"read the configuration", false};
 constexpr CallNature kConfigure{"change the configuration", true};
 constexpr CallNature kListen{"listen to signals", false};
-
-std::string busAddress() {
-  const char* const given = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
-  return std::string(given != nullptr && *given != '\0' ? std::string_view(given)
-                                                        : kDefaultAddress);
-}
 
 /// An error of sd-bus, which frees what it names.
 class BusError {
@@ -84,7 +77,7 @@ std::uint64_t microsecondsUntil(Clock::time_point end) {
 }  // namespace
 
 DaemonBus::DaemonBus(Limit limit) : mLimit(limit) {
-  const auto address = busAddress();
+  const auto address = systemBusAddress();
   sd_bus* bus = nullptr;
   check(sd_bus_new(&bus));
   mBus.reset(bus);
@@ -173,7 +166,7 @@ Message DaemonBus::askBus(const char* member) {
   const int result = sd_bus_call(mBus.get(), made, microseconds(kBusLimit), error.get(), &reply);
   if (result >= 0) return Message(reply);
   if (isLost(-result)) throw lostConnection();
-  if (error.name() == kGivenUp) throw failedConnection(busAddress(), ETIMEDOUT);
+  if (error.name() == kGivenUp) throw failedConnection(systemBusAddress(), ETIMEDOUT);
   return nullptr;
 }
 
@@ -189,7 +182,7 @@ void DaemonBus::listen(const std::string& rule, Listener listener) {
     throw failedCall(kListen, "org.freedesktop.DBus.Error.LimitsExceeded", "no match rule left",
                      mLimit);
   }
-  if (result == -ETIMEDOUT) throw failedConnection(busAddress(), ETIMEDOUT);
+  if (result == -ETIMEDOUT) throw failedConnection(systemBusAddress(), ETIMEDOUT);
   check(result);
   listening->slot.reset(slot);
   mListening.push_back(std::move(listening));

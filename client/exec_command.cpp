@@ -11,7 +11,7 @@
 
 #include "client/bus_failure.h"
 #include "client/call_options.h"
-#include "client/daemon_bus.h"
+#include "client/daemon_answers.h"
 #include "client/exit_text.h"
 #include "client/library/proxy_answer.h"
 #include "client/proxy_variables.h"
@@ -43,15 +43,12 @@ struct ExecArguments {
 };
 
 ProxyEntry entryFor(const ExecArguments& arguments) {
-  DaemonBus bus(arguments.call.limit);
-  const auto answer = parseAnswer(bus.proxyUrls(arguments.url));
-  if (!answer) throw endingDaemon();
-  const auto* const usable = firstUsable(answer->entries);
+  const auto answer = DaemonAnswers(arguments.call.limit).ask(arguments.url);
+  const auto* const usable = firstUsable(answer.entries);
   if (usable == nullptr) {
-    throw Failure(kNoAnswer,
-                  "no answer for " + withoutPassword(arguments.url) +
-                      (answer->entries.empty() ? "" : ": none of its entries is of use") +
-                      "; the command is not run");
+    throw Failure(kNoAnswer, "no answer for " + withoutPassword(arguments.url) +
+                                 (answer.entries.empty() ? "" : ": none of its entries is of use") +
+                                 "; the command is not run");
   }
   return *usable;
 }
@@ -98,7 +95,7 @@ void addExecCommand(CLI::App& program, Action& action, const CommandLine& line) 
   addTimeout(*command, arguments->call, kAskLimit);
   command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([arguments, &line, &action] {
-    checkBusText("URL", arguments->url);
+    checkAskedUrl(arguments->url);
     if (line.other.empty()) {
       throw CLI::RequiredError(line.hasOther ? "A command behind \"--\""
                                              : "\"--\" and a command behind it");

@@ -8,10 +8,10 @@
 
 #include "client/bus_failure.h"
 #include "client/call_options.h"
-#include "client/daemon_bus.h"
+#include "client/daemon_answers.h"
 #include "client/exit_text.h"
-#include "client/output.h"
 #include "client/library/proxy_answer.h"
+#include "client/output.h"
 #include "client/proxy_variables.h"
 #include "client/shown_text.h"
 #include "client/url_arguments.h"
@@ -123,18 +123,16 @@ bool printForUse(const Answered& answered, const std::string& format) {
   return true;
 }
 
-Answered ask(DaemonBus& bus, const std::string& url, bool showPassword) {
-  auto answer = parseAnswer(bus.proxyUrls(url));
-  if (!answer) throw endingDaemon();
-  return {url, showPassword ? url : withoutPassword(url), *std::move(answer)};
+Answered ask(const DaemonAnswers& daemon, const std::string& url, bool showPassword) {
+  return {url, showPassword ? url : withoutPassword(url), daemon.ask(url)};
 }
 
-ExitStatus getJson(DaemonBus& bus, const GetArguments& arguments) {
+ExitStatus getJson(const DaemonAnswers& daemon, const GetArguments& arguments) {
   Json all = Json::array();
   bool allAnswered = true;
   try {
     for (const auto& url : arguments.urls) {
-      const auto answered = ask(bus, url, arguments.call.showPassword);
+      const auto answered = ask(daemon, url, arguments.call.showPassword);
       all.push_back(jsonOf(answered, arguments.call.showPassword));
       allAnswered = allAnswered && !answered.answer.entries.empty();
     }
@@ -147,11 +145,11 @@ ExitStatus getJson(DaemonBus& bus, const GetArguments& arguments) {
 }
 
 ExitStatus get(const GetArguments& arguments) {
-  DaemonBus bus(arguments.call.limit);
-  if (arguments.call.json) return getJson(bus, arguments);
+  const DaemonAnswers daemon(arguments.call.limit);
+  if (arguments.call.json) return getJson(daemon, arguments);
   bool allAnswered = true;
   for (const auto& url : arguments.urls) {
-    const auto answered = ask(bus, url, arguments.call.showPassword);
+    const auto answered = ask(daemon, url, arguments.call.showPassword);
     bool hasAnswer = !answered.answer.entries.empty();
     if (arguments.format == "table") {
       printTable(answered, arguments.call.showPassword);
@@ -181,7 +179,7 @@ void addGetCommand(CLI::App& program, Action& action) {
   command->footer(std::string(kFooter) + kBusStatuses);
   command->callback([arguments, command, &action] {
     addFurtherUrls(*command, arguments->urls);
-    for (const auto& url : arguments->urls) checkBusText("URL", url);
+    for (const auto& url : arguments->urls) checkAskedUrl(url);
     if (arguments->format == "env" && arguments->urls.size() > 1) {
       throw CLI::ValidationError("--format", "env takes one URL: the next would speak against it");
     }

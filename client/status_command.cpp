@@ -24,9 +24,9 @@
 #include "client/call_options.h"
 #include "client/daemon_bus.h"
 #include "client/exit_text.h"
+#include "client/library/proxy_answer.h"
 #include "client/output.h"
 #include "client/pac_file.h"
-#include "client/library/proxy_answer.h"
 #include "client/shown_text.h"
 
 namespace client {

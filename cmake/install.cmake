@@ -9,6 +9,25 @@ foreach(program_folder "proxymanagerd;${CMAKE_INSTALL_SBINDIR}"
   endif()
 endforeach()
 
+# The client library. Below /usr the system finds it; elsewhere what uses it finds it by the path from
+# itself, so that an installed tree can be moved.
+install(TARGETS proxymanager-client-shared LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/client/library/include/proxymanager"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+set(pc_folder "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(pc_prefix "/usr")
+else()
+  file(RELATIVE_PATH path "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+  string(REGEX REPLACE "/$" "" path "${path}")
+  set(pc_prefix "\${pcfiledir}/${path}")
+  file(RELATIVE_PATH path "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+  set_target_properties(proxymanagerctl PROPERTIES INSTALL_RPATH "$ORIGIN/${path}")
+endif()
+configure_file("${PROJECT_SOURCE_DIR}/client/library/proxymanager-client.pc.in"
+  "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-client.pc" @ONLY)
+install(FILES "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-client.pc" DESTINATION "${pc_folder}")
+
 set(proxymanager_interface
     "${PROJECT_SOURCE_DIR}/dbus/com.zentu.ProxyManagerServiceInterface.xml")
 if(EXISTS "${proxymanager_interface}")

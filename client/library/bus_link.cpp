@@ -40,7 +40,8 @@ constexpr std::uint64_t kNoLimit = UINT64_MAX;
 using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
 
 Outcome badReply() {
-  return failedAnswer("org.freedesktop.DBus.Error.InconsistentMessage", "");
+  return failedAnswer("org.freedesktop.DBus.Error.InconsistentMessage",
+                      "its reply has another form");
 }
 
 bool isMode(std::string_view text) {

@@ -1,15 +1,12 @@
 // The functions of the C interface: they look at what they are given, keep exceptions in, and leave
 // the rest to the client.
-#include <algorithm>
-#include <array>
 #include <chrono>
-#include <cstdlib>
+#include <cstddef>
 #include <cstring>
+#include <exception>
 #include <new>
-#include <string>
-#include <string_view>
-#include <system_error>
 
+#include "client/library/bus_address.h"
 #include "client/library/bus_text.h"
 #include "client/library/client.h"
 #include "client/library/include/proxymanager/client.h"
@@ -23,14 +20,6 @@ namespace {
 using client::library::AnswerRef;
 using client::library::Outcome;
 using client::library::setLastFailure;
-
-constexpr std::string_view kDefaultAddress = "unix:path=/run/dbus/system_bus_socket";
-
-std::string busAddress() {
-  const char* const given = secure_getenv("DBUS_SYSTEM_BUS_ADDRESS");
-  return std::string(given != nullptr && *given != '\0' ? std::string_view(given)
-                                                        : kDefaultAddress);
-}
 
 /// What `function` gives; a status where it throws.
 template <typename Function>
@@ -64,7 +53,8 @@ proxymanager_status told(const Outcome& outcome) noexcept {
 proxymanager_client* proxymanager_client_new(unsigned flags) {
   if ((flags & ~PROXYMANAGER_NO_START) != 0) return nullptr;
   try {
-    return new proxymanager_client{{busAddress(), (flags & PROXYMANAGER_NO_START) == 0}};
+    return new proxymanager_client{
+        {client::systemBusAddress(), (flags & PROXYMANAGER_NO_START) == 0}};
   } catch (const std::exception&) {
     return nullptr;
   }

@@ -29,6 +29,7 @@ MANUAL = os.path.abspath(os.path.join(
 START_IT = 'start it, for instance with "systemctl start proxymanagerd"'
 NOT_ALLOWED = "root may, and so may members of the group proxymanager"
 MAX_SECRET = 4096  # bytes
+MAX_URL = 65535  # bytes
 # What each command is given where it does not matter what.
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
@@ -927,6 +928,9 @@ def test_a_wrong_command_line_ends_with_status_64(ctl):
         "--format: env takes one URL: the next would speak against it"
     assert refused("get", "--format", "raw", "--json", "http://a/") == "--format excludes --json"
     assert refused("get", b"\xff") == "URL: it is no text in UTF-8"
+    for name, rest in (("get", []), ("exec", ["--", "true"])):
+        assert refused(name, "x" * (MAX_URL + 1), *rest) == "URL: it is longer than 65535 bytes"
+        assert ctl(name, "x" * MAX_URL, *rest).status == UNAVAILABLE
     assert refused("get", "--none", "http://a/").endswith("--none")
     for text in ("", "0", "-1", "86400.1", "1e3", "x", "1x", "nan", "inf"):
         assert refused("config", f"--timeout={text}" if text else "--timeout", *([] if text else [""])) \

@@ -10,7 +10,7 @@ rm -rf "$out"
 mkdir -p "$copy" "$out"
 
 if [ -n "${PROXYMANAGER_PACKAGES-}" ]; then
-  cp "$PROXYMANAGER_PACKAGES"/proxymanager* "$out"
+  cp "$PROXYMANAGER_PACKAGES"/*proxymanager* "$out"
 else
   # The files that git knows or would add; what is gone from the tree goes from the copy.
   files=$(mktemp)
@@ -22,7 +22,7 @@ else
   find "$copy" -mindepth 1 -maxdepth 1 ! -name 'obj-*' -exec rm -rf {} +
   tar -C "$tree" --null --files-from="$files" -cf - | tar -C "$copy" -xf -
   (cd "$copy" && dpkg-buildpackage --build=binary --build-profiles=nocheck --no-pre-clean -us -uc)
-  mv "$folder"/proxymanager* "$out"
+  mv "$folder"/*proxymanager*_* "$out"
 fi
 
 # Errors and warnings fail, and so does an override that no longer overrides anything.

@@ -201,6 +201,22 @@ def test_the_client_asks_for_everybody_and_configures_for_those_who_may(machine,
         machine.run("test", "-s", f"/usr/share/{completion}")
 
 
+def test_the_client_library_is_where_programs_and_compilers_look(installed):
+    program = installed.run("ldd", "/usr/bin/proxymanagerctl").stdout
+    library = re.search(r"libproxymanager-client\.so\.0 => (\S+)", program).group(1)
+    folder = library.rpartition("/")[0]
+    found = {name: installed.run("realpath", f"{folder}/libproxymanager-client.so{name}").stdout
+             for name in ("", ".0")}
+    assert found[""] == found[".0"]
+    assert installed.run("dpkg", "-S", found[""].strip()).stdout.startswith("libproxymanager-client0:")
+    described = installed.run("cat", f"/usr{folder.removeprefix('/usr')}/pkgconfig/"
+                              "proxymanager-client.pc").stdout
+    assert described.startswith("prefix=/usr\n")
+    for header in ("client.h", "client.hpp"):
+        installed.run("test", "-s", f"/usr/include/proxymanager/{header}")
+    installed.run("test", "-s", "/usr/share/doc/libproxymanager-client-dev/examples/which_proxy.c")
+
+
 def test_the_password_is_told_to_root_and_the_group_alone(callers, listeners):
     arguments = ("manual", "http://p.example:2", "", True, "user", "secret")
     callers["member"].call("update", *arguments)

@@ -17,19 +17,22 @@ constexpr const char* kConfig = R"(<!DOCTYPE busconfig PUBLIC
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig><type>system</type><listen>unix:path=%/bus</listen><auth>EXTERNAL</auth>
 <policy context="default"><allow user="*"/><allow own="*"/>
-<allow send_destination="*"/><allow receive_sender="*"/></policy></busconfig>)";
+<allow send_destination="*"/><allow receive_sender="*"/></policy>)";
 
 }  // namespace
 
-PrivateBus::PrivateBus() {
+PrivateBus::PrivateBus(const std::string& extra) {
   std::string pattern = (std::filesystem::temp_directory_path() / "bus_XXXXXX").string();
   mFolder = mkdtemp(pattern.data());
   std::string config = kConfig;
   config.replace(config.find('%'), 1, mFolder);
-  const std::string file = mFolder + "/bus.conf";
-  std::ofstream(file) << config;
+  std::ofstream(mFolder + "/bus.conf") << config << extra << "</busconfig>";
   setenv("DBUS_SYSTEM_BUS_ADDRESS", ("unix:path=" + mFolder + "/bus").c_str(), 1);
+  start();
+}
 
+void PrivateBus::start() {
+  const std::string file = mFolder + "/bus.conf";
   int ready[2];
   if (pipe(ready) != 0) throw std::runtime_error("pipe");
   mPid = fork();
@@ -59,7 +62,9 @@ void PrivateBus::pause() const {
   waitpid(mPid, nullptr, WUNTRACED);
 }
 
-void PrivateBus::goOn() const { ::kill(mPid, SIGCONT); }
+void PrivateBus::goOn() const {
+  ::kill(mPid, SIGCONT);
+}
 
 void PrivateBus::kill() {
   if (mPid <= 0) return;

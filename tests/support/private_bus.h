@@ -9,7 +9,8 @@ class PrivateBus {
  public:
   /// Starts dbus-daemon in a temporary folder and names it in DBUS_SYSTEM_BUS_ADDRESS. Before the
   /// first connection: the bus library reads the variable once.
-  PrivateBus();
+  /// @param extra further elements of its configuration
+  explicit PrivateBus(const std::string& extra = "");
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
@@ -20,6 +21,9 @@ class PrivateBus {
 
   /// Ends the bus at once.
   void kill();
+
+  /// Starts it again where it was.
+  void start();
 
  private:
   std::string mFolder;

@@ -1,0 +1,324 @@
+// The client library for C++17 and later: what proxymanager/client.h says holds here, too. All of
+// it stands in this header, over the C functions, so the library's ABI is theirs.
+//
+//   proxymanager::Client client;
+//   const auto answer = client.get("http://www.example.org/", std::chrono::seconds(5));
+//   if (!answer) std::cerr << proxymanager::text(answer.status()) << '\n';
+//   for (const auto& entry : answer.entries()) std::cout << entry.url << '\n';
+//
+// Nothing here throws, but where a callable or a text is to be kept and there is no memory
+// (std::bad_alloc). What is given to be called must not throw: it is called from C.
+#ifndef PROXYMANAGER_CLIENT_HPP
+#define PROXYMANAGER_CLIENT_HPP
+
+#include <proxymanager/client.h>
+
+#include <algorithm>
+#include <chrono>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace proxymanager {
+
+enum class Status {
+  ok = PROXYMANAGER_OK,
+  noBus = PROXYMANAGER_NO_BUS,
+  noDaemon = PROXYMANAGER_NO_DAEMON,
+  denied = PROXYMANAGER_DENIED,
+  tooSlow = PROXYMANAGER_TOO_SLOW,
+  badReply = PROXYMANAGER_BAD_REPLY,
+  cancelled = PROXYMANAGER_CANCELLED,
+  badArgument = PROXYMANAGER_BAD_ARGUMENT,
+  noMemory = PROXYMANAGER_NO_MEMORY,
+  busy = PROXYMANAGER_BUSY,
+  forked = PROXYMANAGER_FORKED,
+};
+
+enum class Kind {
+  unusable = PROXYMANAGER_UNUSABLE,
+  direct = PROXYMANAGER_DIRECT,
+  http = PROXYMANAGER_HTTP,
+  https = PROXYMANAGER_HTTPS,
+  socks4 = PROXYMANAGER_SOCKS4,
+  socks4a = PROXYMANAGER_SOCKS4A,
+  socks5 = PROXYMANAGER_SOCKS5,
+  socks5h = PROXYMANAGER_SOCKS5H,
+};
+
+enum class Change {
+  answersChanged = PROXYMANAGER_ANSWERS_CHANGED,
+  daemonCame = PROXYMANAGER_DAEMON_CAME,
+  daemonWent = PROXYMANAGER_DAEMON_WENT,
+};
+
+/// A few English words for people.
+inline const char* text(Status status) noexcept {
+  return proxymanager_status_text(static_cast<proxymanager_status>(status));
+}
+
+/// One thing to try. The texts live as long as the answer or the entries that gave it, and end with
+/// a NUL.
+struct Entry {
+  Kind kind;
+  std::string_view text;
+  std::string_view url;
+  std::string_view scheme;
+  std::string_view credentials;
+  std::string_view host;
+  std::uint16_t port;
+};
+
+/// A holder of what the C interface calls an answer, or of none.
+class HeldAnswer {
+ public:
+  HeldAnswer() noexcept = default;
+  /// Takes the place of a holder.
+  explicit HeldAnswer(proxymanager_answer* held) noexcept : mHeld(held) {}
+  HeldAnswer(const HeldAnswer& other) noexcept : mHeld(proxymanager_answer_ref(other.mHeld)) {}
+  HeldAnswer(HeldAnswer&& other) noexcept : mHeld(std::exchange(other.mHeld, nullptr)) {}
+  HeldAnswer& operator=(HeldAnswer other) noexcept {
+    std::swap(mHeld, other.mHeld);
+    return *this;
+  }
+  ~HeldAnswer() { proxymanager_answer_unref(mHeld); }
+
+  proxymanager_answer* raw() const noexcept { return mHeld; }
+
+ private:
+  proxymanager_answer* mHeld = nullptr;
+};
+
+/// The entries of an answer, in the order to be tried; for a range-based `for`. Holds the answer.
+class Entries {
+ public:
+  class Iterator {
+   public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = Entry;
+    using difference_type = std::ptrdiff_t;
+    using pointer = void;
+    using reference = Entry;
+
+    Entry operator*() const noexcept { return entryOf(mAnswer, mIndex); }
+    Iterator& operator++() noexcept {
+      ++mIndex;
+      return *this;
+    }
+    Iterator operator++(int) noexcept {
+      const auto before = *this;
+      ++mIndex;
+      return before;
+    }
+    bool operator==(const Iterator& other) const noexcept { return mIndex == other.mIndex; }
+    bool operator!=(const Iterator& other) const noexcept { return mIndex != other.mIndex; }
+
+   private:
+    friend class Entries;
+    Iterator(const proxymanager_answer* answer, std::size_t index) noexcept
+        : mAnswer(answer), mIndex(index) {}
+    const proxymanager_answer* mAnswer;
+    std::size_t mIndex;
+  };
+
+  explicit Entries(HeldAnswer answer) noexcept : mAnswer(std::move(answer)) {}
+
+  std::size_t size() const noexcept { return proxymanager_answer_count(mAnswer.raw()); }
+  bool empty() const noexcept { return size() == 0; }
+  /// `index` is below size().
+  Entry operator[](std::size_t index) const noexcept { return entryOf(mAnswer.raw(), index); }
+  Iterator begin() const noexcept { return {mAnswer.raw(), 0}; }
+  Iterator end() const noexcept { return {mAnswer.raw(), size()}; }
+
+ private:
+  static Entry entryOf(const proxymanager_answer* answer, std::size_t index) noexcept {
+    const proxymanager_entry& entry = *proxymanager_answer_entry(answer, index);
+    return {static_cast<Kind>(entry.kind),
+            entry.text,
+            entry.url,
+            entry.scheme,
+            entry.credentials,
+            entry.host,
+            entry.port};
+  }
+
+  HeldAnswer mAnswer;
+};
+
+/// More about a question that failed, for a log line: see proxymanager_failure.
+struct Failure {
+  int error = 0;     ///< errno, where no connection to the bus could be made
+  std::string name;  ///< of the error on the bus
+  std::string text;  ///< of the error on the bus, as it came
+};
+
+/// How a question ended, with the daemon's answer where it gave one. A value: copies share it.
+class Answer {
+ public:
+  /// One that never came.
+  Answer() noexcept = default;
+  /// Takes `held` over, which is null unless the status is PROXYMANAGER_OK.
+  Answer(proxymanager_status status, proxymanager_answer* held) noexcept
+      : mStatus(static_cast<Status>(status)), mAnswer(held) {}
+
+  Status status() const noexcept { return mStatus; }
+  /// Whether the daemon answered; its answer may have no entry.
+  explicit operator bool() const noexcept { return mStatus == Status::ok; }
+  /// "off", "manual", "pacurl" or "wpad"; empty without an answer.
+  std::string_view mode() const noexcept { return proxymanager_answer_mode(mAnswer.raw()); }
+  Entries entries() const noexcept { return Entries(mAnswer); }
+
+ private:
+  Status mStatus = Status::cancelled;
+  HeldAnswer mAnswer;
+};
+
+/// What is known of the last failure of the calling thread: see proxymanager_last_failure().
+inline Failure lastFailure() {
+  const proxymanager_failure& failure = *proxymanager_last_failure();
+  return {failure.error, failure.name, failure.text};
+}
+
+/// A watch: ends with this, which must not live longer than its client. May be ended in its own
+/// callback, too. Moved from, it is none.
+class Watch {
+ public:
+  Watch() noexcept = default;
+  Watch(Watch&& other) noexcept
+      : mClient(other.mClient), mId(std::exchange(other.mId, 0)), mTold(std::move(other.mTold)) {}
+  Watch& operator=(Watch&& other) noexcept {
+    std::swap(mClient, other.mClient);
+    std::swap(mId, other.mId);
+    std::swap(mTold, other.mTold);
+    return *this;
+  }
+  ~Watch() {
+    if (mId != 0) proxymanager_unwatch(mClient, mId);
+  }
+
+  /// Whether changes are told.
+  explicit operator bool() const noexcept { return mId != 0; }
+
+ private:
+  friend class Client;
+
+  struct Told {
+    virtual ~Told() = default;
+    virtual void call(Change change) = 0;
+  };
+  template <typename Callable>
+  struct ToldTo final : Told {
+    explicit ToldTo(Callable given) : callable(std::move(given)) {}
+    void call(Change change) override { callable(change); }
+    Callable callable;
+  };
+
+  static void call(proxymanager_change change, void* told) noexcept {
+    // Lives on while it runs, also where it ends its own watch.
+    const auto held = *static_cast<std::shared_ptr<Told>*>(told);
+    held->call(static_cast<Change>(change));
+  }
+
+  proxymanager_client* mClient = nullptr;
+  proxymanager_id mId = 0;
+  std::unique_ptr<std::shared_ptr<Told>> mTold;
+};
+
+/// A client. Moved from, it is none, and only to be assigned to or destroyed.
+class Client {
+ public:
+  /// @param flags as proxymanager_client_new() takes them
+  explicit Client(unsigned flags = 0) noexcept : mClient(proxymanager_client_new(flags)) {}
+
+  /// Whether there is one: there is none without memory and for unknown flags. All questions end
+  /// with Status::badArgument then.
+  explicit operator bool() const noexcept { return mClient != nullptr; }
+
+  /// For the C functions; stays this one's.
+  proxymanager_client* raw() const noexcept { return mClient.get(); }
+
+  /// Asks and waits. Limits are rounded up to milliseconds.
+  template <typename Rep, typename Period>
+  Answer get(const std::string& url, std::chrono::duration<Rep, Period> limit) const noexcept {
+    if (!isText(url)) return {PROXYMANAGER_BAD_ARGUMENT, nullptr};
+    proxymanager_answer* answer = nullptr;
+    const auto status = proxymanager_get(mClient.get(), url.c_str(), milliseconds(limit), &answer);
+    return {status, answer};
+  }
+
+  /// Asks without waiting. `callable` takes an Answer, once; not where another status than
+  /// Status::ok is returned.
+  /// @param id where not null, takes what cancel() wants
+  template <typename Rep, typename Period, typename Callable>
+  Status getAsync(const std::string& url, std::chrono::duration<Rep, Period> limit,
+                  Callable&& callable, proxymanager_id* id = nullptr) const {
+    using Kept = std::decay_t<Callable>;
+    if (!isText(url)) return Status::badArgument;
+    auto kept = std::make_unique<Kept>(std::forward<Callable>(callable));
+    const auto status = proxymanager_get_async(mClient.get(), url.c_str(), milliseconds(limit),
+                                               &answered<Kept>, kept.get(), id);
+    if (status == PROXYMANAGER_OK) static_cast<void>(kept.release());  // answered() has it
+    return static_cast<Status>(status);
+  }
+
+  /// Takes a question back. @return whether it still waited
+  bool cancel(proxymanager_id id) const noexcept {
+    return proxymanager_cancel(mClient.get(), id) != 0;
+  }
+
+  /// Calls `callable`, which takes a Change, for each from now on.
+  /// @return a watch; none where `status`, if not null, takes why
+  template <typename Callable>
+  [[nodiscard]] Watch watch(Callable&& callable, Status* status = nullptr) const {
+    using Kept = std::decay_t<Callable>;
+    Watch watch;
+    watch.mClient = mClient.get();
+    watch.mTold = std::make_unique<std::shared_ptr<Watch::Told>>(
+        std::make_shared<Watch::ToldTo<Kept>>(std::forward<Callable>(callable)));
+    const auto watched =
+        proxymanager_watch(mClient.get(), &Watch::call, watch.mTold.get(), &watch.mId);
+    if (status != nullptr) *status = static_cast<Status>(watched);
+    return watch;
+  }
+
+ private:
+  struct Free {
+    void operator()(proxymanager_client* client) const noexcept {
+      proxymanager_client_free(client);
+    }
+  };
+
+  /// C takes a text up to its first NUL, which would be another URL.
+  static bool isText(const std::string& url) noexcept {
+    return url.find('\0') == std::string::npos;
+  }
+
+  template <typename Rep, typename Period>
+  static unsigned milliseconds(std::chrono::duration<Rep, Period> limit) noexcept {
+    using Milliseconds = std::chrono::duration<double, std::milli>;
+    const double count = std::chrono::duration_cast<Milliseconds>(limit).count();
+    if (!(count > 0)) return 0;
+    if (count >= static_cast<double>(UINT_MAX)) return UINT_MAX;
+    const auto whole = static_cast<unsigned>(count);
+    return static_cast<double>(whole) < count ? whole + 1 : whole;
+  }
+
+  template <typename Kept>
+  static void answered(proxymanager_status status, proxymanager_answer* answer,
+                       void* kept) noexcept {
+    const std::unique_ptr<Kept> callable(static_cast<Kept*>(kept));
+    (*callable)(Answer(status, answer));
+  }
+
+  std::unique_ptr<proxymanager_client, Free> mClient;
+};
+
+}  // namespace proxymanager
+
+#endif
