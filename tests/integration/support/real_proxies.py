@@ -6,6 +6,7 @@ So what is fetched says which way it came, whoever fetched it: a file `way`, and
 """
 
 import os
+import socket
 import subprocess
 
 from .bus import wait_until
@@ -50,6 +51,11 @@ LogFile "/run/tinyproxy.{address}"
 """
 
 
+def _read(path):
+    with open(path) as file:
+        return file.read()
+
+
 def _run(*command, **options):
     done = subprocess.run(command, capture_output=True, text=True, **options)
     assert done.returncode == 0, f"{command}: {done.stderr}"
@@ -76,7 +82,7 @@ def _make_certificate():
          "-nodes", "-days", "30", "-subj", f"/CN={SITE}", "-addext", f"subjectAltName=DNS:{SITE}",
          "-keyout", "/run/site.key", "-out", "/run/site.pem")
     with open("/etc/ssl/certs/ca-certificates.crt", "a") as trusted:
-        trusted.write(open("/run/site.pem").read())
+        trusted.write(_read("/run/site.pem"))
 
 
 def _listens(endpoint):
@@ -99,6 +105,7 @@ class RealProxies:
         _make_certificate()
         _make_pages()
         self._running = []
+        self._marks = 0
         self._start_server()
         self._start_http_proxy(HTTP_PROXY)
         self._start_http_proxy(PASSWORD_PROXY, f"BasicAuth {USER} {PASSWORD}\n")
@@ -129,11 +136,18 @@ class RealProxies:
         address, port = endpoint.split(":")
         self._start(endpoint, "microsocks", "-i", address, "-p", port, "-b", address, *options)
 
-    @staticmethod
-    def asked():
-        """How many requests the server has seen."""
-        with open("/run/nginx.access") as log:
-            return len(log.readlines())
+    def has_been_asked_by(self, program):
+        """Whether the server has seen a request of the program; of git it sees curl's library."""
+        self._marks += 1
+        mark = f"/mark{self._marks}"
+        # The server is one process that says a request when it is done with it, so what came before
+        # this one is said before it.
+        with socket.create_connection((_SITE_ADDRESS, 80), 60) as connection:
+            connection.sendall(f"GET {mark} HTTP/1.0\r\n\r\n".encode())
+            while connection.recv(65536):
+                pass
+        wait_until(lambda: f" {mark} " in _read("/run/nginx.access"), "the server says the request")
+        return f'"{program}/' in _read("/run/nginx.access")
 
     def close(self):
         for process in self._running:  # each is one process, and has nothing to put in order
