@@ -28,6 +28,19 @@ configure_file("${PROJECT_SOURCE_DIR}/client/library/proxymanager-client.pc.in"
   "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-client.pc" @ONLY)
 install(FILES "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-client.pc" DESTINATION "${pc_folder}")
 
+# The proxy resolver of GLib programs. Below GLib's own prefix GLib finds it; elsewhere programs name
+# the folder in GIO_EXTRA_MODULES.
+if(TARGET proxymanager_gio)
+  set(PROXYMANAGER_GIO_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/gio/modules" CACHE STRING
+      "Where the proxy resolver of GLib programs goes: below the prefix")
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    file(RELATIVE_PATH path "${CMAKE_INSTALL_PREFIX}/${PROXYMANAGER_GIO_MODULE_DIR}"
+      "${CMAKE_INSTALL_FULL_LIBDIR}")
+    set_target_properties(proxymanager_gio PROPERTIES INSTALL_RPATH "$ORIGIN/${path}")
+  endif()
+  install(TARGETS proxymanager_gio LIBRARY DESTINATION "${PROXYMANAGER_GIO_MODULE_DIR}")
+endif()
+
 set(proxymanager_interface
     "${PROJECT_SOURCE_DIR}/dbus/com.zentu.ProxyManagerServiceInterface.xml")
 if(EXISTS "${proxymanager_interface}")

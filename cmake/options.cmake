@@ -10,6 +10,7 @@ endif()
 
 option(PROXYMANAGER_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(PROXYMANAGER_BENCH "Build the benchmarks" OFF)
+option(PROXYMANAGER_GIO_MODULE "Build the proxy resolver of programs that use GLib" ${PROJECT_IS_TOP_LEVEL})
 option(PROXYMANAGER_INSTALL "Make install rules" ${PROJECT_IS_TOP_LEVEL})
 option(PROXYMANAGER_WERROR "Treat warnings as errors" OFF)
 set(PROXYMANAGER_SANITIZER "" CACHE STRING "Empty, address (with undefined), thread or fuzzer (tests/fuzz)")

@@ -31,6 +31,8 @@ ARROWS = {
     "client/": (RECORDS, "domain/", "platform/", "pac/", "dbus/"),
     # Other programs link it: it carries nothing of the daemon's.
     "client/library/": (),
+    # Programs load it, and it knows the library by its public header.
+    "client/gio/": (),
 }
 # May keep a pointer back to the service.
 POINT_BACK = ("dbus/", "pac/", "fetcher/")
@@ -110,6 +112,7 @@ BAD = {
     "platform/bus/loop.h": ["service/proxy_config.h", "domain/tld.h"],
     "client/main.cpp": [SERVICE_HEADER],
     "client/library/client.cpp": ["client/command.h", "platform/process/thread_name.h"],
+    "client/gio/module.c": ["client/library/client.h"],
 }
 
 

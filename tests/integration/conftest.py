@@ -9,7 +9,9 @@ sys.path.insert(0, os.path.dirname(__file__))
 
 from support.bus import Bus, Client, Signals  # noqa: E402
 from support.daemon import Daemon  # noqa: E402
+from support import own_network as network  # noqa: E402
 from support.own_root import own_root  # noqa: E402
+from support.real_proxies import RealProxies  # noqa: E402
 from support.syslog_socket import Syslog  # noqa: E402
 from support.web import Web  # noqa: E402
 
@@ -37,6 +39,12 @@ def sanitizer(request):
 def root(build):
     tree = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
     with own_root(tree, build):
+        yield
+
+
+@pytest.fixture
+def own_network(root):
+    with network.own_network():
         yield
 
 
@@ -93,3 +101,17 @@ def web(root):
     web = Web()
     yield web
     web.close()
+
+
+@pytest.fixture
+def port80(own_network):
+    web = Web("127.0.0.1", 80)
+    yield web
+    web.close()
+
+
+@pytest.fixture
+def proxies(own_network):
+    proxies = RealProxies()
+    yield proxies
+    proxies.close()

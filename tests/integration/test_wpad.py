@@ -3,52 +3,23 @@
 The names resolve through /etc/hosts, the server listens on port 80 of this test's own network.
 """
 
-import ctypes
-import fcntl
 import os
-import socket
-import struct
 
 import pytest
-from support.own_root import _check, _libc
+from support.own_network import hosts
 from support.syslog_socket import ERR, INFO, NOTICE
 from support.watched import append_and_settle
-from support.web import Web, script
+from support.web import script
 
 LEASE = "/usr/local/lumad/dhcp.conf"
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
-CLONE_NEWNET = 0x40000000
-
-
-@pytest.fixture(autouse=True)
-def own_network(root):
-    """A network of its own, with loopback up: port 80 is free there."""
-    before = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
-    _check(_libc.unshare(CLONE_NEWNET), "unshare (these tests need network namespaces)")
-    with socket.socket() as any_socket:
-        request = struct.pack("16sh", b"lo", 1)  # IFF_UP
-        fcntl.ioctl(any_socket, 0x8914, request)  # SIOCSIFFLAGS
-    yield
-    _check(_libc.setns(before, CLONE_NEWNET), "setns")
-    os.close(before)
-
-
-@pytest.fixture
-def port80(own_network):
-    web = Web("127.0.0.1", 80)
-    yield web
-    web.close()
+pytestmark = pytest.mark.usefixtures("own_network")
 
 
 def write(path, text):
     with open(path, "r+") as file:
         file.truncate()
         file.write(text)
-
-
-def hosts(*names):
-    with open("/etc/hosts", "w") as file:
-        file.write("127.0.0.1 localhost\n" + "".join(f"127.0.0.1 {name}\n" for name in names))
 
 
 def loaded(syslog, times=1):

@@ -3,6 +3,8 @@
 import http.server
 import pathlib
 import re
+import shutil
+import subprocess
 import threading
 
 import pytest
@@ -215,6 +217,30 @@ def test_the_client_library_is_where_programs_and_compilers_look(installed):
     for header in ("client.h", "client.hpp"):
         installed.run("test", "-s", f"/usr/include/proxymanager/{header}")
     installed.run("test", "-s", "/usr/share/doc/libproxymanager-client-dev/examples/which_proxy.c")
+
+
+def test_programs_that_use_glib_follow_the_daemon(installed, callers, tmp_path):
+    program = tmp_path / "proxies_of"
+    flags = subprocess.run(["pkg-config", "--cflags", "--libs", "gio-2.0"], check=True,
+                           capture_output=True, text=True).stdout.split()
+    source = pathlib.Path(__file__).with_name("proxies_of.c")
+    subprocess.run(["cc", source, *flags, "-o", program], check=True)
+    copy = installed.root / "proxies_of"
+    shutil.copy(program, copy)
+
+    def proxies():
+        return installed.run("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
+                             "/proxies_of", "http://a.example/").stdout.split()
+
+    callers["root"].call("update", "manual", "http://p.example:1")
+    assert proxies() == ["http://p.example:1"]
+    callers["root"].call("update", "off")
+    assert proxies() == ["direct://"]
+    copy.unlink()
+    # GLib's own trigger has noted what the module is for, so that others do not load it.
+    module = installed.run("sh", "-c", "ls /usr/lib/*/gio/modules/libgioproxymanager.so").stdout
+    cache = installed.run("cat", module.replace("libgioproxymanager.so\n", "giomodule.cache")).stdout
+    assert "libgioproxymanager.so: gio-proxy-resolver,gio-proxy\n" in cache
 
 
 def test_the_password_is_told_to_root_and_the_group_alone(callers, listeners):

@@ -1,0 +1,13 @@
+/* What the module adds to GLib, each in a file of its own. */
+#ifndef PROXYMANAGER_GIO_MODULE_H
+#define PROXYMANAGER_GIO_MODULE_H
+
+#include <gio/gio.h>
+
+/** Adds the proxy resolver "proxymanager". */
+void proxymanager_resolver_add(GTypeModule* module);
+
+/** Adds the proxy protocol "socks". */
+void proxymanager_socks_add(GTypeModule* module);
+
+#endif

@@ -1,0 +1,319 @@
+/* The proxy resolver of programs that use GLib: they ask the daemon without knowing of it.
+ *
+ * GLib loads this module where a program first looks for a proxy, and asks it from then on. Before
+ * every connection: so it asks through libproxymanager-client, which remembers answers, with one
+ * client for the process. The client has a thread; so the module, once loaded, stays.
+ *
+ * A connection of which the daemon says nothing is made directly: where there is no daemon, where
+ * it is too slow, where the script has no answer or none that is an address. A resolver has but one
+ * other way, to fail, and with it every connection of every program fails: a device would lose its
+ * network with its bus. A network that lets nothing out but through its proxy refuses by itself.
+ * Who wants to know runs the program with G_MESSAGES_DEBUG=proxymanager.
+ *
+ * What the destination is does not matter here. Loopback addresses are asked about as others are:
+ * the script, or who configured the proxy, has the say.
+ */
+#include <errno.h>
+#include <proxymanager/client.h>
+#include <semaphore.h>
+#include <string.h>
+
+#include "client/gio/module.h"
+
+/* Above what GLib and desktops bring (100 is more than any of them has): who installs this module
+ * on a device wants the daemon asked. GIO_USE_PROXY_RESOLVER names another where one is wanted. */
+#define PRIORITY 100
+
+/* Longer than the daemon needs at its slowest for one script: 5 s of evaluation, in which a worker
+ * that died is started again, and the rest for those who asked before. Milliseconds. */
+#define LIMIT_MS 10000
+
+typedef struct {
+  GObject parent;
+} ProxymanagerResolver;
+
+typedef struct {
+  GObjectClass parent;
+} ProxymanagerResolverClass;
+
+static void implement_resolver(GProxyResolverInterface* interface);
+static GType proxymanager_resolver_get_type(void);
+
+G_DEFINE_DYNAMIC_TYPE_EXTENDED(ProxymanagerResolver, proxymanager_resolver, G_TYPE_OBJECT, 0,
+                               G_IMPLEMENT_INTERFACE_DYNAMIC(G_TYPE_PROXY_RESOLVER,
+                                                             implement_resolver))
+
+/* --- The process's client --- */
+
+static proxymanager_client* the_client;
+
+/* The client, made where there is none but `useless`; null without memory. One that is left behind
+ * by a fork() is not freed: another thread may be about to learn that it is useless, too. */
+static proxymanager_client* client_but(proxymanager_client* useless) {
+  proxymanager_client* const current = g_atomic_pointer_get(&the_client);
+  if (current != useless) return current;
+  proxymanager_client* const made = proxymanager_client_new(0);
+  if (made == NULL || g_atomic_pointer_compare_and_exchange(&the_client, useless, made))
+    return made;
+  proxymanager_client_free(made);
+  return g_atomic_pointer_get(&the_client);
+}
+
+/* A question that can be taken back. */
+typedef struct {
+  proxymanager_client* client;
+  proxymanager_id id; /* 0 where it has been answered */
+} Question;
+
+static proxymanager_status ask(const char* uri, proxymanager_answer_callback callback,
+                               void* context, Question* question) {
+  question->client = client_but(NULL);
+  if (question->client == NULL) return PROXYMANAGER_NO_MEMORY;
+  proxymanager_status status =
+      proxymanager_get_async(question->client, uri, LIMIT_MS, callback, context, &question->id);
+  if (status != PROXYMANAGER_FORKED) return status;
+  question->client = client_but(question->client);
+  if (question->client == NULL) return PROXYMANAGER_NO_MEMORY;
+  return proxymanager_get_async(question->client, uri, LIMIT_MS, callback, context, &question->id);
+}
+
+/* --- Answers as GLib wants them --- */
+
+/* Whether the entry says "SOCKS" without a version, as scripts do. */
+static gboolean names_no_version(const char* text) {
+  while (g_ascii_isspace(*text)) text++;
+  return g_ascii_strncasecmp(text, "socks", 5) == 0 && !g_ascii_isalnum(text[5]);
+}
+
+/* The scheme by which GLib knows such a proxy; null where it is of no use. GLib knows one version
+ * 5, which leaves the looking up of names to the proxy. */
+static const char* scheme_of(const proxymanager_entry* entry) {
+  switch (entry->kind) {
+    case PROXYMANAGER_DIRECT:
+      return "direct";
+    case PROXYMANAGER_HTTP:
+      return "http";
+    case PROXYMANAGER_HTTPS:
+      return "https";
+    case PROXYMANAGER_SOCKS4:
+      return "socks4";
+    case PROXYMANAGER_SOCKS4A:
+      return "socks4a";
+    case PROXYMANAGER_SOCKS5:
+    case PROXYMANAGER_SOCKS5H:
+      return names_no_version(entry->text) ? "socks" : "socks5";
+    case PROXYMANAGER_UNUSABLE:
+      break;
+  }
+  return NULL; /* also for what a later library adds */
+}
+
+/* A list of one text. */
+static char** only(const char* text) {
+  char** const list = g_new0(char*, 2);
+  list[0] = g_strdup(text);
+  return list;
+}
+
+static char** directly(const char* reason) {
+  g_debug("directly: %s", reason);
+  return only("direct://");
+}
+
+/* Whether what is asked about is a connection of no known protocol, as GLib writes it. It wants no
+ * proxy of a protocol for such a one, which leaves SOCKS. */
+static gboolean names_no_protocol(const char* uri) {
+  return g_ascii_strncasecmp(uri, "none://", strlen("none://")) == 0;
+}
+
+static char** proxies_of(const proxymanager_answer* answer, const char* uri) {
+  const gboolean any_protocol = names_no_protocol(uri);
+  const size_t count = proxymanager_answer_count(answer);
+  char** const proxies = g_new0(char*, count + 1);
+  size_t used = 0;
+  for (size_t i = 0; i < count; i++) {
+    const proxymanager_entry* const entry = proxymanager_answer_entry(answer, i);
+    const char* const scheme = scheme_of(entry);
+    const char* const rest = strstr(entry->url, "://");
+    if (scheme == NULL || rest == NULL) continue;
+    if (any_protocol && g_str_has_prefix(scheme, "http")) continue;
+    proxies[used++] = g_strconcat(scheme, rest, NULL);
+  }
+  if (used > 0) return proxies;
+  g_strfreev(proxies);
+  return directly("the answer has no entry that can be used");
+}
+
+/* What a question that was not cancelled comes to; null with `error` for what is no URI. */
+static char** outcome(proxymanager_status status, const proxymanager_answer* answer,
+                      const char* uri, GError** error) {
+  if (status == PROXYMANAGER_OK) return proxies_of(answer, uri);
+  if (status != PROXYMANAGER_BAD_ARGUMENT) return directly(proxymanager_status_text(status));
+  g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT,
+                      proxymanager_status_text(status));
+  return NULL;
+}
+
+/* --- Cancelling --- */
+
+static void on_cancelled(GCancellable* cancellable, gpointer data) {
+  (void)cancellable;
+  const Question* const question = data;
+  proxymanager_cancel(question->client, question->id);
+}
+
+static void free_question(gpointer data, GClosure* closure) {
+  (void)closure;
+  g_free(data);
+}
+
+/* A question that is taken back when a cancellable says so. */
+typedef struct {
+  GCancellable* cancellable;
+  gulong handler;
+} Watch;
+
+/* Begins the watch; a cancellable that is cancelled by now takes the question back at once. The
+ * handler has a copy of the question, as it may still run when the watch has ended. */
+static void begin_watch(Watch* watch, GCancellable* cancellable, const Question* question) {
+  if (cancellable == NULL || question->id == 0) return;
+  watch->cancellable = g_object_ref(cancellable);
+  watch->handler = g_signal_connect_data(cancellable, "cancelled", G_CALLBACK(on_cancelled),
+                                         g_memdup2(question, sizeof *question), free_question, 0);
+  if (g_cancellable_is_cancelled(cancellable)) {
+    proxymanager_cancel(question->client, question->id);
+  }
+}
+
+/* g_cancellable_disconnect() would wait for the handlers of others. */
+static void end_watch(Watch* watch) {
+  if (watch->cancellable == NULL) return;
+  g_signal_handler_disconnect(watch->cancellable, watch->handler);
+  g_object_unref(watch->cancellable);
+}
+
+/* --- The interface --- */
+
+static gboolean is_supported(GProxyResolver* resolver) {
+  (void)resolver;
+  return TRUE; /* GLib asks once, and the daemon may come later */
+}
+
+/* One who waits. A semaphore, as it may be given back as soon as the wait is over. */
+typedef struct {
+  sem_t answered;
+  proxymanager_status status;
+  proxymanager_answer* answer;
+} Wait;
+
+static void wake(proxymanager_status status, proxymanager_answer* answer, void* context) {
+  Wait* const wait = context;
+  wait->status = status;
+  wait->answer = answer;
+  sem_post(&wait->answered);
+}
+
+/* Waits for the library, not for a main context. What it is cancelled by ends the question, and so
+ * the wait. */
+static char** lookup(GProxyResolver* resolver, const char* uri, GCancellable* cancellable,
+                     GError** error) {
+  (void)resolver;
+  if (g_cancellable_set_error_if_cancelled(cancellable, error)) return NULL;
+  Wait wait = {.answer = NULL};
+  sem_init(&wait.answered, 0, 0);
+  Question question = {NULL, 0};
+  const proxymanager_status asked = ask(uri, wake, &wait, &question);
+  if (asked == PROXYMANAGER_OK) {
+    Watch watch = {NULL, 0};
+    begin_watch(&watch, cancellable, &question);
+    while (sem_wait(&wait.answered) != 0 && errno == EINTR) continue;
+    end_watch(&watch);
+  } else {
+    wait.status = asked;
+  }
+  sem_destroy(&wait.answered);
+  char** const proxies = g_cancellable_set_error_if_cancelled(cancellable, error)
+                             ? NULL
+                             : outcome(wait.status, wait.answer, uri, error);
+  proxymanager_answer_unref(wait.answer);
+  return proxies;
+}
+
+/* What belongs to a task, and ends with it. */
+typedef struct {
+  char* uri;
+  Watch watch;
+} Lookup;
+
+static void free_lookup(gpointer data) {
+  Lookup* const lookup = data;
+  end_watch(&lookup->watch);
+  g_free(lookup->uri);
+  g_free(lookup);
+}
+
+/* Ends the task, of which it takes a reference; the task itself goes to its own main context for
+ * its callback, and prefers its cancellable's error. */
+static void end_task(proxymanager_status status, proxymanager_answer* answer, void* context) {
+  GTask* const task = context;
+  if (!g_task_return_error_if_cancelled(task)) {
+    GError* error = NULL;
+    const Lookup* const lookup = g_task_get_task_data(task);
+    char** const proxies = outcome(status, answer, lookup->uri, &error);
+    if (proxies != NULL) {
+      g_task_return_pointer(task, proxies, (GDestroyNotify)g_strfreev);
+    } else {
+      g_task_return_error(task, error);
+    }
+  }
+  proxymanager_answer_unref(answer);
+  g_object_unref(task);
+}
+
+static void lookup_async(GProxyResolver* resolver, const char* uri, GCancellable* cancellable,
+                         GAsyncReadyCallback callback, gpointer data) {
+  GTask* const task = g_task_new(resolver, cancellable, callback, data);
+  if (!g_task_return_error_if_cancelled(task)) {
+    Lookup* const lookup = g_new0(Lookup, 1);
+    lookup->uri = g_strdup(uri);
+    g_task_set_task_data(task, lookup, free_lookup);
+    Question question = {NULL, 0};
+    const proxymanager_status asked = ask(uri, end_task, g_object_ref(task), &question);
+    if (asked == PROXYMANAGER_OK) {
+      begin_watch(&lookup->watch, cancellable, &question);
+    } else {
+      end_task(asked, NULL, task);
+    }
+  }
+  g_object_unref(task);
+}
+
+static char** lookup_finish(GProxyResolver* resolver, GAsyncResult* result, GError** error) {
+  g_return_val_if_fail(g_task_is_valid(result, resolver), NULL);
+  return g_task_propagate_pointer(G_TASK(result), error);
+}
+
+static void implement_resolver(GProxyResolverInterface* interface) {
+  interface->is_supported = is_supported;
+  interface->lookup = lookup;
+  interface->lookup_async = lookup_async;
+  interface->lookup_finish = lookup_finish;
+}
+
+static void proxymanager_resolver_init(ProxymanagerResolver* resolver) {
+  (void)resolver;
+}
+
+static void proxymanager_resolver_class_init(ProxymanagerResolverClass* class) {
+  (void)class;
+}
+
+static void proxymanager_resolver_class_finalize(ProxymanagerResolverClass* class) {
+  (void)class;
+}
+
+void proxymanager_resolver_add(GTypeModule* module) {
+  proxymanager_resolver_register_type(module);
+  g_io_extension_point_implement(G_PROXY_RESOLVER_EXTENSION_POINT_NAME,
+                                 proxymanager_resolver_get_type(), "proxymanager", PRIORITY);
+}

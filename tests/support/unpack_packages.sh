@@ -1,0 +1,50 @@
+#!/bin/sh
+# Unpacks Debian packages, without what they depend on, into a folder that is kept, and prints it.
+# usage: unpack_packages.sh NAME PACKAGE...
+#
+# For programs that a test looks at and no machine needs: installed, they would bring a desktop's
+# worth of packages with services of their own, and proxy resolvers that the tests are not to meet.
+# They are taken and verified by apt from the machine's own sources. Runs several at once: one
+# unpacks, the others wait for it.
+#
+# Environment: PROXYMANAGER_UNPACKED, the folder that keeps them
+# (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
+set -eu
+name=$1
+shift
+
+fail() {
+  echo "unpack_packages.sh: $*" >&2
+  exit 1
+}
+
+cache=${PROXYMANAGER_UNPACKED:-${XDG_CACHE_HOME:-${HOME:?}/.cache}/proxymanagerd}
+key=$({ cat /etc/os-release && dpkg --print-architecture && echo "$@"; } | sha256sum | cut -c1-12)
+result=$cache/$name-$key
+mkdir -p "$cache"
+exec 9>"$cache/.$name.lock"
+flock 9
+if [ -d "$result" ]; then
+  echo "$result"
+  exit 0
+fi
+
+work=$(mktemp -d)
+staging=$(mktemp -d "$cache/.$name-XXXXXX")
+trap 'rm -rf "$work" "$staging"' EXIT
+trap 'exit 1' HUP INT TERM
+# apt downloads as a user of its own, who has to reach the folder.
+chmod 755 "$work"
+mkdir "$work/packages"
+if [ "$(id -u)" = 0 ] && id _apt >/dev/null 2>&1; then chown _apt "$work/packages"; fi
+
+download() { (cd "$work/packages" && apt-get -q download "$@") >"$work/log" 2>&1; }
+# Lists that are old name packages that have gone.
+download "$@" || { apt-get -q update >>"$work/log" 2>&1 && download "$@"; } ||
+  fail "apt does not give $*: $(cat "$work/log")"
+for package in "$work"/packages/*.deb; do
+  dpkg-deb --extract "$package" "$staging" || fail "$package cannot be unpacked"
+done
+chmod 755 "$staging"
+mv -T "$staging" "$result"
+echo "$result"
