@@ -37,8 +37,8 @@ std::string scriptUrl(const std::string& leases) {
 int getdhcpinfo(DhcpInfo* info) {
   *info = {};
   std::string leases;
-  const int trouble = netservice::readPlainFile(kUplinks, kUplinksLimit,
-                                                netservice::FileOwner::rootOrSelf, leases);
+  const int trouble =
+      netservice::readPlainFile(kUplinks, kUplinksLimit, netservice::FileOwner::rootOrSelf, leases);
   if (trouble == ENOENT) return 0;  // no uplink yet: no lease, which is no error
   if (trouble != 0) {
     logLine(LOG_ERR, "netservice: %s not read: %s", kUplinks, std::strerror(trouble));
