@@ -17,6 +17,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 judged; what follows "--" is the soak's: --seed=N repeats a schedule
   --fuzz MIN    run the fuzz targets instead (clang, libFuzzer, address and undefined behaviour
                 sanitizers), so many minutes in all, and print what each did
+  --cross       build for 32-bit Arm (Debian's cross compiler and libraries), run the unit tests under
+                qemu's emulation of user programs, and print the sizes of the installed programs
   --tidy        have clang-tidy judge the sources that are shipped
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
@@ -33,6 +35,7 @@ while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
     --coverage) mode=coverage ;;
+    --cross) mode=cross ;;
     --tidy) mode=tidy ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
@@ -138,6 +141,23 @@ test_tidy() {
   build_tree test -DCMAKE_BUILD_TYPE=Release
   step "Asking clang-tidy"
   /usr/bin/python3 "$top/tests/checks/clang_says.py" --tidy "$build/test" "$top"
+}
+
+# The tests come first, with a worker without seccomp: the filter would be the emulator's. Then the
+# tree is built as it is installed, of which little is compiled anew.
+test_cross() {
+  local sysroot options left_out=$top/tests/not_emulated.txt
+  "$top/packaging/dependencies.sh" --package --cross
+  sysroot=$("$top/packaging/cross/sysroot.sh" armhf)
+  options=(--fresh --preset armhf "-DPROXYMANAGER_SYSROOT=$sysroot")
+  build_tree armhf "${options[@]}" -DPROXYMANAGER_TESTS=ON -DPROXYMANAGER_WORKER_SECCOMP=OFF
+  step "Not run under the emulator"
+  sed '/^#/d; s/\t/: /' "$left_out"
+  run_tests armhf -E "$(sed '/^#/d; s/\t.*//' "$left_out" | paste -s -d '|')"
+  build_tree armhf "${options[@]}" -DPROXYMANAGER_TESTS=OFF
+  step "Installing below $build/armhf/installed"
+  cmake --install "$build/armhf" --strip --prefix "$build/armhf/installed" >/dev/null
+  "$top/packaging/cross/sizes.sh" arm-linux-gnueabihf "$build/armhf/installed"
 }
 
 test_soak() {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 #include <optional>
+#include <utility>
 
 #include "client/url_parts.h"
 
@@ -69,7 +70,9 @@ std::string shownTime(std::int64_t microseconds, bool milliseconds) {
     fraction += kMicrosecondsPerSecond;
     --seconds;
   }
-  const std::time_t time = seconds;
+  // Where time_t has 32 bits, it ends in January 2038.
+  if (!std::in_range<std::time_t>(seconds)) return std::to_string(seconds);
+  const auto time = static_cast<std::time_t>(seconds);
   std::tm fields{};
   if (localtime_r(&time, &fields) == nullptr) return std::to_string(seconds);
   std::array<char, 64> text{};

@@ -22,7 +22,8 @@ function(proxymanager_find_quickjs result)
 endfunction()
 
 if(PROXYMANAGER_QUICKJS_ROOT)
-  proxymanager_find_quickjs(quickjs_found PATHS "${PROXYMANAGER_QUICKJS_ROOT}" NO_DEFAULT_PATH)
+  proxymanager_find_quickjs(quickjs_found PATHS "${PROXYMANAGER_QUICKJS_ROOT}" NO_DEFAULT_PATH
+    NO_CMAKE_FIND_ROOT_PATH)
   if(NOT quickjs_found)
     message(FATAL_ERROR "No quickjs.h and libquickjs under PROXYMANAGER_QUICKJS_ROOT="
                         "${PROXYMANAGER_QUICKJS_ROOT}")
@@ -33,16 +34,23 @@ endif()
 
 if(NOT quickjs_found)
   message(STATUS "QuickJS is not installed; its source package is used")
+  set(quickjs_environment "")
+  if(CMAKE_CROSSCOMPILING)
+    set(quickjs_environment "${CMAKE_COMMAND}" -E env "CC=${CMAKE_C_COMPILER}" "AR=${CMAKE_AR}"
+      "PROXYMANAGER_QUICKJS_FLAGS=--sysroot=${CMAKE_SYSROOT} ${CMAKE_C_FLAGS}")
+  endif()
   # Its error stream is not captured: the steps show as they happen.
   execute_process(
-    COMMAND "${CMAKE_CURRENT_LIST_DIR}/../packaging/quickjs/build_quickjs.sh"
+    COMMAND ${quickjs_environment}
+      "${CMAKE_CURRENT_LIST_DIR}/../packaging/quickjs/build_quickjs.sh"
     OUTPUT_VARIABLE quickjs_root OUTPUT_STRIP_TRAILING_WHITESPACE
     RESULT_VARIABLE quickjs_failed)
   if(quickjs_failed)
     message(FATAL_ERROR "QuickJS could not be built; install the package libquickjs, or give a "
                         "prefix with -DPROXYMANAGER_QUICKJS_ROOT=")
   endif()
-  proxymanager_find_quickjs(quickjs_found PATHS "${quickjs_root}" NO_DEFAULT_PATH)
+  proxymanager_find_quickjs(quickjs_found PATHS "${quickjs_root}" NO_DEFAULT_PATH
+    NO_CMAKE_FIND_ROOT_PATH)
 endif()
 
 message(STATUS "QuickJS: ${PROXYMANAGER_QUICKJS_LIBRARY}")

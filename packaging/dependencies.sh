@@ -5,24 +5,30 @@ set -eu
 
 usage() {
   cat <<EOF
-usage: packaging/dependencies.sh [--no-tests] [--package] [--list | --check]
+usage: packaging/dependencies.sh [--no-tests] [--package] [--cross]
+                                 [--list | --list-libraries | --check]
 
 Installs the packages that this tree is built and tested with and that are missing; says nothing
 and takes no time where none is.
 
   --no-tests  leave out what only the tests need
   --package   take in what only the Debian package's own build needs
+  --cross     take in what only building for another architecture needs
   --list      print what is needed, one dependency a line, and install nothing
+  --list-libraries
+              of these, print the headers and libraries alone: what another architecture needs of
+              its own
   --check     print what is missing and install nothing; status 1 where something is
 EOF
 }
 
-tests=yes package=no action=install
+tests=yes package=no cross=no action=install
 for option in "$@"; do
   case $option in
     --no-tests) tests=no ;;
     --package) package=yes ;;
-    --list | --check) action=${option#--} ;;
+    --cross) cross=yes ;;
+    --list | --list-libraries | --check) action=${option#--} ;;
     --help) usage && exit 0 ;;
     *) usage >&2 && exit 2 ;;
   esac
@@ -32,7 +38,7 @@ control=$(dirname "$0")/debian/control
 
 # The field Build-Depends, one dependency a line: "a", "a (>= 1)" or "a | b".
 needed() {
-  awk -v tests="$tests" -v package="$package" '
+  awk -v tests="$tests" -v package="$package" -v cross="$cross" '
     /^#/ { next }
     /^[^ \t]/ { inside = 0 }
     /^Build-Depends:/ { inside = 1; sub(/^[^:]*:/, "") }
@@ -42,6 +48,7 @@ needed() {
       for (i = 1; i <= count; i++) {
         entry = entries[i]
         if (entry ~ /<!nocheck>/ && tests == "no") continue
+        if (entry ~ /<pkg.proxymanagerd.cross>/ && cross == "no") continue
         if (entry ~ /debhelper/ && package == "no") continue
         gsub(/<[^>]*>/, "", entry)
         gsub(/[ \t]+/, " ", entry)
@@ -92,6 +99,11 @@ trap 'rm -f "$wanted"' EXIT
 needed >"$wanted"
 if [ "$action" = list ]; then
   cat "$wanted"
+  exit 0
+fi
+# By their names; clang's own library is for clang, which builds for this machine alone.
+if [ "$action" = list-libraries ]; then
+  grep -E '^(lib|nlohmann).*-dev( |$)' "$wanted" | grep -v '^libclang' | sed 's/ .*//'
   exit 0
 fi
 

@@ -11,7 +11,8 @@
 # lib/quickjs/libquickjs.a; says on standard error what it does, a line a step. Runs as any user, and
 # several at once: one builds, the others wait for it.
 #
-# Environment: CC, the compiler (cc); PROXYMANAGER_QUICKJS_CACHE, the folder that keeps the result
+# Environment: CC, the compiler (cc); for another architecture AR, its archiver, and
+# PROXYMANAGER_QUICKJS_FLAGS, what the compiler is told besides; PROXYMANAGER_QUICKJS_CACHE, the folder that keeps the result
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
 set -eu
 
@@ -22,6 +23,7 @@ origin_sha256=ec81da5b3249ed648dbc7df4a1654988910e66a118d9b71cb63534216efcfbbe
 debian_sha256=33e980d4737e83419ae2fb3c833a9d1813ee5edbf2e3da129a66f8bffac23862
 # The package's Makefile adds -O2 -fwrapv. Scripts come from strangers, hence the hardening.
 flags='-fPIC -fstack-protector-strong -fstack-clash-protection -D_FORTIFY_SOURCE=2'
+flags="$flags${PROXYMANAGER_QUICKJS_FLAGS:+ $PROXYMANAGER_QUICKJS_FLAGS}"
 
 say() { echo "quickjs: $*" >&2; }
 fail() {
@@ -144,8 +146,8 @@ dpkg-source --no-check -x "$work/source/${package}_$version.dsc" "$work/tree" \
   >"$work/unpack.log" 2>&1 || fail "unpacking failed: $(cat "$work/unpack.log")"
 
 say "building (a minute or so)"
-(cd "$work/tree" && CFLAGS="$flags" make -j "$(nproc)" CC="$CC" CROSS_PREFIX= CONFIG_LTO= \
-  libquickjs.a) >"$work/make.log" 2>&1 || {
+(cd "$work/tree" && CFLAGS="$flags" make -j "$(nproc)" CC="$CC" ${AR:+AR="$AR"} CROSS_PREFIX= \
+  CONFIG_LTO= libquickjs.a) >"$work/make.log" 2>&1 || {
   tail -n 30 "$work/make.log" >&2
   fail "building failed"
 }

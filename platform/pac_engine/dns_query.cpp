@@ -10,6 +10,8 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <cstring>
+#include <ctime>
 
 #include "platform/log/log_line.h"
 #include "platform/pac_engine/protocol.h"
@@ -32,12 +34,15 @@ struct Pending {
 
 std::string textOf(const ares_addrinfo_node& node) {
   char text[INET6_ADDRSTRLEN] = "";
+  // Copies, as not every machine may read them where they lie.
   if (node.ai_family == AF_INET) {
-    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(node.ai_addr)->sin_addr, text,
-              sizeof text);
+    sockaddr_in address;
+    std::memcpy(&address, node.ai_addr, sizeof address);
+    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
   } else if (node.ai_family == AF_INET6) {
-    inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(node.ai_addr)->sin6_addr, text,
-              sizeof text);
+    sockaddr_in6 address;
+    std::memcpy(&address, node.ai_addr, sizeof address);
+    inet_ntop(AF_INET6, &address.sin6_addr, text, sizeof text);
   }
   return text;
 }
@@ -92,7 +97,9 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
   const auto left = std::max(
       std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()),
       std::chrono::microseconds::zero());
-  timeval longest{left.count() / 1'000'000, left.count() % 1'000'000};
+  // Seconds at most: they fit where time_t has 32 bits, too.
+  timeval longest{static_cast<std::time_t>(left.count() / 1'000'000),
+                  static_cast<suseconds_t>(left.count() % 1'000'000)};
   timeval chosen{};
   const timeval* wait = ares_timeout(channel, &longest, &chosen);
   const auto ms = static_cast<int>(wait->tv_sec * 1000 + (wait->tv_usec + 999) / 1000);

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <cstring>
 #include <memory>
 
 #include "platform/pac_engine/protocol.h"
@@ -45,18 +46,26 @@ std::string routeSource() {
   return textOf(AF_INET, &address.sin_addr);
 }
 
+/// The address as its family has it: a copy, as not every machine may read it where it lies.
+template <typename Address>
+Address as(const sockaddr* generic) {
+  Address address;
+  std::memcpy(&address, generic, sizeof address);
+  return address;
+}
+
 /// The text of a usable address, else nothing.
 std::string usable(const ifaddrs& entry) {
   constexpr unsigned kWanted = IFF_UP;
   if (entry.ifa_addr == nullptr || (entry.ifa_flags & (IFF_UP | IFF_LOOPBACK)) != kWanted)
     return {};
   if (entry.ifa_addr->sa_family == AF_INET) {
-    const auto& address = reinterpret_cast<const sockaddr_in*>(entry.ifa_addr)->sin_addr;
+    const auto address = as<sockaddr_in>(entry.ifa_addr).sin_addr;
     const bool linkLocal = (ntohl(address.s_addr) & kLinkLocalMask) == kLinkLocal;
     return linkLocal ? std::string() : textOf(AF_INET, &address);
   }
   if (entry.ifa_addr->sa_family == AF_INET6) {
-    const auto& address = reinterpret_cast<const sockaddr_in6*>(entry.ifa_addr)->sin6_addr;
+    const auto address = as<sockaddr_in6>(entry.ifa_addr).sin6_addr;
     return IN6_IS_ADDR_LINKLOCAL(&address) ? std::string() : textOf(AF_INET6, &address);
   }
   return {};

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <sys/ucontext.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -137,9 +138,24 @@ void sayFrame(Report& report, int number, unw_cursor_t& cursor) {
   report.say(line);
 }
 
-void sayTrace(Report& report, unw_context_t* context) {
+/// What was interrupted, as the unwinder takes it: the kernel's record, and on 32-bit Arm, for
+/// which it has a record of its own, r0 to r15 of that.
+#ifdef __arm__
+unw_context_t* interrupted(void* context) {
+  static unw_context_t registers;  // one report a process
+  static_assert(sizeof registers == 16 * sizeof(mcontext_t::arm_r0));
+  std::memcpy(&registers, &static_cast<ucontext_t*>(context)->uc_mcontext.arm_r0, sizeof registers);
+  return &registers;
+}
+#else
+unw_context_t* interrupted(void* context) {
+  return static_cast<unw_context_t*>(context);
+}
+#endif
+
+void sayTrace(Report& report, void* context) {
   unw_cursor_t cursor;
-  if (unw_init_local2(&cursor, context, UNW_INIT_SIGNAL_FRAME) != 0) return;
+  if (unw_init_local2(&cursor, interrupted(context), UNW_INIT_SIGNAL_FRAME) != 0) return;
   for (int number = 0; number < kFrameLimit; ++number) {
     sayFrame(report, number, cursor);
     if (unw_step(&cursor) <= 0) return;
@@ -193,7 +209,7 @@ void onFatalSignal(int, siginfo_t* info, void* context) {
   limitReport();
   Report report;
   saySignal(report, *info);
-  sayTrace(report, static_cast<unw_context_t*>(context));
+  sayTrace(report, context);
   dieBy(*info);
 }
 

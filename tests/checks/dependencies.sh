@@ -21,7 +21,8 @@ Source: example
 Build-Depends: debhelper-compat (= 13), dpkg (>= 1.0),
 # a comment, with a comma
  dpkg (>= 999) | coreutils,
- no-such-package-here | no-such-either <!nocheck>
+ no-such-package-here | no-such-either <!nocheck>,
+ libexample-dev (>= 2) <!nocheck>, libclang-rt-dev <!nocheck>, g++-other <pkg.proxymanagerd.cross>
 Standards-Version: 4.6.2
 
 Package: example
@@ -31,11 +32,16 @@ example=$folder/dependencies.sh
 
 expect "all" "dpkg (>= 1.0)
 dpkg (>= 999) | coreutils
-no-such-package-here | no-such-either" "$("$example" --list)"
+no-such-package-here | no-such-either
+libexample-dev (>= 2)
+libclang-rt-dev" "$("$example" --list)"
 expect "without tests" "dpkg (>= 1.0)
 dpkg (>= 999) | coreutils" "$("$example" --list --no-tests)"
 expect "with the package's own" "debhelper-compat (= 13)" "$("$example" --list --package | head -n 1)"
-expect "missing" "Missing: no-such-package-here | no-such-either" "$("$example" --check || true)"
+expect "for another architecture" "g++-other" "$("$example" --list --cross | tail -n 1)"
+expect "headers and libraries" "libexample-dev" "$("$example" --list-libraries)"
+expect "missing" "Missing: no-such-package-here | no-such-either, libexample-dev (>= 2)" \
+  "$("$example" --check | sed 's/, libclang-rt-dev//' || true)"
 expect "nothing missing" "" "$("$example" --check --no-tests)"
 
 sed -i 's/dpkg (>= 1.0)/dpkg (>= 999)/' "$folder/debian/control"

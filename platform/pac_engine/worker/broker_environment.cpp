@@ -65,9 +65,11 @@ std::int64_t BrokerEnvironment::now() {
 }
 
 std::tm BrokerEnvironment::brokenDown(std::int64_t when, bool gmt) {
-  const std::time_t time = when;
+  // Times that time_t cannot hold (where it has 32 bits, those past January 2038) leave the fields
+  // empty, as do years that an int cannot.
+  if (!std::in_range<std::time_t>(when)) return {};
+  const auto time = static_cast<std::time_t>(when);
   std::tm fields{};
-  // Years that an int cannot hold leave the fields empty.
   if ((gmt ? gmtime_r(&time, &fields) : localtime_r(&time, &fields)) == nullptr) fields = {};
   return fields;
 }

@@ -39,6 +39,12 @@ long pointer(const void* address) {
   return reinterpret_cast<long>(address);
 }
 
+#ifdef SYS_mmap
+constexpr long kMap = SYS_mmap;
+#else  // what 32-bit machines have instead
+constexpr long kMap = SYS_mmap2;
+#endif
+
 void sendRaw(std::string_view bytes) {
   send(pac_engine::kWorkerSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
@@ -64,8 +70,8 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
       {"write_stderr", [] { call(SYS_write, 2, pointer("x"), 1); }},
       {"send_elsewhere", [] { call(SYS_sendto, 2, pointer("x"), 1, MSG_NOSIGNAL); }},
       {"executable_memory",
-       [] { call(SYS_mmap, 0, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1); }},
-      {"mapped_file", [] { call(SYS_mmap, 0, 4096, PROT_READ, MAP_PRIVATE, 0); }},
+       [] { call(kMap, 0, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1); }},
+      {"mapped_file", [] { call(kMap, 0, 4096, PROT_READ, MAP_PRIVATE, 0); }},
       {"setuid", [] { call(SYS_setuid, 0); }},
       {"unshare", [] { call(SYS_unshare, 0); }},
       {"crash", [] { raise(SIGSEGV); }},

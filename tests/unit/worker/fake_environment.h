@@ -37,7 +37,7 @@ class FakeEnvironment : public PacEnvironment {
   }
   std::int64_t now() override { return clock; }
   std::tm brokenDown(std::int64_t when, bool gmt) override {
-    const std::time_t shown = when + (gmt ? 0 : zoneSeconds);
+    const auto shown = static_cast<std::time_t>(when + (gmt ? 0 : zoneSeconds));
     std::tm parts{};
     gmtime_r(&shown, &parts);
     return parts;

@@ -1,0 +1,55 @@
+# Parts of platform/: what a device may have its own of.
+#
+# A part is the functions of one header. PROXYMANAGER_DEVICE names a folder of the device maker's;
+# its CMakeLists.txt says which parts it replaces, and with what:
+#
+#   proxymanager_replace(dhcp_info SOURCES own_lease.cpp LIBRARIES PkgConfig::ownservice)
+#
+# Those sources are then compiled in the place of this tree's, and its part's libraries are not
+# linked. So there is never a second definition for a linker to choose from, and a function that the
+# replacement lacks is an error of the link. docs/integration.md says what each part has to do.
+set(PROXYMANAGER_DEVICE "" CACHE PATH "A folder whose CMakeLists.txt replaces parts of platform/")
+
+# proxymanager_replace(PART SOURCES a.cpp ... LIBRARIES lib ...): in the device's CMakeLists.txt.
+# Sources are beside it. They see this tree's headers and bear its warnings.
+function(proxymanager_replace part)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+  if(NOT arg_SOURCES OR arg_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "proxymanager_replace(PART SOURCES a.cpp ... [LIBRARIES lib ...])")
+  endif()
+  list(TRANSFORM arg_SOURCES PREPEND "${CMAKE_CURRENT_SOURCE_DIR}/" REGEX "^[^/]")
+  set_property(GLOBAL APPEND PROPERTY proxymanager_replaced ${part})
+  set_property(GLOBAL PROPERTY proxymanager_sources_of_${part} ${arg_SOURCES})
+  set_property(GLOBAL PROPERTY proxymanager_libraries_of_${part} ${arg_LIBRARIES})
+  set_property(GLOBAL APPEND PROPERTY proxymanager_device_libraries ${arg_LIBRARIES})
+endfunction()
+
+# proxymanager_part(FOLDER_LIBRARY PART SOURCES a.cpp ... LIBRARIES lib ...): the part's own sources
+# and what these link, unless the device replaces it.
+function(proxymanager_part library part)
+  cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "SOURCES;LIBRARIES")
+  set_property(GLOBAL APPEND PROPERTY proxymanager_parts ${part})
+  get_property(replaced GLOBAL PROPERTY proxymanager_replaced)
+  if(part IN_LIST replaced)
+    get_property(arg_SOURCES GLOBAL PROPERTY proxymanager_sources_of_${part})
+    get_property(arg_LIBRARIES GLOBAL PROPERTY proxymanager_libraries_of_${part})
+    message(STATUS "The device has a ${part} of its own: ${arg_SOURCES}")
+  endif()
+  target_sources(${library} PRIVATE ${arg_SOURCES})
+  target_link_libraries(${library} PRIVATE ${arg_LIBRARIES})
+endfunction()
+
+# To be called when all parts are known: a misspelt one would leave this tree's own in its place.
+function(proxymanager_check_replaced)
+  get_property(parts GLOBAL PROPERTY proxymanager_parts)
+  get_property(replaced GLOBAL PROPERTY proxymanager_replaced)
+  list(REMOVE_ITEM replaced ${parts})
+  if(replaced)
+    list(JOIN parts ", " parts)
+    message(FATAL_ERROR "${PROXYMANAGER_DEVICE} replaces ${replaced}; the parts are ${parts}")
+  endif()
+endfunction()
+
+if(PROXYMANAGER_DEVICE)
+  add_subdirectory("${PROXYMANAGER_DEVICE}" device)
+endif()
