@@ -38,7 +38,9 @@ chmod 755 "$work"
 mkdir "$work/packages"
 if [ "$(id -u)" = 0 ] && id _apt >/dev/null 2>&1; then chown _apt "$work/packages"; fi
 
-download() { (cd "$work/packages" && apt-get -q download "$@") >"$work/log" 2>&1; }
+download() {
+  (cd "$work/packages" && apt-get -q -o Acquire::Retries=3 download "$@") >"$work/log" 2>&1
+}
 # Lists that are old name packages that have gone.
 download "$@" || { apt-get -q update >>"$work/log" 2>&1 && download "$@"; } ||
   fail "apt does not give $*: $(cat "$work/log")"
