@@ -102,7 +102,8 @@ typedef enum proxymanager_change {
  * who has the daemon's name there, said of it. Texts are as they came and may hold anything. */
 typedef struct proxymanager_failure {
   proxymanager_status status;
-  int error;        /**< errno, where no connection to the bus could be made; else 0 */
+  int error;        /**< errno, where there was no connection to the bus: ETIMEDOUT where the limit
+                         was over before it was made; else 0 */
   const char *name; /**< of the error on the bus, "org.freedesktop.DBus.Error.AccessDenied"; empty
                          where none was sent */
   const char *text; /**< of the error on the bus; may be empty */
