@@ -69,6 +69,8 @@ set(proxymanager_pages "${PROJECT_SOURCE_DIR}/docs/man")
 install(FILES "${proxymanager_pages}/proxymanagerd.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
 install(FILES "${proxymanager_pages}/proxymanager-trace.conf.5"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")
+install(FILES "${proxymanager_pages}/libproxymanager-client.3"
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man3")
 install(FILES "${proxymanager_pages}/com.zentu.ProxyManagerServiceInterface.7"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
 if(TARGET proxymanagerctl)

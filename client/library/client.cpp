@@ -78,7 +78,7 @@ Outcome Client::get(const char* url, std::chrono::milliseconds limit) {
   while (!waiter.isEnded) {
     if (waiter.ended.wait_until(lock.native(), end) == std::cv_status::timeout && !waiter.isEnded) {
       takeBack(call, waiter);
-      return only(PROXYMANAGER_TOO_SLOW);
+      return tooSlow(mIsConnected);
     }
   }
   return std::move(waiter.outcome);
@@ -235,7 +235,8 @@ bool Client::prepare() {
     isAsked = false;
   }
   if (!mLink && (isAsked || (isWatched && now >= mRetryAt))) connect(now);
-  if (mLink && mLink->isReady()) send();
+  mIsConnected = mLink && mLink->isReady();
+  if (mIsConnected) send();
   return true;
 }
 
@@ -244,7 +245,7 @@ void Client::expire(Clock::time_point now) {
     for (auto asked = call->questions.begin(); asked != call->questions.end();) {
       const auto question = asked++;
       if (question->waiter != nullptr || question->end > now) continue;
-      question->outcome = only(PROXYMANAGER_TOO_SLOW);
+      question->outcome = tooSlow(mIsConnected);
       mEnded.splice(mEnded.end(), call->questions, question);
     }
     const auto looked = call++;

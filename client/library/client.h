@@ -153,6 +153,7 @@ class Client final : public BusLink::Listener {
 
   std::atomic<int> mWakeFd{-1};  ///< made with the thread
   std::atomic<int> mBusFd{-1};   ///< the link's, for abandon()
+  std::atomic<bool> mIsConnected{false};
 
   Mutex mMutex;
   bool mIsEnding PM_GUARDED_BY(mMutex) = false;

@@ -1,5 +1,7 @@
 #include "client/library/outcome.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <initializer_list>
@@ -20,12 +22,44 @@ std::shared_ptr<const Detail> detail(int error, std::string_view name, std::stri
   }
 }
 
-struct LastFailure {
-  std::shared_ptr<const Detail> detail;
-  proxymanager_failure failure{PROXYMANAGER_OK, 0, "", ""};
+/// Keeps a detail for each thread, as long as it lives. Not as a thread_local with a destructor:
+/// the C library ends the process where it has no memory to note one.
+class KeptDetail {
+ public:
+  KeptDetail() : mIsMade(pthread_key_create(&mKey, [](void* kept) { delete of(kept); }) == 0) {}
+  ~KeptDetail() {
+    if (mIsMade) pthread_key_delete(mKey);  // before what it calls is unloaded
+  }
+  KeptDetail(const KeptDetail&) = delete;
+  KeptDetail& operator=(const KeptDetail&) = delete;
+
+  /// @return null where there is none, or no memory to keep it
+  const Detail* keep(std::shared_ptr<const Detail> detail) noexcept {
+    if (!mIsMade) return nullptr;
+    auto* kept = of(pthread_getspecific(mKey));
+    if (kept == nullptr) {
+      if (!detail) return nullptr;
+      kept = new (std::nothrow) Held;
+      if (kept == nullptr) return nullptr;
+      if (pthread_setspecific(mKey, kept) != 0) {
+        delete kept;
+        return nullptr;
+      }
+    }
+    *kept = std::move(detail);
+    return kept->get();
+  }
+
+ private:
+  using Held = std::shared_ptr<const Detail>;
+  static Held* of(void* kept) { return static_cast<Held*>(kept); }
+
+  pthread_key_t mKey{};
+  bool mIsMade;
 };
 
-thread_local LastFailure last;
+KeptDetail keptDetail;
+thread_local proxymanager_failure lastOfThread{PROXYMANAGER_OK, 0, "", ""};
 
 }  // namespace
 
@@ -74,6 +108,11 @@ Outcome failedConnecting(int error) noexcept {
   return {statusOfConnecting(error), {}, detail(error, {}, {})};
 }
 
+Outcome tooSlow(bool isConnected) noexcept {
+  if (isConnected) return {PROXYMANAGER_TOO_SLOW, {}, {}};
+  return {PROXYMANAGER_TOO_SLOW, {}, detail(ETIMEDOUT, {}, {})};
+}
+
 Outcome failedSending(int error) noexcept {
   switch (error) {
     case ENOMEM:
@@ -86,17 +125,16 @@ Outcome failedSending(int error) noexcept {
 }
 
 void setLastFailure(const Outcome& outcome) noexcept {
-  if (outcome.status == PROXYMANAGER_OK && last.failure.status == PROXYMANAGER_OK) return;
-  last.detail = outcome.detail;
-  const auto* const detail = last.detail.get();
-  last.failure = {outcome.status, 0, "", ""};
+  if (outcome.status == PROXYMANAGER_OK && lastOfThread.status == PROXYMANAGER_OK) return;
+  const auto* const detail = keptDetail.keep(outcome.detail);
+  lastOfThread = {outcome.status, 0, "", ""};
   if (detail != nullptr) {
-    last.failure = {outcome.status, detail->error, detail->name.c_str(), detail->text.c_str()};
+    lastOfThread = {outcome.status, detail->error, detail->name.c_str(), detail->text.c_str()};
   }
 }
 
 const proxymanager_failure* lastFailure() noexcept {
-  return &last.failure;
+  return &lastOfThread;
 }
 
 }  // namespace client::library

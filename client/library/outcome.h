@@ -12,7 +12,7 @@ namespace client::library {
 
 /// More about a failure than its status.
 struct Detail {
-  int error = 0;     ///< errno of a connection that was not made
+  int error = 0;     ///< errno of a connection that was not made, or not yet
   std::string name;  ///< of the bus's error
   std::string text;  ///< of the bus's error, as it came
 };
@@ -38,6 +38,10 @@ Outcome failedAnswer(std::string_view name, std::string_view text) noexcept;
 
 /// No connection to the bus; `error` is an errno.
 Outcome failedConnecting(int error) noexcept;
+
+/// The limit is over. Without a connection, which the bus was too slow to make, the error is
+/// ETIMEDOUT.
+Outcome tooSlow(bool isConnected) noexcept;
 
 /// A question that did not leave; `error` is an errno.
 Outcome failedSending(int error) noexcept;

@@ -144,7 +144,8 @@ TEST_F(ThreadsTest, FreeingAClientEndsWhatWaits) {
     });
   }
   proxymanager_id watching = 0;
-  proxymanager_watch(raw, [](proxymanager_change, void*) {}, nullptr, &watching);
+  proxymanager_watch(
+      raw, [](proxymanager_change, void*) {}, nullptr, &watching);
   daemon.waitFor(1);
   ending.reset();
   EXPECT_EQ(told, std::vector(3, Status::cancelled));

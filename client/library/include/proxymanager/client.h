@@ -21,7 +21,8 @@
  * to wait.
  *
  * Processes: after fork() a client belongs to the parent. In the child it may be freed and nothing
- * else; questions there give PROXYMANAGER_FORKED.
+ * else, which closes its descriptors there and leaves its memory, as the parent's threads may have
+ * been changing that; questions there give PROXYMANAGER_FORKED.
  *
  * Texts are UTF-8 without NUL, as the bus demands. Nothing here writes to standard output, standard
  * error or syslog, changes a signal's handling or the environment. DBUS_SYSTEM_BUS_ADDRESS names
@@ -102,7 +103,8 @@ typedef enum proxymanager_change {
  * who has the daemon's name there, said of it. Texts are as they came and may hold anything. */
 typedef struct proxymanager_failure {
   proxymanager_status status;
-  int error;        /**< errno, where no connection to the bus could be made; else 0 */
+  int error;        /**< errno, where there was no connection to the bus: ETIMEDOUT where the limit
+                         was over before it was made; else 0 */
   const char *name; /**< of the error on the bus, "org.freedesktop.DBus.Error.AccessDenied"; empty
                          where none was sent */
   const char *text; /**< of the error on the bus; may be empty */

@@ -153,7 +153,7 @@ class Entries {
 
 /// More about a question that failed, for a log line: see proxymanager_failure.
 struct Failure {
-  int error = 0;     ///< errno, where no connection to the bus could be made
+  int error = 0;     ///< errno, where there was no connection to the bus
   std::string name;  ///< of the error on the bus
   std::string text;  ///< of the error on the bus, as it came
 };
