@@ -19,6 +19,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
@@ -224,6 +225,11 @@ void openLog() {
 
 // The unwinder fills tables of its own at its first use: better now than in the handler.
 void warmUnwinder() {
+#ifdef __arm__
+  // Of its ways on 32-bit Arm, the tables of that machine alone (4): it would look for tables of
+  // other machines first, and end at the first frame. It reads this at its first use.
+  setenv("UNW_ARM_UNWIND_METHOD", "4", 0);
+#endif
   unw_context_t context;
   unw_cursor_t cursor;
   unw_getcontext(&context);

@@ -29,9 +29,9 @@ class EngineTest : public testing::Test {
     return evaluation.result ? *evaluation.result : "!" + evaluation.error.message;
   }
   /// The value of an expression, as String() shows it, or "!" and the error's message.
-  std::string value(const std::string& expression) {
+  std::string value(const std::string& expression, const ScriptLimits& limits = {}) {
     const std::string refused =
-        load("function FindProxyForURL(url, host) { return String(" + expression + ") }");
+        load("function FindProxyForURL(url, host) { return String(" + expression + ") }", limits);
     return refused.empty() ? ask() : "refused: " + refused;
   }
 
