@@ -45,16 +45,16 @@ mkdir -p "$json"
 
 step() { printf '\n==> %s\n' "$*"; }
 
-# The library's own remarks on the machine's clock and load go to standard error.
+# What the library says of the machine's clock and load is for whoever wonders, in $json.
 parts() {
   local name=$1
   shift
-  "$build/out/bench/${name}_bench" --benchmark_out="$json/$name.json" \
-    --benchmark_out_format=json "$@"
+  "$build/out/bench/${name}_bench" --benchmark_format=json "$@" >"$json/$name.json" \
+    2>"$json/$name.log"
 }
 
 whole=(--rounds 41 --calls 300)
-part=(--benchmark_min_time=0.2 --benchmark_repetitions=5 --benchmark_report_aggregates_only=true)
+part=(--benchmark_min_time=0.2 --benchmark_repetitions=5)
 if [ "$quick" = yes ]; then
   whole=(--rounds 11 --calls 100)
   part=(--benchmark_min_time=0.05)
@@ -72,5 +72,5 @@ PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/whole_answers.py" "
   "--json=$json/whole_answers.json" "${whole[@]}"
 step "Parts"
 parts parts "${part[@]}"
-step "Evaluation"
 parts pac_engine "${part[@]}"
+/usr/bin/python3 "$top/bench/print_parts.py" "$json/parts.json" "$json/pac_engine.json"
