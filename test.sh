@@ -154,6 +154,8 @@ test_cross() {
   step "Not run under the emulator"
   sed '/^#/d; s/\t/: /' "$left_out"
   run_tests armhf -E "$(sed '/^#/d; s/\t.*//' "$left_out" | paste -s -d '|')"
+  # The lines of shell stand where programs go: a linker that sees a file there would leave it.
+  find "$build/armhf" -name '*.emulated' -exec sh -c 'for f; do rm -f "$f" "${f%.*}"; done' - {} +
   build_tree armhf "${options[@]}" -DPROXYMANAGER_TESTS=OFF
   step "Installing below $build/armhf/installed"
   cmake --install "$build/armhf" --strip --prefix "$build/armhf/installed" >/dev/null
