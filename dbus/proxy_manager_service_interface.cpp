@@ -123,13 +123,11 @@ Message ProxyManagerServiceInterface_adaptor::_getProxyurl_stub(const CallMessag
   MessageIter reader = call.reader();
   const std::string requestUrl = readText(reader);
   const std::vector<std::string> proxyUrl = getProxyurl(requestUrl);
-  if (auto again = mLastReply.again(call.sender(), call.serial(), proxyUrl)) return *again;
   ReturnMessage reply(call);
   MessageIter writer = reply.writer();
   MessageIter array = writer.new_array("s");
   for (const auto& text : proxyUrl) append(array, text);
   writer.close_container(array);
-  mLastReply.keep(call.sender(), proxyUrl, reply);
   return reply;
 }
 

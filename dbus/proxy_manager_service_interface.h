@@ -12,8 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "dbus/last_reply.h"
-
 namespace com {
 namespace zentu {
 
@@ -52,8 +50,6 @@ class ProxyManagerServiceInterface_adaptor : public ::DBus::InterfaceAdaptor {
   ::DBus::Message _getProxyurl_stub(const ::DBus::CallMessage& call);
   ::DBus::Message _getProxyconfig_stub(const ::DBus::CallMessage& call);
   ::DBus::Message _updateProxyconfig_stub(const ::DBus::CallMessage& call);
-
-  LastReply mLastReply;  ///< of getProxyurl
 };
 
 }  // namespace zentu
