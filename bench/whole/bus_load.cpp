@@ -69,8 +69,8 @@ class Urls {
   std::atomic<unsigned> mNext{0};
 };
 
-/// Asks and reads the answer. @return how many texts it has
-int ask(sd_bus* bus, const char* name, const std::string& url) {
+/// Asks and reads the answer: the mode and what to use.
+void ask(sd_bus* bus, const char* name, const std::string& url) {
   sd_bus_message* made = nullptr;
   check(sd_bus_message_new_method_call(bus, &made, name, "/com/zentu/ProxyManagerService",
                                        "com.zentu.ProxyManagerServiceInterface", "getProxyurl"),
@@ -86,7 +86,7 @@ int ask(sd_bus* bus, const char* name, const std::string& url) {
   int result = 0;
   while ((result = sd_bus_message_read_basic(given, 's', &text)) > 0) ++texts;
   check(result, "reply");
-  return texts;
+  if (texts < 2) throw std::runtime_error(std::string(name) + " has no answer");
 }
 
 double median(std::vector<double> values) {

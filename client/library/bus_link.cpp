@@ -34,7 +34,7 @@ constexpr int kRules = 2;
 /// silent one is an error.
 constexpr std::uint64_t kBusLimitMicroseconds = 10'000'000;
 
-/// A question has no limit of its own on the bus, which has one: those who wait have theirs.
+/// A question has no limit of its own on the bus: those who wait have theirs.
 constexpr std::uint64_t kNoLimit = UINT64_MAX;
 
 using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
@@ -54,8 +54,11 @@ Outcome read(sd_bus_message* reply) {
   if (sd_bus_message_enter_container(reply, 'a', "s") < 0) return badReply();
   std::vector<std::string> texts;
   const char* text = nullptr;
-  while (sd_bus_message_read_basic(reply, 's', &text) > 0) texts.emplace_back(text);
-  if (texts.empty() || !isMode(texts.front())) return badReply();
+  int result = 0;
+  while ((result = sd_bus_message_read_basic(reply, 's', &text)) > 0) texts.emplace_back(text);
+  // Not of a text that this library refuses and the bus does not: half an answer is another answer.
+  if (result == -ENOMEM) throw std::bad_alloc();
+  if (result < 0 || texts.empty() || !isMode(texts.front())) return badReply();
   auto parsed = parseAnswer(texts);
   if (!parsed) return {PROXYMANAGER_NO_DAEMON, {}, {}};  // it is about to end
   return {PROXYMANAGER_OK, AnswerRef(new proxymanager_answer(*std::move(parsed))), {}};
@@ -90,6 +93,7 @@ int BusLink::open(const char* address) {
 
 int BusLink::process() {
   int result = sd_bus_process(mBus.get(), nullptr);
+  if (mIsDeaf) return -ETIMEDOUT;
   if (result < 0 || mIsReady || sd_bus_is_ready(mBus.get()) <= 0) return result;
   mIsReady = true;
   const int followed = follow();
@@ -145,20 +149,31 @@ int BusLink::onReply(sd_bus_message* message, void* asked, sd_bus_error*) {
   return 1;
 }
 
+/// Notes a bus that did not answer the link itself in time. The late answer is lost, and with it
+/// what would have been told from then on: such a link is given up.
+void BusLink::noteSilence(sd_bus_message* message) {
+  if (sd_bus_message_get_errno(message) == ETIMEDOUT) mIsDeaf = true;
+}
+
 /// A bus that takes no rule leaves the link able to ask; its answers are of the moment then.
 int BusLink::onMatch(sd_bus_message* message, void* link, sd_bus_error*) {
-  if (sd_bus_message_is_method_error(message, nullptr) == 0)
-    static_cast<BusLink*>(link)->mMatches++;
+  auto& self = *static_cast<BusLink*>(link);
+  self.noteSilence(message);
+  if (sd_bus_message_is_method_error(message, nullptr) == 0) self.mMatches++;
   return 1;
 }
 
 int BusLink::onOwnerReply(sd_bus_message* message, void* link, sd_bus_error*) {
+  auto& self = *static_cast<BusLink*>(link);
+  self.noteSilence(message);
+  // The library answers by itself for a bus that is gone; that says nothing of the daemon.
+  if (self.mIsDeaf || sd_bus_is_open(sd_bus_message_get_bus(message)) <= 0) return 1;
   const char* owner = "";
   if (sd_bus_message_is_method_error(message, nullptr) != 0 ||
       sd_bus_message_read_basic(message, 's', &owner) <= 0) {
     owner = "";
   }
-  static_cast<BusLink*>(link)->setOwner(owner);
+  self.setOwner(owner);
   return 1;
 }
 

@@ -86,11 +86,13 @@ class BusLink {
   int follow();
   void setOwner(const char* owner);
   bool isOwners(sd_bus_message* message) const;
+  void noteSilence(sd_bus_message* message);
 
   bool mMayStart;
   Listener& mListener;
   std::unique_ptr<sd_bus, BusCloser> mBus;
   bool mIsReady = false;
+  bool mIsDeaf = false;               ///< the bus did not answer the link itself in time
   int mMatches = 0;                   ///< how many of the rules the bus has taken
   std::optional<std::string> mOwner;  ///< unique name of the daemon; empty where it does not run
 };

@@ -12,7 +12,6 @@
 namespace {
 
 static_assert(OPENSSL_VERSION_MAJOR == 3);
-constexpr const char* kLibrary = "libcrypto.so.3";
 
 struct Functions {
   decltype(&::MD5_Init) init;
@@ -27,12 +26,9 @@ bool findAll(void* library, Functions& found) {
          find(library, "MD5_Final", found.final);
 }
 
-/// The library's functions; null where it cannot be had.
 const Functions* crypto() {
-  static Functions found;
-  static void* const library = on_demand::mapLibrary(kLibrary);
-  static const bool isThere = library != nullptr && findAll(library, found);
-  return isThere ? &found : nullptr;
+  static on_demand::Library<Functions> library("libcrypto.so.3", findAll);
+  return library.functions();
 }
 
 // No byte of it is 0, at which a digest's text would end. Scripts are read by one thread at a time.

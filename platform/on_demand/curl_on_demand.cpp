@@ -48,12 +48,9 @@ bool findAll(void* library, Functions& found) {
          find(library, "curl_free", found.free);
 }
 
-/// The library's functions; null where it cannot be had.
 const Functions* curl() {
-  static Functions found;
-  static void* const library = on_demand::mapLibrary("libcurl.so.4");
-  static const bool isThere = library != nullptr && findAll(library, found);
-  return isThere ? &found : nullptr;
+  static on_demand::Library<Functions> library("libcurl.so.4", findAll);
+  return library.functions();
 }
 
 }  // namespace

@@ -8,7 +8,10 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
+
 #include "platform/log/log_line.h"
+#include "platform/process/annotations.h"
 
 namespace on_demand {
 
@@ -28,5 +31,34 @@ bool find(void* library, const char* name, Function& function) {
   if (function == nullptr) logLine(LOG_ERR, "on_demand: no %s in the library: %s", name, dlerror());
   return function != nullptr;
 }
+
+/// A library and those of its functions that are called, for any thread. `Functions` are pointers
+/// to them; one that cannot be had now is looked for again at the next call, for what was in the
+/// way, no memory or no descriptor, may have gone.
+template <typename Functions>
+class Library {
+ public:
+  using FindAll = bool (*)(void* library, Functions& found);
+  constexpr Library(const char* name, FindAll findAll) : mName(name), mFindAll(findAll) {}
+
+  /// @return null, with a LOG_ERR line, where the library cannot be had
+  const Functions* functions() PM_EXCLUDES(mMutex) {
+    if (mIsThere.load(std::memory_order_acquire)) return &mFunctions;
+    const Lock lock(mMutex);
+    if (!mIsThere) {
+      void* const library = mapLibrary(mName);
+      if (library == nullptr || !mFindAll(library, mFunctions)) return nullptr;
+      mIsThere.store(true, std::memory_order_release);
+    }
+    return &mFunctions;
+  }
+
+ private:
+  const char* const mName;
+  const FindAll mFindAll;
+  Mutex mMutex;
+  std::atomic<bool> mIsThere{false};
+  Functions mFunctions{};  // written once, under mMutex, before mIsThere
+};
 
 }  // namespace on_demand

@@ -7,7 +7,7 @@ import pytest
 from conftest import make_watched_files
 from support.bus import Client
 from support.daemon import Daemon
-from support.own_root import MS_BIND, mount
+from support.own_root import MS_BIND, mount, unmount
 from support.syslog_socket import ERR, INFO
 from support.web import script
 
@@ -33,11 +33,13 @@ def path_of(library):
 
 @pytest.fixture
 def hidden_library(root):
-    """Hides a library, but for the programs that have it already."""
+    """Hides a library, but for the programs that have it already. Gives what shows it again."""
     def hide(library):
+        path = path_of(library)
         with open("/tmp/empty", "w"):
             pass
-        mount("/tmp/empty", path_of(library), flags=MS_BIND)
+        mount("/tmp/empty", path, flags=MS_BIND)
+        return lambda: unmount(path)
     return hide
 
 
@@ -56,7 +58,7 @@ def test_without_a_script_none_is_mapped_and_with_one_all_are(daemon, client, we
 
 def test_without_libcurl_the_download_fails_and_the_daemon_goes_on(build, bus, syslog, web,
                                                                    hidden_library):
-    hidden_library("libcurl.so.4")
+    show = hidden_library("libcurl.so.4")
     make_watched_files()
     daemon = Daemon(build)
     with Client() as client:
@@ -67,5 +69,11 @@ def test_without_libcurl_the_download_fails_and_the_daemon_goes_on(build, bus, s
         assert web.requests == []
         client.update("manual", proxyurl="http://proxy.example.org:3128")
         assert client.urls(URL) == ["manual", "http://proxy.example.org:3128"]
+        # What was in the way may go.
+        show()
+        web.routes["/x.pac"] = script("PROXY p:1")
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        syslog.wait(INFO, LOADED)
+        assert client.urls(URL) == ["pacurl", "PROXY p:1"]
     assert daemon.stop() == 0
     daemon.close()

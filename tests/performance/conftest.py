@@ -18,6 +18,20 @@ def pytest_addoption(parser):
     parser.addoption("--record", action="store_true", help="write what is counted instead")
 
 
+SKIPPED = 77  # CTest's number for a test that could not be made
+
+
+def pytest_terminal_summary(terminalreporter):
+    for report in terminalreporter.stats.get("skipped", ()):
+        terminalreporter.write_line(report.longrepr[2])
+
+
+def pytest_sessionfinish(session, exitstatus):
+    counts = session.config.pluginmanager.get_plugin("terminalreporter").stats
+    if exitstatus == 0 and counts.get("skipped") and not counts.get("passed"):
+        session.exitstatus = SKIPPED
+
+
 @pytest.fixture
 def build(request):
     return os.path.abspath(request.config.getoption("--build"))

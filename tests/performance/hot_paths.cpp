@@ -74,7 +74,7 @@ Path evaluation() {
   const auto world = std::make_shared<NoWorld>();
   const auto engine = std::make_shared<pac_worker::ScriptEngine>(*world);
   if (engine->load(bench::rulesScript(kRules))) std::abort();
-  return [=](int) {
+  return [world, engine](int) {
     if (!engine->evaluate(kUrl, kHost).result) std::abort();
   };
 }

@@ -16,9 +16,10 @@
  *
  * Threads: all functions may be called from any thread, on the same client as well. Callbacks come
  * on the client's thread, one at a time, or, where a function says so, during the call; they should
- * be short, as the next answer waits for them. Of a callback all functions may be called but
- * proxymanager_client_free(); proxymanager_get() gives PROXYMANAGER_BUSY there where it would have
- * to wait.
+ * be short, as the next answer waits for them, and the news that remembered answers have changed. Of a
+ * callback all functions may be called but proxymanager_client_free(); proxymanager_get() gives
+ * PROXYMANAGER_BUSY there where it would have to wait. A thread that waits in proxymanager_get() must
+ * not be cancelled by pthread_cancel().
  *
  * Processes: after fork() a client belongs to the parent. In the child it may be freed and nothing
  * else, which closes its descriptors there and leaves its memory, as the parent's threads may have
@@ -195,7 +196,8 @@ PROXYMANAGER_API const char *proxymanager_answer_mode(const proxymanager_answer 
 /** @return how many entries there are, in the order to be tried; may be 0 */
 PROXYMANAGER_API size_t proxymanager_answer_count(const proxymanager_answer *answer);
 
-/** @return the entry, which lives as long as the answer; null from the count on */
+/** @return the entry, which lives as long as the answer; null from the count on. Later releases may
+ * add members at its end: ask for each by its index, and copy members, not the whole. */
 PROXYMANAGER_API const proxymanager_entry *proxymanager_answer_entry(
     const proxymanager_answer *answer, size_t index);
 

@@ -193,9 +193,10 @@ class Watch {
   Watch(Watch&& other) noexcept
       : mClient(other.mClient), mId(std::exchange(other.mId, 0)), mTold(std::move(other.mTold)) {}
   Watch& operator=(Watch&& other) noexcept {
-    std::swap(mClient, other.mClient);
-    std::swap(mId, other.mId);
-    std::swap(mTold, other.mTold);
+    Watch taken(std::move(other));  // ends what this was
+    std::swap(mClient, taken.mClient);
+    std::swap(mId, taken.mId);
+    std::swap(mTold, taken.mTold);
     return *this;
   }
   ~Watch() {
