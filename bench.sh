@@ -10,7 +10,8 @@ usage: ./bench.sh [options]
 Installs what is missing, builds the daemon and the benchmarks, and prints
 
   - whole answers over a private message bus, each as a ratio to those of an echo service that gives
-    the same answer, taken in turn in one run, with a reader on /dev/log throughout
+    the same answer, taken in turn in one run, with a reader on /dev/log throughout; again with all of
+    them on one processor
   - how the answers' cost grows with the number of clients, start, a new script, memory, wake-ups
   - the parts: the cache, the parsing of results, public suffixes, evaluation and its sandbox, with
     the order in which their cost grows
@@ -18,7 +19,8 @@ Installs what is missing, builds the daemon and the benchmarks, and prints
 Needs root, for a mount namespace in which the daemon's fixed paths are its own. A busy machine gives
 other figures; the ratios bear that better than the rest.
 
-  --json DIR   write the figures there, as whole_answers.json, parts.json and pac_engine.json
+  --json DIR   write the figures there, as whole_answers.json, whole_answers_one_cpu.json, parts.json
+               and pac_engine.json
                (default: build/bench)
   --quick      fewer rounds, for a look
   --build DIR  build there (default: build/bench)
@@ -70,6 +72,11 @@ cmake --build "$build" -j "$jobs"
 step "Whole answers"
 PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/whole_answers.py" "--build=$build" \
   "--json=$json/whole_answers.json" "${whole[@]}"
+step "Whole answers, all programs on one processor"
+# Nothing is hidden by another processor, and nobody moves: what is left is what is worked.
+PYTHONDONTWRITEBYTECODE=1 taskset --cpu-list 0 /usr/bin/python3 \
+  "$top/bench/whole/whole_answers.py" "--build=$build" --only cases \
+  "--json=$json/whole_answers_one_cpu.json" "${whole[@]}"
 step "Parts"
 parts parts "${part[@]}"
 parts pac_engine "${part[@]}"
