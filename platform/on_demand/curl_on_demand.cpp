@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr const char* kLibrary = "libcurl.so.4";
-
 struct Functions {
   decltype(&::curl_global_init) globalInit;
   decltype(&::curl_easy_init) easyInit;
@@ -65,6 +63,11 @@ CURL* curl_easy_init() {
   return curl() ? curl()->easyInit() : nullptr;
 }
 
+// The two functions are declared so by the library: an enumeration of unsigned int comes last,
+// which is passed as it is.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wvarargs"
+
 // A handle is there only where the library is. Each option of this tree is a long or a pointer, and
 // both fit in a pointer; none is a curl_off_t.
 CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
@@ -87,6 +90,8 @@ CURLcode curl_easy_getinfo(CURL* handle, CURLINFO info, ...) {
   va_end(arguments);
   return curl()->easyGetinfo(handle, info, value);
 }
+
+#pragma GCC diagnostic pop
 
 void curl_easy_cleanup(CURL* handle) {
   if (curl()) curl()->easyCleanup(handle);
