@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/no_world.h"
 #include "bench/scripts.h"
 #include "platform/pac_engine/pac.h"
 #include "platform/pac_engine/pac_engine.h"
@@ -46,20 +47,9 @@ class OneCpu {
   cpu_set_t mBefore{};
 };
 
-class NoWorld : public pac_worker::PacEnvironment {
- public:
-  std::vector<std::string> resolve(std::string_view, pac_worker::AddressFamily) override {
-    return {};
-  }
-  std::vector<std::string> ownAddresses(pac_worker::AddressFamily) override { return {}; }
-  std::int64_t now() override { return 0; }
-  std::tm brokenDown(std::int64_t, bool) override { return {}; }
-  void alert(std::string_view) override {}
-};
-
 void inProcess(benchmark::State& state, const std::string& script) {
   const OneCpu bound;
-  NoWorld world;
+  bench::NoWorld world;
   pac_worker::ScriptEngine engine(world);
   if (engine.load(script)) return state.SkipWithError("refused");
   for (auto _ : state) benchmark::DoNotOptimize(engine.evaluate(kUrl, kHost).result);

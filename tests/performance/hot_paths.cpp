@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/no_world.h"
 #include "bench/scripts.h"
 #include "pac/pac_parser.h"
 #include "platform/log/log_line.h"
@@ -61,17 +62,7 @@ Path cleanedRequest() {
 
 /// What the worker does: engine and helpers.
 Path evaluation() {
-  class NoWorld : public pac_worker::PacEnvironment {
-   public:
-    std::vector<std::string> resolve(std::string_view, pac_worker::AddressFamily) override {
-      return {};
-    }
-    std::vector<std::string> ownAddresses(pac_worker::AddressFamily) override { return {}; }
-    std::int64_t now() override { return 0; }
-    std::tm brokenDown(std::int64_t, bool) override { return {}; }
-    void alert(std::string_view) override {}
-  };
-  const auto world = std::make_shared<NoWorld>();
+  const auto world = std::make_shared<bench::NoWorld>();
   const auto engine = std::make_shared<pac_worker::ScriptEngine>(*world);
   if (engine->load(bench::rulesScript(kRules))) std::abort();
   return [world, engine](int) {

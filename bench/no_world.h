@@ -1,0 +1,25 @@
+// What a script may ask about the device, for measuring: there is nothing to tell.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/pac_engine/worker/script_engine.h"
+
+namespace bench {
+
+class NoWorld : public pac_worker::PacEnvironment {
+ public:
+  std::vector<std::string> resolve(std::string_view, pac_worker::AddressFamily) override {
+    return {};
+  }
+  std::vector<std::string> ownAddresses(pac_worker::AddressFamily) override { return {}; }
+  std::int64_t now() override { return 0; }
+  std::tm brokenDown(std::int64_t, bool) override { return {}; }
+  void alert(std::string_view) override {}
+};
+
+}  // namespace bench
