@@ -2,6 +2,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "tests/unit/client_library/library_test.h"
 
@@ -257,6 +258,20 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
   EXPECT_EQ(changes.all(), List{kCame});
   EXPECT_EQ(others.all(), List{});
   EXPECT_EQ(seen, 7);
+}
+
+TEST_F(FollowingTest, AWatchThatIsAssignedOverEnds) {
+  Changes others;
+  auto first = watch(changes);
+  auto second = watch(others);
+  EXPECT_EQ(changes.waitFor(1), List{kCame});
+  EXPECT_EQ(others.waitFor(1), List{kCame});
+  first = std::move(second);
+  EXPECT_TRUE(first);
+  EXPECT_FALSE(second);
+  daemon.clear();
+  EXPECT_EQ(others.waitFor(2), (List{kCame, kChanged}));
+  EXPECT_EQ(changes.all(), List{kCame});  // it would have been told before
 }
 
 TEST_F(FollowingTest, AsManyWatchesAsAreAllowedAndNoMore) {
