@@ -23,6 +23,7 @@ sys.path.insert(0, os.path.join(TREE, "tests/integration"))
 from support.bus import ADDRESS, NAME, Bus, Client, wait_until  # noqa: E402
 from support.daemon import Daemon  # noqa: E402
 from support.own_root import own_root  # noqa: E402
+from support.threads import thread_statuses  # noqa: E402
 from support.web import Web  # noqa: E402
 
 sys.path.insert(0, os.path.join(TREE, "bench"))
@@ -190,12 +191,8 @@ def memory(build, web):
 
 def sleeps(pid):
     """How often the threads of the process went to sleep until now, by thread."""
-    counts = {}
-    for task in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{task}/status") as status:
-            fields = dict(line.split(":", 1) for line in status)
-        counts[task] = (fields["Name"].strip(), int(fields["voluntary_ctxt_switches"]))
-    return counts
+    return {thread: (status["Name"], int(status["voluntary_ctxt_switches"]))
+            for thread, status in thread_statuses(pid).items()}
 
 
 def wake_ups(build, web):

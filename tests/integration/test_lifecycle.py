@@ -10,6 +10,7 @@ from conftest import make_watched_files, trace
 from support.bus import NAME, Client, shortest, wait_until
 from support.daemon import Daemon
 from support.syslog_socket import DEBUG, ERR, INFO, NOTICE
+from support.threads import thread_names, thread_statuses
 
 
 def test_the_lines_of_a_start_come_in_order(daemon, syslog):
@@ -78,14 +79,6 @@ def test_killed_it_starts_again(daemon, build, syslog):
     again.close()
 
 
-def thread_names(pid):
-    names = []
-    for task in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{task}/comm") as comm:
-            names.append(comm.read().strip())
-    return names
-
-
 def shortest_stop(daemons, limit, sanitizer, before):
     """How long the last daemon takes to end, or another one that `before` starts in its place."""
     def stop():
@@ -121,12 +114,8 @@ def test_before_the_first_configuration_it_is_gone_within_three_seconds(daemon, 
 
 def blocked_by_thread(pid, signals):
     """Which of `signals`, a mask, each thread blocks, by its number."""
-    blocked = {}
-    for task in os.listdir(f"/proc/{pid}/task"):
-        with open(f"/proc/{pid}/task/{task}/status") as status:
-            fields = dict(line.split(":", 1) for line in status)
-        blocked[int(task)] = int(fields["SigBlk"], 16) & signals
-    return blocked
+    return {thread: int(status["SigBlk"], 16) & signals
+            for thread, status in thread_statuses(pid).items()}
 
 
 def test_the_two_signals_reach_the_main_thread_alone(daemon, client, web):
@@ -264,11 +253,8 @@ def test_an_idle_daemon_is_not_woken(daemon, client, sanitizer):
     client.update("off")
 
     def switches():
-        total = 0
-        for task in os.listdir(f"/proc/{daemon.pid}/task"):
-            with open(f"/proc/{daemon.pid}/task/{task}/status") as status:
-                total += sum(int(line.split()[1]) for line in status if "ctxt_switches" in line)
-        return total
+        return sum(int(value) for status in thread_statuses(daemon.pid).values()
+                   for field, value in status.items() if field.endswith("ctxt_switches"))
 
     wait_until(lambda: "pm-announce" not in thread_names(daemon.pid), "announcing has ended")
     before = switches()

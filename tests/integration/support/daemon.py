@@ -5,6 +5,7 @@ import signal
 import subprocess
 
 from .bus import ADDRESS, LIMIT, Client, wait_until
+from .threads import of_threads
 
 START_LIMIT = 60.0  # a sanitizer build on a busy machine
 # A download in flight is waited for.
@@ -81,11 +82,5 @@ class Daemon:
 
     def children(self):
         """Pids of the workers that live."""
-        found = []
-        for task in os.listdir(f"/proc/{self.pid}/task"):
-            try:
-                with open(f"/proc/{self.pid}/task/{task}/children") as children:
-                    found += [int(pid) for pid in children.read().split()]
-            except FileNotFoundError:
-                pass
-        return found
+        return [int(pid) for text in of_threads(self.pid, "children").values()
+                for pid in text.split()]

@@ -1,0 +1,26 @@
+"""What the kernel tells of a process's threads, any of which may end while it is asked."""
+
+import os
+
+
+def of_threads(pid, file):
+    """{thread: text of its `file`} of those threads that live."""
+    texts = {}
+    for thread in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{thread}/{file}") as text:
+                texts[int(thread)] = text.read()
+        except (FileNotFoundError, ProcessLookupError):
+            pass  # it ended after the listing, or after the opening
+    return texts
+
+
+def thread_names(pid):
+    return [text.strip() for text in of_threads(pid, "comm").values()]
+
+
+def thread_statuses(pid):
+    """{thread: {field: value}}, as its `status` has them."""
+    return {thread: {field: value.strip() for field, value in
+                     (line.split(":", 1) for line in text.splitlines())}
+            for thread, text in of_threads(pid, "status").items()}
