@@ -1,0 +1,278 @@
+// What the client's own thread does, in circles: takes a message, calls who is to be called, sends
+// what is to be asked, and sleeps. The rest of the client is in client.cpp.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <new>
+#include <utility>
+
+#include "client/library/client.h"
+
+namespace client::library {
+
+namespace {
+
+constexpr const char* kThreadName = "pm-client";
+
+/// Milliseconds for poll(), rounded up; -1 for no end.
+int untilPollEnds(std::optional<Clock::time_point> end) {
+  if (!end) return -1;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now()).count();
+  return static_cast<int>(std::clamp<std::int64_t>(left, 0, INT_MAX));
+}
+
+}  // namespace
+
+void* Client::threadMain(void* client) {
+  pthread_setname_np(pthread_self(), kThreadName);
+  static_cast<Client*>(client)->run();
+  return nullptr;
+}
+
+void Client::run() {
+  for (;;) {
+    const bool mayBeMore = handleBus();
+    if (mChange) tellWatches(*std::exchange(mChange, std::nullopt));
+    tellNewWatches();
+    deliver();
+    if (!prepare()) return;
+    wait(mayBeMore);
+  }
+}
+
+/// Makes ready what the next wait is for. @return false where the client ends
+bool Client::prepare() {
+  const auto now = Clock::now();
+  bool isAsked = false;
+  bool isWatched = false;
+  {
+    const Lock lock(mMutex);
+    if (mIsEnding) return false;
+    expire(now);
+    isAsked = !mCalls.empty();
+    isWatched = !mWatches.empty();
+  }
+  if (mLink && !mLink->isReady() && now >= mLinkEnd) {
+    lose(failedConnecting(ETIMEDOUT));
+    isAsked = false;
+  }
+  if (!mLink && (isAsked || (isWatched && now >= mRetryAt))) connect(now);
+  mIsConnected = mLink && mLink->isReady();
+  if (mIsConnected) send();
+  return true;
+}
+
+void Client::expire(Clock::time_point now) {
+  for (auto call = mCalls.begin(); call != mCalls.end();) {
+    for (auto asked = call->questions.begin(); asked != call->questions.end();) {
+      const auto question = asked++;
+      if (question->waiter != nullptr || question->end > now) continue;
+      question->outcome = tooSlow(mIsConnected);
+      mEnded.splice(mEnded.end(), call->questions, question);
+    }
+    const auto looked = call++;
+    if (looked->questions.empty() && !looked->isSent()) mCalls.erase(looked);
+  }
+}
+
+void Client::connect(Clock::time_point now) {
+  mIsOwnerKnown = false;
+  mLinkEnd = now + kConnectLimit;
+  mLink.emplace(mMayStart, *this);
+  if (const int error = mLink->open(mAddress.c_str()); error != 0) {
+    lose(failedConnecting(error));
+  }
+}
+
+/// As many as may be under way at once.
+void Client::send() {
+  const Lock lock(mMutex);
+  auto underWay =
+      std::count_if(mCalls.begin(), mCalls.end(), [](const Call& call) { return call.isSent(); });
+  for (auto call = mCalls.begin(); call != mCalls.end();) {
+    const auto next = std::next(call);
+    if (underWay >= static_cast<std::ptrdiff_t>(kMaxCalls)) return;
+    if (!call->isSent()) {
+      call->generation = mGeneration;
+      if (const int error = mLink->send(call->url, *call); error == 0) {
+        ++underWay;
+      } else {
+        end(call->questions, failedSending(error));
+        mCalls.erase(call);
+      }
+    }
+    call = next;
+  }
+}
+
+/// Takes one message, so that no flood of them hides the rest. @return whether there may be more
+bool Client::handleBus() {
+  if (!mLink) return false;
+  const bool wasReady = mLink->isReady();
+  const int result = mLink->process();
+  if (result < 0) {
+    lose(wasReady ? failedAnswer(kDisconnected, "") : failedConnecting(-result));
+    return false;
+  }
+  return result > 0;
+}
+
+void Client::lose(const Outcome& outcome) {
+  mBusFd = -1;
+  forget(true);
+  endAll(outcome);
+  mLink.reset();
+  mRetryAt = Clock::now() + mPause;
+  mPause = std::min(mPause * 2, kLongestPause);
+  setPresence(Presence::kGone);
+}
+
+void Client::wait(bool mayBeMore) {
+  std::array<pollfd, 2> polled{{{mWakeFd, POLLIN, 0}, {-1, 0, 0}}};
+  if (mLink) {
+    polled[1] = mLink->polled();
+    mBusFd = polled[1].fd;
+  }
+  const int limit = mayBeMore || mChange ? 0 : untilPollEnds(wakeAt());
+  if (poll(polled.data(), polled.size(), limit) > 0 && polled[0].revents != 0) {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const auto taken = read(mWakeFd, &count, sizeof count);
+  }
+}
+
+std::optional<Clock::time_point> Client::wakeAt() {
+  auto at = Clock::time_point::max();
+  if (mLink) at = mLink->wakeAt().value_or(at);
+  if (mLink && !mLink->isReady()) at = std::min(at, mLinkEnd);
+  const Lock lock(mMutex);
+  if (!mLink && !mWatches.empty()) at = std::min(at, mRetryAt);
+  if (!mEnded.empty()) at = Clock::now();
+  for (const auto& call : mCalls) {
+    for (const auto& question : call.questions) {
+      if (question.waiter == nullptr) at = std::min(at, question.end);
+    }
+  }
+  if (at == Clock::time_point::max()) return std::nullopt;
+  return at;
+}
+
+/// Ends them all alike. Those with a callback are left for deliver().
+void Client::end(Questions& questions, const Outcome& outcome) {
+  for (auto asked = questions.begin(); asked != questions.end();) {
+    const auto question = asked++;
+    if (question->waiter == nullptr) {
+      question->outcome = outcome;
+      mEnded.splice(mEnded.end(), questions, question);
+      continue;
+    }
+    auto& waiter = *question->waiter;
+    questions.erase(question);
+    --mQuestionCount;
+    waiter.outcome = outcome;
+    waiter.isEnded = true;
+    waiter.ended.notify_one();  // under the mutex: the waiter goes with it
+  }
+}
+
+void Client::endAll(const Outcome& outcome) {
+  const Lock lock(mMutex);
+  for (auto& call : mCalls) end(call.questions, outcome);
+  mCalls.clear();
+}
+
+void Client::deliver() {
+  for (;;) {
+    Questions one;
+    {
+      const Lock lock(mMutex);
+      if (mEnded.empty()) return;
+      one.splice(one.begin(), mEnded, mEnded.begin());
+      --mQuestionCount;
+    }
+    auto& question = one.front();
+    setLastFailure(question.outcome);
+    question.callback(question.outcome.status, question.outcome.answer.release(), question.context);
+  }
+}
+
+/// @param isOfNewKind whether what is being asked may be answered as before the change
+void Client::forget(bool isOfNewKind) {
+  const Lock lock(mMutex);
+  mRemembered.clear();
+  if (isOfNewKind) ++mGeneration;
+}
+
+void Client::setPresence(Presence presence) {
+  const auto before = std::exchange(mPresence, presence);
+  if (presence == Presence::kThere) {
+    mChange = PROXYMANAGER_DAEMON_CAME;
+  } else if (before != Presence::kGone) {
+    mChange = PROXYMANAGER_DAEMON_WENT;
+  }
+}
+
+void Client::tellNewWatches() {
+  if (mPresence == Presence::kUnknown) return;
+  tell(mPresence == Presence::kThere ? PROXYMANAGER_DAEMON_CAME : PROXYMANAGER_DAEMON_WENT, true);
+}
+
+void Client::tellWatches(proxymanager_change change) {
+  tell(change, false);
+}
+
+/// Calls the watches that have been told nothing yet, or the others. One that comes meanwhile is
+/// left for the next time.
+void Client::tell(proxymanager_change change, bool isFirst) {
+  proxymanager_id last = 0;
+  for (;;) {
+    Watch watch{};
+    {
+      const Lock lock(mMutex);
+      const auto next = std::find_if(mWatches.begin(), mWatches.end(), [&](const Watch& other) {
+        return other.id > last && other.isTold != isFirst;
+      });
+      if (next == mWatches.end() || mIsEnding) return;
+      next->isTold = true;
+      watch = *next;
+      mRunningWatch = watch.id;
+    }
+    last = watch.id;
+    watch.callback(change, watch.context);
+    const Lock lock(mMutex);
+    mRunningWatch = 0;
+    mWatchReturned.notify_all();
+  }
+}
+
+// --- told by the link, on the client's thread ---
+
+void Client::replied(BusLink::Asked& asked, const Outcome& outcome, bool isOwners) noexcept {
+  auto& call = static_cast<Call&>(asked);
+  const Lock lock(mMutex);
+  if (outcome.answer && isOwners && call.generation == mGeneration &&
+      !outcome.answer->entries().empty()) {
+    try {
+      mRemembered.add(call.url, outcome.answer);
+    } catch (const std::bad_alloc&) {  // it is asked for again, then
+    }
+  }
+  end(call.questions, outcome);
+  mCalls.remove_if([&](const Call& other) { return &other == &call; });
+}
+
+void Client::answersChanged() noexcept {
+  forget(true);
+  mChange = PROXYMANAGER_ANSWERS_CHANGED;
+}
+
+void Client::ownerChanged(bool isThere) noexcept {
+  // Until now nobody was there to answer, or nothing has been asked on this link before its owner.
+  const bool isNews = std::exchange(mIsOwnerKnown, true) && mPresence == Presence::kThere;
+  forget(isNews);
+  mPause = kFirstPause;
+  setPresence(isThere ? Presence::kThere : Presence::kGone);
+}
+
+}  // namespace client::library
