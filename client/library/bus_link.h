@@ -1,9 +1,10 @@
 // One connection to the message bus, as the client's thread uses it: asks, follows the daemon's
 // coming and going and its word that answers have changed, and believes the daemon alone.
 //
-// Nothing here waits: the thread polls the descriptor. What ends the connection ends the link, and
-// the client makes another one. The bus keeps nobody from sending a signal to one connection alone,
-// so a signal counts only where its sender has the daemon's name.
+// Nothing here waits, or looks at a clock: the thread polls the descriptor, and gives a bus up that
+// is silent. What ends the connection ends the link, and the client makes another one. The bus
+// keeps nobody from sending a signal to one connection alone, so a signal counts only where its
+// sender has the daemon's name.
 #pragma once
 
 #include <poll.h>
@@ -62,6 +63,9 @@ class BusLink {
   /// Whether questions can be sent.
   bool isReady() const { return mIsReady; }
 
+  /// Whether the bus has answered all that the link asks of it by itself, be it with an error.
+  bool isSettled() const { return mAnswered == kOwnCalls; }
+
   /// Takes what has arrived, one message at most. @return above 0 where there may be more, 0 where
   /// there is none, else a negative errno: the connection is not made, or ended
   int process();
@@ -86,13 +90,15 @@ class BusLink {
   int follow();
   void setOwner(const char* owner);
   bool isOwners(sd_bus_message* message) const;
-  void noteSilence(sd_bus_message* message);
+
+  /// Two rules, and who has the daemon's name.
+  static constexpr int kOwnCalls = 3;
 
   bool mMayStart;
   Listener& mListener;
   std::unique_ptr<sd_bus, BusCloser> mBus;
   bool mIsReady = false;
-  bool mIsDeaf = false;               ///< the bus did not answer the link itself in time
+  int mAnswered = 0;                  ///< how many of its own calls
   int mMatches = 0;                   ///< how many of the rules the bus has taken
   std::optional<std::string> mOwner;  ///< unique name of the daemon; empty where it does not run
 };

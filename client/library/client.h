@@ -45,8 +45,9 @@ inline constexpr std::size_t kMaxRememberedBytes = 512UL * 1024;
 /// The daemon answers one after the other; the further questions wait here.
 inline constexpr std::size_t kMaxCalls = 64;
 
-/// How long a connection may take to be made: the bus is on this machine.
-inline constexpr std::chrono::seconds kConnectLimit{10};
+/// How long the bus may say nothing while a connection is made: it is on this machine, and a silent
+/// one is an error.
+inline constexpr std::chrono::seconds kSilenceLimit{10};
 
 /// How long a lost bus is left alone before a client with a watch looks for it again: first, and
 /// at most, doubled each time.
@@ -170,7 +171,7 @@ class Client final : public BusLink::Listener {
 
   // The client's thread alone.
   std::optional<BusLink> mLink;
-  Clock::time_point mLinkEnd;  ///< when it must be ready
+  Clock::time_point mLinkEnd;  ///< when it is given up, unless it is settled by then
   bool mIsOwnerKnown = false;  ///< on this link
   Clock::time_point mRetryAt;
   std::chrono::milliseconds mPause{kFirstPause};

@@ -54,10 +54,6 @@ bool Client::prepare() {
     isAsked = !mCalls.empty();
     isWatched = !mWatches.empty();
   }
-  if (mLink && !mLink->isReady() && now >= mLinkEnd) {
-    lose(failedConnecting(ETIMEDOUT));
-    isAsked = false;
-  }
   if (!mLink && (isAsked || (isWatched && now >= mRetryAt))) connect(now);
   mIsConnected = mLink && mLink->isReady();
   if (mIsConnected) send();
@@ -79,7 +75,7 @@ void Client::expire(Clock::time_point now) {
 
 void Client::connect(Clock::time_point now) {
   mIsOwnerKnown = false;
-  mLinkEnd = now + kConnectLimit;
+  mLinkEnd = now + kSilenceLimit;
   mLink.emplace(mMayStart, *this);
   if (const int error = mLink->open(mAddress.c_str()); error != 0) {
     lose(failedConnecting(error));
@@ -116,6 +112,14 @@ bool Client::handleBus() {
     lose(wasReady ? failedAnswer(kDisconnected, "") : failedConnecting(-result));
     return false;
   }
+  if (mLink->isSettled()) return result > 0;
+  // Looked at behind what there was to read: what keeps this thread busy is not the bus's silence.
+  const auto now = Clock::now();
+  if (result > 0) {
+    mLinkEnd = now + kSilenceLimit;
+  } else if (now >= mLinkEnd) {
+    lose(failedConnecting(ETIMEDOUT));
+  }
   return result > 0;
 }
 
@@ -145,7 +149,7 @@ void Client::wait(bool mayBeMore) {
 std::optional<Clock::time_point> Client::wakeAt() {
   auto at = Clock::time_point::max();
   if (mLink) at = mLink->wakeAt().value_or(at);
-  if (mLink && !mLink->isReady()) at = std::min(at, mLinkEnd);
+  if (mLink && !mLink->isSettled()) at = std::min(at, mLinkEnd);
   const Lock lock(mMutex);
   if (!mLink && !mWatches.empty()) at = std::min(at, mRetryAt);
   if (!mEnded.empty()) at = Clock::now();

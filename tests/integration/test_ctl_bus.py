@@ -19,6 +19,7 @@ from support.bus import ADDRESS, INTERFACE, NAME, PATH, Bus, Client, wait_until
 from support.ctl import (ANSWERED, BAD_DATA, DENIED, LIMIT, NO_ANSWER, NO_INPUT, OUTPUT, PROTOCOL,
                          TRY_AGAIN, UNAVAILABLE, USAGE, Ctl)
 from support.daemon import Daemon
+from support.deaf_bus import DeafBus
 from support.web import Held, script
 
 PAC_FILE = "/tmp/proxymanager.pac"
@@ -626,6 +627,16 @@ def test_a_bus_that_does_not_answer_is_told_in_one_line(ctl, root):
             assert name != "status" or rows(output)["running"] == f"unknown: {line}"
 
 
+@pytest.mark.slow  # 10 s, and no more
+def test_a_bus_that_greets_and_then_does_not_answer_is_told_in_one_line(ctl, root):
+    bus = DeafBus("/run/test_bus")
+    call = ctl.start("get", "--timeout", "60", "http://a/")
+    bus.accept(last="Hello")
+    assert call.end() == (TRY_AGAIN, f"proxymanagerctl: the message bus at {ADDRESS} does not "
+                          "answer; try again, or start it anew\n")
+    bus.close()
+
+
 def test_a_slow_answer_is_told_in_one_line(ctl, daemon):
     daemon.signal(signal.SIGSTOP)
     slow = "proxymanagerd has not answered within 0.1 s, maybe as it waits for a download; "
@@ -750,6 +761,9 @@ def test_somebody_else_with_the_daemons_name_is_told_in_one_line(ctl, stand_in):
     for name, arguments in commands("status", "watch"):
         assert said(ctl(name, *arguments)) == (
             PROTOCOL, line.format("its reply has another form")), name
+    # The bus passes such a character on, and the library of who asks does not take it.
+    stand_in(getProxyurl=("as", (["manual", "http://p:1", "http://\ufffe:2"],)))
+    assert said(ctl("get", "http://a/")) == (PROTOCOL, line.format("its reply has another form"))
     unknown = "org.freedesktop.DBus.Error.UnknownMethod"
     stand_in(getProxyurl=unknown, getProxyconfig=unknown, updateProxyconfig=unknown)
     for name, arguments in commands("status", "watch"):

@@ -20,10 +20,10 @@ import measure
 import pytest
 from abuser import CONNECTIONS, Abuse, Abuser, call
 from conftest import make_watched_files, trace
-from deaf_bus import DeafBus
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
 from support.bus import ADDRESS, Bus, BusError, Client, wait_until
 from support.daemon import Daemon
+from support.deaf_bus import DeafBus
 from support.web import Web, script
 
 GROWTH = 1024  # KiB; what the daemon alone has written is 1.7 MiB at rest

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <initializer_list>
+#include <latch>
+#include <thread>
 #include <utility>
 
 #include "tests/unit/client_library/library_test.h"
@@ -17,6 +19,9 @@ using std::chrono::milliseconds;
 namespace {
 
 constexpr const char* kErrors = "org.freedesktop.DBus.Error.";
+
+/// After so long without a word the bus is given up while a connection is made.
+constexpr std::chrono::seconds kBusIsSilent{10};
 
 class AskingTest : public LibraryTest {};
 
@@ -249,6 +254,23 @@ TEST(AskingWithoutABusTest, ABusThatDoesNotAnswerCostsNoMoreThanTheLimit) {
   EXPECT_EQ(errors.waitFor(1)[0], ETIMEDOUT);
   bus.goOn();
   EXPECT_EQ(client.get(kUrl, kLong).status(), Status::noDaemon);
+}
+
+TEST(AskingWithoutABusTest, ACallbackMayTakeLongerThanTheBusWhileAConnectionIsMade) {
+  PrivateBus bus;
+  StandInDaemon daemon;
+  bus.pause();
+  Answers answers;
+  std::latch called(1);
+  Client client;
+  client.getAsync(kUrl, kLong, [&](Answer answer) { answers.add(std::move(answer)); });
+  client.getAsync(kUrl + "other", milliseconds(20), [&](const Answer&) {
+    called.count_down();
+    std::this_thread::sleep_for(kBusIsSilent + milliseconds(500));
+  });
+  called.wait();
+  bus.goOn();
+  EXPECT_EQ(answers.waitFor(1)[0].status(), Status::ok);
 }
 
 TEST(AskingUnderAPolicyTest, IsDenied) {

@@ -1,4 +1,5 @@
-"""A message bus with one guest, the daemon, that asks without end and reads no answer until told to."""
+"""A message bus with one guest, which it greets and then does not answer; it may ask it without end,
+and reads no answer until told to."""
 
 import os
 import socket
@@ -6,13 +7,14 @@ import struct
 import time
 
 from jeepney import HeaderFields, MessageType, Parser, new_error, new_method_return
-from support.bus import LIMIT
+
+from .bus import LIMIT
 
 STANDSTILL = 1.0  # seconds without a byte taken that count as the end of taking
 
 
 class DeafBus:
-    """Listens at `path`; `accept` lets the daemon in, as far as it owns its name."""
+    """Listens at `path`; `accept` lets the guest in, until it has asked for `last` and has it."""
 
     def __init__(self, path="/run/deaf_bus"):
         self.address = f"unix:path={path}"
@@ -23,7 +25,7 @@ class DeafBus:
         self._serial = 0
         self._parser = Parser()
 
-    def accept(self):
+    def accept(self, last="RequestName"):
         self.guest, _ = self._listening.accept()
         self.guest.settimeout(LIMIT)
         self._authenticate()
@@ -34,25 +36,29 @@ class DeafBus:
                 self._reply(call, "s", (":1.1",))
             elif member == "RequestName":
                 self._reply(call, "u", (1,))
-                return
             elif call.header.message_type == MessageType.method_call:
                 self._send(new_error(call, "org.freedesktop.DBus.Error.NotSupported"))
+            if member == last:
+                return
 
     def close(self):
         self.guest.close()
         self._listening.close()
 
     def _authenticate(self):
-        said = b""
+        accepted = b"OK " + os.urandom(16).hex().encode()
+        said, answered = b"", 0
         while b"BEGIN\r\n" not in said:
             data = self.guest.recv(4096)
-            assert data, "the daemon hung up"
+            assert data, "the guest hung up"
             said += data
-            for line in data.split(b"\r\n"):
-                if line.lstrip(b"\0").startswith(b"AUTH EXTERNAL"):
-                    self.guest.sendall(b"OK " + os.urandom(16).hex().encode() + b"\r\n")
-                elif line.startswith(b"NEGOTIATE_UNIX_FD"):
-                    self.guest.sendall(b"ERROR\r\n")
+            lines = said.partition(b"BEGIN\r\n")[0].split(b"\r\n")[:-1]
+            for line in lines[answered:]:
+                self.guest.sendall({
+                    b"\0AUTH EXTERNAL": b"DATA",  # who it is follows
+                    b"DATA": accepted,
+                    b"NEGOTIATE_UNIX_FD": b"ERROR"}.get(line, accepted) + b"\r\n")
+            answered = len(lines)
         self._parser.add_data(said.partition(b"BEGIN\r\n")[2])
 
     def _receive(self):
@@ -61,7 +67,7 @@ class DeafBus:
             if message is not None:
                 return message
             data = self.guest.recv(1 << 20)
-            assert data, "the daemon hung up"
+            assert data, "the guest hung up"
             self._parser.add_data(data)
 
     def _send(self, message):
@@ -72,7 +78,7 @@ class DeafBus:
         self._send(new_method_return(call, signature, body))
 
     def ask(self, template, most):
-        """Sends the call again and again, for as long as the daemon takes any, `most` at most.
+        """Sends the call again and again, for as long as the guest takes any, `most` at most.
 
         Returns how often; the last may be cut, and finish() sends the rest of it."""
         self.guest.setblocking(False)
