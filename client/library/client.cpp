@@ -19,7 +19,7 @@ Outcome only(proxymanager_status status) {
 }  // namespace
 
 Client::Client(std::string address, bool mayStart)
-    : mProcess(getpid()), mAddress(std::move(address)), mMayStart(mayStart) {}
+    : mProcess(ProcessIdentity::current()), mAddress(std::move(address)), mMayStart(mayStart) {}
 
 Client::~Client() {
   std::optional<pthread_t> thread;
@@ -33,7 +33,7 @@ Client::~Client() {
     wake();
     pthread_join(*thread, nullptr);
   }
-  mBusFd = -1;
+  mSocket.forget();
   endAll(only(PROXYMANAGER_CANCELLED));
   deliver();
   mLink.reset();
@@ -41,13 +41,11 @@ Client::~Client() {
 }
 
 bool Client::belongsHere() const {
-  return getpid() == mProcess;
+  return ProcessIdentity::current() == mProcess;
 }
 
 void Client::abandon() {
-  for (auto* const descriptor : {&mWakeFd, &mBusFd}) {
-    if (const int fd = descriptor->exchange(-1); fd >= 0) close(fd);
-  }
+  mSocket.closeCopy();
 }
 
 Outcome Client::get(const char* url, std::chrono::milliseconds limit) {

@@ -9,12 +9,11 @@
 // Questions that are waited for end by the clock of the thread that waits, whatever the client's
 // thread is at; it looks at the limits of the others.
 //
-// After a fork nothing here may be touched in the child but the process that it belongs to, and the
-// descriptors.
+// After a fork nothing here may be touched in the child but which process it belongs to, and the
+// connection's descriptor.
 #pragma once
 
 #include <pthread.h>
-#include <sys/types.h>
 
 #include <array>
 #include <atomic>
@@ -29,7 +28,9 @@
 
 #include "client/library/bus_link.h"
 #include "client/library/include/proxymanager/client.h"
+#include "client/library/noted_socket.h"
 #include "client/library/outcome.h"
+#include "client/library/process_identity.h"
 #include "client/library/remembered_answers.h"
 #include "platform/process/annotations.h"
 
@@ -66,8 +67,9 @@ class Client final : public BusLink::Listener {
 
   /// Whether this process made the client, and did not come by it through fork().
   bool belongsHere() const;
-  /// Closes the descriptors, in a process that came by it through fork(). The rest is left: other
-  /// threads may have been changing it when the process was copied.
+  /// Closes the connection's descriptor, in a process that came by it through fork(), so that the
+  /// connection ends with the parent. The rest is left, memory and what wakes the thread: other
+  /// threads may have been changing it when the process was copied, and nobody outside feels it.
   void abandon();
 
   // As the interface says of the functions by these names. `url` is valid. Throw std::bad_alloc.
@@ -134,6 +136,7 @@ class Client final : public BusLink::Listener {
   bool handleBus();
   void lose(const Outcome& outcome) PM_EXCLUDES(mMutex);
   void wait(bool mayBeMore);
+  void noteSocket(int fd);
   std::optional<Clock::time_point> wakeAt() PM_EXCLUDES(mMutex);
   void end(Questions& questions, const Outcome& outcome) PM_REQUIRES(mMutex);
   void endAll(const Outcome& outcome) PM_EXCLUDES(mMutex);
@@ -148,12 +151,12 @@ class Client final : public BusLink::Listener {
   void answersChanged() noexcept override;
   void ownerChanged(bool isThere) noexcept override;
 
-  const pid_t mProcess;
+  const ProcessIdentity mProcess;
   const std::string mAddress;
   const bool mMayStart;
 
-  std::atomic<int> mWakeFd{-1};  ///< made with the thread
-  std::atomic<int> mBusFd{-1};   ///< the link's, for abandon()
+  int mWakeFd = -1;     ///< an eventfd; made with the thread and under the mutex, never another
+  NotedSocket mSocket;  ///< the link's, for abandon()
   std::atomic<bool> mIsConnected{false};
 
   Mutex mMutex;

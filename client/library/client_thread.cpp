@@ -124,7 +124,7 @@ bool Client::handleBus() {
 }
 
 void Client::lose(const Outcome& outcome) {
-  mBusFd = -1;
+  mSocket.forget();
   forget(true);
   endAll(outcome);
   mLink.reset();
@@ -137,13 +137,18 @@ void Client::wait(bool mayBeMore) {
   std::array<pollfd, 2> polled{{{mWakeFd, POLLIN, 0}, {-1, 0, 0}}};
   if (mLink) {
     polled[1] = mLink->polled();
-    mBusFd = polled[1].fd;
+    noteSocket(polled[1].fd);
   }
   const int limit = mayBeMore || mChange ? 0 : untilPollEnds(wakeAt());
   if (poll(polled.data(), polled.size(), limit) > 0 && polled[0].revents != 0) {
     std::uint64_t count = 0;
     [[maybe_unused]] const auto taken = read(mWakeFd, &count, sizeof count);
   }
+}
+
+/// Until it is ready the link may try one socket after the other, by the same number.
+void Client::noteSocket(int fd) {
+  if (!mLink->isReady() || mSocket.fd() != fd) mSocket.note(fd);
 }
 
 std::optional<Clock::time_point> Client::wakeAt() {

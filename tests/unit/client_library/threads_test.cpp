@@ -1,10 +1,17 @@
 // Many at once, callbacks, ends, and what a client takes of its process.
 #include <dirent.h>
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <latch>
 #include <optional>
 #include <sstream>
@@ -40,6 +47,27 @@ std::string statusOf(int thread, const std::string& field) {
     if (line.starts_with(field + ":\t")) return line.substr(field.size() + 2);
   }
   return {};
+}
+
+/// The numbers of the sockets of this process.
+std::vector<int> sockets() {
+  std::vector<int> found;
+  for (int fd = 0; fd < 256; ++fd) {
+    struct stat about {};
+    if (fstat(fd, &about) == 0 && S_ISSOCK(about.st_mode)) found.push_back(fd);
+  }
+  return found;
+}
+
+/// What the child ends with, that does so much in a copy of this process.
+template <typename Does>
+int inAChild(Does does) {
+  const pid_t child = fork();
+  if (child == 0) _exit(does());
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status)) << status;
+  return WEXITSTATUS(status);
 }
 
 TEST_F(ThreadsTest, EightThreadsAskAtOnce) {
@@ -223,28 +251,23 @@ TEST_F(ThreadsTest, AClientStaysWithTheParentOfAFork) {
   const auto watching = watch(changes);
   ask();
   changes.waitFor(1);
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    int wrong = 0;
+  const auto wrong = [this] {
+    int count = 0;
     auto* const raw = client.raw();
     const auto callback = [](proxymanager_status, proxymanager_answer*, void*) { _exit(99); };
     const auto told = [](proxymanager_change, void*) { _exit(98); };
     proxymanager_answer* answer = nullptr;
     proxymanager_id id = 0;
-    wrong += proxymanager_get(raw, kUrl.c_str(), 0, &answer) != PROXYMANAGER_FORKED;
-    wrong += proxymanager_get_async(raw, "http://b/", 1000, callback, nullptr, nullptr) !=
+    count += proxymanager_get(raw, kUrl.c_str(), 0, &answer) != PROXYMANAGER_FORKED;
+    count += proxymanager_get_async(raw, "http://b/", 1000, callback, nullptr, nullptr) !=
              PROXYMANAGER_FORKED;
-    wrong += proxymanager_watch(raw, told, nullptr, &id) != PROXYMANAGER_FORKED;
-    wrong += proxymanager_cancel(raw, 1) != 0;
+    count += proxymanager_watch(raw, told, nullptr, &id) != PROXYMANAGER_FORKED;
+    count += proxymanager_cancel(raw, 1) != 0;
     proxymanager_unwatch(raw, 1);
     proxymanager_client_free(raw);
-    _exit(wrong);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
+    return count;
+  };
+  EXPECT_EQ(inAChild(wrong), 0);
   // The child left the parent's connection as it was.
   ask(kUrl + "after");
   daemon.clear();
@@ -253,29 +276,55 @@ TEST_F(ThreadsTest, AClientStaysWithTheParentOfAFork) {
 
 TEST_F(ThreadsTest, AChildThatFreesItsCopyDoesNotKeepTheBus) {
   ask();
-  const auto sockets = [] {
-    int count = 0;
-    for (int fd = 0; fd < 256; ++fd) {
-      char target[64] = {};
-      const auto path = "/proc/self/fd/" + std::to_string(fd);
-      if (readlink(path.c_str(), target, sizeof target - 1) > 0 &&
-          std::string_view(target).starts_with("socket:")) {
-        ++count;
-      }
-    }
-    return count;
-  };
-  const pid_t child = fork();
-  if (child == 0) {
-    const int before = sockets();
+  const auto closed = [this] {
+    const auto before = sockets().size();
     proxymanager_client_free(client.raw());
-    _exit(before - sockets());
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 1);
+    return static_cast<int>(before - sockets().size());
+  };
+  EXPECT_EQ(inAChild(closed), 1);
   ask(kUrl + "after");
+}
+
+TEST_F(ThreadsTest, AChildThatFreesItsCopyClosesNothingOfItsOwn) {
+  ask();
+  const auto missing = [this] {
+    // As one does that goes on as a service: closes all, and opens its own by the same numbers.
+    for (const int fd : sockets()) {
+      const int own = fd % 2 == 0 ? socket(AF_UNIX, SOCK_STREAM, 0) : eventfd(0, 0);
+      dup2(own, fd);
+      close(own);
+    }
+    const auto open = [] {
+      const std::filesystem::directory_iterator all("/proc/self/fd");
+      return std::distance(begin(all), end(all));
+    };
+    const auto before = open();
+    proxymanager_client_free(client.raw());
+    return static_cast<int>(before - open());
+  };
+  EXPECT_EQ(inAChild(missing), 0);
+}
+
+TEST(ForkedTest, AChildWithItsParentsPidIsToldApart) {
+  constexpr int kNotAllowed = 77;
+  const auto asFirstOfANamespace = [](auto does) {
+    if (unshare(CLONE_NEWPID) != 0) return kNotAllowed;
+    return inAChild([&] { return getpid() == 1 ? does() : 1; });
+  };
+  const int status = inAChild([&] {
+    return asFirstOfANamespace([&] {
+      const PrivateBus bus;
+      StandInDaemon daemon;
+      const Client client;
+      if (client.get(kUrl, kLong).status() != Status::ok) return 2;
+      return asFirstOfANamespace([&] {
+        const bool isTold = client.get(kUrl, kLong).status() == Status::forked;
+        return isTold ? 0 : 3;
+      });
+    });
+  });
+  if (status == kNotAllowed) std::exit(kNotAllowed);  // as the tests that need other namespaces
+  EXPECT_EQ(status, 0);
 }
 
 }  // namespace

@@ -22,8 +22,9 @@
  * not be cancelled by pthread_cancel().
  *
  * Processes: after fork() a client belongs to the parent. In the child it may be freed and nothing
- * else, which closes its descriptors there and leaves its memory, as the parent's threads may have
- * been changing that; questions there give PROXYMANAGER_FORKED.
+ * else, which closes its connection there and leaves the rest, memory and an eventfd, as the parent's
+ * threads may have been changing that; questions there give PROXYMANAGER_FORKED. A child that closed
+ * all descriptors and opened its own is not harmed.
  *
  * Texts are UTF-8 without NUL, as the bus demands. Nothing here writes to standard output, standard
  * error or syslog, changes a signal's handling or the environment. DBUS_SYSTEM_BUS_ADDRESS names
