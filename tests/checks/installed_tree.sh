@@ -38,6 +38,6 @@ status=0
 namespaces=(--mount)
 [ "$(id -u)" -eq 0 ] || namespaces+=(--map-root-user)
 # shellcheck disable=SC2016  # expanded by the inner shell
-DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere/bus timeout 20 \
+DBUS_SYSTEM_BUS_ADDRESS=unix:path=/nowhere/bus timeout 60 \
   unshare "${namespaces[@]}" sh -c 'mount -t tmpfs tmpfs /run && exec "$0"' "$daemon" || status=$?
 [ "$status" -eq 1 ] || fail "the installed daemon ended with status $status without a bus, not with 1"

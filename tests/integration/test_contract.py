@@ -5,7 +5,7 @@ import xml.etree.ElementTree as ElementTree
 
 import pytest
 from jeepney import HeaderFields, MessageType
-from support.bus import INTERFACE, BusError, Client
+from support.bus import INTERFACE, LIMIT, BusError, Client
 
 XML = os.path.join(os.path.dirname(__file__), "../../dbus/com.zentu.ProxyManagerServiceInterface.xml")
 INVALID_ARGS = "org.freedesktop.DBus.Error.InvalidArgs"
@@ -128,11 +128,11 @@ def test_a_descriptor_in_a_property_harms_nothing(daemon):
     from jeepney.io.blocking import open_dbus_connection
     from support.bus import ADDRESS, NAME, PATH
     with open("/dev/null") as null, \
-            open_dbus_connection(ADDRESS, enable_fds=True, auth_timeout=20) as connection:
+            open_dbus_connection(ADDRESS, enable_fds=True, auth_timeout=LIMIT) as connection:
         address = DBusAddress(PATH, bus_name=NAME, interface="org.freedesktop.DBus.Properties")
         reply = connection.send_and_get_reply(
             new_method_call(address, "Set", "ssv", (INTERFACE, "x", ("h", null.fileno()))),
-            timeout=20)
+            timeout=LIMIT)
         assert reply.header.message_type == MessageType.error
     with Client() as client:
         assert client.check_started()
@@ -153,5 +153,5 @@ def test_text_that_is_not_utf8_ends_the_sender_alone(client):
             message.serialise(serial=4711).replace(b"XXXX", b"\xff\xfe\x80\xc0"))
         with pytest.raises((OSError, TimeoutError)):
             while True:
-                hostile.connection.receive(timeout=20)
+                hostile.connection.receive(timeout=LIMIT)
     assert client.check_started()

@@ -442,20 +442,28 @@ def test_endless_loop_in_a_call_ends_in_time_and_the_next_url_is_answered(ctl):
     def step():
         result = ctl("pac", "eval", "--json", "-", "http://loop/", "http://a/", script=script)
         assert result.status == NO_ANSWER and result.results == [None, "DIRECT"]
-        assert result.json[0]["error"] == "line 1: the time limit of 5000 ms was passed"
+        return result.json[0]["error"]
 
-    assert shortest(6, step) < 6
+    assert said_in_time(step) == "line 1: the time limit of 5000 ms was passed"
 
 
 def test_endless_loop_at_load_is_refused_in_time(ctl):
-    assert shortest(6, lambda: check_refused(ctl)) < 6
+    def step():
+        result = ctl("pac", "check", "-", script="\nfor (;;) {}")
+        assert result.status == REFUSED
+        return result.errors
 
-
-def check_refused(ctl):
-    result = ctl("pac", "check", "-", script="\nfor (;;) {}")
-    assert result.status == REFUSED
     assert re.fullmatch(r"proxymanagerctl: standard input: line \d: the time limit of 5000 ms was "
-                        "passed\n", result.errors)
+                        "passed\n", said_in_time(step))
+
+
+def said_in_time(step):
+    """What `step` gives within 6 s. On a machine that stands still for a moment the worker is ended
+    from outside, and something else is said."""
+    said = []
+    assert shortest(6, lambda: said.append(step()),
+                    is_done=lambda: "the time limit of" in said[-1]) < 6
+    return said[-1]
 
 
 def test_alerts_are_the_only_lines_that_are_logged(ctl, syslog):

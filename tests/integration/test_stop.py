@@ -5,7 +5,7 @@ import threading
 
 import pytest
 from conftest import make_watched_files
-from support.bus import Bus, BusError, Client
+from support.bus import LIMIT, BusError, Client
 from support.daemon import Daemon
 from support.syslog_socket import INFO
 from support.web import Held, script
@@ -26,7 +26,7 @@ def stop_under_load(build, web, times):
         def update():
             try:
                 with Client() as client:
-                    ready.wait(20)
+                    ready.wait(LIMIT)
                     for mode in itertools.cycle(("pacurl", "manual", "wpad", "off")):
                         result = client.update(mode, proxyurl="p:1", pacurl=web.url("/x.pac"))
                         if result not in (0, -1):
@@ -37,7 +37,7 @@ def stop_under_load(build, web, times):
         def ask():
             try:
                 with Client() as client:
-                    ready.wait(20)
+                    ready.wait(LIMIT)
                     while True:
                         urls = client.urls("http://a/")
                         if urls not in ANSWERS:
@@ -55,10 +55,10 @@ def stop_under_load(build, web, times):
         clients = [threading.Thread(target=target) for target in (ask, update, ask, update)]
         for client in clients:
             client.start()
-        ready.wait(20)
+        ready.wait(LIMIT)
         assert daemon.stop() == 0
         for client in clients:
-            client.join(30)
+            client.join(LIMIT)
         daemon.close()
     assert wrong == []
 
@@ -88,5 +88,5 @@ def test_a_download_in_flight_is_waited_for(daemon, client, web, syslog):
     assert client.check_started()
     assert daemon.process.poll() is None
     held.release()
-    stopped.join(30)
+    stopped.join(LIMIT)
     assert daemon.process.returncode == 0

@@ -1,10 +1,15 @@
 """Who the script's worker is where its starter is a root of few privileges."""
 
+import contextlib
 import os
 import subprocess
 
 import pytest
-from support.bus import wait_until
+from support.bus import LIMIT, wait_until
+from support.daemon import lives
+
+
+QUESTIONS = 12  # of 5 s each, which is how long the worker lives
 
 
 def children(pid):
@@ -17,6 +22,21 @@ def field(pid, name):
         return next(line.split(":", 1)[1].split() for line in status if line.startswith(name + ":"))
 
 
+@contextlib.contextmanager
+def asking(build, *wrapper):
+    """The worker of a client that asks a script without end."""
+    client = subprocess.Popen(
+        [*wrapper, os.path.join(build, "out/bin/proxymanagerctl"), "pac", "eval", "/run/loop.pac",
+         *["http://a.example/"] * QUESTIONS], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        wait_until(lambda: children(client.pid), "a worker runs")
+        (worker,) = children(client.pid)
+        yield worker
+    finally:
+        client.kill()
+        client.wait(LIMIT)
+
+
 @pytest.mark.parametrize("without", ["sys_admin", "kill", "sys_admin,-kill"],
                          ids=["namespaces", "kill", "both"])
 def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
@@ -25,24 +45,16 @@ def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
     with open("/run/loop.pac", "w") as file:
         file.write("function FindProxyForURL() { for (;;); }\n")
     # Root's bounding set bounds what it gets at the start of a program.
-    asking = subprocess.Popen(
-        ["setpriv", "--bounding-set", f"-{without}", "--inh-caps", f"-{without}",
-         os.path.join(build, "out/bin/proxymanagerctl"), "pac", "eval", "/run/loop.pac",
-         "http://a.example/"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    try:
-        wait_until(lambda: children(asking.pid), "a worker runs")
-        (worker,) = children(asking.pid)
+    with asking(build, "setpriv", "--bounding-set", f"-{without}", "--inh-caps",
+                f"-{without}") as worker:
         if not sanitizer:  # whose workers have no system call filter
             wait_until(lambda: field(worker, "Seccomp") == ["2"], "its walls stand")
-        wait_until(lambda: "0" not in field(worker, "Uid"), "it is not root", limit=3)
+        wait_until(lambda: "0" not in field(worker, "Uid"), "it is not root")
         assert field(worker, "NoNewPrivs") == ["1"]
-        wait_until(lambda: int(field(worker, "CapEff")[0], 16) == 0, "it has no capability", 3)
+        wait_until(lambda: int(field(worker, "CapEff")[0], 16) == 0, "it has no capability")
         assert int(field(worker, "CapPrm")[0], 16) == 0
-    finally:
-        asking.kill()
-        asking.wait(20)
     # Busy, deaf and perhaps not to be killed, it ends by its own alarm.
-    wait_until(lambda: not os.path.exists(f"/proc/{worker}"), "the worker is gone")
+    wait_until(lambda: not lives(worker), "the worker is gone")
 
 
 @pytest.mark.parametrize("account", [4711, None], ids=["own", "none"])
@@ -57,15 +69,7 @@ def test_the_worker_of_root_is_the_user_proxymanager_else_nobody(build, account)
         file.writelines(others)
     with open("/run/loop.pac", "w") as file:
         file.write("function FindProxyForURL() { for (;;); }\n")
-    asking = subprocess.Popen([os.path.join(build, "out/bin/proxymanagerctl"), "pac", "eval",
-                               "/run/loop.pac", "http://a.example/"], stdout=subprocess.DEVNULL,
-                              stderr=subprocess.DEVNULL)
-    try:
-        wait_until(lambda: children(asking.pid), "a worker runs")
-        (worker,) = children(asking.pid)
-        user, group = (account, account + 1) if account else (65534, 65534)
+    user, group = (account, account + 1) if account else (65534, 65534)
+    with asking(build) as worker:
         wait_until(lambda: field(worker, "Uid") == [str(user)] * 4, "its user")
         assert field(worker, "Gid") == [str(group)] * 4
-    finally:
-        asking.kill()
-        asking.wait(20)

@@ -31,9 +31,11 @@ class Dhclient:
     def release(self):
         # The hooks run before it has noted the lease itself.
         wait_for_text("/run/dhclient.log", "bound to")
+        # Which it says before it writes this anew.
+        wait_for_text("/run/dhclient/pid", "\n")
         subprocess.run(["dhclient", "-4", "-r", *self._FILES, "eth0"], check=True,
                        capture_output=True)
-        self._process.wait(10)
+        self._process.wait(60)
 
     def replug(self, plug):
         self.release()
@@ -102,7 +104,9 @@ class Dhcpcd:
     def _signal(self, number):
         outer = self._process.pid
         with open(f"/proc/{outer}/task/{outer}/children") as children:
-            os.kill(int(children.read()), number)
+            inner = children.read()
+        if inner:  # it may end at any time
+            os.kill(int(inner), number)
 
     def renew(self):
         self._signal(signal.SIGUSR1)

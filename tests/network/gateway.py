@@ -102,8 +102,9 @@ class Gateway:
                 "--dhcp-optsfile=/run/dnsmasq.opts",
                 # Left out: 255 bytes of option 252 fill a small client's packet.
                 "--dhcp-option=option:router", "--dhcp-option=28"])
+        # The options' file last: a later reading of it is of a later change.
         wait_until(lambda: self._dnsmasq.poll() is not None
-                   or (os.path.exists(log) and "started, version" in open(log).read()),
+                   or (os.path.exists(log) and "read /run/dnsmasq.opts" in open(log).read()),
                    "dnsmasq has started")
         assert self._dnsmasq.poll() is None, open(log).read()
 

@@ -17,7 +17,7 @@ import tempfile
 import time
 
 SUITE = "bookworm"
-LIMIT = 60.0  # seconds for anything that starts; a busy machine needs ten
+LIMIT = 180.0  # seconds for anything that starts; a busy machine needs ten
 CLONE_NEWNS, CLONE_NEWNET = 0x00020000, 0x40000000
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _fork = multiprocessing.get_context("fork")
@@ -64,7 +64,7 @@ def _root_archive(folder, packages):
     if not archive.exists():
         made = archive.with_suffix(".new.tar")
         subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", f"--include={include}",
-                        *_apt_options(), SUITE, str(made), *_sources()], check=True)
+                        *_apt_options(), '--aptopt=Acquire::Retries "3"', SUITE, str(made), *_sources()], check=True)
         made.rename(archive)
     return archive
 

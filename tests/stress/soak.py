@@ -28,7 +28,7 @@ from lan import device_network  # noqa: E402
 from oracle import HASTE, Oracle  # noqa: E402
 from pac_server import PacServer  # noqa: E402
 from support.bus import Bus, Client, Signals, wait_until  # noqa: E402
-from support.daemon import Daemon  # noqa: E402
+from support.daemon import Daemon, lives  # noqa: E402
 from support.own_root import own_root  # noqa: E402
 from watched_files import WatchedFiles, prepare  # noqa: E402
 
@@ -236,9 +236,10 @@ class Soak:
         status = self.daemon.stop(STOP_LIMIT)
         if status != 0:
             self.fail(f"the daemon ended with {status}")
-        left = [pid for pid in workers if measure.state(pid) is not None]
-        if left:
-            self.fail(f"workers are left: {left}")
+        try:
+            wait_until(lambda: not any(lives(pid) for pid in workers), "the workers are gone")
+        except AssertionError:
+            self.fail(f"workers are left: {workers}")
         self.oracle.judge()
         return at_end
 

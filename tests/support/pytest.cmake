@@ -21,7 +21,7 @@ function(proxymanager_python_tests label)
       add_test(NAME "${test}" COMMAND "${PROXYMANAGER_PYTHON}" -m pytest -q -p no:cacheprovider
         "--build=${CMAKE_BINARY_DIR}" "--sanitizer=${PROXYMANAGER_SANITIZER}" ${ARGN}
         "${file}::test_${name}")
-      set_tests_properties("${test}" PROPERTIES TIMEOUT 300 LABELS "${labels}"
+      set_tests_properties("${test}" PROPERTIES TIMEOUT 900 LABELS "${labels}"
         SKIP_RETURN_CODE 77 ENVIRONMENT "PYTHONDONTWRITEBYTECODE=1")
       set(labels ${label})
     endforeach()

@@ -1,5 +1,6 @@
 """The built daemon as a process."""
 
+import fcntl
 import os
 import signal
 import subprocess
@@ -81,6 +82,28 @@ class Daemon:
         self.errors.close()
 
     def children(self):
-        """Pids of the workers that live."""
-        return [int(pid) for text in of_threads(self.pid, "children").values()
-                for pid in text.split()]
+        """Pids of the workers that live: one that has ended may wait for the daemon to take notice."""
+        return [pid for text in of_threads(self.pid, "children").values()
+                for pid in map(int, text.split()) if lives(pid)]
+
+
+def lives(pid):
+    """Whether there is such a process, and it has not ended."""
+    try:
+        with open(f"/proc/{pid}/stat") as stat:
+            return stat.read().rpartition(")")[2].split()[0] not in "ZX"
+    except (FileNotFoundError, ProcessLookupError):
+        return False
+
+
+def wait_until_none_runs():
+    """A process that the daemon was about to start when it ended at once shares its run file's lock
+    for a moment."""
+    with open("/run/proxymanagerd.pid", "a") as file:
+        def is_free():
+            try:
+                fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except BlockingIOError:
+                return False
+            return True
+        wait_until(is_free, "the run file is free", START_LIMIT)

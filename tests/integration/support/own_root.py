@@ -5,6 +5,7 @@ The daemon reads and writes fixed paths; here they neither meet nor touch the ma
 
 import contextlib
 import ctypes
+import errno
 import os
 import shutil
 
@@ -51,7 +52,12 @@ def _replace_by_empty(path, options, trees):
 def _fill(trees):
     """Hides no folder before what is taken from it stands in the new one."""
     mount_empty("/mnt", "mode=0755")
-    shutil.copytree("/etc", "/mnt/etc", symlinks=True, ignore_dangling_symlinks=True)
+    try:
+        shutil.copytree("/etc", "/mnt/etc", symlinks=True, ignore_dangling_symlinks=True)
+    except shutil.Error as error:
+        # The machine may take a file away meanwhile.
+        if not all(os.strerror(errno.ENOENT) in why for _, _, why in error.args[0]):
+            raise
     # No test asks the machine's name servers.
     with contextlib.suppress(FileNotFoundError):
         os.remove("/mnt/etc/resolv.conf")

@@ -7,7 +7,7 @@ import threading
 
 ERR, WARNING, NOTICE, INFO, DEBUG = 3, 4, 5, 6, 7
 _LINE = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)\[(\d+)\]: (.*)", re.DOTALL)
-LIMIT = 20.0  # seconds any line is waited for
+LIMIT = 60.0  # seconds any line is waited for
 
 
 class Line(tuple):

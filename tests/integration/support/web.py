@@ -73,7 +73,7 @@ class Web:
         with self._seen:
             return [path for path, _ in self.requests]
 
-    def wait(self, path, times=1, limit=20.0):
+    def wait(self, path, times=1, limit=60.0):
         with self._seen:
             found = self._seen.wait_for(
                 lambda: [seen for seen, _ in self.requests].count(path) >= times, limit)
