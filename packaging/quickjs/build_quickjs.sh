@@ -12,7 +12,8 @@
 # several at once: one builds, the others wait for it.
 #
 # Environment: CC, the compiler (cc); for another architecture AR, its archiver, and
-# PROXYMANAGER_QUICKJS_FLAGS, what the compiler is told besides; PROXYMANAGER_QUICKJS_CACHE, the folder that keeps the result
+# PROXYMANAGER_QUICKJS_FLAGS, what the compiler is told besides; PROXYMANAGER_QUICKJS_CACHE, the folder that
+# keeps the result
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
 set -eu
 
@@ -30,6 +31,7 @@ fail() {
   say "$*"
   exit 1
 }
+. "$(dirname "$0")/../kept_folder.sh"
 
 for tool in apt-get dpkg-source flock make sha256sum xz "${CC:=cc}"; do
   command -v "$tool" >/dev/null || fail "$tool is missing (packages dpkg-dev, gcc, make, xz-utils)"
@@ -38,33 +40,9 @@ done
 cache=${PROXYMANAGER_QUICKJS_CACHE:-${XDG_CACHE_HOME:-${HOME:?}/.cache}/proxymanagerd}
 key=$({ "$CC" --version; "$CC" -dumpmachine; echo "$flags $origin_sha256 $debian_sha256"; } |
   sha256sum | cut -c1-12)
-result="$cache/quickjs-$version-$key"
-if [ -d "$result" ]; then
-  echo "$result"
-  exit 0
-fi
-
-mkdir -p "$cache"
-exec 9>"$cache/.quickjs.lock"
-flock --nonblock 9 || {
-  say "another build is under way, waiting for it"
-  flock 9
-}
-if [ -d "$result" ]; then
-  echo "$result"
-  exit 0
-fi
-
-work=$(mktemp -d)
-staging=$(mktemp -d "$cache/.quickjs-XXXXXX")
-trap 'rm -rf "$work" "$staging"' EXIT
-trap 'exit 1' HUP INT TERM
-# apt downloads as a user of its own, who has to reach the folder.
-chmod 755 "$work"
-mkdir "$work/lists" "$work/cache" "$work/source"
-if [ "$(id -u)" = 0 ] && id _apt >/dev/null 2>&1; then
-  chown _apt "$work/source"
-fi
+kept_folder "$cache" "quickjs-$version" "$key"
+mkdir "$work/lists" "$work/cache"
+folder_for_apt "$work/source"
 
 # Read after the machine's configuration, so proxies and credentials of the machine hold, while its
 # hooks (which refresh other programs' caches) do not run for lists that are not the machine's.
@@ -156,7 +134,4 @@ mkdir -p "$staging/include/quickjs" "$staging/lib/quickjs"
 install -m 644 "$work/tree/quickjs.h" "$staging/include/quickjs/"
 install -m 644 "$work/tree/libquickjs.a" "$staging/lib/quickjs/"
 install -m 644 "$work/tree/LICENSE" "$staging/"
-chmod 755 "$staging"
-mv -T "$staging" "$result"
-say "ready in $result"
-echo "$result"
+keep

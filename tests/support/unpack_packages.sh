@@ -13,30 +13,17 @@ set -eu
 name=$1
 shift
 
+say() { echo "$name: $*" >&2; }
 fail() {
-  echo "unpack_packages.sh: $*" >&2
+  say "$*"
   exit 1
 }
+. "$(dirname "$0")/../../packaging/kept_folder.sh"
 
 cache=${PROXYMANAGER_UNPACKED:-${XDG_CACHE_HOME:-${HOME:?}/.cache}/proxymanagerd}
 key=$({ cat /etc/os-release && dpkg --print-architecture && echo "$@"; } | sha256sum | cut -c1-12)
-result=$cache/$name-$key
-mkdir -p "$cache"
-exec 9>"$cache/.$name.lock"
-flock 9
-if [ -d "$result" ]; then
-  echo "$result"
-  exit 0
-fi
-
-work=$(mktemp -d)
-staging=$(mktemp -d "$cache/.$name-XXXXXX")
-trap 'rm -rf "$work" "$staging"' EXIT
-trap 'exit 1' HUP INT TERM
-# apt downloads as a user of its own, who has to reach the folder.
-chmod 755 "$work"
-mkdir "$work/packages"
-if [ "$(id -u)" = 0 ] && id _apt >/dev/null 2>&1; then chown _apt "$work/packages"; fi
+kept_folder "$cache" "$name" "$key"
+folder_for_apt "$work/packages"
 
 download() {
   (cd "$work/packages" && apt-get -q -o Acquire::Retries=3 download "$@") >"$work/log" 2>&1
@@ -47,6 +34,4 @@ download "$@" || { apt-get -q update >>"$work/log" 2>&1 && download "$@"; } ||
 for package in "$work"/packages/*.deb; do
   dpkg-deb --extract "$package" "$staging" || fail "$package cannot be unpacked"
 done
-chmod 755 "$staging"
-mv -T "$staging" "$result"
-echo "$result"
+keep
