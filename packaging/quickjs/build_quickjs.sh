@@ -12,9 +12,8 @@
 # several at once: one builds, the others wait for it.
 #
 # Environment: CC, the compiler (cc); for another architecture AR, its archiver, and
-# PROXYMANAGER_QUICKJS_FLAGS, what the compiler is told besides; PROXYMANAGER_QUICKJS_CACHE, the folder that
-# keeps the result
-# (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
+# PROXYMANAGER_QUICKJS_FLAGS, what the compiler is told besides; PROXYMANAGER_QUICKJS_CACHE, the
+# folder that keeps the result (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
 set -eu
 
 package=quickjs
