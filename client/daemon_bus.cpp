@@ -86,7 +86,7 @@ DaemonBus::DaemonBus(Limit limit) : mLimit(limit) {
   // Of the calls that the library makes by itself.
   if (result >= 0) result = sd_bus_set_method_call_timeout(bus, microseconds(kBusLimit));
   if (result >= 0) result = sd_bus_start(bus);
-  // The library's own handshake is given 25 s.
+  // The library's own handshake is given 90 s.
   const auto end = Clock::now() + kBusLimit;
   while (result >= 0 && sd_bus_is_ready(bus) == 0) {
     result = sd_bus_process(bus, nullptr);

@@ -32,7 +32,8 @@ constexpr int kRules = 2;
 
 /// No call has a limit of its own on the bus: those who wait for an answer have theirs, and who has
 /// the link knows how long the bus is silent. A timer here would run out while a callback keeps the
-/// thread from reading an answer that came in time.
+/// thread from reading an answer that came in time. The library's 90 s for the greeting cannot be
+/// turned off, nor the bus's own limit for it.
 constexpr std::uint64_t kNoLimit = UINT64_MAX;
 
 using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;

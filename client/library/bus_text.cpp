@@ -18,6 +18,12 @@ std::optional<std::pair<int, std::uint32_t>> sequence(unsigned char first) {
   return std::nullopt;
 }
 
+/// Neither past the last plane, nor a surrogate, nor a noncharacter (Unicode 15, 2.4 and 23.7).
+bool isCharacter(std::uint32_t code) {
+  return code <= 0x10FFFF && (code < 0xD800 || code >= 0xE000) &&
+         (code < 0xFDD0 || code >= 0xFDF0) && (code & 0xFFFEU) != 0xFFFE;
+}
+
 }  // namespace
 
 bool isBusText(std::string_view text) {
@@ -32,7 +38,7 @@ bool isBusText(std::string_view text) {
       if ((next & 0xC0U) != 0x80U) return false;
       code = (code << 6U) | (next & 0x3FU);
     }
-    if (code < rest->second || code > 0x10FFFF || (code >= 0xD800 && code < 0xE000)) return false;
+    if (code < rest->second || !isCharacter(code)) return false;
   }
   return true;
 }

@@ -5,7 +5,8 @@
 
 namespace client {
 
-/// Whether `text` is UTF-8 without NUL, which is all that the bus carries.
+/// Whether `text` is UTF-8 without NUL, which is all that the bus carries, and without Unicode's
+/// noncharacters, which its library does not take.
 bool isBusText(std::string_view text);
 
 }  // namespace client

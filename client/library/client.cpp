@@ -105,7 +105,7 @@ proxymanager_status Client::watch(proxymanager_change_callback callback, void* c
   const Lock lock(mMutex);
   if (mIsEnding) return PROXYMANAGER_CANCELLED;
   if (mWatches.size() >= PROXYMANAGER_MAX_WATCHES) return PROXYMANAGER_BUSY;
-  mWatches.push_back({++mLastId, callback, context, false});
+  mWatches.push_back({++mLastId, callback, context, Watch::State::kNew});
   if (const auto status = startThread(); status != PROXYMANAGER_OK) {
     mWatches.pop_back();
     return status;

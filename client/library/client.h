@@ -110,10 +110,13 @@ class Client final : public BusLink::Listener {
   using Calls = std::list<Call>;
 
   struct Watch {
+    /// Told whether the daemon is there, by a link that it found or that has been looked for since.
+    enum class State { kNew, kLooking, kTold };
+
     proxymanager_id id;
     proxymanager_change_callback callback;
     void* context;
-    bool isTold;  ///< whether the daemon is there
+    State state;
   };
 
   enum class Presence { kUnknown, kThere, kGone };

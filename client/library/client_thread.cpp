@@ -47,14 +47,19 @@ bool Client::prepare() {
   const auto now = Clock::now();
   bool isAsked = false;
   bool isWatched = false;
+  bool isNewlyWatched = false;
   {
     const Lock lock(mMutex);
     if (mIsEnding) return false;
     expire(now);
     isAsked = !mCalls.empty();
     isWatched = !mWatches.empty();
+    isNewlyWatched = std::any_of(mWatches.begin(), mWatches.end(), [](const Watch& watch) {
+      return watch.state == Watch::State::kNew;
+    });
   }
-  if (!mLink && (isAsked || (isWatched && now >= mRetryAt))) connect(now);
+  const bool isNeeded = isAsked || isNewlyWatched || (isWatched && now >= mRetryAt);
+  if (!mLink && isNeeded) connect(now);
   mIsConnected = mLink && mLink->isReady();
   if (mIsConnected) send();
   return true;
@@ -74,6 +79,12 @@ void Client::expire(Clock::time_point now) {
 }
 
 void Client::connect(Clock::time_point now) {
+  {
+    const Lock lock(mMutex);
+    for (auto& watch : mWatches) {
+      if (watch.state == Watch::State::kNew) watch.state = Watch::State::kLooking;
+    }
+  }
   mIsOwnerKnown = false;
   mLinkEnd = now + kSilenceLimit;
   mLink.emplace(mMayStart, *this);
@@ -106,18 +117,18 @@ void Client::send() {
 /// Takes one message, so that no flood of them hides the rest. @return whether there may be more
 bool Client::handleBus() {
   if (!mLink) return false;
-  const bool wasReady = mLink->isReady();
+  const auto looked = Clock::now();
   const int result = mLink->process();
   if (result < 0) {
-    lose(wasReady ? failedAnswer(kDisconnected, "") : failedConnecting(-result));
+    const bool isOver = mLink->isReady() && result != -ENOMEM;
+    lose(isOver ? failedAnswer(kDisconnected, "") : failedConnecting(-result));
     return false;
   }
   if (mLink->isSettled()) return result > 0;
-  // Looked at behind what there was to read: what keeps this thread busy is not the bus's silence.
-  const auto now = Clock::now();
+  // What keeps this thread busy is not the bus's silence: that had nothing to read at its end.
   if (result > 0) {
-    mLinkEnd = now + kSilenceLimit;
-  } else if (now >= mLinkEnd) {
+    mLinkEnd = Clock::now() + kSilenceLimit;
+  } else if (looked >= mLinkEnd) {
     lose(failedConnecting(ETIMEDOUT));
   }
   return result > 0;
@@ -156,7 +167,10 @@ std::optional<Clock::time_point> Client::wakeAt() {
   if (mLink) at = mLink->wakeAt().value_or(at);
   if (mLink && !mLink->isSettled()) at = std::min(at, mLinkEnd);
   const Lock lock(mMutex);
-  if (!mLink && !mWatches.empty()) at = std::min(at, mRetryAt);
+  for (const auto& watch : mWatches) {
+    if (mLink) break;
+    at = std::min(at, watch.state == Watch::State::kLooking ? Clock::now() : mRetryAt);
+  }
   if (!mEnded.empty()) at = Clock::now();
   for (const auto& call : mCalls) {
     for (const auto& question : call.questions) {
@@ -222,8 +236,10 @@ void Client::setPresence(Presence presence) {
   }
 }
 
+/// What was known when a link ended, perhaps long ago, is told to those alone who have looked
+/// again.
 void Client::tellNewWatches() {
-  if (mPresence == Presence::kUnknown) return;
+  if (mPresence == Presence::kUnknown || (mLink && !mIsOwnerKnown)) return;
   tell(mPresence == Presence::kThere ? PROXYMANAGER_DAEMON_CAME : PROXYMANAGER_DAEMON_WENT, true);
 }
 
@@ -240,10 +256,13 @@ void Client::tell(proxymanager_change change, bool isFirst) {
     {
       const Lock lock(mMutex);
       const auto next = std::find_if(mWatches.begin(), mWatches.end(), [&](const Watch& other) {
-        return other.id > last && other.isTold != isFirst;
+        if (other.id <= last) return false;
+        if (!isFirst) return other.state == Watch::State::kTold;
+        return other.state == Watch::State::kLooking ||
+               (other.state == Watch::State::kNew && mLink.has_value());
       });
       if (next == mWatches.end() || mIsEnding) return;
-      next->isTold = true;
+      next->state = Watch::State::kTold;
       watch = *next;
       mRunningWatch = watch.id;
     }

@@ -65,16 +65,19 @@ TEST(ShownTimeTest, BearsTheZonesOffset) {
   EXPECT_EQ(shownTime(0, false), "1969-12-31T20:30:00-03:30");
 }
 
-TEST(IsBusTextTest, IsUtf8WithoutNul) {
+TEST(IsBusTextTest, IsUtf8WithoutNulAndNoncharacters) {
   for (const auto& text : {"", "plain", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80",
-                           "\xf4\x8f\xbf\xbf", "\xed\x9f\xbf", "\xee\x80\x80", "\x7f\x01"}) {
+                           "\xf4\x8f\xbf\xbd", "\xed\x9f\xbf", "\xee\x80\x80", "\x7f\x01",
+                           "\xef\xb7\x8f", "\xef\xb7\xb0", "\xef\xbf\xbd"}) {
     EXPECT_TRUE(isBusText(text)) << text;
   }
   for (const auto& text :
        {std::string(1, '\0'), std::string("\x80"), std::string("\xc0\xaf"), std::string("\xc3"),
         std::string("\xc3("), std::string("\xe0\x9f\xbf"), std::string("\xe2\x82"),
-        std::string("\xed\xa0\x80"), std::string("\xf0\x8f\xbf\xbf"),
-        std::string("\xf4\x90\x80\x80"), std::string("\xf5\x80\x80\x80"), std::string("\xff")}) {
+        std::string("\xed\xa0\x80"), std::string("\xf0\x8f\xbf\xbf"), std::string("\xef\xb7\x90"),
+        std::string("\xef\xb7\xaf"), std::string("\xef\xbf\xbe"), std::string("\xef\xbf\xbf"),
+        std::string("\xf4\x8f\xbf\xbe"), std::string("\xf4\x90\x80\x80"),
+        std::string("\xf5\x80\x80\x80"), std::string("\xff")}) {
     EXPECT_FALSE(isBusText(text)) << text;
   }
 }

@@ -179,7 +179,8 @@ TEST_F(AskingTest, TakesUrlsUpToTheirLimitAndNoOtherTexts) {
   const std::string longest = "http://a/" + std::string(PROXYMANAGER_MAX_URL - 9, 'x');
   ask(longest);
   EXPECT_EQ(daemon.count(longest), 1);
-  for (const auto& url : {longest + "x", std::string("\xFF"), std::string("http://a/\0b", 11)}) {
+  for (const auto& url : {longest + "x", std::string("\xFF"), std::string("http://a/\0b", 11),
+                          std::string("http://a/\xEF\xBF\xBE")}) {
     EXPECT_EQ(client.get(url, kLong).status(), Status::badArgument);
     EXPECT_EQ(client.getAsync(url, kLong, [](const Answer&) { FAIL(); }), Status::badArgument);
   }
@@ -259,6 +260,11 @@ TEST(AskingWithoutABusTest, ABusThatDoesNotAnswerCostsNoMoreThanTheLimit) {
 TEST(AskingWithoutABusTest, ACallbackMayTakeLongerThanTheBusWhileAConnectionIsMade) {
   PrivateBus bus;
   StandInDaemon daemon;
+  // One that the bus has answered is left alone.
+  Changes changes;
+  const Client settled;
+  const auto watching = settled.watch([&](Change change) { changes.add(change); });
+  changes.waitFor(1);
   bus.pause();
   Answers answers;
   std::latch called(1);
@@ -271,6 +277,7 @@ TEST(AskingWithoutABusTest, ACallbackMayTakeLongerThanTheBusWhileAConnectionIsMa
   called.wait();
   bus.goOn();
   EXPECT_EQ(answers.waitFor(1)[0].status(), Status::ok);
+  EXPECT_EQ(changes.all(), std::vector{Change::daemonCame});
 }
 
 TEST(AskingUnderAPolicyTest, IsDenied) {
@@ -289,6 +296,12 @@ TEST(AskingUnderAPolicyTest, WithoutMatchRulesEachQuestionIsAsked) {
   Client client;
   for (int i = 0; i < 2; ++i) EXPECT_EQ(client.get(kUrl, kLong).status(), Status::ok);
   EXPECT_EQ(daemon.count(), 2);
+  // Errors are answers, too, and no silence.
+  Changes changes;
+  const auto watching = client.watch([&](Change change) { changes.add(change); });
+  EXPECT_EQ(changes.waitFor(1), std::vector{Change::daemonCame});
+  std::this_thread::sleep_for(kBusIsSilent + milliseconds(500));
+  EXPECT_EQ(changes.all(), std::vector{Change::daemonCame});
 }
 
 TEST(StartingTest, HasTheBusStartTheDaemonUnlessToldNotTo) {

@@ -170,6 +170,16 @@ TEST_F(FollowingTest, AWatchOfAnAbsentBusIsToldSoAndHearsOfItsComing) {
   EXPECT_EQ(changes.waitFor(2).back(), kCame);
 }
 
+TEST_F(FollowingTest, AWatchOfAClientThatLostTheBusLongAgoLooksForIt) {
+  ask();
+  bus.kill();
+  while (remembers()) std::this_thread::yield();  // until the client has seen it go
+  bus.start();
+  StandInDaemon next;
+  const auto watching = watch(changes);
+  EXPECT_EQ(changes.waitFor(1), List{kCame});
+}
+
 TEST_F(FollowingTest, AWatchIsToldFirstWhetherTheDaemonIsThere) {
   Changes earlier;
   const auto zeroth = watch(earlier);

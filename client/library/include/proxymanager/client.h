@@ -16,7 +16,8 @@
  *
  * Threads: all functions may be called from any thread, on the same client as well. Callbacks come
  * on the client's thread, one at a time, or, where a function says so, during the call; they should
- * be short, as the next answer waits for them, and the news that remembered answers have changed. Of a
+ * be short, as the next answer waits for them, and the news that remembered answers have changed; one
+ * of half a minute may cost a connection that is being made. Of a
  * callback all functions may be called but proxymanager_client_free(); proxymanager_get() gives
  * PROXYMANAGER_BUSY there where it would have to wait. A thread that waits in proxymanager_get() must
  * not be cancelled by pthread_cancel().
@@ -26,7 +27,7 @@
  * threads may have been changing that; questions there give PROXYMANAGER_FORKED. A child that closed
  * all descriptors and opened its own is not harmed.
  *
- * Texts are UTF-8 without NUL, as the bus demands. Nothing here writes to standard output, standard
+ * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. Nothing here writes to standard output, standard
  * error or syslog, changes a signal's handling or the environment. DBUS_SYSTEM_BUS_ADDRESS names
  * the bus where it is set when the client is made, unless the program has more rights than its
  * caller.
@@ -56,13 +57,14 @@ typedef struct proxymanager_answer proxymanager_answer;
 /** How a question ended. Numbers keep their meaning in later releases, which may add others. */
 typedef enum proxymanager_status {
   PROXYMANAGER_OK = 0,
-  PROXYMANAGER_NO_BUS = 1,       /**< no message bus, or the connection to it ended */
+  PROXYMANAGER_NO_BUS = 1,       /**< no message bus, or the connection to it ended, or the bus said
+                                      nothing for 10 s while it was made */
   PROXYMANAGER_NO_DAEMON = 2,    /**< the daemon does not run, ended, or is about to */
   PROXYMANAGER_DENIED = 3,       /**< the bus does not let this program ask */
   PROXYMANAGER_TOO_SLOW = 4,     /**< no answer within the limit */
   PROXYMANAGER_BAD_REPLY = 5,    /**< what has the daemon's name does not answer as it does */
   PROXYMANAGER_CANCELLED = 6,    /**< taken back, or the client was freed */
-  PROXYMANAGER_BAD_ARGUMENT = 7, /**< a null pointer, a URL that is no UTF-8 or too long */
+  PROXYMANAGER_BAD_ARGUMENT = 7, /**< a null pointer, a URL that is no such text or too long */
   PROXYMANAGER_NO_MEMORY = 8,    /**< no memory, descriptor or thread to be had */
   PROXYMANAGER_BUSY = 9,         /**< too many questions at once, here or for the bus, or a wait
                                       inside a callback */
@@ -106,7 +108,7 @@ typedef enum proxymanager_change {
 typedef struct proxymanager_failure {
   proxymanager_status status;
   int error;        /**< errno, where there was no connection to the bus: ETIMEDOUT where the limit
-                         was over before it was made; else 0 */
+                         was over before it was made, or the bus said nothing for 10 s; else 0 */
   const char *name; /**< of the error on the bus, "org.freedesktop.DBus.Error.AccessDenied"; empty
                          where none was sent */
   const char *text; /**< of the error on the bus; may be empty */
@@ -174,7 +176,8 @@ PROXYMANAGER_API int proxymanager_cancel(proxymanager_client *client, proxymanag
 
 /** Calls `callback` for each change from now on, on the client's thread. While there is a watch the
  * client stays connected, and looks for a lost bus every few seconds. The first call tells whether
- * the daemon is there.
+ * the daemon is there. Where the bus takes no match rules of the client's, as its policy has none
+ * left for one connection, that is the only call until the connection ends.
  * @param id takes what proxymanager_unwatch() wants */
 PROXYMANAGER_API proxymanager_status proxymanager_watch(proxymanager_client *client,
                                                         proxymanager_change_callback callback,
