@@ -169,15 +169,15 @@ bool isReleased(const char* name) {
 }
 
 TEST_F(Helper, SendsWhatWaitsBeforeItEnds) {
-  mHelper.reset();  // one at a time, and each time a bus that has heard nothing
-  onceOfFive([] {
-    PrivateBus bus;
+  mHelper.reset();
+  onceOfFive([this] {
+    ASSERT_TRUE(isReleased("com.zentu.test")) << "by the time before";
     DBus::BusHelper helper;
     helper.requestName("com.zentu.test");
     helper.startDispatching();
-    bus.pause();
+    mBus.pause();
     postMuchOutput(helper);
-    std::jthread going([&] { bus.goOn(); });
+    std::jthread going([this] { mBus.goOn(); });
     helper.stopDispatching();
     EXPECT_TRUE(isReleased("com.zentu.test")) << "the last of what was to be sent";
   });
