@@ -315,7 +315,7 @@ TEST_F(ThreadsTest, AChildThatFreesItsCopyClosesNothingOfItsOwn) {
 }
 
 TEST(ForkedTest, AChildWithItsParentsPidIsToldApart) {
-  constexpr int kNotAllowed = 77;
+  static constexpr int kNotAllowed = 77;
   const auto asFirstOfANamespace = [](auto does) {
     if (unshare(CLONE_NEWPID) != 0) return kNotAllowed;
     return inAChild([&] { return getpid() == 1 ? does() : 1; });
