@@ -212,7 +212,7 @@ int HttpServer::hits(const std::string& path) const {
 
 bool HttpServer::waitForHits(const std::string& path, int times) const {
   std::unique_lock lock(mState->mutex);
-  return mState->asked.wait_for(lock, std::chrono::seconds(20),
+  return mState->asked.wait_for(lock, std::chrono::seconds(60),
                                 [&] { return mState->hits[path] >= times; });
 }
 

@@ -71,7 +71,7 @@ class HttpServer {
 
   /// Requests for `path` so far. Paths without a route are answered with 404.
   int hits(const std::string& path) const;
-  /// Waits for the `times`th request for `path`, 20 s at most. @return whether it came
+  /// Waits for the `times`th request for `path`, 60 s at most. @return whether it came
   bool waitForHits(const std::string& path, int times) const;
   /// Head of the last request for `path`.
   std::string lastRequest(const std::string& path) const;

@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <new>
 #include <ostream>
 
 namespace {
@@ -25,7 +26,7 @@ Captured& captured() {
 }
 
 __attribute__((format(printf, 2, 0))) void capture(int priority, const char* format,
-                                                   va_list arguments) {
+                                                   va_list arguments) try {
   if ((setlogmask(0) & LOG_MASK(LOG_PRI(priority))) == 0) return;
   va_list again;
   va_copy(again, arguments);
@@ -38,6 +39,8 @@ __attribute__((format(printf, 2, 0))) void capture(int priority, const char* for
   const std::lock_guard lock(all.mutex);
   all.lines.push_back({LOG_PRI(priority), std::move(text)});
   all.said.notify_all();
+} catch (const std::bad_alloc&) {
+  // Lost: syslog throws nothing.
 }
 
 int countLocked(const Captured& all, int priority, const std::string& text) {
@@ -95,6 +98,6 @@ int countLog(int priority, const std::string& text) {
 bool waitForLog(int priority, const std::string& text, int times) {
   auto& all = captured();
   std::unique_lock lock(all.mutex);
-  return all.said.wait_for(lock, std::chrono::seconds(20),
+  return all.said.wait_for(lock, std::chrono::seconds(60),
                            [&] { return countLocked(all, priority, text) >= times; });
 }

@@ -28,6 +28,6 @@ inline bool logged(int priority, const std::string& text) {
   return countLog(priority, text) > 0;
 }
 
-/// Waits until a line equal to `text` at `priority` has been said `times` times, 20 s at most.
+/// Waits until a line equal to `text` at `priority` has been said `times` times, 60 s at most.
 /// @return whether it was
 bool waitForLog(int priority, const std::string& text, int times = 1);

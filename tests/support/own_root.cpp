@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
 
 namespace fs = std::filesystem;
 
@@ -57,9 +58,28 @@ void replaceByEmpty(const fs::path& path, const char* options) {
   require(umount2(full.c_str(), MNT_DETACH) == 0, "umount");
 }
 
+/// Copies one file, link or folder with all in it. What is gone by then is passed over: others
+/// replace files there meanwhile.
+void copyTree(const fs::path& source, const fs::path& target) {
+  std::error_code error;
+  const bool folder = fs::is_directory(fs::symlink_status(source, error));
+  if (folder) {
+    fs::create_directory(target, source, error);
+    for (fs::directory_iterator each(source, error), end; !error && each != end;
+         each.increment(error)) {
+      copyTree(each->path(), target / each->path().filename());
+    }
+  } else if (!error) {
+    fs::copy(source, target, fs::copy_options::copy_symlinks, error);
+  }
+  errno = error.value();
+  require(!error || error == std::errc::no_such_file_or_directory, source.c_str());
+}
+
 }  // namespace
 
 void enterOwnRoot() {
+  umask(022);  // whatever whoever runs the tests has set
   const uid_t user = getuid();
   const gid_t group = getgid();
   if (user == 0) {
@@ -74,10 +94,7 @@ void enterOwnRoot() {
 
   // Nothing is moved or hidden that the new mounts are filled from before they are full.
   mountEmpty("/mnt", "mode=0755");
-  fs::create_directory("/mnt/etc");
-  fs::copy("/etc", "/mnt/etc",
-           fs::copy_options::recursive | fs::copy_options::copy_symlinks |
-               fs::copy_options::skip_existing);
+  copyTree("/etc", "/mnt/etc");
   // No test asks the machine's name servers.
   fs::remove("/mnt/etc/resolv.conf");
   write("/mnt/etc/resolv.conf", "nameserver 127.0.0.1\n");

@@ -32,17 +32,17 @@ PrivateBus::PrivateBus(const std::string& extra) {
 }
 
 void PrivateBus::start() {
-  const std::string file = mFolder + "/bus.conf";
+  const std::string config = "--config-file=" + mFolder + "/bus.conf";
   int ready[2];
   if (pipe(ready) != 0) throw std::runtime_error("pipe");
-  mPid = fork();
+  mPid = fork();  // other threads may run: nothing is allocated in the copy
   if (mPid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies takes its bus along
     dup2(ready[1], STDOUT_FILENO);
     close(ready[0]);
     close(ready[1]);
-    execlp("dbus-daemon", "dbus-daemon", ("--config-file=" + file).c_str(), "--nofork",
-           "--nopidfile", "--print-address=1", nullptr);
+    execlp("dbus-daemon", "dbus-daemon", config.c_str(), "--nofork", "--nopidfile",
+           "--print-address=1", nullptr);
     _exit(127);
   }
   close(ready[1]);

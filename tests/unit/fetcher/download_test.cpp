@@ -1,9 +1,12 @@
 #include <curl/curl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -148,13 +151,18 @@ TEST_F(Download, ReadsTheSchemeWithoutRegardToCase) {
 }
 
 TEST_F(Download, FailsWhereNobodyListens) {
-  int port = 0;
-  {
-    const HttpServer gone;
-    port = gone.port();
-  }
-  EXPECT_FALSE(fetch("http://127.0.0.1:" + std::to_string(port) + "/"));
+  // Kept, so that nobody else begins to listen there.
+  const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  ASSERT_EQ(bind(bound, generic, size), 0);
+  ASSERT_EQ(getsockname(bound, generic, &size), 0);
+  EXPECT_FALSE(fetch("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/"));
   expectFailed(0);
+  close(bound);
 }
 
 TEST_F(Download, FailsOnANameThatDoesNotResolve) {
@@ -353,8 +361,8 @@ TEST_F(Download, StopsAnEndlessBodyAtTheLimit) {
   });
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
-  // Far under the transfer's 30 seconds, for loaded machines; it takes milliseconds.
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  // Under the transfer's 30 seconds; it takes milliseconds, but machines stand still.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
   expectFailed(200);
 }
 

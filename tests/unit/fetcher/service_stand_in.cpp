@@ -52,7 +52,7 @@ int timesUpdated() {
 bool waitForUpdates(int times) {
   auto& all = calls();
   std::unique_lock lock(all.mutex);
-  return all.called.wait_for(lock, std::chrono::seconds(20), [&] { return all.count >= times; });
+  return all.called.wait_for(lock, std::chrono::seconds(60), [&] { return all.count >= times; });
 }
 
 void onUpdate(std::function<void()> hook) {

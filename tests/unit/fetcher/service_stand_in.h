@@ -11,7 +11,7 @@ ProxyManagerServiceImpl* standInService();
 
 /// How often it was told that a new script is in place.
 int timesUpdated();
-/// Waits until it was told `times` times, 20 s at most. @return whether it was
+/// Waits until it was told `times` times, 60 s at most. @return whether it was
 bool waitForUpdates(int times);
 /// Does `hook` on the fetcher thread at each call from now on.
 void onUpdate(std::function<void()> hook);

@@ -27,7 +27,7 @@ namespace {
 
 const std::string kScript = "/tmp/proxymanager.pac";
 // Far above what a prompt stop takes on a loaded machine, far below the interval.
-constexpr auto kPrompt = 10s;
+constexpr auto kPrompt = 60s;
 
 /// The line before each wait of the watch thread, which must run.
 std::string waitLine(int interval) {

@@ -9,6 +9,7 @@
 
 #include "platform/pac_engine/pac_engine.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/once_of_five.h"
 #include "tests/support/own_root.h"
 
 namespace {
@@ -17,14 +18,21 @@ using namespace pac_engine;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-std::unique_ptr<Engine> load(const std::string& script, Options options = {}) {
+/// For scripts that end at once, however long the machine takes for it.
+Options patient() {
+  Options options;
+  options.timeLimit = std::chrono::seconds(60);
+  return options;
+}
+
+std::unique_ptr<Engine> load(const std::string& script, Options options = patient()) {
   Problem problem;
   auto engine = Engine::load(script, std::move(options), problem);
   EXPECT_NE(engine, nullptr) << describe(problem);
   return engine;
 }
 
-Problem refusal(const std::string& script, Options options = {}) {
+Problem refusal(const std::string& script, Options options = patient()) {
   Problem problem;
   EXPECT_EQ(Engine::load(script, std::move(options), problem), nullptr);
   return problem;
@@ -35,7 +43,7 @@ std::string script(const std::string& body) {
 }
 
 /// What the one-expression script answers for http://h/ and h.
-std::string answer(const std::string& expression, Options options = {}) {
+std::string answer(const std::string& expression, Options options = patient()) {
   const auto engine = load(script("return String(" + expression + ");"), std::move(options));
   if (!engine) return "refused";
   const auto reply = engine->evaluate("http://h/", "h");
@@ -85,17 +93,20 @@ TEST(Engine, SaysWhyAndWhereThereIsNoAnswer) {
 }
 
 TEST(Engine, StopsAnEndlessScriptAndAnswersTheNextQuestion) {
-  Options options;
-  options.timeLimit = milliseconds(300);
-  const auto engine = load(script("if (host == 'loop') for (;;) {} return 'DIRECT';"), options);
-  const auto pid = engine->workerPid();
-  const auto start = steady_clock::now();
-  EXPECT_FALSE(engine->evaluate("http://h/", "loop").result);
-  const auto took = steady_clock::now() - start;
-  EXPECT_GE(took, milliseconds(295));
-  EXPECT_LT(took, std::chrono::seconds(10));
-  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT");
-  EXPECT_EQ(engine->workerPid(), pid) << "the engine's own limit comes before the wall outside";
+  onceOfFive([] {
+    Options options;
+    options.timeLimit = milliseconds(300);
+    const auto engine = load(script("if (host == 'loop') for (;;) {} return 'DIRECT';"), options);
+    ASSERT_NE(engine, nullptr);
+    const auto pid = engine->workerPid();
+    const auto start = steady_clock::now();
+    EXPECT_FALSE(engine->evaluate("http://h/", "loop").result);
+    const auto took = steady_clock::now() - start;
+    EXPECT_GE(took, milliseconds(295));
+    EXPECT_LT(took, std::chrono::seconds(60));
+    EXPECT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT");
+    EXPECT_EQ(engine->workerPid(), pid) << "the engine's own limit comes before the wall outside";
+  });
 }
 
 TEST(Engine, RefusesAScriptThatLoadsWithoutEnd) {
@@ -103,7 +114,7 @@ TEST(Engine, RefusesAScriptThatLoadsWithoutEnd) {
   options.timeLimit = milliseconds(300);
   const auto start = steady_clock::now();
   EXPECT_NE(refusal("for (;;) {}", options).message, "");
-  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10));
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(60));
 }
 
 TEST(Engine, TakesUrlAndHostAt8KiBAndNotPastIt) {
@@ -157,7 +168,7 @@ TEST(Engine, BearsAFloodOfAlerts) {
 }
 
 TEST(Engine, RunsInTheTimeAndZoneItIsGiven) {
-  Options options;
+  Options options = patient();
   options.clock = 1'700'000'000;  // Tuesday 2023-11-14 22:13:20 UTC
   options.zone = "Asia/Tokyo";    // Wednesday 07:13:20 there
   EXPECT_EQ(answer("weekdayRange('WED') && timeRange(7)", options), "true");
@@ -166,6 +177,8 @@ TEST(Engine, RunsInTheTimeAndZoneItIsGiven) {
 }
 
 TEST(Engine, KnowsTheDevicesZoneBehindTheWalls) {
+  unsetenv("TZ");  // a worker has no environment
+  tzset();
   const auto engine = load(script("return String(new Date(1700000000000).getHours());"));
   const std::time_t when = 1'700'000'000;
   std::tm local{};
@@ -179,7 +192,8 @@ TEST(Engine, KnowsTheDevicesZoneBehindTheWalls) {
 std::string zoneFile(unsigned char hoursEast) {
   const std::uint32_t offset = hoursEast * 3600U;
   std::string file = std::string("TZif") + std::string(16, '\0');
-  for (const char count : {'\0', '\0', '\0', '\0', '\1', '\4'}) file += std::string(3, '\0') + count;
+  for (const char count : {'\0', '\0', '\0', '\0', '\1', '\4'})
+    file += std::string(3, '\0') + count;
   for (const unsigned shift : {24U, 16U, 8U, 0U}) file += static_cast<char>(offset >> shift);
   return file + std::string(2, '\0') + std::string("AAA\0", 4);
 }
@@ -209,7 +223,7 @@ TEST(Engine, FollowsTheDeviceIntoAnotherZone) {
 TEST(Engine, StaysInTheZoneItIsGivenWhereTheDeviceChangesIts) {
   enterOwnRoot();
   putZone(zoneFile(0));
-  Options options;
+  Options options = patient();
   options.zone = "Asia/Tokyo";
   const auto engine =
       load("var n = 0; " + script("return ++n + '/' + new Date(0).getHours();"), options);
@@ -219,7 +233,7 @@ TEST(Engine, StaysInTheZoneItIsGivenWhereTheDeviceChangesIts) {
 }
 
 TEST(Engine, GivesNamesAndAddressesItIsGiven) {
-  Options options;
+  Options options = patient();
   options.names.staticNames = StaticNames{{"a.test", {"10.0.0.1", "2001:db8::1"}}};
   options.ownAddresses = std::vector<std::string>{"2001:db8::9", "10.0.0.9"};
   EXPECT_EQ(answer("dnsResolve('a.test')", options), "10.0.0.1");
@@ -230,7 +244,7 @@ TEST(Engine, GivesNamesAndAddressesItIsGiven) {
 }
 
 TEST(Engine, ResolvesNothingOfflineAndIsTheLoopback) {
-  Options options;
+  Options options = patient();
   options.names.offline = true;
   EXPECT_EQ(answer("dnsResolve('localhost')", options), "null");
   EXPECT_EQ(answer("isResolvable('localhost')", options), "false");
@@ -240,14 +254,14 @@ TEST(Engine, ResolvesNothingOfflineAndIsTheLoopback) {
 }
 
 TEST(Engine, LetsAScriptUseItsHelpersWhileItLoads) {
-  Options options;
+  Options options = patient();
   options.names.staticNames = StaticNames{{"a.test", {"10.0.0.1"}}};
   const auto engine = load("var a = dnsResolve('a.test'); " + script("return a;"), options);
   EXPECT_EQ(engine->evaluate("http://h/", "h").result, "10.0.0.1");
 }
 
 TEST(Engine, RefusesEveryScriptWhereNoWorkerCanBeHad) {
-  Options options;
+  Options options = patient();
   options.workerProgram = "/nowhere/worker";
   EXPECT_EQ(refusal(script("return 'A';"), options).message,
             "no script worker: /nowhere/worker: No such file or directory");

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <syslog.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -27,6 +28,7 @@ constexpr char kOnlyRootLooks[] = "only root may look";
 
 std::unique_ptr<Engine> load(const std::string& script, Problem& problem, bool walls) {
   Options options;
+  options.timeLimit = std::chrono::seconds(60);  // what is asked ends at once
   if (walls) options.workerProgram = WALLS_WORKER;
   return Engine::load(script, options, problem);
 }
@@ -133,13 +135,13 @@ TEST_F(LiveWorker, HasOneDescriptorBeyondTheStandardThree) {
 TEST_F(LiveWorker, HasTheLimitsOfTheSandbox) {
   std::ifstream file(path("limits"));
   const std::string limits{std::istreambuf_iterator<char>(file), {}};
-  for (const auto& [name, value] : std::map<std::string, std::string>{
-           {"Max address space", "268435456"},  // 256 MiB
-           {"Max file size", "0"},
-           {"Max core file size", "0"},
-           {"Max processes", "0"},
-           {"Max open files", "0"},
-           {"Max locked memory", "0"}}) {
+  for (const auto& [name, value] :
+       std::map<std::string, std::string>{{"Max address space", "268435456"},  // 256 MiB
+                                          {"Max file size", "0"},
+                                          {"Max core file size", "0"},
+                                          {"Max processes", "0"},
+                                          {"Max open files", "0"},
+                                          {"Max locked memory", "0"}}) {
     EXPECT_THAT(limits, testing::ContainsRegex(name + " +" + value + " +" + value + " ")) << name;
   }
 }

@@ -15,7 +15,7 @@ TEST(WorkerDeath, OfAStoppedWorkerCostsItsQuestion) {
 }
 
 TEST(WorkerDeath, EndsTheWorkerWhenTheEngineGoes) {
-  auto engine = load(std::chrono::seconds(5));
+  auto engine = load(std::chrono::seconds(60));
   ASSERT_NE(engine, nullptr);
   const auto pid = engine->workerPid();
   engine.reset();
@@ -28,7 +28,7 @@ TEST(WorkerDeath, FollowsTheDeathOfTheProgram) {
   ASSERT_EQ(pipe(pipes), 0);
   const pid_t program = fork();
   if (program == 0) {
-    const auto engine = load(std::chrono::seconds(5));
+    const auto engine = load(std::chrono::seconds(60));
     const pid_t worker = engine ? engine->workerPid() : 0;
     if (write(pipes[1], &worker, sizeof worker) != sizeof worker) _exit(1);
     kill(getpid(), SIGKILL);
@@ -38,14 +38,18 @@ TEST(WorkerDeath, FollowsTheDeathOfTheProgram) {
   ASSERT_GT(worker, 0);
   waitpid(program, nullptr, 0);
   // Its new parent may take a while to wait for it; a zombie has ended too.
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  const auto folder = "/proc/" + std::to_string(worker) + "/exe";
-  std::error_code error;
-  while (std::filesystem::exists(std::filesystem::read_symlink(folder, error), error) &&
-         std::chrono::steady_clock::now() < limit) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  const auto programOfWorker = "/proc/" + std::to_string(worker) + "/exe";
+  const auto runs = [&] {
+    std::error_code error;
+    return std::filesystem::exists(std::filesystem::read_symlink(programOfWorker, error), error);
+  };
+  bool ended = !runs();
+  while (!ended && std::chrono::steady_clock::now() < limit) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    ended = !runs();
   }
-  EXPECT_LT(std::chrono::steady_clock::now(), limit);
+  EXPECT_TRUE(ended);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // Heap and stack of a script, at the limit and one past it.
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -68,7 +69,9 @@ class StackGauge : public FakeEnvironment {
 #ifndef __SANITIZE_ADDRESS__  // its frames are not on the stack
 TEST(StackLimit, IsReachedAndNotPassed) {
   StackGauge gauge;
-  ScriptEngine engine(gauge);
+  ScriptLimits limits;
+  limits.time = std::chrono::seconds(60);  // a slow machine takes its time
+  ScriptEngine engine(gauge, limits);
   ASSERT_FALSE(engine.load(
       "function FindProxyForURL(url, host) { alert('x'); return deeper(0); }"
       "function deeper(n) { alert('x');"

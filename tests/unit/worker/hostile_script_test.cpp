@@ -1,5 +1,6 @@
 // Scripts that want to take the device down with them. Each must cost no more than its own answer:
 // it ends within its limit, and the next query is right.
+#include "tests/support/once_of_five.h"
 #include "tests/unit/worker/engine_fixture.h"
 
 namespace pac_worker {
@@ -8,7 +9,7 @@ namespace {
 class Hostile : public EngineTest {
  protected:
   /// The attack runs for one host only, so that the next query shows what it left behind.
-  std::string attack(const std::string& body, const ScriptLimits& limits,
+  std::string attack(const std::string& body, const ScriptLimits& limits = patient(),
                      const std::string& prelude = "") {
     const std::string refused = load(prelude +
                                          "\nfunction FindProxyForURL(url, host) {"
@@ -21,12 +22,6 @@ class Hostile : public EngineTest {
   static ScriptLimits hasty() {
     ScriptLimits limits;
     limits.time = std::chrono::milliseconds(250);
-    return limits;
-  }
-  // However slow the machine, it is not time that ends these.
-  static ScriptLimits patient() {
-    ScriptLimits limits;
-    limits.time = std::chrono::seconds(60);
     return limits;
   }
   static ScriptLimits small() {
@@ -44,7 +39,9 @@ struct Attack {
   const char* prelude = "";
 };
 
-void PrintTo(const Attack& attack, std::ostream* out) { *out << attack.name; }
+void PrintTo(const Attack& attack, std::ostream* out) {
+  *out << attack.name;
+}
 
 std::string nameOf(const testing::TestParamInfo<Attack>& info) {
   return info.param.name;
@@ -53,11 +50,14 @@ std::string nameOf(const testing::TestParamInfo<Attack>& info) {
 class EndlessWork : public Hostile, public testing::WithParamInterface<Attack> {};
 
 TEST_P(EndlessWork, IsEndedByTheTimeLimit) {
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(attack(GetParam().body, hasty(), GetParam().prelude), kTime);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
-  EXPECT_TRUE(mWorld.alerts.empty()) << "the interrupt cannot be caught";
-  EXPECT_EQ(ask(), "DIRECT");
+  onceOfFive([this] {  // the limit holds for what does no harm, too
+    mWorld.alerts.clear();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(attack(GetParam().body, hasty(), GetParam().prelude), kTime);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    EXPECT_TRUE(mWorld.alerts.empty()) << "the interrupt cannot be caught";
+    EXPECT_EQ(ask(), "DIRECT");
+  });
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -102,7 +102,7 @@ TEST_F(Hostile, EndlessLoopAtLoadIsRefused) {
             kTime.substr(1));
   EXPECT_EQ(load("function FindProxyForURL() { return 'DIRECT' }\n"
                  "Object.defineProperty(globalThis, 'FindProxyForURL', {get() { for (;;) ; }})",
-                 hasty())
+                 patient())
                 .substr(0, 9),
             "TypeError")
       << "a declared function stays";
@@ -114,13 +114,13 @@ TEST_F(Hostile, EndlessLoopAtLoadIsRefused) {
 class Recursion : public Hostile, public testing::WithParamInterface<Attack> {};
 
 TEST_P(Recursion, IsEndedByTheStackLimit) {
-  const std::string answer = attack(GetParam().body, {}, GetParam().prelude);
+  const std::string answer = attack(GetParam().body, patient(), GetParam().prelude);
   EXPECT_TRUE(answer == "!InternalError: stack overflow" ||
               answer.substr(0, 12) == "!RangeError:" || answer.substr(0, 13) == "!SyntaxError:")
       << answer;
   EXPECT_EQ(ask(), "DIRECT");
-  EXPECT_EQ(attack("try { " + std::string(GetParam().body) + " } catch { return 'caught' }", {},
-                   GetParam().prelude),
+  EXPECT_EQ(attack("try { " + std::string(GetParam().body) + " } catch { return 'caught' }",
+                   patient(), GetParam().prelude),
             "caught");
 }
 
@@ -215,27 +215,27 @@ TEST_F(Hostile, GarbageDoesNotCostTheGlobals) {
 }
 
 TEST_F(Hostile, ResultOf100MiBIsNoAnswer) {
-  EXPECT_EQ(attack("let s = 'x'.repeat(1024); while (s.length < 100 << 20) s += s; return s", {}),
+  EXPECT_EQ(attack("let s = 'x'.repeat(1024); while (s.length < 100 << 20) s += s; return s"),
             "!the result is longer than 65536 bytes");
   EXPECT_EQ(ask(), "DIRECT");
-  EXPECT_EQ(attack("return 'x'.repeat(100 << 20)", {}), "!the heap limit of 65536 KiB was passed");
+  EXPECT_EQ(attack("return 'x'.repeat(100 << 20)"), "!the heap limit of 65536 KiB was passed");
   EXPECT_EQ(ask(), "DIRECT");
 }
 
 TEST_F(Hostile, ThrowsNull) {
-  EXPECT_EQ(attack("throw null", {}), "!uncaught exception: null");
+  EXPECT_EQ(attack("throw null"), "!uncaught exception: null");
   EXPECT_EQ(ask(), "DIRECT");
 }
 
 TEST_F(Hostile, AlertFloodIsCut) {
-  EXPECT_EQ(attack("for (let i = 0; i < 100000; i++) alert('flood')", {}), "DIRECT");
+  EXPECT_EQ(attack("for (let i = 0; i < 100000; i++) alert('flood')"), "DIRECT");
   std::size_t bytes = 0;
   for (const std::string& text : mWorld.alerts) bytes += text.size();
   EXPECT_EQ(bytes, 2048U);
 }
 
 TEST_F(Hostile, AlertOfAGiantTextIsCut) {
-  EXPECT_EQ(attack("alert('x'.repeat(10 << 20))", {}), "DIRECT");
+  EXPECT_EQ(attack("alert('x'.repeat(10 << 20))"), "DIRECT");
   EXPECT_EQ(mWorld.alerts, std::vector{std::string(2048, 'x')});
 }
 
@@ -268,14 +268,13 @@ TEST_F(Hostile, FrozenAndEmptiedGlobalsHarmOnlyTheScript) {
 }
 
 TEST_F(Hostile, TenThousandNamesAreTheEnvironmentsBusiness) {
-  EXPECT_EQ(attack("for (let i = 0; i < 10000; i++) dnsResolve('n' + i + '.test')", {}), "DIRECT");
+  EXPECT_EQ(attack("for (let i = 0; i < 10000; i++) dnsResolve('n' + i + '.test')"), "DIRECT");
   EXPECT_EQ(mWorld.asked.size(), 10000U);
 }
 
 TEST_F(Hostile, HugeNamesAreNotLookedUp) {
   EXPECT_EQ(attack("dnsResolve('a'.repeat(10 << 20)); isInNet('a'.repeat(2000), '0.0.0.0',"
-                   "'0.0.0.0')",
-                   {}),
+                   "'0.0.0.0')"),
             "DIRECT");
   EXPECT_TRUE(mWorld.asked.empty());
 }
@@ -311,8 +310,7 @@ TEST_F(Hostile, LongChainsOfOperatorsEndSomehow) {
 TEST_F(Hostile, DeepStructuresAreFreed) {
   EXPECT_EQ(attack("let chain = null; for (let i = 0; i < 2e5; i++) chain = {chain};"
                    "let rope = ''; for (let i = 0; i < 2e5; i++) rope += 'ab';"
-                   "return String(rope.length)",
-                   patient()),
+                   "return String(rope.length)"),
             "400000");
   EXPECT_EQ(ask(), "DIRECT");
 }
