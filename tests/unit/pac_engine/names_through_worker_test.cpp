@@ -66,8 +66,11 @@ TEST(NamesOfAScript, NeverHoldAnEvaluationPastItsLimit) {
       "if (host == 'h') return 'DIRECT'; "
       "for (var i = 0; i < 20; ++i) isResolvable('n' + i + '.test'); return 'late';",
       server);
-  const auto took = shortest(std::chrono::seconds(6),
-                             [&] { EXPECT_FALSE(engine->evaluate("http://h/", "all").result); });
+  // The library's clock begins first, and the last lookup ends by it: what is left of the worker's
+  // time may be enough for an answer, or not.
+  const auto took =
+      shortest(std::chrono::seconds(6), [&] { engine->evaluate("http://h/", "all"); });
+  EXPECT_GE(took, milliseconds(4990));
   EXPECT_LT(took, std::chrono::seconds(6));
   EXPECT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT");
 }
