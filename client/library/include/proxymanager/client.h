@@ -16,21 +16,21 @@
  *
  * Threads: all functions may be called from any thread, on the same client as well. Callbacks come
  * on the client's thread, one at a time, or, where a function says so, during the call; they should
- * be short, as the next answer waits for them, and the news that remembered answers have changed; one
- * of half a minute may cost a connection that is being made. Of a
- * callback all functions may be called but proxymanager_client_free(); proxymanager_get() gives
- * PROXYMANAGER_BUSY there where it would have to wait. A thread that waits in proxymanager_get() must
- * not be cancelled by pthread_cancel().
+ * be short, as the next answer waits for them, and the news that remembered answers have changed;
+ * one of half a minute may cost a connection that is being made. Of a callback all functions may be
+ * called but proxymanager_client_free(); proxymanager_get() gives PROXYMANAGER_BUSY there where it
+ * would have to wait. A thread that waits in proxymanager_get() must not be cancelled by
+ * pthread_cancel().
  *
  * Processes: after fork() a client belongs to the parent. In the child it may be freed and nothing
- * else, which closes its connection there and leaves the rest, memory and an eventfd, as the parent's
- * threads may have been changing that; questions there give PROXYMANAGER_FORKED. A child that closed
- * all descriptors and opened its own is not harmed.
+ * else, which closes its connection there and leaves the rest, memory and an eventfd, as the
+ * parent's threads may have been changing that; questions there give PROXYMANAGER_FORKED. A child
+ * that closed all descriptors and opened its own is not harmed.
  *
- * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. Nothing here writes to standard output, standard
- * error or syslog, changes a signal's handling or the environment. DBUS_SYSTEM_BUS_ADDRESS names
- * the bus where it is set when the client is made, unless the program has more rights than its
- * caller.
+ * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. Nothing
+ * here writes to standard output, standard error or syslog, changes a signal's handling or the
+ * environment. DBUS_SYSTEM_BUS_ADDRESS names the bus where it is set when the client is made,
+ * unless the program has more rights than its caller.
  */
 #ifndef PROXYMANAGER_CLIENT_H
 #define PROXYMANAGER_CLIENT_H
