@@ -10,12 +10,14 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <system_error>
 
 #include "platform/log/log_line.h"
+#include "platform/process/annotations.h"
 
 namespace pac_engine {
 
@@ -23,7 +25,8 @@ namespace {
 
 // Descriptors that are handed over lie above those they become, so that no dup2 overwrites another.
 constexpr int kLowestSource = kWorkerScript + 1;
-constexpr int kEndLimitMs = 1000;  ///< a killed process is gone within it, or the kernel is ill
+// A killed process is gone within it but where the machine stands still or somebody traces it.
+constexpr int kEndLimitMs = 1000;
 
 struct FileActions {
   FileActions() { posix_spawn_file_actions_init(&actions); }
@@ -99,6 +102,42 @@ UniqueFd openProcess(pid_t pid) {
   return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0U)));
 }
 
+/// Waits for the process unless it lives. @return false where it lives
+bool waitUnlessItLives(const UniqueFd& process, siginfo_t& info) {
+  info = {};
+  return waitid(P_PIDFD, static_cast<id_t>(process.get()), &info, WEXITED | WNOHANG) != 0 ||
+         info.si_pid != 0;
+}
+
+/// Processes that were killed and lived on. They are waited for when another one starts or ends, so
+/// that they do not stay in the table of processes for as long as this one lives.
+class GivenUp {
+ public:
+  /// Where it holds kMostGivenUp of them already the further one stays in that table.
+  void add(UniqueFd process) {
+    const Lock lock(mMutex);
+    for (auto& place : mProcesses) {
+      if (place) continue;
+      place = std::move(process);
+      return;
+    }
+  }
+
+  void waitForThoseThatHaveEnded() {
+    const Lock lock(mMutex);
+    siginfo_t info;
+    for (auto& process : mProcesses) {
+      if (process && waitUnlessItLives(process, info)) process.reset();
+    }
+  }
+
+ private:
+  Mutex mMutex;
+  std::array<UniqueFd, kMostGivenUp> mProcesses PM_GUARDED_BY(mMutex);
+};
+
+GivenUp givenUp;
+
 std::string howItEnded(const siginfo_t& info) {
   const std::string value = std::to_string(info.si_status);
   return info.si_code == CLD_EXITED ? "exit " + value : "signal " + value;
@@ -142,6 +181,7 @@ WorkerProcess::~WorkerProcess() {
 std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
                                                     const UniqueFd& script, const std::string& zone,
                                                     std::string& problem) {
+  givenUp.waitForThoseThatHaveEnded();
   const auto fail = [&problem](const std::string& what, int error) {
     problem = what + ": " + std::generic_category().message(error);
     return nullptr;
@@ -183,7 +223,8 @@ void WorkerProcess::follow() {
 
 std::string WorkerProcess::end() {
   if (!mProcess) return "ended";
-  const UniqueFd process = std::move(mProcess);
+  givenUp.waitForThoseThatHaveEnded();
+  UniqueFd process = std::move(mProcess);
   // A service that may not signal other users' processes still ends a worker that listens.
   mChannel.hangUp();
   // Fails where the process has ended by itself, which is as good.
@@ -193,10 +234,11 @@ std::string WorkerProcess::end() {
   do {
     ready = poll(&entry, 1, kEndLimitMs);
   } while (ready < 0 && errno == EINTR);
-  siginfo_t info{};
-  const auto id = static_cast<id_t>(process.get());
-  if (waitid(P_PIDFD, id, &info, WEXITED | WNOHANG) != 0) return "waited for by the program";
-  if (info.si_pid != 0) return howItEnded(info);
+  siginfo_t info;
+  if (waitUnlessItLives(process, info)) {
+    return info.si_pid != 0 ? howItEnded(info) : "waited for by the program";
+  }
+  givenUp.add(std::move(process));
   logLine(LOG_WARNING, "pac_engine: worker %d was killed and does not end", mPid);
   return "does not end";
 }

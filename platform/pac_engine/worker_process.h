@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -21,6 +22,10 @@ namespace pac_engine {
 
 inline constexpr int kWorkerSocket = 3;  ///< descriptor of the worker's end of the socket pair
 inline constexpr int kWorkerScript = 4;  ///< descriptor of the script
+
+/// How many processes that were killed and lived on are kept in mind. Each took a second to be
+/// given up and ends by its own alarm within few, unless somebody traces it.
+inline constexpr std::size_t kMostGivenUp = 8;
 
 /// `bytes` in a sealed memory file, which nobody can change, grow or shrink. Empty, with errno,
 /// where there is no memory or no descriptor for it.
@@ -51,7 +56,8 @@ class WorkerProcess {
   /// kernel does not allow it nothing changes.
   void follow();
 
-  /// Kills the process unless it has ended and waits for it, 1 s at most.
+  /// Kills the process unless it has ended and waits for it, 1 s at most. One that lives on is
+  /// waited for by a later start or end.
   /// @return how it ended, for the log
   std::string end();
 
