@@ -251,12 +251,14 @@ void Client::tellWatches(proxymanager_change change) {
 /// left for the next time.
 void Client::tell(proxymanager_change change, bool isFirst) {
   proxymanager_id last = 0;
+  std::optional<proxymanager_id> newest;
   for (;;) {
     Watch watch{};
     {
       const Lock lock(mMutex);
+      if (!newest) newest = mLastId;
       const auto next = std::find_if(mWatches.begin(), mWatches.end(), [&](const Watch& other) {
-        if (other.id <= last) return false;
+        if (other.id <= last || other.id > *newest) return false;
         if (!isFirst) return other.state == Watch::State::kTold;
         return other.state == Watch::State::kLooking ||
                (other.state == Watch::State::kNew && mLink.has_value());

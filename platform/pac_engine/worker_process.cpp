@@ -136,7 +136,11 @@ class GivenUp {
   std::array<UniqueFd, kMostGivenUp> mProcesses PM_GUARDED_BY(mMutex);
 };
 
-GivenUp givenUp;
+/// Never destroyed: a thread of a program that ends may still end its worker.
+GivenUp& givenUp() {
+  static auto* const all = new GivenUp;
+  return *all;
+}
 
 std::string howItEnded(const siginfo_t& info) {
   const std::string value = std::to_string(info.si_status);
@@ -181,7 +185,7 @@ WorkerProcess::~WorkerProcess() {
 std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
                                                     const UniqueFd& script, const std::string& zone,
                                                     std::string& problem) {
-  givenUp.waitForThoseThatHaveEnded();
+  givenUp().waitForThoseThatHaveEnded();
   const auto fail = [&problem](const std::string& what, int error) {
     problem = what + ": " + std::generic_category().message(error);
     return nullptr;
@@ -223,7 +227,7 @@ void WorkerProcess::follow() {
 
 std::string WorkerProcess::end() {
   if (!mProcess) return "ended";
-  givenUp.waitForThoseThatHaveEnded();
+  givenUp().waitForThoseThatHaveEnded();
   UniqueFd process = std::move(mProcess);
   // A service that may not signal other users' processes still ends a worker that listens.
   mChannel.hangUp();
@@ -238,7 +242,7 @@ std::string WorkerProcess::end() {
   if (waitUnlessItLives(process, info)) {
     return info.si_pid != 0 ? howItEnded(info) : "waited for by the program";
   }
-  givenUp.add(std::move(process));
+  givenUp().add(std::move(process));
   logLine(LOG_WARNING, "pac_engine: worker %d was killed and does not end", mPid);
   return "does not end";
 }

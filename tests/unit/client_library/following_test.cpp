@@ -1,4 +1,5 @@
 // What makes a client forget, what it tells its watches, and whom it believes.
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -268,6 +269,30 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
   EXPECT_EQ(changes.all(), List{kCame});
   EXPECT_EQ(others.all(), List{});
   EXPECT_EQ(seen, 7);
+}
+
+/// A watch that has another one in its place whenever it is called.
+struct Replaced {
+  proxymanager_client* client;
+  std::atomic<bool> isOver = false;
+  proxymanager_id id = 0;  ///< of the present one; the client's thread alone
+
+  static void called(proxymanager_change, void* context) {
+    auto& self = *static_cast<Replaced*>(context);
+    proxymanager_unwatch(self.client, self.id);
+    self.id = 0;
+    if (!self.isOver) proxymanager_watch(self.client, called, context, &self.id);
+  }
+};
+
+TEST_F(FollowingTest, AWatchThatReplacesItselfHoldsNobodyUp) {
+  Replaced replaced{client.raw()};
+  proxymanager_id first = 0;
+  ASSERT_EQ(proxymanager_watch(client.raw(), Replaced::called, &replaced, &first), PROXYMANAGER_OK);
+  ask();
+  replaced.isOver = true;
+  ask(kUrl + "behind");
+  EXPECT_EQ(daemon.count(), 2);
 }
 
 TEST_F(FollowingTest, AWatchThatIsAssignedOverEnds) {

@@ -81,10 +81,10 @@ class Tracer {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, mEnds), 0);
     mPid = fork();
     if (mPid == 0) run();
+    close(mEnds[1]);
   }
   ~Tracer() {
     close(mEnds[0]);
-    close(mEnds[1]);
     kill(mPid, SIGKILL);
     waitpid(mPid, nullptr, 0);
   }
@@ -106,6 +106,7 @@ class Tracer {
   }
 
   [[noreturn]] void run() {
+    close(mEnds[0]);
     std::vector<pid_t> traced;
     pid_t pid = 0;
     while (recv(mEnds[1], &pid, sizeof pid, 0) == static_cast<ssize_t>(sizeof pid)) {
@@ -141,7 +142,9 @@ TEST(WorkerProcess, ThatOutlivesItsKillingIsWaitedForByALaterOne) {
                                         " was killed and does not end"));
   }
   tracer.takeNotice();
-  start()->end();
+  const auto last = start();
+  ASSERT_NE(last, nullptr) << problem;
+  last->end();
   // One too many stays for whoever waits for any child.
   EXPECT_EQ(waitpid(outliving.back(), nullptr, WNOHANG), outliving.back());
   for (const pid_t pid : outliving) {

@@ -17,10 +17,10 @@
  * Threads: all functions may be called from any thread, on the same client as well. Callbacks come
  * on the client's thread, one at a time, or, where a function says so, during the call; they should
  * be short, as the next answer waits for them, and the news that remembered answers have changed;
- * one of half a minute may cost a connection that is being made. Of a callback all functions may be
- * called but proxymanager_client_free(); proxymanager_get() gives PROXYMANAGER_BUSY there where it
- * would have to wait. A thread that waits in proxymanager_get() must not be cancelled by
- * pthread_cancel().
+ * one of half a minute may cost a connection that is being made, which then ends as denied. Of a
+ * callback all functions may be called but proxymanager_client_free(); proxymanager_get() gives
+ * PROXYMANAGER_BUSY there where it would have to wait. A thread that waits in proxymanager_get()
+ * must not be cancelled by pthread_cancel().
  *
  * Processes: after fork() a client belongs to the parent. In the child it may be freed and nothing
  * else, which closes its connection there and leaves the rest, memory and an eventfd, as the
