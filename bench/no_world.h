@@ -7,16 +7,16 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/pac_engine/worker/script_engine.h"
+#include "engine/worker/script_engine.h"
 
 namespace bench {
 
 class NoWorld : public pac_worker::PacEnvironment {
  public:
-  std::vector<std::string> resolve(std::string_view, pac_worker::AddressFamily) override {
+  std::vector<std::string> resolve(std::string_view, pac_engine::AddressFamily) override {
     return {};
   }
-  std::vector<std::string> ownAddresses(pac_worker::AddressFamily) override { return {}; }
+  std::vector<std::string> ownAddresses(pac_engine::AddressFamily) override { return {}; }
   std::int64_t now() override { return 0; }
   std::tm brokenDown(std::int64_t, bool) override { return {}; }
   void alert(std::string_view) override {}

@@ -14,9 +14,9 @@
 
 #include "bench/no_world.h"
 #include "bench/scripts.h"
-#include "platform/pac_engine/pac.h"
-#include "platform/pac_engine/pac_engine.h"
-#include "platform/pac_engine/worker/script_engine.h"
+#include "engine/pac.h"
+#include "engine/pac_engine.h"
+#include "engine/worker/script_engine.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
+#include "base/log_line.h"
 #include "domain/tld.h"
 #include "pac/pac_parser.h"
-#include "platform/log/log_line.h"
-#include "service/proxy_config.h"
+#include "service/records/proxy_config.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-# Parts of platform/: what a device may have its own of.
+# What a device may have its own of: parts of base/, engine/host/ and platform/.
 #
 # A part is the functions of one header. PROXYMANAGER_DEVICE names a folder of the device maker's;
 # its CMakeLists.txt says which parts it replaces, and with what:
@@ -8,7 +8,7 @@
 # Those sources are then compiled in the place of this tree's, and its part's libraries are not
 # linked. So there is never a second definition for a linker to choose from, and a function that the
 # replacement lacks is an error of the link. docs/integration.md says what each part has to do.
-set(PROXYMANAGER_DEVICE "" CACHE PATH "A folder whose CMakeLists.txt replaces parts of platform/")
+set(PROXYMANAGER_DEVICE "" CACHE PATH "A folder whose CMakeLists.txt replaces parts of this tree")
 
 # proxymanager_replace(PART SOURCES a.cpp ... LIBRARIES lib ...): in the device's CMakeLists.txt.
 # Sources are beside it. They see this tree's headers and bear its warnings.

@@ -4,7 +4,7 @@
 
 #include <exception>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 #include "service/proxy_manager_service_impl.h"
 
 namespace {

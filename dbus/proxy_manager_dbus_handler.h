@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "base/annotations.h"
 #include "dbus/proxy_manager_service_interface.h"
-#include "platform/process/annotations.h"
 
 class ProxyManagerServiceImpl;
 

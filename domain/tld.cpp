@@ -3,9 +3,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/log_line.h"
 #include "domain/tld_hash.h"
 #include "domain/tld_table.h"
-#include "platform/log/log_line.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "domain/url_host.h"
 
-#include "platform/log/log_line.h"
-#include "service/proxy_config.h"
+#include "base/log_line.h"
+#include "service/records/proxy_config.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <iterator>
 #include <new>
 
+#include "base/log_line.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
-#include "platform/log/log_line.h"
 #include "platform/process/thread_name.h"
 
 using fetcher::kLogClass;

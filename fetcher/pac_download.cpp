@@ -22,10 +22,10 @@
 #include <memory>
 #include <string>
 
+#include "base/log_line.h"
 #include "fetcher/bounded_file.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
-#include "platform/log/log_line.h"
 
 using fetcher::kLogClass;
 

@@ -7,8 +7,8 @@
 #include <exception>
 #include <utility>
 
+#include "base/log_line.h"
 #include "fetcher/fetcher_log.h"
-#include "platform/log/log_line.h"
 #include "platform/process/thread_name.h"
 
 using fetcher::kLogClass;

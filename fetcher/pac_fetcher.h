@@ -18,9 +18,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/process/annotations.h"
-#include "service/proxy_config.h"
-#include "service/proxy_config_owner.h"
+#include "base/annotations.h"
+#include "service/records/proxy_config.h"
+#include "service/records/proxy_config_owner.h"
 
 class ProxyManagerServiceImpl;
 
@@ -78,8 +78,8 @@ class PACFetcher {
   std::string getDomainName() const;
 
   /// The WPAD URLs of each name in `domain`, in order, from the longest to the shortest that is no
-  /// public suffix. 256 at most; a name that DNS cannot hold (over 253 characters) has none, nor one
-  /// that cannot be a URL's host ("com/.example.com", "h:80").
+  /// public suffix. 256 at most; a name that DNS cannot hold (over 253 characters) has none, nor
+  /// one that cannot be a URL's host ("com/.example.com", "h:80").
   /// @param domain names with single blanks between
   std::vector<std::string> wpadUrlCandidatesFromDomain(const std::string& domain) const;
 

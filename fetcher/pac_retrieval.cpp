@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "base/log_line.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
 #include "fetcher/service_calls.h"
-#include "platform/log/log_line.h"
 #include "platform/netservice/dhcp_info.h"
 
 using fetcher::kLogClass;

@@ -9,12 +9,12 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/log_line.h"
 #include "domain/public_suffix.h"
 #include "domain/tld.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
 #include "fetcher/resolver_text.h"
-#include "platform/log/log_line.h"
 #include "platform/netservice/plain_file.h"
 
 using fetcher::kLogClass;

@@ -3,11 +3,11 @@
 #include <chrono>
 #include <cstring>
 
+#include "base/log_line.h"
 #include "domain/url_host.h"
-#include "pac/held_settings.h"
 #include "pac/service_notice.h"
-#include "platform/log/log_line.h"
 #include "platform/process/thread_name.h"
+#include "service/records/held_settings.h"
 
 namespace {
 

@@ -22,10 +22,10 @@
 #include <string>
 #include <thread>
 
+#include "base/annotations.h"
+#include "engine/pac.h"
 #include "pac/proxy_url_cache.h"
-#include "platform/pac_engine/pac.h"
-#include "platform/process/annotations.h"
-#include "service/proxy_config_owner.h"
+#include "service/records/proxy_config_owner.h"
 
 class ProxyManagerServiceImpl;
 

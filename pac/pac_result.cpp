@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <string_view>
 
-#include "pac/held_settings.h"
+#include "base/log_line.h"
 #include "pac/pac_parser.h"
-#include "platform/log/log_line.h"
+#include "service/records/held_settings.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/log_line.h"
 #include "pac/pac_parser.h"
 #include "pac/service_notice.h"
-#include "platform/log/log_line.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 
 ProxyURLCacheNode::~ProxyURLCacheNode() {
   logLine(LOG_INFO, "%s%s called ", "", "~ProxyURLCacheNode");

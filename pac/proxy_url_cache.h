@@ -17,7 +17,7 @@
 #include <memory>
 #include <string>
 
-#include "service/proxy_config.h"
+#include "service/records/proxy_config.h"
 
 /// One key in the order of use. Its destructor says a line and unlinks nothing.
 class ProxyURLCacheNode {

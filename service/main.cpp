@@ -15,7 +15,7 @@
 #include <exception>
 #include <memory>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 #include "platform/process/crash_handler.h"
 #include "platform/process/run_file.h"
 #include "platform/process/sl_service.h"

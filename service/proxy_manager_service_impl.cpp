@@ -4,9 +4,9 @@
 #include <exception>
 #include <utility>
 
+#include "base/log_line.h"
 #include "fetcher/pac_fetcher.h"
 #include "pac/pac_parser.h"
-#include "platform/log/log_line.h"
 #include "platform/process/thread_name.h"
 
 namespace {
@@ -146,7 +146,8 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
   return 0;
 }
 
-// Unlocked: runs on the bus thread, as do the writers, but for stop(), which goes after the last call.
+// Unlocked: runs on the bus thread, as do the writers, but for stop(), which goes after the last
+// call.
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl)
     PM_NO_THREAD_SAFETY_ANALYSIS {
   logLine(LOG_NOTICE, "%s%s proxy mode:%d, request url:%s", kPrefix, "getProxyUrl", mConfig->mode,

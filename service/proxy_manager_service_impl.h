@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
+#include "base/annotations.h"
 #include "dbus/proxy_manager_dbus_handler.h"
 #include "platform/bus/bus_helper.h"
-#include "platform/process/annotations.h"
 #include "platform/process/sl_service.h"
-#include "service/proxy_config_owner.h"
+#include "service/records/proxy_config_owner.h"
 
 class PACFetcher;
 class PacParser;

@@ -47,9 +47,9 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED(ProxymanagerResolver, proxymanager_resolver, G_TY
 
 static proxymanager_client* the_client;
 
-/* The client, made where there is none but `useless`; null without memory. Of one that is left behind
- * by a fork() the freeing closes what the parent's connection has open here, and no more: another
- * thread that is about to learn that it is useless, too, still may. */
+/* The client, made where there is none but `useless`; null without memory. Of one that is left
+ * behind by a fork() the freeing closes what the parent's connection has open here, and no more:
+ * another thread that is about to learn that it is useless, too, still may. */
 static proxymanager_client* client_but(proxymanager_client* useless) {
   proxymanager_client* const current = g_atomic_pointer_get(&the_client);
   if (current != useless) return current;

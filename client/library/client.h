@@ -26,13 +26,13 @@
 #include <string>
 #include <string_view>
 
+#include "base/annotations.h"
 #include "client/library/bus_link.h"
 #include "client/library/include/proxymanager/client.h"
 #include "client/library/noted_socket.h"
 #include "client/library/outcome.h"
 #include "client/library/process_identity.h"
 #include "client/library/remembered_answers.h"
-#include "platform/process/annotations.h"
 
 namespace client::library {
 

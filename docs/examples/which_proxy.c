@@ -5,18 +5,18 @@
 
 enum { LIMIT_MS = 15000 };
 
-int main(int argc, char **argv) {
-  proxymanager_client *client = proxymanager_client_new(0);
+int main(int argc, char** argv) {
+  proxymanager_client* client = proxymanager_client_new(0);
   int failed = 0;
   for (int i = 1; i < argc; i++) {
-    proxymanager_answer *answer = NULL;
+    proxymanager_answer* answer = NULL;
     proxymanager_status status = proxymanager_get(client, argv[i], LIMIT_MS, &answer);
     if (status != PROXYMANAGER_OK) {
       fprintf(stderr, "%s: %s\n", argv[i], proxymanager_status_text(status));
       failed = 1;
     }
     for (size_t n = 0; n < proxymanager_answer_count(answer); n++) {
-      const proxymanager_entry *entry = proxymanager_answer_entry(answer, n);
+      const proxymanager_entry* entry = proxymanager_answer_entry(answer, n);
       if (entry->kind != PROXYMANAGER_UNUSABLE) puts(entry->url);
     }
     proxymanager_answer_unref(answer);

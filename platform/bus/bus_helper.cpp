@@ -10,8 +10,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/log_line.h"
 #include "platform/bus/bus_loop.h"
-#include "platform/log/log_line.h"
 
 namespace DBus {
 
@@ -59,13 +59,17 @@ std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
 
 }  // namespace
 
-BusHelper::DispatcherReset::~DispatcherReset() { default_dispatcher = nullptr; }
+BusHelper::DispatcherReset::~DispatcherReset() {
+  default_dispatcher = nullptr;
+}
 
 BusHelper::BusHelper() : mLoop(makeLoop()), mConnection(connectWithinLimit(mLoop)) {
   mConnection->exit_on_disconnect(false);  // the loop tells the operator first
 }
 
-BusHelper::~BusHelper() { stopDispatching(); }
+BusHelper::~BusHelper() {
+  stopDispatching();
+}
 
 void BusHelper::requestName(const char* name) {
   // Not by the library's request_name: it hides that the call was only queued, and its connection's

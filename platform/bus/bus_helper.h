@@ -24,8 +24,8 @@ class BusHelper {
   /// seconds, are the steadiest sender: they need half an hour of a blocked bus thread to fill it.
   static constexpr std::size_t kMaxPosted = 1024;
 
-  /// Connects to the system bus; waits 10 s at most. Throws DBus::Error where there is none, or none
-  /// that answers.
+  /// Connects to the system bus; waits 10 s at most. Throws DBus::Error where there is none, or
+  /// none that answers.
   BusHelper();
   /// Ends dispatching.
   ~BusHelper();
@@ -43,7 +43,8 @@ class BusHelper {
   void startDispatching();
 
   /// Ends and joins the bus thread, having run what run() queued and sent what waits as far
-  /// as the bus takes it (5 s at most); drops the rest. Nothing where it does not run. Not to be called on the bus thread.
+  /// as the bus takes it (5 s at most); drops the rest. Nothing where it does not run. Not to be
+  /// called on the bus thread.
   void stopDispatching();
 
   /// Runs `function` on the thread that may touch the connection: at once where that is the calling

@@ -11,7 +11,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 #include "platform/process/thread_name.h"
 
 namespace DBus {

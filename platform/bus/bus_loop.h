@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/process/annotations.h"
+#include "base/annotations.h"
 
 namespace DBus {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 #include "platform/netservice/dhcp_conf.h"
 #include "platform/netservice/plain_file.h"
 

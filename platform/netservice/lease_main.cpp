@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 #include "platform/netservice/lease_text.h"
 #include "platform/netservice/watched_file.h"
 

@@ -18,7 +18,8 @@ enum class FileOwner {
 /// @param limit most bytes that the file may have
 /// @param owner whose file it has to be
 /// @param text  receives the bytes; empty on failure
-/// @return 0, or an errno value: ELOOP for a refused link, EINVAL for what is no regular file, EPERM for
+/// @return 0, or an errno value: ELOOP for a refused link, EINVAL for what is no regular file,
+/// EPERM for
 ///         another owner's, EFBIG for more than `limit` bytes, else that of open or read
 /// Any thread.
 int readPlainFile(const char* path, std::size_t limit, FileOwner owner, std::string& text);

@@ -23,7 +23,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 
 namespace {
 

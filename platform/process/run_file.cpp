@@ -10,8 +10,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/log/log_line.h"
-#include "platform/process/file_name.h"
+#include "base/file_name.h"
+#include "base/log_line.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include <optional>
 #include <string>
 
-#include "platform/log/log_line.h"
-#include "platform/process/file_name.h"
+#include "base/file_name.h"
+#include "base/log_line.h"
 
 namespace {
 

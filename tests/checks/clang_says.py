@@ -86,7 +86,7 @@ def judge_tree(build, tree, tidy):
 EXAMPLE = """
 #include <string>
 #include <utility>
-#include "platform/process/annotations.h"
+#include "base/annotations.h"
 class Counter {
  public:
   int next() { HELD return ++mCount; }

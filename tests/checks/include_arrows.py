@@ -17,7 +17,7 @@ import tempfile
 RECORDS = "service/proxy_config"
 SERVICE_HEADER = "service/proxy_manager_service_impl.h"
 # What everything may include.
-COMMON = ("platform/log/", "platform/process/annotations.h")
+COMMON = ("platform/log/", "base/annotations.h")
 # Folder (or file) -> the beginnings of what it may include besides its own folder. The longest
 # beginning that fits a file is the row that counts.
 ARROWS = {
@@ -37,7 +37,7 @@ ARROWS = {
 # May keep a pointer back to the service.
 POINT_BACK = ("dbus/", "pac/", "fetcher/")
 PAC_LIBRARY = "platform/pac_engine/"
-PAC_HEADER = "platform/pac_engine/pac.h"
+PAC_HEADER = "engine/pac.h"
 
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*"([^"]+)"', re.MULTILINE)
 FORWARD = re.compile(r"^\s*class\s+ProxyManagerServiceImpl\s*;", re.MULTILINE)
@@ -91,27 +91,27 @@ def violations(tree):
 
 
 GOOD = {
-    "service/proxy_config.cpp": ["service/proxy_config.h", "service/proxy_config_owner.h", "platform/log/log_line.h"],
+    "service/records/proxy_config.cpp": ["service/records/proxy_config.h", "service/records/proxy_config_owner.h", "base/log_line.h"],
     "service/main.cpp": ["pac/pac_parser.h", "dbus/handler.h", "platform/bus/bus_helper.h"],
-    "domain/tld.cpp": ["domain/tld.h", "tld_table.h", "service/proxy_config.h"],
-    "pac/pac_parser.h": ["service/proxy_config.h", "platform/process/annotations.h"],
+    "domain/tld.cpp": ["domain/tld.h", "tld_table.h", "service/records/proxy_config.h"],
+    "pac/pac_parser.h": ["service/records/proxy_config.h", "base/annotations.h"],
     "pac/pac_parser.cpp": ["pac/pac_parser.h", SERVICE_HEADER, PAC_HEADER, "domain/url_host.h"],
-    "dbus/contract.h": ["service/proxy_config.h"],
+    "dbus/contract.h": ["service/records/proxy_config.h"],
     "platform/bus/loop.cpp": ["platform/bus/loop.h", "platform/process/thread_name.h"],
     "client/get.cpp": ["client/library/answer.h", "pac/pac_parser.h"],
-    "client/library/client.cpp": ["client/library/answer.h", "platform/process/annotations.h"],
+    "client/library/client.cpp": ["client/library/answer.h", "base/annotations.h"],
     "tests/unit/any.cpp": ["service/main.h"],
 }
 BAD = {
-    "service/proxy_config.h": ["pac/pac_parser.h", "service/proxy_manager_service_impl.h"],
+    "service/records/proxy_config.h": ["pac/pac_parser.h", "service/proxy_manager_service_impl.h"],
     "domain/tld.h": ["pac/pac_parser.h", "platform/bus/bus_helper.h", "../service/x.h"],
     "pac/pac_parser.h": [SERVICE_HEADER, "fetcher/pac_fetcher.h"],
-    "pac/cache.cpp": [SERVICE_HEADER, "platform/pac_engine/pac_engine.h"],
+    "pac/cache.cpp": [SERVICE_HEADER, "engine/pac_engine.h"],
     "dbus/contract.cpp": ["platform/bus/bus_helper.h", "pac/pac_parser.h"],
     "fetcher/pac_fetcher.cpp": ["pac/pac_parser.h", "dbus/handler.h"],
-    "platform/bus/loop.h": ["service/proxy_config.h", "domain/tld.h"],
-    "client/main.cpp": [SERVICE_HEADER],
-    "client/library/client.cpp": ["client/command.h", "platform/process/thread_name.h"],
+    "platform/bus/loop.h": ["service/records/proxy_config.h", "domain/tld.h"],
+    "client/ctl/main.cpp": [SERVICE_HEADER],
+    "client/library/client.cpp": ["client/ctl/commands/command.h", "platform/process/thread_name.h"],
     "client/gio/module.c": ["client/library/client.h"],
 }
 

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <string>
 
-#include "platform/pac_engine/name_lookup.h"
+#include "engine/host/name_lookup.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"

@@ -15,8 +15,8 @@
 #include <string>
 #include <utility>
 
-#include "platform/pac_engine/pac_engine.h"
-#include "platform/pac_engine/worker_process.h"
+#include "engine/host/worker_process.h"
+#include "engine/pac_engine.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/log.h"
 #include "tests/fuzz/support/messages.h"

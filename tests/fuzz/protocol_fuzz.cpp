@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "platform/pac_engine/protocol.h"
+#include "engine/wire/protocol.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/messages.h"
 #include "tests/fuzz/support/require.h"

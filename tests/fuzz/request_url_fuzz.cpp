@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-#include "platform/pac_engine/protocol.h"
-#include "platform/pac_engine/request_url.h"
+#include "engine/host/request_url.h"
+#include "engine/wire/protocol.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"

@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <string>
 
-#include "platform/pac_engine/pac_engine.h"
-#include "platform/pac_engine/protocol.h"
-#include "platform/pac_engine/worker/script_text.h"
-#include "platform/pac_engine/worker/utf8.h"
+#include "engine/pac_engine.h"
+#include "engine/wire/protocol.h"
+#include "engine/worker/script_text.h"
+#include "engine/worker/utf8.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"

@@ -4,13 +4,13 @@
 #include <algorithm>
 #include <string>
 
-#include "platform/pac_engine/worker/script_engine.h"
-#include "platform/pac_engine/worker/shell_expression.h"
-#include "platform/pac_engine/worker/utf8.h"
+#include "engine/worker/script_engine.h"
+#include "engine/worker/shell_expression.h"
+#include "engine/worker/utf8.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"
-#include "tests/unit/worker/fake_environment.h"
+#include "tests/unit/engine/worker/fake_environment.h"
 
 using fuzz::require;
 using namespace pac_worker;

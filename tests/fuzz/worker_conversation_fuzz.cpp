@@ -15,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/pac_engine/worker/conversation.h"
-#include "platform/pac_engine/worker/worker_end.h"
+#include "engine/worker/conversation.h"
+#include "engine/worker/worker_end.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/messages.h"
 #include "tests/fuzz/support/require.h"

@@ -13,13 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "base/log_line.h"
 #include "bench/no_world.h"
 #include "bench/scripts.h"
+#include "engine/host/request_url.h"
+#include "engine/worker/script_engine.h"
 #include "pac/pac_parser.h"
-#include "platform/log/log_line.h"
-#include "platform/pac_engine/request_url.h"
-#include "platform/pac_engine/worker/script_engine.h"
-#include "service/proxy_config.h"
+#include "service/records/proxy_config.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 #include "platform/process/crash_handler.h"
 #include "platform/process/thread_name.h"
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "platform/pac_engine/protocol.h"
+#include "engine/wire/protocol.h"
 #include "tests/fuzz/support/input.h"
 
 namespace fuzz {

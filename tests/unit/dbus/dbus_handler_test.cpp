@@ -141,7 +141,8 @@ TEST_F(HandlerWithService, AnExceptionIsAnsweredAsWithoutAServiceAndSaidOnce) {
             1);
 }
 
-// Whole calls, as the bus brings them: dispatched on the bus thread, asked from a second connection.
+// Whole calls, as the bus brings them: dispatched on the bus thread, asked from a second
+// connection.
 class HandlerOnTheBus : public HandlerWithService {
  protected:
   void SetUp() override { mHelper->startDispatching(); }
@@ -184,8 +185,8 @@ TEST_F(HandlerOnTheBus, MakesTextThatIsNotUtf8HarmlessBeforeItLeaves) {
 TEST_F(HandlerOnTheBus, AnythingElseThrownIsAnErrorReplyAndALine) {
   onUrl = [](const std::string&) -> std::vector<std::string> { throw 7; };
   EXPECT_THROW(ask("getProxyurl"), DBus::Error);
-  EXPECT_EQ(
-      countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: unknown exception"), 1);
+  EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: unknown exception"),
+            1);
   onUrl = [](const std::string&) { return std::vector<std::string>{"off"}; };
   EXPECT_NO_THROW(ask("getProxyurl"));
 }

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
-#include "service/proxy_config_owner.h"
+#include "service/records/proxy_config_owner.h"
 #include "tests/support/log_capture.h"
 
 namespace {

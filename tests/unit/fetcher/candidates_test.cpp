@@ -99,11 +99,11 @@ TEST(WpadCandidates, AreNoneForANameThatDnsCannotHold) {
 // Each would have asked wpad.com or wpad.co.uk, past the judges of public suffixes.
 TEST(WpadCandidates, AreNoneForANameThatIsNotTheWholeHostOfItsUrl) {
   using namespace std::string_literals;
-  for (const auto& name : {"com/.example.org"s, "com?.example.org"s, "com#.example.org"s,
-                           "example.org@com"s, "x.co.uk:80"s, "x.%63o.uk"s, "com\0.example.org"s,
-                           // mapped: co.uk, com, co.jp
-                           "co\u3002uk"s, "\uff43\uff4f\uff4d"s, "eng.example.\uff43\uff4f.jp"s,
-                           "c\u00adom"s}) {
+  for (const auto& name :
+       {"com/.example.org"s, "com?.example.org"s, "com#.example.org"s, "example.org@com"s,
+        "x.co.uk:80"s, "x.%63o.uk"s, "com\0.example.org"s,
+        // mapped: co.uk, com, co.jp
+        "co\u3002uk"s, "\uff43\uff4f\uff4d"s, "eng.example.\uff43\uff4f.jp"s, "c\u00adom"s}) {
     EXPECT_THAT(candidates(name), IsEmpty()) << name;
   }
   EXPECT_THAT(candidates("com/.example.org eng.example.com"),

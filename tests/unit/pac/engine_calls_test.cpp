@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "engine/pac.h"
 #include "pac/pac_parser.h"
-#include "platform/pac_engine/pac.h"
 #include "tests/unit/pac/script_on_disk.h"
 
 struct pac {

@@ -1,5 +1,3 @@
-#include "service/proxy_manager_service_impl.h"
-
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -9,6 +7,7 @@
 
 #include "fetcher/pac_fetcher.h"
 #include "pac/pac_parser.h"
+#include "service/proxy_manager_service_impl.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/own_root.h"
 #include "tests/support/private_bus.h"
@@ -34,8 +33,7 @@ TEST_F(Service, BeforeItsStartANewFileFindsNoParser) {
   EXPECT_EQ(
       logLines(),
       (std::vector<LogLine>{
-          {LOG_NOTICE,
-           "ProxyManagerServiceImpl-pacFileUpdated pacFileName:/tmp/proxymanager.pac"},
+          {LOG_NOTICE, "ProxyManagerServiceImpl-pacFileUpdated pacFileName:/tmp/proxymanager.pac"},
           {LOG_ERR,
            "ProxyManagerServiceImpl-pacFileUpdated pacparser is null pacFileName:"
            "/tmp/proxymanager.pac"}}));
@@ -51,8 +49,7 @@ TEST_F(Service, ASecondStartSaysThatItsThreadRuns) {
   mService.start();
   ASSERT_TRUE(waitForLog(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called "));
   mService.start();
-  EXPECT_TRUE(
-      logged(LOG_INFO, "ProxyManagerServiceImpl-start pac process thread already started"));
+  EXPECT_TRUE(logged(LOG_INFO, "ProxyManagerServiceImpl-start pac process thread already started"));
   EXPECT_EQ(countLog(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called "), 1);
 }
 

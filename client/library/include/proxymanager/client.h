@@ -79,20 +79,20 @@ typedef enum proxymanager_kind {
   PROXYMANAGER_HTTPS = 3,    /**< an HTTP proxy that is itself spoken to in TLS */
   PROXYMANAGER_SOCKS4 = 4,
   PROXYMANAGER_SOCKS4A = 5,
-  PROXYMANAGER_SOCKS5 = 6,   /**< names are looked up by the program */
-  PROXYMANAGER_SOCKS5H = 7   /**< names are looked up by the proxy */
+  PROXYMANAGER_SOCKS5 = 6, /**< names are looked up by the program */
+  PROXYMANAGER_SOCKS5H = 7 /**< names are looked up by the proxy */
 } proxymanager_kind;
 
 /** One thing to try. No member is null; those without a value are empty. */
 typedef struct proxymanager_entry {
   proxymanager_kind kind;
-  const char *text;        /**< as the daemon gives it: "PROXY cache.example.org:8080" */
-  const char *url;         /**< "http://cache.example.org:8080"; "direct://"; empty if unusable */
-  const char *scheme;      /**< of `url`: "http", "https", "socks4", "socks4a", "socks5",
+  const char* text;        /**< as the daemon gives it: "PROXY cache.example.org:8080" */
+  const char* url;         /**< "http://cache.example.org:8080"; "direct://"; empty if unusable */
+  const char* scheme;      /**< of `url`: "http", "https", "socks4", "socks4a", "socks5",
                                 "socks5h", "direct" */
-  const char *credentials; /**< "user:password" as a manual proxy's URL has them, percent-encoded;
+  const char* credentials; /**< "user:password" as a manual proxy's URL has them, percent-encoded;
                                 part of `url` */
-  const char *host;        /**< a name, an IPv4 address, or an IPv6 address in brackets */
+  const char* host;        /**< a name, an IPv4 address, or an IPv6 address in brackets */
   uint16_t port;           /**< in host order; 0 without a proxy */
 } proxymanager_entry;
 
@@ -109,18 +109,18 @@ typedef struct proxymanager_failure {
   proxymanager_status status;
   int error;        /**< errno, where there was no connection to the bus: ETIMEDOUT where the limit
                          was over before it was made, or the bus said nothing for 10 s; else 0 */
-  const char *name; /**< of the error on the bus, "org.freedesktop.DBus.Error.AccessDenied"; empty
+  const char* name; /**< of the error on the bus, "org.freedesktop.DBus.Error.AccessDenied"; empty
                          where none was sent */
-  const char *text; /**< of the error on the bus; may be empty */
+  const char* text; /**< of the error on the bus; may be empty */
 } proxymanager_failure;
 
 /** Takes the end of a question: `answer` is null unless `status` is PROXYMANAGER_OK, and is the
  * callee's, to be given back with proxymanager_answer_unref(). */
 typedef void (*proxymanager_answer_callback)(proxymanager_status status,
-                                             proxymanager_answer *answer, void *context);
+                                             proxymanager_answer* answer, void* context);
 
 /** Takes a change. */
-typedef void (*proxymanager_change_callback)(proxymanager_change change, void *context);
+typedef void (*proxymanager_change_callback)(proxymanager_change change, void* context);
 
 /** A question that was not answered at once, or a watch; never 0. Not used again by its client. */
 typedef uint64_t proxymanager_id;
@@ -141,12 +141,12 @@ typedef uint64_t proxymanager_id;
  * @param flags 0 or PROXYMANAGER_NO_START; further bits are refused
  * @return the client, to be freed with proxymanager_client_free(); null without memory and for
  * unknown flags */
-PROXYMANAGER_API proxymanager_client *proxymanager_client_new(unsigned flags);
+PROXYMANAGER_API proxymanager_client* proxymanager_client_new(unsigned flags);
 
 /** Ends the connection and the client's thread. Questions that wait end with
  * PROXYMANAGER_CANCELLED, their callbacks during this call; none comes after it. Answers live on.
  * No other thread may use the client by then. Null does nothing. */
-PROXYMANAGER_API void proxymanager_client_free(proxymanager_client *client);
+PROXYMANAGER_API void proxymanager_client_free(proxymanager_client* client);
 
 /** Asks for the proxies of `url` and waits.
  * @param limit_ms how long to wait at most, the connecting included, in milliseconds. A script may
@@ -154,9 +154,9 @@ PROXYMANAGER_API void proxymanager_client_free(proxymanager_client *client);
  * @param answer takes the answer, to be given back with proxymanager_answer_unref(); null unless
  * PROXYMANAGER_OK is returned. An answer may have no entry: the script has none for this URL, or
  * there is no script yet */
-PROXYMANAGER_API proxymanager_status proxymanager_get(proxymanager_client *client, const char *url,
+PROXYMANAGER_API proxymanager_status proxymanager_get(proxymanager_client* client, const char* url,
                                                       unsigned limit_ms,
-                                                      proxymanager_answer **answer);
+                                                      proxymanager_answer** answer);
 
 /** Asks for the proxies of `url` without waiting.
  * @param limit_ms as above
@@ -164,57 +164,57 @@ PROXYMANAGER_API proxymanager_status proxymanager_get(proxymanager_client *clien
  * client's thread. Not called where this returns another status than PROXYMANAGER_OK
  * @param id where not null, takes what proxymanager_cancel() wants; 0 where the callback has been
  * called */
-PROXYMANAGER_API proxymanager_status proxymanager_get_async(proxymanager_client *client,
-                                                            const char *url, unsigned limit_ms,
+PROXYMANAGER_API proxymanager_status proxymanager_get_async(proxymanager_client* client,
+                                                            const char* url, unsigned limit_ms,
                                                             proxymanager_answer_callback callback,
-                                                            void *context, proxymanager_id *id);
+                                                            void* context, proxymanager_id* id);
 
 /** Takes a question back. Its callback is called with PROXYMANAGER_CANCELLED, on the client's
  * thread; one that is already being called is left alone.
  * @return 1 where the question still waited, else 0 */
-PROXYMANAGER_API int proxymanager_cancel(proxymanager_client *client, proxymanager_id id);
+PROXYMANAGER_API int proxymanager_cancel(proxymanager_client* client, proxymanager_id id);
 
 /** Calls `callback` for each change from now on, on the client's thread. While there is a watch the
  * client stays connected, and looks for a lost bus every few seconds. The first call tells whether
  * the daemon is there. Where the bus takes no match rules of the client's, as its policy has none
  * left for one connection, that is the only call until the connection ends.
  * @param id takes what proxymanager_unwatch() wants */
-PROXYMANAGER_API proxymanager_status proxymanager_watch(proxymanager_client *client,
+PROXYMANAGER_API proxymanager_status proxymanager_watch(proxymanager_client* client,
                                                         proxymanager_change_callback callback,
-                                                        void *context, proxymanager_id *id);
+                                                        void* context, proxymanager_id* id);
 
 /** Ends a watch. When it returns, its callback does not run and will not; inside that callback, it
  * will not be called again. An unknown id does nothing. */
-PROXYMANAGER_API void proxymanager_unwatch(proxymanager_client *client, proxymanager_id id);
+PROXYMANAGER_API void proxymanager_unwatch(proxymanager_client* client, proxymanager_id id);
 
 /** @return one more holder of the same answer; null for null */
-PROXYMANAGER_API proxymanager_answer *proxymanager_answer_ref(proxymanager_answer *answer);
+PROXYMANAGER_API proxymanager_answer* proxymanager_answer_ref(proxymanager_answer* answer);
 
 /** Gives an answer back, with its entries and texts when nobody else holds it. Null does
  * nothing. */
-PROXYMANAGER_API void proxymanager_answer_unref(proxymanager_answer *answer);
+PROXYMANAGER_API void proxymanager_answer_unref(proxymanager_answer* answer);
 
 /** @return "off", "manual", "pacurl" or "wpad"; lives as long as the answer */
-PROXYMANAGER_API const char *proxymanager_answer_mode(const proxymanager_answer *answer);
+PROXYMANAGER_API const char* proxymanager_answer_mode(const proxymanager_answer* answer);
 
 /** @return how many entries there are, in the order to be tried; may be 0 */
-PROXYMANAGER_API size_t proxymanager_answer_count(const proxymanager_answer *answer);
+PROXYMANAGER_API size_t proxymanager_answer_count(const proxymanager_answer* answer);
 
 /** @return the entry, which lives as long as the answer; null from the count on. Later releases may
  * add members at its end: ask for each by its index, and copy members, not the whole. */
-PROXYMANAGER_API const proxymanager_entry *proxymanager_answer_entry(
-    const proxymanager_answer *answer, size_t index);
+PROXYMANAGER_API const proxymanager_entry* proxymanager_answer_entry(
+    const proxymanager_answer* answer, size_t index);
 
 /** @return a few English words for people, never null: "the daemon does not run" */
-PROXYMANAGER_API const char *proxymanager_status_text(proxymanager_status status);
+PROXYMANAGER_API const char* proxymanager_status_text(proxymanager_status status);
 
 /** Says more of the last question of the calling thread: the one whose proxymanager_get() or
  * proxymanager_get_async() returned, or, in a callback, the one whose end it takes.
  * @return never null; holds until the thread's next question or callback, or its end */
-PROXYMANAGER_API const proxymanager_failure *proxymanager_last_failure(void);
+PROXYMANAGER_API const proxymanager_failure* proxymanager_last_failure(void);
 
 /** @return the release of the library that runs: "0.1.0" */
-PROXYMANAGER_API const char *proxymanager_client_version(void);
+PROXYMANAGER_API const char* proxymanager_client_version(void);
 
 #ifdef __cplusplus
 }

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "platform/log/log_line.h"
+#include "base/log_line.h"
 #include "platform/netservice/dhcp_info.h"
 #include "platform/netservice/plain_file.h"
 

@@ -1,0 +1,62 @@
+// Clang's thread-safety analysis, and mutexes that it knows.
+//
+// The standard library's mutexes carry no annotations on this platform, so the two below derive
+// from them and add nothing but the attributes. Other compilers see plain mutexes.
+// https://clang.llvm.org/docs/ThreadSafetyAnalysis.html
+#pragma once
+
+#include <mutex>
+#include <type_traits>
+
+#if defined(__clang__)
+#define PM_THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define PM_THREAD_ATTRIBUTE(x)
+#endif
+
+#define PM_CAPABILITY(name) PM_THREAD_ATTRIBUTE(capability(name))
+#define PM_SCOPED_CAPABILITY PM_THREAD_ATTRIBUTE(scoped_lockable)
+#define PM_GUARDED_BY(mutex) PM_THREAD_ATTRIBUTE(guarded_by(mutex))
+#define PM_PT_GUARDED_BY(mutex) PM_THREAD_ATTRIBUTE(pt_guarded_by(mutex))
+#define PM_REQUIRES(...) PM_THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+#define PM_ACQUIRE(...) PM_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define PM_RELEASE(...) PM_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+#define PM_TRY_ACQUIRE(...) PM_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define PM_ACQUIRED_BEFORE(...) PM_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))
+#define PM_ACQUIRED_AFTER(...) PM_THREAD_ATTRIBUTE(acquired_after(__VA_ARGS__))
+#define PM_EXCLUDES(...) PM_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define PM_NO_THREAD_SAFETY_ANALYSIS PM_THREAD_ATTRIBUTE(no_thread_safety_analysis)
+
+/// std::mutex, known to the analysis.
+class PM_CAPABILITY("mutex") Mutex : public std::mutex {
+ public:
+  void lock() PM_ACQUIRE() { std::mutex::lock(); }
+  void unlock() PM_RELEASE() { std::mutex::unlock(); }
+  bool try_lock() PM_TRY_ACQUIRE(true) { return std::mutex::try_lock(); }
+};
+
+/// std::recursive_mutex, known to the analysis.
+class PM_CAPABILITY("mutex") RecursiveMutex : public std::recursive_mutex {
+ public:
+  void lock() PM_ACQUIRE() { std::recursive_mutex::lock(); }
+  void unlock() PM_RELEASE() { std::recursive_mutex::unlock(); }
+  bool try_lock() PM_TRY_ACQUIRE(true) { return std::recursive_mutex::try_lock(); }
+};
+
+/// Holds a mutex for a scope, known to the analysis. `native()` is what a condition variable waits
+/// with; the wait gives the mutex back held, so the analysis need not see it.
+template <typename MutexType>
+class PM_SCOPED_CAPABILITY Lock {
+ public:
+  explicit Lock(MutexType& mutex) PM_ACQUIRE(mutex) : mLock(mutex) {}
+  ~Lock() PM_RELEASE() {}
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+  auto& native() { return mLock; }
+
+ private:
+  // The base, so that std::condition_variable takes it.
+  using Native = std::conditional_t<std::is_base_of_v<std::mutex, MutexType>, std::mutex,
+                                    std::recursive_mutex>;
+  std::unique_lock<Native> mLock;
+};

@@ -1,0 +1,13 @@
+// proxymanagerctl get: the daemon's answer for URLs.
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include "client/ctl/commands/command.h"
+
+namespace client {
+
+/// Adds the command to `program`; running it sets `action`.
+void addGetCommand(CLI::App& program, Action& action);
+
+}  // namespace client

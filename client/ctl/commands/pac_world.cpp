@@ -1,0 +1,137 @@
+#include "client/ctl/commands/pac_world.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <CLI/CLI.hpp>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/script_time.h"
+#include "engine/host/name_lookup.h"
+#include "engine/wire/protocol.h"
+
+namespace client {
+
+namespace {
+
+bool isAddress(const std::string& text) {
+  in6_addr binary{};
+  return inet_pton(AF_INET, text.c_str(), &binary) == 1 ||
+         inet_pton(AF_INET6, text.c_str(), &binary) == 1;
+}
+
+/// The addresses of "ADDR[,ADDR]".
+std::vector<std::string> addressList(const char* option, std::string_view text) {
+  std::vector<std::string> addresses;
+  for (;;) {
+    const auto comma = text.find(',');
+    std::string address(text.substr(0, comma));
+    if (!isAddress(address)) {
+      throw CLI::ValidationError(option, "\"" + address + "\" is no IPv4 or IPv6 address");
+    }
+    addresses.push_back(std::move(address));
+    if (comma == std::string_view::npos) return addresses;
+    text.remove_prefix(comma + 1);
+  }
+}
+
+void checkCount(const char* option, const std::vector<std::string>& addresses) {
+  if (addresses.size() <= pac_engine::kMaxAddresses) return;
+  throw CLI::ValidationError(option, "more than " + std::to_string(pac_engine::kMaxAddresses) +
+                                         " addresses; a script never sees further ones");
+}
+
+/// Adds what one --resolve says; one name may be given several times.
+void addName(const std::string& text, pac_engine::StaticNames& names) {
+  constexpr const char* kOption = "--resolve";
+  const auto equals = text.find('=');
+  if (equals == std::string::npos) {
+    throw CLI::ValidationError(kOption, "\"" + text + "\" is not NAME=ADDR[,ADDR]");
+  }
+  const auto name = pac_engine::asciiName(text.substr(0, equals));
+  if (!name) {
+    throw CLI::ValidationError(kOption, "\"" + text.substr(0, equals) + "\" is no host name");
+  }
+  auto& known = names[*name];
+  for (auto& address : addressList(kOption, std::string_view(text).substr(equals + 1))) {
+    known.push_back(std::move(address));
+  }
+  checkCount(kOption, known);
+}
+
+pac_engine::NameSource namesOf(const PacWorld& world) {
+  pac_engine::NameSource source;
+  source.offline = world.offline;
+  if (world.names.empty()) return source;
+  source.staticNames.emplace();
+  for (const auto& text : world.names) addName(text, *source.staticNames);
+  return source;
+}
+
+std::string zoneOf(const PacWorld& world) {
+  auto variable = zoneVariable(world.zone);
+  if (variable) return *std::move(variable);
+  throw CLI::ValidationError("--tz", "there is no time zone \"" + *world.zone +
+                                         "\"; names are those of the zone database, such as "
+                                         "Europe/Berlin or UTC");
+}
+
+std::int64_t clockOf(const std::string& text, const std::string& zone) {
+  constexpr const char* kOption = "--at";
+  const auto time = parseTime(text);
+  if (!time) {
+    throw CLI::ValidationError(kOption, "\"" + text +
+                                            "\" is no date and time of ISO 8601, such as "
+                                            "2026-03-02T09:00 or 2026-03-02T08:00:00Z");
+  }
+  const auto instant = instantOf(*time, zone);
+  if (instant) return *instant;
+  throw CLI::ValidationError(
+      kOption, "the clocks of the zone are put forward past " + text + "; there is no such time");
+}
+
+}  // namespace
+
+void addWorldOptions(CLI::App& command, PacWorld& world) {
+  addText(
+      command, "--at", "TIME", world.time,
+      "What weekdayRange, dateRange and timeRange\ntake for now: a date and time of ISO 8601,\nin "
+      "the zone of --tz unless it ends in \"Z\"\nor +hh:mm; by default the clock");
+  addText(command, "--tz", "ZONE", world.zone,
+          "Time zone of these three and of --at, a\nname of the zone database; by default the\n"
+          "device's (/etc/localtime)");
+  auto* const resolve =
+      command
+          .add_option(
+              "--resolve", world.names,
+              "Addresses of a name; to be repeated for\nothers. With it nothing else is looked\n"
+              "up: other names do not resolve")
+          ->option_text("NAME=ADDR[,ADDR]")
+          ->allow_extra_args(false);
+  addText(command, "--my-ip", "ADDR[,ADDR]", world.ownAddresses,
+          "What myIpAddress (the first IPv4 one) and\nmyIpAddressEx (all) give");
+  command
+      .add_flag(
+          "--offline", world.offline,
+          "Look nothing up: names do not resolve, the\nown address is 127.0.0.1. Not together\n"
+          "with --resolve")
+      ->option_text(" ")
+      ->excludes(resolve);
+}
+
+pac_engine::Options engineOptions(const PacWorld& world) {
+  pac_engine::Options options;
+  options.names = namesOf(world);
+  if (world.ownAddresses) {
+    options.ownAddresses = addressList("--my-ip", *world.ownAddresses);
+    checkCount("--my-ip", *options.ownAddresses);
+  }
+  options.zone = zoneOf(world);
+  if (world.time) options.clock = clockOf(*world.time, options.zone);
+  return options;
+}
+
+}  // namespace client

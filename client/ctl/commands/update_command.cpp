@@ -1,0 +1,195 @@
+#include "client/ctl/commands/update_command.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "client/ctl/commands/call_options.h"
+#include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/url_parts.h"
+#include "client/ctl/daemon/bus_failure.h"
+#include "client/ctl/daemon/daemon_bus.h"
+#include "client/ctl/exit_text.h"
+#include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/secret.h"
+#include "client/ctl/terminal/shown_text.h"
+#include "client/library/proxy_answer.h"
+
+namespace client {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kFooter =
+    R"(The whole configuration is replaced: what is not given is not set afterwards.
+With --user and without --password-file the password is asked for at the
+terminal. It never comes from the command line, which every user of the machine
+can see; nor may a URL that holds one: give "-" for URL and the URL on standard
+input. A change without an answer in time may still be made.
+
+Output:
+  Nothing where it is done. With --json an object: mode, proxyurl, pacurl,
+  userName (as given, or null) and httpCode (0).
+
+Exit status:
+  0    the configuration holds; a script is then fetched in the background
+  65   the password or URL that was read is no such thing
+  66   the file with the password cannot be read
+)";
+
+struct UpdateArguments {
+  const char* mode = nullptr;
+  std::string Configuration::*urlMember = nullptr;  ///< which URL the mode has; null for none
+  std::string url;
+  std::optional<std::string> user;
+  std::optional<std::string> passwordFile;
+  CallOptions call;
+};
+
+bool hasBlankOrControl(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte <= ' ' || byte == 0x7F;
+  });
+}
+
+/// Whether `url`, without "://", begins with a scheme rather than with a host and a port or with
+/// user and password.
+bool hasBareScheme(std::string_view url) {
+  const auto scheme = schemeOf(url);
+  if (scheme.empty()) return false;
+  const auto authority = url.substr(0, url.find_first_of("/?#"));
+  const auto behind = authority.substr(std::min(scheme.size() + 1, authority.size()));
+  const bool isPort = !behind.empty() && std::all_of(behind.begin(), behind.end(),
+                                                     [](char c) { return c >= '0' && c <= '9'; });
+  return !isPort && authority.find('@') == std::string_view::npos;
+}
+
+/// Why nobody could do anything with `url`; nothing where somebody could.
+std::optional<std::string> faultOf(const std::string& url, bool isPac) {
+  if (url.empty()) return "is empty; \"proxymanagerctl off\" turns proxies off";
+  if (hasBlankOrControl(url)) return "holds a blank or a control character";
+  if (!isPac) {
+    if (parseManualProxy(url).kind != ProxyKind::kUnusable) return std::nullopt;
+    return "is no proxy's; give it as http://proxy.example:3128, or with https, socks4, socks4a, "
+           "socks5 or socks5h in place of http";
+  }
+  if (authorityBegin(url) == 0 && !hasBareScheme(url)) return std::nullopt;
+  const auto scheme = inLowerCase(schemeOf(url));
+  if (scheme == "http" || scheme == "https") return std::nullopt;
+  return "has a scheme that the daemon does not fetch; http and https it does";
+}
+
+void checkArguments(const UpdateArguments& arguments) {
+  if (arguments.user) {
+    if (arguments.user->empty()) throw CLI::ValidationError("--user", "the name is empty");
+    checkBusText("--user", *arguments.user);
+  }
+  if (arguments.urlMember == nullptr) return;
+  if (arguments.url == "-") {
+    if (arguments.passwordFile == "-") {
+      throw CLI::ValidationError("--password-file", "standard input holds the URL already");
+    }
+    return;
+  }
+  checkBusText("URL", arguments.url);
+  if (const auto fault = faultOf(arguments.url, arguments.urlMember == &Configuration::pacurl)) {
+    throw CLI::ValidationError("URL", "it " + *fault);
+  }
+  if (hasPassword(arguments.url)) {
+    throw CLI::ValidationError("URL",
+                               "it holds a password, which every user can see on a command line; "
+                               "give \"-\" and the URL on "
+                               "standard input, or --user");
+  }
+}
+
+std::string readUrl(bool isPac) {
+  const auto line = readLine("-", "the URL", "URL: ");
+  if (const auto fault = faultOf(line.text(), isPac)) {
+    throw Failure(kBadData, "the URL in standard input " + *fault);
+  }
+  return line.text();
+}
+
+/// The configuration that the arguments ask for; reads the password and the URL where they are.
+Configuration wanted(const UpdateArguments& arguments) {
+  Configuration configuration;
+  configuration.mode = arguments.mode;
+  configuration.enableauth = arguments.user ? "y" : "n";
+  if (arguments.urlMember != nullptr) {
+    configuration.*arguments.urlMember =
+        arguments.url == "-" ? readUrl(arguments.urlMember == &Configuration::pacurl)
+                             : arguments.url;
+  }
+  if (arguments.user) {
+    configuration.userName = *arguments.user;
+    const auto password = arguments.passwordFile ? readLine(*arguments.passwordFile, "the password",
+                                                            passwordPrompt(*arguments.user))
+                                                 : askPassword(*arguments.user);
+    configuration.password = password.text();
+  }
+  return configuration;
+}
+
+void printDone(const Configuration& configuration, std::int32_t result) {
+  const auto value = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
+  Json object;
+  object["mode"] = configuration.mode;
+  object["proxyurl"] = value(withoutPassword(configuration.proxyurl));
+  object["pacurl"] = value(withoutPassword(configuration.pacurl));
+  object["userName"] = value(configuration.userName);
+  object["httpCode"] = result;
+  printJson(object);
+}
+
+ExitStatus update(const UpdateArguments& arguments) {
+  auto configuration = wanted(arguments);
+  const WipedAtEnd password(configuration.password);
+  const WipedAtEnd proxyurl(configuration.proxyurl);  // may hold another one
+  const WipedAtEnd pacurl(configuration.pacurl);
+  DaemonBus bus(arguments.call.limit);
+  const auto result = bus.update(configuration);
+  if (result < 0) throw endingDaemon();
+  if (arguments.call.json) printDone(configuration, result);
+  return kAnswered;
+}
+
+void addMode(CLI::App& program, Action& action, const char* mode, const char* help,
+             std::string Configuration::*urlMember) {
+  auto* const command = program.add_subcommand(mode, help);
+  const auto arguments = std::make_shared<UpdateArguments>();
+  arguments->mode = mode;
+  arguments->urlMember = urlMember;
+  if (urlMember != nullptr) {
+    command->add_option("URL", arguments->url, "The URL, or \"-\" for standard input")
+        ->required()
+        ->option_text(" ");
+  }
+  addText(*command, "--user", "NAME", arguments->user, "Authenticate at the proxy as NAME");
+  addText(*command, "--password-file", "FILE", arguments->passwordFile,
+          "The password, as the only line of FILE, or\nof standard input for \"-\"");
+  command->get_option("--password-file")->needs(command->get_option("--user"));
+  addCallOptions(*command, arguments->call, kChangeLimit);
+  command->footer(std::string(kFooter) + kBusStatuses);
+  command->callback([arguments, &action] {
+    checkArguments(*arguments);
+    action = [arguments] { return update(*arguments); };
+  });
+}
+
+}  // namespace
+
+void addUpdateCommands(CLI::App& program, Action& action) {
+  addMode(program, action, "off", "Use no proxy.", nullptr);
+  addMode(program, action, "manual", "Use the proxy at URL.", &Configuration::proxyurl);
+  addMode(program, action, "pacurl", "Use the PAC script at URL.", &Configuration::pacurl);
+  addMode(program, action, "wpad", "Use the PAC script that the network announces.", nullptr);
+}
+
+}  // namespace client

@@ -1,0 +1,13 @@
+// proxymanagerctl watch: what the daemon signals, as it comes.
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include "client/ctl/commands/command.h"
+
+namespace client {
+
+/// Adds the command to `program`; running it sets `action`.
+void addWatchCommand(CLI::App& program, Action& action);
+
+}  // namespace client

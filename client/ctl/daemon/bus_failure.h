@@ -1,0 +1,45 @@
+// What went wrong on the bus, as one line that says what to do.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+#include "client/ctl/commands/command.h"
+
+namespace client {
+
+/// A call as messages speak of it.
+struct CallNature {
+  const char* purpose;  ///< follows "not allowed to"
+  bool changes;         ///< may still be carried out after it was given up
+};
+
+/// Why a call has no answer. `name` and `text` are those of the error, `limit` is the time that the
+/// call was given. A pure function.
+Failure failedCall(const CallNature& call, std::string_view name, std::string_view text,
+                   std::chrono::microseconds limit);
+
+/// The name of the error for a call that was given up; the bus itself never says it.
+inline constexpr std::string_view kGivenUp = "org.freedesktop.DBus.Error.Timeout";
+
+/// Why there is no connection to the bus at `address`; `error` is an errno.
+Failure failedConnection(std::string_view address, int error);
+
+/// The connection ended while it was used.
+Failure lostConnection();
+
+/// The daemon answered that it has no service any more.
+Failure endingDaemon();
+
+/// The reply has not the form of the interface.
+Failure wrongReply();
+
+/// What to do where the daemon does not run.
+inline constexpr const char* kStartIt =
+    "start it, for instance with \"systemctl start proxymanagerd\"";
+
+/// "1.5 s"
+std::string secondsText(std::chrono::microseconds time);
+
+}  // namespace client

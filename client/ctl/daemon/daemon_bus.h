@@ -1,0 +1,121 @@
+// The daemon, as one talks to it over the system message bus.
+//
+// One connection, made when it is first needed, for one thread. Every call has a time limit, and
+// what goes wrong is a Failure whose text says what to do (client/ctl/daemon/bus_failure.h).
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace client {
+
+inline constexpr const char* kBusName = "com.zentu.ProxyManagerService";
+inline constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
+inline constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
+
+/// How long the bus itself is waited for: it is on this machine, and a silent one is an error. As
+/// long as the daemon waits for it.
+inline constexpr std::chrono::seconds kBusLimit{10};
+
+/// A configuration as getProxyconfig gives it.
+struct Configuration {
+  std::string mode;
+  std::string proxyurl;
+  std::string pacurl;
+  std::string enableauth;
+  std::string userName;
+  std::string password;
+};
+
+/// Who has the daemon's name.
+struct Owner {
+  std::string uniqueName;
+  std::optional<std::int64_t> process;
+  std::optional<std::uint32_t> user;
+};
+
+struct CallNature;
+
+struct BusCloser {
+  void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
+};
+struct MessageCloser {
+  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+struct SlotCloser {
+  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using BusHandle = std::unique_ptr<sd_bus, BusCloser>;
+using Message = std::unique_ptr<sd_bus_message, MessageCloser>;
+using Slot = std::unique_ptr<sd_bus_slot, SlotCloser>;
+
+class DaemonBus {
+ public:
+  using Limit = std::chrono::microseconds;
+  /// Takes a signal, which is valid during the call.
+  using Listener = std::function<void(sd_bus_message*)>;
+
+  /// Connects to the bus in DBUS_SYSTEM_BUS_ADDRESS, else to the system's.
+  /// @param limit of each call of the daemon
+  explicit DaemonBus(Limit limit);
+  DaemonBus(const DaemonBus&) = delete;
+  DaemonBus& operator=(const DaemonBus&) = delete;
+
+  /// Whether calls may start a daemon that does not run, which is so at first.
+  void startDaemon(bool may) { mMayStart = may; }
+
+  /// The daemon's methods. `checkStarted` gives what the daemon says, which is true while it works.
+  bool checkStarted();
+  std::vector<std::string> proxyUrls(const std::string& url);
+  Configuration configuration();
+  /// `configuration.enableauth` is "y" or "n". @return the daemon's result, 0
+  std::int32_t update(const Configuration& configuration);
+
+  /// @return nothing where nobody has the name
+  std::optional<Owner> owner();
+
+  /// Calls `listener` for each signal that fits `rule`, from waitFor() and runUntil(), as long as
+  /// this lives. What it throws leaves those. Returns when the bus has taken the rule.
+  void listen(const std::string& rule, Listener listener);
+
+  /// Hands on what has arrived, until `done` or for `limit`. @return whether it is done
+  bool waitFor(const std::function<bool()>& done, Limit limit);
+
+  /// Hands on what arrives, without a limit, until `descriptor` can be read.
+  void runUntil(int descriptor);
+
+ private:
+  struct Listening {
+    Listener listener;
+    std::exception_ptr thrown;
+    Slot slot;
+  };
+
+  static int handOn(sd_bus_message* message, void* listening, sd_bus_error* error);
+  Message newCall(const char* member) const;
+  Message call(const CallNature& nature, const Message& message);
+  Message askBus(const char* member);
+  /// Hands on one message that has arrived. @return false where there was none
+  bool process();
+
+  Limit mLimit;
+  bool mMayStart = true;
+  BusHandle mBus;
+  std::vector<std::unique_ptr<Listening>> mListening;
+};
+
+/// The rule for a signal of the daemon's interface; for all of them without `member`.
+std::string signalRule(const char* member);
+
+/// The rule for the daemon's coming and going.
+std::string ownerRule();
+
+}  // namespace client

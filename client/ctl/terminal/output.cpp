@@ -1,0 +1,112 @@
+#include "client/ctl/terminal/output.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <iomanip>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <system_error>
+
+#include "client/ctl/commands/command.h"
+#include "engine/pac_engine.h"
+
+namespace client {
+
+namespace {
+
+constexpr int kIndent = 2;  // columns, of blocks and of JSON
+// JSON leaves DEL and U+0080 to U+009F as they are, and they move a terminal; behind an escape none
+// does.
+constexpr bool kAsciiOnly = true;
+constexpr const char* kBold = "\x1b[1m";
+constexpr const char* kNormal = "\x1b[0m";
+
+const char* codeOf(Tone tone) {
+  switch (tone) {
+    case Tone::kGood:
+      return "\x1b[32m";
+    case Tone::kBad:
+      return "\x1b[31m";
+    case Tone::kFaint:
+      return "\x1b[2m";
+    case Tone::kPlain:
+      break;
+  }
+  return "";
+}
+
+/// `text` between `code` and the return to normal, where there is colour.
+std::string coloured(const char* code, std::string_view text) {
+  auto shown = pac_engine::visible(text);
+  if (*code == '\0' || !isColoured()) return shown;
+  return code + shown + kNormal;
+}
+
+}  // namespace
+
+bool isColoured() {
+  static const bool kColoured = [] {
+    const char* const unwanted = std::getenv("NO_COLOR");
+    const char* const terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) == 1 && (unwanted == nullptr || *unwanted == '\0') &&
+           terminal != nullptr && std::string_view(terminal) != "dumb";
+  }();
+  return kColoured;
+}
+
+void printBlock(std::string_view title, std::span<const Row> rows) {
+  std::size_t width = 0;
+  for (const auto& row : rows) width = std::max(width, row.name.size());
+  std::cout << coloured(kBold, title) << '\n';
+  for (const auto& row : rows) {
+    std::cout << std::string(kIndent, ' ') << std::left << std::setw(static_cast<int>(width))
+              << row.name << "  " << coloured(codeOf(row.tone), row.value) << '\n';
+  }
+  finishOutput();
+}
+
+void printEvent(std::string_view time, const Row& event, int width) {
+  std::cout << coloured(codeOf(Tone::kFaint), time) << "  " << std::left
+            << std::setw(event.value.empty() ? 0 : width) << event.name;
+  if (!event.value.empty()) std::cout << "  " << coloured(codeOf(event.tone), event.value);
+  std::cout << '\n';
+  finishOutput();
+}
+
+void printLine(std::string_view line) {
+  std::cout << pac_engine::visible(line) << '\n';
+  finishOutput();
+}
+
+void printText(std::string_view lines) {
+  std::cout << lines;
+  finishOutput();
+}
+
+void printJson(const nlohmann::ordered_json& value) {
+  using Json = nlohmann::ordered_json;
+  std::cout << value.dump(kIndent, ' ', kAsciiOnly, Json::error_handler_t::replace) << '\n';
+  finishOutput();
+}
+
+void printJsonLine(const nlohmann::ordered_json& value) {
+  using Json = nlohmann::ordered_json;
+  std::cout << value.dump(-1, ' ', kAsciiOnly, Json::error_handler_t::replace) << '\n';
+  finishOutput();
+}
+
+void finishOutput() {
+  errno = 0;
+  if (std::cout.flush()) return;
+  const int error = errno != 0 ? errno : EIO;
+  throw Failure(kOutput, "cannot write the output: " + std::generic_category().message(error));
+}
+
+void complain(std::string_view message) {
+  std::cerr << "proxymanagerctl: " << pac_engine::visible(message) << '\n';
+}
+
+}  // namespace client

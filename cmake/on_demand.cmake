@@ -1,0 +1,20 @@
+# proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): an object for the daemon alone, whose
+# functions stand before those of the library SONAME and map it at their first call. They are not
+# visible to other libraries, least of all to the library that they stand for.
+#
+# The name of the library is in the source. Others of its kind, such as a libcurl on GnuTLS, have
+# another name, and the daemon would not find the one that it was built with.
+function(proxymanager_on_demand target source dependency soname)
+  foreach(found IN LISTS ${dependency}_LINK_LIBRARIES)
+    if(found MATCHES "/lib${dependency}[^/]*\\.so$")
+      execute_process(COMMAND "${CMAKE_OBJDUMP}" -p "${found}" OUTPUT_VARIABLE dynamic ERROR_QUIET)
+      if(dynamic MATCHES "SONAME +([^\n ]+)" AND NOT CMAKE_MATCH_1 STREQUAL soname)
+        message(FATAL_ERROR "${found} is ${CMAKE_MATCH_1}; ${source} maps ${soname}")
+      endif()
+    endif()
+  endforeach()
+  add_library(${target} OBJECT ${source})
+  target_include_directories(${target} PRIVATE "${proxymanagerd_SOURCE_DIR}")
+  target_compile_options(${target} PRIVATE -fvisibility=hidden)
+  target_link_libraries(${target} PRIVATE PkgConfig::${dependency} proxymanager_warnings)
+endfunction()

@@ -1,0 +1,53 @@
+// One name lookup through c-ares: hosts file and name servers, as the resolver configuration says.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/host/file_change.h"
+#include "engine/wire/address_family.h"
+#include "engine/wire/channel.h"
+
+namespace pac_engine {
+
+enum class LookupEnd : std::uint8_t {
+  kDone,      ///< answered, maybe by "no such name"
+  kTooLate,   ///< no answer by the deadline
+  kAbandoned  ///< whoever asked is gone, or there is no memory
+};
+
+struct LookupResult {
+  LookupEnd end = LookupEnd::kDone;
+  std::vector<std::string> addresses;  ///< in the order of preference (RFC 6724)
+  std::chrono::seconds lifetime{0};  ///< the shortest of the answer's records; 0 for the hosts file
+};
+
+/// The resolver; not for use by two threads. Its sockets live no longer than a lookup.
+class DnsResolver {
+ public:
+  /// @param servers "address[:port],..." instead of the configured ones, where not empty
+  explicit DnsResolver(std::string servers);
+  ~DnsResolver();
+  DnsResolver(const DnsResolver&) = delete;
+  DnsResolver& operator=(const DnsResolver&) = delete;
+
+  /// Whether the resolver's configuration has been replaced since the last call; if so, it is read
+  /// anew at the next lookup. The first call says no.
+  bool configurationChanged();
+
+  /// Looks `name` (ASCII) up on the calling thread until `deadline`; ends early when the peer of
+  /// the socket `watched` closes it.
+  LookupResult lookUp(const std::string& name, pac_engine::AddressFamily family, Deadline deadline,
+                      int watched);
+
+ private:
+  struct Resolver;  ///< c-ares' channel
+  std::string mServers;
+  std::unique_ptr<Resolver> mResolver;
+  FileChange mConfiguration{"/etc/resolv.conf"};
+};
+
+}  // namespace pac_engine

@@ -1,0 +1,49 @@
+// Answers of name lookups, kept for a while: 500 names, the oldest go first.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "engine/wire/address_family.h"
+
+namespace pac_engine {
+
+inline constexpr std::size_t kLookupCacheNames = 500;
+inline constexpr std::chrono::seconds kLongestKept{60};  ///< however long the name server allows
+inline constexpr std::chrono::seconds kFailureKept{5};
+
+/// Not for use by two threads.
+class LookupCache {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using Key = std::pair<std::string, pac_engine::AddressFamily>;
+  using Addresses = std::vector<std::string>;
+
+  /// What is known of `key` at `now`: addresses, or none for a failure; nothing where nothing is
+  /// known.
+  std::optional<Addresses> find(const Key& key, Clock::time_point now) const;
+
+  /// Keeps `addresses` for `lifetime` of 60 s at most, or a failure (no addresses) for 5 s, and
+  /// drops the name that was stored first where there are too many. A lifetime of 0 is not kept.
+  /// Throws std::bad_alloc where there is no memory; nothing is known of `key` then.
+  void store(const Key& key, Addresses addresses, std::chrono::seconds lifetime,
+             Clock::time_point now);
+
+  void clear();
+
+ private:
+  struct Entry {
+    Addresses addresses;
+    Clock::time_point until;
+  };
+  std::map<Key, Entry> mEntries;
+  std::deque<Key> mOrder;  ///< keys of mEntries, first stored first
+};
+
+}  // namespace pac_engine

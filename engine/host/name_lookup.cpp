@@ -1,0 +1,114 @@
+#include "engine/host/name_lookup.h"
+
+#include <arpa/inet.h>
+#include <idn2.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+
+namespace pac_engine {
+
+namespace {
+
+constexpr std::size_t kMaxAsciiName = 254;  // 253 and the dot of the root (RFC 1035)
+
+using IdnText = std::unique_ptr<char, decltype(&idn2_free)>;
+
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return (static_cast<unsigned char>(c) & 0x80U) == 0; });
+}
+
+bool mayStand(char c) {
+  return c > ' ' && c != 0x7F;
+}
+
+bool isIpv4(const std::string& address) {
+  in_addr binary{};
+  return inet_pton(AF_INET, address.c_str(), &binary) == 1;
+}
+
+std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, AddressFamily family) {
+  std::vector<std::string> wanted;
+  std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(wanted),
+               [&](const auto& one) { return family == AddressFamily::kAny || isIpv4(one); });
+  return wanted;
+}
+
+}  // namespace
+
+std::optional<std::string> asciiName(std::string_view name) {
+  std::string ascii(name);
+  if (!isAscii(name)) {
+    char* raw = nullptr;
+    // As browsers do: case and width mapped, deviations such as sharp s as in the current standard.
+    const int status = idn2_to_ascii_8z(ascii.c_str(), &raw, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
+    const IdnText owned(raw, &idn2_free);
+    if (status != IDN2_OK || ascii.find('\0') != std::string::npos) return std::nullopt;
+    ascii = raw;
+  }
+  if (ascii.empty() || ascii.size() > kMaxAsciiName) return std::nullopt;
+  if (!std::all_of(ascii.begin(), ascii.end(), mayStand)) return std::nullopt;
+  std::transform(ascii.begin(), ascii.end(), ascii.begin(), [](char c) {
+    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  });
+  return ascii;
+}
+
+NameLookup::NameLookup(NameSource source)
+    : mSource(std::move(source)), mResolver(mSource.nameServers) {
+  if (!mSource.staticNames) return;
+  StaticNames byAscii;
+  for (auto& [name, addresses] : *mSource.staticNames) {
+    if (auto ascii = asciiName(name)) byAscii[*ascii] = std::move(addresses);
+  }
+  mSource.staticNames = std::move(byAscii);
+}
+
+void NameLookup::begin() {
+  mAsked.clear();
+  mConfigurationSeen = false;
+}
+
+std::vector<std::string> NameLookup::resolve(std::string_view name, AddressFamily family,
+                                             Deadline deadline, int watched) {
+  if (mSource.offline) return {};
+  const auto ascii = asciiName(name);
+  if (!ascii) return {};
+  if (mAsked.count(*ascii) == 0 && mAsked.size() == kNamesPerEvaluation) return {};
+  auto& known = mAsked[*ascii];
+  const auto found = known.find(family);
+  if (found != known.end()) return found->second;
+  return known[family] = find(*ascii, family, deadline, watched);
+}
+
+std::vector<std::string> NameLookup::find(const std::string& name, AddressFamily family,
+                                          Deadline deadline, int watched) {
+  if (mSource.staticNames) {
+    const auto given = mSource.staticNames->find(name);
+    return given == mSource.staticNames->end() ? std::vector<std::string>()
+                                               : ofFamily(given->second, family);
+  }
+  if (!mConfigurationSeen) {
+    mConfigurationSeen = true;
+    // Another network may give the same name another address.
+    if (mResolver.configurationChanged()) mCache.clear();
+  }
+  const LookupCache::Key key(name, family);
+  if (auto cached = mCache.find(key, LookupCache::Clock::now())) return *cached;
+  return query(key, deadline, watched);
+}
+
+std::vector<std::string> NameLookup::query(const LookupCache::Key& key, Deadline deadline,
+                                           int watched) {
+  const auto limit = std::chrono::steady_clock::now() + kLookupLimit;
+  auto result = mResolver.lookUp(key.first, key.second, std::min(limit, deadline), watched);
+  // One that had less than its 2 s, or nobody to wait for it, says nothing about the name.
+  const bool cutShort = result.end == LookupEnd::kTooLate && deadline < limit;
+  if (!cutShort && result.end != LookupEnd::kAbandoned) {
+    mCache.store(key, result.addresses, result.lifetime, LookupCache::Clock::now());
+  }
+  return std::move(result.addresses);
+}
+
+}  // namespace pac_engine

@@ -1,0 +1,116 @@
+// The five functions of pac.h: a thin face of C over Engine, the queue of pac_find_proxy, and the
+// place where exceptions end.
+#include "engine/pac.h"
+
+#include <cstring>
+#include <deque>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "base/log_line.h"
+#include "engine/pac_engine.h"
+
+namespace {
+
+constexpr std::size_t kMaxQueued = 256;  // questions; who asks more has stopped running callbacks
+
+struct Question {
+  std::string url;
+  std::optional<std::string> host;  ///< nothing where the caller gave none
+  pac_result found;
+  void* context;
+};
+
+/// Runs `body`; what it throws (no memory) is said and goes no further.
+template <typename Body>
+void guarded(const char* function, Body&& body) noexcept {
+  try {
+    std::forward<Body>(body)();
+  } catch (const std::exception& error) {
+    logLine(LOG_ERR, "pac_engine: %s: %s", function, error.what());
+  }
+}
+
+}  // namespace
+
+struct pac {
+  std::unique_ptr<pac_engine::Engine> engine;
+  pac_wakeup wakeup = nullptr;
+  void* wakeupContext = nullptr;
+  std::deque<Question> queue;
+};
+
+namespace {
+
+/// @return a text of the caller's, or null where there is no answer
+char* evaluated(pac& handle, const char* url, const char* host) {
+  const auto reply = handle.engine->evaluate(url, host == nullptr ? "" : host);
+  if (reply.result) return strdup(reply.result->c_str());
+  logLine(LOG_WARNING, "pac_engine: no answer: %s", pac_engine::describe(reply.problem).c_str());
+  return nullptr;
+}
+
+void deliver(pac& handle, Question question) {
+  char* const host = question.host ? question.host->data() : nullptr;
+  char* const result = evaluated(handle, question.url.c_str(), host);
+  if (result != nullptr) question.found(result, question.context, host);
+}
+
+}  // namespace
+
+pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* context) {
+  if (script == nullptr) return nullptr;
+  pac* handle = nullptr;
+  guarded("pac_init", [&] {
+    pac_engine::Options options;
+    options.names.offline = option == PAC_OPTION_OFFLINE;
+    pac_engine::Problem refused;
+    auto engine = pac_engine::Engine::load(script, std::move(options), refused);
+    if (engine) {
+      handle = new pac{std::move(engine), wakeup, context, {}};
+    } else {
+      logLine(LOG_ERR, "pac_engine: script refused: %s", pac_engine::describe(refused).c_str());
+    }
+  });
+  return handle;
+}
+
+void pac_find_proxy(pac* engine, const char* url, const char* host, pac_result found,
+                    void* context) {
+  if (engine == nullptr || url == nullptr || found == nullptr) return;
+  guarded("pac_find_proxy", [&] {
+    if (engine->queue.size() == kMaxQueued) {
+      logLine(LOG_WARNING, "pac_engine: %zu questions are queued, one more is dropped", kMaxQueued);
+      return;
+    }
+    engine->queue.push_back(
+        {url, host == nullptr ? std::nullopt : std::optional<std::string>(host), found, context});
+    if (engine->wakeup != nullptr) engine->wakeup(engine->wakeupContext);
+  });
+}
+
+void pac_find_proxy_sync_n(pac* engine, const char* url, const char* host, char** result) {
+  if (result == nullptr) return;
+  *result = nullptr;
+  if (engine == nullptr || url == nullptr) return;
+  guarded("pac_find_proxy_sync_n", [&] { *result = evaluated(*engine, url, host); });
+}
+
+void pac_run_callbacks(pac* engine) {
+  if (engine == nullptr) return;
+  // What a callback queues has woken the caller again and is for its next round.
+  for (auto left = engine->queue.size(); left > 0; --left) {
+    guarded("pac_run_callbacks", [&] {
+      auto question = std::move(engine->queue.front());
+      engine->queue.pop_front();
+      deliver(*engine, std::move(question));
+    });
+  }
+}
+
+void pac_free(pac* engine) {
+  delete engine;
+}

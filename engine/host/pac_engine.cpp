@@ -1,0 +1,283 @@
+#include "engine/pac_engine.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "base/log_line.h"
+#include "engine/host/file_change.h"
+#include "engine/host/own_address.h"
+#include "engine/host/request_url.h"
+#include "engine/host/worker_process.h"
+
+namespace pac_engine {
+
+namespace {
+
+Problem problemOf(std::string message) {
+  return {std::move(message), 0};
+}
+
+std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, AddressFamily family) {
+  if (family == AddressFamily::kAny) return addresses;
+  const auto found = std::find_if(addresses.begin(), addresses.end(), [](const auto& address) {
+    return address.find(':') == std::string::npos;
+  });
+  if (found == addresses.end()) return {};
+  return {*found};
+}
+
+/// The addresses as the protocol carries them.
+std::vector<std::string> carried(std::vector<std::string> addresses) {
+  std::erase_if(addresses, [](const auto& text) { return text.size() > kMaxAddressBytes; });
+  if (addresses.size() > kMaxAddresses) addresses.resize(kMaxAddresses);
+  return addresses;
+}
+
+}  // namespace
+
+struct Engine::Impl {
+  explicit Impl(Options given) : options(std::move(given)), names(options.names) {}
+
+  bool start(Deadline deadline, Problem& problem);
+  Reply ask(std::string_view url, std::string_view host, Deadline deadline);
+  Reply askWorker(std::string_view url, std::string_view host, Deadline deadline);
+  std::optional<FromWorker> converse(Deadline deadline, Problem& problem);
+  std::optional<bool> serve(const FromWorker& message, Deadline deadline);
+  Reply replyOf(const FromWorker& message);
+  std::vector<std::string> own(AddressFamily family);
+  void say(std::string_view alert);
+  void discard(const char* why);
+  void followZone();
+
+  Options options;
+  UniqueFd script;
+  NameLookup names;
+  FileChange zone{"/etc/localtime"};  ///< what a worker reads before its walls stand
+  std::unique_ptr<WorkerProcess> worker;
+  std::uint32_t serial = 0;
+  std::size_t alertBytesLeft = 0;
+};
+
+/// Ends the worker; the next question starts another.
+void Engine::Impl::discard(const char* why) {
+  const int pid = worker->pid();
+  const auto how = worker->end();
+  worker.reset();
+  logLine(LOG_WARNING, "pac_engine: worker %d %s (%s)", pid, why, how.c_str());
+}
+
+/// Behind its walls a worker cannot read the zone again: a device that has moved needs a new one.
+void Engine::Impl::followZone() {
+  if (!zone.seen() || !worker || !options.zone.empty()) return;
+  logLine(LOG_DEBUG, "pac_engine: the device's zone has changed, worker %d is replaced",
+          worker->pid());
+  worker.reset();
+}
+
+bool Engine::Impl::start(Deadline deadline, Problem& problem) {
+  const auto program =
+      options.workerProgram.empty() ? pac_engine::workerProgram() : options.workerProgram;
+  std::string reason;
+  worker = WorkerProcess::start(program, script, options.zone, reason);
+  if (!worker) {
+    problem = problemOf("no script worker: " + reason);
+    return false;
+  }
+  const auto limit = static_cast<std::uint32_t>(options.timeLimit.count());
+  worker->channel().send(encode(FromLibrary(Start{limit, options.clock})));
+  const auto message = converse(deadline, problem);
+  if (message && std::holds_alternative<Ready>(*message)) return true;
+  if (message) {
+    if (const auto* const refused = std::get_if<Refused>(&*message)) {
+      problem = {visible(refused->message), refused->line};
+    } else {
+      problem = problemOf("the script worker answered what was not asked");
+    }
+  }
+  worker.reset();
+  return false;
+}
+
+Reply Engine::Impl::ask(std::string_view url, std::string_view host, Deadline deadline) {
+  try {
+    return askWorker(url, host, deadline);
+  } catch (...) {
+    // No memory. A worker that is left in the middle of a question would cost the next one too.
+    worker.reset();
+    throw;
+  }
+}
+
+Reply Engine::Impl::askWorker(std::string_view url, std::string_view host, Deadline deadline) {
+  Reply reply;
+  followZone();
+  if (!worker && !start(deadline, reply.problem)) return reply;
+  const auto question = encode(FromLibrary(Evaluate{++serial, url, host}));
+  worker->follow();
+  if (!worker->channel().send(question)) {
+    // It ended since the last answer, which is nothing that this question could have caused.
+    discard("has ended and is started again");
+    if (!start(deadline, reply.problem)) return reply;
+    worker->channel().send(question);
+  }
+  const auto message = converse(deadline, reply.problem);
+  return message ? replyOf(*message) : reply;
+}
+
+Reply Engine::Impl::replyOf(const FromWorker& message) {
+  Reply reply;
+  const auto* const answer = std::get_if<Answer>(&message);
+  const auto* const none = std::get_if<NoAnswer>(&message);
+  if (answer != nullptr && answer->serial == serial) {
+    if (answer->result.find('\0') == std::string_view::npos) {
+      reply.result = std::string(answer->result);
+    } else {
+      reply.problem = problemOf("the result holds a NUL character");
+    }
+  } else if (none != nullptr && none->serial == serial) {
+    reply.problem = {visible(none->message), none->line};
+  } else {
+    reply.problem = problemOf("the script worker answered what was not asked");
+    discard("answered what was not asked");
+  }
+  return reply;
+}
+
+/// Serves the worker until it says how its task ended. @return that message, whose texts live until
+/// the next one; nothing where the worker failed and has been discarded
+std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& problem) {
+  names.begin();
+  alertBytesLeft = kMaxAlertBytes;
+  const auto fail = [&](const char* why) -> std::optional<FromWorker> {
+    problem = problemOf(std::string("the script worker ") + why);
+    discard(why);
+    return std::nullopt;
+  };
+  for (;;) {
+    const auto receipt = worker->channel().receive(deadline + kKillGrace);
+    if (receipt == Receipt::kTooLate) return fail("did not answer in time");
+    if (receipt == Receipt::kEnd) return fail("ended without an answer");
+    auto message = decodeFromWorker(worker->channel().message());
+    if (!message) return fail("sent what is no message");
+    const auto served = serve(*message, deadline);
+    if (!served) return message;
+    if (!*served) return fail("does not read its answers");
+    // One that never stops asking is never late for the next message.
+    if (std::chrono::steady_clock::now() >= deadline + kKillGrace)
+      return fail("did not answer in time");
+  }
+}
+
+/// Does what `message` asks. @return nothing where it asks nothing, else whether the worker has it
+std::optional<bool> Engine::Impl::serve(const FromWorker& message, Deadline deadline) {
+  auto& channel = worker->channel();
+  if (const auto* const alert = std::get_if<Alert>(&message)) {
+    say(alert->text);
+    return true;
+  }
+  Addresses addresses;
+  if (const auto* const name = std::get_if<Resolve>(&message)) {
+    addresses.texts = carried(names.resolve(name->name, name->family, deadline, channel.fd()));
+  } else if (const auto* const question = std::get_if<OwnAddresses>(&message)) {
+    addresses.texts = carried(own(question->family));
+  } else {
+    return std::nullopt;
+  }
+  return channel.send(encode(FromLibrary(std::move(addresses))));
+}
+
+std::vector<std::string> Engine::Impl::own(AddressFamily family) {
+  if (options.ownAddresses) return ofFamily(*options.ownAddresses, family);
+  if (options.names.offline) return {"127.0.0.1"};
+  return pac_engine::ownAddresses(family);
+}
+
+/// The engine keeps to the limit by itself; a worker that a script has taken over need not.
+void Engine::Impl::say(std::string_view alert) {
+  if (alertBytesLeft == 0) return;
+  const auto cut = cutText(alert, alertBytesLeft);
+  logLine(LOG_DEBUG, "pac_engine: alert: %s", visible(cut).c_str());
+  // An empty one counts too, so that a flood of them ends.
+  alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);
+}
+
+Engine::Engine(std::unique_ptr<Impl> impl) : mImpl(std::move(impl)) {}
+Engine::~Engine() = default;
+
+std::unique_ptr<Engine> Engine::load(std::string_view script, Options options, Problem& refused) {
+  const auto deadline = std::chrono::steady_clock::now() + options.timeLimit;
+  auto impl = std::make_unique<Impl>(std::move(options));
+  // A NUL ends the script; what follows it need not travel.
+  impl->script = sealedScript(script.substr(0, script.find('\0')));
+  if (!impl->script) {
+    refused = problemOf(std::string("no memory file: ") + std::strerror(errno));
+    return nullptr;
+  }
+  impl->zone.seen();  // before the worker reads it
+  if (!impl->start(deadline, refused)) return nullptr;
+  return std::unique_ptr<Engine>(new Engine(std::move(impl)));
+}
+
+Reply Engine::evaluate(std::string_view url, std::string_view host) {
+  const auto deadline = std::chrono::steady_clock::now() + mImpl->options.timeLimit;
+  Reply reply;
+  const auto cleaned = cleanedUrl(url);
+  if (!cleaned) {
+    reply.problem = problemOf("the URL is malformed or longer than 8 KiB");
+  } else if (host.size() > kMaxHostBytes) {
+    reply.problem = problemOf("the host is longer than 8 KiB");
+  } else {
+    reply = mImpl->ask(*cleaned, host, deadline);
+  }
+  return reply;
+}
+
+pid_t Engine::workerPid() const {
+  return mImpl->worker ? mImpl->worker->pid() : 0;
+}
+
+std::string describe(const Problem& problem) {
+  if (problem.line == 0) return problem.message;
+  return "line " + std::to_string(problem.line) + ": " + problem.message;
+}
+
+namespace {
+
+/// How many bytes follow this one in a character of UTF-8.
+int followers(unsigned char lead) {
+  if (lead >= 0xC2 && lead < 0xE0) return 1;
+  if (lead >= 0xE0 && lead < 0xF0) return 2;
+  return lead >= 0xF0 && lead < 0xF5 ? 3 : 0;
+}
+
+}  // namespace
+
+std::string visible(std::string_view text) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string shown;
+  shown.reserve(text.size());
+  int awaited = 0;             // bytes that belong to the character begun
+  unsigned char least = 0x80;  // the next of them; below it, the character has a shorter form
+  bool afterC2 = false;        // C2 80 to C2 9F are the control characters beyond ASCII
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool follows = byte >= 0x80 && byte < 0xC0;
+    const bool control = byte < 0x20 || byte == 0x7F || (afterC2 && follows && byte < 0xA0);
+    if (control && follows) shown.pop_back();
+    // Alone or in a form too long it is no character, and some terminals obey it.
+    const bool lone = follows && (awaited == 0 || byte < least);
+    awaited = lone ? 0 : follows ? awaited - 1 : followers(byte);
+    least = byte == 0xE0 ? 0xA0 : byte == 0xF0 ? 0x90 : 0x80;
+    afterC2 = byte == 0xC2;
+    if (control || lone) {
+      shown += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 15U]};
+    } else {
+      shown += c;
+    }
+  }
+  return shown;
+}
+
+}  // namespace pac_engine

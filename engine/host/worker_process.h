@@ -1,0 +1,70 @@
+// The script worker as a child process: how it is found, started and ended.
+//
+// It is started by posix_spawn, which is safe in a program with threads, with default signals, an
+// empty signal mask, an empty environment but for TZ, its standard three descriptors on /dev/null,
+// its end of a socket pair as descriptor 3 and the script as descriptor 4, and nothing else. It
+// ends when its socket does. It is killed and waited for through a descriptor of the process
+// itself, so neither a SIGCHLD handler of the program nor one that waits for any child can make
+// this library kill a stranger.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "base/unique_fd.h"
+#include "engine/wire/channel.h"
+
+namespace pac_engine {
+
+/// How many processes that were killed and lived on are kept in mind. Each took a second to be
+/// given up and ends by its own alarm within few, unless somebody traces it.
+inline constexpr std::size_t kMostGivenUp = 8;
+
+/// `bytes` in a sealed memory file, which nobody can change, grow or shrink. Empty, with errno,
+/// where there is no memory or no descriptor for it.
+UniqueFd sealedScript(std::string_view bytes);
+
+/// Where the worker's program is: `proxymanager-pac-worker` in the libexec folder beside the folder
+/// of the running program, else where the build says it is installed.
+std::string workerProgram();
+
+class WorkerProcess {
+ public:
+  /// Starts `program` with `script`; `zone` is its TZ where it is not empty.
+  /// @param problem receives why there is none
+  /// @return the process, or null
+  static std::unique_ptr<WorkerProcess> start(const std::string& program, const UniqueFd& script,
+                                              const std::string& zone, std::string& problem);
+
+  WorkerProcess(const WorkerProcess&) = delete;
+  WorkerProcess& operator=(const WorkerProcess&) = delete;
+  ~WorkerProcess();
+
+  Channel& channel() { return mChannel; }
+  pid_t pid() const { return mPid; }
+
+  /// Binds the process to the CPU that the calling thread is on. Who asks sleeps until it is
+  /// answered, so nothing is lost by sharing one, and handing over on it takes a fifth of the time
+  /// that waking another, sleeping CPU does; spinning instead would burn power on both. Where the
+  /// kernel does not allow it nothing changes.
+  void follow();
+
+  /// Kills the process unless it has ended and waits for it, 1 s at most. One that lives on is
+  /// waited for by a later start or end.
+  /// @return how it ended, for the log
+  std::string end();
+
+ private:
+  WorkerProcess(pid_t pid, UniqueFd process, UniqueFd socket);
+
+  pid_t mPid;
+  int mCpu = -1;      ///< where follow() has bound the process
+  UniqueFd mProcess;  ///< empty once the process has been waited for
+  Channel mChannel;
+};
+
+}  // namespace pac_engine

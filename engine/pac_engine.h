@@ -1,0 +1,82 @@
+// The PAC evaluation library as C++ sees it: what pac.h does, and what only proxymanagerctl and
+// tests may have: the reason of a refusal, and a clock, a zone, names and addresses of their own.
+//
+// A script never runs in this process. Engine starts `proxymanager-pac-worker`, hands it the script
+// in a sealed memory file, asks it over a socket pair, and answers its name lookups on the calling
+// thread while it waits. A worker that does not answer in time is killed; one that has died, of
+// whatever cause, costs the question in flight and is started again by the next one, which pays for
+// it out of its own 5 s. No thread belongs to the library.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/host/name_lookup.h"
+
+namespace pac_engine {
+
+/// What a worker has beyond its time limit before it is killed: its engine stops a script by
+/// itself, and only one that is stopped or broken needs killing.
+inline constexpr std::chrono::milliseconds kKillGrace{250};
+
+struct Options {
+  NameSource names;  ///< `offline` also makes the own address the loopback one
+  std::optional<std::vector<std::string>> ownAddresses;  ///< instead of the device's
+  std::optional<std::int64_t> clock;  ///< fixed time for the date helpers, seconds since 1970
+  std::string zone;                   ///< TZ of the date helpers; empty for the device's
+  std::chrono::milliseconds timeLimit{5000};  ///< of loading and of one evaluation
+  std::string workerProgram;                  ///< empty for the installed one
+};
+
+/// Why a script is refused or gives no answer.
+struct Problem {
+  std::string message;     ///< one line, control characters made visible
+  std::uint32_t line = 0;  ///< of the script, from 1; 0 where none is known
+};
+
+/// "line 3: message", or the message alone where no line is known.
+std::string describe(const Problem& problem);
+
+struct Reply {
+  std::optional<std::string> result;  ///< ASCII text that the script returned, without NUL
+  Problem problem;                    ///< set where there is no result
+};
+
+/// One loaded script. Not for use by two threads at once; nothing here throws but bad_alloc.
+class Engine {
+ public:
+  /// Starts a worker and loads `script`, the bytes of a PAC file; waits for timeLimit and
+  /// kKillGrace at most.
+  /// @param refused receives why there is no engine
+  /// @return an engine, or null
+  static std::unique_ptr<Engine> load(std::string_view script, Options options, Problem& refused);
+
+  ~Engine();
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  /// FindProxyForURL(url as the script may see it, host); waits for timeLimit and kKillGrace at
+  /// most.
+  Reply evaluate(std::string_view url, std::string_view host);
+
+  /// Process id of the worker, which may have ended since; 0 where the next question starts one.
+  pid_t workerPid() const;
+
+ private:
+  struct Impl;
+  explicit Engine(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> mImpl;
+};
+
+/// `text` with control characters as "\xNN", so that a log line or a terminal shows them and obeys
+/// none.
+std::string visible(std::string_view text);
+
+}  // namespace pac_engine

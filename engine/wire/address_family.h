@@ -1,0 +1,10 @@
+// Which addresses a name lookup gives.
+#pragma once
+
+#include <cstdint>
+
+namespace pac_engine {
+
+enum class AddressFamily : std::uint8_t { kIpv4, kAny };
+
+}  // namespace pac_engine

@@ -1,0 +1,71 @@
+#include "engine/wire/channel.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace pac_engine {
+
+namespace {
+
+// One byte more than a message may have, so that a longer one is seen to be longer.
+constexpr std::size_t kBufferBytes = kMaxMessageBytes + 1;
+
+/// poll's timeout until `deadline`, rounded up so that it is never woken too early for ever.
+int millisecondsLeft(Deadline deadline) {
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+  return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
+}
+
+/// Waits until `socket` can be read or is closed. @return whether it can, before `deadline`
+bool waitReadable(int socket, Deadline deadline) {
+  pollfd entry{socket, POLLIN, 0};
+  int ready = 0;
+  do {
+    ready = poll(&entry, 1, millisecondsLeft(deadline));
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0;
+}
+
+}  // namespace
+
+// The buffer is left as it comes: pages that no message reaches are never touched.
+Channel::Channel(UniqueFd socket)
+    : mSocket(std::move(socket)), mBuffer(std::make_unique_for_overwrite<char[]>(kBufferBytes)) {}
+
+bool Channel::send(std::string_view message) {
+  return sendWith(MSG_DONTWAIT, message);
+}
+
+bool Channel::sendPatiently(std::string_view message) {
+  return sendWith(0, message);
+}
+
+bool Channel::sendWith(int flags, std::string_view message) {
+  ssize_t sent = 0;
+  do {
+    sent = ::send(mSocket.get(), message.data(), message.size(), flags | MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  return sent >= 0 && static_cast<std::size_t>(sent) == message.size();
+}
+
+void Channel::hangUp() {
+  shutdown(mSocket.get(), SHUT_RDWR);
+}
+
+Receipt Channel::receive(std::optional<Deadline> deadline) {
+  mLength = 0;
+  if (deadline && !waitReadable(mSocket.get(), *deadline)) return Receipt::kTooLate;
+  ssize_t length = 0;
+  do {
+    length = recv(mSocket.get(), mBuffer.get(), kBufferBytes, 0);
+  } while (length < 0 && errno == EINTR);
+  if (length <= 0) return Receipt::kEnd;
+  mLength = static_cast<std::size_t>(length);
+  return Receipt::kMessage;
+}
+
+}  // namespace pac_engine

@@ -1,0 +1,55 @@
+// One end of the socket pair between library and worker: whole messages, in and out.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+
+#include "base/unique_fd.h"
+#include "engine/wire/protocol.h"
+
+namespace pac_engine {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+enum class Receipt : std::uint8_t {
+  kMessage,  ///< there is a message
+  kEnd,      ///< the other end is closed, or the socket failed
+  kTooLate   ///< nothing came by the deadline
+};
+
+class Channel {
+ public:
+  explicit Channel(UniqueFd socket);
+
+  /// Sends one message without waiting.
+  /// @return false where the other end is closed or does not read what it is sent
+  bool send(std::string_view message);
+
+  /// Sends one message, and waits for as long as the other end lives and reads too slowly.
+  /// @return false where the other end is closed
+  bool sendPatiently(std::string_view message);
+
+  /// Waits for one message until `deadline`, without one for as long as the other end lives.
+  Receipt receive(std::optional<Deadline> deadline = std::nullopt);
+
+  /// The message received last, until the next receive(). One that is longer than any may be is cut
+  /// to a size that no decoder takes.
+  std::string_view message() const { return {mBuffer.get(), mLength}; }
+
+  /// Ends the conversation: the other end finds the socket closed.
+  void hangUp();
+
+  int fd() const { return mSocket.get(); }
+
+ private:
+  bool sendWith(int flags, std::string_view message);
+
+  UniqueFd mSocket;
+  std::unique_ptr<char[]> mBuffer;
+  std::size_t mLength = 0;
+};
+
+}  // namespace pac_engine

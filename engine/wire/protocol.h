@@ -1,0 +1,109 @@
+// What the library and its script worker say to each other.
+//
+// One message is one packet of a SOCK_SEQPACKET pair: a byte that names its kind, then its fields
+// in the machine's own byte order, texts behind their 32-bit length. Both ends run on one machine
+// and come from one build, so there is no version. Each end treats the other as hostile: a decoder
+// takes a message only if every length, every enumerator and the total size are right, and nothing
+// is left over. Which kind may come when is checked by those who hold the conversation.
+//
+//   library                              worker
+//   Start                            ->
+//                                    <-  Ready or Refused
+//   Evaluate                         ->
+//                                    <-  Answer or NoAnswer, with the serial of the question
+// While the worker loads or evaluates it may say Alert, and ask Resolve or OwnAddresses, each of
+// which is answered by one Addresses.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "engine/wire/address_family.h"
+
+namespace pac_engine {
+
+inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;      ///< request URL, after cleaning too
+inline constexpr std::size_t kMaxHostBytes = 8U << 10U;     ///< a host is part of a URL
+inline constexpr std::size_t kMaxResultBytes = 64U << 10U;  ///< text that the entry point returns
+inline constexpr std::size_t kMaxAlertBytes = 2U << 10U;    ///< all alerts of one evaluation
+inline constexpr std::size_t kMaxProblemBytes = 512;        ///< why there is no answer
+/// A name to look up, as UTF-8. Its ASCII form has 253 bytes at most, of labels that an encoding of
+/// the same name in UTF-8 never exceeds fourfold.
+inline constexpr std::size_t kMaxNameBytes = 1U << 10U;
+inline constexpr std::size_t kMaxAddresses = 64;     ///< of one name or of this device
+inline constexpr std::size_t kMaxAddressBytes = 45;  ///< longest text of an IPv6 address
+/// Longest message: a result with its kind, serial and length.
+inline constexpr std::size_t kMaxMessageBytes = kMaxResultBytes + 64;
+
+/// Text fields are views into the message that was decoded, or into what the sender gives.
+
+/// First message of the library: load the script.
+struct Start {
+  std::uint32_t timeLimitMs = 0;      ///< of loading and of one evaluation
+  std::optional<std::int64_t> clock;  ///< fixed time for the date helpers, seconds since 1970
+};
+
+struct Evaluate {
+  std::uint32_t serial = 0;
+  std::string_view url;
+  std::string_view host;
+};
+
+/// Answer to Resolve and OwnAddresses.
+struct Addresses {
+  std::vector<std::string> texts;
+};
+
+/// The script is loaded.
+struct Ready {};
+
+/// The script is refused; the worker is about to end.
+struct Refused {
+  std::uint32_t line = 0;  ///< of the script, from 1; 0 where none is known
+  std::string_view message;
+};
+
+struct Resolve {
+  AddressFamily family = AddressFamily::kIpv4;
+  std::string_view name;
+};
+
+struct OwnAddresses {
+  AddressFamily family = AddressFamily::kIpv4;
+};
+
+struct Alert {
+  std::string_view text;
+};
+
+struct Answer {
+  std::uint32_t serial = 0;
+  std::string_view result;  ///< ASCII
+};
+
+struct NoAnswer {
+  std::uint32_t serial = 0;
+  std::uint32_t line = 0;
+  std::string_view message;
+};
+
+using FromLibrary = std::variant<Start, Evaluate, Addresses>;
+using FromWorker = std::variant<Ready, Refused, Resolve, OwnAddresses, Alert, Answer, NoAnswer>;
+
+/// The bytes of a message. The caller keeps texts and lists within the limits above.
+std::string encode(const FromLibrary& message);
+std::string encode(const FromWorker& message);
+
+/// The message of `bytes`, or nothing where they are none of the right direction.
+std::optional<FromLibrary> decodeFromLibrary(std::string_view bytes);
+std::optional<FromWorker> decodeFromWorker(std::string_view bytes);
+
+/// The longest beginning of `text` of at most `bytes` bytes that cuts no UTF-8 character.
+std::string_view cutText(std::string_view text, std::size_t bytes);
+
+}  // namespace pac_engine

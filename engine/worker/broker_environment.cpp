@@ -1,0 +1,82 @@
+#include "engine/worker/broker_environment.h"
+
+#include <cstdlib>
+#include <utility>
+
+#include "engine/worker/worker_end.h"
+
+namespace pac_worker {
+
+using pac_engine::FromLibrary;
+using pac_engine::FromWorker;
+
+namespace {
+
+/// More than the names that one evaluation may look up; further ones have no address.
+constexpr std::size_t kMaxRemembered = 64;
+
+}  // namespace
+
+void sendOrEnd(pac_engine::Channel& channel, const FromWorker& message) {
+  if (!channel.sendPatiently(pac_engine::encode(message))) endWorker(EXIT_SUCCESS);
+}
+
+FromLibrary receiveOrEnd(pac_engine::Channel& channel) {
+  if (channel.receive() != pac_engine::Receipt::kMessage) endWorker(EXIT_SUCCESS);
+  auto message = pac_engine::decodeFromLibrary(channel.message());
+  if (!message) endWorker(kExitBroken);
+  return *std::move(message);
+}
+
+BrokerEnvironment::Texts BrokerEnvironment::ask(const FromWorker& question) {
+  sendOrEnd(mChannel, question);
+  auto answer = receiveOrEnd(mChannel);
+  auto* const addresses = std::get_if<pac_engine::Addresses>(&answer);
+  if (addresses == nullptr) endWorker(kExitBroken);
+  return std::move(addresses->texts);
+}
+
+void BrokerEnvironment::begin() {
+  mResolved.clear();
+  mOwn.clear();
+}
+
+std::vector<std::string> BrokerEnvironment::resolve(std::string_view name, AddressFamily family) {
+  // Longer than the encoding of any name.
+  if (name.empty() || name.size() > pac_engine::kMaxNameBytes) return {};
+  std::pair key(family, std::string(name));
+  const auto known = mResolved.find(key);
+  if (known != mResolved.end()) return known->second;
+  auto addresses = ask(pac_engine::Resolve{family, name});
+  if (mResolved.size() < kMaxRemembered) mResolved.emplace(std::move(key), addresses);
+  return addresses;
+}
+
+std::vector<std::string> BrokerEnvironment::ownAddresses(AddressFamily family) {
+  const auto known = mOwn.find(family);
+  if (known != mOwn.end()) return known->second;
+  return mOwn[family] = ask(pac_engine::OwnAddresses{family});
+}
+
+std::int64_t BrokerEnvironment::now() {
+  timespec time{};
+  if (!mStopped) clock_gettime(CLOCK_REALTIME, &time);
+  return mStopped.value_or(time.tv_sec);
+}
+
+std::tm BrokerEnvironment::brokenDown(std::int64_t when, bool gmt) {
+  // Times that time_t cannot hold (where it has 32 bits, those past January 2038) leave the fields
+  // empty, as do years that an int cannot.
+  if (!std::in_range<std::time_t>(when)) return {};
+  const auto time = static_cast<std::time_t>(when);
+  std::tm fields{};
+  if ((gmt ? gmtime_r(&time, &fields) : localtime_r(&time, &fields)) == nullptr) fields = {};
+  return fields;
+}
+
+void BrokerEnvironment::alert(std::string_view text) {
+  // What one evaluation may log in all is counted by the library.
+  sendOrEnd(mChannel, pac_engine::Alert{pac_engine::cutText(text, pac_engine::kMaxAlertBytes)});
+}
+
+}  // namespace pac_worker

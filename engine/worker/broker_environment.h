@@ -1,0 +1,57 @@
+// The world as a script in the worker sees it: clock and zone are the worker's own, everything else
+// is asked of the library through the socket.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "engine/wire/channel.h"
+#include "engine/worker/pac_environment.h"
+
+namespace pac_worker {
+
+/// Ends the process where the library is gone or breaks the rules of the conversation.
+class BrokerEnvironment : public PacEnvironment {
+ public:
+  /// @param channel outlives this object
+  explicit BrokerEnvironment(pac_engine::Channel& channel) : mChannel(channel) {}
+
+  /// Stops the clock at `seconds` since 1970.
+  void stopClock(std::int64_t seconds) { mStopped = seconds; }
+
+  /// Begins an evaluation: what was answered before is asked again.
+  void begin();
+
+  std::vector<std::string> resolve(std::string_view name, AddressFamily family) override;
+  std::vector<std::string> ownAddresses(AddressFamily family) override;
+  std::int64_t now() override;
+  std::tm brokenDown(std::int64_t when, bool gmt) override;
+  void alert(std::string_view text) override;
+
+ private:
+  using Texts = std::vector<std::string>;
+
+  Texts ask(const pac_engine::FromWorker& question);
+
+  pac_engine::Channel& mChannel;
+  std::optional<std::int64_t> mStopped;
+  /// Answers of this evaluation. A script asks for the same host in rule after rule, and a question
+  /// through the socket costs more than the rest of the rule.
+  std::map<std::pair<AddressFamily, std::string>, Texts, std::less<>> mResolved;
+  std::map<AddressFamily, Texts> mOwn;
+};
+
+/// Sends `message`, or ends the process where nobody takes it.
+void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& message);
+
+/// Waits for the next message, or ends the process: quietly where the socket is closed.
+pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
+
+}  // namespace pac_worker

@@ -1,0 +1,176 @@
+#include "engine/worker/engine_runtime.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "engine/worker/utf8.h"
+
+namespace pac_worker {
+namespace {
+
+constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
+constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
+// Where a small block is refused, the engine may recurse without end, making an error about the
+// error. So past the heap limit small blocks are still granted, from a reserve that lasts until the
+// script meets the next interrupt, which ends it. Every interrupt adds what its own error takes.
+constexpr std::size_t kSmallBlock = 4U << 10U;
+constexpr std::size_t kSmallReserve = 8U << 20U;
+constexpr std::size_t kErrorReserve = 64U << 10U;
+constexpr std::size_t kMostReserve = 16U << 20U;
+// The engine polls the clock every ten thousandth call or turn of a loop. Where each turn is long
+// work of a built-in function, that is minutes, so the heap looks at the clock too: once in so many
+// bytes, with each block counted as a little more. Well after the deadline it refuses all but small
+// blocks; then the built-in functions fail at once and the next poll is near.
+constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
+constexpr std::size_t kBlockCost = 1U << 10U;
+constexpr std::chrono::milliseconds kStarvationGrace{100};
+
+std::size_t weight(void* block) {
+  return malloc_usable_size(block) + kBlockOverhead;
+}
+
+EngineRuntime& ownerOf(JSMallocState* state) {
+  return *static_cast<EngineRuntime*>(state->opaque);
+}
+
+std::size_t usableSize(const void* block) {
+  return malloc_usable_size(const_cast<void*>(block));  // NOLINT: the C library's signature
+}
+
+}  // namespace
+
+Text::Text(JSContext* context, JSValueConst value)
+    : mContext(context), mText(JS_ToCStringLen(context, &mLength, value)) {
+  EngineRuntime::of(context).countWork(mLength);
+}
+
+// The engine's own heap functions do the same, but do not tell that they refused.
+const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocate, release, reallocate, usableSize};
+
+bool EngineRuntime::grants(std::size_t others, std::size_t size) {
+  const auto fits = [&](std::size_t limit) { return others < limit && size <= limit - others; };
+  if (isStarved(size) && size > kSmallBlock) return false;
+  if (fits(mLimits.heapBytes)) return true;
+  mMemoryRefused = true;
+  return size <= kSmallBlock && fits(mLimits.heapBytes + mReserve);
+}
+
+void* EngineRuntime::allocate(JSMallocState* state, std::size_t size) {
+  EngineRuntime& self = ownerOf(state);
+  void* const block = self.grants(self.mBytes, size) ? std::malloc(size) : nullptr;
+  if (block == nullptr) return nullptr;
+  self.mBytes += weight(block);
+  ++state->malloc_count;
+  state->malloc_size = self.mBytes;
+  return block;
+}
+
+void EngineRuntime::release(JSMallocState* state, void* block) {
+  if (block == nullptr) return;
+  EngineRuntime& self = ownerOf(state);
+  self.mBytes -= weight(block);
+  --state->malloc_count;
+  state->malloc_size = self.mBytes;
+  std::free(block);
+}
+
+void* EngineRuntime::reallocate(JSMallocState* state, void* block, std::size_t size) {
+  if (block == nullptr) return size == 0 ? nullptr : allocate(state, size);
+  if (size == 0) {
+    release(state, block);
+    return nullptr;
+  }
+  EngineRuntime& self = ownerOf(state);
+  const std::size_t others = self.mBytes - weight(block);
+  void* const moved = self.grants(others, size) ? std::realloc(block, size) : nullptr;
+  if (moved == nullptr) return nullptr;
+  self.mBytes = others + weight(moved);
+  state->malloc_size = self.mBytes;
+  return moved;
+}
+
+EngineRuntime::EngineRuntime(PacEnvironment& environment, const ScriptLimits& limits)
+    : mEnvironment(environment), mLimits(limits), mRuntime(JS_NewRuntime2(&kHeapFunctions, this)) {
+  if (!mRuntime) return;
+  JS_SetMaxStackSize(mRuntime.get(), mLimits.stackBytes);
+  JS_SetInterruptHandler(mRuntime.get(), interrupt, this);
+  begin();
+  // Everything of the language and nothing of a host: modules, timers and files would be the
+  // business of the engine's other library, which is not linked.
+  mContext.reset(JS_NewContext(mRuntime.get()));
+  if (!mContext) return;
+  JSContext* const context = mContext.get();
+  JS_SetContextOpaque(context, this);
+  const Value global(context, JS_GetGlobalObject(context));
+  mRegExpConstructor = JS_GetPropertyStr(context, global.get(), "RegExp");
+  const Value prototype(context, JS_GetPropertyStr(context, mRegExpConstructor, "prototype"));
+  mRegExpExec = JS_GetPropertyStr(context, prototype.get(), "exec");
+}
+
+EngineRuntime::~EngineRuntime() {
+  if (!mContext) return;
+  JS_FreeValue(mContext.get(), mRegExpExec);
+  JS_FreeValue(mContext.get(), mRegExpConstructor);
+}
+
+void EngineRuntime::begin() {
+  JS_UpdateStackTop(mRuntime.get());
+  mMemoryRefused = false;
+  mReserve = kSmallReserve;
+  mTimeIsUp = false;
+  mAlertBytesLeft = mLimits.alertBytes;
+  mStarving = false;
+  mDeadline = std::chrono::steady_clock::now() + mLimits.time;
+}
+
+void EngineRuntime::runJobs() {
+  for (int i = 0; i < kMostJobs && JS_IsJobPending(mRuntime.get()) != 0 && !timeIsUp(); ++i) {
+    JSContext* context = nullptr;
+    // What a job throws goes nowhere, as an unhandled rejection.
+    if (JS_ExecutePendingJob(mRuntime.get(), &context) < 0)
+      JS_FreeValue(mContext.get(), JS_GetException(mContext.get()));
+  }
+}
+
+bool EngineRuntime::timeIsUp() {
+  mTimeIsUp = mTimeIsUp || std::chrono::steady_clock::now() >= mDeadline;
+  return mTimeIsUp;
+}
+
+bool EngineRuntime::hasWorkedLong() {
+  if (mBytesOfWork < kBytesBetweenLooks) return false;
+  mBytesOfWork = 0;
+  return true;
+}
+
+int EngineRuntime::interrupt(JSRuntime* /*runtime*/, void* runtime) {
+  EngineRuntime& self = *static_cast<EngineRuntime*>(runtime);
+  if (!self.mMemoryRefused && !self.timeIsUp()) return 0;
+  self.mReserve = std::min(self.mReserve + kErrorReserve, kMostReserve);
+  return 1;
+}
+
+bool EngineRuntime::isStarved(std::size_t size) {
+  mBytesSinceLook += size + kBlockCost;
+  if (mBytesSinceLook >= kBytesBetweenLooks) {
+    mBytesSinceLook = 0;
+    mStarving = std::chrono::steady_clock::now() >= mDeadline + kStarvationGrace;
+  }
+  return mStarving;
+}
+
+std::size_t EngineRuntime::bytesInUse() {
+  JS_RunGC(mRuntime.get());
+  return mBytes;
+}
+
+void EngineRuntime::alert(std::string_view text) {
+  const std::size_t head = utf8Head(text, mAlertBytesLeft);
+  if (head == 0) return;
+  mAlertBytesLeft = head < text.size() ? 0 : mAlertBytesLeft - head;
+  mEnvironment.alert(text.substr(0, head));
+}
+
+}  // namespace pac_worker

@@ -1,0 +1,136 @@
+// The engine's runtime with its one context, and the walls around what runs in it: heap, stack,
+// time.
+//
+// Engine types stop at this header, script_helpers.h and script_error.h; only their sources and
+// script_engine.cpp see them.
+#pragma once
+
+#include <quickjs.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+// The engine's macros for constants are compound literals of C.
+#if defined(__clang__)
+#pragma clang diagnostic ignored "-Wc99-extensions"
+#endif
+
+#include "engine/worker/script_engine.h"
+
+namespace pac_worker {
+
+/// Owns one value of the engine.
+class Value {
+ public:
+  Value(JSContext* context, JSValue value) : mContext(context), mValue(value) {}
+  ~Value() { JS_FreeValue(mContext, mValue); }
+  Value(const Value&) = delete;
+  Value& operator=(const Value&) = delete;
+
+  [[nodiscard]] JSValueConst get() const { return mValue; }
+  [[nodiscard]] bool isException() const { return JS_IsException(mValue) != 0; }
+
+ private:
+  JSContext* mContext;
+  JSValue mValue;
+};
+
+/// The text of a value, in UTF-8 where unpaired surrogates stand like other code points.
+class Text {
+ public:
+  /// Converts as the language's String() does, so an object's own toString may run.
+  Text(JSContext* context, JSValueConst value);
+  ~Text() {
+    if (mText != nullptr) JS_FreeCString(mContext, mText);
+  }
+  Text(const Text&) = delete;
+  Text& operator=(const Text&) = delete;
+
+  /// False where the conversion threw; the exception is then pending.
+  explicit operator bool() const { return mText != nullptr; }
+  [[nodiscard]] std::string_view view() const { return {mText, mLength}; }
+
+ private:
+  JSContext* mContext;
+  std::size_t mLength = 0;
+  const char* mText;
+};
+
+class EngineRuntime {
+ public:
+  /// @param environment outlives the runtime
+  EngineRuntime(PacEnvironment& environment, const ScriptLimits& limits);
+  ~EngineRuntime();
+  EngineRuntime(const EngineRuntime&) = delete;
+  EngineRuntime& operator=(const EngineRuntime&) = delete;
+
+  /// Null where the heap limit is too low even for an empty context.
+  [[nodiscard]] JSContext* context() const { return mContext.get(); }
+  static EngineRuntime& of(JSContext* context) {
+    return *static_cast<EngineRuntime*>(JS_GetContextOpaque(context));
+  }
+
+  /// Starts the clock and the counts of one load or evaluation, on the calling thread's stack.
+  void begin();
+  /// Runs the jobs that promises have queued, in order, kMostJobs at most: enough for every sane
+  /// script, and a chain of jobs without end costs a bounded share of each evaluation.
+  void runJobs();
+  /// Counts bytes that are gone through outside the engine's loops.
+  void countWork(std::size_t bytes) { mBytesOfWork += bytes; }
+  /// True, and counted anew, where so many were counted that the clock should be looked at.
+  bool hasWorkedLong();
+  /// True where the time limit was passed since begin(), whether or not the script noticed.
+  bool timeIsUp();
+  /// True where the heap limit was passed since begin(). The script is then interrupted like one
+  /// whose time is up.
+  [[nodiscard]] bool memoryWasRefused() const { return mMemoryRefused; }
+  /// Bytes that cannot be freed. Collects garbage.
+  std::size_t bytesInUse();
+
+  [[nodiscard]] PacEnvironment& environment() const { return mEnvironment; }
+  /// Logs as much of an alert's text as this evaluation may still log.
+  void alert(std::string_view text);
+
+  /// The language's own regular expressions, whatever the script makes of their names.
+  [[nodiscard]] JSValueConst regExpConstructor() const { return mRegExpConstructor; }
+  [[nodiscard]] JSValueConst regExpExec() const { return mRegExpExec; }
+
+ private:
+  struct RuntimeDeleter {
+    void operator()(JSRuntime* runtime) const { JS_FreeRuntime(runtime); }
+  };
+  struct ContextDeleter {
+    void operator()(JSContext* context) const { JS_FreeContext(context); }
+  };
+
+  static const JSMallocFunctions kHeapFunctions;
+  static void* allocate(JSMallocState* state, std::size_t size);
+  static void release(JSMallocState* state, void* block);
+  static void* reallocate(JSMallocState* state, void* block, std::size_t size);
+  static int interrupt(JSRuntime* runtime, void* self);
+  /// Whether a block may be had, with `others` bytes handed out besides.
+  bool grants(std::size_t others, std::size_t size);
+  /// True where the time limit was passed long ago, as seen from the heap.
+  bool isStarved(std::size_t size);
+
+  PacEnvironment& mEnvironment;
+  const ScriptLimits mLimits;
+  std::size_t mBytes = 0;  ///< handed out to the engine, the allocator's overhead included
+  bool mMemoryRefused = false;
+  std::size_t mReserve = 0;  ///< bytes past the heap limit, for small blocks alone
+  bool mTimeIsUp = false;
+  bool mStarving = false;
+  std::size_t mBytesSinceLook = 0;
+  std::size_t mBytesOfWork = 0;
+  std::chrono::steady_clock::time_point mDeadline;
+  std::size_t mAlertBytesLeft = 0;
+  std::unique_ptr<JSRuntime, RuntimeDeleter> mRuntime;
+  std::unique_ptr<JSContext, ContextDeleter> mContext;
+  JSValue mRegExpConstructor = JS_UNDEFINED;
+  JSValue mRegExpExec = JS_UNDEFINED;
+};
+
+}  // namespace pac_worker

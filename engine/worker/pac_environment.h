@@ -1,0 +1,46 @@
+// What the helpers of a script may ask of the world outside it.
+//
+// The worker has no network, no files and no clock of its own to trust in tests, so everything that
+// is not pure text work comes through this one interface: in the worker it is answered over the
+// socket by the library, in tests by whatever the test injects.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/wire/address_family.h"
+
+namespace pac_worker {
+
+using pac_engine::AddressFamily;
+
+class PacEnvironment {
+ public:
+  PacEnvironment() = default;
+  PacEnvironment(const PacEnvironment&) = delete;
+  PacEnvironment& operator=(const PacEnvironment&) = delete;
+  virtual ~PacEnvironment() = default;
+
+  /// Addresses of `name` (never a literal; an international name as UTF-8) as texts, in the order
+  /// of preference; empty where the name does not resolve, its lookup takes too long, or the
+  /// evaluation has looked up its share of names. Blocks 2 s at most.
+  virtual std::vector<std::string> resolve(std::string_view name, AddressFamily family) = 0;
+
+  /// The address that would be used to reach the outside, for kIpv4; all usable addresses of the
+  /// device, for kAny. Empty where there is none.
+  virtual std::vector<std::string> ownAddresses(AddressFamily family) = 0;
+
+  /// Seconds since 1970-01-01T00:00:00Z.
+  virtual std::int64_t now() = 0;
+
+  /// `when` broken down in the device's zone, or in UTC.
+  virtual std::tm brokenDown(std::int64_t when, bool gmt) = 0;
+
+  /// Takes the text of alert(); any length, any bytes.
+  virtual void alert(std::string_view text) = 0;
+};
+
+}  // namespace pac_worker

@@ -1,0 +1,163 @@
+// A script is loaded into a runtime of its own, which the script may fill and misuse as it likes:
+// the worst it can do is to lose its own state. Where it has passed the heap limit and still holds
+// most of the heap, the next evaluation begins with a fresh runtime and the script loaded anew.
+//
+// What cannot be done from within is left to the wall outside, which kills the worker. Nothing
+// looks at the clock while one built-in function walks an object that only claims a giant length
+// (indexOf or join of {length: 2 ** 50}) or searches a giant string over and over; and an async
+// function or a promise's executor turns the interrupt into a rejection, so that a loop around one
+// goes on.
+#include "engine/worker/script_engine.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "engine/worker/engine_runtime.h"
+#include "engine/worker/script_error.h"
+#include "engine/worker/script_helpers.h"
+#include "engine/worker/script_text.h"
+
+namespace pac_worker {
+namespace {
+
+constexpr char kEntryPoint[] = "FindProxyForURL";
+constexpr char kOutOfMemory[] = "out of memory";
+
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80U; });
+}
+
+}  // namespace
+
+struct ScriptEngine::Impl {
+  PacEnvironment& environment;
+  const ScriptLimits limits;
+  std::string script;                      ///< decoded; kept to be loaded anew
+  std::unique_ptr<EngineRuntime> runtime;  ///< null where no script is loaded
+  bool worn = false;                       ///< the script holds most of the heap
+
+  std::optional<ScriptError> start();
+  /// @param begun the limits run already, as the script was just loaded anew
+  Evaluation call(std::string_view url, std::string_view host, bool begun);
+
+ private:
+  std::optional<ScriptError> run();
+  std::optional<ScriptError> passedLimit();
+  Evaluation answerOf(JSValueConst result);
+};
+
+// The limit that was passed since begin(), if any. A script that has caught an error of the heap
+// limit has passed it all the same.
+std::optional<ScriptError> ScriptEngine::Impl::passedLimit() {
+  std::optional<ScriptError> error;
+  if (runtime->memoryWasRefused()) {
+    error =
+        errorOf("the heap limit of " + std::to_string(limits.heapBytes >> 10U) + " KiB was passed");
+    worn = runtime->bytesInUse() > limits.heapBytes / 2;
+  }
+  if (runtime->timeIsUp())
+    error = errorOf("the time limit of " + std::to_string(limits.time.count()) + " ms was passed");
+  return error;
+}
+
+std::optional<ScriptError> ScriptEngine::Impl::start() {
+  worn = false;
+  runtime.reset();
+  runtime = std::make_unique<EngineRuntime>(environment, limits);
+  if (runtime->context() == nullptr || !defineHelpers(*runtime)) return errorOf(kOutOfMemory);
+  return run();
+}
+
+std::optional<ScriptError> ScriptEngine::Impl::run() {
+  JSContext* const context = runtime->context();
+  runtime->begin();
+  std::optional<ScriptError> error;
+  {
+    const Value value(
+        context, JS_Eval(context, script.c_str(), script.size(), kScriptName, JS_EVAL_TYPE_GLOBAL));
+    if (value.isException()) error = takeException(context);
+  }
+  if (!error) {
+    runtime->runJobs();
+    const Value global(context, JS_GetGlobalObject(context));
+    const Value entry(context, JS_GetPropertyStr(context, global.get(), kEntryPoint));
+    if (entry.isException())
+      error = takeException(context);
+    else if (JS_IsFunction(context, entry.get()) == 0)
+      error = errorOf(std::string("the script defines no function ") + kEntryPoint);
+  }
+  const std::optional<ScriptError> limit = passedLimit();
+  if (limit) error = ScriptError{limit->message, error ? error->line : 0};
+  return error;
+}
+
+Evaluation ScriptEngine::Impl::answerOf(JSValueConst result) {
+  JSContext* const context = runtime->context();
+  if (JS_IsString(result) == 0) return {std::nullopt, errorOf("the result is no string")};
+  // Asked first, as a long result may be too long to be laid out in memory at all.
+  const Value length(context, JS_GetPropertyStr(context, result, "length"));
+  std::int64_t units = 0;
+  if (JS_ToInt64(context, &units, length.get()) < 0) return {std::nullopt, takeException(context)};
+  if (static_cast<std::size_t>(units) > limits.resultBytes)
+    return {std::nullopt,
+            errorOf("the result is longer than " + std::to_string(limits.resultBytes) + " bytes")};
+  const Text text(context, result);
+  if (!text) return {std::nullopt, takeException(context)};
+  if (!isAscii(text.view())) return {std::nullopt, errorOf("the result is not ASCII")};
+  return {std::string(text.view()), {}};
+}
+
+Evaluation ScriptEngine::Impl::call(std::string_view url, std::string_view host, bool begun) {
+  JSContext* const context = runtime->context();
+  if (!begun) runtime->begin();
+  Evaluation evaluation;
+  {
+    const Value global(context, JS_GetGlobalObject(context));
+    const Value entry(context, JS_GetPropertyStr(context, global.get(), kEntryPoint));
+    const Value urlText(context, JS_NewStringLen(context, url.data(), url.size()));
+    const Value hostText(context, JS_NewStringLen(context, host.data(), host.size()));
+    JSValueConst arguments[] = {urlText.get(), hostText.get()};
+    const bool ready = !entry.isException() && !urlText.isException() && !hostText.isException();
+    const Value result(
+        context, ready ? JS_Call(context, entry.get(), JS_UNDEFINED, 2, arguments) : JS_EXCEPTION);
+    evaluation = result.isException() ? Evaluation{std::nullopt, takeException(context)}
+                                      : answerOf(result.get());
+  }
+  runtime->runJobs();
+  if (const std::optional<ScriptError> limit = passedLimit())
+    evaluation = {std::nullopt, {limit->message, evaluation.error.line}};
+  return evaluation;
+}
+
+ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits)
+    : mImpl(new Impl{environment, limits, {}, nullptr}) {}
+
+ScriptEngine::~ScriptEngine() = default;
+
+std::optional<ScriptError> ScriptEngine::load(std::string_view bytes) try {
+  mImpl->script = decodeScript(bytes);
+  std::optional<ScriptError> error = mImpl->start();
+  if (error) mImpl->runtime.reset();
+  return error;
+} catch (const std::bad_alloc&) {
+  mImpl->runtime.reset();
+  return ScriptError{kOutOfMemory};
+}
+
+Evaluation ScriptEngine::evaluate(std::string_view url, std::string_view host) try {
+  if (!mImpl->runtime) return {std::nullopt, errorOf("no script is loaded")};
+  const bool anew = mImpl->worn;
+  if (anew) {
+    if (std::optional<ScriptError> error = mImpl->start()) {
+      mImpl->worn = true;
+      return {std::nullopt, std::move(*error)};
+    }
+  }
+  return mImpl->call(url, host, anew);
+} catch (const std::bad_alloc&) {
+  return {std::nullopt, {kOutOfMemory, 0}};
+}
+
+}  // namespace pac_worker

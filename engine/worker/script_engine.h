@@ -1,0 +1,68 @@
+// The JavaScript engine with one PAC script in it.
+//
+// The engine's own types stay behind this header. A ScriptEngine holds one runtime and one fresh
+// context; the script runs once, at load, and its globals live on between evaluations. Only where
+// it has passed the heap limit and still holds more than half of the heap, the next evaluation
+// first loads it anew, within its own time limit. Not for use by two threads; each call may come
+// from another thread. Nothing here throws.
+//
+// Promises: up to 1,000 queued jobs run after the load and after each evaluation, within its time
+// limit; the answer is never waited for. A limit that was passed counts even where the script has
+// caught the error.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "engine/worker/pac_environment.h"
+
+namespace pac_worker {
+
+struct ScriptLimits {
+  std::size_t heapBytes = 64U << 20U;    ///< JavaScript heap; passed: no answer
+  std::size_t stackBytes = 512U << 10U;  ///< native stack; passed: an error the script may catch
+  std::chrono::milliseconds time{
+      5000};  ///< one load or one evaluation, measured on CLOCK_MONOTONIC
+  std::size_t resultBytes = 64U << 10U;  ///< longest result text; longer: no answer
+  std::size_t alertBytes = 2U << 10U;    ///< logged of all alerts of one evaluation; further: cut
+};
+
+/// Why a script was refused or gave no answer. Texts are valid UTF-8, one line, 512 bytes at most.
+struct ScriptError {
+  std::string message;     ///< for example "SyntaxError: unexpected token"
+  std::uint32_t line = 0;  ///< of the script, from 1; 0 where none is known
+};
+
+/// An answer, or why there is none.
+struct Evaluation {
+  std::optional<std::string> result;  ///< ASCII text that the entry point returned
+  ScriptError error;                  ///< set where there is no result
+};
+
+class ScriptEngine {
+ public:
+  /// @param environment outlives the engine
+  explicit ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits = {});
+  ~ScriptEngine();
+  ScriptEngine(const ScriptEngine&) = delete;
+  ScriptEngine& operator=(const ScriptEngine&) = delete;
+
+  /// Loads `bytes` (decoded as the PAC language says: UTF-8 with or without BOM, else ISO-8859-1; a
+  /// NUL ends it) and runs it once. To be called once.
+  /// @return nothing where the script is loaded and has an entry point, else why it is refused
+  std::optional<ScriptError> load(std::string_view bytes);
+
+  /// Calls FindProxyForURL(url, host) of the loaded script.
+  Evaluation evaluate(std::string_view url, std::string_view host);
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> mImpl;
+};
+
+}  // namespace pac_worker

@@ -1,0 +1,108 @@
+#include "engine/worker/script_error.h"
+
+#include <charconv>
+#include <optional>
+#include <string>
+
+#include "engine/worker/utf8.h"
+
+namespace pac_worker {
+namespace {
+
+constexpr int kMostPrototypes = 8;  // looked through for an error's name
+
+// What was thrown while an exception is described (memory alone can run out there) is of no
+// interest.
+void dropException(JSContext* context) {
+  JS_FreeValue(context, JS_GetException(context));
+}
+
+class Atom {
+ public:
+  Atom(JSContext* context, const char* name)
+      : mContext(context), mAtom(JS_NewAtom(context, name)) {}
+  ~Atom() { JS_FreeAtom(mContext, mAtom); }
+  Atom(const Atom&) = delete;
+  Atom& operator=(const Atom&) = delete;
+  [[nodiscard]] JSAtom get() const { return mAtom; }
+
+ private:
+  JSContext* mContext;
+  JSAtom mAtom;
+};
+
+// The text of an object's own property; nothing where it is none, has a getter or holds no string.
+// The object must be no Proxy.
+std::optional<std::string> ownText(JSContext* context, JSValueConst object, const char* name) {
+  const Atom atom(context, name);
+  JSPropertyDescriptor property{};
+  const int found = JS_GetOwnProperty(context, &property, object, atom.get());
+  if (found < 0) dropException(context);
+  if (found <= 0) return std::nullopt;
+  const Value value(context, property.value);
+  const Value getter(context, property.getter);
+  const Value setter(context, property.setter);
+  const bool accessor = (property.flags & JS_PROP_GETSET) != 0;
+  if (accessor || JS_IsString(value.get()) == 0) return std::nullopt;
+  const Text text(context, value.get());
+  if (text) return std::string(text.view().substr(0, kErrorBytes * 8));
+  dropException(context);
+  return std::nullopt;
+}
+
+// The name of an error is usually its prototype's. Only plain objects are looked into, whose
+// reading runs no code.
+std::string nameOf(JSContext* context, JSValueConst error) {
+  const Value sample(context, JS_NewObject(context));
+  if (sample.isException()) dropException(context);
+  const JSClassID plain = JS_GetClassID(sample.get());
+  if (std::optional<std::string> name = ownText(context, error, "name")) return *name;
+  JSValue at = JS_DupValue(context, error);
+  std::optional<std::string> name;
+  for (int i = 0; i < kMostPrototypes && !name; ++i) {
+    const Value current(context, at);
+    at = JS_GetPrototype(context, current.get());
+    if (JS_IsObject(at) == 0 || JS_GetClassID(at) != plain) break;
+    name = ownText(context, at, "name");
+  }
+  JS_FreeValue(context, at);
+  return name.value_or("Error");
+}
+
+// The first line number that a stack trace gives for the script.
+std::uint32_t lineIn(std::string_view stack) {
+  const std::string place = std::string(kScriptName) + ':';
+  const std::size_t found = stack.find(place);
+  if (found == stack.npos) return 0;
+  const std::string_view digits = stack.substr(found + place.size());
+  std::uint32_t line = 0;
+  std::from_chars(digits.data(), digits.data() + digits.size(), line);
+  return line;
+}
+
+ScriptError describeError(JSContext* context, JSValueConst error) {
+  const std::string message = ownText(context, error, "message").value_or("");
+  ScriptError described = errorOf(nameOf(context, error) + (message.empty() ? "" : ": ") + message);
+  described.line = lineIn(ownText(context, error, "stack").value_or(""));
+  return described;
+}
+
+}  // namespace
+
+ScriptError errorOf(std::string_view message) {
+  return {printableLine(message, kErrorBytes), 0};
+}
+
+ScriptError takeException(JSContext* context) {
+  const Value thrown(context, JS_GetException(context));
+  if (JS_IsError(context, thrown.get()) != 0) return describeError(context, thrown.get());
+  if (JS_IsObject(thrown.get()) != 0 || JS_IsSymbol(thrown.get()) != 0)
+    return errorOf("uncaught exception");
+  const Text text(context, thrown.get());
+  if (text)
+    return errorOf("uncaught exception: " + std::string(text.view().substr(0, kErrorBytes)));
+  dropException(context);
+  return errorOf("uncaught exception");
+}
+
+}  // namespace pac_worker

@@ -1,0 +1,75 @@
+#include "engine/worker/shell_expression.h"
+
+#include <cstddef>
+
+namespace pac_worker {
+namespace {
+
+template <typename Unit>
+bool isLineEnd(Unit unit) {
+  if (unit == Unit('\n') || unit == Unit('\r')) return true;
+  if constexpr (sizeof(Unit) > 1) return unit == 0x2028U || unit == 0x2029U;
+  return false;
+}
+
+// A star takes as little as it can; only the last one met ever has to take more. That is enough:
+// what follows an earlier star stands as far left as it can, and moving it right would only let
+// that star swallow what the later one may take just as well. This holds with line ends too, as a
+// stretch that contains one cannot be moved at all.
+template <typename Unit>
+bool matches(std::basic_string_view<Unit> text, std::basic_string_view<Unit> expression) {
+  constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  std::size_t at = 0;
+  std::size_t in = 0;
+  std::size_t afterStar = kNone;
+  std::size_t starEnd = 0;
+  while (at < text.size() || in < expression.size()) {
+    if (in < expression.size() && expression[in] == Unit('*')) {
+      afterStar = ++in;
+      starEnd = at;
+      continue;
+    }
+    if (at < text.size() && in < expression.size() &&
+        (expression[in] == Unit('?') ? !isLineEnd(text[at]) : expression[in] == text[at])) {
+      ++at;
+      ++in;
+      continue;
+    }
+    if (afterStar == kNone || starEnd == text.size() || isLineEnd(text[starEnd])) return false;
+    at = ++starEnd;
+    in = afterStar;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool isPlainShellExpression(std::string_view expression) {
+  return expression.find_first_of("+[](){}\\^$|") == expression.npos;
+}
+
+bool matchesShellExpression(std::u16string_view text, std::u16string_view expression) {
+  return matches(text, expression);
+}
+
+bool matchesShellExpression(std::string_view text, std::string_view expression) {
+  return matches(text, expression);
+}
+
+std::string shellExpressionAsRegExp(std::string_view expression) {
+  std::string pattern = "^";
+  for (const char c : expression) {
+    if (c == '*') {
+      pattern += ".*";
+    } else if (c == '?') {
+      pattern += '.';
+    } else if (c == '.') {
+      pattern += "\\.";
+    } else {
+      pattern += c;
+    }
+  }
+  return pattern += '$';
+}
+
+}  // namespace pac_worker

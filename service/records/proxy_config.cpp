@@ -1,0 +1,121 @@
+#include "service/records/proxy_config.h"
+
+#include <strings.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+#include "base/log_line.h"
+
+namespace {
+
+template <typename T>
+void freeAndNull(T*& owned) {
+  std::free(owned);
+  owned = nullptr;
+}
+
+void cloneText(const char* source, char*& destination) {
+  if (source) destination = string2Char(source, static_cast<std::int32_t>(std::strlen(source)));
+}
+
+}  // namespace
+
+void initProxyConfig(ProxyConfig* config) {
+  logLine(LOG_INFO, "initProxyConfig() called");
+  *config = ProxyConfig{};
+}
+
+void cleanupProxyConfig(ProxyConfig* config) {
+  logLine(LOG_INFO, "cleanupProxyConfig() called");
+  freeAndNull(config->proxyurl);
+  freeAndNull(config->pacurl);
+  freeAndNull(config->userName);
+  freeAndNull(config->password);
+}
+
+void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig) {
+  logLine(LOG_INFO, "cloneProxyConfig() called");
+  // Going on is the contract: a caller's mistake ends where it was made, with its name in the log.
+  if (!srcConfig || !destConfig)
+    logLine(LOG_ERR, "%s srcConfig or destConfig is null", "cloneProxyConfig");
+  destConfig->mode = srcConfig->mode;
+  destConfig->enableauth = srcConfig->enableauth;
+  cloneText(srcConfig->proxyurl, destConfig->proxyurl);
+  cloneText(srcConfig->pacurl, destConfig->pacurl);
+  cloneText(srcConfig->userName, destConfig->userName);
+  cloneText(srcConfig->password, destConfig->password);
+}
+
+void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count) {
+  logLine(LOG_INFO, "initProxyUrlInfo() called");
+  *info = ProxyUrlInfo{};
+  info->kind = kind;
+  info->urlCount = count;
+  if (count <= 0) return;
+  const auto slots = static_cast<std::size_t>(count);
+  info->urls = static_cast<char**>(std::malloc(slots * sizeof(char*)));
+  for (std::size_t i = 0; i < slots; ++i) info->urls[i] = nullptr;
+}
+
+void cleanupProxyUrlInfo(ProxyUrlInfo* info) {
+  logLine(LOG_INFO, "cleanupProxyUrlInfo() called");
+  info->kind = 0;
+  if (info->urls && info->urlCount > 0) {
+    for (std::int32_t i = 0; i < info->urlCount; ++i) freeAndNull(info->urls[i]);
+    freeAndNull(info->urls);
+  }
+  freeAndNull(info->extraA);
+  freeAndNull(info->extraB);
+  info->urlCount = 0;
+}
+
+void cleanupProxySetting(ProxyUrlSetting* setting) {
+  logLine(LOG_INFO, "cleanupProxySetting() called");
+  setting->type = 0;
+  freeAndNull(setting->url);
+}
+
+ProxyMode str2ProxyMode(const char* text) {
+  // The line shows the function's name where one expects the text; operators' filters know it so.
+  logLine(LOG_INFO, "str2ProxyMode() called mode:%s", "str2ProxyMode");
+  if (strcasecmp(text, "off") == 0) return off;
+  if (strcasecmp(text, "manual") == 0) return manual;
+  if (strcasecmp(text, "pacurl") == 0) return pacurl;
+  if (strcasecmp(text, "wpad") == 0) return wpad;
+  return off;
+}
+
+const char* proxyMode2Str(ProxyMode mode) {
+  const char* const function = "proxyMode2Str";
+  logLine(LOG_INFO, "%s: proxyMode2Str() called mode:%d", function, mode);
+  switch (mode) {
+    case off:
+      logLine(LOG_INFO, "%s: str mode:off", function);
+      return "off";
+    case manual:
+      logLine(LOG_INFO, "%s: str mode:manual", function);
+      return "manual";
+    case pacurl:
+      logLine(LOG_INFO, "%s: str mode:pacurl", function);
+      return "pacurl";
+    case wpad:
+      logLine(LOG_INFO, "%s: str mode:wpad", function);
+      return "wpad";
+  }
+  logLine(LOG_ERR, "%s: mode:%d is invalid", function, mode);
+  return "off";
+}
+
+char* string2Char(const char* data, std::int32_t length) {
+  if (!data || length <= 0) {
+    logLine(LOG_INFO, "%s: input is null, or length:%d <= 0", "string2Char", length);
+    return nullptr;
+  }
+  const auto size = static_cast<std::size_t>(length);
+  auto* const text = static_cast<char*>(std::malloc(size + 1));
+  std::memcpy(text, data, size);
+  text[size] = '\0';
+  return text;
+}

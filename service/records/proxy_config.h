@@ -1,0 +1,87 @@
+// The plain records that carry a proxy configuration and a parsed proxy entry between the folders,
+// and the free functions that make, copy and release them.
+//
+// A record holds integers and heap C strings. Whoever holds the record owns its strings: they come
+// from string2Char (malloc) and go with the cleanup functions (free). Copying a record by value
+// shares the pointers; cloneProxyConfig makes a deep copy. Every function is safe on any thread, as
+// long as no two threads use the same record, and all but string2Char, which speaks up only when it
+// refuses, say one line to syslog (LOG_INFO) when called. Allocation failure is not checked.
+// Pointers to records are never null. service/records/proxy_config_owner.h has what frees a
+// record's strings by scope, without a line.
+#pragma once
+
+#include <cstdint>
+#include <type_traits>
+#include <vector>
+
+/// How proxies are chosen. Text forms: "off", "manual", "pacurl", "wpad".
+enum ProxyMode : std::int32_t { off = 0, manual = 1, pacurl = 2, wpad = 3 };
+
+/// The proxy configuration. A null string is a value that is not set.
+struct ProxyConfig {
+  ProxyMode mode = off;
+  char* proxyurl = nullptr;  ///< owned; the proxy of mode manual
+  char* pacurl = nullptr;    ///< owned; where the script of mode pacurl is
+  bool enableauth = false;   ///< whether userName and password apply
+  char* userName = nullptr;  ///< owned
+  char* password = nullptr;  ///< owned
+};
+
+/// One parsed proxy entry.
+struct ProxyUrlSetting {
+  std::int32_t type = 0;  ///< 0 none (not recognised), 1 DIRECT, 2 PROXY, 3 SOCKS
+  char* url = nullptr;    ///< owned; the whole entry text, for example "PROXY 10.0.0.1:8080"
+};
+
+/// The entries of one answer, in the script's order. Copies share the `url` pointers. A vector, as
+/// an answer has a few entries of 16 bytes: copying three, as each cache hit does, takes one
+/// allocation instead of the three of a linked list, and a third of its time.
+using ProxyUrlSettings = std::vector<ProxyUrlSetting>;
+
+/// A list of URLs. Nothing in the daemon fills one; it completes the set of records.
+struct ProxyUrlInfo {
+  std::int32_t kind = 0;
+  char** urls = nullptr;   ///< owned array of `urlCount` owned strings, each possibly null
+  char* extraA = nullptr;  ///< owned
+  char* extraB = nullptr;  ///< owned
+  std::int32_t urlCount = 0;
+};
+
+static_assert(std::is_trivially_copyable_v<ProxyConfig> && std::is_standard_layout_v<ProxyConfig>);
+static_assert(std::is_trivially_copyable_v<ProxyUrlSetting> &&
+              std::is_standard_layout_v<ProxyUrlSetting>);
+static_assert(std::is_trivially_copyable_v<ProxyUrlInfo> &&
+              std::is_standard_layout_v<ProxyUrlInfo>);
+static_assert(sizeof(ProxyConfig::enableauth) == 1, "enableauth is an 8-bit boolean");
+
+/// Makes a fresh record: mode off, no strings, no authentication. Frees nothing.
+void initProxyConfig(ProxyConfig* config);
+
+/// Frees the record's strings and sets them to null; `mode` and `enableauth` stay.
+void cleanupProxyConfig(ProxyConfig* config);
+
+/// Copies `srcConfig` deeply into `destConfig`, which is fresh or cleaned: its strings are not
+/// freed. A null source string leaves the destination's as it is, an empty one makes it null.
+/// A null pointer is said (LOG_ERR) before it is followed all the same: it is the caller's mistake.
+void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
+
+/// Makes a fresh record with `count` empty slots; none, and no array, where `count` <= 0.
+void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count);
+
+/// Frees everything the record owns and zeroes it; an array with `urlCount` <= 0 is left alone.
+void cleanupProxyUrlInfo(ProxyUrlInfo* info);
+
+/// Frees the entry's url, sets it to null and the type to 0.
+void cleanupProxySetting(ProxyUrlSetting* setting);
+
+/// @param text not null; letter case is ignored
+/// @return the mode of that text; off, without a warning, for any other text
+ProxyMode str2ProxyMode(const char* text);
+
+/// @return the mode's text, a constant; "off", and a LOG_ERR line, for a number that is no mode
+const char* proxyMode2Str(ProxyMode mode);
+
+/// Copies `length` bytes, zeros among them included, and adds a terminator.
+/// @return a malloc'ed string that the caller frees; null, and a LOG_INFO line, where `data` is
+///         null or `length` <= 0: an empty text is stored as not set
+char* string2Char(const char* data, std::int32_t length);

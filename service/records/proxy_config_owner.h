@@ -1,0 +1,54 @@
+// What frees the records' heap C strings by scope. None of it says a line.
+#pragma once
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "service/records/proxy_config.h"
+
+/// Frees what malloc gave.
+struct HeapFree {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
+/// A C string from string2Char, getHost or heapCopy, freed with its scope; possibly null.
+using HeapText = std::unique_ptr<char, HeapFree>;
+
+/// @return a malloc'ed copy of `text`, null for a null one. Unlike string2Char it keeps an empty
+///         text as an empty text. Throws std::bad_alloc where there is no memory.
+inline char* heapCopy(const char* text) {
+  if (!text) return nullptr;
+  const std::size_t size = std::strlen(text) + 1;
+  auto* const copy = static_cast<char*>(std::malloc(size));
+  if (!copy) throw std::bad_alloc();
+  std::memcpy(copy, text, size);
+  return copy;
+}
+
+/// A ProxyConfig that owns its strings. `*owner` and `owner.get()` are the record, for the
+/// functions that take one; a copy of `*owner` shares the strings and ends with the owner.
+/// Not synchronised: whoever has one guards it.
+class ProxyConfigOwner {
+ public:
+  ProxyConfigOwner() = default;
+  ~ProxyConfigOwner() { clear(); }
+  ProxyConfigOwner(const ProxyConfigOwner&) = delete;
+  ProxyConfigOwner& operator=(const ProxyConfigOwner&) = delete;
+
+  /// Frees the strings and makes the record a fresh one: mode off, nothing set.
+  void clear() {
+    for (char* text : {mRecord.proxyurl, mRecord.pacurl, mRecord.userName, mRecord.password})
+      std::free(text);
+    mRecord = ProxyConfig{};
+  }
+
+  ProxyConfig* get() { return &mRecord; }
+  ProxyConfig* operator->() { return &mRecord; }
+  const ProxyConfig* operator->() const { return &mRecord; }
+  const ProxyConfig& operator*() const { return mRecord; }
+
+ private:
+  ProxyConfig mRecord;
+};

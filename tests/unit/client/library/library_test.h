@@ -1,0 +1,82 @@
+// A bus, the daemon's stand-in on it, and a client of both.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <proxymanager/client.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/support/private_bus.h"
+#include "tests/unit/client/library/stand_in_daemon.h"
+
+using proxymanager::Answer;
+using proxymanager::Change;
+using proxymanager::Client;
+using proxymanager::Kind;
+using proxymanager::Status;
+using proxymanager::Watch;
+
+/// For what comes soon, on a machine that may be busy.
+inline constexpr std::chrono::seconds kLong{60};
+
+inline const std::string kUrl = "http://www.example.org/";
+
+/// What is told, in order, and a wait for it.
+template <typename Told>
+class Recorded {
+ public:
+  void add(Told told) {
+    const std::lock_guard lock(mMutex);
+    mAll.push_back(std::move(told));
+    mAdded.notify_all();
+  }
+  std::vector<Told> all() {
+    const std::lock_guard lock(mMutex);
+    return mAll;
+  }
+  /// @return what has been told by when it is so much
+  std::vector<Told> waitFor(std::size_t count) {
+    std::unique_lock lock(mMutex);
+    EXPECT_TRUE(mAdded.wait_for(lock, kLong, [&] { return mAll.size() >= count; }));
+    return mAll;
+  }
+
+ private:
+  std::mutex mMutex;
+  std::condition_variable mAdded;
+  std::vector<Told> mAll;
+};
+
+using Changes = Recorded<Change>;
+using Answers = Recorded<Answer>;
+
+class LibraryTest : public testing::Test {
+ protected:
+  /// Asks, and wants an answer.
+  Answer ask(const std::string& url = kUrl) {
+    auto answer = client.get(url, kLong);
+    EXPECT_EQ(answer.status(), Status::ok) << proxymanager::lastFailure().name;
+    return answer;
+  }
+
+  Watch watch(Changes& told) {
+    return client.watch([&told](Change change) { told.add(change); });
+  }
+
+  Status askAsync(const std::string& url, proxymanager_id* id = nullptr,
+                  std::chrono::milliseconds limit = kLong) {
+    return client.getAsync(
+        url, limit, [this](Answer answer) { answers.add(std::move(answer)); }, id);
+  }
+
+  PrivateBus bus;
+  StandInDaemon daemon;
+  Answers answers;  // outlives the client, which may still tell
+  Changes changes;
+  Client client;
+};

@@ -1,0 +1,333 @@
+#include "engine/host/name_lookup.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <syslog.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tests/support/log_capture.h"
+#include "tests/support/once_of_five.h"
+#include "tests/support/own_root.h"
+#include "tests/support/shortest.h"
+#include "tests/unit/engine/dns_server.h"
+#include "tests/unit/engine/own_network.h"
+
+namespace {
+
+using namespace pac_engine;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+using Texts = std::vector<std::string>;
+
+// A lookup has two seconds, and asks again after half a one: what is to hear an answer, or to count
+// the questions, is tried up to five times.
+
+constexpr auto kIpv4 = AddressFamily::kIpv4;
+constexpr auto kAny = AddressFamily::kAny;
+
+/// A socket whose peer lives as long as the test, or until it is told to go.
+class Watched {
+ public:
+  Watched() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, mEnds), 0); }
+  ~Watched() {
+    close(mEnds[0]);
+    hangUp();
+  }
+  int fd() const { return mEnds[0]; }
+  void hangUp() {
+    if (mEnds[1] >= 0) close(mEnds[1]);
+    mEnds[1] = -1;
+  }
+
+ private:
+  int mEnds[2] = {-1, -1};
+};
+
+struct Asked {
+  Texts addresses;
+  milliseconds took;
+};
+
+class Names {
+ public:
+  explicit Names(NameSource source) : lookup(std::move(source)) { lookup.begin(); }
+
+  Asked ask(std::string_view name, AddressFamily family = kIpv4, milliseconds left = seconds(5)) {
+    const auto start = steady_clock::now();
+    auto addresses = lookup.resolve(name, family, start + left, watched.fd());
+    return {std::move(addresses),
+            std::chrono::duration_cast<milliseconds>(steady_clock::now() - start)};
+  }
+
+  NameLookup lookup;
+  Watched watched;
+};
+
+NameSource servedBy(const DnsServer& server) {
+  NameSource source;
+  source.nameServers = server.address();
+  return source;
+}
+
+/// "n7.test"
+std::string nameOf(int number) {
+  std::string name = "n";
+  name += std::to_string(number);
+  return name += ".test";
+}
+
+DnsName at(Texts addresses) {
+  DnsName name;
+  name.addresses = std::move(addresses);
+  return name;
+}
+
+TEST(NameLookup, GivesAddressesOfTheFamilyAskedFor) {
+  onceOfFive([] {
+    const DnsServer server(
+        {{"both.test", at({"10.0.0.1", "2001:db8::1"})}, {"six.test", at({"2001:db8::6"})}});
+    Names names(servedBy(server));
+    EXPECT_EQ(names.ask("both.test").addresses, Texts{"10.0.0.1"});
+    auto both = names.ask("both.test", kAny).addresses;
+    std::sort(both.begin(), both.end());
+    EXPECT_EQ(both, (Texts{"10.0.0.1", "2001:db8::1"}));
+    EXPECT_EQ(names.ask("six.test").addresses, Texts());
+    EXPECT_EQ(names.ask("six.test", kAny).addresses, Texts{"2001:db8::6"});
+  });
+}
+
+TEST(NameLookup, GivesNothingForANameThatDoesNotExist) {
+  const DnsServer server({});
+  Names names(servedBy(server));
+  EXPECT_EQ(names.ask("none.test").addresses, Texts());
+  EXPECT_GE(server.questions("none.test"), 1);
+}
+
+TEST(NameLookup, AsksAgainForANameOfALaterEvaluationOnlyWhenItsLifetimeIsOver) {
+  onceOfFive([] {
+    auto brief = at({"10.0.0.2"});
+    brief.lifetime = 0;
+    const DnsServer server({{"kept.test", at({"10.0.0.1"})}, {"brief.test", brief}});
+    Names names(servedBy(server));
+    for (int evaluation = 0; evaluation < 3; ++evaluation) {
+      names.lookup.begin();
+      EXPECT_EQ(names.ask("KEPT.test").addresses, Texts{"10.0.0.1"});
+      EXPECT_EQ(names.ask("brief.test").addresses, Texts{"10.0.0.2"});
+      EXPECT_EQ(names.ask("brief.test").addresses, Texts{"10.0.0.2"});
+    }
+    EXPECT_EQ(server.questions("kept.test"), 1);
+    EXPECT_EQ(server.questions("brief.test"), 3);
+  });
+}
+
+TEST(NameLookup, KeepsAFailureForLaterEvaluations) {
+  onceOfFive([] {
+    const DnsServer server({});
+    Names names(servedBy(server));
+    names.ask("none.test");
+    const int asked = server.questions("none.test");
+    names.lookup.begin();
+    names.ask("none.test");
+    EXPECT_EQ(server.questions("none.test"), asked);
+  });
+}
+
+TEST(NameLookup, LooksUpTwentyNamesInOneEvaluation) {
+  onceOfFive([] {
+    std::map<std::string, DnsName> all;
+    for (int i = 0; i < 21; ++i) all[nameOf(i)] = at({"10.0.0.1"});
+    const DnsServer server(all);
+    Names names(servedBy(server));
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(names.ask(nameOf(i)).addresses, Texts{"10.0.0.1"}) << i;
+    }
+    EXPECT_EQ(names.ask("n20.test").addresses, Texts());
+    EXPECT_EQ(server.questions("n20.test"), 0);
+    EXPECT_EQ(names.ask("n0.test").addresses, Texts{"10.0.0.1"});
+    names.lookup.begin();
+    EXPECT_EQ(names.ask("n20.test").addresses, Texts{"10.0.0.1"});
+  });
+}
+
+TEST(NameLookup, HearsASlowServerWithinTwoSeconds) {
+  onceOfFive([] {
+    auto slow = at({"10.0.0.1"});
+    slow.delay = milliseconds(1500);
+    const DnsServer server({{"slow.test", slow}});
+    Names names(servedBy(server));
+    const auto asked = names.ask("slow.test");
+    EXPECT_EQ(asked.addresses, Texts{"10.0.0.1"});
+    EXPECT_GE(asked.took, milliseconds(1400));
+  });
+}
+
+TEST(NameLookup, GivesUpASlowServerAfterTwoSeconds) {
+  auto slow = at({"10.0.0.1"});
+  slow.delay = milliseconds(2600);
+  const DnsServer server({{"slow.test", slow}});
+  Names names(servedBy(server));
+  const auto asked = names.ask("slow.test");
+  EXPECT_EQ(asked.addresses, Texts());
+  EXPECT_GE(asked.took, milliseconds(1990));
+  EXPECT_LT(asked.took, seconds(20));
+}
+
+// Half an answer would be taken for a whole one by the next evaluation.
+TEST(NameLookup, AFamilyThatIsNeverAnsweredIsATimeoutOfTheWholeLookup) {
+  auto half = at({"10.0.0.1", "2001:db8::1"});
+  half.silentForIpv4 = true;
+  const DnsServer server({{"half.test", half}});
+  Names names(servedBy(server));
+  const auto asked = names.ask("half.test", kAny);
+  EXPECT_EQ(asked.addresses, Texts());
+  EXPECT_GE(asked.took, milliseconds(1990));
+}
+
+TEST(NameLookup, GivesUpADeadServerAfterTwoSecondsAndRemembersIt) {
+  onceOfFive([] {
+    DnsName dead;
+    dead.silent = true;
+    const DnsServer server({{"dead.test", dead}, {"behind.test", at({"10.0.0.1"})}});
+    Names names(servedBy(server));
+    EXPECT_GE(names.ask("dead.test").took, milliseconds(1990));
+    // Answered when all that was asked before has been counted.
+    EXPECT_EQ(names.ask("behind.test").addresses, Texts{"10.0.0.1"});
+    const auto questions = server.questions("dead.test");
+    EXPECT_GT(questions, 0);
+    names.lookup.begin();
+    EXPECT_EQ(names.ask("dead.test").addresses, Texts());
+    EXPECT_EQ(server.questions("dead.test"), questions);
+  });
+}
+
+TEST(NameLookup, PassesOverADeadServer) {
+  onceOfFive([] {
+    DnsName dead;
+    dead.silent = true;
+    const DnsServer first({{"a.test", dead}});
+    const DnsServer second({{"a.test", at({"10.0.0.1"})}});
+    NameSource source;
+    source.nameServers = first.address() + "," + second.address();
+    Names names(source);
+    const auto asked = names.ask("a.test");
+    EXPECT_EQ(asked.addresses, Texts{"10.0.0.1"});
+  });
+}
+
+TEST(NameLookup, KeepsToTheEndOfTheEvaluationAndRemembersNothingThen) {
+  onceOfFive([] {
+    auto slow = at({"10.0.0.1"});
+    slow.delay = milliseconds(600);
+    const DnsServer server({{"slow.test", slow}});
+    Names names(servedBy(server));
+    const auto asked = names.ask("slow.test", kIpv4, milliseconds(200));
+    EXPECT_EQ(asked.addresses, Texts());
+    EXPECT_LT(asked.took, seconds(20));
+    names.lookup.begin();
+    EXPECT_EQ(names.ask("slow.test").addresses, Texts{"10.0.0.1"});
+  });
+}
+
+TEST(NameLookup, EndsWhenNobodyWaitsForItAnyMore) {
+  DnsName dead;
+  dead.silent = true;
+  const auto took = shortest(milliseconds(1900), [&] {
+    const DnsServer server({{"dead.test", dead}});
+    Names names(servedBy(server));
+    std::thread other([&] {
+      while (server.questions("dead.test") == 0) std::this_thread::yield();
+      names.watched.hangUp();
+    });
+    names.ask("dead.test");
+    other.join();
+  });
+  EXPECT_LT(took, milliseconds(1900));
+}
+
+TEST(NameLookup, AsksForInternationalNamesInTheirAsciiForm) {
+  onceOfFive([] {
+    const DnsServer server({{"xn--mnchen-3ya.test", at({"10.0.0.1"})}});
+    Names names(servedBy(server));
+    EXPECT_EQ(names.ask("m\xc3\xbcnchen.test").addresses, Texts{"10.0.0.1"});
+    EXPECT_EQ(names.ask("M\xc3\x9cNCHEN.test").addresses, Texts{"10.0.0.1"});
+    EXPECT_EQ(server.questions("xn--mnchen-3ya.test"), 1);
+  });
+}
+
+TEST(NameLookup, AsksNobodyForWhatIsNoName) {
+  const DnsServer server({});
+  Names names(servedBy(server));
+  for (const std::string_view name :
+       {std::string_view(""), std::string_view("a b.test"), std::string_view("a\0b.test", 8),
+        std::string_view("a\n.test"), std::string_view("\xff\xfe.test")}) {
+    EXPECT_EQ(names.ask(name).addresses, Texts()) << name;
+  }
+  EXPECT_EQ(asciiName(std::string(254, 'a')), std::string(254, 'a'));
+  EXPECT_EQ(asciiName(std::string(255, 'a')), std::nullopt);
+}
+
+TEST(NameLookup, SaysWhyThereAreNoLookups) {
+  NameSource source;
+  source.nameServers = "no address";
+  Names names(source);
+  EXPECT_EQ(names.ask("a.test").addresses, Texts());
+  EXPECT_TRUE(logged(LOG_ERR, "pac_engine: no name lookups: Misformatted string"));
+}
+
+TEST(NameLookup, KnowsNoNameOffline) {
+  const DnsServer server({{"a.test", at({"10.0.0.1"})}});
+  auto source = servedBy(server);
+  source.offline = true;
+  Names names(source);
+  EXPECT_EQ(names.ask("a.test").addresses, Texts());
+  EXPECT_EQ(names.ask("localhost").addresses, Texts());
+  EXPECT_EQ(server.questions("a.test"), 0);
+}
+
+TEST(NameLookup, LooksNothingElseUpWhenNamesAreGiven) {
+  const DnsServer server({{"a.test", at({"10.0.0.1"})}});
+  auto source = servedBy(server);
+  source.staticNames = StaticNames{{"B.Test", {"2001:db8::2", "10.0.0.2"}}};
+  Names names(source);
+  EXPECT_EQ(names.ask("b.test").addresses, Texts{"10.0.0.2"});
+  EXPECT_EQ(names.ask("b.test", kAny).addresses, (Texts{"2001:db8::2", "10.0.0.2"}));
+  EXPECT_EQ(names.ask("a.test").addresses, Texts());
+  EXPECT_EQ(server.questions("a.test"), 0);
+}
+
+void write(const std::string& path, const std::string& text) {
+  std::ofstream(path + ".new") << text;
+  std::filesystem::rename(path + ".new", path);
+}
+
+TEST(NameLookup, HonoursTheHostsFileAndSeesItChange) {
+  enterOwnRoot();
+  enterOwnNetwork();
+  write("/etc/resolv.conf", "nameserver 127.0.0.1\n");
+  write("/etc/hosts", "10.9.9.9 listed.test\n");
+  Names names{NameSource{}};
+  EXPECT_EQ(names.ask("listed.test").addresses, Texts{"10.9.9.9"});
+  write("/etc/hosts", "10.9.9.8 listed.test\n");
+  names.lookup.begin();
+  EXPECT_EQ(names.ask("listed.test").addresses, Texts{"10.9.9.8"});
+}
+
+TEST(NameLookup, AsksTheServersOfTheConfigurationAndSeesItChange) {
+  enterOwnRoot();
+  enterOwnNetwork();
+  constexpr std::uint16_t kDns = 53;
+  const DnsServer first({{"a.test", at({"10.0.0.1"})}}, "127.0.0.2", kDns);
+  const DnsServer second({{"a.test", at({"10.0.0.2"})}}, "127.0.0.3", kDns);
+  write("/etc/resolv.conf", "nameserver 127.0.0.2\n");
+  Names names{NameSource{}};
+  EXPECT_EQ(names.ask("a.test").addresses, Texts{"10.0.0.1"});
+  write("/etc/resolv.conf", "nameserver 127.0.0.3\n");
+  names.lookup.begin();
+  EXPECT_EQ(names.ask("a.test").addresses, Texts{"10.0.0.2"});
+}
+
+}  // namespace

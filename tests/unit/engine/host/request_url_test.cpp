@@ -1,0 +1,138 @@
+#include "engine/host/request_url.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using pac_engine::cleanedUrl;
+
+struct Row {
+  std::string given;
+  std::optional<std::string> cleaned;
+};
+
+void expectRows(const std::vector<Row>& rows) {
+  for (const auto& [given, cleaned] : rows) EXPECT_EQ(cleanedUrl(given), cleaned) << given;
+}
+
+TEST(RequestUrl, LosesPathAndQueryOnlyWhereTheyAreEncrypted) {
+  expectRows({{"https://h.example/secret?token=1#part", "https://h.example/"},
+              {"wss://h.example/secret?token=1", "wss://h.example/"},
+              {"https://h.example", "https://h.example/"},
+              {"https://h.example?q=1", "https://h.example/"},
+              {"http://h.example/a/b?c=d", "http://h.example/a/b?c=d"},
+              {"ws://h.example/a?b", "ws://h.example/a?b"},
+              {"ftp://h.example/a/b;type=i", "ftp://h.example/a/b;type=i"},
+              {"foo://h.example/x?y", "foo://h.example/x?y"}});
+}
+
+TEST(RequestUrl, LosesUserPasswordAndFragmentOfEveryScheme) {
+  expectRows({{"http://user:pass@h/x#frag", "http://h/x"},
+              {"http://user@h/", "http://h/"},
+              {"https://user:pass@h/", "https://h/"},
+              {"ftp://user:pass@h/x", "ftp://h/x"},
+              {"ws://user:pass@h/x", "ws://h/x"},
+              {"foo://user:pass@h/x#f", "foo://h/x"},
+              {"imap://user;AUTH=plain:pass@h/", "imap://h/"},
+              {"http://h/x?a=b#c?d", "http://h/x?a=b"},
+              {"http://h/#", "http://h/"}});
+}
+
+TEST(RequestUrl, KeepsAQueryThatIsEmpty) {
+  expectRows({{"http://h/p?", "http://h/p?"},
+              {"http://H?", "http://h/?"},
+              {"http://user@h:80/p?#frag?", "http://h/p?"},
+              {"ws://h/?", "ws://h/?"},
+              {"foo://h/x?", "foo://h/x?"},
+              {"http://h/p??", "http://h/p??"},
+              {"http://h/p#?", "http://h/p"},
+              {"https://h/p?", "https://h/"},
+              {"wss://h?", "wss://h/"}});
+}
+
+TEST(RequestUrl, LowersSchemeAndHostAndNothingElse) {
+  expectRows({{"HTTP://ExAmple.COM/PaTh?Query", "http://example.com/PaTh?Query"},
+              {"HTTP://[FE80::A]/", "http://[fe80::a]/"},
+              {"http://[FE80::1%25Eth0]/", "http://[fe80::1%25Eth0]/"},
+              {"http://[fe80::1%25Eth0]/", "http://[fe80::1%25Eth0]/"},
+              {"FOO://HOST/X", "foo://host/X"},
+              {"http://M\xc3\x9cNCHEN.de/", "http://m\xc3\x9cnchen.de/"}});
+}
+
+TEST(RequestUrl, DropsOnlyTheDefaultPortOfTheScheme) {
+  expectRows({{"http://h:80/", "http://h/"},
+              {"https://h:443/", "https://h/"},
+              {"ws://h:80/", "ws://h/"},
+              {"wss://h:443/", "wss://h/"},
+              {"ftp://h:21/", "ftp://h/"},
+              {"http://h:443/", "http://h:443/"},
+              {"https://h:80/", "https://h:80/"},
+              {"ws://h:81/", "ws://h:81/"},
+              {"foo://h:80/", "foo://h:80/"},
+              {"https://[::1]:443/", "https://[::1]/"},
+              {"http://h:/", "http://h/"}});
+}
+
+TEST(RequestUrl, KeepsThePathAsItIs) {
+  expectRows({{"http://h/a/../b/./c", "http://h/a/../b/./c"},
+              {"http://h/%41%2f", "http://h/%41%2f"},
+              {"http://h/a b?c d", "http://h/a b?c d"},
+              {"http://h?q", "http://h/?q"}});
+}
+
+TEST(RequestUrl, IsPassedAsItIsWithoutASchemeSeparator) {
+  expectRows({{"", ""},
+              {"h.example", "h.example"},
+              {"User:Pass@H:80/x#f", "User:Pass@H:80/x#f"},
+              {"HTTP:/H/", "HTTP:/H/"}});
+}
+
+TEST(RequestUrl, KeepsTheSlashOfAFileUrlWithoutAPath) {
+  expectRows({{"file:///", "file:///"},
+              {"FILE:///#f", "file:///"},
+              {"file:///a/B", "file:///a/B"},
+              {"file:///a?x", "file:///a?x"},
+              {"file:///?x#f", "file:///?x"},
+              {"file:///a?", "file:///a?"},
+              {"file://u:p@h/x", "file:///"}});
+}
+
+TEST(RequestUrl, ShowsAnAddressBehindPercentSignsAsOne) {
+  expectRows({{"http://%39/", "http://0.0.0.9/"},
+              {"http://%2539/", "http://%2539/"},
+              {"HTTP://%31%30.1/%2e%39", "http://10.0.0.1/%2e%39"}});
+}
+
+TEST(RequestUrl, ShowsItsSchemeAloneWhereCurlTakesItForNoUrl) {
+  expectRows({{"http://a b/", "http:///"},
+              {"HTTPS://u:p@a b/secret", "https:///"},
+              {"http://", "http:///"},
+              {"http://:80/", "http:///"},
+              {"svn+ssh://u:p@/x", "svn+ssh:///"},
+              {"a b://h/", std::nullopt},
+              {"user:pass@h/?x=http://y", std::nullopt},
+              {"http://h:99999/", "http:///"},
+              {"http://u@h@i/", "http:///"},
+              {"://h", std::nullopt},
+              {"http:/me:pw@h/x://y", std::nullopt},
+              {"1:/1:///", std::nullopt}});
+}
+
+TEST(RequestUrl, IsTakenAt8KiBAndNotPastIt) {
+  const std::string start = "http://h/";
+  const std::string longest = start + std::string(8192 - start.size(), 'x');
+  EXPECT_EQ(cleanedUrl(longest), longest);
+  EXPECT_EQ(cleanedUrl(longest + "x"), std::nullopt);
+  EXPECT_EQ(cleanedUrl(std::string(8192, 'x')), std::string(8192, 'x'));
+  EXPECT_EQ(cleanedUrl(std::string(8193, 'x')), std::nullopt);
+}
+
+TEST(RequestUrl, IsNothingWhenCleaningMakesItLongerThan8KiB) {
+  // The path that is not there becomes "/".
+  const std::string start = "http://h?";
+  EXPECT_EQ(cleanedUrl(start + std::string(8192 - start.size(), 'x')), std::nullopt);
+}
+
+}  // namespace

@@ -1,0 +1,44 @@
+#include <gtest/gtest.h>
+
+#include "engine/pac_engine.h"
+
+namespace {
+
+using pac_engine::describe;
+using pac_engine::visible;
+
+TEST(Visible, ShowsControlCharactersAndLeavesText) {
+  EXPECT_EQ(visible("a b\xc3\xa4"), "a b\xc3\xa4");
+  EXPECT_EQ(visible("a\nb\tc"), "a\\x0ab\\x09c");
+  EXPECT_EQ(visible(std::string_view("\0\x1b[2J\x7f", 6)), "\\x00\\x1b[2J\\x7f");
+}
+
+TEST(Visible, ShowsControlCharactersBeyondAscii) {
+  EXPECT_EQ(visible("a\xc2\x9b"
+                    "b"),
+            "a\\x9bb");
+  EXPECT_EQ(visible("\xc2\x80\xc2\x9f\xc2\xa0"), "\\x80\\x9f\xc2\xa0");
+}
+
+TEST(Visible, ShowsBytesThatFollowNone) {
+  EXPECT_EQ(visible("\x9b[2J"), "\\x9b[2J");
+  EXPECT_EQ(visible("\xe2\x82\xac\x9b"), "\xe2\x82\xac\\x9b");
+  EXPECT_EQ(visible("\xf0\x9f\x98\x80"), "\xf0\x9f\x98\x80");
+  EXPECT_EQ(visible("\xc3"
+                    "a\x85"),
+            "\xc3"
+            "a\\x85");
+}
+
+TEST(Visible, ShowsCharactersInFormsTooLong) {
+  EXPECT_EQ(visible("\xe0\x82\x9b"), "\xe0\\x82\\x9b");
+  EXPECT_EQ(visible("\xf0\x80\x82\x9b"), "\xf0\\x80\\x82\\x9b");
+  EXPECT_EQ(visible("\xe0\xa4\x85\xf0\x90\x8d\x88"), "\xe0\xa4\x85\xf0\x90\x8d\x88");
+}
+
+TEST(Describe, NamesTheLineWhereOneIsKnown) {
+  EXPECT_EQ(describe({"Error: x", 3}), "line 3: Error: x");
+  EXPECT_EQ(describe({"Error: x", 0}), "Error: x");
+}
+
+}  // namespace

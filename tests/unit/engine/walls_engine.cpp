@@ -1,0 +1,150 @@
+// An engine whose script step makes a system call, so that each wall around the worker is tried
+// from inside. It stands in the place of the JavaScript engine in a worker that is otherwise the
+// real one.
+//
+// The script's text says what happens at load; "ready" loads. The host of a question says what
+// happens at the question. "survived" comes back from whatever did not end the process.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <thread>
+
+#include "engine/wire/descriptors.h"
+#include "engine/wire/protocol.h"
+#include "engine/worker/script_engine.h"
+
+namespace pac_worker {
+
+struct ScriptEngine::Impl {
+  PacEnvironment& environment;
+};
+
+namespace {
+
+constexpr std::size_t kTooMuchMemory = std::size_t{512} << 20U;
+
+void call(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 0, long f = 0) {
+  syscall(number, a, b, c, d, e, f);
+}
+
+long pointer(const void* address) {
+  return reinterpret_cast<long>(address);
+}
+
+#ifdef SYS_mmap
+constexpr long kMap = SYS_mmap;
+#else  // what 32-bit machines have instead
+constexpr long kMap = SYS_mmap2;
+#endif
+
+void sendRaw(std::string_view bytes) {
+  send(pac_engine::kWorkerSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+const std::map<std::string, std::function<void()>, std::less<>>& steps() {
+  static const std::map<std::string, std::function<void()>, std::less<>> all{
+      {"open", [] { call(SYS_openat, AT_FDCWD, pointer("/etc/passwd"), O_RDONLY); }},
+      {"socket", [] { call(SYS_socket, AF_INET, SOCK_STREAM); }},
+      {"fork", [] { call(SYS_clone, SIGCHLD); }},
+      {"vfork", [] { call(SYS_vfork); }},
+      {"exec",
+       [] {
+         const char* const none[] = {nullptr};
+         call(SYS_execve, pointer("/bin/true"), pointer(none), pointer(none));
+       }},
+      {"ptrace", [] { call(SYS_ptrace, PTRACE_ATTACH, getppid()); }},
+      {"kill_parent", [] { call(SYS_kill, getppid(), SIGKILL); }},
+      {"read",
+       [] {
+         char byte = 0;
+         call(SYS_read, pac_engine::kWorkerSocket, pointer(&byte), 1);
+       }},
+      {"write_stderr", [] { call(SYS_write, 2, pointer("x"), 1); }},
+      {"send_elsewhere", [] { call(SYS_sendto, 2, pointer("x"), 1, MSG_NOSIGNAL); }},
+      {"executable_memory",
+       [] { call(kMap, 0, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1); }},
+      {"mapped_file", [] { call(kMap, 0, 4096, PROT_READ, MAP_PRIVATE, 0); }},
+      {"setuid", [] { call(SYS_setuid, 0); }},
+      {"unshare", [] { call(SYS_unshare, 0); }},
+      {"crash", [] { raise(SIGSEGV); }},
+      {"null_write", [] { *static_cast<volatile int*>(nullptr) = 1; }},
+      {"exit", [] { _exit(7); }},
+      {"hang",
+       [] {
+         for (volatile bool on = true; on;) {
+         }
+       }},
+      {"garbage", [] { sendRaw("\x7fgarbage"); }},
+      {"too_long", [] { sendRaw(std::string(pac_engine::kMaxMessageBytes + 10, 'x')); }},
+      {"early_ready",
+       [] { sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Ready{}))); }},
+      {"nothing", [] { sendRaw(""); }},
+      {"late_refusal",
+       [] {
+         sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Refused{1, "no"})));
+       }},
+      {"first_answer",
+       [] {
+         sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{1, "PROXY a:1"})));
+       }},
+      {"wrong_serial",
+       [] {
+         sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{9999, "PROXY x:1"})));
+       }},
+      {"alert_flood",
+       [] {
+         const auto alert = pac_engine::encode(pac_engine::FromWorker(pac_engine::Alert{""}));
+         for (;;) send(pac_engine::kWorkerSocket, alert.data(), alert.size(), MSG_NOSIGNAL);
+       }},
+      {"questions_without_reading",
+       [] {
+         const auto question = pac_engine::encode(
+             pac_engine::FromWorker(pac_engine::OwnAddresses{AddressFamily::kAny}));
+         for (;;) send(pac_engine::kWorkerSocket, question.data(), question.size(), MSG_NOSIGNAL);
+       }},
+  };
+  return all;
+}
+
+std::string run(std::string_view step) {
+  if (step == "memory") {
+    // The one wall that refuses instead of killing.
+    void* const block =
+        mmap(nullptr, kTooMuchMemory, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return block == MAP_FAILED ? "refused" : "survived";
+  }
+  const auto found = steps().find(step);
+  if (found == steps().end()) return "unknown step";
+  found->second();
+  return "survived";
+}
+
+}  // namespace
+
+ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits&)
+    : mImpl(new Impl{environment}) {}
+ScriptEngine::~ScriptEngine() = default;
+
+std::optional<ScriptError> ScriptEngine::load(std::string_view bytes) {
+  if (bytes == "ready") return std::nullopt;
+  return ScriptError{run(bytes), 7};
+}
+
+Evaluation ScriptEngine::evaluate(std::string_view url, std::string_view host) {
+  if (host == "url") return {std::string(url), {}};
+  if (host == "nul") return {std::string("PROXY a:1\0;", 11), {}};
+  if (host == "long") return {std::string(pac_engine::kMaxResultBytes, 'x'), {}};
+  if (host == "error") return {std::nullopt, {"Error: a\nb", 3}};
+  if (host == "alert") mImpl->environment.alert("tab\there");
+  return {run(host), {}};
+}
+
+}  // namespace pac_worker

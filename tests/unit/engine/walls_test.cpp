@@ -1,0 +1,189 @@
+// Each wall around the worker, tried from inside by a worker whose engine makes the system call,
+// and what the kernel says of a live one.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "engine/pac_engine.h"
+#include "tests/support/log_capture.h"
+
+namespace {
+
+using namespace pac_engine;
+
+/// The two signals that the C library keeps for its threads; posix_spawn leaves them ignored.
+constexpr char kIgnored[] = "0000000180000000";
+
+/// A worker lets nobody but root look at its descriptors and its environment.
+constexpr char kOnlyRootLooks[] = "only root may look";
+
+std::unique_ptr<Engine> load(const std::string& script, Problem& problem, bool walls) {
+  Options options;
+  options.timeLimit = std::chrono::seconds(60);  // what is asked ends at once
+  if (walls) options.workerProgram = WALLS_WORKER;
+  return Engine::load(script, options, problem);
+}
+
+class Walls : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(Walls, EndTheWorkerAndNothingElse) {
+  Problem problem;
+  const auto engine = load("ready", problem, true);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  const auto pid = engine->workerPid();
+  EXPECT_EQ(engine->evaluate("http://h/", GetParam()).problem.message,
+            "the script worker ended without an answer");
+  EXPECT_TRUE(logged(LOG_WARNING, "pac_engine: worker " + std::to_string(pid) +
+                                      " ended without an answer (signal " + std::to_string(SIGSYS) +
+                                      ")"));
+  EXPECT_EQ(engine->evaluate("http://h/", "url").result, "http://h/");
+}
+
+TEST_P(Walls, StandBeforeTheScriptIsRead) {
+  Problem problem;
+  EXPECT_EQ(load(GetParam(), problem, true), nullptr);
+  EXPECT_EQ(problem.message, "the script worker ended without an answer");
+}
+
+INSTANTIATE_TEST_SUITE_P(Worker, Walls,
+                         ::testing::Values("open", "socket", "fork", "vfork", "exec", "ptrace",
+                                           "kill_parent", "read", "write_stderr", "send_elsewhere",
+                                           "executable_memory", "mapped_file", "setuid", "unshare"),
+                         [](const auto& test) { return test.param; });
+
+TEST(Worker, GetsNoMemoryBeyondItsShare) {
+  Problem problem;
+  const auto engine = load("ready", problem, true);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  EXPECT_EQ(engine->evaluate("http://h/", "memory").result, "refused");
+}
+
+class LiveWorker : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Problem problem;
+    mEngine = load("function FindProxyForURL() { return 'DIRECT'; }", problem, false);
+    ASSERT_NE(mEngine, nullptr) << problem.message;
+  }
+
+  std::string path(const std::string& name) const {
+    return "/proc/" + std::to_string(mEngine->workerPid()) + "/" + name;
+  }
+
+  /// The value of one line of /proc/PID/status, without blanks around it.
+  std::string status(const std::string& name) const {
+    std::ifstream file(path("status"));
+    for (std::string line; std::getline(file, line);) {
+      if (line.rfind(name + ":", 0) != 0) continue;
+      line.erase(0, name.size() + 1);
+      line.erase(0, line.find_first_not_of(" \t"));
+      return line.substr(0, line.find_last_not_of(" \t") + 1);
+    }
+    return "no such line";
+  }
+
+  std::unique_ptr<Engine> mEngine;
+};
+
+TEST_F(LiveWorker, IsFilteredAndGetsNoNewPrivileges) {
+  EXPECT_EQ(status("Seccomp"), "2");
+  EXPECT_EQ(status("NoNewPrivs"), "1");
+  EXPECT_EQ(status("Threads"), "1");
+}
+
+TEST_F(LiveWorker, IsNotRoot) {
+  for (const char* name : {"Uid", "Gid"}) {
+    std::istringstream ids(status(name));
+    for (unsigned id = 0; ids >> id;) EXPECT_NE(id, 0U) << name;
+  }
+  if (getuid() == 0) {
+    EXPECT_EQ(status("Groups"), "");
+  }
+}
+
+TEST_F(LiveWorker, HasNoCapability) {
+  for (const char* set : {"CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"}) {
+    EXPECT_EQ(status(set), "0000000000000000") << set;
+  }
+}
+
+TEST_F(LiveWorker, HasOneDescriptorBeyondTheStandardThree) {
+  if (getuid() != 0) GTEST_SKIP() << kOnlyRootLooks;
+  int beyond = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(path("fd"))) {
+    const auto number = std::stoi(entry.path().filename());
+    const auto target = std::filesystem::read_symlink(entry.path()).string();
+    if (number <= 2) {
+      EXPECT_EQ(target, "/dev/null") << number;
+    } else {
+      ++beyond;
+      EXPECT_EQ(target.rfind("socket:", 0), 0U) << target;
+    }
+  }
+  EXPECT_EQ(beyond, 1);
+}
+
+TEST_F(LiveWorker, HasTheLimitsOfTheSandbox) {
+  std::ifstream file(path("limits"));
+  const std::string limits{std::istreambuf_iterator<char>(file), {}};
+  for (const auto& [name, value] :
+       std::map<std::string, std::string>{{"Max address space", "268435456"},  // 256 MiB
+                                          {"Max file size", "0"},
+                                          {"Max core file size", "0"},
+                                          {"Max processes", "0"},
+                                          {"Max open files", "0"},
+                                          {"Max locked memory", "0"}}) {
+    EXPECT_THAT(limits, testing::ContainsRegex(name + " +" + value + " +" + value + " ")) << name;
+  }
+}
+
+TEST_F(LiveWorker, HasNoSignalBlockedOrIgnored) {
+  EXPECT_EQ(status("SigBlk"), "0000000000000000");
+  EXPECT_EQ(status("SigIgn"), kIgnored);
+  EXPECT_EQ(status("SigCgt"), "0000000000000000");
+}
+
+TEST(WorkerOfABusyProgram, InheritsNeitherSignalsNorDescriptors) {
+  if (getuid() != 0) GTEST_SKIP() << kOnlyRootLooks;
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, nullptr);
+  // Without FD_CLOEXEC, and where the worker's own would be.
+  ASSERT_GE(open("/dev/zero", O_RDONLY), 0);
+  ASSERT_EQ(dup2(1, 200), 200);
+  Problem problem;
+  const auto engine = load("function FindProxyForURL() { return 'DIRECT'; }", problem, false);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  const auto folder = "/proc/" + std::to_string(engine->workerPid());
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder + "/fd"), {}), 4);
+  std::ifstream file(folder + "/status");
+  const std::string status{std::istreambuf_iterator<char>(file), {}};
+  EXPECT_NE(status.find("SigBlk:\t0000000000000000"), std::string::npos);
+  EXPECT_NE(status.find(std::string("SigIgn:\t") + kIgnored), std::string::npos);
+}
+
+TEST_F(LiveWorker, HasAnEmptyNetworkWhereTheKernelGivesOne) {
+  if (getuid() != 0) GTEST_SKIP() << "only root is sure to get one";
+  std::error_code error;
+  EXPECT_NE(std::filesystem::read_symlink(path("ns/net"), error),
+            std::filesystem::read_symlink("/proc/self/ns/net"));
+}
+
+TEST_F(LiveWorker, HasAnEmptyEnvironment) {
+  if (getuid() != 0) GTEST_SKIP() << kOnlyRootLooks;
+  std::ifstream file(path("environ"));
+  ASSERT_TRUE(file.is_open());
+  EXPECT_EQ(file.peek(), std::ifstream::traits_type::eof());
+}
+
+}  // namespace

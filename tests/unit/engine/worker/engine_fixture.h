@@ -1,0 +1,49 @@
+// A script engine in a world of the test's, with shortcuts.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "engine/worker/script_engine.h"
+#include "tests/unit/engine/worker/fake_environment.h"
+
+namespace pac_worker {
+
+class EngineTest : public testing::Test {
+ protected:
+  /// The usual limits but for time: however slow the machine, it ends nothing that ends by itself.
+  static ScriptLimits patient() {
+    ScriptLimits limits;
+    limits.time = std::chrono::seconds(60);
+    return limits;
+  }
+  /// Loads the script into a fresh engine. @return the error's message, "" where it is loaded
+  std::string load(const std::string& script, const ScriptLimits& limits = patient()) {
+    mEngine = std::make_unique<ScriptEngine>(mWorld, limits);
+    const std::optional<ScriptError> error = mEngine->load(script);
+    mLine = error ? error->line : 0;
+    return error ? error->message : "";
+  }
+  /// @return the answer, or "!" and the error's message
+  std::string ask(std::string_view url = "http://example.com/",
+                  std::string_view host = "example.com") {
+    const Evaluation evaluation = mEngine->evaluate(url, host);
+    mLine = evaluation.error.line;
+    return evaluation.result ? *evaluation.result : "!" + evaluation.error.message;
+  }
+  /// The value of an expression, as String() shows it, or "!" and the error's message.
+  std::string value(const std::string& expression, const ScriptLimits& limits = patient()) {
+    const std::string refused =
+        load("function FindProxyForURL(url, host) { return String(" + expression + ") }", limits);
+    return refused.empty() ? ask() : "refused: " + refused;
+  }
+
+  FakeEnvironment mWorld;
+  std::unique_ptr<ScriptEngine> mEngine;
+  std::uint32_t mLine = 0;  ///< of the last error
+};
+
+}  // namespace pac_worker

@@ -1,0 +1,60 @@
+// A world that a test can set: clock, zone, names, addresses, and the alerts that came.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "engine/worker/pac_environment.h"
+
+namespace pac_worker {
+
+class FakeEnvironment : public PacEnvironment {
+ public:
+  std::map<std::string, std::vector<std::string>, std::less<>> names4;
+  std::map<std::string, std::vector<std::string>, std::less<>> namesAny;
+  std::vector<std::string> own4;
+  std::vector<std::string> ownAny;
+  std::int64_t clock = 0;
+  std::int64_t zoneSeconds = 0;  ///< east of Greenwich
+  std::function<void()> onResolve = [] {};
+  std::vector<std::string> asked;
+  std::vector<std::string> alerts;
+
+  std::vector<std::string> resolve(std::string_view name, AddressFamily family) override {
+    asked.emplace_back(name);
+    onResolve();
+    const auto& names = family == AddressFamily::kIpv4 ? names4 : namesAny;
+    const auto found = names.find(name);
+    return found == names.end() ? std::vector<std::string>() : found->second;
+  }
+  std::vector<std::string> ownAddresses(AddressFamily family) override {
+    return family == AddressFamily::kIpv4 ? own4 : ownAny;
+  }
+  std::int64_t now() override { return clock; }
+  std::tm brokenDown(std::int64_t when, bool gmt) override {
+    const auto shown = static_cast<std::time_t>(when + (gmt ? 0 : zoneSeconds));
+    std::tm parts{};
+    gmtime_r(&shown, &parts);
+    return parts;
+  }
+  void alert(std::string_view text) override { alerts.emplace_back(text); }
+
+  /// Sets the clock so that it is this time in the device's zone.
+  void setLocal(int year, int month, int day, int hour = 12, int minute = 0, int second = 0) {
+    std::tm parts{};
+    parts.tm_year = year - 1900;
+    parts.tm_mon = month - 1;
+    parts.tm_mday = day;
+    parts.tm_hour = hour;
+    parts.tm_min = minute;
+    parts.tm_sec = second;
+    clock = timegm(&parts) - zoneSeconds;
+  }
+};
+
+}  // namespace pac_worker
