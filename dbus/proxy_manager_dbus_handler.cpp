@@ -5,7 +5,7 @@
 #include <exception>
 
 #include "base/log_line.h"
-#include "service/proxy_manager_service_impl.h"
+#include "dbus/service_callbacks.h"
 
 namespace {
 
@@ -69,7 +69,8 @@ std::vector<std::string> ProxyManagerDbusHandler::getProxyurl(const std::string&
       "getProxyurl",
       [&] {
         const Lock lock(mServiceMutex);
-        return mService == nullptr ? urlsWithoutService() : mService->getProxyUrl(requestUrl);
+        return mService == nullptr ? urlsWithoutService()
+                                   : service_callbacks::getProxyUrl(*mService, requestUrl);
       },
       urlsWithoutService);
 }
@@ -80,7 +81,8 @@ com::zentu::ProxyConfigTexts ProxyManagerDbusHandler::getProxyconfig() {
       "getProxyconfig",
       [&] {
         const Lock lock(mServiceMutex);
-        return mService == nullptr ? configWithoutService() : mService->getProxyConfig();
+        return mService == nullptr ? configWithoutService()
+                                   : service_callbacks::getProxyConfig(*mService);
       },
       configWithoutService);
 }
@@ -94,8 +96,8 @@ std::int32_t ProxyManagerDbusHandler::updateProxyconfig(
       [&] {
         const Lock lock(mServiceMutex);
         if (mService == nullptr) return kUpdatedNothing;
-        const std::int32_t result =
-            mService->updateProxyConfig(mode, proxyurl, pacurl, enableauth, userName, password);
+        const std::int32_t result = service_callbacks::updateProxyConfig(
+            *mService, mode, proxyurl, pacurl, enableauth, userName, password);
         notifyProxyConfigupdated(mode, proxyurl, userName, password);
         return result;
       },

@@ -18,7 +18,7 @@
 #include <string_view>
 #include <vector>
 
-#include "engine/host/name_lookup.h"
+#include "engine/name_source.h"
 
 namespace pac_engine {
 

@@ -7,7 +7,7 @@
 #include "base/log_line.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
-#include "fetcher/service_calls.h"
+#include "fetcher/service_callbacks.h"
 #include "platform/netservice/dhcp_info.h"
 
 using fetcher::kLogClass;
@@ -78,6 +78,6 @@ PACFetcher::Attempt PACFetcher::install(const std::string& url) const {
     return attempt;
   }
   logLine(LOG_NOTICE, "%s%s PAC file download success url:%s", kLogClass, kFunction, url.c_str());
-  fetcher::pacFileUpdated(*mService);
+  service_callbacks::notifyFileUpdated(mService);
   return Attempt::installed;
 }

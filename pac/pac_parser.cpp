@@ -5,7 +5,7 @@
 
 #include "base/log_line.h"
 #include "domain/url_host.h"
-#include "pac/service_notice.h"
+#include "pac/service_callbacks.h"
 #include "platform/process/thread_name.h"
 #include "service/records/held_settings.h"
 

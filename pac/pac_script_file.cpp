@@ -11,7 +11,7 @@
 
 #include "base/log_line.h"
 #include "pac/pac_parser.h"
-#include "pac/service_notice.h"
+#include "pac/service_callbacks.h"
 
 namespace {
 
@@ -161,7 +161,7 @@ void PacParser::compareDigest(const ReadBuffer& content) {
   mPacHash.reset(heapCopy(text));
   logLine(LOG_NOTICE, "%s%s content of pac file has been updated, notify", kPrefix, "readPacFile");
   clearProxyUrlCache();
-  noticeContentUpdated(mServiceImpl);
+  service_callbacks::notifyContentUpdated(mServiceImpl);
 }
 
 bool PacParser::doMd5Hash(unsigned char* digest, const void* data, std::size_t length) {

@@ -13,21 +13,12 @@
 
 #include "engine/host/dns_query.h"
 #include "engine/host/lookup_cache.h"
+#include "engine/name_source.h"
 
 namespace pac_engine {
 
 inline constexpr std::size_t kNamesPerEvaluation = 20;
 inline constexpr std::chrono::seconds kLookupLimit{2};
-
-/// Addresses of names that are given instead of being looked up.
-using StaticNames = std::map<std::string, std::vector<std::string>>;
-
-/// Where addresses of names come from.
-struct NameSource {
-  bool offline = false;                    ///< no name has an address
-  std::optional<StaticNames> staticNames;  ///< if set, no other name has one
-  std::string nameServers;                 ///< as DnsResolver's
-};
 
 /// Not for use by two threads.
 class NameLookup {

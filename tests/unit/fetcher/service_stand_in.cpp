@@ -6,7 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "fetcher/service_calls.h"
+#include "fetcher/service_callbacks.h"
 
 namespace {
 
@@ -30,8 +30,8 @@ ProxyManagerServiceImpl* standInService() {
   return reinterpret_cast<ProxyManagerServiceImpl*>(&place);
 }
 
-void fetcher::pacFileUpdated(ProxyManagerServiceImpl& service) {
-  EXPECT_EQ(&service, standInService());
+void service_callbacks::notifyFileUpdated(ProxyManagerServiceImpl* service) {
+  EXPECT_EQ(service, standInService());
   std::function<void()> hook;
   {
     auto& all = calls();

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <utility>
 
-#include "pac/service_notice.h"
+#include "pac/service_callbacks.h"
 
 namespace {
 std::atomic<int> notices{0};
@@ -17,7 +17,7 @@ void onContentNotice(std::function<void()> function) {
   listener = std::move(function);
 }
 
-void noticeContentUpdated(ProxyManagerServiceImpl*) {
+void service_callbacks::notifyContentUpdated(ProxyManagerServiceImpl*) {
   ++notices;
   if (listener) listener();
 }

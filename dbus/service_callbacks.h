@@ -1,0 +1,25 @@
+// What the bus object calls in the service. service/callbacks.cpp implements it; tests put their
+// own in its place.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "dbus/proxy_manager_service_interface.h"
+
+class ProxyManagerServiceImpl;
+
+/// Each function does what the member of the service with its name does. Called on the bus thread,
+/// with the handler's mutex held. The service's exceptions pass through.
+namespace service_callbacks {
+
+std::vector<std::string> getProxyUrl(ProxyManagerServiceImpl& service,
+                                     const std::string& requestUrl);
+com::zentu::ProxyConfigTexts getProxyConfig(ProxyManagerServiceImpl& service);
+std::int32_t updateProxyConfig(ProxyManagerServiceImpl& service, const std::string& mode,
+                               const std::string& proxyurl, const std::string& pacurl,
+                               bool enableauth, const std::string& userName,
+                               const std::string& password);
+
+}  // namespace service_callbacks

@@ -1,0 +1,13 @@
+// What the fetcher calls in the service. service/callbacks.cpp implements it; tests put their own in
+// its place.
+#pragma once
+
+class ProxyManagerServiceImpl;
+
+namespace service_callbacks {
+
+/// A new script file is in place. Does nothing if `service` is null. Called on the fetcher thread
+/// with the fetcher's mutex held; must not call the fetcher.
+void notifyFileUpdated(ProxyManagerServiceImpl* service);
+
+}  // namespace service_callbacks

@@ -1,0 +1,13 @@
+// What the parser calls in the service. service/callbacks.cpp implements it; tests put their own in
+// its place.
+#pragma once
+
+class ProxyManagerServiceImpl;
+
+namespace service_callbacks {
+
+/// The content of the script has changed. Does nothing if `service` is null. Called on the thread
+/// that installs the script (the fetcher's), with no lock of the parser but the gate's held.
+void notifyContentUpdated(ProxyManagerServiceImpl* service);
+
+}  // namespace service_callbacks
