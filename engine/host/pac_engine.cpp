@@ -7,6 +7,7 @@
 
 #include "base/log_line.h"
 #include "engine/host/file_change.h"
+#include "engine/host/name_lookup.h"
 #include "engine/host/own_address.h"
 #include "engine/host/request_url.h"
 #include "engine/host/worker_process.h"
