@@ -1,6 +1,6 @@
 #include "service/proxy_manager_service_impl.h"
 
-#include <ctime>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -16,7 +16,7 @@ constexpr const char* kBusName = "com.zentu.ProxyManagerService";
 constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
 constexpr const char* kPacFileName = "/tmp/proxymanager.pac";
 constexpr int kFetchIntervalSeconds = 1800;
-constexpr time_t kAnnouncementPauseSeconds = 2;
+constexpr std::chrono::seconds kAnnouncementPause{2};
 constexpr std::int32_t kServiceRuns = 1;
 
 void logCalled(const char* function) {
@@ -98,7 +98,7 @@ void ProxyManagerServiceImpl::stop() {
   mPacFetcher.reset();
   mPacParser.reset();
   if (mStartupEventThread) {
-    mStartupEventDone = true;
+    endAnnouncements();
     mStartupEventThread->join();
     mStartupEventThread.reset();
   }
@@ -124,7 +124,7 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
     const bool& enableauth, const std::string& userName, const std::string& password) {
   logLine(LOG_NOTICE, "%s%s mode:%s, proxyurl:%s pacurl:%s", kPrefix, "updateProxyConfig",
           mode.c_str(), proxyurl.c_str(), pacUrl.c_str());
-  mStartupEventDone = true;
+  endAnnouncements();
   const Lock lock(mConfigMutex);
   const ProxyMode previous = mConfig->mode;
   cleanupProxyConfig(mConfig.get());
@@ -202,7 +202,21 @@ void ProxyManagerServiceImpl::startupEventThreadFunc() {
     mBusHelper->run([this] {
       if (!mStartupEventDone) mDbusHandler.ProxyMgrStateEvent(kServiceRuns);
     });
-    const timespec pause{kAnnouncementPauseSeconds, 0};
-    nanosleep(&pause, nullptr);
+    waitForNextAnnouncement();
   }
+}
+
+void ProxyManagerServiceImpl::waitForNextAnnouncement() {
+  Lock lock(mAnnounceMutex);
+  mAnnounceCond.wait_for(lock.native(), kAnnouncementPause,
+                         [this] { return mStartupEventDone.load(); });
+}
+
+// Through the wait's mutex: the thread is either before its look at the flag, or waiting.
+void ProxyManagerServiceImpl::endAnnouncements() {
+  {
+    const Lock lock(mAnnounceMutex);
+    mStartupEventDone = true;
+  }
+  mAnnounceCond.notify_one();
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -74,6 +75,8 @@ class ProxyManagerServiceImpl : public SlService {
   void startParser();
   void appendScriptAnswer(const std::string& requestUrl, std::vector<std::string>& urls);
   void emitClearcache();
+  void endAnnouncements() PM_EXCLUDES(mAnnounceMutex);
+  void waitForNextAnnouncement() PM_EXCLUDES(mAnnounceMutex);
 
   std::shared_ptr<DBus::BusHelper> mBusHelper;
   ProxyManagerDbusHandler mDbusHandler;
@@ -82,6 +85,8 @@ class ProxyManagerServiceImpl : public SlService {
   std::string mPacFileName;
   Mutex mConfigMutex;
   ProxyConfigOwner mConfig PM_GUARDED_BY(mConfigMutex);
+  Mutex mAnnounceMutex;  // the wait between two announcements; nothing is taken under it
+  std::condition_variable mAnnounceCond;
   std::atomic<bool> mStartupEventDone{false};
   std::shared_ptr<std::thread> mStartupEventThread;
 };
