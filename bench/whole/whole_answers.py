@@ -18,7 +18,7 @@ import sys
 import time
 
 TREE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
-sys.path.insert(0, os.path.join(TREE, "tests/integration"))
+sys.path.insert(0, os.path.join(TREE, "tests"))
 
 from support.bus import ADDRESS, NAME, Bus, Client, wait_until  # noqa: E402
 from support.daemon import Daemon  # noqa: E402

@@ -7,9 +7,8 @@ import threading
 import time
 
 import pytest
-from conftest import make_watched_files
 from support.bus import LIMIT, Bus, Client, Signals
-from support.daemon import Daemon, wait_until_none_runs
+from support.daemon import Daemon, make_watched_files, wait_until_none_runs
 from support.syslog_socket import ERR, INFO
 from support.web import script
 

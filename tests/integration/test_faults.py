@@ -6,9 +6,8 @@ import resource
 import threading
 
 import pytest
-from conftest import make_watched_files
 from support.bus import Client, wait_until
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
 from support.own_root import MS_BIND, mount
 from support.syslog_socket import DEBUG, ERR, INFO, NOTICE, WARNING, Syslog
 from support.wall_clock import FORWARD, TO_1970, WallClock

@@ -3,9 +3,8 @@
 import os
 import stat
 
-from conftest import make_watched_files
 from support.bus import Client, wait_until
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
 from support.own_root import MS_BIND, mount
 from support.syslog_socket import INFO
 from support.web import Held, script

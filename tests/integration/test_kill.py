@@ -6,9 +6,8 @@ import random
 import time
 
 import pytest
-from conftest import make_watched_files
 from support.bus import BusError, Client, wait_until
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
 from support.syslog_socket import INFO
 from support.web import response
 

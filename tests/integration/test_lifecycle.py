@@ -6,9 +6,8 @@ import subprocess
 import time
 
 import pytest
-from conftest import make_watched_files, trace
 from support.bus import LIMIT, NAME, Client, shortest, wait_until
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files, trace
 from support.syslog_socket import DEBUG, ERR, INFO, NOTICE
 from support.threads import thread_names, thread_statuses
 

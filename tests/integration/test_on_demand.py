@@ -4,9 +4,8 @@ import os
 
 import pytest
 
-from conftest import make_watched_files
 from support.bus import Client
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
 from support.own_root import MS_BIND, mount, unmount
 from support.syslog_socket import ERR, INFO
 from support.web import script

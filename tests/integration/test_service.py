@@ -2,9 +2,8 @@
 
 import time
 
-from conftest import make_watched_files
 from support.bus import LIMIT, Client, Signals
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
 from support.syslog_socket import ERR, INFO, NOTICE
 
 UPDATE = "ProxyManagerServiceImpl-updateProxyConfig"

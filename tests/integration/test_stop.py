@@ -4,9 +4,8 @@ import itertools
 import threading
 
 import pytest
-from conftest import make_watched_files
 from support.bus import LIMIT, BusError, Client
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
 from support.syslog_socket import INFO
 from support.web import Held, script
 

@@ -3,9 +3,8 @@
 import os
 import re
 
-from conftest import make_watched_files
 from support.bus import wait_until
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
 from support.syslog_socket import ERR, INFO
 from support.watched import append_and_settle
 

@@ -1,44 +1,23 @@
-"""Fixtures: a device and a gateway, each in a network of its own with one cable between them.
-
-What the tests of the daemon as a process have is here too: own root, syslog, bus, daemon.
-"""
+"""Fixtures: a device and a gateway, each in a network of its own with one cable between them."""
 
 import glob
-import importlib.util
 import os
 import subprocess
 import sys
 
 import pytest
 
-_HERE = os.path.dirname(os.path.abspath(__file__))
-_INTEGRATION = os.path.join(_HERE, "..", "integration")
-sys.path[:0] = [_HERE, _INTEGRATION]
-_spec = importlib.util.spec_from_file_location("integration_fixtures",
-                                               os.path.join(_INTEGRATION, "conftest.py"))
-_fixtures = importlib.util.module_from_spec(_spec)
-_spec.loader.exec_module(_fixtures)
-# Fixtures count where they are names of this file.
-build, sanitizer, root = _fixtures.build, _fixtures.sanitizer, _fixtures.root
-syslog, bus, daemon = _fixtures.syslog, _fixtures.bus, _fixtures.daemon
-client, signals = _fixtures.client, _fixtures.signals
-
-from gateway import Gateway  # noqa: E402
-from lan import device_network  # noqa: E402
-from support.own_root import mount_empty  # noqa: E402
+from gateway import Gateway
+from lan import device_network
+from support.own_root import mount_empty
+from support.skipping import refuse_or_skip
 
 # Servers and DHCP clients stand where an ordinary user's PATH does not lead.
 os.environ["PATH"] += ":/usr/local/sbin:/usr/sbin:/sbin"
-SKIPPED = 77  # CTest's number for a test that could not be made
 
 
 def pytest_addoption(parser):
-    _fixtures.pytest_addoption(parser)
     parser.addoption("--libexec", required=True, help="where the hooks look for their program")
-
-
-def pytest_configure(config):
-    config.addinivalue_line("markers", "slow: takes longer than a sanitizer run has patience for")
 
 
 def pytest_sessionstart(session):
@@ -52,11 +31,9 @@ def pytest_sessionstart(session):
     except OSError as error:
         trouble = str(error)
     if trouble:
-        # Where everything is to be tested, a test that is not made has failed.
-        required = os.environ.get("CI", "") not in ("", "0", "false")
-        pytest.exit("these tests make mount and network namespaces with a pair of virtual "
-                    f"interfaces, which this machine does not allow: {trouble}",
-                    returncode=1 if required else SKIPPED)
+        trouble = ("these tests make mount and network namespaces with a pair of virtual "
+                   f"interfaces, which this machine does not allow: {trouble}")
+    refuse_or_skip(trouble)
 
 
 @pytest.fixture

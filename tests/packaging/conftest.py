@@ -1,17 +1,12 @@
+"""Fixtures: a clean system that runs, with the packages that are tested."""
+
 import glob
 import os
-import pathlib
-import sys
 
 import pytest
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "integration"))
-
-from machine import Machine  # noqa: E402
-
-
-SKIPPED = 77  # CTest's number for a test that could not be made
+from machine import Machine
+from support.skipping import refuse_or_skip
 
 
 def what_this_machine_lacks():
@@ -27,12 +22,12 @@ def pytest_addoption(parser):
 
 
 def pytest_sessionstart(session):
-    """Says why where this machine does not let a system be booted."""
-    lacking = what_this_machine_lacks()
-    if lacking:
-        # Where everything is to be tested, a test that is not made has failed.
-        required = os.environ.get("CI", "") not in ("", "0", "false")
-        pytest.exit(lacking, returncode=1 if required else SKIPPED)
+    refuse_or_skip(what_this_machine_lacks())
+
+
+@pytest.fixture
+def root():
+    """The machine's own: these tests boot a system of their own."""
 
 
 @pytest.fixture(scope="session")

@@ -21,7 +21,7 @@ import threading
 import time
 
 _HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path[:0] = [os.path.join(_HERE, "..", folder) for folder in ("integration", "network")]
+sys.path[:0] = [os.path.join(_HERE, ".."), os.path.join(_HERE, "../network")]
 
 import measure  # noqa: E402
 from lan import device_network  # noqa: E402

@@ -19,10 +19,9 @@ import time
 import measure
 import pytest
 from abuser import CONNECTIONS, Abuse, Abuser, call
-from conftest import make_watched_files, trace
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
 from support.bus import ADDRESS, Bus, BusError, Client, wait_until
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files, trace
 from support.deaf_bus import DeafBus
 from support.web import Web, script
 

@@ -18,7 +18,7 @@ function(proxymanager_python_tests label)
       endif()
       string(REGEX REPLACE "^def test_([A-Za-z0-9_]+).*" "\\1" name "${line}")
       set(test "${label}.${group}.${name}")
-      add_test(NAME "${test}" COMMAND "${PROXYMANAGER_PYTHON}" -m pytest -q -p no:cacheprovider
+      add_test(NAME "${test}" COMMAND "${PROXYMANAGER_PYTHON}" -m pytest
         "--build=${CMAKE_BINARY_DIR}" "--sanitizer=${PROXYMANAGER_SANITIZER}" ${ARGN}
         "${file}::test_${name}")
       set_tests_properties("${test}" PROPERTIES TIMEOUT 900 LABELS "${labels}"

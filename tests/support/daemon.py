@@ -1,4 +1,4 @@
-"""The built daemon as a process."""
+"""The built daemon as a process, and the files that it finds at its start."""
 
 import fcntl
 import os
@@ -11,6 +11,18 @@ from .threads import of_threads
 START_LIMIT = 60.0  # a sanitizer build on a busy machine
 # A download in flight is waited for.
 STOP_LIMIT = 60.0
+
+
+def trace(text):
+    """Writes the trace file, so that lines of LOG_DEBUG are logged from the start."""
+    os.makedirs("/etc/proxymanagerd", exist_ok=True)
+    with open("/etc/proxymanagerd/trace.conf", "w") as file:
+        file.write(text)
+
+
+def make_watched_files():
+    for path in ("/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"):
+        open(path, "w").close()
 
 
 class Daemon:

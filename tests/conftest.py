@@ -1,28 +1,25 @@
-"""Fixtures: each test has its own root, syslog socket, message bus and daemon."""
+"""Fixtures of every Python test: its own root, syslog socket, message bus and daemon.
+
+A folder's own conftest.py adds what only that folder has.
+"""
 
 import os
-import sys
 
 import pytest
 
-sys.path.insert(0, os.path.dirname(__file__))
-
-from support.bus import Bus, Client, Signals  # noqa: E402
-from support.daemon import Daemon  # noqa: E402
-from support import own_network as network  # noqa: E402
-from support.own_root import own_root  # noqa: E402
-from support.real_proxies import RealProxies  # noqa: E402
-from support.syslog_socket import Syslog  # noqa: E402
-from support.web import Web  # noqa: E402
+from support import own_network as network
+from support.bus import ADDRESS, Bus, Client, Signals
+from support.ctl import Ctl
+from support.daemon import Daemon, make_watched_files, trace
+from support.own_root import own_root
+from support.real_proxies import RealProxies
+from support.syslog_socket import Syslog
+from support.web import Web
 
 
 def pytest_addoption(parser):
     parser.addoption("--build", required=True, help="the build folder")
-    parser.addoption("--sanitizer", default="", help="address or thread where the build has one")
-
-
-def pytest_configure(config):
-    config.addinivalue_line("markers", "slow: left out under sanitizers")
+    parser.addoption("--sanitizer", default="", help="address or thread if the build has one")
 
 
 @pytest.fixture(scope="session")
@@ -37,7 +34,7 @@ def sanitizer(request):
 
 @pytest.fixture(autouse=True)
 def root(build):
-    tree = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
+    tree = os.path.abspath(os.path.join(os.path.dirname(__file__), ".."))
     with own_root(tree, build):
         yield
 
@@ -46,13 +43,6 @@ def root(build):
 def own_network(root):
     with network.own_network():
         yield
-
-
-def trace(text):
-    """Writes the trace file, so that lines of LOG_DEBUG are said from the start."""
-    os.makedirs("/etc/proxymanagerd", exist_ok=True)
-    with open("/etc/proxymanagerd/trace.conf", "w") as file:
-        file.write(text)
 
 
 @pytest.fixture
@@ -68,11 +58,6 @@ def bus(root):
     bus = Bus()
     yield bus
     bus.close()
-
-
-def make_watched_files():
-    for path in ("/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"):
-        open(path, "w").close()
 
 
 @pytest.fixture
@@ -94,6 +79,12 @@ def signals(bus):
     signals = Signals()
     yield signals
     signals.close()
+
+
+@pytest.fixture
+def ctl(build, root):
+    """proxymanagerctl on this test's bus."""
+    return Ctl(os.path.join(build, "out", "bin", "proxymanagerctl"), ADDRESS)
 
 
 @pytest.fixture
