@@ -4,7 +4,6 @@ For each: an answer, possibly none, within six seconds; the next question, of a 
 treats well, is answered rightly; the daemon's own memory does not grow; one worker at most is left.
 """
 
-import os
 
 import pytest
 from support.bus import LIMIT, shortest, wait_until

@@ -2,7 +2,6 @@
 
 import os
 import signal
-import subprocess
 import time
 
 import pytest

@@ -6,7 +6,6 @@ It is built by the check that another project can add this tree.
 import os
 
 import pytest
-from support.bus import Client
 from support.daemon import Daemon, make_watched_files
 from support.syslog_socket import INFO, NOTICE
 from support.web import script

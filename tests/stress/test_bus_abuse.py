@@ -20,7 +20,7 @@ import measure
 import pytest
 from abuser import CONNECTIONS, Abuse, Abuser, call
 from jeepney import DBusAddress, HeaderFields, MessageType, new_method_call
-from support.bus import ADDRESS, Bus, BusError, Client, wait_until
+from support.bus import Bus, Client, wait_until
 from support.daemon import Daemon, make_watched_files, trace
 from support.deaf_bus import DeafBus
 from support.web import Web, script

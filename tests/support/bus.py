@@ -1,6 +1,5 @@
 """A private message bus, and clients of the daemon on it."""
 
-import collections
 import subprocess
 import threading
 import time

@@ -8,10 +8,23 @@ import select
 import subprocess
 import time
 
+from .bus import wait_until
+from .web import script
+
 LIMIT = 60  # seconds for any run; a script has 5 to load and 5 for each URL
 ANSWERED, NO_ANSWER, REFUSED = 0, 1, 2
 USAGE, BAD_DATA, NO_INPUT, UNAVAILABLE, OUTPUT, TRY_AGAIN, PROTOCOL, DENIED = (
     64, 65, 66, 69, 74, 75, 76, 77)
+START_IT = 'start it, for instance with "systemctl start proxymanagerd"'
+NOT_ALLOWED = "root may, and so may members of the group proxymanager"
+MAX_URL = 65535  # bytes
+# What each command is given where it does not matter what.
+COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
+            "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
+            "status": [], "watch": []}
+# What exec and get --format env set for other programs.
+VARIABLES = ["ALL_PROXY", "HTTPS_PROXY", "HTTP_PROXY", "NO_PROXY", "all_proxy", "http_proxy",
+             "https_proxy", "no_proxy"]
 
 
 class Result:
@@ -137,3 +150,32 @@ class Terminal:
         _, status = os.waitpid(self.pid, 0)
         os.close(self.fd)
         return os.waitstatus_to_exitcode(status), rest
+
+
+def said(result):
+    """The status, and the one line that was complained of."""
+    assert result.output == "" and result.errors.count("\n") == 1, result.errors
+    return result.status, result.errors.removeprefix("proxymanagerctl: ").rstrip("\n")
+
+
+def rows(output):
+    """The table's values by their names; None for the title."""
+    lines = output.splitlines()
+    return {None: lines[0], **{line[2:].split("  ")[0]: line[2:].split("  ", 1)[1].strip()
+                               for line in lines[1:]}}
+
+
+def answering(client, web, answer, **options):
+    """Makes the daemon answer by a script that gives `answer` for all."""
+    web.routes["/p.pac"] = script(answer)
+    client.update("pacurl", pacurl=web.url("/p.pac"), **options)
+    wait_until(lambda: len(client.urls("http://ready.example/")) > 1, "the script answers")
+
+
+def commands(*left_out):
+    return [(name, arguments) for name, arguments in COMMANDS.items() if name not in left_out]
+
+
+def sleeps(pid):
+    with open(f"/proc/{pid}/stat") as stat:
+        return stat.read().rpartition(")")[2].split()[0] == "S"

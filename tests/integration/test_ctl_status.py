@@ -1,0 +1,118 @@
+"""proxymanagerctl status."""
+
+import hashlib
+import os
+import re
+
+from support.bus import ADDRESS, Client, wait_until
+from support.ctl import ANSWERED, LIMIT, START_IT, UNAVAILABLE, answering, rows
+from support.daemon import Daemon
+
+PAC_FILE = "/tmp/proxymanager.pac"
+
+
+def test_status_of_a_daemon_that_waits_for_its_first_configuration(ctl, daemon):
+    # An announcement may be late on a busy machine.
+    wait_until(lambda: "no, it waits" in ctl("status").output, "the announcement is heard")
+    wait_until(lambda: ctl("status", "--json").json["waiting"], "the announcement is heard")
+    result = ctl("status")
+    assert (result.status, result.errors) == (ANSWERED, "")
+    table = rows(result.output)
+    assert table.pop("configured") in ("yes", "no, it waits for its first configuration")
+    assert table == {
+        None: "proxymanagerd", "running": f"yes, process {daemon.pid}, user root", "answers": "yes",
+        "mode": "off", "proxy URL": "(not set)", "PAC URL": "(not set)", "user": "(not set)",
+        "password": "(not set)", "PAC file": "none"}
+    pacfile = {"path": PAC_FILE, "exists": False, "bytes": None, "fetched": None, "age": None,
+               "sha256": None}
+    with Client() as client:
+        client.update("off")
+    assert ctl("status", "--json").json == {
+        "running": True, "process": daemon.pid, "user": "root", "answers": True, "waiting": False,
+        "mode": "off", "proxyurl": None, "pacurl": None, "userName": None, "password": None,
+        "pacfile": pacfile, "unknown": {}}
+
+
+def test_status_has_the_pac_files_age_and_digest(ctl, client, web):
+    answering(client, web, "DIRECT", auth=True, user="u", password="secret")
+    before = os.stat(PAC_FILE).st_mtime - 7300
+    os.utime(PAC_FILE, (before, before))
+    with open(PAC_FILE, "rb") as file:
+        content = file.read()
+    table = rows(ctl("status", environment={"TZ": "UTC"}).output)
+    assert table["mode"] == "pacurl" and table["configured"] == "yes"
+    assert table["PAC URL"] == web.url("/p.pac")
+    assert (table["user"], table["password"]) == ("u", "***")
+    assert table["PAC file"] == PAC_FILE
+    assert table["size"] == f"{len(content)} bytes"
+    assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\+00:00, 2 h ago", table["fetched"])
+    assert table["SHA-256"] == hashlib.sha256(content).hexdigest()
+    found = ctl("status", "--json", "--show-password").json
+    assert found["password"] == "secret" and found["waiting"] is False
+    assert found["pacfile"]["sha256"] == table["SHA-256"]
+    assert 7300 <= found["pacfile"]["age"] < 7300 + LIMIT and found["pacfile"]["exists"] is True
+    # A mode that has no script does not use it.
+    client.update("manual", "http://u:geheim@p:1")
+    table = rows(ctl("status").output)
+    assert table["proxy URL"] == "http://u:***@p:1"
+    assert table["PAC file"] == f"{PAC_FILE} (left from before: mode manual does not use it)"
+
+
+def test_status_says_what_is_wrong_with_the_pac_file(ctl, bus):
+    def told(how):
+        if os.path.lexists(PAC_FILE):
+            os.remove(PAC_FILE)
+        how()
+        return rows(ctl("status").output)["PAC file"].removeprefix(PAC_FILE)
+
+    def of_bytes(count):
+        with open(PAC_FILE, "wb") as file:
+            file.write(b"/" * count)
+
+    assert told(lambda: os.symlink("/etc/passwd", PAC_FILE)) == \
+        ": it is a link, which the daemon does not follow"
+    assert told(lambda: os.mkfifo(PAC_FILE)) == ": it is no regular file"
+    assert told(lambda: of_bytes(512001)) == \
+        ": it is longer than 512,000 bytes, the most that the daemon takes"
+    assert ctl("status", "--json").json["unknown"]["pacfile"].startswith("it is longer")
+    assert told(lambda: of_bytes(512000)) == ""
+
+
+def test_status_says_whose_pac_file_the_daemon_does_not_read(ctl, build, syslog, bus):
+    def told():
+        return rows(ctl("status").output)["PAC file"]
+
+    with open(PAC_FILE, "w") as file:
+        file.write("x")
+    os.chown(PAC_FILE, 65534, 65534)
+    # It may run as that very user.
+    assert told() == PAC_FILE
+    daemon = Daemon(build)
+    try:
+        with open(PAC_FILE, "w") as file:
+            file.write("x")
+        os.chown(PAC_FILE, 65534, 65534)
+        assert told() == f"{PAC_FILE} (it belongs to nobody, so the daemon does not read it)"
+        os.chown(PAC_FILE, 0, 0)
+        assert "it belongs" not in told()
+    finally:
+        daemon.close()
+
+
+def test_status_tells_the_rest_where_the_daemon_does_not_run(ctl, bus):
+    with open(PAC_FILE, "w") as file:
+        file.write("x")
+    result = ctl("status")
+    assert (result.status, result.errors) == (UNAVAILABLE, "")
+    table = rows(result.output)
+    assert table["running"] == f"no; {START_IT}"
+    assert table["SHA-256"] == hashlib.sha256(b"x").hexdigest()
+    found = ctl("status", "--json")
+    assert found.status == UNAVAILABLE and found.json["running"] is False
+    assert found.json["unknown"]["mode"] == "the daemon does not run"
+    bus.kill()
+    result = ctl("status")
+    assert (result.status, result.errors) == (UNAVAILABLE, "")
+    assert rows(result.output)["running"].startswith(f"unknown: there is no message bus at {ADDRESS}")
+    found = ctl("status", "--json").json
+    assert found["running"] is None and found["unknown"]["running"].startswith("there is no message")
