@@ -1,5 +1,5 @@
-// What the fetcher calls in the service. service/callbacks.cpp implements it; tests put their own in
-// its place.
+// What the fetcher calls in the service. service/callbacks.cpp implements it; tests put their own
+// in its place.
 #pragma once
 
 class ProxyManagerServiceImpl;
