@@ -6,10 +6,10 @@
 #include <utility>
 
 #include "base/log_line.h"
+#include "domain/canonical_url.h"
 #include "engine/host/file_change.h"
 #include "engine/host/name_lookup.h"
 #include "engine/host/own_address.h"
-#include "engine/host/request_url.h"
 #include "engine/host/worker_process.h"
 
 namespace pac_engine {
@@ -224,7 +224,7 @@ std::unique_ptr<Engine> Engine::load(std::string_view script, Options options, P
 Reply Engine::evaluate(std::string_view url, std::string_view host) {
   const auto deadline = std::chrono::steady_clock::now() + mImpl->options.timeLimit;
   Reply reply;
-  const auto cleaned = cleanedUrl(url);
+  const auto cleaned = domain::canonicalUrl(url);
   if (!cleaned) {
     reply.problem = problemOf("the URL is malformed or longer than 8 KiB");
   } else if (host.size() > kMaxHostBytes) {

@@ -3,14 +3,13 @@
 #include <string>
 #include <string_view>
 
-#include "engine/host/request_url.h"
-#include "engine/wire/protocol.h"
+#include "domain/canonical_url.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"
 
+using domain::canonicalUrl;
 using fuzz::require;
-using pac_engine::cleanedUrl;
 
 namespace {
 
@@ -44,9 +43,7 @@ void checkCleaned(const std::string& url, const std::string& cleaned) {
   require(host == lowered(host), "the host is in lower case");
   if (scheme == "https" || scheme == "wss")
     require(rest.substr(authority.size()) == "/", "of https no path and no query");
-  // Of a file's path curl refuses what looks like a drive, which "t:#" does only without its
-  // fragment.
-  if (scheme != "file") require(cleanedUrl(cleaned) == cleaned, "what is clean stays");
+  require(canonicalUrl(cleaned) == cleaned, "what is clean stays");
 }
 
 // The same URL with a user name, a password and a fragment that nobody may see.
@@ -55,7 +52,7 @@ void checkSecrets(const std::string& url) {
   const auto authority = url.find(kMark) + kMark.size();
   std::string told = url.substr(0, authority) + "me:" + kSecret + "@" + url.substr(authority);
   told += std::string("#") + kSecret;
-  const auto cleaned = cleanedUrl(told);
+  const auto cleaned = canonicalUrl(told);
   require(!cleaned || lowered(*cleaned).find(lowered(kSecret)) == std::string::npos,
           "neither password nor fragment is told");
 }
@@ -64,9 +61,9 @@ void checkSecrets(const std::string& url) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string url(fuzz::textOf(data, size));
-  const auto cleaned = cleanedUrl(url);
+  const auto cleaned = canonicalUrl(url);
   if (!cleaned) return 0;
-  require(cleaned->size() <= pac_engine::kMaxUrlBytes, "8 KiB at most");
+  require(cleaned->size() <= domain::kMaxUrlBytes, "8 KiB at most");
   if (url.find(kMark) == std::string::npos) {
     require(*cleaned == url, "a text without a scheme stays as it is");
     return 0;

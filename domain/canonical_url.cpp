@@ -1,0 +1,197 @@
+#include "domain/canonical_url.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <array>
+#include <boost/url/authority_view.hpp>
+#include <charconv>
+
+namespace domain {
+
+namespace {
+
+namespace urls = boost::urls;
+
+constexpr std::string_view kMark = "://";
+
+struct DefaultPort {
+  std::string_view scheme;
+  std::string_view port;
+};
+constexpr std::array<DefaultPort, 5> kDefaultPorts{
+    {{"http", "80"}, {"https", "443"}, {"ws", "80"}, {"wss", "443"}, {"ftp", "21"}}};
+
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+std::string lowered(std::string_view text) {
+  std::string result(text);
+  std::transform(result.begin(), result.end(), result.begin(), lower);
+  return result;
+}
+
+bool isAscii(char c) {
+  return static_cast<unsigned char>(c) < 0x80;
+}
+
+bool isControl(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
+
+bool isLowerAlnum(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
+}
+
+// RFC 3986, 3.1: a letter, then letters, digits, "+", "-" and ".".
+bool isScheme(std::string_view text) {
+  return !text.empty() && text.front() >= 'a' && text.front() <= 'z' &&
+         std::all_of(text.begin(), text.end(), [](char c) {
+           return isLowerAlnum(c) || std::string_view("+-.").find(c) != std::string_view::npos;
+         });
+}
+
+/// Whether only the server sees path and query of such a URL.
+bool isEncrypted(std::string_view scheme) {
+  return scheme == "https" || scheme == "wss";
+}
+
+// The authority as the parser accepts it, which takes bytes beyond ASCII in their percent form
+// alone. A digit at the beginning is written that way too: Boost.URL 1.81 takes "10.0.0.1.example"
+// for the address 10.0.0.1 with something behind it. Addresses are recognised here instead.
+std::string parserForm(std::string_view authority) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string result;
+  for (const char c : authority) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (isAscii(c) && (!result.empty() || c < '0' || c > '9')) {
+      result += c;
+    } else {
+      result += {'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]};
+    }
+  }
+  return result;
+}
+
+// Boost.URL 1.81 does not know zones (RFC 6874), so the zone is taken out before it parses.
+// @return false for a zone that is no interface's name
+bool takeZone(std::string& authority, std::string& zone) {
+  const auto end = authority.find(']');
+  const auto percent = authority.find('%');
+  if (authority.front() != '[' || end == std::string::npos || percent > end) return true;
+  zone = authority.substr(percent + 1, end - percent - 1);
+  if (zone.starts_with("25") && zone.size() > 2) zone.erase(0, 2);
+  authority.erase(percent, end - percent);
+  return !zone.empty() && zone.size() < IF_NAMESIZE &&
+         std::all_of(zone.begin(), zone.end(), [](char c) {
+           return isLowerAlnum(lower(c)) ||
+                  std::string_view("-._~").find(c) != std::string_view::npos;
+         });
+}
+
+// "10.1" and "0x0a000001" are 10.0.0.1 for whoever connects, so a script has to see them as that.
+std::string quadIfNumber(const std::string& name) {
+  in_addr address{};
+  std::array<char, INET_ADDRSTRLEN> quad{};
+  if (inet_aton(name.c_str(), &address) == 0) return name;
+  inet_ntop(AF_INET, &address, quad.data(), quad.size());
+  return quad.data();
+}
+
+std::optional<std::string> hostName(const urls::authority_view& authority) {
+  std::string name;
+  for (const char c : authority.host_name()) {
+    // What the name means and not how it is written: "%41" is "a", and "%2541" stays.
+    if (c == '%') {
+      name += "%25";
+    } else if (!isAscii(c) || isLowerAlnum(lower(c)) ||
+               std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos) {
+      name += lower(c);
+    } else {
+      return std::nullopt;
+    }
+  }
+  if (name.empty()) return std::nullopt;
+  return quadIfNumber(name);
+}
+
+std::optional<std::string> hostOf(const urls::authority_view& authority, const std::string& zone) {
+  switch (authority.host_type()) {
+    case urls::host_type::ipv6:
+      return '[' + authority.host_ipv6_address().to_string() + (zone.empty() ? "" : "%25" + zone) +
+             ']';
+    case urls::host_type::name:
+      return zone.empty() ? hostName(authority) : std::nullopt;
+    default:
+      return std::nullopt;
+  }
+}
+
+/// @return the port with its colon, or nothing to write; no value for one beyond 65535
+std::optional<std::string> portOf(std::string_view scheme, std::string_view digits) {
+  if (digits.empty()) return std::string();
+  std::uint16_t number = 0;
+  const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), number);
+  if (error != std::errc() || end != digits.data() + digits.size()) return std::nullopt;
+  const auto port = std::to_string(number);
+  const bool isDefault =
+      std::any_of(kDefaultPorts.begin(), kDefaultPorts.end(),
+                  [&](const auto& entry) { return entry.scheme == scheme && entry.port == port; });
+  return isDefault ? std::string() : ':' + port;
+}
+
+/// Host and port in their canonical form.
+std::optional<std::string> canonicalAuthority(const std::string& scheme,
+                                              std::string_view authority) {
+  // Passwords hold characters that the parser refuses, and none of theirs goes on. With two "@"
+  // programs differ about which one ends them.
+  if (const auto at = authority.find('@'); at != std::string_view::npos) {
+    authority.remove_prefix(at + 1);
+    if (authority.find('@') != std::string_view::npos) return std::nullopt;
+  }
+  if (scheme == "file") {
+    const auto host = lowered(authority);
+    if (host.empty() || host == "localhost" || host == "127.0.0.1") return std::string();
+    return std::nullopt;
+  }
+  std::string zone;
+  std::string text(authority);
+  if (text.empty() || !takeZone(text, zone)) return std::nullopt;
+  text = parserForm(text);
+  const auto parsed = urls::parse_authority(text);
+  if (!parsed) return std::nullopt;
+  const auto host = hostOf(*parsed, zone);
+  const auto port = portOf(scheme, parsed->port());
+  if (!host || !port) return std::nullopt;
+  return *host + *port;
+}
+
+}  // namespace
+
+std::optional<std::string> canonicalUrl(std::string_view url) {
+  if (url.size() > kMaxUrlBytes) return std::nullopt;
+  const auto mark = url.find(kMark);
+  if (mark == std::string_view::npos) return std::string(url);
+  const auto scheme = lowered(url.substr(0, mark));
+  if (!isScheme(scheme)) return std::nullopt;
+
+  auto rest = url.substr(mark + kMark.size());
+  const bool hasControl = std::any_of(rest.begin(), rest.end(), isControl);
+  rest = rest.substr(0, rest.find('#'));
+  const auto authority = rest.substr(0, rest.find_first_of("/?"));
+  const auto host = hasControl ? std::nullopt : canonicalAuthority(scheme, authority);
+  if (!host) return scheme + ":///";
+
+  auto canonical = scheme + std::string(kMark) + *host;
+  rest.remove_prefix(authority.size());
+  if (isEncrypted(scheme)) rest = "/";
+  if (!rest.starts_with('/')) canonical += '/';
+  canonical += rest;
+  if (canonical.size() > kMaxUrlBytes) return std::nullopt;
+  return canonical;
+}
+
+}  // namespace domain

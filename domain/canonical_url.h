@@ -1,0 +1,32 @@
+// The form of a URL in which this system asks for a proxy: without its secrets, and the same for
+// URLs that mean the same.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace domain {
+
+inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< of a URL, as given and as canonical
+
+/// The canonical URL of `url`:
+/// - no user name, password or fragment;
+/// - scheme and host in lower case, without the default port of http, https, ws, wss, ftp;
+/// - "/" for an empty path; a single "/" instead of path and query for https and wss; every other
+///   path and query as given, byte for byte;
+/// - IPv4 addresses as dotted quads ("0x7f.1", "%31.1"), IPv6 addresses in their shortest form with
+///   their zone; percent signs in the host undone; host names beyond ASCII as UTF-8;
+/// - of a file URL no host ("", "localhost" and "127.0.0.1" mean this machine);
+/// - a text without "://" as it is.
+///
+/// A text that has a scheme but is no URL (no host, blanks in the host, two "@", a port beyond
+/// 65535, control characters) becomes its scheme alone, as in "http:///": a password may stand
+/// anywhere in the rest. The canonical form of a canonical URL is the URL itself.
+/// @return nothing if the text before "://" is no scheme, and if the URL has more than kMaxUrlBytes
+///         as given or as canonical
+/// Any thread; throws std::bad_alloc only.
+std::optional<std::string> canonicalUrl(std::string_view url);
+
+}  // namespace domain
