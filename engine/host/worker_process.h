@@ -1,28 +1,20 @@
 // The script worker as a child process: how it is found, started and ended.
 //
-// It is started by posix_spawn, which is safe in a program with threads, with default signals, an
-// empty signal mask, an empty environment but for TZ, its standard three descriptors on /dev/null,
-// its end of a socket pair as descriptor 3 and the script as descriptor 4, and nothing else. It
-// ends when its socket does. It is killed and waited for through a descriptor of the process
-// itself, so neither a SIGCHLD handler of the program nor one that waits for any child can make
-// this library kill a stranger.
+// It is a sandbox::ChildProcess with an environment that is empty but for TZ, its end of a socket
+// pair as descriptor 3 and the script as descriptor 4. It ends when its socket does.
 #pragma once
 
 #include <sys/types.h>
 
-#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "base/unique_fd.h"
 #include "engine/wire/channel.h"
+#include "sandbox/child_process.h"
 
 namespace pac_engine {
-
-/// How many processes that were killed and lived on are kept in mind. Each took a second to be
-/// given up and ends by its own alarm within few, unless somebody traces it.
-inline constexpr std::size_t kMostGivenUp = 8;
 
 /// `bytes` in a sealed memory file, which nobody can change, grow or shrink. Empty, with errno,
 /// where there is no memory or no descriptor for it.
@@ -59,11 +51,11 @@ class WorkerProcess {
   std::string end();
 
  private:
-  WorkerProcess(pid_t pid, UniqueFd process, UniqueFd socket);
+  WorkerProcess(pid_t pid, std::unique_ptr<sandbox::ChildProcess> child, UniqueFd socket);
 
   pid_t mPid;
-  int mCpu = -1;      ///< where follow() has bound the process
-  UniqueFd mProcess;  ///< empty once the process has been waited for
+  std::unique_ptr<sandbox::ChildProcess> mChild;
+  int mCpu = -1;  ///< where follow() has bound the process
   Channel mChannel;
 };
 

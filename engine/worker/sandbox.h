@@ -1,10 +1,10 @@
 // The walls around the script worker, raised before it reads the first byte of a script.
 //
-// What a script that breaks the engine finds: no new privileges, an unprivileged user, no
-// capability, an empty network namespace where the kernel gives one, no memory beyond its share, no
-// new file, process or core dump, no debugger, and a list of the few system calls that a running
-// engine needs; any other kills the process. The list is the wall that counts; the others stand
-// behind it.
+// What a script that breaks the engine finds: no new privileges, the user nobody if root started
+// the worker, no capability, an empty network namespace if the kernel gives one, no memory beyond
+// its share, no new file, process or core dump, no debugger, and a list of the few system calls
+// that a running engine needs; any other kills the process. The list is the wall that counts; the
+// others stand behind it. If memory runs out, the kernel ends the worker before its starter.
 #pragma once
 
 #include <optional>

@@ -196,8 +196,9 @@ std::string workerProgram() {
   return "none";
 }
 
-WorkerProcess::WorkerProcess(pid_t pid, UniqueFd process, UniqueFd socket)
-    : mPid(pid), mProcess(std::move(process)), mChannel(std::move(socket)) {}
+WorkerProcess::WorkerProcess(pid_t pid, std::unique_ptr<sandbox::ChildProcess> child,
+                             UniqueFd socket)
+    : mPid(pid), mChild(std::move(child)), mChannel(std::move(socket)) {}
 
 WorkerProcess::~WorkerProcess() = default;
 
@@ -231,7 +232,7 @@ std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string&, const Un
   shutdown(worker.socket.get(), SHUT_WR);
   if (how % 2 == 1) worker.socket.reset();
   run->started.emplace_back(std::move(worker));
-  return std::unique_ptr<WorkerProcess>(new WorkerProcess(kPid, UniqueFd(), std::move(ours)));
+  return std::unique_ptr<WorkerProcess>(new WorkerProcess(kPid, nullptr, std::move(ours)));
 }
 
 }  // namespace pac_engine

@@ -1,0 +1,232 @@
+#include "sandbox/child_process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <new>
+#include <system_error>
+
+#include "base/annotations.h"
+#include "base/log_line.h"
+
+namespace sandbox {
+
+namespace {
+
+using pac_engine::UniqueFd;
+
+constexpr int kFirstPassed = 3;
+// A killed process is gone within this time unless the machine stands still or somebody traces it.
+constexpr int kEndLimitMs = 1000;
+
+struct FileActions {
+  FileActions() { posix_spawn_file_actions_init(&actions); }
+  ~FileActions() { posix_spawn_file_actions_destroy(&actions); }
+  FileActions(const FileActions&) = delete;
+  FileActions& operator=(const FileActions&) = delete;
+  posix_spawn_file_actions_t actions;
+};
+
+struct SpawnAttributes {
+  SpawnAttributes() { posix_spawnattr_init(&attributes); }
+  ~SpawnAttributes() { posix_spawnattr_destroy(&attributes); }
+  SpawnAttributes(const SpawnAttributes&) = delete;
+  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+  posix_spawnattr_t attributes;
+};
+
+/// Copies above every descriptor of the child, so that no dup2 overwrites a later source.
+/// @return false, with errno, if there is no descriptor left
+bool copyUp(const std::vector<int>& descriptors, std::vector<UniqueFd>& copies) {
+  const int lowest = kFirstPassed + static_cast<int>(descriptors.size());
+  for (const int descriptor : descriptors) {
+    copies.emplace_back(fcntl(descriptor, F_DUPFD_CLOEXEC, lowest));
+    if (!copies.back()) return false;
+  }
+  return true;
+}
+
+int setDescriptors(FileActions& files, const std::vector<UniqueFd>& passed) {
+  int failed = 0;
+  const auto step = [&failed](int result) { failed = failed != 0 ? failed : result; };
+  step(posix_spawn_file_actions_addopen(&files.actions, 0, "/dev/null", O_RDONLY, 0));
+  step(posix_spawn_file_actions_addopen(&files.actions, 1, "/dev/null", O_WRONLY, 0));
+  step(posix_spawn_file_actions_addopen(&files.actions, 2, "/dev/null", O_WRONLY, 0));
+  int target = kFirstPassed;
+  for (const UniqueFd& source : passed) {
+    step(posix_spawn_file_actions_adddup2(&files.actions, source.get(), target++));
+  }
+  step(posix_spawn_file_actions_addclosefrom_np(&files.actions, target));
+  return failed;
+}
+
+int setAttributes(SpawnAttributes& spawn) {
+  sigset_t all;
+  sigset_t none;
+  sigfillset(&all);
+  sigemptyset(&none);
+  posix_spawnattr_setsigdefault(&spawn.attributes, &all);
+  posix_spawnattr_setsigmask(&spawn.attributes, &none);
+  // A process group of its own: the terminal's signals are for the program, not for its child.
+  posix_spawnattr_setpgroup(&spawn.attributes, 0);
+  // A child that runs in circles must not do it with a real-time priority of the program.
+  const sched_param ordinary{};
+  posix_spawnattr_setschedpolicy(&spawn.attributes, SCHED_OTHER);
+  posix_spawnattr_setschedparam(&spawn.attributes, &ordinary);
+  return posix_spawnattr_setflags(
+      &spawn.attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP |
+                             POSIX_SPAWN_SETSCHEDULER);
+}
+
+/// @return the process, or 0 with its errno in `error`
+pid_t spawn(const ChildOptions& options, const std::vector<UniqueFd>& passed, int& error) {
+  FileActions files;
+  SpawnAttributes attributes;
+  error = setDescriptors(files, passed);
+  if (error == 0) error = setAttributes(attributes);
+  if (error != 0) return 0;
+  std::string name = std::filesystem::path(options.program).filename();
+  char* const arguments[] = {name.data(), nullptr};
+  std::vector<std::string> variables = options.environment;
+  std::vector<char*> environment;
+  for (std::string& variable : variables) environment.push_back(variable.data());
+  environment.push_back(nullptr);
+  pid_t pid = 0;
+  error = posix_spawn(&pid, options.program.c_str(), &files.actions, &attributes.attributes,
+                      arguments, environment.data());
+  return error == 0 ? pid : 0;
+}
+
+UniqueFd openProcess(pid_t pid) {
+  return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0U)));
+}
+
+/// Waits for the process unless it lives. @return false if it lives
+bool waitUnlessItLives(const UniqueFd& process, siginfo_t& info) {
+  info = {};
+  return waitid(P_PIDFD, static_cast<id_t>(process.get()), &info, WEXITED | WNOHANG) != 0 ||
+         info.si_pid != 0;
+}
+
+/// Processes that were killed and lived on. The next start or end waits for those that have ended
+/// by then, so that they do not stay in the table of processes for as long as this one lives.
+class UnreapedChildren {
+ public:
+  void add(UniqueFd process) {
+    const Lock lock(mMutex);
+    try {
+      mProcesses.push_back(std::move(process));
+    } catch (const std::bad_alloc&) {
+      // The child then stays in the table of processes; a destructor must not throw.
+    }
+  }
+
+  void waitForThoseThatHaveEnded() {
+    const Lock lock(mMutex);
+    siginfo_t info;
+    std::erase_if(mProcesses,
+                  [&info](const UniqueFd& process) { return waitUnlessItLives(process, info); });
+  }
+
+ private:
+  Mutex mMutex;
+  std::vector<UniqueFd> mProcesses PM_GUARDED_BY(mMutex);
+};
+
+/// Never destroyed: a thread of a program that ends may still end its child.
+UnreapedChildren& unreaped() {
+  static auto* const all = new UnreapedChildren;
+  return *all;
+}
+
+std::string howItEnded(const siginfo_t& info) {
+  const std::string value = std::to_string(info.si_status);
+  return info.si_code == CLD_EXITED ? "exit " + value : "signal " + value;
+}
+
+std::string described(const std::string& what, int error) {
+  return what + ": " + std::generic_category().message(error);
+}
+
+}  // namespace
+
+std::string programInLibexec(const std::string& name, const char* installedPath) {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  // Only the folder counts: the name ends in " (deleted)" once the program has been replaced.
+  const auto folder = fs::read_symlink("/proc/self/exe", error).parent_path();
+  if (!error) {
+    auto neighbour = folder.parent_path() / "libexec" / name;
+    if (access(neighbour.c_str(), X_OK) == 0) return neighbour;
+  }
+  return installedPath;
+}
+
+ChildProcess::ChildProcess(pid_t pid, UniqueFd process) : mPid(pid), mProcess(std::move(process)) {}
+
+ChildProcess::~ChildProcess() {
+  end();
+}
+
+std::unique_ptr<ChildProcess> ChildProcess::start(const ChildOptions& options,
+                                                  std::string& problem) {
+  unreaped().waitForThoseThatHaveEnded();
+  std::vector<UniqueFd> passed;
+  if (!copyUp(options.descriptors, passed)) {
+    problem = described("no descriptor for " + options.program, errno);
+    return nullptr;
+  }
+  int error = 0;
+  const pid_t pid = spawn(options, passed, error);
+  if (pid == 0) {
+    problem = described(options.program, error);
+    return nullptr;
+  }
+  UniqueFd process = openProcess(pid);
+  if (!process) {
+    problem = described("no process descriptor for " + options.program, errno);
+    // By number this once: the child has not been waited for, so the number is its own. A program
+    // without the right to signal a child of another user cannot wait for its end either.
+    if (kill(pid, SIGKILL) == 0) {
+      while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+      }
+    }
+    return nullptr;
+  }
+  return std::unique_ptr<ChildProcess>(new ChildProcess(pid, std::move(process)));
+}
+
+bool ChildProcess::hasEnded() const {
+  pollfd ended{mProcess.get(), POLLIN, 0};
+  return mProcess && poll(&ended, 1, 0) != 0;
+}
+
+std::string ChildProcess::end() {
+  if (!mProcess) return "ended";
+  unreaped().waitForThoseThatHaveEnded();
+  UniqueFd process = std::move(mProcess);
+  // Fails if the process has ended by itself, which is as good.
+  syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0U);
+  pollfd entry{process.get(), POLLIN, 0};
+  int ready = 0;
+  do {
+    ready = poll(&entry, 1, kEndLimitMs);
+  } while (ready < 0 && errno == EINTR);
+  siginfo_t info;
+  if (waitUnlessItLives(process, info)) {
+    return info.si_pid != 0 ? howItEnded(info) : "waited for by the program";
+  }
+  unreaped().add(std::move(process));
+  logLine(LOG_WARNING, "sandbox: process %d was killed and does not end", mPid);
+  return "does not end";
+}
+
+}  // namespace sandbox

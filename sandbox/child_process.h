@@ -1,0 +1,65 @@
+// A child process that parses what strangers wrote: how its program is found, started and ended.
+//
+// The child is started by posix_spawn, which is safe in a program with threads. It gets default
+// signals, an empty signal mask, an ordinary scheduling policy, a process group of its own, the
+// environment that the caller names, its standard three descriptors on /dev/null, the descriptors
+// that the caller passes on, and nothing else. The parent kills it and waits for it through a
+// descriptor of the process itself: neither a SIGCHLD handler of the program nor a thread that
+// waits for any child can make this code kill a stranger.
+//
+// The child raises its own walls (walls.h) before it reads the first byte of what it has to parse.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+
+namespace sandbox {
+
+/// Where a program is that is installed beside this one: `name` in the libexec folder next to the
+/// folder of the running program, else `installedPath`, the place that the build knows.
+std::string programInLibexec(const std::string& name, const char* installedPath);
+
+/// What a child process is started with.
+struct ChildOptions {
+  std::string program;           ///< path of the executable file
+  std::vector<int> descriptors;  ///< the child's descriptors 3, 4, ...; they stay the caller's
+  std::vector<std::string> environment;  ///< its whole environment, as NAME=value
+};
+
+class ChildProcess {
+ public:
+  /// Starts a child process. Any thread.
+  /// @param problem receives the reason if there is no child, with the program's path in it
+  /// @return the child, or null
+  static std::unique_ptr<ChildProcess> start(const ChildOptions& options, std::string& problem);
+
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  /// Ends the child.
+  ~ChildProcess();
+
+  pid_t pid() const { return mPid; }
+
+  /// @return whether the child has ended; false also after end()
+  bool hasEnded() const;
+
+  /// Kills the child unless it has ended and waits for its end, 1 s at most. A child that lives on
+  /// (in a system call that cannot be interrupted, or under a debugger) is waited for when the next
+  /// child starts or ends; the log has a warning.
+  /// @return how the child ended, for the log: "exit 0", "signal 9", "does not end", or "ended" if
+  ///         this function ran before
+  std::string end();
+
+ private:
+  ChildProcess(pid_t pid, pac_engine::UniqueFd process);
+
+  pid_t mPid;
+  pac_engine::UniqueFd mProcess;  ///< empty once the child has been waited for
+};
+
+}  // namespace sandbox

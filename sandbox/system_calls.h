@@ -1,0 +1,54 @@
+// A list of the system calls that a process may still make, by libseccomp. It holds only in builds
+// with PROXYMANAGER_SECCOMP; callers name calls as SCMP_SYS(name) and are compiled out with it.
+#pragma once
+
+#include <seccomp.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "sandbox/walls.h"
+
+namespace sandbox {
+
+/// Conditions on the arguments of a call; all must hold.
+using Arguments = std::vector<scmp_arg_cmp>;
+
+/// Argument number `argument` (from 0) equals `value`, all 64 bits.
+scmp_arg_cmp equals(unsigned argument, std::uint64_t value);
+
+/// The bits `mask` of argument number `argument` are `value`. For int arguments the mask is at most
+/// kInt: the upper half of the register means nothing.
+scmp_arg_cmp masked(unsigned argument, std::uint64_t mask, std::uint64_t value);
+
+inline constexpr std::uint64_t kInt = 0xFFFFFFFF;
+
+/// Builds the list, then puts it in force. A call that the machine's architecture does not have is
+/// passed over. Errors are kept until load().
+class SystemCalls {
+ public:
+  /// A call that is on no list ends the process with SIGSYS.
+  SystemCalls();
+
+  /// Allows `call`, with the conditions in `arguments`.
+  SystemCalls& allow(int call, const Arguments& arguments = {});
+
+  /// Answers `call` with the error `error` instead of ending the process.
+  SystemCalls& refuse(int call, int error, const Arguments& arguments = {});
+
+  /// Looks for `call` before others, for speed.
+  SystemCalls& first(int call);
+
+  /// Puts the list in force, for good. Needs no_new_privs.
+  Failure load();
+
+ private:
+  void add(std::uint32_t action, int call, const Arguments& arguments);
+  void note(int result);
+
+  std::unique_ptr<void, decltype(&seccomp_release)> mFilter;
+  int mError = 0;
+};
+
+}  // namespace sandbox

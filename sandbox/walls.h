@@ -1,0 +1,52 @@
+// The walls that a child process raises around itself before it reads the first byte of what it has
+// to parse. Each program picks its walls in the order below; the last one is its list of system
+// calls (system_calls.h), because the others need calls that no list has.
+//
+// All functions are called by a process that has one thread.
+#pragma once
+
+#include <sys/resource.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace sandbox {
+
+/// Nothing if the wall stands; else which wall could not be raised and why. The process must then
+/// end without reading anything.
+using Failure = std::optional<std::string>;
+
+/// "what: text of errno".
+Failure failed(const std::string& what);
+
+enum class Network : std::uint8_t {
+  keep,  ///< the process goes on in the network that it was started in
+  leave  ///< an empty network, if the kernel gives one; if not, that is no failure
+};
+
+/// Gives up every privilege: no new ones by starting a program, the user and group nobody if the
+/// process is root's, no supplementary group then, no capability, an empty bounding set if the
+/// process may empty it, and no debugger, core dump or /proc/PID/mem for others of the same user.
+/// A process of another user keeps its user.
+Failure giveUpPrivileges(Network network);
+
+/// If memory runs out, the kernel ends this process first. Not a wall: no failure if the system has
+/// no such setting. To be called before giveUpPrivileges.
+void volunteerForOutOfMemory();
+
+struct Limit {
+  decltype(RLIMIT_AS) resource;
+  rlim_t value;
+  const char* name;  ///< for the report of a failure
+};
+
+/// Sets soft and hard limits. A tighter limit that is there already stays.
+Failure limitResources(std::span<const Limit> limits);
+
+/// Sets the stack limit to `bytes`: a program may have been started with less than it counts on. A
+/// hard limit below that stays.
+Failure setStackLimit(rlim_t bytes);
+
+}  // namespace sandbox
