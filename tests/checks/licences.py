@@ -1,0 +1,84 @@
+#!/usr/bin/env python3
+"""Fails if a file of the tree has no licence, or if the packages hide one.
+
+usage: licences.py TREE | --self-test
+
+- `reuse lint` finds a licence and a copyright holder for each file (.reuse/dep5, LICENSES/).
+- packaging/debian/copyright states the licence of our own files in the words of
+  LICENSES/LicenseRef-Undecided.txt, so that the owner decides in one place.
+- packaging/debian/copyright names each library that the packages are built with and that has no
+  shared object: its code is in our programs.
+"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+COPYRIGHT = "packaging/debian/copyright"
+SENTENCE = "LICENSES/LicenseRef-Undecided.txt"
+
+
+def lint(tree):
+    """What reuse complains about; empty if nothing."""
+    # The tests run as root on a tree of another user, which git refuses to list otherwise.
+    git = {"GIT_CONFIG_COUNT": "1", "GIT_CONFIG_KEY_0": "safe.directory", "GIT_CONFIG_VALUE_0": "*"}
+    result = subprocess.run(["reuse", "--root", str(tree), "lint"], check=False,
+                            capture_output=True, text=True, env={**os.environ, **git})
+    return "" if result.returncode == 0 else result.stdout + result.stderr
+
+
+def words(text):
+    return " ".join(text.split())
+
+
+def own_licence(copyright_text):
+    """The text below the first License field."""
+    found = re.search(r"^License: LicenseRef-Undecided\n((?: .*\n)+)", copyright_text, re.MULTILINE)
+    return words(found[1]) if found else ""
+
+
+def without_shared_object(tree):
+    """The libraries among the packages of Build-Depends that are code in headers or archives."""
+    listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
+                            check=True, capture_output=True, text=True).stdout
+    names = [line.split()[0] for line in listed.splitlines()]
+    for name in (name for name in names if name.endswith("-dev") and name != "dpkg-dev"):
+        files = subprocess.run(["dpkg", "-L", name], check=True, capture_output=True, text=True)
+        if not re.search(r"\.so$", files.stdout, re.MULTILINE):
+            yield name
+
+
+def findings(tree):
+    text = (tree / COPYRIGHT).read_text(encoding="utf-8")
+    sentence = words((tree / SENTENCE).read_text(encoding="utf-8"))
+    if own_licence(text) != sentence:
+        yield f"{COPYRIGHT} does not have the words of {SENTENCE}"
+    for name in [*without_shared_object(tree), "quickjs"]:
+        if not re.search(rf"^Files: linked/{re.escape(name)}$", text, re.MULTILINE):
+            yield f"{COPYRIGHT} does not name {name}, which is part of our programs"
+    if complaint := lint(tree):
+        yield complaint
+
+
+def self_test():
+    with tempfile.TemporaryDirectory() as folder:
+        tree = pathlib.Path(folder)
+        (tree / "a.h").write_text("int a;\n", encoding="utf-8")
+        assert "a.h" in lint(tree), "a file without a licence is not found"
+    assert own_licence("License: LicenseRef-Undecided\n All\n of it.\n\nFiles: b\n") == "All of it."
+    assert own_licence("License: Expat\n All\n") == ""
+
+
+def main():
+    if sys.argv[1:] == ["--self-test"]:
+        self_test()
+        return
+    found = list(findings(pathlib.Path(sys.argv[1]).resolve()))
+    if found:
+        sys.exit("\n".join(found))
+
+
+main()
