@@ -10,8 +10,8 @@
 
 #include <atomic>
 
-#include "base/annotations.h"
 #include "base/log_line.h"
+#include "base/mutex.h"
 
 namespace on_demand {
 

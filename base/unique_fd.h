@@ -3,32 +3,41 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
-namespace pac_engine {
+namespace base {
 
+/// Closes its descriptor when it ends or takes another one. `errno` keeps its value, so that a
+/// function can fail, leave and still report why.
 class UniqueFd {
  public:
   UniqueFd() = default;
-  explicit UniqueFd(int fd) : mFd(fd) {}
-  UniqueFd(UniqueFd&& other) noexcept : mFd(std::exchange(other.mFd, -1)) {}
+  /// Takes ownership of `fd`; a negative one, as open() returns it on failure, is none.
+  explicit UniqueFd(int fd) noexcept : mFd(fd) {}
+  UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
-    if (this != &other) reset(std::exchange(other.mFd, -1));
+    if (this != &other) reset(other.release());
     return *this;
   }
   UniqueFd(const UniqueFd&) = delete;
   UniqueFd& operator=(const UniqueFd&) = delete;
   ~UniqueFd() { reset(); }
 
-  int get() const { return mFd; }
-  explicit operator bool() const { return mFd >= 0; }
-  void reset(int fd = -1) {
+  /// @return the descriptor, still owned; negative if there is none
+  int get() const noexcept { return mFd; }
+  explicit operator bool() const noexcept { return mFd >= 0; }
+  /// @return the descriptor, which the caller now owns; negative if there is none
+  [[nodiscard]] int release() noexcept { return std::exchange(mFd, -1); }
+  void reset(int fd = -1) noexcept {
+    const int error = errno;
     if (mFd >= 0) close(mFd);
     mFd = fd;
+    errno = error;
   }
 
  private:
   int mFd = -1;
 };
 
-}  // namespace pac_engine
+}  // namespace base

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "base/annotations.h"
+#include "base/mutex.h"
 #include "dbus/proxy_manager_service_interface.h"
 
 class ProxyManagerServiceImpl;

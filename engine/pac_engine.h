@@ -75,8 +75,4 @@ class Engine {
   std::unique_ptr<Impl> mImpl;
 };
 
-/// `text` with control characters as "\xNN", so that a log line or a terminal shows them and obeys
-/// none.
-std::string visible(std::string_view text);
-
 }  // namespace pac_engine

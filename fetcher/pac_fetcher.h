@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/annotations.h"
+#include "base/mutex.h"
 #include "service/records/proxy_config.h"
 #include "service/records/proxy_config_owner.h"
 

@@ -22,7 +22,7 @@
 #include <string>
 #include <thread>
 
-#include "base/annotations.h"
+#include "base/mutex.h"
 #include "engine/pac.h"
 #include "pac/proxy_url_cache.h"
 #include "service/records/proxy_config_owner.h"

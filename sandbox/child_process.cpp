@@ -14,14 +14,14 @@
 #include <new>
 #include <system_error>
 
-#include "base/annotations.h"
 #include "base/log_line.h"
+#include "base/mutex.h"
 
 namespace sandbox {
 
 namespace {
 
-using pac_engine::UniqueFd;
+using base::UniqueFd;
 
 constexpr int kFirstPassed = 3;
 // A killed process is gone within this time unless the machine stands still or somebody traces it.

@@ -56,10 +56,10 @@ class ChildProcess {
   std::string end();
 
  private:
-  ChildProcess(pid_t pid, pac_engine::UniqueFd process);
+  ChildProcess(pid_t pid, base::UniqueFd process);
 
   pid_t mPid;
-  pac_engine::UniqueFd mProcess;  ///< empty once the child has been waited for
+  base::UniqueFd mProcess;  ///< empty once the child has been waited for
 };
 
 }  // namespace sandbox

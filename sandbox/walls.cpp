@@ -87,7 +87,7 @@ Failure giveUpPrivileges(Network network) {
 
 void volunteerForOutOfMemory() {
   constexpr std::string_view kFirst = "1000";  // the largest value
-  const pac_engine::UniqueFd file(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
+  const base::UniqueFd file(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
   if (file && write(file.get(), kFirst.data(), kFirst.size()) < 0) return;
 }
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/annotations.h"
+#include "base/mutex.h"
 #include "dbus/proxy_manager_dbus_handler.h"
 #include "platform/bus/bus_helper.h"
 #include "platform/process/sl_service.h"

@@ -26,7 +26,7 @@
 #include <string>
 #include <string_view>
 
-#include "base/annotations.h"
+#include "base/mutex.h"
 #include "client/library/bus_link.h"
 #include "client/library/include/proxymanager/client.h"
 #include "client/library/noted_socket.h"

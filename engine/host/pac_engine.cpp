@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/log_line.h"
+#include "base/visible.h"
 #include "domain/canonical_url.h"
 #include "engine/host/file_change.h"
 #include "engine/host/name_lookup.h"
@@ -92,7 +93,7 @@ bool Engine::Impl::start(Deadline deadline, Problem& problem) {
   if (message && std::holds_alternative<Ready>(*message)) return true;
   if (message) {
     if (const auto* const refused = std::get_if<Refused>(&*message)) {
-      problem = {visible(refused->message), refused->line};
+      problem = {base::visible(refused->message), refused->line};
     } else {
       problem = problemOf("the script worker answered what was not asked");
     }
@@ -138,7 +139,7 @@ Reply Engine::Impl::replyOf(const FromWorker& message) {
       reply.problem = problemOf("the result holds a NUL character");
     }
   } else if (none != nullptr && none->serial == serial) {
-    reply.problem = {visible(none->message), none->line};
+    reply.problem = {base::visible(none->message), none->line};
   } else {
     reply.problem = problemOf("the script worker answered what was not asked");
     discard("answered what was not asked");
@@ -199,7 +200,7 @@ std::vector<std::string> Engine::Impl::own(AddressFamily family) {
 void Engine::Impl::say(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = cutText(alert, alertBytesLeft);
-  logLine(LOG_DEBUG, "pac_engine: alert: %s", visible(cut).c_str());
+  logLine(LOG_DEBUG, "pac_engine: alert: %s", base::visible(cut).c_str());
   // An empty one counts too, so that a flood of them ends.
   alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);
 }
@@ -242,43 +243,6 @@ pid_t Engine::workerPid() const {
 std::string describe(const Problem& problem) {
   if (problem.line == 0) return problem.message;
   return "line " + std::to_string(problem.line) + ": " + problem.message;
-}
-
-namespace {
-
-/// How many bytes follow this one in a character of UTF-8.
-int followers(unsigned char lead) {
-  if (lead >= 0xC2 && lead < 0xE0) return 1;
-  if (lead >= 0xE0 && lead < 0xF0) return 2;
-  return lead >= 0xF0 && lead < 0xF5 ? 3 : 0;
-}
-
-}  // namespace
-
-std::string visible(std::string_view text) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string shown;
-  shown.reserve(text.size());
-  int awaited = 0;             // bytes that belong to the character begun
-  unsigned char least = 0x80;  // the next of them; below it, the character has a shorter form
-  bool afterC2 = false;        // C2 80 to C2 9F are the control characters beyond ASCII
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool follows = byte >= 0x80 && byte < 0xC0;
-    const bool control = byte < 0x20 || byte == 0x7F || (afterC2 && follows && byte < 0xA0);
-    if (control && follows) shown.pop_back();
-    // Alone or in a form too long it is no character, and some terminals obey it.
-    const bool lone = follows && (awaited == 0 || byte < least);
-    awaited = lone ? 0 : follows ? awaited - 1 : followers(byte);
-    least = byte == 0xE0 ? 0xA0 : byte == 0xF0 ? 0x90 : 0x80;
-    afterC2 = byte == 0xC2;
-    if (control || lone) {
-      shown += {'\\', 'x', kDigits[byte >> 4U], kDigits[byte & 15U]};
-    } else {
-      shown += c;
-    }
-  }
-  return shown;
 }
 
 }  // namespace pac_engine

@@ -12,6 +12,8 @@
 
 namespace pac_engine {
 
+using base::UniqueFd;
+
 using Deadline = std::chrono::steady_clock::time_point;
 
 enum class Receipt : std::uint8_t {

@@ -19,7 +19,7 @@ namespace {
 
 /// The script's bytes, not yet read, and the descriptor closed.
 std::optional<std::string_view> mappedScript() {
-  const pac_engine::UniqueFd file(pac_engine::kWorkerScript);
+  const base::UniqueFd file(pac_engine::kWorkerScript);
   struct stat status {};
   if (fstat(file.get(), &status) != 0) return std::nullopt;
   const auto size = static_cast<std::size_t>(status.st_size);
@@ -36,7 +36,7 @@ void unmap(std::string_view script) {
 }  // namespace
 
 int main() {
-  pac_engine::Channel channel{pac_engine::UniqueFd(pac_engine::kWorkerSocket)};
+  pac_engine::Channel channel{base::UniqueFd(pac_engine::kWorkerSocket)};
   pac_worker::loadZone();
   const auto script = mappedScript();
   if (!script) pac_worker::refuse(channel, "the script cannot be mapped");

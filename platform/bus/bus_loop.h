@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/annotations.h"
+#include "base/mutex.h"
 
 namespace DBus {
 

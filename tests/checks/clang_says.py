@@ -86,7 +86,7 @@ def judge_tree(build, tree, tidy):
 EXAMPLE = """
 #include <string>
 #include <utility>
-#include "base/annotations.h"
+#include "base/mutex.h"
 class Counter {
  public:
   int next() { HELD return ++mCount; }

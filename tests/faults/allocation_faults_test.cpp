@@ -15,6 +15,7 @@
 #include <variant>
 #include <vector>
 
+#include "base/visible.h"
 #include "dbus/valid_text.h"
 #include "domain/canonical_url.h"
 #include "domain/public_suffix.h"
@@ -250,7 +251,7 @@ TEST(AllocationFault, IsBorneByTheMessagesOfTheWorker) {
 TEST(AllocationFault, IsBorneByTheCleaningOfAUrl) {
   const std::string url = "https://user:secret@" + kLong + ".EXAMPLE:443/private?secret#secret";
   EXPECT_GE(failEachAllocation([&] { return domain::canonicalUrl(url); }), 4);
-  EXPECT_GE(failEachAllocation([] { return pac_engine::visible(kLong + "\n"); }), 2);
+  EXPECT_GE(failEachAllocation([] { return base::visible(kLong + "\n"); }), 2);
   EXPECT_GE(failEachAllocation([] { return pac_engine::describe({kLong, 12}); }), 2);
 }
 

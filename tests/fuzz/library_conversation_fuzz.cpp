@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "base/visible.h"
 #include "engine/host/worker_process.h"
 #include "engine/pac_engine.h"
 #include "tests/fuzz/support/input.h"
@@ -89,7 +90,7 @@ End Run::wait() {
     if (const auto* const alert = std::get_if<Alert>(&*message)) {
       if (alertBytesLeft == 0) continue;
       const auto cut = cutText(alert->text, alertBytesLeft);
-      expectedAlerts += visible(cut) + '\n';
+      expectedAlerts += base::visible(cut) + '\n';
       alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);
       continue;
     }
@@ -126,7 +127,7 @@ void Run::readWhatWasSaid() {
 }
 
 void checkLine(int priority, std::string_view line) {
-  require(visible(line) == line, "no line has a control character");
+  require(base::visible(line) == line, "no line has a control character");
   constexpr std::string_view kAlert = "pac_engine: alert: ";
   if (priority == LOG_DEBUG && line.starts_with(kAlert))
     (run->alerts += line.substr(kAlert.size())) += '\n';
@@ -140,7 +141,7 @@ void checkAlerts() {
 }
 
 void checkProblem(const Problem& problem) {
-  require(visible(problem.message) == problem.message, "a problem has no control character");
+  require(base::visible(problem.message) == problem.message, "a problem has no control character");
   require(problem.message.size() <= 4 * kMaxProblemBytes, "a problem is short");
 }
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "engine/pac_engine.h"
+#include "base/visible.h"
 #include "engine/wire/protocol.h"
 #include "engine/worker/script_text.h"
 #include "engine/worker/utf8.h"
@@ -70,15 +70,13 @@ void checkLines(const std::string& text, std::size_t limit) {
   require(line.size() <= limit && isUtf8(line), "a line is UTF-8 within its limit");
   require(std::none_of(line.begin(), line.end(), control), "a line has no control character");
   require(printableLine(line, limit) == line, "a line stays as it is");
-  const auto shown = pac_engine::visible(text);
+  const auto shown = base::visible(text);
   require(std::none_of(shown.begin(), shown.end(), control), "what is shown obeys nothing");
   require(shown.size() <= 4 * text.size(), "four characters for one at most");
-  require(pac_engine::visible(shown) == shown, "what is shown is shown once");
-  if (isUtf8(text)) {
-    require(isUtf8(shown), "UTF-8 is shown as UTF-8");
-    for (const char16_t unit : utf16Units(shown))
-      require(unit < 0x80 || unit >= 0xA0, "nor has it the control characters beyond ASCII");
-  }
+  require(base::visible(shown) == shown, "what is shown is shown once");
+  require(isUtf8(shown), "whatever it was, it is shown as UTF-8");
+  for (const char16_t unit : utf16Units(shown))
+    require(unit < 0x80 || unit >= 0xA0, "nor has it the control characters beyond ASCII");
   require(utf16Units(text).size() <= text.size(), "one unit for a byte at most");
 }
 

@@ -48,7 +48,7 @@ std::string shownName(const std::string& name) {
 std::string readScript(const std::string& name) {
   if (name == "-") return readAll(STDIN_FILENO, name);
   // Opening a fifo must not wait for somebody to write into it.
-  const pac_engine::UniqueFd file(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const base::UniqueFd file(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file) failToRead(name, errno);
   struct stat status {};
   if (fstat(file.get(), &status) != 0) failToRead(name, errno);

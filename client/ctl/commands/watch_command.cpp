@@ -63,13 +63,13 @@ sigset_t endSignalSet() {
 
 /// The signals that end the program, from now on as a descriptor, so that they meet no line half
 /// written.
-pac_engine::UniqueFd endSignals() {
+base::UniqueFd endSignals() {
   const auto set = endSignalSet();
   sigprocmask(SIG_BLOCK, &set, nullptr);
   struct sigaction end {};
   end.sa_handler = [](int) { _exit(kAnswered); };
   for (const int number : kEndSignals) sigaction(number, &end, nullptr);
-  pac_engine::UniqueFd fd(signalfd(-1, &set, SFD_CLOEXEC));
+  base::UniqueFd fd(signalfd(-1, &set, SFD_CLOEXEC));
   if (!fd) throw std::system_error(errno, std::generic_category(), "signalfd");
   return fd;
 }

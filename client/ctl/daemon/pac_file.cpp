@@ -69,7 +69,7 @@ PacFileState digested(int fd, PacFile file) {
 
 PacFileState lookAtPacFile(const char* path) {
   constexpr int kCarefully = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  const pac_engine::UniqueFd fd(open(path, kCarefully));
+  const base::UniqueFd fd(open(path, kCarefully));
   if (!fd && errno == ENOENT) return problem(false, "there is none");
   if (!fd && errno == ELOOP) return problem(true, "it is a link, which the daemon does not follow");
   if (!fd) return problem(true, "it cannot be read: " + reason(errno));

@@ -10,8 +10,8 @@
 #include <nlohmann/json.hpp>
 #include <system_error>
 
+#include "base/visible.h"
 #include "client/ctl/commands/command.h"
-#include "engine/pac_engine.h"
 
 namespace client {
 
@@ -40,7 +40,7 @@ const char* codeOf(Tone tone) {
 
 /// `text` between `code` and the return to normal, where there is colour.
 std::string coloured(const char* code, std::string_view text) {
-  auto shown = pac_engine::visible(text);
+  auto shown = base::visible(text);
   if (*code == '\0' || !isColoured()) return shown;
   return code + shown + kNormal;
 }
@@ -77,7 +77,7 @@ void printEvent(std::string_view time, const Row& event, int width) {
 }
 
 void printLine(std::string_view line) {
-  std::cout << pac_engine::visible(line) << '\n';
+  std::cout << base::visible(line) << '\n';
   finishOutput();
 }
 
@@ -106,7 +106,7 @@ void finishOutput() {
 }
 
 void complain(std::string_view message) {
-  std::cerr << "proxymanagerctl: " << pac_engine::visible(message) << '\n';
+  std::cerr << "proxymanagerctl: " << base::visible(message) << '\n';
 }
 
 }  // namespace client

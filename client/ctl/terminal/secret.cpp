@@ -11,10 +11,10 @@
 #include <utility>
 
 #include "base/unique_fd.h"
+#include "base/visible.h"
 #include "client/ctl/commands/command.h"
 #include "client/ctl/commands/script_file.h"
 #include "client/library/bus_text.h"
-#include "engine/pac_engine.h"
 
 namespace client {
 
@@ -73,7 +73,7 @@ Secret ask(const std::string& prompt, const std::string& what, const std::string
 }  // namespace
 
 std::string passwordPrompt(const std::string& user) {
-  return "Password for " + pac_engine::visible(user) + ": ";
+  return "Password for " + base::visible(user) + ": ";
 }
 
 Secret& Secret::operator=(Secret&& other) noexcept {
@@ -102,7 +102,7 @@ Secret readLine(const std::string& name, const char* what, const std::string& pr
   if (isStandardInput && isatty(STDIN_FILENO) == 1) {
     return ask(prompt, what, std::string("there is no terminal to ask for ") + what);
   }
-  pac_engine::UniqueFd file;
+  base::UniqueFd file;
   if (!isStandardInput) {
     file.reset(open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file) {

@@ -20,7 +20,7 @@
 namespace {
 
 using namespace sandbox;
-using pac_engine::UniqueFd;
+using base::UniqueFd;
 
 /// A child that reports what it finds through descriptor 3 and lives until that ends.
 struct Child {

@@ -1,0 +1,15 @@
+// The files that several programs of this tree agree on.
+#pragma once
+
+namespace base {
+
+/// The script in force. The daemon writes it; everybody may read it.
+inline constexpr char kPacFile[] = "/tmp/proxymanager.pac";
+/// The lease of the DHCP client, lines of key=value.
+inline constexpr char kLeaseFile[] = "/usr/local/lumad/dhcp.conf";
+/// The search list of the network, one line of a resolver's configuration.
+inline constexpr char kResolverFile[] = "/tmp/.resolv.conf.dnsmasq";
+/// The zone rules of the device.
+inline constexpr char kZoneFile[] = "/etc/localtime";
+
+}  // namespace base

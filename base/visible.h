@@ -1,0 +1,14 @@
+// Text from outside, fit for a log line or a terminal.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace base {
+
+/// `text` as well-formed UTF-8 without control characters: each of these (U+0000 to U+001F, U+007F
+/// to U+009F) becomes "\xNN", and so does each byte that is not part of a character. A log line
+/// then stays one line, and a terminal obeys nothing. Throws std::bad_alloc.
+std::string visible(std::string_view text);
+
+}  // namespace base

@@ -1,0 +1,27 @@
+// Secrets that do not stay in memory when they are released.
+#pragma once
+
+#include <cstring>
+#include <string>
+
+namespace base {
+
+/// Overwrites `size` bytes, in a way that the compiler keeps; null is accepted.
+inline void wipe(void* bytes, std::size_t size) noexcept {
+  if (bytes != nullptr) explicit_bzero(bytes, size);
+}
+
+/// Overwrites a C string up to its terminator; null is accepted. The caller still frees it.
+inline void wipe(char* text) noexcept {
+  if (text != nullptr) wipe(text, std::strlen(text));
+}
+
+/// Overwrites all that `text` has room for, and empties it. Bytes that it left behind when it grew
+/// or moved are not reached.
+inline void wipe(std::string& text) noexcept {
+  text.resize(text.capacity());  // what was cut off is wiped, too; no allocation
+  wipe(text.data(), text.size());
+  text.clear();
+}
+
+}  // namespace base
