@@ -1,62 +1,70 @@
-# proxymanager_quickjs: the JavaScript engine, for the script worker alone.
+# proxymanager_quickjs: the JavaScript engine, QuickJS-NG, for the script worker alone.
 #
-# In this order: the folder the build was told (-DPROXYMANAGER_QUICKJS_ROOT=, laid out as a prefix),
-# an installed package, the distribution's source package of a later release, built once per machine
-# by packaging/quickjs/build_quickjs.sh. The engine is always a plain build, also under sanitizers.
+# In this order: the source folder that the build names (-DPROXYMANAGER_ENGINE_SOURCE=), the
+# distribution's package (libqjs-dev) where it is recent enough, the source that a release tarball of
+# this tree contains, the distribution's upstream tarball of a later suite, fetched once per machine
+# by packaging/quickjs/fetch_quickjs.sh.
+#
+# Sets PROXYMANAGER_ENGINE_VERSION and PROXYMANAGER_ENGINE_ORIGIN.
 include_guard()
 
-set(PROXYMANAGER_QUICKJS_ROOT "" CACHE PATH "Prefix of a QuickJS to use, instead of looking for one")
+# The first release without the published holes that docs/security/ lists.
+set(PROXYMANAGER_ENGINE_MINIMUM 0.16.2)
+set(PROXYMANAGER_ENGINE_SOURCE "" CACHE PATH
+    "An unpacked source tarball of QuickJS-NG to build the script engine from")
 
-# Sets ${result} to TRUE where quickjs.h and libquickjs are found; further arguments go to find_*.
-function(proxymanager_find_quickjs result)
-  unset(PROXYMANAGER_QUICKJS_INCLUDE CACHE)
-  unset(PROXYMANAGER_QUICKJS_LIBRARY CACHE)
-  find_path(PROXYMANAGER_QUICKJS_INCLUDE quickjs.h PATH_SUFFIXES include/quickjs quickjs ${ARGN})
-  find_library(PROXYMANAGER_QUICKJS_LIBRARY quickjs PATH_SUFFIXES lib/quickjs quickjs ${ARGN})
-  mark_as_advanced(PROXYMANAGER_QUICKJS_INCLUDE PROXYMANAGER_QUICKJS_LIBRARY)
-  if(PROXYMANAGER_QUICKJS_INCLUDE AND PROXYMANAGER_QUICKJS_LIBRARY)
-    set(${result} TRUE PARENT_SCOPE)
-  else()
-    set(${result} FALSE PARENT_SCOPE)
+set(engine_source "${PROXYMANAGER_ENGINE_SOURCE}")
+set(PROXYMANAGER_ENGINE_ORIGIN "source")
+if(NOT engine_source)
+  pkg_search_module(proxymanager_qjs IMPORTED_TARGET GLOBAL
+    "quickjs-ng>=${PROXYMANAGER_ENGINE_MINIMUM}" "qjs>=${PROXYMANAGER_ENGINE_MINIMUM}")
+  if(proxymanager_qjs_FOUND)
+    message(STATUS "Script engine: QuickJS-NG ${proxymanager_qjs_VERSION}, installed package")
+    set(PROXYMANAGER_ENGINE_VERSION "${proxymanager_qjs_VERSION}")
+    set(PROXYMANAGER_ENGINE_ORIGIN "package")
+    add_library(proxymanager_quickjs ALIAS PkgConfig::proxymanager_qjs)
+    return()
   endif()
-endfunction()
-
-if(PROXYMANAGER_QUICKJS_ROOT)
-  proxymanager_find_quickjs(quickjs_found PATHS "${PROXYMANAGER_QUICKJS_ROOT}" NO_DEFAULT_PATH
-    NO_CMAKE_FIND_ROOT_PATH)
-  if(NOT quickjs_found)
-    message(FATAL_ERROR "No quickjs.h and libquickjs under PROXYMANAGER_QUICKJS_ROOT="
-                        "${PROXYMANAGER_QUICKJS_ROOT}")
-  endif()
-else()
-  proxymanager_find_quickjs(quickjs_found)
+  set(engine_source "${CMAKE_CURRENT_LIST_DIR}/../packaging/quickjs/source")
 endif()
 
-if(NOT quickjs_found)
-  message(STATUS "QuickJS is not installed; its source package is used")
-  set(quickjs_environment "")
-  if(CMAKE_CROSSCOMPILING)
-    set(quickjs_environment "${CMAKE_COMMAND}" -E env "CC=${CMAKE_C_COMPILER}" "AR=${CMAKE_AR}"
-      "PROXYMANAGER_QUICKJS_FLAGS=--sysroot=${CMAKE_SYSROOT} ${CMAKE_C_FLAGS}")
-  endif()
+if(NOT PROXYMANAGER_ENGINE_SOURCE AND NOT EXISTS "${engine_source}")
   # Its error stream is not captured: the steps show as they happen.
-  execute_process(
-    COMMAND ${quickjs_environment}
-      "${CMAKE_CURRENT_LIST_DIR}/../packaging/quickjs/build_quickjs.sh"
-    OUTPUT_VARIABLE quickjs_root OUTPUT_STRIP_TRAILING_WHITESPACE
-    RESULT_VARIABLE quickjs_failed)
-  if(quickjs_failed)
-    message(FATAL_ERROR "QuickJS could not be built; install the package libquickjs, or give a "
-                        "prefix with -DPROXYMANAGER_QUICKJS_ROOT=")
+  execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../packaging/quickjs/fetch_quickjs.sh"
+    OUTPUT_VARIABLE engine_source OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE engine_failed)
+  if(engine_failed)
+    message(FATAL_ERROR "The script engine could not be fetched; install libqjs-dev, or give a "
+                        "source folder with -DPROXYMANAGER_ENGINE_SOURCE=")
   endif()
-  proxymanager_find_quickjs(quickjs_found PATHS "${quickjs_root}" NO_DEFAULT_PATH
-    NO_CMAKE_FIND_ROOT_PATH)
 endif()
 
-message(STATUS "QuickJS: ${PROXYMANAGER_QUICKJS_LIBRARY}")
-find_package(Threads REQUIRED)
-add_library(proxymanager_quickjs UNKNOWN IMPORTED GLOBAL)
-set_target_properties(proxymanager_quickjs PROPERTIES
-  IMPORTED_LOCATION "${PROXYMANAGER_QUICKJS_LIBRARY}"
-  INTERFACE_INCLUDE_DIRECTORIES "${PROXYMANAGER_QUICKJS_INCLUDE}"
-  INTERFACE_LINK_LIBRARIES "Threads::Threads;m")
+set(engine_parts dtoa.c libregexp.c libunicode.c quickjs.c)
+foreach(part ${engine_parts} quickjs.h)
+  if(NOT EXISTS "${engine_source}/${part}")
+    message(FATAL_ERROR "${engine_source} is no source of QuickJS-NG: ${part} is missing")
+  endif()
+endforeach()
+file(STRINGS "${engine_source}/quickjs.h" engine_version REGEX "define QJS_VERSION_(MAJOR|MINOR|PATCH)")
+string(REGEX REPLACE "[^0-9;]+" "" engine_version "${engine_version}")
+list(JOIN engine_version "." PROXYMANAGER_ENGINE_VERSION)
+if(PROXYMANAGER_ENGINE_VERSION VERSION_LESS PROXYMANAGER_ENGINE_MINIMUM)
+  message(FATAL_ERROR "${engine_source} is QuickJS-NG ${PROXYMANAGER_ENGINE_VERSION}; "
+                      "${PROXYMANAGER_ENGINE_MINIMUM} is the first without published holes")
+endif()
+message(STATUS "Script engine: QuickJS-NG ${PROXYMANAGER_ENGINE_VERSION}, built from ${engine_source}")
+
+# Upstream's own library without its module of files, processes and timers. Not by its CMakeLists.txt,
+# which builds programs besides.
+list(TRANSFORM engine_parts PREPEND "${engine_source}/")
+add_library(proxymanager_quickjs STATIC ${engine_parts})
+target_include_directories(proxymanager_quickjs SYSTEM PUBLIC "${engine_source}")
+target_compile_definitions(proxymanager_quickjs PRIVATE _GNU_SOURCE QUICKJS_NG_BUILD)
+target_link_libraries(proxymanager_quickjs PUBLIC Threads::Threads m ${CMAKE_DL_LIBS})
+set_target_properties(proxymanager_quickjs PROPERTIES C_STANDARD 11 C_STANDARD_REQUIRED ON
+  C_EXTENSIONS ON C_VISIBILITY_PRESET hidden)
+# In place of the folder's options: the engine is a plain, optimized build also under sanitizers and
+# for coverage, since its stack and heap limits are tested as they are on a device. Its assertions
+# stay: a worker that ends is better than one that goes on with broken memory.
+set_property(TARGET proxymanager_quickjs PROPERTY COMPILE_OPTIONS
+  -O2 -UNDEBUG -funsigned-char -w -fno-strict-aliasing -fno-strict-overflow
+  -fno-delete-null-pointer-checks -fstack-protector-strong -fstack-clash-protection)

@@ -101,9 +101,10 @@ if [ "$action" = list ]; then
   cat "$wanted"
   exit 0
 fi
-# By their names; clang's own library is for clang, which builds for this machine alone.
+# By their names; clang's own library is for clang, which builds for this machine alone, and the
+# script engine is built from source where the package is missing.
 if [ "$action" = list-libraries ]; then
-  grep -E '^(lib|nlohmann).*-dev( |$)' "$wanted" | grep -v '^libclang' | sed 's/ .*//'
+  grep -E '^(lib|nlohmann).*-dev( |$)' "$wanted" | grep -v -e '^libclang' -e '^libqjs' | sed 's/ .*//'
   exit 0
 fi
 

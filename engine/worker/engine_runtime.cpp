@@ -31,8 +31,8 @@ std::size_t weight(void* block) {
   return malloc_usable_size(block) + kBlockOverhead;
 }
 
-EngineRuntime& ownerOf(JSMallocState* state) {
-  return *static_cast<EngineRuntime*>(state->opaque);
+EngineRuntime& ownerOf(void* self) {
+  return *static_cast<EngineRuntime*>(self);
 }
 
 std::size_t usableSize(const void* block) {
@@ -46,8 +46,9 @@ Text::Text(JSContext* context, JSValueConst value)
   EngineRuntime::of(context).countWork(mLength);
 }
 
-// The engine's own heap functions do the same, but do not tell that they refused.
-const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocate, release, reallocate, usableSize};
+// The engine's own heap functions do the same, but do not report that they refused.
+const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocateZeroed, allocate, release,
+                                                         reallocate, usableSize};
 
 bool EngineRuntime::grants(std::size_t others, std::size_t size) {
   const auto fits = [&](std::size_t limit) { return others < limit && size <= limit - others; };
@@ -57,38 +58,65 @@ bool EngineRuntime::grants(std::size_t others, std::size_t size) {
   return size <= kSmallBlock && fits(mLimits.heapBytes + mReserve);
 }
 
-void* EngineRuntime::allocate(JSMallocState* state, std::size_t size) {
-  EngineRuntime& self = ownerOf(state);
+void* EngineRuntime::allocate(void* owner, std::size_t size) {
+  EngineRuntime& self = ownerOf(owner);
   void* const block = self.grants(self.mBytes, size) ? std::malloc(size) : nullptr;
-  if (block == nullptr) return nullptr;
-  self.mBytes += weight(block);
-  ++state->malloc_count;
-  state->malloc_size = self.mBytes;
+  if (block != nullptr) self.mBytes += weight(block);
   return block;
 }
 
-void EngineRuntime::release(JSMallocState* state, void* block) {
+void* EngineRuntime::allocateZeroed(void* owner, std::size_t count, std::size_t size) {
+  EngineRuntime& self = ownerOf(owner);
+  std::size_t bytes = 0;
+  const bool fits = !__builtin_mul_overflow(count, size, &bytes) && self.grants(self.mBytes, bytes);
+  void* const block = fits ? std::calloc(count, size) : nullptr;
+  if (block != nullptr) self.mBytes += weight(block);
+  return block;
+}
+
+void EngineRuntime::release(void* owner, void* block) {
   if (block == nullptr) return;
-  EngineRuntime& self = ownerOf(state);
-  self.mBytes -= weight(block);
-  --state->malloc_count;
-  state->malloc_size = self.mBytes;
+  ownerOf(owner).mBytes -= weight(block);
   std::free(block);
 }
 
-void* EngineRuntime::reallocate(JSMallocState* state, void* block, std::size_t size) {
-  if (block == nullptr) return size == 0 ? nullptr : allocate(state, size);
+void* EngineRuntime::reallocate(void* owner, void* block, std::size_t size) {
+  if (block == nullptr) return size == 0 ? nullptr : allocate(owner, size);
   if (size == 0) {
-    release(state, block);
+    release(owner, block);
     return nullptr;
   }
-  EngineRuntime& self = ownerOf(state);
+  EngineRuntime& self = ownerOf(owner);
   const std::size_t others = self.mBytes - weight(block);
   void* const moved = self.grants(others, size) ? std::realloc(block, size) : nullptr;
   if (moved == nullptr) return nullptr;
   self.mBytes = others + weight(moved);
-  state->malloc_size = self.mBytes;
   return moved;
+}
+
+// What a PAC script has in a browser: the language and nothing of a host. JS_NewContext() would add
+// the clock `performance`, `atob`, `btoa` and `DOMException`; modules, timers and files are in the
+// engine's other library, which is not linked.
+EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
+  OwnedContext context(JS_NewContextRaw(runtime));
+  if (!context) return nullptr;
+  constexpr int (*kIntrinsics[])(JSContext*) = {JS_AddIntrinsicBaseObjects, JS_AddIntrinsicDate,
+                                                JS_AddIntrinsicEval,        JS_AddIntrinsicRegExp,
+                                                JS_AddIntrinsicJSON,        JS_AddIntrinsicProxy,
+                                                JS_AddIntrinsicMapSet,      JS_AddIntrinsicPromise,
+                                                JS_AddIntrinsicTypedArrays, JS_AddIntrinsicWeakRef};
+  for (const auto add : kIntrinsics)
+    if (add(context.get()) != 0) return nullptr;
+  // A global function of the engine, but of a host in a browser.
+  constexpr const char* kHostNames[] = {"queueMicrotask", "InternalError"};
+  const Value global(context.get(), JS_GetGlobalObject(context.get()));
+  for (const char* const name : kHostNames) {
+    const JSAtom atom = JS_NewAtom(context.get(), name);
+    const int gone = JS_DeleteProperty(context.get(), global.get(), atom, 0);
+    JS_FreeAtom(context.get(), atom);
+    if (gone < 0) return nullptr;
+  }
+  return context;
 }
 
 EngineRuntime::EngineRuntime(PacEnvironment& environment, const ScriptLimits& limits)
@@ -97,20 +125,33 @@ EngineRuntime::EngineRuntime(PacEnvironment& environment, const ScriptLimits& li
   JS_SetMaxStackSize(mRuntime.get(), mLimits.stackBytes);
   JS_SetInterruptHandler(mRuntime.get(), interrupt, this);
   begin();
-  // Everything of the language and nothing of a host: modules, timers and files would be the
-  // business of the engine's other library, which is not linked.
-  mContext.reset(JS_NewContext(mRuntime.get()));
+  mContext = languageContext(mRuntime.get());
   if (!mContext) return;
+  JS_SetContextOpaque(mContext.get(), this);
+  keepIntrinsics();
+}
+
+void EngineRuntime::keepIntrinsics() {
   JSContext* const context = mContext.get();
-  JS_SetContextOpaque(context, this);
   const Value global(context, JS_GetGlobalObject(context));
   mRegExpConstructor = JS_GetPropertyStr(context, global.get(), "RegExp");
-  const Value prototype(context, JS_GetPropertyStr(context, mRegExpConstructor, "prototype"));
-  mRegExpExec = JS_GetPropertyStr(context, prototype.get(), "exec");
+  const Value regExp(context, JS_GetPropertyStr(context, mRegExpConstructor, "prototype"));
+  mRegExpExec = JS_GetPropertyStr(context, regExp.get(), "exec");
+  const Value constructor(context, JS_GetPropertyStr(context, global.get(), "Error"));
+  const Value error(context, JS_GetPropertyStr(context, constructor.get(), "prototype"));
+  const JSAtom name = JS_NewAtom(context, "stack");
+  JSPropertyDescriptor stack{};
+  if (JS_IsObject(error.get()) && JS_GetOwnProperty(context, &stack, error.get(), name) > 0) {
+    mErrorStack = stack.getter;
+    JS_FreeValue(context, stack.setter);
+    JS_FreeValue(context, stack.value);
+  }
+  JS_FreeAtom(context, name);
 }
 
 EngineRuntime::~EngineRuntime() {
   if (!mContext) return;
+  JS_FreeValue(mContext.get(), mErrorStack);
   JS_FreeValue(mContext.get(), mRegExpExec);
   JS_FreeValue(mContext.get(), mRegExpConstructor);
 }
@@ -126,7 +167,7 @@ void EngineRuntime::begin() {
 }
 
 void EngineRuntime::runJobs() {
-  for (int i = 0; i < kMostJobs && JS_IsJobPending(mRuntime.get()) != 0 && !timeIsUp(); ++i) {
+  for (int i = 0; i < kMostJobs && JS_IsJobPending(mRuntime.get()) && !timeIsUp(); ++i) {
     JSContext* context = nullptr;
     // What a job throws goes nowhere, as an unhandled rejection.
     if (JS_ExecutePendingJob(mRuntime.get(), &context) < 0)

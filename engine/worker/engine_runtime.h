@@ -31,7 +31,7 @@ class Value {
   Value& operator=(const Value&) = delete;
 
   [[nodiscard]] JSValueConst get() const { return mValue; }
-  [[nodiscard]] bool isException() const { return JS_IsException(mValue) != 0; }
+  [[nodiscard]] bool isException() const { return JS_IsException(mValue); }
 
  private:
   JSContext* mContext;
@@ -97,6 +97,8 @@ class EngineRuntime {
   /// The language's own regular expressions, whatever the script makes of their names.
   [[nodiscard]] JSValueConst regExpConstructor() const { return mRegExpConstructor; }
   [[nodiscard]] JSValueConst regExpExec() const { return mRegExpExec; }
+  /// The getter of an error's stack trace; it runs no code of the script.
+  [[nodiscard]] JSValueConst errorStack() const { return mErrorStack; }
 
  private:
   struct RuntimeDeleter {
@@ -106,10 +108,18 @@ class EngineRuntime {
     void operator()(JSContext* context) const { JS_FreeContext(context); }
   };
 
+  using OwnedContext = std::unique_ptr<JSContext, ContextDeleter>;
+
+  /// Takes hold of what the script may replace later.
+  void keepIntrinsics();
+  /// A context with the language alone; null where the heap limit is too low for it.
+  static OwnedContext languageContext(JSRuntime* runtime);
+
   static const JSMallocFunctions kHeapFunctions;
-  static void* allocate(JSMallocState* state, std::size_t size);
-  static void release(JSMallocState* state, void* block);
-  static void* reallocate(JSMallocState* state, void* block, std::size_t size);
+  static void* allocate(void* self, std::size_t size);
+  static void* allocateZeroed(void* self, std::size_t count, std::size_t size);
+  static void release(void* self, void* block);
+  static void* reallocate(void* self, void* block, std::size_t size);
   static int interrupt(JSRuntime* runtime, void* self);
   /// Whether a block may be had, with `others` bytes handed out besides.
   bool grants(std::size_t others, std::size_t size);
@@ -128,9 +138,10 @@ class EngineRuntime {
   std::chrono::steady_clock::time_point mDeadline;
   std::size_t mAlertBytesLeft = 0;
   std::unique_ptr<JSRuntime, RuntimeDeleter> mRuntime;
-  std::unique_ptr<JSContext, ContextDeleter> mContext;
+  OwnedContext mContext;
   JSValue mRegExpConstructor = JS_UNDEFINED;
   JSValue mRegExpExec = JS_UNDEFINED;
+  JSValue mErrorStack = JS_UNDEFINED;
 };
 
 }  // namespace pac_worker

@@ -85,7 +85,7 @@ std::optional<ScriptError> ScriptEngine::Impl::run() {
     const Value entry(context, JS_GetPropertyStr(context, global.get(), kEntryPoint));
     if (entry.isException())
       error = takeException(context);
-    else if (JS_IsFunction(context, entry.get()) == 0)
+    else if (!JS_IsFunction(context, entry.get()))
       error = errorOf(std::string("the script defines no function ") + kEntryPoint);
   }
   const std::optional<ScriptError> limit = passedLimit();
@@ -95,7 +95,7 @@ std::optional<ScriptError> ScriptEngine::Impl::run() {
 
 Evaluation ScriptEngine::Impl::answerOf(JSValueConst result) {
   JSContext* const context = runtime->context();
-  if (JS_IsString(result) == 0) return {std::nullopt, errorOf("the result is no string")};
+  if (!JS_IsString(result)) return {std::nullopt, errorOf("the result is no string")};
   // Asked first, as a long result may be too long to be laid out in memory at all.
   const Value length(context, JS_GetPropertyStr(context, result, "length"));
   std::int64_t units = 0;

@@ -31,6 +31,15 @@ class Atom {
   JSAtom mAtom;
 };
 
+// The text of a value, without the end that no line of a log holds; nothing if it is no string.
+std::optional<std::string> textOf(JSContext* context, JSValueConst value) {
+  if (!JS_IsString(value)) return std::nullopt;
+  const Text text(context, value);
+  if (text) return std::string(text.view().substr(0, kErrorBytes * 8));
+  dropException(context);
+  return std::nullopt;
+}
+
 // The text of an object's own property; nothing where it is none, has a getter or holds no string.
 // The object must be no Proxy.
 std::optional<std::string> ownText(JSContext* context, JSValueConst object, const char* name) {
@@ -43,11 +52,16 @@ std::optional<std::string> ownText(JSContext* context, JSValueConst object, cons
   const Value getter(context, property.getter);
   const Value setter(context, property.setter);
   const bool accessor = (property.flags & JS_PROP_GETSET) != 0;
-  if (accessor || JS_IsString(value.get()) == 0) return std::nullopt;
-  const Text text(context, value.get());
-  if (text) return std::string(text.view().substr(0, kErrorBytes * 8));
-  dropException(context);
-  return std::nullopt;
+  return accessor ? std::nullopt : textOf(context, value.get());
+}
+
+// The trace that the engine made when the error was: by the engine's own getter, since the property
+// is the script's to replace.
+std::string stackOf(JSContext* context, JSValueConst error) {
+  const JSValueConst getter = EngineRuntime::of(context).errorStack();
+  const Value stack(context, JS_Call(context, getter, error, 0, nullptr));
+  if (stack.isException()) dropException(context);
+  return textOf(context, stack.get()).value_or("");
 }
 
 // The name of an error is usually its prototype's. Only plain objects are looked into, whose
@@ -62,7 +76,7 @@ std::string nameOf(JSContext* context, JSValueConst error) {
   for (int i = 0; i < kMostPrototypes && !name; ++i) {
     const Value current(context, at);
     at = JS_GetPrototype(context, current.get());
-    if (JS_IsObject(at) == 0 || JS_GetClassID(at) != plain) break;
+    if (!JS_IsObject(at) || JS_GetClassID(at) != plain) break;
     name = ownText(context, at, "name");
   }
   JS_FreeValue(context, at);
@@ -83,7 +97,7 @@ std::uint32_t lineIn(std::string_view stack) {
 ScriptError describeError(JSContext* context, JSValueConst error) {
   const std::string message = ownText(context, error, "message").value_or("");
   ScriptError described = errorOf(nameOf(context, error) + (message.empty() ? "" : ": ") + message);
-  described.line = lineIn(ownText(context, error, "stack").value_or(""));
+  described.line = lineIn(stackOf(context, error));
   return described;
 }
 
@@ -95,9 +109,8 @@ ScriptError errorOf(std::string_view message) {
 
 ScriptError takeException(JSContext* context) {
   const Value thrown(context, JS_GetException(context));
-  if (JS_IsError(context, thrown.get()) != 0) return describeError(context, thrown.get());
-  if (JS_IsObject(thrown.get()) != 0 || JS_IsSymbol(thrown.get()) != 0)
-    return errorOf("uncaught exception");
+  if (JS_IsError(thrown.get())) return describeError(context, thrown.get());
+  if (JS_IsObject(thrown.get()) || JS_IsSymbol(thrown.get())) return errorOf("uncaught exception");
   const Text text(context, thrown.get());
   if (text)
     return errorOf("uncaught exception: " + std::string(text.view().substr(0, kErrorBytes)));

@@ -31,7 +31,7 @@ struct Call {
   [[nodiscard]] JSValueConst operator[](std::size_t index) const {
     return index < arguments.size() ? arguments[index] : JS_UNDEFINED;
   }
-  [[nodiscard]] bool isText(std::size_t index) const { return JS_IsString((*this)[index]) != 0; }
+  [[nodiscard]] bool isText(std::size_t index) const { return JS_IsString((*this)[index]); }
   [[nodiscard]] PacEnvironment& environment() const {
     return EngineRuntime::of(context).environment();
   }
@@ -48,7 +48,7 @@ JSValue textValue(const Call& call, std::string_view text) {
 // An argument that must not be null, undefined or missing; a false Text has an exception pending.
 Text wanted(const Call& call, std::size_t index) {
   const JSValueConst value = call[index];
-  if (JS_IsNull(value) != 0 || JS_IsUndefined(value) != 0)
+  if (JS_IsNull(value) || JS_IsUndefined(value))
     JS_ThrowTypeError(call.context, "argument %zu is null or missing", index + 1);
   else
     return {call.context, value};
@@ -160,7 +160,7 @@ JSValue matchAsRegExp(const Call& call, JSValueConst text, std::string_view expr
   JSValueConst texts[] = {text};
   const Value found(call.context,
                     JS_Call(call.context, runtime.regExpExec(), regExp.get(), 1, texts));
-  return found.isException() ? JS_EXCEPTION : truth(JS_IsNull(found.get()) == 0);
+  return found.isException() ? JS_EXCEPTION : truth(!JS_IsNull(found.get()));
 }
 
 JSValue shExpMatchHelper(const Call& call) {
@@ -186,7 +186,7 @@ std::optional<std::vector<RangeArgument>> rangeArguments(const Call& call) {
   const std::size_t count = std::min(call.arguments.size(), kMostRangeArguments);
   arguments.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {
-    if (JS_IsNumber(call[i]) != 0) {
+    if (JS_IsNumber(call[i])) {
       double number = 0;
       JS_ToFloat64(call.context, &number, call[i]);
       arguments.emplace_back(number);
@@ -218,7 +218,7 @@ JSValue timeRangeHelper(const Call& call) {
 }
 
 JSValue alertHelper(const Call& call) {
-  const bool symbol = JS_IsSymbol(call[0]) != 0;
+  const bool symbol = JS_IsSymbol(call[0]);
   const Text text(call.context, symbol ? JS_UNDEFINED : call[0]);
   if (!text) return JS_EXCEPTION;
   // String() of a symbol does not throw, unlike every other conversion of one.
@@ -236,7 +236,7 @@ JSValue endedInTime(const Call& call, JSValue result) {
   JS_FreeValue(context, result);
   JS_ThrowInternalError(context, "interrupted");
   const JSValue error = JS_GetException(context);
-  JS_SetUncatchableError(context, error, 1);
+  JS_SetUncatchableError(context, error);
   return JS_Throw(context, error);
 }
 

@@ -96,7 +96,7 @@ http://a/
   entry   (none)
 http://b/
   host   b
-  error  line 3: ReferenceError: 'missing' is not defined
+  error  line 3: ReferenceError: missing is not defined
 """
 
 

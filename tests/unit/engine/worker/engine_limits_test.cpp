@@ -77,7 +77,8 @@ TEST(StackLimit, IsReachedAndNotPassed) {
       "function deeper(n) { alert('x');"
       "  try { return deeper(n + 1); } catch (e) { return e.name + ': ' + e.message; } }"));
   const auto evaluation = engine.evaluate("http://h/", "h");
-  EXPECT_EQ(evaluation.result, "InternalError: stack overflow") << "caught by the script";
+  EXPECT_EQ(evaluation.result, "RangeError: Maximum call stack size exceeded")
+      << "caught by the script";
   // The last call lacked one frame of the interpreter, under 1 KiB; some more lie above the first
   // alert and below the last.
   EXPECT_LE(gauge.deepest(), kStack);

@@ -115,8 +115,7 @@ class Recursion : public Hostile, public testing::WithParamInterface<Attack> {};
 
 TEST_P(Recursion, IsEndedByTheStackLimit) {
   const std::string answer = attack(GetParam().body, patient(), GetParam().prelude);
-  EXPECT_TRUE(answer == "!InternalError: stack overflow" ||
-              answer.substr(0, 12) == "!RangeError:" || answer.substr(0, 13) == "!SyntaxError:")
+  EXPECT_TRUE(answer.substr(0, 12) == "!RangeError:" || answer.substr(0, 13) == "!SyntaxError:")
       << answer;
   EXPECT_EQ(ask(), "DIRECT");
   EXPECT_EQ(attack("try { " + std::string(GetParam().body) + " } catch { return 'caught' }",

@@ -135,6 +135,23 @@ TEST_F(Loading, ShowsNoHostObjects) {
             "sortIpAddressList,timeRange,weekdayRange");
 }
 
+// Of the engine's own globals a browser's PAC scripts lack `performance`, `queueMicrotask`, `atob`,
+// `btoa`, `DOMException` and `InternalError`. A name that a newer engine brings fails here, and is
+// then compared with a browser.
+TEST_F(Loading, HasTheGlobalNamesOfTheLanguageAlone) {
+  EXPECT_EQ(value("Object.getOwnPropertyNames(globalThis).filter(name => "
+                  "!Object.keys(globalThis).includes(name)).sort()"),
+            "AggregateError,Array,ArrayBuffer,AsyncDisposableStack,Atomics,BigInt,"
+            "BigInt64Array,BigUint64Array,Boolean,DataView,Date,DisposableStack,Error,"
+            "EvalError,FinalizationRegistry,Float16Array,Float32Array,Float64Array,Function,"
+            "Infinity,Int16Array,Int32Array,Int8Array,Iterator,JSON,Map,Math,NaN,Number,"
+            "Object,Promise,Proxy,RangeError,ReferenceError,Reflect,RegExp,Set,"
+            "SharedArrayBuffer,String,SuppressedError,Symbol,SyntaxError,TypeError,"
+            "URIError,Uint16Array,Uint32Array,Uint8Array,Uint8ClampedArray,WeakMap,WeakRef,"
+            "WeakSet,decodeURI,decodeURIComponent,encodeURI,encodeURIComponent,escape,eval,"
+            "globalThis,isFinite,isNaN,parseFloat,parseInt,undefined,unescape");
+}
+
 TEST_F(Loading, CannotImportModules) {
   EXPECT_EQ(load("var seen = 'pending';"
                  "import('std').then(() => { seen = 'loaded' }, () => { seen = 'refused' });"
@@ -147,7 +164,7 @@ TEST_F(Loading, CannotImportModules) {
 TEST_F(Loading, TellsWhyAndWhereItFailed) {
   EXPECT_EQ(load("1;\n2;\nfunction (\n" + kDirect).substr(0, 12), "SyntaxError:");
   EXPECT_EQ(mLine, 3U);
-  EXPECT_EQ(load("1;\nmissing();\n" + kDirect), "ReferenceError: 'missing' is not defined");
+  EXPECT_EQ(load("1;\nmissing();\n" + kDirect), "ReferenceError: missing is not defined");
   EXPECT_EQ(mLine, 2U);
   EXPECT_EQ(load("\n\nthrow new TypeError('not today')"), "TypeError: not today");
   EXPECT_EQ(mLine, 3U);

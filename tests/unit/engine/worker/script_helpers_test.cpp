@@ -160,7 +160,7 @@ TEST_F(Helpers, ShExpMatchDoesNotDependOnTheScriptsRegExp) {
 }
 
 TEST_F(Helpers, ShExpMatchHandsLongWorkToTheEngine) {
-  EXPECT_EQ(value("shExpMatch('a'.repeat(3e6), '*b') + '' + shExpMatch('a'.repeat(3e6), '*a')"),
+  EXPECT_EQ(value("shExpMatch('a'.repeat(15e5), '*b') + '' + shExpMatch('a'.repeat(15e5), '*a')"),
             "falsetrue");
 }
 
