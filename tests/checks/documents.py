@@ -4,6 +4,7 @@
 usage: documents.py TREE | --self-test
 
 - A link to a file of the tree, or to a heading of a document, leads there.
+- A path in backticks that begins with a folder of the tree is there; "*" stands for anything.
 - README.md and docs/testing.md stay short enough to be read.
 - docs/decisions/README.md lists each decision once.
 - docs/installing.md has one row for each PROXYMANAGER_ cache variable, and no row for another name.
@@ -21,6 +22,10 @@ DECISIONS = "docs/decisions"
 
 LINK = re.compile(r"\]\(([^)\s]+)\)")
 FENCE = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
+PATH = re.compile(r"`([a-z_]+/[\w./*-]*)`")
+PLACEHOLDER = re.compile(r"\b[A-Z]{3,}")
+# Folders that a build or a machine makes.
+NOT_OURS = ("build",)
 HEADING = re.compile(r"^#+ (.*)$", re.MULTILINE)
 VARIABLE = re.compile(
     r"^\s*(?:option|find_\w+)\(\s*(PROXYMANAGER_\w+)"
@@ -57,6 +62,16 @@ def broken_links(tree):
                 yield f"{document.relative_to(tree)} links to {target}: no such heading"
 
 
+def missing_paths(tree):
+    for document in documents(tree):
+        for path in PATH.findall(FENCE.sub("", read(document))):
+            top = path.split("/")[0]
+            if top in NOT_OURS or not (tree / top).is_dir() or PLACEHOLDER.search(path):
+                continue
+            if not any(tree.glob(path.rstrip("/"))):
+                yield f"{document.relative_to(tree)} names {path}, which does not exist"
+
+
 def overweight(tree):
     for name, most in LONGEST.items():
         lines = len(read(tree / name).splitlines())
@@ -88,12 +103,12 @@ def undocumented_variables(tree):
 
 
 def findings(tree):
-    for check in (broken_links, overweight, unlisted_decisions, undocumented_variables):
+    for check in (broken_links, missing_paths, overweight, unlisted_decisions, undocumented_variables):
         yield from check(tree)
 
 
 GOOD = {
-    "README.md": "# A\n[b](docs/installing.md#two-words) [c](#a) [d](https://a.example/)\n"
+    "README.md": "# A\n[b](docs/installing.md#two-words) [c](#a) [d](https://a.example/) `docs/*.md` `docs/NAME.md`\n"
                  "```\n[none](none.md)\n```\n",
     "docs/testing.md": "# T\n",
     "docs/installing.md": "# I\n## Two words\n| `PROXYMANAGER_ONE` | |\n| `PROXYMANAGER_TWO` | |\n",
@@ -105,6 +120,7 @@ GOOD = {
 BAD = [
     ("README.md", "# A\n[b](none.md)\n", "does not exist"),
     ("README.md", "# A\n[b](docs/installing.md#three-words)\n", "no such heading"),
+    ("README.md", "# A\n`docs/none.md`\n", "does not exist"),
     ("README.md", "# A\n" + "line\n" * 170, "171 lines"),
     ("docs/decisions/0002-second.md", "# Second\n", "0 times"),
     ("cmake/a.cmake", "find_program(PROXYMANAGER_THREE qemu)\n", "rows for PROXYMANAGER_THREE"),
