@@ -24,8 +24,8 @@ LINK = re.compile(r"\]\(([^)\s]+)\)")
 FENCE = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
 PATH = re.compile(r"`([a-z_]+/[\w./*-]*)`")
 PLACEHOLDER = re.compile(r"\b[A-Z]{3,}")
-# Folders that a build or a machine makes.
-NOT_OURS = ("build",)
+# Folders that a build makes, and that a source tarball holds besides.
+NOT_OURS = ("build/", "packaging/quickjs/source")
 HEADING = re.compile(r"^#+ (.*)$", re.MULTILINE)
 VARIABLE = re.compile(
     r"^\s*(?:option|find_\w+)\(\s*(PROXYMANAGER_\w+)"
@@ -66,7 +66,7 @@ def missing_paths(tree):
     for document in documents(tree):
         for path in PATH.findall(FENCE.sub("", read(document))):
             top = path.split("/")[0]
-            if top in NOT_OURS or not (tree / top).is_dir() or PLACEHOLDER.search(path):
+            if path.startswith(NOT_OURS) or not (tree / top).is_dir() or PLACEHOLDER.search(path):
                 continue
             if not any(tree.glob(path.rstrip("/"))):
                 yield f"{document.relative_to(tree)} names {path}, which does not exist"

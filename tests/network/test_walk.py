@@ -1,5 +1,5 @@
 """How long an update waits behind a walk over candidates that do not answer, and the questions
-behind that update. docs/limits-of-a-walk.md says what is measured here."""
+behind that update. docs/limits.md has the measured times."""
 
 import threading
 import time
