@@ -1,4 +1,4 @@
-// The names under which the daemon is found on the bus.
+// The names under which the daemon and its settings service are found on the bus.
 #pragma once
 
 namespace base {
@@ -6,5 +6,10 @@ namespace base {
 inline constexpr char kBusName[] = "com.zentu.ProxyManagerService";
 inline constexpr char kObjectPath[] = "/com/zentu/ProxyManagerService";
 inline constexpr char kInterface[] = "com.zentu.ProxyManagerServiceInterface";
+
+/// The service that keeps the configuration: proxymanagerctl asks it what it does.
+inline constexpr char kSettingsBusName[] = "com.zentu.ProxyManagerSettings";
+inline constexpr char kSettingsObjectPath[] = "/com/zentu/ProxyManagerSettings";
+inline constexpr char kSettingsInterface[] = "com.zentu.ProxyManagerSettings";
 
 }  // namespace base

@@ -1,6 +1,7 @@
 # The libraries this tree links, each as an imported target, known to the projects that add this
 # tree. Their packages are named once, in packaging/debian/control.
 find_package(PkgConfig REQUIRED)
+find_package(nlohmann_json 3.11 REQUIRED)
 if(NOT TARGET Threads::Threads)
   find_package(Threads REQUIRED)
   set_target_properties(Threads::Threads PROPERTIES IMPORTED_GLOBAL TRUE)

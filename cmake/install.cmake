@@ -86,3 +86,22 @@ if(TARGET proxymanagerctl)
   install(FILES "${completion}/proxymanagerctl.fish"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
 endif()
+
+# The settings service: its units, user, policies and the commented file of settings.
+configure_file("${proxymanager_packaging}/systemd/proxymanager-settings.service.in"
+  "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-settings.service" @ONLY)
+install(FILES "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-settings.service"
+  "${proxymanager_packaging}/systemd/proxymanager-settings.socket"
+  DESTINATION "${PROXYMANAGER_SYSTEMD_UNIT_DIR}")
+install(FILES "${proxymanager_packaging}/sysusers.d/proxymanager-settings.conf"
+  DESTINATION lib/sysusers.d)
+install(FILES "${proxymanager_packaging}/dbus/com.zentu.ProxyManagerSettings.conf"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/system.d")
+install(FILES "${proxymanager_packaging}/dbus/com.zentu.ProxyManagerSettings.service"
+  "${proxymanager_packaging}/dbus/org.pacrunner.service"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/system-services")
+install(FILES "${proxymanager_packaging}/etc/settings.conf"
+  DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/proxymanager")
+install(FILES "${proxymanager_pages}/proxymanager-settings.8"
+  DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
+install(FILES "${proxymanager_pages}/settings.conf.5" DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")

@@ -83,9 +83,10 @@ class Client:
     def __exit__(self, *_):
         self.close()
 
-    def raw(self, member, signature=None, body=(), path=PATH, interface=INTERFACE, timeout=LIMIT):
+    def raw(self, member, signature=None, body=(), path=PATH, interface=INTERFACE, timeout=LIMIT,
+            bus_name=NAME):
         """A call as it is; interface None leaves the field out. Returns the reply message."""
-        message = new_method_call(DBusAddress(path, bus_name=NAME, interface=interface), member,
+        message = new_method_call(DBusAddress(path, bus_name=bus_name, interface=interface), member,
                                   signature, body)
         if interface is None:
             message.header.fields.pop(HeaderFields.interface, None)

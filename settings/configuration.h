@@ -1,0 +1,38 @@
+// A proxy configuration as the daemon takes it.
+#pragma once
+
+#include <string>
+
+namespace settings {
+
+enum class Mode { kOff, kManual, kPacUrl, kWpad };
+
+/// "off", "manual", "pacurl" or "wpad".
+inline const char* modeText(Mode mode) {
+  switch (mode) {
+    case Mode::kManual:
+      return "manual";
+    case Mode::kPacUrl:
+      return "pacurl";
+    case Mode::kWpad:
+      return "wpad";
+    case Mode::kOff:
+      break;
+  }
+  return "off";
+}
+
+/// What updateProxyconfig is called with. Only the URL of the mode is set.
+struct Configuration {
+  Mode mode = Mode::kOff;
+  std::string proxyUrl;  ///< in mode manual
+  std::string pacUrl;    ///< in mode pacurl
+  std::string user;
+  std::string password;
+
+  /// The daemon keeps user and password only if authentication is on.
+  bool authenticates() const { return !user.empty() || !password.empty(); }
+  bool operator==(const Configuration&) const = default;
+};
+
+}  // namespace settings

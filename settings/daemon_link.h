@@ -1,0 +1,87 @@
+// The daemon as this service sees it: whether it is on the bus, its configuration, its answers.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <chrono>
+#include <functional>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "settings/configuration.h"
+
+namespace settings {
+
+struct BusSlotCloser {
+  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
+};
+using BusSlot = std::unique_ptr<sd_bus_slot, BusSlotCloser>;
+
+struct BusMessageCloser {
+  void operator()(sd_bus_message* message) const { sd_bus_message_unref(message); }
+};
+using BusMessage = std::unique_ptr<sd_bus_message, BusMessageCloser>;
+
+/// How long the daemon may take to answer. The load of a script and an evaluation hold it for 5 s
+/// each, and other callers' questions may come first.
+inline constexpr std::chrono::seconds kDaemonLimit{60};
+
+/// One connection's view of the daemon. Callbacks run in the event loop and throw nothing.
+class DaemonLink {
+ public:
+  class Listener {
+   public:
+    virtual void daemonAppeared() = 0;  ///< once for each owner of the name
+    virtual void daemonVanished() = 0;
+
+   protected:
+    ~Listener() = default;
+  };
+
+  /// `bus` is attached to an event loop and outlives this.
+  explicit DaemonLink(sd_bus* bus) : mBus(bus) {}
+  DaemonLink(const DaemonLink&) = delete;
+  DaemonLink& operator=(const DaemonLink&) = delete;
+
+  /// Begins to watch the daemon's name. Throws std::system_error.
+  void watch(Listener& listener);
+  bool isThere() const { return !mOwner.empty(); }
+
+  /// The daemon's configuration, or nothing with the reason.
+  using Read = std::function<void(std::optional<Configuration>, const std::string& problem)>;
+  /// An empty text if the daemon has taken the configuration, else why not.
+  using Updated = std::function<void(const std::string& problem)>;
+  /// The daemon's answer: the mode and the entries; nothing without one.
+  using Answered = std::function<void(std::optional<std::vector<std::string>>)>;
+
+  /// Each begins one call that never starts the daemon and ends after kDaemonLimit. The callback is
+  /// called exactly once, later, unless the link is destroyed first.
+  void read(Read done);
+  void update(const Configuration& configuration, Updated done);
+  void ask(const std::string& url, Answered done);
+
+ private:
+  struct Call {
+    DaemonLink* link;
+    std::function<void(sd_bus_message*)> done;  ///< takes the reply, which may be an error
+    BusSlot slot;
+  };
+  void call(BusMessage message, std::function<void(sd_bus_message*)> done);
+  BusMessage newCall(const char* member);
+  void ownerIs(const std::string& owner);
+  static int onReply(sd_bus_message* reply, void* call, sd_bus_error*);
+  static int onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error*);
+  static int onOwner(sd_bus_message* reply, void* self, sd_bus_error*);
+
+  sd_bus* mBus;
+  Listener* mListener = nullptr;
+  std::string mOwner;  ///< unique name; empty if the daemon does not run
+  BusSlot mMatch;
+  BusSlot mFirstLook;
+  std::list<Call> mCalls;
+};
+
+}  // namespace settings

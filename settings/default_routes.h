@@ -1,0 +1,28 @@
+// Which interfaces have a default route, and when that changes.
+//
+// The routes are read from /proc: the kernel's own text, in two files, needs no parser of netlink
+// messages. A netlink socket tells only that something has changed.
+#pragma once
+
+#include <string_view>
+
+#include "base/unique_fd.h"
+#include "settings/network_set.h"
+
+namespace settings {
+
+/// Adds the default routes of /proc/net/route (IPv4) to `routes`; of two of one interface the lower
+/// metric counts. Lines that cannot be read are skipped.
+void addIpv4DefaultRoutes(std::string_view text, DefaultRoutes& routes);
+/// The same for /proc/net/ipv6_route.
+void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes);
+
+/// The default routes of the process's network namespace; none if they cannot be read.
+DefaultRoutes readDefaultRoutes();
+
+/// A socket that becomes readable when a route or a link changes. Its messages say nothing that is
+/// needed: drainRouteSocket() throws them away. Empty if the kernel gives none.
+base::UniqueFd openRouteSocket();
+void drainRouteSocket(int socket);
+
+}  // namespace settings

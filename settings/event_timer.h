@@ -1,0 +1,40 @@
+// A timer of the event loop that fires once.
+#pragma once
+
+#include <systemd/sd-event.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+namespace settings {
+
+struct EventSourceCloser {
+  void operator()(sd_event_source* source) const { sd_event_source_disable_unref(source); }
+};
+using EventSource = std::unique_ptr<sd_event_source, EventSourceCloser>;
+
+/// Throws std::system_error if an sd-event or sd-bus call returned a negative errno.
+void require(int result, const char* what);
+
+/// Not for use outside the loop's thread. The loop outlives it.
+class EventTimer {
+ public:
+  /// @param fired called in the loop, each time the timer runs out; throws nothing
+  EventTimer(sd_event* event, std::function<void()> fired);
+
+  /// Fires once after `pause`; an earlier setting is forgotten. CLOCK_MONOTONIC, to the second: so
+  /// the kernel can wake the machine for several things at once.
+  void set(std::chrono::milliseconds pause);
+  void cancel();
+  bool isSet() const;
+
+ private:
+  static int onTime(sd_event_source*, std::uint64_t, void* self);
+
+  sd_event* mEvent;
+  std::function<void()> mFired;
+  EventSource mSource;
+};
+
+}  // namespace settings

@@ -1,0 +1,56 @@
+// Notices that files or folders have changed, by inotify.
+#pragma once
+
+#include <sys/inotify.h>
+#include <systemd/sd-event.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "settings/event_timer.h"
+
+namespace settings {
+
+/// Changes come in bursts: a package or an editor writes several files. They are reported together
+/// after this pause.
+inline constexpr std::chrono::milliseconds kFilePause{200};
+/// A folder that never comes to rest is reported all the same after so many changes.
+inline constexpr int kMaxPostponed = 50;
+
+/// Watches folders for changes of some names in them. A folder that does not exist is not watched:
+/// set() again when its parent has changed. Runs in the event loop's thread.
+class FileWatch {
+ public:
+  struct Place {
+    std::string folder;
+    std::string name;  ///< of one file; empty for all files of the folder
+    bool operator==(const Place&) const = default;
+  };
+
+  /// @param changed called after a burst of changes
+  FileWatch(sd_event* event, std::function<void()> changed);
+
+  /// Watches these places and no others.
+  void set(const std::vector<Place>& places);
+
+ private:
+  struct Watched {
+    FileWatch* watch;
+    Place place;
+    EventSource source;
+  };
+  static int onEvent(sd_event_source*, const inotify_event* event, void* watched);
+  void noticed();
+
+  sd_event* mEvent;
+  std::function<void()> mChanged;
+  EventTimer mPause;
+  int mPostponed = 0;
+  std::vector<std::unique_ptr<Watched>> mWatched;
+};
+
+/// Where a change of `path` shows: its folder, and the folder of the file that a link leads to.
+std::vector<FileWatch::Place> placesOf(const std::string& path);
+
+}  // namespace settings

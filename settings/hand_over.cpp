@@ -1,0 +1,195 @@
+#include "settings/hand_over.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "base/log_line.h"
+
+namespace settings {
+
+std::chrono::seconds scriptPause(std::size_t retry) {
+  return kScriptPauses[std::min(retry, kScriptPauses.size() - 1)];
+}
+
+std::chrono::seconds failurePause(std::size_t failures) {
+  const auto doublings = std::min<std::size_t>(failures, 16);
+  return std::min(kFirstFailurePause * (std::int64_t{1} << doublings), kLongestFailurePause);
+}
+
+bool isScriptNewer(const std::string& path, const timespec& since) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
+  return std::pair(status.st_mtim.tv_sec, status.st_mtim.tv_nsec) >
+         std::pair(since.tv_sec, since.tv_nsec);
+}
+
+HandOver::HandOver(sd_event* event, DaemonLink& daemon, std::string pacFile)
+    : mDaemon(daemon),
+      mPacFile(std::move(pacFile)),
+      mFailureTimer(event, [this] { proceed(); }),
+      mScriptTimer(event, [this] { schedule(Due::kIfScriptIsMissing); }),
+      mRefreshTimer(event, [this] {
+        setRefreshTimer();
+        if (usesScript()) schedule(Due::kIfOurs);
+      }) {}
+
+void HandOver::want(const Configuration& configuration) {
+  const bool isFirst = !mWanted.has_value();
+  if (!isFirst && *mWanted == configuration) return;
+  mWanted = configuration;
+  mScriptRetry = 0;
+  schedule(isFirst ? Due::kAlways : Due::kIfDifferent);
+}
+
+void HandOver::daemonAppeared() {
+  mAppearance++;
+  mIsCalling = false;
+  mHandedOver.reset();
+  mFailures = 0;
+  mScriptRetry = 0;
+  mFailureTimer.cancel();
+  schedule(Due::kAlways);
+}
+
+void HandOver::daemonVanished() {
+  mAppearance++;
+  mIsCalling = false;
+  mHandedOver.reset();
+  mDue = Due::kNothing;
+  mFailureTimer.cancel();
+  mScriptTimer.cancel();
+}
+
+void HandOver::networkChanged() {
+  if (!mDaemon.isThere() || !usesScript() || !mHandedOver) return;
+  mScriptRetry = 0;
+  mScriptTimer.set(kNetworkPause);
+}
+
+void HandOver::refreshEvery(std::chrono::seconds interval) {
+  if (interval == mRefresh) return;
+  mRefresh = interval;
+  setRefreshTimer();
+}
+
+void HandOver::check() {
+  if (mWanted) schedule(Due::kIfDifferent);
+}
+
+std::optional<std::time_t> HandOver::lastHandOver() const {
+  if (!mHandedOver) return std::nullopt;
+  return mHandOverTime.tv_sec;
+}
+
+bool HandOver::usesScript() const {
+  return mWanted && (mWanted->mode == Mode::kPacUrl || mWanted->mode == Mode::kWpad);
+}
+
+void HandOver::setRefreshTimer() {
+  if (mRefresh.count() == 0) {
+    mRefreshTimer.cancel();
+    return;
+  }
+  static std::minstd_rand random(std::random_device{}());
+  const std::chrono::milliseconds interval = mRefresh;
+  std::uniform_int_distribution<std::int64_t> spread(0, interval.count() / kRefreshSpread);
+  mRefreshTimer.set(interval + std::chrono::milliseconds{spread(random)});
+}
+
+// A stronger reason replaces a weaker one.
+void HandOver::schedule(Due due) {
+  mDue = std::max(mDue, due);
+  proceed();
+}
+
+void HandOver::proceed() {
+  if (mIsCalling || !mWanted || !mDaemon.isThere() || mFailureTimer.isSet()) return;
+  switch (const Due due = std::exchange(mDue, Due::kNothing)) {
+    case Due::kNothing:
+      break;
+    case Due::kIfScriptIsMissing:
+      if (mHandedOver && !isScriptNewer(mPacFile, mHandOverTime)) compare(due);
+      break;
+    case Due::kIfDifferent:
+    case Due::kIfOurs:
+      compare(due);
+      break;
+    case Due::kAlways:
+      handOver();
+      break;
+  }
+}
+
+void HandOver::compare(Due due) {
+  mIsCalling = true;
+  mDaemon.read([this, due, appearance = mAppearance](const auto& configuration,
+                                                     const std::string& problem) {
+    if (appearance != mAppearance) return;
+    mIsCalling = false;
+    if (!configuration) {
+      failed(problem, due);
+      return;
+    }
+    const bool differs = due == Due::kIfDifferent ? *configuration != *mWanted
+                                                  : mHandedOver && *configuration != *mHandedOver;
+    mIsForeign = due != Due::kIfDifferent && differs;
+    if (mIsForeign) {
+      logLine(LOG_INFO, "settings: another program has changed the configuration; it stays");
+    } else if (due != Due::kIfDifferent || differs) {
+      handOver();
+      return;
+    } else {
+      // Nothing differs. From here on this configuration is ours, whoever has set it.
+      mHandedOver = *configuration;
+    }
+    proceed();
+  });
+}
+
+void HandOver::handOver() {
+  if (mIsCalling) return;
+  mIsCalling = true;
+  const Configuration configuration = *mWanted;
+  timespec before{};
+  clock_gettime(CLOCK_REALTIME, &before);
+  mDaemon.update(configuration, [this, configuration, before,
+                                 appearance = mAppearance](const std::string& problem) {
+    if (appearance != mAppearance) return;
+    mIsCalling = false;
+    mHandOverTime = before;
+    if (problem.empty()) mHandedOver = configuration;
+    handedOver(problem);
+  });
+}
+
+void HandOver::handedOver(const std::string& problem) {
+  if (!problem.empty()) {
+    failed(problem, Due::kAlways);
+    return;
+  }
+  mFailures = 0;
+  mProblem.clear();
+  mIsForeign = false;
+  logLine(LOG_NOTICE, "settings: the daemon has the configuration, mode %s",
+          modeText(mHandedOver->mode));
+  if (usesScript()) {
+    mScriptTimer.set(scriptPause(mScriptRetry++));
+  } else {
+    mScriptTimer.cancel();
+  }
+  proceed();
+}
+
+void HandOver::failed(const std::string& problem, Due due) {
+  mDue = std::max(mDue, due);
+  mProblem = problem;
+  const auto pause = failurePause(mFailures++);
+  logLine(LOG_WARNING, "settings: the hand-over failed, next in %lld s: %s",
+          static_cast<long long>(pause.count()), problem.c_str());
+  mFailureTimer.set(pause);
+}
+
+}  // namespace settings

@@ -1,0 +1,43 @@
+// A script for what a network manager sets by hand: several servers, and destinations without a
+// proxy. The daemon's mode manual has one proxy for all, so these settings become a script.
+//
+// The order of the entries and the forms of an exclusion are those that users of such network
+// managers have had for years (ConnMan's service-api.txt, "Servers" and "Excludes").
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace settings {
+
+/// One server of "Servers": "[scheme://][user:password@]host[:port][/]".
+struct ManualServer {
+  enum class Scheme { kAny, kHttp, kHttps, kFtp, kSocks, kSocks4, kSocks5 };
+  Scheme scheme = Scheme::kAny;  ///< kAny without a scheme
+  std::string host;              ///< a name or an address, an IPv6 address in brackets
+  std::uint16_t port = 0;        ///< 0 if the text names none
+
+  bool operator==(const ManualServer&) const = default;
+};
+
+/// Reads a list of servers. An entry that cannot be read is left out; one unknown scheme makes the
+/// whole list empty. Credentials are dropped: they would be readable in the script by everybody.
+std::vector<ManualServer> parseServers(const std::vector<std::string>& texts);
+
+/// The URL for mode manual: "http://host:port" or "socks5h://host:port".
+std::string manualProxyUrl(const ManualServer& server);
+
+/// What a script returns for a manual proxy's URL: "PROXY host:port" or "SOCKS host:port"; empty if
+/// the URL names no proxy. Credentials are dropped.
+std::string entryOfManualUrl(std::string_view url);
+
+/// The script. For each URL the servers of its own scheme come first, then those of no scheme, of
+/// http, https and ftp, all as PROXY, then SOCKS servers.
+/// @param excludes "[scheme://]rule": "word" and "*word" end with it, "word*" begins with it,
+/// "*word*" contains it, "scheme://" is a whole scheme; "*" alone is ignored
+std::string manualScript(const std::vector<ManualServer>& servers,
+                         const std::vector<std::string>& excludes);
+
+}  // namespace settings

@@ -1,0 +1,76 @@
+// The bus name org.pacrunner: what network managers push their proxy settings to, and whom some
+// programs ask. The calls, keys and lifetimes are those that NetworkManager and ConnMan count on.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "settings/daemon_link.h"
+#include "settings/network_set.h"
+
+namespace settings {
+
+/// How many FindProxyForURL calls of one caller wait for the daemon at once. More are answered
+/// "DIRECT" at once: a caller that asks faster must not fill the daemon's limit for this service.
+inline constexpr int kMaxQuestionsOfCaller = 8;
+
+/// Reads CreateProxyConfiguration's dictionary. Unknown keys and values of another type than the
+/// key's are skipped; lists are cut at kMaxListEntries.
+/// @param problem receives why there is no configuration
+/// @return 0, 1 if the configuration cannot be taken, or a negative errno of the bus library
+int readPushed(sd_bus_message* call, PushedConfiguration& pushed, std::string& problem);
+
+class PacRunner {
+ public:
+  /// @param changed called after each change of the set
+  PacRunner(sd_bus* bus, DaemonLink& daemon, std::function<void()> changed);
+  ~PacRunner();
+  PacRunner(const PacRunner&) = delete;
+  PacRunner& operator=(const PacRunner&) = delete;
+
+  /// Adds the objects and asks for the name. Throws std::system_error. Without the name, which
+  /// another service may have, the log says so and no pushes come.
+  void start();
+
+  /// Whether FindProxyForURL joins all entries by "; " instead of giving the first.
+  void answerAll(bool all) { mAnswersAll = all; }
+
+  const NetworkSet& set() const { return mSet; }
+
+ private:
+  struct TrackCloser {
+    void operator()(sd_bus_track* track) const { sd_bus_track_unref(track); }
+  };
+  /// A connection to the bus that has configurations or questions here.
+  struct Sender {
+    std::unique_ptr<sd_bus_track, TrackCloser> track;
+    int questions = 0;
+    bool isOverLimit = false;  ///< logged once for each sender
+  };
+
+  static int onCreate(sd_bus_message* call, void* self, sd_bus_error* error);
+  static int onDestroy(sd_bus_message* call, void* self, sd_bus_error* error);
+  static int onFind(sd_bus_message* call, void* self, sd_bus_error* error);
+  static int onSenderGone(sd_bus_track* track, void* self);
+  int create(sd_bus_message* call, sd_bus_error* error);
+  int find(sd_bus_message* call);
+  void answered(const BusMessage& call, const std::string& sender,
+                const std::optional<std::vector<std::string>>& answer);
+  Sender& senderOf(const std::string& name);
+  std::string proxyText(const std::optional<std::vector<std::string>>& answer) const;
+
+  sd_bus* mBus;
+  DaemonLink& mDaemon;
+  std::function<void()> mChanged;
+  NetworkSet mSet;
+  bool mAnswersAll = false;
+  std::map<std::string, Sender> mSenders;
+  BusSlot mManager;
+  BusSlot mClient;
+};
+
+}  // namespace settings

@@ -1,0 +1,73 @@
+// Serves the script of a network manager to the daemon, which takes scripts by HTTP only.
+//
+// The script is kept in a file of the runtime folder whose name is made of its content. So the same
+// script has the same URL after a restart of the service, another script has another one, and the
+// daemon can fetch it before the network manager has pushed it again. The script is no secret:
+// everybody can read what the daemon has fetched.
+#pragma once
+
+#include <microhttpd.h>
+#include <systemd/sd-event.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "base/unique_fd.h"
+#include "settings/event_timer.h"
+
+namespace settings {
+
+/// How many connections are served at once; further ones wait in the kernel's backlog. The daemon
+/// needs one.
+inline constexpr unsigned kMaxHttpConnections = 64;
+/// A connection that is silent for so many seconds is closed.
+inline constexpr unsigned kHttpIdleSeconds = 5;
+/// The port, if the service binds it itself. Below 1024, so that no other local user can bind it
+/// while the service restarts and be taken for the administrator. IANA has not assigned it.
+inline constexpr std::uint16_t kScriptPort = 850;
+
+/// A listening socket on 127.0.0.1:`port`. Throws std::system_error.
+base::UniqueFd listenOnLoopback(std::uint16_t port);
+
+/// The name of the file for a script: 16 hexadecimal digits (64-bit FNV-1a) and ".pac". A name, no
+/// proof: whoever can push scripts can have any script run anyway.
+std::string scriptName(std::string_view script);
+bool isScriptName(std::string_view name);
+
+class ScriptServer {
+ public:
+  /// @param listening a socket that listens on loopback
+  /// @param folder the runtime folder, which exists and is this user's
+  /// Throws std::system_error.
+  ScriptServer(sd_event* event, base::UniqueFd listening, std::string folder);
+  ScriptServer(const ScriptServer&) = delete;
+  ScriptServer& operator=(const ScriptServer&) = delete;
+
+  /// Keeps `script` and removes the one before. @return its URL. Throws std::system_error if the
+  /// file cannot be written.
+  std::string publish(std::string_view script);
+
+  /// Removes all scripts.
+  void withdraw() { removeAllBut({}); }
+
+ private:
+  struct Stopper {
+    void operator()(MHD_Daemon* daemon) const { MHD_stop_daemon(daemon); }
+  };
+  static int onReady(sd_event_source*, int, std::uint32_t, void* self);
+  static MHD_Result onRequest(void* self, MHD_Connection* connection, const char* url,
+                              const char* method, const char* version, const char* body,
+                              std::size_t* bodyBytes, void** state);
+  MHD_Result answer(MHD_Connection* connection, const char* url, const char* method) const;
+  void run();
+  void removeAllBut(std::string_view name) const;
+
+  std::string mFolder;
+  std::string mBase;  ///< "http://127.0.0.1:850/"
+  std::unique_ptr<MHD_Daemon, Stopper> mDaemon;
+  EventTimer mTimer;
+  EventSource mSource;
+};
+
+}  // namespace settings

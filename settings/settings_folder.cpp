@@ -1,0 +1,163 @@
+#include "settings/settings_folder.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "base/small_file.h"
+#include "base/visible.h"
+#include "base/wipe.h"
+#include "settings/source_choice.h"
+
+namespace settings {
+
+namespace {
+
+struct FolderCloser {
+  void operator()(DIR* folder) const { closedir(folder); }
+};
+
+std::string shown(const std::string& path, unsigned line, const std::string& text) {
+  std::string result = path;
+  if (line != 0) result += ":" + std::to_string(line);
+  return base::visible(result + ": " + text);
+}
+
+void complain(FolderSettings& result, const std::string& path, unsigned line,
+              const std::string& text) {
+  result.problems.push_back({shown(path, line, text), false});
+}
+
+std::string reasonOf(const base::FileFailure& failure) {
+  switch (failure.problem) {
+    case base::FileProblem::link:
+      return "is a symbolic link";
+    case base::FileProblem::notRegular:
+      return "is no regular file";
+    case base::FileProblem::otherOwner:
+      return "belongs neither to root nor to the service's user";
+    case base::FileProblem::secondName:
+      return "has a second name (hard link)";
+    case base::FileProblem::tooLong:
+      return "is too long";
+    default:
+      return std::string("cannot be read: ") + std::strerror(failure.error);
+  }
+}
+
+/// The names in `folder` that end in ".conf", sorted.
+std::vector<std::string> confFiles(const std::string& folder, FolderSettings& result) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, FolderCloser> open(opendir(folder.c_str()));
+  if (!open) {
+    if (errno != ENOENT) {
+      complain(result, folder, 0, std::string("cannot be read: ") + std::strerror(errno));
+    }
+    return names;
+  }
+  while (const dirent* entry = readdir(open.get())) {
+    const std::string_view name = entry->d_name;
+    if (name.starts_with('.') || !name.ends_with(".conf")) continue;
+    if (names.size() == kMaxFiles) {
+      complain(result, folder, 0, "holds more than 64 files");
+      return {};
+    }
+    names.emplace_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void readOne(const std::string& path, FolderSettings& result) {
+  const base::FileDemands demands{.mostBytes = kMaxFileBytes};
+  const base::OpenFile file = base::openFile(path.c_str(), demands);
+  if (file.failure.problem == base::FileProblem::missing) return;
+  base::FileText content;
+  if (file.failure) {
+    content.failure = file.failure;
+  } else {
+    content = base::readToEnd(file.fd.get(), kMaxFileBytes);
+  }
+  if (content.failure) {
+    complain(result, path, 0, reasonOf(content.failure));
+    return;
+  }
+  ReadSettings read = readSettings(content.text);
+  base::wipe(content.text);  // it may hold a password
+  for (const auto& problem : read.problems) complain(result, path, problem.line, problem.text);
+  if (read.settings.password && (file.status.st_mode & 077U) != 0) {
+    complain(result, path, 0, "holds a password, so its mode must be 0600 (or use password-file)");
+    read.settings.password.reset();
+  }
+  if (read.settings.password) {
+    result.problems.push_back({shown(path, 0, "holds a password: password-file is safer"), true});
+  }
+  if (read.settings.mode) result.modeFiles.push_back(path);
+  overlay(result.settings, read.settings);
+}
+
+/// The first line of a file that others cannot read.
+void readPassword(const std::string& path, FolderSettings& result) {
+  const base::FileDemands demands{.mostBytes = kMaxPasswordBytes + 1};
+  const base::OpenFile file = base::openFile(path.c_str(), demands);
+  if (file.failure) {
+    complain(result, path, 0, "the password file " + reasonOf(file.failure));
+    return;
+  }
+  if ((file.status.st_mode & 007U) != 0) {
+    complain(result, path, 0, "the password file must not be accessible to everybody (mode 0640)");
+    return;
+  }
+  base::FileText content = base::readToEnd(file.fd.get(), kMaxPasswordBytes + 1);
+  if (content.failure) {
+    complain(result, path, 0, "the password file " + reasonOf(content.failure));
+  } else {
+    result.password = content.text.substr(0, content.text.find_first_of("\r\n"));
+  }
+  base::wipe(content.text);
+}
+
+void findPassword(const SettingsPaths& paths, FolderSettings& result) {
+  const FileSettings& settings = result.settings;
+  if (settings.passwordFile) {
+    readPassword(*settings.passwordFile, result);
+  } else if (settings.passwordCredential) {
+    if (paths.credentials.empty()) {
+      complain(result, paths.folder, 0,
+               "password-credential is set, and the service was started without credentials");
+      return;
+    }
+    readPassword(paths.credentials + "/" + *settings.passwordCredential, result);
+  } else if (settings.password) {
+    result.password = *settings.password;
+  }
+}
+
+}  // namespace
+
+bool FolderSettings::isFaulty() const {
+  return std::any_of(problems.begin(), problems.end(),
+                     [](const auto& problem) { return !problem.isWarning; });
+}
+
+FolderSettings::~FolderSettings() {
+  base::wipe(password);
+  if (settings.password) base::wipe(*settings.password);
+}
+
+FolderSettings readFolder(const SettingsPaths& paths) {
+  FolderSettings result;
+  readOne(paths.folder + "/settings.conf", result);
+  const std::string more = paths.folder + "/settings.d";
+  for (const auto& name : confFiles(more, result)) readOne(more + "/" + name, result);
+  findPassword(paths, result);
+  if (const std::string missing = missingKey(result.settings); !missing.empty()) {
+    complain(result, paths.folder, 0, missing);
+  }
+  return result;
+}
+
+}  // namespace settings

@@ -1,0 +1,237 @@
+#include "settings/settings_service.h"
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "base/bus_names.h"
+#include "base/log_line.h"
+#include "settings/default_routes.h"
+
+namespace settings {
+
+namespace {
+
+const sd_bus_vtable* stateTable(sd_bus_message_handler_t getState) {
+  static const sd_bus_vtable table[] = {
+      SD_BUS_VTABLE_START(0),
+      SD_BUS_METHOD_WITH_ARGS("GetState", SD_BUS_NO_ARGS, SD_BUS_RESULT("s", json), getState,
+                              SD_BUS_VTABLE_UNPRIVILEGED),
+      SD_BUS_VTABLE_END};
+  return table;
+}
+
+const char* holderText(Choice::Holder holder) {
+  switch (holder) {
+    case Choice::Holder::kFile:
+      return "file";
+    case Choice::Holder::kNetwork:
+      return "network";
+    case Choice::Holder::kFallback:
+      break;
+  }
+  return "fallback";
+}
+
+const char* sourceText(Source source) {
+  switch (source) {
+    case Source::kFile:
+      return "file";
+    case Source::kNetwork:
+      return "network";
+    case Source::kAuto:
+      break;
+  }
+  return "auto";
+}
+
+/// A URL without user and password: everybody may read the state.
+std::string withoutCredentials(const std::string& url) {
+  const auto colon = url.find("://");
+  const std::size_t begin = colon == std::string::npos ? 0 : colon + 3;
+  const std::size_t end = std::min(url.find_first_of("/?#", begin), url.size());
+  const auto at = url.rfind('@', end);
+  if (at == std::string::npos || at < begin) return url;
+  return url.substr(0, begin) + url.substr(at + 1);
+}
+
+nlohmann::json shown(const Configuration& configuration) {
+  return {{"mode", modeText(configuration.mode)},
+          {"proxy_url", withoutCredentials(configuration.proxyUrl)},
+          {"pac_url", withoutCredentials(configuration.pacUrl)},
+          {"authentication", configuration.authenticates()}};
+}
+
+nlohmann::json shown(const NetworkConfiguration& network, bool holds) {
+  auto entry = shown(network.configuration);
+  entry["interface"] = network.interface;
+  entry["direct"] = network.isDirect;
+  entry["script"] = !network.script.empty();
+  entry["usable"] = network.isUsable;
+  entry["holds"] = holds;
+  return entry;
+}
+
+}  // namespace
+
+SettingsService::SettingsService(sd_event* event, sd_bus* bus, Places places,
+                                 base::UniqueFd scripts)
+    : mBus(bus),
+      mPlaces(std::move(places)),
+      mDaemon(bus),
+      mHandOver(event, mDaemon, mPlaces.pacFile),
+      mPacRunner(bus, mDaemon, [this] { decide(); }),
+      mScripts(
+          scripts ? std::make_unique<ScriptServer>(event, std::move(scripts), mPlaces.runtimeFolder)
+                  : nullptr),
+      mSettingsWatch(event, [this] { reload(); }),
+      mResolverWatch(event, [this] {
+        mResolverWatch.set(placesOf(mPlaces.resolverFile));
+        mHandOver.networkChanged();
+      }) {
+  watchRoutes(event);
+}
+
+void SettingsService::start() {
+  mRoutes = readDefaultRoutes();
+  mResolverWatch.set(placesOf(mPlaces.resolverFile));
+  sd_bus_slot* slot = nullptr;
+  require(sd_bus_add_object_vtable(mBus, &slot, base::kSettingsObjectPath, base::kSettingsInterface,
+                                   stateTable(onGetState), this),
+          "sd_bus_add_object_vtable");
+  mObject.reset(slot);
+  mPacRunner.start();
+  mDaemon.watch(*this);
+  reload();
+  require(sd_bus_request_name(mBus, base::kSettingsBusName, 0), "the bus name");
+}
+
+void SettingsService::reload() {
+  readFiles();
+  watchFiles();
+  decide();
+  // What another program has set in the meantime is replaced now.
+  mHandOver.check();
+}
+
+void SettingsService::readFiles() {
+  mLastReading = readFolder(mPlaces.files);
+  for (const auto& problem : mLastReading.problems) {
+    logLine(problem.isWarning ? LOG_WARNING : LOG_ERR, "settings: %s", problem.text.c_str());
+  }
+  if (mLastReading.isFaulty()) {
+    logLine(LOG_ERR, "settings: the files are not used, the last good settings stay");
+    return;
+  }
+  mSettings = mLastReading;
+}
+
+// After the reading, so that no change is missed: a change in between is seen twice.
+void SettingsService::watchFiles() {
+  const std::string& folder = mPlaces.files.folder;
+  std::vector<FileWatch::Place> places{{folder, ""}, {folder + "/settings.d", ""}};
+  if (const auto& file = mLastReading.settings.passwordFile) {
+    for (auto& place : placesOf(*file)) places.push_back(std::move(place));
+  }
+  mSettingsWatch.set(places);
+}
+
+void SettingsService::decide() {
+  mPacRunner.answerAll(mSettings.settings.findProxyAll.value_or(false));
+  mHandOver.refreshEvery(mSettings.settings.refresh.value_or(std::chrono::seconds{0}));
+  const bool directCounts = mSettings.settings.networkDirectIsOff.value_or(false);
+  const auto* network = holding(mPacRunner.set(), mRoutes, directCounts);
+  mChoice = choose(mSettings.settings, mSettings.password, network);
+  if (mChoice.network != nullptr && !mChoice.network->script.empty()) {
+    mChoice.configuration.pacUrl = publishedScript(mChoice);
+    // Without a URL the daemon would be told to fetch nothing; what it has stays.
+    if (mChoice.configuration.pacUrl.empty()) return;
+  }
+  const std::string line =
+      std::string(modeText(mChoice.configuration.mode)) + " (" + mChoice.reason + ")";
+  if (line != mLoggedReason) logLine(LOG_NOTICE, "settings: mode %s", line.c_str());
+  mLoggedReason = line;
+  mHandOver.want(mChoice.configuration);
+}
+
+std::string SettingsService::publishedScript(const Choice& choice) {
+  if (!mScripts) {
+    logLine(LOG_ERR, "settings: a network manager's script cannot be served: no socket");
+    return {};
+  }
+  try {
+    return mScripts->publish(choice.network->script);
+  } catch (const std::system_error& error) {
+    logLine(LOG_ERR, "settings: a network manager's script cannot be served: %s", error.what());
+    return {};
+  }
+}
+
+void SettingsService::daemonAppeared() {
+  logLine(LOG_INFO, "settings: the daemon is there");
+  mHandOver.daemonAppeared();
+}
+
+void SettingsService::daemonVanished() {
+  logLine(LOG_INFO, "settings: the daemon is gone");
+  mHandOver.daemonVanished();
+}
+
+void SettingsService::watchRoutes(sd_event* event) {
+  mRouteSocket = openRouteSocket();
+  if (!mRouteSocket) return;
+  sd_event_source* source = nullptr;
+  require(sd_event_add_io(event, &source, mRouteSocket.get(), EPOLLIN, onRoute, this),
+          "sd_event_add_io");
+  mRouteSource.reset(source);
+}
+
+int SettingsService::onRoute(sd_event_source*, int socket, std::uint32_t, void* self) {
+  drainRouteSocket(socket);
+  static_cast<SettingsService*>(self)->routesChanged();
+  return 0;
+}
+
+void SettingsService::routesChanged() {
+  auto routes = readDefaultRoutes();
+  if (routes == mRoutes) return;
+  mRoutes = std::move(routes);
+  decide();
+  mHandOver.networkChanged();
+}
+
+int SettingsService::onGetState(sd_bus_message* call, void* self, sd_bus_error*) {
+  try {
+    const std::string text = static_cast<SettingsService*>(self)->state();
+    return sd_bus_reply_method_return(call, "s", text.c_str());
+  } catch (const std::exception&) {
+    return -ENOMEM;
+  }
+}
+
+std::string SettingsService::state() {
+  nlohmann::json state;
+  state["source"] = sourceText(mSettings.settings.source.value_or(Source::kAuto));
+  state["holder"] = holderText(mChoice.holder);
+  state["reason"] = mChoice.reason;
+  state["wanted"] = shown(mChoice.configuration);
+  state["mode_files"] = mLastReading.modeFiles;
+  state["problems"] = nlohmann::json::array();
+  for (const auto& problem : mLastReading.problems) state["problems"].push_back(problem.text);
+  state["last_good_settings"] = mLastReading.isFaulty();
+  state["networks"] = nlohmann::json::array();
+  for (const auto& [number, network] : mPacRunner.set().all()) {
+    const bool holds = mChoice.network != nullptr && mChoice.network->number == number;
+    state["networks"].push_back(shown(network, holds));
+  }
+  state["daemon"] = mDaemon.isThere();
+  const auto last = mHandOver.lastHandOver();
+  state["handed_over_at"] = last ? nlohmann::json(*last) : nlohmann::json();
+  state["problem"] = mHandOver.lastProblem();
+  state["changed_by_another_program"] = mHandOver.isForeign();
+  // A network manager's text may be any bytes that the bus takes.
+  return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace settings

@@ -1,0 +1,116 @@
+"""proxymanager-settings as a process, and network managers that push to it."""
+
+import json
+import os
+import signal
+import subprocess
+
+from jeepney import DBusAddress, MessageType, new_method_call
+from jeepney.io.blocking import open_dbus_connection
+
+from .bus import ADDRESS, LIMIT, Client, wait_until
+
+FOLDER = "/etc/proxymanager"
+PACRUNNER = "org.pacrunner"
+NAME = "com.zentu.ProxyManagerSettings"
+
+
+class SettingsService:
+    """Started with this test's bus and files. Without a port its scripts go to a free one."""
+
+    def __init__(self, build, port=850, environment=None):
+        self.path = os.path.join(build, "out", "libexec", "proxymanager-settings")
+        self.port = port
+        self.environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
+                            "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS,
+                            **{name: value for name, value in os.environ.items()
+                               if name.endswith("SAN_OPTIONS")}, **(environment or {})}
+        os.makedirs(FOLDER + "/settings.d", exist_ok=True)
+        self.process = None
+
+    def start(self):
+        self.process = subprocess.Popen([self.path, f"--port={self.port}"], env=self.environment,
+                                        stdin=subprocess.DEVNULL)
+        with Client() as client:
+            wait_until(lambda: client.owner(NAME) is not None or self.process.poll() is not None,
+                       "the settings service has its name")
+        assert self.process.poll() is None, "the settings service has ended"
+        return self
+
+    def hang_up(self):
+        self.process.send_signal(signal.SIGHUP)
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait(LIMIT)
+
+    def stop(self):
+        if self.process is None or self.process.poll() is not None:
+            return
+        self.process.send_signal(signal.SIGTERM)
+        assert self.process.wait(LIMIT) == 0
+
+    def state(self):
+        with Client() as client:
+            return json.loads(client.call("GetState", path="/com/zentu/ProxyManagerSettings",
+                                          interface=NAME, bus_name=NAME)[0])
+
+
+def write_settings(text, name="settings.conf", mode=0o644):
+    """As an editor does: a new file, renamed over the old one."""
+    path = os.path.join(FOLDER, name)
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path + ".new", "w") as file:
+        os.fchmod(file.fileno(), mode)
+        file.write(text)
+    os.rename(path + ".new", path)
+    return path
+
+
+class Refused(Exception):
+    pass
+
+
+class NetworkManager:
+    """A connection to the bus that pushes configurations."""
+
+    def __init__(self):
+        self.connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
+
+    def close(self):
+        self.connection.close()
+
+    def call(self, path, interface, member, signature, body):
+        address = DBusAddress(path, bus_name=PACRUNNER, interface=interface)
+        message = new_method_call(address, member, signature, body)
+        reply = self.connection.send_and_get_reply(message, timeout=LIMIT)
+        if reply.header.message_type == MessageType.error:
+            raise Refused(reply.body[0] if reply.body else "")
+        return reply.body[0] if reply.body else None
+
+    def create(self, **entries):
+        """Method="auto", Interface="eth0" ...; a list is an array of strings."""
+        dictionary = {key: ("as", value) if isinstance(value, list) else ("s", value)
+                      for key, value in entries.items()}
+        return self.call("/org/pacrunner/manager", "org.pacrunner.Manager",
+                         "CreateProxyConfiguration", "a{sv}", (dictionary,))
+
+    def destroy(self, path):
+        return self.call("/org/pacrunner/manager", "org.pacrunner.Manager",
+                         "DestroyProxyConfiguration", "o", (path,))
+
+    def find(self, url, host=""):
+        return self.call("/org/pacrunner/client", "org.pacrunner.Client", "FindProxyForURL", "ss",
+                         (url, host))
+
+
+def link(name, metric):
+    """An interface with a default route."""
+    for command in (f"link add {name} type veth peer name {name}-peer",
+                    f"link set {name} up", f"link set {name}-peer up",
+                    f"route add default dev {name} metric {metric}"):
+        subprocess.run(["ip", *command.split()], check=True)
+
+
+def link_down(name):
+    subprocess.run(["ip", "link", "delete", name], check=True)
