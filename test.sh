@@ -22,8 +22,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
   --tidy        have clang-tidy judge the sources that are shipped
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
-  -j N          N processes at once for building, and half as many again for testing, as most
-                tests wait (default: one a processor)
+  -j N          N processes at once for building, and twice as many for testing, as most tests
+                wait (default: one a processor)
   --help        this text
 
 What follows "--" is given to ctest: ./test.sh -- -R RunFile
@@ -76,7 +76,7 @@ run_tests() {
   local folder=$build/$1
   shift
   step "Testing in $folder"
-  "${launcher[@]}" ctest --test-dir "$folder" -j $((jobs + jobs / 2)) --output-on-failure --no-tests=error "$@" \
+  "${launcher[@]}" ctest --test-dir "$folder" -j $((2 * jobs)) --output-on-failure --no-tests=error "$@" \
     "${ctest_options[@]}"
 }
 

@@ -17,11 +17,19 @@ import shlex
 import subprocess
 import sys
 import tempfile
+import threading
 
 # GCC's options that clang does not know are none of its business.
 ALSO = ["-Wthread-safety", "-Wno-unknown-warning-option"]
 TESTS = ("tests", "bench")
 
+
+# Precompiled, they take most of the time out of most sources. No header of the tree is among them:
+# what clang finds there it still reports. That each source includes what it uses is GCC's to find.
+STANDARD = ("algorithm array atomic chrono condition_variable cstdint functional map memory mutex "
+            "optional stdexcept string string_view thread utility vector").split()
+# Headers of libraries that cost more than all of the others; a source has them included directly.
+HEAVY = ("CLI/CLI.hpp", "nlohmann/json.hpp")
 
 # Of a compile command these, and their value, are left out.
 WITH_VALUE = {"-o", "-c", "-MF", "-MT", "-MQ"}
@@ -39,6 +47,38 @@ def arguments(entry):
         elif word not in WITHOUT_VALUE:
             kept.append(word)
     return kept
+
+
+class Precompiled:
+    """Makes a precompiled header the first time that a source needs one with its includes and options,
+    in `folder`. Used by several threads."""
+
+    def __init__(self, folder):
+        self._folder = folder
+        self._lock = threading.Lock()
+        self._made = {}
+
+    def options_for(self, file, options):
+        """Options with which clang takes what it precompiled; none if it could not."""
+        text = file.read_text(encoding="utf-8", errors="replace")
+        headers = (*STANDARD, *(header for header in HEAVY if f"#include <{header}>" in text))
+        # Macros and folders of one target do not change what these headers hold.
+        common = tuple(option for option in options if option == "-DNDEBUG"
+                       or not option.startswith(("-D", "-I", "-isystem", "/")))
+        with self._lock:
+            future = self._made.get((headers, common))
+            if first := future is None:
+                future = self._made[headers, common] = concurrent.futures.Future()
+        if first:
+            future.set_result(self._make(headers, common))
+        return future.result()
+
+    def _make(self, headers, options):
+        made = tempfile.NamedTemporaryFile(dir=self._folder, suffix=".pch", delete=False).name
+        text = "".join(f"#include <{header}>\n" for header in headers)
+        done = subprocess.run(["clang++", *options, *ALSO, "-x", "c++-header", "-", "-o", made],
+                              input=text, capture_output=True, text=True, check=False)
+        return ["-include-pch", made] if done.returncode == 0 else []
 
 
 def compiled(file, options, folder="."):
@@ -71,12 +111,15 @@ def shipped(build, tree):
 def judge_tree(build, tree, tidy):
     def judged(one):
         file, entry = one
+        options = arguments(entry)
         if tidy:
-            return tidied(file, tree, arguments(entry))
-        return compiled(file, arguments(entry), entry["directory"])
+            return tidied(file, tree, options)
+        return compiled(file, precompiled.options_for(file, options) + options, entry["directory"])
 
     sources = shipped(build, tree)
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+    with (tempfile.TemporaryDirectory() as folder,
+          concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool):
+        precompiled = Precompiled(folder)
         failures = [said for passed, said in pool.map(judged, sources) if not passed]
     if failures:
         sys.exit("\n".join(failures))
