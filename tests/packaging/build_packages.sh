@@ -23,6 +23,16 @@ else
   tar -C "$tree" --null --files-from="$files" -cf - | tar -C "$copy" -xf -
   (cd "$copy" && dpkg-buildpackage --build=binary --build-profiles=nocheck --no-pre-clean -us -uc)
   mv "$folder"/*proxymanager*_* "$out"
+  # Who builds the packages in the tree itself has nothing of that in git's way. The link debian leads
+  # to packaging/debian.
+  seen=$(cd "$copy" && find . -name 'obj-*' -prune -printf '%P/\n' -o -type f -printf '%P\n' | sort |
+    comm -23 - <(tr '\0' '\n' <"$files" | sort) |
+    git -c safe.directory='*' -C "$tree" check-ignore --no-index --verbose --non-matching --stdin |
+    sed -n 's/^::\t//p')
+  [ -z "$seen" ] || {
+    printf 'git does not ignore what the package build left:\n%s\n' "$seen" >&2
+    exit 1
+  }
 fi
 
 # Errors and warnings fail, and so does an override that no longer overrides anything.

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Copies the programs and libraries of a build folder elsewhere and starts what a person starts first.
+# usage: copied_programs.sh OUT
+set -euo pipefail
+out=$1
+copy=$(mktemp -d)
+trap 'rm -rf "$copy"' EXIT
+cp -a "$out/bin" "$out/sbin" "$out/lib" "$out/libexec" "$copy"
+
+while IFS= read -r -d '' file; do
+  absolute=$(readelf -d "$file" 2>/dev/null |
+    sed -nE 's/.*R(UN)?PATH.*\[(.*)\].*/\2/p' | tr ':' '\n' | grep -v '^$' |
+    grep -vE '^\$ORIGIN(/|$)' || true)
+  [ -z "$absolute" ] || {
+    echo "${file#"$copy/"} looks for libraries in $absolute" >&2
+    exit 1
+  }
+done < <(find "$copy" -type f -print0)
+
+ldd "$copy/bin/proxymanagerctl" | grep -F "=> $copy/" >/dev/null || {
+  echo "proxymanagerctl does not find the library beside it" >&2
+  exit 1
+}
+echo 'function FindProxyForURL(url, host) { return "PROXY p:1"; }' |
+  "$copy/bin/proxymanagerctl" pac eval - http://a/ | grep -F 'PROXY p:1'
