@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-namespace process {
+namespace base {
 
 /// Whether `name` is a text that stays in the folder it is appended to: not null, not empty,
 /// without a slash, not beginning with a dot.
@@ -11,4 +11,4 @@ inline bool isFileName(const char* name) {
   return name != nullptr && name[0] != '\0' && name[0] != '.' && std::strchr(name, '/') == nullptr;
 }
 
-}  // namespace process
+}  // namespace base

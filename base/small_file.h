@@ -32,6 +32,12 @@ struct FileDemands {
   bool acceptsSecondName = false;
 };
 
+/// The demands of a reader whose file lies in a folder that only root writes to: anybody's file,
+/// links and second names included. A length is still demanded.
+constexpr FileDemands inTrustedFolder(std::size_t mostBytes) {
+  return {mostBytes, FileOwner::anybody, true, true};
+}
+
 enum class FileProblem {
   none,
   missing,     ///< nothing has this name

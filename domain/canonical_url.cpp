@@ -9,6 +9,8 @@
 #include <boost/url/authority_view.hpp>
 #include <charconv>
 
+#include "base/ascii.h"
+
 namespace domain {
 
 namespace {
@@ -23,24 +25,6 @@ struct DefaultPort {
 };
 constexpr std::array<DefaultPort, 5> kDefaultPorts{
     {{"http", "80"}, {"https", "443"}, {"ws", "80"}, {"wss", "443"}, {"ftp", "21"}}};
-
-char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-std::string lowered(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), lower);
-  return result;
-}
-
-bool isAscii(char c) {
-  return static_cast<unsigned char>(c) < 0x80;
-}
-
-bool isControl(char c) {
-  return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
-}
 
 bool isLowerAlnum(char c) {
   return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
@@ -67,7 +51,7 @@ std::string parserForm(std::string_view authority) {
   std::string result;
   for (const char c : authority) {
     const auto byte = static_cast<unsigned char>(c);
-    if (isAscii(c) && (!result.empty() || c < '0' || c > '9')) {
+    if (base::isAscii(c) && (!result.empty() || c < '0' || c > '9')) {
       result += c;
     } else {
       result += {'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]};
@@ -87,7 +71,7 @@ bool takeZone(std::string& authority, std::string& zone) {
   authority.erase(percent, end - percent);
   return !zone.empty() && zone.size() < IF_NAMESIZE &&
          std::all_of(zone.begin(), zone.end(), [](char c) {
-           return isLowerAlnum(lower(c)) ||
+           return isLowerAlnum(base::lowerCase(c)) ||
                   std::string_view("-._~").find(c) != std::string_view::npos;
          });
 }
@@ -107,9 +91,9 @@ std::optional<std::string> hostName(const urls::authority_view& authority) {
     // What the name means and not how it is written: "%41" is "a", and "%2541" stays.
     if (c == '%') {
       name += "%25";
-    } else if (!isAscii(c) || isLowerAlnum(lower(c)) ||
+    } else if (!base::isAscii(c) || isLowerAlnum(base::lowerCase(c)) ||
                std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos) {
-      name += lower(c);
+      name += base::lowerCase(c);
     } else {
       return std::nullopt;
     }
@@ -153,7 +137,7 @@ std::optional<std::string> canonicalAuthority(const std::string& scheme,
     if (authority.find('@') != std::string_view::npos) return std::nullopt;
   }
   if (scheme == "file") {
-    const auto host = lowered(authority);
+    const auto host = base::lowerCase(authority);
     if (host.empty() || host == "localhost" || host == "127.0.0.1") return std::string();
     return std::nullopt;
   }
@@ -175,11 +159,11 @@ std::optional<std::string> canonicalUrl(std::string_view url) {
   if (url.size() > kMaxUrlBytes) return std::nullopt;
   const auto mark = url.find(kMark);
   if (mark == std::string_view::npos) return std::string(url);
-  const auto scheme = lowered(url.substr(0, mark));
+  const auto scheme = base::lowerCase(url.substr(0, mark));
   if (!isScheme(scheme)) return std::nullopt;
 
   auto rest = url.substr(mark + kMark.size());
-  const bool hasControl = std::any_of(rest.begin(), rest.end(), isControl);
+  const bool hasControl = std::any_of(rest.begin(), rest.end(), base::isControl);
   rest = rest.substr(0, rest.find('#'));
   const auto authority = rest.substr(0, rest.find_first_of("/?"));
   const auto host = hasControl ? std::nullopt : canonicalAuthority(scheme, authority);

@@ -20,25 +20,20 @@
 #include <string_view>
 #include <vector>
 
+#include "base/ascii.h"
+#include "base/utf8.h"
 #include "domain/tld_hash.h"
 
 namespace {
 
-/// @return the code points of `text`, nothing where it is not UTF-8
+/// @return the code points of `text`, nothing if it is not UTF-8
 std::optional<std::vector<std::uint32_t>> codePoints(std::string_view text) {
   std::vector<std::uint32_t> result;
-  for (std::size_t i = 0; i < text.size();) {
-    const auto lead = static_cast<unsigned char>(text[i++]);
-    const int more = lead < 0x80 ? 0 : lead >= 0xF0 ? 3 : lead >= 0xE0 ? 2 : 1;
-    if ((lead >= 0x80 && lead < 0xC2) || lead > 0xF4) return std::nullopt;
-    std::uint32_t point = more == 0 ? lead : lead & (0x3Fu >> more);
-    for (int k = 0; k < more; ++k, ++i) {
-      if (i >= text.size()) return std::nullopt;
-      const auto byte = static_cast<unsigned char>(text[i]);
-      if ((byte & 0xC0u) != 0x80u) return std::nullopt;
-      point = (point << 6) | (byte & 0x3Fu);
-    }
-    result.push_back(point);
+  for (std::size_t at = 0; at < text.size();) {
+    const base::Utf8Character character = base::utf8CharacterAt(text, at);
+    if (character.length == 0) return std::nullopt;
+    result.push_back(character.code);
+    at += character.length;
   }
   return result;
 }
@@ -62,8 +57,8 @@ std::optional<std::uint32_t> bucketOf(const std::string& rule, std::uint32_t buc
   bool ascii = true;
   for (const std::uint32_t point : *points) {
     ascii = ascii && point < 0x80;
-    hash = domain::tldHashStep(hash,
-                               point < 0x80 ? domain::foldAscii(static_cast<char>(point)) : point);
+    const auto folded = static_cast<unsigned char>(base::lowerCase(static_cast<char>(point)));
+    hash = domain::tldHashStep(hash, point < 0x80 ? folded : point);
   }
   const std::uint32_t bucket = hash % buckets;
   const bool reachable = bucket == domain::tldHashOf(rule) % buckets;

@@ -4,6 +4,7 @@
 
 #include <string_view>
 
+#include "base/ascii.h"
 #include "domain/tld_hash.h"
 #include "domain/tld_table.h"
 
@@ -39,9 +40,8 @@ bool isCurrentSuffix(const std::string& name) {
 }  // namespace
 
 bool isPublicSuffix(const std::string& name) {
-  std::string seen(name, 0, name.find('\0'));
+  std::string seen = base::lowerCase(std::string_view(name).substr(0, name.find('\0')));
   seen.erase(seen.find_last_not_of('.') + 1);
-  for (char& c : seen) c = static_cast<char>(domain::foldAscii(c));
   if (seen.empty()) return false;
   return isBuiltInSuffix(seen) || (seen.find('.') != std::string::npos && isCurrentSuffix(seen));
 }

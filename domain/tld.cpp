@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "base/log_line.h"
 #include "domain/tld_hash.h"
 #include "domain/tld_table.h"
@@ -10,7 +11,7 @@
 namespace {
 
 bool equalsFolded(const char* a, const char* b) {
-  for (; domain::foldAscii(*a) == domain::foldAscii(*b); ++a, ++b)
+  for (; base::lowerCase(*a) == base::lowerCase(*b); ++a, ++b)
     if (*a == '\0') return true;
   return false;
 }

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "base/ascii.h"
+
 namespace domain {
 
 /// Takes one unit, a byte or a code point, into the hash `h`, which begins as 0.
@@ -17,16 +19,11 @@ constexpr std::uint32_t tldHashStep(std::uint32_t h, std::uint32_t unit) {
   return h & 0x0FFFFFFFu;
 }
 
-/// Rules are lower case and names come in any: ASCII letters are folded, whatever the locale.
-constexpr unsigned char foldAscii(char c) {
-  const auto byte = static_cast<unsigned char>(c);
-  return byte >= 'A' && byte <= 'Z' ? static_cast<unsigned char>(byte - 'A' + 'a') : byte;
-}
-
-/// The hash of a text as lookups compute it, from its bytes, ASCII letters folded. `h` is the hash
+/// The hash of a text as lookups compute it, from its bytes. Rules are lower case and names come in
+/// any: ASCII letters are folded. `h` is the hash
 /// of what stands before the text.
 constexpr std::uint32_t tldHashOf(std::string_view text, std::uint32_t h = 0) {
-  for (const char c : text) h = tldHashStep(h, foldAscii(c));
+  for (const char c : text) h = tldHashStep(h, static_cast<unsigned char>(base::lowerCase(c)));
   return h;
 }
 

@@ -9,19 +9,20 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "base/log_line.h"
+#include "base/paths.h"
+#include "base/small_file.h"
 #include "domain/public_suffix.h"
 #include "domain/tld.h"
 #include "fetcher/fetcher_log.h"
 #include "fetcher/pac_fetcher.h"
 #include "fetcher/resolver_text.h"
-#include "platform/netservice/plain_file.h"
 
 using fetcher::kLogClass;
 
 namespace {
 
-constexpr char kResolverFile[] = "/tmp/.resolv.conf.dnsmasq";
 // A search list of 64 KiB holds more names than anybody waits for.
 constexpr std::size_t kResolverFileLimit = std::size_t{64} * 1024;
 // RFC 1035, 2.3.4: 255 octets on the wire, that is 253 characters without the final dot.
@@ -35,20 +36,13 @@ constexpr std::string_view kNoHost{"/?#@:%\0", 7};
 // Beyond ASCII a name is mapped before it is asked for: full stops and letters of other widths come
 // out as ordinary ones, which the judges never saw. A search list has the mapped form ("xn--").
 bool isHost(std::string_view name) {
-  return name.find_first_of(kNoHost) == name.npos &&
-         std::none_of(name.begin(), name.end(), [](char c) { return (c & 0x80) != 0; });
+  return name.find_first_of(kNoHost) == name.npos && base::isAscii(name);
 }
 
 constexpr char kFunction[] = "wpadUrlCandidatesFromDomain";
 
 std::string folded(std::string_view name) {
-  const auto first = name.find_first_not_of('.');
-  if (first == std::string_view::npos) return {};
-  std::string lower(name.substr(first, name.find_last_not_of('.') - first + 1));
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
+  return base::lowerCase(base::trimmed(name, "."));
 }
 
 bool hasDot(const std::string& name) {
@@ -77,10 +71,10 @@ void addCandidatesOf(const std::string& token, std::vector<std::string>& candida
 
 std::string PACFetcher::getDomainName() const {
   logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
-  std::string text;
-  if (netservice::readPlainFile(kResolverFile, kResolverFileLimit,
-                                netservice::FileOwner::rootOrSelf, text) != 0) {
-    logLine(LOG_ERR, "%s%s open:%s failed", kLogClass, __func__, kResolverFile);
+  const auto [text, failure] =
+      base::readFile(base::kResolverFile, {.mostBytes = kResolverFileLimit});
+  if (failure) {
+    logLine(LOG_ERR, "%s%s open:%s failed", kLogClass, __func__, base::kResolverFile);
     return {};
   }
   return fetcher::domainOfResolverText(text);

@@ -24,9 +24,9 @@ constexpr std::chrono::seconds kSendLimit{5};
 // A wait that the system refuses is tried again after this long.
 constexpr std::chrono::milliseconds kRefusedPause{100};
 
-int makeEventFd() {
-  const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (fd < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+base::UniqueFd makeEventFd() {
+  base::UniqueFd fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!fd) throw std::system_error(errno, std::generic_category(), "eventfd");
   return fd;
 }
 
@@ -78,7 +78,6 @@ BusLoop::BusLoop(std::size_t maxPosted) : mMaxPosted(maxPosted), mEventFd(makeEv
 
 BusLoop::~BusLoop() {
   stop();
-  close(mEventFd);
 }
 
 void BusLoop::start(Connection& connection, std::function<void()> lost) {
@@ -217,7 +216,7 @@ void BusLoop::waitAndHandle() {
     if (mEntries.front().revents != 0) {
       std::uint64_t kicks = 0;
       // Nothing to read is fine: another wake-up took it.
-      [[maybe_unused]] const auto taken = read(mEventFd, &kicks, sizeof kicks);
+      [[maybe_unused]] const auto taken = read(mEventFd.get(), &kicks, sizeof kicks);
     }
     handleWatches();
   }
@@ -225,7 +224,7 @@ void BusLoop::waitAndHandle() {
 }
 
 void BusLoop::collectEntries() {
-  mEntries.assign(1, {mEventFd, POLLIN, 0});
+  mEntries.assign(1, {mEventFd.get(), POLLIN, 0});
   mPolled.assign(1, nullptr);
   const bool full = outputWaits();
   const Lock lock(mMutex);
@@ -313,7 +312,7 @@ bool BusLoop::outputWaits() {
 void BusLoop::kick() const {
   const std::uint64_t one = 1;
   // A full counter wakes the loop as well.
-  [[maybe_unused]] const auto written = write(mEventFd, &one, sizeof one);
+  [[maybe_unused]] const auto written = write(mEventFd.get(), &one, sizeof one);
 }
 
 }  // namespace DBus

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "base/mutex.h"
+#include "base/unique_fd.h"
 
 namespace DBus {
 
@@ -84,7 +85,7 @@ class BusLoop : public Dispatcher {
   void kick() const;
 
   const std::size_t mMaxPosted;
-  const int mEventFd;
+  const base::UniqueFd mEventFd;
   std::atomic<bool> mLeave{false};
   Connection* mConnection = nullptr;  // of the helper; set before the thread starts
   std::function<void()> mLost;

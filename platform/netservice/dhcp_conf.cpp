@@ -1,17 +1,13 @@
 #include "platform/netservice/dhcp_conf.h"
 
+#include "base/ascii.h"
+
 namespace netservice {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\v\f";
 constexpr std::string_view kBlanksAndQuotes = " \t\v\f\"'";
 constexpr std::string_view kEnds{"\0\r", 2};
-
-std::string_view stripped(std::string_view text, std::string_view outer) {
-  const auto first = text.find_first_not_of(outer);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(outer) - first + 1);
-}
 
 // https://pubs.opengroup.org/onlinepubs/9699919799/utilities/V3_chap02.html#tag_18_02
 // An unquoted blank does not end the value here: writers that know nothing of shells do not quote.
@@ -37,8 +33,8 @@ std::string unquoted(std::string_view word) {
 // The line holds no LF any more, and unquoting makes no control byte: cutting once is enough.
 std::string cleaned(std::string_view value) {
   const std::string plain =
-      unquoted(stripped(value.substr(0, value.find_first_of(kEnds)), kBlanks));
-  return std::string(stripped(plain, kBlanksAndQuotes));
+      unquoted(base::trimmed(value.substr(0, value.find_first_of(kEnds)), kBlanks));
+  return std::string(base::trimmed(plain, kBlanksAndQuotes));
 }
 
 }  // namespace
@@ -51,7 +47,7 @@ std::string wpadValue(std::string_view text) {
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     const auto equals = line.find('=');
     if (equals == std::string_view::npos) continue;
-    if (stripped(line.substr(0, equals), kBlanks) == "wpad")
+    if (base::trimmed(line.substr(0, equals), kBlanks) == "wpad")
       value = cleaned(line.substr(equals + 1));
   }
   return value;

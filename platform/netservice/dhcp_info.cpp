@@ -1,16 +1,15 @@
 #include "platform/netservice/dhcp_info.h"
 
-#include <cerrno>
 #include <cstring>
 #include <string>
 
 #include "base/log_line.h"
+#include "base/paths.h"
+#include "base/small_file.h"
 #include "platform/netservice/dhcp_conf.h"
-#include "platform/netservice/plain_file.h"
 
 namespace {
 
-constexpr char kLeaseFile[] = "/usr/local/lumad/dhcp.conf";
 // A lease is a few hundred bytes; a file past this is something else.
 constexpr std::size_t kLeaseFileLimit = std::size_t{64} * 1024;
 
@@ -18,16 +17,15 @@ constexpr std::size_t kLeaseFileLimit = std::size_t{64} * 1024;
 
 int getdhcpinfo(DhcpInfo* info) {
   *info = {};
-  std::string text;
-  const int trouble =
-      netservice::readPlainFile(kLeaseFile, kLeaseFileLimit, netservice::FileOwner::anybody, text);
-  if (trouble == ENOENT) {
-    logLine(LOG_DEBUG, "netservice: no lease file %s", kLeaseFile);
+  const auto [text, failure] =
+      base::readFile(base::kLeaseFile, base::inTrustedFolder(kLeaseFileLimit));
+  if (failure.problem == base::FileProblem::missing) {
+    logLine(LOG_DEBUG, "netservice: no lease file %s", base::kLeaseFile);
     return 0;
   }
-  if (trouble != 0) {
-    logLine(LOG_ERR, "netservice: %s not read: %s", kLeaseFile, std::strerror(trouble));
-    return trouble;
+  if (failure) {
+    logLine(LOG_ERR, "netservice: %s not read: %s", base::kLeaseFile, std::strerror(failure.error));
+    return failure.error;
   }
   std::string wpad = netservice::wpadValue(text);
   constexpr std::size_t room = sizeof info->option252 - 1;

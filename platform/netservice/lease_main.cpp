@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "base/log_line.h"
+#include "base/paths.h"
 #include "platform/netservice/lease_text.h"
 #include "platform/netservice/watched_file.h"
 
@@ -21,9 +22,6 @@ namespace {
 using netservice::LeaseEncoding;
 using netservice::LeaseValues;
 using netservice::WatchedFile;
-
-constexpr char kLeaseFile[] = "/usr/local/lumad/dhcp.conf";
-constexpr char kResolverFile[] = "/tmp/.resolv.conf.dnsmasq";
 
 constexpr char kUsage[] =
     "usage: proxymanager-lease plain|escaped|hex INTERFACE WPAD DOMAIN SEARCH\n"
@@ -49,19 +47,20 @@ bool said(const char* path, int trouble) {
 int write(LeaseEncoding encoding, const LeaseValues& values) {
   WatchedFile lease;
   WatchedFile resolver;
-  const int noLease = lease.open(kLeaseFile);
-  const int noResolver = resolver.open(kResolverFile);
+  const int noLease = lease.open(base::kLeaseFile);
+  const int noResolver = resolver.open(base::kResolverFile);
   bool failed = said(
-      kResolverFile,
+      base::kResolverFile,
       noResolver != 0 ? noResolver : resolver.replace(netservice::resolverText(encoding, values)));
-  failed |= said(kLeaseFile,
+  failed |= said(base::kLeaseFile,
                  noLease != 0 ? noLease : lease.replace(netservice::leaseText(encoding, values)));
   return failed ? EX_IOERR : EX_OK;
 }
 
 int end(const char* interface) {
   WatchedFile lease;
-  if (const int trouble = lease.open(kLeaseFile); said(kLeaseFile, trouble)) return EX_IOERR;
+  if (const int trouble = lease.open(base::kLeaseFile); said(base::kLeaseFile, trouble))
+    return EX_IOERR;
   if (!netservice::isLeaseOf(lease.text(), interface)) return EX_OK;
   return write(LeaseEncoding::plain, {interface, {}, {}, {}});
 }

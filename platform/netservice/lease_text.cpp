@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "base/ascii.h"
+#include "base/shell_word.h"
+
 namespace netservice {
 namespace {
 
@@ -10,7 +13,6 @@ namespace {
 constexpr std::size_t kLongestName = 253;
 constexpr std::size_t kLongestLabel = 63;
 constexpr std::string_view kLineEnds{"\0\r\n", 3};
-constexpr std::string_view kBlanks = " \t";
 
 bool isOctal(char c) {
   return c >= '0' && c <= '7';
@@ -32,19 +34,13 @@ std::string unescaped(std::string_view text) {
   return bytes;
 }
 
-int digit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
 // What is no hexadecimal text is nothing.
 std::string unhexed(std::string_view text) {
   if (text.size() % 2 != 0) return {};
   std::string bytes;
   for (std::size_t i = 0; i < text.size(); i += 2) {
-    const int high = digit(text[i]);
-    const int low = digit(text[i + 1]);
+    const int high = base::hexValue(text[i]);
+    const int low = base::hexValue(text[i + 1]);
     if (high < 0 || low < 0) return {};
     bytes += static_cast<char>(high * 16 + low);
   }
@@ -57,14 +53,13 @@ std::string decoded(LeaseEncoding encoding, std::string_view text) {
 
 std::string firstLine(std::string text) {
   text.resize(std::min(text.find_first_of(kLineEnds), text.size()));
-  std::erase_if(text, [](unsigned char c) { return c < ' ' || c == 0x7f; });
+  std::erase_if(text, base::isControl);
   text.resize(std::min(text.size(), kLongestOption));
   return text;
 }
 
 bool isNameCharacter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '_';
+  return base::isLetter(c) || base::isDigit(c) || c == '-' || c == '_';
 }
 
 bool isName(std::string_view text) {
@@ -83,7 +78,7 @@ std::vector<std::string> names(const std::string& text) {
   const std::string line = text.substr(0, text.find_first_of(kLineEnds));
   std::vector<std::string> found;
   for (std::size_t begin = 0; begin < line.size();) {
-    const std::size_t end = std::min(line.find_first_of(kBlanks, begin), line.size());
+    const std::size_t end = std::min(line.find_first_of(base::kBlanks, begin), line.size());
     std::string name = line.substr(begin, end - begin);
     begin = end + 1;
     if (name.ends_with('.')) name.pop_back();
@@ -92,20 +87,8 @@ std::vector<std::string> names(const std::string& text) {
   return found;
 }
 
-std::string quoted(std::string_view text) {
-  std::string word = "'";
-  for (const char c : text) {
-    if (c == '\'') {
-      word += "'\\''";
-    } else {
-      word += c;
-    }
-  }
-  return word + "'";
-}
-
 std::string interfaceLine(std::string_view interface) {
-  return "interface=" + quoted(firstLine(std::string(interface))) + '\n';
+  return "interface=" + base::shellWord(firstLine(std::string(interface))) + '\n';
 }
 
 }  // namespace
@@ -115,8 +98,8 @@ std::string leaseText(LeaseEncoding encoding, const LeaseValues& values) {
   const std::string wpad = firstLine(
       encoding == LeaseEncoding::hex ? unhexed(values.wpad) : decoded(encoding, values.wpad));
   return interfaceLine(values.interface) +
-         "domain=" + quoted(domain.empty() ? std::string() : domain.front()) + '\n' +
-         "wpad=" + quoted(wpad) + '\n';
+         "domain=" + base::shellWord(domain.empty() ? std::string() : domain.front()) + '\n' +
+         "wpad=" + base::shellWord(wpad) + '\n';
 }
 
 std::string resolverText(LeaseEncoding encoding, const LeaseValues& values) {

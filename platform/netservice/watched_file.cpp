@@ -4,8 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
+#include <cstdint>
+#include <utility>
+
+#include "base/small_file.h"
 
 namespace netservice {
 namespace {
@@ -14,6 +17,8 @@ namespace {
 constexpr std::size_t kLargestText = std::size_t{64} * 1024;
 // O_NONBLOCK: opening a fifo returns at once.
 constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
+// A file that is too long is replaced as well. A second name may be that of any file of root's.
+constexpr base::FileDemands kDemands{.mostBytes = SIZE_MAX};
 constexpr mode_t kReadableByAll = 0644;
 
 int openOrMake(const char* path) {
@@ -27,39 +32,15 @@ int openOrMake(const char* path) {
 
 }  // namespace
 
-WatchedFile::~WatchedFile() {
-  if (mFd >= 0) close(mFd);
-}
-
 int WatchedFile::open(const char* path) {
-  mFd = openOrMake(path);
-  if (mFd < 0) return errno;
-  const int trouble = judge();
-  return trouble != 0 ? trouble : readText();
-}
-
-int WatchedFile::judge() {
+  mFile.reset(openOrMake(path));
+  if (!mFile) return errno;
   struct stat status {};
-  if (fstat(mFd, &status) != 0) return errno;
-  if (!S_ISREG(status.st_mode)) return EINVAL;
-  if (status.st_uid != 0 && status.st_uid != geteuid()) return EPERM;
-  // A second name may be that of any file of root's.
-  if (status.st_nlink > 1) return EMLINK;
+  if (const auto failure = base::checkFile(mFile.get(), kDemands, &status)) return failure.error;
   mSize = static_cast<std::size_t>(status.st_size);
-  return 0;
-}
-
-int WatchedFile::readText() {
-  mText.resize(std::min(mSize, kLargestText));
-  std::size_t length = 0;
-  while (length < mText.size()) {
-    const ssize_t got =
-        pread(mFd, mText.data() + length, mText.size() - length, static_cast<off_t>(length));
-    if (got == 0) break;
-    if (got < 0 && errno != EINTR) return errno;
-    if (got > 0) length += static_cast<std::size_t>(got);
-  }
-  mText.resize(length);
+  auto [text, failure] = base::readToEnd(mFile.get(), kLargestText);
+  if (failure && failure.problem != base::FileProblem::tooLong) return failure.error;
+  mText = std::move(text);
   return 0;
 }
 
@@ -69,12 +50,13 @@ int WatchedFile::replace(const std::string& text) {
   if (mText.size() > text.size()) covering.append(mText.size() - text.size(), '\n');
   std::size_t done = 0;
   while (done < covering.size()) {
-    const ssize_t written =
-        pwrite(mFd, covering.data() + done, covering.size() - done, static_cast<off_t>(done));
+    const ssize_t written = pwrite(mFile.get(), covering.data() + done, covering.size() - done,
+                                   static_cast<off_t>(done));
     if (written < 0 && errno != EINTR) return errno;
     if (written > 0) done += static_cast<std::size_t>(written);
   }
-  if (mSize > text.size() && ftruncate(mFd, static_cast<off_t>(text.size())) != 0) return errno;
+  if (mSize > text.size() && ftruncate(mFile.get(), static_cast<off_t>(text.size())) != 0)
+    return errno;
   mText = text;
   mSize = text.size();
   return 0;

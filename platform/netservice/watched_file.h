@@ -4,18 +4,16 @@
 // would be watched no more. So they are written where they stand.
 #pragma once
 
+#include <cstddef>
 #include <string>
+
+#include "base/unique_fd.h"
 
 namespace netservice {
 
 /// A file opened to be written in place.
 class WatchedFile {
  public:
-  WatchedFile() = default;
-  ~WatchedFile();
-  WatchedFile(const WatchedFile&) = delete;
-  WatchedFile& operator=(const WatchedFile&) = delete;
-
   /// Opens the file, which is made where there is none, and reads what it holds. Never blocks,
   /// never follows a link at the path's end, and judges what was opened, not what the path names.
   /// @return 0, or an errno value: ELOOP for a link, EINVAL for what is no regular file, EPERM for
@@ -23,7 +21,7 @@ class WatchedFile {
   ///         that of open, fstat or read
   int open(const char* path);
 
-  /// What the file held when it was opened, 64 KiB of it at most.
+  /// What the file held when it was opened; empty if that was more than 64 KiB.
   const std::string& text() const { return mText; }
 
   /// Writes `text` in the file's place; touches nothing where that is what it holds. The new text
@@ -33,10 +31,7 @@ class WatchedFile {
   int replace(const std::string& text);
 
  private:
-  int judge();
-  int readText();
-
-  int mFd = -1;
+  base::UniqueFd mFile;
   std::size_t mSize = 0;  // bytes, when it was opened
   std::string mText;
 };

@@ -44,7 +44,7 @@ int failed(const std::string& path, int error) {
 }  // namespace
 
 int create_varrunpid(const char* name) {
-  if (!process::isFileName(name)) return failed(name == nullptr ? "(null)" : name, EINVAL);
+  if (!base::isFileName(name)) return failed(name == nullptr ? "(null)" : name, EINVAL);
   const std::string path = runFolder() + "/" + name + ".pid";
   pid_t other = -1;
   std::unique_ptr<pidfh, CloseRunFile> opened(pidfile_open(path.c_str(), 0644, &other));

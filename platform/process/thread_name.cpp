@@ -10,18 +10,16 @@
 #include <string>
 
 #include "base/log_line.h"
+#include "base/unique_fd.h"
 
 namespace {
 
 int nameOther(pid_t tid, const std::string& name) {
   char path[sizeof "/proc/self/task/-2147483648/comm"];
   std::snprintf(path, sizeof path, "/proc/self/task/%d/comm", tid);
-  const int file = open(path, O_WRONLY | O_CLOEXEC);
-  if (file < 0) return errno;
-  const ssize_t written = write(file, name.data(), name.size());
-  const int error = written < 0 ? errno : 0;
-  close(file);
-  return error;
+  const base::UniqueFd file(open(path, O_WRONLY | O_CLOEXEC));
+  if (!file) return errno;
+  return write(file.get(), name.data(), name.size()) < 0 ? errno : 0;
 }
 
 int nameThread(pid_t tid, const char* name) {

@@ -1,9 +1,5 @@
 #include "platform/process/trace.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -13,8 +9,10 @@
 #include <optional>
 #include <string>
 
+#include "base/ascii.h"
 #include "base/file_name.h"
 #include "base/log_line.h"
+#include "base/small_file.h"
 
 namespace {
 
@@ -34,10 +32,7 @@ constexpr std::array kKeys{
 constexpr std::size_t kShownBytes = 64;
 
 std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view blanks = " \t\r";
-  const auto first = text.find_first_not_of(blanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+  return base::trimmed(text, " \t\r");
 }
 
 template <typename Number>
@@ -71,49 +66,21 @@ bool takeLine(std::string_view line, TraceValues& values) {
   return false;
 }
 
-class Descriptor {
- public:
-  explicit Descriptor(int descriptor) : mDescriptor(descriptor) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (mDescriptor >= 0) close(mDescriptor);
-  }
-  int get() const { return mDescriptor; }
-
- private:
-  int mDescriptor;
-};
-
-// The file's text, or why there is none; no file is an empty text.
-struct FileText {
-  std::string text;
-  const char* failure = nullptr;
-};
-
-FileText readTraceFile(const std::string& path) {
-  // O_NONBLOCK: opening a fifo that stands there must not wait for a writer.
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-  if (file.get() < 0) {
-    if (errno == ENOENT || errno == ENOTDIR) return {};
-    return {{}, std::strerror(errno)};
-  }
-  struct stat status {};
-  if (fstat(file.get(), &status) != 0) return {{}, std::strerror(errno)};
-  if (!S_ISREG(status.st_mode)) return {{}, "not a regular file"};
-  std::string text(process::kTraceFileLimit + 1, '\0');
-  std::size_t length = 0;
-  while (length < text.size()) {
-    const ssize_t got = read(file.get(), text.data() + length, text.size() - length);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return {{}, std::strerror(errno)};
-    if (got == 0) break;
-    length += static_cast<std::size_t>(got);
-  }
+// Why there is no text; null without a failure.
+const char* reasonOf(const base::FileFailure& failure) {
   static_assert(process::kTraceFileLimit == 4096);
-  if (length > process::kTraceFileLimit) return {{}, "larger than 4096 bytes"};
-  text.resize(length);
-  return {std::move(text), nullptr};
+  switch (failure.problem) {
+    case base::FileProblem::none:
+    case base::FileProblem::missing:
+      return nullptr;
+    case base::FileProblem::notRegular:
+      return "not a regular file";
+    case base::FileProblem::tooLong:
+      return "larger than 4096 bytes";
+    default:
+      // Also no file: what should be its folder is a file.
+      return failure.error == ENOTDIR ? nullptr : std::strerror(failure.error);
+  }
 }
 
 void nameBadLine(const std::string& path, int lineNumber, std::string_view line) {
@@ -123,11 +90,14 @@ void nameBadLine(const std::string& path, int lineNumber, std::string_view line)
 
 int setTraceValues(const char* name, TraceValues* record) {
   const bool told = record != nullptr;
-  const bool named = process::isFileName(name);
+  const bool named = base::isFileName(name);
   const std::string path = "/etc/" + std::string(name == nullptr ? "(null)" : name) + "/trace.conf";
-  const FileText file = named ? readTraceFile(path) : FileText{{}, "not a daemon's name"};
-  if (file.failure != nullptr) {
-    if (told) logLine(LOG_ERR, "process: cannot read %s: %s", path.c_str(), file.failure);
+  const auto file =
+      named ? base::readFile(path.c_str(), base::inTrustedFolder(process::kTraceFileLimit))
+            : base::FileText{};
+  const char* const reason = named ? reasonOf(file.failure) : "not a daemon's name";
+  if (reason != nullptr) {
+    if (told) logLine(LOG_ERR, "process: cannot read %s: %s", path.c_str(), reason);
     return -1;
   }
   // Bad lines are said before the mask is set, which might hide them.

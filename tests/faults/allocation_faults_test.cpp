@@ -32,7 +32,6 @@
 #include "platform/netservice/dhcp_conf.h"
 #include "platform/netservice/dhcp_info.h"
 #include "platform/netservice/lease_text.h"
-#include "platform/netservice/plain_file.h"
 #include "platform/process/trace.h"
 #include "service/records/proxy_config_owner.h"
 #include "tests/support/failing_allocator.h"

@@ -87,6 +87,15 @@ TEST_F(ResolverFile, CountsAsNotOpenedAsALink) {
   expectNotOpened();
 }
 
+// Any user can give a readable file of root's this name, if the kernel allows such links.
+TEST_F(ResolverFile, CountsAsNotOpenedWithASecondName) {
+  writeFile("/tmp/proxymanager.pac", "// search evil.example\n");
+  fs::create_hard_link("/tmp/proxymanager.pac", kFile);
+  expectNotOpened();
+  fs::remove("/tmp/proxymanager.pac");
+  EXPECT_EQ(domain(), "search evil.example");
+}
+
 TEST_F(ResolverFile, CountsAsNotOpenedAsAFolder) {
   fs::create_directory(kFile);
   expectNotOpened();

@@ -7,14 +7,13 @@
 //   wwan0 up -
 //
 // The lease in force is that of the first uplink that is up.
-#include <cerrno>
 #include <cstring>
 #include <sstream>
 #include <string>
 
 #include "base/log_line.h"
+#include "base/small_file.h"
 #include "platform/netservice/dhcp_info.h"
-#include "platform/netservice/plain_file.h"
 
 namespace {
 
@@ -36,13 +35,12 @@ std::string scriptUrl(const std::string& leases) {
 
 int getdhcpinfo(DhcpInfo* info) {
   *info = {};
-  std::string leases;
-  const int trouble =
-      netservice::readPlainFile(kUplinks, kUplinksLimit, netservice::FileOwner::rootOrSelf, leases);
-  if (trouble == ENOENT) return 0;  // no uplink yet: no lease, which is no error
-  if (trouble != 0) {
-    logLine(LOG_ERR, "netservice: %s not read: %s", kUplinks, std::strerror(trouble));
-    return trouble;
+  const auto [leases, failure] = base::readFile(kUplinks, {.mostBytes = kUplinksLimit});
+  // No uplink yet: no lease, which is no error.
+  if (failure.problem == base::FileProblem::missing) return 0;
+  if (failure) {
+    logLine(LOG_ERR, "netservice: %s not read: %s", kUplinks, std::strerror(failure.error));
+    return failure.error;
   }
   const std::string url = scriptUrl(leases);
   if (url.size() >= sizeof info->option252) {
