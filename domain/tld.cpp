@@ -18,7 +18,7 @@ bool equalsFolded(const char* a, const char* b) {
 
 /// `scratch` is where the marked forms of the name are put together, kept from call to call.
 int isEffective(const char* name, std::size_t length, std::string& scratch) {
-  logLine(LOG_INFO, "%s%s called ", "", "isEffectiveTld");
+  logLine(LOG_INFO, "isEffectiveTld called ");
   if (const int plain = isInTldArray(name)) return plain;
   const auto* const dot = static_cast<const char*>(std::memchr(name, '.', length));
   if (!dot) return 0;
@@ -33,20 +33,20 @@ int isEffective(const char* name, std::size_t length, std::string& scratch) {
 
 unsigned tldhash(const char* text) {
   const std::string_view input(text);
-  logLine(LOG_INFO, "%s%s input:%s, len:%d", "", "tldhash", text, static_cast<int>(input.size()));
+  logLine(LOG_INFO, "tldhash input:%s, len:%d", text, static_cast<int>(input.size()));
   return domain::tldHashOf(input) % domain::kTldBuckets;
 }
 
 int isInTldArray(const char* text) {
-  logLine(LOG_INFO, "%s%s called ", "", "isInTldArray");
+  logLine(LOG_INFO, "isInTldArray called ");
   const unsigned index = tldhash(text);
   std::size_t current = domain::kTldBucketStart[index];
   const std::size_t end = domain::kTldBucketStart[index + 1];
-  logLine(LOG_INFO, "%s%s index:%d, currentIndex:%d", "", "isInTldArray", static_cast<int>(index),
+  logLine(LOG_INFO, "isInTldArray index:%d, currentIndex:%d", static_cast<int>(index),
           static_cast<int>(current));
   while (current < end) {
     const char* const rule = domain::kTldRules + current;
-    logLine(LOG_INFO, "%s%s currentTLD:%s", "", "isInTldArray", rule);
+    logLine(LOG_INFO, "isInTldArray currentTLD:%s", rule);
     if (equalsFolded(rule, text)) return 1;
     current += std::strlen(rule) + 1;
   }
@@ -77,6 +77,6 @@ std::string topLevelDomain(const std::string& domain) {
     end = dot;
   }
   std::string tld(result);
-  logLine(LOG_INFO, "%s%s domain:%s, tld:%s", "", "topLevelDomain", domain.c_str(), tld.c_str());
+  logLine(LOG_INFO, "topLevelDomain domain:%s, tld:%s", domain.c_str(), tld.c_str());
   return tld;
 }

@@ -12,7 +12,7 @@ char* copyOf(const std::string& host) {
 }  // namespace
 
 char* getHost(const std::string& url) {
-  logLine(LOG_INFO, "%s%s url:%s", "", "getHost", url.c_str());
+  logLine(LOG_INFO, "getHost url:%s", url.c_str());
   const auto scheme = url.find("://");
   if (scheme == std::string::npos) return copyOf(url);
 
@@ -25,6 +25,6 @@ char* getHost(const std::string& url) {
     port = host.substr(colon + 1);
     host.erase(colon);
   }
-  logLine(LOG_INFO, "%s%s host:%s, port:%s", "", "getHost", host.c_str(), port.c_str());
+  logLine(LOG_INFO, "getHost host:%s, port:%s", host.c_str(), port.c_str());
   return copyOf(host);
 }

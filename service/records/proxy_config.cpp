@@ -39,7 +39,7 @@ void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig) {
   logLine(LOG_INFO, "cloneProxyConfig() called");
   // Going on is the contract: a caller's mistake ends where it was made, with its name in the log.
   if (!srcConfig || !destConfig)
-    logLine(LOG_ERR, "%s srcConfig or destConfig is null", "cloneProxyConfig");
+    logLine(LOG_ERR, "cloneProxyConfig srcConfig or destConfig is null");
   destConfig->mode = srcConfig->mode;
   destConfig->enableauth = srcConfig->enableauth;
   cloneText(srcConfig->proxyurl, destConfig->proxyurl);
@@ -79,7 +79,7 @@ void cleanupProxySetting(ProxyUrlSetting* setting) {
 
 ProxyMode str2ProxyMode(const char* text) {
   // The line shows the function's name where one expects the text; operators' filters know it so.
-  logLine(LOG_INFO, "str2ProxyMode() called mode:%s", "str2ProxyMode");
+  logLine(LOG_INFO, "str2ProxyMode() called mode:str2ProxyMode");
   if (strcasecmp(text, "off") == 0) return off;
   if (strcasecmp(text, "manual") == 0) return manual;
   if (strcasecmp(text, "pacurl") == 0) return pacurl;
@@ -88,29 +88,28 @@ ProxyMode str2ProxyMode(const char* text) {
 }
 
 const char* proxyMode2Str(ProxyMode mode) {
-  const char* const function = "proxyMode2Str";
-  logLine(LOG_INFO, "%s: proxyMode2Str() called mode:%d", function, mode);
+  logLine(LOG_INFO, "proxyMode2Str: proxyMode2Str() called mode:%d", mode);
   switch (mode) {
     case off:
-      logLine(LOG_INFO, "%s: str mode:off", function);
+      logLine(LOG_INFO, "proxyMode2Str: str mode:off");
       return "off";
     case manual:
-      logLine(LOG_INFO, "%s: str mode:manual", function);
+      logLine(LOG_INFO, "proxyMode2Str: str mode:manual");
       return "manual";
     case pacurl:
-      logLine(LOG_INFO, "%s: str mode:pacurl", function);
+      logLine(LOG_INFO, "proxyMode2Str: str mode:pacurl");
       return "pacurl";
     case wpad:
-      logLine(LOG_INFO, "%s: str mode:wpad", function);
+      logLine(LOG_INFO, "proxyMode2Str: str mode:wpad");
       return "wpad";
   }
-  logLine(LOG_ERR, "%s: mode:%d is invalid", function, mode);
+  logLine(LOG_ERR, "proxyMode2Str: mode:%d is invalid", mode);
   return "off";
 }
 
 char* string2Char(const char* data, std::int32_t length) {
   if (!data || length <= 0) {
-    logLine(LOG_INFO, "%s: input is null, or length:%d <= 0", "string2Char", length);
+    logLine(LOG_INFO, "string2Char: input is null, or length:%d <= 0", length);
     return nullptr;
   }
   const auto size = static_cast<std::size_t>(length);
