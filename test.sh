@@ -17,8 +17,10 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 judged; what follows "--" is the soak's: --seed=N repeats a schedule
   --fuzz MIN    run the fuzz targets instead (clang, libFuzzer, address and undefined behaviour
                 sanitizers), so many minutes in all, and print what each did
-  --cross       build for 32-bit Arm (Debian's cross compiler and libraries), run the unit tests under
-                qemu's emulation of user programs, and print the sizes of the installed programs
+  --cross[=ARCHITECTURE]
+                build for armhf (the default) or arm64 (Debian's cross compiler and libraries), run the
+                unit tests under qemu's emulation of user programs, and print the sizes of the
+                installed programs
   --tidy        have clang-tidy judge the sources that are shipped
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
@@ -35,7 +37,8 @@ while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
     --coverage) mode=coverage ;;
-    --cross) mode=cross ;;
+    --cross | --cross=armhf) mode=cross preset=armhf triplet=arm-linux-gnueabihf ;;
+    --cross=arm64) mode=cross preset=arm64 triplet=aarch64-linux-gnu ;;
     --tidy) mode=tidy ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
@@ -55,7 +58,7 @@ if [ "$mode" = soak ] && ! [[ $minutes =~ ^[0-9]+(\.[0-9]+)?$ ]]; then
   exit 2
 fi
 if [ "$mode" = fuzz ] && ! [[ $minutes =~ ^[1-9][0-9]{0,4}$ ]]; then
-  echo "test.sh: --fuzz wants a whole number of minutes, not '$minutes'" >&2
+  echo "test.sh: --fuzz needs a whole number of minutes, not '$minutes'" >&2
   exit 2
 fi
 
@@ -146,20 +149,20 @@ test_tidy() {
 # The tests come first, with a worker without seccomp: the filter would be the emulator's. Then the
 # tree is built as it is installed, of which little is compiled anew.
 test_cross() {
-  local sysroot options left_out=$top/tests/not_emulated.txt
+  local sysroot options folder=$build/$preset left_out=$top/tests/not_emulated.txt
   "$top/packaging/dependencies.sh" --package --cross
-  sysroot=$("$top/packaging/cross/sysroot.sh" armhf)
-  options=(--fresh --preset armhf "-DPROXYMANAGER_SYSROOT=$sysroot")
-  build_tree armhf "${options[@]}" -DPROXYMANAGER_TESTS=ON -DPROXYMANAGER_WORKER_SECCOMP=OFF
+  sysroot=$("$top/packaging/cross/sysroot.sh" "$preset")
+  options=(--fresh --preset "$preset" "-DPROXYMANAGER_SYSROOT=$sysroot")
+  build_tree "$preset" "${options[@]}" -DPROXYMANAGER_TESTS=ON -DPROXYMANAGER_WORKER_SECCOMP=OFF
   step "Not run under the emulator"
   sed '/^#/d; s/\t/: /' "$left_out"
-  run_tests armhf -E "$(sed '/^#/d; s/\t.*//' "$left_out" | paste -s -d '|')"
+  run_tests "$preset" -E "$(sed '/^#/d; s/\t.*//' "$left_out" | paste -s -d '|')"
   # The lines of shell stand where programs go: a linker that sees a file there would leave it.
-  find "$build/armhf" -name '*.emulated' -exec sh -c 'for f; do rm -f "$f" "${f%.*}"; done' - {} +
-  build_tree armhf "${options[@]}" -DPROXYMANAGER_TESTS=OFF
-  step "Installing below $build/armhf/installed"
-  cmake --install "$build/armhf" --strip --prefix "$build/armhf/installed" >/dev/null
-  "$top/packaging/cross/sizes.sh" arm-linux-gnueabihf "$build/armhf/installed"
+  find "$folder" -name '*.emulated' -exec sh -c 'for f; do rm -f "$f" "${f%.*}"; done' - {} +
+  build_tree "$preset" "${options[@]}" -DPROXYMANAGER_TESTS=OFF
+  step "Installing below $folder/installed"
+  cmake --install "$folder" --strip --prefix "$folder/installed" >/dev/null
+  "$top/packaging/cross/sizes.sh" "$triplet" "$folder/installed"
 }
 
 test_soak() {
