@@ -7,17 +7,21 @@ usage: documents.py TREE | --self-test
 - A path in backticks that begins with a folder of the tree is there; "*" stands for anything.
 - README.md and docs/testing.md stay short enough to be read.
 - docs/decisions/README.md lists each decision once.
+- docs/integration.md has one row for each package that a build of packaging/debian/control needs.
 - docs/installing.md has one row for each PROXYMANAGER_ cache variable, and no row for another name.
 """
 
 import pathlib
 import re
+import subprocess
 import sys
 import tempfile
 
 # Lines. A longer document moves a part into a document of its own.
 LONGEST = {"README.md": 170, "docs/testing.md": 250}
 OPTIONS = "docs/installing.md"
+INTEGRATION = "docs/integration.md"
+RECIPE = "## A recipe for another build system"
 DECISIONS = "docs/decisions"
 
 LINK = re.compile(r"\]\(([^)\s]+)\)")
@@ -102,8 +106,23 @@ def undocumented_variables(tree):
             yield f"{OPTIONS} has {rows.count(name)} rows for {name}"
 
 
+def packages_of_the_recipe(tree):
+    """Each alternative of a dependency is a row of its own."""
+    listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
+                            check=True, capture_output=True, text=True).stdout
+    needed = {re.split(r"[ (]", name.strip())[0] for name in re.split(r"[|\n]", listed.strip())}
+    section = read(tree / INTEGRATION).partition(RECIPE)[2].partition("\n## ")[0]
+    rows = re.findall(r"^\| `([^`]+)` \|", section, re.MULTILINE)
+    for name in sorted(needed | set(rows)):
+        if name not in needed:
+            yield f"{INTEGRATION} has a row for {name}, which no build needs"
+        elif rows.count(name) != 1:
+            yield f"{INTEGRATION} has {rows.count(name)} rows for {name}"
+
+
 def findings(tree):
-    for check in (broken_links, missing_paths, overweight, unlisted_decisions, undocumented_variables):
+    for check in (broken_links, missing_paths, overweight, unlisted_decisions,
+                  undocumented_variables, packages_of_the_recipe):
         yield from check(tree)
 
 
@@ -112,6 +131,8 @@ GOOD = {
                  "```\n[none](none.md)\n```\n",
     "docs/testing.md": "# T\n",
     "docs/installing.md": "# I\n## Two words\n| `PROXYMANAGER_ONE` | |\n| `PROXYMANAGER_TWO` | |\n",
+    "docs/integration.md": f"{RECIPE}\n| `cmake` | |\n| `qjs` | |\n| `curl` | |\n\n## B\n| `none` |\n",
+    "packaging/dependencies.sh": "#!/bin/sh\necho 'cmake (>= 3.25)'\necho 'qjs (>= 1) | curl'\n",
     "docs/decisions/README.md": "[first](0001-first.md)\n",
     "docs/decisions/0001-first.md": "# First\n",
     "CMakeLists.txt": 'option(PROXYMANAGER_ONE "x" ON)\nset(PROXYMANAGER_PLAIN "y")\n',
@@ -124,6 +145,8 @@ BAD = [
     ("README.md", "# A\n" + "line\n" * 170, "171 lines"),
     ("docs/decisions/0002-second.md", "# Second\n", "0 times"),
     ("cmake/a.cmake", "find_program(PROXYMANAGER_THREE qemu)\n", "rows for PROXYMANAGER_THREE"),
+    ("packaging/dependencies.sh", "#!/bin/sh\necho cmake\necho curl\n", "row for qjs, which no"),
+    ("packaging/dependencies.sh", "#!/bin/sh\necho cmake\necho 'qjs | curl | gcc'\n", "0 rows for gcc"),
     ("CMakeLists.txt", "", "row for PROXYMANAGER_ONE, which is no"),
 ]
 
@@ -138,6 +161,7 @@ def self_test():
             for name, text in files.items():
                 (tree / name).parent.mkdir(parents=True, exist_ok=True)
                 (tree / name).write_text(text, encoding="utf-8")
+            (tree / "packaging/dependencies.sh").chmod(0o755)
             found = list(findings(tree))
             if change:
                 assert any(change[2] in line for line in found), (change, found)
