@@ -1,42 +1,50 @@
 // proxymanager-lease: what the hooks of all DHCP clients call.
 //
-// Each hook knows its client's names for the values and hands them over as arguments; everything
-// that has to be right is here, once. A program, not a shell script: a shell's redirection follows
-// links and opens fifos, and one of the files lies in a folder that is everybody's.
+// Each hook knows its client's names for the values and passes them as arguments; everything that
+// has to be right is here, once. A program, not a shell script: a shell's redirection follows links
+// and opens fifos, and one of the files is in a folder where everybody may write.
 //
-// One lease at a time: that of the interface that was configured last. The end of another
-// interface's lease changes nothing.
+// The lease of each interface is kept (lease_store.h). The default route decides which of them the
+// two files get that the daemon reads: at each call the choice is made again, and files that hold
+// it already are not touched.
 #include <sysexits.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "base/log_line.h"
 #include "base/paths.h"
+#include "platform/netservice/lease_store.h"
 #include "platform/netservice/lease_text.h"
 #include "platform/netservice/watched_file.h"
 
 namespace {
 
 using netservice::LeaseEncoding;
+using netservice::LeaseStore;
+using netservice::LeaseTexts;
 using netservice::LeaseValues;
 using netservice::WatchedFile;
+
+constexpr char kStore[] = "/run/proxymanager";
 
 constexpr char kUsage[] =
     "usage: proxymanager-lease plain|escaped|hex INTERFACE WPAD DOMAIN SEARCH\n"
     "       proxymanager-lease end INTERFACE\n"
     "\n"
-    "Called by the hooks of DHCP clients: writes the values of a new lease to\n"
-    "/usr/local/lumad/dhcp.conf and its search list to /tmp/.resolv.conf.dnsmasq, or takes them "
-    "out\n"
-    "where the lease of INTERFACE has ended.\n"
+    "Called by the hooks of DHCP clients. Keeps the values of a new lease of\n"
+    "INTERFACE, or forgets them if the lease has ended. Of all leases the one of the\n"
+    "default route is written to /usr/local/lumad/dhcp.conf, and its search list to\n"
+    "/tmp/.resolv.conf.dnsmasq.\n"
     "\n"
-    "  WPAD     option 252; \"hex\" where the client gives two digits a byte\n"
-    "  DOMAIN   option 15; \"escaped\" where the client escapes values with backslashes\n"
+    "  WPAD     option 252; \"hex\" if the client gives two digits a byte\n"
+    "  DOMAIN   option 15; \"escaped\" if the client escapes values with backslashes\n"
     "  SEARCH   option 119, names between blanks\n";
 
-bool said(const char* path, int trouble) {
+bool failed(const char* path, int trouble) {
   if (trouble != 0) {
     logLine(LOG_ERR, "netservice: %s not written: %s", path, std::strerror(trouble));
   }
@@ -44,25 +52,55 @@ bool said(const char* path, int trouble) {
 }
 
 // Both are opened before the first is written: the daemon reads them as soon as one changes.
-int write(LeaseEncoding encoding, const LeaseValues& values) {
+int write(const LeaseTexts& texts) {
   WatchedFile lease;
   WatchedFile resolver;
   const int noLease = lease.open(base::kLeaseFile);
   const int noResolver = resolver.open(base::kResolverFile);
-  bool failed = said(
-      base::kResolverFile,
-      noResolver != 0 ? noResolver : resolver.replace(netservice::resolverText(encoding, values)));
-  failed |= said(base::kLeaseFile,
-                 noLease != 0 ? noLease : lease.replace(netservice::leaseText(encoding, values)));
-  return failed ? EX_IOERR : EX_OK;
+  const bool resolverFailed =
+      failed(base::kResolverFile, noResolver != 0 ? noResolver : resolver.replace(texts.resolver));
+  const bool leaseFailed =
+      failed(base::kLeaseFile, noLease != 0 ? noLease : lease.replace(texts.lease));
+  return resolverFailed || leaseFailed ? EX_IOERR : EX_OK;
 }
 
-int end(const char* interface) {
+/// Writes the lease that counts. `interface` is the one that this call is about: without any lease,
+/// the files say that it has no values.
+int writeLeaseInForce(LeaseStore& store, const std::string& interface) {
+  const auto leases = store.leases(interface);
+  const auto* lease = netservice::leaseInForce(
+      leases, netservice::defaultRouteInterfaces(netservice::routeTable()));
+  if (lease != nullptr) return write(netservice::leaseTextsOf(lease->text));
+  return write(netservice::leaseTexts(LeaseEncoding::plain, {interface, {}, {}, {}}));
+}
+
+int begin(LeaseEncoding encoding, const LeaseValues& values) {
+  const std::string interface(values.interface);
+  const LeaseTexts texts = netservice::leaseTexts(encoding, values);
+  LeaseStore store(kStore);
+  int trouble = store.open();
+  if (trouble == 0) trouble = store.keep(interface, texts.lease + texts.resolver);
+  // With one interface, as most devices have, nothing is lost then.
+  if (failed(kStore, trouble)) return write(texts) == EX_OK ? EX_OSERR : EX_IOERR;
+  return writeLeaseInForce(store, interface);
+}
+
+/// Whether the file that the daemon reads has the values of `interface`.
+bool isInForce(const std::string& interface) {
   WatchedFile lease;
-  if (const int trouble = lease.open(base::kLeaseFile); said(base::kLeaseFile, trouble))
-    return EX_IOERR;
-  if (!netservice::isLeaseOf(lease.text(), interface)) return EX_OK;
-  return write(LeaseEncoding::plain, {interface, {}, {}, {}});
+  return !failed(base::kLeaseFile, lease.open(base::kLeaseFile)) &&
+         netservice::isLeaseOf(lease.text(), interface);
+}
+
+int end(const std::string& interface) {
+  LeaseStore store(kStore);
+  if (failed(kStore, store.open())) return EX_OSERR;
+  const int trouble = store.forget(interface);
+  if (trouble != ENOENT && failed(kStore, trouble)) return EX_OSERR;
+  // Most interfaces that end never had a lease; what another program wrote is left alone then. A
+  // lease of an earlier boot or version is in the file alone.
+  if (trouble == ENOENT && !isInForce(interface)) return EX_OK;
+  return writeLeaseInForce(store, interface);
 }
 
 int usage(std::FILE* stream) {
@@ -76,11 +114,15 @@ int main(int argc, char** argv) {
   const std::string_view action = argc > 1 ? argv[1] : "";
   openlog("proxymanager-lease", LOG_PID | LOG_PERROR, LOG_DAEMON);
   if (action == "--help") return usage(stdout);
-  if (action == "end" && argc == 3) return end(argv[2]);
-  if (argc != 6) return usage(stderr);
+  if (argc != 6 && !(action == "end" && argc == 3)) return usage(stderr);
+  if (!netservice::isInterfaceName(argv[2])) {
+    logLine(LOG_ERR, "netservice: not the name of a network interface");
+    return EX_USAGE;
+  }
+  if (argc == 3) return end(argv[2]);
   const LeaseValues values{argv[2], argv[3], argv[4], argv[5]};
-  if (action == "plain") return write(LeaseEncoding::plain, values);
-  if (action == "escaped") return write(LeaseEncoding::escaped, values);
-  if (action == "hex") return write(LeaseEncoding::hex, values);
+  if (action == "plain") return begin(LeaseEncoding::plain, values);
+  if (action == "escaped") return begin(LeaseEncoding::escaped, values);
+  if (action == "hex") return begin(LeaseEncoding::hex, values);
   return usage(stderr);
 }

@@ -114,6 +114,18 @@ std::string resolverText(LeaseEncoding encoding, const LeaseValues& values) {
   return joined.empty() ? std::string() : "search " + joined + '\n';
 }
 
+LeaseTexts leaseTexts(LeaseEncoding encoding, const LeaseValues& values) {
+  return {leaseText(encoding, values), resolverText(encoding, values)};
+}
+
+LeaseTexts leaseTextsOf(std::string_view joined) {
+  // No line of a lease begins like this: each is key=value.
+  constexpr std::string_view kBegin = "\nsearch ";
+  const std::size_t found = joined.find(kBegin);
+  const std::size_t split = found == std::string_view::npos ? joined.size() : found + 1;
+  return {std::string(joined.substr(0, split)), std::string(joined.substr(split))};
+}
+
 bool isLeaseOf(std::string_view text, std::string_view interface) {
   return text.starts_with(interfaceLine(interface));
 }

@@ -38,6 +38,18 @@ std::string leaseText(LeaseEncoding encoding, const LeaseValues& values);
 /// where the list has none. Empty where neither has a name.
 std::string resolverText(LeaseEncoding encoding, const LeaseValues& values);
 
+/// The texts of the two files.
+struct LeaseTexts {
+  std::string lease;     ///< as leaseText() makes it
+  std::string resolver;  ///< as resolverText() makes it
+};
+
+/// Both texts of a lease's values.
+LeaseTexts leaseTexts(LeaseEncoding encoding, const LeaseValues& values);
+
+/// Both texts from one that has the lease's lines first and the resolver's behind.
+LeaseTexts leaseTextsOf(std::string_view joined);
+
 /// Whether a lease file's text is that of the lease of `interface`.
 bool isLeaseOf(std::string_view text, std::string_view interface);
 

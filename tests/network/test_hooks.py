@@ -34,7 +34,7 @@ def networkmanager(hooks, *words, **variables):
     run(f"{hooks}/networkmanager", *words, **variables)
 
 
-OF_NETWORKMANAGER = {"DHCP4_WPAD": URL, "DHCP4_DOMAIN_NAME": "a.example",
+OF_NETWORKMANAGER = {"DHCP4_IP_ADDRESS": "10.77.1.50", "DHCP4_WPAD": URL, "DHCP4_DOMAIN_NAME": "a.example",
                      "DHCP4_DOMAIN_SEARCH": "a.example b.example"}
 
 
@@ -48,15 +48,16 @@ def test_networkmanager_brings_its_lease_and_takes_it_away(hooks):
 
 
 def test_networkmanagers_domains_serve_where_the_lease_has_no_search_list(hooks):
-    networkmanager(hooks, "eth0", "up", DHCP4_DOMAIN_NAME="a.example",
-                   IP4_DOMAINS="c.example d.example")
+    networkmanager(hooks, "eth0", "up", DHCP4_IP_ADDRESS="10.77.1.50",
+                   DHCP4_DOMAIN_NAME="a.example", IP4_DOMAINS="c.example d.example")
     assert contents(RESOLVER) == "search c.example d.example\n"
 
 
 def test_what_else_networkmanager_tells_changes_nothing(hooks):
     networkmanager(hooks, "eth0", "up", **OF_NETWORKMANAGER)
     for words in (("eth1", "down"), ("eth0", "connectivity-change"), ("eth0", "pre-down"),
-                  ("none", "hostname"), ("", "up")):
+                  ("none", "hostname"), ("", "up"), ("docker0", "up"), ("lo", "up"),
+                  ("eth0", "dhcp4-change")):
         networkmanager(hooks, *words)
         expect_full()
 
@@ -99,8 +100,8 @@ def test_systemd_networkd_without_a_lease_has_no_values(hooks, gateway):
 
 def test_a_second_interfaces_lease_takes_the_place_and_the_firsts_end_changes_nothing(hooks):
     networkmanager(hooks, "eth0", "up", **OF_NETWORKMANAGER)
-    networkmanager(hooks, "eth1", "up", DHCP4_WPAD="http://second.example/",
-                   DHCP4_DOMAIN_NAME="second.example")
+    networkmanager(hooks, "eth1", "up", DHCP4_IP_ADDRESS="10.77.1.60",
+                   DHCP4_WPAD="http://second.example/", DHCP4_DOMAIN_NAME="second.example")
     after = "interface='eth1'\ndomain='second.example'\nwpad='http://second.example/'\n"
     assert contents(LEASE) == after
     networkmanager(hooks, "eth0", "down")

@@ -1,0 +1,85 @@
+// The leases of all interfaces, so that the end of one brings back another.
+//
+// A device has several links, each with a lease of its own, and the daemon knows one network. The
+// hooks report each interface by itself: what they report is kept here, one file for each
+// interface, and the default route decides which of them counts. A folder below /run, because a
+// lease does not outlive a boot.
+#pragma once
+
+#include <chrono>
+#include <ctime>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "base/unique_fd.h"
+
+namespace netservice {
+
+/// How long open() waits for another process, which reads and writes some small files. Without a
+/// limit a process that stands still would hold up every DHCP client of the device.
+inline constexpr std::chrono::seconds kStoreWait{10};
+
+/// What is kept of one interface.
+struct KeptLease {
+  std::string interface;
+  std::string text;       ///< as keep() got it
+  std::timespec since{};  ///< of the system's clock: when this text was kept
+};
+
+/// The store. One process at a time uses it. Not for two threads.
+class LeaseStore {
+ public:
+  /// @param folder where the folder "leases" is; both are made if they are missing
+  /// @param wait   how long open() waits
+  explicit LeaseStore(std::string folder, std::chrono::milliseconds wait = kStoreWait)
+      : mFolder(std::move(folder)), mWait(wait) {}
+
+  /// Opens the store and waits until no other process has it, no longer than given. The store
+  /// is this object's until its end.
+  /// @return 0, or an errno value: ETIMEDOUT after the wait, EPERM for a folder of another user,
+  /// else
+  ///         that of mkdir, open or flock
+  int open();
+
+  /// Keeps `text` as the lease of `interface`. Nothing is written if it is the same as before.
+  /// @param interface a name for which isInterfaceName() holds
+  /// @return 0, or the errno value of what failed; the lease from before is then still there
+  int keep(const std::string& interface, const std::string& text);
+
+  /// Forgets the lease of `interface`. @return 0, ENOENT if there was none, or an errno value
+  int forget(const std::string& interface);
+
+  /// Forgets the leases of interfaces that do not exist any more: their client did not report an
+  /// end. `interface` is left alone.
+  /// @return the leases that are left, in no order; those that cannot be read are left out, each
+  ///         with one LOG_ERR line
+  std::vector<KeptLease> leases(const std::string& interface);
+
+ private:
+  int openFolder(int parent, const char* name);
+
+  std::string mFolder;
+  std::chrono::milliseconds mWait;
+  base::UniqueFd mLeases;
+};
+
+/// Whether `name` can be an interface's: not empty, 15 bytes at most (IFNAMSIZ), no slash, blank or
+/// control character, no dot in front.
+bool isInterfaceName(std::string_view name);
+
+/// The interfaces of the IPv4 default routes in `table`, the text of /proc/net/route: the lowest
+/// metric first, equal ones in the order of the table. Routes that are down or reject are left out.
+std::vector<std::string> defaultRouteInterfaces(const std::string& table);
+
+/// The text of /proc/net/route, of the network of the calling thread; 512 KiB of it at most, and
+/// default routes stand first. Empty if there is none.
+std::string routeTable();
+
+/// Which lease counts: that of the best default route whose interface has one, else the one that
+/// changed last. @return null if there is no lease
+const KeptLease* leaseInForce(const std::vector<KeptLease>& leases,
+                              const std::vector<std::string>& routes);
+
+}  // namespace netservice
