@@ -2,7 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,8 +17,7 @@ class NoWorld : public pac_worker::PacEnvironment {
     return {};
   }
   std::vector<std::string> ownAddresses(pac_engine::AddressFamily) override { return {}; }
-  std::int64_t now() override { return 0; }
-  std::tm brokenDown(std::int64_t, bool) override { return {}; }
+  std::optional<std::int64_t> stoppedClock() override { return std::nullopt; }
   void alert(std::string_view) override {}
 };
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 namespace pac_worker {
@@ -12,21 +13,29 @@ namespace pac_worker {
 /// (RFC 4291, 2.5.5.2), so that both spellings of one address are equal.
 using Address = std::array<std::uint8_t, 16>;
 
-/// A dotted quad as a number of host order: four fields of one to three decimal digits, each 0 to
-/// 255; leading zeros are decimal too.
+/// A dotted quad as a number of host order: four decimal fields of one to three digits, each 0 to
+/// 255; leading zeros are decimal too. This is what isInNet and masks mean by an address.
 std::optional<std::uint32_t> parseQuad(std::string_view text);
 
-/// True for an IPv6 literal without brackets and without a zone.
-bool isIpv6Literal(std::string_view text);
+/// An IPv4 literal as browsers read one in a URL: one to four fields, decimal, octal after a "0" or
+/// hexadecimal after "0x"; the last one fills the bytes that remain, one trailing dot is ignored.
+std::optional<std::uint32_t> parseIpv4(std::string_view text);
 
-/// True for a literal of either family.
-bool isAddressLiteral(std::string_view text);
+/// An IPv6 literal without brackets and without a zone. An IPv4 address may stand for the last two
+/// groups, written as four fields of parseIpv4().
+std::optional<Address> parseIpv6(std::string_view text);
 
 /// The address that a literal of either family names.
 std::optional<Address> parseAddress(std::string_view text);
 
-/// True where `address` lies in `prefix`, written "address/length"; false where one of them cannot
-/// be read.
+/// "10.0.0.1"
+std::string textOfIpv4(std::uint32_t quad);
+
+/// RFC 5952: lower case, the longest run of zero groups as "::", no dotted quad inside.
+std::string textOfIpv6(const Address& address);
+
+/// Returns true if `address` lies in `prefix`, written "address/length"; false if one of them
+/// cannot be read. White space around the two parts of `prefix` is ignored.
 bool liesInPrefix(std::string_view address, std::string_view prefix);
 
 }  // namespace pac_worker

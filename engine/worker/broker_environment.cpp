@@ -58,22 +58,6 @@ std::vector<std::string> BrokerEnvironment::ownAddresses(AddressFamily family) {
   return mOwn[family] = ask(pac_engine::OwnAddresses{family});
 }
 
-std::int64_t BrokerEnvironment::now() {
-  timespec time{};
-  if (!mStopped) clock_gettime(CLOCK_REALTIME, &time);
-  return mStopped.value_or(time.tv_sec);
-}
-
-std::tm BrokerEnvironment::brokenDown(std::int64_t when, bool gmt) {
-  // Times that time_t cannot hold (where it has 32 bits, those past January 2038) leave the fields
-  // empty, as do years that an int cannot.
-  if (!std::in_range<std::time_t>(when)) return {};
-  const auto time = static_cast<std::time_t>(when);
-  std::tm fields{};
-  if ((gmt ? gmtime_r(&time, &fields) : localtime_r(&time, &fields)) == nullptr) fields = {};
-  return fields;
-}
-
 void BrokerEnvironment::alert(std::string_view text) {
   // What one evaluation may log in all is counted by the library.
   sendOrEnd(mChannel, pac_engine::Alert{pac_engine::cutText(text, pac_engine::kMaxAlertBytes)});

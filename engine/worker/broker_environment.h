@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
 #include <functional>
 #include <map>
 #include <optional>
@@ -31,8 +30,7 @@ class BrokerEnvironment : public PacEnvironment {
 
   std::vector<std::string> resolve(std::string_view name, AddressFamily family) override;
   std::vector<std::string> ownAddresses(AddressFamily family) override;
-  std::int64_t now() override;
-  std::tm brokenDown(std::int64_t when, bool gmt) override;
+  std::optional<std::int64_t> stoppedClock() override { return mStopped; }
   void alert(std::string_view text) override;
 
  private:

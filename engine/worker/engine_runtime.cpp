@@ -134,9 +134,6 @@ EngineRuntime::EngineRuntime(PacEnvironment& environment, const ScriptLimits& li
 void EngineRuntime::keepIntrinsics() {
   JSContext* const context = mContext.get();
   const Value global(context, JS_GetGlobalObject(context));
-  mRegExpConstructor = JS_GetPropertyStr(context, global.get(), "RegExp");
-  const Value regExp(context, JS_GetPropertyStr(context, mRegExpConstructor, "prototype"));
-  mRegExpExec = JS_GetPropertyStr(context, regExp.get(), "exec");
   const Value constructor(context, JS_GetPropertyStr(context, global.get(), "Error"));
   const Value error(context, JS_GetPropertyStr(context, constructor.get(), "prototype"));
   const JSAtom name = JS_NewAtom(context, "stack");
@@ -152,8 +149,7 @@ void EngineRuntime::keepIntrinsics() {
 EngineRuntime::~EngineRuntime() {
   if (!mContext) return;
   JS_FreeValue(mContext.get(), mErrorStack);
-  JS_FreeValue(mContext.get(), mRegExpExec);
-  JS_FreeValue(mContext.get(), mRegExpConstructor);
+  JS_FreeValue(mContext.get(), mGeneralHelpers);
 }
 
 void EngineRuntime::begin() {

@@ -94,11 +94,11 @@ class EngineRuntime {
   /// Logs as much of an alert's text as this evaluation may still log.
   void alert(std::string_view text);
 
-  /// The language's own regular expressions, whatever the script makes of their names.
-  [[nodiscard]] JSValueConst regExpConstructor() const { return mRegExpConstructor; }
-  [[nodiscard]] JSValueConst regExpExec() const { return mRegExpExec; }
   /// The getter of an error's stack trace; it runs no code of the script.
   [[nodiscard]] JSValueConst errorStack() const { return mErrorStack; }
+  /// What helpers.js evaluates to, once a helper has needed it; undefined before. Owned by the
+  /// runtime.
+  [[nodiscard]] JSValue& generalHelpers() { return mGeneralHelpers; }
 
  private:
   struct RuntimeDeleter {
@@ -139,8 +139,7 @@ class EngineRuntime {
   std::size_t mAlertBytesLeft = 0;
   std::unique_ptr<JSRuntime, RuntimeDeleter> mRuntime;
   OwnedContext mContext;
-  JSValue mRegExpConstructor = JS_UNDEFINED;
-  JSValue mRegExpExec = JS_UNDEFINED;
+  JSValue mGeneralHelpers = JS_UNDEFINED;
   JSValue mErrorStack = JS_UNDEFINED;
 };
 

@@ -6,7 +6,7 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,19 +25,16 @@ class PacEnvironment {
   virtual ~PacEnvironment() = default;
 
   /// Addresses of `name` (never a literal; an international name as UTF-8) as texts, in the order
-  /// of preference; empty where the name does not resolve, its lookup takes too long, or the
+  /// of preference; empty if the name does not resolve, its lookup takes too long, or the
   /// evaluation has looked up its share of names. Blocks 2 s at most.
   virtual std::vector<std::string> resolve(std::string_view name, AddressFamily family) = 0;
 
   /// The address that would be used to reach the outside, for kIpv4; all usable addresses of the
-  /// device, for kAny. Empty where there is none.
+  /// device, for kAny. Empty if there is none.
   virtual std::vector<std::string> ownAddresses(AddressFamily family) = 0;
 
-  /// Seconds since 1970-01-01T00:00:00Z.
-  virtual std::int64_t now() = 0;
-
-  /// `when` broken down in the device's zone, or in UTC.
-  virtual std::tm brokenDown(std::int64_t when, bool gmt) = 0;
+  /// Seconds since 1970-01-01T00:00:00Z that a script takes for now, if they are not the clock's.
+  virtual std::optional<std::int64_t> stoppedClock() = 0;
 
   /// Takes the text of alert(); any length, any bytes.
   virtual void alert(std::string_view text) = 0;

@@ -1,8 +1,7 @@
 #include "engine/worker/pac_functions.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
+#include <tuple>
 #include <vector>
 
 #include "engine/worker/address_text.h"
@@ -13,9 +12,10 @@ namespace {
 
 constexpr char kSeparator = ';';
 
-std::string joined(const std::vector<std::string>& texts) {
+template <typename Text>
+std::string joined(const std::vector<Text>& texts) {
   std::string list;
-  for (const std::string& text : texts) {
+  for (const Text& text : texts) {
     if (!list.empty()) list += kSeparator;
     list += text;
   }
@@ -43,39 +43,20 @@ std::vector<std::string> lookUp(PacEnvironment& environment, std::string_view na
   return environment.resolve(name, family);
 }
 
-// The IPv4 address of a literal or a name.
-std::optional<std::uint32_t> quadOf(PacEnvironment& environment, std::string_view host) {
-  if (isAddressLiteral(host)) return parseQuad(host);
-  for (const std::string& address : lookUp(environment, host, AddressFamily::kIpv4))
-    if (const std::optional<std::uint32_t> quad = parseQuad(address)) return quad;
-  return std::nullopt;
-}
-
-// A field of convert_addr as the bit operators of the language see it: a number modulo 2^32 without
-// its fraction, 0 for what is no number.
-std::uint8_t fieldOf(std::string_view text) {
-  const std::size_t first = text.find_first_not_of(" \t\r\n");
-  if (first == text.npos) return 0;
-  text = text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-  const bool negative = text.front() == '-';
-  if (negative || text.front() == '+') text.remove_prefix(1);
-  // Only now: the parser would take a second sign, "inf" and "nan".
-  if (text.empty() || text.front() < '0' || text.front() > '9') return 0;
-  double value = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stopped, error] = std::from_chars(text.data(), end, value);
-  if (error != std::errc() || stopped != end) return 0;
-  const auto low = static_cast<unsigned>(std::fmod(value, 256.0));
-  return static_cast<std::uint8_t>(negative ? 256U - low : low);
-}
+// An entry of a list that is sorted.
+struct Entry {
+  bool ipv4;
+  Address address;
+  std::string_view text;
+};
 
 }  // namespace
 
 bool isPlainHostName(std::string_view host) {
   if (host.find('.') != host.npos) return false;
   if (host.size() > 2 && host.front() == '[' && host.back() == ']')
-    host = host.substr(1, host.size() - 2);
-  return !isIpv6Literal(host);
+    return !parseIpv6(host.substr(1, host.size() - 2));
+  return !parseAddress(host);
 }
 
 bool dnsDomainIs(std::string_view host, std::string_view domain) {
@@ -91,34 +72,12 @@ std::size_t dnsDomainLevels(std::string_view host) {
   return static_cast<std::size_t>(std::count(host.begin(), host.end(), '.'));
 }
 
-bool isResolvable(PacEnvironment& environment, std::string_view host) {
-  return quadOf(environment, host).has_value();
-}
-
 std::optional<std::string> dnsResolve(PacEnvironment& environment, std::string_view host) {
-  if (isAddressLiteral(host)) return std::string(host);
+  if (const std::optional<std::uint32_t> literal = parseIpv4(host)) return textOfIpv4(*literal);
+  if (parseIpv6(host)) return std::nullopt;
   for (std::string& address : lookUp(environment, host, AddressFamily::kIpv4))
     if (parseQuad(address)) return std::move(address);
   return std::nullopt;
-}
-
-bool isInNet(PacEnvironment& environment, std::string_view host, std::string_view pattern,
-             std::string_view mask) {
-  const std::optional<std::uint32_t> wanted = parseQuad(pattern);
-  const std::optional<std::uint32_t> bits = parseQuad(mask);
-  if (!wanted || !bits) return false;
-  const std::optional<std::uint32_t> address = quadOf(environment, host);
-  return address && ((*address ^ *wanted) & *bits) == 0;
-}
-
-std::int32_t convertAddr(std::string_view text) {
-  std::uint32_t number = 0;
-  for (int field = 0; field < 4; ++field) {
-    const std::size_t dot = std::min(text.find('.'), text.size());
-    number = (number << 8U) | fieldOf(text.substr(0, dot));
-    text.remove_prefix(std::min(dot + 1, text.size()));
-  }
-  return static_cast<std::int32_t>(number);
 }
 
 std::string myIpAddress(PacEnvironment& environment) {
@@ -126,40 +85,35 @@ std::string myIpAddress(PacEnvironment& environment) {
   return addresses.empty() ? std::string(kLoopbackAddress) : std::move(addresses.front());
 }
 
-bool isResolvableEx(PacEnvironment& environment, std::string_view host) {
-  return isAddressLiteral(host) || !lookUp(environment, host, AddressFamily::kAny).empty();
-}
-
 std::string dnsResolveEx(PacEnvironment& environment, std::string_view host) {
-  if (isAddressLiteral(host)) return std::string(host);
+  if (const std::optional<std::uint32_t> literal = parseIpv4(host)) return textOfIpv4(*literal);
+  if (const std::optional<Address> literal = parseIpv6(host)) return textOfIpv6(*literal);
   return joined(lookUp(environment, host, AddressFamily::kAny));
 }
 
-bool isInNetEx(std::string_view address, std::string_view prefix) {
-  return liesInPrefix(address, prefix);
-}
-
 std::string myIpAddressEx(PacEnvironment& environment) {
-  return joined(environment.ownAddresses(AddressFamily::kAny));
+  const std::vector<std::string> addresses = environment.ownAddresses(AddressFamily::kAny);
+  return addresses.empty() ? std::string(kLoopbackAddress) : joined(addresses);
 }
 
-// One pass a family: a hostile list may be long, and this holds no more than its length.
-std::optional<std::string> sortIpAddressList(std::string_view list) {
-  std::string sorted;
-  for (const bool wantIpv6 : {true, false}) {
-    for (std::string_view rest = list; !rest.empty();) {
-      const std::string_view entry = rest.substr(0, rest.find(kSeparator));
-      rest.remove_prefix(std::min(entry.size() + 1, rest.size()));
-      if (entry.empty()) continue;
-      const bool ipv6 = isIpv6Literal(entry);
-      if (!ipv6 && !parseQuad(entry)) return std::nullopt;
-      if (ipv6 != wantIpv6) continue;
-      if (!sorted.empty()) sorted += kSeparator;
-      sorted += entry;
-    }
+std::optional<std::string> sortIpAddressList(std::string list) {
+  std::erase_if(list, [](char c) { return c == ' ' || c == '\t'; });
+  std::vector<Entry> entries;
+  for (std::string_view rest = list; !rest.empty();) {
+    const std::string_view text = rest.substr(0, rest.find(kSeparator));
+    rest.remove_prefix(std::min(text.size() + 1, rest.size()));
+    if (text.empty()) continue;
+    const std::optional<Address> address = parseAddress(text);
+    if (!address) return std::nullopt;
+    entries.push_back({parseIpv4(text).has_value(), *address, text});
   }
-  if (sorted.empty()) return std::nullopt;
-  return sorted;
+  if (entries.empty()) return std::nullopt;
+  std::stable_sort(entries.begin(), entries.end(), [](const Entry& a, const Entry& b) {
+    return std::tie(a.ipv4, a.address) < std::tie(b.ipv4, b.address);
+  });
+  std::vector<std::string_view> texts;
+  for (const Entry& entry : entries) texts.push_back(entry.text);
+  return joined(texts);
 }
 
 }  // namespace pac_worker

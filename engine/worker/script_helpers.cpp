@@ -1,24 +1,21 @@
 #include "engine/worker/script_helpers.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <iterator>
 #include <new>
 #include <optional>
 #include <span>
-#include <string>
-#include <vector>
+#include <string_view>
 
-#include "engine/worker/pac_dates.h"
+#include "engine/worker/address_text.h"
+#include "engine/worker/own_scripts.h"
 #include "engine/worker/pac_functions.h"
 #include "engine/worker/shell_expression.h"
 #include "engine/worker/utf8.h"
 
 namespace pac_worker {
 namespace {
-
-// No date helper takes more arguments, and none a longer text; what is longer means nothing.
-constexpr std::size_t kMostRangeArguments = 8;
-constexpr std::size_t kLongestRangeText = 16;
 
 // Up to here shExpMatch's own matching, which cannot be interrupted, is sure to end in
 // milliseconds.
@@ -45,86 +42,152 @@ JSValue textValue(const Call& call, std::string_view text) {
   return JS_NewStringLen(call.context, text.data(), text.size());
 }
 
-// An argument that must not be null, undefined or missing; a false Text has an exception pending.
-Text wanted(const Call& call, std::size_t index) {
-  const JSValueConst value = call[index];
-  if (JS_IsNull(value) || JS_IsUndefined(value))
-    JS_ThrowTypeError(call.context, "argument %zu is null or missing", index + 1);
-  else
-    return {call.context, value};
-  return {call.context, JS_EXCEPTION};
+bool isAscii(std::string_view text) {
+  return std::all_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x80U; });
+}
+
+// Evaluates one of our own scripts. @return its value, or JS_EXCEPTION
+template <std::size_t kSize>
+JSValue evaluated(JSContext* context, const char (&script)[kSize], const char* name) {
+  return JS_Eval(context, script, kSize - 1, name, JS_EVAL_TYPE_GLOBAL);
+}
+
+// The helper as helpers.js has it, for these arguments. Most scripts never need one, so the file is
+// compiled at the first call.
+JSValue general(const Call& call, const char* name) {
+  JSValue& helpers = EngineRuntime::of(call.context).generalHelpers();
+  if (JS_IsUndefined(helpers)) {
+    const JSValue object = evaluated(call.context, kHelpersScript, "helpers.js");
+    if (JS_IsException(object)) return JS_EXCEPTION;
+    helpers = object;
+  }
+  const Value function(call.context, JS_GetPropertyStr(call.context, helpers, name));
+  if (function.isException()) return JS_EXCEPTION;
+  return JS_Call(call.context, function.get(), helpers, static_cast<int>(call.arguments.size()),
+                 call.arguments.data());
+}
+
+template <const char* kName>
+JSValue generalHelper(const Call& call) {
+  return general(call, kName);
+}
+
+// The first two arguments, if both are strings.
+struct TwoTexts {
+  explicit TwoTexts(const Call& call)
+      : strings(call.isText(0) && call.isText(1)),
+        first(call.context, strings ? call[0] : JS_UNDEFINED),
+        second(call.context, strings ? call[1] : JS_UNDEFINED) {}
+  [[nodiscard]] bool failed() const { return !first || !second; }
+  // A byte is then what the language calls a character.
+  [[nodiscard]] bool areAscii() const {
+    return strings && isAscii(first.view()) && isAscii(second.view());
+  }
+
+  const bool strings;
+  const Text first;
+  const Text second;
+};
+
+template <bool (*kFunction)(std::string_view, std::string_view), const char* kName>
+JSValue twoTextsHelper(const Call& call) {
+  const TwoTexts texts(call);
+  if (texts.failed()) return JS_EXCEPTION;
+  if (!texts.areAscii()) return general(call, kName);
+  return truth(kFunction(texts.first.view(), texts.second.view()));
+}
+
+JSValue shExpMatchHelper(const Call& call) {
+  const TwoTexts texts(call);
+  if (texts.failed()) return JS_EXCEPTION;
+  const std::string_view text = texts.first.view();
+  const std::string_view expression = texts.second.view();
+  if (!texts.strings || !isPlainShellExpression(expression) ||
+      (text.size() + 1) * (expression.size() + 1) > kNativeMatchSteps)
+    return general(call, "shExpMatch");
+  if (texts.areAscii()) return truth(matchesShellExpression(text, expression));
+  return truth(matchesShellExpression(utf16Units(text), utf16Units(expression)));
+}
+
+// Calls the script's global function `name`, which may be our helper or its own.
+JSValue callGlobal(const Call& call, const char* name, JSValueConst argument) {
+  const Value global(call.context, JS_GetGlobalObject(call.context));
+  const Value function(call.context, JS_GetPropertyStr(call.context, global.get(), name));
+  if (function.isException()) return JS_EXCEPTION;
+  JSValueConst arguments[] = {argument};
+  return JS_Call(call.context, function.get(), JS_UNDEFINED, 1, arguments);
+}
+
+// An address that isInNet compares: a dotted quad, else whatever convert_addr makes of the value.
+std::optional<std::uint32_t> quadOf(const Call& call, JSValueConst address) {
+  if (JS_IsString(address)) {
+    const Text text(call.context, address);
+    if (!text) return std::nullopt;
+    if (const std::optional<std::uint32_t> quad = parseQuad(text.view())) return quad;
+  }
+  const Value number(call.context, callGlobal(call, "convert_addr", address));
+  std::int32_t quad = 0;
+  if (number.isException() || JS_ToInt32(call.context, &quad, number.get()) < 0)
+    return std::nullopt;
+  return static_cast<std::uint32_t>(quad);
+}
+
+JSValue isInNetHelper(const Call& call) {
+  if (!call.isText(0) || !call.isText(1) || !call.isText(2)) return general(call, "isInNet");
+  const Text host(call.context, call[0]);
+  const Text pattern(call.context, call[1]);
+  const Text mask(call.context, call[2]);
+  if (!host || !pattern || !mask) return JS_EXCEPTION;
+  const std::optional<std::uint32_t> wanted = parseQuad(pattern.view());
+  const std::optional<std::uint32_t> bits = parseQuad(mask.view());
+  if (!wanted || !bits) return JS_FALSE;
+  std::optional<std::uint32_t> quad = parseQuad(host.view());
+  if (!quad) {
+    const Value address(call.context, callGlobal(call, "dnsResolve", call[0]));
+    if (JS_IsNull(address.get()) || JS_IsUndefined(address.get())) return JS_FALSE;
+    if (!address.isException()) quad = quadOf(call, address.get());
+    if (!quad) return JS_EXCEPTION;
+  }
+  return truth(((*quad ^ *wanted) & *bits) == 0);
 }
 
 JSValue isPlainHostNameHelper(const Call& call) {
-  if (!call.isText(0)) return JS_ThrowTypeError(call.context, "isPlainHostName wants a string");
-  const Text host = wanted(call, 0);
+  if (!call.isText(0)) return JS_ThrowTypeError(call.context, "isPlainHostName needs a string");
+  const Text host(call.context, call[0]);
   return host ? truth(isPlainHostName(host.view())) : JS_EXCEPTION;
 }
 
-JSValue dnsDomainIsHelper(const Call& call) {
-  const Text host = wanted(call, 0);
-  if (!host) return JS_EXCEPTION;
-  const Text domain = wanted(call, 1);
-  return domain ? truth(dnsDomainIs(host.view(), domain.view())) : JS_EXCEPTION;
-}
-
-JSValue localHostOrDomainIsHelper(const Call& call) {
-  const Text host = wanted(call, 0);
-  if (!host) return JS_EXCEPTION;
-  const Text hostdom = wanted(call, 1);
-  return hostdom ? truth(localHostOrDomainIs(host.view(), hostdom.view())) : JS_EXCEPTION;
-}
-
 JSValue dnsDomainLevelsHelper(const Call& call) {
-  const Text host = wanted(call, 0);
+  if (!call.isText(0)) return general(call, "dnsDomainLevels");
+  const Text host(call.context, call[0]);
   if (!host) return JS_EXCEPTION;
   return JS_NewInt64(call.context, static_cast<std::int64_t>(dnsDomainLevels(host.view())));
 }
 
-template <bool (*kFunction)(PacEnvironment&, std::string_view)>
-JSValue isResolvableHelper(const Call& call) {
-  if (!call.isText(0)) return JS_FALSE;
-  const Text host = wanted(call, 0);
-  return host ? truth(kFunction(call.environment(), host.view())) : JS_EXCEPTION;
-}
-
 JSValue dnsResolveHelper(const Call& call) {
   if (!call.isText(0)) return JS_NULL;
-  const Text host = wanted(call, 0);
+  const Text host(call.context, call[0]);
   if (!host) return JS_EXCEPTION;
   const std::optional<std::string> address = dnsResolve(call.environment(), host.view());
   return address ? textValue(call, *address) : JS_NULL;
 }
 
 JSValue dnsResolveExHelper(const Call& call) {
-  if (!call.isText(0)) return textValue(call, "");
-  const Text host = wanted(call, 0);
-  return host ? textValue(call, dnsResolveEx(call.environment(), host.view())) : JS_EXCEPTION;
-}
-
-JSValue isInNetHelper(const Call& call) {
-  if (!call.isText(0) || !call.isText(1) || !call.isText(2)) return JS_FALSE;
-  const Text host = wanted(call, 0);
+  if (!call.isText(0)) return JS_UNDEFINED;
+  const Text host(call.context, call[0]);
   if (!host) return JS_EXCEPTION;
-  const Text pattern = wanted(call, 1);
-  if (!pattern) return JS_EXCEPTION;
-  const Text mask = wanted(call, 2);
-  if (!mask) return JS_EXCEPTION;
-  return truth(isInNet(call.environment(), host.view(), pattern.view(), mask.view()));
+  // An unpaired surrogate is no character of any name.
+  if (!isUtf8(host.view())) return JS_UNDEFINED;
+  return textValue(call, dnsResolveEx(call.environment(), host.view()));
 }
 
 JSValue isInNetExHelper(const Call& call) {
-  if (call.arguments.size() < 2) return JS_NULL;
-  if (!call.isText(0) || !call.isText(1)) return JS_FALSE;
-  const Text address = wanted(call, 0);
-  if (!address) return JS_EXCEPTION;
-  const Text prefix = wanted(call, 1);
-  return prefix ? truth(isInNetEx(address.view(), prefix.view())) : JS_EXCEPTION;
-}
-
-JSValue convertAddrHelper(const Call& call) {
-  const Text text = wanted(call, 0);
-  return text ? JS_NewInt32(call.context, convertAddr(text.view())) : JS_EXCEPTION;
+  if (!call.isText(0) || !call.isText(1)) return JS_NULL;
+  const Text address(call.context, call[0]);
+  const Text prefix(call.context, call[1]);
+  if (!address || !prefix) return JS_EXCEPTION;
+  return truth(liesInPrefix(address.view(), prefix.view()));
 }
 
 template <std::string (*kFunction)(PacEnvironment&)>
@@ -134,9 +197,10 @@ JSValue ownAddressHelper(const Call& call) {
 
 JSValue sortIpAddressListHelper(const Call& call) {
   if (!call.isText(0)) return JS_NULL;
-  const Text list = wanted(call, 0);
+  const Text list(call.context, call[0]);
   if (!list) return JS_EXCEPTION;
-  const std::optional<std::string> sorted = sortIpAddressList(list.view());
+  if (!isAscii(list.view())) return JS_NULL;
+  const std::optional<std::string> sorted = sortIpAddressList(std::string(list.view()));
   return sorted ? textValue(call, *sorted) : JS_FALSE;
 }
 
@@ -144,85 +208,10 @@ JSValue getClientVersionHelper(const Call& call) {
   return textValue(call, kClientVersion);
 }
 
-bool isAscii(std::string_view text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char c) { return static_cast<unsigned char>(c) < 0x80U; });
-}
-
-JSValue matchAsRegExp(const Call& call, JSValueConst text, std::string_view expression) {
-  const EngineRuntime& runtime = EngineRuntime::of(call.context);
-  const Value pattern(call.context, textValue(call, shellExpressionAsRegExp(expression)));
-  if (pattern.isException()) return JS_EXCEPTION;
-  JSValueConst patterns[] = {pattern.get()};
-  const Value regExp(call.context,
-                     JS_CallConstructor(call.context, runtime.regExpConstructor(), 1, patterns));
-  if (regExp.isException()) return JS_EXCEPTION;
-  JSValueConst texts[] = {text};
-  const Value found(call.context,
-                    JS_Call(call.context, runtime.regExpExec(), regExp.get(), 1, texts));
-  return found.isException() ? JS_EXCEPTION : truth(!JS_IsNull(found.get()));
-}
-
-JSValue shExpMatchHelper(const Call& call) {
-  if (!call.isText(1)) return JS_ThrowTypeError(call.context, "shExpMatch wants an expression");
-  // Once, as an object's toString may run: the regular expression must see the same text.
-  const Value string(call.context, JS_ToString(call.context, call[0]));
-  if (string.isException()) return JS_EXCEPTION;
-  const Text text(call.context, string.get());
-  if (!text) return JS_EXCEPTION;
-  const Text expression = wanted(call, 1);
-  if (!expression) return JS_EXCEPTION;
-  if (!isPlainShellExpression(expression.view()) ||
-      (text.view().size() + 1) * (expression.view().size() + 1) > kNativeMatchSteps)
-    return matchAsRegExp(call, string.get(), expression.view());
-  if (isAscii(text.view()) && isAscii(expression.view()))
-    return truth(matchesShellExpression(text.view(), expression.view()));
-  return truth(matchesShellExpression(utf16Units(text.view()), utf16Units(expression.view())));
-}
-
-// Numbers and strings mean something to the date helpers, the text of anything else never does.
-std::optional<std::vector<RangeArgument>> rangeArguments(const Call& call) {
-  std::vector<RangeArgument> arguments;
-  const std::size_t count = std::min(call.arguments.size(), kMostRangeArguments);
-  arguments.reserve(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    if (JS_IsNumber(call[i])) {
-      double number = 0;
-      JS_ToFloat64(call.context, &number, call[i]);
-      arguments.emplace_back(number);
-    } else if (call.isText(i)) {
-      const Text text = wanted(call, i);
-      if (!text) return std::nullopt;
-      const bool known = text.view().size() <= kLongestRangeText;
-      arguments.emplace_back(std::string(known ? text.view() : ""));
-    } else {
-      arguments.emplace_back(std::string());
-    }
-  }
-  return arguments;
-}
-
-template <bool (*kFunction)(PacEnvironment&, std::span<const RangeArgument>)>
-JSValue rangeHelper(const Call& call) {
-  const std::optional<std::vector<RangeArgument>> arguments = rangeArguments(call);
-  return arguments ? truth(kFunction(call.environment(), *arguments)) : JS_EXCEPTION;
-}
-
-JSValue timeRangeHelper(const Call& call) {
-  const std::optional<std::vector<RangeArgument>> arguments = rangeArguments(call);
-  if (!arguments) return JS_EXCEPTION;
-  const TimeRange range = timeRange(call.environment(), *arguments);
-  if (range == TimeRange::kBadCount)
-    return JS_ThrowTypeError(call.context, "timeRange wants 1, 2, 4 or 6 numbers");
-  return truth(range == TimeRange::kInside);
-}
-
 JSValue alertHelper(const Call& call) {
-  const bool symbol = JS_IsSymbol(call[0]);
-  const Text text(call.context, symbol ? JS_UNDEFINED : call[0]);
+  const Text text(call.context, call[0]);
   if (!text) return JS_EXCEPTION;
-  // String() of a symbol does not throw, unlike every other conversion of one.
-  EngineRuntime::of(call.context).alert(symbol ? "Symbol()" : text.view());
+  EngineRuntime::of(call.context).alert(text.view());
   return JS_UNDEFINED;
 }
 
@@ -250,6 +239,16 @@ JSValue entry(JSContext* context, JSValueConst /*self*/, int count, JSValueConst
   }
 }
 
+constexpr char kDnsDomainIs[] = "dnsDomainIs";
+constexpr char kLocalHostOrDomainIs[] = "localHostOrDomainIs";
+constexpr char kIsValidIpAddress[] = "isValidIpAddress";
+constexpr char kConvertAddr[] = "convert_addr";
+constexpr char kIsResolvable[] = "isResolvable";
+constexpr char kIsResolvableEx[] = "isResolvableEx";
+constexpr char kWeekdayRange[] = "weekdayRange";
+constexpr char kDateRange[] = "dateRange";
+constexpr char kTimeRange[] = "timeRange";
+
 struct Helper {
   const char* name;
   int length;  ///< of the function object: the arguments it is usually given
@@ -261,41 +260,90 @@ constexpr JSCFunction* kPure = entry<kHelper, false>;
 template <JSValue (*kHelper)(const Call&)>
 constexpr JSCFunction* kWaiting = entry<kHelper, true>;
 
-constexpr Helper kHelpers[] = {
-    {"isPlainHostName", 1, kPure<isPlainHostNameHelper>},
-    {"dnsDomainIs", 2, kPure<dnsDomainIsHelper>},
-    {"localHostOrDomainIs", 2, kPure<localHostOrDomainIsHelper>},
-    {"dnsDomainLevels", 1, kPure<dnsDomainLevelsHelper>},
-    {"isResolvable", 1, kWaiting<isResolvableHelper<isResolvable>>},
-    {"dnsResolve", 1, kWaiting<dnsResolveHelper>},
-    {"isInNet", 3, kWaiting<isInNetHelper>},
-    {"convert_addr", 1, kPure<convertAddrHelper>},
-    {"myIpAddress", 0, kWaiting<ownAddressHelper<myIpAddress>>},
-    {"shExpMatch", 2, kPure<shExpMatchHelper>},
-    {"weekdayRange", 0, kPure<rangeHelper<weekdayRange>>},
-    {"dateRange", 0, kPure<rangeHelper<dateRange>>},
-    {"timeRange", 0, kPure<timeRangeHelper>},
+// What a browser brings as functions of its own: `let` and `const` may give such a name a new
+// meaning, which needs it configurable.
+constexpr Helper kNative[] = {
     {"alert", 1, kPure<alertHelper>},
-    {"isResolvableEx", 1, kWaiting<isResolvableHelper<isResolvableEx>>},
+    {"myIpAddress", 0, kWaiting<ownAddressHelper<myIpAddress>>},
+    {"dnsResolve", 1, kWaiting<dnsResolveHelper>},
+    {"isPlainHostName", 1, kPure<isPlainHostNameHelper>},
     {"dnsResolveEx", 1, kWaiting<dnsResolveExHelper>},
-    {"isInNetEx", 2, kPure<isInNetExHelper>},
     {"myIpAddressEx", 0, kWaiting<ownAddressHelper<myIpAddressEx>>},
     {"sortIpAddressList", 1, kPure<sortIpAddressListHelper>},
+    {"isInNetEx", 2, kPure<isInNetExHelper>},
     {"getClientVersion", 0, kPure<getClientVersionHelper>},
 };
+
+// What is declared like a script's own function: `function` and `var` may declare the name again,
+// `let` and `const` may not.
+constexpr Helper kDeclared[] = {
+    {kDnsDomainIs, 2, kPure<twoTextsHelper<dnsDomainIs, kDnsDomainIs>>},
+    {"dnsDomainLevels", 1, kPure<dnsDomainLevelsHelper>},
+    {kIsValidIpAddress, 1, kPure<generalHelper<kIsValidIpAddress>>},
+    {kConvertAddr, 1, kPure<generalHelper<kConvertAddr>>},
+    {"isInNet", 3, kPure<isInNetHelper>},
+    {kIsResolvable, 1, kPure<generalHelper<kIsResolvable>>},
+    {kLocalHostOrDomainIs, 2, kPure<twoTextsHelper<localHostOrDomainIs, kLocalHostOrDomainIs>>},
+    {"shExpMatch", 2, kPure<shExpMatchHelper>},
+    {kWeekdayRange, 0, kPure<generalHelper<kWeekdayRange>>},
+    {kDateRange, 0, kPure<generalHelper<kDateRange>>},
+    {kTimeRange, 0, kPure<generalHelper<kTimeRange>>},
+    {kIsResolvableEx, 1, kPure<generalHelper<kIsResolvableEx>>},
+};
+
+constexpr const char* kWeekdays[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
+constexpr const char* kMonths[] = {"JAN", "FEB", "MAR", "APR", "MAY", "JUN",
+                                   "JUL", "AUG", "SEP", "OCT", "NOV", "DEC"};
+
+constexpr int kAsDeclared = JS_PROP_WRITABLE | JS_PROP_ENUMERABLE;
+
+bool defineAll(JSContext* context, JSValueConst global, std::span<const Helper> helpers,
+               int flags) {
+  return std::all_of(helpers.begin(), helpers.end(), [&](const Helper& helper) {
+    const JSValue function = JS_NewCFunction(context, helper.function, helper.name, helper.length);
+    return JS_DefinePropertyValueStr(context, global, helper.name, function, flags) >= 0;
+  });
+}
+
+// A global object that gives each of `names` its number.
+bool defineNumbers(JSContext* context, JSValueConst global, const char* table,
+                   std::span<const char* const> names) {
+  const JSValue object = JS_NewObject(context);
+  if (JS_IsException(object)) return false;
+  for (std::size_t i = 0; i < names.size(); ++i)
+    if (JS_DefinePropertyValueStr(context, object, names[i],
+                                  JS_NewInt32(context, static_cast<std::int32_t>(i)),
+                                  JS_PROP_C_W_E) < 0) {
+      JS_FreeValue(context, object);
+      return false;
+    }
+  return JS_DefinePropertyValueStr(context, global, table, object, kAsDeclared) >= 0;
+}
+
+JSValue stoppedClock(const Call& call) {
+  return JS_NewInt64(call.context, call.environment().stoppedClock().value_or(0));
+}
+
+// Gives the script the environment's time instead of the clock's.
+bool stopClock(JSContext* context) {
+  const Value replace(context, evaluated(context, kClockScript, "clock.js"));
+  const Value clock(context, JS_NewCFunction(context, kPure<stoppedClock>, "", 0));
+  if (replace.isException() || clock.isException()) return false;
+  JSValueConst arguments[] = {clock.get()};
+  const Value done(context, JS_Call(context, replace.get(), JS_UNDEFINED, 1, arguments));
+  return !done.isException();
+}
 
 }  // namespace
 
 bool defineHelpers(EngineRuntime& runtime) {
   JSContext* const context = runtime.context();
   const Value global(context, JS_GetGlobalObject(context));
-  // Like functions that a script declares: `function` and `var` may give the name anew, which wants
-  // it writable and enumerable, `let` and `const` may not, which wants it not configurable.
-  constexpr int kFlags = JS_PROP_WRITABLE | JS_PROP_ENUMERABLE;
-  return std::all_of(std::begin(kHelpers), std::end(kHelpers), [&](const Helper& helper) {
-    const JSValue function = JS_NewCFunction(context, helper.function, helper.name, helper.length);
-    return JS_DefinePropertyValueStr(context, global.get(), helper.name, function, kFlags) >= 0;
-  });
+  if (runtime.environment().stoppedClock() && !stopClock(context)) return false;
+  return defineAll(context, global.get(), kNative, JS_PROP_C_W_E) &&
+         defineAll(context, global.get(), kDeclared, kAsDeclared) &&
+         defineNumbers(context, global.get(), "wdays", kWeekdays) &&
+         defineNumbers(context, global.get(), "months", kMonths);
 }
 
 }  // namespace pac_worker

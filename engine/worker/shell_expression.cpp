@@ -56,20 +56,4 @@ bool matchesShellExpression(std::string_view text, std::string_view expression) 
   return matches(text, expression);
 }
 
-std::string shellExpressionAsRegExp(std::string_view expression) {
-  std::string pattern = "^";
-  for (const char c : expression) {
-    if (c == '*') {
-      pattern += ".*";
-    } else if (c == '?') {
-      pattern += '.';
-    } else if (c == '.') {
-      pattern += "\\.";
-    } else {
-      pattern += c;
-    }
-  }
-  return pattern += '$';
-}
-
 }  // namespace pac_worker

@@ -210,13 +210,19 @@ def test_own_addresses_may_be_given(ctl):
     assert ctl.eval(own, "--offline", "--my-ip=10.9.9.9", "http://a/") == ["10.9.9.9 10.9.9.9"]
 
 
-def at(year, month, day, hour, minute, second, zone='"GMT"'):
-    """A script that says whether this second is now."""
+def test_a_device_may_have_no_address_at_all(ctl):
+    own = returning('myIpAddress() + " " + myIpAddressEx()')
+    assert ctl.eval(own, "--my-ip", "none", "http://a/") == ["127.0.0.1 127.0.0.1"]
+
+
+def at(year, month, day, hour, minute, second, zone="GMT"):
+    """A script that returns whether this second is now, by Date or, without a zone, by the helpers."""
+    if zone:
+        return returning(f"String(Date.now() == "
+                         f"Date.UTC({year}, months.{month}, {day}, {hour}, {minute}, {second}))")
     day = f"{day}, '{month}', {year}"
     moment = f"{hour}, {minute}, {second}"
-    tail = f", {zone}" if zone else ""
-    return returning(f"String(dateRange({day}, {day}{tail}) && "
-                     f"timeRange({moment}, {moment}{tail}))")
+    return returning(f"String(dateRange({day}, {day}) && timeRange({moment}, {moment}))")
 
 
 def test_a_time_with_a_zone_is_that_instant(ctl):
@@ -306,6 +312,7 @@ def test_wrong_addresses_are_refused(ctl):
     refused('--resolve: "" is no IPv4 or IPv6 address', "--resolve", "a=")
     refused('--resolve: "" is no IPv4 or IPv6 address', "--resolve", "a=10.0.0.1,")
     refused('--resolve: "10.0.0.256" is no IPv4 or IPv6 address', "--resolve", "a=::1,10.0.0.256")
+    refused('--my-ip: "none" is no IPv4 or IPv6 address', "--my-ip", "10.9.9.9,none")
     refused('--my-ip: "" is no IPv4 or IPv6 address', "--my-ip", "")
     refused('--my-ip: "fe80::1%eth0" is no IPv4 or IPv6 address', "--my-ip", "fe80::1%eth0")
     refused("--resolve excludes --offline", "--offline", "--resolve", "a=::1")

@@ -98,10 +98,10 @@ std::int64_t clockOf(const std::string& text, const std::string& zone) {
 void addWorldOptions(CLI::App& command, PacWorld& world) {
   addText(
       command, "--at", "TIME", world.time,
-      "What weekdayRange, dateRange and timeRange\ntake for now: a date and time of ISO 8601,\nin "
-      "the zone of --tz unless it ends in \"Z\"\nor +hh:mm; by default the clock");
+      "What the script takes for now: a date and\ntime of ISO 8601, in the zone of --tz unless\n"
+      "it ends in \"Z\" or +hh:mm; by default the\nclock");
   addText(command, "--tz", "ZONE", world.zone,
-          "Time zone of these three and of --at, a\nname of the zone database; by default the\n"
+          "Time zone of the script and of --at, a\nname of the zone database; by default the\n"
           "device's (/etc/localtime)");
   auto* const resolve =
       command
@@ -112,7 +112,8 @@ void addWorldOptions(CLI::App& command, PacWorld& world) {
           ->option_text("NAME=ADDR[,ADDR]")
           ->allow_extra_args(false);
   addText(command, "--my-ip", "ADDR[,ADDR]", world.ownAddresses,
-          "What myIpAddress (the first IPv4 one) and\nmyIpAddressEx (all) give");
+          "What myIpAddress (the first IPv4 one) and\nmyIpAddressEx (all) return; \"none\" for a\n"
+          "device without any address");
   command
       .add_flag(
           "--offline", world.offline,
@@ -125,7 +126,9 @@ void addWorldOptions(CLI::App& command, PacWorld& world) {
 pac_engine::Options engineOptions(const PacWorld& world) {
   pac_engine::Options options;
   options.names = namesOf(world);
-  if (world.ownAddresses) {
+  if (world.ownAddresses == "none") {
+    options.ownAddresses.emplace();
+  } else if (world.ownAddresses) {
     options.ownAddresses = addressList("--my-ip", *world.ownAddresses);
     checkCount("--my-ip", *options.ownAddresses);
   }

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,8 +20,7 @@ class FakeEnvironment : public PacEnvironment {
   std::map<std::string, std::vector<std::string>, std::less<>> namesAny;
   std::vector<std::string> own4;
   std::vector<std::string> ownAny;
-  std::int64_t clock = 0;
-  std::int64_t zoneSeconds = 0;  ///< east of Greenwich
+  std::optional<std::int64_t> clock;  ///< set before a script is loaded
   std::function<void()> onResolve = [] {};
   std::vector<std::string> asked;
   std::vector<std::string> alerts;
@@ -35,16 +35,10 @@ class FakeEnvironment : public PacEnvironment {
   std::vector<std::string> ownAddresses(AddressFamily family) override {
     return family == AddressFamily::kIpv4 ? own4 : ownAny;
   }
-  std::int64_t now() override { return clock; }
-  std::tm brokenDown(std::int64_t when, bool gmt) override {
-    const auto shown = static_cast<std::time_t>(when + (gmt ? 0 : zoneSeconds));
-    std::tm parts{};
-    gmtime_r(&shown, &parts);
-    return parts;
-  }
+  std::optional<std::int64_t> stoppedClock() override { return clock; }
   void alert(std::string_view text) override { alerts.emplace_back(text); }
 
-  /// Sets the clock so that it is this time in the device's zone.
+  /// Sets the clock to this time in the zone of the process.
   void setLocal(int year, int month, int day, int hour = 12, int minute = 0, int second = 0) {
     std::tm parts{};
     parts.tm_year = year - 1900;
@@ -53,7 +47,8 @@ class FakeEnvironment : public PacEnvironment {
     parts.tm_hour = hour;
     parts.tm_min = minute;
     parts.tm_sec = second;
-    clock = timegm(&parts) - zoneSeconds;
+    parts.tm_isdst = -1;
+    clock = std::mktime(&parts);
   }
 };
 

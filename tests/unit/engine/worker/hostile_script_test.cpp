@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(
         Attack{"recursion_through_to_string", "String(o)",
                "var o = {toString() { return String(o) }}"},
         Attack{"recursion_through_helper", "dnsDomainIs(o, '')",
-               "var o = {toString() { return String(dnsDomainIs(o, '')) }}"},
+               "var o = {length: 1, substring() { return dnsDomainIs(o, '') }}"},
         Attack{"recursion_through_getter", "g.x", "var g = {get x() { return this.x }}"},
         Attack{"recursion_through_sort", "s()", "function s() { [1, 2].sort(s) }"},
         Attack{"recursion_through_bind", "b()", "function b() { return b.bind()() + 1 }"},
@@ -248,12 +248,14 @@ TEST_F(Hostile, RedefinedBuiltInsHarmOnlyTheScript) {
                  "Object.prototype.__proto__ = null;\n"
                  "function FindProxyForURL(url, host) {\n"
                  "  if (host === 'attack') missing;\n"
-                 "  return shExpMatch(host, '(*).com') && dnsDomainIs(host, '.com') &&"
+                 "  if (host === 'odd') return String(shExpMatch(host, '(*)'));\n"
+                 "  return shExpMatch(host, '*.com') && dnsDomainIs(host, '.com') &&"
                  " isInNet('10.0.0.1', '10.0.0.0', '255.0.0.0') ? 'PROXY ' + host : 'DIRECT' }"),
             "");
   EXPECT_EQ(ask("", "example.com"), "PROXY example.com");
   EXPECT_EQ(ask("", "attack").substr(0, 1), "!");
   EXPECT_TRUE(mWorld.alerts.empty());
+  EXPECT_EQ(ask("", "odd"), "!uncaught exception: 1") << "a regular expression uses what is there";
   EXPECT_EQ(ask("", "example.com"), "PROXY example.com");
 }
 

@@ -116,7 +116,8 @@ TEST_F(Loading, RefusesLetAndConstOfAHelper) {
     EXPECT_EQ(load(kDirect + "\n" + kind + " shExpMatch = 1").substr(0, 12), "SyntaxError:");
     EXPECT_EQ(load(kDirect + "\n{ " + kind + " shExpMatch = 1 }"), "") << "within a block it may";
   }
-  EXPECT_EQ(load(kDirect + "\nclass alert {}").substr(0, 12), "SyntaxError:");
+  EXPECT_EQ(load(kDirect + "\nclass dateRange {}").substr(0, 12), "SyntaxError:");
+  EXPECT_EQ(load(kDirect + "\nlet dnsResolve = 1; class alert {}"), "") << "as in a browser";
 }
 
 TEST_F(Loading, ShowsNoHostObjects) {
@@ -131,8 +132,8 @@ TEST_F(Loading, ShowsNoHostObjects) {
   EXPECT_EQ(value("Object.keys(globalThis).sort()"),
             "FindProxyForURL,alert,convert_addr,dateRange,dnsDomainIs,dnsDomainLevels,dnsResolve,"
             "dnsResolveEx,getClientVersion,isInNet,isInNetEx,isPlainHostName,isResolvable,"
-            "isResolvableEx,localHostOrDomainIs,myIpAddress,myIpAddressEx,shExpMatch,"
-            "sortIpAddressList,timeRange,weekdayRange");
+            "isResolvableEx,isValidIpAddress,localHostOrDomainIs,months,myIpAddress,myIpAddressEx,"
+            "shExpMatch,sortIpAddressList,timeRange,wdays,weekdayRange");
 }
 
 // Of the engine's own globals a browser's PAC scripts lack `performance`, `queueMicrotask`, `atob`,

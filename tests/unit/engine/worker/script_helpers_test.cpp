@@ -26,28 +26,47 @@ TEST_F(Helpers, IsPlainHostNameWantsAString) {
     EXPECT_TRUE(throwsTypeError("isPlainHostName(" + other + ")")) << other;
 }
 
-TEST_F(Helpers, TextHelpersThrowForNullAndConvertOtherValues) {
+TEST_F(Helpers, TextHelpersUseTheArgumentsOwnMethods) {
   for (const std::string call :
        {"dnsDomainIs(null, 'a')", "dnsDomainIs('a', null)", "dnsDomainIs('a')", "dnsDomainIs()",
-        "localHostOrDomainIs(null, 'a')", "localHostOrDomainIs('a')", "dnsDomainLevels(null)",
-        "dnsDomainLevels()", "convert_addr(null)", "convert_addr()", "dnsDomainIs('a', Symbol())"})
+        "dnsDomainIs([1], '')", "localHostOrDomainIs('a')", "localHostOrDomainIs('a', 7)",
+        "dnsDomainLevels(null)", "dnsDomainLevels()", "dnsDomainLevels(7)", "convert_addr(null)",
+        "convert_addr()", "convert_addr(7)"})
     EXPECT_TRUE(throwsTypeError(call)) << call;
   EXPECT_EQ(value("dnsDomainIs('www.a', '.a')"), "true");
-  EXPECT_EQ(value("dnsDomainIs(15, 5)"), "true");
-  EXPECT_EQ(value("dnsDomainIs({toString: () => 'www.a'}, '.a')"), "true");
-  EXPECT_EQ(value("dnsDomainIs('a', {toString() { throw new RangeError('mine') }})"),
+  EXPECT_EQ(value("dnsDomainIs(15, 5)"), "false") << "numbers have no length";
+  EXPECT_EQ(value("dnsDomainIs(new String('www.a'), new String('.a'))"), "true");
+  EXPECT_EQ(value("dnsDomainIs('a', {length: 1, toString() { throw new RangeError('mine') }})"),
             "!RangeError: mine");
+  EXPECT_EQ(value("dnsDomainIs('\\ud83d\\ude00', '\\ude00')"), "true") << "half a character";
   EXPECT_EQ(value("localHostOrDomainIs('www', 'www.a')"), "true");
+  EXPECT_EQ(value("localHostOrDomainIs()"), "true");
   EXPECT_EQ(value("dnsDomainLevels('a.b.c')"), "2");
-  EXPECT_EQ(value("convert_addr('192.168.0.1')"), "-1062731775");
 }
 
-TEST_F(Helpers, LookupsGiveNullOrFalseForWhatIsNoString) {
+TEST_F(Helpers, ConvertAddrGivesTheSignedNumber) {
+  EXPECT_EQ(value("convert_addr('192.168.0.1')"), "-1062731775");
+  EXPECT_EQ(value("convert_addr('255.255.255.255')"), "-1");
+  EXPECT_EQ(value("convert_addr('256.257.0.511')"), "65791") << "modulo 256";
+  EXPECT_EQ(value("convert_addr('10')"), "167772160") << "missing fields are 0";
+  EXPECT_EQ(value("convert_addr('a.-1. 9 .0x10')"), "16714000");
+}
+
+TEST_F(Helpers, IsValidIpAddressTakesFourDecimalFields) {
+  for (const std::string good : {"10.0.0.1", "010.000.000.009", "255.255.255.255"})
+    EXPECT_EQ(value("isValidIpAddress('" + good + "')"), "true") << good;
+  for (const std::string bad : {"", "10.0.0", "256.0.0.0", "0x1.0.0.0", "1.2.3.4 ", "::1"})
+    EXPECT_EQ(value("isValidIpAddress('" + bad + "')"), "false") << bad;
+  EXPECT_EQ(value("isValidIpAddress(['10.0.0.1'])"), "true");
+  EXPECT_TRUE(throwsTypeError("isValidIpAddress(Symbol())"));
+}
+
+TEST_F(Helpers, LookupsOfWhatIsNoString) {
   for (const std::string other : {"", "null", "undefined", "7", "{}"}) {
     EXPECT_EQ(value("dnsResolve(" + other + ")"), "null") << other;
     EXPECT_EQ(value("isResolvable(" + other + ")"), "false") << other;
-    EXPECT_EQ(value("dnsResolveEx(" + other + ") === ''"), "true") << other;
-    EXPECT_EQ(value("isResolvableEx(" + other + ")"), "false") << other;
+    EXPECT_EQ(value("dnsResolveEx(" + other + ")"), "undefined") << other;
+    EXPECT_EQ(value("isResolvableEx(" + other + ")"), "true") << other;
     EXPECT_EQ(value("isInNet(" + (other.empty() ? other : other + ", '0.0.0.0', '0.0.0.0'") + ")"),
               "false")
         << other;
@@ -55,10 +74,37 @@ TEST_F(Helpers, LookupsGiveNullOrFalseForWhatIsNoString) {
   EXPECT_TRUE(mWorld.asked.empty());
 }
 
+TEST_F(Helpers, FollowTheScriptsOwnGlobals) {
+  EXPECT_EQ(
+      load("function dnsResolve(host) { return host == 'mine' ? '10.9.9.9' : [1] }"
+           "dnsResolveEx = () => ''; wdays.SAT = 0; delete wdays.SUN;"
+           "Date = class extends Date { getDay() { return 0 } };"
+           "function FindProxyForURL() {"
+           "  return [isInNet('mine', '10.9.9.9', '255.255.255.255'), isResolvable('x'),"
+           "    isResolvableEx('10.0.0.1'), weekdayRange('SAT'), weekdayRange('SUN')].join() }"),
+      "");
+  EXPECT_EQ(ask(), "true,true,false,true,false");
+  EXPECT_EQ(
+      load("dnsResolve = host => ({split: () => [10, 1, 2, 3]});"
+           "function FindProxyForURL() { return '' + isInNet('x', '10.1.2.0', '255.255.255.0') }"),
+      "");
+  EXPECT_EQ(ask(), "true") << "convert_addr has the last word on what a name is resolved to";
+}
+
+TEST_F(Helpers, AStoppedClockIsTheScriptsToo) {
+  mWorld.clock = 1'700'000'000;
+  EXPECT_EQ(value("[Date.now(), +new Date(), new Date() instanceof Date, new Date(5).getTime(),"
+                  "Date() === new Date().toString(), new Date().constructor === Date,"
+                  "+new (class extends Date {})()].join()"),
+            "1700000000000,1700000000000,true,5,true,true,1700000000000");
+  mWorld.clock.reset();
+  EXPECT_EQ(value("Math.abs(Date.now() - new Date()) < 60000 && Date.now() > 1.7e12"), "true");
+}
+
 TEST_F(Helpers, LookupsAskTheEnvironment) {
   EXPECT_EQ(value("dnsResolve('v4.test')"), "10.1.2.3");
   EXPECT_EQ(value("dnsResolve('missing.test') === null"), "true");
-  EXPECT_EQ(value("dnsResolve('2001:db8::7')"), "2001:db8::7");
+  EXPECT_EQ(value("dnsResolve('2001:db8::7')"), "null");
   EXPECT_EQ(value("isResolvable('v4.test')"), "true");
   EXPECT_EQ(value("isInNet('v4.test', '10.0.0.0', '255.0.0.0')"), "true");
   EXPECT_EQ(value("isInNet('v4.test', null, '255.0.0.0')"), "false");
@@ -66,7 +112,7 @@ TEST_F(Helpers, LookupsAskTheEnvironment) {
   EXPECT_EQ(value("dnsResolveEx('missing.test') === ''"), "true");
   EXPECT_EQ(value("isResolvableEx('v4.test')"), "true");
   EXPECT_EQ(value("myIpAddress()"), "127.0.0.1");
-  EXPECT_EQ(value("myIpAddressEx() === ''"), "true");
+  EXPECT_EQ(value("myIpAddressEx()"), "127.0.0.1");
   mWorld.own4 = {"10.0.0.5"};
   mWorld.ownAny = {"10.0.0.5", "2001:db8::5"};
   EXPECT_EQ(value("myIpAddress()"), "10.0.0.5");
@@ -85,33 +131,32 @@ TEST_F(Helpers, IsInNetExAndSorting) {
   EXPECT_EQ(value("isInNetEx('10.1.2.3', '10.0.0.0/33')"), "false");
   EXPECT_EQ(value("isInNetEx('10.1.2.3')"), "null");
   EXPECT_EQ(value("isInNetEx()"), "null");
-  EXPECT_EQ(value("isInNetEx('10.1.2.3', null)"), "false");
+  EXPECT_EQ(value("isInNetEx('10.1.2.3', null)"), "null");
+  EXPECT_EQ(value("isInNetEx('10.1.2.3', 'x')"), "false");
   EXPECT_EQ(value("sortIpAddressList('10.0.0.1;::1')"), "::1;10.0.0.1");
   EXPECT_EQ(value("sortIpAddressList('') === false"), "true");
   EXPECT_EQ(value("sortIpAddressList('x') === false"), "true");
+  EXPECT_EQ(value("sortIpAddressList('\\u00e9')"), "null");
   EXPECT_EQ(value("sortIpAddressList()"), "null");
   EXPECT_EQ(value("sortIpAddressList(null)"), "null");
   EXPECT_EQ(value("sortIpAddressList(7)"), "null");
   EXPECT_EQ(value("getClientVersion()"), "1.0");
 }
 
-TEST_F(Helpers, DateHelpersTakeNumbersAndStrings) {
+TEST_F(Helpers, DateHelpersTakeWhateverConverts) {
+  setenv("TZ", "UTC", 1);
+  tzset();
   mWorld.setLocal(2026, 7, 15, 12, 30);
-  EXPECT_EQ(value("weekdayRange('WED')"), "true");
-  EXPECT_EQ(value("weekdayRange('MON', 'TUE')"), "false");
-  EXPECT_EQ(value("weekdayRange('WED', 'GMT')"), "true");
+  EXPECT_EQ(value("weekdayRange('WED', new String('GMT'))"), "true") << "loosely equal";
   EXPECT_EQ(value("weekdayRange('WED', undefined)"), "false");
-  EXPECT_EQ(value("weekdayRange()"), "false");
-  EXPECT_EQ(value("dateRange(1, 'JUL', 31, 'JUL')"), "true");
-  EXPECT_EQ(value("dateRange('1', 'JUL', '31', 'JUL')"), "true");
+  EXPECT_EQ(value("weekdayRange(['WED'])"), "true");
+  EXPECT_EQ(value("dateRange('1', 'JUL', '31x', 'JUL')"), "true");
   EXPECT_EQ(value("dateRange(null)"), "false");
-  EXPECT_EQ(value("dateRange({})"), "false");
-  EXPECT_EQ(value("dateRange('GMT')"), "true");
-  EXPECT_EQ(value("timeRange(12)"), "true");
+  EXPECT_EQ(value("timeRange('12')"), "true");
   EXPECT_EQ(value("timeRange(12, 31, 12, 40)"), "false");
-  EXPECT_TRUE(throwsTypeError("timeRange(1, 2, 3)"));
-  EXPECT_TRUE(throwsTypeError("timeRange(1, 2, 3, 4, 5)"));
-  EXPECT_EQ(value("dateRange(...Array(5000).fill(1))"), "false");
+  EXPECT_EQ(value("timeRange(1, 2, 3)"), "!uncaught exception: timeRange: bad number of arguments");
+  EXPECT_TRUE(throwsTypeError("weekdayRange(Symbol(), Object.create(null))"));
+  EXPECT_EQ(value("dateRange(...Array(5000).fill(1))"), "true") << "1 January to 1 December";
 }
 
 TEST_F(Helpers, ShExpMatchIsAnchoredAndTakesRegularExpressions) {
@@ -137,9 +182,10 @@ TEST_F(Helpers, ShExpMatchThrowsForUnbalancedBrackets) {
     EXPECT_EQ(value("shExpMatch('a', '" + bad + "')").substr(0, 13), "!SyntaxError:") << bad;
 }
 
-TEST_F(Helpers, ShExpMatchConvertsTheTextOnceAndWantsAnExpression) {
+TEST_F(Helpers, ShExpMatchConvertsTheTextOnceAndNeedsAnExpression) {
   EXPECT_EQ(value("shExpMatch(null, 'nul?')"), "true");
   EXPECT_EQ(value("shExpMatch(5, '(5)')"), "true");
+  EXPECT_EQ(value("shExpMatch('a', {replace: () => 'a.*'})"), "false");
   EXPECT_TRUE(throwsTypeError("shExpMatch('a', null)"));
   EXPECT_TRUE(throwsTypeError("shExpMatch('a', 7)"));
   EXPECT_TRUE(throwsTypeError("shExpMatch('a')"));
@@ -150,27 +196,19 @@ TEST_F(Helpers, ShExpMatchConvertsTheTextOnceAndWantsAnExpression) {
   EXPECT_EQ(ask(), "true,true,2");
 }
 
-TEST_F(Helpers, ShExpMatchDoesNotDependOnTheScriptsRegExp) {
-  EXPECT_EQ(load("RegExp.prototype.exec = RegExp.prototype.test = () => { throw 1 };"
-                 "Object.defineProperty(RegExp.prototype, 'flags', {get() { throw 2 }});"
-                 "globalThis.RegExp = function () { throw 3 };"
-                 "function FindProxyForURL() { return String(shExpMatch('ab', '(a|c)b')) }"),
-            "");
-  EXPECT_EQ(ask(), "true");
-}
-
 TEST_F(Helpers, ShExpMatchHandsLongWorkToTheEngine) {
   EXPECT_EQ(value("shExpMatch('a'.repeat(15e5), '*b') + '' + shExpMatch('a'.repeat(15e5), '*a')"),
             "falsetrue");
 }
 
-TEST_F(Helpers, AlertTakesAnythingAndGivesUndefined) {
-  EXPECT_EQ(
-      value("[alert('text'), alert(), alert(null), alert(7), alert(Symbol('s')),"
-            "alert({toString: () => 'object'}), alert('\\ud800')].every(x => x === undefined)"),
-      "true");
-  EXPECT_EQ(mWorld.alerts, (std::vector{"text"s, "undefined"s, "null"s, "7"s, "Symbol()"s,
-                                        "object"s, "\xED\xA0\x80"s}));
+TEST_F(Helpers, AlertTakesWhateverConvertsAndGivesUndefined) {
+  EXPECT_EQ(value("[alert('text'), alert(), alert(null), alert(7),"
+                  "alert({toString: () => 'object'}), alert('\\ud800')]"
+                  ".every(x => x === undefined)"),
+            "true");
+  EXPECT_EQ(mWorld.alerts,
+            (std::vector{"text"s, "undefined"s, "null"s, "7"s, "object"s, "\xED\xA0\x80"s}));
+  EXPECT_TRUE(throwsTypeError("alert(Symbol('s'))"));
 }
 
 TEST_F(Helpers, WorkWithoutAReceiverAndAsCallbacks) {

@@ -1,23 +1,52 @@
-#include "engine/worker/pac_dates.h"
-
-#include <gtest/gtest.h>
-
+// The date and time helpers, as scripts call them.
+#include <cstdlib>
+#include <ctime>
 #include <initializer_list>
+#include <variant>
 
-#include "tests/unit/engine/worker/fake_environment.h"
+#include "tests/unit/engine/worker/engine_fixture.h"
 
 namespace pac_worker {
 namespace {
 
-class Dates : public testing::Test {
+using Argument = std::variant<double, std::string>;
+
+class Dates : public EngineTest {
  protected:
-  using List = std::initializer_list<RangeArgument>;
-  static std::span<const RangeArgument> span(List list) { return {list.begin(), list.size()}; }
-  bool weekday(List list) { return weekdayRange(mWorld, span(list)); }
-  bool date(List list) { return dateRange(mWorld, span(list)); }
-  bool time(List list) { return timeRange(mWorld, span(list)) == TimeRange::kInside; }
-  bool timeThrows(List list) { return timeRange(mWorld, span(list)) == TimeRange::kBadCount; }
-  FakeEnvironment mWorld;
+  using List = std::initializer_list<Argument>;
+
+  Dates() { setZone("UTC"); }
+  static void setZone(const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+  }
+  std::string call(const std::string& helper, List list) {
+    std::string text = helper + "(";
+    for (const Argument& argument : list) {
+      if (text.back() != '(') text += ", ";
+      if (const double* const number = std::get_if<double>(&argument))
+        text += std::to_string(*number);
+      else
+        text += "'" + std::get<std::string>(argument) + "'";
+    }
+    if (!mLoaded)
+      mLoaded = load("function FindProxyForURL(url, host) { return '' + eval(host) }").empty();
+    return ask("", text + ")");
+  }
+  bool holds(const std::string& helper, List list) {
+    const std::string answer = call(helper, list);
+    EXPECT_TRUE(answer == "true" || answer == "false") << answer;
+    return answer == "true";
+  }
+  bool weekday(List list) { return holds("weekdayRange", list); }
+  bool date(List list) { return holds("dateRange", list); }
+  bool time(List list) { return holds("timeRange", list); }
+  bool timeThrows(List list) {
+    return call("timeRange", list) == "!uncaught exception: timeRange: bad number of arguments";
+  }
+
+ private:
+  bool mLoaded = false;
 };
 
 TEST_F(Dates, WeekdayRangeTakesOneDayOrARange) {
@@ -41,6 +70,12 @@ TEST_F(Dates, WeekdayRangeRunsRoundTheWeek) {
   }
 }
 
+TEST_F(Dates, WeekdayRangeOfThreeDaysLooksAtTheFirst) {
+  mWorld.setLocal(2026, 7, 15);
+  EXPECT_TRUE(weekday({"WED", "THU", "FRI"}));
+  EXPECT_FALSE(weekday({"TUE", "THU", "FRI"}));
+}
+
 TEST_F(Dates, WeekdayRangeKnowsUpperCaseNamesOnly) {
   mWorld.setLocal(2026, 7, 15);
   EXPECT_FALSE(weekday({"wed"}));
@@ -52,13 +87,15 @@ TEST_F(Dates, WeekdayRangeKnowsUpperCaseNamesOnly) {
 }
 
 TEST_F(Dates, GmtLooksAtUtc) {
-  mWorld.zoneSeconds = 10 * 3600;
-  mWorld.setLocal(2026, 1, 1, 5);  // in Greenwich it is Wednesday, 31 December 2025, 19:00
+  setZone("Pacific/Port_Moresby");  // ten hours before Greenwich
+  mWorld.setLocal(2026, 1, 1, 5);   // in Greenwich it is Wednesday, 31 December 2025, 19:00
   EXPECT_TRUE(weekday({"THU"}));
   EXPECT_TRUE(weekday({"WED", "GMT"}));
   EXPECT_FALSE(weekday({"THU", "FRI", "GMT"}));
   EXPECT_TRUE(date({1.0, "JAN", 2026.0, 1.0, "JAN", 2026.0}));
-  EXPECT_TRUE(date({31.0, "DEC", 2025.0, 31.0, "DEC", 2025.0, "GMT"}));
+  // The year is shifted first, and in 2025 it is 30 November then: the day becomes 30.
+  EXPECT_FALSE(date({31.0, "DEC", 2025.0, 31.0, "DEC", 2025.0, "GMT"}));
+  EXPECT_TRUE(date({30.0, "DEC", 2025.0, 30.0, "DEC", 2025.0, "GMT"}));
   EXPECT_TRUE(date({2025.0, "GMT"}));
   EXPECT_TRUE(date({"DEC", "GMT"}));
   EXPECT_TRUE(date({31.0, "GMT"}));
@@ -135,7 +172,7 @@ TEST_F(Dates, DayAndMonthRunToTheEndOfTheCurrentMonth) {
   EXPECT_FALSE(date({31.0, "FEB"}));
 }
 
-TEST_F(Dates, DayMonthAndYearRunFromJanuaryToTheEndOfThatMonth) {
+TEST_F(Dates, DayMonthAndYearRunFromJanuaryToDay31OfThatMonth) {
   const auto at = [this](int month, int day) {
     mWorld.setLocal(2026, month, day);
     return date({10.0, "JUN", 2026.0});
@@ -143,7 +180,8 @@ TEST_F(Dates, DayMonthAndYearRunFromJanuaryToTheEndOfThatMonth) {
   EXPECT_FALSE(at(1, 9));
   EXPECT_TRUE(at(1, 10));
   EXPECT_TRUE(at(6, 30));
-  EXPECT_FALSE(at(7, 1));
+  EXPECT_TRUE(at(7, 1)) << "31 June";
+  EXPECT_FALSE(at(7, 2));
 }
 
 TEST_F(Dates, DateRangeOfTwoDates) {
@@ -175,12 +213,36 @@ TEST_F(Dates, DateRangeOfNothingOrNonsense) {
   EXPECT_FALSE(date({}));
   EXPECT_FALSE(date({"jul"}));
   EXPECT_FALSE(date({0.0}));
-  EXPECT_FALSE(date({32.0, 40.0}));
-  EXPECT_FALSE(date({999.0, 10000.0}));
-  EXPECT_FALSE(date({-1.0, 31.0}));
-  EXPECT_FALSE(date({std::numeric_limits<double>::quiet_NaN()}));
-  EXPECT_FALSE(date({"", 31.0}));
-  EXPECT_FALSE(date({1.0, "JAN", 2026.0, 31.0, "DEC", 2026.0, 1.0}));
+  EXPECT_FALSE(date({999.0}));
+  EXPECT_TRUE(date({1.0, "JAN", 2026.0, 31.0, "DEC", 2026.0, 1.0})) << "the seventh is the end's";
+}
+
+// In the hours around a change the zone's offset at the time that is asked for is not the offset at
+// the same time of Greenwich.
+TEST_F(Dates, BoundsHoldAroundAChangeOfSummerTime) {
+  setZone("America/Los_Angeles");  // forward on 8 March 2026 at 2:00, back on 1 November at 2:00
+  const auto at = [this](int month, int day, int hour, int minute, List list) {
+    mWorld.setLocal(2026, month, day, hour, minute);
+    return time(list);
+  };
+  EXPECT_TRUE(at(3, 8, 9, 0, {9.0, 0.0, 17.0, 0.0}));
+  EXPECT_FALSE(at(3, 8, 8, 59, {9.0, 0.0, 17.0, 0.0}));
+  EXPECT_FALSE(at(3, 8, 3, 29, {2.0, 30.0, 3.0, 30.0})) << "2:30 is skipped: it counts as 3:30";
+  EXPECT_TRUE(at(3, 8, 3, 30, {2.0, 30.0, 3.0, 30.0}));
+  EXPECT_TRUE(at(11, 1, 0, 30, {0.0, 30.0, 0.0, 30.0}));
+  EXPECT_FALSE(at(11, 1, 0, 29, {0.0, 30.0, 0.0, 30.0}));
+  mWorld.setLocal(2026, 3, 8, 0, 0);
+  EXPECT_TRUE(date({8.0, "MAR", 8.0, "MAR"}));
+}
+
+// The bounds stay on the device's day.
+TEST_F(Dates, TimesOfGmtHoldOnlyIfTheDayIsTheSame) {
+  setZone("Pacific/Kiritimati");  // 14 hours before Greenwich
+  mWorld.setLocal(2026, 3, 31, 5);
+  EXPECT_TRUE(time({15.0, "GMT"}));
+  EXPECT_FALSE(time({15.0, 0.0, 16.0, 0.0, "GMT"})) << "there it is 30 March";
+  mWorld.setLocal(2026, 3, 31, 15);
+  EXPECT_TRUE(time({1.0, 0.0, 2.0, 0.0, "GMT"}));
 }
 
 TEST_F(Dates, TimeRangeOfHoursIncludesTheLastHourAndDoesNotWrap) {
@@ -226,8 +288,8 @@ TEST_F(Dates, TimeRangeThrowsForOtherCounts) {
   EXPECT_TRUE(timeThrows({1.0, 2.0, 3.0, 4.0, 5.0}));
   EXPECT_TRUE(timeThrows({1.0, 2.0, 3.0, "GMT"}));
   EXPECT_TRUE(timeThrows({1.0, 2.0, 3.0, 4.0, 5.0, 6.0, 7.0}));
+  EXPECT_TRUE(timeThrows({"GMT"}));
   EXPECT_FALSE(timeThrows({}));
-  EXPECT_FALSE(timeThrows({"GMT"}));
   EXPECT_FALSE(time({}));
   EXPECT_FALSE(time({"noon"}));
   EXPECT_FALSE(time({0.0, "x"}));
