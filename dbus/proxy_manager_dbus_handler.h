@@ -1,13 +1,15 @@
 // The object that the bus sees at /com/zentu/ProxyManagerService.
 //
-// It forwards the four calls to the service, or answers by itself where it has none, and announces
-// every update. It is also the border at which nothing a client sends may end the process: a call
-// without an interface is answered as the one interface's, and whatever is thrown below becomes the
-// answer of a handler without a service and one LOG_ERR line. Operations run on the bus thread.
+// It forwards the four calls to the service, or answers by itself if it has none, and announces
+// every update. It is also the border at which nothing that a client sends may end the process: a
+// call without an interface is answered as the one interface's, and an exception anywhere in the
+// handling of a call becomes the answer of a handler without a service and one LOG_ERR line. It
+// sends no D-Bus error of its own. Operations run on the bus thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -29,7 +31,15 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   ProxyManagerDbusHandler(const ProxyManagerDbusHandler&) = delete;
   ProxyManagerDbusHandler& operator=(const ProxyManagerDbusHandler&) = delete;
 
-  /// Lets the call in flight end, then forgets the service: later calls are answered without one.
+  /// Answers calls by `service` again, which outlives the handler or is detached before it goes.
+  /// Waits for the call in flight. Any thread but the bus thread inside a call.
+  void attachService(ProxyManagerServiceImpl& service) PM_EXCLUDES(mServiceMutex);
+
+  /// Answers every call that begins after this one as without a service. Does not wait for the call
+  /// in flight. Any thread.
+  void refuseCalls();
+
+  /// Refuses calls, lets the call in flight end, then forgets the service.
   /// Any thread but the bus thread inside a call.
   void detachService() PM_EXCLUDES(mServiceMutex);
 
@@ -51,9 +61,13 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   // The library's own ends the process on a call without an interface and on foreign exceptions.
   bool handle_message(const DBus::Message& message) override;
   DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
-  void replyError(const DBus::CallMessage& call, const char* name, const char* text) noexcept;
+  bool answer(const DBus::CallMessage& call);
+  bool answerWithoutService(const DBus::CallMessage& call) noexcept;
+  ProxyManagerServiceImpl* service() const PM_REQUIRES(mServiceMutex);
 
   // Held during a call, so that detachService() waits for the one in flight.
   Mutex mServiceMutex;
   ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
+  std::atomic<bool> mRefusesCalls{false};
+  bool mAnswersAlone = false;  // bus thread: the call is answered as without a service
 };

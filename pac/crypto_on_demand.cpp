@@ -1,11 +1,11 @@
-// libcrypto when it is first called: at the first script, whose digest tells whether it is new.
+// libcrypto, mapped at the first call: for the digest of the first script.
 //
-// Without it every script is given a digest that no other has, and counts as new.
+// If the library is missing, MD5_Init returns 0, and so do the other two until it succeeds.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <openssl/md5.h>
 
-#include <cstdint>
-#include <cstring>
+#include <atomic>
+#include <cstddef>
 
 #include "base/library_on_demand.h"
 
@@ -26,36 +26,27 @@ bool findAll(void* library, Functions& found) {
          find(library, "MD5_Final", found.final);
 }
 
-const Functions* crypto() {
-  static on_demand::Library<Functions> library("libcrypto.so.3", findAll);
-  return library.functions();
-}
-
-// No byte of it is 0, at which a digest's text would end. Scripts are read by one thread at a time.
-void digestOfItsOwn(unsigned char* digest) {
-  static std::uint32_t scripts = 0;
-  const auto number = scripts++;
-  std::memset(digest, 1, MD5_DIGEST_LENGTH);
-  for (unsigned i = 0; i < 8; ++i)
-    digest[i] = static_cast<unsigned char>(1 + (number >> 4 * i) % 16);
-}
+// What MD5_Init has found; null before, and while the library is missing.
+std::atomic<const Functions*> found{nullptr};
 
 }  // namespace
 
 extern "C" {
 
+// The only one that looks the functions up. So a digest is made by the library from its first step
+// to its last, or not at all, even if the library comes back between two steps.
 int MD5_Init(MD5_CTX* context) {
-  return crypto() ? crypto()->init(context) : 0;
+  static on_demand::Library<Functions> library("libcrypto.so.3", findAll);
+  found = library.functions();
+  return found != nullptr ? found.load()->init(context) : 0;
 }
 
 int MD5_Update(MD5_CTX* context, const void* data, std::size_t length) {
-  return crypto() ? crypto()->update(context, data, length) : 0;
+  return found != nullptr ? found.load()->update(context, data, length) : 0;
 }
 
 int MD5_Final(unsigned char* digest, MD5_CTX* context) {
-  if (crypto()) return crypto()->final(digest, context);
-  digestOfItsOwn(digest);
-  return 0;
+  return found != nullptr ? found.load()->final(digest, context) : 0;
 }
 
 }  // extern "C"

@@ -7,19 +7,13 @@
 #include "domain/url_host.h"
 #include "pac/service_callbacks.h"
 #include "platform/process/thread_name.h"
-#include "service/records/held_settings.h"
+#include "service/records/owned_settings.h"
 
 namespace {
 
-constexpr const char* kPrefix = "PacParser-";
-
-// An asynchronous query looks for its answer every 10 ms, 200 ms at most.
+// An asynchronous query looks for its answer every 10 ms, for at most 200 ms.
 constexpr std::chrono::milliseconds kPollPause{10};
-constexpr std::chrono::milliseconds kPollLimit{200};
-
-void logCalled(const char* function) {
-  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
-}
+constexpr std::chrono::milliseconds kAnswerLimit{200};
 
 const char* textOrEmpty(const char* text) {
   return text == nullptr ? "" : text;
@@ -31,23 +25,23 @@ PacParser::PacParser(ProxyManagerServiceImpl* service, bool pacInitOption)
     : mServiceImpl(service),
       mPacInitOption(pacInitOption),
       mCache(std::make_unique<ProxyUrlCache>(kCacheCapacity, clearProxyUrlCacheCallBack, this)) {
-  logCalled("PacParser");
+  logLine(LOG_INFO, "PacParser-PacParser called ");
 }
 
 PacParser::~PacParser() {
-  logCalled("~PacParser");
+  logLine(LOG_INFO, "PacParser-~PacParser called ");
   stop();
 }
 
 bool PacParser::start() {
-  logCalled("start");
+  logLine(LOG_INFO, "PacParser-start called ");
   if (mRunning) {
-    logLine(LOG_INFO, "%s%s already started", kPrefix, "start");
+    logLine(LOG_INFO, "PacParser-start already started");
     return true;
   }
   mRunning = true;
   if (mThread) {
-    logLine(LOG_INFO, "%s%s pac process thread already started", kPrefix, "start");
+    logLine(LOG_INFO, "PacParser-start pac process thread already started");
     return true;
   }
   mThread = std::make_shared<std::thread>([this] { pacProcessThreadFunc(); });
@@ -55,7 +49,7 @@ bool PacParser::start() {
 }
 
 bool PacParser::stop() {
-  logCalled("stop");
+  logLine(LOG_INFO, "PacParser-stop called ");
   mServiceImpl = nullptr;
   {
     // Through the wait's mutex: the worker is either before its look at the flag, or waiting.
@@ -70,6 +64,7 @@ bool PacParser::stop() {
   {
     const Lock lock(mEngineMutex);
     mPacContent.reset();
+    mHasEngine = false;
     mPac.reset();
   }
   if (hasCache()) clearProxyUrlCache();
@@ -81,7 +76,7 @@ bool PacParser::stop() {
 
 void PacParser::pacProcessThreadFunc() {
   pthread_name_np(gettid(), "pm-pac");
-  logCalled("pacProcessThreadFunc");
+  logLine(LOG_INFO, "PacParser-pacProcessThreadFunc called ");
   while (mRunning) {
     waitForNotice();
     if (mNotified) runQueued();
@@ -92,40 +87,35 @@ void PacParser::waitForNotice() {
   Lock lock(mWaitMutex);
   if (mNotified || !mRunning) return;
   const std::chrono::milliseconds wait = std::chrono::seconds(mWaitSeconds);
-  logLine(LOG_INFO, "%s%s wait:%d", kPrefix, "pacProcessThreadFunc",
-          static_cast<int>(wait.count()));
+  logLine(LOG_INFO, "PacParser-pacProcessThreadFunc wait:%d", static_cast<int>(wait.count()));
   mCond.wait_until(lock.native(), std::chrono::system_clock::now() + wait);
 }
 
-// The gate comes before the locks, so that no answer of an old script follows the emptying.
+// The gate comes before the locks, so that no answer of an old script follows the emptying. The
+// wait mutex is not held: a caller passes through it within its 200 ms, which an evaluation
+// exceeds.
 void PacParser::runQueued() {
   const auto answers = shareAnswers();
-  const Lock waitLock(mWaitMutex);
   const Lock engineLock(mEngineMutex);
   pac_run_callbacks(mPac.get());
   mNotified = false;
 }
 
 void PacParser::notify(void* parser) {
-  logCalled("notify");
+  logLine(LOG_INFO, "PacParser-notify called ");
   if (parser == nullptr) {
-    logLine(LOG_INFO, "%s%s PacParser is NULL", kPrefix, "notify");
+    logLine(LOG_INFO, "PacParser-notify PacParser is NULL");
     return;
   }
   static_cast<PacParser*>(parser)->do_notify();
 }
 
-// Called inside the engine, under its mutex, which comes after the wait's: getProxyASync passes
-// through that one when it has left the engine.
+// Takes no lock, as it is called inside the engine, under its mutex. getProxyASync passes through
+// the wait mutex after it has left the engine.
 void PacParser::do_notify() {
-  logCalled("do_notify");
+  logLine(LOG_INFO, "PacParser-do_notify called ");
   mNotified = true;
   mCond.notify_one();
-}
-
-bool PacParser::hasEngine() {
-  const Lock lock(mEngineMutex);
-  return mPac != nullptr;
 }
 
 bool PacParser::hasCache() {
@@ -134,28 +124,30 @@ bool PacParser::hasCache() {
 }
 
 ProxyUrlSettings PacParser::getProxy(const std::string& requestUrl) {
-  logLine(LOG_NOTICE, "%s%s requestUrl:%s", kPrefix, "getProxy", requestUrl.c_str());
+  logLine(LOG_NOTICE, "PacParser-getProxy requestUrl:%s", requestUrl.c_str());
   ProxyUrlSettings found;
   if (requestUrl.empty()) {
-    logLine(LOG_ERR, "%s%s request url is empty", kPrefix, "getProxy");
+    logLine(LOG_ERR, "PacParser-getProxy request url is empty");
     return found;
   }
   const HeapText host(getHost(requestUrl));
   const std::string key = textOrEmpty(host.get());
-  if (findCached("getProxy", key, found)) return found;
+  if (takeCached(key, found)) {
+    logLine(LOG_NOTICE, "PacParser-getProxy get proxy url from cache");
+    return found;
+  }
 
   char* result = nullptr;
   {
     const Lock lock(mEngineMutex);
     if (mPac == nullptr) {
-      logLine(LOG_WARNING, "%s%s mPac is empty, may casued by pac file update", kPrefix,
-              "getProxy");
+      logLine(LOG_WARNING, "PacParser-getProxy mPac is empty, may casued by pac file update");
     } else {
       pac_find_proxy_sync_n(mPac.get(), requestUrl.c_str(), key.c_str(), &result);
     }
   }
   if (result == nullptr) {
-    logLine(LOG_WARNING, "%s%s can't get proxy url for host:%s", kPrefix, "getProxy", key.c_str());
+    logLine(LOG_WARNING, "PacParser-getProxy can't get proxy url for host:%s", key.c_str());
     return found;
   }
   proxyFound(result, this, const_cast<char*>(key.c_str()));
@@ -164,26 +156,43 @@ ProxyUrlSettings PacParser::getProxy(const std::string& requestUrl) {
 }
 
 ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
-  logLine(LOG_NOTICE, "%s%s requestUrl:%s", kPrefix, "getProxyASync", requestUrl.c_str());
+  logLine(LOG_NOTICE, "PacParser-getProxyASync requestUrl:%s", requestUrl.c_str());
   ProxyUrlSettings found;
-  if (requestUrl.empty() || !hasEngine()) {
-    logLine(LOG_ERR, "%s%s request url or mPac is empty", kPrefix, "getProxyASync");
+  if (requestUrl.empty() || !mHasEngine) {
+    logLine(LOG_ERR, "PacParser-getProxyASync request url or mPac is empty");
     return found;
   }
   const HeapText host(getHost(requestUrl));
   const std::string key = textOrEmpty(host.get());
-  if (findCached("getProxyASync", key, found)) return found;
+  if (takeCached(key, found)) {
+    logLine(LOG_NOTICE, "PacParser-getProxyASync get proxy url from cache");
+    return found;
+  }
   notePending(key);
-  {
-    const Lock lock(mEngineMutex);
-    pac_find_proxy(mPac.get(), requestUrl.c_str(), key.c_str(), proxyFound, this);
+  std::chrono::milliseconds waited{0};
+  if (queueQuestion(requestUrl, key, waited)) {
+    {
+      // So that the wake-up is not lost between the worker's look at the flag and its wait.
+      const Lock lock(mWaitMutex);
+    }
+    mCond.notify_one();
   }
-  {
-    // So that the wake-up is not lost between the worker's look at the flag and its wait.
-    const Lock lock(mWaitMutex);
+  return awaitAnswer(key, waited);
+}
+
+// The engine is busy for as long as an evaluation or a reload lasts.
+bool PacParser::queueQuestion(const std::string& requestUrl, const std::string& key,
+                              std::chrono::milliseconds& waited) {
+  while (waited < kAnswerLimit) {
+    if (mEngineMutex.try_lock()) {
+      pac_find_proxy(mPac.get(), requestUrl.c_str(), key.c_str(), proxyFound, this);
+      mEngineMutex.unlock();
+      return true;
+    }
+    std::this_thread::sleep_for(kPollPause);
+    waited += kPollPause;
   }
-  mCond.notify_one();
-  return awaitAnswer(key);
+  return false;
 }
 
 // A question without an answer is never heard of again: its host goes when room is needed.
@@ -195,25 +204,17 @@ void PacParser::notePending(const std::string& key) {
   mPendingHosts[key] = false;
 }
 
-ProxyUrlSettings PacParser::awaitAnswer(const std::string& key) {
+ProxyUrlSettings PacParser::awaitAnswer(const std::string& key, std::chrono::milliseconds waited) {
   ProxyUrlSettings found;
-  std::chrono::milliseconds waited{0};
-  while (mRunning && waited < kPollLimit) {
+  while (mRunning && waited < kAnswerLimit) {
     if (takeCached(key, found)) return found;
     std::this_thread::sleep_for(kPollPause);
     waited += kPollPause;
   }
-  if (waited >= kPollLimit) {
-    logLine(LOG_ERR, "%s%s waiting too long time", kPrefix, "getProxyASync");
+  if (waited >= kAnswerLimit) {
+    logLine(LOG_ERR, "PacParser-getProxyASync waitting too long time");
   }
   return found;
-}
-
-bool PacParser::findCached(const char* function, const std::string& key, ProxyUrlSettings& found) {
-  const Lock lock(mCacheMutex);
-  if (!mCache->get(key, found)) return false;
-  logLine(LOG_NOTICE, "%s%s get proxy url from cache", kPrefix, function);
-  return true;
 }
 
 bool PacParser::takeCached(const std::string& key, ProxyUrlSettings& found) {
@@ -223,10 +224,10 @@ bool PacParser::takeCached(const std::string& key, ProxyUrlSettings& found) {
 
 void PacParser::proxyFound(char* result, void* parser, void* host) {
   const HeapText owned(result);
-  logCalled("proxyFound");
+  logLine(LOG_INFO, "PacParser-proxyFound called ");
   if (parser == nullptr || host == nullptr) {
-    logLine(LOG_INFO, "%s%s PacParser::proxyFound() pacparser or request url is null", kPrefix,
-            "proxyFound");
+    logLine(LOG_INFO,
+            "PacParser-proxyFound PacParser::proxyFound() pacparser or request url is null");
   }
   if (parser != nullptr) {
     static_cast<PacParser*>(parser)->proxy_Found(result, static_cast<const char*>(host));
@@ -235,31 +236,31 @@ void PacParser::proxyFound(char* result, void* parser, void* host) {
 
 void PacParser::proxy_Found(const char* result, const char* host) {
   if (host == nullptr) {
-    logLine(LOG_NOTICE, "%s%s host:%s", kPrefix, "proxy_Found", "");
+    logLine(LOG_NOTICE, "PacParser-proxy_Found host:%s", "");
     return;
   }
-  logLine(LOG_NOTICE, "%s%s host:%s", kPrefix, "proxy_Found", host);
+  logLine(LOG_NOTICE, "PacParser-proxy_Found host:%s", host);
   const Lock lock(mCacheMutex);
   mPendingHosts.erase(host);
-  HeldSettings settings(proxys2ProxySettings(textOrEmpty(result)));
+  OwnedSettings settings(proxys2ProxySettings(textOrEmpty(result)));
   mCache->set(host, settings.get());
   settings.release();  // the cache's now
 }
 
 void PacParser::clearProxyUrlCache() {
-  logCalled("clearProxyUrlCache");
+  logLine(LOG_INFO, "PacParser-clearProxyUrlCache called ");
   const Lock lock(mCacheMutex);
   mCache->clearCache();
   mPendingHosts.clear();
 }
 
 void PacParser::clearProxyUrlCacheCallBack(ProxyUrlSettings& settings, void* context) {
-  logCalled("clearProxyUrlCacheCallBack");
+  logLine(LOG_INFO, "PacParser-clearProxyUrlCacheCallBack called ");
   if (context != nullptr) clearProxySettings(settings);
 }
 
 void PacParser::clearProxySettings(ProxyUrlSettings& settings) {
-  logCalled("clearProxySettings");
+  logLine(LOG_INFO, "PacParser-clearProxySettings called ");
   for (auto& setting : settings) cleanupProxySetting(&setting);
   settings.clear();
 }

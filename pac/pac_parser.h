@@ -5,15 +5,18 @@
 // cache of its host, else by the engine on the caller's thread. One thread of its own runs what the
 // engine queued for asynchronous queries; it never evaluates by itself.
 //
-// Locks, in the order in which they may be nested: the wait mutex, the engine's, the cache's; every
-// other path holds one of them at a time. Outside of them stands the gate of the answers: lists
-// that getProxy hands out share their texts with the cache, so whoever copies them shares the gate
-// (shareAnswers), and a reload holds it alone from the emptying of the cache until the new engine
-// is in place; so neither does a text vanish while it is read, nor an answer of the old script
-// enter the emptied cache.
+// Locks: the engine's mutex may be held when the cache's is taken; the wait mutex is a leaf. The
+// gate of the answers comes before all of them. Lists that getProxy returns share their texts with
+// the cache, so a caller shares the gate (shareAnswers) while it copies them, and a reload holds
+// the gate alone from the emptying of the cache until the new engine is in place. So no text is
+// freed while it is read, and no answer of the old script enters the emptied cache.
+//
+// The members stand in two files: pac_script_file.cpp reads the script, compares its digest and
+// rebuilds the engine; pac_parser.cpp holds everything else.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <map>
@@ -72,8 +75,9 @@ class PacParser {
   /// before it.
   ProxyUrlSettings getProxy(const std::string& requestUrl) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// As getProxy, but evaluated by the worker thread; waits 200 ms for the answer, which reaches
-  /// the cache even where it comes later.
+  /// As getProxy, but the worker thread evaluates. Waits at most 200 ms for the answer. An answer
+  /// that comes later reaches the cache, unless the engine was busy for all of that time: then the
+  /// question is dropped.
   ProxyUrlSettings getProxyASync(const std::string& requestUrl)
       PM_EXCLUDES(mEngineMutex, mCacheMutex, mWaitMutex);
 
@@ -123,32 +127,32 @@ class PacParser {
     void operator()(pac* engine) const { pac_free(engine); }
   };
   using Engine = std::unique_ptr<pac, FreeEngine>;
-
   using ReloadGate = std::unique_lock<std::shared_mutex>;
   class ReadBuffer;
 
   int readPacFile(const std::string& fileName, ReloadGate& gate)
       PM_EXCLUDES(mEngineMutex, mCacheMutex);
   void compareDigest(const ReadBuffer& content) PM_EXCLUDES(mEngineMutex, mCacheMutex);
-  bool findCached(const char* function, const std::string& key, ProxyUrlSettings& found)
-      PM_EXCLUDES(mCacheMutex);
   bool takeCached(const std::string& key, ProxyUrlSettings& found) PM_EXCLUDES(mCacheMutex);
-  ProxyUrlSettings awaitAnswer(const std::string& key) PM_EXCLUDES(mCacheMutex);
+  ProxyUrlSettings awaitAnswer(const std::string& key, std::chrono::milliseconds waited)
+      PM_EXCLUDES(mCacheMutex);
   void waitForNotice() PM_EXCLUDES(mWaitMutex);
-  void runQueued() PM_EXCLUDES(mWaitMutex, mEngineMutex);
+  void runQueued() PM_EXCLUDES(mEngineMutex);
   void notePending(const std::string& key) PM_EXCLUDES(mCacheMutex);
-  bool hasEngine() PM_EXCLUDES(mEngineMutex);
+  bool queueQuestion(const std::string& requestUrl, const std::string& key,
+                     std::chrono::milliseconds& waited) PM_EXCLUDES(mEngineMutex);
   bool hasCache() PM_EXCLUDES(mCacheMutex);
 
   ProxyManagerServiceImpl* mServiceImpl;
   Engine mPac PM_GUARDED_BY(mEngineMutex);
+  std::atomic<bool> mHasEngine{false};  // whether mPac is set, without waiting for an evaluation
   const bool mPacInitOption;
   HeapText mPacContent PM_GUARDED_BY(mEngineMutex);
   HeapText mPacHash;  // under the gate, held alone
   std::map<std::string, bool> mPendingHosts PM_GUARDED_BY(mCacheMutex);
   RecursiveMutex mEngineMutex;
   RecursiveMutex mCacheMutex PM_ACQUIRED_AFTER(mEngineMutex);
-  Mutex mWaitMutex PM_ACQUIRED_BEFORE(mEngineMutex);
+  Mutex mWaitMutex;  // a leaf
   std::shared_mutex mAnswerGate;
   std::atomic<bool> mRunning{false};
   std::atomic<bool> mNotified{false};

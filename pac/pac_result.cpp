@@ -5,11 +5,9 @@
 
 #include "base/log_line.h"
 #include "pac/pac_parser.h"
-#include "service/records/held_settings.h"
+#include "service/records/owned_settings.h"
 
 namespace {
-
-constexpr const char* kPrefix = "PacParser-";
 
 enum EntryType : std::int32_t { kNone = 0, kDirect = 1, kProxy = 2, kSocks = 3 };
 
@@ -30,29 +28,29 @@ const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& pie
 }  // namespace
 
 ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
-  logLine(LOG_NOTICE, "%s%s proxys:%s", kPrefix, "proxys2ProxySettings", proxys.c_str());
-  HeldSettings held;
+  logLine(LOG_NOTICE, "PacParser-proxys2ProxySettings proxys:%s", proxys.c_str());
+  OwnedSettings held;
   auto& settings = held.get();
   std::size_t begin = 0;
   for (auto end = proxys.find(';'); end != std::string::npos; end = proxys.find(';', begin)) {
     const std::string piece = proxys.substr(begin, end - begin);
     begin = end + 1;
     if (const auto* entry = append(settings, piece)) {
-      logLine(LOG_INFO, "%s%s proxyStr:%s  proxy type:%d, url:%s", kPrefix, "proxys2ProxySettings",
+      logLine(LOG_INFO, "PacParser-proxys2ProxySettings proxyStr:%s  proxy type:%d, url:%s",
               piece.c_str(), entry->type, entry->url);
     }
   }
   if (begin == proxys.size()) return held.release();
   const std::string rest = proxys.substr(begin);
   if (const auto* entry = append(settings, rest)) {
-    logLine(LOG_INFO, "%s%s subString:%s proxy type:%d, url:%s", kPrefix, "proxys2ProxySettings",
+    logLine(LOG_INFO, "PacParser-proxys2ProxySettings subString:%s proxy type:%d, url:%s",
             rest.c_str(), entry->type, entry->url);
   }
   return held.release();
 }
 
 ProxyUrlSetting PacParser::proxy2ProxySetting(std::string proxy) {
-  logLine(LOG_INFO, "%s%s proxy:%s", kPrefix, "proxy2ProxySetting", proxy.c_str());
+  logLine(LOG_INFO, "PacParser-proxy2ProxySetting proxy:%s", proxy.c_str());
   proxy.erase(0, std::min(proxy.find_first_not_of(" \t"), proxy.size()));
   ProxyUrlSetting setting{kNone, nullptr};
   if (proxy == "DIRECT") {
@@ -64,10 +62,10 @@ ProxyUrlSetting PacParser::proxy2ProxySetting(std::string proxy) {
   const auto keyword = std::string_view(proxy).substr(0, blank);
   if (keyword == "PROXY") {
     setting = {kProxy, heapText(proxy)};
-    logLine(LOG_INFO, "%s%s type proxy, url:%s", kPrefix, "proxy2ProxySetting", setting.url);
+    logLine(LOG_INFO, "PacParser-proxy2ProxySetting type proxy, url:%s", setting.url);
   } else if (keyword == "SOCKS") {
     setting = {kSocks, heapText(proxy)};
-    logLine(LOG_INFO, "%s%s type socks, url:%s", kPrefix, "proxy2ProxySetting", setting.url);
+    logLine(LOG_INFO, "PacParser-proxy2ProxySetting type socks, url:%s", setting.url);
   }
   return setting;
 }

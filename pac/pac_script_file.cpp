@@ -15,12 +15,7 @@
 
 namespace {
 
-constexpr const char* kPrefix = "PacParser-";
 constexpr std::size_t kFirstBuffer = 8192;
-
-void logCalled(const char* function) {
-  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
-}
 
 class File {
  public:
@@ -65,7 +60,7 @@ class PacParser::ReadBuffer {
       const ssize_t count = read(file, mData.get() + mLength, mCapacity - mLength);
       if (count == 0) return true;
       if (count < 0) {
-        logLine(LOG_ERR, "%s%s error reading from file %s, rc:%d", kPrefix, "readPacFile",
+        logLine(LOG_ERR, "PacParser-readPacFile error reading from file %s, rc:%d",
                 fileName.c_str(), static_cast<int>(count));
         return false;
       }
@@ -88,7 +83,7 @@ class PacParser::ReadBuffer {
   }
 
   static bool outOfMemory(const std::string& fileName) {
-    logLine(LOG_ERR, "%s%s error allocating memory for pac file %s", kPrefix, "readPacFile",
+    logLine(LOG_ERR, "PacParser-readPacFile error allocating memory for pac file %s",
             fileName.c_str());
     return false;
   }
@@ -99,22 +94,24 @@ class PacParser::ReadBuffer {
 };
 
 int PacParser::parsePacFile(const std::string& fileName) {
-  logCalled("parsePacFile");
+  logLine(LOG_INFO, "PacParser-parsePacFile called ");
   if (fileName.empty()) {
-    logLine(LOG_ERR, "%s%s error pac file name is empty", kPrefix, "parsePacFile");
+    logLine(LOG_ERR, "PacParser-parsePacFile error pac file name is empty");
     return 0;
   }
   ReloadGate gate(mAnswerGate, std::defer_lock);
   if (readPacFile(fileName, gate) == 0) {
-    logLine(LOG_ERR, "%s%s failed to read pac file name", kPrefix, "parsePacFile");
+    logLine(LOG_ERR, "PacParser-parsePacFile failed to read pac file name");
     return 0;
   }
   const Lock lock(mEngineMutex);
+  mHasEngine = false;
   mPac.reset();  // before the new one is made: never two workers
   mPac.reset(pac_init(mPacContent.get(), mPacInitOption ? PAC_OPTION_OFFLINE : PAC_OPTION_ONLINE,
                       notify, this));
-  logLine(LOG_INFO, "%s%s pac init", kPrefix, "parsePacFile");
-  if (mPac == nullptr) logLine(LOG_ERR, "%s%s pac init, mpac is null", kPrefix, "parsePacFile");
+  logLine(LOG_INFO, "PacParser-parsePacFile pac init");
+  if (mPac == nullptr) logLine(LOG_ERR, "PacParser-parsePacFile pac init, mpac is null");
+  mHasEngine = mPac != nullptr;
   return 0;
 }
 
@@ -124,10 +121,11 @@ int PacParser::readPacFile(const std::string& fileName) {
 }
 
 int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
-  logLine(LOG_NOTICE, "%s%s PAC file name:%s", kPrefix, "readPacFile", fileName.c_str());
+  logLine(LOG_INFO, "PacParser-readPacFile called ");
+  logLine(LOG_NOTICE, "PacParser-readPacFile PAC file name:%s", fileName.c_str());
   const File file(openScript(fileName));
   if (file.fd() < 0) {
-    logLine(LOG_ERR, "%s%s error opening file %s", kPrefix, "readPacFile", fileName.c_str());
+    logLine(LOG_ERR, "PacParser-readPacFile error opening file %s", fileName.c_str());
     return 0;
   }
   ReadBuffer content;
@@ -143,33 +141,34 @@ int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
   }
   const Lock lock(mEngineMutex);
   mPacContent.reset(string2Char(content.data(), static_cast<std::int32_t>(content.length())));
-  logLine(LOG_NOTICE, "%s%s content of pac file: \n%s", kPrefix, "readPacFile", mPacContent.get());
+  logLine(LOG_NOTICE, "PacParser-readPacFile content of pac file: \n%s", mPacContent.get());
   return read ? 1 : 0;
 }
 
 // The digest is a C string on purpose: one that holds a zero byte ends there, for the comparison
 // and for what is kept.
 void PacParser::compareDigest(const ReadBuffer& content) {
+  if (content.length() == 0) return;
   unsigned char digest[kDigestLength + 1] = {};
-  if (!doMd5Hash(digest, content.data(), content.length())) return;
-  const auto* text = reinterpret_cast<const char*>(digest);
-  if (mPacHash != nullptr && std::strcmp(mPacHash.get(), text) == 0) {
-    logLine(LOG_NOTICE, "%s%s contents of old and new pac files are the same", kPrefix,
-            "readPacFile");
+  // A script without a digest counts as new: its answers must not mix with those of another one.
+  const bool hasDigest = doMd5Hash(digest, content.data(), content.length());
+  const char* text = hasDigest ? reinterpret_cast<const char*>(digest) : nullptr;
+  if (hasDigest && mPacHash != nullptr && std::strcmp(mPacHash.get(), text) == 0) {
+    logLine(LOG_NOTICE, "PacParser-readPacFile contents of old and new pac files are the same");
     return;
   }
   mPacHash.reset(heapCopy(text));
-  logLine(LOG_NOTICE, "%s%s content of pac file has been updated, notify", kPrefix, "readPacFile");
+  logLine(LOG_NOTICE, "PacParser-readPacFile content of pac file has been updated, notify");
   clearProxyUrlCache();
   service_callbacks::notifyContentUpdated(mServiceImpl);
 }
 
 bool PacParser::doMd5Hash(unsigned char* digest, const void* data, std::size_t length) {
-  logCalled("doMd5Hash");
+  logLine(LOG_INFO, "PacParser-doMd5Hash called ");
   if (digest == nullptr || data == nullptr || length == 0) return false;
+  // The first call fails if libcrypto is missing. The others must not follow then: they would work
+  // on a context that is not initialised if the library has come back meanwhile.
   MD5_CTX context;
-  MD5_Init(&context);
-  MD5_Update(&context, data, length);
-  MD5_Final(digest, &context);
-  return true;
+  return MD5_Init(&context) == 1 && MD5_Update(&context, data, length) == 1 &&
+         MD5_Final(digest, &context) == 1;
 }

@@ -6,7 +6,7 @@
 #include "base/log_line.h"
 
 ProxyURLCacheNode::~ProxyURLCacheNode() {
-  logLine(LOG_INFO, "%s%s called ", "", "~ProxyURLCacheNode");
+  logLine(LOG_INFO, "~ProxyURLCacheNode called ");
   prev = nullptr;
   next = nullptr;
 }
@@ -20,7 +20,7 @@ ProxyUrlCache::~ProxyUrlCache() {
 }
 
 bool ProxyUrlCache::get(const std::string& key, ProxyUrlSettings& list) {
-  logLine(LOG_INFO, "%s%s key:%s", "", "get", key.c_str());
+  logLine(LOG_INFO, "get key:%s", key.c_str());
   const auto found = nodes.find(key);
   if (found == nodes.end()) return false;
   remove(found->second.get());
@@ -30,7 +30,7 @@ bool ProxyUrlCache::get(const std::string& key, ProxyUrlSettings& list) {
 }
 
 void ProxyUrlCache::set(const std::string& key, ProxyUrlSettings list) {
-  logLine(LOG_NOTICE, "%s%s key:%s", "", "set", key.c_str());
+  logLine(LOG_NOTICE, "set key:%s", key.c_str());
   if (const auto found = nodes.find(key); found != nodes.end()) {
     remove(found->second.get());
     setHead(found->second.get());
@@ -51,7 +51,7 @@ void ProxyUrlCache::set(const std::string& key, ProxyUrlSettings list) {
 }
 
 void ProxyUrlCache::clearCache() {
-  logLine(LOG_INFO, "%s%s called ", "", "clearCache");
+  logLine(LOG_INFO, "clearCache called ");
   for (auto& [key, list] : values) {
     if (releaseCallback) releaseCallback(list, releaseContext);
     nodes.find(key)->second.reset();
@@ -63,13 +63,13 @@ void ProxyUrlCache::clearCache() {
 }
 
 void ProxyUrlCache::remove(ProxyURLCacheNode* node) {
-  logLine(LOG_INFO, "%s%s key:%s", "", "remove", node->key.c_str());
+  logLine(LOG_INFO, "remove key:%s", node->key.c_str());
   (node->prev ? node->prev->next : head) = node->next;
   (node->next ? node->next->prev : tail) = node->prev;
 }
 
 void ProxyUrlCache::setHead(ProxyURLCacheNode* node) {
-  logLine(LOG_INFO, "%s%s key:%s", "", "setHead", node->key.c_str());
+  logLine(LOG_INFO, "setHead key:%s", node->key.c_str());
   node->next = head;
   node->prev = nullptr;
   if (head) head->prev = node;
@@ -80,7 +80,7 @@ void ProxyUrlCache::setHead(ProxyURLCacheNode* node) {
 void ProxyUrlCache::evictTail() {
   ProxyURLCacheNode* const victim = tail;
   remove(victim);  // moves `tail` on
-  logLine(LOG_INFO, "%s%s deleteNode key:%s", "", "remove", victim->key.c_str());
+  logLine(LOG_INFO, "remove deleteNode key:%s", victim->key.c_str());
   const auto value = values.find(victim->key);
   nodes.erase(nodes.find(victim->key));
   if (releaseCallback) releaseCallback(value->second, releaseContext);

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <clocale>
 #include <csignal>
 #include <cstdint>
@@ -25,20 +26,20 @@
 #include "service/proxy_manager_service_impl.h"
 
 /// Set by the termination handler, read by the main loop.
-volatile std::sig_atomic_t g_time_to_quit = 0;
+std::atomic<bool> g_time_to_quit{false};
+static_assert(sizeof g_time_to_quit == 1);
+static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler writes it");
 
 namespace {
 
 constexpr const char* kProcessName = "proxymanagerd";
 constexpr const char* kServiceName = "proxymanager_service";
-constexpr const char* kNoClass = "";
 // LOG_PID, LOG_NDELAY and the bit 0x40, which this platform's syslog ignores.
 constexpr int kLogOptions = 0x49;
 
 void receive_signal(int signo) {
-  logLine(LOG_INFO, "%s%s SIGNAL(%d) received to exit the process", kNoClass, "receive_signal",
-          signo);
-  g_time_to_quit = 1;
+  logLine(LOG_INFO, "receive_signal SIGNAL(%d) received to exit the process", signo);
+  g_time_to_quit = true;
 }
 
 void change_trace_level(int) {
@@ -46,23 +47,22 @@ void change_trace_level(int) {
 }
 
 void initTrace() {
-  logLine(LOG_NOTICE, "%s%s Set trace values at bootup for proxymanager_service", kNoClass,
-          "initTrace");
+  logLine(LOG_NOTICE, "initTrace Set trace values at bootup for proxymanager_service");
   TraceValues trace{};
   if (settrcvalues(kProcessName, &trace) != 0) {
-    logLine(LOG_ERR, "%s%s Error while setting trace values", kNoClass, "initTrace");
+    logLine(LOG_ERR, "initTrace Error while setting trace values");
     return;
   }
   logLine(LOG_DEBUG,
-          "%s%s \tbaseseverity  = %d\n\t\t\tpersistent    = %d\n\t\t\ttracemask     = %05X\n"
+          "initTrace \tbaseseverity  = %d\n\t\t\tpersistent    = %d\n\t\t\ttracemask     = %05X\n"
           "\t\t\toption/data   = %X/%X (%d/%d)\n",
-          kNoClass, "initTrace", trace.baseseverity, trace.persistent,
-          static_cast<unsigned>(trace.tracemask), static_cast<unsigned>(trace.option),
-          static_cast<unsigned>(trace.data), trace.option, trace.data);
+          trace.baseseverity, trace.persistent, static_cast<unsigned>(trace.tracemask),
+          static_cast<unsigned>(trace.option), static_cast<unsigned>(trace.data), trace.option,
+          trace.data);
 }
 
 std::unique_ptr<SlService> create_proxymanager_service() {
-  logLine(LOG_INFO, "%s%s called ", kNoClass, "create_proxymanager_service");
+  logLine(LOG_INFO, "create_proxymanager_service called ");
   return std::make_unique<ProxyManagerServiceImpl>();
 }
 
@@ -88,10 +88,10 @@ void sleepLettingThrough(const sigset_t& open) {
 
 void registerProcess() {
   if (restart_connect(kProcessName) != 0) {
-    logLine(LOG_ERR, "%s%s restart_connect failed\n", kNoClass, "main");
+    logLine(LOG_ERR, "main restart_connect failed\n");
   }
   if (initCrashHandler() == -1) {
-    logLine(LOG_ERR, "%s%s Unable to initialize the crash handler library\n", kNoClass, "main");
+    logLine(LOG_ERR, "main Unable to initialize the crash handler library\n");
   }
 }
 
@@ -102,8 +102,7 @@ int main() {
   std::setlocale(LC_CTYPE, "C.UTF-8");
   openlog(kServiceName, kLogOptions, LOG_LOCAL0);
   if (create_varrunpid(kProcessName) != 0) {
-    logLine(LOG_ERR, "%s%s Only one instance of proxymanager_service can run at a time", kNoClass,
-            "main");
+    logLine(LOG_ERR, "main Only one instance of proxymanager_service can run at a time");
     std::exit(EXIT_FAILURE);
   }
   const sigset_t open = blockSignals();
@@ -118,14 +117,14 @@ int main() {
     service = create_proxymanager_service();
     service->start();
   } catch (const std::exception& error) {
-    logLine(LOG_ERR, "%s%s the service cannot start: %s", kNoClass, "main", error.what());
+    logLine(LOG_ERR, "main the service cannot start: %s", error.what());
     return EXIT_FAILURE;
   }
-  while (g_time_to_quit == 0) {
+  while (!g_time_to_quit) {
     sleepLettingThrough(open);
     feedWatchdog();
   }
-  logLine(LOG_INFO, "%s%s Stop proxymanager Service", kNoClass, "main");
+  logLine(LOG_INFO, "main Stop proxymanager Service");
   notifyStopping();
   service.reset();
   return EXIT_SUCCESS;

@@ -11,17 +11,12 @@
 
 namespace {
 
-constexpr const char* kPrefix = "ProxyManagerServiceImpl-";
 constexpr const char* kBusName = "com.zentu.ProxyManagerService";
 constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
 constexpr const char* kPacFileName = "/tmp/proxymanager.pac";
 constexpr int kFetchIntervalSeconds = 1800;
 constexpr std::chrono::seconds kAnnouncementPause{2};
 constexpr std::int32_t kServiceRuns = 1;
-
-void logCalled(const char* function) {
-  logLine(LOG_INFO, "%s%s called ", kPrefix, function);
-}
 
 std::string textOf(const char* text) {
   return text == nullptr ? std::string() : text;
@@ -31,7 +26,7 @@ char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
 
-// Made and started by the contract's words; null where there is no memory for it.
+// A new object, null if it cannot be made. The caller starts it.
 template <typename Active, typename... Arguments>
 std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
   try {
@@ -45,7 +40,7 @@ std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
 
 ProxyManagerServiceImpl::ProxyManagerServiceImpl()
     : mBusHelper(DBus::get_helper()), mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
-  logCalled("ProxyManagerServiceImpl");
+  logLine(LOG_INFO, "ProxyManagerServiceImpl-ProxyManagerServiceImpl called ");
   mBusHelper->requestName(kBusName);
   const Lock lock(mConfigMutex);
   initProxyConfig(mConfig.get());
@@ -53,17 +48,18 @@ ProxyManagerServiceImpl::ProxyManagerServiceImpl()
 }
 
 ProxyManagerServiceImpl::~ProxyManagerServiceImpl() {
-  logCalled("~ProxyManagerServiceImpl");
+  logLine(LOG_INFO, "ProxyManagerServiceImpl-~ProxyManagerServiceImpl called ");
   stop();
 }
 
 std::int32_t ProxyManagerServiceImpl::start() {
-  logCalled("start");
+  logLine(LOG_INFO, "ProxyManagerServiceImpl-start called ");
   startFetcher();
   startParser();
+  mDbusHandler.attachService(*this);
   mBusHelper->startDispatching();
   if (mStartupEventThread) {
-    logLine(LOG_INFO, "%s%s pac process thread already started", kPrefix, "start");
+    logLine(LOG_INFO, "ProxyManagerServiceImpl-start pac process thread already started");
   } else {
     mStartupEventThread = std::make_shared<std::thread>([this] { startupEventThreadFunc(); });
   }
@@ -75,7 +71,7 @@ void ProxyManagerServiceImpl::startFetcher() {
   if (mPacFetcher) {
     mPacFetcher->start();
   } else {
-    logLine(LOG_ERR, "%s%s mPacFetcher is null", kPrefix, "start");
+    logLine(LOG_ERR, "ProxyManagerServiceImpl-start mPacFetcher is null");
   }
 }
 
@@ -84,12 +80,13 @@ void ProxyManagerServiceImpl::startParser() {
   if (mPacParser) {
     mPacParser->start();
   } else {
-    logLine(LOG_ERR, "%s%s mPacFetcher is null", kPrefix, "start");
+    logLine(LOG_ERR, "ProxyManagerServiceImpl-start mPacFetcher is null");
   }
 }
 
 void ProxyManagerServiceImpl::stop() {
-  logCalled("stop");
+  mDbusHandler.refuseCalls();  // before the line: after it no request is executed
+  logLine(LOG_INFO, "ProxyManagerServiceImpl-stop called ");
   mDbusHandler.detachService();
   {
     const Lock lock(mConfigMutex);
@@ -107,7 +104,7 @@ void ProxyManagerServiceImpl::stop() {
 }
 
 com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
-  logCalled("getProxyConfig");
+  logLine(LOG_INFO, "ProxyManagerServiceImpl-getProxyConfig called ");
   const Lock lock(mConfigMutex);
   com::zentu::ProxyConfigTexts texts;
   texts._1 = proxyMode2Str(mConfig->mode);
@@ -122,15 +119,16 @@ com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
 std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
     const std::string& mode, const std::string& proxyurl, const std::string& pacUrl,
     const bool& enableauth, const std::string& userName, const std::string& password) {
-  logLine(LOG_NOTICE, "%s%s mode:%s, proxyurl:%s pacurl:%s", kPrefix, "updateProxyConfig",
+  logLine(LOG_NOTICE, "ProxyManagerServiceImpl-updateProxyConfig mode:%s, proxyurl:%s pacurl:%s",
           mode.c_str(), proxyurl.c_str(), pacUrl.c_str());
   endAnnouncements();
   const Lock lock(mConfigMutex);
   const ProxyMode previous = mConfig->mode;
   cleanupProxyConfig(mConfig.get());
   mConfig->mode = str2ProxyMode(mode.c_str());
-  logLine(LOG_NOTICE, "%s%s notify clear cache new mode:%d, pre mode:%d", kPrefix,
-          "updateProxyConfig", mConfig->mode, previous);
+  logLine(LOG_NOTICE,
+          "ProxyManagerServiceImpl-updateProxyConfig notify clear cache new mode:%d, pre mode:%d",
+          mConfig->mode, previous);
   emitClearcache();
   if (mConfig->mode == manual) {
     mConfig->proxyurl = heapText(proxyurl);
@@ -150,13 +148,14 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
 // call.
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl)
     PM_NO_THREAD_SAFETY_ANALYSIS {
-  logLine(LOG_NOTICE, "%s%s proxy mode:%d, request url:%s", kPrefix, "getProxyUrl", mConfig->mode,
-          requestUrl.c_str());
+  logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl proxy mode:%d, request url:%s",
+          mConfig->mode, requestUrl.c_str());
   std::vector<std::string> urls{proxyMode2Str(mConfig->mode)};
   if (mConfig->mode == pacurl || mConfig->mode == wpad) {
     appendScriptAnswer(requestUrl, urls);
   } else if (mConfig->mode == manual && mConfig->proxyurl != nullptr) {
-    logLine(LOG_NOTICE, "%s%s manual, proxyUrl:%s", kPrefix, "getProxyUrl", mConfig->proxyurl);
+    logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl manual, proxyUrl:%s",
+            mConfig->proxyurl);
     urls.emplace_back(mConfig->proxyurl);
   } else {
     urls.emplace_back();
@@ -170,23 +169,25 @@ void ProxyManagerServiceImpl::appendScriptAnswer(const std::string& requestUrl,
   // The list's texts are the cache's: no new script may empty it before they are copied.
   const auto answers = mPacParser->shareAnswers();
   for (const auto& entry : mPacParser->getProxy(requestUrl)) {
-    logLine(LOG_NOTICE, "%s%s proxyUrl:%s", kPrefix, "getProxyUrl", entry.url);
+    logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl proxyUrl:%s", entry.url);
     urls.push_back(textOf(entry.url));
   }
 }
 
 void ProxyManagerServiceImpl::pacFileUpdated() {
-  logLine(LOG_NOTICE, "%s%s pacFileName:%s", kPrefix, "pacFileUpdated", mPacFileName.c_str());
+  logLine(LOG_NOTICE, "ProxyManagerServiceImpl-pacFileUpdated pacFileName:%s",
+          mPacFileName.c_str());
   if (mPacParser) {
     mPacParser->parsePacFile(mPacFileName);
   } else {
-    logLine(LOG_ERR, "%s%s pacparser is null pacFileName:%s", kPrefix, "pacFileUpdated",
+    logLine(LOG_ERR, "ProxyManagerServiceImpl-pacFileUpdated pacparser is null pacFileName:%s",
             mPacFileName.c_str());
   }
 }
 
 void ProxyManagerServiceImpl::pacContentUpdated() {
-  logLine(LOG_NOTICE, "%s%s pacFileName:%s", kPrefix, "pacContentUpdated", mPacFileName.c_str());
+  logLine(LOG_NOTICE, "ProxyManagerServiceImpl-pacContentUpdated pacFileName:%s",
+          mPacFileName.c_str());
   emitClearcache();
 }
 
@@ -196,7 +197,7 @@ void ProxyManagerServiceImpl::emitClearcache() {
 
 void ProxyManagerServiceImpl::startupEventThreadFunc() {
   pthread_name_np(gettid(), "pm-announce");
-  logCalled("startupEventThreadFunc");
+  logLine(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called ");
   while (!mStartupEventDone) {
     // The flag again on the bus thread, where the update that sets it runs: none follows its reply.
     mBusHelper->run([this] {

@@ -52,6 +52,7 @@ def test_the_lines_of_a_first_script_come_in_order(client, web, syslog):
         (NOTICE, f"PACFetcher-retrievePacFile PAC file download success url:{url}"),
         (NOTICE, f"ProxyManagerServiceImpl-pacFileUpdated pacFileName:{PAC}"),
         (INFO, "PacParser-parsePacFile called "),
+        (INFO, "PacParser-readPacFile called "),
         (NOTICE, f"PacParser-readPacFile PAC file name:{PAC}"),
         (INFO, "PacParser-doMd5Hash called "),
         (NOTICE, "PacParser-readPacFile content of pac file has been updated, notify"),

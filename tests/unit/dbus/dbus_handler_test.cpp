@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <functional>
 #include <stdexcept>
@@ -54,9 +55,11 @@ class RecordingHandler : public ProxyManagerDbusHandler {
  public:
   using ProxyManagerDbusHandler::ProxyManagerDbusHandler;
   std::vector<std::vector<std::string>> signalsSent;
+  std::atomic<bool> failsToSignal{false};
 
  private:
   void _emit_signal(DBus::SignalMessage& signal) override {
+    if (failsToSignal) throw std::runtime_error("no signal today");
     std::vector<std::string> texts{signal.member()};
     for (auto reader = signal.reader(); !reader.at_end(); ++reader) {
       texts.emplace_back(reader.get_string());
@@ -125,22 +128,6 @@ TEST_F(HandlerWithService, AnUpdateThatFailsIsAnnouncedOnceAllTheSame) {
                                       {"notifyProxyConfigupdated", "MANUAL", "p:1", "u", "w"}}));
 }
 
-TEST_F(HandlerWithService, AnExceptionIsAnsweredAsWithoutAServiceAndSaidOnce) {
-  onUrl = [](const std::string&) -> std::vector<std::string> { throw std::bad_alloc(); };
-  onUpdate = []() -> std::int32_t { throw std::runtime_error("no lock today"); };
-  clearLog();
-  EXPECT_EQ(mHandler.getProxyurl("http://a/"), std::vector<std::string>{"off"});
-  expectOffAlone(mHandler.getProxyconfig());
-  EXPECT_EQ(mHandler.updateProxyconfig("off", "", "", false, "", ""), -1);
-  EXPECT_TRUE(mHandler.signalsSent.empty());
-  EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-getProxyurl failed: std::bad_alloc"), 1);
-  EXPECT_EQ(
-      countLog(LOG_ERR, "ProxyManagerDbusHandler-getProxyconfig failed: no configuration today"),
-      1);
-  EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-updateProxyconfig failed: no lock today"),
-            1);
-}
-
 // Whole calls, as the bus brings them: dispatched on the bus thread, asked from a second
 // connection.
 class HandlerOnTheBus : public HandlerWithService {
@@ -152,6 +139,24 @@ class HandlerOnTheBus : public HandlerWithService {
     DBus::CallMessage call(mHelper->connection().unique_name(), kPath, kInterface, member);
     call.writer().append_string("http://a/");
     return mClient.send_blocking(call, 20'000);
+  }
+
+  DBus::Message update() {
+    DBus::CallMessage call(mHelper->connection().unique_name(), kPath, kInterface,
+                           "updateProxyconfig");
+    DBus::MessageIter writer = call.writer();
+    for (const char* text : {"off", "", ""}) writer.append_string(text);
+    writer.append_bool(false);
+    for (const char* text : {"", ""}) writer.append_string(text);
+    return mClient.send_blocking(call, 20'000);
+  }
+
+  static std::vector<std::string> urls(const DBus::Message& reply) {
+    std::vector<std::string> texts;
+    for (auto text = reply.reader().recurse(); !text.at_end(); ++text) {
+      texts.emplace_back(text.get_string());
+    }
+    return texts;
   }
 
   static constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
@@ -182,13 +187,61 @@ TEST_F(HandlerOnTheBus, MakesTextThatIsNotUtf8HarmlessBeforeItLeaves) {
   EXPECT_STREQ((++texts).get_string(), "PROXY a?:1");
 }
 
-TEST_F(HandlerOnTheBus, AnythingElseThrownIsAnErrorReplyAndALine) {
+TEST_F(HandlerOnTheBus, AnExceptionIsAnsweredAsWithoutAServiceAndLoggedOnce) {
+  onUrl = [](const std::string&) -> std::vector<std::string> { throw std::bad_alloc(); };
+  EXPECT_EQ(urls(ask("getProxyurl")), std::vector<std::string>{"off"});
+  EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: std::bad_alloc"), 1);
+
+  DBus::MessageIter config = ask("getProxyconfig").reader().recurse();
+  EXPECT_STREQ(config.get_string(), "off");
+  for (int i = 0; i < 5; ++i) EXPECT_STREQ((++config).get_string(), "");
+  EXPECT_TRUE(
+      logged(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: no configuration today"));
+
+  onUpdate = []() -> std::int32_t { throw std::runtime_error("no lock today"); };
+  EXPECT_EQ(update().reader().get_int32(), -1);
+  EXPECT_TRUE(mHandler.signalsSent.empty());
+}
+
+TEST_F(HandlerOnTheBus, AnExceptionOfAnyTypeIsAnsweredAsWithoutAService) {
   onUrl = [](const std::string&) -> std::vector<std::string> { throw 7; };
-  EXPECT_THROW(ask("getProxyurl"), DBus::Error);
+  EXPECT_EQ(urls(ask("getProxyurl")), std::vector<std::string>{"off"});
   EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: unknown exception"),
             1);
-  onUrl = [](const std::string&) { return std::vector<std::string>{"off"}; };
-  EXPECT_NO_THROW(ask("getProxyurl"));
+  onUrl = [](const std::string&) { return std::vector<std::string>{"wpad"}; };
+  EXPECT_EQ(urls(ask("getProxyurl")), std::vector<std::string>{"wpad"});
+}
+
+// Outside of the operation: what announces the update throws.
+TEST_F(HandlerOnTheBus, AnExceptionAfterTheOperationIsAnsweredAsWithoutAService) {
+  onUpdate = [] { return 0; };
+  mHandler.failsToSignal = true;
+  EXPECT_EQ(update().reader().get_int32(), -1);
+}
+
+TEST_F(HandlerOnTheBus, AWrongArgumentGetsTheLibrarysError) {
+  DBus::CallMessage call(mHelper->connection().unique_name(), kPath, kInterface, "getProxyurl");
+  call.writer().append_int32(7);
+  try {
+    mClient.send_blocking(call, 20'000);
+    FAIL() << "no error";
+  } catch (const DBus::Error& error) {
+    EXPECT_STREQ(error.name(), "org.freedesktop.DBus.Error.InvalidArgs");
+  }
+}
+
+TEST_F(HandlerWithService, AfterARefusalNoCallReachesTheService) {
+  bool isCalled = false;
+  onUpdate = [&] {
+    isCalled = true;
+    return 0;
+  };
+  mHandler.refuseCalls();
+  EXPECT_EQ(mHandler.updateProxyconfig("off", "", "", false, "", ""), -1);
+  EXPECT_FALSE(isCalled);
+  mHandler.attachService(mService);
+  EXPECT_EQ(mHandler.updateProxyconfig("off", "", "", false, "", ""), 0);
+  EXPECT_TRUE(isCalled);
 }
 
 TEST_F(HandlerWithService, DetachedItForgetsTheService) {

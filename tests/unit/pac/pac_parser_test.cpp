@@ -253,9 +253,23 @@ TEST_F(LoadedParser, TheAsynchronousQueryGivesUpAfterTwentyLooks) {
   mParser.start();
   clearLog();
   EXPECT_TRUE(mParser.getProxyASync("http://a.example/").empty());
-  EXPECT_EQ(countLog(LOG_ERR, "PacParser-getProxyASync waiting too long time"), 1);
+  EXPECT_EQ(countLog(LOG_ERR, "PacParser-getProxyASync waitting too long time"), 1);
   EXPECT_EQ(countLog(LOG_INFO, "get key:a.example"), 1 + 20);
   EXPECT_EQ(PacParserTestAccess::pendingHosts(mParser), 1U) << "still in flight";
+}
+
+// A script that never ends is at work for 5 s: on the worker thread, and on another one that asks.
+TEST_F(LoadedParser, TheAsynchronousQueryDoesNotWaitForAnEvaluationOfAnother) {
+  load("function FindProxyForURL(url, host) { while (host == 'endless') {} return 'DIRECT'; }");
+  mParser.start();
+  clearLog();
+  std::jthread asking([&] { textsOf(mParser, "http://endless/"); });
+  ASSERT_TRUE(waitForLog(LOG_INFO, "get key:endless"));
+  // Five evaluations take 25 s; the limit of a query is 200 ms.
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 5; ++i) mParser.getProxyASync("http://endless/");
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+  EXPECT_EQ(countLog(LOG_ERR, "PacParser-getProxyASync waitting too long time"), 5);
 }
 
 TEST_F(LoadedParser, RemembersAsManyHostsInFlightAsTheEngineQueues) {

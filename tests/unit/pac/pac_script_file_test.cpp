@@ -48,6 +48,7 @@ TEST_F(ScriptFile, SaysItsLinesWhenTheContentIsNew) {
       contractLines(),
       (std::vector<LogLine>{
           {LOG_INFO, "PacParser-parsePacFile called "},
+          {LOG_INFO, "PacParser-readPacFile called "},
           {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + name},
           {LOG_INFO, "PacParser-doMd5Hash called "},
           {LOG_NOTICE, kUpdated},
@@ -89,6 +90,7 @@ TEST_F(ScriptFile, AnEmptyFileMakesNoEngineAndSaysNothingOfSameness) {
   EXPECT_EQ(contractLines(),
             (std::vector<LogLine>{
                 {LOG_INFO, "PacParser-parsePacFile called "},
+                {LOG_INFO, "PacParser-readPacFile called "},
                 {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + mFile.path()},
                 {LOG_INFO, "PacParser-doMd5Hash called "},
                 {LOG_INFO, "string2Char: input is null, or length:0 <= 0"},
@@ -126,6 +128,7 @@ TEST_F(ScriptFile, AMissingFileKeepsEngineAndText) {
   EXPECT_EQ(logLines(),
             (std::vector<LogLine>{
                 {LOG_INFO, "PacParser-parsePacFile called "},
+                {LOG_INFO, "PacParser-readPacFile called "},
                 {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + mFile.folder() + "/none"},
                 {LOG_ERR, "PacParser-readPacFile error opening file " + mFile.folder() + "/none"},
                 {LOG_ERR, "PacParser-parsePacFile failed to read pac file name"}}));
@@ -140,6 +143,7 @@ TEST_F(ScriptFile, AFailedReadKeepsTheEngineButReplacesAndSaysTheText) {
       logLines(),
       (std::vector<LogLine>{
           {LOG_INFO, "PacParser-parsePacFile called "},
+          {LOG_INFO, "PacParser-readPacFile called "},
           {LOG_NOTICE, "PacParser-readPacFile PAC file name:" + mFile.folder()},
           {LOG_ERR, "PacParser-readPacFile error reading from file " + mFile.folder() + ", rc:-1"},
           {LOG_INFO, "string2Char: input is null, or length:0 <= 0"},
