@@ -160,7 +160,7 @@ std::optional<std::string> canonicalUrl(std::string_view url) {
   const auto mark = url.find(kMark);
   if (mark == std::string_view::npos) return std::string(url);
   const auto scheme = base::lowerCase(url.substr(0, mark));
-  if (!isScheme(scheme)) return std::nullopt;
+  if (!isScheme(scheme)) return std::string(url);
 
   auto rest = url.substr(mark + kMark.size());
   const bool hasControl = std::any_of(rest.begin(), rest.end(), base::isControl);

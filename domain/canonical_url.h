@@ -19,13 +19,12 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< of a URL, as given 
 /// - IPv4 addresses as dotted quads ("0x7f.1", "%31.1"), IPv6 addresses in their shortest form with
 ///   their zone; percent signs in the host undone; host names beyond ASCII as UTF-8;
 /// - of a file URL no host ("", "localhost" and "127.0.0.1" mean this machine);
-/// - a text without "://" as it is.
+/// - a text without "://", or without a valid scheme before it, as it is.
 ///
 /// A text that has a scheme but is no URL (no host, blanks in the host, two "@", a port beyond
 /// 65535, control characters) becomes its scheme alone, as in "http:///": a password may stand
 /// anywhere in the rest. The canonical form of a canonical URL is the URL itself.
-/// @return nothing if the text before "://" is no scheme, and if the URL has more than kMaxUrlBytes
-///         as given or as canonical
+/// @return nothing if the URL has more than kMaxUrlBytes as given or as canonical
 /// Any thread; throws std::bad_alloc only.
 std::optional<std::string> canonicalUrl(std::string_view url);
 

@@ -148,10 +148,10 @@ int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
 // The digest is a C string on purpose: one that holds a zero byte ends there, for the comparison
 // and for what is kept.
 void PacParser::compareDigest(const ReadBuffer& content) {
-  if (content.length() == 0) return;
   unsigned char digest[kDigestLength + 1] = {};
   // A script without a digest counts as new: its answers must not mix with those of another one.
   const bool hasDigest = doMd5Hash(digest, content.data(), content.length());
+  if (content.length() == 0) return;
   const char* text = hasDigest ? reinterpret_cast<const char*>(digest) : nullptr;
   if (hasDigest && mPacHash != nullptr && std::strcmp(mPacHash.get(), text) == 0) {
     logLine(LOG_NOTICE, "PacParser-readPacFile contents of old and new pac files are the same");

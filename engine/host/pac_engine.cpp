@@ -227,7 +227,7 @@ Reply Engine::evaluate(std::string_view url, std::string_view host) {
   Reply reply;
   const auto cleaned = domain::canonicalUrl(url);
   if (!cleaned) {
-    reply.problem = problemOf("the URL is malformed or longer than 8 KiB");
+    reply.problem = problemOf("the URL is longer than 8 KiB");
   } else if (host.size() > kMaxHostBytes) {
     reply.problem = problemOf("the host is longer than 8 KiB");
   } else {

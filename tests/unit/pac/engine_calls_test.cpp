@@ -1,5 +1,8 @@
-// The parser against an engine that keeps a list of its calls.
+// The parser against an engine that keeps a list of its calls, and a digest that can fail.
+#define OPENSSL_SUPPRESS_DEPRECATED
 #include <gtest/gtest.h>
+#include <openssl/md5.h>
+#include <syslog.h>
 
 #include <cstring>
 #include <string>
@@ -7,6 +10,7 @@
 
 #include "engine/pac.h"
 #include "pac/pac_parser.h"
+#include "tests/support/log_capture.h"
 #include "tests/unit/pac/script_on_disk.h"
 
 struct pac {
@@ -17,8 +21,21 @@ namespace {
 
 std::vector<std::string> calls;
 int engines = 0;
+bool digestWorks = true;
 
 }  // namespace
+
+// In place of libcrypto's: all scripts have the same digest.
+int MD5_Init(MD5_CTX*) {
+  return digestWorks ? 1 : 0;
+}
+int MD5_Update(MD5_CTX*, const void*, std::size_t) {
+  return 1;
+}
+int MD5_Final(unsigned char* digest, MD5_CTX*) {
+  std::memset(digest, 1, MD5_DIGEST_LENGTH);
+  return 1;
+}
 
 // In place of the library's.
 pac* pac_init(const char* script, int option, pac_wakeup, void*) {
@@ -79,6 +96,27 @@ TEST(EngineCalls, TheEngineIsAskedWithTheUrlAsItCameAndTheHost) {
   EXPECT_EQ(calls,
             (Calls{"find 1 http://user:secret@h/x#y host 'user'", "find 1 http://:80/ host ''",
                    "find 1 HTTP://Host.Example:8080/x host 'Host.Example'"}));
+}
+
+// The answers of another script must not be kept.
+TEST(EngineCalls, AScriptWithoutADigestCountsAsNew) {
+  const std::string isNew = "PacParser-readPacFile content of pac file has been updated, notify";
+  const ScriptOnDisk file("one");
+  PacParser parser(nullptr, false);
+  parser.parsePacFile(file.path());
+  parser.parsePacFile(file.path());
+  EXPECT_EQ(countLog(LOG_NOTICE, isNew), 1);
+  digestWorks = false;
+  unsigned char digest[PacParser::kDigestLength] = {7};
+  EXPECT_FALSE(PacParser::doMd5Hash(digest, "one", 3));
+  EXPECT_EQ(digest[0], 7);
+  parser.parsePacFile(file.path());
+  parser.parsePacFile(file.path());
+  EXPECT_EQ(countLog(LOG_NOTICE, isNew), 3);
+  digestWorks = true;
+  parser.parsePacFile(file.path());
+  parser.parsePacFile(file.path());
+  EXPECT_EQ(countLog(LOG_NOTICE, isNew), 4);
 }
 
 }  // namespace
