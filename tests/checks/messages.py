@@ -27,6 +27,11 @@ NOT_ASSERTED = "Not asserted at all:"
 NOT_SHIPPED = ("tests/", "bench/", "docs/")
 SUFFIXES = (".cpp", ".h", ".hpp", ".c")
 
+# Places whose messages are not all literal or asserted yet. A new place does not join them.
+NOT_YET = ("dbus/", "fetcher/", "pac/", "service/main.cpp", "service/proxy_manager", "settings/",
+           "platform/netservice/lease_main.cpp")
+NOT_YET_EXPLAINED = re.compile(r"PACFetcher-|PacParser-|ProxyManager|main |initTrace ")
+
 TEXT = r'"(?:[^"\\]|\\.)*"'
 CALL = re.compile(rf"\blogLine\(\s*LOG_(\w+)\s*,\s*({TEXT}(?:\s*{TEXT})*)")
 BETWEEN_TEXTS = re.compile(r'"\s*"')
@@ -89,7 +94,10 @@ def tests(tree):
 
 def asserting(message, texts):
     looked_for = pattern(message)
-    return [name for name, text in texts.items() if looked_for.search(text)]
+    # A test may put together what follows the last colon of a constant message.
+    beginning = message[:message.rfind(":") + 1] if "%" not in message else ""
+    return [name for name, text in texts.items()
+            if looked_for.search(text) or (len(beginning) >= 12 and beginning + '"' in text)]
 
 
 def first_cells(text):
@@ -125,13 +133,15 @@ def findings(tree):
     if not messages:
         yield "no call of logLine found: is this the tree?"
     for name, _, message in messages:
+        if name.startswith(NOT_YET):
+            continue
         if message.startswith("%s"):
             yield f"{name}: the first words of \"{message}\" are in no source"
         elif not asserting(message, texts):
             if not any(stands_in(shown, {name: message}) for shown in intended):
                 yield f"{name}: no test has the words of \"{message}\""
     for message in explained(tree):
-        if not stands_in(message, sources):
+        if not NOT_YET_EXPLAINED.match(message) and not stands_in(message, sources):
             yield f"{TROUBLESHOOTING}: in no source: {message}"
 
 
