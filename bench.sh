@@ -22,18 +22,21 @@ other figures; the ratios bear that better than the rest.
   --json DIR   write the figures there, as whole_answers.json, whole_answers_one_cpu.json, parts.json
                and pac_engine.json
                (default: build/bench)
-  --quick      fewer rounds, for a look
+  --peers      instead of all that, the same answers by glib-pacrunner, libproxy and pacparser of
+               Debian, beside the daemon's in one run; they are unpacked into a cache, not installed
+  --quick      fewer rounds, for a first impression
   --build DIR  build there (default: build/bench)
   -j N         build with N processes at once (default: one a processor)
   --help       this text
 EOF
 }
 
-build=$top/build/bench json='' quick=no jobs=$(nproc)
+build=$top/build/bench json='' quick=no peers=no jobs=$(nproc)
 while [ $# -gt 0 ]; do
   case $1 in
     --json) json=${2:?--json needs a folder} && shift ;;
     --quick) quick=yes ;;
+    --peers) peers=yes ;;
     --build) build=${2:?--build needs a folder} && shift ;;
     -j) jobs=${2:?-j needs a number} && shift ;;
     -j?*) jobs=${1#-j} ;;
@@ -68,6 +71,15 @@ step "Building in $build"
 cmake -S "$top" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPROXYMANAGER_BENCH=ON \
   -DPROXYMANAGER_TESTS=OFF
 cmake --build "$build" -j "$jobs"
+
+if [ "$peers" = yes ]; then
+  step "Answers of other programs"
+  options=()
+  [ "$quick" = no ] || options=(--rounds 5 --calls 100)
+  PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/peers.py" "--build=$build" \
+    "--json=$json/peers.json" "${options[@]}"
+  exit 0
+fi
 
 step "Whole answers"
 PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/whole_answers.py" "--build=$build" \

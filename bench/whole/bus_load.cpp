@@ -5,8 +5,10 @@
 // what the machine's day does not. Each client is a thread with a connection of its own that waits
 // for one answer before it asks again.
 //
-// usage: bus_load BASE-NAME MEASURED-NAME ROUNDS CALLS CLIENTS URL
+// usage: bus_load BASE-NAME MEASURED-NAME ROUNDS CALLS CLIENTS URL [PAC-URL]
 //   URL: with "%d" in it, a number that no earlier call had stands there: a host not seen before
+//   PAC-URL: the base is no service of this interface but GLib's PAC runner, which is asked for the
+//   proxies of URL by the script at PAC-URL
 // Prints one JSON object: medians in microseconds, calls a second, ratios of the medians of rounds.
 #include <systemd/sd-bus.h>
 
@@ -69,16 +71,32 @@ class Urls {
   std::atomic<unsigned> mNext{0};
 };
 
-/// Asks and reads the answer: the mode and what to use.
-void ask(sd_bus* bus, const char* name, const std::string& url) {
+/// What a block of calls asks.
+struct Target {
+  const char* name;
+  const char* pacUrl;  ///< null: the daemon's interface; else the PAC runner's
+};
+
+Message questionTo(sd_bus* bus, const Target& target, const std::string& url) {
   sd_bus_message* made = nullptr;
-  check(sd_bus_message_new_method_call(bus, &made, name, "/com/zentu/ProxyManagerService",
-                                       "com.zentu.ProxyManagerServiceInterface", "getProxyurl"),
+  const bool isRunner = target.pacUrl != nullptr;
+  check(sd_bus_message_new_method_call(
+            bus, &made, target.name,
+            isRunner ? "/org/gtk/GLib/PACRunner" : "/com/zentu/ProxyManagerService",
+            isRunner ? "org.gtk.GLib.PACRunner" : "com.zentu.ProxyManagerServiceInterface",
+            isRunner ? "Lookup" : "getProxyurl"),
         "call");
-  const Message call(made);
+  Message call(made);
+  if (isRunner) check(sd_bus_message_append_basic(made, 's', target.pacUrl), "call");
   check(sd_bus_message_append_basic(made, 's', url.c_str()), "call");
+  return call;
+}
+
+/// Asks and reads the answer: the mode and what to use, or the runner's proxies.
+void ask(sd_bus* bus, const Target& target, const std::string& url) {
+  const Message call = questionTo(bus, target, url);
   sd_bus_message* given = nullptr;
-  check(sd_bus_call(bus, made, kCallLimit, nullptr, &given), name);
+  check(sd_bus_call(bus, call.get(), kCallLimit, nullptr, &given), target.name);
   const Message reply(given);
   check(sd_bus_message_enter_container(given, 'a', "s"), "reply");
   int texts = 0;
@@ -86,7 +104,7 @@ void ask(sd_bus* bus, const char* name, const std::string& url) {
   int result = 0;
   while ((result = sd_bus_message_read_basic(given, 's', &text)) > 0) ++texts;
   check(result, "reply");
-  if (texts < 2) throw std::runtime_error(std::string(name) + " has no answer");
+  if (texts < 2) throw std::runtime_error(std::string(target.name) + " has no answer");
 }
 
 double median(std::vector<double> values) {
@@ -107,7 +125,7 @@ class Clients {
     for (std::size_t i = 0; i < count; ++i) mBuses.push_back(connect());
   }
 
-  Block run(const char* name) {
+  Block run(const Target& target) {
     std::vector<std::vector<double>> taken(mBuses.size());
     std::vector<std::exception_ptr> failed(mBuses.size());
     Clock::time_point begin;
@@ -119,7 +137,7 @@ class Clients {
         taken[i].reserve(mCalls);
         start.arrive_and_wait();
         try {
-          for (std::size_t call = 0; call < mCalls; ++call) taken[i].push_back(one(i, name));
+          for (std::size_t call = 0; call < mCalls; ++call) taken[i].push_back(one(i, target));
         } catch (...) {
           failed[i] = std::current_exception();
         }
@@ -137,10 +155,10 @@ class Clients {
   }
 
  private:
-  double one(std::size_t client, const char* name) {
+  double one(std::size_t client, const Target& target) {
     const auto url = mUrls.next();
     const auto begin = Clock::now();
-    ask(mBuses[client].get(), name, url);
+    ask(mBuses[client].get(), target, url);
     return Microseconds(Clock::now() - begin).count();
   }
 
@@ -149,7 +167,7 @@ class Clients {
   std::vector<Bus> mBuses;
 };
 
-nlohmann::ordered_json compare(Clients& clients, const char* base, const char* measured,
+nlohmann::ordered_json compare(Clients& clients, const Target& base, const Target& measured,
                                int rounds) {
   std::vector<double> baseLatency;
   std::vector<double> latency;
@@ -186,10 +204,13 @@ nlohmann::ordered_json compare(Clients& clients, const char* base, const char* m
 
 int main(int argc, char** argv) {
   try {
-    if (argc != 7) throw std::invalid_argument("wants BASE MEASURED ROUNDS CALLS CLIENTS URL");
+    if (argc != 7 && argc != 8)
+      throw std::invalid_argument("needs BASE MEASURED ROUNDS CALLS CLIENTS URL [PAC-URL]");
+    const Target base{argv[1], argc == 8 ? argv[7] : nullptr};
+    const Target measured{argv[2], nullptr};
     Urls urls(argv[6]);
     Clients clients(std::stoul(argv[5]), std::stoul(argv[4]), urls);
-    std::cout << compare(clients, argv[1], argv[2], std::stoi(argv[3])) << '\n';
+    std::cout << compare(clients, base, measured, std::stoi(argv[3])) << '\n';
     return EXIT_SUCCESS;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "bus_load: %s\n", error.what());

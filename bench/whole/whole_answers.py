@@ -51,6 +51,7 @@ IDLE = 60  # seconds
 # The contract's own: main sleeps in steps of 20 s; pm-pac waits 120 s and pm-fetch and pm-watch
 # 1800 s, of which one may end by chance. The bus and the worker are not woken.
 WAKE_UPS = 5
+CALLS_OF_PEERS = 40  # of a block: a peer takes milliseconds
 CLIENT_COUNTS = (1, 2, 4, 8, 16, 32, 64)
 
 
