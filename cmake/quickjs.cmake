@@ -5,7 +5,8 @@
 # this tree contains, the distribution's upstream tarball of a later suite, fetched once per machine
 # by packaging/quickjs/fetch_quickjs.sh.
 #
-# Sets PROXYMANAGER_ENGINE_VERSION and PROXYMANAGER_ENGINE_ORIGIN.
+# Sets the global properties proxymanager_engine_version, proxymanager_engine_header and, if there is a
+# source folder with tests, proxymanager_engine_tests.
 include_guard()
 
 # The first release without the published holes that docs/security/ lists.
@@ -14,14 +15,14 @@ set(PROXYMANAGER_ENGINE_SOURCE "" CACHE PATH
     "An unpacked source tarball of QuickJS-NG to build the script engine from")
 
 set(engine_source "${PROXYMANAGER_ENGINE_SOURCE}")
-set(PROXYMANAGER_ENGINE_ORIGIN "source")
 if(NOT engine_source)
   pkg_search_module(proxymanager_qjs IMPORTED_TARGET GLOBAL
     "quickjs-ng>=${PROXYMANAGER_ENGINE_MINIMUM}" "qjs>=${PROXYMANAGER_ENGINE_MINIMUM}")
   if(proxymanager_qjs_FOUND)
     message(STATUS "Script engine: QuickJS-NG ${proxymanager_qjs_VERSION}, installed package")
-    set(PROXYMANAGER_ENGINE_VERSION "${proxymanager_qjs_VERSION}")
-    set(PROXYMANAGER_ENGINE_ORIGIN "package")
+    set_property(GLOBAL PROPERTY proxymanager_engine_version "${proxymanager_qjs_VERSION}")
+    find_file(engine_header quickjs.h PATHS ${proxymanager_qjs_INCLUDE_DIRS} NO_CACHE)
+    set_property(GLOBAL PROPERTY proxymanager_engine_header "${engine_header}")
     add_library(proxymanager_quickjs ALIAS PkgConfig::proxymanager_qjs)
     return()
   endif()
@@ -46,12 +47,12 @@ foreach(part ${engine_parts} quickjs.h)
 endforeach()
 file(STRINGS "${engine_source}/quickjs.h" engine_version REGEX "define QJS_VERSION_(MAJOR|MINOR|PATCH)")
 string(REGEX REPLACE "[^0-9;]+" "" engine_version "${engine_version}")
-list(JOIN engine_version "." PROXYMANAGER_ENGINE_VERSION)
-if(PROXYMANAGER_ENGINE_VERSION VERSION_LESS PROXYMANAGER_ENGINE_MINIMUM)
-  message(FATAL_ERROR "${engine_source} is QuickJS-NG ${PROXYMANAGER_ENGINE_VERSION}; "
+list(JOIN engine_version "." engine_version)
+if(engine_version VERSION_LESS PROXYMANAGER_ENGINE_MINIMUM)
+  message(FATAL_ERROR "${engine_source} is QuickJS-NG ${engine_version}; "
                       "${PROXYMANAGER_ENGINE_MINIMUM} is the first without published holes")
 endif()
-message(STATUS "Script engine: QuickJS-NG ${PROXYMANAGER_ENGINE_VERSION}, built from ${engine_source}")
+message(STATUS "Script engine: QuickJS-NG ${engine_version}, built from ${engine_source}")
 
 # Upstream's own library without its module of files, processes and timers. Not by its CMakeLists.txt,
 # which builds programs besides.
@@ -66,5 +67,12 @@ set_target_properties(proxymanager_quickjs PROPERTIES C_STANDARD 11 C_STANDARD_R
 # for coverage, since its stack and heap limits are tested as they are on a device. Its assertions
 # stay: a worker that ends is better than one that goes on with broken memory.
 set_property(TARGET proxymanager_quickjs PROPERTY COMPILE_OPTIONS
-  -O2 -UNDEBUG -funsigned-char -w -fno-strict-aliasing -fno-strict-overflow
-  -fno-delete-null-pointer-checks -fstack-protector-strong -fstack-clash-protection)
+  -O3 -UNDEBUG -funsigned-char -w "-fmacro-prefix-map=${engine_source}/="
+  -fno-strict-aliasing -fno-strict-overflow -fno-delete-null-pointer-checks
+  ${proxymanager_hardening_flags} ${proxymanager_worker_hardening_flags})
+
+set_property(GLOBAL PROPERTY proxymanager_engine_version "${engine_version}")
+set_property(GLOBAL PROPERTY proxymanager_engine_header "${engine_source}/quickjs.h")
+if(EXISTS "${engine_source}/tests")
+  set_property(GLOBAL PROPERTY proxymanager_engine_tests "${engine_source}/tests")
+endif()
