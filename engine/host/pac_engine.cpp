@@ -17,6 +17,11 @@ namespace pac_engine {
 
 namespace {
 
+/// CPU time that a worker may spend while nobody waits for it.
+constexpr std::chrono::seconds kIdleCpu{2};
+/// Well under kIdleCpu, so that questions which are answered within it never reach that limit.
+constexpr std::chrono::milliseconds kShortWork{500};
+
 Problem problemOf(std::string message) {
   return {std::move(message), 0};
 }
@@ -46,6 +51,8 @@ struct Engine::Impl {
   Reply ask(std::string_view url, std::string_view host, Deadline deadline);
   Reply askWorker(std::string_view url, std::string_view host, Deadline deadline);
   std::optional<FromWorker> converse(Deadline deadline, Problem& problem);
+  Receipt receive(Deadline end);
+  void finishWork(Deadline begun);
   std::optional<bool> serve(const FromWorker& message, Deadline deadline);
   Reply replyOf(const FromWorker& message);
   std::vector<std::string> own(AddressFamily family);
@@ -60,6 +67,7 @@ struct Engine::Impl {
   std::unique_ptr<WorkerProcess> worker;
   std::uint32_t serial = 0;
   std::size_t alertBytesLeft = 0;
+  std::chrono::steady_clock::duration worked{};  ///< since the worker's CPU time was last limited
 };
 
 /// Ends the worker; the next question starts another.
@@ -90,7 +98,10 @@ bool Engine::Impl::start(Deadline deadline, Problem& problem) {
   const auto limit = static_cast<std::uint32_t>(options.timeLimit.count());
   worker->channel().send(encode(FromLibrary(Start{limit, options.clock})));
   const auto message = converse(deadline, problem);
-  if (message && std::holds_alternative<Ready>(*message)) return true;
+  if (message && std::holds_alternative<Ready>(*message)) {
+    worker->limitCpu(kIdleCpu);
+    return true;
+  }
   if (message) {
     if (const auto* const refused = std::get_if<Refused>(&*message)) {
       problem = {base::visible(refused->message), refused->line};
@@ -152,24 +163,50 @@ Reply Engine::Impl::replyOf(const FromWorker& message) {
 std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& problem) {
   names.begin();
   alertBytesLeft = kMaxAlertBytes;
+  const auto begun = std::chrono::steady_clock::now();
   const auto fail = [&](const char* why) -> std::optional<FromWorker> {
     problem = problemOf(std::string("the script worker ") + why);
     discard(why);
     return std::nullopt;
   };
   for (;;) {
-    const auto receipt = worker->channel().receive(deadline + kKillGrace);
+    const auto receipt = receive(deadline + kKillGrace);
     if (receipt == Receipt::kTooLate) return fail("did not answer in time");
     if (receipt == Receipt::kEnd) return fail("ended without an answer");
     auto message = decodeFromWorker(worker->channel().message());
     if (!message) return fail("sent what is no message");
     const auto served = serve(*message, deadline);
-    if (!served) return message;
+    if (!served) {
+      finishWork(begun);
+      return message;
+    }
     if (!*served) return fail("does not read its answers");
     // One that never stops asking is never late for the next message.
     if (std::chrono::steady_clock::now() >= deadline + kKillGrace)
       return fail("did not answer in time");
   }
+}
+
+/// Waits for the worker's next message. Only work that takes long gets the CPU time of a whole
+/// evaluation.
+Receipt Engine::Impl::receive(Deadline end) {
+  auto& channel = worker->channel();
+  const auto shortly = std::min(end, std::chrono::steady_clock::now() + kShortWork);
+  const auto receipt = channel.receive(shortly);
+  if (receipt != Receipt::kTooLate || shortly == end) return receipt;
+  worker->limitCpu(std::chrono::ceil<std::chrono::seconds>(options.timeLimit) + kIdleCpu);
+  return channel.receive(end);
+}
+
+/// Between two questions nobody watches the worker; one that a script has taken over could spend
+/// all CPU time of the device. So the kernel has a limit that the waiting worker cannot reach. It
+/// is renewed only after as much work as could bring an honest worker near it: a short question
+/// pays for one look at the clock.
+void Engine::Impl::finishWork(Deadline begun) {
+  worked += std::chrono::steady_clock::now() - begun;
+  if (worked < kShortWork) return;
+  worked = {};
+  worker->limitCpu(kIdleCpu);
 }
 
 /// Does what `message` asks. @return nothing where it asks nothing, else whether the worker has it

@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <system_error>
 
 #include "engine/wire/descriptors.h"
@@ -66,6 +69,21 @@ void WorkerProcess::follow() {
   CPU_ZERO(&only);
   CPU_SET(static_cast<std::size_t>(cpu), &only);
   if (sched_setaffinity(mPid, sizeof only, &only) == 0) mCpu = cpu;
+}
+
+void WorkerProcess::limitCpu(std::chrono::seconds more) {
+  // The same holds here.
+  if (mChild->hasEnded()) return;
+  clockid_t clock{};
+  timespec used{};
+  rlimit limit{};
+  if (clock_getcpuclockid(mPid, &clock) != 0 || clock_gettime(clock, &used) != 0 ||
+      prlimit(mPid, RLIMIT_CPU, nullptr, &limit) != 0) {
+    return;
+  }
+  const auto total = std::chrono::seconds(used.tv_sec + 1) + more;
+  limit.rlim_cur = std::min<rlim_t>(static_cast<rlim_t>(total.count()), limit.rlim_max);
+  prlimit(mPid, RLIMIT_CPU, &limit, nullptr);
 }
 
 std::string WorkerProcess::end() {

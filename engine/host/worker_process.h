@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -44,6 +45,10 @@ class WorkerProcess {
   /// that waking another, sleeping CPU does; spinning instead would burn power on both. Where the
   /// kernel does not allow it nothing changes.
   void follow();
+
+  /// Has the kernel end the process, by SIGXCPU, when it spends `more` of CPU time beyond what it
+  /// has spent until now. Nothing changes if the kernel does not allow it.
+  void limitCpu(std::chrono::seconds more);
 
   /// Kills the process unless it has ended and waits for it, 1 s at most. One that lives on is
   /// waited for by a later start or end.

@@ -2,6 +2,7 @@
 
 #include <linux/futex.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 
 #include <cstdint>
@@ -38,34 +39,59 @@ using sandbox::equals;
 using sandbox::kInt;
 using sandbox::masked;
 
-Failure allowOnlyWhatAnEngineNeeds(int socket) {
-  const auto theSocket = equals(0, static_cast<std::uint64_t>(socket));
+/// Argument number `argument`, an int, is `value`.
+scmp_arg_cmp isInt(unsigned argument, int value) {
+  return masked(argument, kInt, static_cast<std::uint32_t>(value));
+}
+
+/// Whole messages over `socket`, with the flags that Channel uses and no address.
+void allowMessages(sandbox::SystemCalls& list, int socket) {
+  const auto theSocket = isInt(0, socket);
   const auto noAddress = equals(4, 0);
-  constexpr std::uint64_t kFutexCommand = kInt & ~std::uint64_t{FUTEX_PRIVATE_FLAG};
-  sandbox::SystemCalls list;
-  // recv and send, mmap2 and the 64-bit clock are what 32-bit machines have instead.
-  list.allow(SCMP_SYS(recvfrom), {theSocket, noAddress})
-      .allow(SCMP_SYS(sendto), {theSocket, noAddress})
-      .allow(SCMP_SYS(recv), {theSocket})
-      .allow(SCMP_SYS(send), {theSocket})
+  const auto noFlags = isInt(3, 0);
+  const auto noSignal = isInt(3, MSG_NOSIGNAL);
+  // recv and send are what 32-bit machines have instead.
+  list.allow(SCMP_SYS(recvfrom), {theSocket, noFlags, noAddress})
+      .allow(SCMP_SYS(sendto), {theSocket, noSignal, noAddress})
+      .allow(SCMP_SYS(recv), {theSocket, noFlags})
+      .allow(SCMP_SYS(send), {theSocket, noSignal})
       .first(SCMP_SYS(recvfrom))
       .first(SCMP_SYS(sendto));
-  // Memory: never of a file, never to be run.
-  const Arguments plainMemory{masked(2, PROT_EXEC, 0), masked(3, MAP_ANONYMOUS, MAP_ANONYMOUS)};
+}
+
+/// Private memory without a file that is never to be run, as the C library's allocator asks for it.
+/// Several arenas, which would need more, are for programs with threads.
+void allowMemory(sandbox::SystemCalls& list) {
+  constexpr int kReadWrite = PROT_READ | PROT_WRITE;
+  const Arguments plainMemory{isInt(2, kReadWrite), isInt(3, MAP_PRIVATE | MAP_ANONYMOUS),
+                              isInt(4, -1)};
   list.allow(SCMP_SYS(brk))
       .allow(SCMP_SYS(mmap), plainMemory)
       .allow(SCMP_SYS(mmap2), plainMemory)
-      .allow(SCMP_SYS(mprotect), {masked(2, PROT_EXEC, 0)})
-      .allow(SCMP_SYS(mremap))
+      .allow(SCMP_SYS(mremap), {isInt(3, MREMAP_MAYMOVE)})
       .allow(SCMP_SYS(munmap))
-      .allow(SCMP_SYS(madvise));
-  // The clock, where the kernel gives no page to read it from.
-  list.allow(SCMP_SYS(clock_gettime))
-      .allow(SCMP_SYS(clock_gettime64))
-      .allow(SCMP_SYS(gettimeofday))
-      .allow(SCMP_SYS(time));
+      .allow(SCMP_SYS(madvise), {isInt(2, MADV_DONTNEED)})
+      .allow(SCMP_SYS(madvise), {isInt(2, MADV_FREE)});
+}
+
+/// The clock, if the kernel gives no page to read it from. The other numbers are clocks of
+/// processes, any process's among them.
+void allowClocks(sandbox::SystemCalls& list) {
+  for (const int clock : {CLOCK_REALTIME, CLOCK_MONOTONIC}) {
+    list.allow(SCMP_SYS(clock_gettime), {isInt(0, clock)})
+        .allow(SCMP_SYS(clock_gettime64), {isInt(0, clock)});
+  }
+  list.allow(SCMP_SYS(gettimeofday), {equals(1, 0)}).allow(SCMP_SYS(time));
+}
+
+Failure allowOnlyWhatAnEngineNeeds(int socket) {
+  constexpr std::uint64_t kFutexCommand = kInt & ~std::uint64_t{FUTEX_PRIVATE_FLAG};
+  sandbox::SystemCalls list;
+  allowMessages(list, socket);
+  allowMemory(list);
+  allowClocks(list);
   // The alarm that ends a script which nothing else can, should the library be gone.
-  list.allow(SCMP_SYS(setitimer), {masked(0, kInt, ITIMER_REAL)});
+  list.allow(SCMP_SYS(setitimer), {isInt(0, ITIMER_REAL), equals(2, 0)});
   // What the C++ runtime does around a thrown exception: pthread_once wakes who may wait for it.
   list.allow(SCMP_SYS(futex), {masked(1, kFutexCommand, FUTEX_WAKE)});
   list.allow(SCMP_SYS(restart_syscall)).allow(SCMP_SYS(exit_group));

@@ -207,6 +207,8 @@ void WorkerProcess::follow() {
   mCpu = 0;
 }
 
+void WorkerProcess::limitCpu(std::chrono::seconds /*more*/) {}
+
 std::string WorkerProcess::end() {
   mChannel.hangUp();
   return "ended";

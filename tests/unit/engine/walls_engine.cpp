@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <thread>
@@ -45,8 +46,24 @@ constexpr long kMap = SYS_mmap;
 constexpr long kMap = SYS_mmap2;
 #endif
 
+constexpr long kPage = 4096;
+alignas(kPage) char gPages[2 * kPage];
+
+void readClock(int clock) {
+  timespec time{};
+  call(SYS_clock_gettime, clock, pointer(&time));
+}
+
 void sendRaw(std::string_view bytes) {
   send(pac_engine::kWorkerSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+/// Answers, then spends CPU time while no question waits: what a script that has taken the worker
+/// over could do.
+void burnAfterTheAnswer() {
+  sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{1, "burning"})));
+  for (volatile bool on = true; on;) {
+  }
 }
 
 const std::map<std::string, std::function<void()>, std::less<>>& steps() {
@@ -72,11 +89,39 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
       {"executable_memory",
        [] { call(kMap, 0, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1); }},
       {"mapped_file", [] { call(kMap, 0, 4096, PROT_READ, MAP_PRIVATE, 0); }},
+      {"shared_memory",
+       [] { call(kMap, 0, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1); }},
+      {"memory_at_a_place",
+       [] {
+         call(kMap, pointer(gPages), kPage, PROT_READ | PROT_WRITE,
+              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1);
+       }},
+      {"change_protection", [] { call(SYS_mprotect, pointer(gPages), kPage, PROT_WRITE); }},
+      {"move_memory_to_a_place",
+       [] {
+         call(SYS_mremap, pointer(gPages), kPage, kPage, MREMAP_MAYMOVE | MREMAP_FIXED,
+              pointer(gPages + kPage));
+       }},
+      {"advise_otherwise", [] { call(SYS_madvise, pointer(gPages), kPage, MADV_WILLNEED); }},
+      {"own_cpu_time", [] { readClock(CLOCK_PROCESS_CPUTIME_ID); }},
+      // The number of a clock that counts the CPU time of process 1.
+      {"cpu_time_of_others", [] { readClock(~1 << 3 | 2); }},
+      {"boot_time", [] { readClock(CLOCK_BOOTTIME); }},
+      {"peek",
+       [] {
+         char byte = 0;
+         call(SYS_recvfrom, pac_engine::kWorkerSocket, pointer(&byte), 1, MSG_PEEK | MSG_DONTWAIT);
+       }},
+      {"send_out_of_band",
+       [] {
+         call(SYS_sendto, pac_engine::kWorkerSocket, pointer("x"), 1, MSG_NOSIGNAL | MSG_OOB);
+       }},
       {"setuid", [] { call(SYS_setuid, 0); }},
       {"unshare", [] { call(SYS_unshare, 0); }},
       {"crash", [] { raise(SIGSEGV); }},
       {"null_write", [] { *static_cast<volatile int*>(nullptr) = 1; }},
       {"exit", [] { _exit(7); }},
+      {"burn_later", [] { burnAfterTheAnswer(); }},
       {"hang",
        [] {
          for (volatile bool on = true; on;) {

@@ -7,11 +7,13 @@
 #include <sys/wait.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <thread>
 
 #include "engine/pac_engine.h"
 #include "tests/support/log_capture.h"
@@ -57,7 +59,11 @@ TEST_P(Walls, StandBeforeTheScriptIsRead) {
 INSTANTIATE_TEST_SUITE_P(Worker, Walls,
                          ::testing::Values("open", "socket", "fork", "vfork", "exec", "ptrace",
                                            "kill_parent", "read", "write_stderr", "send_elsewhere",
-                                           "executable_memory", "mapped_file", "setuid", "unshare"),
+                                           "executable_memory", "mapped_file", "shared_memory",
+                                           "memory_at_a_place", "change_protection",
+                                           "move_memory_to_a_place", "advise_otherwise",
+                                           "own_cpu_time", "cpu_time_of_others", "boot_time",
+                                           "peek", "send_out_of_band", "setuid", "unshare"),
                          [](const auto& test) { return test.param; });
 
 TEST(Worker, GetsNoMemoryBeyondItsShare) {
@@ -65,6 +71,52 @@ TEST(Worker, GetsNoMemoryBeyondItsShare) {
   const auto engine = load("ready", problem, true);
   ASSERT_NE(engine, nullptr) << problem.message;
   EXPECT_EQ(engine->evaluate("http://h/", "memory").result, "refused");
+}
+
+/// The CPU time that a process has spent, while its parent has not waited for it.
+std::chrono::milliseconds cpuTimeOf(pid_t pid) {
+  clockid_t clock{};
+  timespec time{};
+  if (clock_getcpuclockid(pid, &clock) != 0 || clock_gettime(clock, &time) != 0) return {};
+  return std::chrono::seconds(time.tv_sec) + std::chrono::milliseconds(time.tv_nsec / 1'000'000);
+}
+
+bool hasEnded(pid_t pid) {
+  siginfo_t info{};
+  return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid != 0;
+}
+
+TEST(Worker, IsEndedWhenItBurnsCpuTimeBetweenQuestions) {
+  Problem problem;
+  const auto engine = load("ready", problem, true);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  const auto pid = engine->workerPid();
+  ASSERT_EQ(engine->evaluate("http://h/", "burn_later").result, "burning");
+  std::chrono::milliseconds spent{};
+  while (!hasEnded(pid)) {
+    spent = std::max(spent, cpuTimeOf(pid));
+    ASSERT_LT(spent, std::chrono::seconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_GT(spent, std::chrono::seconds(1)) << "an honest worker is not near the limit";
+  EXPECT_EQ(engine->evaluate("http://h/", "url").result, "http://h/");
+  EXPECT_TRUE(logged(LOG_WARNING, "pac_engine: worker " + std::to_string(pid) +
+                                      " has ended and is started again (signal " +
+                                      std::to_string(SIGXCPU) + ")"));
+}
+
+TEST(Worker, MaySpendCpuTimeWhileItIsAsked) {
+  Problem problem;
+  const auto engine = load(
+      "function FindProxyForURL() { const end = Date.now() + 400;"
+      "while (Date.now() < end) ; return 'DIRECT'; }",
+      problem, false);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  const auto pid = engine->workerPid();
+  // More in all than an idle worker may spend.
+  for (int i = 0; i < 9; ++i) ASSERT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT") << i;
+  EXPECT_EQ(engine->workerPid(), pid);
 }
 
 class LiveWorker : public ::testing::Test {
