@@ -1,0 +1,134 @@
+// What is known to break script engines, run through the sandboxed worker: an answer or an error of
+// the script, never a dead worker.
+//
+// proofs/ holds our own scripts, each named for the published hole that it tries and with a first
+// line that says how. A proof that finds the hole answers something else than "ok". The regression
+// tests of the engine's own source are run besides; they check themselves and throw.
+//
+// HOSTILE_ENGINE_WORKER in the environment names another worker to try: one with an engine that has
+// a hole shows that its proof finds it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "engine/pac_engine.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace pac_engine;
+
+std::string contentsOf(const fs::path& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::vector<fs::path> scriptsIn(const fs::path& folder) {
+  std::vector<fs::path> scripts;
+  std::error_code none;
+  for (const auto& entry : fs::directory_iterator(folder, none)) {
+    if (entry.path().extension() == ".js") scripts.push_back(entry.path());
+  }
+  std::sort(scripts.begin(), scripts.end());
+  return scripts;
+}
+
+std::string nameOf(const testing::TestParamInfo<fs::path>& test) {
+  std::string name = test.param.stem();
+  std::replace_if(
+      name.begin(), name.end(), [](unsigned char c) { return std::isalnum(c) == 0; }, '_');
+  return name;
+}
+
+Options patient() {
+  Options options;
+  options.timeLimit = std::chrono::seconds(60);  // none of these is about time
+  if (const char* const worker = std::getenv("HOSTILE_ENGINE_WORKER")) {
+    options.workerProgram = worker;
+  }
+  return options;
+}
+
+/// Whether the library, and not the script, is why there is no answer.
+bool isOfTheWorker(const Problem& problem) {
+  return problem.message.find("worker") != std::string::npos;
+}
+
+class Hole : public testing::TestWithParam<fs::path> {};
+
+TEST_P(Hole, IsClosed) {
+  Problem refused;
+  const auto engine = Engine::load(contentsOf(GetParam()), patient(), refused);
+  ASSERT_NE(engine, nullptr) << describe(refused);
+  const auto worker = engine->workerPid();
+  for (int round = 0; round < 3; ++round) {
+    const auto reply = engine->evaluate("http://h/", "h");
+    EXPECT_FALSE(isOfTheWorker(reply.problem)) << reply.problem.message;
+    if (reply.result) {
+      EXPECT_EQ(*reply.result, "ok");
+    }
+    EXPECT_EQ(engine->workerPid(), worker) << describe(reply.problem);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Published, Hole, testing::ValuesIn(scriptsIn(PROXYMANAGER_PROOFS)),
+                         nameOf);
+
+#ifdef PROXYMANAGER_ENGINE_TESTS
+
+/// Of the engine's own tests, those that need what scripts here do not have.
+constexpr const char* kUnfit[] = {
+    // its own files beside it, or modules
+    "bug1552",
+    "bug488-upstream",
+    "destructured-export",
+    "dynamic_import_rejection_handled",
+};
+
+/// A file of the engine's tests as a PAC script: the assertions are put in the place of their
+/// import, on one line, so that positions stay.
+std::string asPacScript(const fs::path& path) {
+  std::string assertions = contentsOf(fs::path(PROXYMANAGER_ENGINE_TESTS) / "assert.js");
+  for (std::size_t at; (at = assertions.find("export ")) != std::string::npos;) {
+    assertions.erase(at, 7);
+  }
+  std::string script = contentsOf(path);
+  if (const auto at = script.find("import ");
+      at != std::string::npos && script.find("assert.js", at) < script.find('\n', at)) {
+    script.erase(at, script.find('\n', at) - at);
+  } else {
+    assertions.clear();  // such a file has its own
+  }
+  return script + "\n;function print() {}\n" + assertions +
+         "\nfunction FindProxyForURL() { return 'ok'; }\n";
+}
+
+class EngineTest : public testing::TestWithParam<fs::path> {};
+
+TEST_P(EngineTest, PassesOrEndsInAScriptError) {
+  const auto script = asPacScript(GetParam());
+  Problem refused;
+  const auto engine = Engine::load(script, patient(), refused);
+  if (!engine) {
+    EXPECT_FALSE(isOfTheWorker(refused)) << refused.message;
+    std::cout << "refused: " << describe(refused) << '\n';
+    return;
+  }
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "ok");
+}
+
+INSTANTIATE_TEST_SUITE_P(Upstream, EngineTest,
+                         testing::ValuesIn(scriptsIn(PROXYMANAGER_ENGINE_TESTS)), nameOf);
+
+#endif
+
+}  // namespace

@@ -1,0 +1,19 @@
+// Elements of fast arrays that are deleted, and lengths that change, while a function walks them.
+function FindProxyForURL(url, host) {
+  function change(array) { delete array[5]; array.length = 20; array.push(1, 2, 3); array[30] = 'far'; }
+  var walks = ['forEach', 'map', 'filter', 'some', 'every', 'find', 'findLast', 'reduce', 'reduceRight',
+               'flatMap', 'sort', 'findIndex'];
+  for (var round = 0; round < 50; round++) {
+    walks.forEach(function (name) {
+      var array = Array.from({length: 64}, function (_, i) { return {i: i}; });
+      var count = 0;
+      try { array[name](function (x) { if (++count === 3 + round % 7) change(array); return 0; }, 0); } catch (e) { }
+      try { array.concat(array).slice(2).reverse().flat().length; } catch (e) { }
+      var spread = [...array, ...array];
+      for (var entry of array.entries()) if (count++ < 200) change(array);
+      array.unshift.apply(array, spread);
+      array.copyWithin(0, 10);
+    });
+  }
+  return 'ok';
+}

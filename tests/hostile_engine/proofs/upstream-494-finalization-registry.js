@@ -1,0 +1,19 @@
+// Objects with finalizers that vanish while the heap limit is near and the collector runs.
+var registry = new FinalizationRegistry(function (held) { held.ring = [held]; fill(); });
+function fill() { var kept = []; for (var i = 0; i < 500; i++) kept.push({i: i, ring: kept}); }
+function FindProxyForURL(url, host) {
+  var kept = [];
+  try {
+    for (;;) {
+      for (var i = 0; i < 100; i++) {
+        var object = {ring: null};
+        object.ring = object;
+        registry.register(object, {held: object.i}, object);
+        if (i % 3 === 0) registry.unregister(object);
+        new WeakRef(object).deref();
+      }
+      kept.push('z'.repeat(100000) + kept.length);
+    }
+  } catch (e) { kept = null; fill(); }
+  return 'ok';
+}
