@@ -1,0 +1,198 @@
+# Writes sbom.cdx.json and vex.cdx.json (CycloneDX 1.5) for the programs that were built: what they are
+# linked with, and what is known of holes in their script engine. A script in CMake's language, because
+# a build needs no other interpreter.
+#
+# cmake -DPROGRAMS=a;b -DVERSION=v -DENGINE_VERSION=v -DENGINE_HEADER=quickjs.h -DOBJDUMP=objdump
+#       -DHOLES=engine_holes.json -DCOPYRIGHT=packaging/debian/copyright -DOUTPUT=folder [-DFOREIGN=ON]
+#       -P security_documents.cmake
+#
+# FOREIGN: the programs are of another architecture, whose packages are not asked for their versions.
+# Fails if the engine's version has a hole that HOLES lists as neither fixed by then nor unreachable;
+# warns if the engine is older than half a year.
+cmake_minimum_required(VERSION 3.25)
+
+# ${out}: `text` as a JSON string.
+function(quoted out text)
+  string(REPLACE "\\" "\\\\" text "${text}")
+  string(REPLACE "\"" "\\\"" text "${text}")
+  set(${out} "\"${text}\"" PARENT_SCOPE)
+endfunction()
+
+# put(VARIABLE "text" MEMBER...): sets a member of the JSON text in VARIABLE to a string.
+macro(put variable text)
+  quoted(json_text "${text}")
+  string(JSON ${variable} SET "${${variable}}" ${ARGN} "${json_text}")
+endmacro()
+
+# append(VARIABLE json MEMBER...): appends to the array that MEMBER... names.
+macro(append variable json)
+  string(JSON json_length LENGTH "${${variable}}" ${ARGN})
+  string(JSON ${variable} SET "${${variable}}" ${ARGN} ${json_length} "${json}")
+endmacro()
+
+# ${out}: the installed version of a Debian package, empty if there is none or no dpkg.
+function(package_version out package)
+  execute_process(COMMAND dpkg-query -W -f "\${Version}" "${package}"
+    OUTPUT_VARIABLE version ERROR_QUIET RESULT_VARIABLE failed)
+  if(failed)
+    set(version "")
+  endif()
+  set(${out} "${version}" PARENT_SCOPE)
+endfunction()
+
+# ${out}: a component; the package may be empty.
+function(component out type name version package scope)
+  set(json "{}")
+  put(json "${type}" type)
+  put(json "${name}" bom-ref)
+  put(json "${name}" name)
+  put(json "${scope}" scope)
+  if(version)
+    put(json "${version}" version)
+  endif()
+  if(package AND version)
+    string(REPLACE "+" "%2B" escaped "${version}")
+    string(REPLACE ":" "%3A" escaped "${escaped}")
+    put(json "pkg:deb/debian/${package}@${escaped}" purl)
+  endif()
+  set(${out} "${json}" PARENT_SCOPE)
+endfunction()
+
+# ${out}: the sonames that a program is linked with.
+function(needed out program)
+  execute_process(COMMAND "${OBJDUMP}" -p "${program}" OUTPUT_VARIABLE headers
+    COMMAND_ERROR_IS_FATAL ANY)
+  string(REGEX MATCHALL "NEEDED +[^\n ]+" entries "${headers}")
+  list(TRANSFORM entries REPLACE "NEEDED +" "")
+  set(${out} "${entries}" PARENT_SCOPE)
+endfunction()
+
+function(write_sbom)
+  set(sbom "{\"bomFormat\":\"CycloneDX\",\"specVersion\":\"1.5\",\"version\":1,\"metadata\":{},
+    \"components\":[],\"dependencies\":[]}")
+  component(own application proxymanagerd "${VERSION}" "" required)
+  string(JSON sbom SET "${sbom}" metadata component "${own}")
+  set(libraries "")
+  if(NOT FOREIGN)
+    file(GET_RUNTIME_DEPENDENCIES EXECUTABLES ${PROGRAMS}
+      RESOLVED_DEPENDENCIES_VAR libraries UNRESOLVED_DEPENDENCIES_VAR ignored
+      CONFLICTING_DEPENDENCIES_PREFIX conflicts)
+  endif()
+
+  # Directly linked shared libraries, each with the package that it comes from.
+  set(all "")
+  foreach(program ${PROGRAMS})
+    needed(sonames "${program}")
+    list(APPEND all ${sonames})
+  endforeach()
+  list(REMOVE_DUPLICATES all)
+  list(SORT all)
+  set(patterns "")
+  foreach(soname ${all})
+    set(files ${libraries})
+    string(REGEX REPLACE "([.+])" "\\\\\\1" pattern "${soname}")
+    list(FILTER files INCLUDE REGEX "/${pattern}$")
+    if(files)
+      list(GET files 0 file)
+      file(REAL_PATH "${file}" file)
+      # With its folder, since the libraries of other architectures have the same names.
+      string(REGEX MATCH "[^/]+/[^/]+$" place_of_${soname} "${file}")
+      list(APPEND patterns "*/${place_of_${soname}}")
+    endif()
+  endforeach()
+  execute_process(COMMAND dpkg-query -S ${patterns} OUTPUT_VARIABLE owners ERROR_QUIET)
+  foreach(soname ${all})
+    set(package "")
+    set(version "")
+    string(REGEX REPLACE "([.+])" "\\\\\\1" pattern "${place_of_${soname}}")
+    if(pattern AND "\n${owners}" MATCHES "\n([^:, \n]+)[^\n]*/${pattern}\n")
+      set(package "${CMAKE_MATCH_1}")
+      package_version(version "${package}")
+    endif()
+    component(json library "${soname}" "${version}" "${package}" required)
+    append(sbom "${json}" components)
+  endforeach()
+
+  # What is compiled in.
+  file(STRINGS "${COPYRIGHT}" linked REGEX "^Files: linked/")
+  list(TRANSFORM linked REPLACE "^Files: linked/([^ ]+).*" "\\1")
+  list(REMOVE_ITEM linked quickjs-ng)
+  foreach(name ${linked})
+    package_version(version "${name}")
+    component(json library "${name}" "${version}" "${name}" required)
+    append(sbom "${json}" components)
+  endforeach()
+  component(engine library quickjs-ng "${ENGINE_VERSION}" "quickjs-ng" required)
+  append(sbom "${engine}" components)
+
+  foreach(program ${PROGRAMS})
+    get_filename_component(name "${program}" NAME)
+    component(json application "${name}" "${VERSION}" "" required)
+    append(sbom "${json}" components)
+    needed(sonames "${program}")
+    if(name STREQUAL "proxymanager-pac-worker")
+      list(REMOVE_ITEM sonames libqjs.so.0)
+      list(APPEND sonames quickjs-ng)
+    endif()
+    set(dependency "{\"dependsOn\":[]}")
+    put(dependency "${name}" ref)
+    foreach(soname ${sonames})
+      append(dependency "\"${soname}\"" dependsOn)
+    endforeach()
+    append(sbom "${dependency}" dependencies)
+  endforeach()
+  file(WRITE "${OUTPUT}/sbom.cdx.json" "${sbom}\n")
+endfunction()
+
+function(write_vex)
+  set(vex "{\"bomFormat\":\"CycloneDX\",\"specVersion\":\"1.5\",\"version\":1,\"metadata\":{},
+    \"components\":[],\"vulnerabilities\":[]}")
+  component(own application proxymanagerd "${VERSION}" "" required)
+  string(JSON vex SET "${vex}" metadata component "${own}")
+  component(engine library quickjs-ng "${ENGINE_VERSION}" "quickjs-ng" required)
+  append(vex "${engine}" components)
+  file(READ "${HOLES}" holes)
+  string(JSON count LENGTH "${holes}" holes)
+  math(EXPR last "${count} - 1")
+  foreach(index RANGE ${last})
+    string(JSON id GET "${holes}" holes ${index} id)
+    string(JSON source GET "${holes}" holes ${index} source)
+    string(JSON description GET "${holes}" holes ${index} description)
+    string(JSON proof GET "${holes}" holes ${index} proof)
+    string(JSON fixed ERROR_VARIABLE none GET "${holes}" holes ${index} fixed_in)
+    string(JSON justification ERROR_VARIABLE unjustified GET "${holes}" holes ${index} justification)
+    set(hole "{\"source\":{},\"analysis\":{},\"affects\":[{\"ref\":\"quickjs-ng\"}]}")
+    put(hole "${id}" id)
+    put(hole "${source}" source name)
+    put(hole "${description}" description)
+    if(NOT unjustified)
+      string(JSON detail GET "${holes}" holes ${index} detail)
+      put(hole "not_affected" analysis state)
+      put(hole "${justification}" analysis justification)
+      put(hole "${detail} Tried by ${proof}." analysis detail)
+    elseif(NOT none AND NOT ENGINE_VERSION VERSION_LESS fixed)
+      put(hole "resolved" analysis state)
+      put(hole "Fixed in QuickJS-NG ${fixed} at the latest. Tried by ${proof}." analysis detail)
+    else()
+      message(FATAL_ERROR "QuickJS-NG ${ENGINE_VERSION} has ${id} (${description}), which is neither "
+                          "fixed in it nor out of a script's reach; see ${HOLES}")
+    endif()
+    append(vex "${hole}" vulnerabilities)
+  endforeach()
+  file(WRITE "${OUTPUT}/vex.cdx.json" "${vex}\n")
+endfunction()
+
+# The header has the date of the release, in tarballs and packages alike.
+function(warn_of_age)
+  file(TIMESTAMP "${ENGINE_HEADER}" released "%s" UTC)
+  string(TIMESTAMP now "%s" UTC)
+  math(EXPR days "(${now} - ${released}) / 86400")
+  if(days GREATER 183)
+    message(WARNING "QuickJS-NG ${ENGINE_VERSION} is ${days} days old; look for a newer release")
+  endif()
+endfunction()
+
+file(MAKE_DIRECTORY "${OUTPUT}")
+write_vex()
+write_sbom()
+warn_of_age()

@@ -1,0 +1,128 @@
+#!/usr/bin/env python3
+"""Fails if the bill of materials or the list of the engine's holes is not complete.
+
+usage: security_documents.py CMAKE BUILD | --self-test CMAKE
+
+- A program that is installed is in the SBOM, with each library that it is linked with.
+- Each hole of docs/security/engine_holes.json is in the VEX document, once, with a state, and its
+  proof exists; no proof belongs to no hole.
+- The copies in docs/security/ name the same components and holes.
+"""
+
+import json
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+
+TREE = pathlib.Path(__file__).resolve().parents[2]
+FOLDER = TREE / "docs/security"
+PROOFS = TREE / "tests/hostile_engine/proofs"
+# Proofs of errors that no list names: found and fixed in the open.
+UNNUMBERED = re.compile(r"^ng-2026-")
+DOCUMENTS = ("sbom.cdx.json", "vex.cdx.json")
+
+
+def read(path):
+    return json.loads(pathlib.Path(path).read_text(encoding="utf-8"))
+
+
+def sonames(path):
+    dynamic = subprocess.run(["readelf", "-dW", path], check=True, capture_output=True, text=True)
+    return re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic.stdout)
+
+
+def programs_in(prefix):
+    for path in pathlib.Path(prefix).rglob("*"):
+        if path.is_file() and not path.is_symlink() and path.read_bytes()[:4] == b"\x7fELF":
+            yield path
+
+
+def names_of(document):
+    """What a document is about: components, or holes and their states."""
+    if "vulnerabilities" in document:
+        return {(hole["id"], hole["analysis"]["state"]) for hole in document["vulnerabilities"]}
+    return {component["name"] for component in document["components"]}
+
+
+def in_sbom(sbom, programs):
+    uses = {entry["ref"]: set(entry["dependsOn"]) for entry in sbom["dependencies"]}
+    names = names_of(sbom)
+    for path in programs:
+        # Libraries are installed under the name of their link.
+        name = next((ref for ref in uses if path.name.startswith(ref)), None)
+        if name is None:
+            yield f"{path.name} is not in the SBOM"
+            continue
+        for soname in sonames(path):
+            if soname not in uses[name] or soname not in names:
+                yield f"the SBOM lacks {soname}, which {path.name} is linked with"
+
+
+def of_holes(vex, holes):
+    listed = [hole["id"] for hole in vex["vulnerabilities"]]
+    for hole in holes:
+        if listed.count(hole["id"]) != 1:
+            yield f"the VEX document has {hole['id']} {listed.count(hole['id'])} times"
+        if not (PROOFS / hole["proof"]).is_file():
+            yield f"{hole['id']} has no proof {hole['proof']}"
+    proofs = {hole["proof"] for hole in holes}
+    for path in sorted(PROOFS.glob("*.js")):
+        if path.name not in proofs and not UNNUMBERED.match(path.name):
+            yield f"{path.name} is the proof of no hole"
+
+
+def findings(cmake, build):
+    with tempfile.TemporaryDirectory() as prefix:
+        subprocess.run([cmake, "--install", build, "--prefix", prefix], check=True,
+                       capture_output=True)
+        made = {name: read(next(pathlib.Path(prefix).rglob(name))) for name in DOCUMENTS}
+        yield from in_sbom(made["sbom.cdx.json"], programs_in(prefix))
+    yield from of_holes(made["vex.cdx.json"], read(FOLDER / "engine_holes.json")["holes"])
+    for name, document in made.items():
+        for difference in names_of(document) ^ names_of(read(FOLDER / name)):
+            yield f"docs/security/{name} and what is built differ in {difference}"
+
+
+def run(cmake, folder, version, header):
+    variables = {"PROGRAMS": sys.executable, "VERSION": "1", "ENGINE_VERSION": version,
+                 "ENGINE_HEADER": header, "OBJDUMP": "objdump", "OUTPUT": folder,
+                 "HOLES": FOLDER / "engine_holes.json",
+                 "COPYRIGHT": TREE / "packaging/debian/copyright"}
+    command = [cmake, *(f"-D{name}={value}" for name, value in variables.items()), "-P",
+               TREE / "cmake/security_documents.cmake"]
+    return subprocess.run(command, check=False, capture_output=True, text=True)
+
+
+def self_test(cmake):
+    with tempfile.TemporaryDirectory() as folder:
+        header = pathlib.Path(folder, "quickjs.h")
+        header.touch()
+        good = run(cmake, folder, "0.16.2", header)
+        assert good.returncode == 0 and "days old" not in good.stderr, good.stderr
+        old = run(cmake, folder, "0.11.0", header)
+        assert old.returncode != 0 and "CVE-2025-62494" in old.stderr, old.stderr
+        subprocess.run(["touch", "-d", "7 months ago", header], check=True)
+        stale = run(cmake, folder, "0.16.2", header)
+        assert stale.returncode == 0 and "days old" in stale.stderr, stale.stderr
+        sbom = read(pathlib.Path(folder, "sbom.cdx.json"))
+        assert "libc.so.6" in names_of(sbom), sbom
+    missing = list(in_sbom(sbom, [pathlib.Path("/bin/true")]))
+    assert missing == ["true is not in the SBOM"], missing
+    hole = {"id": "CVE-1", "proof": "none.js"}
+    lacking = list(of_holes({"vulnerabilities": []}, [hole]))
+    assert any("CVE-1 0 times" in line for line in lacking), lacking
+    assert any("no proof" in line for line in lacking), lacking
+
+
+def main():
+    if sys.argv[1] == "--self-test":
+        self_test(sys.argv[2])
+        return
+    found = list(findings(sys.argv[1], sys.argv[2]))
+    if found:
+        sys.exit("\n".join(found))
+
+
+main()
