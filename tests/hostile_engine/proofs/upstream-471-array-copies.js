@@ -2,7 +2,7 @@
 // that are not written yet must not be seen by the collector or by the script.
 function clutter() {
   var rings = [];
-  for (var i = 0; i < 200; i++) { var ring = {}; ring.self = ring; rings.push([ring, 'y'.repeat(i)]); }
+  for (var i = 0; i < 40; i++) { var ring = {}; ring.self = ring; rings.push([ring, 'y'.repeat(i)]); }
   return rings.length;
 }
 function tricky(length, at, action) {
@@ -23,10 +23,10 @@ var actions = [clutter,
                function (array) { array.length = 3; clutter(); throw new Error('out'); },
                function (array) { for (var i = 0; i < 300; i++) array.push(i); }];
 function FindProxyForURL(url, host) {
-  for (var round = 0; round < 6; round++) {
+  for (var round = 0; round < 2; round++) {
     actions.forEach(function (action) {
       for (var which = 0; which < 4; which++) {
-        var plain = tricky(64, round * 10, action);
+        var plain = tricky(64, 10 + round * 40, action);
         var proxied = new Proxy(tricky(64, 5, clutter), {get: function (target, key) {
           if (key === '9') action(target);
           return Reflect.get(target, key);

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -85,25 +86,6 @@ bool hasEnded(pid_t pid) {
   siginfo_t info{};
   return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
          info.si_pid != 0;
-}
-
-TEST(Worker, IsEndedWhenItBurnsCpuTimeBetweenQuestions) {
-  Problem problem;
-  const auto engine = load("ready", problem, true);
-  ASSERT_NE(engine, nullptr) << problem.message;
-  const auto pid = engine->workerPid();
-  ASSERT_EQ(engine->evaluate("http://h/", "burn_later").result, "burning");
-  std::chrono::milliseconds spent{};
-  while (!hasEnded(pid)) {
-    spent = std::max(spent, cpuTimeOf(pid));
-    ASSERT_LT(spent, std::chrono::seconds(5));
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  EXPECT_GT(spent, std::chrono::seconds(1)) << "an honest worker is not near the limit";
-  EXPECT_EQ(engine->evaluate("http://h/", "url").result, "http://h/");
-  EXPECT_TRUE(logged(LOG_WARNING, "pac_engine: worker " + std::to_string(pid) +
-                                      " has ended and is started again (signal " +
-                                      std::to_string(SIGXCPU) + ")"));
 }
 
 TEST(Worker, MaySpendCpuTimeWhileItIsAsked) {
@@ -236,6 +218,34 @@ TEST_F(LiveWorker, HasAnEmptyEnvironment) {
   std::ifstream file(path("environ"));
   ASSERT_TRUE(file.is_open());
   EXPECT_EQ(file.peek(), std::ifstream::traits_type::eof());
+}
+
+// The last one, since the process does not come back from being nobody. The kernel takes the limit
+// from a process of the worker's user, or from one with CAP_SYS_RESOURCE, which root in a container
+// may lack.
+TEST(Worker, IsEndedWhenItBurnsCpuTimeBetweenQuestions) {
+  constexpr uid_t kNobody = 65534;
+  if (getuid() == 0) {
+    ASSERT_EQ(setresgid(kNobody, kNobody, kNobody), 0);
+    ASSERT_EQ(setresuid(kNobody, kNobody, kNobody), 0);
+  }
+  if (access(WALLS_WORKER, X_OK) != 0) GTEST_SKIP() << "nobody may not start the worker here";
+  Problem problem;
+  const auto engine = load("ready", problem, true);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  const auto pid = engine->workerPid();
+  ASSERT_EQ(engine->evaluate("http://h/", "burn_later").result, "burning");
+  std::chrono::milliseconds spent{};
+  while (!hasEnded(pid)) {
+    spent = std::max(spent, cpuTimeOf(pid));
+    ASSERT_LT(spent, std::chrono::seconds(5));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_GT(spent, std::chrono::seconds(1)) << "an honest worker is not near the limit";
+  EXPECT_EQ(engine->evaluate("http://h/", "url").result, "http://h/");
+  EXPECT_TRUE(logged(LOG_WARNING, "pac_engine: worker " + std::to_string(pid) +
+                                      " has ended and is started again (signal " +
+                                      std::to_string(SIGXCPU) + ")"));
 }
 
 }  // namespace
