@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "bench/no_world.h"
 #include "bench/scripts.h"
+#include "bench/simulated_environment.h"
 #include "engine/pac.h"
 #include "engine/pac_engine.h"
 #include "engine/worker/script_engine.h"
@@ -49,7 +49,7 @@ class OneCpu {
 
 void inProcess(benchmark::State& state, const std::string& script) {
   const OneCpu bound;
-  bench::NoWorld world;
+  bench::SimulatedEnvironment world;
   pac_worker::ScriptEngine engine(world);
   if (engine.load(script)) return state.SkipWithError("refused");
   for (auto _ : state) benchmark::DoNotOptimize(engine.evaluate(kUrl, kHost).result);

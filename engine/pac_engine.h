@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "engine/name_source.h"
+#include "engine/wire/reply.h"
 
 namespace pac_engine {
 
@@ -35,19 +36,8 @@ struct Options {
   std::string workerProgram;                  ///< empty for the installed one
 };
 
-/// Why a script is refused or gives no answer.
-struct Problem {
-  std::string message;     ///< one line, control characters made visible
-  std::uint32_t line = 0;  ///< of the script, from 1; 0 where none is known
-};
-
 /// "line 3: message", or the message alone where no line is known.
 std::string describe(const Problem& problem);
-
-struct Reply {
-  std::optional<std::string> result;  ///< ASCII text that the script returned, without NUL
-  Problem problem;                    ///< set where there is no result
-};
 
 /// One loaded script. Not for use by two threads at once; nothing here throws but bad_alloc.
 class Engine {

@@ -146,7 +146,7 @@ DnsResolver::DnsResolver(std::string servers) : mServers(std::move(servers)) {}
 DnsResolver::~DnsResolver() = default;
 
 bool DnsResolver::configurationChanged() {
-  const bool changed = mConfiguration.seen();
+  const bool changed = mConfiguration.changedSinceLastLook();
   if (changed) mResolver.reset();
   return changed;
 }

@@ -8,7 +8,7 @@ namespace pac_engine {
 
 FileChange::FileChange(std::string path) : mPath(std::move(path)) {}
 
-bool FileChange::seen() {
+bool FileChange::changedSinceLastLook() {
   const Identity now = look();
   const bool changed = mLooked && now != mLast;
   mLooked = true;

@@ -36,7 +36,7 @@ std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, Add
 }
 
 /// The addresses as the protocol carries them.
-std::vector<std::string> carried(std::vector<std::string> addresses) {
+std::vector<std::string> clipped(std::vector<std::string> addresses) {
   std::erase_if(addresses, [](const auto& text) { return text.size() > kMaxAddressBytes; });
   if (addresses.size() > kMaxAddresses) addresses.resize(kMaxAddresses);
   return addresses;
@@ -53,10 +53,10 @@ struct Engine::Impl {
   std::optional<FromWorker> converse(Deadline deadline, Problem& problem);
   Receipt receive(Deadline end);
   void finishWork(Deadline begun);
-  std::optional<bool> serve(const FromWorker& message, Deadline deadline);
+  std::optional<bool> answerWorker(const FromWorker& message, Deadline deadline);
   Reply replyOf(const FromWorker& message);
-  std::vector<std::string> own(AddressFamily family);
-  void say(std::string_view alert);
+  std::vector<std::string> ownAddresses(AddressFamily family);
+  void logAlert(std::string_view alert);
   void discard(const char* why);
   void followZone();
 
@@ -80,7 +80,7 @@ void Engine::Impl::discard(const char* why) {
 
 /// Behind its walls a worker cannot read the zone again: a device that has moved needs a new one.
 void Engine::Impl::followZone() {
-  if (!zone.seen() || !worker || !options.zone.empty()) return;
+  if (!zone.changedSinceLastLook() || !worker || !options.zone.empty()) return;
   logLine(LOG_DEBUG, "pac_engine: the device's zone has changed, worker %d is replaced",
           worker->pid());
   worker.reset();
@@ -175,7 +175,7 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
     if (receipt == Receipt::kEnd) return fail("ended without an answer");
     auto message = decodeFromWorker(worker->channel().message());
     if (!message) return fail("sent what is no message");
-    const auto served = serve(*message, deadline);
+    const auto served = answerWorker(*message, deadline);
     if (!served) {
       finishWork(begun);
       return message;
@@ -210,31 +210,31 @@ void Engine::Impl::finishWork(Deadline begun) {
 }
 
 /// Does what `message` asks. @return nothing where it asks nothing, else whether the worker has it
-std::optional<bool> Engine::Impl::serve(const FromWorker& message, Deadline deadline) {
+std::optional<bool> Engine::Impl::answerWorker(const FromWorker& message, Deadline deadline) {
   auto& channel = worker->channel();
   if (const auto* const alert = std::get_if<Alert>(&message)) {
-    say(alert->text);
+    logAlert(alert->text);
     return true;
   }
   Addresses addresses;
   if (const auto* const name = std::get_if<Resolve>(&message)) {
-    addresses.texts = carried(names.resolve(name->name, name->family, deadline, channel.fd()));
+    addresses.texts = clipped(names.resolve(name->name, name->family, deadline, channel.fd()));
   } else if (const auto* const question = std::get_if<OwnAddresses>(&message)) {
-    addresses.texts = carried(own(question->family));
+    addresses.texts = clipped(ownAddresses(question->family));
   } else {
     return std::nullopt;
   }
   return channel.send(encode(FromLibrary(std::move(addresses))));
 }
 
-std::vector<std::string> Engine::Impl::own(AddressFamily family) {
+std::vector<std::string> Engine::Impl::ownAddresses(AddressFamily family) {
   if (options.ownAddresses) return ofFamily(*options.ownAddresses, family);
   if (options.names.offline) return {"127.0.0.1"};
   return pac_engine::ownAddresses(family);
 }
 
 /// The engine keeps to the limit by itself; a worker that a script has taken over need not.
-void Engine::Impl::say(std::string_view alert) {
+void Engine::Impl::logAlert(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = cutText(alert, alertBytesLeft);
   logLine(LOG_DEBUG, "pac_engine: alert: %s", base::visible(cut).c_str());
@@ -254,7 +254,7 @@ std::unique_ptr<Engine> Engine::load(std::string_view script, Options options, P
     refused = problemOf(std::string("no memory file: ") + std::strerror(errno));
     return nullptr;
   }
-  impl->zone.seen();  // before the worker reads it
+  impl->zone.changedSinceLastLook();  // before the worker reads it
   if (!impl->start(deadline, refused)) return nullptr;
   return std::unique_ptr<Engine>(new Engine(std::move(impl)));
 }

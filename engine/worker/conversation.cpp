@@ -17,12 +17,12 @@ static_assert(ScriptLimits{}.alertBytes == pac_engine::kMaxAlertBytes);
 /// Ends the process should a load or an evaluation outlast the library that waits for it: some
 /// scripts never come back to where the engine looks at the clock, and the library's own wall,
 /// which stands before this one, falls with the library.
-class LastWall {
+class EvaluationAlarm {
  public:
-  explicit LastWall(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }
-  ~LastWall() { arm(std::chrono::milliseconds(0)); }
-  LastWall(const LastWall&) = delete;
-  LastWall& operator=(const LastWall&) = delete;
+  explicit EvaluationAlarm(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }
+  ~EvaluationAlarm() { arm(std::chrono::milliseconds(0)); }
+  EvaluationAlarm(const EvaluationAlarm&) = delete;
+  EvaluationAlarm& operator=(const EvaluationAlarm&) = delete;
 
  private:
   static constexpr std::chrono::milliseconds kAfterTheLibrary{1000};
@@ -60,7 +60,7 @@ void Conversation::load(std::string_view script) {
   limits.time = mTimeLimit;
   mEngine = std::make_unique<ScriptEngine>(mEnvironment, limits);
   const auto error = [&] {
-    const LastWall wall(mTimeLimit);
+    const EvaluationAlarm alarm(mTimeLimit);
     return mEngine->load(script);
   }();
   if (error) refuse(mChannel, error->message, error->line);
@@ -82,15 +82,15 @@ void Conversation::answer() {
   const auto serial = question->serial;
   const std::string url(question->url);
   const std::string host(question->host);
-  const auto evaluation = [&] {
-    const LastWall wall(mTimeLimit);
+  const auto reply = [&] {
+    const EvaluationAlarm alarm(mTimeLimit);
     return mEngine->evaluate(url, host);
   }();
-  if (evaluation.result) {
-    sendOrEnd(mChannel, pac_engine::Answer{serial, *evaluation.result});
+  if (reply.result) {
+    sendOrEnd(mChannel, pac_engine::Answer{serial, *reply.result});
     return;
   }
-  const auto& error = evaluation.error;
+  const auto& error = reply.problem;
   const auto cut = pac_engine::cutText(error.message, pac_engine::kMaxProblemBytes);
   sendOrEnd(mChannel, pac_engine::NoAnswer{serial, error.line, cut});
 }

@@ -38,20 +38,20 @@ struct ScriptEngine::Impl {
   std::unique_ptr<EngineRuntime> runtime;  ///< null where no script is loaded
   bool worn = false;                       ///< the script holds most of the heap
 
-  std::optional<ScriptError> start();
+  std::optional<Problem> start();
   /// @param begun the limits run already, as the script was just loaded anew
-  Evaluation call(std::string_view url, std::string_view host, bool begun);
+  Reply call(std::string_view url, std::string_view host, bool begun);
 
  private:
-  std::optional<ScriptError> run();
-  std::optional<ScriptError> passedLimit();
-  Evaluation answerOf(JSValueConst result);
+  std::optional<Problem> run();
+  std::optional<Problem> passedLimit();
+  Reply answerOf(JSValueConst result);
 };
 
 // The limit that was passed since begin(), if any. A script that has caught an error of the heap
 // limit has passed it all the same.
-std::optional<ScriptError> ScriptEngine::Impl::passedLimit() {
-  std::optional<ScriptError> error;
+std::optional<Problem> ScriptEngine::Impl::passedLimit() {
+  std::optional<Problem> error;
   if (runtime->memoryWasRefused()) {
     error =
         errorOf("the heap limit of " + std::to_string(limits.heapBytes >> 10U) + " KiB was passed");
@@ -62,7 +62,7 @@ std::optional<ScriptError> ScriptEngine::Impl::passedLimit() {
   return error;
 }
 
-std::optional<ScriptError> ScriptEngine::Impl::start() {
+std::optional<Problem> ScriptEngine::Impl::start() {
   worn = false;
   runtime.reset();
   runtime = std::make_unique<EngineRuntime>(environment, limits);
@@ -70,10 +70,10 @@ std::optional<ScriptError> ScriptEngine::Impl::start() {
   return run();
 }
 
-std::optional<ScriptError> ScriptEngine::Impl::run() {
+std::optional<Problem> ScriptEngine::Impl::run() {
   JSContext* const context = runtime->context();
   runtime->begin();
-  std::optional<ScriptError> error;
+  std::optional<Problem> error;
   {
     const Value value(
         context, JS_Eval(context, script.c_str(), script.size(), kScriptName, JS_EVAL_TYPE_GLOBAL));
@@ -88,12 +88,12 @@ std::optional<ScriptError> ScriptEngine::Impl::run() {
     else if (!JS_IsFunction(context, entry.get()))
       error = errorOf(std::string("the script defines no function ") + kEntryPoint);
   }
-  const std::optional<ScriptError> limit = passedLimit();
-  if (limit) error = ScriptError{limit->message, error ? error->line : 0};
+  const std::optional<Problem> limit = passedLimit();
+  if (limit) error = Problem{limit->message, error ? error->line : 0};
   return error;
 }
 
-Evaluation ScriptEngine::Impl::answerOf(JSValueConst result) {
+Reply ScriptEngine::Impl::answerOf(JSValueConst result) {
   JSContext* const context = runtime->context();
   if (!JS_IsString(result)) return {std::nullopt, errorOf("the result is no string")};
   // Asked first, as a long result may be too long to be laid out in memory at all.
@@ -109,10 +109,10 @@ Evaluation ScriptEngine::Impl::answerOf(JSValueConst result) {
   return {std::string(text.view()), {}};
 }
 
-Evaluation ScriptEngine::Impl::call(std::string_view url, std::string_view host, bool begun) {
+Reply ScriptEngine::Impl::call(std::string_view url, std::string_view host, bool begun) {
   JSContext* const context = runtime->context();
   if (!begun) runtime->begin();
-  Evaluation evaluation;
+  Reply reply;
   {
     const Value global(context, JS_GetGlobalObject(context));
     const Value entry(context, JS_GetPropertyStr(context, global.get(), kEntryPoint));
@@ -122,13 +122,13 @@ Evaluation ScriptEngine::Impl::call(std::string_view url, std::string_view host,
     const bool ready = !entry.isException() && !urlText.isException() && !hostText.isException();
     const Value result(
         context, ready ? JS_Call(context, entry.get(), JS_UNDEFINED, 2, arguments) : JS_EXCEPTION);
-    evaluation = result.isException() ? Evaluation{std::nullopt, takeException(context)}
-                                      : answerOf(result.get());
+    reply =
+        result.isException() ? Reply{std::nullopt, takeException(context)} : answerOf(result.get());
   }
   runtime->runJobs();
-  if (const std::optional<ScriptError> limit = passedLimit())
-    evaluation = {std::nullopt, {limit->message, evaluation.error.line}};
-  return evaluation;
+  if (const std::optional<Problem> limit = passedLimit())
+    reply = {std::nullopt, {limit->message, reply.problem.line}};
+  return reply;
 }
 
 ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits)
@@ -136,21 +136,21 @@ ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits& limi
 
 ScriptEngine::~ScriptEngine() = default;
 
-std::optional<ScriptError> ScriptEngine::load(std::string_view bytes) try {
+std::optional<Problem> ScriptEngine::load(std::string_view bytes) try {
   mImpl->script = decodeScript(bytes);
-  std::optional<ScriptError> error = mImpl->start();
+  std::optional<Problem> error = mImpl->start();
   if (error) mImpl->runtime.reset();
   return error;
 } catch (const std::bad_alloc&) {
   mImpl->runtime.reset();
-  return ScriptError{kOutOfMemory};
+  return Problem{kOutOfMemory};
 }
 
-Evaluation ScriptEngine::evaluate(std::string_view url, std::string_view host) try {
+Reply ScriptEngine::evaluate(std::string_view url, std::string_view host) try {
   if (!mImpl->runtime) return {std::nullopt, errorOf("no script is loaded")};
   const bool anew = mImpl->worn;
   if (anew) {
-    if (std::optional<ScriptError> error = mImpl->start()) {
+    if (std::optional<Problem> error = mImpl->start()) {
       mImpl->worn = true;
       return {std::nullopt, std::move(*error)};
     }

@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 
+#include "engine/wire/reply.h"
 #include "engine/worker/pac_environment.h"
 
 namespace pac_worker {
@@ -32,17 +33,8 @@ struct ScriptLimits {
   std::size_t alertBytes = 2U << 10U;    ///< logged of all alerts of one evaluation; further: cut
 };
 
-/// Why a script was refused or gave no answer. Texts are valid UTF-8, one line, 512 bytes at most.
-struct ScriptError {
-  std::string message;     ///< for example "SyntaxError: unexpected token"
-  std::uint32_t line = 0;  ///< of the script, from 1; 0 where none is known
-};
-
-/// An answer, or why there is none.
-struct Evaluation {
-  std::optional<std::string> result;  ///< ASCII text that the entry point returned
-  ScriptError error;                  ///< set where there is no result
-};
+using pac_engine::Problem;
+using pac_engine::Reply;
 
 class ScriptEngine {
  public:
@@ -55,10 +47,10 @@ class ScriptEngine {
   /// Loads `bytes` (decoded as the PAC language says: UTF-8 with or without BOM, else ISO-8859-1; a
   /// NUL ends it) and runs it once. To be called once.
   /// @return nothing where the script is loaded and has an entry point, else why it is refused
-  std::optional<ScriptError> load(std::string_view bytes);
+  std::optional<Problem> load(std::string_view bytes);
 
   /// Calls FindProxyForURL(url, host) of the loaded script.
-  Evaluation evaluate(std::string_view url, std::string_view host);
+  Reply evaluate(std::string_view url, std::string_view host);
 
  private:
   struct Impl;

@@ -94,20 +94,20 @@ std::uint32_t lineIn(std::string_view stack) {
   return line;
 }
 
-ScriptError describeError(JSContext* context, JSValueConst error) {
+Problem describeError(JSContext* context, JSValueConst error) {
   const std::string message = ownText(context, error, "message").value_or("");
-  ScriptError described = errorOf(nameOf(context, error) + (message.empty() ? "" : ": ") + message);
+  Problem described = errorOf(nameOf(context, error) + (message.empty() ? "" : ": ") + message);
   described.line = lineIn(stackOf(context, error));
   return described;
 }
 
 }  // namespace
 
-ScriptError errorOf(std::string_view message) {
+Problem errorOf(std::string_view message) {
   return {printableLine(message, kErrorBytes), 0};
 }
 
-ScriptError takeException(JSContext* context) {
+Problem takeException(JSContext* context) {
   const Value thrown(context, JS_GetException(context));
   if (JS_IsError(thrown.get())) return describeError(context, thrown.get());
   if (JS_IsObject(thrown.get()) || JS_IsSymbol(thrown.get())) return errorOf("uncaught exception");

@@ -15,9 +15,9 @@ inline constexpr std::size_t kErrorBytes = 512;
 
 /// Takes the pending exception and describes it without running any code of the script: only data
 /// properties of real Error objects and primitive values are read.
-ScriptError takeException(JSContext* context);
+Problem takeException(JSContext* context);
 
 /// An error of our own making; the text is cut and made printable.
-ScriptError errorOf(std::string_view message);
+Problem errorOf(std::string_view message);
 
 }  // namespace pac_worker

@@ -40,7 +40,7 @@ class Trial {
   Trial() : mEngine(mWorld, limits()) {
     require(!mEngine.load(kScript), "the script that compares them loads");
   }
-  Evaluation operator()(std::string_view text, std::string_view expression) {
+  Reply operator()(std::string_view text, std::string_view expression) {
     return mEngine.evaluate(text, expression);
   }
 

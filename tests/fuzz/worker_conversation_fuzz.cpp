@@ -184,7 +184,7 @@ ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits&)
     : mImpl(new Impl{environment}) {}
 ScriptEngine::~ScriptEngine() = default;
 
-std::optional<ScriptError> ScriptEngine::load(std::string_view script) {
+std::optional<Problem> ScriptEngine::load(std::string_view script) {
   require(script == "script", "the script is the one that was given");
   require(library->take<Start>().has_value(), "a script is loaded after Start alone");
   runSteps(mImpl->environment);
@@ -195,13 +195,13 @@ std::optional<ScriptError> ScriptEngine::load(std::string_view script) {
     library->expected.push_back(encode(FromWorker(Ready{})));
     return std::nullopt;
   }
-  ScriptError error{std::string(fuzz::someText(library->input, kMaxResultBytes)), 7};
+  Problem error{std::string(fuzz::someText(library->input, kMaxResultBytes)), 7};
   library->expected.push_back(
       encode(FromWorker(Refused{7, cutText(error.message, kMaxProblemBytes)})));
   return error;
 }
 
-Evaluation ScriptEngine::evaluate(std::string_view url, std::string_view host) {
+Reply ScriptEngine::evaluate(std::string_view url, std::string_view host) {
   const auto question = library->take<Evaluate>();
   require(question && question->url == url && question->host == host,
           "what is evaluated is what was asked");
@@ -211,16 +211,16 @@ Evaluation ScriptEngine::evaluate(std::string_view url, std::string_view host) {
   require(url == asked, "the texts outlive what the engine asks");
   library->resolved.clear();
   library->own.clear();
-  Evaluation evaluation;
+  Reply reply;
   if (library->input.below(2) == 0) {
-    evaluation.result = std::string(library->input.byte(), 'r');
-    library->expected.push_back(encode(FromWorker(Answer{serial, *evaluation.result})));
+    reply.result = std::string(library->input.byte(), 'r');
+    library->expected.push_back(encode(FromWorker(Answer{serial, *reply.result})));
   } else {
-    evaluation.error = {std::string(fuzz::someText(library->input, kMaxResultBytes)), serial};
-    const auto cut = cutText(evaluation.error.message, kMaxProblemBytes);
+    reply.problem = {std::string(fuzz::someText(library->input, kMaxResultBytes)), serial};
+    const auto cut = cutText(reply.problem.message, kMaxProblemBytes);
     library->expected.push_back(encode(FromWorker(NoAnswer{serial, serial, cut})));
   }
-  return evaluation;
+  return reply;
 }
 
 }  // namespace pac_worker

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "base/log_line.h"
-#include "bench/no_world.h"
 #include "bench/scripts.h"
+#include "bench/simulated_environment.h"
 #include "domain/canonical_url.h"
 #include "engine/worker/script_engine.h"
 #include "pac/pac_parser.h"
@@ -62,7 +62,7 @@ Path cleanedRequest() {
 
 /// What the worker does: engine and helpers.
 Path evaluation() {
-  const auto world = std::make_shared<bench::NoWorld>();
+  const auto world = std::make_shared<bench::SimulatedEnvironment>();
   const auto engine = std::make_shared<pac_worker::ScriptEngine>(*world);
   if (engine->load(bench::rulesScript(kRules))) std::abort();
   return [world, engine](int) {

@@ -9,8 +9,8 @@
 
 #include "base/log_line.h"
 #include "client/ctl/commands/option_text.h"
-#include "client/ctl/commands/pac_world.h"
 #include "client/ctl/commands/script_file.h"
+#include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
 #include "domain/url_host.h"
@@ -77,13 +77,13 @@ struct EvalArguments {
   std::string file;
   std::vector<std::string> urls;
   std::optional<std::string> host;
-  PacWorld world;
+  SimulatedEnvironment environment;
   bool json = false;
 };
 
 struct CheckArguments {
   std::string file;
-  PacWorld world;
+  SimulatedEnvironment environment;
   bool json = false;
 };
 
@@ -228,12 +228,12 @@ void addEval(CLI::App& pac, Action& action) {
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
           "daemon finds it");
-  addWorldOptions(*command, arguments->world);
+  addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
   command->footer(kEvalFooter);
   command->callback([arguments, command, &action] {
     addFurtherUrls(*command, arguments->urls);
-    action = [arguments, options = engineOptions(arguments->world)] {
+    action = [arguments, options = engineOptions(arguments->environment)] {
       return evalScript(*arguments, options);
     };
   });
@@ -243,11 +243,11 @@ void addCheck(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("check", "Loads a PAC script, and does no more.");
   const auto arguments = std::make_shared<CheckArguments>();
   addFile(*command, arguments->file);
-  addWorldOptions(*command, arguments->world);
+  addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON");
   command->footer(kCheckFooter);
   command->callback([arguments, &action] {
-    action = [arguments, options = engineOptions(arguments->world)] {
+    action = [arguments, options = engineOptions(arguments->environment)] {
       return checkScript(*arguments, options);
     };
   });

@@ -178,12 +178,12 @@ ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits&)
     : mImpl(new Impl{environment}) {}
 ScriptEngine::~ScriptEngine() = default;
 
-std::optional<ScriptError> ScriptEngine::load(std::string_view bytes) {
+std::optional<Problem> ScriptEngine::load(std::string_view bytes) {
   if (bytes == "ready") return std::nullopt;
-  return ScriptError{run(bytes), 7};
+  return Problem{run(bytes), 7};
 }
 
-Evaluation ScriptEngine::evaluate(std::string_view url, std::string_view host) {
+Reply ScriptEngine::evaluate(std::string_view url, std::string_view host) {
   if (host == "url") return {std::string(url), {}};
   if (host == "nul") return {std::string("PROXY a:1\0;", 11), {}};
   if (host == "long") return {std::string(pac_engine::kMaxResultBytes, 'x'), {}};

@@ -23,16 +23,16 @@ class EngineTest : public testing::Test {
   /// Loads the script into a fresh engine. @return the error's message, "" where it is loaded
   std::string load(const std::string& script, const ScriptLimits& limits = patient()) {
     mEngine = std::make_unique<ScriptEngine>(mWorld, limits);
-    const std::optional<ScriptError> error = mEngine->load(script);
+    const std::optional<Problem> error = mEngine->load(script);
     mLine = error ? error->line : 0;
     return error ? error->message : "";
   }
   /// @return the answer, or "!" and the error's message
   std::string ask(std::string_view url = "http://example.com/",
                   std::string_view host = "example.com") {
-    const Evaluation evaluation = mEngine->evaluate(url, host);
-    mLine = evaluation.error.line;
-    return evaluation.result ? *evaluation.result : "!" + evaluation.error.message;
+    const Reply reply = mEngine->evaluate(url, host);
+    mLine = reply.problem.line;
+    return reply.result ? *reply.result : "!" + reply.problem.message;
   }
   /// The value of an expression, as String() shows it, or "!" and the error's message.
   std::string value(const std::string& expression, const ScriptLimits& limits = patient()) {

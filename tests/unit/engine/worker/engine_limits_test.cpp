@@ -76,9 +76,8 @@ TEST(StackLimit, IsReachedAndNotPassed) {
       "function FindProxyForURL(url, host) { alert('x'); return deeper(0); }"
       "function deeper(n) { alert('x');"
       "  try { return deeper(n + 1); } catch (e) { return e.name + ': ' + e.message; } }"));
-  const auto evaluation = engine.evaluate("http://h/", "h");
-  EXPECT_EQ(evaluation.result, "RangeError: Maximum call stack size exceeded")
-      << "caught by the script";
+  const auto reply = engine.evaluate("http://h/", "h");
+  EXPECT_EQ(reply.result, "RangeError: Maximum call stack size exceeded") << "caught by the script";
   // The last call lacked one frame of the interpreter, under 1 KiB; some more lie above the first
   // alert and below the last.
   EXPECT_LE(gauge.deepest(), kStack);

@@ -105,8 +105,8 @@ TEST(ShellExpression, AgreesWithTheEnginesRegularExpressions) {
   int matched = 0;
   while (pairs < 100000) {
     const std::string pair = generator.text(10) + '\0' + generator.expression(8);
-    const Evaluation answer = engine.evaluate("", pair);
-    ASSERT_TRUE(answer.result) << answer.error.message;
+    const Reply answer = engine.evaluate("", pair);
+    ASSERT_TRUE(answer.result) << answer.problem.message;
     ASSERT_EQ(answer.result->find_first_not_of("01"), std::string::npos) << *answer.result;
     pairs += static_cast<int>(answer.result->size());
     matched += static_cast<int>(std::count(answer.result->begin(), answer.result->end(), '1'));

@@ -1,4 +1,4 @@
-// What a script may ask about the device, for measuring: there is nothing to tell.
+// A device without names, addresses and a clock, so that measuring asks nothing of the machine.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 namespace bench {
 
-class NoWorld : public pac_worker::PacEnvironment {
+class SimulatedEnvironment : public pac_worker::PacEnvironment {
  public:
   std::vector<std::string> resolve(std::string_view, pac_engine::AddressFamily) override {
     return {};

@@ -1,0 +1,23 @@
+// How a load or an evaluation ends: what the worker's engine reports to the worker, and the library
+// to its caller.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace pac_engine {
+
+/// Why a script is refused or gives no answer.
+struct Problem {
+  std::string message;     ///< one line, for example "SyntaxError: unexpected token"
+  std::uint32_t line = 0;  ///< of the script, from 1; 0 if none is known
+};
+
+/// An answer, or why there is none.
+struct Reply {
+  std::optional<std::string> result;  ///< ASCII text that the script returned
+  Problem problem;                    ///< set if there is no result
+};
+
+}  // namespace pac_engine
