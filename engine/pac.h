@@ -25,7 +25,7 @@ enum {
   PAC_OPTION_OFFLINE = 4 /**< names do not resolve, the own address is the loopback one */
 };
 
-/** Wakes whoever shall call pac_run_callbacks; it may only set a flag and signal. */
+/** Wakes the thread that calls pac_run_callbacks; it may only set a flag and signal. */
 typedef void (*pac_wakeup)(void* context);
 
 /** Takes one asynchronous result. `result` is the receiver's, to be released with free(); `host` is
@@ -35,12 +35,13 @@ typedef void (*pac_result)(char* result, void* context, void* host);
 /** Starts a worker with the NUL-terminated `script` and loads it; waits 5 s at most.
  *  @param option PAC_OPTION_ONLINE or PAC_OPTION_OFFLINE
  *  @param wakeup called on the thread that calls pac_find_proxy; may be null
- *  @return an engine, to be released with pac_free, or null where the script is null, refused
- *          (syntax, exception, no entry point, limits) or no worker can be had; syslog says why. */
+ *  @return an engine, to be released with pac_free, or null if the script is null, refused
+ *          (syntax, exception, no entry point, limits) or no worker can be started; syslog has the
+ * reason. */
 struct pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* context);
 
 /** Queues one question and calls the wake-up callback. `found` is called by a later
- *  pac_run_callbacks, and only where there is an answer. Of 256 questions in the queue the next is
+ *  pac_run_callbacks, and only if there is an answer. Of 256 questions in the queue the next is
  *  dropped, without an answer. */
 void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_result found,
                     void* context);
@@ -49,7 +50,7 @@ void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_r
  *  @param url cleaned before the script sees it: no user, password or fragment; for https and wss
  * no path or query either
  *  @param host handed to the script as it is
- *  @param result receives a heap text, to be released with free(), or null where there is no
+ *  @param result receives a heap text, to be released with free(), or null if there is no
  *         answer */
 void pac_find_proxy_sync_n(struct pac* engine, const char* url, const char* host, char** result);
 

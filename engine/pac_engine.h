@@ -3,9 +3,9 @@
 //
 // A script never runs in this process. Engine starts `proxymanager-pac-worker`, hands it the script
 // in a sealed memory file, asks it over a socket pair, and answers its name lookups on the calling
-// thread while it waits. A worker that does not answer in time is killed; one that has died, of
-// whatever cause, costs the question in flight and is started again by the next one, which pays for
-// it out of its own 5 s. No thread belongs to the library.
+// thread while it waits. A worker that does not answer in time is killed; one that has died, for
+// any cause, costs the question in flight and is started again by the next one, within
+// its own 5 s. No thread belongs to the library.
 #pragma once
 
 #include <sys/types.h>
@@ -36,7 +36,7 @@ struct Options {
   std::string workerProgram;                  ///< empty for the installed one
 };
 
-/// "line 3: message", or the message alone where no line is known.
+/// "line 3: message", or the message alone if no line is known.
 std::string describe(const Problem& problem);
 
 /// One loaded script. Not for use by two threads at once; nothing here throws but bad_alloc.
@@ -56,7 +56,7 @@ class Engine {
   /// most.
   Reply evaluate(std::string_view url, std::string_view host);
 
-  /// Process id of the worker, which may have ended since; 0 where the next question starts one.
+  /// Process id of the worker, which may have ended since; 0 if the next question starts one.
   pid_t workerPid() const;
 
  private:

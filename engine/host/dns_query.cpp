@@ -79,7 +79,7 @@ void onAnswer(void* context, int status, int /*timeouts*/, ares_addrinfo* answer
 }
 
 /// One round: waits for the resolver's sockets, its timers or the peer of `watched`.
-/// @return false where that peer is gone
+/// @return false if that peer is gone
 bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
   std::array<ares_socket_t, ARES_GETSOCK_MAXNUM> sockets{};
   const auto bits = static_cast<unsigned>(

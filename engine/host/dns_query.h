@@ -1,4 +1,5 @@
-// One name lookup through c-ares: hosts file and name servers, as the resolver configuration says.
+// One name lookup through c-ares: hosts file and name servers, as the resolver configuration
+// demands.
 #pragma once
 
 #include <chrono>
@@ -16,7 +17,7 @@ namespace pac_engine {
 enum class LookupEnd : std::uint8_t {
   kDone,      ///< answered, maybe by "no such name"
   kTooLate,   ///< no answer by the deadline
-  kAbandoned  ///< whoever asked is gone, or there is no memory
+  kAbandoned  ///< the caller is gone, or there is no memory
 };
 
 struct LookupResult {
@@ -28,14 +29,14 @@ struct LookupResult {
 /// The resolver; not for use by two threads. Its sockets live no longer than a lookup.
 class DnsResolver {
  public:
-  /// @param servers "address[:port],..." instead of the configured ones, where not empty
+  /// @param servers "address[:port],..." instead of the configured ones, if not empty
   explicit DnsResolver(std::string servers);
   ~DnsResolver();
   DnsResolver(const DnsResolver&) = delete;
   DnsResolver& operator=(const DnsResolver&) = delete;
 
   /// Whether the resolver's configuration has been replaced since the last call; if so, it is read
-  /// anew at the next lookup. The first call says no.
+  /// again at the next lookup. The first call returns false.
   bool configurationChanged();
 
   /// Looks `name` (ASCII) up on the calling thread until `deadline`; ends early when the peer of

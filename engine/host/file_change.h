@@ -13,7 +13,7 @@ class FileChange {
 
   /// Whether the file has been replaced, written, made or removed since the last call, as its
   /// device, inode, size and time of change tell (the last cannot be set back, as a copy that keeps
-  /// its times does with the time of modification). The first call says no.
+  /// its times does with the time of modification). The first call returns false.
   bool changedSinceLastLook();
 
  private:

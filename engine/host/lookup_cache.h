@@ -25,13 +25,13 @@ class LookupCache {
   using Key = std::pair<std::string, pac_engine::AddressFamily>;
   using Addresses = std::vector<std::string>;
 
-  /// What is known of `key` at `now`: addresses, or none for a failure; nothing where nothing is
+  /// What is known of `key` at `now`: addresses, or none for a failure; nothing if nothing is
   /// known.
   std::optional<Addresses> find(const Key& key, Clock::time_point now) const;
 
   /// Keeps `addresses` for `lifetime` of 60 s at most, or a failure (no addresses) for 5 s, and
-  /// drops the name that was stored first where there are too many. A lifetime of 0 is not kept.
-  /// Throws std::bad_alloc where there is no memory; nothing is known of `key` then.
+  /// drops the name that was stored first if there are too many. A lifetime of 0 is not kept.
+  /// Throws std::bad_alloc if there is no memory; nothing is known of `key` then.
   void store(const Key& key, Addresses addresses, std::chrono::seconds lifetime,
              Clock::time_point now);
 

@@ -103,7 +103,7 @@ std::vector<std::string> NameLookup::query(const LookupCache::Key& key, Deadline
                                            int watched) {
   const auto limit = std::chrono::steady_clock::now() + kLookupLimit;
   auto result = mResolver.lookUp(key.first, key.second, std::min(limit, deadline), watched);
-  // One that had less than its 2 s, or nobody to wait for it, says nothing about the name.
+  // One that had less than its 2 s, or whose caller went away, proves nothing about the name.
   const bool cutShort = result.end == LookupEnd::kTooLate && deadline < limit;
   if (!cutShort && result.end != LookupEnd::kAbandoned) {
     mCache.store(key, result.addresses, result.lifetime, LookupCache::Clock::now());

@@ -29,7 +29,7 @@ class NameLookup {
   /// the first of them is asked.
   void begin();
 
-  /// Addresses of `name` (UTF-8) in `family`; empty where it has none, is no name, the share of
+  /// Addresses of `name` (UTF-8) in `family`; empty if it has none, is no name, the share of
   /// this evaluation is used up or 2 s or `deadline` have passed. A name asked for again in the
   /// same evaluation has the same addresses and costs nothing of the share.
   /// @param watched as DnsResolver's
@@ -48,8 +48,8 @@ class NameLookup {
   std::map<std::string, std::map<AddressFamily, std::vector<std::string>>> mAsked;
 };
 
-/// The ASCII form of `name` in lower case, by UTS 46 where it is international.
-/// @return nothing where it is no name that could be looked up
+/// The ASCII form of `name` in lower case, by UTS 46 if it is international.
+/// @return nothing if it is no name that could be looked up
 std::optional<std::string> asciiName(std::string_view name);
 
 }  // namespace pac_engine

@@ -10,7 +10,7 @@ namespace pac_engine {
 
 /// For kIpv4 the source address of the route to the outside; for kAny all usable addresses: of
 /// interfaces that are up, neither loopback nor link-local, in the kernel's order, 64 at most.
-/// Empty where there is none. Any thread; does not block.
+/// Empty if there is none. Any thread; does not block.
 std::vector<std::string> ownAddresses(pac_engine::AddressFamily family);
 
 }  // namespace pac_engine

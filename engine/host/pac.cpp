@@ -15,16 +15,17 @@
 
 namespace {
 
-constexpr std::size_t kMaxQueued = 256;  // questions; who asks more has stopped running callbacks
+constexpr std::size_t kMaxQueued =
+    256;  // questions; a caller that queues more has stopped running callbacks
 
 struct Question {
   std::string url;
-  std::optional<std::string> host;  ///< nothing where the caller gave none
+  std::optional<std::string> host;  ///< nothing if the caller gave none
   pac_result found;
   void* context;
 };
 
-/// Runs `body`; what it throws (no memory) is said and goes no further.
+/// Runs `body`; what it throws (no memory) is logged and goes no further.
 template <typename Body>
 void guarded(const char* function, Body&& body) noexcept {
   try {
@@ -45,7 +46,7 @@ struct pac {
 
 namespace {
 
-/// @return a text of the caller's, or null where there is no answer
+/// @return a text that the caller owns, or null if there is no answer
 char* evaluated(pac& handle, const char* url, const char* host) {
   const auto reply = handle.engine->evaluate(url, host == nullptr ? "" : host);
   if (reply.result) return strdup(reply.result->c_str());

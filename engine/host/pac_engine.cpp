@@ -158,8 +158,8 @@ Reply Engine::Impl::replyOf(const FromWorker& message) {
   return reply;
 }
 
-/// Serves the worker until it says how its task ended. @return that message, whose texts live until
-/// the next one; nothing where the worker failed and has been discarded
+/// Serves the worker until it reports how its task ended. @return that message, whose texts live
+/// until the next one; nothing if the worker failed and has been discarded
 std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& problem) {
   names.begin();
   alertBytesLeft = kMaxAlertBytes;
@@ -198,7 +198,7 @@ Receipt Engine::Impl::receive(Deadline end) {
   return channel.receive(end);
 }
 
-/// Between two questions nobody watches the worker; one that a script has taken over could spend
+/// Between two questions nobody watches the worker; one that a script controls could spend
 /// all CPU time of the device. So the kernel has a limit that the waiting worker cannot reach. It
 /// is renewed only after as much work as could bring an honest worker near it: a short question
 /// pays for one look at the clock.
@@ -209,7 +209,8 @@ void Engine::Impl::finishWork(Deadline begun) {
   worker->limitCpu(kIdleCpu);
 }
 
-/// Does what `message` asks. @return nothing where it asks nothing, else whether the worker has it
+/// Does what `message` asks. @return nothing if it asks nothing, else whether the worker got the
+/// answer
 std::optional<bool> Engine::Impl::answerWorker(const FromWorker& message, Deadline deadline) {
   auto& channel = worker->channel();
   if (const auto* const alert = std::get_if<Alert>(&message)) {
@@ -233,7 +234,7 @@ std::vector<std::string> Engine::Impl::ownAddresses(AddressFamily family) {
   return pac_engine::ownAddresses(family);
 }
 
-/// The engine keeps to the limit by itself; a worker that a script has taken over need not.
+/// The engine keeps to the limit by itself; a worker that a script controls may not.
 void Engine::Impl::logAlert(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = cutText(alert, alertBytesLeft);
@@ -248,7 +249,7 @@ Engine::~Engine() = default;
 std::unique_ptr<Engine> Engine::load(std::string_view script, Options options, Problem& refused) {
   const auto deadline = std::chrono::steady_clock::now() + options.timeLimit;
   auto impl = std::make_unique<Impl>(std::move(options));
-  // A NUL ends the script; what follows it need not travel.
+  // A NUL ends the script; what follows it is not sent.
   impl->script = sealedScript(script.substr(0, script.find('\0')));
   if (!impl->script) {
     refused = problemOf(std::string("no memory file: ") + std::strerror(errno));

@@ -18,16 +18,16 @@
 namespace pac_engine {
 
 /// `bytes` in a sealed memory file, which nobody can change, grow or shrink. Empty, with errno,
-/// where there is no memory or no descriptor for it.
+/// if there is no memory or no descriptor for it.
 UniqueFd sealedScript(std::string_view bytes);
 
 /// Where the worker's program is: `proxymanager-pac-worker` in the libexec folder beside the folder
-/// of the running program, else where the build says it is installed.
+/// of the running program, else the place where the build installs it.
 std::string workerProgram();
 
 class WorkerProcess {
  public:
-  /// Starts `program` with `script`; `zone` is its TZ where it is not empty.
+  /// Starts `program` with `script`; `zone` is its TZ if it is not empty.
   /// @param problem receives why there is none
   /// @return the process, or null
   static std::unique_ptr<WorkerProcess> start(const std::string& program, const UniqueFd& script,
@@ -40,9 +40,9 @@ class WorkerProcess {
   Channel& channel() { return mChannel; }
   pid_t pid() const { return mPid; }
 
-  /// Binds the process to the CPU that the calling thread is on. Who asks sleeps until it is
-  /// answered, so nothing is lost by sharing one, and handing over on it takes a fifth of the time
-  /// that waking another, sleeping CPU does; spinning instead would burn power on both. Where the
+  /// Binds the process to the CPU that the calling thread is on. The caller sleeps until it has
+  /// the answer, so sharing one CPU costs nothing, and handing over on it takes a fifth of the time
+  /// that waking another, sleeping CPU does; spinning instead would burn power on both. If the
   /// kernel does not allow it nothing changes.
   void follow();
 

@@ -13,7 +13,8 @@ namespace {
 // One byte more than a message may have, so that a longer one is seen to be longer.
 constexpr std::size_t kBufferBytes = kMaxMessageBytes + 1;
 
-/// poll's timeout until `deadline`, rounded up so that it is never woken too early for ever.
+/// poll's timeout until `deadline`, rounded up, so that poll does not return too early again and
+/// again.
 int millisecondsLeft(Deadline deadline) {
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());

@@ -27,11 +27,11 @@ class Channel {
   explicit Channel(UniqueFd socket);
 
   /// Sends one message without waiting.
-  /// @return false where the other end is closed or does not read what it is sent
+  /// @return false if the other end is closed or does not read what it is sent
   bool send(std::string_view message);
 
   /// Sends one message, and waits for as long as the other end lives and reads too slowly.
-  /// @return false where the other end is closed
+  /// @return false if the other end is closed
   bool sendPatiently(std::string_view message);
 
   /// Waits for one message until `deadline`, without one for as long as the other end lives.

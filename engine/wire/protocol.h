@@ -1,18 +1,18 @@
-// What the library and its script worker say to each other.
+// The messages between the library and its script worker.
 //
 // One message is one packet of a SOCK_SEQPACKET pair: a byte that names its kind, then its fields
 // in the machine's own byte order, texts behind their 32-bit length. Both ends run on one machine
 // and come from one build, so there is no version. Each end treats the other as hostile: a decoder
 // takes a message only if every length, every enumerator and the total size are right, and nothing
-// is left over. Which kind may come when is checked by those who hold the conversation.
+// is left over. The two ends of the conversation check which kind may come when.
 //
 //   library                              worker
 //   Start                            ->
 //                                    <-  Ready or Refused
 //   Evaluate                         ->
 //                                    <-  Answer or NoAnswer, with the serial of the question
-// While the worker loads or evaluates it may say Alert, and ask Resolve or OwnAddresses, each of
-// which is answered by one Addresses.
+// While the worker loads or evaluates, it may send Alert, Resolve and OwnAddresses. The library
+// answers each of the last two with one Addresses.
 #pragma once
 
 #include <cstddef>
@@ -64,7 +64,7 @@ struct Ready {};
 
 /// The script is refused; the worker is about to end.
 struct Refused {
-  std::uint32_t line = 0;  ///< of the script, from 1; 0 where none is known
+  std::uint32_t line = 0;  ///< of the script, from 1; 0 if none is known
   std::string_view message;
 };
 
@@ -99,7 +99,7 @@ using FromWorker = std::variant<Ready, Refused, Resolve, OwnAddresses, Alert, An
 std::string encode(const FromLibrary& message);
 std::string encode(const FromWorker& message);
 
-/// The message of `bytes`, or nothing where they are none of the right direction.
+/// The message of `bytes`, or nothing if they are no message of the right direction.
 std::optional<FromLibrary> decodeFromLibrary(std::string_view bytes);
 std::optional<FromWorker> decodeFromWorker(std::string_view bytes);
 

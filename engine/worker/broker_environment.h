@@ -1,5 +1,5 @@
-// The world as a script in the worker sees it: clock and zone are the worker's own, everything else
-// is asked of the library through the socket.
+// The device as a script in the worker sees it: clock and zone are the worker's own, for everything
+// else it asks the library through the socket.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@
 
 namespace pac_worker {
 
-/// Ends the process where the library is gone or breaks the rules of the conversation.
+/// Ends the process if the library is gone or breaks the rules of the conversation.
 class BrokerEnvironment : public PacEnvironment {
  public:
   /// @param channel outlives this object
@@ -46,10 +46,10 @@ class BrokerEnvironment : public PacEnvironment {
   std::map<AddressFamily, Texts> mOwn;
 };
 
-/// Sends `message`, or ends the process where nobody takes it.
+/// Sends `message`, or ends the process if nobody takes it.
 void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& message);
 
-/// Waits for the next message, or ends the process: quietly where the socket is closed.
+/// Waits for the next message, or ends the process: quietly if the socket is closed.
 pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
 
 }  // namespace pac_worker

@@ -10,7 +10,7 @@
 namespace pac_worker {
 namespace {
 
-// The library takes a worker for broken that says more than the protocol lets it.
+// The library discards a worker that sends more than the protocol allows.
 static_assert(ScriptLimits{}.resultBytes == pac_engine::kMaxResultBytes);
 static_assert(ScriptLimits{}.alertBytes == pac_engine::kMaxAlertBytes);
 

@@ -13,21 +13,21 @@
 
 namespace pac_worker {
 
-/// Says why there is no answer to be had from this worker, and ends it.
+/// Reports why this worker has no answer, and ends it.
 [[noreturn]] void refuse(pac_engine::Channel& channel, std::string_view message,
                          std::uint32_t line = 0);
 
-/// To be held once; every call ends the process where the library is gone or breaks the rules.
+/// For one conversation; every call ends the process if the library is gone or breaks the rules.
 class Conversation {
  public:
   /// @param channel outlives this object
   explicit Conversation(pac_engine::Channel& channel) : mChannel(channel), mEnvironment(channel) {}
 
-  /// Waits for the library's Start and loads `script` as it says. A script that is refused ends the
-  /// process.
+  /// Waits for the library's Start and loads `script` under its limits. A script that is refused
+  /// ends the process.
   void load(std::string_view script);
 
-  /// Says Ready, and answers.
+  /// Sends Ready, and answers.
   [[noreturn]] void answerForEver();
 
  private:

@@ -12,14 +12,14 @@ namespace {
 
 constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
 constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
-// Where a small block is refused, the engine may recurse without end, making an error about the
+// If a small block is refused, the engine may recurse without end, making an error about the
 // error. So past the heap limit small blocks are still granted, from a reserve that lasts until the
 // script meets the next interrupt, which ends it. Every interrupt adds what its own error takes.
 constexpr std::size_t kSmallBlock = 4U << 10U;
 constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
 constexpr std::size_t kMostReserve = 16U << 20U;
-// The engine polls the clock every ten thousandth call or turn of a loop. Where each turn is long
+// The engine polls the clock every ten thousandth call or turn of a loop. If each turn is long
 // work of a built-in function, that is minutes, so the heap looks at the clock too: once in so many
 // bytes, with each block counted as a little more. Well after the deadline it refuses all but small
 // blocks; then the built-in functions fail at once and the next poll is near.

@@ -38,7 +38,7 @@ class Value {
   JSValue mValue;
 };
 
-/// The text of a value, in UTF-8 where unpaired surrogates stand like other code points.
+/// The text of a value, in a UTF-8 in which unpaired surrogates stand like other code points.
 class Text {
  public:
   /// Converts as the language's String() does, so an object's own toString may run.
@@ -49,7 +49,7 @@ class Text {
   Text(const Text&) = delete;
   Text& operator=(const Text&) = delete;
 
-  /// False where the conversion threw; the exception is then pending.
+  /// False if the conversion threw; the exception is then pending.
   explicit operator bool() const { return mText != nullptr; }
   [[nodiscard]] std::string_view view() const { return {mText, mLength}; }
 
@@ -67,7 +67,7 @@ class EngineRuntime {
   EngineRuntime(const EngineRuntime&) = delete;
   EngineRuntime& operator=(const EngineRuntime&) = delete;
 
-  /// Null where the heap limit is too low even for an empty context.
+  /// Null if the heap limit is too low even for an empty context.
   [[nodiscard]] JSContext* context() const { return mContext.get(); }
   static EngineRuntime& of(JSContext* context) {
     return *static_cast<EngineRuntime*>(JS_GetContextOpaque(context));
@@ -80,11 +80,11 @@ class EngineRuntime {
   void runJobs();
   /// Counts bytes that are gone through outside the engine's loops.
   void countWork(std::size_t bytes) { mBytesOfWork += bytes; }
-  /// True, and counted anew, where so many were counted that the clock should be looked at.
+  /// True, and the count begins again, if so many were counted that the clock should be read.
   bool hasWorkedLong();
-  /// True where the time limit was passed since begin(), whether or not the script noticed.
+  /// True if the time limit was passed since begin(), whether or not the script noticed.
   bool timeIsUp();
-  /// True where the heap limit was passed since begin(). The script is then interrupted like one
+  /// True if the heap limit was passed since begin(). The script is then interrupted like one
   /// whose time is up.
   [[nodiscard]] bool memoryWasRefused() const { return mMemoryRefused; }
   /// Bytes that cannot be freed. Collects garbage.
@@ -112,7 +112,7 @@ class EngineRuntime {
 
   /// Takes hold of what the script may replace later.
   void keepIntrinsics();
-  /// A context with the language alone; null where the heap limit is too low for it.
+  /// A context with the language alone; null if the heap limit is too low for it.
   static OwnedContext languageContext(JSRuntime* runtime);
 
   static const JSMallocFunctions kHeapFunctions;
@@ -121,9 +121,9 @@ class EngineRuntime {
   static void release(void* self, void* block);
   static void* reallocate(void* self, void* block, std::size_t size);
   static int interrupt(JSRuntime* runtime, void* self);
-  /// Whether a block may be had, with `others` bytes handed out besides.
+  /// Whether a block may be allocated while `others` bytes are allocated already.
   bool grants(std::size_t others, std::size_t size);
-  /// True where the time limit was passed long ago, as seen from the heap.
+  /// True if the time limit was passed long ago, as seen from the heap.
   bool isStarved(std::size_t size);
 
   PacEnvironment& mEnvironment;

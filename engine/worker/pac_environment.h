@@ -1,8 +1,8 @@
-// What the helpers of a script may ask of the world outside it.
+// What the helpers of a script may ask about the device.
 //
 // The worker has no network, no files and no clock of its own to trust in tests, so everything that
 // is not pure text work comes through this one interface: in the worker it is answered over the
-// socket by the library, in tests by whatever the test injects.
+// socket by the library, in tests by what the test injects.
 #pragma once
 
 #include <cstdint>

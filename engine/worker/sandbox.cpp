@@ -92,7 +92,8 @@ Failure allowOnlyWhatAnEngineNeeds(int socket) {
   allowClocks(list);
   // The alarm that ends a script which nothing else can, should the library be gone.
   list.allow(SCMP_SYS(setitimer), {isInt(0, ITIMER_REAL), equals(2, 0)});
-  // What the C++ runtime does around a thrown exception: pthread_once wakes who may wait for it.
+  // What the C++ runtime does around a thrown exception: pthread_once wakes a thread that may wait
+  // for it.
   list.allow(SCMP_SYS(futex), {masked(1, kFutexCommand, FUTEX_WAKE)});
   list.allow(SCMP_SYS(restart_syscall)).allow(SCMP_SYS(exit_group));
   return list.load();

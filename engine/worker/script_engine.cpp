@@ -1,6 +1,6 @@
 // A script is loaded into a runtime of its own, which the script may fill and misuse as it likes:
-// the worst it can do is to lose its own state. Where it has passed the heap limit and still holds
-// most of the heap, the next evaluation begins with a fresh runtime and the script loaded anew.
+// the worst it can do is to lose its own state. If it has passed the heap limit and still holds
+// most of the heap, the next evaluation begins with a fresh runtime and the script is loaded again.
 //
 // What cannot be done from within is left to the wall outside, which kills the worker. Nothing
 // looks at the clock while one built-in function walks an object that only claims a giant length
@@ -34,12 +34,12 @@ bool isAscii(std::string_view text) {
 struct ScriptEngine::Impl {
   PacEnvironment& environment;
   const ScriptLimits limits;
-  std::string script;                      ///< decoded; kept to be loaded anew
-  std::unique_ptr<EngineRuntime> runtime;  ///< null where no script is loaded
+  std::string script;                      ///< decoded; kept to be loaded again
+  std::unique_ptr<EngineRuntime> runtime;  ///< null if no script is loaded
   bool worn = false;                       ///< the script holds most of the heap
 
   std::optional<Problem> start();
-  /// @param begun the limits run already, as the script was just loaded anew
+  /// @param begun the limits run already, because the script was just loaded again
   Reply call(std::string_view url, std::string_view host, bool begun);
 
  private:

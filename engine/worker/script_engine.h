@@ -1,13 +1,13 @@
 // The JavaScript engine with one PAC script in it.
 //
 // The engine's own types stay behind this header. A ScriptEngine holds one runtime and one fresh
-// context; the script runs once, at load, and its globals live on between evaluations. Only where
+// context; the script runs once, at load, and its globals live on between evaluations. Only if
 // it has passed the heap limit and still holds more than half of the heap, the next evaluation
-// first loads it anew, within its own time limit. Not for use by two threads; each call may come
+// first loads it again, within its own time limit. Not for use by two threads; each call may come
 // from another thread. Nothing here throws.
 //
 // Promises: up to 1,000 queued jobs run after the load and after each evaluation, within its time
-// limit; the answer is never waited for. A limit that was passed counts even where the script has
+// limit; nothing waits for the answer. A limit that was passed counts even if the script has
 // caught the error.
 #pragma once
 
@@ -44,9 +44,9 @@ class ScriptEngine {
   ScriptEngine(const ScriptEngine&) = delete;
   ScriptEngine& operator=(const ScriptEngine&) = delete;
 
-  /// Loads `bytes` (decoded as the PAC language says: UTF-8 with or without BOM, else ISO-8859-1; a
-  /// NUL ends it) and runs it once. To be called once.
-  /// @return nothing where the script is loaded and has an entry point, else why it is refused
+  /// Loads `bytes` (decoded as the PAC language demands: UTF-8 with or without BOM, else
+  /// ISO-8859-1; a NUL ends it) and runs it once. To be called once.
+  /// @return nothing if the script is loaded and has an entry point, else why it is refused
   std::optional<Problem> load(std::string_view bytes);
 
   /// Calls FindProxyForURL(url, host) of the loaded script.

@@ -11,8 +11,7 @@ namespace {
 
 constexpr int kMostPrototypes = 8;  // looked through for an error's name
 
-// What was thrown while an exception is described (memory alone can run out there) is of no
-// interest.
+// An exception while another one is described (only memory can run out there) is dropped.
 void dropException(JSContext* context) {
   JS_FreeValue(context, JS_GetException(context));
 }
@@ -40,7 +39,7 @@ std::optional<std::string> textOf(JSContext* context, JSValueConst value) {
   return std::nullopt;
 }
 
-// The text of an object's own property; nothing where it is none, has a getter or holds no string.
+// The text of an object's own property; nothing if it is none, has a getter or holds no string.
 // The object must be no Proxy.
 std::optional<std::string> ownText(JSContext* context, JSValueConst object, const char* name) {
   const Atom atom(context, name);

@@ -6,7 +6,7 @@ namespace pac_worker {
 namespace {
 
 struct Character {
-  std::size_t length = 0;  ///< bytes; 0 where the bytes are no character
+  std::size_t length = 0;  ///< bytes; 0 if the bytes are no character
   char32_t code = 0;
 };
 

@@ -7,7 +7,7 @@
 
 namespace pac_worker {
 
-/// True where `bytes` is well-formed UTF-8 (RFC 3629: no overlong form, no surrogate, nothing
+/// True if `bytes` is well-formed UTF-8 (RFC 3629: no overlong form, no surrogate, nothing
 /// beyond U+10FFFF).
 bool isUtf8(std::string_view bytes);
 
