@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/ucontext.h>
@@ -21,6 +22,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "base/log_line.h"
@@ -41,7 +43,8 @@ constexpr int kWaitMilliseconds = 100;
 struct Prepared {
   int logSocket = -1;
   sockaddr_un logAddress{};
-  char ident[32]{};
+  /// The journal takes stderr, too: a line written there stands in it a second time.
+  bool stderrIsJournal = false;
   alignas(16) std::array<char, kStackBytes> stack{};
 };
 Prepared prepared;
@@ -87,25 +90,25 @@ class Line {
   std::size_t mLength = 0;
 };
 
-/// Says lines to stderr and to the log, and gives up on either when it takes none.
+/// Writes lines to the log and to stderr, and stops writing to either when it accepts none.
 class Report {
  public:
-  void say(Line& line) {
-    const auto bytes = line.withNewline();
-    if (mStderrTakes) sayToStderr(bytes);
-    if (mLogTakes) sayToLog(line.view());
+  void write(Line& line) {
+    if (mLogTakes) writeToLog(line.view());
+    if (mLogTakes && prepared.stderrIsJournal) return;
+    if (mStderrTakes) writeToStderr(line.withNewline());
   }
 
  private:
-  void sayToStderr(std::string_view bytes) {
+  void writeToStderr(std::string_view bytes) {
     pollfd file{STDERR_FILENO, POLLOUT, 0};
     mStderrTakes = poll(&file, 1, kWaitMilliseconds) == 1 && (file.revents & POLLOUT) != 0 &&
-                   write(STDERR_FILENO, bytes.data(), bytes.size()) >= 0;
+                   ::write(STDERR_FILENO, bytes.data(), bytes.size()) >= 0;
   }
 
-  void sayToLog(std::string_view text) {
+  void writeToLog(std::string_view text) {
     Line line;
-    line.text("<").decimal(LOG_LOCAL0 | LOG_CRIT).text(">").text(prepared.ident);
+    line.text("<").decimal(LOG_LOCAL0 | LOG_CRIT).text(">").text(kLogIdent);
     line.text("[").decimal(getpid()).text("]: ").text(text);
     const auto bytes = line.view();
     mLogTakes = sendto(prepared.logSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL,
@@ -119,7 +122,7 @@ class Report {
 
 // The loader's tables, not unw_get_proc_name: that maps files and allocates, and a crash inside the
 // allocator would hang. A return address may be the first of the next function, hence the `looked`.
-void sayPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
+void appendPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
   Dl_info info{};
   if (dladdr(reinterpret_cast<const void*>(looked), &info) == 0) return;
   const char* const slash = std::strrchr(info.dli_fname, '/');
@@ -130,13 +133,13 @@ void sayPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
   line.hex(address - reinterpret_cast<std::uintptr_t>(info.dli_saddr)).text(")");
 }
 
-void sayFrame(Report& report, int number, unw_cursor_t& cursor) {
+void reportFrame(Report& report, int number, unw_cursor_t& cursor) {
   unw_word_t address = 0;
   unw_get_reg(&cursor, UNW_REG_IP, &address);
   Line line;
   line.text("process: #").decimal(number).text(" ").hex(address, 16);
-  sayPlace(line, address, number == 0 ? address : address - 1);
-  report.say(line);
+  appendPlace(line, address, number == 0 ? address : address - 1);
+  report.write(line);
 }
 
 /// What was interrupted, as the unwinder takes it: the kernel's record, and on 32-bit Arm, for
@@ -154,16 +157,16 @@ unw_context_t* interrupted(void* context) {
 }
 #endif
 
-void sayTrace(Report& report, void* context) {
+void reportTrace(Report& report, void* context) {
   unw_cursor_t cursor;
   if (unw_init_local2(&cursor, interrupted(context), UNW_INIT_SIGNAL_FRAME) != 0) return;
   for (int number = 0; number < kFrameLimit; ++number) {
-    sayFrame(report, number, cursor);
+    reportFrame(report, number, cursor);
     if (unw_step(&cursor) <= 0) return;
   }
 }
 
-void saySignal(Report& report, const siginfo_t& info) {
+void reportSignal(Report& report, const siginfo_t& info) {
   Line line;
   line.text("process: fatal signal ").decimal(info.si_signo);
   const char* const name = sigabbrev_np(info.si_signo);
@@ -176,14 +179,14 @@ void saySignal(Report& report, const siginfo_t& info) {
   char thread[16]{};
   prctl(PR_GET_NAME, thread);
   line.text(" in thread ").text(thread).text(" (").decimal(gettid()).text(")");
-  report.say(line);
+  report.write(line);
 }
 
 // The signal comes again, now to its default action, as soon as this handler returns: it is blocked
 // while the handler runs, and the core dump then shows the place that was interrupted.
 void dieBy(siginfo_t& info) {
   std::signal(info.si_signo, SIG_DFL);
-  // With its details where the kernel lets a process send them to itself, else without.
+  // With its details if the kernel lets a process send them to itself, else without.
   if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), info.si_signo, &info) != 0) {
     raise(info.si_signo);
   }
@@ -202,15 +205,15 @@ void limitReport() {
 void onFatalSignal(int, siginfo_t* info, void* context) {
   pid_t none = 0;
   if (!reporter.compare_exchange_strong(none, gettid())) {
-    // The report itself went wrong: no second try.
+    // The report itself crashed: no second try.
     if (none == gettid()) return dieBy(*info);
     // Another thread reports and will end the process.
     for (;;) pause();
   }
   limitReport();
   Report report;
-  saySignal(report, *info);
-  sayTrace(report, context);
+  reportSignal(report, *info);
+  reportTrace(report, context);
   dieBy(*info);
 }
 
@@ -221,6 +224,14 @@ void openLog() {
   prepared.logSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   const timeval wait{0, kWaitMilliseconds * 1000L};
   setsockopt(prepared.logSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+}
+
+// systemd names the stream that it connected in JOURNAL_STREAM, as DEVICE:INODE (systemd.exec(5)).
+bool isJournal(int fd) {
+  const char* const stream = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  if (stream == nullptr || fstat(fd, &status) != 0) return false;
+  return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
 // The unwinder fills tables of its own at its first use: better now than in the handler.
@@ -255,8 +266,8 @@ bool installHandlers() {
 }  // namespace
 
 int initCrashHandler() {
-  strncpy(prepared.ident, program_invocation_short_name, sizeof prepared.ident - 1);
   openLog();
+  prepared.stderrIsJournal = isJournal(STDERR_FILENO);
   warmUnwinder();
   if (installHandlers()) return 0;
   logLine(LOG_ERR, "process: cannot install the crash handler: %s", std::strerror(errno));

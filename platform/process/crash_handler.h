@@ -1,24 +1,26 @@
-// The last words of a process that dies by a fatal signal: who, where, and the way there.
+// The report of a process that dies by a fatal signal: which signal, where, and the calls before.
 //
 // On SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT and SIGSYS the thread that got the signal writes a
-// stack trace to syslog (LOG_CRIT) and to stderr; then the signal takes its default action, with
-// its own details, so that a core dump shows the place and the exit status the signal. A line is
+// stack trace to syslog (LOG_CRIT, under the daemon's ident) and to stderr. If stderr is the
+// journal and syslog takes the lines, they go to syslog alone, so that the journal has them once.
+// Then the signal takes its default action, with its own details: the exit status shows the signal.
+// Lines are
 //   process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se (1234)
 //   process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12)
 // The part after the plus sign of a module is what addr2line -e takes. Names are those that the
 // loader knows (of a program, those that it exports: link it with ENABLE_EXPORTS), for c++filt.
 //
-// Nothing the handler calls allocates, and the one lock is the loader's, which the thread that has
-// it may take again. syslog() is not fit for that (it locks, formats dates, allocates), so the
-// handler formats into a buffer of its own and sends datagrams to /dev/log, as syslog() would,
-// through a socket that was opened beforehand and never connected: a log daemon that was started
-// anew meanwhile is reached all the same. A log or a stderr that takes nothing costs a tenth of a
-// second, once; an unwinding that hangs is ended by SIGALRM after some seconds. Left out: a stack
-// overflow is reported on the main thread alone, which has the alternate stack; on other threads it
-// ends the process without a trace.
+// Nothing that the handler calls allocates. The one lock is the loader's, and a thread that holds
+// it may take it again. syslog() locks, formats dates and allocates. So the handler formats into a
+// buffer of its own and sends datagrams to /dev/log, as syslog() does,
+// through a socket that was opened before and never connected: a log daemon that was restarted
+// since then is reached, too. A log or a stderr that accepts nothing costs a tenth of a second,
+// once; SIGALRM ends an unwinding that hangs after some seconds. Left out: a stack overflow is
+// reported on the main thread only, which has the alternate stack; on other threads it ends the
+// process without a trace.
 #pragma once
 
 /// Installs the handler. Call it once, on the main thread, before others start.
-/// @return 0, or -1 where a handler cannot be installed; syslog then says "process: cannot install
+/// @return 0, or -1 if a handler cannot be installed; the log line is then "process: cannot install
 ///         the crash handler: REASON" (LOG_ERR)
 int initCrashHandler();

@@ -1,4 +1,4 @@
-// What frees the records' heap C strings by scope. None of it says a line.
+// Owners that free the records' heap C strings with their scope. They log nothing.
 #pragma once
 
 #include <cstdlib>
@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "base/wipe.h"
 #include "service/records/proxy_config.h"
 
 /// Frees what malloc gave.
@@ -17,7 +18,7 @@ struct HeapFree {
 using HeapText = std::unique_ptr<char, HeapFree>;
 
 /// @return a malloc'ed copy of `text`, null for a null one. Unlike string2Char it keeps an empty
-///         text as an empty text. Throws std::bad_alloc where there is no memory.
+///         text as an empty text. Throws std::bad_alloc if there is no memory.
 inline char* heapCopy(const char* text) {
   if (!text) return nullptr;
   const std::size_t size = std::strlen(text) + 1;
@@ -29,7 +30,7 @@ inline char* heapCopy(const char* text) {
 
 /// A ProxyConfig that owns its strings. `*owner` and `owner.get()` are the record, for the
 /// functions that take one; a copy of `*owner` shares the strings and ends with the owner.
-/// Not synchronised: whoever has one guards it.
+/// Not synchronised: the holder guards it.
 class ProxyConfigOwner {
  public:
   ProxyConfigOwner() = default;
@@ -37,10 +38,12 @@ class ProxyConfigOwner {
   ProxyConfigOwner(const ProxyConfigOwner&) = delete;
   ProxyConfigOwner& operator=(const ProxyConfigOwner&) = delete;
 
-  /// Frees the strings and makes the record a fresh one: mode off, nothing set.
+  /// Overwrites and frees the strings, and makes the record a fresh one: mode off, nothing set.
   void clear() {
-    for (char* text : {mRecord.proxyurl, mRecord.pacurl, mRecord.userName, mRecord.password})
+    for (char* text : {mRecord.proxyurl, mRecord.pacurl, mRecord.userName, mRecord.password}) {
+      base::wipe(text);
       std::free(text);
+    }
     mRecord = ProxyConfig{};
   }
 
