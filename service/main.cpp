@@ -11,14 +11,17 @@
 #include <clocale>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <memory>
+#include <string_view>
 
 #include "base/log_line.h"
 #include "platform/process/crash_handler.h"
 #include "platform/process/run_file.h"
+#include "platform/process/self_limits.h"
 #include "platform/process/sl_service.h"
 #include "platform/process/supervisor.h"
 #include "platform/process/thread_name.h"
@@ -33,7 +36,12 @@ static_assert(std::atomic<bool>::is_always_lock_free, "a signal handler writes i
 namespace {
 
 constexpr const char* kProcessName = "proxymanagerd";
-constexpr const char* kServiceName = "proxymanager_service";
+constexpr char kUsage[] =
+    "usage: proxymanagerd [--help | --version]\n"
+    "\n"
+    "Answers programs that ask over D-Bus which HTTP proxy to use for a URL. It runs in the\n"
+    "foreground until SIGTERM; SIGHUP reads /etc/proxymanagerd/trace.conf again. A supervisor\n"
+    "normally starts it: systemctl start proxymanagerd. See proxymanagerd(8).\n";
 // LOG_PID, LOG_NDELAY and the bit 0x40, which this platform's syslog ignores.
 constexpr int kLogOptions = 0x49;
 
@@ -95,14 +103,47 @@ void registerProcess() {
   }
 }
 
+/// For a person who starts the daemon by hand, and does not look into the log.
+void showOnTerminal(const char* problem, const char* detail) {
+  if (isatty(STDERR_FILENO) != 1) return;
+  std::fprintf(stderr, "%s: %s%s\n", kProcessName, problem, detail);
+}
+
+/// Other arguments change nothing: a supervisor may pass some.
+/// @return whether the arguments asked for a text only, which has been printed
+bool printedWhatWasAskedFor(int argc, char** argv) {
+  const std::string_view argument = argc > 1 ? argv[1] : "";
+  if (argument == "--help") {
+    std::fputs(kUsage, stdout);
+  } else if (argument == "--version") {
+    std::printf("%s %s\n", kProcessName, PROXYMANAGER_VERSION);
+  } else {
+    if (argc > 1) showOnTerminal("arguments are ignored; see --help: ", argv[1]);
+    return false;
+  }
+  return true;
+}
+
+/// Before the first thread, and before the first secret.
+void limitItself() {
+  process::forbidDumps();
+  process::keepCapabilitiesFromChildren();
+  process::returnFreedMemory();
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (printedWhatWasAskedFor(argc, argv)) {
+    return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+  }
   // URLs are UTF-8: so that libcurl takes international names in them for what they are.
   std::setlocale(LC_CTYPE, "C.UTF-8");
-  openlog(kServiceName, kLogOptions, LOG_LOCAL0);
+  openlog(kLogIdent, kLogOptions, LOG_LOCAL0);
+  limitItself();
   if (create_varrunpid(kProcessName) != 0) {
     logLine(LOG_ERR, "main Only one instance of proxymanager_service can run at a time");
+    showOnTerminal("another instance runs, or its run file cannot be taken; the log has more", "");
     std::exit(EXIT_FAILURE);
   }
   const sigset_t open = blockSignals();
@@ -110,7 +151,7 @@ int main() {
   registerProcess();
   std::signal(SIGTERM, receive_signal);
   std::signal(SIGHUP, change_trace_level);
-  pthread_name_np(gettid(), kServiceName);
+  pthread_name_np(gettid(), kLogIdent);
 
   std::unique_ptr<SlService> service;
   try {
@@ -118,6 +159,7 @@ int main() {
     service->start();
   } catch (const std::exception& error) {
     logLine(LOG_ERR, "main the service cannot start: %s", error.what());
+    showOnTerminal("the service cannot start: ", error.what());
     return EXIT_FAILURE;
   }
   while (!g_time_to_quit) {

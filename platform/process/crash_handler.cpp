@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/ucontext.h>
@@ -21,6 +22,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "base/log_line.h"
@@ -41,7 +43,8 @@ constexpr int kWaitMilliseconds = 100;
 struct Prepared {
   int logSocket = -1;
   sockaddr_un logAddress{};
-  char ident[32]{};
+  /// The journal takes stderr, too: a line written there stands in it a second time.
+  bool stderrIsJournal = false;
   alignas(16) std::array<char, kStackBytes> stack{};
 };
 Prepared prepared;
@@ -91,9 +94,9 @@ class Line {
 class Report {
  public:
   void say(Line& line) {
-    const auto bytes = line.withNewline();
-    if (mStderrTakes) sayToStderr(bytes);
     if (mLogTakes) sayToLog(line.view());
+    if (mLogTakes && prepared.stderrIsJournal) return;
+    if (mStderrTakes) sayToStderr(line.withNewline());
   }
 
  private:
@@ -105,7 +108,7 @@ class Report {
 
   void sayToLog(std::string_view text) {
     Line line;
-    line.text("<").decimal(LOG_LOCAL0 | LOG_CRIT).text(">").text(prepared.ident);
+    line.text("<").decimal(LOG_LOCAL0 | LOG_CRIT).text(">").text(kLogIdent);
     line.text("[").decimal(getpid()).text("]: ").text(text);
     const auto bytes = line.view();
     mLogTakes = sendto(prepared.logSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL,
@@ -223,6 +226,14 @@ void openLog() {
   setsockopt(prepared.logSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 
+// systemd names the stream that it connected in JOURNAL_STREAM, as DEVICE:INODE (systemd.exec(5)).
+bool isJournal(int fd) {
+  const char* const stream = std::getenv("JOURNAL_STREAM");
+  struct stat status {};
+  if (stream == nullptr || fstat(fd, &status) != 0) return false;
+  return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
+}
+
 // The unwinder fills tables of its own at its first use: better now than in the handler.
 void warmUnwinder() {
 #ifdef __arm__
@@ -255,8 +266,8 @@ bool installHandlers() {
 }  // namespace
 
 int initCrashHandler() {
-  strncpy(prepared.ident, program_invocation_short_name, sizeof prepared.ident - 1);
   openLog();
+  prepared.stderrIsJournal = isJournal(STDERR_FILENO);
   warmUnwinder();
   if (installHandlers()) return 0;
   logLine(LOG_ERR, "process: cannot install the crash handler: %s", std::strerror(errno));

@@ -1,8 +1,10 @@
-// The last words of a process that dies by a fatal signal: who, where, and the way there.
+// The report of a process that dies by a fatal signal: which signal, where, and the calls before.
 //
 // On SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT and SIGSYS the thread that got the signal writes a
-// stack trace to syslog (LOG_CRIT) and to stderr; then the signal takes its default action, with
-// its own details, so that a core dump shows the place and the exit status the signal. A line is
+// stack trace to syslog (LOG_CRIT, under the daemon's ident) and to stderr. If stderr is the
+// journal and syslog takes the lines, they go to syslog alone, so that the journal has them once.
+// Then the signal takes its default action, with its own details: the exit status shows the signal.
+// Lines are
 //   process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se (1234)
 //   process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12)
 // The part after the plus sign of a module is what addr2line -e takes. Names are those that the

@@ -6,6 +6,7 @@
 #include <link.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -179,10 +180,44 @@ TEST(CrashHandler, SaysTheSameLinesToSyslogAtCriticalLevel) {
   EXPECT_EXIT(initCrashHandler() == 0 ? callTouchNowhere() : _exit(1), KilledBySignal(SIGSEGV), "");
   const auto lines = log.lines();
   ASSERT_GE(lines.size(), 3u);
-  const std::string prefix = "^<130>crash_handler_test\\[[0-9]+\\]: process: ";
+  const std::string prefix = "^<130>proxymanager_service\\[[0-9]+\\]: process: ";
   EXPECT_THAT(lines[0], testing::ContainsRegex(prefix + "fatal signal 11 \\(SIGSEGV\\) at 0x0 in"));
   EXPECT_THAT(lines[1],
               testing::ContainsRegex(prefix + "#0 0x.*\\(touchNowhere\\+0x[0-9a-f]+\\)$"));
+}
+
+// As systemd starts a service whose stderr is the journal.
+[[noreturn]] void crashUnderTheJournal() {
+  struct stat status {};
+  fstat(STDERR_FILENO, &status);
+  const auto stream = std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+  setenv("JOURNAL_STREAM", stream.c_str(), 1);
+  initCrashHandler();
+  callTouchNowhere();
+  _exit(1);
+}
+
+TEST(CrashHandler, WritesEachLineOnceIfStderrIsTheJournal) {
+  enterOwnRoot();
+  LogSocket log;
+  std::vector<std::string> lines;
+  // The socket's queue is shorter than a report.
+  std::jthread journal([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      for (auto& line : log.lines()) lines.push_back(std::move(line));
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  });
+  EXPECT_EXIT(crashUnderTheJournal(), KilledBySignal(SIGSEGV),
+              testing::Not(testing::HasSubstr("process: ")));
+  journal.request_stop();
+  journal.join();
+  EXPECT_GE(lines.size(), 3u);
+}
+
+TEST(CrashHandler, WritesToTheJournalByStderrIfThereIsNoLogSocket) {
+  enterOwnRoot();
+  EXPECT_EXIT(crashUnderTheJournal(), KilledBySignal(SIGSEGV), "process: #1 ");
 }
 
 TEST(CrashHandler, FindsALogDaemonThatWasStartedAnewMeanwhile) {

@@ -1,0 +1,27 @@
+// What a daemon that holds secrets and talks to everybody limits in itself, whatever starts it.
+//
+// A unit file can set most of this. A device with another supervisor has no unit, so the process
+// does it itself. Call each function first thing in main(), before other threads start.
+#pragma once
+
+namespace process {
+
+/// Keeps what the process holds, such as a proxy's password, in its memory: it writes no core (the
+/// limit is 0, for child processes too), and only root can trace it or read its memory. A program
+/// that it executes can be traced again. A sanitized build stays traceable, because its leak check
+/// traces the process.
+/// @return false, with one LOG_WARNING line, if the kernel refuses
+bool forbidDumps();
+
+/// Empties the ambient set: capabilities that a supervisor gave stay with this process, and the
+/// programs that it executes get none of them. Does nothing without an ambient set.
+void keepCapabilitiesFromChildren();
+
+/// Makes the allocator return large blocks to the system when they are freed. By default, the first
+/// large block that is freed raises the size from which blocks are mapped apart, up to 32 MiB;
+/// later ones come from a heap that keeps them, one heap for each of up to eight threads a
+/// processor. So two bus messages of 31 MiB left 95 MB in the process.
+/// @return false, with one LOG_WARNING line, if the allocator refuses
+bool returnFreedMemory();
+
+}  // namespace process
