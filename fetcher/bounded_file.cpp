@@ -1,6 +1,7 @@
 #include "fetcher/bounded_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -55,6 +56,7 @@ std::FILE* createBoundedFile(const char* path, std::size_t limit) {
   unlink(path);
   target->fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
   if (target->fd < 0) return nullptr;
+  fchmod(target->fd, 0644);  // whatever mask the supervisor has set: the script is for all to read
   std::FILE* stream = fopencookie(target.get(), "wb", {nullptr, writeTarget, nullptr, closeTarget});
   if (stream == nullptr) return nullptr;
   static_cast<void>(target.release());  // the stream's from here on; closeTarget deletes it

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/log_line.h"
+#include "base/wipe.h"
 
 namespace {
 
@@ -14,6 +15,12 @@ template <typename T>
 void freeAndNull(T*& owned) {
   std::free(owned);
   owned = nullptr;
+}
+
+// URLs, too: a password may stand in one.
+void wipeAndFree(char*& owned) {
+  base::wipe(owned);
+  freeAndNull(owned);
 }
 
 void cloneText(const char* source, char*& destination) {
@@ -29,10 +36,10 @@ void initProxyConfig(ProxyConfig* config) {
 
 void cleanupProxyConfig(ProxyConfig* config) {
   logLine(LOG_INFO, "cleanupProxyConfig() called");
-  freeAndNull(config->proxyurl);
-  freeAndNull(config->pacurl);
-  freeAndNull(config->userName);
-  freeAndNull(config->password);
+  wipeAndFree(config->proxyurl);
+  wipeAndFree(config->pacurl);
+  wipeAndFree(config->userName);
+  wipeAndFree(config->password);
 }
 
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig) {

@@ -57,7 +57,7 @@ static_assert(sizeof(ProxyConfig::enableauth) == 1, "enableauth is an 8-bit bool
 /// Makes a fresh record: mode off, no strings, no authentication. Frees nothing.
 void initProxyConfig(ProxyConfig* config);
 
-/// Frees the record's strings and sets them to null; `mode` and `enableauth` stay.
+/// Overwrites and frees the record's strings and sets them to null; `mode` and `enableauth` stay.
 void cleanupProxyConfig(ProxyConfig* config);
 
 /// Copies `srcConfig` deeply into `destConfig`, which is fresh or cleaned: its strings are not

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "base/wipe.h"
 #include "service/records/proxy_config.h"
 
 /// Frees what malloc gave.
@@ -37,10 +38,12 @@ class ProxyConfigOwner {
   ProxyConfigOwner(const ProxyConfigOwner&) = delete;
   ProxyConfigOwner& operator=(const ProxyConfigOwner&) = delete;
 
-  /// Frees the strings and makes the record a fresh one: mode off, nothing set.
+  /// Overwrites and frees the strings, and makes the record a fresh one: mode off, nothing set.
   void clear() {
-    for (char* text : {mRecord.proxyurl, mRecord.pacurl, mRecord.userName, mRecord.password})
+    for (char* text : {mRecord.proxyurl, mRecord.pacurl, mRecord.userName, mRecord.password}) {
+      base::wipe(text);
       std::free(text);
+    }
     mRecord = ProxyConfig{};
   }
 

@@ -133,8 +133,9 @@ def test_installing_starts_the_daemon_as_its_own_user_with_one_capability(instal
     assert daemon["Uid"].split() == [str(user.uid)] * 4
     assert user.uid != 0 and user.groups == [user.gid]
     assert installed.account("member").gid not in user.groups
-    for kind in ("CapInh", "CapPrm", "CapEff", "CapBnd", "CapAmb"):
+    for kind in ("CapInh", "CapPrm", "CapEff", "CapBnd"):
         assert int(daemon[kind], 16) == CAP_FOWNER, kind
+    assert int(daemon["CapAmb"], 16) == 0, "child processes do not get it"
     assert (daemon["NoNewPrivs"], daemon["Seccomp"]) == ("1", "2")
 
 
@@ -142,6 +143,9 @@ def test_the_unit_writes_no_core_and_leaves_two_folders_of_the_disk_to_write_in(
     pid = str(main_process(installed))
     limits = installed.run("cat", f"/proc/{pid}/limits").stdout
     assert re.search(r"^Max core file size +0 +0 ", limits, re.MULTILINE), limits
+    assert re.search(r"^Max open files +256 +256 ", limits, re.MULTILINE), limits
+    assert installed.show(UNIT, "MemoryMax") == str(768 << 20)
+    assert installed.show(UNIT, "CPUWeight") == "50"
     assert installed.show(UNIT, "Type") == "dbus"
     assert installed.show(UNIT, "WatchdogUSec") == "1min"
     # Tried as the daemon's user, in its view of the file system.

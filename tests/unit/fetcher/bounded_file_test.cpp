@@ -63,10 +63,10 @@ TEST_F(BoundedFile, FailsTheWriteOnAFullDisk) {
   EXPECT_LT(std::fwrite(bytes.data(), 1, bytes.size(), stream.get()), bytes.size());
 }
 
-TEST_F(BoundedFile, IsMadeAnewWithModeOfAnOrdinaryFile) {
+TEST_F(BoundedFile, IsMadeAnewAndReadableByAllWhateverTheMask) {
   writeFile(kFile, "old and long");
   ASSERT_EQ(chmod(kFile, 0600), 0);
-  umask(022);
+  umask(077);
   const Stream stream = create(100);
   ASSERT_NE(stream, nullptr);
   struct stat status {};

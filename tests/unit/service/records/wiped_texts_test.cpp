@@ -1,0 +1,68 @@
+// What is left of a record's texts in memory that has been freed.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "service/records/proxy_config.h"
+#include "service/records/proxy_config_owner.h"
+
+namespace {
+
+constexpr std::size_t kLength = 200;
+// The allocator writes its links into the first bytes of a freed block.
+constexpr std::size_t kLinks = 16;
+
+// By the kernel: no sanitizer takes this for a use of freed memory, which it is.
+std::string bytesAt(const char* address, std::size_t length) {
+  const base::UniqueFd memory(open("/proc/self/mem", O_RDONLY | O_CLOEXEC));
+  std::string bytes(length, '?');
+  const auto offset = static_cast<off_t>(reinterpret_cast<std::uintptr_t>(address));
+  const auto count = pread(memory.get(), bytes.data(), length, offset);
+  return count == static_cast<ssize_t>(length) ? bytes : "unreadable";
+}
+
+std::array<char*, 4> fill(ProxyConfig& config) {
+  config.proxyurl = strdup(std::string(kLength, 'a').c_str());
+  config.pacurl = strdup(std::string(kLength, 'b').c_str());
+  config.userName = strdup(std::string(kLength, 'c').c_str());
+  config.password = strdup(std::string(kLength, 'd').c_str());
+  return {config.proxyurl, config.pacurl, config.userName, config.password};
+}
+
+void expectWiped(const std::array<char*, 4>& texts) {
+  for (const char* text : texts) {
+    const std::string left = bytesAt(text + kLinks, kLength - kLinks);
+    EXPECT_TRUE(std::all_of(left.begin(), left.end(), [](char c) { return c == '\0'; })) << left;
+  }
+}
+
+TEST(TextsOfARecord, AreWipedWhenTheyAreCleanedUp) {
+  ProxyConfig config;
+  const auto texts = fill(config);
+  EXPECT_EQ(bytesAt(texts[3] + kLinks, 3), "ddd");
+  cleanupProxyConfig(&config);
+  expectWiped(texts);
+}
+
+TEST(TextsOfARecord, AreWipedWhenTheirOwnerIsClearedOrEnds) {
+  std::array<char*, 4> texts{};
+  {
+    ProxyConfigOwner owner;
+    texts = fill(*owner.get());
+    owner.clear();
+    expectWiped(texts);
+    texts = fill(*owner.get());
+  }
+  expectWiped(texts);
+}
+
+}  // namespace
