@@ -1,9 +1,9 @@
 // A shared library that is mapped when it is first called.
 //
-// Some libraries bring many others with them and serve what a daemon in the modes off and manual
-// never does. So the daemon, and only the daemon, is linked with functions of its own that stand
-// for theirs of the same names and hand each call on. A test fails where the daemon needs one of
-// those libraries at its start again.
+// Some libraries load many others, and a daemon in the modes off and manual never calls them. So
+// the daemon, and only the daemon, is linked with functions of its own that have the names of the
+// library's and forward each call. A test fails if the daemon needs one of those libraries at its
+// start again.
 #pragma once
 
 #include <dlfcn.h>
@@ -15,16 +15,16 @@
 
 namespace on_demand {
 
-/// Maps `name` for good: what a library started, such as a thread that resolves a host, may outlive
-/// the call that needed it. @return null, with one LOG_ERR line, where it cannot be had
+/// Maps `name` and never unmaps it: a thread that a library started, for example to resolve a host,
+/// may outlive the call that needed it. @return null, with one LOG_ERR line, if it cannot be mapped
 inline void* mapLibrary(const char* name) {
   void* const library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) logLine(LOG_ERR, "on_demand: no %s: %s", name, dlerror());
   return library;
 }
 
-/// Sets `function` to what `library` has under `name`. @return false, with one LOG_ERR line, where
-/// it has none
+/// Sets `function` to what `library` has under `name`. @return false, with one LOG_ERR line, if it
+/// has none
 template <typename Function>
 bool find(void* library, const char* name, Function& function) {
   function = reinterpret_cast<Function>(dlsym(library, name));
@@ -33,15 +33,15 @@ bool find(void* library, const char* name, Function& function) {
 }
 
 /// A library and those of its functions that are called, for any thread. `Functions` are pointers
-/// to them; one that cannot be had now is looked for again at the next call, for what was in the
-/// way, no memory or no descriptor, may have gone.
+/// to them. A library that is not available now is looked for again at the next call, because the
+/// reason, no memory or no descriptor, may have gone.
 template <typename Functions>
 class Library {
  public:
   using FindAll = bool (*)(void* library, Functions& found);
   constexpr Library(const char* name, FindAll findAll) : mName(name), mFindAll(findAll) {}
 
-  /// @return null, with a LOG_ERR line, where the library cannot be had
+  /// @return null, with a LOG_ERR line, if the library is not available
   const Functions* functions() PM_EXCLUDES(mMutex) {
     if (mIsThere.load(std::memory_order_acquire)) return &mFunctions;
     const Lock lock(mMutex);

@@ -1,4 +1,4 @@
-// The one way by which this tree says a line to syslog.
+// The one function by which this tree writes to syslog.
 //
 // The format is checked by the compiler as printf's is. Masking is syslog's own (setlogmask), so a
 // line that the trace values mask costs one call and no formatting. Nothing is added to the text.
@@ -9,6 +9,6 @@
 /// The ident under which the daemon's lines stand in the log.
 inline constexpr char kLogIdent[] = "proxymanager_service";
 
-/// Says one line at `priority` (LOG_ERR ... LOG_DEBUG), formatted as printf does; a null text for a
+/// Logs one line at `priority` (LOG_ERR ... LOG_DEBUG), formatted as printf does; a null text for a
 /// "%s" shows as "(null)". Any thread. Never fails: what syslog cannot take is lost.
 void logLine(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));

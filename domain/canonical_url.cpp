@@ -76,7 +76,8 @@ bool takeZone(std::string& authority, std::string& zone) {
          });
 }
 
-// "10.1" and "0x0a000001" are 10.0.0.1 for whoever connects, so a script has to see them as that.
+// "10.1" and "0x0a000001" are 10.0.0.1 for a program that connects, so a script has to see them as
+// that.
 std::string quadIfNumber(const std::string& name) {
   in_addr address{};
   std::array<char, INET_ADDRSTRLEN> quad{};

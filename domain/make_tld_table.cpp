@@ -49,7 +49,7 @@ std::vector<std::string> readRules(std::istream& list) {
   return rules;
 }
 
-/// @return the bucket of `rule` among `buckets`, nothing where it is not UTF-8
+/// @return the bucket of `rule` among `buckets`, nothing if it is not UTF-8
 std::optional<std::uint32_t> bucketOf(const std::string& rule, std::uint32_t buckets) {
   const auto points = codePoints(rule);
   if (!points) return std::nullopt;
@@ -113,12 +113,12 @@ std::string table(const std::vector<std::vector<std::string>>& buckets, std::siz
   return out.str();
 }
 
-/// @return the header's text, empty (and a line on stderr) where the list is none
+/// @return the header's text, empty (and a line on stderr) if the list is none
 std::string tableOf(const char* listName) {
   std::ifstream list(listName);
   const auto rules = readRules(list);
   if (rules.empty()) {
-    std::cerr << "make_tld_table: " << listName << ": no rules to be read\n";
+    std::cerr << "make_tld_table: " << listName << ": it has no rules\n";
     return "";
   }
   std::vector<std::vector<std::string>> buckets(rules.size());

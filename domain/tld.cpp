@@ -16,7 +16,7 @@ bool equalsFolded(const char* a, const char* b) {
   return false;
 }
 
-/// `scratch` is where the marked forms of the name are put together, kept from call to call.
+/// `scratch` holds the marked forms of the name, from call to call, to allocate once.
 int isEffective(const char* name, std::size_t length, std::string& scratch) {
   logLine(LOG_INFO, "isEffectiveTld called ");
   if (const int plain = isInTldArray(name)) return plain;

@@ -1,4 +1,4 @@
-// The built-in public-suffix table, asked as the system has always asked it: exact rules only.
+// Lookups in the built-in public-suffix table by exact rules only, as this system has always done.
 //
 // The table is a snapshot of the Public Suffix List (https://publicsuffix.org), generated at build
 // time (make_tld_table.cpp), and constant: nothing is parsed or allocated for it at run time.
@@ -6,8 +6,8 @@
 // applied. public_suffix.h reads the same table as the list means it. Rules with bytes above 127
 // are out of reach of every lookup.
 //
-// All functions are safe on any thread and never fail; they say lines at LOG_INFO, one for each
-// rule they compare among them.
+// All functions are safe on any thread and never fail. They log lines at LOG_INFO, among them one
+// for each rule that they compare.
 #pragma once
 
 #include <string>
@@ -21,10 +21,10 @@ unsigned tldhash(const char* text);
 int isInTldArray(const char* text);
 
 /// @return non-zero if `name` counts as a public suffix: it is a plain rule, or a rule written with
-///         its marker. Also where "*" and what follows the first dot (without that dot, so that no
-///         ordinary name gets there) is a rule and "!" and the name is one as well.
+///         its marker. Also if "*" with what follows the first dot (without that dot, so that no
+///         ordinary name gets there) is a rule, and "!" with the name is one, too.
 int isEffectiveTld(const std::string& name);
 
 /// @return the longest suffix of `domain`, in whole labels and possibly the whole of it, that is an
-///         effective TLD, in the case it came; empty where none is. Trailing dots are left out.
+///         effective TLD, in its original case; empty if none is. Trailing dots are left out.
 std::string topLevelDomain(const std::string& domain);

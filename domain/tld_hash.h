@@ -1,8 +1,8 @@
 // The hash that sorts the public-suffix rules into buckets: shared by the table's generator, which
 // runs on the machine that builds, and the lookups, which run on the device.
 //
-// It is the ELF object format's symbol hash (System V ABI, "Hash Table") but for one figure: the
-// right shift is by 23 where that has 24. The counts of the table depend on it.
+// It is the symbol hash of the ELF object format (System V ABI, "Hash Table") with one difference:
+// it shifts right by 23 instead of 24. The counts of the table depend on it.
 #pragma once
 
 #include <cstdint>

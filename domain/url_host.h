@@ -6,6 +6,6 @@
 /// Splits at "://", "/" and ":", on purpose no more than that: user information and bracketed
 /// addresses are not recognised, the scheme is not looked at, letter case is kept. A text without
 /// "://" is the host as a whole.
-/// @return the host, malloc'ed, for the caller to free; null where it comes out empty.
-/// Any thread; says one or two lines at LOG_INFO, and string2Char's own for an empty host.
+/// @return the host, malloc'ed, for the caller to free; null if it is empty.
+/// Any thread; logs one or two lines at LOG_INFO, and string2Char()'s line for an empty host.
 char* getHost(const std::string& url);

@@ -30,8 +30,8 @@ std::unique_ptr<BusLoop> makeLoop() {
 
 using Connected = std::promise<std::unique_ptr<Connection>>;
 
-// The library's handshake has no time limit, so it is made on a thread that is given up on a silent
-// bus. What that thread may still touch is then never released: the process is about to end.
+// The library's handshake has no time limit, so it runs on a thread that is abandoned if
+// the bus is silent. What that thread may still use is then never released: the process ends soon.
 std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
   auto connected = std::make_shared<Connected>();
   auto connection = connected->get_future();
@@ -51,7 +51,7 @@ std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
   throw Error("org.freedesktop.DBus.Error.Timeout", "the message bus does not answer");
 }
 
-// No orderly end: nothing that is left to do needs the bus, and a worker ends with its socket.
+// No orderly end: all that would be left to do needs the bus, and a worker ends with its socket.
 [[noreturn]] void endAsTheBusIsLost() {
   logLine(LOG_ERR, "bus: connection to the message bus lost, ending");
   _exit(EXIT_FAILURE);
@@ -64,7 +64,7 @@ BusHelper::DispatcherReset::~DispatcherReset() {
 }
 
 BusHelper::BusHelper() : mLoop(makeLoop()), mConnection(connectWithinLimit(mLoop)) {
-  mConnection->exit_on_disconnect(false);  // the loop tells the operator first
+  mConnection->exit_on_disconnect(false);  // the loop logs it first
 }
 
 BusHelper::~BusHelper() {

@@ -1,12 +1,12 @@
 // The process's one connection to the message bus, and the thread that dispatches it.
 //
 // The bus library is safe only while a single thread touches it: its own loop and a sender on
-// another thread can deadlock, and its reference counts are plain integers. So whoever made the
-// helper may use the connection until startDispatching(); from then until stopDispatching() returns
-// the bus thread alone may, and other threads hand their work to it with run().
+// another thread can deadlock, and its reference counts are plain integers. So the thread that made
+// the helper may use the connection until startDispatching(). From then until stopDispatching()
+// returns, only the bus thread may, and other threads hand their work to it with run().
 //
-// When the bus goes away the process says one LOG_ERR line and ends with status 1, so that its
-// supervisor starts it anew: a daemon that nobody can reach is of no use to anybody.
+// When the bus goes away, the process logs one LOG_ERR line and ends with status 1, so that its
+// supervisor starts it again: nobody could reach a daemon without a bus.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -24,7 +24,7 @@ class BusHelper {
   /// seconds, are the steadiest sender: they need half an hour of a blocked bus thread to fill it.
   static constexpr std::size_t kMaxPosted = 1024;
 
-  /// Connects to the system bus; waits 10 s at most. Throws DBus::Error where there is none, or
+  /// Connects to the system bus; waits 10 s at most. Throws DBus::Error if there is none, or
   /// none that answers.
   BusHelper();
   /// Ends dispatching.
@@ -36,21 +36,21 @@ class BusHelper {
   Connection& connection() { return *mConnection; }
 
   /// Asks for a well-known name and makes sure that this connection owns it; waits 5 s at most.
-  /// Throws DBus::Error where the bus denies the name, somebody else owns it, or no answer comes.
+  /// Throws DBus::Error if the bus denies the name, somebody else owns it, or no answer comes.
   void requestName(const char* name);
 
-  /// Starts the bus thread. Nothing where it runs.
+  /// Starts the bus thread. Does nothing if it runs.
   void startDispatching();
 
-  /// Ends and joins the bus thread, having run what run() queued and sent what waits as far
-  /// as the bus takes it (5 s at most); drops the rest. Nothing where it does not run. Not to be
-  /// called on the bus thread.
+  /// Ends and joins the bus thread. Before that it runs what run() queued and sends what waits, as
+  /// far as the bus takes it (5 s at most); drops the rest. Does nothing if it does not run. Must
+  /// not be called on the bus thread.
   void stopDispatching();
 
-  /// Runs `function` on the thread that may touch the connection: at once where that is the calling
-  /// one, or where nothing is dispatched; else later, on the bus thread, in the order of the calls.
-  /// Any thread. Exceptions of a function are logged and swallowed. Where kMaxPosted functions wait
-  /// already, it is dropped and a LOG_ERR line says so.
+  /// Runs `function` on the thread that may touch the connection: at once if that is the calling
+  /// one, or if nothing is dispatched; else later, on the bus thread, in the order of the calls.
+  /// Any thread. Exceptions of a function are logged and swallowed. If kMaxPosted functions wait
+  /// already, it is dropped with one LOG_ERR line.
   void run(std::function<void()> function);
 
  private:
@@ -64,7 +64,7 @@ class BusHelper {
 };
 
 /// The process-wide helper: made with the first call, shared by those that hold it, gone with the
-/// last. Throws DBus::Error where the bus cannot be reached. Main thread.
+/// last. Throws DBus::Error if the bus cannot be reached. Main thread.
 std::shared_ptr<BusHelper> get_helper();
 
 }  // namespace DBus

@@ -18,8 +18,8 @@ namespace DBus {
 
 namespace {
 
-// What a leaving daemon still has to say fits in the socket's buffer unless the bus is stuck, or
-// waits for a processor as everything on a busy machine.
+// The last output of a daemon that ends fits in the socket's buffer, unless the bus is stuck or, on
+// a busy machine, waits for a processor.
 constexpr std::chrono::seconds kSendLimit{5};
 // A wait that the system refuses is tried again after this long.
 constexpr std::chrono::milliseconds kRefusedPause{100};
@@ -104,7 +104,7 @@ bool BusLoop::post(std::function<void()> function) {
     if (mPosted.size() >= mMaxPosted) return false;
     mPosted.push_back(std::move(function));
   } catch (const std::exception&) {
-    return false;  // no memory; the caller's thread may bear no exception
+    return false;  // no memory; the caller's thread may not handle an exception
   }
   kick();
   return true;
@@ -179,7 +179,7 @@ BusLoop::End BusLoop::run() {
   }
 }
 
-// Not what is posted meanwhile: calls have their turn too.
+// Functions that are posted meanwhile wait for the next turn: calls come first.
 void BusLoop::runPosted() {
   for (auto left = posted(); left > 0 && !outputWaits(); --left) {
     std::function<void()> first;
@@ -210,7 +210,7 @@ void BusLoop::runLogged(const std::function<void()>& function) {
 void BusLoop::waitAndHandle() {
   collectEntries();
   const int ready = poll(mEntries.data(), mEntries.size(), pollTimeout());
-  // No memory in the kernel, or a limit of descriptors below what is watched: both may pass.
+  // The kernel has no memory, or the descriptor limit is below what is watched: both may pass.
   if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kRefusedPause);
   if (ready > 0) {
     if (mEntries.front().revents != 0) {
@@ -283,7 +283,7 @@ void BusLoop::handleTimeouts() {
   }
 }
 
-// What was posted before the end is said yet, as far as the bus takes it.
+// Functions that were posted before the end still run, as far as the bus accepts their output.
 void BusLoop::leaveInOrder() {
   const auto limit = Clock::now() + kSendLimit;
   sendWhatWaits(limit);
@@ -291,7 +291,7 @@ void BusLoop::leaveInOrder() {
   sendWhatWaits(limit);
 }
 
-// The library's own flush waits for ever where the bus does not read.
+// The library's own flush waits for ever if the bus does not read.
 void BusLoop::sendWhatWaits(Clock::time_point limit) {
   while (mConnection->connected() && outputWaits() && Clock::now() < limit) {
     collectEntries();

@@ -3,15 +3,16 @@
 // The bus library's stock loop loses an early request to leave, never notices a bus that died with
 // output pending, and hides a signal sent from elsewhere until its next wake-up. This one keeps its
 // own lists of watches and timeouts, polls each watch as an entry of its own, is woken by an
-// eventfd and ends when it is told to, however early, or when the connection is lost. It sleeps
-// without a time limit where the library has no timeout pending, so that an idle daemon is never
+// eventfd, and ends when it is asked to, however early, or when the connection is lost. It sleeps
+// without a time limit if the library has no timeout pending, so that an idle daemon is never
 // woken.
 //
-// The library keeps what the bus does not take at once in a queue without a bound. So nothing is
-// read, and nothing that was posted is run, while something waits to be written: whoever asks
-// faster than the bus takes the answers, or does not read them at all, fills the bus's memory up to
-// its limits and not this process's. What may wait is the answers to the calls of one read, a few
-// KiB of them or one longer call, or what one posted function says, beyond what the socket holds.
+// The library keeps what the bus does not accept at once in a queue without a bound. So, while
+// something waits to be written, nothing is read and no posted function runs. A caller that asks
+// faster than the bus accepts the answers, or does not read them, fills the memory of the bus up to
+// its limits, and not the memory of this process. What may wait, beyond what the socket holds, is
+// the answers to the calls of one read (a few KiB of calls, or one longer call), or the output of
+// one posted function.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -41,14 +42,14 @@ class BusLoop : public Dispatcher {
   BusLoop(const BusLoop&) = delete;
   BusLoop& operator=(const BusLoop&) = delete;
 
-  /// Starts a thread that runs the loop for `connection`; `lost` is called on it where the
+  /// Starts a thread that runs the loop for `connection`; `lost` is called on it if the
   /// connection is lost.
   void start(Connection& connection, std::function<void()> lost);
-  /// Ends and joins the thread, having run what was posted and sent what waited as far as the bus
-  /// takes it within 5 s; drops the rest.
+  /// Ends and joins the thread. Before that it runs what was posted and sends what waits, as far as
+  /// the bus accepts it within 5 s; drops the rest.
   void stop();
 
-  /// Queues `function` for the thread. @return false where the queue is full or there is
+  /// Queues `function` for the thread. @return false if the queue is full or there is
   /// no memory
   bool post(std::function<void()> function) PM_EXCLUDES(mMutex);
 

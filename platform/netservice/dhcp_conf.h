@@ -1,4 +1,4 @@
-// The text of the lease file, apart from where it is read from.
+// The text of the lease file, as a function without a file.
 #pragma once
 
 #include <string>
@@ -14,7 +14,7 @@ namespace netservice {
 /// backslash; a quote that is never closed ends with the line), and stripped of the blanks and
 /// quotes that are then outermost. Bytes above 127 stay as they are.
 /// @param text the whole file, any bytes
-/// @return the value, of any length; empty where there is none
+/// @return the value, of any length; empty if there is none
 std::string wpadValue(std::string_view text);
 
 }  // namespace netservice

@@ -9,10 +9,10 @@
 #include <type_traits>
 
 /// The lease, as the network service lays it out. The reserved part is the network service's own;
-/// nothing here reads or writes it but to clear it.
+/// this code only clears it.
 struct DhcpInfo {
   char reserved[1260];
-  char option252[252];  ///< URL of the PAC script, NUL-terminated; empty where the lease has none
+  char option252[252];  ///< URL of the PAC script, NUL-terminated; empty if the lease has none
 };
 static_assert(sizeof(DhcpInfo) == 1512);
 static_assert(offsetof(DhcpInfo, option252) == 1260);
@@ -20,7 +20,7 @@ static_assert(std::is_trivially_copyable_v<DhcpInfo>);
 
 /// Fills `info` with the current lease, from /usr/local/lumad/dhcp.conf.
 /// @param info the caller's record, not null; zeroed, then filled
-/// @return 0, also where the file does not exist (no lease: everything empty); else an errno value
+/// @return 0, also if the file does not exist (no lease: everything empty); else an errno value
 ///         with one LOG_ERR line, and the record empty: the file is no regular file, is longer than
 ///         64 KiB or cannot be read
 /// Any thread. Never blocks on what stands at the path.

@@ -1,8 +1,8 @@
-// What a DHCP client says of its lease, as the text of the two files that the daemon reads.
+// What a DHCP client reports of its lease, as the text of the two files that the daemon reads.
 //
-// The values come from whoever answers DHCP on the network. Nothing here trusts them: a URL keeps
-// its first line without control characters and no more bytes than one option holds, and is quoted
-// for shells; of names only those that can be names are kept.
+// The values come from any machine that answers DHCP on the network. Nothing here trusts them: a
+// URL keeps its first line without control characters and no more bytes than one option holds, and
+// is quoted for shells; of names only those that can be names are kept.
 #pragma once
 
 #include <string>
@@ -22,7 +22,7 @@ struct LeaseValues {
   std::string_view interface;
   std::string_view wpad;    ///< option 252
   std::string_view domain;  ///< option 15
-  std::string_view search;  ///< option 119, names between blanks; empty where there was none
+  std::string_view search;  ///< option 119, names between blanks; empty if there was none
 };
 
 /// The most bytes of one option: its length is one byte (RFC 2132, section 2).
@@ -35,7 +35,7 @@ inline constexpr std::size_t kLongestSearchList = 1024;
 std::string leaseText(LeaseEncoding encoding, const LeaseValues& values);
 
 /// The resolver file: one line "search " and the names of the search list, or those of the domain
-/// where the list has none. Empty where neither has a name.
+/// if the list has none. Empty if neither has a name.
 std::string resolverText(LeaseEncoding encoding, const LeaseValues& values);
 
 /// The texts of the two files.

@@ -1,7 +1,7 @@
-// Writing a small file that another program watches, in a place that may be everybody's.
+// Writing a small file that another program watches, in a folder where everybody may write.
 //
-// The daemon watches these files themselves, not their folders: a file put in the place of another
-// would be watched no more. So they are written where they stand.
+// The daemon watches these files themselves, not their folders. It would not watch a file that
+// replaces one of them. So they are written in place.
 #pragma once
 
 #include <cstddef>
@@ -14,17 +14,17 @@ namespace netservice {
 /// A file opened to be written in place.
 class WatchedFile {
  public:
-  /// Opens the file, which is made where there is none, and reads what it holds. Never blocks,
+  /// Opens the file, which is made if there is none, and reads what it holds. Never blocks,
   /// never follows a link at the path's end, and judges what was opened, not what the path names.
-  /// @return 0, or an errno value: ELOOP for a link, EINVAL for what is no regular file, EPERM for
-  ///         another user's than root's and the process's, EMLINK for one with a second name, else
-  ///         that of open, fstat or read
+  /// @return 0, or an errno value: ELOOP for a link, EINVAL if it is not a regular file, EPERM for
+  ///         a file of another user than root and the process's, EMLINK for one with a second name,
+  ///         else that of open, fstat or read
   int open(const char* path);
 
   /// What the file held when it was opened; empty if that was more than 64 KiB.
   const std::string& text() const { return mText; }
 
-  /// Writes `text` in the file's place; touches nothing where that is what it holds. The new text
+  /// Writes `text` into the file; touches nothing if the file holds it already. The new text
   /// is written first and the file then cut to its length, so no reader finds it empty; meanwhile
   /// blank lines cover what the old text has more.
   /// @return 0, or the errno value of write or ftruncate

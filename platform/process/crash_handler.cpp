@@ -90,23 +90,23 @@ class Line {
   std::size_t mLength = 0;
 };
 
-/// Says lines to stderr and to the log, and gives up on either when it takes none.
+/// Writes lines to the log and to stderr, and stops writing to either when it accepts none.
 class Report {
  public:
-  void say(Line& line) {
-    if (mLogTakes) sayToLog(line.view());
+  void write(Line& line) {
+    if (mLogTakes) writeToLog(line.view());
     if (mLogTakes && prepared.stderrIsJournal) return;
-    if (mStderrTakes) sayToStderr(line.withNewline());
+    if (mStderrTakes) writeToStderr(line.withNewline());
   }
 
  private:
-  void sayToStderr(std::string_view bytes) {
+  void writeToStderr(std::string_view bytes) {
     pollfd file{STDERR_FILENO, POLLOUT, 0};
     mStderrTakes = poll(&file, 1, kWaitMilliseconds) == 1 && (file.revents & POLLOUT) != 0 &&
-                   write(STDERR_FILENO, bytes.data(), bytes.size()) >= 0;
+                   ::write(STDERR_FILENO, bytes.data(), bytes.size()) >= 0;
   }
 
-  void sayToLog(std::string_view text) {
+  void writeToLog(std::string_view text) {
     Line line;
     line.text("<").decimal(LOG_LOCAL0 | LOG_CRIT).text(">").text(kLogIdent);
     line.text("[").decimal(getpid()).text("]: ").text(text);
@@ -122,7 +122,7 @@ class Report {
 
 // The loader's tables, not unw_get_proc_name: that maps files and allocates, and a crash inside the
 // allocator would hang. A return address may be the first of the next function, hence the `looked`.
-void sayPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
+void appendPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
   Dl_info info{};
   if (dladdr(reinterpret_cast<const void*>(looked), &info) == 0) return;
   const char* const slash = std::strrchr(info.dli_fname, '/');
@@ -133,13 +133,13 @@ void sayPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
   line.hex(address - reinterpret_cast<std::uintptr_t>(info.dli_saddr)).text(")");
 }
 
-void sayFrame(Report& report, int number, unw_cursor_t& cursor) {
+void reportFrame(Report& report, int number, unw_cursor_t& cursor) {
   unw_word_t address = 0;
   unw_get_reg(&cursor, UNW_REG_IP, &address);
   Line line;
   line.text("process: #").decimal(number).text(" ").hex(address, 16);
-  sayPlace(line, address, number == 0 ? address : address - 1);
-  report.say(line);
+  appendPlace(line, address, number == 0 ? address : address - 1);
+  report.write(line);
 }
 
 /// What was interrupted, as the unwinder takes it: the kernel's record, and on 32-bit Arm, for
@@ -157,16 +157,16 @@ unw_context_t* interrupted(void* context) {
 }
 #endif
 
-void sayTrace(Report& report, void* context) {
+void reportTrace(Report& report, void* context) {
   unw_cursor_t cursor;
   if (unw_init_local2(&cursor, interrupted(context), UNW_INIT_SIGNAL_FRAME) != 0) return;
   for (int number = 0; number < kFrameLimit; ++number) {
-    sayFrame(report, number, cursor);
+    reportFrame(report, number, cursor);
     if (unw_step(&cursor) <= 0) return;
   }
 }
 
-void saySignal(Report& report, const siginfo_t& info) {
+void reportSignal(Report& report, const siginfo_t& info) {
   Line line;
   line.text("process: fatal signal ").decimal(info.si_signo);
   const char* const name = sigabbrev_np(info.si_signo);
@@ -179,14 +179,14 @@ void saySignal(Report& report, const siginfo_t& info) {
   char thread[16]{};
   prctl(PR_GET_NAME, thread);
   line.text(" in thread ").text(thread).text(" (").decimal(gettid()).text(")");
-  report.say(line);
+  report.write(line);
 }
 
 // The signal comes again, now to its default action, as soon as this handler returns: it is blocked
 // while the handler runs, and the core dump then shows the place that was interrupted.
 void dieBy(siginfo_t& info) {
   std::signal(info.si_signo, SIG_DFL);
-  // With its details where the kernel lets a process send them to itself, else without.
+  // With its details if the kernel lets a process send them to itself, else without.
   if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), info.si_signo, &info) != 0) {
     raise(info.si_signo);
   }
@@ -205,15 +205,15 @@ void limitReport() {
 void onFatalSignal(int, siginfo_t* info, void* context) {
   pid_t none = 0;
   if (!reporter.compare_exchange_strong(none, gettid())) {
-    // The report itself went wrong: no second try.
+    // The report itself crashed: no second try.
     if (none == gettid()) return dieBy(*info);
     // Another thread reports and will end the process.
     for (;;) pause();
   }
   limitReport();
   Report report;
-  saySignal(report, *info);
-  sayTrace(report, context);
+  reportSignal(report, *info);
+  reportTrace(report, context);
   dieBy(*info);
 }
 

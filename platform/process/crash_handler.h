@@ -10,17 +10,17 @@
 // The part after the plus sign of a module is what addr2line -e takes. Names are those that the
 // loader knows (of a program, those that it exports: link it with ENABLE_EXPORTS), for c++filt.
 //
-// Nothing the handler calls allocates, and the one lock is the loader's, which the thread that has
-// it may take again. syslog() is not fit for that (it locks, formats dates, allocates), so the
-// handler formats into a buffer of its own and sends datagrams to /dev/log, as syslog() would,
-// through a socket that was opened beforehand and never connected: a log daemon that was started
-// anew meanwhile is reached all the same. A log or a stderr that takes nothing costs a tenth of a
-// second, once; an unwinding that hangs is ended by SIGALRM after some seconds. Left out: a stack
-// overflow is reported on the main thread alone, which has the alternate stack; on other threads it
-// ends the process without a trace.
+// Nothing that the handler calls allocates. The one lock is the loader's, and a thread that holds
+// it may take it again. syslog() locks, formats dates and allocates. So the handler formats into a
+// buffer of its own and sends datagrams to /dev/log, as syslog() does,
+// through a socket that was opened before and never connected: a log daemon that was restarted
+// since then is reached, too. A log or a stderr that accepts nothing costs a tenth of a second,
+// once; SIGALRM ends an unwinding that hangs after some seconds. Left out: a stack overflow is
+// reported on the main thread only, which has the alternate stack; on other threads it ends the
+// process without a trace.
 #pragma once
 
 /// Installs the handler. Call it once, on the main thread, before others start.
-/// @return 0, or -1 where a handler cannot be installed; syslog then says "process: cannot install
+/// @return 0, or -1 if a handler cannot be installed; the log line is then "process: cannot install
 ///         the crash handler: REASON" (LOG_ERR)
 int initCrashHandler();

@@ -31,7 +31,7 @@ struct CloseRunFile {
 std::string runFolder() {
   if (geteuid() == 0) return "/run";
   const char* const given = std::getenv("XDG_RUNTIME_DIR");
-  // Relative paths are to be ignored, says the base directory rule of that variable.
+  // The rule of that variable: relative paths are ignored.
   if (given != nullptr && given[0] == '/') return given;
   return "/run/user/" + std::to_string(geteuid());
 }

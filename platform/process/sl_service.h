@@ -3,10 +3,10 @@
 
 #include <cstdint>
 
-/// A service with a life of three steps: made, started, stopped. Deleting it stops it.
+/// A service is made, started and stopped. Deleting it stops it.
 ///
 /// The order of the virtual functions (the destructor's two, stop, start) is part of the contract:
-/// services and those who start them are built apart.
+/// services and the programs that start them are built separately.
 class SlService {
  public:
   SlService() = default;
@@ -14,7 +14,7 @@ class SlService {
   SlService& operator=(const SlService&) = delete;
   virtual ~SlService() = default;
 
-  /// Ends what start() began and waits for it. Bears being called when nothing runs.
+  /// Ends what start() began and waits for it. May be called when nothing runs.
   virtual void stop() = 0;
 
   /// Begins the service's work and returns at once.

@@ -10,8 +10,8 @@
 
 namespace {
 
-int tell(const std::string& state) {
-  // The variables stay: every notification needs them anew.
+int notify(const std::string& state) {
+  // The variables stay: every notification needs them.
   const int result = sd_notify(0, state.c_str());
   if (result >= 0) return 0;
   logLine(LOG_ERR, "process: cannot tell the supervisor: %s", std::strerror(-result));
@@ -32,13 +32,13 @@ void checkWatchdogInterval() {
 
 int restart_connect(const char* name) {
   checkWatchdogInterval();
-  return tell(std::string("READY=1\nSTATUS=") + (name == nullptr ? "" : name) + " runs");
+  return notify(std::string("READY=1\nSTATUS=") + (name == nullptr ? "" : name) + " runs");
 }
 
 int feedWatchdog() {
-  return sd_watchdog_enabled(0, nullptr) > 0 ? tell("WATCHDOG=1") : 0;
+  return sd_watchdog_enabled(0, nullptr) > 0 ? notify("WATCHDOG=1") : 0;
 }
 
 int notifyStopping() {
-  return tell("STOPPING=1");
+  return notify("STOPPING=1");
 }

@@ -1,30 +1,31 @@
-// What this process tells its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
+// What this process reports to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
 //
-// Started by hand, or by a supervisor of another kind, there is nobody to tell, and every function
-// succeeds without doing anything. All are called by the main thread. A notification is one
-// datagram; a supervisor that takes none makes the call wait, and counts that as hanging.
+// A process that a person or another kind of supervisor started has nobody to report to: every
+// function then succeeds and does nothing. The main thread calls all of them. A notification is one
+// datagram; if the supervisor accepts none, the call waits, and the supervisor's watchdog sees
+// that.
 #pragma once
 
 #include <chrono>
 
 /// How often the main loop feeds the watchdog. A WatchdogSec of less than twice that ends a healthy
-/// daemon; restart_connect says so.
+/// daemon; restart_connect() logs a warning.
 inline constexpr std::chrono::seconds kWatchdogFeedInterval{20};
 
 /// Registers with the supervisor: READY=1, and what the process is as STATUS.
 ///
-/// The daemon calls it before it owns its bus name, so units are to be of Type=dbus, for which
-/// the name is the readiness and READY changes nothing; a unit of Type=notify would count as
-/// started a moment early.
+/// The daemon calls it before it owns its bus name. So units have Type=dbus: their readiness is the
+/// name, and READY changes nothing. A unit of Type=notify would count as started a moment early.
 ///
 /// @param name the daemon's name, for the status text
-/// @return 0 when told or when there is nobody to tell, else -1; syslog then says "process: cannot
+/// @return 0 if it was reported or if there is no supervisor, else -1, with the line "process:
+/// cannot
 ///         tell the supervisor: REASON" (LOG_ERR)
 int restart_connect(const char* name);
 
-/// Feeds the supervisor's watchdog, where this process has one (WATCHDOG_USEC, WATCHDOG_PID).
-/// To be called every kWatchdogFeedInterval. @return as restart_connect
+/// Feeds the supervisor's watchdog, if this process has one (WATCHDOG_USEC, WATCHDOG_PID).
+/// Call it every kWatchdogFeedInterval. @return as restart_connect
 int feedWatchdog();
 
-/// Says that an orderly stop has begun: STOPPING=1. @return as restart_connect
+/// Reports that an orderly stop has begun: STOPPING=1. @return as restart_connect
 int notifyStopping();

@@ -6,12 +6,12 @@
 #include <cstddef>
 
 namespace process {
-/// What the kernel keeps of a thread's name, in bytes without the terminator (TASK_COMM_LEN - 1).
+/// What the kernel stores of a thread's name, in bytes without the terminator (TASK_COMM_LEN - 1).
 inline constexpr std::size_t kThreadNameLimit = 15;
 }  // namespace process
 
 /// Names a thread of this process; what is longer than kThreadNameLimit bytes is cut. Any thread.
-/// @param tid the thread, as gettid() gives it
+/// @param tid the thread, as gettid() returns it
 /// @return 0, or an errno value: EINVAL for a null or empty name, ENOENT for a thread that is not
-///         this process's. Syslog then says "process: cannot name thread TID: REASON" (LOG_WARNING)
+///         this process's. The log line is "process: cannot name thread TID: REASON" (LOG_WARNING)
 int pthread_name_np(pid_t tid, const char* name);

@@ -89,7 +89,7 @@ void nameBadLine(const std::string& path, int lineNumber, std::string_view line)
 }
 
 int setTraceValues(const char* name, TraceValues* record) {
-  const bool told = record != nullptr;
+  const bool isRecorded = record != nullptr;
   const bool named = base::isFileName(name);
   const std::string path = "/etc/" + std::string(name == nullptr ? "(null)" : name) + "/trace.conf";
   const auto file =
@@ -97,14 +97,14 @@ int setTraceValues(const char* name, TraceValues* record) {
             : base::FileText{};
   const char* const reason = named ? reasonOf(file.failure) : "not a daemon's name";
   if (reason != nullptr) {
-    if (told) logLine(LOG_ERR, "process: cannot read %s: %s", path.c_str(), reason);
+    if (isRecorded) logLine(LOG_ERR, "process: cannot read %s: %s", path.c_str(), reason);
     return -1;
   }
-  // Bad lines are said before the mask is set, which might hide them.
+  // Bad lines are logged before the mask is set, which might hide them.
   const auto values = process::parseTraceValues(file.text, [&](int lineNumber, auto line) {
-    if (told) nameBadLine(path, lineNumber, line);
+    if (isRecorded) nameBadLine(path, lineNumber, line);
   });
-  if (told) *record = values;
+  if (isRecorded) *record = values;
   setlogmask(LOG_UPTO(values.baseseverity));
   return 0;
 }
@@ -128,7 +128,7 @@ int settrcvalues(const char* name, TraceValues* record) {
   try {
     return setTraceValues(name, record);
   } catch (const std::exception& error) {
-    // No memory. Nothing may leave through a signal handler that called.
+    // No memory. No exception may pass through a signal handler that called.
     if (record != nullptr) {
       logLine(LOG_ERR, "process: cannot read /etc/%s/trace.conf: %s",
               name == nullptr ? "(null)" : name, error.what());

@@ -1,7 +1,7 @@
-// Trace values: how much a daemon says, settable on a running device by a file and SIGHUP.
+// Trace values: how much a daemon logs. A file and SIGHUP change it on a running device.
 //
 // The file is /etc/NAME/trace.conf, lines of key=value; `baseseverity` sets syslog's mask, the
-// other four are kept for those who read the record. Reading is apart from parsing, which is a pure
+// other four are for programs that read the record. Reading is apart from parsing, which is a pure
 // function of the text.
 #pragma once
 
@@ -12,7 +12,7 @@
 
 /// The trace values of a daemon. Without a file they are as initialised here.
 struct TraceValues {
-  std::int32_t baseseverity = 6;  ///< the least severe syslog level that is said, 0 ... 7
+  std::int32_t baseseverity = 6;  ///< the least severe syslog level that is logged, 0 ... 7
   std::int32_t persistent = 0;
   std::int32_t tracemask = 0;
   std::int32_t option = 0;
@@ -22,18 +22,19 @@ struct TraceValues {
 
 /// Reads /etc/NAME/trace.conf and sets syslog's mask to everything up to `baseseverity`.
 ///
-/// Each call begins with the values of TraceValues above: a key that is gone from the file is back
-/// at its default. No file is no failure. The file must be a regular one (a fifo is not waited for)
-/// of kTraceFileLimit bytes at most; else, or where it cannot be read, the mask stays as it is.
+/// Each call begins with the values of TraceValues above: a key that is no longer in the file has
+/// its default again. No file is no failure. The file must be a regular one (a fifo is not waited
+/// for) of kTraceFileLimit bytes at most; else, or if it cannot be read, the mask stays as it is.
 ///
-/// May be called from a signal handler only if that interrupts nothing but a sleep, as the daemon's
-/// main thread sees to.
+/// May be called from a signal handler only if that interrupts nothing but a sleep. The daemon's
+/// main thread lets signals through only while it sleeps.
 ///
 /// @param name the daemon's name; one path component
 /// @param record receives the values, the defaults on failure; lines that are not understood are
-///        then said ("process: PATH line N is not understood: TEXT", LOG_WARNING), as is a failure
-///        ("process: cannot read PATH: REASON", LOG_ERR). With null neither is.
-/// @return 0, or -1 where there is a file that cannot be read
+///        then logged ("process: PATH line N is not understood: TEXT", LOG_WARNING), as is a
+///        failure
+///        ("process: cannot read PATH: REASON", LOG_ERR). With null, neither is.
+/// @return 0, or -1 if there is a file that cannot be read
 int settrcvalues(const char* name, TraceValues* record);
 
 namespace process {
@@ -47,10 +48,10 @@ using BadTraceLine = std::function<void(int number, std::string_view line)>;
 /// The values that `text` gives, over the defaults.
 ///
 /// A line is "key=value", a comment that begins with '#', or empty; blanks around lines, keys and
-/// values do not count. Values are decimal, or hexadecimal after 0x, where up to eight digits are
-/// the bits of the value; of two lines with one key the later counts. A line with another key,
+/// values do not count. Values are decimal, or hexadecimal after 0x: up to eight digits are
+/// the bits of the value. Of two lines with one key the later counts. A line with another key,
 /// another form, a value beyond 32 bits or a `baseseverity` outside 0 ... 7 changes nothing and is
-/// given to `bad`. Any bytes are borne.
+/// given to `bad`. Any bytes are accepted.
 TraceValues parseTraceValues(std::string_view text, const BadTraceLine& bad);
 
 }  // namespace process

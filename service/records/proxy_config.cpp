@@ -44,7 +44,7 @@ void cleanupProxyConfig(ProxyConfig* config) {
 
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig) {
   logLine(LOG_INFO, "cloneProxyConfig() called");
-  // Going on is the contract: a caller's mistake ends where it was made, with its name in the log.
+  // Going on is the contract: the crash then names the caller, and the log names the mistake.
   if (!srcConfig || !destConfig)
     logLine(LOG_ERR, "cloneProxyConfig srcConfig or destConfig is null");
   destConfig->mode = srcConfig->mode;
@@ -85,7 +85,7 @@ void cleanupProxySetting(ProxyUrlSetting* setting) {
 }
 
 ProxyMode str2ProxyMode(const char* text) {
-  // The line shows the function's name where one expects the text; operators' filters know it so.
+  // The line shows the function's name instead of the text: operators' filters expect that.
   logLine(LOG_INFO, "str2ProxyMode() called mode:str2ProxyMode");
   if (strcasecmp(text, "off") == 0) return off;
   if (strcasecmp(text, "manual") == 0) return manual;

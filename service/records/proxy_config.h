@@ -1,11 +1,11 @@
 // The plain records that carry a proxy configuration and a parsed proxy entry between the folders,
 // and the free functions that make, copy and release them.
 //
-// A record holds integers and heap C strings. Whoever holds the record owns its strings: they come
-// from string2Char (malloc) and go with the cleanup functions (free). Copying a record by value
-// shares the pointers; cloneProxyConfig makes a deep copy. Every function is safe on any thread, as
-// long as no two threads use the same record, and all but string2Char, which speaks up only when it
-// refuses, say one line to syslog (LOG_INFO) when called. Allocation failure is not checked.
+// A record holds integers and heap C strings. The holder of the record owns its strings:
+// string2Char() allocates them (malloc) and the cleanup functions free them (free). Copying a
+// record by value shares the pointers; cloneProxyConfig makes a deep copy. Every function is safe
+// on any thread, as long as no two threads use the same record. Each logs one line (LOG_INFO) when
+// it is called, except string2Char(), which logs only a refusal. Allocation failure is not checked.
 // Pointers to records are never null. service/records/proxy_config_owner.h has what frees a
 // record's strings by scope, without a line.
 #pragma once
@@ -21,7 +21,7 @@ enum ProxyMode : std::int32_t { off = 0, manual = 1, pacurl = 2, wpad = 3 };
 struct ProxyConfig {
   ProxyMode mode = off;
   char* proxyurl = nullptr;  ///< owned; the proxy of mode manual
-  char* pacurl = nullptr;    ///< owned; where the script of mode pacurl is
+  char* pacurl = nullptr;    ///< owned; the location of the script of mode pacurl
   bool enableauth = false;   ///< whether userName and password apply
   char* userName = nullptr;  ///< owned
   char* password = nullptr;  ///< owned
@@ -62,10 +62,10 @@ void cleanupProxyConfig(ProxyConfig* config);
 
 /// Copies `srcConfig` deeply into `destConfig`, which is fresh or cleaned: its strings are not
 /// freed. A null source string leaves the destination's as it is, an empty one makes it null.
-/// A null pointer is said (LOG_ERR) before it is followed all the same: it is the caller's mistake.
+/// A null pointer is a mistake of the caller: it is logged (LOG_ERR), and then dereferenced.
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
 
-/// Makes a fresh record with `count` empty slots; none, and no array, where `count` <= 0.
+/// Makes a fresh record with `count` empty slots; none, and no array, if `count` <= 0.
 void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count);
 
 /// Frees everything the record owns and zeroes it; an array with `urlCount` <= 0 is left alone.
@@ -82,6 +82,6 @@ ProxyMode str2ProxyMode(const char* text);
 const char* proxyMode2Str(ProxyMode mode);
 
 /// Copies `length` bytes, zeros among them included, and adds a terminator.
-/// @return a malloc'ed string that the caller frees; null, and a LOG_INFO line, where `data` is
+/// @return a malloc'ed string that the caller frees; null, and a LOG_INFO line, if `data` is
 ///         null or `length` <= 0: an empty text is stored as not set
 char* string2Char(const char* data, std::int32_t length);

@@ -1,4 +1,4 @@
-// What frees the records' heap C strings by scope. None of it says a line.
+// Owners that free the records' heap C strings with their scope. They log nothing.
 #pragma once
 
 #include <cstdlib>
@@ -18,7 +18,7 @@ struct HeapFree {
 using HeapText = std::unique_ptr<char, HeapFree>;
 
 /// @return a malloc'ed copy of `text`, null for a null one. Unlike string2Char it keeps an empty
-///         text as an empty text. Throws std::bad_alloc where there is no memory.
+///         text as an empty text. Throws std::bad_alloc if there is no memory.
 inline char* heapCopy(const char* text) {
   if (!text) return nullptr;
   const std::size_t size = std::strlen(text) + 1;
@@ -30,7 +30,7 @@ inline char* heapCopy(const char* text) {
 
 /// A ProxyConfig that owns its strings. `*owner` and `owner.get()` are the record, for the
 /// functions that take one; a copy of `*owner` shares the strings and ends with the owner.
-/// Not synchronised: whoever has one guards it.
+/// Not synchronised: the holder guards it.
 class ProxyConfigOwner {
  public:
   ProxyConfigOwner() = default;

@@ -92,9 +92,9 @@ TEST_F(MakeTldTable, MakesTheSameTableEachTime) {
 
 TEST_F(MakeTldTable, RefusesAListThatIsNone) {
   EXPECT_EQ(makeFrom("/nonexistent/list"), 1);
-  EXPECT_THAT(complaint, HasSubstr("/nonexistent/list: no rules to be read"));
+  EXPECT_THAT(complaint, HasSubstr("/nonexistent/list: it has no rules"));
   EXPECT_EQ(make("// nothing but a comment\n"), 1);
-  EXPECT_THAT(complaint, HasSubstr("no rules to be read"));
+  EXPECT_THAT(complaint, HasSubstr("it has no rules"));
   EXPECT_EQ(header, "");
 }
 
