@@ -66,7 +66,8 @@ install(FILES "${proxymanager_packaging}/etc/trace.conf"
   DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/proxymanagerd")
 
 set(proxymanager_pages "${PROJECT_SOURCE_DIR}/docs/man")
-install(FILES "${proxymanager_pages}/proxymanagerd.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
+install(FILES "${proxymanager_pages}/proxymanagerd.8"
+  "${proxymanager_pages}/proxymanager-lease.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
 install(FILES "${proxymanager_pages}/proxymanager-trace.conf.5"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")
 install(FILES "${proxymanager_pages}/libproxymanager-client.3"

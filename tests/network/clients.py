@@ -12,29 +12,39 @@ from support.own_root import mount_empty
 
 
 class Dhclient:
-    def __init__(self, hooks):
-        shutil.copy(f"{hooks}/dhclient", "/etc/dhcp/dhclient-exit-hooks.d/proxymanager")
-        with open("/etc/dhcp/dhclient.conf", "a") as file:
-            file.write(open(f"{hooks}/proxymanager-dhclient.conf").read())
-        os.makedirs("/run/dhclient")
+    """@param metric of its default route; none unless given"""
+
+    def __init__(self, hooks, interface="eth0", metric=None):
+        hook = "/etc/dhcp/dhclient-exit-hooks.d/proxymanager"
+        if not os.path.exists(hook):
+            shutil.copy(f"{hooks}/dhclient", hook)
+            with open("/etc/dhcp/dhclient.conf", "a") as file:
+                file.write(open(f"{hooks}/proxymanager-dhclient.conf").read())
+            os.makedirs("/run/dhclient")
+        self._interface = interface
+        self._log = f"/run/dhclient.{interface}.log"
+        self._pid = f"/run/dhclient/pid.{interface}"
+        self._files = ("-pf", self._pid, "-lf", f"/run/dhclient/leases.{interface}")
+        self._metric = () if metric is None else ("-e", f"IF_METRIC={metric}")
+        self._starts = 0
         self._process = None
 
-    _FILES = ("-pf", "/run/dhclient/pid", "-lf", "/run/dhclient/leases")
-
     def start(self):
-        ip("link", "set", "eth0", "up")
-        self._process = _spawn(["dhclient", "-4", "-d", *self._FILES, "eth0"])
+        ip("link", "set", self._interface, "up")
+        self._process = _spawn(["dhclient", "-4", "-d", *self._files, *self._metric,
+                                self._interface], self._log)
+        self._starts += 1
 
     def renew(self):
         """It has no command for that; it renews when the lease says so."""
 
     def release(self):
         # The hooks run before it has noted the lease itself.
-        wait_for_text("/run/dhclient.log", "bound to")
+        wait_until(lambda: contents(self._log).count("bound to") >= self._starts, "it is bound")
         # Which it says before it writes this anew.
-        wait_for_text("/run/dhclient/pid", "\n")
-        subprocess.run(["dhclient", "-4", "-r", *self._FILES, "eth0"], check=True,
-                       capture_output=True)
+        wait_for_text(self._pid, "\n")
+        subprocess.run(["dhclient", "-4", "-r", *self._files, *self._metric, self._interface],
+                       check=True, capture_output=True)
         self._process.wait(60)
 
     def replug(self, plug):
@@ -48,7 +58,8 @@ class Dhclient:
 
 
 class Udhcpc:
-    def __init__(self, hooks):
+    def __init__(self, hooks, interface="eth0"):
+        self._interface = interface
         self._script = "/run/udhcpc_script"
         with open(self._script, "w") as file:
             file.write(f'#!/bin/sh\n{hooks}/udhcpc "$@"\necho "$1" >>/run/udhcpc_events\n')
@@ -56,8 +67,8 @@ class Udhcpc:
         self._process = None
 
     def start(self):
-        ip("link", "set", "eth0", "up")
-        self._process = _spawn(["udhcpc", "-f", "-i", "eth0", "-s", self._script, "-O", "wpad",
+        ip("link", "set", self._interface, "up")
+        self._process = _spawn(["udhcpc", "-f", "-i", self._interface, "-s", self._script, "-O", "wpad",
                                 "-O", "search", "-T", "1", "-t", "5", "-A", "1"])
 
     def renew(self):
@@ -84,7 +95,8 @@ class Udhcpc:
 class Dhcpcd:
     _HOOKS = "/usr/lib/dhcpcd/dhcpcd-hooks"
 
-    def __init__(self, hooks):
+    def __init__(self, hooks, *interfaces):
+        self._interfaces = interfaces or ("eth0",)
         os.makedirs("/run/dhcpcd-hooks")
         shutil.copytree(self._HOOKS, "/run/dhcpcd-hooks", dirs_exist_ok=True)
         mount_empty(self._HOOKS, "mode=0755")
@@ -93,13 +105,15 @@ class Dhcpcd:
         # What it keeps of the machine's own networks.
         mount_empty("/var/lib/dhcpcd", "mode=0755")
         with open("/etc/dhcpcd.conf", "a") as file:
-            file.write("option wpad_url\nreboot 1\nnoarp\nnoipv4ll\n")
+            file.write("option wpad_url\nreboot 1\nnoarp\nnoipv4ll\nnodev\n")
         self._process = None
 
     def start(self):
-        ip("link", "set", "eth0", "up")
+        for interface in self._interfaces:
+            ip("link", "set", interface, "up")
         # It is many processes, and now and then they do not end: here they end with their namespace.
-        self._process = _spawn(["unshare", "--pid", "--fork", "dhcpcd", "-B", "-4", "eth0"])
+        self._process = _spawn(["unshare", "--pid", "--fork", "dhcpcd", "-B", "-4",
+                                *self._interfaces])
 
     def _signal(self, number):
         outer = self._process.pid
@@ -141,9 +155,8 @@ def running(dhcp):
         dhcp.stop()
 
 
-def _spawn(command):
-    log = open(f"/run/{os.path.basename(command[0])}.log", "a")
-    with log:
+def _spawn(command, log=None):
+    with open(log or f"/run/{os.path.basename(command[0])}.log", "a") as log:
         return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
 
 

@@ -1,6 +1,6 @@
 """The gateway of a network: dnsmasq for DHCP and DNS, nginx for scripts, a web server for the rest.
 
-One cable goes to the device's eth0. become() makes it the gateway of another network: the cable is
+One cable goes to an interface of the device, eth0 unless said. become() makes it the gateway of another network: the cable is
 then plugged in elsewhere.
 """
 
@@ -52,13 +52,20 @@ HOME = Network(2, "lab.home.example")
 
 
 class Gateway:
-    def __init__(self, network=OFFICE):
-        self._namespace = Namespace("gateway")
+    """@param interface what the cable is called at the device
+    @param name of its namespace: a second gateway has another
+    @param router whether leases name it as the default route"""
+
+    def __init__(self, network=OFFICE, interface="eth0", name="gateway", router=False):
+        self._namespace = Namespace(name)
+        self._interface = interface
+        self._router = router
+        self._run = "/run/" if name == "gateway" else f"/run/{name}."
         self._dnsmasq = self._nginx = None
         self._names = {}
         self._webs = []
         self.network = None
-        ip("link", "add", "eth0", "type", "veth", "peer", "name", "port", "netns", "gateway")
+        ip("link", "add", interface, "type", "veth", "peer", "name", "port", "netns", name)
         with self.inside():
             ip("link", "set", "lo", "up")
         self.become(network)
@@ -75,8 +82,8 @@ class Gateway:
         with self.inside():
             ip("link", "set", "port", "down")
         # Carriers that go and come at once are not told of.
-        wait_until(lambda: "state DOWN" in ip("link", "show", "eth0")
-                   or "LOWERLAYERDOWN" in ip("link", "show", "eth0"), "eth0 has no carrier")
+        wait_until(lambda: "state DOWN" in ip("link", "show", self._interface)
+                   or "LOWERLAYERDOWN" in ip("link", "show", self._interface), "it has no carrier")
         with self.inside():
             ip("addr", "flush", "dev", "port")
             ip("addr", "add", f"{network.address}/24", "dev", "port")
@@ -87,7 +94,7 @@ class Gateway:
         self._start_dnsmasq()
 
     def _start_dnsmasq(self):
-        log = "/run/dnsmasq.log"
+        log = f"{self._run}dnsmasq.log"
         if os.path.exists(log):
             os.remove(log)
         network = self.network.address.rsplit(".", 1)[0]
@@ -96,17 +103,23 @@ class Gateway:
                 "dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--user=root",
                 "--pid-file=", f"--log-facility={log}", "--log-dhcp", "--log-queries",
                 "--bind-interfaces", "--interface=port", "--except-interface=lo",
-                "--no-resolv", "--no-hosts", "--addn-hosts=/run/dnsmasq.hosts", "--address=/#/",
+                "--no-resolv", "--no-hosts", f"--addn-hosts={self._run}dnsmasq.hosts", "--address=/#/",
                 f"--dhcp-range={network}.50,{network}.150,255.255.255.0,2m",
-                "--dhcp-authoritative", "--no-ping", "--dhcp-leasefile=/run/dnsmasq.leases",
-                "--dhcp-optsfile=/run/dnsmasq.opts",
+                "--dhcp-authoritative", "--no-ping", f"--dhcp-leasefile={self._run}dnsmasq.leases",
+                f"--dhcp-optsfile={self._run}dnsmasq.opts",
                 # Left out: 255 bytes of option 252 fill a small client's packet.
-                "--dhcp-option=option:router", "--dhcp-option=28"])
+                "--dhcp-option=option:router" + (f",{self.network.address}" if self._router else ""),
+                "--dhcp-option=28"])
         # The options' file last: a later reading of it is of a later change.
         wait_until(lambda: self._dnsmasq.poll() is not None
-                   or (os.path.exists(log) and "read /run/dnsmasq.opts" in open(log).read()),
+                   or (os.path.exists(log) and f"read {self._run}dnsmasq.opts" in open(log).read()),
                    "dnsmasq has started")
         assert self._dnsmasq.poll() is None, open(log).read()
+
+    def cable(self, state):
+        """The cable is "up" or "down" at this end."""
+        with self.inside():
+            ip("link", "set", "port", state)
 
     def options(self, wpad=None, search=None, renew=None):
         """What leases say from here on. wpad: text or bytes of option 252; renew: after seconds."""
@@ -120,7 +133,7 @@ class Gateway:
             lines.append("252," + ":".join(f"{byte:02x}" for byte in data))
         if renew:
             lines.append(f"option:T1,{renew}")
-        with open("/run/dnsmasq.opts", "w") as file:
+        with open(f"{self._run}dnsmasq.opts", "w") as file:
             file.write("\n".join(lines) + "\n")
         self._reload()
 
@@ -130,17 +143,17 @@ class Gateway:
         self._write_names()
 
     def _write_names(self):
-        with open("/run/dnsmasq.hosts", "w") as file:
+        with open(f"{self._run}dnsmasq.hosts", "w") as file:
             file.write("".join(f"{address} {name}\n" for name, address in self._names.items()))
         self._reload()
 
     def _reload(self):
         if not self._dnsmasq or self._dnsmasq.poll() is not None:
             return
-        said = "/run/dnsmasq.log"
-        before = open(said).read().count("read /run/dnsmasq.opts")
+        said = f"{self._run}dnsmasq.log"
+        before = open(said).read().count(f"read {self._run}dnsmasq.opts")
         self._dnsmasq.send_signal(signal.SIGHUP)
-        wait_until(lambda: open(said).read().count("read /run/dnsmasq.opts") > before,
+        wait_until(lambda: open(said).read().count(f"read {self._run}dnsmasq.opts") > before,
                    "dnsmasq has read its options again")
 
     def connect_device(self):

@@ -37,6 +37,6 @@ def packages(request):
 
 
 @pytest.fixture(scope="session")
-def machine(request, packages):
-    with Machine(request.config.getoption("--folder"), packages) as booted:
+def machine(packages):
+    with Machine(packages) as booted:
         yield booted

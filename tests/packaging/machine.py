@@ -56,13 +56,17 @@ def _needed(packages):
     return sorted(names - own - {""})
 
 
-def _root_archive(folder, names):
-    """A minimal Debian with packages by their names; made once, then kept in the folder."""
+def _root_archive(names):
+    """A minimal Debian with packages by their names; made once a machine, and kept where the other
+    things are that take long to make."""
     include = ",".join(names)
     key = hashlib.sha256(include.encode()).hexdigest()[:12]
-    archive = pathlib.Path(folder, f"{SUITE}-{key}.tar")
+    cache = os.environ.get("PROXYMANAGER_UNPACKED") or os.path.join(
+        os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"), "proxymanagerd")
+    archive = pathlib.Path(cache, f"root-{SUITE}-{key}.tar")
     if not archive.exists():
-        made = archive.with_suffix(".new.tar")
+        archive.parent.mkdir(parents=True, exist_ok=True)
+        made = archive.with_suffix(f".{os.getpid()}.new.tar")
         subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", f"--include={include}",
                         *_apt_options(), '--aptopt=Acquire::Retries "3"', SUITE, str(made), *_sources()], check=True)
         made.rename(archive)
@@ -75,10 +79,10 @@ class Account:
 
 
 class Machine:
-    def __init__(self, folder, packages, names=()):
+    def __init__(self, packages, names=()):
         """@param packages files that the tests install @param names further packages of Debian"""
         self.packages = packages
-        self._archive = _root_archive(folder, sorted({*_needed(packages), *names}))
+        self._archive = _root_archive(sorted({*_needed(packages), *names}))
         self._ends = contextlib.ExitStack()
 
     def __enter__(self):
@@ -151,6 +155,14 @@ class Machine:
         if check:
             assert done.returncode == 0, f"{command}: {done.stdout}{done.stderr}"
         return done
+
+    def install_packages(self):
+        """Installs what is tested, all at once."""
+        names = ["/" + pathlib.Path(package).name for package in self.packages]
+        for package, name in zip(self.packages, names):
+            (self.root / name[1:]).write_bytes(pathlib.Path(package).read_bytes())
+        self.run("dpkg", "-i", *names)
+        self.run("rm", *names)
 
     def state(self):
         return self.run("systemctl", "is-system-running", check=False).stdout.strip()

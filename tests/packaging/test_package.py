@@ -95,12 +95,7 @@ def before(machine):
 
 @pytest.fixture(scope="session")
 def installed(machine, before):
-    for package in machine.packages:
-        copy = machine.root / pathlib.Path(package).name
-        copy.write_bytes(pathlib.Path(package).read_bytes())
-    names = ["/" + pathlib.Path(package).name for package in machine.packages]
-    machine.run("dpkg", "-i", *names)
-    machine.run("rm", *names)
+    machine.install_packages()
     machine.run("useradd", "--system", "--groups", "proxymanager", "member")
     machine.run("useradd", "--system", "stranger")
     return machine
@@ -395,7 +390,7 @@ def test_removing_and_purging_leave_nothing(installed, before):
     installed.run("userdel", "member")
     installed.run("dpkg", "--remove", *names)
     assert installed.show(UNIT, "ActiveState") == "inactive"
-    assert installed.run("ls", "/etc/proxymanagerd").stdout == "trace.conf\n"
+    assert installed.run("ls", "/etc/proxymanagerd").stdout == "dhcpcd-hook\ntrace.conf\n"
     installed.run("dpkg", "--purge", *names)
     assert files(installed) - before[0] == set()
     assert before[0] - files(installed) == set()

@@ -50,9 +50,8 @@ def copy_of_the_tree(root):
 
 
 @pytest.fixture(scope="module")
-def machine(request):
-    folder = request.config.getoption("--folder")
-    with Machine(folder, [], names={*build_packages(), "sudo"}) as booted:
+def machine():
+    with Machine([], names={*build_packages(), "sudo"}) as booted:
         copy_of_the_tree(booted.root)
         yield booted
 

@@ -1,0 +1,19 @@
+#!/bin/sh
+# Copies the hooks to where their clients look for them, below ROOT: what the package does, and the
+# build of an image may. usage: put_in_place.sh HOOKS ROOT
+#
+# HOOKS is share/proxymanager/hooks as installed. udhcpc has no folder of hooks; see README.md.
+set -eu
+hooks=$1 root=$2
+
+put() { install -D -m "$1" "$hooks/$2" "$root/$3"; }
+
+put 644 dhclient etc/dhcp/dhclient-exit-hooks.d/proxymanager
+put 755 networkmanager etc/NetworkManager/dispatcher.d/50-proxymanager
+for state in routable degraded carrier no-carrier off; do
+  put 755 networkd-dispatcher "etc/networkd-dispatcher/$state.d/proxymanager"
+done
+# dhcpcd has its folder below /usr: there it finds a link, and the administrator the file in /etc.
+put 644 dhcpcd etc/proxymanagerd/dhcpcd-hook
+install -d "$root/usr/lib/dhcpcd/dhcpcd-hooks"
+ln -sf /etc/proxymanagerd/dhcpcd-hook "$root/usr/lib/dhcpcd/dhcpcd-hooks/70-proxymanager"
