@@ -21,6 +21,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 build for armhf (the default) or arm64 (Debian's cross compiler and libraries), run the
                 unit tests under qemu's emulation of user programs, and print the sizes of the
                 installed programs
+  --browsers    install Chromium and Firefox ESR and compare the helpers of PAC scripts with them instead:
+                100,000 calls and 5,000 scripts; what follows "--" is the comparison's (--seed=N)
   --tidy        have clang-tidy judge the sources that are shipped
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
@@ -32,13 +34,14 @@ What follows "--" is given to ctest: ./test.sh -- -R RunFile
 EOF
 }
 
-mode=plain build=$top/build jobs=$(nproc) werror=OFF minutes=0 build_options=()
+mode=plain build=$top/build jobs=$(nproc) werror=OFF minutes=0 build_options=() dependencies=(--package)
 while [ $# -gt 0 ]; do
   case $1 in
     --sanitizers) mode=sanitizers ;;
     --coverage) mode=coverage ;;
     --cross | --cross=armhf) mode=cross preset=armhf triplet=arm-linux-gnueabihf ;;
     --cross=arm64) mode=cross preset=arm64 triplet=aarch64-linux-gnu ;;
+    --browsers) mode=browsers dependencies+=(--browsers) ;;
     --tidy) mode=tidy ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
@@ -172,6 +175,14 @@ test_soak() {
     "${ctest_options[@]}" "$minutes"
 }
 
+test_browsers() {
+  build_options=(--target proxymanager_browser_answers)
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  step "Comparing with browsers"
+  PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/tests/browsers/compare.py" "--build=$build/test" \
+    "${ctest_options[@]}"
+}
+
 test_fuzz() {
   export UBSAN_OPTIONS=print_stacktrace=1
   LSAN_OPTIONS=$(with_suppressions lsan report_objects=1)
@@ -186,5 +197,5 @@ test_fuzz() {
 launcher=()
 step "Looking for what is missing on this machine"
 # The tests build the Debian packages too.
-"$top/packaging/dependencies.sh" --package
+"$top/packaging/dependencies.sh" "${dependencies[@]}"
 "test_$mode"

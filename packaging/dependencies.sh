@@ -5,7 +5,7 @@ set -eu
 
 usage() {
   cat <<EOF
-usage: packaging/dependencies.sh [--no-tests] [--package] [--cross]
+usage: packaging/dependencies.sh [--no-tests] [--package] [--cross] [--browsers]
                                  [--list | --list-libraries | --check]
 
 Installs the packages that this tree is built and tested with and that are missing; says nothing
@@ -14,6 +14,7 @@ and takes no time where none is.
   --no-tests  leave out what only the tests need
   --package   take in what only the Debian package's own build needs
   --cross     take in what only building for another architecture needs
+  --browsers  take in the browsers that only ./test.sh --browsers needs
   --list      print what is needed, one dependency a line, and install nothing
   --list-libraries
               of these, print the headers and libraries alone: what another architecture needs of
@@ -22,12 +23,13 @@ and takes no time where none is.
 EOF
 }
 
-tests=yes package=no cross=no action=install
+tests=yes package=no cross=no browsers=no action=install
 for option in "$@"; do
   case $option in
     --no-tests) tests=no ;;
     --package) package=yes ;;
     --cross) cross=yes ;;
+    --browsers) browsers=yes ;;
     --list | --list-libraries | --check) action=${option#--} ;;
     --help) usage && exit 0 ;;
     *) usage >&2 && exit 2 ;;
@@ -38,7 +40,8 @@ control=$(dirname "$0")/debian/control
 
 # The field Build-Depends, one dependency a line: "a", "a (>= 1)" or "a | b".
 needed() {
-  awk -v tests="$tests" -v package="$package" -v cross="$cross" '
+  awk -v tests="$tests" -v package="$package" -v cross="$cross" \
+    -v browsers="$browsers" '
     /^#/ { next }
     /^[^ \t]/ { inside = 0 }
     /^Build-Depends:/ { inside = 1; sub(/^[^:]*:/, "") }
@@ -49,6 +52,7 @@ needed() {
         entry = entries[i]
         if (entry ~ /<!nocheck>/ && tests == "no") continue
         if (entry ~ /<pkg.proxymanagerd.cross>/ && cross == "no") continue
+        if (entry ~ /<pkg.proxymanagerd.browsers>/ && browsers == "no") continue
         if (entry ~ /debhelper/ && package == "no") continue
         gsub(/<[^>]*>/, "", entry)
         gsub(/[ \t]+/, " ", entry)

@@ -118,7 +118,7 @@ class Calls:
     def draw(self):
         name = self.random.choices(self._names, self._weights)[0]
         arguments = self._mangled(self._kinds[name]())
-        return Call(f"{name}({', '.join(arguments)})", self._moment())
+        return Call(f"{name}({', '.join(arguments)})", self.moment())
 
     # --- arguments ---
 
@@ -268,7 +268,7 @@ class Calls:
                 yield high
             before, at = after, at + 24 * hour
 
-    def _moment(self):
+    def moment(self):
         pick, randint = self._pick, self.random.randint
         year = pick(2023, 2024, 2024, 2025, 2026, 2026, 2027, 1999, 2000, 2100)
         kind = pick("any", "any", "month", "month", "year", "summer", "leap")

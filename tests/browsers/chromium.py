@@ -38,6 +38,11 @@ class _Server(http.server.BaseHTTPRequestHandler):
         pass
 
 
+class _Listener(http.server.ThreadingHTTPServer):
+    def handle_error(self, *_):
+        """A browser that ends closes connections on which it waits for nothing."""
+
+
 def version():
     shown = subprocess.run([PROGRAM, "--version"], capture_output=True, text=True, check=True)
     return shown.stdout.strip()
@@ -46,7 +51,7 @@ def version():
 def alerts(script, urls, zone="UTC", options=()):
     """Loads `script`, in which PROXY_PORT is the port of a proxy, asks for each of `urls`, and
     returns the texts of alert(), each once."""
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), _Server)
+    server = _Listener(("127.0.0.1", 0), _Server)
     server.script = f"var PROXY_PORT = {server.server_port};\n{script}".encode()
     server.page = "".join(f"<img src='{url}'>" for url in urls).encode()
     threading.Thread(target=server.serve_forever, daemon=True).start()

@@ -1,0 +1,130 @@
+"""Debian's Firefox ESR as an engine of scripts: what a script passes to alert().
+
+Firefox writes alerts to its console. Its remote control for tests (Marionette) asks for URLs without
+fetching them and reads the console.
+"""
+
+import http.server
+import json
+import os
+import shutil
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+
+PROGRAM = "firefox-esr"
+START_LIMIT = 60  # seconds until it listens
+LIMIT = 300  # seconds of one request
+PREFERENCES = {
+    "network.proxy.type": 2, "network.proxy.autoconfig_url.include_path": True,
+    "network.proxy.failover_direct": False, "browser.shell.checkDefaultBrowser": False,
+    "datareporting.policy.dataSubmissionEnabled": False, "toolkit.telemetry.enabled": False,
+    "app.update.enabled": False, "network.captive-portal-service.enabled": False,
+    "network.connectivity-service.enabled": False, "marionette.port": 0,
+}
+# Asks the proxy service for each URL, one after the other, then returns what alert() has logged.
+ASK = """
+const [urls, done] = arguments;
+const service = Cc["@mozilla.org/network/protocol-proxy-service;1"].getService(Ci.nsIProtocolProxyService);
+const ask = (url) => new Promise((resolve) => service.asyncResolve(
+  Services.io.newChannel(url, null, null, null, Services.scriptSecurityManager.getSystemPrincipal(), null,
+    Ci.nsILoadInfo.SEC_ALLOW_CROSS_ORIGIN_SEC_CONTEXT_IS_NULL, Ci.nsIContentPolicy.TYPE_OTHER), 0,
+  { QueryInterface: ChromeUtils.generateQI(["nsIProtocolProxyCallback"]),
+    onProxyAvailable: (request, channel, info, status) => resolve(status) }));
+(async () => {
+  const alerts = [];
+  for (const url of urls) {
+    Services.console.reset();
+    await ask(url);
+    for (let i = 0; i < 200; i++) {
+      const texts = Services.console.getMessageArray().map((one) => one.message)
+        .filter((text) => text.startsWith("PAC-alert: #"));
+      if (texts.length > 0) { alerts.push(...texts.map((text) => text.slice(11))); break; }
+      await new Promise((resolve) => Services.tm.dispatchToMainThread(resolve));
+    }
+  }
+  done(alerts);
+})().catch((error) => done(["error " + error]));
+"""
+
+
+class _Script(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):
+        self.send_response(200)
+        self.send_header("Content-Type", "application/x-ns-proxy-autoconfig")
+        self.send_header("Content-Length", str(len(self.server.script)))
+        self.end_headers()
+        self.wfile.write(self.server.script)
+
+    def log_message(self, *_):
+        pass
+
+
+def version():
+    return subprocess.run([PROGRAM, "--version"], capture_output=True, text=True, check=True).stdout.strip()
+
+
+class _Control:
+    """A connection to Marionette: a length, a colon, and a list as JSON, both ways."""
+
+    def __init__(self, port):
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=LIMIT)
+        self.stream = self.socket.makefile("rb")
+        self.number = 0
+        self._receive()
+
+    def _receive(self):
+        digits = b""
+        while (byte := self.stream.read(1)) != b":":
+            digits += byte
+        return json.loads(self.stream.read(int(digits)))
+
+    def __call__(self, command, **parameters):
+        self.number += 1
+        text = json.dumps([0, self.number, command, parameters]).encode()
+        self.socket.sendall(str(len(text)).encode() + b":" + text)
+        _, _, error, result = self._receive()
+        if error:
+            raise RuntimeError(f"{command}: {error['message']}")
+        return result
+
+
+def alerts(script, urls, zone="UTC"):
+    """Loads `script`, asks for each of `urls`, and returns the texts of alert() that begin with "#"."""
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), _Script)
+    server.script = ("var PROXY_PORT = 1;\n" + script).encode()
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    profile = tempfile.mkdtemp(prefix="firefox.")
+    preferences = {**PREFERENCES,
+                   "network.proxy.autoconfig_url": f"http://127.0.0.1:{server.server_port}/script.pac"}
+    with open(os.path.join(profile, "user.js"), "w", encoding="utf-8") as file:
+        file.writelines(f'user_pref("{name}", {json.dumps(value)});\n' for name, value in preferences.items())
+    browser = subprocess.Popen(
+        [PROGRAM, "--headless", "--no-remote", "--profile", profile, "--marionette",
+         "--remote-allow-system-access"],
+        env={**os.environ, "TZ": zone, "HOME": profile}, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    try:
+        control = _Control(_port(profile, browser))
+        control("WebDriver:NewSession", capabilities={"alwaysMatch": {"timeouts": {"script": LIMIT * 1000}}})
+        control("Marionette:SetContext", value="chrome")
+        return control("WebDriver:ExecuteAsyncScript", script=ASK, args=[urls])["value"]
+    finally:
+        browser.terminate()
+        browser.wait(timeout=START_LIMIT)
+        server.shutdown()
+        server.server_close()
+        shutil.rmtree(profile, ignore_errors=True)
+
+
+def _port(profile, browser):
+    """Firefox writes the port that it has chosen to its profile."""
+    path = os.path.join(profile, "MarionetteActivePort")
+    limit = time.monotonic() + START_LIMIT
+    while time.monotonic() < limit and browser.poll() is None:
+        if os.path.exists(path) and os.path.getsize(path) > 0:
+            with open(path, encoding="ascii") as file:
+                return int(file.read())
+        time.sleep(0.1)
+    raise RuntimeError("Firefox does not listen")
