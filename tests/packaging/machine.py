@@ -56,9 +56,9 @@ def _needed(packages):
     return sorted(names - own - {""})
 
 
-def _root_archive(folder, names):
-    """A minimal Debian with packages by their names; made once, then kept in the folder."""
-    include = ",".join(names)
+def _root_archive(folder, packages):
+    """A minimal Debian with what the packages need; made once, then kept in the folder."""
+    include = ",".join(_needed(packages))
     key = hashlib.sha256(include.encode()).hexdigest()[:12]
     archive = pathlib.Path(folder, f"{SUITE}-{key}.tar")
     if not archive.exists():
@@ -75,10 +75,9 @@ class Account:
 
 
 class Machine:
-    def __init__(self, folder, packages, names=()):
-        """@param packages files that the tests install @param names further packages of Debian"""
+    def __init__(self, folder, packages):
         self.packages = packages
-        self._archive = _root_archive(folder, sorted({*_needed(packages), *names}))
+        self._archive = _root_archive(folder, packages)
         self._ends = contextlib.ExitStack()
 
     def __enter__(self):
@@ -142,12 +141,12 @@ class Machine:
             time.sleep(0.05)
         return result
 
-    def run(self, *command, check=True, limit=5 * LIMIT):
+    def run(self, *command, check=True):
         """Runs a program in the system, as root. @return what it did and said"""
         done = subprocess.run(
             ["nsenter", "-t", str(self.pid), "-m", "-p", "-n", "-u", "-i", "-C", "env", "-i",
              f"PATH={PATH}", "DEBIAN_FRONTEND=noninteractive", "LC_ALL=C.UTF-8", *command],
-            capture_output=True, text=True, stdin=subprocess.DEVNULL, timeout=limit)
+            capture_output=True, text=True, stdin=subprocess.DEVNULL, timeout=5 * LIMIT)
         if check:
             assert done.returncode == 0, f"{command}: {done.stdout}{done.stderr}"
         return done

@@ -377,14 +377,6 @@ def test_the_init_script_runs_the_daemon_with_the_same_rights(installed, callers
     installed.run("systemctl", "start", UNIT)
 
 
-def test_the_documents_are_installed_and_link_to_each_other(installed):
-    readme = installed.run("cat", "/usr/share/doc/proxymanagerd/README.md").stdout
-    for page in ("operating", "integration", "dbus-api", "pac-language"):
-        assert f"(docs/{page}.md" in readme
-        installed.run("test", "-s", f"/usr/share/doc/proxymanagerd/docs/{page}.md")
-    installed.run("test", "-s", "/usr/share/doc/proxymanagerd/packaging/hooks/README.md")
-
-
 def test_removing_and_purging_leave_nothing(installed, before):
     names = [pathlib.Path(package).name.split("_")[0] for package in installed.packages]
     installed.run("userdel", "stranger")
