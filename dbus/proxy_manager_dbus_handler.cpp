@@ -2,7 +2,9 @@
 
 #include <dbus/dbus-protocol.h>
 
+#include <cstring>
 #include <exception>
+#include <utility>
 
 #include "base/log_line.h"
 #include "dbus/service_callbacks.h"
@@ -46,6 +48,7 @@ std::vector<std::string> ProxyManagerDbusHandler::getProxyurl(const std::string&
   logLine(LOG_INFO, "ProxyManagerDbusHandler-getProxyurl called ");
   const Lock lock(mServiceMutex);
   if (service() == nullptr) return {"off"};
+  if (mAnswersWithoutScript) return service_callbacks::getProxyUrlWithoutScript(*service());
   return service_callbacks::getProxyUrl(*service(), requestUrl);
 }
 
@@ -79,11 +82,50 @@ DBus::InterfaceAdaptor* ProxyManagerDbusHandler::interfaceOf(const DBus::CallMes
   return find_interface("org.freedesktop.DBus.Introspectable");
 }
 
+void ProxyManagerDbusHandler::queueCalls() {
+  const auto serveOne = [this](const DBus::CallMessage& call) { serve(call); };
+  const auto refuseOne = [this](const DBus::CallMessage& call) {
+    mAnswersWithoutScript = true;
+    serve(call);
+    mAnswersWithoutScript = false;
+  };
+  mWaitingCalls = std::make_unique<WaitingCalls>(conn(), serveOne, refuseOne);
+}
+
+int ProxyManagerDbusHandler::takeTurn() {
+  if (!mRefusesCalls) return mWaitingCalls->takeTurn();
+  mWaitingCalls->serveAll();  // each gets the answer of a handler without a service at once
+  return -1;
+}
+
 // Nothing may leave through the library's C code that called us.
 bool ProxyManagerDbusHandler::handle_message(const DBus::Message& message) {
   if (message.type() != DBUS_MESSAGE_TYPE_METHOD_CALL) return false;
   // As the library itself does: a CallMessage is a Message with other member functions.
   const auto& call = reinterpret_cast<const DBus::CallMessage&>(message);
+  return letWait(call) || serve(call);
+}
+
+// @return false for a call that is answered at once
+bool ProxyManagerDbusHandler::letWait(const DBus::CallMessage& call) {
+  if (!mWaitingCalls || mRefusesCalls) return false;
+  const char* interface = call.interface();
+  if (interface != nullptr && std::strcmp(interface, kInterface) != 0) return false;
+  if (!hasMethod(call.member())) return false;
+  const bool isQuestion = std::strcmp(call.member(), "getProxyurl") == 0;
+  const bool isUpdate = std::strcmp(call.member(), "updateProxyconfig") == 0;
+  try {
+    mWaitingCalls->add(call, isQuestion ? CallOrder::Kind::kQuestion : CallOrder::Kind::kPlain,
+                       isUpdate);
+    return true;
+  } catch (const std::exception& error) {
+    logLine(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: %s", error.what());
+  }
+  return answerWithoutService(call);
+}
+
+// @return whether the call is answered; if not, libdbus answers: unknown method
+bool ProxyManagerDbusHandler::serve(const DBus::CallMessage& call) noexcept {
   try {
     return answer(call);
   } catch (const std::exception& error) {
@@ -94,7 +136,6 @@ bool ProxyManagerDbusHandler::handle_message(const DBus::Message& message) {
   return answerWithoutService(call);
 }
 
-// @return whether the call is answered; if not, libdbus answers: unknown method
 bool ProxyManagerDbusHandler::answer(const DBus::CallMessage& call) {
   auto* interface = interfaceOf(call);
   if (interface == nullptr) return false;

@@ -11,11 +11,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "base/mutex.h"
 #include "dbus/proxy_manager_service_interface.h"
+#include "dbus/waiting_calls.h"
 
 class ProxyManagerServiceImpl;
 
@@ -43,6 +46,14 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   /// Any thread but the bus thread inside a call.
   void detachService() PM_EXCLUDES(mServiceMutex);
 
+  /// From now on calls of the interface wait for takeTurn() instead of being answered as they come.
+  /// The connection outlives the handler. Before the connection is dispatched.
+  void queueCalls();
+  /// Serves one waiting call. Bus thread.
+  /// @return milliseconds until it wants to be called again if nothing comes from the bus; -1:
+  /// never
+  int takeTurn();
+
   /// Always true.
   bool checkServicestarted() override;
   /// The service's answer; "off" alone without a service.
@@ -61,6 +72,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   // The library's own ends the process on a call without an interface and on foreign exceptions.
   bool handle_message(const DBus::Message& message) override;
   DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
+  bool letWait(const DBus::CallMessage& call);
+  bool serve(const DBus::CallMessage& call) noexcept;
   bool answer(const DBus::CallMessage& call);
   bool answerWithoutService(const DBus::CallMessage& call) noexcept;
   ProxyManagerServiceImpl* service() const PM_REQUIRES(mServiceMutex);
@@ -69,5 +82,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   Mutex mServiceMutex;
   ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
   std::atomic<bool> mRefusesCalls{false};
-  bool mAnswersAlone = false;  // bus thread: the call is answered as without a service
+  // Bus thread: how the call is answered.
+  bool mAnswersAlone = false;          // as without a service
+  bool mAnswersWithoutScript = false;  // as without an answer of the script
+  std::unique_ptr<WaitingCalls> mWaitingCalls;
 };

@@ -38,6 +38,9 @@ class PacParser {
   static constexpr int kCacheCapacity = 50;
   /// Most hosts remembered as asked for asynchronously: as many as the engine's queue holds.
   static constexpr std::size_t kMaxPendingHosts = 256;
+  /// Most pieces between ";" of a result text that are read, known or not. A program tries the
+  /// entries one after the other; no network has so many proxies for one host.
+  static constexpr int kMaxResultPieces = 64;
   /// Length of a script's digest in bytes.
   static constexpr std::size_t kDigestLength = 16;
 
@@ -87,8 +90,9 @@ class PacParser {
     return std::shared_lock(mAnswerGate);
   }
 
-  /// The entries of a result text such as "PROXY a:1; DIRECT", unknown ones left out. Their texts
-  /// are the caller's, to be released with clearProxySettings.
+  /// The entries of a result text such as "PROXY a:1; DIRECT", unknown ones left out; of more than
+  /// kMaxResultPieces pieces the rest is dropped, with a LOG_WARNING line. The caller owns their
+  /// texts and releases them with clearProxySettings.
   static ProxyUrlSettings proxys2ProxySettings(const std::string& proxys);
 
   /// One entry: type 1 "DIRECT", 2 "PROXY ...", 3 "SOCKS ...", else 0 without a text. Its text is

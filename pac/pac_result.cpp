@@ -32,7 +32,9 @@ ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
   OwnedSettings held;
   auto& settings = held.get();
   std::size_t begin = 0;
+  int pieces = 0;
   for (auto end = proxys.find(';'); end != std::string::npos; end = proxys.find(';', begin)) {
+    if (pieces++ == PacParser::kMaxResultPieces) break;
     const std::string piece = proxys.substr(begin, end - begin);
     begin = end + 1;
     if (const auto* entry = append(settings, piece)) {
@@ -41,6 +43,11 @@ ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
     }
   }
   if (begin == proxys.size()) return held.release();
+  if (pieces >= PacParser::kMaxResultPieces) {
+    logLine(LOG_WARNING,
+            "PacParser-proxys2ProxySettings more than 64 entries, the rest is dropped");
+    return held.release();
+  }
   const std::string rest = proxys.substr(begin);
   if (const auto* entry = append(settings, rest)) {
     logLine(LOG_INFO, "PacParser-proxys2ProxySettings subString:%s proxy type:%d, url:%s",

@@ -19,6 +19,10 @@ std::vector<std::string> getProxyUrl(ProxyManagerServiceImpl& service,
   return service.getProxyUrl(requestUrl);
 }
 
+std::vector<std::string> getProxyUrlWithoutScript(ProxyManagerServiceImpl& service) {
+  return service.getProxyUrlWithoutScript();
+}
+
 com::zentu::ProxyConfigTexts getProxyConfig(ProxyManagerServiceImpl& service) {
   return service.getProxyConfig();
 }

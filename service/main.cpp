@@ -15,8 +15,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <exception>
+#include <future>
 #include <memory>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 #include "base/log_line.h"
 #include "platform/process/crash_handler.h"
@@ -131,6 +134,18 @@ void limitItself() {
   process::returnFreedMemory();
 }
 
+/// Deletes the service, which waits for a download and for what else is in progress. The supervisor
+/// must not take that for a hang, so this thread goes on feeding the watchdog.
+void stopService(std::unique_ptr<SlService> service) {
+  std::future<void> stopped;
+  try {
+    stopped = std::async(std::launch::async, [&service] { service.reset(); });
+  } catch (const std::system_error&) {
+    return;  // no thread: the caller's end deletes it
+  }
+  while (stopped.wait_for(kWatchdogFeedInterval) != std::future_status::ready) feedWatchdog();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -168,6 +183,6 @@ int main(int argc, char** argv) {
   }
   logLine(LOG_INFO, "main Stop proxymanager Service");
   notifyStopping();
-  service.reset();
+  stopService(std::move(service));
   return EXIT_SUCCESS;
 }

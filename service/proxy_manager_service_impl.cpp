@@ -41,6 +41,8 @@ std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
 ProxyManagerServiceImpl::ProxyManagerServiceImpl()
     : mBusHelper(DBus::get_helper()), mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
   logLine(LOG_INFO, "ProxyManagerServiceImpl-ProxyManagerServiceImpl called ");
+  mDbusHandler.queueCalls();
+  mBusHelper->setTurn([this] { return mDbusHandler.takeTurn(); });
   mBusHelper->requestName(kBusName);
   const Lock lock(mConfigMutex);
   initProxyConfig(mConfig.get());
@@ -150,10 +152,17 @@ std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string&
     PM_NO_THREAD_SAFETY_ANALYSIS {
   logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl proxy mode:%d, request url:%s",
           mConfig->mode, requestUrl.c_str());
+  auto urls = getProxyUrlWithoutScript();
+  if (mConfig->mode == pacurl || mConfig->mode == wpad) appendScriptAnswer(requestUrl, urls);
+  return urls;
+}
+
+// Unlocked for the same reason.
+std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript()
+    PM_NO_THREAD_SAFETY_ANALYSIS {
   std::vector<std::string> urls{proxyMode2Str(mConfig->mode)};
-  if (mConfig->mode == pacurl || mConfig->mode == wpad) {
-    appendScriptAnswer(requestUrl, urls);
-  } else if (mConfig->mode == manual && mConfig->proxyurl != nullptr) {
+  if (mConfig->mode == pacurl || mConfig->mode == wpad) return urls;
+  if (mConfig->mode == manual && mConfig->proxyurl != nullptr) {
     logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl manual, proxyUrl:%s",
             mConfig->proxyurl);
     urls.emplace_back(mConfig->proxyurl);

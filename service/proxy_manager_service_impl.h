@@ -60,6 +60,9 @@ class ProxyManagerServiceImpl : public SlService {
   /// s at most. Bus thread.
   std::vector<std::string> getProxyUrl(const std::string& requestUrl);
 
+  /// What getProxyUrl() returns if the script has no answer. Never waits. Bus thread.
+  std::vector<std::string> getProxyUrlWithoutScript();
+
   /// A new PAC file is in place. Fetcher thread.
   void pacFileUpdated();
 

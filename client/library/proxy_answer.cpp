@@ -193,7 +193,7 @@ std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts) {
   answer.mode = texts.front();
   const bool oneProxy = answer.mode == "off" || answer.mode == "manual";
   if (oneProxy && texts.size() == 1) return std::nullopt;
-  for (const auto& text : texts.subspan(1)) {
+  for (const auto& text : texts.subspan(1, std::min(texts.size() - 1, kMaxEntries))) {
     answer.entries.push_back(oneProxy ? parseManualProxy(text) : parseEntry(text));
   }
   return answer;

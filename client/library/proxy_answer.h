@@ -5,6 +5,7 @@
 // a text, and is of no use: nothing is guessed from it, and nothing of it reaches a program.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -36,6 +37,10 @@ struct ProxyEntry {
   bool operator==(const ProxyEntry&) const = default;
 };
 
+/// Most entries of an answer; the daemon sends no more. Further ones are dropped: a program connects
+/// to one after the other.
+inline constexpr std::size_t kMaxEntries = 64;
+
 struct ProxyAnswer {
   std::string mode;
   std::vector<ProxyEntry> entries;  ///< in the order to be tried; empty where there is no answer
@@ -58,7 +63,7 @@ std::vector<ProxyEntry> parseEntries(std::string_view text);
 ProxyEntry parseManualProxy(std::string_view text);
 
 /// Reads what the daemon returns: the mode, then in modes off and manual one text, which may be
-/// empty, in the others one for each entry.
+/// empty, in the others one for each entry, kMaxEntries at most.
 /// @return nothing where the daemon has no service any more, as it is about to end: it says "off"
 /// and no more then; and where there is no text at all
 std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts);

@@ -85,10 +85,16 @@ void BusHelper::requestName(const char* name) {
       result != DBUS_REQUEST_NAME_REPLY_ALREADY_OWNER) {
     throw Error("org.freedesktop.DBus.Error.AddressInUse", "another process owns the bus name");
   }
+  mName = name;
+}
+
+void BusHelper::setTurn(std::function<int()> turn) {
+  mLoop->setTurn(std::move(turn));
 }
 
 void BusHelper::startDispatching() {
-  mLoop->start(*mConnection, endAsTheBusIsLost);
+  if (mLoop->hasReleasedName()) requestName(std::string(mName).c_str());
+  mLoop->start(*mConnection, mName, endAsTheBusIsLost);
 }
 
 void BusHelper::stopDispatching() {

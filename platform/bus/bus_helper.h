@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 
 namespace DBus {
 
@@ -39,12 +40,20 @@ class BusHelper {
   /// Throws DBus::Error if the bus denies the name, somebody else owns it, or no answer comes.
   void requestName(const char* name);
 
-  /// Starts the bus thread. Does nothing if it runs.
+  /// What the bus thread does after it has handled all that it has read, while nothing waits to be
+  /// written: one piece of work. `turn` returns the milliseconds until it wants to be called again
+  /// if nothing comes from the bus, 0 for at once, -1 for never. It throws nothing. While nothing
+  /// is dispatched.
+  void setTurn(std::function<int()> turn);
+
+  /// Starts the bus thread, and asks for the name again if stopDispatching() has given it back.
+  /// Throws as requestName(). Nothing where it runs.
   void startDispatching();
 
-  /// Ends and joins the bus thread. Before that it runs what run() queued and sends what waits, as
-  /// far as the bus takes it (5 s at most); drops the rest. Does nothing if it does not run. Must
-  /// not be called on the bus thread.
+  /// Gives the bus name back, answers every call that the bus has delivered until then, runs what
+  /// run() queued, sends what waits, and joins the bus thread: within 5 s each for the answers and
+  /// for the sending, after which the rest is dropped. Nothing where it does not run. Not to be
+  /// called on the bus thread.
   void stopDispatching();
 
   /// Runs `function` on the thread that may touch the connection: at once if that is the calling
@@ -61,6 +70,7 @@ class BusHelper {
   DispatcherReset mReset;          // the library's global names the loop as long as that lives
   std::unique_ptr<BusLoop> mLoop;  // outlives the connection, whose watches it holds
   std::unique_ptr<Connection> mConnection;
+  std::string mName;  // empty before requestName()
 };
 
 /// The process-wide helper: made with the first call, shared by those that hold it, gone with the

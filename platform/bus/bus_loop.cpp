@@ -21,6 +21,9 @@ namespace {
 // The last output of a daemon that ends fits in the socket's buffer, unless the bus is stuck or, on
 // a busy machine, waits for a processor.
 constexpr std::chrono::seconds kSendLimit{5};
+// How long calls that had come before the end are answered. A full bus holds 25,600 of them.
+constexpr std::chrono::seconds kAnswerLimit{5};
+constexpr int kAnswerPollMilliseconds = 100;
 // A wait that the system refuses is tried again after this long.
 constexpr std::chrono::milliseconds kRefusedPause{100};
 
@@ -80,9 +83,11 @@ BusLoop::~BusLoop() {
   stop();
 }
 
-void BusLoop::start(Connection& connection, std::function<void()> lost) {
+void BusLoop::start(Connection& connection, const std::string& name, std::function<void()> lost) {
   if (mThread.joinable()) return;
   mConnection = &connection;
+  mName = name;
+  mHasReleasedName = false;
   mLost = std::move(lost);
   mLeave = false;
   mThread = std::thread([this] { enter(); });
@@ -175,11 +180,16 @@ BusLoop::End BusLoop::run() {
       leaveInOrder();
       return End::kLeft;
     }
-    waitAndHandle();
+    waitAndHandle(takeTurn());
   }
 }
 
-// Functions that are posted meanwhile wait for the next turn: calls come first.
+// Not while something waits to be written, see the header.
+int BusLoop::takeTurn() {
+  return mTurn && !outputWaits() ? mTurn() : -1;
+}
+
+// Not what is posted meanwhile: calls have their turn too.
 void BusLoop::runPosted() {
   for (auto left = posted(); left > 0 && !outputWaits(); --left) {
     std::function<void()> first;
@@ -207,10 +217,12 @@ void BusLoop::runLogged(const std::function<void()>& function) {
   }
 }
 
-void BusLoop::waitAndHandle() {
+void BusLoop::waitAndHandle(int turnTimeout) {
   collectEntries();
-  const int ready = poll(mEntries.data(), mEntries.size(), pollTimeout());
-  // The kernel has no memory, or the descriptor limit is below what is watched: both may pass.
+  int timeout = pollTimeout();
+  if (turnTimeout >= 0 && (timeout < 0 || turnTimeout < timeout)) timeout = turnTimeout;
+  const int ready = poll(mEntries.data(), mEntries.size(), timeout);
+  // No memory in the kernel, or a limit of descriptors below what is watched: both may pass.
   if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kRefusedPause);
   if (ready > 0) {
     if (mEntries.front().revents != 0) {
@@ -283,15 +295,43 @@ void BusLoop::handleTimeouts() {
   }
 }
 
-// Functions that were posted before the end still run, as far as the bus accepts their output.
+// What was posted before the end is still sent, as far as the bus takes it.
 void BusLoop::leaveInOrder() {
+  answerWhatHasCome(Clock::now() + kAnswerLimit);
   const auto limit = Clock::now() + kSendLimit;
   sendWhatWaits(limit);
   runPosted();
   sendWhatWaits(limit);
 }
 
-// The library's own flush waits for ever if the bus does not read.
+// After the bus's answer to the release of the name, no call comes that is sent to the name: a
+// caller learns that the service has gone, and waits for no answer that never comes.
+void BusLoop::answerWhatHasCome(Clock::time_point limit) {
+  if (mName.empty()) return;
+  MessageSlot filter;
+  filter = new Callback<BusLoop, bool, const Message&>(this, &BusLoop::onMessage);
+  mConnection->add_filter(filter);
+  CallMessage release("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                      "ReleaseName");
+  release.writer().append_string(mName.c_str());
+  mConnection->send(release, &mReleaseSerial);
+  while (mConnection->connected() && mReleaseSerial != 0 && Clock::now() < limit) {
+    waitAndHandle(kAnswerPollMilliseconds);
+    dispatch_pending();
+    takeTurn();
+  }
+  mConnection->remove_filter(filter);
+  mHasReleasedName = true;
+}
+
+bool BusLoop::onMessage(const Message& message) {
+  const int type = message.type();
+  if (type != DBUS_MESSAGE_TYPE_METHOD_RETURN && type != DBUS_MESSAGE_TYPE_ERROR) return false;
+  if (message.reply_serial() == static_cast<int>(mReleaseSerial)) mReleaseSerial = 0;
+  return false;
+}
+
+// The library's own flush waits for ever where the bus does not read.
 void BusLoop::sendWhatWaits(Clock::time_point limit) {
   while (mConnection->connected() && outputWaits() && Clock::now() < limit) {
     collectEntries();

@@ -23,7 +23,9 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/mutex.h"
@@ -44,12 +46,20 @@ class BusLoop : public Dispatcher {
 
   /// Starts a thread that runs the loop for `connection`; `lost` is called on it if the
   /// connection is lost.
-  void start(Connection& connection, std::function<void()> lost);
-  /// Ends and joins the thread. Before that it runs what was posted and sends what waits, as far as
-  /// the bus accepts it within 5 s; drops the rest.
+  /// @param name the connection's well-known name, which the end of the loop gives back; may be
+  /// empty
+  void start(Connection& connection, const std::string& name, std::function<void()> lost);
+  /// Ends and joins the thread. Before that the loop gives the name back and answers what the bus
+  /// had delivered until then, runs what was posted and sends what waits: within 5 s each for the
+  /// answers and for the sending; it drops the rest.
   void stop();
 
-  /// Queues `function` for the thread. @return false if the queue is full or there is
+  /// See BusHelper::setTurn().
+  void setTurn(std::function<int()> turn) { mTurn = std::move(turn); }
+  /// Whether the end of the last run has given the name back.
+  bool hasReleasedName() const { return mHasReleasedName; }
+
+  /// Queues `function` for the thread. @return false where the queue is full or there is
   /// no memory
   bool post(std::function<void()> function) PM_EXCLUDES(mMutex);
 
@@ -74,7 +84,10 @@ class BusLoop : public Dispatcher {
 
   End run();
   void runPosted() PM_EXCLUDES(mMutex);
-  void waitAndHandle() PM_EXCLUDES(mMutex);
+  void waitAndHandle(int turnTimeout) PM_EXCLUDES(mMutex);
+  int takeTurn();
+  bool onMessage(const Message& message);
+  void answerWhatHasCome(Clock::time_point limit);
   void handleWatches() PM_EXCLUDES(mMutex);
   void handleTimeouts() PM_EXCLUDES(mMutex);
   std::size_t posted() PM_EXCLUDES(mMutex);
@@ -89,7 +102,11 @@ class BusLoop : public Dispatcher {
   const base::UniqueFd mEventFd;
   std::atomic<bool> mLeave{false};
   Connection* mConnection = nullptr;  // of the helper; set before the thread starts
+  std::string mName;
   std::function<void()> mLost;
+  std::function<int()> mTurn;
+  unsigned int mReleaseSerial = 0;  // of the call that gives the name back; 0: none is under way
+  bool mHasReleasedName = false;
   std::thread mThread;
   std::atomic<std::thread::id> mThreadId{};
 

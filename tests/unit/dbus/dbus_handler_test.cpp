@@ -45,6 +45,9 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(const std::string&, cons
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl) {
   return onUrl(requestUrl);
 }
+std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript() {
+  return {"wpad"};
+}
 void ProxyManagerServiceImpl::pacContentUpdated() {}
 void ProxyManagerServiceImpl::pacFileUpdated() {}
 

@@ -83,4 +83,31 @@ TEST(PacResult, SaysEachPieceWithItsLine) {
             }));
 }
 
+std::string pieces(int count) {
+  std::string text;
+  for (int i = 0; i < count; ++i)
+    text += (i > 0 ? ";" : "") + std::string("PROXY p:") + std::to_string(i);
+  return text;
+}
+const char* const kDropped =
+    "PacParser-proxys2ProxySettings more than 64 entries, the rest is dropped";
+
+TEST(PacResult, ReadsSixtyFourPieces) {
+  EXPECT_EQ(parsed(pieces(64)).size(), 64U);
+  EXPECT_EQ(parsed(pieces(64) + ";").size(), 64U) << "nothing stands after the last one";
+  EXPECT_EQ(parsed(std::string(63, ';') + "DIRECT").size(), 1U);
+  EXPECT_EQ(countLog(LOG_WARNING, kDropped), 0);
+}
+
+TEST(PacResult, DropsWhatFollowsTheSixtyFourthPieceKnownOrNot) {
+  EXPECT_EQ(parsed(pieces(65)), parsed(pieces(64)));
+  EXPECT_EQ(countLog(LOG_WARNING, kDropped), 1);
+  EXPECT_EQ(parsed(std::string(64, ';') + "DIRECT"), Entries{}) << "empty pieces count";
+  EXPECT_EQ(countLog(LOG_WARNING, kDropped), 2);
+  clearLog();
+  parsed(pieces(9363));
+  EXPECT_EQ(countLog(LOG_WARNING, kDropped), 1);
+  EXPECT_LT(logLines().size(), 64U * 6);
+}
+
 }  // namespace

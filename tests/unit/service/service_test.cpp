@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "fetcher/pac_fetcher.h"
@@ -68,6 +70,35 @@ TEST_F(Service, SaysWhenTheContentIsNew) {
             (std::vector<LogLine>{
                 {LOG_NOTICE,
                  "ProxyManagerServiceImpl-pacContentUpdated pacFileName:/tmp/proxymanager.pac"}}));
+}
+
+// Asked over the bus, from a connection of its own.
+std::vector<std::string> askedOverTheBus() {
+  DBus::BusDispatcher loop;
+  auto* const own = std::exchange(DBus::default_dispatcher, &loop);
+  std::vector<std::string> texts;
+  {
+    DBus::Connection client(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
+    client.register_bus();
+    DBus::CallMessage call("com.zentu.ProxyManagerService", "/com/zentu/ProxyManagerService",
+                           "com.zentu.ProxyManagerServiceInterface", "getProxyurl");
+    call.writer().append_string("http://a/");
+    const DBus::Message reply = client.send_blocking(call, 20'000);
+    for (auto text = reply.reader().recurse(); !text.at_end(); ++text) {
+      texts.emplace_back(text.get_string());
+    }
+  }
+  DBus::default_dispatcher = own;
+  return texts;
+}
+
+TEST_F(Service, StartedAgainAfterItsStopItAnswersOnTheBusAgain) {
+  for (int i = 0; i < 2; ++i) {
+    mService.start();
+    EXPECT_EQ(askedOverTheBus(), (Texts{"off", ""})) << "without a service it is off alone";
+    mService.stop();
+    EXPECT_THROW(askedOverTheBus(), DBus::Error) << "the name is free";
+  }
 }
 
 }  // namespace

@@ -179,6 +179,15 @@ TEST(ProxyAnswerTest, HasTheEntriesOfAScript) {
   }
 }
 
+TEST(ProxyAnswerTest, HasSixtyFourEntriesAtMost) {
+  std::vector<std::string> texts(1 + client::kMaxEntries, "PROXY a:1");
+  texts.front() = "pacurl";
+  EXPECT_EQ(parseAnswer(texts)->entries.size(), 64U);
+  texts.emplace_back("DIRECT");
+  EXPECT_EQ(parseAnswer(texts)->entries.size(), 64U);
+  EXPECT_EQ(parseAnswer(texts)->entries.back().kind, ProxyKind::kHttp) << "the first ones stay";
+}
+
 TEST(ProxyAnswerTest, OfADaemonWithoutServiceIsNone) {
   EXPECT_FALSE(parseAnswer(std::vector<std::string>{"off"}));
   EXPECT_FALSE(parseAnswer({}));

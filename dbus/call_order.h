@@ -1,0 +1,110 @@
+// The order in which waiting calls have their turn.
+//
+// A call that a script answers takes up to 5.25 s, and the bus thread serves one call at a time. So
+// the calls that wait stand in one queue for each connection, and this class decides whose call is
+// next. Within a connection the order is that of arrival; the first call of each connection
+// competes with the first calls of the others:
+//
+// 1. calls that need no script, of root and of the service's own user;
+// 2. calls that need no script, of everybody;
+// 3. questions, which need the script. After kPlainInARow calls that need none, one question has
+// its
+//    turn.
+//
+// Each kind goes round robin over the users, and then over the connections of a user. A connection
+// whose user is not known yet counts as a user of its own. A newcomer stands behind those who wait,
+// and before the one that was served last.
+//
+// Knows nothing of the bus: names and users are given to it. Not synchronised; one thread.
+#pragma once
+
+#include <dbus-c++/dbus.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+class CallOrder {
+ public:
+  /// What a call needs.
+  enum class Kind : std::uint8_t { kPlain, kQuestion };
+
+  /// Most questions that wait, of one connection and of one user. A browser has some tens of
+  /// requests in progress; whoever has more gets an answer without the script at once.
+  static constexpr std::size_t kMaxOfConnection = 64;
+  static constexpr std::size_t kMaxOfUser = 256;
+  /// Calls that need no script, in a row, before a question has its turn.
+  static constexpr unsigned kPlainInARow = 64;
+
+  /// @param ownUser user of this process; its calls and root's go first
+  explicit CallOrder(unsigned long ownUser) : mOwnUser(ownUser) {}
+
+  /// Whether one more question of `sender` may wait. Of a call that needs no script: whether fewer
+  /// than kMaxOfConnection calls of the connection wait.
+  bool hasRoom(const std::string& sender, Kind kind) const;
+
+  /// Lets `call` wait. The caller has asked hasRoom() if it wants the bound.
+  void add(const std::string& sender, Kind kind, DBus::CallMessage call);
+
+  /// The connections whose user is not known. Each is named once while its calls wait.
+  std::vector<std::string> takeUnknown();
+
+  /// Takes the next call. @param withQuestions false: questions have no turn now
+  /// @return nothing if no such call waits
+  std::optional<DBus::CallMessage> next(bool withQuestions);
+
+  /// The user of a connection is known. @return the questions beyond the user's bound, the newest
+  /// ones, which wait no longer
+  std::vector<DBus::CallMessage> setUser(const std::string& sender, unsigned long user);
+
+  /// The connection has left the bus: drops its calls.
+  void drop(const std::string& sender);
+
+  /// Forgets connections and users. Only while nothing waits.
+  void forget();
+
+  std::size_t waiting() const { return mWaiting; }
+
+ private:
+  using Turns = std::array<std::uint64_t, 2>;  // by kind: when the last turn was, in turns
+  struct User {
+    Turns lastTurn{};
+    std::size_t questions = 0;
+    std::size_t connections = 0;
+    bool goesFirst = false;
+  };
+  struct Waiting {
+    Kind kind;
+    DBus::CallMessage call;
+  };
+  struct Connection {
+    std::string user;      // its own name until the user is known
+    bool isNamed = false;  // by takeUnknown()
+    Turns lastTurn{};
+    std::size_t questions = 0;
+    std::list<Waiting> calls;
+  };
+  using Connections = std::map<std::string, Connection>;
+
+  Connections::iterator first(Kind kind, bool onlyPrivileged);
+  Connections::iterator choose(bool withQuestions);
+  void standBehind();
+  void leaveUser(const Connection& connection);
+  void erase(Connections::iterator connection);
+
+  const unsigned long mOwnUser;
+  Connections mConnections;              // by unique name
+  std::map<std::string, User> mUsers;    // by number, or by the name of a connection
+  std::array<std::size_t, 2> mOfKind{};  // waiting calls
+  std::size_t mWaiting = 0;
+  std::size_t mUnnamed = 0;  // connections that takeUnknown() has not named
+  std::uint64_t mTurn = 0;
+  unsigned mPlainServed = 0;
+  std::string mLastServed;  // a connection; empty: it has left, or stands behind the others
+  Kind mLastKind = Kind::kPlain;
+};

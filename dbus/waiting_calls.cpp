@@ -1,0 +1,160 @@
+#include "dbus/waiting_calls.h"
+
+#include <dbus/dbus-protocol.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+#include "base/log_line.h"
+
+namespace {
+
+constexpr const char* kBus = "org.freedesktop.DBus";
+constexpr const char* kBusPath = "/org/freedesktop/DBus";
+// The end of a connection: a name that has no owner any more.
+constexpr const char* kLeavingRule =
+    "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
+    "member='NameOwnerChanged',arg2=''";
+constexpr std::chrono::minutes kWarningPause{1};
+
+bool isShort(const DBus::CallMessage& call) {
+  if (std::strcmp(call.signature(), "s") != 0) return false;
+  return std::strlen(call.reader().get_string()) <= WaitingCalls::kMaxWaitingUrl;
+}
+
+int millisecondsUntil(std::chrono::steady_clock::time_point end) {
+  const auto left = end - std::chrono::steady_clock::now();
+  return std::max(0, static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+}
+
+}  // namespace
+
+WaitingCalls::WaitingCalls(DBus::Connection& connection, Serve serve, Serve refuse)
+    : mConnection(connection),
+      mServe(std::move(serve)),
+      mRefuse(std::move(refuse)),
+      mOrder(geteuid()) {
+  mFilter =
+      new DBus::Callback<WaitingCalls, bool, const DBus::Message&>(this, &WaitingCalls::onMessage);
+  mConnection.add_filter(mFilter);
+}
+
+WaitingCalls::~WaitingCalls() {
+  mConnection.remove_filter(mFilter);
+}
+
+void WaitingCalls::add(const DBus::CallMessage& call, Kind kind, bool isUpdate) {
+  const std::string sender = call.sender() != nullptr ? call.sender() : "";
+  const bool mustWait = mOrder.waiting() > 0 || mMarker != 0;
+  if (mustWait && !isUpdate) {
+    const bool fits = mOrder.hasRoom(sender, kind) && (kind == Kind::kPlain || isShort(call));
+    if (!fits) return kind == Kind::kPlain ? mServe(call) : refuseOne(call, sender);
+  }
+  mOrder.add(sender, kind, call);
+}
+
+int WaitingCalls::takeTurn() {
+  if (mMarker != 0) {
+    if (mOrder.waiting() > 1) askForUsers();
+    if (Clock::now() < mReadLimit) return millisecondsUntil(mReadLimit);
+    mMarker = 0;
+  }
+  if (mOrder.waiting() == 0) {
+    mOrder.forget();
+    watch(false);
+    return -1;
+  }
+  if (mOrder.waiting() > kCrowd) askForUsers();
+  const bool usersAreKnown = mAsked.empty() || Clock::now() >= mAskedLimit;
+  const auto call = mOrder.next(usersAreKnown);
+  if (!call) return millisecondsUntil(mAskedLimit);
+  const auto begin = Clock::now();
+  mServe(*call);
+  if (Clock::now() - begin < kLongTurn) return mOrder.waiting() > 0 ? 0 : -1;
+  beginReading();
+  return millisecondsUntil(mReadLimit);
+}
+
+void WaitingCalls::serveAll() {
+  while (auto call = mOrder.next(true)) mServe(*call);
+  mMarker = 0;
+}
+
+void WaitingCalls::beginReading() {
+  mReadLimit = Clock::now() + kReadLimit;
+  mMarker = ask("GetId", "");
+}
+
+void WaitingCalls::askForUsers() {
+  for (const auto& name : mOrder.takeUnknown()) {
+    watch(true);
+    if (mAsked.empty()) mAskedLimit = Clock::now() + kReadLimit;
+    mAsked[ask("GetConnectionUnixUser", name)] = name;
+  }
+}
+
+// One rule for all connections: the bus bounds the rules of a connection, not the callers of a
+// service.
+void WaitingCalls::watch(bool on) {
+  if (on == mWatches) return;
+  mWatches = on;
+  ask(on ? "AddMatch" : "RemoveMatch", kLeavingRule);
+}
+
+// The answer comes as a message like any other, so that nothing waits for it.
+std::uint32_t WaitingCalls::ask(const char* method, const std::string& argument) {
+  DBus::CallMessage call(kBus, kBusPath, kBus, method);
+  if (!argument.empty()) call.writer().append_string(argument.c_str());
+  unsigned int serial = 0;
+  mConnection.send(call, &serial);
+  return serial;
+}
+
+// The library's C code calls it: nothing may be thrown.
+bool WaitingCalls::onMessage(const DBus::Message& message) {
+  try {
+    const int type = message.type();
+    if (type == DBUS_MESSAGE_TYPE_METHOD_CALL) return false;
+    const char* sender = message.sender();
+    if (sender == nullptr || std::strcmp(sender, kBus) != 0) return false;
+    if (type != DBUS_MESSAGE_TYPE_SIGNAL) {
+      onReply(message);
+    } else if (message.is_signal(kBus, "NameOwnerChanged")) {
+      mOrder.drop(message.reader().get_string());
+    }
+  } catch (const std::exception& error) {
+    logLine(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: %s", error.what());
+  }
+  return false;
+}
+
+void WaitingCalls::onReply(const DBus::Message& reply) {
+  const auto serial = static_cast<std::uint32_t>(reply.reply_serial());
+  if (serial == mMarker) mMarker = 0;
+  const auto asked = mAsked.find(serial);
+  if (asked == mAsked.end()) return;
+  const auto name = asked->second;
+  mAsked.erase(asked);
+  if (reply.is_error()) {
+    mOrder.drop(name);  // it left before the watch began
+    return;
+  }
+  for (const auto& call : mOrder.setUser(name, reply.reader().get_uint32())) refuseOne(call, name);
+}
+
+void WaitingCalls::refuseOne(const DBus::CallMessage& call, const std::string& sender) {
+  ++mRefused;
+  const auto now = Clock::now();
+  if (now >= mNextWarning) {
+    logLine(LOG_WARNING,
+            "ProxyManagerDbusHandler-handle_message too many questions wait, answered without the "
+            "script:%zu, last of:%s",
+            mRefused, sender.c_str());
+    mRefused = 0;
+    mNextWarning = now + kWarningPause;
+  }
+  mRefuse(call);
+}

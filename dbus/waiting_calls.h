@@ -1,0 +1,87 @@
+// The calls that were taken from the bus and wait for their turn.
+//
+// The bus delivers all calls in one stream, so a call can only overtake others if it has been read.
+// Therefore the bus thread reads everything first and serves one call afterwards, in the order of
+// CallOrder. A turn that took long (an evaluation) leaves an unknown number of calls in the bus.
+// The bus is then asked a question of our own: what it had for us before lies before its answer, so
+// no call has a turn until that answer has come, or for kReadLimit. So the call of an administrator
+// is found behind thousands of others.
+//
+// Whose a connection is, and whether it has left, is asked of the bus, without waiting, only when
+// calls stand in each other's way: after a long turn, or when more than kCrowd wait. With fewer and
+// short turns the order makes no difference that anybody would notice, and a call must not cost
+// more than it does without this class. When nothing waits any more, nothing is watched.
+//
+// Bus thread only.
+#pragma once
+
+#include <dbus-c++/dbus.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "dbus/call_order.h"
+
+class WaitingCalls {
+ public:
+  using Kind = CallOrder::Kind;
+  using Serve = std::function<void(const DBus::CallMessage& call)>;
+
+  /// Longest time for which calls are read before one has its turn. A bus that holds 25,600 calls
+  /// is read within 4 s; a bus that does not answer must not stop the daemon.
+  static constexpr std::chrono::seconds kReadLimit{10};
+  /// A turn of this length is long.
+  static constexpr std::chrono::milliseconds kLongTurn{20};
+  /// So many waiting calls stand in each other's way although each is short.
+  static constexpr std::size_t kCrowd = 64;
+  /// Longest URL of a question that waits behind others; the engine takes 8 KiB. Longer questions
+  /// would fill the 63 MiB that libdbus keeps for messages that are not answered yet.
+  static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
+
+  /// @param connection outlives this object
+  /// @param serve answers one call; throws nothing
+  /// @param refuse answers a question without the script; throws nothing
+  WaitingCalls(DBus::Connection& connection, Serve serve, Serve refuse);
+  ~WaitingCalls();
+  WaitingCalls(const WaitingCalls&) = delete;
+  WaitingCalls& operator=(const WaitingCalls&) = delete;
+
+  /// Lets `call` wait, or answers it at once if its connection or user has too many.
+  void add(const DBus::CallMessage& call, Kind kind, bool isUpdate);
+
+  /// Serves one call, if one has its turn.
+  /// @return milliseconds until it wants to be called again if nothing comes from the bus; -1:
+  /// never
+  int takeTurn();
+
+  /// Serves everything that waits at once, in order: the service has gone.
+  void serveAll();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  bool onMessage(const DBus::Message& message);
+  void onReply(const DBus::Message& reply);
+  void refuseOne(const DBus::CallMessage& call, const std::string& sender);
+  void askForUsers();
+  void beginReading();
+  void watch(bool on);
+  std::uint32_t ask(const char* method, const std::string& argument);
+
+  DBus::Connection& mConnection;
+  const Serve mServe;
+  const Serve mRefuse;
+  DBus::MessageSlot mFilter;
+  CallOrder mOrder;
+  std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user is asked for
+  Clock::time_point mAskedLimit{};              // questions wait for the answers until then
+  std::uint32_t mMarker = 0;                    // serial of the question behind which we read
+  Clock::time_point mReadLimit{};
+  bool mWatches = false;
+  Clock::time_point mNextWarning{};
+  std::size_t mRefused = 0;
+};
