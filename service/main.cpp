@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <clocale>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -152,8 +151,6 @@ int main(int argc, char** argv) {
   if (printedWhatWasAskedFor(argc, argv)) {
     return std::fflush(stdout) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
   }
-  // URLs are UTF-8: so that libcurl takes international names in them for what they are.
-  std::setlocale(LC_CTYPE, "C.UTF-8");
   openlog(kLogIdent, kLogOptions, LOG_LOCAL0);
   limitItself();
   if (create_varrunpid(kProcessName) != 0) {

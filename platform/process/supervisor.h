@@ -1,12 +1,13 @@
 // What this process reports to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
 //
 // A process that a person or another kind of supervisor started has nobody to report to: every
-// function then succeeds and does nothing. The main thread calls all of them. A notification is one
+// function then succeeds and does nothing. The main thread calls all but notifyStatus. A notification is one
 // datagram; if the supervisor accepts none, the call waits, and the supervisor's watchdog sees
 // that.
 #pragma once
 
 #include <chrono>
+#include <string>
 
 /// How often the main loop feeds the watchdog. A WatchdogSec of less than twice that ends a healthy
 /// daemon; restart_connect() logs a warning.
@@ -29,3 +30,7 @@ int feedWatchdog();
 
 /// Reports that an orderly stop has begun: STOPPING=1. @return as restart_connect
 int notifyStopping();
+
+/// What the process is doing, for people who look at the service: STATUS=text. Any thread.
+/// @param text one line @return as restart_connect
+int notifyStatus(const std::string& text);

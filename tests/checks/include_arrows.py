@@ -26,7 +26,7 @@ ARROWS = {
     "sandbox/": ("base/",),
     RECORDS: ("base/",),
     "domain/": ("base/", RECORDS),
-    "engine/": ("base/",),
+    "engine/": ("base/", ENGINE_WIRE),
     ENGINE_WIRE: ("base/",),
     "engine/host/": ("base/", "sandbox/", "domain/", ENGINE_WIRE, PAC_HEADER, PAC_ENGINE_HEADER,
                      "engine/name_source.h"),
