@@ -157,9 +157,9 @@ int PACFetcher::retrievePacFile() {
     if (attempt == Attempt::installed) return 0;
     blocked = blocked || attempt == Attempt::blockedByFolder;
   }
-  // rename cannot replace a folder. An empty one of root's or the daemon's own goes too, so that
-  // the next walk is not held up; rmdir takes nothing else.
-  if (blocked && !fetcher::moveForeignFolderAside(mPacFileName)) rmdir(mPacFileName.c_str());
+  // rename cannot replace a folder of root's or the daemon's own. An empty one goes, so that the
+  // next walk is not held up too; rmdir takes nothing else.
+  if (blocked) rmdir(mPacFileName.c_str());
   return 0;
 }
 
@@ -190,7 +190,7 @@ bool PACFetcher::fetch(const std::string& url, const std::string& temporary, uns
 }
 
 PACFetcher::Attempt PACFetcher::install(const std::string& url, const std::string& temporary) {
-  if (std::rename(temporary.c_str(), mPacFileName.c_str()) != 0) {
+  if (!fetcher::renameOver(temporary, mPacFileName)) {
     const Attempt attempt = errno == EISDIR ? Attempt::blockedByFolder : Attempt::failed;
     logLine(LOG_ERR, "PACFetcher-retrievePacFile file rename failed tmpFile:%s, targetFile:%s",
             temporary.c_str(), mPacFileName.c_str());

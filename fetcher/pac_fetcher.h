@@ -75,9 +75,9 @@ class PACFetcher {
   /// read.
   static bool isValidPacFile(const std::string& fileName);
 
-  /// Tries the candidates of the current configuration until one is installed. If a folder stands
-  /// at the script's name, it makes room for the next walk: another user's is renamed aside, an
-  /// empty one is removed. Called with mMutex held, and gives it up while a transfer runs.
+  /// Tries the candidates of the current configuration until one is installed. An empty
+  /// folder of root's at the script's name is removed for the next walk. Called with mMutex held,
+  /// and gives it up while a transfer runs.
   /// @return 0 when there was nothing to do, when a script was installed and when every candidate
   ///         failed; -1 in mode pacurl without a URL and in mode wpad without DHCP information
   int retrievePacFile() PM_REQUIRES(mMutex);

@@ -21,6 +21,8 @@ namespace {
 
 constexpr std::size_t kRandomDigits = 16;
 constexpr mode_t kMode = 0644;
+// Against a loop that makes folders, each try wins more often than not.
+constexpr int kMostTries = 100;
 
 /// `path`, a dot and digits that nobody can guess; empty, with errno, if there are none.
 std::string randomName(const std::string& path) {
@@ -50,6 +52,16 @@ base::UniqueFd createAt(const std::string& name) {
   return file;
 }
 
+/// Renames a folder at `path` aside if it is another user's.
+/// @return false if there is a folder that stays
+bool clearedOfFolder(const std::string& path) {
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return true;
+  if (status.st_uid == 0 || status.st_uid == geteuid()) return false;
+  const std::string aside = randomName(path + ".aside");
+  return !aside.empty() && (rename(path.c_str(), aside.c_str()) == 0 || errno == ENOENT);
+}
+
 bool hasTheirForm(std::string_view name, std::string_view base) {
   if (!name.starts_with(base)) return false;
   name.remove_prefix(base.size());
@@ -64,10 +76,7 @@ base::UniqueFd createTargetFile(const std::string& path) {
   if (name.empty()) return {};
   base::UniqueFd file = createAt(name);
   if (!file) return file;
-  if (rename(name.c_str(), path.c_str()) == 0) return file;
-  if (errno == EISDIR && moveForeignFolderAside(path) && rename(name.c_str(), path.c_str()) == 0) {
-    return file;
-  }
+  if (renameOver(name, path)) return file;
   const int error = errno;
   unlink(name.c_str());
   file.reset();
@@ -75,15 +84,14 @@ base::UniqueFd createTargetFile(const std::string& path) {
   return file;
 }
 
-bool moveForeignFolderAside(const std::string& path) {
-  struct stat status {};
-  if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return false;
-  if (status.st_uid == 0 || status.st_uid == geteuid()) {
-    errno = EISDIR;
-    return false;
+bool renameOver(const std::string& from, const std::string& to) {
+  for (int tries = 0; tries < kMostTries; ++tries) {
+    if (rename(from.c_str(), to.c_str()) == 0) return true;
+    if (errno != EISDIR) return false;
+    if (!clearedOfFolder(to)) break;
   }
-  const std::string aside = randomName(path + ".aside");
-  return !aside.empty() && rename(path.c_str(), aside.c_str()) == 0;
+  errno = EISDIR;
+  return false;
 }
 
 void removeLeftTargets(const std::string& path) {

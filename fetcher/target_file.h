@@ -18,8 +18,11 @@ namespace fetcher {
 /// @return none, with errno, if there is no file
 base::UniqueFd createTargetFile(const std::string& path);
 
-/// Renames a folder at `path` aside if it is another user's. @return whether the name is free now
-bool moveForeignFolderAside(const std::string& path);
+/// Renames the file `from` to `to`, over whatever stands there. Another user's folder is renamed
+/// aside first, also if that user makes a new one again and again; a folder of root's or of this
+/// user's stays, and the call fails.
+/// @return false with errno
+bool renameOver(const std::string& from, const std::string& to);
 
 /// Removes what a process that was killed left under the names that createTargetFile(path) takes on
 /// the way. Only files of this process's user.
