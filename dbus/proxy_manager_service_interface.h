@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "base/bus_names.h"
+
 namespace com {
 namespace zentu {
 
@@ -21,7 +23,7 @@ using ProxyConfigTexts =
 
 class ProxyManagerServiceInterface_adaptor : public ::DBus::InterfaceAdaptor {
  public:
-  static constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
+  static constexpr const char* kInterface = base::kInterface;
 
   ProxyManagerServiceInterface_adaptor();
 

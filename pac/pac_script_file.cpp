@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "base/log_line.h"
+#include "base/unique_fd.h"
 #include "pac/pac_parser.h"
 #include "pac/service_callbacks.h"
 
@@ -17,32 +18,17 @@ namespace {
 
 constexpr std::size_t kFirstBuffer = 8192;
 
-class File {
- public:
-  explicit File(int fd) : mFd(fd) {}
-  ~File() {
-    if (mFd >= 0) close(mFd);
-  }
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  int fd() const { return mFd; }
-
- private:
-  const int mFd;
-};
-
-// The script's folder is everybody's: what another user put there is never read, nor waited for.
-// A folder passes, for reading it fails and harms nothing.
-int openScript(const std::string& fileName) {
-  const int fd = open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-  if (fd < 0) return fd;
+// Everybody may write in the script's folder: a file of another user is neither read nor waited
+// for. A folder is accepted, because reading it fails and harms nothing. A second name is accepted,
+// too: otherwise a user who may make one could keep every script out.
+base::UniqueFd openScript(const std::string& fileName) {
+  base::UniqueFd file(open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
-  const bool ours = fstat(fd, &status) == 0 &&
-                    (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) &&
-                    (status.st_uid == 0 || status.st_uid == geteuid());
-  if (ours) return fd;
-  close(fd);
-  return -1;
+  const bool isOurs = file && fstat(file.get(), &status) == 0 &&
+                      (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) &&
+                      (status.st_uid == 0 || status.st_uid == geteuid());
+  if (!isOurs) file.reset();
+  return file;
 }
 
 }  // namespace
@@ -123,8 +109,8 @@ int PacParser::readPacFile(const std::string& fileName) {
 int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
   logLine(LOG_INFO, "PacParser-readPacFile called ");
   logLine(LOG_NOTICE, "PacParser-readPacFile PAC file name:%s", fileName.c_str());
-  const File file(openScript(fileName));
-  if (file.fd() < 0) {
+  const base::UniqueFd file = openScript(fileName);
+  if (!file) {
     logLine(LOG_ERR, "PacParser-readPacFile error opening file %s", fileName.c_str());
     return 0;
   }
@@ -133,7 +119,7 @@ int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
   {
     const Lock lock(mEngineMutex);
     mPacContent.reset();
-    read = content.readAll(file.fd(), fileName);
+    read = content.readAll(file.get(), fileName);
   }
   if (read) {
     gate.lock();

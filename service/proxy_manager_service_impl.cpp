@@ -4,16 +4,15 @@
 #include <exception>
 #include <utility>
 
+#include "base/bus_names.h"
 #include "base/log_line.h"
+#include "base/paths.h"
 #include "fetcher/pac_fetcher.h"
 #include "pac/pac_parser.h"
 #include "platform/process/thread_name.h"
 
 namespace {
 
-constexpr const char* kBusName = "com.zentu.ProxyManagerService";
-constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
-constexpr const char* kPacFileName = "/tmp/proxymanager.pac";
 constexpr int kFetchIntervalSeconds = 1800;
 constexpr std::chrono::seconds kAnnouncementPause{2};
 constexpr std::int32_t kServiceRuns = 1;
@@ -39,14 +38,15 @@ std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
 }  // namespace
 
 ProxyManagerServiceImpl::ProxyManagerServiceImpl()
-    : mBusHelper(DBus::get_helper()), mDbusHandler(this, mBusHelper->connection(), kObjectPath) {
+    : mBusHelper(DBus::get_helper()),
+      mDbusHandler(this, mBusHelper->connection(), base::kObjectPath) {
   logLine(LOG_INFO, "ProxyManagerServiceImpl-ProxyManagerServiceImpl called ");
   mDbusHandler.queueCalls();
   mBusHelper->setTurn([this] { return mDbusHandler.takeTurn(); });
-  mBusHelper->requestName(kBusName);
+  mBusHelper->requestName(base::kBusName);
   const Lock lock(mConfigMutex);
   initProxyConfig(mConfig.get());
-  mPacFileName = kPacFileName;
+  mPacFileName = base::kPacFile;
 }
 
 ProxyManagerServiceImpl::~ProxyManagerServiceImpl() {

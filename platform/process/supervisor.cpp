@@ -44,5 +44,5 @@ int notifyStopping() {
 }
 
 int notifyStatus(const std::string& text) {
-  return tell("STATUS=" + text);
+  return notify("STATUS=" + text);
 }
