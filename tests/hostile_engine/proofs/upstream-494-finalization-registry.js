@@ -5,14 +5,14 @@ function FindProxyForURL(url, host) {
   var kept = [];
   try {
     for (;;) {
-      for (var i = 0; i < 100; i++) {
+      for (var i = 0; i < 40; i++) {
         var object = {ring: null};
         object.ring = object;
         registry.register(object, {held: object.i}, object);
         if (i % 3 === 0) registry.unregister(object);
         new WeakRef(object).deref();
       }
-      kept.push('z'.repeat(100000) + kept.length);
+      kept.push('z'.repeat(2000000) + kept.length);
     }
   } catch (e) { kept = null; fill(); }
   return 'ok';
