@@ -19,7 +19,7 @@ bool CallOrder::hasRoom(const std::string& sender, Kind kind) const {
          mUsers.at(connection.user).questions < kMaxOfUser;
 }
 
-void CallOrder::add(const std::string& sender, Kind kind, DBus::CallMessage call) {
+CallOrder::Connection& CallOrder::connectionOf(const std::string& sender) {
   const auto [found, isNew] = mConnections.try_emplace(sender);
   auto& connection = found->second;
   if (isNew) {
@@ -31,6 +31,17 @@ void CallOrder::add(const std::string& sender, Kind kind, DBus::CallMessage call
     user.lastTurn = connection.lastTurn;
     user.connections = 1;
   }
+  return connection;
+}
+
+void CallOrder::noteServed(const std::string& sender, Kind kind) {
+  connectionOf(sender);
+  mLastServed = sender;
+  mLastKind = kind;
+}
+
+void CallOrder::add(const std::string& sender, Kind kind, DBus::CallMessage call) {
+  auto& connection = connectionOf(sender);
   connection.calls.push_back({kind, std::move(call)});
   if (kind == Kind::kQuestion) {
     ++connection.questions;

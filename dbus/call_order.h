@@ -51,6 +51,10 @@ class CallOrder {
   /// Lets `call` wait. The caller has asked hasRoom() if it wants the bound.
   void add(const std::string& sender, Kind kind, DBus::CallMessage call);
 
+  /// A call of `sender` was served without having waited here: the connection stands behind those
+  /// that come until the next choice.
+  void noteServed(const std::string& sender, Kind kind);
+
   /// The connections whose user is not known. Each is named once while its calls wait.
   std::vector<std::string> takeUnknown();
 
@@ -93,6 +97,7 @@ class CallOrder {
 
   Connections::iterator first(Kind kind, bool onlyPrivileged);
   Connections::iterator choose(bool withQuestions);
+  Connection& connectionOf(const std::string& sender);
   void standBehind();
   void leaveUser(const Connection& connection);
   void erase(Connections::iterator connection);

@@ -20,6 +20,11 @@ constexpr const char* kLeavingRule =
     "member='NameOwnerChanged',arg2=''";
 constexpr std::chrono::minutes kWarningPause{1};
 
+std::string senderOf(const DBus::CallMessage& call) {
+  const char* sender = call.sender();
+  return sender == nullptr ? std::string() : sender;
+}
+
 bool isShort(const DBus::CallMessage& call) {
   if (std::strcmp(call.signature(), "s") != 0) return false;
   return std::strlen(call.reader().get_string()) <= WaitingCalls::kMaxWaitingUrl;
@@ -39,21 +44,49 @@ WaitingCalls::WaitingCalls(DBus::Connection& connection, Serve serve, Serve refu
       mOrder(geteuid()) {
   mFilter =
       new DBus::Callback<WaitingCalls, bool, const DBus::Message&>(this, &WaitingCalls::onMessage);
-  mConnection.add_filter(mFilter);
 }
 
 WaitingCalls::~WaitingCalls() {
-  mConnection.remove_filter(mFilter);
+  listen(false);
+}
+
+void WaitingCalls::listen(bool on) {
+  if (on == mListens) return;
+  mListens = on;
+  if (on) {
+    mConnection.add_filter(mFilter);
+  } else {
+    mConnection.remove_filter(mFilter);
+  }
 }
 
 void WaitingCalls::add(const DBus::CallMessage& call, Kind kind, bool isUpdate) {
-  const std::string sender = call.sender() != nullptr ? call.sender() : "";
-  const bool mustWait = mOrder.waiting() > 0 || mMarker != 0;
-  if (mustWait && !isUpdate) {
-    const bool fits = mOrder.hasRoom(sender, kind) && (kind == Kind::kPlain || isShort(call));
-    if (!fits) return kind == Kind::kPlain ? mServe(call) : refuseOne(call, sender);
+  if (!mOnly && mOrder.waiting() == 0 && mMarker == 0) {
+    mOnly = call;
+    mOnlyKind = kind;
+    return;
   }
-  mOrder.add(sender, kind, call);
+  queueTheOnlyOne();
+  letWait(call, kind, senderOf(call), isUpdate);
+}
+
+void WaitingCalls::queueTheOnlyOne() {
+  if (!mOnly) return;
+  mOrder.add(senderOf(*mOnly), mOnlyKind, *mOnly);
+  mOnly.reset();
+}
+
+void WaitingCalls::letWait(const DBus::CallMessage& call, Kind kind, const std::string& sender,
+                           bool isUpdate) {
+  const bool fits =
+      isUpdate || (mOrder.hasRoom(sender, kind) && (kind == Kind::kPlain || isShort(call)));
+  if (fits) {
+    mOrder.add(sender, kind, call);
+  } else if (kind == Kind::kPlain) {
+    mServe(call);
+  } else {
+    refuseOne(call, sender);
+  }
 }
 
 int WaitingCalls::takeTurn() {
@@ -62,30 +95,42 @@ int WaitingCalls::takeTurn() {
     if (Clock::now() < mReadLimit) return millisecondsUntil(mReadLimit);
     mMarker = 0;
   }
+  if (mOnly) {
+    const auto call = *std::exchange(mOnly, std::nullopt);
+    const int untilNext = serve(call);
+    if (mMarker != 0) mOrder.noteServed(senderOf(call), mOnlyKind);
+    return untilNext;
+  }
   if (mOrder.waiting() == 0) {
-    mOrder.forget();
-    watch(false);
+    beIdle();
     return -1;
   }
   if (mOrder.waiting() > kCrowd) askForUsers();
   const bool usersAreKnown = mAsked.empty() || Clock::now() >= mAskedLimit;
   const auto call = mOrder.next(usersAreKnown);
-  if (!call) return millisecondsUntil(mAskedLimit);
+  return call ? serve(*call) : millisecondsUntil(mAskedLimit);
+}
+
+int WaitingCalls::serve(const DBus::CallMessage& call) {
   const auto begin = Clock::now();
-  mServe(*call);
+  mServe(call);
   if (Clock::now() - begin < kLongTurn) return mOrder.waiting() > 0 ? 0 : -1;
-  beginReading();
+  mReadLimit = Clock::now() + kReadLimit;
+  mMarker = ask("GetId", "");
   return millisecondsUntil(mReadLimit);
 }
 
-void WaitingCalls::serveAll() {
-  while (auto call = mOrder.next(true)) mServe(*call);
-  mMarker = 0;
+void WaitingCalls::beIdle() {
+  mOrder.forget();
+  watch(false);
+  mAsked.clear();
+  listen(false);
 }
 
-void WaitingCalls::beginReading() {
-  mReadLimit = Clock::now() + kReadLimit;
-  mMarker = ask("GetId", "");
+void WaitingCalls::serveAll() {
+  queueTheOnlyOne();
+  while (auto call = mOrder.next(true)) mServe(*call);
+  mMarker = 0;
 }
 
 void WaitingCalls::askForUsers() {
@@ -109,6 +154,7 @@ std::uint32_t WaitingCalls::ask(const char* method, const std::string& argument)
   DBus::CallMessage call(kBus, kBusPath, kBus, method);
   if (!argument.empty()) call.writer().append_string(argument.c_str());
   unsigned int serial = 0;
+  listen(true);
   mConnection.send(call, &serial);
   return serial;
 }

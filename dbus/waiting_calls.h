@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "dbus/call_order.h"
@@ -64,11 +65,15 @@ class WaitingCalls {
  private:
   using Clock = std::chrono::steady_clock;
 
+  void letWait(const DBus::CallMessage& call, Kind kind, const std::string& sender, bool isUpdate);
+  void queueTheOnlyOne();
+  int serve(const DBus::CallMessage& call);
+  void beIdle();
+  void listen(bool on);
   bool onMessage(const DBus::Message& message);
   void onReply(const DBus::Message& reply);
   void refuseOne(const DBus::CallMessage& call, const std::string& sender);
   void askForUsers();
-  void beginReading();
   void watch(bool on);
   std::uint32_t ask(const char* method, const std::string& argument);
 
@@ -76,6 +81,11 @@ class WaitingCalls {
   const Serve mServe;
   const Serve mRefuse;
   DBus::MessageSlot mFilter;
+  bool mListens = false;  // a filter costs every message some hundred instructions
+  // A call that came while nothing waited. Most calls are served before another one comes, and do
+  // without the queues.
+  std::optional<DBus::CallMessage> mOnly;
+  Kind mOnlyKind = Kind::kPlain;
   CallOrder mOrder;
   std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user is asked for
   Clock::time_point mAskedLimit{};              // questions wait for the answers until then
