@@ -1,9 +1,9 @@
 // What this process reports to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
 //
 // A process that a person or another kind of supervisor started has nobody to report to: every
-// function then succeeds and does nothing. The main thread calls all but notifyStatus. A notification is one
-// datagram; if the supervisor accepts none, the call waits, and the supervisor's watchdog sees
-// that.
+// function then succeeds and does nothing. The main thread calls all but notifyStatus. A
+// notification is one datagram; if the supervisor accepts none, the call waits, and the
+// supervisor's watchdog sees that.
 #pragma once
 
 #include <chrono>

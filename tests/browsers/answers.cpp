@@ -85,7 +85,8 @@ int main(int count, char** arguments) {
     if (fields.size() != 3) return 2;
     environment.clock = std::strtoll(fields[0].c_str(), nullptr, 10);
     const auto evaluation = engine.evaluate(fields[1], fields[2]);
-    std::cout << (evaluation.result ? *evaluation.result : "!" + evaluation.problem.message) << '\n';
+    std::cout << (evaluation.result ? *evaluation.result : "!" + evaluation.problem.message)
+              << '\n';
   }
   return 0;
 }
