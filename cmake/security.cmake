@@ -1,14 +1,15 @@
 # docs/security/: what the installed programs are linked with, and what is known of holes in the script
 # engine, written when they are installed.
 set(security_programs "")
-foreach(program proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanagerctl
-    proxymanager-client-shared proxymanager_gio)
+foreach(program proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanager-lease
+    proxymanager-settings proxymanager-relay proxymanagerctl proxymanager-client-shared proxymanager_gio)
   if(TARGET ${program})
     list(APPEND security_programs "$<TARGET_FILE:${program}>")
   endif()
 endforeach()
 get_property(engine_version GLOBAL PROPERTY proxymanager_engine_version)
 get_property(engine_header GLOBAL PROPERTY proxymanager_engine_header)
+list(JOIN security_programs "|" security_programs)
 set(security_folder "${PROXYMANAGER_OUTPUT_ROOT}/share/security")
 set(security_command "${CMAKE_COMMAND}" "-DPROGRAMS=${security_programs}"
   "-DVERSION=${proxymanagerd_VERSION}" "-DENGINE_VERSION=${engine_version}"

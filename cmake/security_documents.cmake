@@ -2,7 +2,7 @@
 # linked with, and what is known of holes in their script engine. A script in CMake's language, because
 # a build needs no other interpreter.
 #
-# cmake -DPROGRAMS=a;b -DVERSION=v -DENGINE_VERSION=v -DENGINE_HEADER=quickjs.h -DOBJDUMP=objdump
+# cmake -DPROGRAMS=a|b -DVERSION=v -DENGINE_VERSION=v -DENGINE_HEADER=quickjs.h -DOBJDUMP=objdump
 #       -DHOLES=engine_holes.json -DCOPYRIGHT=packaging/debian/copyright -DOUTPUT=folder [-DFOREIGN=ON]
 #       -P security_documents.cmake
 #
@@ -10,6 +10,7 @@
 # Fails if the engine's version has a hole that HOLES lists as neither fixed by then nor unreachable;
 # warns if the engine is older than half a year.
 cmake_minimum_required(VERSION 3.25)
+string(REPLACE "|" ";" PROGRAMS "${PROGRAMS}")
 
 # ${out}: `text` as a JSON string.
 function(quoted out text)

@@ -97,7 +97,7 @@ GOOD = {
     "service/main.cpp": ["pac/pac_parser.h", "dbus/handler.h", "platform/bus/bus_helper.h"],
     "service/callbacks.cpp": ["pac/service_callbacks.h", "service/proxy_manager_service_impl.h"],
     "domain/tld.cpp": ["domain/tld.h", "tld_table.h", "service/records/proxy_config.h"],
-    "engine/pac_engine.h": ["engine/name_source.h"],
+    "engine/pac_engine.h": ["engine/name_source.h", "engine/wire/reply.h"],
     "engine/host/pac.cpp": ["engine/pac.h", "engine/wire/protocol.h", "engine/host/dns_query.h"],
     "engine/worker/main.cpp": ["engine/wire/descriptors.h", "sandbox/walls.h"],
     "pac/pac_parser.cpp": ["pac/pac_parser.h", PAC_HEADER, "domain/url_host.h"],
