@@ -195,10 +195,10 @@ void WaitingCalls::refuseOne(const DBus::CallMessage& call, const std::string& s
   ++mRefused;
   const auto now = Clock::now();
   if (now >= mNextWarning) {
-    logLine(LOG_WARNING,
-            "ProxyManagerDbusHandler-handle_message too many questions wait, answered without the "
-            "script:%zu, last of:%s",
-            mRefused, sender.c_str());
+    logLine(
+        LOG_WARNING,
+        "ProxyManagerDbusHandler-handle_message too many questions wait, answered without the script:%zu, last of:%s",
+        mRefused, sender.c_str());
     mRefused = 0;
     mNextWarning = now + kWarningPause;
   }

@@ -33,7 +33,7 @@ NOT_YET_EXPLAINED = re.compile(r"PACFetcher-")
 
 TEXT = r'"(?:[^"\\]|\\.)*"'
 CALL = re.compile(rf"\blogLine\(\s*LOG_(\w+)\s*,\s*({TEXT}(?:\s*{TEXT})*)")
-BETWEEN_TEXTS = re.compile(r'"\s*"')
+BETWEEN_TEXTS = re.compile(r'"\s*r?"')  # in Python the next may be a raw one
 CONVERSION = re.compile(r"%[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t)?[diouxXcsp]")
 # What varies in a message of a document: a word in capitals, or a number.
 VARIES = re.compile(r"\b[A-Z]+\b|\d+")
