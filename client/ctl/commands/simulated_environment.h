@@ -1,4 +1,4 @@
-// What a PAC script tried out shall take for the world: names, own addresses, time and zone.
+// What a PAC script tried out shall take for the environment: names, own addresses, time and zone.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -11,7 +11,7 @@
 namespace client {
 
 /// The options as written.
-struct PacWorld {
+struct SimulatedEnvironment {
   std::optional<std::string> time;          ///< --at
   std::optional<std::string> zone;          ///< --tz
   std::vector<std::string> names;           ///< --resolve
@@ -19,12 +19,12 @@ struct PacWorld {
   bool offline = false;                     ///< --offline
 };
 
-/// Adds --at, --tz, --resolve, --my-ip and --offline to `command`; they fill `world`, which lives
-/// as long as the command.
-void addWorldOptions(CLI::App& command, PacWorld& world);
+/// Adds --at, --tz, --resolve, --my-ip and --offline to `command`; they fill `environment`, which
+/// lives as long as the command.
+void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment);
 
 /// What the library is to be told. Throws CLI::ValidationError for what makes no sense. Leaves the
 /// process in the zone of a time that is written without an offset.
-pac_engine::Options engineOptions(const PacWorld& world);
+pac_engine::Options engineOptions(const SimulatedEnvironment& environment);
 
 }  // namespace client

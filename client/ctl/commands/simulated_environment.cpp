@@ -1,4 +1,4 @@
-#include "client/ctl/commands/pac_world.h"
+#include "client/ctl/commands/simulated_environment.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -62,19 +62,19 @@ void addName(const std::string& text, pac_engine::StaticNames& names) {
   checkCount(kOption, known);
 }
 
-pac_engine::NameSource namesOf(const PacWorld& world) {
+pac_engine::NameSource namesOf(const SimulatedEnvironment& environment) {
   pac_engine::NameSource source;
-  source.offline = world.offline;
-  if (world.names.empty()) return source;
+  source.offline = environment.offline;
+  if (environment.names.empty()) return source;
   source.staticNames.emplace();
-  for (const auto& text : world.names) addName(text, *source.staticNames);
+  for (const auto& text : environment.names) addName(text, *source.staticNames);
   return source;
 }
 
-std::string zoneOf(const PacWorld& world) {
-  auto variable = zoneVariable(world.zone);
+std::string zoneOf(const SimulatedEnvironment& environment) {
+  auto variable = zoneVariable(environment.zone);
   if (variable) return *std::move(variable);
-  throw CLI::ValidationError("--tz", "there is no time zone \"" + *world.zone +
+  throw CLI::ValidationError("--tz", "there is no time zone \"" + *environment.zone +
                                          "\"; names are those of the zone database, such as "
                                          "Europe/Berlin or UTC");
 }
@@ -95,45 +95,45 @@ std::int64_t clockOf(const std::string& text, const std::string& zone) {
 
 }  // namespace
 
-void addWorldOptions(CLI::App& command, PacWorld& world) {
+void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment) {
   addText(
-      command, "--at", "TIME", world.time,
+      command, "--at", "TIME", environment.time,
       "What the script takes for now: a date and\ntime of ISO 8601, in the zone of --tz unless\n"
       "it ends in \"Z\" or +hh:mm; by default the\nclock");
-  addText(command, "--tz", "ZONE", world.zone,
+  addText(command, "--tz", "ZONE", environment.zone,
           "Time zone of the script and of --at, a\nname of the zone database; by default the\n"
           "device's (/etc/localtime)");
   auto* const resolve =
       command
           .add_option(
-              "--resolve", world.names,
+              "--resolve", environment.names,
               "Addresses of a name; to be repeated for\nothers. With it nothing else is looked\n"
               "up: other names do not resolve")
           ->option_text("NAME=ADDR[,ADDR]")
           ->allow_extra_args(false);
-  addText(command, "--my-ip", "ADDR[,ADDR]", world.ownAddresses,
+  addText(command, "--my-ip", "ADDR[,ADDR]", environment.ownAddresses,
           "What myIpAddress (the first IPv4 one) and\nmyIpAddressEx (all) return; \"none\" for a\n"
           "device without any address");
   command
       .add_flag(
-          "--offline", world.offline,
+          "--offline", environment.offline,
           "Look nothing up: names do not resolve, the\nown address is 127.0.0.1. Not together\n"
           "with --resolve")
       ->option_text(" ")
       ->excludes(resolve);
 }
 
-pac_engine::Options engineOptions(const PacWorld& world) {
+pac_engine::Options engineOptions(const SimulatedEnvironment& environment) {
   pac_engine::Options options;
-  options.names = namesOf(world);
-  if (world.ownAddresses == "none") {
+  options.names = namesOf(environment);
+  if (environment.ownAddresses == "none") {
     options.ownAddresses.emplace();
-  } else if (world.ownAddresses) {
-    options.ownAddresses = addressList("--my-ip", *world.ownAddresses);
+  } else if (environment.ownAddresses) {
+    options.ownAddresses = addressList("--my-ip", *environment.ownAddresses);
     checkCount("--my-ip", *options.ownAddresses);
   }
-  options.zone = zoneOf(world);
-  if (world.time) options.clock = clockOf(*world.time, options.zone);
+  options.zone = zoneOf(environment);
+  if (environment.time) options.clock = clockOf(*environment.time, options.zone);
   return options;
 }
 
