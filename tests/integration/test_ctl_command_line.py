@@ -8,7 +8,6 @@ from support.ctl import ANSWERED, COMMANDS, MAX_URL, OUTPUT, UNAVAILABLE, USAGE,
 PAGE = pathlib.Path(__file__).parents[2] / "docs/man/proxymanagerctl.1"
 # What the help has before the statuses that all share.
 OWN_STATUSES = {"get": ["0", "1"], "exec": ["1", "126", "127"],
-                "diagnose": ["0", "1"],
                 **{name: ["0", "65", "66"] for name in ("off", "manual", "pacurl", "wpad")}}
 
 

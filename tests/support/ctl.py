@@ -21,8 +21,7 @@ MAX_URL = 65535  # bytes
 # What each command is given where it does not matter what.
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
-            "status": [], "watch": [], "refresh": [], "diagnose": ["http://a/"],
-            "wait": ["--configured"]}
+            "status": [], "watch": []}
 # What these say of this machine and this link.
 NO_PROXY = "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10"
 # What exec and get --format env set for other programs.

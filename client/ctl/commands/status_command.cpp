@@ -39,18 +39,20 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
   The script in the PAC file is loaded for trial, as "pac check" does: "script"
-  tells whether the daemon can use it. What cannot be known has its reason beside it. Who may not read the
-  configuration gets the mode and the manual proxy from the answer for a URL.
+  tells whether the daemon can use it. What cannot be known has its reason
+  beside it. Who may not read the configuration gets the mode and the manual
+  proxy from the answer for a URL.
   A daemon in mode off is listened to for 5 seconds: while it waits for its
   first configuration it says so every 2.
   With --json an object: running, process, user, answers, waiting, mode,
   proxyurl, pacurl, userName, password, pacfile (an object: path, exists, bytes,
-  fetched, age in seconds, sha256, loads, refusal) and unknown. The last is an object that holds
-  the reason for each of running, answers, waiting, mode, proxyurl, pacurl,
-  userName and password that is null as it cannot be known, for answers where it
-  is false, and for a pacfile that is there and cannot be read. Without a reason
-  null is what is not set; process and user, where the bus does not name them;
-  and the last six of pacfile, where there is no file to be read.
+  fetched, age in seconds, sha256, loads, refusal) and unknown. The last is an
+  object that holds the reason for each of running, answers, waiting, mode,
+  proxyurl, pacurl, userName and password that is null because it cannot be
+  known, for answers if it is false, and for a pacfile that is there and cannot
+  be read. Without a reason null is what is not set; process and user, if the
+  bus does not name them; and the last six of pacfile, if there is no file to be
+  read.
 
 Exit status:
 )";
