@@ -21,8 +21,6 @@ else()
   file(RELATIVE_PATH path "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
   string(REGEX REPLACE "/$" "" path "${path}")
   set(pc_prefix "\${pcfiledir}/${path}")
-  file(RELATIVE_PATH path "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
-  set_target_properties(proxymanagerctl PROPERTIES INSTALL_RPATH "$ORIGIN/${path}")
 endif()
 configure_file("${PROJECT_SOURCE_DIR}/client/library/proxymanager-client.pc.in"
   "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-client.pc" @ONLY)

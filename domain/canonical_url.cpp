@@ -26,15 +26,12 @@ struct DefaultPort {
 constexpr std::array<DefaultPort, 5> kDefaultPorts{
     {{"http", "80"}, {"https", "443"}, {"ws", "80"}, {"wss", "443"}, {"ftp", "21"}}};
 
-bool isLowerAlnum(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9');
-}
-
 // RFC 3986, 3.1: a letter, then letters, digits, "+", "-" and ".".
 bool isScheme(std::string_view text) {
   return !text.empty() && text.front() >= 'a' && text.front() <= 'z' &&
          std::all_of(text.begin(), text.end(), [](char c) {
-           return isLowerAlnum(c) || std::string_view("+-.").find(c) != std::string_view::npos;
+           return (c >= 'a' && c <= 'z') || base::isDigit(c) ||
+                  std::string_view("+-.").find(c) != std::string_view::npos;
          });
 }
 
@@ -51,7 +48,7 @@ std::string parserForm(std::string_view authority) {
   std::string result;
   for (const char c : authority) {
     const auto byte = static_cast<unsigned char>(c);
-    if (base::isAscii(c) && (!result.empty() || c < '0' || c > '9')) {
+    if (base::isAscii(c) && (!result.empty() || !base::isDigit(c))) {
       result += c;
     } else {
       result += {'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]};
@@ -71,7 +68,7 @@ bool takeZone(std::string& authority, std::string& zone) {
   authority.erase(percent, end - percent);
   return !zone.empty() && zone.size() < IF_NAMESIZE &&
          std::all_of(zone.begin(), zone.end(), [](char c) {
-           return isLowerAlnum(base::lowerCase(c)) ||
+           return (base::isLetter(c) || base::isDigit(c)) ||
                   std::string_view("-._~").find(c) != std::string_view::npos;
          });
 }
@@ -92,7 +89,7 @@ std::optional<std::string> hostName(const urls::authority_view& authority) {
     // What the name means and not how it is written: "%41" is "a", and "%2541" stays.
     if (c == '%') {
       name += "%25";
-    } else if (!base::isAscii(c) || isLowerAlnum(base::lowerCase(c)) ||
+    } else if (!base::isAscii(c) || (base::isLetter(c) || base::isDigit(c)) ||
                std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos) {
       name += base::lowerCase(c);
     } else {
@@ -156,8 +153,8 @@ std::optional<std::string> canonicalAuthority(const std::string& scheme,
 
 }  // namespace
 
-std::optional<std::string> canonicalUrl(std::string_view url) {
-  if (url.size() > kMaxUrlBytes) return std::nullopt;
+std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxBytes) {
+  if (url.size() > maxBytes) return std::nullopt;
   const auto mark = url.find(kMark);
   if (mark == std::string_view::npos) return std::string(url);
   const auto scheme = base::lowerCase(url.substr(0, mark));
@@ -175,8 +172,13 @@ std::optional<std::string> canonicalUrl(std::string_view url) {
   if (isEncrypted(scheme)) rest = "/";
   if (!rest.starts_with('/')) canonical += '/';
   canonical += rest;
-  if (canonical.size() > kMaxUrlBytes) return std::nullopt;
+  if (canonical.size() > maxBytes) return std::nullopt;
   return canonical;
+}
+
+bool hasScheme(std::string_view url) {
+  const auto mark = url.find(kMark);
+  return mark != std::string_view::npos && isScheme(base::lowerCase(url.substr(0, mark)));
 }
 
 }  // namespace domain

@@ -9,7 +9,7 @@
 
 namespace domain {
 
-inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< of a URL, as given and as canonical
+inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< longest URL that a script can see
 
 /// The canonical URL of `url`:
 /// - no user name, password or fragment;
@@ -24,8 +24,11 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< of a URL, as given 
 /// A text that has a scheme but is no URL (no host, blanks in the host, two "@", a port beyond
 /// 65535, control characters) becomes its scheme alone, as in "http:///": a password may stand
 /// anywhere in the rest. The canonical form of a canonical URL is the URL itself.
-/// @return nothing if the URL has more than kMaxUrlBytes as given or as canonical
+/// @return nothing if the URL has more than maxBytes as given or as canonical
 /// Any thread; throws std::bad_alloc only.
-std::optional<std::string> canonicalUrl(std::string_view url);
+std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxBytes = kMaxUrlBytes);
+
+/// Whether `url` begins with a valid scheme and "://".
+bool hasScheme(std::string_view url);
 
 }  // namespace domain

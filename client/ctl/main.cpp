@@ -2,16 +2,20 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
+#include <iostream>
 #include <string>
 
 #include "base/log_line.h"
 #include "client/ctl/commands/command.h"
 #include "client/ctl/commands/config_command.h"
+#include "client/ctl/commands/diagnose_command.h"
 #include "client/ctl/commands/exec_command.h"
 #include "client/ctl/commands/get_command.h"
 #include "client/ctl/commands/pac_command.h"
+#include "client/ctl/commands/refresh_command.h"
 #include "client/ctl/commands/status_command.h"
 #include "client/ctl/commands/update_command.h"
+#include "client/ctl/commands/wait_command.h"
 #include "client/ctl/commands/watch_command.h"
 #include "client/ctl/terminal/output.h"
 
@@ -20,19 +24,6 @@ namespace {
 constexpr const char* kFooter = R"(Each command has its own --help.
 
 Exit status:
-  0        done, with an answer where one was asked for
-  1        no answer
-  2        a PAC script is refused
-  64       the command line is wrong, or the address of the message bus
-  65       what was read is no password or URL
-  66       a file cannot be read
-  69       the daemon does not run, or there is no message bus
-  70       no memory, or a fault of the program
-  74       the output cannot be written
-  75       no answer in time; try again
-  76       what has the daemon's name does not answer as it does
-  77       the bus does not allow it
-  126, 127 exec: the command cannot be run, or is not there
 )";
 
 /// The command that was being parsed, in words.
@@ -57,18 +48,26 @@ client::ExitStatus wrongUsage(const CLI::App& program, const CLI::ParseError& er
 client::ExitStatus run(int argc, char** argv) {
   client::Action action;
   CLI::App program("Asks and configures proxymanagerd; tries PAC scripts out.", "proxymanagerctl");
-  program.set_version_flag("--version", std::string("proxymanagerctl ") + PROXYMANAGER_VERSION);
+  program.set_version_flag("-V,--version", std::string("proxymanagerctl ") + PROXYMANAGER_VERSION);
   program.require_subcommand(1);
-  program.footer(kFooter);
+  program.footer(std::string(kFooter) + client::statusHelp());
   auto line = client::splitCommandLine(argc, argv);
   client::addStatusCommand(program, action);
   client::addGetCommand(program, action);
   client::addConfigCommand(program, action);
   client::addUpdateCommands(program, action);
   client::addWatchCommand(program, action);
+  client::addRefreshCommand(program, action);
+  client::addWaitCommand(program, action);
+  client::addDiagnoseCommand(program, action);
   client::addExecCommand(program, action, line);
   client::addPacCommand(program, action);
   auto status = client::kAnswered;
+  if (line.own.empty()) {
+    std::cout << program.help();
+    client::finishOutput();
+    return client::kUsage;
+  }
   try {
     std::reverse(line.own.begin(), line.own.end());  // as the parser wants it
     program.parse(line.own);

@@ -4,14 +4,16 @@
  * every connection: so it asks through libproxymanager-client, which remembers answers, with one
  * client for the process. The client has a thread; so the module, once loaded, stays.
  *
- * A connection of which the daemon says nothing is made directly: where there is no daemon, where
- * it is too slow, where the script has no answer or none that is an address. A resolver has but one
- * other way, to fail, and with it every connection of every program fails: a device would lose its
- * network with its bus. A network that lets nothing out but through its proxy refuses by itself.
- * Who wants to know runs the program with G_MESSAGES_DEBUG=proxymanager.
+ * If there is no bus, no daemon or the mode is off, GLib's next resolver is asked: the desktop's
+ * own settings hold then. Every other connection without an answer is made directly: the daemon is
+ * too slow, or the script has no answer or none that is an address. A resolver has but one other
+ * way, to fail, and with it every connection of every program fails: a device would lose its
+ * network with its bus. A network that lets nothing out but through its proxy refuses by itself,
+ * and whoever wants programs to refuse sets PROXYMANAGER_NO_ANSWER=refuse in their environment.
+ * G_MESSAGES_DEBUG=proxymanager shows the reasons.
  *
- * What the destination is does not matter here. Loopback addresses are asked about as others are:
- * the script, or who configured the proxy, has the say.
+ * The library answers "direct" by itself for this machine and this link, in every mode: what a
+ * program sends to local services goes through no script's proxy.
  */
 #include <errno.h>
 #include <proxymanager/client.h>
@@ -47,9 +49,8 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED(ProxymanagerResolver, proxymanager_resolver, G_TY
 
 static proxymanager_client* the_client;
 
-/* The client, made where there is none but `useless`; null without memory. Of one that is left
- * behind by a fork() the freeing closes what the parent's connection has open here, and no more:
- * another thread that is about to learn that it is useless, too, still may. */
+/* The client, made where there is none but `useless`; null without memory. A client of the
+ * parent process stays after fork(): freeing it does nothing here. */
 static proxymanager_client* client_but(proxymanager_client* useless) {
   proxymanager_client* const current = g_atomic_pointer_get(&the_client);
   if (current != useless) return current;
@@ -119,9 +120,56 @@ static char** only(const char* text) {
   return list;
 }
 
-static char** directly(const char* reason) {
+static gboolean must_refuse(void) {
+  return g_strcmp0(g_getenv("PROXYMANAGER_NO_ANSWER"), "refuse") == 0;
+}
+
+/* What a connection without an answer gets. */
+static char** without_answer(const char* reason, GError** error) {
+  if (must_refuse()) {
+    g_set_error(error, G_IO_ERROR, G_IO_ERROR_PROXY_FAILED, "no proxy is known: %s", reason);
+    return NULL;
+  }
   g_debug("directly: %s", reason);
   return only("direct://");
+}
+
+/* --- The next resolver --- */
+
+/* Of GLib's resolvers the first other one that works here; null if there is none. The one named
+ * dummy is GLib's own, and answers "direct" always. */
+static GProxyResolver* find_next(void) {
+  GIOExtensionPoint* const point =
+      g_io_extension_point_lookup(G_PROXY_RESOLVER_EXTENSION_POINT_NAME);
+  if (point == NULL) return NULL;
+  for (GList* at = g_io_extension_point_get_extensions(point); at != NULL; at = at->next) {
+    GIOExtension* const extension = at->data;
+    const GType type = g_io_extension_get_type(extension);
+    if (type == proxymanager_resolver_get_type()) continue;
+    if (strcmp(g_io_extension_get_name(extension), "dummy") == 0) continue;
+    GProxyResolver* const resolver = g_object_new(type, NULL);
+    if (g_proxy_resolver_is_supported(resolver)) return resolver;
+    g_object_unref(resolver);
+  }
+  return NULL;
+}
+
+static GProxyResolver* next_resolver(void) {
+  static gsize is_found;
+  static GProxyResolver* next;
+  if (g_once_init_enter(&is_found)) {
+    next = find_next();
+    g_once_init_leave(&is_found, 1);
+  }
+  return next;
+}
+
+/* Whether the daemon leaves it to others. A program that may not read the configuration cannot tell
+ * "off" from "not configured yet". */
+static gboolean is_for_others(proxymanager_status status, const proxymanager_answer* answer) {
+  if (status == PROXYMANAGER_OK) return strcmp(proxymanager_answer_mode(answer), "off") == 0;
+  if (must_refuse()) return FALSE;
+  return status == PROXYMANAGER_NO_BUS || status == PROXYMANAGER_NO_DAEMON;
 }
 
 /* Whether what is asked about is a connection of no known protocol, as GLib writes it. It wants no
@@ -130,7 +178,7 @@ static gboolean names_no_protocol(const char* uri) {
   return g_ascii_strncasecmp(uri, "none://", strlen("none://")) == 0;
 }
 
-static char** proxies_of(const proxymanager_answer* answer, const char* uri) {
+static char** proxies_of(const proxymanager_answer* answer, const char* uri, GError** error) {
   const gboolean any_protocol = names_no_protocol(uri);
   const size_t count = proxymanager_answer_count(answer);
   char** const proxies = g_new0(char*, count + 1);
@@ -145,14 +193,16 @@ static char** proxies_of(const proxymanager_answer* answer, const char* uri) {
   }
   if (used > 0) return proxies;
   g_strfreev(proxies);
-  return directly("the answer has no entry that can be used");
+  return without_answer("the answer has no entry that can be used", error);
 }
 
 /* What a question that was not cancelled comes to; null with `error` for what is no URI. */
 static char** outcome(proxymanager_status status, const proxymanager_answer* answer,
                       const char* uri, GError** error) {
-  if (status == PROXYMANAGER_OK) return proxies_of(answer, uri);
-  if (status != PROXYMANAGER_BAD_ARGUMENT) return directly(proxymanager_status_text(status));
+  if (status == PROXYMANAGER_OK) return proxies_of(answer, uri, error);
+  if (status != PROXYMANAGER_BAD_ARGUMENT) {
+    return without_answer(proxymanager_status_text(status), error);
+  }
   g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_ARGUMENT,
                       proxymanager_status_text(status));
   return NULL;
@@ -236,9 +286,12 @@ static char** lookup(GProxyResolver* resolver, const char* uri, GCancellable* ca
     wait.status = asked;
   }
   sem_destroy(&wait.answered);
-  char** const proxies = g_cancellable_set_error_if_cancelled(cancellable, error)
-                             ? NULL
-                             : outcome(wait.status, wait.answer, uri, error);
+  char** proxies = NULL;
+  if (!g_cancellable_set_error_if_cancelled(cancellable, error)) {
+    GProxyResolver* const next = is_for_others(wait.status, wait.answer) ? next_resolver() : NULL;
+    proxies = next != NULL ? g_proxy_resolver_lookup(next, uri, cancellable, error)
+                           : outcome(wait.status, wait.answer, uri, error);
+  }
   proxymanager_answer_unref(wait.answer);
   return proxies;
 }
@@ -256,11 +309,26 @@ static void free_lookup(gpointer data) {
   g_free(lookup);
 }
 
+/* On a thread of the task's own: the client's thread has other questions to answer. */
+static void ask_next(GTask* task, gpointer resolver, gpointer data, GCancellable* cancellable) {
+  (void)resolver;
+  const Lookup* const lookup = data;
+  GError* error = NULL;
+  char** const proxies = g_proxy_resolver_lookup(next_resolver(), lookup->uri, cancellable, &error);
+  if (proxies != NULL) {
+    g_task_return_pointer(task, proxies, (GDestroyNotify)g_strfreev);
+  } else {
+    g_task_return_error(task, error);
+  }
+}
+
 /* Ends the task, of which it takes a reference; the task itself goes to its own main context for
  * its callback, and prefers its cancellable's error. */
 static void end_task(proxymanager_status status, proxymanager_answer* answer, void* context) {
   GTask* const task = context;
-  if (!g_task_return_error_if_cancelled(task)) {
+  if (is_for_others(status, answer) && next_resolver() != NULL) {
+    g_task_run_in_thread(task, ask_next);
+  } else if (!g_task_return_error_if_cancelled(task)) {
     GError* error = NULL;
     const Lookup* const lookup = g_task_get_task_data(task);
     char** const proxies = outcome(status, answer, lookup->uri, &error);

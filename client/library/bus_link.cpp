@@ -8,15 +8,17 @@
 #include <utility>
 #include <vector>
 
+#include "base/bus_names.h"
 #include "client/library/proxy_answer.h"
 
 namespace client::library {
 
 namespace {
 
-constexpr const char* kBusName = "com.zentu.ProxyManagerService";
-constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
-constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
+using base::kBusName;
+using base::kInterface;
+using base::kObjectPath;
+
 constexpr const char* kDriver = "org.freedesktop.DBus";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
 
@@ -43,37 +45,51 @@ Outcome badReply() {
                       "its reply has another form");
 }
 
-bool isMode(std::string_view text) {
-  return text == "off" || text == "manual" || text == "pacurl" || text == "wpad";
-}
+/// What a reply of getProxyurl comes to: an answer, or how the question ended.
+struct Reply {
+  std::optional<ProxyAnswer> answer;
+  Outcome outcome;
+};
 
 /// @throws std::bad_alloc
-Outcome read(sd_bus_message* reply) {
-  if (sd_bus_message_has_signature(reply, "as") <= 0) return badReply();
-  if (sd_bus_message_enter_container(reply, 'a', "s") < 0) return badReply();
+Reply read(sd_bus_message* reply) {
+  if (sd_bus_message_has_signature(reply, "as") <= 0) return {{}, badReply()};
+  if (sd_bus_message_enter_container(reply, 'a', "s") < 0) return {{}, badReply()};
   std::vector<std::string> texts;
   const char* text = nullptr;
   int result = 0;
   while ((result = sd_bus_message_read_basic(reply, 's', &text)) > 0) texts.emplace_back(text);
   // Not of a text that this library refuses and the bus does not: half an answer is another answer.
   if (result == -ENOMEM) throw std::bad_alloc();
-  if (result < 0 || texts.empty() || !isMode(texts.front())) return badReply();
+  if (result < 0 || texts.empty() || !isMode(texts.front())) return {{}, badReply()};
   auto parsed = parseAnswer(texts);
-  if (!parsed) return {PROXYMANAGER_NO_DAEMON, {}, {}};  // it is about to end
-  return {PROXYMANAGER_OK, AnswerRef(new proxymanager_answer(*std::move(parsed))), {}};
+  if (!parsed) return {{}, {PROXYMANAGER_NO_DAEMON, {}, {}}};  // it is about to end
+  return {std::move(parsed), {}};
 }
 
-Outcome outcomeOf(sd_bus_message* reply) {
+Reply replyOf(sd_bus_message* reply) {
   if (const auto* const error = sd_bus_message_get_error(reply); error != nullptr) {
     // The library answers by itself for a bus that is gone.
-    if (sd_bus_is_open(sd_bus_message_get_bus(reply)) <= 0) return failedAnswer(kDisconnected, "");
-    return failedAnswer(error->name, error->message == nullptr ? "" : error->message);
+    if (sd_bus_is_open(sd_bus_message_get_bus(reply)) <= 0) {
+      return {{}, failedAnswer(kDisconnected, "")};
+    }
+    return {{}, failedAnswer(error->name, error->message == nullptr ? "" : error->message)};
   }
-  try {
-    return read(reply);
-  } catch (const std::bad_alloc&) {
-    return {PROXYMANAGER_NO_MEMORY, {}, {}};
+  return read(reply);
+}
+
+/// User name and password of a reply of getProxyconfig; nothing if it may not be read.
+/// @throws std::bad_alloc
+std::optional<std::string> credentialsOf(sd_bus_message* reply) {
+  const char* user = nullptr;
+  const char* password = nullptr;
+  if (sd_bus_message_is_method_error(reply, nullptr) != 0 ||
+      sd_bus_message_enter_container(reply, 'r', "ssssss") <= 0 ||
+      sd_bus_message_skip(reply, "ssss") < 0 ||
+      sd_bus_message_read(reply, "ss", &user, &password) < 0 || *user == '\0') {
+    return std::nullopt;
   }
+  return client::credentialsOf(user, password);
 }
 
 }  // namespace
@@ -114,15 +130,22 @@ int BusLink::follow() {
 }
 
 int BusLink::send(const std::string& url, Asked& asked) {
+  return call("getProxyurl", url.c_str(), onReply, asked);
+}
+
+/// @param url the argument; null for none. @return 0, or an errno
+int BusLink::call(const char* member, const char* url, sd_bus_message_handler_t handler,
+                  Asked& asked) {
   sd_bus_message* made = nullptr;
-  int result = sd_bus_message_new_method_call(mBus.get(), &made, kBusName, kObjectPath, kInterface,
-                                              "getProxyurl");
+  int result =
+      sd_bus_message_new_method_call(mBus.get(), &made, kBusName, kObjectPath, kInterface, member);
   if (result < 0) return -result;
   const Message message(made, sd_bus_message_unref);
-  result = sd_bus_message_append_basic(made, 's', url.c_str());
-  if (result >= 0) result = sd_bus_message_set_auto_start(made, mMayStart ? 1 : 0);
+  if (url != nullptr) result = sd_bus_message_append_basic(made, 's', url);
+  const bool mayStart = (mFlags & PROXYMANAGER_NO_START) == 0;
+  if (result >= 0) result = sd_bus_message_set_auto_start(made, mayStart ? 1 : 0);
   sd_bus_slot* slot = nullptr;
-  if (result >= 0) result = sd_bus_call_async(mBus.get(), &slot, made, onReply, &asked, kNoLimit);
+  if (result >= 0) result = sd_bus_call_async(mBus.get(), &slot, made, handler, &asked, kNoLimit);
   if (result < 0) return -result;
   asked.mLink = this;
   asked.mSlot.reset(slot);
@@ -143,8 +166,56 @@ std::optional<Clock::time_point> BusLink::wakeAt() const {
 int BusLink::onReply(sd_bus_message* message, void* asked, sd_bus_error*) {
   auto& of = *static_cast<Asked*>(asked);
   auto& link = *of.mLink;
-  link.mListener.replied(of, outcomeOf(message), link.mMatches == kRules && link.isOwners(message));
+  of.mIsFromOwner = link.mMatches == kRules && link.isFromOwner(message);
+  Outcome outcome;
+  try {
+    auto reply = replyOf(message);
+    of.mAnswer = std::move(reply.answer);
+    if (of.mAnswer && link.askConfiguration(of)) return 1;
+    outcome = of.mAnswer ? link.outcomeOf(*std::move(of.mAnswer)) : std::move(reply.outcome);
+  } catch (const std::bad_alloc&) {
+    outcome = {PROXYMANAGER_NO_MEMORY, {}, {}};
+  }
+  link.mListener.replied(of, outcome, of.mIsFromOwner);
   return 1;
+}
+
+/// Asks for what is still missing. @return false if the answer is complete as it is
+bool BusLink::askConfiguration(Asked& asked) {
+  if ((mFlags & PROXYMANAGER_WITH_CREDENTIALS) == 0) return false;
+  const auto& entries = asked.mAnswer->entries;
+  const bool isWanted = std::any_of(entries.begin(), entries.end(), [&](const ProxyEntry& entry) {
+    return takesCredentials(*asked.mAnswer, entry, {});
+  });
+  return isWanted && call("getProxyconfig", nullptr, onConfiguration, asked) == 0;
+}
+
+int BusLink::onConfiguration(sd_bus_message* message, void* asked, sd_bus_error*) {
+  auto& of = *static_cast<Asked*>(asked);
+  auto& link = *of.mLink;
+  of.mIsFromOwner = of.mIsFromOwner && link.isFromOwner(message);
+  Outcome outcome;
+  try {
+    auto answer = *std::move(of.mAnswer);
+    if (const auto credentials = credentialsOf(message)) {
+      for (auto& entry : answer.entries) {
+        if (takesCredentials(answer, entry, {})) entry.credentials = *credentials;
+      }
+    }
+    outcome = link.outcomeOf(std::move(answer));
+  } catch (const std::bad_alloc&) {
+    outcome = {PROXYMANAGER_NO_MEMORY, {}, {}};
+  }
+  link.mListener.replied(of, outcome, of.mIsFromOwner);
+  return 1;
+}
+
+/// @throws std::bad_alloc
+Outcome BusLink::outcomeOf(ProxyAnswer answer) const {
+  if ((mFlags & PROXYMANAGER_REFUSE) != 0 && firstUsable(answer.entries) == nullptr) {
+    return {PROXYMANAGER_NO_ANSWER, {}, {}};
+  }
+  return {PROXYMANAGER_OK, AnswerRef(new proxymanager_answer(std::move(answer))), {}};
 }
 
 /// A bus that takes no rule leaves the link able to ask; its answers are of the moment then.
@@ -182,7 +253,7 @@ int BusLink::onOwnerSignal(sd_bus_message* message, void* link, sd_bus_error*) {
 
 int BusLink::onClear(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
-  if (self.isOwners(message)) self.mListener.answersChanged();
+  if (self.isFromOwner(message)) self.mListener.answersChanged();
   return 0;
 }
 
@@ -196,7 +267,7 @@ void BusLink::setOwner(const char* owner) {
   mListener.ownerChanged(!mOwner->empty());
 }
 
-bool BusLink::isOwners(sd_bus_message* message) const {
+bool BusLink::isFromOwner(sd_bus_message* message) const {
   const char* const sender = sd_bus_message_get_sender(message);
   return sender != nullptr && mOwner && !mOwner->empty() && *mOwner == sender;
 }

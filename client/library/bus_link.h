@@ -16,6 +16,7 @@
 #include <string>
 
 #include "client/library/outcome.h"
+#include "client/library/proxy_answer.h"
 
 namespace client::library {
 
@@ -35,15 +36,18 @@ class BusLink {
    private:
     friend class BusLink;
     BusLink* mLink = nullptr;
+    /// The answer that waits for the credentials, and whether it may be remembered.
+    std::optional<ProxyAnswer> mAnswer;
+    bool mIsFromOwner = false;
     std::unique_ptr<sd_bus_slot, SlotCloser> mSlot;
   };
 
   /// Told from within process(). Throws nothing.
   class Listener {
    public:
-    /// The question may be ended now. `isOwners` where who has the daemon's name answered, and
+    /// The question may be ended now. `isFromOwner` where who has the daemon's name answered, and
     /// changes of that would have been heard.
-    virtual void replied(Asked& asked, const Outcome& outcome, bool isOwners) noexcept = 0;
+    virtual void replied(Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept = 0;
     virtual void answersChanged() noexcept = 0;
     /// Somebody, or nobody, has the daemon's name: told when it is first known and when it changes.
     virtual void ownerChanged(bool isThere) noexcept = 0;
@@ -52,8 +56,8 @@ class BusLink {
     ~Listener() = default;
   };
 
-  /// @param mayStart whether a question may have the bus start the daemon
-  BusLink(bool mayStart, Listener& listener) : mMayStart(mayStart), mListener(listener) {}
+  /// @param flags PROXYMANAGER_NO_START, PROXYMANAGER_WITH_CREDENTIALS and PROXYMANAGER_REFUSE
+  BusLink(unsigned flags, Listener& listener) : mFlags(flags), mListener(listener) {}
   BusLink(const BusLink&) = delete;
   BusLink& operator=(const BusLink&) = delete;
 
@@ -83,18 +87,22 @@ class BusLink {
   };
 
   static int onReply(sd_bus_message* message, void* asked, sd_bus_error*);
+  static int onConfiguration(sd_bus_message* message, void* asked, sd_bus_error*);
   static int onMatch(sd_bus_message* message, void* link, sd_bus_error*);
   static int onOwnerReply(sd_bus_message* message, void* link, sd_bus_error*);
   static int onOwnerSignal(sd_bus_message* message, void* link, sd_bus_error*);
   static int onClear(sd_bus_message* message, void* link, sd_bus_error*);
+  bool askConfiguration(Asked& asked);
+  Outcome outcomeOf(ProxyAnswer answer) const;
+  int call(const char* member, const char* url, sd_bus_message_handler_t handler, Asked& asked);
   int follow();
   void setOwner(const char* owner);
-  bool isOwners(sd_bus_message* message) const;
+  bool isFromOwner(sd_bus_message* message) const;
 
   /// Two rules, and who has the daemon's name.
   static constexpr int kOwnCalls = 3;
 
-  bool mMayStart;
+  unsigned mFlags;
   Listener& mListener;
   std::unique_ptr<sd_bus, BusCloser> mBus;
   bool mIsReady = false;

@@ -8,6 +8,9 @@
 #include <csignal>
 #include <utility>
 
+#include "client/library/asked_url.h"
+#include "domain/local_host.h"
+
 namespace client::library {
 
 namespace {
@@ -18,8 +21,8 @@ Outcome only(proxymanager_status status) {
 
 }  // namespace
 
-Client::Client(std::string address, bool mayStart)
-    : mProcess(ProcessIdentity::current()), mAddress(std::move(address)), mMayStart(mayStart) {}
+Client::Client(std::string address, unsigned flags)
+    : mProcess(getpid()), mAddress(std::move(address)), mFlags(flags) {}
 
 Client::~Client() {
   std::optional<pthread_t> thread;
@@ -33,33 +36,48 @@ Client::~Client() {
     wake();
     pthread_join(*thread, nullptr);
   }
-  mSocket.forget();
-  endAll(only(PROXYMANAGER_CANCELLED));
+  completeAll(only(PROXYMANAGER_CANCELLED));
   deliver();
   mLink.reset();
   if (mWakeFd >= 0) close(mWakeFd);
 }
 
 bool Client::belongsHere() const {
-  return ProcessIdentity::current() == mProcess;
+  return getpid() == mProcess;
 }
 
-void Client::abandon() {
-  mSocket.closeCopy();
+/// What needs no question: an answer that is remembered or given without the daemon, and a URL that
+/// cannot be asked about. Else `asked` becomes the URL to ask about.
+std::optional<Outcome> Client::answerHere(std::string_view url, std::string& asked) {
+  if (auto answer = mRemembered.find(url)) return Outcome{PROXYMANAGER_OK, std::move(answer), {}};
+  auto canonical = askedUrl(url);
+  if (!canonical) return only(PROXYMANAGER_BAD_ARGUMENT);
+  asked = *std::move(canonical);
+  if ((mFlags & PROXYMANAGER_ASK_LOCAL) == 0 && domain::isLocalUrl(asked)) {
+    AnswerRef local(new proxymanager_answer(localAnswer()));
+    mRemembered.add(url, local);
+    return Outcome{PROXYMANAGER_OK, std::move(local), {}};
+  }
+  const Lock lock(mMutex);
+  auto answer = mRemembered.find(asked);
+  if (!answer) return std::nullopt;
+  mRemembered.add(url, answer);
+  return Outcome{PROXYMANAGER_OK, std::move(answer), {}};
 }
 
-Outcome Client::get(const char* url, std::chrono::milliseconds limit) {
+Outcome Client::get(std::string_view url, std::chrono::milliseconds limit) {
+  std::string asked;
+  if (auto here = answerHere(url, asked)) return *std::move(here);
   const auto end = Clock::now() + limit;
   Waiter waiter;
   Lock lock(mMutex);
   if (mIsEnding) return only(PROXYMANAGER_CANCELLED);
-  if (auto answer = mRemembered.find(url)) return {PROXYMANAGER_OK, std::move(answer), {}};
   if (limit.count() == 0) return only(PROXYMANAGER_TOO_SLOW);
   if (isOwnThread()) return only(PROXYMANAGER_BUSY);
   if (const auto status = mayAsk(); status != PROXYMANAGER_OK) return only(status);
   Questions question;
-  question.push_back({++mLastId, end, &waiter, nullptr, nullptr, {}});
-  const auto call = put(url, question);
+  question.push_back({std::string(url), ++mLastId, end, &waiter, nullptr, nullptr, {}});
+  const auto call = enqueue(asked, question);
   while (!waiter.isEnded) {
     if (waiter.ended.wait_until(lock.native(), end) == std::cv_status::timeout && !waiter.isEnded) {
       takeBack(call, waiter);
@@ -69,18 +87,21 @@ Outcome Client::get(const char* url, std::chrono::milliseconds limit) {
   return std::move(waiter.outcome);
 }
 
-proxymanager_status Client::ask(const char* url, std::chrono::milliseconds limit,
+proxymanager_status Client::ask(std::string_view url, std::chrono::milliseconds limit,
                                 proxymanager_answer_callback callback, void* context,
                                 proxymanager_id& id, AnswerRef& remembered) {
+  std::string asked;
+  if (auto here = answerHere(url, asked)) {
+    remembered = std::move(here->answer);
+    return here->status;
+  }
   const auto end = Clock::now() + limit;
   const Lock lock(mMutex);
   if (mIsEnding) return PROXYMANAGER_CANCELLED;
-  remembered = mRemembered.find(url);
-  if (remembered) return PROXYMANAGER_OK;
   if (const auto status = mayAsk(); status != PROXYMANAGER_OK) return status;
   Questions question;
-  question.push_back({++mLastId, end, nullptr, callback, context, {}});
-  put(url, question);
+  question.push_back({std::string(url), ++mLastId, end, nullptr, callback, context, {}});
+  enqueue(asked, question);
   id = mLastId;
   return PROXYMANAGER_OK;
 }
@@ -131,19 +152,19 @@ proxymanager_status Client::mayAsk() {
   return startThread();
 }
 
-/// Puts the one question in the list where the thread finds it. Throws std::bad_alloc; the question
-/// is not asked then.
-Client::Calls::iterator Client::put(const char* url, Questions& question) {
+/// Puts the one question into the list where the thread finds it. Throws std::bad_alloc; the
+/// question is not asked then.
+Client::Calls::iterator Client::enqueue(const std::string& asked, Questions& question) {
   // The answer to what was sent before a change may be of before the change.
   auto call =
       std::find_if(mCalls.begin(), mCalls.end(), [&](const Call& other) PM_REQUIRES(mMutex) {
-        return other.url == url && (!other.isSent() || other.generation == mGeneration);
+        return other.url == asked && (!other.isSent() || other.generation == mGeneration);
       });
   if (call == mCalls.end()) {
     mCalls.emplace_back();
     call = std::prev(mCalls.end());
     try {
-      call->url = url;
+      call->url = asked;
     } catch (...) {
       mCalls.pop_back();
       throw;

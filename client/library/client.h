@@ -9,11 +9,11 @@
 // Questions that are waited for end by the clock of the thread that waits, whatever the client's
 // thread is at; it looks at the limits of the others.
 //
-// After a fork nothing here may be touched in the child but which process it belongs to, and the
-// connection's descriptor.
+// After a fork nothing here may be touched in the child but which process it belongs to.
 #pragma once
 
 #include <pthread.h>
+#include <sys/types.h>
 
 #include <array>
 #include <atomic>
@@ -29,18 +29,10 @@
 #include "base/mutex.h"
 #include "client/library/bus_link.h"
 #include "client/library/include/proxymanager/client.h"
-#include "client/library/noted_socket.h"
 #include "client/library/outcome.h"
-#include "client/library/process_identity.h"
 #include "client/library/remembered_answers.h"
 
 namespace client::library {
-
-/// How many answers a client remembers: the pages that a person has open, with all they load.
-inline constexpr std::size_t kMaxRemembered = 512;
-
-/// What these may take in all, in bytes. An answer of one entry takes about 600.
-inline constexpr std::size_t kMaxRememberedBytes = 512UL * 1024;
 
 /// How many calls are under way at once, of the 128 that the bus allows one connection by default.
 /// The daemon answers one after the other; the further questions wait here.
@@ -58,24 +50,20 @@ inline constexpr std::chrono::milliseconds kLongestPause{4000};
 class Client final : public BusLink::Listener {
  public:
   /// @param address of the bus
-  /// @param mayStart whether a question may have the bus start the daemon
-  Client(std::string address, bool mayStart);
+  /// @param flags PROXYMANAGER_NO_START and PROXYMANAGER_ASK_LOCAL
+  Client(std::string address, unsigned flags);
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
   /// Only where belongsHere().
   ~Client();
 
-  /// Whether this process made the client, and did not come by it through fork().
+  /// Whether this process made the client: a child process that got it through fork() did not. Like
+  /// sd-bus, compares process ids and no more.
   bool belongsHere() const;
-  /// Closes the connection's descriptor, in a process that came by it through fork(), so that the
-  /// connection ends with the parent. The rest is left, memory and what wakes the thread: other
-  /// threads may have been changing it when the process was copied, and nobody outside feels it.
-  void abandon();
-
-  // As the interface says of the functions by these names. `url` is valid. Throw std::bad_alloc.
-  Outcome get(const char* url, std::chrono::milliseconds limit) PM_EXCLUDES(mMutex);
+  // As the interface says of the functions by these names. Throw std::bad_alloc.
+  Outcome get(std::string_view url, std::chrono::milliseconds limit) PM_EXCLUDES(mMutex);
   /// @param remembered takes the answer where it is remembered; nothing is asked then
-  proxymanager_status ask(const char* url, std::chrono::milliseconds limit,
+  proxymanager_status ask(std::string_view url, std::chrono::milliseconds limit,
                           proxymanager_answer_callback callback, void* context, proxymanager_id& id,
                           AnswerRef& remembered) PM_EXCLUDES(mMutex);
   bool cancel(proxymanager_id id) PM_EXCLUDES(mMutex);
@@ -92,6 +80,7 @@ class Client final : public BusLink::Listener {
   };
 
   struct Question {
+    std::string url;  ///< as the caller gave it
     proxymanager_id id;
     Clock::time_point end;
     Waiter* waiter;  ///< null where there is a callback
@@ -103,7 +92,7 @@ class Client final : public BusLink::Listener {
 
   /// What is asked of the daemon, for all who want to know it.
   struct Call : BusLink::Asked {
-    std::string url;
+    std::string url;               ///< canonical
     std::uint64_t generation = 0;  ///< of the answers, when it was sent
     Questions questions;
   };
@@ -125,7 +114,8 @@ class Client final : public BusLink::Listener {
   proxymanager_status startThread() PM_REQUIRES(mMutex);
   bool isOwnThread() const PM_REQUIRES(mMutex);
   proxymanager_status mayAsk() PM_REQUIRES(mMutex);
-  Calls::iterator put(const char* url, Questions& question) PM_REQUIRES(mMutex);
+  std::optional<Outcome> answerHere(std::string_view url, std::string& asked) PM_EXCLUDES(mMutex);
+  Calls::iterator enqueue(const std::string& asked, Questions& question) PM_REQUIRES(mMutex);
   void takeBack(Calls::iterator call, const Waiter& waiter) PM_REQUIRES(mMutex);
   void wake() const;
 
@@ -137,36 +127,35 @@ class Client final : public BusLink::Listener {
   void connect(Clock::time_point now);
   void send() PM_EXCLUDES(mMutex);
   bool handleBus();
-  void lose(const Outcome& outcome) PM_EXCLUDES(mMutex);
+  void dropLink(const Outcome& outcome) PM_EXCLUDES(mMutex);
   void wait(bool mayBeMore);
-  void noteSocket(int fd);
   std::optional<Clock::time_point> wakeAt() PM_EXCLUDES(mMutex);
-  void end(Questions& questions, const Outcome& outcome) PM_REQUIRES(mMutex);
-  void endAll(const Outcome& outcome) PM_EXCLUDES(mMutex);
+  void complete(Questions& questions, const Outcome& outcome) PM_REQUIRES(mMutex);
+  void completeAll(const Outcome& outcome) PM_EXCLUDES(mMutex);
   void deliver() PM_EXCLUDES(mMutex);
-  void forget(bool isOfNewKind) PM_EXCLUDES(mMutex);
+  void invalidate(bool inFlightIsStale) PM_EXCLUDES(mMutex);
   void tellNewWatches() PM_EXCLUDES(mMutex);
   void tellWatches(proxymanager_change change) PM_EXCLUDES(mMutex);
   void tell(proxymanager_change change, bool isFirst) PM_EXCLUDES(mMutex);
   void setPresence(Presence presence);
 
-  void replied(BusLink::Asked& asked, const Outcome& outcome, bool isOwners) noexcept override;
+  void replied(BusLink::Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept override;
   void answersChanged() noexcept override;
   void ownerChanged(bool isThere) noexcept override;
 
-  const ProcessIdentity mProcess;
+  const pid_t mProcess;
   const std::string mAddress;
-  const bool mMayStart;
+  const unsigned mFlags;
 
-  int mWakeFd = -1;     ///< an eventfd; made with the thread and under the mutex, never another
-  NotedSocket mSocket;  ///< the link's, for abandon()
+  int mWakeFd = -1;  ///< an eventfd; made with the thread and under the mutex, never another
   std::atomic<bool> mIsConnected{false};
+  /// Added to and cleared under the mutex, so that no answer of before a change comes after it.
+  SharedAnswers mRemembered;
 
   Mutex mMutex;
   bool mIsEnding PM_GUARDED_BY(mMutex) = false;
   std::optional<pthread_t> mThread PM_GUARDED_BY(mMutex);
   proxymanager_id mLastId PM_GUARDED_BY(mMutex) = 0;
-  RememberedAnswers mRemembered PM_GUARDED_BY(mMutex){kMaxRemembered, kMaxRememberedBytes};
   std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts what made answers wrong
   Calls mCalls PM_GUARDED_BY(mMutex);
   std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< whose end has not been told

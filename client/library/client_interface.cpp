@@ -5,9 +5,9 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <string_view>
 
 #include "client/library/bus_address.h"
-#include "client/library/bus_text.h"
 #include "client/library/client.h"
 #include "client/library/include/proxymanager/client.h"
 
@@ -21,6 +21,9 @@ using client::library::AnswerRef;
 using client::library::Outcome;
 using client::library::setLastFailure;
 
+constexpr unsigned kKnownFlags = PROXYMANAGER_NO_START | PROXYMANAGER_ASK_LOCAL |
+                                 PROXYMANAGER_WITH_CREDENTIALS | PROXYMANAGER_REFUSE;
+
 /// What `function` gives; a status where it throws.
 template <typename Function>
 proxymanager_status guarded(Function function) noexcept {
@@ -31,15 +34,15 @@ proxymanager_status guarded(Function function) noexcept {
   }
 }
 
-/// Whether `url` can be asked about by `client`.
+/// Whether `client` can be asked about `url`.
 proxymanager_status check(const proxymanager_client* client, const char* url) {
   if (client == nullptr || url == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
-  if (!client->client.belongsHere()) return PROXYMANAGER_FORKED;
-  const auto length = strnlen(url, PROXYMANAGER_MAX_URL + std::size_t{1});
-  if (length > PROXYMANAGER_MAX_URL || !client::isBusText({url, length})) {
-    return PROXYMANAGER_BAD_ARGUMENT;
-  }
-  return PROXYMANAGER_OK;
+  return client->client.belongsHere() ? PROXYMANAGER_OK : PROXYMANAGER_FORKED;
+}
+
+/// Of a longer text one byte more than is accepted.
+std::string_view viewOf(const char* url) {
+  return {url, strnlen(url, PROXYMANAGER_MAX_URL + std::size_t{1})};
 }
 
 /// Says how a question ended, or that it did not begin.
@@ -51,10 +54,9 @@ proxymanager_status told(const Outcome& outcome) noexcept {
 }  // namespace
 
 proxymanager_client* proxymanager_client_new(unsigned flags) {
-  if ((flags & ~PROXYMANAGER_NO_START) != 0) return nullptr;
+  if ((flags & ~kKnownFlags) != 0) return nullptr;
   try {
-    return new proxymanager_client{
-        {client::systemBusAddress(), (flags & PROXYMANAGER_NO_START) == 0}};
+    return new proxymanager_client{{client::systemBusAddress(), flags}};
   } catch (const std::exception&) {
     return nullptr;
   }
@@ -62,11 +64,9 @@ proxymanager_client* proxymanager_client_new(unsigned flags) {
 
 void proxymanager_client_free(proxymanager_client* client) {
   if (client == nullptr) return;
-  if (client->client.belongsHere()) {
-    delete client;
-  } else {
-    client->client.abandon();
-  }
+  // In a child process after fork() the memory stays as it is: threads of the parent may have been
+  // changing it when the process was copied.
+  if (client->client.belongsHere()) delete client;
 }
 
 proxymanager_status proxymanager_get(proxymanager_client* client, const char* url,
@@ -76,7 +76,7 @@ proxymanager_status proxymanager_get(proxymanager_client* client, const char* ur
   outcome.status = guarded([&] {
     if (answer == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
     if (const auto status = check(client, url); status != PROXYMANAGER_OK) return status;
-    outcome = client->client.get(url, std::chrono::milliseconds(limit_ms));
+    outcome = client->client.get(viewOf(url), std::chrono::milliseconds(limit_ms));
     return outcome.status;
   });
   if (outcome.status == PROXYMANAGER_OK) *answer = outcome.answer.release();
@@ -94,8 +94,8 @@ proxymanager_status proxymanager_get_async(proxymanager_client* client, const ch
   outcome.status = guarded([&] {
     if (callback == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
     if (const auto status = check(client, url); status != PROXYMANAGER_OK) return status;
-    return client->client.ask(url, std::chrono::milliseconds(limit_ms), callback, context, asked,
-                              remembered);
+    return client->client.ask(viewOf(url), std::chrono::milliseconds(limit_ms), callback, context,
+                              asked, remembered);
   });
   const auto status = told(outcome);
   if (remembered) callback(PROXYMANAGER_OK, remembered.release(), context);
@@ -167,6 +167,8 @@ const char* proxymanager_status_text(proxymanager_status status) {
       return "too many questions at once";
     case PROXYMANAGER_FORKED:
       return "the client belongs to the parent of this process";
+    case PROXYMANAGER_NO_ANSWER:
+      return "the answer has no entry that can be used";
   }
   return "an unknown status";
 }

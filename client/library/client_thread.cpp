@@ -87,9 +87,9 @@ void Client::connect(Clock::time_point now) {
   }
   mIsOwnerKnown = false;
   mLinkEnd = now + kSilenceLimit;
-  mLink.emplace(mMayStart, *this);
+  mLink.emplace(mFlags, *this);
   if (const int error = mLink->open(mAddress.c_str()); error != 0) {
-    lose(failedConnecting(error));
+    dropLink(failedConnecting(error));
   }
 }
 
@@ -106,7 +106,7 @@ void Client::send() {
       if (const int error = mLink->send(call->url, *call); error == 0) {
         ++underWay;
       } else {
-        end(call->questions, failedSending(error));
+        complete(call->questions, failedSending(error));
         mCalls.erase(call);
       }
     }
@@ -121,7 +121,7 @@ bool Client::handleBus() {
   const int result = mLink->process();
   if (result < 0) {
     const bool isOver = mLink->isReady() && result != -ENOMEM;
-    lose(isOver ? failedAnswer(kDisconnected, "") : failedConnecting(-result));
+    dropLink(isOver ? failedAnswer(kDisconnected, "") : failedConnecting(-result));
     return false;
   }
   if (mLink->isSettled()) return result > 0;
@@ -129,15 +129,14 @@ bool Client::handleBus() {
   if (result > 0) {
     mLinkEnd = Clock::now() + kSilenceLimit;
   } else if (looked >= mLinkEnd) {
-    lose(failedConnecting(ETIMEDOUT));
+    dropLink(failedConnecting(ETIMEDOUT));
   }
   return result > 0;
 }
 
-void Client::lose(const Outcome& outcome) {
-  mSocket.forget();
-  forget(true);
-  endAll(outcome);
+void Client::dropLink(const Outcome& outcome) {
+  invalidate(true);
+  completeAll(outcome);
   mLink.reset();
   mRetryAt = Clock::now() + mPause;
   mPause = std::min(mPause * 2, kLongestPause);
@@ -146,20 +145,12 @@ void Client::lose(const Outcome& outcome) {
 
 void Client::wait(bool mayBeMore) {
   std::array<pollfd, 2> polled{{{mWakeFd, POLLIN, 0}, {-1, 0, 0}}};
-  if (mLink) {
-    polled[1] = mLink->polled();
-    noteSocket(polled[1].fd);
-  }
+  if (mLink) polled[1] = mLink->polled();
   const int limit = mayBeMore || mChange ? 0 : untilPollEnds(wakeAt());
   if (poll(polled.data(), polled.size(), limit) > 0 && polled[0].revents != 0) {
     std::uint64_t count = 0;
     [[maybe_unused]] const auto taken = read(mWakeFd, &count, sizeof count);
   }
-}
-
-/// Until it is ready the link may try one socket after the other, by the same number.
-void Client::noteSocket(int fd) {
-  if (!mLink->isReady() || mSocket.fd() != fd) mSocket.note(fd);
 }
 
 std::optional<Clock::time_point> Client::wakeAt() {
@@ -182,7 +173,7 @@ std::optional<Clock::time_point> Client::wakeAt() {
 }
 
 /// Ends them all alike. Those with a callback are left for deliver().
-void Client::end(Questions& questions, const Outcome& outcome) {
+void Client::complete(Questions& questions, const Outcome& outcome) {
   for (auto asked = questions.begin(); asked != questions.end();) {
     const auto question = asked++;
     if (question->waiter == nullptr) {
@@ -199,9 +190,9 @@ void Client::end(Questions& questions, const Outcome& outcome) {
   }
 }
 
-void Client::endAll(const Outcome& outcome) {
+void Client::completeAll(const Outcome& outcome) {
   const Lock lock(mMutex);
-  for (auto& call : mCalls) end(call.questions, outcome);
+  for (auto& call : mCalls) complete(call.questions, outcome);
   mCalls.clear();
 }
 
@@ -220,11 +211,11 @@ void Client::deliver() {
   }
 }
 
-/// @param isOfNewKind whether what is being asked may be answered as before the change
-void Client::forget(bool isOfNewKind) {
+/// @param inFlightIsStale whether a call that is under way may be answered as before the change
+void Client::invalidate(bool inFlightIsStale) {
   const Lock lock(mMutex);
   mRemembered.clear();
-  if (isOfNewKind) ++mGeneration;
+  if (inFlightIsStale) ++mGeneration;
 }
 
 void Client::setPresence(Presence presence) {
@@ -278,29 +269,30 @@ void Client::tell(proxymanager_change change, bool isFirst) {
 
 // --- told by the link, on the client's thread ---
 
-void Client::replied(BusLink::Asked& asked, const Outcome& outcome, bool isOwners) noexcept {
+void Client::replied(BusLink::Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept {
   auto& call = static_cast<Call&>(asked);
   const Lock lock(mMutex);
-  if (outcome.answer && isOwners && call.generation == mGeneration &&
+  if (outcome.answer && isFromOwner && call.generation == mGeneration &&
       !outcome.answer->entries().empty()) {
     try {
       mRemembered.add(call.url, outcome.answer);
+      for (const auto& question : call.questions) mRemembered.add(question.url, outcome.answer);
     } catch (const std::bad_alloc&) {  // it is asked for again, then
     }
   }
-  end(call.questions, outcome);
+  complete(call.questions, outcome);
   mCalls.remove_if([&](const Call& other) { return &other == &call; });
 }
 
 void Client::answersChanged() noexcept {
-  forget(true);
+  invalidate(true);
   mChange = PROXYMANAGER_ANSWERS_CHANGED;
 }
 
 void Client::ownerChanged(bool isThere) noexcept {
   // Until now nobody was there to answer, or nothing has been asked on this link before its owner.
   const bool isNews = std::exchange(mIsOwnerKnown, true) && mPresence == Presence::kThere;
-  forget(isNews);
+  invalidate(isNews);
   mPause = kFirstPause;
   setPresence(isThere ? Presence::kThere : Presence::kGone);
 }

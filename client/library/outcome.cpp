@@ -1,18 +1,15 @@
 #include "client/library/outcome.h"
 
-#include <pthread.h>
-
 #include <algorithm>
+#include <array>
 #include <cerrno>
-#include <initializer_list>
 #include <new>
-#include <utility>
+
+#include "client/library/bus_error.h"
 
 namespace client::library {
 
 namespace {
-
-constexpr std::string_view kErrors = "org.freedesktop.DBus.Error.";
 
 std::shared_ptr<const Detail> detail(int error, std::string_view name, std::string_view text) {
   try {
@@ -22,64 +19,43 @@ std::shared_ptr<const Detail> detail(int error, std::string_view name, std::stri
   }
 }
 
-/// Keeps a detail for each thread, as long as it lives. Not as a thread_local with a destructor:
-/// the C library ends the process where it has no memory to note one.
-class KeptDetail {
- public:
-  KeptDetail() : mIsMade(pthread_key_create(&mKey, [](void* kept) { delete of(kept); }) == 0) {}
-  ~KeptDetail() {
-    if (mIsMade) pthread_key_delete(mKey);  // before what it calls is unloaded
-  }
-  KeptDetail(const KeptDetail&) = delete;
-  KeptDetail& operator=(const KeptDetail&) = delete;
-
-  /// @return null where there is none, or no memory to keep it
-  const Detail* keep(std::shared_ptr<const Detail> detail) noexcept {
-    if (!mIsMade) return nullptr;
-    auto* kept = of(pthread_getspecific(mKey));
-    if (kept == nullptr) {
-      if (!detail) return nullptr;
-      kept = new (std::nothrow) Held;
-      if (kept == nullptr) return nullptr;
-      if (pthread_setspecific(mKey, kept) != 0) {
-        delete kept;
-        return nullptr;
-      }
-    }
-    *kept = std::move(detail);
-    return kept->get();
-  }
-
- private:
-  using Held = std::shared_ptr<const Detail>;
-  static Held* of(void* kept) { return static_cast<Held*>(kept); }
-
-  pthread_key_t mKey{};
-  bool mIsMade;
+/// The last failure of a thread with room for its texts. It has no destructor: for a thread_local
+/// with one the C library ends the process if it has no memory to note it.
+struct LastFailure {
+  proxymanager_failure failure{PROXYMANAGER_OK, 0, "", ""};
+  std::array<char, kMaxBusErrorName + 1> name{};
+  std::array<char, kMaxFailureText + 1> text{};
 };
 
-KeptDetail keptDetail;
-thread_local proxymanager_failure lastOfThread{PROXYMANAGER_OK, 0, "", ""};
+thread_local LastFailure lastOfThread;
+
+template <std::size_t kRoom>
+const char* copy(std::string_view from, std::array<char, kRoom>& to) {
+  const auto size = std::min(from.size(), to.size() - 1);
+  std::copy_n(from.begin(), size, to.begin());
+  to[size] = '\0';
+  return to.data();
+}
 
 }  // namespace
 
 proxymanager_status statusOfError(std::string_view name) {
-  // The supervisor's own errors, where it is asked to start the daemon.
-  if (name.starts_with("org.freedesktop.systemd1.")) return PROXYMANAGER_NO_DAEMON;
-  if (!name.starts_with(kErrors)) return PROXYMANAGER_BAD_REPLY;
-  name.remove_prefix(kErrors.size());
-  const auto isOneOf = [&](std::initializer_list<std::string_view> names) {
-    return std::find(names.begin(), names.end(), name) != names.end();
-  };
-  // TimedOut is the bus's word for a daemon that does not start; it ends calls with NoReply.
-  if (name.starts_with("Spawn.") ||
-      isOneOf({"ServiceUnknown", "NameHasNoOwner", "NoReply", "TimedOut"})) {
-    return PROXYMANAGER_NO_DAEMON;
+  switch (busErrorOf(name)) {
+    case BusError::kNotRunning:
+    case BusError::kCannotStart:
+    case BusError::kEnded:
+      return PROXYMANAGER_NO_DAEMON;
+    case BusError::kDenied:
+      return PROXYMANAGER_DENIED;
+    case BusError::kTimedOut:
+      return PROXYMANAGER_TOO_SLOW;
+    case BusError::kBusy:
+      return PROXYMANAGER_BUSY;
+    case BusError::kLost:
+      return PROXYMANAGER_NO_BUS;
+    case BusError::kUnknown:
+      break;
   }
-  if (isOneOf({"AccessDenied", "AuthFailed"})) return PROXYMANAGER_DENIED;
-  if (isOneOf({"Timeout"})) return PROXYMANAGER_TOO_SLOW;
-  if (isOneOf({"LimitsExceeded", "NoMemory"})) return PROXYMANAGER_BUSY;
-  if (isOneOf({"Disconnected", "NoServer"})) return PROXYMANAGER_NO_BUS;
   return PROXYMANAGER_BAD_REPLY;
 }
 
@@ -125,16 +101,17 @@ Outcome failedSending(int error) noexcept {
 }
 
 void setLastFailure(const Outcome& outcome) noexcept {
-  if (outcome.status == PROXYMANAGER_OK && lastOfThread.status == PROXYMANAGER_OK) return;
-  const auto* const detail = keptDetail.keep(outcome.detail);
-  lastOfThread = {outcome.status, 0, "", ""};
-  if (detail != nullptr) {
-    lastOfThread = {outcome.status, detail->error, detail->name.c_str(), detail->text.c_str()};
-  }
+  auto& last = lastOfThread;
+  if (outcome.status == PROXYMANAGER_OK && last.failure.status == PROXYMANAGER_OK) return;
+  last.failure = {outcome.status, 0, "", ""};
+  if (!outcome.detail) return;
+  last.failure.error = outcome.detail->error;
+  last.failure.name = copy(outcome.detail->name, last.name);
+  last.failure.text = copy(outcome.detail->text, last.text);
 }
 
 const proxymanager_failure* lastFailure() noexcept {
-  return &lastOfThread;
+  return &lastOfThread.failure;
 }
 
 }  // namespace client::library

@@ -1,6 +1,7 @@
 // How a question ended, and what the bus said of it.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -9,6 +10,12 @@
 #include "client/library/include/proxymanager/client.h"
 
 namespace client::library {
+
+/// Longest name of an error on the bus, in bytes: the bus allows no longer one.
+inline constexpr std::size_t kMaxBusErrorName = 255;
+
+/// How much of an error's text lastFailure() keeps, in bytes: enough for a log line.
+inline constexpr std::size_t kMaxFailureText = 511;
 
 /// More about a failure than its status.
 struct Detail {

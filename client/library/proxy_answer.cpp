@@ -8,6 +8,8 @@
 #include <charconv>
 #include <utility>
 
+#include "base/ascii.h"
+
 namespace client {
 
 namespace {
@@ -38,26 +40,11 @@ constexpr std::array<Keyword, 7> kSchemes{{
 
 constexpr std::size_t kMaxHost = 255;  // bytes; more than any name or address has
 
-char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool sameWord(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](char x, char y) { return lower(x) == lower(y); });
-}
-
 ProxyKind kindOf(std::span<const Keyword> known, std::string_view word) {
-  const auto found =
-      std::find_if(known.begin(), known.end(), [&](auto& row) { return sameWord(row.word, word); });
+  const auto found = std::find_if(known.begin(), known.end(), [&](auto& row) {
+    return base::equalIgnoringCase(row.word, word);
+  });
   return found == known.end() ? ProxyKind::kUnusable : found->kind;
-}
-
-std::string_view trimmed(std::string_view text) {
-  constexpr std::string_view kBlanks = " \t";
-  const auto first = text.find_first_not_of(kBlanks);
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
 std::uint16_t usualPort(ProxyKind kind) {
@@ -79,8 +66,7 @@ bool isIpv6(const std::string& text) {
 /// A host name, also with underscores as some networks have them, or an IPv4 address.
 bool isHost(std::string_view text) {
   const auto mayStand = [](char c) {
-    return (c >= '0' && c <= '9') || (lower(c) >= 'a' && lower(c) <= 'z') || c == '-' || c == '.' ||
-           c == '_';
+    return base::isDigit(c) || base::isLetter(c) || c == '-' || c == '.' || c == '_';
   };
   return !text.empty() && text.size() <= kMaxHost && text.front() != '-' && text.front() != '.' &&
          std::all_of(text.begin(), text.end(), mayStand);
@@ -140,14 +126,15 @@ ProxyEntry unusable(std::string_view text) {
 }  // namespace
 
 ProxyEntry parseEntry(std::string_view text) {
-  const auto whole = trimmed(text);
-  if (sameWord(whole, "DIRECT")) return {ProxyKind::kDirect, std::string(text), {}, {}, 0};
-  const auto blank = whole.find_first_of(" \t");
+  const auto whole = base::trimmed(text);
+  if (base::equalIgnoringCase(whole, "DIRECT"))
+    return {ProxyKind::kDirect, std::string(text), {}, {}, 0};
+  const auto blank = whole.find_first_of(base::kBlanks);
   ProxyEntry entry;
   entry.kind = kindOf(kKeywords, whole.substr(0, blank));
   entry.text = text;
   if (entry.kind == ProxyKind::kUnusable || blank == std::string_view::npos ||
-      !setAddress(trimmed(whole.substr(blank)), entry)) {
+      !setAddress(base::trimmed(whole.substr(blank)), entry)) {
     return unusable(text);
   }
   return entry;
@@ -157,7 +144,7 @@ std::vector<ProxyEntry> parseEntries(std::string_view text) {
   std::vector<ProxyEntry> entries;
   for (;;) {
     const auto semicolon = text.find(';');
-    const auto piece = trimmed(text.substr(0, semicolon));
+    const auto piece = base::trimmed(text.substr(0, semicolon));
     if (!piece.empty()) entries.push_back(parseEntry(piece));
     if (semicolon == std::string_view::npos) return entries;
     text.remove_prefix(semicolon + 1);
@@ -166,7 +153,7 @@ std::vector<ProxyEntry> parseEntries(std::string_view text) {
 
 ProxyEntry parseManualProxy(std::string_view text) {
   constexpr std::string_view kMark = "://";
-  auto rest = trimmed(text);
+  auto rest = base::trimmed(text);
   if (rest.empty()) return {ProxyKind::kDirect, std::string(text), {}, {}, 0};
   ProxyEntry entry;
   entry.kind = ProxyKind::kHttp;
@@ -187,6 +174,14 @@ ProxyEntry parseManualProxy(std::string_view text) {
   return entry;
 }
 
+ProxyAnswer localAnswer() {
+  return {"local", {parseEntry("DIRECT")}};
+}
+
+bool isMode(std::string_view text) {
+  return text == "off" || text == "manual" || text == "pacurl" || text == "wpad";
+}
+
 std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts) {
   if (texts.empty()) return std::nullopt;
   ProxyAnswer answer;
@@ -197,6 +192,37 @@ std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts) {
     answer.entries.push_back(oneProxy ? parseManualProxy(text) : parseEntry(text));
   }
   return answer;
+}
+
+std::string credentialsOf(std::string_view userName, std::string_view password) {
+  std::string credentials;
+  const auto append = [&](std::string_view text) {
+    constexpr std::string_view kDigits = "0123456789ABCDEF";
+    for (const char c : text) {
+      const auto byte = static_cast<unsigned char>(c);
+      if (base::isLetter(c) || base::isDigit(c) ||
+          std::string_view("-._~").find(c) != std::string_view::npos) {
+        credentials += c;
+      } else {
+        credentials += {'%', kDigits[byte >> 4U], kDigits[byte & 0xFU]};
+      }
+    }
+  };
+  append(userName);
+  if (password.empty()) return credentials;
+  credentials += ':';
+  append(password);
+  return credentials;
+}
+
+bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
+                      std::span<const std::string> hosts) {
+  if (entry.kind == ProxyKind::kDirect || entry.kind == ProxyKind::kUnusable) return false;
+  if (!entry.credentials.empty()) return false;
+  return answer.mode == "manual" ||
+         std::any_of(hosts.begin(), hosts.end(), [&](const std::string& host) {
+           return base::equalIgnoringCase(host, entry.host);
+         });
 }
 
 std::string proxyUrl(const ProxyEntry& entry) {

@@ -58,15 +58,30 @@ ProxyEntry parseEntry(std::string_view text);
 /// Reads a script's whole answer, entries with ";" between. Empty entries count for nothing.
 std::vector<ProxyEntry> parseEntries(std::string_view text);
 
+/// The answer for URLs of this machine (domain/local_host.h): DIRECT, in the mode "local".
+ProxyAnswer localAnswer();
+
 /// Reads a manual proxy: a URL whose scheme is http, https, socks (as socks5h), socks4, socks4a,
 /// socks5 or socks5h; without one it is http. A path of "/" may follow. Empty text: DIRECT.
 ProxyEntry parseManualProxy(std::string_view text);
+
+/// Whether `text` names a mode: "off", "manual", "pacurl" or "wpad".
+bool isMode(std::string_view text);
 
 /// Reads what the daemon returns: the mode, then in modes off and manual one text, which may be
 /// empty, in the others one for each entry, kMaxEntries at most.
 /// @return nothing where the daemon has no service any more, as it is about to end: it says "off"
 /// and no more then; and where there is no text at all
 std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts);
+
+/// "user:password" for the URL of a proxy, percent-encoded; "user" without a password.
+std::string credentialsOf(std::string_view userName, std::string_view password);
+
+/// Whether the configuration's user name and password may go into `entry` of `answer`: it is a
+/// proxy without credentials of its own, and the mode is manual or its host is one of `hosts`. A
+/// script could name any host, and would get the password.
+bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
+                      std::span<const std::string> hosts);
 
 /// "socks5h://host:1080", with the credentials. Empty where there is no proxy.
 std::string proxyUrl(const ProxyEntry& entry);

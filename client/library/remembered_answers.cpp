@@ -40,4 +40,32 @@ void RememberedAnswers::forget(Place place) {
   mByUse.erase(place);
 }
 
+AnswerRef SharedAnswers::find(std::string_view url) {
+  auto& part = partOf(url);
+  const Lock lock(part.mutex);
+  return part.answers.find(url);
+}
+
+void SharedAnswers::add(std::string_view url, const AnswerRef& answer) {
+  auto& part = partOf(url);
+  const Lock lock(part.mutex);
+  part.answers.add(url, answer);
+}
+
+void SharedAnswers::clear() {
+  for (auto& part : mParts) {
+    const Lock lock(part.mutex);
+    part.answers.clear();
+  }
+}
+
+/// Cheaper than the hash, which is made inside the lock: URLs differ in their length and their end.
+SharedAnswers::Part& SharedAnswers::partOf(std::string_view url) {
+  std::size_t sum = url.size();
+  for (std::size_t n = 0; n < 8 && n < url.size(); ++n) {
+    sum = sum * 31 + static_cast<unsigned char>(url[url.size() - 1 - n]);
+  }
+  return mParts[(sum ^ (sum >> 4U)) % kParts];
+}
+
 }  // namespace client::library

@@ -1,19 +1,22 @@
-// The answers that a client remembers, by the whole URL: a proxy script may look at all of it.
+// The answers that a client remembers, by the URL as the caller gave it: a lookup costs no parsing.
 //
-// The one used longest ago goes first. What makes answers wrong is the owner's business: it forgets
-// all of them at once. Not for two threads.
+// The answer used longest ago goes first. What makes answers wrong is the owner's business: it
+// forgets all of them at once.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <list>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 
+#include "base/mutex.h"
 #include "client/library/answer.h"
 
 namespace client::library {
 
+/// For one thread at a time.
 class RememberedAnswers {
  public:
   /// @param maxAnswers how many there may be
@@ -52,6 +55,35 @@ class RememberedAnswers {
   std::size_t mBytes = 0;
   std::list<Remembered> mByUse;                        ///< the latest used first
   std::unordered_map<std::string_view, Place> mByUrl;  ///< the texts are those of mByUse
+};
+
+/// The same for many threads at once: each URL belongs to one of several parts, which have a lock
+/// and a share of the room each.
+class SharedAnswers {
+ public:
+  SharedAnswers() = default;
+  SharedAnswers(const SharedAnswers&) = delete;
+  SharedAnswers& operator=(const SharedAnswers&) = delete;
+
+  /// As RememberedAnswers. Any thread.
+  AnswerRef find(std::string_view url);
+  void add(std::string_view url, const AnswerRef& answer);
+  void clear();
+
+  static constexpr std::size_t kParts = 16;
+  /// How many answers there may be in all: the pages that a person has open, with all they load.
+  static constexpr std::size_t kMaxAnswers = 512;
+  /// What these may take in all, in bytes. An answer of one entry takes about 600.
+  static constexpr std::size_t kMaxBytes = 512UL * 1024;
+
+ private:
+  struct Part {
+    Mutex mutex;
+    RememberedAnswers answers PM_GUARDED_BY(mutex){kMaxAnswers / kParts, kMaxBytes / kParts};
+  };
+  Part& partOf(std::string_view url);
+
+  std::array<Part, kParts> mParts;
 };
 
 }  // namespace client::library

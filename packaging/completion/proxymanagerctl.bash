@@ -22,7 +22,7 @@ _proxymanagerctl_exec() {
 }
 
 _proxymanagerctl() {
-  local commands='status get config off manual pacurl wpad watch exec pac'
+  local commands='status get config off manual pacurl wpad watch refresh wait diagnose exec pac'
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
   local command=${COMP_WORDS[1]} options i
   COMPREPLY=()
@@ -50,7 +50,7 @@ _proxymanagerctl() {
       _proxymanagerctl_words 'table curl env raw'
       return
       ;;
-    --password-file)
+    --password-file | --file | -f)
       _proxymanagerctl_files
       return
       ;;
@@ -59,20 +59,23 @@ _proxymanagerctl() {
         find . -type f -path '*[A-Z]*' -printf '%P ')"
       return
       ;;
-    --timeout | --user | --host | --at | --resolve | --my-ip) return ;;
+    --timeout | --user | --host | --at | --resolve | --my-ip | --credentials-for) return ;;
   esac
   case $command in
     status | config | watch) options='--timeout --json --show-password --help' ;;
-    get) options='--format --timeout --json --show-password --help' ;;
+    get) options='--file --format --timeout --json --show-password --ask-local --credentials-for --with-password --help' ;;
     off | manual | pacurl | wpad) options='--user --password-file --timeout --json --help' ;;
-    exec) options='--timeout --help --' ;;
+    exec) options='--timeout --ask-local --credentials-for --no-check --help --' ;;
+    refresh) options='--timeout --help' ;;
+    wait) options='--configured --script --timeout --help' ;;
+    diagnose) options='--timeout --ask-local --help' ;;
     pac)
       if [ "$COMP_CWORD" -eq 2 ]; then
         _proxymanagerctl_words 'eval check --help'
         return
       fi
       options='--at --tz --resolve --my-ip --offline --json --help'
-      [ "${COMP_WORDS[2]}" != eval ] || options="--host $options"
+      [ "${COMP_WORDS[2]}" != eval ] || options="--file --host $options"
       if [[ $cur != -* ]]; then
         _proxymanagerctl_files
         return
@@ -80,7 +83,7 @@ _proxymanagerctl() {
       ;;
     *) return ;;
   esac
-  if [[ $cur == -* || $command != @(get|manual|pacurl|exec) ]]; then
+  if [[ $cur == -* || $command != @(get|manual|pacurl|exec|diagnose) ]]; then
     _proxymanagerctl_words "$options"
   fi
 }

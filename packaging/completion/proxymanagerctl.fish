@@ -1,6 +1,6 @@
 # fish completion for proxymanagerctl(1).
 
-set -l commands status get config off manual pacurl wpad watch exec pac
+set -l commands status get config off manual pacurl wpad watch refresh wait diagnose exec pac
 set -l updates off manual pacurl wpad
 
 # The position of the "--" of exec, after which another program's words stand.
@@ -10,7 +10,7 @@ end
 
 complete -c proxymanagerctl -f
 complete -c proxymanagerctl -s h -l help -n __proxymanagerctl_before_command -d 'Print the help'
-complete -c proxymanagerctl -l version -n __fish_use_subcommand -d 'Print the version'
+complete -c proxymanagerctl -s V -l version -n __fish_use_subcommand -d 'Print the version'
 
 complete -c proxymanagerctl -n __fish_use_subcommand -a status -d 'What is known of the daemon'
 complete -c proxymanagerctl -n __fish_use_subcommand -a get -d 'Which proxies to use for URLs'
@@ -20,13 +20,23 @@ complete -c proxymanagerctl -n __fish_use_subcommand -a manual -d 'Use the proxy
 complete -c proxymanagerctl -n __fish_use_subcommand -a pacurl -d 'Use the PAC script at a URL'
 complete -c proxymanagerctl -n __fish_use_subcommand -a wpad -d 'Use the PAC script that the network announces'
 complete -c proxymanagerctl -n __fish_use_subcommand -a watch -d 'What the daemon signals, until Ctrl-C'
+complete -c proxymanagerctl -n __fish_use_subcommand -a refresh -d 'Fetch the script again'
+complete -c proxymanagerctl -n __fish_use_subcommand -a wait -d 'Wait until the daemon is ready'
+complete -c proxymanagerctl -n __fish_use_subcommand -a diagnose -d 'Try each way that the daemon gives'
 complete -c proxymanagerctl -n __fish_use_subcommand -a exec -d 'Run a command with the proxy for a URL'
 complete -c proxymanagerctl -n __fish_use_subcommand -a pac -d 'Try PAC scripts out, without daemon or bus'
 
-complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config watch exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
+complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config watch refresh wait diagnose exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config watch pac $updates" -l json -d 'Print JSON'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from status get config watch' -l show-password -d 'Show passwords'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from get' -l format -x -a 'table curl env raw' -d 'For use elsewhere'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from get eval' -s f -l file -r -F -d 'File of URLs, or -'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from get' -l with-password -d 'User name and password in the URL'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from get exec; and __proxymanagerctl_before_command' -l credentials-for -x -d 'Proxy that gets the password, too'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from get exec diagnose; and __proxymanagerctl_before_command' -l ask-local -d 'Ask about this machine, too'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from exec; and __proxymanagerctl_before_command' -l no-check -d 'Do not try the proxies'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from wait' -l configured -d 'Until it got a configuration'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from wait' -l script -d 'Until it has a script'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from $updates" -l user -x -a '(__fish_complete_users)' -d 'Authenticate at the proxy'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from $updates" -l password-file -r -F -d 'File whose only line is the password, or -'
 

@@ -18,6 +18,11 @@ ENGINE_WIRE = "engine/wire/"
 PAC_HEADER = "engine/pac.h"
 PAC_ENGINE_HEADER = "engine/pac_engine.h"
 CLIENT_LIBRARY = "client/library/"
+CTL = "client/ctl/"
+CTL_TERMINAL = "client/ctl/terminal/"
+CTL_DAEMON = "client/ctl/daemon/"
+CTL_COMMANDS = "client/ctl/commands/"
+CTL_OWN = ("client/ctl/exit_status.h", "client/ctl/failure.h")
 
 # Folder -> the beginnings of what it may include besides itself. The longest folder that a file is
 # in is its row, so a row for a subfolder replaces the row of the folder around it.
@@ -45,7 +50,11 @@ ARROWS = {
     # Programs load these, and they know the library by its public header.
     "client/gio/": (),
     "client/libproxy/": ("base/",),
-    "client/ctl/": ("base/", CLIENT_LIBRARY, RECORDS, "domain/", "engine/", "pac/"),
+    CTL: (CTL_TERMINAL, CTL_DAEMON, CTL_COMMANDS, "base/"),
+    CTL_TERMINAL: (*CTL_OWN, "base/", CLIENT_LIBRARY, "domain/", "engine/"),
+    CTL_DAEMON: (*CTL_OWN, CTL_TERMINAL, "base/", CLIENT_LIBRARY, "domain/"),
+    CTL_COMMANDS: (*CTL_OWN, CTL_TERMINAL, CTL_DAEMON, "base/", CLIENT_LIBRARY, RECORDS, "domain/",
+                   "engine/", "pac/"),
     "settings/": ("base/", "sandbox/", CLIENT_LIBRARY),
     "relay/": ("base/", "sandbox/", CLIENT_LIBRARY),
 }
@@ -103,7 +112,10 @@ GOOD = {
     "pac/pac_parser.cpp": ["pac/pac_parser.h", PAC_HEADER, "domain/url_host.h"],
     "dbus/handler.cpp": ["service/records/proxy_config.h", "dbus/service_callbacks.h"],
     "platform/bus/loop.cpp": ["platform/bus/loop.h", "platform/process/thread_name.h"],
-    "client/ctl/commands/get.cpp": ["client/library/answer.h", "client/ctl/daemon/bus.h"],
+    "client/ctl/main.cpp": ["client/ctl/commands/get.h", "client/ctl/failure.h"],
+    "client/ctl/commands/get.cpp": ["client/library/answer.h", "client/ctl/daemon/bus.h",
+                                    "client/ctl/terminal/output.h"],
+    "client/ctl/daemon/bus.cpp": ["client/ctl/terminal/output.h", "client/ctl/failure.h"],
     "client/library/client.cpp": ["client/library/answer.h", "domain/canonical_url.h"],
     "relay/main.cpp": ["sandbox/walls.h", "relay/front.h"],
     "tests/unit/any.cpp": ["service/main.h"],
@@ -122,6 +134,9 @@ BAD = {
     "platform/bus/loop.h": ["service/records/proxy_config.h", "platform/netservice/dhcp_info.h"],
     "platform/process/trace.cpp": ["platform/bus/loop.h"],
     "client/ctl/main.cpp": ["service/proxy_manager_service_impl.h", "relay/front.h"],
+    "client/ctl/daemon/bus.cpp": ["client/ctl/commands/command.h", "service/records/proxy_config.h"],
+    "client/ctl/terminal/output.cpp": ["client/ctl/commands/command.h",
+                                       "client/ctl/daemon/bus.h"],
     "client/library/client.cpp": ["client/ctl/command.h", "platform/process/thread_name.h"],
     "client/gio/module.c": ["client/library/client.h"],
     "settings/main.cpp": ["relay/front.h", "service/records/proxy_config.h"],

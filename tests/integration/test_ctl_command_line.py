@@ -1,9 +1,11 @@
 """The command line of proxymanagerctl, its help and its output."""
 
+import pathlib
 import re
 
 from support.ctl import ANSWERED, COMMANDS, MAX_URL, OUTPUT, UNAVAILABLE, USAGE, commands
 
+PAGE = pathlib.Path(__file__).parents[2] / "docs/man/proxymanagerctl.1"
 # What the help has before the statuses that all share.
 OWN_STATUSES = {"get": ["0", "1"], "exec": ["1", "126", "127"],
                 **{name: ["0", "65", "66"] for name in ("off", "manual", "pacurl", "wpad")}}
@@ -73,9 +75,11 @@ def test_a_wrong_command_line_ends_with_status_64(ctl):
         assert refused("manual", url) == (
             "URL: it is no proxy's; give it as http://proxy.example:3128, or with https, socks4, "
             "socks4a, socks5 or socks5h in place of http"), url
-    for url in ("ftp://p/x.pac", "file:/etc/passwd", "FILE:///x.pac", "data:,x", "p:x/y.pac"):
-        assert refused("pacurl", url) == \
-            "URL: it has a scheme that the daemon does not fetch; http and https it does", url
+    for url in ("ftp://p/x.pac", "file:/etc/passwd", "FILE:///x.pac", "data:,x", "p:x/y.pac", "foo",
+                "/etc/proxy.pac", "http://", "http:///x.pac", "p/x.pac"):
+        assert refused("pacurl", url) == (
+            "URL: it is no URL that the daemon fetches; those begin with http:// or https:// and a "
+            "host"), url
     assert refused("manual", "-", "--user", "u", "--password-file", "-") == \
         "--password-file: standard input holds the URL already"
     assert refused("exec") == "URL is required"
@@ -94,6 +98,15 @@ def test_output_that_cannot_be_written_is_said(ctl, client):
                 OUTPUT, "proxymanagerctl: cannot write the output: No space left on device\n"), name
 
 
+def test_the_page_has_the_programs_list_of_exit_statuses(ctl):
+    help_text = re.sub(r"\n {7}", " ", ctl("--help").output.split("Exit status:")[1])
+    listed = re.findall(r"^  (\d+) +(.*)$", help_text, re.MULTILINE)
+    assert len(listed) > 10
+    with open(PAGE) as page:
+        section = page.read().split(".SH EXIT STATUS")[1].split(".SH ")[0]
+    assert re.findall(r"^\.B (\d+)\n(.*)$", section, re.MULTILINE) == listed
+
+
 def test_each_command_has_its_help(ctl):
     program = ctl("--help").output
     for name in COMMANDS:
@@ -106,3 +119,17 @@ def test_each_command_has_its_help(ctl):
         assert statuses == OWN_STATUSES.get(name, ["0"]) + [
             "64", "69", "70", "74", "75", "76", "77"], name
         assert [line for line in result.output.splitlines() if len(line) > 80] == []
+
+
+def test_the_help_comes_by_any_of_its_usual_names(ctl):
+    whole = ctl("--help").output
+    for arguments in (["-h"], ["help"]):
+        result = ctl(*arguments)
+        assert (result.status, result.output) == (ANSWERED, whole), arguments
+    bare = ctl()
+    assert (bare.status, bare.output) == (USAGE, whole)
+    assert ctl("help", "get").output == ctl("get", "--help").output
+    assert ctl("help", "pac", "eval").output == ctl("pac", "eval", "--help").output
+    assert ctl("-V").output == ctl("--version").output
+    assert ctl("--json", "get", "http://localhost/").json == \
+        ctl("get", "--json", "http://localhost/").json

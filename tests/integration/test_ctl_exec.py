@@ -1,20 +1,24 @@
 """proxymanagerctl exec."""
 
+import os
 import signal
+import socket
 
-from support.ctl import ANSWERED, VARIABLES, said
+from support.bus import wait_until
+from support.ctl import ANSWERED, NO_ANSWER, NO_PROXY, VARIABLES, answering, said
 
 
 def test_exec_gives_the_command_the_proxy_of_the_url(ctl, client):
     def variables(url, before):
-        output = ctl("exec", url, "--", "env", environment=before).output
+        output = ctl("exec", "--no-check", "--ask-local", url, "--", "env",
+                     environment=before).output
         lines = dict(line.split("=", 1) for line in output.splitlines())
         assert lines["PATH"] == "/usr/bin:/bin"
         return {name: value for name, value in lines.items() if name in VARIABLES}
 
     client.update("manual", "http://a.example:8080")
     proxied = {**{name: "http://a.example:8080" for name in VARIABLES},
-               "no_proxy": "localhost,127.0.0.1,::1", "NO_PROXY": "localhost,127.0.0.1,::1"}
+               "no_proxy": NO_PROXY, "NO_PROXY": NO_PROXY}
     assert variables("http://b/", {"http_proxy": "old", "NO_PROXY": "*"}) == proxied
     for name in ("no_proxy", "NO_PROXY"):
         del proxied[name]
@@ -35,3 +39,57 @@ def test_exec_ends_as_the_command_does(ctl, client):
         127, "cannot run no-such-command: No such file or directory")
     assert said(ctl("exec", "http://a/", "--", "/etc/passwd")) == (
         126, "cannot run /etc/passwd: Permission denied")
+
+
+def test_exec_does_not_ask_about_this_machine(ctl, client):
+    client.update("manual", "http://a.example:8080")
+    for url in ("http://localhost/", "http://127.1/", "http://[::ffff:127.0.0.1]/", "http://a.localhost."):
+        output = ctl("exec", url, "--", "env", environment={"http_proxy": "old"}).output
+        assert "proxy" not in output.lower(), url
+
+
+def test_exec_takes_the_first_entry_whose_proxy_takes_a_connection(ctl, client, web):
+    with socket.create_server(("127.0.0.1", 0)) as alive, socket.socket() as closed:
+        closed.bind(("127.0.0.1", 0))  # taken, and nobody listens
+        dead, port = closed.getsockname()[1], alive.getsockname()[1]
+        answering(client, web, f"PROXY 127.0.0.1:{dead}; PROXY 127.0.0.1:{port}; DIRECT")
+        show = ["--", "sh", "-c", "echo $http_proxy"]
+        assert ctl("exec", "http://a/", *show).output == f"http://127.0.0.1:{port}\n"
+        assert ctl("exec", "--no-check", "http://a/", *show).output == f"http://127.0.0.1:{dead}\n"
+        answering(client, web, f"PROXY 127.0.0.1:{dead}; DIRECT")
+        assert ctl("exec", "http://a/", *show).output == "\n"
+        answering(client, web, f"PROXY 127.0.0.1:{dead}; SOCKS 127.0.0.1:{dead}")
+        result = ctl("exec", "http://a/", *show)
+        assert result.output == f"http://127.0.0.1:{dead}\n"
+        assert "no proxy of the answer takes a connection" in result.errors
+
+
+def test_wget_gets_no_proxy_that_it_refuses(ctl, client, web):
+    wget = "/run/wget"
+    with open(wget, "w") as file:
+        file.write("#!/bin/sh\necho $http_proxy\n")
+    os.chmod(wget, 0o755)
+    answering(client, web, "SOCKS s:1; PROXY p:2")
+    assert ctl("exec", "--no-check", "http://a/", "--", wget).output == "http://p:2\n"
+    assert ctl("exec", "--no-check", "http://a/", "--", "sh", "-c", "echo $http_proxy").output == \
+        "socks5h://s:1\n"
+    answering(client, web, "SOCKS s:1")
+    assert ctl("exec", "--no-check", "http://a/", "--", wget).status == NO_ANSWER
+
+
+def test_the_configured_password_comes_into_a_manual_proxys_url_alone(ctl, client, web):
+    show = ["--", "sh", "-c", "echo $http_proxy"]
+    client.update("manual", "http://p:1", auth=True, user="me@x", password="a b/c")
+    assert ctl("exec", "--no-check", "http://a/", *show).output == "http://me%40x:a%20b%2Fc@p:1\n"
+    assert ctl("get", "--format", "curl", "http://a/").output == "http://p:1\n"
+    assert ctl("get", "--format", "curl", "--with-password", "http://a/").output == \
+        "http://me%40x:a%20b%2Fc@p:1\n"
+    assert "with-password" in ctl("get", "--with-password", "http://a/").errors
+    web.routes["/two.pac"] = ('function FindProxyForURL(u, h) {'
+                              ' return h == "a" ? "PROXY p:1" : "PROXY other:1"; }')
+    client.update("pacurl", pacurl=web.url("/two.pac"), auth=True, user="me", password="pw")
+    wait_until(lambda: client.urls("http://a/") == ["pacurl", "PROXY p:1"], "the script answers")
+    assert ctl("exec", "--no-check", "http://a/", *show).output == "http://p:1\n"
+    listed = ["--no-check", "--credentials-for", "P"]
+    assert ctl("exec", *listed, "http://a/", *show).output == "http://me:pw@p:1\n"
+    assert ctl("exec", *listed, "http://b/", *show).output == "http://other:1\n"

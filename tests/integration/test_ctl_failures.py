@@ -80,7 +80,7 @@ def test_a_bus_that_is_not_there_is_told_in_one_line(ctl, build):
 
 @pytest.mark.slow  # 10 s, and no more
 def test_a_bus_that_does_not_answer_is_told_in_one_line(ctl, root):
-    line = f"the message bus at {ADDRESS} does not answer; try again, or start it anew"
+    line = f"the message bus at {ADDRESS} does not answer; try again, or restart it"
     with socket.socket(socket.AF_UNIX) as silent:
         silent.bind("/run/test_bus")
         silent.listen()
@@ -94,16 +94,16 @@ def test_a_bus_that_does_not_answer_is_told_in_one_line(ctl, root):
 @pytest.mark.slow  # 10 s, and no more
 def test_a_bus_that_greets_and_then_does_not_answer_is_told_in_one_line(ctl, root):
     bus = DeafBus("/run/test_bus")
-    call = ctl.start("get", "--timeout", "60", "http://a/")
+    call = ctl.start("watch", "--timeout", "60")
     bus.accept(last="Hello")
     assert call.end() == (TRY_AGAIN, f"proxymanagerctl: the message bus at {ADDRESS} does not "
-                          "answer; try again, or start it anew\n")
+                          "answer; try again, or restart it\n")
     bus.close()
 
 
 def test_a_slow_answer_is_told_in_one_line(ctl, daemon):
     daemon.signal(signal.SIGSTOP)
-    slow = "proxymanagerd has not answered within 0.1 s, maybe as it waits for a download; "
+    slow = "proxymanagerd has not answered within 0.1 s, maybe because it waits for a download; "
     ask = slow + "try again, or give it more time with --timeout"
     change = slow + ('the change may still be made, look with "proxymanagerctl config", or give it '
                      "more time with --timeout")

@@ -71,18 +71,38 @@ def test_json_has_an_object_for_each_url_in_order(ctl):
     result = ctl("pac", "eval", "--json", script, "http://a/x?y", "http://b:8080", "http://c/")
     assert result.status == NO_ANSWER and result.errors == ""
     assert result.output.startswith("[\n") and result.output.endswith("]\n")
-    # Members as pairs, so that their order counts as well.
-    pairs = json.loads(result.output, object_pairs_hook=lambda members: list(map(list, members)))
-    assert pairs == [
-        [["url", "http://a/x?y"], ["host", "a"],
-         ["result", "SOCKS s:1;PROXY p:2; DIRECT; HTTPS h:3"],
-         ["entries", [[["type", 3], ["url", "SOCKS s:1"]], [["type", 2], ["url", "PROXY p:2"]],
-                      [["type", 1], ["url", "DIRECT"]]]],
-         ["error", None]],
-        [["url", "http://b:8080"], ["host", "b"], ["result", ""], ["entries", []], ["error", None]],
-        [["url", "http://c/"], ["host", "c"], ["result", None], ["entries", []],
-         ["error", "line 4: Error: not you"]],
-    ]
+    assert [list(answer) for answer in result.json] == [
+        ["url", "mode", "host", "answered", "result", "entries", "error"]] * 3
+    first, second, third = result.json
+    assert first["result"] == "SOCKS s:1;PROXY p:2; DIRECT; HTTPS h:3"
+    assert [(entry["text"], entry["kind"], entry["proxy"], entry["dropped"])
+            for entry in first["entries"]] == [
+        ("SOCKS s:1", "socks5h", "socks5h://s:1", False), ("PROXY p:2", "http", "http://p:2", False),
+        ("DIRECT", "direct", None, False), ("HTTPS h:3", "https", "https://h:3", True)]
+    assert (first["url"], first["mode"], first["host"], first["answered"], first["error"]) == (
+        "http://a/x?y", None, "a", True, None)
+    assert (second["host"], second["result"], second["answered"], second["entries"]) == (
+        "b", "", False, [])
+    assert (third["result"], third["error"]) == (None, "line 4: Error: not you")
+
+
+def test_entries_that_the_daemon_drops_are_named(ctl):
+    script = returning('"HTTPS a:1; SOCKS5 b:2; proxy c:3; PROXY d:4;nonsense"')
+    result = ctl("pac", "eval", "-", "http://a/", script=script)
+    assert [line.split(None, 1) for line in result.output.splitlines()[3:]] == [
+        ["dropped", "HTTPS a:1"], ["dropped", "SOCKS5 b:2"], ["dropped", "proxy c:3"],
+        ["entry", "PROXY d:4"], ["dropped", "nonsense"]]
+
+
+def test_urls_come_from_a_file_behind_those_of_the_command_line(ctl):
+    script = write("x.pac", "function FindProxyForURL(url, host) { return 'PROXY ' + host + ':1'; }")
+    urls = "# a list\n\n  http://b/  \r\nhttp://c/"
+    hosts = [["http://a/", "a"], ["http://b/", "b"], ["http://c/", "c"]]
+    for file in ("-", write("urls", urls)):
+        result = ctl("--json", "pac", "eval", script, "-f", file, "http://a/", script=urls)
+        assert [[answer["url"], answer["host"]] for answer in result.json] == hosts, file
+    assert ctl("pac", "eval", "-", "-f", "-", script=urls).status == USAGE
+    assert ctl("pac", "eval", script, "-f", "/no/such", script="").status == NO_INPUT
 
 
 def test_people_see_an_empty_result_and_an_error(ctl):
@@ -134,8 +154,8 @@ def test_a_url_without_a_host_gets_no_answer(ctl):
     error = "the URL has no host; --host gives one"
     assert result.status == NO_ANSWER
     assert result.json == [
-        {"url": url, "host": "", "result": None, "entries": [], "error": error}
-        for url in ("http://:80/", "")]
+        {"url": url, "mode": None, "host": "", "answered": False, "result": None, "entries": [],
+         "error": error} for url in ("http://:80/", "")]
     assert ctl.eval(script, "--host", "", "") == ["DIRECT"]
 
 
@@ -332,7 +352,6 @@ def test_a_name_has_64_addresses_at_most(ctl):
 
 def test_a_wrong_command_line_ends_with_status_64(ctl):
     for arguments, text, command in (
-            ([], "A subcommand is required", ""),
             (["none"], 'there is no command "none"', ""),
             (["pac"], "A subcommand is required", "pac"),
             (["pac", "none"], 'there is no command "none"', "pac"),
@@ -498,7 +517,7 @@ def test_each_level_has_its_help(ctl):
     for words, parts in (
             ([], ["Usage: proxymanagerctl ", "pac ", "Exit status:", "--version"]),
             (["pac"], ["Usage: proxymanagerctl pac ", "eval ", "check ", "Examples:"]),
-            (["pac", "eval"], ["Usage: proxymanagerctl pac eval [OPTIONS] FILE URL...", "--host HOST",
+            (["pac", "eval"], ["Usage: proxymanagerctl pac eval [OPTIONS] FILE [URL...]", "--host HOST",
                                "--at TIME", "--tz ZONE", "--resolve NAME=ADDR[,ADDR]",
                                "--my-ip ADDR[,ADDR]", "--offline", "--json", "Exit status:"]),
             (["pac", "check"], ["Usage: proxymanagerctl pac check [OPTIONS] FILE\n", "--json",

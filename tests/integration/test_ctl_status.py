@@ -22,8 +22,8 @@ def test_status_of_a_daemon_that_waits_for_its_first_configuration(ctl, daemon):
     assert table == {
         None: "proxymanagerd", "running": f"yes, process {daemon.pid}, user root", "answers": "yes",
         "mode": "off", "proxy URL": "(not set)", "PAC URL": "(not set)", "user": "(not set)",
-        "password": "(not set)", "PAC file": "none"}
-    pacfile = {"path": PAC_FILE, "exists": False, "bytes": None, "fetched": None, "age": None,
+        "password": "(not set)", "PAC file": "none", "log": "journalctl -t proxymanager_service"}
+    pacfile = {"path": PAC_FILE, "exists": False, "bytes": None, "fetched": None, "age": None, "loads": None, "refusal": None,
                "sha256": None}
     with Client() as client:
         client.update("off")
@@ -116,3 +116,20 @@ def test_status_tells_the_rest_where_the_daemon_does_not_run(ctl, bus):
     assert rows(result.output)["running"].startswith(f"unknown: there is no message bus at {ADDRESS}")
     found = ctl("status", "--json").json
     assert found["running"] is None and found["unknown"]["running"].startswith("there is no message")
+
+
+def test_status_tells_whether_the_script_can_be_used(ctl, client, web):
+    client.update("pacurl", pacurl=web.url("/none.pac"))
+    table = rows(ctl("status").output)
+    assert table["get"] == "no answer for any URL: no script was fetched"
+    assert table["log"] == "journalctl -t proxymanager_service"
+    answering(client, web, "PROXY a:1")
+    assert rows(ctl("status").output)["script"] == "loads"
+    assert ctl("status", "--json").json["pacfile"]["loads"] is True
+    with open(PAC_FILE, "w") as file:
+        file.write("function FindProxyForURL(url, host) {\n  return ; ) }")
+    table = rows(ctl("status").output)
+    assert table["script"].startswith("refused: line 2: SyntaxError")
+    assert table["get"] == "no answer from the script in the PAC file: it is refused"
+    pacfile = ctl("status", "--json").json["pacfile"]
+    assert pacfile["loads"] is False and pacfile["refusal"].startswith("line 2: SyntaxError")

@@ -84,6 +84,13 @@ def test_the_password_of_a_manual_proxy_reaches_it(shell, client):
     assert shell.ways() == {PASSWORD_HTTP}
     client.update("manual", f"socks5h://{USER}:{PASSWORD}@{PASSWORD_SOCKS_PROXY}")
     assert shell.ways(programs=(CURL, GIT)) == {PASSWORD_SOCKS}
+    client.update("manual", f"http://{PASSWORD_PROXY}", auth=True, user=USER, password=PASSWORD)
+    line = EXEC.format(CURL)
+    assert shell(line, PAGE)[:2] == (0, PASSWORD_HTTP)
+    # Without the option nobody is authenticated.
+    assert "407" in shell(CURL_TOLD.replace("-sS", "-sS -v"), PAGE)[2]
+    assert shell(CURL_TOLD.replace("--format curl", "--format curl --with-password"), PAGE)[:2] == (
+        0, PASSWORD_HTTP)
     client.update("manual", f"http://{USER}:wrong@{PASSWORD_PROXY}")
     status, output, errors = shell(EXEC.format(CURL), PAGE)
     assert (status, output) == (22, "") and "returned error: 401" in errors
@@ -107,9 +114,9 @@ def test_socks_is_for_curl_and_git_and_wget_does_not_go_past_it(shell, client, p
         configure()
         assert shell.ways(programs=(CURL, GIT)) == {SOCKS}
         assert shell.ways(f"https://{SITE}/way", f"https://{SITE}/way.git", (CURL, GIT)) == {SOCKS}
-    for told in (EXEC, ENV):
-        status, output, errors = shell(told.format(WGET.replace("-q", "-nv")), PAGE)
-        assert status != 0 and output == "" and "Unsupported scheme" in errors
+    status, output, errors = shell(ENV.format(WGET.replace("-q", "-nv")), PAGE)
+    assert status != 0 and output == "" and "Unsupported scheme" in errors
+    assert shell(EXEC.format(WGET), PAGE)[:2] == (NO_ANSWER, "")
     assert not proxies.has_been_asked_by("Wget")
     assert proxies.has_been_asked_by("curl")
 

@@ -22,6 +22,8 @@ MAX_URL = 65535  # bytes
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
             "status": [], "watch": []}
+# What these say of this machine and this link.
+NO_PROXY = "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10"
 # What exec and get --format env set for other programs.
 VARIABLES = ["ALL_PROXY", "HTTPS_PROXY", "HTTP_PROXY", "NO_PROXY", "all_proxy", "http_proxy",
              "https_proxy", "no_proxy"]
@@ -169,7 +171,10 @@ def answering(client, web, answer, **options):
     """Makes the daemon answer by a script that gives `answer` for all."""
     web.routes["/p.pac"] = script(answer)
     client.update("pacurl", pacurl=web.url("/p.pac"), **options)
-    wait_until(lambda: len(client.urls("http://ready.example/")) > 1, "the script answers")
+    # What the daemon takes; an earlier script answers until this one is loaded.
+    taken = [piece.strip() for piece in answer.split(";")
+             if piece.strip().split(" ")[0] in ("DIRECT", "PROXY", "SOCKS")]
+    wait_until(lambda: client.urls("http://ready.example/")[1:] == taken, "the script answers")
 
 
 def commands(*left_out):

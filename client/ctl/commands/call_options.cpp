@@ -1,11 +1,11 @@
 #include "client/ctl/commands/call_options.h"
 
-#include <proxymanager/client.h>
-
 #include <CLI/CLI.hpp>
 #include <charconv>
 
+#include "client/library/asked_url.h"
 #include "client/library/bus_text.h"
+#include "client/library/include/proxymanager/client.h"
 
 namespace client {
 
@@ -58,6 +58,8 @@ void checkAskedUrl(const std::string& url) {
   if (url.size() > PROXYMANAGER_MAX_URL) {
     throw CLI::ValidationError("URL", "it is longer than 65535 bytes");
   }
+  if (!askedUrl(url))
+    throw CLI::ValidationError("URL", "it is no URL: no scheme stands before \"://\"");
 }
 
 }  // namespace client

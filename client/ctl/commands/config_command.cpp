@@ -8,7 +8,6 @@
 
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/daemon/daemon_bus.h"
-#include "client/ctl/exit_text.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/shown_text.h"
 
@@ -24,7 +23,6 @@ constexpr const char* kFooter = R"(Output:
   that), userName, password; null where a value is not set.
 
 Exit status:
-  0    done
 )";
 
 Json jsonOf(const Configuration& configuration) {
@@ -74,7 +72,7 @@ void addConfigCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(std::string(kFooter) + kBusStatuses);
+  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "done"}}, kBusStatuses));
   command->callback(
       [options, &action] { action = [options] { return showConfiguration(*options); }; });
 }

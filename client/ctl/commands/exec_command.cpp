@@ -5,17 +5,19 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <memory>
 #include <system_error>
 #include <utility>
 
+#include "client/ctl/commands/answer_options.h"
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/proxy_variables.h"
-#include "client/ctl/commands/url_parts.h"
-#include "client/ctl/daemon/bus_failure.h"
-#include "client/ctl/daemon/daemon_answers.h"
-#include "client/ctl/exit_text.h"
+#include "client/ctl/daemon/answers.h"
+#include "client/ctl/daemon/connection.h"
+#include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/shown_text.h"
+#include "client/ctl/terminal/url_parts.h"
 #include "client/library/proxy_answer.h"
 
 namespace client {
@@ -25,32 +27,56 @@ namespace {
 constexpr const char* kName = "exec";
 
 constexpr const char* kFooter =
-    R"(The first entry of the answer that can be used says what http_proxy, https_proxy
-and all_proxy are, also as HTTP_PROXY and so on; no_proxy leaves this machine
-out. For DIRECT none of them is set, whatever was set before. Without an answer
-the command is not run.
+    R"(The entries of the answer are tried in their order: the first that is DIRECT or
+whose proxy takes a connection says what http_proxy, https_proxy and all_proxy
+are, also as HTTP_PROXY and so on; no_proxy leaves this machine out. If no proxy
+takes a connection, the command gets the first. For DIRECT none of them is set,
+whatever was set before. wget gets HTTP proxies alone, as it refuses others.
+Without an answer the command is not run. The configured user name and password
+come into the URL of a manual proxy if this user may read them.
 
 Exit status:
-  that of the command; where it was not run, standard error says why:
-  1    there is no answer for the URL
-  126  the command cannot be run
-  127  there is no such command
+  that of the command; if it was not run, standard error says why:
 )";
+
+/// How long one proxy may take to accept a connection, the lookup of its name included. A lost
+/// packet is sent again after 1 s.
+constexpr std::chrono::seconds kConnectLimit{3};
 
 struct ExecArguments {
   std::string url;
+  bool noCheck = false;
+  AnswerOptions answers{false, true, {}};
   CallOptions call;
 };
 
-ProxyEntry entryFor(const ExecArguments& arguments) {
-  const auto answer = DaemonAnswers(arguments.call.limit).ask(arguments.url);
-  const auto* const usable = firstUsable(answer.entries);
-  if (usable == nullptr) {
-    throw Failure(kNoAnswer, "no answer for " + withoutPassword(arguments.url) +
-                                 (answer.entries.empty() ? "" : ": none of its entries is of use") +
-                                 "; the command is not run");
+bool canUse(const std::string& command, ProxyKind kind) {
+  if (kind == ProxyKind::kUnusable) return false;
+  const auto name = command.substr(command.rfind('/') + 1);
+  return name != "wget" || kind == ProxyKind::kDirect || kind == ProxyKind::kHttp;
+}
+
+Failure nothingToUse(const ExecArguments& arguments, const ProxyAnswer& answer) {
+  return {kNoAnswer, "no answer for " + withoutPassword(arguments.url) +
+                         (answer.entries.empty() ? "" : ": none of its entries is of use") +
+                         "; the command is not run"};
+}
+
+ProxyEntry entryFor(const ExecArguments& arguments, const std::string& command) {
+  const auto answer = Answers(arguments.call.limit, arguments.answers).ask(arguments.url);
+  std::vector<ProxyEntry> usable;
+  std::copy_if(answer.entries.begin(), answer.entries.end(), std::back_inserter(usable),
+               [&](const ProxyEntry& entry) { return canUse(command, entry.kind); });
+  if (usable.empty()) throw nothingToUse(arguments, answer);
+  if (arguments.noCheck || (usable.size() == 1 && usable.front().kind == ProxyKind::kDirect)) {
+    return usable.front();
   }
-  return *usable;
+  for (const auto& entry : usable) {
+    if (entry.kind == ProxyKind::kDirect) return entry;
+    if (connectTo(entry.host, entry.port, kConnectLimit).problem.empty()) return entry;
+  }
+  complain("no proxy of the answer takes a connection; the command gets the first");
+  return usable.front();
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -62,14 +88,26 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
 }
 
 ExitStatus run(const ExecArguments& arguments, std::vector<std::string> command) {
-  const auto entry = entryFor(arguments);
+  const auto entry = entryFor(arguments, command.front());
   std::vector<std::string> before;
   for (char** variable = environ; *variable != nullptr; ++variable) before.emplace_back(*variable);
-  auto after = withVariables(before, proxyVariables(entry, hostOf(arguments.url)));
+  auto after = withVariables(before, proxyVariables(entry, canonicalOrGiven(arguments.url)));
   execvpe(command.front().c_str(), pointersTo(command).data(), pointersTo(after).data());
   const int error = errno;
   throw Failure(error == ENOENT ? kNoSuchCommand : kCannotRun,
                 "cannot run " + command.front() + ": " + std::generic_category().message(error));
+}
+
+/// "help COMMAND" becomes "COMMAND --help", "--json COMMAND" becomes "COMMAND --json".
+void moveBehindCommand(std::vector<std::string>& own) {
+  if (own.empty()) return;
+  if (own.front() == "help") {
+    own.erase(own.begin());
+    own.emplace_back("--help");
+  } else if (own.front() == "--json" && own.size() > 1 && !own[1].starts_with('-')) {
+    const auto words = own[1] == "pac" && own.size() > 2 ? 3 : 2;
+    std::rotate(own.begin(), own.begin() + 1, own.begin() + words);
+  }
 }
 
 }  // namespace
@@ -77,6 +115,7 @@ ExitStatus run(const ExecArguments& arguments, std::vector<std::string> command)
 CommandLine splitCommandLine(int argc, const char* const* argv) {
   CommandLine line;
   line.own.assign(argv + std::min(argc, 1), argv + argc);
+  moveBehindCommand(line.own);
   if (line.own.empty() || line.own.front() != kName) return line;
   const auto mark = std::find(line.own.begin(), line.own.end(), "--");
   if (mark == line.own.end()) return line;
@@ -93,7 +132,13 @@ void addExecCommand(CLI::App& program, Action& action, const CommandLine& line) 
       ->required()
       ->option_text("-- COMMAND [ARGUMENT...]");
   addTimeout(*command, arguments->call, kAskLimit);
-  command->footer(std::string(kFooter) + kBusStatuses);
+  addAnswerOptions(*command, arguments->answers);
+  command->add_flag("--no-check", arguments->noCheck,
+                    "Take the first entry without a connection\nto its proxy");
+  command->footer(std::string(kFooter) + statusHelp({{kNoAnswer, "there is no answer for the URL"},
+                                                     {kCannotRun, "the command cannot be run"},
+                                                     {kNoSuchCommand, "there is no such command"}},
+                                                    kBusStatuses));
   command->callback([arguments, &line, &action] {
     checkAskedUrl(arguments->url);
     if (line.other.empty()) {

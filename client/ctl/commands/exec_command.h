@@ -16,8 +16,9 @@ struct CommandLine {
   bool hasOther = false;  ///< whether there was a "--" before it
 };
 
-/// Where the command is exec, all that follows the first "--" belongs to the other program, whose
-/// options are its own affair.
+/// The arguments, put in the order of the grammar: "help COMMAND" is "COMMAND --help", and --json
+/// may stand before the command. Of the command exec, all that follows the first "--" belongs to
+/// the other program, whose options are its own affair.
 CommandLine splitCommandLine(int argc, const char* const* argv);
 
 /// Adds the command to `program`; running it sets `action`. `line` lives as long as the program.

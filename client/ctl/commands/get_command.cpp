@@ -6,15 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "client/ctl/commands/answer_json.h"
+#include "client/ctl/commands/answer_options.h"
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/proxy_variables.h"
 #include "client/ctl/commands/url_arguments.h"
-#include "client/ctl/commands/url_parts.h"
-#include "client/ctl/daemon/bus_failure.h"
-#include "client/ctl/daemon/daemon_answers.h"
-#include "client/ctl/exit_text.h"
+#include "client/ctl/daemon/answers.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/shown_text.h"
+#include "client/ctl/terminal/url_parts.h"
 #include "client/library/proxy_answer.h"
 
 namespace client {
@@ -27,11 +27,18 @@ constexpr const char* kFooter = R"text(Output:
   For each URL the mode, and an entry for each thing to try, in order. With
   --json one array that holds an object for each URL, in order:
     url       the URL as given, with its password hidden
-    mode      off, manual, pacurl or wpad
-    answered  false where the script gives no answer
-    entries   array of objects: text (as the daemon gives it), kind (direct,
-              http, https, socks4, socks4a, socks5, socks5h or unusable) and
-              proxy (its URL, or null)
+    mode      off, manual, pacurl, wpad or local; null for pac eval
+    host      the host that is asked about
+    answered  whether there is an entry that the daemon gives
+    result    the entries as text, or null
+    entries   array of objects: text, kind (direct, http, https, socks4,
+              socks4a, socks5, socks5h or unusable), proxy (its URL, or null)
+              and dropped (true if the daemon leaves the entry out)
+    error     why there is no result, or null
+  For localhost, 127.0.0.0/8, ::1 and other addresses of this machine or this
+  link the answer is DIRECT in every mode ("local"); --ask-local asks anyway.
+  Asked about is the canonical URL: without user name and password, and for
+  https without path and query.
 Formats, for use elsewhere; passwords in a URL are not hidden in these:
   curl  a line for each URL, for curl's -x: the URL of the first entry that
         can be used, empty for DIRECT. SOCKS is taken for version 5, with
@@ -42,15 +49,18 @@ Formats, for use elsewhere; passwords in a URL are not hidden in these:
   raw   a line for each URL: the entries as the daemon gives them, with "; "
         between
 A URL without an answer has no line.
+--with-password puts the configured user name and password into the proxy's
+URL: of a manual proxy, and of a proxy of HOST for --credentials-for HOST. In
+curl -x "$(...)" every user can see them in the argument list; exec hides them.
 
 Exit status:
-  0    all URLs got an answer
-  1    at least one URL got none
 )text";
 
 struct GetArguments {
   std::vector<std::string> urls;
+  std::optional<std::string> file;
   std::string format = "table";
+  AnswerOptions answers;
   CallOptions call;
 };
 
@@ -60,29 +70,26 @@ struct Answered {
   ProxyAnswer answer;
 };
 
+std::string rawLine(const ProxyAnswer& answer) {
+  std::string line;
+  for (const auto& entry : answer.entries) {
+    if (!line.empty()) line += "; ";
+    line += entry.text;
+  }
+  return line;
+}
+
 std::string shownEntry(const ProxyEntry& entry, bool showPassword) {
   if (entry.kind == ProxyKind::kDirect) return "DIRECT";
   const auto text = showPassword ? entry.text : withoutPassword(entry.text);
   return entry.kind == ProxyKind::kUnusable ? text + " (of no use)" : text;
 }
 
-Json jsonOf(const Answered& answered, bool showPassword) {
-  const auto shown = [&](const std::string& text) {
-    return showPassword ? text : withoutPassword(text);
-  };
-  Json entries = Json::array();
-  for (const auto& entry : answered.answer.entries) {
-    const auto proxy = proxyUrl(entry);
-    entries.push_back(Json{{"text", shown(entry.text)},
-                           {"kind", kindName(entry.kind)},
-                           {"proxy", proxy.empty() ? Json() : Json(shown(proxy))}});
-  }
-  Json object;
-  object["url"] = answered.shownUrl;
-  object["mode"] = answered.answer.mode;
-  object["answered"] = !answered.answer.entries.empty();
-  object["entries"] = std::move(entries);
-  return object;
+ShownAnswer shownAnswer(const Answered& answered) {
+  ShownAnswer shown{answered.shownUrl, answered.answer.mode, hostOf(answered.url), {}, {}, {}};
+  for (const auto& entry : answered.answer.entries) shown.entries.push_back({entry, false});
+  if (!shown.entries.empty()) shown.result = rawLine(answered.answer);
+  return shown;
 }
 
 void printTable(const Answered& answered, bool showPassword) {
@@ -93,15 +100,6 @@ void printTable(const Answered& answered, bool showPassword) {
   }
   if (answered.answer.entries.empty()) rows.push_back({"entry", "(no answer)", Tone::kBad});
   printBlock(answered.shownUrl, rows);
-}
-
-std::string rawLine(const ProxyAnswer& answer) {
-  std::string line;
-  for (const auto& entry : answer.entries) {
-    if (!line.empty()) line += "; ";
-    line += entry.text;
-  }
-  return line;
 }
 
 /// Prints `answered` for another program. @return false where it has nothing to use
@@ -118,22 +116,22 @@ bool printForUse(const Answered& answered, const std::string& format) {
   } else if (format == "curl") {
     printLine(proxyUrl(*usable));
   } else {
-    printText(shellLines(proxyVariables(*usable, hostOf(answered.url))));
+    printText(shellLines(proxyVariables(*usable, canonicalOrGiven(answered.url))));
   }
   return true;
 }
 
-Answered ask(const DaemonAnswers& daemon, const std::string& url, bool showPassword) {
+Answered ask(Answers& daemon, const std::string& url, bool showPassword) {
   return {url, showPassword ? url : withoutPassword(url), daemon.ask(url)};
 }
 
-ExitStatus getJson(const DaemonAnswers& daemon, const GetArguments& arguments) {
+ExitStatus getJson(Answers& daemon, const GetArguments& arguments) {
   Json all = Json::array();
   bool allAnswered = true;
   try {
     for (const auto& url : arguments.urls) {
       const auto answered = ask(daemon, url, arguments.call.showPassword);
-      all.push_back(jsonOf(answered, arguments.call.showPassword));
+      all.push_back(jsonOf(shownAnswer(answered), arguments.call.showPassword));
       allAnswered = allAnswered && !answered.answer.entries.empty();
     }
   } catch (const Failure&) {
@@ -145,7 +143,7 @@ ExitStatus getJson(const DaemonAnswers& daemon, const GetArguments& arguments) {
 }
 
 ExitStatus get(const GetArguments& arguments) {
-  const DaemonAnswers daemon(arguments.call.limit);
+  Answers daemon(arguments.call.limit, arguments.answers);
   if (arguments.call.json) return getJson(daemon, arguments);
   bool allAnswered = true;
   for (const auto& url : arguments.urls) {
@@ -166,7 +164,7 @@ ExitStatus get(const GetArguments& arguments) {
 void addGetCommand(CLI::App& program, Action& action) {
   auto* const command = program.add_subcommand("get", "Asks which proxies to use for URLs.");
   const auto arguments = std::make_shared<GetArguments>();
-  addUrls(*command, arguments->urls);
+  addUrls(*command, arguments->urls, arguments->file);
   auto* const format =
       command
           ->add_option("--format", arguments->format,
@@ -176,9 +174,16 @@ void addGetCommand(CLI::App& program, Action& action) {
   addCallOptions(*command, arguments->call, kAskLimit);
   command->get_option("--json")->excludes(format);
   addShowPassword(*command, arguments->call);
-  command->footer(std::string(kFooter) + kBusStatuses);
+  addAnswerOptions(*command, arguments->answers);
+  command
+      ->add_flag("--with-password", arguments->answers.withCredentials,
+                 "With curl and env: user name and password\nof the configuration in the URL")
+      ->needs(format);
+  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "all URLs got an answer"},
+                                                     {kNoAnswer, "at least one URL got no answer"}},
+                                                    kBusStatuses));
   command->callback([arguments, command, &action] {
-    addFurtherUrls(*command, arguments->urls);
+    addFurtherUrls(*command, arguments->urls, arguments->file);
     for (const auto& url : arguments->urls) checkAskedUrl(url);
     if (arguments->format == "env" && arguments->urls.size() > 1) {
       throw CLI::ValidationError("--format", "env takes one URL: the next would speak against it");

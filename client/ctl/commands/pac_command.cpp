@@ -7,15 +7,18 @@
 #include <utility>
 #include <vector>
 
+#include "base/ascii.h"
 #include "base/log_line.h"
+#include "client/ctl/commands/answer_json.h"
 #include "client/ctl/commands/option_text.h"
-#include "client/ctl/commands/script_file.h"
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/script_file.h"
 #include "domain/url_host.h"
 #include "engine/pac_engine.h"
 #include "pac/pac_parser.h"
+#include "service/records/owned_settings.h"
 #include "service/records/proxy_config_owner.h"
 
 namespace client {
@@ -32,15 +35,19 @@ constexpr const char* kPacExamples = R"(Examples:
       proxy.pac http://www.example.org/)";
 
 constexpr const char* kEvalFooter = R"(Output:
-  For each URL the host, the text that the script returned, and an entry for
-  each part of it that the daemon takes: DIRECT, PROXY and SOCKS. With --json
-  one array that holds an object for each URL, in order:
-    url      the URL as given
-    host     the host that the script was given
-    result   the text that the script returned, or null
-    entries  array of objects: type (1 DIRECT, 2 PROXY, 3 SOCKS) and url
-             (the text of the entry)
-    error    why there is no result, or null
+  For each URL the host, the text that the script returned, and its entries.
+  The daemon takes DIRECT, PROXY and SOCKS in capitals; others it drops, as
+  HTTPS, SOCKS5 and words that it does not know. With --json one array that
+  holds an object for each URL, in order, of the same shape as "get --json":
+    url       the URL as given, with its password hidden
+    mode      off, manual, pacurl, wpad or local; null for pac eval
+    host      the host that is asked about
+    answered  whether there is an entry that the daemon gives
+    result    the entries as text, or null
+    entries   array of objects: text, kind (direct, http, https, socks4,
+              socks4a, socks5, socks5h or unusable), proxy (its URL, or null)
+              and dropped (true if the daemon leaves the entry out)
+    error     why there is no result, or null
   What the script says with alert() goes to standard error and to syslog.
 
 All URLs are asked of one script that is loaded once, so its variables live on
@@ -49,12 +56,6 @@ have 8 KiB. The script sees no path of an https URL, and no password of any.
 A JavaScript Date shows the device's own clock whatever --at says.
 
 Exit status:
-  0   all URLs got an answer
-  1   at least one URL got none
-  2   the script is refused; standard error says why, and in which line
-  64  the command line is wrong
-  66  the script cannot be read
-  74  the output cannot be written
 )";
 
 constexpr const char* kCheckFooter = R"(Output:
@@ -66,16 +67,14 @@ constexpr const char* kCheckFooter = R"(Output:
   What the script says with alert() goes to standard error and to syslog.
 
 Exit status:
-  0   the script loads
-  2   the script is refused; standard error says why, and in which line
-  64  the command line is wrong
-  66  the script cannot be read
-  74  the output cannot be written
 )";
+
+constexpr std::initializer_list<ExitStatus> kFileStatuses{kRefused, kUsage, kNoInput, kOutput};
 
 struct EvalArguments {
   std::string file;
   std::vector<std::string> urls;
+  std::optional<std::string> list;
   std::optional<std::string> host;
   SimulatedEnvironment environment;
   bool json = false;
@@ -85,18 +84,6 @@ struct CheckArguments {
   std::string file;
   SimulatedEnvironment environment;
   bool json = false;
-};
-
-struct Entry {
-  std::int32_t type;
-  std::string url;
-};
-
-struct Evaluated {
-  std::string url;
-  std::string host;
-  pac_engine::Reply reply;
-  std::vector<Entry> entries;
 };
 
 /// Lets the script's alerts through, the only lines that the library says at LOG_DEBUG, as long as
@@ -112,59 +99,56 @@ class AlertsHeard {
   int mMaskBefore;
 };
 
-/// The entries that the daemon would make of `result`.
-std::vector<Entry> entriesOf(const std::string& result) {
-  std::vector<Entry> entries;
-  for (const auto& setting : PacParser::proxys2ProxySettings(result)) {
-    const HeapText url(setting.url);
-    entries.push_back({setting.type, url.get()});
+/// The entries of `result`; the daemon's own parser decides which of them it drops.
+std::vector<ShownEntry> entriesOf(const std::string& result) {
+  std::vector<ShownEntry> entries;
+  std::string_view rest = result;
+  for (;;) {
+    const auto semicolon = rest.find(';');
+    const auto piece = rest.substr(0, semicolon);
+    if (const auto text = base::trimmed(piece, " \t\r\n"); !text.empty()) {
+      OwnedSettings taken(PacParser::proxys2ProxySettings(std::string(piece)));
+      entries.push_back({parseEntry(text), taken.get().empty()});
+    }
+    if (semicolon == std::string_view::npos) return entries;
+    rest.remove_prefix(semicolon + 1);
   }
-  return entries;
 }
 
-Evaluated evaluate(pac_engine::Engine& engine, const std::string& url,
-                   const std::optional<std::string>& givenHost) {
-  Evaluated evaluated{url, givenHost.value_or(""), {}, {}};
+ShownAnswer evaluate(pac_engine::Engine& engine, const std::string& url,
+                     const std::optional<std::string>& givenHost) {
+  ShownAnswer shown{url, {}, givenHost.value_or(""), {}, {}, {}};
   if (!givenHost) {
     const HeapText host(getHost(url));
     if (host == nullptr) {
-      evaluated.reply.problem.message = "the URL has no host; --host gives one";
-      return evaluated;
+      shown.error = "the URL has no host; --host gives one";
+      return shown;
     }
-    evaluated.host = host.get();
+    shown.host = host.get();
   }
   const AlertsHeard heard;
-  evaluated.reply = engine.evaluate(url, evaluated.host);
-  if (evaluated.reply.result) evaluated.entries = entriesOf(*evaluated.reply.result);
-  return evaluated;
-}
-
-Json jsonOf(const Evaluated& evaluated) {
-  const auto& reply = evaluated.reply;
-  Json entries = Json::array();
-  for (const auto& entry : evaluated.entries) {
-    entries.push_back(Json{{"type", entry.type}, {"url", entry.url}});
-  }
-  Json object;
-  object["url"] = evaluated.url;
-  object["host"] = evaluated.host;
-  object["result"] = reply.result ? Json(*reply.result) : Json();
-  object["entries"] = std::move(entries);
-  object["error"] = reply.result ? Json() : Json(pac_engine::describe(reply.problem));
-  return object;
-}
-
-void print(const Evaluated& evaluated) {
-  const auto& reply = evaluated.reply;
-  std::vector<Row> rows{{"host", evaluated.host}};
-  if (!reply.result) {
-    rows.push_back({"error", pac_engine::describe(reply.problem)});
+  const auto reply = engine.evaluate(url, shown.host);
+  if (reply.result) {
+    shown.result = *reply.result;
+    shown.entries = entriesOf(*reply.result);
   } else {
-    rows.push_back({"result", reply.result->empty() ? "(empty)" : *reply.result});
-    for (const auto& entry : evaluated.entries) rows.push_back({"entry", entry.url});
-    if (evaluated.entries.empty()) rows.push_back({"entry", "(none)"});
+    shown.error = pac_engine::describe(reply.problem);
   }
-  printBlock(evaluated.url, rows);
+  return shown;
+}
+
+void print(const ShownAnswer& shown) {
+  std::vector<Row> rows{{"host", shown.host}};
+  if (!shown.result) {
+    rows.push_back({"error", shown.error.value_or("")});
+  } else {
+    rows.push_back({"result", shown.result->empty() ? "(empty)" : *shown.result});
+    for (const auto& [entry, isDropped] : shown.entries) {
+      rows.push_back({isDropped ? "dropped" : "entry", entry.text});
+    }
+    if (!shown.isAnswered()) rows.push_back({"entry", "(none)"});
+  }
+  printBlock(shown.url, rows);
 }
 
 std::unique_ptr<pac_engine::Engine> loadScript(const std::string& file, pac_engine::Options options,
@@ -186,9 +170,9 @@ ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options option
   bool allAnswered = true;
   for (const auto& url : arguments.urls) {
     const auto evaluated = evaluate(*engine, url, arguments.host);
-    allAnswered = allAnswered && evaluated.reply.result.has_value();
+    allAnswered = allAnswered && evaluated.result.has_value();
     if (arguments.json) {
-      all.push_back(jsonOf(evaluated));
+      all.push_back(jsonOf(evaluated, true));
     } else {
       print(evaluated);
     }
@@ -224,15 +208,21 @@ void addEval(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("eval", "Asks a PAC script for the proxies of URLs.");
   const auto arguments = std::make_shared<EvalArguments>();
   addFile(*command, arguments->file);
-  addUrls(*command, arguments->urls);
+  addUrls(*command, arguments->urls, arguments->list);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
           "daemon finds it");
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
-  command->footer(kEvalFooter);
+  command->footer(std::string(kEvalFooter) +
+                  statusHelp({{kAnswered, "all URLs got an answer"},
+                              {kNoAnswer, "at least one URL got no answer"}},
+                             kFileStatuses));
   command->callback([arguments, command, &action] {
-    addFurtherUrls(*command, arguments->urls);
+    if (arguments->file == "-" && arguments->list == "-") {
+      throw CLI::ValidationError("-f", "standard input holds the script already");
+    }
+    addFurtherUrls(*command, arguments->urls, arguments->list);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return evalScript(*arguments, options);
     };
@@ -245,7 +235,8 @@ void addCheck(CLI::App& pac, Action& action) {
   addFile(*command, arguments->file);
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON");
-  command->footer(kCheckFooter);
+  command->footer(std::string(kCheckFooter) +
+                  statusHelp({{kAnswered, "the script loads"}}, kFileStatuses));
   command->callback([arguments, &action] {
     action = [arguments, options = engineOptions(arguments->environment)] {
       return checkScript(*arguments, options);

@@ -1,52 +1,25 @@
 #include "client/ctl/commands/proxy_variables.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
 #include <algorithm>
+
+#include "base/shell_word.h"
+#include "domain/local_host.h"
 
 namespace client {
 
-namespace {
-
-/// Whether kNotThroughProxy names `host`, also in another spelling that a program may undo.
-bool isThisMachine(std::string_view host) {
-  if (host.ends_with('.')) host.remove_suffix(1);
-  if (host == "localhost" || host.ends_with(".localhost")) return true;
-  const std::string text(host);
-  in_addr v4{};
-  if (inet_pton(AF_INET, text.c_str(), &v4) == 1) return v4.s_addr == htonl(INADDR_LOOPBACK);
-  in6_addr v6{};
-  return inet_pton(AF_INET6, text.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
-}
-
-}  // namespace
-
 std::map<std::string_view, std::string> proxyVariables(const ProxyEntry& entry,
-                                                       std::string_view host) {
+                                                       std::string_view url) {
   std::map<std::string_view, std::string> variables;
-  const auto url = proxyUrl(entry);
-  if (url.empty()) return variables;
+  const auto proxy = proxyUrl(entry);
+  if (proxy.empty()) return variables;
   for (const auto name : kProxyVariables) {
     if (name != "no_proxy" && name != "NO_PROXY") {
-      variables[name] = url;
-    } else if (!isThisMachine(host)) {
+      variables[name] = proxy;
+    } else if (!domain::isLocalUrl(url)) {
       variables[name] = kNotThroughProxy;
     }
   }
   return variables;
-}
-
-std::string shellWord(std::string_view text) {
-  std::string word = "'";
-  for (const char c : text) {
-    if (c == '\'') {
-      word += "'\\''";
-    } else {
-      word += c;
-    }
-  }
-  return word + "'";
 }
 
 std::string shellLines(const std::map<std::string_view, std::string>& variables) {
@@ -60,7 +33,7 @@ std::string shellLines(const std::map<std::string_view, std::string>& variables)
     list += name;
     if (found == variables.end()) continue;
     assignments += name;
-    assignments += '=' + shellWord(found->second) + '\n';
+    assignments += '=' + base::shellWord(found->second) + '\n';
   }
   if (!set.empty()) assignments += "export" + set + '\n';
   if (!unset.empty()) assignments += "unset" + unset + '\n';

@@ -18,17 +18,17 @@ inline constexpr std::array<std::string_view, 8> kProxyVariables{
     "http_proxy", "https_proxy", "all_proxy", "no_proxy",
     "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY"};
 
-/// What stands in no_proxy: this machine, which no proxy reaches.
-inline constexpr std::string_view kNotThroughProxy = "localhost,127.0.0.1,::1";
+/// What stands in no_proxy: this machine and this link, which no proxy reaches. Programs differ in
+/// what they understand of it: all know names and addresses, curl and others ranges, too.
+inline constexpr std::string_view kNotThroughProxy =
+    "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10";
 
-/// Their values for `entry`, which is the answer for a URL of `host`, as hostOf() gives it: the
+/// Their values for `entry`, which is the answer for `url`: the
 /// same proxy for all schemes, also one that only some programs can speak to, as those fail then
-/// and do not pass it by. Empty for DIRECT. no_proxy is left out where it would name `host` itself.
+/// and do not pass it by. Empty for DIRECT. no_proxy is left out if it would name
+/// the host of `url` itself.
 std::map<std::string_view, std::string> proxyVariables(const ProxyEntry& entry,
-                                                       std::string_view host);
-
-/// `text` as one word of a POSIX shell that stands for itself, in single quotes.
-std::string shellWord(std::string_view text);
+                                                       std::string_view url);
 
 /// Lines that a POSIX shell may evaluate: sets and exports the variables, and unsets the others.
 std::string shellLines(const std::map<std::string_view, std::string>& variables);

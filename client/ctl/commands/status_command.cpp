@@ -20,14 +20,16 @@
 #include <utility>
 #include <vector>
 
+#include "base/paths.h"
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/daemon_bus.h"
 #include "client/ctl/daemon/pac_file.h"
-#include "client/ctl/exit_text.h"
 #include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
 #include "client/library/proxy_answer.h"
+#include "engine/pac_engine.h"
 
 namespace client {
 
@@ -36,21 +38,23 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
-  What cannot be known has its reason beside it. Who may not read the
-  configuration gets the mode and the manual proxy from the answer for a URL.
+  The script in the PAC file is loaded for trial, as "pac check" does: "script"
+  tells whether the daemon can use it. What cannot be known has its reason
+  beside it. Who may not read the configuration gets the mode and the manual
+  proxy from the answer for a URL.
   A daemon in mode off is listened to for 5 seconds: while it waits for its
   first configuration it says so every 2.
   With --json an object: running, process, user, answers, waiting, mode,
   proxyurl, pacurl, userName, password, pacfile (an object: path, exists, bytes,
-  fetched, age in seconds, sha256) and unknown. The last is an object that holds
-  the reason for each of running, answers, waiting, mode, proxyurl, pacurl,
-  userName and password that is null as it cannot be known, for answers where it
-  is false, and for a pacfile that is there and cannot be read. Without a reason
-  null is what is not set; process and user, where the bus does not name them;
-  and the last four of pacfile, where there is no file to be read.
+  fetched, age in seconds, sha256, loads, refusal) and unknown. The last is an
+  object that holds the reason for each of running, answers, waiting, mode,
+  proxyurl, pacurl, userName and password that is null because it cannot be
+  known, for answers if it is false, and for a pacfile that is there and cannot
+  be read. Without a reason null is what is not set; process and user, if the
+  bus does not name them; and the last six of pacfile, if there is no file to be
+  read.
 
 Exit status:
-  0    the daemon runs and answers
 )";
 
 /// The daemon announces itself every 2 s until its first configuration; one that is busy is late,
@@ -60,13 +64,18 @@ constexpr std::chrono::seconds kListenTime{5};
 /// Asked for where the configuration may not be read. A script has to answer for it, too.
 constexpr const char* kProbeUrl = "http://localhost/";
 
+/// Where to look when something is wrong.
+constexpr const char* kLog = "journalctl -t proxymanager_service";
+
 constexpr const char* kNobody = "the daemon does not run";
 
-/// A value, or why it is not known. Neither where it is not set.
-struct Fact {
-  std::optional<std::string> value;
+/// A value, or why it is not known. Neither if it is not set.
+template <typename T>
+struct Known {
+  std::optional<T> value;
   std::string unknown;
 };
+using Fact = Known<std::string>;
 
 Fact known(const std::string& text) {
   return text.empty() ? Fact{} : Fact{text, {}};
@@ -74,19 +83,18 @@ Fact known(const std::string& text) {
 
 struct Status {
   ExitStatus status = kAnswered;
-  std::optional<bool> running;
-  std::string whyNotRunning;
+  Known<bool> running;
   std::optional<Owner> owner;
-  std::optional<bool> answers;
-  std::string whyNoAnswer;
-  std::optional<bool> waiting;
-  std::string whyWaitingUnknown;
+  Known<bool> answers;  ///< the reason also stands beside "no"
+  Known<bool> waiting;
   Fact mode;
   Fact proxyurl;
   Fact pacurl;
   Fact userName;
   Fact password;
   PacFileState pac;
+  /// Why the script of the file is refused; empty if it loads. No value without a file.
+  std::optional<std::string> refusal;
 };
 
 void setUnknown(Status& status, const std::string& why) {
@@ -99,13 +107,12 @@ void setUnknown(Status& status, const std::string& why) {
 /// Where the configuration may not be read.
 void learnByAsking(DaemonBus& bus, Status& status, const std::string& why) {
   setUnknown(status, why);
-  const auto answer = parseAnswer(bus.proxyUrls(kProbeUrl));
-  if (!answer) throw endingDaemon();
-  status.mode = known(answer->mode);
-  if (answer->mode == "manual") status.proxyurl = known(answer->entries.front().text);
+  const auto answer = bus.ask(kProbeUrl);
+  status.mode = known(answer.mode);
+  if (answer.mode == "manual") status.proxyurl = known(answer.entries.front().text);
   // These modes have no such URL.
-  if (answer->mode != "manual") status.proxyurl = {};
-  if (answer->mode != "pacurl") status.pacurl = {};
+  if (answer.mode != "manual") status.proxyurl = {};
+  if (answer.mode != "pacurl") status.pacurl = {};
 }
 
 /// @return whether the configuration was given by somebody
@@ -133,44 +140,53 @@ void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds l
     if (sender != nullptr && status.owner->uniqueName == sender) announced = true;
   });
   if (!bus.checkStarted()) throw endingDaemon();
-  status.answers = true;
-  status.waiting = false;
+  status.answers.value = true;
+  status.waiting.value = false;
   if (learnConfiguration(bus, status)) return;
   const auto listen = std::min<std::chrono::microseconds>(kListenTime, limit);
-  status.waiting = bus.waitFor([&] { return announced; }, listen);
-  if (*status.waiting || listen == kListenTime) return;
-  status.waiting.reset();
-  status.whyWaitingUnknown =
-      "--timeout leaves less than the " + secondsText(kListenTime) + " that it takes to hear of it";
+  status.waiting.value = bus.waitFor([&] { return announced; }, listen);
+  if (*status.waiting.value || listen == kListenTime) return;
+  status.waiting = {std::nullopt, "--timeout leaves less than the " + secondsText(kListenTime) +
+                                      " that it takes to hear of it"};
+}
+
+/// Loads the script of the file as the daemon does. @return why it is refused; empty if it loads
+std::string refusalOf(const char* path) {
+  try {
+    pac_engine::Problem refused;
+    const auto engine = pac_engine::Engine::load(readScript(path), {}, refused);
+    return engine ? std::string() : pac_engine::describe(refused);
+  } catch (const Failure& failure) {
+    return failure.what();
+  }
 }
 
 Status learn(const CallOptions& options) {
   Status status;
-  status.pac = lookAtPacFile(kPacFile);
+  status.pac = lookAtPacFile(base::kPacFile);
+  if (status.pac.file) status.refusal = refusalOf(base::kPacFile);
   setUnknown(status, kNobody);
-  status.whyNoAnswer = kNobody;
-  status.whyWaitingUnknown = kNobody;
+  status.answers.unknown = kNobody;
+  status.waiting.unknown = kNobody;
   try {
     DaemonBus bus(options.limit);
     bus.startDaemon(false);
     status.owner = bus.owner();
-    status.running = status.owner.has_value();
-    if (!*status.running) {
+    status.running.value = status.owner.has_value();
+    if (!*status.running.value) {
       status.status = kUnavailable;
-      status.whyNotRunning = kStartIt;
+      status.running.unknown = kStartIt;
       return status;
     }
-    status.answers = false;
+    status.answers.value = false;
     learnFromDaemon(bus, status, options.limit);
   } catch (const Failure& failure) {
     status.status = failure.status();
-    status.whyNoAnswer = failure.what();
-    if (!status.running) status.whyNotRunning = failure.what();
+    if (!status.running.value) status.running.unknown = failure.what();
     setUnknown(status, failure.what());
-    status.waiting.reset();
-    status.whyWaitingUnknown = failure.what();
-    const bool asked = status.running && failure.status() != kDenied;
-    status.answers = asked ? std::optional(false) : std::nullopt;
+    const bool asked = status.running.value && failure.status() != kDenied;
+    status.answers = {asked ? std::optional(false) : std::nullopt, failure.what()};
+    status.waiting = {std::nullopt, failure.what()};
   }
   return status;
 }
@@ -233,87 +249,117 @@ class Table {
 
 void addPacFile(Table& table, const Status& status) {
   if (!status.pac.file) {
-    table.add("PAC file", status.pac.isThere ? kPacFile + (": " + status.pac.problem) : "none",
+    table.add("PAC file",
+              status.pac.isThere ? std::string(base::kPacFile) + ": " + status.pac.problem : "none",
               status.pac.isThere ? Tone::kBad : Tone::kFaint);
     return;
   }
   const auto& file = *status.pac.file;
   const auto remark = remarkOn(status);
-  table.add("PAC file", kPacFile + (remark.empty() ? "" : " (" + remark + ')'));
+  table.add("PAC file", base::kPacFile + (remark.empty() ? "" : " (" + remark + ')'));
   table.add("size", std::to_string(file.bytes) + " bytes");
   table.add("fetched", shownTime(file.fetched, false) + ", " + shownAge(ageOf(file)) + " ago");
-  table.add("SHA-256", file.sha256);
+  if (file.sha256.empty()) {
+    table.addUnknown("SHA-256", "there is no libcrypto");
+  } else {
+    table.add("SHA-256", file.sha256);
+  }
+  if (status.refusal->empty()) {
+    table.add("script", "loads", Tone::kGood);
+  } else {
+    table.add("script", "refused: " + *status.refusal, Tone::kBad);
+  }
+}
+
+void addWho(Table& table, const Owner& owner) {
+  std::string who = "yes";
+  if (owner.process) who += ", process " + std::to_string(*owner.process);
+  if (owner.user) who += ", user " + userName(*owner.user);
+  table.add("running", std::move(who), Tone::kGood);
+}
+
+/// What programs get for their URLs.
+void addMeaning(Table& table, const Status& status) {
+  if (status.mode.value != "pacurl" && status.mode.value != "wpad") return;
+  if (!status.pac.file) {
+    table.add("get", "no answer for any URL: no script was fetched", Tone::kBad);
+  } else if (!status.refusal->empty()) {
+    table.add("get", "no answer from the script in the PAC file: it is refused", Tone::kBad);
+  } else {
+    table.add("get", "asks the script; without an answer the script has none for the URL");
+  }
+}
+
+void addConfiguration(Table& table, const Status& status) {
+  if (!status.waiting.value) {
+    table.addUnknown("configured", status.waiting.unknown);
+  } else if (*status.waiting.value) {
+    table.add("configured", "no, it waits for its first configuration", Tone::kBad);
+  } else {
+    table.add("configured", "yes", Tone::kGood);
+  }
+  table.add("mode", status.mode);
+  table.add("proxy URL", status.proxyurl);
+  table.add("PAC URL", status.pacurl);
+  table.add("user", status.userName);
+  table.add("password", status.password);
+  addMeaning(table, status);
 }
 
 void printTable(const Status& status) {
   Table table;
-  if (!status.running) {
-    table.addUnknown("running", status.whyNotRunning);
-  } else if (!*status.running) {
-    table.add("running", "no; " + status.whyNotRunning, Tone::kBad);
+  if (!status.running.value) {
+    table.addUnknown("running", status.running.unknown);
+  } else if (!*status.running.value) {
+    table.add("running", "no; " + status.running.unknown, Tone::kBad);
   } else {
-    std::string who = "yes";
-    if (status.owner->process) who += ", process " + std::to_string(*status.owner->process);
-    if (status.owner->user) who += ", user " + userName(*status.owner->user);
-    table.add("running", std::move(who), Tone::kGood);
-    if (!status.answers) {
-      table.addUnknown("answers", status.whyNoAnswer);
-    } else if (!*status.answers) {
-      table.add("answers", "no: " + status.whyNoAnswer, Tone::kBad);
+    addWho(table, *status.owner);
+    if (!status.answers.value) {
+      table.addUnknown("answers", status.answers.unknown);
+    } else if (!*status.answers.value) {
+      table.add("answers", "no: " + status.answers.unknown, Tone::kBad);
     } else {
       table.add("answers", "yes", Tone::kGood);
-      if (!status.waiting) {
-        table.addUnknown("configured", status.whyWaitingUnknown);
-      } else if (*status.waiting) {
-        table.add("configured", "no, it waits for its first configuration", Tone::kBad);
-      } else {
-        table.add("configured", "yes", Tone::kGood);
-      }
-      table.add("mode", status.mode);
-      table.add("proxy URL", status.proxyurl);
-      table.add("PAC URL", status.pacurl);
-      table.add("user", status.userName);
-      table.add("password", status.password);
+      addConfiguration(table, status);
     }
   }
   addPacFile(table, status);
+  table.add("log", kLog, Tone::kFaint);
   table.print("proxymanagerd");
 }
 
-Json jsonOf(const PacFileState& pac) {
-  Json object{{"path", kPacFile}, {"exists", pac.isThere}};
+Json jsonOf(const PacFileState& pac, const std::optional<std::string>& refusal) {
+  Json object{{"path", base::kPacFile}, {"exists", pac.isThere}};
   const auto& file = pac.file;
   object["bytes"] = file ? Json(file->bytes) : Json();
   object["fetched"] = file ? Json(shownTime(file->fetched, false)) : Json();
   object["age"] = file ? Json(ageOf(*file)) : Json();
-  object["sha256"] = file ? Json(file->sha256) : Json();
+  object["sha256"] = file && !file->sha256.empty() ? Json(file->sha256) : Json();
+  object["loads"] = refusal ? Json(refusal->empty()) : Json();
+  object["refusal"] = refusal && !refusal->empty() ? Json(*refusal) : Json();
   return object;
 }
 
 Json jsonOf(const Status& status) {
   Json object;
   Json unknown = Json::object();
-  const auto flag = [&](const char* name, std::optional<bool> value, const std::string& why) {
-    object[name] = value ? Json(*value) : Json();
-    if (!value && !why.empty()) unknown[name] = why;
+  const auto add = [&](const char* name, const auto& fact) {
+    object[name] = fact.value ? Json(*fact.value) : Json();
+    if (!fact.value && !fact.unknown.empty()) unknown[name] = fact.unknown;
   };
-  const auto fact = [&](const char* name, const Fact& given) {
-    object[name] = given.value ? Json(*given.value) : Json();
-    if (!given.value && !given.unknown.empty()) unknown[name] = given.unknown;
-  };
-  flag("running", status.running, status.whyNotRunning);
+  add("running", status.running);
   const auto& owner = status.owner;
   object["process"] = owner && owner->process ? Json(*owner->process) : Json();
   object["user"] = owner && owner->user ? Json(userName(*owner->user)) : Json();
-  flag("answers", status.answers, status.whyNoAnswer);
-  if (status.answers == false) unknown["answers"] = status.whyNoAnswer;
-  flag("waiting", status.waiting, status.whyWaitingUnknown);
-  fact("mode", status.mode);
-  fact("proxyurl", status.proxyurl);
-  fact("pacurl", status.pacurl);
-  fact("userName", status.userName);
-  fact("password", status.password);
-  object["pacfile"] = jsonOf(status.pac);
+  add("answers", status.answers);
+  if (status.answers.value == false) unknown["answers"] = status.answers.unknown;
+  add("waiting", status.waiting);
+  add("mode", status.mode);
+  add("proxyurl", status.proxyurl);
+  add("pacurl", status.pacurl);
+  add("userName", status.userName);
+  add("password", status.password);
+  object["pacfile"] = jsonOf(status.pac, status.refusal);
   if (status.pac.isThere && !status.pac.file) unknown["pacfile"] = status.pac.problem;
   object["unknown"] = std::move(unknown);
   return object;
@@ -337,7 +383,8 @@ void addStatusCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(std::string(kFooter) + kBusStatuses);
+  command->footer(std::string(kFooter) +
+                  statusHelp({{kAnswered, "the daemon runs and answers"}}, kBusStatuses));
   command->callback([options, &action] { action = [options] { return showStatus(*options); }; });
 }
 

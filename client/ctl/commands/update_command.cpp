@@ -10,14 +10,13 @@
 
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/option_text.h"
-#include "client/ctl/commands/url_parts.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/daemon_bus.h"
-#include "client/ctl/exit_text.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/secret.h"
 #include "client/ctl/terminal/shown_text.h"
 #include "client/library/proxy_answer.h"
+#include "domain/canonical_url.h"
 
 namespace client {
 
@@ -37,9 +36,6 @@ Output:
   userName (as given, or null) and httpCode (0).
 
 Exit status:
-  0    the configuration holds; a script is then fetched in the background
-  65   the password or URL that was read is no such thing
-  66   the file with the password cannot be read
 )";
 
 struct UpdateArguments {
@@ -58,18 +54,6 @@ bool hasBlankOrControl(std::string_view text) {
   });
 }
 
-/// Whether `url`, without "://", begins with a scheme rather than with a host and a port or with
-/// user and password.
-bool hasBareScheme(std::string_view url) {
-  const auto scheme = schemeOf(url);
-  if (scheme.empty()) return false;
-  const auto authority = url.substr(0, url.find_first_of("/?#"));
-  const auto behind = authority.substr(std::min(scheme.size() + 1, authority.size()));
-  const bool isPort = !behind.empty() && std::all_of(behind.begin(), behind.end(),
-                                                     [](char c) { return c >= '0' && c <= '9'; });
-  return !isPort && authority.find('@') == std::string_view::npos;
-}
-
 /// Why nobody could do anything with `url`; nothing where somebody could.
 std::optional<std::string> faultOf(const std::string& url, bool isPac) {
   if (url.empty()) return "is empty; \"proxymanagerctl off\" turns proxies off";
@@ -79,10 +63,11 @@ std::optional<std::string> faultOf(const std::string& url, bool isPac) {
     return "is no proxy's; give it as http://proxy.example:3128, or with https, socks4, socks4a, "
            "socks5 or socks5h in place of http";
   }
-  if (authorityBegin(url) == 0 && !hasBareScheme(url)) return std::nullopt;
-  const auto scheme = inLowerCase(schemeOf(url));
-  if (scheme == "http" || scheme == "https") return std::nullopt;
-  return "has a scheme that the daemon does not fetch; http and https it does";
+  const auto canonical = domain::canonicalUrl(url);
+  const bool isFetched =
+      canonical && (canonical->starts_with("http://") || canonical->starts_with("https://"));
+  if (isFetched && !canonical->ends_with(":///")) return std::nullopt;
+  return "is no URL that the daemon fetches; those begin with http:// or https:// and a host";
 }
 
 void checkArguments(const UpdateArguments& arguments) {
@@ -176,7 +161,13 @@ void addMode(CLI::App& program, Action& action, const char* mode, const char* he
           "The password, as the only line of FILE, or\nof standard input for \"-\"");
   command->get_option("--password-file")->needs(command->get_option("--user"));
   addCallOptions(*command, arguments->call, kChangeLimit);
-  command->footer(std::string(kFooter) + kBusStatuses);
+  command->footer(
+      std::string(kFooter) +
+      statusHelp(
+          {{kAnswered, "the configuration holds; a script is then fetched in the background"},
+           {kBadData, "the password or URL that was read is no such thing"},
+           {kNoInput, "the file with the password cannot be read"}},
+          kBusStatuses));
   command->callback([arguments, &action] {
     checkArguments(*arguments);
     action = [arguments] { return update(*arguments); };

@@ -20,7 +20,6 @@
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/daemon_bus.h"
-#include "client/ctl/exit_text.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/shown_text.h"
 
@@ -42,7 +41,6 @@ Output:
   proxymanager alone, as it holds the password. Others do not see it.
 
 Exit status:
-  0    ended by Ctrl-C or SIGTERM; it goes on where the daemon does not run
 )";
 
 constexpr int kNameWidth = 24;  // of "notifyProxyConfigupdated"
@@ -189,7 +187,11 @@ void addWatchCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(std::string(kFooter) + kBusStatuses);
+  command->footer(
+      std::string(kFooter) +
+      statusHelp(
+          {{kAnswered, "ended by Ctrl-C or SIGTERM; it goes on when the daemon does not run"}},
+          kBusStatuses));
   command->callback([options, &action] {
     action = [options] {
       Watch(*options).run();

@@ -6,22 +6,20 @@
 #include <cstdio>
 #include <system_error>
 
+#include "client/library/bus_error.h"
+
 namespace client {
 
 namespace {
 
-constexpr std::string_view kErrors = "org.freedesktop.DBus.Error.";
+constexpr std::array<std::string_view, 4> kTransports{
+    "unix:", "tcp:", "unixexec:", "x-machine-unix:"};
 
-bool isOneOf(std::string_view name, std::initializer_list<std::string_view> names) {
-  if (!name.starts_with(kErrors)) return false;
-  name.remove_prefix(kErrors.size());
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
-
-/// The bus was asked to start the daemon and could not.
-bool isFailedStart(std::string_view name) {
-  return name.starts_with("org.freedesktop.DBus.Error.Spawn.") ||
-         name.starts_with("org.freedesktop.systemd1.") || isOneOf(name, {"TimedOut"});
+bool hasTransport(std::string_view address) {
+  return std::any_of(kTransports.begin(), kTransports.end(), [&](std::string_view transport) {
+    return address.starts_with(transport) ||
+           address.find(';' + std::string(transport)) != std::string_view::npos;
+  });
 }
 
 std::string messageOf(std::string_view name, std::string_view text) {
@@ -36,42 +34,44 @@ std::string secondsText(std::chrono::microseconds time) {
   return text.data();
 }
 
-Failure failedCall(const CallNature& call, std::string_view name, std::string_view text,
+Failure failedCall(const CallKind& call, std::string_view name, std::string_view text,
                    std::chrono::microseconds limit) {
-  if (isOneOf(name, {"ServiceUnknown", "NameHasNoOwner"})) {
-    return {kUnavailable, std::string("proxymanagerd does not run; ") + kStartIt};
+  switch (busErrorOf(name)) {
+    case BusError::kNotRunning:
+      return {kUnavailable, std::string("proxymanagerd does not run; ") + kStartIt};
+    case BusError::kCannotStart:
+      return {kUnavailable, "proxymanagerd does not run and the bus cannot start it (" +
+                                messageOf(name, text) + "); " + kStartIt};
+    case BusError::kDenied:
+      return {kDenied, std::string("not allowed to ") + call.purpose +
+                           "; root may, and so may members of the group proxymanager"};
+    case BusError::kTimedOut:
+      return {kTryAgain,
+              "proxymanagerd has not answered within " + secondsText(limit) +
+                  ", maybe because it waits for a download; " +
+                  (call.changes ? "the change may still be made, look with "
+                                  "\"proxymanagerctl config\", or give it more time with "
+                                  "--timeout"
+                                : "try again, or give it more time with --timeout")};
+    case BusError::kEnded:
+      return {kUnavailable,
+              "proxymanagerd ended before it answered; look why with \"journalctl -t "
+              "proxymanager_service\" and try again"};
+    case BusError::kBusy:
+      return {kTryAgain,
+              "the message bus is too busy (" + messageOf(name, text) + "); try again later"};
+    case BusError::kLost:
+      return lostConnection();
+    case BusError::kUnknown:
+      break;
   }
-  if (isFailedStart(name)) {
-    return {kUnavailable, "proxymanagerd does not run and the bus cannot start it (" +
-                              messageOf(name, text) + "); " + kStartIt};
-  }
-  if (isOneOf(name, {"AccessDenied", "AuthFailed"})) {
-    return {kDenied, std::string("not allowed to ") + call.purpose +
-                         "; root may, and so may members of the group proxymanager"};
-  }
-  if (name == kGivenUp) {
-    return {kTryAgain, "proxymanagerd has not answered within " + secondsText(limit) +
-                           ", maybe as it waits for a download; " +
-                           (call.changes ? "the change may still be made, look with "
-                                           "\"proxymanagerctl config\", or give it more time with "
-                                           "--timeout"
-                                         : "try again, or give it more time with --timeout")};
-  }
-  if (isOneOf(name, {"NoReply"})) {
-    return {kUnavailable,
-            "proxymanagerd ended before it answered; look why with \"journalctl -t "
-            "proxymanager_service\" and try again"};
-  }
-  if (isOneOf(name, {"LimitsExceeded", "NoMemory"})) {
-    return {kTryAgain,
-            "the message bus is too busy (" + messageOf(name, text) + "); try again later"};
-  }
-  if (isOneOf(name, {"Disconnected", "NoServer"})) return lostConnection();
   return {kProtocol, "what has the name of proxymanagerd cannot do this (" + messageOf(name, text) +
                          "); look who it is with \"busctl status com.zentu.ProxyManagerService\""};
 }
 
 Failure failedConnection(std::string_view address, int error) {
+  // The library skips transports that it does not know, and then has nothing to connect to.
+  if (error == ECONNREFUSED && !hasTransport(address)) error = EINVAL;
   const auto reason = std::generic_category().message(error);
   const auto bus = "the message bus at " + std::string(address);
   switch (error) {
@@ -83,8 +83,10 @@ Failure failedConnection(std::string_view address, int error) {
     case ENOTCONN:
       return {kDenied, bus + " does not let this user in (it ends the connection); try as another"};
     case ETIMEDOUT:
-      return {kTryAgain, bus + " does not answer; try again, or start it anew"};
+      return {kTryAgain, bus + " does not answer; try again, or restart it"};
     case EINVAL:
+    case E2BIG:
+    case ENAMETOOLONG:
       return {kUsage, std::string(address) +
                           " is no address of a message bus; look at DBUS_SYSTEM_BUS_ADDRESS"};
     default:

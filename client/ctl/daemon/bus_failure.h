@@ -5,22 +5,22 @@
 #include <string>
 #include <string_view>
 
-#include "client/ctl/commands/command.h"
+#include "client/ctl/failure.h"
 
 namespace client {
 
 /// A call as messages speak of it.
-struct CallNature {
+struct CallKind {
   const char* purpose;  ///< follows "not allowed to"
   bool changes;         ///< may still be carried out after it was given up
 };
 
 /// Why a call has no answer. `name` and `text` are those of the error, `limit` is the time that the
 /// call was given. A pure function.
-Failure failedCall(const CallNature& call, std::string_view name, std::string_view text,
+Failure failedCall(const CallKind& call, std::string_view name, std::string_view text,
                    std::chrono::microseconds limit);
 
-/// The name of the error for a call that was given up; the bus itself never says it.
+/// The name of the error for a call that was given up; the bus itself never sends it.
 inline constexpr std::string_view kGivenUp = "org.freedesktop.DBus.Error.Timeout";
 
 /// Why there is no connection to the bus at `address`; `error` is an errno.

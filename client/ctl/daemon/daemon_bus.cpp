@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/bus_names.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/library/bus_address.h"
 
@@ -16,15 +17,19 @@ namespace client {
 
 namespace {
 
+using base::kBusName;
+using base::kInterface;
+using base::kObjectPath;
+
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kDriver = "org.freedesktop.DBus";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
 
-constexpr CallNature kAsk{"ask", false};
-constexpr CallNature kReadConfiguration{"read the configuration", false};
-constexpr CallNature kConfigure{"change the configuration", true};
-constexpr CallNature kListen{"listen to signals", false};
+constexpr CallKind kAsk{"ask", false};
+constexpr CallKind kReadConfiguration{"read the configuration", false};
+constexpr CallKind kConfigure{"change the configuration", true};
+constexpr CallKind kListen{"listen to signals", false};
 
 /// An error of sd-bus, which frees what it names.
 class BusError {
@@ -106,14 +111,17 @@ bool DaemonBus::checkStarted() {
   return started != 0;
 }
 
-std::vector<std::string> DaemonBus::proxyUrls(const std::string& url) {
+ProxyAnswer DaemonBus::ask(const std::string& url) {
   const auto message = newCall("getProxyurl");
   check(sd_bus_message_append_basic(message.get(), 's', url.c_str()));
   const auto reply = call(kAsk, message);
   checkForm(sd_bus_message_enter_container(reply.get(), 'a', "s"));
   std::vector<std::string> texts;
   while (sd_bus_message_at_end(reply.get(), 0) == 0) texts.push_back(textOf(reply.get()));
-  return texts;
+  if (texts.empty() || !isMode(texts.front())) throw wrongReply();
+  auto answer = parseAnswer(texts);
+  if (!answer) throw endingDaemon();
+  return *std::move(answer);
 }
 
 Configuration DaemonBus::configuration() {
@@ -252,14 +260,14 @@ Message DaemonBus::newCall(const char* member) const {
   return made;
 }
 
-Message DaemonBus::call(const CallNature& nature, const Message& message) {
+Message DaemonBus::call(const CallKind& kind, const Message& message) {
   BusError error;
   sd_bus_message* reply = nullptr;
   const int result =
       sd_bus_call(mBus.get(), message.get(), microseconds(mLimit), error.get(), &reply);
   if (result >= 0) return Message(reply);
   if (isLost(-result)) throw lostConnection();
-  throw failedCall(nature, error.name(), error.text(), mLimit);
+  throw failedCall(kind, error.name(), error.text(), mLimit);
 }
 
 std::string signalRule(const char* member) {

@@ -15,11 +15,9 @@
 #include <string>
 #include <vector>
 
-namespace client {
+#include "client/library/proxy_answer.h"
 
-inline constexpr const char* kBusName = "com.zentu.ProxyManagerService";
-inline constexpr const char* kObjectPath = "/com/zentu/ProxyManagerService";
-inline constexpr const char* kInterface = "com.zentu.ProxyManagerServiceInterface";
+namespace client {
 
 /// How long the bus itself is waited for: it is on this machine, and a silent one is an error. As
 /// long as the daemon waits for it.
@@ -42,7 +40,7 @@ struct Owner {
   std::optional<std::uint32_t> user;
 };
 
-struct CallNature;
+struct CallKind;
 
 struct BusCloser {
   void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
@@ -74,7 +72,8 @@ class DaemonBus {
 
   /// The daemon's methods. `checkStarted` gives what the daemon says, which is true while it works.
   bool checkStarted();
-  std::vector<std::string> proxyUrls(const std::string& url);
+  /// The answer for `url`, which isBusText().
+  ProxyAnswer ask(const std::string& url);
   Configuration configuration();
   /// `configuration.enableauth` is "y" or "n". @return the daemon's result, 0
   std::int32_t update(const Configuration& configuration);
@@ -101,7 +100,7 @@ class DaemonBus {
 
   static int handOn(sd_bus_message* message, void* listening, sd_bus_error* error);
   Message newCall(const char* member) const;
-  Message call(const CallNature& nature, const Message& message);
+  Message call(const CallKind& kind, const Message& message);
   Message askBus(const char* member);
   /// Hands on one message that has arrived. @return false where there was none
   bool process();

@@ -7,14 +7,12 @@
 
 namespace client {
 
-inline constexpr const char* kPacFile = "/tmp/proxymanager.pac";
-
 /// What is known of that file.
 struct PacFile {
   std::uint64_t bytes = 0;
   std::int64_t fetched = 0;  ///< microseconds since 1970
   std::uint32_t owner = 0;   ///< user id
-  std::string sha256;        ///< 64 hexadecimal digits
+  std::string sha256;        ///< 64 hexadecimal digits; empty if there is no libcrypto
 };
 
 struct PacFileState {

@@ -11,7 +11,7 @@
 #include <system_error>
 
 #include "base/visible.h"
-#include "client/ctl/commands/command.h"
+#include "client/ctl/failure.h"
 
 namespace client {
 

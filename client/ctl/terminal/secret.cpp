@@ -6,14 +6,14 @@
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
 #include "base/unique_fd.h"
 #include "base/visible.h"
-#include "client/ctl/commands/command.h"
-#include "client/ctl/commands/script_file.h"
+#include "base/wipe.h"
+#include "client/ctl/failure.h"
+#include "client/ctl/terminal/script_file.h"
 #include "client/library/bus_text.h"
 
 namespace client {
@@ -26,7 +26,7 @@ struct Room {
   Room() = default;
   Room(const Room&) = delete;
   Room& operator=(const Room&) = delete;
-  ~Room() { explicit_bzero(bytes.data(), bytes.size()); }
+  ~Room() { base::wipe(bytes.data(), bytes.size()); }
 };
 
 [[noreturn]] void refuse(const std::string& what, const std::string& why) {
@@ -78,17 +78,11 @@ std::string passwordPrompt(const std::string& user) {
 
 Secret& Secret::operator=(Secret&& other) noexcept {
   if (this != &other) {
-    wipe();
+    base::wipe(mText);
     mText = std::move(other.mText);
-    other.wipe();
+    base::wipe(other.mText);
   }
   return *this;
-}
-
-void WipedAtEnd::wipe(std::string& text) {
-  text.resize(text.capacity());  // what was cut off is wiped, too
-  explicit_bzero(text.data(), text.size());
-  text.clear();
 }
 
 Secret askPassword(const std::string& user) {

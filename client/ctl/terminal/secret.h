@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "base/wipe.h"
+
 namespace client {
 
 /// Longest password, and longest URL that is read, in bytes. HTTP servers refuse header fields of
@@ -17,9 +19,7 @@ class WipedAtEnd {
   explicit WipedAtEnd(std::string& text) : mText(text) {}
   WipedAtEnd(const WipedAtEnd&) = delete;
   WipedAtEnd& operator=(const WipedAtEnd&) = delete;
-  ~WipedAtEnd() { wipe(mText); }
-
-  static void wipe(std::string& text);
+  ~WipedAtEnd() { base::wipe(mText); }
 
  private:
   std::string& mText;
@@ -30,17 +30,15 @@ class Secret {
  public:
   Secret() = default;
   explicit Secret(std::string text) : mText(std::move(text)) {}
-  Secret(Secret&& other) noexcept : mText(std::move(other.mText)) { other.wipe(); }
+  Secret(Secret&& other) noexcept : mText(std::move(other.mText)) { base::wipe(other.mText); }
   Secret& operator=(Secret&& other) noexcept;
   Secret(const Secret&) = delete;
   Secret& operator=(const Secret&) = delete;
-  ~Secret() { wipe(); }
+  ~Secret() { base::wipe(mText); }
 
   const std::string& text() const { return mText; }
 
  private:
-  void wipe() { WipedAtEnd::wipe(mText); }
-
   std::string mText;
 };
 

@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "client/ctl/commands/url_parts.h"
+#include "client/ctl/terminal/url_parts.h"
 
 namespace client {
 

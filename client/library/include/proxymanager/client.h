@@ -22,10 +22,10 @@
  * PROXYMANAGER_BUSY there where it would have to wait. A thread that waits in proxymanager_get()
  * must not be cancelled by pthread_cancel().
  *
- * Processes: after fork() a client belongs to the parent. In the child it may be freed and nothing
- * else, which closes its connection there and leaves the rest, memory and an eventfd, as the
- * parent's threads may have been changing that; questions there give PROXYMANAGER_FORKED. A child
- * that closed all descriptors and opened its own is not harmed.
+ * Processes: after fork() a client belongs to the parent, which the library knows by its process
+ * id. In the child proxymanager_client_free() does nothing, because threads of the parent may have
+ * been changing the client when it was copied; questions there give PROXYMANAGER_FORKED. The
+ * descriptors are closed by exec.
  *
  * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. Nothing
  * here writes to standard output, standard error or syslog, changes a signal's handling or the
@@ -68,7 +68,8 @@ typedef enum proxymanager_status {
   PROXYMANAGER_NO_MEMORY = 8,    /**< no memory, descriptor or thread to be had */
   PROXYMANAGER_BUSY = 9,         /**< too many questions at once, here or for the bus, or a wait
                                       inside a callback */
-  PROXYMANAGER_FORKED = 10       /**< the client belongs to the parent of this process */
+  PROXYMANAGER_FORKED = 10,      /**< the client belongs to the parent of this process */
+  PROXYMANAGER_NO_ANSWER = 11    /**< no entry can be used (see PROXYMANAGER_REFUSE) */
 } proxymanager_status;
 
 /** What an entry says to do. */
@@ -125,8 +126,24 @@ typedef void (*proxymanager_change_callback)(proxymanager_change change, void* c
 /** A question that was not answered at once, or a watch; never 0. Not used again by its client. */
 typedef uint64_t proxymanager_id;
 
-/** proxymanager_client_new(): where the daemon does not run, do not have the bus start it. */
+/** proxymanager_client_new(): if the daemon does not run, do not have the bus start it. */
 #define PROXYMANAGER_NO_START 0x1u
+
+/** proxymanager_client_new(): ask the daemon about this machine and this link, too. Without it the
+ * answer for localhost, *.localhost, 127.0.0.0/8, 0.0.0.0, 169.254.0.0/16, ::1, :: and fe80::/10 is
+ * DIRECT at once, in every mode and without a daemon: no proxy reaches them, and a script that the
+ * network announced has no business there. */
+#define PROXYMANAGER_ASK_LOCAL 0x2u
+
+/** proxymanager_client_new(): put the configured user name and password into the URL of a manual
+ * proxy that has none of its own. The bus lets root and members of the group proxymanager read
+ * them; for others the answer has none. A script's answer never gets them: it could name any host.
+ */
+#define PROXYMANAGER_WITH_CREDENTIALS 0x4u
+
+/** proxymanager_client_new(): an answer without an entry that can be used ends the question with
+ * PROXYMANAGER_NO_ANSWER, so that no program takes it for "directly". */
+#define PROXYMANAGER_REFUSE 0x8u
 
 /** The longest URL that can be asked about, in bytes: more than any server takes. */
 #define PROXYMANAGER_MAX_URL 65535u
@@ -138,7 +155,8 @@ typedef uint64_t proxymanager_id;
 #define PROXYMANAGER_MAX_WATCHES 64u
 
 /** Makes a client. Nothing is connected or started before the first question or watch.
- * @param flags 0 or PROXYMANAGER_NO_START; further bits are refused
+ * @param flags any of PROXYMANAGER_NO_START, PROXYMANAGER_ASK_LOCAL, PROXYMANAGER_WITH_CREDENTIALS
+ * and PROXYMANAGER_REFUSE; further bits are refused
  * @return the client, to be freed with proxymanager_client_free(); null without memory and for
  * unknown flags */
 PROXYMANAGER_API proxymanager_client* proxymanager_client_new(unsigned flags);
@@ -148,7 +166,9 @@ PROXYMANAGER_API proxymanager_client* proxymanager_client_new(unsigned flags);
  * No other thread may use the client by then. Null does nothing. */
 PROXYMANAGER_API void proxymanager_client_free(proxymanager_client* client);
 
-/** Asks for the proxies of `url` and waits.
+/** Asks for the proxies of `url` and waits. The daemon is asked about the canonical URL: without
+ * user name, password and fragment, scheme and host in lower case, "/" for an empty path, https and
+ * wss without path and query. So equivalent URLs share one answer.
  * @param limit_ms how long to wait at most, the connecting included, in milliseconds. A script may
  * take the daemon 5 s; 0 gives what the client remembers and PROXYMANAGER_TOO_SLOW for the rest
  * @param answer takes the answer, to be given back with proxymanager_answer_unref(); null unless
@@ -194,7 +214,8 @@ PROXYMANAGER_API proxymanager_answer* proxymanager_answer_ref(proxymanager_answe
  * nothing. */
 PROXYMANAGER_API void proxymanager_answer_unref(proxymanager_answer* answer);
 
-/** @return "off", "manual", "pacurl" or "wpad"; lives as long as the answer */
+/** @return "off", "manual", "pacurl" or "wpad", or "local" for an answer that was given without
+ * asking (see PROXYMANAGER_ASK_LOCAL); lives as long as the answer */
 PROXYMANAGER_API const char* proxymanager_answer_mode(const proxymanager_answer* answer);
 
 /** @return how many entries there are, in the order to be tried; may be 0 */

@@ -39,6 +39,7 @@ enum class Status {
   noMemory = PROXYMANAGER_NO_MEMORY,
   busy = PROXYMANAGER_BUSY,
   forked = PROXYMANAGER_FORKED,
+  noAnswer = PROXYMANAGER_NO_ANSWER,
 };
 
 enum class Kind {

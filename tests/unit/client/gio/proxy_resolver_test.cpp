@@ -34,6 +34,32 @@ Context context() {
   return {g_main_context_new(), g_main_context_unref};
 }
 
+/// What the next resolver of GLib answers here.
+std::string nextAnswer = "direct://";
+
+char** nextLookup(GProxyResolver*, const char*, GCancellable*, GError**) {
+  const char* const proxies[] = {nextAnswer.c_str(), nullptr};
+  return g_strdupv(const_cast<char**>(proxies));
+}
+
+void implementNext(gpointer implemented, gpointer) {
+  auto* const resolver = static_cast<GProxyResolverInterface*>(implemented);
+  resolver->is_supported = [](GProxyResolver*) -> gboolean { return TRUE; };
+  resolver->lookup = nextLookup;
+}
+
+/// Adds a resolver as a desktop brings one, which GLib asks after the module's. Before the first
+/// lookup of the process.
+void addNextResolver() {
+  g_proxy_resolver_get_default();  // makes the extension point
+  const GType type =
+      g_type_register_static_simple(G_TYPE_OBJECT, "NextResolver", sizeof(GObjectClass), nullptr,
+                                    sizeof(GObject), nullptr, static_cast<GTypeFlags>(0));
+  const GInterfaceInfo interface { implementNext, nullptr, nullptr };
+  g_type_add_interface_static(type, G_TYPE_PROXY_RESOLVER, &interface);
+  g_io_extension_point_implement(G_PROXY_RESOLVER_EXTENSION_POINT_NAME, type, "desktop", 50);
+}
+
 /// What a lookup came to: proxies, or an error of G_IO_ERROR.
 struct Outcome {
   std::vector<std::string> proxies;
@@ -184,6 +210,31 @@ TEST_F(ProxyResolver, GivesOneProxyInModeManualWithItsPassword) {
 }
 
 TEST_F(ProxyResolver, GoesDirectlyInModeOff) {
+  EXPECT_THAT(lookup("http://off/?").proxies, ElementsAre("direct://"));
+}
+
+TEST_F(ProxyResolver, LeavesModeOffToTheNextResolver) {
+  addNextResolver();
+  nextAnswer = "http://desktop:1";
+  EXPECT_THAT(lookup("http://off/?").proxies, ElementsAre("http://desktop:1"));
+  EXPECT_THAT(lookup("http://manual/?p:1").proxies, ElementsAre("http://p:1"));
+  const auto main = context();
+  g_main_context_push_thread_default(main.get());
+  EXPECT_THAT(Lookup("http://off/?x").wait(main.get()).proxies, ElementsAre("http://desktop:1"));
+  g_main_context_pop_thread_default(main.get());
+}
+
+TEST_F(WithoutDaemon, AsksTheNextResolverUnlessItMustRefuse) {
+  addNextResolver();
+  nextAnswer = "http://desktop:1";
+  EXPECT_THAT(lookup("http://a.example/").proxies, ElementsAre("http://desktop:1"));
+  setenv("PROXYMANAGER_NO_ANSWER", "refuse", 1);
+  EXPECT_EQ(lookup("http://a.example/").error, G_IO_ERROR_PROXY_FAILED);
+}
+
+TEST_F(ProxyResolver, RefusesWithoutAnEntryThatIsOfUseIfItMust) {
+  setenv("PROXYMANAGER_NO_ANSWER", "refuse", 1);
+  EXPECT_EQ(lookup("http://pacurl/?PROXY_-x:1").error, G_IO_ERROR_PROXY_FAILED);
   EXPECT_THAT(lookup("http://off/?").proxies, ElementsAre("direct://"));
 }
 

@@ -188,6 +188,53 @@ TEST_F(AskingTest, TakesUrlsUpToTheirLimitAndNoOtherTexts) {
   EXPECT_EQ(daemon.count(), 2);
 }
 
+TEST_F(AskingTest, AnswersForThisMachineWithoutAsking) {
+  for (const auto& url : {"http://localhost/", "https://127.0.0.1:8443/x", "http://[::1]/",
+                          "http://me:pw@A.LocalHost./", "http://169.254.1.1/", "localhost"}) {
+    for (int time = 0; time < 2; ++time) {
+      const auto answer = client.get(url, kLong);
+      ASSERT_TRUE(answer) << url;
+      EXPECT_EQ(answer.mode(), "local") << url;
+      ASSERT_EQ(answer.entries().size(), 1U);
+      EXPECT_EQ(answer.entries()[0].kind, Kind::direct);
+    }
+  }
+  EXPECT_EQ(daemon.count(), 0);
+  const Client asking(PROXYMANAGER_ASK_LOCAL);
+  EXPECT_EQ(asking.get("http://localhost/", kLong).mode(), "manual");
+  EXPECT_EQ(daemon.count("http://localhost/"), 1);
+}
+
+TEST_F(AskingTest, AsksOnceForUrlsThatMeanTheSame) {
+  daemon.answer("http://www.corp.example/", {{"manual", "same:1"}});
+  for (const auto& url : {"http://user:pw@www.corp.example/", "HTTP://WWW.Corp.Example",
+                          "http://www.corp.example:80#top", "http://www.corp.example/"}) {
+    const auto answer = client.get(url, kLong);
+    ASSERT_TRUE(answer) << url;
+    EXPECT_EQ(answer.entries()[0].host, "same") << url;
+  }
+  EXPECT_EQ(daemon.count(), 1);
+  ask("https://a.example/secret?token");
+  ask("https://a.example/other");
+  EXPECT_EQ(daemon.count("https://a.example/"), 1);
+  EXPECT_EQ(daemon.count(), 2);
+}
+
+TEST_F(AskingTest, RefusesATextWithoutASchemeBeforeItsMark) {
+  EXPECT_EQ(client.get("user:pw@h/?x=http://y", kLong).status(), Status::badArgument);
+  ask("me:pw@h.example:80/x");
+  EXPECT_EQ(daemon.count("h.example:80/x"), 1);
+}
+
+TEST_F(AskingTest, RefusesAnAnswerWithoutAUsableEntryIfItIsToldTo) {
+  daemon.answer(kUrl, {{"pacurl", "PROXY -x:1"}});
+  EXPECT_TRUE(client.get(kUrl, kLong));
+  const Client refusing(PROXYMANAGER_REFUSE);
+  EXPECT_EQ(refusing.get(kUrl, kLong).status(), Status::noAnswer);
+  daemon.answer(kUrl + "direct", {{"pacurl", "DIRECT"}});
+  EXPECT_TRUE(refusing.get(kUrl + "direct", kLong));
+}
+
 TEST_F(AskingTest, RefusesNullPointersAndUnknownFlags) {
   proxymanager_answer* answer = nullptr;
   const auto callback = [](proxymanager_status, proxymanager_answer*, void*) { FAIL(); };
@@ -207,7 +254,7 @@ TEST_F(AskingTest, RefusesNullPointersAndUnknownFlags) {
   proxymanager_client_free(nullptr);
   proxymanager_answer_unref(nullptr);
   EXPECT_EQ(proxymanager_answer_ref(nullptr), nullptr);
-  EXPECT_EQ(proxymanager_client_new(PROXYMANAGER_NO_START << 1U), nullptr);
+  EXPECT_EQ(proxymanager_client_new(PROXYMANAGER_REFUSE << 1U), nullptr);
   EXPECT_FALSE(Client(~0U));
   EXPECT_EQ(Client(~0U).get(kUrl, kLong).status(), Status::badArgument);
   EXPECT_STREQ(proxymanager_client_version(), PROXYMANAGER_VERSION);

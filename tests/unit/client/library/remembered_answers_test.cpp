@@ -87,8 +87,8 @@ TEST(RememberedAnswersTest, ForgetsEverythingAtOnceAndLeavesAnswersToTheirHolder
 }
 
 TEST(RememberedAnswersTest, TheClientsBoundsHoldSomeHundredsOfUsualAnswers) {
-  using client::library::kMaxRemembered;
-  RememberedAnswers remembered(kMaxRemembered, client::library::kMaxRememberedBytes);
+  constexpr auto kMaxRemembered = client::library::SharedAnswers::kMaxAnswers;
+  RememberedAnswers remembered(kMaxRemembered, client::library::SharedAnswers::kMaxBytes);
   const auto url = [](std::size_t i) {
     return "http://www.example.org/of/a/usual/length/" + std::to_string(100000 + i);
   };

@@ -7,14 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "client/ctl/commands/url_parts.h"
+#include "client/ctl/terminal/url_parts.h"
 
-using client::hostOf;
 using client::parseEntry;
 using client::parseManualProxy;
 using client::proxyVariables;
 using client::shellLines;
-using client::shellWord;
 using client::withVariables;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
@@ -26,8 +24,8 @@ TEST(ProxyVariablesTest, AllSchemesGoThroughTheProxyInBothSpellings) {
        {"http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY"}) {
     EXPECT_EQ(variables.at(name), "socks5h://p:1") << name;
   }
-  EXPECT_EQ(variables.at("no_proxy"), "localhost,127.0.0.1,::1");
-  EXPECT_EQ(variables.at("NO_PROXY"), "localhost,127.0.0.1,::1");
+  EXPECT_EQ(variables.at("no_proxy"), client::kNotThroughProxy);
+  EXPECT_EQ(variables.at("NO_PROXY"), client::kNotThroughProxy);
 }
 
 TEST(ProxyVariablesTest, AnAnswerForThisMachineIsNotSpokenAgainst) {
@@ -35,14 +33,16 @@ TEST(ProxyVariablesTest, AnAnswerForThisMachineIsNotSpokenAgainst) {
        {"http://localhost/", "LOCALHOST", "http://u:p@localhost/", "localhost?x",
         "http://[::1]:80/", "http://[0:0::1]/", "http://127.0.0.1:8080", "http://localhost./",
         "http://a.localhost/"}) {
-    const auto variables = proxyVariables(parseEntry("PROXY p:1"), hostOf(url));
+    const auto variables = proxyVariables(parseEntry("PROXY p:1"), client::canonicalOrGiven(url));
     EXPECT_EQ(variables.size(), 6U) << url;
     EXPECT_FALSE(variables.contains("no_proxy")) << url;
     EXPECT_FALSE(variables.contains("NO_PROXY")) << url;
   }
   for (const auto* const url : {"http://localhost.example/", "http://notlocalhost/",
-                                "http://127.0.0.2/", "http://[::2]/", "http://a/?localhost"}) {
-    EXPECT_TRUE(proxyVariables(parseEntry("PROXY p:1"), hostOf(url)).contains("no_proxy")) << url;
+                                "http://128.0.0.2/", "http://[::2]/", "http://a/?localhost"}) {
+    EXPECT_TRUE(
+        proxyVariables(parseEntry("PROXY p:1"), client::canonicalOrGiven(url)).contains("no_proxy"))
+        << url;
   }
 }
 
@@ -50,13 +50,6 @@ TEST(ProxyVariablesTest, DirectAndWhatIsOfNoUseSetNothing) {
   EXPECT_TRUE(proxyVariables(parseEntry("DIRECT"), "a").empty());
   EXPECT_TRUE(proxyVariables(parseEntry("junk"), "a").empty());
   EXPECT_TRUE(proxyVariables(parseManualProxy(""), "a").empty());
-}
-
-TEST(ShellWordTest, StandsForItself) {
-  EXPECT_EQ(shellWord(""), "''");
-  EXPECT_EQ(shellWord("a $(b) `c` \"d\" \\e\n"), "'a $(b) `c` \"d\" \\e\n'");
-  EXPECT_EQ(shellWord("it's"), "'it'\\''s'");
-  EXPECT_EQ(shellWord("''"), "''\\'''\\'''");
 }
 
 TEST(ShellLinesTest, SetAndExportOrUnset) {

@@ -12,15 +12,15 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr client::CallNature kAsk{"ask", false};
-constexpr client::CallNature kChange{"change it", true};
+constexpr client::CallKind kAsk{"ask", false};
+constexpr client::CallKind kChange{"change it", true};
 
 std::string said(const client::Failure& failure) {
   return std::to_string(failure.status()) + ": " + failure.what();
 }
 
-std::string call(const std::string& name, const client::CallNature& nature = kAsk) {
-  return said(failedCall(nature, "org.freedesktop.DBus.Error." + name, "TEXT", milliseconds(1500)));
+std::string call(const std::string& name, const client::CallKind& kind = kAsk) {
+  return said(failedCall(kind, "org.freedesktop.DBus.Error." + name, "TEXT", milliseconds(1500)));
 }
 
 }  // namespace
@@ -49,13 +49,15 @@ TEST(FailedCallTest, SaysWhoMayDoWhatIsDenied) {
 }
 
 TEST(FailedCallTest, SaysWhatToDoAboutASlowAnswer) {
-  EXPECT_EQ(call("Timeout"),
-            "75: proxymanagerd has not answered within 1.5 s, maybe as it waits for a download; "
-            "try again, or give it more time with --timeout");
-  EXPECT_EQ(call("Timeout", kChange),
-            "75: proxymanagerd has not answered within 1.5 s, maybe as it waits for a download; "
-            "the change may still be made, look with \"proxymanagerctl config\", or give it more "
-            "time with --timeout");
+  EXPECT_EQ(
+      call("Timeout"),
+      "75: proxymanagerd has not answered within 1.5 s, maybe because it waits for a download; "
+      "try again, or give it more time with --timeout");
+  EXPECT_EQ(
+      call("Timeout", kChange),
+      "75: proxymanagerd has not answered within 1.5 s, maybe because it waits for a download; "
+      "the change may still be made, look with \"proxymanagerctl config\", or give it more "
+      "time with --timeout");
 }
 
 TEST(FailedCallTest, SaysThatTheDaemonOrTheConnectionEnded) {
@@ -86,30 +88,35 @@ TEST(FailedCallTest, SaysThatSomebodyElseHasTheName) {
 }
 
 TEST(FailedConnectionTest, SaysWhatToDo) {
-  const auto say = [](int error) { return said(failedConnection("ADDRESS", error)); };
-  EXPECT_EQ(say(ENOENT),
-            "69: there is no message bus at ADDRESS (No such file or directory); start it, or name "
-            "another in DBUS_SYSTEM_BUS_ADDRESS");
+  const auto say = [](int error) { return said(failedConnection("unix:ADDRESS", error)); };
+  EXPECT_EQ(
+      say(ENOENT),
+      "69: there is no message bus at unix:ADDRESS (No such file or directory); start it, or name "
+      "another in DBUS_SYSTEM_BUS_ADDRESS");
   EXPECT_EQ(
       say(ECONNREFUSED),
-      "69: there is no message bus at ADDRESS (Connection refused); start it, or name another "
+      "69: there is no message bus at unix:ADDRESS (Connection refused); start it, or name another "
       "in DBUS_SYSTEM_BUS_ADDRESS");
-  EXPECT_EQ(say(EACCES),
-            "77: the message bus at ADDRESS does not let this user in (Permission denied); try as "
-            "another");
+  EXPECT_EQ(
+      say(EACCES),
+      "77: the message bus at unix:ADDRESS does not let this user in (Permission denied); try as "
+      "another");
   EXPECT_EQ(
       say(EPERM),
-      "77: the message bus at ADDRESS does not let this user in (Operation not permitted); try "
+      "77: the message bus at unix:ADDRESS does not let this user in (Operation not permitted); try "
       "as another");
   for (const int ended : {ECONNRESET, EPIPE, ENOTCONN}) {
-    EXPECT_EQ(say(ended),
-              "77: the message bus at ADDRESS does not let this user in (it ends the connection); "
-              "try as another");
+    EXPECT_EQ(
+        say(ended),
+        "77: the message bus at unix:ADDRESS does not let this user in (it ends the connection); "
+        "try as another");
   }
   EXPECT_EQ(say(ETIMEDOUT),
-            "75: the message bus at ADDRESS does not answer; try again, or start it anew");
+            "75: the message bus at unix:ADDRESS does not answer; try again, or restart it");
   EXPECT_EQ(say(EINVAL),
-            "64: ADDRESS is no address of a message bus; look at DBUS_SYSTEM_BUS_ADDRESS");
+            "64: unix:ADDRESS is no address of a message bus; look at DBUS_SYSTEM_BUS_ADDRESS");
+  EXPECT_EQ(said(failedConnection("foo", ECONNREFUSED)),
+            "64: foo is no address of a message bus; look at DBUS_SYSTEM_BUS_ADDRESS");
 }
 
 TEST(SecondsTextTest, IsAsShortAsItCanBe) {

@@ -9,15 +9,15 @@
 
 namespace client {
 
-/// `text` with its ASCII letters in lower case.
-std::string inLowerCase(std::string_view text);
-
 /// The scheme before the first ":", which begins with a letter and goes on with letters, digits and
 /// "+", "." and "-". Empty where there is none. The host of "host:80" looks like one, too.
 std::string_view schemeOf(std::string_view url);
 
 /// Where the authority of `url` begins: behind "SCHEME://", else at its beginning.
 std::size_t authorityBegin(std::string_view url);
+
+/// The canonical form of `url`, or `url` if it has none.
+std::string canonicalOrGiven(const std::string& url);
 
 /// The host, in lower case and without the brackets of an IPv6 address. Empty where there is none.
 std::string hostOf(std::string_view url);

@@ -1,4 +1,4 @@
-#include "client/ctl/commands/script_file.h"
+#include "client/ctl/terminal/script_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <system_error>
 
 #include "base/unique_fd.h"
-#include "client/ctl/commands/command.h"
+#include "client/ctl/failure.h"
 
 namespace client {
 

@@ -1,4 +1,4 @@
-#include "client/ctl/commands/url_parts.h"
+#include "client/ctl/terminal/url_parts.h"
 
 #include <gtest/gtest.h>
 

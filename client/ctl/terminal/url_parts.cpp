@@ -1,34 +1,25 @@
-#include "client/ctl/commands/url_parts.h"
+#include "client/ctl/terminal/url_parts.h"
 
 #include <algorithm>
+
+#include "base/ascii.h"
+#include "client/library/asked_url.h"
 
 namespace client {
 
 namespace {
 
-bool isLetter(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
-}
-
 bool mayStandInScheme(char c) {
-  return isLetter(c) || (c >= '0' && c <= '9') || c == '+' || c == '.' || c == '-';
+  return base::isLetter(c) || base::isDigit(c) || c == '+' || c == '.' || c == '-';
 }
 
 }  // namespace
-
-std::string inLowerCase(std::string_view text) {
-  std::string lower(text);
-  std::transform(lower.begin(), lower.end(), lower.begin(), [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  return lower;
-}
 
 std::string_view schemeOf(std::string_view url) {
   const auto colon = url.find(':');
   if (colon == std::string_view::npos) return {};
   const auto scheme = url.substr(0, colon);
-  const bool isOne = !scheme.empty() && isLetter(scheme.front()) &&
+  const bool isOne = !scheme.empty() && base::isLetter(scheme.front()) &&
                      std::all_of(scheme.begin(), scheme.end(), mayStandInScheme);
   return isOne ? scheme : std::string_view();
 }
@@ -40,6 +31,10 @@ std::size_t authorityBegin(std::string_view url) {
   return isMarked ? scheme.size() + kMark.size() : 0;
 }
 
+std::string canonicalOrGiven(const std::string& url) {
+  return askedUrl(url).value_or(url);
+}
+
 std::string hostOf(std::string_view url) {
   auto authority = url.substr(authorityBegin(url));
   authority = authority.substr(0, authority.find_first_of("/?#"));
@@ -47,12 +42,12 @@ std::string hostOf(std::string_view url) {
     authority.remove_prefix(at + 1);
   }
   if (authority.starts_with('[')) {
-    return inLowerCase(authority.substr(1, authority.find(']') - 1));
+    return base::lowerCase(authority.substr(1, authority.find(']') - 1));
   }
   const auto colon = authority.find(':');
   // Two of them are an IPv6 address that lacks its brackets.
   const bool isBareAddress = colon != authority.rfind(':');
-  return inLowerCase(isBareAddress ? authority : authority.substr(0, colon));
+  return base::lowerCase(isBareAddress ? authority : authority.substr(0, colon));
 }
 
 }  // namespace client

@@ -1,0 +1,47 @@
+// The one JSON shape of an answer, whether the daemon or a script on trial gave it.
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/library/proxy_answer.h"
+
+namespace client {
+
+/// One thing to try, and whether the daemon leaves it out of its answers.
+struct ShownEntry {
+  ProxyEntry entry;
+  bool isDropped = false;
+};
+
+struct ShownAnswer {
+  std::string url;                    ///< as given; its password hidden unless it may be shown
+  std::optional<std::string> mode;    ///< none for a script on trial
+  std::string host;                   ///< the host that is asked about
+  std::optional<std::string> result;  ///< the text of the entries; none without an answer
+  std::vector<ShownEntry> entries;
+  std::optional<std::string> error;  ///< why there is no result
+
+  /// Whether there is something to use or to try.
+  bool isAnswered() const;
+};
+
+/// An object with url, mode, host, answered, result, entries and error, in this order.
+nlohmann::ordered_json jsonOf(const ShownAnswer& answer, bool showPassword);
+
+/// What the help texts tell of that object.
+inline constexpr const char* kAnswerShape =
+    R"(    url       the URL as given, with its password hidden
+    mode      off, manual, pacurl, wpad or local; null for pac eval
+    host      the host that is asked about
+    answered  whether there is an entry that the daemon gives
+    result    the entries as text, or null
+    entries   array of objects: text, kind (direct, http, https, socks4,
+              socks4a, socks5, socks5h or unusable), proxy (its URL, or null)
+              and dropped (true if the daemon leaves the entry out)
+    error     why there is no result, or null
+)";
+
+}  // namespace client

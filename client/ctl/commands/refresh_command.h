@@ -1,0 +1,13 @@
+// proxymanagerctl refresh: hands the configuration over again.
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include "client/ctl/commands/command.h"
+
+namespace client {
+
+/// Adds the command to `program`; running it sets `action`.
+void addRefreshCommand(CLI::App& program, Action& action);
+
+}  // namespace client

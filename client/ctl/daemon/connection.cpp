@@ -1,0 +1,129 @@
+#include "client/ctl/daemon/connection.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <memory>
+#include <system_error>
+
+namespace client {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+constexpr std::size_t kMaxLine = 1024;
+
+std::string textOf(int error) {
+  return std::generic_category().message(error);
+}
+
+int left(Clock::time_point end) {
+  const auto time = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
+  return static_cast<int>(std::max<std::int64_t>(time, 0));
+}
+
+/// A lookup that a limit ends. What it uses lives until the process ends if it does not end by
+/// then, because the C library still writes to it.
+struct Lookup {
+  std::string host;
+  std::string port;
+  addrinfo hints{};
+  gaicb request{};
+};
+
+Addresses lookUp(const std::string& host, std::uint16_t port, Clock::time_point end,
+                 std::string& problem) {
+  auto lookup = std::make_unique<Lookup>();
+  lookup->host = host;
+  lookup->port = std::to_string(port);
+  lookup->hints.ai_socktype = SOCK_STREAM;
+  lookup->hints.ai_flags = AI_NUMERICSERV;
+  lookup->request.ar_name = lookup->host.c_str();
+  lookup->request.ar_service = lookup->port.c_str();
+  lookup->request.ar_request = &lookup->hints;
+  gaicb* request = &lookup->request;
+  int error = getaddrinfo_a(GAI_NOWAIT, &request, 1, nullptr);
+  while (error == 0 && gai_error(request) == EAI_INPROGRESS) {
+    const int time = left(end);
+    const timespec limit{time / 1000, time % 1000 * 1'000'000L};
+    if (gai_suspend(&request, 1, &limit) == EAI_AGAIN && left(end) == 0) {
+      if (gai_cancel(request) != EAI_CANCELED) lookup.release();
+      problem = "its name is not found in time";
+      return {nullptr, freeaddrinfo};
+    }
+  }
+  if (error == 0) error = gai_error(request);
+  if (error != 0) problem = std::string("its name is not found: ") + gai_strerror(error);
+  return {error == 0 ? request->ar_result : nullptr, freeaddrinfo};
+}
+
+/// @return 0 or an errno
+int connectSocket(int socket, const addrinfo& address, Clock::time_point end) {
+  if (connect(socket, address.ai_addr, address.ai_addrlen) == 0) return 0;
+  if (errno != EINPROGRESS) return errno;
+  pollfd polled{socket, POLLOUT, 0};
+  int count = 0;
+  do {
+    count = poll(&polled, 1, left(end));
+  } while (count < 0 && errno == EINTR);
+  if (count == 0) return ETIMEDOUT;
+  int error = 0;
+  socklen_t size = sizeof error;
+  return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+}  // namespace
+
+Connection connectTo(const std::string& host, std::uint16_t port, std::chrono::milliseconds limit) {
+  const auto end = Clock::now() + limit;
+  const bool isBracketed = host.starts_with('[') && host.ends_with(']');
+  Connection made;
+  const auto addresses =
+      lookUp(isBracketed ? host.substr(1, host.size() - 2) : host, port, end, made.problem);
+  for (const auto* address = addresses.get(); address != nullptr; address = address->ai_next) {
+    base::UniqueFd fd(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const int error = fd ? connectSocket(fd.get(), *address, end) : errno;
+    if (error == 0) return {std::move(fd), {}};
+    made.problem = textOf(error);
+  }
+  return made;
+}
+
+std::string firstLine(int socket, const std::string& request, std::chrono::milliseconds limit,
+                      std::string& problem) {
+  const auto end = Clock::now() + limit;
+  // A request of some hundred bytes fits into the buffer of a new connection.
+  if (send(socket, request.data(), request.size(), MSG_NOSIGNAL) !=
+      static_cast<ssize_t>(request.size())) {
+    problem = textOf(errno);
+    return {};
+  }
+  std::string line;
+  for (;;) {
+    pollfd polled{socket, POLLIN, 0};
+    const int count = poll(&polled, 1, left(end));
+    if (count < 0 && errno == EINTR) continue;
+    std::array<char, kMaxLine> bytes{};
+    const auto got = count > 0 ? recv(socket, bytes.data(), bytes.size(), 0) : 0;
+    if (got <= 0) {
+      problem = count == 0 ? "no answer in time"
+                : got < 0  ? textOf(errno)
+                           : "it ends the connection without an answer";
+      return {};
+    }
+    line.append(bytes.data(), static_cast<std::size_t>(got));
+    const auto newline = line.find('\n');
+    if (newline == std::string::npos && line.size() < kMaxLine) continue;
+    line.resize(std::min({newline, line.size(), kMaxLine}));
+    if (line.ends_with('\r')) line.pop_back();
+    return line;
+  }
+}
+
+}  // namespace client

@@ -1,0 +1,26 @@
+// A connection to a proxy or a server, to see whether it can be reached.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "base/unique_fd.h"
+
+namespace client {
+
+struct Connection {
+  base::UniqueFd socket;  ///< does not block; none if there is a problem
+  std::string problem;    ///< in a few words; empty if the connection is made
+};
+
+/// Connects to `host`, a name or an address with or without brackets, within `limit`, the lookup of
+/// the name included. Its addresses are tried one after the other.
+Connection connectTo(const std::string& host, std::uint16_t port, std::chrono::milliseconds limit);
+
+/// Sends `request` and returns the first line of the answer without its end, at most 1 KiB of it;
+/// empty with `problem` set if none came within `limit`.
+std::string firstLine(int socket, const std::string& request, std::chrono::milliseconds limit,
+                      std::string& problem);
+
+}  // namespace client

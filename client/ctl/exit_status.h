@@ -1,0 +1,66 @@
+// How proxymanagerctl ends: the one list of its statuses. Help texts are made from it, a test
+// compares the man page with it.
+#pragma once
+
+#include <array>
+#include <initializer_list>
+#include <string>
+
+namespace client {
+
+/// The low numbers are about the question; the high ones are those of sysexits.h, so that a shell
+/// script can tell a wrong PAC script from a wrong command line; the last two are those of a shell.
+enum ExitStatus : int {
+  kAnswered = 0,
+  kNoAnswer = 1,
+  kRefused = 2,
+  kUsage = 64,
+  kBadData = 65,
+  kNoInput = 66,
+  kUnavailable = 69,
+  kInternal = 70,
+  kOutput = 74,
+  kTryAgain = 75,
+  kProtocol = 76,
+  kDenied = 77,
+  kCannotRun = 126,
+  kNoSuchCommand = 127,
+};
+
+struct StatusText {
+  ExitStatus status;
+  const char* text;  ///< further lines of a text begin behind a "\n"
+};
+
+inline constexpr std::array<StatusText, 14> kStatusTexts{{
+    {kAnswered, "done, with an answer for every URL"},
+    {kNoAnswer, "at least one URL got no answer"},
+    {kRefused, "a PAC script is refused; standard error says why, and in which\nline"},
+    {kUsage, "the command line is wrong, or the address of the message bus"},
+    {kBadData, "what was read is no password or URL"},
+    {kNoInput, "a file cannot be read"},
+    {kUnavailable, "the daemon does not run, or there is no message bus"},
+    {kInternal, "no memory, or a fault of the program"},
+    {kOutput, "the output cannot be written"},
+    {kTryAgain, "no answer in time, or the daemon is about to end; try again"},
+    {kProtocol, "what has the daemon's name does not answer as it does"},
+    {kDenied,
+     "the bus does not allow it; root may do all, and so may members of the\n"
+     "group proxymanager"},
+    {kCannotRun, "exec: the command cannot be run"},
+    {kNoSuchCommand, "exec: there is no such command"},
+}};
+
+/// What can happen to each command that talks to the daemon.
+inline constexpr std::initializer_list<ExitStatus> kBusStatuses{
+    kUsage, kUnavailable, kInternal, kOutput, kTryAgain, kProtocol, kDenied};
+
+/// Lines of a help text: those of `own`, a command's own words, then those of `shared` in the words
+/// of the list.
+std::string statusHelp(std::initializer_list<StatusText> own,
+                       std::initializer_list<ExitStatus> shared);
+
+/// The whole list as lines of a help text.
+std::string statusHelp();
+
+}  // namespace client

@@ -1,0 +1,37 @@
+#include "client/ctl/terminal/url_list.h"
+
+#include <unistd.h>
+
+#include <system_error>
+
+#include "base/ascii.h"
+#include "base/small_file.h"
+#include "client/ctl/failure.h"
+#include "client/ctl/terminal/script_file.h"
+
+namespace client {
+
+std::vector<std::string> readUrls(const std::string& name) {
+  base::FileDemands demands;
+  demands.mostBytes = kMaxListBytes;
+  demands.owner = base::FileOwner::anybody;
+  demands.followsLink = true;
+  demands.acceptsSecondName = true;
+  const auto read = name == "-" ? base::readToEnd(STDIN_FILENO, kMaxListBytes)
+                                : base::readFile(name.c_str(), demands);
+  if (read.failure) {
+    throw Failure(kNoInput, "cannot read " + shownName(name) + ": " +
+                                std::generic_category().message(read.failure.error));
+  }
+  std::vector<std::string> urls;
+  std::string_view rest = read.text;
+  while (!rest.empty()) {
+    const auto end = rest.find('\n');
+    const auto line = base::trimmed(rest.substr(0, end), " \t\r");
+    if (!line.empty() && line.front() != '#') urls.emplace_back(line);
+    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+  }
+  return urls;
+}
+
+}  // namespace client

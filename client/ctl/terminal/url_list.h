@@ -1,0 +1,18 @@
+// URLs from a file.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+namespace client {
+
+/// Longest file of URLs, in bytes: some ten thousand URLs, which take the daemon minutes.
+inline constexpr std::size_t kMaxListBytes = 1U << 20U;
+
+/// The URLs of the file `name`, or of standard input for "-": one a line, without blanks around it.
+/// Empty lines and those that begin with "#" are skipped. Throws Failure: kNoInput if the file
+/// cannot be read or is longer than kMaxListBytes.
+std::vector<std::string> readUrls(const std::string& name);
+
+}  // namespace client

@@ -1,0 +1,46 @@
+#include "client/library/bus_error.h"
+
+#include <array>
+
+namespace client {
+
+namespace {
+
+struct Row {
+  std::string_view name;  ///< behind kPrefix; one that ends in "." begins names
+  BusError meaning;
+};
+
+constexpr std::string_view kPrefix = "org.freedesktop.DBus.Error.";
+
+// TimedOut is the bus's word for a daemon that does not start in time; a call that the daemon did
+// not answer ends with NoReply, and Timeout is the word of the library here.
+constexpr std::array kRows{
+    Row{"ServiceUnknown", BusError::kNotRunning},
+    Row{"NameHasNoOwner", BusError::kNotRunning},
+    Row{"Spawn.", BusError::kCannotStart},
+    Row{"TimedOut", BusError::kCannotStart},
+    Row{"NoReply", BusError::kEnded},
+    Row{"AccessDenied", BusError::kDenied},
+    Row{"AuthFailed", BusError::kDenied},
+    Row{"Timeout", BusError::kTimedOut},
+    Row{"LimitsExceeded", BusError::kBusy},
+    Row{"NoMemory", BusError::kBusy},
+    Row{"Disconnected", BusError::kLost},
+    Row{"NoServer", BusError::kLost},
+};
+
+}  // namespace
+
+BusError busErrorOf(std::string_view name) {
+  // The supervisor's own errors, when the bus has it start the daemon.
+  if (name.starts_with("org.freedesktop.systemd1.")) return BusError::kCannotStart;
+  if (!name.starts_with(kPrefix)) return BusError::kUnknown;
+  name.remove_prefix(kPrefix.size());
+  for (const auto& row : kRows) {
+    if (row.name.ends_with('.') ? name.starts_with(row.name) : name == row.name) return row.meaning;
+  }
+  return BusError::kUnknown;
+}
+
+}  // namespace client
