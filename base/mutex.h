@@ -60,3 +60,16 @@ class PM_SCOPED_CAPABILITY Lock {
                                     std::recursive_mutex>;
   std::unique_lock<Native> mLock;
 };
+
+/// Gives a mutex that the caller holds up for a scope, known to the analysis.
+template <typename MutexType>
+class PM_SCOPED_CAPABILITY Unlock {
+ public:
+  explicit Unlock(MutexType& mutex) PM_RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }
+  ~Unlock() PM_ACQUIRE() { mMutex.lock(); }
+  Unlock(const Unlock&) = delete;
+  Unlock& operator=(const Unlock&) = delete;
+
+ private:
+  MutexType& mMutex;
+};

@@ -1,127 +1,137 @@
-// The watch thread: notices when the network configuration changes.
-//
-// The files are watched, not their folders, and events are not decoded: any event on either file
-// counts as a change, touch and chmod included. A file that is missing when the thread starts is
-// not watched; a watch ends with its file.
+#include "fetcher/config_watch.h"
+
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/select.h>
 #include <unistd.h>
 
 #include <iterator>
-#include <new>
+#include <string>
 
 #include "base/log_line.h"
-#include "fetcher/fetcher_log.h"
-#include "fetcher/pac_fetcher.h"
-#include "platform/process/thread_name.h"
+#include "base/paths.h"
+#include "base/small_file.h"
 
-using fetcher::kLogClass;
+namespace fetcher {
 
 namespace {
 
 // Written by the device's DHCP client and by its DNS forwarder.
-constexpr const char* kWatchedPaths[] = {"/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"};
+constexpr const char* kWatchedPaths[] = {base::kLeaseFile, base::kResolverFile};
 constexpr std::uint32_t kChanges = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
-constexpr std::size_t kEventBytes = 4096;  // some 200 events; the rest wait for the next read
-constexpr char kThreadFunction[] = "dhcpCfgWatchThreadFunc";
+// Whoever reads the file judges its length.
+constexpr std::size_t kAnyLength = SIZE_MAX;
+
+/// @return the watch; negative if the file is missing or not to be believed
+int addWatch(int fd, const char* path) {
+  const auto file = base::openFile(path, {.mostBytes = kAnyLength});
+  if (file.failure) return -1;
+  // By the descriptor, so that it is this file, whatever stands at its name by now.
+  const std::string opened = "/proc/self/fd/" + std::to_string(file.fd.get());
+  return inotify_add_watch(fd, opened.c_str(), kChanges);
+}
 
 }  // namespace
 
-void PACFetcher::dhcpCfgWatchThreadFunc() {
-  pthread_name_np(gettid(), "pm-watch");
-  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
-  const int fd = openInotify();
-  if (fd < 0) return;
-  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[kEventBytes]);
-  if (!buffer) {
-    logLine(LOG_ERR, "%s%s allocation failed", kLogClass, __func__);
-    closeInotify();
-    return;
-  }
-  if (!addWatches(fd)) {
-    logLine(LOG_ERR, "%s%s setting up watch on paths failed", kLogClass, __func__);
-    closeInotify();
-    return;
-  }
-  watchUntilStopped(fd, buffer.get());
-  const Lock lock(mMutex);
-  removeWatches(false);
-  closeInotify();
-}
-
-// A descriptor that select cannot take is as good as none.
-int PACFetcher::openInotify() {
-  const Lock lock(mWatchMutex);
-  mInotifyFd = inotify_init();
-  if (mInotifyFd >= 0 && mInotifyFd < FD_SETSIZE) {
-    fcntl(mInotifyFd, F_SETFD, FD_CLOEXEC);
-    return mInotifyFd;
-  }
-  logLine(LOG_ERR, "%s%s inotify init failure, ifd:%d", kLogClass, kThreadFunction, mInotifyFd);
-  if (mInotifyFd >= 0) close(mInotifyFd);
-  return mInotifyFd = -1;
-}
-
-void PACFetcher::closeInotify() {
-  const Lock lock(mWatchMutex);
-  if (mInotifyFd >= 0) close(mInotifyFd);
-  mInotifyFd = -1;
-  mWatchDescriptors.clear();
-}
-
-bool PACFetcher::addWatches(int fd) {
-  bool any = false;
-  for (const char* path : kWatchedPaths) {
-    logLine(LOG_NOTICE, "%s%s inotify_add_watch, path:%s", kLogClass, kThreadFunction, path);
-    static_assert(std::size(kWatchedPaths) == kWatchedFiles);
-    const int watch = inotify_add_watch(fd, path, kChanges);
-    if (watch < 0) {
-      logLine(LOG_ERR, "%s%s error setting up watch on path:%s", kLogClass, kThreadFunction, path);
-      continue;
-    }
-    const Lock lock(mWatchMutex);
-    mWatchDescriptors.push_back(watch);  // into reserved room: nothing may be thrown here
-    any = true;
-  }
-  return any;
-}
-
-void PACFetcher::watchUntilStopped(int fd, char* buffer) {
-  while (mRunning) {
-    if (wait_for_changes(fd, mInterval) <= 0) continue;
-    const ssize_t length = read(fd, buffer, kEventBytes);
-    logLine(LOG_INFO, "%s%s read len:%d", kLogClass, kThreadFunction, static_cast<int>(length));
-    if (length >= 0) requestRefetch();
-  }
-}
-
-void PACFetcher::requestRefetch() {
-  const Lock lock(mMutex);
-  if (mConfig->mode <= manual) return;
-  logLine(LOG_NOTICE, "%s%s proxy mode is wpad or pac-url refetch", kLogClass, kThreadFunction);
-  mRefetch = true;
-  mCondition.notify_one();
-}
-
-int PACFetcher::wait_for_changes(int fd, int interval) const {
-  logLine(LOG_INFO, "%s%s fd:%d, interval:%d", kLogClass, __func__, fd, interval);
+int waitForChanges(int fd, int interval) {
+  logLine(LOG_INFO, "PACFetcher-wait_for_changes fd:%d, interval:%d", fd, interval);
   fd_set readable;
   FD_ZERO(&readable);
   FD_SET(fd, &readable);
   timeval timeout{interval, 0};
   const int ready = select(FD_SETSIZE, &readable, nullptr, nullptr, &timeout);
-  if (ready < 0) logLine(LOG_ERR, "%s%s select error, ret:%d", kLogClass, __func__, ready);
+  if (ready < 0) logLine(LOG_ERR, "PACFetcher-wait_for_changes select error, ret:%d", ready);
   return ready;
+}
+
+ConfigWatch::ConfigWatch() {
+  const Lock lock(mMutex);
+  mWatchDescriptors.reserve(std::size(kWatchedPaths));
+}
+
+void ConfigWatch::begin() {
+  const Lock lock(mMutex);
+  mWatchesRemoved = false;
+  mIsEnding = false;
+}
+
+int ConfigWatch::open() {
+  const Lock lock(mMutex);
+  mInotifyFd = inotify_init();
+  if (mInotifyFd >= 0 && mInotifyFd < FD_SETSIZE) {
+    fcntl(mInotifyFd, F_SETFD, FD_CLOEXEC);
+    return mInotifyFd;
+  }
+  logLine(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc inotify init failure, ifd:%d", mInotifyFd);
+  if (mInotifyFd >= 0) ::close(mInotifyFd);
+  return mInotifyFd = -1;
+}
+
+bool ConfigWatch::addWatches() {
+  bool any = false;
+  for (const char* path : kWatchedPaths) {
+    logLine(LOG_NOTICE, "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, path:%s", path);
+    const Lock lock(mMutex);
+    const int watch = addWatch(mInotifyFd, path);
+    if (watch < 0) {
+      logLine(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc error setting up watch on path:%s", path);
+      continue;
+    }
+    mWatchDescriptors.push_back(watch);
+    any = true;
+  }
+  return any;
+}
+
+bool ConfigWatch::readEvents(char* buffer) {
+  // The thread's own descriptor: no other thread changes it.
+  int fd = -1;
+  {
+    const Lock lock(mMutex);
+    fd = mInotifyFd;
+  }
+  bool any = false;
+  int waiting = 0;
+  do {
+    const ssize_t length = read(fd, buffer, kEventBytes);
+    logLine(LOG_INFO, "PACFetcher-dhcpCfgWatchThreadFunc read len:%d", static_cast<int>(length));
+    if (length < 0) return any;
+    any = true;
+  } while (ioctl(fd, FIONREAD, &waiting) == 0 && waiting > 0);
+  return any;
+}
+
+void ConfigWatch::pause(std::chrono::milliseconds duration) {
+  Lock lock(mMutex);
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (!mIsEnding && std::chrono::steady_clock::now() < end) {
+    mEnding.wait_until(lock.native(), end);
+  }
+}
+
+void ConfigWatch::close() {
+  const Lock lock(mMutex);
+  removeWatches(false);
+  if (mInotifyFd >= 0) ::close(mInotifyFd);
+  mInotifyFd = -1;
+}
+
+void ConfigWatch::end() {
+  const Lock lock(mMutex);
+  mIsEnding = true;
+  mEnding.notify_all();
+  removeWatches(true);
 }
 
 // A removed watch queues an event, which wakes the thread out of select. A watch that went with its
 // file queues none any more, so one on "/" comes and goes to the same end.
-void PACFetcher::removeWatches(bool wakeThread) {
-  const Lock lock(mWatchMutex);
+void ConfigWatch::removeWatches(bool wakeThread) {
   if (mWatchesRemoved || mInotifyFd < 0) return;
   mWatchesRemoved = true;
   for (const int watch : mWatchDescriptors) inotify_rm_watch(mInotifyFd, watch);
   mWatchDescriptors.clear();
   if (wakeThread) inotify_rm_watch(mInotifyFd, inotify_add_watch(mInotifyFd, "/", IN_DELETE_SELF));
 }
+
+}  // namespace fetcher

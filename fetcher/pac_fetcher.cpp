@@ -2,18 +2,34 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <fstream>
+#include <new>
 #include <utility>
 
 #include "base/log_line.h"
-#include "fetcher/fetcher_log.h"
+#include "fetcher/resolver_file.h"
+#include "fetcher/service_callbacks.h"
+#include "fetcher/target_file.h"
+#include "fetcher/walk.h"
+#include "fetcher/wpad_candidates.h"
+#include "platform/process/supervisor.h"
 #include "platform/process/thread_name.h"
 
-using fetcher::kLogClass;
-
 namespace {
+
+constexpr char kTemporaryEnding[] = ".tmp";
+constexpr std::chrono::seconds kQuietTime{2};  // between two fetches for changes of watched files
+
+bool sameText(const char* a, const char* b) {
+  if (a == nullptr || b == nullptr) return a == b;
+  return std::strcmp(a, b) == 0;
+}
 
 void replaceText(char*& mine, HeapText text) {
   std::free(mine);
@@ -25,40 +41,39 @@ void replaceText(char*& mine, HeapText text) {
 PACFetcher::PACFetcher(ProxyManagerServiceImpl* service, const std::string& pacFileName,
                        int interval)
     : mService(service), mPacFileName(pacFileName), mInterval(interval) {
-  {
-    const Lock lock(mWatchMutex);
-    mWatchDescriptors.reserve(kWatchedFiles);
-  }
-  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  logLine(LOG_INFO, "PACFetcher-PACFetcher called");
 }
 
 PACFetcher::~PACFetcher() {
-  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  logLine(LOG_INFO, "PACFetcher-~PACFetcher called");
   stop();
 }
 
 bool PACFetcher::start() {
-  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  logLine(LOG_INFO, "PACFetcher-start called");
   if (mRunning.exchange(true)) {
-    logLine(LOG_INFO, "%s%s already started", kLogClass, __func__);
+    logLine(LOG_INFO, "PACFetcher-start already started");
     return true;
   }
+  mStopping = false;
   if (!mFetcherThread) {
+    fetcher::removeLeftTargets(mPacFileName + kTemporaryEnding);
     mFetcherThread = std::make_shared<std::thread>([this] { pacFetcherThreadFunc(); });
   } else {
-    logLine(LOG_INFO, "%s%s pac fetcher thread already started", kLogClass, __func__);
+    logLine(LOG_INFO, "PACFetcher-start pac fetcher thread already started");
   }
   if (mDhcpCfgWatchThread) {
-    logLine(LOG_INFO, "%s%s dhcp config watch thread already started", kLogClass, __func__);
+    logLine(LOG_INFO, "PACFetcher-start dhcp config watch thread already started");
   } else {
-    mWatchesRemoved = false;
+    mWatch.begin();
     mDhcpCfgWatchThread = std::make_shared<std::thread>([this] { dhcpCfgWatchThreadFunc(); });
   }
   return true;
 }
 
 bool PACFetcher::stop() {
-  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  logLine(LOG_INFO, "PACFetcher-stop called");
+  mStopping = true;
   mRunning = false;
   // Past the mutex, the fetcher thread has either seen the flag or waits and hears the call.
   { const Lock lock(mMutex); }
@@ -67,10 +82,7 @@ bool PACFetcher::stop() {
     mFetcherThread->join();
     mFetcherThread.reset();
   }
-  {
-    const Lock lock(mMutex);
-    removeWatches(true);
-  }
+  mWatch.end();
   if (mDhcpCfgWatchThread) {
     mDhcpCfgWatchThread->join();
     mDhcpCfgWatchThread.reset();
@@ -79,45 +91,165 @@ bool PACFetcher::stop() {
 }
 
 void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
-  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  logLine(LOG_INFO, "PACFetcher-updateProxyMgrConfig called");
   // Before anything changes, as there may be no memory for them. The records' own helpers would say
   // lines, and take an empty URL for none.
   HeapText newPacurl(heapCopy(config.pacurl));
   HeapText newProxyurl(heapCopy(config.proxyurl));
   const Lock lock(mMutex);
+  const bool changes = mConfig->mode != config.mode || !sameText(mConfig->pacurl, config.pacurl) ||
+                       !sameText(mConfig->proxyurl, config.proxyurl);
   mConfig->mode = config.mode;
   replaceText(mConfig->pacurl, std::move(newPacurl));
   replaceText(mConfig->proxyurl, std::move(newProxyurl));
-  logLine(LOG_NOTICE, "%s%s mode:%d", kLogClass, __func__, static_cast<int>(config.mode));
+  logLine(LOG_NOTICE, "PACFetcher-updateProxyMgrConfig mode:%d", static_cast<int>(config.mode));
   if (config.pacurl != nullptr) {
-    logLine(LOG_INFO, "%s%s pacUrl:%s", kLogClass, __func__, config.pacurl);
+    logLine(LOG_INFO, "PACFetcher-updateProxyMgrConfig pacUrl:%s", config.pacurl);
   }
   if (config.proxyurl != nullptr) {
-    logLine(LOG_INFO, "%s%s proxyUrl:%s", kLogClass, __func__, config.proxyurl);
+    logLine(LOG_INFO, "PACFetcher-updateProxyMgrConfig proxyUrl:%s", config.proxyurl);
   }
+  if (changes) {
+    ++mConfigNumber;
+    mTransferSwitch.interrupt();
+  }
+  // A request that waits is for a configuration that is no more.
+  mRefetch = false;
   if (config.mode > manual) {
-    logLine(LOG_NOTICE, "%s%s proxy mode >= pacurl refetch", kLogClass, __func__);
+    logLine(LOG_NOTICE, "PACFetcher-updateProxyMgrConfig proxy mode >= pacurl refetch");
     mRefetch = true;
     mCondition.notify_one();
   }
 }
 
+bool PACFetcher::fileDownload(const std::string& url, const std::string& targetFile) {
+  return fetcher::download(url, targetFile).success;
+}
+
+bool PACFetcher::isValidPacFile(const std::string& fileName) {
+  std::ifstream file(fileName);
+  std::string line;
+  while (std::getline(file, line)) {
+    if (line.find("FindProxyForURL") != std::string::npos) return true;
+  }
+  return false;
+}
+
+std::string PACFetcher::getDomainName() const {
+  return fetcher::domainOfResolverFile();
+}
+
+std::vector<std::string> PACFetcher::wpadUrlCandidatesFromDomain(const std::string& domain) const {
+  return fetcher::wpadUrlCandidates(domain);
+}
+
+int PACFetcher::retrievePacFile() {
+  const ProxyMode mode = mConfig->mode;
+  logLine(LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:%d", static_cast<int>(mode));
+  if (mode <= manual) return 0;
+  const auto candidates = fetcher::candidatesOf(*mConfig);
+  if (!candidates) return -1;
+  const unsigned walk = mConfigNumber;
+  mTransferSwitch.allow();
+  bool blocked = false;
+  for (const std::string& url : *candidates) {
+    const Attempt attempt = tryCandidate(url, walk);
+    if (attempt == Attempt::installed) return 0;
+    blocked = blocked || attempt == Attempt::blockedByFolder;
+  }
+  // rename cannot replace a folder of root's or the daemon's own. An empty one goes, so that the
+  // next walk is not held up too; rmdir takes nothing else.
+  if (blocked) rmdir(mPacFileName.c_str());
+  return 0;
+}
+
+bool PACFetcher::mayGoOn(unsigned walk) const {
+  return walk == mConfigNumber;
+}
+
+PACFetcher::Attempt PACFetcher::tryCandidate(const std::string& url, unsigned walk) {
+  logLine(LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:%s", url.c_str());
+  const std::string temporary = mPacFileName + kTemporaryEnding;
+  if (mayGoOn(walk) && !mStopping && fetch(url, temporary, walk)) return install(url, temporary);
+  logLine(LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:%s", url.c_str());
+  std::remove(temporary.c_str());
+  return Attempt::failed;
+}
+
+/// @return whether a script is at `temporary`, and the configuration is still the walk's
+bool PACFetcher::fetch(const std::string& url, const std::string& temporary, unsigned walk) {
+  bool fetched = false;
+  {
+    const Unlock unlock(mMutex);
+    const auto download = fetcher::download(url, temporary, {&mTransferSwitch, {}});
+    notifyStatus(download.success ? "PAC script downloaded"
+                                  : "PAC script not downloaded: " + download.error);
+    fetched = download.success && isValidPacFile(temporary);
+  }
+  return fetched && mayGoOn(walk);
+}
+
+PACFetcher::Attempt PACFetcher::install(const std::string& url, const std::string& temporary) {
+  if (!fetcher::renameOver(temporary, mPacFileName)) {
+    const Attempt attempt = errno == EISDIR ? Attempt::blockedByFolder : Attempt::failed;
+    logLine(LOG_ERR, "PACFetcher-retrievePacFile file rename failed tmpFile:%s, targetFile:%s",
+            temporary.c_str(), mPacFileName.c_str());
+    std::remove(temporary.c_str());
+    return attempt;
+  }
+  logLine(LOG_NOTICE, "PACFetcher-retrievePacFile PAC file download success url:%s", url.c_str());
+  service_callbacks::notifyFileUpdated(mService);
+  return Attempt::installed;
+}
+
 void PACFetcher::pacFetcherThreadFunc() {
   pthread_name_np(gettid(), "pm-fetch");
-  logLine(LOG_INFO, "%s%s called", kLogClass, __func__);
+  logLine(LOG_INFO, "PACFetcher-pacFetcherThreadFunc called");
   while (mRunning) {
     Lock lock(mMutex);
     if (!mRefetch && mRunning) {
       mCondition.wait_until(lock.native(),
                             std::chrono::system_clock::now() + std::chrono::seconds(mInterval));
     }
-    if (!mRefetch) continue;
+    // Cleared before the walk: all requests that come during it cause one further walk.
+    if (!mRefetch.exchange(false)) continue;
     try {
       retrievePacFile();
     } catch (const std::exception&) {
       // Out of memory, or what the service let out: a walk without a result, not the daemon's end.
     }
-    // Whoever asks during a walk waits at the mutex, and sets the flag after this.
-    mRefetch = false;
   }
+}
+
+void PACFetcher::dhcpCfgWatchThreadFunc() {
+  pthread_name_np(gettid(), "pm-watch");
+  logLine(LOG_INFO, "PACFetcher-dhcpCfgWatchThreadFunc called");
+  const int fd = mWatch.open();
+  if (fd < 0) return;
+  const std::unique_ptr<char[]> buffer(new (std::nothrow) char[fetcher::ConfigWatch::kEventBytes]);
+  if (!buffer) {
+    logLine(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc allocation failed");
+  } else if (!mWatch.addWatches()) {
+    logLine(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc setting up watch on paths failed");
+  } else {
+    while (mRunning) {
+      if (wait_for_changes(fd, mInterval) <= 0 || !mWatch.readEvents(buffer.get())) continue;
+      // The first change is fetched at once; those of the time after it cause one more fetch.
+      if (requestRefetch()) mWatch.pause(kQuietTime);
+    }
+  }
+  mWatch.close();
+}
+
+bool PACFetcher::requestRefetch() {
+  const Lock lock(mMutex);
+  if (mConfig->mode <= manual) return false;
+  logLine(LOG_NOTICE, "PACFetcher-dhcpCfgWatchThreadFunc proxy mode is wpad or pac-url refetch");
+  mRefetch = true;
+  mCondition.notify_one();
+  return true;
+}
+
+int PACFetcher::wait_for_changes(int fd, int interval) const {
+  return fetcher::waitForChanges(fd, interval);
 }

@@ -5,10 +5,10 @@
 // handlers run where nothing holds a lock and may log.
 
 #include <poll.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <clocale>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -98,8 +98,8 @@ void registerProcess() {
 }  // namespace
 
 int main() {
-  // URLs are UTF-8: so that libcurl takes international names in them for what they are.
-  std::setlocale(LC_CTYPE, "C.UTF-8");
+  // A child process with this one's user could otherwise open /proc/PID/mem and write to it.
+  prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
   openlog(kServiceName, kLogOptions, LOG_LOCAL0);
   if (create_varrunpid(kProcessName) != 0) {
     logLine(LOG_ERR, "main Only one instance of proxymanager_service can run at a time");

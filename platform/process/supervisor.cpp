@@ -42,3 +42,7 @@ int feedWatchdog() {
 int notifyStopping() {
   return tell("STOPPING=1");
 }
+
+int notifyStatus(const std::string& text) {
+  return tell("STATUS=" + text);
+}

@@ -1,11 +1,13 @@
 // What this process tells its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
 //
 // Started by hand, or by a supervisor of another kind, there is nobody to tell, and every function
-// succeeds without doing anything. All are called by the main thread. A notification is one
-// datagram; a supervisor that takes none makes the call wait, and counts that as hanging.
+// succeeds without doing anything. All but notifyStatus are called by the main thread. A
+// notification is one datagram; a supervisor that takes none makes the call wait, and counts that
+// as hanging.
 #pragma once
 
 #include <chrono>
+#include <string>
 
 /// How often the main loop feeds the watchdog. A WatchdogSec of less than twice that ends a healthy
 /// daemon; restart_connect says so.
@@ -28,3 +30,7 @@ int feedWatchdog();
 
 /// Says that an orderly stop has begun: STOPPING=1. @return as restart_connect
 int notifyStopping();
+
+/// What the process is doing, for people who look at the service: STATUS=text. Any thread.
+/// @param text one line @return as restart_connect
+int notifyStatus(const std::string& text);

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "fetcher/resolver_text.h"
+#include "fetcher/resolver_file.h"
 #include "platform/netservice/dhcp_conf.h"
 #include "platform/netservice/lease_text.h"
 #include "tests/fuzz/support/input.h"

@@ -2,7 +2,7 @@
 #include <sstream>
 #include <string>
 
-#include "fetcher/resolver_text.h"
+#include "fetcher/resolver_file.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"

@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::string_view kBegin = "http://wpad.";
 constexpr std::string_view kEnd = "/wpad.dat";
-constexpr std::size_t kMostCandidates = 256;
+constexpr std::size_t kMostCandidates = 32;
 
 /// The host that curl would ask; empty where it refuses the URL.
 std::string hostByCurl(const std::string& url) {

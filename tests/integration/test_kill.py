@@ -3,13 +3,14 @@
 import contextlib
 import os
 import random
+import signal
 import time
 
 import pytest
 from support.bus import BusError, Client, wait_until
 from support.daemon import Daemon, make_watched_files
-from support.syslog_socket import INFO
-from support.web import response
+from support.syslog_socket import ERR, INFO
+from support.web import Held, response
 
 PAC = "/tmp/proxymanager.pac"
 TEMPORARY = PAC + ".tmp"
@@ -42,13 +43,13 @@ def sent_until(body, bytes_sent, then):
     return route
 
 
-def workers_here():
-    """Pids of the script workers that see this test's folders."""
+def children_here():
+    """Pids of the script workers and fetch processes that see this test's folders."""
     here, found = os.readlink("/proc/self/ns/mnt"), []
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
             with open(f"/proc/{pid}/comm") as comm:
-                named = comm.read() == "proxymanager-pa\n"
+                named = comm.read() in ("proxymanager-pa\n", "proxymanager-fe\n")
             if named and os.readlink(f"/proc/{pid}/ns/mnt") == here:
                 found.append(int(pid))
         except OSError:
@@ -99,7 +100,7 @@ def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, sysl
     print(outcomes)
     # Else the moments were not those that this is about.
     assert outcomes["old"] > 10 and outcomes["new"] > 10 and outcomes["half"] > 10, outcomes
-    wait_until(lambda: workers_here() == [], "no worker outlives its daemon", LIMIT)
+    wait_until(lambda: children_here() == [], "no child process outlives its daemon", LIMIT)
     syslog.clear()
     daemon = Daemon(build)
     with Client() as client:
@@ -109,3 +110,63 @@ def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, sysl
         assert client.urls("http://a/") == ["pacurl", f"PROXY p{ROUNDS}:1"]
     assert not os.path.exists(TEMPORARY)
     daemon.close()
+
+
+def fetch_processes():
+    return [pid for pid in children_here() if is_fetch_process(pid)]
+
+
+def is_fetch_process(pid):
+    with contextlib.suppress(OSError):
+        with open(f"/proc/{pid}/comm") as comm:
+            return comm.read() == "proxymanager-fe\n"
+    return False
+
+
+def test_a_daemon_killed_during_a_download_leaves_no_process(build, bus, syslog, web):
+    make_watched_files()
+    daemon = Daemon(build)
+    web.routes["/x.pac"] = held = Held(numbered(1))
+    with Client() as client:
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        web.wait("/x.pac")
+        assert len(fetch_processes()) == 1
+        daemon.kill()
+    daemon.close()
+    wait_until(lambda: fetch_processes() == [], "it ends with its daemon", LIMIT)
+    held.release()
+
+
+@pytest.mark.slow
+def test_a_fetch_process_killed_at_two_hundred_moments_costs_its_download(daemon, client, syslog,
+                                                                          web):
+    seed = random.randrange(1 << 32)
+    print("seed", seed)
+    choice = random.Random(seed)
+    first = numbered(1000)
+    web.routes["/first.pac"] = response(first)
+    client.update("pacurl", pacurl=web.url("/first.pac"))
+    syslog.wait(INFO, "PacParser-parsePacFile pac init", limit=LIMIT)
+    descriptors = len(os.listdir(f"/proc/{daemon.pid}/fd"))
+
+    def kill_all():
+        for pid in fetch_processes():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+
+    for number in range(ROUNDS):
+        syslog.clear()
+        text = numbered(number)
+        web.routes["/x.pac"] = sent_until(text, choice.randrange(len(text)), kill_all)
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        syslog.wait(ERR, "PACFetcher-retrievePacFile PAC file download failed "
+                         f"url:{web.url('/x.pac')}", limit=LIMIT)
+        assert content() == first
+        assert not os.path.exists(TEMPORARY)
+        # Another configuration, so that the next one is new.
+        client.update("off")
+    assert fetch_processes() == []
+    assert len(os.listdir(f"/proc/{daemon.pid}/fd")) <= descriptors
+    client.update("pacurl", pacurl=web.url("/first.pac"))
+    syslog.wait(INFO, "PacParser-parsePacFile pac init", limit=LIMIT)
+    assert client.urls("http://a/") == ["pacurl", "PROXY p1000:1"]

@@ -1,10 +1,11 @@
 """Libraries that the daemon maps when it needs them, and not before."""
 
 import os
+import subprocess
 
 import pytest
 
-from support.bus import Client
+from support.bus import Client, wait_until
 from support.daemon import Daemon, make_watched_files
 from support.own_root import MS_BIND, mount, unmount
 from support.syslog_socket import ERR, INFO
@@ -12,14 +13,15 @@ from support.web import script
 
 URL = "http://www.example.org/"
 LOADED = "PacParser-parsePacFile pac init"
-LIBRARIES = ("libcurl.so.4", "libcrypto.so.3")
+LIBRARIES = ("libcrypto.so.3",)
+NEVER = ("libcurl.so.4", "libssl.so.3")  # of the fetch process alone
 
 
-def mapped(daemon):
-    """Those of LIBRARIES that the daemon has in its memory."""
+def mapped(daemon, libraries=LIBRARIES):
+    """Those of `libraries` that the daemon has in its memory."""
     with open(f"/proc/{daemon.pid}/maps") as maps:
         text = maps.read()
-    return [library for library in LIBRARIES if f"/{library}" in text]
+    return [library for library in libraries if f"/{library}" in text]
 
 
 def path_of(library):
@@ -55,6 +57,18 @@ def test_without_a_script_none_is_mapped_and_with_one_all_are(daemon, client, we
     assert mapped(daemon) == list(LIBRARIES)
 
 
+def test_libcurl_is_never_mapped_whatever_is_downloaded_and_asked(build, daemon, client, web, syslog):
+    needed = subprocess.run(["readelf", "-d", f"{build}/out/sbin/proxymanagerd"],
+                            capture_output=True, text=True, check=True).stdout
+    assert "NEEDED" in needed and "libcurl" not in needed
+    for number in range(10):
+        web.routes[f"/{number}.pac"] = script(f"PROXY p:{number + 1}")
+        client.update("pacurl", pacurl=web.url(f"/{number}.pac"))
+        wait_until(lambda: client.urls(f"http://h{number}.example/") ==
+                   ["pacurl", f"PROXY p:{number + 1}"], "the new script answers")
+    assert mapped(daemon, NEVER) == []
+
+
 def test_without_libcurl_the_download_fails_and_the_daemon_goes_on(build, bus, syslog, web,
                                                                    hidden_library):
     show = hidden_library("libcurl.so.4")
@@ -62,7 +76,7 @@ def test_without_libcurl_the_download_fails_and_the_daemon_goes_on(build, bus, s
     daemon = Daemon(build)
     with Client() as client:
         client.update("pacurl", pacurl=web.url("/x.pac"))
-        syslog.wait_match(ERR, r"on_demand: no libcurl\.so\.4: .+")
+        syslog.wait_match(ERR, r"fetcher: no download: the fetch process ended without a result \(exit 127\)")
         syslog.wait_match(ERR, r"PACFetcher-fileDownload failed to initialize curl handle! url:.+")
         assert client.urls(URL) == ["pacurl"]
         assert web.requests == []

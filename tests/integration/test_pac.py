@@ -1,10 +1,9 @@
 """Mode pacurl, end to end: a script from a web server answers for the clients."""
 
 import os
-import threading
 
 import pytest
-from support.bus import Client, wait_until
+from support.bus import wait_until
 from support.syslog_socket import DEBUG, ERR, INFO, NOTICE, WARNING
 from support.web import Held, reset, response, script
 
@@ -221,25 +220,43 @@ def test_questions_are_answered_from_the_old_script_while_a_new_one_comes(client
     assert client.urls("http://h1/") == ["pacurl", "PROXY new:1"]
 
 
-def test_an_update_during_a_fetch_makes_exactly_one_further_fetch(client, web, syslog):
+def test_another_configuration_ends_the_transfer_and_is_fetched_once(client, web, syslog):
     web.routes["/slow.pac"] = held = Held(script("PROXY slow:1"))
     web.routes["/next.pac"] = script("PROXY next:1")
     use(client, web, "/slow.pac")
     web.wait("/slow.pac")
-
-    def update():
-        with Client() as other:
-            other.update("pacurl", pacurl=web.url("/next.pac"))
-
-    updating = threading.Thread(target=update)
-    updating.start()
-    syslog.wait(NOTICE, "ProxyManagerServiceImpl-updateProxyConfig mode:pacurl, proxyurl: "
-                        f"pacurl:{web.url('/next.pac')}")
-    held.release()
-    updating.join(20)
-    syslog.wait(INFO, "PacParser-parsePacFile pac init", 2)
+    use(client, web, "/next.pac")
+    syslog.wait(INFO, "PacParser-parsePacFile pac init")
     assert client.urls("http://a/") == ["pacurl", "PROXY next:1"]
+    held.release()
     assert web.paths() == ["/slow.pac", "/next.pac"]
+    syslog.wait(ERR, f"PACFetcher-retrievePacFile PAC file download failed url:{web.url('/slow.pac')}")
+
+
+def test_mode_off_ends_the_transfer_and_fetches_nothing(client, web, syslog):
+    web.routes["/slow.pac"] = held = Held(script("PROXY slow:1"))
+    use(client, web, "/slow.pac")
+    web.wait("/slow.pac")
+    client.update("off")
+    syslog.wait(ERR, f"PACFetcher-retrievePacFile PAC file download failed url:{web.url('/slow.pac')}")
+    held.release()
+    assert client.urls("http://a/") == ["off", ""]
+    assert web.paths() == ["/slow.pac"]
+    assert not os.path.exists("/tmp/proxymanager.pac")
+
+
+def test_the_same_configuration_during_a_fetch_makes_exactly_one_further_fetch(client, web, syslog):
+    web.routes["/slow.pac"] = held = Held(script("PROXY slow:1"))
+    use(client, web, "/slow.pac")
+    web.wait("/slow.pac")
+    # They are answered while the transfer goes on.
+    for _ in range(5):
+        use(client, web, "/slow.pac")
+    assert web.paths() == ["/slow.pac"]
+    held.release()
+    syslog.wait(INFO, "PacParser-parsePacFile pac init", 2)
+    assert client.urls("http://a/") == ["pacurl", "PROXY slow:1"]
+    assert web.paths() == ["/slow.pac"] * 2
 
 
 @pytest.mark.parametrize("path", ["/usr/local/lumad/dhcp.conf", "/tmp/.resolv.conf.dnsmasq"])

@@ -1,8 +1,10 @@
 """/tmp is everybody's: what others plant at the daemon's names there, while it runs."""
 
+import glob
 import os
 import shutil
 import stat
+import subprocess
 
 import pytest
 from support.bus import wait_until
@@ -103,26 +105,28 @@ def test_the_next_download_takes_the_place_of_what_was_planted(fetching, path):
 
 
 def test_a_folder_in_the_way_is_said_and_the_old_script_answers(fetching):
-    """An empty folder at either name goes after the first failed walk."""
-    url = fetching.web.base + "/x.pac"
+    """Another user's folder is renamed aside at once; an empty one of root's goes after one walk."""
     fetching.fetch()
     fetching.answers_the_new()
-    old = ["pacurl", "PROXY n1:1"]
     plant_folder(TEMPORARY)
+    open(f"{TEMPORARY}/theirs", "w").close()
     fetching.fetch()
-    fetching.syslog.wait(
-        ERR, f"PACFetcher-fileDownload failed to open file {TEMPORARY}, url:{url}")
-    fetching.syslog.wait(ERR, f"PACFetcher-retrievePacFile PAC file download failed url:{url}")
-    assert fetching.client.urls("http://a/") == old
-    wait_until(lambda: not os.path.exists(TEMPORARY), "the empty folder has gone")
+    fetching.answers_the_new()
+    (aside,) = glob.glob(f"{TEMPORARY}.aside.*")
+    assert os.path.exists(f"{aside}/theirs")
 
+    old = ["pacurl", "PROXY n3:1"]
     clear(PAC)
     plant_folder(PAC)
+    fetching.fetch()
+    fetching.answers_the_new()
+    clear(PAC)
+    os.mkdir(PAC)
     fetching.fetch()
     fetching.syslog.wait(ERR, "PACFetcher-retrievePacFile file rename failed "
                               f"tmpFile:{TEMPORARY}, targetFile:{PAC}")
     assert fetching.client.urls("http://a/") == old
-    wait_until(lambda: not os.path.exists(PAC), "the empty folder has gone")
+    wait_until(lambda: not os.path.exists(PAC), "the folder has gone")
     fetching.fetch()
     fetching.answers_the_new()
 
@@ -189,3 +193,20 @@ def test_a_planted_resolver_file_neither_blocks_nor_steers(fetching, gateway):
         file.write("search evil.example\n")
     fetching.client.update("wpad")
     wait_until(lambda: fetching.client.urls("http://a/") == ["wpad", "PROXY evil:1"], "its answer")
+
+
+def test_a_loop_that_plants_files_defeats_no_download(fetching):
+    """An ordinary user puts a file at the temporary name again and again."""
+    loop = subprocess.Popen(
+        ["setpriv", f"--reuid={STRANGER}", "--clear-groups", "--", "sh", "-c",
+         f"while :; do for name in {TEMPORARY} {PAC}; do echo evil >$name; mkdir $name; "
+         "ln -s /etc/passwd $name; done; done"],
+        stderr=subprocess.DEVNULL)
+    try:
+        for _ in range(30):
+            fetching.fetch()
+            fetching.answers_the_new()
+    finally:
+        loop.kill()
+        loop.wait()
+    assert stat.S_ISREG(os.lstat(PAC).st_mode) and os.lstat(PAC).st_uid == 0

@@ -2,10 +2,13 @@
 
 #include <chrono>
 #include <filesystem>
+#include <string>
 #include <thread>
 
+#include "fetcher/download.h"
 #include "fetcher/pac_fetcher.h"
 #include "tests/support/http_server.h"
+#include "tests/support/once_of_five.h"
 #include "tests/support/own_root.h"
 
 // dripping_server
@@ -25,3 +28,30 @@ TEST(SlowDownload, EndsAfterThirtySecondsThoughBytesKeepComing) {
   EXPECT_LT(taken, std::chrono::seconds(60));
   EXPECT_FALSE(std::filesystem::exists("/tmp/p.tmp"));
 }
+
+namespace {
+
+/// Seconds that a download by the hostile program takes.
+double secondsOf(const std::string& step) {
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_FALSE(fetcher::download(step, "/tmp/p.tmp", {nullptr, HOSTILE_FETCH}).success);
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+}  // namespace
+
+// The clock is the daemon's: neither silence nor a result without an end outlasts it.
+class SlowProcess : public testing::TestWithParam<const char*> {};
+
+TEST_P(SlowProcess, IsKilledAfterThirtySecondsAndAHalfAtMost) {
+  enterOwnRoot();
+  onceOfFive([] {
+    const double seconds = secondsOf(GetParam());
+    EXPECT_GE(seconds, 30.0);
+    EXPECT_LT(seconds, 30.5);
+    EXPECT_FALSE(std::filesystem::exists("/tmp/p.tmp"));
+  });
+}
+
+INSTANTIATE_TEST_SUITE_P(Hostile, SlowProcess, testing::Values("hang", "result_and_stay"),
+                         [](const auto& test) { return std::string(test.param); });

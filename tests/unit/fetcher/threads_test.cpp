@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <future>
@@ -50,8 +51,8 @@ class FetcherThreads : public OwnRootTest {
     mFetcher.emplace(standInService(), kScript, 1800);
   }
 
-  void update(ProxyMode mode) {
-    std::string url = mServer.url("/p.pac");
+  void update(ProxyMode mode, const std::string& path = "/p.pac") {
+    std::string url = mServer.url(path);
     ProxyConfig config;
     config.mode = mode;
     config.pacurl = url.data();
@@ -63,6 +64,22 @@ class FetcherThreads : public OwnRootTest {
       release.wait();
       peer.send(httpResponse("200 OK", script()));
     });
+  }
+  /// A walk over the lease's URL, /p.pac, and two names that nobody has.
+  void walkOverThree() {
+    writeFile("/usr/local/lumad/dhcp.conf", "wpad=" + mServer.url("/p.pac") + "\n");
+    writeFile("/tmp/.resolv.conf.dnsmasq", "search a.dead.invalid\n");
+    mFetcher->start();
+    update(wpad);
+  }
+  void expectTheOtherTwoFail() {
+    for (const char* name : {"a.dead.invalid", "dead.invalid"}) {
+      const std::string url = "http://wpad." + std::string(name) + "/wpad.dat";
+      EXPECT_TRUE(
+          waitForLog(LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:" + url));
+      EXPECT_TRUE(logged(LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:" + url));
+    }
+    EXPECT_EQ(countLog(LOG_INFO, "PACFetcher-fileDownload called"), 1);
   }
   void waitUntilWatching() {
     // Said before the second watch is set; the first is there.
@@ -131,21 +148,104 @@ TEST_F(FetcherThreads, DoNotFetchInModeManualAndDoSoAtOnceBackInWpad) {
   EXPECT_EQ(mServer.hits("/p.pac"), 2);
 }
 
-TEST_F(FetcherThreads, FetchExactlyOnceMoreForARequestDuringAFetch) {
+TEST_F(FetcherThreads, FetchExactlyOnceMoreForAllRequestsDuringAFetchAndNoneWaits) {
   std::promise<void> release;
   holdScript(release.get_future().share());
   mFetcher->start();
   update(pacurl);
   ASSERT_TRUE(mServer.waitForHits("/p.pac", 1));
-  std::thread asking([this] { update(pacurl); });
-  ASSERT_TRUE(waitForLog(LOG_INFO, "PACFetcher-updateProxyMgrConfig called", 2));
-  // It waits until the fetch is over.
-  EXPECT_EQ(countLog(LOG_NOTICE, "PACFetcher-updateProxyMgrConfig mode:2"), 1);
+  // With the same configuration: the transfer goes on, and these are answered while it does.
+  for (int i = 0; i < 3; ++i) update(pacurl);
+  EXPECT_EQ(timesUpdated(), 0);
   release.set_value();
-  asking.join();
   ASSERT_TRUE(waitForUpdates(2));
   mFetcher->stop();
   EXPECT_EQ(mServer.hits("/p.pac"), 2);
+  EXPECT_EQ(timesUpdated(), 2);
+}
+
+TEST_F(FetcherThreads, LoadTheScriptThoughTheSameConfigurationComesAllTheTime) {
+  mServer.route("/p.pac", [](Connection& peer) {
+    std::this_thread::sleep_for(500ms);
+    peer.send(httpResponse("200 OK", script()));
+  });
+  mFetcher->start();
+  std::atomic<bool> done{false};
+  std::thread asking([&] {
+    while (!done) {
+      update(pacurl);
+      std::this_thread::sleep_for(200ms);
+    }
+  });
+  EXPECT_TRUE(waitForUpdates(2));
+  done = true;
+  asking.join();
+  EXPECT_EQ(countLog(LOG_DEBUG, "PACFetcher-fileDownload result success:false, code:0"), 0);
+}
+
+TEST_F(FetcherThreads, EndTheTransferWhenAnotherConfigurationComesAndFetchThatOnce) {
+  std::promise<void> release;
+  holdScript(release.get_future().share());
+  mServer.route("/other.pac", httpResponse("200 OK", script("PROXY other:1")));
+  mFetcher->start();
+  update(pacurl);
+  ASSERT_TRUE(mServer.waitForHits("/p.pac", 1));
+  update(pacurl, "/other.pac");
+  ASSERT_TRUE(waitForUpdates(1));
+  EXPECT_EQ(readFile(kScript), script("PROXY other:1"));
+  release.set_value();
+  mFetcher->stop();
+  EXPECT_EQ(mServer.hits("/other.pac"), 1);
+  EXPECT_EQ(timesUpdated(), 1);
+  EXPECT_TRUE(logged(LOG_DEBUG, "PACFetcher-fileDownload result success:false, code:0"));
+  EXPECT_TRUE(logged(
+      LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:" + mServer.url("/p.pac")));
+}
+
+TEST_F(FetcherThreads, EndTheTransferInModeOffAndFetchNothing) {
+  std::promise<void> release;
+  holdScript(release.get_future().share());
+  writeFile(kScript, "old");
+  mFetcher->start();
+  update(pacurl);
+  ASSERT_TRUE(mServer.waitForHits("/p.pac", 1));
+  update(off);
+  EXPECT_TRUE(waitForLog(
+      LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:" + mServer.url("/p.pac")));
+  release.set_value();
+  mFetcher->stop();
+  EXPECT_EQ(readFile(kScript), "old");
+  EXPECT_FALSE(fs::exists(kScript + ".tmp"));
+  EXPECT_EQ(countLog(LOG_INFO, "PACFetcher-fileDownload called"), 1);
+  EXPECT_FALSE(logged(LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:0"));
+}
+
+TEST_F(FetcherThreads, FailTheOtherCandidatesOfAnOldConfigurationWithTwoLinesEach) {
+  std::promise<void> release;
+  holdScript(release.get_future().share());
+  walkOverThree();
+  ASSERT_TRUE(mServer.waitForHits("/p.pac", 1));
+  update(off);
+  expectTheOtherTwoFail();
+  release.set_value();
+}
+
+TEST_F(FetcherThreads, FailTheOtherCandidatesWhenTheStopComes) {
+  std::promise<void> release;
+  auto released = release.get_future().share();
+  mServer.route("/p.pac", [released](Connection& peer) {
+    released.wait();
+    peer.resetOnClose();
+  });
+  walkOverThree();
+  ASSERT_TRUE(mServer.waitForHits("/p.pac", 1));
+  auto stopping = std::async(std::launch::async, [this] { return mFetcher->stop(); });
+  EXPECT_TRUE(waitForLog(LOG_INFO, "PACFetcher-stop called"));
+  // The transfer in progress is not interrupted.
+  EXPECT_EQ(stopping.wait_for(200ms), std::future_status::timeout);
+  release.set_value();
+  EXPECT_TRUE(stopping.get());
+  expectTheOtherTwoFail();
 }
 
 TEST_F(FetcherThreads, WakeAtTheIntervalAndFetchNothing) {

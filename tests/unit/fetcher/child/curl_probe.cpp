@@ -1,4 +1,4 @@
-#include "tests/unit/fetcher/curl_probe.h"
+#include "tests/unit/fetcher/child/curl_probe.h"
 
 #include <dlfcn.h>
 
@@ -12,7 +12,6 @@ std::vector<CurlOption>& options() {
   static auto& instance = *new std::vector<CurlOption>;
   return instance;
 }
-std::atomic<bool> refuse{false};
 std::atomic<int> transfers{0};
 
 template <typename Function>
@@ -28,19 +27,11 @@ std::vector<CurlOption> curlOptions() {
 int curlTransfers() {
   return transfers;
 }
-void refuseCurlHandles() {
-  refuse = true;
-}
 
 // Without curl's own header, which makes macros of these names.
 extern "C" {
-void* curl_easy_init();
 int curl_easy_setopt(void* handle, int option, ...);
 int curl_easy_perform(void* handle);
-
-void* curl_easy_init() {
-  return refuse ? nullptr : real<void*()>("curl_easy_init")();
-}
 
 int curl_easy_setopt(void* handle, int option, ...) {
   va_list arguments;

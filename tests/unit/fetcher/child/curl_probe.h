@@ -1,5 +1,5 @@
-// Sits between the fetcher and libcurl: sees each option that is set, and can refuse a handle.
-// Everything goes on to the real library.
+// Sits between the transfer and libcurl: sees each option that is set. Everything goes on to the
+// real library.
 #pragma once
 
 #include <vector>
@@ -14,6 +14,3 @@ std::vector<CurlOption> curlOptions();
 
 /// How many transfers were begun.
 int curlTransfers();
-
-/// From now on no handle is to be had.
-void refuseCurlHandles();

@@ -187,6 +187,69 @@ TEST_F(ConfigWatch, IgnoresAChangeBeforeTheFirstConfiguration) {
   EXPECT_FALSE(logged(LOG_NOTICE, kWatch + "proxy mode is wpad or pac-url refetch"));
 }
 
+// A flood of changes costs one fetch at once, and one for each two seconds that it lasts.
+TEST_F(ConfigWatch, TakesTheChangesOfTwoSecondsTogetherAfterTheFirst) {
+  makeFiles();
+  startWatching();
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 500; ++i) {
+    ASSERT_EQ(chmod(kLease.c_str(), i % 2 == 0 ? 0600 : 0640), 0);
+    ASSERT_EQ(chmod(kResolver.c_str(), i % 2 == 0 ? 0600 : 0640), 0);
+    std::this_thread::sleep_for(1ms);
+  }
+  const auto flood = std::chrono::steady_clock::now() - begin;
+  ASSERT_TRUE(waitForUpdates(3));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 2s);
+  mFetcher->stop();
+  const auto most = 1 + 1 + (flood + 1s) / 2s + 1;
+  EXPECT_LE(mServer.hits("/p.pac"), most);
+}
+
+TEST_F(ConfigWatch, IsPromptlyStoppedWhileItWaitsForMoreChanges) {
+  makeFiles();
+  startWatching();
+  ASSERT_EQ(chmod(kLease.c_str(), 0600), 0);
+  ASSERT_TRUE(waitForUpdates(2));
+  expectPromptStop();
+}
+
+class UnwatchedFile : public ConfigWatch, public testing::WithParamInterface<int> {};
+
+// Only what the daemon would also read.
+TEST_P(UnwatchedFile, CausesNoFetch) {
+  writeFile(kLease, "");
+  writeFile("/tmp/theirs", "");
+  switch (GetParam()) {
+    case 0:
+      fs::create_symlink("/tmp", kResolver);
+      break;
+    case 1:
+      fs::create_symlink("/tmp/theirs", kResolver);
+      break;
+    case 2:
+      fs::create_hard_link("/tmp/theirs", kResolver);
+      break;
+    case 3:
+      fs::create_directory(kResolver);
+      break;
+    case 4:
+      ASSERT_EQ(mkfifo(kResolver.c_str(), 0666), 0);
+      break;
+    default:
+      writeFile(kResolver, "");
+      ASSERT_EQ(chown(kResolver.c_str(), 4711, 4711), 0);
+  }
+  mFetcher->start();
+  ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "error setting up watch on path:" + kResolver));
+  EXPECT_FALSE(logged(LOG_ERR, kWatch + "error setting up watch on path:" + kLease));
+}
+
+const char* const kUnwatched[] = {"LinkToAFolder", "LinkToAFile", "SecondName",
+                                  "Folder",        "Fifo",        "AnotherUsers"};
+
+INSTANTIATE_TEST_SUITE_P(OfAnyKind, UnwatchedFile, testing::Range(0, 6),
+                         [](const auto& test) { return std::string(kUnwatched[test.index]); });
+
 TEST_F(ConfigWatch, LetsGoOfASleepingThreadAtOnce) {
   makeFiles();
   mFetcher->start();

@@ -1,25 +1,17 @@
-#include "fetcher/bounded_file.h"
+#include "fetcher/child/bounded_stream.h"
 
-#include <fcntl.h>
 #include <sys/types.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <memory>
 
-namespace fetcher {
+namespace fetch_child {
 namespace {
 
 struct Target {
-  int fd = -1;
+  int fd;
   std::size_t room;
-
-  explicit Target(std::size_t limit) : room(limit) {}
-  ~Target() {
-    if (fd >= 0) close(fd);
-  }
-  Target(const Target&) = delete;
-  Target& operator=(const Target&) = delete;
 };
 
 // The stream's rule for a failed write is 0, never a negative number.
@@ -43,18 +35,14 @@ ssize_t writeTarget(void* cookie, const char* bytes, std::size_t length) {
 }
 
 int closeTarget(void* cookie) {
-  delete static_cast<Target*>(cookie);  // made in createBoundedFile, held by the stream
+  delete static_cast<Target*>(cookie);  // made in openBoundedStream, held by the stream
   return 0;
 }
 
 }  // namespace
 
-std::FILE* createBoundedFile(const char* path, std::size_t limit) {
-  auto target = std::make_unique<Target>(limit);
-  // unlink, as remove() would take an empty folder too. Whether it fails shows in the next step.
-  unlink(path);
-  target->fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (target->fd < 0) return nullptr;
+std::FILE* openBoundedStream(int fd, std::size_t limit) {
+  auto target = std::make_unique<Target>(Target{fd, limit});
   std::FILE* stream = fopencookie(target.get(), "wb", {nullptr, writeTarget, nullptr, closeTarget});
   if (stream == nullptr) return nullptr;
   static_cast<void>(target.release());  // the stream's from here on; closeTarget deletes it
@@ -62,4 +50,4 @@ std::FILE* createBoundedFile(const char* path, std::size_t limit) {
   return stream;
 }
 
-}  // namespace fetcher
+}  // namespace fetch_child

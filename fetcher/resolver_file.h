@@ -1,4 +1,4 @@
-// The text of the resolver file, apart from where it is read from.
+// The network's domain or search list, as the device's DNS forwarder writes it.
 #pragma once
 
 #include <string>
@@ -6,10 +6,13 @@
 
 namespace fetcher {
 
+/// What PACFetcher::getDomainName does. Any thread. Throws std::bad_alloc.
+std::string domainOfResolverFile();
+
 /// The domain or search list of a resolver file: what follows the first blank in the last line that
 /// holds "search " or "domain " anywhere.
 /// @param text the whole file, any bytes
-/// @return a domain, or several with blanks between; empty where no line has either keyword
+/// @return a domain, or several with blanks between; empty if no line has either keyword
 std::string domainOfResolverText(std::string_view text);
 
 }  // namespace fetcher

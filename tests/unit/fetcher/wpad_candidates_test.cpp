@@ -110,12 +110,12 @@ TEST(WpadCandidates, AreNoneForANameThatIsNotTheWholeHostOfItsUrl) {
               ElementsAre(wpad_("eng.example.com"), wpad_("example.com")));
 }
 
-TEST(WpadCandidates, Are256AtMost) {
+TEST(WpadCandidates, AreThirtyTwoAtMost) {
   std::string list;
   for (int i = 0; i < 128; ++i) list += "eng.example.com ";
-  EXPECT_EQ(candidates(list).size(), 256u);
-  EXPECT_EQ(candidates(list + "lan").size(), 256u);
-  EXPECT_EQ(candidates("lan " + list).size(), 256u);
+  EXPECT_EQ(candidates(list).size(), 32u);
+  EXPECT_EQ(candidates(list + "lan").size(), 32u);
+  EXPECT_EQ(candidates("lan " + list).size(), 32u);
 }
 
 TEST(WpadCandidates, SayTheirLinesInOrder) {

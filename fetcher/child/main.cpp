@@ -1,0 +1,97 @@
+// proxymanager-fetch: downloads one URL for the daemon that started it.
+//
+// It has one descriptor beyond the standard three, its end of a socket pair. libcurl is made ready
+// first, which reads nothing of a stranger; then the walls are raised; only then is the request
+// read. The daemon opens the file for the body when it knows that there is a libcurl handle, and
+// sends its descriptor. After the one result the process ends. The daemon is the clock: it kills
+// a process that takes too long.
+#include <curl/curl.h>
+#include <malloc.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "fetcher/child/transfer.h"
+#include "fetcher/child/walls.h"
+#include "fetcher/wire/packets.h"
+
+namespace {
+
+// The daemon asks for no more; the kernel holds the process to it.
+constexpr rlim_t kMostFileBytes = 512000;
+
+enum ExitStatus { kDone = 0, kRefused = 1 };
+
+bool sendPacket(const std::string& packet) {
+  return send(fetcher::kFetchSocket, packet.data(), packet.size(), MSG_NOSIGNAL) ==
+         static_cast<ssize_t>(packet.size());
+}
+
+std::optional<fetcher::FetchRequest> receiveRequest() {
+  const auto buffer = std::make_unique_for_overwrite<char[]>(fetcher::kPacketBufferBytes);
+  ssize_t length = 0;
+  do {
+    length = recv(fetcher::kFetchSocket, buffer.get(), fetcher::kPacketBufferBytes, 0);
+  } while (length < 0 && errno == EINTR);
+  if (length <= 0) return std::nullopt;
+  return fetcher::decodeRequest({buffer.get(), static_cast<std::size_t>(length)});
+}
+
+/// @return the descriptor that comes with the next packet; none without one, or at the end
+base::UniqueFd receiveFile() {
+  char byte = 0;
+  iovec part{&byte, 1};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> control{};
+  msghdr message{};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control.data();
+  message.msg_controllen = control.size();
+  ssize_t length = 0;
+  do {
+    length = recvmsg(fetcher::kFetchSocket, &message, MSG_CMSG_CLOEXEC);
+  } while (length < 0 && errno == EINTR);
+  const cmsghdr* const header = length > 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+  if (header == nullptr || header->cmsg_type != SCM_RIGHTS) return {};
+  int fd = -1;
+  std::memcpy(&fd, CMSG_DATA(header), sizeof fd);
+  return base::UniqueFd(fd);
+}
+
+}  // namespace
+
+int main() {
+  // URLs are UTF-8: so that libcurl takes international names in them for what they are.
+  std::setlocale(LC_CTYPE, "C.UTF-8");
+  // A second heap would take its share of the address space.
+  mallopt(M_ARENA_MAX, 1);
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  fetcher::FetchReady ready;
+  curl_global_init(CURL_GLOBAL_ALL);
+  CURL* const handle = curl_easy_init();
+  if (handle == nullptr) ready.state = fetcher::FetchReady::State::noHandle;
+  if (const auto failure = fetch_child::raiseWalls(kMostFileBytes, ready.limitsFiles)) {
+    ready.state = fetcher::FetchReady::State::noWalls;
+    ready.problem = *failure;
+  }
+  if (!sendPacket(encode(ready)) || ready.state != fetcher::FetchReady::State::ready) {
+    return kRefused;
+  }
+  const auto request = receiveRequest();
+  if (!request) return kRefused;
+  const base::UniqueFd file = receiveFile();
+  if (!file) return kRefused;
+  sendPacket(encode(fetch_child::transfer(handle, *request, file.get())));
+  // Nothing is cleaned up: that would wait for a thread that still asks a silent name server.
+  _exit(kDone);
+}

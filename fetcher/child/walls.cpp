@@ -1,0 +1,206 @@
+#include "fetcher/child/walls.h"
+
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "sandbox/file_access.h"
+
+#if PROXYMANAGER_SECCOMP
+#include "sandbox/system_calls.h"
+#endif
+
+namespace fetch_child {
+
+namespace {
+
+using sandbox::Failure;
+
+// What a download maps and takes at its most: libcurl with its libraries, 40 MiB; stacks of the
+// threads that look names up; a certificate chain of 10 MiB, read and taken apart. A server that
+// sends headers without end reaches the limit, and the transfer fails.
+constexpr rlim_t kAddressSpaceBytes = rlim_t{160} << 20U;
+// Of the processor; a whole download takes 0.05 s of it, on a slow device a second.
+constexpr rlim_t kCpuSeconds = 10;
+constexpr rlim_t kDescriptors = 64;
+
+// What a network client reads: certificates, the configuration of names, shared libraries.
+constexpr const char* kReadable[] = {
+    "/etc/ssl",
+    "/etc/pki",
+    "/etc/ca-certificates",
+    "/usr/lib/ssl",
+    "/usr/share/ca-certificates",
+    "/usr/local/share/ca-certificates",
+    "/etc/resolv.conf",
+    "/etc/nsswitch.conf",
+    "/etc/hosts",
+    "/etc/host.conf",
+    "/etc/hostname",
+    "/etc/gai.conf",
+    "/etc/services",
+    "/etc/protocols",
+    "/etc/mdns.allow",
+    "/etc/ld.so.cache",
+    "/lib",
+    "/lib64",
+    "/usr/lib",
+    "/usr/lib64",
+    "/usr/local/lib",
+};
+
+#if PROXYMANAGER_SECCOMP
+
+using sandbox::Arguments;
+using sandbox::equals;
+using sandbox::kInt;
+using sandbox::masked;
+using sandbox::SystemCalls;
+
+void allowMemory(SystemCalls& list) {
+  // A shared library of the name service is mapped to be run, from a file and never writable.
+  constexpr std::uint64_t kWriteAndRun = PROT_WRITE | PROT_EXEC;
+  for (const int call : {SCMP_SYS(mmap), SCMP_SYS(mmap2)}) {
+    list.allow(call, {masked(2, PROT_EXEC, 0)})
+        .allow(call, {masked(2, kWriteAndRun, PROT_EXEC), masked(3, MAP_ANONYMOUS, 0)});
+  }
+  list.allow(SCMP_SYS(brk))
+      .allow(SCMP_SYS(mprotect), {masked(2, PROT_EXEC, 0)})
+      .allow(SCMP_SYS(mremap))
+      .allow(SCMP_SYS(munmap))
+      .allow(SCMP_SYS(madvise));
+}
+
+void allowThreads(SystemCalls& list) {
+  // libcurl looks names up on a thread. The flags are those of pthread_create, no more and no less:
+  // no process, no namespace. What clone3 would be asked for cannot be seen by a filter; without it
+  // the C library takes clone.
+  constexpr std::uint64_t kThread = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SYSVSEM |
+                                    CLONE_SIGHAND | CLONE_THREAD | CLONE_SETTLS |
+                                    CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
+  list.allow(SCMP_SYS(clone), {masked(0, kInt, kThread)}).refuse(SCMP_SYS(clone3), ENOSYS);
+  for (const int call : {SCMP_SYS(futex), SCMP_SYS(futex_time64), SCMP_SYS(set_robust_list),
+                         SCMP_SYS(rseq), SCMP_SYS(gettid), SCMP_SYS(getpid), SCMP_SYS(exit),
+                         SCMP_SYS(exit_group), SCMP_SYS(restart_syscall), SCMP_SYS(rt_sigaction),
+                         SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigreturn), SCMP_SYS(sigreturn),
+                         SCMP_SYS(sched_yield), SCMP_SYS(sched_getaffinity)}) {
+    list.allow(call);
+  }
+}
+
+void allowSockets(SystemCalls& list) {
+  for (const int family : {AF_INET, AF_INET6}) {
+    list.allow(SCMP_SYS(socket), {masked(0, kInt, static_cast<std::uint64_t>(family))});
+  }
+  // Which addresses this machine has, for the order of a name's addresses.
+  list.allow(SCMP_SYS(socket), {masked(0, kInt, AF_NETLINK), masked(2, kInt, NETLINK_ROUTE)});
+  // The message bus believes the user of a socket's other end, and this process may have the
+  // daemon's. So modules of the name service that ask a local service go on with the next one.
+  list.refuse(SCMP_SYS(socket), EAFNOSUPPORT, {masked(0, kInt, AF_UNIX)});
+  // libcurl wakes itself through a pair; a pair of streams can never be connected elsewhere.
+  constexpr std::uint64_t kKind = kInt & ~std::uint64_t{SOCK_CLOEXEC | SOCK_NONBLOCK};
+  list.allow(SCMP_SYS(socketpair), {masked(0, kInt, AF_UNIX), masked(1, kKind, SOCK_STREAM)});
+  for (const std::uint64_t level :
+       {std::uint64_t{SOL_SOCKET}, std::uint64_t{IPPROTO_TCP}, std::uint64_t{IPPROTO_IP},
+        std::uint64_t{IPPROTO_IPV6}, std::uint64_t{SOL_NETLINK}}) {
+    list.allow(SCMP_SYS(setsockopt), {masked(1, kInt, level)});
+  }
+  for (const int call : {SCMP_SYS(connect),     SCMP_SYS(bind),
+                         SCMP_SYS(getsockname), SCMP_SYS(getpeername),
+                         SCMP_SYS(getsockopt),  SCMP_SYS(shutdown),
+                         SCMP_SYS(send),        SCMP_SYS(sendto),
+                         SCMP_SYS(sendmsg),     SCMP_SYS(sendmmsg),
+                         SCMP_SYS(recv),        SCMP_SYS(recvfrom),
+                         SCMP_SYS(recvmsg),     SCMP_SYS(poll),
+                         SCMP_SYS(ppoll),       SCMP_SYS(ppoll_time64),
+                         SCMP_SYS(select),      SCMP_SYS(_newselect),
+                         SCMP_SYS(pselect6),    SCMP_SYS(pselect6_time64),
+                         SCMP_SYS(eventfd2),    SCMP_SYS(pipe2)}) {
+    list.allow(call);
+  }
+  list.allow(SCMP_SYS(ioctl), {masked(1, kInt, FIONBIO)})
+      .allow(SCMP_SYS(ioctl), {masked(1, kInt, FIONREAD)});
+}
+
+void allowFiles(SystemCalls& list) {
+  // For reading alone: the body's file is open before.
+  constexpr std::uint64_t kWrites = O_ACCMODE | O_CREAT | O_TRUNC;
+  list.allow(SCMP_SYS(openat), {masked(2, kWrites, O_RDONLY)})
+      .allow(SCMP_SYS(open), {masked(1, kWrites, O_RDONLY)});
+  for (const int call :
+       {SCMP_SYS(read),     SCMP_SYS(readv),      SCMP_SYS(pread64),    SCMP_SYS(write),
+        SCMP_SYS(writev),   SCMP_SYS(close),      SCMP_SYS(lseek),      SCMP_SYS(_llseek),
+        SCMP_SYS(fstat),    SCMP_SYS(fstat64),    SCMP_SYS(stat),       SCMP_SYS(stat64),
+        SCMP_SYS(lstat),    SCMP_SYS(lstat64),    SCMP_SYS(newfstatat), SCMP_SYS(fstatat64),
+        SCMP_SYS(statx),    SCMP_SYS(access),     SCMP_SYS(faccessat),  SCMP_SYS(faccessat2),
+        SCMP_SYS(readlink), SCMP_SYS(readlinkat), SCMP_SYS(getdents64)}) {
+    list.allow(call);
+  }
+  for (const int command : {F_GETFD, F_SETFD, F_GETFL, F_SETFL}) {
+    const Arguments thisOne{masked(1, kInt, static_cast<std::uint64_t>(command))};
+    list.allow(SCMP_SYS(fcntl), thisOne).allow(SCMP_SYS(fcntl64), thisOne);
+  }
+}
+
+void allowTheRest(SystemCalls& list) {
+  for (const int call :
+       {SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64), SCMP_SYS(clock_getres),
+        SCMP_SYS(clock_nanosleep), SCMP_SYS(clock_nanosleep_time64), SCMP_SYS(nanosleep),
+        SCMP_SYS(gettimeofday), SCMP_SYS(time), SCMP_SYS(getrandom), SCMP_SYS(uname),
+        SCMP_SYS(sysinfo), SCMP_SYS(getuid), SCMP_SYS(geteuid), SCMP_SYS(getgid), SCMP_SYS(getegid),
+        SCMP_SYS(getuid32), SCMP_SYS(geteuid32), SCMP_SYS(getgid32), SCMP_SYS(getegid32)}) {
+    list.allow(call);
+  }
+}
+
+Failure allowOnlyWhatADownloadNeeds() {
+  SystemCalls list;
+  allowMemory(list);
+  allowThreads(list);
+  allowSockets(list);
+  allowFiles(list);
+  allowTheRest(list);
+  return list.load();
+}
+
+#else
+
+Failure allowOnlyWhatADownloadNeeds() {
+  return {};
+}
+
+#endif
+
+}  // namespace
+
+Failure raiseWalls(rlim_t fileBytes, bool& limitsFiles) {
+  const sandbox::Limit limits[] = {
+    {RLIMIT_CORE, 0, "RLIMIT_CORE"},
+    {RLIMIT_FSIZE, fileBytes, "RLIMIT_FSIZE"},
+    {RLIMIT_CPU, kCpuSeconds, "RLIMIT_CPU"},
+    {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
+#if !PROXYMANAGER_SANITIZED  // which map far more, and look at memory through pipes
+    {RLIMIT_AS, kAddressSpaceBytes, "RLIMIT_AS"},
+    {RLIMIT_NOFILE, kDescriptors, "RLIMIT_NOFILE"},
+#endif
+  };
+  sandbox::volunteerForOutOfMemory();
+  if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::keep)) return failure;
+  // A transfer does not look at its socket. It ends with the thread that waits for it; after the
+  // change of user, which takes this back.
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0) != 0) return sandbox::failed("death signal");
+  if (auto failure = sandbox::limitResources(limits)) return failure;
+  if (auto failure = sandbox::readOnly(kReadable, limitsFiles)) return failure;
+  return allowOnlyWhatADownloadNeeds();
+}
+
+}  // namespace fetch_child

@@ -1,0 +1,45 @@
+// One URL into one file, by a process of its own: proxymanager-fetch.
+//
+// HTTP, TLS, redirects and certificates of a stranger's server are parsed in that process alone,
+// behind walls; what it reports is checked here, and a server that breaks it costs its own
+// download. This side is the clock: a transfer ends 30 s after it began, whatever resolver, server
+// or child do.
+#pragma once
+
+#include <string>
+
+#include "base/mutex.h"
+
+namespace fetcher {
+
+/// Lets one thread end the transfer that another one makes. All functions: any thread.
+class TransferSwitch {
+ public:
+  /// Ends the transfer in progress, and each that begins before the next allow().
+  void interrupt() PM_EXCLUDES(mMutex);
+  /// Lets transfers run again.
+  void allow() PM_EXCLUDES(mMutex);
+
+ private:
+  friend class SwitchedTransfer;
+
+  Mutex mMutex;
+  bool mIsInterrupted PM_GUARDED_BY(mMutex) = false;
+  int mSocket PM_GUARDED_BY(mMutex) = -1;  ///< of the transfer in progress
+};
+
+struct DownloadOptions {
+  TransferSwitch* transferSwitch = nullptr;  ///< may be null; outlives the call
+  std::string program;                       ///< of the fetch process; empty: fetchProgram()
+};
+
+struct Download {
+  bool success = false;
+  std::string error;  ///< why not, in printable ASCII; empty after a success
+};
+
+/// Does what PACFetcher::fileDownload does, and logs its lines. One thread at a time.
+Download download(const std::string& url, const std::string& targetFile,
+                  const DownloadOptions& options = {});
+
+}  // namespace fetcher

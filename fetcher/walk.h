@@ -1,0 +1,18 @@
+// A walk: the candidate URLs of one configuration, tried one after the other until a script is
+// installed. Here is what is tried; PACFetcher::retrievePacFile goes through it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "service/records/proxy_config.h"
+
+namespace fetcher {
+
+/// The candidates of `config`, which is in mode pacurl or wpad, in order: the user's URL; or the
+/// lease's and those of the search list. Logs the lines of retrievePacFile. Throws std::bad_alloc.
+/// @return nothing in mode pacurl without a URL and in mode wpad without DHCP information
+std::optional<std::vector<std::string>> candidatesOf(const ProxyConfig& config);
+
+}  // namespace fetcher

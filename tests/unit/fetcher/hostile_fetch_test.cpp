@@ -1,0 +1,198 @@
+// A fetch process that has been taken over: what its packets can do to the daemon, and what its
+// walls leave it. Each is a failed download, and nothing else.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fetcher/download.h"
+#include "fetcher/fetch_process.h"
+#include "tests/support/log_capture.h"
+#include "tests/unit/fetcher/files.h"
+#include "tests/unit/fetcher/own_root_test.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kTarget = "/tmp/proxymanager.pac.tmp";
+
+class HostileFetch : public OwnRootTest {
+ protected:
+  static fetcher::Download take(const std::string& step) {
+    return fetcher::download(step, kTarget, {nullptr, HOSTILE_FETCH});
+  }
+  static int lowestFreeDescriptor() {
+    const int lowest = dup(0);
+    close(lowest);
+    return lowest;
+  }
+  /// A failed download that leaves neither file nor descriptor nor process.
+  static void expectFailedDownload(const std::string& step, const std::string& error) {
+    const int before = lowestFreeDescriptor();
+    const auto result = take(step);
+    EXPECT_FALSE(result.success);
+    EXPECT_EQ(result.error, error);
+    EXPECT_EQ(lowestFreeDescriptor(), before);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+    EXPECT_EQ(errno, ECHILD);
+    EXPECT_TRUE(logged(LOG_DEBUG, "PACFetcher-fileDownload result success:false, code:0"));
+    EXPECT_TRUE(logged(LOG_ERR, "PACFetcher-fileDownload failed to remove file " + kTarget +
+                                    " after unsuccessful download: 0"));
+    for (const auto& entry : fs::directory_iterator("/tmp")) {
+      EXPECT_NE(entry.path().string().rfind("/tmp/proxymanager", 0), 0u) << entry.path();
+    }
+  }
+};
+
+const std::string kNoResult = "the fetch process ended without a result";
+const std::string kBroken = "the fetch process sent something else than a result";
+
+struct Step {
+  const char* name;
+  const std::string* error;
+};
+
+class BrokenRules : public HostileFetch, public testing::WithParamInterface<Step> {};
+
+TEST_P(BrokenRules, FailTheDownload) {
+  expectFailedDownload(GetParam().name, *GetParam().error);
+  EXPECT_THAT(logLines(),
+              testing::Contains(testing::Field(
+                  &LogLine::text, testing::StartsWith("fetcher: " + *GetParam().error + " ("))));
+}
+
+INSTANTIATE_TEST_SUITE_P(OfAnyKind, BrokenRules,
+                         testing::Values(Step{"garbage", &kBroken}, Step{"nothing", &kNoResult},
+                                         Step{"ready_again", &kBroken}, Step{"ten", &kBroken},
+                                         Step{"too_long", &kBroken}, Step{"flood", &kBroken},
+                                         Step{"close_all", &kNoResult}, Step{"crash", &kNoResult}),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST_F(HostileFetch, FailsWithoutALibcurlHandleAndLeavesTheFileUntouched) {
+  writeFile(kTarget, "untouched");
+  EXPECT_FALSE(
+      fetcher::download("http://127.0.0.1:1/", kTarget, {nullptr, HANDLELESS_FETCH}).success);
+  EXPECT_EQ(readFile(kTarget), "untouched");
+  EXPECT_THAT(logLines(), testing::ElementsAre(
+                              LogLine{LOG_INFO, "PACFetcher-fileDownload called"},
+                              LogLine{LOG_ERR, "fetcher: no download: libcurl gave no handle"},
+                              LogLine{LOG_ERR,
+                                      "PACFetcher-fileDownload failed to initialize curl handle! "
+                                      "url:http://127.0.0.1:1/, target_file:" +
+                                          kTarget}));
+}
+
+TEST_F(HostileFetch, IsADownloadWithoutAHandleIfTheProgramIsMissing) {
+  EXPECT_FALSE(fetcher::download("http://a/", kTarget, {nullptr, "/nowhere/fetch"}).success);
+  EXPECT_TRUE(logged(LOG_ERR, "fetcher: no download: /nowhere/fetch: No such file or directory"));
+  EXPECT_TRUE(logged(LOG_ERR,
+                     "PACFetcher-fileDownload failed to initialize curl handle! url:http://a/, "
+                     "target_file:" +
+                         kTarget));
+  EXPECT_FALSE(fs::exists(kTarget));
+}
+
+#if WALLS
+
+class KillingWall : public HostileFetch, public testing::WithParamInterface<const char*> {};
+
+TEST_P(KillingWall, EndsTheProcess) {
+  expectFailedDownload(GetParam(), kNoResult);
+  EXPECT_TRUE(
+      logged(LOG_WARNING, "fetcher: " + kNoResult + " (signal " + std::to_string(SIGSYS) + ")"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Fetch, KillingWall,
+                         testing::Values("longer_file", "fork", "vfork", "exec", "kill_parent",
+                                         "ptrace", "read_parent", "raw_socket", "other_netlink",
+                                         "datagram_pair", "listen", "executable_memory",
+                                         "memory_file", "setuid", "unshare", "write_open", "chmod",
+                                         "unlink"),
+                         [](const auto& test) { return std::string(test.param); });
+
+class RefusingWall : public HostileFetch, public testing::WithParamInterface<const char*> {};
+
+// The process exits with 40 if what it tried was refused.
+TEST_P(RefusingWall, StandsInTheWay) {
+  expectFailedDownload(GetParam(), kNoResult);
+  EXPECT_TRUE(logged(LOG_WARNING, "fetcher: " + kNoResult + " (exit 40)"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Fetch, RefusingWall,
+                         testing::Values("bus", "read_passwd", "read_parents_memory", "memory",
+                                         "descriptors", "thread"),
+                         [](const auto& test) { return std::string(test.param); });
+
+TEST_F(HostileFetch, CannotMakeTheFileLongerThanAScript) {
+  const auto result = take("fill_file");
+  EXPECT_TRUE(result.success);  // a lie that harms nobody: the file holds no script
+  EXPECT_EQ(fs::file_size(kTarget), 512000u);
+}
+
+/// A fetch process whose walls stand and which waits.
+class LiveFetch : public HostileFetch {
+ protected:
+  void SetUp() override {
+    std::string problem;
+    mProcess = fetcher::FetchProcess::start(HOSTILE_FETCH, problem);
+    ASSERT_NE(mProcess, nullptr) << problem;
+    const auto ready =
+        mProcess->receiveReady(std::chrono::steady_clock::now() + std::chrono::seconds(60));
+    ASSERT_TRUE(ready);
+    EXPECT_EQ(ready->problem, "");
+    mFolder = "/proc/" + std::to_string(mProcess->pid()) + "/";
+  }
+
+  std::unique_ptr<fetcher::FetchProcess> mProcess;
+  std::string mFolder;
+};
+
+TEST_F(LiveFetch, HasTheWallsThatTheKernelShows) {
+  const std::string status = readFile(mFolder + "status");
+  for (const char* line :
+       {"Uid:\t65534\t65534\t65534\t65534\n", "Gid:\t65534\t65534\t65534\t65534\n", "Groups:\t \n",
+        "CapInh:\t0000000000000000\n", "CapPrm:\t0000000000000000\n", "CapEff:\t0000000000000000\n",
+        "CapBnd:\t0000000000000000\n", "CapAmb:\t0000000000000000\n", "NoNewPrivs:\t1\n",
+        "Seccomp:\t2\n"}) {
+    EXPECT_THAT(status, testing::HasSubstr(line));
+  }
+  EXPECT_EQ(readFile(mFolder + "oom_score_adj"), "1000\n");
+}
+
+TEST_F(LiveFetch, HasTheLimitsOfADownload) {
+  const std::string limits = readFile(mFolder + "limits");
+  for (const auto& [name, value] :
+       std::map<std::string, std::string>{{"Max address space", "167772160"},  // 160 MiB
+                                          {"Max file size", "512000"},
+                                          {"Max cpu time", "10"},
+                                          {"Max open files", "64"},
+                                          {"Max core file size", "0"},
+                                          {"Max locked memory", "0"}}) {
+    EXPECT_THAT(limits, testing::ContainsRegex(name + " +" + value + " +" + value + " ")) << name;
+  }
+}
+
+TEST_F(LiveFetch, HasOneDescriptorBeyondTheStandardThree) {
+  std::vector<std::string> beyond;
+  for (const auto& entry : fs::directory_iterator(mFolder + "fd")) {
+    const auto target = fs::read_symlink(entry.path()).string();
+    if (target != "/dev/null") beyond.push_back(target);
+  }
+  ASSERT_EQ(beyond.size(), 1u);
+  EXPECT_THAT(beyond.front(), testing::StartsWith("socket:"));
+}
+
+#endif
+
+}  // namespace

@@ -1,0 +1,161 @@
+// A transfer that has been taken over: it stands in the place of libcurl's in a fetch process that
+// is otherwise the real one, walls included. The URL says what happens.
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/ptrace.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "fetcher/child/transfer.h"
+
+namespace {
+
+using fetcher::FetchResult;
+
+// Asked before the walls, which know no such call.
+const pid_t kParent = getppid();
+
+const FetchResult kLie{true, 200, "HTTP", ""};
+
+void sendRaw(const std::string& bytes) {
+  send(fetcher::kFetchSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+}
+
+[[noreturn]] void hang() {
+  for (;;) pause();
+}
+
+void call(long number, long a = 0, long b = 0, long c = 0) {
+  syscall(number, a, b, c);
+}
+
+long pointer(const void* address) {
+  return reinterpret_cast<long>(address);
+}
+
+void openFile(const char* path, int flags) {
+  const int fd = open(path, flags | O_CLOEXEC, 0600);
+  if (fd < 0) _exit(errno == EACCES ? 40 : 41);
+}
+
+/// Each either ends the process or returns.
+const std::map<std::string, std::function<void(int file)>>& steps() {
+  static const std::map<std::string, std::function<void(int)>> all{
+      // Packets.
+      {"garbage", [](int) { sendRaw("garbage"); }},
+      {"nothing", [](int) { _exit(0); }},
+      {"ready_again", [](int) { sendRaw(encode(fetcher::FetchReady{})); }},
+      {"ten",
+       [](int) {
+         for (int i = 0; i < 10; ++i) sendRaw(encode(kLie));
+       }},
+      {"too_long", [](int) { sendRaw(encode(kLie) + std::string(70000, 'x')); }},
+      {"flood",
+       [](int) {
+         for (;;) sendRaw(encode(kLie));
+       }},
+      {"close_all",
+       [](int) {
+         for (int fd = 0; fd < 64; ++fd) close(fd);
+         for (volatile bool on = true; on;) {
+         }
+       }},
+      {"result_and_stay",
+       [](int) {
+         sendRaw(encode(kLie));
+         hang();
+       }},
+      {"hang", [](int) { hang(); }},
+      {"spin",
+       [](int) {
+         for (volatile bool on = true; on;) {
+         }
+       }},
+      {"crash", [](int) { *static_cast<volatile int*>(nullptr) = 1; }},
+      // The file.
+      {"fill_file",
+       [](int file) {
+         const std::string block(65536, 'x');
+         while (write(file, block.data(), block.size()) > 0) {
+         }
+         sendRaw(encode(kLie));
+         _exit(0);
+       }},
+      {"longer_file", [](int file) { call(SYS_ftruncate, file, 1 << 30); }},
+      // System calls that are on no list.
+      {"fork", [](int) { call(SYS_clone, SIGCHLD); }},
+      {"vfork", [](int) { call(SYS_vfork); }},
+      {"exec",
+       [](int) {
+         const char* const none[] = {nullptr};
+         call(SYS_execve, pointer("/bin/true"), pointer(none), pointer(none));
+       }},
+      {"kill_parent", [](int) { call(SYS_kill, kParent, SIGKILL); }},
+      {"ptrace", [](int) { call(SYS_ptrace, PTRACE_ATTACH, kParent); }},
+      {"read_parent", [](int) { call(SYS_process_vm_readv, kParent); }},
+      {"raw_socket", [](int) { call(SYS_socket, AF_PACKET, SOCK_RAW); }},
+      {"other_netlink", [](int) { call(SYS_socket, AF_NETLINK, SOCK_RAW, NETLINK_AUDIT); }},
+      {"datagram_pair", [](int) { call(SYS_socketpair, AF_UNIX, SOCK_DGRAM); }},
+      {"listen", [](int) { call(SYS_listen, fetcher::kFetchSocket, 1); }},
+      {"executable_memory",
+       [](int) { mmap(nullptr, 4096, PROT_READ | PROT_EXEC, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0); }},
+      {"memory_file", [](int) { call(SYS_memfd_create, pointer("x"), 0); }},
+      {"setuid", [](int) { call(SYS_setuid, 0); }},
+      {"unshare", [](int) { call(SYS_unshare, CLONE_NEWUSER); }},
+      {"write_open", [](int) { openFile("/tmp/written", O_WRONLY | O_CREAT); }},
+      {"chmod", [](int) { call(SYS_fchmodat, AT_FDCWD, pointer("/tmp"), 0777); }},
+      {"unlink", [](int) { call(SYS_unlinkat, AT_FDCWD, pointer("/tmp/x")); }},
+      // What is refused without an end.
+      {"bus",
+       [](int) {
+         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+         _exit(fd < 0 && errno == EAFNOSUPPORT ? 40 : 41);
+       }},
+      {"read_passwd", [](int) { openFile("/etc/passwd", O_RDONLY); }},
+      {"read_parents_memory",
+       [](int) { openFile(("/proc/" + std::to_string(kParent) + "/mem").c_str(), O_RDONLY); }},
+      {"memory",
+       [](int) {
+         void* const block = mmap(nullptr, std::size_t{256} << 20U, PROT_READ | PROT_WRITE,
+                                  MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+         _exit(block == MAP_FAILED ? 40 : 41);
+       }},
+      {"descriptors",
+       [](int) {
+         int count = 0;
+         while (socket(AF_INET, SOCK_DGRAM, 0) >= 0) ++count;
+         _exit(count < 64 ? 40 : 41);
+       }},
+      {"thread",
+       [](int) {
+         std::thread([] {}).join();
+         _exit(40);
+       }},
+  };
+  return all;
+}
+
+}  // namespace
+
+namespace fetch_child {
+
+FetchResult transfer(CURL*, const fetcher::FetchRequest& request, int fd) {
+  const auto step = steps().find(request.url);
+  if (step == steps().end()) return {false, 0, "", "unknown step"};
+  step->second(fd);
+  return {false, 0, "", "survived"};
+}
+
+}  // namespace fetch_child
