@@ -18,8 +18,10 @@ MOST = 30.5  # seconds
 
 
 def private_bytes(pid):
+    """What the daemon itself wrote. Pages of files that it read count as private or not by what other
+    programs start and end meanwhile."""
     with open(f"/proc/{pid}/smaps_rollup") as file:
-        return sum(int(line.split()[1]) << 10 for line in file if line.startswith("Private_"))
+        return sum(int(line.split()[1]) << 10 for line in file if line.startswith("Private_Dirty"))
 
 
 def sending(*parts):

@@ -1,5 +1,6 @@
 // The digest of a script, with libcrypto mapped late and without it.
 #define OPENSSL_SUPPRESS_DEPRECATED
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <link.h>
 #include <openssl/md5.h>
@@ -9,6 +10,7 @@
 #include <fstream>
 #include <string>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/own_root.h"
 
 namespace {
@@ -69,6 +71,9 @@ TEST(CryptoOnDemand, WithoutTheLibraryMakesNoDigest) {
   unsigned char digest[MD5_DIGEST_LENGTH] = {7};
   EXPECT_EQ(MD5_Final(digest, &context), 0);
   EXPECT_EQ(digest[0], 7);
+  EXPECT_THAT(logLines(),
+              testing::Contains(testing::Field(
+                  &LogLine::text, testing::StartsWith("on_demand: no libcrypto.so.3: "))));
 }
 
 TEST(CryptoOnDemand, ALibraryThatComesBackBetweenTwoStepsServesTheNextDigest) {
