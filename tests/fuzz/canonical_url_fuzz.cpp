@@ -64,8 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto cleaned = canonicalUrl(url);
   if (!cleaned) return 0;
   require(cleaned->size() <= domain::kMaxUrlBytes, "8 KiB at most");
-  if (url.find(kMark) == std::string::npos) {
-    require(*cleaned == url, "a text without a scheme stays as it is");
+  if (!domain::hasScheme(url)) {
+    require(*cleaned == url, "a text without a valid scheme stays as it is");
     return 0;
   }
   checkCleaned(url, *cleaned);

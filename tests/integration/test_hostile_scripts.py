@@ -94,7 +94,7 @@ String.prototype.split = String.prototype.indexOf = null;
 Object.prototype.get = Object.prototype.set = 1;
 RegExp.prototype.exec = RegExp.prototype.test = null;
 function FindProxyForURL(url, host) {
-  return shExpMatch(host, "*.exam[p]le") && dnsDomainLevels(host) == 1 ? "PROXY good:1" : "DIRECT";
+  return shExpMatch(host, "*.example") && dnsDomainLevels(host) == 1 ? "PROXY good:1" : "DIRECT";
 }
 """
 

@@ -10,8 +10,9 @@ Moments come from outside the daemon alone, never from what it says of itself:
   update, or until an answer is received that only a later one gives.
 - A script may be in force from the moment at which the server sends the last piece of it. It surely
   is once a later request reaches the server (a walk ends with the first script that came whole), or
-  an update has been replied to that was called after that moment (it waits for the walk and the
-  loading), or an answer by that script is received. The script before it may answer until then.
+  an answer by that script is received. The script before it may answer until then. An update that
+  is called in between ends the transfer if it still lasts: then the script is in doubt, and the one
+  before it may answer until an answer by it, or a later script, is known.
 - A worker's death is the answer in flight at most: each explains one missing answer whose call
   meets the time from the signal to the end of the process. One that meets the loading of a script
   may be the end of that load; then there is no answer until the next script, and none by this one.
@@ -56,6 +57,7 @@ class Load:
         self.begin, self.done, self.end = begin, math.inf, math.inf
         self.serial, self.answers, self.again = serial, answers, again
         self.seen = False  # an answer by it
+        self.is_doubtful = False  # an update may have ended its transfer
 
 
 class Kill:
@@ -77,6 +79,7 @@ class Oracle:
         self.judged = self.ambiguous = self.without_script = 0
         self.missing_by_kill = self.missing_by_lost_load = 0
         self.content_changes = 0
+        self.doubtful = 0  # loads that may never have been made
         self.wrong, self.wrong_count = [], 0
 
     # What happens.
@@ -84,22 +87,21 @@ class Oracle:
     def update_called(self, now, mode, proxyurl="", pacurl="", user="", password=""):
         with self._lock:
             self.configs.append(Config(now, mode, proxyurl, pacurl, user, password))
+            newest = self.loads[-1]
+            if newest.done == math.inf and not newest.is_doubtful:
+                newest.is_doubtful = True
+                self.doubtful += 1
 
     def update_replied(self, now):
         """The update called last has been answered."""
         with self._lock:
             self._configs_end(len(self.configs) - 1, now)
-            called = self.configs[-1].begin
-            for load in reversed(self.loads):
-                if load.begin <= called:
-                    self._loaded(load, now)
-                    break
 
     def script_sent(self, now, serial, answers=True):
         """The last piece of a script is about to be sent; `answers`: the engine takes it."""
         with self._lock:
             before = self.loads[-1]
-            self._loaded(before, now)
+            self._over(before, now)
             again = before.serial == serial
             self.content_changes += not again
             self.loads.append(Load(now, serial, answers, again))
@@ -107,7 +109,7 @@ class Oracle:
     def request_came(self, now):
         """The daemon asks the server for something: the walk before is over."""
         with self._lock:
-            self._loaded(self.loads[-1], now)
+            self._over(self.loads[-1], now)
 
     def kill_sent(self, now):
         with self._lock:
@@ -133,6 +135,13 @@ class Oracle:
         with self._lock:
             self._answers.append((asked, now, None, tuple(texts)))
             self._config_seen(lambda config: config.texts == tuple(texts), now)
+
+    def _over(self, load, now):
+        """The walk that brought `load` is over."""
+        if load.is_doubtful and not load.seen:
+            load.done = min(load.done, now)
+        else:
+            self._loaded(load, now)
 
     def _loaded(self, load, now):
         """`load` is in force by now, if not for long: none before it answers any more."""

@@ -180,16 +180,14 @@ def test_a_later_request_says_that_the_script_is_loaded():
     assert wrong(oracle) == 1
 
 
-def test_an_update_called_after_the_script_says_so_by_its_reply_and_one_before_does_not():
+def test_an_update_called_after_the_script_puts_it_in_doubt_until_it_answers():
     oracle = two_scripts()
-    oracle.update_called(9, "pacurl", pacurl="y")
-    oracle.update_replied(12)
-    oracle.answered(12.5, 13, "h", OLD)
-    assert wrong(oracle) == 0
     pacurl(oracle, 14)
-    oracle.answered(14.2, 15, "h", OLD)
+    oracle.request_came(15)
+    oracle.answered(15.2, 16, "h", OLD)
     assert wrong(oracle) == 0
-    oracle.answered(14.6, 15, "h", OLD)
+    oracle.answered(16, 17, "h", NEW)
+    oracle.answered(17.1, 18, "h", OLD)
     assert wrong(oracle) == 1
 
 
