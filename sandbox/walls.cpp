@@ -54,17 +54,18 @@ Failure dropCapabilities() {
   // Fails only if the kernel has no ambient set.
   prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct present[_LINUX_CAPABILITY_U32S_3]{};
-  const auto isEmpty = [](const __user_cap_data_struct& set) {
-    return (set.effective | set.permitted | set.inheritable) == 0;
-  };
-  // A supervisor may forbid the call that changes them, which then is not needed.
-  if (syscall(SYS_capget, &header, present) == 0 &&
-      std::all_of(present, std::end(present), isEmpty)) {
-    return {};
-  }
   const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
-  if (syscall(SYS_capset, &header, none) != 0) return failed("capset");
+  if (syscall(SYS_capset, &header, none) == 0) return {};
+  const Failure refused = failed("capset");
+  // A supervisor may forbid that call. Then nothing is left to drop, if it gave no capability to
+  // child processes: what may be inherited counts for programs with file capabilities only, which
+  // no_new_privs has ruled out.
+  __user_cap_data_struct present[_LINUX_CAPABILITY_U32S_3]{};
+  if (syscall(SYS_capget, &header, present) != 0) return refused;
+  const bool hasSome = std::any_of(present, std::end(present), [](const auto& set) {
+    return (set.effective | set.permitted) != 0;
+  });
+  if (hasSome) return refused;
   return {};
 }
 

@@ -5,6 +5,7 @@
 // handlers run where nothing holds a lock and may log.
 
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -131,6 +132,7 @@ void limitItself() {
   process::forbidDumps();
   process::keepCapabilitiesFromChildren();
   process::returnFreedMemory();
+  umask(S_IWGRP | S_IWOTH);  // whatever mask the supervisor has: the script is for all to read
 }
 
 /// Deletes the service, which waits for a download and for what else is in progress. The supervisor

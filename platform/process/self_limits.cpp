@@ -4,11 +4,6 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 
-#include <cerrno>
-#include <cstring>
-
-#include "base/log_line.h"
-
 namespace process {
 namespace {
 
@@ -19,14 +14,11 @@ constexpr int kMostHeaps = 2;
 
 }  // namespace
 
-bool forbidDumps() {
+void forbidDumps() {
+  // Neither can fail: a limit may always be lowered, and the process may always give this up.
   const rlimit none{0, 0};
-  const bool isForbidden = setrlimit(RLIMIT_CORE, &none) == 0 &&
-                           (PROXYMANAGER_SANITIZED || prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0);
-  if (!isForbidden) {
-    logLine(LOG_WARNING, "process: cannot forbid memory dumps: %s", std::strerror(errno));
-  }
-  return isForbidden;
+  setrlimit(RLIMIT_CORE, &none);
+  if (!PROXYMANAGER_SANITIZED) prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
 }
 
 void keepCapabilitiesFromChildren() {
@@ -34,11 +26,9 @@ void keepCapabilitiesFromChildren() {
   prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
 }
 
-bool returnFreedMemory() {
-  const bool isSet =
-      mallopt(M_MMAP_THRESHOLD, kMappedApartBytes) == 1 && mallopt(M_ARENA_MAX, kMostHeaps) == 1;
-  if (!isSet) logLine(LOG_WARNING, "process: the allocator keeps the memory that is freed");
-  return isSet;
+void returnFreedMemory() {
+  mallopt(M_MMAP_THRESHOLD, kMappedApartBytes);
+  mallopt(M_ARENA_MAX, kMostHeaps);
 }
 
 }  // namespace process

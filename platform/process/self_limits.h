@@ -10,8 +10,7 @@ namespace process {
 /// limit is 0, for child processes too), and only root can trace it or read its memory. A program
 /// that it executes can be traced again. A sanitized build stays traceable, because its leak check
 /// traces the process.
-/// @return false, with one LOG_WARNING line, if the kernel refuses
-bool forbidDumps();
+void forbidDumps();
 
 /// Empties the ambient set: capabilities that a supervisor gave stay with this process, and the
 /// programs that it executes get none of them. Does nothing without an ambient set.
@@ -21,7 +20,6 @@ void keepCapabilitiesFromChildren();
 /// large block that is freed raises the size from which blocks are mapped apart, up to 32 MiB;
 /// later ones come from a heap that keeps them, one heap for each of up to eight threads a
 /// processor. So two bus messages of 31 MiB left 95 MB in the process.
-/// @return false, with one LOG_WARNING line, if the allocator refuses
-bool returnFreedMemory();
+void returnFreedMemory();
 
 }  // namespace process

@@ -7,8 +7,9 @@ import signal
 import subprocess
 
 import pytest
-from support.bus import wait_until
+from support.bus import Client, wait_until
 from support.daemon import Daemon
+from support.web import script
 
 MIB = 1 << 20
 
@@ -76,6 +77,17 @@ def test_a_daemon_writes_no_core_though_its_supervisor_allows_one(bus, build):
     daemon.signal(signal.SIGSEGV)
     _, status = os.waitpid(daemon.pid, 0)
     assert os.WIFSIGNALED(status) and not os.WCOREDUMP(status)
+
+
+def test_the_script_is_for_all_to_read_whatever_mask_the_supervisor_has(bus, build, web):
+    web.routes["/x.pac"] = script("DIRECT")
+    daemon = Daemon(build, start=False,
+                    wrapper=["sh", "-c", 'umask 077 && exec "$@"', "sh"]).start()
+    with Client() as client:
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+    wait_until(lambda: os.path.exists("/tmp/proxymanager.pac"), "the script is there")
+    assert os.stat("/tmp/proxymanager.pac").st_mode & 0o777 == 0o644
+    assert daemon.stop() == 0
 
 
 def private_memory(pid):
