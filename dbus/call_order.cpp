@@ -77,15 +77,15 @@ CallOrder::Connections::iterator CallOrder::first(Kind kind, bool onlyPrivileged
   return best;
 }
 
-CallOrder::Connections::iterator CallOrder::choose(bool withQuestions) {
+CallOrder::Connections::iterator CallOrder::choose() {
   auto chosen = mConnections.end();
   const auto none = mConnections.end();
-  if (withQuestions && mPlainServed >= kPlainInARow) chosen = first(Kind::kQuestion, false);
+  if (mPlainServed >= kPlainInARow) chosen = first(Kind::kQuestion, false);
   if (chosen == none && mOfKind[indexOf(Kind::kPlain)] > 0) {
     chosen = first(Kind::kPlain, true);
     if (chosen == none) chosen = first(Kind::kPlain, false);
   }
-  if (chosen == none && withQuestions) chosen = first(Kind::kQuestion, false);
+  if (chosen == none) chosen = first(Kind::kQuestion, false);
   return chosen;
 }
 
@@ -98,11 +98,10 @@ void CallOrder::standBehind() {
   mUsers.at(found->second.user).lastTurn[indexOf(mLastKind)] = mTurn;
 }
 
-std::optional<DBus::CallMessage> CallOrder::next(bool withQuestions) {
+std::optional<DBus::CallMessage> CallOrder::next() {
   if (mWaiting == 0) return std::nullopt;
   standBehind();
-  const auto chosen = choose(withQuestions);
-  if (chosen == mConnections.end()) return std::nullopt;
+  const auto chosen = choose();
   auto& connection = chosen->second;
   std::optional<DBus::CallMessage> call(connection.calls.front().call);
   mLastKind = connection.calls.front().kind;

@@ -58,9 +58,8 @@ class CallOrder {
   /// The connections whose user is not known. Each is named once while its calls wait.
   std::vector<std::string> takeUnknown();
 
-  /// Takes the next call. @param withQuestions false: questions have no turn now
-  /// @return nothing if no such call waits
-  std::optional<DBus::CallMessage> next(bool withQuestions);
+  /// Takes the next call. @return nothing if none waits
+  std::optional<DBus::CallMessage> next();
 
   /// The user of a connection is known. @return the questions beyond the user's bound, the newest
   /// ones, which wait no longer
@@ -96,7 +95,7 @@ class CallOrder {
   using Connections = std::map<std::string, Connection>;
 
   Connections::iterator first(Kind kind, bool onlyPrivileged);
-  Connections::iterator choose(bool withQuestions);
+  Connections::iterator choose();
   Connection& connectionOf(const std::string& sender);
   void standBehind();
   void leaveUser(const Connection& connection);

@@ -106,9 +106,7 @@ int WaitingCalls::takeTurn() {
     return -1;
   }
   if (mOrder.waiting() > kCrowd) askForUsers();
-  const bool usersAreKnown = mAsked.empty() || Clock::now() >= mAskedLimit;
-  const auto call = mOrder.next(usersAreKnown);
-  return call ? serve(*call) : millisecondsUntil(mAskedLimit);
+  return serve(*mOrder.next());
 }
 
 int WaitingCalls::serve(const DBus::CallMessage& call) {
@@ -129,14 +127,13 @@ void WaitingCalls::beIdle() {
 
 void WaitingCalls::serveAll() {
   queueTheOnlyOne();
-  while (auto call = mOrder.next(true)) mServe(*call);
+  while (auto call = mOrder.next()) mServe(*call);
   mMarker = 0;
 }
 
 void WaitingCalls::askForUsers() {
   for (const auto& name : mOrder.takeUnknown()) {
     watch(true);
-    if (mAsked.empty()) mAskedLimit = Clock::now() + kReadLimit;
     mAsked[ask("GetConnectionUnixUser", name)] = name;
   }
 }

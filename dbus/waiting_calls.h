@@ -88,7 +88,6 @@ class WaitingCalls {
   Kind mOnlyKind = Kind::kPlain;
   CallOrder mOrder;
   std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user is asked for
-  Clock::time_point mAskedLimit{};              // questions wait for the answers until then
   std::uint32_t mMarker = 0;                    // serial of the question behind which we read
   Clock::time_point mReadLimit{};
   bool mWatches = false;

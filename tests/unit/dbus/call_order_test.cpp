@@ -23,8 +23,8 @@ class Order : public testing::Test {
   void plain(const std::string& sender, const std::string& name) {
     mOrder.add(sender, Kind::kPlain, call(name));
   }
-  std::string next(bool withQuestions = true) {
-    const auto taken = mOrder.next(withQuestions);
+  std::string next() {
+    const auto taken = mOrder.next();
     return taken ? taken->member() : "";
   }
   std::vector<std::string> rest() {
@@ -88,15 +88,6 @@ TEST_F(Order, AQuestionHasItsTurnAfterSixtyFourCallsThatNeedNoScript) {
   EXPECT_EQ(next(), "q0");
   for (unsigned i = 0; i < CallOrder::kPlainInARow; ++i) ASSERT_EQ(next(), "p") << i;
   EXPECT_EQ(rest(), Names{"q1"});
-}
-
-TEST_F(Order, HoldsQuestionsBack) {
-  ask(":1", "q");
-  EXPECT_EQ(next(false), "");
-  plain(":2", "p");
-  EXPECT_EQ(next(false), "p");
-  EXPECT_EQ(mOrder.waiting(), 1U);
-  EXPECT_EQ(next(true), "q");
 }
 
 TEST_F(Order, HasRoomForSixtyFourQuestionsOfAConnection) {
