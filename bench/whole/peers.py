@@ -84,20 +84,30 @@ def of_the_bus(build, folder, pac_url, url, rounds):
 
 
 def of_proxy(folder, pac_url, calls):
-    """Microseconds of an answer of `proxy`."""
+    """Microseconds of an answer of `proxy`.
+
+    With Debian's WebKit module it crashes in some runs, or answers without the script: such a run
+    is repeated, and their number is printed.
+    """
     environment = {**surroundings(folder), "http_proxy": f"pac+{pac_url}"}
+    failed = 0
 
     def taken(count):
+        nonlocal failed
         urls = "".join(NEW_URL % number + "\n" for number in range(count))
-        begin = time.perf_counter()
-        done = subprocess.run([f"{folder}/usr/bin/proxy"], input=urls, check=True, text=True,
-                              capture_output=True, env=environment, timeout=10 * LIMIT)
-        end = time.perf_counter()
-        answers = done.stdout.split("\n")[:count]
-        assert all("proxy.test:8080" in answer for answer in answers), done.stdout[:200]
-        return end - begin
+        while failed < 200:
+            begin = time.perf_counter()
+            done = subprocess.run([f"{folder}/usr/bin/proxy"], input=urls, check=False, text=True,
+                                  capture_output=True, env=environment, timeout=10 * LIMIT)
+            end = time.perf_counter()
+            if done.returncode == 0 and done.stdout.count("proxy.test:8080") == count:
+                return end - begin
+            failed += 1
+        raise RuntimeError("proxy fails in too many runs")
 
-    return statistics.median((taken(calls + 1) - taken(1)) / calls * 1e6 for _ in range(5))
+    figure = statistics.median((taken(calls + 1) - taken(1)) / calls * 1e6 for _ in range(5))
+    print(f"proxy of libproxy: {failed} runs failed and were repeated")
+    return figure
 
 
 def of_pacparser(folder, text, calls):
