@@ -139,6 +139,10 @@ def test_the_program_says_how_it_is_called(hooks, request):
         done = subprocess.run([program, *words], capture_output=True, text=True)
         assert (done.returncode, done.stdout) == (64, ""), words
         assert done.stderr.startswith("usage: proxymanager-lease "), words
+    for name in ("../eth0", "", "an-interface-of-more-than-15-bytes"):
+        done = subprocess.run([program, "plain", name, "", "", ""], capture_output=True, text=True)
+        assert done.returncode == 64
+        assert "netservice: not the name of a network interface" in done.stderr
     assert not os.path.exists(LEASE)
     done = subprocess.run([program, "--help"], capture_output=True, text=True)
     assert done.returncode == 0 and done.stdout.startswith("usage: ")

@@ -112,6 +112,8 @@ class Syslog:
         return [line.text for line in self.lines()]
 
     def clear(self):
+        """Forgets what was logged before this call, also what has not been read yet."""
+        self.drain()
         with self._said:
             self._lines.clear()
 
