@@ -80,6 +80,7 @@ class Oracle:
         self.missing_by_kill = self.missing_by_lost_load = 0
         self.content_changes = 0
         self.doubtful = 0  # loads that may never have been made
+        self._last_update = self._last_request = -math.inf
         self.wrong, self.wrong_count = [], 0
 
     # What happens.
@@ -87,6 +88,7 @@ class Oracle:
     def update_called(self, now, mode, proxyurl="", pacurl="", user="", password=""):
         with self._lock:
             self.configs.append(Config(now, mode, proxyurl, pacurl, user, password))
+            self._last_update = now
             newest = self.loads[-1]
             if newest.done == math.inf and not newest.is_doubtful:
                 newest.is_doubtful = True
@@ -105,11 +107,15 @@ class Oracle:
             again = before.serial == serial
             self.content_changes += not again
             self.loads.append(Load(now, serial, answers, again))
+            if self._last_update > self._last_request:
+                self.loads[-1].is_doubtful = True
+                self.doubtful += 1
 
     def request_came(self, now):
         """The daemon asks the server for something: the walk before is over."""
         with self._lock:
             self._over(self.loads[-1], now)
+            self._last_request = now
 
     def kill_sent(self, now):
         with self._lock:

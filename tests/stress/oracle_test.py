@@ -46,6 +46,7 @@ class Model:
         refused = not again and self.choice.random() < 0.2
         if not again:
             self.serial += 1
+        self.oracle.request_came(self.passes())
         self.oracle.script_sent(self.passes(), self.serial, not refused)
         self.ask()  # still by the one before
         self.passes()
@@ -137,6 +138,7 @@ def test_each_fault_is_found(fault):
 
 
 def loaded(oracle, now, serial, **options):
+    oracle.request_came(now)
     oracle.script_sent(now, serial, **options)
 
 
