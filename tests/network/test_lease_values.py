@@ -17,7 +17,8 @@ METACHARACTERS = "http://h/$(touch /tmp/run)`touch /tmp/run`;touch /tmp/run|&<>'
 VALUES = {
     "trailing_nul": (URL.encode() + b"\0", URL),
     "trailing_newline": (URL.encode() + b"\n", URL),
-    "newline_alone": (b"\n", ""),
+    # Two: the server takes one byte in hexadecimal for a text.
+    "newlines_alone": (b"\n\n", ""),
     "quotes": (b'"' + URL.encode() + b'"', URL),
     "blanks": (b"  " + URL.encode() + b" ", URL),
     "blank_within": (b"http://h/a b", "http://h/a b"),

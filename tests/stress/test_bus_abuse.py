@@ -70,7 +70,8 @@ def test_a_bus_that_does_not_read_is_not_read_either(build, quiet, deaf_bus, san
     # When the bus reads again nothing is lost.
     answers = bus.answers(asked)
     serials = [serial for serial, _ in answers]
-    assert serials == list(range(serials[0], serials[0] + asked))
+    # Questions beyond the 64 that may wait are answered at once, before those.
+    assert sorted(serials) == list(range(min(serials), min(serials) + asked))
     assert all(body == (["off", ""],) for _, body in answers)
     daemon.process.kill()  # nobody else can ask this bus whether it is gone
     daemon.process.wait(60)
