@@ -24,6 +24,7 @@ Installs what is missing, builds the tree with its tests and runs them all.
   --browsers    install Chromium and Firefox ESR and compare the helpers of PAC scripts with them instead:
                 100,000 calls and 5,000 scripts; what follows "--" is the comparison's (--seed=N)
   --tidy        have clang-tidy judge the sources that are shipped
+  --recipe      follow docs/installing.md in a clean system: build, install and start from source
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
   -j N          N processes at once for building, and twice as many for testing, as most tests
@@ -43,6 +44,7 @@ while [ $# -gt 0 ]; do
     --cross=arm64) mode=cross preset=arm64 triplet=aarch64-linux-gnu ;;
     --browsers) mode=browsers dependencies+=(--browsers) ;;
     --tidy) mode=tidy ;;
+    --recipe) mode=recipe ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
     --werror) werror=ON ;;
@@ -166,6 +168,12 @@ test_cross() {
   step "Installing below $folder/installed"
   cmake --install "$folder" --strip --prefix "$folder/installed" >/dev/null
   "$top/packaging/cross/sizes.sh" "$triplet" "$folder/installed"
+}
+
+test_recipe() {
+  export PROXYMANAGER_RECIPE=1
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  run_tests test -R '^packaging.TheSourceRecipeWorksInACleanSystem$'
 }
 
 test_soak() {
