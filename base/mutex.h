@@ -66,7 +66,8 @@ template <typename MutexType>
 class PM_SCOPED_CAPABILITY Unlock {
  public:
   explicit Unlock(MutexType& mutex) PM_RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }
-  ~Unlock() PM_ACQUIRE() { mMutex.lock(); }
+  // The analysis takes the end of a scope that released a mutex for acquiring it again.
+  ~Unlock() PM_RELEASE() { mMutex.lock(); }
   Unlock(const Unlock&) = delete;
   Unlock& operator=(const Unlock&) = delete;
 
