@@ -204,8 +204,8 @@ def test_the_client_asks_for_everybody_and_configures_for_those_who_may(machine,
 
 
 def test_the_client_library_is_where_programs_and_compilers_look(installed):
-    program = installed.run("ldd", "/usr/bin/proxymanagerctl").stdout
-    library = re.search(r"libproxymanager-client\.so\.0 => (\S+)", program).group(1)
+    module = installed.run("sh", "-c", "ldd /usr/lib/*/gio/modules/libgioproxymanager.so").stdout
+    library = re.search(r"libproxymanager-client\.so\.0 => (\S+)", module).group(1)
     folder = library.rpartition("/")[0]
     found = {name: installed.run("realpath", f"{folder}/libproxymanager-client.so{name}").stdout
              for name in ("", ".0")}
