@@ -98,7 +98,7 @@ def test_a_configured_idle_daemon_is_gone_within_a_second(daemon, build, sanitiz
     assert shortest_stop([daemon], build, 1, sanitizer, configure=True) < 1
 
 
-def test_before_the_first_configuration_it_is_gone_within_three_seconds(daemon, build, sanitizer):
+def test_before_the_first_configuration_it_is_gone_within_a_second_too(daemon, build, sanitizer):
     assert shortest_stop([daemon], build, 1, sanitizer, configure=False) < 1
 
 

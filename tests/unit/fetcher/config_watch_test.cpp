@@ -331,14 +331,19 @@ TEST_F(ConfigWatch, DoesWithoutTheThreadWhereInotifyIsNotToBeHad) {
   expectFetchesAllTheSame();
 }
 
+/// Takes all descriptors up to `last`. @return false if the machine allows fewer than 1200
+bool takeDescriptorsUpTo(int last) {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max < 1200) return false;
+  limit.rlim_cur = 1200;
+  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) return false;
+  while (dup(0) < last) continue;
+  return true;
+}
+
 TEST_F(ConfigWatch, TakesADescriptorThatSelectCannotHoldForAFailure) {
   makeFiles();
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  if (limit.rlim_max < 1200) GTEST_SKIP() << "needs 1200 descriptors";
-  limit.rlim_cur = 1200;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  while (dup(0) < 1023) continue;
+  if (!takeDescriptorsUpTo(1023)) GTEST_SKIP() << "needs 1200 descriptors";
   mFetcher->start();
   ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "inotify init failure, ifd:1024"));
   EXPECT_EQ(inotifyFd(), -1);
@@ -348,12 +353,7 @@ TEST_F(ConfigWatch, TakesADescriptorThatSelectCannotHoldForAFailure) {
 
 TEST_F(ConfigWatch, TakesTheLastDescriptorThatSelectCanHold) {
   makeFiles();
-  rlimit limit{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-  if (limit.rlim_max < 1200) GTEST_SKIP() << "needs 1200 descriptors";
-  limit.rlim_cur = 1200;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  while (dup(0) < 1022) continue;
+  if (!takeDescriptorsUpTo(1022)) GTEST_SKIP() << "needs 1200 descriptors";
   mFetcher->start();
   ASSERT_TRUE(waitForLog(LOG_INFO, "PACFetcher-wait_for_changes fd:1023, interval:1800"));
   expectPromptStop();
