@@ -7,19 +7,14 @@
 #include <utility>
 #include <vector>
 
-#include "base/ascii.h"
-#include "base/log_line.h"
 #include "client/ctl/commands/answer_json.h"
 #include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/script_file.h"
-#include "domain/url_host.h"
 #include "engine/pac_engine.h"
-#include "pac/pac_parser.h"
-#include "service/records/owned_settings.h"
-#include "service/records/proxy_config_owner.h"
 
 namespace client {
 
@@ -69,8 +64,6 @@ constexpr const char* kCheckFooter = R"(Output:
 Exit status:
 )";
 
-constexpr std::initializer_list<ExitStatus> kFileStatuses{kRefused, kUsage, kNoInput, kOutput};
-
 struct EvalArguments {
   std::string file;
   std::vector<std::string> urls;
@@ -86,57 +79,6 @@ struct CheckArguments {
   bool json = false;
 };
 
-/// Lets the script's alerts through, the only lines that the library says at LOG_DEBUG, as long as
-/// it lives; whatever else is worth knowing comes back as a value.
-class AlertsHeard {
- public:
-  AlertsHeard() : mMaskBefore(setlogmask(LOG_MASK(LOG_DEBUG))) {}
-  ~AlertsHeard() { setlogmask(mMaskBefore); }
-  AlertsHeard(const AlertsHeard&) = delete;
-  AlertsHeard& operator=(const AlertsHeard&) = delete;
-
- private:
-  int mMaskBefore;
-};
-
-/// The entries of `result`; the daemon's own parser decides which of them it drops.
-std::vector<ShownEntry> entriesOf(const std::string& result) {
-  std::vector<ShownEntry> entries;
-  std::string_view rest = result;
-  for (;;) {
-    const auto semicolon = rest.find(';');
-    const auto piece = rest.substr(0, semicolon);
-    if (const auto text = base::trimmed(piece, " \t\r\n"); !text.empty()) {
-      OwnedSettings taken(PacParser::proxys2ProxySettings(std::string(piece)));
-      entries.push_back({parseEntry(text), taken.get().empty()});
-    }
-    if (semicolon == std::string_view::npos) return entries;
-    rest.remove_prefix(semicolon + 1);
-  }
-}
-
-ShownAnswer evaluate(pac_engine::Engine& engine, const std::string& url,
-                     const std::optional<std::string>& givenHost) {
-  ShownAnswer shown{url, {}, givenHost.value_or(""), {}, {}, {}};
-  if (!givenHost) {
-    const HeapText host(getHost(url));
-    if (host == nullptr) {
-      shown.error = "the URL has no host; --host gives one";
-      return shown;
-    }
-    shown.host = host.get();
-  }
-  const AlertsHeard heard;
-  const auto reply = engine.evaluate(url, shown.host);
-  if (reply.result) {
-    shown.result = *reply.result;
-    shown.entries = entriesOf(*reply.result);
-  } else {
-    shown.error = pac_engine::describe(reply.problem);
-  }
-  return shown;
-}
-
 void print(const ShownAnswer& shown) {
   std::vector<Row> rows{{"host", shown.host}};
   if (!shown.result) {
@@ -151,25 +93,14 @@ void print(const ShownAnswer& shown) {
   printBlock(shown.url, rows);
 }
 
-std::unique_ptr<pac_engine::Engine> loadScript(const std::string& file, pac_engine::Options options,
-                                               pac_engine::Problem& refused) {
-  const auto script = readScript(file);
-  const AlertsHeard heard;
-  return pac_engine::Engine::load(script, std::move(options), refused);
-}
-
-Failure refusal(const std::string& file, const pac_engine::Problem& problem) {
-  return {kRefused, shownName(file) + ": " + pac_engine::describe(problem)};
-}
-
 ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options options) {
   pac_engine::Problem refused;
-  const auto engine = loadScript(arguments.file, std::move(options), refused);
+  const auto engine = loadScript(readScript(arguments.file), std::move(options), refused);
   if (!engine) throw refusal(arguments.file, refused);
   Json all = Json::array();
   bool allAnswered = true;
   for (const auto& url : arguments.urls) {
-    const auto evaluated = evaluate(*engine, url, arguments.host);
+    const auto evaluated = evaluateUrl(*engine, url, arguments.host);
     allAnswered = allAnswered && evaluated.result.has_value();
     if (arguments.json) {
       all.push_back(jsonOf(evaluated, true));
@@ -183,7 +114,7 @@ ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options option
 
 ExitStatus checkScript(const CheckArguments& arguments, pac_engine::Options options) {
   pac_engine::Problem refused;
-  const auto engine = loadScript(arguments.file, std::move(options), refused);
+  const auto engine = loadScript(readScript(arguments.file), std::move(options), refused);
   if (arguments.json) {
     Json object;
     object["file"] = arguments.file;
@@ -196,18 +127,10 @@ ExitStatus checkScript(const CheckArguments& arguments, pac_engine::Options opti
   return kAnswered;
 }
 
-void addFile(CLI::App& command, std::string& file) {
-  command
-      .add_option("FILE", file,
-                  "The PAC script: a file of at most\n512,000 bytes, or \"-\" for standard input")
-      ->required()
-      ->option_text(" ");
-}
-
 void addEval(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("eval", "Asks a PAC script for the proxies of URLs.");
   const auto arguments = std::make_shared<EvalArguments>();
-  addFile(*command, arguments->file);
+  addScriptFile(*command, arguments->file);
   addUrls(*command, arguments->urls, arguments->list);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
@@ -217,7 +140,7 @@ void addEval(CLI::App& pac, Action& action) {
   command->footer(std::string(kEvalFooter) +
                   statusHelp({{kAnswered, "all URLs got an answer"},
                               {kNoAnswer, "at least one URL got no answer"}},
-                             kFileStatuses));
+                             kScriptStatuses));
   command->callback([arguments, command, &action] {
     if (arguments->file == "-" && arguments->list == "-") {
       throw CLI::ValidationError("-f", "standard input holds the script already");
@@ -232,11 +155,11 @@ void addEval(CLI::App& pac, Action& action) {
 void addCheck(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("check", "Loads a PAC script, and does no more.");
   const auto arguments = std::make_shared<CheckArguments>();
-  addFile(*command, arguments->file);
+  addScriptFile(*command, arguments->file);
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON");
   command->footer(std::string(kCheckFooter) +
-                  statusHelp({{kAnswered, "the script loads"}}, kFileStatuses));
+                  statusHelp({{kAnswered, "the script loads"}}, kScriptStatuses));
   command->callback([arguments, &action] {
     action = [arguments, options = engineOptions(arguments->environment)] {
       return checkScript(*arguments, options);

@@ -1,0 +1,41 @@
+// A PAC script that a command tries out: its file, its loading, and its answer for a URL.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/ctl/commands/answer_json.h"
+#include "client/ctl/failure.h"
+#include "engine/pac_engine.h"
+
+namespace client {
+
+/// What can happen to each command that reads and loads a script.
+inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUsage, kNoInput,
+                                                                   kOutput};
+
+/// Adds the argument FILE to `command`; it sets `file`, which lives as long as the command.
+void addScriptFile(CLI::App& command, std::string& file);
+
+/// Loads `script`, the bytes of a PAC file. Its alerts go to standard error and to syslog.
+/// @return null if it is refused, with the reason in `refused`
+std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engine::Options options,
+                                               pac_engine::Problem& refused);
+
+/// The failure that ends a command whose script `file` is refused.
+Failure refusal(const std::string& file, const pac_engine::Problem& problem);
+
+/// Asks for `url`, with `givenHost` as the second argument if there is one, else with the host that
+/// the daemon finds in the URL. Alerts go to standard error and to syslog.
+ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
+                        const std::optional<std::string>& givenHost);
+
+/// The entries of a script's result; the daemon's own parser decides which of them it drops.
+std::vector<ShownEntry> entriesOf(const std::string& result);
+
+}  // namespace client
