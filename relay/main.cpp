@@ -1,0 +1,120 @@
+// proxymanager-relay: a proxy on loopback that asks the daemon for each request.
+#include <getopt.h>
+#include <sys/prctl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "base/log_line.h"
+#include "base/small_file.h"
+#include "base/visible.h"
+#include "relay/configuration.h"
+#include "relay/listeners.h"
+#include "relay/relay.h"
+
+namespace {
+
+struct Options {
+  std::string configuration = "/etc/proxymanager/relay.conf";
+  bool isConfigurationNamed = false;
+  std::vector<std::string> listen;
+};
+
+constexpr char kUsage[] =
+    "usage: proxymanager-relay [options]\n"
+    "\n"
+    "A proxy for programs that know one fixed proxy: it asks proxymanagerd for each request and\n"
+    "goes where the answer says.\n"
+    "\n"
+    "  --config FILE            read this file (default: /etc/proxymanager/relay.conf, if it exists)\n"
+    "  --listen ADDRESS:PORT    listen there; may be given more than once. An IPv6 address stands in\n"
+    "                           brackets\n"
+    "  --listen unix:PATH       listen on a Unix socket\n"
+    "  --check                  read the configuration, report its problems, and end\n"
+    "  --help                   print this text\n"
+    "  --version                print the version\n"
+    "\n"
+    "Without --listen the sockets that systemd passes are used, and without those 127.0.0.1:3128 and\n"
+    "[::1]:3128. See proxymanager-relay(8) and relay.conf(5).\n";
+
+constexpr int kUsageError = 2;
+
+[[noreturn]] void usageError(const char* text) {
+  std::fprintf(stderr, "proxymanager-relay: %s\n%s", text, kUsage);
+  std::exit(kUsageError);
+}
+
+Options parse(int argc, char** argv, bool& checks) {
+  static const option longOptions[] = {
+      {"config", required_argument, nullptr, 'c'}, {"listen", required_argument, nullptr, 'l'},
+      {"check", no_argument, nullptr, 'k'},        {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'v'},      {nullptr, 0, nullptr, 0}};
+  Options options;
+  for (int option = 0; (option = getopt_long(argc, argv, "h", longOptions, nullptr)) != -1;) {
+    switch (option) {
+      case 'c':
+        options.configuration = optarg;
+        options.isConfigurationNamed = true;
+        break;
+      case 'l':
+        options.listen.emplace_back(optarg);
+        break;
+      case 'k':
+        checks = true;
+        break;
+      case 'h':
+        std::fputs(kUsage, stdout);
+        std::exit(0);
+      case 'v':
+        std::puts("proxymanager-relay " PROXYMANAGER_VERSION);
+        std::exit(0);
+      default:
+        std::fputs(kUsage, stderr);
+        std::exit(kUsageError);
+    }
+  }
+  if (optind != argc) usageError("no arguments are taken");
+  return options;
+}
+
+void report(const std::string& text) {
+  const std::string line = base::visible(text);
+  logLine(LOG_ERR, "relay: %s", line.c_str());
+  if (isatty(STDERR_FILENO) != 0) std::fprintf(stderr, "proxymanager-relay: %s\n", line.c_str());
+}
+
+bool report(const std::string& path, const std::vector<relay::Problem>& problems) {
+  for (const auto& problem : problems) {
+    report(path + (problem.line != 0 ? ":" + std::to_string(problem.line) : "") + ": " +
+           problem.text);
+  }
+  return problems.empty();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  bool checks = false;
+  const Options options = parse(argc, argv, checks);
+  openlog("proxymanager-relay", LOG_PID | LOG_NDELAY | (checks ? LOG_PERROR : 0), LOG_DAEMON);
+  // Passwords of proxies pass through here: no debugger and no core.
+  prctl(PR_SET_DUMPABLE, 0);
+  try {
+    relay::Configured configured;
+    if (!report(options.configuration,
+                relay::load(options.configuration, !options.isConfigurationNamed, configured))) {
+      return EXIT_FAILURE;
+    }
+    if (checks) return EXIT_SUCCESS;
+    return relay::run(configured, relay::listen(options.listen));
+  } catch (const std::exception& error) {
+    report(std::string("cannot start: ") + error.what());
+    return EXIT_FAILURE;
+  }
+}

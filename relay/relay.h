@@ -1,0 +1,29 @@
+// The relay as a whole: what it is configured with, and its life on one thread.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "relay/configuration.h"
+
+namespace relay {
+
+/// The configuration with the credentials file that it names.
+struct Configured {
+  Configuration configuration;
+  std::vector<std::pair<std::string, Credentials>> credentials;  ///< by host, see readCredentials()
+};
+
+/// Reads `path` and the credentials file that it names. If `mayBeMissing`, a missing `path` is an
+/// empty one. Throws nothing but std::bad_alloc.
+/// @return the problems; `configured` is to be used only without any
+std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured);
+
+/// Serves until SIGTERM or SIGINT. The calling thread is the relay's; lookups of names and the
+/// client library have threads of their own.
+/// @return the exit status. Throws std::exception if the relay cannot start
+int run(const Configured& configured, std::vector<base::UniqueFd> listeners);
+
+}  // namespace relay
