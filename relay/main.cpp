@@ -83,16 +83,12 @@ Options parse(int argc, char** argv, bool& checks) {
   return options;
 }
 
-void report(const std::string& text) {
-  const std::string line = base::visible(text);
-  logLine(LOG_ERR, "relay: %s", line.c_str());
-  if (isatty(STDERR_FILENO) != 0) std::fprintf(stderr, "proxymanager-relay: %s\n", line.c_str());
-}
-
+/// @return whether there is none
 bool report(const std::string& path, const std::vector<relay::Problem>& problems) {
   for (const auto& problem : problems) {
-    report(path + (problem.line != 0 ? ":" + std::to_string(problem.line) : "") + ": " +
-           problem.text);
+    const std::string line = problem.line != 0 ? ":" + std::to_string(problem.line) : "";
+    logLine(LOG_ERR, "relay: configuration: %s",
+            base::visible(path + line + ": " + problem.text).c_str());
   }
   return problems.empty();
 }
@@ -102,7 +98,8 @@ bool report(const std::string& path, const std::vector<relay::Problem>& problems
 int main(int argc, char** argv) {
   bool checks = false;
   const Options options = parse(argc, argv, checks);
-  openlog("proxymanager-relay", LOG_PID | LOG_NDELAY | (checks ? LOG_PERROR : 0), LOG_DAEMON);
+  const bool isTold = checks || isatty(STDERR_FILENO) != 0;
+  openlog("proxymanager-relay", LOG_PID | LOG_NDELAY | (isTold ? LOG_PERROR : 0), LOG_DAEMON);
   // Passwords of proxies pass through here: no debugger and no core.
   prctl(PR_SET_DUMPABLE, 0);
   try {
@@ -114,7 +111,7 @@ int main(int argc, char** argv) {
     if (checks) return EXIT_SUCCESS;
     return relay::run(configured, relay::listen(options.listen));
   } catch (const std::exception& error) {
-    report(std::string("cannot start: ") + error.what());
+    logLine(LOG_ERR, "relay: cannot start: %s", base::visible(error.what()).c_str());
     return EXIT_FAILURE;
   }
 }
