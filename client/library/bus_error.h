@@ -1,6 +1,7 @@
 // What the errors of the message bus mean: the one table of their names.
 #pragma once
 
+#include <cerrno>
 #include <string_view>
 
 namespace client {
@@ -18,5 +19,12 @@ enum class BusError {
 
 /// What the error `name`, "org.freedesktop.DBus.Error.NoReply", means.
 BusError busErrorOf(std::string_view name);
+
+/// Whether connecting failed with this errno value because the bus does not let the user in. A bus
+/// that refuses a user ends the connection without a word, so a connection that ends counts, too.
+constexpr bool isDenial(int error) {
+  return error == EACCES || error == EPERM || error == ECONNRESET || error == EPIPE ||
+         error == ENOTCONN;
+}
 
 }  // namespace client

@@ -60,13 +60,8 @@ proxymanager_status statusOfError(std::string_view name) {
 }
 
 proxymanager_status statusOfConnecting(int error) {
+  if (isDenial(error)) return PROXYMANAGER_DENIED;
   switch (error) {
-    case EACCES:
-    case EPERM:
-    case ECONNRESET:  // the bus says no word to those that it does not let in
-    case EPIPE:
-    case ENOTCONN:
-      return PROXYMANAGER_DENIED;
     case ENOMEM:
     case EMFILE:
     case ENFILE:

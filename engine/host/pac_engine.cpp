@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/log_line.h"
+#include "base/utf8.h"
 #include "base/visible.h"
 #include "domain/canonical_url.h"
 #include "engine/host/file_change.h"
@@ -237,7 +238,7 @@ std::vector<std::string> Engine::Impl::ownAddresses(AddressFamily family) {
 /// The engine keeps to the limit by itself; a worker that a script controls may not.
 void Engine::Impl::logAlert(std::string_view alert) {
   if (alertBytesLeft == 0) return;
-  const auto cut = cutText(alert, alertBytesLeft);
+  const auto cut = base::utf8Head(alert, alertBytesLeft);
   logLine(LOG_DEBUG, "pac_engine: alert: %s", base::visible(cut).c_str());
   // An empty one counts too, so that a flood of them ends.
   alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);

@@ -250,15 +250,4 @@ std::optional<FromWorker> decodeFromWorker(std::string_view bytes) {
   }
 }
 
-std::string_view cutText(std::string_view text, std::size_t bytes) {
-  if (text.size() <= bytes) return text;
-  // A character has three continuation bytes at most; more of them are no UTF-8 and cut anywhere.
-  std::size_t end = bytes;
-  for (int step = 0; step < 3 && end > 0; ++step) {
-    if ((static_cast<unsigned char>(text[end]) & 0xC0U) != 0x80U) break;
-    --end;
-  }
-  return text.substr(0, end);
-}
-
 }  // namespace pac_engine

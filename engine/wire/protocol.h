@@ -103,7 +103,4 @@ std::string encode(const FromWorker& message);
 std::optional<FromLibrary> decodeFromLibrary(std::string_view bytes);
 std::optional<FromWorker> decodeFromWorker(std::string_view bytes);
 
-/// The longest beginning of `text` of at most `bytes` bytes that cuts no UTF-8 character.
-std::string_view cutText(std::string_view text, std::size_t bytes);
-
 }  // namespace pac_engine

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <utility>
 
+#include "base/utf8.h"
 #include "engine/worker/worker_end.h"
 
 namespace pac_worker {
@@ -60,7 +61,7 @@ std::vector<std::string> BrokerEnvironment::ownAddresses(AddressFamily family) {
 
 void BrokerEnvironment::alert(std::string_view text) {
   // What one evaluation may log in all is counted by the library.
-  sendOrEnd(mChannel, pac_engine::Alert{pac_engine::cutText(text, pac_engine::kMaxAlertBytes)});
+  sendOrEnd(mChannel, pac_engine::Alert{base::utf8Head(text, pac_engine::kMaxAlertBytes)});
 }
 
 }  // namespace pac_worker

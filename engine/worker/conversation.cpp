@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/utf8.h"
 #include "engine/worker/worker_end.h"
 
 namespace pac_worker {
@@ -47,7 +48,7 @@ pac_engine::Start receiveStart(pac_engine::Channel& channel) {
 }  // namespace
 
 void refuse(pac_engine::Channel& channel, std::string_view message, std::uint32_t line) {
-  const auto cut = pac_engine::cutText(message, pac_engine::kMaxProblemBytes);
+  const auto cut = base::utf8Head(message, pac_engine::kMaxProblemBytes);
   sendOrEnd(channel, pac_engine::Refused{line, cut});
   endWorker(EXIT_SUCCESS);
 }
@@ -91,7 +92,7 @@ void Conversation::answer() {
     return;
   }
   const auto& error = reply.problem;
-  const auto cut = pac_engine::cutText(error.message, pac_engine::kMaxProblemBytes);
+  const auto cut = base::utf8Head(error.message, pac_engine::kMaxProblemBytes);
   sendOrEnd(mChannel, pac_engine::NoAnswer{serial, error.line, cut});
 }
 

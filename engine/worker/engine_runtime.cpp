@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "engine/worker/utf8.h"
+#include "base/utf8.h"
 
 namespace pac_worker {
 namespace {
@@ -204,10 +204,10 @@ std::size_t EngineRuntime::bytesInUse() {
 }
 
 void EngineRuntime::alert(std::string_view text) {
-  const std::size_t head = utf8Head(text, mAlertBytesLeft);
-  if (head == 0) return;
-  mAlertBytesLeft = head < text.size() ? 0 : mAlertBytesLeft - head;
-  mEnvironment.alert(text.substr(0, head));
+  const std::string_view head = base::utf8Head(text, mAlertBytesLeft);
+  if (head.empty()) return;
+  mAlertBytesLeft = head.size() < text.size() ? 0 : mAlertBytesLeft - head.size();
+  mEnvironment.alert(head);
 }
 
 }  // namespace pac_worker

@@ -4,8 +4,9 @@
 #include <tuple>
 #include <vector>
 
+#include "base/ascii.h"
+#include "base/utf8.h"
 #include "engine/worker/address_text.h"
-#include "engine/worker/utf8.h"
 
 namespace pac_worker {
 namespace {
@@ -30,11 +31,10 @@ bool isDigitsAndDots(std::string_view text) {
 
 bool mayBeName(std::string_view text) {
   const auto impossible = [](char c) {
-    return static_cast<unsigned char>(c) <= 0x20U || c == 0x7F || c == ':' || c == '/' ||
-           c == '[' || c == ']';
+    return base::isControl(c) || c == ' ' || c == ':' || c == '/' || c == '[' || c == ']';
   };
   return !text.empty() && text.size() <= kLongestName && !isDigitsAndDots(text) &&
-         std::none_of(text.begin(), text.end(), impossible) && isUtf8(text);
+         std::none_of(text.begin(), text.end(), impossible) && base::isUtf8(text);
 }
 
 std::vector<std::string> lookUp(PacEnvironment& environment, std::string_view name,

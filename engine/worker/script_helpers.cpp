@@ -8,6 +8,8 @@
 #include <span>
 #include <string_view>
 
+#include "base/ascii.h"
+#include "base/utf8.h"
 #include "engine/worker/address_text.h"
 #include "engine/worker/own_scripts.h"
 #include "engine/worker/pac_functions.h"
@@ -40,11 +42,6 @@ JSValue truth(bool value) {
 
 JSValue textValue(const Call& call, std::string_view text) {
   return JS_NewStringLen(call.context, text.data(), text.size());
-}
-
-bool isAscii(std::string_view text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char c) { return static_cast<unsigned char>(c) < 0x80U; });
 }
 
 // Evaluates one of our own scripts. @return its value, or JS_EXCEPTION
@@ -82,7 +79,7 @@ struct TwoTexts {
   [[nodiscard]] bool failed() const { return !first || !second; }
   // A byte is then what the language calls a character.
   [[nodiscard]] bool areAscii() const {
-    return strings && isAscii(first.view()) && isAscii(second.view());
+    return strings && base::isAscii(first.view()) && base::isAscii(second.view());
   }
 
   const bool strings;
@@ -178,7 +175,7 @@ JSValue dnsResolveExHelper(const Call& call) {
   const Text host(call.context, call[0]);
   if (!host) return JS_EXCEPTION;
   // An unpaired surrogate is no character of any name.
-  if (!isUtf8(host.view())) return JS_UNDEFINED;
+  if (!base::isUtf8(host.view())) return JS_UNDEFINED;
   return textValue(call, dnsResolveEx(call.environment(), host.view()));
 }
 
@@ -199,7 +196,7 @@ JSValue sortIpAddressListHelper(const Call& call) {
   if (!call.isText(0)) return JS_NULL;
   const Text list(call.context, call[0]);
   if (!list) return JS_EXCEPTION;
-  if (!isAscii(list.view())) return JS_NULL;
+  if (!base::isAscii(list.view())) return JS_NULL;
   const std::optional<std::string> sorted = sortIpAddressList(std::string(list.view()));
   return sorted ? textValue(call, *sorted) : JS_FALSE;
 }

@@ -2,7 +2,8 @@
 
 #include <cstddef>
 
-#include "engine/worker/utf8.h"
+#include "base/ascii.h"
+#include "base/utf8.h"
 
 namespace pac_worker {
 namespace {
@@ -13,10 +14,10 @@ std::string fromLatin1(std::string_view bytes) {
   std::string text;
   text.reserve(bytes.size() * 2);
   for (const char c : bytes) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x80U) {
+    if (base::isAscii(c)) {
       text += c;
     } else {
+      const auto byte = static_cast<unsigned char>(c);
       text += static_cast<char>(0xC0U | (byte >> 6U));
       text += static_cast<char>(0x80U | (byte & 0x3FU));
     }
@@ -41,7 +42,7 @@ void unifyLineEnds(std::string& text) {
 std::string decodeScript(std::string_view bytes) {
   bytes = bytes.substr(0, bytes.find('\0'));
   std::string text;
-  if (!isUtf8(bytes)) {
+  if (!base::isUtf8(bytes)) {
     text = fromLatin1(bytes);
   } else {
     if (bytes.starts_with(kByteOrderMark)) bytes.remove_prefix(kByteOrderMark.size());

@@ -1,4 +1,4 @@
-// UTF-8, as far as scripts and their texts need it.
+// Texts of a script in other forms: one line of a log, units of UTF-16. base/utf8.h has the rest.
 #pragma once
 
 #include <cstddef>
@@ -6,14 +6,6 @@
 #include <string_view>
 
 namespace pac_worker {
-
-/// True if `bytes` is well-formed UTF-8 (RFC 3629: no overlong form, no surrogate, nothing
-/// beyond U+10FFFF).
-bool isUtf8(std::string_view bytes);
-
-/// The length of the longest head of `text` that has at most `limit` bytes and splits no character
-/// of UTF-8.
-std::size_t utf8Head(std::string_view text, std::size_t limit);
 
 /// `text` fit for one log line: control characters become blanks, bytes that are no UTF-8 become
 /// "?", cut at `limit` bytes.

@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "base/utf8.h"
 #include "base/visible.h"
 #include "engine/host/worker_process.h"
 #include "engine/pac_engine.h"
@@ -89,7 +90,7 @@ End Run::wait() {
     if (!message) return std::nullopt;
     if (const auto* const alert = std::get_if<Alert>(&*message)) {
       if (alertBytesLeft == 0) continue;
-      const auto cut = cutText(alert->text, alertBytesLeft);
+      const auto cut = base::utf8Head(alert->text, alertBytesLeft);
       expectedAlerts += base::visible(cut) + '\n';
       alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);
       continue;

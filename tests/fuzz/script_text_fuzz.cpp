@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string>
 
+#include "base/utf8.h"
 #include "base/visible.h"
 #include "engine/wire/protocol.h"
 #include "engine/worker/script_text.h"
@@ -42,39 +43,36 @@ std::string utf8Of(std::u16string_view units) {
 
 void checkScript(const std::string& bytes) {
   const auto script = decodeScript(bytes);
-  require(isUtf8(script), "a script's text is UTF-8");
+  require(base::isUtf8(script), "a script's text is UTF-8");
   require(script.find_first_of(std::string_view("\0\r", 2)) == script.npos, "no NUL, no CR");
   require(script.size() <= 2 * bytes.size(), "two bytes for one at most");
   if (!script.starts_with(kByteOrderMark))
     require(decodeScript(script) == script, "what is decoded is its own text");
-  if (isUtf8(bytes) && bytes.find_first_of(std::string_view("\0\r\xEF", 3)) == bytes.npos)
+  if (base::isUtf8(bytes) && bytes.find_first_of(std::string_view("\0\r\xEF", 3)) == bytes.npos)
     require(script == bytes, "UTF-8 stays as it is");
   require(decodeScript(bytes + '\0' + bytes) == script, "a NUL ends a script");
 }
 
 void checkCuts(const std::string& text, std::size_t limit) {
-  const auto head = utf8Head(text, limit);
-  require(head <= limit && head <= text.size(), "a head is no longer than its limit");
-  const auto cut = pac_engine::cutText(text, limit);
+  const auto cut = base::utf8Head(text, limit);
   require(cut.size() <= limit && text.starts_with(cut), "a cut is a beginning within its limit");
-  if (!isUtf8(text)) return;
-  require(cut.size() == head, "both cuts are one");
-  require(isUtf8(cut), "no character is cut apart");
-  require(head == text.size() || limit - head < 4, "no more is cut than one character");
+  if (!base::isUtf8(text)) return;
+  require(base::isUtf8(cut), "no character is cut apart");
+  require(cut.size() == text.size() || limit - cut.size() < 4, "no more is cut than one character");
   require(utf8Of(utf16Units(text)) == text, "UTF-16 says the same text");
 }
 
 void checkLines(const std::string& text, std::size_t limit) {
   const auto control = [](unsigned char c) { return c < 0x20 || c == 0x7F; };
   const auto line = printableLine(text, limit);
-  require(line.size() <= limit && isUtf8(line), "a line is UTF-8 within its limit");
+  require(line.size() <= limit && base::isUtf8(line), "a line is UTF-8 within its limit");
   require(std::none_of(line.begin(), line.end(), control), "a line has no control character");
   require(printableLine(line, limit) == line, "a line stays as it is");
   const auto shown = base::visible(text);
   require(std::none_of(shown.begin(), shown.end(), control), "what is shown obeys nothing");
   require(shown.size() <= 4 * text.size(), "four characters for one at most");
   require(base::visible(shown) == shown, "what is shown is shown once");
-  require(isUtf8(shown), "whatever it was, it is shown as UTF-8");
+  require(base::isUtf8(shown), "whatever it was, it is shown as UTF-8");
   for (const char16_t unit : utf16Units(shown))
     require(unit < 0x80 || unit >= 0xA0, "nor has it the control characters beyond ASCII");
   require(utf16Units(text).size() <= text.size(), "one unit for a byte at most");

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <string>
 
+#include "base/utf8.h"
 #include "engine/worker/script_engine.h"
 #include "engine/worker/shell_expression.h"
 #include "engine/worker/utf8.h"
@@ -76,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Input input(data, size);
   const auto text = typed(input.upTo('|'));
   const auto expression = typed(input.rest());
-  if (!isUtf8(text) || !isUtf8(expression)) return 0;
+  if (!base::isUtf8(text) || !base::isUtf8(expression)) return 0;
   if (std::count(expression.begin(), expression.end(), '*') > kMostStars) return 0;
   if (!isPlainShellExpression(expression)) return 0;
 

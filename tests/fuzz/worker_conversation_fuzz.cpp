@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/utf8.h"
 #include "engine/worker/conversation.h"
 #include "engine/worker/worker_end.h"
 #include "tests/fuzz/support/input.h"
@@ -158,7 +159,7 @@ void runSteps(pac_worker::PacEnvironment& environment) {
       ownAddresses(environment, family);
     } else if (step == 1) {
       const auto text = fuzz::someText(input, kMaxResultBytes);
-      library->expected.push_back(encode(FromWorker(Alert{cutText(text, kMaxAlertBytes)})));
+      library->expected.push_back(encode(FromWorker(Alert{base::utf8Head(text, kMaxAlertBytes)})));
       environment.alert(text);
     } else {
       resolve(environment, family, std::string(fuzz::someText(input, kMaxNameBytes + 1)));
@@ -197,7 +198,7 @@ std::optional<Problem> ScriptEngine::load(std::string_view script) {
   }
   Problem error{std::string(fuzz::someText(library->input, kMaxResultBytes)), 7};
   library->expected.push_back(
-      encode(FromWorker(Refused{7, cutText(error.message, kMaxProblemBytes)})));
+      encode(FromWorker(Refused{7, base::utf8Head(error.message, kMaxProblemBytes)})));
   return error;
 }
 
@@ -217,7 +218,7 @@ Reply ScriptEngine::evaluate(std::string_view url, std::string_view host) {
     library->expected.push_back(encode(FromWorker(Answer{serial, *reply.result})));
   } else {
     reply.problem = {std::string(fuzz::someText(library->input, kMaxResultBytes)), serial};
-    const auto cut = cutText(reply.problem.message, kMaxProblemBytes);
+    const auto cut = base::utf8Head(reply.problem.message, kMaxProblemBytes);
     library->expected.push_back(encode(FromWorker(NoAnswer{serial, serial, cut})));
   }
   return reply;

@@ -74,14 +74,12 @@ Failure failedConnection(std::string_view address, int error) {
   if (error == ECONNREFUSED && !hasTransport(address)) error = EINVAL;
   const auto reason = std::generic_category().message(error);
   const auto bus = "the message bus at " + std::string(address);
+  if (isDenial(error)) {
+    const bool isSaid = error == EACCES || error == EPERM;
+    return {kDenied, bus + " does not let this user in (" +
+                         (isSaid ? reason : "it ends the connection") + "); try as another"};
+  }
   switch (error) {
-    case EACCES:
-    case EPERM:
-      return {kDenied, bus + " does not let this user in (" + reason + "); try as another"};
-    case ECONNRESET:  // one that is there lets a user go on who may, and says no word to others
-    case EPIPE:
-    case ENOTCONN:
-      return {kDenied, bus + " does not let this user in (it ends the connection); try as another"};
     case ETIMEDOUT:
       return {kTryAgain, bus + " does not answer; try again, or restart it"};
     case EINVAL:

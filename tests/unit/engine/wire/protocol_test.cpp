@@ -229,14 +229,4 @@ TEST(Protocol, BearsMessagesWithAnyByteChanged) {
   }
 }
 
-TEST(Protocol, CutsTextsBetweenCharacters) {
-  EXPECT_EQ(cutText("abc", 3), "abc");
-  EXPECT_EQ(cutText("abcd", 3), "abc");
-  EXPECT_EQ(cutText("ab\xc3\xa4", 3), "ab");
-  EXPECT_EQ(cutText("\xf0\x9f\x98\x80x", 4), "\xf0\x9f\x98\x80");
-  EXPECT_EQ(cutText("\xf0\x9f\x98\x80x", 3), "");
-  EXPECT_EQ(cutText("\x80\x80\x80\x80\x80\x80", 5), "\x80\x80");
-  EXPECT_EQ(cutText("abc", 0), "");
-}
-
 }  // namespace

@@ -33,24 +33,6 @@ TEST(ScriptText, HasOneKindOfLineEnd) {
   EXPECT_EQ(decodeScript("a\rb\r\nc\nd\r\r\n\r"), "a\nb\nc\nd\n\n\n");
 }
 
-TEST(Utf8, RefusesWhatIsNotWellFormed) {
-  EXPECT_TRUE(
-      isUtf8("\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xED\x9F\xBF\xEE\x80\x80\xF0\x90\x80\x80"
-             "\xF4\x8F\xBF\xBF"));
-  for (const char* bad : {"\x80", "\xC0\x80", "\xC1\xBF", "\xC3", "\xC3(", "\xE0\x9F\xBF",
-                          "\xED\xA0\x80", "\xED\xBF\xBF", "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80",
-                          "\xF5\x80\x80\x80", "\xE2\x82", "\xFF"})
-    EXPECT_FALSE(isUtf8(bad)) << bad;
-}
-
-TEST(Utf8, IsCutBetweenCharacters) {
-  EXPECT_EQ(utf8Head("abc", 3), 3U);
-  EXPECT_EQ(utf8Head("abcd", 3), 3U);
-  EXPECT_EQ(utf8Head("a\xE2\x82\xAC", 3), 1U);
-  EXPECT_EQ(utf8Head("a\xE2\x82\xAC", 4), 4U);
-  EXPECT_EQ(utf8Head("abc", 0), 0U);
-}
-
 TEST(Utf8, BecomesOnePrintableLine) {
   EXPECT_EQ(printableLine("a\nb\tc\x7F\xC2\x85"
                           "d\xE2\x80\xA8"
