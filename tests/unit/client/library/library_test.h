@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "tests/support/private_bus.h"
-#include "tests/unit/client/library/stand_in_daemon.h"
+#include "tests/support/stand_in_daemon.h"
 
 using proxymanager::Answer;
 using proxymanager::Change;

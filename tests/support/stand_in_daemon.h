@@ -40,6 +40,9 @@ class StandInDaemon {
   /// How `url` is answered from now on; all others are with {"manual", "http://p.example:1"}.
   void answer(const std::string& url, Reply reply);
 
+  /// How every other URL is answered from now on. `rule` is called on the daemon's thread.
+  void answer(std::function<Reply(const std::string& url)> rule);
+
   /// Answers what is held, in the order in which it came, and holds nothing any more.
   void release();
 
@@ -88,6 +91,7 @@ class StandInDaemon {
   std::deque<std::packaged_task<void()>> mTasks;
   bool mIsEnding = false;
   std::map<std::string, Reply> mReplies;
+  std::function<Reply(const std::string& url)> mRule;
   std::map<std::string, int> mCounts;
   int mCount = 0;
   std::deque<std::pair<sd_bus_message*, Reply>> mHeld;  ///< the thread's own

@@ -1,4 +1,4 @@
-#include "tests/unit/client/library/stand_in_daemon.h"
+#include "tests/support/stand_in_daemon.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -45,6 +45,11 @@ StandInDaemon::~StandInDaemon() {
 void StandInDaemon::answer(const std::string& url, Reply reply) {
   const std::lock_guard lock(mMutex);
   mReplies[url] = std::move(reply);
+}
+
+void StandInDaemon::answer(std::function<Reply(const std::string& url)> rule) {
+  const std::lock_guard lock(mMutex);
+  mRule = std::move(rule);
 }
 
 void StandInDaemon::release() {
@@ -141,6 +146,8 @@ int StandInDaemon::onMessage(sd_bus_message* message, void* self, sd_bus_error*)
     ++daemon.mCount;
     if (const auto found = daemon.mReplies.find(url); found != daemon.mReplies.end()) {
       reply = found->second;
+    } else if (daemon.mRule) {
+      reply = daemon.mRule(url);
     }
   }
   daemon.mAsked.notify_all();
