@@ -193,6 +193,18 @@ def test_an_update_called_after_the_script_puts_it_in_doubt_until_it_answers():
     assert wrong(oracle) == 1
 
 
+def test_an_answer_by_the_repeat_does_not_say_that_the_doubtful_one_was_loaded():
+    oracle = two_scripts()
+    pacurl(oracle, 14)
+    loaded(oracle, 15, 2)
+    oracle.answered(15.2, 16, "h", OLD)  # the update ended the first transfer of the second script
+    oracle.answered(16, 17, "h", NEW)
+    assert wrong(oracle) == 0
+    oracle.request_came(18)
+    oracle.answered(18.1, 19, "h", OLD)
+    assert wrong(oracle) == 1
+
+
 def test_no_script_answers_before_it_was_sent():
     oracle = two_scripts()
     oracle.answered(9, 9.9, "h", NEW)
