@@ -39,12 +39,8 @@ if(TARGET proxymanager_gio)
   install(TARGETS proxymanager_gio LIBRARY DESTINATION "${PROXYMANAGER_GIO_MODULE_DIR}")
 endif()
 
-set(proxymanager_interface
-    "${PROJECT_SOURCE_DIR}/dbus/com.zentu.ProxyManagerServiceInterface.xml")
-if(EXISTS "${proxymanager_interface}")
-  install(FILES "${proxymanager_interface}"
-    DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
-endif()
+install(FILES "${PROJECT_SOURCE_DIR}/dbus/com.zentu.ProxyManagerServiceInterface.xml"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
 
 # What the system around the daemon reads. The unit alone holds a whole path, the daemon's below the
 # prefix that the build was configured with: systemd knows no other way to name a program.
