@@ -53,7 +53,6 @@ namespace {
 const std::string kScript = "/tmp/proxymanager.pac";
 const std::string kLease = "/usr/local/lumad/dhcp.conf";
 const std::string kResolver = "/tmp/.resolv.conf.dnsmasq";
-const std::string kWatch = "PACFetcher-dhcpCfgWatchThreadFunc ";
 constexpr auto kPrompt = 60s;  // far above what a prompt stop takes, far below the interval
 
 /// The thread's inotify descriptor; -1 while there is none.
@@ -88,7 +87,9 @@ class ConfigWatch : public OwnRootTest {
   }
   /// Waits until the thread is about to sleep for the `times`th time.
   static bool waitForSleep(int times = 1) {
-    if (!waitForLog(LOG_NOTICE, kWatch + "inotify_add_watch, path:" + kResolver)) return false;
+    if (!waitForLog(LOG_NOTICE,
+                    "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, path:" + kResolver))
+      return false;
     return waitForLog(
         LOG_INFO,
         "PACFetcher-wait_for_changes fd:" + std::to_string(inotifyFd()) + ", interval:1800", times);
@@ -119,8 +120,9 @@ class ConfigWatch : public OwnRootTest {
 class WatchedFile : public ConfigWatch, public testing::WithParamInterface<std::string> {
  protected:
   void expectOneRefetch() {
-    EXPECT_TRUE(waitForLog(LOG_INFO, kWatch + "read len:16"));
-    EXPECT_TRUE(waitForLog(LOG_NOTICE, kWatch + "proxy mode is wpad or pac-url refetch"));
+    EXPECT_TRUE(waitForLog(LOG_INFO, "PACFetcher-dhcpCfgWatchThreadFunc read len:16"));
+    EXPECT_TRUE(waitForLog(
+        LOG_NOTICE, "PACFetcher-dhcpCfgWatchThreadFunc proxy mode is wpad or pac-url refetch"));
     EXPECT_TRUE(waitForUpdates(2));
     mFetcher->stop();
     EXPECT_EQ(mServer.hits("/p.pac"), 2);
@@ -152,9 +154,12 @@ TEST_P(WatchedFile, IsWatchedThoughTheOtherIsMissing) {
   writeFile(GetParam(), "");
   startWatching();
   const std::string other = GetParam() == kLease ? kResolver : kLease;
-  EXPECT_TRUE(logged(LOG_ERR, kWatch + "error setting up watch on path:" + other));
-  EXPECT_FALSE(logged(LOG_ERR, kWatch + "error setting up watch on path:" + GetParam()));
-  EXPECT_FALSE(logged(LOG_ERR, kWatch + "setting up watch on paths failed"));
+  EXPECT_TRUE(
+      logged(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc error setting up watch on path:" + other));
+  EXPECT_FALSE(logged(
+      LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc error setting up watch on path:" + GetParam()));
+  EXPECT_FALSE(
+      logged(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc setting up watch on paths failed"));
   ASSERT_EQ(chmod(GetParam().c_str(), 0600), 0);
   expectOneRefetch();
 }
@@ -170,11 +175,12 @@ TEST_F(ConfigWatch, ReadsAndIgnoresAChangeInModesOffAndManual) {
   for (const ProxyMode mode : {off, manual}) {
     update(mode);
     ASSERT_EQ(chmod(kResolver.c_str(), mode == off ? 0600 : 0640), 0);
-    ASSERT_TRUE(waitForLog(LOG_INFO, kWatch + "read len:16", ++reads));
+    ASSERT_TRUE(waitForLog(LOG_INFO, "PACFetcher-dhcpCfgWatchThreadFunc read len:16", ++reads));
     ASSERT_TRUE(waitForSleep(reads + 1));
   }
   mFetcher->stop();
-  EXPECT_FALSE(logged(LOG_NOTICE, kWatch + "proxy mode is wpad or pac-url refetch"));
+  EXPECT_FALSE(logged(LOG_NOTICE,
+                      "PACFetcher-dhcpCfgWatchThreadFunc proxy mode is wpad or pac-url refetch"));
   EXPECT_EQ(mServer.hits("/p.pac"), 0);
 }
 
@@ -184,7 +190,8 @@ TEST_F(ConfigWatch, IgnoresAChangeBeforeTheFirstConfiguration) {
   ASSERT_TRUE(waitForSleep());
   ASSERT_EQ(chmod(kResolver.c_str(), 0600), 0);
   ASSERT_TRUE(waitForSleep(2));
-  EXPECT_FALSE(logged(LOG_NOTICE, kWatch + "proxy mode is wpad or pac-url refetch"));
+  EXPECT_FALSE(logged(LOG_NOTICE,
+                      "PACFetcher-dhcpCfgWatchThreadFunc proxy mode is wpad or pac-url refetch"));
 }
 
 // A flood of changes costs one fetch at once, and one for each two seconds that it lasts.
@@ -240,8 +247,10 @@ TEST_P(UnwatchedFile, CausesNoFetch) {
       ASSERT_EQ(chown(kResolver.c_str(), 4711, 4711), 0);
   }
   mFetcher->start();
-  ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "error setting up watch on path:" + kResolver));
-  EXPECT_FALSE(logged(LOG_ERR, kWatch + "error setting up watch on path:" + kLease));
+  ASSERT_TRUE(waitForLog(
+      LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc error setting up watch on path:" + kResolver));
+  EXPECT_FALSE(logged(
+      LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc error setting up watch on path:" + kLease));
 }
 
 const char* const kUnwatched[] = {"LinkToAFolder", "LinkToAFile", "SecondName",
@@ -268,8 +277,8 @@ TEST_F(ConfigWatch, LetsGoAtOnceThoughTheWatchesWentWithTheirFiles) {
   const auto bytesRead = [] {
     int sum = 0;
     for (const auto& line : logLines()) {
-      if (line.text.starts_with(kWatch + "read len:")) {
-        sum += std::stoi(line.text.substr((kWatch + "read len:").size()));
+      if (line.text.starts_with("PACFetcher-dhcpCfgWatchThreadFunc read len:")) {
+        sum += std::stoi(line.text.substr(line.text.find("len:") + 4));
       }
     }
     return sum;
@@ -280,7 +289,8 @@ TEST_F(ConfigWatch, LetsGoAtOnceThoughTheWatchesWentWithTheirFiles) {
   };
   const auto reads = [] {
     int count = 0;
-    for (const auto& line : logLines()) count += line.text.starts_with(kWatch + "read len:");
+    for (const auto& line : logLines())
+      count += line.text.starts_with("PACFetcher-dhcpCfgWatchThreadFunc read len:");
     return count;
   };
   const auto limit = std::chrono::steady_clock::now() + 60s;
@@ -305,10 +315,15 @@ TEST_F(ConfigWatch, WatchesAgainAfterAStopAndAStart) {
 
 TEST_F(ConfigWatch, DoesWithoutTheThreadWhereNoFileIsThere) {
   mFetcher->start();
-  ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "setting up watch on paths failed"));
+  ASSERT_TRUE(
+      waitForLog(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc setting up watch on paths failed"));
   for (const std::string& path : {kLease, kResolver}) {
-    EXPECT_EQ(countLog(LOG_NOTICE, kWatch + "inotify_add_watch, path:" + path), 1);
-    EXPECT_EQ(countLog(LOG_ERR, kWatch + "error setting up watch on path:" + path), 1);
+    EXPECT_EQ(
+        countLog(LOG_NOTICE, "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, path:" + path),
+        1);
+    EXPECT_EQ(countLog(LOG_ERR,
+                       "PACFetcher-dhcpCfgWatchThreadFunc error setting up watch on path:" + path),
+              1);
   }
   expectFetchesAllTheSame();
   EXPECT_EQ(inotifyFd(), -1);
@@ -318,7 +333,7 @@ TEST_F(ConfigWatch, DoesWithoutTheThreadWhereTheEventBufferIsNotToBeHad) {
   makeFiles();
   noEventBuffer = true;
   mFetcher->start();
-  ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "allocation failed"));
+  ASSERT_TRUE(waitForLog(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc allocation failed"));
   expectFetchesAllTheSame();
   EXPECT_EQ(inotifyFd(), -1);
 }
@@ -327,7 +342,8 @@ TEST_F(ConfigWatch, DoesWithoutTheThreadWhereInotifyIsNotToBeHad) {
   makeFiles();
   noInotify = true;
   mFetcher->start();
-  ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "inotify init failure, ifd:-1"));
+  ASSERT_TRUE(
+      waitForLog(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc inotify init failure, ifd:-1"));
   expectFetchesAllTheSame();
 }
 
@@ -345,7 +361,8 @@ TEST_F(ConfigWatch, TakesADescriptorThatSelectCannotHoldForAFailure) {
   makeFiles();
   if (!takeDescriptorsUpTo(1023)) GTEST_SKIP() << "needs 1200 descriptors";
   mFetcher->start();
-  ASSERT_TRUE(waitForLog(LOG_ERR, kWatch + "inotify init failure, ifd:1024"));
+  ASSERT_TRUE(
+      waitForLog(LOG_ERR, "PACFetcher-dhcpCfgWatchThreadFunc inotify init failure, ifd:1024"));
   EXPECT_EQ(inotifyFd(), -1);
   closefrom(900);
   expectPromptStop();

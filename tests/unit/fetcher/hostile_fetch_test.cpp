@@ -38,11 +38,11 @@ class HostileFetch : public OwnRootTest {
     return lowest;
   }
   /// A failed download that leaves neither file nor descriptor nor process.
-  static void expectFailedDownload(const std::string& step, const std::string& error) {
+  static void expectFailedDownload(const std::string& step, const std::string& line) {
     const int before = lowestFreeDescriptor();
     const auto result = take(step);
     EXPECT_FALSE(result.success);
-    EXPECT_EQ(result.error, error);
+    EXPECT_EQ("fetcher: " + result.error + " (", line);
     EXPECT_EQ(lowestFreeDescriptor(), before);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
@@ -55,21 +55,21 @@ class HostileFetch : public OwnRootTest {
   }
 };
 
-const std::string kNoResult = "the fetch process ended without a result";
-const std::string kBroken = "the fetch process sent something else than a result";
+// The beginnings of lines of the log; an error is what follows the component's name.
+const std::string kNoResult = "fetcher: the fetch process ended without a result (";
+const std::string kBroken = "fetcher: the fetch process sent something else than a result (";
 
 struct Step {
   const char* name;
-  const std::string* error;
+  const std::string* line;
 };
 
 class BrokenRules : public HostileFetch, public testing::WithParamInterface<Step> {};
 
 TEST_P(BrokenRules, FailTheDownload) {
-  expectFailedDownload(GetParam().name, *GetParam().error);
-  EXPECT_THAT(logLines(),
-              testing::Contains(testing::Field(
-                  &LogLine::text, testing::StartsWith("fetcher: " + *GetParam().error + " ("))));
+  expectFailedDownload(GetParam().name, *GetParam().line);
+  EXPECT_THAT(logLines(), testing::Contains(testing::Field(&LogLine::text,
+                                                           testing::StartsWith(*GetParam().line))));
 }
 
 INSTANTIATE_TEST_SUITE_P(OfAnyKind, BrokenRules,
@@ -109,8 +109,7 @@ class KillingWall : public HostileFetch, public testing::WithParamInterface<cons
 
 TEST_P(KillingWall, EndsTheProcess) {
   expectFailedDownload(GetParam(), kNoResult);
-  EXPECT_TRUE(
-      logged(LOG_WARNING, "fetcher: " + kNoResult + " (signal " + std::to_string(SIGSYS) + ")"));
+  EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "signal " + std::to_string(SIGSYS) + ")"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Fetch, KillingWall,
@@ -126,7 +125,7 @@ class RefusingWall : public HostileFetch, public testing::WithParamInterface<con
 // The process exits with 40 if what it tried was refused.
 TEST_P(RefusingWall, StandsInTheWay) {
   expectFailedDownload(GetParam(), kNoResult);
-  EXPECT_TRUE(logged(LOG_WARNING, "fetcher: " + kNoResult + " (exit 40)"));
+  EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "exit 40)"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Fetch, RefusingWall,

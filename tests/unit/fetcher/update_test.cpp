@@ -14,10 +14,6 @@ using testing::ElementsAre;
 
 namespace {
 
-LogLine update(int priority, const std::string& text) {
-  return {priority, "PACFetcher-updateProxyMgrConfig " + text};
-}
-
 ProxyConfig config(ProxyMode mode, std::string& proxyUrl, std::string& pacUrl) {
   ProxyConfig made;
   made.mode = mode;
@@ -35,9 +31,12 @@ TEST(ConfigUpdate, SaysWhatItTookAndThatItRefetches) {
     fetcher.updateProxyMgrConfig(config(mode, proxyUrl, pacUrl));
     EXPECT_THAT(
         logLines(),
-        ElementsAre(update(LOG_INFO, "called"), update(LOG_NOTICE, "mode:" + std::to_string(mode)),
-                    update(LOG_INFO, "pacUrl:http://a/"), update(LOG_INFO, "proxyUrl:p:1"),
-                    update(LOG_NOTICE, "proxy mode >= pacurl refetch")));
+        ElementsAre(
+            LogLine{LOG_INFO, "PACFetcher-updateProxyMgrConfig called"},
+            LogLine{LOG_NOTICE, "PACFetcher-updateProxyMgrConfig mode:" + std::to_string(mode)},
+            LogLine{LOG_INFO, "PACFetcher-updateProxyMgrConfig pacUrl:http://a/"},
+            LogLine{LOG_INFO, "PACFetcher-updateProxyMgrConfig proxyUrl:p:1"},
+            LogLine{LOG_NOTICE, "PACFetcher-updateProxyMgrConfig proxy mode >= pacurl refetch"}));
   }
 }
 
@@ -48,8 +47,10 @@ TEST(ConfigUpdate, RequestsNothingInModesOffAndManual) {
     ProxyConfig plain;
     plain.mode = mode;
     fetcher.updateProxyMgrConfig(plain);
-    EXPECT_THAT(logLines(), ElementsAre(update(LOG_INFO, "called"),
-                                        update(LOG_NOTICE, "mode:" + std::to_string(mode))));
+    EXPECT_THAT(logLines(),
+                ElementsAre(LogLine{LOG_INFO, "PACFetcher-updateProxyMgrConfig called"},
+                            LogLine{LOG_NOTICE, "PACFetcher-updateProxyMgrConfig mode:" +
+                                                    std::to_string(mode)}));
   }
 }
 

@@ -56,9 +56,6 @@ class Retrieval : public OwnRootTest {
   }
   int retrieve() { return PACFetcherTestAccess::retrieve(mFetcher); }
 
-  static LogLine say(int priority, const std::string& text) {
-    return {priority, "PACFetcher-retrievePacFile " + text};
-  }
   /// The lines of retrievePacFile itself.
   static std::vector<LogLine> lines() {
     auto all = logLines();
@@ -86,7 +83,9 @@ TEST_F(Retrieval, DoesNothingInModesOffAndManualAndKeepsTheScript) {
   for (const ProxyMode mode : {off, manual}) {
     configure(mode, mServer.url("/p.pac"));
     EXPECT_EQ(retrieve(), 0);
-    EXPECT_THAT(logLines(), ElementsAre(say(LOG_NOTICE, "proxy mode:" + std::to_string(mode))));
+    EXPECT_THAT(logLines(),
+                ElementsAre(LogLine{
+                    LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:" + std::to_string(mode)}));
   }
   EXPECT_EQ(readFile(kScript), "old");
   EXPECT_EQ(timesUpdated(), 0);
@@ -95,15 +94,19 @@ TEST_F(Retrieval, DoesNothingInModesOffAndManualAndKeepsTheScript) {
 TEST_F(Retrieval, BeginsInModeOff) {
   clearLog();
   EXPECT_EQ(retrieve(), 0);
-  EXPECT_THAT(logLines(), ElementsAre(say(LOG_NOTICE, "proxy mode:0")));
+  EXPECT_THAT(logLines(),
+              ElementsAre(LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:0"}));
 }
 
 TEST_F(Retrieval, RefusesModePacurlWithoutAUrl) {
   configure(pacurl);
   EXPECT_EQ(retrieve(), -1);
-  EXPECT_THAT(logLines(),
-              ElementsAre(say(LOG_NOTICE, "proxy mode:2"),
-                          say(LOG_ERR, "proxy mode is PACURL, proxyconfig.pacurl is empty")));
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre(
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:2"},
+          LogLine{LOG_ERR,
+                  "PACFetcher-retrievePacFile proxy mode is PACURL, proxyconfig.pacurl is empty"}));
 }
 
 TEST_F(Retrieval, InstallsTheUsersScriptAndTellsTheService) {
@@ -117,21 +120,25 @@ TEST_F(Retrieval, InstallsTheUsersScriptAndTellsTheService) {
   EXPECT_EQ(timesUpdated(), 1);
   EXPECT_THAT(
       logLines(),
-      ElementsAre(say(LOG_NOTICE, "proxy mode:2"),
-                  say(LOG_NOTICE, "Using user-provided PAC URL: '" + url + "'"),
-                  say(LOG_NOTICE, "try to fileDownload url:" + url),
-                  LogLine{LOG_INFO, "PACFetcher-fileDownload called"},
-                  LogLine{LOG_DEBUG, "PACFetcher-fileDownload result success:true, code:200"},
-                  say(LOG_NOTICE, "PAC file download success url:" + url)));
+      ElementsAre(
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:2"},
+          LogLine{LOG_NOTICE,
+                  "PACFetcher-retrievePacFile Using user-provided PAC URL: '" + url + "'"},
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:" + url},
+          LogLine{LOG_INFO, "PACFetcher-fileDownload called"},
+          LogLine{LOG_DEBUG, "PACFetcher-fileDownload result success:true, code:200"},
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile PAC file download success url:" + url}));
 }
 
 TEST_F(Retrieval, TriesAnEmptyUserUrlAndIsDone) {
   configure(pacurl, "");
   EXPECT_EQ(retrieve(), 0);
-  EXPECT_THAT(lines(), ElementsAre(say(LOG_NOTICE, "proxy mode:2"),
-                                   say(LOG_NOTICE, "Using user-provided PAC URL: ''"),
-                                   say(LOG_NOTICE, "try to fileDownload url:"),
-                                   say(LOG_ERR, "PAC file download failed url:")));
+  EXPECT_THAT(
+      lines(),
+      ElementsAre(LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:2"},
+                  LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile Using user-provided PAC URL: ''"},
+                  LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:"},
+                  LogLine{LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:"}));
 }
 
 TEST_F(Retrieval, KeepsTheOldScriptWhenTheDownloadIsNoScript) {
@@ -164,16 +171,21 @@ TEST_F(Retrieval, TriesOption252AndThenTheNamesOfTheDomain) {
   configure(wpad);
   EXPECT_EQ(retrieve(), 0);
   EXPECT_EQ(readFile(kScript), script("PROXY dns:1"));
-  EXPECT_THAT(lines(), ElementsAre(say(LOG_NOTICE, "proxy mode:3"),
-                                   say(LOG_NOTICE, "wpad-dhcp opt252:" + url),
-                                   say(LOG_INFO, "wpad-dns push back candidate url:" + kEng),
-                                   say(LOG_INFO, "wpad-dns push back candidate url:" + kExample),
-                                   say(LOG_NOTICE, "try to fileDownload url:" + url),
-                                   say(LOG_ERR, "PAC file download failed url:" + url),
-                                   say(LOG_NOTICE, "try to fileDownload url:" + kEng),
-                                   say(LOG_ERR, "PAC file download failed url:" + kEng),
-                                   say(LOG_NOTICE, "try to fileDownload url:" + kExample),
-                                   say(LOG_NOTICE, "PAC file download success url:" + kExample)));
+  EXPECT_THAT(
+      lines(),
+      ElementsAre(
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:3"},
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile wpad-dhcp opt252:" + url},
+          LogLine{LOG_INFO, "PACFetcher-retrievePacFile wpad-dns push back candidate url:" + kEng},
+          LogLine{LOG_INFO,
+                  "PACFetcher-retrievePacFile wpad-dns push back candidate url:" + kExample},
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:" + url},
+          LogLine{LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:" + url},
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:" + kEng},
+          LogLine{LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:" + kEng},
+          LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:" + kExample},
+          LogLine{LOG_NOTICE,
+                  "PACFetcher-retrievePacFile PAC file download success url:" + kExample}));
 }
 
 TEST_F(Retrieval, EndsWithTheFirstGoodCandidate) {
@@ -234,8 +246,9 @@ TEST_F(Retrieval, RefusesModeWpadWithoutDhcpInformationAndTriesNoName) {
   writeFile(kResolver, "search example.com\n");
   configure(wpad);
   EXPECT_EQ(retrieve(), -1);
-  EXPECT_THAT(lines(), ElementsAre(say(LOG_NOTICE, "proxy mode:3"),
-                                   say(LOG_ERR, "getdhcpinfo error rc:22")));
+  EXPECT_THAT(lines(),
+              ElementsAre(LogLine{LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:3"},
+                          LogLine{LOG_ERR, "PACFetcher-retrievePacFile getdhcpinfo error rc:22"}));
 }
 
 TEST_F(Retrieval, GoesOnWithTheNextCandidateAfterAFailedRenameAndKeepsTheOldScript) {

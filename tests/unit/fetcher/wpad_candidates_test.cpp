@@ -124,18 +124,23 @@ TEST(WpadCandidates, SayTheirLinesInOrder) {
   fetcher.wpadUrlCandidatesFromDomain("eng.example.com com");
   auto lines = logLines();
   std::erase_if(lines, [](const LogLine& line) { return !line.text.starts_with("PACFetcher-"); });
-  const std::string start = "PACFetcher-wpadUrlCandidatesFromDomain ";
   EXPECT_THAT(
       lines,
       ElementsAre(
-          LogLine{LOG_NOTICE, start + "wpad-dns domain:eng.example.com com"},
-          LogLine{LOG_NOTICE, start + "wpad-dns domain for splice:eng.example.com"},
           LogLine{LOG_NOTICE,
-                  start + "wpad-dns push back candidate:http://wpad.eng.example.com/wpad.dat"},
+                  "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns domain:eng.example.com com"},
+          LogLine{
+              LOG_NOTICE,
+              "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns domain for splice:eng.example.com"},
+          LogLine{
+              LOG_NOTICE,
+              "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns push back candidate:http://wpad.eng.example.com/wpad.dat"},
+          LogLine{
+              LOG_NOTICE,
+              "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns push back candidate:http://wpad.example.com/wpad.dat"},
           LogLine{LOG_NOTICE,
-                  start + "wpad-dns push back candidate:http://wpad.example.com/wpad.dat"},
-          LogLine{LOG_NOTICE, start + "wpad-dns domain for splice:com"},
-          LogLine{LOG_INFO, start + "wpad-dns candidates size:2"}));
+                  "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns domain for splice:com"},
+          LogLine{LOG_INFO, "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns candidates size:2"}));
 }
 
 }  // namespace
