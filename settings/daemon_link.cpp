@@ -11,9 +11,6 @@ namespace settings {
 
 namespace {
 
-constexpr auto kLimitUs = static_cast<std::uint64_t>(
-    std::chrono::duration_cast<std::chrono::microseconds>(kDaemonLimit).count());
-
 std::string problemOf(sd_bus_message* reply) {
   if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
     const char* text = error->message != nullptr ? error->message : error->name;
@@ -65,16 +62,16 @@ int DaemonLink::onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error*
   const char *name = nullptr, *before = nullptr, *now = nullptr;
   if (sd_bus_message_read(signal, "sss", &name, &before, &now) < 0) return 0;
   if (std::strcmp(name, base::kBusName) != 0) return 0;
-  static_cast<DaemonLink*>(self)->ownerIs(now);
-  return 0;
+  auto& link = *static_cast<DaemonLink*>(self);
+  return guarded(sd_bus_get_event(link.mBus), [&link, now] { link.ownerIs(now); });
 }
 
 int DaemonLink::onOwner(sd_bus_message* reply, void* self, sd_bus_error*) {
   const char* owner = nullptr;
   if (sd_bus_message_is_method_error(reply, nullptr)) return 0;  // nobody has the name
   if (sd_bus_message_read(reply, "s", &owner) < 0) return 0;
-  static_cast<DaemonLink*>(self)->ownerIs(owner);
-  return 0;
+  auto& link = *static_cast<DaemonLink*>(self);
+  return guarded(sd_bus_get_event(link.mBus), [&link, owner] { link.ownerIs(owner); });
 }
 
 void DaemonLink::ownerIs(const std::string& owner) {
@@ -95,35 +92,38 @@ BusMessage DaemonLink::newCall(const char* member) {
   return owned;
 }
 
-void DaemonLink::call(BusMessage message, std::function<void(sd_bus_message*)> done) {
+void DaemonLink::call(BusMessage message, std::function<void(sd_bus_message*)> done,
+                      std::chrono::microseconds limit) {
   mCalls.push_back({this, std::move(done), nullptr});
   sd_bus_slot* slot = nullptr;
-  const int sent = sd_bus_call_async(mBus, &slot, message.get(), onReply, &mCalls.back(), kLimitUs);
+  const int sent = sd_bus_call_async(mBus, &slot, message.get(), onReply, &mCalls.back(),
+                                     static_cast<std::uint64_t>(limit.count()));
   if (sent < 0) mCalls.pop_back();
   require(sent, "sd_bus_call_async");
   mCalls.back().slot.reset(slot);
 }
 
 int DaemonLink::onReply(sd_bus_message* reply, void* call, sd_bus_error*) {
-  auto& calls = static_cast<Call*>(call)->link->mCalls;
+  auto& link = *static_cast<Call*>(call)->link;
+  auto& calls = link.mCalls;
   for (auto entry = calls.begin(); entry != calls.end(); ++entry) {
     if (&*entry != call) continue;
     // The callback may begin calls, so this one leaves the list first.
     std::list<Call> ended;
     ended.splice(ended.begin(), calls, entry);
-    ended.front().done(reply);
-    break;
+    return guarded(sd_bus_get_event(link.mBus), [&ended, reply] { ended.front().done(reply); });
   }
   return 0;
 }
 
-void DaemonLink::read(Read done) {
-  call(newCall("getProxyconfig"), [done = std::move(done)](sd_bus_message* reply) {
+void DaemonLink::read(Read done, std::chrono::microseconds limit) {
+  const auto replied = [done = std::move(done)](sd_bus_message* reply) {
     std::string problem = problemOf(reply);
     auto configuration = problem.empty() ? configurationOf(reply) : std::nullopt;
     if (problem.empty() && !configuration) problem = "the reply is not the daemon's";
     done(std::move(configuration), problem);
-  });
+  };
+  call(newCall("getProxyconfig"), replied, limit);
 }
 
 void DaemonLink::update(const Configuration& configuration, Updated done) {

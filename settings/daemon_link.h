@@ -29,7 +29,7 @@ using BusMessage = std::unique_ptr<sd_bus_message, BusMessageCloser>;
 /// each, and other callers' questions may come first.
 inline constexpr std::chrono::seconds kDaemonLimit{60};
 
-/// One connection's view of the daemon. Callbacks run in the event loop and throw nothing.
+/// One connection's view of the daemon. Callbacks run in the event loop.
 class DaemonLink {
  public:
   class Listener {
@@ -57,9 +57,9 @@ class DaemonLink {
   /// The daemon's answer: the mode and the entries; nothing without one.
   using Answered = std::function<void(std::optional<std::vector<std::string>>)>;
 
-  /// Each begins one call that never starts the daemon and ends after kDaemonLimit. The callback is
-  /// called exactly once, later, unless the link is destroyed first.
-  void read(Read done);
+  /// Each begins one call that never starts the daemon and ends after the limit. The callback is
+  /// called exactly once, later, guarded, unless the link is destroyed first.
+  void read(Read done, std::chrono::microseconds limit = kDaemonLimit);
   void update(const Configuration& configuration, Updated done);
   void ask(const std::string& url, Answered done);
 
@@ -69,7 +69,8 @@ class DaemonLink {
     std::function<void(sd_bus_message*)> done;  ///< takes the reply, which may be an error
     BusSlot slot;
   };
-  void call(BusMessage message, std::function<void(sd_bus_message*)> done);
+  void call(BusMessage message, std::function<void(sd_bus_message*)> done,
+            std::chrono::microseconds limit = kDaemonLimit);
   BusMessage newCall(const char* member);
   void ownerIs(const std::string& owner);
   static int onReply(sd_bus_message* reply, void* call, sd_bus_error*);

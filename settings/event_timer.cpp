@@ -1,8 +1,12 @@
 #include "settings/event_timer.h"
 
+#include <cstdlib>
 #include <ctime>
+#include <exception>
 #include <system_error>
 #include <utility>
+
+#include "base/log_line.h"
 
 namespace settings {
 
@@ -12,6 +16,16 @@ constexpr std::uint64_t kAccuracyUs = 250'000;
 
 void require(int result, const char* what) {
   if (result < 0) throw std::system_error(-result, std::generic_category(), what);
+}
+
+int guarded(sd_event* event, const std::function<void()>& action) noexcept {
+  try {
+    action();
+  } catch (const std::exception& failure) {
+    logLine(LOG_ERR, "settings: cannot go on, ending: %s", failure.what());
+    sd_event_exit(event, EXIT_FAILURE);
+  }
+  return 0;
 }
 
 EventTimer::EventTimer(sd_event* event, std::function<void()> fired)
@@ -43,8 +57,8 @@ bool EventTimer::isSet() const {
 }
 
 int EventTimer::onTime(sd_event_source*, std::uint64_t, void* self) {
-  static_cast<EventTimer*>(self)->mFired();
-  return 0;
+  const auto& timer = *static_cast<const EventTimer*>(self);
+  return guarded(timer.mEvent, timer.mFired);
 }
 
 }  // namespace settings

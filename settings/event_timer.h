@@ -17,10 +17,15 @@ using EventSource = std::unique_ptr<sd_event_source, EventSourceCloser>;
 /// Throws std::system_error if an sd-event or sd-bus call returned a negative errno.
 void require(int result, const char* what);
 
+/// Runs `action` in a callback of the loop, through which nothing may be thrown. What it throws is
+/// logged and ends the loop with status 1: the supervisor starts the service again, which is better
+/// than one that has done half of something. @return 0
+int guarded(sd_event* event, const std::function<void()>& action) noexcept;
+
 /// Not for use outside the loop's thread. The loop outlives it.
 class EventTimer {
  public:
-  /// @param fired called in the loop, each time the timer runs out; throws nothing
+  /// @param fired called in the loop, guarded, each time the timer runs out
   EventTimer(sd_event* event, std::function<void()> fired);
 
   /// Fires once after `pause`; an earlier setting is forgotten. CLOCK_MONOTONIC, to the second: so

@@ -44,8 +44,8 @@ int FileWatch::onEvent(sd_event_source*, const inotify_event* event, void* watch
   const auto& entry = *static_cast<const Watched*>(watched);
   const bool isOther =
       event->len != 0 && !entry.place.name.empty() && entry.place.name != event->name;
-  if (!isOther) entry.watch->noticed();
-  return 0;
+  if (isOther) return 0;
+  return guarded(entry.watch->mEvent, [&entry] { entry.watch->noticed(); });
 }
 
 void FileWatch::noticed() {

@@ -84,6 +84,10 @@ std::optional<std::time_t> HandOver::lastHandOver() const {
   return mHandOverTime.tv_sec;
 }
 
+bool HandOver::isOurs(const Configuration& configuration) const {
+  return !mHandedOver || *mHandedOver == configuration;
+}
+
 bool HandOver::usesScript() const {
   return mWanted && (mWanted->mode == Mode::kPacUrl || mWanted->mode == Mode::kWpad);
 }
@@ -154,7 +158,7 @@ void HandOver::handOver() {
   mIsCalling = true;
   const Configuration configuration = *mWanted;
   timespec before{};
-  clock_gettime(CLOCK_REALTIME, &before);
+  clock_gettime(CLOCK_REALTIME_COARSE, &before);  // the clock of the file's time
   mDaemon.update(configuration, [this, configuration, before,
                                  appearance = mAppearance](const std::string& problem) {
     if (appearance != mAppearance) return;

@@ -68,6 +68,8 @@ class HandOver {
   std::optional<std::time_t> lastHandOver() const;
   const std::string& lastProblem() const { return mProblem; }
   bool isForeign() const { return mIsForeign; }
+  /// Whether the daemon's `configuration` is the one that was handed over.
+  bool isOurs(const Configuration& configuration) const;
 
  private:
   enum class Due { kNothing, kIfDifferent, kIfScriptIsMissing, kIfOurs, kAlways };

@@ -134,9 +134,10 @@ struct BusCloser {
   void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 };
 
-int onHangUp(sd_event_source*, const signalfd_siginfo*, void* service) {
-  static_cast<settings::SettingsService*>(service)->reload();
-  return 0;
+int onHangUp(sd_event_source* source, const signalfd_siginfo*, void* service) {
+  return settings::guarded(sd_event_source_get_event(source), [service] {
+    static_cast<settings::SettingsService*>(service)->reload();
+  });
 }
 
 int run(const Options& options) {

@@ -145,13 +145,14 @@ void PacRunner::start() {
 }
 
 PacRunner::Sender& PacRunner::senderOf(const std::string& name) {
-  Sender& sender = mSenders[name];
-  if (sender.track) return sender;
+  if (const auto found = mSenders.find(name); found != mSenders.end()) return found->second;
+  Sender sender;
   sd_bus_track* track = nullptr;
   require(sd_bus_track_new(mBus, &track, onSenderGone, this), "sd_bus_track_new");
   sender.track.reset(track);
+  // Fails for a sender that is gone already.
   require(sd_bus_track_add_name(track, name.c_str()), "sd_bus_track_add_name");
-  return sender;
+  return mSenders.emplace(name, std::move(sender)).first->second;
 }
 
 int PacRunner::onSenderGone(sd_bus_track* track, void* self) {
@@ -160,10 +161,15 @@ int PacRunner::onSenderGone(sd_bus_track* track, void* self) {
     if (sender->second.track.get() != track) continue;
     const bool changed = runner.mSet.removeSender(sender->first) != 0;
     runner.mSenders.erase(sender);
-    if (changed) runner.mChanged();
+    if (changed) runner.notifyChange();
     break;
   }
   return 0;
+}
+
+// After the reply: what goes wrong here is not the caller's.
+void PacRunner::notifyChange() {
+  guarded(sd_bus_get_event(mBus), mChanged);
 }
 
 int PacRunner::onCreate(sd_bus_message* call, void* self, sd_bus_error* error) {
@@ -192,7 +198,7 @@ int PacRunner::create(sd_bus_message* call, sd_bus_error* error) {
     return sd_bus_error_set(error, kFailed, "too many configurations");
   }
   const int replied = sd_bus_reply_method_return(call, "o", pathOfNumber(*number).c_str());
-  mChanged();
+  notifyChange();
   return replied;
 }
 
@@ -206,7 +212,7 @@ int PacRunner::onDestroy(sd_bus_message* call, void* self, sd_bus_error* error) 
     return sd_bus_error_set(error, kFailed, "no configuration of this sender");
   }
   const int replied = sd_bus_reply_method_return(call, nullptr);
-  runner.mChanged();
+  runner.notifyChange();
   return replied;
 }
 
@@ -225,18 +231,20 @@ int PacRunner::find(sd_bus_message* call) {
   const std::string name = sd_bus_message_get_sender(call);
   if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", "DIRECT");
   Sender& sender = senderOf(name);
-  if (sender.questions >= kMaxQuestionsOfCaller) {
+  if (sender.questions >= kMaxQuestionsOfCaller || mQuestions >= kMaxQuestions) {
     return sd_bus_reply_method_return(call, "s", "DIRECT");
   }
   // Shared: the callback is a std::function, which copies what it holds.
   const auto kept = std::make_shared<BusMessage>(sd_bus_message_ref(call));
   mDaemon.ask(url, [this, kept, name](const auto& answer) { answered(*kept, name, answer); });
   sender.questions++;
+  mQuestions++;
   return 1;
 }
 
 void PacRunner::answered(const BusMessage& call, const std::string& sender,
                          const std::optional<std::vector<std::string>>& answer) {
+  mQuestions--;
   if (const auto found = mSenders.find(sender); found != mSenders.end()) found->second.questions--;
   sd_bus_reply_method_return(call.get(), "s", proxyText(answer).c_str());
 }

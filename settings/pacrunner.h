@@ -17,6 +17,8 @@ namespace settings {
 /// How many FindProxyForURL calls of one caller wait for the daemon at once. More are answered
 /// "DIRECT" at once: a caller that asks faster must not fill the daemon's limit for this service.
 inline constexpr int kMaxQuestionsOfCaller = 8;
+/// The same for all callers together: a user can have many connections to the bus.
+inline constexpr int kMaxQuestions = 64;
 
 /// Reads CreateProxyConfiguration's dictionary. Unknown keys and values of another type than the
 /// key's are skipped; lists are cut at kMaxListEntries.
@@ -61,6 +63,7 @@ class PacRunner {
   void answered(const BusMessage& call, const std::string& sender,
                 const std::optional<std::vector<std::string>>& answer);
   Sender& senderOf(const std::string& name);
+  void notifyChange();
   std::string proxyText(const std::optional<std::vector<std::string>>& answer) const;
 
   sd_bus* mBus;
@@ -68,6 +71,7 @@ class PacRunner {
   std::function<void()> mChanged;
   NetworkSet mSet;
   bool mAnswersAll = false;
+  int mQuestions = 0;
   std::map<std::string, Sender> mSenders;
   BusSlot mManager;
   BusSlot mClient;

@@ -131,9 +131,9 @@ ScriptServer::ScriptServer(sd_event* event, base::UniqueFd listening, std::strin
   mSource.reset(source);
 }
 
-int ScriptServer::onReady(sd_event_source*, int, std::uint32_t, void* self) {
-  static_cast<ScriptServer*>(self)->run();
-  return 0;
+int ScriptServer::onReady(sd_event_source* source, int, std::uint32_t, void* self) {
+  return guarded(sd_event_source_get_event(source),
+                 [self] { static_cast<ScriptServer*>(self)->run(); });
 }
 
 // The server closes silent connections only when it runs, so it is woken for that.
@@ -150,7 +150,11 @@ void ScriptServer::run() {
 MHD_Result ScriptServer::onRequest(void* self, MHD_Connection* connection, const char* url,
                                    const char* method, const char*, const char*, std::size_t*,
                                    void**) {
-  return static_cast<const ScriptServer*>(self)->answer(connection, url, method);
+  try {
+    return static_cast<const ScriptServer*>(self)->answer(connection, url, method);
+  } catch (const std::exception&) {
+    return MHD_NO;  // no memory: the connection is closed
+  }
 }
 
 MHD_Result ScriptServer::answer(MHD_Connection* connection, const char* url,

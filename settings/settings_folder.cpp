@@ -1,11 +1,13 @@
 #include "settings/settings_folder.h"
 
 #include <dirent.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "base/small_file.h"
 #include "base/visible.h"
@@ -71,30 +73,54 @@ std::vector<std::string> confFiles(const std::string& folder, FolderSettings& re
   return names;
 }
 
+/// A program that writes a file in its place can be half done, so two readings must agree: its time
+/// is too coarse to show that.
+std::optional<std::string> readWhole(const base::OpenFile& file, std::size_t mostBytes,
+                                     std::string& problem) {
+  base::FileText content = base::readToEnd(file.fd.get(), mostBytes);
+  if (content.failure || lseek(file.fd.get(), 0, SEEK_SET) != 0) {
+    problem = reasonOf(content.failure);
+    return std::nullopt;
+  }
+  base::FileText again = base::readToEnd(file.fd.get(), mostBytes);
+  const bool isSame = !again.failure && again.text == content.text;
+  base::wipe(again.text);  // it may hold a password
+  if (isSame) return std::move(content.text);
+  base::wipe(content.text);
+  problem = "changes while it is read";
+  return std::nullopt;
+}
+
+/// What a file that holds a password must keep from others.
+void judgePasswords(const std::string& path, mode_t mode, FileSettings& settings,
+                    FolderSettings& result) {
+  const bool inUrl = settings.proxyUrl && settings.proxyUrl->find('@') != std::string::npos;
+  if (inUrl && (mode & 007U) != 0) {
+    complain(result, path, 0, "proxy-url holds a password, so everybody must not read the file");
+  }
+  if (!settings.password || settings.password->empty()) return;
+  if ((mode & 077U) != 0) {
+    complain(result, path, 0, "holds a password, so its mode must be 0600 (or use password-file)");
+    settings.password.reset();
+    return;
+  }
+  result.problems.push_back({shown(path, 0, "holds a password: password-file is safer"), true});
+}
+
 void readOne(const std::string& path, FolderSettings& result) {
   const base::FileDemands demands{.mostBytes = kMaxFileBytes};
   const base::OpenFile file = base::openFile(path.c_str(), demands);
   if (file.failure.problem == base::FileProblem::missing) return;
-  base::FileText content;
-  if (file.failure) {
-    content.failure = file.failure;
-  } else {
-    content = base::readToEnd(file.fd.get(), kMaxFileBytes);
-  }
-  if (content.failure) {
-    complain(result, path, 0, reasonOf(content.failure));
+  std::string problem = reasonOf(file.failure);
+  auto text = file.failure ? std::nullopt : readWhole(file, kMaxFileBytes, problem);
+  if (!text) {
+    complain(result, path, 0, problem);
     return;
   }
-  ReadSettings read = readSettings(content.text);
-  base::wipe(content.text);  // it may hold a password
-  for (const auto& problem : read.problems) complain(result, path, problem.line, problem.text);
-  if (read.settings.password && (file.status.st_mode & 077U) != 0) {
-    complain(result, path, 0, "holds a password, so its mode must be 0600 (or use password-file)");
-    read.settings.password.reset();
-  }
-  if (read.settings.password) {
-    result.problems.push_back({shown(path, 0, "holds a password: password-file is safer"), true});
-  }
+  ReadSettings read = readSettings(*text);
+  base::wipe(*text);  // it may hold a password
+  for (const auto& wrong : read.problems) complain(result, path, wrong.line, wrong.text);
+  judgePasswords(path, file.status.st_mode, read.settings, result);
   if (read.settings.mode) result.modeFiles.push_back(path);
   overlay(result.settings, read.settings);
 }
@@ -111,13 +137,14 @@ void readPassword(const std::string& path, FolderSettings& result) {
     complain(result, path, 0, "the password file must not be accessible to everybody (mode 0640)");
     return;
   }
-  base::FileText content = base::readToEnd(file.fd.get(), kMaxPasswordBytes + 1);
-  if (content.failure) {
-    complain(result, path, 0, "the password file " + reasonOf(content.failure));
-  } else {
-    result.password = content.text.substr(0, content.text.find_first_of("\r\n"));
+  std::string problem;
+  auto text = readWhole(file, kMaxPasswordBytes + 1, problem);
+  if (!text) {
+    complain(result, path, 0, "the password file " + problem);
+    return;
   }
-  base::wipe(content.text);
+  result.password = text->substr(0, text->find_first_of("\r\n"));
+  base::wipe(*text);
 }
 
 void findPassword(const SettingsPaths& paths, FolderSettings& result) {

@@ -11,8 +11,9 @@ namespace settings {
 
 /// How many files of settings.d are read; a folder with more is a problem.
 inline constexpr std::size_t kMaxFiles = 64;
-/// Longest password that a file or credential holds, in bytes, without the line's end.
-inline constexpr std::size_t kMaxPasswordBytes = 1024;
+/// Longest password that a file or credential holds, in bytes, without the line's end: as long as
+/// the one that proxymanagerctl takes.
+inline constexpr std::size_t kMaxPasswordBytes = 4096;
 
 /// Where the settings are.
 struct SettingsPaths {
@@ -41,8 +42,9 @@ struct FolderSettings {
 };
 
 /// Reads all files. A folder or file that does not exist sets nothing. A file that is a link, no
-/// regular file, too long, or owned by neither root nor the process's user is a problem. Reads at
-/// most kMaxFiles + 2 files of kMaxFileBytes. Throws nothing but bad_alloc.
+/// regular file, too long, owned by neither root nor the process's user, or that changes while it
+/// is read, is a problem. Reads at most kMaxFiles + 2 files of kMaxFileBytes. Throws nothing but
+/// bad_alloc.
 FolderSettings readFolder(const SettingsPaths& paths);
 
 }  // namespace settings

@@ -86,9 +86,14 @@ SettingsService::SettingsService(sd_event* event, sd_bus* bus, Places places,
           scripts ? std::make_unique<ScriptServer>(event, std::move(scripts), mPlaces.runtimeFolder)
                   : nullptr),
       mSettingsWatch(event, [this] { reload(); }),
-      mResolverWatch(event, [this] {
-        mResolverWatch.set(placesOf(mPlaces.resolverFile));
-        mHandOver.networkChanged();
+      mResolverWatch(event,
+                     [this] {
+                       mResolverWatch.set(placesOf(mPlaces.resolverFile));
+                       mHandOver.networkChanged();
+                     }),
+      mGatherTimer(event, [this] {
+        mIsGathering = false;
+        decide();
       }) {
   watchRoutes(event);
 }
@@ -101,10 +106,19 @@ void SettingsService::start() {
                                    stateTable(onGetState), this),
           "sd_bus_add_object_vtable");
   mObject.reset(slot);
+  mIsGathering = hasNetworkManager();
+  if (mIsGathering) mGatherTimer.set(kGatherTime);
   mPacRunner.start();
   mDaemon.watch(*this);
   reload();
   require(sd_bus_request_name(mBus, base::kSettingsBusName, 0), "the bus name");
+}
+
+bool SettingsService::hasNetworkManager() {
+  for (const char* name : {"org.freedesktop.NetworkManager", "net.connman"}) {
+    if (sd_bus_get_name_creds(mBus, name, 0, nullptr) >= 0) return true;
+  }
+  return false;
 }
 
 void SettingsService::reload() {
@@ -134,6 +148,9 @@ void SettingsService::watchFiles() {
   if (const auto& file = mLastReading.settings.passwordFile) {
     for (auto& place : placesOf(*file)) places.push_back(std::move(place));
   }
+  if (const auto& name = mLastReading.settings.passwordCredential) {
+    places.push_back({mPlaces.files.credentials, *name});
+  }
   mSettingsWatch.set(places);
 }
 
@@ -143,11 +160,11 @@ void SettingsService::decide() {
   const bool directCounts = mSettings.settings.networkDirectIsOff.value_or(false);
   const auto* network = holding(mPacRunner.set(), mRoutes, directCounts);
   mChoice = choose(mSettings.settings, mSettings.password, network);
-  if (mChoice.network != nullptr && !mChoice.network->script.empty()) {
-    mChoice.configuration.pacUrl = publishedScript(mChoice);
-    // Without a URL the daemon would be told to fetch nothing; what it has stays.
-    if (mChoice.configuration.pacUrl.empty()) return;
-  }
+  if (mIsGathering && mChoice.holder != Choice::Holder::kFile) return;
+  publishOrWithdraw();
+  // Without a URL the daemon would be told to fetch nothing; what it has stays.
+  const auto& wanted = mChoice.configuration;
+  if (wanted.mode == Mode::kPacUrl && wanted.pacUrl.empty()) return;
   const std::string line =
       std::string(modeText(mChoice.configuration.mode)) + " (" + mChoice.reason + ")";
   if (line != mLoggedReason) logLine(LOG_NOTICE, "settings: mode %s", line.c_str());
@@ -155,16 +172,20 @@ void SettingsService::decide() {
   mHandOver.want(mChoice.configuration);
 }
 
-std::string SettingsService::publishedScript(const Choice& choice) {
+/// Keeps the script that holds, and none that does not.
+void SettingsService::publishOrWithdraw() {
+  if (mChoice.network == nullptr || mChoice.network->script.empty()) {
+    if (mScripts) mScripts->withdraw();
+    return;
+  }
   if (!mScripts) {
-    logLine(LOG_ERR, "settings: a network manager's script cannot be served: no socket");
-    return {};
+    logLine(LOG_ERR, "settings: a network manager's script cannot be served: %s", "no socket");
+    return;
   }
   try {
-    return mScripts->publish(choice.network->script);
+    mChoice.configuration.pacUrl = mScripts->publish(mChoice.network->script);
   } catch (const std::system_error& error) {
     logLine(LOG_ERR, "settings: a network manager's script cannot be served: %s", error.what());
-    return {};
   }
 }
 
@@ -187,10 +208,10 @@ void SettingsService::watchRoutes(sd_event* event) {
   mRouteSource.reset(source);
 }
 
-int SettingsService::onRoute(sd_event_source*, int socket, std::uint32_t, void* self) {
+int SettingsService::onRoute(sd_event_source* source, int socket, std::uint32_t, void* self) {
   drainRouteSocket(socket);
-  static_cast<SettingsService*>(self)->routesChanged();
-  return 0;
+  auto& service = *static_cast<SettingsService*>(self);
+  return guarded(sd_event_source_get_event(source), [&service] { service.routesChanged(); });
 }
 
 void SettingsService::routesChanged() {
@@ -201,16 +222,34 @@ void SettingsService::routesChanged() {
   mHandOver.networkChanged();
 }
 
-int SettingsService::onGetState(sd_bus_message* call, void* self, sd_bus_error*) {
+int SettingsService::onGetState(sd_bus_message* call, void* self, sd_bus_error* error) {
   try {
-    const std::string text = static_cast<SettingsService*>(self)->state();
-    return sd_bus_reply_method_return(call, "s", text.c_str());
+    return static_cast<SettingsService*>(self)->getState(call, error);
   } catch (const std::exception&) {
     return -ENOMEM;
   }
 }
 
-std::string SettingsService::state() {
+// What the daemon has is asked for once for all who wait.
+int SettingsService::getState(sd_bus_message* call, sd_bus_error* error) {
+  if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", state({}).c_str());
+  if (mStateCalls.size() >= kMaxStateCalls) {
+    return sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many calls wait");
+  }
+  mStateCalls.emplace_back(sd_bus_message_ref(call));
+  if (mStateCalls.size() > 1) return 1;
+  mDaemon.read([this](const auto& daemon, const auto&) { answerStateCalls(daemon); }, kStateLimit);
+  return 1;
+}
+
+void SettingsService::answerStateCalls(const std::optional<Configuration>& daemon) {
+  const std::string text = state(daemon);
+  for (const auto& call : std::exchange(mStateCalls, {})) {
+    sd_bus_reply_method_return(call.get(), "s", text.c_str());
+  }
+}
+
+std::string SettingsService::state(const std::optional<Configuration>& daemon) const {
   nlohmann::json state;
   state["source"] = sourceText(mSettings.settings.source.value_or(Source::kAuto));
   state["holder"] = holderText(mChoice.holder);
@@ -229,7 +268,8 @@ std::string SettingsService::state() {
   const auto last = mHandOver.lastHandOver();
   state["handed_over_at"] = last ? nlohmann::json(*last) : nlohmann::json();
   state["problem"] = mHandOver.lastProblem();
-  state["changed_by_another_program"] = mHandOver.isForeign();
+  state["daemon_has"] = daemon ? shown(*daemon) : nlohmann::json();
+  state["changed_by_another_program"] = daemon ? !mHandOver.isOurs(*daemon) : mHandOver.isForeign();
   // A network manager's text may be any bytes that the bus takes.
   return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

@@ -10,8 +10,11 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "settings/daemon_link.h"
@@ -23,6 +26,14 @@
 #include "settings/source_choice.h"
 
 namespace settings {
+
+/// After a start of the service network managers push again what they know. Until then their part
+/// of the choice is unknown: nothing else is handed over in its place for so long.
+inline constexpr std::chrono::milliseconds kGatherTime{500};
+/// How many GetState calls wait for the daemon's configuration at once.
+inline constexpr std::size_t kMaxStateCalls = 16;
+/// How long they wait for it; then they are answered without it.
+inline constexpr std::chrono::seconds kStateLimit{5};
 
 class SettingsService final : DaemonLink::Listener {
  public:
@@ -49,12 +60,15 @@ class SettingsService final : DaemonLink::Listener {
   void readFiles();
   void watchFiles();
   void decide();
-  std::string publishedScript(const Choice& choice);
-  std::string state();
+  void publishOrWithdraw();
+  bool hasNetworkManager();
+  int getState(sd_bus_message* call, sd_bus_error* error);
+  void answerStateCalls(const std::optional<Configuration>& daemon);
+  std::string state(const std::optional<Configuration>& daemon) const;
   void watchRoutes(sd_event* event);
   void routesChanged();
   static int onRoute(sd_event_source*, int socket, std::uint32_t, void* self);
-  static int onGetState(sd_bus_message* call, void* self, sd_bus_error*);
+  static int onGetState(sd_bus_message* call, void* self, sd_bus_error* error);
 
   sd_bus* mBus;
   Places mPlaces;
@@ -72,6 +86,9 @@ class SettingsService final : DaemonLink::Listener {
   base::UniqueFd mRouteSocket;
   EventSource mRouteSource;
   BusSlot mObject;
+  bool mIsGathering = false;
+  EventTimer mGatherTimer;
+  std::vector<BusMessage> mStateCalls;
 };
 
 }  // namespace settings

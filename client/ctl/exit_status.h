@@ -41,12 +41,12 @@ inline constexpr std::array<StatusText, 14> kStatusTexts{{
     {kNoInput, "a file cannot be read"},
     {kUnavailable, "the daemon does not run, or there is no message bus"},
     {kInternal, "no memory, or a fault of the program"},
-    {kOutput, "the output cannot be written"},
+    {kOutput, "the output, or a file of --save, cannot be written"},
     {kTryAgain, "no answer in time, or the daemon is about to end; try again"},
     {kProtocol, "what has the daemon's name does not answer as it does"},
     {kDenied,
      "the bus does not allow it; root may do all, and so may members of the\n"
-     "group proxymanager"},
+     "group proxymanager, who cannot save or reset settings"},
     {kCannotRun, "exec: the command cannot be run"},
     {kNoSuchCommand, "exec: there is no such command"},
 }};

@@ -13,6 +13,7 @@
 #include "client/ctl/commands/get_command.h"
 #include "client/ctl/commands/pac_command.h"
 #include "client/ctl/commands/refresh_command.h"
+#include "client/ctl/commands/settings_command.h"
 #include "client/ctl/commands/status_command.h"
 #include "client/ctl/commands/update_command.h"
 #include "client/ctl/commands/wait_command.h"
@@ -56,6 +57,7 @@ client::ExitStatus run(int argc, char** argv) {
   client::addGetCommand(program, action);
   client::addConfigCommand(program, action);
   client::addUpdateCommands(program, action);
+  client::addSettingsCommand(program, action);
   client::addWatchCommand(program, action);
   client::addRefreshCommand(program, action);
   client::addWaitCommand(program, action);

@@ -22,7 +22,7 @@ _proxymanagerctl_exec() {
 }
 
 _proxymanagerctl() {
-  local commands='status get config off manual pacurl wpad watch refresh wait diagnose exec pac'
+  local commands='status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac'
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
   local command=${COMP_WORDS[1]} options i
   COMPREPLY=()
@@ -64,11 +64,18 @@ _proxymanagerctl() {
   case $command in
     status | config | watch) options='--timeout --json --show-password --help' ;;
     get) options='--file --format --timeout --json --show-password --ask-local --credentials-for --with-password --help' ;;
-    off | manual | pacurl | wpad) options='--user --password-file --timeout --json --help' ;;
+    off | manual | pacurl | wpad) options='--user --password-file --save --timeout --json --help' ;;
     exec) options='--timeout --ask-local --credentials-for --no-check --help --' ;;
     refresh) options='--timeout --help' ;;
     wait) options='--configured --script --timeout --help' ;;
     diagnose) options='--timeout --ask-local --help' ;;
+    settings)
+      if [[ $COMP_CWORD -eq 2 && $cur != -* ]]; then
+        _proxymanagerctl_words reset
+        return
+      fi
+      options='--timeout --json --help'
+      ;;
     pac)
       if [ "$COMP_CWORD" -eq 2 ]; then
         _proxymanagerctl_words 'eval check --help'

@@ -1,6 +1,6 @@
 # fish completion for proxymanagerctl(1).
 
-set -l commands status get config off manual pacurl wpad watch refresh wait diagnose exec pac
+set -l commands status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac
 set -l updates off manual pacurl wpad
 
 # The position of the "--" of exec, after which another program's words stand.
@@ -19,6 +19,7 @@ complete -c proxymanagerctl -n __fish_use_subcommand -a off -d 'Use no proxy'
 complete -c proxymanagerctl -n __fish_use_subcommand -a manual -d 'Use the proxy at a URL'
 complete -c proxymanagerctl -n __fish_use_subcommand -a pacurl -d 'Use the PAC script at a URL'
 complete -c proxymanagerctl -n __fish_use_subcommand -a wpad -d 'Use the PAC script that the network announces'
+complete -c proxymanagerctl -n __fish_use_subcommand -a settings -d 'Where the configuration comes from'
 complete -c proxymanagerctl -n __fish_use_subcommand -a watch -d 'What the daemon signals, until Ctrl-C'
 complete -c proxymanagerctl -n __fish_use_subcommand -a refresh -d 'Fetch the script again'
 complete -c proxymanagerctl -n __fish_use_subcommand -a wait -d 'Wait until the daemon is ready'
@@ -26,8 +27,8 @@ complete -c proxymanagerctl -n __fish_use_subcommand -a diagnose -d 'Try each wa
 complete -c proxymanagerctl -n __fish_use_subcommand -a exec -d 'Run a command with the proxy for a URL'
 complete -c proxymanagerctl -n __fish_use_subcommand -a pac -d 'Try PAC scripts out, without daemon or bus'
 
-complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config watch refresh wait diagnose exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
-complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config watch pac $updates" -l json -d 'Print JSON'
+complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config settings watch refresh wait diagnose exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config settings watch pac $updates" -l json -d 'Print JSON'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from status get config watch' -l show-password -d 'Show passwords'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from get' -l format -x -a 'table curl env raw' -d 'For use elsewhere'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from get eval' -s f -l file -r -F -d 'File of URLs, or -'
@@ -39,6 +40,8 @@ complete -c proxymanagerctl -n '__fish_seen_subcommand_from wait' -l configured 
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from wait' -l script -d 'Until it has a script'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from $updates" -l user -x -a '(__fish_complete_users)' -d 'Authenticate at the proxy'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from $updates" -l password-file -r -F -d 'File whose only line is the password, or -'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from $updates" -l save -d 'Keep it for every start'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from settings; and not __fish_seen_subcommand_from reset' -a reset -d 'Remove what --save has written'
 
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from exec; and __proxymanagerctl_before_command' -a -- -d 'The command follows'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from exec; and not __proxymanagerctl_before_command' -a '(__fish_complete_subcommand --fcs-skip=(math (contains -i -- -- (commandline -opc)) - 1))'

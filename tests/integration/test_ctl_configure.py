@@ -23,7 +23,8 @@ def test_each_mode_is_set_as_a_whole(ctl, client, signals):
     signals.wait("notifyProxyConfigupdated", times=6)
     assert signals.count("notifyProxyConfigupdated") == 6
     assert ctl("manual", "http://p:1", "--json").json == {
-        "mode": "manual", "proxyurl": "http://p:1", "pacurl": None, "userName": None, "httpCode": 0}
+        "mode": "manual", "proxyurl": "http://p:1", "pacurl": None, "userName": None, "httpCode": 0,
+        "saved": None}
     assert rows(ctl("config").output) == {
         None: "configuration", "mode": "manual", "proxy URL": "http://p:1", "PAC URL": "(not set)",
         "user": "(not set)", "password": "(not set)"}

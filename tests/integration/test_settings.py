@@ -288,7 +288,7 @@ def test_programs_that_ask_get_direct_without_an_answer(settings, manager):
 
 
 def test_a_manual_proxys_password_is_not_told_to_programs_that_ask(settings, daemon, client, manager):
-    write_settings('mode = "manual"\nproxy-url = "http://u:p@a.example:1"\n')
+    write_settings('mode = "manual"\nproxy-url = "http://u:p@a.example:1"\n', mode=0o600)
     settings.start()
     wait_until(lambda: client.config()[0] == "manual", "the daemon is configured")
     assert manager.find("http://h.example/") == "PROXY a.example:1"

@@ -10,6 +10,7 @@
 
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/saved_settings.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/daemon_bus.h"
 #include "client/ctl/terminal/output.h"
@@ -30,10 +31,12 @@ With --user and without --password-file the password is asked for at the
 terminal. It never comes from the command line, which every user of the machine
 can see; nor may a URL that holds one: give "-" for URL and the URL on standard
 input. A change without an answer in time may still be made.
+Without --save the daemon forgets the configuration when it ends.
 
 Output:
   Nothing where it is done. With --json an object: mode, proxyurl, pacurl,
-  userName (as given, or null) and httpCode (0).
+  userName (as given, or null), httpCode (0, or null if the daemon does not run)
+  and saved (the file that --save has written, or null).
 
 Exit status:
 )";
@@ -44,6 +47,7 @@ struct UpdateArguments {
   std::string url;
   std::optional<std::string> user;
   std::optional<std::string> passwordFile;
+  bool save = false;
   CallOptions call;
 };
 
@@ -122,14 +126,49 @@ Configuration wanted(const UpdateArguments& arguments) {
   return configuration;
 }
 
-void printDone(const Configuration& configuration, std::int32_t result) {
+void checkSaved(const char* name, const std::string& text, bool isUrl) {
+  const auto problem = savedTextProblem(text, isUrl);
+  if (!problem.empty()) throw Failure(kUsage, std::string(name) + " cannot be saved: " + problem);
+}
+
+/// @return the file. Says what keeps it from counting.
+std::string save(const Configuration& configuration) {
+  checkSaved("the URL", configuration.proxyurl + configuration.pacurl, true);
+  checkSaved("the user name", configuration.userName, false);
+  auto file = saveSettings(configuration);
+  for (const auto& later : laterSettings()) {
+    complain(later.file + " is read later and sets \"" + later.key +
+             "\": it overrules what is saved");
+  }
+  if (!hasSettingsService()) {
+    complain("proxymanager-settings is not installed: nobody reads " + file);
+  }
+  return file;
+}
+
+/// The daemon's result; nothing if the configuration is saved and no daemon runs to take it.
+std::optional<std::int32_t> handOver(const UpdateArguments& arguments,
+                                     const Configuration& configuration) {
+  try {
+    DaemonBus bus(arguments.call.limit);
+    return bus.update(configuration);
+  } catch (const Failure& failure) {
+    if (!arguments.save || failure.status() != kUnavailable) throw;
+    complain(std::string("saved; ") + failure.what());
+    return std::nullopt;
+  }
+}
+
+void printDone(const Configuration& configuration, std::optional<std::int32_t> result,
+               const std::string& saved) {
   const auto value = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
   Json object;
   object["mode"] = configuration.mode;
   object["proxyurl"] = value(withoutPassword(configuration.proxyurl));
   object["pacurl"] = value(withoutPassword(configuration.pacurl));
   object["userName"] = value(configuration.userName);
-  object["httpCode"] = result;
+  object["httpCode"] = result ? Json(*result) : Json();
+  object["saved"] = value(saved);
   printJson(object);
 }
 
@@ -138,10 +177,10 @@ ExitStatus update(const UpdateArguments& arguments) {
   const WipedAtEnd password(configuration.password);
   const WipedAtEnd proxyurl(configuration.proxyurl);  // may hold another one
   const WipedAtEnd pacurl(configuration.pacurl);
-  DaemonBus bus(arguments.call.limit);
-  const auto result = bus.update(configuration);
-  if (result < 0) throw endingDaemon();
-  if (arguments.call.json) printDone(configuration, result);
+  const std::string saved = arguments.save ? save(configuration) : "";
+  const auto result = handOver(arguments, configuration);
+  if (result && *result < 0) throw endingDaemon();
+  if (arguments.call.json) printDone(configuration, result, saved);
   return kAnswered;
 }
 
@@ -160,6 +199,9 @@ void addMode(CLI::App& program, Action& action, const char* mode, const char* he
   addText(*command, "--password-file", "FILE", arguments->passwordFile,
           "The password, as the only line of FILE, or\nof standard input for \"-\"");
   command->get_option("--password-file")->needs(command->get_option("--user"));
+  command->add_flag(
+      "--save", arguments->save,
+      "Keep it in settings.d/90-saved.conf, for\nevery start of the daemon; needs root");
   addCallOptions(*command, arguments->call, kChangeLimit);
   command->footer(
       std::string(kFooter) +

@@ -69,6 +69,26 @@ Failure failedCall(const CallKind& call, std::string_view name, std::string_view
                          "); look who it is with \"busctl status com.zentu.ProxyManagerService\""};
 }
 
+Failure failedSettingsCall(std::string_view name, std::string_view text,
+                           std::chrono::microseconds limit) {
+  switch (busErrorOf(name)) {
+    case BusError::kNotRunning:
+    case BusError::kCannotStart:
+    case BusError::kEnded:
+      return {kUnavailable,
+              "proxymanager-settings does not run; start it, for instance with \"systemctl start "
+              "proxymanager-settings\""};
+    case BusError::kTimedOut:
+      return {kTryAgain, "proxymanager-settings has not answered within " + secondsText(limit) +
+                             "; try again, or give it more time with --timeout"};
+    case BusError::kLost:
+      return lostConnection();
+    default:
+      return {kProtocol, "what has the name of proxymanager-settings cannot do this (" +
+                             messageOf(name, text) + ")"};
+  }
+}
+
 Failure failedConnection(std::string_view address, int error) {
   // The library skips transports that it does not know, and then has nothing to connect to.
   if (error == ECONNREFUSED && !hasTransport(address)) error = EINVAL;

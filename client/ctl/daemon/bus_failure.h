@@ -20,6 +20,10 @@ struct CallKind {
 Failure failedCall(const CallKind& call, std::string_view name, std::string_view text,
                    std::chrono::microseconds limit);
 
+/// The same for a question of the settings service.
+Failure failedSettingsCall(std::string_view name, std::string_view text,
+                           std::chrono::microseconds limit);
+
 /// The name of the error for a call that was given up; the bus itself never sends it.
 inline constexpr std::string_view kGivenUp = "org.freedesktop.DBus.Error.Timeout";
 

@@ -150,6 +150,21 @@ std::int32_t DaemonBus::update(const Configuration& configuration) {
   return result;
 }
 
+std::string DaemonBus::settingsState() {
+  sd_bus_message* made = nullptr;
+  check(sd_bus_message_new_method_call(mBus.get(), &made, base::kSettingsBusName,
+                                       base::kSettingsObjectPath, base::kSettingsInterface,
+                                       "GetState"));
+  const Message message(made);
+  check(sd_bus_message_set_auto_start(made, 0));
+  BusError error;
+  sd_bus_message* reply = nullptr;
+  const int result = sd_bus_call(mBus.get(), made, microseconds(mLimit), error.get(), &reply);
+  if (result >= 0) return textOf(Message(reply).get());
+  if (isLost(-result)) throw lostConnection();
+  throw failedSettingsCall(error.name(), error.text(), mLimit);
+}
+
 std::optional<Owner> DaemonBus::owner() {
   const auto name = askBus("GetNameOwner");
   if (!name) return std::nullopt;

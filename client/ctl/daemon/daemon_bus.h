@@ -78,6 +78,10 @@ class DaemonBus {
   /// `configuration.enableauth` is "y" or "n". @return the daemon's result, 0
   std::int32_t update(const Configuration& configuration);
 
+  /// What the settings service reports of itself, as JSON. It is not started. Throws Failure:
+  /// kUnavailable if it does not run.
+  std::string settingsState();
+
   /// @return nothing where nobody has the name
   std::optional<Owner> owner();
 
