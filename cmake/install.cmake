@@ -41,6 +41,10 @@ endif()
 
 install(FILES "${PROJECT_SOURCE_DIR}/dbus/com.zentu.ProxyManagerServiceInterface.xml"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
+# libproxy.so.1, without the link that programs are built with.
+if(PROXYMANAGER_LIBPROXY)
+  install(TARGETS proxymanager_libproxy LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" NAMELINK_SKIP)
+endif()
 
 # What the system around the daemon reads. The unit alone holds a whole path, the daemon's below the
 # prefix that the build was configured with: systemd knows no other way to name a program.

@@ -2,7 +2,8 @@
 # engine, written when they are installed.
 set(security_programs "")
 foreach(program proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanager-lease
-    proxymanager-settings proxymanager-relay proxymanagerctl proxymanager-client-shared proxymanager_gio)
+    proxymanager-settings proxymanager-relay proxymanagerctl proxymanager-client-shared proxymanager_gio
+    proxymanager_libproxy)
   if(TARGET ${program})
     list(APPEND security_programs "$<TARGET_FILE:${program}>")
   endif()

@@ -49,7 +49,7 @@ ARROWS = {
     CLIENT_LIBRARY: ("base/", "domain/"),
     # Programs load these, and they know the library by its public header.
     "client/gio/": (),
-    "client/libproxy/": ("base/",),
+    "client/libproxy/": (),
     CTL: (CTL_TERMINAL, CTL_DAEMON, CTL_COMMANDS, "base/"),
     CTL_TERMINAL: (*CTL_OWN, "base/", CLIENT_LIBRARY, "domain/", "engine/"),
     CTL_DAEMON: (*CTL_OWN, CTL_TERMINAL, "base/", CLIENT_LIBRARY, "domain/"),
