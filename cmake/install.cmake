@@ -1,6 +1,7 @@
 # Where things go. Every program finds its neighbours by the path from itself, so any prefix serves.
 foreach(program_folder "proxymanagerd;${CMAKE_INSTALL_SBINDIR}"
     "proxymanager-pac-worker;${CMAKE_INSTALL_LIBEXECDIR}"
+    "proxymanager-workbench;${CMAKE_INSTALL_LIBEXECDIR}"
     "proxymanagerctl;${CMAKE_INSTALL_BINDIR}")
   list(GET program_folder 0 program)
   list(GET program_folder 1 folder)

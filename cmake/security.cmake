@@ -3,7 +3,7 @@
 set(security_programs "")
 foreach(program proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanager-lease
     proxymanager-settings proxymanager-relay proxymanagerctl proxymanager-client-shared proxymanager_gio
-    proxymanager_libproxy)
+    proxymanager_libproxy proxymanager-workbench)
   if(TARGET ${program})
     list(APPEND security_programs "$<TARGET_FILE:${program}>")
   endif()

@@ -27,6 +27,17 @@ namespace pac_engine {
 /// itself, and only one that is stopped or broken needs killing.
 inline constexpr std::chrono::milliseconds kKillGrace{250};
 
+/// What a worker is for. The daemon has workers that answer, and no others.
+enum class WorkerRole : std::uint8_t {
+  kAnswers,  ///< proxymanager-pac-worker: loads the script and answers questions
+  kTraces,   ///< proxymanager-workbench: the same with a script that was instrumented; the command
+             ///< "trace" reports what it has noted since the last one
+  kParses    ///< proxymanager-workbench: never runs the script; parses it and does commands with it
+};
+
+/// Longest report of a command, in bytes: an instrumented script with the list of its places.
+inline constexpr std::size_t kMaxWholeReportBytes = 64U << 20U;
+
 struct Options {
   NameSource names;  ///< `offline` also makes the own address the loopback one
   std::optional<std::vector<std::string>> ownAddresses;  ///< instead of the device's
@@ -34,6 +45,7 @@ struct Options {
   std::string zone;                   ///< TZ of the date helpers; empty for the device's
   std::chrono::milliseconds timeLimit{5000};  ///< of loading and of one evaluation
   std::string workerProgram;                  ///< empty for the installed one
+  WorkerRole role = WorkerRole::kAnswers;
 };
 
 /// "line 3: message", or the message alone if no line is known.
@@ -55,6 +67,14 @@ class Engine {
   /// FindProxyForURL(url as the script may see it, host); waits for timeLimit and kKillGrace at
   /// most.
   Reply evaluate(std::string_view url, std::string_view host);
+
+  /// Has a worker of the workbench do `name` (docs/architecture.md lists the commands) with
+  /// `argument`; waits as evaluate() does. Names are of kMaxCommandBytes at most, arguments of
+  /// kMaxArgumentBytes.
+  /// @param problem receives why there is no report
+  /// @return the report, UTF-8, usually JSON
+  std::optional<std::string> command(std::string_view name, std::string_view argument,
+                                     Problem& problem);
 
   /// Process id of the worker, which may have ended since; 0 if the next question starts one.
   pid_t workerPid() const;

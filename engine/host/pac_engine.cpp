@@ -51,6 +51,7 @@ struct Engine::Impl {
   bool start(Deadline deadline, Problem& problem);
   Reply ask(std::string_view url, std::string_view host, Deadline deadline);
   Reply askWorker(std::string_view url, std::string_view host, Deadline deadline);
+  Reply askWorkbench(std::string_view name, std::string_view argument, std::string& text);
   std::optional<FromWorker> converse(Deadline deadline, Problem& problem);
   Receipt receive(Deadline end);
   void finishWork(Deadline begun);
@@ -68,6 +69,7 @@ struct Engine::Impl {
   std::unique_ptr<WorkerProcess> worker;
   std::uint32_t serial = 0;
   std::size_t alertBytesLeft = 0;
+  std::string* report = nullptr;  ///< where the pieces of a report go, during a command
   std::chrono::steady_clock::duration worked{};  ///< since the worker's CPU time was last limited
 };
 
@@ -88,10 +90,10 @@ void Engine::Impl::followZone() {
 }
 
 bool Engine::Impl::start(Deadline deadline, Problem& problem) {
-  const auto program =
-      options.workerProgram.empty() ? pac_engine::workerProgram() : options.workerProgram;
+  const auto program = options.workerProgram.empty() ? pac_engine::workerProgram(options.role)
+                                                     : options.workerProgram;
   std::string reason;
-  worker = WorkerProcess::start(program, script, options.zone, reason);
+  worker = WorkerProcess::start(program, options.role, script, options.zone, reason);
   if (!worker) {
     problem = problemOf("no script worker: " + reason);
     return false;
@@ -137,6 +139,26 @@ Reply Engine::Impl::askWorker(std::string_view url, std::string_view host, Deadl
     worker->channel().send(question);
   }
   const auto message = converse(deadline, reply.problem);
+  return message ? replyOf(*message) : reply;
+}
+
+/// A workbench that has ended has lost what it noted, so it is not started again.
+Reply Engine::Impl::askWorkbench(std::string_view name, std::string_view argument,
+                                 std::string& text) {
+  Reply reply;
+  const auto deadline = std::chrono::steady_clock::now() + options.timeLimit;
+  if (!worker) {
+    reply.problem = problemOf("the script worker has ended");
+    return reply;
+  }
+  if (!worker->channel().send(encode(FromLibrary(Command{++serial, name, argument})))) {
+    discard("has ended");
+    reply.problem = problemOf("the script worker has ended");
+    return reply;
+  }
+  report = &text;
+  const auto message = converse(deadline, reply.problem);
+  report = nullptr;
   return message ? replyOf(*message) : reply;
 }
 
@@ -218,6 +240,11 @@ std::optional<bool> Engine::Impl::answerWorker(const FromWorker& message, Deadli
     logAlert(alert->text);
     return true;
   }
+  if (const auto* const piece = std::get_if<Report>(&message); piece && report != nullptr) {
+    if (report->size() + piece->text.size() > kMaxWholeReportBytes) return false;
+    report->append(piece->text);
+    return true;
+  }
   Addresses addresses;
   if (const auto* const name = std::get_if<Resolve>(&message)) {
     addresses.texts = clipped(names.resolve(name->name, name->family, deadline, channel.fd()));
@@ -273,6 +300,19 @@ Reply Engine::evaluate(std::string_view url, std::string_view host) {
     reply = mImpl->ask(*cleaned, host, deadline);
   }
   return reply;
+}
+
+std::optional<std::string> Engine::command(std::string_view name, std::string_view argument,
+                                           Problem& problem) {
+  if (name.size() > kMaxCommandBytes || argument.size() > kMaxArgumentBytes) {
+    problem = problemOf("the command is too long");
+    return std::nullopt;
+  }
+  std::string report;
+  auto reply = mImpl->askWorkbench(name, argument, report);
+  if (reply.result) return report;
+  problem = std::move(reply.problem);
+  return std::nullopt;
 }
 
 pid_t Engine::workerPid() const {

@@ -29,8 +29,11 @@ UniqueFd sealedScript(std::string_view bytes) {
   return file;
 }
 
-std::string workerProgram() {
-  return sandbox::programInLibexec("proxymanager-pac-worker", PROXYMANAGER_WORKER_PATH);
+std::string workerProgram(WorkerRole role) {
+  if (role == WorkerRole::kAnswers) {
+    return sandbox::programInLibexec("proxymanager-pac-worker", PROXYMANAGER_WORKER_PATH);
+  }
+  return sandbox::programInLibexec("proxymanager-workbench", PROXYMANAGER_WORKBENCH_PATH);
 }
 
 WorkerProcess::WorkerProcess(pid_t pid, std::unique_ptr<sandbox::ChildProcess> child,
@@ -41,7 +44,7 @@ WorkerProcess::~WorkerProcess() {
   end();
 }
 
-std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
+std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program, WorkerRole role,
                                                     const UniqueFd& script, const std::string& zone,
                                                     std::string& problem) {
   int ends[2];
@@ -54,6 +57,7 @@ std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
   static_assert(kWorkerSocket == 3 && kWorkerScript == 4);
   sandbox::ChildOptions options{program, {theirs.get(), script.get()}, {}};
   if (!zone.empty()) options.environment.push_back("TZ=" + zone);
+  if (role == WorkerRole::kParses) options.environment.emplace_back(kParseOnly);
   auto child = sandbox::ChildProcess::start(options, problem);
   if (!child) return nullptr;
   const pid_t pid = child->pid();

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "base/unique_fd.h"
+#include "engine/pac_engine.h"
 #include "engine/wire/channel.h"
 #include "sandbox/child_process.h"
 
@@ -21,17 +22,19 @@ namespace pac_engine {
 /// if there is no memory or no descriptor for it.
 UniqueFd sealedScript(std::string_view bytes);
 
-/// Where the worker's program is: `proxymanager-pac-worker` in the libexec folder beside the folder
-/// of the running program, else the place where the build installs it.
-std::string workerProgram();
+/// Where the program of `role` is: `proxymanager-pac-worker` or `proxymanager-workbench` in the
+/// libexec folder beside the folder of the running program, else the place where the build installs
+/// it.
+std::string workerProgram(WorkerRole role = WorkerRole::kAnswers);
 
 class WorkerProcess {
  public:
   /// Starts `program` with `script`; `zone` is its TZ if it is not empty.
   /// @param problem receives why there is none
   /// @return the process, or null
-  static std::unique_ptr<WorkerProcess> start(const std::string& program, const UniqueFd& script,
-                                              const std::string& zone, std::string& problem);
+  static std::unique_ptr<WorkerProcess> start(const std::string& program, WorkerRole role,
+                                              const UniqueFd& script, const std::string& zone,
+                                              std::string& problem);
 
   WorkerProcess(const WorkerProcess&) = delete;
   WorkerProcess& operator=(const WorkerProcess&) = delete;

@@ -18,7 +18,9 @@ enum class Kind : std::uint8_t {
   kOwnAddresses,
   kAlert,
   kAnswer,
-  kNoAnswer
+  kNoAnswer,
+  kCommand,
+  kReport
 };
 
 class Writer {
@@ -111,6 +113,9 @@ struct Encoder {
   std::string operator()(const Evaluate& m) const {
     return Writer(Kind::kEvaluate).number(m.serial).text(m.url).text(m.host).take();
   }
+  std::string operator()(const Command& m) const {
+    return Writer(Kind::kCommand).number(m.serial).text(m.name).text(m.argument).take();
+  }
   std::string operator()(const Addresses& m) const {
     Writer writer(Kind::kAddresses);
     writer.number(static_cast<std::uint32_t>(m.texts.size()));
@@ -135,6 +140,9 @@ struct Encoder {
     Writer writer(Kind::kNoAnswer);
     return writer.number(m.serial).number(m.line).text(m.message).take();
   }
+  std::string operator()(const Report& m) const {
+    return Writer(Kind::kReport).text(m.text).take();
+  }
 };
 
 Start readStart(Reader& reader) {
@@ -152,6 +160,14 @@ Evaluate readEvaluate(Reader& reader) {
   message.serial = reader.number<std::uint32_t>();
   message.url = reader.text(kMaxUrlBytes);
   message.host = reader.text(kMaxHostBytes);
+  return message;
+}
+
+Command readCommand(Reader& reader) {
+  Command message;
+  message.serial = reader.number<std::uint32_t>();
+  message.name = reader.text(kMaxCommandBytes);
+  message.argument = reader.text(kMaxArgumentBytes);
   return message;
 }
 
@@ -222,6 +238,8 @@ std::optional<FromLibrary> decodeFromLibrary(std::string_view bytes) {
       return take(readEvaluate(reader));
     case Kind::kAddresses:
       return take(readAddresses(reader));
+    case Kind::kCommand:
+      return take(readCommand(reader));
     default:
       return std::nullopt;
   }
@@ -245,6 +263,8 @@ std::optional<FromWorker> decodeFromWorker(std::string_view bytes) {
       return take(readAnswer(reader));
     case Kind::kNoAnswer:
       return take(readNoAnswer(reader));
+    case Kind::kReport:
+      return take(Report{reader.text(kMaxReportBytes)});
     default:
       return std::nullopt;
   }

@@ -11,6 +11,8 @@
 //                                    <-  Ready or Refused
 //   Evaluate                         ->
 //                                    <-  Answer or NoAnswer, with the serial of the question
+//   Command (workbench alone)        ->
+//                                    <-  Report, any number; then Answer or NoAnswer
 // While the worker loads or evaluates, it may send Alert, Resolve and OwnAddresses. The library
 // answers each of the last two with one Addresses.
 #pragma once
@@ -27,11 +29,14 @@
 
 namespace pac_engine {
 
-inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;      ///< request URL, after cleaning too
-inline constexpr std::size_t kMaxHostBytes = 8U << 10U;     ///< a host is part of a URL
-inline constexpr std::size_t kMaxResultBytes = 64U << 10U;  ///< text that the entry point returns
-inline constexpr std::size_t kMaxAlertBytes = 2U << 10U;    ///< all alerts of one evaluation
-inline constexpr std::size_t kMaxProblemBytes = 512;        ///< why there is no answer
+inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;        ///< request URL, after cleaning too
+inline constexpr std::size_t kMaxHostBytes = 8U << 10U;       ///< a host is part of a URL
+inline constexpr std::size_t kMaxResultBytes = 64U << 10U;    ///< text that the entry point returns
+inline constexpr std::size_t kMaxAlertBytes = 2U << 10U;      ///< all alerts of one evaluation
+inline constexpr std::size_t kMaxCommandBytes = 64;           ///< name of a command
+inline constexpr std::size_t kMaxArgumentBytes = 32U << 10U;  ///< what a command is given
+inline constexpr std::size_t kMaxReportBytes = 64U << 10U;    ///< one piece of a report
+inline constexpr std::size_t kMaxProblemBytes = 512;          ///< why there is no answer
 /// A name to look up, as UTF-8. Its ASCII form has 253 bytes at most, of labels that an encoding of
 /// the same name in UTF-8 never exceeds fourfold.
 inline constexpr std::size_t kMaxNameBytes = 1U << 10U;
@@ -52,6 +57,14 @@ struct Evaluate {
   std::uint32_t serial = 0;
   std::string_view url;
   std::string_view host;
+};
+
+/// What the workbench is to do with its script. Only `proxymanager-workbench` takes it; the worker
+/// that answers questions ends, as at any message out of turn.
+struct Command {
+  std::uint32_t serial = 0;
+  std::string_view name;
+  std::string_view argument;
 };
 
 /// Answer to Resolve and OwnAddresses.
@@ -81,6 +94,11 @@ struct Alert {
   std::string_view text;
 };
 
+/// A piece of what a command gives; the pieces in order are the whole.
+struct Report {
+  std::string_view text;
+};
+
 struct Answer {
   std::uint32_t serial = 0;
   std::string_view result;  ///< ASCII
@@ -92,8 +110,9 @@ struct NoAnswer {
   std::string_view message;
 };
 
-using FromLibrary = std::variant<Start, Evaluate, Addresses>;
-using FromWorker = std::variant<Ready, Refused, Resolve, OwnAddresses, Alert, Answer, NoAnswer>;
+using FromLibrary = std::variant<Start, Evaluate, Addresses, Command>;
+using FromWorker =
+    std::variant<Ready, Refused, Resolve, OwnAddresses, Alert, Answer, NoAnswer, Report>;
 
 /// The bytes of a message. The caller keeps texts and lists within the limits above.
 std::string encode(const FromLibrary& message);

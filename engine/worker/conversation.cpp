@@ -1,11 +1,10 @@
 #include "engine/worker/conversation.h"
 
-#include <sys/time.h>
-
 #include <cstdlib>
 #include <string>
 
 #include "base/utf8.h"
+#include "engine/worker/evaluation_alarm.h"
 #include "engine/worker/worker_end.h"
 
 namespace pac_worker {
@@ -15,28 +14,7 @@ namespace {
 static_assert(ScriptLimits{}.resultBytes == pac_engine::kMaxResultBytes);
 static_assert(ScriptLimits{}.alertBytes == pac_engine::kMaxAlertBytes);
 
-/// Ends the process should a load or an evaluation outlast the library that waits for it: some
-/// scripts never come back to where the engine looks at the clock, and the library's own wall,
-/// which stands before this one, falls with the library.
-class EvaluationAlarm {
- public:
-  explicit EvaluationAlarm(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }
-  ~EvaluationAlarm() { arm(std::chrono::milliseconds(0)); }
-  EvaluationAlarm(const EvaluationAlarm&) = delete;
-  EvaluationAlarm& operator=(const EvaluationAlarm&) = delete;
-
- private:
-  static constexpr std::chrono::milliseconds kAfterTheLibrary{1000};
-
-  // SIGALRM's default action is the end.
-  static void arm(std::chrono::milliseconds after) {
-    const auto count = after.count();
-    itimerval timer{};
-    timer.it_value.tv_sec = static_cast<time_t>(count / 1000);
-    timer.it_value.tv_usec = static_cast<suseconds_t>(count % 1000 * 1000);
-    setitimer(ITIMER_REAL, &timer, nullptr);
-  }
-};
+}  // namespace
 
 pac_engine::Start receiveStart(pac_engine::Channel& channel) {
   const auto message = receiveOrEnd(channel);
@@ -45,7 +23,25 @@ pac_engine::Start receiveStart(pac_engine::Channel& channel) {
   return *start;
 }
 
-}  // namespace
+void sendReply(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply) {
+  if (reply.result) {
+    sendOrEnd(channel, pac_engine::Answer{serial, *reply.result});
+    return;
+  }
+  const auto& error = reply.problem;
+  const auto cut = base::utf8Head(error.message, pac_engine::kMaxProblemBytes);
+  sendOrEnd(channel, pac_engine::NoAnswer{serial, error.line, cut});
+}
+
+void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply) {
+  if (!reply.result) return sendReply(channel, serial, reply);
+  for (std::string_view rest = *reply.result; !rest.empty();) {
+    const auto piece = rest.substr(0, pac_engine::kMaxReportBytes);
+    sendOrEnd(channel, pac_engine::Report{piece});
+    rest.remove_prefix(piece.size());
+  }
+  sendOrEnd(channel, pac_engine::Answer{serial, ""});
+}
 
 void refuse(pac_engine::Channel& channel, std::string_view message, std::uint32_t line) {
   const auto cut = base::utf8Head(message, pac_engine::kMaxProblemBytes);
@@ -59,7 +55,9 @@ void Conversation::load(std::string_view script) {
   mTimeLimit = std::chrono::milliseconds(start.timeLimitMs);
   ScriptLimits limits;
   limits.time = mTimeLimit;
-  mEngine = std::make_unique<ScriptEngine>(mEnvironment, limits);
+  PacEnvironment& device = mEnvironment;
+  auto& environment = mExtension != nullptr ? mExtension->around(device) : device;
+  mEngine = std::make_unique<ScriptEngine>(environment, limits, mExtension);
   const auto error = [&] {
     const EvaluationAlarm alarm(mTimeLimit);
     return mEngine->load(script);
@@ -77,6 +75,11 @@ void Conversation::answerForEver() {
 
 void Conversation::answer() {
   const auto message = receiveOrEnd(mChannel);
+  if (const auto* const command = std::get_if<pac_engine::Command>(&message);
+      command != nullptr && mExtension != nullptr) {
+    sendReport(mChannel, command->serial, mExtension->report(command->name, command->argument));
+    return;
+  }
   const auto* const question = std::get_if<pac_engine::Evaluate>(&message);
   if (question == nullptr) endWorker(kExitBroken);
   // The texts lie in the channel's buffer, which the first lookup of the script overwrites.
@@ -87,13 +90,7 @@ void Conversation::answer() {
     const EvaluationAlarm alarm(mTimeLimit);
     return mEngine->evaluate(url, host);
   }();
-  if (reply.result) {
-    sendOrEnd(mChannel, pac_engine::Answer{serial, *reply.result});
-    return;
-  }
-  const auto& error = reply.problem;
-  const auto cut = base::utf8Head(error.message, pac_engine::kMaxProblemBytes);
-  sendOrEnd(mChannel, pac_engine::NoAnswer{serial, error.line, cut});
+  sendReply(mChannel, serial, reply);
 }
 
 }  // namespace pac_worker

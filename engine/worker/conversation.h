@@ -13,6 +13,24 @@
 
 namespace pac_worker {
 
+/// What the workbench adds to a conversation.
+class Extension : public Preparation {
+ public:
+  /// The environment that the script gets instead of `device`, which outlives this object.
+  virtual PacEnvironment& around(PacEnvironment& device) = 0;
+  /// Does a command of the library. @return the report, or why there is none
+  virtual Reply report(std::string_view command, std::string_view argument) = 0;
+};
+
+/// The library's first message.
+pac_engine::Start receiveStart(pac_engine::Channel& channel);
+
+/// Answers question `serial`.
+void sendReply(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
+
+/// Sends a report in pieces, and then that it is whole.
+void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
+
 /// Reports why this worker has no answer, and ends it.
 [[noreturn]] void refuse(pac_engine::Channel& channel, std::string_view message,
                          std::uint32_t line = 0);
@@ -21,7 +39,10 @@ namespace pac_worker {
 class Conversation {
  public:
   /// @param channel outlives this object
-  explicit Conversation(pac_engine::Channel& channel) : mChannel(channel), mEnvironment(channel) {}
+  /// @param extension null in the daemon's worker, which then takes no command; outlives this
+  /// object
+  explicit Conversation(pac_engine::Channel& channel, Extension* extension = nullptr)
+      : mChannel(channel), mEnvironment(channel), mExtension(extension) {}
 
   /// Waits for the library's Start and loads `script` under its limits. A script that is refused
   /// ends the process.
@@ -35,6 +56,7 @@ class Conversation {
 
   pac_engine::Channel& mChannel;
   BrokerEnvironment mEnvironment;
+  Extension* const mExtension;
   std::chrono::milliseconds mTimeLimit{0};  ///< of a load or an evaluation
   std::unique_ptr<ScriptEngine> mEngine;    ///< null before load()
 };

@@ -21,16 +21,20 @@ namespace {
 
 using sandbox::Failure;
 
-constexpr sandbox::Limit kLimits[] = {
+/// Raises the limits of what is not the stack.
+Failure limitResources([[maybe_unused]] const MemoryWalls& memory) {
+  const sandbox::Limit limits[] = {
     {RLIMIT_CORE, 0, "RLIMIT_CORE"},
     {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"},
     {RLIMIT_NPROC, 0, "RLIMIT_NPROC"},
     {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
 #if !PROXYMANAGER_SANITIZED  // which map far more, and look at memory through pipes
-    {RLIMIT_AS, kAddressSpaceBytes, "RLIMIT_AS"},
+    {RLIMIT_AS, memory.addressSpaceBytes, "RLIMIT_AS"},
     {RLIMIT_NOFILE, 0, "RLIMIT_NOFILE"},
 #endif
-};
+  };
+  return sandbox::limitResources(limits);
+}
 
 #if PROXYMANAGER_SECCOMP
 
@@ -115,11 +119,11 @@ void loadZone() {
   tzset();
 }
 
-Failure enterSandbox(int socket) {
+Failure enterSandbox(int socket, const MemoryWalls& memory) {
   sandbox::volunteerForOutOfMemory();
-  if (auto failure = sandbox::setStackLimit(kStackBytes)) return failure;
+  if (auto failure = sandbox::setStackLimit(memory.stackBytes)) return failure;
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::leave)) return failure;
-  if (auto failure = sandbox::limitResources(kLimits)) return failure;
+  if (auto failure = limitResources(memory)) return failure;
   return allowOnlyWhatAnEngineNeeds(socket);
 }
 

@@ -17,6 +17,12 @@ namespace pac_worker {
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
 
+/// What a worker may have of memory; a program with an engine of other limits names its own.
+struct MemoryWalls {
+  unsigned long addressSpaceBytes = kAddressSpaceBytes;
+  unsigned long stackBytes = kStackBytes;
+};
+
 /// Reads the zone rules (TZ, else /etc/localtime), which are out of reach later. To be called
 /// first.
 void loadZone();
@@ -24,6 +30,6 @@ void loadZone();
 /// Raises all walls around this process, which has one thread. Afterwards it can read and write the
 /// socket `socket`, get and give back memory, ask the time, and end.
 /// @return nothing, or which wall could not be raised and why; the process must then end
-std::optional<std::string> enterSandbox(int socket);
+std::optional<std::string> enterSandbox(int socket, const MemoryWalls& memory = {});
 
 }  // namespace pac_worker

@@ -34,6 +34,7 @@ bool isAscii(std::string_view text) {
 struct ScriptEngine::Impl {
   PacEnvironment& environment;
   const ScriptLimits limits;
+  Preparation* const preparation;
   std::string script;                      ///< decoded; kept to be loaded again
   std::unique_ptr<EngineRuntime> runtime;  ///< null if no script is loaded
   bool worn = false;                       ///< the script holds most of the heap
@@ -67,6 +68,7 @@ std::optional<Problem> ScriptEngine::Impl::start() {
   runtime.reset();
   runtime = std::make_unique<EngineRuntime>(environment, limits);
   if (runtime->context() == nullptr || !defineHelpers(*runtime)) return errorOf(kOutOfMemory);
+  if (preparation != nullptr && !preparation->prepare(*runtime)) return errorOf(kOutOfMemory);
   return run();
 }
 
@@ -131,8 +133,9 @@ Reply ScriptEngine::Impl::call(std::string_view url, std::string_view host, bool
   return reply;
 }
 
-ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits)
-    : mImpl(new Impl{environment, limits, {}, nullptr}) {}
+ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits,
+                           Preparation* preparation)
+    : mImpl(new Impl{environment, limits, preparation, {}, nullptr}) {}
 
 ScriptEngine::~ScriptEngine() = default;
 

@@ -36,10 +36,26 @@ struct ScriptLimits {
 using pac_engine::Problem;
 using pac_engine::Reply;
 
+class EngineRuntime;
+
+/// What a program does with the context of a script before the script runs.
+class Preparation {
+ public:
+  Preparation() = default;
+  Preparation(const Preparation&) = delete;
+  Preparation& operator=(const Preparation&) = delete;
+  virtual ~Preparation() = default;
+
+  /// The context has the helpers already. @return false if the heap limit is too low
+  virtual bool prepare(EngineRuntime& runtime) = 0;
+};
+
 class ScriptEngine {
  public:
   /// @param environment outlives the engine
-  explicit ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits = {});
+  /// @param preparation done at each load, if there is one; outlives the engine
+  explicit ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits = {},
+                        Preparation* preparation = nullptr);
   ~ScriptEngine();
   ScriptEngine(const ScriptEngine&) = delete;
   ScriptEngine& operator=(const ScriptEngine&) = delete;

@@ -194,7 +194,7 @@ UniqueFd sealedScript(std::string_view) {
   return UniqueFd(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
-std::string workerProgram() {
+std::string workerProgram(WorkerRole) {
   return "none";
 }
 
@@ -215,7 +215,7 @@ std::string WorkerProcess::end() {
   return "ended";
 }
 
-std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string&, const UniqueFd&,
+std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string&, WorkerRole, const UniqueFd&,
                                                     const std::string&, std::string& problem) {
   auto& input = run->input;
   int ends[2];

@@ -181,7 +181,7 @@ struct ScriptEngine::Impl {
   PacEnvironment& environment;
 };
 
-ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits&)
+ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits&, Preparation*)
     : mImpl(new Impl{environment}) {}
 ScriptEngine::~ScriptEngine() = default;
 

@@ -174,7 +174,7 @@ std::string run(std::string_view step) {
 
 }  // namespace
 
-ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits&)
+ScriptEngine::ScriptEngine(PacEnvironment& environment, const ScriptLimits&, Preparation*)
     : mImpl(new Impl{environment}) {}
 ScriptEngine::~ScriptEngine() = default;
 

@@ -1,0 +1,34 @@
+// A time limit that no script can pass.
+#pragma once
+
+#include <sys/time.h>
+
+#include <chrono>
+#include <ctime>
+
+namespace pac_worker {
+
+/// Ends the process should a load or an evaluation outlast the library that waits for it: some
+/// scripts never come back to where the engine looks at the clock, and the library's own wall,
+/// which stands before this one, falls with the library.
+class EvaluationAlarm {
+ public:
+  explicit EvaluationAlarm(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }
+  ~EvaluationAlarm() { arm(std::chrono::milliseconds(0)); }
+  EvaluationAlarm(const EvaluationAlarm&) = delete;
+  EvaluationAlarm& operator=(const EvaluationAlarm&) = delete;
+
+ private:
+  static constexpr std::chrono::milliseconds kAfterTheLibrary{1000};
+
+  // SIGALRM's default action is the end.
+  static void arm(std::chrono::milliseconds after) {
+    const auto count = after.count();
+    itimerval timer{};
+    timer.it_value.tv_sec = static_cast<time_t>(count / 1000);
+    timer.it_value.tv_usec = static_cast<suseconds_t>(count % 1000 * 1000);
+    setitimer(ITIMER_REAL, &timer, nullptr);
+  }
+};
+
+}  // namespace pac_worker

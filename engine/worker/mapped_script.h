@@ -1,0 +1,15 @@
+// The script as the worker is given it.
+#pragma once
+
+#include <optional>
+#include <string_view>
+
+namespace pac_worker {
+
+/// Maps the script's memory file without reading a byte, and closes its descriptor.
+/// @return the bytes, until unmap(); nothing if they cannot be mapped
+std::optional<std::string_view> mappedScript();
+
+void unmap(std::string_view script);
+
+}  // namespace pac_worker

@@ -1,0 +1,326 @@
+// The command "instrument": the script with calls of the hook (tracer.h) in it, and what its places
+// are.
+//
+// A place is a statement, or an expression whose value decides: a test, an operand of && || ??, the
+// value of a return, the call of a helper. The text around them stays as it is, and no line end is
+// added, so lines stay lines and comments may stand anywhere. The hook is called
+//   hook(N);          before a statement; a statement that is no block gets one
+//   hook(N,(value))   around an expression
+//   hook(N),          before the test of an `else if`, which keeps a chain of them flat for the
+//                     engine's own parser
+// Nothing in the body of a `with` is touched: the hook's name could mean another thing there.
+//
+// Report: { script, names, places, functions, notes, source? }. A place is the array
+//   [kind, line, column, last line, source, function, owner, branch]
+// kind: letters: s statement; t test of an if, ?: or loop; k test of a case; o operand; r return;
+//   h call of a helper; c case that is entered; d in addition: never reached, whatever is asked
+// owner: number of the place (t or c) that decides whether this one is reached, -1 if none does;
+//   branch: whether that has to be true
+// functions: [name, first line, last line]; the script itself is number 0
+'use strict';
+
+const bodyKeys = {
+  IfStatement: ['consequent', 'alternate'],
+  ForStatement: ['body'],
+  ForInStatement: ['body'],
+  ForOfStatement: ['body'],
+  WhileStatement: ['body'],
+  DoWhileStatement: ['body'],
+};
+
+class Instrumenter {
+  constructor(script) {
+    this.script = script;
+    this.places = [];
+    this.insertions = []; // pairs of offset and text
+    this.functions = [['', 1, script.lineOf(script.text.length)]];
+    this.notes = [];
+    this.name = this.freeName();
+  }
+
+  // A name for the hook that does not occur in the script, not even as a part.
+  freeName() {
+    for (let number = 0; ; number++) {
+      const name = `$pm${number}`;
+      if (!this.script.text.includes(name)) return name;
+    }
+  }
+
+  insert(offset, text) {
+    this.insertions.push([offset, text]);
+  }
+
+  note(node, text) {
+    this.notes.push([this.script.lineOf(node.start), text]);
+  }
+
+  place(kind, node, context, withSource) {
+    const { script } = this;
+    const dead = context.dead ? 'd' : '';
+    this.places.push([
+      kind + dead, script.lineOf(node.start), script.columnOf(node.start), script.lineOf(node.end - 1),
+      withSource ? script.sourceOf(node) : '', context.function, context.owner, context.branch,
+    ]);
+    return this.places.length - 1;
+  }
+
+  // Puts the hook around an expression and goes on inside. @return the place's number
+  around(kind, node, context) {
+    const isHelper = !context.inChain && isHelperCall(node);
+    const number = this.place(isHelper ? kind + 'h' : kind, node, context, true);
+    this.insert(node.start, `${this.name}(${number},(`);
+    this.inside(node, context);
+    this.insert(node.end, '))');
+    return number;
+  }
+
+  // A test: the operands of && || ?? ! one by one, and the whole.
+  test(kind, node, context) {
+    if (!isLogical(node)) return this.around(kind, node, context);
+    const number = this.place(kind, node, context, true);
+    this.insert(node.start, `${this.name}(${number},(`);
+    this.operands(node, context);
+    this.insert(node.end, '))');
+    return number;
+  }
+
+  // The operands of a logical expression, however deep: a chain of a thousand is a tree of that depth.
+  operands(node, context) {
+    for (const side of [node.left, node.right]) {
+      if (isLogical(side)) this.operands(side, context);
+      else this.around('o', side, context);
+    }
+  }
+
+  statements(list, context) {
+    let dead = context.dead;
+    let directives = true;
+    for (const statement of list) {
+      directives = directives && statement.directive !== undefined;
+      // A function that is declared behind a return is there before it.
+      const isAlive = dead === context.dead || statement.type === 'FunctionDeclaration';
+      this.statement(statement, isAlive ? context : { ...context, dead }, !directives);
+      dead = dead || endsHere(statement);
+    }
+  }
+
+  // A statement in a list, before which another may stand.
+  statement(node, context, isCounted = true) {
+    if (isCounted && isReached(node)) {
+      this.insert(node.start, `${this.name}(${this.place('s', node, context, false)});`);
+    }
+    this.visit(node, context);
+  }
+
+  // A statement that is the body of an if or a loop.
+  body(node, context) {
+    if (node.type === 'BlockStatement' || !isReached(node)) return this.visit(node, context);
+    this.insert(node.start, '{');
+    this.statement(node, context);
+    this.insert(node.end, '}');
+  }
+
+  // The kinds of nodes that matter; all others are gone through.
+  visit(node, context) {
+    switch (node.type) {
+      case 'Program':
+      case 'BlockStatement':
+      case 'StaticBlock':
+        return this.statements(node.body, context);
+      case 'FunctionDeclaration':
+      case 'FunctionExpression':
+      case 'ArrowFunctionExpression':
+        return this.function(node, context);
+      case 'IfStatement':
+        return this.ifStatement(node, context);
+      case 'ForStatement':
+      case 'WhileStatement':
+      case 'DoWhileStatement':
+        return this.loop(node, context);
+      case 'ForInStatement':
+      case 'ForOfStatement':
+        this.visit(node.left, context);
+        this.visit(node.right, context);
+        return this.body(node.body, context);
+      case 'SwitchStatement':
+        return this.switchStatement(node, context);
+      case 'ReturnStatement':
+        return this.returnStatement(node, context);
+      case 'ConditionalExpression': {
+        const owner = this.test('t', node.test, context);
+        this.visit(node.consequent, { ...context, owner, branch: true });
+        return this.visit(node.alternate, { ...context, owner, branch: false });
+      }
+      case 'LogicalExpression':
+        return this.operands(node, context);
+      case 'WithStatement':
+        this.note(node, 'the body of a "with" is not looked into');
+        return this.visit(node.object, context);
+      case 'ChainExpression':
+        return this.visit(node.expression, { ...context, inChain: true });
+      case 'CallExpression':
+        if (!context.inChain && isHelperCall(node)) return void this.around('', node, context);
+        return this.inside(node, context);
+      default:
+        return this.inside(node, context);
+    }
+  }
+
+  // What a node consists of, without the node itself.
+  inside(node, context) {
+    if (node.type === 'CallExpression') {
+      if (node.callee.type === 'Identifier' && node.callee.name === 'eval') {
+        this.note(node, 'the text that "eval" runs is not looked into');
+      }
+      this.visit(node.callee, context);
+      const given = context.inChain ? { ...context, inChain: false } : context;
+      for (const argument of node.arguments) this.visit(argument, given);
+    } else if (node.type === 'NewExpression' && node.callee.name === 'Function') {
+      this.note(node, 'the text of a "new Function" is not looked into');
+      this.each(node, context);
+    } else if (node.type === 'ConditionalExpression' || node.type === 'ChainExpression' ||
+               /Function/.test(node.type)) {
+      this.visit(node, context);
+    } else if (node.type === 'MemberExpression') {
+      this.visit(node.object, context);
+      if (node.computed) this.visit(node.property, { ...context, inChain: false });
+    } else {
+      this.each(node, context);
+    }
+  }
+
+  each(node, context) {
+    const below = context.inChain ? { ...context, inChain: false } : context;
+    for (const child of childrenOf(node)) this.visit(child, below);
+  }
+
+  function(node, outer) {
+    const { script } = this;
+    const name = node.id ? node.id.name : '(anonymous)';
+    this.functions.push([name, script.lineOf(node.start), script.lineOf(node.end - 1)]);
+    const context = {
+      function: this.functions.length - 1, owner: -1, branch: false, dead: outer.dead, inChain: false,
+    };
+    for (const parameter of node.params) this.visit(parameter, context);
+    if (node.body.type === 'BlockStatement') this.statements(node.body.body, context);
+    else this.test('r', node.body, context);
+  }
+
+  ifStatement(node, context) {
+    const always = constantOf(node.test);
+    const owner = this.test('t', node.test, context);
+    const dead = (branch) => context.dead || always === !branch;
+    this.body(node.consequent, { ...context, owner, branch: true, dead: dead(true) });
+    if (node.alternate === null) return;
+    const other = { ...context, owner, branch: false, dead: dead(false) };
+    if (node.alternate.type !== 'IfStatement') return this.body(node.alternate, other);
+    const number = this.place('s', node.alternate, other, false);
+    this.insert(node.alternate.test.start, `${this.name}(${number}),`);
+    this.ifStatement(node.alternate, other);
+  }
+
+  loop(node, context) {
+    if (node.init) this.visit(node.init, context);
+    const isLate = node.type === 'DoWhileStatement';
+    if (isLate) this.body(node.body, context);
+    const owner = node.test ? this.test('t', node.test, context) : context.owner;
+    const inLoop = node.test ? { ...context, owner, branch: true } : context;
+    if (node.update) this.visit(node.update, inLoop);
+    if (!isLate) this.body(node.body, inLoop);
+  }
+
+  switchStatement(node, context) {
+    this.visit(node.discriminant, context);
+    for (const entry of node.cases) {
+      if (entry.test) this.test('k', entry.test, context);
+      const owner = this.place('c', entry, context, false);
+      const first = entry.consequent[0];
+      this.insert(first ? first.start : entry.end, `${this.name}(${owner});`);
+      this.statements(entry.consequent, { ...context, owner, branch: true });
+    }
+  }
+
+  returnStatement(node, context) {
+    if (node.argument) {
+      this.test('r', node.argument, context);
+    } else {
+      const number = this.place('r', node, context, true);
+      this.insert(node.start + 'return'.length, ` ${this.name}(${number},(void 0))`);
+    }
+  }
+
+  // The script with all insertions. They are in order but where the tree's order is not the source's.
+  text() {
+    const { insertions, script } = this;
+    let sorted = true;
+    for (let i = 1; i < insertions.length && sorted; i++) {
+      sorted = insertions[i - 1][0] <= insertions[i][0];
+    }
+    if (!sorted) insertions.sort((a, b) => a[0] - b[0]);
+    // A first line "#!..." may only stand first.
+    const source = script.text.startsWith('#!') ? '//' + script.text.slice(2) : script.text;
+    const parts = [`/*${this.name}*/`];
+    let at = 0;
+    for (const [offset, text] of insertions) {
+      if (offset > at) parts.push(source.slice(at, offset));
+      parts.push(text);
+      at = offset;
+    }
+    parts.push(source.slice(at));
+    return parts.join('');
+  }
+}
+
+function isLogical(node) {
+  return node.type === 'LogicalExpression';
+}
+
+function isHelperCall(node) {
+  return node.type === 'CallExpression' && !node.optional && node.callee.type === 'Identifier' &&
+      helperNames.has(node.callee.name);
+}
+
+// Whether a statement does anything when it is reached.
+function isReached(node) {
+  return node.type !== 'FunctionDeclaration' && node.type !== 'EmptyStatement';
+}
+
+// Whether nothing behind this statement in its list is ever reached.
+function endsHere(node) {
+  switch (node.type) {
+    case 'ReturnStatement':
+    case 'ThrowStatement':
+    case 'BreakStatement':
+    case 'ContinueStatement':
+      return true;
+    case 'BlockStatement':
+      return node.body.some(endsHere);
+    case 'IfStatement':
+      return node.alternate !== null && endsHere(node.consequent) && endsHere(node.alternate);
+    default:
+      return false;
+  }
+}
+
+// The truth of a test that is a constant; nothing of others.
+function constantOf(node) {
+  if (node.type === 'Literal' && node.regex === undefined) return Boolean(node.value);
+  if (node.type === 'UnaryExpression' && node.operator === '!') {
+    const value = constantOf(node.argument);
+    return value === undefined ? undefined : !value;
+  }
+  return undefined;
+}
+
+commands.instrument = (script, argument) => {
+  const { tree } = script;
+  const instrumenter = new Instrumenter(script);
+  instrumenter.visit(tree, { function: 0, owner: -1, branch: false, dead: false, inChain: false });
+  return {
+    script: instrumenter.text(),
+    places: instrumenter.places,
+    functions: instrumenter.functions,
+    notes: instrumenter.notes,
+    source: argument.source ? script.text : undefined,
+  };
+};

@@ -1,0 +1,122 @@
+// The workbench as proxymanagerctl uses it: a parser that instruments, a tracer that runs the
+// result.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "engine/pac_engine.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using pac_engine::Engine;
+using pac_engine::Options;
+using pac_engine::Problem;
+using pac_engine::WorkerRole;
+
+std::unique_ptr<Engine> load(const std::string& script, WorkerRole role) {
+  Options options;
+  options.role = role;
+  options.names.staticNames = pac_engine::StaticNames{{"known.example", {"192.0.2.7"}}};
+  options.ownAddresses = {{"10.1.2.3"}};
+  options.timeLimit = std::chrono::seconds(60);
+  Problem refused;
+  auto engine = Engine::load(script, options, refused);
+  EXPECT_NE(engine, nullptr) << pac_engine::describe(refused);
+  return engine;
+}
+
+Json command(Engine& engine, const std::string& name, const Json& argument) {
+  Problem problem;
+  const auto text = engine.command(
+      name, argument.is_string() ? argument.get<std::string>() : argument.dump(), problem);
+  EXPECT_TRUE(text) << pac_engine::describe(problem);
+  return text ? Json::parse(*text) : Json();
+}
+
+Json instrumented(const std::string& script) {
+  const auto parser = load(script, WorkerRole::kParses);
+  return command(*parser, "instrument", Json::object());
+}
+
+/// What the script answers for `url`, or why it does not.
+std::string answered(Engine& engine, const std::string& url, const std::string& host) {
+  const auto reply = engine.evaluate(url, host);
+  return reply.result ? *reply.result : pac_engine::describe(reply.problem);
+}
+
+/// The events of one evaluation of `script`.
+Json traced(const std::string& script, const std::string& url, const std::string& host) {
+  const auto tracer = load(instrumented(script)["script"], WorkerRole::kTraces);
+  command(*tracer, "trace", "events");
+  answered(*tracer, url, host);
+  return command(*tracer, "trace", "events");
+}
+
+constexpr char kScript[] = R"(function FindProxyForURL(url, host) {
+  if (isPlainHostName(host) || dnsDomainIs(host, ".example.org"))
+    return "DIRECT";
+  if (isInNet(host, "192.0.2.0", "255.255.255.0")) return "PROXY a:1";
+  return "PROXY b:2";
+}
+)";
+
+TEST(Workbench, NotesTheValuesOfTestsAndTheReturnThatDecides) {
+  const auto report = instrumented(kScript);
+  const auto tracer = load(report["script"], WorkerRole::kTraces);
+  EXPECT_EQ(answered(*tracer, "http://www.example.org/", "www.example.org"), "DIRECT");
+  const auto trace = command(*tracer, "trace", "events");
+  std::string told;
+  for (const auto& event : trace["events"]) {
+    if (event[0] != "v") continue;
+    const auto& place = report["places"][event[1].get<std::size_t>()];
+    told += std::to_string(place[1].get<int>()) + " " + place[4].get<std::string>() + " = " +
+            event[2].get<std::string>() + "\n";
+  }
+  EXPECT_EQ(told,
+            "2 isPlainHostName(host) = false\n"
+            "2 dnsDomainIs(host, \".example.org\") = true\n"
+            "2 isPlainHostName(host) || dnsDomainIs(host, \".example.org\") = true\n"
+            "3 \"DIRECT\" = \"DIRECT\"\n");
+}
+
+TEST(Workbench, NotesWhatAHelperLooksUp) {
+  const auto trace = traced(kScript, "http://known.example/", "known.example");
+  Json calls = Json::array();
+  for (const auto& event : trace["events"])
+    if (event[0] == "c") calls.push_back({event[1], event[2], event[4], event[6].size()});
+  EXPECT_EQ(calls, Json::parse(R"([[0,"isPlainHostName","false",0],[0,"dnsDomainIs","false",0],
+                                   [1,"dnsResolve","\"192.0.2.7\"",1],[0,"isInNet","true",0]])"));
+}
+
+TEST(Workbench, ReportsTheLineThatTheParserDoesNotTake) {
+  const auto parser = load("var a;\r\nvar b = ;\r\n", WorkerRole::kParses);
+  const auto report = command(*parser, "instrument", Json::object());
+  EXPECT_EQ(report["line"], 2);
+  EXPECT_EQ(report["unparsed"], "Unexpected token");
+}
+
+TEST(Workbench, ParsesWhatIsNestedFarDeeperThanTheScriptsStackHolds) {
+  std::string chain = "function FindProxyForURL(url, host) {\n";
+  for (int i = 0; i < 2000; ++i)
+    chain += (i == 0 ? "if" : "else if") + std::string(" (host == '") + std::to_string(i) +
+             "') return 'DIRECT';\n";
+  EXPECT_TRUE(instrumented(chain + "}\n").contains("script"));
+}
+
+TEST(Workbench, KnowsNoOtherCommand) {
+  const auto parser = load("", WorkerRole::kParses);
+  Problem problem;
+  EXPECT_FALSE(parser->command("toString", "", problem));
+  EXPECT_EQ(problem.message, "Error: there is no command toString");
+}
+
+TEST(Workbench, TheDaemonsWorkerTakesNoCommand) {
+  const auto engine = load(kScript, WorkerRole::kAnswers);
+  Problem problem;
+  EXPECT_FALSE(engine->command("trace", "", problem));
+  EXPECT_EQ(problem.message, "the script worker ended without an answer");
+}
+
+}  // namespace
