@@ -1,9 +1,9 @@
 // A shared library that is mapped when it is first called.
 //
-// Some libraries load many others, and a daemon in the modes off and manual never calls them. So
-// the daemon, and only the daemon, is linked with functions of its own that have the names of the
-// library's and forward each call. A test fails if the daemon needs one of those libraries at its
-// start again.
+// A daemon in the modes off and manual never calls some of its libraries, and most commands of
+// proxymanagerctl call the bus alone. So these two programs are linked with functions of their own
+// that have the names of the library's and forward each call. Tests fail if they map one of those
+// libraries at their start again.
 #pragma once
 
 #include <dlfcn.h>

@@ -1,9 +1,9 @@
-# proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): an object for the daemon alone, whose
+# proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): an object for programs alone, whose
 # functions stand before those of the library SONAME and map it at their first call. They are not
 # visible to other libraries, least of all to the library that they stand for.
 #
 # The name of the library is in the source. Others of its kind, such as a libcurl on GnuTLS, have
-# another name, and the daemon would not find the one that it was built with.
+# another name, and the program would not find the one that it was built with.
 function(proxymanager_on_demand target source dependency soname)
   foreach(found IN LISTS ${dependency}_LINK_LIBRARIES)
     if(found MATCHES "/lib${dependency}[^/]*\\.so$")

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "base/ascii.h"
+
 namespace pac_engine {
 
 namespace {
@@ -13,11 +15,6 @@ namespace {
 constexpr std::size_t kMaxAsciiName = 254;  // 253 and the dot of the root (RFC 1035)
 
 using IdnText = std::unique_ptr<char, decltype(&idn2_free)>;
-
-bool isAscii(std::string_view text) {
-  return std::all_of(text.begin(), text.end(),
-                     [](char c) { return (static_cast<unsigned char>(c) & 0x80U) == 0; });
-}
 
 bool mayStand(char c) {
   return c > ' ' && c != 0x7F;
@@ -39,7 +36,7 @@ std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, Add
 
 std::optional<std::string> asciiName(std::string_view name) {
   std::string ascii(name);
-  if (!isAscii(name)) {
+  if (!base::isAscii(name)) {
     char* raw = nullptr;
     // As browsers do: case and width mapped, deviations such as sharp s as in the current standard.
     const int status = idn2_to_ascii_8z(ascii.c_str(), &raw, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
@@ -49,10 +46,7 @@ std::optional<std::string> asciiName(std::string_view name) {
   }
   if (ascii.empty() || ascii.size() > kMaxAsciiName) return std::nullopt;
   if (!std::all_of(ascii.begin(), ascii.end(), mayStand)) return std::nullopt;
-  std::transform(ascii.begin(), ascii.end(), ascii.begin(), [](char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  });
-  return ascii;
+  return base::lowerCase(ascii);
 }
 
 NameLookup::NameLookup(NameSource source)

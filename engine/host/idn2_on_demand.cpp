@@ -1,0 +1,43 @@
+// libidn2, mapped at the first name with characters beyond ASCII, for programs that seldom see one.
+//
+// If the library is missing, a conversion fails with IDN2_MALLOC.
+#include <idn2.h>
+
+#include <atomic>
+
+#include "base/library_on_demand.h"
+
+namespace {
+
+struct Functions {
+  decltype(&::idn2_to_ascii_8z) toAscii;
+  decltype(&::idn2_free) free;
+};
+
+using on_demand::find;
+
+bool findAll(void* library, Functions& found) {
+  return find(library, "idn2_to_ascii_8z", found.toAscii) && find(library, "idn2_free", found.free);
+}
+
+// What idn2_to_ascii_8z() has found; null before, and while the library is missing.
+std::atomic<const Functions*> found{nullptr};
+
+}  // namespace
+
+extern "C" {
+
+int idn2_to_ascii_8z(const char* name, char** ascii, int flags) {
+  static on_demand::Library<Functions> library("libidn2.so.0", findAll);
+  const Functions* const functions = library.functions();
+  if (functions == nullptr) return IDN2_MALLOC;
+  found = functions;
+  return functions->toAscii(name, ascii, flags);
+}
+
+// Also called with null, by owners of nothing.
+void idn2_free(void* text) {
+  if (text != nullptr) found.load()->free(text);
+}
+
+}  // extern "C"
