@@ -1,0 +1,33 @@
+// One thing to try, of the daemon's answer.
+#pragma once
+
+#include <proxymanager/client.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace relay {
+
+struct Entry {
+  proxymanager_kind kind = PROXYMANAGER_DIRECT;
+  std::string text;         ///< as the daemon gives it, for people
+  std::string host;         ///< a name or an address, without brackets
+  std::uint16_t port = 0;   ///< 0 for DIRECT
+  std::string credentials;  ///< "user:password", percent-encoded; mostly empty
+
+  bool isDirect() const { return kind == PROXYMANAGER_DIRECT; }
+  bool isHttp() const { return kind == PROXYMANAGER_HTTP || kind == PROXYMANAGER_HTTPS; }
+  /// A name for people and for maps, without credentials: "http://proxy.example.org:3128",
+  /// "DIRECT".
+  std::string name() const;
+};
+
+/// The daemon's answer for one URL.
+struct Answer {
+  proxymanager_status status = PROXYMANAGER_NO_DAEMON;
+  std::string mode;            ///< "off", "manual", "pacurl", "wpad", "local"; empty without answer
+  std::vector<Entry> entries;  ///< those that can be used, in the order to be tried
+};
+
+}  // namespace relay

@@ -1,0 +1,247 @@
+// Requests in absolute form: sent on to the server or to an HTTP proxy, and their answers back.
+#include <array>
+#include <boost/asio/experimental/awaitable_operators.hpp>
+
+#include "base/log_line.h"
+#include "relay/session.h"
+#include "relay/tunnel.h"
+
+namespace relay {
+
+namespace {
+
+/// Longer than any request: for a wait that another one ends.
+constexpr std::chrono::hours kForever{24 * 365};
+
+/// A request that may be sent again if its connection ended without an answer (RFC 9110, 9.2.2).
+bool isRepeatable(std::string_view method) {
+  static constexpr std::array<std::string_view, 6> kMethods = {"GET",   "HEAD", "OPTIONS",
+                                                               "TRACE", "PUT",  "DELETE"};
+  for (const auto one : kMethods) {
+    if (method == one) return true;
+  }
+  return false;
+}
+
+bool isUpgrade(const RequestHead& request) {
+  return request.isHttp11 && request.fields.hasWord("Connection", "Upgrade") &&
+         request.fields.has("Upgrade") && request.body.kind == BodyKind::kNone;
+}
+
+}  // namespace
+
+Task<Session::Next> Session::forward(const RequestHead& request) {
+  const auto target = readHttpTarget(request.target);
+  if (!target) {
+    mContext.counters.malformed++;
+    co_return co_await respond(400, "the target is no http URL; https wants CONNECT\n");
+  }
+  if (request.method == "TRACE" || request.method == "OPTIONS") {
+    if (request.fields.find("Max-Forwards") == "0")
+      co_return co_await respond(501, "Max-Forwards\n");
+  }
+  const auto& destination = target->destination;
+  Route route(mContext, destination, true, mPeer);
+  const auto refusal = co_await route.begin(std::string(request.target));
+  if (refusal.status != 0) {
+    logFailure(destination, refusal);
+    co_return co_await respond(refusal.status, refusal.text);
+  }
+  switch (co_await exchange(request, *target, route)) {
+    case Exchange::kKeep:
+      co_return Next::kKeep;
+    case Exchange::kHandedOver:
+      co_return Next::kHandedOver;
+    case Exchange::kClose:
+      co_return Next::kClose;
+    case Exchange::kNoAnswer:
+    case Exchange::kAuthentication:
+      break;
+  }
+  const auto failure = route.failure();
+  logFailure(destination, failure);
+  co_return co_await respond(failure.status, failure.text);
+}
+
+/// Tries upstreams until one answers.
+Task<Session::Exchange> Session::exchange(const RequestHead& request, const HttpTarget& target,
+                                          Route& route) {
+  mIsBodyStarted = false;
+  const bool canReuse =
+      mServer && mServer->stream.isOpen() && route.isNext(mServer->entry) &&
+      (mServer->isAbsoluteForm || mServerDestination == target.destination.text());
+  if (!canReuse) mServer.reset();
+  mIsReused = canReuse;
+  while (true) {
+    if (!mServer) {
+      mServer = co_await route.next();
+      mServerDestination = target.destination.text();
+      mServerIn.clear();
+      if (!mServer) co_return Exchange::kNoAnswer;
+    }
+    const auto result = co_await exchangeOnce(request, target, route);
+    if (result != Exchange::kNoAnswer && result != Exchange::kAuthentication) co_return result;
+    const bool wasReused = mIsReused;
+    mIsReused = false;
+    mServer.reset();
+    if (!mClient.isOpen()) co_return Exchange::kClose;
+    // A kept connection may have ended since; nothing is wrong with its proxy then.
+    if (wasReused && result == Exchange::kNoAnswer && !mIsBodyStarted &&
+        isRepeatable(request.method)) {
+      continue;
+    }
+    if (result == Exchange::kAuthentication) {
+      route.wantsAuthentication();
+    } else if (!wasReused) {
+      route.closedEarly("the connection ended before an answer");
+    }
+    if (mIsBodyStarted || !isRepeatable(request.method)) co_return Exchange::kNoAnswer;
+  }
+}
+
+Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const HttpTarget& target,
+                                              Route& route) {
+  using namespace asio::experimental::awaitable_operators;
+  RequestForm form;
+  form.destination = &target.destination;
+  form.path = target.path;
+  form.isAbsolute = mServer->isAbsoluteForm;
+  form.isUpgrade = isUpgrade(request);
+  form.via = mContext.name;
+  (void)route;
+  mHasServerByte = false;
+  const std::string head = requestFor(request, form);
+  if (!co_await mServer->stream.write(head)) co_return Exchange::kNoAnswer;
+  mIsBodySent = request.body.kind == BodyKind::kNone;
+  if (mIsBodySent) co_return co_await answer(request);
+  const auto result = co_await (answer(request) || sendBody(request));
+  co_return result.index() == 0 ? std::get<0>(result) : Exchange::kClose;
+}
+
+/// Sends the request's body, and then waits until the answer is there: it is told to end by that.
+/// Ends itself only if the client's connection ended or its body is broken.
+Task<void> Session::sendBody(const RequestHead& request) {
+  BodyReader body(request.body);
+  std::string out;
+  while (!body.isComplete()) {
+    if (mIn.empty() && !co_await readMore()) co_return;
+    out.clear();
+    const auto taken = body.take(mIn, out);
+    mIn.erase(0, taken);
+    if (body.problem()[0] != '\0') {
+      mContext.counters.malformed++;
+      if (!mHasServerByte) co_await respond(400, std::string(body.problem()) + "\n");
+      co_return;
+    }
+    expireAfter(mContext.configured.configuration.idleTime);
+    if (out.empty()) continue;
+    mIsBodyStarted = true;
+    // The server may refuse the rest and still answer.
+    if (!co_await mServer->stream.write(out)) break;
+  }
+  mIsBodySent = body.isComplete();
+  std::string().swap(out);
+  Event never(mContext.loop);
+  co_await never.wait(kForever);
+}
+
+/// Reads the next head of the server's. @return false if there is none, or it is broken
+Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
+                                 ResponseHead& response) {
+  std::size_t searched = 0;
+  while (true) {
+    const auto length = headLength(std::string_view(mServerIn).substr(0, kMaxHeadBytes), searched);
+    if (length != 0) {
+      head = mServerIn.substr(0, length);
+      mServerIn.erase(0, length);
+      response = ResponseHead();
+      co_return readResponseHead(head, request.method, response).status == 0;
+    }
+    if (mServerIn.size() >= kMaxHeadBytes) co_return false;
+    searched = mServerIn.size();
+    auto& buffer = sharedBuffer();
+    const auto got = mServer->stream.tryRead(buffer.data(), buffer.size());
+    if (got > 0) {
+      mHasServerByte = true;
+      mServerIn.append(buffer.data(), static_cast<std::size_t>(got));
+    } else if (got != Stream::kAgain || !co_await mServer->stream.waitRead()) {
+      co_return false;
+    }
+  }
+}
+
+Task<Session::Exchange> Session::answer(const RequestHead& request) {
+  std::string head;
+  ResponseHead response;
+  while (true) {
+    if (!co_await readResponse(request, head, response)) co_return Exchange::kNoAnswer;
+    if (response.status / 100 != 1 || response.status == 101) break;
+    if (!request.isHttp11) continue;
+    ResponseForm form;
+    form.via = mContext.name;
+    if (!co_await mClient.write(responseFor(response, form))) co_return Exchange::kClose;
+  }
+  if (response.status == 101 && !isUpgrade(request)) co_return Exchange::kNoAnswer;
+  if (response.status == 407 && mServer->isAbsoluteForm) co_return Exchange::kAuthentication;
+  co_return co_await relayResponse(request, response);
+}
+
+Task<Session::Exchange> Session::relayResponse(const RequestHead& request,
+                                               const ResponseHead& response) {
+  mContext.counters.requests++;
+  decide(mServerDestination, mServer->entry.name(), true);
+  if (mContext.configured.configuration.logRequests) {
+    logLine(LOG_INFO, "relay: request to %s by %s", mServerDestination.c_str(),
+            mServer->entry.name().c_str());
+  }
+  ResponseForm form;
+  form.via = mContext.name;
+  form.isHttp11 = request.isHttp11;
+  form.isUpgrade = response.status == 101;
+  const bool isDelimited = response.body.kind != BodyKind::kUntilClose &&
+                           (response.body.kind != BodyKind::kChunked || request.isHttp11);
+  form.isKept = isDelimited && mIsBodySent && keepsConnection(request.fields, request.isHttp11);
+  if (!co_await mClient.write(responseFor(response, form))) co_return Exchange::kClose;
+  if (form.isUpgrade) {
+    handOver(std::move(mServer->stream), std::move(mServerIn));
+    co_return Exchange::kHandedOver;
+  }
+  const bool isWhole = co_await relayBody(response, request.isHttp11);
+  const bool isServerKept = isWhole && mIsBodySent && !response.isDoubtful && mServerIn.empty() &&
+                            response.body.kind != BodyKind::kUntilClose && response.isHttp11 &&
+                            keepsConnection(response.fields, true);
+  if (!isServerKept) mServer.reset();
+  // A body that was cut off must not look whole: the connection ends with it.
+  if (!isWhole) mClient.close();
+  co_return isWhole&& form.isKept ? Exchange::kKeep : Exchange::kClose;
+}
+
+/// @return whether the whole body reached the client
+Task<bool> Session::relayBody(const ResponseHead& response, bool isHttp11) {
+  BodyReader body(response.body, isHttp11);
+  std::string out;
+  std::size_t taken = body.take(mServerIn, out);
+  mServerIn.erase(0, taken);
+  if (mServerIn.empty()) std::string().swap(mServerIn);
+  while (true) {
+    if (!co_await mClient.write(out)) co_return false;
+    if (body.isComplete()) co_return true;
+    if (body.problem()[0] != '\0') co_return false;
+    expireAfter(mContext.configured.configuration.idleTime);
+    auto& buffer = sharedBuffer();
+    const auto got = mServer->stream.tryRead(buffer.data(), buffer.size());
+    out.clear();
+    if (got == Stream::kAgain) {
+      std::string().swap(out);
+      if (!co_await mServer->stream.waitRead()) co_return false;
+      continue;
+    }
+    if (got == Stream::kFailed) co_return false;
+    const std::string_view bytes(buffer.data(), static_cast<std::size_t>(got));
+    if (bytes.empty()) body.streamEnded();
+    taken = body.take(bytes, out);
+    mServerIn.append(bytes.substr(taken));
+  }
+}
+
+}  // namespace relay

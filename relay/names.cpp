@@ -1,0 +1,163 @@
+#include "relay/names.h"
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <system_error>
+#include <thread>
+
+namespace relay {
+
+namespace {
+
+Protocol::endpoint withPort(Protocol::endpoint endpoint, std::uint16_t port) {
+  auto* const address = endpoint.data();
+  if (address->sa_family == AF_INET) {
+    reinterpret_cast<sockaddr_in*>(address)->sin_port = htons(port);
+  } else {
+    reinterpret_cast<sockaddr_in6*>(address)->sin6_port = htons(port);
+  }
+  return endpoint;
+}
+
+/// One of each family in turn, beginning with that of the first (RFC 8305, section 4).
+void interleave(std::vector<Protocol::endpoint>& list) {
+  if (list.empty()) return;
+  const auto family = list.front().data()->sa_family;
+  std::vector<Protocol::endpoint> first;
+  std::vector<Protocol::endpoint> second;
+  for (const auto& one : list) (one.data()->sa_family == family ? first : second).push_back(one);
+  list.clear();
+  for (std::size_t index = 0; index < std::max(first.size(), second.size()); index++) {
+    if (index < first.size()) list.push_back(first[index]);
+    if (index < second.size()) list.push_back(second[index]);
+  }
+  if (list.size() > kMaxAddresses) list.resize(kMaxAddresses);
+}
+
+Addresses ask(const std::string& host) {
+  Addresses addresses;
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_ADDRCONFIG;
+  addrinfo* found = nullptr;
+  const int result = getaddrinfo(host.c_str(), nullptr, &hints, &found);
+  if (result != 0) {
+    addresses.problem = gai_strerror(result);
+    return addresses;
+  }
+  for (const auto* one = found; one != nullptr; one = one->ai_next) {
+    if (one->ai_family != AF_INET && one->ai_family != AF_INET6) continue;
+    addresses.list.emplace_back(one->ai_addr, one->ai_addrlen);
+  }
+  freeaddrinfo(found);
+  interleave(addresses.list);
+  if (addresses.list.empty()) addresses.problem = "no address";
+  return addresses;
+}
+
+}  // namespace
+
+bool readAddress(const std::string& text, std::uint16_t port, Protocol::endpoint& endpoint) {
+  sockaddr_in four{};
+  sockaddr_in6 six{};
+  if (inet_pton(AF_INET, text.c_str(), &four.sin_addr) == 1) {
+    four.sin_family = AF_INET;
+    endpoint = withPort(Protocol::endpoint(&four, sizeof(four)), port);
+    return true;
+  }
+  if (inet_pton(AF_INET6, text.c_str(), &six.sin6_addr) != 1) return false;
+  six.sin6_family = AF_INET6;
+  endpoint = withPort(Protocol::endpoint(&six, sizeof(six)), port);
+  return true;
+}
+
+std::string addressText(const Protocol::endpoint& endpoint) {
+  char text[INET6_ADDRSTRLEN] = "";
+  const auto* const address = endpoint.data();
+  if (address->sa_family == AF_INET) {
+    inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text,
+              sizeof(text));
+  } else if (address->sa_family == AF_INET6) {
+    inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text,
+              sizeof(text));
+  }
+  return text;
+}
+
+Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::duration limit) {
+  Addresses addresses;
+  if (Protocol::endpoint literal; readAddress(host, port, literal)) {
+    addresses.list.push_back(literal);
+    co_return addresses;
+  }
+  auto& known = mLookups[host];
+  if (known == nullptr) {
+    if (mWaiting.size() >= kMaxWaitingLookups) {
+      mLookups.erase(host);
+      addresses.problem = "too many lookups";
+      co_return addresses;
+    }
+    known = std::make_shared<Lookup>();
+    known->host = host;
+    mWaiting.push_back(known);
+  }
+  const auto lookup = known;
+  next();
+  Event done(mLoop);
+  lookup->waiting.push_back(&done);
+  if (!lookup->isDone) co_await done.wait(limit);
+  std::erase(lookup->waiting, &done);
+  if (!lookup->isDone) {
+    addresses.problem = "the name server does not answer";
+    co_return addresses;
+  }
+  addresses = lookup->addresses;
+  for (auto& address : addresses.list) address = withPort(address, port);
+  co_return addresses;
+}
+
+void Names::next() {
+  while (mRunning < kMaxLookups && !mWaiting.empty()) {
+    const auto lookup = mWaiting.front();
+    mWaiting.erase(mWaiting.begin());
+    start(lookup);
+  }
+}
+
+void Names::start(const LookupPtr& lookup) {
+  // Signals are the main thread's.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  try {
+    std::thread([this, lookup] {
+      pthread_setname_np(pthread_self(), "pm-lookup");
+      auto addresses = ask(lookup->host);
+      asio::post(mLoop, [this, lookup, addresses = std::move(addresses)]() mutable {
+        mRunning--;
+        end(lookup, std::move(addresses));
+        next();
+      });
+    }).detach();
+    mRunning++;
+  } catch (const std::system_error&) {
+    end(lookup, {{}, "no thread for a lookup"});
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void Names::end(const LookupPtr& lookup, Addresses addresses) {
+  lookup->addresses = std::move(addresses);
+  lookup->isDone = true;
+  mLookups.erase(lookup->host);
+  for (auto* const event : lookup->waiting) event->happen();
+}
+
+}  // namespace relay

@@ -1,0 +1,59 @@
+// Names looked up by the system's resolver, on threads of their own: a slow name delays no other.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "relay/loop.h"
+
+namespace relay {
+
+/// Lookups at once, each on a thread. A browser opens a page of fifty hosts; a name server that
+/// does not answer holds a lookup for some ten seconds.
+inline constexpr std::size_t kMaxLookups = 64;
+/// Lookups that wait for a thread; further ones fail at once.
+inline constexpr std::size_t kMaxWaitingLookups = 1024;
+/// Most addresses of a name that are tried.
+inline constexpr std::size_t kMaxAddresses = 16;
+
+struct Addresses {
+  std::vector<Protocol::endpoint>
+      list;             ///< in the order to be tried (RFC 8305), at most kMaxAddresses
+  std::string problem;  ///< if the list is empty
+};
+
+class Names {
+ public:
+  explicit Names(asio::io_context& loop) : mLoop(loop) {}
+
+  /// Looks `host` up, or reads it as an address. Equal lookups are one.
+  Task<Addresses> lookUp(std::string host, std::uint16_t port, Clock::duration limit);
+
+ private:
+  struct Lookup {
+    std::string host;
+    bool isDone = false;
+    Addresses addresses;  ///< with port 0
+    std::vector<Event*> waiting;
+  };
+  using LookupPtr = std::shared_ptr<Lookup>;
+
+  void next();
+  void start(const LookupPtr& lookup);
+  void end(const LookupPtr& lookup, Addresses addresses);
+
+  asio::io_context& mLoop;  ///< lives as long as the process: a thread may end at any time
+  std::map<std::string, LookupPtr, std::less<>> mLookups;
+  std::vector<LookupPtr> mWaiting;  ///< the oldest first
+  std::size_t mRunning = 0;
+};
+
+/// The address in `text`, if it is one.
+bool readAddress(const std::string& text, std::uint16_t port, Protocol::endpoint& endpoint);
+
+/// "192.0.2.1" or "2001:db8::1".
+std::string addressText(const Protocol::endpoint& endpoint);
+
+}  // namespace relay

@@ -1,0 +1,90 @@
+// One client's connection, from its first byte to its end or to its tunnel.
+//
+// The first byte tells SOCKS from HTTP. HTTP requests are served one after the other; what a client
+// sends ahead waits. A connection to a server or proxy is kept for the client's next request, and
+// for no other client's.
+//
+// A session is a coroutine that owns the object. It holds no buffer while it waits for a request.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "relay/context.h"
+#include "relay/http_body.h"
+#include "relay/rewrite.h"
+#include "relay/route.h"
+#include "relay/slot.h"
+
+namespace relay {
+
+class Session : public Watched, public std::enable_shared_from_this<Session> {
+ public:
+  Session(Context& context, Stream client, const Peer& peer, bool isRefused, Slot slot);
+
+  /// Serves the connection. The session lives until its end.
+  void start();
+
+  void expire() override;
+
+ private:
+  /// How a served request leaves the connection.
+  enum class Next : std::uint8_t { kKeep, kClose, kHandedOver };
+  /// How the exchange with one upstream ended.
+  enum class Exchange : std::uint8_t {
+    kKeep,           ///< done, the client's connection goes on
+    kClose,          ///< done, or broken after the answer began
+    kHandedOver,     ///< a tunnel since the 101
+    kNoAnswer,       ///< the upstream ended before its answer, nothing was sent to the client
+    kAuthentication  ///< 407, which the client is not told
+  };
+
+  // session.cpp
+  static Task<void> run(std::shared_ptr<Session> self);
+  Task<void> serveHttp();
+  Task<std::string> readHead();
+  Task<bool> readMore();
+  Task<Next> serve(const std::string& head);
+  Task<Next> respond(unsigned status, std::string text);
+  Task<Next> ownPage(const RequestHead& request);
+  void decide(const std::string& destination, const std::string& entry, bool isGood);
+  void logFailure(const Destination& destination, const Refusal& failure);
+  bool isPortAllowed(std::uint16_t port) const;
+
+  // tunnel_request.cpp
+  Task<Next> connect(const RequestHead& request);
+  Task<void> serveSocks(int version);
+  Task<std::optional<Destination>> socksDestination(int version);
+  Task<std::optional<Upstream>> openTunnel(const Destination& destination, const std::string& url,
+                                           Refusal& refusal);
+  void handOver(Stream server, std::string forClient);
+
+  // forward.cpp
+  Task<Next> forward(const RequestHead& request);
+  Task<Exchange> exchange(const RequestHead& request, const HttpTarget& target, Route& route);
+  Task<Exchange> exchangeOnce(const RequestHead& request, const HttpTarget& target, Route& route);
+  Task<Exchange> answer(const RequestHead& request);
+  Task<void> sendBody(const RequestHead& request);
+  Task<bool> readResponse(const RequestHead& request, std::string& head, ResponseHead& response);
+  Task<Exchange> relayResponse(const RequestHead& request, const ResponseHead& response);
+  Task<bool> relayBody(const ResponseHead& response, bool isHttp11);
+
+  Context& mContext;
+  Stream mClient;
+  const Peer mPeer;
+  const bool mIsRefused;  ///< by allow-users or deny-users
+  Slot mSlot;
+  std::string mIn;                  ///< read from the client, not used yet
+  std::optional<Upstream> mServer;  ///< of the last request in absolute form
+  std::string mServerDestination;   ///< what mServer leads to, if not an HTTP proxy
+  std::string mServerIn;            ///< read from mServer, not used yet
+  std::string mAuthorization;       ///< Proxy-Authorization for mServer
+  bool mIsReused = false;           ///< mServer was used before
+  bool mHasServerByte = false;      ///< mServer sent something since the request
+  bool mIsBodyStarted = false;      ///< bytes of the request's body have left
+  bool mIsBodySent = true;          ///< all of them
+  bool mIsInRequest = false;        ///< a request has begun, for what an expiry means
+};
+
+}  // namespace relay
