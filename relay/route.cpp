@@ -8,7 +8,17 @@ namespace relay {
 
 namespace {
 
+// GCC 12 ends aggregates that are made inside a co_await or co_return expression twice: in
+// coroutines they are made before, or by functions.
+
 constexpr char kOurselves[] = "this is the relay itself";
+
+Refusal refusal(unsigned status, std::string text) {
+  Refusal made;
+  made.status = status;
+  made.text = std::move(text);
+  return made;
+}
 
 bool isLocalName(const std::string& host) {
   std::string_view name = host;
@@ -23,7 +33,7 @@ Task<Refusal> Route::begin(const std::string& url) {
   if (!mPeer.isLocal) {
     const bool isAddress = readAddress(mDestination.host, mDestination.port, literal);
     if (isLocalName(mDestination.host) || (isAddress && isOwnOrLinkLocal(literal.data()))) {
-      co_return Refusal{403, "this device's own addresses are not served to others\n"};
+      co_return refusal(403, "this device's own addresses are not served to others\n");
     }
   }
   Answer answer = co_await mContext.questions.ask(url, mPeer.user);
@@ -34,7 +44,7 @@ Task<Refusal> Route::begin(const std::string& url) {
     mContext.isNoAnswerLogged = false;
     mEntries = std::move(answer.entries);
     mContext.penalties.order(mEntries);
-    co_return Refusal{};
+    co_return refusal(0, {});
   }
   const bool isDirect = mContext.configured.configuration.whenNoAnswer == NoAnswer::kDirect;
   const char* const reason = answer.status == PROXYMANAGER_OK
@@ -45,11 +55,11 @@ Task<Refusal> Route::begin(const std::string& url) {
     logLine(LOG_WARNING, "relay: no answer of the daemon (%s), requests %s", reason,
             isDirect ? "go directly" : "are refused");
   }
-  if (!isDirect) co_return Refusal{503, std::string("no answer of the daemon: ") + reason + "\n"};
+  if (!isDirect) co_return refusal(503, std::string("no answer of the daemon: ") + reason + "\n");
   Entry direct;
   direct.text = "DIRECT";
   mEntries.push_back(direct);
-  co_return Refusal{};
+  co_return refusal(0, {});
 }
 
 bool Route::isNext(const Entry& entry) const {
@@ -57,24 +67,28 @@ bool Route::isNext(const Entry& entry) const {
 }
 
 Task<std::optional<Upstream>> Route::next() {
+  std::optional<Upstream> upstream;
   while (mNext < mEntries.size() && !mIsFinal) {
     const Entry entry = mEntries[mNext++];
     auto stream = co_await attempt(entry);
     if (stream) {
-      co_return Upstream{std::move(*stream), entry, mWantsAbsoluteForm && entry.isHttp()};
+      upstream.emplace(std::move(*stream), entry, mWantsAbsoluteForm && entry.isHttp());
+      break;
     }
   }
-  co_return std::nullopt;
+  co_return upstream;
 }
 
 Task<std::optional<Stream>> Route::attempt(const Entry& entry) {
   const auto limit = mContext.configured.configuration.connectTime;
   if (entry.isDirect()) co_return co_await direct(entry, mDestination);
   if (mWantsAbsoluteForm && entry.kind == PROXYMANAGER_HTTP) {
-    co_return co_await direct(entry, Destination{entry.host, entry.port});
+    const Destination proxy{entry.host, entry.port};
+    co_return co_await direct(entry, proxy);
   }
   if (mWantsAbsoluteForm && entry.kind == PROXYMANAGER_HTTPS) {
-    co_return take(entry, co_await mContext.proxies.toHttpsProxy(entry, limit));
+    auto connected = co_await mContext.proxies.toHttpsProxy(entry, limit);
+    co_return take(entry, std::move(connected));
   }
   const auto credentials = mContext.credentialsFor(entry, mMode, mPeer);
   auto through = co_await mContext.proxies.tunnel(entry, mDestination, credentials, limit);
@@ -131,6 +145,7 @@ Task<std::optional<Stream>> Route::direct(const Entry& entry, const Destination&
   auto addresses = co_await mContext.names.lookUp(destination.host, destination.port,
                                                   mContext.configured.configuration.connectTime);
   std::string problem = addresses.problem;
+  std::optional<Stream> stream;
   for (const auto& address : addresses.list) {
     problem = refusedAddress(address.data(), entry);
     if (!problem.empty()) break;
@@ -138,7 +153,10 @@ Task<std::optional<Stream>> Route::direct(const Entry& entry, const Destination&
   if (problem.empty()) {
     auto connected =
         co_await connectToOne(mContext.loop, std::move(addresses.list), end - Clock::now());
-    if (connected.socket) co_return Stream(std::move(*connected.socket));
+    if (connected.socket) {
+      stream.emplace(std::move(*connected.socket));
+      co_return stream;
+    }
     problem = std::move(connected.problem);
   }
   if (entry.isDirect() || mIsFinal) {
@@ -146,7 +164,7 @@ Task<std::optional<Stream>> Route::direct(const Entry& entry, const Destination&
   } else {
     proxyFailed(entry, problem);
   }
-  co_return std::nullopt;
+  co_return stream;
 }
 
 void Route::note(const Entry& entry, const std::string& problem) {

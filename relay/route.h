@@ -15,6 +15,9 @@ namespace relay {
 
 /// A connection on which the request can leave.
 struct Upstream {
+  Upstream(Stream connected, Entry by, bool wantsAbsoluteForm)
+      : stream(std::move(connected)), entry(std::move(by)), isAbsoluteForm(wantsAbsoluteForm) {}
+
   Stream stream;
   Entry entry;
   bool isAbsoluteForm = false;  ///< the request's target is the whole URL
