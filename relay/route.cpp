@@ -52,7 +52,7 @@ Task<Refusal> Route::begin(const std::string& url) {
                                  : proxymanager_status_text(answer.status);
   if (!mContext.isNoAnswerLogged) {
     mContext.isNoAnswerLogged = true;
-    logLine(LOG_WARNING, "relay: no answer of the daemon (%s), requests %s", reason,
+    logLine(LOG_WARNING, "relay: no answer of the daemon: %s; requests %s", reason,
             isDirect ? "go directly" : "are refused");
   }
   if (!isDirect) co_return refusal(503, std::string("no answer of the daemon: ") + reason + "\n");
