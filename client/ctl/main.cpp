@@ -13,6 +13,7 @@
 #include "client/ctl/commands/get_command.h"
 #include "client/ctl/commands/pac_command.h"
 #include "client/ctl/commands/refresh_command.h"
+#include "client/ctl/commands/relay_command.h"
 #include "client/ctl/commands/settings_command.h"
 #include "client/ctl/commands/status_command.h"
 #include "client/ctl/commands/update_command.h"
@@ -64,6 +65,7 @@ client::ExitStatus run(int argc, char** argv) {
   client::addDiagnoseCommand(program, action);
   client::addExecCommand(program, action, line);
   client::addPacCommand(program, action);
+  client::addRelayCommand(program, action);
   auto status = client::kAnswered;
   if (line.own.empty()) {
     std::cout << program.help();

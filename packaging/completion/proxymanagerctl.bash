@@ -22,7 +22,7 @@ _proxymanagerctl_exec() {
 }
 
 _proxymanagerctl() {
-  local commands='status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac'
+  local commands='status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay'
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
   local command=${COMP_WORDS[1]} options i
   COMPREPLY=()
@@ -87,6 +87,10 @@ _proxymanagerctl() {
         _proxymanagerctl_files
         return
       fi
+      ;;
+    relay)
+      options='--help'
+      [ "$COMP_CWORD" -ne 2 ] || options='enable disable --help'
       ;;
     *) return ;;
   esac

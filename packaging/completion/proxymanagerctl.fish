@@ -1,6 +1,6 @@
 # fish completion for proxymanagerctl(1).
 
-set -l commands status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac
+set -l commands status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay
 set -l updates off manual pacurl wpad
 
 # The position of the "--" of exec, after which another program's words stand.
@@ -26,6 +26,7 @@ complete -c proxymanagerctl -n __fish_use_subcommand -a wait -d 'Wait until the 
 complete -c proxymanagerctl -n __fish_use_subcommand -a diagnose -d 'Try each way that the daemon gives'
 complete -c proxymanagerctl -n __fish_use_subcommand -a exec -d 'Run a command with the proxy for a URL'
 complete -c proxymanagerctl -n __fish_use_subcommand -a pac -d 'Try PAC scripts out, without daemon or bus'
+complete -c proxymanagerctl -n __fish_use_subcommand -a relay -d 'Lead programs to the relay'
 
 complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config settings watch refresh wait diagnose exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config settings watch pac $updates" -l json -d 'Print JSON'
@@ -55,3 +56,6 @@ complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l tz -x
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l resolve -x -d 'Addresses of a name'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l my-ip -x -d 'Own addresses'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check' -l offline -d 'Look nothing up'
+
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from relay; and not __fish_seen_subcommand_from enable disable' -a enable -d 'Set the relay as the proxy of programs'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from relay; and not __fish_seen_subcommand_from enable disable' -a disable -d 'Take this setting away'

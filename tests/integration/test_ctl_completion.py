@@ -37,7 +37,7 @@ def grammar(build):
 
     found = {}
     level()
-    assert {("get",), ("exec",), ("pac", "eval")} <= set(found) and len(found) == 18
+    assert {("get",), ("exec",), ("pac", "eval")} <= set(found) and len(found) == 21
     return found
 
 

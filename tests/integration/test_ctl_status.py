@@ -9,6 +9,7 @@ from support.ctl import ANSWERED, LIMIT, START_IT, UNAVAILABLE, answering, rows
 from support.daemon import Daemon
 
 PAC_FILE = "/tmp/proxymanager.pac"
+NO_SYSTEMD = 'systemd cannot be asked: Name "org.freedesktop.systemd1" does not exist'
 
 
 def test_status_of_a_daemon_that_waits_for_its_first_configuration(ctl, daemon):
@@ -22,7 +23,8 @@ def test_status_of_a_daemon_that_waits_for_its_first_configuration(ctl, daemon):
     assert table == {
         None: "proxymanagerd", "running": f"yes, process {daemon.pid}, user root", "answers": "yes",
         "mode": "off", "proxy URL": "(not set)", "PAC URL": "(not set)", "user": "(not set)",
-        "password": "(not set)", "PAC file": "none", "log": "journalctl -t proxymanager_service"}
+        "password": "(not set)", "PAC file": "none", "relay": "not the default of programs",
+        "log": "journalctl -t proxymanager_service"}
     pacfile = {"path": PAC_FILE, "exists": False, "bytes": None, "fetched": None, "age": None, "loads": None, "refusal": None,
                "sha256": None}
     with Client() as client:
@@ -30,7 +32,9 @@ def test_status_of_a_daemon_that_waits_for_its_first_configuration(ctl, daemon):
     assert ctl("status", "--json").json == {
         "running": True, "process": daemon.pid, "user": "root", "answers": True, "waiting": False,
         "mode": "off", "proxyurl": None, "pacurl": None, "userName": None, "password": None,
-        "pacfile": pacfile, "unknown": {}}
+        "pacfile": pacfile,
+        "relay": {"default": False, "installed": None, "enabled": None, "active": None},
+        "unknown": {"relay": NO_SYSTEMD}}
 
 
 def test_status_has_the_pac_files_age_and_digest(ctl, client, web):

@@ -16,10 +16,10 @@ class StandIn:
     body, the name of an error, or HOLD; a list has one after the other. It ends at a call that it
     has nothing for."""
 
-    def __init__(self, replies):
+    def __init__(self, replies, name=NAME):
         self.held = threading.Event()
         self._connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
-        reply = self._connection.send_and_get_reply(message_bus.RequestName(NAME))
+        reply = self._connection.send_and_get_reply(message_bus.RequestName(name))
         assert reply.body == (1,)
         self._replies = replies
         self._thread = threading.Thread(target=self._serve, daemon=True)

@@ -22,6 +22,7 @@
 
 #include "base/paths.h"
 #include "client/ctl/commands/call_options.h"
+#include "client/ctl/commands/relay_state.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/daemon_bus.h"
 #include "client/ctl/daemon/pac_file.h"
@@ -46,13 +47,16 @@ constexpr const char* kFooter = R"(Output:
   first configuration it says so every 2.
   With --json an object: running, process, user, answers, waiting, mode,
   proxyurl, pacurl, userName, password, pacfile (an object: path, exists, bytes,
-  fetched, age in seconds, sha256, loads, refusal) and unknown. The last is an
-  object that holds the reason for each of running, answers, waiting, mode,
-  proxyurl, pacurl, userName and password that is null because it cannot be
-  known, for answers if it is false, and for a pacfile that is there and cannot
-  be read. Without a reason null is what is not set; process and user, if the
-  bus does not name them; and the last six of pacfile, if there is no file to be
-  read.
+  fetched, age in seconds, sha256, loads, refusal), relay (an object: default,
+  which is whether programs are led to proxymanager-relay, and installed, enabled
+  and active of its socket unit) and unknown. The last is an object that holds
+  the reason for each of running, answers, waiting, mode, proxyurl, pacurl,
+  userName and password that is null because it cannot be known, for answers if
+  it is false, for a pacfile that is there and cannot be read, and for a relay
+  whose socket unit is not known. Without a reason null is what is not set;
+  process and user, if the bus does not name them; the last six of pacfile, if
+  there is no file to be read; and enabled and active of a relay that is not
+  installed.
 
 Exit status:
 )";
@@ -93,6 +97,7 @@ struct Status {
   Fact userName;
   Fact password;
   PacFileState pac;
+  RelayState relay;
   /// Why the script of the file is refused; empty if it loads. No value without a file.
   std::optional<std::string> refusal;
 };
@@ -165,6 +170,7 @@ Status learn(const CallOptions& options) {
   Status status;
   status.pac = lookAtPacFile(base::kPacFile);
   if (status.pac.file) status.refusal = refusalOf(base::kPacFile);
+  status.relay = lookAtRelay(options.limit);
   setUnknown(status, kNobody);
   status.answers.unknown = kNobody;
   status.waiting.unknown = kNobody;
@@ -238,6 +244,7 @@ class Table {
       add(name, "(not set)", Tone::kFaint);
     }
   }
+  void add(Row row) { mRows.push_back(std::move(row)); }
   void addUnknown(std::string_view name, const std::string& why) {
     add(name, "unknown: " + why, Tone::kFaint);
   }
@@ -324,6 +331,7 @@ void printTable(const Status& status) {
     }
   }
   addPacFile(table, status);
+  table.add(relayRow(status.relay));
   table.add("log", kLog, Tone::kFaint);
   table.print("proxymanagerd");
 }
@@ -361,6 +369,8 @@ Json jsonOf(const Status& status) {
   add("password", status.password);
   object["pacfile"] = jsonOf(status.pac, status.refusal);
   if (status.pac.isThere && !status.pac.file) unknown["pacfile"] = status.pac.problem;
+  object["relay"] = relayJson(status.relay);
+  if (!status.relay.unit) unknown["relay"] = status.relay.unknown;
   object["unknown"] = std::move(unknown);
   return object;
 }

@@ -81,11 +81,11 @@ std::uint64_t microsecondsUntil(Clock::time_point end) {
 
 }  // namespace
 
-DaemonBus::DaemonBus(Limit limit) : mLimit(limit) {
+BusHandle openSystemBus() {
   const auto address = systemBusAddress();
   sd_bus* bus = nullptr;
   check(sd_bus_new(&bus));
-  mBus.reset(bus);
+  BusHandle opened(bus);
   int result = sd_bus_set_address(bus, address.c_str());
   if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
   // Of the calls that the library makes by itself.
@@ -102,7 +102,10 @@ DaemonBus::DaemonBus(Limit limit) : mLimit(limit) {
     if (result == -EINTR) result = 0;
   }
   if (result < 0) throw failedConnection(address, -result);
+  return opened;
 }
+
+DaemonBus::DaemonBus(Limit limit) : mLimit(limit), mBus(openSystemBus()) {}
 
 bool DaemonBus::checkStarted() {
   const auto reply = call(kAsk, newCall("checkServicestarted"));

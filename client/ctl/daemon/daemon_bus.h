@@ -55,13 +55,17 @@ using BusHandle = std::unique_ptr<sd_bus, BusCloser>;
 using Message = std::unique_ptr<sd_bus_message, MessageCloser>;
 using Slot = std::unique_ptr<sd_bus_slot, SlotCloser>;
 
+/// Connects to the bus in DBUS_SYSTEM_BUS_ADDRESS, else to the system's, within kBusLimit. Throws
+/// Failure if there is none.
+BusHandle openSystemBus();
+
 class DaemonBus {
  public:
   using Limit = std::chrono::microseconds;
   /// Takes a signal, which is valid during the call.
   using Listener = std::function<void(sd_bus_message*)>;
 
-  /// Connects to the bus in DBUS_SYSTEM_BUS_ADDRESS, else to the system's.
+  /// Connects as openSystemBus() does.
   /// @param limit of each call of the daemon
   explicit DaemonBus(Limit limit);
   DaemonBus(const DaemonBus&) = delete;

@@ -1,0 +1,29 @@
+// What "proxymanagerctl status" shows of proxymanager-relay.
+#pragma once
+
+#include <chrono>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+
+#include "client/ctl/daemon/relay_unit.h"
+#include "client/ctl/terminal/output.h"
+
+namespace client {
+
+struct RelayState {
+  bool isDefault = false;  ///< a snippet is in place
+  std::optional<RelayUnit> unit;
+  std::string unknown;  ///< why there is no `unit`
+};
+
+/// Looks at the snippets and asks systemd, at most for `limit`.
+RelayState lookAtRelay(std::chrono::microseconds limit);
+
+/// The row of the table.
+Row relayRow(const RelayState& state);
+
+/// An object: default, installed, enabled, active.
+nlohmann::ordered_json relayJson(const RelayState& state);
+
+}  // namespace client

@@ -1,0 +1,24 @@
+// The socket unit of proxymanager-relay, as systemd knows it.
+#pragma once
+
+#include <chrono>
+#include <string>
+
+namespace client {
+
+/// Where the packaged socket unit listens, and what the packaged snippets name.
+inline constexpr const char* kRelayEndpoint = "127.0.0.1:3128";
+inline constexpr const char* kRelaySocketUnit = "proxymanager-relay.socket";
+
+struct RelayUnit {
+  bool isInstalled = false;
+  bool isEnabled = false;  ///< started at boot
+  bool isActive = false;   ///< listens now
+  bool listens = false;    ///< kRelayEndpoint is among its addresses
+};
+
+/// Asks systemd, and starts nothing. Throws Failure (kUnavailable and those of the bus) if systemd
+/// gives no answer within `limit`.
+RelayUnit readRelayUnit(std::chrono::microseconds limit);
+
+}  // namespace client
