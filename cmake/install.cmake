@@ -105,3 +105,23 @@ install(FILES "${proxymanager_packaging}/etc/settings.conf"
 install(FILES "${proxymanager_pages}/proxymanager-settings.8"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
 install(FILES "${proxymanager_pages}/settings.conf.5" DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")
+
+# The relay: its units, user, policy, commented configuration, and the snippets that lead programs to
+# it, which proxymanagerctl links into /etc.
+if(TARGET proxymanager-relay)
+  configure_file("${proxymanager_packaging}/systemd/proxymanager-relay.service.in"
+    "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-relay.service" @ONLY)
+  install(FILES "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-relay.service"
+    "${proxymanager_packaging}/systemd/proxymanager-relay.socket"
+    DESTINATION "${PROXYMANAGER_SYSTEMD_UNIT_DIR}")
+  install(FILES "${proxymanager_packaging}/sysusers.d/proxymanager-relay.conf"
+    DESTINATION lib/sysusers.d)
+  install(FILES "${proxymanager_packaging}/dbus/com.zentu.ProxyManagerRelay.conf"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/system.d")
+  install(FILES "${proxymanager_packaging}/etc/relay.conf"
+    DESTINATION "${CMAKE_INSTALL_SYSCONFDIR}/proxymanager")
+  install(DIRECTORY "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager/relay"
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/proxymanager")
+  install(FILES "${proxymanager_pages}/proxymanager-relay.8" DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
+  install(FILES "${proxymanager_pages}/relay.conf.5" DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")
+endif()

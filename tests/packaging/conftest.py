@@ -35,7 +35,8 @@ def packages(request):
     found = glob.glob(request.config.getoption("--folder") + "/out/*.deb")
     # The settings service configures the daemon, which is the tests' business here.
     return [file for file in found
-            if "dbgsym" not in file and "/proxymanager-settings_" not in file]
+            if "dbgsym" not in file and "/proxymanager-settings_" not in file
+            and "/proxymanager-relay_" not in file]
 
 
 @pytest.fixture(scope="session")
