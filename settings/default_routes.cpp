@@ -86,10 +86,11 @@ void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
   });
 }
 
+// /proc/net itself is not there for a service that sees its own part of /proc only.
 DefaultRoutes readDefaultRoutes() {
   DefaultRoutes routes;
-  addIpv4DefaultRoutes(tableText("/proc/net/route"), routes);
-  addIpv6DefaultRoutes(tableText("/proc/net/ipv6_route"), routes);
+  addIpv4DefaultRoutes(tableText("/proc/self/net/route"), routes);
+  addIpv6DefaultRoutes(tableText("/proc/self/net/ipv6_route"), routes);
   return routes;
 }
 
