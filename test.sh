@@ -25,6 +25,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 100,000 calls and 5,000 scripts; what follows "--" is the comparison's (--seed=N)
   --tidy        have clang-tidy judge the sources that are shipped
   --recipe      follow docs/installing.md in a clean system: build, install and start from source
+  --settings-kills
+                kill the settings service at 200 moments, in a system whose NetworkManager feeds it
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
   -j N          N processes at once for building, and twice as many for testing, as most tests
@@ -45,6 +47,7 @@ while [ $# -gt 0 ]; do
     --browsers) mode=browsers dependencies+=(--browsers) ;;
     --tidy) mode=tidy ;;
     --recipe) mode=recipe ;;
+    --settings-kills) mode=settings_kills ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
     --werror) werror=ON ;;
@@ -174,6 +177,12 @@ test_recipe() {
   export PROXYMANAGER_RECIPE=1
   build_tree test -DCMAKE_BUILD_TYPE=Release
   run_tests test -R '^packaging.TheSourceRecipeWorksInACleanSystem$'
+}
+
+test_settings_kills() {
+  export PROXYMANAGER_SETTINGS_KILLS=200
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  run_tests test -R '^packaging.TheSettingsServiceFollowsRealNetworkManagers$'
 }
 
 test_soak() {

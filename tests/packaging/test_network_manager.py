@@ -2,10 +2,8 @@
 DHCP server each, a bridge, a cable that flaps. The tests build on each other, in this order."""
 
 import pytest
-from machine import Machine
+from managed import NETWORKS, PACKAGES, Managed
 
-# No other network than these two; what each announces has its name.
-NETWORKS = {"office": ("eth0", "10.77.1", 100), "home": ("eth1", "10.77.2", 200)}
 LEASE = "/usr/local/lumad/dhcp.conf"
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 EVENTS = "/var/log/dispatched"
@@ -17,48 +15,16 @@ def lease_of(network, interface=None):
             f"wpad='http://{network}.example/proxy.pac'\n")
 
 
-class Managed(Machine):
-    """A system whose NetworkManager has two links."""
+class Dispatching(Managed):
+    """A system that tells which events were dispatched."""
 
     def plug_in(self):
-        # NetworkManager makes no connections of its own, and the last hook logs what was dispatched:
-        # when its line is there, the hook of the package has ended.
-        (self.root / "etc/NetworkManager/conf.d/test.conf").write_text(
-            "[main]\nno-auto-default=*\n")
+        # The last hook logs: when its line is there, the hook of the package has ended.
         last = self.root / "etc/NetworkManager/dispatcher.d/90-log"
         last.write_text(f'#!/bin/sh\necho "$1 $2" >>{EVENTS}\n')
         last.chmod(0o755)
         (self.root / EVENTS[1:]).touch()
-        self.run("systemctl", "restart", "NetworkManager")
-        for name, (interface, net, metric) in NETWORKS.items():
-            self._make_network(name, interface, net)
-            self.run("nmcli", "connection", "add", "type", "ethernet", "con-name", name,
-                     "ifname", interface, "autoconnect", "no", "ipv6.method", "disabled",
-                     "ipv4.route-metric", str(metric))
-
-    def _make_network(self, name, interface, net):
-        self.run("ip", "netns", "add", name)
-        self.run("ip", "link", "add", interface, "type", "veth", "peer", "name", "port",
-                 "netns", name)
-        self.run("ip", "-n", name, "address", "add", f"{net}.1/24", "dev", "port")
-        self.run("ip", "-n", name, "link", "set", "port", "up")
-        self.run("systemd-run", f"--unit=gateway-{name}", "nsenter", f"--net=/run/netns/{name}",
-                 "dnsmasq", "--keep-in-foreground", "--conf-file=/dev/null", "--user=root",
-                 "--pid-file=", "--bind-interfaces", "--interface=port", "--no-resolv",
-                 "--no-hosts", f"--dhcp-range={net}.50,{net}.150,1h", "--dhcp-authoritative",
-                 "--no-ping", f"--dhcp-leasefile=/run/{name}.leases",
-                 f"--dhcp-option=252,http://{name}.example/proxy.pac",
-                 f"--dhcp-option=option:domain-name,{name}.example",
-                 f"--dhcp-option=option:domain-search,{name}.example")
-
-    def nmcli(self, *words):
-        return self.run("nmcli", "--wait", "90", *words)
-
-    def cable(self, network, state):
-        self.run("ip", "-n", network, "link", "set", "port", state)
-
-    def text(self, path):
-        return self.run("cat", path, check=False).stdout
+        super().plug_in()
 
     def events(self):
         return (self.root / EVENTS[1:]).read_text().splitlines()
@@ -73,7 +39,7 @@ class Managed(Machine):
 
 @pytest.fixture(scope="session")
 def managed(packages):
-    with Managed(packages, names=("network-manager", "dnsmasq-base", "iproute2")) as booted:
+    with Dispatching(packages, names=PACKAGES) as booted:
         booted.install_packages()
         booted.plug_in()
         yield booted

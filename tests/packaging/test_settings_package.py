@@ -3,6 +3,8 @@
 import glob
 import os
 import pathlib
+import re
+import time
 
 import pytest
 from jeepney import DBusAddress, MessageType, new_method_call
@@ -12,6 +14,8 @@ from support.bus import LIMIT, BusError, Client
 BUS = "unix:path=/run/dbus/system_bus_socket"
 DAEMON = "proxymanagerd.service"
 UNIT = "proxymanager-settings.service"
+SOCKET = "proxymanager-settings.socket"
+PASSWORD = "geheim-4711"
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 PACKAGES = ("proxymanagerd_", "proxymanagerctl_", "libproxymanager-client0_",
             "proxymanager-settings_")
@@ -102,6 +106,89 @@ def test_what_is_written_is_followed_and_survives_every_restart(machine, root_ca
     wait_for(machine, root_caller, MANUAL)
     machine.run("systemctl", "kill", "--signal=SEGV", DAEMON)
     wait_for(machine, root_caller, MANUAL)
+
+
+def test_what_is_saved_survives_what_a_device_does_in_its_life(machine):
+    write(machine, "")
+    (machine.root / "root/password").write_text(f"{PASSWORD}\n")
+    machine.run("proxymanagerctl", "pacurl", "http://127.0.0.1:9/p.pac", "--user=device",
+                "--password-file=/root/password", "--save")
+    (machine.root / "root/password").unlink()
+    configured(machine)
+    # As at a boot: nothing runs, then all is started.
+    machine.run("systemctl", "stop", DAEMON, SOCKET, UNIT)
+    machine.run("systemctl", "start", UNIT, DAEMON)
+    configured(machine)
+    machine.run("systemctl", "restart", "dbus")
+    configured(machine)
+    for unit in (DAEMON, UNIT):
+        machine.run("systemctl", "kill", "--signal=SEGV", unit)
+        configured(machine)
+
+
+def configured(machine):
+    """The daemon gets what was saved, after whatever has just happened to the bus or to it."""
+    def holds():
+        shown = machine.run("proxymanagerctl", "config", "--json", "--show-password", check=False)
+        return shown.returncode == 0 and all(
+            text in shown.stdout for text in ('"http://127.0.0.1:9/p.pac"', '"device"', PASSWORD))
+    machine.wait(holds, f"it is configured\n{machine.journal()}")
+    machine.wait(lambda: machine.run("systemctl", "is-active", UNIT, check=False).returncode == 0,
+                 "the service runs again")
+
+
+def test_the_password_is_in_nothing_that_others_read(machine):
+    for unit in (DAEMON, UNIT):
+        pid = machine.show(unit, "MainPID")
+        for name in ("cmdline", "environ"):
+            assert PASSWORD not in machine.run("cat", f"/proc/{pid}/{name}").stdout
+    limits = machine.run("cat", f"/proc/{machine.show(UNIT, 'MainPID')}/limits").stdout
+    assert "Max core file size        0                    0 " in limits
+    assert PASSWORD not in machine.run("journalctl", "--no-pager").stdout
+    # What a stranger can read anywhere; grep's status 1 is "nowhere", 2 that it may not read something.
+    found = machine.run("setpriv", "--reuid=stranger", "--regid=stranger", "--clear-groups", "grep",
+                        "--recursive", "--files-with-matches", "--devices=skip", PASSWORD, "/etc",
+                        "/run", "/tmp", "/var", check=False)
+    assert found.stdout == "" and found.returncode in (1, 2)
+    assert machine.run("grep", "-rl", PASSWORD, "/etc", "/run", "/tmp", check=False).stdout.split() == [
+        "/etc/proxymanager/settings.d/90-saved.password"]
+    assert machine.run("stat", "--format=%a %U %G", "/etc/proxymanager/settings.d/90-saved.password",
+                       "/etc/proxymanager/settings.d/90-saved.conf").stdout.split("\n")[:2] == [
+        "640 root proxymanager-settings"] * 2
+
+
+def test_the_daemon_is_configured_within_a_second_of_the_start_of_both(machine):
+    times = []
+    for _ in range(5):
+        machine.run("systemctl", "stop", DAEMON, UNIT)
+        machine.run("systemctl", "start", DAEMON, UNIT)
+        begin = time.monotonic()
+        configured(machine)
+        times.append(time.monotonic() - begin)
+        if times[-1] < 1:
+            return
+    raise AssertionError(times)
+
+
+def test_an_idle_service_has_little_memory_of_its_own_and_never_wakes(machine):
+    machine.run("proxymanagerctl", "manual", "http://p.example:1", "--save")
+    pid = machine.show(UNIT, "MainPID")
+
+    def switches():
+        found = re.findall(r"_switches:\s+(\d+)", machine.run("cat", f"/proc/{pid}/status").stdout)
+        return sum(map(int, found))
+
+    def sleeps():
+        """Whether nothing woke it for three seconds: its own timers would."""
+        before = switches()
+        time.sleep(3)
+        return switches() == before
+    machine.wait(sleeps, "it sleeps")
+    # What it has written to. Whether it is alone with the pages of a library is up to the others.
+    rollup = machine.run("cat", f"/proc/{pid}/smaps_rollup").stdout
+    own = int(re.search(r"^Private_Dirty:\s+(\d+) kB", rollup, re.MULTILINE).group(1))
+    assert 0 < own < 2048, rollup
+    machine.run("proxymanagerctl", "settings", "reset")
 
 
 def test_root_alone_pushes_and_everybody_asks(machine, root_caller):
