@@ -9,6 +9,7 @@
 
 #include "client/ctl/commands/answer_json.h"
 #include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/pac_explain_command.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
@@ -175,6 +176,7 @@ void addPacCommand(CLI::App& program, Action& action) {
   pac->footer(kPacExamples);
   addEval(*pac, action);
   addCheck(*pac, action);
+  addPacExplain(*pac, action);
 }
 
 }  // namespace client

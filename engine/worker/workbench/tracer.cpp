@@ -252,7 +252,7 @@ void Tracer::forget() {
   mAsked.clear();
 }
 
-Reply Tracer::report(std::string_view command, std::string_view argument) {
+Reply Tracer::report(std::string_view command, std::string_view /*argument*/) {
   if (command != "trace") return {std::nullopt, errorOf("there is no such command")};
   std::string json = "{\"counts\":[";
   for (const auto& [place, counts] : mCounts) {
@@ -261,7 +261,7 @@ Reply Tracer::report(std::string_view command, std::string_view argument) {
             std::to_string(counts.falsy) + "]";
   }
   json += "],\"events\":[";
-  if (argument == "events" && !mEvents.empty()) json.append(mEvents, 0, mEvents.size() - 1);
+  if (!mEvents.empty()) json.append(mEvents, 0, mEvents.size() - 1);
   json += std::string("],\"cut\":") + (mCut ? "true" : "false") +
           ",\"ownText\":" + (mOwnText ? "true" : "false") + "}";
   forget();

@@ -34,8 +34,7 @@ class Tracer : public Extension, private PacEnvironment {
 
   bool prepare(EngineRuntime& runtime) override;
   PacEnvironment& around(PacEnvironment& device) override;
-  /// The command "trace": JSON of what was noted since the last one. With the argument "events"
-  /// all, else the counts and the last return.
+  /// The command "trace": JSON of what was noted since the last one.
   Reply report(std::string_view command, std::string_view argument) override;
 
   /// For the engine's functions of this tracer.

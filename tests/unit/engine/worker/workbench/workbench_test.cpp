@@ -49,9 +49,9 @@ std::string answered(Engine& engine, const std::string& url, const std::string& 
 /// The events of one evaluation of `script`.
 Json traced(const std::string& script, const std::string& url, const std::string& host) {
   const auto tracer = load(instrumented(script)["script"], WorkerRole::kTraces);
-  command(*tracer, "trace", "events");
+  command(*tracer, "trace", "");
   answered(*tracer, url, host);
-  return command(*tracer, "trace", "events");
+  return command(*tracer, "trace", "");
 }
 
 constexpr char kScript[] = R"(function FindProxyForURL(url, host) {
@@ -66,7 +66,7 @@ TEST(Workbench, NotesTheValuesOfTestsAndTheReturnThatDecides) {
   const auto report = instrumented(kScript);
   const auto tracer = load(report["script"], WorkerRole::kTraces);
   EXPECT_EQ(answered(*tracer, "http://www.example.org/", "www.example.org"), "DIRECT");
-  const auto trace = command(*tracer, "trace", "events");
+  const auto trace = command(*tracer, "trace", "");
   std::string told;
   for (const auto& event : trace["events"]) {
     if (event[0] != "v") continue;

@@ -1,0 +1,26 @@
+// The script in force as a command's script.
+#pragma once
+
+#include <CLI/App.hpp>
+#include <string>
+#include <vector>
+
+namespace client {
+
+/// The script that a command is about: a file, or the one that the daemon has fetched.
+struct ChosenScript {
+  std::string file;
+  bool isCurrent = false;
+};
+
+/// Adds FILE and --current to `command`.
+void addChosenScript(CLI::App& command, ChosenScript& chosen);
+
+/// To be called when the command line is parsed, before the URLs are looked at: with --current the
+/// word in the place of FILE is the first URL. Throws the parser's error if there is no script.
+void settleChosenScript(ChosenScript& chosen, std::vector<std::string>& urls);
+
+/// The bytes of the script. Throws Failure as readScript() does.
+std::string readChosenScript(const ChosenScript& chosen);
+
+}  // namespace client

@@ -1,0 +1,318 @@
+#include "client/ctl/commands/pac_explain_command.h"
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/ctl/commands/current_script.h"
+#include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/script_on_trial.h"
+#include "client/ctl/commands/simulated_environment.h"
+#include "client/ctl/commands/traced_script.h"
+#include "client/ctl/commands/url_arguments.h"
+#include "client/ctl/terminal/output.h"
+
+namespace client {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kFooter = R"(Output:
+  For each URL the way to its answer, in the order in which the script went it:
+    line N  true | false, and the source of a condition, or of an operand of
+            && || and ??; other values are printed as they are
+    line N  a call of a helper with its arguments, its result and its time
+    lookup  a name that the helper asked for, the addresses and the time
+    line N  return, and the value
+  Then the result, the return that decided, and the cost: the time of the
+  script as it is, the calls of helpers, and the names that were looked up.
+  With --json one array with an object for each URL: the members of "pac eval
+  --json", and steps, decided, cost, different (what the script answered when it
+  was watched, if not the same; the way is then not to be trusted), notes.
+
+The script is run twice for each URL: with calls between its statements that
+note what it does, and as it is. A script may find out by reading the text of
+its own functions; a note reports that it has read one. What eval runs and the
+body of a "with" are not looked into.
+
+Exit status:
+)";
+
+/// Steps that are printed for people, half of them from the beginning and half from the end: a
+/// script of loops has more than anybody reads.
+constexpr std::size_t kMostSteps = 1000;
+
+struct ExplainArguments {
+  ChosenScript script;
+  std::vector<std::string> urls;
+  std::optional<std::string> list;
+  std::optional<std::string> host;
+  SimulatedEnvironment environment;
+  bool json = false;
+};
+
+/// "1.2 ms" or "340 us".
+std::string shownTime(std::int64_t microseconds) {
+  if (microseconds < 1000) return std::to_string(microseconds) + " us";
+  const auto tenths = (microseconds + 50) / 100;
+  return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " ms";
+}
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string all;
+  for (const auto& word : words) all += (all.empty() ? "" : ", ") + word;
+  return all;
+}
+
+std::string shownCall(const TracedCall& call) {
+  return call.name + "(" + joined(call.arguments) + ") = " + call.result.value_or("(thrown)");
+}
+
+struct Cost {
+  std::size_t calls = 0;
+  std::int64_t callMicroseconds = 0;
+  std::size_t lookups = 0;
+  std::int64_t lookupMicroseconds = 0;
+};
+
+Cost costOf(const Trace& trace) {
+  Cost cost;
+  for (const auto& event : trace.events) {
+    if (!event.call) continue;
+    if (event.call->depth == 0) {
+      ++cost.calls;
+      cost.callMicroseconds += event.call->microseconds;
+    }
+    for (const auto& lookup : event.call->lookups) {
+      cost.lookups += lookup.isNew ? 1 : 0;
+      cost.lookupMicroseconds += lookup.isNew ? lookup.microseconds : 0;
+    }
+  }
+  return cost;
+}
+
+std::vector<std::string> notesOf(const TracedScript& script, const TracedAnswer& asked) {
+  std::vector<std::string> notes;
+  for (const auto& note : script.script().notes)
+    notes.push_back("line " + std::to_string(note.line) + ": " + note.text);
+  if (asked.trace.ownText || script.load().ownText)
+    notes.emplace_back(
+        "the script reads the text of a function, which is not as it was written "
+        "while it is watched");
+  if (asked.trace.cut) notes.emplace_back("there is more on the way than is noted");
+  const auto load = costOf(script.load());
+  if (load.calls > 0)
+    notes.push_back("while it is loaded, the script calls helpers: " + std::to_string(load.calls) +
+                    ", names looked up: " + std::to_string(load.lookups));
+  return notes;
+}
+
+class TextReport {
+ public:
+  TextReport(const TracedScript& script, const TracedAnswer& asked)
+      : mScript(script), mAsked(asked) {}
+
+  void print() {
+    mRows.push_back({"host", mAsked.answer.host});
+    const auto& events = mAsked.trace.events;
+    for (std::size_t i = 0; i < events.size(); ++i) {
+      if (i == kMostSteps / 2 && events.size() > kMostSteps) {
+        mRows.push_back(
+            {"...", std::to_string(events.size() - kMostSteps) + " steps are left out"});
+        i = events.size() - kMostSteps / 2;
+      }
+      events[i].call ? addCall(events[i]) : addValue(events[i]);
+    }
+    addEnd();
+    std::vector<Row> rows;
+    for (const auto& row : mRows) rows.push_back({row.name, row.value, row.tone});
+    printBlock(mAsked.answer.url, rows);
+  }
+
+ private:
+  struct OwnedRow {
+    std::string name;
+    std::string value;
+    Tone tone = Tone::kPlain;
+  };
+
+  std::string lineOf(std::optional<std::size_t> place) const {
+    return place ? "line " + std::to_string(mScript.script().places[*place].line) : "";
+  }
+
+  void addCall(const TracedEvent& event) {
+    const auto& call = *event.call;
+    const bool tells = call.depth == 0 || !call.lookups.empty();
+    if (tells)
+      mRows.push_back(
+          {lineOf(event.place),
+           std::string(2 * call.depth, ' ') + shownCall(call) + "  " + shownTime(call.microseconds),
+           Tone::kFaint});
+    for (const auto& lookup : call.lookups) {
+      const auto found = lookup.addresses.empty() ? "nothing" : joined(lookup.addresses);
+      mRows.push_back(
+          {"lookup",
+           lookup.name + ": " + found +
+               (lookup.isNew ? "  " + shownTime(lookup.microseconds) : "  (remembered)"),
+           Tone::kFaint});
+    }
+  }
+
+  void addValue(const TracedEvent& event) {
+    const auto& place = mScript.script().places[*event.place];
+    if (place.is('r')) {
+      const bool isLiteral = place.source == event.value;
+      mRows.push_back({lineOf(event.place),
+                       "return " + place.source + (isLiteral ? "" : "  = " + event.value)});
+    } else if (place.is('t') || place.is('o') || place.is('k')) {
+      const bool isTruth = event.value == "true" || event.value == "false";
+      mRows.push_back({lineOf(event.place),
+                       (isTruth        ? ""
+                        : event.truthy ? "true, "
+                                       : "false, ") +
+                           event.value + "  " + place.source,
+                       event.truthy ? Tone::kGood : Tone::kBad});
+    }
+  }
+
+  void addEnd() {
+    const auto& answer = mAsked.answer;
+    if (answer.result) {
+      mRows.push_back({"result", answer.result->empty() ? "(empty)" : *answer.result});
+    } else {
+      mRows.push_back({"error", answer.error.value_or(""), Tone::kBad});
+    }
+    if (mAsked.decidedBy) {
+      const auto& place = mScript.script().places[*mAsked.decidedBy];
+      mRows.push_back({"decided", "line " + std::to_string(place.line) + ", column " +
+                                      std::to_string(place.column)});
+    }
+    const auto cost = costOf(mAsked.trace);
+    mRows.push_back({"cost", shownTime(mAsked.took.count()) +
+                                 "; helpers called: " + std::to_string(cost.calls) + " (" +
+                                 shownTime(cost.callMicroseconds) +
+                                 "), names looked up: " + std::to_string(cost.lookups) + " (" +
+                                 shownTime(cost.lookupMicroseconds) + ")"});
+    if (mAsked.different)
+      mRows.push_back(
+          {"wrong", "watched, the script answers otherwise: " + *mAsked.different, Tone::kBad});
+    for (const auto& note : notesOf(mScript, mAsked)) mRows.push_back({"note", note});
+  }
+
+  const TracedScript& mScript;
+  const TracedAnswer& mAsked;
+  std::vector<OwnedRow> mRows;
+};
+
+Json placeJson(const InstrumentedScript& script, std::optional<std::size_t> number) {
+  if (!number) return Json();
+  const auto& place = script.places[*number];
+  return {{"line", place.line}, {"column", place.column}, {"source", place.source}};
+}
+
+Json callJson(const InstrumentedScript& script, const TracedEvent& event) {
+  const auto& call = *event.call;
+  Json json{{"type", "call"},
+            {"at", placeJson(script, event.place)},
+            {"depth", call.depth},
+            {"name", call.name},
+            {"arguments", call.arguments},
+            {"result", call.result ? Json(*call.result) : Json()},
+            {"microseconds", call.microseconds},
+            {"lookups", Json::array()}};
+  for (const auto& lookup : call.lookups)
+    json["lookups"].push_back({{"name", lookup.name},
+                               {"addresses", lookup.addresses},
+                               {"microseconds", lookup.microseconds},
+                               {"remembered", !lookup.isNew}});
+  return json;
+}
+
+Json stepsJson(const InstrumentedScript& script, const Trace& trace) {
+  Json steps = Json::array();
+  for (const auto& event : trace.events) {
+    if (event.call) {
+      steps.push_back(callJson(script, event));
+      continue;
+    }
+    const auto& place = script.places[*event.place];
+    const char* const type = place.is('r')   ? "return"
+                             : place.is('t') ? "condition"
+                             : place.is('o') ? "operand"
+                             : place.is('k') ? "case"
+                                             : nullptr;
+    if (type == nullptr) continue;
+    steps.push_back({{"type", type},
+                     {"at", placeJson(script, event.place)},
+                     {"value", event.value},
+                     {"truthy", event.truthy}});
+  }
+  return steps;
+}
+
+Json jsonOf(const TracedScript& script, const TracedAnswer& asked) {
+  auto json = client::jsonOf(asked.answer, true);
+  const auto cost = costOf(asked.trace);
+  json["steps"] = stepsJson(script.script(), asked.trace);
+  json["decided"] = placeJson(script.script(), asked.decidedBy);
+  json["cost"] = {{"microseconds", asked.took.count()},
+                  {"calls", cost.calls},
+                  {"call_microseconds", cost.callMicroseconds},
+                  {"lookups", cost.lookups},
+                  {"lookup_microseconds", cost.lookupMicroseconds}};
+  json["different"] = asked.different ? Json(*asked.different) : Json();
+  json["notes"] = notesOf(script, asked);
+  return json;
+}
+
+ExitStatus explain(const ExplainArguments& arguments, const pac_engine::Options& options) {
+  TracedScript script(readChosenScript(arguments.script), arguments.script.file, options);
+  Json all = Json::array();
+  bool allAnswered = true;
+  for (const auto& url : arguments.urls) {
+    const auto asked = script.ask(url, arguments.host);
+    allAnswered = allAnswered && asked.answer.result.has_value();
+    if (arguments.json) {
+      all.push_back(jsonOf(script, asked));
+    } else {
+      TextReport(script, asked).print();
+    }
+  }
+  if (arguments.json) printJson(all);
+  return allAnswered ? kAnswered : kNoAnswer;
+}
+
+}  // namespace
+
+void addPacExplain(CLI::App& pac, Action& action) {
+  auto* const command =
+      pac.add_subcommand("explain", "Shows what leads a PAC script to its answers.");
+  const auto arguments = std::make_shared<ExplainArguments>();
+  addChosenScript(*command, arguments->script);
+  addUrls(*command, arguments->urls, arguments->list);
+  addText(*command, "--host", "HOST", arguments->host,
+          "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
+          "daemon finds it");
+  addEnvironmentOptions(*command, arguments->environment);
+  command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
+  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "all URLs got an answer"},
+                                                     {kNoAnswer, "at least one URL got no answer"}},
+                                                    kScriptStatuses));
+  command->callback([arguments, command, &action] {
+    if (arguments->script.file == "-" && arguments->list == "-") {
+      throw CLI::ValidationError("-f", "standard input holds the script already");
+    }
+    settleChosenScript(arguments->script, arguments->urls);
+    addFurtherUrls(*command, arguments->urls, arguments->list);
+    action = [arguments, options = engineOptions(arguments->environment)] {
+      return explain(*arguments, options);
+    };
+  });
+}
+
+}  // namespace client

@@ -1,0 +1,96 @@
+// A PAC script that is run twice for each URL: instrumented, for what it does on its way, and as it
+// is, so that an answer that instrumenting has changed is never explained as if it were the
+// script's.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "client/ctl/commands/answer_json.h"
+#include "client/ctl/commands/script_workbench.h"
+#include "engine/pac_engine.h"
+
+namespace client {
+
+/// A name that a helper asked for.
+struct TracedLookup {
+  std::string name;
+  std::vector<std::string> addresses;
+  std::int64_t microseconds = 0;
+  bool isNew = false;  ///< the first time in this evaluation; later ones cost nothing
+};
+
+/// A call of a helper.
+struct TracedCall {
+  std::size_t depth = 0;  ///< 0 if no other helper has made it
+  std::string name;
+  std::vector<std::string> arguments;  ///< as a script would write them
+  std::optional<std::string> result;   ///< nothing if it threw
+  std::int64_t microseconds = 0;       ///< with the calls that it made
+  std::vector<TracedLookup> lookups;
+};
+
+/// A value or a call, in the order in which they were known.
+struct TracedEvent {
+  std::optional<std::size_t> place;  ///< of a call: where it stands, if its name stands there
+  std::string value;                 ///< as a script would write it; empty for a call
+  bool truthy = false;
+  std::optional<TracedCall> call;
+};
+
+/// How often a place was reached, or had which truth.
+struct PlaceCount {
+  std::size_t place = 0;
+  std::uint64_t reached = 0;
+  std::uint64_t truthy = 0;
+  std::uint64_t falsy = 0;
+};
+
+struct Trace {
+  std::vector<TracedEvent> events;
+  std::vector<PlaceCount> counts;
+  bool cut = false;      ///< there were more events than a report has
+  bool ownText = false;  ///< the script has read the text of a function
+};
+
+struct TracedAnswer {
+  ShownAnswer answer;                    ///< of the script as it is
+  std::optional<std::string> different;  ///< what the instrumented script answered, if not the same
+  Trace trace;
+  std::chrono::microseconds took{0};     ///< the evaluation of the script as it is
+  std::optional<std::size_t> decidedBy;  ///< the return that gave the answer
+};
+
+class TracedScript {
+ public:
+  /// Throws Failure (kRefused) if the engine refuses the script, or its parser does not take it.
+  TracedScript(std::string_view script, const std::string& file,
+               const pac_engine::Options& options);
+
+  /// Asks both. A tracing worker that ended is started again; the trace is then empty and cut.
+  TracedAnswer ask(const std::string& url, const std::optional<std::string>& host);
+
+  const InstrumentedScript& script() const { return mScript; }
+  /// What was noted while the script was loaded.
+  const Trace& load() const { return mLoad; }
+
+ private:
+  void startTracing();
+  Trace takeTrace();
+  std::optional<std::size_t> decidingReturn(const Trace& trace, const ShownAnswer& answer) const;
+
+  std::string mFile;
+  pac_engine::Options mOptions;  ///< of the worker that traces
+  std::unique_ptr<pac_engine::Engine> mPlain;
+  InstrumentedScript mScript;
+  std::unique_ptr<pac_engine::Engine> mTraced;
+  Trace mLoad;
+};
+
+}  // namespace client
