@@ -47,7 +47,10 @@ _proxymanagerctl() {
   fi
   case $prev in
     --format)
-      _proxymanagerctl_words 'table curl env raw'
+      case ${COMP_WORDS[2]} in
+        cover) _proxymanagerctl_words 'text json html' ;;
+        *) _proxymanagerctl_words 'table curl env raw' ;;
+      esac
       return
       ;;
     --password-file | --file | -f)
@@ -78,11 +81,16 @@ _proxymanagerctl() {
       ;;
     pac)
       if [ "$COMP_CWORD" -eq 2 ]; then
-        _proxymanagerctl_words 'eval check --help'
+        _proxymanagerctl_words 'eval check explain cover diff --help'
         return
       fi
       options='--at --tz --resolve --my-ip --offline --json --help'
-      [ "${COMP_WORDS[2]}" != eval ] || options="--file --host $options"
+      case ${COMP_WORDS[2]} in
+        eval) options="--file --host $options" ;;
+        explain) options="--file --host --current $options" ;;
+        cover) options="--file --format --current $options" ;;
+        diff) options="--file $options" ;;
+      esac
       if [[ $cur != -* ]]; then
         _proxymanagerctl_files
         return

@@ -11,19 +11,24 @@
 
 namespace client {
 
-void addChosenScript(CLI::App& command, ChosenScript& chosen) {
+void addChosenScript(CLI::App& command, ChosenScript& chosen, std::vector<std::string>& urls) {
   command
       .add_option("FILE", chosen.file,
                   "The PAC script: a file of at most\n512,000 bytes, or \"-\" for standard input")
       ->option_text(" ");
   command.add_flag("--current", chosen.isCurrent,
                    "Instead of FILE the script in force, which\nthe daemon has fetched");
+  command.add_option("-p", chosen.option, "The same as FILE")->option_text("FILE");
+  command.add_option("-u", urls, "The same as URL")->option_text("URL")->allow_extra_args(false);
 }
 
 void settleChosenScript(ChosenScript& chosen, std::vector<std::string>& urls) {
-  if (chosen.isCurrent) {
+  if (chosen.isCurrent || !chosen.option.empty()) {
+    if (chosen.isCurrent && !chosen.option.empty()) {
+      throw CLI::ValidationError("--current", "there is a file already");
+    }
     if (!chosen.file.empty()) urls.insert(urls.begin(), std::move(chosen.file));
-    chosen.file = base::kPacFile;
+    chosen.file = chosen.isCurrent ? base::kPacFile : chosen.option;
   } else if (chosen.file.empty()) {
     throw CLI::RequiredError("FILE");
   }

@@ -293,7 +293,7 @@ void addPacExplain(CLI::App& pac, Action& action) {
   auto* const command =
       pac.add_subcommand("explain", "Shows what leads a PAC script to its answers.");
   const auto arguments = std::make_shared<ExplainArguments>();
-  addChosenScript(*command, arguments->script);
+  addChosenScript(*command, arguments->script, arguments->urls);
   addUrls(*command, arguments->urls, arguments->list);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "

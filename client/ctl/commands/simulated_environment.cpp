@@ -111,7 +111,7 @@ void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment)
               "up: other names do not resolve")
           ->option_text("NAME=ADDR[,ADDR]")
           ->allow_extra_args(false);
-  addText(command, "--my-ip", "ADDR[,ADDR]", environment.ownAddresses,
+  addText(command, "-c,--my-ip", "ADDR[,ADDR]", environment.ownAddresses,
           "What myIpAddress (the first IPv4 one) and\nmyIpAddressEx (all) return; \"none\" for a\n"
           "device without any address");
   command
