@@ -24,6 +24,8 @@ other figures; the ratios bear that better than the rest.
                (default: build/bench)
   --peers      instead of all that, the same answers by glib-pacrunner, libproxy and pacparser of
                Debian, beside the daemon's in one run; they are unpacked into a cache, not installed
+  --relay      instead of all that, the relay beside tinyproxy, Squid, haproxy and socat, in one run;
+               those that Debian would start as services are unpacked into a cache
   --quick      fewer rounds, for a first impression
   --build DIR  build there (default: build/bench)
   -j N         build with N processes at once (default: one a processor)
@@ -31,12 +33,13 @@ other figures; the ratios bear that better than the rest.
 EOF
 }
 
-build=$top/build/bench json='' quick=no peers=no jobs=$(nproc)
+build=$top/build/bench json='' quick=no peers=no relay=no jobs=$(nproc)
 while [ $# -gt 0 ]; do
   case $1 in
     --json) json=${2:?--json needs a folder} && shift ;;
     --quick) quick=yes ;;
     --peers) peers=yes ;;
+    --relay) relay=yes ;;
     --build) build=${2:?--build needs a folder} && shift ;;
     -j) jobs=${2:?-j needs a number} && shift ;;
     -j?*) jobs=${1#-j} ;;
@@ -78,6 +81,18 @@ if [ "$peers" = yes ]; then
   [ "$quick" = no ] || options=(--rounds 5 --calls 100)
   PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/peers.py" "--build=$build" \
     "--json=$json/peers.json" "${options[@]}"
+  exit 0
+fi
+
+if [ "$relay" = yes ]; then
+  step "Unpacking the other proxies"
+  # shellcheck disable=SC2046  # a list of names
+  programs=$("$top/tests/support/programs_root.sh" $(cat "$top/tests/relay/programs.txt"))
+  step "The relay and other proxies"
+  options=()
+  [ "$quick" = no ] || options=(--rounds 2 --seconds 0.5)
+  PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/relay/relay_bench.py" "--build=$build" \
+    "--programs=$programs" "--json=$json/relay.json" "${options[@]}"
   exit 0
 fi
 
