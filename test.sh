@@ -23,6 +23,9 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 installed programs
   --browsers    install Chromium and Firefox ESR and compare the helpers of PAC scripts with them instead:
                 100,000 calls and 5,000 scripts; what follows "--" is the comparison's (--seed=N)
+  --relay       run real programs through the relay instead: package managers, Chromium and Firefox, 100 MB,
+                over tinyproxy, Squid, microsocks and haproxy. It installs the browsers and unpacks the rest
+                into a cache
   --tidy        have clang-tidy judge the sources that are shipped
   --recipe      follow docs/installing.md in a clean system: build, install and start from source
   --settings-kills
@@ -45,6 +48,7 @@ while [ $# -gt 0 ]; do
     --cross | --cross=armhf) mode=cross preset=armhf triplet=arm-linux-gnueabihf ;;
     --cross=arm64) mode=cross preset=arm64 triplet=aarch64-linux-gnu ;;
     --browsers) mode=browsers dependencies+=(--browsers) ;;
+    --relay) mode=relay dependencies+=(--browsers) ;;
     --tidy) mode=tidy ;;
     --recipe) mode=recipe ;;
     --settings-kills) mode=settings_kills ;;
@@ -183,6 +187,15 @@ test_settings_kills() {
   export PROXYMANAGER_SETTINGS_KILLS=200
   build_tree test -DCMAKE_BUILD_TYPE=Release
   run_tests test -R '^packaging.TheSettingsServiceFollowsRealNetworkManagers$'
+}
+
+test_relay() {
+  step "Unpacking the programs"
+  # shellcheck disable=SC2046  # a list of names
+  PROXYMANAGER_RELAY_PROGRAMS=$("$top/tests/support/programs_root.sh" $(cat "$top/tests/relay/programs.txt"))
+  export PROXYMANAGER_RELAY_PROGRAMS
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  run_tests test -L '^relay$'
 }
 
 test_soak() {

@@ -4,6 +4,7 @@ Firefox writes alerts to its console. Its remote control for tests (Marionette) 
 fetching them and reads the console.
 """
 
+import contextlib
 import http.server
 import json
 import os
@@ -91,31 +92,48 @@ class _Control:
         return result
 
 
-def alerts(script, urls, zone="UTC"):
-    """Loads `script`, asks for each of `urls`, and returns the texts of alert() that begin with "#"."""
-    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), _Script)
-    server.script = ("var PROXY_PORT = 1;\n" + script).encode()
-    threading.Thread(target=server.serve_forever, daemon=True).start()
+@contextlib.contextmanager
+def _browser(preferences, environment):
+    """A Firefox with an empty profile and these preferences. Gives its remote control."""
     profile = tempfile.mkdtemp(prefix="firefox.")
-    preferences = {**PREFERENCES,
-                   "network.proxy.autoconfig_url": f"http://127.0.0.1:{server.server_port}/script.pac"}
     with open(os.path.join(profile, "user.js"), "w", encoding="utf-8") as file:
         file.writelines(f'user_pref("{name}", {json.dumps(value)});\n' for name, value in preferences.items())
     browser = subprocess.Popen(
         [PROGRAM, "--headless", "--no-remote", "--profile", profile, "--marionette",
          "--remote-allow-system-access"],
-        env={**os.environ, "TZ": zone, "HOME": profile}, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        env={**os.environ, **environment, "HOME": profile}, stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL)
     try:
         control = _Control(_port(profile, browser))
         control("WebDriver:NewSession", capabilities={"alwaysMatch": {"timeouts": {"script": LIMIT * 1000}}})
-        control("Marionette:SetContext", value="chrome")
-        return control("WebDriver:ExecuteAsyncScript", script=ASK, args=[urls])["value"]
+        yield control
     finally:
         browser.terminate()
         browser.wait(timeout=START_LIMIT)
+        shutil.rmtree(profile, ignore_errors=True)
+
+
+def alerts(script, urls, zone="UTC"):
+    """Loads `script`, asks for each of `urls`, and returns the texts of alert() that begin with "#"."""
+    server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), _Script)
+    server.script = ("var PROXY_PORT = 1;\n" + script).encode()
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    preferences = {**PREFERENCES,
+                   "network.proxy.autoconfig_url": f"http://127.0.0.1:{server.server_port}/script.pac"}
+    try:
+        with _browser(preferences, {"TZ": zone}) as control:
+            control("Marionette:SetContext", value="chrome")
+            return control("WebDriver:ExecuteAsyncScript", script=ASK, args=[urls])["value"]
+    finally:
         server.shutdown()
         server.server_close()
-        shutil.rmtree(profile, ignore_errors=True)
+
+
+def evaluate(url, script, preferences):
+    """Shows `url` and returns what the asynchronous `script` gives there."""
+    with _browser({**PREFERENCES, **preferences}, {}) as control:
+        control("WebDriver:Navigate", url=url)
+        return control("WebDriver:ExecuteAsyncScript", script=script, args=[])["value"]
 
 
 def _port(profile, browser):

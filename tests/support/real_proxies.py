@@ -16,7 +16,7 @@ from .web import script
 
 SITE = "www.example.test"
 PAGE = f"http://{SITE}/way"
-_SITE_ADDRESS = "127.0.0.80"
+SITE_ADDRESS = "127.0.0.80"
 HTTP_PROXY = "127.0.0.8:8888"
 SOCKS_PROXY = "127.0.0.9:1080"
 PASSWORD_PROXY = "127.0.0.10:8888"
@@ -38,7 +38,7 @@ http {{
   root /run/www/$remote_addr;
   ssl_certificate /run/site.pem;
   ssl_certificate_key /run/site.key;
-  server {{ listen {_SITE_ADDRESS}:80; listen {_SITE_ADDRESS}:443 ssl; }}
+  server {{ listen {SITE_ADDRESS}:80; listen {SITE_ADDRESS}:443 ssl; LOCATIONS }}
 }}
 """
 _TINYPROXY = """
@@ -61,8 +61,8 @@ def _run(*command, **options):
     assert done.returncode == 0, f"{command}: {done.stderr}"
 
 
-def _make_pages():
-    for address, way in _WAYS.items():
+def _make_pages(ways):
+    for address, way in ways.items():
         folder = f"/run/www/{address}"
         os.makedirs(f"{folder}/tree")
         for file in (f"{folder}/way", f"{folder}/tree/way"):
@@ -97,16 +97,17 @@ def _listens(endpoint):
 class RealProxies:
     """Server and proxies, from the start to close()."""
 
-    def __init__(self):
+    def __init__(self, ways=(), locations=""):
+        """@param ways further ones, by the address of each @param locations of the server's configuration"""
         # Who looks a name up for one family of addresses gets none where the machine has no address
         # of it but loopback.
         _run("ip", "address", "add", "192.0.2.1/32", "dev", "lo")
-        hosts(**{SITE: _SITE_ADDRESS, "wpad.example.test": "127.0.0.1"})
+        hosts(**{SITE: SITE_ADDRESS, "wpad.example.test": "127.0.0.1"})
         _make_certificate()
-        _make_pages()
+        _make_pages({**_WAYS, **dict(ways)})
         self._running = []
         self._marks = 0
-        self._start_server()
+        self._start_server(locations)
         self._start_http_proxy(HTTP_PROXY)
         self._start_http_proxy(PASSWORD_PROXY, f"BasicAuth {USER} {PASSWORD}\n")
         self._start_socks_proxy(SOCKS_PROXY)
@@ -119,10 +120,10 @@ class RealProxies:
         wait_until(lambda: _listens(endpoint) or process.poll() is not None, f"{command[0]} listens")
         assert process.poll() is None, f"{command}: status {process.returncode}"
 
-    def _start_server(self):
+    def _start_server(self, locations):
         with open("/run/nginx.conf", "w") as file:
-            file.write(_NGINX)
-        self._start(f"{_SITE_ADDRESS}:443", "nginx", "-e", "/run/nginx.error", "-c",
+            file.write(_NGINX.replace("LOCATIONS", locations))
+        self._start(f"{SITE_ADDRESS}:443", "nginx", "-e", "/run/nginx.error", "-c",
                     "/run/nginx.conf", "-g", "daemon off; master_process off;")
 
     def _start_http_proxy(self, endpoint, extra=""):
@@ -142,7 +143,7 @@ class RealProxies:
         mark = f"/mark{self._marks}"
         # The server is one process that says a request when it is done with it, so what came before
         # this one is said before it.
-        with socket.create_connection((_SITE_ADDRESS, 80), 60) as connection:
+        with socket.create_connection((SITE_ADDRESS, 80), 60) as connection:
             connection.sendall(f"GET {mark} HTTP/1.0\r\n\r\n".encode())
             while connection.recv(65536):
                 pass

@@ -1,0 +1,79 @@
+"""curl, wget and git as Debian has them, whose one fixed proxy is the relay, over tinyproxy and microsocks
+in each mode. Squid, haproxy, package managers and browsers are tests of their own: ./test.sh --relay.
+"""
+
+import subprocess
+
+import pytest
+from support.bus import wait_until
+from support.ctl import LIMIT
+from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, SITE, SOCKS, SOCKS_PROXY, by_network,
+                                  by_script)
+from support.relay import Relay
+
+pytestmark = pytest.mark.usefixtures("own_network")
+
+NOBODY = "127.0.0.1:9"  # nobody listens
+CURL = ("curl", "-sS", "--fail", "--max-time", "60")
+WGET = ("wget", "-q", "--tries=1", "--timeout=60", "-O", "-")
+GIT = ("sh", "-c", 'rm -rf /run/clone && git clone -q "$0" /run/clone && cat /run/clone/way')
+REPOSITORY = f"http://{SITE}/way.git"
+
+
+def run(*command, proxy="http://127.0.0.1:3128"):
+    """A program with the variables that lead to the relay: its status, output and complaints."""
+    variables = {"PATH": "/usr/bin:/bin", "HOME": "/run", "http_proxy": proxy, "https_proxy": proxy}
+    done = subprocess.run(command, env=variables, capture_output=True, text=True,
+                          stdin=subprocess.DEVNULL, timeout=LIMIT)
+    return done.returncode, done.stdout, done.stderr
+
+
+def way(proxy="http://127.0.0.1:3128"):
+    return run(*CURL, PAGE, proxy=proxy)[1]
+
+
+def ways():
+    """The ways that the programs take, for http and through tunnels."""
+    taken = []
+    for command in ((*CURL, PAGE), (*CURL, f"https://{SITE}/way"), (*WGET, PAGE),
+                    (*WGET, f"https://{SITE}/way"), (*GIT, REPOSITORY),
+                    (*GIT, REPOSITORY.replace("http:", "https:"))):
+        status, output, errors = run(*command)
+        assert status == 0, f"{command}: {errors}"
+        taken.append(output)
+    return set(taken)
+
+
+@pytest.fixture
+def relay(build, proxies, client):
+    relay = Relay(build)
+    yield relay
+    relay.stop()
+
+
+def follows(wanted):
+    """The daemon's signal may be on its way when the first program asks."""
+    wait_until(lambda: way() == wanted, f"the relay goes {wanted}")
+
+
+def test_programs_that_know_one_proxy_follow_each_mode(relay, client, port80, syslog):
+    client.update("off")
+    relay.start()
+    assert ways() == {DIRECT}
+    client.update("manual", f"http://{HTTP_PROXY}")
+    follows(HTTP)
+    assert ways() == {HTTP}
+    by_script(client, port80, f"PROXY {NOBODY}; SOCKS {SOCKS_PROXY}")
+    follows(SOCKS)
+    assert ways() == {SOCKS}
+    by_network(client, port80, syslog, f"PROXY {HTTP_PROXY}")
+    follows(HTTP)
+    assert ways() == {HTTP}
+
+
+def test_socks_programs_follow_too(relay, client):
+    client.update("manual", f"http://{HTTP_PROXY}")
+    relay.start()
+    for scheme in ("socks4a", "socks5h"):
+        status, output, errors = run(*CURL, "-x", f"{scheme}://127.0.0.1:3128", f"https://{SITE}/way")
+        assert (status, output) == (0, HTTP), f"{scheme}: {errors}"
