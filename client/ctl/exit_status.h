@@ -33,11 +33,11 @@ struct StatusText {
 };
 
 inline constexpr std::array<StatusText, 14> kStatusTexts{{
-    {kAnswered, "done, with an answer for every URL"},
-    {kNoAnswer, "at least one URL got no answer"},
+    {kAnswered, "done, with an answer for every URL; every case passed; no finding"},
+    {kNoAnswer, "at least one URL got no answer, one case failed, or there is a finding"},
     {kRefused, "a PAC script is refused; standard error says why, and in which\nline"},
     {kUsage, "the command line is wrong, or the address of the message bus"},
-    {kBadData, "what was read is no password or URL"},
+    {kBadData, "what was read is no password, URL or file of cases"},
     {kNoInput, "a file cannot be read"},
     {kUnavailable, "the daemon does not run, or there is no message bus"},
     {kInternal, "no memory, or a fault of the program"},

@@ -48,9 +48,15 @@ _proxymanagerctl() {
   case $prev in
     --format)
       case ${COMP_WORDS[2]} in
+        test) _proxymanagerctl_words 'text tap junit' ;;
         cover) _proxymanagerctl_words 'text json html' ;;
+        lint) _proxymanagerctl_words 'text json sarif' ;;
         *) _proxymanagerctl_words 'table curl env raw' ;;
       esac
+      return
+      ;;
+    --fail-on)
+      _proxymanagerctl_words 'error warning note'
       return
       ;;
     --password-file | --file | -f)
@@ -62,7 +68,7 @@ _proxymanagerctl() {
         find . -type f -path '*[A-Z]*' -printf '%P ')"
       return
       ;;
-    --timeout | --user | --host | --at | --resolve | --my-ip | --credentials-for) return ;;
+    --timeout | --user | --host | --at | --resolve | --my-ip | --credentials-for | --repeat | --ignore | --only) return ;;
   esac
   case $command in
     status | config | watch) options='--timeout --json --show-password --help' ;;
@@ -81,15 +87,19 @@ _proxymanagerctl() {
       ;;
     pac)
       if [ "$COMP_CWORD" -eq 2 ]; then
-        _proxymanagerctl_words 'eval check explain cover diff --help'
+        _proxymanagerctl_words 'eval check lint test bench explain cover diff --help'
         return
       fi
-      options='--at --tz --resolve --my-ip --offline --json --help'
+      options='--at --tz --resolve --my-ip --offline --help'
       case ${COMP_WORDS[2]} in
-        eval) options="--file --host $options" ;;
-        explain) options="--file --host --current $options" ;;
-        cover) options="--file --format --current $options" ;;
-        diff) options="--file $options" ;;
+        eval) options="--file --host --json $options" ;;
+        explain) options="--file --host --current --json $options" ;;
+        cover) options="--file --format --current --json $options" ;;
+        diff) options="--file --json $options" ;;
+        bench) options="--file --repeat --json $options" ;;
+        test) options="--format $options" ;;
+        lint) options='--format --ignore --only --fail-on --help' ;;
+        *) options="--json $options" ;;
       esac
       if [[ $cur != -* ]]; then
         _proxymanagerctl_files

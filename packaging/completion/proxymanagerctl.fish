@@ -2,6 +2,7 @@
 
 set -l commands status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay
 set -l updates off manual pacurl wpad
+set -l trials eval check lint test bench explain cover diff
 
 # The position of the "--" of exec, after which another program's words stand.
 function __proxymanagerctl_before_command
@@ -29,10 +30,10 @@ complete -c proxymanagerctl -n __fish_use_subcommand -a pac -d 'Try PAC scripts 
 complete -c proxymanagerctl -n __fish_use_subcommand -a relay -d 'Lead programs to the relay'
 
 complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config settings watch refresh wait diagnose exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
-complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config settings watch pac $updates" -l json -d 'Print JSON'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config settings watch eval check bench explain diff $updates" -l json -d 'Print JSON'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from status get config watch' -l show-password -d 'Show passwords'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from get' -l format -x -a 'table curl env raw' -d 'For use elsewhere'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from get eval explain cover diff' -s f -l file -r -F -d 'File of URLs, or -'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from get eval bench explain cover diff' -s f -l file -r -F -d 'File of URLs, or -'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from get' -l with-password -d 'User name and password in the URL'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from get exec; and __proxymanagerctl_before_command' -l credentials-for -x -d 'Proxy that gets the password, too'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from get exec diagnose; and __proxymanagerctl_before_command' -l ask-local -d 'Ask about this machine, too'
@@ -47,18 +48,27 @@ complete -c proxymanagerctl -n '__fish_seen_subcommand_from settings; and not __
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from exec; and __proxymanagerctl_before_command' -a -- -d 'The command follows'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from exec; and not __proxymanagerctl_before_command' -a '(__fish_complete_subcommand --fcs-skip=(math (contains -i -- -- (commandline -opc)) - 1))'
 
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from eval check explain cover diff' -a eval -d 'Ask a script for URLs'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from eval check explain cover diff' -a check -d 'Load a script'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from eval check explain cover diff' -a explain -d 'Show what leads to an answer'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from eval check explain cover diff' -a cover -d 'Show what URLs reach'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from eval check explain cover diff' -a diff -d 'Show where two scripts differ'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check explain cover diff' -F
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a eval -d 'Ask a script for URLs'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a check -d 'Load a script'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a lint -d 'Find what is probably wrong'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a test -d 'Check answers against a file of cases'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a bench -d 'Measure what URLs cost'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a explain -d 'Show what leads to an answer'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a cover -d 'Show what URLs reach'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a diff -d 'Show where two scripts differ'
+complete -c proxymanagerctl -n "__fish_seen_subcommand_from $trials" -F
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval explain' -l host -x -d 'Second argument of the script'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check explain cover diff' -l at -x -d 'What the script takes for now'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check explain cover diff' -l tz -x -d 'Time zone'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check explain cover diff' -l resolve -x -d 'Addresses of a name'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check explain cover diff' -l my-ip -x -d 'Own addresses'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check explain cover diff' -l offline -d 'Look nothing up'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l at -x -d 'What the script takes for now'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l tz -x -d 'Time zone'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l resolve -x -d 'Addresses of a name'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l my-ip -x -d 'Own addresses'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l offline -d 'Look nothing up'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from test' -l format -x -a 'text tap junit' -d 'Of the report'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from bench' -l repeat -x -d 'How often each URL is asked'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l format -x -a 'text json sarif' -d 'Of the report'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l ignore -x -d 'Leave rules out'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l only -x -d 'Leave other rules out'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l fail-on -x -a 'error warning note' -d 'Severity for status 1'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from explain cover' -l current -d 'The script in force'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from cover' -l format -x -a 'text json html' -d 'Of the report'
 

@@ -521,7 +521,14 @@ def test_each_level_has_its_help(ctl):
                                "--at TIME", "--tz ZONE", "--resolve NAME=ADDR[,ADDR]",
                                "--my-ip ADDR[,ADDR]", "--offline", "--json", "Exit status:"]),
             (["pac", "check"], ["Usage: proxymanagerctl pac check [OPTIONS] FILE\n", "--json",
-                                "Exit status:"])):
+                                "Exit status:"]),
+            (["pac", "lint"], ["Usage: proxymanagerctl pac lint [OPTIONS] FILE\n", "--format FORMAT",
+                               "--ignore RULE[,RULE]", "--only RULE[,RULE]", "--fail-on SEVERITY",
+                               "Rules:", "Exit status:"]),
+            (["pac", "test"], ["Usage: proxymanagerctl pac test [OPTIONS] FILE CASES\n",
+                               "--format FORMAT", "--at TIME", "Cases:", "Exit status:"]),
+            (["pac", "bench"], ["Usage: proxymanagerctl pac bench [OPTIONS] FILE [URL...]",
+                                "--repeat COUNT", "--json", "Exit status:"])):
         result = ctl(*words, "--help")
         assert (result.status, result.errors) == (ANSWERED, "")
         assert [part for part in parts if part not in result.output] == []

@@ -9,7 +9,10 @@
 
 #include "client/ctl/commands/answer_json.h"
 #include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/pac_bench_command.h"
 #include "client/ctl/commands/pac_explain_command.h"
+#include "client/ctl/commands/pac_lint_command.h"
+#include "client/ctl/commands/pac_test_command.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
@@ -177,6 +180,9 @@ void addPacCommand(CLI::App& program, Action& action) {
   addEval(*pac, action);
   addCheck(*pac, action);
   addPacExplain(*pac, action);
+  addPacLint(*pac, action);
+  addPacTest(*pac, action);
+  addPacBench(*pac, action);
 }
 
 }  // namespace client

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <system_error>
+#include <utility>
 
 #include "base/ascii.h"
 #include "base/small_file.h"
@@ -11,20 +12,25 @@
 
 namespace client {
 
-std::vector<std::string> readUrls(const std::string& name) {
+std::string readListFile(const std::string& name) {
   base::FileDemands demands;
   demands.mostBytes = kMaxListBytes;
   demands.owner = base::FileOwner::anybody;
   demands.followsLink = true;
   demands.acceptsSecondName = true;
-  const auto read = name == "-" ? base::readToEnd(STDIN_FILENO, kMaxListBytes)
-                                : base::readFile(name.c_str(), demands);
+  auto read = name == "-" ? base::readToEnd(STDIN_FILENO, kMaxListBytes)
+                          : base::readFile(name.c_str(), demands);
   if (read.failure) {
     throw Failure(kNoInput, "cannot read " + shownName(name) + ": " +
                                 std::generic_category().message(read.failure.error));
   }
+  return std::move(read.text);
+}
+
+std::vector<std::string> readUrls(const std::string& name) {
   std::vector<std::string> urls;
-  std::string_view rest = read.text;
+  const auto text = readListFile(name);
+  std::string_view rest = text;
   while (!rest.empty()) {
     const auto end = rest.find('\n');
     const auto line = base::trimmed(rest.substr(0, end), " \t\r");

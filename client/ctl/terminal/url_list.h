@@ -10,6 +10,10 @@ namespace client {
 /// Longest file of URLs, in bytes: some ten thousand URLs, which take the daemon minutes.
 inline constexpr std::size_t kMaxListBytes = 1U << 20U;
 
+/// The bytes of the file `name`, or of standard input for "-". Throws Failure: kNoInput if it
+/// cannot be read or is longer than kMaxListBytes.
+std::string readListFile(const std::string& name);
+
 /// The URLs of the file `name`, or of standard input for "-": one a line, without blanks around it.
 /// Empty lines and those that begin with "#" are skipped. Throws Failure: kNoInput if the file
 /// cannot be read or is longer than kMaxListBytes.

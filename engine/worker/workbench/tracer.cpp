@@ -141,6 +141,7 @@ struct Tracer::Hooks {
     const auto begun = Clock::now();
     JSValue result = JS_Call(context, data[0], self, count, arguments);
     const auto took = microsecondsSince(begun);
+    if (tracer.mOpenCalls.size() == 1) tracer.noteHelper(Clock::now() - begun);
     try {
       const auto lookups = std::move(tracer.mOpenCalls.back().lookups);
       tracer.mOpenCalls.pop_back();
@@ -245,8 +246,15 @@ void Tracer::noteLookup(std::string_view name, AddressFamily family,
              (isNew ? ",true]" : ",false]");
 }
 
+void Tracer::noteHelper(std::chrono::nanoseconds took) {
+  ++mHelperCalls;
+  mHelperTime += took;
+}
+
 void Tracer::forget() {
   mCounts.clear();
+  mHelperCalls = 0;
+  mHelperTime = {};
   mEvents.clear();
   mCut = mOwnText = false;
   mAsked.clear();
@@ -263,7 +271,8 @@ Reply Tracer::report(std::string_view command, std::string_view /*argument*/) {
   json += "],\"events\":[";
   if (!mEvents.empty()) json.append(mEvents, 0, mEvents.size() - 1);
   json += std::string("],\"cut\":") + (mCut ? "true" : "false") +
-          ",\"ownText\":" + (mOwnText ? "true" : "false") + "}";
+          ",\"ownText\":" + (mOwnText ? "true" : "false") + ",\"helpers\":[" +
+          std::to_string(mHelperCalls) + "," + std::to_string(mHelperTime.count()) + "]}";
   forget();
   return {std::move(json), {}};
 }

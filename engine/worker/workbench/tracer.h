@@ -8,6 +8,7 @@
 // were to a script, of the same names and lengths.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -34,7 +35,8 @@ class Tracer : public Extension, private PacEnvironment {
 
   bool prepare(EngineRuntime& runtime) override;
   PacEnvironment& around(PacEnvironment& device) override;
-  /// The command "trace": JSON of what was noted since the last one.
+  /// The command "trace": JSON of what was noted since the last one. "helpers": how many helpers
+  /// the script called, and the nanoseconds that it waited for them.
   Reply report(std::string_view command, std::string_view argument) override;
 
   /// For the engine's functions of this tracer.
@@ -60,12 +62,15 @@ class Tracer : public Extension, private PacEnvironment {
   void noteEvent(const std::string& json);
   void noteLookup(std::string_view name, AddressFamily family,
                   const std::vector<std::string>& addresses, std::int64_t microseconds);
+  void noteHelper(std::chrono::nanoseconds took);
   void forget();
 
   const std::string mHook;  ///< the hook's name
   PacEnvironment* mDevice = nullptr;
   std::unordered_map<std::uint32_t, Counts> mCounts;
-  std::string mEvents;  ///< JSON, each with a comma behind it
+  std::string mEvents;             ///< JSON, each with a comma behind it
+  std::uint64_t mHelperCalls = 0;  ///< those that a helper makes are not counted
+  std::chrono::nanoseconds mHelperTime{0};
   bool mCut = false;
   bool mOwnText = false;  ///< the script has read the text of a function
   std::vector<OpenCall> mOpenCalls;

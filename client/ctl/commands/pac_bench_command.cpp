@@ -1,0 +1,287 @@
+#include "client/ctl/commands/pac_bench_command.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/ctl/commands/script_on_trial.h"
+#include "client/ctl/commands/simulated_environment.h"
+#include "client/ctl/commands/url_arguments.h"
+#include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/script_file.h"
+#include "client/ctl/terminal/shown_text.h"
+#include "domain/url_host.h"
+#include "pac/pac_parser.h"
+#include "pac/proxy_url_cache.h"
+#include "service/records/owned_settings.h"
+#include "service/records/proxy_config_owner.h"
+
+namespace client {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Clock = std::chrono::steady_clock;
+using Micros = std::chrono::duration<double, std::micro>;
+
+constexpr const char* kFooter = R"(Output:
+  evaluations  how many, of how many hosts, and how many got no answer
+  load         time until the script was loaded
+  median       of one evaluation, with the way to the worker and back
+  helpers      how many helpers an evaluation calls on average, and what part
+               of the time they take; measured in a run of its own
+  worst        the longest evaluation, and its URL
+  cache        how many of the questions the daemon would answer from its
+               cache of 50 hosts, and what part of the time that saves
+  stale        hits for which the script itself answers otherwise, as it
+               decides by path, scheme or time; the first of their URLs
+  The URLs are asked in their order, each --repeat times. The cache counts the
+  first round. With --json an object: file, urls, hosts, evaluations,
+  unanswered, load_us, median_us, worst_us, worst_url, helpers (calls, us,
+  share), cache (hits, share,
+  saved_us, saved_share, stale, stale_url). Times are in microseconds.
+
+Exit status:
+)";
+
+constexpr int kMostRounds = 1000;
+
+struct BenchArguments {
+  std::string file;
+  std::vector<std::string> urls;
+  std::optional<std::string> list;
+  SimulatedEnvironment environment;
+  int rounds = 1;
+  bool json = false;
+};
+
+void freeTexts(ProxyUrlSettings& settings, void* /*context*/) {
+  for (const auto& setting : settings) std::free(setting.url);
+  settings.clear();
+}
+
+/// The daemon's own cache, asked as the daemon asks it.
+class CacheOnTrial {
+ public:
+  enum class Finding { kMiss, kHit, kStale };
+
+  /// @param shown what the script answers now
+  Finding ask(const ShownAnswer& shown) {
+    ProxyUrlSettings kept;
+    OwnedSettings fresh(PacParser::proxys2ProxySettings(shown.result.value_or("")));
+    if (mCache.get(shown.host, kept)) {
+      return isSame(kept, fresh.get()) ? Finding::kHit : Finding::kStale;
+    }
+    // The daemon keeps no missing answer.
+    if (shown.result) mCache.set(shown.host, fresh.release());
+    return Finding::kMiss;
+  }
+
+ private:
+  static bool isSame(const ProxyUrlSettings& a, const ProxyUrlSettings& b) {
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& x, const auto& y) {
+      return x.type == y.type && std::string_view(x.url) == y.url;
+    });
+  }
+
+  ProxyUrlCache mCache{PacParser::kCacheCapacity, freeTexts, nullptr};
+};
+
+struct Measured {
+  Micros load{0};
+  std::vector<Micros> times;
+  Micros worst{0};
+  std::string worstUrl;
+  std::set<std::string> hosts;
+  std::size_t unanswered = 0;
+  Micros firstRound{0};
+  Micros saved{0};
+  std::size_t hits = 0;  ///< stale ones included
+  std::size_t stale = 0;
+  std::string staleUrl;
+  std::uint64_t helperCalls = 0;
+  Micros helperTime{0};
+};
+
+void countFirst(Measured& measured, CacheOnTrial& cache, const ShownAnswer& shown, Micros took) {
+  measured.hosts.insert(shown.host);
+  measured.firstRound += took;
+  if (!shown.result) ++measured.unanswered;
+  const auto finding = cache.ask(shown);
+  if (finding == CacheOnTrial::Finding::kMiss) return;
+  ++measured.hits;
+  measured.saved += took;
+  if (finding == CacheOnTrial::Finding::kStale && measured.stale++ == 0) {
+    measured.staleUrl = withoutPassword(shown.url);
+  }
+}
+
+Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
+  Measured measured;
+  CacheOnTrial cache;
+  for (int round = 0; round < arguments.rounds; ++round) {
+    for (const auto& url : arguments.urls) {
+      const auto begun = Clock::now();
+      const auto shown = evaluateUrl(engine, url, std::nullopt);
+      const Micros took = Clock::now() - begun;
+      measured.times.push_back(took);
+      if (took > measured.worst) {
+        measured.worst = took;
+        measured.worstUrl = withoutPassword(url);
+      }
+      if (round == 0) countFirst(measured, cache, shown, took);
+    }
+  }
+  return measured;
+}
+
+/// Asks the script once more, where its calls of helpers are counted.
+void measureHelpers(Measured& measured, const std::string& script, const BenchArguments& arguments,
+                    pac_engine::Options options) {
+  options.role = pac_engine::WorkerRole::kTraces;
+  pac_engine::Problem problem;
+  const auto tracer = loadScript(script, std::move(options), problem);
+  if (!tracer) throw refusal(arguments.file, problem);
+  // What the script called while it was loaded.
+  if (!tracer->command("trace", "", problem)) throw refusal(arguments.file, problem);
+  for (const auto& url : arguments.urls) {
+    const HeapText host(getHost(url));
+    if (host != nullptr) tracer->evaluate(url, host.get());
+  }
+  const auto text = tracer->command("trace", "", problem);
+  if (!text) throw refusal(arguments.file, problem);
+  const auto helpers = Json::parse(*text).at("helpers");
+  measured.helperCalls = helpers.at(0).get<std::uint64_t>();
+  measured.helperTime = std::chrono::nanoseconds(helpers.at(1).get<std::int64_t>());
+}
+
+Micros median(std::vector<Micros> times) {
+  const auto middle = times.begin() + static_cast<std::ptrdiff_t>(times.size() / 2);
+  std::nth_element(times.begin(), middle, times.end());
+  return *middle;
+}
+
+std::string oneDigit(double value) {
+  const auto text = std::to_string(value);
+  return text.substr(0, text.find('.') + 2);
+}
+
+std::string shownMicros(Micros time) {
+  if (time.count() < 1000) return oneDigit(time.count()) + " us";
+  if (time.count() < 1e6) return oneDigit(time.count() / 1e3) + " ms";
+  return oneDigit(time.count() / 1e6) + " s";
+}
+
+std::string percent(double share) {
+  return std::to_string(static_cast<int>(share * 100 + 0.5)) + " %";
+}
+
+double hitShare(const Measured& measured, std::size_t urls) {
+  return static_cast<double>(measured.hits) / static_cast<double>(urls);
+}
+
+double callsPerUrl(const Measured& measured, std::size_t urls) {
+  return static_cast<double>(measured.helperCalls) / static_cast<double>(urls);
+}
+
+double savedShare(const Measured& measured) {
+  return measured.firstRound.count() > 0 ? measured.saved / measured.firstRound : 0;
+}
+
+/// The two are of different runs, so one may be a little more than the other.
+double helperShare(const Measured& measured) {
+  return measured.firstRound.count() > 0 ? std::min(1.0, measured.helperTime / measured.firstRound)
+                                         : 0;
+}
+
+void print(const BenchArguments& arguments, const Measured& measured) {
+  const auto urls = arguments.urls.size();
+  std::vector<Row> rows{
+      {"evaluations", std::to_string(measured.times.size()) + " of " + std::to_string(urls) +
+                          " URLs on " + std::to_string(measured.hosts.size()) + " hosts, " +
+                          std::to_string(measured.unanswered) + " URLs without an answer"},
+      {"load", shownMicros(measured.load)},
+      {"median", shownMicros(median(measured.times))},
+      {"worst", shownMicros(measured.worst) + "  " + measured.worstUrl},
+      {"helpers", oneDigit(callsPerUrl(measured, urls)) + " calls a URL, " +
+                      percent(helperShare(measured)) + " of the time"},
+      {"cache", std::to_string(measured.hits) + " hits (" + percent(hitShare(measured, urls)) +
+                    "), which save " + percent(savedShare(measured)) + " of the time"},
+      {"stale", measured.stale == 0
+                    ? "none"
+                    : std::to_string(measured.stale) + " hits, first " + measured.staleUrl}};
+  printBlock(shownName(arguments.file), rows);
+}
+
+void printAsJson(const BenchArguments& arguments, const Measured& measured) {
+  Json object;
+  object["file"] = arguments.file;
+  object["urls"] = arguments.urls.size();
+  object["hosts"] = measured.hosts.size();
+  object["evaluations"] = measured.times.size();
+  object["unanswered"] = measured.unanswered;
+  object["load_us"] = measured.load.count();
+  object["median_us"] = median(measured.times).count();
+  object["worst_us"] = measured.worst.count();
+  object["worst_url"] = measured.worstUrl;
+  object["helpers"] = Json{{"calls", measured.helperCalls},
+                           {"us", measured.helperTime.count()},
+                           {"share", helperShare(measured)}};
+  object["cache"] = Json{{"hits", measured.hits},
+                         {"share", hitShare(measured, arguments.urls.size())},
+                         {"saved_us", measured.saved.count()},
+                         {"saved_share", savedShare(measured)},
+                         {"stale", measured.stale},
+                         {"stale_url", measured.stale == 0 ? Json() : Json(measured.staleUrl)}};
+  printJson(object);
+}
+
+ExitStatus benchScript(const BenchArguments& arguments, const pac_engine::Options& options) {
+  const auto script = readScript(arguments.file);
+  pac_engine::Problem refused;
+  const auto begun = Clock::now();
+  const auto engine = loadScript(script, options, refused);
+  if (!engine) throw refusal(arguments.file, refused);
+  const Micros load = Clock::now() - begun;
+  auto measured = measure(*engine, arguments);
+  measured.load = load;
+  measureHelpers(measured, script, arguments, options);
+  arguments.json ? printAsJson(arguments, measured) : print(arguments, measured);
+  return measured.unanswered == 0 ? kAnswered : kNoAnswer;
+}
+
+}  // namespace
+
+void addPacBench(CLI::App& pac, Action& action) {
+  auto* const command = pac.add_subcommand("bench", "Measures what a PAC script costs.");
+  const auto arguments = std::make_shared<BenchArguments>();
+  addScriptFile(*command, arguments->file);
+  addUrls(*command, arguments->urls, arguments->list);
+  command->add_option("--repeat", arguments->rounds, "How often each URL is asked; 1 to 1000")
+      ->check(CLI::Range(1, kMostRounds))
+      ->option_text("COUNT");
+  addEnvironmentOptions(*command, arguments->environment);
+  command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
+  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "all URLs got an answer"},
+                                                     {kNoAnswer, "at least one URL got no answer"}},
+                                                    kScriptStatuses));
+  command->callback([arguments, command, &action] {
+    if (arguments->file == "-" && arguments->list == "-") {
+      throw CLI::ValidationError("-f", "standard input holds the script already");
+    }
+    addFurtherUrls(*command, arguments->urls, arguments->list);
+    action = [arguments, options = engineOptions(arguments->environment)] {
+      return benchScript(*arguments, options);
+    };
+  });
+}
+
+}  // namespace client

@@ -1,0 +1,146 @@
+#include "client/ctl/commands/pac_lint_command.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "client/ctl/commands/lint_report.h"
+#include "client/ctl/commands/script_on_trial.h"
+#include "client/ctl/commands/script_workbench.h"
+#include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/script_file.h"
+
+namespace client {
+
+namespace {
+
+constexpr const char* kFooter = R"(Output:
+  text   FILE:LINE:COLUMN: SEVERITY: MESSAGE [RULE], the reason, and a fix; the
+         default
+  json   an object: file, errors, warnings, notes and findings (line, column,
+         severity, name, message, reason and fix)
+  sarif  SARIF 2.1.0, as code hosts and editors read it
+  Columns count from 1, in UTF-16 units.
+
+Rules:
+  host-case, isinnet-name, dns-first, domain-dot, shexp-regex, https-path,
+  unreachable, no-var, date-month-end, entry-dropped, entry-unknown,
+  entry-port, direct-missing, direct-first, no-return, local-to-proxy,
+  too-many-names, cost and ignore-unknown; docs/pac-lint.md explains each.
+  In the script, "// pac-lint: ignore=RULE[,RULE]" behind the code of a line
+  leaves that line out; alone in its line, the next line of code.
+
+Exit status:
+)";
+
+/// Of an answer for a local host; two of them fit in an argument of the workbench many times.
+constexpr std::size_t kMostAnswerBytes = 2048;
+
+struct LintArguments {
+  std::string file;
+  std::string format = "text";
+  std::string failOn = "warning";
+  std::vector<std::string> ignored;
+  std::vector<std::string> only;
+};
+
+/// What the script answers for hosts of the own network, in a world without names. A script that is
+/// refused ends the command.
+nlohmann::json localAnswers(const std::string& script, const std::string& file) {
+  pac_engine::Options options;
+  options.names.offline = true;
+  pac_engine::Problem refused;
+  const auto engine = pac_engine::Engine::load(script, options, refused);
+  if (!engine) throw refusal(file, refused);
+  auto answers = nlohmann::json::object();
+  for (const std::string host : {"localhost", "printer"}) {
+    const auto reply = engine->evaluate("http://" + host + "/", host);
+    if (reply.result && reply.result->size() <= kMostAnswerBytes) answers[host] = *reply.result;
+  }
+  return answers;
+}
+
+/// Names of rules are looked up in the report; until then they have to be words.
+std::string notAWord(const std::string& name) {
+  const bool isWord = !name.empty() && name.size() <= 64 &&
+                      name.find_first_not_of("abcdefghijklmnopqrstuvwxyz-") == std::string::npos;
+  return isWord ? "" : "there is no such rule; see pac lint --help";
+}
+
+void checkNames(const LintReport& report, const std::vector<std::string>& names) {
+  for (const auto& name : names) {
+    const bool isKnown = std::any_of(report.rules.begin(), report.rules.end(),
+                                     [&](const auto& rule) { return rule.name == name; });
+    if (!isKnown) throw Failure(kUsage, "there is no rule \"" + name + "\"; see pac lint --help");
+  }
+}
+
+LintReport lint(const LintArguments& arguments) {
+  const auto script = readScript(arguments.file);
+  const auto name = shownName(arguments.file);
+  nlohmann::json argument;
+  argument["answers"] = localAnswers(script, arguments.file);
+  argument["ignore"] = arguments.ignored;
+  if (!arguments.only.empty()) argument["only"] = arguments.only;
+  const auto parser = openParser(script, name);
+  auto report = lintReportOf(askParser(*parser, "lint", argument, name));
+  checkNames(report, arguments.ignored);
+  checkNames(report, arguments.only);
+  return report;
+}
+
+ExitStatus lintScript(const LintArguments& arguments) {
+  const auto report = lint(arguments);
+  if (arguments.format == "json") {
+    printJson(lintJson(report, arguments.file));
+  } else if (arguments.format == "sarif") {
+    printJson(lintSarif(report, arguments.file, PROXYMANAGER_VERSION));
+  } else {
+    for (const auto& line : lintLines(report, shownName(arguments.file))) printLine(line);
+  }
+  const auto least = arguments.failOn == "note"      ? Severity::kNote
+                     : arguments.failOn == "warning" ? Severity::kWarning
+                                                     : Severity::kError;
+  const bool fails = std::any_of(report.findings.begin(), report.findings.end(),
+                                 [&](const auto& finding) { return finding.severity >= least; });
+  return fails ? kNoAnswer : kAnswered;
+}
+
+}  // namespace
+
+void addPacLint(CLI::App& pac, Action& action) {
+  auto* const command = pac.add_subcommand("lint", "Finds what is probably wrong with a script.");
+  const auto arguments = std::make_shared<LintArguments>();
+  addScriptFile(*command, arguments->file);
+  command->add_option("--format", arguments->format, "text, json or sarif")
+      ->check(CLI::IsMember({"text", "json", "sarif"}))
+      ->option_text("FORMAT");
+  command->add_option("--ignore", arguments->ignored, "Leave these rules out")
+      ->delimiter(',')
+      ->check(CLI::Validator(notAWord, ""))
+      ->allow_extra_args(false)
+      ->option_text("RULE[,RULE]");
+  command->add_option("--only", arguments->only, "Leave all other rules out")
+      ->delimiter(',')
+      ->check(CLI::Validator(notAWord, ""))
+      ->allow_extra_args(false)
+      ->option_text("RULE[,RULE]");
+  command
+      ->add_option(
+          "--fail-on", arguments->failOn,
+          "End with status 1 for findings of this\nseverity and above: error, warning (the\n"
+          "default) or note")
+      ->check(CLI::IsMember({"error", "warning", "note"}))
+      ->option_text("SEVERITY");
+  command->footer(std::string(kFooter) +
+                  statusHelp({{kAnswered, "no finding of the severity of --fail-on"},
+                              {kNoAnswer, "at least one such finding"}},
+                             kScriptStatuses));
+  command->callback(
+      [arguments, &action] { action = [arguments] { return lintScript(*arguments); }; });
+}
+
+}  // namespace client

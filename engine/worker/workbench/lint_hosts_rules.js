@@ -1,0 +1,154 @@
+// The rules about tests of the host and the URL.
+'use strict';
+
+const hostRules = {
+  // A client asks about the canonical URL, whose scheme and host are in lower case.
+  'host-case'(lint) {
+    for (const test of lint.hosts.all) {
+      const part = test.subject === 'host' ? test.text : /^[^/]*:\/\/[^/]*/.exec(test.text)?.[0] ?? '';
+      if (!/[A-Z]/.test(part)) continue;
+      lint.report(test.node, `the ${test.subject} is compared with "${test.text}", which has upper case`,
+        `write "${part.toLowerCase()}${test.text.slice(part.length)}"`);
+    }
+    for (const node of lint.tree.of('CallExpression')) {
+      const regex = regexOn(lint.tree, node, 'host');
+      if (!regex || regex.flags.includes('i')) continue;
+      const letters = regex.pattern.replace(/\\./g, '').replace(/\[[^\]]*\]/g, '');
+      if (/[A-Z]/.test(letters)) {
+        lint.report(node, `the host is compared with /${regex.pattern}/, which has upper case`,
+          'write it in lower case, or add the flag i');
+      }
+    }
+  },
+
+  'domain-dot'(lint) {
+    for (const { node, subject, text, how } of lint.hosts.all) {
+      const isPattern = how === 'shExpMatch' && /^\*[^*?]*$/.test(text);
+      if (subject !== 'host' || !(isPattern || how === 'dnsDomainIs' || how === 'endsWith')) continue;
+      const domain = isPattern ? text.slice(1) : text;
+      if (!/^[a-z0-9][a-z0-9-]*\.[a-z0-9.-]*[a-z][a-z0-9.]*$/i.test(domain)) continue;
+      const called = `${isPattern ? '*.' : '.'}${domain}`;
+      lint.report(node, `"${text}" also matches "bad${domain}"`,
+        `write "${called}", and for the domain itself host == "${domain}"`);
+    }
+  },
+
+  'shexp-regex'(lint) {
+    for (const node of lint.tree.of('CallExpression')) {
+      if (!lint.tree.isHelper(node, 'shExpMatch') || node.arguments.length < 2) continue;
+      for (const { text } of lint.tree.textsOf(node.arguments[1])) {
+        if (text === null || text.includes(unknownText) || !shellSpecials.test(text)) continue;
+        const special = shellSpecials.exec(text)[0];
+        const fix = special === '|' ? 'write one shExpMatch for each alternative, joined by ||'
+          : 'match with a regular expression, /.../.test(host), or leave the character out';
+        if (isValidShell(text)) {
+          lint.report(node, `"${special}" in "${text}" acts as in a regular expression`, fix);
+        } else {
+          lint.report(node, `"${text}" makes shExpMatch throw, as "${special}" acts as in a regular ` +
+            'expression', fix, 'error');
+        }
+      }
+    }
+  },
+
+  'https-path'(lint) {
+    for (const { node, subject, text } of lint.hosts.all) {
+      const path = subject === 'url' && /^(?:https|wss):\/\/[^/]*\/(.+)$/i.exec(text)?.[1];
+      if (!path || /^\*+$/.test(path)) continue;
+      lint.report(node, `"${text}" asks for the path of a URL whose path is always "/"`,
+        `test the host alone, as in "${text.slice(0, text.length - path.length)}*"`);
+    }
+  },
+
+  'isinnet-name'(lint) {
+    for (const node of lint.tree.of('CallExpression')) {
+      if (!lint.tree.isHelper(node, 'isInNet') || node.arguments.length === 0) continue;
+      const [given] = node.arguments;
+      const name = lint.lookups.nameOf(node);
+      if (name === null || given.type === 'CallExpression') continue;
+      lint.report(node, `isInNet looks up ${name === 'host' ? 'the host' : `"${name}"`} if it is a name`,
+        name === 'host' ? 'test addresses alone, isValidIpAddress(host) && isInNet(host, ...), or put ' +
+          'dnsResolve(host) into a variable behind the tests that need no address'
+          : 'give isInNet an address');
+    }
+  },
+
+  'dns-first'(lint) {
+    const reported = new Set();
+    const report = (call, before) => {
+      if (!call || reported.has(call)) return;
+      reported.add(call);
+      lint.report(call, `a name is looked up before the test of line ${lint.lineOf(before)}, which needs ` +
+        'no lookup', 'put tests of the text of host and url first');
+    };
+    for (const list of statementLists(lint.tree)) {
+      // From behind: the first cheap test that follows.
+      let cheap = null;
+      for (const { test, body, node } of stepsOf(list).reverse()) {
+        const isCheap = test && endsFunction(body) && lint.lookups.isCheapTest(test);
+        if (isCheap) cheap = test;
+        else if (cheap && !functionTypes.has(node.type)) report(lint.lookups.firstIn(test ?? body, true), cheap);
+      }
+    }
+    for (const node of lint.tree.of('LogicalExpression')) {
+      if (node[parentOf].type === 'LogicalExpression' && node[parentOf].operator === node.operator) continue;
+      let cheap = null;
+      for (const operand of operandsOf(node).reverse()) {
+        const call = lint.lookups.firstIn(operand, false);
+        if (call && cheap) report(call, cheap);
+        if (!call && lint.lookups.isCheapTest(operand)) cheap = operand;
+      }
+    }
+  },
+
+  'date-month-end'(lint) {
+    for (const node of lint.tree.of('CallExpression')) {
+      if (!lint.tree.isHelper(node, 'dateRange')) continue;
+      const parts = node.arguments.map((argument) => argument.type === 'Literal' ? argument.value : null);
+      if (parts.at(-1) === 'GMT') parts.pop();
+      if (parts.length < 2 || parts.some((part) => part === null)) continue;
+      const found = monthOverflow(parts.slice(parts.length >> 1));
+      if (!found) continue;
+      lint.report(node, `${found.month} has no day ${found.day}, so the range ends in the next month`,
+        `give the days too, as in dateRange(1, "${parts.find((part) => part in monthDays)}", ` +
+        `${monthDays[found.month]}, "${found.month}")`);
+    }
+  },
+};
+
+const monthDays = {
+  JAN: 31, FEB: 28, MAR: 31, APR: 30, MAY: 31, JUN: 30, JUL: 31, AUG: 31, SEP: 30, OCT: 31, NOV: 30,
+  DEC: 31,
+};
+
+// The second half of dateRange's arguments sets parts of 31 December, one after the other.
+function monthOverflow(parts) {
+  let day = 31;
+  for (const part of parts) {
+    if (typeof part === 'number' && part < 32) day = part;
+    const most = part === 'FEB' ? 29 : monthDays[part];
+    if (most !== undefined && day > most) return { month: part, day };
+  }
+  return null;
+}
+
+// As the helper makes it.
+function isValidShell(text) {
+  const source = text.replace(/\./g, '\\.').replace(/\*/g, '.*').replace(/\?/g, '.');
+  try {
+    return new RegExp(`^${source}$`) !== null;
+  } catch {
+    return false;
+  }
+}
+
+// The regular expression that the call matches with the subject, or null.
+function regexOn(tree, call, subject) {
+  if (call.callee.type !== 'MemberExpression' || call.callee.computed || call.arguments.length < 1) return null;
+  const { object, property } = call.callee;
+  if (property.name === 'test' || property.name === 'exec') {
+    return object.regex && tree.subjectOf(call.arguments[0]) === subject ? object.regex : null;
+  }
+  const isSearch = property.name === 'match' || property.name === 'search';
+  return isSearch && tree.subjectOf(object) === subject ? call.arguments[0].regex ?? null : null;
+}

@@ -1,0 +1,236 @@
+// Which calls look a name up, and what an evaluation may cost.
+'use strict';
+
+const lookupHelpers = ['dnsResolve', 'isResolvable', 'dnsResolveEx', 'isResolvableEx', 'isInNet'];
+const quad = /^\d{1,3}(\.\d{1,3}){3}$/;
+
+class Lookups {
+  constructor(tree, hosts) {
+    this.tree = tree;
+    this.hosts = hosts;
+    this.named = new Map();
+    this.marked = new Set(); // nodes with a lookup in them
+    this.markAll();
+  }
+
+  // Marks what is around each lookup, and around each call of a function with one in it.
+  markAll() {
+    const callsOf = new Map();
+    const calls = this.tree.of('CallExpression');
+    for (const call of calls) {
+      const called = this.tree.calledFunction(call);
+      if (called && !callsOf.has(called)) callsOf.set(called, []);
+      if (called) callsOf.get(called).push(call);
+    }
+    const open = calls.filter((call) => this.nameOf(call) !== null);
+    while (open.length > 0) {
+      for (let node = open.pop(); node && !this.marked.has(node); node = node[parentOf]) {
+        this.marked.add(node);
+        if (!functionTypes.has(node.type)) continue;
+        pushAll(open, callsOf.get(node) ?? []);
+        break;
+      }
+    }
+  }
+
+  // What a call of a helper looks up: a name, 'host', or the source of the argument; null if nothing.
+  nameOf(call) {
+    if (!this.named.has(call)) this.named.set(call, this.findName(call));
+    return this.named.get(call);
+  }
+
+  findName(call) {
+    if (!this.tree.isHelper(call, ...lookupHelpers) || call.arguments.length === 0) return null;
+    const [given] = call.arguments;
+    const isNet = call.callee.name === 'isInNet';
+    if (given.type === 'Literal') {
+      return typeof given.value !== 'string' || quad.test(given.value) ? null : given.value;
+    }
+    if (this.tree.subjectOf(given) === 'host') return this.isKnownAddress(call) ? null : 'host';
+    // isInNet is mostly given an address that is known; the others are called for names.
+    return isNet ? null : this.tree.script.sourceOf(given, 80);
+  }
+
+  // Whether the call is reached for addresses alone: behind isValidIpAddress(host) or a regular
+  // expression of digits.
+  isKnownAddress(call) {
+    let child = call;
+    for (let node = call[parentOf]; node && !functionTypes.has(node.type); child = node, node = node[parentOf]) {
+      if (node.type === 'LogicalExpression' && node.operator === '&&' && child === node.right &&
+          this.asksForAddress(node.left)) return true;
+      if (/^(If|Conditional)/.test(node.type) && child === node.consequent && this.asksForAddress(node.test)) {
+        return true;
+      }
+      if (node.type === 'BlockStatement' && this.leftForNames(node.body, child)) return true;
+    }
+    return false;
+  }
+
+  // Whether a statement before `child` leaves the function if the host is no address.
+  leftForNames(list, child) {
+    for (const statement of list.slice(0, Math.min(list.indexOf(child), 200))) {
+      if (statement.type === 'IfStatement' && statement.test.type === 'UnaryExpression' &&
+          statement.test.operator === '!' && endsFunction(statement.consequent) &&
+          this.asksForAddress(statement.test.argument)) return true;
+    }
+    return false;
+  }
+
+  asksForAddress(test, depth = 0) {
+    return hasNode(test, (node) => {
+      if (node.regex) return /\\d|\[0-9/.test(node.regex.pattern);
+      if (node.type === 'Identifier' && depth < 4) {
+        const value = this.tree.onlyValue(node);
+        return value !== null && !functionTypes.has(value.type) && this.asksForAddress(value, depth + 1);
+      }
+      if (node.type !== 'CallExpression') return false;
+      if (this.tree.isHelper(node, 'isValidIpAddress')) return true;
+      const called = this.tree.calledFunction(node);
+      return called !== null && depth < 4 && this.asksForAddress(called.body, depth + 1);
+    });
+  }
+
+  // The first call in it that looks a name up, those of the script's functions included; `always`:
+  // leaving out what is reached only if a test before it says so.
+  firstIn(root, always) {
+    const open = [root];
+    while (open.length > 0) {
+      const node = open.pop();
+      if (!this.marked.has(node) || functionTypes.has(node.type)) continue;
+      if (node.type === 'CallExpression' && this.looksUp(node)) return node;
+      if (always && node !== root && /Statement$/.test(node.type) && node.type !== 'ExpressionStatement') continue;
+      if (always && node.type === 'LogicalExpression') open.push(node.left);
+      else if (always && node.type === 'ConditionalExpression') open.push(node.test);
+      else pushAll(open, [...node[childrenKey]].reverse());
+    }
+    return null;
+  }
+
+  looksUp(call) {
+    if (this.nameOf(call) !== null) return true;
+    const called = this.tree.calledFunction(call);
+    return called !== null && this.marked.has(called);
+  }
+
+  functionLooksUp(fn) {
+    return this.marked.has(fn);
+  }
+
+  // Whether a test decides by the text of host or url alone.
+  isCheapTest(test) {
+    if (this.firstIn(test, false) !== null) return false;
+    if (hasNode(test, (node) => node.type === 'Identifier' && this.comesFromLookup(node))) return false;
+    return hasNode(test, (node) => this.hosts.byNode.has(node) || this.tree.isHelper(node, 'isPlainHostName',
+      'dnsDomainIs', 'shExpMatch', 'localHostOrDomainIs', 'dnsDomainLevels'));
+  }
+
+  comesFromLookup(id) {
+    const name = this.tree.nameOf(id);
+    return isVariable(name) &&
+      name.writes.some((value) => value && this.firstIn(value, false) !== null);
+  }
+}
+
+// --- What the longest path costs ---
+
+// Calls of helpers and names that are looked up, on a path; each is the most that there is.
+class Cost {
+  constructor(calls = 0, names = new Set()) {
+    this.calls = calls;
+    this.names = names;
+  }
+
+  and(other) {
+    if (other.calls === 0 && other.names.size === 0) return this;
+    return new Cost(this.calls + other.calls,
+      other.names.size === 0 ? this.names : new Set([...this.names, ...other.names]));
+  }
+
+  or(other) {
+    return new Cost(Math.max(this.calls, other.calls),
+      this.names.size >= other.names.size ? this.names : other.names);
+  }
+
+  times(count) {
+    return new Cost(this.calls * count, this.names);
+  }
+}
+
+class WorstCase {
+  constructor(tree, lookups) {
+    this.tree = tree;
+    this.lookups = lookups;
+    this.functions = new Map();
+  }
+
+  of(fn) {
+    if (!this.functions.has(fn)) {
+      this.functions.set(fn, new Cost()); // for one that calls itself
+      const body = fn.body.type === 'BlockStatement' ? this.ofList(fn.body.body) : this.ofNode(fn.body);
+      this.functions.set(fn, body);
+    }
+    return this.functions.get(fn);
+  }
+
+  // The longest of the paths that leave the list at one of its steps.
+  ofList(list) {
+    let through = new Cost();
+    let longest = through;
+    for (const { test, body } of stepsOf(list)) {
+      if (test) through = through.and(this.ofNode(test));
+      const inside = through.and(this.ofNode(body));
+      longest = longest.or(inside);
+      if (!test || canComplete(body)) through = through.or(inside);
+    }
+    return longest.or(through);
+  }
+
+  ofNode(root) {
+    if (root.type === 'BlockStatement') return this.ofList(root.body);
+    if (root.type === 'IfStatement') return this.ofList([root]);
+    let cost = new Cost();
+    const open = [root];
+    while (open.length > 0) {
+      const node = open.pop();
+      if (functionTypes.has(node.type)) continue;
+      if (node !== root && /^(Block|If)Statement$/.test(node.type)) cost = cost.and(this.ofNode(node));
+      else if (/^(For|While|DoWhile)/.test(node.type)) cost = cost.and(this.ofLoop(node));
+      else {
+        if (node.type === 'CallExpression') cost = cost.and(this.ofCall(node));
+        pushAll(open, node[childrenKey]);
+      }
+    }
+    return cost;
+  }
+
+  ofCall(call) {
+    const called = this.tree.calledFunction(call);
+    if (called) return this.of(called);
+    if (!this.tree.isHelper(call)) return new Cost();
+    const names = this.lookups.nameOf(call) === null ? [] : this.namesOf(call);
+    return new Cost(1, new Set(names));
+  }
+
+  // An element of a list of names stands for each of them.
+  namesOf(call) {
+    const texts = this.tree.textsOf(call.arguments[0]).map(({ text }) => text);
+    const known = texts.filter((text) => text !== null && !text.includes(unknownText) && !quad.test(text));
+    return known.length === texts.length && known.length > 0 ? known : [this.lookups.nameOf(call)];
+  }
+
+  ofLoop(loop) {
+    const inside = loop[childrenKey].reduce((cost, child) => cost.and(this.ofNode(child)), new Cost());
+    return inside.times(this.roundsOf(loop));
+  }
+
+  // How often, if the script shows it: over a literal array, or up to a number; else once.
+  roundsOf(loop) {
+    const list = loop.right ?? (loop.test?.type === 'BinaryExpression' ? loop.test.right : null);
+    if (!list) return 1;
+    if (list.type === 'Literal' && typeof list.value === 'number') return Math.max(1, list.value);
+    const isLength = list.type === 'MemberExpression' && list.property.name === 'length';
+    const array = isLength ? list.object : list;
+    const value = array.type === 'Identifier' ? this.tree.onlyValue(array) : array;
+    return value?.type === 'ArrayExpression' ? Math.max(1, value.elements.length) : 1;
+  }
+}

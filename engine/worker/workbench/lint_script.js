@@ -1,0 +1,154 @@
+// The rules about the script as a program: what is never reached, what names mean, what it costs.
+'use strict';
+
+// One evaluation's limits in the daemon (docs/limits.md).
+const mostLookups = 20;
+const lookupSeconds = 2;
+const evaluationSeconds = 5;
+// Calls of helpers that take some ten milliseconds on a small device.
+const mostCalls = 5000;
+
+const scriptRules = {
+  'unreachable'(lint) {
+    for (const list of statementLists(lint.tree)) {
+      const at = list.findIndex((statement) => !canComplete(statement)) + 1;
+      const next = at === 0 ? null : list.slice(at).find(isDoing);
+      if (next) {
+        lint.report(next, 'this is never reached', `remove it, or the statement of line ` +
+          `${lint.lineOf(list[at - 1])} that ends the path before it`);
+      }
+      findShadowed(lint, list);
+    }
+    for (const node of lint.tree.of('IfStatement', 'ConditionalExpression')) {
+      if (node.test.type === 'Literal') {
+        lint.report(node.test, `this test is always ${Boolean(node.test.value)}`, 'remove what is never reached');
+      }
+    }
+    for (const node of lint.tree.of('SwitchStatement')) findRepeatedCases(lint, node);
+  },
+
+  'no-var'(lint) {
+    const isStrict = lint.script.tree.body[0]?.directive === 'use strict';
+    const seen = new Set(['FindProxyForURL', 'undefined', ...helperNames, 'wdays', 'months']);
+    const ids = lint.tree.assignments().map(([id]) => id).sort((a, b) => a.start - b.start);
+    for (const id of ids) {
+      if (seen.has(id.name) || lint.tree.nameOf(id).kind !== 'implicit') continue;
+      seen.add(id.name);
+      if (isStrict) lint.report(id, `${id.name} is assigned without var, which throws in strict mode`, undefined, 'error');
+      else lint.report(id, `${id.name} is assigned without var, so it is a global`, `write var ${id.name}`);
+    }
+  },
+
+  'too-many-names'(lint) {
+    const cost = lint.worst();
+    if (!cost || cost.names.size <= mostLookups) return;
+    lint.report(lint.tree.entry, `one evaluation may look up ${cost.names.size} names; those behind the ` +
+      `first ${mostLookups} do not resolve`, 'test the text of the host instead of its address');
+  },
+
+  'cost'(lint) {
+    for (const node of lint.tree.of('Literal')) {
+      if (node.regex && /\([^()]*[+*]\)[+*]/.test(node.regex.pattern)) {
+        lint.report(node, `/${node.regex.pattern}/ has a repetition in a repetition, and may take for ever`,
+          'write one repetition, or use shExpMatch');
+      }
+    }
+    const cost = lint.worst();
+    if (!cost) return;
+    const seconds = cost.names.size * lookupSeconds;
+    if (seconds > evaluationSeconds && cost.names.size <= mostLookups) {
+      lint.report(lint.tree.entry, `one evaluation may look up ${cost.names.size} names (` +
+        `${[...cost.names].slice(0, 4).join(', ')}${cost.names.size > 4 ? ', ...' : ''}), which takes ` +
+        `${seconds} s if no name server answers`, 'look up fewer names, or test the text of the host');
+    }
+    if (cost.calls > mostCalls) {
+      lint.report(lint.tree.entry, `one evaluation may call helpers ${cost.calls} times`,
+        'keep hosts and domains in an object and look the host up in it');
+    }
+  },
+};
+
+// Statements that do something when they are reached; a function is there before.
+function isDoing(statement) {
+  if (statement.type === 'FunctionDeclaration' || statement.type === 'EmptyStatement') return false;
+  return statement.type !== 'VariableDeclaration' || statement.declarations.some(({ init }) => init !== null);
+}
+
+function findRepeatedCases(lint, node) {
+  const seen = new Map();
+  for (const one of node.cases) {
+    if (one.test?.type !== 'Literal') continue;
+    const key = `${typeof one.test.value} ${one.test.value}`;
+    if (seen.has(key)) {
+      lint.report(one, `line ${lint.lineOf(seen.get(key))} has the same case`, 'remove one of the two');
+    } else {
+      seen.set(key, one);
+    }
+  }
+}
+
+// Tests that cannot be true where they stand, since an earlier one has ended the function for them.
+function findShadowed(lint, list) {
+  const patterns = { host: new MetPatterns(), url: new MetPatterns() };
+  const sources = new Map();
+  for (const { test, body } of stepsOf(list)) {
+    if (!test) continue;
+    for (const operand of operandsOf(test, '||')) {
+      for (const atom of operandsOf(operand, '&&')) {
+        const earlier = coveringTest(lint, atom, patterns, sources);
+        if (!earlier || earlier === atom) continue;
+        lint.report(atom, `this is never true: the test of line ${lint.lineOf(earlier)} has already decided ` +
+          'about all that it matches', 'remove it, or move it before that one');
+        break;
+      }
+      if (endsFunction(body)) meet(lint, operand, patterns, sources);
+    }
+  }
+}
+
+function coveringTest(lint, atom, patterns, sources) {
+  const test = patternTest(lint, atom);
+  if (test) return patterns[test.subject].covering(test.pattern);
+  if (sources.size === 0 || !isSteady(lint, atom)) return null;
+  return sources.get(lint.script.text.slice(atom.start, atom.end)) ?? null;
+}
+
+function meet(lint, operand, patterns, sources) {
+  const test = patternTest(lint, operand);
+  if (test) {
+    patterns[test.subject].add(test.pattern, operand);
+  } else if (isSteady(lint, operand)) {
+    const source = lint.script.text.slice(operand.start, operand.end);
+    if (!sources.has(source)) sources.set(source, operand);
+  }
+}
+
+// The test of host or url against one pattern that the node is, or null.
+function patternTest(lint, node) {
+  const tests = lint.hosts.byNode.get(node);
+  return tests?.length === 1 && tests[0].pattern !== null ? tests[0] : null;
+}
+
+// Whether the same text is the same test later: a helper's call or a comparison, of host, url and
+// literals.
+function isSteady(lint, node) {
+  if (node.end - node.start > 2000) return false;
+  return !hasNode(node, (inner) => {
+    switch (inner.type) {
+      case 'CallExpression':
+        return !lint.tree.isHelper(inner) && !(inner.callee.type === 'MemberExpression' &&
+          lint.tree.subjectOf(inner.callee.object) !== null);
+      case 'Identifier':
+        return !helperNames.has(inner.name) && lint.tree.subjectOf(inner) === null &&
+          inner[parentOf].property !== inner;
+      case 'Literal':
+      case 'MemberExpression':
+      case 'BinaryExpression':
+      case 'UnaryExpression':
+      case 'LogicalExpression':
+        return false;
+      default:
+        return true;
+    }
+  });
+}

@@ -1,0 +1,362 @@
+// What the rules of the linter know of a script: parents, functions, names, and the texts that an
+// expression may have. Names are taken by function, as `var` means them; a block's own `let` of the
+// same name counts as that name.
+'use strict';
+
+const parentOf = Symbol('parent');
+const functionOf = Symbol('function');
+const childrenKey = Symbol('children');
+
+// Stands in a text for a part that only the running script knows.
+const unknownText = '\ufffc';
+// Most texts that an expression is followed to; a script may build many more.
+const mostTexts = 256;
+
+const functionTypes = new Set([
+  'FunctionDeclaration', 'FunctionExpression', 'ArrowFunctionExpression',
+]);
+
+class LintTree {
+  constructor(script) {
+    this.script = script;
+    this.nodes = new Map(); // type -> nodes, in the order of the source
+    this.scopes = new Map(); // function or program -> Map of names
+    this.texts = new Map(); // memory of textsOf()
+    this.addAll(script.tree);
+    this.bindAll();
+    this.entry = this.functionNamed('FindProxyForURL');
+  }
+
+  of(...types) {
+    if (types.length === 1) return this.nodes.get(types[0]) ?? [];
+    return types.flatMap((type) => this.nodes.get(type) ?? []);
+  }
+
+  addAll(program) {
+    const open = [[program, null, program]];
+    while (open.length > 0) {
+      const [node, parent, owner] = open.pop();
+      node[parentOf] = parent;
+      node[functionOf] = owner;
+      if (!this.nodes.has(node.type)) this.nodes.set(node.type, []);
+      this.nodes.get(node.type).push(node);
+      const inner = functionTypes.has(node.type) ? node : owner;
+      const children = childrenOf(node);
+      node[childrenKey] = children;
+      for (let i = children.length - 1; i >= 0; i--) open.push([children[i], node, inner]);
+    }
+  }
+
+  // --- Names ---
+
+  bindAll() {
+    const program = this.script.tree;
+    this.scopes.set(program, new Map());
+    for (const node of this.of(...functionTypes)) {
+      this.scopes.set(node, new Map());
+      if (node.type === 'FunctionExpression' && node.id) this.bind(node, node.id.name, 'function', node);
+    }
+    for (const node of this.of(...functionTypes)) {
+      if (node.type === 'FunctionDeclaration' && node.id) {
+        this.bind(node[functionOf], node.id.name, 'function', node);
+      }
+      node.params.forEach((param, index) => {
+        for (const id of namesOf(param)) this.bind(node, id.name, 'parameter', null).index = index;
+      });
+    }
+    for (const node of this.of('ClassDeclaration')) this.bind(node[functionOf], node.id.name, 'class', null);
+    for (const node of this.of('CatchClause')) {
+      if (node.param) for (const id of namesOf(node.param)) this.bind(node[functionOf], id.name, 'other', null);
+    }
+    for (const node of this.of('VariableDeclarator')) {
+      const isSimple = node.id.type === 'Identifier';
+      for (const id of namesOf(node.id)) {
+        const name = this.bind(node[functionOf], id.name, 'variable', null);
+        if (!isSimple || isLoopTarget(node)) name.writes.push(null);
+        else if (node.init) name.writes.push(node.init);
+      }
+    }
+    for (const [id, value] of this.assignments()) {
+      const name = this.nameOf(id) ?? this.bind(program, id.name, 'implicit', null);
+      name.writes.push(value);
+    }
+  }
+
+  bind(scope, text, kind, definition) {
+    const names = this.scopes.get(scope);
+    if (!names.has(text)) names.set(text, { text, kind, scope, definition, writes: [], index: -1 });
+    const name = names.get(text);
+    if (definition) name.definition = definition;
+    return name;
+  }
+
+  // Pairs of an identifier that is assigned to and its new value, null if that is not one expression.
+  assignments() {
+    const pairs = [];
+    for (const node of this.of('AssignmentExpression')) {
+      const isPlain = node.left.type === 'Identifier' && node.operator === '=';
+      for (const id of namesOf(node.left)) pairs.push([id, isPlain ? node.right : null]);
+    }
+    for (const node of this.of('UpdateExpression')) {
+      if (node.argument.type === 'Identifier') pairs.push([node.argument, null]);
+    }
+    for (const node of this.of('ForInStatement', 'ForOfStatement')) {
+      if (node.left.type !== 'VariableDeclaration') {
+        for (const id of namesOf(node.left)) pairs.push([id, null]);
+      }
+    }
+    return pairs;
+  }
+
+  // What the identifier means; null for a name that the script neither declares nor assigns.
+  nameOf(id) {
+    for (let scope = id[functionOf]; ; scope = scope[functionOf]) {
+      const name = this.scopes.get(scope).get(id.name);
+      if (name) return name;
+      if (scope.type === 'Program') return null;
+    }
+  }
+
+  // The function that a global name stands for, however it is written.
+  functionNamed(text) {
+    const name = this.scopes.get(this.script.tree).get(text);
+    if (name?.definition) return name.definition;
+    const values = [...(name?.writes ?? [])];
+    for (const node of this.of('AssignmentExpression')) {
+      const { left } = node;
+      const isGlobal = left.type === 'Identifier' ? left.name === text
+        : left.type === 'MemberExpression' && !left.computed && left.property.name === text;
+      if (isGlobal) values.push(node.right);
+    }
+    return values.find((value) => value && functionTypes.has(value.type)) ?? null;
+  }
+
+  // The function of the script that a call calls, null for any other.
+  calledFunction(call) {
+    if (call.callee.type !== 'Identifier') return null;
+    const name = this.nameOf(call.callee);
+    if (!name) return null;
+    if (name.definition) return name.definition;
+    const [value] = name.writes;
+    return name.writes.length === 1 && value && functionTypes.has(value.type) ? value : null;
+  }
+
+  // Whether a call is one of a helper, which the script has not replaced.
+  isHelper(call, ...names) {
+    return call.type === 'CallExpression' && call.callee.type === 'Identifier' &&
+      helperNames.has(call.callee.name) && (names.length === 0 || names.includes(call.callee.name)) &&
+      this.nameOf(call.callee) === null;
+  }
+
+  // The value that a variable keeps from its only assignment; null if there is none.
+  onlyValue(id) {
+    const name = this.nameOf(id);
+    return isVariable(name) && name.writes.length === 1 ? name.writes[0] : null;
+  }
+
+  // --- What is asked about ---
+
+  // 'host' or 'url' if the expression is that argument of the entry point, also in lower case; else
+  // null. A parameter of another function is taken by its name.
+  subjectOf(node, depth = 0) {
+    if (depth > 8) return null;
+    if (node.type === 'Identifier') return this.subjectOfName(this.nameOf(node), depth);
+    if (node.type === 'AssignmentExpression' && node.operator === '=') {
+      return this.subjectOf(node.right, depth + 1);
+    }
+    if (node.type !== 'CallExpression' || node.callee.type !== 'MemberExpression') return null;
+    const { object, property, computed } = node.callee;
+    const isKept = !computed && ['toLowerCase', 'toString', 'trim'].includes(property.name);
+    return isKept ? this.subjectOf(object, depth + 1) : null;
+  }
+
+  subjectOfName(name, depth) {
+    if (!name) return null;
+    // `host = host.toLowerCase()` leaves it the host.
+    const values = name.writes.map((value) => value && this.selfOrSubject(value, name, depth + 1));
+    if (isVariable(name)) {
+      return values.length === 1 && values[0] !== name ? values[0] : null;
+    }
+    if (name.kind !== 'parameter' || values.some((value) => value !== name)) return null;
+    if (name.scope === this.entry) return ['url', 'host'][name.index] ?? null;
+    if (/^host(name)?$/i.test(name.text)) return 'host';
+    return /^ur[li]$/i.test(name.text) ? 'url' : null;
+  }
+
+  selfOrSubject(value, name, depth) {
+    let node = value;
+    while (node.type === 'CallExpression' && node.callee.type === 'MemberExpression' &&
+           ['toLowerCase', 'toString', 'trim'].includes(node.callee.property.name)) {
+      node = node.callee.object;
+    }
+    if (node.type === 'Identifier' && this.nameOf(node) === name) return name;
+    return this.subjectOf(value, depth);
+  }
+
+  // --- Texts ---
+
+  // The texts that an expression may have: [{ text, node }], text null for a value that is none.
+  textsOf(node, depth = 0) {
+    if (this.texts.has(node)) return this.texts.get(node);
+    if (depth > 24) return [{ text: unknownText, node }];
+    this.texts.set(node, [{ text: unknownText, node }]); // for one that is made from itself
+    const texts = uniqueTexts(this.findTexts(node, depth + 1));
+    this.texts.set(node, texts);
+    return texts;
+  }
+
+  findTexts(node, depth) {
+    const unknown = [{ text: unknownText, node }];
+    const all = (nodes) => nodes.flatMap((part) => (part ? this.textsOf(part, depth) : unknown));
+    switch (node.type) {
+      case 'Literal':
+        return [{ text: typeof node.value === 'string' ? node.value : null, node }];
+      case 'TemplateLiteral':
+        return this.joined(node, depth);
+      case 'BinaryExpression':
+        return node.operator === '+' ? this.joined(node, depth) : [{ text: null, node }];
+      case 'ConditionalExpression':
+        return all([node.consequent, node.alternate]);
+      case 'LogicalExpression':
+        return all([node.left, node.right]).filter(({ text }) => text !== null);
+      case 'AssignmentExpression':
+        return node.operator === '=' ? all([node.right]) : unknown;
+      case 'SequenceExpression':
+        return all([node.expressions.at(-1)]);
+      case 'Identifier':
+        return this.textsOfName(node, all, unknown);
+      case 'MemberExpression':
+        return this.textsOfElement(node, all, unknown);
+      case 'CallExpression': {
+        const called = this.calledFunction(node);
+        return called ? all(this.returnsOf(called).map((end) => end.argument ?? end)) : unknown;
+      }
+      case 'ReturnStatement': // without a value
+        return [{ text: null, node }];
+      default:
+        return unknown;
+    }
+  }
+
+  textsOfName(node, all, unknown) {
+    if (node.name === 'undefined') return [{ text: null, node }];
+    const name = this.nameOf(node);
+    return isVariable(name) && name.writes.length > 0 ? all(name.writes) : unknown;
+  }
+
+  // An element of an array, or a member of an object, that is written as a literal.
+  textsOfElement(node, all, unknown) {
+    const value = node.object.type === 'Identifier' ? this.onlyValue(node.object) : null;
+    if (value?.type === 'ArrayExpression' && node.computed) return all(value.elements);
+    if (value?.type !== 'ObjectExpression') return unknown;
+    const values = value.properties.filter((property) => property.type === 'Property')
+      .filter(({ key }) => node.computed || (key.name ?? key.value) === node.property.name);
+    return values.length > 0 ? all(values.map((property) => property.value)) : unknown;
+  }
+
+  // A text made from pieces: each combination, until they are too many.
+  joined(node, depth) {
+    const parts = node.type === 'TemplateLiteral'
+      ? node.quasis.flatMap((quasi, i) => [quasi.value.cooked, node.expressions[i]].filter(Boolean))
+      : sumOf(node);
+    let texts = [''];
+    for (const part of parts) {
+      const pieces = typeof part === 'string' ? [part]
+        : this.textsOf(part, depth).map(({ text }) => text ?? unknownText);
+      if (texts.length * pieces.length > mostTexts) return [{ text: unknownText, node }];
+      texts = texts.flatMap((text) => pieces.map((piece) => text + piece));
+    }
+    return texts.map((text) => ({ text, node }));
+  }
+
+  // The return statements of a function, without those of functions in it.
+  returnsOf(fn) {
+    if (fn.type === 'ArrowFunctionExpression' && fn.expression) return [{ argument: fn.body }];
+    if (!this.returns) {
+      this.returns = new Map();
+      for (const node of this.of('ReturnStatement')) {
+        const of = node[functionOf];
+        if (!this.returns.has(of)) this.returns.set(of, []);
+        this.returns.get(of).push(node);
+      }
+    }
+    return this.returns.get(fn) ?? [];
+  }
+}
+
+// Declared, or made by an assignment without a declaration.
+function isVariable(name) {
+  return name?.kind === 'variable' || name?.kind === 'implicit';
+}
+
+function uniqueTexts(texts) {
+  const seen = new Map();
+  for (const found of texts) {
+    const key = `${found.node.start} ${found.text}`;
+    if (!seen.has(key) && seen.size < mostTexts) seen.set(key, found);
+  }
+  return [...seen.values()];
+}
+
+function isLoopTarget(declarator) {
+  const loop = declarator[parentOf][parentOf];
+  return /^For(In|Of)Statement$/.test(loop?.type) && loop.left === declarator[parentOf];
+}
+
+// The operands of a sum, which may be thousands.
+function sumOf(node) {
+  const parts = [];
+  let left = node;
+  while (left.type === 'BinaryExpression' && left.operator === '+') {
+    parts.push(left.right);
+    left = left.left;
+  }
+  parts.push(left);
+  return parts.reverse();
+}
+
+// The operands of a chain of one logical operator.
+function operandsOf(node, operator = node.operator) {
+  const operands = [];
+  const open = [node];
+  while (open.length > 0) {
+    const next = open.pop();
+    if (next.type === 'LogicalExpression' && next.operator === operator) open.push(next.right, next.left);
+    else operands.push(next);
+  }
+  return operands;
+}
+
+// The identifiers that a pattern of parameters or assignments gives a value.
+function namesOf(pattern) {
+  switch (pattern?.type) {
+    case 'Identifier':
+      return [pattern];
+    case 'ArrayPattern':
+      return pattern.elements.flatMap(namesOf);
+    case 'ObjectPattern':
+      return pattern.properties.flatMap((property) => namesOf(property.value ?? property.argument));
+    case 'AssignmentPattern':
+      return namesOf(pattern.left);
+    case 'RestElement':
+      return namesOf(pattern.argument);
+    default:
+      return [];
+  }
+}
+
+// A spread argument would be one argument for each of thousands of elements.
+function pushAll(list, items) {
+  for (const item of items) list.push(item);
+}
+
+// Whether a node below `root`, `root` included, fulfils `test`; functions in it are left out.
+function hasNode(root, test) {
+  const open = [root];
+  while (open.length > 0) {
+    const node = open.pop();
+    if (test(node)) return true;
+    if (node === root || !functionTypes.has(node.type)) pushAll(open, node[childrenKey]);
+  }
+  return false;
+}

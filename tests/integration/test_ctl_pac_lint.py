@@ -1,0 +1,213 @@
+"""proxymanagerctl pac lint: what is probably wrong with a script."""
+
+import os
+import pathlib
+import re
+
+import pytest
+from support.ctl import ANSWERED, NO_ANSWER, NO_INPUT, REFUSED, USAGE, Ctl
+
+HERE = pathlib.Path(__file__).parent
+PAGE = HERE.parents[1] / "docs/pac-lint.md"
+CLEAN = 'function FindProxyForURL(url, host) { return "DIRECT"; }\n'
+
+
+@pytest.fixture
+def ctl(build):
+    return Ctl(os.path.join(build, "out", "bin", "proxymanagerctl"))
+
+
+def write(name, content):
+    path = os.path.join("/tmp", name)
+    with open(path, "wb") as file:
+        file.write(content if isinstance(content, bytes) else content.encode())
+    return path
+
+
+def script(statement):
+    return f'function FindProxyForURL(url, host) {{\n  {statement}\n  return "DIRECT";\n}}\n'
+
+
+DOT = script('if (dnsDomainIs(host, "example.com")) return "DIRECT";')
+
+
+def found(ctl, text, *options):
+    """Line, column, severity and rule of each finding."""
+    result = ctl("pac", "lint", "--format", "json", *options, "-", script=text)
+    assert result.status in (ANSWERED, NO_ANSWER), result.errors
+    return [(one["line"], one["column"], one["severity"], one["name"])
+            for one in result.json["findings"]]
+
+
+def expected(text):
+    """What the script says itself: "expect: RULE[, RULE]" at the end of a line."""
+    for number, line in enumerate(text.splitlines(), 1):
+        for rule in re.findall(r"[\w-]+", line.partition("expect:")[2]):
+            yield number, rule
+
+
+@pytest.mark.slow
+def test_scripts_as_companies_write_them_get_their_findings_and_no_others(ctl):
+    scripts = sorted((HERE / "lint").glob("*.pac"))
+    assert len(scripts) >= 40
+    rules, wrong = set(), {}
+    for path in scripts:
+        text = path.read_text()
+        findings = {(line, rule) for line, _, _, rule in found(ctl, text)}
+        rules |= {rule for _, rule in findings}
+        if findings != set(expected(text)):
+            wrong[path.name] = findings ^ set(expected(text))
+    assert wrong == {}
+    assert rules == set(re.findall(r"^## ([a-z-]+)$", PAGE.read_text(), re.MULTILINE))
+
+
+def test_people_see_place_severity_reason_and_fix(ctl):
+    path = write("a.pac", DOT)
+    result = ctl("pac", "lint", path)
+    assert result.output == f"""\
+{path}:2:7: warning: "example.com" also matches "badexample.com" [domain-dot]
+    The end of a text is compared, not whole labels.
+    fix: write ".example.com", and for the domain itself host == "example.com"
+0 errors, 1 warning, 0 notes
+"""
+    assert (result.status, result.errors) == (NO_ANSWER, "")
+    clean = ctl("pac", "lint", "-", script=CLEAN)
+    assert (clean.status, clean.output) == (ANSWERED, "0 errors, 0 warnings, 0 notes\n")
+
+
+def test_rules_are_switched_by_options_and_comments(ctl):
+    text = script('if (dnsDomainIs(host, "Example.com")) return "PROXY p:1";')
+    everything = {"domain-dot", "host-case", "direct-missing"}
+    assert {name for _, _, _, name in found(ctl, text)} == everything
+    assert {name for _, _, _, name in found(ctl, text, "--ignore", "host-case,direct-missing")} == {
+        "domain-dot"}
+    assert {name for _, _, _, name in found(ctl, text, "--ignore", "host-case", "--ignore",
+                                            "domain-dot")} == {"direct-missing"}
+    assert {name for _, _, _, name in found(ctl, text, "--only", "host-case")} == {"host-case"}
+    commented = text.replace("\n  if", "\n  // pac-lint: ignore=host-case, domain-dot\n\n  if")
+    assert {name for _, _, _, name in found(ctl, commented)} == {"direct-missing"}
+    for option in ("--ignore", "--only"):
+        unknown = ctl("pac", "lint", option, "domain-dots", "-", script=text)
+        assert (unknown.status, unknown.output) == (USAGE, "")
+        assert 'there is no rule "domain-dots"' in unknown.errors
+        assert ctl("pac", "lint", option, "Domain\x1b", "-", script=text).status == USAGE
+
+
+@pytest.mark.parametrize("statement, statuses", [
+    ('return "BLAH";', (NO_ANSWER, NO_ANSWER, NO_ANSWER)),
+    ('if (dnsDomainIs(host, "a.example")) return "DIRECT";', (ANSWERED, NO_ANSWER, NO_ANSWER)),
+    ('if (host == "a.example") return "PROXY p:1";', (ANSWERED, ANSWERED, NO_ANSWER)),
+    ("", (ANSWERED, ANSWERED, ANSWERED))])
+def test_the_status_follows_the_severity_that_counts(ctl, statement, statuses):
+    text = script(statement) if "BLAH" not in statement else CLEAN.replace("DIRECT", "BLAH")
+    for severity, status in zip(("error", "warning", "note"), statuses):
+        result = ctl("pac", "lint", "--fail-on", severity, "-", script=text)
+        assert result.status == status, (severity, result.output)
+    assert ctl("pac", "lint", "-", script=text).status == statuses[1]
+
+
+def test_a_script_that_does_not_load_is_refused_with_its_line(ctl):
+    result = ctl("pac", "lint", "-", script="var a;\n(")
+    assert (result.status, result.output) == (REFUSED, "")
+    assert result.errors.startswith("proxymanagerctl: standard input: line ")
+    assert ctl("pac", "lint", "-", script="var a;").status == REFUSED
+    assert ctl("pac", "lint", "/no/such").status == NO_INPUT
+
+
+def test_lines_and_columns_are_those_of_the_file(ctl):
+    wanted = [(2, 7, "warning", "domain-dot")]
+    assert found(ctl, DOT) == wanted
+    assert found(ctl, DOT.replace("\n", "\r\n")) == wanted
+    assert found(ctl, DOT.replace("\n", "\r")) == wanted
+    assert found(ctl, b"\xef\xbb\xbf" + DOT.encode()) == wanted
+    assert found(ctl, b"// \xe4\xf6\xfc\n" + DOT.encode()) == [(3, 7, "warning", "domain-dot")]
+    moved = DOT.replace("  if", "/*\u00e4\u00f6\U0001f600*/ if")
+    assert found(ctl, moved) == [(2, 14, "warning", "domain-dot")]  # a pair of UTF-16 units
+
+
+@pytest.mark.slow
+def test_a_single_line_of_500_kb_is_looked_at_to_its_end(ctl):
+    rules = "".join(f'if (host == "h{number}.example.com") return "DIRECT"; '
+                    for number in range(10000))
+    text = DOT.replace("\n", " ").replace("if (", rules + "if (", 1)
+    assert 490_000 < len(text) < 512_000
+    column = text.index("dnsDomainIs") + 1
+    assert found(ctl, text) == [(1, column, "warning", "domain-dot")]
+
+
+# What the published structure of SARIF 2.1.0 allows here, by object; no other members may stand there.
+SARIF = {"log": {"$schema", "version", "runs"}, "run": {"tool", "columnKind", "results"},
+         "driver": {"name", "version", "rules"},
+         "rule": {"id", "shortDescription", "fullDescription", "defaultConfiguration"},
+         "result": {"ruleId", "ruleIndex", "level", "message", "locations"}}
+LEVELS = {"note", "warning", "error"}
+
+
+def check_text(message):
+    assert set(message) == {"text"} and isinstance(message["text"], str) and message["text"]
+
+
+def check_sarif(log):
+    """Returns its results, as (rule, level, uri, line, column)."""
+    assert set(log) == SARIF["log"] and log["version"] == "2.1.0" and len(log["runs"]) == 1
+    run = log["runs"][0]
+    assert set(run) == SARIF["run"] and run["columnKind"] == "utf16CodeUnits"
+    assert set(run["tool"]) == {"driver"} and set(run["tool"]["driver"]) == SARIF["driver"]
+    driver = run["tool"]["driver"]
+    assert driver["name"] and re.fullmatch(r"\d+\.\d+\.\d+", driver["version"])
+    rules = [rule["id"] for rule in driver["rules"]]
+    assert len(set(rules)) == len(rules)
+    for rule in driver["rules"]:
+        assert set(rule) == SARIF["rule"] and rule["defaultConfiguration"]["level"] in LEVELS
+        check_text(rule["shortDescription"])
+        check_text(rule["fullDescription"])
+    results = []
+    for result in run["results"]:
+        assert set(result) == SARIF["result"] and result["level"] in LEVELS
+        assert rules[result["ruleIndex"]] == result["ruleId"]
+        check_text(result["message"])
+        assert len(result["locations"]) == 1 and set(result["locations"][0]) == {"physicalLocation"}
+        place = result["locations"][0]["physicalLocation"]
+        assert set(place) == {"artifactLocation", "region"}
+        assert set(place["artifactLocation"]) == {"uri"}
+        assert re.fullmatch(r"([A-Za-z0-9._~/-]|%[0-9A-F]{2}|^file://)+", place["artifactLocation"]["uri"])
+        region = place["region"]
+        assert set(region) == {"startLine", "startColumn"} and min(region.values()) >= 1
+        results.append((result["ruleId"], result["level"], place["artifactLocation"]["uri"],
+                        region["startLine"], region["startColumn"]))
+    return results
+
+
+def test_sarif_has_the_published_structure(ctl):
+    folder = os.getcwd()
+    os.chdir("/tmp")
+    try:
+        write("a b:\u00e4.pac", DOT)
+        result = ctl("pac", "lint", "--format", "sarif", "a b:\u00e4.pac")
+        assert result.status == NO_ANSWER
+        assert check_sarif(result.json) == [
+            ("domain-dot", "warning", "a%20b%3A%C3%A4.pac", 2, 7)]
+        assert check_sarif(ctl("pac", "lint", "--format", "sarif", "/tmp/a b:\u00e4.pac").json)[0][2] == \
+            "file:///tmp/a%20b%3A%C3%A4.pac"
+        clean = ctl("pac", "lint", "--format", "sarif", "-", script=CLEAN)
+        assert (clean.status, check_sarif(clean.json)) == (ANSWERED, [])
+        many = (HERE / "lint/entry_unknown.pac").read_text()
+        assert [(rule, level) for rule, level, *_ in check_sarif(
+            ctl("pac", "lint", "--format", "sarif", "-", script=many).json)] == \
+            [("entry-unknown", "error")] * 4 + [("direct-missing", "note"), ("entry-port", "warning")]
+    finally:
+        os.chdir(folder)
+
+
+def test_each_rule_has_a_section_and_stands_in_the_help(ctl):
+    log = ctl("pac", "lint", "--format", "sarif", "-", script=CLEAN).json
+    rules = [rule["id"] for rule in log["runs"][0]["tool"]["driver"]["rules"]]
+    assert re.findall(r"^## ([a-z-]+)$", PAGE.read_text(), re.MULTILINE) == rules
+    help_ = ctl("pac", "lint", "--help").output
+    assert [rule for rule in rules if not re.search(rf"(?<![\w-]){rule}(?![\w-])", help_)] == []
+
+
+def test_a_hostile_script_reaches_no_terminal(ctl):
+    text = script('if (dnsDomainIs(host, "\\x1b[2J\x9b.a.example")) return "\\x1b BLAH";')
+    output = ctl("pac", "lint", "-", script=text).output
+    assert "BLAH" in output and not re.search("[\x00-\x09\x0b-\x1f\x7f-\x9f]", output)
