@@ -2,9 +2,11 @@
 
 #include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "base/log_line.h"
 #include "domain/url_host.h"
+#include "pac/pac_result.h"
 #include "pac/service_callbacks.h"
 #include "platform/process/thread_name.h"
 #include "service/records/owned_settings.h"
@@ -245,6 +247,14 @@ void PacParser::proxy_Found(const char* result, const char* host) {
   OwnedSettings settings(proxys2ProxySettings(textOrEmpty(result)));
   mCache->set(host, settings.get());
   settings.release();  // the cache's now
+}
+
+ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
+  return script_result::entriesOf(proxys);
+}
+
+ProxyUrlSetting PacParser::proxy2ProxySetting(std::string proxy) {
+  return script_result::entryOf(std::move(proxy));
 }
 
 void PacParser::clearProxyUrlCache() {

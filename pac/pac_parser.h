@@ -12,7 +12,7 @@
 // freed while it is read, and no answer of the old script enters the emptied cache.
 //
 // The members stand in two files: pac_script_file.cpp reads the script, compares its digest and
-// rebuilds the engine; pac_parser.cpp holds everything else.
+// rebuilds the engine; pac_parser.cpp holds everything else. pac_result.h parses results.
 #pragma once
 
 #include <atomic>
@@ -38,9 +38,6 @@ class PacParser {
   static constexpr int kCacheCapacity = 50;
   /// Most hosts remembered as asked for asynchronously: as many as the engine's queue holds.
   static constexpr std::size_t kMaxPendingHosts = 256;
-  /// Most pieces between ";" of a result text that are read, known or not. A program tries the
-  /// entries one after the other; no network has so many proxies for one host.
-  static constexpr int kMaxResultPieces = 64;
   /// Length of a script's digest in bytes.
   static constexpr std::size_t kDigestLength = 16;
 
@@ -90,13 +87,12 @@ class PacParser {
     return std::shared_lock(mAnswerGate);
   }
 
-  /// The entries of a result text such as "PROXY a:1; DIRECT", unknown ones left out; of more than
-  /// kMaxResultPieces pieces the rest is dropped, with a LOG_WARNING line. The caller owns their
-  /// texts and releases them with clearProxySettings.
+  /// The entries of a result text such as "PROXY a:1; DIRECT": script_result::entriesOf()
+  /// (pac_result.h). The caller owns their texts and releases them with clearProxySettings.
   static ProxyUrlSettings proxys2ProxySettings(const std::string& proxys);
 
-  /// One entry: type 1 "DIRECT", 2 "PROXY ...", 3 "SOCKS ...", else 0 without a text. Its text is
-  /// the caller's, to be released with cleanupProxySetting.
+  /// One entry: script_result::entryOf() (pac_result.h). The caller owns its text and releases it
+  /// with cleanupProxySetting.
   static ProxyUrlSetting proxy2ProxySetting(std::string proxy);
 
   /// Takes a result of the engine: parses and keeps it under the host, then frees `result`. The

@@ -1,11 +1,12 @@
-// The parsing of a script's result text.
+#include "pac/pac_result.h"
 
 #include <algorithm>
 #include <string_view>
 
 #include "base/log_line.h"
-#include "pac/pac_parser.h"
 #include "service/records/owned_settings.h"
+
+namespace script_result {
 
 namespace {
 
@@ -19,7 +20,7 @@ char* heapText(const std::string& text) {
 // @return the entry, null where the piece is none
 const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& piece) {
   settings.emplace_back();
-  settings.back() = PacParser::proxy2ProxySetting(piece);
+  settings.back() = entryOf(piece);
   if (settings.back().type != kNone) return &settings.back();
   settings.pop_back();
   return nullptr;
@@ -27,14 +28,14 @@ const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& pie
 
 }  // namespace
 
-ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
+ProxyUrlSettings entriesOf(const std::string& proxys) {
   logLine(LOG_NOTICE, "PacParser-proxys2ProxySettings proxys:%s", proxys.c_str());
   OwnedSettings held;
   auto& settings = held.get();
   std::size_t begin = 0;
   int pieces = 0;
   for (auto end = proxys.find(';'); end != std::string::npos; end = proxys.find(';', begin)) {
-    if (pieces++ == PacParser::kMaxResultPieces) break;
+    if (pieces++ == kMaxResultPieces) break;
     const std::string piece = proxys.substr(begin, end - begin);
     begin = end + 1;
     if (const auto* entry = append(settings, piece)) {
@@ -43,7 +44,7 @@ ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
     }
   }
   if (begin == proxys.size()) return held.release();
-  if (pieces >= PacParser::kMaxResultPieces) {
+  if (pieces >= kMaxResultPieces) {
     logLine(LOG_WARNING,
             "PacParser-proxys2ProxySettings more than 64 entries, the rest is dropped");
     return held.release();
@@ -56,7 +57,7 @@ ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {
   return held.release();
 }
 
-ProxyUrlSetting PacParser::proxy2ProxySetting(std::string proxy) {
+ProxyUrlSetting entryOf(std::string proxy) {
   logLine(LOG_INFO, "PacParser-proxy2ProxySetting proxy:%s", proxy.c_str());
   proxy.erase(0, std::min(proxy.find_first_not_of(" \t"), proxy.size()));
   ProxyUrlSetting setting{kNone, nullptr};
@@ -76,3 +77,5 @@ ProxyUrlSetting PacParser::proxy2ProxySetting(std::string proxy) {
   }
   return setting;
 }
+
+}  // namespace script_result

@@ -1,0 +1,27 @@
+// What a script's result text means: "PROXY a:1; SOCKS b:2; DIRECT" as a list of entries.
+//
+// The functions stand behind PacParser's members of the same purpose and log in their names. Any
+// thread. They throw std::bad_alloc.
+#pragma once
+
+#include <string>
+
+#include "service/records/proxy_config.h"
+
+namespace script_result {
+
+/// Most pieces between ";" of a result text that are read, known or not. A program tries the
+/// entries one after the other; no network has so many proxies for one host.
+inline constexpr int kMaxResultPieces = 64;
+
+/// The entries of a result text. Unknown pieces are left out. If there are more than
+/// kMaxResultPieces pieces, the rest is dropped, with a LOG_WARNING line. The caller owns the
+/// texts and releases them with cleanupProxySetting().
+ProxyUrlSettings entriesOf(const std::string& proxys);
+
+/// One entry: type 1 "DIRECT", 2 "PROXY ...", 3 "SOCKS ...", else 0 without a text. Blanks and
+/// tabs before it are ignored. The caller owns its text and releases it with
+/// cleanupProxySetting().
+ProxyUrlSetting entryOf(std::string proxy);
+
+}  // namespace script_result
