@@ -12,6 +12,8 @@ Installs what is missing, builds the daemon and the benchmarks, and prints
   - whole answers over a private message bus, each as a ratio to those of an echo service that gives
     the same answer, taken in turn in one run, with a reader on /dev/log throughout; again with all of
     them on one processor
+  - what an answer costs programs that ask: proxymanagerctl beside dbus-send, the client library
+    beside a bare call
   - how the answers' cost grows with the number of clients, start, a new script, memory, wake-ups
   - the parts: the cache, the parsing of results, public suffixes, evaluation and its sandbox, with
     the order in which their cost grows
@@ -19,8 +21,8 @@ Installs what is missing, builds the daemon and the benchmarks, and prints
 Needs root, for a mount namespace in which the daemon's fixed paths are its own. A busy machine gives
 other figures; the ratios bear that better than the rest.
 
-  --json DIR   write the figures there, as whole_answers.json, whole_answers_one_cpu.json, parts.json
-               and pac_engine.json
+  --json DIR   write the figures there, as whole_answers.json, whole_answers_one_cpu.json, parts.json,
+               programs.json and pac_engine.json
                (default: build/bench)
   --peers      instead of all that, the same answers by glib-pacrunner, libproxy and pacparser of
                Debian, beside the daemon's in one run; they are unpacked into a cache, not installed
@@ -62,9 +64,11 @@ parts() {
 }
 
 whole=(--rounds 41 --calls 300)
+programs=()
 part=(--benchmark_min_time=0.2 --benchmark_repetitions=5)
 if [ "$quick" = yes ]; then
   whole=(--rounds 11 --calls 100)
+  programs=(--rounds 51)
   part=(--benchmark_min_time=0.05)
 fi
 
@@ -104,6 +108,9 @@ step "Whole answers, all programs on one processor"
 PYTHONDONTWRITEBYTECODE=1 taskset --cpu-list 0 /usr/bin/python3 \
   "$top/bench/whole/whole_answers.py" "--build=$build" --only cases \
   "--json=$json/whole_answers_one_cpu.json" "${whole[@]}"
+step "Programs that ask"
+PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/programs.py" "--build=$build" \
+  "--json=$json/programs.json" "${programs[@]}"
 step "Parts"
 parts parts "${part[@]}"
 parts pac_engine "${part[@]}"
