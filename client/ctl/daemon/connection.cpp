@@ -7,8 +7,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <system_error>
+#include <thread>
+#include <utility>
 
 namespace client {
 
@@ -28,39 +33,50 @@ int left(Clock::time_point end) {
   return static_cast<int>(std::max<std::int64_t>(time, 0));
 }
 
-/// A lookup that a limit ends. What it uses lives until the process ends if it does not end by
-/// then, because the C library still writes to it.
+/// A lookup that a limit ends. The caller and the thread that looks up share it, because the C
+/// library offers no way to end a lookup: the thread may outlive the caller's wait.
 struct Lookup {
-  std::string host;
-  std::string port;
-  addrinfo hints{};
-  gaicb request{};
+  Lookup(std::string host, std::uint16_t port)
+      : mHost(std::move(host)), mPort(std::to_string(port)) {
+    mHints.ai_socktype = SOCK_STREAM;
+    mHints.ai_flags = AI_NUMERICSERV;
+  }
+
+  void run() {
+    addrinfo* found = nullptr;
+    const int error = getaddrinfo(mHost.c_str(), mPort.c_str(), &mHints, &found);
+    const std::lock_guard lock(mMutex);
+    mAddresses.reset(found);
+    mError = error;
+    mDone.notify_one();
+  }
+
+  /// The addresses, or none with the reason in `problem`.
+  Addresses wait(Clock::time_point end, std::string& problem) {
+    std::unique_lock lock(mMutex);
+    if (!mDone.wait_until(lock, end, [this] { return mError.has_value(); })) {
+      problem = "its name is not found in time";
+    } else if (*mError != 0) {
+      problem = std::string("its name is not found: ") + gai_strerror(*mError);
+    }
+    return std::move(mAddresses);
+  }
+
+ private:
+  const std::string mHost;
+  const std::string mPort;
+  addrinfo mHints{};
+  std::mutex mMutex;
+  std::condition_variable mDone;
+  std::optional<int> mError;
+  Addresses mAddresses{nullptr, freeaddrinfo};
 };
 
 Addresses lookUp(const std::string& host, std::uint16_t port, Clock::time_point end,
                  std::string& problem) {
-  auto lookup = std::make_unique<Lookup>();
-  lookup->host = host;
-  lookup->port = std::to_string(port);
-  lookup->hints.ai_socktype = SOCK_STREAM;
-  lookup->hints.ai_flags = AI_NUMERICSERV;
-  lookup->request.ar_name = lookup->host.c_str();
-  lookup->request.ar_service = lookup->port.c_str();
-  lookup->request.ar_request = &lookup->hints;
-  gaicb* request = &lookup->request;
-  int error = getaddrinfo_a(GAI_NOWAIT, &request, 1, nullptr);
-  while (error == 0 && gai_error(request) == EAI_INPROGRESS) {
-    const int time = left(end);
-    const timespec limit{time / 1000, time % 1000 * 1'000'000L};
-    if (gai_suspend(&request, 1, &limit) == EAI_AGAIN && left(end) == 0) {
-      if (gai_cancel(request) != EAI_CANCELED) lookup.release();
-      problem = "its name is not found in time";
-      return {nullptr, freeaddrinfo};
-    }
-  }
-  if (error == 0) error = gai_error(request);
-  if (error != 0) problem = std::string("its name is not found: ") + gai_strerror(error);
-  return {error == 0 ? request->ar_result : nullptr, freeaddrinfo};
+  const auto lookup = std::make_shared<Lookup>(host, port);
+  std::thread([lookup] { lookup->run(); }).detach();
+  return lookup->wait(end, problem);
 }
 
 /// @return 0 or an errno
