@@ -239,10 +239,6 @@ TEST_F(ProxyResolver, LeavesModeOffToTheNextResolver) {
   nextAnswer = "http://desktop:1";
   EXPECT_THAT(lookup("http://off/?").proxies, ElementsAre("http://desktop:1"));
   EXPECT_THAT(lookup("http://manual/?p:1").proxies, ElementsAre("http://p:1"));
-  const auto main = context();
-  g_main_context_push_thread_default(main.get());
-  EXPECT_THAT(Lookup("http://off/?x").wait(main.get()).proxies, ElementsAre("http://desktop:1"));
-  g_main_context_pop_thread_default(main.get());
 }
 
 TEST_F(WithoutDaemon, AsksTheNextResolverUnlessItMustRefuse) {
@@ -390,6 +386,15 @@ TEST_F(ProxyResolver, AnswersOnTheMainContextOfWhoeverAsks) {
     }
     g_main_context_pop_thread_default(own.get());
   }).join();
+}
+
+TEST_F(ProxyResolver, LeavesModeOffToTheNextResolverForACallerThatDoesNotWait) {
+  addNextResolver();
+  nextAnswer = "http://desktop:1";
+  const auto main = context();
+  g_main_context_push_thread_default(main.get());
+  EXPECT_THAT(Lookup("http://off/?x").wait(main.get()).proxies, ElementsAre("http://desktop:1"));
+  g_main_context_pop_thread_default(main.get());
 }
 
 TEST_F(WithoutBus, GoesDirectlyForWhoeverDoesNotWaitToo) {
