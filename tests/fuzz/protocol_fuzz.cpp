@@ -21,6 +21,13 @@ struct Limits {
   void operator()(const Evaluate& m) const {
     require(m.url.size() <= kMaxUrlBytes && m.host.size() <= kMaxHostBytes, "URL and host: 8 KiB");
   }
+  void operator()(const Command& m) const {
+    require(m.name.size() <= kMaxCommandBytes, "name of a command: 64 bytes");
+    require(m.argument.size() <= kMaxArgumentBytes, "argument: 32 KiB");
+  }
+  void operator()(const Report& m) const {
+    require(m.text.size() <= kMaxReportBytes, "piece of a report: 64 KiB");
+  }
   void operator()(const Addresses& m) const {
     require(m.texts.size() <= kMaxAddresses, "64 addresses");
     for (const auto& text : m.texts) require(text.size() <= kMaxAddressBytes, "of 45 bytes");
