@@ -80,20 +80,36 @@ class NetworkManager:
     def close(self):
         self.connection.close()
 
-    def call(self, path, interface, member, signature, body):
+    @staticmethod
+    def message(path, interface, member, signature, body):
         address = DBusAddress(path, bus_name=PACRUNNER, interface=interface)
-        message = new_method_call(address, member, signature, body)
-        reply = self.connection.send_and_get_reply(message, timeout=LIMIT)
+        return new_method_call(address, member, signature, body)
+
+    def call(self, *what):
+        reply = self.connection.send_and_get_reply(self.message(*what), timeout=LIMIT)
         if reply.header.message_type == MessageType.error:
             raise Refused(reply.body[0] if reply.body else "")
         return reply.body[0] if reply.body else None
 
-    def create(self, **entries):
-        """Method="auto", Interface="eth0" ...; a list is an array of strings."""
+    @staticmethod
+    def creation(entries):
         dictionary = {key: ("as", value) if isinstance(value, list) else ("s", value)
                       for key, value in entries.items()}
-        return self.call("/org/pacrunner/manager", "org.pacrunner.Manager",
-                         "CreateProxyConfiguration", "a{sv}", (dictionary,))
+        return ("/org/pacrunner/manager", "org.pacrunner.Manager", "CreateProxyConfiguration", "a{sv}",
+                (dictionary,))
+
+    def create(self, **entries):
+        """Method="auto", Interface="eth0" ...; a list is an array of strings."""
+        return self.call(*self.creation(entries))
+
+    def push(self, **entries):
+        """The same, without waiting for the reply."""
+        self.connection.send(self.message(*self.creation(entries)))
+
+    def ask(self, url, host=""):
+        """FindProxyForURL, without waiting for the reply."""
+        self.connection.send(self.message("/org/pacrunner/client", "org.pacrunner.Client",
+                                          "FindProxyForURL", "ss", (url, host)))
 
     def destroy(self, path):
         return self.call("/org/pacrunner/manager", "org.pacrunner.Manager",

@@ -1,0 +1,228 @@
+"""proxymanager-settings when things go wrong: a late network, a daemon that refuses, no memory, hostile
+senders. Each message of its log stands here once."""
+
+import os
+import signal
+import socket
+import subprocess
+import time
+
+import pytest
+from support.bus import LIMIT, Client, wait_until
+from support.daemon import Daemon, make_watched_files
+from support.settings_service import (FOLDER, PACRUNNER, NetworkManager, Refused, SettingsService, link,
+                                      write_settings)
+from support.stand_in import HOLD, StandIn
+from support.syslog_socket import ERR, INFO, NOTICE, WARNING
+from support.web import Web, script
+
+MANUAL = 'mode = "manual"\nproxy-url = "http://a.example:1"\n'
+OFF = ("off", "", "", "n", "", "")
+NETWORK_TIME = 20  # seconds from the start of both to the link
+ANSWER_TIME = 5  # seconds from the link to the script's answer
+
+
+@pytest.fixture
+def settings(build, own_network, syslog, bus):
+    service = SettingsService(build)
+    yield service
+    service.stop()
+
+
+@pytest.fixture
+def web_of_the_link(own_network):
+    web = Web("0.0.0.0")
+    yield web
+    web.close()
+
+
+def network_comes_up():
+    link("eth", 100)
+    subprocess.run(["ip", "address", "add", "10.9.0.1/24", "dev", "eth"], check=True)
+    subprocess.run(["ip", "link", "set", "eth", "up"], check=True)
+
+
+@pytest.mark.slow
+def test_a_script_answers_soon_after_a_network_that_comes_twenty_seconds_late(settings, build,
+                                                                             web_of_the_link):
+    web_of_the_link.routes["/p.pac"] = script("PROXY late.example:1")
+    write_settings(f'mode = "pacurl"\npac-url = "http://10.9.0.1:{web_of_the_link.port}/p.pac"\n')
+    make_watched_files()
+    settings.start()
+    daemon = Daemon(build)
+    with Client() as client:
+        time.sleep(NETWORK_TIME)  # what is measured: no retry may be due by chance
+        assert client.urls("http://h.example/") == ["pacurl"]
+        network_comes_up()
+        begin = time.monotonic()
+        wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY late.example:1"],
+                   "the script answers")
+        # The next retry by the clock would come ten seconds later.
+        assert time.monotonic() - begin < ANSWER_TIME
+    daemon.close()
+
+
+def test_the_log_tells_of_the_daemon_and_of_what_it_gets(settings, build, syslog):
+    write_settings(MANUAL)
+    settings.start()
+    syslog.wait_match(NOTICE, r"settings: mode manual \(a file sets the mode\)")
+    daemon = Daemon(build)
+    syslog.wait_match(INFO, "settings: the daemon is there")
+    syslog.wait_match(NOTICE, "settings: the daemon has the configuration, mode manual")
+    daemon.kill()
+    syslog.wait_match(INFO, "settings: the daemon is gone")
+
+
+def test_a_hand_over_that_fails_is_repeated_with_growing_pauses(settings, syslog):
+    write_settings(MANUAL)
+    error = "org.freedesktop.DBus.Error.Failed"
+    daemon = StandIn({"updateProxyconfig": [error, error, error, ("i", (0,))], "getProxyconfig": error})
+    settings.start()
+    begin = time.monotonic()
+    # The daemon's text is shown without its control characters.
+    for pause in (1, 2, 4):
+        syslog.wait_match(WARNING, rf"settings: the hand-over failed, next in {pause} s: why\\x1b\[2J")
+    assert settings.state()["problem"] == r"why\x1b[2J"
+    syslog.wait_match(NOTICE, "settings: the daemon has the configuration, mode manual")
+    assert time.monotonic() - begin > 6
+    daemon.close()
+
+
+def test_a_missing_script_is_not_asked_for_in_another_programs_place(settings, daemon, client, syslog):
+    write_settings('mode = "pacurl"\npac-url = "http://127.0.0.1:9/p.pac"\n')
+    settings.start()
+    wait_until(lambda: settings.state()["handed_over_at"] is not None, "handed over")
+    client.update(mode="pacurl", pacurl="http://127.0.0.1:9/other.pac")
+    link("eth", 100)
+    syslog.wait_match(INFO, "settings: another program has changed the configuration; it stays")
+    assert client.config()[2] == "http://127.0.0.1:9/other.pac"
+
+
+def test_without_a_bus_it_ends_and_says_why(build, root, syslog):
+    service = SettingsService(build)
+    ended = subprocess.run([service.path, "--port=0"], stdin=subprocess.DEVNULL, timeout=LIMIT,
+                           env={**service.environment, "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/run/none"})
+    assert ended.returncode == 1
+    syslog.wait_match(ERR, "settings: cannot start: the system bus: No such file or directory")
+
+
+def test_a_bus_that_goes_away_ends_it_for_its_supervisor(settings, bus):
+    settings.start()
+    bus.kill()
+    assert settings.process.wait(LIMIT) != 0
+    bus.start()
+
+
+def test_a_port_that_is_taken_leaves_all_but_pushed_scripts(settings, daemon, client, syslog):
+    with socket.create_server(("127.0.0.1", 850)):
+        settings.start()
+        syslog.wait_match(ERR, r"settings: port 850 for scripts of network managers: "
+                               r"cannot listen on 127\.0\.0\.1: Address already in use")
+        link("eth", 100)
+        manager = NetworkManager()
+        manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
+        syslog.wait_match(ERR, "settings: a network manager's script cannot be served: no socket")
+        manager.create(Method="manual", Interface="eth", Servers=["eth.example:1"])
+        wait_until(lambda: client.config()[0] == "manual", "a server by hand is used")
+        manager.close()
+
+
+def test_a_name_that_another_has_leaves_the_files(settings, daemon, client, syslog):
+    other = StandIn({}, PACRUNNER)
+    write_settings(MANUAL)
+    settings.start()
+    syslog.wait_match(WARNING, r"settings: no name org\.pacrunner, network managers cannot reach this "
+                               r"service: File exists")
+    wait_until(lambda: client.config()[0] == "manual", "the file is used")
+    other.close()
+
+
+def test_a_sender_at_its_limit_is_named_once(settings, syslog):
+    settings.start()
+    manager = NetworkManager()
+    for _ in range(64):
+        manager.create(Method="direct")
+    for _ in range(2):
+        with pytest.raises(Refused):
+            manager.create(Method="direct")
+    name = manager.connection.unique_name
+    line = f"settings: {name} has pushed 64 configurations, more are refused"
+    syslog.wait_match(WARNING, line.replace(".", r"\."))
+    assert syslog.texts().count(line) == 1
+    manager.close()
+
+
+def test_senders_that_die_in_the_middle_leave_nothing(settings, daemon, client):
+    settings.start()
+    link("eth", 100)
+    for number in range(100):
+        manager = NetworkManager()
+        for _ in range(number % 3 + 1):
+            manager.push(Method="manual", Interface="eth", Servers=["dead.example:1"])
+        manager.ask("http://h.example/")
+        manager.close()
+    wait_until(lambda: settings.state()["networks"] == [], "nothing is left")
+    wait_until(lambda: client.config() == OFF, "off")
+    live = NetworkManager()
+    assert live.find("http://h.example/") == "DIRECT"
+    live.create(Method="manual", Interface="eth", Servers=["live.example:1"])
+    wait_until(lambda: client.config()[1] == "http://live.example:1", "the live one is used")
+    live.close()
+
+
+def test_at_most_eight_questions_of_one_caller_wait(settings):
+    # It never answers a question, so that all wait.
+    daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": HOLD,
+                      "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
+    settings.start()
+    wait_until(lambda: settings.state()["daemon"], "the daemon is there")
+    manager = NetworkManager()
+    for _ in range(8):
+        manager.ask("http://h.example/")
+    assert daemon.held.wait(LIMIT)
+    assert manager.find("http://h.example/") == "DIRECT"
+    # What waits does not keep others from pushing, and is answered when the daemon is gone.
+    other = NetworkManager()
+    assert other.create(Method="direct") == "/org/pacrunner/configuration0"
+    daemon.close()
+    assert [manager.connection.receive(timeout=LIMIT).body[0] for _ in range(8)] == ["DIRECT"] * 8
+    manager.close()
+    other.close()
+
+
+def test_calls_are_answered_at_once_while_the_daemon_hangs(settings, daemon):
+    settings.start()
+    wait_until(lambda: settings.state()["handed_over_at"] is not None, "handed over")
+    link("eth", 100)
+    os.kill(daemon.pid, signal.SIGSTOP)
+    try:
+        times = []
+        for number in range(5):
+            manager = NetworkManager()
+            begin = time.monotonic()
+            manager.create(Method="auto", Interface="eth", Script=script(f"PROXY p{number}:1"))
+            times.append(time.monotonic() - begin)
+            manager.close()
+        assert min(times) < 0.1, times
+    finally:
+        os.kill(daemon.pid, signal.SIGCONT)
+
+
+def test_without_memory_it_ends_and_its_next_start_knows_all(settings, daemon, client, syslog, sanitizer):
+    if sanitizer:
+        pytest.skip("a sanitizer's own memory has no such limit")
+    write_settings(MANUAL)
+    settings.start()
+    wait_until(lambda: client.config()[0] == "manual", "configured")
+    subprocess.run(["prlimit", f"--pid={settings.process.pid}", "--as=1"], check=True)
+    # Many lines, each with a problem to report.
+    lines = "".join(f"k{number} = 1\n" for number in range(5_000))
+    for number in range(20):
+        write_settings(lines, f"settings.d/{number}.conf")
+    assert settings.process.wait(LIMIT) == 1
+    syslog.wait_match(ERR, r"settings: cannot go on, ending: .*")
+    for number in range(20):
+        os.remove(f"{FOLDER}/settings.d/{number}.conf")
+    write_settings('proxy-url = "http://b.example:2"\n', "settings.d/1.conf")
+    settings.start()
+    wait_until(lambda: client.config()[1] == "http://b.example:2", "configured again")
