@@ -1,12 +1,17 @@
 #include "settings/settings_folder.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <thread>
+
+#include "base/unique_fd.h"
 
 using namespace settings;
 
@@ -42,6 +47,33 @@ TEST_F(Folder, ThatIsEmptyOrMissingSetsNothing) {
   EXPECT_FALSE(readFolder(mPaths).isFaulty());
   EXPECT_EQ(readFolder({"/nowhere", ""}).settings, FileSettings{});
   EXPECT_FALSE(readFolder({"/nowhere", ""}).isFaulty());
+}
+
+// Another program writes the file in its place, again and again.
+TEST_F(Folder, NoticesAFileThatChangesWhileItIsRead) {
+  const auto textOf = [](char c) {
+    std::string text = "user = \"" + std::string(100, c) + "\"\n";
+    while (text.size() < 50'000) text += "# " + std::string(97, c) + "\n";
+    return text;
+  };
+  const std::string texts[] = {textOf('a'), textOf('b')};
+  const auto path = write("settings.conf", texts[0]);
+  std::atomic<bool> isEnough = false;
+  std::thread writer([&] {
+    const base::UniqueFd file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    for (std::size_t i = 0; !isEnough; i++) {
+      static_cast<void>(pwrite(file.get(), texts[i % 2].data(), texts[i % 2].size(), 0));
+    }
+  });
+  const auto isNoticed = [this] { return problem() == "/settings.conf: changes while it is read"; };
+  int readings = 0;
+  while (!isNoticed() && readings < 100'000) readings++;
+  isEnough = true;
+  writer.join();
+  EXPECT_LT(readings, 100'000);
+  const auto read = readFolder(mPaths);
+  EXPECT_FALSE(read.isFaulty());
+  EXPECT_EQ(read.settings.user->size(), 100U);
 }
 
 TEST_F(Folder, LaterNamesWin) {
