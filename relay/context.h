@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "relay/authentication.h"
 #include "relay/decisions.h"
 #include "relay/names.h"
 #include "relay/peer.h"
@@ -13,6 +14,16 @@
 #include "relay/relay.h"
 
 namespace relay {
+
+/// Most proxies whose challenge is remembered; the list starts again when it is full.
+inline constexpr std::size_t kMaxChallenges = 64;
+
+/// What a proxy asked for last, so that the next request is sent with its password at once.
+struct KnownChallenge {
+  Challenge challenge;
+  std::string clientNonce;
+  unsigned count = 0;  ///< how often the nonce was used
+};
 
 struct Context {
   Context(asio::io_context& io, const Configured& from, std::vector<Protocol::endpoint> own);
@@ -38,7 +49,7 @@ struct Context {
   UserList withCredentials;
   Decisions decisions;
   Counters counters;
-  std::string lastMode;  ///< of the last answer
+  std::map<std::string, KnownChallenge> challenges;  ///< by the entry's name
   bool isNoAnswerLogged = false;
 };
 

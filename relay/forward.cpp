@@ -2,6 +2,7 @@
 #include <array>
 #include <boost/asio/experimental/awaitable_operators.hpp>
 
+#include "base/ascii.h"
 #include "base/log_line.h"
 #include "relay/session.h"
 #include "relay/tunnel.h"
@@ -21,6 +22,14 @@ bool isRepeatable(std::string_view method) {
     if (method == one) return true;
   }
   return false;
+}
+
+/// The target as an HTTP proxy gets it.
+std::string targetFor(const RequestHead& request, const Route& route) {
+  const auto target = readHttpTarget(request.target);
+  std::string text = "http://" + route.destination().hostField(80);
+  if (!target || target->path.empty() || target->path.front() == '?') text += '/';
+  return target ? text.append(target->path) : text;
 }
 
 bool isUpgrade(const RequestHead& request) {
@@ -54,13 +63,18 @@ Task<Session::Next> Session::forward(const RequestHead& request) {
       co_return Next::kHandedOver;
     case Exchange::kClose:
       co_return Next::kClose;
-    case Exchange::kNoAnswer:
-    case Exchange::kAuthentication:
+    default:
       break;
   }
   const auto failure = route.failure();
   logFailure(destination, failure);
   co_return co_await respond(failure.status, failure.text);
+}
+
+/// Whether nothing of the exchange has reached the client.
+bool Session::isWithoutAnswer(Exchange exchange) {
+  return exchange == Exchange::kNoAnswer || exchange == Exchange::kAuthentication ||
+         exchange == Exchange::kAuthenticate;
 }
 
 /// Tries upstreams until one answers.
@@ -72,6 +86,7 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
       (mServer->isAbsoluteForm || mServerDestination == target.destination.text());
   if (!canReuse) mServer.reset();
   mIsReused = canReuse;
+  bool isAuthenticated = false;
   while (true) {
     if (!mServer) {
       mServer = co_await route.next();
@@ -79,12 +94,18 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
       mServerIn.clear();
       if (!mServer) co_return Exchange::kNoAnswer;
     }
-    const auto result = co_await exchangeOnce(request, target, route);
-    if (result != Exchange::kNoAnswer && result != Exchange::kAuthentication) co_return result;
+    auto result = co_await exchangeOnce(request, target, route);
+    if (!isWithoutAnswer(result)) co_return result;
     const bool wasReused = mIsReused;
     mIsReused = false;
     mServer.reset();
     if (!mClient.isOpen()) co_return Exchange::kClose;
+    if (result == Exchange::kAuthenticate && !isAuthenticated && !mIsBodyStarted) {
+      isAuthenticated = true;
+      if (!wasReused) route.again();
+      continue;
+    }
+    if (result == Exchange::kAuthenticate) result = Exchange::kAuthentication;
     // A kept connection may have ended since; nothing is wrong with its proxy then.
     if (wasReused && result == Exchange::kNoAnswer && !mIsBodyStarted &&
         isRepeatable(request.method)) {
@@ -108,13 +129,14 @@ Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const 
   form.isAbsolute = mServer->isAbsoluteForm;
   form.isUpgrade = isUpgrade(request);
   form.via = mContext.name;
-  (void)route;
+  const auto password = authorization(request, route);
+  form.authorization = password;
   mHasServerByte = false;
   const std::string head = requestFor(request, form);
   if (!co_await mServer->stream.write(head)) co_return Exchange::kNoAnswer;
   mIsBodySent = request.body.kind == BodyKind::kNone;
-  if (mIsBodySent) co_return co_await answer(request);
-  const auto result = co_await (answer(request) || sendBody(request));
+  if (mIsBodySent) co_return co_await answer(request, route);
+  const auto result = co_await (answer(request, route) || sendBody(request));
   co_return result.index() == 0 ? std::get<0>(result) : Exchange::kClose;
 }
 
@@ -170,7 +192,35 @@ Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
   }
 }
 
-Task<Session::Exchange> Session::answer(const RequestHead& request) {
+/// The value of Proxy-Authorization for mServer, if its challenge is known; else an empty text.
+std::string Session::authorization(const RequestHead& request, const Route& route) {
+  if (!mServer->isAbsoluteForm) return {};
+  const auto known = mContext.challenges.find(mServer->entry.name());
+  if (known == mContext.challenges.end()) return {};
+  const auto credentials = mContext.credentialsFor(mServer->entry, route.mode(), mPeer);
+  if (credentials.user.empty()) return {};
+  auto& challenge = known->second;
+  return authorizationFor(challenge.challenge, credentials, request.method,
+                          targetFor(request, route), challenge.clientNonce, ++challenge.count);
+}
+
+/// Keeps what the proxy of a 407 asks for. @return whether another attempt can have the password
+bool Session::canAuthenticate(const ResponseHead& response, const Route& route) {
+  if (mContext.credentialsFor(mServer->entry, route.mode(), mPeer).user.empty()) return false;
+  std::vector<std::string_view> values;
+  for (const auto& field : response.fields.list) {
+    if (base::equalIgnoringCase(field.name, "Proxy-Authenticate")) values.push_back(field.value);
+  }
+  KnownChallenge known;
+  known.challenge = readChallenges(values);
+  if (known.challenge.scheme == Challenge::Scheme::kNone) return false;
+  known.clientNonce = newClientNonce();
+  if (mContext.challenges.size() >= kMaxChallenges) mContext.challenges.clear();
+  mContext.challenges[mServer->entry.name()] = std::move(known);
+  return true;
+}
+
+Task<Session::Exchange> Session::answer(const RequestHead& request, const Route& route) {
   std::string head;
   ResponseHead response;
   while (true) {
@@ -182,7 +232,10 @@ Task<Session::Exchange> Session::answer(const RequestHead& request) {
     if (!co_await mClient.write(responseFor(response, form))) co_return Exchange::kClose;
   }
   if (response.status == 101 && !isUpgrade(request)) co_return Exchange::kNoAnswer;
-  if (response.status == 407 && mServer->isAbsoluteForm) co_return Exchange::kAuthentication;
+  if (response.status == 407 && mServer->isAbsoluteForm) {
+    co_return canAuthenticate(response, route) ? Exchange::kAuthenticate
+                                               : Exchange::kAuthentication;
+  }
   co_return co_await relayResponse(request, response);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "relay/configuration.h"
 #include "relay/listeners.h"
 #include "relay/relay.h"
+#include "relay/walls.h"
 
 namespace {
 
@@ -109,7 +111,9 @@ int main(int argc, char** argv) {
       return EXIT_FAILURE;
     }
     if (checks) return EXIT_SUCCESS;
-    return relay::run(configured, relay::listen(options.listen));
+    auto sockets = relay::listen(options.listen);
+    if (const auto failure = relay::raiseWalls()) throw std::runtime_error(*failure);
+    return relay::run(configured, std::move(sockets));
   } catch (const std::exception& error) {
     logLine(LOG_ERR, "relay: cannot start: %s", base::visible(error.what()).c_str());
     return EXIT_FAILURE;

@@ -39,7 +39,6 @@ Task<Refusal> Route::begin(const std::string& url) {
   Answer answer = co_await mContext.questions.ask(url, mPeer.user);
   const bool isAnswered = answer.status == PROXYMANAGER_OK && !answer.entries.empty();
   mMode = answer.mode;
-  mContext.lastMode = answer.mode;
   if (isAnswered) {
     mContext.isNoAnswerLogged = false;
     mEntries = std::move(answer.entries);
@@ -183,6 +182,10 @@ void Route::closedEarly(const std::string& problem) {
   } else {
     note(entry, problem);
   }
+}
+
+void Route::again() {
+  mNext--;
 }
 
 void Route::wantsAuthentication() {

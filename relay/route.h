@@ -49,6 +49,8 @@ class Route {
 
   /// The proxy of the last upstream closed or broke the connection before it answered.
   void closedEarly(const std::string& problem);
+  /// The entry of the last upstream is the next one again.
+  void again();
   /// The proxy of the last upstream wants authentication that the relay does not have.
   void wantsAuthentication();
 

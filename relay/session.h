@@ -33,11 +33,12 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   enum class Next : std::uint8_t { kKeep, kClose, kHandedOver };
   /// How the exchange with one upstream ended.
   enum class Exchange : std::uint8_t {
-    kKeep,           ///< done, the client's connection goes on
-    kClose,          ///< done, or broken after the answer began
-    kHandedOver,     ///< a tunnel since the 101
-    kNoAnswer,       ///< the upstream ended before its answer, nothing was sent to the client
-    kAuthentication  ///< 407, which the client is not told
+    kKeep,            ///< done, the client's connection goes on
+    kClose,           ///< done, or broken after the answer began
+    kHandedOver,      ///< a tunnel since the 101
+    kNoAnswer,        ///< the upstream ended before its answer, nothing was sent to the client
+    kAuthentication,  ///< 407, which the client is not told
+    kAuthenticate     ///< 407, and the next attempt has the password
   };
 
   // session.cpp
@@ -64,7 +65,10 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   Task<Next> forward(const RequestHead& request);
   Task<Exchange> exchange(const RequestHead& request, const HttpTarget& target, Route& route);
   Task<Exchange> exchangeOnce(const RequestHead& request, const HttpTarget& target, Route& route);
-  Task<Exchange> answer(const RequestHead& request);
+  static bool isWithoutAnswer(Exchange exchange);
+  std::string authorization(const RequestHead& request, const Route& route);
+  bool canAuthenticate(const ResponseHead& response, const Route& route);
+  Task<Exchange> answer(const RequestHead& request, const Route& route);
   Task<void> sendBody(const RequestHead& request);
   Task<bool> readResponse(const RequestHead& request, std::string& head, ResponseHead& response);
   Task<Exchange> relayResponse(const RequestHead& request, const ResponseHead& response);

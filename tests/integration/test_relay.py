@@ -3,11 +3,12 @@
 import contextlib
 import socket
 import struct
+import subprocess
 
 import pytest
 
 from support import own_network as network
-from support.bus import wait_until
+from support.bus import LIMIT, wait_until
 from support.relay import Relay
 from support.relay_peers import (Origin, Proxy, Server, SocksProxy, read_all, read_exactly, read_head,
                                  status)
@@ -350,3 +351,203 @@ def test_a_manual_proxy_gets_its_password_by_basic_for_connect(relay, origin, da
                           password="pa:ss")
             wait_until(lambda: through_tunnel(relay, origin.port)[0] == 200 and proxy.heads,
                        "a tunnel with the password")
+
+
+def test_an_http_proxy_gets_the_password_by_basic_and_digest_for_absolute_form(
+        relay, origin, daemon, client):
+    relay.start()
+    digest = 'Digest realm="x", nonce="n1", qop="auth", algorithm=SHA-256'
+
+    def wants_digest(head):
+        if b'Proxy-Authorization: Digest username="me"' in head and b"qop=auth, nc=0000000" in head:
+            return None
+        return status(407, "Auth", f"Proxy-Authenticate: {digest}\r\n")
+
+    for wants in (wants_basic(), wants_digest):
+        with contextlib.closing(Proxy(get=wants)) as proxy:
+            client.update("manual", proxyurl=f"http://127.0.0.1:{proxy.port}", auth=True, user="me",
+                          password="pa:ss")
+            wait_until(lambda: get(relay, f"http://{HOST}:{origin.port}/")[0] == 200 and proxy.heads,
+                       "a request with the password")
+            before = len(proxy.heads)
+            assert get(relay, f"http://{HOST}:{origin.port}/again")[0] == 200
+            assert len(proxy.heads) == before + 1, "the password goes with the first attempt now"
+
+
+def test_a_script_does_not_get_the_password_and_a_listed_host_does(
+        relay, origin, daemon, client, web):
+    secret = "/run/relay.credentials"
+    with open(secret, "w") as file:
+        file.write('["127.0.0.1"]\nuser = "me"\npassword = "pa:ss"\n')
+    for hosts, code in (("", 502), ('credentials-hosts = ["127.0.0.1"]\n', 200)):
+        wants = wants_basic()
+        with contextlib.closing(Proxy(wants, wants)) as proxy:
+            answers(client, web, proxy.entry)
+            relay.configure(f'credentials-file = "{secret}"\n{hosts}')
+            relay.start()
+            assert through_tunnel(relay, origin.port)[0] == code
+            assert get(relay, f"http://{HOST}:{origin.port}/")[0] == code
+            assert any(b"Authorization" in head for head in proxy.heads) == (code == 200)
+            relay.stop()
+
+
+def test_pages_are_for_this_machine_s_own_users(relay, origin, daemon, client):
+    client.update("manual", proxyurl="http://192.0.2.1:3128")
+    relay.start()
+
+    def page(path, host="127.0.0.1:3128", fields="", method="GET"):
+        with relay.connect() as connection:
+            connection.sendall(f"{method} {path} HTTP/1.1\r\nHost: {host}\r\nConnection: close\r\n"
+                               f"{fields}\r\n".encode())
+            answer = read_all(connection).decode()
+        return int(answer[9:12]), answer
+
+    code, html = page("/?url=http%3A%2F%2Fwww.example.org%2F")
+    assert code == 200 and "<li>http://192.0.2.1:3128</li>" in html and "manual" in html
+    assert "default-src 'none'" in html and "<script" not in html
+    assert page("/status.json")[1].count('"mode": "manual"') == 1
+    assert page("/metrics")[1].endswith("# EOF\n")
+    assert 'return "PROXY localhost:3128";' in page("/proxy.pac", "localhost:3128")[1]
+    assert page("/style.css")[0] == 200
+    assert page("/none")[0] == 404
+    assert page("/", method="POST", fields="Content-Length: 0\r\n")[0] == 405
+    for host in ("evil.example", "192.0.2.1:3128", "0.0.0.0:3128", "localhost.evil.example"):
+        assert page("/", host)[0] == 421, host
+    for field in ("Origin: http://evil.example", "Sec-Fetch-Site: cross-site",
+                  "Sec-Fetch-Site: same-site", "Origin: null"):
+        assert page("/", fields=field + "\r\n")[0] == 403, field
+    assert page("/", fields="Sec-Fetch-Site: same-origin\r\n")[0] == 200
+
+
+def test_decisions_are_shown_to_the_user_who_made_them_and_to_root(relay, origin, bus):
+    def as_user(user, command):
+        return subprocess.run(["setpriv", f"--reuid={user}", "--clear-groups", *command],
+                              capture_output=True, text=True, timeout=LIMIT, check=True).stdout
+
+    relay.start()
+    curl = ["curl", "-sS", "--noproxy", "", "-x", "http://127.0.0.1:3128"]
+    as_user(4321, [*curl, f"http://{HOST}:{origin.port}/path"])
+    status_page = ["curl", "-sS", "--noproxy", "*", "http://127.0.0.1:3128/status.json"]
+    shown = as_user(4321, status_page)
+    assert f'"destination": "{HOST}:{origin.port}"' in shown and '"user": 4321' in shown
+    assert "/path" not in shown
+    assert '"decisions": []' in as_user(4322, status_page)
+    assert '"user": 4321' in as_user(0, status_page)
+
+
+def test_users_who_are_denied_or_not_allowed_get_403(relay, origin, bus):
+    curl = ["curl", "-s", "--noproxy", "", "-o", "/dev/null", "-w", "%{http_code}", "-x",
+            "http://127.0.0.1:3128", f"http://{HOST}:{origin.port}/"]
+    for text, root, nobody in (('deny-users = ["nobody"]\n', "200", "403"),
+                               ('allow-users = ["nobody"]\n', "403", "200"),
+                               ('allow-users = ["@root"]\n', "200", "403")):
+        relay.configure(text)
+        relay.start()
+        for user, wanted in ((0, root), (65534, nobody)):
+            done = subprocess.run(["setpriv", f"--reuid={user}", "--clear-groups", *curl],
+                                  capture_output=True, text=True, timeout=LIMIT, check=True)
+            assert done.stdout == wanted, (text, user)
+        relay.stop()
+
+
+def test_tunnels_go_to_allowed_ports_only(relay, origin, bus):
+    relay.configure(f'allow-ports = [443, "{origin.port}-{origin.port}"]\n')
+    relay.start()
+    assert through_tunnel(relay, origin.port)[0] == 200
+    assert through_tunnel(relay, origin.port + 1)[0] == 403
+    assert get(relay, f"http://{HOST}:{origin.port}/")[0] == 200
+
+
+def test_connections_past_the_limits_are_refused_and_the_others_live(relay, origin, bus):
+    for text in ("max-connections = 5\n", "max-connections-of-user = 5\n"):
+        relay.configure(text)
+        relay.start()
+        wait_until(lambda: get(relay, f"http://{HOST}:{origin.port}/")[0] == 200, "all are free")
+        with contextlib.ExitStack() as stack:
+            held = [stack.enter_context(relay.connect()) for _ in range(5)]
+            for connection in held:
+                connection.sendall(f"GET http://{HOST}:{origin.port}/ HTTP/1.1\r\nHost: x\r\n\r\n"
+                                   .encode())
+                assert read_head(connection).startswith(b"HTTP/1.1 200 ")
+            with relay.connect() as sixth:
+                assert read_all(sixth).startswith(b"HTTP/1.1 503 ")
+        wait_until(lambda: get(relay, f"http://{HOST}:{origin.port}/")[0] == 200, "one is free")
+        relay.stop()
+
+
+def test_a_head_of_64_kib_is_read_and_one_byte_more_is_refused(relay, origin, bus):
+    relay.start()
+    line = f"GET http://{HOST}:{origin.port}/ HTTP/1.1\r\nHost: x\r\nConnection: close\r\nX: "
+    for size, wanted in ((65536, b"200"), (65537, b"431")):
+        with relay.connect() as connection:
+            connection.sendall((line + "y" * (size - len(line) - 4) + "\r\n\r\n").encode())
+            assert read_all(connection)[9:12] == wanted
+
+
+def test_a_slow_head_and_an_idle_tunnel_end_at_their_time(relay, origin, bus):
+    relay.configure('head-time = "1s"\nidle-time = "1s"\n')
+    relay.start()
+    with relay.connect() as connection:
+        connection.sendall(b"GET http://")
+        assert read_all(connection) == b""
+    with tunnel(relay, f"{HOST}:{origin.port}") as (code, connection):
+        assert code == 200 and read_all(connection) == b""
+
+
+def test_requests_that_could_be_read_in_two_ways_are_refused_and_reach_no_server(
+        relay, origin, bus):
+    relay.start()
+    url = f"http://{HOST}:{origin.port}/"
+    begin = f"POST {url} HTTP/1.1\r\nHost: x\r\n"
+    for rest in ("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n",
+                 "Transfer-Encoding: xchunked\r\n\r\n0\r\n\r\n",
+                 "Transfer-Encoding: chunked, gzip\r\n\r\n0\r\n\r\n",
+                 "Content-Length: 1, 1\r\n\r\na", "Content-Length: 1\r\nContent-Length: 2\r\n\r\nab",
+                 "Host: y\r\n\r\n", "X: a\r\n b\r\n\r\n", "X: a\rb\r\n\r\n", "X: a\nb: c\r\n\r\n",
+                 "Transfer-Encoding : chunked\r\n\r\n0\r\n\r\n", "\x00: a\r\n\r\n"):
+        with relay.connect() as connection:
+            connection.sendall((begin + rest).encode())
+            assert read_all(connection)[9:12] == b"400", rest
+    assert origin.heads == []
+    for body in ("3\nabc\r\n", "x\r\n", "3\r\nabcd\r\n", "0\r\nHost: evil\r\n\r\n", "-1\r\n"):
+        with relay.connect() as connection:
+            connection.sendall((begin + "Transfer-Encoding: chunked\r\n\r\n" + body).encode())
+            assert read_all(connection)[9:12] in (b"400", b""), body
+
+
+def test_malformed_socks_ends_its_connection_and_no_other(relay, origin, bus):
+    relay.start()
+    for bytes_ in (b"\x05\x00", b"\x05\x01\x02", b"\x05\x01\x00\x05\x02\x00\x01", b"\x04\x02" + bytes(8),
+                   b"\x04\x01\x00\x50\x00\x00\x00\x01" + b"u" * 300,
+                   b"\x05\x01\x00\x05\x01\x00\x03\x01 \x00\x50"):
+        with relay.connect() as connection:
+            connection.sendall(bytes_)
+            connection.shutdown(socket.SHUT_WR)
+            read_all(connection)
+    assert get(relay, f"http://{HOST}:{origin.port}/")[0] == 200
+
+
+def test_peers_of_other_machines_are_refused_and_if_allowed_reach_nothing_of_this_one(
+        build, origin, bus, syslog):
+    network.hosts(HOST, "inside.example")
+    for address in ("192.0.2.5/32", "192.0.2.6/32"):
+        subprocess.run(["ip", "address", "add", address, "dev", "lo"], check=True)
+    relay = Relay(build, "", listen=("192.0.2.5:3128",))
+
+    def status_of(request):
+        with socket.create_connection(("192.0.2.5", 3128), LIMIT, ("192.0.2.6", 0)) as connection:
+            with contextlib.suppress(ConnectionError):
+                connection.sendall(request.encode())
+            return read_all(connection)[9:12]
+
+    relay.start()
+    assert status_of(f"CONNECT {HOST}:{origin.port} HTTP/1.1\r\nHost: x\r\n\r\n") == b""
+    relay.stop()
+    relay.configure('allow-from = ["192.0.2.6/32"]\n')
+    relay.start()
+    for name in ("inside.example", "localhost", "127.0.0.1", "[::1]", "192.0.2.5", "169.254.1.1"):
+        request = f"CONNECT {name}:{origin.port} HTTP/1.1\r\nHost: x\r\n\r\n"
+        assert status_of(request) == b"403", name
+    assert status_of("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n") == b"403"
+    assert origin.heads == []
+    relay.stop()

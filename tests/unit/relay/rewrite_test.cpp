@@ -1,0 +1,59 @@
+#include "relay/rewrite.h"
+
+#include <gtest/gtest.h>
+
+using namespace relay;
+
+namespace {
+
+std::string sent(const std::string& head, bool isAbsolute = false) {
+  static const Destination kServer{"a", 80};
+  RequestHead request;
+  EXPECT_EQ(readRequestHead(head, request).status, 0U);
+  RequestForm form;
+  form.destination = &kServer;
+  form.path = "/p";
+  form.isAbsolute = isAbsolute;
+  form.via = "me";
+  return requestFor(request, form);
+}
+
+TEST(RequestFor, DropsWhatWasMeantForTheRelayAlone) {
+  EXPECT_EQ(
+      sent("GET http://a/p HTTP/1.1\r\nHost: evil\r\nConnection: X-Mine, keep-alive\r\n"
+           "X-Mine: 1\r\nKeep-Alive: 5\r\nProxy-Connection: keep-alive\r\nUpgrade: h2c\r\n"
+           "Proxy-Authorization: Basic eDp5\r\nTE: gzip\r\nAccept: */*\r\nVia: 1.0 you\r\n\r\n"),
+      "GET /p HTTP/1.1\r\nHost: a\r\nAccept: */*\r\nVia: 1.0 you, 1.1 me\r\n\r\n");
+}
+
+TEST(RequestFor, HasTheWholeUrlForAProxyAndOneLength) {
+  EXPECT_EQ(sent("PUT http://a/p HTTP/1.0\r\nContent-Length: 007\r\n\r\n", true),
+            "PUT http://a/p HTTP/1.1\r\nHost: a\r\nContent-Length: 7\r\nVia: 1.0 me\r\n\r\n");
+}
+
+TEST(ResponseFor, HasOneLengthAndSaysWhetherTheConnectionStays) {
+  ResponseHead response;
+  ASSERT_EQ(
+      readResponseHead("HTTP/1.1 200 OK\r\nContent-Length: 5\r\nTransfer-Encoding: chunked\r\n"
+                       "Connection: X\r\nX: 1\r\nY: 2\r\n\r\n",
+                       "GET", response)
+          .status,
+      0U);
+  ResponseForm form;
+  form.via = "me";
+  EXPECT_EQ(responseFor(response, form),
+            "HTTP/1.1 200 OK\r\nY: 2\r\nTransfer-Encoding: chunked\r\nVia: 1.1 me\r\n\r\n");
+  form.isHttp11 = false;
+  form.isKept = false;
+  EXPECT_EQ(responseFor(response, form),
+            "HTTP/1.1 200 OK\r\nY: 2\r\nVia: 1.1 me\r\nConnection: close\r\n\r\n");
+}
+
+TEST(WentThrough, FindsTheRelaysNameInVia) {
+  Fields fields;
+  fields.list = {{"Via", "1.1 a, 1.1 me"}};
+  EXPECT_TRUE(wentThrough(fields, "me"));
+  EXPECT_FALSE(wentThrough(fields, "you"));
+}
+
+}  // namespace
