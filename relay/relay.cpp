@@ -1,5 +1,7 @@
 #include "relay/relay.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <systemd/sd-daemon.h>
 #include <unistd.h>
@@ -96,6 +98,9 @@ class Acceptor {
     if (isRefused) mContext.counters.refused++;
     Socket socket(mContext.loop);
     const auto family = addressOf(fd.get()).data()->sa_family;
+    // A head and its body are two writes: the second must not wait for the first one's receipt.
+    const int on = 1;
+    if (family != AF_UNIX) setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     socket.assign(Protocol(family, 0), fd.release());
     auto release = [this, user = peer.user] {
       mContext.counters.open--;

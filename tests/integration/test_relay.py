@@ -551,3 +551,48 @@ def test_peers_of_other_machines_are_refused_and_if_allowed_reach_nothing_of_thi
     assert status_of("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n") == b"403"
     assert origin.heads == []
     relay.stop()
+
+
+def test_a_slow_name_delays_no_other(relay, origin, bus):
+    relay.start()
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent, \
+            contextlib.ExitStack() as stack:
+        silent.bind(("127.0.0.1", 53))
+        slow = [stack.enter_context(relay.connect()) for _ in range(20)]
+        for number, connection in enumerate(slow):
+            connection.sendall(f"GET http://slow{number}.example/ HTTP/1.1\r\nHost: x\r\n\r\n"
+                               .encode())
+        silent.settimeout(LIMIT)
+        for _ in slow:
+            silent.recv(512)
+        assert get(relay, f"http://{HOST}:{origin.port}/")[0] == 200
+        for connection in slow:
+            connection.setblocking(False)
+            with pytest.raises(BlockingIOError):
+                connection.recv(1)
+
+
+def test_an_address_that_does_not_answer_delays_the_next_one_a_moment(relay, origin, bus):
+    with open("/etc/hosts", "a") as file:
+        file.write("127.0.0.2 dual.example\n127.0.0.1 dual.example\n")
+    with socket.socket() as full, contextlib.ExitStack() as stack:
+        full.bind(("127.0.0.2", origin.port))
+        full.listen(0)
+        # With its backlog full the kernel drops what comes.
+        for _ in range(3):
+            waiting = stack.enter_context(socket.socket())
+            waiting.setblocking(False)
+            waiting.connect_ex(("127.0.0.2", origin.port))
+        relay.start()
+        assert get(relay, f"http://dual.example:{origin.port}/")[0] == 200
+
+
+def test_the_walls_are_raised_before_the_first_connection(relay, origin, bus, sanitizer):
+    relay.start()
+    with open(f"/proc/{relay.process.pid}/status") as file:
+        fields = dict(line.split(":\t", 1) for line in file.read().splitlines() if ":\t" in line)
+    assert fields["NoNewPrivs"] == "1"
+    assert int(fields["CapEff"], 16) == int(fields["CapPrm"], 16) == 0
+    assert fields["Uid"].split() == ["65534"] * 4
+    if not sanitizer:
+        assert fields["Seccomp"] == "2"
