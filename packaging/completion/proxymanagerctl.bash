@@ -94,7 +94,7 @@ _proxymanagerctl() {
       case ${COMP_WORDS[2]} in
         eval) options="--file --host --json $options" ;;
         explain) options="--file --host --current --json $options" ;;
-        cover) options="--file --format --current --json $options" ;;
+        cover) options="--file --format --current $options" ;;
         diff) options="--file --json $options" ;;
         bench) options="--file --repeat --json $options" ;;
         test) options="--format $options" ;;

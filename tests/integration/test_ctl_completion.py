@@ -37,7 +37,7 @@ def grammar(build):
 
     found = {}
     level()
-    assert {("get",), ("exec",), ("pac", "eval")} <= set(found) and len(found) >= 22
+    assert {("get",), ("exec",), ("pac", "eval")} <= set(found) and len(found) >= 24
     return found
 
 

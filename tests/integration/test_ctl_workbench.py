@@ -170,3 +170,101 @@ def test_an_explanation_needs_a_script_and_a_url(ctl):
     assert ctl("pac", "explain").status == USAGE
     assert ctl("pac", "explain", "--current").status == USAGE
     assert ctl("pac", "explain", "--current", "-p", "x", "http://a/").status == USAGE
+
+
+COVERED = """\
+function FindProxyForURL(url, host) {
+  if (dnsDomainIs(host, ".example")) {
+    return "PROXY a:1";
+  }
+  if (dnsDomainIs(host, ".sub.example")) return "PROXY b:2";
+  if (host == "rare.test") return "PROXY c:3";
+  return "DIRECT";
+  return "PROXY d:4";
+}
+"""
+
+
+def covered(ctl, script, *urls):
+    write("s.pac", script)
+    result = ctl("pac", "cover", "/tmp/s.pac", "--format", "json", "--offline", "-f", "-",
+                 script="\n".join(urls))
+    assert result.status == ANSWERED, result.errors
+    return result.json
+
+
+def test_rules_that_are_missed_dead_or_shadowed_are_told_apart(ctl):
+    write("s.pac", COVERED)
+    write("urls", "http://a.example/\nhttp://b.example/\nhttp://other.test/\n")
+    result = ctl("pac", "cover", "/tmp/s.pac", "-f", "/tmp/urls", "--offline")
+    assert (result.status, result.output) == (ANSWERED, """\
+/tmp/s.pac
+  statements  5 of 8 (62 %)
+  branches    4 of 6 (66 %)
+  rules       2 of 5 hit
+  line 5      return "PROXY b:2"  shadowed: line 3 answers http://www.sub.example/
+  line 6      return "PROXY c:3"  not hit; http://rare.test/ would reach it
+  line 8      return "PROXY d:4"  dead: no URL can reach it
+""".replace("2 of 5 hit", "2 of 5 (40 %)"))
+
+
+def test_each_place_is_counted(ctl):
+    report = covered(ctl, COVERED, "http://a.example/", "http://a.example/", "http://x/")
+    tests = [(place["line"], place["true"], place["false"]) for place in report["places"]
+             if place["kind"][0] == "t"]
+    assert tests == [(2, 1, 1), (5, 0, 1), (6, 0, 1)]
+    assert [(url["url"], url["times"], url["line"]) for url in report["urls"]] == [
+        ("http://a.example/", 2, 3), ("http://x/", 1, 7)]
+
+
+def test_access_logs_are_read(ctl):
+    report = covered(
+        ctl, COVERED,
+        "1286536309.450    180 192.168.0.224 TCP_MISS/200 411 GET http://squid.test/a - DIRECT/1.2 -",
+        "1286536309.450    180 192.168.0.224 TCP_TUNNEL/200 411 CONNECT squid.test:443 - DIRECT/1.2 -",
+        '10.0.0.1 - - [21/Nov/2026:10:00:00 +0000] "GET http://common.test/b HTTP/1.1" 200 5 "-" "-"',
+        "CONNECT   Nov 21 10:00:00.123 [7]: Request (file descriptor 5): GET http://tiny.test/ HTTP/1.1",
+        "INFO      Nov 21 10:00:00.123 [7]: No upstream proxy for tiny.test",
+        "# a remark", "http://plain.test/")
+    assert [url["url"] for url in report["urls"]] == [
+        "http://squid.test/a", "https://squid.test/", "http://common.test/b", "http://tiny.test/",
+        "http://plain.test/"]
+
+
+def test_the_page_loads_nothing_and_shows_texts_as_they_are(ctl):
+    write("s.pac", COVERED.replace("function", "/* <script>alert(1)</script> */ function", 1))
+    result = ctl("pac", "cover", "/tmp/s.pac", "--format", "html", "-u", "http://a.example/<b>",
+                 "--offline")
+    assert result.status == ANSWERED, result.errors
+    assert "&lt;script&gt;alert(1)" in result.output and "<script" not in result.output
+    assert "default-src 'none'" in result.output and "http://a.example/&lt;b&gt;" in result.output
+    assert not re.search(r"(src|href)=\"(?!#)", result.output)
+
+
+def test_differences_are_grouped_by_rule(ctl):
+    write("old.pac", COVERED)
+    write("new.pac", COVERED.replace("PROXY a:1", "PROXY new:1").replace("rare.test", "other.test"))
+    write("urls", "http://1.example/\nhttp://2.example/\nhttp://other.test/\nhttp://same/\n")
+    result = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-f", "/tmp/urls", "--offline")
+    assert (result.status, result.output) == (NO_ANSWER, """\
+3 of 4 URLs are answered differently
+2 URLs
+  old  line 3: PROXY a:1
+  new  line 3: PROXY new:1
+  url  http://1.example/
+  url  http://2.example/
+1 URL
+  old  line 7: DIRECT
+  new  line 6: PROXY c:3
+  url  http://other.test/
+""")
+    made = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "--offline", "--json")
+    assert made.status == NO_ANSWER and made.json["generated"]
+    assert {(group["old"]["line"], group["new"]["line"]) for group in made.json["groups"]} == {
+        (3, 3), (6, 7), (7, 6)}
+
+
+def test_equal_scripts_have_no_difference(ctl):
+    write("a.pac", COVERED)
+    result = ctl("pac", "diff", "/tmp/a.pac", "/tmp/a.pac", "--offline")
+    assert result.status == ANSWERED and result.output.startswith("0 of ")

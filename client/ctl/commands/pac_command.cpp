@@ -10,6 +10,8 @@
 #include "client/ctl/commands/answer_json.h"
 #include "client/ctl/commands/option_text.h"
 #include "client/ctl/commands/pac_bench_command.h"
+#include "client/ctl/commands/pac_cover_command.h"
+#include "client/ctl/commands/pac_diff_command.h"
 #include "client/ctl/commands/pac_explain_command.h"
 #include "client/ctl/commands/pac_lint_command.h"
 #include "client/ctl/commands/pac_test_command.h"
@@ -183,6 +185,8 @@ void addPacCommand(CLI::App& program, Action& action) {
   addPacLint(*pac, action);
   addPacTest(*pac, action);
   addPacBench(*pac, action);
+  addPacCover(*pac, action);
+  addPacDiff(*pac, action);
 }
 
 }  // namespace client

@@ -1,0 +1,161 @@
+#include "client/ctl/commands/pac_cover_command.h"
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/ctl/commands/coverage.h"
+#include "client/ctl/commands/coverage_page.h"
+#include "client/ctl/commands/current_script.h"
+#include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/script_on_trial.h"
+#include "client/ctl/commands/simulated_environment.h"
+#include "client/ctl/terminal/logged_urls.h"
+#include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/script_file.h"
+#include "client/ctl/terminal/shown_text.h"
+
+namespace client {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kFooter = R"(Output:
+  statements  how many the URLs and the loading reached
+  branches    of each condition both outcomes, of each case its entry
+  rules       the returns
+  line N      a rule that no URL of the list reached: dead (no URL can reach
+              it), shadowed (an earlier rule answers the URLs that are made
+              for its condition), or a URL that would reach it
+The file of -f is a list of URLs, or an access log of squid, tinyproxy or
+proxymanager-relay. Each URL is asked once, however often it is there. With
+--format json an object: file, statements, branches, rules, missed, places, urls;
+with --format html one page that loads nothing and runs no script.
+
+Exit status:
+)";
+
+struct CoverArguments {
+  ChosenScript script;
+  std::vector<std::string> urls;
+  std::optional<std::string> list;
+  SimulatedEnvironment environment;
+  std::string format = "text";
+};
+
+Json shareJson(const Share& share) {
+  return {{"reached", share.reached}, {"all", share.all}};
+}
+
+Json missJson(const InstrumentedScript& script, const MissedRule& rule) {
+  const auto& place = script.places[rule.place];
+  Json json{{"line", place.line}, {"column", place.column}, {"source", place.source}};
+  json["dead"] = rule.isDead;
+  json["reached_by"] = rule.reachedBy.empty() ? Json() : Json(rule.reachedBy);
+  json["shadowed_by_line"] =
+      rule.shadow && rule.reachedBy.empty() ? Json(script.places[*rule.shadow].line) : Json();
+  json["shadowed_url"] = rule.shadowedUrl.empty() ? Json() : Json(rule.shadowedUrl);
+  return json;
+}
+
+Json jsonOf(const std::string& file, const InstrumentedScript& script, const Coverage& coverage) {
+  Json json{{"file", file}};
+  json["statements"] = shareJson(coverage.statements);
+  json["branches"] = shareJson(coverage.branches);
+  json["rules"] = shareJson(coverage.rules);
+  json["missed"] = Json::array();
+  for (const auto& rule : coverage.missed) json["missed"].push_back(missJson(script, rule));
+  json["places"] = Json::array();
+  for (const auto& total : coverage.places) {
+    const auto& place = script.places[total.place];
+    json["places"].push_back({{"kind", place.kind},
+                              {"line", place.line},
+                              {"column", place.column},
+                              {"reached", total.reached},
+                              {"true", total.truthy},
+                              {"false", total.falsy}});
+  }
+  json["urls"] = Json::array();
+  for (const auto& url : coverage.urls) {
+    json["urls"].push_back(
+        {{"url", withoutPassword(url.url)},
+         {"times", url.times},
+         {"result", url.result ? Json(*url.result) : Json()},
+         {"error", url.result ? Json() : Json(url.error)},
+         {"line", url.decidedBy ? Json(script.places[*url.decidedBy].line) : Json()},
+         {"different", url.isDifferent}});
+  }
+  return json;
+}
+
+void printText(const std::string& file, const InstrumentedScript& script,
+               const Coverage& coverage) {
+  std::vector<std::pair<std::string, std::string>> lines{
+      {"statements", shownShare(coverage.statements)},
+      {"branches", shownShare(coverage.branches)},
+      {"rules", shownShare(coverage.rules)}};
+  for (const auto& rule : coverage.missed) {
+    const auto& place = script.places[rule.place];
+    lines.emplace_back("line " + std::to_string(place.line),
+                       "return " + place.source + "  " + shownMiss(script, rule));
+  }
+  for (const auto& note : script.notes)
+    lines.emplace_back("note", "line " + std::to_string(note.line) + ": " + note.text);
+  for (const auto& url : coverage.urls)
+    if (url.isDifferent)
+      lines.emplace_back("wrong", "watched, the script answers otherwise: " + url.url);
+  std::vector<Row> rows;
+  for (const auto& [name, value] : lines) rows.push_back({name, value});
+  printBlock(file, rows);
+}
+
+ExitStatus cover(const CoverArguments& arguments, const pac_engine::Options& options) {
+  const auto bytes = readChosenScript(arguments.script);
+  const auto file = shownName(arguments.script.file);
+  TracedScript script(bytes, arguments.script.file, options);
+  const auto parser = openParser(bytes, file);
+  const auto coverage = coverageOf(script, *parser, file, arguments.urls);
+  if (arguments.format == "json") {
+    printJson(jsonOf(file, script.script(), coverage));
+  } else if (arguments.format == "html") {
+    client::printText(coveragePage(file, script.script(), coverage));
+  } else {
+    printText(file, script.script(), coverage);
+  }
+  return kAnswered;
+}
+
+}  // namespace
+
+void addPacCover(CLI::App& pac, Action& action) {
+  auto* const command = pac.add_subcommand("cover", "Shows what URLs reach in a PAC script.");
+  const auto arguments = std::make_shared<CoverArguments>();
+  addChosenScript(*command, arguments->script, arguments->urls);
+  addText(*command, "-f,--file", "FILE", arguments->list,
+          "URLs, one a line, or an access log; \"-\" is\nstandard input");
+  addEnvironmentOptions(*command, arguments->environment);
+  command->add_option("--format", arguments->format, "text, json or html; by default text")
+      ->check(CLI::IsMember({"text", "json", "html"}))
+      ->option_text("FORMAT");
+  command->footer(std::string(kFooter) +
+                  statusHelp({{kAnswered, "the coverage is printed"}}, kScriptStatuses));
+  command->callback([arguments, &action] {
+    settleChosenScript(arguments->script, arguments->urls);
+    if (arguments->script.file == "-" && arguments->list == "-") {
+      throw CLI::ValidationError("-f", "standard input holds the script already");
+    }
+    if (arguments->list)
+      for (auto& url : readLoggedUrls(*arguments->list)) arguments->urls.push_back(std::move(url));
+    if (arguments->urls.empty()) throw CLI::RequiredError("-f");
+    action = [arguments, options = engineOptions(arguments->environment)] {
+      return cover(*arguments, options);
+    };
+  });
+}
+
+}  // namespace client

@@ -1,0 +1,13 @@
+// `proxymanagerctl pac cover`: what a list of URLs reaches in a PAC script.
+#pragma once
+
+#include <CLI/App.hpp>
+
+#include "client/ctl/commands/command.h"
+
+namespace client {
+
+/// Adds `cover` to the command `pac`. Parsing it sets `action`.
+void addPacCover(CLI::App& pac, Action& action);
+
+}  // namespace client

@@ -1,0 +1,174 @@
+#include "client/ctl/commands/pac_diff_command.h"
+
+#include <CLI/CLI.hpp>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "client/ctl/commands/option_text.h"
+#include "client/ctl/commands/script_on_trial.h"
+#include "client/ctl/commands/simulated_environment.h"
+#include "client/ctl/commands/traced_script.h"
+#include "client/ctl/terminal/logged_urls.h"
+#include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/script_file.h"
+#include "client/ctl/terminal/shown_text.h"
+
+namespace client {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr const char* kFooter = R"(Output:
+  The number of URLs, and of those that the two scripts answer differently.
+  Then a block for each pair of rules that differ: the line and answer of OLD,
+  those of NEW, how many URLs, and the first of them. Without URLs both scripts
+  are searched for hosts, networks and patterns, and URLs are made from them:
+  a difference that depends on another URL is then not found. With --json an
+  object: old, new, urls, different, generated and groups.
+
+Exit status:
+)";
+
+/// URLs that are made from each of the two scripts.
+constexpr std::size_t kMostMade = 2000;
+constexpr std::size_t kMostShown = 3;
+
+struct DiffArguments {
+  std::string oldFile;
+  std::string newFile;
+  std::optional<std::string> list;
+  SimulatedEnvironment environment;
+  bool json = false;
+};
+
+/// How one script answers: where it was decided, and the answer or why there is none.
+struct Decision {
+  std::size_t line = 0;  ///< 0 if no return decided
+  std::string text;
+  auto operator<=>(const Decision&) const = default;
+};
+
+Decision decisionOf(TracedScript& script, const std::string& url) {
+  const auto asked = script.ask(url, std::nullopt);
+  const auto line = asked.decidedBy ? script.script().places[*asked.decidedBy].line : 0;
+  const auto& answer = asked.answer;
+  return {line, answer.result ? *answer.result : "no answer: " + answer.error.value_or("")};
+}
+
+void addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::string_view script,
+             const std::string& file) {
+  const auto parser = openParser(script, file);
+  const auto report = askParser(*parser, "urls", {{"most", kMostMade}}, file);
+  for (const auto& row : report.at("urls")) {
+    auto url = row.at(0).get<std::string>();
+    if (known.insert(url).second) urls.push_back(std::move(url));
+  }
+}
+
+using Groups = std::map<std::pair<Decision, Decision>, std::vector<std::string>>;
+
+std::string shown(const Decision& decision) {
+  return (decision.line == 0 ? "" : "line " + std::to_string(decision.line) + ": ") + decision.text;
+}
+
+void printGroups(const Groups& groups, const std::string& summary) {
+  printLine(summary);
+  for (const auto& [decisions, urls] : groups) {
+    std::vector<Row> rows{{"old", shown(decisions.first), Tone::kBad},
+                          {"new", shown(decisions.second), Tone::kGood}};
+    for (std::size_t i = 0; i < std::min(urls.size(), kMostShown); ++i)
+      rows.push_back({"url", withoutPassword(urls[i])});
+    printBlock(std::to_string(urls.size()) + (urls.size() == 1 ? " URL" : " URLs"), rows);
+  }
+}
+
+Json decisionJson(const Decision& decision) {
+  return {{"line", decision.line == 0 ? Json() : Json(decision.line)}, {"answer", decision.text}};
+}
+
+Json groupsJson(const Groups& groups) {
+  Json json = Json::array();
+  for (const auto& [decisions, urls] : groups) {
+    Json shownUrls = Json::array();
+    for (const auto& url : urls) shownUrls.push_back(withoutPassword(url));
+    json.push_back({{"old", decisionJson(decisions.first)},
+                    {"new", decisionJson(decisions.second)},
+                    {"urls", std::move(shownUrls)}});
+  }
+  return json;
+}
+
+ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& options) {
+  const auto oldBytes = readScript(arguments.oldFile);
+  const auto newBytes = readScript(arguments.newFile);
+  TracedScript oldScript(oldBytes, arguments.oldFile, options);
+  TracedScript newScript(newBytes, arguments.newFile, options);
+  std::vector<std::string> urls;
+  std::set<std::string> known;
+  if (arguments.list) {
+    for (auto& url : readLoggedUrls(*arguments.list))
+      if (known.insert(url).second) urls.push_back(std::move(url));
+  } else {
+    addMade(urls, known, oldBytes, shownName(arguments.oldFile));
+    addMade(urls, known, newBytes, shownName(arguments.newFile));
+  }
+  Groups groups;
+  std::size_t different = 0;
+  for (const auto& url : urls) {
+    auto decisions = std::pair(decisionOf(oldScript, url), decisionOf(newScript, url));
+    if (decisions.first.text == decisions.second.text) continue;
+    ++different;
+    groups[std::move(decisions)].push_back(url);
+  }
+  if (arguments.json) {
+    printJson({{"old", arguments.oldFile},
+               {"new", arguments.newFile},
+               {"urls", urls.size()},
+               {"different", different},
+               {"generated", !arguments.list},
+               {"groups", groupsJson(groups)}});
+  } else {
+    printGroups(groups, std::to_string(different) + " of " + std::to_string(urls.size()) +
+                            (arguments.list ? " URLs" : " URLs made from the scripts") +
+                            " are answered differently");
+  }
+  return different == 0 ? kAnswered : kNoAnswer;
+}
+
+}  // namespace
+
+void addPacDiff(CLI::App& pac, Action& action) {
+  auto* const command = pac.add_subcommand("diff", "Shows where two PAC scripts differ.");
+  const auto arguments = std::make_shared<DiffArguments>();
+  command->add_option("OLD", arguments->oldFile, "The one PAC script")
+      ->required()
+      ->option_text(" ");
+  command->add_option("NEW", arguments->newFile, "The other one; one of both may be \"-\"")
+      ->required()
+      ->option_text(" ");
+  addText(*command, "-f,--file", "FILE", arguments->list,
+          "URLs, one a line, or an access log; without\nit they are made from the scripts");
+  addEnvironmentOptions(*command, arguments->environment);
+  command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
+  command->footer(std::string(kFooter) +
+                  statusHelp({{kAnswered, "both answer all URLs alike"},
+                              {kNoAnswer, "at least one URL is answered differently"}},
+                             kScriptStatuses));
+  command->callback([arguments, &action] {
+    if (arguments->oldFile == "-" && arguments->newFile == "-") {
+      throw CLI::ValidationError("NEW", "standard input holds the other script already");
+    }
+    action = [arguments, options = engineOptions(arguments->environment)] {
+      return diff(*arguments, options);
+    };
+  });
+}
+
+}  // namespace client
