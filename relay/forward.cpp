@@ -87,6 +87,7 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
   if (!canReuse) mServer.reset();
   mIsReused = canReuse;
   bool isAuthenticated = false;
+  mFresh.reset();
   while (true) {
     if (!mServer) {
       mServer = co_await route.next();
@@ -106,6 +107,7 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
       continue;
     }
     if (result == Exchange::kAuthenticate) result = Exchange::kAuthentication;
+    mFresh.reset();
     // A kept connection may have ended since; nothing is wrong with its proxy then.
     if (wasReused && result == Exchange::kNoAnswer && !mIsBodyStarted &&
         isRepeatable(request.method)) {
@@ -196,10 +198,10 @@ Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
 std::string Session::authorization(const RequestHead& request, const Route& route) {
   if (!mServer->isAbsoluteForm) return {};
   const auto known = mContext.challenges.find(mServer->entry.name());
-  if (known == mContext.challenges.end()) return {};
+  if (!mFresh && known == mContext.challenges.end()) return {};
   const auto credentials = mContext.credentialsFor(mServer->entry, route.mode(), mPeer);
   if (credentials.user.empty()) return {};
-  auto& challenge = known->second;
+  auto& challenge = mFresh ? *mFresh : known->second;
   return authorizationFor(challenge.challenge, credentials, request.method,
                           targetFor(request, route), challenge.clientNonce, ++challenge.count);
 }
@@ -215,9 +217,18 @@ bool Session::canAuthenticate(const ResponseHead& response, const Route& route) 
   known.challenge = readChallenges(values);
   if (known.challenge.scheme == Challenge::Scheme::kNone) return false;
   known.clientNonce = newClientNonce();
-  if (mContext.challenges.size() >= kMaxChallenges) mContext.challenges.clear();
-  mContext.challenges[mServer->entry.name()] = std::move(known);
+  // A proxy refuses a count of a nonce that comes after a higher one. Requests that share a nonce
+  // may overtake each other, so the next attempt has one of its own.
+  mFresh = std::move(known);
   return true;
+}
+
+/// The proxy took the password: others use this nonce from now on.
+void Session::shareChallenge() {
+  if (!mFresh) return;
+  if (mContext.challenges.size() >= kMaxChallenges) mContext.challenges.clear();
+  mContext.challenges[mServer->entry.name()] = *std::move(mFresh);
+  mFresh.reset();
 }
 
 Task<Session::Exchange> Session::answer(const RequestHead& request, const Route& route) {
@@ -236,6 +247,7 @@ Task<Session::Exchange> Session::answer(const RequestHead& request, const Route&
     co_return canAuthenticate(response, route) ? Exchange::kAuthenticate
                                                : Exchange::kAuthentication;
   }
+  shareChallenge();
   co_return co_await relayResponse(request, response);
 }
 

@@ -115,6 +115,10 @@ void ProxyConnector::setUp(Transfer& transfer, Clock::duration limit) {
   curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, milliseconds);
   curl_easy_setopt(handle, CURLOPT_OPENSOCKETFUNCTION, onOpen);
   curl_easy_setopt(handle, CURLOPT_OPENSOCKETDATA, &transfer);
+  // libcurl keeps what it has read of a file of certificates for all connections, of a folder 0.9
+  // MiB for each. The system's file holds the folder's.
+  curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+  curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, nullptr);
   // The socket of TLS stays libcurl's, longer than the transfer.
   if (transfer.isTls) return;
   curl_easy_setopt(handle, CURLOPT_CLOSESOCKETFUNCTION, onClose);

@@ -68,6 +68,7 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   static bool isWithoutAnswer(Exchange exchange);
   std::string authorization(const RequestHead& request, const Route& route);
   bool canAuthenticate(const ResponseHead& response, const Route& route);
+  void shareChallenge();
   Task<Exchange> answer(const RequestHead& request, const Route& route);
   Task<void> sendBody(const RequestHead& request);
   Task<bool> readResponse(const RequestHead& request, std::string& head, ResponseHead& response);
@@ -79,16 +80,17 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   const Peer mPeer;
   const bool mIsRefused;  ///< by allow-users or deny-users
   Slot mSlot;
-  std::string mIn;                  ///< read from the client, not used yet
-  std::optional<Upstream> mServer;  ///< of the last request in absolute form
-  std::string mServerDestination;   ///< what mServer leads to, if not an HTTP proxy
-  std::string mServerIn;            ///< read from mServer, not used yet
-  std::string mAuthorization;       ///< Proxy-Authorization for mServer
-  bool mIsReused = false;           ///< mServer was used before
-  bool mHasServerByte = false;      ///< mServer sent something since the request
-  bool mIsBodyStarted = false;      ///< bytes of the request's body have left
-  bool mIsBodySent = true;          ///< all of them
-  bool mIsInRequest = false;        ///< a request has begun, for what an expiry means
+  std::string mIn;                       ///< read from the client, not used yet
+  std::optional<Upstream> mServer;       ///< of the last request in absolute form
+  std::string mServerDestination;        ///< what mServer leads to, if not an HTTP proxy
+  std::string mServerIn;                 ///< read from mServer, not used yet
+  std::string mAuthorization;            ///< Proxy-Authorization for mServer
+  std::optional<KnownChallenge> mFresh;  ///< of a 407 to this request, for its next attempt alone
+  bool mIsReused = false;                ///< mServer was used before
+  bool mHasServerByte = false;           ///< mServer sent something since the request
+  bool mIsBodyStarted = false;           ///< bytes of the request's body have left
+  bool mIsBodySent = true;               ///< all of them
+  bool mIsInRequest = false;             ///< a request has begun, for what an expiry means
 };
 
 }  // namespace relay
