@@ -7,8 +7,9 @@ import subprocess
 import pytest
 from support.bus import wait_until
 from support.ctl import LIMIT
-from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, SITE, SOCKS, SOCKS_PROXY, by_network,
-                                  by_script)
+from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, PASSWORD, PASSWORD_HTTP,
+                                  PASSWORD_PROXY, PASSWORD_SOCKS, PASSWORD_SOCKS_PROXY, SITE, SOCKS,
+                                  SOCKS_PROXY, USER, by_network, by_script)
 from support.relay import Relay
 
 pytestmark = pytest.mark.usefixtures("own_network")
@@ -77,3 +78,31 @@ def test_socks_programs_follow_too(relay, client):
     for scheme in ("socks4a", "socks5h"):
         status, output, errors = run(*CURL, "-x", f"{scheme}://127.0.0.1:3128", f"https://{SITE}/way")
         assert (status, output) == (0, HTTP), f"{scheme}: {errors}"
+
+
+def test_the_password_of_the_manual_proxy_is_the_relays_to_give(relay, client):
+    client.update("manual", f"http://{PASSWORD_PROXY}", auth=True, user=USER, password=PASSWORD)
+    relay.start()
+    follows(PASSWORD_HTTP)
+    assert ways() == {PASSWORD_HTTP}
+    client.update("manual", f"socks5h://{PASSWORD_SOCKS_PROXY}", auth=True, user=USER,
+                  password=PASSWORD)
+    follows(PASSWORD_SOCKS)
+    assert ways() == {PASSWORD_SOCKS}
+
+
+def test_a_script_names_nobody_who_gets_a_password(relay, client, port80, proxies):
+    with open("/run/credentials", "w") as file:
+        file.write(f'["{PASSWORD_PROXY}"]\nuser = "{USER}"\npassword = "{PASSWORD}"\n')
+    relay.configure('credentials-file = "/run/credentials"\n')
+    by_script(client, port80, f"PROXY {PASSWORD_PROXY}")
+    relay.start()
+    status, _, errors = run(*CURL, PAGE)
+    assert status == 22 and "502" in errors, errors
+    assert not proxies.has_been_asked_by("curl")
+    relay.stop()
+    relay.configure('credentials-file = "/run/credentials"\n'
+                    f'credentials-hosts = ["{PASSWORD_PROXY}"]\n')
+    relay.start()
+    follows(PASSWORD_HTTP)
+    assert ways() == {PASSWORD_HTTP}
