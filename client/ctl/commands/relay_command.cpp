@@ -69,7 +69,7 @@ ExitStatus disable() {
 
 void addRelayCommand(CLI::App& program, Action& action) {
   auto* const relay =
-      program.add_subcommand("relay", "Makes the relay the proxy of programs, or not (root).");
+      program.add_subcommand("relay", "Makes the relay the proxy of programs, or not.");
   relay->require_subcommand(1);
   auto* const on = relay->add_subcommand("enable", "Sets the relay as the proxy of programs.");
   on->footer(kEnableFooter + statusHelp({{kAnswered, "done"},
