@@ -24,4 +24,16 @@ inline void wipe(std::string& text) noexcept {
   text.clear();
 }
 
+/// Wipes `text`, which lives longer, at the end of its own scope.
+class WipedAtEnd {
+ public:
+  explicit WipedAtEnd(std::string& text) : mText(text) {}
+  WipedAtEnd(const WipedAtEnd&) = delete;
+  WipedAtEnd& operator=(const WipedAtEnd&) = delete;
+  ~WipedAtEnd() { wipe(mText); }
+
+ private:
+  std::string& mText;
+};
+
 }  // namespace base

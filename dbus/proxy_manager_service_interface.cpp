@@ -1,5 +1,6 @@
 #include "dbus/proxy_manager_service_interface.h"
 
+#include "base/wipe.h"
 #include "dbus/valid_text.h"
 
 namespace com {
@@ -58,6 +59,13 @@ void append(MessageIter& writer, const std::string& text) {
   writer.append_string(validText(text).c_str());
 }
 
+// A text of the configuration. A password may be in each: URLs hold some, too.
+void appendSecret(MessageIter& writer, const std::string& text) {
+  std::string valid = validText(text);
+  const base::WipedAtEnd wiped(valid);
+  writer.append_string(valid.c_str());
+}
+
 std::string readText(MessageIter& reader) {
   std::string text = reader.get_string();
   ++reader;
@@ -95,10 +103,10 @@ void ProxyManagerServiceInterface_adaptor::notifyProxyConfigupdated(const std::s
                                                                     const std::string& password) {
   SignalMessage signal("notifyProxyConfigupdated");
   MessageIter writer = signal.writer();
-  append(writer, proxymode);
-  append(writer, proxyurl);
-  append(writer, username);
-  append(writer, password);
+  appendSecret(writer, proxymode);
+  appendSecret(writer, proxyurl);
+  appendSecret(writer, username);
+  appendSecret(writer, password);
   emit_signal(signal);
 }
 
@@ -132,12 +140,13 @@ Message ProxyManagerServiceInterface_adaptor::_getProxyurl_stub(const CallMessag
 }
 
 Message ProxyManagerServiceInterface_adaptor::_getProxyconfig_stub(const CallMessage& call) {
-  const ProxyConfigTexts texts = getProxyconfig();
+  ProxyConfigTexts texts = getProxyconfig();
   ReturnMessage reply(call);
   MessageIter writer = reply.writer();
   MessageIter members = writer.new_struct();
-  for (const auto* text : {&texts._1, &texts._2, &texts._3, &texts._4, &texts._5, &texts._6}) {
-    append(members, *text);
+  for (auto* text : {&texts._1, &texts._2, &texts._3, &texts._4, &texts._5, &texts._6}) {
+    const base::WipedAtEnd wiped(*text);
+    appendSecret(members, *text);
   }
   writer.close_container(members);
   return reply;
@@ -146,11 +155,15 @@ Message ProxyManagerServiceInterface_adaptor::_getProxyconfig_stub(const CallMes
 Message ProxyManagerServiceInterface_adaptor::_updateProxyconfig_stub(const CallMessage& call) {
   MessageIter reader = call.reader();
   const std::string mode = readText(reader);
-  const std::string proxyurl = readText(reader);
-  const std::string pacurl = readText(reader);
+  std::string proxyurl = readText(reader);
+  const base::WipedAtEnd wipedProxyurl(proxyurl);
+  std::string pacurl = readText(reader);
+  const base::WipedAtEnd wipedPacurl(pacurl);
   const bool enableauth = readBool(reader);
-  const std::string userName = readText(reader);
-  const std::string password = readText(reader);
+  std::string userName = readText(reader);
+  const base::WipedAtEnd wipedUserName(userName);
+  std::string password = readText(reader);
+  const base::WipedAtEnd wipedPassword(password);
   const std::int32_t httpCode =
       updateProxyconfig(mode, proxyurl, pacurl, enableauth, userName, password);
   ReturnMessage reply(call);

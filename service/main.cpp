@@ -17,6 +17,7 @@
 #include <exception>
 #include <future>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -107,9 +108,9 @@ void registerProcess() {
 }
 
 /// For a person who starts the daemon by hand, and does not look into the log.
-void showOnTerminal(const char* problem, const char* detail) {
+void showOnTerminal(const std::string& problem) {
   if (isatty(STDERR_FILENO) != 1) return;
-  std::fprintf(stderr, "%s: %s%s\n", kProcessName, problem, detail);
+  std::fprintf(stderr, "%s: %s\n", kProcessName, problem.c_str());
 }
 
 /// Other arguments change nothing: a supervisor may pass some.
@@ -121,7 +122,7 @@ bool printedWhatWasAskedFor(int argc, char** argv) {
   } else if (argument == "--version") {
     std::printf("%s %s\n", kProcessName, PROXYMANAGER_VERSION);
   } else {
-    if (argc > 1) showOnTerminal("arguments are ignored; see --help: ", argv[1]);
+    if (argc > 1) showOnTerminal(std::string("arguments are ignored; see --help: ") + argv[1]);
     return false;
   }
   return true;
@@ -157,7 +158,7 @@ int main(int argc, char** argv) {
   limitItself();
   if (create_varrunpid(kProcessName) != 0) {
     logLine(LOG_ERR, "main Only one instance of proxymanager_service can run at a time");
-    showOnTerminal("another instance runs, or its run file cannot be taken; the log has more", "");
+    showOnTerminal("another instance runs, or its run file cannot be taken; the log has more");
     std::exit(EXIT_FAILURE);
   }
   const sigset_t open = blockSignals();
@@ -173,7 +174,7 @@ int main(int argc, char** argv) {
     service->start();
   } catch (const std::exception& error) {
     logLine(LOG_ERR, "main the service cannot start: %s", error.what());
-    showOnTerminal("the service cannot start: ", error.what());
+    showOnTerminal(std::string("the service cannot start: ") + error.what());
     return EXIT_FAILURE;
   }
   while (!g_time_to_quit) {

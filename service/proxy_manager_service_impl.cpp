@@ -21,6 +21,10 @@ std::string textOf(const char* text) {
   return text == nullptr ? std::string() : text;
 }
 
+void assign(std::string& text, const char* value) {
+  if (value != nullptr) text = value;
+}
+
 char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
@@ -110,11 +114,12 @@ com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
   const Lock lock(mConfigMutex);
   com::zentu::ProxyConfigTexts texts;
   texts._1 = proxyMode2Str(mConfig->mode);
-  texts._2 = textOf(mConfig->proxyurl);
-  texts._3 = textOf(mConfig->pacurl);
+  // No temporary texts: they would leave a copy of the password behind.
+  assign(texts._2, mConfig->proxyurl);
+  assign(texts._3, mConfig->pacurl);
   texts._4 = mConfig->enableauth ? "y" : "n";
-  texts._5 = textOf(mConfig->userName);
-  texts._6 = textOf(mConfig->password);
+  assign(texts._5, mConfig->userName);
+  assign(texts._6, mConfig->password);
   return texts;
 }
 

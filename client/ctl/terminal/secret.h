@@ -13,17 +13,7 @@ namespace client {
 /// 8 KiB, in which a password travels, with more around it.
 inline constexpr std::size_t kMaxSecretBytes = 4096;
 
-/// Wipes `text`, which lives longer, at the end of its own scope.
-class WipedAtEnd {
- public:
-  explicit WipedAtEnd(std::string& text) : mText(text) {}
-  WipedAtEnd(const WipedAtEnd&) = delete;
-  WipedAtEnd& operator=(const WipedAtEnd&) = delete;
-  ~WipedAtEnd() { base::wipe(mText); }
-
- private:
-  std::string& mText;
-};
+using base::WipedAtEnd;
 
 /// A text that is wiped from memory before it is let go.
 class Secret {

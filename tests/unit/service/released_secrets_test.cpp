@@ -1,0 +1,104 @@
+// What is left of a password in the texts that the daemon releases. The messages of the bus library
+// are not among them: its buffers cannot be overwritten.
+#include <gtest/gtest.h>
+#include <malloc.h>
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <utility>
+
+#include "service/proxy_manager_service_impl.h"
+#include "tests/support/own_root.h"
+#include "tests/support/private_bus.h"
+
+namespace {
+
+// Longer than the text that a std::string holds inside itself.
+constexpr const char* kPassword = "correct-horse-battery-staple-of-the-test-with-no-equal";
+constexpr const char* kUrl = "http://u:correct-horse-battery-staple-of-the-test-with-no-equal@p:1";
+
+std::atomic<bool> watches{false};
+std::atomic<int> released{0};      // blocks
+std::atomic<int> withPassword{0};  // of these
+
+}  // namespace
+
+// C++ objects are released here; what the bus library, which is in C, releases is not.
+void* operator new(std::size_t size) {
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  if (memory != nullptr && watches) {
+    ++released;
+    const std::size_t length = std::strlen(kPassword);
+    if (memmem(memory, malloc_usable_size(memory), kPassword, length) != nullptr) ++withPassword;
+  }
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept {
+  operator delete(memory);
+}
+
+namespace {
+
+// First of all, for it may have one thread only.
+struct OwnRoot {
+  OwnRoot() { enterOwnRoot(); }
+};
+
+class ReleasedSecrets : private OwnRoot, public testing::Test {
+ protected:
+  void SetUp() override { mService.start(); }
+
+  // From a connection of its own; without a C++ text of the password.
+  static void call(const char* member, std::array<const char*, 5> texts) {
+    DBus::BusDispatcher loop;
+    auto* const own = std::exchange(DBus::default_dispatcher, &loop);
+    {
+      DBus::Connection client(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
+      client.register_bus();
+      DBus::CallMessage call("com.zentu.ProxyManagerService", "/com/zentu/ProxyManagerService",
+                             "com.zentu.ProxyManagerServiceInterface", member);
+      if (texts.front() != nullptr) {
+        DBus::MessageIter writer = call.writer();
+        for (std::size_t i = 0; i < 3; ++i) writer.append_string(texts[i]);
+        writer.append_bool(true);
+        for (std::size_t i = 3; i < 5; ++i) writer.append_string(texts[i]);
+      }
+      client.send_blocking(call, 20'000);
+    }
+    DBus::default_dispatcher = own;
+  }
+
+  PrivateBus mBus;
+  ProxyManagerServiceImpl mService;
+};
+
+TEST_F(ReleasedSecrets, HoldNoPasswordAfterItWasHandedOverReadAndReplaced) {
+  watches = true;
+  call("updateProxyconfig", {"manual", "p:1", "", "user", kPassword});
+  call("getProxyconfig", {});
+  call("updateProxyconfig", {"off", "", "", "", ""});
+  EXPECT_GT(released, 20);
+  EXPECT_EQ(withPassword, 0);
+  mService.stop();
+  watches = false;
+  EXPECT_EQ(withPassword, 0);
+}
+
+// Log lines and the answers for programs hold such a URL as it is. The configuration does not.
+TEST_F(ReleasedSecrets, HoldNoPasswordOfAUrlAfterItWasHandedOverReadAndReplaced) {
+  watches = true;
+  call("updateProxyconfig", {"off", kUrl, kUrl, "", ""});
+  call("updateProxyconfig", {"manual", kUrl, kUrl, "", ""});
+  call("getProxyconfig", {});
+  mService.stop();
+  watches = false;
+  EXPECT_EQ(withPassword, 0);
+}
+
+}  // namespace
