@@ -1,5 +1,6 @@
 #include "dbus/call_order.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -69,6 +70,7 @@ CallOrder::Connections::iterator CallOrder::first(Kind kind, bool onlyPrivileged
     if (connection.calls.empty() || connection.calls.front().kind != kind) continue;
     const auto& user = mUsers.at(connection.user);
     if (onlyPrivileged && !user.goesFirst) continue;
+    if (mOnlyModest && user.isRefused) continue;
     const std::pair turn(user.lastTurn[indexOf(kind)], connection.lastTurn[indexOf(kind)]);
     if (best != mConnections.end() && bestTurn <= turn) continue;
     best = it;
@@ -98,8 +100,35 @@ void CallOrder::standBehind() {
   mUsers.at(found->second.user).lastTurn[indexOf(mLastKind)] = mTurn;
 }
 
+void CallOrder::noteRefused(const std::string& sender) {
+  const auto found = mConnections.find(sender);
+  if (found != mConnections.end()) mUsers.at(found->second.user).isRefused = true;
+}
+
+void CallOrder::forgetRefused() {
+  for (auto& [name, user] : mUsers) user.isRefused = false;
+}
+
+bool CallOrder::modestWaits() const {
+  return std::any_of(mConnections.begin(), mConnections.end(), [this](const auto& entry) {
+    return !entry.second.calls.empty() && !mUsers.at(entry.second.user).isRefused;
+  });
+}
+
+std::optional<DBus::CallMessage> CallOrder::nextOfModest() {
+  if (!modestWaits()) return std::nullopt;
+  mOnlyModest = true;
+  auto call = take();
+  mOnlyModest = false;
+  return call;
+}
+
 std::optional<DBus::CallMessage> CallOrder::next() {
   if (mWaiting == 0) return std::nullopt;
+  return take();
+}
+
+std::optional<DBus::CallMessage> CallOrder::take() {
   standBehind();
   const auto chosen = choose();
   auto& connection = chosen->second;
@@ -133,10 +162,12 @@ std::vector<DBus::CallMessage> CallOrder::setUser(const std::string& sender, uns
     user.lastTurn = mUsers.at(connection.user).lastTurn;
     user.goesFirst = number == 0 || number == mOwnUser;
   }
+  const bool wasRefused = mUsers.at(connection.user).isRefused;
   leaveUser(connection);
   connection.user = key;
   ++user.connections;
   user.questions += connection.questions;
+  user.isRefused = user.isRefused || wasRefused;
   while (user.questions > kMaxOfUser && !connection.calls.empty() &&
          connection.calls.back().kind == Kind::kQuestion) {
     excess.push_back(connection.calls.back().call);

@@ -61,6 +61,13 @@ class CallOrder {
   /// Takes the next call. @return nothing if none waits
   std::optional<DBus::CallMessage> next();
 
+  /// A call of `sender` was refused. Until forgetRefused() its user is not modest.
+  void noteRefused(const std::string& sender);
+  void forgetRefused();
+
+  /// Takes the next call of a modest user. @return nothing if none waits
+  std::optional<DBus::CallMessage> nextOfModest();
+
   /// The user of a connection is known. @return the questions beyond the user's bound, the newest
   /// ones, which wait no longer
   std::vector<DBus::CallMessage> setUser(const std::string& sender, unsigned long user);
@@ -80,6 +87,7 @@ class CallOrder {
     std::size_t questions = 0;
     std::size_t connections = 0;
     bool goesFirst = false;
+    bool isRefused = false;  // a call of it
   };
   struct Waiting {
     Kind kind;
@@ -96,6 +104,8 @@ class CallOrder {
 
   Connections::iterator first(Kind kind, bool onlyPrivileged);
   Connections::iterator choose();
+  bool modestWaits() const;
+  std::optional<DBus::CallMessage> take();
   Connection& connectionOf(const std::string& sender);
   void standBehind();
   void leaveUser(const Connection& connection);
@@ -109,6 +119,7 @@ class CallOrder {
   std::size_t mUnnamed = 0;  // connections that takeUnknown() has not named
   std::uint64_t mTurn = 0;
   unsigned mPlainServed = 0;
-  std::string mLastServed;  // a connection; empty: it has left, or stands behind the others
+  bool mOnlyModest = false;  // while such a call is chosen
+  std::string mLastServed;   // a connection; empty: it has left, or stands behind the others
   Kind mLastKind = Kind::kPlain;
 };

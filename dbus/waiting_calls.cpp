@@ -84,8 +84,10 @@ void WaitingCalls::letWait(const DBus::CallMessage& call, Kind kind, const std::
     mOrder.add(sender, kind, call);
   } else if (kind == Kind::kPlain) {
     mServe(call);
-  } else {
+  } else if (isShort(call)) {
     refuseOne(call, sender);
+  } else {
+    mRefuse(call);  // too long to be kept
   }
 }
 
@@ -101,20 +103,34 @@ int WaitingCalls::takeTurn() {
     if (mMarker != 0) mOrder.noteServed(senderOf(call), mOnlyKind);
     return untilNext;
   }
-  if (mOrder.waiting() == 0) {
+  if (mOrder.waiting() == 0 && mRefusedCalls.empty()) {
     beIdle();
     return -1;
   }
   if (mOrder.waiting() > kCrowd) askForUsers();
-  return serve(*mOrder.next());
+  if (mRefusedCalls.empty()) return serve(*mOrder.next());
+  if (const auto call = mOrder.nextOfModest()) return serve(*call);
+  answerRefused();
+  return 0;
+}
+
+void WaitingCalls::answerRefused() {
+  for (auto left = std::min(mRefusedCalls.size(), kRefusedAtOnce); left > 0; --left) {
+    mRefuse(mRefusedCalls.front());
+    mRefusedCalls.pop_front();
+  }
+  if (mRefusedCalls.empty()) mOrder.forgetRefused();
 }
 
 int WaitingCalls::serve(const DBus::CallMessage& call) {
   const auto begin = Clock::now();
   mServe(call);
-  if (Clock::now() - begin < kLongTurn) return mOrder.waiting() > 0 ? 0 : -1;
+  if (Clock::now() - begin < kLongTurn) {
+    return mOrder.waiting() > 0 || !mRefusedCalls.empty() ? 0 : -1;
+  }
   mReadLimit = Clock::now() + kReadLimit;
   mMarker = ask("GetId", "");
+  mWaitsForUsers = false;
   return millisecondsUntil(mReadLimit);
 }
 
@@ -128,6 +144,7 @@ void WaitingCalls::beIdle() {
 void WaitingCalls::serveAll() {
   queueTheOnlyOne();
   while (auto call = mOrder.next()) mServe(*call);
+  for (const auto& call : std::exchange(mRefusedCalls, {})) mServe(call);
   mMarker = 0;
 }
 
@@ -176,7 +193,16 @@ bool WaitingCalls::onMessage(const DBus::Message& message) {
 
 void WaitingCalls::onReply(const DBus::Message& reply) {
   const auto serial = static_cast<std::uint32_t>(reply.reply_serial());
-  if (serial == mMarker) mMarker = 0;
+  noteUser(serial, reply);
+  if (serial != mMarker) return;
+  mMarker = 0;
+  // The bus answers in order, so the last answer is enough; not those to later questions, of which
+  // programs that connect all the time would make ever more.
+  if (mAsked.empty() || std::exchange(mWaitsForUsers, true)) return;
+  mMarker = mAsked.rbegin()->first;
+}
+
+void WaitingCalls::noteUser(std::uint32_t serial, const DBus::Message& reply) {
   const auto asked = mAsked.find(serial);
   if (asked == mAsked.end()) return;
   const auto name = asked->second;
@@ -199,5 +225,10 @@ void WaitingCalls::refuseOne(const DBus::CallMessage& call, const std::string& s
     mRefused = 0;
     mNextWarning = now + kWarningPause;
   }
-  mRefuse(call);
+  if (mMarker == 0 || mRefusedCalls.size() >= kMaxRefused) {
+    mRefuse(call);
+    return;
+  }
+  mRefusedCalls.push_back(call);
+  mOrder.noteRefused(sender);
 }

@@ -5,7 +5,14 @@
 // CallOrder. A turn that took long (an evaluation) leaves an unknown number of calls in the bus.
 // The bus is then asked a question of our own: what it had for us before lies before its answer, so
 // no call has a turn until that answer has come, or for kReadLimit. So the call of an administrator
-// is found behind thousands of others.
+// is found behind thousands of others. The answers about users that were asked for meanwhile are
+// waited for in the same way, once: each connection of a flood would else count as a user of its
+// own, and have a turn before a newcomer.
+//
+// A question beyond the bounds of CallOrder is refused. While calls are read, refused ones are kept
+// and answered afterwards, behind the calls of users of whom none was refused: each answer to a
+// flood brings its next call, and with some ten thousand calls open the bus needs longer for an
+// answer and a call than this thread does.
 //
 // Whose a connection is, and whether it has left, is asked of the bus, without waiting, only when
 // calls stand in each other's way: after a long turn, or when more than kCrowd wait. With fewer and
@@ -20,6 +27,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <optional>
@@ -42,6 +50,11 @@ class WaitingCalls {
   /// Longest URL of a question that waits behind others; the engine takes 8 KiB. Longer questions
   /// would fill the 63 MiB that libdbus keeps for messages that are not answered yet.
   static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
+  /// Refused calls that are kept while others are read: 256 connections of a user with the 128
+  /// calls that the system bus lets each wait for. Further ones are answered at once.
+  static constexpr std::size_t kMaxRefused = std::size_t{256} * 128;
+  /// Refused calls that are answered before others are read again.
+  static constexpr std::size_t kRefusedAtOnce = 64;
 
   /// @param connection outlives this object
   /// @param serve answers one call; throws nothing
@@ -72,7 +85,9 @@ class WaitingCalls {
   void listen(bool on);
   bool onMessage(const DBus::Message& message);
   void onReply(const DBus::Message& reply);
+  void noteUser(std::uint32_t serial, const DBus::Message& reply);
   void refuseOne(const DBus::CallMessage& call, const std::string& sender);
+  void answerRefused();
   void askForUsers();
   void watch(bool on);
   std::uint32_t ask(const char* method, const std::string& argument);
@@ -89,7 +104,9 @@ class WaitingCalls {
   CallOrder mOrder;
   std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user is asked for
   std::uint32_t mMarker = 0;                    // serial of the question behind which we read
+  bool mWaitsForUsers = false;                  // that question is the last one about a user
   Clock::time_point mReadLimit{};
+  std::deque<DBus::CallMessage> mRefusedCalls;  // not answered yet
   bool mWatches = false;
   Clock::time_point mNextWarning{};
   std::size_t mRefused = 0;

@@ -129,6 +129,40 @@ TEST_F(Order, DropsTheCallsOfAConnectionThatLeft) {
   EXPECT_EQ(rest(), Names{"c"});
 }
 
+TEST_F(Order, PassesOverTheUserOfARefusedCallUntilThatIsForgotten) {
+  ask(":1", "flood");
+  ask(":2", "another");
+  ask(":3", "q");
+  plain(":3", "p");
+  for (const char* sender : {":1", ":2"}) mOrder.setUser(sender, 1000);
+  mOrder.setUser(":3", 1001);
+  mOrder.noteRefused(":1");
+  EXPECT_STREQ(mOrder.nextOfModest()->member(), "q");
+  EXPECT_STREQ(mOrder.nextOfModest()->member(), "p");
+  EXPECT_FALSE(mOrder.nextOfModest());
+  mOrder.forgetRefused();
+  EXPECT_STREQ(mOrder.nextOfModest()->member(), "flood");
+  EXPECT_EQ(rest(), (Names{"another"}));
+}
+
+TEST_F(Order, KnowsThatACallWasRefusedBeforeItsUserWasKnown) {
+  for (const char* sender : {":1", ":2"}) ask(sender, std::string("q") + sender[1]);
+  mOrder.noteRefused(":1");
+  for (const char* sender : {":1", ":2"}) mOrder.setUser(sender, 1000);
+  EXPECT_FALSE(mOrder.nextOfModest());
+}
+
+TEST_F(Order, TheOneThatWasServedLastStaysBehindANewcomerThoughNoModestOneWaited) {
+  ask(":1", "first");
+  ask(":1", "second");
+  EXPECT_EQ(next(), "first");
+  mOrder.noteRefused(":1");
+  EXPECT_FALSE(mOrder.nextOfModest());
+  mOrder.forgetRefused();
+  ask(":2", "newcomer");
+  EXPECT_EQ(rest(), (Names{"newcomer", "second"}));
+}
+
 TEST_F(Order, NamesEachConnectionOnceWhoseUserIsNotKnown) {
   ask(":1", "a");
   ask(":1", "b");
