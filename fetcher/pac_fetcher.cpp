@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <utility>
 
 #include "base/log_line.h"
+#include "base/wipe.h"
 #include "fetcher/resolver_file.h"
 #include "fetcher/service_callbacks.h"
 #include "fetcher/target_file.h"
@@ -32,8 +34,20 @@ bool sameText(const char* a, const char* b) {
 }
 
 void replaceText(char*& mine, HeapText text) {
+  base::wipe(mine);  // a password may be in it
   std::free(mine);
   mine = text.release();
+}
+
+// proxyMode2Str() logs lines. A mode past wpad is walked as wpad.
+const char* textOf(ProxyMode mode) {
+  if (mode == off) return "off";
+  if (mode == manual) return "manual";
+  return mode == pacurl ? "pacurl" : "wpad";
+}
+
+std::int64_t now() {
+  return std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
 }
 
 }  // namespace
@@ -113,13 +127,16 @@ void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
     ++mConfigNumber;
     mTransferSwitch.interrupt();
   }
+  mStatus.mode = textOf(config.mode);  // fits into the text: nothing is allocated
+  mStatus.updated = now();
+  mStatusIsNew = true;
   // A request that waits is for a configuration that is no more.
   mRefetch = false;
   if (config.mode > manual) {
     logLine(LOG_NOTICE, "PACFetcher-updateProxyMgrConfig proxy mode >= pacurl refetch");
     mRefetch = true;
-    mCondition.notify_one();
   }
+  mCondition.notify_one();
 }
 
 bool PACFetcher::fileDownload(const std::string& url, const std::string& targetFile) {
@@ -147,6 +164,7 @@ int PACFetcher::retrievePacFile() {
   const ProxyMode mode = mConfig->mode;
   logLine(LOG_NOTICE, "PACFetcher-retrievePacFile proxy mode:%d", static_cast<int>(mode));
   if (mode <= manual) return 0;
+  mReport = {};
   const auto candidates = fetcher::candidatesOf(*mConfig);
   if (!candidates) return -1;
   const unsigned walk = mConfigNumber;
@@ -170,21 +188,26 @@ bool PACFetcher::mayGoOn(unsigned walk) const {
 PACFetcher::Attempt PACFetcher::tryCandidate(const std::string& url, unsigned walk) {
   logLine(LOG_NOTICE, "PACFetcher-retrievePacFile try to fileDownload url:%s", url.c_str());
   const std::string temporary = mPacFileName + kTemporaryEnding;
-  if (mayGoOn(walk) && !mStopping && fetch(url, temporary, walk)) return install(url, temporary);
+  std::string why = "not asked, as the walk was over";
+  if (mayGoOn(walk) && !mStopping && fetch(url, temporary, walk, why)) {
+    return install(url, temporary);
+  }
   logLine(LOG_ERR, "PACFetcher-retrievePacFile PAC file download failed url:%s", url.c_str());
   std::remove(temporary.c_str());
+  mReport.failed(url, why);
   return Attempt::failed;
 }
 
+/// @param why receives the reason of a failure
 /// @return whether a script is at `temporary`, and the configuration is still the walk's
-bool PACFetcher::fetch(const std::string& url, const std::string& temporary, unsigned walk) {
+bool PACFetcher::fetch(const std::string& url, const std::string& temporary, unsigned walk,
+                       std::string& why) {
   bool fetched = false;
   {
     const Unlock unlock(mMutex);
     const auto download = fetcher::download(url, temporary, {&mTransferSwitch, {}});
-    notifyStatus(download.success ? "PAC script downloaded"
-                                  : "PAC script not downloaded: " + download.error);
     fetched = download.success && isValidPacFile(temporary);
+    why = download.success ? "what it gives is no script" : download.error;
   }
   return fetched && mayGoOn(walk);
 }
@@ -195,10 +218,12 @@ PACFetcher::Attempt PACFetcher::install(const std::string& url, const std::strin
     logLine(LOG_ERR, "PACFetcher-retrievePacFile file rename failed tmpFile:%s, targetFile:%s",
             temporary.c_str(), mPacFileName.c_str());
     std::remove(temporary.c_str());
+    mReport.failed(url, "its script cannot be put in place");
     return attempt;
   }
   logLine(LOG_NOTICE, "PACFetcher-retrievePacFile PAC file download success url:%s", url.c_str());
   service_callbacks::notifyFileUpdated(mService);
+  mReport.installed(url);
   return Attempt::installed;
 }
 
@@ -207,7 +232,8 @@ void PACFetcher::pacFetcherThreadFunc() {
   logLine(LOG_INFO, "PACFetcher-pacFetcherThreadFunc called");
   while (mRunning) {
     Lock lock(mMutex);
-    if (!mRefetch && mRunning) {
+    reportStatus();
+    if (!mRefetch && !mStatusIsNew && mRunning) {
       mCondition.wait_until(lock.native(),
                             std::chrono::system_clock::now() + std::chrono::seconds(mInterval));
     }
@@ -218,6 +244,29 @@ void PACFetcher::pacFetcherThreadFunc() {
     } catch (const std::exception&) {
       // Out of memory, or what the service let out: a walk without a result, not the daemon's end.
     }
+    noteWalk();
+  }
+}
+
+void PACFetcher::noteWalk() {
+  mStatus.walked = now();
+  mStatusIsNew = true;
+  try {
+    if (mReport.hasScript()) mStatus.script = mStatus.walked;
+    mStatus.result = mReport.text();
+  } catch (const std::exception&) {
+    mStatus.result.clear();
+  }
+}
+
+void PACFetcher::reportStatus() {
+  if (!std::exchange(mStatusIsNew, false)) return;
+  try {
+    const auto line = base::describe(mStatus);
+    const Unlock unlock(mMutex);
+    notifyStatus(line);
+  } catch (const std::exception&) {
+    // No memory: the supervisor keeps the line that it has.
   }
 }
 

@@ -13,6 +13,9 @@
 // programs that hand over the same configuration in turn do not keep each other from loading the
 // script.
 //
+// The supervisor gets a line about mode, last update and last walk. Only the fetcher thread sends
+// it, since a supervisor that reads nothing must not hold up an update.
+//
 // What the members do stands in files of its own: walk (which URLs), wpad_candidates,
 // resolver_file, download with fetch_process and target_file, config_watch.
 #pragma once
@@ -24,9 +27,11 @@
 #include <thread>
 #include <vector>
 
+#include "base/daemon_status.h"
 #include "base/mutex.h"
 #include "fetcher/config_watch.h"
 #include "fetcher/download.h"
+#include "fetcher/walk_report.h"
 #include "service/records/proxy_config.h"
 #include "service/records/proxy_config_owner.h"
 
@@ -103,10 +108,12 @@ class PACFetcher {
 
   enum class Attempt { installed, failed, blockedByFolder };
   Attempt tryCandidate(const std::string& url, unsigned walk) PM_REQUIRES(mMutex);
-  bool fetch(const std::string& url, const std::string& temporary, unsigned walk)
+  bool fetch(const std::string& url, const std::string& temporary, unsigned walk, std::string& why)
       PM_REQUIRES(mMutex);
   Attempt install(const std::string& url, const std::string& temporary) PM_REQUIRES(mMutex);
   bool mayGoOn(unsigned walk) const PM_REQUIRES(mMutex);
+  void reportStatus() PM_REQUIRES(mMutex);
+  void noteWalk() PM_REQUIRES(mMutex);
   bool requestRefetch();
 
   ProxyManagerServiceImpl* const mService;
@@ -121,6 +128,9 @@ class PACFetcher {
   std::shared_ptr<std::thread> mDhcpCfgWatchThread;  // "pm-watch"
   std::condition_variable mCondition;                // with mMutex; wakes the fetcher thread
   unsigned mConfigNumber PM_GUARDED_BY(mMutex) = 0;  // counts changes of mode and URLs
+  base::DaemonStatus mStatus PM_GUARDED_BY(mMutex){"off", 0, 0, 0, {}};
+  bool mStatusIsNew PM_GUARDED_BY(mMutex) = true;     // not sent to the supervisor yet
+  fetcher::WalkReport mReport PM_GUARDED_BY(mMutex);  // of the walk in progress
   fetcher::TransferSwitch mTransferSwitch;
   fetcher::ConfigWatch mWatch;
 };

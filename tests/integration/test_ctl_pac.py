@@ -94,14 +94,19 @@ def test_entries_that_the_daemon_drops_are_named(ctl):
         ["entry", "PROXY d:4"], ["dropped", "nonsense"]]
 
 
-def test_urls_come_from_a_file_behind_those_of_the_command_line(ctl):
+def test_urls_come_from_a_file_where_it_stands_among_those_of_the_command_line(ctl):
     script = write("x.pac", "function FindProxyForURL(url, host) { return 'PROXY ' + host + ':1'; }")
     urls = "# a list\n\n  http://b/  \r\nhttp://c/"
-    hosts = [["http://a/", "a"], ["http://b/", "b"], ["http://c/", "c"]]
     for file in ("-", write("urls", urls)):
-        result = ctl("--json", "pac", "eval", script, "-f", file, "http://a/", script=urls)
-        assert [[answer["url"], answer["host"]] for answer in result.json] == hosts, file
+        for given, hosts in ((["-f", file, "http://a/"], "bca"), (["http://a/", "-f", file], "abc"),
+                             (["http://a/", "http://d/", "-f", file, "http://e/"], "adbce"),
+                             (["http://a/", f"--file={file}", "http://d/"], "abcd"),
+                             (["-f", file], "bc")):
+            result = ctl("--json", "pac", "eval", script, *given, script=urls)
+            assert [answer["host"][0] for answer in result.json] == list(hosts), given
+            assert result.json[hosts.index("b")]["url"] == "http://b/"
     assert ctl("pac", "eval", "-", "-f", "-", script=urls).status == USAGE
+    assert ctl("pac", "eval", script, "-f", file, "-f", file, script=urls).status == USAGE
     assert ctl("pac", "eval", script, "-f", "/no/such", script="").status == NO_INPUT
 
 

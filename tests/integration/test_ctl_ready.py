@@ -3,9 +3,10 @@
 import socket
 import threading
 
-from support.bus import wait_until
+from support.bus import Client, wait_until
 from support.ctl import ANSWERED, NO_ANSWER, TRY_AGAIN, USAGE, answering, rows, said
-from support.daemon import Daemon
+from support.daemon import Daemon, make_watched_files
+from support.systemd import Systemd
 
 
 def test_refresh_fetches_the_script_again_and_keeps_the_password(ctl, client, web):
@@ -40,6 +41,49 @@ def test_wait_ends_when_the_script_answers(ctl, client, web):
     answering(client, web, "PROXY a:1")
     assert waiting.end() == (ANSWERED, "")
     assert ctl("wait").status == USAGE
+
+
+def without_an_answer(client, web, script="/* FindProxyForURL */ function FindProxyForURL() {}"):
+    web.routes["/none.pac"] = script
+    client.update("pacurl", pacurl=web.url("/none.pac"))
+
+
+def test_wait_ends_with_a_script_that_has_no_answer(ctl, client, web):
+    waiting = ctl.start("wait", "--script", "--timeout", "60")
+    without_an_answer(client, web)
+    assert waiting.end() == (ANSWERED, "")
+    assert client.urls("http://localhost/") == ["pacurl"]
+    client.update("off")
+    assert ctl("wait", "--script", "--timeout", "0.5").status == TRY_AGAIN
+
+
+def test_wait_goes_on_with_a_script_that_is_refused_or_of_a_daemon_before(ctl, build, bus, syslog, web,
+                                                                          client, daemon):
+    without_an_answer(client, web, "/* FindProxyForURL */ )")
+    assert ctl("wait", "--script", "--timeout", "3").status == TRY_AGAIN
+    without_an_answer(client, web)
+    assert ctl("wait", "--script", "--timeout", "60").status == ANSWERED
+    assert daemon.stop() == 0
+    daemon.start()
+    client.update("pacurl", pacurl="http://127.0.0.1:1/")
+    assert ctl("wait", "--script", "--timeout", "3").status == TRY_AGAIN
+
+
+def test_wait_trusts_what_the_daemon_reported_to_systemd(ctl, build, bus, syslog, web):
+    make_watched_files()
+    systemd = Systemd()
+    daemon = Daemon(build, environment=systemd.environment)
+    systemd.process = daemon.pid
+    try:
+        with Client() as client:
+            waiting = ctl.start("wait", "--script", "--timeout", "60")
+            without_an_answer(client, web)
+            assert waiting.end() == (ANSWERED, "")
+            assert "script from" in systemd.statuses[-1]
+            systemd.statuses.append("mode pacurl, never updated; no script; no walk")
+            assert ctl("wait", "--script", "--timeout", "0.5").status == TRY_AGAIN
+    finally:
+        daemon.close()
 
 
 class Proxy:

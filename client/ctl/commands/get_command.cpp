@@ -57,8 +57,7 @@ Exit status:
 )text";
 
 struct GetArguments {
-  std::vector<std::string> urls;
-  std::optional<std::string> file;
+  UrlArguments asked;
   std::string format = "table";
   AnswerOptions answers;
   CallOptions call;
@@ -129,7 +128,7 @@ ExitStatus getJson(Answers& daemon, const GetArguments& arguments) {
   Json all = Json::array();
   bool allAnswered = true;
   try {
-    for (const auto& url : arguments.urls) {
+    for (const auto& url : arguments.asked.urls) {
       const auto answered = ask(daemon, url, arguments.call.showPassword);
       all.push_back(jsonOf(shownAnswer(answered), arguments.call.showPassword));
       allAnswered = allAnswered && !answered.answer.entries.empty();
@@ -146,7 +145,7 @@ ExitStatus get(const GetArguments& arguments) {
   Answers daemon(arguments.call.limit, arguments.answers);
   if (arguments.call.json) return getJson(daemon, arguments);
   bool allAnswered = true;
-  for (const auto& url : arguments.urls) {
+  for (const auto& url : arguments.asked.urls) {
     const auto answered = ask(daemon, url, arguments.call.showPassword);
     bool hasAnswer = !answered.answer.entries.empty();
     if (arguments.format == "table") {
@@ -164,7 +163,7 @@ ExitStatus get(const GetArguments& arguments) {
 void addGetCommand(CLI::App& program, Action& action) {
   auto* const command = program.add_subcommand("get", "Asks which proxies to use for URLs.");
   const auto arguments = std::make_shared<GetArguments>();
-  addUrls(*command, arguments->urls, arguments->file);
+  addUrls(*command, arguments->asked);
   auto* const format =
       command
           ->add_option("--format", arguments->format,
@@ -183,9 +182,9 @@ void addGetCommand(CLI::App& program, Action& action) {
                                                      {kNoAnswer, "at least one URL got no answer"}},
                                                     kBusStatuses));
   command->callback([arguments, command, &action] {
-    addFurtherUrls(*command, arguments->urls, arguments->file);
-    for (const auto& url : arguments->urls) checkAskedUrl(url);
-    if (arguments->format == "env" && arguments->urls.size() > 1) {
+    addFurtherUrls(*command, arguments->asked);
+    for (const auto& url : arguments->asked.urls) checkAskedUrl(url);
+    if (arguments->format == "env" && arguments->asked.urls.size() > 1) {
       throw CLI::ValidationError("--format", "env takes one URL: the next would speak against it");
     }
     action = [arguments] { return get(*arguments); };

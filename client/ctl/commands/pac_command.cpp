@@ -72,8 +72,7 @@ Exit status:
 
 struct EvalArguments {
   std::string file;
-  std::vector<std::string> urls;
-  std::optional<std::string> list;
+  UrlArguments asked;
   std::optional<std::string> host;
   SimulatedEnvironment environment;
   bool json = false;
@@ -105,7 +104,7 @@ ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options option
   if (!engine) throw refusal(arguments.file, refused);
   Json all = Json::array();
   bool allAnswered = true;
-  for (const auto& url : arguments.urls) {
+  for (const auto& url : arguments.asked.urls) {
     const auto evaluated = evaluateUrl(*engine, url, arguments.host);
     allAnswered = allAnswered && evaluated.result.has_value();
     if (arguments.json) {
@@ -137,7 +136,7 @@ void addEval(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("eval", "Asks a PAC script for the proxies of URLs.");
   const auto arguments = std::make_shared<EvalArguments>();
   addScriptFile(*command, arguments->file);
-  addUrls(*command, arguments->urls, arguments->list);
+  addUrls(*command, arguments->asked);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
           "daemon finds it");
@@ -148,10 +147,10 @@ void addEval(CLI::App& pac, Action& action) {
                               {kNoAnswer, "at least one URL got no answer"}},
                              kScriptStatuses));
   command->callback([arguments, command, &action] {
-    if (arguments->file == "-" && arguments->list == "-") {
+    if (arguments->file == "-" && arguments->asked.file == "-") {
       throw CLI::ValidationError("-f", "standard input holds the script already");
     }
-    addFurtherUrls(*command, arguments->urls, arguments->list);
+    addFurtherUrls(*command, arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return evalScript(*arguments, options);
     };

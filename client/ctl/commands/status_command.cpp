@@ -20,17 +20,17 @@
 #include <utility>
 #include <vector>
 
+#include "base/daemon_status.h"
 #include "base/paths.h"
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/relay_state.h"
+#include "client/ctl/commands/script_refusal.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/daemon_bus.h"
 #include "client/ctl/daemon/pac_file.h"
 #include "client/ctl/terminal/output.h"
-#include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
 #include "client/library/proxy_answer.h"
-#include "engine/pac_engine.h"
 
 namespace client {
 
@@ -40,23 +40,25 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
   The script in the PAC file is loaded for trial, as "pac check" does: "script"
-  tells whether the daemon can use it. What cannot be known has its reason
-  beside it. Who may not read the configuration gets the mode and the manual
-  proxy from the answer for a URL.
+  tells whether the daemon can use it. The last update and the last walk over
+  the URLs of scripts come from systemd, to which the daemon reports them. What
+  cannot be known has its reason beside it. Who may not read the configuration
+  gets the mode and the manual proxy from the answer for a URL.
   A daemon in mode off is listened to for 5 seconds: while it waits for its
   first configuration it says so every 2.
   With --json an object: running, process, user, answers, waiting, mode,
-  proxyurl, pacurl, userName, password, pacfile (an object: path, exists, bytes,
-  fetched, age in seconds, sha256, loads, refusal), relay (an object: default,
-  which is whether programs are led to proxymanager-relay, and installed, enabled
-  and active of its socket unit) and unknown. The last is an object that holds
-  the reason for each of running, answers, waiting, mode, proxyurl, pacurl,
-  userName and password that is null because it cannot be known, for answers if
-  it is false, for a pacfile that is there and cannot be read, and for a relay
-  whose socket unit is not known. Without a reason null is what is not set;
-  process and user, if the bus does not name them; the last six of pacfile, if
-  there is no file to be read; and enabled and active of a relay that is not
-  installed.
+  proxyurl, pacurl, userName, password, updated and walked (times), walk (what
+  it came to), pacfile (an object: path, exists, bytes, fetched, age in seconds,
+  sha256, loads, refusal), relay (an object: default, which is whether programs
+  are led to proxymanager-relay, and installed, enabled and active of its socket
+  unit) and unknown. The last is an object that holds the reason for each of
+  running, answers, waiting, mode, proxyurl, pacurl, userName, password, updated
+  and walked that is null because it cannot be known, for answers if it is
+  false, for a pacfile that is there and cannot be read, and for a relay whose
+  socket unit is not known. Without a reason null is what is not set, or did not
+  happen since the daemon's start; process and user, if the bus does not name
+  them; the last six of pacfile, if there is no file to be read; and enabled and
+  active of a relay that is not installed.
 
 Exit status:
 )";
@@ -64,6 +66,9 @@ Exit status:
 /// The daemon announces itself every 2 s until its first configuration; one that is busy is late,
 /// or misses one.
 constexpr std::chrono::seconds kListenTime{5};
+
+/// Of a slow kernel, in microseconds.
+constexpr std::int64_t kClockTick = 10'000;
 
 /// Asked for where the configuration may not be read. A script has to answer for it, too.
 constexpr const char* kProbeUrl = "http://localhost/";
@@ -96,6 +101,7 @@ struct Status {
   Fact pacurl;
   Fact userName;
   Fact password;
+  Known<base::DaemonStatus> reported;  ///< to systemd
   PacFileState pac;
   RelayState relay;
   /// Why the script of the file is refused; empty if it loads. No value without a file.
@@ -155,15 +161,12 @@ void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds l
                                       " that it takes to hear of it"};
 }
 
-/// Loads the script of the file as the daemon does. @return why it is refused; empty if it loads
-std::string refusalOf(const char* path) {
-  try {
-    pac_engine::Problem refused;
-    const auto engine = pac_engine::Engine::load(readScript(path), {}, refused);
-    return engine ? std::string() : pac_engine::describe(refused);
-  } catch (const Failure& failure) {
-    return failure.what();
-  }
+Known<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon) {
+  const auto line = daemon.process ? bus.serviceStatus(*daemon.process) : std::nullopt;
+  if (!line) return {std::nullopt, "the daemon runs without systemd"};
+  auto reported = base::parseDaemonStatus(*line);
+  if (!reported) return {std::nullopt, "systemd has another status: " + *line};
+  return {std::move(reported), {}};
 }
 
 Status learn(const CallOptions& options) {
@@ -172,6 +175,7 @@ Status learn(const CallOptions& options) {
   if (status.pac.file) status.refusal = refusalOf(base::kPacFile);
   status.relay = lookAtRelay(options.limit);
   setUnknown(status, kNobody);
+  status.reported.unknown = kNobody;
   status.answers.unknown = kNobody;
   status.waiting.unknown = kNobody;
   try {
@@ -184,11 +188,15 @@ Status learn(const CallOptions& options) {
       status.running.unknown = kStartIt;
       return status;
     }
+    status.reported = reportedBy(bus, *status.owner);
     status.answers.value = false;
     learnFromDaemon(bus, status, options.limit);
   } catch (const Failure& failure) {
     status.status = failure.status();
-    if (!status.running.value) status.running.unknown = failure.what();
+    if (!status.running.value) {
+      status.running.unknown = failure.what();
+      status.reported.unknown = failure.what();
+    }
     setUnknown(status, failure.what());
     const bool asked = status.running.value && failure.status() != kDenied;
     status.answers = {asked ? std::optional(false) : std::nullopt, failure.what()};
@@ -202,11 +210,15 @@ std::string userName(std::uint32_t user) {
   return entry == nullptr ? std::to_string(user) : entry->pw_name;
 }
 
-/// Seconds since the script was fetched.
-std::int64_t ageOf(const PacFile& file) {
+/// Seconds since `time`, which is in microseconds since 1970.
+std::int64_t ageOf(std::int64_t time) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-  return std::max<std::int64_t>((microseconds - file.fetched) / 1'000'000, 0);
+  return std::max<std::int64_t>((microseconds - time) / 1'000'000, 0);
+}
+
+std::string shownWithAge(std::int64_t time) {
+  return shownTime(time, false) + ", " + shownAge(ageOf(time)) + " ago";
 }
 
 /// What is to be said about the file beside its contents; mostly nothing.
@@ -219,6 +231,11 @@ std::string remarkOn(const Status& status) {
   }
   if (status.mode.value == "off" || status.mode.value == "manual") {
     return "left from before: mode " + *status.mode.value + " does not use it";
+  }
+  const auto& reported = status.reported.value;
+  // The clock of files lags behind by a tick.
+  if (reported && file.fetched + kClockTick < reported->updated * 1'000'000) {
+    return "older than the last update";
   }
   return {};
 }
@@ -265,7 +282,7 @@ void addPacFile(Table& table, const Status& status) {
   const auto remark = remarkOn(status);
   table.add("PAC file", base::kPacFile + (remark.empty() ? "" : " (" + remark + ')'));
   table.add("size", std::to_string(file.bytes) + " bytes");
-  table.add("fetched", shownTime(file.fetched, false) + ", " + shownAge(ageOf(file)) + " ago");
+  table.add("fetched", shownWithAge(file.fetched));
   if (file.sha256.empty()) {
     table.addUnknown("SHA-256", "there is no libcrypto");
   } else {
@@ -297,6 +314,28 @@ void addMeaning(Table& table, const Status& status) {
   }
 }
 
+/// What the daemon reported to systemd.
+void addReported(Table& table, const Known<base::DaemonStatus>& reported) {
+  if (!reported.value) {
+    table.addUnknown("updated", reported.unknown);
+    table.addUnknown("last walk", reported.unknown);
+    return;
+  }
+  const auto& status = *reported.value;
+  if (status.updated == 0) {
+    table.add("updated", "never since its start", Tone::kFaint);
+  } else {
+    table.add("updated", shownWithAge(status.updated * 1'000'000));
+  }
+  if (status.walked == 0) {
+    table.add("last walk", "none since its start", Tone::kFaint);
+  } else {
+    const bool failed = status.result.starts_with("no ");
+    table.add("last walk", shownWithAge(status.walked * 1'000'000) + ": " + status.result,
+              failed ? Tone::kBad : Tone::kPlain);
+  }
+}
+
 void addConfiguration(Table& table, const Status& status) {
   if (!status.waiting.value) {
     table.addUnknown("configured", status.waiting.unknown);
@@ -310,6 +349,7 @@ void addConfiguration(Table& table, const Status& status) {
   table.add("PAC URL", status.pacurl);
   table.add("user", status.userName);
   table.add("password", status.password);
+  addReported(table, status.reported);
   addMeaning(table, status);
 }
 
@@ -341,7 +381,7 @@ Json jsonOf(const PacFileState& pac, const std::optional<std::string>& refusal) 
   const auto& file = pac.file;
   object["bytes"] = file ? Json(file->bytes) : Json();
   object["fetched"] = file ? Json(shownTime(file->fetched, false)) : Json();
-  object["age"] = file ? Json(ageOf(*file)) : Json();
+  object["age"] = file ? Json(ageOf(file->fetched)) : Json();
   object["sha256"] = file && !file->sha256.empty() ? Json(file->sha256) : Json();
   object["loads"] = refusal ? Json(refusal->empty()) : Json();
   object["refusal"] = refusal && !refusal->empty() ? Json(*refusal) : Json();
@@ -367,6 +407,15 @@ Json jsonOf(const Status& status) {
   add("pacurl", status.pacurl);
   add("userName", status.userName);
   add("password", status.password);
+  const auto& reported = status.reported;
+  const auto time = [&](std::int64_t seconds) {
+    return seconds == 0 ? Json() : Json(shownTime(seconds * 1'000'000, false));
+  };
+  object["updated"] = reported.value ? time(reported.value->updated) : Json();
+  object["walked"] = reported.value ? time(reported.value->walked) : Json();
+  object["walk"] =
+      reported.value && reported.value->walked != 0 ? Json(reported.value->result) : Json();
+  if (!reported.value) unknown["updated"] = unknown["walked"] = reported.unknown;
   object["pacfile"] = jsonOf(status.pac, status.refusal);
   if (status.pac.isThere && !status.pac.file) unknown["pacfile"] = status.pac.problem;
   object["relay"] = relayJson(status.relay);

@@ -3,37 +3,53 @@
 #include <CLI/CLI.hpp>
 #include <utility>
 
-#include "client/ctl/commands/option_text.h"
 #include "client/ctl/terminal/url_list.h"
 
 namespace client {
 
-void addUrls(CLI::App& command, std::vector<std::string>& urls, std::optional<std::string>& file) {
+void addUrls(CLI::App& command, UrlArguments& arguments) {
   // The parser would take "[...]" apart as a list wherever it takes many values, so the option has
   // the first URL and what the parser leaves over are the others.
-  command.add_option("URL", urls, "What to ask for, one or more")
-      ->option_text("...")
-      ->allow_extra_args(false);
-  addText(command, "-f,--file", "FILE", file,
-          "URLs, one a line, asked for behind those of\nthe command line; \"-\" is standard input");
+  const auto* const first =
+      command.add_option("URL", arguments.urls, "What to ask for, one or more")
+          ->option_text("...")
+          ->allow_extra_args(false);
+  command
+      .add_option_function<std::string>(
+          "-f,--file",
+          [&command, &arguments, first](const std::string& name) {
+            if (arguments.file) throw CLI::ValidationError("--file", "may be given once");
+            arguments.file = name;
+            arguments.fileFollowsFirst = first->count() > 0;
+            arguments.fileFollowsOthers = command.remaining_size();
+          },
+          "URLs, one a line, asked for where this\nstands among the others; \"-\" is standard\n"
+          "input")
+      ->option_text("FILE")
+      ->trigger_on_parse();  // while it is known what stands before it
   command.allow_extras();
 }
 
 /// Options cannot be meant, since those that there are were understood; after "--" anything can.
-void addFurtherUrls(const CLI::App& command, std::vector<std::string>& urls,
-                    const std::optional<std::string>& file) {
+void addFurtherUrls(const CLI::App& command, UrlArguments& arguments) {
+  auto& urls = arguments.urls;
+  auto others = command.remaining();
+  std::size_t before = arguments.fileFollowsFirst ? urls.size() : 0;
   bool optionsEnded = false;
-  for (auto& argument : command.remaining()) {
+  for (std::size_t i = 0; i < others.size(); ++i) {
+    auto& argument = others[i];
     if (!optionsEnded && argument == "--") {
       optionsEnded = true;
     } else if (!optionsEnded && argument.size() > 1 && argument.front() == '-') {
       throw CLI::ExtrasError({argument});
     } else {
       urls.push_back(std::move(argument));
+      if (i < arguments.fileFollowsOthers) before = urls.size();
     }
   }
-  if (file) {
-    for (auto& url : readUrls(*file)) urls.push_back(std::move(url));
+  if (arguments.file) {
+    const auto read = readUrls(*arguments.file);
+    urls.insert(urls.begin() + static_cast<std::ptrdiff_t>(before), read.begin(), read.end());
   }
   if (urls.empty()) throw CLI::RequiredError("URL");
 }

@@ -1,14 +1,27 @@
 #include "client/ctl/commands/wait_command.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
 #include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <fstream>
 #include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 
+#include "base/daemon_status.h"
+#include "base/paths.h"
 #include "client/ctl/commands/call_options.h"
+#include "client/ctl/commands/script_refusal.h"
 #include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/daemon_bus.h"
+#include "client/ctl/daemon/pac_file.h"
 
 namespace client {
 
@@ -20,7 +33,8 @@ constexpr const char* kFooter =
     R"(Waits also for a message bus and a daemon that do not run yet, and starts none.
 Configured is a daemon that got a configuration since its start. A script is
 there if the mode is pacurl or wpad and the script answers for
-http://localhost/.
+http://localhost/; or the daemon has fetched a script since its start, and the
+script loads.
 
 Exit status:
 )";
@@ -31,11 +45,40 @@ constexpr std::chrono::seconds kListenTime{5};
 /// Between two looks: a person does not notice it, and the daemon's log stays readable.
 constexpr std::chrono::milliseconds kPause{250};
 
+/// From the moment at which a script is in its place until it is being loaded; questions wait for
+/// the load itself.
+constexpr std::chrono::microseconds kLoadTime{1'000'000};
+
 struct WaitArguments {
   bool configured = false;
   bool script = false;
   CallOptions call;
 };
+
+std::int64_t microsecondsNow() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
+/// When `process` was started, in microseconds since 1970. @return nothing if it has gone
+std::optional<std::int64_t> startOf(std::int64_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string text;
+  std::getline(file, text, '\0');
+  // The name, in brackets, may hold anything; the start is the twentieth field behind it.
+  std::istringstream fields(text.substr(std::min(text.rfind(')') + 1, text.size())));
+  std::string field;
+  for (int i = 0; i < 20; ++i) fields >> field;
+  std::int64_t ticks = 0;
+  if (std::from_chars(field.data(), field.data() + field.size(), ticks).ec != std::errc()) {
+    return std::nullopt;
+  }
+  timespec sinceBoot{};
+  clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
+  const std::int64_t boot =
+      microsecondsNow() - (sinceBoot.tv_sec * 1'000'000 + sinceBoot.tv_nsec / 1000);
+  return boot + ticks * (1'000'000 / sysconf(_SC_CLK_TCK));
+}
 
 std::chrono::microseconds left(Clock::time_point end) {
   return std::max(std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now()),
@@ -50,9 +93,23 @@ bool isConfigured(DaemonBus& bus, Clock::time_point end) {
   return !bus.waitFor([&] { return announced; }, listened) && listened == kListenTime;
 }
 
-bool hasScript(DaemonBus& bus) {
+/// Whether the script in the PAC file was fetched by this daemon, and not by one before it.
+bool hasFetched(DaemonBus& bus, std::int64_t process) {
+  const auto line = bus.serviceStatus(process);
+  const auto reported = line ? base::parseDaemonStatus(*line) : std::nullopt;
+  if (reported) return reported->script != 0;
+  const auto started = startOf(process);
+  const auto file = lookAtPacFile(base::kPacFile).file;
+  return started && file && file->fetched >= *started &&
+         file->fetched + kLoadTime.count() < microsecondsNow();
+}
+
+/// A script may have no answer for the URL that it is asked for.
+bool hasScript(DaemonBus& bus, const Owner& daemon) {
   const auto answer = bus.ask("http://localhost/");
-  return (answer.mode == "pacurl" || answer.mode == "wpad") && !answer.entries.empty();
+  if (answer.mode != "pacurl" && answer.mode != "wpad") return false;
+  if (!answer.entries.empty()) return true;
+  return daemon.process && hasFetched(bus, *daemon.process) && refusalOf(base::kPacFile).empty();
 }
 
 /// @return whether what is waited for is there; a daemon or bus that is not there yet is not
@@ -60,8 +117,9 @@ bool look(const WaitArguments& arguments, Clock::time_point end) {
   try {
     DaemonBus bus(left(end));
     bus.startDaemon(false);
-    if (!bus.owner()) return false;
-    return arguments.script ? hasScript(bus) : isConfigured(bus, end);
+    const auto daemon = bus.owner();
+    if (!daemon) return false;
+    return arguments.script ? hasScript(bus, *daemon) : isConfigured(bus, end);
   } catch (const Failure& failure) {
     if (failure.status() != kUnavailable && failure.status() != kTryAgain) throw;
     return false;

@@ -24,6 +24,7 @@ using base::kObjectPath;
 using Clock = std::chrono::steady_clock;
 
 constexpr const char* kDriver = "org.freedesktop.DBus";
+constexpr const char* kSystemd = "org.freedesktop.systemd1";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
 
 constexpr CallKind kAsk{"ask", false};
@@ -194,6 +195,34 @@ Message DaemonBus::askBus(const char* member) {
   if (isLost(-result)) throw lostConnection();
   if (error.name() == kGivenUp) throw failedConnection(systemBusAddress(), ETIMEDOUT);
   return nullptr;
+}
+
+std::optional<std::string> DaemonBus::serviceStatus(std::int64_t process) {
+  sd_bus_message* message = nullptr;
+  check(sd_bus_message_new_method_call(mBus.get(), &message, kSystemd, "/org/freedesktop/systemd1",
+                                       "org.freedesktop.systemd1.Manager", "GetUnitByPID"));
+  check(sd_bus_message_append(message, "u", static_cast<std::uint32_t>(process)));
+  const auto unit = askSystemd(message);
+  const char* path = nullptr;
+  if (!unit || sd_bus_message_read_basic(unit.get(), 'o', &path) <= 0) return std::nullopt;
+  check(sd_bus_message_new_method_call(mBus.get(), &message, kSystemd, path,
+                                       "org.freedesktop.DBus.Properties", "Get"));
+  check(sd_bus_message_append(message, "ss", "org.freedesktop.systemd1.Service", "StatusText"));
+  const auto property = askSystemd(message);
+  const char* text = nullptr;
+  if (!property || sd_bus_message_read(property.get(), "v", "s", &text) <= 0) return std::nullopt;
+  return text;
+}
+
+/// Sends `message`, which it releases. @return null if there is no answer; the bus starts no
+/// systemd
+Message DaemonBus::askSystemd(sd_bus_message* message) {
+  const Message call(message);
+  check(sd_bus_message_set_auto_start(message, 0));
+  sd_bus_message* reply = nullptr;
+  const int result = sd_bus_call(mBus.get(), message, microseconds(kBusLimit), nullptr, &reply);
+  if (isLost(-result)) throw lostConnection();
+  return Message(result >= 0 ? reply : nullptr);
 }
 
 void DaemonBus::listen(const std::string& rule, Listener listener) {

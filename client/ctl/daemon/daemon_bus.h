@@ -89,6 +89,10 @@ class DaemonBus {
   /// @return nothing where nobody has the name
   std::optional<Owner> owner();
 
+  /// What systemd shows as the status of the service that `process` belongs to. @return nothing if
+  /// there is no systemd on the bus, or it has no such service
+  std::optional<std::string> serviceStatus(std::int64_t process);
+
   /// Calls `listener` for each signal that fits `rule`, from waitFor() and runUntil(), as long as
   /// this lives. What it throws leaves those. Returns when the bus has taken the rule.
   void listen(const std::string& rule, Listener listener);
@@ -110,6 +114,7 @@ class DaemonBus {
   Message newCall(const char* member) const;
   Message call(const CallKind& kind, const Message& message);
   Message askBus(const char* member);
+  Message askSystemd(sd_bus_message* message);
   /// Hands on one message that has arrived. @return false where there was none
   bool process();
 

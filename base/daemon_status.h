@@ -1,0 +1,29 @@
+// The line that the daemon gives its supervisor and that proxymanagerctl status reads there.
+//
+// Everybody may read it, so it has hosts and never whole URLs: a URL can hold a password.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace base {
+
+/// Times are seconds since 1970; 0 if there was none since the daemon's start.
+struct DaemonStatus {
+  std::string mode;          ///< as on the bus; without blanks, commas and ";"
+  std::int64_t updated = 0;  ///< the last configuration that was handed over
+  std::int64_t script = 0;   ///< a walk put a script in place
+  std::int64_t walked = 0;   ///< the last walk ended
+  std::string result;        ///< of that walk; one line
+};
+
+/// For example "mode wpad, updated 2026-11-22T08:00:00Z; script of 2026-11-22T08:00:01Z; last walk
+/// 2026-11-22T08:00:01Z: script from wpad.example". Any thread.
+std::string describe(const DaemonStatus& status);
+
+/// @return the status of a line that describe() made; nothing for any other text. Any thread.
+std::optional<DaemonStatus> parseDaemonStatus(std::string_view line);
+
+}  // namespace base

@@ -1,0 +1,28 @@
+// What a walk came to, in a line for the supervisor. Everybody may read that line, so it has the
+// hosts of the candidates and never their URLs, which can hold a password.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace fetcher {
+
+class WalkReport {
+ public:
+  /// Notes a candidate that failed. @param why one line, for example of Download::error
+  void failed(const std::string& url, const std::string& why);
+  /// Notes the candidate whose script was installed.
+  void installed(const std::string& url);
+
+  bool hasScript() const { return mHasScript; }
+  /// For example "script from a.example", "no script from 3 URLs, the last b.example: REASON".
+  std::string text() const;
+
+ private:
+  bool mHasScript = false;
+  std::size_t mFailed = 0;
+  std::string mHost;  ///< of the last candidate
+  std::string mWhy;
+};
+
+}  // namespace fetcher
