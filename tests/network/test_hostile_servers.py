@@ -3,12 +3,15 @@ memory, read before, during and after, grows by 256 KiB at most, the process tha
 after 30.5 s at most, and the next download works."""
 
 import contextlib
+import gzip
 import itertools
 import socket
+import ssl
 import threading
 import time
 
 import pytest
+from gateway import trusted_authority
 from support.syslog_socket import ERR
 from support.web import response, script
 from test_downloads import Downloads, online  # noqa: F401
@@ -49,7 +52,14 @@ def drip():
         time.sleep(0.2)
 
 
+def compressed(text):
+    return response(gzip.compress(text), headers=["Content-Encoding: gzip"])
+
+
 ROUTES = {
+    # 100 MB if it were decoded, which it never is: a script that is compressed is none.
+    "gzip_bomb": lambda: compressed(script("PROXY bomb:1").encode() + b"/" * (100 << 20)),
+    "gzip_of_a_script": lambda: compressed(script("PROXY bomb:1").encode()),
     "endless_trailers": lambda: sending(CHUNKED + b"1\r\nx\r\n0\r\n",
                                         for_ever(b"Trailer: " + KILO + b"\r\n")),
     "endless_headers": lambda: sending(HEAD, for_ever(b"Header: " + KILO + b"\r\n")),
@@ -123,6 +133,35 @@ def test_a_hostile_server_costs_its_own_download(downloads, daemon, capsys, name
         if seconds < MOST:
             break
     assert seconds < MOST
+
+
+@pytest.mark.slow
+def test_a_certificate_chain_of_10_mb_costs_its_own_download(downloads, daemon, capsys):
+    downloads.web.routes["/new.pac"] = script("PROXY new:1")
+    authority = trusted_authority()
+    with open(f"{authority.folder}/good.pem") as file:
+        certificate = file.read()
+    size = len(ssl.PEM_cert_to_DER_cert(certificate))
+    chain = f"{authority.folder}/chain.pem"
+    with open(chain, "w") as file:
+        file.write(certificate * ((10 << 20) // size + 1))
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(chain, f"{authority.folder}/good.key")
+    shaken = []
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        def accept():
+            with contextlib.suppress(OSError):
+                while True:
+                    connection = server.accept()[0]
+                    connection.settimeout(60)
+                    with contextlib.suppress(OSError):
+                        shaken.append(True)
+                        context.wrap_socket(connection, server_side=True).close()
+        threading.Thread(target=accept, daemon=True).start()
+        url = f"https://127.0.0.1:{server.getsockname()[1]}/x.pac"
+        assert costs_its_own_download(downloads, daemon, url, "certificates", capsys) < MOST
+        assert shaken, "the child got the certificates"
+        server.shutdown(socket.SHUT_RDWR)
 
 
 @pytest.mark.slow
