@@ -4,8 +4,10 @@ import http.server
 import pathlib
 import re
 import shutil
+import socket
 import subprocess
 import threading
+import time
 
 import pytest
 from jeepney import DBusAddress, message_bus, new_signal
@@ -63,6 +65,22 @@ class WebServer:
 
     def url(self):
         return f"http://127.0.0.1:{self._server.server_port}/proxy.pac"
+
+
+class SilentServer:
+    """Accepts connections at port 80 and never says a word."""
+
+    def __init__(self):
+        self._accepted = []
+        self._socket = socket.create_server(("127.0.0.1", 80))
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def _accept(self):
+        while True:
+            self._accepted.append(self._socket.accept())
+
+    def accepted(self):
+        return len(self._accepted)
 
 
 def files(machine):
@@ -305,6 +323,25 @@ def test_the_lease_is_read_and_a_change_of_it_noticed(installed, callers):
     callers["root"].call("update", "off")
 
 
+def test_anybody_sees_the_last_walk_by_systemd(installed, callers):
+    def shown(*row):
+        text = installed.run("setpriv", "--reuid=stranger", "--regid=stranger", "--clear-groups",
+                             "proxymanagerctl", "status").stdout
+        return all(re.search(part, text) for part in row)
+
+    with Inside(installed, installed.account("root"), WebServer) as web:
+        url = web.call("url")
+        callers["root"].call("update", "pacurl", "", url)
+        host = re.escape(url.split("/")[2])
+        installed.wait(lambda: shown(r"updated +\S+, \d+ s ago\n",
+                                     rf"last walk +\S+, \d+ s ago: script from {host}\n"),
+                       "the walk is shown")
+        assert "; last walk " in installed.run("systemctl", "status", UNIT).stdout
+        assert installed.run("setpriv", "--reuid=stranger", "--regid=stranger", "--clear-groups",
+                             "proxymanagerctl", "wait", "--script").stdout == ""
+    callers["root"].call("update", "off")
+
+
 def test_a_reload_reads_the_trace_settings(installed, callers):
     def said():
         return "fileDownload result success" in installed.run(
@@ -337,7 +374,33 @@ def test_a_daemon_that_dies_is_started_anew(installed, listeners):
     assert main_process(installed) not in (None, killed)
 
 
+def test_a_stop_during_a_walk_over_three_silent_servers_ends_the_unit_in_order(installed, callers):
+    """It waits for the transfer in progress, and systemd neither kills it nor takes it for a hang."""
+    hosts = installed.root / "etc/hosts"
+    assert not hosts.exists()
+    names = ["one.example", "two.example"]
+    hosts.write_text("".join(f"127.0.0.1 wpad.{name}\n" for name in names))
+    installed.run("/usr/libexec/proxymanager-lease", "plain", "eth0", "http://127.0.0.1/silent.dat",
+                  "", "")
+    installed.run("sh", "-c", f"echo search {' '.join(names)} >/tmp/.resolv.conf.dnsmasq")
+    with Inside(installed, installed.account("root"), SilentServer) as server:
+        callers["root"].call("update", "wpad")
+        installed.wait(lambda: server.call("accepted") == 1, "the first transfer is in progress")
+        begin = time.monotonic()
+        installed.run("systemctl", "stop", UNIT)
+        print(f"the stop took {time.monotonic() - begin:.1f} s")
+        assert server.call("accepted") == 1, "the other candidates fail without being asked for"
+    assert installed.show(UNIT, "ActiveState") == "inactive", installed.journal()
+    assert installed.show(UNIT, "Result") == "success"
+    assert installed.show(UNIT, "ExecMainStatus") == "0"
+    failed = installed.run("journalctl", "-q", "-t", "proxymanager_service").stdout
+    for url in ("http://127.0.0.1/silent.dat", *(f"http://wpad.{name}/wpad.dat" for name in names)):
+        assert f"PAC file download failed url:{url}" in failed
+    hosts.unlink()
+
+
 def test_a_call_starts_a_daemon_that_was_stopped(installed, callers):
+    callers["root"].call("update", "off")  # it runs, whatever ended it before
     installed.run("systemctl", "stop", UNIT)
     assert main_process(installed) is None
     assert installed.show(UNIT, "Result") == "success"
