@@ -16,7 +16,7 @@ Installs what is missing, builds the daemon and the benchmarks, and prints
     beside a bare call
   - how the answers' cost grows with the number of clients, start, a new script, memory, wake-ups
   - the parts: the cache, the parsing of results, public suffixes, evaluation and its sandbox, with
-    the order in which their cost grows
+    the order in which their cost grows; what a process of its own costs a download
 
 Needs root, for a mount namespace in which the daemon's fixed paths are its own. A busy machine gives
 other figures; the ratios bear that better than the rest.
@@ -114,4 +114,5 @@ PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/programs.py" "--bui
 step "Parts"
 parts parts "${part[@]}"
 parts pac_engine "${part[@]}"
+env -u http_proxy -u all_proxy -u ALL_PROXY "$build/out/bench/transfer_cost" | tee "$json/transfer_cost.txt"
 /usr/bin/python3 "$top/bench/print_parts.py" "$json/parts.json" "$json/pac_engine.json"
