@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Runs the other project's program: as it was built, and installed to a prefix of its own with the
+# programs that the library starts.
+# usage: run.sh BUILD   (the folder in which the program was built)
+set -euo pipefail
+build=$1
+unset http_proxy all_proxy ALL_PROXY
+
+# downloads_by PROGRAM FETCH: the program downloads, by that fetch process.
+downloads_by() {
+  local said
+  said=$("$1")
+  [ "$said" = "linked
+downloaded by $2" ] || {
+    echo "$1: $said, not by $2" >&2
+    exit 1
+  }
+}
+
+fetch=$(find "$build" -name proxymanager-fetch -type f)
+downloads_by "$build/embed" "$fetch"
+
+prefix=$(mktemp -d)
+trap 'rm -rf "$prefix"' EXIT
+chmod 755 "$prefix"
+install -D -t "$prefix/bin" "$build/embed"
+install -D -t "$prefix/libexec" "$fetch"
+downloads_by "$prefix/bin/embed" "$prefix/libexec/proxymanager-fetch"
