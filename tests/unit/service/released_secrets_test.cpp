@@ -1,49 +1,21 @@
 // What is left of a password in the texts that the daemon releases. The messages of the bus library
 // are not among them: its buffers cannot be overwritten.
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <array>
-#include <atomic>
 #include <cstdlib>
-#include <cstring>
-#include <new>
 #include <utility>
 
 #include "service/proxy_manager_service_impl.h"
 #include "tests/support/own_root.h"
 #include "tests/support/private_bus.h"
+#include "tests/unit/service/released_blocks.h"
 
 namespace {
 
 // Longer than the text that a std::string holds inside itself.
 constexpr const char* kPassword = "correct-horse-battery-staple-of-the-test-with-no-equal";
 constexpr const char* kUrl = "http://u:correct-horse-battery-staple-of-the-test-with-no-equal@p:1";
-
-std::atomic<bool> watches{false};
-std::atomic<int> released{0};      // blocks
-std::atomic<int> withPassword{0};  // of these
-
-}  // namespace
-
-// C++ objects are released here; what the bus library, which is in C, releases is not.
-void* operator new(std::size_t size) {
-  if (void* const memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  if (memory != nullptr && watches) {
-    ++released;
-    const std::size_t length = std::strlen(kPassword);
-    if (memmem(memory, malloc_usable_size(memory), kPassword, length) != nullptr) ++withPassword;
-  }
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t) noexcept {
-  operator delete(memory);
-}
-
-namespace {
 
 // First of all, for it may have one thread only.
 struct OwnRoot {
@@ -79,26 +51,26 @@ class ReleasedSecrets : private OwnRoot, public testing::Test {
 };
 
 TEST_F(ReleasedSecrets, HoldNoPasswordAfterItWasHandedOverReadAndReplaced) {
-  watches = true;
+  watchReleasedBlocks(kPassword);
   call("updateProxyconfig", {"manual", "p:1", "", "user", kPassword});
   call("getProxyconfig", {});
   call("updateProxyconfig", {"off", "", "", "", ""});
-  EXPECT_GT(released, 20);
-  EXPECT_EQ(withPassword, 0);
+  EXPECT_GT(releasedBlocks(), 20);
+  EXPECT_EQ(releasedBlocksWithText(), 0);
   mService.stop();
-  watches = false;
-  EXPECT_EQ(withPassword, 0);
+  watchReleasedBlocks(nullptr);
+  EXPECT_EQ(releasedBlocksWithText(), 0);
 }
 
 // Log lines and the answers for programs hold such a URL as it is. The configuration does not.
 TEST_F(ReleasedSecrets, HoldNoPasswordOfAUrlAfterItWasHandedOverReadAndReplaced) {
-  watches = true;
+  watchReleasedBlocks(kPassword);
   call("updateProxyconfig", {"off", kUrl, kUrl, "", ""});
   call("updateProxyconfig", {"manual", kUrl, kUrl, "", ""});
   call("getProxyconfig", {});
   mService.stop();
-  watches = false;
-  EXPECT_EQ(withPassword, 0);
+  watchReleasedBlocks(nullptr);
+  EXPECT_EQ(releasedBlocksWithText(), 0);
 }
 
 }  // namespace
