@@ -125,12 +125,14 @@ void WaitingCalls::answerRefused() {
 int WaitingCalls::serve(const DBus::CallMessage& call) {
   const auto begin = Clock::now();
   mServe(call);
-  if (Clock::now() - begin < kLongTurn) {
+  const auto taken = Clock::now() - begin;
+  if (taken < kLongTurn) {
     return mOrder.waiting() > 0 || !mRefusedCalls.empty() ? 0 : -1;
   }
   mReadLimit = Clock::now() + kReadLimit;
   mMarker = ask("GetId", "");
   mWaitsForUsers = false;
+  mKeepsRefused = taken >= kGatheringTurn;
   return millisecondsUntil(mReadLimit);
 }
 
@@ -225,7 +227,7 @@ void WaitingCalls::refuseOne(const DBus::CallMessage& call, const std::string& s
     mRefused = 0;
     mNextWarning = now + kWarningPause;
   }
-  if (mMarker == 0 || mRefusedCalls.size() >= kMaxRefused) {
+  if (mMarker == 0 || !mKeepsRefused || mRefusedCalls.size() >= kMaxRefused) {
     mRefuse(call);
     return;
   }

@@ -9,10 +9,10 @@
 // waited for in the same way, once: each connection of a flood would else count as a user of its
 // own, and have a turn before a newcomer.
 //
-// A question beyond the bounds of CallOrder is refused. While calls are read, refused ones are kept
-// and answered afterwards, behind the calls of users of whom none was refused: each answer to a
-// flood brings its next call, and with some ten thousand calls open the bus needs longer for an
-// answer and a call than this thread does.
+// A question beyond the bounds of CallOrder is refused. While calls are read after an evaluation
+// that took a second or more, refused ones are kept and answered afterwards, behind the calls of
+// users of whom none was refused: each answer to a flood brings its next call, and with some ten
+// thousand calls open the bus needs longer for an answer and a call than this thread does.
 //
 // Whose a connection is, and whether it has left, is asked of the bus, without waiting, only when
 // calls stand in each other's way: after a long turn, or when more than kCrowd wait. With fewer and
@@ -45,6 +45,9 @@ class WaitingCalls {
   static constexpr std::chrono::seconds kReadLimit{10};
   /// A turn of this length is long.
   static constexpr std::chrono::milliseconds kLongTurn{20};
+  /// After a turn of this length refused calls are kept while others are read. Shorter ones do not
+  /// let so many calls gather that this is worth their memory.
+  static constexpr std::chrono::seconds kGatheringTurn{1};
   /// So many waiting calls stand in each other's way although each is short.
   static constexpr std::size_t kCrowd = 64;
   /// Longest URL of a question that waits behind others; the engine takes 8 KiB. Longer questions
@@ -107,6 +110,7 @@ class WaitingCalls {
   bool mWaitsForUsers = false;                  // that question is the last one about a user
   Clock::time_point mReadLimit{};
   std::deque<DBus::CallMessage> mRefusedCalls;  // not answered yet
+  bool mKeepsRefused = false;                   // while calls are read
   bool mWatches = false;
   Clock::time_point mNextWarning{};
   std::size_t mRefused = 0;

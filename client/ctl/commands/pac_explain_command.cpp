@@ -49,8 +49,7 @@ constexpr std::size_t kMostSteps = 1000;
 
 struct ExplainArguments {
   ChosenScript script;
-  std::vector<std::string> urls;
-  std::optional<std::string> list;
+  UrlArguments asked;
   std::optional<std::string> host;
   SimulatedEnvironment environment;
   bool json = false;
@@ -274,7 +273,7 @@ ExitStatus explain(const ExplainArguments& arguments, const pac_engine::Options&
   TracedScript script(readChosenScript(arguments.script), arguments.script.file, options);
   Json all = Json::array();
   bool allAnswered = true;
-  for (const auto& url : arguments.urls) {
+  for (const auto& url : arguments.asked.urls) {
     const auto asked = script.ask(url, arguments.host);
     allAnswered = allAnswered && asked.answer.result.has_value();
     if (arguments.json) {
@@ -293,8 +292,8 @@ void addPacExplain(CLI::App& pac, Action& action) {
   auto* const command =
       pac.add_subcommand("explain", "Shows what leads a PAC script to its answers.");
   const auto arguments = std::make_shared<ExplainArguments>();
-  addChosenScript(*command, arguments->script, arguments->urls);
-  addUrls(*command, arguments->urls, arguments->list);
+  addChosenScript(*command, arguments->script, arguments->asked.urls);
+  addUrls(*command, arguments->asked);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
           "daemon finds it");
@@ -304,11 +303,11 @@ void addPacExplain(CLI::App& pac, Action& action) {
                                                      {kNoAnswer, "at least one URL got no answer"}},
                                                     kScriptStatuses));
   command->callback([arguments, command, &action] {
-    if (arguments->script.file == "-" && arguments->list == "-") {
+    if (arguments->script.file == "-" && arguments->asked.file == "-") {
       throw CLI::ValidationError("-f", "standard input holds the script already");
     }
-    settleChosenScript(arguments->script, arguments->urls);
-    addFurtherUrls(*command, arguments->urls, arguments->list);
+    settleChosenScript(arguments->script, arguments->asked.urls);
+    addFurtherUrls(*command, arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return explain(*arguments, options);
     };

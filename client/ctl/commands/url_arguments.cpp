@@ -34,7 +34,9 @@ void addUrls(CLI::App& command, UrlArguments& arguments) {
 void addFurtherUrls(const CLI::App& command, UrlArguments& arguments) {
   auto& urls = arguments.urls;
   auto others = command.remaining();
-  std::size_t before = arguments.fileFollowsFirst ? urls.size() : 0;
+  // URLs that a command has from elsewhere come first.
+  const bool hasFirst = command.get_option("URL")->count() > 0;
+  std::size_t before = arguments.fileFollowsFirst || !hasFirst ? urls.size() : 0;
   bool optionsEnded = false;
   for (std::size_t i = 0; i < others.size(); ++i) {
     auto& argument = others[i];
