@@ -56,8 +56,7 @@ constexpr int kMostRounds = 1000;
 
 struct BenchArguments {
   std::string file;
-  std::vector<std::string> urls;
-  std::optional<std::string> list;
+  UrlArguments asked;
   SimulatedEnvironment environment;
   int rounds = 1;
   bool json = false;
@@ -128,7 +127,7 @@ Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
   Measured measured;
   CacheOnTrial cache;
   for (int round = 0; round < arguments.rounds; ++round) {
-    for (const auto& url : arguments.urls) {
+    for (const auto& url : arguments.asked.urls) {
       const auto begun = Clock::now();
       const auto shown = evaluateUrl(engine, url, std::nullopt);
       const Micros took = Clock::now() - begun;
@@ -152,7 +151,7 @@ void measureHelpers(Measured& measured, const std::string& script, const BenchAr
   if (!tracer) throw refusal(arguments.file, problem);
   // What the script called while it was loaded.
   if (!tracer->command("trace", "", problem)) throw refusal(arguments.file, problem);
-  for (const auto& url : arguments.urls) {
+  for (const auto& url : arguments.asked.urls) {
     const HeapText host(getHost(url));
     if (host != nullptr) tracer->evaluate(url, host.get());
   }
@@ -203,7 +202,7 @@ double helperShare(const Measured& measured) {
 }
 
 void print(const BenchArguments& arguments, const Measured& measured) {
-  const auto urls = arguments.urls.size();
+  const auto urls = arguments.asked.urls.size();
   std::vector<Row> rows{
       {"evaluations", std::to_string(measured.times.size()) + " of " + std::to_string(urls) +
                           " URLs on " + std::to_string(measured.hosts.size()) + " hosts, " +
@@ -224,7 +223,7 @@ void print(const BenchArguments& arguments, const Measured& measured) {
 void printAsJson(const BenchArguments& arguments, const Measured& measured) {
   Json object;
   object["file"] = arguments.file;
-  object["urls"] = arguments.urls.size();
+  object["urls"] = arguments.asked.urls.size();
   object["hosts"] = measured.hosts.size();
   object["evaluations"] = measured.times.size();
   object["unanswered"] = measured.unanswered;
@@ -236,7 +235,7 @@ void printAsJson(const BenchArguments& arguments, const Measured& measured) {
                            {"us", measured.helperTime.count()},
                            {"share", helperShare(measured)}};
   object["cache"] = Json{{"hits", measured.hits},
-                         {"share", hitShare(measured, arguments.urls.size())},
+                         {"share", hitShare(measured, arguments.asked.urls.size())},
                          {"saved_us", measured.saved.count()},
                          {"saved_share", savedShare(measured)},
                          {"stale", measured.stale},
@@ -264,7 +263,7 @@ void addPacBench(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("bench", "Measures what a PAC script costs.");
   const auto arguments = std::make_shared<BenchArguments>();
   addScriptFile(*command, arguments->file);
-  addUrls(*command, arguments->urls, arguments->list);
+  addUrls(*command, arguments->asked);
   command->add_option("--repeat", arguments->rounds, "How often each URL is asked; 1 to 1000")
       ->check(CLI::Range(1, kMostRounds))
       ->option_text("COUNT");
@@ -274,10 +273,10 @@ void addPacBench(CLI::App& pac, Action& action) {
                                                      {kNoAnswer, "at least one URL got no answer"}},
                                                     kScriptStatuses));
   command->callback([arguments, command, &action] {
-    if (arguments->file == "-" && arguments->list == "-") {
+    if (arguments->file == "-" && arguments->asked.file == "-") {
       throw CLI::ValidationError("-f", "standard input holds the script already");
     }
-    addFurtherUrls(*command, arguments->urls, arguments->list);
+    addFurtherUrls(*command, arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return benchScript(*arguments, options);
     };
