@@ -12,6 +12,7 @@
 #include "client/ctl/commands/exec_command.h"
 #include "client/ctl/commands/get_command.h"
 #include "client/ctl/commands/pac_command.h"
+#include "client/ctl/commands/pvd_command.h"
 #include "client/ctl/commands/refresh_command.h"
 #include "client/ctl/commands/relay_command.h"
 #include "client/ctl/commands/settings_command.h"
@@ -66,6 +67,7 @@ client::ExitStatus run(int argc, char** argv) {
   client::addExecCommand(program, action, line);
   client::addPacCommand(program, action);
   client::addRelayCommand(program, action);
+  client::addPvdCommand(program, action);
   auto status = client::kAnswered;
   if (line.own.empty()) {
     std::cout << program.help();

@@ -22,7 +22,7 @@ _proxymanagerctl_exec() {
 }
 
 _proxymanagerctl() {
-  local commands='status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay'
+  local commands='status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay pvd'
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
   local command=${COMP_WORDS[1]} options i
   COMPREPLY=()
@@ -68,7 +68,7 @@ _proxymanagerctl() {
         find . -type f -path '*[A-Z]*' -printf '%P ')"
       return
       ;;
-    --timeout | --user | --host | --at | --resolve | --my-ip | --credentials-for | --repeat | --ignore | --only) return ;;
+    --timeout | --user | --host | --otherwise | --at | --resolve | --my-ip | --credentials-for | --repeat | --ignore | --only) return ;;
   esac
   case $command in
     status | config | watch) options='--timeout --json --show-password --help' ;;
@@ -109,6 +109,18 @@ _proxymanagerctl() {
     relay)
       options='--help'
       [ "$COMP_CWORD" -ne 2 ] || options='enable disable --help'
+      ;;
+    pvd)
+      if [ "$COMP_CWORD" -eq 2 ]; then
+        _proxymanagerctl_words 'show to-pac --help'
+        return
+      fi
+      options='--host --json --help'
+      [ "${COMP_WORDS[2]}" != to-pac ] || options='--host --otherwise --help'
+      if [[ $cur != -* ]]; then
+        _proxymanagerctl_files
+        return
+      fi
       ;;
     *) return ;;
   esac

@@ -1,6 +1,6 @@
 # fish completion for proxymanagerctl(1).
 
-set -l commands status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay
+set -l commands status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay pvd
 set -l updates off manual pacurl wpad
 set -l trials eval check lint test bench explain cover diff
 
@@ -28,6 +28,7 @@ complete -c proxymanagerctl -n __fish_use_subcommand -a diagnose -d 'Try each wa
 complete -c proxymanagerctl -n __fish_use_subcommand -a exec -d 'Run a command with the proxy for a URL'
 complete -c proxymanagerctl -n __fish_use_subcommand -a pac -d 'Try PAC scripts out, without daemon or bus'
 complete -c proxymanagerctl -n __fish_use_subcommand -a relay -d 'Lead programs to the relay'
+complete -c proxymanagerctl -n __fish_use_subcommand -a pvd -d 'Proxy information by provisioning domain'
 
 complete -c proxymanagerctl -n "__proxymanagerctl_before_command; and __fish_seen_subcommand_from status get config settings watch refresh wait diagnose exec $updates" -l timeout -x -d 'Seconds an answer is waited for'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from status get config settings watch eval check bench explain diff $updates" -l json -d 'Print JSON'
@@ -74,3 +75,10 @@ complete -c proxymanagerctl -n '__fish_seen_subcommand_from cover' -l format -x 
 
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from relay; and not __fish_seen_subcommand_from enable disable' -a enable -d 'Set the relay as the proxy of programs'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from relay; and not __fish_seen_subcommand_from enable disable' -a disable -d 'Take this setting away'
+
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from pvd; and not __fish_seen_subcommand_from show to-pac' -a show -d 'Judge a document'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from pvd; and not __fish_seen_subcommand_from show to-pac' -a to-pac -d 'Make a PAC script of a document'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from show to-pac' -F
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from show to-pac' -l host -x -d 'The proxy whose document it is'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from show' -l json -d 'Print JSON'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from to-pac' -l otherwise -x -d 'Answer for what no rule matches'

@@ -31,13 +31,13 @@ def grammar(build):
         help_ = run(program, *words, "--help")
         options = set(re.findall(r"^  (?:-\w,)?(--[a-z-]+)", help_, re.MULTILINE))
         _, _, rest = help_.partition("\nSubcommands:\n")
-        found[words] = options, set(re.findall(r"^  ([a-z]+) ", rest.split("\n\n")[0], re.MULTILINE))
+        found[words] = options, set(re.findall(r"^  ([a-z-]+) ", rest.split("\n\n")[0], re.MULTILINE))
         for command in found[words][1]:
             level(*words, command)
 
     found = {}
     level()
-    assert {("get",), ("exec",), ("pac", "eval")} <= set(found) and len(found) >= 24
+    assert {("get",), ("exec",), ("pac", "eval")} <= set(found) and len(found) >= 27
     return found
 
 

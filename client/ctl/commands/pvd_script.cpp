@@ -1,0 +1,202 @@
+#include "client/ctl/commands/pvd_script.h"
+
+#include <cstddef>
+#include <optional>
+
+#include "client/ctl/terminal/script_file.h"
+
+namespace client::pvd {
+
+namespace {
+
+/// What the rules call. A port that is not known matches no rule with ports. The host is that of
+/// the URL: the second argument of a script is cut at the first colon of an IPv6 address.
+constexpr const char* kFunctions = R"(
+function partsOf(url) {
+  return /^([a-z][a-z0-9+.-]*):\/\/(?:[^\/?#]*@)?(\[[^\]\/?#]*\]|[^:\/?#]*)(?::([0-9]*))?/i.exec(url) || ["", "", ""];
+}
+function hostOf(parts) {
+  return parts[2].toLowerCase().replace(/^\[|\]$/g, "").replace(/\.$/, "");
+}
+function portOf(parts) {
+  if (parts[3]) return Number(parts[3]);
+  return { http: 80, ws: 80, https: 443, wss: 443, ftp: 21 }[parts[1].toLowerCase()] || -1;
+}
+function below(host, domain) {
+  return host === domain || host.slice(-domain.length - 1) === "." + domain;
+}
+function isSix(text) {
+  return text.indexOf(":") >= 0;
+}
+function inSubnet(host, prefix) {
+  var all = isSix(host) || /^[0-9.]+$/.test(host) ? host : dnsResolveEx(host);
+  return !!all && all.split(";").some(function (one) {
+    return isSix(one) === isSix(prefix) && isInNetEx(one, prefix);
+  });
+}
+)";
+
+std::string quoted(const std::string& text) {
+  std::string result;
+  result += '"';
+  result += text;  // host names, addresses and ports have nothing to be escaped
+  result += '"';
+  return result;
+}
+
+std::string conditionOf(const std::string& domain) {
+  if (domain.starts_with("*.")) return "below(host, " + quoted(domain.substr(2)) + ')';
+  return "host === " + quoted(domain);
+}
+
+std::string conditionOf(const Subnet& subnet) {
+  return "inSubnet(host, " + quoted(textOf(subnet)) + ')';
+}
+
+std::string conditionOf(const Ports& ports) {
+  if (ports.first == ports.last) return "port === " + std::to_string(ports.first);
+  return "(port >= " + std::to_string(ports.first) + " && port <= " + std::to_string(ports.last) +
+         ')';
+}
+
+/// Adds "(a || b)" to the conditions that all have to hold.
+template <typename Value>
+void addOneOf(const std::vector<Value>& values, std::string& all) {
+  if (values.empty()) return;
+  all += all.empty() ? "(" : " &&\n      (";
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    all += (i == 0 ? "" : " ||\n       ") + conditionOf(values[i]);
+  }
+  all += ')';
+}
+
+/// The cheap conditions come first: a subnet may ask for the addresses of a name.
+std::string conditionOf(const Rule& rule) {
+  std::string all;
+  addOneOf(rule.ports, all);
+  addOneOf(rule.domains, all);
+  addOneOf(rule.subnets, all);
+  return all;
+}
+
+void addEntry(const Proxy& proxy, std::string& answer) {
+  const auto entry = entryOf(proxy);
+  if (entry.empty()) return;
+  if (!answer.empty()) answer += "; ";
+  answer += entry;
+}
+
+class Maker {
+ public:
+  explicit Maker(const Document& document) : mDocument(document) {}
+
+  Script make(const std::string& otherwise) {
+    mScript.warnings = mDocument.warnings;
+    warnOfProxies();
+    std::string body;
+    bool isOpen = true;  // false once a rule matches everything
+    for (std::size_t i = 0; i < mDocument.rules.size() && isOpen && mScript.error.empty(); ++i) {
+      isOpen = addRule(i, body);
+    }
+    if (isOpen) body += "  return " + quoted(lastAnswer(otherwise)) + ";\n";
+    if (!mScript.error.empty()) return mScript;
+    mScript.text = "// The proxies of " + mDocument.identifier + ", until " + mDocument.expires +
+                   ".\n// Made by: proxymanagerctl pvd to-pac\n" + kFunctions +
+                   "\nfunction FindProxyForURL(url, name) {\n  var parts = partsOf(url), "
+                   "host = hostOf(parts), port = portOf(parts);\n" +
+                   body + "}\n";
+    if (mScript.text.size() > kMaxScriptBytes) refuse("the script is longer than 512,000 bytes");
+    return mScript;
+  }
+
+ private:
+  void warn(const std::string& warning) { mScript.warnings.push_back(warning); }
+
+  void refuse(const std::string& why) {
+    mScript.text.clear();
+    mScript.error = why;
+  }
+
+  void warnOfProxies() {
+    for (const auto& proxy : mDocument.proxies) {
+      const auto name = proxy.protocol + " " + proxy.location;
+      if (!proxy.whyIgnored.empty()) {
+        warn("the proxy \"" + name + "\" is ignored: " + proxy.whyIgnored);
+      } else if (entryOf(proxy).empty()) {
+        warn("the proxy \"" + name + "\" cannot be expressed: the daemon knows no such proxies");
+      } else if (proxy.protocol == "socks5") {
+        warn("the proxy \"" + name + "\" becomes SOCKS, which names no version");
+      }
+    }
+  }
+
+  /// The answer of a rule; nothing if none of its proxies applies, so that it does not match.
+  std::optional<std::string> answerOf(std::size_t number) {
+    const auto& rule = mDocument.rules[number];
+    if (rule.proxies.empty()) return "DIRECT";
+    std::string answer;
+    bool applies = false;
+    for (const auto& identifier : rule.proxies) {
+      for (const auto& proxy : mDocument.proxies) {
+        if (proxy.identifier != identifier || !proxy.whyIgnored.empty()) continue;
+        applies = true;
+        addEntry(proxy, answer);
+      }
+    }
+    const auto name = "rule " + std::to_string(number + 1);
+    if (!applies) {
+      warn(name + " is left out: none of its proxies can be used");
+      return {};
+    }
+    if (answer.empty()) refuse(name + " cannot be expressed: the daemon knows none of its proxies");
+    return answer;
+  }
+
+  /// @return whether anything is left for a further rule
+  bool addRule(std::size_t number, std::string& body) {
+    const auto& rule = mDocument.rules[number];
+    if (!rule.whyIgnored.empty()) {
+      warn("rule " + std::to_string(number + 1) + " is ignored: " + rule.whyIgnored);
+      return true;
+    }
+    const auto answer = answerOf(number);
+    if (!answer) return true;
+    const auto condition = conditionOf(rule);
+    body += (condition.empty() ? "  return " : "  if (" + condition + ") return ") +
+            quoted(*answer) + ";\n";
+    return !condition.empty();
+  }
+
+  std::string lastAnswer(const std::string& otherwise) {
+    std::string answer;
+    bool hasOne = false;
+    for (const auto& proxy : mDocument.proxies) {
+      if (proxy.identifier || !proxy.whyIgnored.empty()) continue;
+      hasOne = true;
+      addEntry(proxy, answer);
+    }
+    if (!answer.empty()) return answer;
+    if (hasOne)
+      refuse("the proxies for any traffic cannot be expressed: the daemon knows none of them");
+    warn("what no rule matches gets \"" + otherwise +
+         "\": the document does not name the proxy that it "
+         "is of (--otherwise)");
+    return otherwise;
+  }
+
+  const Document& mDocument;
+  Script mScript;
+};
+
+}  // namespace
+
+std::string entryOf(const Proxy& proxy) {
+  if (proxy.protocol == "http-connect") return "PROXY " + proxy.location;
+  return proxy.protocol == "socks5" ? "SOCKS " + proxy.location : "";
+}
+
+Script scriptOf(const Document& document, const std::string& otherwise) {
+  return Maker(document).make(otherwise);
+}
+
+}  // namespace client::pvd
