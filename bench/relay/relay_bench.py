@@ -243,9 +243,11 @@ def memories(world):
 
 
 def most_idle(world):
-    with world.relay(RAISED), world.idle(MOST_IDLE) as held:
-        world.way("")
-        return held
+    world.way("")
+    with world.relay(RAISED):
+        wait_for_way(world)
+        with world.idle(MOST_IDLE) as held:
+            return held
 
 
 def measured(build, programs_folder, rounds, seconds):
