@@ -55,7 +55,7 @@ mkdir -p "$json"
 
 step() { printf '\n==> %s\n' "$*"; }
 
-# What the library says of the machine's clock and load is for whoever wonders, in $json.
+# The library's notes about the machine's clock and load are in $json.
 parts() {
   local name=$1
   shift

@@ -45,11 +45,11 @@ fail() {
   exit 1
 }
 
-# Where the daemon puts the script; what it put there goes with it.
+# The place of the daemon's script, which is removed at the end.
 readonly pac_file=/tmp/proxymanager.pac
 keep_pac_file=yes
 
-# What was started, ended in the opposite order; nothing outlives this script.
+# Ends all started programs in the opposite order; none outlives this script.
 work=
 started=()
 finish() {
@@ -162,7 +162,7 @@ service_call() {
   bus_call "$service" "$object" "$interface.$member" "$@"
 }
 
-# A random port; the next try where something else has it.
+# A random port; tries another one if the port is taken.
 start_web_server() {
   step "Serving docs/examples/sample.pac on the loopback interface"
   mkdir "$work/www"
@@ -209,7 +209,7 @@ configure() {
   echo "Waiting until the script is fetched and loaded"
   until_true "The script" "$daemon" script_is_loaded
 }
-# Before that an answer holds the mode alone.
+# Before that an answer contains only the mode.
 script_is_loaded() { [ "$(ask http://ready.example/ | wc -l)" -gt 1 ]; }
 
 # The texts of the answer, one a line: the mode, then what to try, in order.

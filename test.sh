@@ -95,7 +95,7 @@ run_tests() {
     "${ctest_options[@]}"
 }
 
-# with_suppressions TOOL OPTIONS: the options, and the tool's suppressions where the tree has some.
+# with_suppressions TOOL OPTIONS: the options, and the tool's suppressions if the tree has some.
 with_suppressions() {
   local file=$top/tests/support/$1.supp
   if [ -e "$file" ]; then echo "$2:suppressions=$file"; else echo "$2"; fi
@@ -133,8 +133,9 @@ test_sanitizers() {
   run_tests thread -LE '^slow$'
 }
 
-# What a killed process ran is not counted: the counts are written at its end. Another user's process
-# may not write them and says so, which two tests would take for the program's own words.
+# The lines that a killed process has run are not counted, because a process writes its counts at its end.
+# A process of another user may not write them and prints an error, which two tests would take for the
+# program's own words.
 test_coverage() {
   local status=0 report=$build/coverage/report
   build_tree coverage -DCMAKE_BUILD_TYPE=Debug -DPROXYMANAGER_COVERAGE=ON

@@ -8,7 +8,7 @@
 
 namespace base {
 
-/// What separates words on a line.
+/// The characters that separate words on a line.
 inline constexpr std::string_view kBlanks = " \t";
 
 constexpr bool isAscii(char c) {

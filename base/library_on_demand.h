@@ -1,9 +1,9 @@
 // A shared library that is mapped when it is first called.
 //
 // A daemon in the modes off and manual never calls some of its libraries, and most commands of
-// proxymanagerctl call the bus alone. So these two programs are linked with functions of their own
-// that have the names of the library's and forward each call. Tests fail if they map one of those
-// libraries at their start again.
+// proxymanagerctl only need the bus. So these two programs contain functions with the names of the
+// library's functions, which forward each call. Tests fail if they map one of those libraries at
+// their start again.
 #pragma once
 
 #include <dlfcn.h>
@@ -33,8 +33,8 @@ bool find(void* library, const char* name, Function& function) {
 }
 
 /// A library and those of its functions that are called, for any thread. `Functions` are pointers
-/// to them. A library that is not available now is looked for again at the next call, because the
-/// reason, no memory or no descriptor, may have gone.
+/// to them. If a library is not available now, the next call looks for it again, because memory or
+/// descriptors may be available then.
 template <typename Functions>
 class Library {
  public:

@@ -6,9 +6,9 @@
 
 #include <syslog.h>
 
-/// The ident under which the daemon's lines stand in the log.
+/// The ident of the daemon's lines in the log.
 inline constexpr char kLogIdent[] = "proxymanager_service";
 
 /// Logs one line at `priority` (LOG_ERR ... LOG_DEBUG), formatted as printf does; a null text for a
-/// "%s" shows as "(null)". Any thread. Never fails: what syslog cannot take is lost.
+/// "%s" shows as "(null)". Any thread. Never fails: a line that syslog does not accept is lost.
 void logLine(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -1,7 +1,7 @@
 // Clang's thread-safety analysis, and mutexes that it knows.
 //
-// The standard library's mutexes carry no annotations on this platform, so the two below derive
-// from them and add nothing but the attributes. Other compilers see plain mutexes.
+// The standard library's mutexes have no annotations on this platform. The two classes below derive
+// from them and add only the attributes. Other compilers see plain mutexes.
 // https://clang.llvm.org/docs/ThreadSafetyAnalysis.html
 #pragma once
 
@@ -43,8 +43,8 @@ class PM_CAPABILITY("mutex") RecursiveMutex : public std::recursive_mutex {
   bool try_lock() PM_TRY_ACQUIRE(true) { return std::recursive_mutex::try_lock(); }
 };
 
-/// Holds a mutex for a scope, known to the analysis. `native()` is what a condition variable waits
-/// with; the wait gives the mutex back held, so the analysis need not see it.
+/// Holds a mutex for a scope, known to the analysis. A condition variable waits with `native()`.
+/// The mutex is held again when that wait returns, so the analysis may ignore the wait.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Lock {
  public:
@@ -61,12 +61,13 @@ class PM_SCOPED_CAPABILITY Lock {
   std::unique_lock<Native> mLock;
 };
 
-/// Gives a mutex that the caller holds up for a scope, known to the analysis.
+/// Releases a mutex that the caller holds, and takes it again at the end of the scope. Known to the
+/// analysis.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Unlock {
  public:
   explicit Unlock(MutexType& mutex) PM_RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }
-  // The analysis takes the end of a scope that released a mutex for acquiring it again.
+  // The analysis expects such a scope to take the mutex again at its end.
   ~Unlock() PM_RELEASE() { mMutex.lock(); }
   Unlock(const Unlock&) = delete;
   Unlock& operator=(const Unlock&) = delete;

@@ -41,7 +41,7 @@ OpenFile openFile(const char* path, const FileDemands& demands) noexcept {
     const int error = errno;
     file.failure = failed(error);
     if (error == ENOENT) file.failure.problem = FileProblem::missing;
-    // Also of a path that has too many links before its end, which is no better.
+    // ELOOP also means too many links before the path's end; such a path is refused, too.
     if (error == ELOOP) file.failure.problem = FileProblem::link;
     return file;
   }
@@ -61,7 +61,7 @@ FileText readToEnd(int fd, std::size_t mostBytes) {
     if (count == 0) return file;
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) return {{}, failed(errno)};
-    // The size that fstat() reported does not bind: the file grows, or is one of /proc.
+    // The size from fstat() is not reliable: the file may grow, and files of /proc report 0.
     const auto bytes = static_cast<std::size_t>(count);
     if (bytes > mostBytes - file.text.size()) return {{}, {FileProblem::tooLong, EFBIG}};
     file.text.append(chunk.data(), bytes);

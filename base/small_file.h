@@ -1,8 +1,8 @@
-// Careful reading of small files, in places where others may write.
+// Careful reading of small files, in folders to which other users may write.
 //
-// A folder such as /tmp lets every user plant a link, a fifo, a device or a file of their own under
-// a name that a program reads. So what was opened is checked, never what the path names: nobody can
-// swap the file in between. Opening never blocks.
+// In a folder such as /tmp every user can plant a link, a fifo, a device or an own file under a
+// name that a program reads. So these functions check the open file, never the path, and nobody can
+// swap the file between check and read. Opening never blocks.
 #pragma once
 
 #include <sys/stat.h>
@@ -14,13 +14,13 @@
 
 namespace base {
 
-/// Whose files are accepted.
+/// The owners whose files are accepted.
 enum class FileOwner {
   anybody,
   rootOrSelf,  ///< root's, and those of the process's effective user
 };
 
-/// What a reader demands of a file. A regular file is always demanded.
+/// The demands of a reader on a file. The file must always be regular.
 struct FileDemands {
   std::size_t mostBytes = 0;  ///< a file with one byte more is refused
   FileOwner owner = FileOwner::rootOrSelf;
@@ -28,12 +28,12 @@ struct FileDemands {
   /// links in the path before its end are always followed.
   bool followsLink = false;
   /// A file that has a second name (hard link) is accepted. In a shared folder any user can give a
-  /// file of root's such a name, if the kernel does not forbid it (fs.protected_hardlinks).
+  /// file of root a second name, unless the kernel forbids it (fs.protected_hardlinks).
   bool acceptsSecondName = false;
 };
 
-/// The demands of a reader whose file lies in a folder that only root writes to: anybody's file,
-/// links and second names included. A length is still demanded.
+/// The demands for a file in a folder that only root writes to. Any owner, links and second names
+/// are accepted; the length is still limited.
 constexpr FileDemands inTrustedFolder(std::size_t mostBytes) {
   return {mostBytes, FileOwner::anybody, true, true};
 }
@@ -52,8 +52,8 @@ enum class FileProblem {
 /// Why a file was not accepted or read. Converts to true if there is a problem.
 struct FileFailure {
   FileProblem problem = FileProblem::none;
-  /// 0 without a problem; the errno value of the call that failed; of a refused file the value that
-  /// fits best: ELOOP, EINVAL (not regular), EPERM (owner), EMLINK, EFBIG.
+  /// 0 if there is no problem. If a call failed, its errno value. If the file is refused, the value
+  /// that fits best: ELOOP, EINVAL (not regular), EPERM (owner), EMLINK, EFBIG.
   int error = 0;
   explicit operator bool() const { return problem != FileProblem::none; }
 };
@@ -72,8 +72,8 @@ struct FileText {
 };
 
 /// Checks an open file against `demands`: kind, owner, names, size.
-/// @param status receives what fstat() returned, unless that failed; may be null
-/// Any thread. Does not throw.
+/// @param status receives the result of fstat(), unless fstat() failed; may be null Any thread.
+/// Does not throw.
 FileFailure checkFile(int fd, const FileDemands& demands, struct stat* status = nullptr) noexcept;
 
 /// Opens `path` for reading and checks it. Any thread. Does not throw.

@@ -8,12 +8,12 @@
 
 namespace base {
 
-/// Closes its descriptor when it ends or takes another one. `errno` keeps its value, so that a
-/// function can fail, leave and still report why.
+/// Closes its descriptor when it is destroyed or takes another one. `errno` keeps its value, so
+/// that a function can return after a failure and its caller still sees the reason.
 class UniqueFd {
  public:
   UniqueFd() = default;
-  /// Takes ownership of `fd`; a negative one, as open() returns it on failure, is none.
+  /// Takes ownership of `fd`. A negative `fd`, as open() returns it on failure, is no descriptor.
   explicit UniqueFd(int fd) noexcept : mFd(fd) {}
   UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {

@@ -26,7 +26,7 @@ constexpr bool isUtf8Continuation(char byte) {
   return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-/// Half of a pair in UTF-16, no character of UTF-8.
+/// Half of a pair in UTF-16; UTF-8 has no such character.
 constexpr bool isSurrogate(char32_t code) {
   return code >= 0xD800 && code <= 0xDFFF;
 }
@@ -49,7 +49,7 @@ constexpr Utf8Character utf8CharacterAt(std::string_view text, std::size_t at) {
     if (!isUtf8Continuation(text[at + i])) return {};
     code = (code << 6U) | (static_cast<unsigned char>(text[at + i]) & 0x3FU);
   }
-  // Of two bytes, the lead byte alone shows it.
+  // utf8Length() has already refused two-byte forms that are too long (lead byte 0xC0 or 0xC1).
   const bool tooLong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
   if (tooLong || code > 0x10FFFF) return {};
   return {length, code};
@@ -65,8 +65,8 @@ constexpr bool isUtf8(std::string_view text) {
   return true;
 }
 
-/// The longest head of `text` that has at most `limit` bytes and ends between two characters. Of a
-/// text that is not UTF-8 the head has up to three bytes less than it could.
+/// The longest head of `text` that has at most `limit` bytes and ends between two characters. If
+/// the text is not UTF-8, the head may have up to three bytes fewer than possible.
 constexpr std::string_view utf8Head(std::string_view text, std::size_t limit) {
   if (text.size() <= limit) return text;
   constexpr int kMostContinuations = 3;

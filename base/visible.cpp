@@ -24,7 +24,7 @@ std::string visible(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const Utf8Character character = utf8CharacterAt(text, at);
     if (character.length == 0 || isSurrogate(character.code)) {
-      // Alone it is no character, and some terminals obey such a byte.
+      // A single such byte is no character, and some terminals treat it as a control character.
       appendEscaped(shown, static_cast<unsigned char>(text[at++]));
       continue;
     }

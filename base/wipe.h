@@ -16,10 +16,10 @@ inline void wipe(char* text) noexcept {
   if (text != nullptr) wipe(text, std::strlen(text));
 }
 
-/// Overwrites all that `text` has room for, and empties it. Bytes that it left behind when it grew
-/// or moved are not reached.
+/// Overwrites the whole capacity of `text`, and empties it. Copies that `text` left in memory when
+/// it grew or moved are not overwritten.
 inline void wipe(std::string& text) noexcept {
-  text.resize(text.capacity());  // what was cut off is wiped, too; no allocation
+  text.resize(text.capacity());  // also wipes the part behind the end; allocates nothing
   wipe(text.data(), text.size());
   text.clear();
 }

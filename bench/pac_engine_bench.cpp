@@ -1,4 +1,4 @@
-// What the wall between library and script costs: the same question asked through the library and
+// The cost of the wall between library and script: the same question asked through the library and
 // of the same engine in this process, loading, and the worker's own memory.
 //
 // "OneCpu" binds this process, and with it the worker, to one CPU; "AnyCpu" leaves both to the

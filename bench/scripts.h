@@ -24,7 +24,7 @@ std::string modernScript();
 /// Rules up to this many bytes.
 std::string scriptOf(std::size_t bytes);
 
-/// What all of these answer where no rule fits.
+/// The answer of all these scripts if no rule fits.
 inline constexpr const char* kAnswer = "PROXY proxy.test:8080; DIRECT";
 
 }  // namespace bench

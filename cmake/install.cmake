@@ -1,4 +1,4 @@
-# Where things go. Every program finds its neighbours by the path from itself, so any prefix serves.
+# The installed files. Every program finds the others by the path relative to itself, so any prefix works.
 foreach(program_folder "proxymanagerd;${CMAKE_INSTALL_SBINDIR}"
     "proxymanager-pac-worker;${CMAKE_INSTALL_LIBEXECDIR}"
     "proxymanager-workbench;${CMAKE_INSTALL_LIBEXECDIR}"
@@ -47,8 +47,8 @@ if(PROXYMANAGER_LIBPROXY)
   install(TARGETS proxymanager_libproxy LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" NAMELINK_SKIP)
 endif()
 
-# What the system around the daemon reads. The unit alone holds a whole path, the daemon's below the
-# prefix that the build was configured with: systemd knows no other way to name a program.
+# The files that the system around the daemon reads. Only the unit contains an absolute path, the daemon's
+# below the prefix that the build was configured with: systemd knows no other way to name a program.
 set(PROXYMANAGER_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
     "Where the systemd unit goes: below the prefix, or an absolute folder")
 set(proxymanager_packaging "${PROJECT_SOURCE_DIR}/packaging")

@@ -1,6 +1,6 @@
-# proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): an object for programs alone, whose
-# functions stand before those of the library SONAME and map it at their first call. They are not
-# visible to other libraries, least of all to the library that they stand for.
+# proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): an object for programs only. Its functions
+# replace those of the library SONAME, and map that library at their first call. They are not visible to
+# other libraries, and not to SONAME itself.
 #
 # The name of the library is in the source. Others of its kind, such as a libcurl on GnuTLS, have
 # another name, and the program would not find the one that it was built with.

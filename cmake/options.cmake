@@ -1,4 +1,4 @@
-# What a build can choose. Tests and install rules are on only where this tree is built for itself.
+# The options of a build. Tests and install rules are on only if this tree is the top-level project.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)

@@ -1,13 +1,13 @@
-# What a device may have its own of: parts of base/, engine/host/ and platform/.
+# The parts of base/, engine/host/ and platform/ that a device may replace.
 #
 # A part is the functions of one header. PROXYMANAGER_DEVICE names a folder of the device maker's;
-# its CMakeLists.txt says which parts it replaces, and with what:
+# its CMakeLists.txt names the parts that it replaces, and the replacements:
 #
 #   proxymanager_replace(dhcp_info SOURCES own_lease.cpp LIBRARIES PkgConfig::ownservice)
 #
 # Those sources are then compiled in the place of this tree's, and its part's libraries are not
 # linked. So there is never a second definition for a linker to choose from, and a function that the
-# replacement lacks is an error of the link. docs/integration.md says what each part has to do.
+# replacement lacks is an error of the link. docs/integration.md describes the task of each part.
 set(PROXYMANAGER_DEVICE "" CACHE PATH "A folder whose CMakeLists.txt replaces parts of this tree")
 
 # proxymanager_replace(PART SOURCES a.cpp ... LIBRARIES lib ...): in the device's CMakeLists.txt.

@@ -1,5 +1,5 @@
 # `proxymanager`: everything but `main`, as one library, for the daemon, the tests and other projects
-# that add this tree. Whoever links it gets the include root and the dependencies with it.
+# that add this tree. A target that links it also gets the include root and the dependencies.
 #
 # It is made of the folders' objects, not of their archives: folders may call each other, and one
 # archive has no order to get wrong. Left out is what the daemon must never map, the script engine
@@ -8,7 +8,7 @@ get_property(proxymanager_gathered GLOBAL PROPERTY proxymanager_libraries)
 list(FILTER proxymanager_gathered EXCLUDE REGEX "^proxymanager_(script_engine|client.*)$")
 
 add_library(proxymanager STATIC)
-# Archives made of foreign objects alone do not tell CMake which linker they need.
+# An archive that contains only objects of other targets does not show CMake which linker it needs.
 set_target_properties(proxymanager PROPERTIES LINKER_LANGUAGE CXX)
 target_compile_features(proxymanager PUBLIC cxx_std_20)
 target_include_directories(proxymanager PUBLIC "${proxymanagerd_SOURCE_DIR}")

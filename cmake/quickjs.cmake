@@ -1,9 +1,9 @@
-# proxymanager_quickjs: the JavaScript engine, QuickJS-NG, for the script worker alone.
+# proxymanager_quickjs: the JavaScript engine, QuickJS-NG, only for the script worker.
 #
 # In this order: the source folder that the build names (-DPROXYMANAGER_ENGINE_SOURCE=), the
-# distribution's package (libqjs-dev) where it is recent enough, the source that a release tarball of
-# this tree contains, the distribution's upstream tarball of a later suite, fetched once per machine
-# by packaging/quickjs/fetch_quickjs.sh.
+# distribution's package (libqjs-dev) if it is recent enough, the source that a release tarball of this tree
+# contains, the distribution's upstream tarball of a later suite, fetched once per machine by
+# packaging/quickjs/fetch_quickjs.sh.
 #
 # Sets the global properties proxymanager_engine_version, proxymanager_engine_header and, if there is a
 # source folder with tests, proxymanager_engine_tests.
@@ -65,7 +65,7 @@ set_target_properties(proxymanager_quickjs PROPERTIES C_STANDARD 11 C_STANDARD_R
   C_EXTENSIONS ON C_VISIBILITY_PRESET hidden)
 # In place of the folder's options: the engine is a plain, optimized build also under sanitizers and
 # for coverage, since its stack and heap limits are tested as they are on a device. Its assertions
-# stay: a worker that ends is better than one that goes on with broken memory.
+# stay: it is better that a worker ends than that it runs with broken memory.
 set_property(TARGET proxymanager_quickjs PROPERTY COMPILE_OPTIONS
   -O3 -UNDEBUG -funsigned-char -w "-fmacro-prefix-map=${engine_source}/="
   -fno-strict-aliasing -fno-strict-overflow -fno-delete-null-pointer-checks

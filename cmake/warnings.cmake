@@ -5,6 +5,6 @@ target_compile_options(proxymanager_warnings INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wconversion -Wsign-conversion -Wold-style-cast -Woverloaded-virtual
     -Wnon-virtual-dtor -Wextra-semi -Wno-missing-field-initializers>
   $<$<COMPILE_LANG_AND_ID:CXX,Clang>:-Wthread-safety>
-  # GCC 12 sees overlaps in "literal" + std::string where there are none (GCC bug 105651).
+  # GCC 12 warns of overlaps in "literal" + std::string that do not exist (GCC bug 105651).
   $<$<COMPILE_LANG_AND_ID:CXX,GNU>:-Wno-restrict>
   $<$<BOOL:${PROXYMANAGER_WERROR}>:-Werror>)

@@ -61,7 +61,7 @@ std::vector<std::string> CallOrder::takeUnknown() {
   return names;
 }
 
-// The one that has waited longest for a turn of this kind.
+// The user or connection that has waited longest since it was last served a call of this kind.
 CallOrder::Connections::iterator CallOrder::first(Kind kind, bool onlyPrivileged) {
   auto best = mConnections.end();
   std::pair<std::uint64_t, std::uint64_t> bestTurn;
@@ -91,7 +91,8 @@ CallOrder::Connections::iterator CallOrder::choose() {
   return chosen;
 }
 
-// At the next choice, not when it was served: who came meanwhile stands before it.
+// Done at the next choice, not when the call was served: a connection that arrived in between
+// stands before it.
 void CallOrder::standBehind() {
   const auto found = mConnections.find(std::exchange(mLastServed, {}));
   if (found == mConnections.end()) return;

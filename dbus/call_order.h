@@ -1,4 +1,4 @@
-// The order in which waiting calls have their turn.
+// The order in which waiting calls are served.
 //
 // A call that a script answers takes up to 5.25 s, and the bus thread serves one call at a time. So
 // the calls that wait stand in one queue for each connection, and this class decides whose call is
@@ -7,15 +7,13 @@
 //
 // 1. calls that need no script, of root and of the service's own user;
 // 2. calls that need no script, of everybody;
-// 3. questions, which need the script. After kPlainInARow calls that need none, one question has
-// its
-//    turn.
+// 3. questions, which need the script. After kPlainInARow other calls, one question is served.
 //
 // Each kind goes round robin over the users, and then over the connections of a user. A connection
-// whose user is not known yet counts as a user of its own. A newcomer stands behind those who wait,
-// and before the one that was served last.
+// whose user is not known yet counts as a user of its own. A new connection stands behind the
+// connections that wait, and before the connection that was served last.
 //
-// Knows nothing of the bus: names and users are given to it. Not synchronised; one thread.
+// The class does not use the bus: the caller passes names and users. Not synchronised; one thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -34,28 +32,30 @@ class CallOrder {
   /// What a call needs.
   enum class Kind : std::uint8_t { kPlain, kQuestion };
 
-  /// Most questions that wait, of one connection and of one user. A browser has some tens of
-  /// requests in progress; whoever has more gets an answer without the script at once.
+  /// The most questions of one connection, and of one user, that wait. A browser has some tens of
+  /// requests in progress. A question past the bound gets an answer without the script at once.
   static constexpr std::size_t kMaxOfConnection = 64;
   static constexpr std::size_t kMaxOfUser = 256;
-  /// Calls that need no script, in a row, before a question has its turn.
+  /// The most calls in a row that need no script while a question waits.
   static constexpr unsigned kPlainInARow = 64;
 
   /// @param ownUser user of this process; its calls and root's go first
   explicit CallOrder(unsigned long ownUser) : mOwnUser(ownUser) {}
 
-  /// Whether one more question of `sender` may wait. Of a call that needs no script: whether fewer
-  /// than kMaxOfConnection calls of the connection wait.
+  /// Whether one more call of `sender` may wait. For a question the bounds of the connection and of
+  /// its user count. For a call that needs no script, fewer than kMaxOfConnection calls of the
+  /// connection must wait.
   bool hasRoom(const std::string& sender, Kind kind) const;
 
-  /// Lets `call` wait. The caller has asked hasRoom() if it wants the bound.
+  /// Puts `call` into the queue. Checks no bound: the caller asks hasRoom() first.
   void add(const std::string& sender, Kind kind, DBus::CallMessage call);
 
-  /// A call of `sender` was served without having waited here: the connection stands behind those
-  /// that come until the next choice.
+  /// Records that a call of `sender` was served without waiting here. The connection then stands
+  /// behind the connections that arrive before the next choice.
   void noteServed(const std::string& sender, Kind kind);
 
-  /// The connections whose user is not known. Each is named once while its calls wait.
+  /// The connections whose user is not known. Each connection is returned once while its calls
+  /// wait.
   std::vector<std::string> takeUnknown();
 
   /// Takes the next call. @return nothing if none waits
@@ -68,14 +68,14 @@ class CallOrder {
   /// Takes the next call of a modest user. @return nothing if none waits
   std::optional<DBus::CallMessage> nextOfModest();
 
-  /// The user of a connection is known. @return the questions beyond the user's bound, the newest
-  /// ones, which wait no longer
+  /// Sets the user of a connection. @return the newest questions past the user's bound, which no
+  /// longer wait
   std::vector<DBus::CallMessage> setUser(const std::string& sender, unsigned long user);
 
   /// The connection has left the bus: drops its calls.
   void drop(const std::string& sender);
 
-  /// Forgets connections and users. Only while nothing waits.
+  /// Forgets connections and users. Called only while nothing waits.
   void forget();
 
   std::size_t waiting() const { return mWaiting; }

@@ -101,7 +101,7 @@ int ProxyManagerDbusHandler::takeTurn() {
 // Nothing may leave through the library's C code that called us.
 bool ProxyManagerDbusHandler::handle_message(const DBus::Message& message) {
   if (message.type() != DBUS_MESSAGE_TYPE_METHOD_CALL) return false;
-  // As the library itself does: a CallMessage is a Message with other member functions.
+  // The library does the same cast: a CallMessage is a Message with other member functions.
   const auto& call = reinterpret_cast<const DBus::CallMessage&>(message);
   return letWait(call) || serve(call);
 }

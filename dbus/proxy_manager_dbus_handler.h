@@ -27,36 +27,37 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
                                 public DBus::IntrospectableAdaptor {
  public:
   /// Registers the object at `path` of `connection`.
-  /// @param service not owned, may be null; outlives the handler or is detached before it goes
+  /// @param service not owned, may be null; outlives the handler or is detached before it is
+  /// deleted
   ProxyManagerDbusHandler(ProxyManagerServiceImpl* service, DBus::Connection& connection,
                           const char* path);
   ~ProxyManagerDbusHandler() override;
   ProxyManagerDbusHandler(const ProxyManagerDbusHandler&) = delete;
   ProxyManagerDbusHandler& operator=(const ProxyManagerDbusHandler&) = delete;
 
-  /// Answers calls by `service` again, which outlives the handler or is detached before it goes.
-  /// Waits for the call in flight. Any thread but the bus thread inside a call.
+  /// Passes calls to `service` again. The service outlives the handler or is detached before it is
+  /// deleted. Waits for the call in progress. Any thread, except the bus thread inside a call.
   void attachService(ProxyManagerServiceImpl& service) PM_EXCLUDES(mServiceMutex);
 
-  /// Answers every call that begins after this one as without a service. Does not wait for the call
-  /// in flight. Any thread.
+  /// From now on every new call gets the answer of a handler without a service. Does not wait for
+  /// the call in progress. Any thread.
   void refuseCalls();
 
-  /// Refuses calls, lets the call in flight end, then forgets the service.
-  /// Any thread but the bus thread inside a call.
+  /// Refuses new calls, waits for the call in progress, then forgets the service. Any thread,
+  /// except the bus thread inside a call.
   void detachService() PM_EXCLUDES(mServiceMutex);
 
-  /// From now on calls of the interface wait for takeTurn() instead of being answered as they come.
-  /// The connection outlives the handler. Before the connection is dispatched.
+  /// From now on calls of the interface wait for takeTurn() instead of being answered as they
+  /// arrive. The connection outlives the handler. Called before the connection is dispatched.
   void queueCalls();
   /// Serves one waiting call. Bus thread.
-  /// @return milliseconds until it wants to be called again if nothing comes from the bus; -1:
+  /// @return milliseconds after which the caller calls again if nothing arrives from the bus; -1:
   /// never
   int takeTurn();
 
   /// Always true.
   bool checkServicestarted() override;
-  /// The service's answer; "off" alone without a service.
+  /// The service's answer; only "off" without a service.
   std::vector<std::string> getProxyurl(const std::string& requestUrl) override
       PM_EXCLUDES(mServiceMutex);
   /// The service's configuration; "off" and five empty texts without a service.
@@ -69,7 +70,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
       PM_EXCLUDES(mServiceMutex);
 
  private:
-  // The library's own ends the process on a call without an interface and on foreign exceptions.
+  // The library's own function ends the process on a call without an interface and on foreign
+  // exceptions.
   bool handle_message(const DBus::Message& message) override;
   DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
   bool letWait(const DBus::CallMessage& call);
@@ -78,7 +80,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   bool answerWithoutService(const DBus::CallMessage& call) noexcept;
   ProxyManagerServiceImpl* service() const PM_REQUIRES(mServiceMutex);
 
-  // Held during a call, so that detachService() waits for the one in flight.
+  // Held during a call, so that detachService() waits for the call in progress.
   Mutex mServiceMutex;
   ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
   std::atomic<bool> mRefusesCalls{false};

@@ -1,5 +1,4 @@
-// What the bus object calls in the service. service/callbacks.cpp implements it; tests put their
-// own in its place.
+// What the bus object calls in the service. service/callbacks.cpp implements it; tests replace it.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +9,8 @@
 
 class ProxyManagerServiceImpl;
 
-/// Each function does what the member of the service with its name does. Called on the bus thread,
-/// with the handler's mutex held. The service's exceptions pass through.
+/// Each function calls the service's member function of the same name. The functions run on the bus
+/// thread, with the handler's mutex held. Exceptions of the service pass through.
 namespace service_callbacks {
 
 std::vector<std::string> getProxyUrl(ProxyManagerServiceImpl& service,

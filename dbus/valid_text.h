@@ -1,8 +1,8 @@
-// Texts that may leave over the bus.
+// Texts that the daemon may send over the bus.
 #pragma once
 
 #include <string>
 
-/// `text` where it is valid UTF-8, else a copy whose bytes above 127 are "?": libdbus ends the
-/// process that hands it anything else.
+/// Returns `text` if it is valid UTF-8, else a copy with "?" in place of each byte above 127.
+/// libdbus ends the process if it is given a text that is not UTF-8.
 std::string validText(const std::string& text);

@@ -2,22 +2,23 @@
 //
 // The bus delivers all calls in one stream, so a call can only overtake others if it has been read.
 // Therefore the bus thread reads everything first and serves one call afterwards, in the order of
-// CallOrder. A turn that took long (an evaluation) leaves an unknown number of calls in the bus.
-// The bus is then asked a question of our own: what it had for us before lies before its answer, so
-// no call has a turn until that answer has come, or for kReadLimit. So the call of an administrator
-// is found behind thousands of others. The answers about users that were asked for meanwhile are
-// waited for in the same way, once: each connection of a flood would else count as a user of its
-// own, and have a turn before a newcomer.
+// CallOrder. While a call is served for a long time (an evaluation), an unknown number of calls
+// collects in the bus. The bus thread then sends the bus a request of its own. The bus answers it
+// after all messages that it already held for this connection. No call is served until that answer
+// arrives or kReadLimit is over. So a call of an administrator is found behind thousands of other
+// calls. The answers about users that were asked for meanwhile are waited for in the same way,
+// once: each connection of a flood would else count as a user of its own, and have a turn before a
+// newcomer.
 //
 // A question beyond the bounds of CallOrder is refused. While calls are read after an evaluation
 // that took a second or more, refused ones are kept and answered afterwards, behind the calls of
 // users of whom none was refused: each answer to a flood brings its next call, and with some ten
 // thousand calls open the bus needs longer for an answer and a call than this thread does.
 //
-// Whose a connection is, and whether it has left, is asked of the bus, without waiting, only when
-// calls stand in each other's way: after a long turn, or when more than kCrowd wait. With fewer and
-// short turns the order makes no difference that anybody would notice, and a call must not cost
-// more than it does without this class. When nothing waits any more, nothing is watched.
+// The bus knows the user of a connection and whether the connection has ended. This class asks the
+// bus, without waiting, only when calls delay each other: after a call that took long, or when more
+// than kCrowd calls wait. With few and short calls nobody would notice the order, and a call must
+// not cost more than without this class. When no call waits, nothing is watched.
 //
 // Bus thread only.
 #pragma once
@@ -40,15 +41,15 @@ class WaitingCalls {
   using Kind = CallOrder::Kind;
   using Serve = std::function<void(const DBus::CallMessage& call)>;
 
-  /// Longest time for which calls are read before one has its turn. A bus that holds 25,600 calls
-  /// is read within 4 s; a bus that does not answer must not stop the daemon.
+  /// Longest time for which calls are read before one is served. Reading 25,600 calls from the bus
+  /// takes less than 4 s. A bus that does not answer must not stop the daemon.
   static constexpr std::chrono::seconds kReadLimit{10};
-  /// A turn of this length is long.
+  /// A call that takes this long to serve delays others.
   static constexpr std::chrono::milliseconds kLongTurn{20};
   /// After a turn of this length refused calls are kept while others are read. Shorter ones do not
   /// let so many calls gather that this is worth their memory.
   static constexpr std::chrono::seconds kGatheringTurn{1};
-  /// So many waiting calls stand in each other's way although each is short.
+  /// This many waiting calls delay each other even if each call is short.
   static constexpr std::size_t kCrowd = 64;
   /// Longest URL of a question that waits behind others; the engine takes 8 KiB. Longer questions
   /// would fill the 63 MiB that libdbus keeps for messages that are not answered yet.
@@ -67,15 +68,16 @@ class WaitingCalls {
   WaitingCalls(const WaitingCalls&) = delete;
   WaitingCalls& operator=(const WaitingCalls&) = delete;
 
-  /// Lets `call` wait, or answers it at once if its connection or user has too many.
+  /// Puts `call` into the queue, or answers it at once if too many calls of its connection or user
+  /// wait.
   void add(const DBus::CallMessage& call, Kind kind, bool isUpdate);
 
-  /// Serves one call, if one has its turn.
-  /// @return milliseconds until it wants to be called again if nothing comes from the bus; -1:
+  /// Serves the next call, if one may be served now.
+  /// @return milliseconds after which the caller calls again if nothing arrives from the bus; -1:
   /// never
   int takeTurn();
 
-  /// Serves everything that waits at once, in order: the service has gone.
+  /// Serves all waiting calls at once, in order, after the service has been detached.
   void serveAll();
 
  private:

@@ -40,9 +40,9 @@ bool isEncrypted(std::string_view scheme) {
   return scheme == "https" || scheme == "wss";
 }
 
-// The authority as the parser accepts it, which takes bytes beyond ASCII in their percent form
-// alone. A digit at the beginning is written that way too: Boost.URL 1.81 takes "10.0.0.1.example"
-// for the address 10.0.0.1 with something behind it. Addresses are recognised here instead.
+// The authority in a form that the parser accepts. The parser takes bytes beyond ASCII only
+// percent-encoded. A leading digit is encoded, too, because Boost.URL 1.81 reads "10.0.0.1.example"
+// as the address 10.0.0.1 with more text behind it. This file recognises addresses itself.
 std::string parserForm(std::string_view authority) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string result;
@@ -58,7 +58,7 @@ std::string parserForm(std::string_view authority) {
 }
 
 // Boost.URL 1.81 does not know zones (RFC 6874), so the zone is taken out before it parses.
-// @return false for a zone that is no interface's name
+// @return false if the zone cannot be the name of an interface
 bool takeZone(std::string& authority, std::string& zone) {
   const auto end = authority.find(']');
   const auto percent = authority.find('%');
@@ -73,8 +73,8 @@ bool takeZone(std::string& authority, std::string& zone) {
          });
 }
 
-// "10.1" and "0x0a000001" are 10.0.0.1 for a program that connects, so a script has to see them as
-// that.
+// A program that connects reads "10.1" and "0x0a000001" as 10.0.0.1, so a script has to see
+// 10.0.0.1.
 std::string quadIfNumber(const std::string& name) {
   in_addr address{};
   std::array<char, INET_ADDRSTRLEN> quad{};
@@ -86,7 +86,8 @@ std::string quadIfNumber(const std::string& name) {
 std::optional<std::string> hostName(const urls::authority_view& authority) {
   std::string name;
   for (const char c : authority.host_name()) {
-    // What the name means and not how it is written: "%41" is "a", and "%2541" stays.
+    // The parser has decoded the name: "%41" is "a" here. A percent sign that is still there is
+    // encoded again, so "%2541" stays.
     if (c == '%') {
       name += "%25";
     } else if (!base::isAscii(c) || (base::isLetter(c) || base::isDigit(c)) ||
@@ -112,7 +113,8 @@ std::optional<std::string> hostOf(const urls::authority_view& authority, const s
   }
 }
 
-/// @return the port with its colon, or nothing to write; no value for one beyond 65535
+/// @return the port with its colon; an empty text for the default port; no value for a port beyond
+/// 65535
 std::optional<std::string> portOf(std::string_view scheme, std::string_view digits) {
   if (digits.empty()) return std::string();
   std::uint16_t number = 0;
@@ -128,8 +130,9 @@ std::optional<std::string> portOf(std::string_view scheme, std::string_view digi
 /// Host and port in their canonical form.
 std::optional<std::string> canonicalAuthority(const std::string& scheme,
                                               std::string_view authority) {
-  // Passwords hold characters that the parser refuses, and none of theirs goes on. With two "@"
-  // programs differ about which one ends them.
+  // User name and password are removed before the parsing, because a password may have characters
+  // that the parser refuses. If there are two "@", programs disagree which of them ends the
+  // password.
   if (const auto at = authority.find('@'); at != std::string_view::npos) {
     authority.remove_prefix(at + 1);
     if (authority.find('@') != std::string_view::npos) return std::nullopt;

@@ -1,5 +1,5 @@
-// The form of a URL in which this system asks for a proxy: without its secrets, and the same for
-// URLs that mean the same.
+// The canonical form of a URL, which this system uses to ask for a proxy. It has no secrets, and
+// equivalent URLs have the same form.
 #pragma once
 
 #include <cstddef>
@@ -17,9 +17,9 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< longest URL that a 
 /// - "/" for an empty path; a single "/" instead of path and query for https and wss; every other
 ///   path and query as given, byte for byte;
 /// - IPv4 addresses as dotted quads ("0x7f.1", "%31.1"), IPv6 addresses in their shortest form with
-///   their zone; percent signs in the host undone; host names beyond ASCII as UTF-8;
-/// - of a file URL no host ("", "localhost" and "127.0.0.1" mean this machine);
-/// - a text without "://", or without a valid scheme before it, as it is.
+///   their zone; percent-encoding in the host decoded; host names beyond ASCII as UTF-8;
+/// - no host in a file URL ("", "localhost" and "127.0.0.1" mean this machine);
+/// - a text without "://", or without a valid scheme before "://", stays unchanged.
 ///
 /// A text that has a scheme but is no URL (no host, blanks in the host, two "@", a port beyond
 /// 65535, control characters) becomes its scheme alone, as in "http:///": a password may stand

@@ -1,5 +1,6 @@
-// Which URLs stay on this machine or this link: no proxy reaches their hosts, so nobody has to be
-// asked for one.
+// Which URLs stay on this machine or this link. No proxy reaches their hosts, so no question is
+// needed. Users of this list: client/library (local answers) and proxymanagerctl (no_proxy,
+// client/ctl/commands/proxy_variables.h).
 #pragma once
 
 #include <string_view>

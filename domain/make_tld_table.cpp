@@ -3,9 +3,9 @@
 // domain/tld_hash.h, so that a cross build can compile it for the machine that builds.
 //
 // There are as many buckets as rules. A rule with bytes above 127 goes into the bucket of its code
-// points, which is not the one of its bytes: lookups hash bytes, so these rules are never found.
-// That is wanted: names in that form are never public suffixes here. Should both buckets ever be
-// the same, the rule moves to the next one.
+// points. Lookups hash bytes, which gives another bucket, so these rules are never found. This is
+// intended: names in that form are never public suffixes here. If both buckets are the same, the
+// rule moves to the next bucket.
 //
 // List format: https://github.com/publicsuffix/list/wiki/Format
 #include <cstdint>
@@ -113,7 +113,7 @@ std::string table(const std::vector<std::vector<std::string>>& buckets, std::siz
   return out.str();
 }
 
-/// @return the header's text, empty (and a line on stderr) if the list is none
+/// @return the header's text; empty, with a line on stderr, if the input is no such list
 std::string tableOf(const char* listName) {
   std::ifstream list(listName);
   const auto rules = readRules(list);

@@ -1,24 +1,24 @@
-// Whether anybody can register names under a name. No proxy may be looked for there.
+// Whether anybody can register names under a name. Such a name gets no proxy lookup.
 #pragma once
 
 #include <string>
 
-/// Two lists are asked, and one yes is enough.
-/// - The built-in rules, read as the list means them: "*." stands for any one label, the parent of
-///   such a rule counts too ("uk" by "*.uk"), and "!" excludes a name again ("nls.uk"). Rules with
-///   bytes above 127 are never found.
+/// A name is a public suffix if one of two lists has it.
+/// - The built-in rules with their markers: "*." stands for any one label; the parent of such a
+///   rule counts, too ("uk" by "*.uk"); "!" excludes a name ("nls.uk"). Rules with bytes above 127
+///   are never found.
 /// - libpsl's built-in list, without its rule that every unknown top-level name counts, for names
 ///   that hold a dot.
 ///
 /// The name is compared in lower case (ASCII), without trailing dots, and up to its first NUL, as a
 /// resolver sees it. So:
-/// - a name with a dot: "co.uk", "github.io" and "foo.kobe.jp" are, "example.com",
+/// - names with a dot: "co.uk", "github.io" and "foo.kobe.jp" are public suffixes; "example.com",
 ///   "city.kobe.jp" and "corp.lan" are not;
-/// - a single label: "com" (a rule) and "uk" (a wildcard's parent) are; "lan" is not, nor is
-///   "search" or "xyz", which came after the built-in list: a whole search domain of one label is
-///   the network's own choice. A caller that shortens a longer name stops before the last label
-///   itself, whatever it is;
-/// - the empty name is not.
+/// - single labels: "com" (a rule) and "uk" (the parent of a wildcard) are public suffixes. "lan"
+///   is not. "search" and "xyz" are not either, because they are newer than the built-in list. A
+///   search domain of a single label is the network's own choice. A caller that shortens a longer
+///   name must itself stop before the last label;
+/// - the empty name is no public suffix.
 ///
 /// Any thread; never fails; logs nothing.
 bool isPublicSuffix(const std::string& name);

@@ -16,13 +16,14 @@ bool equalsFolded(const char* a, const char* b) {
   return false;
 }
 
-/// `scratch` holds the marked forms of the name, from call to call, to allocate once.
+/// `scratch` is a buffer for the marked forms of the name; calls share it to allocate once.
 int isEffective(const char* name, std::size_t length, std::string& scratch) {
   logLine(LOG_INFO, "isEffectiveTld called ");
   if (const int plain = isInTldArray(name)) return plain;
   const auto* const dot = static_cast<const char*>(std::memchr(name, '.', length));
   if (!dot) return 0;
-  // Without the dot that the rule has, so that no ordinary name gets past here: settled behaviour.
+  // The rule has a dot after "*" and this text has none, so no ordinary name matches. This is
+  // settled behaviour.
   scratch.assign(1, '*').append(dot + 1, name + length);
   if (isInTldArray(scratch.c_str()) == 0) return 0;
   scratch.assign(1, '!').append(name, length);

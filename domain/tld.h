@@ -3,8 +3,8 @@
 // The table is a snapshot of the Public Suffix List (https://publicsuffix.org), generated at build
 // time (make_tld_table.cpp), and constant: nothing is parsed or allocated for it at run time.
 // Markers ("*." and "!") are part of the stored rules and match only themselves; wildcards are not
-// applied. public_suffix.h reads the same table as the list means it. Rules with bytes above 127
-// are out of reach of every lookup.
+// applied. public_suffix.h applies the same table with wildcards and exceptions. No lookup finds a
+// rule with bytes above 127.
 //
 // All functions are safe on any thread and never fail. They log lines at LOG_INFO, among them one
 // for each rule that they compare.
@@ -20,9 +20,10 @@ unsigned tldhash(const char* text);
 /// @return 1 if the table holds a rule equal to `text` ignoring ASCII case, else 0
 int isInTldArray(const char* text);
 
-/// @return non-zero if `name` counts as a public suffix: it is a plain rule, or a rule written with
-///         its marker. Also if "*" with what follows the first dot (without that dot, so that no
-///         ordinary name gets there) is a rule, and "!" with the name is one, too.
+/// @return non-zero if `name` counts as a public suffix. This is so if `name` equals a stored rule,
+/// with its marker if the rule has one. It is also so if two other texts are both stored rules: "*"
+/// with the part of `name` after its first dot, and "!" with `name`. The first of these texts has
+/// no dot after "*", so no ordinary name fulfils the second condition.
 int isEffectiveTld(const std::string& name);
 
 /// @return the longest suffix of `domain`, in whole labels and possibly the whole of it, that is an

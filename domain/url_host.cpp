@@ -18,7 +18,7 @@ char* getHost(const std::string& url) {
 
   std::string host = url.substr(scheme + 3);
   std::string port;
-  // A slash at the very beginning does not cut.
+  // A slash as the first character does not end the host.
   if (const auto slash = host.find('/'); slash != 0 && slash != std::string::npos)
     host.erase(slash);
   if (const auto colon = host.find(':'); colon != std::string::npos) {

@@ -1,4 +1,4 @@
-// Where the library takes the addresses of names from.
+// The source of the addresses of names.
 #pragma once
 
 #include <map>
@@ -8,10 +8,10 @@
 
 namespace pac_engine {
 
-/// Addresses of names that are given instead of being looked up.
+/// Given addresses of names, which replace a lookup.
 using StaticNames = std::map<std::string, std::vector<std::string>>;
 
-/// Where addresses of names come from.
+/// The source of the addresses of names.
 struct NameSource {
   bool offline = false;                    ///< no name has an address
   std::optional<StaticNames> staticNames;  ///< if set, no other name has one

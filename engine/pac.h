@@ -1,14 +1,14 @@
 /* The PAC evaluation library: runs FindProxyForURL of a proxy auto-config script.
  *
- * The script runs in a process of its own, the sandboxed `proxymanager-pac-worker`; nothing of it
- * runs in the caller's. No thread belongs to the library. One handle is never entered by two
- * threads at once; different handles are independent. A null handle or script is allowed
- * everywhere: no engine, no answer, nothing done. Texts given are copied before a call returns.
+ * The script runs in a separate process, the sandboxed `proxymanager-pac-worker`, never in the
+ * caller's process. The library has no threads. Two threads must not use one handle at the same
+ * time; different handles are independent. Every function accepts a null handle or script: there is
+ * then no engine, no answer and no effect. The library copies all texts before a call returns.
  *
  * Limits (docs/pac-language.md): loading 5 s, one evaluation 5 s with all its name lookups, URL
- * 8 KiB, result 64 KiB. A worker that is stopped or broken and keeps no limit by itself is killed a
- * quarter of a second later; one that has died is started again by the next question, within that
- * question's 5 s.
+ * 8 KiB, result 64 KiB. If a worker is stopped or broken and does not keep its limit, the library
+ * kills it a quarter of a second later. If a worker has died, the next question starts a new one,
+ * within that question's 5 s.
  */
 #pragma once
 
@@ -28,7 +28,7 @@ enum {
 /** Wakes the thread that calls pac_run_callbacks; it may only set a flag and signal. */
 typedef void (*pac_wakeup)(void* context);
 
-/** Takes one asynchronous result. `result` is the receiver's, to be released with free(); `host` is
+/** Takes one asynchronous result. The receiver owns `result` and releases it with free(); `host` is
  *  the library's own copy of the host asked for, valid during the call. */
 typedef void (*pac_result)(char* result, void* context, void* host);
 
@@ -41,8 +41,8 @@ typedef void (*pac_result)(char* result, void* context, void* host);
 struct pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* context);
 
 /** Queues one question and calls the wake-up callback. `found` is called by a later
- *  pac_run_callbacks, and only if there is an answer. Of 256 questions in the queue the next is
- *  dropped, without an answer. */
+ *  pac_run_callbacks, and only if there is an answer. The queue holds 256 questions; a further
+ *  question is dropped without an answer. */
 void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_result found,
                     void* context);
 

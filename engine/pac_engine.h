@@ -1,11 +1,12 @@
-// The PAC evaluation library as C++ sees it: what pac.h does, and what only proxymanagerctl and
-// tests may have: the reason of a refusal, and a clock, a zone, names and addresses of their own.
+// The C++ interface of the PAC evaluation library. It does what pac.h does. In addition,
+// proxymanagerctl and tests get the reason of a refusal and may set clock, zone, names and
+// addresses.
 //
 // A script never runs in this process. Engine starts `proxymanager-pac-worker`, hands it the script
 // in a sealed memory file, asks it over a socket pair, and answers its name lookups on the calling
-// thread while it waits. A worker that does not answer in time is killed; one that has died, for
-// any cause, costs the question in flight and is started again by the next one, within
-// its own 5 s. No thread belongs to the library.
+// thread while it waits. A worker that does not answer in time is killed. If a worker dies for any
+// reason, the question in progress has no answer, and the next question starts a new worker within
+// its own 5 s. The library has no threads.
 #pragma once
 
 #include <sys/types.h>
@@ -23,8 +24,8 @@
 
 namespace pac_engine {
 
-/// What a worker has beyond its time limit before it is killed: its engine stops a script by
-/// itself, and only one that is stopped or broken needs killing.
+/// How long after its time limit a worker is killed. The worker's own engine stops a script at the
+/// limit, so only a stopped or broken worker is killed.
 inline constexpr std::chrono::milliseconds kKillGrace{250};
 
 /// What a worker is for. The daemon has workers that answer, and no others.

@@ -20,14 +20,15 @@ namespace {
 // Written by the device's DHCP client and by its DNS forwarder.
 constexpr const char* kWatchedPaths[] = {base::kLeaseFile, base::kResolverFile};
 constexpr std::uint32_t kChanges = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
-// Whoever reads the file judges its length.
+// The reader of the file checks its length.
 constexpr std::size_t kAnyLength = SIZE_MAX;
 
 /// @return the watch; negative if the file is missing or not to be believed
 int addWatch(int fd, const char* path) {
   const auto file = base::openFile(path, {.mostBytes = kAnyLength});
   if (file.failure) return -1;
-  // By the descriptor, so that it is this file, whatever stands at its name by now.
+  // The watch is set by the descriptor, so it watches the file that was checked, even if another
+  // file now has its name.
   const std::string opened = "/proc/self/fd/" + std::to_string(file.fd.get());
   return inotify_add_watch(fd, opened.c_str(), kChanges);
 }
@@ -124,8 +125,8 @@ void ConfigWatch::end() {
   removeWatches(true);
 }
 
-// A removed watch queues an event, which wakes the thread out of select. A watch that went with its
-// file queues none any more, so one on "/" comes and goes to the same end.
+// A removed watch queues an event, which wakes the thread out of select. A watch that ended with
+// its file queues no event. Then a watch on "/" is made and removed, which has the same effect.
 void ConfigWatch::removeWatches(bool wakeThread) {
   if (mWatchesRemoved || mInotifyFd < 0) return;
   mWatchesRemoved = true;

@@ -17,7 +17,7 @@
 
 namespace fetcher {
 
-/// What PACFetcher::wait_for_changes does.
+/// Implements PACFetcher::wait_for_changes.
 int waitForChanges(int fd, int interval);
 
 /// The watch thread calls all functions but begin() and end().
@@ -30,18 +30,18 @@ class ConfigWatch {
   /// Forgets an earlier end(). To be called before the watch thread starts.
   void begin() PM_EXCLUDES(mMutex);
 
-  /// Makes the inotify descriptor. A descriptor that select cannot take is as good as none.
+  /// Makes the inotify descriptor. A descriptor that is too large for select counts as none.
   /// @return the descriptor; negative, after a LOG_ERR line, if there is none
   int open() PM_EXCLUDES(mMutex);
 
-  /// Sets the watches. @return false if there is not one
+  /// Sets the watches. @return false if no file can be watched
   bool addWatches() PM_EXCLUDES(mMutex);
 
   /// Reads all events that wait, with a line for each read into `buffer` of kEventBytes.
   /// @return whether there were events
   bool readEvents(char* buffer);
 
-  /// Waits, so that the events of the meantime count as one. end() ends the wait.
+  /// Waits, so that all events during the wait count as one. end() ends the wait.
   void pause(std::chrono::milliseconds duration) PM_EXCLUDES(mMutex);
 
   /// Removes the watches, and closes the descriptor.

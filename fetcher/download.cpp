@@ -19,7 +19,6 @@ namespace fetcher {
 namespace {
 
 constexpr std::int64_t kTransferSeconds = 30;
-constexpr std::int64_t kMostScriptBytes = 512000;
 constexpr std::int64_t kMostRedirects = 5;
 // libcurl ends a transfer by its own option at 30 s after its own start, and then still has to
 // report how far it came. A child that has not done so by then is killed.
@@ -69,7 +68,7 @@ void TransferSwitch::allow() {
   mIsInterrupted = false;
 }
 
-/// Puts a transfer's socket within the reach of a switch for as long as it lives.
+/// Registers a transfer's socket with a switch for the lifetime of this object.
 class SwitchedTransfer {
  public:
   SwitchedTransfer(TransferSwitch* transferSwitch, int socket) : mSwitch(transferSwitch) {
@@ -104,7 +103,8 @@ std::unique_ptr<FetchProcess> startTransfer(const std::string& url, const Downlo
   auto process =
       FetchProcess::start(options.program.empty() ? fetchProgram() : options.program, problem);
   if (!process) return nullptr;
-  // A URL that is too long is none for libcurl either, whose text for the empty one says so.
+  // libcurl refuses a URL that is too long, too. The child gets an empty URL instead, for which
+  // libcurl reports the same text.
   const bool fits = url.size() <= kMostUrlBytes;
   process->send(
       {kTransferSeconds, kMostScriptBytes, kMostRedirects, fits ? url.c_str() : std::string()});
@@ -130,7 +130,7 @@ bool waitUntilReady(FetchProcess& process, const SwitchedTransfer& switched, Dea
   return true;
 }
 
-/// What libcurl's success is worth: the end of the redirects and the length of the body.
+/// Checks what libcurl calls a success: the scheme after the redirects, and the length of the body.
 std::string judge(const FetchResult& result, int file) {
   if (!result.success) return result.error.empty() ? "failed" : result.error;
   if (!isWebScheme(result.scheme)) return "the transfer ended at a scheme that is not of the web";

@@ -1,9 +1,9 @@
 // One URL into one file, by a process of its own: proxymanager-fetch.
 //
-// HTTP, TLS, redirects and certificates of a stranger's server are parsed in that process alone,
-// behind walls; what it reports is checked here, and a server that breaks it costs its own
-// download. This side is the clock: a transfer ends 30 s after it began, whatever resolver, server
-// or child do.
+// Only that process parses HTTP, TLS, redirects and certificates of a foreign server, and it does
+// so behind walls. This side checks each report of that process. A server that takes the process
+// over spoils only its own download. This side also keeps the time: a transfer ends 30 s after it
+// began, whatever resolver, server or child process do.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@
 
 namespace fetcher {
 
-/// Lets one thread end the transfer that another one makes. All functions: any thread.
+/// Lets one thread end the transfer of another thread. All functions: any thread.
 class TransferSwitch {
  public:
   /// Ends the transfer in progress, and each that begins before the next allow().

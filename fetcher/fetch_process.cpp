@@ -16,7 +16,7 @@ namespace {
 
 using base::UniqueFd;
 
-// libcurl reads the first seven, as it would in any program, the C library's resolver the others.
+// libcurl reads the first seven, as in any program; the C library's resolver reads the others.
 constexpr const char* kPassedVariables[] = {
     "http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy",   "ALL_PROXY",
     "no_proxy",   "NO_PROXY",    "RES_OPTIONS", "LOCALDOMAIN",
@@ -123,7 +123,7 @@ std::optional<FetchReady> FetchProcess::receiveReady(Deadline deadline) {
   return ready;
 }
 
-// The child must be gone before its file is believed: it has a descriptor to write with.
+// The child must have ended before its file is used: it has a descriptor that can write.
 std::optional<FetchResult> FetchProcess::receiveResult(Deadline deadline) {
   const auto packet = receive(deadline);
   if (!packet) return std::nullopt;

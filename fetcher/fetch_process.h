@@ -1,8 +1,8 @@
 // proxymanager-fetch as the daemon sees it: one child process for one transfer.
 //
-// The child parses what a stranger's server sends, so it counts as hostile: each packet is checked,
-// each wait has a limit, and a child that does anything but send its two packets and end has
-// failed.
+// The child process parses what a foreign server sends, so this side treats it as hostile: each
+// packet is checked and each wait has a limit. The child sends two packets and ends; anything else
+// counts as a failure.
 #pragma once
 
 #include <chrono>
@@ -18,14 +18,14 @@ namespace fetcher {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
-/// Where the program is: `proxymanager-fetch` in the libexec folder beside the folder of the
-/// running program, else where the build installs it.
+/// The path of the program: `proxymanager-fetch` in the libexec folder beside the folder of the
+/// running program. If it is not there, the path at which the build installs it.
 std::string fetchProgram();
 
 class FetchProcess {
  public:
-  /// Starts `program`. Its environment is what libcurl and the C library read there for a download:
-  /// the proxy variables and the two of the resolver, as this process has them.
+  /// Starts `program`. The child gets only those environment variables of this process that libcurl
+  /// and the C library read for a download: the proxy variables and two variables of the resolver.
   /// @param problem receives the reason if there is no process
   /// @return the process, or null
   static std::unique_ptr<FetchProcess> start(const std::string& program, std::string& problem);
@@ -33,7 +33,7 @@ class FetchProcess {
   /// Sends the request. Does not wait. @return false if the child is gone
   bool send(const FetchRequest& request);
 
-  /// Hands over the file that takes the body; it stays the caller's too. Does not wait.
+  /// Passes the file for the body to the child; the caller keeps its descriptor. Does not wait.
   /// @return false if the child is gone
   bool sendFile(int file);
 
@@ -57,7 +57,8 @@ class FetchProcess {
   /// Kills the child unless it has ended, and waits for its end. @return how it ended, for the log
   std::string end() { return mChild->end(); }
 
-  /// The daemon's end of the socket pair. shutdown() on it, on any thread, ends a receive.
+  /// The daemon's end of the socket pair. A shutdown() of this socket, on any thread, ends a
+  /// receive.
   int socket() const { return mSocket.get(); }
 
  private:

@@ -89,7 +89,8 @@ bool PACFetcher::stop() {
   logLine(LOG_INFO, "PACFetcher-stop called");
   mStopping = true;
   mRunning = false;
-  // Past the mutex, the fetcher thread has either seen the flag or waits and hears the call.
+  // Once the mutex is held, the fetcher thread has either seen the flag, or waits and is woken by
+  // this call.
   { const Lock lock(mMutex); }
   mCondition.notify_one();
   if (mFetcherThread) {
@@ -106,8 +107,8 @@ bool PACFetcher::stop() {
 
 void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
   logLine(LOG_INFO, "PACFetcher-updateProxyMgrConfig called");
-  // Before anything changes, as there may be no memory for them. The records' own helpers would say
-  // lines, and take an empty URL for none.
+  // The copies are made before anything changes, because memory may run out. The records' own
+  // helpers are not used: they log lines, and treat an empty URL as no URL.
   HeapText newPacurl(heapCopy(config.pacurl));
   HeapText newProxyurl(heapCopy(config.proxyurl));
   const Lock lock(mMutex);
@@ -130,7 +131,7 @@ void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
   mStatus.mode = textOf(config.mode);  // fits into the text: nothing is allocated
   mStatus.updated = now();
   mStatusIsNew = true;
-  // A request that waits is for a configuration that is no more.
+  // A waiting request belongs to a configuration that is no longer in force.
   mRefetch = false;
   if (config.mode > manual) {
     logLine(LOG_NOTICE, "PACFetcher-updateProxyMgrConfig proxy mode >= pacurl refetch");
@@ -175,8 +176,8 @@ int PACFetcher::retrievePacFile() {
     if (attempt == Attempt::installed) return 0;
     blocked = blocked || attempt == Attempt::blockedByFolder;
   }
-  // rename cannot replace a folder of root's or the daemon's own. An empty one goes, so that the
-  // next walk is not held up too; rmdir takes nothing else.
+  // rename cannot replace a folder of root or of the daemon's user. rmdir removes the folder if it
+  // is empty, so that the next walk succeeds.
   if (blocked) rmdir(mPacFileName.c_str());
   return 0;
 }
@@ -237,12 +238,14 @@ void PACFetcher::pacFetcherThreadFunc() {
       mCondition.wait_until(lock.native(),
                             std::chrono::system_clock::now() + std::chrono::seconds(mInterval));
     }
-    // Cleared before the walk: all requests that come during it cause one further walk.
+    // The flag is cleared before the walk: all requests that arrive during the walk cause one
+    // further walk.
     if (!mRefetch.exchange(false)) continue;
     try {
       retrievePacFile();
     } catch (const std::exception&) {
-      // Out of memory, or what the service let out: a walk without a result, not the daemon's end.
+      // Out of memory, or an exception of the service: the walk has no result, but the daemon does
+      // not end.
     }
     noteWalk();
   }
@@ -283,7 +286,8 @@ void PACFetcher::dhcpCfgWatchThreadFunc() {
   } else {
     while (mRunning) {
       if (wait_for_changes(fd, mInterval) <= 0 || !mWatch.readEvents(buffer.get())) continue;
-      // The first change is fetched at once; those of the time after it cause one more fetch.
+      // The first change causes a fetch at once; all changes in the interval after it cause one
+      // more fetch.
       if (requestRefetch()) mWatch.pause(kQuietTime);
     }
   }

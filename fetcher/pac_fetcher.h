@@ -9,15 +9,15 @@
 // runs, so an update never waits for a download; it waits for the load of a script that is being
 // installed (5 seconds at most). A walk sees one configuration: an update that changes the mode or
 // a URL ends the transfer in progress, and the walk's other candidates fail without being asked
-// for. An update that changes nothing causes one further walk and leaves this one alone: two
+// for. An update that changes nothing causes one further walk and does not end this one: two
 // programs that hand over the same configuration in turn do not keep each other from loading the
 // script.
 //
 // The supervisor gets a line about mode, last update and last walk. Only the fetcher thread sends
 // it, since a supervisor that reads nothing must not hold up an update.
 //
-// What the members do stands in files of its own: walk (which URLs), wpad_candidates,
-// resolver_file, download with fetch_process and target_file, config_watch.
+// Other files implement the members: walk (the candidate URLs), wpad_candidates, resolver_file,
+// download with fetch_process and target_file, config_watch.
 #pragma once
 
 #include <atomic>
@@ -39,9 +39,9 @@ class ProxyManagerServiceImpl;
 
 class PACFetcher {
  public:
-  /// @param service told when a new script is in place; not owned, outlives the fetcher. May be
-  ///        null as long as nothing is installed.
-  /// @param pacFileName where the script goes; while it is fetched, ".tmp" is appended
+  /// @param service notified when a new script is in place; not owned, outlives the fetcher. May be
+  /// null if no script is installed.
+  /// @param pacFileName the path of the script; a download in progress has ".tmp" appended
   /// @param interval seconds, the longest sleep of either thread
   PACFetcher(ProxyManagerServiceImpl* service, const std::string& pacFileName, int interval);
 
@@ -51,15 +51,14 @@ class PACFetcher {
   PACFetcher(const PACFetcher&) = delete;
   PACFetcher& operator=(const PACFetcher&) = delete;
 
-  /// Starts both threads; nothing where they run already. May follow stop().
-  /// One thread calls start, stop and the destructor.
+  /// Starts both threads; does nothing if they already run. May be called again after stop(). One
+  /// thread calls start, stop and the destructor.
   /// @return true
-  /// @throws std::system_error where the system gives no thread
+  /// @throws std::system_error if no thread can be started
   bool start();
 
-  /// Ends both threads and returns when they are gone: at once, except for a transfer that is in
-  /// progress and the load of its script, which it waits for. The walk's other candidates fail at
-  /// once.
+  /// Ends both threads and returns when they have ended. Waits only for a transfer in progress and
+  /// for the load of its script; the walk's other candidates fail at once.
   /// @return true
   bool stop();
 
@@ -70,32 +69,31 @@ class PACFetcher {
   void updateProxyMgrConfig(ProxyConfig config);
 
   /// Fetches one http or https URL, in a process of its own: 30 seconds, 512,000 bytes and five
-  /// redirects at most. Other schemes count as a failed transfer. What stands at `targetFile` is
-  /// replaced by a new file. Uses no state; not on two threads at once.
+  /// redirects at most. Other schemes count as a failed transfer. A new file replaces what is at
+  /// `targetFile`. The function keeps no state; two threads must not call it at the same time.
   /// @return whether the transfer succeeded, whatever the HTTP status; the body is then in the
   ///         file. Else the file is removed.
   static bool fileDownload(const std::string& url, const std::string& targetFile);
 
-  /// Whether some line of the file contains "FindProxyForURL". False for a file that cannot be
-  /// read.
+  /// Whether a line of the file contains "FindProxyForURL". False if the file cannot be read.
   static bool isValidPacFile(const std::string& fileName);
 
-  /// Tries the candidates of the current configuration until one is installed. An empty
-  /// folder of root's at the script's name is removed for the next walk. Called with mMutex held,
-  /// and gives it up while a transfer runs.
+  /// Tries the candidates of the current configuration until one is installed. If an empty folder
+  /// of root is at the script's name, the function removes it for the next walk. Called with mMutex
+  /// held; releases mMutex while a transfer runs.
   /// @return 0 when there was nothing to do, when a script was installed and when every candidate
   ///         failed; -1 in mode pacurl without a URL and in mode wpad without DHCP information
   int retrievePacFile() PM_REQUIRES(mMutex);
 
-  /// What follows the first blank in the last line of /tmp/.resolv.conf.dnsmasq that contains
-  /// "search " or "domain ": a domain, or several with blanks between. Empty without such a line,
-  /// and if the file is not root's or the process's own, has a second name, is no regular file or
-  /// is longer than 64 KiB.
+  /// Reads the last line of /tmp/.resolv.conf.dnsmasq that contains "search " or "domain ", and
+  /// returns the text after its first blank: a domain, or several with blanks between. Empty
+  /// without such a line, and if the file is not root's or the process's own, has a second name, is
+  /// no regular file or is longer than 64 KiB.
   std::string getDomainName() const;
 
   /// The WPAD URLs of each name in `domain`, in order, from the longest to the shortest that is no
-  /// public suffix. 32 at most; a name that DNS cannot hold (over 253 characters) has none, nor
-  /// one that cannot be a URL's host ("com/.example.com", "h:80").
+  /// public suffix; 32 URLs at most. A name has no URL if it is too long for DNS (over 253
+  /// characters) or cannot be the host of a URL ("com/.example.com", "h:80").
   /// @param domain names with single blanks between
   std::vector<std::string> wpadUrlCandidatesFromDomain(const std::string& domain) const;
 

@@ -6,7 +6,7 @@
 
 namespace fetcher {
 
-/// What PACFetcher::getDomainName does. Any thread. Throws std::bad_alloc.
+/// Implements PACFetcher::getDomainName. Any thread. Throws std::bad_alloc.
 std::string domainOfResolverFile();
 
 /// The domain or search list of a resolver file: what follows the first blank in the last line that

@@ -21,7 +21,8 @@ namespace {
 
 constexpr std::size_t kRandomDigits = 16;
 constexpr mode_t kMode = 0644;
-// Against a loop that makes folders, each try wins more often than not.
+// Another user may make a folder at the name again and again in a loop. Each try succeeds with a
+// probability above one half.
 constexpr int kMostTries = 100;
 
 /// `path`, a dot and digits that nobody can guess; empty, with errno, if there are none.
@@ -39,8 +40,8 @@ std::string folderOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-/// A new file at `name`. It has no name before it is there, or, on file systems without such files,
-/// comes into being under it: nobody can guess the name.
+/// Makes a new file at `name`. The file gets its name only after it exists. File systems without
+/// unnamed files make it under that name at once, which is safe because nobody can guess the name.
 base::UniqueFd createAt(const std::string& name) {
   base::UniqueFd file(open(folderOf(name).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kMode));
   const std::string descriptor = "/proc/self/fd/" + std::to_string(file.get());

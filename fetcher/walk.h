@@ -1,5 +1,5 @@
 // A walk: the candidate URLs of one configuration, tried one after the other until a script is
-// installed. Here is what is tried; PACFetcher::retrievePacFile goes through it.
+// installed. This file makes the list; PACFetcher::retrievePacFile tries its entries.
 #pragma once
 
 #include <optional>

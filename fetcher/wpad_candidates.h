@@ -1,11 +1,12 @@
 // The URLs at which WPAD by DNS looks for a script.
 //
-// A name is cut label by label, and never down to a public suffix: a stranger who registers "wpad"
-// under one would be asked by every device in it. Two judges know public suffixes, the lookup in
-// the built-in table and a silent guard that knows wildcard rules and the system's current list;
-// one is enough to stop. Both see the name folded (lower case, no outer dots); the URLs keep it as
-// it came. What the judges see must be the host that is asked, so a name that would not be the
-// whole host of its URL, such as "com/.example.com", has none.
+// A name is shortened label by label, and never down to a public suffix: every device below that
+// suffix would ask a stranger who registers "wpad" there. Two checks know public suffixes: the
+// lookup in the built-in table (domain/tld.h), and isPublicSuffix(), which logs nothing and also
+// knows wildcard rules and libpsl's list. The walk stops if either check finds a suffix. Both
+// checks get the name in lower case and without outer dots; the URLs keep the name as it is given.
+// The checked name must be the host that is asked. So a name such as "com/.example.com", which is
+// not the whole host of its URL, has no candidates.
 #pragma once
 
 #include <cstddef>
@@ -14,10 +15,11 @@
 
 namespace fetcher {
 
-/// A walk takes up to 30 seconds for each candidate. Search lists have six names at most.
+/// The most candidates of one walk. A walk takes up to 30 seconds for each. A search list has six
+/// names at most.
 inline constexpr std::size_t kMostCandidates = 32;
 
-/// What PACFetcher::wpadUrlCandidatesFromDomain does. Any thread. Throws std::bad_alloc.
+/// Implements PACFetcher::wpadUrlCandidatesFromDomain. Any thread. Throws std::bad_alloc.
 std::vector<std::string> wpadUrlCandidates(const std::string& domain);
 
 }  // namespace fetcher

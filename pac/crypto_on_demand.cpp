@@ -26,15 +26,15 @@ bool findAll(void* library, Functions& found) {
          find(library, "MD5_Final", found.final);
 }
 
-// What MD5_Init has found; null before, and while the library is missing.
+// The functions that MD5_Init has found; null before that, and while the library is missing.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace
 
 extern "C" {
 
-// The only one that looks the functions up. So a digest is made by the library from its first step
-// to its last, or not at all, even if the library comes back between two steps.
+// Only this function looks the others up. So the library makes all steps of a digest, or none, even
+// if the library becomes available between two steps.
 int MD5_Init(MD5_CTX* context) {
   static on_demand::Library<Functions> library("libcrypto.so.3", findAll);
   found = library.functions();

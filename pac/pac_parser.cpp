@@ -54,7 +54,8 @@ bool PacParser::stop() {
   logLine(LOG_INFO, "PacParser-stop called ");
   mServiceImpl = nullptr;
   {
-    // Through the wait's mutex: the worker is either before its look at the flag, or waiting.
+    // The mutex is taken and released: after that the worker has either not yet read the flag, or
+    // already waits.
     const Lock lock(mWaitMutex);
     mRunning = false;
   }
@@ -93,9 +94,9 @@ void PacParser::waitForNotice() {
   mCond.wait_until(lock.native(), std::chrono::system_clock::now() + wait);
 }
 
-// The gate comes before the locks, so that no answer of an old script follows the emptying. The
-// wait mutex is not held: a caller passes through it within its 200 ms, which an evaluation
-// exceeds.
+// The gate is taken before the locks, so that no answer of an old script enters the emptied cache.
+// The wait mutex is not held during an evaluation: a caller takes that mutex within its 200 ms, and
+// an evaluation may take longer.
 void PacParser::runQueued() {
   const auto answers = shareAnswers();
   const Lock engineLock(mEngineMutex);
@@ -112,8 +113,8 @@ void PacParser::notify(void* parser) {
   static_cast<PacParser*>(parser)->do_notify();
 }
 
-// Takes no lock, as it is called inside the engine, under its mutex. getProxyASync passes through
-// the wait mutex after it has left the engine.
+// Takes no lock, because the engine calls it under the engine's mutex. getProxyASync takes and
+// releases the wait mutex after it has left the engine.
 void PacParser::do_notify() {
   logLine(LOG_INFO, "PacParser-do_notify called ");
   mNotified = true;
@@ -197,7 +198,7 @@ bool PacParser::queueQuestion(const std::string& requestUrl, const std::string& 
   return false;
 }
 
-// A question without an answer is never heard of again: its host goes when room is needed.
+// The engine does not report a question without an answer. Its host is dropped when room is needed.
 void PacParser::notePending(const std::string& key) {
   const Lock lock(mCacheMutex);
   if (mPendingHosts.size() >= kMaxPendingHosts && mPendingHosts.count(key) == 0) {

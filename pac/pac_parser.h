@@ -1,17 +1,18 @@
 // The current PAC script, the engine made of it, and the answers it gave.
 //
-// A script is read anew whenever the fetcher has put a file in place; the engine is rebuilt each
-// time, the cache is emptied only when the script's digest changed. A query is answered from the
-// cache of its host, else by the engine on the caller's thread. One thread of its own runs what the
-// engine queued for asynchronous queries; it never evaluates by itself.
+// Each time the fetcher has put a file in place, the parser reads the script again and rebuilds the
+// engine. It empties the cache only if the script's digest has changed. A query is answered from
+// the cache by its host, else by the engine on the caller's thread. The parser's own thread
+// evaluates only what asynchronous queries have queued in the engine.
 //
-// Locks: the engine's mutex may be held when the cache's is taken; the wait mutex is a leaf. The
-// gate of the answers comes before all of them. Lists that getProxy returns share their texts with
-// the cache, so a caller shares the gate (shareAnswers) while it copies them, and a reload holds
-// the gate alone from the emptying of the cache until the new engine is in place. So no text is
-// freed while it is read, and no answer of the old script enters the emptied cache.
+// Locks: a thread may take the cache's mutex while it holds the engine's mutex. The wait mutex is a
+// leaf. The gate of the answers is taken before all of them. The lists that getProxy returns share
+// their texts with the cache. So a caller shares the gate (shareAnswers) while it copies the texts,
+// and a reload holds the gate exclusively from the emptying of the cache until the new engine is in
+// place. No text is freed while it is read, and no answer of the old script enters the emptied
+// cache.
 //
-// The members stand in two files: pac_script_file.cpp reads the script, compares its digest and
+// Two files implement the members: pac_script_file.cpp reads the script, compares its digest and
 // rebuilds the engine; pac_parser.cpp holds everything else. pac_result.h parses results.
 #pragma once
 
@@ -36,53 +37,55 @@ class PacParser {
  public:
   /// Most hosts whose answers are kept.
   static constexpr int kCacheCapacity = 50;
-  /// Most hosts remembered as asked for asynchronously: as many as the engine's queue holds.
+  /// The most hosts that are remembered as asked for asynchronously, equal to the length of the
+  /// engine's queue.
   static constexpr std::size_t kMaxPendingHosts = 256;
   /// Length of a script's digest in bytes.
   static constexpr std::size_t kDigestLength = 16;
 
-  /// @param service told when the script's content has changed; not owned, may be null
-  /// @param pacInitOption false: the engine is online; true: it is offline, where names do not
-  /// resolve
+  /// @param service notified when the script's content has changed; not owned, may be null
+  /// @param pacInitOption false: the engine is online; true: the engine is offline and resolves no
+  /// names
   PacParser(ProxyManagerServiceImpl* service, bool pacInitOption);
   ~PacParser();
   PacParser(const PacParser&) = delete;
   PacParser& operator=(const PacParser&) = delete;
 
-  /// Starts the worker thread. Throws std::system_error where there is none to be had. Not while
-  /// stop() runs. @return true
+  /// Starts the worker thread. Throws std::system_error if no thread can be started. Not called
+  /// while stop() runs. @return true
   bool start();
 
-  /// Ends the worker thread, releases engine, script and cache. No query may be in flight, none may
-  /// follow. @return true
+  /// Ends the worker thread and releases engine, script and cache. No query may be in progress, and
+  /// none may follow. @return true
   bool stop();
 
-  /// Reads the script and makes a new engine of it. A file that cannot be read leaves the engine as
-  /// it is; a script that is refused leaves none. One thread at a time; waits for those who share
-  /// the answers, for a query in the engine (5 s at most) and for the script to load (5 s at most).
+  /// Reads the script and makes a new engine of it. If the file cannot be read, the old engine
+  /// stays; if the script is refused, there is no engine. One thread at a time. Waits for the
+  /// holders of shareAnswers(), for a query in the engine (5 s at most) and for the script to load
+  /// (5 s at most).
   /// @return 0
   int parsePacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// Reads the script, and empties the cache and tells the service where its digest has changed.
-  /// Only a regular file of root or of the process's user is read. Thread and waits as
-  /// parsePacFile, but for the load. @return 1 where it was read, else 0
+  /// Reads the script. If the script's digest has changed, empties the cache and notifies the
+  /// service. Reads only a regular file of root or of the process's user. One thread at a time;
+  /// waits as parsePacFile does, except for the load. @return 1 if the script was read, else 0
   int readPacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// What to use for `requestUrl`, in the script's order; empty where there is no answer. The texts
-  /// are the cache's: they are to be copied while shareAnswers() is held, and before the next
-  /// query, which may evict or overwrite them. So queries, this one and the next, come from one
-  /// thread at a time. Waits for the evaluation, 5 s at most, and for one that runs or a reload
-  /// before it.
+  /// The proxies for `requestUrl`, in the script's order; empty if there is no answer. The cache
+  /// owns the texts: the caller copies them while it holds shareAnswers(), and before the next
+  /// query, which may evict or overwrite them. Therefore only one thread at a time may query. Waits
+  /// for the evaluation, 5 s at most, and before that for an evaluation or a reload in progress.
   ProxyUrlSettings getProxy(const std::string& requestUrl) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// As getProxy, but the worker thread evaluates. Waits at most 200 ms for the answer. An answer
-  /// that comes later reaches the cache, unless the engine was busy for all of that time: then the
-  /// question is dropped.
+  /// As getProxy, but the worker thread evaluates. Waits at most 200 ms for the answer. A later
+  /// answer goes into the cache. If the engine is busy for all of the 200 ms, the question is
+  /// dropped.
   ProxyUrlSettings getProxyASync(const std::string& requestUrl)
       PM_EXCLUDES(mEngineMutex, mCacheMutex, mWaitMutex);
 
-  /// Holds off reloads while the texts of answers are copied. Any thread; waits while a reload
-  /// empties the cache and loads its script, some 5 s at most. To be taken before any query.
+  /// Holds off reloads while the texts of answers are copied. Any thread. Waits while a reload
+  /// empties the cache and loads its script, about 5 s at most. The caller takes it before any
+  /// query.
   [[nodiscard]] std::shared_lock<std::shared_mutex> shareAnswers() {
     return std::shared_lock(mAnswerGate);
   }
@@ -95,25 +98,25 @@ class PacParser {
   /// with cleanupProxySetting.
   static ProxyUrlSetting proxy2ProxySetting(std::string proxy);
 
-  /// Takes a result of the engine: parses and keeps it under the host, then frees `result`. The
-  /// type is pac_result's: `parser` is a PacParser, `host` a C string; null ones are borne.
+  /// The engine's result callback (pac_result): parses `result`, keeps it under the host, then
+  /// frees `result`. `parser` is a PacParser, `host` a C string; null pointers are accepted.
   static void proxyFound(char* result, void* parser, void* host);
-  /// Keeps the parsed `result` under `host`; nothing where the host is null. Any thread.
+  /// Keeps the parsed `result` under `host`; does nothing if `host` is null. Any thread.
   void proxy_Found(const char* result, const char* host) PM_EXCLUDES(mCacheMutex);
 
   /// The engine's wake-up callback; `parser` is a PacParser or null.
   static void notify(void* parser);
-  /// Marks that the engine has something queued and wakes the worker thread. Any thread; takes no
-  /// lock, as it is called inside the engine.
+  /// Marks that questions wait in the engine, and wakes the worker thread. Any thread. Takes no
+  /// lock, because the engine calls it.
   void do_notify();
 
   /// MD5 (RFC 1321) of `length` bytes into the 16 bytes at `digest`.
-  /// @return false, with the digest untouched, where a pointer is null or the length 0
+  /// @return false, with the digest untouched, if a pointer is null or the length is 0
   static bool doMd5Hash(unsigned char* digest, const void* data, std::size_t length);
 
-  /// Empties the cache and forgets the asynchronous queries in flight.
+  /// Empties the cache and forgets the asynchronous queries in progress.
   void clearProxyUrlCache() PM_EXCLUDES(mCacheMutex);
-  /// The cache's release callback; `context` is a PacParser, null: nothing done.
+  /// The cache's release callback. `context` is a PacParser; does nothing if it is null.
   static void clearProxyUrlCacheCallBack(ProxyUrlSettings& settings, void* context);
   /// Frees the texts of a list and empties it.
   static void clearProxySettings(ProxyUrlSettings& settings);

@@ -16,8 +16,8 @@ char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
 
-// Its place is made before the entry has a text that could be lost.
-// @return the entry, null where the piece is none
+// The place in the list is made before the entry has a text that could be lost.
+// @return the entry, or null if the piece is no entry
 const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& piece) {
   settings.emplace_back();
   settings.back() = entryOf(piece);

@@ -1,10 +1,7 @@
-// The reading of the script's file, the look whether it changed, and the rebuilding of the engine.
+// Reads the script's file, checks whether the script has changed, and rebuilds the engine.
 
-#define OPENSSL_SUPPRESS_DEPRECATED  // the digest tells files apart, it protects nothing
-#include <fcntl.h>
-#include <openssl/md5.h>
-#include <sys/stat.h>
-#include <unistd.h>
+#define OPENSSL_SUPPRESS_DEPRECATED  // the digest only compares files, it protects nothing include
+# <fcntl.h> include <openssl / md5.h> include <sys / stat.h> include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -18,9 +15,10 @@ namespace {
 
 constexpr std::size_t kFirstBuffer = 8192;
 
-// Everybody may write in the script's folder: a file of another user is neither read nor waited
-// for. A folder is accepted, because reading it fails and harms nothing. A second name is accepted,
-// too: otherwise a user who may make one could keep every script out.
+// Everybody may write in the script's folder, so a file of another user is not read, and a fifo is
+// not waited for. A folder is accepted, because reading it fails without harm. A file with a second
+// name (hard link) is accepted, because otherwise any user who may make a link could block every
+// script.
 base::UniqueFd openScript(const std::string& fileName) {
   base::UniqueFd file(open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
@@ -33,11 +31,11 @@ base::UniqueFd openScript(const std::string& fileName) {
 
 }  // namespace
 
-/// What was read so far. A C allocation, so that running out of memory is an answer, not an
-/// exception.
+/// The bytes that have been read. Allocated with malloc, so that a lack of memory is a return
+/// value, not an exception.
 class PacParser::ReadBuffer {
  public:
-  /// Reads `file` to its end. @return whether that succeeded; else a line has said why
+  /// Reads `file` to its end. @return whether that succeeded; if not, a log line has the reason
   bool readAll(int file, const std::string& fileName) {
     mData.reset(static_cast<char*>(std::calloc(kFirstBuffer, 1)));
     if (mData == nullptr) return outOfMemory(fileName);
@@ -131,8 +129,8 @@ int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
   return read ? 1 : 0;
 }
 
-// The digest is a C string on purpose: one that holds a zero byte ends there, for the comparison
-// and for what is kept.
+// The digest is treated as a C string on purpose: it ends at its first zero byte, when it is
+// compared and when it is kept.
 void PacParser::compareDigest(const ReadBuffer& content) {
   unsigned char digest[kDigestLength + 1] = {};
   // A script without a digest counts as new: its answers must not mix with those of another one.

@@ -1,16 +1,16 @@
-// The answers of the script, kept per host: the least recently used one goes when the cache is
-// full.
+// The answers of the script, kept per host. When the cache is full, the least recently used entry
+// is dropped. The owner decides the capacity (PacParser::kCacheCapacity).
 //
-// Each key is one node of a list (head: most recently used) that an ordered map finds, and one list
-// of entries in a second map. The keys of both maps and of the list are always the same set, also
-// after an allocation failed.
+// Each key has one node in a list (head: most recently used), which an ordered map finds, and one
+// list of entries in a second map. Both maps and the list always have the same keys, even after a
+// failed allocation.
 //
-// The entries' texts are not copied. The cache holds them from set() on and hands them to the
-// release callback when it drops a list; the lists that get() hands out share them, so whoever got
-// one copies the texts out before the cache changes. A list that a second set() of its key
-// replaces is not released: its texts are the business of whoever holds them.
+// The texts of the entries are not copied. The cache holds them from set() on, and passes them to
+// the release callback when it drops a list. A list that get() returns shares the texts, so its
+// receiver copies them before the cache changes. If a second set() of the same key replaces a list,
+// the cache does not release the old list: its holders must release the texts.
 //
-// No lock of its own: every call, construction and destruction included, is under the owner's.
+// The cache has no lock. The owner's lock covers every call, construction and destruction included.
 #pragma once
 
 #include <map>
@@ -19,7 +19,7 @@
 
 #include "service/records/proxy_config.h"
 
-/// One key in the order of use. Its destructor says a line and unlinks nothing.
+/// One key in the order of use. Its destructor logs a line and unlinks nothing.
 class ProxyURLCacheNode {
  public:
   explicit ProxyURLCacheNode(const std::string& nodeKey) : key(nodeKey) {}
@@ -35,8 +35,8 @@ class ProxyURLCacheNode {
 class ProxyUrlCache {
  public:
   /// @param capacity most entries kept; a number below 1 counts as 1
-  /// @param release called on a list before it is dropped, may empty it, throws nothing; may be
-  /// null
+  /// @param release called with a list before the cache drops it; may empty the list; throws
+  /// nothing; may be null
   /// @param context its second argument
   ProxyUrlCache(int capacity, void (*release)(ProxyUrlSettings&, void*), void* context);
   /// Clears.
@@ -44,14 +44,14 @@ class ProxyUrlCache {
   ProxyUrlCache(const ProxyUrlCache&) = delete;
   ProxyUrlCache& operator=(const ProxyUrlCache&) = delete;
 
-  /// @param list a hit's entries, sharing the cache's texts; untouched on a miss
-  /// @return whether `key` (any text, the empty one included) was there; it is then the most
-  ///         recently used
+  /// @param list the entries on a hit, which share the cache's texts; untouched on a miss
+  /// @return whether the cache has `key`, which may be any text, also an empty one; `key` is then
+  /// the most recently used
   bool get(const std::string& key, ProxyUrlSettings& list);
 
-  /// Stores `list` under `key` as the most recently used, in place of what was there; a new key in
-  /// a full cache drops the least recently used one first. When an allocation fails, std::bad_alloc
-  /// is thrown, the cache is as it was and the texts stay the caller's.
+  /// Stores `list` under `key` as the most recently used, and replaces an earlier list of that key.
+  /// Before a new key enters a full cache, the least recently used key is dropped. If an allocation
+  /// fails, std::bad_alloc is thrown, the cache is unchanged and the caller still owns the texts.
   void set(const std::string& key, ProxyUrlSettings list);
 
   /// Drops everything, in the order of the keys.

@@ -1,5 +1,4 @@
-// What the parser calls in the service. service/callbacks.cpp implements it; tests put their own in
-// its place.
+// What the parser calls in the service. service/callbacks.cpp implements it; tests replace it.
 #pragma once
 
 class ProxyManagerServiceImpl;

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs what building and testing this tree needs, as packaging/debian/control names it.
-# Plain sh, dpkg and apt-get alone: a fresh machine has nothing else.
+# Uses only plain sh, dpkg and apt-get: a fresh machine has nothing else.
 set -eu
 
 usage() {
@@ -63,7 +63,7 @@ needed() {
 }
 
 # One line for each needed dependency that no installed package meets: by its name or by what it
-# provides. One dpkg-query for all; versions are compared only where the field asks for one.
+# provides. One dpkg-query for all; versions are compared only if the field names one.
 missing() {
   # shellcheck disable=SC2016  # the fields are dpkg-query's, not the shell's
   dpkg-query -W -f '${db:Status-Status}|${Package}|${Version}|${Provides}\n' |
@@ -105,8 +105,8 @@ if [ "$action" = list ]; then
   cat "$wanted"
   exit 0
 fi
-# By their names; clang's own library is for clang, which builds for this machine alone, and the
-# script engine is built from source where the package is missing.
+# By their names; clang's own library is for clang, which builds only for this machine, and the script
+# engine is built from source if the package is missing.
 if [ "$action" = list-libraries ]; then
   grep -E '^(lib|nlohmann).*-dev( |$)' "$wanted" | grep -v -e '^libclang' -e '^libqjs' | sed 's/ .*//'
   exit 0
@@ -146,7 +146,7 @@ if ! ls /var/lib/apt/lists/*_Packages* >/dev/null 2>&1; then
   apt update
   install
 elif ! install; then
-  echo "Fetching the package lists anew"
+  echo "Fetching the package lists again"
   apt update
   install
 fi

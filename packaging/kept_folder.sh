@@ -2,9 +2,9 @@
 # say() and fail(), prints the folder on standard output, and may run several times at once.
 # shellcheck shell=sh
 
-# kept_folder FOLDER NAME KEY: where FOLDER/NAME-KEY has been made, prints it and ends the script.
-# Else it is this script's to make, in $staging, with $work for what is thrown away, and others that
-# want it wait until keep.
+# kept_folder FOLDER NAME KEY: if FOLDER/NAME-KEY has been made, prints it and ends the script. Else it is
+# this script's to make, in $staging, with $work for what is thrown away, and others that want it wait until
+# keep.
 kept_folder() {
   result=$1/$2-$3
   if [ -d "$result" ]; then

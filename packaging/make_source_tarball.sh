@@ -19,7 +19,7 @@ git archive --prefix="$name/" HEAD | tar -x -C "$work"
 mkdir "$work/$name/packaging/quickjs/source"
 tar -c -C "$engine" . | tar -x -C "$work/$name/packaging/quickjs/source"
 
-# The same bytes from the same commit and engine, whoever makes them and when.
+# The same commit and engine give the same bytes, whoever makes them and when.
 date=$(git log -1 --format=%cI)
 tar -c -C "$work" --sort=name --mtime="$date" --owner=0 --group=0 --numeric-owner "$name" |
   gzip -n >"$folder/$name.tar.gz"

@@ -24,7 +24,8 @@ namespace {
 using base::UniqueFd;
 
 constexpr int kFirstPassed = 3;
-// A killed process is gone within this time unless the machine stands still or somebody traces it.
+// A killed process ends within this time, unless the machine is stuck or a debugger traces the
+// process.
 constexpr int kEndLimitMs = 1000;
 
 struct FileActions {
@@ -75,9 +76,10 @@ int setAttributes(SpawnAttributes& spawn) {
   sigemptyset(&none);
   posix_spawnattr_setsigdefault(&spawn.attributes, &all);
   posix_spawnattr_setsigmask(&spawn.attributes, &none);
-  // A process group of its own: the terminal's signals are for the program, not for its child.
+  // The child gets its own process group, because the terminal's signals are for the program, not
+  // for its child.
   posix_spawnattr_setpgroup(&spawn.attributes, 0);
-  // A child that runs in circles must not do it with a real-time priority of the program.
+  // A child in an endless loop must not have a real-time priority of the program.
   const sched_param ordinary{};
   posix_spawnattr_setschedpolicy(&spawn.attributes, SCHED_OTHER);
   posix_spawnattr_setschedparam(&spawn.attributes, &ordinary);
@@ -193,8 +195,9 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const ChildOptions& options,
   UniqueFd process = openProcess(pid);
   if (!process) {
     problem = described("no process descriptor for " + options.program, errno);
-    // By number this once: the child has not been waited for, so the number is its own. A program
-    // without the right to signal a child of another user cannot wait for its end either.
+    // Here the child is addressed by its number. Nobody has waited for the child yet, so the number
+    // still belongs to it. A program without the right to signal a child of another user cannot
+    // wait for its end either.
     if (kill(pid, SIGKILL) == 0) {
       while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
       }
@@ -213,7 +216,7 @@ std::string ChildProcess::end() {
   if (!mProcess) return "ended";
   unreaped().waitForThoseThatHaveEnded();
   UniqueFd process = std::move(mProcess);
-  // Fails if the process has ended by itself, which is as good.
+  // Fails if the process has already ended, which is fine.
   syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0U);
   pollfd entry{process.get(), POLLIN, 0};
   int ready = 0;

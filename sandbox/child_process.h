@@ -1,11 +1,11 @@
-// A child process that parses what strangers wrote: how its program is found, started and ended.
+// A child process that parses foreign data: how its program is found, started and ended.
 //
 // The child is started by posix_spawn, which is safe in a program with threads. It gets default
 // signals, an empty signal mask, an ordinary scheduling policy, a process group of its own, the
 // environment that the caller names, its standard three descriptors on /dev/null, the descriptors
 // that the caller passes on, and nothing else. The parent kills it and waits for it through a
-// descriptor of the process itself: neither a SIGCHLD handler of the program nor a thread that
-// waits for any child can make this code kill a stranger.
+// descriptor of the process itself: even if a SIGCHLD handler of the program, or a thread that
+// waits for any child, has already reaped the child, this code kills no foreign process.
 //
 // The child raises its own walls (walls.h) before it reads the first byte of what it has to parse.
 #pragma once
@@ -20,11 +20,11 @@
 
 namespace sandbox {
 
-/// Where a program is that is installed beside this one: `name` in the libexec folder next to the
-/// folder of the running program, else `installedPath`, the place that the build knows.
+/// The path of a program that is installed with this one: `name` in the libexec folder next to the
+/// folder of the running program. If it is not there, `installedPath`, which the build sets.
 std::string programInLibexec(const std::string& name, const char* installedPath);
 
-/// What a child process is started with.
+/// The arguments for the start of a child process.
 struct ChildOptions {
   std::string program;           ///< path of the executable file
   std::vector<int> descriptors;  ///< the child's descriptors 3, 4, ...; they stay the caller's

@@ -32,7 +32,7 @@ SystemCalls& SystemCalls::first(int call) {
 }
 
 Failure SystemCalls::load() {
-  // Calls of another architecture's kind are as forbidden as any.
+  // System calls of another architecture are forbidden, too.
   if (mError == 0) {
     note(seccomp_attr_set(mFilter.get(), SCMP_FLTATR_ACT_BADARCH, SCMP_ACT_KILL_PROCESS));
   }

@@ -28,7 +28,7 @@ inline constexpr std::uint64_t kInt = 0xFFFFFFFF;
 /// passed over. Errors are kept until load().
 class SystemCalls {
  public:
-  /// A call that is on no list ends the process with SIGSYS.
+  /// A call that is not on the list ends the process with SIGSYS.
   SystemCalls();
 
   /// Allows `call`, with the conditions in `arguments`.

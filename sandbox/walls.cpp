@@ -20,14 +20,15 @@ namespace sandbox {
 
 namespace {
 
-// Both numbers are nobody's on every distribution. There is no user of its own for the children:
-// they would share it, and one child could then trace another.
+// On every distribution these are the numbers of the user nobody and its group. The child processes
+// have no user account of their own. They would all share it, and one child could then trace
+// another.
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kNogroup = 65534;
 
-/// The bounding set goes while there still is the capability that this takes. A process without
-/// that capability gains nothing from the set either, since no program that it starts gets new
-/// privileges.
+/// Empties the bounding set while the process still has the capability (CAP_SETPCAP) that this
+/// needs. A process without that capability keeps its bounding set. That is harmless, because no
+/// program that it starts gets new privileges.
 void dropBoundingSet() {
   for (unsigned long capability = 0; prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0;
        ++capability) {
@@ -57,9 +58,9 @@ Failure dropCapabilities() {
   const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
   if (syscall(SYS_capset, &header, none) == 0) return {};
   const Failure refused = failed("capset");
-  // A supervisor may forbid that call. Then nothing is left to drop, if it gave no capability to
-  // child processes: what may be inherited counts for programs with file capabilities only, which
-  // no_new_privs has ruled out.
+  // A supervisor may forbid that call. This is no failure if the process has no effective and no
+  // permitted capability. Inheritable capabilities may remain, but they matter only for programs
+  // with file capabilities, which no_new_privs disables.
   __user_cap_data_struct present[_LINUX_CAPABILITY_U32S_3]{};
   if (syscall(SYS_capget, &header, present) != 0) return refused;
   const bool hasSome = std::any_of(present, std::end(present), [](const auto& set) {

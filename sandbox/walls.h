@@ -1,6 +1,8 @@
-// The walls that a child process raises around itself before it reads the first byte of what it has
-// to parse. Each program picks its walls in the order below; the last one is its list of system
-// calls (system_calls.h), because the others need calls that no list has.
+// The walls that all child processes share. A child process raises its walls before it reads the
+// first byte of the foreign data that it parses. Each program calls the functions below in their
+// order: engine/worker/sandbox.h for the script worker, fetcher/child/walls.h for the download. Its
+// list of system calls (system_calls.h) is the last wall, because the other walls need calls that
+// no list allows.
 //
 // All functions are called by a process that has one thread.
 #pragma once
@@ -14,8 +16,8 @@
 
 namespace sandbox {
 
-/// Nothing if the wall stands; else which wall could not be raised and why. The process must then
-/// end without reading anything.
+/// Empty if the wall stands; else the name of the wall that could not be raised, and the reason.
+/// The process must then end without reading anything.
 using Failure = std::optional<std::string>;
 
 /// "what: text of errno".
@@ -42,11 +44,11 @@ struct Limit {
   const char* name;  ///< for the report of a failure
 };
 
-/// Sets soft and hard limits. A tighter limit that is there already stays.
+/// Sets soft and hard limits. An existing tighter limit stays.
 Failure limitResources(std::span<const Limit> limits);
 
 /// Sets the stack limit to `bytes`: a program may have been started with less than it counts on. A
-/// hard limit below that stays.
+/// hard limit below `bytes` stays.
 Failure setStackLimit(rlim_t bytes);
 
 }  // namespace sandbox

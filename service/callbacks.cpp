@@ -1,4 +1,5 @@
-// What fetcher/, pac/ and dbus/ call in the service: the one place that points upward for them.
+// The functions that fetcher/, pac/ and dbus/ call in the service. Only this file lets them call
+// upward.
 #include "dbus/service_callbacks.h"
 #include "fetcher/service_callbacks.h"
 #include "pac/service_callbacks.h"

@@ -1,8 +1,8 @@
 // proxymanagerd: start-up, the wait, and the end.
 //
-// The work happens on the service's threads; this one only sleeps. SIGTERM and SIGHUP are blocked
-// in every thread and let through to this one only while it sleeps, atomically, so that their
-// handlers run where nothing holds a lock and may log.
+// The service's threads do the work; the main thread only sleeps. SIGTERM and SIGHUP are blocked in
+// every thread. The main thread unblocks them atomically while it sleeps. So their handlers run
+// while the main thread holds no lock, and may log.
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -79,7 +79,7 @@ std::unique_ptr<SlService> create_proxymanager_service() {
 }
 
 /// Blocks the two signals in this thread, and so in those it starts.
-/// @return the mask under which they get through
+/// @return the mask that unblocks them
 sigset_t blockSignals() {
   sigset_t handled;
   sigemptyset(&handled);
@@ -107,7 +107,7 @@ void registerProcess() {
   }
 }
 
-/// For a person who starts the daemon by hand, and does not look into the log.
+/// For a person who starts the daemon by hand and does not read the log.
 void showOnTerminal(const std::string& problem) {
   if (isatty(STDERR_FILENO) != 1) return;
   std::fprintf(stderr, "%s: %s\n", kProcessName, problem.c_str());
@@ -133,11 +133,11 @@ void limitItself() {
   process::forbidDumps();
   process::keepCapabilitiesFromChildren();
   process::returnFreedMemory();
-  umask(S_IWGRP | S_IWOTH);  // whatever mask the supervisor has: the script is for all to read
+  umask(S_IWGRP | S_IWOTH);  // whatever mask the supervisor has: all users may read the script
 }
 
-/// Deletes the service, which waits for a download and for what else is in progress. The supervisor
-/// must not take that for a hang, so this thread goes on feeding the watchdog.
+/// Deletes the service, which waits for all work in progress, such as a download. This thread feeds
+/// the watchdog during that time, so that the supervisor does not take the wait for a hang.
 void stopService(std::unique_ptr<SlService> service) {
   std::future<void> stopped;
   try {

@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int kFetchIntervalSeconds = 1800;
+// proxymanagerctl status and wait listen for 5 s, so that they receive an announcement.
 constexpr std::chrono::seconds kAnnouncementPause{2};
 constexpr std::int32_t kServiceRuns = 1;
 
@@ -142,7 +143,7 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
   } else if (mConfig->mode == pacurl) {
     mConfig->pacurl = heapText(pacUrl);
   }
-  // The flag itself stays false: getProxyconfig goes on to say "n".
+  // The flag itself stays false: getProxyconfig still returns "n".
   if (enableauth) {
     mConfig->userName = heapText(userName);
     mConfig->password = heapText(password);
@@ -151,8 +152,8 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
   return 0;
 }
 
-// Unlocked: runs on the bus thread, as do the writers, but for stop(), which goes after the last
-// call.
+// No lock is needed: this function and the updates run on the bus thread, and stop() changes the
+// configuration only after the last call.
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string& requestUrl)
     PM_NO_THREAD_SAFETY_ANALYSIS {
   logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl proxy mode:%d, request url:%s",
@@ -162,7 +163,7 @@ std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string&
   return urls;
 }
 
-// Unlocked for the same reason.
+// No lock is needed, for the same reason.
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript()
     PM_NO_THREAD_SAFETY_ANALYSIS {
   std::vector<std::string> urls{proxyMode2Str(mConfig->mode)};
@@ -180,7 +181,7 @@ std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript()
 void ProxyManagerServiceImpl::appendScriptAnswer(const std::string& requestUrl,
                                                  std::vector<std::string>& urls) {
   if (!mPacParser) return;
-  // The list's texts are the cache's: no new script may empty it before they are copied.
+  // The cache owns the texts of the list: no new script may empty the cache before they are copied.
   const auto answers = mPacParser->shareAnswers();
   for (const auto& entry : mPacParser->getProxy(requestUrl)) {
     logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl proxyUrl:%s", entry.url);
@@ -213,7 +214,8 @@ void ProxyManagerServiceImpl::startupEventThreadFunc() {
   pthread_name_np(gettid(), "pm-announce");
   logLine(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called ");
   while (!mStartupEventDone) {
-    // The flag again on the bus thread, where the update that sets it runs: none follows its reply.
+    // The flag is read again on the bus thread, on which the update sets it. So no announcement
+    // follows the reply to an update.
     mBusHelper->run([this] {
       if (!mStartupEventDone) mDbusHandler.ProxyMgrStateEvent(kServiceRuns);
     });
@@ -227,7 +229,8 @@ void ProxyManagerServiceImpl::waitForNextAnnouncement() {
                          [this] { return mStartupEventDone.load(); });
 }
 
-// Through the wait's mutex: the thread is either before its look at the flag, or waiting.
+// The mutex is taken and released: after that the thread has either not yet read the flag, or
+// already waits.
 void ProxyManagerServiceImpl::endAnnouncements() {
   {
     const Lock lock(mAnnounceMutex);

@@ -1,12 +1,13 @@
 // The daemon's central object: owns the configuration in force, the bus object, the fetcher and the
 // parser, and answers what the bus asks.
 //
-// Nothing restores a configuration at start: the mode is off until a client says otherwise, and
-// until then an announcement goes out every two seconds. Every update tells clients to drop what
-// they cached, whether or not anything changed. Three threads come here: the bus thread (the
-// requests), the fetcher's (pacFileUpdated, and through the parser pacContentUpdated) and the
-// announcing one. mConfigMutex guards the configuration; getProxyUrl reads it without, on the
-// thread that replaces it, and before stop() releases it.
+// The service restores no configuration at start. The mode is off until a client sets a
+// configuration, and until then the service announces itself every two seconds. Every update asks
+// clients to drop their cached answers, even if nothing has changed. Three threads call this class:
+// the bus thread (requests), the fetcher thread (pacFileUpdated, and through the parser
+// pacContentUpdated) and the announcing thread. mConfigMutex guards the configuration. getProxyUrl
+// reads the configuration without the mutex: it runs on the same thread as the updates, and stop()
+// releases the configuration only after the last request.
 #pragma once
 
 #include <atomic>
@@ -28,27 +29,29 @@ class PacParser;
 
 class ProxyManagerServiceImpl : public SlService {
  public:
-  /// Connects to the bus, registers the object and asks for the bus name. Throws DBus::Error where
-  /// one of them is not to be had, or another process owns the name. Main thread.
+  /// Connects to the bus, registers the object and asks for the bus name. Throws DBus::Error if one
+  /// of these fails or another process owns the name. Main thread.
   ProxyManagerServiceImpl();
   ~ProxyManagerServiceImpl() override;
   ProxyManagerServiceImpl(const ProxyManagerServiceImpl&) = delete;
   ProxyManagerServiceImpl& operator=(const ProxyManagerServiceImpl&) = delete;
 
-  /// Lets the request in flight end, then ends the fetcher, the parser, the announcements and the
-  /// dispatching. Waits for a download walk that runs. Requests that come meanwhile are answered as
-  /// by a handler without a service. Main thread.
+  /// Waits for the request in progress, then ends the fetcher, the parser, the announcements and
+  /// the dispatching. Waits for a transfer in progress (30 s at most) and for the load of its
+  /// script (5 s at most); the walk's other candidates fail at once. Requests that arrive during
+  /// the stop get the answer of a handler without a service. Main thread.
   void stop() override;
   /// Starts fetcher, parser, dispatching and announcements. Main thread. Throws std::system_error
-  /// where a thread cannot be had. @return 0
+  /// if a thread cannot be started. @return 0
   std::int32_t start() override;
 
-  /// The configuration in force, a text that is not set as "". Any thread.
+  /// The configuration in force; a text that is not set is "". Any thread.
   com::zentu::ProxyConfigTexts getProxyConfig() PM_EXCLUDES(mConfigMutex);
 
-  /// Replaces the configuration: keeps the URL of the given mode alone, and user name and password
-  /// only with `enableauth`, which itself is not kept. Emits notifyClearcache, then hands the
-  /// configuration to the fetcher: waits while a download walk runs (30 s a candidate). Bus thread.
+  /// Replaces the configuration. Keeps only the URL of the given mode, and keeps user name and
+  /// password only with `enableauth`; the flag itself is not kept. Emits notifyClearcache, then
+  /// passes the configuration to the fetcher. Never waits for a download, but may wait for the load
+  /// of a script that is being installed (5 s at most). Bus thread.
   /// @return 0
   std::int32_t updateProxyConfig(const std::string& mode, const std::string& proxyurl,
                                  const std::string& pacurl, const bool& enableauth,
@@ -60,7 +63,7 @@ class ProxyManagerServiceImpl : public SlService {
   /// s at most. Bus thread.
   std::vector<std::string> getProxyUrl(const std::string& requestUrl);
 
-  /// What getProxyUrl() returns if the script has no answer. Never waits. Bus thread.
+  /// The result of getProxyUrl() if the script has no answer. Never waits. Bus thread.
   std::vector<std::string> getProxyUrlWithoutScript();
 
   /// A new PAC file is in place. Fetcher thread.

@@ -33,8 +33,9 @@ std::string manualProxyUrl(const ManualServer& server);
 /// the URL names no proxy. Credentials are dropped.
 std::string entryOfManualUrl(std::string_view url);
 
-/// The script. For each URL the servers of its own scheme come first, then those of no scheme, of
-/// http, https and ftp, all as PROXY, then SOCKS servers.
+/// Makes the script. For each URL it returns the servers of the URL's own scheme first, then the
+/// servers without a scheme and those for http, https and ftp, all as PROXY, and at last the SOCKS
+/// servers.
 /// @param excludes "[scheme://]rule": "word" and "*word" end with it, "word*" begins with it,
 /// "*word*" contains it, "scheme://" is a whole scheme; "*" alone is ignored
 std::string manualScript(const std::vector<ManualServer>& servers,

@@ -16,13 +16,13 @@
 
 namespace settings {
 
-/// How many configurations one sender may have. A network manager has one for each connection.
+/// The most configurations of one sender. A network manager has one for each connection.
 inline constexpr std::size_t kMaxOfSender = 64;
-/// How many there may be of all senders together: two network managers at their limit, and a
+/// The most configurations of all senders together: two network managers at their limit, and a
 /// reserve.
 inline constexpr std::size_t kMaxConfigurations = 256;
-/// Longest inline script, in bytes: NetworkManager takes 1 MiB, the daemon takes scripts of
-/// 512,000.
+/// Longest inline script, in bytes, equal to the daemon's limit (fetcher::kMostScriptBytes).
+/// NetworkManager accepts 1 MiB.
 inline constexpr std::size_t kMaxScriptBytes = 512'000;
 /// Longest text of another kind, in bytes.
 inline constexpr std::size_t kMaxTextBytes = 8U << 10U;

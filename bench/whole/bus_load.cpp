@@ -6,10 +6,10 @@
 // for one answer before it asks again.
 //
 // usage: bus_load BASE-NAME MEASURED-NAME ROUNDS CALLS CLIENTS URL [PAC-URL]
-//   URL: with "%d" in it, a number that no earlier call had stands there: a host not seen before
-//   PAC-URL: the base is no service of this interface but GLib's PAC runner, which is asked for the
-//   proxies of URL by the script at PAC-URL
-// Prints one JSON object: medians in microseconds, calls a second, ratios of the medians of rounds.
+//   URL: each "%d" in it is replaced by a new number for each call, so every call has a new host
+//   PAC-URL: BASE-NAME is then GLib's PAC runner, which has another interface; it answers for URL
+//   with the script at PAC-URL Prints one JSON object: medians in microseconds, calls a second,
+//   ratios of the medians of rounds.
 #include <systemd/sd-bus.h>
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// How proxymanagerctl ends: the one list of its statuses. Help texts are made from it, a test
+// The one list of proxymanagerctl's exit statuses. Help texts are made from the list, and a test
 // compares the man page with it.
 #pragma once
 
@@ -35,7 +35,7 @@ struct StatusText {
 inline constexpr std::array<StatusText, 14> kStatusTexts{{
     {kAnswered, "done, with an answer for every URL; every case passed; no finding"},
     {kNoAnswer, "at least one URL got no answer, one case failed, or there is a finding"},
-    {kRefused, "a PAC script is refused; standard error says why, and in which\nline"},
+    {kRefused, "a PAC script is refused; standard error has the reason and the\nline"},
     {kUsage, "the command line is wrong, or the address of the message bus"},
     {kBadData, "what was read is no password, URL or file of cases"},
     {kNoInput, "a file cannot be read"},
@@ -43,7 +43,7 @@ inline constexpr std::array<StatusText, 14> kStatusTexts{{
     {kInternal, "no memory, or a fault of the program"},
     {kOutput, "the output, or a file of --save, cannot be written"},
     {kTryAgain, "no answer in time, or the daemon is about to end; try again"},
-    {kProtocol, "what has the daemon's name does not answer as it does"},
+    {kProtocol, "the owner of the daemon's name sent a reply that the daemon never sends"},
     {kDenied,
      "the bus does not allow it; root may do all, and so may members of the\n"
      "group proxymanager, who cannot save or reset settings"},
@@ -51,11 +51,11 @@ inline constexpr std::array<StatusText, 14> kStatusTexts{{
     {kNoSuchCommand, "exec: there is no such command"},
 }};
 
-/// What can happen to each command that talks to the daemon.
+/// The statuses that every command may have that calls the daemon.
 inline constexpr std::initializer_list<ExitStatus> kBusStatuses{
     kUsage, kUnavailable, kInternal, kOutput, kTryAgain, kProtocol, kDenied};
 
-/// Lines of a help text: those of `own`, a command's own words, then those of `shared` in the words
+/// Lines of a help text: first `own`, with the command's own words, then `shared`, with the words
 /// of the list.
 std::string statusHelp(std::initializer_list<StatusText> own,
                        std::initializer_list<ExitStatus> shared);

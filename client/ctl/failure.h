@@ -1,4 +1,4 @@
-// What ends the program before its work is done.
+// The exception that ends the program before its work is done.
 #pragma once
 
 #include <stdexcept>

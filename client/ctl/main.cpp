@@ -1,4 +1,4 @@
-// proxymanagerctl: the grammar of the command line, and the end of everything that goes wrong.
+// proxymanagerctl: the grammar of the command line, and the handling of all errors.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
@@ -90,7 +90,8 @@ client::ExitStatus run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // What the libraries have to log is for the daemon; here it comes back as values.
+  // The log lines of the libraries are for the daemon; here the functions return the same facts as
+  // values.
   openlog("proxymanagerctl", LOG_PERROR, LOG_USER);
   setlogmask(LOG_MASK(LOG_EMERG));
   try {

@@ -1,4 +1,5 @@
-/* What GLib looks for in a file of the name libgioproxymanager.so; nothing else of it is seen. */
+/* The functions that GLib looks for in the file libgioproxymanager.so. The file exports nothing
+ * else. */
 #include "client/gio/module.h"
 
 G_MODULE_EXPORT void g_io_proxymanager_load(GIOModule* module);
@@ -15,7 +16,7 @@ void g_io_proxymanager_unload(GIOModule* module) {
   (void)module;
 }
 
-/* By which GLib knows, from its cache, when to load this. */
+/* GLib keeps this list in its cache, and so knows when to load the module. */
 char** g_io_proxymanager_query(void) {
   return g_strsplit(G_PROXY_RESOLVER_EXTENSION_POINT_NAME "," G_PROXY_EXTENSION_POINT_NAME, ",",
                     -1);

@@ -1,4 +1,4 @@
-/* What the module adds to GLib, each in a file of its own. */
+/* The extensions that the module adds to GLib. Each is in a separate file. */
 #ifndef PROXYMANAGER_GIO_MODULE_H
 #define PROXYMANAGER_GIO_MODULE_H
 

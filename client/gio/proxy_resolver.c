@@ -1,19 +1,21 @@
-/* The proxy resolver of programs that use GLib: they ask the daemon without knowing of it.
+/* The proxy resolver for programs that use GLib: they ask the daemon without a change of the
+ * program.
  *
- * GLib loads this module where a program first looks for a proxy, and asks it from then on. Before
- * every connection: so it asks through libproxymanager-client, which remembers answers, with one
- * client for the process. The client has a thread; so the module, once loaded, stays.
+ * GLib loads this module when a program first looks for a proxy. From then on GLib asks the module
+ * before every connection. So the module uses libproxymanager-client, which remembers answers, with
+ * one client for the process. The client has a thread, so the module is never unloaded.
  *
  * If there is no bus, no daemon or the mode is off, GLib's next resolver is asked: the desktop's
- * own settings hold then. Every other connection without an answer is made directly: the daemon is
- * too slow, or the script has no answer or none that is an address. A resolver has but one other
- * way, to fail, and with it every connection of every program fails: a device would lose its
- * network with its bus. A network that lets nothing out but through its proxy refuses by itself,
- * and whoever wants programs to refuse sets PROXYMANAGER_NO_ANSWER=refuse in their environment.
- * G_MESSAGES_DEBUG=proxymanager shows the reasons.
+ * own settings hold then. In every other case without an answer, the program connects directly: if
+ * the daemon is too slow, if the script has no answer, or if no entry of the answer is an address.
+ * A resolver could only fail instead. Then every connection of every program would fail, and a
+ * device would lose its network together with its bus. A network that permits only connections
+ * through its proxy refuses direct connections itself. An administrator who wants programs to fail
+ * sets PROXYMANAGER_NO_ANSWER=refuse in their environment. G_MESSAGES_DEBUG=proxymanager shows the
+ * reasons.
  *
- * The library answers "direct" by itself for this machine and this link, in every mode: what a
- * program sends to local services goes through no script's proxy.
+ * The library itself answers "direct" for this machine and this link, in every mode. So a program's
+ * traffic to local services never goes through a script's proxy.
  */
 #include <errno.h>
 #include <proxymanager/client.h>
@@ -22,12 +24,13 @@
 
 #include "client/gio/module.h"
 
-/* Above what GLib and desktops bring (100 is more than any of them has): who installs this module
- * on a device wants the daemon asked. GIO_USE_PROXY_RESOLVER names another where one is wanted. */
+/* A higher priority than the resolvers of GLib and of desktops, which all have less than 100: a
+ * person who installs this module wants GLib to ask the daemon. GIO_USE_PROXY_RESOLVER can name
+ * another resolver. */
 #define PRIORITY 100
 
-/* Longer than the daemon needs at its slowest for one script: 5 s of evaluation, in which a worker
- * that died is started again, and the rest for those who asked before. Milliseconds. */
+/* In milliseconds. Longer than the daemon's slowest answer: 5 s for an evaluation, which includes
+ * the start of a new worker, and the rest for questions that wait before this one. */
 #define LIMIT_MS 10000
 
 typedef struct {
@@ -49,8 +52,8 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED(ProxymanagerResolver, proxymanager_resolver, G_TY
 
 static proxymanager_client* the_client;
 
-/* The client, made where there is none but `useless`; null without memory. A client of the
- * parent process stays after fork(): freeing it does nothing here. */
+/* The client, made if there is none apart from `useless`; null without memory. After fork() the
+ * client of the parent process is kept, because freeing it does nothing here. */
 static proxymanager_client* client_but(proxymanager_client* useless) {
   proxymanager_client* const current = g_atomic_pointer_get(&the_client);
   if (current != useless) return current;
@@ -64,10 +67,10 @@ static proxymanager_client* client_but(proxymanager_client* useless) {
   return g_atomic_pointer_get(&the_client);
 }
 
-/* A question that can be taken back. */
+/* A question that can be cancelled. */
 typedef struct {
   proxymanager_client* client;
-  proxymanager_id id; /* 0 where it has been answered */
+  proxymanager_id id; /* 0 if it has been answered */
 } Question;
 
 static proxymanager_status ask(const char* uri, proxymanager_answer_callback callback,
@@ -84,14 +87,14 @@ static proxymanager_status ask(const char* uri, proxymanager_answer_callback cal
 
 /* --- Answers as GLib wants them --- */
 
-/* Whether the entry says "SOCKS" without a version, as scripts do. */
+/* Whether the entry is "SOCKS" without a version, as scripts return it. */
 static gboolean names_no_version(const char* text) {
   while (g_ascii_isspace(*text)) text++;
   return g_ascii_strncasecmp(text, "socks", 5) == 0 && !g_ascii_isalnum(text[5]);
 }
 
-/* The scheme by which GLib knows such a proxy; null where it is of no use. GLib knows one version
- * 5, which leaves the looking up of names to the proxy. */
+/* GLib's scheme for such a proxy; null if GLib cannot use it. GLib has only one version 5, with
+ * which the proxy looks names up. */
 static const char* scheme_of(const proxymanager_entry* entry) {
   switch (entry->kind) {
     case PROXYMANAGER_DIRECT:
@@ -124,7 +127,7 @@ static gboolean must_refuse(void) {
   return g_strcmp0(g_getenv("PROXYMANAGER_NO_ANSWER"), "refuse") == 0;
 }
 
-/* What a connection without an answer gets. */
+/* The result for a connection without an answer. */
 static char** without_answer(const char* reason, GError** error) {
   if (must_refuse()) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_PROXY_FAILED, "no proxy is known: %s", reason);
@@ -136,8 +139,8 @@ static char** without_answer(const char* reason, GError** error) {
 
 /* --- The next resolver --- */
 
-/* Of GLib's resolvers the first other one that works here; null if there is none. The one named
- * dummy is GLib's own, and answers "direct" always. */
+/* The first of GLib's other resolvers that works here; null if there is none. GLib's own resolver
+ * "dummy" always answers "direct". */
 static GProxyResolver* find_next(void) {
   GIOExtensionPoint* const point =
       g_io_extension_point_lookup(G_PROXY_RESOLVER_EXTENSION_POINT_NAME);
@@ -164,16 +167,16 @@ static GProxyResolver* next_resolver(void) {
   return next;
 }
 
-/* Whether the daemon leaves it to others. A program that may not read the configuration cannot tell
- * "off" from "not configured yet". */
+/* Whether the daemon leaves the choice to other resolvers. A program that may not read the
+ * configuration cannot distinguish "off" from "not configured yet". */
 static gboolean is_for_others(proxymanager_status status, const proxymanager_answer* answer) {
   if (status == PROXYMANAGER_OK) return strcmp(proxymanager_answer_mode(answer), "off") == 0;
   if (must_refuse()) return FALSE;
   return status == PROXYMANAGER_NO_BUS || status == PROXYMANAGER_NO_DAEMON;
 }
 
-/* Whether what is asked about is a connection of no known protocol, as GLib writes it. It wants no
- * proxy of a protocol for such a one, which leaves SOCKS. */
+/* Whether the URI stands for a connection without a known protocol, as GLib writes it. Such a
+ * connection cannot use a proxy for a protocol, only SOCKS. */
 static gboolean names_no_protocol(const char* uri) {
   return g_ascii_strncasecmp(uri, "none://", strlen("none://")) == 0;
 }
@@ -196,7 +199,7 @@ static char** proxies_of(const proxymanager_answer* answer, const char* uri, GEr
   return without_answer("the answer has no entry that can be used", error);
 }
 
-/* What a question that was not cancelled comes to; null with `error` for what is no URI. */
+/* The result of a question that was not cancelled; null with `error` if the text is no URI. */
 static char** outcome(proxymanager_status status, const proxymanager_answer* answer,
                       const char* uri, GError** error) {
   if (status == PROXYMANAGER_OK) return proxies_of(answer, uri, error);
@@ -221,14 +224,14 @@ static void free_question(gpointer data, GClosure* closure) {
   g_free(data);
 }
 
-/* A question that is taken back when a cancellable says so. */
+/* A question that a GCancellable can cancel. */
 typedef struct {
   GCancellable* cancellable;
   gulong handler;
 } Watch;
 
-/* Begins the watch; a cancellable that is cancelled by now takes the question back at once. The
- * handler has a copy of the question, as it may still run when the watch has ended. */
+/* Begins the watch. If the cancellable is already cancelled, the question is cancelled at once. The
+ * handler has its own copy of the question, because it may still run when the watch has ended. */
 static void begin_watch(Watch* watch, GCancellable* cancellable, const Question* question) {
   if (cancellable == NULL || question->id == 0) return;
   watch->cancellable = g_object_ref(cancellable);
@@ -253,7 +256,7 @@ static gboolean is_supported(GProxyResolver* resolver) {
   return TRUE; /* GLib asks once, and the daemon may come later */
 }
 
-/* One who waits. A semaphore, as it may be given back as soon as the wait is over. */
+/* A waiting caller. A semaphore is used because it may be freed as soon as the wait is over. */
 typedef struct {
   sem_t answered;
   proxymanager_status status;
@@ -267,8 +270,8 @@ static void wake(proxymanager_status status, proxymanager_answer* answer, void* 
   sem_post(&wait->answered);
 }
 
-/* Waits for the library, not for a main context. What it is cancelled by ends the question, and so
- * the wait. */
+/* Waits for the library, not for a main context. A cancellation ends the question, and so the wait.
+ */
 static char** lookup(GProxyResolver* resolver, const char* uri, GCancellable* cancellable,
                      GError** error) {
   (void)resolver;
@@ -296,7 +299,7 @@ static char** lookup(GProxyResolver* resolver, const char* uri, GCancellable* ca
   return proxies;
 }
 
-/* What belongs to a task, and ends with it. */
+/* The data of a task, freed with it. */
 typedef struct {
   char* uri;
   Watch watch;
@@ -322,8 +325,8 @@ static void ask_next(GTask* task, gpointer resolver, gpointer data, GCancellable
   }
 }
 
-/* Ends the task, of which it takes a reference; the task itself goes to its own main context for
- * its callback, and prefers its cancellable's error. */
+/* Ends the task and takes over a reference to it. The task calls its callback in its own main
+ * context, and prefers the error of its cancellable. */
 static void end_task(proxymanager_status status, proxymanager_answer* answer, void* context) {
   GTask* const task = context;
   if (is_for_others(status, answer) && next_resolver() != NULL) {

@@ -1,9 +1,10 @@
-/* The proxy protocol "socks": SOCKS of a version that nobody named.
+/* The proxy protocol "socks": SOCKS without a version.
  *
- * Scripts say "SOCKS host", a resolver hands that on as "socks://host", and GLib knows how to speak
- * versions 4, 4a and 5, each by its name, but nothing of that one. Here it is version 5, which
- * leaves names to the proxy: what runs today, and what proxymanagerctl takes it for. Trying one
- * version after the other would take a connection for each.
+ * A script returns "SOCKS host", and a resolver passes that on as "socks://host". GLib has
+ * protocols for the versions 4, 4a and 5, each with its own name, but none with this name. Here
+ * "socks" means version 5 with names that the proxy looks up: most proxies use it today, and
+ * proxymanagerctl reads it so, too. A trial of one version after the other would take a connection
+ * for each.
  */
 #include "client/gio/module.h"
 

@@ -44,7 +44,7 @@ proxymanager_answer::proxymanager_answer(client::ProxyAnswer parsed) : mParsed(s
 }
 
 void proxymanager_answer::give() {
-  // Whoever deletes it sees what the others did with it.
+  // The thread that deletes the answer must see all changes by the other threads.
   if (mHolders.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
 }
 

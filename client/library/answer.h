@@ -10,7 +10,7 @@
 #include "client/library/include/proxymanager/client.h"
 #include "client/library/proxy_answer.h"
 
-/// What the interface calls an answer. The texts that its entries point to are its own.
+/// The answer of the C interface. It owns the texts to which its entries point.
 struct proxymanager_answer {
  public:
   explicit proxymanager_answer(client::ProxyAnswer parsed);
@@ -24,7 +24,7 @@ struct proxymanager_answer {
   const std::string& mode() const { return mParsed.mode; }
   const std::vector<proxymanager_entry>& entries() const { return mEntries; }
 
-  /// About what it takes in memory.
+  /// Roughly the memory that it takes, in bytes.
   std::size_t bytes() const;
 
  private:
@@ -38,11 +38,11 @@ struct proxymanager_answer {
 
 namespace client::library {
 
-/// A holder of an answer, or of none.
+/// Owns a reference to an answer, or none.
 class AnswerRef {
  public:
   AnswerRef() = default;
-  /// Takes the place of a holder.
+  /// Takes over a reference.
   explicit AnswerRef(proxymanager_answer* held) : mAnswer(held) {}
   AnswerRef(const AnswerRef& other) noexcept : mAnswer(other.mAnswer) {
     if (mAnswer != nullptr) mAnswer->hold();
@@ -59,7 +59,7 @@ class AnswerRef {
   proxymanager_answer* get() const { return mAnswer; }
   proxymanager_answer* operator->() const { return mAnswer; }
   explicit operator bool() const { return mAnswer != nullptr; }
-  /// Leaves the holding to the caller.
+  /// Passes the reference to the caller.
   proxymanager_answer* release() { return std::exchange(mAnswer, nullptr); }
 
  private:

@@ -1,4 +1,4 @@
-// A URL as the daemon is asked about it.
+// The form of a URL in a question to the daemon.
 #pragma once
 
 #include <optional>
@@ -8,8 +8,8 @@
 namespace client {
 
 /// The canonical form of `url` (domain/canonical_url.h): URLs that mean the same get one answer,
-/// and no user name or password reaches the bus or the daemon's log. Of a text without "://" only
-/// what stands before an "@" is taken away.
+/// and no user name or password reaches the bus or the daemon's log. If the text has no "://", only
+/// the part before an "@" is removed.
 /// @return nothing for what the bus does not carry, for more than PROXYMANAGER_MAX_URL bytes and
 /// for
 ///         a text whose "://" follows no scheme

@@ -1,12 +1,12 @@
-// Where the system message bus is.
+// The address of the system message bus.
 #pragma once
 
 #include <string>
 
 namespace client {
 
-/// DBUS_SYSTEM_BUS_ADDRESS where it is set and the program has no more rights than its caller, else
-/// where the system has its bus.
+/// DBUS_SYSTEM_BUS_ADDRESS if it is set and the program has no more rights than its caller, else
+/// the system's usual address.
 std::string systemBusAddress();
 
 }  // namespace client

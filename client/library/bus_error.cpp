@@ -13,8 +13,8 @@ struct Row {
 
 constexpr std::string_view kPrefix = "org.freedesktop.DBus.Error.";
 
-// TimedOut is the bus's word for a daemon that does not start in time; a call that the daemon did
-// not answer ends with NoReply, and Timeout is the word of the library here.
+// The bus sends TimedOut if the daemon does not start in time, and NoReply if the daemon does not
+// answer a call. Timeout comes from this library.
 constexpr std::array kRows{
     Row{"ServiceUnknown", BusError::kNotRunning},
     Row{"NameHasNoOwner", BusError::kNotRunning},

@@ -1,4 +1,4 @@
-// What the errors of the message bus mean: the one table of their names.
+// The meanings of the errors of the message bus: the one table of their names.
 #pragma once
 
 #include <cerrno>
@@ -7,21 +7,21 @@
 namespace client {
 
 enum class BusError {
-  kNotRunning,   ///< nobody has the daemon's name
+  kNotRunning,   ///< nobody owns the daemon's name
   kCannotStart,  ///< the bus was asked to start the daemon and could not
   kEnded,        ///< the daemon ended before it answered
   kDenied,       ///< the bus does not allow it
-  kTimedOut,     ///< given up by the caller's own clock
+  kTimedOut,     ///< the caller's own time limit is over
   kBusy,         ///< the bus has no room for it
   kLost,         ///< the connection to the bus ended
   kUnknown,      ///< the daemon does not send it
 };
 
-/// What the error `name`, "org.freedesktop.DBus.Error.NoReply", means.
+/// The meaning of the error `name`, such as "org.freedesktop.DBus.Error.NoReply".
 BusError busErrorOf(std::string_view name);
 
-/// Whether connecting failed with this errno value because the bus does not let the user in. A bus
-/// that refuses a user ends the connection without a word, so a connection that ends counts, too.
+/// Whether this errno value of a failed connection means that the bus refuses the user. A bus that
+/// refuses a user just closes the connection, so a closed connection counts, too.
 constexpr bool isDenial(int error) {
   return error == EACCES || error == EPERM || error == ECONNRESET || error == EPIPE ||
          error == ENOTCONN;

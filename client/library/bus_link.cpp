@@ -22,7 +22,7 @@ using base::kObjectPath;
 constexpr const char* kDriver = "org.freedesktop.DBus";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
 
-// No others: the daemon has signals that would wake every client for nothing.
+// Only these signals: the daemon has others that would wake every client for nothing.
 constexpr const char* kClearRule =
     "type='signal',sender='com.zentu.ProxyManagerService',path='/com/zentu/ProxyManagerService',"
     "interface='com.zentu.ProxyManagerServiceInterface',member='notifyClearcache'";
@@ -32,10 +32,10 @@ constexpr const char* kOwnerRule =
     "arg0='com.zentu.ProxyManagerService'";
 constexpr int kRules = 2;
 
-/// No call has a limit of its own on the bus: those who wait for an answer have theirs, and who has
-/// the link knows how long the bus is silent. A timer here would run out while a callback keeps the
-/// thread from reading an answer that came in time. The library's 90 s for the greeting cannot be
-/// turned off, nor the bus's own limit for it.
+/// A call has no time limit of its own: the questions have limits, and the owner of the link
+/// notices a silent bus. A timer here would run out while a callback keeps the thread from reading
+/// an answer that arrived in time. The library's 90 s for the greeting cannot be turned off, nor
+/// the bus's own limit for it.
 constexpr std::uint64_t kNoLimit = UINT64_MAX;
 
 using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
@@ -45,7 +45,7 @@ Outcome badReply() {
                       "its reply has another form");
 }
 
-/// What a reply of getProxyurl comes to: an answer, or how the question ended.
+/// The outcome of a reply of getProxyurl: an answer, or the reason why there is none.
 struct Reply {
   std::optional<ProxyAnswer> answer;
   Outcome outcome;
@@ -59,7 +59,8 @@ Reply read(sd_bus_message* reply) {
   const char* text = nullptr;
   int result = 0;
   while ((result = sd_bus_message_read_basic(reply, 's', &text)) > 0) texts.emplace_back(text);
-  // Not of a text that this library refuses and the bus does not: half an answer is another answer.
+  // A text that the bus carries and this library refuses makes the whole reply invalid, because a
+  // part of an answer is a different answer.
   if (result == -ENOMEM) throw std::bad_alloc();
   if (result < 0 || texts.empty() || !isMode(texts.front())) return {{}, badReply()};
   auto parsed = parseAnswer(texts);
@@ -69,7 +70,7 @@ Reply read(sd_bus_message* reply) {
 
 Reply replyOf(sd_bus_message* reply) {
   if (const auto* const error = sd_bus_message_get_error(reply); error != nullptr) {
-    // The library answers by itself for a bus that is gone.
+    // sd-bus makes this reply itself if the bus is gone.
     if (sd_bus_is_open(sd_bus_message_get_bus(reply)) <= 0) {
       return {{}, failedAnswer(kDisconnected, "")};
     }
@@ -114,8 +115,9 @@ int BusLink::process() {
   return followed < 0 ? followed : 1;
 }
 
-/// Asks to be told of changes, then who has the name: what changes after the answer is told. A
-/// question that is sent behind these comes to the daemon when they hold.
+/// Asks for the signals first and for the owner of the name second, so every change after that
+/// answer is reported. A question that is sent later reaches the daemon when both requests are in
+/// force.
 int BusLink::follow() {
   int result =
       sd_bus_add_match_async(mBus.get(), nullptr, kOwnerRule, onOwnerSignal, onMatch, this);
@@ -218,7 +220,7 @@ Outcome BusLink::outcomeOf(ProxyAnswer answer) const {
   return {PROXYMANAGER_OK, AnswerRef(new proxymanager_answer(std::move(answer))), {}};
 }
 
-/// A bus that takes no rule leaves the link able to ask; its answers are of the moment then.
+/// If the bus refuses a rule, the link can still ask, but its answers are not remembered.
 int BusLink::onMatch(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
   self.mAnswered++;
@@ -229,7 +231,7 @@ int BusLink::onMatch(sd_bus_message* message, void* link, sd_bus_error*) {
 int BusLink::onOwnerReply(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
   self.mAnswered++;
-  // The library answers by itself for a bus that is gone; that says nothing of the daemon.
+  // sd-bus makes this reply itself if the bus is gone; it has no information about the daemon.
   if (sd_bus_is_open(sd_bus_message_get_bus(message)) <= 0) return 1;
   const char* owner = "";
   if (sd_bus_message_is_method_error(message, nullptr) != 0 ||

@@ -1,10 +1,11 @@
-// One connection to the message bus, as the client's thread uses it: asks, follows the daemon's
-// coming and going and its word that answers have changed, and believes the daemon alone.
+// One connection to the message bus, for the client's thread. It sends questions, notices when the
+// daemon starts and ends, receives the daemon's signal that answers have changed, and trusts only
+// the daemon.
 //
-// Nothing here waits, or looks at a clock: the thread polls the descriptor, and gives a bus up that
-// is silent. What ends the connection ends the link, and the client makes another one. The bus
-// keeps nobody from sending a signal to one connection alone, so a signal counts only where its
-// sender has the daemon's name.
+// No function waits or reads a clock: the client's thread polls the descriptor and gives up a
+// silent bus. A link ends with its connection, and the client makes a new link. Any program on the
+// bus can send a signal to a single connection, so a signal counts only if its sender owns the
+// daemon's name.
 #pragma once
 
 #include <poll.h>
@@ -28,7 +29,8 @@ class BusLink {
     void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
   };
 
-  /// A question on its way. Ending it gives its reply up, on the thread of the link alone.
+  /// A question that has been sent. Its destructor gives up the reply; only the thread of the link
+  /// may call it.
   class Asked {
    public:
     bool isSent() const { return mSlot != nullptr; }
@@ -42,14 +44,15 @@ class BusLink {
     std::unique_ptr<sd_bus_slot, SlotCloser> mSlot;
   };
 
-  /// Told from within process(). Throws nothing.
+  /// Called during process(). Throws nothing.
   class Listener {
    public:
-    /// The question may be ended now. `isFromOwner` where who has the daemon's name answered, and
-    /// changes of that would have been heard.
+    /// The question has its reply and may end. `isFromOwner` is true if the owner of the daemon's
+    /// name sent the reply, and the link would have received every change of that owner.
     virtual void replied(Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept = 0;
     virtual void answersChanged() noexcept = 0;
-    /// Somebody, or nobody, has the daemon's name: told when it is first known and when it changes.
+    /// Somebody or nobody owns the daemon's name. Called when this is first known, and at each
+    /// change.
     virtual void ownerChanged(bool isThere) noexcept = 0;
 
    protected:
@@ -67,17 +70,18 @@ class BusLink {
   /// Whether questions can be sent.
   bool isReady() const { return mIsReady; }
 
-  /// Whether the bus has answered all that the link asks of it by itself, be it with an error.
+  /// Whether the bus has answered all requests that the link sends by itself. An error is an
+  /// answer, too.
   bool isSettled() const { return mAnswered == kOwnCalls; }
 
-  /// Takes what has arrived, one message at most. @return above 0 where there may be more, 0 where
-  /// there is none, else a negative errno: the connection is not made, or ended
+  /// Handles one message that has arrived. @return above 0 if there may be more, 0 if there is
+  /// none, else a negative errno: the connection failed or has ended
   int process();
 
   /// Sends a question. @return 0, or an errno
   int send(const std::string& url, Asked& asked);
 
-  /// What to wait for, also until wakeAt().
+  /// The poll events to wait for; the wait ends at wakeAt() at the latest.
   pollfd polled() const;
   std::optional<Clock::time_point> wakeAt() const;
 
@@ -108,7 +112,7 @@ class BusLink {
   bool mIsReady = false;
   int mAnswered = 0;                  ///< how many of its own calls
   int mMatches = 0;                   ///< how many of the rules the bus has taken
-  std::optional<std::string> mOwner;  ///< unique name of the daemon; empty where it does not run
+  std::optional<std::string> mOwner;  ///< unique name of the daemon; empty if it does not run
 };
 
 }  // namespace client::library

@@ -1,4 +1,5 @@
-// What any thread may call. What the client's own thread does is in client_thread.cpp.
+// The functions that any thread may call. The work of the client's own thread is in
+// client_thread.cpp.
 #include "client/library/client.h"
 
 #include <sys/eventfd.h>
@@ -46,8 +47,8 @@ bool Client::belongsHere() const {
   return getpid() == mProcess;
 }
 
-/// What needs no question: an answer that is remembered or given without the daemon, and a URL that
-/// cannot be asked about. Else `asked` becomes the URL to ask about.
+/// Ends a question that needs no call: the answer is remembered or needs no daemon, or the URL is
+/// not valid in a question. Else sets `asked` to the URL to ask about.
 std::optional<Outcome> Client::answerHere(std::string_view url, std::string& asked) {
   if (auto answer = mRemembered.find(url)) return Outcome{PROXYMANAGER_OK, std::move(answer), {}};
   auto canonical = askedUrl(url);
@@ -152,10 +153,10 @@ proxymanager_status Client::mayAsk() {
   return startThread();
 }
 
-/// Puts the one question into the list where the thread finds it. Throws std::bad_alloc; the
-/// question is not asked then.
+/// Puts the question into the list for the client's thread. Throws std::bad_alloc; the question is
+/// not asked then.
 Client::Calls::iterator Client::enqueue(const std::string& asked, Questions& question) {
-  // The answer to what was sent before a change may be of before the change.
+  // The answer to a call that was sent before a change may be from before the change.
   auto call =
       std::find_if(mCalls.begin(), mCalls.end(), [&](const Call& other) PM_REQUIRES(mMutex) {
         return other.url == asked && (!other.isSent() || other.generation == mGeneration);
@@ -182,7 +183,7 @@ void Client::takeBack(Calls::iterator call, const Waiter& waiter) {
   if (call->questions.empty() && !call->isSent()) mCalls.erase(call);
 }
 
-/// All signals are blocked in the thread: they are the program's.
+/// All signals are blocked in the thread, because they belong to the program.
 proxymanager_status Client::startThread() {
   if (mThread) return PROXYMANAGER_OK;
   if (mWakeFd < 0) mWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -200,7 +201,7 @@ proxymanager_status Client::startThread() {
 }
 
 void Client::wake() const {
-  // Fails only where so many wakings wait already that the next would be one too many to count.
+  // Fails only if the counter of the eventfd is full; the thread then wakes anyway.
   constexpr std::uint64_t kOne = 1;
   [[maybe_unused]] const auto written = write(mWakeFd, &kOne, sizeof kOne);
 }

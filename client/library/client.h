@@ -1,15 +1,15 @@
 // A client of the daemon: the questions of many threads, the answers it remembers, and the one
 // thread, "pm-client", that has the connection to the bus.
 //
-// Whoever asks looks at the remembered answers, and mostly is done. Else the question is put where
-// the thread finds it, beside others for the same URL that the daemon has not answered yet: one
-// call on the bus is for all of them. A call that nobody waits for any more stays until its reply,
-// as the bus counts it for so long; a question that is asked again meanwhile finds it.
+// A thread that asks looks at the remembered answers first, and mostly finds one. Else it puts the
+// question into a list for the client's thread. Questions for the same URL share one call on the
+// bus. If nobody waits for a call any more, the call stays in the list until its reply, because the
+// bus counts the call until then. A new question for the same URL then joins that call.
 //
-// Questions that are waited for end by the clock of the thread that waits, whatever the client's
-// thread is at; it looks at the limits of the others.
+// A thread that waits for its question checks the time limit itself, so the limit holds even if the
+// client's thread is busy. The client's thread checks the limits of all other questions.
 //
-// After a fork nothing here may be touched in the child but which process it belongs to.
+// After a fork the child process may read only which process made the client (belongsHere()).
 #pragma once
 
 #include <pthread.h>
@@ -38,12 +38,12 @@ namespace client::library {
 /// The daemon answers one after the other; the further questions wait here.
 inline constexpr std::size_t kMaxCalls = 64;
 
-/// How long the bus may say nothing while a connection is made: it is on this machine, and a silent
-/// one is an error.
+/// How long the bus may send nothing while a connection is made. The bus runs on this machine, so a
+/// silent bus is an error.
 inline constexpr std::chrono::seconds kSilenceLimit{10};
 
-/// How long a lost bus is left alone before a client with a watch looks for it again: first, and
-/// at most, doubled each time.
+/// How long a client with a watch waits before it tries to reach a lost bus again: the first wait,
+/// and the longest. The wait doubles each time.
 inline constexpr std::chrono::milliseconds kFirstPause{500};
 inline constexpr std::chrono::milliseconds kLongestPause{4000};
 
@@ -54,15 +54,15 @@ class Client final : public BusLink::Listener {
   Client(std::string address, unsigned flags);
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
-  /// Only where belongsHere().
+  /// Called only if belongsHere().
   ~Client();
 
   /// Whether this process made the client: a child process that got it through fork() did not. Like
   /// sd-bus, compares process ids and no more.
   bool belongsHere() const;
-  // As the interface says of the functions by these names. Throw std::bad_alloc.
+  // The functions of the interface with these names. They throw std::bad_alloc.
   Outcome get(std::string_view url, std::chrono::milliseconds limit) PM_EXCLUDES(mMutex);
-  /// @param remembered takes the answer where it is remembered; nothing is asked then
+  /// @param remembered receives the answer if it is remembered; no question is asked then
   proxymanager_status ask(std::string_view url, std::chrono::milliseconds limit,
                           proxymanager_answer_callback callback, void* context, proxymanager_id& id,
                           AnswerRef& remembered) PM_EXCLUDES(mMutex);
@@ -83,14 +83,14 @@ class Client final : public BusLink::Listener {
     std::string url;  ///< as the caller gave it
     proxymanager_id id;
     Clock::time_point end;
-    Waiter* waiter;  ///< null where there is a callback
+    Waiter* waiter;  ///< null if there is a callback
     proxymanager_answer_callback callback;
     void* context;
     Outcome outcome;
   };
   using Questions = std::list<Question>;
 
-  /// What is asked of the daemon, for all who want to know it.
+  /// One question to the daemon, for all callers that wait for its answer.
   struct Call : BusLink::Asked {
     std::string url;               ///< canonical
     std::uint64_t generation = 0;  ///< of the answers, when it was sent
@@ -119,7 +119,7 @@ class Client final : public BusLink::Listener {
   void takeBack(Calls::iterator call, const Waiter& waiter) PM_REQUIRES(mMutex);
   void wake() const;
 
-  // The client's thread, or whoever ended it.
+  // The client's thread, or the thread that ended it.
   static void* threadMain(void* client);
   void run();
   bool prepare() PM_EXCLUDES(mMutex);
@@ -149,7 +149,8 @@ class Client final : public BusLink::Listener {
 
   int mWakeFd = -1;  ///< an eventfd; made with the thread and under the mutex, never another
   std::atomic<bool> mIsConnected{false};
-  /// Added to and cleared under the mutex, so that no answer of before a change comes after it.
+  /// Filled and cleared under the mutex, so that no answer from before a change is remembered after
+  /// the change.
   SharedAnswers mRemembered;
 
   Mutex mMutex;
@@ -158,20 +159,20 @@ class Client final : public BusLink::Listener {
   proxymanager_id mLastId PM_GUARDED_BY(mMutex) = 0;
   std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts what made answers wrong
   Calls mCalls PM_GUARDED_BY(mMutex);
-  std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< whose end has not been told
+  std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< whose end has not been reported
   Questions mEnded PM_GUARDED_BY(mMutex);                ///< whose callbacks are to be called
   std::list<Watch> mWatches PM_GUARDED_BY(mMutex);
   proxymanager_id mRunningWatch PM_GUARDED_BY(mMutex) = 0;
   std::condition_variable mWatchReturned;
 
-  // The client's thread alone.
+  // Used only by the client's thread.
   std::optional<BusLink> mLink;
   Clock::time_point mLinkEnd;  ///< when it is given up, unless it is settled by then
   bool mIsOwnerKnown = false;  ///< on this link
   Clock::time_point mRetryAt;
   std::chrono::milliseconds mPause{kFirstPause};
   Presence mPresence = Presence::kUnknown;
-  std::optional<proxymanager_change> mChange;  ///< to be told to the watches
+  std::optional<proxymanager_change> mChange;  ///< which the watches have yet to get
 };
 
 }  // namespace client::library

@@ -1,5 +1,5 @@
-// The functions of the C interface: they look at what they are given, keep exceptions in, and leave
-// the rest to the client.
+// The functions of the C interface. They check their arguments, catch exceptions, and call the
+// client.
 #include <chrono>
 #include <cstddef>
 #include <cstring>
@@ -24,12 +24,12 @@ using client::library::setLastFailure;
 constexpr unsigned kKnownFlags = PROXYMANAGER_NO_START | PROXYMANAGER_ASK_LOCAL |
                                  PROXYMANAGER_WITH_CREDENTIALS | PROXYMANAGER_REFUSE;
 
-/// What `function` gives; a status where it throws.
+/// The result of `function`; a status if it throws.
 template <typename Function>
 proxymanager_status guarded(Function function) noexcept {
   try {
     return function();
-  } catch (const std::exception&) {  // no memory, and what else a lock or a list may lack
+  } catch (const std::exception&) {  // no memory, or a lock or a list failed
     return PROXYMANAGER_NO_MEMORY;
   }
 }
@@ -40,12 +40,12 @@ proxymanager_status check(const proxymanager_client* client, const char* url) {
   return client->client.belongsHere() ? PROXYMANAGER_OK : PROXYMANAGER_FORKED;
 }
 
-/// Of a longer text one byte more than is accepted.
+/// For a text that is too long, one byte more than the limit.
 std::string_view viewOf(const char* url) {
   return {url, strnlen(url, PROXYMANAGER_MAX_URL + std::size_t{1})};
 }
 
-/// Says how a question ended, or that it did not begin.
+/// Records how a question ended, or that it did not begin.
 proxymanager_status told(const Outcome& outcome) noexcept {
   setLastFailure(outcome);
   return outcome.status;
@@ -156,13 +156,13 @@ const char* proxymanager_status_text(proxymanager_status status) {
     case PROXYMANAGER_TOO_SLOW:
       return "no answer in time";
     case PROXYMANAGER_BAD_REPLY:
-      return "what has the daemon's name does not answer as it does";
+      return "the owner of the daemon's name sent a reply that the daemon never sends";
     case PROXYMANAGER_CANCELLED:
       return "cancelled";
     case PROXYMANAGER_BAD_ARGUMENT:
       return "a wrong argument";
     case PROXYMANAGER_NO_MEMORY:
-      return "no memory, descriptor or thread to be had";
+      return "no memory, descriptor or thread is available";
     case PROXYMANAGER_BUSY:
       return "too many questions at once";
     case PROXYMANAGER_FORKED:

@@ -1,5 +1,5 @@
-// What the client's own thread does, in circles: takes a message, calls who is to be called, sends
-// what is to be asked, and sleeps. The rest of the client is in client.cpp.
+// The loop of the client's own thread: it handles a message, runs the callbacks, sends the
+// questions, and sleeps. The rest of the client is in client.cpp.
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,7 +42,7 @@ void Client::run() {
   }
 }
 
-/// Makes ready what the next wait is for. @return false where the client ends
+/// Prepares the next wait. @return false if the client ends
 bool Client::prepare() {
   const auto now = Clock::now();
   bool isAsked = false;
@@ -93,7 +93,7 @@ void Client::connect(Clock::time_point now) {
   }
 }
 
-/// As many as may be under way at once.
+/// Sends questions up to the most calls that may be in progress at once.
 void Client::send() {
   const Lock lock(mMutex);
   auto underWay =
@@ -114,7 +114,8 @@ void Client::send() {
   }
 }
 
-/// Takes one message, so that no flood of them hides the rest. @return whether there may be more
+/// Handles only one message, so that a flood of messages does not delay other work. @return whether
+/// there may be more
 bool Client::handleBus() {
   if (!mLink) return false;
   const auto looked = Clock::now();
@@ -125,7 +126,8 @@ bool Client::handleBus() {
     return false;
   }
   if (mLink->isSettled()) return result > 0;
-  // What keeps this thread busy is not the bus's silence: that had nothing to read at its end.
+  // A busy thread does not count as a silent bus: the bus is silent only if there was nothing to
+  // read at the end of the wait.
   if (result > 0) {
     mLinkEnd = Clock::now() + kSilenceLimit;
   } else if (looked >= mLinkEnd) {
@@ -172,7 +174,7 @@ std::optional<Clock::time_point> Client::wakeAt() {
   return at;
 }
 
-/// Ends them all alike. Those with a callback are left for deliver().
+/// Ends all of them with the same outcome. deliver() later calls the callbacks.
 void Client::complete(Questions& questions, const Outcome& outcome) {
   for (auto asked = questions.begin(); asked != questions.end();) {
     const auto question = asked++;
@@ -186,7 +188,7 @@ void Client::complete(Questions& questions, const Outcome& outcome) {
     --mQuestionCount;
     waiter.outcome = outcome;
     waiter.isEnded = true;
-    waiter.ended.notify_one();  // under the mutex: the waiter goes with it
+    waiter.ended.notify_one();  // under the mutex, because the waiter may end after its release
   }
 }
 
@@ -211,7 +213,7 @@ void Client::deliver() {
   }
 }
 
-/// @param inFlightIsStale whether a call that is under way may be answered as before the change
+/// @param inFlightIsStale whether the reply to a call in progress may be from before the change
 void Client::invalidate(bool inFlightIsStale) {
   const Lock lock(mMutex);
   mRemembered.clear();
@@ -227,8 +229,8 @@ void Client::setPresence(Presence presence) {
   }
 }
 
-/// What was known when a link ended, perhaps long ago, is told to those alone who have looked
-/// again.
+/// The daemon's state from the end of an old link is reported only to watches that have looked for
+/// the bus again.
 void Client::tellNewWatches() {
   if (mPresence == Presence::kUnknown || (mLink && !mIsOwnerKnown)) return;
   tell(mPresence == Presence::kThere ? PROXYMANAGER_DAEMON_CAME : PROXYMANAGER_DAEMON_WENT, true);
@@ -238,8 +240,8 @@ void Client::tellWatches(proxymanager_change change) {
   tell(change, false);
 }
 
-/// Calls the watches that have been told nothing yet, or the others. One that comes meanwhile is
-/// left for the next time.
+/// Calls either the watches that have had no report yet, or the others. A watch that is added
+/// during this call has its turn the next time.
 void Client::tell(proxymanager_change change, bool isFirst) {
   proxymanager_id last = 0;
   std::optional<proxymanager_id> newest;
@@ -267,7 +269,7 @@ void Client::tell(proxymanager_change change, bool isFirst) {
   }
 }
 
-// --- told by the link, on the client's thread ---
+// --- called by the link, on the client's thread ---
 
 void Client::replied(BusLink::Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept {
   auto& call = static_cast<Call&>(asked);
@@ -290,7 +292,8 @@ void Client::answersChanged() noexcept {
 }
 
 void Client::ownerChanged(bool isThere) noexcept {
-  // Until now nobody was there to answer, or nothing has been asked on this link before its owner.
+  // Either nobody could answer until now, or the link has sent no question before it knew the
+  // owner.
   const bool isNews = std::exchange(mIsOwnerKnown, true) && mPresence == Presence::kThere;
   invalidate(isNews);
   mPause = kFirstPause;

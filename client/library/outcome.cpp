@@ -19,8 +19,8 @@ std::shared_ptr<const Detail> detail(int error, std::string_view name, std::stri
   }
 }
 
-/// The last failure of a thread with room for its texts. It has no destructor: for a thread_local
-/// with one the C library ends the process if it has no memory to note it.
+/// The last failure of a thread, with room for its texts. It has no destructor: to register the
+/// destructor of a thread_local, the C library needs memory, and ends the process if there is none.
 struct LastFailure {
   proxymanager_failure failure{PROXYMANAGER_OK, 0, "", ""};
   std::array<char, kMaxBusErrorName + 1> name{};
@@ -88,7 +88,7 @@ Outcome failedSending(int error) noexcept {
   switch (error) {
     case ENOMEM:
       return {PROXYMANAGER_NO_MEMORY, {}, {}};
-    case ENOBUFS:  // what the bus has not taken yet is as much as the library keeps
+    case ENOBUFS:  // the library's queue of unsent messages is full
       return {PROXYMANAGER_BUSY, {}, {}};
     default:
       return failedAnswer(kDisconnected, "");

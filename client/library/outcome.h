@@ -1,4 +1,4 @@
-// How a question ended, and what the bus said of it.
+// How a question ended, and the bus's error text.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@
 
 namespace client::library {
 
-/// Longest name of an error on the bus, in bytes: the bus allows no longer one.
+/// Longest name of an error on the bus, in bytes: the bus allows no longer name.
 inline constexpr std::size_t kMaxBusErrorName = 255;
 
 /// How much of an error's text lastFailure() keeps, in bytes: enough for a log line.
@@ -19,28 +19,28 @@ inline constexpr std::size_t kMaxFailureText = 511;
 
 /// More about a failure than its status.
 struct Detail {
-  int error = 0;     ///< errno of a connection that was not made, or not yet
+  int error = 0;     ///< errno if the connection failed or is not ready yet
   std::string name;  ///< of the bus's error
   std::string text;  ///< of the bus's error, as it came
 };
 
-/// Copied without allocating, so that whatever fails can still be told.
+/// A copy allocates nothing, so that a lack of memory can be reported, too.
 struct Outcome {
   proxymanager_status status = PROXYMANAGER_OK;
   AnswerRef answer;                      ///< null unless the status is PROXYMANAGER_OK
-  std::shared_ptr<const Detail> detail;  ///< null where there is no more to say, or no memory
+  std::shared_ptr<const Detail> detail;  ///< null if there are no details, or no memory
 };
 
 /// The connection ended while a question waited.
 inline constexpr std::string_view kDisconnected = "org.freedesktop.DBus.Error.Disconnected";
 
-/// What an error of the bus says, by its name.
+/// The outcome for an error of the bus, by its name.
 proxymanager_status statusOfError(std::string_view name);
 
-/// What it says that no connection could be made; `error` is an errno.
+/// The outcome if no connection could be made; `error` is an errno.
 proxymanager_status statusOfConnecting(int error);
 
-/// An error of the bus, or of whoever was asked.
+/// An error reply of the bus, or of the program that was asked.
 Outcome failedAnswer(std::string_view name, std::string_view text) noexcept;
 
 /// No connection to the bus; `error` is an errno.
@@ -53,10 +53,10 @@ Outcome tooSlow(bool isConnected) noexcept;
 /// A question that did not leave; `error` is an errno.
 Outcome failedSending(int error) noexcept;
 
-/// Says how the last question of this thread ended, for lastFailure().
+/// Records how the last question of this thread ended, for lastFailure().
 void setLastFailure(const Outcome& outcome) noexcept;
 
-/// As the interface says of proxymanager_last_failure().
+/// The function proxymanager_last_failure() of the interface.
 const proxymanager_failure* lastFailure() noexcept;
 
 }  // namespace client::library

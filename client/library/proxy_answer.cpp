@@ -81,7 +81,7 @@ std::optional<std::uint16_t> portOf(std::string_view text) {
 }
 
 /// Sets host and port from "host", "host:port", "[address]", "[address]:port" or a bare IPv6
-/// address. @return false where `text` is none of that
+/// address. @return false if `text` has none of these forms
 bool setAddress(std::string_view text, ProxyEntry& entry) {
   if (text.find('[') != 0 && isIpv6(std::string(text))) {
     entry.host = '[' + std::string(text) + ']';
@@ -110,8 +110,8 @@ bool setAddress(std::string_view text, ProxyEntry& entry) {
   return port.has_value();
 }
 
-/// Whether `text` may stand before the "@" of a URL. Nothing there ends a word of a shell or moves
-/// a terminal; what else is wrong the proxy will say.
+/// Whether `text` may stand before the "@" of a URL. The accepted characters end no word of a shell
+/// and do not control a terminal. The proxy reports any other mistake.
 bool areCredentials(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) {
     return c > ' ' && c < '\x7F' &&

@@ -1,8 +1,9 @@
-// What the daemon answers for a URL, understood: a pure reading of texts, without bus or command
-// line, for whoever asks the daemon.
+// Parses the daemon's answer for a URL. Pure functions of texts, without bus or command line, for
+// the library and for proxymanagerctl.
 //
-// The daemon hands on what a script or a person wrote. What cannot be a proxy's address is kept as
-// a text, and is of no use: nothing is guessed from it, and nothing of it reaches a program.
+// The daemon passes on what a script or a person wrote. If an entry cannot be the address of a
+// proxy, only its text is kept: nothing is guessed from the text, and no part of it reaches a
+// program.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +19,7 @@ namespace client {
 enum class ProxyKind {
   kDirect,
   kHttp,
-  kHttps,  ///< a proxy that is itself spoken to in TLS
+  kHttps,  ///< the connection to the proxy uses TLS
   kSocks4,
   kSocks4a,
   kSocks5,   ///< names are looked up here
@@ -32,7 +33,7 @@ struct ProxyEntry {
   std::string text;         ///< as the daemon gives it
   std::string credentials;  ///< "user:password" of a URL, still percent-encoded; mostly empty
   std::string host;         ///< a name, an IPv4 address, or an IPv6 one in brackets
-  std::uint16_t port = 0;   ///< in host order; 0 where there is no proxy
+  std::uint16_t port = 0;   ///< in host order; 0 if there is no proxy
 
   bool operator==(const ProxyEntry&) const = default;
 };
@@ -43,16 +44,17 @@ inline constexpr std::size_t kMaxEntries = 64;
 
 struct ProxyAnswer {
   std::string mode;
-  std::vector<ProxyEntry> entries;  ///< in the order to be tried; empty where there is no answer
+  std::vector<ProxyEntry>
+      entries;  ///< in the order in which to try them; empty if there is no answer
 
   bool operator==(const ProxyAnswer&) const = default;
 };
 
 /// Reads one entry of a script: "DIRECT", or a keyword and "host:port". The keywords, in any letter
-/// case, are PROXY and HTTP, HTTPS, SOCKS4, SOCKS5, and SOCKS. SOCKS names no version: version 5 is
-/// taken, which is what runs today, and, as with SOCKS5, with names looked up by the proxy: behind
-/// one the names of the outside are often not known here. Without a port it is the usual one: 80,
-/// 443, and 1080 for SOCKS.
+/// case, are PROXY and HTTP, HTTPS, SOCKS4, SOCKS5, and SOCKS. SOCKS names no version and is read
+/// as version 5, which most proxies use today. With SOCKS and SOCKS5 the proxy looks names up,
+/// because a device behind a proxy often cannot resolve outside names. The port may be missing; the
+/// defaults are 80, 443, and 1080 for SOCKS.
 ProxyEntry parseEntry(std::string_view text);
 
 /// Reads a script's whole answer, entries with ";" between. Empty entries count for nothing.
@@ -70,8 +72,8 @@ bool isMode(std::string_view text);
 
 /// Reads what the daemon returns: the mode, then in modes off and manual one text, which may be
 /// empty, in the others one for each entry, kMaxEntries at most.
-/// @return nothing where the daemon has no service any more, as it is about to end: it says "off"
-/// and no more then; and where there is no text at all
+/// @return nothing if the daemon has no service any more because it is about to end (it then
+/// returns "off" alone), or if there is no text at all
 std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts);
 
 /// "user:password" for the URL of a proxy, percent-encoded; "user" without a password.
@@ -83,13 +85,13 @@ std::string credentialsOf(std::string_view userName, std::string_view password);
 bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
                       std::span<const std::string> hosts);
 
-/// "socks5h://host:1080", with the credentials. Empty where there is no proxy.
+/// "socks5h://host:1080", with the credentials. Empty if there is no proxy.
 std::string proxyUrl(const ProxyEntry& entry);
 
 /// The scheme of that URL, or "direct" or "unusable".
 std::string_view kindName(ProxyKind kind);
 
-/// The first of `entries` that a program can use; null where there is none.
+/// The first of `entries` that a program can use; null if there is none.
 const ProxyEntry* firstUsable(std::span<const ProxyEntry> entries);
 
 }  // namespace client

@@ -16,7 +16,7 @@ void RememberedAnswers::add(std::string_view url, const AnswerRef& answer) {
   std::list<Remembered> added;
   added.push_back({std::string(url), answer});
   mByUrl.emplace(added.front().url, added.begin());
-  mByUse.splice(mByUse.begin(), added);  // a place stays what it is
+  mByUse.splice(mByUse.begin(), added);  // a place keeps its address
   mBytes += bytes;
   while (count() > mMaxAnswers || mBytes > mMaxBytes) forget(std::prev(mByUse.end()));
 }
@@ -28,7 +28,7 @@ void RememberedAnswers::clear() {
 }
 
 std::size_t RememberedAnswers::bytesOf(std::string_view url, const AnswerRef& answer) {
-  // Two pointers of the list, and of the map a bucket, a pointer, a hash and what it maps.
+  // In the list two pointers; in the map a bucket, a pointer, a hash and the entry.
   constexpr std::size_t kPlaces =
       4 * sizeof(void*) + sizeof(std::size_t) + sizeof(decltype(mByUrl)::value_type);
   return sizeof(Remembered) + kPlaces + url.size() + answer->bytes();
@@ -59,7 +59,8 @@ void SharedAnswers::clear() {
   }
 }
 
-/// Cheaper than the hash, which is made inside the lock: URLs differ in their length and their end.
+/// The length and the end of a URL choose the part. This is cheaper than the hash, which is made
+/// inside the lock.
 SharedAnswers::Part& SharedAnswers::partOf(std::string_view url) {
   std::size_t sum = url.size();
   for (std::size_t n = 0; n < 8 && n < url.size(); ++n) {

@@ -1,7 +1,7 @@
 // The answers that a client remembers, by the URL as the caller gave it: a lookup costs no parsing.
 //
-// The answer used longest ago goes first. What makes answers wrong is the owner's business: it
-// forgets all of them at once.
+// When room is needed, the least recently used answer is dropped. If answers become wrong, the
+// owner clears all of them at once.
 #pragma once
 
 #include <array>
@@ -26,11 +26,11 @@ class RememberedAnswers {
   RememberedAnswers(const RememberedAnswers&) = delete;
   RememberedAnswers& operator=(const RememberedAnswers&) = delete;
 
-  /// @return the answer for `url`, which is used by this; null where there is none
+  /// @return the answer for `url`, which then is the most recently used; null if there is none
   AnswerRef find(std::string_view url);
 
-  /// Remembers `answer` for `url`, in place of an earlier one; not where it is larger than all that
-  /// may be kept. Throws std::bad_alloc, with no harm done.
+  /// Remembers `answer` for `url`, in place of an earlier one. Does nothing if `answer` alone is
+  /// larger than maxBytes. Throws std::bad_alloc and then changes nothing.
   void add(std::string_view url, const AnswerRef& answer);
 
   void clear();
@@ -38,7 +38,7 @@ class RememberedAnswers {
   std::size_t count() const { return mByUse.size(); }
   std::size_t bytes() const { return mBytes; }
 
-  /// What a URL with its answer counts for.
+  /// The bytes that a URL with its answer counts as.
   static std::size_t bytesOf(std::string_view url, const AnswerRef& answer);
 
  private:
@@ -57,8 +57,8 @@ class RememberedAnswers {
   std::unordered_map<std::string_view, Place> mByUrl;  ///< the texts are those of mByUse
 };
 
-/// The same for many threads at once: each URL belongs to one of several parts, which have a lock
-/// and a share of the room each.
+/// The same for many threads at once: each URL belongs to one of several parts, and each part has
+/// its own lock and an equal share of the room.
 class SharedAnswers {
  public:
   SharedAnswers() = default;
@@ -73,7 +73,7 @@ class SharedAnswers {
   static constexpr std::size_t kParts = 16;
   /// How many answers there may be in all: the pages that a person has open, with all they load.
   static constexpr std::size_t kMaxAnswers = 512;
-  /// What these may take in all, in bytes. An answer of one entry takes about 600.
+  /// The most bytes of all these answers together. An answer of one entry takes about 600 bytes.
   static constexpr std::size_t kMaxBytes = 512UL * 1024;
 
  private:

@@ -1,7 +1,7 @@
 // c-ares, mapped at the first lookup of a name, for programs that seldom look one up.
 //
 // If the library is missing, ares_init_options() fails with ARES_ENOTINITIALIZED. There is no
-// channel then, and nothing else of it is called but ares_strerror().
+// channel then, and no other function of the library is called except ares_strerror().
 #include <ares.h>
 
 #include <atomic>
@@ -40,14 +40,15 @@ bool findAll(void* library, Functions& found) {
          find(library, "ares_timeout", found.timeOut);
 }
 
-// What ares_init_options() has found; null before, and while the library is missing.
+// The functions that ares_init_options() has found; null before that, and while the library is
+// missing.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace
 
 extern "C" {
 
-// The only one that looks the functions up: who has a channel has them all.
+// Only this function looks the others up: if a channel exists, all functions have been found.
 int ares_init_options(ares_channel* channel, struct ares_options* options, int mask) {
   static on_demand::Library<Functions> library("libcares.so.2", findAll);
   const Functions* const functions = library.functions();
@@ -69,7 +70,7 @@ void ares_destroy(ares_channel channel) {
   found.load()->destroy(channel);
 }
 
-// Also called with null, by owners of nothing.
+// Owners without an object also call this, with null.
 void ares_freeaddrinfo(struct ares_addrinfo* answer) {
   if (answer != nullptr) found.load()->freeAddrInfo(answer);
 }

@@ -20,8 +20,8 @@ namespace pac_engine {
 
 namespace {
 
-// A server that is dead is given up for the next one after half a second. The tries double, so a
-// single server that is merely slow is heard for the whole 2 s that a lookup may take.
+// After half a second without an answer the next server is tried. The times of the tries double, so
+// a single slow server may answer during the whole 2 s of a lookup.
 constexpr int kTryMs = 500;
 constexpr int kTries = 3;
 
@@ -34,7 +34,7 @@ struct Pending {
 
 std::string textOf(const ares_addrinfo_node& node) {
   char text[INET6_ADDRSTRLEN] = "";
-  // Copies, as not every machine may read them where they lie.
+  // The values are copied, because not every machine can read unaligned values.
   if (node.ai_family == AF_INET) {
     sockaddr_in address;
     std::memcpy(&address, node.ai_addr, sizeof address);
@@ -97,7 +97,7 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
   const auto left = std::max(
       std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()),
       std::chrono::microseconds::zero());
-  // Seconds at most: they fit where time_t has 32 bits, too.
+  // A few seconds at most, so they also fit in a time_t of 32 bits.
   timeval longest{static_cast<std::time_t>(left.count() / 1'000'000),
                   static_cast<suseconds_t>(left.count() % 1'000'000)};
   timeval chosen{};
@@ -112,7 +112,7 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
     ares_process_fd(channel, readable ? entry.fd : ARES_SOCKET_BAD,
                     writable ? entry.fd : ARES_SOCKET_BAD);
   }
-  // Runs the timers also where no socket had anything.
+  // Runs the timers even if no socket has data.
   ares_process_fd(channel, ARES_SOCKET_BAD, ARES_SOCKET_BAD);
   return true;
 }
@@ -168,10 +168,10 @@ LookupResult DnsResolver::lookUp(const std::string& name, pac_engine::AddressFam
   while (!pending.done && asked && std::chrono::steady_clock::now() < deadline) {
     asked = waitOnce(channel, deadline, watched);
   }
-  // Calls back at once, so that nothing refers to `pending` when it goes.
+  // This calls all callbacks at once, so that none refers to `pending` after its end.
   if (!pending.done) {
     ares_cancel(channel);
-    // Half an answer, of one family, is none: the lookup took too long.
+    // An answer for only one of the two families counts as no answer: the lookup took too long.
     pending.result = {};
     pending.result.end = LookupEnd::kTooLate;
   }

@@ -1,19 +1,19 @@
-// Notices that a file of the device's configuration is another one than before.
+// Notices that a file of the device's configuration has changed.
 #pragma once
 
 #include <string>
 
 namespace pac_engine {
 
-/// One file, looked at by its path with one system call; links are followed. Not for use by two
+/// One file. A look is one system call with the file's path; links are followed. Not for use by two
 /// threads at once.
 class FileChange {
  public:
   explicit FileChange(std::string path);
 
-  /// Whether the file has been replaced, written, made or removed since the last call, as its
-  /// device, inode, size and time of change tell (the last cannot be set back, as a copy that keeps
-  /// its times does with the time of modification). The first call returns false.
+  /// Whether the file has been replaced, written, made or removed since the last call. Compares
+  /// device, inode, size and time of change (ctime); no program can set the ctime back, while a
+  /// copy may keep an old mtime. The first call returns false.
   bool changedSinceLastLook();
 
  private:

@@ -20,7 +20,8 @@ bool findAll(void* library, Functions& found) {
   return find(library, "idn2_to_ascii_8z", found.toAscii) && find(library, "idn2_free", found.free);
 }
 
-// What idn2_to_ascii_8z() has found; null before, and while the library is missing.
+// The functions that idn2_to_ascii_8z() has found; null before that, and while the library is
+// missing.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace
@@ -35,7 +36,7 @@ int idn2_to_ascii_8z(const char* name, char** ascii, int flags) {
   return functions->toAscii(name, ascii, flags);
 }
 
-// Also called with null, by owners of nothing.
+// Owners without an object also call this, with null.
 void idn2_free(void* text) {
   if (text != nullptr) found.load()->free(text);
 }

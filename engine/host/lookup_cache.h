@@ -25,8 +25,8 @@ class LookupCache {
   using Key = std::pair<std::string, pac_engine::AddressFamily>;
   using Addresses = std::vector<std::string>;
 
-  /// What is known of `key` at `now`: addresses, or none for a failure; nothing if nothing is
-  /// known.
+  /// The stored lookup of `key` at the time `now`: the addresses, or an empty list for a failure;
+  /// no value if the lookup is not stored.
   std::optional<Addresses> find(const Key& key, Clock::time_point now) const;
 
   /// Keeps `addresses` for `lifetime` of 60 s at most, or a failure (no addresses) for 5 s, and

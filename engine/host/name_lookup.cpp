@@ -38,7 +38,8 @@ std::optional<std::string> asciiName(std::string_view name) {
   std::string ascii(name);
   if (!base::isAscii(name)) {
     char* raw = nullptr;
-    // As browsers do: case and width mapped, deviations such as sharp s as in the current standard.
+    // The same mapping as in browsers: letter case and width are mapped; special letters such as
+    // sharp s follow the current standard.
     const int status = idn2_to_ascii_8z(ascii.c_str(), &raw, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
     const IdnText owned(raw, &idn2_free);
     if (status != IDN2_OK || ascii.find('\0') != std::string::npos) return std::nullopt;
@@ -97,7 +98,7 @@ std::vector<std::string> NameLookup::query(const LookupCache::Key& key, Deadline
                                            int watched) {
   const auto limit = std::chrono::steady_clock::now() + kLookupLimit;
   auto result = mResolver.lookUp(key.first, key.second, std::min(limit, deadline), watched);
-  // One that had less than its 2 s, or whose caller went away, proves nothing about the name.
+  // A lookup that had less than its 2 s, or whose caller has ended, proves nothing about the name.
   const bool cutShort = result.end == LookupEnd::kTooLate && deadline < limit;
   if (!cutShort && result.end != LookupEnd::kAbandoned) {
     mCache.store(key, result.addresses, result.lifetime, LookupCache::Clock::now());

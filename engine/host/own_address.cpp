@@ -18,8 +18,8 @@ namespace {
 
 using IfAddrs = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 
-// An address of the block kept for documentation (RFC 5737): no network of its own has it, so the
-// default route is asked. Connecting a UDP socket looks the route up and sends nothing.
+// An address of the block for documentation (RFC 5737). No local network has such an address, so
+// the default route is asked. Connecting a UDP socket looks the route up and sends nothing.
 constexpr std::uint32_t kOutside = 0xC0000201;  // 192.0.2.1
 constexpr std::uint16_t kAnyPort = 9;           // discard; a port is needed, none is contacted
 
@@ -46,7 +46,8 @@ std::string routeSource() {
   return textOf(AF_INET, &address.sin_addr);
 }
 
-/// The address as its family has it: a copy, as not every machine may read it where it lies.
+/// The address in the structure of its family. It is a copy, because not every machine can read
+/// unaligned values.
 template <typename Address>
 Address as(const sockaddr* generic) {
   Address address;

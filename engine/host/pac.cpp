@@ -1,5 +1,5 @@
-// The five functions of pac.h: a thin face of C over Engine, the queue of pac_find_proxy, and the
-// place where exceptions end.
+// The five functions of pac.h: a thin C interface over Engine, with the queue of pac_find_proxy. No
+// exception passes out of it.
 #include "engine/pac.h"
 
 #include <cstring>
@@ -102,7 +102,8 @@ void pac_find_proxy_sync_n(pac* engine, const char* url, const char* host, char*
 
 void pac_run_callbacks(pac* engine) {
   if (engine == nullptr) return;
-  // What a callback queues has woken the caller again and is for its next round.
+  // A question that a callback queues has already woken the caller again, and belongs to the next
+  // round.
   for (auto left = engine->queue.size(); left > 0; --left) {
     guarded("pac_run_callbacks", [&] {
       auto question = std::move(engine->queue.front());

@@ -81,7 +81,8 @@ void Engine::Impl::discard(const char* why) {
   logLine(LOG_WARNING, "pac_engine: worker %d %s (%s)", pid, why, how.c_str());
 }
 
-/// Behind its walls a worker cannot read the zone again: a device that has moved needs a new one.
+/// Behind its walls a worker cannot read the zone again. So a device whose zone has changed needs a
+/// new worker.
 void Engine::Impl::followZone() {
   if (!zone.changedSinceLastLook() || !worker || !options.zone.empty()) return;
   logLine(LOG_DEBUG, "pac_engine: the device's zone has changed, worker %d is replaced",
@@ -120,7 +121,8 @@ Reply Engine::Impl::ask(std::string_view url, std::string_view host, Deadline de
   try {
     return askWorker(url, host, deadline);
   } catch (...) {
-    // No memory. A worker that is left in the middle of a question would cost the next one too.
+    // No memory. A worker that is left in the middle of a question would spoil the next question,
+    // too.
     worker.reset();
     throw;
   }
@@ -133,7 +135,7 @@ Reply Engine::Impl::askWorker(std::string_view url, std::string_view host, Deadl
   const auto question = encode(FromLibrary(Evaluate{++serial, url, host}));
   worker->follow();
   if (!worker->channel().send(question)) {
-    // It ended since the last answer, which is nothing that this question could have caused.
+    // The worker ended after the last answer, so this question did not cause it.
     discard("has ended and is started again");
     if (!start(deadline, reply.problem)) return reply;
     worker->channel().send(question);
@@ -204,7 +206,8 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
       return message;
     }
     if (!*served) return fail("does not read its answers");
-    // One that never stops asking is never late for the next message.
+    // A worker that asks without end sends each message in time, so the whole task has a deadline,
+    // too.
     if (std::chrono::steady_clock::now() >= deadline + kKillGrace)
       return fail("did not answer in time");
   }
@@ -221,10 +224,10 @@ Receipt Engine::Impl::receive(Deadline end) {
   return channel.receive(end);
 }
 
-/// Between two questions nobody watches the worker; one that a script controls could spend
-/// all CPU time of the device. So the kernel has a limit that the waiting worker cannot reach. It
-/// is renewed only after as much work as could bring an honest worker near it: a short question
-/// pays for one look at the clock.
+/// Between two questions nobody watches the worker. A worker that a script controls could then use
+/// all CPU time of the device. So the kernel enforces a limit that a waiting worker does not reach.
+/// The limit is renewed only after enough work to bring an honest worker near it, so a short
+/// question costs one look at the clock.
 void Engine::Impl::finishWork(Deadline begun) {
   worked += std::chrono::steady_clock::now() - begun;
   if (worked < kShortWork) return;

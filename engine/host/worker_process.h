@@ -22,15 +22,15 @@ namespace pac_engine {
 /// if there is no memory or no descriptor for it.
 UniqueFd sealedScript(std::string_view bytes);
 
-/// Where the program of `role` is: `proxymanager-pac-worker` or `proxymanager-workbench` in the
-/// libexec folder beside the folder of the running program, else the place where the build installs
-/// it.
+/// The path of the program for `role`: `proxymanager-pac-worker` or `proxymanager-workbench` in the
+/// libexec folder beside the folder of the running program. If it is not there, the path at which
+/// the build installs it.
 std::string workerProgram(WorkerRole role = WorkerRole::kAnswers);
 
 class WorkerProcess {
  public:
   /// Starts `program` with `script`; `zone` is its TZ if it is not empty.
-  /// @param problem receives why there is none
+  /// @param problem receives the reason if there is no process
   /// @return the process, or null
   static std::unique_ptr<WorkerProcess> start(const std::string& program, WorkerRole role,
                                               const UniqueFd& script, const std::string& zone,
@@ -43,18 +43,18 @@ class WorkerProcess {
   Channel& channel() { return mChannel; }
   pid_t pid() const { return mPid; }
 
-  /// Binds the process to the CPU that the calling thread is on. The caller sleeps until it has
-  /// the answer, so sharing one CPU costs nothing, and handing over on it takes a fifth of the time
-  /// that waking another, sleeping CPU does; spinning instead would burn power on both. If the
-  /// kernel does not allow it nothing changes.
+  /// Binds the process to the CPU that the calling thread is on. The caller sleeps until it has the
+  /// answer, so sharing one CPU costs nothing. A switch on the same CPU takes a fifth of the time
+  /// that waking another, sleeping CPU takes. Busy waiting would burn power on both CPUs. If the
+  /// kernel does not allow the binding, nothing changes.
   void follow();
 
-  /// Has the kernel end the process, by SIGXCPU, when it spends `more` of CPU time beyond what it
-  /// has spent until now. Nothing changes if the kernel does not allow it.
+  /// Lets the kernel end the process with SIGXCPU after it has used `more` CPU time from now on.
+  /// Nothing changes if the kernel does not allow it.
   void limitCpu(std::chrono::seconds more);
 
-  /// Kills the process unless it has ended and waits for it, 1 s at most. One that lives on is
-  /// waited for by a later start or end.
+  /// Kills the process unless it has ended and waits for it, 1 s at most. If it lives on, a later
+  /// start or end waits for it.
   /// @return how it ended, for the log
   std::string end();
 

@@ -1,4 +1,4 @@
-// Which addresses a name lookup gives.
+// The families of addresses that a name lookup can return.
 #pragma once
 
 #include <cstdint>

@@ -33,7 +33,7 @@ bool waitReadable(int socket, Deadline deadline) {
 
 }  // namespace
 
-// The buffer is left as it comes: pages that no message reaches are never touched.
+// The buffer is not initialised, so pages that no message reaches are never touched.
 Channel::Channel(UniqueFd socket)
     : mSocket(std::move(socket)), mBuffer(std::make_unique_for_overwrite<char[]>(kBufferBytes)) {}
 

@@ -37,8 +37,8 @@ class Channel {
   /// Waits for one message until `deadline`, without one for as long as the other end lives.
   Receipt receive(std::optional<Deadline> deadline = std::nullopt);
 
-  /// The message received last, until the next receive(). One that is longer than any may be is cut
-  /// to a size that no decoder takes.
+  /// The last received message, valid until the next receive(). A message past the longest length
+  /// is cut to a size that every decoder refuses.
   std::string_view message() const { return {mBuffer.get(), mLength}; }
 
   /// Ends the conversation: the other end finds the socket closed.

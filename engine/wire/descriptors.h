@@ -1,4 +1,4 @@
-// With what the script worker is started.
+// The descriptors and the variable with which the script worker is started.
 #pragma once
 
 namespace pac_engine {

@@ -4,7 +4,7 @@
 // in the machine's own byte order, texts behind their 32-bit length. Both ends run on one machine
 // and come from one build, so there is no version. Each end treats the other as hostile: a decoder
 // takes a message only if every length, every enumerator and the total size are right, and nothing
-// is left over. The two ends of the conversation check which kind may come when.
+// is left over. Both ends also check that each kind of message arrives only when it may.
 //
 //   library                              worker
 //   Start                            ->
@@ -37,15 +37,15 @@ inline constexpr std::size_t kMaxCommandBytes = 64;           ///< name of a com
 inline constexpr std::size_t kMaxArgumentBytes = 32U << 10U;  ///< what a command is given
 inline constexpr std::size_t kMaxReportBytes = 64U << 10U;    ///< one piece of a report
 inline constexpr std::size_t kMaxProblemBytes = 512;          ///< why there is no answer
-/// A name to look up, as UTF-8. Its ASCII form has 253 bytes at most, of labels that an encoding of
-/// the same name in UTF-8 never exceeds fourfold.
+/// A name to look up, as UTF-8. The ASCII form of a name has 253 bytes at most, and its UTF-8 form
+/// is at most four times as long.
 inline constexpr std::size_t kMaxNameBytes = 1U << 10U;
 inline constexpr std::size_t kMaxAddresses = 64;     ///< of one name or of this device
 inline constexpr std::size_t kMaxAddressBytes = 45;  ///< longest text of an IPv6 address
 /// Longest message: a result with its kind, serial and length.
 inline constexpr std::size_t kMaxMessageBytes = kMaxResultBytes + 64;
 
-/// Text fields are views into the message that was decoded, or into what the sender gives.
+/// Text fields are views into the decoded message, or into the sender's texts.
 
 /// First message of the library: load the script.
 struct Start {
@@ -59,8 +59,8 @@ struct Evaluate {
   std::string_view host;
 };
 
-/// What the workbench is to do with its script. Only `proxymanager-workbench` takes it; the worker
-/// that answers questions ends, as at any message out of turn.
+/// A command for the workbench. Only `proxymanager-workbench` accepts it; the daemon's worker ends,
+/// as at any unexpected message.
 struct Command {
   std::uint32_t serial = 0;
   std::string_view name;
@@ -94,7 +94,7 @@ struct Alert {
   std::string_view text;
 };
 
-/// A piece of what a command gives; the pieces in order are the whole.
+/// A piece of the report of a command. All pieces in order are the whole report.
 struct Report {
   std::string_view text;
 };

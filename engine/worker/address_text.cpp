@@ -18,7 +18,7 @@ std::string_view trimmed(std::string_view text) {
   return text.substr(first, text.find_last_not_of(kWhiteSpace) - first + 1);
 }
 
-// Digits of `base` and nothing else; what does not fit below `limit` is no number.
+// A number that consists only of digits of `base` and is below `limit`.
 std::optional<std::uint64_t> numberBelow(std::uint64_t limit, std::string_view digits, int base) {
   std::uint64_t value = 0;
   const char* const end = digits.data() + digits.size();

@@ -1,4 +1,4 @@
-// IP addresses as scripts write them.
+// Parses and formats IP addresses in the forms that scripts use.
 #pragma once
 
 #include <array>

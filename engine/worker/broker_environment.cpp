@@ -60,7 +60,7 @@ std::vector<std::string> BrokerEnvironment::ownAddresses(AddressFamily family) {
 }
 
 void BrokerEnvironment::alert(std::string_view text) {
-  // What one evaluation may log in all is counted by the library.
+  // The library counts how much one evaluation logs.
   sendOrEnd(mChannel, pac_engine::Alert{base::utf8Head(text, pac_engine::kMaxAlertBytes)});
 }
 

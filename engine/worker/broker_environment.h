@@ -1,5 +1,5 @@
-// The device as a script in the worker sees it: clock and zone are the worker's own, for everything
-// else it asks the library through the socket.
+// The device as a script in the worker sees it. Clock and zone are the worker's own; for everything
+// else the worker asks the library through the socket.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ class BrokerEnvironment : public PacEnvironment {
   /// Stops the clock at `seconds` since 1970.
   void stopClock(std::int64_t seconds) { mStopped = seconds; }
 
-  /// Begins an evaluation: what was answered before is asked again.
+  /// Begins an evaluation: earlier answers are forgotten.
   void begin();
 
   std::vector<std::string> resolve(std::string_view name, AddressFamily family) override;
@@ -46,7 +46,7 @@ class BrokerEnvironment : public PacEnvironment {
   std::map<AddressFamily, Texts> mOwn;
 };
 
-/// Sends `message`, or ends the process if nobody takes it.
+/// Sends `message`, or ends the process if the other end is closed.
 void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& message);
 
 /// Waits for the next message, or ends the process: quietly if the socket is closed.

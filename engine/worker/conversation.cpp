@@ -82,7 +82,7 @@ void Conversation::answer() {
   }
   const auto* const question = std::get_if<pac_engine::Evaluate>(&message);
   if (question == nullptr) endWorker(kExitBroken);
-  // The texts lie in the channel's buffer, which the first lookup of the script overwrites.
+  // The texts are in the channel's buffer, which the first lookup of the script overwrites.
   const auto serial = question->serial;
   const std::string url(question->url);
   const std::string host(question->host);

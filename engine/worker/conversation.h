@@ -13,12 +13,12 @@
 
 namespace pac_worker {
 
-/// What the workbench adds to a conversation.
+/// The additions of the workbench to a conversation.
 class Extension : public Preparation {
  public:
   /// The environment that the script gets instead of `device`, which outlives this object.
   virtual PacEnvironment& around(PacEnvironment& device) = 0;
-  /// Does a command of the library. @return the report, or why there is none
+  /// Executes a command of the library. @return the report, or the reason why there is none
   virtual Reply report(std::string_view command, std::string_view argument) = 0;
 };
 

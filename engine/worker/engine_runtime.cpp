@@ -94,9 +94,9 @@ void* EngineRuntime::reallocate(void* owner, void* block, std::size_t size) {
   return moved;
 }
 
-// What a PAC script has in a browser: the language and nothing of a host. JS_NewContext() would add
-// the clock `performance`, `atob`, `btoa` and `DOMException`; modules, timers and files are in the
-// engine's other library, which is not linked.
+// The globals of a PAC script in a browser: those of the language, and none of a host.
+// JS_NewContext() would add the clock `performance`, `atob`, `btoa` and `DOMException`; modules,
+// timers and files are in the engine's other library, which is not linked.
 EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
   OwnedContext context(JS_NewContextRaw(runtime));
   if (!context) return nullptr;
@@ -107,7 +107,7 @@ EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
                                                 JS_AddIntrinsicTypedArrays, JS_AddIntrinsicWeakRef};
   for (const auto add : kIntrinsics)
     if (add(context.get()) != 0) return nullptr;
-  // A global function of the engine, but of a host in a browser.
+  // A global function of the engine; in a browser the host provides it.
   constexpr const char* kHostNames[] = {"queueMicrotask", "InternalError"};
   const Value global(context.get(), JS_GetGlobalObject(context.get()));
   for (const char* const name : kHostNames) {
@@ -165,7 +165,7 @@ void EngineRuntime::begin() {
 void EngineRuntime::runJobs() {
   for (int i = 0; i < kMostJobs && JS_IsJobPending(mRuntime.get()) && !timeIsUp(); ++i) {
     JSContext* context = nullptr;
-    // What a job throws goes nowhere, as an unhandled rejection.
+    // An exception of a job is dropped, like an unhandled rejection.
     if (JS_ExecutePendingJob(mRuntime.get(), &context) < 0)
       JS_FreeValue(mContext.get(), JS_GetException(mContext.get()));
   }

@@ -78,26 +78,27 @@ class EngineRuntime {
   /// Runs the jobs that promises have queued, in order, kMostJobs at most: enough for every sane
   /// script, and a chain of jobs without end costs a bounded share of each evaluation.
   void runJobs();
-  /// Counts bytes that are gone through outside the engine's loops.
+  /// Counts bytes that are processed outside the engine's loops.
   void countWork(std::size_t bytes) { mBytesOfWork += bytes; }
-  /// True, and the count begins again, if so many were counted that the clock should be read.
+  /// Returns true if so many bytes were counted that the clock should be read; the count then
+  /// begins again.
   bool hasWorkedLong();
   /// True if the time limit was passed since begin(), whether or not the script noticed.
   bool timeIsUp();
   /// True if the heap limit was passed since begin(). The script is then interrupted like one
   /// whose time is up.
   [[nodiscard]] bool memoryWasRefused() const { return mMemoryRefused; }
-  /// Bytes that cannot be freed. Collects garbage.
+  /// Collects garbage, and returns the bytes that are still in use.
   std::size_t bytesInUse();
 
   [[nodiscard]] PacEnvironment& environment() const { return mEnvironment; }
-  /// Logs as much of an alert's text as this evaluation may still log.
+  /// Logs an alert's text, cut to what this evaluation may still log.
   void alert(std::string_view text);
 
   /// The getter of an error's stack trace; it runs no code of the script.
   [[nodiscard]] JSValueConst errorStack() const { return mErrorStack; }
-  /// What helpers.js evaluates to, once a helper has needed it; undefined before. Owned by the
-  /// runtime.
+  /// The value of helpers.js, which is evaluated when a helper first needs it; undefined before
+  /// that. Owned by the runtime.
   [[nodiscard]] JSValue& generalHelpers() { return mGeneralHelpers; }
 
  private:
@@ -110,9 +111,9 @@ class EngineRuntime {
 
   using OwnedContext = std::unique_ptr<JSContext, ContextDeleter>;
 
-  /// Takes hold of what the script may replace later.
+  /// Keeps the built-in functions that the script may replace later.
   void keepIntrinsics();
-  /// A context with the language alone; null if the heap limit is too low for it.
+  /// A context with only the language; null if the heap limit is too low for it.
   static OwnedContext languageContext(JSRuntime* runtime);
 
   static const JSMallocFunctions kHeapFunctions;
@@ -123,14 +124,14 @@ class EngineRuntime {
   static int interrupt(JSRuntime* runtime, void* self);
   /// Whether a block may be allocated while `others` bytes are allocated already.
   bool grants(std::size_t others, std::size_t size);
-  /// True if the time limit was passed long ago, as seen from the heap.
+  /// True if the time limit was passed so long ago that the heap refuses large blocks.
   bool isStarved(std::size_t size);
 
   PacEnvironment& mEnvironment;
   const ScriptLimits mLimits;
   std::size_t mBytes = 0;  ///< handed out to the engine, the allocator's overhead included
   bool mMemoryRefused = false;
-  std::size_t mReserve = 0;  ///< bytes past the heap limit, for small blocks alone
+  std::size_t mReserve = 0;  ///< bytes past the heap limit, only for small blocks
   bool mTimeIsUp = false;
   bool mStarving = false;
   std::size_t mBytesSinceLook = 0;

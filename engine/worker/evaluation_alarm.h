@@ -1,4 +1,4 @@
-// A time limit that no script can pass.
+// A time limit that also ends scripts that the engine cannot stop.
 #pragma once
 
 #include <sys/time.h>
@@ -8,9 +8,9 @@
 
 namespace pac_worker {
 
-/// Ends the process should a load or an evaluation outlast the library that waits for it: some
-/// scripts never come back to where the engine looks at the clock, and the library's own wall,
-/// which stands before this one, falls with the library.
+/// Ends the process if a load or an evaluation continues after the library has ended. Some scripts
+/// never return to a point at which the engine reads the clock. Normally the library kills such a
+/// worker, but not if the library's process has ended itself.
 class EvaluationAlarm {
  public:
   explicit EvaluationAlarm(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }

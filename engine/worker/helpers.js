@@ -149,8 +149,8 @@
     }
   },
 
-  // What the setter of this name does. The engine's own setters look up the zone's offset at the
-  // wrong moment, so they are an hour off for some hours around each change of summer time.
+  // The work of the setter with this name. The engine's own setters look up the zone's offset at the wrong
+  // moment, so they are an hour off for some hours around each change of summer time.
   set(moment, part, value) {
     const minute = 60000;
     const day = 24 * 60 * minute;
@@ -159,7 +159,8 @@
       return moment.getTimezoneOffset() * minute;
     };
     const shown = new moment.constructor(moment - moment.getTimezoneOffset() * minute);
-    // Its result, as the engine leaves a date unchanged that should become invalid.
+    // The result of the setter is used, because the engine leaves a date unchanged that should become
+    // invalid.
     const wall = shown['setUTC' + part](value);
     const before = offsetAt(wall - day);
     const after = offsetAt(wall + day);

@@ -16,7 +16,7 @@ int main() {
   const auto script = pac_worker::mappedScript();
   if (!script) pac_worker::refuse(channel, "the script cannot be mapped");
   if (const auto problem = pac_worker::enterSandbox(channel.fd())) {
-    pac_worker::refuse(channel, "the sandbox cannot be had: " + *problem);
+    pac_worker::refuse(channel, "the sandbox cannot be set up: " + *problem);
   }
   pac_worker::Conversation conversation(channel);
   conversation.load(*script);

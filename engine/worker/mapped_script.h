@@ -1,4 +1,4 @@
-// The script as the worker is given it.
+// The script that the worker receives.
 #pragma once
 
 #include <optional>
@@ -7,7 +7,7 @@
 namespace pac_worker {
 
 /// Maps the script's memory file without reading a byte, and closes its descriptor.
-/// @return the bytes, until unmap(); nothing if they cannot be mapped
+/// @return the bytes, valid until unmap(); no value if they cannot be mapped
 std::optional<std::string_view> mappedScript();
 
 void unmap(std::string_view script);

@@ -1,8 +1,8 @@
-// What the helpers of a script may ask about the device.
+// The questions about the device that the helpers of a script may ask.
 //
-// The worker has no network, no files and no clock of its own to trust in tests, so everything that
-// is not pure text work comes through this one interface: in the worker it is answered over the
-// socket by the library, in tests by what the test injects.
+// The worker has no network and no files, and tests need a fixed clock. So everything except pure
+// text work goes through this one interface. In the worker the library answers over the socket; in
+// tests the test's own object answers.
 #pragma once
 
 #include <cstdint>

@@ -16,10 +16,10 @@
 
 namespace pac_worker {
 
-/// What getClientVersion() returns.
+/// The result of getClientVersion().
 inline constexpr std::string_view kClientVersion = "1.0";
 
-/// What myIpAddress() and myIpAddressEx() return if the device has no address.
+/// The result of myIpAddress() and myIpAddressEx() if the device has no address.
 inline constexpr std::string_view kLoopbackAddress = "127.0.0.1";
 
 /// Longest name that is looked up: an ASCII name has 253 bytes at most, an international one at

@@ -28,7 +28,7 @@ Failure limitResources([[maybe_unused]] const MemoryWalls& memory) {
     {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"},
     {RLIMIT_NPROC, 0, "RLIMIT_NPROC"},
     {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
-#if !PROXYMANAGER_SANITIZED  // which map far more, and look at memory through pipes
+#if !PROXYMANAGER_SANITIZED  // which map far more memory, and check addresses through pipes
     {RLIMIT_AS, memory.addressSpaceBytes, "RLIMIT_AS"},
     {RLIMIT_NOFILE, 0, "RLIMIT_NOFILE"},
 #endif
@@ -54,7 +54,7 @@ void allowMessages(sandbox::SystemCalls& list, int socket) {
   const auto noAddress = equals(4, 0);
   const auto noFlags = isInt(3, 0);
   const auto noSignal = isInt(3, MSG_NOSIGNAL);
-  // recv and send are what 32-bit machines have instead.
+  // 32-bit machines use recv and send instead.
   list.allow(SCMP_SYS(recvfrom), {theSocket, noFlags, noAddress})
       .allow(SCMP_SYS(sendto), {theSocket, noSignal, noAddress})
       .allow(SCMP_SYS(recv), {theSocket, noFlags})
@@ -94,9 +94,9 @@ Failure allowOnlyWhatAnEngineNeeds(int socket) {
   allowMessages(list, socket);
   allowMemory(list);
   allowClocks(list);
-  // The alarm that ends a script which nothing else can, should the library be gone.
+  // The alarm that ends a script if nothing else can and the library has ended.
   list.allow(SCMP_SYS(setitimer), {isInt(0, ITIMER_REAL), equals(2, 0)});
-  // What the C++ runtime does around a thrown exception: pthread_once wakes a thread that may wait
+  // The C++ runtime needs these calls for an exception: pthread_once wakes a thread that may wait
   // for it.
   list.allow(SCMP_SYS(futex), {masked(1, kFutexCommand, FUTEX_WAKE)});
   list.allow(SCMP_SYS(restart_syscall)).allow(SCMP_SYS(exit_group));
@@ -114,7 +114,8 @@ Failure allowOnlyWhatAnEngineNeeds(int) {
 }  // namespace
 
 void loadZone() {
-  // Named by its file, the zone is not looked for again at each conversion; stat is forbidden then.
+  // With ":FILE" in TZ the C library does not check the zone's file again at each conversion. That
+  // check needs stat, which the walls forbid.
   setenv("TZ", ":/etc/localtime", 0);
   tzset();
 }

@@ -1,10 +1,13 @@
-// The walls around the script worker, raised before it reads the first byte of a script.
+// The walls of the script worker (and of the workbench), and of no other program; sandbox/walls.h
+// has the functions that every child process shares. The list of system calls is in sandbox.cpp.
+// The process raises the walls before it reads the first byte of a script.
 //
-// What a script that breaks the engine finds: no new privileges, the user nobody if root started
-// the worker, no capability, an empty network namespace if the kernel gives one, no memory beyond
-// its share, no new file, process or core dump, no debugger, and a list of the few system calls
-// that a running engine needs; any other kills the process. The list is the wall that counts; the
-// others stand behind it. If memory runs out, the kernel ends the worker before its starter.
+// A script that takes the engine over finds these walls: no new privileges; the user nobody if root
+// started the worker; no capability; an empty network namespace if the kernel gives one; a limit
+// for memory; no new file, process or core dump; no debugger; a list of the few system calls that a
+// running engine needs. Any other call kills the process. The list is the most important wall; the
+// others are a second line. If memory runs out, the kernel ends the worker before the program that
+// started it.
 #pragma once
 
 #include <optional>
@@ -17,7 +20,7 @@ namespace pac_worker {
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
 
-/// What a worker may have of memory; a program with an engine of other limits names its own.
+/// The memory limits of a worker. A program whose engine has other limits passes its own.
 struct MemoryWalls {
   unsigned long addressSpaceBytes = kAddressSpaceBytes;
   unsigned long stackBytes = kStackBytes;

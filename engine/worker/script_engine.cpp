@@ -1,12 +1,11 @@
-// A script is loaded into a runtime of its own, which the script may fill and misuse as it likes:
-// the worst it can do is to lose its own state. If it has passed the heap limit and still holds
-// most of the heap, the next evaluation begins with a fresh runtime and the script is loaded again.
+// Each script has its own runtime. A script that fills or misuses its runtime harms only its own
+// state. If it has passed the heap limit and still holds most of the heap, the next evaluation
+// begins with a fresh runtime and the script is loaded again.
 //
-// What cannot be done from within is left to the wall outside, which kills the worker. Nothing
-// looks at the clock while one built-in function walks an object that only claims a giant length
-// (indexOf or join of {length: 2 ** 50}) or searches a giant string over and over; and an async
-// function or a promise's executor turns the interrupt into a rejection, so that a loop around one
-// goes on.
+// Some scripts can be stopped only from outside: the library kills the worker. Nothing looks at the
+// clock while one built-in function walks an object that only claims a giant length (indexOf or
+// join of {length: 2 ** 50}) or searches a giant string over and over; and an async function or a
+// promise's executor turns the interrupt into a rejection, so that a loop around one goes on.
 #include "engine/worker/script_engine.h"
 
 #include <algorithm>
@@ -98,7 +97,7 @@ std::optional<Problem> ScriptEngine::Impl::run() {
 Reply ScriptEngine::Impl::answerOf(JSValueConst result) {
   JSContext* const context = runtime->context();
   if (!JS_IsString(result)) return {std::nullopt, errorOf("the result is no string")};
-  // Asked first, as a long result may be too long to be laid out in memory at all.
+  // The length is checked first, because a long result may need more memory than there is.
   const Value length(context, JS_GetPropertyStr(context, result, "length"));
   std::int64_t units = 0;
   if (JS_ToInt64(context, &units, length.get()) < 0) return {std::nullopt, takeException(context)};

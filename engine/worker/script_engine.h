@@ -1,14 +1,15 @@
 // The JavaScript engine with one PAC script in it.
 //
 // The engine's own types stay behind this header. A ScriptEngine holds one runtime and one fresh
-// context; the script runs once, at load, and its globals live on between evaluations. Only if
-// it has passed the heap limit and still holds more than half of the heap, the next evaluation
-// first loads it again, within its own time limit. Not for use by two threads; each call may come
-// from another thread. Nothing here throws.
+// context; the script runs once, at load, and its globals live on between evaluations. There is one
+// exception: if the script has passed the heap limit and still holds more than half of the heap,
+// the next evaluation first loads the script again, within the time limit of that evaluation. Two
+// threads must not use an engine at the same time, but each call may come from a different thread.
+// No function throws.
 //
-// Promises: up to 1,000 queued jobs run after the load and after each evaluation, within its time
-// limit; nothing waits for the answer. A limit that was passed counts even if the script has
-// caught the error.
+// Promises: up to 1,000 queued jobs run after the load and after each evaluation, within the same
+// time limit. The answer does not depend on these jobs. A limit that was passed counts even if the
+// script has caught the error.
 #pragma once
 
 #include <chrono>
@@ -27,8 +28,7 @@ namespace pac_worker {
 struct ScriptLimits {
   std::size_t heapBytes = 64U << 20U;    ///< JavaScript heap; passed: no answer
   std::size_t stackBytes = 512U << 10U;  ///< native stack; passed: an error the script may catch
-  std::chrono::milliseconds time{
-      5000};  ///< one load or one evaluation, measured on CLOCK_MONOTONIC
+  std::chrono::milliseconds time{5000};  ///< a load or an evaluation; the worker sets Start's
   std::size_t resultBytes = 64U << 10U;  ///< longest result text; longer: no answer
   std::size_t alertBytes = 2U << 10U;    ///< logged of all alerts of one evaluation; further: cut
 };

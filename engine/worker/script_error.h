@@ -1,4 +1,4 @@
-// What a script threw, in words.
+// The text of an exception that a script has thrown.
 #pragma once
 
 #include <string_view>

@@ -19,8 +19,8 @@
 namespace pac_worker {
 namespace {
 
-// Up to here shExpMatch's own matching, which cannot be interrupted, is sure to end in
-// milliseconds.
+// Up to this size shExpMatch's own matching always ends within milliseconds; it cannot be
+// interrupted.
 constexpr std::size_t kNativeMatchSteps = 4U << 20U;
 
 struct Call {
@@ -50,7 +50,7 @@ JSValue evaluated(JSContext* context, const char (&script)[kSize], const char* n
   return JS_Eval(context, script, kSize - 1, name, JS_EVAL_TYPE_GLOBAL);
 }
 
-// The helper as helpers.js has it, for these arguments. Most scripts never need one, so the file is
+// Calls the helper of helpers.js with these arguments. Most scripts never need one, so the file is
 // compiled at the first call.
 JSValue general(const Call& call, const char* name) {
   JSValue& helpers = EngineRuntime::of(call.context).generalHelpers();
@@ -174,7 +174,7 @@ JSValue dnsResolveExHelper(const Call& call) {
   if (!call.isText(0)) return JS_UNDEFINED;
   const Text host(call.context, call[0]);
   if (!host) return JS_EXCEPTION;
-  // An unpaired surrogate is no character of any name.
+  // No name contains an unpaired surrogate.
   if (!base::isUtf8(host.view())) return JS_UNDEFINED;
   return textValue(call, dnsResolveEx(call.environment(), host.view()));
 }
@@ -212,7 +212,7 @@ JSValue alertHelper(const Call& call) {
   return JS_UNDEFINED;
 }
 
-// Lookups wait and long texts take their time outside the engine, where it polls no clock.
+// Lookups and long texts take time outside the engine, which polls no clock then.
 template <bool kWaits>
 JSValue endedInTime(const Call& call, JSValue result) {
   JSContext* const context = call.context;
@@ -257,8 +257,8 @@ constexpr JSCFunction* kPure = entry<kHelper, false>;
 template <JSValue (*kHelper)(const Call&)>
 constexpr JSCFunction* kWaiting = entry<kHelper, true>;
 
-// What a browser brings as functions of its own: `let` and `const` may give such a name a new
-// meaning, which needs it configurable.
+// The helpers that a browser itself implements. `let` and `const` may redefine such a name, so the
+// property must be configurable.
 constexpr Helper kNative[] = {
     {"alert", 1, kPure<alertHelper>},
     {"myIpAddress", 0, kWaiting<ownAddressHelper<myIpAddress>>},
@@ -271,8 +271,8 @@ constexpr Helper kNative[] = {
     {"getClientVersion", 0, kPure<getClientVersionHelper>},
 };
 
-// What is declared like a script's own function: `function` and `var` may declare the name again,
-// `let` and `const` may not.
+// The helpers that are declared like a script's own functions: `function` and `var` may declare the
+// name again, `let` and `const` may not.
 constexpr Helper kDeclared[] = {
     {kDnsDomainIs, 2, kPure<twoTextsHelper<dnsDomainIs, kDnsDomainIs>>},
     {"dnsDomainLevels", 1, kPure<dnsDomainLevelsHelper>},

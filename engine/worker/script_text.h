@@ -1,4 +1,4 @@
-// From the bytes of a script to its text.
+// Converts the bytes of a script to its text.
 #pragma once
 
 #include <string>

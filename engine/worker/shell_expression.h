@@ -14,7 +14,8 @@
 
 namespace pac_worker {
 
-/// True if no unit of `expression` but ".", "?" and "*" has a meaning in regular expressions.
+/// True if `expression` has no character with a meaning in regular expressions, apart from ".", "?"
+/// and "*".
 bool isPlainShellExpression(std::string_view expression);
 
 /// Matches the whole of `text` against a plain expression. Takes size(text) * size(expression)

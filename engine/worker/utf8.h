@@ -1,4 +1,5 @@
-// Texts of a script in other forms: one line of a log, units of UTF-16. base/utf8.h has the rest.
+// Converts a script's texts to one line of a log and to units of UTF-16. base/utf8.h has the other
+// functions.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
-// How the worker ends: at once, with nothing tidied up. A function in a file of its own, so that
-// the conversation can be held in a process that does not end with it.
+// How the worker ends: at once, without any clean-up. The function has its own file, so that a test
+// can replace it and hold the conversation in a process that does not end.
 #pragma once
 
 namespace pac_worker {

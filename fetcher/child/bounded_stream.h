@@ -6,10 +6,10 @@
 
 namespace fetch_child {
 
-/// Opens an unbuffered stream that writes to `fd` and takes `limit` bytes. A write that would go
-/// past the limit, or that the file system does not take, stores nothing more and comes up short at
-/// once: the stream keeps nothing back.
-/// @param fd stays the caller's
+/// Opens an unbuffered stream that writes to `fd` and takes `limit` bytes. If a write would pass
+/// the limit, or the file system refuses it, the stream stores nothing more and reports a short
+/// write at once. It buffers nothing.
+/// @param fd the caller keeps it
 /// @return the stream, which the caller closes; null with errno set
 std::FILE* openBoundedStream(int fd, std::size_t limit);
 

@@ -3,7 +3,7 @@
 // It has one descriptor beyond the standard three, its end of a socket pair. libcurl is made ready
 // first, which reads nothing of a stranger; then the walls are raised; only then is the request
 // read. The daemon opens the file for the body when it knows that there is a libcurl handle, and
-// sends its descriptor. After the one result the process ends. The daemon is the clock: it kills
+// sends its descriptor. After the one result the process ends. The daemon keeps the time: it kills
 // a process that takes too long.
 #include <curl/curl.h>
 #include <malloc.h>
@@ -25,9 +25,6 @@
 #include "fetcher/wire/packets.h"
 
 namespace {
-
-// The daemon asks for no more; the kernel holds the process to it.
-constexpr rlim_t kMostFileBytes = 512000;
 
 enum ExitStatus { kDone = 0, kRefused = 1 };
 
@@ -70,7 +67,7 @@ base::UniqueFd receiveFile() {
 }  // namespace
 
 int main() {
-  // URLs are UTF-8: so that libcurl takes international names in them for what they are.
+  // URLs are UTF-8. With this locale libcurl understands international names in them.
   std::setlocale(LC_CTYPE, "C.UTF-8");
   // A second heap would take its share of the address space.
   mallopt(M_ARENA_MAX, 1);
@@ -80,7 +77,7 @@ int main() {
   curl_global_init(CURL_GLOBAL_ALL);
   CURL* const handle = curl_easy_init();
   if (handle == nullptr) ready.state = fetcher::FetchReady::State::noHandle;
-  if (const auto failure = fetch_child::raiseWalls(kMostFileBytes, ready.limitsFiles)) {
+  if (const auto failure = fetch_child::raiseWalls(fetcher::kMostScriptBytes, ready.limitsFiles)) {
     ready.state = fetcher::FetchReady::State::noWalls;
     ready.problem = *failure;
   }

@@ -1,16 +1,16 @@
 // One transfer by libcurl, as proxymanager-fetch makes it.
 //
-// The options are a contract: seven, in one order, and libcurl's defaults for the rest. What that
-// means, and what stands around them:
-// - Certificates are checked. Proxies from the process's environment variables are used by libcurl
-//   as anywhere; the daemon's own proxy setting never is.
-// - Only http and https. The scheme of the first URL is judged before the transfer begins, by the
-//   parser that the transfer uses. libcurl follows redirects to http, https, ftp and ftps; without
-//   an option to narrow that, the daemon takes a transfer that ended on another scheme for failed.
-//   Such a redirect costs a connection to an ftp server, and what comes back never becomes the
-//   script.
-// - libcurl holds announced lengths alone against CURLOPT_MAXFILESIZE. The stream that takes the
-//   body refuses the byte past the limit, which ends the transfer there and then.
+// The options are a contract: seven options in a fixed order, and libcurl's defaults for all
+// others. This means:
+// - Certificates are checked. libcurl uses the proxies in the process's environment variables, as
+//   in any program. It never uses the daemon's own proxy setting.
+// - Only http and https. The scheme of the first URL is checked before the transfer begins, by
+//   libcurl's own URL parser. libcurl follows redirects to http, https, ftp and ftps, and the
+//   contract has no option to narrow that. So the daemon counts a transfer that ends on another
+//   scheme as failed. Such a redirect costs a connection to an ftp server, but its file never
+//   becomes the script.
+// - libcurl compares only announced lengths with CURLOPT_MAXFILESIZE. Therefore the stream that
+//   takes the body refuses the first byte past the limit, which ends the transfer at once.
 #pragma once
 
 #include <curl/curl.h>

@@ -29,11 +29,12 @@ using sandbox::Failure;
 // threads that look names up; a certificate chain of 10 MiB, read and taken apart. A server that
 // sends headers without end reaches the limit, and the transfer fails.
 constexpr rlim_t kAddressSpaceBytes = rlim_t{160} << 20U;
-// Of the processor; a whole download takes 0.05 s of it, on a slow device a second.
+// Limit of processor time. A whole download takes 0.05 s, on a slow device 1 s.
 constexpr rlim_t kCpuSeconds = 10;
 constexpr rlim_t kDescriptors = 64;
 
-// What a network client reads: certificates, the configuration of names, shared libraries.
+// The files that a network client reads: certificates, the configuration of names, shared
+// libraries.
 constexpr const char* kReadable[] = {
     "/etc/ssl",
     "/etc/pki",
@@ -81,9 +82,9 @@ void allowMemory(SystemCalls& list) {
 }
 
 void allowThreads(SystemCalls& list) {
-  // libcurl looks names up on a thread. The flags are those of pthread_create, no more and no less:
-  // no process, no namespace. What clone3 would be asked for cannot be seen by a filter; without it
-  // the C library takes clone.
+  // libcurl looks names up on a thread. The flags are exactly those of pthread_create, so no
+  // process and no namespace can be made. A filter cannot see the arguments of clone3, so clone3 is
+  // answered with an error and the C library calls clone.
   constexpr std::uint64_t kThread = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SYSVSEM |
                                     CLONE_SIGHAND | CLONE_THREAD | CLONE_SETTLS |
                                     CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
@@ -101,7 +102,7 @@ void allowSockets(SystemCalls& list) {
   for (const int family : {AF_INET, AF_INET6}) {
     list.allow(SCMP_SYS(socket), {masked(0, kInt, static_cast<std::uint64_t>(family))});
   }
-  // Which addresses this machine has, for the order of a name's addresses.
+  // The C library asks for this machine's addresses to sort the addresses of a name.
   list.allow(SCMP_SYS(socket), {masked(0, kInt, AF_NETLINK), masked(2, kInt, NETLINK_ROUTE)});
   // The message bus believes the user of a socket's other end, and this process may have the
   // daemon's. So modules of the name service that ask a local service go on with the next one.
@@ -132,7 +133,7 @@ void allowSockets(SystemCalls& list) {
 }
 
 void allowFiles(SystemCalls& list) {
-  // For reading alone: the body's file is open before.
+  // Only for reading: the file of the body is already open.
   constexpr std::uint64_t kWrites = O_ACCMODE | O_CREAT | O_TRUNC;
   list.allow(SCMP_SYS(openat), {masked(2, kWrites, O_RDONLY)})
       .allow(SCMP_SYS(open), {masked(1, kWrites, O_RDONLY)});

@@ -1,12 +1,13 @@
-// The walls around proxymanager-fetch, raised before it reads the first byte of a request, let
-// alone of an answer.
+// The walls of proxymanager-fetch, and of no other program; sandbox/walls.h has the functions that
+// every child process shares. Its list of system calls is in walls.cpp. The process raises the
+// walls before it reads the first byte of a request.
 //
-// What a server that breaks libcurl finds: no new privileges, the user nobody if the daemon is
-// root's (else the daemon's user without capabilities), no memory, processor time, descriptors and
-// file length beyond the limits below, no file to write but the one that takes the body, no file to
-// read but what a network client needs (if the kernel has Landlock), no socket but those of the
-// internet protocols and of the kernel's routing tables, no process to start, signal or trace. Any
-// system call that is not on the list ends the process.
+// A server that takes libcurl over finds these walls: no new privileges; the user nobody if the
+// daemon runs as root, else the daemon's user without capabilities; limits for memory, processor
+// time, descriptors and file length; one writable file, the one for the body; only the files that a
+// network client reads (if the kernel has Landlock); only sockets of the internet protocols and of
+// the kernel's routing tables; no process to start, signal or trace. A system call that is not on
+// the list ends the process.
 #pragma once
 
 #include "sandbox/walls.h"

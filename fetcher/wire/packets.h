@@ -1,4 +1,4 @@
-// What the daemon and proxymanager-fetch send each other over their socket pair, one packet each:
+// The messages between the daemon and proxymanager-fetch, each one packet of their socket pair:
 //
 //   daemon                                   proxymanager-fetch
 //   FetchRequest (at once)             ──>
@@ -6,8 +6,9 @@
 //   one byte with the open file        ──>
 //                                      <──   FetchResult, then the process ends
 //
-// Each side takes the other for hostile: a packet is taken only if its length, its mark and every
-// field are right. Both ends are of one build on one machine, so numbers have the machine's order.
+// Each side treats the other as hostile: a packet is accepted only if its length, its mark and
+// every field are right. Both ends come from one build on one machine, so numbers are in the
+// machine's byte order.
 #pragma once
 
 #include <cstddef>
@@ -20,13 +21,17 @@ namespace fetcher {
 
 inline constexpr int kFetchSocket = 3;  ///< the descriptor that the child finds its socket at
 
-/// Longer URLs are not asked for: servers take 8 to 16 KiB, and a packet has to fit in the socket.
+/// Longest URL; a longer one is not sent. Servers accept 8 to 16 KiB, and a packet has to fit into
+/// the socket.
 inline constexpr std::size_t kMostUrlBytes = std::size_t{64} * 1024;
+/// Longest script, in bytes. The daemon asks for no more, and the child process limits its own file
+/// length to it. client/ctl/terminal/script_file.h and settings/network_set.h have copies.
+inline constexpr std::int64_t kMostScriptBytes = 512'000;
 /// The text of an error, with its final zero.
 inline constexpr std::size_t kErrorBytes = 512;
 inline constexpr std::size_t kSchemeBytes = 16;  ///< "https" and its like, with its final zero
 
-/// What is to be fetched, and how far a transfer may go.
+/// The URL of a transfer, and its limits.
 struct FetchRequest {
   std::int64_t seconds = 0;    ///< of the whole transfer
   std::int64_t bytes = 0;      ///< of the body
@@ -63,8 +68,8 @@ std::optional<FetchRequest> decodeRequest(std::string_view bytes);
 std::optional<FetchReady> decodeReady(std::string_view bytes);
 std::optional<FetchResult> decodeResult(std::string_view bytes);
 
-/// A buffer of this size holds every packet, and one byte more, so that a longer one is seen to be
-/// longer.
+/// A buffer of this size has room for every packet and one more byte, so that the receiver notices
+/// a packet that is too long.
 inline constexpr std::size_t kPacketBufferBytes = kMostUrlBytes + 256;
 
 }  // namespace fetcher

@@ -1,4 +1,4 @@
-# bash completion for proxymanagerctl(1). It needs bash alone, and takes the help of the package
+# bash completion for proxymanagerctl(1). It needs only bash, and takes the help of the package
 # bash-completion for the command of exec where that is there.
 
 _proxymanagerctl_words() {

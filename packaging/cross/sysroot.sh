@@ -9,9 +9,9 @@
 #
 # usage: packaging/cross/sysroot.sh ARCHITECTURE
 #
-# Prints the folder on standard output; says on standard error what it does. Several at once: one
-# makes it, the others wait for it. It is made anew where the list of packages is another; older
-# ones may be removed at any time.
+# Prints the folder on standard output; reports its steps on standard error. If several run at once, one
+# makes it, the others wait for it. It is made again if the list of packages has changed; older ones may be
+# removed at any time.
 #
 # Environment: PROXYMANAGER_SYSROOT_CACHE, the folder that keeps the result
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
@@ -30,7 +30,7 @@ for tool in apt-get flock mmdebstrap sha256sum tar; do
   command -v "$tool" >/dev/null || fail "$tool is missing (packaging/dependencies.sh --cross)"
 done
 
-# What every package may take for granted, as control files do not name it.
+# The packages on which every other one may rely without naming them in its control file.
 packages="$("$here/../dependencies.sh" --list-libraries) libc6-dev libstdc++-12-dev"
 include=$(echo "$packages" | tr -s ' \n' ',,' | sed 's/,$//')
 release=$(. /etc/os-release && echo "${VERSION_CODENAME:-unstable}")

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Copies the hooks to where their clients look for them, below ROOT: what the package does, and the
-# build of an image may. usage: put_in_place.sh HOOKS ROOT
+# Copies the hooks to the folders of their clients, below ROOT. The package does this, and the build of an
+# image may do it, too. usage: put_in_place.sh HOOKS ROOT
 #
 # HOOKS is share/proxymanager/hooks as installed. udhcpc has no folder of hooks; see README.md.
 set -eu

@@ -30,8 +30,9 @@ std::unique_ptr<BusLoop> makeLoop() {
 
 using Connected = std::promise<std::unique_ptr<Connection>>;
 
-// The library's handshake has no time limit, so it runs on a thread that is abandoned if
-// the bus is silent. What that thread may still use is then never released: the process ends soon.
+// The library's handshake has no time limit, so it runs on a separate thread, which is abandoned if
+// the bus is silent. The objects that this thread may still use are then never freed; the process
+// ends soon.
 std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
   auto connected = std::make_shared<Connected>();
   auto connection = connected->get_future();
@@ -51,7 +52,7 @@ std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
   throw Error("org.freedesktop.DBus.Error.Timeout", "the message bus does not answer");
 }
 
-// No orderly end: all that would be left to do needs the bus, and a worker ends with its socket.
+// The process ends at once: all remaining work needs the bus, and a worker ends with its socket.
 [[noreturn]] void endAsTheBusIsLost() {
   logLine(LOG_ERR, "bus: connection to the message bus lost, ending");
   _exit(EXIT_FAILURE);
@@ -72,8 +73,8 @@ BusHelper::~BusHelper() {
 }
 
 void BusHelper::requestName(const char* name) {
-  // Not by the library's request_name: it hides that the call was only queued, and its connection's
-  // end waits up to 25 s for a release that the closing of the socket does at once.
+  // The library's request_name is not used: it hides that the request was only queued, and the end
+  // of its connection waits up to 25 s for a release that closing the socket does at once.
   CallMessage call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                    "RequestName");
   MessageIter writer = call.writer();

@@ -1,11 +1,11 @@
 // The process's one connection to the message bus, and the thread that dispatches it.
 //
-// The bus library is safe only while a single thread touches it: its own loop and a sender on
-// another thread can deadlock, and its reference counts are plain integers. So the thread that made
-// the helper may use the connection until startDispatching(). From then until stopDispatching()
-// returns, only the bus thread may, and other threads hand their work to it with run().
+// The bus library is safe only if a single thread uses it: its own loop and a sender on another
+// thread can deadlock, and its reference counts are plain integers. So the thread that made the
+// helper uses the connection until startDispatching(). From then until stopDispatching() returns,
+// only the bus thread uses it, and other threads pass their work to the bus thread with run().
 //
-// When the bus goes away, the process logs one LOG_ERR line and ends with status 1, so that its
+// When the bus is lost, the process logs one LOG_ERR line and ends with status 1, so that its
 // supervisor starts it again: nobody could reach a daemon without a bus.
 #pragma once
 
@@ -21,8 +21,8 @@ class BusLoop;
 
 class BusHelper {
  public:
-  /// Most functions that wait for the bus thread. The announcements of the daemon, one in two
-  /// seconds, are the steadiest sender: they need half an hour of a blocked bus thread to fill it.
+  /// The most functions that wait for the bus thread. The daemon's announcements, one every two
+  /// seconds, would fill this queue only after the bus thread has been blocked for half an hour.
   static constexpr std::size_t kMaxPosted = 1024;
 
   /// Connects to the system bus; waits 10 s at most. Throws DBus::Error if there is none, or
@@ -40,26 +40,26 @@ class BusHelper {
   /// Throws DBus::Error if the bus denies the name, somebody else owns it, or no answer comes.
   void requestName(const char* name);
 
-  /// What the bus thread does after it has handled all that it has read, while nothing waits to be
-  /// written: one piece of work. `turn` returns the milliseconds until it wants to be called again
-  /// if nothing comes from the bus, 0 for at once, -1 for never. It throws nothing. While nothing
-  /// is dispatched.
+  /// Sets `turn`, which the bus thread calls for one piece of work at a time. The bus thread calls
+  /// it after it has handled all input, while no output waits. `turn` returns after how many
+  /// milliseconds to call it again if nothing arrives from the bus: 0 for at once, -1 for never. It
+  /// throws nothing. Call setTurn() before startDispatching().
   void setTurn(std::function<int()> turn);
 
   /// Starts the bus thread, and asks for the name again if stopDispatching() has given it back.
-  /// Throws as requestName(). Nothing where it runs.
+  /// Throws as requestName(). Does nothing if the thread already runs.
   void startDispatching();
 
-  /// Gives the bus name back, answers every call that the bus has delivered until then, runs what
-  /// run() queued, sends what waits, and joins the bus thread: within 5 s each for the answers and
-  /// for the sending, after which the rest is dropped. Nothing where it does not run. Not to be
-  /// called on the bus thread.
+  /// Gives the bus name back, answers every call that the bus delivered before that, runs the
+  /// functions that run() queued, sends the waiting output, and joins the bus thread. The answers
+  /// and the sending take at most 5 s each; after that the rest is dropped. Does nothing if the
+  /// thread does not run. Must not be called on the bus thread.
   void stopDispatching();
 
-  /// Runs `function` on the thread that may touch the connection: at once if that is the calling
-  /// one, or if nothing is dispatched; else later, on the bus thread, in the order of the calls.
-  /// Any thread. Exceptions of a function are logged and swallowed. If kMaxPosted functions wait
-  /// already, it is dropped with one LOG_ERR line.
+  /// Runs `function` on the thread that may use the connection: at once if that is the calling
+  /// thread or nothing is dispatched; else later on the bus thread, in the order of the calls. Any
+  /// thread. Exceptions of a function are logged and swallowed. If kMaxPosted functions already
+  /// wait, `function` is dropped with one LOG_ERR line.
   void run(std::function<void()> function);
 
  private:

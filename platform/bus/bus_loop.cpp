@@ -184,12 +184,12 @@ BusLoop::End BusLoop::run() {
   }
 }
 
-// Not while something waits to be written, see the header.
+// The loop reads nothing while output waits: see the header.
 int BusLoop::takeTurn() {
   return mTurn && !outputWaits() ? mTurn() : -1;
 }
 
-// Not what is posted meanwhile: calls have their turn too.
+// Functions that are posted during this round wait for the next, so that calls are served, too.
 void BusLoop::runPosted() {
   for (auto left = posted(); left > 0 && !outputWaits(); --left) {
     std::function<void()> first;
@@ -227,7 +227,7 @@ void BusLoop::waitAndHandle(int turnTimeout) {
   if (ready > 0) {
     if (mEntries.front().revents != 0) {
       std::uint64_t kicks = 0;
-      // Nothing to read is fine: another wake-up took it.
+      // It is fine if there is nothing to read: an earlier wake-up has read it.
       [[maybe_unused]] const auto taken = read(mEventFd.get(), &kicks, sizeof kicks);
     }
     handleWatches();
@@ -254,7 +254,7 @@ void BusLoop::handleWatches() {
   for (std::size_t i = 1; i < mEntries.size(); ++i) {
     if (mEntries[i].revents == 0) continue;
     {
-      // An earlier one may have removed this one.
+      // The handling of an earlier watch may have removed this watch.
       const Lock lock(mMutex);
       if (std::find(mWatches.begin(), mWatches.end(), mPolled[i]) == mWatches.end()) continue;
     }
@@ -295,7 +295,8 @@ void BusLoop::handleTimeouts() {
   }
 }
 
-// What was posted before the end is still sent, as far as the bus takes it.
+// The output of functions that were posted before the end is still sent, as far as the bus accepts
+// it.
 void BusLoop::leaveInOrder() {
   answerWhatHasCome(Clock::now() + kAnswerLimit);
   const auto limit = Clock::now() + kSendLimit;
@@ -331,7 +332,7 @@ bool BusLoop::onMessage(const Message& message) {
   return false;
 }
 
-// The library's own flush waits for ever where the bus does not read.
+// The library's own flush waits for ever if the bus does not read.
 void BusLoop::sendWhatWaits(Clock::time_point limit) {
   while (mConnection->connected() && outputWaits() && Clock::now() < limit) {
     collectEntries();

@@ -1,18 +1,17 @@
 // The event loop of the bus thread.
 //
 // The bus library's stock loop loses an early request to leave, never notices a bus that died with
-// output pending, and hides a signal sent from elsewhere until its next wake-up. This one keeps its
-// own lists of watches and timeouts, polls each watch as an entry of its own, is woken by an
-// eventfd, and ends when it is asked to, however early, or when the connection is lost. It sleeps
-// without a time limit if the library has no timeout pending, so that an idle daemon is never
-// woken.
+// output pending, and hides a signal sent from elsewhere until its next wake-up. This loop keeps
+// its own lists of watches and timeouts, polls each watch as a separate entry, and is woken by an
+// eventfd. It ends when another thread asks for it, even before the loop has started, or when the
+// connection is lost. It sleeps without a time limit if the library has no timeout pending, so that
+// an idle daemon is never woken.
 //
-// The library keeps what the bus does not accept at once in a queue without a bound. So, while
-// something waits to be written, nothing is read and no posted function runs. A caller that asks
-// faster than the bus accepts the answers, or does not read them, fills the memory of the bus up to
-// its limits, and not the memory of this process. What may wait, beyond what the socket holds, is
-// the answers to the calls of one read (a few KiB of calls, or one longer call), or the output of
-// one posted function.
+// The library queues output that the bus does not accept at once, and the queue has no bound. So
+// while output waits, the loop reads nothing and runs no posted function. A caller that asks too
+// fast, or does not read its answers, fills the memory of the bus up to the limits of the bus, not
+// the memory of this process. The queue holds at most the answers to the calls of one read (a few
+// KiB of calls, or one longer call), or the output of one posted function.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -49,9 +48,9 @@ class BusLoop : public Dispatcher {
   /// @param name the connection's well-known name, which the end of the loop gives back; may be
   /// empty
   void start(Connection& connection, const std::string& name, std::function<void()> lost);
-  /// Ends and joins the thread. Before that the loop gives the name back and answers what the bus
-  /// had delivered until then, runs what was posted and sends what waits: within 5 s each for the
-  /// answers and for the sending; it drops the rest.
+  /// Ends and joins the thread. Before that the loop gives the name back, answers the calls that
+  /// the bus has delivered, runs the posted functions and sends the waiting output. The answers and
+  /// the sending take at most 5 s each; after that the loop drops the rest.
   void stop();
 
   /// See BusHelper::setTurn().
@@ -59,14 +58,13 @@ class BusLoop : public Dispatcher {
   /// Whether the end of the last run has given the name back.
   bool hasReleasedName() const { return mHasReleasedName; }
 
-  /// Queues `function` for the thread. @return false where the queue is full or there is
-  /// no memory
+  /// Queues `function` for the thread. @return false if the queue is full or there is no memory
   bool post(std::function<void()> function) PM_EXCLUDES(mMutex);
 
   /// Calls `function`; what it throws becomes a LOG_ERR line.
   static void runLogged(const std::function<void()>& function);
 
-  /// Whether the loop's thread is another than the calling one and runs.
+  /// Whether the loop's thread runs and is not the calling thread.
   bool runsElsewhere() const;
 
   // What the bus library calls.

@@ -1,8 +1,9 @@
-// What the device's network service knows of the current DHCP lease.
+// The current DHCP lease, from the device's network service.
 //
-// On an ordinary Linux the DHCP client's hook writes the lease into a small text file, and this is
-// read on every call: nothing is kept between calls. A device with a network service of its own
-// replaces this folder and keeps the record's layout.
+// On an ordinary Linux the DHCP client's hook writes the lease into a small text file. Each call
+// reads this file; nothing is kept between calls. A device with its own network service replaces
+// only this function, with -DPROXYMANAGER_DEVICE (docs/integration.md), and keeps the record's
+// layout.
 #pragma once
 
 #include <cstddef>
@@ -23,5 +24,5 @@ static_assert(std::is_trivially_copyable_v<DhcpInfo>);
 /// @return 0, also if the file does not exist (no lease: everything empty); else an errno value
 ///         with one LOG_ERR line, and the record empty: the file is no regular file, is longer than
 ///         64 KiB or cannot be read
-/// Any thread. Never blocks on what stands at the path.
+/// Any thread. Never blocks, whatever kind of file is at the path.
 int getdhcpinfo(DhcpInfo* info);

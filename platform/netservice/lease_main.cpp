@@ -97,8 +97,8 @@ int end(const std::string& interface) {
   if (failed(kStore, store.open())) return EX_OSERR;
   const int trouble = store.forget(interface);
   if (trouble != ENOENT && failed(kStore, trouble)) return EX_OSERR;
-  // Most interfaces that end never had a lease; what another program wrote is left alone then. A
-  // lease of an earlier boot or version is in the file alone.
+  // Most interfaces that end never had a lease; then a text of another program stays in the file. A
+  // lease of an earlier boot or version is only in the file, not in the store.
   if (trouble == ENOENT && !isInForce(interface)) return EX_OK;
   return writeLeaseInForce(store, interface);
 }

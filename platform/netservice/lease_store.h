@@ -1,9 +1,9 @@
-// The leases of all interfaces, so that the end of one brings back another.
+// Stores the leases of all interfaces. When one lease ends, the lease of another interface comes
+// into force.
 //
-// A device has several links, each with a lease of its own, and the daemon knows one network. The
-// hooks report each interface by itself: what they report is kept here, one file for each
-// interface, and the default route decides which of them counts. A folder below /run, because a
-// lease does not outlive a boot.
+// A device has several links with a lease each, but the daemon knows only one network. The hooks
+// report each interface separately. The store keeps one file for each interface, and the default
+// route decides which lease counts. A folder below /run, because a lease does not outlive a boot.
 #pragma once
 
 #include <chrono>
@@ -21,7 +21,7 @@ namespace netservice {
 /// limit a process that stands still would hold up every DHCP client of the device.
 inline constexpr std::chrono::seconds kStoreWait{10};
 
-/// What is kept of one interface.
+/// The stored lease of one interface.
 struct KeptLease {
   std::string interface;
   std::string text;       ///< as keep() got it
@@ -77,8 +77,9 @@ std::vector<std::string> defaultRouteInterfaces(const std::string& table);
 /// default routes stand first. Empty if there is none.
 std::string routeTable();
 
-/// Which lease counts: that of the best default route whose interface has one, else the one that
-/// changed last. @return null if there is no lease
+/// The lease that counts. Of all interfaces with a lease and a default route, it is the lease of
+/// the interface with the best route. Without such an interface, it is the lease that changed last.
+/// @return null if there is no lease
 const KeptLease* leaseInForce(const std::vector<KeptLease>& leases,
                               const std::vector<std::string>& routes);
 

@@ -34,7 +34,7 @@ std::string unescaped(std::string_view text) {
   return bytes;
 }
 
-// What is no hexadecimal text is nothing.
+// A text that is not hexadecimal counts as no value.
 std::string unhexed(std::string_view text) {
   if (text.size() % 2 != 0) return {};
   std::string bytes;

@@ -1,8 +1,8 @@
-// What a DHCP client reports of its lease, as the text of the two files that the daemon reads.
+// Converts a DHCP client's report of its lease to the texts of the two files that the daemon reads.
 //
-// The values come from any machine that answers DHCP on the network. Nothing here trusts them: a
-// URL keeps its first line without control characters and no more bytes than one option holds, and
-// is quoted for shells; of names only those that can be names are kept.
+// The values come from any machine that answers DHCP on the network. This code trusts no value. A
+// URL is cut to its first line without control characters and to the length of one option, and is
+// quoted for shells. A name is kept only if it is a valid name.
 #pragma once
 
 #include <string>
@@ -10,11 +10,11 @@
 
 namespace netservice {
 
-/// How a client hands a value over.
+/// The form in which a client passes a value.
 enum class LeaseEncoding {
   plain,    ///< the bytes as they came
   escaped,  ///< backslash before a character or three octal digits, in all values
-  hex,      ///< two hexadecimal digits a byte, in the URL alone
+  hex,      ///< two hexadecimal digits a byte, only in the URL
 };
 
 /// A lease's values as a client gave them.

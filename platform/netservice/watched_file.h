@@ -1,7 +1,7 @@
 // Writing a small file that another program watches, in a folder where everybody may write.
 //
-// The daemon watches these files themselves, not their folders. It would not watch a file that
-// replaces one of them. So they are written in place.
+// The daemon watches the files, not their folders. It would not watch a file that replaces one of
+// them, so the files are written in place.
 #pragma once
 
 #include <cstddef>
@@ -14,14 +14,14 @@ namespace netservice {
 /// A file opened to be written in place.
 class WatchedFile {
  public:
-  /// Opens the file, which is made if there is none, and reads what it holds. Never blocks,
-  /// never follows a link at the path's end, and judges what was opened, not what the path names.
+  /// Opens the file, makes it if there is none, and reads its contents. Never blocks, never follows
+  /// a link at the path's end, and checks the open file, not the path.
   /// @return 0, or an errno value: ELOOP for a link, EINVAL if it is not a regular file, EPERM for
   ///         a file of another user than root and the process's, EMLINK for one with a second name,
   ///         else that of open, fstat or read
   int open(const char* path);
 
-  /// What the file held when it was opened; empty if that was more than 64 KiB.
+  /// The content of the file when it was opened; empty if it was longer than 64 KiB.
   const std::string& text() const { return mText; }
 
   /// Writes `text` into the file; touches nothing if the file holds it already. The new text

@@ -43,7 +43,7 @@ constexpr int kWaitMilliseconds = 100;
 struct Prepared {
   int logSocket = -1;
   sockaddr_un logAddress{};
-  /// The journal takes stderr, too: a line written there stands in it a second time.
+  /// stderr is the journal, too: a line that is written there would be in the journal twice.
   bool stderrIsJournal = false;
   alignas(16) std::array<char, kStackBytes> stack{};
 };
@@ -142,8 +142,8 @@ void reportFrame(Report& report, int number, unw_cursor_t& cursor) {
   report.write(line);
 }
 
-/// What was interrupted, as the unwinder takes it: the kernel's record, and on 32-bit Arm, for
-/// which it has a record of its own, r0 to r15 of that.
+/// The interrupted state in the unwinder's form. This is the kernel's record; on 32-bit Arm it is
+/// the unwinder's own record, filled with r0 to r15.
 #ifdef __arm__
 unw_context_t* interrupted(void* context) {
   static unw_context_t registers;  // one report a process
@@ -237,8 +237,9 @@ bool isJournal(int fd) {
 // The unwinder fills tables of its own at its first use: better now than in the handler.
 void warmUnwinder() {
 #ifdef __arm__
-  // Of its ways on 32-bit Arm, the tables of that machine alone (4): it would look for tables of
-  // other machines first, and end at the first frame. It reads this at its first use.
+  // On 32-bit Arm the unwinder must use only that machine's own tables (method 4). Otherwise it
+  // first looks for tables of other machines, and ends at the first frame. It reads this variable
+  // at its first use.
   setenv("UNW_ARM_UNWIND_METHOD", "4", 0);
 #endif
   unw_context_t context;

@@ -2,9 +2,9 @@
 //
 // On SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT and SIGSYS the thread that got the signal writes a
 // stack trace to syslog (LOG_CRIT, under the daemon's ident) and to stderr. If stderr is the
-// journal and syslog takes the lines, they go to syslog alone, so that the journal has them once.
-// Then the signal takes its default action, with its own details: the exit status shows the signal.
-// Lines are
+// journal and syslog accepts the lines, the handler writes them only to syslog, so that the journal
+// has them once. Then the signal takes its default action, with its own details: the exit status
+// shows the signal. Lines are
 //   process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se (1234)
 //   process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12)
 // The part after the plus sign of a module is what addr2line -e takes. Names are those that the

@@ -6,7 +6,7 @@
 ///
 /// The lock is the kernel's (flock), so a file that a killed instance left is no obstacle. The
 /// descriptor is closed on exec: no child keeps the lock alive. The file is in /run for root, else
-/// in the user's runtime folder (XDG_RUNTIME_DIR, or /run/user/UID where that is not set). Call it
+/// in the user's runtime folder (XDG_RUNTIME_DIR, or /run/user/UID if that is not set). Call it
 /// once, from the main thread, after any fork.
 ///
 /// @param name the daemon's name; one path component

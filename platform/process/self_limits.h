@@ -1,7 +1,8 @@
-// What a daemon that holds secrets and talks to everybody limits in itself, whatever starts it.
+// Limits that a daemon with secrets and many callers sets for itself, whatever supervisor starts
+// it.
 //
-// A unit file can set most of this. A device with another supervisor has no unit, so the process
-// does it itself. Call each function first thing in main(), before other threads start.
+// A unit file can set most of these limits. A device with another supervisor has no unit, so the
+// process sets them itself. Call each function first thing in main(), before other threads start.
 #pragma once
 
 namespace process {

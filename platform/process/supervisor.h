@@ -1,4 +1,4 @@
-// What this process reports to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
+// The reports of this process to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
 //
 // A process that a person or another kind of supervisor started has nobody to report to: every
 // function then succeeds and does nothing. The main thread calls all but notifyStatus. A
@@ -31,6 +31,6 @@ int feedWatchdog();
 /// Reports that an orderly stop has begun: STOPPING=1. @return as restart_connect
 int notifyStopping();
 
-/// What the process is doing, for people who look at the service: STATUS=text. Any thread.
+/// Reports what the process does, for people who look at the service: STATUS=text. Any thread.
 /// @param text one line @return as restart_connect
 int notifyStatus(const std::string& text);

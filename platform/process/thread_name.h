@@ -6,7 +6,8 @@
 #include <cstddef>
 
 namespace process {
-/// What the kernel stores of a thread's name, in bytes without the terminator (TASK_COMM_LEN - 1).
+/// The longest thread name that the kernel stores, in bytes without the terminator (TASK_COMM_LEN -
+/// 1).
 inline constexpr std::size_t kThreadNameLimit = 15;
 }  // namespace process
 

@@ -28,7 +28,7 @@ constexpr std::array kKeys{
     Key{"data", &TraceValues::data},
 };
 
-// What of a bad line is shown: enough to find it, not enough to flood the log.
+// How much of a bad line the log shows: enough to find the line, not enough to flood the log.
 constexpr std::size_t kShownBytes = 64;
 
 std::string_view trimmed(std::string_view text) {
@@ -78,7 +78,7 @@ const char* reasonOf(const base::FileFailure& failure) {
     case base::FileProblem::tooLong:
       return "larger than 4096 bytes";
     default:
-      // Also no file: what should be its folder is a file.
+      // ENOTDIR also means that there is no file: the name of its folder belongs to a file.
       return failure.error == ENOTDIR ? nullptr : std::strerror(failure.error);
   }
 }
@@ -128,7 +128,8 @@ int settrcvalues(const char* name, TraceValues* record) {
   try {
     return setTraceValues(name, record);
   } catch (const std::exception& error) {
-    // No memory. No exception may pass through a signal handler that called.
+    // No memory. A signal handler may be the caller, and no exception may pass through a signal
+    // handler.
     if (record != nullptr) {
       logLine(LOG_ERR, "process: cannot read /etc/%s/trace.conf: %s",
               name == nullptr ? "(null)" : name, error.what());

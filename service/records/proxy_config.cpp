@@ -17,7 +17,7 @@ void freeAndNull(T*& owned) {
   owned = nullptr;
 }
 
-// URLs, too: a password may stand in one.
+// URLs are wiped, too, because a URL may contain a password.
 void wipeAndFree(char*& owned) {
   base::wipe(owned);
   freeAndNull(owned);

@@ -9,8 +9,9 @@ import random
 import zoneinfo
 from dataclasses import dataclass
 
-# Middle Europe; a zone of three quarters of an hour, a day ahead of GMT for half of each day, with
-# summer in December; the west of America, a day behind for a third of it.
+# Three zones: Middle Europe; a zone with an offset of three quarters of an hour, on another date than GMT
+# for half of each day, with summer in December; the west of America, on another date for a third of each
+# day.
 ZONES = ("Europe/Berlin", "Pacific/Chatham", "America/Los_Angeles")
 UTC = datetime.timezone.utc
 

@@ -19,13 +19,13 @@ import sys
 import tempfile
 import threading
 
-# GCC's options that clang does not know are none of its business.
+# Options of GCC that clang does not know are ignored.
 ALSO = ["-Wthread-safety", "-Wno-unknown-warning-option"]
 TESTS = ("tests", "bench")
 
 
 # Precompiled, they take most of the time out of most sources. No header of the tree is among them:
-# what clang finds there it still reports. That each source includes what it uses is GCC's to find.
+# clang still reports its findings there. GCC checks that each source includes what it uses.
 STANDARD = ("algorithm array atomic chrono condition_variable cstdint functional map memory mutex "
             "optional stdexcept string string_view thread utility vector").split()
 # Headers of libraries that cost more than all of the others; a source has them included directly.

@@ -42,7 +42,7 @@ def compiled(language, compiler, standards, header):
     with tempfile.TemporaryDirectory() as folder:
         source = os.path.join(folder, "program." + language)
         with open(source, "w") as file:
-            # Twice, and before all others: it stands for itself.
+            # Included twice and before all others, so that the header must be complete.
             file.write(f"#include <proxymanager/{header}>\n" * 2 + "int main(void) { return 0; }\n"
                        if language == "c" else
                        f"#include <proxymanager/{header}>\n" * 2 + "int main() {}\n")

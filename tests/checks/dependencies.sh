@@ -1,5 +1,5 @@
 #!/bin/sh
-# What packaging/dependencies.sh makes of the control file. usage: dependencies.sh TREE
+# Tests how packaging/dependencies.sh reads the control file. usage: dependencies.sh TREE
 set -eu
 tree=$1
 tool=$tree/packaging/dependencies.sh

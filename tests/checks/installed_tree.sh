@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs the build to a temporary prefix and tries what stands there.
+# Installs the build to a temporary prefix and tests the installed files.
 # usage: installed_tree.sh CMAKE BUILD FILE...   (FILE: what must stand below the prefix)
 set -euo pipefail
 cmake=$1 build=$2
@@ -30,7 +30,7 @@ for file in "$@"; do
   if strings -d "$installed" | grep -F "$build/"; then fail "$file remembers its build folder"; fi
 done
 
-# Without a bus the daemon starts, says so and ends with status 1; in a /run of its own it meets no
+# Without a bus the daemon starts, logs the problem and ends with status 1; in a /run of its own it meets no
 # other instance.
 daemon=$(find "$prefix/second" -name proxymanagerd -type f)
 [ -n "$daemon" ] || exit 0

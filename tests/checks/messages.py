@@ -74,7 +74,7 @@ def pattern(message):
     found = ""
     for piece in words(message):
         found += ("[^\\n]*?" if found else "") + re.escape(piece)
-        # A test may stop after it, and gives a value for each conversion before it.
+        # A test may end the text after this piece, and has a value for each conversion before it.
         if len(piece.strip()) >= 12:
             break
     return re.compile(found)

@@ -110,7 +110,7 @@ TEST(AllocationFault, IsBorneByTheFileForADownload) {
   EXPECT_EQ(descriptors(), before);
 }
 
-// As the service calls it: with texts that stay the caller's.
+// The same call as in the service: the caller keeps the texts.
 TEST(AllocationFault, IsBorneByANewConfiguration) {
   std::string url = "http://" + kLong;
   std::string other = "http://other/" + kLong;

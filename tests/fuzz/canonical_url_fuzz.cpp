@@ -1,4 +1,5 @@
-// The URL that a script sees: nothing secret in it, short enough, and clean already.
+// The URL that a script sees has no secrets, keeps the length limit, and does not change when it is
+// cleaned again.
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -37,7 +38,7 @@ void checkCleaned(const std::string& url, const std::string& cleaned) {
   require(cleaned.find('#') == std::string::npos, "no fragment");
   const auto authority = rest.substr(0, rest.find_first_of("/?"));
   require(authority.find('@') == std::string::npos, "no user name or password");
-  // The zone of an IPv6 address is an interface's name, which has its case.
+  // The zone of an IPv6 address is the name of an interface, whose letter case counts.
   const auto host =
       authority.substr(0, authority.starts_with('[') ? authority.find('%') : rest.npos);
   require(host == lowered(host), "the host is in lower case");

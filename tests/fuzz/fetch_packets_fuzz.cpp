@@ -1,5 +1,5 @@
-// Packets of the fetch process: one that is taken comes back the same when it is written out, and
-// its texts are short and printable, whatever the process sent.
+// Packets of the fetch process: an accepted packet is encoded to the same bytes again, and its
+// texts are short and printable, whatever the process sends.
 #include <algorithm>
 #include <string>
 

@@ -1,6 +1,6 @@
-// Writing what a lease says: whatever the network's server put into the options, the lease file is
-// three lines of harmless words, the resolver file one line of names, and the daemon reads back
-// what was written. The input: a byte for the encoding, then four values, each ended by "|".
+// Writing a lease. Whatever options the network's server sends, the lease file has three lines of
+// harmless words, the resolver file has one line of names, and the daemon reads the same values
+// that were written. The input: a byte for the encoding, then four values, each ended by "|".
 #include <algorithm>
 #include <optional>
 #include <sstream>
@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::string_view kOuter = " \t\v\f\"'";
 
-/// The text of a shell's word made of '...' and \' alone; nothing where it is anything else.
+/// The text of a shell's word made of '...' and \' alone; nothing if it is anything else.
 std::optional<std::string> wordOf(std::string_view text) {
   std::string word;
   while (!text.empty()) {

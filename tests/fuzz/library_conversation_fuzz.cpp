@@ -1,7 +1,6 @@
 // The library's side of the conversation, with a hostile worker at the other end. The engine is the
-// library's own; the process behind it is replaced by a socket into which everything that the
-// worker will ever say has been put before, well-formed messages and garbage. A model says what the
-// library has to make of it.
+// library's own; in place of the process there is a socket that already contains all messages of
+// the worker, both well-formed ones and garbage. A model predicts the library's results.
 //
 // The input: for each worker, as the library starts them, a byte that says whether it listens and
 // how many messages it sends, and these, each behind a byte for its kind.
@@ -36,11 +35,11 @@ constexpr int kQuestions = 3;
 constexpr pid_t kPid = 4711;
 
 struct Worker {
-  UniqueFd socket;                   ///< its end; empty where it has closed it
-  std::deque<std::string> messages;  ///< said, and not yet read by the model's library
+  UniqueFd socket;                   ///< the worker's end; empty if the worker has closed it
+  std::deque<std::string> messages;  ///< sent, and not yet read by the model's library
 };
 
-/// What ends a wait of the library: a message that is no question and no alert; nothing where the
+/// A message that ends a wait of the library: one that is no question and no alert; nothing if the
 /// worker failed.
 using End = std::optional<FromWorker>;
 
@@ -54,7 +53,7 @@ struct Run {
   std::uint32_t serial = 0;
   std::string bytes;           ///< of the message that a wait has ended with
   std::string alerts;          ///< said since the last look, a line each
-  std::string expectedAlerts;  ///< and what the model would have said
+  std::string expectedAlerts;  ///< and the lines that the model expects
 
   void start();
   End wait();
@@ -114,7 +113,7 @@ bool Run::ready() {
   return current.has_value();
 }
 
-/// What the library has told the worker: messages, all of them.
+/// All messages of the library to the worker.
 void Run::readWhatWasSaid() {
   static char buffer[kMaxMessageBytes + 1];
   while (current && current->socket) {

@@ -1,5 +1,5 @@
-// A script's result text: what the entries are, held against a second reading of the text, and that
-// entries put together again are the same entries.
+// A script's result text: its entries equal those of a second parser, and entries that are joined
+// and parsed again are the same entries.
 #include <string>
 #include <string_view>
 #include <vector>

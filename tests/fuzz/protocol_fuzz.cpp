@@ -1,5 +1,5 @@
-// The messages between library and worker: any bytes for both decoders, and messages made of the
-// input's bytes there and back. What is taken keeps the limits, and has one encoding.
+// The messages between library and worker: any bytes for both decoders, and messages made from the
+// input's bytes, encoded and decoded. An accepted message keeps the limits and has one encoding.
 #include <algorithm>
 #include <string>
 

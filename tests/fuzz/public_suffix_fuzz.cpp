@@ -1,13 +1,14 @@
 // Public suffixes: the built-in table against libpsl, which reads the very list that the table is
 // made of; and the guard of the candidates, which must never be laxer than libpsl's current list.
 //
-// What must agree, for names in ASCII without empty labels, seen in lower case without outer dots:
-//  - the guard says yes exactly where libpsl does by the table's list or, for names with a dot, by
-//    its current one, both without the rule that an unknown top-level name counts. International
-//    rules are the exception: the table holds them as UTF-8, out of reach, and libpsl in ASCII form
-//    too, so there yes may come from libpsl alone;
-//  - a name that the exact lookups take is one for the guard.
-// What need not: the exact lookups know no wildcards, so they may say no where the guard says yes.
+// These must agree, for names in ASCII without empty labels, in lower case and without outer dots:
+//  - the guard returns yes exactly if libpsl does, by the table's list or, for names with a dot, by
+//    its current list, both without the rule that an unknown top-level name counts. International
+//    rules are the exception: the table has them only as UTF-8, which no lookup finds, and libpsl
+//    has them in ASCII form, too. For these only libpsl may return yes;
+//  - the guard accepts every name that the exact lookups accept.
+// What need not hold: the exact lookups know no wildcards, so they may return no if the guard
+// returns yes.
 #include <libpsl.h>
 
 #include <string>

@@ -1,4 +1,4 @@
-// The resolver file's text: what is taken of it is part of one line, and the last one that counts.
+// The resolver file's text: the result is a part of one line, which is the last line that counts.
 #include <sstream>
 #include <string>
 

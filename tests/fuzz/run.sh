@@ -20,7 +20,7 @@ fuzz() {
   fi
   rm -rf "$folder/findings"
   mkdir -p "$folder/corpus" "$folder/findings"
-  # The outer limit is for a target that hangs where libFuzzer's alarm does not come.
+  # The outer limit is for a target that hangs without libFuzzer's alarm.
   timeout --signal=ABRT --kill-after=10 $((seconds + 60)) \
     "$build/out/fuzz/${name}_fuzz" "${options[@]}" "$folder/corpus" "$source/corpus/$name" \
     >"$folder/log" 2>&1 || echo $? >"$folder/findings/status"

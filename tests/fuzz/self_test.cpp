@@ -1,4 +1,4 @@
-// A target whose property is wrong for some inputs: what a replay makes of it is tested.
+// A target whose property does not hold for some inputs, to test that a replay reports it.
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"

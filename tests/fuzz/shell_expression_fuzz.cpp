@@ -18,7 +18,7 @@ using namespace pac_worker;
 
 namespace {
 
-// The language's own words for the same, by its own means.
+// The same expression for the engine's regular expressions.
 constexpr char kScript[] = R"(
 function viaRegExp(text, expression) {
   var to = { '*': '.*', '?': '.', '.': '\\.' };
@@ -48,7 +48,7 @@ class Trial {
  private:
   static ScriptLimits limits() {
     ScriptLimits limits;
-    // What takes long is the fuzzer's own find; a corpus may be tried where the machine stands
+    // Only the fuzzer reports a slow input; a corpus may be replayed while the machine stands
     // still.
     limits.time = std::chrono::seconds(60);
     return limits;

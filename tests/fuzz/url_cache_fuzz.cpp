@@ -1,6 +1,6 @@
-// The answers' cache against a model of two lines: a list of keys in the order of use. Each byte
-// pair of the input is one call; texts are freed by whoever holds them, so that the address
-// sanitizer sees one that is freed twice, or never.
+// The cache of answers against a simple model: a list of keys in the order of use. Each byte pair
+// of the input is one call; each holder frees its texts, so that the address sanitizer sees one
+// that is freed twice, or never.
 #include <algorithm>
 #include <cstring>
 #include <list>
@@ -44,7 +44,7 @@ class Trial {
   void set(const std::string& key, ProxyUrlSettings list) {
     const auto known = find(key);
     if (known != mModel.end()) {
-      // The list that is replaced is not the cache's any more, nor released by it.
+      // The cache does not own a replaced list any more, and does not release it.
       mReplaced.push_back(std::move(known->list));
       mModel.erase(known);
     } else if (mModel.size() == static_cast<std::size_t>(mCapacity)) {
@@ -72,7 +72,7 @@ class Trial {
     require(mDue.empty(), "clearing releases every answer");
   }
 
-  /// What the cache's end releases.
+  /// The lists that the end of the cache releases.
   void expectAll() {
     mModel.sort([](const auto& a, const auto& b) { return a.key < b.key; });
     mDue.splice(mDue.end(), mModel);

@@ -1,4 +1,4 @@
-// The host of a URL: a part of the text, cut where it is promised to be cut and nowhere else.
+// The host of a URL is a part of the text, cut only at the promised places.
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -31,7 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   const std::string rest = url.substr(scheme + 3);
-  // One slash may lead, the next one cuts no more: that is looked for at the first place alone.
+  // A slash as the first character does not end the host, and then no later slash does: only the
+  // first slash is looked for.
   const auto cut = rest.starts_with('/') ? rest.find(':') : rest.find_first_of("/:");
   const std::string wanted = rest.substr(0, cut);
   require(host.has_value() == !wanted.empty(), "there is no host where it comes out empty");

@@ -1,7 +1,7 @@
 // The worker's side of the conversation, with a hostile library at the other end. The loop is the
-// worker's own; the script engine behind it is replaced by one that asks and says what the input
-// makes it, and the end of the process by an exception. Everything that the library will ever say
-// is in the socket before. A model says what the worker has to send, to the byte, and how it ends.
+// worker's own; the input controls a replacement of the script engine, and an exception replaces
+// the end of the process. The socket already contains all messages of the library. A model predicts
+// each byte that the worker sends, and how the worker ends.
 //
 // The input: a byte for the number of the library's messages, and these, each behind a byte for its
 // kind; what is left makes the engine's steps.
@@ -36,7 +36,7 @@ struct Ended {
   int code;
 };
 
-/// The library that says anything, and knows what it has to hear.
+/// The library: it sends any message, and knows which messages it must receive.
 struct Library {
   explicit Library(fuzz::Input& given) : input(given) {}
 
@@ -82,7 +82,7 @@ void Library::say() {
   shutdown(socket.get(), SHUT_WR);
 }
 
-/// Reads what the worker has sent: the very messages that it had to send.
+/// Reads the messages of the worker, and checks that they are those that the model predicts.
 void Library::hear() {
   static char buffer[kMaxMessageBytes + 1];
   for (;;) {
@@ -95,7 +95,7 @@ void Library::hear() {
   }
 }
 
-/// The next message, taken by the model where the worker may take it now.
+/// The next message. The model accepts it if the worker may accept it now.
 template <typename Wanted>
 std::optional<Wanted> Library::take() {
   if (said.empty()) return std::nullopt;
@@ -106,8 +106,8 @@ std::optional<Wanted> Library::take() {
   return std::get<Wanted>(*decodeFromLibrary(taken));
 }
 
-/// Only the socket's end, or a refusal, ends a worker in peace. A packet without a byte looks like
-/// the socket's end, and is.
+/// A worker ends without an error only at the end of the socket or after a refusal. A packet
+/// without a byte counts as the end of the socket.
 int Library::expectedCode() const {
   return refused || said.empty() || said.front().empty() ? EXIT_SUCCESS : pac_worker::kExitBroken;
 }
@@ -148,7 +148,7 @@ void ownAddresses(pac_worker::PacEnvironment& environment, AddressFamily family)
   }
 }
 
-/// What a script may do through its helpers.
+/// The actions of a script through its helpers.
 void runSteps(pac_worker::PacEnvironment& environment) {
   auto& input = library->input;
   for (auto left = input.below(kMostSteps + 1); left > 0; --left) {

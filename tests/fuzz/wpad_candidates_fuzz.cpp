@@ -1,5 +1,5 @@
-// The candidates of a search list: every URL asks "wpad" under a name of the list, and nobody is
-// asked who sits at a public suffix, as curl, which fetches it, sees the host.
+// The candidates of a search list: every URL asks "wpad" below a name of the list, and the host, as
+// curl reads it, is never directly below a public suffix.
 #include <curl/curl.h>
 
 #include <memory>
@@ -22,7 +22,7 @@ constexpr std::string_view kBegin = "http://wpad.";
 constexpr std::string_view kEnd = "/wpad.dat";
 constexpr std::size_t kMostCandidates = 32;
 
-/// The host that curl would ask; empty where it refuses the URL.
+/// The host that curl would ask; empty if curl refuses the URL.
 std::string hostByCurl(const std::string& url) {
   const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
   char* host = nullptr;
@@ -46,7 +46,7 @@ std::string withoutOuterDots(std::string name) {
   return name;
 }
 
-/// Whether `name` is a token of the list, or where `partly`, ends one after a dot.
+/// Whether `name` is a token of the list or, if `partly`, the end of a token after a dot.
 bool isOf(const std::string& domain, const std::string& name, bool partly) {
   fuzz::Input tokens(reinterpret_cast<const std::uint8_t*>(domain.data()), domain.size());
   while (!tokens.empty()) {

@@ -1,5 +1,5 @@
-// What is known to break script engines, run through the sandboxed worker: an answer or an error of
-// the script, never a dead worker.
+// Scripts that are known to break script engines, run through the sandboxed worker: an answer or an
+// error of the script, never a dead worker.
 //
 // proofs/ holds our own scripts, each named for the published hole that it tries and with a first
 // line that says how. A proof that finds the hole answers something else than "ok". The regression

@@ -57,7 +57,7 @@ def test_after_a_lost_bus_it_starts_with_the_new_one(build, bus, syslog, web):
 
 @pytest.mark.slow
 def test_a_hundred_killed_buses_are_each_noticed(build, syslog, web):
-    """With callers and senders on other threads under way, at a random moment.
+    """At a random moment, while other threads call and send.
 
     In one half of the rounds nobody updates, so that the announcements go on; in the other each
     update makes the fetcher's thread say that the content is new.

@@ -64,7 +64,7 @@ def test_bash_and_fish_offer_every_command_and_option(grammar, shell):
         pytest.skip(f"there is no {shell.__name__}")
     os.makedirs("/tmp/of files")
     for words, (options, commands) in grammar.items():
-        # An argument that stands there keeps the commands away where there are none.
+        # If a command has no subcommands, an existing argument keeps the commands out of the list.
         assert commands <= shell(*words, ""), words
         assert options <= shell(*words, "--"), words
     assert shell("get", "--format", "") == FORMATS
@@ -104,7 +104,7 @@ def test_zsh_offers_every_command_and_option(grammar):
                 raise AssertionError(f"{line!r} does not offer {missing}: {text}") from error
             missing = {word for word in missing
                        if not re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", text)}
-        # Empties the line, and tells by a command where what is listed ends.
+        # Empties the line; a command then marks the end of the list.
         zsh.type("\x15print e''nd\n")
         zsh.output.wait("end.*READY> ")
 

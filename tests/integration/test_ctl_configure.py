@@ -69,7 +69,7 @@ def test_the_password_is_asked_for_at_the_terminal_and_not_shown(ctl, client):
             BAD_DATA, "proxymanagerctl: the password is empty; an empty one has to come from a file "
             "or a pipe")
     assert client.config()[0] == "manual"
-    # setsid takes the terminal of whoever runs the test away.
+    # setsid detaches the program from the terminal of the test.
     assert said(ctl("off", "--user", "u", wrapper=["setsid", "--wait"])) == (
         USAGE, "there is no terminal to ask for the password; name a file that holds it with "
         '--password-file, or "-" for standard input')

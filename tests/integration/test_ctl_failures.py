@@ -103,7 +103,7 @@ def test_a_bus_that_greets_and_then_does_not_answer_is_told_in_one_line(ctl, roo
 
 def test_a_slow_answer_is_told_in_one_line(ctl, daemon):
     daemon.signal(signal.SIGSTOP)
-    slow = "proxymanagerd has not answered within 0.1 s, maybe because it waits for a download; "
+    slow = "proxymanagerd has not answered within 0.1 s, maybe because it loads a script; "
     ask = slow + "try again, or give it more time with --timeout"
     change = slow + ('the change may still be made, look with "proxymanagerctl config", or give it '
                      "more time with --timeout")
@@ -189,7 +189,7 @@ def test_somebody_else_with_the_daemons_name_is_told_in_one_line(ctl, stand_in):
     for name, arguments in commands("status", "watch"):
         assert said(ctl(name, *arguments)) == (
             PROTOCOL, line.format("its reply has another form")), name
-    # The bus passes such a character on, and the library of who asks does not take it.
+    # The bus passes such a character on, and the caller's library refuses it.
     stand_in(getProxyurl=("as", (["manual", "http://p:1", "http://\ufffe:2"],)))
     assert said(ctl("get", "http://a/")) == (PROTOCOL, line.format("its reply has another form"))
     unknown = "org.freedesktop.DBus.Error.UnknownMethod"

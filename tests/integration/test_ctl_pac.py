@@ -256,7 +256,7 @@ def test_a_time_with_a_zone_is_that_instant(ctl):
                  "2026-03-02T08:05:09,5+00:00", "2026-03-02T10:05:09+02", "2026-03-02T10:05:09+0200",
                  "2026-03-01T22:35:09-09:30", "20260302T080509Z", "20260302T100509+0200"):
         assert ctl.eval(script, "--at", text, "http://a/") == ["true"], text
-        # The zone in which the script looks at it changes nothing of that.
+        # The script's time zone does not change that.
         assert ctl.eval(script, "--at", text, "--tz", "Asia/Tokyo", "http://a/") == ["true"], text
     assert ctl.eval(script, "--at", "2026-03-02T08:05:10Z", "http://a/") == ["false"]
 

@@ -128,7 +128,7 @@ def test_diagnose_tries_each_entry_and_says_what_fails(ctl, client, web):
             f"{entries[0]}: no connection: Connection refused",
             f'{entries[1]}: it answers "407 Proxy Authentication Required": it wants a user name and '
             "a password", f'{entries[2]}: it answers "502 Bad Gateway"',
-            f"{entries[3]}: it does not speak HTTP", "PROXY -x:1: it is no proxy's address"]
+            f"{entries[3]}: it does not speak HTTP", "PROXY -x:1: it is not the address of a proxy"]
         assert asks.requests == ["HEAD http://www.example:80/ HTTP/1.1\r\nHost: www.example:80\r\n"
                                  "Connection: close\r\n\r\n"]
         answering(client, web, f"PROXY 127.0.0.1:{good.port}")

@@ -124,7 +124,7 @@ def test_a_later_file_that_overrules_is_named(ctl, daemon, client, group):
     assert (result.status, result.errors) == (ANSWERED, (
         f'proxymanagerctl: {FOLDER}/settings.d/99-device.conf is read later and sets "mode": it '
         "overrules what is saved\n"))
-    # Until the settings service runs, the daemon has what was asked for.
+    # Until the settings service runs, the daemon has the requested configuration.
     assert client.config()[0] == "wpad"
 
 

@@ -58,7 +58,7 @@ def test_status_has_the_pac_files_age_and_digest(ctl, client, web):
     assert found["password"] == "secret" and found["waiting"] is False
     assert found["pacfile"]["sha256"] == table["SHA-256"]
     assert 7300 <= found["pacfile"]["age"] < 7300 + LIMIT and found["pacfile"]["exists"] is True
-    # A mode that has no script does not use it.
+    # A mode without a script does not use the file.
     client.update("manual", "http://u:geheim@p:1")
     table = rows(ctl("status").output)
     assert table["proxy URL"] == "http://u:***@p:1"

@@ -44,7 +44,7 @@ def test_watch_says_an_object_for_each_signal(ctl, client):
 def test_watch_believes_the_daemon_alone_and_shows_no_control_character(ctl, client):
     watch = ctl.start("watch")
     watch.output.wait("daemon +runs")
-    # Addressed to every connection there is, which no rule of watch's keeps out.
+    # The signal is addressed to each connection directly, so no match rule of watch keeps it out.
     address = DBusAddress(PATH, interface=INTERFACE)
     for name in client.connection.send_and_get_reply(message_bus.ListNames()).body[0]:
         if name.startswith(":"):

@@ -111,14 +111,15 @@ def test_a_connection_has_64_questions_that_wait_and_the_others_are_answered_at_
                                    "getProxyurl", "s", QUESTION)
         for _ in range(70):
             connection.send(question)
-        # One is evaluated, five do not fit; the order shows that none of the 64 came before those.
+        # One question is evaluated and five do not fit. The order shows that none of the 64 was answered
+        # before those.
         for _ in range(6):
             assert receive(connection) == (["pacurl"],)
         syslog.wait_match(WARNING, r"ProxyManagerDbusHandler-handle_message too many questions wait, "
                                    r"answered without the script:\d+, last of::1\.\d+")
         endless.signal(signal.SIGTERM)
         rest = [receive(connection) for _ in range(64)]
-        # The evaluation in progress ends first, and the others wait for nothing.
+        # The evaluation in progress ends first, and the other calls do not wait longer.
         assert rest.count((["off"],)) >= 62
         assert endless.wait() == 0
     warnings = [text for text in syslog.texts() if "too many questions" in text]
@@ -135,7 +136,7 @@ def receive(connection):
 
 
 def test_calls_of_a_connection_that_left_are_dropped(endless):
-    """One that asked 60 questions would hold the next one up for five minutes."""
+    """A user with 60 questions would delay the next user by five minutes."""
     with open_dbus_connection(ADDRESS) as connection, Client() as client:
         question = new_method_call(DBusAddress(PATH, bus_name=NAME, interface=INTERFACE),
                                    "getProxyurl", "s", QUESTION)

@@ -78,7 +78,7 @@ def full(path, room):
 
 @pytest.mark.parametrize("room", [0, 3 * 4096])
 def test_a_full_tmp_keeps_the_old_script_until_there_is_room(client, web, syslog, room):
-    # What fits of it would pass for a script.
+    # The part that fits would pass as a script.
     new = script("PROXY new:1") + " " * 40_000
     load(client, web, syslog, script("PROXY old:1"), "/old.pac")
     with full("/tmp", room):
@@ -151,7 +151,7 @@ def test_without_descriptors_it_answers_and_fetches_when_there_are_some(daemon, 
     syslog.wait(ERR, "PACFetcher-retrievePacFile getdhcpinfo error rc:24")
     with Client() as other:
         assert other.urls("http://a/") == ["wpad", "PROXY old:1"]
-    # Nor can another worker be had; those descriptors that this one leaves are refused, too.
+    # No new worker can start either; the descriptors that this worker frees are refused, too.
     (worker,) = daemon.children()
     allow_descriptors(4)
     os.kill(worker, 9)
@@ -174,7 +174,7 @@ def seconds_run(pid):
 
 
 def test_a_wait_that_is_refused_is_tried_again_without_haste(daemon, client, allow_descriptors):
-    """Below the number of those it watches, the system refuses the daemon the wait itself."""
+    """If the limit is below the number of watched descriptors, the system refuses the wait itself."""
     client.update("manual", proxyurl="p:1")
     allow_descriptors(0)
     began = seconds_run(daemon.pid)
@@ -292,7 +292,7 @@ def test_a_jump_of_the_wall_clock_changes_nothing(build, bus, syslog, web, signa
         clock.jump(jump)
         asking.join(LIMIT)
         assert answers == [["pacurl", "PROXY new:1"]]
-        # And what was waiting before the jump hears what comes after it.
+        # A wait that began before the jump still receives events after the jump.
         web.routes["/new.pac"] = script("PROXY newer:1")
         append_and_settle("/tmp/.resolv.conf.dnsmasq", "# changed\n", syslog)
         syslog.wait(INFO, "PacParser-parsePacFile pac init", 3, LIMIT)

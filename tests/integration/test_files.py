@@ -27,7 +27,7 @@ def files(tree):
             for name in folders + names:
                 status = os.lstat(os.path.join(path, name))
                 kept = (status.st_mode, status.st_uid, status.st_ino)
-                # Devices are the machine's, where others write to them.
+                # Devices belong to the machine, and other programs write to them.
                 is_kept_alone = name in folders or stat.S_ISCHR(status.st_mode)
                 found[os.path.join(path, name)] = kept if is_kept_alone else (
                     *kept, status.st_size, status.st_mtime_ns)
@@ -35,7 +35,7 @@ def files(tree):
 
 
 def changed(before, after):
-    """But for what the test itself keeps of the daemon's stderr."""
+    """Except for the daemon's stderr, which the test itself keeps."""
     return {path for path in {*before, *after} if before.get(path) != after.get(path)
             and not path.startswith("/run/daemon_stderr.")}
 

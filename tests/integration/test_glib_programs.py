@@ -17,7 +17,8 @@ pytestmark = pytest.mark.usefixtures("own_network")
 
 LIMIT = 120  # seconds for any run
 # Of the folders that the script at the end of the wrapper is given, the first is laid over /usr: so
-# Debian's programs stand where they look for each other. All that they leave behind ends with them.
+# Debian's programs are in the places where they look for each other. All that they leave is removed with
+# them.
 OVER_USR = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-c",
             'mount -t overlay overlay -o "lowerdir=$0/usr:/usr" /usr && exec "$@"']
 

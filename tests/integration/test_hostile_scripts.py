@@ -69,7 +69,7 @@ def memory(pid):
 def test_a_hostile_call_costs_its_own_answer_at_most(daemon, client, web, syslog, name, sanitizer):
     before = []
 
-    def prepare():  # anew for each try: a load empties the cache
+    def prepare():  # again for each try: a load empties the cache
         load(client, web, syslog, SCRIPT % IN_A_CALL[name])
         assert client.urls("http://good.example/") == ["pacurl", "PROXY good:1"]
         before[:] = [memory(daemon.pid)]

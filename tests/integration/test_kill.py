@@ -98,7 +98,7 @@ def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, sysl
         outcomes["half"] += os.path.exists(TEMPORARY)
         before = found
     print(outcomes)
-    # Else the moments were not those that this is about.
+    # If not, the moments were not those that this test needs.
     assert outcomes["old"] > 10 and outcomes["new"] > 10 and outcomes["half"] > 10, outcomes
     wait_until(lambda: children_here() == [], "no child process outlives its daemon", LIMIT)
     syslog.clear()

@@ -82,7 +82,7 @@ def test_without_libcurl_the_download_fails_and_the_daemon_goes_on(build, bus, s
         assert web.requests == []
         client.update("manual", proxyurl="http://proxy.example.org:3128")
         assert client.urls(URL) == ["manual", "http://proxy.example.org:3128"]
-        # What was in the way may go.
+        # The obstacle may disappear.
         show()
         web.routes["/x.pac"] = script("PROXY p:1")
         client.update("pacurl", pacurl=web.url("/x.pac"))

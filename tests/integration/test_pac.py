@@ -119,7 +119,7 @@ def test_before_the_first_script_there_is_no_answer(client, web, syslog):
 
 
 def refused(client, web, syslog, route, transfer):
-    """The old script goes on; the temporary file is gone; the lines are said."""
+    """The old script stays in force, the temporary file is gone, and the lines are logged."""
     load(client, web, syslog, script("PROXY old:1"))
     with open(PAC) as file:
         before = file.read()
@@ -249,7 +249,7 @@ def test_the_same_configuration_during_a_fetch_makes_exactly_one_further_fetch(c
     web.routes["/slow.pac"] = held = Held(script("PROXY slow:1"))
     use(client, web, "/slow.pac")
     web.wait("/slow.pac")
-    # They are answered while the transfer goes on.
+    # The calls are answered while the transfer goes on.
     for _ in range(5):
         use(client, web, "/slow.pac")
     assert web.paths() == ["/slow.pac"]

@@ -151,7 +151,7 @@ def test_a_script_that_has_arrived_is_not_asked_for_again(settings, daemon, clie
     before = updates(syslog)
     link("dummy0", 100)
     link("dummy1", 200)
-    # A later change of the settings is handed over once, so nothing was before it.
+    # A later change of the settings is sent once, so nothing was sent before it.
     write_settings('mode = "off"\n')
     wait_for(client, *OFF)
     assert updates(syslog) == before + 1

@@ -16,7 +16,7 @@ APPENDED = 2 * EVENT  # the change and the closing
 
 
 def bytes_read(syslog):
-    """Of all events since the start. Those of one descriptor come in their order."""
+    """Reads all events since the start. The events of one descriptor are in their order."""
     return sum(int(length) for length in
                re.findall(rf"^{WATCH} read len:(\d+)$", "\n".join(syslog.texts()), re.MULTILINE))
 

@@ -44,7 +44,7 @@ def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
         pytest.skip("needs a root to take privileges from")
     with open("/run/loop.pac", "w") as file:
         file.write("function FindProxyForURL() { for (;;); }\n")
-    # Root's bounding set bounds what it gets at the start of a program.
+    # The bounding set limits the capabilities that root gets at the start of a program.
     with asking(build, "setpriv", "--bounding-set", f"-{without}", "--inh-caps",
                 f"-{without}") as worker:
         if not sanitizer:  # whose workers have no system call filter
@@ -53,14 +53,15 @@ def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
         assert field(worker, "NoNewPrivs") == ["1"]
         wait_until(lambda: int(field(worker, "CapEff")[0], 16) == 0, "it has no capability")
         assert int(field(worker, "CapPrm")[0], 16) == 0
-    # Busy, deaf and perhaps not to be killed, it ends by its own alarm.
+    # The worker is busy, reads no message, and perhaps cannot be killed: its own alarm ends it.
     wait_until(lambda: not lives(worker), "the worker is gone")
 
 
 def test_the_worker_of_root_is_nobody_whoever_has_an_account(build):
     if os.geteuid() != 0:
         pytest.skip("needs a root that becomes another")
-    # The group of those who may configure has this name, and an account often comes with a group.
+    # The group of the users who may configure has this name, and many systems make a group with the same
+    # name as an account.
     with open("/etc/passwd") as file:
         others = [line for line in file if not line.startswith("proxymanager:")]
     with open("/etc/passwd", "w") as file:

@@ -41,7 +41,7 @@ class Dhclient:
     def release(self):
         # The hooks run before it has noted the lease itself.
         wait_until(lambda: contents(self._log).count("bound to") >= self._starts, "it is bound")
-        # Which it says before it writes this anew.
+        # It logs that before it writes this file again.
         wait_for_text(self._pid, "\n")
         subprocess.run(["dhclient", "-4", "-r", *self._files, *self._metric, self._interface],
                        check=True, capture_output=True)
@@ -111,7 +111,7 @@ class Dhcpcd:
     def start(self):
         for interface in self._interfaces:
             ip("link", "set", interface, "up")
-        # It is many processes, and now and then they do not end: here they end with their namespace.
+        # It consists of many processes, which sometimes do not end. Here they end with their namespace.
         self._process = _spawn(["unshare", "--pid", "--fork", "dhcpcd", "-B", "-4",
                                 *self._interfaces])
 
@@ -128,7 +128,7 @@ class Dhcpcd:
     def release(self):
         # The hooks run before it is done with the lease itself.
         wait_for_text("/run/unshare.log", "adding route to")
-        # Now and then it misses one.
+        # It sometimes misses one.
         for _ in range(12):
             self._signal(signal.SIGALRM)
             try:

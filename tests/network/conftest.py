@@ -12,7 +12,7 @@ from lan import device_network
 from support.own_root import mount_empty
 from support.skipping import refuse_or_skip
 
-# Servers and DHCP clients stand where an ordinary user's PATH does not lead.
+# Servers and DHCP clients are in folders outside an ordinary user's PATH.
 os.environ["PATH"] += ":/usr/local/sbin:/usr/sbin:/sbin"
 
 

@@ -81,7 +81,7 @@ class Gateway:
         self._names = {}
         with self.inside():
             ip("link", "set", "port", "down")
-        # Carriers that go and come at once are not told of.
+        # The kernel does not report a carrier that is lost and returns at once.
         wait_until(lambda: "state DOWN" in ip("link", "show", self._interface)
                    or "LOWERLAYERDOWN" in ip("link", "show", self._interface), "it has no carrier")
         with self.inside():

@@ -58,7 +58,7 @@ class Downloads:
         self.syslog.wait(DEBUG, f"PACFetcher-fileDownload result success:{transferred}, code:{code}")
         with open(PAC) as file:
             assert file.read() == self.old, url
-        # It goes right after the line that was waited for.
+        # It is removed right after the awaited line.
         wait_until(lambda: not os.path.exists(PAC + ".tmp"), "no temporary file")
         self.answers("PROXY old:1")
 

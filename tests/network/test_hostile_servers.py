@@ -1,4 +1,4 @@
-"""Servers that attack whoever downloads from them: each costs its own download. The daemon's private
+"""Servers that attack their clients: each spoils only its own download. The daemon's private
 memory, read before, during and after, grows by 256 KiB at most, the process that downloads is gone
 after 30.5 s at most, and the next download works."""
 
@@ -101,7 +101,7 @@ class Watched:
 
 
 def costs_its_own_download(downloads, daemon, url, name, capsys):
-    # The first download and question take what they take.
+    # The memory of the first download and question does not count.
     downloads.fetch(downloads.url("/old.pac"))
     downloads.answers("PROXY old:1")
     with Watched(daemon.pid) as memory:
@@ -127,7 +127,7 @@ def test_a_hostile_server_costs_its_own_download(downloads, daemon, capsys, name
     downloads.web.routes["/hostile"] = ROUTES[name]()
     downloads.web.routes["/new.pac"] = script("PROXY new:1")
     url = downloads.url("/hostile")
-    # What a standing machine adds is not the daemon's.
+    # Time during which the machine stood still does not count for the daemon.
     for _ in range(3):
         seconds = costs_its_own_download(downloads, daemon, url, name, capsys)
         if seconds < MOST:

@@ -53,7 +53,7 @@ def test_the_end_of_dhclients_better_lease_brings_back_the_other(hooks, office, 
         comes_back_with_the_others_end(first, second, office, home)
         first.start()
         counts(OFFICE, "eth0")
-        # And the end of the worse one changes nothing.
+        # The end of the worse route changes nothing.
         before = [os.stat(path).st_mtime_ns for path in (LEASE, RESOLVER)]
         second.release()
         wait_until(lambda: os.listdir(KEPT) == ["eth0"], "the other lease is forgotten")

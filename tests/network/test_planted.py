@@ -187,7 +187,7 @@ def test_a_planted_resolver_file_neither_blocks_nor_steers(fetching, gateway):
         fetching.syslog.wait(ERR, f"PACFetcher-getDomainName open:{RESOLVER} failed")
         fetching.syslog.wait(ERR, "PACFetcher-retrievePacFile PAC file download failed url:")
         assert fetching.client.urls("http://a/") == ["wpad"], plant.__name__
-    # The same list as root's own file does steer: the name and the server were there.
+    # Control: the same list in root's own file has an effect, so the name and the server exist.
     clear(RESOLVER)
     with open(RESOLVER, "w") as file:
         file.write("search evil.example\n")

@@ -122,7 +122,7 @@ def test_hosts_behind_a_silent_filter_cost_30_seconds_each(walk, gateway):
 @pytest.mark.slow
 @pytest.mark.parametrize("servers", [1, 2, 3])
 def test_silent_name_servers_cost_30_seconds_a_name_at_most(walk, gateway, servers):
-    # A second and a third that nobody answers for, and names that are tried one after the other.
+    # Second and third candidates without an answer, and names that are tried one after the other.
     with open("/etc/resolv.conf", "a") as file:
         file.writelines(f"nameserver 203.0.113.{number}\n" for number in range(1, servers))
         file.write("search a.example b.example c.example\n")

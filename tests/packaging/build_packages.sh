@@ -2,7 +2,7 @@
 # Builds the Debian packages in FOLDER/out from a copy of the tree, and has lintian look at them.
 # usage: build_packages.sh TREE FOLDER
 #
-# The copy keeps what was built in it before, so only what changed since is built anew.
+# The copy keeps its earlier build, so only changes are built again.
 set -euo pipefail
 tree=$1 folder=$2
 copy=$folder/tree out=$folder/out
@@ -12,7 +12,7 @@ mkdir -p "$copy" "$out"
 if [ -n "${PROXYMANAGER_PACKAGES-}" ]; then
   cp "$PROXYMANAGER_PACKAGES"/*proxymanager* "$out"
 else
-  # The files that git knows or would add; what is gone from the tree goes from the copy.
+  # The files that git knows or would add; files that were removed from the tree are removed from the copy.
   files=$(mktemp)
   trap 'rm -f "$files"' EXIT
   (cd "$tree" && git -c safe.directory='*' ls-files -z --cached --others --exclude-standard |

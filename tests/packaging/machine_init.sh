@@ -24,6 +24,6 @@ ln -s /proc/self/fd dev/fd
 ip link set lo up
 mkdir -p .outside
 pivot_root . .outside
-# What is outside is seen no more; systemd is told that it has no machine of its own.
+# The outer system is not visible any more; systemd gets the information that it runs in a container.
 exec chroot . /bin/sh -c 'umount -l /.outside && rmdir /.outside &&
   exec env -i container=test PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd'

@@ -76,7 +76,7 @@ def test_the_lease_of_the_default_route_counts_and_its_end_brings_back_the_other
 def test_an_interface_without_a_lease_changes_nothing(managed):
     managed.counts("office")
     before = managed.run("stat", "--format=%y", LEASE, RESOLVER).stdout
-    # As a container engine makes it, and one with a fixed address.
+    # One interface as a container engine makes it, and one with a fixed address.
     managed.run("ip", "link", "add", "docker0", "type", "bridge")
     managed.run("ip", "address", "add", "172.17.0.1/16", "dev", "docker0")
     managed.run("ip", "link", "set", "docker0", "up")

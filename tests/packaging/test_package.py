@@ -20,8 +20,8 @@ DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 CAP_FOWNER = 1 << 3
 SCRIPT = b"""function FindProxyForURL(url, host) { return "PROXY 10.0.0.1:8080; DIRECT"; }"""
 ANSWER = ["PROXY 10.0.0.1:8080", "DIRECT"]
-# What changes in a system that runs, whoever is installed; and the copies that the programs which
-# change accounts keep of what was before.
+# Changes in a running system, whatever package is installed; and the copies that the programs which change
+# accounts keep of what was before.
 LEFT_ALONE = re.compile(r"/(proc|sys|dev|run/(systemd|udev|log|lock)|var/(log|cache)|var/lib/dpkg"
                         r"|tmp/systemd-private.*|var/tmp/systemd-private.*)(/|$)"
                         r"|/etc/(passwd|group|shadow|gshadow)-$|/var/lib/systemd/(timers|random.*)"

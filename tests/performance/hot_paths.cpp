@@ -43,7 +43,7 @@ Path cachedAnswer() {
   return [=](int time) { parser->getProxy((*urls)[static_cast<std::size_t>(time % kHosts)]); };
 }
 
-/// What a script answered, as entries.
+/// The answer of a script, as entries.
 Path parsedResult() {
   return [](int) {
     auto settings = PacParser::proxys2ProxySettings(
@@ -60,7 +60,7 @@ Path cleanedRequest() {
   };
 }
 
-/// What the worker does: engine and helpers.
+/// The work of the worker: engine and helpers.
 Path evaluation() {
   const auto world = std::make_shared<bench::SimulatedEnvironment>();
   const auto engine = std::make_shared<pac_worker::ScriptEngine>(*world);

@@ -18,7 +18,7 @@ USAGE, BAD_DATA, NO_INPUT, UNAVAILABLE, OUTPUT, TRY_AGAIN, PROTOCOL, DENIED = (
 START_IT = 'start it, for instance with "systemctl start proxymanagerd"'
 NOT_ALLOWED = "root may, and so may members of the group proxymanager"
 MAX_URL = 65535  # bytes
-# What each command is given where it does not matter what.
+# The arguments of each command in tests that do not depend on them.
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
             "status": [], "watch": []}

@@ -10,7 +10,7 @@
 
 namespace {
 
-// More than any operation here takes; a loop that never ends is one that never gives up.
+// More allocations than any operation here needs; an operation that needs more has an endless loop.
 constexpr int kMostAllocations = 20'000;
 
 constexpr int kNoneFails = -1;

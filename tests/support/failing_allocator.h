@@ -1,8 +1,8 @@
-// Lets allocations of this test program fail, to see what is left behind.
+// Lets allocations of this test program fail, to check that nothing is left behind.
 //
-// Linked into a test program, this stands before the C library's allocator, so that the memory of
-// libraries fails as well. Sanitizers have an allocator of their own: with them operator new alone
-// fails and is counted.
+// This code replaces the C library's allocator in a test program, so the allocations of libraries
+// fail, too. Sanitizers have an allocator of their own: with them operator new alone fails and is
+// counted.
 #pragma once
 
 #include <functional>
@@ -10,7 +10,7 @@
 /// Whether malloc, calloc and realloc fail, too: not under sanitizers.
 extern const bool kMallocFails;
 
-/// What fails after the allocations that succeed.
+/// The allocations that fail after those that succeed.
 enum class Failing {
   kOne,  ///< one allocation; the next ones succeed again
   kAll   ///< each one, until failAllocationsAfter or allowAllocations is called
@@ -38,14 +38,14 @@ class SparedAllocations {
   int mSuccessesLeft;
 };
 
-/// As failEachAllocation, of an operation that says itself whether it went right; `failing` says
-/// whether an allocation may fail meanwhile.
+/// As failEachAllocation, for an operation that itself returns whether it succeeded; `failing` is
+/// true while an allocation may fail.
 int failEachAllocationOf(const std::function<bool(bool failing)>& wentRight);
 
 /// Runs `operation` with its first allocation failing, then with its second, and so on until it
 /// needs no further one; each time once with that one failing alone, and once with all that follow.
-/// Every time it gives the answer that it gives with memory, or an answer in `permitted`, or throws
-/// std::bad_alloc; no memory is left behind; and a further call gives the ordinary answer. Else the
+/// Each time the operation returns its ordinary answer or an answer in `permitted`, or throws
+/// std::bad_alloc; no memory is leaked; and a further call returns the ordinary answer. Else the
 /// test fails. Log lines are masked meanwhile, for their capture allocates too.
 /// @return how many allocations failed one after the other
 template <typename Operation, typename... Permitted>

@@ -1,8 +1,9 @@
 // A real HTTP server on loopback inside the test process, with every byte under the test's control.
 //
-// It knows nothing of HTTP but where a request's head ends: a route writes its bytes onto the
-// socket itself, as slowly, as long and as wrongly as the test wants. Every connection has a thread
-// of its own and serves one request. The destructor ends the connections and joins the threads.
+// The only part of HTTP that it knows is the end of a request's head: a route writes its bytes onto
+// the socket itself, as slowly, as long and as wrongly as the test wants. Every connection has a
+// thread of its own and serves one request. The destructor ends the connections and joins the
+// threads.
 #pragma once
 
 #include <functional>
@@ -19,7 +20,8 @@ class Connection {
   /// Sends all of it. @return false once the peer is gone
   bool send(const std::string& bytes);
 
-  /// Reads up to and with `end`. @return what was read; less where the peer closed or after 64 KiB
+  /// Reads up to and with `end`. @return the text that was read; less if the peer closes, or after
+  /// 64 KiB
   std::string readUntil(const std::string& end);
 
   /// Blocks until the peer closes or the server ends.
@@ -34,8 +36,8 @@ class Connection {
   int mFd;
 };
 
-/// Listens on an ephemeral port of 127.0.0.1 (and of ::1 where asked) and gives each connection to
-/// a function.
+/// Listens on an ephemeral port of 127.0.0.1 (and of ::1 if asked) and gives each connection to a
+/// function.
 class TcpServer {
  public:
   using Handler = std::function<void(Connection&)>;
@@ -61,7 +63,7 @@ class HttpServer {
   explicit HttpServer(TcpServer::Family family = TcpServer::Family::ipv4);
   ~HttpServer();
 
-  /// What is done with a request for `path`. Before the first request or from then on.
+  /// Sets the handler of requests for `path`. May be called before the first request or later.
   void route(const std::string& path, Handler handler);
   /// The same bytes for every request.
   void route(const std::string& path, const std::string& bytes);

@@ -13,7 +13,7 @@
 
 namespace {
 
-// Never destroyed: threads may say lines until the process is gone.
+// Never destroyed: threads may log lines until the process ends.
 struct Captured {
   std::mutex mutex;
   std::condition_variable said;
@@ -40,7 +40,7 @@ __attribute__((format(printf, 2, 0))) void capture(int priority, const char* for
   all.lines.push_back({LOG_PRI(priority), std::move(text)});
   all.said.notify_all();
 } catch (const std::bad_alloc&) {
-  // Lost: syslog throws nothing.
+  // The line is lost, because syslog throws nothing.
 }
 
 int countLocked(const Captured& all, int priority, const std::string& text) {

@@ -1,7 +1,7 @@
-// Catches the lines that this process says to syslog, for tests.
+// Captures the lines that this process logs to syslog, for tests.
 //
-// Linking tests/support puts its own syslog functions before the C library's. Masking is kept:
-// what setlogmask hides is not captured. Lines of all threads are kept in the order they were said.
+// The syslog functions of tests/support replace those of the C library. Lines that setlogmask hides
+// are not captured. Lines of all threads are kept in their order.
 #pragma once
 
 #include <iosfwd>
@@ -16,7 +16,7 @@ struct LogLine {
 
 std::ostream& operator<<(std::ostream& stream, const LogLine& line);
 
-/// The lines said since the process began or since the last clearLog().
+/// The lines that were logged since the process began or since the last clearLog().
 std::vector<LogLine> logLines();
 void clearLog();
 
@@ -28,6 +28,6 @@ inline bool logged(int priority, const std::string& text) {
   return countLog(priority, text) > 0;
 }
 
-/// Waits until a line equal to `text` at `priority` has been said `times` times, 60 s at most.
+/// Waits until a line equal to `text` at `priority` has been logged `times` times, 60 s at most.
 /// @return whether it was
 bool waitForLog(int priority, const std::string& text, int times = 1);

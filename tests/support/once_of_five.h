@@ -1,4 +1,4 @@
-// What takes its time in tests, on a machine that may stand still at any moment.
+// Helpers for steps that need a time limit, on a machine that may stop at any moment.
 #pragma once
 
 #include <gtest/gtest-spi.h>
@@ -12,7 +12,7 @@
 /// are the test's.
 ///
 /// ASSERT in `step` returns from `step`. Whatever `step` changes it sets up itself, for each time
-/// begins anew. It must not skip the test, and threads it starts must end with it.
+/// begins again. It must not skip the test, and threads it starts must end with it.
 template <typename Step>
 void onceOfFive(Step&& step) {
   constexpr int kForgiven = 4;

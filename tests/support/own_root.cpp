@@ -43,7 +43,7 @@ bool isBelow(const fs::path& path, const fs::path& folder) {
   return path.lexically_relative(folder).native().substr(0, 2) != "..";
 }
 
-// An empty folder in place of `path`, but for the tree under test where that lies below it.
+// An empty folder in place of `path`, except for the tree under test if it is below `path`.
 void replaceByEmpty(const fs::path& path, const char* options) {
   const fs::path full = "/mnt/full";
   fs::create_directories(full);
@@ -58,8 +58,8 @@ void replaceByEmpty(const fs::path& path, const char* options) {
   require(umount2(full.c_str(), MNT_DETACH) == 0, "umount");
 }
 
-/// Copies one file, link or folder with all in it. What is gone by then is passed over: others
-/// replace files there meanwhile.
+/// Copies one file, link or folder with all in it. A file that has vanished is skipped, because
+/// other programs replace files there.
 void copyTree(const fs::path& source, const fs::path& target) {
   std::error_code error;
   const bool folder = fs::is_directory(fs::symlink_status(source, error));
@@ -79,7 +79,7 @@ void copyTree(const fs::path& source, const fs::path& target) {
 }  // namespace
 
 void enterOwnRoot() {
-  umask(022);  // whatever whoever runs the tests has set
+  umask(022);  // whatever mask the user of the tests has
   const uid_t user = getuid();
   const gid_t group = getgid();
   if (user == 0) {
@@ -92,7 +92,7 @@ void enterOwnRoot() {
   }
   require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
 
-  // Nothing is moved or hidden that the new mounts are filled from before they are full.
+  // The new mounts are filled before their sources are moved or hidden.
   mountEmpty("/mnt", "mode=0755");
   copyTree("/etc", "/mnt/etc");
   // No test asks the machine's name servers.

@@ -37,7 +37,7 @@ void PrivateBus::start() {
   if (pipe(ready) != 0) throw std::runtime_error("pipe");
   mPid = fork();  // other threads may run: nothing is allocated in the copy
   if (mPid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that dies takes its bus along
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // the bus ends with its test
     dup2(ready[1], STDOUT_FILENO);
     close(ready[0]);
     close(ready[1]);

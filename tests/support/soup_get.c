@@ -1,6 +1,6 @@
 /* Fetches a URL as programs that use GLib do, and prints the page. usage: soup_get URL
  *
- * What proxy it takes is GLib's affair: nothing here knows of one.
+ * GLib chooses the proxy; this program does not know of it.
  */
 #include <libsoup/soup.h>
 

@@ -23,14 +23,14 @@ inline constexpr const char* kDaemonInterface = "com.zentu.ProxyManagerServiceIn
 /// How a question is answered.
 struct Reply {
   std::vector<std::string> texts;  ///< the answer
-  std::string error;               ///< where not empty, the name of an error instead
+  std::string error;               ///< if not empty, the name of an error instead
   bool isHeld = false;             ///< not before release()
   bool isNumber = false;           ///< with a number, which is none
 };
 
 class StandInDaemon {
  public:
-  /// Throws std::runtime_error where the bus gives no connection, or not the name.
+  /// Throws std::runtime_error if the bus refuses the connection or the name.
   /// @param takesName false for a stranger on the bus
   explicit StandInDaemon(bool takesName = true);
   ~StandInDaemon();

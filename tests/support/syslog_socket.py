@@ -73,14 +73,14 @@ class Syslog:
         self._socket.close()
 
     def hold(self):
-        """Reads one datagram more at most, until go_on(). Whoever says more waits."""
+        """Reads one datagram more at most, until go_on(). A program that logs more waits."""
         self._reads.clear()
 
     def go_on(self):
         self._reads.set()
 
     def takes_no_more(self):
-        """Whether whoever says a line now waits."""
+        """Whether a program that logs a line now waits."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.setblocking(False)
             sender.connect(self.path)

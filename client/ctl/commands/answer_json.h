@@ -1,4 +1,4 @@
-// The one JSON shape of an answer, whether the daemon or a script on trial gave it.
+// The JSON form of an answer, both of the daemon and of a script on trial.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -10,28 +10,28 @@
 
 namespace client {
 
-/// One thing to try, and whether the daemon leaves it out of its answers.
+/// One entry of an answer, and whether the daemon leaves it out of its answers.
 struct ShownEntry {
   ProxyEntry entry;
   bool isDropped = false;
 };
 
 struct ShownAnswer {
-  std::string url;                    ///< as given; its password hidden unless it may be shown
+  std::string url;                    ///< as given, with its password hidden unless it may be shown
   std::optional<std::string> mode;    ///< none for a script on trial
   std::string host;                   ///< the host that is asked about
   std::optional<std::string> result;  ///< the text of the entries; none without an answer
   std::vector<ShownEntry> entries;
   std::optional<std::string> error;  ///< why there is no result
 
-  /// Whether there is something to use or to try.
+  /// Whether there is an entry to use or to try.
   bool isAnswered() const;
 };
 
 /// An object with url, mode, host, answered, result, entries and error, in this order.
 nlohmann::ordered_json jsonOf(const ShownAnswer& answer, bool showPassword);
 
-/// What the help texts tell of that object.
+/// The description of that object in help texts.
 inline constexpr const char* kAnswerShape =
     R"(    url       the URL as given, with its password hidden
     mode      off, manual, pacurl, wpad or local; null for pac eval

@@ -34,8 +34,7 @@ void addTimeout(CLI::App& command, CallOptions& options, std::chrono::seconds li
   command
       .add_option_function<std::string>(
           kTimeout, [&options](const std::string& text) { options.limit = limitOf(text); },
-          "How long each answer of the daemon is\nwaited for; by default " +
-              std::to_string(limit.count()))
+          "Time limit for each answer of the\ndaemon; by default " + std::to_string(limit.count()))
       ->option_text("SECONDS");
 }
 

@@ -8,16 +8,15 @@
 
 namespace client {
 
-/// How long an answer is waited for. A question is evaluated for 5.25 s at most, and may stand
-/// behind another one; the rest is for a busy device. Only an update that waits for a download
-/// holds it up for longer.
+/// The default time limit for an answer. An evaluation takes 5.25 s at most, and the question may
+/// wait for another evaluation first; the rest is a reserve for a busy device.
 inline constexpr std::chrono::seconds kAskLimit{15};
 
-/// How long a change is waited for. It waits for the download that is in progress: 30 s for each
-/// server that does not answer, and two of them is what a network has that is not wholly broken.
+/// The default time limit for a change. A change never waits for a download, but it may wait behind
+/// a load of a script and behind other calls.
 inline constexpr std::chrono::seconds kChangeLimit{60};
 
-/// Longest --timeout: a walk over all candidates takes less than three hours.
+/// Longest --timeout. A walk over all candidates takes less than three hours.
 inline constexpr std::chrono::hours kMaxLimit{24};
 
 struct CallOptions {
@@ -36,10 +35,10 @@ void addCallOptions(CLI::App& command, CallOptions& options, std::chrono::second
 /// Adds --show-password.
 void addShowPassword(CLI::App& command, CallOptions& options);
 
-/// Throws the parser's error where `text` cannot travel over the bus; `name` is the argument's.
+/// Throws the parser's error if the bus cannot carry `text`; `name` is the name of the argument.
 void checkBusText(const char* name, const std::string& text);
 
-/// Throws the parser's error where `url` is none that can be asked about.
+/// Throws the parser's error if `url` is not valid in a question.
 void checkAskedUrl(const std::string& url);
 
 }  // namespace client

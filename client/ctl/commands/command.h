@@ -1,5 +1,6 @@
-// What main.cpp and the commands share. Each command is one file: it adds itself to the program's
-// grammar, with its help, and leaves what is to be done once the whole command line is understood.
+// What main.cpp and the commands share. Each command is one file. It adds itself, with its help, to
+// the program's grammar. It also sets the action that main.cpp runs when the whole command line is
+// parsed.
 #pragma once
 
 #include <functional>
@@ -8,7 +9,7 @@
 
 namespace client {
 
-/// Does what a command asks for. @return how the program ends; throws Failure
+/// The work of a command. @return the exit status; throws Failure
 using Action = std::function<ExitStatus()>;
 
 }  // namespace client

@@ -19,8 +19,8 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
   The configuration in force. With --json an object: mode, proxyurl, pacurl,
-  enableauth ("y" or "n", which is "n" also where there is a user name: look at
-  that), userName, password; null where a value is not set.
+  enableauth (always "n"; a user name shows that the proxy has a login),
+  userName, password; null for a value that is not set.
 
 Exit status:
 )";

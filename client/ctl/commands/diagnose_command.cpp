@@ -20,14 +20,15 @@ namespace {
 
 constexpr const char* kFooter =
     R"(Asks for the proxies of URL and tries each entry: an HTTP proxy with HEAD for
-http and with CONNECT for https, other proxies with a connection alone, DIRECT
-with a connection to the server. Nothing of the URL but its scheme, host and
-port is sent, and no credentials.
+http and with CONNECT for https, other proxies only with a connection, DIRECT
+with a connection to the server. It sends only the scheme, host and port of the
+URL, and no credentials.
 
 Exit status:
 )";
 
-/// How long a connection may take, and an answer: a proxy connects to the server before it answers.
+/// The time limit for a connection, and for an answer. A proxy connects to the server before it
+/// answers.
 constexpr std::chrono::seconds kStepLimit{10};
 
 struct DiagnoseArguments {
@@ -36,7 +37,7 @@ struct DiagnoseArguments {
   CallOptions call;
 };
 
-/// Where the URL leads.
+/// The server of the URL.
 struct Server {
   bool isEncrypted = false;
   std::string authority;  ///< host and port, as in the URL
@@ -62,7 +63,7 @@ Server serverOf(const std::string& canonical) {
   return server;
 }
 
-/// What the first line of an HTTP answer means; empty if the way works.
+/// The problem that the first line of an HTTP answer shows; empty if the connection works.
 std::string problemOf(const std::string& line, bool isTunnel) {
   int code = 0;
   const auto blank = line.find(' ');
@@ -74,7 +75,7 @@ std::string problemOf(const std::string& line, bool isTunnel) {
   return isFine ? "" : said;
 }
 
-/// @return what does not work, or nothing
+/// @return the problem, or nothing
 std::string tryEntry(const ProxyEntry& entry, const Server& server) {
   const bool isDirect = entry.kind == ProxyKind::kDirect;
   const auto made = isDirect ? connectTo(server.host, server.port, kStepLimit)
@@ -97,8 +98,8 @@ ExitStatus diagnose(const DiagnoseArguments& arguments) {
   bool works = false;
   for (const auto& entry : answer.entries) {
     const auto text = withoutPassword(entry.kind == ProxyKind::kDirect ? "DIRECT" : entry.text);
-    const auto problem =
-        entry.kind == ProxyKind::kUnusable ? "it is no proxy's address" : tryEntry(entry, server);
+    const auto problem = entry.kind == ProxyKind::kUnusable ? "it is not the address of a proxy"
+                                                            : tryEntry(entry, server);
     rows.push_back({"entry", text + (problem.empty() ? ": works" : ": " + problem),
                     problem.empty() ? Tone::kGood : Tone::kBad});
     works = works || problem.empty();

@@ -27,16 +27,16 @@ namespace {
 constexpr const char* kName = "exec";
 
 constexpr const char* kFooter =
-    R"(The entries of the answer are tried in their order: the first that is DIRECT or
-whose proxy takes a connection says what http_proxy, https_proxy and all_proxy
-are, also as HTTP_PROXY and so on; no_proxy leaves this machine out. If no proxy
-takes a connection, the command gets the first. For DIRECT none of them is set,
-whatever was set before. wget gets HTTP proxies alone, as it refuses others.
-Without an answer the command is not run. The configured user name and password
-come into the URL of a manual proxy if this user may read them.
+    R"(The entries of the answer are tried in their order. The command gets the first
+entry that is DIRECT or whose proxy accepts a connection; if no proxy accepts
+one, it gets the first entry. http_proxy, https_proxy and all_proxy (also as
+HTTP_PROXY and so on) name the proxy; no_proxy leaves this machine out. For
+DIRECT all these variables are removed. wget gets only HTTP proxies, because it
+refuses others. Without an answer the command is not run. The URL of a manual
+proxy gets the configured user name and password, if this user may read them.
 
 Exit status:
-  that of the command; if it was not run, standard error says why:
+  that of the command; if it was not run, standard error has the reason:
 )";
 
 /// How long one proxy may take to accept a connection, the lookup of its name included. A lost

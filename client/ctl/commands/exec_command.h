@@ -1,4 +1,4 @@
-// proxymanagerctl exec: a command that is told of the proxy for a URL.
+// proxymanagerctl exec: runs another program with the proxy for a URL in its environment.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -9,7 +9,7 @@
 
 namespace client {
 
-/// A command line of this program, and the one of another program in it.
+/// A command line of this program, which may contain the command line of another program.
 struct CommandLine {
   std::vector<std::string> own;  ///< without the name of the program
   std::vector<std::string> other;
@@ -17,8 +17,8 @@ struct CommandLine {
 };
 
 /// The arguments, put in the order of the grammar: "help COMMAND" is "COMMAND --help", and --json
-/// may stand before the command. Of the command exec, all that follows the first "--" belongs to
-/// the other program, whose options are its own affair.
+/// may stand before the command. With the command exec, everything after the first "--" belongs to
+/// the other program and is not parsed.
 CommandLine splitCommandLine(int argc, const char* const* argv);
 
 /// Adds the command to `program`; running it sets `action`. `line` lives as long as the program.

@@ -37,12 +37,12 @@ constexpr const char* kFooter = R"text(Output:
     error     why there is no result, or null
   For localhost, 127.0.0.0/8, ::1 and other addresses of this machine or this
   link the answer is DIRECT in every mode ("local"); --ask-local asks anyway.
-  Asked about is the canonical URL: without user name and password, and for
-  https without path and query.
+  The question contains the canonical URL: no user name or password, and for
+  https no path and query.
 Formats, for use elsewhere; passwords in a URL are not hidden in these:
   curl  a line for each URL, for curl's -x: the URL of the first entry that
-        can be used, empty for DIRECT. SOCKS is taken for version 5, with
-        names looked up by the proxy (socks5h)
+        can be used, empty for DIRECT. SOCKS means version 5, and the
+        proxy looks names up (socks5h)
   env   lines for a shell, of one URL, that set http_proxy and the like, or
         unset them for DIRECT:
         vars=$(proxymanagerctl get --format env "$URL") && eval "$vars"
@@ -101,7 +101,7 @@ void printTable(const Answered& answered, bool showPassword) {
   printBlock(answered.shownUrl, rows);
 }
 
-/// Prints `answered` for another program. @return false where it has nothing to use
+/// Prints `answered` for another program. @return false if there is no entry to use
 bool printForUse(const Answered& answered, const std::string& format) {
   const auto& entries = answered.answer.entries;
   const auto* const usable = firstUsable(entries);
@@ -134,7 +134,7 @@ ExitStatus getJson(Answers& daemon, const GetArguments& arguments) {
       allAnswered = allAnswered && !answered.answer.entries.empty();
     }
   } catch (const Failure&) {
-    if (!all.empty()) printJson(all);  // as the other forms have by then
+    if (!all.empty()) printJson(all);  // the other forms have already been flushed
     throw;
   }
   printJson(all);
@@ -185,7 +185,8 @@ void addGetCommand(CLI::App& program, Action& action) {
     addFurtherUrls(*command, arguments->asked);
     for (const auto& url : arguments->asked.urls) checkAskedUrl(url);
     if (arguments->format == "env" && arguments->asked.urls.size() > 1) {
-      throw CLI::ValidationError("--format", "env takes one URL: the next would speak against it");
+      throw CLI::ValidationError("--format",
+                                 "env takes one URL: a second one would overwrite its variables");
     }
     action = [arguments] { return get(*arguments); };
   });

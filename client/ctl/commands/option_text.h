@@ -1,4 +1,4 @@
-// An option with a text that may also be empty, which differs from not being given.
+// An option whose text may be empty; an empty text differs from a missing option.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -8,7 +8,7 @@
 namespace client {
 
 /// Adds `name` to `command`, shown in its help with `label` and `help`; sets `value`, which lives
-/// as long as the command, where it is given.
+/// as long as the command, if the option is given.
 inline void addText(CLI::App& command, const char* name, const char* label,
                     std::optional<std::string>& value, const char* help) {
   command

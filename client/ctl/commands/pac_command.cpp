@@ -37,9 +37,9 @@ constexpr const char* kPacExamples = R"(Examples:
 
 constexpr const char* kEvalFooter = R"(Output:
   For each URL the host, the text that the script returned, and its entries.
-  The daemon takes DIRECT, PROXY and SOCKS in capitals; others it drops, as
-  HTTPS, SOCKS5 and words that it does not know. With --json one array that
-  holds an object for each URL, in order, of the same shape as "get --json":
+  The daemon accepts DIRECT, PROXY and SOCKS in capitals; it drops others, such
+  as HTTPS, SOCKS5 and unknown words. With --json one array that
+  holds an object for each URL, in order, of the same form as "get --json":
     url       the URL as given, with its password hidden
     mode      off, manual, pacurl, wpad or local; null for pac eval
     host      the host that is asked about
@@ -49,23 +49,23 @@ constexpr const char* kEvalFooter = R"(Output:
               socks4a, socks5, socks5h or unusable), proxy (its URL, or null)
               and dropped (true if the daemon leaves the entry out)
     error     why there is no result, or null
-  What the script says with alert() goes to standard error and to syslog.
+  The texts of alert() appear on standard error and in syslog.
 
-All URLs are asked of one script that is loaded once, so its variables live on
-from one to the next. Loading may take 5 seconds, and so may each URL. URLs may
-have 8 KiB. The script sees no path of an https URL, and no password of any.
-A JavaScript Date shows the device's own clock whatever --at says.
+The script is loaded once for all URLs, so its variables keep their values from
+one URL to the next. The load may take 5 seconds, and each URL may, too. A URL
+may have 8 KiB. The script sees no path of an https URL, and no password.
+A JavaScript Date shows the device's own clock, whatever --at is.
 
 Exit status:
 )";
 
 constexpr const char* kCheckFooter = R"(Output:
-  Nothing where the script loads. With --json an object:
+  Nothing if the script loads. With --json an object:
     file    FILE as given
     valid   true or false
-    error   why it is refused, or null
-    line    the line of the script that is to blame, or null
-  What the script says with alert() goes to standard error and to syslog.
+    error   the reason of the refusal, or null
+    line    the line of the script with the error, or null
+  The texts of alert() appear on standard error and in syslog.
 
 Exit status:
 )";

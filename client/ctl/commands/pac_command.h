@@ -1,9 +1,8 @@
 // `proxymanagerctl pac`: tries PAC scripts out, without daemon or bus, for those who write them.
 //
-// The script runs as it would for the daemon: in the same library, the same sandboxed worker and
-// under the same limits; what the daemon would make of the result is made by its own code. Only
-// what a script can learn about the world may be given instead of being looked up: names, own
-// addresses, the time and the zone.
+// The script runs as in the daemon: in the same library and the same sandboxed worker, with the
+// same limits. The daemon's own code parses the result. Only the script's view of the device can be
+// set instead of being looked up: names, own addresses, the time and the zone.
 #pragma once
 
 #include <CLI/App.hpp>

@@ -1,4 +1,4 @@
-// The environment variables by which programs are told of a proxy. Pure functions.
+// The environment variables that name a proxy to programs. Pure functions.
 #pragma once
 
 #include <array>
@@ -12,14 +12,16 @@
 
 namespace client {
 
-/// All that are set, or removed where nothing is to be set: one that is left from before would
-/// speak against the answer. Each has two spellings, and programs differ in which they read.
+/// All these variables are set. A variable that gets no value is removed, because an old value
+/// could contradict the answer. Each variable has two spellings, because some programs read only
+/// one of them.
 inline constexpr std::array<std::string_view, 8> kProxyVariables{
     "http_proxy", "https_proxy", "all_proxy", "no_proxy",
     "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY"};
 
-/// What stands in no_proxy: this machine and this link, which no proxy reaches. Programs differ in
-/// what they understand of it: all know names and addresses, curl and others ranges, too.
+/// The value of no_proxy: this machine and this link, which no proxy reaches (domain/local_host.h
+/// has the same list). All programs understand names and addresses in it; some, such as curl, also
+/// understand ranges.
 inline constexpr std::string_view kNotThroughProxy =
     "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10";
 

@@ -14,8 +14,9 @@ namespace client {
 namespace {
 
 constexpr const char* kFooter =
-    R"(Reads the configuration and hands it over again, so that the daemon fetches its
-script anew. Authentication is on if a user name or a password is set.
+    R"(Reads the configuration and sends it to the daemon again, so that the daemon
+fetches its script again. Authentication is on if a user name or a password is
+set.
 
 Exit status:
 )";
@@ -24,9 +25,9 @@ ExitStatus refresh(const CallOptions& options) {
   DaemonBus bus(options.limit);
   auto configuration = bus.configuration();
   const WipedAtEnd password(configuration.password);
-  const WipedAtEnd proxyurl(configuration.proxyurl);  // may hold another one
+  const WipedAtEnd proxyurl(configuration.proxyurl);  // the old value may contain another password
   const WipedAtEnd pacurl(configuration.pacurl);
-  // The daemon reports "n" always.
+  // The daemon always returns "n".
   const bool hasCredentials = !configuration.userName.empty() || !configuration.password.empty();
   configuration.enableauth = hasCredentials ? "y" : "n";
   if (bus.update(configuration) < 0) throw endingDaemon();

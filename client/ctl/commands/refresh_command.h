@@ -1,4 +1,4 @@
-// proxymanagerctl refresh: hands the configuration over again.
+// proxymanagerctl refresh: sends the configuration to the daemon again.
 #pragma once
 
 #include <CLI/App.hpp>

@@ -25,8 +25,8 @@ Exit status:
 )";
 
 constexpr const char* kDisableFooter =
-    R"(Removes the links, and prints those that were there. Do this before the socket
-unit is stopped: a free port belongs to any program that binds it.
+    R"(Removes the links, and prints them. Run this before you stop the socket unit:
+after that any program can bind the free port.
 
 Exit status:
 )";

@@ -39,7 +39,7 @@ bool isLink(const fs::path& path) {
   return fs::is_symlink(fs::symlink_status(path, error));
 }
 
-/// Those whose folder this system has: not every one has apt.
+/// The snippets whose folder exists on this system: not every system has apt.
 std::vector<Snippet> wanted() {
   std::vector<Snippet> all;
   std::error_code error;

@@ -24,9 +24,9 @@ namespace client {
 namespace {
 
 const std::string kFolder = kSettingsFolder;
-/// The settings service reads no longer file.
+/// The settings service refuses a longer file.
 constexpr std::size_t kMaxFileBytes = 64U << 10U;
-/// The keys that say which proxy is used.
+/// The keys that choose the proxy.
 constexpr std::array<std::string_view, 8> kProxyKeys{
     "source", "mode",     "proxy-url",     "pac-url",
     "user",   "password", "password-file", "password-credential"};
@@ -68,7 +68,7 @@ void writeAll(int fd, std::string_view text, const std::string& path) {
   }
 }
 
-/// Removes a file that was not finished.
+/// Removes an unfinished file.
 class Unfinished {
  public:
   explicit Unfinished(std::string path) : mPath(std::move(path)) {}
@@ -92,7 +92,7 @@ void makeFolder(const std::string& path) {
   }
 }
 
-/// What was renamed or removed is still so after the power is lost.
+/// Makes a rename or a removal survive a loss of power.
 void syncFolder() {
   const base::UniqueFd folder(open(kFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder || fsync(folder.get()) != 0) failed(kFolder);
@@ -120,8 +120,8 @@ bool removeFile(const std::string& name) {
   return false;
 }
 
-/// The first of kProxyKeys that a line of `text` sets. The service alone parses TOML: here a line's
-/// first word is enough, as it is for a reader of the file.
+/// The first of kProxyKeys that a line of `text` sets. Only the service parses TOML. The first word
+/// of a line is enough here.
 std::optional<std::string> proxyKeyIn(std::string_view text) {
   while (!text.empty()) {
     const auto end = std::min(text.find('\n'), text.size());

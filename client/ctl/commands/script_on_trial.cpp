@@ -16,8 +16,8 @@ namespace client {
 
 namespace {
 
-/// Lets the script's alerts through, the only lines that the library says at LOG_DEBUG, as long as
-/// it lives; whatever else is worth knowing comes back as a value.
+/// Shows the script's alerts as long as this object lives. Alerts are the only lines that the
+/// library logs at LOG_DEBUG; all other facts are return values.
 class AlertsHeard {
  public:
   AlertsHeard() : mMaskBefore(setlogmask(LOG_MASK(LOG_DEBUG))) {}

@@ -15,7 +15,7 @@
 
 namespace client {
 
-/// What can happen to each command that reads and loads a script.
+/// The statuses that every command may have that loads a script.
 inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUsage, kNoInput,
                                                                    kOutput};
 

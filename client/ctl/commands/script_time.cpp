@@ -13,8 +13,8 @@ namespace {
 
 namespace chrono = std::chrono;
 
-// Named in full: TZDIR of the caller must not lead elsewhere than the worker, which does not get
-// it.
+// The full path is used, because the worker does not get the caller's TZDIR and must read the same
+// file.
 constexpr const char* kZoneFolder = "/usr/share/zoneinfo/";
 constexpr const char* kDeviceZone = ":/etc/localtime";
 constexpr std::string_view kZoneMagic = "TZif";  // first bytes of a zone's file, RFC 8536
@@ -165,8 +165,8 @@ std::optional<std::int64_t> instantOf(const WrittenTime& time, const std::string
   }
   setenv("TZ", variable.c_str(), 1);
   tzset();
-  // Summer time first, as it comes first where the clocks are turned back. A guess that is wrong
-  // comes back as another hour.
+  // Tries summer time first, because it is the first of the two when clocks are turned back. After
+  // a wrong guess mktime() returns another hour.
   for (const int isSummer : {1, 0}) {
     const std::tm wanted = fieldsOf(time, isSummer);
     std::tm found = wanted;

@@ -12,10 +12,10 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// Ten times what the longest script takes on a machine of today.
+/// Ten times as long as the longest script takes on a current machine.
 constexpr std::chrono::seconds kParserTime{10};
 
-/// The report is of a process that has read the script: it may hold anything.
+/// The report comes from a process that has read the script, so it may hold anything.
 [[noreturn]] void refuseReport(const std::string& file) {
   throw Failure(kInternal, file + ": the workbench sent what is no report");
 }

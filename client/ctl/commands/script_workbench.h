@@ -17,7 +17,7 @@ namespace client {
 
 /// A process that parses `script`, the bytes of a PAC file, and never runs it: at most 10 s for
 /// each command, 256 MiB of heap, 16 MiB of stack.
-/// @param file what messages call the script
+/// @param file the name of the script in messages
 std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const std::string& file);
 
 /// Has the parser do `command` (the file of this name in engine/worker/workbench/ states what it
@@ -26,7 +26,7 @@ std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const st
 nlohmann::json askParser(pac_engine::Engine& parser, std::string_view command,
                          const nlohmann::json& argument, const std::string& file);
 
-/// What stands at one place of a script; see engine/worker/workbench/instrument.js.
+/// One place of a script; see engine/worker/workbench/instrument.js.
 struct Place {
   std::string kind;        ///< letters, one for each thing that the place is
   std::size_t line = 0;    ///< from 1

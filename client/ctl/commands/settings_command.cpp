@@ -20,9 +20,9 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
-  Which source of the configuration holds and why, what each source says, and
-  what the daemon has been given. With --json the object that the settings
-  service reports.
+  Which source of the configuration is in force and why, the settings of each
+  source, and the configuration that the daemon has received. With --json the
+  object that the settings service reports.
 
 Exit status:
 )";
@@ -108,7 +108,9 @@ ExitStatus showSettings(const CallOptions& options) {
   DaemonBus bus(options.limit);
   const auto state = Json::parse(bus.settingsState(), nullptr, false);
   if (!state.is_object()) {
-    throw Failure(kProtocol, "what has the settings service's name does not answer as it does");
+    throw Failure(
+        kProtocol,
+        "the owner of the settings service's bus name sent a reply that the service never sends");
   }
   if (options.json) {
     printJson(state);
@@ -127,7 +129,7 @@ ExitStatus reset() {
 
 void addSettingsCommand(CLI::App& program, Action& action) {
   auto* const command =
-      program.add_subcommand("settings", "Shows where the configuration comes from.");
+      program.add_subcommand("settings", "Shows the source of the configuration.");
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   command->footer(std::string(kFooter) + statusHelp({{kAnswered, "done"}}, kBusStatuses));

@@ -1,5 +1,5 @@
-// "proxymanagerctl settings": what the settings service does and why, and the end of what was
-// saved.
+// "proxymanagerctl settings" shows what the settings service does and why. "proxymanagerctl
+// settings reset" removes the saved settings.
 #pragma once
 
 #include "client/ctl/commands/command.h"

@@ -44,7 +44,7 @@ void checkCount(const char* option, const std::vector<std::string>& addresses) {
                                          " addresses; a script never sees further ones");
 }
 
-/// Adds what one --resolve says; one name may be given several times.
+/// Adds the value of one --resolve; a name may occur several times.
 void addName(const std::string& text, pac_engine::StaticNames& names) {
   constexpr const char* kOption = "--resolve";
   const auto equals = text.find('=');
@@ -98,8 +98,8 @@ std::int64_t clockOf(const std::string& text, const std::string& zone) {
 void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment) {
   addText(
       command, "--at", "TIME", environment.time,
-      "What the script takes for now: a date and\ntime of ISO 8601, in the zone of --tz unless\n"
-      "it ends in \"Z\" or +hh:mm; by default the\nclock");
+      "The present time for the script: a date and\ntime of ISO 8601, in the zone of --tz unless\n"
+      "it ends in \"Z\" or +hh:mm; by default the\nclock's time");
   addText(command, "--tz", "ZONE", environment.zone,
           "Time zone of the script and of --at, a\nname of the zone database; by default the\n"
           "device's (/etc/localtime)");
@@ -107,13 +107,13 @@ void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment)
       command
           .add_option(
               "--resolve", environment.names,
-              "Addresses of a name; to be repeated for\nothers. With it nothing else is looked\n"
-              "up: other names do not resolve")
+              "Addresses of a name; repeat it for others.\nWith it other names do not resolve")
           ->option_text("NAME=ADDR[,ADDR]")
           ->allow_extra_args(false);
-  addText(command, "-c,--my-ip", "ADDR[,ADDR]", environment.ownAddresses,
-          "What myIpAddress (the first IPv4 one) and\nmyIpAddressEx (all) return; \"none\" for a\n"
-          "device without any address");
+  addText(
+      command, "-c,--my-ip", "ADDR[,ADDR]", environment.ownAddresses,
+      "The results of myIpAddress (the first IPv4\none) and myIpAddressEx (all); \"none\" for a\n"
+      "device without any address");
   command
       .add_flag(
           "--offline", environment.offline,

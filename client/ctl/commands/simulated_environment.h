@@ -1,5 +1,5 @@
-// What a tried PAC script sees of the device: names, own addresses, time and zone, as options give
-// them.
+// The view of the device that options give to a script on trial: names, own addresses, time and
+// zone.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -24,8 +24,8 @@ struct SimulatedEnvironment {
 /// lives as long as the command.
 void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment);
 
-/// What the library is to be told. Throws CLI::ValidationError for what makes no sense. Leaves the
-/// process in the zone of a time that is written without an offset.
+/// The options of the library. Throws CLI::ValidationError if an option makes no sense. If a time
+/// is written without an offset, the process stays in the zone of that time.
 pac_engine::Options engineOptions(const SimulatedEnvironment& environment);
 
 }  // namespace client

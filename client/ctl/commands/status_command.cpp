@@ -1,11 +1,11 @@
-// What is known of the daemon comes from four places, each of which may say nothing: the bus itself
-// (who has the name), the daemon's answers (which only some may have), its announcements (which it
-// makes until its first configuration), and the PAC file on disk. So each value stands for itself:
-// there, or missing for a reason that is told.
+// The state of the daemon comes from four sources: the bus (the owner of the name), the daemon's
+// answers (not every user may ask), the daemon's announcements (only until its first
+// configuration), and the PAC file on disk. Each source may fail. So each value is independent: it
+// is known, or it is missing with a reason.
 //
-// Asking never starts a daemon. Who may not read the configuration still learns the mode, and the
-// manual proxy, from the answer for a URL, as every program of the device does. It is not asked
-// with an empty URL, which the daemon would log as an error.
+// The command never starts a daemon. A user who may not read the configuration still gets the mode
+// and the manual proxy from the answer for a URL, as every program of the device does. The URL of
+// that question is not empty, because the daemon logs an empty URL as an error.
 #include "client/ctl/commands/status_command.h"
 
 #include <pwd.h>
@@ -63,17 +63,19 @@ constexpr const char* kFooter = R"(Output:
 Exit status:
 )";
 
-/// The daemon announces itself every 2 s until its first configuration; one that is busy is late,
-/// or misses one.
+/// Until its first configuration the daemon announces itself every 2 s (kAnnouncementPause in
+/// service/proxy_manager_service_impl.cpp). A busy daemon announces itself late, or misses one
+/// announcement.
 constexpr std::chrono::seconds kListenTime{5};
 
 /// Of a slow kernel, in microseconds.
 constexpr std::int64_t kClockTick = 10'000;
 
-/// Asked for where the configuration may not be read. A script has to answer for it, too.
+/// The URL of the question if the user may not read the configuration. A script has to answer it,
+/// too.
 constexpr const char* kProbeUrl = "http://localhost/";
 
-/// Where to look when something is wrong.
+/// Advice if something is wrong.
 constexpr const char* kLog = "journalctl -t proxymanager_service";
 
 constexpr const char* kNobody = "the daemon does not run";
@@ -94,7 +96,7 @@ struct Status {
   ExitStatus status = kAnswered;
   Known<bool> running;
   std::optional<Owner> owner;
-  Known<bool> answers;  ///< the reason also stands beside "no"
+  Known<bool> answers;  ///< "no" also has the reason beside it
   Known<bool> waiting;
   Fact mode;
   Fact proxyurl;
@@ -115,7 +117,7 @@ void setUnknown(Status& status, const std::string& why) {
   }
 }
 
-/// Where the configuration may not be read.
+/// Used if the user may not read the configuration.
 void learnByAsking(DaemonBus& bus, Status& status, const std::string& why) {
   setUnknown(status, why);
   const auto answer = bus.ask(kProbeUrl);
@@ -143,7 +145,7 @@ bool learnConfiguration(DaemonBus& bus, Status& status) {
   }
 }
 
-/// Asks the daemon, which has the name, for what it knows.
+/// Asks the daemon, which owns the name.
 void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds limit) {
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message* signal) {
@@ -221,10 +223,10 @@ std::string shownWithAge(std::int64_t time) {
   return shownTime(time, false) + ", " + shownAge(ageOf(time)) + " ago";
 }
 
-/// What is to be said about the file beside its contents; mostly nothing.
+/// A remark about the file, apart from its contents; mostly empty.
 std::string remarkOn(const Status& status) {
   const auto& file = *status.pac.file;
-  // Whom the daemon runs as only a running one tells.
+  // The user of the daemon is known only while the daemon runs.
   const auto daemonsUser = status.owner ? status.owner->user : std::nullopt;
   if (file.owner != 0 && daemonsUser && *daemonsUser != file.owner) {
     return "it belongs to " + userName(file.owner) + ", so the daemon does not read it";
@@ -302,7 +304,7 @@ void addWho(Table& table, const Owner& owner) {
   table.add("running", std::move(who), Tone::kGood);
 }
 
-/// What programs get for their URLs.
+/// The answers that programs get for their URLs.
 void addMeaning(Table& table, const Status& status) {
   if (status.mode.value != "pacurl" && status.mode.value != "wpad") return;
   if (!status.pac.file) {
@@ -438,7 +440,7 @@ ExitStatus showStatus(const CallOptions& options) {
 }  // namespace
 
 void addStatusCommand(CLI::App& program, Action& action) {
-  auto* const command = program.add_subcommand("status", "Shows what is known of the daemon.");
+  auto* const command = program.add_subcommand("status", "Shows the state of the daemon.");
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);

@@ -26,15 +26,15 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter =
-    R"(The whole configuration is replaced: what is not given is not set afterwards.
-With --user and without --password-file the password is asked for at the
-terminal. It never comes from the command line, which every user of the machine
-can see; nor may a URL that holds one: give "-" for URL and the URL on standard
-input. A change without an answer in time may still be made.
+    R"(Replaces the whole configuration: a value that is not given is then not set.
+With --user and without --password-file the command asks for the password at the
+terminal. A password is never on the command line, which every user of the
+machine can see. If the URL has a password, give "-" for URL and the URL on
+standard input. The daemon may still make a change after the time limit.
 Without --save the daemon forgets the configuration when it ends.
 
 Output:
-  Nothing where it is done. With --json an object: mode, proxyurl, pacurl,
+  Nothing if it succeeds. With --json an object: mode, proxyurl, pacurl,
   userName (as given, or null), httpCode (0, or null if the daemon does not run)
   and saved (the file that --save has written, or null).
 
@@ -58,7 +58,7 @@ bool hasBlankOrControl(std::string_view text) {
   });
 }
 
-/// Why nobody could do anything with `url`; nothing where somebody could.
+/// The reason why no program can use `url`; nothing if a program can.
 std::optional<std::string> faultOf(const std::string& url, bool isPac) {
   if (url.empty()) return "is empty; \"proxymanagerctl off\" turns proxies off";
   if (hasBlankOrControl(url)) return "holds a blank or a control character";
@@ -106,7 +106,7 @@ std::string readUrl(bool isPac) {
   return line.text();
 }
 
-/// The configuration that the arguments ask for; reads the password and the URL where they are.
+/// The configuration that the arguments describe; reads the password and the URL from their files.
 Configuration wanted(const UpdateArguments& arguments) {
   Configuration configuration;
   configuration.mode = arguments.mode;
@@ -131,7 +131,7 @@ void checkSaved(const char* name, const std::string& text, bool isUrl) {
   if (!problem.empty()) throw Failure(kUsage, std::string(name) + " cannot be saved: " + problem);
 }
 
-/// @return the file. Says what keeps it from counting.
+/// @return the file. Prints a warning if another file overrules it.
 std::string save(const Configuration& configuration) {
   checkSaved("the URL", configuration.proxyurl + configuration.pacurl, true);
   checkSaved("the user name", configuration.userName, false);
@@ -175,7 +175,7 @@ void printDone(const Configuration& configuration, std::optional<std::int32_t> r
 ExitStatus update(const UpdateArguments& arguments) {
   auto configuration = wanted(arguments);
   const WipedAtEnd password(configuration.password);
-  const WipedAtEnd proxyurl(configuration.proxyurl);  // may hold another one
+  const WipedAtEnd proxyurl(configuration.proxyurl);  // the old value may contain another password
   const WipedAtEnd pacurl(configuration.pacurl);
   const std::string saved = arguments.save ? save(configuration) : "";
   const auto result = handOver(arguments, configuration);
@@ -207,7 +207,7 @@ void addMode(CLI::App& program, Action& action, const char* mode, const char* he
       std::string(kFooter) +
       statusHelp(
           {{kAnswered, "the configuration holds; a script is then fetched in the background"},
-           {kBadData, "the password or URL that was read is no such thing"},
+           {kBadData, "the text that was read is no password or URL"},
            {kNoInput, "the file with the password cannot be read"}},
           kBusStatuses));
   command->callback([arguments, &action] {

@@ -8,8 +8,8 @@
 namespace client {
 
 void addUrls(CLI::App& command, UrlArguments& arguments) {
-  // The parser would take "[...]" apart as a list wherever it takes many values, so the option has
-  // the first URL and what the parser leaves over are the others.
+  // If an argument takes many values, the parser splits "[...]" as a list. So the argument takes
+  // only the first URL, and the others are the texts that the parser leaves over.
   const auto* const first =
       command.add_option("URL", arguments.urls, "What to ask for, one or more")
           ->option_text("...")
@@ -30,7 +30,8 @@ void addUrls(CLI::App& command, UrlArguments& arguments) {
   command.allow_extras();
 }
 
-/// Options cannot be meant, since those that there are were understood; after "--" anything can.
+/// A text that begins with "-" is an unknown option, because the parser has taken all known
+/// options. After "--" any text is a URL.
 void addFurtherUrls(const CLI::App& command, UrlArguments& arguments) {
   auto& urls = arguments.urls;
   auto others = command.remaining();

@@ -39,10 +39,12 @@ script loads.
 Exit status:
 )";
 
-/// The daemon announces itself every 2 s until its first configuration; one that is busy is late.
+/// Until its first configuration the daemon announces itself every 2 s (kAnnouncementPause in
+/// service/proxy_manager_service_impl.cpp). A busy daemon announces itself late.
 constexpr std::chrono::seconds kListenTime{5};
 
-/// Between two looks: a person does not notice it, and the daemon's log stays readable.
+/// The pause between two questions: a person does not notice it, and the daemon's log stays
+/// readable.
 constexpr std::chrono::milliseconds kPause{250};
 
 /// From the moment at which a script is in its place until it is being loaded; questions wait for
@@ -112,7 +114,7 @@ bool hasScript(DaemonBus& bus, const Owner& daemon) {
   return daemon.process && hasFetched(bus, *daemon.process) && refusalOf(base::kPacFile).empty();
 }
 
-/// @return whether what is waited for is there; a daemon or bus that is not there yet is not
+/// @return whether the awaited state is reached; false also if there is no daemon or no bus yet
 bool look(const WaitArguments& arguments, Clock::time_point end) {
   try {
     DaemonBus bus(left(end));

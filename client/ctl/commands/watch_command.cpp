@@ -29,16 +29,16 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Goes on until Ctrl-C, also while the daemon does not run.
+constexpr const char* kFooter = R"(Runs until Ctrl-C, also while the daemon does not run.
 
 Output:
-  A line for each signal and for each coming and going of the daemon, with its
-  time. With --json each line is an object: time, event, and of the event
+  A line for each signal, and for each start and end of the daemon, with its
+  time. With --json each line is an object: time, event, and for the event
     daemon                    running (true or false)
     ProxyMgrStateEvent        eventType
     notifyProxyConfigupdated  proxymode, proxyurl, username, password
-  The bus gives notifyProxyConfigupdated to root and to members of the group
-  proxymanager alone, as it holds the password. Others do not see it.
+  The bus gives notifyProxyConfigupdated only to root and to members of the
+  group proxymanager, because it contains the password.
 
 Exit status:
 )";
@@ -59,8 +59,8 @@ sigset_t endSignalSet() {
   return set;
 }
 
-/// The signals that end the program, from now on as a descriptor, so that they meet no line half
-/// written.
+/// Blocks the signals that end the program and returns them as a descriptor, so that they never
+/// interrupt a line of output.
 base::UniqueFd endSignals() {
   const auto set = endSignalSet();
   sigprocmask(SIG_BLOCK, &set, nullptr);
@@ -85,13 +85,14 @@ class Interruptible {
   sigset_t mSet = endSignalSet();
 };
 
-/// Says what the bus tells.
+/// Prints the reports of the bus.
 class Watch {
  public:
   explicit Watch(const CallOptions& options) : mOptions(options), mBus(options.limit) {}
 
   void run() {
-    // The signals first: one that comes before the answer to who has the name waits behind it.
+    // Asks for the signals first: a signal that arrives before the answer about the owner waits
+    // until that answer is handled.
     mBus.listen(signalRule(nullptr), [this](sd_bus_message* signal) { onSignal(signal); });
     mBus.listen(ownerRule(), [this](sd_bus_message* signal) { onOwner(signal); });
     const auto owner = mBus.owner();
@@ -126,14 +127,14 @@ class Watch {
     const char* before = nullptr;
     const char* after = nullptr;
     if (sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) return;
-    // What happened before the first answer is in it.
+    // The first answer includes everything that happened before it.
     if (mOwner == after) return;
     mOwner = after;
     sayOwner();
   }
 
   void onSignal(sd_bus_message* signal) {
-    // The bus keeps nobody from addressing a signal to this connection alone.
+    // Any program on the bus can send a signal to this connection alone.
     const char* const sender = sd_bus_message_get_sender(signal);
     if (sender == nullptr || mOwner != sender) return;
     const std::string_view member = sd_bus_message_get_member(signal);
@@ -176,7 +177,7 @@ class Watch {
 
   CallOptions mOptions;
   DaemonBus mBus;
-  std::string mOwner;  ///< unique name of the daemon; empty where it does not run
+  std::string mOwner;  ///< unique name of the daemon; empty if it does not run
 };
 
 }  // namespace

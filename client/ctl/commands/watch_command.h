@@ -1,4 +1,4 @@
-// proxymanagerctl watch: what the daemon signals, as it comes.
+// proxymanagerctl watch: prints each signal of the daemon when it arrives.
 #pragma once
 
 #include <CLI/App.hpp>

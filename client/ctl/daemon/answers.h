@@ -12,12 +12,13 @@
 namespace client {
 
 struct AnswerOptions {
-  /// The daemon is asked about this machine, too (domain/local_host.h).
+  /// Ask the daemon about this machine, too (domain/local_host.h).
   bool askLocal = false;
-  /// The user name and the password of the configuration come into a manual proxy's URL, if this
-  /// user may read the configuration and the URL has none of its own.
+  /// Put the configured user name and password into a manual proxy's URL, if this user may read the
+  /// configuration and the URL has no user name of its own.
   bool withCredentials = false;
-  /// And into a script's answer, for proxies of these hosts: a script could name any host.
+  /// Put them also into a script's answer, but only for proxies on these hosts: a script could name
+  /// any host.
   std::vector<std::string> credentialHosts;
 };
 
@@ -27,8 +28,8 @@ class Answers {
   Answers(std::chrono::microseconds limit, AnswerOptions options)
       : mLimit(limit), mOptions(std::move(options)) {}
 
-  /// The answer for `url`, of which the canonical form is asked about. The bus is connected when it
-  /// is first needed. Throws Failure.
+  /// The answer for `url`. The question contains the canonical form of `url`. Connects to the bus
+  /// when this is first needed. Throws Failure.
   ProxyAnswer ask(const std::string& url);
 
  private:

@@ -48,7 +48,7 @@ Failure failedCall(const CallKind& call, std::string_view name, std::string_view
     case BusError::kTimedOut:
       return {kTryAgain,
               "proxymanagerd has not answered within " + secondsText(limit) +
-                  ", maybe because it waits for a download; " +
+                  ", maybe because it loads a script; " +
                   (call.changes ? "the change may still be made, look with "
                                   "\"proxymanagerctl config\", or give it more time with "
                                   "--timeout"

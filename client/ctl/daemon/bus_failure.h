@@ -1,4 +1,4 @@
-// What went wrong on the bus, as one line that says what to do.
+// A failure on the bus, as one line that also advises what to do.
 #pragma once
 
 #include <chrono>
@@ -12,11 +12,11 @@ namespace client {
 /// A call as messages speak of it.
 struct CallKind {
   const char* purpose;  ///< follows "not allowed to"
-  bool changes;         ///< may still be carried out after it was given up
+  bool changes;         ///< the daemon may still carry out the call after the time limit
 };
 
-/// Why a call has no answer. `name` and `text` are those of the error, `limit` is the time that the
-/// call was given. A pure function.
+/// The reason why a call has no answer. `name` and `text` are the name and text of the error;
+/// `limit` is the time limit of the call. A pure function.
 Failure failedCall(const CallKind& call, std::string_view name, std::string_view text,
                    std::chrono::microseconds limit);
 
@@ -24,7 +24,7 @@ Failure failedCall(const CallKind& call, std::string_view name, std::string_view
 Failure failedSettingsCall(std::string_view name, std::string_view text,
                            std::chrono::microseconds limit);
 
-/// The name of the error for a call that was given up; the bus itself never sends it.
+/// The error name for a call whose time limit is over; the bus itself never sends this name.
 inline constexpr std::string_view kGivenUp = "org.freedesktop.DBus.Error.Timeout";
 
 /// Why there is no connection to the bus at `address`; `error` is an errno.
@@ -36,10 +36,10 @@ Failure lostConnection();
 /// The daemon answered that it has no service any more.
 Failure endingDaemon();
 
-/// The reply has not the form of the interface.
+/// The reply does not have the form of the interface.
 Failure wrongReply();
 
-/// What to do where the daemon does not run.
+/// Advice if the daemon does not run.
 inline constexpr const char* kStartIt =
     "start it, for instance with \"systemctl start proxymanagerd\"";
 

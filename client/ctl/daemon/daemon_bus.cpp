@@ -47,13 +47,13 @@ class BusError {
   sd_bus_error mError{};
 };
 
-/// Whether this errno says that the connection is gone.
+/// Whether this errno means that the connection has ended.
 bool isLost(int error) {
   constexpr std::array kLost{ECONNRESET, ENOTCONN, ECONNABORTED, EPIPE, ESHUTDOWN, ESTALE};
   return std::find(kLost.begin(), kLost.end(), error) != kLost.end();
 }
 
-/// For calls that fail for want of memory, or of a connection.
+/// For calls that fail because there is no memory or no connection.
 void check(int result) {
   if (result >= 0) return;
   if (isLost(-result)) throw lostConnection();
@@ -71,7 +71,7 @@ std::string textOf(sd_bus_message* reply) {
   return text;
 }
 
-/// As the library wants them; none where `time` is negative.
+/// As the library expects them; no limit if `time` is negative.
 std::uint64_t microseconds(std::chrono::microseconds time) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(time.count(), 0));
 }
@@ -89,7 +89,7 @@ BusHandle openSystemBus() {
   BusHandle opened(bus);
   int result = sd_bus_set_address(bus, address.c_str());
   if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
-  // Of the calls that the library makes by itself.
+  // The time limit of the calls that the library itself makes.
   if (result >= 0) result = sd_bus_set_method_call_timeout(bus, microseconds(kBusLimit));
   if (result >= 0) result = sd_bus_start(bus);
   // The library's own handshake is given 90 s.
@@ -136,7 +136,8 @@ Configuration DaemonBus::configuration() {
                              &read.userName, &read.password}) {
     *member = textOf(reply.get());
   }
-  // A daemon without a service leaves all but the mode empty; one that has it says "y" or "n".
+  // A daemon without a service returns only the mode, and empty texts. A daemon with a service
+  // returns "y" or "n" for authentication.
   if (read.enableauth.empty()) throw endingDaemon();
   return read;
 }
@@ -182,7 +183,7 @@ std::optional<Owner> DaemonBus::owner() {
   return owner;
 }
 
-/// Asks the bus itself about the daemon's name. @return null where it does not know
+/// Asks the bus itself about the daemon's name. @return null if the bus does not know
 Message DaemonBus::askBus(const char* member) {
   sd_bus_message* made = nullptr;
   check(sd_bus_message_new_method_call(mBus.get(), &made, kDriver, kDriverPath, kDriver, member));

@@ -1,7 +1,7 @@
-// The daemon, as one talks to it over the system message bus.
+// Calls of the daemon over the system message bus.
 //
-// One connection, made when it is first needed, for one thread. Every call has a time limit, and
-// what goes wrong is a Failure whose text says what to do (client/ctl/daemon/bus_failure.h).
+// One connection, made when it is first needed, for one thread. Every call has a time limit. Every
+// error is a Failure whose text advises what to do (client/ctl/daemon/bus_failure.h).
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -19,11 +19,11 @@
 
 namespace client {
 
-/// How long the bus itself is waited for: it is on this machine, and a silent one is an error. As
-/// long as the daemon waits for it.
+/// The time limit for the bus itself, equal to the daemon's. The bus runs on this machine, so a
+/// silent bus is an error.
 inline constexpr std::chrono::seconds kBusLimit{10};
 
-/// A configuration as getProxyconfig gives it.
+/// A configuration, in the form of getProxyconfig.
 struct Configuration {
   std::string mode;
   std::string proxyurl;
@@ -33,7 +33,7 @@ struct Configuration {
   std::string password;
 };
 
-/// Who has the daemon's name.
+/// The owner of the daemon's name.
 struct Owner {
   std::string uniqueName;
   std::optional<std::int64_t> process;
@@ -74,7 +74,8 @@ class DaemonBus {
   /// Whether calls may start a daemon that does not run, which is so at first.
   void startDaemon(bool may) { mMayStart = may; }
 
-  /// The daemon's methods. `checkStarted` gives what the daemon says, which is true while it works.
+  /// The daemon's methods. `checkStarted` returns the daemon's answer, which is true while the
+  /// daemon works.
   bool checkStarted();
   /// The answer for `url`, which isBusText().
   ProxyAnswer ask(const std::string& url);
@@ -82,25 +83,27 @@ class DaemonBus {
   /// `configuration.enableauth` is "y" or "n". @return the daemon's result, 0
   std::int32_t update(const Configuration& configuration);
 
-  /// What the settings service reports of itself, as JSON. It is not started. Throws Failure:
-  /// kUnavailable if it does not run.
+  /// The state of the settings service, as JSON. The call does not start that service. Throws
+  /// Failure: kUnavailable if it does not run.
   std::string settingsState();
 
-  /// @return nothing where nobody has the name
+  /// @return nothing if nobody owns the name
   std::optional<Owner> owner();
 
   /// What systemd shows as the status of the service that `process` belongs to. @return nothing if
   /// there is no systemd on the bus, or it has no such service
   std::optional<std::string> serviceStatus(std::int64_t process);
 
-  /// Calls `listener` for each signal that fits `rule`, from waitFor() and runUntil(), as long as
-  /// this lives. What it throws leaves those. Returns when the bus has taken the rule.
+  /// Calls `listener` for each signal that fits `rule`, during waitFor() and runUntil(), as long as
+  /// this object lives. These functions pass exceptions of `listener` on. Returns when the bus has
+  /// accepted the rule.
   void listen(const std::string& rule, Listener listener);
 
-  /// Hands on what has arrived, until `done` or for `limit`. @return whether it is done
+  /// Handles arriving messages until `done` returns true or `limit` is over. @return whether it is
+  /// done
   bool waitFor(const std::function<bool()>& done, Limit limit);
 
-  /// Hands on what arrives, without a limit, until `descriptor` can be read.
+  /// Handles arriving messages until `descriptor` can be read, without a time limit.
   void runUntil(int descriptor);
 
  private:
@@ -115,7 +118,7 @@ class DaemonBus {
   Message call(const CallKind& kind, const Message& message);
   Message askBus(const char* member);
   Message askSystemd(sd_bus_message* message);
-  /// Hands on one message that has arrived. @return false where there was none
+  /// Handles one message that has arrived. @return false if there was none
   bool process();
 
   Limit mLimit;
@@ -127,7 +130,7 @@ class DaemonBus {
 /// The rule for a signal of the daemon's interface; for all of them without `member`.
 std::string signalRule(const char* member);
 
-/// The rule for the daemon's coming and going.
+/// The rule for the signal that the daemon starts or ends.
 std::string ownerRule();
 
 }  // namespace client

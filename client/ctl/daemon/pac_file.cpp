@@ -14,7 +14,8 @@ namespace client {
 
 namespace {
 
-// libcrypto is mapped for a digest alone: it costs each other command a third of its start.
+// libcrypto is mapped only when a digest is needed. Mapping it in each command would take a third
+// of the command's start.
 struct Crypto {
   decltype(&::EVP_sha256) sha256;
   decltype(&::EVP_Digest) digest;
@@ -25,7 +26,7 @@ bool findAll(void* library, Crypto& found) {
          on_demand::find(library, "EVP_Digest", found.digest);
 }
 
-/// In 64 hexadecimal digits; empty if there is no libcrypto.
+/// The digest in 64 hexadecimal digits; empty if there is no libcrypto.
 std::string sha256Of(const std::string& bytes) {
   static on_demand::Library<Crypto> library("libcrypto.so.3", findAll);
   const auto* const crypto = library.functions();

@@ -1,4 +1,4 @@
-// The script that the daemon has fetched, as it lies on disk: anybody may read it.
+// The file with the script that the daemon has fetched. Anybody may read it.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace client {
 
-/// What is known of that file.
+/// The properties of that file.
 struct PacFile {
   std::uint64_t bytes = 0;
   std::int64_t fetched = 0;  ///< microseconds since 1970
@@ -21,8 +21,9 @@ struct PacFileState {
   std::string problem;  ///< why there is no `file`
 };
 
-/// Looks at the file `path`. It stands where every user may put something, so nothing is followed
-/// or waited for: what is no regular file, or longer than the daemon takes, is a problem.
+/// Reads the properties of the file `path`. Every user may write in its folder, so the function
+/// follows no link and waits for no fifo. A file that is not regular, or is longer than the
+/// daemon's limit, is a problem.
 PacFileState lookAtPacFile(const char* path);
 
 }  // namespace client

@@ -6,7 +6,7 @@
 
 namespace client {
 
-/// Where the packaged socket unit listens, and what the packaged snippets name.
+/// The address at which the packaged socket unit listens, and which the packaged snippets contain.
 inline constexpr const char* kRelayEndpoint = "127.0.0.1:3128";
 inline constexpr const char* kRelaySocketUnit = "proxymanager-relay.socket";
 

@@ -1,6 +1,6 @@
 // libbsd, mapped when a password is asked for at the terminal.
 //
-// If the library is missing, there is no terminal to ask at (ENOTTY).
+// If the library is missing, the function fails as if there were no terminal (ENOTTY).
 #include <bsd/readpassphrase.h>
 
 #include <cerrno>

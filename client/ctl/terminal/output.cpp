@@ -18,8 +18,8 @@ namespace client {
 namespace {
 
 constexpr int kIndent = 2;  // columns, of blocks and of JSON
-// JSON leaves DEL and U+0080 to U+009F as they are, and they move a terminal; behind an escape none
-// does.
+// JSON does not escape DEL and U+0080 to U+009F, but they control a terminal. So they are escaped
+// here.
 constexpr bool kAsciiOnly = true;
 constexpr const char* kBold = "\x1b[1m";
 constexpr const char* kNormal = "\x1b[0m";
@@ -38,7 +38,7 @@ const char* codeOf(Tone tone) {
   return "";
 }
 
-/// `text` between `code` and the return to normal, where there is colour.
+/// `text` between the escape sequence `code` and the reset sequence, if there are colours.
 std::string coloured(const char* code, std::string_view text) {
   auto shown = base::visible(text);
   if (*code == '\0' || !isColoured()) return shown;

@@ -1,7 +1,7 @@
-// What the commands print: results on standard output, for people or as JSON, and complaints on
-// standard error. No text from outside reaches a terminal with its control characters. What is
-// printed is handed on at once, so that no alert of a script overtakes it; where that fails, each
-// function throws Failure (kOutput).
+// The output of the commands: results on standard output, for people or as JSON, and error messages
+// on standard error. Control characters in texts from outside never reach a terminal. All output is
+// flushed at once, so that no alert of a script overtakes it. If that fails, each function throws
+// Failure (kOutput).
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -14,15 +14,15 @@ namespace client {
 /// How a value looks on a terminal that shows colours.
 enum class Tone { kPlain, kGood, kBad, kFaint };
 
-/// A name and what it stands for.
+/// A name and its value.
 struct Row {
   std::string_view name;
   std::string value;
   Tone tone = Tone::kPlain;
 };
 
-/// Whether standard output is a terminal that may be coloured: not where NO_COLOR is set to
-/// anything, nor on a dumb one.
+/// Whether the output may have colours: standard output is a terminal, TERM is not "dumb" and
+/// NO_COLOR is not set.
 bool isColoured();
 
 /// Prints `title` and below it the rows, indented, their values one below the other.
@@ -34,20 +34,20 @@ void printEvent(std::string_view time, const Row& event, int width);
 /// Prints `line` for a program to read, with the control characters made visible, and a line end.
 void printLine(std::string_view line);
 
-/// Prints lines that hold nothing from outside but what has been judged.
+/// Prints lines unchanged. Texts from outside in them must have been checked before.
 void printText(std::string_view lines);
 
 /// Prints `value`, indented, and a line end, with escapes for all that is not printable ASCII.
-/// Bytes that are no UTF-8 become U+FFFD, as JSON can hold no others.
+/// Bytes that are not UTF-8 become U+FFFD, because JSON cannot hold them.
 void printJson(const nlohmann::ordered_json& value);
 
 /// Prints `value` in one line.
 void printJsonLine(const nlohmann::ordered_json& value);
 
-/// Hands on what others have printed.
+/// Flushes standard output after other code has printed.
 void finishOutput();
 
-/// Says "proxymanagerctl: MESSAGE" on standard error.
+/// Prints "proxymanagerctl: MESSAGE" on standard error.
 void complain(std::string_view message);
 
 }  // namespace client

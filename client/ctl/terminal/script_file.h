@@ -6,16 +6,16 @@
 
 namespace client {
 
-/// Longest script in bytes: what the daemon downloads at most, so that what loads here loads there.
+/// Longest script in bytes, equal to the daemon's limit (fetcher::kMostScriptBytes): a script that
+/// loads here also loads in the daemon.
 inline constexpr std::size_t kMaxScriptBytes = 512'000;
 
-/// The bytes of the regular file `name`, or of standard input for "-", as they are. Standard input
-/// is waited for without a limit: it may be a person.
-/// Throws Failure: kNoInput where it cannot be read, kRefused where it is longer than
-/// kMaxScriptBytes.
+/// Reads the regular file `name`, or standard input for "-", unchanged. The wait for standard input
+/// has no limit, because a person may type. Throws Failure: kNoInput if the file cannot be read,
+/// kRefused if it is longer than kMaxScriptBytes.
 std::string readScript(const std::string& name);
 
-/// What messages call that file.
+/// The name of that file in messages.
 std::string shownName(const std::string& name);
 
 }  // namespace client

@@ -20,7 +20,7 @@ namespace client {
 
 namespace {
 
-/// Room for the longest line, its end, and one byte that is too much; wiped when it goes.
+/// Room for the longest line, its end, and one byte past the limit; wiped at its end.
 struct Room {
   std::array<char, kMaxSecretBytes + 3> bytes{};
   Room() = default;
@@ -55,16 +55,17 @@ std::size_t readInto(Room& room, int fd, const std::string& name) {
   return size;
 }
 
-/// Asks at the terminal for `what`, which it does not show; `missing` is said where there is none.
+/// Asks for `what` at the terminal, which does not show it. `missing` is the message if there is no
+/// terminal.
 Secret ask(const std::string& prompt, const std::string& what, const std::string& missing) {
   Room room;
-  // It gives the terminal back as it was, whatever signal ends the wait.
+  // It restores the terminal, whatever signal ends the wait.
   if (readpassphrase(prompt.c_str(), room.bytes.data(), room.bytes.size() - 1, RPP_REQUIRE_TTY) ==
       nullptr) {
     throw Failure(kUsage, missing);
   }
   const std::string_view text(room.bytes.data());
-  // Ctrl-D looks like an empty line, and is no wish for one.
+  // Ctrl-D looks like an empty line, but the person did not enter one.
   if (text.empty()) refuse(what, "is empty; an empty one has to come from a file or a pipe");
   checkText(text, what);
   return Secret(std::string(text));
@@ -108,7 +109,7 @@ Secret readLine(const std::string& name, const char* what, const std::string& pr
   const auto size = readInto(room, isStandardInput ? STDIN_FILENO : file.get(), name);
   std::string_view text(room.bytes.data(), size);
   const auto called = std::string(what) + " in " + shownName(name);
-  // Of a program that failed, rather than of one that wants no password.
+  // An empty input is more likely the output of a failed program than an empty password.
   if (text.empty()) refuse(called, "is empty, without even a line end");
   const auto end = text.find('\n');
   if (end != std::string_view::npos && end + 1 < text.size()) {

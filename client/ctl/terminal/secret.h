@@ -1,4 +1,5 @@
-// The password of a command, which never comes from the command line: everybody can see that.
+// The password of a command. It is never on the command line, because every user can see command
+// lines.
 #pragma once
 
 #include <cstddef>
@@ -9,13 +10,13 @@
 
 namespace client {
 
-/// Longest password, and longest URL that is read, in bytes. HTTP servers refuse header fields of
-/// 8 KiB, in which a password travels, with more around it.
+/// Longest password, and longest URL that is read, in bytes. A password is sent in an HTTP header
+/// field, and servers refuse fields of 8 KiB.
 inline constexpr std::size_t kMaxSecretBytes = 4096;
 
 using base::WipedAtEnd;
 
-/// A text that is wiped from memory before it is let go.
+/// A text that is wiped before its memory is freed.
 class Secret {
  public:
   Secret() = default;
@@ -36,15 +37,15 @@ class Secret {
 std::string passwordPrompt(const std::string& user);
 
 /// Asks for the password of `user` at the terminal, which does not show it.
-/// Throws Failure: kUsage where there is no terminal, kBadData where it is empty, longer than
-/// kMaxSecretBytes or no text.
+/// Throws Failure: kUsage if there is no terminal, kBadData if the password is empty, longer than
+/// kMaxSecretBytes or not UTF-8.
 Secret askPassword(const std::string& user);
 
-/// The one line of the file `name`, or of standard input for "-", without its end; `what` is what
-/// messages call it. A terminal that is standard input is asked with `prompt`, and does not show
-/// the line. Throws Failure: kNoInput where it cannot be read, kBadData where it has no line at all
-/// or further ones, more than kMaxSecretBytes, or bytes that are no UTF-8; of a terminal, as
-/// askPassword().
+/// The one line of the file `name`, or of standard input for "-", without its end; `what` is its
+/// name in messages. If standard input is a terminal, the function prints `prompt`, and the
+/// terminal does not show the line. Throws Failure: kNoInput if the file cannot be read; kBadData
+/// if the file has no line or several lines, more than kMaxSecretBytes, or bytes that are not
+/// UTF-8; for a terminal, as askPassword().
 Secret readLine(const std::string& name, const char* what, const std::string& prompt);
 
 }  // namespace client

@@ -15,21 +15,21 @@ namespace {
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
-/// Where the password begins and ends.
+/// The beginning and the end of the password.
 struct Span {
   std::size_t begin;
   std::size_t end;
 };
 
 std::optional<Span> passwordOf(std::string_view url) {
-  // Programs are content with more slashes, or with these alone.
+  // Programs accept more slashes, or only slashes without a scheme.
   const auto begin = std::min(url.find_first_not_of('/', authorityBegin(url)), url.size());
   const auto colon = url.find(':', begin);
-  // No password begins behind the authority, or in an IPv6 address.
+  // A password never begins behind the authority or in an IPv6 address.
   if (colon == std::string_view::npos || colon > url.find_first_of("/?#[", begin)) {
     return std::nullopt;
   }
-  // A password with a "/" in it is against the rules, and written all the same.
+  // A password with a "/" breaks the rules, but people write such passwords.
   const auto at = url.rfind('@');
   if (at == std::string_view::npos || at < colon) return std::nullopt;
   return Span{colon + 1, at};
@@ -70,7 +70,7 @@ std::string shownTime(std::int64_t microseconds, bool milliseconds) {
     fraction += kMicrosecondsPerSecond;
     --seconds;
   }
-  // Where time_t has 32 bits, it ends in January 2038.
+  // A time_t with 32 bits ends in January 2038.
   if (!std::in_range<std::time_t>(seconds)) return std::to_string(seconds);
   const auto time = static_cast<std::time_t>(seconds);
   std::tm fields{};

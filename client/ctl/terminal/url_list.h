@@ -7,7 +7,7 @@
 
 namespace client {
 
-/// Longest file of URLs, in bytes: some ten thousand URLs, which take the daemon minutes.
+/// Longest file of URLs, in bytes. It holds some ten thousand URLs, which take the daemon minutes.
 inline constexpr std::size_t kMaxListBytes = 1U << 20U;
 
 /// The bytes of the file `name`, or of standard input for "-". Throws Failure: kNoInput if it

@@ -22,7 +22,7 @@ int main() {
   if (!script) pac_worker::refuse(channel, "the script cannot be mapped");
   const auto memory = parses ? pac_worker::kParserWalls : pac_worker::MemoryWalls{};
   if (const auto problem = pac_worker::enterSandbox(channel.fd(), memory)) {
-    pac_worker::refuse(channel, "the sandbox cannot be had: " + *problem);
+    pac_worker::refuse(channel, "the sandbox cannot be set up: " + *problem);
   }
   if (parses) {
     pac_worker::Parser parser(channel);

@@ -1,5 +1,5 @@
-// The bytes of one input, taken off the front. Where they run out, what is taken is zero or empty:
-// every input is a valid one.
+// The bytes of one input, taken off the front. If they run out, the result is zero or empty: every
+// input is a valid one.
 #pragma once
 
 #include <algorithm>
@@ -36,7 +36,7 @@ class Input {
     return taken;
   }
 
-  /// What stands before the next `end`, which is skipped.
+  /// The text before the next `end`, which is skipped.
   std::string_view upTo(char end) {
     const auto taken = bytes(std::min(mLeft.find(end), mLeft.size()));
     bytes(1);

@@ -1,7 +1,7 @@
 // usage: TARGET FOLDER|FILE...
 //
-// Stands in libFuzzer's place where a target is an ordinary test: tries the empty input and each
-// file, of folders all, in the order of their names. No file at all is a failure.
+// Replaces libFuzzer if a target is an ordinary test: tries the empty input and each file, of
+// folders all, in the order of their names. No file at all is a failure.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

@@ -6,8 +6,8 @@
 
 namespace fuzz {
 
-/// Ends the process where `holds` is false, in every build, and says where and what. The caller's
-/// place comes from the compiler's built-ins: clang 14 has no std::source_location.
+/// Ends the process if `holds` is false, in every build, and prints the place and the text. The
+/// caller's place comes from the compiler's built-ins: clang 14 has no std::source_location.
 inline void require(bool holds, const char* property, const char* file = __builtin_FILE(),
                     int line = __builtin_LINE()) {
   if (holds) return;

@@ -1,4 +1,5 @@
-// What each file of this folder defines: one call of a target, as libFuzzer and the replay make it.
+// The function that each file of this folder defines: one call of a target, by libFuzzer or by the
+// replay.
 #pragma once
 
 #include <cstddef>

@@ -141,7 +141,7 @@ TEST_F(SmallFile, ReportsADescriptorThatCannotBeRead) {
   EXPECT_EQ(file.failure.error, EBADF);
 }
 
-// What is read in the second piece counts, too.
+// Bytes that are read in the second piece count, too.
 TEST_F(SmallFile, ThatGrewIsHeldToTheLimit) {
   std::ofstream(kFile) << std::string(5000, 'x');
   const base::UniqueFd file(open(kFile, O_RDONLY | O_CLOEXEC));

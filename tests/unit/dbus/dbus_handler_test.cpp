@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* kPath = "/com/zentu/ProxyManagerService";
 
-// What the service of this test does when it is asked.
+// The service of this test.
 std::function<std::int32_t()> onUpdate = [] { return 0; };
 std::function<std::vector<std::string>(const std::string&)> onUrl;
 

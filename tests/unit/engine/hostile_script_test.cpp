@@ -21,7 +21,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kTimeLimit{1000};
-// What the machine may lose by being busy, and a script by being loaded anew.
+// A tolerance for a busy machine, and for a script that is loaded again.
 constexpr milliseconds kRoom{20'000};
 
 struct Hostile {

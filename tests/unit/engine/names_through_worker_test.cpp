@@ -66,8 +66,8 @@ TEST(NamesOfAScript, NeverHoldAnEvaluationPastItsLimit) {
       "if (host == 'h') return 'DIRECT'; "
       "for (var i = 0; i < 20; ++i) isResolvable('n' + i + '.test'); return 'late';",
       server);
-  // The library's clock begins first, and the last lookup ends by it: what is left of the worker's
-  // time may be enough for an answer, or not.
+  // The library's clock begins first and ends the last lookup. The worker's remaining time may or
+  // may not be enough for an answer.
   const auto took =
       shortest(std::chrono::seconds(6), [&] { engine->evaluate("http://h/", "all"); });
   EXPECT_GE(took, milliseconds(4990));

@@ -1,4 +1,4 @@
-// A network of its own for a test process: loopback alone, up.
+// Gives a test process its own network, which has only a loopback interface.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -15,8 +15,8 @@
 #include <fstream>
 #include <string>
 
-/// Call it first in a test, after enterOwnRoot() where that is called. Ends the process with 77
-/// where the machine does not allow network namespaces.
+/// Call it first in a test, or after enterOwnRoot() if the test calls that. Ends the process with
+/// 77 if the machine does not allow network namespaces.
 inline void enterOwnNetwork() {
   if (unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) != 0) {
     std::fprintf(stderr, "own network: %s (these tests need network namespaces)\n",
@@ -36,10 +36,10 @@ inline void command(const std::string& text) {
   ASSERT_EQ(std::system(text.c_str()), 0) << text;
 }
 
-/// Packets that `interface` has sent so far, -1 where there is none of that name.
+/// Packets that `interface` has sent so far, -1 if there is none of that name.
 inline long sentPackets(const std::string& interface) {
   long packets = -1;
-  // Not from sysfs, which shows the network of whoever mounted it.
+  // Not from sysfs, which shows the network of the process that mounted it.
   std::ifstream table("/proc/self/net/dev");
   for (std::string line; std::getline(table, line);) {
     const auto colon = line.find(interface + ":");

@@ -1,9 +1,8 @@
 // An engine whose script step makes a system call, so that each wall around the worker is tried
-// from inside. It stands in the place of the JavaScript engine in a worker that is otherwise the
-// real one.
+// from inside. It replaces the JavaScript engine in a worker that is otherwise the real one.
 //
-// The script's text says what happens at load; "ready" loads. The host of a question says what
-// happens at the question. "survived" comes back from whatever did not end the process.
+// The script's text chooses the action at the load; "ready" loads. The host of a question chooses
+// the action at the question. The answer is "survived" if the action did not end the process.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -42,7 +41,7 @@ long pointer(const void* address) {
 
 #ifdef SYS_mmap
 constexpr long kMap = SYS_mmap;
-#else  // what 32-bit machines have instead
+#else  // 32-bit machines use it instead
 constexpr long kMap = SYS_mmap2;
 #endif
 
@@ -161,7 +160,7 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
 
 std::string run(std::string_view step) {
   if (step == "memory") {
-    // The one wall that refuses instead of killing.
+    // The only wall that refuses a call and does not kill the process.
     void* const block =
         mmap(nullptr, kTooMuchMemory, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return block == MAP_FAILED ? "refused" : "survived";

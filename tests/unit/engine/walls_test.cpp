@@ -1,5 +1,5 @@
 // Each wall around the worker, tried from inside by a worker whose engine makes the system call,
-// and what the kernel says of a live one.
+// and the kernel's report of a live worker.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ constexpr char kOnlyRootLooks[] = "only root may look";
 
 std::unique_ptr<Engine> load(const std::string& script, Problem& problem, bool walls) {
   Options options;
-  options.timeLimit = std::chrono::seconds(60);  // what is asked ends at once
+  options.timeLimit = std::chrono::seconds(60);  // the question ends at once
   if (walls) options.workerProgram = WALLS_WORKER;
   return Engine::load(script, options, problem);
 }
@@ -96,7 +96,7 @@ TEST(Worker, MaySpendCpuTimeWhileItIsAsked) {
       problem, false);
   ASSERT_NE(engine, nullptr) << problem.message;
   const auto pid = engine->workerPid();
-  // More in all than an idle worker may spend.
+  // More in total than an idle worker may spend.
   for (int i = 0; i < 9; ++i) ASSERT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT") << i;
   EXPECT_EQ(engine->workerPid(), pid);
 }
@@ -192,7 +192,7 @@ TEST(WorkerOfABusyProgram, InheritsNeitherSignalsNorDescriptors) {
   sigset_t all;
   sigfillset(&all);
   sigprocmask(SIG_BLOCK, &all, nullptr);
-  // Without FD_CLOEXEC, and where the worker's own would be.
+  // These descriptors have no FD_CLOEXEC, and have the numbers of the worker's own descriptors.
   ASSERT_GE(open("/dev/zero", O_RDONLY), 0);
   ASSERT_EQ(dup2(1, 200), 200);
   Problem problem;
@@ -220,9 +220,9 @@ TEST_F(LiveWorker, HasAnEmptyEnvironment) {
   EXPECT_EQ(file.peek(), std::ifstream::traits_type::eof());
 }
 
-// The last one, since the process does not come back from being nobody. The kernel takes the limit
-// from a process of the worker's user, or from one with CAP_SYS_RESOURCE, which root in a container
-// may lack.
+// This test is the last one, because the process cannot change back from the user nobody. The
+// kernel takes the limit from a process of the worker's user, or from one with CAP_SYS_RESOURCE,
+// which root in a container may lack.
 TEST(Worker, IsEndedWhenItBurnsCpuTimeBetweenQuestions) {
   constexpr uid_t kNobody = 65534;
   if (getuid() == 0) {

@@ -65,17 +65,17 @@ inline bool ask(pac_engine::Engine& engine, int number) {
   return reply.result.has_value();
 }
 
-/// Waits until `pid`, a child, has ended, and leaves it to be waited for by the library.
+/// Waits until the child process `pid` has ended, without reaping it: the library does that.
 inline void waitForEnd(pid_t pid) {
   siginfo_t info{};
   while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
   }
 }
 
-/// Hits the worker with `signal` before, during and after questions, in turn, `times` times.
+/// Sends `signal` to the worker before, during and after questions, in turn, `times` times.
 inline void killAroundQuestions(int times) {
   int number = 0;
-  const auto engine = load(std::chrono::seconds(60));  // nothing here waits for it
+  const auto engine = load(std::chrono::seconds(60));  // no code here waits for it
   ASSERT_NE(engine, nullptr);
   ASSERT_TRUE(ask(*engine, ++number));
   const auto descriptors = openDescriptors();
@@ -116,8 +116,8 @@ inline void killAroundQuestions(int times) {
   EXPECT_LT(heapBytes(), heap + (64U << 10U));
 }
 
-/// Waits until `pid` runs or may run, as it does at a question only.
-/// @return whether it did before it was gone or `answered`
+/// Waits until `pid` runs or may run, which it does only during a question.
+/// @return whether it ran before it ended or `answered` was set
 inline bool waitUntilBusy(pid_t pid, const std::atomic<bool>& answered) {
   while (!answered) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -129,7 +129,8 @@ inline bool waitUntilBusy(pid_t pid, const std::atomic<bool>& answered) {
   return false;
 }
 
-/// Asks while the worker is stopped or about to be: no answer, in the time that is set for it.
+/// Asks while the worker is stopped or about to be stopped: there is no answer within the time
+/// limit.
 inline void askInVain(pac_engine::Engine& engine, const std::string& host,
                       std::chrono::milliseconds timeLimit) {
   const auto start = std::chrono::steady_clock::now();
@@ -138,14 +139,14 @@ inline void askInVain(pac_engine::Engine& engine, const std::string& host,
   EXPECT_FALSE(reply.result);
   EXPECT_EQ(reply.problem.message, "the script worker did not answer in time");
   EXPECT_GE(took, timeLimit);
-  // The rest is for the end of a process on a busy machine.
+  // The remaining time is for the end of a process on a busy machine.
   EXPECT_LT(took, timeLimit + pac_engine::kKillGrace + std::chrono::seconds(60));
 }
 
 /// Stops the worker before or, else, during a question, and asks another one.
 inline void stopAtAQuestion(pac_engine::Engine& engine, bool before,
                             std::chrono::milliseconds timeLimit, int& number) {
-  if (engine.workerPid() == 0) ask(engine, ++number);  // it is gone where this failed before
+  if (engine.workerPid() == 0) ask(engine, ++number);  // the worker has ended if this failed before
   const pid_t pid = engine.workerPid();
   ASSERT_GT(pid, 0);
   if (before) {

@@ -33,7 +33,8 @@ std::atomic<bool> noEventBuffer{false};
 std::atomic<bool> noInotify{false};
 }  // namespace
 
-// Stands before the C library's. A limit on descriptors would stop the sanitizers' own pipes too.
+// Replaces the C library's function. A limit of descriptors would also stop the sanitizers' own
+// pipes.
 extern "C" int inotify_init() noexcept {
   return noInotify ? -1 : static_cast<int>(syscall(SYS_inotify_init1, 0));
 }
@@ -106,7 +107,7 @@ class ConfigWatch : public OwnRootTest {
     EXPECT_TRUE(mFetcher->stop());
     EXPECT_LT(std::chrono::steady_clock::now() - begin, kPrompt);
   }
-  /// What still works without the watch thread.
+  /// Checks the parts that work without the watch thread.
   void expectFetchesAllTheSame() {
     update(pacurl);
     EXPECT_TRUE(waitForUpdates(1));
@@ -222,7 +223,7 @@ TEST_F(ConfigWatch, IsPromptlyStoppedWhileItWaitsForMoreChanges) {
 
 class UnwatchedFile : public ConfigWatch, public testing::WithParamInterface<int> {};
 
-// Only what the daemon would also read.
+// Only files that the daemon would also read.
 TEST_P(UnwatchedFile, CausesNoFetch) {
   writeFile(kLease, "");
   writeFile("/tmp/theirs", "");

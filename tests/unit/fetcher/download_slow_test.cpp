@@ -40,7 +40,7 @@ double secondsOf(const std::string& step) {
 
 }  // namespace
 
-// The clock is the daemon's: neither silence nor a result without an end outlasts it.
+// The daemon keeps the time: it ends both a silent process and a result without an end.
 class SlowProcess : public testing::TestWithParam<const char*> {};
 
 TEST_P(SlowProcess, IsKilledAfterThirtySecondsAndAHalfAtMost) {

@@ -114,7 +114,7 @@ TEST_F(Download, ReadsTheSchemeWithoutRegardToCase) {
 }
 
 TEST_F(Download, FailsWhereNobodyListens) {
-  // Kept, so that nobody else begins to listen there.
+  // Kept open, so that no other process listens on this port.
   const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -279,7 +279,7 @@ TEST_F(Download, FailsOnARedirectToFtpEvenWhereAScriptComesBack) {
   FtpServer ftp;
   mServer.route("/p.pac", httpRedirect(ftp.url()));
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
-  EXPECT_EQ(ftp.connections(), 1);  // libcurl's default follows; its answer is refused
+  EXPECT_EQ(ftp.connections(), 1);  // libcurl follows by default; the daemon refuses the answer
   expectFailed(226);
 }
 
@@ -323,7 +323,7 @@ TEST_F(Download, StopsAnEndlessBodyAtTheLimit) {
   });
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
-  // Under the transfer's 30 seconds; it takes milliseconds, but machines stand still.
+  // Below the transfer's 30 seconds. It takes milliseconds, but machines may stop for a while.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
   expectFailed(200);
 }

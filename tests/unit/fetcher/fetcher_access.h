@@ -1,4 +1,4 @@
-// What only tests ask of a fetcher.
+// Access to the parts of a fetcher that only tests use.
 #pragma once
 
 #include "fetcher/pac_fetcher.h"

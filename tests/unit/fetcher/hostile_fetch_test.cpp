@@ -1,5 +1,5 @@
-// A fetch process that has been taken over: what its packets can do to the daemon, and what its
-// walls leave it. Each is a failed download, and nothing else.
+// A fetch process that an attacker has taken over: what its packets can do to the daemon, and what
+// its walls still allow. Each attack is a failed download, and nothing else.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -55,7 +55,7 @@ class HostileFetch : public OwnRootTest {
   }
 };
 
-// The beginnings of lines of the log; an error is what follows the component's name.
+// The beginnings of log lines; the error follows the component's name.
 const std::string kNoResult = "fetcher: the fetch process ended without a result (";
 const std::string kBroken = "fetcher: the fetch process sent something else than a result (";
 
@@ -122,7 +122,7 @@ INSTANTIATE_TEST_SUITE_P(Fetch, KillingWall,
 
 class RefusingWall : public HostileFetch, public testing::WithParamInterface<const char*> {};
 
-// The process exits with 40 if what it tried was refused.
+// The process exits with 40 if its attack was refused.
 TEST_P(RefusingWall, StandsInTheWay) {
   expectFailedDownload(GetParam(), kNoResult);
   EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "exit 40)"));

@@ -1,5 +1,5 @@
-// A transfer that has been taken over: it stands in the place of libcurl's in a fetch process that
-// is otherwise the real one, walls included. The URL says what happens.
+// A transfer that has been taken over. It replaces libcurl's transfer in a fetch process that is
+// otherwise the real one, walls included. The URL chooses the attack.
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
@@ -25,7 +25,7 @@ namespace {
 
 using fetcher::FetchResult;
 
-// Asked before the walls, which know no such call.
+// Read before the walls, which do not allow this call.
 const pid_t kParent = getppid();
 
 const FetchResult kLie{true, 200, "HTTP", ""};
@@ -119,7 +119,7 @@ const std::map<std::string, std::function<void(int file)>>& steps() {
       {"write_open", [](int) { openFile("/tmp/written", O_WRONLY | O_CREAT); }},
       {"chmod", [](int) { call(SYS_fchmodat, AT_FDCWD, pointer("/tmp"), 0777); }},
       {"unlink", [](int) { call(SYS_unlinkat, AT_FDCWD, pointer("/tmp/x")); }},
-      // What is refused without an end.
+      // System calls that are refused and do not end the process.
       {"bus",
        [](int) {
          const int fd = socket(AF_UNIX, SOCK_STREAM, 0);

@@ -9,9 +9,9 @@ class ProxyManagerServiceImpl;
 /// A service pointer that may be handed to the fetcher; nothing follows it.
 ProxyManagerServiceImpl* standInService();
 
-/// How often it was told that a new script is in place.
+/// The number of calls that report a new script.
 int timesUpdated();
-/// Waits until it was told `times` times, 60 s at most. @return whether it was
+/// Waits for `times` such calls, 60 s at most. @return whether they came
 bool waitForUpdates(int times);
-/// Does `hook` on the fetcher thread at each call from now on.
+/// Runs `hook` on the fetcher thread at each call from now on.
 void onUpdate(std::function<void()> hook);

@@ -82,7 +82,7 @@ class FetcherThreads : public OwnRootTest {
     EXPECT_EQ(countLog(LOG_INFO, "PACFetcher-fileDownload called"), 1);
   }
   void waitUntilWatching() {
-    // Said before the second watch is set; the first is there.
+    // Logged before the second watch is set and after the first is set.
     ASSERT_TRUE(waitForLog(LOG_NOTICE,
                            "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, "
                            "path:/tmp/.resolv.conf.dnsmasq"));
@@ -154,7 +154,8 @@ TEST_F(FetcherThreads, FetchExactlyOnceMoreForAllRequestsDuringAFetchAndNoneWait
   mFetcher->start();
   update(pacurl);
   ASSERT_TRUE(mServer.waitForHits("/p.pac", 1));
-  // With the same configuration: the transfer goes on, and these are answered while it does.
+  // With the same configuration the transfer goes on, and these calls are answered during the
+  // transfer.
   for (int i = 0; i < 3; ++i) update(pacurl);
   EXPECT_EQ(timesUpdated(), 0);
   release.set_value();
@@ -254,7 +255,7 @@ TEST_F(FetcherThreads, WakeAtTheIntervalAndFetchNothing) {
   update(pacurl);
   ASSERT_TRUE(waitForUpdates(1));
   waitUntilWatching();
-  // The watch thread says each pass; the fetcher thread has the same interval.
+  // The watch thread logs each pass; the fetcher thread has the same interval.
   ASSERT_TRUE(waitForLog(LOG_INFO, waitLine(1), 4));
   mFetcher->stop();
   EXPECT_EQ(mServer.hits("/p.pac"), 1);

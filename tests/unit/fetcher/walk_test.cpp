@@ -34,7 +34,7 @@ class Retrieval : public OwnRootTest {
  protected:
   void SetUp() override {
     fs::create_directories("/usr/local/lumad");
-    // Names of candidates are the server's business: it is the proxy of the environment.
+    // The server is the proxy of the environment, so it resolves the names of candidates.
     for (const char* name : {"all_proxy", "ALL_PROXY", "NO_PROXY"}) unsetenv(name);
     setenv("http_proxy", mServer.url("").c_str(), 1);
     setenv("no_proxy", "127.0.0.1", 1);

@@ -96,7 +96,8 @@ TEST(WpadCandidates, AreNoneForANameThatDnsCannotHold) {
   EXPECT_THAT(candidates("bbb" + name), IsEmpty());
 }
 
-// Each would have asked wpad.com or wpad.co.uk, past the judges of public suffixes.
+// Each would have asked wpad.com or wpad.co.uk, because the checks for public suffixes do not see
+// the host.
 TEST(WpadCandidates, AreNoneForANameThatIsNotTheWholeHostOfItsUrl) {
   using namespace std::string_literals;
   for (const auto& name :

@@ -37,7 +37,7 @@ bool isMapped() {
   return found;
 }
 
-/// An empty file first in the loader's search is no library, and ends it.
+/// An empty file that the loader finds first is no library, and ends the loader's search.
 /// @return the path that it covers
 std::string hideTheLibrary() {
   enterOwnRoot();

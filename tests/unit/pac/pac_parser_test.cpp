@@ -21,7 +21,7 @@ struct PacParserTestAccess {
   }
   static void setWaitSeconds(PacParser& parser, int seconds) { parser.mWaitSeconds = seconds; }
   static void forgetThatItRuns(PacParser& parser) {
-    // The worker looks at the flag only after its wait, which nothing ends meanwhile.
+    // The worker reads the flag only after its wait, and nothing ends that wait.
     waitForLog(LOG_INFO, "PacParser-pacProcessThreadFunc wait:120000");
     parser.mRunning = false;
   }
@@ -112,7 +112,7 @@ TEST(PacParser, StopDoesNotWaitOutTheWorkersSleep) {
     parser.start();
     parser.stop();
   }
-  // One lost wake-up is two minutes.
+  // One lost wake-up delays the test by two minutes.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
 }
 
@@ -238,7 +238,7 @@ TEST_F(LoadedParser, TheAsynchronousQueryGivesTheSameAnswer) {
   load(scriptFor("PROXY p:1; DIRECT"));
   mParser.start();
   mParser.getProxyASync("http://a.example/");
-  // On a slow machine it may have given up; the answer comes all the same.
+  // On a slow machine the query may have given up; the answer still comes.
   ASSERT_TRUE(waitForLog(LOG_NOTICE, "PacParser-proxy_Found host:a.example"));
   EXPECT_EQ(asyncTextsOf(mParser, "http://a.example/"), (Texts{"PROXY p:1", "DIRECT"}));
   EXPECT_EQ(countLog(LOG_NOTICE, "PacParser-getProxyASync requestUrl:http://a.example/"), 2);

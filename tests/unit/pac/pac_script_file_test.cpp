@@ -71,7 +71,8 @@ TEST_F(ScriptFile, TheSameContentKeepsTheCacheButReplacesTheEngine) {
   EXPECT_TRUE(logged(LOG_INFO, "PacParser-parsePacFile pac init"));
   EXPECT_EQ(noticesOfContent(), 1);
   EXPECT_EQ(textsOf(mParser, "http://a/"), Texts{"PROXY n1:1"}) << "the cached answer";
-  EXPECT_EQ(textsOf(mParser, "http://c/"), Texts{"PROXY n1:1"}) << "a fresh engine counts anew";
+  EXPECT_EQ(textsOf(mParser, "http://c/"), Texts{"PROXY n1:1"})
+      << "a fresh engine counts from the beginning";
 }
 
 TEST_F(ScriptFile, NewContentEmptiesTheCache) {

@@ -21,7 +21,8 @@ namespace {
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 
-/// What the parser gives the cache: frees each entry's url, empties the list; counts what it freed.
+/// The parser's release callback: frees each entry's url, empties the list, and counts the freed
+/// texts.
 struct Released {
   std::vector<std::string> urls;
 };

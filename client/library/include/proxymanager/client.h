@@ -10,27 +10,28 @@
  *   proxymanager_client_free(client);
  *
  * A client keeps one connection to the system message bus, on a thread of its own that it starts
- * with the first question. It keeps answers, too: a question asked again costs no call on the bus
- * until the daemon says that its answers have changed, or comes or goes. When the daemon or the bus
- * ends, it connects again by itself once they are back; what was asked meanwhile is told so.
+ * with the first question. The client also remembers answers: a repeated question costs no call on
+ * the bus. All remembered answers become invalid when the daemon reports a change, starts or ends.
+ * If the daemon or the bus ends, the client connects again by itself once both are back. A question
+ * that is asked in between ends with PROXYMANAGER_NO_DAEMON or PROXYMANAGER_NO_BUS.
  *
- * Threads: all functions may be called from any thread, on the same client as well. Callbacks come
- * on the client's thread, one at a time, or, where a function says so, during the call; they should
- * be short, as the next answer waits for them, and the news that remembered answers have changed;
- * one of half a minute may cost a connection that is being made, which then ends as denied. Of a
- * callback all functions may be called but proxymanager_client_free(); proxymanager_get() gives
- * PROXYMANAGER_BUSY there where it would have to wait. A thread that waits in proxymanager_get()
- * must not be cancelled by pthread_cancel().
+ * Threads: all functions may be called from any thread; several threads may use one client.
+ * Callbacks run on the client's thread, one at a time. Some run during the call, if the description
+ * of the function says so. A callback should be short: the next answers wait until it returns, and
+ * so does the report that remembered answers have changed. If a callback takes half a minute, a
+ * connection that is being set up may end as denied. A callback may call every function except
+ * proxymanager_client_free(). In a callback proxymanager_get() returns PROXYMANAGER_BUSY if it
+ * would have to wait. Do not call pthread_cancel() for a thread that waits in proxymanager_get().
  *
- * Processes: after fork() a client belongs to the parent, which the library knows by its process
- * id. In the child proxymanager_client_free() does nothing, because threads of the parent may have
- * been changing the client when it was copied; questions there give PROXYMANAGER_FORKED. The
- * descriptors are closed by exec.
+ * Processes: after fork() a client belongs to the parent process; the library compares process ids.
+ * In the child process questions return PROXYMANAGER_FORKED, and proxymanager_client_free() does
+ * nothing, because a thread of the parent may have been changing the client at the moment of the
+ * fork. The descriptors are closed by exec.
  *
- * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. Nothing
- * here writes to standard output, standard error or syslog, changes a signal's handling or the
- * environment. DBUS_SYSTEM_BUS_ADDRESS names the bus where it is set when the client is made,
- * unless the program has more rights than its caller.
+ * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. The library
+ * does not write to standard output, standard error or syslog. It does not change the handling of
+ * signals or the environment. If DBUS_SYSTEM_BUS_ADDRESS is set when the client is made, it names
+ * the bus, unless the program has more rights than its caller.
  */
 #ifndef PROXYMANAGER_CLIENT_H
 #define PROXYMANAGER_CLIENT_H
@@ -48,104 +49,106 @@ extern "C" {
 #define PROXYMANAGER_API
 #endif
 
-/** A connection with what it remembers. */
+/** A client: its connection to the bus and the answers that it remembers. */
 typedef struct proxymanager_client proxymanager_client;
 
-/** What the daemon said of one URL; never changes, and may be shared by threads. */
+/** The daemon's answer for one URL. An answer never changes, and threads may share it. */
 typedef struct proxymanager_answer proxymanager_answer;
 
 /** How a question ended. Numbers keep their meaning in later releases, which may add others. */
 typedef enum proxymanager_status {
   PROXYMANAGER_OK = 0,
-  PROXYMANAGER_NO_BUS = 1,       /**< no message bus, or the connection to it ended, or the bus said
-                                      nothing for 10 s while it was made */
+  PROXYMANAGER_NO_BUS = 1, /**< no message bus; or the connection ended; or the bus sent nothing for
+                              10 s while the connection was made */
   PROXYMANAGER_NO_DAEMON = 2,    /**< the daemon does not run, ended, or is about to */
   PROXYMANAGER_DENIED = 3,       /**< the bus does not let this program ask */
   PROXYMANAGER_TOO_SLOW = 4,     /**< no answer within the limit */
-  PROXYMANAGER_BAD_REPLY = 5,    /**< what has the daemon's name does not answer as it does */
-  PROXYMANAGER_CANCELLED = 6,    /**< taken back, or the client was freed */
-  PROXYMANAGER_BAD_ARGUMENT = 7, /**< a null pointer, a URL that is no such text or too long */
-  PROXYMANAGER_NO_MEMORY = 8,    /**< no memory, descriptor or thread to be had */
-  PROXYMANAGER_BUSY = 9,         /**< too many questions at once, here or for the bus, or a wait
-                                      inside a callback */
-  PROXYMANAGER_FORKED = 10,      /**< the client belongs to the parent of this process */
-  PROXYMANAGER_NO_ANSWER = 11    /**< no entry can be used (see PROXYMANAGER_REFUSE) */
+  PROXYMANAGER_BAD_REPLY = 5,    /**< a reply that the daemon never sends */
+  PROXYMANAGER_CANCELLED = 6,    /**< the program cancelled the question or freed the client */
+  PROXYMANAGER_BAD_ARGUMENT = 7, /**< a null pointer, or a URL that is too long or not UTF-8 */
+  PROXYMANAGER_NO_MEMORY = 8,    /**< no memory, descriptor or thread is available */
+  PROXYMANAGER_BUSY = 9, /**< too many questions at once, in the client or on the bus; or a callback
+                            would have to wait */
+  PROXYMANAGER_FORKED = 10,   /**< the client belongs to the parent of this process */
+  PROXYMANAGER_NO_ANSWER = 11 /**< no entry can be used (see PROXYMANAGER_REFUSE) */
 } proxymanager_status;
 
-/** What an entry says to do. */
+/** What a program does with an entry. */
 typedef enum proxymanager_kind {
-  PROXYMANAGER_UNUSABLE = 0, /**< not understood: only `text` is set. Go on to the next entry */
+  PROXYMANAGER_UNUSABLE = 0, /**< not understood: only `text` is set; try the next entry */
   PROXYMANAGER_DIRECT = 1,   /**< without a proxy */
   PROXYMANAGER_HTTP = 2,     /**< an HTTP proxy */
-  PROXYMANAGER_HTTPS = 3,    /**< an HTTP proxy that is itself spoken to in TLS */
+  PROXYMANAGER_HTTPS = 3,    /**< an HTTP proxy; the connection to the proxy uses TLS */
   PROXYMANAGER_SOCKS4 = 4,
   PROXYMANAGER_SOCKS4A = 5,
-  PROXYMANAGER_SOCKS5 = 6, /**< names are looked up by the program */
-  PROXYMANAGER_SOCKS5H = 7 /**< names are looked up by the proxy */
+  PROXYMANAGER_SOCKS5 = 6, /**< the program looks names up */
+  PROXYMANAGER_SOCKS5H = 7 /**< the proxy looks names up */
 } proxymanager_kind;
 
-/** One thing to try. No member is null; those without a value are empty. */
+/** One thing to try. No member is null; a text without a value is empty. */
 typedef struct proxymanager_entry {
   proxymanager_kind kind;
   const char* text;        /**< as the daemon gives it: "PROXY cache.example.org:8080" */
   const char* url;         /**< "http://cache.example.org:8080"; "direct://"; empty if unusable */
   const char* scheme;      /**< of `url`: "http", "https", "socks4", "socks4a", "socks5",
                                 "socks5h", "direct" */
-  const char* credentials; /**< "user:password" as a manual proxy's URL has them, percent-encoded;
-                                part of `url` */
+  const char* credentials; /**< "user:password" of a manual proxy, percent-encoded; part of `url` */
   const char* host;        /**< a name, an IPv4 address, or an IPv6 address in brackets */
   uint16_t port;           /**< in host order; 0 without a proxy */
 } proxymanager_entry;
 
-/** What happened, as proxymanager_watch() tells it. */
+/** What happened, as proxymanager_watch() reports it. */
 typedef enum proxymanager_change {
-  PROXYMANAGER_ANSWERS_CHANGED = 1, /**< ask again: earlier answers may be wrong by now */
-  PROXYMANAGER_DAEMON_CAME = 2,     /**< the daemon answers (again); earlier answers are stale */
-  PROXYMANAGER_DAEMON_WENT = 3      /**< the daemon, or the bus, is gone */
+  PROXYMANAGER_ANSWERS_CHANGED = 1, /**< ask again: earlier answers may be wrong now */
+  PROXYMANAGER_DAEMON_CAME = 2,     /**< the daemon runs (again); earlier answers are stale */
+  PROXYMANAGER_DAEMON_WENT = 3      /**< the daemon or the bus has ended */
 } proxymanager_change;
 
-/** More about a question that did not end with PROXYMANAGER_OK, for a log line: what the bus, or
- * who has the daemon's name there, said of it. Texts are as they came and may hold anything. */
+/** More about a question that did not end with PROXYMANAGER_OK, for a log line. The name and the
+ * text come unchanged from the bus, or from the owner of the daemon's bus name, and may hold
+ * anything. */
 typedef struct proxymanager_failure {
   proxymanager_status status;
-  int error;        /**< errno, where there was no connection to the bus: ETIMEDOUT where the limit
-                         was over before it was made, or the bus said nothing for 10 s; else 0 */
-  const char* name; /**< of the error on the bus, "org.freedesktop.DBus.Error.AccessDenied"; empty
-                         where none was sent */
+  int error; /**< errno if there was no connection to the bus, else 0. ETIMEDOUT: the connection was
+                not ready within the limit, or the bus sent nothing for 10 s */
+  const char* name; /**< of the error on the bus, such as "org.freedesktop.DBus.Error.AccessDenied";
+                       empty if the bus sent no error */
   const char* text; /**< of the error on the bus; may be empty */
 } proxymanager_failure;
 
-/** Takes the end of a question: `answer` is null unless `status` is PROXYMANAGER_OK, and is the
- * callee's, to be given back with proxymanager_answer_unref(). */
+/** Takes the end of a question. `answer` is null unless `status` is PROXYMANAGER_OK. The callback
+ * owns the answer and releases it with proxymanager_answer_unref(). */
 typedef void (*proxymanager_answer_callback)(proxymanager_status status,
                                              proxymanager_answer* answer, void* context);
 
 /** Takes a change. */
 typedef void (*proxymanager_change_callback)(proxymanager_change change, void* context);
 
-/** A question that was not answered at once, or a watch; never 0. Not used again by its client. */
+/** The number of a question that was not answered at once, or of a watch; never 0. A client uses
+ * each number once. */
 typedef uint64_t proxymanager_id;
 
-/** proxymanager_client_new(): if the daemon does not run, do not have the bus start it. */
+/** proxymanager_client_new(): if the daemon does not run, the bus does not start it. */
 #define PROXYMANAGER_NO_START 0x1u
 
-/** proxymanager_client_new(): ask the daemon about this machine and this link, too. Without it the
- * answer for localhost, *.localhost, 127.0.0.0/8, 0.0.0.0, 169.254.0.0/16, ::1, :: and fe80::/10 is
- * DIRECT at once, in every mode and without a daemon: no proxy reaches them, and a script that the
- * network announced has no business there. */
+/** proxymanager_client_new(): ask the daemon about this machine and this link, too. Without this
+ * flag the answer for localhost, *.localhost, 127.0.0.0/8, 0.0.0.0, 169.254.0.0/16, ::1, :: and
+ * fe80::/10 is DIRECT at once, in every mode and without a daemon. No proxy reaches these hosts,
+ * and a script that the network announced must not decide about them. */
 #define PROXYMANAGER_ASK_LOCAL 0x2u
 
 /** proxymanager_client_new(): put the configured user name and password into the URL of a manual
- * proxy that has none of its own. The bus lets root and members of the group proxymanager read
- * them; for others the answer has none. A script's answer never gets them: it could name any host.
+ * proxy, if that URL has no user name of its own. The bus lets root and members of the group
+ * proxymanager read user name and password; other users get the URL without them. An answer of a
+ * script never contains them, because a script could name any host.
  */
 #define PROXYMANAGER_WITH_CREDENTIALS 0x4u
 
 /** proxymanager_client_new(): an answer without an entry that can be used ends the question with
- * PROXYMANAGER_NO_ANSWER, so that no program takes it for "directly". */
+ * PROXYMANAGER_NO_ANSWER, so that no program takes the answer for "connect directly". */
 #define PROXYMANAGER_REFUSE 0x8u
 
-/** The longest URL that can be asked about, in bytes: more than any server takes. */
+/** The longest URL of a question, in bytes: more than any server takes. */
 #define PROXYMANAGER_MAX_URL 65535u
 
 /** How many questions of one client may wait for an answer at once. */
@@ -154,87 +157,89 @@ typedef uint64_t proxymanager_id;
 /** How many watches a client may have at once. */
 #define PROXYMANAGER_MAX_WATCHES 64u
 
-/** Makes a client. Nothing is connected or started before the first question or watch.
+/** Makes a client. The client connects and starts its thread with the first question or watch.
  * @param flags any of PROXYMANAGER_NO_START, PROXYMANAGER_ASK_LOCAL, PROXYMANAGER_WITH_CREDENTIALS
- * and PROXYMANAGER_REFUSE; further bits are refused
- * @return the client, to be freed with proxymanager_client_free(); null without memory and for
- * unknown flags */
+ * and PROXYMANAGER_REFUSE; other bits are refused
+ * @return the client, which the caller frees with proxymanager_client_free(); null if there is no
+ * memory or a flag is unknown */
 PROXYMANAGER_API proxymanager_client* proxymanager_client_new(unsigned flags);
 
 /** Ends the connection and the client's thread. Questions that wait end with
- * PROXYMANAGER_CANCELLED, their callbacks during this call; none comes after it. Answers live on.
- * No other thread may use the client by then. Null does nothing. */
+ * PROXYMANAGER_CANCELLED; their callbacks run during this call, and none runs after it. Answers
+ * stay valid. No other thread may use the client any more. Null does nothing. */
 PROXYMANAGER_API void proxymanager_client_free(proxymanager_client* client);
 
-/** Asks for the proxies of `url` and waits. The daemon is asked about the canonical URL: without
- * user name, password and fragment, scheme and host in lower case, "/" for an empty path, https and
- * wss without path and query. So equivalent URLs share one answer.
- * @param limit_ms how long to wait at most, the connecting included, in milliseconds. A script may
- * take the daemon 5 s; 0 gives what the client remembers and PROXYMANAGER_TOO_SLOW for the rest
- * @param answer takes the answer, to be given back with proxymanager_answer_unref(); null unless
- * PROXYMANAGER_OK is returned. An answer may have no entry: the script has none for this URL, or
- * there is no script yet */
+/** Asks for the proxies of `url` and waits. The daemon gets the canonical URL: no user name,
+ * password or fragment; scheme and host in lower case; "/" for an empty path; no path and query for
+ * https and wss. So equivalent URLs share one answer.
+ * @param limit_ms longest wait in milliseconds, including the time to connect. The daemon may need
+ * 5 s for a script. With 0 the function returns a remembered answer, or PROXYMANAGER_TOO_SLOW
+ * @param answer receives the answer, which the caller releases with proxymanager_answer_unref();
+ * null unless the function returns PROXYMANAGER_OK. An answer may have no entry: the script has
+ * none for this URL, or there is no script yet */
 PROXYMANAGER_API proxymanager_status proxymanager_get(proxymanager_client* client, const char* url,
                                                       unsigned limit_ms,
                                                       proxymanager_answer** answer);
 
 /** Asks for the proxies of `url` without waiting.
  * @param limit_ms as above
- * @param callback called exactly once: during this call where the answer is remembered, else on the
- * client's thread. Not called where this returns another status than PROXYMANAGER_OK
- * @param id where not null, takes what proxymanager_cancel() wants; 0 where the callback has been
- * called */
+ * @param callback called exactly once if the function returns PROXYMANAGER_OK, else never. The
+ * callback runs during this call if the client remembers the answer, else on the client's thread
+ * @param id if not null, receives the number for proxymanager_cancel(); 0 if the callback has
+ * already run */
 PROXYMANAGER_API proxymanager_status proxymanager_get_async(proxymanager_client* client,
                                                             const char* url, unsigned limit_ms,
                                                             proxymanager_answer_callback callback,
                                                             void* context, proxymanager_id* id);
 
-/** Takes a question back. Its callback is called with PROXYMANAGER_CANCELLED, on the client's
- * thread; one that is already being called is left alone.
- * @return 1 where the question still waited, else 0 */
+/** Cancels a question. Its callback runs with PROXYMANAGER_CANCELLED on the client's thread. A
+ * callback that already runs is not affected.
+ * @return 1 if the question still waited, else 0 */
 PROXYMANAGER_API int proxymanager_cancel(proxymanager_client* client, proxymanager_id id);
 
-/** Calls `callback` for each change from now on, on the client's thread. While there is a watch the
- * client stays connected, and looks for a lost bus every few seconds. The first call tells whether
- * the daemon is there. Where the bus takes no match rules of the client's, as its policy has none
- * left for one connection, that is the only call until the connection ends.
- * @param id takes what proxymanager_unwatch() wants */
+/** Calls `callback` for each change from now on, on the client's thread. While there is a watch,
+ * the client stays connected and tries every few seconds to reach a lost bus again. The first call
+ * reports whether the daemon runs. If the bus refuses the client's match rules, because its policy
+ * allows one connection no more of them, the first call is the only one until the connection ends.
+ * @param id receives the number for proxymanager_unwatch() */
 PROXYMANAGER_API proxymanager_status proxymanager_watch(proxymanager_client* client,
                                                         proxymanager_change_callback callback,
                                                         void* context, proxymanager_id* id);
 
-/** Ends a watch. When it returns, its callback does not run and will not; inside that callback, it
- * will not be called again. An unknown id does nothing. */
+/** Ends a watch. After the return the callback of the watch does not run any more. A callback may
+ * end its own watch: it is then not called again. An unknown id does nothing. */
 PROXYMANAGER_API void proxymanager_unwatch(proxymanager_client* client, proxymanager_id id);
 
-/** @return one more holder of the same answer; null for null */
+/** Adds a reference to an answer. @return the same answer; null for null */
 PROXYMANAGER_API proxymanager_answer* proxymanager_answer_ref(proxymanager_answer* answer);
 
-/** Gives an answer back, with its entries and texts when nobody else holds it. Null does
- * nothing. */
+/** Releases a reference to an answer. The last release frees the answer with its entries and texts.
+ * Null does nothing. */
 PROXYMANAGER_API void proxymanager_answer_unref(proxymanager_answer* answer);
 
-/** @return "off", "manual", "pacurl" or "wpad", or "local" for an answer that was given without
- * asking (see PROXYMANAGER_ASK_LOCAL); lives as long as the answer */
+/** @return "off", "manual", "pacurl" or "wpad", or "local" for an answer that the library gave
+ * without the daemon (see PROXYMANAGER_ASK_LOCAL); valid as long as the answer */
 PROXYMANAGER_API const char* proxymanager_answer_mode(const proxymanager_answer* answer);
 
-/** @return how many entries there are, in the order to be tried; may be 0 */
+/** @return the number of entries, which may be 0 */
 PROXYMANAGER_API size_t proxymanager_answer_count(const proxymanager_answer* answer);
 
-/** @return the entry, which lives as long as the answer; null from the count on. Later releases may
- * add members at its end: ask for each by its index, and copy members, not the whole. */
+/** @return the entry at `index`, in the order in which to try them; valid as long as the answer.
+ * Null if `index` is not below the count. Later releases may add members at the end of the
+ * structure: get each entry by its index, and copy single members, not the whole structure. */
 PROXYMANAGER_API const proxymanager_entry* proxymanager_answer_entry(
     const proxymanager_answer* answer, size_t index);
 
-/** @return a few English words for people, never null: "the daemon does not run" */
+/** @return a few English words for people, such as "the daemon does not run"; never null */
 PROXYMANAGER_API const char* proxymanager_status_text(proxymanager_status status);
 
-/** Says more of the last question of the calling thread: the one whose proxymanager_get() or
- * proxymanager_get_async() returned, or, in a callback, the one whose end it takes.
- * @return never null; holds until the thread's next question or callback, or its end */
+/** Describes the last question of the calling thread: the question of its last proxymanager_get()
+ * or proxymanager_get_async(). In a callback: the question whose end the callback takes.
+ * @return never null; valid until the thread asks its next question, runs its next callback, or
+ * ends */
 PROXYMANAGER_API const proxymanager_failure* proxymanager_last_failure(void);
 
-/** @return the release of the library that runs: "0.1.0" */
+/** @return the release of the library that the program runs with, such as "0.1.0" */
 PROXYMANAGER_API const char* proxymanager_client_version(void);
 
 #ifdef __cplusplus

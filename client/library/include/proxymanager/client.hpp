@@ -1,13 +1,14 @@
-// The client library for C++17 and later: what proxymanager/client.h says holds here, too. All of
-// it stands in this header, over the C functions, so the library's ABI is theirs.
+// The client library for C++17 and later. The rules in proxymanager/client.h hold here, too. This
+// header contains all of the C++ interface and calls the C functions, so the library's ABI is the C
+// ABI.
 //
 //   proxymanager::Client client;
 //   const auto answer = client.get("http://www.example.org/", std::chrono::seconds(5));
 //   if (!answer) std::cerr << proxymanager::text(answer.status()) << '\n';
 //   for (const auto& entry : answer.entries()) std::cout << entry.url << '\n';
 //
-// Nothing here throws, but where a callable or a text is to be kept and there is no memory
-// (std::bad_alloc). What is given to be called must not throw: it is called from C.
+// Functions throw only std::bad_alloc, and only if there is no memory to keep a callable or a text.
+// A callable must not throw, because C code calls it.
 #ifndef PROXYMANAGER_CLIENT_HPP
 #define PROXYMANAGER_CLIENT_HPP
 
@@ -64,8 +65,8 @@ inline const char* text(Status status) noexcept {
   return proxymanager_status_text(static_cast<proxymanager_status>(status));
 }
 
-/// One thing to try. The texts live as long as the answer or the entries that gave it, and end with
-/// a NUL.
+/// One thing to try. The texts end with a NUL, and are valid as long as the Answer or the Entries
+/// object from which they come.
 struct Entry {
   Kind kind;
   std::string_view text;
@@ -76,11 +77,11 @@ struct Entry {
   std::uint16_t port;
 };
 
-/// A holder of what the C interface calls an answer, or of none.
+/// Owns a reference to a proxymanager_answer, or none.
 class HeldAnswer {
  public:
   HeldAnswer() noexcept = default;
-  /// Takes the place of a holder.
+  /// Takes over a reference.
   explicit HeldAnswer(proxymanager_answer* held) noexcept : mHeld(held) {}
   HeldAnswer(const HeldAnswer& other) noexcept : mHeld(proxymanager_answer_ref(other.mHeld)) {}
   HeldAnswer(HeldAnswer&& other) noexcept : mHeld(std::exchange(other.mHeld, nullptr)) {}
@@ -96,7 +97,8 @@ class HeldAnswer {
   proxymanager_answer* mHeld = nullptr;
 };
 
-/// The entries of an answer, in the order to be tried; for a range-based `for`. Holds the answer.
+/// The entries of an answer, in the order in which to try them; for a range-based `for`. Keeps the
+/// answer alive.
 class Entries {
  public:
   class Iterator {
@@ -154,15 +156,15 @@ class Entries {
 
 /// More about a question that failed, for a log line: see proxymanager_failure.
 struct Failure {
-  int error = 0;     ///< errno, where there was no connection to the bus
+  int error = 0;     ///< errno if there was no connection to the bus, else 0
   std::string name;  ///< of the error on the bus
   std::string text;  ///< of the error on the bus, as it came
 };
 
-/// How a question ended, with the daemon's answer where it gave one. A value: copies share it.
+/// How a question ended, with the daemon's answer if there is one. Copies share the answer.
 class Answer {
  public:
-  /// One that never came.
+  /// A question that was never asked: Status::cancelled.
   Answer() noexcept = default;
   /// Takes `held` over, which is null unless the status is PROXYMANAGER_OK.
   Answer(proxymanager_status status, proxymanager_answer* held) noexcept
@@ -180,14 +182,14 @@ class Answer {
   HeldAnswer mAnswer;
 };
 
-/// What is known of the last failure of the calling thread: see proxymanager_last_failure().
+/// The last failure of the calling thread: see proxymanager_last_failure().
 inline Failure lastFailure() {
   const proxymanager_failure& failure = *proxymanager_last_failure();
   return {failure.error, failure.name, failure.text};
 }
 
-/// A watch: ends with this, which must not live longer than its client. May be ended in its own
-/// callback, too. Moved from, it is none.
+/// A watch, which ends with this object. The object must be destroyed before its client. A callback
+/// may destroy the watch that calls it. A moved-from object is no watch.
 class Watch {
  public:
   Watch() noexcept = default;
@@ -204,7 +206,7 @@ class Watch {
     if (mId != 0) proxymanager_unwatch(mClient, mId);
   }
 
-  /// Whether changes are told.
+  /// Whether there is a watch.
   explicit operator bool() const noexcept { return mId != 0; }
 
  private:
@@ -222,7 +224,7 @@ class Watch {
   };
 
   static void call(proxymanager_change change, void* told) noexcept {
-    // Lives on while it runs, also where it ends its own watch.
+    // The callable lives until it returns, even if it ends its own watch.
     const auto held = *static_cast<std::shared_ptr<Told>*>(told);
     held->call(static_cast<Change>(change));
   }
@@ -232,17 +234,17 @@ class Watch {
   std::unique_ptr<std::shared_ptr<Told>> mTold;
 };
 
-/// A client. Moved from, it is none, and only to be assigned to or destroyed.
+/// A client. A moved-from client may only be assigned to or destroyed.
 class Client {
  public:
   /// @param flags as proxymanager_client_new() takes them
   explicit Client(unsigned flags = 0) noexcept : mClient(proxymanager_client_new(flags)) {}
 
-  /// Whether there is one: there is none without memory and for unknown flags. All questions end
-  /// with Status::badArgument then.
+  /// Whether there is a client. There is none if memory is missing or a flag is unknown; all
+  /// questions then end with Status::badArgument.
   explicit operator bool() const noexcept { return mClient != nullptr; }
 
-  /// For the C functions; stays this one's.
+  /// The pointer for the C functions; this object keeps it.
   proxymanager_client* raw() const noexcept { return mClient.get(); }
 
   /// Asks and waits. Limits are rounded up to milliseconds.
@@ -254,9 +256,9 @@ class Client {
     return {status, answer};
   }
 
-  /// Asks without waiting. `callable` takes an Answer, once; not where another status than
-  /// Status::ok is returned.
-  /// @param id where not null, takes what cancel() wants
+  /// Asks without waiting. `callable` takes an Answer. It is called once if Status::ok is returned,
+  /// else never.
+  /// @param id if not null, receives the number for cancel()
   template <typename Rep, typename Period, typename Callable>
   Status getAsync(const std::string& url, std::chrono::duration<Rep, Period> limit,
                   Callable&& callable, proxymanager_id* id = nullptr) const {
@@ -269,13 +271,13 @@ class Client {
     return static_cast<Status>(status);
   }
 
-  /// Takes a question back. @return whether it still waited
+  /// Cancels a question. @return whether it still waited
   bool cancel(proxymanager_id id) const noexcept {
     return proxymanager_cancel(mClient.get(), id) != 0;
   }
 
-  /// Calls `callable`, which takes a Change, for each from now on.
-  /// @return a watch; none where `status`, if not null, takes why
+  /// Calls `callable`, which takes a Change, for each change from now on.
+  /// @return a watch; an empty one on failure, and `status`, if not null, receives the reason
   template <typename Callable>
   [[nodiscard]] Watch watch(Callable&& callable, Status* status = nullptr) const {
     using Kept = std::decay_t<Callable>;
@@ -296,7 +298,7 @@ class Client {
     }
   };
 
-  /// C takes a text up to its first NUL, which would be another URL.
+  /// For C a text ends at its first NUL, which would make it a different URL.
   static bool isText(const std::string& url) noexcept {
     return url.find('\0') == std::string::npos;
   }

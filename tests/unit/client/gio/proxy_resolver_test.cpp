@@ -35,7 +35,7 @@ Context context() {
   return {g_main_context_new(), g_main_context_unref};
 }
 
-/// What the next resolver of GLib answers here.
+/// The answer of GLib's next resolver in these tests.
 std::string nextAnswer = "direct://";
 
 char** nextLookup(GProxyResolver*, const char*, GCancellable*, GError**) {
@@ -61,7 +61,7 @@ void addNextResolver() {
   g_io_extension_point_implement(G_PROXY_RESOLVER_EXTENSION_POINT_NAME, type, "desktop", 50);
 }
 
-/// What a lookup came to: proxies, or an error of G_IO_ERROR.
+/// The result of a lookup: proxies, or an error of G_IO_ERROR.
 struct Outcome {
   std::vector<std::string> proxies;
   std::optional<int> error;
@@ -132,7 +132,7 @@ std::vector<std::string>& debugLines() {
   return lines;
 }
 
-/// A program whose GLib knows this module alone, and ends where GLib warns of anything.
+/// A program whose GLib knows only this module, and which ends if GLib logs a warning.
 class WithoutBus : public ::testing::Test {
  protected:
   WithoutBus() {

@@ -1,4 +1,4 @@
-// What a question is answered with, and how it ends where it is not.
+// The answers to questions, and the ends of questions without an answer.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>

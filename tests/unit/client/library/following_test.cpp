@@ -1,4 +1,4 @@
-// What makes a client forget, what it tells its watches, and whom it believes.
+// When a client forgets its answers, what it reports to its watches, and which senders it trusts.
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -247,7 +247,7 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
   Changes others;
   std::optional<Watch> first;
   std::optional<Watch> second;
-  std::mutex mutex;  // until they stand where the callback looks for them
+  std::mutex mutex;  // until they are where the callback looks for them
   std::unique_lock lock(mutex);
   auto kept = std::make_shared<int>(7);
   int seen = 0;

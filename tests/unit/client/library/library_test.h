@@ -26,7 +26,7 @@ inline constexpr std::chrono::seconds kLong{60};
 
 inline const std::string kUrl = "http://www.example.org/";
 
-/// What is told, in order, and a wait for it.
+/// Records reports in order, and waits for them.
 template <typename Told>
 class Recorded {
  public:

@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// What one connection may have under way at once; the bus allows 128.
+/// The most calls of one connection that are in progress at once; the bus allows 128.
 constexpr int kCalls = 64;
 
 class ThreadsTest : public LibraryTest {};
@@ -54,7 +54,7 @@ std::string statusOf(int thread, const std::string& field) {
   return {};
 }
 
-/// What the child ends with, that does so much in a copy of this process.
+/// The exit status of a child process that runs `does` after a fork.
 template <typename Does>
 int inAChild(Does does) {
   const pid_t child = fork();
@@ -89,7 +89,7 @@ TEST_F(ThreadsTest, EightThreadsAskAtOnce) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
-  // Each of them after each of the changes, and once more where a change overtook the answer.
+  // Each of them after each of the changes, and once more if a change overtook the answer.
   EXPECT_GE(daemon.count(), kUrls);
   EXPECT_LT(daemon.count(), kThreads * kRounds * kUrls / 4);
 }

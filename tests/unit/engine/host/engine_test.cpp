@@ -42,7 +42,7 @@ std::string script(const std::string& body) {
   return "function FindProxyForURL(url, host) { " + body + " }";
 }
 
-/// What the one-expression script answers for http://h/ and h.
+/// The answer of a script of one expression for http://h/ and h.
 std::string answer(const std::string& expression, Options options = patient()) {
   const auto engine = load(script("return String(" + expression + ");"), std::move(options));
   if (!engine) return "refused";
@@ -212,7 +212,7 @@ TEST(Engine, FollowsTheDeviceIntoAnotherZone) {
   const auto first = engine->workerPid();
   clearLog();
   putZone(zoneFile(9));
-  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "1/9") << "a new worker, loaded anew";
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "1/9") << "a new worker with a new load";
   EXPECT_TRUE(logged(LOG_DEBUG, "pac_engine: the device's zone has changed, worker " +
                                     std::to_string(first) + " is replaced"));
   EXPECT_EQ(engine->evaluate("http://h/", "h").result, "2/9");

@@ -23,8 +23,8 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 using Texts = std::vector<std::string>;
 
-// A lookup has two seconds, and asks again after half a one: what is to hear an answer, or to count
-// the questions, is tried up to five times.
+// A lookup has two seconds, and asks again after half a second. So a test that waits for an answer
+// or counts the questions is tried up to five times.
 
 constexpr auto kIpv4 = AddressFamily::kIpv4;
 constexpr auto kAny = AddressFamily::kAny;
@@ -176,7 +176,7 @@ TEST(NameLookup, GivesUpASlowServerAfterTwoSeconds) {
   EXPECT_LT(asked.took, seconds(20));
 }
 
-// Half an answer would be taken for a whole one by the next evaluation.
+// The next evaluation would take half an answer for a whole answer.
 TEST(NameLookup, AFamilyThatIsNeverAnsweredIsATimeoutOfTheWholeLookup) {
   auto half = at({"10.0.0.1", "2001:db8::1"});
   half.silentForIpv4 = true;
@@ -194,7 +194,7 @@ TEST(NameLookup, GivesUpADeadServerAfterTwoSecondsAndRemembersIt) {
     const DnsServer server({{"dead.test", dead}, {"behind.test", at({"10.0.0.1"})}});
     Names names(servedBy(server));
     EXPECT_GE(names.ask("dead.test").took, milliseconds(1990));
-    // Answered when all that was asked before has been counted.
+    // This question is answered after all earlier questions have been counted.
     EXPECT_EQ(names.ask("behind.test").addresses, Texts{"10.0.0.1"});
     const auto questions = server.questions("dead.test");
     EXPECT_GT(questions, 0);

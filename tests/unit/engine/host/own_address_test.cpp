@@ -1,4 +1,4 @@
-// Each test is a process of its own with a network of its own, so the addresses are the test's.
+// Each test is a separate process with its own network, so it controls the addresses.
 #include "engine/host/own_address.h"
 
 #include <arpa/inet.h>

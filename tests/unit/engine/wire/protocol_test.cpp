@@ -215,7 +215,7 @@ TEST(Protocol, BearsMessagesWithAnyByteChanged) {
     for (auto bytes : oneOfEachKind()) {
       const auto where = random() % bytes.size();
       bytes[where] = static_cast<char>(random());
-      // What is taken is written again as it came.
+      // An accepted message is encoded to the same bytes again.
       if (const auto message = decodeFromWorker(bytes)) {
         EXPECT_EQ(encode(*message), bytes);
       }

@@ -1,4 +1,4 @@
-// A script engine in a world of the test's, with shortcuts.
+// A script engine in an environment that the test controls, with shortcuts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,13 +14,14 @@ namespace pac_worker {
 
 class EngineTest : public testing::Test {
  protected:
-  /// The usual limits but for time: however slow the machine, it ends nothing that ends by itself.
+  /// The usual limits, except for time: the time limit ends no script that ends by itself, however
+  /// slow the machine is.
   static ScriptLimits patient() {
     ScriptLimits limits;
     limits.time = std::chrono::seconds(60);
     return limits;
   }
-  /// Loads the script into a fresh engine. @return the error's message, "" where it is loaded
+  /// Loads the script into a fresh engine. @return the error's message, "" if it is loaded
   std::string load(const std::string& script, const ScriptLimits& limits = patient()) {
     mEngine = std::make_unique<ScriptEngine>(mWorld, limits);
     const std::optional<Problem> error = mEngine->load(script);

@@ -30,7 +30,7 @@ TEST_F(Limits, HeapIsGrantedToTheLastByteAndNotPastIt) {
     const std::size_t middle = granted + (refused - granted) / 2;
     (hasRoomFor(*mEngine, middle) ? granted : refused) = middle;
   }
-  // What is missing to the limit is the language itself and the script.
+  // The language itself and the script use the rest of the limit.
   EXPECT_LT(granted, kHeap);
   EXPECT_GT(granted, kHeap - (1U << 20U));
   for (int round = 0; round < 3; ++round) {
@@ -50,7 +50,7 @@ TEST_F(Limits, HeapThatIsHeldCountsInLaterEvaluations) {
   EXPECT_EQ(ask("http://h/", "1"), "1") << "a heap that stays full is given up";
 }
 
-/// Measures the native stack under a script from where its helpers are called.
+/// Measures the native stack of a script at the calls of its helpers.
 class StackGauge : public FakeEnvironment {
  public:
   void alert(std::string_view) override {

@@ -1,4 +1,4 @@
-// A world that a test can set: clock, zone, names, addresses, and the alerts that came.
+// An environment that a test controls: clock, zone, names and addresses; it also records alerts.
 #pragma once
 
 #include <cstdint>

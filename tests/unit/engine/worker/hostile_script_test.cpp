@@ -1,5 +1,5 @@
-// Scripts that want to take the device down with them. Each must cost no more than its own answer:
-// it ends within its limit, and the next query is right.
+// Scripts that attack the device. Each spoils only its own answer: it ends within its limit, and
+// the next query has the right answer.
 #include "tests/support/once_of_five.h"
 #include "tests/unit/engine/worker/engine_fixture.h"
 
@@ -50,7 +50,7 @@ std::string nameOf(const testing::TestParamInfo<Attack>& info) {
 class EndlessWork : public Hostile, public testing::WithParamInterface<Attack> {};
 
 TEST_P(EndlessWork, IsEndedByTheTimeLimit) {
-  onceOfFive([this] {  // the limit holds for what does no harm, too
+  onceOfFive([this] {  // the limit also ends a harmless script
     mWorld.alerts.clear();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(attack(GetParam().body, hasty(), GetParam().prelude), kTime);
@@ -255,7 +255,8 @@ TEST_F(Hostile, RedefinedBuiltInsHarmOnlyTheScript) {
   EXPECT_EQ(ask("", "example.com"), "PROXY example.com");
   EXPECT_EQ(ask("", "attack").substr(0, 1), "!");
   EXPECT_TRUE(mWorld.alerts.empty());
-  EXPECT_EQ(ask("", "odd"), "!uncaught exception: 1") << "a regular expression uses what is there";
+  EXPECT_EQ(ask("", "odd"), "!uncaught exception: 1")
+      << "the regular expression meets the accessors of the script";
   EXPECT_EQ(ask("", "example.com"), "PROXY example.com");
 }
 

@@ -127,8 +127,7 @@ TEST_F(Loading, ShowsNoHostObjects) {
                   "typeof queueMicrotask, typeof window, typeof bjson, typeof gc].every(t => t ==="
                   "'undefined')"),
             "true");
-  // What the language itself defines is not enumerable, so the helpers and the entry point are
-  // left.
+  // Globals of the language are not enumerable, so the helpers and the entry point are left.
   EXPECT_EQ(value("Object.keys(globalThis).sort()"),
             "FindProxyForURL,alert,convert_addr,dateRange,dnsDomainIs,dnsDomainLevels,dnsResolve,"
             "dnsResolveEx,getClientVersion,isInNet,isInNetEx,isPlainHostName,isResolvable,"
@@ -136,9 +135,9 @@ TEST_F(Loading, ShowsNoHostObjects) {
             "shExpMatch,sortIpAddressList,timeRange,wdays,weekdayRange");
 }
 
-// Of the engine's own globals a browser's PAC scripts lack `performance`, `queueMicrotask`, `atob`,
-// `btoa`, `DOMException` and `InternalError`. A name that a newer engine brings fails here, and is
-// then compared with a browser.
+// PAC scripts in a browser do not have these globals of the engine: `performance`,
+// `queueMicrotask`, `atob`, `btoa`, `DOMException` and `InternalError`. If a newer engine has a new
+// global, this test fails, and a person compares it with a browser.
 TEST_F(Loading, HasTheGlobalNamesOfTheLanguageAlone) {
   EXPECT_EQ(value("Object.getOwnPropertyNames(globalThis).filter(name => "
                   "!Object.keys(globalThis).includes(name)).sort()"),

@@ -81,7 +81,7 @@ class Generator {
   std::mt19937 mRandom{20250426};
 };
 
-// An evaluation compares a batch of pairs, so that not each pair costs one.
+// One evaluation compares a batch of pairs, to save evaluations.
 TEST(ShellExpression, AgreesWithTheEnginesRegularExpressions) {
   FakeEnvironment world;
   ScriptEngine engine(world);

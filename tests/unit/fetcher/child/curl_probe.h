@@ -1,5 +1,5 @@
-// Sits between the transfer and libcurl: sees each option that is set. Everything goes on to the
-// real library.
+// A layer between the transfer and libcurl that sees each option. All calls go on to the real
+// library.
 #pragma once
 
 #include <vector>

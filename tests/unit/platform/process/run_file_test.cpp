@@ -144,7 +144,7 @@ TEST(RunFile, NamesThatLeaveTheFolderAreRefused) {
 }
 
 // Runs `test` as an ordinary user, in a child, since the leak checker does not bear the change.
-// Skips where the namespace knows no other user.
+// Skips if the namespace has no other user.
 template <typename Test>
 void asOrdinaryUser(Test test) {
   constexpr uid_t kNobody = 65534;

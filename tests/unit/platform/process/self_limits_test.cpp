@@ -55,7 +55,7 @@ long anonymousKib() {
   return -1;
 }
 
-/// What two long messages do, the second one beside a block that stays.
+/// The allocations of two long messages, the second one beside a block that stays.
 void allocateAndFree() {
   constexpr std::size_t kLong = std::size_t{31} << 20U;
   for (int count = 0; count < 2; ++count) {

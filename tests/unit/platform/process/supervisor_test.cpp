@@ -31,7 +31,8 @@ class Supervisor {
   }
   ~Supervisor() { close(mSocket); }
 
-  // What was said since the last call; a notification is there as soon as its call returned.
+  // The notifications since the last call. A notification is available as soon as its call has
+  // returned.
   std::string heard() {
     char bytes[256];
     const ssize_t length = recv(mSocket, bytes, sizeof bytes, 0);

@@ -25,7 +25,7 @@ TEST(HeapCopy, KeepsAnEmptyTextEmptyAndANullNull) {
   EXPECT_TRUE(logLines().empty());
 }
 
-// What is not freed here is found by the leak check of the sanitizer runs.
+// The leak check of the sanitizer runs finds memory that is not freed here.
 TEST(ProxyConfigOwner, FreesItsStringsWithoutALine) {
   {
     ProxyConfigOwner owner;

@@ -1,4 +1,4 @@
-// What is left of a record's texts in memory that has been freed.
+// The remains of a record's texts in freed memory.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -49,15 +49,13 @@ TEST(FailedCallTest, SaysWhoMayDoWhatIsDenied) {
 }
 
 TEST(FailedCallTest, SaysWhatToDoAboutASlowAnswer) {
-  EXPECT_EQ(
-      call("Timeout"),
-      "75: proxymanagerd has not answered within 1.5 s, maybe because it waits for a download; "
-      "try again, or give it more time with --timeout");
-  EXPECT_EQ(
-      call("Timeout", kChange),
-      "75: proxymanagerd has not answered within 1.5 s, maybe because it waits for a download; "
-      "the change may still be made, look with \"proxymanagerctl config\", or give it more "
-      "time with --timeout");
+  EXPECT_EQ(call("Timeout"),
+            "75: proxymanagerd has not answered within 1.5 s, maybe because it loads a script; "
+            "try again, or give it more time with --timeout");
+  EXPECT_EQ(call("Timeout", kChange),
+            "75: proxymanagerd has not answered within 1.5 s, maybe because it loads a script; "
+            "the change may still be made, look with \"proxymanagerctl config\", or give it more "
+            "time with --timeout");
 }
 
 TEST(FailedCallTest, SaysThatTheDaemonOrTheConnectionEnded) {
