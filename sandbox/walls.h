@@ -28,10 +28,11 @@ enum class Network : std::uint8_t {
   leave  ///< an empty network, if the kernel gives one; if not, that is no failure
 };
 
-/// Gives up every privilege: no new ones by starting a program, the user and group nobody if the
-/// process is root's, no supplementary group then, no capability, an empty bounding set if the
-/// process may empty it, and no debugger, core dump or /proc/PID/mem for others of the same user.
-/// A process of another user keeps its user.
+/// Gives up every privilege. The process gets no new privileges when it starts a program. If it
+/// runs as root, it gets the user and group nobody and no supplementary group. It has no
+/// capability, and an empty bounding set if it may empty the set. Other processes of the same user
+/// cannot debug it or read its memory, and it leaves no core dump. A process of another user keeps
+/// its user.
 Failure giveUpPrivileges(Network network);
 
 /// If memory runs out, the kernel ends this process first. Not a wall: no failure if the system has

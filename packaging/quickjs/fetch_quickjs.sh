@@ -1,12 +1,12 @@
 #!/bin/sh
 # Fetches the source of the JavaScript engine, QuickJS-NG, once per machine.
 #
-# For machines whose release has no package of the engine that is recent enough. The upstream tarball
-# of a later suite is taken through the machine's own apt source (same host, transport and keyring,
-# only the suite differs) under an apt configuration made for this run: /etc/apt and apt's lists stay
-# untouched. The proof is the archive's: apt verifies the signature of the suite's index, and the
-# tarball by the checksum in that index. No checksum is pinned here, because the archive replaces a
-# version by the next one; the suite's present version is taken and named.
+# For machines whose release has no package of the engine that is recent enough. apt fetches the upstream
+# tarball of a later suite from the machine's own source: same host, transport and keyring, only another
+# suite. The script makes an apt configuration for this run, and does not change /etc/apt or apt's lists.
+# The proof is the archive's: apt verifies the signature of the suite's index, and the tarball by the
+# checksum in that index. No checksum is pinned here, because the archive replaces a version by the next
+# one; the suite's present version is taken and named.
 #
 # Prints on standard output the folder that holds the unpacked source; reports on standard error what
 # it does, one line a step. Any user can run it, and several at once: one fetches, the others wait.

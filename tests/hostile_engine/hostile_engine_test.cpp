@@ -1,9 +1,9 @@
 // Scripts that are known to break script engines, run through the sandboxed worker: an answer or an
 // error of the script, never a dead worker.
 //
-// proofs/ holds our own scripts, each named for the published hole that it tries and with a first
-// line that says how. A proof that finds the hole answers something else than "ok". The regression
-// tests of the engine's own source are run besides; they check themselves and throw.
+// proofs/ holds our own scripts. Each has the name of the published hole that it tries, and its
+// first line describes how. A proof that finds the hole answers something else than "ok". The
+// regression tests of the engine's own source are run besides; they check themselves and throw.
 //
 // HOSTILE_ENGINE_WORKER in the environment names another worker to try: one with an engine that has
 // a hole shows that its proof finds it.

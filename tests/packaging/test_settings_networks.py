@@ -179,7 +179,8 @@ def test_the_default_route_decides_also_if_a_link_or_a_tunnel_comes_and_goes(fed
     fed.follows(("pacurl", "", url("tunnel")), "the tunnel")
     fed.nmcli("connection", "down", "tunnel")
     fed.follows(("pacurl", "", url("office")), "the tunnel is down")
-    # One that NetworkManager did not make and knows no proxy of leaves what holds.
+    # A connection that NetworkManager did not make, and that has no proxy, does not change the
+    # configuration.
     fed.interface("foreign")
     fed.run("ip", "address", "add", "10.8.0.1/24", "dev", "foreign")
     fed.run("ip", "link", "set", "foreign", "up")
