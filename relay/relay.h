@@ -21,9 +21,9 @@ struct Configured {
 /// @return the problems; `configured` is to be used only without any
 std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured);
 
-/// Serves until SIGTERM or SIGINT. The calling thread is the relay's; lookups of names and the
-/// client library have threads of their own.
-/// @return the exit status. Throws std::exception if the relay cannot start
+/// Serves until SIGTERM or SIGINT, and ends the process then, with status 0. The calling thread is
+/// the relay's; lookups of names and the client library have threads of their own. Throws
+/// std::exception if the relay cannot start.
 int run(const Configured& configured, std::vector<base::UniqueFd> listeners);
 
 }  // namespace relay
