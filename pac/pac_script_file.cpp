@@ -1,7 +1,10 @@
 // Reads the script's file, checks whether the script has changed, and rebuilds the engine.
 
-#define OPENSSL_SUPPRESS_DEPRECATED  // the digest only compares files, it protects nothing include
-# <fcntl.h> include <openssl / md5.h> include <sys / stat.h> include <unistd.h>
+#define OPENSSL_SUPPRESS_DEPRECATED  // the digest only compares files, it protects nothing
+#include <fcntl.h>
+#include <openssl/md5.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
