@@ -43,9 +43,15 @@ class Relay:
         return self
 
     def listens(self):
-        """Whether its first address takes connections."""
+        """Whether its first address serves. The kernel takes connections before the relay has raised
+        its walls and its signals' handlers, so an answer is waited for, or the end of a connection
+        that is refused."""
         try:
-            self.connect().close()
+            with self.connect() as connection:
+                connection.sendall(b"GET /style.css HTTP/1.0\r\nHost: localhost\r\n\r\n")
+                connection.recv(1)
+        except ConnectionResetError:
+            return True
         except OSError:
             return False
         return True
