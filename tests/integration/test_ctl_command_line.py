@@ -52,7 +52,7 @@ def test_a_wrong_command_line_ends_with_status_64(ctl):
     assert refused("get") == "URL is required"
     assert refused("get", "--format", "xml", "http://a/").startswith("--format: ")
     assert refused("get", "--format", "env", "http://a/", "http://b/") == \
-        "--format: env takes one URL: the next would speak against it"
+        "--format: env takes one URL: a second one would overwrite its variables"
     assert refused("get", "--format", "raw", "--json", "http://a/") == "--format excludes --json"
     assert refused("get", b"\xff") == "URL: it is no text in UTF-8"
     for name, rest in (("get", []), ("exec", ["--", "true"])):
