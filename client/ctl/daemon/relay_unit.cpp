@@ -31,7 +31,7 @@ Message property(sd_bus* bus, const char* interface, const char* name, const cha
   if (result >= 0) result = sd_bus_message_set_auto_start(call, 0);
   if (result >= 0) result = sd_bus_message_append(call, "ss", interface, name);
   if (result < 0) fail("no memory");
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   sd_bus_message* reply = nullptr;
   result = sd_bus_call(bus, call, static_cast<std::uint64_t>(limit.count()), &error, &reply);
   const std::string why = error.message == nullptr ? "" : error.message;
