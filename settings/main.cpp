@@ -1,6 +1,7 @@
 // proxymanager-settings: keeps the proxy configuration that the daemon does not keep.
 #include <getopt.h>
 #include <grp.h>
+#include <malloc.h>
 #include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -48,6 +49,9 @@ constexpr char kUsage[] =
     "SIGHUP reads the settings again. See proxymanager-settings(8) and settings.conf(5).\n";
 
 constexpr int kUsageError = 2;
+/// Blocks of this size and more go back to the system when they are freed. By default glibc raises
+/// the size after the first long script, and then keeps the memory of each one.
+constexpr int kReturnedBytes = 64 * 1024;
 
 [[noreturn]] void usageError(const char* text) {
   std::fprintf(stderr, "proxymanager-settings: %s\n%s", text, kUsage);
@@ -186,6 +190,7 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
   const Options options = parse(argc, argv);
+  mallopt(M_MMAP_THRESHOLD, kReturnedBytes);
   openlog("proxymanager-settings", LOG_PID | LOG_NDELAY, LOG_DAEMON);
   try {
     return run(options);

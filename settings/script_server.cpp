@@ -24,13 +24,6 @@ namespace {
 
 constexpr std::string_view kSuffix = ".pac";
 constexpr std::size_t kDigits = 16;
-/// What one connection may use for its request, in bytes: the daemon's request has some 200.
-constexpr std::size_t kRequestBytes = 8192;
-
-struct ResponseCloser {
-  void operator()(MHD_Response* response) const { MHD_destroy_response(response); }
-};
-using Response = std::unique_ptr<MHD_Response, ResponseCloser>;
 
 struct FolderCloser {
   void operator()(DIR* folder) const { closedir(folder); }
@@ -60,22 +53,6 @@ void writeAll(int fd, std::string_view text) {
     if (written < 0) fail("write");
     text.remove_prefix(static_cast<std::size_t>(written));
   }
-}
-
-Response response(unsigned& status, const std::string& path) {
-  base::UniqueFd file(path.empty() ? -1 : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  struct stat state {};
-  if (!file || fstat(file.get(), &state) != 0 || !S_ISREG(state.st_mode)) {
-    status = MHD_HTTP_NOT_FOUND;
-    return Response(MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT));
-  }
-  status = MHD_HTTP_OK;
-  Response made(MHD_create_response_from_fd(static_cast<std::uint64_t>(state.st_size), file.get()));
-  if (!made) return made;
-  static_cast<void>(file.release());  // the response closes it
-  MHD_add_response_header(made.get(), MHD_HTTP_HEADER_CONTENT_TYPE,
-                          "application/x-ns-proxy-autoconfig");
-  return made;
 }
 
 }  // namespace
@@ -114,59 +91,58 @@ bool isScriptName(std::string_view name) {
 }
 
 ScriptServer::ScriptServer(sd_event* event, base::UniqueFd listening, std::string folder)
-    : mFolder(std::move(folder)),
-      mBase(baseUrl(listening.get())),
-      mTimer(event, [this] { run(); }) {
-  mDaemon.reset(
-      MHD_start_daemon(MHD_USE_EPOLL, 0, nullptr, nullptr, &onRequest, this,
-                       MHD_OPTION_LISTEN_SOCKET, listening.get(), MHD_OPTION_CONNECTION_LIMIT,
-                       kMaxHttpConnections, MHD_OPTION_CONNECTION_TIMEOUT, kHttpIdleSeconds,
-                       MHD_OPTION_CONNECTION_MEMORY_LIMIT, kRequestBytes, MHD_OPTION_END));
-  if (!mDaemon) fail("the HTTP server cannot be started");
-  static_cast<void>(listening.release());  // the server closes it
-  const auto* info = MHD_get_daemon_info(mDaemon.get(), MHD_DAEMON_INFO_EPOLL_FD);
+    : mEvent(event),
+      mListening(std::move(listening)),
+      mFolder(std::move(folder)),
+      mBase(baseUrl(mListening.get())),
+      mAcceptPause(event, [this] {
+        require(sd_event_source_set_enabled(mSource.get(), SD_EVENT_ON),
+                "sd_event_source_set_enabled");
+      }) {
+  // systemd's socket blocks, and a connection may be gone before it is accepted.
+  const int flags = fcntl(mListening.get(), F_GETFL);
+  if (flags < 0 || fcntl(mListening.get(), F_SETFL, flags | O_NONBLOCK) != 0) fail("fcntl");
   sd_event_source* source = nullptr;
-  require(sd_event_add_io(event, &source, info->epoll_fd, EPOLLIN, onReady, this),
+  require(sd_event_add_io(event, &source, mListening.get(), EPOLLIN, onConnection, this),
           "sd_event_add_io");
   mSource.reset(source);
 }
 
-int ScriptServer::onReady(sd_event_source* source, int, std::uint32_t, void* self) {
+int ScriptServer::onConnection(sd_event_source* source, int, std::uint32_t, void* self) {
   return guarded(sd_event_source_get_event(source),
-                 [self] { static_cast<ScriptServer*>(self)->run(); });
+                 [self] { static_cast<ScriptServer*>(self)->accept(); });
 }
 
-// The server closes silent connections only when it runs, so it is woken for that.
-void ScriptServer::run() {
-  MHD_run(mDaemon.get());
-  MHD_UNSIGNED_LONG_LONG milliseconds = 0;
-  if (MHD_get_timeout(mDaemon.get(), &milliseconds) == MHD_YES) {
-    mTimer.set(std::chrono::milliseconds{static_cast<std::int64_t>(milliseconds)});
-  } else {
-    mTimer.cancel();
+// One for each turn of the loop: so what is open is served before the next one could end it.
+void ScriptServer::accept() {
+  base::UniqueFd accepted(
+      accept4(mListening.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!accepted) {
+    if (errno == EAGAIN || errno == EINTR || errno == ECONNABORTED) return;
+    logLine(LOG_WARNING, "settings: no connection for a script, next try in %lld s: %s",
+            static_cast<long long>(kAcceptPause.count()), std::strerror(errno));
+    require(sd_event_source_set_enabled(mSource.get(), SD_EVENT_OFF),
+            "sd_event_source_set_enabled");
+    mAcceptPause.set(kAcceptPause);
+    return;
   }
+  if (mConnections.size() == kMaxConnections) mConnections.pop_front();
+  ScriptConnection::Owner& owner = *this;
+  mConnections.emplace_back(mEvent, std::move(accepted), owner);
 }
 
-MHD_Result ScriptServer::onRequest(void* self, MHD_Connection* connection, const char* url,
-                                   const char* method, const char*, const char*, std::size_t*,
-                                   void**) {
-  try {
-    return static_cast<const ScriptServer*>(self)->answer(connection, url, method);
-  } catch (const std::exception&) {
-    return MHD_NO;  // no memory: the connection is closed
-  }
+base::UniqueFd ScriptServer::openScript(const std::string& name) const {
+  if (!isScriptName(name)) return {};
+  // O_NONBLOCK: a FIFO without a writer would stop the service.
+  base::UniqueFd file(
+      open((mFolder + "/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  struct stat state {};
+  if (!file || fstat(file.get(), &state) != 0 || !S_ISREG(state.st_mode)) return {};
+  return file;
 }
 
-MHD_Result ScriptServer::answer(MHD_Connection* connection, const char* url,
-                                const char* method) const {
-  const bool isRead = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0 ||
-                      std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
-  const std::string_view name = url[0] == '/' ? url + 1 : url;
-  unsigned status = 0;
-  const Response made = response(
-      status, isRead && isScriptName(name) ? mFolder + "/" + std::string(name) : std::string());
-  if (!made) return MHD_NO;
-  return MHD_queue_response(connection, status, made.get());
+void ScriptServer::connectionEnded(ScriptConnection& connection) {
+  mConnections.remove_if([&connection](const auto& entry) { return &entry == &connection; });
 }
 
 std::string ScriptServer::publish(std::string_view script) {

@@ -6,23 +6,26 @@
 // everybody can read what the daemon has fetched.
 #pragma once
 
-#include <microhttpd.h>
 #include <systemd/sd-event.h>
 
-#include <memory>
+#include <chrono>
+#include <cstdint>
+#include <list>
 #include <string>
 #include <string_view>
 
 #include "base/unique_fd.h"
 #include "settings/event_timer.h"
+#include "settings/script_connection.h"
 
 namespace settings {
 
-/// How many connections are served at once; further ones wait in the kernel's backlog. The daemon
-/// needs one.
-inline constexpr unsigned kMaxHttpConnections = 64;
-/// A connection that is silent for so many seconds is closed.
-inline constexpr unsigned kHttpIdleSeconds = 5;
+/// How many connections are open at once. The daemon needs one. A further one ends the oldest, so
+/// that nobody keeps the daemon out by opening connections.
+inline constexpr std::size_t kMaxConnections = 64;
+/// No connection is accepted for this time after the kernel could give none, for example because
+/// there is no memory.
+inline constexpr std::chrono::seconds kAcceptPause{1};
 /// The port, if the service binds it itself. Below 1024, so that no other local user can bind it
 /// while the service restarts and be taken for the administrator. IANA has not assigned it.
 inline constexpr std::uint16_t kScriptPort = 850;
@@ -35,7 +38,7 @@ base::UniqueFd listenOnLoopback(std::uint16_t port);
 std::string scriptName(std::string_view script);
 bool isScriptName(std::string_view name);
 
-class ScriptServer {
+class ScriptServer final : ScriptConnection::Owner {
  public:
   /// @param listening a socket that listens on loopback
   /// @param folder the runtime folder, which exists and is this user's
@@ -52,21 +55,18 @@ class ScriptServer {
   void withdraw() { removeAllBut({}); }
 
  private:
-  struct Stopper {
-    void operator()(MHD_Daemon* daemon) const { MHD_stop_daemon(daemon); }
-  };
-  static int onReady(sd_event_source*, int, std::uint32_t, void* self);
-  static MHD_Result onRequest(void* self, MHD_Connection* connection, const char* url,
-                              const char* method, const char* version, const char* body,
-                              std::size_t* bodyBytes, void** state);
-  MHD_Result answer(MHD_Connection* connection, const char* url, const char* method) const;
-  void run();
+  base::UniqueFd openScript(const std::string& name) const override;
+  void connectionEnded(ScriptConnection& connection) override;
+  void accept();
+  static int onConnection(sd_event_source*, int, std::uint32_t, void* self);
   void removeAllBut(std::string_view name) const;
 
+  sd_event* mEvent;
+  base::UniqueFd mListening;
   std::string mFolder;
-  std::string mBase;  ///< "http://127.0.0.1:850/"
-  std::unique_ptr<MHD_Daemon, Stopper> mDaemon;
-  EventTimer mTimer;
+  std::string mBase;                         ///< "http://127.0.0.1:850/"
+  std::list<ScriptConnection> mConnections;  ///< the oldest first
+  EventTimer mAcceptPause;
   EventSource mSource;
 };
 

@@ -127,6 +127,27 @@ def test_a_port_that_is_taken_leaves_all_but_pushed_scripts(settings, daemon, cl
         manager.close()
 
 
+def test_a_script_is_served_again_after_the_kernel_gave_no_connection(settings, daemon, client, syslog):
+    settings.start()
+    link("eth", 100)
+    pid = settings.process.pid
+    wait_until(lambda: settings.state()["handed_over_at"] is not None, "handed over")
+    subprocess.run(["prlimit", f"--pid={pid}", "--nofile=3:1024"], check=True)
+    begin = time.monotonic()
+    with socket.create_connection(("127.0.0.1", 850)):
+        syslog.wait_match(WARNING, r"settings: no connection for a script, next try in 1 s: "
+                                   r"Too many open files")
+        wait_until(lambda: sum("no connection for a script" in text for text in syslog.texts()) >= 2,
+                   "the next try")
+        assert time.monotonic() - begin > 0.9  # a pause, no loop
+        subprocess.run(["prlimit", f"--pid={pid}", "--nofile=1024:1024"], check=True)
+    manager = NetworkManager()
+    manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
+    wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY pushed.example:1"],
+               "the pushed script answers")
+    manager.close()
+
+
 def test_a_name_that_another_has_leaves_the_files(settings, daemon, client, syslog):
     other = StandIn({}, PACRUNNER)
     write_settings(MANUAL)

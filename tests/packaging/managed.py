@@ -5,7 +5,7 @@ from machine import Machine
 # No other network than these two; what each announces has its name.
 NETWORKS = {"office": ("eth0", "10.77.1", 100), "home": ("eth1", "10.77.2", 200)}
 # The same for all tests of network managers, so that they share one root.
-PACKAGES = ("network-manager", "connman", "dnsmasq-base", "iproute2", "libmicrohttpd12")
+PACKAGES = ("network-manager", "connman", "dnsmasq-base", "iproute2")
 
 
 class Managed(Machine):
