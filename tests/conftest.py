@@ -3,6 +3,7 @@
 A folder's own conftest.py adds what only that folder has.
 """
 
+import contextlib
 import os
 
 import pytest
@@ -13,6 +14,9 @@ from support.ctl import Ctl
 from support.daemon import Daemon, make_watched_files, trace
 from support.own_root import own_root
 from support.real_proxies import RealProxies
+from support.relay import Relay
+from support.relay_peers import Origin
+from support.relay_requests import HOST
 from support.syslog_socket import Syslog
 from support.web import Web
 
@@ -106,3 +110,17 @@ def proxies(own_network):
     proxies = RealProxies()
     yield proxies
     proxies.close()
+
+
+@pytest.fixture
+def origin(own_network):
+    network.hosts(HOST)
+    with contextlib.closing(Origin()) as origin:
+        yield origin
+
+
+@pytest.fixture
+def relay(build, own_network, syslog):
+    relay = Relay(build)
+    yield relay
+    relay.stop()
