@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -85,6 +86,14 @@ Options parse(int argc, char** argv, bool& checks) {
   return options;
 }
 
+/// A signal during the start waits until run() can take it: the relay then ends with status 0.
+void holdEndSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : relay::kEndSignals) sigaddset(&signals, signal);
+  sigprocmask(SIG_BLOCK, &signals, nullptr);
+}
+
 /// @return whether there is none
 bool report(const std::string& path, const std::vector<relay::Problem>& problems) {
   for (const auto& problem : problems) {
@@ -98,6 +107,7 @@ bool report(const std::string& path, const std::vector<relay::Problem>& problems
 }  // namespace
 
 int main(int argc, char** argv) {
+  holdEndSignals();
   bool checks = false;
   const Options options = parse(argc, argv, checks);
   const bool isTold = checks || isatty(STDERR_FILENO) != 0;

@@ -128,6 +128,13 @@ class Acceptor {
   Socket mSocket;
 };
 
+void unblockEndSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : kEndSignals) sigaddset(&signals, signal);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 }  // namespace
 
 int run(const Configured& configured, std::vector<base::UniqueFd> listeners) {
@@ -137,8 +144,10 @@ int run(const Configured& configured, std::vector<base::UniqueFd> listeners) {
   auto& ofUsers = *new std::map<uid_t, unsigned>;
   for (auto& listener : listeners) new Acceptor(context, ofUsers, std::move(listener));
   std::signal(SIGPIPE, SIG_IGN);
-  asio::signal_set signals(loop, SIGTERM, SIGINT);
+  asio::signal_set signals(loop);
+  for (const int signal : kEndSignals) signals.add(signal);
   signals.async_wait([&](const ErrorCode&, int) { loop.stop(); });
+  unblockEndSignals();
   sd_notify(0, "READY=1");
   loop.run();
   sd_notify(0, "STOPPING=1");

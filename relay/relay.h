@@ -1,6 +1,7 @@
 // The relay as a whole: what it is configured with, and its life on one thread.
 #pragma once
 
+#include <csignal>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,6 +10,9 @@
 #include "relay/configuration.h"
 
 namespace relay {
+
+/// The signals that end the relay.
+inline constexpr int kEndSignals[] = {SIGTERM, SIGINT};
 
 /// The configuration with the credentials file that it names.
 struct Configured {
@@ -21,8 +25,9 @@ struct Configured {
 /// @return the problems; `configured` is to be used only without any
 std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured);
 
-/// Serves until SIGTERM or SIGINT, and ends the process then, with status 0. The calling thread is
-/// the relay's; lookups of names and the client library have threads of their own. Throws
+/// Serves until one of kEndSignals comes, and then ends the process with status 0. The caller has
+/// blocked these signals; run() unblocks them when it can take them. The calling thread is the
+/// relay's; lookups of names and the client library have threads of their own. Throws
 /// std::exception if the relay cannot start.
 int run(const Configured& configured, std::vector<base::UniqueFd> listeners);
 

@@ -1,6 +1,7 @@
 """proxymanager-relay: how it starts and ends, its sockets, and what it reports of its files."""
 
 import os
+import signal
 import socket
 import subprocess
 
@@ -56,3 +57,25 @@ def test_a_socket_that_was_left_behind_is_replaced_and_another_file_is_not(
     relay.launch()
     assert relay.process.wait(LIMIT) == 1
     syslog.wait(ERR, f"relay: cannot start: {path}: Address already in use")
+
+
+def test_a_signal_during_the_start_ends_it_in_order(build, own_network, syslog):
+    # Its port is open, and it waits for the log to take the line about the other address.
+    with socket.create_server(("::1", 3128), family=socket.AF_INET6):
+        syslog.hold()
+        while not syslog.takes_no_more():
+            pass
+        relay = Relay(build, listen=()).launch()
+        relay.listen = ("127.0.0.1:3128",)
+        wait_until(lambda: has_open_port(relay), "its port is open")
+        relay.process.send_signal(signal.SIGTERM)
+        syslog.go_on()
+        assert relay.process.wait(LIMIT) == 0
+
+
+def has_open_port(relay):
+    try:
+        relay.connect().close()
+    except ConnectionRefusedError:
+        return False
+    return True
