@@ -18,7 +18,8 @@ namespace relay {
 /// Most proxies whose challenge is remembered; the list starts again when it is full.
 inline constexpr std::size_t kMaxChallenges = 64;
 
-/// What a proxy asked for last, so that the next request is sent with its password at once.
+/// What a proxy asked for last, so that the next request is sent with its password at once. Without
+/// a scheme: the proxy took a request without a password.
 struct KnownChallenge {
   Challenge challenge;
   std::string clientNonce;

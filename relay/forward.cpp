@@ -74,7 +74,7 @@ Task<Session::Next> Session::forward(const RequestHead& request) {
 /// Whether nothing of the exchange has reached the client.
 bool Session::isWithoutAnswer(Exchange exchange) {
   return exchange == Exchange::kNoAnswer || exchange == Exchange::kAuthentication ||
-         exchange == Exchange::kAuthenticate;
+         exchange == Exchange::kAgain;
 }
 
 /// Tries upstreams until one answers.
@@ -86,7 +86,7 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
       (mServer->isAbsoluteForm || mServerDestination == target.destination.text());
   if (!canReuse) mServer.reset();
   mIsReused = canReuse;
-  bool isAuthenticated = false;
+  mIsExpectRefused = false;
   mFresh.reset();
   while (true) {
     if (!mServer) {
@@ -95,18 +95,16 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
       mServerIn.clear();
       if (!mServer) co_return Exchange::kNoAnswer;
     }
-    auto result = co_await exchangeOnce(request, target, route);
+    const auto result = co_await exchangeOnce(request, target, route);
     if (!isWithoutAnswer(result)) co_return result;
     const bool wasReused = mIsReused;
     mIsReused = false;
     mServer.reset();
     if (!mClient.isOpen()) co_return Exchange::kClose;
-    if (result == Exchange::kAuthenticate && !isAuthenticated && !mIsBodyStarted) {
-      isAuthenticated = true;
+    if (result == Exchange::kAgain) {
       if (!wasReused) route.again();
       continue;
     }
-    if (result == Exchange::kAuthenticate) result = Exchange::kAuthentication;
     mFresh.reset();
     // A kept connection may have ended since; nothing is wrong with its proxy then.
     if (wasReused && result == Exchange::kNoAnswer && !mIsBodyStarted &&
@@ -118,7 +116,9 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
     } else if (!wasReused) {
       route.closedEarly("the connection ended before an answer");
     }
-    if (mIsBodyStarted || !isRepeatable(request.method)) co_return Exchange::kNoAnswer;
+    // A proxy that answers 407 has not acted on the request.
+    const bool mayRepeat = result == Exchange::kAuthentication || isRepeatable(request.method);
+    if (mIsBodyStarted || !mayRepeat) co_return Exchange::kNoAnswer;
   }
 }
 
@@ -134,6 +134,9 @@ Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const 
   const auto password = authorization(request, route);
   form.authorization = password;
   mHasServerByte = false;
+  mContinue.reset();
+  if (mayWantPassword(request, route)) mContinue.emplace(mContext.loop);
+  form.expectsContinue = mContinue.has_value();
   const std::string head = requestFor(request, form);
   if (!co_await mServer->stream.write(head)) co_return Exchange::kNoAnswer;
   mIsBodySent = request.body.kind == BodyKind::kNone;
@@ -142,12 +145,21 @@ Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const 
   co_return result.index() == 0 ? std::get<0>(result) : Exchange::kClose;
 }
 
+/// Waits for the proxy to let the body go, if it may want a password first.
+/// @return false if the body stays: the answer has begun, or this wait was cancelled
+Task<bool> Session::mayBodyLeave() {
+  if (!mContinue || co_await mContinue->wait(kAnswerBeforeBody)) co_return true;
+  const auto cancellation = co_await asio::this_coro::cancellation_state;
+  co_return cancellation.cancelled() == asio::cancellation_type::none && !mHasServerByte;
+}
+
 /// Sends the request's body, and then waits until the answer is there: it is told to end by that.
 /// Ends itself only if the client's connection ended or its body is broken.
 Task<void> Session::sendBody(const RequestHead& request) {
   BodyReader body(request.body);
   std::string out;
-  while (!body.isComplete()) {
+  const bool mayLeave = co_await mayBodyLeave();
+  while (mayLeave && !body.isComplete()) {
     if (mIn.empty() && !co_await readMore()) co_return;
     out.clear();
     const auto taken = body.take(mIn, out);
@@ -206,8 +218,21 @@ std::string Session::authorization(const RequestHead& request, const Route& rout
                           targetFor(request, route), challenge.clientNonce, ++challenge.count);
 }
 
+/// Whether mServer could answer this request's head with a 407 that the relay can meet. A nonce of
+/// Digest may have become too old.
+bool Session::mayWantPassword(const RequestHead& request, const Route& route) {
+  const bool hasBody = request.body.kind != BodyKind::kNone;
+  if (!hasBody || !mServer->isAbsoluteForm || mIsExpectRefused) return false;
+  if (mContext.credentialsFor(mServer->entry, route.mode(), mPeer).user.empty()) return false;
+  const auto known = mContext.challenges.find(mServer->entry.name());
+  if (mFresh || known == mContext.challenges.end()) return true;
+  const auto scheme = known->second.challenge.scheme;
+  return scheme == Challenge::Scheme::kDigestMd5 || scheme == Challenge::Scheme::kDigestSha256;
+}
+
 /// Keeps what the proxy of a 407 asks for. @return whether another attempt can have the password
 bool Session::canAuthenticate(const ResponseHead& response, const Route& route) {
+  if (mFresh) return false;  // it was refused
   if (mContext.credentialsFor(mServer->entry, route.mode(), mPeer).user.empty()) return false;
   std::vector<std::string_view> values;
   for (const auto& field : response.fields.list) {
@@ -223,31 +248,47 @@ bool Session::canAuthenticate(const ResponseHead& response, const Route& route) 
   return true;
 }
 
-/// The proxy took the password: others use this nonce from now on.
+/// After a 407.
+Session::Exchange Session::challenged(const ResponseHead& response, const Route& route) {
+  if (!canAuthenticate(response, route)) return Exchange::kAuthentication;
+  if (!mIsBodyStarted) return Exchange::kAgain;
+  // Too late for this request, and in time for the next one.
+  shareChallenge();
+  return Exchange::kAuthentication;
+}
+
+/// Keeps for further requests what the proxy wants: the password with this nonce, or none.
 void Session::shareChallenge() {
-  if (!mFresh) return;
+  if (!mFresh && !mContinue) return;
   if (mContext.challenges.size() >= kMaxChallenges) mContext.challenges.clear();
-  mContext.challenges[mServer->entry.name()] = *std::move(mFresh);
+  auto& known = mContext.challenges[mServer->entry.name()];
+  if (mFresh) known = *std::move(mFresh);
   mFresh.reset();
 }
 
 Task<Session::Exchange> Session::answer(const RequestHead& request, const Route& route) {
   std::string head;
   ResponseHead response;
+  const bool hasOwnExpect = mContinue && !request.fields.has("Expect");
   while (true) {
     if (!co_await readResponse(request, head, response)) co_return Exchange::kNoAnswer;
     if (response.status / 100 != 1 || response.status == 101) break;
-    if (!request.isHttp11) continue;
+    const bool isContinue = response.status == 100;
+    if (isContinue && mContinue) mContinue->happen();
+    if (!request.isHttp11 || (isContinue && hasOwnExpect)) continue;
     ResponseForm form;
     form.via = mContext.name;
     if (!co_await mClient.write(responseFor(response, form))) co_return Exchange::kClose;
   }
   if (response.status == 101 && !isUpgrade(request)) co_return Exchange::kNoAnswer;
   if (response.status == 407 && mServer->isAbsoluteForm) {
-    co_return canAuthenticate(response, route) ? Exchange::kAuthenticate
-                                               : Exchange::kAuthentication;
+    co_return challenged(response, route);
   }
   shareChallenge();
+  if (response.status == 417 && hasOwnExpect && !mIsBodyStarted) {
+    mIsExpectRefused = true;
+    co_return Exchange::kAgain;
+  }
   co_return co_await relayResponse(request, response);
 }
 

@@ -65,6 +65,7 @@ std::string requestFor(const RequestHead& request, const RequestForm& form) {
   }
   addFields(head, fields);
   addLength(head, request.body, true);
+  if (form.expectsContinue && !fields.has("Expect")) add(head, "Expect", "100-continue");
   addVia(head, fields, request.isHttp11, form.via);
   if (form.isUpgrade) {
     add(head, "Upgrade", request.fields.find("Upgrade"));

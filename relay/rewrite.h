@@ -16,6 +16,7 @@ struct RequestForm {
   std::string_view path;           ///< from "/" or "?" on, or empty
   bool isAbsolute = false;         ///< the whole URL, for an HTTP proxy
   bool isUpgrade = false;          ///< Upgrade goes on
+  bool expectsContinue = false;    ///< the relay sends the body after a 100
   std::string_view via;            ///< the relay's name
   std::string_view authorization;  ///< value of Proxy-Authorization; empty: none
 };

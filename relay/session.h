@@ -19,6 +19,10 @@
 
 namespace relay {
 
+/// How long a body waits for the proxy's 100 or 407, if the proxy may want a password. Servers need
+/// not send a 100 (RFC 9110, 10.1.1); other clients wait as long.
+inline constexpr std::chrono::seconds kAnswerBeforeBody{1};
+
 class Session : public Watched, public std::enable_shared_from_this<Session> {
  public:
   Session(Context& context, Stream client, const Peer& peer, bool isRefused, Slot slot);
@@ -37,8 +41,8 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
     kClose,           ///< done, or broken after the answer began
     kHandedOver,      ///< a tunnel since the 101
     kNoAnswer,        ///< the upstream ended before its answer, nothing was sent to the client
-    kAuthentication,  ///< 407, which the client is not told
-    kAuthenticate     ///< 407, and the next attempt has the password
+    kAuthentication,  ///< 407, which the client does not get
+    kAgain            ///< 407 or 417, and the next attempt has another head
   };
 
   // session.cpp
@@ -67,9 +71,12 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   Task<Exchange> exchangeOnce(const RequestHead& request, const HttpTarget& target, Route& route);
   static bool isWithoutAnswer(Exchange exchange);
   std::string authorization(const RequestHead& request, const Route& route);
+  bool mayWantPassword(const RequestHead& request, const Route& route);
   bool canAuthenticate(const ResponseHead& response, const Route& route);
+  Exchange challenged(const ResponseHead& response, const Route& route);
   void shareChallenge();
   Task<Exchange> answer(const RequestHead& request, const Route& route);
+  Task<bool> mayBodyLeave();
   Task<void> sendBody(const RequestHead& request);
   Task<bool> readResponse(const RequestHead& request, std::string& head, ResponseHead& response);
   Task<Exchange> relayResponse(const RequestHead& request, const ResponseHead& response);
@@ -84,8 +91,9 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   std::optional<Upstream> mServer;       ///< of the last request in absolute form
   std::string mServerDestination;        ///< what mServer leads to, if not an HTTP proxy
   std::string mServerIn;                 ///< read from mServer, not used yet
-  std::string mAuthorization;            ///< Proxy-Authorization for mServer
   std::optional<KnownChallenge> mFresh;  ///< of a 407 to this request, for its next attempt alone
+  std::optional<Event> mContinue;        ///< a 100 came; set if the body waits for it
+  bool mIsExpectRefused = false;         ///< the server refused Expect for this request
   bool mIsReused = false;                ///< mServer was used before
   bool mHasServerByte = false;           ///< mServer sent something since the request
   bool mIsBodyStarted = false;           ///< bytes of the request's body have left

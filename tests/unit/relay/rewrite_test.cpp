@@ -31,6 +31,23 @@ TEST(RequestFor, HasTheWholeUrlForAProxyAndOneLength) {
             "PUT http://a/p HTTP/1.1\r\nHost: a\r\nContent-Length: 7\r\nVia: 1.0 me\r\n\r\n");
 }
 
+TEST(RequestFor, ExpectsAContinueOnce) {
+  for (const char* field : {"", "Expect: 100-continue\r\n"}) {
+    RequestHead request;
+    const std::string head =
+        "PUT http://a/p HTTP/1.1\r\nContent-Length: 7\r\n" + std::string(field) + "Host: a\r\n\r\n";
+    ASSERT_EQ(readRequestHead(head, request).status, 0U);
+    const Destination server{"a", 80};
+    RequestForm form;
+    form.destination = &server;
+    form.expectsContinue = true;
+    const auto text = requestFor(request, form);
+    const auto at = text.find("Expect: 100-continue\r\n");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_EQ(text.find("Expect", at + 1), std::string::npos);
+  }
+}
+
 TEST(ResponseFor, HasOneLengthAndSaysWhetherTheConnectionStays) {
   ResponseHead response;
   ASSERT_EQ(
