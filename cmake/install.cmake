@@ -105,6 +105,7 @@ install(FILES "${proxymanager_packaging}/etc/settings.conf"
 install(FILES "${proxymanager_pages}/proxymanager-settings.8"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man8")
 install(FILES "${proxymanager_pages}/settings.conf.5" DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")
+install(FILES "${proxymanager_pages}/org.pacrunner.7" DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
 
 # The relay: its units, user, policy, commented configuration, and the snippets that lead programs to
 # it, which proxymanagerctl links into /etc.
