@@ -19,6 +19,13 @@ std::chrono::seconds failurePause(std::size_t failures) {
   return std::min(kFirstFailurePause * (std::int64_t{1} << doublings), kLongestFailurePause);
 }
 
+std::chrono::milliseconds refreshPause(std::chrono::seconds interval) {
+  static std::minstd_rand random(std::random_device{}());
+  const std::chrono::milliseconds least = interval;
+  std::uniform_int_distribution<std::int64_t> spread(0, least.count() / kRefreshSpread);
+  return least + std::chrono::milliseconds{spread(random)};
+}
+
 bool isScriptNewer(const std::string& path, const timespec& since) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
@@ -97,10 +104,7 @@ void HandOver::setRefreshTimer() {
     mRefreshTimer.cancel();
     return;
   }
-  static std::minstd_rand random(std::random_device{}());
-  const std::chrono::milliseconds interval = mRefresh;
-  std::uniform_int_distribution<std::int64_t> spread(0, interval.count() / kRefreshSpread);
-  mRefreshTimer.set(interval + std::chrono::milliseconds{spread(random)});
+  mRefreshTimer.set(refreshPause(mRefresh));
 }
 
 // A stronger reason replaces a weaker one.

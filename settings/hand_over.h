@@ -42,6 +42,8 @@ inline constexpr int kRefreshSpread = 10;
 /// The pause before the retry with this number, counted from 0.
 std::chrono::seconds scriptPause(std::size_t retry);
 std::chrono::seconds failurePause(std::size_t failures);
+/// The pause before the next refresh: `interval` and a random part of it, up to kRefreshSpread.
+std::chrono::milliseconds refreshPause(std::chrono::seconds interval);
 
 /// Whether the script file is newer than the hand-over at `since`. False if there is none.
 bool isScriptNewer(const std::string& path, const timespec& since);

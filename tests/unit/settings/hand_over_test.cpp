@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 using namespace settings;
@@ -25,6 +26,21 @@ TEST(FailurePause, DoublesUpToItsLimit) {
   EXPECT_EQ(failurePause(8), std::chrono::seconds{256});
   EXPECT_EQ(failurePause(9), kLongestFailurePause);
   EXPECT_EQ(failurePause(1000000), kLongestFailurePause);
+}
+
+TEST(RefreshPause, IsUpToATenthLongerThanItsInterval) {
+  const std::chrono::hours interval{6};
+  auto least = std::chrono::milliseconds::max();
+  auto most = std::chrono::milliseconds{0};
+  for (int i = 0; i < 1000; i++) {
+    const auto pause = refreshPause(interval);
+    least = std::min(least, pause);
+    most = std::max(most, pause);
+  }
+  EXPECT_GE(least, interval);
+  EXPECT_LE(most, interval + std::chrono::minutes{36});
+  // A thousand of them are spread over nearly all of the tenth.
+  EXPECT_GT(most - least, std::chrono::minutes{30});
 }
 
 class ScriptFile : public testing::Test {

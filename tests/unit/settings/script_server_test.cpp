@@ -2,14 +2,17 @@
 
 #include <arpa/inet.h>
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -148,6 +151,36 @@ TEST_F(ScriptServerTest, FollowsNoLinkInItsFolder) {
   const std::string link = "0123456789abcdef.pac";
   ASSERT_EQ(symlink("/etc/passwd", (mFolder + "/" + link).c_str()), 0);
   EXPECT_EQ(fetch(url.substr(0, url.rfind('/') + 1) + link).status, 404);
+}
+
+TEST_F(ScriptServerTest, AFifoInItsFolderIsNoScript) {
+  const std::string url = mServer->publish("a");
+  const std::string name = "0123456789abcdef.pac";
+  ASSERT_EQ(mkfifo((mFolder + "/" + name).c_str(), 0644), 0);
+  EXPECT_EQ(fetch(url.substr(0, url.rfind('/') + 1) + name).status, 404);
+}
+
+TEST_F(ScriptServerTest, ASocketThatBlocksIsMadeOneThatDoesNot) {
+  base::UniqueFd listening = listenOnLoopback(0);
+  ASSERT_EQ(fcntl(listening.get(), F_SETFL, 0), 0);
+  const base::UniqueFd same(dup(listening.get()));
+  mServer = std::make_unique<ScriptServer>(mEvent.get(), std::move(listening), mFolder);
+  EXPECT_NE(fcntl(same.get(), F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_F(ScriptServerTest, ASocketThatListensForTheNetworkIsRefused) {
+  base::UniqueFd listening(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(listen(listening.get(), 1), 0);
+  EXPECT_THROW(ScriptServer(mEvent.get(), std::move(listening), mFolder), std::system_error);
+}
+
+// A reset would take the answer away from a peer that has not read it yet.
+TEST_F(ScriptServerTest, APeerThatSendsMoreThanItShouldGetsTheWholeAnswer) {
+  const std::string url = mServer->publish("a");
+  const auto peer = connectTo(url);
+  write(peer, "GET /" + scriptName("a") + " HTTP/1.1\r\n\r\n" + std::string(50'000, 'x'));
+  shutdown(peer.get(), SHUT_WR);
+  EXPECT_TRUE(readAll(peer).ends_with("\r\n\r\na"));
 }
 
 TEST_F(ScriptServerTest, WithdrawsItsScripts) {

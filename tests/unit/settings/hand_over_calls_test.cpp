@@ -1,0 +1,236 @@
+// When the configuration is handed over, with a stand-in for the daemon on a bus of the test's own.
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "base/bus_names.h"
+#include "settings/hand_over.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/private_bus.h"
+
+using namespace settings;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+namespace {
+
+constexpr seconds kLimit{60};
+constexpr const char* kForeign =
+    "settings: another program has changed the configuration; it stays";
+
+struct EventCloser {
+  void operator()(sd_event* event) const { sd_event_unref(event); }
+};
+struct BusCloser {
+  void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
+};
+using Bus = std::unique_ptr<sd_bus, BusCloser>;
+
+/// Keeps a configuration, as the daemon does. Runs in the same loop as what is tested.
+class Daemon {
+ public:
+  explicit Daemon(sd_bus* bus) : mBus(bus) {
+    static const sd_bus_vtable table[] = {
+        SD_BUS_VTABLE_START(0),
+        SD_BUS_METHOD("getProxyconfig", "", "(ssssss)", onGet, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_METHOD("updateProxyconfig", "sssbss", "i", onUpdate, SD_BUS_VTABLE_UNPRIVILEGED),
+        SD_BUS_VTABLE_END};
+    require(
+        sd_bus_add_object_vtable(mBus, nullptr, base::kObjectPath, base::kInterface, table, this),
+        "sd_bus_add_object_vtable");
+  }
+  ~Daemon() {
+    for (auto* call : held) sd_bus_message_unref(call);
+  }
+  void appear() const { require(sd_bus_request_name(mBus, base::kBusName, 0), "the name"); }
+  void vanish() const { require(sd_bus_release_name(mBus, base::kBusName), "the name"); }
+
+  Configuration configuration;
+  int updates = 0;
+  int reads = 0;
+  int failures = 0;  ///< so many updates are refused
+  bool holds = false;
+  std::deque<sd_bus_message*> held;  ///< updates that are not answered
+
+ private:
+  static int onGet(sd_bus_message* call, void* self, sd_bus_error*) {
+    auto& daemon = *static_cast<Daemon*>(self);
+    daemon.reads++;
+    const auto& now = daemon.configuration;
+    return sd_bus_reply_method_return(call, "(ssssss)", modeText(now.mode), now.proxyUrl.c_str(),
+                                      now.pacUrl.c_str(), "n", now.user.c_str(),
+                                      now.password.c_str());
+  }
+  static int onUpdate(sd_bus_message* call, void* self, sd_bus_error* error) {
+    auto& daemon = *static_cast<Daemon*>(self);
+    daemon.updates++;
+    if (daemon.failures > 0) {
+      daemon.failures--;
+      return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "why");
+    }
+    const char *mode = nullptr, *proxyUrl = nullptr, *pacUrl = nullptr;
+    require(sd_bus_message_read(call, "sss", &mode, &proxyUrl, &pacUrl), "the call");
+    const bool isManual = std::string(mode) == "manual";
+    daemon.configuration = {isManual ? Mode::kManual : Mode::kPacUrl, proxyUrl, pacUrl, "", ""};
+    if (daemon.holds) {
+      daemon.held.push_back(sd_bus_message_ref(call));
+      return 1;
+    }
+    return sd_bus_reply_method_return(call, "i", 0);
+  }
+
+  sd_bus* mBus;
+};
+
+class HandOverCalls : public testing::Test, DaemonLink::Listener {
+ protected:
+  void SetUp() override {
+    sd_event* event = nullptr;
+    ASSERT_GE(sd_event_new(&event), 0);
+    mEvent.reset(event);
+    mOwn = connect();
+    mOther = connect();
+    daemon = std::make_unique<Daemon>(mOther.get());
+    mLink = std::make_unique<DaemonLink>(mOwn.get());
+    handOver = std::make_unique<HandOver>(event, *mLink, "/nonexistent/script.pac");
+    mLink->watch(*this);
+    clearLog();
+  }
+
+  Bus connect() {
+    sd_bus* bus = nullptr;
+    EXPECT_GE(sd_bus_open_system(&bus), 0);
+    EXPECT_GE(sd_bus_attach_event(bus, mEvent.get(), 0), 0);
+    return Bus(bus);
+  }
+  void daemonAppeared() override { handOver->daemonAppeared(); }
+  void daemonVanished() override { handOver->daemonVanished(); }
+
+  template <typename Condition>
+  testing::AssertionResult waitFor(Condition condition) {
+    const auto end = steady_clock::now() + kLimit;
+    while (!condition()) {
+      if (steady_clock::now() > end) return testing::AssertionFailure() << "not in time";
+      sd_event_run(mEvent.get(), 10'000);
+    }
+    return testing::AssertionSuccess();
+  }
+  bool isHandedOver(int updates) const {
+    return daemon->updates == updates && handOver->lastHandOver() &&
+           handOver->lastProblem().empty();
+  }
+
+  const Configuration mScript{Mode::kPacUrl, "", "http://127.0.0.1:9/p.pac", "", ""};
+  const Configuration mManual{Mode::kManual, "http://a.example:1", "", "", ""};
+  PrivateBus mBusDaemon;
+  std::unique_ptr<sd_event, EventCloser> mEvent;
+  Bus mOwn;
+  Bus mOther;
+  std::unique_ptr<Daemon> daemon;
+  std::unique_ptr<DaemonLink> mLink;
+  std::unique_ptr<HandOver> handOver;
+};
+
+TEST_F(HandOverCalls, EachAppearanceIsConfiguredEvenIfNothingDiffers) {
+  daemon->configuration = mManual;
+  handOver->want(mManual);
+  for (int appearance = 1; appearance <= 3; appearance++) {
+    daemon->appear();
+    EXPECT_TRUE(waitFor([&] { return isHandedOver(appearance); }));
+    daemon->vanish();
+    EXPECT_TRUE(waitFor([&] { return !mLink->isThere(); }));
+    EXPECT_FALSE(handOver->lastHandOver());
+  }
+}
+
+TEST_F(HandOverCalls, ARefreshHandsOverAgainAndAgain) {
+  handOver->want(mScript);
+  handOver->refreshEvery(seconds{1});
+  daemon->appear();
+  const auto begin = steady_clock::now();
+  EXPECT_TRUE(waitFor([&] { return isHandedOver(3); }));
+  EXPECT_GE(steady_clock::now() - begin, milliseconds{1900});
+}
+
+TEST_F(HandOverCalls, ARefreshLeavesAnotherProgramsConfiguration) {
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  daemon->configuration = mManual;
+  handOver->refreshEvery(seconds{1});
+  EXPECT_TRUE(waitFor([&] { return logged(LOG_INFO, kForeign); }));
+  EXPECT_EQ(daemon->updates, 1);
+  EXPECT_TRUE(handOver->isForeign());
+  EXPECT_FALSE(handOver->isOurs(mManual));
+  // A change of the source ends that.
+  Configuration other = mManual;
+  other.proxyUrl = "http://b.example:2";
+  handOver->want(other);
+  EXPECT_TRUE(waitFor([&] { return isHandedOver(2); }));
+  EXPECT_FALSE(handOver->isForeign());
+}
+
+TEST_F(HandOverCalls, ARefreshIsForScriptsAlone) {
+  handOver->want(mManual);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  handOver->refreshEvery(seconds{1});
+  const auto end = steady_clock::now() + milliseconds{1500};
+  ASSERT_TRUE(waitFor([&] { return steady_clock::now() > end; }));
+  EXPECT_EQ(daemon->updates, 1);
+  EXPECT_EQ(daemon->reads, 0);
+}
+
+TEST_F(HandOverCalls, AChangeDuringACallIsHandedOverAfterIt) {
+  daemon->holds = true;
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 1; }));
+  handOver->want(mManual);
+  daemon->holds = false;
+  ASSERT_GE(sd_bus_reply_method_return(daemon->held.front(), "i", 0), 0);
+  EXPECT_TRUE(waitFor([&] { return isHandedOver(2); }));
+  EXPECT_EQ(daemon->configuration, mManual);
+}
+
+TEST_F(HandOverCalls, AReplyThatComesAfterTheDaemonsEndCountsForNothing) {
+  daemon->holds = true;
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 1; }));
+  daemon->vanish();
+  ASSERT_TRUE(waitFor([&] { return !mLink->isThere(); }));
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 2; }));
+  ASSERT_GE(sd_bus_reply_method_return(daemon->held[0], "i", 0), 0);
+  // What the same connection sends later arrives later.
+  bool isRead = false;
+  mLink->read([&isRead](const auto&, const std::string&) { isRead = true; });
+  ASSERT_TRUE(waitFor([&] { return isRead; }));
+  EXPECT_FALSE(handOver->lastHandOver());
+  ASSERT_GE(sd_bus_reply_method_return(daemon->held[1], "i", 0), 0);
+  EXPECT_TRUE(waitFor([&] { return handOver->lastHandOver().has_value(); }));
+}
+
+TEST_F(HandOverCalls, TheFirstPauseIsShortAgainAfterASuccess) {
+  const auto count = [](int pause) {
+    return countLog(LOG_WARNING,
+                    "settings: the hand-over failed, next in " + std::to_string(pause) + " s: why");
+  };
+  daemon->failures = 1;
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(2); }));
+  EXPECT_EQ(count(1), 1);
+  daemon->failures = 1;
+  handOver->want(mManual);
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(4); }));
+  EXPECT_EQ(count(1), 2);
+  EXPECT_EQ(count(2), 0);
+}
+
+}  // namespace
