@@ -131,8 +131,8 @@ threaded+=("${threaded_tests[@]}")
 # Of tests on a bus, those that start none of the other programs.
 threaded_tests+=(integration.{bus_loss,bus_policy,contract,fairness,faults,files,glib_programs}
   integration.{hostile_scripts,kill,libproxy,lifecycle,memory,on_demand,pac,planted_files,relay}
-  integration.{relay_program,self_limits,service,settings,settings_trouble,stop,stop_answers}
-  integration.{watch,wpad} 'network[.][a-z_]+' stress.bus_abuse)
+  integration.{relay_program,self_limits,service,settings,settings_sources,settings_trouble,stop}
+  integration.{stop_answers,watch,wpad} 'network[.][a-z_]+' stress.bus_abuse)
 
 test_sanitizers() {
   export UBSAN_OPTIONS=print_stacktrace=1

@@ -14,10 +14,8 @@ namespace settings {
 namespace {
 
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
-/// Bytes that are read or sent at once.
+/// Bytes of a script that are sent at once.
 constexpr std::size_t kChunkBytes = 16U << 10U;
-/// Chunks that are thrown away before other connections have their turn.
-constexpr int kMaxDiscarded = 16;
 
 bool isLater(ssize_t result) {
   return result < 0 && (errno == EAGAIN || errno == EINTR);
@@ -70,9 +68,8 @@ int ScriptConnection::onLimit(sd_event_source* source, std::uint64_t, void* self
 
 /// @return false at the connection's end
 bool ScriptConnection::proceed() {
-  if (mState == State::kReading && !read()) return false;
-  if (mState == State::kWriting && !write()) return false;
-  return mState != State::kEnding || waitsForPeer();
+  if (!mIsAnswering && !read()) return false;
+  return !mIsAnswering || write();
 }
 
 bool ScriptConnection::read() {
@@ -105,22 +102,24 @@ void ScriptConnection::answerWith(const char* status, std::uint64_t bytes) {
   mText = std::string("HTTP/1.1 ") + status +
           "\r\nContent-Type: application/x-ns-proxy-autoconfig\r\nContent-Length: " +
           std::to_string(bytes) + "\r\nConnection: close\r\n\r\n";
-  mState = State::kWriting;
+  mIsAnswering = true;
   require(sd_event_source_set_io_events(mSource.get(), EPOLLOUT), "sd_event_source_set_io_events");
 }
 
+/// Bytes of the file that are still to be sent; none at its end, or if it has become shorter.
+std::string_view ScriptConnection::nextChunk(std::span<char> chunk) const {
+  const auto most = std::min(static_cast<std::size_t>(mBytes - mOffset), chunk.size());
+  if (most == 0) return {};
+  const ssize_t length = pread(mFile.get(), chunk.data(), most, mOffset);
+  return {chunk.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
+}
+
+// After the last byte the socket is closed; the kernel sends what it still holds.
 bool ScriptConnection::write() {
   std::array<char, kChunkBytes> chunk;
   while (true) {
-    std::string_view rest = mText;
-    if (rest.empty()) {
-      const auto most = std::min<std::int64_t>(mBytes - mOffset, chunk.size());
-      const ssize_t length =
-          most > 0 ? pread(mFile.get(), chunk.data(), static_cast<std::size_t>(most), mOffset) : 0;
-      if (length < 0 || (most > 0 && length == 0)) return false;  // the file became shorter
-      rest = {chunk.data(), static_cast<std::size_t>(length)};
-    }
-    if (rest.empty()) break;
+    const std::string_view rest = mText.empty() ? nextChunk(chunk) : mText;
+    if (rest.empty()) return false;
     const ssize_t sent = send(mSocket.get(), rest.data(), rest.size(), MSG_NOSIGNAL);
     if (sent < 0) return isLater(sent);
     if (mText.empty()) {
@@ -129,20 +128,6 @@ bool ScriptConnection::write() {
       mText.erase(0, static_cast<std::size_t>(sent));
     }
   }
-  mState = State::kEnding;
-  shutdown(mSocket.get(), SHUT_WR);
-  require(sd_event_source_set_io_events(mSource.get(), EPOLLIN), "sd_event_source_set_io_events");
-  return true;
-}
-
-// Closing a socket with unread bytes resets the connection, and the peer could lose the answer.
-bool ScriptConnection::waitsForPeer() {
-  std::array<char, kChunkBytes> thrownAway;
-  for (int chunks = 0; chunks < kMaxDiscarded; chunks++) {
-    const ssize_t length = recv(mSocket.get(), thrownAway.data(), thrownAway.size(), 0);
-    if (length <= 0) return isLater(length);
-  }
-  return true;
 }
 
 }  // namespace settings

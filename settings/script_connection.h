@@ -10,6 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -56,12 +57,10 @@ class ScriptConnection {
   ScriptConnection& operator=(const ScriptConnection&) = delete;
 
  private:
-  enum class State { kReading, kWriting, kEnding };
-
   bool proceed();
   bool read();
   bool write();
-  bool waitsForPeer();
+  std::string_view nextChunk(std::span<char> chunk) const;
   void answer();
   void answerWith(const char* status, std::uint64_t bytes);
   static int onReady(sd_event_source*, int, std::uint32_t, void* self);
@@ -69,7 +68,7 @@ class ScriptConnection {
 
   base::UniqueFd mSocket;
   Owner& mOwner;
-  State mState = State::kReading;
+  bool mIsAnswering = false;
   std::string mText;         ///< what was read; later the answer's head that is still to be sent
   base::UniqueFd mFile;      ///< the answer's body; empty without one
   std::int64_t mOffset = 0;  ///< how much of the file is sent

@@ -47,6 +47,13 @@ class Caller(Client):
     def push_auto(self):
         return self.push(Method="auto")
 
+    def find(self, url):
+        """FindProxyForURL, as programs call it."""
+        address = DBusAddress("/org/pacrunner/client", bus_name="org.pacrunner",
+                              interface="org.pacrunner.Client")
+        message = new_method_call(address, "FindProxyForURL", "ss", (url, ""))
+        return self.connection.send_and_get_reply(message, timeout=LIMIT).body[0]
+
     def settings_owner(self):
         return self.owner("com.zentu.ProxyManagerSettings")
 
@@ -235,7 +242,7 @@ def test_root_alone_pushes_and_everybody_asks(machine, root_caller):
         with pytest.raises(Refused) as refused:
             stranger.call("push_auto")
         assert str(refused.value) == DENIED
-        assert stranger.call("settings_owner")
+        assert stranger.call("find", "http://h.example/") == "DIRECT"
     root_caller.call("push_auto")
 
 

@@ -21,6 +21,7 @@ class SettingsService:
     def __init__(self, build, port=850, environment=None):
         self.path = os.path.join(build, "out", "libexec", "proxymanager-settings")
         self.port = port
+        self.user = None
         self.environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin",
                             "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS,
                             **{name: value for name, value in os.environ.items()
@@ -29,8 +30,9 @@ class SettingsService:
         self.process = None
 
     def start(self):
-        self.process = subprocess.Popen([self.path, f"--port={self.port}"], env=self.environment,
-                                        stdin=subprocess.DEVNULL)
+        user = [f"--user={self.user}"] if self.user else []
+        self.process = subprocess.Popen([self.path, f"--port={self.port}", *user],
+                                        env=self.environment, stdin=subprocess.DEVNULL)
         with Client() as client:
             wait_until(lambda: client.owner(NAME) is not None or self.process.poll() is not None,
                        "the settings service has its name")

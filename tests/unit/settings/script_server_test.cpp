@@ -174,15 +174,6 @@ TEST_F(ScriptServerTest, ASocketThatListensForTheNetworkIsRefused) {
   EXPECT_THROW(ScriptServer(mEvent.get(), std::move(listening), mFolder), std::system_error);
 }
 
-// A reset would take the answer away from a peer that has not read it yet.
-TEST_F(ScriptServerTest, APeerThatSendsMoreThanItShouldGetsTheWholeAnswer) {
-  const std::string url = mServer->publish("a");
-  const auto peer = connectTo(url);
-  write(peer, "GET /" + scriptName("a") + " HTTP/1.1\r\n\r\n" + std::string(50'000, 'x'));
-  shutdown(peer.get(), SHUT_WR);
-  EXPECT_TRUE(readAll(peer).ends_with("\r\n\r\na"));
-}
-
 TEST_F(ScriptServerTest, WithdrawsItsScripts) {
   const std::string url = mServer->publish("a");
   mServer->withdraw();

@@ -1,0 +1,152 @@
+"""proxymanager-settings: what makes it configure the daemon again, and what it does without systemd."""
+
+import os
+import signal
+import socket
+import subprocess
+import sys
+
+import pytest
+from support.bus import LIMIT, wait_until
+from support.settings_service import FOLDER, NetworkManager, SettingsService, link, write_settings
+from support.web import response, script
+
+HOUR = 3600.0
+RUNTIME = "/run/proxymanager-settings"
+RESOLVER = "/etc/resolv.conf"
+MANUAL = 'mode = "manual"\nproxy-url = "http://a.example:1"\n'
+OFF = ("off", "", "", "n", "", "")
+
+
+@pytest.fixture
+def settings(build, own_network, syslog, bus):
+    service = SettingsService(build)
+    yield service
+    service.stop()
+
+
+def wait_for(client, *wanted):
+    wait_until(lambda: client.config() == wanted, f"{wanted}")
+
+
+def next_timer(settings):
+    """Seconds until the service's event loop wakes by itself, or None. While a call waits for the daemon,
+    that is the call's limit."""
+    folder = f"/proc/{settings.process.pid}/fdinfo"
+    for name in os.listdir(folder):
+        with open(f"{folder}/{name}") as file:
+            for line in file:
+                if line.startswith("it_value: (") and line.strip() != "it_value: (0, 0)":
+                    return float(line.split("(")[1].split(",")[0])
+    return None
+
+
+def test_the_fallback_counts_until_a_network_manager_pushes_and_after_it(settings, daemon, client):
+    write_settings('fallback = "wpad"\n')
+    settings.start()
+    wait_for(client, "wpad", "", "", "n", "", "")
+    link("eth", 100)
+    manager = NetworkManager()
+    manager.create(Method="manual", Interface="eth", Servers=["eth.example:1"])
+    wait_for(client, "manual", "http://eth.example:1", "", "n", "", "")
+    manager.close()
+    wait_for(client, "wpad", "", "", "n", "", "")
+
+
+def test_a_refresh_time_sets_a_timer_and_no_refresh_sets_none(settings, daemon, client):
+    write_settings(MANUAL)
+    settings.start()
+    wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
+    wait_until(lambda: next_timer(settings) is None, "no timer")
+    write_settings('refresh = "6h"\n', "settings.d/1.conf")
+    wait_until(lambda: 5.9 * HOUR < (next_timer(settings) or 0) <= 6.6 * HOUR, "a timer of six hours")
+    write_settings('refresh = "0"\n', "settings.d/1.conf")
+    wait_until(lambda: next_timer(settings) is None, "no timer")
+
+
+def test_a_script_goes_with_the_network_manager_that_pushed_it(settings, daemon, client):
+    settings.start()
+    link("eth", 100)
+    manager = NetworkManager()
+    manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
+    wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY pushed.example:1"],
+               "the pushed script answers")
+    assert len(os.listdir(RUNTIME)) == 1
+    manager.close()
+    wait_for(client, *OFF)
+    assert os.listdir(RUNTIME) == []
+
+
+@pytest.mark.slow
+def test_a_script_that_does_not_come_is_asked_for_after_ten_seconds_and_then_after_thirty(
+        settings, daemon, client, web):
+    web.routes["/p.pac"] = response("none", status="404 Not Found")
+    write_settings(f'mode = "pacurl"\npac-url = "{web.url("/p.pac")}"\n')
+    settings.start()
+    web.wait("/p.pac")
+    wait_until(lambda: 5 < (next_timer(settings) or 0) <= 10.3, "a timer of ten seconds")
+    wait_until(lambda: 15 < (next_timer(settings) or 0) <= 30.3, "a timer of thirty seconds")
+    web.wait("/p.pac", 2)
+
+
+@pytest.mark.parametrize("replaced", (False, True))
+def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, client, web, replaced):
+    web.routes["/p.pac"] = response("late", status="200 OK")  # no script
+    write_settings(f'mode = "pacurl"\npac-url = "{web.url("/p.pac")}"\n')
+    settings.start()
+    web.wait("/p.pac")
+    if replaced:  # by a link, as resolver services do; from then on the link's target is looked at
+        with open("/run/resolver.one", "w"):
+            pass
+        os.symlink("/run/resolver.one", RESOLVER + ".new")
+        os.rename(RESOLVER + ".new", RESOLVER)
+        web.wait("/p.pac", 2)
+    web.routes["/p.pac"] = script("PROXY late.example:1")
+    with open(RESOLVER, "a") as file:
+        file.write("nameserver 127.0.0.1\n")
+    wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY late.example:1"],
+               "the script answers")
+
+
+def test_a_changed_password_file_or_credential_is_followed(build, own_network, syslog, bus, daemon,
+                                                            client):
+    write_settings("first\n", "password", 0o640)
+    credentials = FOLDER + "/credentials"
+    os.mkdir(credentials, 0o700)
+    settings = SettingsService(build, environment={"CREDENTIALS_DIRECTORY": credentials}).start()
+    write_settings(MANUAL + f'user = "me"\npassword-file = "{FOLDER}/password"\n')
+    wait_for(client, "manual", "http://a.example:1", "", "n", "me", "first")
+    write_settings("second\n", "password", 0o640)
+    wait_for(client, "manual", "http://a.example:1", "", "n", "me", "second")
+    write_settings("third\n", "credentials/proxy", 0o400)
+    write_settings(MANUAL + 'user = "me"\npassword-credential = "proxy"\n')
+    wait_for(client, "manual", "http://a.example:1", "", "n", "me", "third")
+    write_settings("fourth\n", "credentials/proxy", 0o400)
+    wait_for(client, "manual", "http://a.example:1", "", "n", "me", "fourth")
+    settings.stop()
+
+
+def test_without_systemd_root_binds_the_port_and_the_service_is_another_user(settings, daemon, client):
+    settings.user = "nobody"
+    settings.start()
+    with open(f"/proc/{settings.process.pid}/status") as file:
+        assert "Uid:\t65534\t65534\t65534\t65534\n" in file.read()
+
+    def rival():
+        """What the same user gets who wants the port."""
+        return subprocess.run([sys.executable, "-c", "import socket; socket.create_server(('127.0.0.1', 850))"],
+                              user="nobody", extra_groups=[], capture_output=True, text=True, cwd="/",
+                              stdin=subprocess.DEVNULL, timeout=LIMIT)
+    assert "PermissionError" in rival().stderr
+    settings.process.send_signal(signal.SIGKILL)
+    settings.process.wait(LIMIT)
+    assert "PermissionError" in rival().stderr
+    with socket.create_server(("127.0.0.1", 850)):
+        pass  # it is free, for root
+    settings.start()
+    link("eth", 100)
+    manager = NetworkManager()
+    manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
+    wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY pushed.example:1"],
+               "the pushed script answers")
+    manager.close()
