@@ -106,7 +106,7 @@ base::UniqueFd openRouteSocket() {
   return opened;
 }
 
-// An overflow (ENOBUFS) is one more sign that something has changed.
+// An overflow (ENOBUFS) also means that something has changed.
 void drainRouteSocket(int socket) {
   std::array<char, 4096> buffer;
   for (int messages = 0; messages < 1000; messages++) {

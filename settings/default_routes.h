@@ -1,7 +1,7 @@
 // Which interfaces have a default route, and when that changes.
 //
 // The routes are read from /proc: the kernel's own text, in two files, needs no parser of netlink
-// messages. A netlink socket tells only that something has changed.
+// messages. A netlink socket only reports that something has changed.
 #pragma once
 
 #include <string_view>
@@ -20,8 +20,8 @@ void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes);
 /// The default routes of the process's network namespace; none if they cannot be read.
 DefaultRoutes readDefaultRoutes();
 
-/// A socket that becomes readable when a route or a link changes. Its messages say nothing that is
-/// needed: drainRouteSocket() throws them away. Empty if the kernel gives none.
+/// A socket that becomes readable when a route or a link changes. The content of its messages is
+/// not needed: drainRouteSocket() discards it. Empty if the kernel refuses the socket.
 base::UniqueFd openRouteSocket();
 void drainRouteSocket(int socket);
 

@@ -17,19 +17,19 @@ using EventSource = std::unique_ptr<sd_event_source, EventSourceCloser>;
 /// Throws std::system_error if an sd-event or sd-bus call returned a negative errno.
 void require(int result, const char* what);
 
-/// Runs `action` in a callback of the loop, through which nothing may be thrown. What it throws is
-/// logged and ends the loop with status 1: the supervisor starts the service again, which is better
-/// than one that has done half of something. @return 0
+/// Runs `action` in a callback of the loop. No exception may pass through such a callback, so an
+/// exception is logged and ends the loop with status 1. Then the supervisor starts the service
+/// again: that is better than a service that has made half of a change. @return 0
 int guarded(sd_event* event, const std::function<void()>& action) noexcept;
 
-/// Not for use outside the loop's thread. The loop outlives it.
+/// For the loop's thread alone. The loop outlives it.
 class EventTimer {
  public:
   /// @param fired called in the loop, guarded, each time the timer runs out
   EventTimer(sd_event* event, std::function<void()> fired);
 
-  /// Fires once after `pause`; an earlier setting is forgotten. CLOCK_MONOTONIC, to the second: so
-  /// the kernel can wake the machine for several things at once.
+  /// Fires once after `pause`; an earlier setting is forgotten. The clock is CLOCK_MONOTONIC, with
+  /// an accuracy of 250 ms, so that the kernel can combine wake-ups.
   void set(std::chrono::milliseconds pause);
   void cancel();
   bool isSet() const;

@@ -15,11 +15,11 @@ namespace settings {
 /// Changes come in bursts: a package or an editor writes several files. They are reported together
 /// after this pause.
 inline constexpr std::chrono::milliseconds kFilePause{200};
-/// A folder that never comes to rest is reported all the same after so many changes.
+/// A folder that changes without a pause is reported after this number of changes.
 inline constexpr int kMaxPostponed = 50;
 
 /// Watches folders for changes of some names in them. A folder that does not exist is not watched:
-/// set() again when its parent has changed. Runs in the event loop's thread.
+/// call set() again when its parent has changed. Runs in the event loop's thread.
 class FileWatch {
  public:
   struct Place {

@@ -150,7 +150,7 @@ void HandOver::compare(Due due) {
       handOver();
       return;
     } else {
-      // Nothing differs. From here on this configuration is ours, whoever has set it.
+      // Nothing differs. From now on this configuration is ours, even if another program set it.
       mHandedOver = *configuration;
     }
     proceed();

@@ -42,7 +42,7 @@ constexpr char kUsage[] =
     "  --runtime FOLDER  keep scripts of network managers there\n"
     "                    (default: /run/proxymanager-settings)\n"
     "  --port N          serve them on 127.0.0.1:N, if systemd passes no socket (default: 850)\n"
-    "  --user NAME       give up root's rights for this user after the port is bound\n"
+    "  --user NAME       become this user after the port is bound\n"
     "  --help            print this text\n"
     "  --version         print the version\n"
     "\n"
@@ -167,7 +167,7 @@ int run(const Options& options) {
   settings::require(sd_bus_open_system(&newBus), "the system bus");
   const std::unique_ptr<sd_bus, BusCloser> bus(newBus);
   settings::require(sd_bus_attach_event(bus.get(), event.get(), 0), "sd_bus_attach_event");
-  // Without the bus nothing is left to do: systemd starts the service again.
+  // Without the bus the service has nothing to do: systemd starts it again.
   settings::require(sd_bus_set_exit_on_disconnect(bus.get(), 1), "sd_bus_set_exit_on_disconnect");
 
   const char* credentials = std::getenv("CREDENTIALS_DIRECTORY");

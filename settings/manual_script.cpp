@@ -102,7 +102,7 @@ std::string lower(std::string_view text) {
   return result;
 }
 
-/// The condition under which a host is excluded by `rule`, or nothing if the rule says nothing.
+/// The condition under which `rule` excludes a host, or nothing if the rule is empty.
 std::optional<std::string> hostCondition(std::string_view rule) {
   const bool open = rule.starts_with('*');
   if (open) rule.remove_prefix(1);

@@ -15,7 +15,7 @@ namespace {
 constexpr std::string_view kPathBase = "/org/pacrunner/configuration";
 
 void translateAuto(const PushedConfiguration& pushed, NetworkConfiguration& result) {
-  // The URL goes first, as with the service whose place this one takes.
+  // The URL goes before the script, as network managers expect.
   if (!pushed.url.empty()) {
     result.isUsable = pacUrlProblem(pushed.url).empty();
     result.configuration.mode = Mode::kPacUrl;
@@ -43,7 +43,7 @@ void translateManual(const PushedConfiguration& pushed, NetworkConfiguration& re
   result.script = manualScript(servers, pushed.excludes);
 }
 
-/// Better is smaller: configurations without a default route do not hold at all.
+/// A smaller rank is better. A configuration without a default route has none.
 std::optional<std::uint64_t> rankOf(const NetworkConfiguration& configuration,
                                     const DefaultRoutes& routes) {
   if (configuration.interface.empty()) return std::numeric_limits<std::uint64_t>::max();

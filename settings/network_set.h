@@ -29,7 +29,7 @@ inline constexpr std::size_t kMaxTextBytes = 8U << 10U;
 /// How many entries of a list count; more are dropped.
 inline constexpr std::size_t kMaxListEntries = 256;
 
-/// CreateProxyConfiguration's dictionary, as far as it decides anything. Domains, BrowserOnly and
+/// The keys of CreateProxyConfiguration's dictionary that matter. Domains, BrowserOnly and
 /// Nameservers restrict nothing, so they are not kept.
 struct PushedConfiguration {
   enum class Method { kDirect, kAuto, kManual };
@@ -46,13 +46,13 @@ struct NetworkConfiguration {
   std::uint64_t number = 0;  ///< of its path; a newer one is larger
   std::string sender;        ///< unique name on the bus
   std::string interface;
-  bool isDirect = false;        ///< says that no proxy is used
-  bool isUsable = false;        ///< a faulty one keeps its path and takes no part
+  bool isDirect = false;        ///< no proxy is used
+  bool isUsable = false;        ///< a faulty one keeps its path and is never in force
   Configuration configuration;  ///< pacUrl is empty if `script` is to be served
   std::string script;           ///< the text to serve, pushed or generated; else empty
 };
 
-/// What the daemon is to do with `pushed`. Servers or URLs that cannot be used make it unusable.
+/// What the daemon does with `pushed`. Servers or URLs that cannot be used make it unusable.
 NetworkConfiguration translate(const PushedConfiguration& pushed);
 
 class NetworkSet {
@@ -78,9 +78,10 @@ class NetworkSet {
 /// Interface -> metric of its default route. Lower metrics go first.
 using DefaultRoutes = std::map<std::string, std::uint32_t, std::less<>>;
 
-/// The configuration that holds: of the usable ones that of the interface whose default route has
-/// the lowest metric, of several the newest. One that names no interface holds only if none with a
-/// default route does. Direct ones count only with `directCounts`. Null if none holds.
+/// The configuration in force: the usable one whose interface has the default route with the lowest
+/// metric; if an interface has several, the newest. One without an interface is in force only if no
+/// configuration has a default route. Direct ones count only with `directCounts`. Null if there is
+/// none.
 const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& routes,
                                     bool directCounts);
 

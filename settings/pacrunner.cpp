@@ -167,7 +167,7 @@ int PacRunner::onSenderGone(sd_bus_track* track, void* self) {
   return 0;
 }
 
-// After the reply: what goes wrong here is not the caller's.
+// After the reply, because an error here is not the caller's.
 void PacRunner::notifyChange() {
   guarded(sd_bus_get_event(mBus), mChanged);
 }
@@ -249,8 +249,8 @@ void PacRunner::answered(const BusMessage& call, const std::string& sender,
   sd_bus_reply_method_return(call.get(), "s", proxyText(answer).c_str());
 }
 
-// The daemon's first text is the mode. In mode manual the second is a URL, which the callers do not
-// know: they know what a script returns.
+// The daemon's first text is the mode. In mode manual the second is a URL, but callers understand
+// only what a script returns.
 std::string PacRunner::proxyText(const std::optional<std::vector<std::string>>& answer) const {
   if (!answer || answer->size() < 2) return "DIRECT";
   std::string joined;

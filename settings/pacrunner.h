@@ -1,5 +1,5 @@
-// The bus name org.pacrunner: what network managers push their proxy settings to, and whom some
-// programs ask. The calls, keys and lifetimes are those that NetworkManager and ConnMan count on.
+// The bus name org.pacrunner: network managers push their proxy settings to it, and some programs
+// ask it. The calls, keys and lifetimes are those that NetworkManager and ConnMan expect.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -34,8 +34,8 @@ class PacRunner {
   PacRunner(const PacRunner&) = delete;
   PacRunner& operator=(const PacRunner&) = delete;
 
-  /// Adds the objects and asks for the name. Throws std::system_error. Without the name, which
-  /// another service may have, the log says so and no pushes come.
+  /// Adds the objects and asks for the name. Throws std::system_error. If another
+  /// service has the name, this is logged and no pushes come.
   void start();
 
   /// Whether FindProxyForURL joins all entries by "; " instead of giving the first.

@@ -26,15 +26,16 @@ inline constexpr std::size_t kMaxConnections = 64;
 /// No connection is accepted for this time after the kernel could give none, for example because
 /// there is no memory.
 inline constexpr std::chrono::seconds kAcceptPause{1};
-/// The port, if the service binds it itself. Below 1024, so that no other local user can bind it
-/// while the service restarts and be taken for the administrator. IANA has not assigned it.
+/// The port, if the service binds it itself. It is below 1024, so no other local user can
+/// bind it while the service restarts and pretend to be the administrator. IANA has not assigned
+/// it.
 inline constexpr std::uint16_t kScriptPort = 850;
 
 /// A listening socket on 127.0.0.1:`port`. Throws std::system_error.
 base::UniqueFd listenOnLoopback(std::uint16_t port);
 
-/// The name of the file for a script: 16 hexadecimal digits (64-bit FNV-1a) and ".pac". A name, no
-/// proof: whoever can push scripts can have any script run anyway.
+/// The name of the file for a script: 16 hexadecimal digits (64-bit FNV-1a) and ".pac". It is no
+/// proof of the content: a program that can push scripts can have any script run.
 std::string scriptName(std::string_view script);
 bool isScriptName(std::string_view name);
 

@@ -38,7 +38,7 @@ std::string reasonOf(const base::FileFailure& failure) {
     case base::FileProblem::link:
       return "is a symbolic link";
     case base::FileProblem::notRegular:
-      return "is no regular file";
+      return "is not a regular file";
     case base::FileProblem::otherOwner:
       return "belongs neither to root nor to the service's user";
     case base::FileProblem::secondName:
@@ -64,7 +64,7 @@ std::vector<std::string> confFiles(const std::string& folder, FolderSettings& re
     const std::string_view name = entry->d_name;
     if (name.starts_with('.') || !name.ends_with(".conf")) continue;
     if (names.size() == kMaxFiles) {
-      complain(result, folder, 0, "holds more than 64 files");
+      complain(result, folder, 0, "contains more than 64 files");
       return {};
     }
     names.emplace_back(name);
@@ -91,20 +91,22 @@ std::optional<std::string> readWhole(const base::OpenFile& file, std::size_t mos
   return std::nullopt;
 }
 
-/// What a file that holds a password must keep from others.
+/// Checks that others cannot read a file that contains a password.
 void judgePasswords(const std::string& path, mode_t mode, FileSettings& settings,
                     FolderSettings& result) {
   const bool inUrl = settings.proxyUrl && settings.proxyUrl->find('@') != std::string::npos;
   if (inUrl && (mode & 007U) != 0) {
-    complain(result, path, 0, "proxy-url holds a password, so everybody must not read the file");
+    complain(result, path, 0,
+             "proxy-url contains a password, so the file must not be readable by everybody");
   }
   if (!settings.password || settings.password->empty()) return;
   if ((mode & 077U) != 0) {
-    complain(result, path, 0, "holds a password, so its mode must be 0600 (or use password-file)");
+    complain(result, path, 0,
+             "contains a password, so its mode must be 0600 (or use password-file)");
     settings.password.reset();
     return;
   }
-  result.problems.push_back({shown(path, 0, "holds a password: password-file is safer"), true});
+  result.problems.push_back({shown(path, 0, "contains a password: password-file is safer"), true});
 }
 
 void readOne(const std::string& path, FolderSettings& result) {

@@ -24,7 +24,7 @@ struct SettingsPaths {
 /// One thing that is wrong with the files.
 struct FileProblemLine {
   std::string text;        ///< "/etc/proxymanager/settings.conf:3: ...", one printable line
-  bool isWarning = false;  ///< the settings hold all the same
+  bool isWarning = false;  ///< the settings are used nevertheless
 };
 
 struct FolderSettings {

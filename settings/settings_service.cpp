@@ -162,7 +162,7 @@ void SettingsService::decide() {
   mChoice = choose(mSettings.settings, mSettings.password, network);
   if (mIsGathering && mChoice.holder != Choice::Holder::kFile) return;
   publishOrWithdraw();
-  // Without a URL the daemon would be told to fetch nothing; what it has stays.
+  // Without a URL the daemon could fetch nothing, so it keeps its configuration.
   const auto& wanted = mChoice.configuration;
   if (wanted.mode == Mode::kPacUrl && wanted.pacUrl.empty()) return;
   const std::string line =
@@ -172,7 +172,7 @@ void SettingsService::decide() {
   mHandOver.want(mChoice.configuration);
 }
 
-/// Keeps the script that holds, and none that does not.
+/// Serves the script of the configuration in force, and no other script.
 void SettingsService::publishOrWithdraw() {
   if (mChoice.network == nullptr || mChoice.network->script.empty()) {
     if (mScripts) mScripts->withdraw();
@@ -230,7 +230,7 @@ int SettingsService::onGetState(sd_bus_message* call, void* self, sd_bus_error* 
   }
 }
 
-// What the daemon has is asked for once for all who wait.
+// One question of the daemon's configuration serves all calls that wait.
 int SettingsService::getState(sd_bus_message* call, sd_bus_error* error) {
   if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", state({}).c_str());
   if (mStateCalls.size() >= kMaxStateCalls) {

@@ -27,8 +27,8 @@
 
 namespace settings {
 
-/// After a start of the service network managers push again what they know. Until then their part
-/// of the choice is unknown: nothing else is handed over in its place for so long.
+/// After a start of the service, network managers push their settings again. Until then their part
+/// of the choice is unknown, so nothing else is handed over for this time.
 inline constexpr std::chrono::milliseconds kGatherTime{500};
 /// How many GetState calls wait for the daemon's configuration at once.
 inline constexpr std::size_t kMaxStateCalls = 16;

@@ -54,7 +54,7 @@ Choice choose(const FileSettings& settings, const std::string& password,
   if (settings.mode) return byFile(settings, password, "a file sets the mode");
   if (network != nullptr) return byNetwork(*network, "no file sets a mode; a network manager does");
   return byNobody(settings.fallback.value_or(Mode::kOff),
-                  "no file sets a mode and no network manager a proxy: the fallback holds");
+                  "no file sets a mode and no network manager sets a proxy: the fallback is used");
 }
 
 std::string missingKey(const FileSettings& settings) {

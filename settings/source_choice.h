@@ -19,7 +19,7 @@ struct Choice {
 
 /// @param settings what all files together set
 /// @param password the password that they name, read
-/// @param network what holds of the network managers, or null
+/// @param network the network managers' configuration in force, or null
 Choice choose(const FileSettings& settings, const std::string& password,
               const NetworkConfiguration* network);
 

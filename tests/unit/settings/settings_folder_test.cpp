@@ -99,7 +99,7 @@ TEST_F(Folder, ALinkAFifoAndAForeignFileAreRefused) {
   EXPECT_EQ(problem(), "/settings.d/1.conf: is a symbolic link");
   std::filesystem::remove(mPaths.folder + "/settings.d/1.conf");
   ASSERT_EQ(mkfifo((mPaths.folder + "/settings.d/1.conf").c_str(), 0600), 0);
-  EXPECT_EQ(problem(), "/settings.d/1.conf: is no regular file");
+  EXPECT_EQ(problem(), "/settings.d/1.conf: is not a regular file");
   std::filesystem::remove(mPaths.folder + "/settings.d/1.conf");
   if (geteuid() != 0) return;
   const auto path = write("settings.d/1.conf", "");
@@ -120,7 +120,7 @@ TEST_F(Folder, AsManyFilesAsTheLimitAreReadAndOneMoreIsAProblem) {
   }
   EXPECT_FALSE(readFolder(mPaths).isFaulty());
   write("settings.d/more.conf", "");
-  EXPECT_EQ(problem(), "/settings.d: holds more than 64 files");
+  EXPECT_EQ(problem(), "/settings.d: contains more than 64 files");
 }
 
 TEST_F(Folder, APasswordFileIsReadUpToItsLinesEnd) {
@@ -150,12 +150,12 @@ TEST_F(Folder, APasswordAtTheLimitIsReadAndOnePastItIsNot) {
 TEST_F(Folder, APasswordInASettingsFileNeedsMode0600AndIsWarnedOf) {
   write("settings.conf", "password = \"geheim\"\n", 0640);
   EXPECT_EQ(problem(),
-            "/settings.conf: holds a password, so its mode must be 0600 (or use password-file)");
+            "/settings.conf: contains a password, so its mode must be 0600 (or use password-file)");
   write("settings.conf", "password = \"geheim\"\n", 0600);
   const auto read = readFolder(mPaths);
   EXPECT_FALSE(read.isFaulty());
   EXPECT_EQ(read.password, "geheim");
-  EXPECT_EQ(problem(), "/settings.conf: holds a password: password-file is safer");
+  EXPECT_EQ(problem(), "/settings.conf: contains a password: password-file is safer");
 }
 
 TEST_F(Folder, ACredentialIsReadFromItsFolder) {

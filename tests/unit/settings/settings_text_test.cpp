@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
+#include <fstream>
+#include <iterator>
+#include <regex>
 
 using namespace settings;
 
@@ -41,6 +43,19 @@ find-proxy = "all"
   wanted.networkDirectIsOff = true;
   wanted.findProxyAll = true;
   EXPECT_EQ(read.settings, wanted);
+}
+
+TEST(SettingsText, TheInstalledFileSetsNothingAndShowsEveryKeyButThePassword) {
+  std::ifstream file(SETTINGS_EXAMPLE);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  ASSERT_FALSE(text.empty());
+  EXPECT_EQ(readSettings(text).settings, FileSettings());
+  const auto shown = readSettings(std::regex_replace(text, std::regex("\n#([a-z-]+ = )"), "\n$1"));
+  EXPECT_TRUE(shown.problems.empty());
+  const auto& all = shown.settings;
+  EXPECT_TRUE(all.source && all.mode && all.proxyUrl && all.pacUrl && all.user);
+  EXPECT_TRUE(all.passwordFile && all.passwordCredential && all.fallback && all.refresh);
+  EXPECT_TRUE(all.networkDirectIsOff && all.findProxyAll);
 }
 
 TEST(SettingsText, AnEmptyTextSetsNothing) {
