@@ -6,7 +6,7 @@
 // regression tests of the engine's own source are run besides; they check themselves and throw.
 //
 // HOSTILE_ENGINE_WORKER in the environment names another worker to try: one with an engine that has
-// a hole shows that its proof finds it.
+// a hole shows that its proof finds it. docs/security/README.md lists what each proof found where.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -64,6 +64,11 @@ bool isOfTheWorker(const Problem& problem) {
   return problem.message.find("worker") != std::string::npos;
 }
 
+/// Whether the script was ended because its heap is full.
+bool isOfTheHeap(const Problem& problem) {
+  return problem.message.find("heap limit") != std::string::npos;
+}
+
 class Hole : public testing::TestWithParam<fs::path> {};
 
 TEST_P(Hole, IsClosed) {
@@ -73,9 +78,9 @@ TEST_P(Hole, IsClosed) {
   const auto worker = engine->workerPid();
   for (int round = 0; round < 3; ++round) {
     const auto reply = engine->evaluate("http://h/", "h");
-    EXPECT_FALSE(isOfTheWorker(reply.problem)) << reply.problem.message;
-    if (reply.result) {
-      EXPECT_EQ(*reply.result, "ok");
+    // A proof that ends early proves nothing, so its own errors are no pass. Some fill the heap.
+    if (!isOfTheHeap(reply.problem)) {
+      EXPECT_EQ(reply.result, "ok") << describe(reply.problem);
     }
     EXPECT_EQ(engine->workerPid(), worker) << describe(reply.problem);
   }

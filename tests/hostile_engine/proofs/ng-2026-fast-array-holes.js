@@ -1,5 +1,14 @@
 // Elements of fast arrays that are deleted, and lengths that change, while a function walks them.
+// A length that was raised without elements: what push() appends stands behind them.
+function grown(count, length) {
+  var array = Array.from({length: count}, function (_, i) { return {i: i}; });
+  array.length = length;
+  array.push('last');
+  if (array.length !== length + 1 || array[length] !== 'last' || count in array) throw new Error('wrong');
+  return array;
+}
 function FindProxyForURL(url, host) {
+  for (var length = 5; length < 300; length += 7) JSON.stringify(grown(3, length));
   function change(array) { delete array[5]; array.length = 20; array.push(1, 2, 3); array[30] = 'far'; }
   var walks = ['forEach', 'map', 'filter', 'some', 'every', 'find', 'findLast', 'reduce', 'reduceRight',
                'flatMap', 'sort', 'findIndex'];
