@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
+#include <string>
 
 using namespace settings;
 
@@ -84,6 +85,23 @@ TEST(SettingsText, ASyntaxErrorIsOneProblemWithItsLine) {
   ASSERT_EQ(read.problems.size(), 1U);
   EXPECT_EQ(read.problems[0].line, 2U);
   EXPECT_EQ(read.settings, FileSettings{});
+}
+
+// The library's tables of blanks had gaps there: undefined behaviour, which sanitizers see.
+TEST(SettingsText, ALetterBeyondAsciiOutsideOfQuotesIsAProblemOfItsLine) {
+  for (const char* letter :
+       {"\u00A1", "\u00FC", "\u0335", "\u3001", "\u3042", "\uFE00", "\U0001F600"}) {
+    for (const char* form :
+         {"source = \"auto\"\nmode = %", "source = \"auto\"\n% = \"off\"",
+          "source = \"auto\"\nmode % = \"off\"", "source = \"auto\"\nmode = \"off\" %"}) {
+      std::string text = form;
+      text.replace(text.find('%'), 1, letter);
+      const auto read = readSettings(text);
+      ASSERT_FALSE(read.problems.empty()) << text;
+      EXPECT_EQ(read.problems[0].line, 2U) << text;
+    }
+  }
+  EXPECT_TRUE(readSettings("user = \"J\u00FCrgen\" # \u00FC\n").problems.empty());
 }
 
 TEST(SettingsText, AGoodKeyBesideABadOneIsStillRead) {
