@@ -29,18 +29,6 @@ def wait_for(client, *wanted):
     wait_until(lambda: client.config() == wanted, f"{wanted}")
 
 
-def next_timer(settings):
-    """Seconds until the service's event loop wakes by itself, or None. While a call waits for the daemon,
-    that is the call's limit."""
-    folder = f"/proc/{settings.process.pid}/fdinfo"
-    for name in os.listdir(folder):
-        with open(f"{folder}/{name}") as file:
-            for line in file:
-                if line.startswith("it_value: (") and line.strip() != "it_value: (0, 0)":
-                    return float(line.split("(")[1].split(",")[0])
-    return None
-
-
 def test_the_fallback_counts_until_a_network_manager_pushes_and_after_it(settings, daemon, client):
     write_settings('fallback = "wpad"\n')
     settings.start()
@@ -57,11 +45,11 @@ def test_a_refresh_time_sets_a_timer_and_no_refresh_sets_none(settings, daemon, 
     write_settings(MANUAL)
     settings.start()
     wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
-    wait_until(lambda: next_timer(settings) is None, "no timer")
+    wait_until(lambda: settings.next_timer() is None, "no timer")
     write_settings('refresh = "6h"\n', "settings.d/1.conf")
-    wait_until(lambda: 5.9 * HOUR < (next_timer(settings) or 0) <= 6.6 * HOUR, "a timer of six hours")
+    wait_until(lambda: 5.9 * HOUR < (settings.next_timer() or 0) <= 6.6 * HOUR, "a timer of six hours")
     write_settings('refresh = "0"\n', "settings.d/1.conf")
-    wait_until(lambda: next_timer(settings) is None, "no timer")
+    wait_until(lambda: settings.next_timer() is None, "no timer")
 
 
 def test_a_script_goes_with_the_network_manager_that_pushed_it(settings, daemon, client):
@@ -75,18 +63,6 @@ def test_a_script_goes_with_the_network_manager_that_pushed_it(settings, daemon,
     manager.close()
     wait_for(client, *OFF)
     assert os.listdir(RUNTIME) == []
-
-
-@pytest.mark.slow
-def test_a_script_that_does_not_come_is_asked_for_after_ten_seconds_and_then_after_thirty(
-        settings, daemon, client, web):
-    web.routes["/p.pac"] = response("none", status="404 Not Found")
-    write_settings(f'mode = "pacurl"\npac-url = "{web.url("/p.pac")}"\n')
-    settings.start()
-    web.wait("/p.pac")
-    wait_until(lambda: 5 < (next_timer(settings) or 0) <= 10.3, "a timer of ten seconds")
-    wait_until(lambda: 15 < (next_timer(settings) or 0) <= 30.3, "a timer of thirty seconds")
-    web.wait("/p.pac", 2)
 
 
 @pytest.mark.parametrize("replaced", (False, True))

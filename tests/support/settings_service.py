@@ -52,6 +52,17 @@ class SettingsService:
         self.process.send_signal(signal.SIGTERM)
         assert self.process.wait(LIMIT) == 0
 
+    def next_timer(self):
+        """Seconds until its event loop wakes by itself, or None. While a call waits for the daemon, that
+        is the call's limit."""
+        folder = f"/proc/{self.process.pid}/fdinfo"
+        for name in os.listdir(folder):
+            with open(f"{folder}/{name}") as file:
+                for line in file:
+                    if line.startswith("it_value: (") and line.strip() != "it_value: (0, 0)":
+                        return float(line.split("(")[1].split(",")[0])
+        return None
+
     def state(self):
         with Client() as client:
             return json.loads(client.call("GetState", path="/com/zentu/ProxyManagerSettings",

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <cstdio>
 #include <deque>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -119,6 +122,27 @@ class HandOverCalls : public testing::Test, DaemonLink::Listener {
     }
     return testing::AssertionSuccess();
   }
+  /// Seconds until the loop's next timer; 0 without one. A call that waits for its reply has one,
+  /// too.
+  static double nextTimer() {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+      std::ifstream file(entry.path());
+      for (std::string line; std::getline(file, line);) {
+        long long whole = 0, rest = 0;
+        if (std::sscanf(line.c_str(), "it_value: (%lld, %lld)", &whole, &rest) != 2) continue;
+        if (whole != 0 || rest != 0) {
+          return static_cast<double>(whole) + static_cast<double>(rest) / 1e9;
+        }
+      }
+    }
+    return 0;
+  }
+  /// Whether the next timer is at most a third earlier, as on a slow machine, or the loop's
+  /// accuracy later.
+  static bool isNear(double pause) {
+    const double next = nextTimer();
+    return next > pause * 2 / 3 && next < pause + 0.5;
+  }
   bool isHandedOver(int updates) const {
     return daemon->updates == updates && handOver->lastHandOver() &&
            handOver->lastProblem().empty();
@@ -145,6 +169,40 @@ TEST_F(HandOverCalls, EachAppearanceIsConfiguredEvenIfNothingDiffers) {
     EXPECT_TRUE(waitFor([&] { return !mLink->isThere(); }));
     EXPECT_FALSE(handOver->lastHandOver());
   }
+}
+
+TEST_F(HandOverCalls, AMissingScriptIsAskedForAfterGrowingPauses) {
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  EXPECT_TRUE(waitFor([&] { return isNear(10); }));
+  handOver->refreshEvery(seconds{1});
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(2); }));
+  handOver->refreshEvery(seconds{0});
+  EXPECT_TRUE(waitFor([&] { return isNear(30); }));
+}
+
+TEST_F(HandOverCalls, AChangeOfTheNetworkAsksForAMissingScriptAndBeginsThePausesAgain) {
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1) && isNear(10); }));
+  const auto begin = steady_clock::now();
+  handOver->networkChanged();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(2); }));
+  EXPECT_GE(steady_clock::now() - begin, milliseconds{900});
+  EXPECT_TRUE(waitFor([&] { return isNear(10); }));
+}
+
+TEST_F(HandOverCalls, AModeWithoutAScriptWaitsForNone) {
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1) && isNear(10); }));
+  handOver->want(mManual);
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(2); }));
+  EXPECT_TRUE(waitFor([&] { return nextTimer() == 0; }));
+  handOver->networkChanged();
+  for (int turns = 0; turns < 3; turns++) sd_event_run(mEvent.get(), 0);
+  EXPECT_EQ(nextTimer(), 0);
 }
 
 TEST_F(HandOverCalls, ARefreshHandsOverAgainAndAgain) {
