@@ -4,7 +4,7 @@
 #
 # cmake -DPROGRAMS=a|b -DVERSION=v -DENGINE_VERSION=v -DENGINE_HEADER=quickjs.h -DOBJDUMP=objdump
 #       -DHOLES=engine_holes.json -DCOPYRIGHT=packaging/debian/copyright -DOUTPUT=folder [-DFOREIGN=ON]
-#       -P security_documents.cmake
+#       [-DTODAY=2026-12-31] -P security_documents.cmake
 #
 # FOREIGN: the programs are of another architecture, whose packages are not asked for their versions.
 # Fails if the engine's version has a hole that HOLES lists as neither fixed by then nor unreachable;
@@ -124,6 +124,10 @@ function(write_sbom)
     append(sbom "${json}" components)
   endforeach()
   component(engine library quickjs-ng "${ENGINE_VERSION}" "quickjs-ng" required)
+  released(date)
+  set(property "{\"name\":\"proxymanagerd:released\"}")
+  put(property "${date}" value)
+  string(JSON engine SET "${engine}" properties "[${property}]")
   append(sbom "${engine}" components)
 
   foreach(program ${PROGRAMS})
@@ -132,7 +136,6 @@ function(write_sbom)
     append(sbom "${json}" components)
     needed(sonames "${program}")
     if(name MATCHES "^proxymanager-(pac-worker|workbench)$")
-      list(REMOVE_ITEM sonames libqjs.so.0)
       list(APPEND sonames quickjs-ng)
     endif()
     set(dependency "{\"dependsOn\":[]}")
@@ -183,13 +186,46 @@ function(write_vex)
   file(WRITE "${OUTPUT}/vex.cdx.json" "${vex}\n")
 endfunction()
 
-# The header has the date of the release, in tarballs and packages alike.
+# ${out}: the day on which the engine was released. HOLES lists it. For a version that is not listed,
+# the date of the header is the next best: packages and upstream's tarballs keep it, copies and
+# repositories have a later one.
+function(released out)
+  file(READ "${HOLES}" holes)
+  string(JSON date ERROR_VARIABLE unknown GET "${holes}" releases "${ENGINE_VERSION}")
+  if(unknown)
+    file(TIMESTAMP "${ENGINE_HEADER}" date "%Y-%m-%d" UTC)
+  endif()
+  set(${out} "${date}" PARENT_SCOPE)
+endfunction()
+
+# ${out}: the number of days from an arbitrary one to the date YYYY-MM-DD.
+function(day_number out date)
+  string(REGEX MATCH "^([0-9]+)-0?([0-9]+)-0?([0-9]+)$" matched "${date}")
+  if(NOT matched)
+    message(FATAL_ERROR "'${date}' is no date of the form YYYY-MM-DD")
+  endif()
+  # Years begin with March, so that the day that some years have more is their last.
+  math(EXPR march "(${CMAKE_MATCH_2} + 9) % 12")
+  math(EXPR year "${CMAKE_MATCH_1} - ${march} / 10")
+  math(EXPR days "365 * ${year} + ${year} / 4 - ${year} / 100 + ${year} / 400 +
+    (${march} * 306 + 5) / 10 + ${CMAKE_MATCH_3}")
+  set(${out} ${days} PARENT_SCOPE)
+endfunction()
+
 function(warn_of_age)
-  file(TIMESTAMP "${ENGINE_HEADER}" released "%s" UTC)
-  string(TIMESTAMP now "%s" UTC)
-  math(EXPR days "(${now} - ${released}) / 86400")
+  set(today "${TODAY}")
+  if(NOT today)
+    # Reproducible builds set it to the time of the source, which stays behind as the engine ages.
+    unset(ENV{SOURCE_DATE_EPOCH})
+    string(TIMESTAMP today "%Y-%m-%d" UTC)
+  endif()
+  released(date)
+  day_number(now "${today}")
+  day_number(then "${date}")
+  math(EXPR days "${now} - ${then}")
   if(days GREATER 183)
-    message(WARNING "QuickJS-NG ${ENGINE_VERSION} is ${days} days old; look for a newer release")
+    message(WARNING "QuickJS-NG ${ENGINE_VERSION} of ${date} is ${days} days old; look for a newer "
+                    "release")
   endif()
 endfunction()
 

@@ -10,11 +10,13 @@ usage: security_documents.py CMAKE BUILD | --self-test CMAKE
 """
 
 import json
+import os
 import pathlib
 import re
 import subprocess
 import sys
 import tempfile
+import unittest.mock
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 FOLDER = TREE / "docs/security"
@@ -75,8 +77,9 @@ def of_holes(vex, holes):
 
 def findings(cmake, build):
     with tempfile.TemporaryDirectory() as prefix:
+        # Its error stream is not captured: it warns of an engine that is old.
         subprocess.run([cmake, "--install", build, "--prefix", prefix], check=True,
-                       capture_output=True)
+                       stdout=subprocess.DEVNULL)
         made = {name: read(next(pathlib.Path(prefix).rglob(name))) for name in DOCUMENTS}
         yield from in_sbom(made["sbom.cdx.json"], programs_in(prefix))
     yield from of_holes(made["vex.cdx.json"], read(FOLDER / "engine_holes.json")["holes"])
@@ -84,11 +87,11 @@ def findings(cmake, build):
         yield f"docs/security/vex.cdx.json and what is built differ in {difference}"
 
 
-def run(cmake, folder, version, header):
+def run(cmake, folder, version, header, **more):
     variables = {"PROGRAMS": sys.executable, "VERSION": "1", "ENGINE_VERSION": version,
                  "ENGINE_HEADER": header, "OBJDUMP": "objdump", "OUTPUT": folder,
                  "HOLES": FOLDER / "engine_holes.json",
-                 "COPYRIGHT": TREE / "packaging/debian/copyright"}
+                 "COPYRIGHT": TREE / "packaging/debian/copyright", **more}
     command = [cmake, *(f"-D{name}={value}" for name, value in variables.items()), "-P",
                TREE / "cmake/security_documents.cmake"]
     return subprocess.run(command, check=False, capture_output=True, text=True)
@@ -98,15 +101,23 @@ def self_test(cmake):
     with tempfile.TemporaryDirectory() as folder:
         header = pathlib.Path(folder, "quickjs.h")
         header.touch()
-        good = run(cmake, folder, "0.16.2", header)
+        # 183 days are half a year, whatever the date of a copied header and of the build's source.
+        good = run(cmake, folder, "0.16.2", header, TODAY="2027-02-19")
         assert good.returncode == 0 and "days old" not in good.stderr, good.stderr
+        stale = run(cmake, folder, "0.16.2", header, TODAY="2027-02-20")
+        assert stale.returncode == 0 and "2026-08-20 is 184 days old" in stale.stderr, stale.stderr
         old = run(cmake, folder, "0.11.0", header)
         assert old.returncode != 0 and "CVE-2025-62494" in old.stderr, old.stderr
+        # A version that is not listed has the date of its header.
+        fresh = run(cmake, folder, "99.0", header)
+        assert fresh.returncode == 0 and "days old" not in fresh.stderr, fresh.stderr
         subprocess.run(["touch", "-d", "7 months ago", header], check=True)
-        stale = run(cmake, folder, "0.16.2", header)
-        assert stale.returncode == 0 and "days old" in stale.stderr, stale.stderr
+        with unittest.mock.patch.dict(os.environ, SOURCE_DATE_EPOCH="946684800"):
+            aged = run(cmake, folder, "99.0", header)
+        assert aged.returncode == 0 and "days old" in aged.stderr, aged.stderr
         sbom = read(pathlib.Path(folder, "sbom.cdx.json"))
         assert "libc.so.6" in names_of(sbom), sbom
+        assert '"proxymanagerd:released"' in json.dumps(sbom), sbom
     missing = list(in_sbom(sbom, [pathlib.Path("/bin/true")]))
     assert missing == ["true is not in the SBOM"], missing
     hole = {"id": "CVE-1", "proof": "none.js"}
