@@ -238,6 +238,7 @@ def test_an_idle_service_has_little_memory_of_its_own_and_never_wakes(machine):
 
 
 def test_root_alone_pushes_and_everybody_asks(machine, root_caller):
+    wait_for(machine, root_caller, OFF)
     with Inside(machine, machine.account("stranger"), Caller) as stranger:
         with pytest.raises(Refused) as refused:
             stranger.call("push_auto")
