@@ -1,13 +1,16 @@
 """proxymanager-settings when things go wrong: a late network, a daemon that refuses, no memory, hostile
 senders. Each message of its log stands here once."""
 
+import json
 import os
 import signal
 import socket
 import subprocess
+import threading
 import time
 
 import pytest
+from jeepney import HeaderFields, MessageFlag
 from support.bus import LIMIT, Client, wait_until
 from support.daemon import Daemon, make_watched_files
 from support.settings_service import (FOLDER, PACRUNNER, NetworkManager, Refused, SettingsService, link,
@@ -206,9 +209,91 @@ def test_at_most_eight_questions_of_one_caller_wait(settings):
     other = NetworkManager()
     assert other.create(Method="direct") == "/org/pacrunner/configuration0"
     daemon.close()
-    assert [manager.connection.receive(timeout=LIMIT).body[0] for _ in range(8)] == ["DIRECT"] * 8
+    assert [reply.body[0] for reply in manager.replies(8)] == ["DIRECT"] * 8
     manager.close()
     other.close()
+
+
+def test_at_most_sixty_four_questions_of_all_callers_wait(settings):
+    daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": HOLD,
+                      "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
+    settings.start()
+    wait_until(lambda: settings.state()["daemon"], "the daemon is there")
+    managers = [NetworkManager() for _ in range(9)]
+    for manager in managers[:8]:
+        for _ in range(8):
+            manager.ask("http://h.example/")
+    wait_until(lambda: daemon.count("getProxyurl") == 64, "64 wait")
+    assert managers[8].find("http://h.example/") == "DIRECT"
+    assert daemon.count("getProxyurl") == 64
+    # What was answered no longer counts.
+    daemon.close()
+    for manager in managers[:8]:
+        assert [reply.body[0] for reply in manager.replies(8)] == ["DIRECT"] * 8
+    daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": ("as", (["off", ""],)),
+                      "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
+    wait_until(lambda: settings.state()["daemon"], "the daemon is there again")
+    managers[0].find("http://h.example/")
+    assert daemon.count("getProxyurl") == 1
+    # No call may start the daemon: its administrator has stopped it.
+    assert all(flags & MessageFlag.no_auto_start for _, flags in daemon.calls)
+    daemon.close()
+    for manager in managers:
+        manager.close()
+
+
+def test_at_most_sixteen_questions_for_the_state_wait_for_one_answer_of_the_daemon(settings):
+    daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyconfig": HOLD,
+                      "getProxyurl": ("as", (["off", ""],))})
+    settings.start()
+    wait_until(lambda: daemon.count("updateProxyconfig") == 1, "handed over")
+    before = daemon.count("getProxyconfig")
+    callers = [NetworkManager() for _ in range(17)]
+    for caller in callers:
+        caller.ask_state()
+    refused, = callers[16].replies(1)
+    assert refused.header.fields[HeaderFields.error_name] == "org.freedesktop.DBus.Error.LimitsExceeded"
+    callers[16].find("http://h.example/")  # the daemon has seen all that came before this
+    assert daemon.count("getProxyconfig") == before + 1
+    daemon.close()
+    for caller in callers[:16]:
+        assert json.loads(caller.replies(1)[0].body[0])["daemon_has"] is None
+    for caller in callers:
+        caller.close()
+
+
+def test_a_folder_that_changes_without_a_pause_is_read_all_the_same(settings, daemon, client):
+    settings.start()
+    wait_until(lambda: settings.state()["handed_over_at"] is not None, "handed over")
+    ending = threading.Event()
+
+    def scribble():
+        while not ending.wait(0.02):
+            write_settings("", "settings.d/noise")
+    writer = threading.Thread(target=scribble)
+    writer.start()
+    try:
+        write_settings(MANUAL)
+        wait_until(lambda: client.config()[0] == "manual", "the file is followed")
+    finally:
+        ending.set()
+        writer.join()
+
+
+def test_nobody_but_root_looks_into_the_service(build, own_network, syslog, bus):
+    """The kernel gives the files of a process that may hold a password to root."""
+    os.mkdir("/run/scripts")
+    os.chown("/run/scripts", 65534, 65534)
+    service = SettingsService(build)
+    process = subprocess.Popen([service.path, "--port=0", "--runtime=/run/scripts"], user="nobody",
+                               env=service.environment, stdin=subprocess.DEVNULL)
+    try:
+        with Client() as client:
+            wait_until(lambda: client.owner("com.zentu.ProxyManagerSettings") is not None, "it runs")
+        assert os.stat(f"/proc/{process.pid}/environ").st_uid == 0
+    finally:
+        process.terminate()
+        assert process.wait(LIMIT) == 0
 
 
 def test_calls_are_answered_at_once_while_the_daemon_hangs(settings, daemon):

@@ -124,6 +124,20 @@ class NetworkManager:
         self.connection.send(self.message("/org/pacrunner/client", "org.pacrunner.Client",
                                           "FindProxyForURL", "ss", (url, host)))
 
+    def replies(self, count):
+        """The next replies, as messages."""
+        found = []
+        while len(found) < count:
+            message = self.connection.receive(timeout=LIMIT)
+            if message.header.message_type in (MessageType.method_return, MessageType.error):
+                found.append(message)
+        return found
+
+    def ask_state(self):
+        """GetState, without waiting for the reply."""
+        address = DBusAddress("/com/zentu/ProxyManagerSettings", bus_name=NAME, interface=NAME)
+        self.connection.send(new_method_call(address, "GetState"))
+
     def destroy(self, path):
         return self.call("/org/pacrunner/manager", "org.pacrunner.Manager",
                          "DestroyProxyConfiguration", "o", (path,))

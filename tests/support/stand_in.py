@@ -18,6 +18,7 @@ class StandIn:
 
     def __init__(self, replies, name=NAME):
         self.held = threading.Event()
+        self.calls = []  # the members and flags of all calls, in their order
         self._connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
         reply = self._connection.send_and_get_reply(message_bus.RequestName(name))
         assert reply.body == (1,)
@@ -35,6 +36,7 @@ class StandIn:
             if (call.header.message_type != MessageType.method_call
                     or call.header.flags & MessageFlag.no_reply_expected):
                 continue
+            self.calls.append((fields[HeaderFields.member], call.header.flags))
             answer = self._replies.get(fields[HeaderFields.member])
             if isinstance(answer, list):
                 answer = answer.pop(0)
@@ -47,6 +49,9 @@ class StandIn:
             else:
                 self._connection.sock.shutdown(socket.SHUT_RDWR)
                 return
+
+    def count(self, member):
+        return sum(called == member for called, _ in self.calls)
 
     def close(self):
         try:

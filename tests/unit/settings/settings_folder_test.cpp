@@ -81,6 +81,7 @@ TEST_F(Folder, LaterNamesWin) {
   write("settings.d/20-b.conf", "mode = \"wpad\"\n");
   write("settings.d/10-a.conf", "mode = \"pacurl\"\npac-url = \"http://h/\"\n");
   write("settings.d/99-not.conf.bak", "mode = \"off\"\n");
+  write("settings.d/.99-hidden.conf", "mode = \"off\"\n");
   const auto read = readFolder(mPaths);
   EXPECT_EQ(read.settings.mode, Mode::kWpad);
   EXPECT_EQ(read.settings.pacUrl, "http://h/");
