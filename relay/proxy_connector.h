@@ -33,6 +33,7 @@ struct ThroughProxy {
   std::optional<Stream> stream;   ///< if connected
   unsigned status = 0;            ///< the proxy's HTTP status, if it gave one
   bool isVersionRefused = false;  ///< the proxy does not speak this version of SOCKS
+  std::string early;              ///< if connected: bytes that followed the proxy's answer
   std::string problem;            ///< for people, without credentials
 };
 

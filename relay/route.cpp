@@ -3,6 +3,7 @@
 #include "base/log_line.h"
 #include "base/visible.h"
 #include "relay/connect.h"
+#include "relay/tunnel_answer.h"
 
 namespace relay {
 
@@ -72,6 +73,7 @@ Task<std::optional<Upstream>> Route::next() {
     auto stream = co_await attempt(entry);
     if (stream) {
       upstream.emplace(std::move(*stream), entry, mWantsAbsoluteForm && entry.isHttp());
+      upstream->early = std::move(mEarly);
       break;
     }
   }
@@ -90,6 +92,7 @@ Task<std::optional<Stream>> Route::attempt(const Entry& entry) {
     co_return take(entry, std::move(connected));
   }
   const auto credentials = mContext.credentialsFor(entry, mMode, mPeer);
+  if (entry.kind == PROXYMANAGER_HTTP && credentials.user.empty()) co_return co_await tunnel(entry);
   auto through = co_await mContext.proxies.tunnel(entry, mDestination, credentials, limit);
   // A script's "SOCKS" names no version: version 4 with a name is what else runs.
   const bool isOpenVersion = entry.text.starts_with("SOCKS ");
@@ -98,6 +101,17 @@ Task<std::optional<Stream>> Route::attempt(const Entry& entry) {
     older.kind = PROXYMANAGER_SOCKS4A;
     through = co_await mContext.proxies.tunnel(older, mDestination, credentials, limit);
   }
+  co_return take(entry, std::move(through));
+}
+
+/// Through an HTTP proxy that gets no password.
+Task<std::optional<Stream>> Route::tunnel(const Entry& entry) {
+  const auto end = Clock::now() + mContext.configured.configuration.connectTime;
+  const Destination proxy{entry.host, entry.port};
+  auto stream = co_await direct(entry, proxy);
+  if (!stream) co_return stream;
+  auto through = co_await askForTunnel(mContext.sweeper, *stream, mDestination, mContext.name, end);
+  mEarly = std::move(through.early);
   co_return take(entry, std::move(through));
 }
 

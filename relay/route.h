@@ -21,6 +21,7 @@ struct Upstream {
   Stream stream;
   Entry entry;
   bool isAbsoluteForm = false;  ///< the request's target is the whole URL
+  std::string early;            ///< of a tunnel: bytes that were read already
 };
 
 /// Why a request is not served. Status 0: it is.
@@ -61,6 +62,7 @@ class Route {
 
  private:
   Task<std::optional<Stream>> attempt(const Entry& entry);
+  Task<std::optional<Stream>> tunnel(const Entry& entry);
   Task<std::optional<Stream>> direct(const Entry& entry, const Destination& destination);
   std::optional<Stream> take(const Entry& entry, ThroughProxy through);
   void note(const Entry& entry, const std::string& problem);
@@ -74,6 +76,7 @@ class Route {
   std::string mMode;
   std::vector<Entry> mEntries;
   std::size_t mNext = 0;
+  std::string mEarly;      ///< of the last tunnel, see Upstream
   std::string mLines;      ///< one for each attempt
   unsigned mStatus = 502;  ///< for failure()
   bool mIsFinal = false;   ///< no further entry is tried

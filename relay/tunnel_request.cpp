@@ -61,7 +61,7 @@ Task<Session::Next> Session::connect(const RequestHead& request) {
   if (!co_await mClient.write("HTTP/1.1 200 Connection established\r\n\r\n")) {
     co_return Next::kClose;
   }
-  handOver(std::move(upstream->stream), {});
+  handOver(std::move(upstream->stream), std::move(upstream->early));
   co_return Next::kHandedOver;
 }
 
@@ -105,7 +105,7 @@ Task<void> Session::serveSocks(int version) {
   if (!mIsRefused) upstream = co_await openTunnel(*destination, urlOf(*destination), refusal);
   const auto result = upstream ? SocksResult::kConnected : socksResultOf(refusal);
   const bool isSent = co_await mClient.write(socksReply(version, result));
-  if (upstream && isSent) handOver(std::move(upstream->stream), {});
+  if (upstream && isSent) handOver(std::move(upstream->stream), std::move(upstream->early));
 }
 
 }  // namespace relay

@@ -6,6 +6,7 @@
 #include "relay/http_body.h"
 #include "relay/http_head.h"
 #include "relay/rewrite.h"
+#include "relay/tunnel_answer.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"
 
@@ -73,10 +74,19 @@ void checkResponse(std::string_view head, std::string_view rest) {
   checkBody(response.body, rest);
 }
 
+void checkTunnelAnswer(std::string_view input) {
+  const auto answer = readTunnelAnswer(input);
+  require(answer.length <= input.size() && answer.status <= 999, "a head of what there is");
+  require(answer.length != 0 || headLength(input) == 0, "a strict head is a head");
+  if (answer.length == 0) return;
+  require(readTunnelAnswer(input.substr(0, answer.length - 1)).length == 0, "no end before");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
+  checkTunnelAnswer(input);
   const auto length = headLength(input);
   if (length == 0) return 0;
   checkRequest(input.substr(0, length), input.substr(length));
