@@ -62,6 +62,7 @@ Context::Context(asio::io_context& io, const Configured& from, std::vector<Proto
       sweeper(io),
       names(io),
       questions(io),
+      report(io),
       penalties(from.configuration.penaltyTime),
       proxies(io, name, [this](const sockaddr* address) { return isOurs(address); }),
       peers(from.configuration.allowFrom),

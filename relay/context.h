@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "relay/authentication.h"
+#include "relay/daemon_report.h"
 #include "relay/decisions.h"
 #include "relay/names.h"
 #include "relay/peer.h"
@@ -42,6 +43,7 @@ struct Context {
   Sweeper sweeper;
   Names names;
   Questions questions;
+  DaemonReport report;
   Penalties penalties;
   ProxyConnector proxies;
   Peers peers;

@@ -25,6 +25,7 @@ void row(std::string& html, const std::string& name, const std::string& value) {
 void addState(std::string& html, const Report& report) {
   html += "<table>\n";
   row(html, "Mode", report.mode.empty() ? "no answer: " + report.problem : report.mode);
+  if (!report.source.empty()) row(html, "Source", report.source);
   if (report.scriptAge) row(html, "Script's age", std::to_string(report.scriptAge->count()) + " s");
   const auto& counters = report.counters;
   row(html, "Connections now", std::to_string(counters.open));
@@ -131,6 +132,7 @@ const char* pageStyle() {
 std::string jsonOf(const Report& report) {
   nlohmann::json json;
   json["mode"] = report.mode;
+  json["source"] = report.source;
   json["problem"] = report.problem;
   json["script_age_seconds"] = nullptr;
   if (report.scriptAge) json["script_age_seconds"] = report.scriptAge->count();

@@ -21,6 +21,7 @@ struct PenaltyReport {
 /// What the pages show one user.
 struct Report {
   std::string mode;                               ///< of the daemon; empty if it does not answer
+  std::string source;                             ///< of the mode's answers; empty if not known
   std::string problem;                            ///< why it does not answer; else empty
   std::optional<std::chrono::seconds> scriptAge;  ///< of the script in force
   std::vector<PenaltyReport> penalties;

@@ -50,18 +50,36 @@ std::string response(std::string_view type, const std::string& body, bool hasBod
   return hasBody ? text.append(body) : text;
 }
 
-void addState(Context& context, const Answer& answer, Report& report) {
-  if (answer.status == PROXYMANAGER_OK) {
-    report.mode = answer.mode;
-  } else {
-    report.problem = proxymanager_status_text(answer.status);
+std::chrono::seconds ageOf(std::time_t time) {
+  return std::chrono::seconds(std::max<std::time_t>(std::time(nullptr) - time, 0));
+}
+
+/// Where the script is from, and how old it is.
+void addScript(const std::optional<base::DaemonStatus>& reported, Report& report) {
+  if (reported && reported->mode == report.mode) {
+    report.source = base::visible(reported->result);
+    if (reported->script != 0) report.scriptAge = ageOf(reported->script);
+    return;
   }
+  // Without systemd the relay sees the daemon's own file.
   struct stat status {};
-  const bool isScript = report.mode == "pacurl" || report.mode == "wpad";
-  if (isScript && lstat(base::kPacFile, &status) == 0 && S_ISREG(status.st_mode)) {
-    report.scriptAge =
-        std::chrono::seconds(std::max<std::time_t>(std::time(nullptr) - status.st_mtime, 0));
+  if (lstat(base::kPacFile, &status) == 0 && S_ISREG(status.st_mode)) {
+    report.scriptAge = ageOf(status.st_mtime);
   }
+}
+
+void addMode(const Answer& answer, const std::optional<base::DaemonStatus>& reported,
+             Report& report) {
+  if (answer.status != PROXYMANAGER_OK) {
+    report.problem = proxymanager_status_text(answer.status);
+    return;
+  }
+  report.mode = answer.mode;
+  if (report.mode == "manual" && !answer.entries.empty()) report.source = answer.entries[0].name();
+  if (report.mode == "pacurl" || report.mode == "wpad") addScript(reported, report);
+}
+
+void addState(Context& context, Report& report) {
   const auto now = Clock::now();
   for (const auto& [entry, penalty] : context.penalties.list(now)) {
     report.penalties.push_back(
@@ -84,12 +102,15 @@ void addWay(Context& context, Answer answer, Report& report) {
 Task<std::string> reportPage(Context& context, std::string_view path, std::string_view query,
                              const Peer& peer, bool hasBody) {
   Report report;
-  const auto mode = co_await context.questions.ask(kModeUrl, peer.user);
-  addState(context, mode, report);
+  addState(context, report);
+  // Monitoring gets its answer whatever the daemon does.
   if (path == "/metrics") {
     co_return response("application/openmetrics-text; version=1.0.0; charset=utf-8",
                        metricsOf(report), hasBody);
   }
+  const auto mode = co_await context.questions.ask(kModeUrl, peer.user);
+  const auto reported = co_await context.report.read();
+  addMode(mode, reported, report);
   report.isUserKnown = peer.isKnown();
   if (peer.isKnown()) report.decisions = context.decisions.of(peer.user);
   if (path == "/status.json") co_return response("application/json", jsonOf(report), hasBody);

@@ -1,6 +1,8 @@
 """proxymanager-relay with a real daemon: requests of each kind, in each mode, and failing proxies."""
 
 import contextlib
+import json
+import re
 import socket
 import struct
 import subprocess
@@ -8,12 +10,14 @@ import subprocess
 import pytest
 
 from support import own_network as network
-from support.bus import LIMIT, wait_until
+from support.bus import LIMIT, Client, wait_until
+from support.daemon import Daemon, make_watched_files
 from support.relay import Relay
 from support.relay_peers import (Proxy, Server, SocksProxy, read_all, read_exactly, read_head,
                                  status)
 from support.relay_requests import HOST, answers, get, through_tunnel, tunnel
 from support.syslog_socket import INFO, WARNING
+from support.systemd import Systemd
 
 
 def test_without_a_daemon_requests_go_directly_and_that_is_logged_once(relay, origin, bus, syslog):
@@ -111,6 +115,17 @@ def test_a_failed_proxy_at_each_position_is_passed_over_and_the_next_request_doe
                 assert get(relay, f"http://{HOST}:{origin.port}/")[0] == 200
                 assert len(good.heads) == 3
                 assert (bad.connections if bad else 0) == tried, "a proxy in penalty was tried first"
+
+
+def test_bytes_that_come_with_a_proxys_answer_to_connect_belong_to_the_tunnel(
+        relay, origin, daemon, client, web):
+    early = "HTTP/1.1 103 Hints\r\n\r\nHTTP/1.0 200 OK\nX: y\n\nfirst"
+    with contextlib.closing(Proxy(early)) as proxy:
+        answers(client, web, proxy.entry)
+        relay.start()
+        with tunnel(relay, f"{HOST}:{origin.port}") as (code, connection):
+            assert code == 200
+            assert read_exactly(connection, 5) == b"first"
 
 
 def test_a_proxy_that_breaks_a_request_in_absolute_form_is_passed_over(
@@ -367,6 +382,40 @@ def test_pages_are_for_this_machine_s_own_users(relay, origin, daemon, client):
                   "Sec-Fetch-Site: same-site", "Origin: null"):
         assert page("/", fields=field + "\r\n")[0] == 403, field
     assert page("/", fields="Sec-Fetch-Site: same-origin\r\n")[0] == 200
+
+
+def test_the_page_shows_where_the_script_is_from_and_its_age(
+        build, relay, bus, syslog, own_network, web):
+    """As systemd knows it: the relay's unit has a /tmp of its own."""
+    make_watched_files()
+    systemd = Systemd()
+    with contextlib.closing(Daemon(build, environment=systemd.environment)) as daemon, \
+            Client() as client:
+        answers(client, web, "PROXY 192.0.2.1:3128")
+        systemd.process = daemon.process.pid
+        systemd.wait_for(lambda line: "script from" in line, "the walk is reported")
+        systemd.statuses.append(describe_age(systemd.statuses[-1]))
+        relay.start()
+        source = "script from " + web.url("/").split("/")[2]
+        shown = json.loads(page_of(relay, "/status.json"))
+        assert (shown["mode"], shown["source"]) == ("pacurl", source)
+        assert shown["script_age_seconds"] >= 3600 * 24
+        assert f"<td>{source}</td>" in page_of(relay, "/")
+        client.update("manual", proxyurl="http://192.0.2.1:3128")
+        wait_until(lambda: json.loads(page_of(relay, "/status.json"))["source"]
+                   == "http://192.0.2.1:3128", "the manual proxy is the source")
+        assert json.loads(page_of(relay, "/status.json"))["script_age_seconds"] is None
+
+
+def describe_age(line):
+    """The same with a script of 2001."""
+    return re.sub("script of [^;]*;", "script of 2001-01-01T00:00:00Z;", line)
+
+
+def page_of(relay, path):
+    with relay.connect() as connection:
+        connection.sendall(f"GET {path} HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n".encode())
+        return read_all(connection).decode().partition("\r\n\r\n")[2]
 
 
 def test_decisions_are_shown_to_the_user_who_made_them_and_to_root(relay, origin, bus):

@@ -13,12 +13,14 @@ bool has(const std::string& text, const std::string& part) {
 TEST(RelayPage, ShowsNothingOfAScriptUnescaped) {
   Report report;
   report.isUserKnown = true;
+  report.source = "<s>";
   report.askedUrl = "\"><script>";
   report.way = {"<b>"};
   report.penalties = {{"<i>", "'x'", std::chrono::seconds{5}}};
   report.decisions = {{0, 0, "<u>", "&", false}};
   const auto html = htmlOf(report);
-  for (const char* tag : {"<script", "<b>", "<i>", "<u>"}) EXPECT_FALSE(has(html, tag)) << tag;
+  for (const char* tag : {"<script", "<b>", "<i>", "<u>", "<s>"})
+    EXPECT_FALSE(has(html, tag)) << tag;
   EXPECT_TRUE(has(html, "&quot;&gt;&lt;script&gt;"));
   EXPECT_TRUE(has(html, "1970-01-01 00:00:00Z"));
 }
