@@ -14,6 +14,18 @@ std::string problemOf(const std::string& text) {
   return std::to_string(read.problems[0].line) + ": " + read.problems[0].text;
 }
 
+TEST(RelayConfiguration, HasTheLimitsThatItsPageNames) {
+  const auto [configuration, problems] = readConfiguration("");
+  EXPECT_TRUE(problems.empty());
+  EXPECT_EQ(configuration.headTime, std::chrono::seconds{60});
+  EXPECT_EQ(configuration.idleTime, std::chrono::hours{1});
+  EXPECT_EQ(configuration.keptTime, std::chrono::seconds{60});
+  EXPECT_EQ(configuration.connectTime, std::chrono::seconds{10});
+  EXPECT_EQ(configuration.penaltyTime, std::chrono::minutes{5});
+  EXPECT_EQ(configuration.maxConnections, 4096U);
+  EXPECT_EQ(configuration.maxConnectionsOfUser, 1024U);
+}
+
 TEST(RelayConfiguration, ReadsEveryKey) {
   const auto read = readConfiguration(R"(# a comment
 when-no-answer = "refuse"
