@@ -14,6 +14,7 @@ import threading
 import pytest
 from relay_world import ADDRESSES, DONE, MODES, RESOURCES, SOCKET_AT
 from support.bus import wait_until
+from support.real_proxies import HTTP_PROXY
 
 sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../browsers"))
 import chromium  # noqa: E402
@@ -112,3 +113,27 @@ def test_firefox_follows_the_relays_own_script(world, pages, websocket):
         "network.proxy.type": 2,
         "network.proxy.autoconfig_url": "http://127.0.0.1:3128/proxy.pac"}) == WANTED
     assert world.proxies.asked_from("/page/") == {ADDRESSES[way]}
+
+
+def in_chromium(url, *options):
+    """What Chromium prints about the page."""
+    with tempfile.TemporaryDirectory(prefix="chromium.", ignore_cleanup_errors=True) as folder:
+        return subprocess.run(
+            [chromium.PROGRAM, *chromium.OPTIONS, *options, f"--user-data-dir={folder}/profile", url],
+            env={**os.environ, "HOME": folder}, stdin=subprocess.DEVNULL, capture_output=True,
+            text=True, timeout=chromium.LIMIT, check=True).stdout
+
+
+def test_chromium_shows_the_relays_own_page(world, build):
+    """docs/relay-page.png is the picture that this makes in the build folder."""
+    world.mode("pacurl")
+    world.run("curl", "-sS", "https://nobody.example.test/", check=False)
+    page = "http://127.0.0.1:3128/?url=https%3A%2F%2Fwww.example.org%2F"
+    text = in_chromium(page, "--dump-dom")
+    for part in ("<td>pacurl</td>", f"<li>http://{HTTP_PROXY}</li>", "127.0.0.1:9</th>",
+                 'class="failed"'):
+        assert part in text, part
+    picture = os.path.join(build, "relay-page.png")
+    in_chromium(page, f"--screenshot={picture}", "--window-size=1000,760", "--hide-scrollbars")
+    with open(picture, "rb") as file:
+        assert file.read(8) == b"\x89PNG\r\n\x1a\n"
