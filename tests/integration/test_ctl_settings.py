@@ -206,19 +206,19 @@ def test_the_settings_show_each_source_and_which_holds(ctl, settings, daemon, cl
     result = ctl("settings")
     assert (result.status, result.errors) == (ANSWERED, "")
     assert "secret" not in result.output
-    assert result.output.splitlines()[:3] == ["settings", "  source      auto", "  holds       network"]
+    assert result.output.splitlines()[:3] == ["settings", "  source      auto", "  in force    network"]
     assert re.search(r"\n  because     no file sets a mode; a network manager does, interface eth\n"
                      r"  wanted      pacurl http://127\.0\.0\.1:850/[0-9a-f]{16}\.pac\n"
                      r"  network     wlan: manual http://w\.example:1\n"
                      r"  network     eth: a script\n  network     tun: direct\n"
                      r"  network     \(no interface\): cannot be used\n"
-                     r"  daemon      was given it \d+ s ago\n"
+                     r"  daemon      got it \d+ s ago\n"
                      r"  daemon has  pacurl http://127\.0\.0\.1:850/[0-9a-f]{16}\.pac\n", result.output)
     manager.close()
     write_settings('mode = "manual"\nproxy-url = "http://f.example:1"\n')
     wait_until(lambda: client.config()[0] == "manual", "the file holds")
     shown = rows(ctl("settings").output)
-    assert (shown["holds"], shown["because"]) == ("file", "a file sets the mode")
+    assert (shown["in force"], shown["because"]) == ("file", "a file sets the mode")
     assert shown["file"] == FOLDER + "/settings.conf"
     write_settings("nonsense\n")
     wait_until(lambda: "last good" in ctl("settings").output, "the problem shows")

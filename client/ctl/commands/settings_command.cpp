@@ -73,15 +73,15 @@ Row daemonRow(const Json& state) {
   }
   const auto time = state.find("handed_over_at");
   if (time == state.end() || !time->is_number_integer()) {
-    return {"daemon", "has not been given the configuration yet", Tone::kBad};
+    return {"daemon", "has not got the configuration yet", Tone::kBad};
   }
   const auto ago = std::time(nullptr) - time->get<std::int64_t>();
-  return {"daemon", "was given it " + shownAge(ago) + " ago", Tone::kGood};
+  return {"daemon", "got it " + shownAge(ago) + " ago", Tone::kGood};
 }
 
 void printState(const Json& state) {
   std::vector<Row> rows{{"source", textOf(state, "source")},
-                        {"holds", textOf(state, "holder"), Tone::kGood},
+                        {"in force", textOf(state, "holder"), Tone::kGood},
                         {"because", textOf(state, "reason")},
                         {"wanted", shownConfiguration(state.value("wanted", Json::object()))}};
   for (const auto& file : state.value("mode_files", Json::array())) {
@@ -95,7 +95,7 @@ void printState(const Json& state) {
     if (problem.is_string()) rows.push_back({"problem", problem.get<std::string>(), Tone::kBad});
   }
   if (isSet(state, "last_good_settings")) {
-    rows.push_back({"problem", "the last good settings hold", Tone::kBad});
+    rows.push_back({"problem", "the last good settings are used", Tone::kBad});
   }
   rows.push_back(daemonRow(state));
   if (const auto found = state.find("daemon_has"); found != state.end() && found->is_object()) {
