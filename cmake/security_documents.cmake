@@ -59,12 +59,19 @@ function(component out type name version package scope)
   set(${out} "${json}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: the sonames that a program is linked with.
+# ${out}: the sonames that a program is linked with, and those of the libraries that it maps on demand,
+# which are texts in it.
 function(needed out program)
   execute_process(COMMAND "${OBJDUMP}" -p "${program}" OUTPUT_VARIABLE headers
     COMMAND_ERROR_IS_FATAL ANY)
   string(REGEX MATCHALL "NEEDED +[^\n ]+" entries "${headers}")
   list(TRANSFORM entries REPLACE "NEEDED +" "")
+  file(STRINGS "${program}" on_demand REGEX "^lib[a-z0-9_+-]+\\.so\\.[0-9]+$")
+  string(REGEX MATCH "SONAME +[^\n ]+" own_name "${headers}")
+  string(REGEX REPLACE "SONAME +" "" own_name "${own_name}")
+  list(REMOVE_ITEM on_demand "${own_name}")
+  list(APPEND entries ${on_demand})
+  list(REMOVE_DUPLICATES entries)
   set(${out} "${entries}" PARENT_SCOPE)
 endfunction()
 
@@ -80,7 +87,7 @@ function(write_sbom)
       CONFLICTING_DEPENDENCIES_PREFIX conflicts)
   endif()
 
-  # Directly linked shared libraries, each with the package that it comes from.
+  # The shared libraries that the programs call, each with the package that it comes from.
   set(all "")
   foreach(program ${PROGRAMS})
     needed(sonames "${program}")
@@ -93,6 +100,12 @@ function(write_sbom)
     set(files ${libraries})
     string(REGEX REPLACE "([.+])" "\\\\\\1" pattern "${soname}")
     list(FILTER files INCLUDE REGEX "/${pattern}$")
+    foreach(library ${libraries})  # those that are mapped on demand lie beside the others
+      get_filename_component(folder "${library}" DIRECTORY)
+      if(NOT files AND EXISTS "${folder}/${soname}")
+        set(files "${folder}/${soname}")
+      endif()
+    endforeach()
     if(files)
       list(GET files 0 file)
       file(REAL_PATH "${file}" file)

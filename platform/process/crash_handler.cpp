@@ -45,9 +45,11 @@ struct Prepared {
   sockaddr_un logAddress{};
   /// stderr is the journal, too: a line that is written there would be in the journal twice.
   bool stderrIsJournal = false;
-  alignas(16) std::array<char, kStackBytes> stack{};
 };
 Prepared prepared;
+// Apart from the rest, whose first values are not zero: so the program's file holds none of it, and
+// it takes no memory until a signal handler runs.
+alignas(16) std::array<char, kStackBytes> stackOfHandlers{};
 
 // The thread that reports; 0 while none does.
 std::atomic<pid_t> reporter{0};
@@ -251,8 +253,8 @@ void warmUnwinder() {
 
 bool installHandlers() {
   stack_t stack{};
-  stack.ss_sp = prepared.stack.data();
-  stack.ss_size = prepared.stack.size();
+  stack.ss_sp = stackOfHandlers.data();
+  stack.ss_size = stackOfHandlers.size();
   if (sigaltstack(&stack, nullptr) != 0) return false;
   struct sigaction action {};
   action.sa_sigaction = onFatalSignal;

@@ -118,6 +118,12 @@ def self_test(cmake):
         sbom = read(pathlib.Path(folder, "sbom.cdx.json"))
         assert "libc.so.6" in names_of(sbom), sbom
         assert '"proxymanagerd:released"' in json.dumps(sbom), sbom
+        maps_on_demand = pathlib.Path(folder, "program")
+        maps_on_demand.write_bytes(pathlib.Path(sys.executable).read_bytes() + b"\0libuuid.so.1\0")
+        assert run(cmake, folder, "0.16.2", header, PROGRAMS=maps_on_demand).returncode == 0
+        sbom_on_demand = read(pathlib.Path(folder, "sbom.cdx.json"))
+        uuid = [part for part in sbom_on_demand["components"] if part["name"] == "libuuid.so.1"]
+        assert uuid and "libuuid1@" in uuid[0]["purl"], sbom_on_demand
     missing = list(in_sbom(sbom, [pathlib.Path("/bin/true")]))
     assert missing == ["true is not in the SBOM"], missing
     hole = {"id": "CVE-1", "proof": "none.js"}

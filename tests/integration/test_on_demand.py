@@ -9,11 +9,16 @@ from support.bus import Client, wait_until
 from support.daemon import Daemon, make_watched_files
 from support.own_root import MS_BIND, mount, unmount
 from support.syslog_socket import ERR, INFO
+from support.watched import append_and_settle
 from support.web import script
 
 URL = "http://www.example.org/"
+CANDIDATES = "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns candidates size:"
 LOADED = "PacParser-parsePacFile pac init"
 LIBRARIES = ("libcrypto.so.3",)
+# Of scripts that look names up, of names beyond ASCII, and of mode wpad.
+SELDOM = ("libcares.so.2", "libidn2.so.0", "libpsl.so.5")
+RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 NEVER = ("libcurl.so.4", "libssl.so.3")  # of the fetch process alone
 
 
@@ -49,12 +54,46 @@ def test_without_a_script_none_is_mapped_and_with_one_all_are(daemon, client, we
     assert client.urls(URL) == ["manual", "http://proxy.example.org:3128"]
     client.update("off")
     assert client.urls(URL) == ["off", ""]
-    assert mapped(daemon) == []
+    assert mapped(daemon, LIBRARIES + SELDOM) == []
     web.routes["/x.pac"] = script("PROXY p:1")
     client.update("pacurl", pacurl=web.url("/x.pac"))
     syslog.wait(INFO, LOADED)
     assert client.urls(URL) == ["pacurl", "PROXY p:1"]
-    assert mapped(daemon) == list(LIBRARIES)
+    assert mapped(daemon, LIBRARIES + SELDOM) == list(LIBRARIES)
+
+
+def test_mode_wpad_maps_the_library_of_public_suffixes(own_network, daemon, client, syslog):
+    append_and_settle(RESOLVER, "search corp.example.org\n", syslog)
+    client.update("wpad")
+    syslog.wait(INFO, CANDIDATES + "2")
+    assert mapped(daemon, SELDOM[2:]) == ["libpsl.so.5"]
+
+
+def test_without_the_library_of_public_suffixes_no_server_of_the_domain_is_asked(
+        own_network, bus, build, syslog, hidden_library):
+    show = hidden_library("libpsl.so.5")
+    make_watched_files()
+    daemon = Daemon(build)
+    with Client() as client:
+        append_and_settle(RESOLVER, "search corp.example.org\n", syslog)
+        client.update("wpad")
+        syslog.wait_match(ERR, r"on_demand: no libpsl\.so\.5: .+")
+        syslog.wait(INFO, CANDIDATES + "0")
+        show()
+        client.update("off")
+        client.update("wpad")
+        syslog.wait(INFO, CANDIDATES + "2")
+    assert daemon.stop() == 0
+    daemon.close()
+
+
+def test_a_script_that_looks_a_name_up_maps_the_library_for_it(daemon, client, web, syslog):
+    web.routes["/x.pac"] = ('function FindProxyForURL(url, host) '
+                            '{ return dnsResolve("none.invalid") ? "PROXY a:1" : "PROXY b:1"; }')
+    client.update("pacurl", pacurl=web.url("/x.pac"))
+    syslog.wait(INFO, LOADED)
+    assert client.urls(URL) == ["pacurl", "PROXY b:1"]
+    assert mapped(daemon, SELDOM) == ["libcares.so.2"]
 
 
 def test_libcurl_is_never_mapped_whatever_is_downloaded_and_asked(build, daemon, client, web, syslog):
