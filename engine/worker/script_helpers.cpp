@@ -87,11 +87,17 @@ struct TwoTexts {
   const Text second;
 };
 
+// In UTF-8 a text begins or ends with another exactly if it does so in the language's UTF-16. The
+// exception is an end that begins with the second half of a surrogate pair; 0xED is its first byte.
+bool mayBeginInsideOfAPair(std::string_view end) {
+  return !end.empty() && end.front() == '\xED';
+}
+
 template <bool (*kFunction)(std::string_view, std::string_view), const char* kName>
 JSValue twoTextsHelper(const Call& call) {
   const TwoTexts texts(call);
   if (texts.failed()) return JS_EXCEPTION;
-  if (!texts.areAscii()) return general(call, kName);
+  if (!texts.strings || mayBeginInsideOfAPair(texts.second.view())) return general(call, kName);
   return truth(kFunction(texts.first.view(), texts.second.view()));
 }
 

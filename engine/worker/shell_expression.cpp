@@ -1,5 +1,7 @@
 #include "engine/worker/shell_expression.h"
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 
 namespace pac_worker {
@@ -44,8 +46,16 @@ bool matches(std::basic_string_view<Unit> text, std::basic_string_view<Unit> exp
 
 }  // namespace
 
+// A table, because it is read for each character of each rule of a script.
 bool isPlainShellExpression(std::string_view expression) {
-  return expression.find_first_of("+[](){}\\^$|") == expression.npos;
+  static constexpr auto kSpecial = [] {
+    std::array<bool, 256> special{};
+    for (const char c : std::string_view("+[](){}\\^$|"))
+      special[static_cast<unsigned char>(c)] = true;
+    return special;
+  }();
+  return std::none_of(expression.begin(), expression.end(),
+                      [](char c) { return kSpecial[static_cast<unsigned char>(c)]; });
 }
 
 bool matchesShellExpression(std::u16string_view text, std::u16string_view expression) {
