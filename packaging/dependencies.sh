@@ -53,7 +53,7 @@ needed() {
         if (entry ~ /<!nocheck>/ && tests == "no") continue
         if (entry ~ /<pkg.proxymanagerd.cross>/ && cross == "no") continue
         if (entry ~ /<pkg.proxymanagerd.browsers>/ && browsers == "no") continue
-        if (entry ~ /debhelper/ && package == "no") continue
+        if (entry ~ /^ *(debhelper|dh-python)/ && package == "no") continue
         gsub(/<[^>]*>/, "", entry)
         gsub(/[ \t]+/, " ", entry)
         gsub(/^ | $/, "", entry)

@@ -261,6 +261,15 @@ def test_programs_that_use_glib_follow_the_daemon(installed, callers, tmp_path):
     assert "libgioproxymanager.so: gio-proxy-resolver,gio-proxy\n" in cache
 
 
+def test_programs_in_python_ask_the_daemon(installed, callers):
+    callers["root"].call("update", "manual", "http://p.example:1")
+    asked = installed.run("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "python3", "-c",
+                          "import proxymanager\n"
+                          "print(proxymanager.Client().proxies('http://a.example/')[0].url)")
+    assert asked.stdout == "http://p.example:1\n"
+    callers["root"].call("update", "off")
+
+
 def test_the_password_is_told_to_root_and_the_group_alone(callers, listeners):
     arguments = ("manual", "http://p.example:2", "", True, "user", "secret")
     callers["member"].call("update", *arguments)

@@ -1,0 +1,104 @@
+"""httpx asks the proxy manager for each URL.
+
+    with httpx.Client(transport=ProxyTransport()) as client:
+        client.get("http://www.example.org/")
+
+AsyncProxyTransport is for httpx.AsyncClient. Proxies of SOCKS need python3-socksio. httpx knows version 5
+of SOCKS alone, and lets the proxy look names up.
+"""
+
+import anyio.to_thread
+import httpx
+
+from ._client import Client
+from ._ways import DIRECT, Pools, of_the_environment, ways
+
+# Nobody has seen the request: no connection was made.
+_UNREACHABLE = (httpx.ConnectError, httpx.ConnectTimeout)
+
+
+def _proxy(way):
+    """httpx's own for a way; ValueError if it knows none."""
+    return None if way == DIRECT else httpx.Proxy(way.replace("socks5h:", "socks5:", 1))
+
+
+def _ways(client, request):
+    """The ways to try."""
+    url = str(request.url)
+    found = ways(client, url)
+    return [of_the_environment(url)] if found is None else found
+
+
+class _Transports:
+    """The transports of the proxies, and the client that is asked."""
+
+    def __init__(self, client, kind, options):
+        self.client, self._is_own = client or Client(), client is None
+        self._pools = Pools(lambda way: kind(proxy=_proxy(way), **options))
+
+    def get(self, way):
+        """None if httpx cannot use the proxy."""
+        try:
+            return self._pools.get(way)
+        except (ValueError, ImportError):
+            return None
+
+    def end(self):
+        """The transports, for the caller to close."""
+        if self._is_own:
+            self.client.close()
+        return self._pools.take_all()
+
+
+def _no_way(found):
+    return httpx.ProxyError(f"no proxy of the answer can be used: {' '.join(found)}")
+
+
+class ProxyTransport(httpx.BaseTransport):
+    """Sends each request by the first proxy of the answer that can be reached.
+
+    Without an answer the proxy of the environment holds, unless the client refuses.
+    client: asked, and left open; None makes one that is closed with the transport
+    options: those of httpx.HTTPTransport, for the transports of all proxies
+    """
+
+    def __init__(self, client=None, **options):
+        self._transports = _Transports(client, httpx.HTTPTransport, options)
+
+    def handle_request(self, request):
+        found = _ways(self._transports.client, request)
+        last = _no_way(found)
+        for transport in filter(None, map(self._transports.get, found)):
+            try:
+                return transport.handle_request(request)
+            except _UNREACHABLE as failure:
+                last = failure
+        raise last
+
+    def close(self):
+        for transport in self._transports.end():
+            transport.close()
+
+
+class AsyncProxyTransport(httpx.AsyncBaseTransport):
+    """The same for httpx.AsyncClient. A thread waits for the answer, not the event loop.
+
+    options: those of httpx.AsyncHTTPTransport
+    """
+
+    def __init__(self, client=None, **options):
+        self._transports = _Transports(client, httpx.AsyncHTTPTransport, options)
+
+    async def handle_async_request(self, request):
+        found = await anyio.to_thread.run_sync(_ways, self._transports.client, request)
+        last = _no_way(found)
+        for transport in filter(None, map(self._transports.get, found)):
+            try:
+                return await transport.handle_async_request(request)
+            except _UNREACHABLE as failure:
+                last = failure
+        raise last
+
+    async def aclose(self):
+        for transport in self._transports.end():
+            await transport.aclose()

@@ -1,0 +1,58 @@
+"""requests asks the proxy manager for each URL.
+
+    session = requests.Session()
+    for scheme in ("http://", "https://"):
+        session.mount(scheme, ProxyAdapter())
+"""
+
+import requests
+import requests.adapters
+import urllib3.exceptions
+
+from ._client import Client
+from ._ways import DIRECT, ways
+
+
+def _is_unreachable(error):
+    """Whether nobody has seen the request: no connection was made."""
+    if isinstance(error, (requests.exceptions.ConnectTimeout, requests.exceptions.InvalidSchema)):
+        return True  # the latter: there is no library for SOCKS
+    reason = getattr(error.args[0] if error.args else None, "reason", None)
+    if isinstance(reason, urllib3.exceptions.ProxyError):
+        reason = reason.original_error
+    return isinstance(reason, (urllib3.exceptions.NewConnectionError,
+                               urllib3.exceptions.ConnectTimeoutError))
+
+
+class ProxyAdapter(requests.adapters.HTTPAdapter):
+    """Sends each request by the first proxy of the answer that can be reached.
+
+    Without an answer the proxies of the session and of the environment hold, unless the client refuses.
+    client: asked, and left open; None makes one that is closed with the adapter
+    options: those of requests.adapters.HTTPAdapter
+    """
+
+    def __init__(self, client=None, **options):
+        self._client, self._is_own = client or Client(), client is None
+        super().__init__(**options)
+
+    def send(self, request, stream=False, timeout=None, verify=True, cert=None, proxies=None):
+        found = ways(self._client, request.url)
+        if found is None:
+            return super().send(request, stream, timeout, verify, cert, proxies)
+        # After a redirect requests adds the password of a proxy of the environment, which is not for this one.
+        request.headers.pop("Proxy-Authorization", None)
+        for way in found:
+            by = {} if way == DIRECT else {"http": way, "https": way}
+            try:
+                return super().send(request, stream, timeout, verify, cert, by)
+            except (requests.exceptions.ConnectionError, requests.exceptions.InvalidSchema) as failure:
+                if not _is_unreachable(failure):
+                    raise
+                last = failure
+        raise last
+
+    def close(self):
+        super().close()
+        if self._is_own:
+            self._client.close()
