@@ -28,6 +28,11 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 into a cache
   --tidy        have clang-tidy judge the sources that are shipped
   --recipe      follow docs/installing.md in a clean system: build, install and start from source
+  --reproducible
+                build the packages twice from the source tarball, without a network, compare their bytes, and
+                run their autopkgtests in a clean system
+  --programs    run programs that are not on this machine: of Qt, Node, Go and Java, openconnect, the desktop
+                portal. They are unpacked into a cache
   --settings-kills
                 kill the settings service at 200 moments, in a system whose NetworkManager feeds it
   --werror      treat warnings of the compiler as errors
@@ -51,6 +56,8 @@ while [ $# -gt 0 ]; do
     --relay) mode=relay dependencies+=(--browsers) ;;
     --tidy) mode=tidy ;;
     --recipe) mode=recipe ;;
+    --reproducible) mode=reproducible dependencies+=(--reproducible) ;;
+    --programs) mode=programs ;;
     --settings-kills) mode=settings_kills ;;
     --soak) mode=soak minutes=${2:?--soak needs minutes} && shift ;;
     --fuzz) mode=fuzz minutes=${2:?--fuzz needs minutes} && shift ;;
@@ -201,6 +208,22 @@ test_recipe() {
   export PROXYMANAGER_RECIPE=1
   build_tree test -DCMAKE_BUILD_TYPE=Release
   run_tests test -R '^packaging.TheSourceRecipeWorksInACleanSystem$'
+}
+
+test_reproducible() {
+  export PROXYMANAGER_REPRODUCIBLE=1
+  build_options=(--target proxymanagerctl)
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  run_tests test -L '^reproducible$'
+}
+
+test_programs() {
+  step "Unpacking the programs"
+  # shellcheck disable=SC2046  # a list of names
+  PROXYMANAGER_PROGRAMS=$("$top/tests/support/programs_root.sh" $(cat "$top/tests/programs/programs.txt"))
+  export PROXYMANAGER_PROGRAMS
+  build_tree test -DCMAKE_BUILD_TYPE=Release
+  run_tests test -L '^programs$'
 }
 
 test_settings_kills() {

@@ -6,7 +6,7 @@ set -eu
 usage() {
   cat <<EOF
 usage: packaging/dependencies.sh [--no-tests] [--package] [--cross] [--browsers]
-                                 [--list | --list-libraries | --check]
+                                 [--reproducible] [--list | --list-libraries | --check]
 
 Installs the packages that this tree is built and tested with and that are missing; says nothing
 and takes no time where none is.
@@ -15,6 +15,8 @@ and takes no time where none is.
   --package   take in what only the Debian package's own build needs
   --cross     take in what only building for another architecture needs
   --browsers  take in the browsers that only ./test.sh --browsers needs
+  --reproducible
+              take in what only ./test.sh --reproducible needs
   --list      print what is needed, one dependency a line, and install nothing
   --list-libraries
               of these, print the headers and libraries alone: what another architecture needs of
@@ -23,13 +25,14 @@ and takes no time where none is.
 EOF
 }
 
-tests=yes package=no cross=no browsers=no action=install
+tests=yes package=no cross=no browsers=no reproducible=no action=install
 for option in "$@"; do
   case $option in
     --no-tests) tests=no ;;
     --package) package=yes ;;
     --cross) cross=yes ;;
     --browsers) browsers=yes ;;
+    --reproducible) reproducible=yes ;;
     --list | --list-libraries | --check) action=${option#--} ;;
     --help) usage && exit 0 ;;
     *) usage >&2 && exit 2 ;;
@@ -41,7 +44,7 @@ control=$(dirname "$0")/debian/control
 # The field Build-Depends, one dependency a line: "a", "a (>= 1)" or "a | b".
 needed() {
   awk -v tests="$tests" -v package="$package" -v cross="$cross" \
-    -v browsers="$browsers" '
+    -v browsers="$browsers" -v reproducible="$reproducible" '
     /^#/ { next }
     /^[^ \t]/ { inside = 0 }
     /^Build-Depends:/ { inside = 1; sub(/^[^:]*:/, "") }
@@ -53,6 +56,7 @@ needed() {
         if (entry ~ /<!nocheck>/ && tests == "no") continue
         if (entry ~ /<pkg.proxymanagerd.cross>/ && cross == "no") continue
         if (entry ~ /<pkg.proxymanagerd.browsers>/ && browsers == "no") continue
+        if (entry ~ /<pkg.proxymanagerd.reproducible>/ && reproducible == "no") continue
         if (entry ~ /^ *(debhelper|dh-python)/ && package == "no") continue
         gsub(/<[^>]*>/, "", entry)
         gsub(/[ \t]+/, " ", entry)

@@ -3,8 +3,15 @@
 # packaging/quickjs/source: it builds without the network that a build from the repository needs.
 #
 # usage: packaging/make_source_tarball.sh [FOLDER]
-# Writes FOLDER/proxymanagerd-VERSION.tar.gz (FOLDER: the present one) and prints its path.
+# Writes into FOLDER (the present one) and prints the first of them:
+#   proxymanagerd-VERSION.tar.gz    the source
+#   proxymanagerd-VERSION.cdx.json  its bill of materials (CycloneDX)
+#   SHA256SUMS                      the checksums of both
+#
+# The same commit and engine give the same bytes, whoever makes them, where and when.
 set -eu
+umask 022
+export LC_ALL=C TZ=UTC
 
 folder=$(realpath "${1:-.}")
 cd "$(dirname "$0")/.."
@@ -15,12 +22,14 @@ engine=$(packaging/quickjs/fetch_quickjs.sh)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
-git archive --prefix="$name/" HEAD | tar -x -C "$work"
+# A user's own settings of git must not count.
+git -c tar.umask=0022 -c core.autocrlf=false archive --prefix="$name/" HEAD | tar -x -C "$work"
 mkdir "$work/$name/packaging/quickjs/source"
 tar -c -C "$engine" . | tar -x -C "$work/$name/packaging/quickjs/source"
 
-# The same commit and engine give the same bytes, whoever makes them and when.
-date=$(git log -1 --format=%cI)
-tar -c -C "$work" --sort=name --mtime="$date" --owner=0 --group=0 --numeric-owner "$name" |
-  gzip -n >"$folder/$name.tar.gz"
+date=$(git log -1 --format=%ct)
+tar -c -C "$work" --format=gnu --sort=name --mtime="@$date" --owner=0 --group=0 --numeric-owner \
+  --mode=u=rwX,go=rX "$name" | gzip -9n >"$folder/$name.tar.gz"
+cp "$work/$name/docs/security/sbom.cdx.json" "$folder/$name.cdx.json"
+(cd "$folder" && sha256sum "$name.tar.gz" "$name.cdx.json" >SHA256SUMS)
 echo "$folder/$name.tar.gz"

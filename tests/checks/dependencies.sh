@@ -23,7 +23,7 @@ Build-Depends: debhelper-compat (= 13), dpkg (>= 1.0),
  dpkg (>= 999) | coreutils,
  no-such-package-here | no-such-either <!nocheck>,
  libexample-dev (>= 2) <!nocheck>, libclang-rt-dev <!nocheck>, g++-other <pkg.proxymanagerd.cross>,
- browser <pkg.proxymanagerd.browsers>
+ browser <pkg.proxymanagerd.browsers>, differ <pkg.proxymanagerd.reproducible>
 Standards-Version: 4.6.2
 
 Package: example
@@ -41,6 +41,7 @@ dpkg (>= 999) | coreutils" "$("$example" --list --no-tests)"
 expect "with the package's own" "debhelper-compat (= 13)" "$("$example" --list --package | head -n 1)"
 expect "for another architecture" "g++-other" "$("$example" --list --cross | tail -n 1)"
 expect "for the comparison with browsers" "browser" "$("$example" --list --browsers | tail -n 1)"
+expect "for the packages that are built twice" "differ" "$("$example" --list --reproducible | tail -n 1)"
 expect "headers and libraries" "libexample-dev" "$("$example" --list-libraries)"
 expect "missing" "Missing: no-such-package-here | no-such-either, libexample-dev (>= 2)" \
   "$("$example" --check | sed 's/, libclang-rt-dev//' || true)"

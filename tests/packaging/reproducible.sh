@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Builds the Debian packages twice from the source tarball, without a network and under different
+# circumstances, and compares the bytes. The packages of the first build are left in FOLDER/out, the unpacked
+# source in FOLDER/source.
+# usage: reproducible.sh TREE FOLDER
+set -euo pipefail
+tree=$1 folder=$2
+rm -rf "$folder"
+mkdir -p "$folder/tarball" "$folder/out"
+tarball=$("$tree/packaging/make_source_tarball.sh" "$folder/tarball")
+
+# build NAME COMMAND...: builds below FOLDER/NAME; the command is what starts the build.
+build() {
+  local place=$folder/$1
+  shift
+  mkdir -p "$place" "$folder/no home"
+  tar -C "$place" --strip-components=1 --one-top-level=source -xf "$tarball"
+  # No engine of an earlier build, and no interface but a loopback that is down.
+  (cd "$place/source" && env -u XDG_CACHE_HOME "HOME=$folder/no home" \
+    unshare --net --uts -- "$@" dpkg-buildpackage --build=binary --build-profiles=nocheck -us -uc) \
+    >"$place/log" 2>&1 || {
+    tail -n 40 "$place/log" >&2
+    return 1
+  }
+}
+jobs=$(nproc)
+(umask 022 && build one env TZ=UTC LC_ALL=C.UTF-8 DEB_BUILD_OPTIONS="parallel=$jobs")
+(umask 002 && build "two/in a longer place" sh -c 'hostname elsewhere && exec "$@"' - \
+  env TZ=Pacific/Kiritimati LC_ALL=C LANGUAGE=de CAPTURE=1 DEB_BUILD_OPTIONS="parallel=$((jobs + 1))")
+
+cp "$folder"/one/*proxymanager*_* "$folder/out"
+status=0
+for package in "$folder"/one/*.deb; do
+  other="$folder/two/in a longer place/$(basename "$package")"
+  cmp "$package" "$other" || {
+    status=1
+    diffoscope --no-progress "$package" "$other" || :
+  }
+done
+[ "$status" = 0 ] || exit 1
+echo "$(find "$folder/out" -name '*.deb' | wc -l) packages have the same bytes twice"
+
+# As the owner's upload is: the source package, too.
+(cd "$folder/one/source" && dpkg-buildpackage --build=source --build-profiles=nocheck --no-check-builddeps \
+  -d -us -uc >"$folder/one/source.log" 2>&1)
+lintian --allow-root --fail-on error,warning --tag-display-limit 0 "$folder"/one/*_source.changes
