@@ -93,6 +93,13 @@ static gboolean names_no_version(const char* text) {
   return g_ascii_strncasecmp(text, "socks", 5) == 0 && !g_ascii_isalnum(text[5]);
 }
 
+/* Whether this process is the desktop portal. Its answers go to programs in sandboxes, which do not
+ * have this module's handler of "socks" and would take the next entry. */
+static gboolean answers_for_sandboxes(void) {
+  const char* const name = g_get_prgname();
+  return name != NULL && g_str_has_suffix(name, "xdg-desktop-portal");
+}
+
 /* GLib's scheme for such a proxy; null if GLib cannot use it. GLib has only one version 5, with
  * which the proxy looks names up. */
 static const char* scheme_of(const proxymanager_entry* entry) {
@@ -109,7 +116,7 @@ static const char* scheme_of(const proxymanager_entry* entry) {
       return "socks4a";
     case PROXYMANAGER_SOCKS5:
     case PROXYMANAGER_SOCKS5H:
-      return names_no_version(entry->text) ? "socks" : "socks5";
+      return names_no_version(entry->text) && !answers_for_sandboxes() ? "socks" : "socks5";
     case PROXYMANAGER_UNUSABLE:
       break;
   }

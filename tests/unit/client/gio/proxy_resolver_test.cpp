@@ -213,6 +213,14 @@ TEST_F(ProxyResolver, NamesEveryKindAsGLibDoes) {
                   "socks4://p:1080", "socks5://p:1080", "http://[::1]:8080"));
 }
 
+TEST_F(ProxyResolver, NamesVersion5ForProgramsBehindThePortal) {
+  const std::string before = g_get_prgname() == nullptr ? "" : g_get_prgname();
+  g_set_prgname("/usr/libexec/xdg-desktop-portal");
+  EXPECT_THAT(lookup("http://wpad/?SOCKS_p;SOCKS4_p").proxies,
+              ElementsAre("socks5://p:1080", "socks4://p:1080"));
+  g_set_prgname(before.c_str());
+}
+
 TEST_F(ProxyResolver, GivesOneProxyInModeManualWithItsPassword) {
   const std::vector<std::pair<std::string, std::string>> rows{
       {"p:3128", "http://p:3128"},
