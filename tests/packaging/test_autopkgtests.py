@@ -9,6 +9,15 @@ import pytest
 from machine import Machine
 
 
+# libproxy's own library, and a plugin, which asks for its exact revision.
+REPLACED = ("libproxy1v5", "libproxy1-plugin-gsettings")
+
+
+def statuses(machine):
+    shown = machine.run("dpkg-query", "-W", "-f", "${db:Status-Status}\\n", *REPLACED, check=False)
+    return set(shown.stdout.split())
+
+
 @pytest.fixture(scope="session")
 def folder(request):
     return pathlib.Path(request.config.getoption("--folder"))
@@ -21,17 +30,23 @@ def control(folder):
 
 @pytest.fixture(scope="session")
 def machine(folder, control):
-    # One of them replaces a library of Debian's, as apt does it; its users come after it.
     packages = sorted(file for file in glob.glob(f"{folder}/out/*.deb") if "dbgsym" not in file)
     own = {pathlib.Path(package).name.split("_")[0] for package in packages}
     wanted = {name for field in re.findall(r"^Depends: (.*)", control, re.MULTILINE)
               for name in re.split(r",\s*", field)}
-    with Machine(packages, names={*wanted - own, "autopkgtest"}) as booted:
+    with Machine(packages, names={*wanted - own, "autopkgtest", *REPLACED}) as booted:
+        assert statuses(booted) == {"installed"}
         subprocess.run(["cp", "-a", folder / "one/source", booted.root / "root/source"], check=True)
         (booted.root / "packages").mkdir()
         subprocess.run(["cp", *packages, booted.root / "packages"], check=True)
         booted.run("sh", "-c", "apt-get install --yes --no-download --allow-downgrades /packages/*.deb")
         yield booted
+
+
+def test_libproxy_and_its_plugins_are_removed_and_its_users_stay(machine):
+    assert "installed" not in statuses(machine)
+    assert machine.run("dpkg-query", "-W", "-f", "${db:Status-Status}", "libproxy-tools").stdout == "installed"
+    machine.run("dpkg", "--audit")
 
 
 def test_each_autopkgtest_passes(machine, control):
