@@ -34,12 +34,12 @@ def machine(folder, control):
     own = {pathlib.Path(package).name.split("_")[0] for package in packages}
     wanted = {name for field in re.findall(r"^Depends: (.*)", control, re.MULTILINE)
               for name in re.split(r",\s*", field)}
-    with Machine(packages, names={*wanted - own, "autopkgtest", *REPLACED}) as booted:
+    with Machine(packages, names={*wanted - own, "autopkgtest", "dpkg-dev", *REPLACED}) as booted:
         assert statuses(booted) == {"installed"}
         subprocess.run(["cp", "-a", folder / "one/source", booted.root / "root/source"], check=True)
         (booted.root / "packages").mkdir()
         subprocess.run(["cp", *packages, booted.root / "packages"], check=True)
-        booted.run("sh", "-c", "apt-get install --yes --no-download --allow-downgrades /packages/*.deb")
+        booted.run("sh", "-c", "apt-get install --yes /packages/*.deb")
         yield booted
 
 
