@@ -15,6 +15,9 @@ namespace {
 TEST(ScriptPause, GrowsToTenMinutesAndStaysThere) {
   EXPECT_EQ(scriptPause(0), std::chrono::seconds{10});
   EXPECT_EQ(scriptPause(1), std::chrono::seconds{30});
+  EXPECT_EQ(scriptPause(2), std::chrono::minutes{1});
+  EXPECT_EQ(scriptPause(3), std::chrono::minutes{2});
+  EXPECT_EQ(scriptPause(4), std::chrono::minutes{5});
   EXPECT_EQ(scriptPause(5), std::chrono::minutes{10});
   EXPECT_EQ(scriptPause(6), std::chrono::minutes{10});
   EXPECT_EQ(scriptPause(100000), std::chrono::minutes{10});

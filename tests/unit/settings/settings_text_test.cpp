@@ -57,6 +57,9 @@ TEST(SettingsText, TheInstalledFileSetsNothingAndShowsEveryKeyButThePassword) {
   EXPECT_TRUE(all.source && all.mode && all.proxyUrl && all.pacUrl && all.user);
   EXPECT_TRUE(all.passwordFile && all.passwordCredential && all.fallback && all.refresh);
   EXPECT_TRUE(all.networkDirectIsOff && all.findProxyAll);
+  FileSettings taken;
+  overlay(taken, all);
+  EXPECT_EQ(taken, all);
 }
 
 TEST(SettingsText, AnEmptyTextSetsNothing) {
@@ -85,6 +88,13 @@ TEST(SettingsText, ASyntaxErrorIsOneProblemWithItsLine) {
   ASSERT_EQ(read.problems.size(), 1U);
   EXPECT_EQ(read.problems[0].line, 2U);
   EXPECT_EQ(read.settings, FileSettings{});
+}
+
+TEST(SettingsText, ProblemsComeInTheOrderOfTheirLines) {
+  const auto read = readSettings("zzz = \"1\"\nmode = \"wpad\"\naaa = \"1\"\n");
+  ASSERT_EQ(read.problems.size(), 2U);
+  EXPECT_EQ(read.problems[0].line, 1U);
+  EXPECT_EQ(read.problems[1].line, 3U);
 }
 
 // The library's tables of blanks had gaps there: undefined behaviour, which sanitizers see.

@@ -67,6 +67,11 @@ TEST(Choose, AModeTakesItsOwnUrlAlone) {
   EXPECT_EQ(configuration.password, "secret");
 }
 
+TEST(Choose, ModeOffHandsNoPasswordOver) {
+  const auto settings = settingsOf("mode = \"off\"\nuser = \"me\"\n");
+  EXPECT_EQ(choose(settings, "secret", nullptr).configuration, Configuration());
+}
+
 TEST(MissingKey, AModeWithoutItsUrlIsNamed) {
   EXPECT_NE(missingKey(settingsOf("mode = \"manual\"\n")), "");
   EXPECT_NE(missingKey(settingsOf("mode = \"pacurl\"\n")), "");
