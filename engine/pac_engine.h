@@ -49,7 +49,7 @@ struct Options {
   WorkerRole role = WorkerRole::kAnswers;
 };
 
-/// "line 3: message", or the message alone if no line is known.
+/// "line 3: message", or only the message if no line is known.
 std::string describe(const Problem& problem);
 
 /// One loaded script. Not for use by two threads at once; nothing here throws but bad_alloc.

@@ -86,7 +86,7 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
       ares_getsock(channel, sockets.data(), static_cast<int>(sockets.size())));
   std::array<pollfd, ARES_GETSOCK_MAXNUM + 1> entries{};
   nfds_t count = 0;
-  entries[count++] = {watched, 0, 0};  // no event: POLLHUP comes unasked
+  entries[count++] = {watched, 0, 0};  // no event: poll() always reports POLLHUP
   for (unsigned i = 0; i < sockets.size(); ++i) {
     const bool read = ((bits >> i) & 1U) != 0;
     const bool write = ((bits >> (i + ARES_GETSOCK_MAXNUM)) & 1U) != 0;

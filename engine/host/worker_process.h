@@ -1,6 +1,6 @@
 // The script worker as a child process: how it is found, started and ended.
 //
-// It is a sandbox::ChildProcess with an environment that is empty but for TZ, its end of a socket
+// It is a sandbox::ChildProcess with an environment that holds only TZ, its end of a socket
 // pair as descriptor 3 and the script as descriptor 4. It ends when its socket does.
 #pragma once
 
@@ -23,8 +23,8 @@ namespace pac_engine {
 UniqueFd sealedScript(std::string_view bytes);
 
 /// The path of the program for `role`: `proxymanager-pac-worker` or `proxymanager-workbench` in the
-/// libexec folder beside the folder of the running program. If it is not there, the path at which
-/// the build installs it.
+/// libexec folder beside the folder of the running program. If that file is missing, the path at
+/// which the build installs it.
 std::string workerProgram(WorkerRole role = WorkerRole::kAnswers);
 
 class WorkerProcess {

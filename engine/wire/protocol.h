@@ -11,7 +11,7 @@
 //                                    <-  Ready or Refused
 //   Evaluate                         ->
 //                                    <-  Answer or NoAnswer, with the serial of the question
-//   Command (workbench alone)        ->
+//   Command (workbench only)         ->
 //                                    <-  Report, any number; then Answer or NoAnswer
 // While the worker loads or evaluates, it may send Alert, Resolve and OwnAddresses. The library
 // answers each of the last two with one Addresses.

@@ -27,7 +27,7 @@ std::optional<std::uint64_t> numberBelow(std::uint64_t limit, std::string_view d
   return value;
 }
 
-// One field of an IPv4 literal; "0x" alone is 0.
+// One field of an IPv4 literal; "0x" without a digit is 0.
 std::optional<std::uint64_t> ipv4Field(std::string_view text) {
   if (text.starts_with("0x") || text.starts_with("0X")) {
     text.remove_prefix(2);

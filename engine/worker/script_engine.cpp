@@ -150,14 +150,14 @@ std::optional<Problem> ScriptEngine::load(std::string_view bytes) try {
 
 Reply ScriptEngine::evaluate(std::string_view url, std::string_view host) try {
   if (!mImpl->runtime) return {std::nullopt, errorOf("no script is loaded")};
-  const bool anew = mImpl->worn;
-  if (anew) {
+  const bool reload = mImpl->worn;
+  if (reload) {
     if (std::optional<Problem> error = mImpl->start()) {
       mImpl->worn = true;
       return {std::nullopt, std::move(*error)};
     }
   }
-  return mImpl->call(url, host, anew);
+  return mImpl->call(url, host, reload);
 } catch (const std::bad_alloc&) {
   return {std::nullopt, {kOutOfMemory, 0}};
 }

@@ -30,7 +30,7 @@ class Atom {
   JSAtom mAtom;
 };
 
-// The text of a value, without the end that no line of a log holds; nothing if it is no string.
+// The text of a value, cut to what a line of a log can hold; nothing if the value is no string.
 std::optional<std::string> textOf(JSContext* context, JSValueConst value) {
   if (!JS_IsString(value)) return std::nullopt;
   const Text text(context, value);
@@ -39,8 +39,8 @@ std::optional<std::string> textOf(JSContext* context, JSValueConst value) {
   return std::nullopt;
 }
 
-// The text of an object's own property; nothing if it is none, has a getter or holds no string.
-// The object must be no Proxy.
+// The text of an object's own property; nothing if the property is missing, has a getter or holds
+// no string. The object must not be a Proxy.
 std::optional<std::string> ownText(JSContext* context, JSValueConst object, const char* name) {
   const Atom atom(context, name);
   JSPropertyDescriptor property{};
@@ -54,8 +54,8 @@ std::optional<std::string> ownText(JSContext* context, JSValueConst object, cons
   return accessor ? std::nullopt : textOf(context, value.get());
 }
 
-// The trace that the engine made when the error was: by the engine's own getter, since the property
-// is the script's to replace.
+// The trace that the engine made together with the error. The engine's own getter reads it, because
+// a script can replace the property.
 std::string stackOf(JSContext* context, JSValueConst error) {
   const JSValueConst getter = EngineRuntime::of(context).errorStack();
   const Value stack(context, JS_Call(context, getter, error, 0, nullptr));
@@ -63,8 +63,8 @@ std::string stackOf(JSContext* context, JSValueConst error) {
   return textOf(context, stack.get()).value_or("");
 }
 
-// The name of an error is usually its prototype's. Only plain objects are looked into, whose
-// reading runs no code.
+// The name of an error is usually its prototype's. Only plain objects are read, because that runs
+// no code of the script.
 std::string nameOf(JSContext* context, JSValueConst error) {
   const Value sample(context, JS_NewObject(context));
   if (sample.isException()) dropException(context);

@@ -2,7 +2,7 @@
 //
 // Argument: { only?: [name], ignore: [name], answers?: { host: answer } }; answers are what the
 // script answered for local hosts. A comment `// pac-lint: ignore=NAME[,NAME]` behind the code of a
-// line leaves that line out for these rules; alone in its line, the next line of code.
+// line leaves that line out for these rules; in a line of its own, the next line of code.
 //
 // Report: { rules: [[name, severity, summary, reason]],
 //   findings: [[line, column, severity, name, message, reason, fix]] }, by line. severity is "error"

@@ -63,7 +63,7 @@ class HostTests {
     return [];
   }
 
-  // The subject of `url.substring(0, 5)` and its like.
+  // The subject of `url.substring(0, 5)` and similar calls.
   beginningOf(node) {
     if (node.type !== 'CallExpression' || node.callee.type !== 'MemberExpression') return null;
     const isCut = ['substring', 'substr', 'slice'].includes(node.callee.property.name);
@@ -101,7 +101,7 @@ function coversPattern(wide, narrow) {
   return true;
 }
 
-// Patterns that were met, to be asked which of them covers another. Most of a large script's are
+// Patterns that were found, and which of them covers another. Most of a large script's are
 // "*.domain" or a host, and these are found by their text.
 class MetPatterns {
   constructor() {

@@ -51,7 +51,7 @@ class Lookups {
     return isNet ? null : this.tree.script.sourceOf(given, 80);
   }
 
-  // Whether the call is reached for addresses alone: behind isValidIpAddress(host) or a regular
+  // Whether the call is reached only for addresses: behind isValidIpAddress(host) or a regular
   // expression of digits.
   isKnownAddress(call) {
     let child = call;
@@ -116,7 +116,7 @@ class Lookups {
     return this.marked.has(fn);
   }
 
-  // Whether a test decides by the text of host or url alone.
+  // Whether a test decides only by the text of host or url.
   isCheapTest(test) {
     if (this.firstIn(test, false) !== null) return false;
     if (hasNode(test, (node) => node.type === 'Identifier' && this.comesFromLookup(node))) return false;

@@ -43,7 +43,7 @@ class Script {
     return this.parsed;
   }
 
-  // The line of an offset, from 1, as editors and the engine count: a line ends with "\n" alone.
+  // The line of an offset, from 1, as editors and the engine count: only "\n" ends a line.
   // (The library has made every other line end one of these.)
   lineOf(offset) {
     if (this.lineStarts === null) {

@@ -1,5 +1,5 @@
-// The workbench that runs a script: notes what the instrumented script tells it, and each call of a
-// helper.
+// The workbench that runs a script: records what the instrumented script reports, and each call of
+// a helper.
 //
 // Instrumented scripts call one function, the hook: hook(N) before statement N, hook(N, value)
 // around the expression N, which stays that value. The hook is a constant of the script's global
