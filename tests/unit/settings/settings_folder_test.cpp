@@ -5,11 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <vector>
 
 #include "base/unique_fd.h"
 
@@ -87,6 +89,16 @@ TEST_F(Folder, LaterNamesWin) {
   EXPECT_EQ(read.settings.pacUrl, "http://h/");
   ASSERT_EQ(read.modeFiles.size(), 3U);
   EXPECT_EQ(read.modeFiles.back(), mPaths.folder + "/settings.d/20-b.conf");
+}
+
+// The file system has an order of its own.
+TEST_F(Folder, FilesAreReadInTheOrderOfTheirNames) {
+  std::vector<std::string> names;
+  for (int number = 35; number > 10; number--) {
+    names.push_back(write("settings.d/" + std::to_string(number) + ".conf", "mode = \"off\"\n"));
+  }
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(readFolder(mPaths).modeFiles, names);
 }
 
 TEST_F(Folder, ABadLineIsNamedWithFileAndLine) {
