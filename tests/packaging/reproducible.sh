@@ -13,10 +13,10 @@ tarball=$("$tree/packaging/make_source_tarball.sh" "$folder/tarball")
 build() {
   local place=$folder/$1
   shift
-  mkdir -p "$place" "$folder/no home"
+  mkdir -p "$place" "$folder/no-home"
   tar -C "$place" --strip-components=1 --one-top-level=source -xf "$tarball"
   # No engine of an earlier build, and no interface but a loopback that is down.
-  (cd "$place/source" && env -u XDG_CACHE_HOME "HOME=$folder/no home" \
+  (cd "$place/source" && env -u XDG_CACHE_HOME "HOME=$folder/no-home" \
     unshare --net --uts -- "$@" dpkg-buildpackage --build=binary --build-profiles=nocheck -us -uc) \
     >"$place/log" 2>&1 || {
     tail -n 40 "$place/log" >&2
@@ -25,13 +25,13 @@ build() {
 }
 jobs=$(nproc)
 (umask 022 && build one env TZ=UTC LC_ALL=C.UTF-8 DEB_BUILD_OPTIONS="parallel=$jobs")
-(umask 002 && build "two/in a longer place" sh -c 'hostname elsewhere && exec "$@"' - \
+(umask 002 && build "two/in-a-longer-place" sh -c 'hostname elsewhere && exec "$@"' - \
   env TZ=Pacific/Kiritimati LC_ALL=C LANGUAGE=de CAPTURE=1 DEB_BUILD_OPTIONS="parallel=$((jobs + 1))")
 
 cp "$folder"/one/*proxymanager*_* "$folder/out"
 status=0
 for package in "$folder"/one/*.deb; do
-  other="$folder/two/in a longer place/$(basename "$package")"
+  other="$folder/two/in-a-longer-place/$(basename "$package")"
   cmp "$package" "$other" || {
     status=1
     diffoscope --no-progress "$package" "$other" || :
