@@ -130,13 +130,13 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
 
 def test_a_changed_password_file_or_credential_is_followed(build, own_network, syslog, bus, daemon,
                                                             client):
-    write_settings("first\n", "password", 0o640)
+    password = write_settings("first\n", "/run/proxy/password", 0o640)  # not beside the settings
     credentials = FOLDER + "/credentials"
     os.mkdir(credentials, 0o700)
     settings = SettingsService(build, environment={"CREDENTIALS_DIRECTORY": credentials}).start()
-    write_settings(MANUAL + f'user = "me"\npassword-file = "{FOLDER}/password"\n')
+    write_settings(MANUAL + f'user = "me"\npassword-file = "{password}"\n')
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "first")
-    write_settings("second\n", "password", 0o640)
+    write_settings("second\n", password, 0o640)
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "second")
     write_settings("third\n", "credentials/proxy", 0o400)
     write_settings(MANUAL + 'user = "me"\npassword-credential = "proxy"\n')

@@ -171,6 +171,16 @@ TEST_F(Folder, APasswordInASettingsFileNeedsMode0600AndIsWarnedOf) {
   EXPECT_EQ(problem(), "/settings.conf: contains a password: password-file is safer");
 }
 
+TEST_F(Folder, APasswordInAProxysUrlMustNotBeReadableByEverybody) {
+  const std::string text = "mode = \"manual\"\nproxy-url = \"http://u:p@h:1\"\n";
+  write("settings.conf", text, 0644);
+  EXPECT_EQ(problem(),
+            "/settings.conf: proxy-url contains a password, so the file must not be readable by "
+            "everybody");
+  write("settings.conf", text, 0640);
+  EXPECT_TRUE(readFolder(mPaths).problems.empty());
+}
+
 TEST_F(Folder, ACredentialIsReadFromItsFolder) {
   write("settings.conf", "password-credential = \"proxy\"\n");
   EXPECT_TRUE(readFolder(mPaths).isFaulty());
