@@ -8,7 +8,7 @@ import sys
 
 import pytest
 from support.bus import LIMIT, wait_until
-from support.settings_service import FOLDER, NetworkManager, SettingsService, link, write_settings
+from support.settings_service import NetworkManager, SettingsService, link, write_settings
 from support.stand_in import StandIn
 from support.web import response, script
 
@@ -131,17 +131,17 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
 def test_a_changed_password_file_or_credential_is_followed(build, own_network, syslog, bus, daemon,
                                                             client):
     password = write_settings("first\n", "/run/proxy/password", 0o640)  # not beside the settings
-    credentials = FOLDER + "/credentials"
+    credentials = "/run/proxy/credentials"
     os.mkdir(credentials, 0o700)
     settings = SettingsService(build, environment={"CREDENTIALS_DIRECTORY": credentials}).start()
     write_settings(MANUAL + f'user = "me"\npassword-file = "{password}"\n')
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "first")
     write_settings("second\n", password, 0o640)
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "second")
-    write_settings("third\n", "credentials/proxy", 0o400)
+    write_settings("third\n", credentials + "/proxy", 0o400)
     write_settings(MANUAL + 'user = "me"\npassword-credential = "proxy"\n')
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "third")
-    write_settings("fourth\n", "credentials/proxy", 0o400)
+    write_settings("fourth\n", credentials + "/proxy", 0o400)
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "fourth")
     settings.stop()
 
