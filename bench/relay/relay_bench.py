@@ -87,6 +87,7 @@ class World:
 
     def __init__(self, build, programs, ends):
         self.build, self.programs, self._ends = build, programs, ends
+        self.processes = {}
         subprocess.run(["ip", "address", "add", f"{TARGET_ADDRESS}/32", "dev", "lo"], check=True)
         self.start(TARGET, f"{build}/out/bench/relay_server", TARGET.split(":")[1])
         self._tinyproxy(TINYPROXY, "")
@@ -133,7 +134,7 @@ class World:
         wait_until(lambda: listens(endpoint) or process.poll() is not None, f"{command[0]} listens")
         with open("/run/errors") as errors:
             assert process.poll() is None, f"{command}: {errors.read()}"
-        return process
+        self.processes[endpoint] = process.pid
 
     @contextlib.contextmanager
     def relay(self, configuration=""):
@@ -228,6 +229,29 @@ def compared(world, rounds, seconds):
             "no proxy": ("-", "")}, 1, seconds, rounds), [("socat", 0.9), ("haproxy", 0.9)], "MB/s")
 
 
+def processor_seconds(pid):
+    with open(f"/proc/{pid}/stat") as file:
+        user, system = file.read().rpartition(")")[2].split()[11:13]
+    return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+
+def costs(world, rounds, seconds):
+    """Rows: what, and the microseconds of the processor that a tunnel costs each proxy. On a machine that
+    other work uses, too, these say more than rates."""
+    with world.relay() as relay:
+        for what, proxyurl, name, other in (
+                ("direct", "", "tinyproxy", TINYPROXY),
+                ("through an HTTP proxy", f"http://{UPSTREAM}", "tinyproxy with upstream", CHAINED)):
+            world.way(proxyurl)
+            wait_for_way(world)
+            figures = {}
+            for key, proxy, pid in (("relay", RELAY, relay.process.pid), (name, other, world.processes[other])):
+                begin = processor_seconds(pid)
+                count = sum(world.load("tunnels", proxy, CLIENTS, seconds) * seconds for _ in range(rounds))
+                figures[key] = (processor_seconds(pid) - begin) * 1e6 / count
+            yield what, figures, name
+
+
 def latencies(world, rounds, seconds):
     with world.relay():
         return in_turn(world, "latency", {"relay": (RELAY, ""), "no proxy": ("-", "")}, 1, seconds, rounds)
@@ -276,6 +300,9 @@ def rows_of(world, rounds, seconds):
         for other, share in goals:
             ratio = figures["relay"] / figures[other]
             add(what, figures, f"{share:.1f} of {other}, is {ratio:.2f}", ratio >= share, unit)
+    for what, figures, other in costs(world, rounds, seconds):
+        ratio = figures["relay"] / figures[other]
+        add(f"processor, a tunnel {what}", figures, f"at most 1.0 of {other}, is {ratio:.2f}", ratio <= 1, "us")
     figures = latencies(world, rounds, seconds)
     added = figures["relay"] - figures["no proxy"]
     add("a request on a kept connection", figures, f"150 us more, is {added:.0f}", added <= 150, "us")
