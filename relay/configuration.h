@@ -1,10 +1,10 @@
-// relay.conf: what an administrator can set, with defaults and units, and how its text is read.
+// The keys of relay.conf with their defaults and units, and the parser of this file.
 //
-// The format is TOML, as in settings.conf. Each key may be absent. An unknown key, a value of the
-// wrong kind or an impossible value is a problem with its line, and the relay does not start: a
-// misspelt `deny-users` must not open the relay to everybody.
+// The format is TOML, as in settings.conf. Each key is optional. An unknown key, a value of the
+// wrong type and a value out of range are problems, which are reported with their lines. The relay
+// then does not start: a misspelt `deny-users` must not open the relay to everybody.
 //
-// A read configuration never changes; the relay's one thread reads it.
+// The configuration does not change after the start. Only the relay's one thread uses it.
 #pragma once
 
 #include <chrono>
@@ -19,16 +19,16 @@ namespace relay {
 
 /// Longest relay.conf or credentials file that is read, in bytes. The commented one has 5 KiB.
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
-/// Most values in one list: each is compared with every connection.
+/// Most values in one list. Each connection is compared with each value.
 inline constexpr std::size_t kMaxListValues = 256;
-/// Most connections that can be configured: each holds two descriptors, and a process seldom gets
-/// more than twice this number.
+/// The highest value of the limits of connections. Each connection needs two descriptors, and few
+/// processes may have more than twice this number.
 inline constexpr unsigned kMostConnections = 65536;
-/// Bounds of the times that can be configured.
+/// The shortest and the longest time that can be configured.
 inline constexpr std::chrono::seconds kShortestTime{1};
 inline constexpr std::chrono::seconds kLongestTime{std::chrono::hours{24}};
 
-/// What happens to a request that the daemon has no answer for.
+/// What the relay does with a request if the daemon has no answer.
 enum class NoAnswer : std::uint8_t { kDirect, kRefuse };
 
 /// A range of ports, both ends included.
@@ -50,11 +50,11 @@ struct Configuration {
   NoAnswer whenNoAnswer = NoAnswer::kDirect;
   /// `allow-ports = [443, "8000-8999"]`: ports of CONNECT and SOCKS. Empty: all.
   std::vector<PortRange> allowPorts;
-  /// `allow-from = ["192.0.2.0/24"]`: peers besides loopback. Empty: none.
+  /// `allow-from = ["192.0.2.0/24"]`: networks of allowed clients besides loopback. Empty: none.
   std::vector<Network> allowFrom;
   /// `allow-users = ["name", "@group"]`: if set, others are refused. Empty: all.
   std::vector<std::string> allowUsers;
-  /// `deny-users = ["name", "@group"]`: refused. Goes before allow-users.
+  /// `deny-users = ["name", "@group"]`: refused, also if allow-users has them.
   std::vector<std::string> denyUsers;
   /// `credentials-for = "all" | ["name", "@group"]`: whose requests carry credentials.
   bool credentialsForAll = true;
@@ -66,25 +66,26 @@ struct Configuration {
   std::vector<std::string> credentialsHosts;
   /// `max-connections = 4096`: of all clients.
   unsigned maxConnections = 4096;
-  /// `max-connections-of-user = 1024`: of one user, and of those whose user is not known together.
+  /// `max-connections-of-user = 1024`: of one user. Clients whose user is not known count together.
   unsigned maxConnectionsOfUser = 1024;
-  /// `head-time = "60s"`: for the whole head of a request, from its first byte or from the accept.
+  /// `head-time = "60s"`: for the whole head of a request. It begins with the connection, and on a
+  /// kept connection with the first byte of the next request.
   std::chrono::seconds headTime{60};
-  /// `connect-time = "10s"`: for one entry of an answer, until its tunnel or connection is there.
+  /// `connect-time = "10s"`: for one entry of an answer, until its tunnel or connection is ready.
   std::chrono::seconds connectTime{10};
-  /// `idle-time = "1h"`: of a tunnel, and of a transfer, without a byte in either direction.
+  /// `idle-time = "1h"`: of a tunnel or a transfer without a byte in either direction.
   std::chrono::seconds idleTime{std::chrono::hours{1}};
-  /// `kept-time = "60s"`: of a connection between two requests.
+  /// `kept-time = "60s"`: how long a connection may wait for its next request.
   std::chrono::seconds keptTime{60};
   /// `penalty-time = "5m"`: how long a proxy that failed is tried last.
   std::chrono::seconds penaltyTime{std::chrono::minutes{5}};
-  /// `log-requests = false`: a line for each request, not for failed ones alone.
+  /// `log-requests = false`: true logs a line for each request, not only for failed requests.
   bool logRequests = false;
 
   bool operator==(const Configuration&) const = default;
 };
 
-/// What is wrong with a file.
+/// A problem of a file.
 struct Problem {
   unsigned line = 0;  ///< from 1; 0 if the problem is the file itself
   std::string text;
@@ -92,8 +93,8 @@ struct Problem {
 };
 
 struct ReadConfiguration {
-  Configuration configuration;    ///< what was understood
-  std::vector<Problem> problems;  ///< empty if all was understood
+  Configuration configuration;    ///< the values without a problem
+  std::vector<Problem> problems;  ///< if not empty, the configuration must not be used
 };
 
 /// User and password for one proxy.

@@ -10,7 +10,7 @@
 
 namespace relay {
 
-/// How long an address has before the next one is tried beside it (RFC 8305, section 5).
+/// Delay before the next address is tried in parallel (RFC 8305, section 5).
 inline constexpr std::chrono::milliseconds kNextAddressAfter{250};
 
 struct Connected {

@@ -14,7 +14,7 @@ namespace relay {
 
 /// Decisions kept of one user: what a page shows.
 inline constexpr std::size_t kDecisionsOfUser = 50;
-/// Users whose decisions are kept; the user with the oldest last decision makes room.
+/// Most users with decisions. If there are more, the user with the oldest last decision is dropped.
 inline constexpr std::size_t kUsersWithDecisions = 64;
 
 struct Decision {

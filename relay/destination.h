@@ -1,4 +1,4 @@
-// Where a request wants to go. Pure functions, for any thread.
+// The destination of a request. Pure functions, for any thread.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// One thing to try, of the daemon's answer.
+// One entry of the daemon's answer: a proxy, or DIRECT.
 #pragma once
 
 #include <proxymanager/client.h>

@@ -8,7 +8,7 @@
 
 namespace relay {
 
-/// Where the relay listens if nobody names a place.
+/// The addresses of the relay without an option and without sockets of systemd.
 inline constexpr const char* kUsualAddresses[] = {"127.0.0.1:3128", "[::1]:3128"};
 
 /// Connections that the kernel keeps until they are accepted: bursts of a browser with many tabs.

@@ -1,7 +1,9 @@
-// What the relay takes from Asio, under names of its own, and two small things built on it.
+// The parts of Asio that the relay uses, under short names, with an event and a timeout for many
+// objects.
 //
-// Everything that includes this header runs on the relay's one thread, unless it says otherwise.
-// Asio's headers are slow to compile: only files that wait for something include this one.
+// Code that includes this header runs on the relay's one thread, if its comments do not name
+// another. Asio's headers are slow to compile, so only files with asynchronous code include this
+// one.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
@@ -28,12 +30,12 @@ using Socket = Protocol::socket;
 template <typename Value>
 using Task = asio::awaitable<Value>;
 
-/// What a coroutine waits for and other code on the loop makes happen, once.
+/// A one-time event: coroutines wait for it, other code on the loop triggers it.
 class Event {
  public:
   explicit Event(asio::io_context& loop) : mTimer(loop) {}
 
-  /// @return whether it happened within `limit`
+  /// Waits until happen() is called, or for `limit`. @return whether the event has happened
   Task<bool> wait(Clock::duration limit) {
     if (mHappened) co_return true;
     ErrorCode error;
@@ -41,6 +43,7 @@ class Event {
     co_await mTimer.async_wait(asio::redirect_error(asio::use_awaitable, error));
     co_return mHappened;
   }
+  /// Triggers the event. Waiting coroutines continue.
   void happen() {
     mHappened = true;
     mTimer.cancel();
@@ -51,8 +54,8 @@ class Event {
   bool mHappened = false;
 };
 
-/// Something with a deadline that Sweeper looks at. Coarse, and without a timer of its own: there
-/// may be thousands.
+/// An object with a deadline, which Sweeper checks once a second. It has no timer, because there
+/// may be thousands of such objects.
 class Watched : public boost::intrusive::list_base_hook<
                     boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
  public:
@@ -65,14 +68,14 @@ class Watched : public boost::intrusive::list_base_hook<
   void expireAt(Clock::time_point time) { mDeadline = time; }
   void expireNever() { mDeadline = Clock::time_point::max(); }
   Clock::time_point deadline() const { return mDeadline; }
-  /// The deadline is over; the sweeper calls this once, and again each second until it is changed.
+  /// Called each second after the deadline, until the deadline is changed.
   virtual void expire() = 0;
 
  private:
   Clock::time_point mDeadline = Clock::time_point::max();
 };
 
-/// Looks at all watched things each second, while there are any.
+/// Checks the deadlines of all watched objects once a second. Without objects it has no timer.
 class Sweeper {
  public:
   static constexpr std::chrono::seconds kPause{1};

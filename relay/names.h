@@ -1,4 +1,4 @@
-// Names looked up by the system's resolver, on threads of their own: a slow name delays no other.
+// Name lookups by the system's resolver. Each lookup has a thread, so a slow name delays no other.
 #pragma once
 
 #include <map>
@@ -10,12 +10,12 @@
 
 namespace relay {
 
-/// Lookups at once, each on a thread. A browser opens a page of fifty hosts; a name server that
-/// does not answer holds a lookup for some ten seconds.
+/// Most lookups at a time, each on a thread. A page in a browser may need fifty hosts, and without
+/// an answer of the name server a lookup takes about ten seconds.
 inline constexpr std::size_t kMaxLookups = 64;
-/// Lookups that wait for a thread; further ones fail at once.
+/// Most lookups that wait for a thread. Further lookups fail at once.
 inline constexpr std::size_t kMaxWaitingLookups = 1024;
-/// Most addresses of a name that are tried.
+/// Most addresses of one name that the relay tries.
 inline constexpr std::size_t kMaxAddresses = 16;
 
 struct Addresses {
@@ -28,7 +28,7 @@ class Names {
  public:
   explicit Names(asio::io_context& loop) : mLoop(loop) {}
 
-  /// Looks `host` up, or reads it as an address. Equal lookups are one.
+  /// Looks `host` up. An address needs no lookup, and equal lookups share one.
   Task<Addresses> lookUp(std::string host, std::uint16_t port, Clock::duration limit);
 
  private:

@@ -1,4 +1,4 @@
-// Who is at the other end of a client's connection, and who may use the relay.
+// The user and the address of a client, and the check whether they may use the relay.
 #pragma once
 
 #include <sys/socket.h>
@@ -22,8 +22,9 @@ struct Peer {
   bool isKnown() const { return user != static_cast<uid_t>(-1); }
 };
 
-/// Finds out who has the other end of `fd`, an accepted connection. The kernel's socket diagnosis
-/// names the owner of a TCP socket on this machine, SO_PEERCRED that of a Unix socket.
+/// Finds the owner of the other end of an accepted connection. The kernel's socket diagnosis
+/// (NETLINK_SOCK_DIAG) knows the owner of a TCP socket on this machine, SO_PEERCRED the owner of a
+/// Unix socket.
 class Peers {
  public:
   explicit Peers(std::vector<Network> allowed) : mAllowed(std::move(allowed)) {}
@@ -36,8 +37,8 @@ class Peers {
   base::UniqueFd mDiagnosis;
 };
 
-/// Users and groups by name, as the configuration has them. Names are looked up when the list is
-/// made; a group's members are those of the group database and the users whose first group it is.
+/// Users and groups of the configuration. The constructor looks the names up. The members of a
+/// group are the users in the group database and the users with this primary group.
 class UserList {
  public:
   explicit UserList(const std::vector<std::string>& names);

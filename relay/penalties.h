@@ -1,4 +1,4 @@
-// Proxies that failed, which are tried last for some minutes, as browsers do it.
+// Proxies that failed. As in browsers, they are tried last for some minutes.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@
 
 namespace relay {
 
-/// Most proxies that are remembered; the one whose penalty ends first makes room.
+/// Most proxies with a penalty. If there are more, the penalty with the earliest end is dropped.
 inline constexpr std::size_t kMaxPenalties = 256;
 
 class Penalties {

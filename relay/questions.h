@@ -1,8 +1,9 @@
 // Questions for the daemon, through its client library.
 //
-// Remembered answers cost no call. Of the others a bounded number is with the daemon at a time,
-// equal ones are one, and those that wait have their turn by users, round robin: one user with a
-// thousand open connections never fills what the daemon accepts from the relay.
+// The library remembers answers, and a remembered answer needs no call. The other questions form a
+// queue: at most kMaxAsked are sent to the daemon at a time, and equal questions are sent once. The
+// queue is round robin over users, so one user with a thousand connections cannot use up the
+// questions that the daemon accepts from the relay.
 #pragma once
 
 #include <proxymanager/client.h>
@@ -18,13 +19,13 @@
 
 namespace relay {
 
-/// Questions that are with the daemon at a time. It takes 64 of one connection.
+/// Most questions that the daemon has to answer at a time. It accepts 64 of one connection.
 inline constexpr std::size_t kMaxAsked = 32;
-/// How long the daemon has for one answer: a script may take 5.25 s, and others may be before it.
+/// Time limit of one answer: a script may take 5.25 s, and other questions may come first.
 inline constexpr std::chrono::seconds kAnswerTime{15};
-/// How long a request waits for its answer, the turn included.
+/// Time limit of a request for its answer, with the wait in the queue.
 inline constexpr std::chrono::seconds kTurnTime{30};
-/// Clients whose user is not known share a turn.
+/// All clients whose user is not known have this one place in the round.
 inline constexpr uid_t kUnknownUser = static_cast<uid_t>(-1);
 
 class Questions {
@@ -34,10 +35,11 @@ class Questions {
   Questions& operator=(const Questions&) = delete;
   ~Questions();
 
-  /// Asks for the proxies of `url`, in the turn of `user`.
+  /// Asks for the proxies of `url`. If the question has to wait, it waits in the queue of `user`.
+  /// @return the answer; PROXYMANAGER_TOO_SLOW after kTurnTime
   Task<Answer> ask(std::string url, uid_t user);
 
-  /// Questions with the daemon, and those that wait, for tests and figures.
+  /// The numbers of questions that are sent, and that wait in the queue.
   std::size_t asked() const { return mAsked; }
   std::size_t waiting() const { return mWaiting; }
 

@@ -1,10 +1,10 @@
 // One client's connection, from its first byte to its end or to its tunnel.
 //
-// The first byte tells SOCKS from HTTP. HTTP requests are served one after the other; what a client
-// sends ahead waits. A connection to a server or proxy is kept for the client's next request, and
-// for no other client's.
+// The first byte shows whether the client uses SOCKS or HTTP. HTTP requests are served one after
+// the other, and later requests of the client wait. A connection to a server or a proxy is kept for
+// the next request of the same client only.
 //
-// A session is a coroutine that owns the object. It holds no buffer while it waits for a request.
+// The session's coroutine owns the object. It needs no buffer while it waits for a request.
 #pragma once
 
 #include <memory>

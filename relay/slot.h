@@ -1,4 +1,4 @@
-// One connection's place among those that the relay holds.
+// The place of one connection in the limits of connections.
 #pragma once
 
 #include <functional>
@@ -6,7 +6,7 @@
 
 namespace relay {
 
-/// Calls its function when the last owner ends.
+/// Calls its function when it is destroyed.
 class Slot {
  public:
   Slot() = default;

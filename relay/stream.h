@@ -1,7 +1,8 @@
-// One connection, to a client, to a server or through a proxy: plain, or in TLS by libcurl.
+// One connection to a client, to a server or through a proxy. It is plain, or it uses TLS by
+// libcurl.
 //
-// No call keeps the caller's bytes: what the socket does not take at once is copied. So all
-// connections share one buffer for reading, and an idle one has none.
+// No function keeps the caller's bytes: what the socket does not accept at once is copied. So all
+// connections share one buffer for reading, and an idle connection needs no buffer.
 #pragma once
 
 #include <curl/curl.h>
@@ -15,10 +16,10 @@
 
 namespace relay {
 
-/// What is read from a connection at once, in bytes, and so the most that waits in a direction.
+/// Size of one read in bytes. No more than this waits in one direction.
 inline constexpr std::size_t kBufferBytes = 64U << 10U;
 
-/// Gives a libcurl handle back to what made it (see ProxyConnector), which outlives all streams.
+/// Releases a libcurl handle in its ProxyConnector, which lives longer than all streams.
 struct CurlRelease {
   CURLM* multi = nullptr;
   void operator()(CURL* handle) const {
@@ -50,7 +51,7 @@ class Stream {
   Task<bool> waitWrite();
   /// Writes all of `bytes`. @return whether they were taken
   Task<bool> write(std::string_view bytes);
-  /// Tells the other side that nothing more comes. TLS of libcurl cannot: the caller closes.
+  /// Ends the sending direction. TLS by libcurl cannot do that: the caller closes the stream.
   void shutdownWrite();
   bool isTls() const { return mTls != nullptr; }
   bool isOpen() const { return mSocket.is_open(); }
@@ -62,7 +63,7 @@ class Stream {
   CurlHandle mTls;
 };
 
-/// The buffer that all connections read into; its bytes hold until the next wait.
+/// The buffer for all reads. Its content is valid until the next wait.
 std::array<char, kBufferBytes>& sharedBuffer();
 
 }  // namespace relay
