@@ -72,8 +72,8 @@ struct FileText {
 };
 
 /// Checks an open file against `demands`: kind, owner, names, size.
-/// @param status receives the result of fstat(), unless fstat() failed; may be null Any thread.
-/// Does not throw.
+/// @param status receives the result of fstat(), unless fstat() failed; may be null
+/// Any thread. Does not throw.
 FileFailure checkFile(int fd, const FileDemands& demands, struct stat* status = nullptr) noexcept;
 
 /// Opens `path` for reading and checks it. Any thread. Does not throw.

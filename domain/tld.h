@@ -27,5 +27,5 @@ int isInTldArray(const char* text);
 int isEffectiveTld(const std::string& name);
 
 /// @return the longest suffix of `domain`, in whole labels and possibly the whole of it, that is an
-///         effective TLD, in its original case; empty if none is. Trailing dots are left out.
+///         effective TLD, in its original case; empty if no suffix is one. No trailing dots.
 std::string topLevelDomain(const std::string& domain);

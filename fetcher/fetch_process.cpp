@@ -95,7 +95,7 @@ bool FetchProcess::waitReadable(Deadline deadline) {
   return ready > 0;
 }
 
-/// One packet. Descriptors that come with it are dropped by the kernel, since none is asked for.
+/// One packet. The kernel drops descriptors that come with it, because the call asks for none.
 std::optional<std::string> FetchProcess::receive(Deadline deadline) {
   std::string packet(kPacketBufferBytes, '\0');
   ssize_t length = 0;

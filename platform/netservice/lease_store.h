@@ -36,11 +36,10 @@ class LeaseStore {
   explicit LeaseStore(std::string folder, std::chrono::milliseconds wait = kStoreWait)
       : mFolder(std::move(folder)), mWait(wait) {}
 
-  /// Opens the store and waits until no other process has it, no longer than given. The store
-  /// is this object's until its end.
+  /// Opens the store. If another process has it, waits for the time that the constructor got. This
+  /// object then has the store until its end.
   /// @return 0, or an errno value: ETIMEDOUT after the wait, EPERM for a folder of another user,
-  /// else
-  ///         that of mkdir, open or flock
+  /// else that of mkdir, open or flock
   int open();
 
   /// Keeps `text` as the lease of `interface`. Nothing is written if it is the same as before.

@@ -19,9 +19,8 @@ inline constexpr std::chrono::seconds kWatchdogFeedInterval{20};
 /// name, and READY changes nothing. A unit of Type=notify would count as started a moment early.
 ///
 /// @param name the daemon's name, for the status text
-/// @return 0 if it was reported or if there is no supervisor, else -1, with the line "process:
-/// cannot
-///         tell the supervisor: REASON" (LOG_ERR)
+/// @return 0 if it was reported or if there is no supervisor, else -1, with a LOG_ERR line:
+/// "process: cannot tell the supervisor: REASON"
 int restart_connect(const char* name);
 
 /// Feeds the supervisor's watchdog, if this process has one (WATCHDOG_USEC, WATCHDOG_PID).

@@ -23,17 +23,17 @@ struct TraceValues {
 /// Reads /etc/NAME/trace.conf and sets syslog's mask to everything up to `baseseverity`.
 ///
 /// Each call begins with the values of TraceValues above: a key that is no longer in the file has
-/// its default again. No file is no failure. The file must be a regular one (a fifo is not waited
-/// for) of kTraceFileLimit bytes at most; else, or if it cannot be read, the mask stays as it is.
+/// its default again. A missing file is no failure. The file must be regular and have at most
+/// kTraceFileLimit bytes; the function does not wait for a fifo. If the file is refused or cannot
+/// be read, the mask stays as it is.
 ///
-/// May be called from a signal handler only if that interrupts nothing but a sleep. The daemon's
-/// main thread lets signals through only while it sleeps.
+/// A signal handler may call it only if the signal arrived while its thread slept. The daemon's
+/// main thread unblocks signals only while it sleeps.
 ///
 /// @param name the daemon's name; one path component
-/// @param record receives the values, the defaults on failure; lines that are not understood are
-///        then logged ("process: PATH line N is not understood: TEXT", LOG_WARNING), as is a
-///        failure
-///        ("process: cannot read PATH: REASON", LOG_ERR). With null, neither is.
+/// @param record receives the values, the defaults on failure. A line that is not understood is
+/// logged ("process: PATH line N is not understood: TEXT", LOG_WARNING), and so is a failure
+/// ("process: cannot read PATH: REASON", LOG_ERR). With null nothing is logged.
 /// @return 0, or -1 if there is a file that cannot be read
 int settrcvalues(const char* name, TraceValues* record);
 
