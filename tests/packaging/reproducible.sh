@@ -24,6 +24,7 @@ build() {
   }
 }
 jobs=$(nproc)
+# No folder has a blank in its name: dpkg-buildflags maps no such folder out of the programs.
 (umask 022 && build one env TZ=UTC LC_ALL=C.UTF-8 DEB_BUILD_OPTIONS="parallel=$jobs")
 (umask 002 && build "two/in-a-longer-place" sh -c 'hostname elsewhere && exec "$@"' - \
   env TZ=Pacific/Kiritimati LC_ALL=C LANGUAGE=de CAPTURE=1 DEB_BUILD_OPTIONS="parallel=$((jobs + 1))")
