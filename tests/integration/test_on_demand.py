@@ -7,6 +7,7 @@ import pytest
 
 from support.bus import Client, wait_until
 from support.daemon import Daemon, make_watched_files
+from support.own_network import hosts
 from support.own_root import MS_BIND, mount, unmount
 from support.syslog_socket import ERR, INFO
 from support.watched import append_and_settle
@@ -87,12 +88,14 @@ def test_without_the_library_of_public_suffixes_no_server_of_the_domain_is_asked
     daemon.close()
 
 
-def test_a_script_that_looks_a_name_up_maps_the_library_for_it(daemon, client, web, syslog):
+def test_a_script_that_looks_a_name_up_maps_the_library_for_it(own_network, daemon, client, web,
+                                                               syslog):
+    hosts("known.example")
     web.routes["/x.pac"] = ('function FindProxyForURL(url, host) '
-                            '{ return dnsResolve("none.invalid") ? "PROXY a:1" : "PROXY b:1"; }')
+                            '{ return dnsResolve("known.example") ? "PROXY a:1" : "PROXY b:1"; }')
     client.update("pacurl", pacurl=web.url("/x.pac"))
     syslog.wait(INFO, LOADED)
-    assert client.urls(URL) == ["pacurl", "PROXY b:1"]
+    assert client.urls(URL) == ["pacurl", "PROXY a:1"]
     assert mapped(daemon, SELDOM) == ["libcares.so.2"]
 
 
