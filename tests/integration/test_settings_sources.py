@@ -109,23 +109,29 @@ def test_a_script_goes_with_the_network_manager_that_pushed_it(settings, daemon,
     assert os.listdir(RUNTIME) == []
 
 
-@pytest.mark.parametrize("replaced", (False, True))
-def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, client, web, replaced):
-    web.routes["/p.pac"] = response("late", status="200 OK")  # no script
+def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, client, web):
+    web.routes["/p.pac"] = response("none", status="404 Not Found")
     write_settings(f'mode = "pacurl"\npac-url = "{web.url("/p.pac")}"\n')
     settings.start()
-    web.wait("/p.pac")
-    if replaced:  # by a link, as resolver services do; from then on the link's target is looked at
-        with open("/run/resolver.one", "w"):
-            pass
-        os.symlink("/run/resolver.one", RESOLVER + ".new")
-        os.rename(RESOLVER + ".new", RESOLVER)
-        web.wait("/p.pac", 2)
-    web.routes["/p.pac"] = script("PROXY late.example:1")
+
+    def is_asked(times):
+        """Whether the file caused the question: after one by the clock the next pause is longer."""
+        web.wait("/p.pac", times)
+        wait_until(lambda: 5 < (settings.next_timer() or 0) <= 30.3, "the next pause")
+        return settings.next_timer() <= 10.3
+    assert is_asked(1)
     with open(RESOLVER, "a") as file:
         file.write("nameserver 127.0.0.1\n")
-    wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY late.example:1"],
-               "the script answers")
+    assert is_asked(2)
+    # Resolver services put a link in its place; from then on the link's target is looked at.
+    with open("/run/resolver.one", "w"):
+        pass
+    os.symlink("/run/resolver.one", RESOLVER + ".new")
+    os.rename(RESOLVER + ".new", RESOLVER)
+    assert is_asked(3)
+    with open("/run/resolver.one", "a") as file:
+        file.write("nameserver 127.0.0.2\n")
+    assert is_asked(4)
 
 
 def test_a_changed_password_file_or_credential_is_followed(build, own_network, syslog, bus, daemon,
