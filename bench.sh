@@ -15,6 +15,7 @@ Installs what is missing, builds the daemon and the benchmarks, and prints
   - what an answer costs programs that ask: proxymanagerctl beside dbus-send, the client library
     beside a bare call
   - how the answers' cost grows with the number of clients, start, a new script, memory, wake-ups
+  - what proxymanagerctl needs to explain an answer of a script, by the length of the script
   - the parts: the cache, the parsing of results, public suffixes, evaluation and its sandbox, with
     the order in which their cost grows; what a process of its own costs a download
 
@@ -22,7 +23,7 @@ Needs root, for a mount namespace in which the daemon's fixed paths are its own.
 other figures; the ratios bear that better than the rest.
 
   --json DIR   write the figures there, as whole_answers.json, whole_answers_one_cpu.json, parts.json,
-               programs.json and pac_engine.json
+               programs.json, workbench.json and pac_engine.json
                (default: build/bench)
   --peers      instead of all that, the same answers by glib-pacrunner, libproxy and pacparser of
                Debian, beside the daemon's in one run; they are unpacked into a cache, not installed
@@ -65,10 +66,12 @@ parts() {
 
 whole=(--rounds 41 --calls 300)
 programs=()
+workbench=()
 part=(--benchmark_min_time=0.2 --benchmark_repetitions=5)
 if [ "$quick" = yes ]; then
   whole=(--rounds 11 --calls 100)
   programs=(--rounds 51)
+  workbench=(--rounds 3)
   part=(--benchmark_min_time=0.05)
 fi
 
@@ -111,6 +114,8 @@ PYTHONDONTWRITEBYTECODE=1 taskset --cpu-list 0 /usr/bin/python3 \
 step "Programs that ask"
 PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/programs.py" "--build=$build" \
   "--json=$json/programs.json" "${programs[@]}"
+step "The workbench"
+/usr/bin/python3 "$top/bench/workbench.py" "--build=$build" "--json=$json/workbench.json" "${workbench[@]}"
 step "Parts"
 parts parts "${part[@]}"
 parts pac_engine "${part[@]}"

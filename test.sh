@@ -22,7 +22,8 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 unit tests under qemu's emulation of user programs, and print the sizes of the
                 installed programs
   --browsers    install Chromium and Firefox ESR and compare the helpers of PAC scripts with them instead:
-                100,000 calls and 5,000 scripts; what follows "--" is the comparison's (--seed=N)
+                100,000 calls and 5,000 scripts; what follows "--" is the comparison's (--seed=N). Before
+                that, look at the page of "pac cover" in Chromium
   --relay       run real programs through the relay instead: package managers, Chromium and Firefox, 100 MB,
                 over tinyproxy, Squid, microsocks and haproxy. It installs the browsers and unpacks the rest
                 into a cache
@@ -249,8 +250,10 @@ test_soak() {
 }
 
 test_browsers() {
-  build_options=(--target proxymanager_browser_answers)
+  build_options=(--target proxymanager_browser_answers proxymanagerctl proxymanager-pac-worker)
   build_tree test -DCMAKE_BUILD_TYPE=Release
+  step "Looking at the page of pac cover"
+  PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/tests/browsers/coverage_page.py" "--build=$build/test"
   step "Comparing with browsers"
   PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/tests/browsers/compare.py" "--build=$build/test" \
     "${ctest_options[@]}"

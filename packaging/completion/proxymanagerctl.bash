@@ -10,6 +10,17 @@ _proxymanagerctl_files() {
   mapfile -t COMPREPLY < <(compgen -f -- "$cur")
 }
 
+_proxymanagerctl_rules='host-case isinnet-name dns-first domain-dot shexp-regex https-path unreachable
+no-var date-month-end entry-dropped entry-unknown entry-port direct-missing direct-first no-return
+local-to-proxy too-many-names cost ignore-unknown'
+
+# The names of rules, of which several stand behind each other with commas between them.
+_proxymanagerctl_lint_rules() {
+  local before=
+  [[ $cur != *,* ]] || before=${cur%,*},
+  mapfile -t COMPREPLY < <(compgen -P "$before" -W "$_proxymanagerctl_rules" -- "${cur##*,}")
+}
+
 _proxymanagerctl_exec() {
   local at=$1
   if declare -F _command_offset >/dev/null; then
@@ -59,7 +70,11 @@ _proxymanagerctl() {
       _proxymanagerctl_words 'error warning note'
       return
       ;;
-    --password-file | --file | -f)
+    --ignore | --only)
+      _proxymanagerctl_lint_rules
+      return
+      ;;
+    --password-file | --file | -f | -p)
       _proxymanagerctl_files
       return
       ;;
@@ -68,7 +83,7 @@ _proxymanagerctl() {
         find . -type f -path '*[A-Z]*' -printf '%P ')"
       return
       ;;
-    --timeout | --user | --host | --otherwise | --at | --resolve | --my-ip | --credentials-for | --repeat | --ignore | --only) return ;;
+    --timeout | --user | --host | --otherwise | --at | --resolve | --my-ip | --credentials-for | --repeat | -c) return ;;
   esac
   case $command in
     status | config | watch) options='--timeout --json --show-password --help' ;;

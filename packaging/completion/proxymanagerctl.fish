@@ -2,6 +2,15 @@
 
 set -l commands status get config off manual pacurl wpad settings watch refresh wait diagnose exec pac relay pvd
 set -l updates off manual pacurl wpad
+set -g __proxymanagerctl_rules host-case isinnet-name dns-first domain-dot shexp-regex https-path unreachable no-var \
+    date-month-end entry-dropped entry-unknown entry-port direct-missing direct-first no-return \
+    local-to-proxy too-many-names cost ignore-unknown
+
+# The names of rules, of which several stand behind each other with commas between them.
+function __proxymanagerctl_lint_rules
+    set -l before (string match -r '^.*,' -- (commandline -ct | string replace -r '^--[a-z]+=' ''))
+    printf "$before%s\n" $__proxymanagerctl_rules
+end
 set -l trials eval check lint test bench explain cover diff
 
 # The position of the "--" of exec, after which another program's words stand.
@@ -67,8 +76,8 @@ complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test benc
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from test' -l format -x -a 'text tap junit' -d 'Of the report'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from bench' -l repeat -x -d 'How often each URL is asked'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l format -x -a 'text json sarif' -d 'Of the report'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l ignore -x -d 'Leave rules out'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l only -x -d 'Leave other rules out'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l ignore -x -a '(__proxymanagerctl_lint_rules)' -d 'Leave rules out'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l only -x -a '(__proxymanagerctl_lint_rules)' -d 'Leave other rules out'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l fail-on -x -a 'error warning note' -d 'Severity for status 1'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from explain cover' -l current -d 'The script in force'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from cover' -l format -x -a 'text json html' -d 'Of the report'

@@ -57,6 +57,11 @@ def fish(*words):
     return {found.split("\t")[0] for found in shown.splitlines()}
 
 
+def lint_rules():
+    with open(os.path.join(FOLDER, "../../docs/pac-lint.md"), encoding="utf-8") as page:
+        return set(re.findall("^## ([a-z-]+)$", page.read(), re.MULTILINE))
+
+
 @pytest.mark.parametrize("shell", [bash, fish])
 @pytest.mark.slow
 def test_bash_and_fish_offer_every_command_and_option(grammar, shell):
@@ -69,6 +74,10 @@ def test_bash_and_fish_offer_every_command_and_option(grammar, shell):
         assert options <= shell(*words, "--"), words
     assert shell("get", "--format", "") == FORMATS
     assert shell("get", "--format", "c") == {"curl"}
+    rules = lint_rules()
+    for option in ("--ignore", "--only"):
+        assert shell("pac", "lint", option, "") == rules
+        assert shell("pac", "lint", option, "host-case,entry-p") == {"host-case,entry-port"}
     assert "printf" in shell("exec", "http://a/", "--", "print")
 
 
@@ -113,5 +122,7 @@ def test_zsh_offers_every_command_and_option(grammar):
             offered(" ".join([*words, ""]), commands)
         offered(" ".join([*words, "--"]), options)
     offered("get --format ", FORMATS)
+    offered("pac lint --ignore ", lint_rules())
+    offered("pac lint --only host-case,", lint_rules() - {"host-case"})
     zsh.type("exit 0\n")
     assert zsh.end()[0] == 0

@@ -183,7 +183,7 @@ def test_a_daemon_that_is_about_to_end_is_told_in_one_line(ctl, stand_in):
 
 
 def test_somebody_else_with_the_daemons_name_is_told_in_one_line(ctl, stand_in):
-    line = ("what has the name of proxymanagerd cannot do this ({}); look who it is with "
+    line = ("the program that owns the name of proxymanagerd cannot do this ({}); look who it is with "
             f'"busctl status {NAME}"')
     stand_in(getProxyurl=("i", (1,)), getProxyconfig=("as", ([],)), updateProxyconfig=("s", ("",)))
     for name, arguments in commands("status", "watch"):

@@ -522,17 +522,17 @@ def test_each_level_has_its_help(ctl):
     for words, parts in (
             ([], ["Usage: proxymanagerctl ", "pac ", "Exit status:", "--version"]),
             (["pac"], ["Usage: proxymanagerctl pac ", "eval ", "check ", "Examples:"]),
-            (["pac", "eval"], ["Usage: proxymanagerctl pac eval [OPTIONS] FILE [URL...]", "--host HOST",
+            (["pac", "eval"], ["Usage: proxymanagerctl pac eval [OPTIONS] [FILE] [URL...]", "--host HOST",
                                "--at TIME", "--tz ZONE", "--resolve NAME=ADDR[,ADDR]",
                                "--my-ip ADDR[,ADDR]", "--offline", "--json", "Exit status:"]),
-            (["pac", "check"], ["Usage: proxymanagerctl pac check [OPTIONS] FILE\n", "--json",
+            (["pac", "check"], ["Usage: proxymanagerctl pac check [OPTIONS] [FILE]\n", "--json",
                                 "Exit status:"]),
-            (["pac", "lint"], ["Usage: proxymanagerctl pac lint [OPTIONS] FILE\n", "--format FORMAT",
+            (["pac", "lint"], ["Usage: proxymanagerctl pac lint [OPTIONS] [FILE]\n", "--format FORMAT",
                                "--ignore RULE[,RULE]", "--only RULE[,RULE]", "--fail-on SEVERITY",
                                "Rules:", "Exit status:"]),
-            (["pac", "test"], ["Usage: proxymanagerctl pac test [OPTIONS] FILE CASES\n",
+            (["pac", "test"], ["Usage: proxymanagerctl pac test [OPTIONS] [FILE] [CASES]\n",
                                "--format FORMAT", "--at TIME", "Cases:", "Exit status:"]),
-            (["pac", "bench"], ["Usage: proxymanagerctl pac bench [OPTIONS] FILE [URL...]",
+            (["pac", "bench"], ["Usage: proxymanagerctl pac bench [OPTIONS] [FILE] [URL...]",
                                 "--repeat COUNT", "--json", "Exit status:"])):
         result = ctl(*words, "--help")
         assert (result.status, result.errors) == (ANSWERED, "")

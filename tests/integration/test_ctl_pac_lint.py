@@ -59,6 +59,10 @@ def test_scripts_as_companies_write_them_get_their_findings_and_no_others(ctl):
             wrong[path.name] = findings ^ set(expected(text))
     assert wrong == {}
     assert rules == set(re.findall(r"^## ([a-z-]+)$", PAGE.read_text(), re.MULTILINE))
+    # Each rule has a script that comes close to it without its finding.
+    for rule in rules:
+        near = HERE / "lint" / (rule.replace("-", "_") + "_absent.pac")
+        assert rule not in {found for _, found in expected(near.read_text())}
 
 
 def test_people_see_place_severity_reason_and_fix(ctl):

@@ -3,9 +3,10 @@
 import json
 import os
 import re
+import subprocess
 
 import pytest
-from support.ctl import ANSWERED, NO_ANSWER, NO_INPUT, REFUSED, USAGE, Ctl
+from support.ctl import ANSWERED, LIMIT, NO_ANSWER, NO_INPUT, REFUSED, USAGE, Ctl
 
 WORLD = ("--resolve", "known.example=192.0.2.7", "--my-ip", "10.1.2.3")
 SCRIPT = """\
@@ -107,10 +108,10 @@ function FindProxyForURL(url, host) {
   return String(FindProxyForURL).length > 350 ? "PROXY long:1" : eval('"DIRECT"');
 }""", "http://a/")
     assert told["notes"] == [
-        'line 3: the body of a "with" is not looked into',
-        'line 4: the text that "eval" runs is not looked into',
-        "the script reads the text of a function, which is not as it was written while it is watched",
-        "while it is loaded, the script calls helpers: 1, names looked up: 0"]
+        'line 3: the body of a "with" is not instrumented',
+        'line 4: the code that "eval" runs is not instrumented',
+        "the script reads the text of a function; the instrumented script has another text",
+        "while the script is loaded, it calls helpers: 1, names looked up: 0"]
     # It finds out that it is watched; what it is as it is counts.
     assert told["result"] == "DIRECT"
 
@@ -152,10 +153,51 @@ def test_the_script_in_force_is_explained(ctl):
     assert [answer["result"] for answer in result.json] == ["DIRECT", "DIRECT"]
 
 
-def test_the_options_of_other_testers_are_understood(ctl):
-    path = write("p.pac", 'function FindProxyForURL(url, host) { return "PROXY " + myIpAddress(); }')
-    result = ctl("pac", "explain", "--json", "-p", path, "-u", "http://a/", "-c", "10.9.8.7")
-    assert result.json[0]["result"] == "PROXY 10.9.8.7"
+OWN = 'function FindProxyForURL(url, host) { return "PROXY " + myIpAddress() + ":" + host.length; }\n'
+
+
+@pytest.mark.parametrize("command", ["eval", "explain"])
+def test_the_options_of_other_testers_are_understood(ctl, command):
+    path = write("p.pac", OWN)
+    write("urls", "http://bb/\nhttp://ccc/\n")
+
+    def hosts(*words):
+        return [one["host"] for one in ctl("pac", command, "--json", *words, "-c", "10.9.8.7").json]
+
+    only = ctl("pac", command, "--json", "-p", path, "-u", "http://a/", "-c", "10.9.8.7").json
+    assert only[0]["result"] == "PROXY 10.9.8.7:1"
+    # All stand among each other, as they are given.
+    assert hosts("-p", path, "http://x/", "-f", "/tmp/urls", "http://y/", "-u", "http://z/") == [
+        "x", "bb", "ccc", "y", "z"]
+    assert hosts("-u", "http://z/", path, "-u", "http://q/", "http://x/", "-f", "/tmp/urls") == [
+        "z", "q", "x", "bb", "ccc"]
+    assert hosts("-f", "/tmp/urls", "http://x/", "-p", path) == ["bb", "ccc", "x"]
+    assert ctl("pac", command, "-u", "http://a/").status == USAGE
+    # "-h" is the help here, and the host has only its long name.
+    assert ctl("pac", command, "-p", path, "-u", "http://a/", "-h").output.startswith("Shows" if
+        command == "explain" else "Asks")
+    assert hosts("-p", path, "--host", "other", "-u", "http://a/") == ["other"]
+
+
+def test_each_command_takes_the_script_by_option(ctl):
+    path = write("p.pac", OWN)
+    write("urls", "http://bb/\n")
+    world = ("-c", "10.9.8.7", "--offline")
+    assert ctl("pac", "check", "-p", path, *world).status == ANSWERED
+    assert ctl("pac", "check", "-p", path, path).status == USAGE
+    linted = ctl("pac", "lint", "-p", path)
+    assert linted.output == ctl("pac", "lint", path).output != ""
+    assert ctl("pac", "lint", "-p", path, path).status == USAGE
+    bench = ctl("pac", "bench", "-p", path, "-u", "http://a/", "-f", "/tmp/urls", "--json", *world)
+    assert (bench.json["urls"], bench.json["file"]) == (2, path)
+    cover = ctl("pac", "cover", "-p", path, "http://x/", "-f", "/tmp/urls", "-u", "http://a/",
+                "--format", "json", *world)
+    assert [url["url"] for url in cover.json["urls"]] == ["http://x/", "http://bb/", "http://a/"]
+    cases = "http://a/ -> PROXY 10.9.8.7:1\n"
+    for words in (["-p", path, "-"], [path, "-"], ["-", "-p", path]):
+        assert ctl("pac", "test", *words, "-c", "10.9.8.7", script=cases).output == "1 case passed\n"
+    assert ctl("pac", "test", "-p", path, "-", "more", script=cases).status == USAGE
+    assert ctl("pac", "test", "-p", path, script=cases).status == USAGE
 
 
 def test_a_url_without_an_answer_shows_how_far_the_script_came(ctl):
@@ -225,10 +267,36 @@ def test_access_logs_are_read(ctl):
         '10.0.0.1 - - [21/Nov/2026:10:00:00 +0000] "GET http://common.test/b HTTP/1.1" 200 5 "-" "-"',
         "CONNECT   Nov 21 10:00:00.123 [7]: Request (file descriptor 5): GET http://tiny.test/ HTTP/1.1",
         "INFO      Nov 21 10:00:00.123 [7]: No upstream proxy for tiny.test",
+        "Nov 21 10:00:00 a proxymanager-relay[7]: relay: request to relay.test:80 by PROXY p:1",
+        "Nov 21 10:00:00 a proxymanager-relay[7]: relay: tunnel to relay.test:443 by DIRECT",
+        "Nov 21 10:00:00 a proxymanager-relay[7]: relay: no way to gone.test:8080: PROXY p:1: refused",
+        "Nov 21 10:00:00 a proxymanager-relay[7]: relay: serves 3 users",
         "# a remark", "http://plain.test/")
     assert [url["url"] for url in report["urls"]] == [
         "http://squid.test/a", "https://squid.test/", "http://common.test/b", "http://tiny.test/",
-        "http://plain.test/"]
+        "http://relay.test/", "https://relay.test/", "http://gone.test:8080/", "http://plain.test/"]
+
+
+def test_the_relays_page_is_a_list_of_urls(ctl):
+    report = covered(ctl, COVERED, json.dumps({"mode": "pacurl", "decisions": [
+        {"time": 1, "user": 0, "destination": "relay.test:443", "entry": "DIRECT", "ok": True},
+        {"time": 2, "user": 0, "destination": "[::1]:8080", "entry": "DIRECT", "ok": False}]}, indent=2))
+    assert [url["url"] for url in report["urls"]] == ["https://relay.test/", "http://[::1]:8080/"]
+
+
+def test_a_log_has_a_longest_length(ctl):
+    path = write("s.pac", COVERED)
+    line = b"http://a.example/\n"
+    with open("/tmp/log", "wb") as log:
+        log.write(line + b"#")
+        log.truncate(64 << 20)
+    result = ctl("pac", "cover", path, "-f", "/tmp/log", "--offline")
+    assert result.status == ANSWERED, result.errors
+    with open("/tmp/log", "ab") as log:
+        log.write(b"\n")
+    result = ctl("pac", "cover", path, "-f", "/tmp/log", "--offline")
+    assert (result.status, result.output) == (NO_INPUT, "")
+    assert result.errors == "proxymanagerctl: cannot read /tmp/log: File too large\n"
 
 
 def test_the_page_loads_nothing_and_shows_texts_as_they_are(ctl):
@@ -264,7 +332,46 @@ def test_differences_are_grouped_by_rule(ctl):
         (3, 3), (6, 7), (7, 6)}
 
 
+def test_differences_are_shown_for_given_urls(ctl):
+    write("old.pac", COVERED)
+    write("new.pac", COVERED.replace("PROXY a:1", "PROXY new:1"))
+    write("urls", "http://2.example/\n")
+    result = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "http://1.example/", "-f", "/tmp/urls",
+                 "http://same/", "--offline", "--json")
+    assert (result.status, result.json["urls"], result.json["generated"]) == (NO_ANSWER, 3, False)
+    assert [group["urls"] for group in result.json["groups"]] == [["http://1.example/", "http://2.example/"]]
+    assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-u", "http://same/").status == ANSWERED
+    # A list without a URL is not a reason to make some.
+    empty = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-f", "-", "--json")
+    assert (empty.status, empty.json["urls"], empty.json["generated"]) == (ANSWERED, 0, False)
+    assert ctl("pac", "diff", "-", "/tmp/new.pac", "-f", "-").status == USAGE
+    assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "--no-such").status == USAGE
+
+
 def test_equal_scripts_have_no_difference(ctl):
     write("a.pac", COVERED)
     result = ctl("pac", "diff", "/tmp/a.pac", "/tmp/a.pac", "--offline")
     assert result.status == ANSWERED and result.output.startswith("0 of ")
+
+
+def test_the_session_of_the_document_is_real(ctl, build):
+    """Each block that begins with "$ " is run, and prints what stands below the command."""
+    top = os.path.join(os.path.dirname(__file__), "../..")
+    os.makedirs("/tmp/session/docs", exist_ok=True)
+    os.symlink(os.path.abspath(os.path.join(top, "docs/examples")), "/tmp/session/docs/examples")
+    with open(os.path.join(top, "docs/pac-workbench.md"), encoding="utf-8") as page:
+        blocks = re.findall(r"^```\n(\$ .*?)^```", page.read(), re.MULTILINE | re.DOTALL)
+    assert len(blocks) == 5
+    path = os.path.abspath(os.path.join(build, "out", "bin")) + ":/usr/bin:/bin"
+    for block in blocks:
+        for command, shown in re.findall(r"^\$ (.*)\n((?:(?!\$ ).*\n)*)", block, re.MULTILINE):
+            run = subprocess.run(["sh", "-c", command], cwd="/tmp/session", env=ctl.variables({"PATH": path}),
+                                 stdout=subprocess.PIPE, timeout=LIMIT)
+            output = without_shares(run.stdout.decode())
+            assert output == without_shares(shown), command
+
+
+def without_shares(text):
+    """Without times, and what depends on them."""
+    text = re.sub(r"\d+(\.\d+)? (us|ms|s)\b", "TIME", text)
+    return re.sub(r"\d+ % of the time|(?<=TIME  )http\S+", "SHARE", text)

@@ -18,14 +18,17 @@ constexpr const char* kHead = R"(<!DOCTYPE html>
 <title>Coverage of a PAC script</title>
 <style>
 body { font-family: sans-serif; margin: 1.5em; color: #222; background: #fff; }
+h1 { font-size: 1.4em; overflow-wrap: anywhere; }
+h2 { font-size: 1.1em; }
 table { border-collapse: collapse; }
 th { text-align: left; }
 th, td { padding: 0.1em 0.7em; vertical-align: top; }
-td.n { text-align: right; color: #555; }
+td.n { text-align: right; color: #555; font-family: monospace; }
 td.c { font-family: monospace; white-space: pre-wrap; overflow-wrap: anywhere; }
 tr.hit td.c { background: #e2f4e2; }
 tr.half td.c { background: #fdf3cf; }
 tr.miss td.c { background: #fadcdc; }
+tr:target td.c { outline: 2px solid #36c; }
 </style>
 </head>
 <body>

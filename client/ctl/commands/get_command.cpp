@@ -183,6 +183,7 @@ void addGetCommand(CLI::App& program, Action& action) {
                                                     kBusStatuses));
   command->callback([arguments, command, &action] {
     addFurtherUrls(*command, arguments->asked);
+    requireUrls(arguments->asked);
     for (const auto& url : arguments->asked.urls) checkAskedUrl(url);
     if (arguments->format == "env" && arguments->asked.urls.size() > 1) {
       throw CLI::ValidationError("--format",

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "base/ascii.h"
+#include "client/ctl/commands/workbench_report.h"
 
 namespace client {
 
@@ -21,8 +22,8 @@ Severity severityOf(const nlohmann::json& value) {
 
 LintFinding findingOf(const nlohmann::json& row) {
   LintFinding finding;
-  finding.line = row.at(0).get<std::size_t>();
-  finding.column = row.at(1).get<std::size_t>();
+  finding.line = wholeNumber(row.at(0));
+  finding.column = wholeNumber(row.at(1));
   finding.severity = severityOf(row.at(2));
   finding.name = row.at(3).get<std::string>();
   finding.message = row.at(4).get<std::string>();

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/ctl/commands/chosen_script.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
@@ -33,21 +34,21 @@ using Clock = std::chrono::steady_clock;
 using Micros = std::chrono::duration<double, std::micro>;
 
 constexpr const char* kFooter = R"(Output:
-  evaluations  how many, of how many hosts, and how many got no answer
+  evaluations  their number, the number of hosts, and how many got no answer
   load         time until the script was loaded
-  median       of one evaluation, with the way to the worker and back
-  helpers      how many helpers an evaluation calls on average, and what part
-               of the time they take; measured in a run of its own
-  worst        the longest evaluation, and its URL
-  cache        how many of the questions the daemon would answer from its
-               cache of 50 hosts, and what part of the time that saves
-  stale        hits for which the script itself answers otherwise, as it
-               decides by path, scheme or time; the first of their URLs
-  The URLs are asked in their order, each --repeat times. The cache counts the
-  first round. With --json an object: file, urls, hosts, evaluations,
-  unanswered, load_us, median_us, worst_us, worst_url, helpers (calls, us,
-  share), cache (hits, share,
-  saved_us, saved_share, stale, stale_url). Times are in microseconds.
+  median       time of one evaluation, with the way to the worker and back
+  worst        time of the longest evaluation, and its URL
+  helpers      how many helpers an evaluation calls on average, and which part
+               of the time they take; a separate run measures this
+  cache        how many questions the daemon would answer from its cache of 50
+               hosts, and which part of the time this saves
+  stale        cache hits for which the script itself has another answer,
+               because it decides by path, scheme or time; the first such URL
+  The URLs are asked in order, each --repeat times. For the cache only the first
+  time counts. The file of -f may be an access log.
+  With --json an object: file, urls, hosts, evaluations, unanswered, load_us,
+  median_us, worst_us, worst_url, helpers (calls, us, share), cache (hits,
+  share, saved_us, saved_share, stale, stale_url). Times are in microseconds.
 
 Exit status:
 )";
@@ -55,7 +56,7 @@ Exit status:
 constexpr int kMostRounds = 1000;
 
 struct BenchArguments {
-  std::string file;
+  ChosenScript script;
   UrlArguments asked;
   SimulatedEnvironment environment;
   int rounds = 1;
@@ -148,15 +149,15 @@ void measureHelpers(Measured& measured, const std::string& script, const BenchAr
   options.role = pac_engine::WorkerRole::kTraces;
   pac_engine::Problem problem;
   const auto tracer = loadScript(script, std::move(options), problem);
-  if (!tracer) throw refusal(arguments.file, problem);
+  if (!tracer) throw refusal(arguments.script.file, problem);
   // What the script called while it was loaded.
-  if (!tracer->command("trace", "", problem)) throw refusal(arguments.file, problem);
+  if (!tracer->command("trace", "", problem)) throw refusal(arguments.script.file, problem);
   for (const auto& url : arguments.asked.urls) {
     const HeapText host(getHost(url));
     if (host != nullptr) tracer->evaluate(url, host.get());
   }
   const auto text = tracer->command("trace", "", problem);
-  if (!text) throw refusal(arguments.file, problem);
+  if (!text) throw refusal(arguments.script.file, problem);
   const auto helpers = Json::parse(*text).at("helpers");
   measured.helperCalls = helpers.at(0).get<std::uint64_t>();
   measured.helperTime = std::chrono::nanoseconds(helpers.at(1).get<std::int64_t>());
@@ -217,12 +218,12 @@ void print(const BenchArguments& arguments, const Measured& measured) {
       {"stale", measured.stale == 0
                     ? "none"
                     : std::to_string(measured.stale) + " hits, first " + measured.staleUrl}};
-  printBlock(shownName(arguments.file), rows);
+  printBlock(shownName(arguments.script.file), rows);
 }
 
 void printAsJson(const BenchArguments& arguments, const Measured& measured) {
   Json object;
-  object["file"] = arguments.file;
+  object["file"] = arguments.script.file;
   object["urls"] = arguments.asked.urls.size();
   object["hosts"] = measured.hosts.size();
   object["evaluations"] = measured.times.size();
@@ -244,11 +245,11 @@ void printAsJson(const BenchArguments& arguments, const Measured& measured) {
 }
 
 ExitStatus benchScript(const BenchArguments& arguments, const pac_engine::Options& options) {
-  const auto script = readScript(arguments.file);
+  const auto script = readChosenScript(arguments.script);
   pac_engine::Problem refused;
   const auto begun = Clock::now();
   const auto engine = loadScript(script, options, refused);
-  if (!engine) throw refusal(arguments.file, refused);
+  if (!engine) throw refusal(arguments.script.file, refused);
   const Micros load = Clock::now() - begun;
   auto measured = measure(*engine, arguments);
   measured.load = load;
@@ -262,8 +263,9 @@ ExitStatus benchScript(const BenchArguments& arguments, const pac_engine::Option
 void addPacBench(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("bench", "Measures what a PAC script costs.");
   const auto arguments = std::make_shared<BenchArguments>();
-  addScriptFile(*command, arguments->file);
-  addUrls(*command, arguments->asked);
+  addScriptFile(*command, arguments->script);
+  addUrlsOrLog(*command, arguments->asked);
+  addUrlOption(*command, arguments->asked);
   command->add_option("--repeat", arguments->rounds, "How often each URL is asked; 1 to 1000")
       ->check(CLI::Range(1, kMostRounds))
       ->option_text("COUNT");
@@ -273,10 +275,10 @@ void addPacBench(CLI::App& pac, Action& action) {
                                                      {kNoAnswer, "at least one URL got no answer"}},
                                                     kScriptStatuses));
   command->callback([arguments, command, &action] {
-    if (arguments->file == "-" && arguments->asked.file == "-") {
-      throw CLI::ValidationError("-f", "standard input holds the script already");
-    }
-    addFurtherUrls(*command, arguments->asked);
+    const auto leading = settleScript(arguments->script);
+    checkStandardInput(arguments->script, arguments->asked.file.value_or(""));
+    addFurtherUrls(*command, arguments->asked, leading);
+    requireUrls(arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return benchScript(*arguments, options);
     };

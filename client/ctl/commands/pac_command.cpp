@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "client/ctl/commands/answer_json.h"
+#include "client/ctl/commands/chosen_script.h"
 #include "client/ctl/commands/option_text.h"
 #include "client/ctl/commands/pac_bench_command.h"
 #include "client/ctl/commands/pac_cover_command.h"
@@ -19,7 +20,6 @@
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
-#include "client/ctl/terminal/script_file.h"
 #include "engine/pac_engine.h"
 
 namespace client {
@@ -54,7 +54,6 @@ constexpr const char* kEvalFooter = R"(Output:
 The script is loaded once for all URLs, so its variables keep their values from
 one URL to the next. The load may take 5 seconds, and each URL may, too. A URL
 may have 8 KiB. The script sees no path of an https URL, and no password.
-A JavaScript Date shows the device's own clock, whatever --at is.
 
 Exit status:
 )";
@@ -71,7 +70,7 @@ Exit status:
 )";
 
 struct EvalArguments {
-  std::string file;
+  ChosenScript script;
   UrlArguments asked;
   std::optional<std::string> host;
   SimulatedEnvironment environment;
@@ -79,7 +78,7 @@ struct EvalArguments {
 };
 
 struct CheckArguments {
-  std::string file;
+  ChosenScript script;
   SimulatedEnvironment environment;
   bool json = false;
 };
@@ -100,8 +99,8 @@ void print(const ShownAnswer& shown) {
 
 ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options options) {
   pac_engine::Problem refused;
-  const auto engine = loadScript(readScript(arguments.file), std::move(options), refused);
-  if (!engine) throw refusal(arguments.file, refused);
+  const auto engine = loadScript(readChosenScript(arguments.script), std::move(options), refused);
+  if (!engine) throw refusal(arguments.script.file, refused);
   Json all = Json::array();
   bool allAnswered = true;
   for (const auto& url : arguments.asked.urls) {
@@ -119,24 +118,25 @@ ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options option
 
 ExitStatus checkScript(const CheckArguments& arguments, pac_engine::Options options) {
   pac_engine::Problem refused;
-  const auto engine = loadScript(readScript(arguments.file), std::move(options), refused);
+  const auto engine = loadScript(readChosenScript(arguments.script), std::move(options), refused);
   if (arguments.json) {
     Json object;
-    object["file"] = arguments.file;
+    object["file"] = arguments.script.file;
     object["valid"] = engine != nullptr;
     object["error"] = engine ? Json() : Json(refused.message);
     object["line"] = refused.line == 0 ? Json() : Json(refused.line);
     printJson(object);
   }
-  if (!engine) throw refusal(arguments.file, refused);
+  if (!engine) throw refusal(arguments.script.file, refused);
   return kAnswered;
 }
 
 void addEval(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("eval", "Asks a PAC script for the proxies of URLs.");
   const auto arguments = std::make_shared<EvalArguments>();
-  addScriptFile(*command, arguments->file);
+  addScriptFile(*command, arguments->script);
   addUrls(*command, arguments->asked);
+  addUrlOption(*command, arguments->asked);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
           "daemon finds it");
@@ -147,10 +147,10 @@ void addEval(CLI::App& pac, Action& action) {
                               {kNoAnswer, "at least one URL got no answer"}},
                              kScriptStatuses));
   command->callback([arguments, command, &action] {
-    if (arguments->file == "-" && arguments->asked.file == "-") {
-      throw CLI::ValidationError("-f", "standard input holds the script already");
-    }
-    addFurtherUrls(*command, arguments->asked);
+    const auto leading = settleScript(arguments->script);
+    checkStandardInput(arguments->script, arguments->asked.file.value_or(""));
+    addFurtherUrls(*command, arguments->asked, leading);
+    requireUrls(arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return evalScript(*arguments, options);
     };
@@ -158,14 +158,15 @@ void addEval(CLI::App& pac, Action& action) {
 }
 
 void addCheck(CLI::App& pac, Action& action) {
-  auto* const command = pac.add_subcommand("check", "Loads a PAC script, and does no more.");
+  auto* const command = pac.add_subcommand("check", "Loads a PAC script, to check that it loads.");
   const auto arguments = std::make_shared<CheckArguments>();
-  addScriptFile(*command, arguments->file);
+  addScriptFile(*command, arguments->script);
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON");
   command->footer(std::string(kCheckFooter) +
                   statusHelp({{kAnswered, "the script loads"}}, kScriptStatuses));
   command->callback([arguments, &action] {
+    settleOnlyScript(arguments->script);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return checkScript(*arguments, options);
     };
@@ -175,7 +176,7 @@ void addCheck(CLI::App& pac, Action& action) {
 }  // namespace
 
 void addPacCommand(CLI::App& program, Action& action) {
-  auto* const pac = program.add_subcommand("pac", "Tries PAC scripts out, without daemon or bus.");
+  auto* const pac = program.add_subcommand("pac", "Tests PAC scripts, without daemon or bus.");
   pac->require_subcommand(1);
   pac->footer(kPacExamples);
   addEval(*pac, action);

@@ -8,13 +8,12 @@
 #include <utility>
 #include <vector>
 
+#include "client/ctl/commands/chosen_script.h"
 #include "client/ctl/commands/coverage.h"
 #include "client/ctl/commands/coverage_page.h"
-#include "client/ctl/commands/current_script.h"
-#include "client/ctl/commands/option_text.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
-#include "client/ctl/terminal/logged_urls.h"
+#include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
@@ -26,24 +25,25 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
-  statements  how many the URLs and the loading reached
-  branches    of each condition both outcomes, of each case its entry
-  rules       the returns
-  line N      a rule that no URL of the list reached: dead (no URL can reach
-              it), shadowed (an earlier rule answers the URLs that are made
-              for its condition), or a URL that would reach it
+  statements  how many of them the script executed, its loading included
+  branches    how many outcomes of conditions, and how many entered cases
+  rules       how many returns
+  line N      a rule that no URL reached. It is dead (no URL can reach it),
+              shadowed (an earlier rule answers the URLs that were made for its
+              condition) or not hit (with a URL that reaches it, if one could be
+              made from the texts in the script)
 The file of -f is a list of URLs, or an access log of squid, tinyproxy or
-proxymanager-relay. Each URL is asked once, however often it is there. With
---format json an object: file, statements, branches, rules, missed, places, urls;
-with --format html one page that loads nothing and runs no script.
+proxymanager-relay. Of the relay also the page status.json is read. Each URL is
+asked once. With --format json an object: file, statements, branches, rules,
+missed, places and urls. With --format html one page that loads nothing and runs
+no script.
 
 Exit status:
 )";
 
 struct CoverArguments {
   ChosenScript script;
-  std::vector<std::string> urls;
-  std::optional<std::string> list;
+  UrlArguments asked;
   SimulatedEnvironment environment;
   std::string format = "text";
 };
@@ -108,7 +108,7 @@ void printText(const std::string& file, const InstrumentedScript& script,
     lines.emplace_back("note", "line " + std::to_string(note.line) + ": " + note.text);
   for (const auto& url : coverage.urls)
     if (url.isDifferent)
-      lines.emplace_back("wrong", "watched, the script answers otherwise: " + url.url);
+      lines.emplace_back("wrong", "the instrumented script has another answer: " + url.url);
   std::vector<Row> rows;
   for (const auto& [name, value] : lines) rows.push_back({name, value});
   printBlock(file, rows);
@@ -119,7 +119,7 @@ ExitStatus cover(const CoverArguments& arguments, const pac_engine::Options& opt
   const auto file = shownName(arguments.script.file);
   TracedScript script(bytes, arguments.script.file, options);
   const auto parser = openParser(bytes, file);
-  const auto coverage = coverageOf(script, *parser, file, arguments.urls);
+  const auto coverage = coverageOf(script, *parser, file, arguments.asked.urls);
   if (arguments.format == "json") {
     printJson(jsonOf(file, script.script(), coverage));
   } else if (arguments.format == "html") {
@@ -135,23 +135,21 @@ ExitStatus cover(const CoverArguments& arguments, const pac_engine::Options& opt
 void addPacCover(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("cover", "Shows what URLs reach in a PAC script.");
   const auto arguments = std::make_shared<CoverArguments>();
-  addChosenScript(*command, arguments->script, arguments->urls);
-  addText(*command, "-f,--file", "FILE", arguments->list,
-          "URLs, one a line, or an access log; \"-\" is\nstandard input");
+  addScriptFile(*command, arguments->script);
+  addCurrentScript(*command, arguments->script);
+  addUrlsOrLog(*command, arguments->asked);
+  addUrlOption(*command, arguments->asked);
   addEnvironmentOptions(*command, arguments->environment);
   command->add_option("--format", arguments->format, "text, json or html; by default text")
       ->check(CLI::IsMember({"text", "json", "html"}))
       ->option_text("FORMAT");
   command->footer(std::string(kFooter) +
                   statusHelp({{kAnswered, "the coverage is printed"}}, kScriptStatuses));
-  command->callback([arguments, &action] {
-    settleChosenScript(arguments->script, arguments->urls);
-    if (arguments->script.file == "-" && arguments->list == "-") {
-      throw CLI::ValidationError("-f", "standard input holds the script already");
-    }
-    if (arguments->list)
-      for (auto& url : readLoggedUrls(*arguments->list)) arguments->urls.push_back(std::move(url));
-    if (arguments->urls.empty()) throw CLI::RequiredError("-f");
+  command->callback([arguments, command, &action] {
+    const auto leading = settleScript(arguments->script);
+    checkStandardInput(arguments->script, arguments->asked.file.value_or(""));
+    addFurtherUrls(*command, arguments->asked, leading);
+    requireUrls(arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return cover(*arguments, options);
     };

@@ -10,11 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "client/ctl/commands/option_text.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/traced_script.h"
-#include "client/ctl/terminal/logged_urls.h"
+#include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
@@ -27,11 +26,12 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
   The number of URLs, and of those that the two scripts answer differently.
-  Then a block for each pair of rules that differ: the line and answer of OLD,
-  those of NEW, how many URLs, and the first of them. Without URLs both scripts
-  are searched for hosts, networks and patterns, and URLs are made from them:
-  a difference that depends on another URL is then not found. With --json an
-  object: old, new, urls, different, generated and groups.
+  Then a block for each pair of rules that differ: the line and the answer of
+  OLD, those of NEW, the number of URLs, and the first of them.
+  If no URL is given, the command makes URLs from the hosts, networks and
+  patterns in both scripts. A difference that depends on another URL is then not
+  found. With --json an object: old, new, urls, different, generated (whether
+  the URLs were made from the scripts) and groups.
 
 Exit status:
 )";
@@ -43,7 +43,7 @@ constexpr std::size_t kMostShown = 3;
 struct DiffArguments {
   std::string oldFile;
   std::string newFile;
-  std::optional<std::string> list;
+  UrlArguments asked;
   SimulatedEnvironment environment;
   bool json = false;
 };
@@ -112,10 +112,10 @@ ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& optio
   TracedScript newScript(newBytes, arguments.newFile, options);
   std::vector<std::string> urls;
   std::set<std::string> known;
-  if (arguments.list) {
-    for (auto& url : readLoggedUrls(*arguments.list))
-      if (known.insert(url).second) urls.push_back(std::move(url));
-  } else {
+  for (const auto& url : arguments.asked.urls)
+    if (known.insert(url).second) urls.push_back(url);
+  const bool areMade = urls.empty() && !arguments.asked.file;
+  if (areMade) {
     addMade(urls, known, oldBytes, shownName(arguments.oldFile));
     addMade(urls, known, newBytes, shownName(arguments.newFile));
   }
@@ -132,11 +132,11 @@ ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& optio
                {"new", arguments.newFile},
                {"urls", urls.size()},
                {"different", different},
-               {"generated", !arguments.list},
+               {"generated", areMade},
                {"groups", groupsJson(groups)}});
   } else {
     printGroups(groups, std::to_string(different) + " of " + std::to_string(urls.size()) +
-                            (arguments.list ? " URLs" : " URLs made from the scripts") +
+                            (areMade ? " URLs made from the scripts" : " URLs") +
                             " are answered differently");
   }
   return different == 0 ? kAnswered : kNoAnswer;
@@ -153,18 +153,23 @@ void addPacDiff(CLI::App& pac, Action& action) {
   command->add_option("NEW", arguments->newFile, "The other one; one of both may be \"-\"")
       ->required()
       ->option_text(" ");
-  addText(*command, "-f,--file", "FILE", arguments->list,
-          "URLs, one a line, or an access log; without\nit they are made from the scripts");
+  addUrlsOrLog(*command, arguments->asked);
+  addUrlOption(*command, arguments->asked);
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
   command->footer(std::string(kFooter) +
                   statusHelp({{kAnswered, "both answer all URLs alike"},
                               {kNoAnswer, "at least one URL is answered differently"}},
                              kScriptStatuses));
-  command->callback([arguments, &action] {
-    if (arguments->oldFile == "-" && arguments->newFile == "-") {
+  command->callback([arguments, command, &action] {
+    const bool isOldStandardInput = arguments->oldFile == "-";
+    if (isOldStandardInput && arguments->newFile == "-") {
       throw CLI::ValidationError("NEW", "standard input holds the other script already");
     }
+    if (arguments->asked.file == "-" && (isOldStandardInput || arguments->newFile == "-")) {
+      throw CLI::ValidationError("-f", "standard input holds a script already");
+    }
+    addFurtherUrls(*command, arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return diff(*arguments, options);
     };

@@ -1,6 +1,7 @@
 #include "client/ctl/commands/pac_explain_command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -8,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/ctl/commands/current_script.h"
+#include "client/ctl/commands/chosen_script.h"
 #include "client/ctl/commands/option_text.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
@@ -23,22 +24,24 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
-  For each URL the way to its answer, in the order in which the script went it:
-    line N  true | false, and the source of a condition, or of an operand of
-            && || and ??; other values are printed as they are
+  For each URL the steps that led to its answer, in order:
+    line N  the value and the source of a condition, or of an operand of &&, ||
+            or ??
     line N  a call of a helper with its arguments, its result and its time
-    lookup  a name that the helper asked for, the addresses and the time
-    line N  return, and the value
+    lookup  a name that the helper looked up, its addresses and the time
+    line N  a return, and its value
   Then the result, the return that decided, and the cost: the time of the
-  script as it is, the calls of helpers, and the names that were looked up.
+  unchanged script, the calls of helpers, and the names that were looked up.
   With --json one array with an object for each URL: the members of "pac eval
-  --json", and steps, decided, cost, different (what the script answered when it
-  was watched, if not the same; the way is then not to be trusted), notes.
+  --json", and steps, decided, cost, different and notes. "different" is null,
+  or the answer of the instrumented script if it is another one; then do not
+  trust the steps.
 
-The script is run twice for each URL: with calls between its statements that
-note what it does, and as it is. A script may find out by reading the text of
-its own functions; a note reports that it has read one. What eval runs and the
-body of a "with" are not looked into.
+The script runs twice for each URL: once unchanged, and once instrumented, with
+calls between its statements that record what it does. The result is that of the
+unchanged script. A script can notice the instrumentation if it reads the text
+of its own functions; then there is a note. Code that eval runs and the body of
+a "with" are not instrumented.
 
 Exit status:
 )";
@@ -46,6 +49,8 @@ Exit status:
 /// Steps that are printed for people, half of them from the beginning and half from the end: a
 /// script of loops has more than anybody reads.
 constexpr std::size_t kMostSteps = 1000;
+/// Calls of helpers in helpers that are indented further than the call around them.
+constexpr std::size_t kMostIndented = 20;
 
 struct ExplainArguments {
   ChosenScript script;
@@ -101,12 +106,11 @@ std::vector<std::string> notesOf(const TracedScript& script, const TracedAnswer&
     notes.push_back("line " + std::to_string(note.line) + ": " + note.text);
   if (asked.trace.ownText || script.load().ownText)
     notes.emplace_back(
-        "the script reads the text of a function, which is not as it was written "
-        "while it is watched");
-  if (asked.trace.cut) notes.emplace_back("there is more on the way than is noted");
+        "the script reads the text of a function; the instrumented script has another text");
+  if (asked.trace.cut) notes.emplace_back("there were more steps than were recorded");
   const auto load = costOf(script.load());
   if (load.calls > 0)
-    notes.push_back("while it is loaded, the script calls helpers: " + std::to_string(load.calls) +
+    notes.push_back("while the script is loaded, it calls helpers: " + std::to_string(load.calls) +
                     ", names looked up: " + std::to_string(load.lookups));
   return notes;
 }
@@ -146,12 +150,12 @@ class TextReport {
 
   void addCall(const TracedEvent& event) {
     const auto& call = *event.call;
-    const bool tells = call.depth == 0 || !call.lookups.empty();
-    if (tells)
-      mRows.push_back(
-          {lineOf(event.place),
-           std::string(2 * call.depth, ' ') + shownCall(call) + "  " + shownTime(call.microseconds),
-           Tone::kFaint});
+    const bool isShown = call.depth == 0 || !call.lookups.empty();
+    if (isShown)
+      mRows.push_back({lineOf(event.place),
+                       std::string(2 * std::min(call.depth, kMostIndented), ' ') + shownCall(call) +
+                           "  " + shownTime(call.microseconds),
+                       Tone::kFaint});
     for (const auto& lookup : call.lookups) {
       const auto found = lookup.addresses.empty() ? "nothing" : joined(lookup.addresses);
       mRows.push_back(
@@ -198,8 +202,8 @@ class TextReport {
                                  "), names looked up: " + std::to_string(cost.lookups) + " (" +
                                  shownTime(cost.lookupMicroseconds) + ")"});
     if (mAsked.different)
-      mRows.push_back(
-          {"wrong", "watched, the script answers otherwise: " + *mAsked.different, Tone::kBad});
+      mRows.push_back({"wrong", "the instrumented script has another answer: " + *mAsked.different,
+                       Tone::kBad});
     for (const auto& note : notesOf(mScript, mAsked)) mRows.push_back({"note", note});
   }
 
@@ -292,8 +296,10 @@ void addPacExplain(CLI::App& pac, Action& action) {
   auto* const command =
       pac.add_subcommand("explain", "Shows what leads a PAC script to its answers.");
   const auto arguments = std::make_shared<ExplainArguments>();
-  addChosenScript(*command, arguments->script, arguments->asked.urls);
-  addUrls(*command, arguments->asked);
+  addScriptFile(*command, arguments->script);
+  addCurrentScript(*command, arguments->script);
+  addUrlsOrLog(*command, arguments->asked);
+  addUrlOption(*command, arguments->asked);
   addText(*command, "--host", "HOST", arguments->host,
           "Second argument of FindProxyForURL, for\nall URLs; by default the host of each,\nas the "
           "daemon finds it");
@@ -303,11 +309,10 @@ void addPacExplain(CLI::App& pac, Action& action) {
                                                      {kNoAnswer, "at least one URL got no answer"}},
                                                     kScriptStatuses));
   command->callback([arguments, command, &action] {
-    if (arguments->script.file == "-" && arguments->asked.file == "-") {
-      throw CLI::ValidationError("-f", "standard input holds the script already");
-    }
-    settleChosenScript(arguments->script, arguments->asked.urls);
-    addFurtherUrls(*command, arguments->asked);
+    const auto leading = settleScript(arguments->script);
+    checkStandardInput(arguments->script, arguments->asked.file.value_or(""));
+    addFurtherUrls(*command, arguments->asked, leading);
+    requireUrls(arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return explain(*arguments, options);
     };

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "client/ctl/commands/chosen_script.h"
 #include "client/ctl/commands/lint_report.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/script_workbench.h"
@@ -30,8 +31,9 @@ Rules:
   unreachable, no-var, date-month-end, entry-dropped, entry-unknown,
   entry-port, direct-missing, direct-first, no-return, local-to-proxy,
   too-many-names, cost and ignore-unknown; docs/pac-lint.md explains each.
-  In the script, "// pac-lint: ignore=RULE[,RULE]" behind the code of a line
-  leaves that line out; alone in its line, the next line of code.
+  In the script, "// pac-lint: ignore=RULE[,RULE]" after the code of a line
+  switches the rules off for that line. If the comment stands alone in its line,
+  it does so for the next line of code.
 
 Exit status:
 )";
@@ -40,14 +42,14 @@ Exit status:
 constexpr std::size_t kMostAnswerBytes = 2048;
 
 struct LintArguments {
-  std::string file;
+  ChosenScript script;
   std::string format = "text";
   std::string failOn = "warning";
   std::vector<std::string> ignored;
   std::vector<std::string> only;
 };
 
-/// What the script answers for hosts of the own network, in a world without names. A script that is
+/// What the script answers for hosts of the own network if no name resolves. A script that is
 /// refused ends the command.
 nlohmann::json localAnswers(const std::string& script, const std::string& file) {
   pac_engine::Options options;
@@ -79,10 +81,10 @@ void checkNames(const LintReport& report, const std::vector<std::string>& names)
 }
 
 LintReport lint(const LintArguments& arguments) {
-  const auto script = readScript(arguments.file);
-  const auto name = shownName(arguments.file);
+  const auto script = readChosenScript(arguments.script);
+  const auto name = shownName(arguments.script.file);
   nlohmann::json argument;
-  argument["answers"] = localAnswers(script, arguments.file);
+  argument["answers"] = localAnswers(script, arguments.script.file);
   argument["ignore"] = arguments.ignored;
   if (!arguments.only.empty()) argument["only"] = arguments.only;
   const auto parser = openParser(script, name);
@@ -95,11 +97,11 @@ LintReport lint(const LintArguments& arguments) {
 ExitStatus lintScript(const LintArguments& arguments) {
   const auto report = lint(arguments);
   if (arguments.format == "json") {
-    printJson(lintJson(report, arguments.file));
+    printJson(lintJson(report, arguments.script.file));
   } else if (arguments.format == "sarif") {
-    printJson(lintSarif(report, arguments.file, PROXYMANAGER_VERSION));
+    printJson(lintSarif(report, arguments.script.file, PROXYMANAGER_VERSION));
   } else {
-    for (const auto& line : lintLines(report, shownName(arguments.file))) printLine(line);
+    for (const auto& line : lintLines(report, shownName(arguments.script.file))) printLine(line);
   }
   const auto least = arguments.failOn == "note"      ? Severity::kNote
                      : arguments.failOn == "warning" ? Severity::kWarning
@@ -114,16 +116,16 @@ ExitStatus lintScript(const LintArguments& arguments) {
 void addPacLint(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("lint", "Finds what is probably wrong with a script.");
   const auto arguments = std::make_shared<LintArguments>();
-  addScriptFile(*command, arguments->file);
+  addScriptFile(*command, arguments->script);
   command->add_option("--format", arguments->format, "text, json or sarif")
       ->check(CLI::IsMember({"text", "json", "sarif"}))
       ->option_text("FORMAT");
-  command->add_option("--ignore", arguments->ignored, "Leave these rules out")
+  command->add_option("--ignore", arguments->ignored, "Switch these rules off")
       ->delimiter(',')
       ->check(CLI::Validator(notAWord, ""))
       ->allow_extra_args(false)
       ->option_text("RULE[,RULE]");
-  command->add_option("--only", arguments->only, "Leave all other rules out")
+  command->add_option("--only", arguments->only, "Switch all other rules off")
       ->delimiter(',')
       ->check(CLI::Validator(notAWord, ""))
       ->allow_extra_args(false)
@@ -139,8 +141,10 @@ void addPacLint(CLI::App& pac, Action& action) {
                   statusHelp({{kAnswered, "no finding of the severity of --fail-on"},
                               {kNoAnswer, "at least one such finding"}},
                              kScriptStatuses));
-  command->callback(
-      [arguments, &action] { action = [arguments] { return lintScript(*arguments); }; });
+  command->callback([arguments, &action] {
+    settleOnlyScript(arguments->script);
+    action = [arguments] { return lintScript(*arguments); };
+  });
 }
 
 }  // namespace client

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/ctl/commands/chosen_script.h"
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/test_cases.h"
@@ -23,7 +24,7 @@ namespace {
 constexpr const char* kFooter = R"(Cases:
   One a line:  URL [OPTIONS] -> ANSWER
   OPTIONS are --host, --at, --tz, --resolve and --my-ip, as for "pac eval".
-  A line of options alone holds for the cases below it, up to the next such
+  A line of options only applies to the cases below it, up to the next such
   line. Empty lines and those that begin with # are skipped.
 
     http://intranet/                         -> DIRECT
@@ -31,11 +32,12 @@ constexpr const char* kFooter = R"(Cases:
     http://www.example.org/ --at 2026-03-02T09:00 -> PROXY proxy:8080; DIRECT
     http://shop.example/ --resolve shop.example=192.0.2.7 -> DIRECT
 
-  ANSWER is (error) for a script that gives none, and (empty) for an answer
-  without entries. Blanks around entries do not count.
-  A name without --resolve does not resolve, and the own address is 127.0.0.1
-  without --my-ip: no network decides a test. Cases of one world are asked of
-  one script, in order, so its variables live on; another world loads it anew.
+  ANSWER is (error) if the script gives no answer, and (empty) if the answer has
+  no entries. Blanks around entries do not count.
+  A name without --resolve does not resolve. Without --my-ip the own address is
+  127.0.0.1. So the network never decides a test. Cases with equal options are
+  asked of one script, in order, and its variables keep their values. If the
+  options change, the script is loaded again.
 
 Output:
   text   the cases that failed, and how many; the default
@@ -46,6 +48,7 @@ Exit status:
 )";
 
 struct TestArguments {
+  ChosenScript script;
   TestedFiles files;
   SimulatedEnvironment environment;
   std::string format = "text";
@@ -125,7 +128,7 @@ void printOutcomes(const TestArguments& arguments, const std::vector<TestOutcome
 ExitStatus testScript(const TestArguments& arguments) {
   const auto cases = parseTestCases(readListFile(arguments.files.cases),
                                     shownName(arguments.files.cases), arguments.environment);
-  TestedScript script(readScript(arguments.files.script), arguments.files);
+  TestedScript script(readChosenScript(arguments.script), arguments.files);
   std::vector<TestOutcome> outcomes;
   bool allPassed = true;
   for (const auto& given : cases) {
@@ -139,16 +142,27 @@ ExitStatus testScript(const TestArguments& arguments) {
   return allPassed ? kAnswered : kNoAnswer;
 }
 
+/// If -p names the script, the only argument is the file of cases.
+void settleFiles(TestArguments& arguments) {
+  auto others = settleScript(arguments.script);
+  auto& cases = arguments.files.cases;
+  if (!others.empty()) {
+    if (!cases.empty()) throw CLI::ExtrasError({cases});
+    cases = std::move(others.front());
+  }
+  if (cases.empty()) throw CLI::RequiredError("CASES");
+  arguments.files.script = arguments.script.file;
+}
+
 }  // namespace
 
 void addPacTest(CLI::App& pac, Action& action) {
   auto* const command = pac.add_subcommand("test", "Checks a script's answers against cases.");
   const auto arguments = std::make_shared<TestArguments>();
-  addScriptFile(*command, arguments->files.script);
+  addScriptFile(*command, arguments->script);
   command
       ->add_option("CASES", arguments->files.cases,
                    "URLs and their answers; \"-\" is standard input")
-      ->required()
       ->option_text(" ");
   addEnvironmentOptions(*command, arguments->environment);
   command->add_option("--format", arguments->format, "text, tap or junit")
@@ -160,6 +174,7 @@ void addPacTest(CLI::App& pac, Action& action) {
                               {kBadData, "the file of cases is not understood, or holds none"}},
                              kScriptStatuses));
   command->callback([arguments, &action] {
+    settleFiles(*arguments);
     if (arguments->files.script == "-" && arguments->files.cases == "-") {
       throw CLI::ValidationError("CASES", "standard input holds the script already");
     }

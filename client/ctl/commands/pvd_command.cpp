@@ -28,12 +28,12 @@ constexpr const char* kSourceHelp =
     "file,\n\"-\" for standard input";
 
 constexpr const char* kShowFooter = R"(Output:
-  What the document says, and which of its proxies and rules are ignored and
-  why. With --json an object: identifier, expires, proxies, rules, warnings;
+  The content of the document, and which of its proxies and rules are ignored
+  and why. With --json an object: identifier, expires, proxies, rules, warnings;
   "ignored" in a proxy or a rule is the reason, or null.
 
-A document is fetched once, by https alone and without a proxy, if a host or a
-URL is given. It is not kept.
+If a host or a URL is given, the document is fetched once, by https only and
+without a proxy. It is not kept.
 
 Exit status:
 )";
@@ -41,8 +41,8 @@ Exit status:
 constexpr const char* kScriptFooter = R"(Output:
   A PAC script for the daemon; warnings go to standard error. The daemon knows
   HTTP proxies and SOCKS: http-connect becomes PROXY, socks5 becomes SOCKS, and
-  https-connect, connect-udp, connect-ip and connect-tcp cannot be expressed. A
-  rule that is left without a proxy by that is an error.
+  https-connect, connect-udp, connect-ip and connect-tcp cannot be expressed. If
+  a rule then has no proxy, the command fails.
 
 Example:
   proxymanagerctl pvd to-pac proxy.example.org >proxy.pac
@@ -207,11 +207,10 @@ void addToPac(CLI::App& pvd, Action& action) {
                    "\"PROXY host:8080\"; by default DIRECT")
       ->option_text("ANSWER")
       ->check(checkAnswer);
-  command->footer(
-      std::string(kScriptFooter) +
-      statusHelp({{kAnswered, "there is a script"},
-                  {kRefused, "the document is refused, or no script can say what it\nsays"}},
-                 kStatuses));
+  command->footer(std::string(kScriptFooter) +
+                  statusHelp({{kAnswered, "there is a script"},
+                              {kRefused, "the document is refused, or no script can express it"}},
+                             kStatuses));
   command->callback(
       [arguments, &action] { action = [arguments] { return makeScript(*arguments); }; });
 }

@@ -78,12 +78,4 @@ Failure refusal(const std::string& file, const pac_engine::Problem& problem) {
   return {kRefused, shownName(file) + ": " + pac_engine::describe(problem)};
 }
 
-void addScriptFile(CLI::App& command, std::string& file) {
-  command
-      .add_option("FILE", file,
-                  "The PAC script: a file of at most\n512,000 bytes, or \"-\" for standard input")
-      ->required()
-      ->option_text(" ");
-}
-
 }  // namespace client

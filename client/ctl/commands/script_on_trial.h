@@ -19,9 +19,6 @@ namespace client {
 inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUsage, kNoInput,
                                                                    kOutput};
 
-/// Adds the argument FILE to `command`; it sets `file`, which lives as long as the command.
-void addScriptFile(CLI::App& command, std::string& file);
-
 /// Loads `script`, the bytes of a PAC file. Its alerts go to standard error and to syslog.
 /// @return null if it is refused, with the reason in `refused`
 std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engine::Options options,

@@ -20,44 +20,6 @@ constexpr std::chrono::seconds kParserTime{10};
   throw Failure(kInternal, file + ": the workbench sent what is no report");
 }
 
-std::string textOf(const Json& value) {
-  return value.get<std::string>();
-}
-
-Place placeOf(const Json& row) {
-  Place place;
-  place.kind = textOf(row.at(0));
-  place.line = row.at(1).get<std::size_t>();
-  place.column = row.at(2).get<std::size_t>();
-  place.lastLine = row.at(3).get<std::size_t>();
-  place.source = textOf(row.at(4));
-  place.function = row.at(5).get<std::size_t>();
-  place.owner = row.at(6).get<int>();
-  place.branch = row.at(7).get<bool>();
-  return place;
-}
-
-InstrumentedScript scriptOf(const Json& report) {
-  InstrumentedScript script;
-  script.text = textOf(report.at("script"));
-  script.source = textOf(report.at("source"));
-  for (const auto& row : report.at("places")) script.places.push_back(placeOf(row));
-  for (const auto& row : report.at("functions")) {
-    script.functions.push_back(
-        {textOf(row.at(0)), row.at(1).get<std::size_t>(), row.at(2).get<std::size_t>()});
-  }
-  for (const auto& row : report.at("notes")) {
-    script.notes.push_back({row.at(0).get<std::size_t>(), textOf(row.at(1))});
-  }
-  const auto count = static_cast<int>(script.places.size());
-  for (const auto& place : script.places) {
-    if (place.owner < -1 || place.owner >= count || place.function >= script.functions.size()) {
-      throw std::out_of_range("place");
-    }
-  }
-  return script;
-}
-
 }  // namespace
 
 std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const std::string& file) {
@@ -79,7 +41,7 @@ Json askParser(pac_engine::Engine& parser, std::string_view command, const Json&
   if (!report.is_object()) refuseReport(file);
   if (const auto unparsed = report.find("unparsed"); unparsed != report.end()) {
     if (!unparsed->is_string() || !report["line"].is_number_unsigned()) refuseReport(file);
-    const pac_engine::Problem why{base::visible(textOf(*unparsed)),
+    const pac_engine::Problem why{base::visible(unparsed->get<std::string>()),
                                   report["line"].get<std::uint32_t>()};
     throw Failure(kRefused, file +
                                 ": the workbench's parser does not take this script, though the "
@@ -93,7 +55,7 @@ InstrumentedScript instrumented(std::string_view script, const std::string& file
   const auto parser = openParser(script, file);
   const auto report = askParser(*parser, "instrument", {{"source", true}}, file);
   try {
-    return scriptOf(report);
+    return instrumentedOf(report);
   } catch (const std::exception&) {
     refuseReport(file);
   }

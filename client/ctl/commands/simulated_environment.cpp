@@ -98,8 +98,8 @@ std::int64_t clockOf(const std::string& text, const std::string& zone) {
 void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment) {
   addText(
       command, "--at", "TIME", environment.time,
-      "The present time for the script: a date and\ntime of ISO 8601, in the zone of --tz unless\n"
-      "it ends in \"Z\" or +hh:mm; by default the\nclock's time");
+      "The current time for the script: a date and\ntime of ISO 8601, in the zone of --tz unless\n"
+      "it ends in \"Z\" or +hh:mm. The default is the\ntime of the clock");
   addText(command, "--tz", "ZONE", environment.zone,
           "Time zone of the script and of --at, a\nname of the zone database; by default the\n"
           "device's (/etc/localtime)");
@@ -107,17 +107,16 @@ void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment)
       command
           .add_option(
               "--resolve", environment.names,
-              "Addresses of a name; repeat it for others.\nWith it other names do not resolve")
+              "Addresses of a name. Repeat the option for\nother names. Names without addresses do not\nresolve")
           ->option_text("NAME=ADDR[,ADDR]")
           ->allow_extra_args(false);
-  addText(
-      command, "-c,--my-ip", "ADDR[,ADDR]", environment.ownAddresses,
-      "The results of myIpAddress (the first IPv4\none) and myIpAddressEx (all); \"none\" for a\n"
-      "device without any address");
+  addText(command, "-c,--my-ip", "ADDR[,ADDR]", environment.ownAddresses,
+          "The addresses of the device: myIpAddress\nreturns the first IPv4 address, "
+          "myIpAddressEx\nreturns all. \"none\": the device has no address");
   command
       .add_flag(
           "--offline", environment.offline,
-          "Look nothing up: names do not resolve, the\nown address is 127.0.0.1. Not together\n"
+          "Look up nothing: names do not resolve, and\nthe own address is 127.0.0.1. Not together\n"
           "with --resolve")
       ->option_text(" ")
       ->excludes(resolve);

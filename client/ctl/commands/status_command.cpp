@@ -39,26 +39,30 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 constexpr const char* kFooter = R"(Output:
-  The script in the PAC file is loaded for trial, as "pac check" does: "script"
-  tells whether the daemon can use it. The last update and the last walk over
-  the URLs of scripts come from systemd, to which the daemon reports them. What
-  cannot be known has its reason beside it. Who may not read the configuration
-  gets the mode and the manual proxy from the answer for a URL.
-  A daemon in mode off is listened to for 5 seconds: while it waits for its
-  first configuration it says so every 2.
-  With --json an object: running, process, user, answers, waiting, mode,
-  proxyurl, pacurl, userName, password, updated and walked (times), walk (what
-  it came to), pacfile (an object: path, exists, bytes, fetched, age in seconds,
-  sha256, loads, refusal), relay (an object: default, which is whether programs
-  are led to proxymanager-relay, and installed, enabled and active of its socket
-  unit) and unknown. The last is an object that holds the reason for each of
-  running, answers, waiting, mode, proxyurl, pacurl, userName, password, updated
-  and walked that is null because it cannot be known, for answers if it is
-  false, for a pacfile that is there and cannot be read, and for a relay whose
-  socket unit is not known. Without a reason null is what is not set, or did not
-  happen since the daemon's start; process and user, if the bus does not name
-  them; the last six of pacfile, if there is no file to be read; and enabled and
-  active of a relay that is not installed.
+  The row "script" shows whether the daemon can use the script in the PAC file:
+  this command loads it as "pac check" does. The daemon reports its last update
+  and its last walk over the URLs of scripts to systemd, and this command reads
+  them there. A value that is not known has the reason beside it. A user who may
+  not read the configuration gets the mode and the manual proxy from the answer
+  for a URL.
+  If the daemon is in mode off, the command listens for 5 seconds: a daemon that
+  waits for its first configuration announces itself every 2 seconds.
+
+  With --json an object:
+    running, answers, waiting        true, false or null
+    process, user                    of the daemon
+    mode, proxyurl, pacurl, userName, password
+    updated, walked                  times
+    walk                             the result of the last walk
+    pacfile   an object: path, exists, bytes, fetched, age (in seconds), sha256,
+              loads and refusal
+    relay     an object: default (whether programs use proxymanager-relay), and
+              installed, enabled and active of its socket unit
+    unknown   an object: the reason for each member that is null because it is
+              not known, for "answers" if it is false, for a PAC file that
+              cannot be read, and for a relay whose socket unit is not known
+  A member that is null without a reason is not set, or did not happen since the
+  start of the daemon.
 
 Exit status:
 )";

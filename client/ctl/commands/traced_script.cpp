@@ -1,8 +1,6 @@
 #include "client/ctl/commands/traced_script.h"
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <utility>
 
 #include "client/ctl/commands/script_on_trial.h"
@@ -15,61 +13,6 @@ namespace {
 
 using Json = nlohmann::json;
 using Clock = std::chrono::steady_clock;
-
-TracedLookup lookupOf(const Json& row) {
-  TracedLookup lookup;
-  lookup.name = row.at(0).get<std::string>();
-  lookup.addresses = row.at(1).get<std::vector<std::string>>();
-  lookup.microseconds = row.at(2).get<std::int64_t>();
-  lookup.isNew = row.at(3).get<bool>();
-  return lookup;
-}
-
-TracedCall callOf(const Json& row) {
-  TracedCall call;
-  call.depth = row.at(1).get<std::size_t>();
-  call.name = row.at(2).get<std::string>();
-  call.arguments = row.at(3).get<std::vector<std::string>>();
-  if (!row.at(4).is_null()) call.result = row.at(4).get<std::string>();
-  call.microseconds = row.at(5).get<std::int64_t>();
-  for (const auto& lookup : row.at(6)) call.lookups.push_back(lookupOf(lookup));
-  return call;
-}
-
-/// Gives the call that ended last under the name that stands at `place` its place.
-void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::string& source) {
-  const auto found = std::find_if(events.rbegin(), events.rend(), [&](const TracedEvent& event) {
-    return event.call && event.call->depth == 0 && !event.place &&
-           source.compare(0, event.call->name.size(), event.call->name) == 0;
-  });
-  if (found != events.rend()) found->place = place;
-}
-
-Trace traceOf(const Json& report, const std::vector<Place>& places) {
-  Trace trace;
-  for (const auto& row : report.at("counts")) {
-    const PlaceCount count{row.at(0).get<std::size_t>(), row.at(1).get<std::uint64_t>(),
-                           row.at(2).get<std::uint64_t>(), row.at(3).get<std::uint64_t>()};
-    if (count.place >= places.size()) throw std::out_of_range("place");
-    trace.counts.push_back(count);
-  }
-  for (const auto& row : report.at("events")) {
-    TracedEvent event;
-    if (row.at(0).get<std::string>() == "c") {
-      event.call = callOf(row);
-    } else {
-      event.place = row.at(1).get<std::size_t>();
-      event.value = row.at(2).get<std::string>();
-      event.truthy = row.at(3).get<bool>();
-      const auto& place = places.at(*event.place);
-      if (place.is('h')) placeCall(trace.events, *event.place, place.source);
-    }
-    trace.events.push_back(std::move(event));
-  }
-  trace.cut = report.at("cut").get<bool>();
-  trace.ownText = report.at("ownText").get<bool>();
-  return trace;
-}
 
 }  // namespace
 

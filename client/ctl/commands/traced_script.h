@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,50 +13,10 @@
 
 #include "client/ctl/commands/answer_json.h"
 #include "client/ctl/commands/script_workbench.h"
+#include "client/ctl/commands/workbench_report.h"
 #include "engine/pac_engine.h"
 
 namespace client {
-
-/// A name that a helper asked for.
-struct TracedLookup {
-  std::string name;
-  std::vector<std::string> addresses;
-  std::int64_t microseconds = 0;
-  bool isNew = false;  ///< the first time in this evaluation; later ones cost nothing
-};
-
-/// A call of a helper.
-struct TracedCall {
-  std::size_t depth = 0;  ///< 0 if no other helper has made it
-  std::string name;
-  std::vector<std::string> arguments;  ///< as a script would write them
-  std::optional<std::string> result;   ///< nothing if it threw
-  std::int64_t microseconds = 0;       ///< with the calls that it made
-  std::vector<TracedLookup> lookups;
-};
-
-/// A value or a call, in the order in which they were known.
-struct TracedEvent {
-  std::optional<std::size_t> place;  ///< of a call: where it stands, if its name stands there
-  std::string value;                 ///< as a script would write it; empty for a call
-  bool truthy = false;
-  std::optional<TracedCall> call;
-};
-
-/// How often a place was reached, or had which truth.
-struct PlaceCount {
-  std::size_t place = 0;
-  std::uint64_t reached = 0;
-  std::uint64_t truthy = 0;
-  std::uint64_t falsy = 0;
-};
-
-struct Trace {
-  std::vector<TracedEvent> events;
-  std::vector<PlaceCount> counts;
-  bool cut = false;      ///< there were more events than a report has
-  bool ownText = false;  ///< the script has read the text of a function
-};
 
 struct TracedAnswer {
   ShownAnswer answer;                    ///< of the script as it is

@@ -7,54 +7,103 @@
 
 namespace client {
 
-void addUrls(CLI::App& command, UrlArguments& arguments) {
+namespace {
+
+/// The arguments that the parser has met so far, those without a name included.
+std::size_t argumentsOf(const CLI::App& command) {
+  std::size_t count = command.remaining_size();
+  for (const auto* const option : command.get_options()) {
+    if (option->get_positional()) count += option->count();
+  }
+  return count;
+}
+
+void addUrlsWith(CLI::App& command, UrlArguments& arguments, const char* help) {
   // If an argument takes many values, the parser splits "[...]" as a list. So the argument takes
   // only the first URL, and the others are the texts that the parser leaves over.
-  const auto* const first =
-      command.add_option("URL", arguments.urls, "What to ask for, one or more")
-          ->option_text("...")
-          ->allow_extra_args(false);
+  command.add_option("URL", arguments.first, "The URLs to ask for")
+      ->option_text("...")
+      ->allow_extra_args(false);
   command
       .add_option_function<std::string>(
           "-f,--file",
-          [&command, &arguments, first](const std::string& name) {
+          [&command, &arguments](const std::string& name) {
             if (arguments.file) throw CLI::ValidationError("--file", "may be given once");
             arguments.file = name;
-            arguments.fileFollowsFirst = first->count() > 0;
-            arguments.fileFollowsOthers = command.remaining_size();
+            arguments.options.push_back({name, true, argumentsOf(command)});
           },
-          "URLs, one a line, asked for where this\nstands among the others; \"-\" is standard\n"
-          "input")
+          help)
       ->option_text("FILE")
       ->trigger_on_parse();  // while it is known what stands before it
   command.allow_extras();
 }
 
+/// Adds the URLs of the options that stand behind `count` arguments or fewer.
+void addOptions(UrlArguments& arguments, std::size_t& next, std::size_t count) {
+  for (; next < arguments.options.size() && arguments.options[next].before <= count; ++next) {
+    const auto& [text, isFile, before] = arguments.options[next];
+    if (!isFile) {
+      arguments.urls.push_back(text);
+      continue;
+    }
+    auto read = arguments.takesLogs ? readLoggedUrls(text) : readUrls(text);
+    for (auto& url : read) arguments.urls.push_back(std::move(url));
+  }
+}
+
+}  // namespace
+
+void addUrls(CLI::App& command, UrlArguments& arguments) {
+  addUrlsWith(command, arguments,
+              "A file of URLs, one a line. They are asked\nfor at the place of this option among "
+              "the\nother URLs. \"-\" is standard input");
+}
+
+void addUrlsOrLog(CLI::App& command, UrlArguments& arguments) {
+  arguments.takesLogs = true;
+  addUrlsWith(command, arguments,
+              "A file of URLs, one a line, or the access\nlog of a proxy; \"-\" is standard input");
+}
+
+void addUrlOption(CLI::App& command, UrlArguments& arguments) {
+  command
+      .add_option_function<std::string>(
+          "-u",
+          [&command, &arguments](const std::string& url) {
+            arguments.options.push_back({url, false, argumentsOf(command)});
+          },
+          "The same as URL")
+      ->option_text("URL")
+      ->trigger_on_parse();
+}
+
 /// A text that begins with "-" is an unknown option, because the parser has taken all known
 /// options. After "--" any text is a URL.
-void addFurtherUrls(const CLI::App& command, UrlArguments& arguments) {
-  auto& urls = arguments.urls;
-  auto others = command.remaining();
-  // URLs that a command has from elsewhere come first.
-  const bool hasFirst = command.get_option("URL")->count() > 0;
-  std::size_t before = arguments.fileFollowsFirst || !hasFirst ? urls.size() : 0;
+void addFurtherUrls(const CLI::App& command, UrlArguments& arguments,
+                    const std::vector<std::string>& leading) {
+  std::vector<std::string> given = leading;
+  given.insert(given.end(), arguments.first.begin(), arguments.first.end());
   bool optionsEnded = false;
-  for (std::size_t i = 0; i < others.size(); ++i) {
-    auto& argument = others[i];
-    if (!optionsEnded && argument == "--") {
+  for (auto& text : command.remaining()) {
+    if (!optionsEnded && text == "--") {
       optionsEnded = true;
-    } else if (!optionsEnded && argument.size() > 1 && argument.front() == '-') {
-      throw CLI::ExtrasError({argument});
+    } else if (!optionsEnded && text.size() > 1 && text.front() == '-') {
+      throw CLI::ExtrasError({text});
     } else {
-      urls.push_back(std::move(argument));
-      if (i < arguments.fileFollowsOthers) before = urls.size();
+      given.push_back(std::move(text));
     }
   }
-  if (arguments.file) {
-    const auto read = readUrls(*arguments.file);
-    urls.insert(urls.begin() + static_cast<std::ptrdiff_t>(before), read.begin(), read.end());
+  std::size_t next = 0;
+  auto count = argumentsOf(command) - given.size();  // the arguments that are no URLs
+  addOptions(arguments, next, count);
+  for (auto& url : given) {
+    arguments.urls.push_back(std::move(url));
+    addOptions(arguments, next, ++count);
   }
-  if (urls.empty()) throw CLI::RequiredError("URL");
+}
+
+void requireUrls(const UrlArguments& arguments) {
+  if (arguments.urls.empty()) throw CLI::RequiredError("URL");
 }
 
 }  // namespace client

@@ -31,10 +31,10 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kFooter =
     R"(Waits also for a message bus and a daemon that do not run yet, and starts none.
-Configured is a daemon that got a configuration since its start. A script is
-there if the mode is pacurl or wpad and the script answers for
-http://localhost/; or the daemon has fetched a script since its start, and the
-script loads.
+--configured waits until the daemon has got a configuration since its start.
+--script waits until the mode is pacurl or wpad and the script answers for
+http://localhost/, or until the daemon has fetched a script since its start and
+the script loads.
 
 Exit status:
 )";

@@ -65,7 +65,8 @@ Failure failedCall(const CallKind& call, std::string_view name, std::string_view
     case BusError::kUnknown:
       break;
   }
-  return {kProtocol, "what has the name of proxymanagerd cannot do this (" + messageOf(name, text) +
+  return {kProtocol, "the program that owns the name of proxymanagerd cannot do this (" +
+                         messageOf(name, text) +
                          "); look who it is with \"busctl status com.zentu.ProxyManagerService\""};
 }
 
@@ -84,8 +85,9 @@ Failure failedSettingsCall(std::string_view name, std::string_view text,
     case BusError::kLost:
       return lostConnection();
     default:
-      return {kProtocol, "what has the name of proxymanager-settings cannot do this (" +
-                             messageOf(name, text) + ")"};
+      return {kProtocol,
+              "the program that owns the name of proxymanager-settings cannot do this (" +
+                  messageOf(name, text) + ")"};
   }
 }
 

@@ -8,23 +8,27 @@
 #include "base/ascii.h"
 #include "base/small_file.h"
 #include "client/ctl/failure.h"
+#include "client/ctl/terminal/logged_url.h"
 #include "client/ctl/terminal/script_file.h"
 
 namespace client {
 
-std::string readListFile(const std::string& name) {
-  base::FileDemands demands;
-  demands.mostBytes = kMaxListBytes;
-  demands.owner = base::FileOwner::anybody;
-  demands.followsLink = true;
-  demands.acceptsSecondName = true;
-  auto read = name == "-" ? base::readToEnd(STDIN_FILENO, kMaxListBytes)
-                          : base::readFile(name.c_str(), demands);
+namespace {
+
+std::string readText(const std::string& name, std::size_t mostBytes) {
+  auto read = name == "-" ? base::readToEnd(STDIN_FILENO, mostBytes)
+                          : base::readFile(name.c_str(), base::inTrustedFolder(mostBytes));
   if (read.failure) {
     throw Failure(kNoInput, "cannot read " + shownName(name) + ": " +
                                 std::generic_category().message(read.failure.error));
   }
   return std::move(read.text);
+}
+
+}  // namespace
+
+std::string readListFile(const std::string& name) {
+  return readText(name, kMaxListBytes);
 }
 
 std::vector<std::string> readUrls(const std::string& name) {
@@ -38,6 +42,10 @@ std::vector<std::string> readUrls(const std::string& name) {
     rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
   }
   return urls;
+}
+
+std::vector<std::string> readLoggedUrls(const std::string& name) {
+  return urlsOfLog(readText(name, kMaxLogBytes));
 }
 
 }  // namespace client

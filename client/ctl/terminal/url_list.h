@@ -1,4 +1,4 @@
-// URLs from a file.
+// URLs from a file, and from the access log of a proxy.
 #pragma once
 
 #include <cstddef>
@@ -18,5 +18,12 @@ std::string readListFile(const std::string& name);
 /// Empty lines and those that begin with "#" are skipped. Throws Failure: kNoInput if the file
 /// cannot be read or is longer than kMaxListBytes.
 std::vector<std::string> readUrls(const std::string& name);
+
+/// Longest access log, in bytes: some hundred thousand requests.
+inline constexpr std::size_t kMaxLogBytes = 64U << 20U;
+
+/// The URLs of the list or the access log `name` (logged_url.h), or of standard input for "-".
+/// Throws Failure: kNoInput if it cannot be read or is longer than kMaxLogBytes.
+std::vector<std::string> readLoggedUrls(const std::string& name);
 
 }  // namespace client

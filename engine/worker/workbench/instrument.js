@@ -154,7 +154,7 @@ class Instrumenter {
       case 'LogicalExpression':
         return this.operands(node, context);
       case 'WithStatement':
-        this.note(node, 'the body of a "with" is not looked into');
+        this.note(node, 'the body of a "with" is not instrumented');
         return this.visit(node.object, context);
       case 'ChainExpression':
         return this.visit(node.expression, { ...context, inChain: true });
@@ -170,13 +170,13 @@ class Instrumenter {
   inside(node, context) {
     if (node.type === 'CallExpression') {
       if (node.callee.type === 'Identifier' && node.callee.name === 'eval') {
-        this.note(node, 'the text that "eval" runs is not looked into');
+        this.note(node, 'the code that "eval" runs is not instrumented');
       }
       this.visit(node.callee, context);
       const given = context.inChain ? { ...context, inChain: false } : context;
       for (const argument of node.arguments) this.visit(argument, given);
     } else if (node.type === 'NewExpression' && node.callee.name === 'Function') {
-      this.note(node, 'the text of a "new Function" is not looked into');
+      this.note(node, 'the code of a "new Function" is not instrumented');
       this.each(node, context);
     } else if (node.type === 'ConditionalExpression' || node.type === 'ChainExpression' ||
                /Function/.test(node.type)) {

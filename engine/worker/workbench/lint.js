@@ -6,7 +6,7 @@
 //
 // Report: { rules: [[name, severity, summary, reason]],
 //   findings: [[line, column, severity, name, message, reason, fix]] }, by line. severity is "error"
-// (the script fails, or does not do what it says), "warning" or "note" (a matter of policy).
+// (the script fails, or does something else than its text means), "warning" or "note" (a matter of policy).
 'use strict';
 
 // name: [severity, summary, reason]
@@ -16,27 +16,27 @@ const lintRules = {
   'isinnet-name': ['warning', 'isInNet is called with a name',
     'isInNet looks a name up, and each lookup delays the answer, up to 2 s.'],
   'dns-first': ['warning', 'A name is looked up before cheap tests',
-    'A lookup takes milliseconds to seconds, a test of the text microseconds; hosts that the later test ' +
-    'decides pay for the lookup, too.'],
+    'A lookup takes milliseconds to seconds, a test of the text takes microseconds. Hosts that the later ' +
+    'test decides wait for the lookup, too.'],
   'domain-dot': ['warning', 'A domain is compared without its dot',
     'The end of a text is compared, not whole labels.'],
   'shexp-regex': ['warning', 'A character of regular expressions in shExpMatch',
     'shExpMatch knows * and ?, and makes a regular expression of the rest without escaping it.'],
   'https-path': ['warning', 'The path of an https URL is tested',
-    'A script sees no path of https and wss URLs: https://host/ is all.'],
-  'unreachable': ['warning', 'A rule is never reached', 'What is written there never decides.'],
+    'A script sees no path of https and wss URLs, only https://host/.'],
+  'unreachable': ['warning', 'A rule is never reached', 'Code that is never reached decides nothing.'],
   'no-var': ['warning', 'A variable is assigned without var',
-    'A global lives on from one URL to the next, so one answer can depend on the URL before.'],
+    'A global keeps its value from one URL to the next, so an answer can depend on the URL before.'],
   'date-month-end': ['warning', 'A range of dates ends in the next month',
     'dateRange sets the month of 31 December; a month without that day becomes the next one.'],
   'entry-dropped': ['warning', 'The daemon drops an entry',
-    'The daemon gives DIRECT, PROXY and SOCKS, in capitals, and drops all other entries.'],
+    'The daemon returns DIRECT, PROXY and SOCKS, in capitals, and drops all other entries.'],
   'entry-unknown': ['error', 'An entry that no browser knows', 'Programs skip it, or refuse the whole answer.'],
-  'entry-port': ['warning', 'A proxy without a port', 'Programs take different ports then: 80, 1080 or none.'],
+  'entry-port': ['warning', 'A proxy without a port', 'Programs use different default ports: 80, 1080 or none.'],
   'direct-missing': ['note', 'No DIRECT behind the proxies',
     'Programs cannot connect while the proxies do not answer.'],
   'direct-first': ['warning', 'DIRECT is not the last entry',
-    'Entries are tried in order, and most programs never get behind DIRECT.'],
+    'Entries are tried in order, and most programs never try an entry after DIRECT.'],
   'no-return': ['error', 'A path without an answer', 'Without a text there is no answer.'],
   'local-to-proxy': ['warning', 'Local hosts are sent to a proxy',
     'A proxy resolves a name without a dot in its own domain, or not at all.'],
@@ -44,7 +44,7 @@ const lintRules = {
     `An evaluation looks up ${mostLookups} names at most.`],
   'cost': ['warning', 'The worst case is expensive',
     `An evaluation ends after ${evaluationSeconds} s, and one lookup after ${lookupSeconds} s.`],
-  'ignore-unknown': ['note', 'A comment ignores a rule that there is not',
+  'ignore-unknown': ['note', 'A comment ignores a rule that does not exist',
     'The comment has no effect; the name may be misspelt.'],
 };
 

@@ -20,7 +20,7 @@ const answerRules = {
           ? 'write DIRECT with nothing behind it but the ";"'
           : `write one blank behind ${keyword}, and nothing but blanks before it`);
       } else {
-        lint.report(node, `the daemon drops "${shown}": it takes DIRECT, PROXY and SOCKS`,
+        lint.report(node, `the daemon drops "${shown}": it accepts DIRECT, PROXY and SOCKS`,
           keyword.startsWith('SOCKS') ? 'write SOCKS in addition' : 'write PROXY in addition');
       }
     }
@@ -93,7 +93,7 @@ const answerRules = {
 
   // What the script answered for such hosts, if it was asked.
   'local-to-proxy'(lint) {
-    // It was asked in a world without names, so what it answers with them is not known.
+    // No name resolved when it was asked, so its answer with names is not known.
     if (!lint.tree.entry || lint.lookups.functionLooksUp(lint.tree.entry)) return;
     for (const [host, answer] of Object.entries(lint.options.answers ?? {})) {
       const first = piecesOf(answer)[0]?.keyword?.toUpperCase();

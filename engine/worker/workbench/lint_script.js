@@ -49,7 +49,7 @@ const scriptRules = {
   'cost'(lint) {
     for (const node of lint.tree.of('Literal')) {
       if (node.regex && /\([^()]*[+*]\)[+*]/.test(node.regex.pattern)) {
-        lint.report(node, `/${node.regex.pattern}/ has a repetition in a repetition, and may take for ever`,
+        lint.report(node, `/${node.regex.pattern}/ has a repetition in a repetition, and may run without end`,
           'write one repetition, or use shExpMatch');
       }
     }

@@ -1,15 +1,15 @@
-// What the rules of the linter know of a script: parents, functions, names, and the texts that an
-// expression may have. Names are taken by function, as `var` means them; a block's own `let` of the
-// same name counts as that name.
+// The facts about a script that the rules of the linter use: parents, functions, names, and the texts
+// that an expression may have. A name belongs to its whole function, as with `var`; a `let` of the
+// same name in a block counts as the same name.
 'use strict';
 
 const parentOf = Symbol('parent');
 const functionOf = Symbol('function');
 const childrenKey = Symbol('children');
 
-// Stands in a text for a part that only the running script knows.
+// The placeholder in a text for a part that only the running script knows.
 const unknownText = '\ufffc';
-// Most texts that an expression is followed to; a script may build many more.
+// The most texts that are computed for one expression; a script may build many more.
 const mostTexts = 256;
 
 const functionTypes = new Set([
@@ -90,7 +90,7 @@ class LintTree {
     return name;
   }
 
-  // Pairs of an identifier that is assigned to and its new value, null if that is not one expression.
+  // Pairs of an assigned identifier and its new value. The value is null if it is not one expression.
   assignments() {
     const pairs = [];
     for (const node of this.of('AssignmentExpression')) {
@@ -108,7 +108,7 @@ class LintTree {
     return pairs;
   }
 
-  // What the identifier means; null for a name that the script neither declares nor assigns.
+  // The meaning of an identifier; null for a name that the script neither declares nor assigns.
   nameOf(id) {
     for (let scope = id[functionOf]; ; scope = scope[functionOf]) {
       const name = this.scopes.get(scope).get(id.name);
@@ -117,7 +117,7 @@ class LintTree {
     }
   }
 
-  // The function that a global name stands for, however it is written.
+  // The function that a global name means, in each form in which a script can define it.
   functionNamed(text) {
     const name = this.scopes.get(this.script.tree).get(text);
     if (name?.definition) return name.definition;
@@ -131,7 +131,7 @@ class LintTree {
     return values.find((value) => value && functionTypes.has(value.type)) ?? null;
   }
 
-  // The function of the script that a call calls, null for any other.
+  // The function of the script that a call calls; null if it calls something else.
   calledFunction(call) {
     if (call.callee.type !== 'Identifier') return null;
     const name = this.nameOf(call.callee);
@@ -141,7 +141,7 @@ class LintTree {
     return name.writes.length === 1 && value && functionTypes.has(value.type) ? value : null;
   }
 
-  // Whether a call is one of a helper, which the script has not replaced.
+  // Whether a call calls a helper that the script has not replaced.
   isHelper(call, ...names) {
     return call.type === 'CallExpression' && call.callee.type === 'Identifier' &&
       helperNames.has(call.callee.name) && (names.length === 0 || names.includes(call.callee.name)) &&
@@ -154,10 +154,10 @@ class LintTree {
     return isVariable(name) && name.writes.length === 1 ? name.writes[0] : null;
   }
 
-  // --- What is asked about ---
+  // --- Host and URL ---
 
-  // 'host' or 'url' if the expression is that argument of the entry point, also in lower case; else
-  // null. A parameter of another function is taken by its name.
+  // 'host' or 'url' if the expression is this argument of the entry point, also in lower case; else
+  // null. A parameter of another function counts by its name.
   subjectOf(node, depth = 0) {
     if (depth > 8) return null;
     if (node.type === 'Identifier') return this.subjectOfName(this.nameOf(node), depth);
@@ -172,7 +172,7 @@ class LintTree {
 
   subjectOfName(name, depth) {
     if (!name) return null;
-    // `host = host.toLowerCase()` leaves it the host.
+    // After `host = host.toLowerCase()` it is still the host.
     const values = name.writes.map((value) => value && this.selfOrSubject(value, name, depth + 1));
     if (isVariable(name)) {
       return values.length === 1 && values[0] !== name ? values[0] : null;
@@ -195,7 +195,7 @@ class LintTree {
 
   // --- Texts ---
 
-  // The texts that an expression may have: [{ text, node }], text null for a value that is none.
+  // The texts that an expression may have: [{ text, node }]. text is null for a value that is no text.
   textsOf(node, depth = 0) {
     if (this.texts.has(node)) return this.texts.get(node);
     if (depth > 24) return [{ text: unknownText, node }];
@@ -254,7 +254,7 @@ class LintTree {
     return values.length > 0 ? all(values.map((property) => property.value)) : unknown;
   }
 
-  // A text made from pieces: each combination, until they are too many.
+  // A text made from pieces: all combinations, up to the limit.
   joined(node, depth) {
     const parts = node.type === 'TemplateLiteral'
       ? node.quasis.flatMap((quasi, i) => [quasi.value.cooked, node.expressions[i]].filter(Boolean))
@@ -284,7 +284,7 @@ class LintTree {
   }
 }
 
-// Declared, or made by an assignment without a declaration.
+// A name that is declared, or that an assignment without a declaration creates.
 function isVariable(name) {
   return name?.kind === 'variable' || name?.kind === 'implicit';
 }
@@ -303,7 +303,7 @@ function isLoopTarget(declarator) {
   return /^For(In|Of)Statement$/.test(loop?.type) && loop.left === declarator[parentOf];
 }
 
-// The operands of a sum, which may be thousands.
+// The operands of a sum; there may be thousands.
 function sumOf(node) {
   const parts = [];
   let left = node;
@@ -327,7 +327,7 @@ function operandsOf(node, operator = node.operator) {
   return operands;
 }
 
-// The identifiers that a pattern of parameters or assignments gives a value.
+// The identifiers to which a pattern of parameters or assignments gives a value.
 function namesOf(pattern) {
   switch (pattern?.type) {
     case 'Identifier':
@@ -345,12 +345,12 @@ function namesOf(pattern) {
   }
 }
 
-// A spread argument would be one argument for each of thousands of elements.
+// A spread argument may stand for thousands of arguments.
 function pushAll(list, items) {
   for (const item of items) list.push(item);
 }
 
-// Whether a node below `root`, `root` included, fulfils `test`; functions in it are left out.
+// Whether `root` or a node below it passes `test`. Functions inside are skipped.
 function hasNode(root, test) {
   const open = [root];
   while (open.length > 0) {

@@ -76,13 +76,15 @@ TEST(FailedCallTest, SaysThatTheBusIsBusy) {
 
 TEST(FailedCallTest, SaysThatSomebodyElseHasTheName) {
   for (const auto* const name : {"UnknownMethod", "UnknownInterface", "InvalidArgs", "Failed"}) {
-    EXPECT_EQ(call(name),
-              "76: what has the name of proxymanagerd cannot do this (TEXT); look who it is with "
-              "\"busctl status com.zentu.ProxyManagerService\"");
+    EXPECT_EQ(
+        call(name),
+        "76: the program that owns the name of proxymanagerd cannot do this (TEXT); look who it is with "
+        "\"busctl status com.zentu.ProxyManagerService\"");
   }
-  EXPECT_EQ(said(failedCall(kAsk, "org.example.Own", "", {})),
-            "76: what has the name of proxymanagerd cannot do this (org.example.Own); look who it "
-            "is with \"busctl status com.zentu.ProxyManagerService\"");
+  EXPECT_EQ(
+      said(failedCall(kAsk, "org.example.Own", "", {})),
+      "76: the program that owns the name of proxymanagerd cannot do this (org.example.Own); look who it "
+      "is with \"busctl status com.zentu.ProxyManagerService\"");
 }
 
 TEST(FailedConnectionTest, SaysWhatToDo) {

@@ -5,20 +5,21 @@
 
 #include <cstdlib>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <random>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
-#include "engine/pac_engine.h"
+#include "tests/unit/engine/worker/workbench/workbench_engines.h"
 
 namespace {
 
-using Json = nlohmann::json;
-using pac_engine::Engine;
-using pac_engine::Options;
 using pac_engine::Problem;
 using pac_engine::WorkerRole;
+using workbench::command;
+using workbench::Json;
+using workbench::load;
 
 constexpr unsigned kScriptsOfAPlainRun = 25;
 
@@ -29,30 +30,13 @@ unsigned numberFrom(const char* variable, unsigned otherwise) {
 
 const std::vector<std::string> kHosts{"a", "www.a.example", "b.example", "10.1.2.3", "long-host"};
 
-std::unique_ptr<Engine> load(const std::string& script, WorkerRole role, Problem& refused) {
-  Options options;
-  options.role = role;
-  options.clock = 1770000000;
-  options.zone = "UTC";
-  options.names.staticNames = pac_engine::StaticNames{{"b.example", {"10.9.9.9"}}};
-  options.ownAddresses = {{"10.1.2.3"}};
-  options.timeLimit = std::chrono::seconds(60);
-  return Engine::load(script, options, refused);
+std::string answered(pac_engine::Engine& engine, const std::string& host) {
+  return workbench::answered(engine, "http://" + host + "/x", host);
 }
 
-Json command(Engine& engine, const std::string& name) {
-  Problem problem;
-  const auto text = engine.command(name, "", problem);
-  EXPECT_TRUE(text) << pac_engine::describe(problem);
-  return text ? Json::parse(*text) : Json();
-}
-
-std::string answered(Engine& engine, const std::string& host) {
-  const auto reply = engine.evaluate("http://" + host + "/x", host);
-  return reply.result ? *reply.result : pac_engine::describe(reply.problem);
-}
-
-/// Writes one script. With `counts` each statement first counts its own line.
+/// Writes one script. With `counts` each statement first counts its own line, each test counts what
+/// it came to, and each case that it was entered. A test or a case has the number of its line and
+/// its own in that line.
 class Generator {
  public:
   Generator(unsigned seed, bool counts) : mRandom(seed), mCounts(counts) {}
@@ -60,7 +44,9 @@ class Generator {
   std::string script() {
     // One line, which no generated statement is on; counting, the entry point is another function.
     mText = choose({"", "'use strict'; "});
-    mText += mCounts ? "var kept = {}; function k(n) { kept[n] = (kept[n] || 0) + 1; } " : "";
+    mText += mCounts ? "var kept = {}; function k(n) { kept[n] = (kept[n] || 0) + 1; } "
+                       "function t(n, v) { k('t' + n + (v ? '+' : '-')); return v; } "
+                     : "";
     mText += R"(var v = 0; var o = {p(x) { return x; }, get g() { return v > 1 && v < 5; }}; )"
              R"(function* gen(x) { yield v || x; v++; yield !x; } )"
              R"(function f(x) { if (x) return x; else return !x && v; } )"
@@ -76,7 +62,7 @@ class Generator {
     if (mCounts)
       mText +=
           "function FindProxyForURL(url, host) { kept = {}; try { Inner(url, host); } catch (e) {} "
-          "return Object.keys(kept).map((n) => n + '=' + kept[n]).join(' '); }\n";
+          "return Object.keys(kept).sort().map((n) => n + '=' + kept[n]).join(' '); }\n";
     return mText;
   }
 
@@ -94,6 +80,24 @@ class Generator {
   void raw(const std::string& text) {
     mText += text + "\n";
     ++mLine;
+    mTests = mCases = 0;
+  }
+
+  std::string numbered(unsigned number) const {
+    return "'" + std::to_string(mLine) + "." + std::to_string(number) + "'";
+  }
+
+  /// A test: `before`, an expression and `behind`.
+  std::string test(unsigned depth, const std::string& before = "", const std::string& behind = "") {
+    const auto number = numbered(mTests++);
+    const auto text = before + expression(depth) + behind;
+    return mCounts ? "t(" + number + ", " + text + ")" : text;
+  }
+
+  /// The beginning of a case, which counts that it was entered.
+  std::string entry(const std::string& head) {
+    const auto number = numbered(mCases++);
+    return head + ":" + (mCounts ? " k('c' + " + number + ");" : "");
   }
 
   void statements(unsigned depth, unsigned count) {
@@ -112,24 +116,23 @@ class Generator {
       case 0:
         return line("v = " + expression(2) + ";");
       case 1:
-        return line(choose({"v++", "var w = o.g || " + expression(1), "o.p(" + expression(2) + ")",
-                            "new K().m()", "alert(v)"}) +
-                    choose({";", ""}));
+        return line(simple() + choose({";", ""}));
       case 2:
-        return below(6) != 0 ? line("if (" + expression(2) + ") v += 1;", false)
+        return below(6) != 0 ? line("if (" + test(2) + ") v += 1;")
                              : line("return 'R' + (" + expression(1) + ");");
       case 3: {
         // A body without braces, on a line of its own.
-        line("if (" + expression(2) + ")");
+        line("if (" + test(2) + ")");
         line(choose({"v = 3;", "return 'S' + v;", "v--;"}), true);
         raw("else");
         return line("v = 4;", true);
       }
-      case 4:
-        return block("for (var i" + std::to_string(depth) + " = 0; i" + std::to_string(depth) +
-                         " < 3 && (" + expression(1) + " || true); i" + std::to_string(depth) +
-                         "++)",
+      case 4: {
+        const auto name = "i" + std::to_string(depth);
+        return block("for (var " + name + " = 0; " + test(1, name + " < 3 && (", " || true)") +
+                         "; " + name + "++)",
                      depth);
+      }
       case 5:
         raw(counted("try {"));
         statements(depth - 1, 1 + below(2));
@@ -139,22 +142,44 @@ class Generator {
         return raw("}");
       case 6:
         line("switch (" + choose({"v", "host", "typeof v"}) + ") {");
-        raw("case " + choose({"1", "'a'", "'number'", "f(v)"}) + ":");
+        raw(entry("case " + choose({"1", "'a'", "'number'", "f(v)"})));
         statements(depth - 1, 1 + below(2));
-        raw("case 4: case 5:");
+        raw(entry("case 4") + " " + entry("case 5"));
         line(choose({"v = 9;", "break;"}));
-        raw("default:");
+        raw(entry("default"));
         statements(depth - 1, below(2));
         return raw("}");
       case 7:
         return block("for (const x of gen(" + expression(1) + "))", depth);
       default:
-        return block("if (" + expression(2) + ")", depth);
+        return block("if (" + test(2) + ")", depth);
     }
   }
 
+  std::string simple() {
+    switch (below(5)) {
+      case 0:
+        return "v++";
+      case 1:
+        return "var w = o.g || " + expression(1);
+      case 2:
+        return "o.p(" + expression(2) + ")";
+      case 3:
+        return "new K().m()";
+      default:
+        return "alert(v)";
+    }
+  }
+
+  /// Expressions with `between`, each of them written before the next: their tests are numbered.
+  std::string joined(unsigned depth, const std::string& between) {
+    const auto first = expression(depth);
+    return first + between + expression(depth);
+  }
+
   std::string expression(unsigned depth) {
-    const auto inner = [&] { return depth == 0 ? std::string("v") : expression(depth - 1); };
+    const auto below1 = depth == 0 ? 0 : depth - 1;
+    const auto inner = [&] { return expression(below1); };
     switch (below(depth == 0 ? 8 : 18)) {
       case 0:
         return "isPlainHostName(host)";
@@ -175,11 +200,13 @@ class Generator {
       case 8:
         return "!" + inner();
       case 9:
-        return "(" + inner() + " && " + inner() + ")";
+        return "(" + joined(below1, " && ") + ")";
       case 10:
-        return "(" + inner() + " || " + inner() + ")";
-      case 11:
-        return "(" + inner() + " ? " + inner() + " : " + inner() + ")";
+        return "(" + joined(below1, " || ") + ")";
+      case 11: {
+        const auto condition = test(below1);
+        return "(" + condition + " ? " + joined(below1, " : ") + ")";
+      }
       case 12:
         return "(v = v + 1, " + inner() + ")";
       case 13:
@@ -187,12 +214,12 @@ class Generator {
       case 14:
         return "o?.p?.(" + inner() + ")";
       case 15:
-        return "((x) => x || " + inner() + ")(" + inner() + ")";
+        return "((x) => x || " + joined(below1, ")(") + ")";
       case 16:
         return "eval(\"host.length > 3 && v\")";
       default:
-        return below(8) == 0 ? "nothing.here"
-                             : "([...gen(" + inner() + ")].length ?? `${" + inner() + "}`)";
+        if (below(8) == 0) return "nothing.here";
+        return "([...gen(" + joined(below1, ")].length ?? `${") + "}`)";
     }
   }
 
@@ -200,6 +227,8 @@ class Generator {
   const bool mCounts;
   std::string mText;
   unsigned mLine = 1;
+  unsigned mTests = 0;  ///< in this line
+  unsigned mCases = 0;
 };
 
 TEST(GeneratedScripts, AnswerAlikeWhetherWatchedOrNot) {
@@ -227,9 +256,48 @@ TEST(GeneratedScripts, AnswerAlikeWhetherWatchedOrNot) {
   EXPECT_GT(answers, number * kHosts.size() / 3);
 }
 
-TEST(GeneratedScripts, ReachTheirStatementsAsOftenAsTheyCountThemselves) {
+/// What the trace counted, in the words of a script that counts: "LINE=TIMES" of the first
+/// statement of a line, "tLINE.NUMBER+=TIMES" and "-" of a test, "cLINE.NUMBER=TIMES" of a case.
+std::string countsOf(const Json& trace, const Json& places) {
+  // The number of each test and case in its line: by column, the outer one of two first.
+  std::map<std::tuple<char, unsigned, unsigned, std::size_t>, std::size_t> order;
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    const auto kind = places[i][0].get<std::string>()[0];
+    order[{kind, places[i][1], places[i][2], i}] = i;
+  }
+  std::map<std::size_t, unsigned> numbers;
+  std::map<std::pair<char, unsigned>, unsigned> next;
+  for (const auto& [key, place] : order)
+    numbers[place] = next[{std::get<0>(key), std::get<1>(key)}]++;
+
+  std::map<std::string, unsigned> counts;
+  const auto add = [&](const std::string& name, const Json& times) {
+    if (times != 0) counts[name] += times.get<unsigned>();
+  };
+  for (const auto& count : trace["counts"]) {
+    const auto index = count[0].get<std::size_t>();
+    const auto& place = places[index];
+    const auto kind = place[0].get<std::string>()[0];
+    const auto line = place[1].get<unsigned>();
+    if (line == 1) continue;
+    const auto name = kind + std::to_string(line) + "." + std::to_string(numbers[index]);
+    // Behind the first statement of a line the script does not count.
+    if (kind == 's' && place[2] == 1) add(std::to_string(line), count[1]);
+    if (kind == 'c') add(name, count[1]);
+    if (kind != 't') continue;
+    add(name + "+", count[2]);
+    add(name + "-", count[3]);
+  }
+  std::string text;
+  for (const auto& [name, count] : counts)
+    text += (text.empty() ? "" : " ") + name + "=" + std::to_string(count);
+  return text;
+}
+
+TEST(GeneratedScripts, ReachTheirStatementsAndBranchesAsOftenAsTheyCountThemselves) {
   const auto first = numberFrom("WORKBENCH_SEED", 1);
   const auto number = numberFrom("WORKBENCH_SCRIPTS", kScriptsOfAPlainRun);
+  std::map<char, unsigned> counted;
   for (unsigned seed = first; seed < first + number; ++seed) {
     const auto script = Generator(seed, false).script();
     Problem refused;
@@ -240,22 +308,17 @@ TEST(GeneratedScripts, ReachTheirStatementsAsOftenAsTheyCountThemselves) {
     const auto counting = load(Generator(seed, true).script(), WorkerRole::kAnswers, refused);
     ASSERT_TRUE(traced && counting) << seed << pac_engine::describe(refused);
     command(*traced, "trace");
-    const auto host = kHosts[seed % kHosts.size()];
-    answered(*traced, host);
-    std::map<unsigned, unsigned> lines;
-    const auto trace = command(*traced, "trace");
-    for (const auto& count : trace["counts"]) {
-      const auto& place = report["places"][count[0].get<std::size_t>()];
-      const auto line = place[1].get<unsigned>();
-      // The first statement of a line, as the script counts: column 1, or behind nothing else.
-      if (place[0].get<std::string>()[0] == 's' && line > 1 && place[2] == 1)
-        lines[line] += count[1].get<unsigned>();
+    for (const auto& host : kHosts) {
+      answered(*traced, host);
+      const auto counts = countsOf(command(*traced, "trace"), report["places"]);
+      ASSERT_EQ(counts, answered(*counting, host)) << seed << "\n" << script;
+      for (const auto kind : {'t', 'c'})
+        if (counts.find(kind) != counts.npos) ++counted[kind];
     }
-    std::string told;
-    for (const auto& [line, count] : lines)
-      told += (told.empty() ? "" : " ") + std::to_string(line) + "=" + std::to_string(count);
-    ASSERT_EQ(told, answered(*counting, host)) << seed << "\n" << script;
   }
+  // Most evaluations go through a test, some through a case.
+  EXPECT_GT(counted['t'], number * kHosts.size() / 3);
+  EXPECT_GT(counted['c'], number * kHosts.size() / 20);
 }
 
 }  // namespace

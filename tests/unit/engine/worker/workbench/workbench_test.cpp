@@ -2,48 +2,33 @@
 // result.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
 #include <string>
 
-#include "engine/pac_engine.h"
+#include "tests/unit/engine/worker/workbench/workbench_engines.h"
 
 namespace {
 
-using Json = nlohmann::json;
 using pac_engine::Engine;
-using pac_engine::Options;
 using pac_engine::Problem;
 using pac_engine::WorkerRole;
+using workbench::answered;
+using workbench::Json;
 
 std::unique_ptr<Engine> load(const std::string& script, WorkerRole role) {
-  Options options;
-  options.role = role;
-  options.names.staticNames = pac_engine::StaticNames{{"known.example", {"192.0.2.7"}}};
-  options.ownAddresses = {{"10.1.2.3"}};
-  options.timeLimit = std::chrono::seconds(60);
   Problem refused;
-  auto engine = Engine::load(script, options, refused);
+  auto engine = workbench::load(script, role, refused);
   EXPECT_NE(engine, nullptr) << pac_engine::describe(refused);
   return engine;
 }
 
 Json command(Engine& engine, const std::string& name, const Json& argument) {
-  Problem problem;
-  const auto text = engine.command(
-      name, argument.is_string() ? argument.get<std::string>() : argument.dump(), problem);
-  EXPECT_TRUE(text) << pac_engine::describe(problem);
-  return text ? Json::parse(*text) : Json();
+  return workbench::command(engine, name,
+                            argument.is_string() ? argument.get<std::string>() : argument.dump());
 }
 
 Json instrumented(const std::string& script) {
   const auto parser = load(script, WorkerRole::kParses);
   return command(*parser, "instrument", Json::object());
-}
-
-/// What the script answers for `url`, or why it does not.
-std::string answered(Engine& engine, const std::string& url, const std::string& host) {
-  const auto reply = engine.evaluate(url, host);
-  return reply.result ? *reply.result : pac_engine::describe(reply.problem);
 }
 
 /// The events of one evaluation of `script`.

@@ -1,4 +1,4 @@
-#include "client/ctl/commands/current_script.h"
+#include "client/ctl/commands/chosen_script.h"
 
 #include <CLI/CLI.hpp>
 #include <system_error>
@@ -11,26 +11,41 @@
 
 namespace client {
 
-void addChosenScript(CLI::App& command, ChosenScript& chosen, std::vector<std::string>& urls) {
+void addScriptFile(CLI::App& command, ChosenScript& chosen) {
   command
       .add_option("FILE", chosen.file,
                   "The PAC script: a file of at most\n512,000 bytes, or \"-\" for standard input")
       ->option_text(" ");
-  command.add_flag("--current", chosen.isCurrent,
-                   "Instead of FILE the script in force, which\nthe daemon has fetched");
   command.add_option("-p", chosen.option, "The same as FILE")->option_text("FILE");
-  command.add_option("-u", urls, "The same as URL")->option_text("URL")->allow_extra_args(false);
 }
 
-void settleChosenScript(ChosenScript& chosen, std::vector<std::string>& urls) {
-  if (chosen.isCurrent || !chosen.option.empty()) {
-    if (chosen.isCurrent && !chosen.option.empty()) {
-      throw CLI::ValidationError("--current", "there is a file already");
-    }
-    if (!chosen.file.empty()) urls.insert(urls.begin(), std::move(chosen.file));
-    chosen.file = chosen.isCurrent ? base::kPacFile : chosen.option;
-  } else if (chosen.file.empty()) {
-    throw CLI::RequiredError("FILE");
+void addCurrentScript(CLI::App& command, ChosenScript& chosen) {
+  command.add_flag("--current", chosen.isCurrent,
+                   "Instead of FILE the script in force, which\nthe daemon has fetched");
+}
+
+std::vector<std::string> settleScript(ChosenScript& chosen) {
+  if (!chosen.isCurrent && chosen.option.empty()) {
+    if (chosen.file.empty()) throw CLI::RequiredError("FILE");
+    return {};
+  }
+  if (chosen.isCurrent && !chosen.option.empty()) {
+    throw CLI::ValidationError("--current", "-p names a script already");
+  }
+  std::vector<std::string> others;
+  if (!chosen.file.empty()) others.push_back(std::move(chosen.file));
+  chosen.file = chosen.isCurrent ? base::kPacFile : chosen.option;
+  return others;
+}
+
+void settleOnlyScript(ChosenScript& chosen) {
+  const auto others = settleScript(chosen);
+  if (!others.empty()) throw CLI::ExtrasError(others);
+}
+
+void checkStandardInput(const ChosenScript& chosen, const std::string& file) {
+  if (!chosen.isCurrent && chosen.file == "-" && file == "-") {
+    throw CLI::ValidationError("-f", "standard input holds the script already");
   }
 }
 

@@ -1,0 +1,128 @@
+#include "client/ctl/commands/workbench_report.h"
+
+#include <algorithm>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <utility>
+
+namespace client {
+
+namespace {
+
+using Json = nlohmann::json;
+
+/// Longest time of a call: more than an evaluation may take.
+constexpr std::uint64_t kMostMicroseconds = 1'000'000'000'000;
+constexpr std::uint64_t kMostTimes = std::numeric_limits<std::uint64_t>::max();
+/// Deepest call of a helper in a helper: more than the stack of a script holds.
+constexpr std::uint64_t kMostDepth = 100'000;
+
+std::string textOf(const Json& value) {
+  return value.get<std::string>();
+}
+
+Place placeOf(const Json& row) {
+  Place place;
+  place.kind = textOf(row.at(0));
+  place.line = wholeNumber(row.at(1));
+  place.column = wholeNumber(row.at(2));
+  place.lastLine = wholeNumber(row.at(3));
+  place.source = textOf(row.at(4));
+  place.function = wholeNumber(row.at(5));
+  place.owner = row.at(6) == -1 ? -1 : static_cast<int>(wholeNumber(row.at(6)));
+  place.branch = row.at(7).get<bool>();
+  return place;
+}
+
+/// A time, small enough for the sum of all of a report.
+std::int64_t microsecondsOf(const Json& value) {
+  return static_cast<std::int64_t>(wholeNumber(value, kMostMicroseconds));
+}
+
+TracedLookup lookupOf(const Json& row) {
+  TracedLookup lookup;
+  lookup.name = row.at(0).get<std::string>();
+  lookup.addresses = row.at(1).get<std::vector<std::string>>();
+  lookup.microseconds = microsecondsOf(row.at(2));
+  lookup.isNew = row.at(3).get<bool>();
+  return lookup;
+}
+
+TracedCall callOf(const Json& row) {
+  TracedCall call;
+  call.depth = wholeNumber(row.at(1), kMostDepth);
+  call.name = row.at(2).get<std::string>();
+  call.arguments = row.at(3).get<std::vector<std::string>>();
+  if (!row.at(4).is_null()) call.result = row.at(4).get<std::string>();
+  call.microseconds = microsecondsOf(row.at(5));
+  for (const auto& lookup : row.at(6)) call.lookups.push_back(lookupOf(lookup));
+  return call;
+}
+
+/// Gives the call that ended last under the name that stands at `place` its place.
+void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::string& source) {
+  const auto found = std::find_if(events.rbegin(), events.rend(), [&](const TracedEvent& event) {
+    return event.call && event.call->depth == 0 && !event.place &&
+           source.compare(0, event.call->name.size(), event.call->name) == 0;
+  });
+  if (found != events.rend()) found->place = place;
+}
+
+}  // namespace
+
+// The library would turn a fraction or a negative number into a whole one.
+std::uint64_t wholeNumber(const Json& value, std::uint64_t most) {
+  if (!value.is_number_unsigned() || value.get<std::uint64_t>() > most) {
+    throw std::out_of_range("number");
+  }
+  return value.get<std::uint64_t>();
+}
+
+InstrumentedScript instrumentedOf(const Json& report) {
+  InstrumentedScript script;
+  script.text = textOf(report.at("script"));
+  script.source = textOf(report.at("source"));
+  for (const auto& row : report.at("places")) script.places.push_back(placeOf(row));
+  for (const auto& row : report.at("functions")) {
+    script.functions.push_back({textOf(row.at(0)), wholeNumber(row.at(1)), wholeNumber(row.at(2))});
+  }
+  for (const auto& row : report.at("notes")) {
+    script.notes.push_back({wholeNumber(row.at(0)), textOf(row.at(1))});
+  }
+  const auto count = static_cast<int>(script.places.size());
+  for (const auto& place : script.places) {
+    if (place.owner >= count || place.function >= script.functions.size()) {
+      throw std::out_of_range("place");
+    }
+  }
+  return script;
+}
+
+Trace traceOf(const Json& report, const std::vector<Place>& places) {
+  Trace trace;
+  for (const auto& row : report.at("counts")) {
+    const PlaceCount count{wholeNumber(row.at(0)), wholeNumber(row.at(1), kMostTimes),
+                           wholeNumber(row.at(2), kMostTimes), wholeNumber(row.at(3), kMostTimes)};
+    if (count.place >= places.size()) throw std::out_of_range("place");
+    trace.counts.push_back(count);
+  }
+  for (const auto& row : report.at("events")) {
+    TracedEvent event;
+    if (row.at(0).get<std::string>() == "c") {
+      event.call = callOf(row);
+    } else {
+      event.place = wholeNumber(row.at(1));
+      event.value = row.at(2).get<std::string>();
+      event.truthy = row.at(3).get<bool>();
+      const auto& place = places.at(*event.place);
+      if (place.is('h')) placeCall(trace.events, *event.place, place.source);
+    }
+    trace.events.push_back(std::move(event));
+  }
+  trace.cut = report.at("cut").get<bool>();
+  trace.ownText = report.at("ownText").get<bool>();
+  return trace;
+}
+
+}  // namespace client

@@ -1,0 +1,23 @@
+// Lists of URLs and access logs: what is read as a URL is one word of the log, or made of one.
+#include "client/ctl/terminal/logged_url.h"
+#include "tests/fuzz/support/input.h"
+#include "tests/fuzz/support/require.h"
+#include "tests/fuzz/support/target.h"
+
+using fuzz::require;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const auto log = fuzz::textOf(data, size);
+  const auto urls = client::urlsOfLog(log);
+  require(urls.size() <= size, "a log has no more URLs than bytes");
+  // The page of the relay is JSON, whose texts may hold anything.
+  const bool isPage = log.find("destination") != std::string_view::npos;
+  for (const auto& url : urls) {
+    require(!url.empty(), "a URL is not empty");
+    if (isPage) continue;
+    require(url.find_first_of(" \t\n") == std::string::npos, "a URL is one word");
+    require(url.size() <= size + std::string_view("https:///").size(),
+            "a URL is a part of the log");
+  }
+  return 0;
+}

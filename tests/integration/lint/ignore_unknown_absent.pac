@@ -1,0 +1,8 @@
+// A comment that names the linter without the word that ignores, and one with rules that there are.
+// pac-lint: the next line is meant as it is
+function FindProxyForURL(url, host) {
+  if (isPlainHostName(host)) return "DIRECT";
+  // pac-lint: ignore=domain-dot,host-case
+  if (dnsDomainIs(host, "Example.org")) return "DIRECT";
+  return "PROXY proxy.corp.example:8080; DIRECT";
+}
