@@ -37,6 +37,15 @@ else
   }
 fi
 
+# dpkg refuses to install two packages with the same file, unless it is in place already.
+twice=$(for package in "$out"/*.deb; do
+  dpkg-deb --fsys-tarfile "$package" | tar -t | grep -v '/$'
+done | sort | uniq -d)
+[ -z "$twice" ] || {
+  printf 'two packages have the same file:\n%s\n' "$twice" >&2
+  exit 1
+}
+
 # Errors and warnings fail, and so does an override that no longer overrides anything.
 lintian --allow-root --fail-on error,warning --tag-display-limit 0 "$out"/*.changes
 unused=$(lintian --allow-root --tags unused-override,mismatched-override "$out"/*.changes)
