@@ -55,7 +55,7 @@ std::string_view takeToken(std::string_view& text) {
   return token;
 }
 
-/// A token or a quoted string. @return whether it was whole
+/// Takes a token or a quoted string from the start of `text`. @return whether it was complete
 bool takeValue(std::string_view& text, std::string& value) {
   if (!text.starts_with('"')) {
     value = std::string(takeToken(text));
@@ -95,7 +95,8 @@ Scheme schemeOf(std::string_view name) {
   return equalIgnoringCase(name, "Digest") ? Scheme::kDigestMd5 : Scheme::kNone;
 }
 
-/// Takes one challenge, "scheme name=value, ...", off `text`; what cannot be read ends the text.
+/// Takes one challenge, "scheme name=value, ...", from the start of `text`. If it cannot be read,
+/// nothing of `text` is left.
 Challenge takeChallenge(std::string_view& text) {
   Challenge challenge;
   challenge.scheme = schemeOf(takeToken(text));

@@ -1,7 +1,7 @@
-// Basic and Digest for requests in absolute form (RFC 7617, RFC 7616): libcurl has them for
-// CONNECT.
+// Basic and Digest for requests in absolute form (RFC 7617, RFC 7616). For CONNECT, libcurl does
+// the same.
 //
-// NTLM and Negotiate authenticate a connection rather than a request, and are not here.
+// NTLM and Negotiate authenticate a connection, not a request. The relay does not support them.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ namespace relay {
 /// Longest parameter of a challenge, in bytes.
 inline constexpr std::size_t kMaxChallengeText = 1024;
 
-/// What a proxy asked for, of the schemes that are known: the strongest one.
+/// The strongest challenge of a known scheme that a proxy has sent.
 struct Challenge {
   enum class Scheme : std::uint8_t { kNone, kBasic, kDigestMd5, kDigestSha256 };
   Scheme scheme = Scheme::kNone;
@@ -28,18 +28,18 @@ struct Challenge {
   bool isStale = false;    ///< the nonce was too old; the password may be right
 };
 
-/// Reads the values of the fields Proxy-Authenticate.
+/// Reads the values of the Proxy-Authenticate fields of one response.
 Challenge readChallenges(const std::vector<std::string_view>& values);
 
-/// The value of Proxy-Authorization.
-/// @param method and uri those of the request line
-/// @param clientNonce printable, without quotes; of Digest
-/// @param count how often the nonce is used, from 1; of Digest
+/// @return the value of the field Proxy-Authorization
+/// @param method, uri as in the request line
+/// @param clientNonce printable text without quotes; used for Digest only
+/// @param count how often the nonce has been used, from 1; used for Digest only
 std::string authorizationFor(const Challenge& challenge, const Credentials& credentials,
                              std::string_view method, std::string_view uri,
                              std::string_view clientNonce, unsigned count);
 
-/// A client nonce of 128 random bits.
+/// @return a client nonce of 128 random bits
 std::string newClientNonce();
 
 }  // namespace relay

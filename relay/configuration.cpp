@@ -20,7 +20,7 @@ namespace relay {
 
 namespace {
 
-/// Takes the value of one key; returns what is wrong with it, or an empty text.
+/// Sets one key from its value. Returns the error text, or an empty text.
 using Setter = std::function<std::string(Configuration&, const toml::node&)>;
 
 template <typename Number>
@@ -64,7 +64,7 @@ Setter count(unsigned Configuration::*member) {
   };
 }
 
-/// Takes one value of a list; returns whether it is one.
+/// Adds one value of a list. Returns false if the value is wrong.
 using Taker = std::function<bool(Configuration&, const toml::node&)>;
 
 Setter list(Taker take, std::string wants) {
@@ -183,7 +183,7 @@ std::string setKey(Configuration& configuration, std::string_view key, const tom
   return setter->second(configuration, value);
 }
 
-/// A key may hold anything in quotes: only plain ones are shown.
+/// A key in quotes may hold any text, so only plain keys are shown.
 std::string shownKey(std::string_view key) {
   return isWord(key) && key.size() <= 64 ? std::string(key) : std::string("this key");
 }
@@ -264,7 +264,7 @@ ReadCredentials readCredentials(std::string_view text) {
   }
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
-    // The library's description would quote the file, which holds passwords.
+    // The library's own description could quote a line of the file, which holds passwords.
     read.problems.push_back({parsed.error().source().begin.line, "is not TOML"});
     return read;
   }

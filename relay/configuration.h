@@ -1,8 +1,8 @@
 // The keys of relay.conf with their defaults and units, and the parser of this file.
 //
 // The format is TOML, as in settings.conf. Each key is optional. An unknown key, a value of the
-// wrong type and a value out of range are problems, which are reported with their lines. The relay
-// then does not start: a misspelt `deny-users` must not open the relay to everybody.
+// wrong type or a value out of range is a problem, which is reported with its line. The relay then
+// does not start: a misspelt `deny-users` must not open the relay to everybody.
 //
 // The configuration does not change after the start. Only the relay's one thread uses it.
 #pragma once
@@ -17,14 +17,15 @@
 
 namespace relay {
 
-/// Longest relay.conf or credentials file that is read, in bytes. The commented one has 5 KiB.
+/// Longest relay.conf or credentials file that the relay reads, in bytes. The commented example has
+/// 5 KiB.
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
-/// Most values in one list. Each connection is compared with each value.
+/// Most values of one list. The relay compares each connection with each value.
 inline constexpr std::size_t kMaxListValues = 256;
-/// The highest value of the limits of connections. Each connection needs two descriptors, and few
-/// processes may have more than twice this number.
+/// Highest value of the connection limits. Each connection needs two descriptors, and few processes
+/// may open more than twice this number.
 inline constexpr unsigned kMostConnections = 65536;
-/// The shortest and the longest time that can be configured.
+/// Shortest and longest time that a key accepts.
 inline constexpr std::chrono::seconds kShortestTime{1};
 inline constexpr std::chrono::seconds kLongestTime{std::chrono::hours{24}};
 
@@ -48,44 +49,50 @@ struct Network {
 struct Configuration {
   /// `when-no-answer = "direct" | "refuse"`
   NoAnswer whenNoAnswer = NoAnswer::kDirect;
-  /// `allow-ports = [443, "8000-8999"]`: ports of CONNECT and SOCKS. Empty: all.
+  /// `allow-ports = [443, "8000-8999"]`: ports that CONNECT and SOCKS may use. Empty: all.
   std::vector<PortRange> allowPorts;
-  /// `allow-from = ["192.0.2.0/24"]`: networks of allowed clients besides loopback. Empty: none.
+  /// `allow-from = ["192.0.2.0/24"]`: networks whose machines may use the relay, besides loopback.
+  /// Empty: none.
   std::vector<Network> allowFrom;
-  /// `allow-users = ["name", "@group"]`: if set, others are refused. Empty: all.
+  /// `allow-users = ["name", "@group"]`: only these users may use the relay. Empty: all users.
   std::vector<std::string> allowUsers;
-  /// `deny-users = ["name", "@group"]`: refused, also if allow-users has them.
+  /// `deny-users = ["name", "@group"]`: these users are refused, even if allow-users lists them.
   std::vector<std::string> denyUsers;
-  /// `credentials-for = "all" | ["name", "@group"]`: whose requests carry credentials.
+  /// `credentials-for = "all"
+  /// ["name", "@group"]`: the users whose requests get credentials for proxies.
   bool credentialsForAll = true;
   std::vector<std::string> credentialsFor;
-  /// `credentials-file = "/path"`: user and password by the proxy's host. Empty: none.
+  /// `credentials-file = "/path"`: a file with a user and a password for each proxy. Empty: none.
   std::string credentialsFile;
-  /// `credentials-hosts = ["proxy.example.org"]`: proxies of a script that get those credentials.
-  /// Without a port each port of the host counts. The manual proxy always gets them.
+  /// `credentials-hosts = ["proxy.example.org"]`: proxies that a script may name and that get the
+  /// credentials of that file. A name without a port stands for each port. The manual proxy always
+  /// gets its credentials.
   std::vector<std::string> credentialsHosts;
-  /// `max-connections = 4096`: of all clients.
+  /// `max-connections = 4096`: for all clients together.
   unsigned maxConnections = 4096;
-  /// `max-connections-of-user = 1024`: of one user. Clients whose user is not known count together.
+  /// `max-connections-of-user = 1024`: for each user. All clients whose user is not known count as
+  /// one user.
   unsigned maxConnectionsOfUser = 1024;
-  /// `head-time = "60s"`: for the whole head of a request. It begins with the connection, and on a
-  /// kept connection with the first byte of the next request.
+  /// `head-time = "60s"`: time limit for the whole head of a request. The time starts with the
+  /// connection, and on a kept connection with the first byte of the next request.
   std::chrono::seconds headTime{60};
-  /// `connect-time = "10s"`: for one entry of an answer, until its tunnel or connection is ready.
+  /// `connect-time = "10s"`: time limit for one entry of an answer, until its tunnel or connection
+  /// is ready.
   std::chrono::seconds connectTime{10};
-  /// `idle-time = "1h"`: of a tunnel or a transfer without a byte in either direction.
+  /// `idle-time = "1h"`: longest time of a tunnel or a transfer without a byte in either direction.
   std::chrono::seconds idleTime{std::chrono::hours{1}};
-  /// `kept-time = "60s"`: how long a connection may wait for its next request.
+  /// `kept-time = "60s"`: how long a kept connection may wait for its next request.
   std::chrono::seconds keptTime{60};
-  /// `penalty-time = "5m"`: how long a proxy that failed is tried last.
+  /// `penalty-time = "5m"`: how long the relay tries a proxy last after the proxy has failed.
   std::chrono::seconds penaltyTime{std::chrono::minutes{5}};
-  /// `log-requests = false`: true logs a line for each request, not only for failed requests.
+  /// `log-requests = false`: if true, the relay logs a line for each request. If false, it logs
+  /// only failed requests.
   bool logRequests = false;
 
   bool operator==(const Configuration&) const = default;
 };
 
-/// A problem of a file.
+/// A problem of a configuration file.
 struct Problem {
   unsigned line = 0;  ///< from 1; 0 if the problem is the file itself
   std::string text;
@@ -97,7 +104,7 @@ struct ReadConfiguration {
   std::vector<Problem> problems;  ///< if not empty, the configuration must not be used
 };
 
-/// User and password for one proxy.
+/// The user and the password for one proxy.
 struct Credentials {
   std::string user;
   std::string password;
@@ -105,7 +112,7 @@ struct Credentials {
 };
 
 struct ReadCredentials {
-  /// By "host" or "host:port", in lower case.
+  /// Keys are "host" or "host:port", in lower case.
   std::vector<std::pair<std::string, Credentials>> byHost;
   std::vector<Problem> problems;
 };
@@ -113,15 +120,15 @@ struct ReadCredentials {
 /// Reads the text of relay.conf. Throws nothing but std::bad_alloc.
 ReadConfiguration readConfiguration(std::string_view text);
 
-/// Reads the text of a credentials file: a table for each proxy, `["host:port"]`, with the keys
-/// `user` and `password`. Problems hold no value of the file.
+/// Reads the text of a credentials file. The file has a table `["host:port"]` for each proxy, with
+/// the keys `user` and `password`. Problems hold no value of the file.
 ReadCredentials readCredentials(std::string_view text);
 
 /// Reads "192.0.2.0/24", "2001:db8::/32" or a single address.
-/// @return whether `text` is a network; `network` is set only then
+/// @return whether `text` is a network; if false, `network` is unchanged
 bool readNetwork(std::string_view text, Network& network);
 
-/// Whether `address`, 16 bytes as in Network, is in `network`.
+/// @return whether `network` contains `address`, which has 16 bytes as in Network
 bool contains(const Network& network, const unsigned char* address);
 
 }  // namespace relay

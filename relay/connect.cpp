@@ -34,7 +34,8 @@ class Race : public std::enable_shared_from_this<Race> {
     const auto& address = mAddresses[mNext++];
     const auto socket = mSockets.emplace(mSockets.end(), mLoop);
     mRunning++;
-    // A failed attempt may start the next one at once: the timer is armed before.
+    // The timer is set before the attempt, because an attempt that fails at once starts the next
+    // one.
     mTimer.expires_after(kNextAddressAfter);
     mTimer.async_wait([self = shared_from_this()](const ErrorCode& error) {
       if (!error) self->startNext();

@@ -1,4 +1,4 @@
-// A TCP connection to the first of a name's addresses that answers (RFC 8305, "happy eyeballs").
+// Connects by TCP to the address of a name that answers first (RFC 8305, "happy eyeballs").
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@ struct Connected {
   std::string problem;  ///< without a socket: the last error, for people
 };
 
-/// Connects to one of `addresses`, which is not empty, within `limit`.
+/// Connects to one of `addresses` within `limit`. `addresses` must not be empty.
 Task<Connected> connectToOne(asio::io_context& loop, std::vector<Protocol::endpoint> addresses,
                              Clock::duration limit);
 

@@ -1,4 +1,5 @@
-// What all connections of the relay share. One for the process, on the relay's one thread.
+// What all connections of the relay share. The process has one Context; only the relay's one thread
+// uses it.
 #pragma once
 
 #include <string>
@@ -16,11 +17,11 @@
 
 namespace relay {
 
-/// Most proxies whose challenge is remembered; the list starts again when it is full.
+/// Most proxies whose challenge the relay remembers. When the list is full, the relay clears it.
 inline constexpr std::size_t kMaxChallenges = 64;
 
-/// What a proxy asked for last, so that the next request is sent with its password at once. Without
-/// a scheme: the proxy took a request without a password.
+/// The last challenge of a proxy. With it, the next request sends its password at once. No scheme:
+/// the proxy accepted a request without a password.
 struct KnownChallenge {
   Challenge challenge;
   std::string clientNonce;
@@ -30,16 +31,16 @@ struct KnownChallenge {
 struct Context {
   Context(asio::io_context& io, const Configured& from, std::vector<Protocol::endpoint> own);
 
-  /// Whether a connection to `address` would end at this relay.
+  /// Whether a connection to `address` would arrive at this relay.
   bool isOurs(const sockaddr* address) const;
-  /// User and password for `entry`, an entry of an answer in the mode `mode`, as `peer` may use
-  /// them; without a user if there are none.
+  /// The user and the password for the proxy `entry` of an answer in mode `mode`. The user is empty
+  /// if there are none, or if `peer` may not use them.
   Credentials credentialsFor(const Entry& entry, const std::string& mode, const Peer& peer);
 
   asio::io_context& loop;
   const Configured& configured;
   const std::vector<Protocol::endpoint> listens;
-  const std::string name;  ///< in Via: another one at each start
+  const std::string name;  ///< for Via; a new random name at each start
   Sweeper sweeper;
   Names names;
   Questions questions;

@@ -24,7 +24,7 @@ struct Closer {
 template <typename Kind>
 using Held = std::unique_ptr<Kind, Closer>;
 
-/// The line that the process which owns the daemon's name has given systemd.
+/// @return the status line that the owner of the daemon's bus name has sent to systemd
 std::optional<base::DaemonStatus> ask() {
   sd_bus* opened = nullptr;
   if (sd_bus_open_system(&opened) < 0) return std::nullopt;
@@ -59,7 +59,7 @@ std::optional<base::DaemonStatus> ask() {
 }  // namespace
 
 void DaemonReport::start() {
-  // Signals are the main thread's.
+  // Only the main thread may receive signals.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

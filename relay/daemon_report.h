@@ -1,8 +1,8 @@
-// What the daemon reports to systemd, for the relay's pages: when it was configured, and where its
-// script is from. Everybody may read that.
+// The status line that the daemon sends to systemd, for the relay's pages: when the daemon was
+// configured, and the source of its script. Every user may read this line.
 //
-// The bus library waits without a limit while it connects, so a thread asks. One asks at a time,
-// and pages that want the report meanwhile share it.
+// The bus library waits without a limit while it connects, so a separate thread asks. Only one
+// thread asks at a time. Pages that want the report meanwhile share its result.
 #pragma once
 
 #include <memory>
@@ -14,15 +14,15 @@
 
 namespace relay {
 
-/// How long a page waits for the report: systemd answers within milliseconds.
+/// How long a page waits for the report. systemd usually answers within milliseconds.
 inline constexpr std::chrono::seconds kReportTime{1};
 
 class DaemonReport {
  public:
   explicit DaemonReport(asio::io_context& loop) : mLoop(loop) {}
 
-  /// @return the report; nothing if there is none, if the daemon is no service of systemd, or after
-  ///         kReportTime
+  /// @return the report; nothing if there is none, if the daemon is not a service of systemd, or if
+  ///         no answer comes within kReportTime
   Task<std::optional<base::DaemonStatus>> read();
 
  private:

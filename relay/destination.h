@@ -8,7 +8,7 @@
 
 namespace relay {
 
-/// Longest name of a host, in characters, as in the name system.
+/// Longest host name, in characters: the limit of DNS.
 inline constexpr std::size_t kMaxHostName = 253;
 
 struct Destination {
@@ -17,25 +17,24 @@ struct Destination {
   bool operator==(const Destination&) const = default;
 
   bool isIpv6() const { return host.find(':') != std::string::npos; }
-  /// "host:port", with brackets around an IPv6 address.
+  /// "host:port". An IPv6 address stands in brackets.
   std::string text() const;
-  /// "host" or "host:port" if the port is not `usual`, as a Host field has it.
+  /// The value of a Host field: "host" if the port is `usual`, else "host:port".
   std::string hostField(std::uint16_t usual) const;
 };
 
-/// Reads "host:port" or "[address]:port". Without a port it is `usual`; 0 means that one must stand
-/// there. The host is a name of letters, digits and "-._~", or an address; nothing else is
-/// accepted.
+/// Reads "host:port" or "[address]:port". A missing port becomes `usual`; if `usual` is 0, the port
+/// is required. The host must be an address, or a name of letters, digits and "-._~".
 std::optional<Destination> readAuthority(std::string_view text, std::uint16_t usual);
 
-/// An absolute http URL as a request's target has it.
+/// An absolute http URL, which is the target of a request to a proxy.
 struct HttpTarget {
   Destination destination;
   std::string_view path;  ///< from "/" or "?" on; may be empty
 };
 
-/// Reads "http://host[:port][/path][?query]". User names and fragments are refused: they have no
-/// place in a request.
+/// Reads "http://host[:port][/path][?query]". A user name or a fragment is an error, because RFC
+/// 9110 forbids both in a request.
 std::optional<HttpTarget> readHttpTarget(std::string_view target);
 
 }  // namespace relay

@@ -18,8 +18,8 @@ struct Entry {
 
   bool isDirect() const { return kind == PROXYMANAGER_DIRECT; }
   bool isHttp() const { return kind == PROXYMANAGER_HTTP || kind == PROXYMANAGER_HTTPS; }
-  /// A name for people and for maps, without credentials: "http://proxy.example.org:3128",
-  /// "DIRECT".
+  /// A name without credentials, for people and as a key of maps: "http://proxy.example.org:3128"
+  /// or "DIRECT".
   std::string name() const;
 };
 

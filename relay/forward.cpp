@@ -1,4 +1,5 @@
-// Requests in absolute form: sent on to the server or to an HTTP proxy, and their answers back.
+// Requests in absolute form: the relay forwards them to the server or to an HTTP proxy, and returns
+// the answers.
 #include <array>
 #include <boost/asio/experimental/awaitable_operators.hpp>
 
@@ -11,10 +12,10 @@ namespace relay {
 
 namespace {
 
-/// Longer than any request: for a wait that another one ends.
+/// Longer than any request. For a wait that another event ends.
 constexpr std::chrono::hours kForever{24 * 365};
 
-/// A request that may be sent again if its connection ended without an answer (RFC 9110, 9.2.2).
+/// A request that may be repeated if its connection ended without an answer (RFC 9110, 9.2.2).
 bool isRepeatable(std::string_view method) {
   static constexpr std::array<std::string_view, 6> kMethods = {"GET",   "HEAD", "OPTIONS",
                                                                "TRACE", "PUT",  "DELETE"};
@@ -24,7 +25,7 @@ bool isRepeatable(std::string_view method) {
   return false;
 }
 
-/// The target as an HTTP proxy gets it.
+/// The target that an HTTP proxy gets.
 std::string targetFor(const RequestHead& request, const Route& route) {
   const auto target = readHttpTarget(request.target);
   std::string text = "http://" + route.destination().hostField(80);
@@ -71,13 +72,13 @@ Task<Session::Next> Session::forward(const RequestHead& request) {
   co_return co_await respond(failure.status, failure.text);
 }
 
-/// Whether nothing of the exchange has reached the client.
+/// Whether the client has got nothing of this exchange.
 bool Session::isWithoutAnswer(Exchange exchange) {
   return exchange == Exchange::kNoAnswer || exchange == Exchange::kAuthentication ||
          exchange == Exchange::kAgain;
 }
 
-/// Tries upstreams until one answers.
+/// Tries one upstream after the other until one answers.
 Task<Session::Exchange> Session::exchange(const RequestHead& request, const HttpTarget& target,
                                           Route& route) {
   mIsBodyStarted = false;
@@ -106,7 +107,7 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
       continue;
     }
     mFresh.reset();
-    // A kept connection may have ended since; nothing is wrong with its proxy then.
+    // A kept connection may have ended in the meantime. This does not mean that its proxy failed.
     if (wasReused && result == Exchange::kNoAnswer && !mIsBodyStarted &&
         isRepeatable(request.method)) {
       continue;
@@ -116,7 +117,7 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
     } else if (!wasReused) {
       route.closedEarly("the connection ended before an answer");
     }
-    // A proxy that answers 407 has not acted on the request.
+    // A proxy that answers 407 has not processed the request.
     const bool mayRepeat = result == Exchange::kAuthentication || isRepeatable(request.method);
     if (mIsBodyStarted || !mayRepeat) co_return Exchange::kNoAnswer;
   }
@@ -145,16 +146,16 @@ Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const 
   co_return result.index() == 0 ? std::get<0>(result) : Exchange::kClose;
 }
 
-/// Waits for the proxy to let the body go, if it may want a password first.
-/// @return false if the body stays: the answer has begun, or this wait was cancelled
+/// Waits until the proxy accepts the body, if the proxy may want a password first.
+/// @return false if the body must not be sent: the answer has begun, or this wait was cancelled
 Task<bool> Session::mayBodyLeave() {
   if (!mContinue || co_await mContinue->wait(kAnswerBeforeBody)) co_return true;
   const auto cancellation = co_await asio::this_coro::cancellation_state;
   co_return cancellation.cancelled() == asio::cancellation_type::none && !mHasServerByte;
 }
 
-/// Sends the request's body, and then waits until the answer is there: it is told to end by that.
-/// Ends itself only if the client's connection ended or its body is broken.
+/// Sends the request's body, and then waits: when the answer is complete, the caller cancels this
+/// coroutine. It ends by itself only if the client's connection ended or the body is broken.
 Task<void> Session::sendBody(const RequestHead& request) {
   BodyReader body(request.body);
   std::string out;
@@ -172,7 +173,7 @@ Task<void> Session::sendBody(const RequestHead& request) {
     expireAfter(mContext.configured.configuration.idleTime);
     if (out.empty()) continue;
     mIsBodyStarted = true;
-    // The server may refuse the rest and still answer.
+    // The server may refuse the rest of the body and still answer.
     if (!co_await mServer->stream.write(out)) break;
   }
   mIsBodySent = body.isComplete();
@@ -181,7 +182,7 @@ Task<void> Session::sendBody(const RequestHead& request) {
   co_await never.wait(kForever);
 }
 
-/// Reads the next head of the server's. @return false if there is none, or it is broken
+/// Reads the next response head. @return false if there is none, or if it is broken
 Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
                                  ResponseHead& response) {
   std::size_t searched = 0;
@@ -206,7 +207,7 @@ Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
   }
 }
 
-/// The value of Proxy-Authorization for mServer, if its challenge is known; else an empty text.
+/// The value of Proxy-Authorization for mServer. Empty if its challenge is not known.
 std::string Session::authorization(const RequestHead& request, const Route& route) {
   if (!mServer->isAbsoluteForm) return {};
   const auto known = mContext.challenges.find(mServer->entry.name());
@@ -218,8 +219,8 @@ std::string Session::authorization(const RequestHead& request, const Route& rout
                           targetFor(request, route), challenge.clientNonce, ++challenge.count);
 }
 
-/// Whether mServer could answer this request's head with a 407 that the relay can meet. A nonce of
-/// Digest may have become too old.
+/// Whether mServer could answer this request's head with a 407 for which the relay has a password.
+/// A known Digest challenge does not exclude that: its nonce may be too old.
 bool Session::mayWantPassword(const RequestHead& request, const Route& route) {
   const bool hasBody = request.body.kind != BodyKind::kNone;
   if (!hasBody || !mServer->isAbsoluteForm || mIsExpectRefused) return false;
@@ -230,9 +231,9 @@ bool Session::mayWantPassword(const RequestHead& request, const Route& route) {
   return scheme == Challenge::Scheme::kDigestMd5 || scheme == Challenge::Scheme::kDigestSha256;
 }
 
-/// Keeps what the proxy of a 407 asks for. @return whether another attempt can have the password
+/// Keeps the challenge of a 407. @return whether another attempt can send a password
 bool Session::canAuthenticate(const ResponseHead& response, const Route& route) {
-  if (mFresh) return false;  // it was refused
+  if (mFresh) return false;  // the proxy has refused this password
   if (mContext.credentialsFor(mServer->entry, route.mode(), mPeer).user.empty()) return false;
   std::vector<std::string_view> values;
   for (const auto& field : response.fields.list) {
@@ -242,22 +243,22 @@ bool Session::canAuthenticate(const ResponseHead& response, const Route& route) 
   known.challenge = readChallenges(values);
   if (known.challenge.scheme == Challenge::Scheme::kNone) return false;
   known.clientNonce = newClientNonce();
-  // A proxy refuses a count of a nonce that comes after a higher one. Requests that share a nonce
-  // may overtake each other, so the next attempt has one of its own.
+  // A proxy refuses a count if it has seen a higher count of the same nonce. Requests that share a
+  // nonce may overtake each other, so the next attempt uses a nonce of its own.
   mFresh = std::move(known);
   return true;
 }
 
-/// After a 407.
+/// Handles a 407.
 Session::Exchange Session::challenged(const ResponseHead& response, const Route& route) {
   if (!canAuthenticate(response, route)) return Exchange::kAuthentication;
   if (!mIsBodyStarted) return Exchange::kAgain;
-  // Too late for this request, and in time for the next one.
+  // This request cannot use the challenge any more, but the next one can.
   shareChallenge();
   return Exchange::kAuthentication;
 }
 
-/// Keeps for further requests what the proxy wants: the password with this nonce, or none.
+/// Stores for further requests what the proxy wants: a password with this nonce, or no password.
 void Session::shareChallenge() {
   if (!mFresh && !mContinue) return;
   if (mContext.challenges.size() >= kMaxChallenges) mContext.challenges.clear();
@@ -317,7 +318,7 @@ Task<Session::Exchange> Session::relayResponse(const RequestHead& request,
                             response.body.kind != BodyKind::kUntilClose && response.isHttp11 &&
                             keepsConnection(response.fields, true);
   if (!isServerKept) mServer.reset();
-  // A body that was cut off must not look whole: the connection ends with it.
+  // The client must see that the body is incomplete, so its connection ends here.
   if (!isWhole) mClient.close();
   co_return isWhole&& form.isKept ? Exchange::kKeep : Exchange::kClose;
 }

@@ -1,8 +1,8 @@
-// The bytes of an HTTP/1 body, followed as they pass.
+// Follows the bytes of an HTTP/1 body while they pass through the relay.
 //
-// A chunked body is read strictly, and written again in a form of the relay's own: extensions of
-// chunks are dropped, and trailers are checked and stay behind the last chunk. So what a client or
-// a server can hide in this form does not reach the other side.
+// The reader is strict with a chunked body, and the relay writes the chunks again in its own form.
+// It drops the extensions of chunks, checks the trailers, and sends them after the last chunk. So
+// neither side can send hidden content to the other in the chunk format.
 #pragma once
 
 #include <cstddef>
@@ -14,27 +14,28 @@
 
 namespace relay {
 
-/// Longest line of a chunk's size with its extensions, in bytes.
+/// Longest size line of a chunk with its extensions, in bytes.
 inline constexpr std::size_t kMaxChunkLine = 4096;
 /// Longest trailers of a body, in bytes.
 inline constexpr std::size_t kMaxTrailerBytes = 16U << 10U;
 
-/// Follows one body. Any thread, one at a time.
+/// Follows one body. It may run on any thread, but on one at a time.
 class BodyReader {
  public:
-  /// @param keepsChunks whether a chunked body stays chunked; false: it is written without chunks
+  /// @param keepsChunks whether a chunked body stays chunked; if false, it is written without
+  /// chunks
   explicit BodyReader(const Body& body, bool keepsChunks = true);
 
-  /// Takes bytes of the body from the beginning of `bytes`, and adds to `out` what is to be
-  /// written. Bytes behind the end of the body are not taken.
-  /// @return the number of bytes that were taken; see also problem()
+  /// Takes bytes of the body from the start of `bytes`, and adds the bytes to write to `out`. It
+  /// leaves bytes that follow the end of the body.
+  /// @return the number of bytes taken; see also problem()
   std::size_t take(std::string_view bytes, std::string& out);
 
-  /// The stream ended. A body of kUntilClose is complete then.
+  /// The stream ended. This completes a body of kUntilClose.
   void streamEnded();
 
   bool isComplete() const { return mState == State::kEnd; }
-  /// A line for people if the body is broken; nothing more is taken then. Else an empty text.
+  /// If the body is broken: one line for people, and take() takes nothing more. Else an empty text.
   const char* problem() const { return mProblem; }
 
  private:

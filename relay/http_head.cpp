@@ -20,19 +20,19 @@ constexpr bool isTokenByte(char c) {
          (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos);
 }
 
-/// Bytes of a value: no control character but the tab.
+/// The bytes that a value may have: no control character except the tab.
 bool isValue(std::string_view text) {
   return std::none_of(text.begin(), text.end(),
                       [](char c) { return base::isControl(c) && c != '\t'; });
 }
 
-/// Bytes of a request's target: no blank, no control character.
+/// The bytes that a request's target may have: no blank, no control character.
 bool isTarget(std::string_view text) {
   return !text.empty() && std::none_of(text.begin(), text.end(),
                                        [](char c) { return base::isControl(c) || c == ' '; });
 }
 
-/// Takes the next line off `text`, without its end. A CR or LF elsewhere is found by isValue.
+/// Takes the next line from `text`, without its end. isValue() finds a CR or LF in the line.
 std::string_view takeLine(std::string_view& text) {
   const auto end = text.find(kLineEnd);
   const auto line = text.substr(0, end);
@@ -62,7 +62,7 @@ bool readVersion(std::string_view text, bool& isHttp11) {
   return isHttp11 || text == "HTTP/1.0";
 }
 
-/// A whole number of digits alone.
+/// A whole number that has only digits.
 bool readLength(std::string_view text, std::uint64_t& length) {
   const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), length);
   return !text.empty() && base::isDigit(text.front()) && error == std::errc() &&
@@ -90,7 +90,8 @@ HeadProblem readRequestBody(RequestHead& request) {
   return kGood;
 }
 
-/// Connection may name fields that end here; those that a message cannot be read without may not.
+/// The field Connection names fields that end at this relay. It must not name a field that is
+/// needed to read the message.
 HeadProblem checkConnection(const Fields& fields) {
   static constexpr std::array<std::string_view, 5> kNeeded = {
       "Host", "Content-Length", "Transfer-Encoding", "Via", "Authorization"};
@@ -106,7 +107,7 @@ HeadProblem checkConnection(const Fields& fields) {
   return kGood;
 }
 
-/// Servers write one length twice; two lengths that differ are an attack or an error.
+/// Some servers send the same length twice. Two different lengths are an attack or an error.
 HeadProblem readResponseLength(const Fields& fields, Body& body) {
   bool isFirst = true;
   for (const auto& field : fields.list) {

@@ -1,12 +1,11 @@
-// The head of an HTTP/1 message, read strictly.
+// A strict reader of the head of an HTTP/1 message.
 //
-// A head that two readers could understand in two ways is how a request is smuggled past one of
-// them. So this reader accepts one reading or none: lines end with CR LF, no control character
-// stands anywhere, no line is folded, a body has one length. What it accepts it can also write
-// again.
+// Request smuggling needs a head that two readers understand in two ways. This reader refuses such
+// a head: each line ends with CR LF, no control character is allowed, no line is folded, and a body
+// has one length. The relay can write each head that the reader accepts.
 //
-// Pure functions of their arguments, for any thread. A head is read from a text that the caller
-// keeps as long as the head lives, because names and values are views of it.
+// All functions are pure and may run on any thread. Names and values of a head are views of the
+// text that was read, so the caller keeps this text as long as the head.
 #pragma once
 
 #include <cstddef>
@@ -17,11 +16,11 @@
 
 namespace relay {
 
-/// Longest head that is read, in bytes: browsers with many cookies stay below 32 KiB.
+/// Longest head that the relay reads, in bytes. Browsers with many cookies stay below 32 KiB.
 inline constexpr std::size_t kMaxHeadBytes = 64U << 10U;
-/// Most fields of a head, and of the trailers of a body. Servers take 100 or less.
+/// Most fields of a head, and of the trailers of a body. Common servers accept 100 or fewer.
 inline constexpr std::size_t kMaxFields = 200;
-/// Longest length of a body that is believed: 2^60 bytes.
+/// Longest body length that the reader accepts: 2^60 bytes.
 inline constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{1} << 60U;
 
 struct Field {
@@ -31,7 +30,7 @@ struct Field {
 
 enum class BodyKind : std::uint8_t { kNone, kLength, kChunked, kUntilClose };
 
-/// How the end of a message is found.
+/// How the reader finds the end of a body.
 struct Body {
   BodyKind kind = BodyKind::kNone;
   std::uint64_t length = 0;  ///< of kLength, in bytes
@@ -39,11 +38,11 @@ struct Body {
 
 class Fields {
  public:
-  /// @return the first value of `name`, whatever its case; a view without data if there is none
+  /// @return the first value of `name`, in any letter case; a view without data if there is none
   std::string_view find(std::string_view name) const;
   std::size_t count(std::string_view name) const;
   bool has(std::string_view name) const { return count(name) != 0; }
-  /// Whether one of the comma-separated words of the fields `name` is `word`, whatever its case.
+  /// Whether one of the comma-separated words in the fields `name` is `word`, in any letter case.
   bool hasWord(std::string_view name, std::string_view word) const;
 
   std::vector<Field> list;
@@ -63,36 +62,37 @@ struct ResponseHead {
   bool isHttp11 = false;
   Fields fields;
   Body body;
-  /// A body that had two lengths was read as chunked, as browsers do; its connection must end.
+  /// The body had two lengths and was read as chunked, as browsers do. The connection must end
+  /// after it.
   bool isDoubtful = false;
 };
 
-/// Why a head was refused: an HTTP status and one line for people. Status 0: not refused.
+/// Why a head was refused: an HTTP status and one line for people. Status 0: it was accepted.
 struct HeadProblem {
   unsigned status = 0;
   const char* text = "";
 };
 
-/// @return the bytes of the head at the beginning of `bytes`, with the empty line at its end; 0 if
-///         the empty line has not come yet. Looks from `from` on, which the caller has searched up
-///         to
+/// @return the length of the head at the start of `bytes`, in bytes, with the empty line at its
+///         end; 0 if the empty line has not come yet
+/// @param from where the search starts; the caller has searched the bytes before it
 std::size_t headLength(std::string_view bytes, std::size_t from = 0);
 
-/// Reads a request's whole head. `head` ends with its empty line.
+/// Reads the whole head of a request. `head` ends with the empty line.
 HeadProblem readRequestHead(std::string_view head, RequestHead& request);
 
-/// Reads a response's whole head. `method` is that of the request: it decides about the body.
+/// Reads the whole head of a response. `method` is the method of the request: a body depends on it.
 HeadProblem readResponseHead(std::string_view head, std::string_view method,
                              ResponseHead& response);
 
-/// Reads the lines between a last chunk and the empty line, CR LF at the end of each. Fields that
-/// belong to the head, such as Host or Content-Length, are refused.
+/// Reads the trailers: the lines between the last chunk and the empty line. Each ends with CR LF.
+/// Fields that only a head may have, such as Host or Content-Length, are an error.
 HeadProblem readTrailers(std::string_view lines, Fields& trailers);
 
-/// Whether `name` is a token of RFC 9110.
+/// Whether `name` is a token as in RFC 9110.
 bool isToken(std::string_view name);
 
-/// Calls `take(word)` for each non-empty word of a comma-separated value; ends when it returns
+/// Calls `take(word)` for each non-empty word of a comma-separated value, until a call returns
 /// true.
 /// @return whether a call returned true
 template <typename Take>

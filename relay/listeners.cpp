@@ -22,7 +22,7 @@ namespace relay {
 namespace {
 
 constexpr std::string_view kUnixPrefix = "unix:";
-/// Everybody may connect, as to a port on loopback; allow-users and deny-users choose.
+/// Every user may connect, as to a port on loopback. allow-users and deny-users restrict them.
 constexpr mode_t kSocketMode = 0666;
 
 [[noreturn]] void fail(const std::string& address) {

@@ -1,4 +1,4 @@
-// The sockets on which the relay takes connections.
+// The sockets on which the relay accepts connections.
 #pragma once
 
 #include <string>
@@ -8,17 +8,18 @@
 
 namespace relay {
 
-/// The addresses of the relay without an option and without sockets of systemd.
+/// The addresses on which the relay listens without options and without sockets of systemd.
 inline constexpr const char* kUsualAddresses[] = {"127.0.0.1:3128", "[::1]:3128"};
 
-/// Connections that the kernel keeps until they are accepted: bursts of a browser with many tabs.
+/// Connections that the kernel queues until the relay accepts them: enough for a browser that opens
+/// many tabs at once.
 inline constexpr int kBacklog = 1024;
 
-/// Opens the sockets: those that `addresses` name ("ADDRESS:PORT", "[ADDRESS]:PORT", "unix:PATH"),
-/// else those that systemd passes, else kUsualAddresses, of which one may fail: a machine may have
-/// no IPv6. A Unix socket's path is made new; an old socket there is removed, any other file is
-/// not.
-/// @return listening sockets, close-on-exec and non-blocking. At start, one thread.
+/// Opens the listening sockets: the `addresses` ("ADDRESS:PORT", "[ADDRESS]:PORT", "unix:PATH"),
+/// else the sockets that systemd passes, else kUsualAddresses. One of kUsualAddresses may fail,
+/// because a machine may have no IPv6. An old socket at the path of a Unix socket is replaced;
+/// another file at this path is an error. Call it at the start, on one thread.
+/// @return listening sockets, close-on-exec and non-blocking
 /// Throws std::system_error if a socket cannot be opened, std::invalid_argument for a bad address.
 std::vector<base::UniqueFd> listen(const std::vector<std::string>& addresses);
 

@@ -11,7 +11,7 @@ std::string problemText(const base::FileFailure& failure) {
   return failure.error != 0 ? std::strerror(failure.error) : "cannot be read";
 }
 
-/// Passwords of proxies: root's or the relay's own file alone.
+/// The file holds passwords, so it must belong to root or to the relay's user.
 std::vector<Problem> loadCredentials(Configured& configured) {
   const auto& path = configured.configuration.credentialsFile;
   base::FileDemands demands;

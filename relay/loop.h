@@ -1,9 +1,8 @@
-// The parts of Asio that the relay uses, under short names, with an event and a timeout for many
+// Short names for the parts of Asio that the relay uses, an event, and one timeout check for many
 // objects.
 //
-// Code that includes this header runs on the relay's one thread, if its comments do not name
-// another. Asio's headers are slow to compile, so only files with asynchronous code include this
-// one.
+// Code that includes this header runs on the relay's one thread, unless a comment names another
+// thread. Asio's headers compile slowly, so only files with asynchronous code include this one.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
@@ -54,8 +53,8 @@ class Event {
   bool mHappened = false;
 };
 
-/// An object with a deadline, which Sweeper checks once a second. It has no timer, because there
-/// may be thousands of such objects.
+/// An object with a deadline. Sweeper checks the deadline once a second. An object has no timer of
+/// its own, because there may be thousands of them.
 class Watched : public boost::intrusive::list_base_hook<
                     boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
  public:
@@ -68,14 +67,15 @@ class Watched : public boost::intrusive::list_base_hook<
   void expireAt(Clock::time_point time) { mDeadline = time; }
   void expireNever() { mDeadline = Clock::time_point::max(); }
   Clock::time_point deadline() const { return mDeadline; }
-  /// Called each second after the deadline, until the deadline is changed.
+  /// Called each second after the deadline, until the object changes its deadline.
   virtual void expire() = 0;
 
  private:
   Clock::time_point mDeadline = Clock::time_point::max();
 };
 
-/// Checks the deadlines of all watched objects once a second. Without objects it has no timer.
+/// Checks the deadlines of all watched objects once a second. It runs no timer while there are no
+/// objects.
 class Sweeper {
  public:
   static constexpr std::chrono::seconds kPause{1};

@@ -86,7 +86,7 @@ Options parse(int argc, char** argv, bool& checks) {
   return options;
 }
 
-/// A signal during the start waits until run() can take it: the relay then ends with status 0.
+/// Holds back a signal during the start until run() handles it. The relay then ends with status 0.
 void holdEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -94,7 +94,7 @@ void holdEndSignals() {
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
-/// @return whether there is none
+/// Reports the problems. @return whether there are none
 bool report(const std::string& path, const std::vector<relay::Problem>& problems) {
   for (const auto& problem : problems) {
     const std::string line = problem.line != 0 ? ":" + std::to_string(problem.line) : "";
@@ -112,7 +112,7 @@ int main(int argc, char** argv) {
   const Options options = parse(argc, argv, checks);
   const bool isTold = checks || isatty(STDERR_FILENO) != 0;
   openlog("proxymanager-relay", LOG_PID | LOG_NDELAY | (isTold ? LOG_PERROR : 0), LOG_DAEMON);
-  // Passwords of proxies pass through here: no debugger and no core.
+  // The process holds passwords of proxies: no debugger may attach, and no core file is written.
   prctl(PR_SET_DUMPABLE, 0);
   try {
     relay::Configured configured;

@@ -25,7 +25,8 @@ Protocol::endpoint withPort(Protocol::endpoint endpoint, std::uint16_t port) {
   return endpoint;
 }
 
-/// One of each family in turn, beginning with that of the first (RFC 8305, section 4).
+/// Orders the families by turns, starting with the family of the first address (RFC 8305, section
+/// 4).
 void interleave(std::vector<Protocol::endpoint>& list) {
   if (list.empty()) return;
   const auto family = list.front().data()->sa_family;
@@ -131,7 +132,7 @@ void Names::next() {
 }
 
 void Names::start(const LookupPtr& lookup) {
-  // Signals are the main thread's.
+  // Only the main thread may receive signals.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

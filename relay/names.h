@@ -1,4 +1,5 @@
-// Name lookups by the system's resolver. Each lookup has a thread, so a slow name delays no other.
+// Name lookups by the system's resolver. Each lookup has its own thread, so a slow name does not
+// delay other names.
 #pragma once
 
 #include <map>
@@ -10,8 +11,8 @@
 
 namespace relay {
 
-/// Most lookups at a time, each on a thread. A page in a browser may need fifty hosts, and without
-/// an answer of the name server a lookup takes about ten seconds.
+/// Most lookups at a time, each on its own thread. One page in a browser may need fifty hosts. If
+/// the name server does not answer, a lookup takes about ten seconds.
 inline constexpr std::size_t kMaxLookups = 64;
 /// Most lookups that wait for a thread. Further lookups fail at once.
 inline constexpr std::size_t kMaxWaitingLookups = 1024;
@@ -28,7 +29,7 @@ class Names {
  public:
   explicit Names(asio::io_context& loop) : mLoop(loop) {}
 
-  /// Looks `host` up. An address needs no lookup, and equal lookups share one.
+  /// Looks up `host`. An address needs no lookup. Equal lookups share one result.
   Task<Addresses> lookUp(std::string host, std::uint16_t port, Clock::duration limit);
 
  private:
@@ -50,7 +51,7 @@ class Names {
   std::size_t mRunning = 0;
 };
 
-/// The address in `text`, if it is one.
+/// Reads an address in `text`. @return whether it is one
 bool readAddress(const std::string& text, std::uint16_t port, Protocol::endpoint& endpoint);
 
 /// "192.0.2.1" or "2001:db8::1".

@@ -11,43 +11,43 @@
 
 namespace relay {
 
-/// One proxy that is tried last for a while.
+/// One proxy that has a penalty: the relay tries it last.
 struct PenaltyReport {
   std::string entry;
   std::string reason;
-  std::chrono::seconds rest{0};  ///< until it is tried in its turn again
+  std::chrono::seconds rest{0};  ///< until it is no longer tried last
 };
 
-/// What the pages show one user.
+/// What the pages show to one user.
 struct Report {
-  std::string mode;                               ///< of the daemon; empty if it does not answer
-  std::string source;                             ///< of the mode's answers; empty if not known
-  std::string problem;                            ///< why it does not answer; else empty
-  std::optional<std::chrono::seconds> scriptAge;  ///< of the script in force
+  std::string mode;     ///< the daemon's mode; empty if the daemon does not answer
+  std::string source;   ///< where the answers come from; empty if not known
+  std::string problem;  ///< why the daemon does not answer; else empty
+  std::optional<std::chrono::seconds> scriptAge;  ///< of the script in use
   std::vector<PenaltyReport> penalties;
   Counters counters;
-  std::size_t asked = 0;    ///< questions with the daemon
-  std::size_t waiting = 0;  ///< questions that wait for their turn
+  std::size_t asked = 0;    ///< questions that are with the daemon
+  std::size_t waiting = 0;  ///< questions that wait in the queue
   bool isUserKnown = false;
-  std::vector<Decision> decisions;  ///< of this user, of all for root
-  std::string askedUrl;             ///< which way for this URL? Empty: nobody asked
-  std::vector<std::string> way;     ///< the entries in the order to be tried, or why there are none
+  std::vector<Decision> decisions;  ///< for this user; for root, of all users
+  std::string askedUrl;             ///< the URL that the user asks the page about; empty if none
+  std::vector<std::string> way;     ///< its entries in the order of attempts, or why there are none
 };
 
 /// The page for people, HTML without scripts.
 std::string htmlOf(const Report& report);
-/// Its style.
+/// The style sheet of the page.
 const char* pageStyle();
-/// The same as JSON.
+/// The report as JSON.
 std::string jsonOf(const Report& report);
-/// Counters in OpenMetrics text; nothing of any user.
+/// The counters in the OpenMetrics text format. It holds nothing about users.
 std::string metricsOf(const Report& report);
-/// A script for browsers that names the relay at `place`, "127.0.0.1:3128".
+/// A PAC script for browsers that names the relay at `place`, for example "127.0.0.1:3128".
 std::string scriptFor(const std::string& place);
-/// `text` for HTML, in elements and in attributes.
+/// `text` escaped for HTML, for elements and attributes.
 std::string escaped(const std::string& text);
-/// The value of `name` in a query "a=b&c=d", decoded; at most 8192 bytes. Nothing if it is not
-/// there.
+/// The decoded value of `name` in a query "a=b&c=d", at most 8192 bytes. Nothing if the query has
+/// no `name`.
 std::optional<std::string> queryValue(std::string_view query, std::string_view name);
 
 }  // namespace relay

@@ -14,10 +14,10 @@ namespace relay {
 
 namespace {
 
-/// What the daemon is asked about to learn its mode; no such name exists (RFC 6761).
+/// The relay asks the daemon about this URL to learn its mode. No such name exists (RFC 6761).
 constexpr char kModeUrl[] = "http://proxymanager-relay.invalid/";
 
-/// "localhost" or an address of loopback, with any port.
+/// Whether `text` is "localhost" or a loopback address, with any port.
 bool isLoopbackHost(std::string_view text) {
   const auto host = readAuthority(text, 80);
   if (!host) return false;
@@ -27,7 +27,7 @@ bool isLoopbackHost(std::string_view text) {
          host->host != "0.0.0.0" && host->host != "::";
 }
 
-/// Whether another site's page made the request.
+/// Whether a page of another site made the request.
 bool isForeign(const Fields& fields) {
   const auto site = fields.find("Sec-Fetch-Site");
   if (!site.empty() && site != "none" && site != "same-origin") return true;
@@ -54,14 +54,14 @@ std::chrono::seconds ageOf(std::time_t time) {
   return std::chrono::seconds(std::max<std::time_t>(std::time(nullptr) - time, 0));
 }
 
-/// Where the script is from, and how old it is.
+/// Adds the source of the script and its age.
 void addScript(const std::optional<base::DaemonStatus>& reported, Report& report) {
   if (reported && reported->mode == report.mode) {
     report.source = base::visible(reported->result);
     if (reported->script != 0) report.scriptAge = ageOf(reported->script);
     return;
   }
-  // Without systemd the relay sees the daemon's own file.
+  // Without systemd, the relay can see the daemon's own file.
   struct stat status {};
   if (lstat(base::kPacFile, &status) == 0 && S_ISREG(status.st_mode)) {
     report.scriptAge = ageOf(status.st_mtime);
@@ -103,7 +103,7 @@ Task<std::string> reportPage(Context& context, std::string_view path, std::strin
                              const Peer& peer, bool hasBody) {
   Report report;
   addState(context, report);
-  // Monitoring gets its answer whatever the daemon does.
+  // Monitoring gets an answer even if the daemon does not answer.
   if (path == "/metrics") {
     co_return response("application/openmetrics-text; version=1.0.0; charset=utf-8",
                        metricsOf(report), hasBody);

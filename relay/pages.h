@@ -8,8 +8,9 @@
 
 namespace relay {
 
-/// The whole response to a request in origin form. Requests whose Host is not loopback, or that
-/// another site's page made, are refused: a web page cannot have a name of its own lead here.
+/// The whole response to a request in origin form. The relay refuses a request whose Host is not
+/// loopback, and a request that a page of another site made. Otherwise, a web page could reach
+/// these pages by a host name that resolves to loopback.
 Task<std::string> pageFor(Context& context, const RequestHead& request, const Peer& peer);
 
 }  // namespace relay

@@ -64,7 +64,7 @@ bool isOwnOrLinkLocal(const sockaddr* address) {
   if (!addressBytes(address, bytes) || isLoopback(address)) return true;
   if (inNetwork("169.254.0.0/16", bytes) || inNetwork("fe80::/10", bytes)) return true;
   ifaddrs* found = nullptr;
-  // Without the list no address can be shown to be another machine's.
+  // Without the list, any address could be one of this machine's.
   if (getifaddrs(&found) != 0) return true;
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> list(found, freeifaddrs);
   for (const auto* one = found; one != nullptr; one = one->ifa_next) {
@@ -124,13 +124,13 @@ uid_t Peers::ownerOf(const sockaddr_storage& peer, const sockaddr_storage& own) 
   request.request.id.idiag_cookie[0] = request.request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
   if (send(mDiagnosis.get(), &request, sizeof(request), 0) < 0) return kUnknown;
   alignas(nlmsghdr) char reply[4096];
-  // The kernel answers during the call of send.
+  // The kernel writes the reply during send().
   const auto got = recv(mDiagnosis.get(), reply, sizeof(reply), MSG_DONTWAIT);
   const auto* const header = reinterpret_cast<const nlmsghdr*>(reply);
   if (got < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg)))) return kUnknown;
   if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) return kUnknown;
   const auto* const found = reinterpret_cast<const inet_diag_msg*>(reply + NLMSG_LENGTH(0));
-  // A socket that its program has closed belongs to no file any more, and shows as root's.
+  // A socket that its program has closed has no inode. The kernel then reports root as its owner.
   return found->idiag_inode == 0 ? kUnknown : found->idiag_uid;
 }
 

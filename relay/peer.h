@@ -16,15 +16,15 @@ namespace relay {
 
 struct Peer {
   uid_t user = static_cast<uid_t>(-1);  ///< the owner of the client's socket; -1: not known
-  bool isLocal = true;                  ///< on loopback, or a Unix socket
-  bool isAllowed = true;                ///< by address: loopback, or in allow-from
+  bool isLocal = true;                  ///< the client is on loopback or uses a Unix socket
+  bool isAllowed = true;                ///< the address is loopback or in allow-from
 
   bool isKnown() const { return user != static_cast<uid_t>(-1); }
 };
 
-/// Finds the owner of the other end of an accepted connection. The kernel's socket diagnosis
-/// (NETLINK_SOCK_DIAG) knows the owner of a TCP socket on this machine, SO_PEERCRED the owner of a
-/// Unix socket.
+/// Finds the owner of the other end of an accepted connection. For TCP on this machine, the
+/// kernel's socket diagnosis (NETLINK_SOCK_DIAG) knows the owner. For a Unix socket, SO_PEERCRED
+/// knows it.
 class Peers {
  public:
   explicit Peers(std::vector<Network> allowed) : mAllowed(std::move(allowed)) {}
@@ -37,8 +37,8 @@ class Peers {
   base::UniqueFd mDiagnosis;
 };
 
-/// Users and groups of the configuration. The constructor looks the names up. The members of a
-/// group are the users in the group database and the users with this primary group.
+/// Users and groups of the configuration. The constructor looks up the names. A user is a member of
+/// a group if the group database lists the user or the group is the user's primary group.
 class UserList {
  public:
   explicit UserList(const std::vector<std::string>& names);
@@ -52,14 +52,14 @@ class UserList {
   std::map<uid_t, bool> mKnown;  ///< whose first group was looked up
 };
 
-/// The 16 bytes that Network has for an address. @return false for another family
+/// The 16 bytes of an address as in Network. @return false if the family is not an IP family
 bool addressBytes(const sockaddr* address, unsigned char* bytes);
 
-/// Whether the address is of 127.0.0.0/8, ::1, or the unspecified one, which the kernel takes for
-/// it.
+/// Whether the address is in 127.0.0.0/8 or is ::1. The unspecified address also counts, because
+/// the kernel treats it as loopback.
 bool isLoopback(const sockaddr* address);
 
-/// Whether the address is loopback, link-local, or one of this machine's interfaces.
+/// Whether the address is a loopback, link-local or interface address of this machine.
 bool isOwnOrLinkLocal(const sockaddr* address);
 
 }  // namespace relay

@@ -1,4 +1,4 @@
-// Proxies that failed. As in browsers, they are tried last for some minutes.
+// Proxies that have failed. The relay tries them last for some minutes, as browsers do.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@
 
 namespace relay {
 
-/// Most proxies with a penalty. If there are more, the penalty with the earliest end is dropped.
+/// Most proxies with a penalty. Above this number, the relay drops the penalty that ends first.
 inline constexpr std::size_t kMaxPenalties = 256;
 
 class Penalties {
@@ -23,13 +23,13 @@ class Penalties {
 
   explicit Penalties(std::chrono::seconds time) : mTime(time) {}
 
-  /// The proxy `entry` failed. DIRECT never has a penalty.
+  /// Adds a penalty for the proxy `entry`. DIRECT never gets a penalty.
   void add(const Entry& entry, std::string reason, Clock::time_point now = Clock::now());
 
-  /// Puts the entries in penalty behind the others; both keep their order.
+  /// Moves the entries with a penalty behind the others. Both groups keep their order.
   void order(std::vector<Entry>& entries, Clock::time_point now = Clock::now());
 
-  /// Those in penalty, by the name of the entry.
+  /// The current penalties, by the name of the entry.
   const std::map<std::string, Penalty>& list(Clock::time_point now = Clock::now());
 
  private:

@@ -29,7 +29,7 @@ curl_proxytype typeOf(proxymanager_kind kind) {
   }
 }
 
-/// Whether a SOCKS proxy answered for the destination, rather than failed itself.
+/// Whether a SOCKS reply reports a failure of the destination and not of the proxy itself.
 bool isAboutDestination(long reply) {
   switch (reply) {
     case CURLPX_REPLY_GENERAL_SERVER_FAILURE:
@@ -77,7 +77,7 @@ struct ProxyConnector::Transfer {
   CurlHandle handle;
 };
 
-/// A descriptor of libcurl's that the loop waits for.
+/// A descriptor of libcurl's that the loop watches.
 struct ProxyConnector::Watch {
   Watch(asio::io_context& loop, curl_socket_t fd) : descriptor(loop, fd) {}
   asio::posix::stream_descriptor descriptor;
@@ -115,11 +115,12 @@ void ProxyConnector::setUp(Transfer& transfer, Clock::duration limit) {
   curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, milliseconds);
   curl_easy_setopt(handle, CURLOPT_OPENSOCKETFUNCTION, onOpen);
   curl_easy_setopt(handle, CURLOPT_OPENSOCKETDATA, &transfer);
-  // libcurl keeps what it has read of a file of certificates for all connections, of a folder 0.9
-  // MiB for each. The system's file holds the folder's.
+  // If the certificates are in a file, libcurl parses the file once for all connections. If they
+  // are in a folder, it needs 0.9 MiB for each connection. The system's file has the same
+  // certificates as its folder.
   curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
   curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, nullptr);
-  // The socket of TLS stays libcurl's, longer than the transfer.
+  // With TLS, libcurl owns the socket longer than the transfer lives.
   if (transfer.isTls) return;
   curl_easy_setopt(handle, CURLOPT_CLOSESOCKETFUNCTION, onClose);
   curl_easy_setopt(handle, CURLOPT_CLOSESOCKETDATA, &transfer);
@@ -165,7 +166,7 @@ Task<ThroughProxy> ProxyConnector::toHttpsProxy(const Entry& entry, Clock::durat
 
 Task<ThroughProxy> ProxyConnector::run(Transfer& transfer) {
   curl_multi_add_handle(mMulti, transfer.handle.get());
-  // libcurl has its own limits; this one is a second wall.
+  // libcurl has its own time limits. This one is a second limit in case libcurl's do not work.
   constexpr std::chrono::hours kNever{24};
   co_await transfer.done.wait(kNever);
   co_return result(transfer, transfer.code);
@@ -180,7 +181,7 @@ ThroughProxy ProxyConnector::result(Transfer& transfer, CURLcode code) {
     forget(fd);
     through.result = ProxyResult::kConnected;
     if (transfer.isTls) {
-      // The transfer ends before its handle: what points to it must not.
+      // The transfer ends before its handle, so the handle must not keep pointers to it.
       curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
       curl_easy_setopt(handle, CURLOPT_PROXYHEADER, nullptr);
       through.stream.emplace(adopt(mLoop, fd), std::move(transfer.handle));
@@ -239,8 +240,7 @@ int ProxyConnector::onSocket(CURL*, curl_socket_t fd, int what, void* self, void
   return 0;
 }
 
-/// The descriptor is libcurl's or the caller's to close; handlers that wait may hold the watch
-/// longer.
+/// libcurl or the caller closes the descriptor. Pending handlers may keep the watch alive longer.
 void ProxyConnector::forget(curl_socket_t fd) {
   const auto known = mWatches.find(fd);
   if (known == mWatches.end()) return;

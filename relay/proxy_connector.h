@@ -1,7 +1,7 @@
-// Connections through proxies, made by libcurl on the relay's loop.
+// Connections through proxies. libcurl makes them on the relay's loop.
 //
-// libcurl connects to the proxy, does the handshake with its authentication, and stops there. Its
-// socket is then the caller's; only a connection in TLS keeps its handle.
+// libcurl connects to the proxy, does the handshake and the authentication, and stops. The caller
+// then owns the socket. Only a TLS connection keeps its libcurl handle.
 #pragma once
 
 #include <curl/curl.h>
@@ -19,11 +19,11 @@
 
 namespace relay {
 
-/// How an attempt to go through a proxy ended.
+/// The result of a connection through a proxy.
 enum class ProxyResult : std::uint8_t {
   kConnected,
-  kProxyFailed,        ///< no connection, no answer in time, broken TLS, no protocol
-  kDestinationFailed,  ///< the proxy works, and did not reach the destination
+  kProxyFailed,        ///< no connection, no answer in time, broken TLS, or another protocol
+  kDestinationFailed,  ///< the proxy works but cannot reach the destination
   kRefused,            ///< the proxy answered with another status
   kOurselves           ///< the proxy is this relay
 };
@@ -39,21 +39,21 @@ struct ThroughProxy {
 
 class ProxyConnector {
  public:
-  /// Whether an address is one that this relay listens on.
+  /// Whether this relay listens on an address.
   using IsOurs = std::function<bool(const sockaddr* address)>;
 
-  /// @param via the relay's own name, for the field Via of CONNECT
+  /// @param via the relay's own name, for the Via field of CONNECT
   ProxyConnector(asio::io_context& loop, std::string via, IsOurs isOurs);
   ProxyConnector(const ProxyConnector&) = delete;
   ProxyConnector& operator=(const ProxyConnector&) = delete;
   ~ProxyConnector();
 
-  /// Connects to `destination` through `entry`, which is a proxy.
-  /// @param credentials without a user none are sent
+  /// Connects to `destination` through the proxy `entry`.
+  /// @param credentials with an empty user, no credentials are sent
   Task<ThroughProxy> tunnel(const Entry& entry, const Destination& destination,
                             const Credentials& credentials, Clock::duration limit);
 
-  /// Connects to the HTTPS proxy `entry` itself, for a request in absolute form.
+  /// Connects only to the HTTPS proxy `entry`, for a request in absolute form.
   Task<ThroughProxy> toHttpsProxy(const Entry& entry, Clock::duration limit);
 
  private:

@@ -12,7 +12,7 @@ Entry entryOf(const proxymanager_entry& entry) {
   return {entry.kind, entry.text, std::move(host), entry.port, entry.credentials};
 }
 
-/// Takes the holder's place.
+/// Copies the answer and releases `held`.
 Answer answerOf(proxymanager_status status, proxymanager_answer* held) {
   Answer answer;
   answer.status = status;
@@ -88,7 +88,7 @@ void Questions::sendMore() {
     turn->second.pop_front();
     if (turn->second.empty()) mTurns.erase(turn);
     mWaiting--;
-    // Nobody waits any more.
+    // No request waits for this question any more.
     if (question->events.empty()) {
       mQuestions.erase(question->url);
       continue;
@@ -104,14 +104,14 @@ void Questions::send(const QuestionPtr& question) {
   const auto status =
       proxymanager_get_async(mClient, question->url.c_str(), kLimit, answered, sent.get(), nullptr);
   if (status == PROXYMANAGER_OK) {
-    sent.release();  // answered() has it
+    sent.release();  // answered() owns it now
     return;
   }
   mAsked--;
   end(question, answerOf(status, nullptr));
 }
 
-/// On the client library's thread, or during the call.
+/// Runs on the client library's thread, or during the call that asks.
 void Questions::answered(proxymanager_status status, proxymanager_answer* answer, void* context) {
   std::unique_ptr<Sent> sent(static_cast<Sent*>(context));
   if (status == PROXYMANAGER_CANCELLED) return;

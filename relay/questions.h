@@ -1,9 +1,9 @@
 // Questions for the daemon, through its client library.
 //
-// The library remembers answers, and a remembered answer needs no call. The other questions form a
-// queue: at most kMaxAsked are sent to the daemon at a time, and equal questions are sent once. The
-// queue is round robin over users, so one user with a thousand connections cannot use up the
-// questions that the daemon accepts from the relay.
+// The client library remembers answers, and a remembered answer needs no call. The other questions
+// wait in a queue. The relay sends at most kMaxAsked of them to the daemon at a time, and sends
+// equal questions once. The queue is round robin over users: so one user with a thousand
+// connections cannot use up the number of questions that the daemon accepts from the relay.
 #pragma once
 
 #include <proxymanager/client.h>
@@ -19,13 +19,14 @@
 
 namespace relay {
 
-/// Most questions that the daemon has to answer at a time. It accepts 64 of one connection.
+/// Most questions that are with the daemon at a time. The daemon accepts 64 from one connection.
 inline constexpr std::size_t kMaxAsked = 32;
-/// Time limit of one answer: a script may take 5.25 s, and other questions may come first.
+/// Time limit of the daemon for one answer: a script may take 5.25 s, and other questions may come
+/// first.
 inline constexpr std::chrono::seconds kAnswerTime{15};
-/// Time limit of a request for its answer, with the wait in the queue.
+/// How long a request waits for its answer, with the time in the queue.
 inline constexpr std::chrono::seconds kTurnTime{30};
-/// All clients whose user is not known have this one place in the round.
+/// All clients whose user is not known share this one place in the round robin.
 inline constexpr uid_t kUnknownUser = static_cast<uid_t>(-1);
 
 class Questions {
@@ -36,10 +37,10 @@ class Questions {
   ~Questions();
 
   /// Asks for the proxies of `url`. If the question has to wait, it waits in the queue of `user`.
-  /// @return the answer; PROXYMANAGER_TOO_SLOW after kTurnTime
+  /// @return the answer; its status is PROXYMANAGER_TOO_SLOW after kTurnTime
   Task<Answer> ask(std::string url, uid_t user);
 
-  /// The numbers of questions that are sent, and that wait in the queue.
+  /// The numbers of questions that are with the daemon, and that wait in the queue.
   std::size_t asked() const { return mAsked; }
   std::size_t waiting() const { return mWaiting; }
 
@@ -60,7 +61,7 @@ class Questions {
 
   asio::io_context& mLoop;
   proxymanager_client* mClient;
-  std::map<std::string, QuestionPtr, std::less<>> mQuestions;  ///< without an answer yet
+  std::map<std::string, QuestionPtr, std::less<>> mQuestions;  ///< questions without an answer
   std::map<uid_t, std::deque<QuestionPtr>> mTurns;
   uid_t mLastUser = 0;
   std::size_t mAsked = 0;

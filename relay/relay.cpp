@@ -32,7 +32,7 @@ std::vector<Protocol::endpoint> addressesOf(const std::vector<base::UniqueFd>& s
   return addresses;
 }
 
-/// Takes connections of one socket, with the limits of their number.
+/// Accepts the connections of one listening socket, within the limits of their number.
 class Acceptor {
  public:
   Acceptor(Context& context, std::map<uid_t, unsigned>& ofUsers, base::UniqueFd fd)
@@ -43,9 +43,9 @@ class Acceptor {
   }
 
  private:
-  /// How long it waits after an error such as too few descriptors.
+  /// Pause after an error such as too few descriptors.
   static constexpr std::chrono::milliseconds kPause{100};
-  /// Connections that are taken before others have their turn.
+  /// Number of connections that are accepted in one turn, before other work continues.
   static constexpr int kBurst = 64;
 
   void wait() {
@@ -98,7 +98,8 @@ class Acceptor {
     if (isRefused) mContext.counters.refused++;
     Socket socket(mContext.loop);
     const auto family = addressOf(fd.get()).data()->sa_family;
-    // A head and its body are two writes: the second must not wait for the first one's receipt.
+    // A head and its body are two writes. Without this option, the second waits for the receipt of
+    // the first.
     const int on = 1;
     if (family != AF_UNIX) setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     socket.assign(Protocol(family, 0), fd.release());
@@ -112,7 +113,8 @@ class Acceptor {
         ->start();
   }
 
-  /// What the client has sent is read, so that the answer is not lost in a reset.
+  /// Reads what the client has sent: unread bytes would cause a reset, and the answer could be
+  /// lost.
   void refuse(int fd) {
     char bytes[4096];
     static const std::string kAnswer =
@@ -138,7 +140,7 @@ void unblockEndSignals() {
 }  // namespace
 
 int run(const Configured& configured, std::vector<base::UniqueFd> listeners) {
-  // The loop outlives this function: a lookup may end at any time, and so may the last connections.
+  // The loop is never destroyed: a lookup may end at any time, and so may the last connections.
   auto& loop = *new asio::io_context(1);
   auto& context = *new Context(loop, configured, addressesOf(listeners));
   auto& ofUsers = *new std::map<uid_t, unsigned>;
@@ -151,8 +153,8 @@ int run(const Configured& configured, std::vector<base::UniqueFd> listeners) {
   sd_notify(0, "READY=1");
   loop.run();
   sd_notify(0, "STOPPING=1");
-  // Lookups may still run on their threads, and an end in order would take away what they use. A
-  // leak checker could not look at this process either: it is nobody's, and not dumpable.
+  // Lookups may still run on their threads, so the objects that they use must not be destroyed. A
+  // leak checker could not check this process: it runs as nobody and is not dumpable.
   _exit(0);
 }
 

@@ -1,4 +1,4 @@
-// The relay as a whole: what it is configured with, and its life on one thread.
+// The start of the relay, its configuration, and its run on one thread.
 #pragma once
 
 #include <csignal>
@@ -20,14 +20,14 @@ struct Configured {
   std::vector<std::pair<std::string, Credentials>> credentials;  ///< by host, see readCredentials()
 };
 
-/// Reads `path` and the credentials file that it names. If `mayBeMissing`, a missing `path` is an
-/// empty one. Throws nothing but std::bad_alloc.
-/// @return the problems; `configured` is to be used only without any
+/// Reads `path` and the credentials file that it names. If `mayBeMissing`, a missing `path` counts
+/// as an empty file. Throws only std::bad_alloc.
+/// @return the problems; `configured` may be used only if there are none
 std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured);
 
-/// Serves until one of kEndSignals comes, and then ends the process with status 0. The caller has
-/// blocked these signals; run() unblocks them when it can take them. The calling thread is the
-/// relay's; lookups of names and the client library have threads of their own. Throws
+/// Runs until one of kEndSignals comes, and then ends the process with status 0. The caller has
+/// blocked these signals; run() unblocks them when it can handle them. The calling thread is the
+/// relay's thread. Name lookups and the client library use threads of their own. Throws
 /// std::exception if the relay cannot start.
 int run(const Configured& configured, std::vector<base::UniqueFd> listeners);
 

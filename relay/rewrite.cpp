@@ -11,7 +11,7 @@ namespace {
 
 using base::equalIgnoringCase;
 
-/// Fields for one connection, and those that the relay writes itself.
+/// Fields that are for one connection only, and fields that the relay writes itself.
 constexpr std::array<std::string_view, 10> kOurs = {
     "Connection", "Keep-Alive", "Proxy-Connection",  "Proxy-Authorization", "Proxy-Authenticate",
     "TE",         "Upgrade",    "Transfer-Encoding", "Content-Length",      "Via"};
@@ -25,7 +25,7 @@ void add(std::string& head, std::string_view name, std::string_view value) {
   head.append(name).append(": ").append(value).append("\r\n");
 }
 
-/// All fields that go on unchanged.
+/// Copies all fields that the relay forwards unchanged.
 void addFields(std::string& head, const Fields& fields) {
   const bool hasNamed = fields.has("Connection");
   for (const auto& field : fields.list) {
@@ -86,7 +86,7 @@ std::string responseFor(const ResponseHead& response, const ResponseForm& form) 
   addFields(head, response.fields);
   if (response.body.kind == BodyKind::kNone && response.status != 204 &&
       response.status / 100 != 1) {
-    // The length of what GET would get, for HEAD and 304.
+    // A response to HEAD and a 304 have the length that the response to a GET would have.
     const auto length = response.fields.find("Content-Length");
     if (!length.empty()) add(head, "Content-Length", length);
   }

@@ -9,8 +9,8 @@ namespace relay {
 
 namespace {
 
-// GCC 12 ends aggregates that are made inside a co_await or co_return expression twice: in
-// coroutines they are made before, or by functions.
+// GCC 12 destroys an aggregate twice if a co_await or co_return expression makes it. So coroutines
+// make it in a statement before, or in a function.
 
 constexpr char kOurselves[] = "this is the relay itself";
 
@@ -94,7 +94,8 @@ Task<std::optional<Stream>> Route::attempt(const Entry& entry) {
   const auto credentials = mContext.credentialsFor(entry, mMode, mPeer);
   if (entry.kind == PROXYMANAGER_HTTP && credentials.user.empty()) co_return co_await tunnel(entry);
   auto through = co_await mContext.proxies.tunnel(entry, mDestination, credentials, limit);
-  // A script's "SOCKS" names no version: version 4 with a name is what else runs.
+  // "SOCKS" in a script names no version. If version 5 fails, such a proxy runs version 4 with a
+  // name.
   const bool isOpenVersion = entry.text.starts_with("SOCKS ");
   if (through.result == ProxyResult::kProxyFailed && isOpenVersion && through.isVersionRefused) {
     Entry older = entry;
@@ -104,7 +105,7 @@ Task<std::optional<Stream>> Route::attempt(const Entry& entry) {
   co_return take(entry, std::move(through));
 }
 
-/// Through an HTTP proxy that gets no password.
+/// Makes a tunnel through an HTTP proxy that gets no password.
 Task<std::optional<Stream>> Route::tunnel(const Entry& entry) {
   const auto end = Clock::now() + mContext.configured.configuration.connectTime;
   const Destination proxy{entry.host, entry.port};
@@ -132,7 +133,7 @@ std::optional<Stream> Route::take(const Entry& entry, ThroughProxy through) {
       break;
     case ProxyResult::kRefused:
       note(entry, through.problem);
-      // The client cannot authenticate at a proxy that it does not know.
+      // The client cannot authenticate to this proxy, because it does not know about it.
       if (through.status == 407) break;
       mStatus = through.status >= 400 && through.status <= 599 ? through.status : 502;
       mIsFinal = true;

@@ -1,8 +1,8 @@
-// The way of one request: the entries of the daemon's answer, one after the other.
+// The route of one request: it tries the entries of the daemon's answer, one after the other.
 //
-// Two failures are kept apart. A proxy that failed gets a penalty, and other requests try it last.
-// A destination that failed costs only this request another attempt: otherwise one request for a
-// dead host would send every user past the proxy.
+// It distinguishes two failures. A proxy that fails gets a penalty, and other requests try it last.
+// If the destination fails, only this request tries the next entry. Without this distinction, one
+// request for a dead host would make all users bypass the proxy.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@
 
 namespace relay {
 
-/// A connection on which the request can leave.
+/// A connection that can take the request.
 struct Upstream {
   Upstream(Stream connected, Entry by, bool wantsAbsoluteForm)
       : stream(std::move(connected)), entry(std::move(by)), isAbsoluteForm(wantsAbsoluteForm) {}
@@ -21,10 +21,10 @@ struct Upstream {
   Stream stream;
   Entry entry;
   bool isAbsoluteForm = false;  ///< the request's target is the whole URL
-  std::string early;            ///< of a tunnel: bytes that were read already
+  std::string early;            ///< for a tunnel: bytes that were read already
 };
 
-/// Why a request is not served. Status 0: it is.
+/// Why the relay refuses a request. Status 0: it does not.
 struct Refusal {
   unsigned status = 0;
   std::string text;  ///< lines for people
@@ -32,7 +32,8 @@ struct Refusal {
 
 class Route {
  public:
-  /// @param wantsAbsoluteForm an http URL: HTTP proxies get it whole. Else all is tunnelled.
+  /// @param wantsAbsoluteForm for an http URL: HTTP proxies get the whole URL. If false, each
+  /// request uses a tunnel.
   Route(Context& context, Destination destination, bool wantsAbsoluteForm, const Peer& peer)
       : mContext(context),
         mDestination(std::move(destination)),
@@ -42,20 +43,20 @@ class Route {
   /// Asks the daemon about `url`.
   Task<Refusal> begin(const std::string& url);
 
-  /// Whether the next attempt would go by `upstream`, which an earlier request left open.
+  /// Whether the next attempt would use `entry`, whose connection an earlier request left open.
   bool isNext(const Entry& entry) const;
 
-  /// Connects by the next entry that works. @return nothing if none is left; see failure()
+  /// Connects by the next entry that works. @return nothing if no entry is left; see failure()
   Task<std::optional<Upstream>> next();
 
-  /// The proxy of the last upstream closed or broke the connection before it answered.
+  /// The proxy of the last upstream ended the connection before it answered.
   void closedEarly(const std::string& problem);
-  /// The entry of the last upstream is the next one again.
+  /// next() tries the entry of the last upstream again.
   void again();
-  /// The proxy of the last upstream wants authentication that the relay does not have.
+  /// The proxy of the last upstream requires authentication that the relay does not have.
   void wantsAuthentication();
 
-  /// What to answer when no attempt is left.
+  /// What to answer if no entry is left.
   Refusal failure() const;
   const std::string& mode() const { return mMode; }
   const Destination& destination() const { return mDestination; }
@@ -76,10 +77,10 @@ class Route {
   std::string mMode;
   std::vector<Entry> mEntries;
   std::size_t mNext = 0;
-  std::string mEarly;      ///< of the last tunnel, see Upstream
-  std::string mLines;      ///< one for each attempt
+  std::string mEarly;      ///< of the last tunnel; see Upstream
+  std::string mLines;      ///< one line for each attempt
   unsigned mStatus = 502;  ///< for failure()
-  bool mIsFinal = false;   ///< no further entry is tried
+  bool mIsFinal = false;   ///< the relay tries no further entry
 };
 
 }  // namespace relay

@@ -21,7 +21,7 @@ void Session::start() {
   asio::co_spawn(mContext.loop, run(shared_from_this()), asio::detached);
 }
 
-/// Closed sockets end what the coroutine waits for.
+/// The coroutine waits for these sockets. When they close, it ends.
 void Session::expire() {
   expireNever();
   if (mServer) mServer->stream.close();
@@ -49,7 +49,7 @@ Task<void> Session::serveHttp() {
     if (mIn.empty()) std::string().swap(mIn);
     expireAfter(mContext.configured.configuration.keptTime);
   }
-  // Bytes that were not read would end the connection with a reset, and the answer could be lost.
+  // Unread bytes would end the connection with a reset, and the answer could be lost.
   mClient.shutdownWrite();
   expireAfter(std::chrono::seconds{2});
   for (bool isOpen = true; isOpen;) {
@@ -71,11 +71,11 @@ Task<bool> Session::readMore() {
   }
 }
 
-/// @return the next whole head, taken off mIn; empty if the connection is to end
+/// Takes the next whole head from mIn. @return empty if the connection must end
 Task<std::string> Session::readHead() {
   std::size_t searched = 0;
   while (true) {
-    // An empty line before a request is what old clients send after a body.
+    // Old clients send an empty line after a body.
     if (searched == 0 && mIn.starts_with("\r\n")) mIn.erase(0, 2);
     if (!mIn.empty() && !mIsInRequest) {
       mIsInRequest = true;

@@ -1,8 +1,8 @@
-// One client's connection, from its first byte to its end or to its tunnel.
+// One connection of a client, from its first byte to its end or until it becomes a tunnel.
 //
-// The first byte shows whether the client uses SOCKS or HTTP. HTTP requests are served one after
-// the other, and later requests of the client wait. A connection to a server or a proxy is kept for
-// the next request of the same client only.
+// The first byte shows whether the client uses SOCKS or HTTP. The session serves HTTP requests one
+// after the other, and later requests of the client wait. It keeps a connection to a server or a
+// proxy only for the next request of the same client.
 //
 // The session's coroutine owns the object. It needs no buffer while it waits for a request.
 #pragma once
@@ -19,30 +19,30 @@
 
 namespace relay {
 
-/// How long a body waits for the proxy's 100 or 407, if the proxy may want a password. Servers need
-/// not send a 100 (RFC 9110, 10.1.1); other clients wait as long.
+/// How long a body waits for the proxy's 100 or 407, if the proxy may want a password. Servers are
+/// not required to send a 100 (RFC 9110, 10.1.1). Other clients wait as long.
 inline constexpr std::chrono::seconds kAnswerBeforeBody{1};
 
 class Session : public Watched, public std::enable_shared_from_this<Session> {
  public:
   Session(Context& context, Stream client, const Peer& peer, bool isRefused, Slot slot);
 
-  /// Serves the connection. The session lives until its end.
+  /// Starts the session. The coroutine keeps it alive until its end.
   void start();
 
   void expire() override;
 
  private:
-  /// How a served request leaves the connection.
+  /// What happens to the client's connection after a request.
   enum class Next : std::uint8_t { kKeep, kClose, kHandedOver };
-  /// How the exchange with one upstream ended.
+  /// The result of one exchange with an upstream.
   enum class Exchange : std::uint8_t {
-    kKeep,            ///< done, the client's connection goes on
-    kClose,           ///< done, or broken after the answer began
-    kHandedOver,      ///< a tunnel since the 101
-    kNoAnswer,        ///< the upstream ended before its answer, nothing was sent to the client
-    kAuthentication,  ///< 407, which the client does not get
-    kAgain            ///< 407 or 417, and the next attempt has another head
+    kKeep,            ///< done; the client's connection stays open
+    kClose,           ///< done, or failed after the answer began
+    kHandedOver,      ///< a tunnel after status 101
+    kNoAnswer,        ///< the upstream ended before its answer; the client got nothing
+    kAuthentication,  ///< a 407, which the client does not get
+    kAgain            ///< a 407 or 417; the next attempt has another head
   };
 
   // session.cpp
@@ -87,18 +87,18 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   const Peer mPeer;
   const bool mIsRefused;  ///< by allow-users or deny-users
   Slot mSlot;
-  std::string mIn;                       ///< read from the client, not used yet
-  std::optional<Upstream> mServer;       ///< of the last request in absolute form
-  std::string mServerDestination;        ///< what mServer leads to, if not an HTTP proxy
-  std::string mServerIn;                 ///< read from mServer, not used yet
-  std::optional<KnownChallenge> mFresh;  ///< of a 407 to this request, for its next attempt alone
-  std::optional<Event> mContinue;        ///< a 100 came; set if the body waits for it
-  bool mIsExpectRefused = false;         ///< the server refused Expect for this request
-  bool mIsReused = false;                ///< mServer was used before
-  bool mHasServerByte = false;           ///< mServer sent something since the request
-  bool mIsBodyStarted = false;           ///< bytes of the request's body have left
-  bool mIsBodySent = true;               ///< all of them
-  bool mIsInRequest = false;             ///< a request has begun, for what an expiry means
+  std::string mIn;                       ///< read from the client, not processed yet
+  std::optional<Upstream> mServer;       ///< the upstream of the last request in absolute form
+  std::string mServerDestination;        ///< where mServer leads; empty for an HTTP proxy
+  std::string mServerIn;                 ///< read from mServer, not processed yet
+  std::optional<KnownChallenge> mFresh;  ///< from a 407 to this request, only for its next attempt
+  std::optional<Event> mContinue;  ///< a 100 has come; set while the body may have to wait for it
+  bool mIsExpectRefused = false;   ///< the server refused Expect for this request
+  bool mIsReused = false;          ///< mServer was used before
+  bool mHasServerByte = false;     ///< mServer sent something since the request
+  bool mIsBodyStarted = false;     ///< a part of the request's body was sent
+  bool mIsBodySent = true;         ///< the whole body was sent
+  bool mIsInRequest = false;       ///< a request has begun: decides what a timeout means
 };
 
 }  // namespace relay

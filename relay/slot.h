@@ -1,4 +1,4 @@
-// The place of one connection in the limits of connections.
+// One connection's place in the connection limits.
 #pragma once
 
 #include <functional>
@@ -6,7 +6,7 @@
 
 namespace relay {
 
-/// Calls its function when it is destroyed.
+/// Calls its function on destruction.
 class Slot {
  public:
   Slot() = default;

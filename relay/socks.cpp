@@ -39,7 +39,7 @@ SocksStep refused(std::string reply) {
   return {SocksState::kRefused, 0, std::move(reply), {}};
 }
 
-/// A destination of a name or an address that was read; a name may be an address as a text.
+/// The step for a destination that was read. A name may be an address in text form.
 SocksStep done(std::size_t taken, const std::string& host, std::uint16_t port,
                std::string refusal) {
   const bool isIpv6 = host.find(':') != std::string::npos;
@@ -91,7 +91,7 @@ SocksStep readSocks4Request(std::string_view bytes) {
   if (userEnd - 8 > kMaxSocksUser) return refused(socks4Reply(91));
   const auto port = portAt(bytes, 2);
   const auto address = bytes.substr(4, 4);
-  // 0.0.0.x with x not 0: a name follows.
+  // An address 0.0.0.x with x not 0 means that a name follows.
   const bool hasName = address.substr(0, 3) == std::string_view("\0\0\0", 3) && address[3] != '\0';
   if (!hasName) {
     return done(userEnd + 1, addressText(AF_INET, address), port, socks4Reply(91));

@@ -1,7 +1,7 @@
 // The requests of SOCKS4, SOCKS4a and SOCKS5 clients (RFC 1928). Pure functions, for any thread.
 //
-// Only CONNECT is there, and SOCKS5 without authentication: the relay knows its clients by the
-// owner of their socket.
+// Only CONNECT is supported, and SOCKS5 only without authentication: the relay identifies its
+// clients by the owner of their socket.
 #pragma once
 
 #include <cstddef>
@@ -12,14 +12,14 @@
 
 namespace relay {
 
-/// Longest user identifier of a SOCKS4 request, in bytes. It is read and ignored.
+/// Longest user identifier of a SOCKS4 request, in bytes. The relay reads and ignores it.
 inline constexpr std::size_t kMaxSocksUser = 255;
-/// Longest SOCKS request, in bytes: SOCKS4a with the longest user and name.
+/// Longest SOCKS request, in bytes: SOCKS4a with the longest user identifier and the longest name.
 inline constexpr std::size_t kMaxSocksRequest = 8 + kMaxSocksUser + 1 + 255 + 1;
 
 enum class SocksState { kMore, kDone, kRefused };
 
-/// How the request goes on.
+/// The next step of the handshake.
 struct SocksStep {
   SocksState state = SocksState::kMore;
   std::size_t taken = 0;    ///< bytes of the input that were read; 0 if more are wanted
@@ -29,7 +29,7 @@ struct SocksStep {
 
 enum class SocksResult { kConnected, kFailed, kNotAllowed, kHostUnreachable };
 
-/// Reads a SOCKS5 client's greeting, the list of its methods.
+/// Reads the greeting of a SOCKS5 client, which lists its methods.
 /// @return done (with the reply to send), refused, or more
 SocksStep readSocks5Greeting(std::string_view bytes);
 
@@ -39,7 +39,7 @@ SocksStep readSocks5Request(std::string_view bytes);
 /// Reads a SOCKS4 or SOCKS4a request.
 SocksStep readSocks4Request(std::string_view bytes);
 
-/// The reply that ends the handshake. `version` is 4 or 5.
+/// @return the reply that ends the handshake; `version` is 4 or 5
 std::string socksReply(int version, SocksResult result);
 
 }  // namespace relay

@@ -26,7 +26,8 @@ void Sweeper::sweep() {
   const auto now = Clock::now();
   for (auto watched = mList.begin(); watched != mList.end();) {
     auto& current = *watched++;
-    // Its end closes sockets, whose handlers run later: the list stays as it is meanwhile.
+    // expire() closes sockets. Their handlers run later, so the list does not change during this
+    // loop.
     if (current.deadline() <= now) current.expire();
   }
   if (!mList.empty()) arm();

@@ -1,8 +1,8 @@
-// One connection to a client, to a server or through a proxy. It is plain, or it uses TLS by
-// libcurl.
+// One connection to a client, to a server or through a proxy. It is plain, or libcurl encrypts it
+// with TLS.
 //
-// No function keeps the caller's bytes: what the socket does not accept at once is copied. So all
-// connections share one buffer for reading, and an idle connection needs no buffer.
+// No function keeps the caller's bytes. A caller copies what the socket does not accept at once. So
+// all connections share one read buffer, and an idle connection needs no buffer.
 #pragma once
 
 #include <curl/curl.h>
@@ -16,10 +16,10 @@
 
 namespace relay {
 
-/// Size of one read in bytes. No more than this waits in one direction.
+/// Size of one read, in bytes. At most this many bytes wait in one direction.
 inline constexpr std::size_t kBufferBytes = 64U << 10U;
 
-/// Releases a libcurl handle in its ProxyConnector, which lives longer than all streams.
+/// Returns a libcurl handle to its ProxyConnector, which lives longer than all streams.
 struct CurlRelease {
   CURLM* multi = nullptr;
   void operator()(CURL* handle) const {
@@ -34,9 +34,9 @@ class Stream {
   static constexpr ssize_t kAgain = -1;
   static constexpr ssize_t kFailed = -2;
 
-  /// Takes a connected socket.
+  /// Takes ownership of a connected socket.
   explicit Stream(Socket socket) : mSocket(std::move(socket)) {}
-  /// A connection in TLS: the socket's descriptor belongs to the handle.
+  /// A TLS connection: the handle owns the socket's descriptor.
   Stream(Socket socket, CurlHandle tls) : mSocket(std::move(socket)), mTls(std::move(tls)) {}
   Stream(Stream&& other) noexcept = default;
   Stream& operator=(Stream&& other) noexcept;
@@ -44,14 +44,15 @@ class Stream {
 
   /// @return the number of bytes read; 0 at the end of the stream; kAgain; kFailed
   ssize_t tryRead(char* bytes, std::size_t size);
-  /// @return the number of bytes taken, at least 1; kAgain; kFailed
+  /// @return the number of bytes written, at least 1; kAgain; kFailed
   ssize_t tryWrite(std::string_view bytes);
-  /// Waits until there is something to read. @return false if the stream was closed meanwhile
+  /// Waits until there are bytes to read. @return false if the stream was closed meanwhile
   Task<bool> waitRead();
   Task<bool> waitWrite();
-  /// Writes all of `bytes`. @return whether they were taken
+  /// Writes all `bytes`. @return whether the write succeeded
   Task<bool> write(std::string_view bytes);
-  /// Ends the sending direction. TLS by libcurl cannot do that: the caller closes the stream.
+  /// Ends the sending direction. libcurl cannot do this for TLS: the caller closes the stream
+  /// instead.
   void shutdownWrite();
   bool isTls() const { return mTls != nullptr; }
   bool isOpen() const { return mSocket.is_open(); }

@@ -6,7 +6,7 @@ namespace relay {
 
 namespace {
 
-/// How many buffers are copied before others have their turn.
+/// Number of buffers that are copied before other connections get their turn.
 constexpr int kRounds = 8;
 
 class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
@@ -25,7 +25,7 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
   void expire() override { end(); }
 
  private:
-  /// From mStreams[way] to the other.
+  /// The direction from mStreams[way] to the other stream.
   struct Way {
     std::string waiting;  ///< what the receiver has not taken yet
     bool isAtEnd = false;
@@ -54,7 +54,7 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
                [self = shared_from_this(), way] { self->copy(way); });
   }
 
-  /// @return whether all was taken; else the tunnel waits, or has ended
+  /// @return whether all bytes were sent; if false, the tunnel waits or has ended
   bool forward(unsigned way, std::string_view bytes) {
     while (!bytes.empty()) {
       const auto put = to(way).tryWrite(bytes);
@@ -68,7 +68,7 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
     return true;
   }
 
-  /// As forward(), for what waits.
+  /// Like forward(), for the bytes that wait.
   bool flush(unsigned way) {
     if (mWays[way].waiting.empty()) return true;
     std::string bytes;
@@ -85,7 +85,7 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
 
   void endOf(unsigned way) {
     mWays[way].isAtEnd = true;
-    // A half-closed TLS connection of libcurl cannot be told to its other side.
+    // libcurl cannot close one direction of a TLS connection, so the tunnel ends both.
     if (mWays[1 - way].isAtEnd || to(way).isTls()) return end();
     to(way).shutdownWrite();
   }

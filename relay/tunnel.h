@@ -1,4 +1,4 @@
-// Copies bytes between two connections in both directions, until both have ended.
+// Copies bytes between two connections in both directions, until both directions have ended.
 #pragma once
 
 #include <chrono>
@@ -10,11 +10,11 @@
 
 namespace relay {
 
-/// Starts a tunnel. It deletes itself at its end, and needs no buffer without traffic.
-/// @param forServer bytes of the client that were read already
-/// @param forClient bytes of the server that were read already
+/// Starts a tunnel. It deletes itself at its end. Without traffic it needs no buffer.
+/// @param forServer bytes from the client that were read already
+/// @param forClient bytes from the server that were read already
 /// @param idle longest time without a byte in either direction
-/// @param slot is released at the end of the tunnel
+/// @param slot released at the end of the tunnel
 void startTunnel(Sweeper& sweeper, Stream client, Stream server, std::string forServer,
                  std::string forClient, std::chrono::seconds idle, Slot slot);
 

@@ -9,7 +9,7 @@ namespace relay {
 
 namespace {
 
-/// Closes a stream when its time is over.
+/// Closes a stream at its deadline.
 class Deadline : public Watched {
  public:
   Deadline(Sweeper& sweeper, Stream& stream, Clock::time_point end) : mStream(stream) {
@@ -28,7 +28,7 @@ class Deadline : public Watched {
   bool mIsOver = false;
 };
 
-/// Reads up to the end of the answer's head. @return its status; 0 if there is none
+/// Reads to the end of the answer's head. @return its status; 0 if there is none
 Task<unsigned> statusOf(Stream& stream, std::string& in) {
   while (true) {
     const auto answer = readTunnelAnswer(in);

@@ -1,7 +1,7 @@
-// CONNECT at an HTTP proxy that gets no password.
+// CONNECT to an HTTP proxy that gets no password.
 //
-// libcurl, which has all other handshakes with proxies, reads the answer to CONNECT byte by byte:
-// some eighty system calls for each tunnel, half of its cost.
+// libcurl does all other handshakes with proxies. But it reads the answer to CONNECT byte by byte:
+// about eighty system calls for each tunnel, half of the tunnel's cost.
 #pragma once
 
 #include <string>
@@ -12,19 +12,20 @@
 
 namespace relay {
 
-/// The end of a head, and what it says about the tunnel.
+/// The length of a head, and the status in it.
 struct TunnelAnswer {
-  std::size_t length = 0;  ///< of the head in bytes; 0 if its end has not come yet
-  unsigned status = 0;     ///< 0 if the head is not one of HTTP/1
+  std::size_t length = 0;  ///< length of the head in bytes; 0 if its end has not come yet
+  unsigned status = 0;     ///< 0 if the head is not HTTP/1
 };
 
-/// Reads the head at the beginning of `bytes`. Nothing of it goes on to a client, so lines may also
-/// end with LF alone. Any thread.
+/// Reads the head at the start of `bytes`. The client gets no part of it, so a line may also end
+/// with LF alone. May run on any thread.
 TunnelAnswer readTunnelAnswer(std::string_view bytes);
 
-/// Asks the proxy at the other end of `stream` for a tunnel, and takes the stream if it is there.
-/// @param via the relay's own name, for the field Via
-/// @param end when to give up; about one second late at most
+/// Asks the proxy at the other end of `stream` for a tunnel. If it succeeds, it moves the stream
+/// into the result.
+/// @param via the relay's own name, for the Via field
+/// @param end when the attempt ends, at most about one second late
 Task<ThroughProxy> askForTunnel(Sweeper& sweeper, Stream& stream, const Destination& destination,
                                 const std::string& via, Clock::time_point end);
 

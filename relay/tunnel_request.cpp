@@ -8,7 +8,7 @@ namespace relay {
 
 namespace {
 
-/// What the daemon is asked about: browsers ask so for tunnels.
+/// The URL for the question to the daemon. Browsers use the same form for tunnels.
 std::string urlOf(const Destination& destination) {
   if (destination.port == 80) return "http://" + destination.hostField(80) + "/";
   return "https://" + destination.hostField(443) + "/";
@@ -71,7 +71,7 @@ void Session::handOver(Stream server, std::string forClient) {
               std::move(forClient), mContext.configured.configuration.idleTime, std::move(mSlot));
 }
 
-/// @return where the client wants to go; nothing if it was refused
+/// @return the destination that the client asks for; nothing if the relay refused it
 Task<std::optional<Destination>> Session::socksDestination(int version) {
   bool isGreeted = version == 4;
   while (true) {

@@ -25,8 +25,8 @@ namespace {
 
 using sandbox::Failure;
 
-// What a network client reads: certificates, the configuration of names, users and Kerberos, shared
-// libraries.
+// What a network client reads: certificates, shared libraries, and the configuration of names,
+// users and Kerberos.
 constexpr const char* kReadable[] = {
     "/etc/ssl",
     "/etc/pki",
@@ -74,8 +74,8 @@ using sandbox::masked;
 using sandbox::SystemCalls;
 
 void allowMemory(SystemCalls& list) {
-  // Modules of the name service and of Kerberos are mapped to be run, from files and never
-  // writable.
+  // Modules of the name service and of Kerberos are mapped as code from files. Such a mapping is
+  // never writable.
   constexpr std::uint64_t kWriteAndRun = PROT_WRITE | PROT_EXEC;
   for (const int call : {SCMP_SYS(mmap), SCMP_SYS(mmap2)}) {
     list.allow(call, {masked(2, PROT_EXEC, 0)})
@@ -89,8 +89,8 @@ void allowMemory(SystemCalls& list) {
 }
 
 void allowThreads(SystemCalls& list) {
-  // The flags of pthread_create, no more and no less: no process, no namespace. What clone3 would
-  // be asked for cannot be seen by a filter; without it the C library takes clone.
+  // Exactly the flags of pthread_create: no new process, no namespace. A filter cannot see the
+  // flags of clone3. Without clone3, the C library uses clone.
   constexpr std::uint64_t kThread = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SYSVSEM |
                                     CLONE_SIGHAND | CLONE_THREAD | CLONE_SETTLS |
                                     CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
@@ -109,7 +109,7 @@ void allowThreads(SystemCalls& list) {
 }
 
 void allowSockets(SystemCalls& list) {
-  // AF_UNIX is for the message bus, the log and the name service.
+  // AF_UNIX is needed for the message bus, the log and the name service.
   for (const int family : {AF_INET, AF_INET6, AF_UNIX}) {
     list.allow(SCMP_SYS(socket), {masked(0, kInt, static_cast<std::uint64_t>(family))});
   }
@@ -163,7 +163,7 @@ void allowFiles(SystemCalls& list) {
   constexpr std::uint64_t kWrites = O_ACCMODE | O_CREAT | O_TRUNC;
   list.allow(SCMP_SYS(openat), {masked(2, kWrites, O_RDONLY)})
       .allow(SCMP_SYS(open), {masked(1, kWrites, O_RDONLY)});
-  // Some modules of the name service keep a file to write; they do without.
+  // Some modules of the name service open a file for writing. They also work without it.
   for (const std::uint64_t mode : {std::uint64_t{O_WRONLY}, std::uint64_t{O_RDWR}}) {
     list.refuse(SCMP_SYS(openat), EACCES, {masked(2, O_ACCMODE, mode)});
   }
@@ -235,7 +235,7 @@ Failure allowOnlyWhatARelayNeeds() {
 
 Failure raiseWalls() {
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::keep)) return failure;
-#if !PROXYMANAGER_SANITIZED  // whose report at the end reads files of the process itself
+#if !PROXYMANAGER_SANITIZED  // the sanitizer's report at the end reads files of the process
   constexpr sandbox::Limit kLimits[] = {{RLIMIT_CORE, 0, "RLIMIT_CORE"},
                                         {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"}};
   if (auto failure = sandbox::limitResources(kLimits)) return failure;

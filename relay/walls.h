@@ -1,16 +1,17 @@
-// The walls that the relay raises around itself before it takes the first connection: it reads what
-// any program and any server sends.
+// The walls that the relay raises around itself before it accepts the first connection. The relay
+// reads bytes from any program and any server.
 #pragma once
 
 #include "sandbox/walls.h"
 
 namespace relay {
 
-/// The user nobody if the relay is root's; no new privileges, no capability, no core file, no
-/// debugger, no file written, no program started, and a list of system calls. Files are read only
-/// where the system has its names, users and certificates (if the kernel has Landlock). To be
-/// called on the one thread that there is, when the configuration has been read and the sockets are
-/// open.
+/// Raises the walls. If the relay runs as root, it changes to the user nobody. It gives up all
+/// privileges and capabilities. It can write no file and no core file, start no program, and be
+/// read by no debugger. A list limits the system calls. If the kernel has Landlock, the relay can
+/// read only the files for names, users and certificates.
+/// Call it after the configuration has been read and the sockets are open, while the process has
+/// one thread.
 sandbox::Failure raiseWalls();
 
 }  // namespace relay

@@ -14,7 +14,7 @@ STRANGER = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
 
 
 class Systemd:
-    """Has one unit, whose properties stand for one run of the program."""
+    """A stand-in for systemd with one unit. Its properties do not change during one run of the program."""
 
     def __init__(self):
         self.replies = {}

@@ -386,7 +386,7 @@ def test_pages_are_for_this_machine_s_own_users(relay, origin, daemon, client):
 
 def test_the_page_shows_where_the_script_is_from_and_its_age(
         build, relay, bus, syslog, own_network, web):
-    """As systemd knows it: the relay's unit has a /tmp of its own."""
+    """The age comes from systemd, because the relay's unit has a private /tmp."""
     make_watched_files()
     systemd = Systemd()
     with contextlib.closing(Daemon(build, environment=systemd.environment)) as daemon, \
@@ -577,7 +577,7 @@ def test_an_address_that_does_not_answer_delays_the_next_one_a_moment(relay, ori
     with socket.socket() as full, contextlib.ExitStack() as stack:
         full.bind(("127.0.0.2", origin.port))
         full.listen(0)
-        # With its backlog full the kernel drops what comes.
+        # When the backlog is full, the kernel drops further connections.
         for _ in range(3):
             waiting = stack.enter_context(socket.socket())
             waiting.setblocking(False)
@@ -588,7 +588,7 @@ def test_an_address_that_does_not_answer_delays_the_next_one_a_moment(relay, ori
 
 def test_the_walls_are_raised_before_the_first_connection(relay, origin, bus, sanitizer):
     relay.start()
-    # The kernel takes connections before the relay does.
+    # The kernel accepts connections before the relay does.
     assert get(relay, f"http://{HOST}:{origin.port}/")[0] == 200
     with open(f"/proc/{relay.process.pid}/status") as file:
         fields = dict(line.split(":\t", 1) for line in file.read().splitlines() if ":\t" in line)

@@ -1,4 +1,4 @@
-"""The relay's limits, each reached and passed by one, and clients that are slow."""
+"""The relay's limits, at the limit and one past it, and slow clients."""
 
 import contextlib
 import ctypes
@@ -41,7 +41,7 @@ def metric(relay, name):
 
 
 class HoldingDaemon:
-    """Has the daemon's name, and answers a question only when it is told to."""
+    """Owns the daemon's bus name, and answers a question only when the test asks for it."""
 
     def __init__(self):
         self.asked = []
@@ -68,7 +68,7 @@ class HoldingDaemon:
                 self._changed.notify_all()
 
     def answer_one(self):
-        """The oldest question. @return the question that comes next"""
+        """Answers the oldest question. @return the question that comes next"""
         with self._changed:
             count = len(self.asked)
             call = self._held.pop(0)
@@ -96,7 +96,7 @@ def test_the_daemon_has_32_questions_at_most_equal_ones_are_one_and_users_have_t
         daemon.wait(32)
         wait_until(lambda: metric(relay, "questions_waiting") == 28, "the others wait")
         assert metric(relay, "questions_asked") == 32 == len(daemon.asked)
-        ask(1002, "192.0.2.59")  # waits already
+        ask(1002, "192.0.2.59")  # is already in the queue
         ask(1002, "192.0.2.101")
         ask(1003, "192.0.2.102")
         ask(1002, "192.0.2.103")
@@ -138,7 +138,7 @@ def test_a_user_may_have_1024_connections_and_all_users_4096(relay, own_network,
         held = []
         for number in range(OF_ALL // OF_USER):
             user = 2001 + number
-            # With fewer at once than the kernel's queue of those that are not accepted yet.
+            # Fewer connections at once than the kernel's backlog.
             for _ in range(4):
                 held += hold(relay, stack, user, OF_USER // 4)
                 assert is_served(held[-1]), "what came before it is accepted"
@@ -168,7 +168,7 @@ def test_a_gigabyte_leaves_the_memory_as_it_was(relay, own_network, bus, sanitiz
                     offset += os.sendfile(connection.fileno(), zeros.fileno(), offset, (1 << 24) - offset)
 
     def take(connection):
-        """TCP throws away what is read so."""
+        """TCP discards the bytes that MSG_TRUNC reads."""
         taken = 0
         while got := len(connection.recv(1 << 20, socket.MSG_TRUNC)):
             taken += got

@@ -1,4 +1,4 @@
-"""Proxies that want a password, and requests with a body: the body waits until the proxy has agreed."""
+"""Proxies that want a password, and requests with a body: the body waits until the proxy accepts it."""
 
 import contextlib
 import os
@@ -23,7 +23,7 @@ FRAMINGS = ((f"Content-Length: {len(BODY)}\r\n", BODY), ("Transfer-Encoding: chu
 
 
 class BodyProxy(Server):
-    """An HTTP proxy that takes requests with a body. `answer(head)` is what follows the head at once;
+    """An HTTP proxy that takes requests with a body. `answer(head)` is sent right after the head;
     if it is final, the proxy reads no body."""
 
     def __init__(self, answer):
@@ -50,7 +50,7 @@ def manual(client, proxy):
 
 @contextlib.contextmanager
 def running(relay):
-    """It has no memory of another proxy's port."""
+    """Starts a new relay, which remembers nothing about another proxy on the same port."""
     relay.start()
     try:
         yield
@@ -59,7 +59,7 @@ def running(relay):
 
 
 def once_of_five(attempt):
-    """A body waits a second for the proxy. A busy machine may be late, and is seldom so five times."""
+    """A body waits one second for the proxy. A busy machine may be late once, but hardly five times."""
     for _ in range(4):
         with contextlib.suppress(AssertionError):
             return attempt()
@@ -141,7 +141,7 @@ def test_a_password_that_is_refused_sends_a_body_to_the_next_proxy(
 
 
 def test_passwords_are_for_the_users_and_groups_that_may_have_them(relay, origin, daemon, client):
-    """nobody is listed by name, games by its group, and man is not."""
+    """The list has nobody by name and games by its group. It does not have man."""
     def wants(head):
         return None if BASIC in head else WANTS_BASIC.replace("Connection: close\r\n", "")
 

@@ -60,7 +60,7 @@ def test_a_socket_that_was_left_behind_is_replaced_and_another_file_is_not(
 
 
 def test_a_signal_during_the_start_ends_it_in_order(build, own_network, syslog):
-    # Its port is open, and it waits for the log to take the line about the other address.
+    # The relay's port is open, and the relay waits until the log accepts the line about the other address.
     with socket.create_server(("::1", 3128), family=socket.AF_INET6):
         syslog.hold()
         while not syslog.takes_no_more():

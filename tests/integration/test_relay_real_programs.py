@@ -1,4 +1,4 @@
-"""curl, wget and git as Debian has them, whose one fixed proxy is the relay, over tinyproxy and microsocks
+"""Debian's curl, wget and git with the relay as their one fixed proxy, through tinyproxy and microsocks
 in each mode. Squid, haproxy, package managers and browsers are tests of their own: ./test.sh --relay.
 """
 
@@ -22,7 +22,7 @@ REPOSITORY = f"http://{SITE}/way.git"
 
 
 def run(*command, proxy="http://127.0.0.1:3128"):
-    """A program with the variables that lead to the relay: its status, output and complaints."""
+    """Runs a program with the variables that name the relay. @return its status, output and errors"""
     variables = {"PATH": "/usr/bin:/bin", "HOME": "/run", "http_proxy": proxy, "https_proxy": proxy}
     done = subprocess.run(command, env=variables, capture_output=True, text=True,
                           stdin=subprocess.DEVNULL, timeout=LIMIT)
@@ -34,7 +34,7 @@ def way(proxy="http://127.0.0.1:3128"):
 
 
 def ways():
-    """The ways that the programs take, for http and through tunnels."""
+    """The proxies that the programs use, for http and through tunnels."""
     taken = []
     for command in ((*CURL, PAGE), (*CURL, f"https://{SITE}/way"), (*WGET, PAGE),
                     (*WGET, f"https://{SITE}/way"), (*GIT, REPOSITORY),
@@ -53,7 +53,7 @@ def relay(build, proxies, client):
 
 
 def follows(wanted):
-    """The daemon's signal may be on its way when the first program asks."""
+    """The daemon's signal may arrive after the first program has asked."""
     wait_until(lambda: way() == wanted, f"the relay goes {wanted}")
 
 

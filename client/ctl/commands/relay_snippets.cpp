@@ -27,7 +27,7 @@ constexpr std::array<Snippet, 3> kSnippets{{
   throw Failure(kOutput, what + ": " + why);
 }
 
-/// The package's folder, found by the path from this program, as any prefix serves.
+/// The package's folder. It is found relative to this program, so any install prefix works.
 fs::path folder() {
   std::error_code error;
   const auto own = fs::read_symlink("/proc/self/exe", error).parent_path();

@@ -16,7 +16,7 @@ Row row(std::string value, Tone tone) {
   return {"relay", std::move(value), tone};
 }
 
-/// Snippets that lead programs to a port that anybody may bind.
+/// A warning: the snippets lead programs to a port that any user may bind.
 Row danger(const std::string& why) {
   return row(std::string(kDefault) + ", but " + why + kDisable, Tone::kBad);
 }

@@ -17,7 +17,7 @@ struct RelayState {
   std::string unknown;  ///< why there is no `unit`
 };
 
-/// Looks at the snippets and asks systemd, at most for `limit`.
+/// Looks at the snippets, and asks systemd for at most `limit`.
 RelayState lookAtRelay(std::chrono::microseconds limit);
 
 /// The row of the table.

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
 
-/// The next word of `text`, which loses it; empty at the end. Quotation marks count as blanks.
+/// Removes the next word from `text` and returns it; empty at the end. Quotation marks are blanks.
 std::string_view nextWord(std::string_view& text) {
   constexpr std::string_view kBetween = " \t\r\"";
   text.remove_prefix(std::min(text.find_first_not_of(kBetween), text.size()));
@@ -25,7 +25,7 @@ bool isMethod(std::string_view word) {
          std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 
-/// The URL of "host:port", without the port if it is the one that the scheme means.
+/// The URL of "host:port". It has no port if the port is the default of the scheme.
 std::string urlOf(std::string_view scheme, std::string_view place) {
   const std::string_view usual = scheme == "https" ? ":443" : ":80";
   if (place.ends_with(usual)) place.remove_suffix(usual.size());
@@ -36,7 +36,7 @@ std::string urlOfEither(std::string_view place) {
   return urlOf(place.ends_with(":443") ? "https" : "http", place);
 }
 
-/// The URL of a line of proxymanager-relay, which begins with `rest` behind its own name.
+/// The URL of a log line of proxymanager-relay. `rest` is the line after the program's name.
 std::string urlOfRelay(std::string_view rest) {
   for (const std::string_view kind : {"request to ", "tunnel to ", "no way to "}) {
     if (!rest.starts_with(kind)) continue;
@@ -50,7 +50,7 @@ std::string urlOfRelay(std::string_view rest) {
   return {};
 }
 
-/// The destinations on the relay's page; nothing if `log` is not that page.
+/// The destinations on the relay's page; empty if `log` is not that page.
 std::vector<std::string> urlsOfPage(std::string_view log) {
   std::vector<std::string> urls;
   const auto page = nlohmann::json::parse(log, nullptr, false);

@@ -9,10 +9,10 @@ namespace client {
 
 /// The URL that a line of a log or of a list names; empty if there is none.
 ///
-/// It is the line itself if it has no blank in it. Else it is what follows a method such as GET, as
-/// in the logs of squid (its own form and the common one) and tinyproxy; a host and port behind
-/// CONNECT is an https URL. In a line of proxymanager-relay it is the destination: of a request an
-/// http URL, of a tunnel an https URL, and of a failure an https URL if the port is 443.
+/// A line without a blank is the URL itself. In the logs of squid (its own form and the common one)
+/// and tinyproxy, the URL follows a method such as GET; a host and port after CONNECT become an
+/// https URL. In a line of proxymanager-relay, the destination becomes the URL: http for a request,
+/// https for a tunnel, and for a failure https if the port is 443, else http.
 std::string urlOfLine(std::string_view line);
 
 /// The URLs of a whole log, in order. The log may also be the relay's page status.json, whose
