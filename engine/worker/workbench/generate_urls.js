@@ -1,7 +1,8 @@
-// The command "urls": URLs that make a script decide one way and the other, from the hosts, networks
-// and patterns that stand in it.
+// The command "urls": URLs that make a script decide in both ways. They come from the hosts,
+// networks and patterns in the script.
 //
-// Report: { urls: [[url, line], ...] }, without repetition, at most argument.most. A line of 0 is a
+// Report: { urls: [[url, line], ...] }, without duplicates, at most argument.most. A line of 0
+// marks a URL that is used for every script.
 // URL that every script is asked.
 'use strict';
 
@@ -12,7 +13,7 @@ const alwaysAsked = [
   'http://[fe80::1]/', 'http://192.0.2.1/',
 ];
 
-// A text that a shell expression matches, and one that it barely does not.
+// A text that a shell expression matches, and a similar text that it does not match.
 function filled(pattern) {
   const text = pattern.replace(/\*/g, 'a').replace(/\?/g, 'x');
   return [text, pattern.replace(/\*/g, '').replace(/\?/g, 'x')];
@@ -27,7 +28,7 @@ function isHostLike(text) {
   return /^[a-z0-9_.-]*[a-z0-9]$/i.test(text) && (text.includes('.') || /[a-z]/i.test(text));
 }
 
-// The addresses at both ends of a network, and those next to it.
+// The first and last address of a network, and the addresses next to them.
 function addressesOf(address, mask) {
   const number = (quad) => quad.split('.').reduce((sum, field) => ((sum << 8) | field) >>> 0, 0);
   const quad = (value) => [24, 16, 8, 0].map((bits) => (value >>> bits) & 255).join('.');
@@ -54,7 +55,7 @@ class UrlMaker {
     this.add(`https://${host}/`, line);
   }
 
-  // A pattern of shExpMatch: of a host or of a whole URL.
+  // A pattern of shExpMatch, for a host or for a whole URL.
   pattern(pattern, line) {
     for (const text of filled(pattern)) {
       if (/^[a-z][a-z0-9+.-]*:/i.test(text)) this.add(text, line);
@@ -87,7 +88,7 @@ class UrlMaker {
 
   visit(node) {
     if (node.type === 'CallExpression' && node.callee.type === 'Identifier' && this.call(node)) return;
-    // What is returned names proxies.
+    // A returned text names proxies.
     if (node.type === 'ReturnStatement' && node.argument && node.argument.type === 'Literal') return;
     if (node.type === 'Literal' && typeof node.value === 'string') {
       this.literal(node.value, this.script.lineOf(node.start));

@@ -1,21 +1,21 @@
-// The command "instrument": the script with calls of the hook (tracer.h) in it, and what its places
-// are.
+// The command "instrument": adds calls of the hook (tracer.h) to the script, and describes its
+// places.
 //
 // A place is a statement, or an expression whose value decides: a test, an operand of && || ??, the
-// value of a return, the call of a helper. The text around them stays as it is, and no line end is
-// added, so lines stay lines and comments may stand anywhere. The hook is called
-//   hook(N);          before a statement; a statement that is no block gets one
+// value of a return, a helper call. The source text of a place stays unchanged. No line end is
+// added, so line numbers stay the same and comments may stand anywhere. The calls of the hook are:
+//   hook(N);          before a statement; a single statement without a block gets a block
 //   hook(N,(value))   around an expression
 //   hook(N),          before the test of an `else if`, which keeps a chain of them flat for the
 //                     engine's own parser
-// Nothing in the body of a `with` is touched: the hook's name could mean another thing there.
+// The body of a `with` stays unchanged, because the hook's name could mean something else there.
 //
 // Report: { script, names, places, functions, notes, source? }. A place is the array
 //   [kind, line, column, last line, source, function, owner, branch]
 // kind: letters: s statement; t test of an if, ?: or loop; k test of a case; o operand; r return;
-//   h call of a helper; c case that is entered; d in addition: never reached, whatever is asked
-// owner: number of the place (t or c) that decides whether this one is reached, -1 if none does;
-//   branch: whether that has to be true
+//   h helper call; c entered case; d added to a letter: no URL can reach this place
+// owner: number of the place (t or c) that decides whether this place is reached; -1 if none does
+//   branch: the result of the owner with which this place is reached
 // functions: [name, first line, last line]; the script itself is number 0
 'use strict';
 
@@ -38,7 +38,7 @@ class Instrumenter {
     this.name = this.freeName();
   }
 
-  // A name for the hook that does not occur in the script, not even as a part.
+  // A name for the hook that is not a part of any text in the script.
   freeName() {
     for (let number = 0; ; number++) {
       const name = `$pm${number}`;
@@ -64,7 +64,7 @@ class Instrumenter {
     return this.places.length - 1;
   }
 
-  // Puts the hook around an expression and goes on inside. @return the place's number
+  // Adds the hook around an expression, and continues inside. @return the place's number
   around(kind, node, context) {
     const isHelper = !context.inChain && isHelperCall(node);
     const number = this.place(isHelper ? kind + 'h' : kind, node, context, true);
@@ -74,7 +74,7 @@ class Instrumenter {
     return number;
   }
 
-  // A test: the operands of && || ?? ! one by one, and the whole.
+  // A test: each operand of && || ?? !, and the whole test.
   test(kind, node, context) {
     if (!isLogical(node)) return this.around(kind, node, context);
     const number = this.place(kind, node, context, true);
@@ -84,7 +84,7 @@ class Instrumenter {
     return number;
   }
 
-  // The operands of a logical expression, however deep: a chain of a thousand is a tree of that depth.
+  // The operands of a logical expression. A chain of a thousand operands is a tree of this depth.
   operands(node, context) {
     for (const side of [node.left, node.right]) {
       if (isLogical(side)) this.operands(side, context);
@@ -97,14 +97,14 @@ class Instrumenter {
     let directives = true;
     for (const statement of list) {
       directives = directives && statement.directive !== undefined;
-      // A function that is declared behind a return is there before it.
+      // A function declaration is in force even if it stands after a return.
       const isAlive = dead === context.dead || statement.type === 'FunctionDeclaration';
       this.statement(statement, isAlive ? context : { ...context, dead }, !directives);
       dead = dead || endsHere(statement);
     }
   }
 
-  // A statement in a list, before which another may stand.
+  // A statement in a list. Another statement may stand before it.
   statement(node, context, isCounted = true) {
     if (isCounted && isReached(node)) {
       this.insert(node.start, `${this.name}(${this.place('s', node, context, false)});`);
@@ -120,7 +120,7 @@ class Instrumenter {
     this.insert(node.end, '}');
   }
 
-  // The kinds of nodes that matter; all others are gone through.
+  // The kinds of nodes that matter. Other nodes are only searched.
   visit(node, context) {
     switch (node.type) {
       case 'Program':
@@ -166,7 +166,7 @@ class Instrumenter {
     }
   }
 
-  // What a node consists of, without the node itself.
+  // The children of a node.
   inside(node, context) {
     if (node.type === 'CallExpression') {
       if (node.callee.type === 'Identifier' && node.callee.name === 'eval') {
@@ -249,7 +249,8 @@ class Instrumenter {
     }
   }
 
-  // The script with all insertions. They are in order but where the tree's order is not the source's.
+  // The script with all insertions. They are in order, except if the order of the tree differs from
+  // the source.
   text() {
     const { insertions, script } = this;
     let sorted = true;
@@ -257,7 +258,7 @@ class Instrumenter {
       sorted = insertions[i - 1][0] <= insertions[i][0];
     }
     if (!sorted) insertions.sort((a, b) => a[0] - b[0]);
-    // A first line "#!..." may only stand first.
+    // A line "#!..." is valid only as the first line.
     const source = script.text.startsWith('#!') ? '//' + script.text.slice(2) : script.text;
     const parts = [`/*${this.name}*/`];
     let at = 0;
@@ -280,12 +281,12 @@ function isHelperCall(node) {
       helperNames.has(node.callee.name);
 }
 
-// Whether a statement does anything when it is reached.
+// Whether reaching the statement has any effect.
 function isReached(node) {
   return node.type !== 'FunctionDeclaration' && node.type !== 'EmptyStatement';
 }
 
-// Whether nothing behind this statement in its list is ever reached.
+// Whether the statements after this one in its list are never reached.
 function endsHere(node) {
   switch (node.type) {
     case 'ReturnStatement':
@@ -302,7 +303,7 @@ function endsHere(node) {
   }
 }
 
-// The truth of a test that is a constant; nothing of others.
+// The truth value of a constant test; undefined for other tests.
 function constantOf(node) {
   if (node.type === 'Literal' && node.regex === undefined) return Boolean(node.value);
   if (node.type === 'UnaryExpression' && node.operator === '!') {

@@ -1,12 +1,14 @@
-// The command "lint": what is probably wrong with a script, without running it.
+// The command "lint": finds what is probably wrong with a script, without running it.
 //
-// Argument: { only?: [name], ignore: [name], answers?: { host: answer } }; answers are what the
-// script answered for local hosts. A comment `// pac-lint: ignore=NAME[,NAME]` behind the code of a
-// line leaves that line out for these rules; in a line of its own, the next line of code.
+// Argument: { only?: [name], ignore: [name], answers?: { host: answer } }. answers has the script's
+// answers for local hosts. A comment `// pac-lint: ignore=NAME[,NAME]` after the code of a line
+// turns these rules off for that line. A comment in a line of its own turns them off for the next
+// line of code.
 //
 // Report: { rules: [[name, severity, summary, reason]],
-//   findings: [[line, column, severity, name, message, reason, fix]] }, by line. severity is "error"
-// (the script fails, or does something else than its text means), "warning" or "note" (a matter of policy).
+// findings: [[line, column, severity, name, message, reason, fix]] }, sorted by line. severity is
+// "error" (the script fails, or does something else than its text suggests), "warning" or "note" (a
+// matter of policy).
 'use strict';
 
 // name: [severity, summary, reason]
@@ -85,7 +87,7 @@ class Lint {
     return this.memory[key];
   }
 
-  // What the entry point may return: [{ text, node }].
+  // The expressions that the entry point may return: [{ text, node }].
   returned() {
     return this.once('returned', () => {
       const ends = this.tree.entry ? this.tree.returnsOf(this.tree.entry) : [];
@@ -93,7 +95,7 @@ class Lint {
     });
   }
 
-  // The texts of these, with their entries.
+  // The returned texts, with their entries.
   answers() {
     return this.once('answers', () => this.returned().filter(({ text }) => text !== null)
       .map(({ node, text }) => ({ node, text, entries: piecesOf(text) })));
@@ -104,7 +106,7 @@ class Lint {
       entries.map((entry) => ({ node, ...entry }))));
   }
 
-  // The entry point, and the functions whose results it returns as they are.
+  // The entry point, and the functions whose results it returns unchanged.
   answering() {
     return this.once('answering', () => {
       const found = new Set(this.tree.entry ? [this.tree.entry] : []);
@@ -124,7 +126,7 @@ class Lint {
   }
 }
 
-// Rules that comments leave out: a map of lines to sets of names.
+// The rules that comments turn off: a map from lines to sets of names.
 function ignoredLines(lint) {
   const { script } = lint;
   const ignored = new Map();
@@ -147,7 +149,7 @@ function isAlone(script, comment) {
   return comment.start - begin < 1000 && script.text.slice(begin, comment.start).trim() === '';
 }
 
-// The offset of the first code behind a comment.
+// The offset of the first code after a comment.
 function nextCode(script, index) {
   let at = script.comments[index].end;
   for (let next = index + 1; ; next++) {

@@ -1,7 +1,7 @@
-// The rules about what a script returns.
+// The rules about the answers of a script.
 'use strict';
 
-// Keywords of entries that browsers know.
+// The keywords of entries that browsers know.
 const knownKeywords = new Set([
   'DIRECT', 'PROXY', 'HTTP', 'HTTPS', 'SOCKS', 'SOCKS4', 'SOCKS5', 'QUIC',
 ]);
@@ -91,9 +91,9 @@ const answerRules = {
     }
   },
 
-  // What the script answered for such hosts, if it was asked.
+  // The script's answers for local hosts, if it was asked.
   'local-to-proxy'(lint) {
-    // No name resolved when it was asked, so its answer with names is not known.
+    // No name could be resolved for these answers, so the answer after a lookup is not known.
     if (!lint.tree.entry || lint.lookups.functionLooksUp(lint.tree.entry)) return;
     for (const [host, answer] of Object.entries(lint.options.answers ?? {})) {
       const first = piecesOf(answer)[0]?.keyword?.toUpperCase();
@@ -106,13 +106,14 @@ const answerRules = {
   },
 };
 
-// Whether the daemon takes an entry as it is written.
+// Whether the daemon accepts an entry in this form.
 function isTaken(raw) {
   const entry = raw.replace(/^[ \t]+/, '');
   return entry === 'DIRECT' || entry.startsWith('PROXY ') || entry.startsWith('SOCKS ');
 }
 
-// The entries of an answer: { raw, keyword, address }; keyword null if only the running script knows it.
+// The entries of an answer: { raw, keyword, address }. keyword is null if it is known only when the
+// script runs.
 function piecesOf(text) {
   const pieces = [];
   for (const raw of text.split(';')) {

@@ -1,10 +1,10 @@
-// Where a script goes on: which statement can be reached, and which paths end without a value.
+// Control flow of a script: which statements can be reached, and which paths end without a value.
 'use strict';
 
 const completes = Symbol('completes');
 const leaves = Symbol('leaves');
 
-// Whether what follows the statement can be reached.
+// Whether the code after the statement can be reached.
 function canComplete(node) {
   node[completes] ??= findCompletion(node);
   return node[completes];
@@ -37,7 +37,7 @@ function findCompletion(node) {
   }
 }
 
-// A chain of `else if` may be thousands long.
+// Iterative, because a chain of `else if` may have thousands of links.
 function canCompleteIf(node) {
   let next = node;
   while (next?.type === 'IfStatement') {
@@ -59,8 +59,8 @@ function isEndless(loop) {
     (loop.test?.type === 'Literal' && Boolean(loop.test.value));
 }
 
-// Whether a `break`, or a `continue`, in it leaves the statement around it. One with a label counts
-// too: it may.
+// Whether a `break` or a `continue` in `root` leaves the statement around it. One with a label also
+// counts, because it may leave it.
 function leavesBy(type, root) {
   if (root.type === type) return true;
   root[leaves] ??= {};
@@ -71,7 +71,7 @@ function leavesBy(type, root) {
 function isLeftBy(type, root) {
   if (/^(For|While|DoWhile)/.test(root.type)) return false;
   if (root.type === 'SwitchStatement' && type === 'BreakStatement') return false;
-  const alternates = []; // of a chain of `else if`, which may be long
+  const alternates = []; // a chain of `else if` may be long
   for (let node = root; node?.type === 'IfStatement'; node = node.alternate) {
     if (leavesBy(type, node.consequent)) return true;
     alternates.push(node.alternate);
@@ -80,15 +80,15 @@ function isLeftBy(type, root) {
   return inner.some((node) => node && /(Statement|Clause|Case)$/.test(node.type) && leavesBy(type, node));
 }
 
-// The lists of statements of a script.
+// All lists of statements in a script.
 function statementLists(tree) {
   const lists = tree.of('Program', 'BlockStatement', 'StaticBlock').map((node) => node.body);
   return [...lists, ...tree.of('SwitchCase').map((node) => node.consequent)];
 }
 
-// A list of statements as the tests and statements that follow each other: each `else if` of a chain
-// counts as a step if all before it end the function, and each `if` without `else` does.
-// [{ test, body, node }], test null for a statement that is no `if`.
+// The steps of a list of statements. Each `if` without `else` is a step, and each `else if` of a
+// chain is one if all branches before it end the function.
+// [{ test, body, node }]; test is null for a statement that is no `if`.
 function stepsOf(list) {
   const steps = [];
   for (const statement of list) {
@@ -102,7 +102,7 @@ function stepsOf(list) {
   return steps;
 }
 
-// Whether the step's body always ends the function.
+// Whether the body of the step always ends the function.
 function endsFunction(body) {
   return !canComplete(body) && !leavesBy('BreakStatement', body) && !leavesBy('ContinueStatement', body);
 }

@@ -1,5 +1,5 @@
-// The tests of a script that ask about the host or the URL and a constant text, and what they match,
-// as shell expressions: "*.example.com" for dnsDomainIs(host, ".example.com").
+// The tests that compare the host or the URL with a constant text, and the texts that they match,
+// as shell expressions: dnsDomainIs(host, ".example.com") becomes "*.example.com".
 'use strict';
 
 const shellSpecials = /[+[\](){}\\^$|]/;
@@ -19,8 +19,8 @@ class HostTests {
     }
   }
 
-  // A test for each text that the argument may have: { node, subject, text, pattern, how }; pattern
-  // null if the test matches something else than a shell expression does.
+  // One test for each text that the argument may have: { node, subject, text, pattern, how }.
+  // pattern is null if no shell expression matches the same texts as the test.
   made(node, subject, argument, how, patternOf) {
     if (!subject || !argument) return [];
     return this.tree.textsOf(argument).filter(({ text }) => text !== null && !text.includes(unknownText))
@@ -76,8 +76,8 @@ class HostTests {
   }
 }
 
-// Whether every text that the shell expression `narrow` matches is matched by `wide`, too. Never true
-// for two of which that is not so.
+// Whether the shell expression `wide` matches every text that `narrow` matches. It may return false
+// for a pair of which this is true, but never true for a pair of which it is false.
 function coversPattern(wide, narrow) {
   let at = 0;
   let from = 0;
@@ -101,8 +101,8 @@ function coversPattern(wide, narrow) {
   return true;
 }
 
-// Patterns that were found, and which of them covers another. Most of a large script's are
-// "*.domain" or a host, and these are found by their text.
+// The patterns that were found, and which pattern covers another. Most patterns of a large script
+// are "*.domain" or a host. These are found by their text.
 class MetPatterns {
   constructor() {
     this.texts = new Map();
@@ -126,7 +126,7 @@ class MetPatterns {
     }
   }
 
-  // The node of one that covers `pattern`, or null.
+  // The node of a pattern that covers `pattern`, or null.
   covering(pattern) {
     if (this.texts.has(pattern)) return this.texts.get(pattern);
     const tail = /[^*?]*$/.exec(pattern.slice(-300))[0];

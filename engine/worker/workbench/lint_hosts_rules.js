@@ -1,8 +1,8 @@
-// The rules about tests of the host and the URL.
+// The rules about tests of the host and of the URL.
 'use strict';
 
 const hostRules = {
-  // A client asks about the canonical URL, whose scheme and host are in lower case.
+  // Programs ask about the canonical URL: its scheme and host are in lower case.
   'host-case'(lint) {
     for (const test of lint.hosts.all) {
       const part = test.subject === 'host' ? test.text : /^[^/]*:\/\/[^/]*/.exec(test.text)?.[0] ?? '';
@@ -82,7 +82,7 @@ const hostRules = {
         'no lookup', 'put tests of the text of host and url first');
     };
     for (const list of statementLists(lint.tree)) {
-      // From behind: the first cheap test that follows.
+      // From the last to the first, so that each lookup finds the first cheap test after it.
       let cheap = null;
       for (const { test, body, node } of stepsOf(list).reverse()) {
         const isCheap = test && endsFunction(body) && lint.lookups.isCheapTest(test);
@@ -121,7 +121,7 @@ const monthDays = {
   DEC: 31,
 };
 
-// The second half of dateRange's arguments sets parts of 31 December, one after the other.
+// The second half of the arguments of dateRange sets the parts of 31 December, one after the other.
 function monthOverflow(parts) {
   let day = 31;
   for (const part of parts) {
@@ -132,7 +132,7 @@ function monthOverflow(parts) {
   return null;
 }
 
-// As the helper makes it.
+// Whether the helper can make a regular expression of it.
 function isValidShell(text) {
   const source = text.replace(/\./g, '\\.').replace(/\*/g, '.*').replace(/\?/g, '.');
   try {
@@ -142,7 +142,7 @@ function isValidShell(text) {
   }
 }
 
-// The regular expression that the call matches with the subject, or null.
+// The regular expression that the call matches against the subject, or null.
 function regexOn(tree, call, subject) {
   if (call.callee.type !== 'MemberExpression' || call.callee.computed || call.arguments.length < 1) return null;
   const { object, property } = call.callee;

@@ -1,4 +1,4 @@
-// Which calls look a name up, and what an evaluation may cost.
+// Which calls look up a name, and the cost of an evaluation.
 'use strict';
 
 const lookupHelpers = ['dnsResolve', 'isResolvable', 'dnsResolveEx', 'isResolvableEx', 'isInNet'];
@@ -13,7 +13,7 @@ class Lookups {
     this.markAll();
   }
 
-  // Marks what is around each lookup, and around each call of a function with one in it.
+  // Marks the nodes that contain a lookup, or a call of a function that contains one.
   markAll() {
     const callsOf = new Map();
     const calls = this.tree.of('CallExpression');
@@ -33,7 +33,7 @@ class Lookups {
     }
   }
 
-  // What a call of a helper looks up: a name, 'host', or the source of the argument; null if nothing.
+  // What a helper call looks up: a name, 'host', or the source of the argument. Null if nothing.
   nameOf(call) {
     if (!this.named.has(call)) this.named.set(call, this.findName(call));
     return this.named.get(call);
@@ -47,12 +47,12 @@ class Lookups {
       return typeof given.value !== 'string' || quad.test(given.value) ? null : given.value;
     }
     if (this.tree.subjectOf(given) === 'host') return this.isKnownAddress(call) ? null : 'host';
-    // isInNet is mostly given an address that is known; the others are called for names.
+    // isInNet usually gets a known address. The other helpers get names.
     return isNet ? null : this.tree.script.sourceOf(given, 80);
   }
 
-  // Whether the call is reached only for addresses: behind isValidIpAddress(host) or a regular
-  // expression of digits.
+  // Whether the call runs only for addresses: after isValidIpAddress(host) or a regular expression
+  // of digits.
   isKnownAddress(call) {
     let child = call;
     for (let node = call[parentOf]; node && !functionTypes.has(node.type); child = node, node = node[parentOf]) {
@@ -66,7 +66,7 @@ class Lookups {
     return false;
   }
 
-  // Whether a statement before `child` leaves the function if the host is no address.
+  // Whether a statement before `child` leaves the function if the host is not an address.
   leftForNames(list, child) {
     for (const statement of list.slice(0, Math.min(list.indexOf(child), 200))) {
       if (statement.type === 'IfStatement' && statement.test.type === 'UnaryExpression' &&
@@ -90,8 +90,8 @@ class Lookups {
     });
   }
 
-  // The first call in it that looks a name up, those of the script's functions included; `always`:
-  // leaving out what is reached only if a test before it says so.
+  // The first call in `root` that looks up a name, also in a function of the script. With `always`,
+  // code that runs only after a test does not count.
   firstIn(root, always) {
     const open = [root];
     while (open.length > 0) {
@@ -116,7 +116,7 @@ class Lookups {
     return this.marked.has(fn);
   }
 
-  // Whether a test decides only by the text of host or url.
+  // Whether a test needs only the text of the host or the URL.
   isCheapTest(test) {
     if (this.firstIn(test, false) !== null) return false;
     if (hasNode(test, (node) => node.type === 'Identifier' && this.comesFromLookup(node))) return false;
@@ -131,9 +131,9 @@ class Lookups {
   }
 }
 
-// --- What the longest path costs ---
+// --- The cost of the longest path ---
 
-// Calls of helpers and names that are looked up, on a path; each is the most that there is.
+// The helper calls and the lookups on a path. Each number is an upper limit.
 class Cost {
   constructor(calls = 0, names = new Set()) {
     this.calls = calls;
@@ -165,14 +165,14 @@ class WorstCase {
 
   of(fn) {
     if (!this.functions.has(fn)) {
-      this.functions.set(fn, new Cost()); // for one that calls itself
+      this.functions.set(fn, new Cost()); // for a function that calls itself
       const body = fn.body.type === 'BlockStatement' ? this.ofList(fn.body.body) : this.ofNode(fn.body);
       this.functions.set(fn, body);
     }
     return this.functions.get(fn);
   }
 
-  // The longest of the paths that leave the list at one of its steps.
+  // The longest path that leaves the list at one of its steps.
   ofList(list) {
     let through = new Cost();
     let longest = through;
@@ -211,7 +211,7 @@ class WorstCase {
     return new Cost(1, new Set(names));
   }
 
-  // An element of a list of names stands for each of them.
+  // A name that is an element of a list stands for all elements.
   namesOf(call) {
     const texts = this.tree.textsOf(call.arguments[0]).map(({ text }) => text);
     const known = texts.filter((text) => text !== null && !text.includes(unknownText) && !quad.test(text));
@@ -223,7 +223,7 @@ class WorstCase {
     return inside.times(this.roundsOf(loop));
   }
 
-  // How often, if the script shows it: over a literal array, or up to a number; else once.
+  // The number of rounds if the script shows it: over a literal array, or up to a number. Else 1.
   roundsOf(loop) {
     const list = loop.right ?? (loop.test?.type === 'BinaryExpression' ? loop.test.right : null);
     if (!list) return 1;

@@ -1,11 +1,11 @@
-// The rules about the script as a program: what is never reached, what names mean, what it costs.
+// The rules about the script as a program: unreachable code, the meaning of names, cost.
 'use strict';
 
-// One evaluation's limits in the daemon (docs/limits.md).
+// The daemon's limits for one evaluation (docs/limits.md).
 const mostLookups = 20;
 const lookupSeconds = 2;
 const evaluationSeconds = 5;
-// Calls of helpers that take some ten milliseconds on a small device.
+// This many helper calls take about ten milliseconds on a small device.
 const mostCalls = 5000;
 
 const scriptRules = {
@@ -68,7 +68,8 @@ const scriptRules = {
   },
 };
 
-// Statements that do something when they are reached; a function is there before.
+// Statements that have an effect when they are reached. A function declaration has its effect
+// earlier.
 function isDoing(statement) {
   if (statement.type === 'FunctionDeclaration' || statement.type === 'EmptyStatement') return false;
   return statement.type !== 'VariableDeclaration' || statement.declarations.some(({ init }) => init !== null);
@@ -87,7 +88,7 @@ function findRepeatedCases(lint, node) {
   }
 }
 
-// Tests that cannot be true where they stand, since an earlier one has ended the function for them.
+// Tests that can never be true, because an earlier test has already ended the function.
 function findShadowed(lint, list) {
   const patterns = { host: new MetPatterns(), url: new MetPatterns() };
   const sources = new Map();
@@ -123,14 +124,14 @@ function meet(lint, operand, patterns, sources) {
   }
 }
 
-// The test of host or url against one pattern that the node is, or null.
+// The test of the host or the URL against one pattern, or null if the node is not one.
 function patternTest(lint, node) {
   const tests = lint.hosts.byNode.get(node);
   return tests?.length === 1 && tests[0].pattern !== null ? tests[0] : null;
 }
 
-// Whether the same text is the same test later: a helper's call or a comparison, of host, url and
-// literals.
+// Whether the same source text always has the same result: a helper call or a comparison that uses
+// only the host, the URL and literals.
 function isSteady(lint, node) {
   if (node.end - node.start > 2000) return false;
   return !hasNode(node, (inner) => {

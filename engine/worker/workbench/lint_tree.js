@@ -1,5 +1,5 @@
-// The facts about a script that the rules of the linter use: parents, functions, names, and the texts
-// that an expression may have. A name belongs to its whole function, as with `var`; a `let` of the
+// The facts about a script that the lint rules use: parents, functions, names, and the texts that
+// an expression may have. A name belongs to the whole function, as with `var`. A `let` with the
 // same name in a block counts as the same name.
 'use strict';
 
@@ -7,9 +7,9 @@ const parentOf = Symbol('parent');
 const functionOf = Symbol('function');
 const childrenKey = Symbol('children');
 
-// The placeholder in a text for a part that only the running script knows.
+// The placeholder for a part of a text that is known only when the script runs.
 const unknownText = '\ufffc';
-// The most texts that are computed for one expression; a script may build many more.
+// Limit of the texts that are computed for one expression. A script could build many more.
 const mostTexts = 256;
 
 const functionTypes = new Set([
@@ -19,9 +19,9 @@ const functionTypes = new Set([
 class LintTree {
   constructor(script) {
     this.script = script;
-    this.nodes = new Map(); // type -> nodes, in the order of the source
+    this.nodes = new Map(); // type -> nodes, in source order
     this.scopes = new Map(); // function or program -> Map of names
-    this.texts = new Map(); // memory of textsOf()
+    this.texts = new Map(); // cache of textsOf()
     this.addAll(script.tree);
     this.bindAll();
     this.entry = this.functionNamed('FindProxyForURL');
@@ -117,7 +117,7 @@ class LintTree {
     }
   }
 
-  // The function that a global name means, in each form in which a script can define it.
+  // The function that a global name means, in every form of definition.
   functionNamed(text) {
     const name = this.scopes.get(this.script.tree).get(text);
     if (name?.definition) return name.definition;
@@ -131,7 +131,7 @@ class LintTree {
     return values.find((value) => value && functionTypes.has(value.type)) ?? null;
   }
 
-  // The function of the script that a call calls; null if it calls something else.
+  // The function of the script that a call runs; null if it runs something else.
   calledFunction(call) {
     if (call.callee.type !== 'Identifier') return null;
     const name = this.nameOf(call.callee);
@@ -156,8 +156,8 @@ class LintTree {
 
   // --- Host and URL ---
 
-  // 'host' or 'url' if the expression is this argument of the entry point, also in lower case; else
-  // null. A parameter of another function counts by its name.
+  // 'host' or 'url' if the expression is this argument of the entry point, also in lower case. Else
+  // null. In another function, a parameter counts by its name.
   subjectOf(node, depth = 0) {
     if (depth > 8) return null;
     if (node.type === 'Identifier') return this.subjectOfName(this.nameOf(node), depth);
@@ -172,7 +172,7 @@ class LintTree {
 
   subjectOfName(name, depth) {
     if (!name) return null;
-    // After `host = host.toLowerCase()` it is still the host.
+    // After `host = host.toLowerCase()`, the variable still is the host.
     const values = name.writes.map((value) => value && this.selfOrSubject(value, name, depth + 1));
     if (isVariable(name)) {
       return values.length === 1 && values[0] !== name ? values[0] : null;
@@ -195,11 +195,12 @@ class LintTree {
 
   // --- Texts ---
 
-  // The texts that an expression may have: [{ text, node }]. text is null for a value that is no text.
+  // The texts that an expression may have: [{ text, node }]. text is null for a value that is not a
+  // text.
   textsOf(node, depth = 0) {
     if (this.texts.has(node)) return this.texts.get(node);
     if (depth > 24) return [{ text: unknownText, node }];
-    this.texts.set(node, [{ text: unknownText, node }]); // for one that is made from itself
+    this.texts.set(node, [{ text: unknownText, node }]); // for an expression that uses itself
     const texts = uniqueTexts(this.findTexts(node, depth + 1));
     this.texts.set(node, texts);
     return texts;
@@ -231,7 +232,7 @@ class LintTree {
         const called = this.calledFunction(node);
         return called ? all(this.returnsOf(called).map((end) => end.argument ?? end)) : unknown;
       }
-      case 'ReturnStatement': // without a value
+      case 'ReturnStatement': // has no value
         return [{ text: null, node }];
       default:
         return unknown;
@@ -244,7 +245,7 @@ class LintTree {
     return isVariable(name) && name.writes.length > 0 ? all(name.writes) : unknown;
   }
 
-  // An element of an array, or a member of an object, that is written as a literal.
+  // An element of an array literal, or a member of an object literal.
   textsOfElement(node, all, unknown) {
     const value = node.object.type === 'Identifier' ? this.onlyValue(node.object) : null;
     if (value?.type === 'ArrayExpression' && node.computed) return all(value.elements);
@@ -254,7 +255,7 @@ class LintTree {
     return values.length > 0 ? all(values.map((property) => property.value)) : unknown;
   }
 
-  // A text made from pieces: all combinations, up to the limit.
+  // A text that is built from pieces: all combinations, up to the limit.
   joined(node, depth) {
     const parts = node.type === 'TemplateLiteral'
       ? node.quasis.flatMap((quasi, i) => [quasi.value.cooked, node.expressions[i]].filter(Boolean))
@@ -269,7 +270,7 @@ class LintTree {
     return texts.map((text) => ({ text, node }));
   }
 
-  // The return statements of a function, without those of functions in it.
+  // The return statements of a function, without those of inner functions.
   returnsOf(fn) {
     if (fn.type === 'ArrowFunctionExpression' && fn.expression) return [{ argument: fn.body }];
     if (!this.returns) {
@@ -284,7 +285,7 @@ class LintTree {
   }
 }
 
-// A name that is declared, or that an assignment without a declaration creates.
+// A declared name, or a name that an assignment without a declaration creates.
 function isVariable(name) {
   return name?.kind === 'variable' || name?.kind === 'implicit';
 }
@@ -303,7 +304,7 @@ function isLoopTarget(declarator) {
   return /^For(In|Of)Statement$/.test(loop?.type) && loop.left === declarator[parentOf];
 }
 
-// The operands of a sum; there may be thousands.
+// The operands of a sum. There may be thousands.
 function sumOf(node) {
   const parts = [];
   let left = node;
@@ -327,7 +328,7 @@ function operandsOf(node, operator = node.operator) {
   return operands;
 }
 
-// The identifiers to which a pattern of parameters or assignments gives a value.
+// The identifiers that a pattern of parameters or assignments sets.
 function namesOf(pattern) {
   switch (pattern?.type) {
     case 'Identifier':
@@ -345,12 +346,12 @@ function namesOf(pattern) {
   }
 }
 
-// A spread argument may stand for thousands of arguments.
+// A loop, because a spread of thousands of arguments is too many for one call.
 function pushAll(list, items) {
   for (const item of items) list.push(item);
 }
 
-// Whether `root` or a node below it passes `test`. Functions inside are skipped.
+// Whether `root` or a node below it passes `test`. It skips inner functions.
 function hasNode(root, test) {
   const open = [root];
   while (open.length > 0) {

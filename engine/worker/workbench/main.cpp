@@ -1,11 +1,11 @@
-// proxymanager-workbench: parses one PAC script, or runs one that was instrumented, for
+// proxymanager-workbench: parses one PAC script, or runs one instrumented script, for
 // proxymanagerctl.
 //
-// Like proxymanager-pac-worker it has one thread, the end of a socket pair and the script in a
-// memory file, and raises the same walls before it reads the first byte of the script. The
-// environment that it is started with decides which of its two roles it has: no message can change
-// that. A parser never runs the script, and has more memory and time than a script may have. A
-// tracer runs it with the limits of a script. The daemon starts neither.
+// Like proxymanager-pac-worker, it has one thread, one end of a socket pair and the script in a
+// memory file. It raises the same walls before it reads the first byte of the script. It has two
+// roles; its environment selects one at the start, and no message can change it. A parser never
+// runs the script, and has more memory and time than a script may have. A tracer runs the script
+// with the limits of every script. The daemon starts neither.
 #include <cstdlib>
 
 #include "engine/wire/descriptors.h"

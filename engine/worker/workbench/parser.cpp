@@ -46,7 +46,8 @@ void Parser::serveForEver() {
   }
 }
 
-/// Calls a global function of our own scripts with two texts. @return the text that it returns
+/// Calls a global function of our own scripts with two texts. @return the text that the function
+/// returns
 Reply Parser::run(const char* function, std::string_view first, std::string_view second) {
   JSContext* const context = mRuntime->context();
   mRuntime->begin();

@@ -1,4 +1,5 @@
-// The workbench that parses: a script is text to it, and the scripts that run are our own.
+// The workbench in the role of a parser. It never runs the script: it treats it as text, and runs
+// only our own scripts.
 #pragma once
 
 #include <chrono>
@@ -12,32 +13,33 @@
 
 namespace pac_worker {
 
-/// The syntax tree of a script of 500 KB takes some 100 MiB, and one that is nested as deeply as
-/// the engine allows some MiB of stack.
+/// Heap and stack of the parser. The syntax tree of a script of 500 KB takes about 100 MiB of the
+/// heap. The deepest nesting that the engine allows takes a few MiB of the stack.
 inline constexpr std::size_t kParserHeapBytes = 256U << 20U;
 inline constexpr std::size_t kParserStackBytes = 16U << 20U;
-/// Twice the heap, as a block of it grows by being copied, and the program; the engine needs a rest
-/// of the stack to report that its share is used up.
+/// Memory and stack of the process. The memory is twice the heap (a block of the heap grows by a
+/// copy) and the program. The stack has a rest beyond the engine's share, so that the engine can
+/// report that its share is used up.
 inline constexpr MemoryWalls kParserWalls{576UL << 20U, 24UL << 20U};
 
-/// Every call ends the process if the library is gone or breaks the rules.
+/// Every call ends the process if the library is gone or breaks the protocol.
 class Parser {
  public:
-  /// @param channel outlives this object
+  /// @param channel must outlive this object
   explicit Parser(pac_engine::Channel& channel);
   ~Parser();
   Parser(const Parser&) = delete;
   Parser& operator=(const Parser&) = delete;
 
-  /// Waits for the library's Start, makes an engine with our own scripts, and gives it the text of
-  /// `script`.
+  /// Waits for the library's Start message, makes an engine with our own scripts, and gives them
+  /// the text of `script`.
   void load(std::string_view script);
 
-  /// Sends Ready, and does commands.
+  /// Sends the Ready message, and then runs commands.
   [[noreturn]] void serveForEver();
 
  private:
-  /// A device without names, addresses and clock: our own scripts ask for none.
+  /// An environment without names, addresses and clock. Our own scripts need none of them.
   class NoDevice : public PacEnvironment {
    public:
     std::vector<std::string> resolve(std::string_view, AddressFamily) override { return {}; }

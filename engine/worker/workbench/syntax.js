@@ -1,13 +1,14 @@
 // What all commands of the workbench share: the script with its lines and its syntax tree.
 //
-// A file of a command adds functions to `commands`: each takes the Script and the argument as an
-// object, and returns an object, which goes to the library as JSON. The scripts of this folder run in
-// one global scope, in an engine of their own; the script that is looked at is only a text here.
+// The file of a command adds functions to `commands`. Each function gets the Script and the
+// argument, an object, and returns an object. The library receives this object as JSON. The scripts
+// of this folder run in one global scope, in their own engine. The script under test is only a text
+// here.
 'use strict';
 
 const commands = {};
 
-// Thrown for a script that the parser does not take.
+// Thrown for a script that the parser rejects.
 class Unparsed extends Error {
   constructor(message, line) {
     super(message);
@@ -44,7 +45,7 @@ class Script {
   }
 
   // The line of an offset, from 1, as editors and the engine count: only "\n" ends a line.
-  // (The library has made every other line end one of these.)
+  // (The library has converted all other line ends to "\n".)
   lineOf(offset) {
     if (this.lineStarts === null) {
       this.lineStarts = [0];
@@ -67,7 +68,7 @@ class Script {
     return offset - this.lineStarts[this.lineOf(offset) - 1] + 1;
   }
 
-  // The source of a node in one line, cut after `most` characters.
+  // The source of a node in one line, at most `most` characters.
   sourceOf(node, most = 200) {
     const text = this.text.slice(node.start, Math.min(node.end, node.start + 4 * most));
     const line = text.replace(/\s+/g, ' ');
@@ -76,7 +77,7 @@ class Script {
   }
 }
 
-// The nodes below `node`, in the order of the source except where a key comes late (SwitchCase.test).
+// The nodes below `node`, in source order except for a key that comes late (SwitchCase.test).
 function childrenOf(node) {
   const children = [];
   for (const key in node) {
@@ -91,7 +92,7 @@ function childrenOf(node) {
   return children;
 }
 
-// The helpers of PAC scripts by name.
+// The names of the PAC helpers.
 const helperNames = new Set([
   'alert', 'myIpAddress', 'dnsResolve', 'isPlainHostName', 'dnsResolveEx', 'myIpAddressEx',
   'sortIpAddressList', 'isInNetEx', 'getClientVersion', 'dnsDomainIs', 'dnsDomainLevels',
@@ -101,7 +102,7 @@ const helperNames = new Set([
 
 let theScript = null;
 
-// The two functions that the program calls.
+// The two functions that the program (parser.cpp) calls.
 function open(text) {
   theScript = new Script(text);
   return '';

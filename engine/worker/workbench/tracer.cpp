@@ -12,7 +12,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Longer texts are not laid out in memory for the report.
+/// The report shows only the length of a longer text, because reading the text would copy it in
+/// memory.
 constexpr std::int64_t kMaxLaidOut = 64 << 10;
 constexpr std::size_t kMaxHookName = 32;
 
@@ -38,7 +39,7 @@ constexpr const char* kHelpers[] = {"alert",
                                     "timeRange",
                                     "isResolvableEx"};
 
-/// The name in the comment at the beginning, "/*NAME*/"; empty if there is none.
+/// The name in the first comment, "/*NAME*/"; empty if there is none.
 std::string hookName(std::string_view script) {
   constexpr std::string_view kOpen = "/*";
   const auto end = script.substr(0, kMaxHookName).find("*/");
@@ -70,7 +71,8 @@ std::int64_t microsecondsSince(Clock::time_point begun) {
   return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begun).count();
 }
 
-/// A value as a script would write it; of objects only the kind. Runs no code of the script.
+/// A value in JavaScript syntax. Of an object it shows only the kind. It runs no code of the
+/// script.
 std::string shown(JSContext* context, JSValueConst value) {
   if (JS_IsString(value)) {
     std::int64_t length = 0;
@@ -101,7 +103,7 @@ std::string listOf(const std::vector<std::string>& texts) {
 
 }  // namespace
 
-/// The functions that the script calls. They find the tracer through the engine's runtime.
+/// The functions that the script calls. The engine's runtime has a pointer to the tracer.
 struct Tracer::Hooks {
   static Tracer& tracerOf(JSContext* context) {
     return *static_cast<Tracer*>(JS_GetRuntimeOpaque(JS_GetRuntime(context)));
@@ -157,14 +159,15 @@ struct Tracer::Hooks {
     return result;
   }
 
-  /// Function.prototype.toString.
+  /// Replaces Function.prototype.toString.
   static JSValue textOf(JSContext* context, JSValueConst self, int count, JSValueConst* arguments,
                         int /*magic*/, JSValueConst* data) {
     tracerOf(context).mOwnText = true;
     return JS_Call(context, data[0], self, count, arguments);
   }
 
-  /// Puts a function of ours around the method `name` of `object`. @return false without memory
+  /// Wraps the method `name` of `object` in one of our functions. @return false if memory is
+  /// exhausted
   static bool surround(JSContext* context, JSValueConst object, const char* name,
                        JSCFunctionData* function, int magic) {
     const Value original(context, JS_GetPropertyStr(context, object, name));
@@ -178,7 +181,7 @@ struct Tracer::Hooks {
     return !JS_IsException(around) && JS_SetPropertyStr(context, object, name, around) >= 0;
   }
 
-  /// Gives the script the constant `name`.
+  /// Defines the constant `name` for the script.
   static bool define(JSContext* context, JSValueConst global, const std::string& name) {
     const std::string handed = name + "_";
     const JSValue hook = JS_NewCFunction(context, reached, "", 2);

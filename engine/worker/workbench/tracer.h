@@ -1,10 +1,11 @@
-// The workbench that runs a script: records what the instrumented script reports, and each call of
-// a helper.
+// The workbench in the role of a tracer. It runs an instrumented script, and records what the
+// script reports and each call of a helper.
 //
-// Instrumented scripts call one function, the hook: hook(N) before statement N, hook(N, value)
-// around the expression N, which stays that value. The hook is a constant of the script's global
-// scope under the name that stands in the comment at the script's beginning; it is no property of
-// the global object, so a script that lists its globals does not see it. Helpers stay what they
+// An instrumented script calls one function, the hook: hook(N) before statement N, and hook(N,
+// value) around expression N, which returns the value unchanged. The comment at the start of the
+// script names the hook. The hook is a constant in the script's global scope and no property of the
+// global object, so a script that lists its globals does not see it. Helpers keep their names and
+// lengths, so a script sees no difference.
 // were to a script, of the same names and lengths.
 #pragma once
 
@@ -20,26 +21,26 @@
 
 namespace pac_worker {
 
-/// What one report has of events, in bytes; further ones are only counted. A loop without an end
-/// fills that in a second.
+/// Size limit of the events in one report, in bytes. Further events are only counted. An endless
+/// loop reaches this limit within a second.
 inline constexpr std::size_t kMaxEventBytes = 8U << 20U;
-/// Of a text that is noted as a value, in bytes.
+/// Longest text that is recorded as a value, in bytes.
 inline constexpr std::size_t kMaxValueBytes = 1024;
-/// Places that a script may have, far more than one of 512,000 bytes has.
+/// Most places of a script. A script of 512,000 bytes has far fewer.
 inline constexpr std::uint32_t kMaxPlaces = 1U << 20U;
 
 class Tracer : public Extension, private PacEnvironment {
  public:
-  /// @param script the instrumented script; read for its first comment
+  /// @param script the instrumented script; the tracer reads only its first comment
   explicit Tracer(std::string_view script);
 
   bool prepare(EngineRuntime& runtime) override;
   PacEnvironment& around(PacEnvironment& device) override;
-  /// The command "trace": JSON of what was noted since the last one. "helpers": how many helpers
-  /// the script called, and the nanoseconds that it waited for them.
+  /// The command "trace" returns JSON: what was recorded since the last report. "helpers" in it has
+  /// the number of helper calls, and the nanoseconds that the script waited for them.
   Reply report(std::string_view command, std::string_view argument) override;
 
-  /// For the engine's functions of this tracer.
+  /// The engine's functions for this tracer.
   struct Hooks;
 
  private:
@@ -48,7 +49,7 @@ class Tracer : public Extension, private PacEnvironment {
     std::uint64_t truthy = 0;
     std::uint64_t falsy = 0;
   };
-  /// A helper that was called and has not returned.
+  /// A call of a helper that has not returned.
   struct OpenCall {
     std::string lookups;  ///< JSON
   };
@@ -68,13 +69,13 @@ class Tracer : public Extension, private PacEnvironment {
   const std::string mHook;  ///< the hook's name
   PacEnvironment* mDevice = nullptr;
   std::unordered_map<std::uint32_t, Counts> mCounts;
-  std::string mEvents;             ///< JSON, each with a comma behind it
-  std::uint64_t mHelperCalls = 0;  ///< those that a helper makes are not counted
+  std::string mEvents;             ///< JSON, a comma after each event
+  std::uint64_t mHelperCalls = 0;  ///< calls that a helper makes are not counted
   std::chrono::nanoseconds mHelperTime{0};
   bool mCut = false;
   bool mOwnText = false;  ///< the script has read the text of a function
   std::vector<OpenCall> mOpenCalls;
-  std::unordered_set<std::string> mAsked;  ///< names of this evaluation
+  std::unordered_set<std::string> mAsked;  ///< the names that were looked up in this evaluation
 };
 
 }  // namespace pac_worker
