@@ -1,4 +1,4 @@
-// A proxy configuration as the daemon takes it.
+// A proxy configuration in the form that the daemon accepts.
 #pragma once
 
 #include <string>
@@ -22,7 +22,7 @@ inline const char* modeText(Mode mode) {
   return "off";
 }
 
-/// What updateProxyconfig is called with. Only the URL of the mode is set.
+/// The arguments of updateProxyconfig. Only the URL of the current mode is set.
 struct Configuration {
   Mode mode = Mode::kOff;
   std::string proxyUrl;  ///< in mode manual
@@ -30,7 +30,7 @@ struct Configuration {
   std::string user;
   std::string password;
 
-  /// The daemon keeps user and password only if authentication is on.
+  /// The daemon keeps the user and the password only if authentication is on.
   bool authenticates() const { return !user.empty() || !password.empty(); }
   bool operator==(const Configuration&) const = default;
 };

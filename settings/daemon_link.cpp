@@ -68,7 +68,7 @@ int DaemonLink::onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error*
 
 int DaemonLink::onOwner(sd_bus_message* reply, void* self, sd_bus_error*) {
   const char* owner = nullptr;
-  if (sd_bus_message_is_method_error(reply, nullptr)) return 0;  // nobody has the name
+  if (sd_bus_message_is_method_error(reply, nullptr)) return 0;  // nobody owns the name
   if (sd_bus_message_read(reply, "s", &owner) < 0) return 0;
   auto& link = *static_cast<DaemonLink*>(self);
   return guarded(sd_bus_get_event(link.mBus), [&link, owner] { link.ownerIs(owner); });
@@ -108,7 +108,7 @@ int DaemonLink::onReply(sd_bus_message* reply, void* call, sd_bus_error*) {
   auto& calls = link.mCalls;
   for (auto entry = calls.begin(); entry != calls.end(); ++entry) {
     if (&*entry != call) continue;
-    // The callback may begin calls, so this one leaves the list first.
+    // The callback may start calls, so this call is removed from the list first.
     std::list<Call> ended;
     ended.splice(ended.begin(), calls, entry);
     return guarded(sd_bus_get_event(link.mBus), [&ended, reply] { ended.front().done(reply); });
@@ -133,7 +133,7 @@ void DaemonLink::update(const Configuration& configuration, Updated done) {
                                 configuration.authenticates() ? 1 : 0, configuration.user.c_str(),
                                 configuration.password.c_str()),
           "sd_bus_message_append");
-  // The bus library keeps its copy of the password out of freed memory.
+  // The bus library wipes its copy of the password before it frees the memory.
   require(sd_bus_message_sensitive(message.get()), "sd_bus_message_sensitive");
   call(std::move(message), [done = std::move(done)](sd_bus_message* reply) {
     std::string problem = problemOf(reply);

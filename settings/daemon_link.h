@@ -1,4 +1,5 @@
-// The daemon as this service sees it: whether it is on the bus, its configuration, its answers.
+// This service's view of the daemon: whether the daemon is on the bus, its configuration, its
+// answers.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -25,11 +26,11 @@ struct BusMessageCloser {
 };
 using BusMessage = std::unique_ptr<sd_bus_message, BusMessageCloser>;
 
-/// How long the daemon may take to answer. The load of a script and an evaluation hold it for 5 s
-/// each, and other callers' questions may come first.
+/// Time limit of the daemon for one answer. Loading a script and one evaluation take up to 5 s
+/// each, and the daemon may answer other callers first.
 inline constexpr std::chrono::seconds kDaemonLimit{60};
 
-/// One connection's view of the daemon. Callbacks run in the event loop.
+/// The service's connection to the daemon. Callbacks run in the event loop.
 class DaemonLink {
  public:
   class Listener {
@@ -41,24 +42,25 @@ class DaemonLink {
     ~Listener() = default;
   };
 
-  /// `bus` is attached to an event loop and outlives this.
+  /// `bus` is attached to an event loop and must outlive this object.
   explicit DaemonLink(sd_bus* bus) : mBus(bus) {}
   DaemonLink(const DaemonLink&) = delete;
   DaemonLink& operator=(const DaemonLink&) = delete;
 
-  /// Begins to watch the daemon's name. Throws std::system_error.
+  /// Starts to watch the daemon's name. Throws std::system_error.
   void watch(Listener& listener);
   bool isThere() const { return !mOwner.empty(); }
 
-  /// The daemon's configuration, or nothing with the reason.
+  /// Gets the daemon's configuration, or nothing and the reason.
   using Read = std::function<void(std::optional<Configuration>, const std::string& problem)>;
-  /// An empty text if the daemon has taken the configuration, else why not.
+  /// Gets an empty text if the daemon accepted the configuration, else the reason.
   using Updated = std::function<void(const std::string& problem)>;
-  /// The daemon's answer: the mode and the entries; nothing without one.
+  /// Gets the daemon's answer: the mode and the entries. Nothing if there is no answer.
   using Answered = std::function<void(std::optional<std::vector<std::string>>)>;
 
-  /// Each begins one call that never starts the daemon and ends after the limit. The callback is
-  /// called exactly once, later, guarded, unless the link is destroyed first.
+  /// Each function starts one call, which ends after `limit` at the latest and never starts the
+  /// daemon. It calls the callback exactly once, later, by guarded(). If the link is destroyed
+  /// first, it does not call it.
   void read(Read done, std::chrono::microseconds limit = kDaemonLimit);
   void update(const Configuration& configuration, Updated done);
   void ask(const std::string& url, Answered done);

@@ -19,7 +19,8 @@ namespace settings {
 
 namespace {
 
-/// A table of a device with many routes has some 200 KiB; IPv6 lists each address, too.
+/// The routing table of a large device has about 200 KiB. For IPv6, the table also lists each
+/// address.
 constexpr std::size_t kMaxTableBytes = 4U << 20U;
 
 std::vector<std::string_view> words(std::string_view line) {
@@ -55,15 +56,15 @@ void add(DefaultRoutes& routes, std::string_view interface, std::uint32_t metric
 }
 
 std::string tableText(const char* path) {
-  // /proc's files are root's, and report a size of 0.
+  // The files in /proc belong to root, and report a size of 0.
   return base::readFile(path, {.mostBytes = kMaxTableBytes, .owner = base::FileOwner::anybody})
       .text;
 }
 
 }  // namespace
 
-// Iface Destination Gateway Flags RefCnt Use Metric Mask MTU Window IRTT, numbers in hexadecimal
-// but for the metric (fib_route_seq_show() of the kernel).
+// The columns: Iface Destination Gateway Flags RefCnt Use Metric Mask MTU Window IRTT. All numbers
+// except the metric are hexadecimal (fib_route_seq_show() of the kernel).
 void addIpv4DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
   forLines(text, [&](const std::vector<std::string_view>& fields) {
     if (fields.size() < 8 || fields[1] != "00000000" || fields[7] != "00000000") return;
@@ -74,8 +75,8 @@ void addIpv4DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
   });
 }
 
-// Destination, its length, source, its length, next hop, metric, references, uses, flags,
-// interface, all in hexadecimal but the last (rt6_info_route() of the kernel).
+// The columns: destination, its length, source, its length, next hop, metric, references, uses,
+// flags, interface. All numbers are hexadecimal (rt6_info_route() of the kernel).
 void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
   forLines(text, [&](const std::vector<std::string_view>& fields) {
     if (fields.size() < 10 || fields[1] != "00" || fields[3] != "00") return;
@@ -86,7 +87,7 @@ void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
   });
 }
 
-// /proc/net itself is not there for a service that sees its own part of /proc only.
+// /proc/net itself does not exist for a service with a restricted /proc.
 DefaultRoutes readDefaultRoutes() {
   DefaultRoutes routes;
   addIpv4DefaultRoutes(tableText("/proc/self/net/route"), routes);

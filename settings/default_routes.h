@@ -11,8 +11,8 @@
 
 namespace settings {
 
-/// Adds the default routes of /proc/net/route (IPv4) to `routes`; of two of one interface the lower
-/// metric counts. Lines that cannot be read are skipped.
+/// Adds the default routes of /proc/net/route (IPv4) to `routes`. If an interface has two, the
+/// lower metric counts. Lines that cannot be parsed are skipped.
 void addIpv4DefaultRoutes(std::string_view text, DefaultRoutes& routes);
 /// The same for /proc/net/ipv6_route.
 void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes);

@@ -22,14 +22,14 @@ void require(int result, const char* what);
 /// again: that is better than a service that has made half of a change. @return 0
 int guarded(sd_event* event, const std::function<void()>& action) noexcept;
 
-/// For the loop's thread alone. The loop outlives it.
+/// Only for the loop's thread. The loop must outlive the timer.
 class EventTimer {
  public:
   /// @param fired called in the loop, guarded, each time the timer runs out
   EventTimer(sd_event* event, std::function<void()> fired);
 
-  /// Fires once after `pause`; an earlier setting is forgotten. The clock is CLOCK_MONOTONIC, with
-  /// an accuracy of 250 ms, so that the kernel can combine wake-ups.
+  /// Fires once after `pause`. A new setting replaces the earlier one. The clock is CLOCK_MONOTONIC
+  /// with an accuracy of 250 ms, so that the kernel can combine wake-ups.
   void set(std::chrono::milliseconds pause);
   void cancel();
   bool isSet() const;

@@ -33,7 +33,7 @@ void FileWatch::set(const std::vector<Place>& places) {
     sd_event_source* source = nullptr;
     const int added =
         sd_event_add_inotify(mEvent, &source, place.folder.c_str(), kMask, onEvent, entry.get());
-    if (added < 0) continue;  // no such folder, or no memory for a watch: then SIGHUP helps
+    if (added < 0) continue;  // no such folder, or memory is exhausted: then SIGHUP helps
     entry->source.reset(source);
     watched.push_back(std::move(entry));
   }

@@ -1,4 +1,4 @@
-// Notices that files or folders have changed, by inotify.
+// Detects changes of files or folders, by inotify.
 #pragma once
 
 #include <sys/inotify.h>
@@ -12,10 +12,10 @@
 
 namespace settings {
 
-/// Changes come in bursts: a package or an editor writes several files. They are reported together
-/// after this pause.
+/// Changes come in bursts, because a package or an editor writes several files. They are reported
+/// together after this pause.
 inline constexpr std::chrono::milliseconds kFilePause{200};
-/// A folder that changes without a pause is reported after this number of changes.
+/// If a folder changes continuously, it is reported after this number of changes.
 inline constexpr int kMaxPostponed = 50;
 
 /// Watches folders for changes of some names in them. A folder that does not exist is not watched:
@@ -31,7 +31,7 @@ class FileWatch {
   /// @param changed called after a burst of changes
   FileWatch(sd_event* event, std::function<void()> changed);
 
-  /// Watches these places and no others.
+  /// Watches only these places.
   void set(const std::vector<Place>& places);
 
  private:
@@ -50,7 +50,8 @@ class FileWatch {
   std::vector<std::unique_ptr<Watched>> mWatched;
 };
 
-/// Where a change of `path` shows: its folder, and the folder of the file that a link leads to.
+/// The places in which a change of `path` is visible: its folder, and the folder of a link's
+/// target.
 std::vector<FileWatch::Place> placesOf(const std::string& path);
 
 }  // namespace settings

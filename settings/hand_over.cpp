@@ -150,7 +150,8 @@ void HandOver::compare(Due due) {
       handOver();
       return;
     } else {
-      // Nothing differs. From now on this configuration is ours, even if another program set it.
+      // Nothing differs. From now on, the service treats this configuration as its own, even if
+      // another program set it.
       mHandedOver = *configuration;
     }
     proceed();
@@ -162,7 +163,7 @@ void HandOver::handOver() {
   mIsCalling = true;
   const Configuration configuration = *mWanted;
   timespec before{};
-  clock_gettime(CLOCK_REALTIME_COARSE, &before);  // the clock of the file's time
+  clock_gettime(CLOCK_REALTIME_COARSE, &before);  // the clock that file times use
   mDaemon.update(configuration, [this, configuration, before,
                                  appearance = mAppearance](const std::string& problem) {
     if (appearance != mAppearance) return;

@@ -1,13 +1,14 @@
-// Hands the wanted configuration to the daemon, and again when it is needed.
+// Hands the wanted configuration over to the daemon, and repeats this when needed.
 //
-// - Once after each appearance of the daemon, even if nothing differs: a daemon that nobody
-//   configures announces itself for ever.
+// - Once after each start of the daemon, even if nothing differs: an unconfigured daemon announces
+//   itself until a program configures it.
 // - After a change of a source, only if the daemon's configuration differs.
-// - Again, if the script has not arrived: the daemon fetches on request only, and at boot it is
+// - Again, if the script has not arrived. The daemon fetches only on request, and at boot it is
 //   usually configured before the network is up.
-// - Again on a timer, if the administrator wants changed scripts to be seen.
-// What another program sets over the bus stays until the daemon's next start or until the source
-// changes: nothing here follows the daemon's configuration.
+// - Again on a timer, if the administrator wants refreshes.
+//
+// If another program configures the daemon over the bus, this configuration stays until the
+// daemon's next start or until a source changes.
 #pragma once
 
 #include <systemd/sd-event.h>
@@ -25,18 +26,18 @@
 
 namespace settings {
 
-/// Pauses after which a script that has not arrived is asked for again. The last one repeats.
+/// Pauses before each retry for a script that has not arrived. The last pause repeats.
 inline constexpr std::array kScriptPauses{std::chrono::seconds{10},  std::chrono::seconds{30},
                                           std::chrono::seconds{60},  std::chrono::seconds{120},
                                           std::chrono::seconds{300}, std::chrono::seconds{600}};
-/// The same after a default route or the resolver's configuration has changed: several changes come
-/// together when a link comes up.
+/// The pause after a change of a default route or of the resolver's configuration. When a link
+/// comes up, several changes come together.
 inline constexpr std::chrono::seconds kNetworkPause{1};
-/// First pause after a hand-over that failed; each further one doubles it.
+/// Pause after the first failed hand-over. Each further failure doubles it.
 inline constexpr std::chrono::seconds kFirstFailurePause{1};
 inline constexpr std::chrono::seconds kLongestFailurePause{300};
-/// A refresh comes up to this part of its interval later, so that devices that were switched on
-/// together do not ask one server together.
+/// A refresh comes later by up to 1/10 of its interval. So devices that were switched on together
+/// do not ask one server at the same time.
 inline constexpr int kRefreshSpread = 10;
 
 /// The pause before the retry with this number, counted from 0.
@@ -54,23 +55,23 @@ class HandOver {
   /// @param pacFile the daemon's script file
   HandOver(sd_event* event, DaemonLink& daemon, std::string pacFile);
 
-  /// A source wants this configuration. The first call makes the service ready; before it, nothing
-  /// is handed over.
+  /// Sets the configuration that a source wants. The first call makes the service ready. Before it,
+  /// the service hands nothing over.
   void want(const Configuration& configuration);
   void daemonAppeared();
   void daemonVanished();
   /// A default route, a link or the resolver's configuration has changed.
   void networkChanged();
-  /// 0: never.
+  /// Sets the refresh interval. 0: never.
   void refreshEvery(std::chrono::seconds interval);
   /// Hands over if the daemon's configuration differs from the wanted one.
   void check();
 
-  /// For the state that proxymanagerctl shows.
+  /// The time of the last hand-over, for the state that proxymanagerctl shows.
   std::optional<std::time_t> lastHandOver() const;
   const std::string& lastProblem() const { return mProblem; }
   bool isForeign() const { return mIsForeign; }
-  /// Whether the daemon's `configuration` is the one that was handed over.
+  /// Whether `configuration` of the daemon is the one that this service handed over.
   bool isOurs(const Configuration& configuration) const;
 
  private:
@@ -88,14 +89,14 @@ class HandOver {
   DaemonLink& mDaemon;
   std::string mPacFile;
   std::optional<Configuration> mWanted;
-  std::optional<Configuration> mHandedOver;  ///< to the daemon that is there
+  std::optional<Configuration> mHandedOver;  ///< to the daemon that runs now
   Due mDue = Due::kNothing;
   bool mIsCalling = false;
-  bool mIsForeign = false;  ///< the daemon's configuration was another program's when last seen
-  std::uint64_t mAppearance = 0;  ///< counts the daemon's appearances: replies of old ones are late
+  bool mIsForeign = false;  ///< at the last look, the daemon had another program's configuration
+  std::uint64_t mAppearance = 0;  ///< counts the daemon's starts, to recognise late replies
   std::size_t mFailures = 0;
   std::size_t mScriptRetry = 0;
-  timespec mHandOverTime{};  ///< CLOCK_REALTIME, as the file's time
+  timespec mHandOverTime{};  ///< CLOCK_REALTIME, like the file's time
   std::string mProblem;
   std::chrono::seconds mRefresh{0};
   EventTimer mFailureTimer;

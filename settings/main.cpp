@@ -1,4 +1,4 @@
-// proxymanager-settings: keeps the proxy configuration that the daemon does not keep.
+// proxymanager-settings: stores the proxy configuration, because the daemon does not.
 #include <getopt.h>
 #include <grp.h>
 #include <malloc.h>
@@ -49,8 +49,8 @@ constexpr char kUsage[] =
     "SIGHUP reads the settings again. See proxymanager-settings(8) and settings.conf(5).\n";
 
 constexpr int kUsageError = 2;
-/// Blocks of this size and more go back to the system when they are freed. By default glibc raises
-/// the size after the first long script, and then keeps the memory of each one.
+/// Blocks of this size or more return to the system when they are freed. By default, glibc raises
+/// the size after the first long script, and then keeps the memory of every long script.
 constexpr int kReturnedBytes = 64 * 1024;
 
 [[noreturn]] void usageError(const char* text) {
@@ -104,7 +104,8 @@ Options parse(int argc, char** argv) {
   return options;
 }
 
-/// systemd's socket, which stays open while the service restarts, else one of our own.
+/// The socket that systemd passes, which stays open while the service restarts. Without it, one of
+/// our own.
 base::UniqueFd scriptSocket(std::uint16_t port) {
   if (sd_listen_fds(1) > 0) return base::UniqueFd(SD_LISTEN_FDS_START);
   try {
@@ -150,7 +151,7 @@ int run(const Options& options) {
   base::UniqueFd scripts = scriptSocket(options.port);
   makeRuntimeFolder(options.runtimeFolder, user);
   if (user != nullptr) become(*user);
-  // A password passes through here: no debugger and no core.
+  // The process holds a password: no debugger may attach, and no core file is written.
   prctl(PR_SET_DUMPABLE, 0);
 
   sigset_t signals;
@@ -167,7 +168,7 @@ int run(const Options& options) {
   settings::require(sd_bus_open_system(&newBus), "the system bus");
   const std::unique_ptr<sd_bus, BusCloser> bus(newBus);
   settings::require(sd_bus_attach_event(bus.get(), event.get(), 0), "sd_bus_attach_event");
-  // Without the bus the service has nothing to do: systemd starts it again.
+  // The service cannot work without the bus. It ends, and systemd starts it again.
   settings::require(sd_bus_set_exit_on_disconnect(bus.get(), 1), "sd_bus_set_exit_on_disconnect");
 
   const char* credentials = std::getenv("CREDENTIALS_DIRECTORY");

@@ -32,14 +32,14 @@ std::optional<Scheme> schemeOf(std::string_view text) {
   return found == kSchemes.end() ? std::nullopt : std::optional(found->second);
 }
 
-/// The scheme before "://", and the rest; no scheme without it.
+/// The scheme before "://", and the rest. Without "://", there is no scheme.
 std::pair<std::string_view, std::string_view> splitScheme(std::string_view text) {
   const auto at = text.find("://");
   if (at == std::string_view::npos) return {{}, text};
   return {text.substr(0, at), text.substr(at + 3)};
 }
 
-/// Reads "[user:password@]host[:port][/]" with the reader of proxies' addresses.
+/// Reads "[user:password@]host[:port][/]" with the reader for proxy addresses.
 std::optional<ManualServer> parseServer(Scheme scheme, std::string_view rest) {
   if (const auto at = rest.rfind('@'); at != std::string_view::npos) rest.remove_prefix(at + 1);
   const std::string url = std::string(isSocks(scheme) ? "socks5://" : "http://").append(rest);
@@ -53,7 +53,7 @@ std::string entryText(const ManualServer& server) {
          std::to_string(server.port);
 }
 
-/// The servers in the order for URLs of `own`, as the text of a script's answer.
+/// The servers in the order for URLs with the scheme `own`, as the text of an answer.
 std::string answerFor(std::span<const ManualServer> servers, Scheme own) {
   std::vector<std::string> entries;
   const auto append = [&](auto matches) {
@@ -74,8 +74,8 @@ std::string answerFor(std::span<const ManualServer> servers, Scheme own) {
   return answer;
 }
 
-/// A JavaScript string literal of any bytes. Bytes beyond ASCII cannot be part of a host that a
-/// script is asked about, so each becomes an escape of its own.
+/// A JavaScript string literal of any bytes. The host of a question has only ASCII, so the literal
+/// escapes each other byte by itself.
 std::string literal(std::string_view text) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string quoted = "\"";
@@ -102,7 +102,7 @@ std::string lower(std::string_view text) {
   return result;
 }
 
-/// The condition under which `rule` excludes a host, or nothing if the rule is empty.
+/// The condition with which `rule` excludes a host. Nothing if the rule is empty.
 std::optional<std::string> hostCondition(std::string_view rule) {
   const bool open = rule.starts_with('*');
   if (open) rule.remove_prefix(1);

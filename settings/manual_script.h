@@ -1,8 +1,9 @@
-// A script for what a network manager sets by hand: several servers, and destinations without a
-// proxy. The daemon's mode manual has one proxy for all, so these settings become a script.
+// Makes a script from the manual settings of a network manager: several servers, and destinations
+// without a proxy. The daemon's mode manual has one proxy for all URLs, so these settings become a
+// script.
 //
 // The order of the entries and the forms of an exclusion are those that users of such network
-// managers have had for years (ConnMan's service-api.txt, "Servers" and "Excludes").
+// managers know (ConnMan's service-api.txt, "Servers" and "Excludes").
 #pragma once
 
 #include <cstdint>
@@ -22,22 +23,23 @@ struct ManualServer {
   bool operator==(const ManualServer&) const = default;
 };
 
-/// Reads a list of servers. An entry that cannot be read is left out; one unknown scheme makes the
-/// whole list empty. Credentials are dropped: they would be readable in the script by everybody.
+/// Reads a list of servers. It skips an entry that cannot be parsed. One unknown scheme makes the
+/// whole list empty. It drops credentials, because every user could read them in the script.
 std::vector<ManualServer> parseServers(const std::vector<std::string>& texts);
 
 /// The URL for mode manual: "http://host:port" or "socks5h://host:port".
 std::string manualProxyUrl(const ManualServer& server);
 
-/// What a script returns for a manual proxy's URL: "PROXY host:port" or "SOCKS host:port"; empty if
-/// the URL names no proxy. Credentials are dropped.
+/// The entry that a script returns for a manual proxy's URL: "PROXY host:port" or "SOCKS
+/// host:port". Empty if the URL names no proxy. Credentials are dropped.
 std::string entryOfManualUrl(std::string_view url);
 
-/// Makes the script. For each URL it returns the servers of the URL's own scheme first, then the
-/// servers without a scheme and those for http, https and ftp, all as PROXY, and at last the SOCKS
-/// servers.
-/// @param excludes "[scheme://]rule": "word" and "*word" end with it, "word*" begins with it,
-/// "*word*" contains it, "scheme://" is a whole scheme; "*" alone is ignored
+/// Makes the script. For each URL, the script returns first the servers of the URL's scheme, then
+/// the servers without a scheme and those for http, https and ftp (all as PROXY), and last the
+/// SOCKS servers.
+/// @param excludes "[scheme://]rule". A rule "word" or "*word" matches hosts that end with it,
+/// "word*" hosts that begin with it, "*word*" hosts that contain it. "scheme://" alone matches a
+/// whole scheme. "*" alone is ignored.
 std::string manualScript(const std::vector<ManualServer>& servers,
                          const std::vector<std::string>& excludes);
 

@@ -15,7 +15,7 @@ namespace {
 constexpr std::string_view kPathBase = "/org/pacrunner/configuration";
 
 void translateAuto(const PushedConfiguration& pushed, NetworkConfiguration& result) {
-  // The URL goes before the script, as network managers expect.
+  // The URL has priority over the script, as network managers expect.
   if (!pushed.url.empty()) {
     result.isUsable = pacUrlProblem(pushed.url).empty();
     result.configuration.mode = Mode::kPacUrl;
@@ -43,7 +43,7 @@ void translateManual(const PushedConfiguration& pushed, NetworkConfiguration& re
   result.script = manualScript(servers, pushed.excludes);
 }
 
-/// A smaller rank is better. A configuration without a default route has none.
+/// A lower rank wins. A configuration without a default route has no rank.
 std::optional<std::uint64_t> rankOf(const NetworkConfiguration& configuration,
                                     const DefaultRoutes& routes) {
   if (configuration.interface.empty()) return std::numeric_limits<std::uint64_t>::max();
@@ -109,7 +109,7 @@ const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& 
   for (const auto& [number, configuration] : set.all()) {
     if (!configuration.isUsable || (configuration.isDirect && !directCounts)) continue;
     const auto rank = rankOf(configuration, routes);
-    // The map goes from old to new, so an equal rank is newer.
+    // The map is sorted from old to new, so of equal ranks the later one is newer.
     if (!rank || (best != nullptr && *rank > bestRank)) continue;
     best = &configuration;
     bestRank = *rank;

@@ -16,7 +16,7 @@ namespace {
 constexpr const char* kName = "org.pacrunner";
 constexpr const char* kFailed = "org.pacrunner.Error.Failed";
 
-/// The text of a variant of type "s" at the message's position; other types are skipped.
+/// The text of a variant of type "s" at the current position. Other types are skipped.
 int readText(sd_bus_message* call, std::optional<std::string>& text, std::size_t most,
              bool& isTooLong) {
   if (sd_bus_message_verify_type(call, 'v', "s") <= 0) return sd_bus_message_skip(call, "v");
@@ -44,7 +44,7 @@ int readList(sd_bus_message* call, std::vector<std::string>& list, bool& isTooLo
   return result < 0 ? result : sd_bus_message_exit_container(call);
 }
 
-/// The dictionary as it came.
+/// The dictionary before any translation.
 struct Dictionary {
   std::optional<std::string> method, url, script, interface;
   std::vector<std::string> servers, excludes;
@@ -150,7 +150,7 @@ PacRunner::Sender& PacRunner::senderOf(const std::string& name) {
   sd_bus_track* track = nullptr;
   require(sd_bus_track_new(mBus, &track, onSenderGone, this), "sd_bus_track_new");
   sender.track.reset(track);
-  // Fails for a sender that is gone already.
+  // This fails if the sender has already left the bus.
   require(sd_bus_track_add_name(track, name.c_str()), "sd_bus_track_add_name");
   return mSenders.emplace(name, std::move(sender)).first->second;
 }
@@ -167,7 +167,7 @@ int PacRunner::onSenderGone(sd_bus_track* track, void* self) {
   return 0;
 }
 
-// After the reply, because an error here is not the caller's.
+// After the reply, because an error here is not the caller's fault.
 void PacRunner::notifyChange() {
   guarded(sd_bus_get_event(mBus), mChanged);
 }
@@ -234,7 +234,7 @@ int PacRunner::find(sd_bus_message* call) {
   if (sender.questions >= kMaxQuestionsOfCaller || mQuestions >= kMaxQuestions) {
     return sd_bus_reply_method_return(call, "s", "DIRECT");
   }
-  // Shared: the callback is a std::function, which copies what it holds.
+  // Shared, because std::function copies what the callback captures.
   const auto kept = std::make_shared<BusMessage>(sd_bus_message_ref(call));
   mDaemon.ask(url, [this, kept, name](const auto& answer) { answered(*kept, name, answer); });
   sender.questions++;
@@ -249,8 +249,8 @@ void PacRunner::answered(const BusMessage& call, const std::string& sender,
   sd_bus_reply_method_return(call.get(), "s", proxyText(answer).c_str());
 }
 
-// The daemon's first text is the mode. In mode manual the second is a URL, but callers understand
-// only what a script returns.
+// The first text of the daemon's answer is the mode. In mode manual the second is a URL. But
+// callers understand only entries that a script returns.
 std::string PacRunner::proxyText(const std::optional<std::vector<std::string>>& answer) const {
   if (!answer || answer->size() < 2) return "DIRECT";
   std::string joined;

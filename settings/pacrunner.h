@@ -1,5 +1,5 @@
 // The bus name org.pacrunner: network managers push their proxy settings to it, and some programs
-// ask it. The calls, keys and lifetimes are those that NetworkManager and ConnMan expect.
+// ask it. NetworkManager and ConnMan define the calls, the keys and the lifetimes.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -14,16 +14,16 @@
 
 namespace settings {
 
-/// How many FindProxyForURL calls of one caller wait for the daemon at once. More are answered
-/// "DIRECT" at once: a caller that asks faster must not fill the daemon's limit for this service.
+/// Most FindProxyForURL calls of one caller that wait for the daemon. Further calls get "DIRECT" at
+/// once, so that one caller cannot use up the daemon's limit for this service.
 inline constexpr int kMaxQuestionsOfCaller = 8;
-/// The same for all callers together: a user can have many connections to the bus.
+/// The same limit for all callers together: a user can have many connections to the bus.
 inline constexpr int kMaxQuestions = 64;
 
-/// Reads CreateProxyConfiguration's dictionary. Unknown keys and values of another type than the
-/// key's are skipped; lists are cut at kMaxListEntries.
-/// @param problem receives why there is no configuration
-/// @return 0, 1 if the configuration cannot be taken, or a negative errno of the bus library
+/// Reads CreateProxyConfiguration's dictionary. It skips unknown keys and values of a wrong type,
+/// and cuts lists at kMaxListEntries.
+/// @param problem receives the reason if there is no configuration
+/// @return 0; 1 if the configuration cannot be used; or a negative errno of the bus library
 int readPushed(sd_bus_message* call, PushedConfiguration& pushed, std::string& problem);
 
 class PacRunner {
@@ -34,11 +34,12 @@ class PacRunner {
   PacRunner(const PacRunner&) = delete;
   PacRunner& operator=(const PacRunner&) = delete;
 
-  /// Adds the objects and asks for the name. Throws std::system_error. If another
-  /// service has the name, this is logged and no pushes come.
+  /// Adds the objects and requests the name. Throws std::system_error. If another service owns the
+  /// name, this is logged and no settings are pushed.
   void start();
 
-  /// Whether FindProxyForURL joins all entries by "; " instead of giving the first.
+  /// If `all`, FindProxyForURL returns all entries, joined by "; ". Else it returns the first
+  /// entry.
   void answerAll(bool all) { mAnswersAll = all; }
 
   const NetworkSet& set() const { return mSet; }
@@ -47,7 +48,7 @@ class PacRunner {
   struct TrackCloser {
     void operator()(sd_bus_track* track) const { sd_bus_track_unref(track); }
   };
-  /// A connection to the bus that has configurations or questions here.
+  /// A bus connection that has configurations or questions here.
   struct Sender {
     std::unique_ptr<sd_bus_track, TrackCloser> track;
     int questions = 0;

@@ -14,7 +14,7 @@ namespace settings {
 namespace {
 
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
-/// Bytes of a script that are sent at once.
+/// Number of bytes of a script that are sent at once.
 constexpr std::size_t kChunkBytes = 16U << 10U;
 
 bool isLater(ssize_t result) {
@@ -66,7 +66,7 @@ int ScriptConnection::onLimit(sd_event_source* source, std::uint64_t, void* self
                  [&connection] { connection.mOwner.connectionEnded(connection); });
 }
 
-/// @return false at the connection's end
+/// @return false when the connection has ended
 bool ScriptConnection::proceed() {
   if (!mIsAnswering && !read()) return false;
   return !mIsAnswering || write();
@@ -106,7 +106,7 @@ void ScriptConnection::answerWith(const char* status, std::uint64_t bytes) {
   require(sd_event_source_set_io_events(mSource.get(), EPOLLOUT), "sd_event_source_set_io_events");
 }
 
-/// Bytes of the file that are still to be sent; none at its end, or if it has become shorter.
+/// The next unsent bytes of the file. None at its end, or if the file has become shorter.
 std::string_view ScriptConnection::nextChunk(std::span<char> chunk) const {
   const auto most = std::min(static_cast<std::size_t>(mBytes - mOffset), chunk.size());
   if (most == 0) return {};
@@ -114,7 +114,7 @@ std::string_view ScriptConnection::nextChunk(std::span<char> chunk) const {
   return {chunk.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
-// After the last byte the socket is closed; the kernel sends what it still holds.
+// The socket is closed after the last byte. The kernel still sends what it has queued.
 bool ScriptConnection::write() {
   std::array<char, kChunkBytes> chunk;
   while (true) {

@@ -1,7 +1,7 @@
-// One connection to the script server: reads a request, answers it, and ends.
+// One connection to the script server: it reads a request, answers it, and ends.
 //
-// This is HTTP as far as one file on loopback needs it: only the first line of a request decides,
-// a request has no body, and the connection ends after the answer.
+// It implements as much HTTP as one file on loopback needs. Only the first line of a request
+// decides, a request has no body, and the connection ends after the answer.
 #pragma once
 
 #include <systemd/sd-event.h>
@@ -19,38 +19,36 @@
 
 namespace settings {
 
-/// Longest head of a request, in bytes: the daemon's has some 200.
+/// Longest head of a request, in bytes. The daemon's has about 200.
 inline constexpr std::size_t kMaxRequestBytes = 8192;
-/// A connection ends after this time, whatever it waits for: on loopback, the daemon needs
-/// milliseconds.
+/// Time limit of a connection. On loopback, the daemon needs milliseconds.
 inline constexpr std::chrono::seconds kConnectionLimit{5};
 
-/// What the first line of a request asks for.
+/// The request line, parsed.
 struct ScriptRequest {
   bool isHead = false;  ///< HEAD instead of GET
   std::string name;     ///< without the slash; not checked
 };
 
-/// Reads "GET /name HTTP/1.1", or the same with HEAD and any version HTTP/1.N. Nothing for every
-/// other line. `head` may hold more lines, which do not matter.
+/// Reads "GET /name HTTP/1.1", also with HEAD and with any version HTTP/1.N. Nothing for any other
+/// line. `head` may have more lines, which are ignored.
 std::optional<ScriptRequest> readRequest(std::string_view head);
 
-/// Runs in the event loop's thread. The loop outlives it.
+/// Runs in the event loop's thread. The loop must outlive the connection.
 class ScriptConnection {
  public:
   class Owner {
    public:
-    /// @return the file that a request for `name` gets, whatever the name is; empty if there is
-    /// none
+    /// @return the file for a request for `name`, which may be any text; empty if there is none
     virtual base::UniqueFd openScript(const std::string& name) const = 0;
-    /// Destroys `connection`. Called once, and not from the constructor.
+    /// Destroys `connection`. It is called once, and never from the constructor.
     virtual void connectionEnded(ScriptConnection& connection) = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  /// @param socket a connection that does not block
+  /// @param socket a non-blocking connection
   /// Throws std::system_error.
   ScriptConnection(sd_event* event, base::UniqueFd socket, Owner& owner);
   ScriptConnection(const ScriptConnection&) = delete;
@@ -69,10 +67,10 @@ class ScriptConnection {
   base::UniqueFd mSocket;
   Owner& mOwner;
   bool mIsAnswering = false;
-  std::string mText;         ///< what was read; later the answer's head that is still to be sent
+  std::string mText;         ///< the bytes read; later the unsent part of the answer's head
   base::UniqueFd mFile;      ///< the answer's body; empty without one
-  std::int64_t mOffset = 0;  ///< how much of the file is sent
-  std::int64_t mBytes = 0;   ///< how much is to be sent
+  std::int64_t mOffset = 0;  ///< number of bytes of the file already sent
+  std::int64_t mBytes = 0;   ///< number of bytes to send
   EventSource mSource;
   EventSource mLimit;
 };

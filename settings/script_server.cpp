@@ -99,7 +99,7 @@ ScriptServer::ScriptServer(sd_event* event, base::UniqueFd listening, std::strin
         require(sd_event_source_set_enabled(mSource.get(), SD_EVENT_ON),
                 "sd_event_source_set_enabled");
       }) {
-  // systemd's socket blocks, and a connection may be gone before it is accepted.
+  // The socket from systemd blocks, and a connection may end before it is accepted.
   const int flags = fcntl(mListening.get(), F_GETFL);
   if (flags < 0 || fcntl(mListening.get(), F_SETFL, flags | O_NONBLOCK) != 0) fail("fcntl");
   sd_event_source* source = nullptr;
@@ -113,7 +113,8 @@ int ScriptServer::onConnection(sd_event_source* source, int, std::uint32_t, void
                  [self] { static_cast<ScriptServer*>(self)->accept(); });
 }
 
-// One for each turn of the loop: so what is open is served before the next one could end it.
+// Accepts one connection in each turn of the loop. So open connections are served before a new one
+// can end the oldest.
 void ScriptServer::accept() {
   base::UniqueFd accepted(
       accept4(mListening.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
@@ -133,7 +134,7 @@ void ScriptServer::accept() {
 
 base::UniqueFd ScriptServer::openScript(const std::string& name) const {
   if (!isScriptName(name)) return {};
-  // O_NONBLOCK: a FIFO without a writer would stop the service.
+  // O_NONBLOCK, because the open of a FIFO without a writer would block the service.
   base::UniqueFd file(
       open((mFolder + "/" + name).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat state {};

@@ -1,9 +1,9 @@
-// Serves the script of a network manager to the daemon, which takes scripts by HTTP only.
+// Serves a pushed script to the daemon, which accepts scripts only by HTTP.
 //
-// The script is kept in a file of the runtime folder whose name is made of its content. So the same
-// script has the same URL after a restart of the service, another script has another one, and the
-// daemon can fetch it before the network manager has pushed it again. The script is no secret:
-// everybody can read what the daemon has fetched.
+// The script is in a file of the runtime folder. The name of the file is a hash of its content. So
+// the same script has the same URL after a restart of the service, and a different script has a
+// different URL. The daemon can fetch the script before the network manager has pushed it again.
+// The script is no secret: every user can read the script that the daemon has fetched.
 #pragma once
 
 #include <systemd/sd-event.h>
@@ -20,35 +20,35 @@
 
 namespace settings {
 
-/// How many connections are open at once. The daemon needs one. A further one ends the oldest, so
-/// that nobody keeps the daemon out by opening connections.
+/// Most open connections. The daemon needs one. A further connection ends the oldest one, so that
+/// no program can lock out the daemon with open connections.
 inline constexpr std::size_t kMaxConnections = 64;
-/// No connection is accepted for this time after the kernel could give none, for example because
-/// there is no memory.
+/// Pause before the next connection is accepted after the kernel refused one, for example because
+/// memory was exhausted.
 inline constexpr std::chrono::seconds kAcceptPause{1};
-/// The port, if the service binds it itself. It is below 1024, so no other local user can
-/// bind it while the service restarts and pretend to be the administrator. IANA has not assigned
-/// it.
+/// The port, if the service binds it itself. A port below 1024 cannot be bound by other local
+/// users, so none of them can pose as the administrator while the service restarts. IANA has not
+/// assigned this port.
 inline constexpr std::uint16_t kScriptPort = 850;
 
 /// A listening socket on 127.0.0.1:`port`. Throws std::system_error.
 base::UniqueFd listenOnLoopback(std::uint16_t port);
 
-/// The name of the file for a script: 16 hexadecimal digits (64-bit FNV-1a) and ".pac". It is no
-/// proof of the content: a program that can push scripts can have any script run.
+/// The file name of a script: 16 hexadecimal digits (64-bit FNV-1a) and ".pac". The name does not
+/// prove the content. This is no risk: a program that can push a script can have any script run.
 std::string scriptName(std::string_view script);
 bool isScriptName(std::string_view name);
 
 class ScriptServer final : ScriptConnection::Owner {
  public:
   /// @param listening a socket that listens on loopback
-  /// @param folder the runtime folder, which exists and is this user's
+  /// @param folder the runtime folder, which exists and belongs to this user
   /// Throws std::system_error.
   ScriptServer(sd_event* event, base::UniqueFd listening, std::string folder);
   ScriptServer(const ScriptServer&) = delete;
   ScriptServer& operator=(const ScriptServer&) = delete;
 
-  /// Keeps `script` and removes the one before. @return its URL. Throws std::system_error if the
+  /// Stores `script` and removes the previous one. @return its URL. Throws std::system_error if the
   /// file cannot be written.
   std::string publish(std::string_view script);
 

@@ -73,8 +73,8 @@ std::vector<std::string> confFiles(const std::string& folder, FolderSettings& re
   return names;
 }
 
-/// A program that writes a file in its place can be half done, so two readings must agree: its time
-/// is too coarse to show that.
+/// A program that overwrites a file in place may be half finished, so two readings must be equal.
+/// The file's time is too coarse to show such a change.
 std::optional<std::string> readWhole(const base::OpenFile& file, std::size_t mostBytes,
                                      std::string& problem) {
   base::FileText content = base::readToEnd(file.fd.get(), mostBytes);
@@ -91,7 +91,7 @@ std::optional<std::string> readWhole(const base::OpenFile& file, std::size_t mos
   return std::nullopt;
 }
 
-/// Checks that others cannot read a file that contains a password.
+/// Checks that other users cannot read a file that contains a password.
 void judgePasswords(const std::string& path, mode_t mode, FileSettings& settings,
                     FolderSettings& result) {
   const bool inUrl = settings.proxyUrl && settings.proxyUrl->find('@') != std::string::npos;
@@ -127,7 +127,7 @@ void readOne(const std::string& path, FolderSettings& result) {
   overlay(result.settings, read.settings);
 }
 
-/// The first line of a file that others cannot read.
+/// Reads the first line of a file that other users cannot read.
 void readPassword(const std::string& path, FolderSettings& result) {
   const base::FileDemands demands{.mostBytes = kMaxPasswordBytes + 1};
   const base::OpenFile file = base::openFile(path.c_str(), demands);

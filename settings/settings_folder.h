@@ -1,5 +1,5 @@
 // The administrator's settings on disk: settings.conf, then settings.d/*.conf in the order of their
-// names, and the password that they name.
+// names, and the password that they refer to.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 
 namespace settings {
 
-/// How many files of settings.d are read; a folder with more is a problem.
+/// Most files of settings.d that are read. More files are a problem.
 inline constexpr std::size_t kMaxFiles = 64;
-/// Longest password that a file or credential holds, in bytes, without the line's end: as long as
-/// the one that proxymanagerctl takes.
+/// Longest password in a file or a credential, in bytes, without the line end. proxymanagerctl has
+/// the same limit.
 inline constexpr std::size_t kMaxPasswordBytes = 4096;
 
 /// Where the settings are.
@@ -24,15 +24,15 @@ struct SettingsPaths {
 /// One thing that is wrong with the files.
 struct FileProblemLine {
   std::string text;        ///< "/etc/proxymanager/settings.conf:3: ...", one printable line
-  bool isWarning = false;  ///< the settings are used nevertheless
+  bool isWarning = false;  ///< the settings are still used
 };
 
 struct FolderSettings {
-  FileSettings settings;  ///< of all files together
-  std::string password;   ///< of the file or the credential that `settings` name; wiped with this
-  std::vector<std::string> modeFiles;     ///< the files that set a mode, the one that counts last
+  FileSettings settings;  ///< from all files together
+  std::string password;   ///< the password that `settings` refer to; wiped on destruction
+  std::vector<std::string> modeFiles;     ///< the files that set a mode; the last one counts
   std::vector<FileProblemLine> problems;  ///< what is wrong, in the order of the files
-  /// Whether there is a problem that is no warning: then none of it should be used.
+  /// Whether there is a problem that is not a warning. If so, no setting should be used.
   bool isFaulty() const;
 
   FolderSettings() = default;
@@ -41,10 +41,10 @@ struct FolderSettings {
   ~FolderSettings();
 };
 
-/// Reads all files. A folder or file that does not exist sets nothing. A file that is a link, no
-/// regular file, too long, owned by neither root nor the process's user, or that changes while it
-/// is read, is a problem. Reads at most kMaxFiles + 2 files of kMaxFileBytes. Throws nothing but
-/// bad_alloc.
+/// Reads all files. A missing folder or file sets nothing. A file is a problem if it is a link, not
+/// a regular file, too long, changes during the reading, or belongs neither to root nor to the
+/// process's user. Reads at most kMaxFiles + 2 files of kMaxFileBytes each. Throws only
+/// std::bad_alloc.
 FolderSettings readFolder(const SettingsPaths& paths);
 
 }  // namespace settings

@@ -46,7 +46,7 @@ const char* sourceText(Source source) {
   return "auto";
 }
 
-/// A URL without user and password: everybody may read the state.
+/// A URL without user and password, because every user may read the state.
 std::string withoutCredentials(const std::string& url) {
   const auto colon = url.find("://");
   const std::size_t begin = colon == std::string::npos ? 0 : colon + 3;
@@ -125,7 +125,7 @@ void SettingsService::reload() {
   readFiles();
   watchFiles();
   decide();
-  // What another program has set in the meantime is replaced now.
+  // This replaces a configuration that another program has set in the meantime.
   mHandOver.check();
 }
 
@@ -141,7 +141,7 @@ void SettingsService::readFiles() {
   mSettings = mLastReading;
 }
 
-// After the reading, so that no change is missed: a change in between is seen twice.
+// Called after the reading, so that no change is missed. A change in between is reported twice.
 void SettingsService::watchFiles() {
   const std::string& folder = mPlaces.files.folder;
   std::vector<FileWatch::Place> places{{folder, ""}, {folder + "/settings.d", ""}};
@@ -162,7 +162,7 @@ void SettingsService::decide() {
   mChoice = choose(mSettings.settings, mSettings.password, network);
   if (mIsGathering && mChoice.holder != Choice::Holder::kFile) return;
   publishOrWithdraw();
-  // Without a URL the daemon could fetch nothing, so it keeps its configuration.
+  // Without a URL the daemon could not fetch a script, so it keeps its current configuration.
   const auto& wanted = mChoice.configuration;
   if (wanted.mode == Mode::kPacUrl && wanted.pacUrl.empty()) return;
   const std::string line =
@@ -172,7 +172,7 @@ void SettingsService::decide() {
   mHandOver.want(mChoice.configuration);
 }
 
-/// Serves the script of the configuration in force, and no other script.
+/// Serves the script of the configuration in force, and removes every other script.
 void SettingsService::publishOrWithdraw() {
   if (mChoice.network == nullptr || mChoice.network->script.empty()) {
     if (mScripts) mScripts->withdraw();
@@ -230,7 +230,7 @@ int SettingsService::onGetState(sd_bus_message* call, void* self, sd_bus_error* 
   }
 }
 
-// One question of the daemon's configuration serves all calls that wait.
+// All waiting calls share one question for the daemon's configuration.
 int SettingsService::getState(sd_bus_message* call, sd_bus_error* error) {
   if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", state({}).c_str());
   if (mStateCalls.size() >= kMaxStateCalls) {
@@ -270,7 +270,7 @@ std::string SettingsService::state(const std::optional<Configuration>& daemon) c
   state["problem"] = mHandOver.lastProblem();
   state["daemon_has"] = daemon ? shown(*daemon) : nlohmann::json();
   state["changed_by_another_program"] = daemon ? !mHandOver.isOurs(*daemon) : mHandOver.isForeign();
-  // A network manager's text may be any bytes that the bus takes.
+  // A text of a network manager may have any bytes that the bus accepts.
   return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 

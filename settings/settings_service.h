@@ -2,7 +2,7 @@
 //
 //   settings.conf, settings.d ─┐
 //   network managers ──────────┼─> choose() ─> HandOver ─> the daemon
-//   default routes ────────────┘       └─> ScriptServer, if a pushed script holds
+//   default routes ────────────┘       └─> ScriptServer, if a pushed script is in force
 //
 // Everything runs on one thread in one event loop. Nothing here waits.
 #pragma once
@@ -27,12 +27,12 @@
 
 namespace settings {
 
-/// After a start of the service, network managers push their settings again. Until then their part
-/// of the choice is unknown, so nothing else is handed over for this time.
+/// After the service starts, network managers push their settings again. The service does not know
+/// these settings before, so it waits this long until it hands anything over.
 inline constexpr std::chrono::milliseconds kGatherTime{500};
-/// How many GetState calls wait for the daemon's configuration at once.
+/// Most GetState calls that wait for the daemon's configuration.
 inline constexpr std::size_t kMaxStateCalls = 16;
-/// How long they wait for it; then they are answered without it.
+/// How long a GetState call waits. After that, it is answered without the configuration.
 inline constexpr std::chrono::seconds kStateLimit{5};
 
 class SettingsService final : DaemonLink::Listener {
@@ -47,11 +47,11 @@ class SettingsService final : DaemonLink::Listener {
   /// @param scripts a listening socket on loopback for scripts; empty: pushed scripts are unusable
   SettingsService(sd_event* event, sd_bus* bus, Places places, base::UniqueFd scripts);
 
-  /// Reads the settings, takes the names on the bus and begins to hand over. Throws
+  /// Reads the settings, requests the names on the bus and starts to hand over. Throws
   /// std::system_error.
   void start();
 
-  /// Reads the settings again, as after a change of a file or SIGHUP.
+  /// Reads the settings again, for example after a change of a file or after SIGHUP.
   void reload();
 
  private:
@@ -78,8 +78,8 @@ class SettingsService final : DaemonLink::Listener {
   std::unique_ptr<ScriptServer> mScripts;
   FileWatch mSettingsWatch;
   FileWatch mResolverWatch;
-  FolderSettings mSettings;     ///< the last good ones
-  FolderSettings mLastReading;  ///< with its problems
+  FolderSettings mSettings;     ///< the last settings without an error
+  FolderSettings mLastReading;  ///< the last reading, with its problems
   DefaultRoutes mRoutes;
   Choice mChoice;
   std::string mLoggedReason;

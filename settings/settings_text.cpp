@@ -3,9 +3,9 @@
 #define TOML_HEADER_ONLY 1
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
-// Version 3.3 says of many letters beyond ASCII (U+00A1 to U+0499 and others) that they cannot
-// occur, when it asks whether a letter outside of quotes is a blank. The right answer there is
-// "false".
+// The library asks whether a letter outside quotes is a blank. For many letters beyond ASCII
+// (U+00A1 to U+0499 and others), version 3.3 claims that this code cannot be reached. The right
+// answer is "false".
 // clang-format off
 #include <toml++/impl/preprocessor.h>
 #undef TOML_UNREACHABLE
@@ -33,7 +33,7 @@ bool isPrintableAscii(std::string_view text) {
                      [](unsigned char byte) { return byte > 0x20 && byte < 0x7F; });
 }
 
-/// Takes the text of one key; returns what is wrong with it, or an empty text.
+/// Sets one key from its text. Returns the error text, or an empty text.
 using Setter = std::function<std::string(FileSettings&, const std::string&)>;
 
 template <typename Value>
@@ -107,7 +107,7 @@ const std::map<std::string, Setter, std::less<>>& setters() {
   return table;
 }
 
-/// The text of a value: a string, or a whole number as digits.
+/// The text of a value: a string, or the digits of a whole number.
 std::optional<std::string> textOf(const toml::node& node) {
   if (const auto* string = node.as_string()) return string->get();
   if (const auto* number = node.as_integer()) return std::to_string(number->get());
@@ -126,7 +126,7 @@ std::string setKey(FileSettings& settings, std::string_view key, const toml::nod
   return setter->second(settings, *given);
 }
 
-/// A key may hold anything in quotes: only plain ones are shown.
+/// A key in quotes may hold any text, so only plain keys are shown.
 std::string shownKey(std::string_view key) {
   return isPrintableAscii(key) && key.size() <= 64 ? std::string(key) : std::string("this key");
 }
@@ -180,8 +180,8 @@ ReadSettings readSettings(std::string_view text) {
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
     const auto& error = parsed.error();
-    // The library's description quotes the text that it could not read: control characters are
-    // made visible where the line is logged or shown.
+    // The library's description quotes the text that it could not read. Control characters in it
+    // are made visible when the line is logged or shown.
     read.problems.push_back({error.source().begin.line, std::string(error.description())});
     return read;
   }

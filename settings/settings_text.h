@@ -1,8 +1,8 @@
-// The administrator's settings: what a settings file may hold, and how a text is read.
+// The administrator's settings: the keys of a settings file, and how its text is read.
 //
-// The format is TOML. Each key may be absent; a later file replaces single keys of an earlier one.
-// An unknown key, a value of the wrong kind or an impossible value is a problem with its line: a
-// misspelt key must not leave a device without its proxy silently.
+// The format is TOML. Each key is optional. A later file replaces single keys of an earlier file.
+// An unknown key, a value of the wrong type or an impossible value is a problem, which is reported
+// with its line: a misspelt key must not silently leave a device without its proxy.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@
 
 namespace settings {
 
-/// Longest text of a key's value, in bytes: longer than any URL that a server takes.
+/// Longest text of a value, in bytes: longer than any URL that a server accepts.
 inline constexpr std::size_t kMaxValueBytes = 8U << 10U;
 /// Longest settings file that is read, in bytes. The commented example has under 4 KiB.
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
@@ -24,21 +24,21 @@ inline constexpr std::chrono::seconds kMinRefresh{60};
 /// Longest time between two refreshes.
 inline constexpr std::chrono::seconds kMaxRefresh{std::chrono::hours{24 * 365}};
 
-/// Which sources count.
+/// Which sources may decide.
 enum class Source {
   kAuto,    ///< the file if it sets a mode, else the network, else the fallback
-  kFile,    ///< the file alone
-  kNetwork  ///< network managers alone
+  kFile,    ///< only the file
+  kNetwork  ///< only network managers
 };
 
-/// What one file sets, or all of them together.
+/// The settings of one file, or of all files together.
 struct FileSettings {
   std::optional<Source> source;
   std::optional<Mode> mode;
   std::optional<std::string> proxyUrl;
   std::optional<std::string> pacUrl;
   std::optional<std::string> user;
-  std::optional<std::string> password;            ///< in the file itself
+  std::optional<std::string> password;            ///< the password itself
   std::optional<std::string> passwordFile;        ///< absolute path
   std::optional<std::string> passwordCredential;  ///< name of a systemd credential
   std::optional<Mode> fallback;                   ///< kOff or kWpad
@@ -49,7 +49,7 @@ struct FileSettings {
   bool operator==(const FileSettings&) const = default;
 };
 
-/// What is wrong with a file.
+/// A problem of a settings file.
 struct Problem {
   unsigned line = 0;  ///< from 1; 0 if the problem is the file itself
   std::string text;   ///< one printable line
@@ -58,19 +58,19 @@ struct Problem {
 };
 
 struct ReadSettings {
-  FileSettings settings;          ///< what was understood
-  std::vector<Problem> problems;  ///< empty if all was understood
+  FileSettings settings;          ///< the valid settings
+  std::vector<Problem> problems;  ///< empty if the whole text is valid
 };
 
-/// Reads the text of one settings file. Never throws but bad_alloc.
+/// Reads the text of one settings file. Throws only std::bad_alloc.
 ReadSettings readSettings(std::string_view text);
 
-/// Puts what `later` sets over what `settings` holds. A later password of any kind replaces an
-/// earlier one of another kind.
+/// Overwrites `settings` with the keys that `later` sets. A later password of any kind replaces an
+/// earlier password of another kind.
 void overlay(FileSettings& settings, const FileSettings& later);
 
-/// A duration: a whole number with "s", "m", "h" or "d", or 0 alone; from kMinRefresh to
-/// kMaxRefresh. Nothing for any other text.
+/// Reads a duration: a whole number with "s", "m", "h" or "d", from kMinRefresh to kMaxRefresh, or
+/// a single 0. Nothing for any other text.
 std::optional<std::chrono::seconds> parseRefresh(std::string_view text);
 
 /// Why `url` cannot be a PAC URL (http or https, with a host, printable ASCII), or an empty text.

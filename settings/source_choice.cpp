@@ -20,7 +20,8 @@ Choice byFile(const FileSettings& settings, const std::string& password, std::st
   return {Choice::Holder::kFile, ofFile(settings, password), std::move(reason), nullptr};
 }
 
-// The file's user and password are not for a proxy that a network names: it would receive them.
+// The configuration has no user and password of the file, because the network's proxy would receive
+// them.
 Choice byNetwork(const NetworkConfiguration& network, std::string reason) {
   if (!network.interface.empty()) {
     reason += ", interface " + network.interface;

@@ -17,14 +17,13 @@ struct Choice {
   const NetworkConfiguration* network = nullptr;  ///< set if a network manager decides
 };
 
-/// @param settings what all files together set
-/// @param password the password that they name, read
+/// @param settings the settings of all files together
+/// @param password the password that they refer to
 /// @param network the network managers' configuration in force, or null
 Choice choose(const FileSettings& settings, const std::string& password,
               const NetworkConfiguration* network);
 
-/// Why `settings` cannot be used as they are (mode manual without a proxy URL and the like), or an
-/// empty text.
+/// Why `settings` cannot be used (for example mode manual without a proxy URL), or an empty text.
 std::string missingKey(const FileSettings& settings);
 
 }  // namespace settings
