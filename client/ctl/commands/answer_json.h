@@ -1,4 +1,4 @@
-// The JSON form of an answer, both of the daemon and of a script on trial.
+// The JSON form of an answer: an answer of the daemon, or of a script that a command tries out.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -10,21 +10,21 @@
 
 namespace client {
 
-/// One entry of an answer, and whether the daemon leaves it out of its answers.
+/// One entry of an answer, and whether the daemon drops it from its answers.
 struct ShownEntry {
   ProxyEntry entry;
   bool isDropped = false;
 };
 
 struct ShownAnswer {
-  std::string url;                    ///< as given, with its password hidden unless it may be shown
-  std::optional<std::string> mode;    ///< none for a script on trial
-  std::string host;                   ///< the host that is asked about
+  std::string url;                    ///< as given; its password is hidden unless it may be shown
+  std::optional<std::string> mode;    ///< none for a script that a command tries out
+  std::string host;                   ///< the host of the question
   std::optional<std::string> result;  ///< the text of the entries; none without an answer
   std::vector<ShownEntry> entries;
   std::optional<std::string> error;  ///< why there is no result
 
-  /// Whether there is an entry to use or to try.
+  /// Whether the answer has an entry that a program can use or try.
   bool isAnswered() const;
 };
 

@@ -1,4 +1,4 @@
-// Options of the commands that hand answers to programs.
+// Options of the commands that pass answers to other programs.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -7,7 +7,8 @@
 
 namespace client {
 
-/// Adds --ask-local and --credentials-for to `command`; they set `options`, which lives as long.
+/// Adds --ask-local and --credentials-for to `command`. They set `options`, which must live as long
+/// as `command`.
 inline void addAnswerOptions(CLI::App& command, AnswerOptions& options) {
   command.add_flag("--ask-local", options.askLocal,
                    "Ask about this machine, too: localhost,\n127.0.0.0/8, ::1 and the like");

@@ -1,4 +1,4 @@
-// What the commands that talk to the daemon have in common.
+// Options and checks that all commands share which call the daemon.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -9,11 +9,11 @@
 namespace client {
 
 /// The default time limit for an answer. An evaluation takes 5.25 s at most, and the question may
-/// wait for another evaluation first; the rest is a reserve for a busy device.
+/// wait for another evaluation first. The rest is a reserve for a busy device.
 inline constexpr std::chrono::seconds kAskLimit{15};
 
-/// The default time limit for a change. A change never waits for a download, but it may wait behind
-/// a load of a script and behind other calls.
+/// The default time limit for a change. A change never waits for a download. But it may wait for
+/// the load of a script and for other calls.
 inline constexpr std::chrono::seconds kChangeLimit{60};
 
 /// Longest --timeout. A walk over all candidates takes less than three hours.
@@ -25,8 +25,8 @@ struct CallOptions {
   bool showPassword = false;
 };
 
-/// Adds --timeout to `command`, which sets `options`, living as long as it does; `limit` holds by
-/// default.
+/// Adds --timeout with the default `limit` to `command`. It sets `options`, which must live as long
+/// as `command`.
 void addTimeout(CLI::App& command, CallOptions& options, std::chrono::seconds limit);
 
 /// Adds --timeout and --json.
@@ -35,7 +35,8 @@ void addCallOptions(CLI::App& command, CallOptions& options, std::chrono::second
 /// Adds --show-password.
 void addShowPassword(CLI::App& command, CallOptions& options);
 
-/// Throws the parser's error if the bus cannot carry `text`; `name` is the name of the argument.
+/// Throws the parser's error if `text` cannot be sent over the bus. `name` is the name of the
+/// argument.
 void checkBusText(const char* name, const std::string& text);
 
 /// Throws the parser's error if `url` is not valid in a question.

@@ -1,4 +1,4 @@
-// The script that a command is about: a file, or the one that the daemon has fetched.
+// The script that a command works on: a file, or the script that the daemon has fetched.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -9,25 +9,25 @@ namespace client {
 
 struct ChosenScript {
   std::string file;
-  std::string option;  ///< FILE as the option -p has it
+  std::string option;  ///< FILE, if the option -p gives it
   bool isCurrent = false;
 };
 
-/// Adds FILE to `command`, and -p, the name that other testers of scripts have for it. `chosen`
-/// lives as long as the command.
+/// Adds FILE to `command`, and -p, the name of this option in other testers of scripts. `chosen`
+/// must live as long as `command`.
 void addScriptFile(CLI::App& command, ChosenScript& chosen);
 
 /// Adds --current.
 void addCurrentScript(CLI::App& command, ChosenScript& chosen);
 
-/// To be called when the command line is parsed. Throws the parser's error if there is no script.
-/// @return the word in the place of FILE if -p or --current names the script, else nothing
+/// Call it after the command line has been parsed. Throws the parser's error if there is no script.
+/// @return the word in the place of FILE if -p or --current selects the script, else nothing
 std::vector<std::string> settleScript(ChosenScript& chosen);
 
-/// The same for a command that takes no argument but FILE.
+/// The same for a command whose only argument is FILE.
 void settleOnlyScript(ChosenScript& chosen);
 
-/// Throws the parser's error if both the script and the list `file` of URLs are standard input.
+/// Throws the parser's error if both the script and `file`, the list of URLs, are standard input.
 void checkStandardInput(const ChosenScript& chosen, const std::string& file);
 
 /// The bytes of the script. Throws Failure as readScript() does.

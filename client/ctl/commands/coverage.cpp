@@ -11,7 +11,7 @@ namespace client {
 
 namespace {
 
-/// URLs that are made for the rules which the list misses.
+/// Most URLs that are made for the rules which the list misses.
 constexpr std::size_t kMostMade = 1000;
 
 void add(std::vector<PlaceCount>& places, const Trace& trace) {
@@ -45,7 +45,7 @@ void addShares(Coverage& coverage, const std::vector<Place>& places) {
   }
 }
 
-/// Whether `line` is in the condition that decides whether the rule is reached.
+/// Whether `line` is a part of the condition that decides whether the rule is reached.
 bool isOfCondition(const std::vector<Place>& places, std::size_t rule, std::size_t line) {
   const int owner = places[rule].owner;
   if (owner < 0) return false;
@@ -53,7 +53,7 @@ bool isOfCondition(const std::vector<Place>& places, std::size_t rule, std::size
   return places[rule].branch && test.line <= line && line <= test.lastLine;
 }
 
-/// Tries the rules that were missed with URLs made from the script.
+/// Tries to reach the missed rules with URLs that are made from the script.
 void tryMissed(Coverage& coverage, TracedScript& script, pac_engine::Engine& parser,
                const std::string& file) {
   if (coverage.missed.empty()) return;

@@ -11,23 +11,23 @@
 
 namespace client {
 
-/// A URL of the list and what the script answered.
+/// A URL of the list, and the script's answer for it.
 struct CoveredUrl {
   std::string url;
-  std::size_t times = 0;  ///< in the list
+  std::size_t times = 0;  ///< how often it is in the list
   std::optional<std::string> result;
   std::string error;  ///< if there is no result
   std::optional<std::size_t> decidedBy;
-  bool isDifferent = false;  ///< watched, the script answered otherwise
+  bool isDifferent = false;  ///< the instrumented script answered differently
 };
 
 /// A return that no URL of the list reached.
 struct MissedRule {
   std::size_t place = 0;
   bool isDead = false;                ///< no URL at all can reach it
-  std::string reachedBy;              ///< a URL made from the script that does, or empty
-  std::string shadowedUrl;            ///< a URL made from the rule's own condition that does not
-  std::optional<std::size_t> shadow;  ///< the return that answers that one
+  std::string reachedBy;              ///< a URL made from the script that reaches it, or empty
+  std::string shadowedUrl;            ///< a URL made for this rule that another rule answers
+  std::optional<std::size_t> shadow;  ///< the return that answers this URL
 };
 
 struct Share {
@@ -36,16 +36,16 @@ struct Share {
 };
 
 struct Coverage {
-  std::vector<PlaceCount> places;  ///< one for each place of the script, the load included
+  std::vector<PlaceCount> places;  ///< for each place of the script, with the counts of the load
   std::vector<CoveredUrl> urls;
   std::vector<MissedRule> missed;
   Share statements;
-  Share branches;  ///< two of each test, one of each case
+  Share branches;  ///< each test has two branches, each case has one
   Share rules;     ///< the returns
 };
 
-/// Asks `script` for each URL once. Names and addresses are those of its options.
-/// @param parser of the same script; makes URLs for the rules that are missed
+/// Asks `script` once for each URL. Its options decide about names and addresses.
+/// @param parser a parser of the same script; it makes URLs for missed rules
 Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std::string& file,
                     const std::vector<std::string>& urls);
 

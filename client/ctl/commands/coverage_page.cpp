@@ -61,8 +61,8 @@ std::string cell(const char* kind, std::string_view text) {
   return std::string("<td class=\"") + kind + "\">" + escaped(text) + "</td>";
 }
 
-/// What a line is worth: how often its first statement was reached, and whether something on it was
-/// not.
+/// The hits of a line: how often its first statement was reached, and whether a part of it was
+/// missed.
 struct LineHits {
   std::uint64_t most = 0;
   bool hasMiss = false;

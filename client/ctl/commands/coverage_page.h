@@ -1,4 +1,4 @@
-// A coverage as one page of HTML.
+// A coverage report as one HTML page.
 #pragma once
 
 #include <string>
@@ -7,15 +7,15 @@
 
 namespace client {
 
-/// A page that loads nothing and runs no script: the source with the hits at each line, and the
-/// URLs with their answers. All texts from outside are escaped.
+/// The page shows the source with the hits of each line, and the URLs with their answers. It loads
+/// nothing and runs no script. All texts from outside are escaped.
 std::string coveragePage(const std::string& file, const InstrumentedScript& script,
                          const Coverage& coverage);
 
 /// "12 of 15 (80 %)".
 std::string shownShare(const Share& share);
 
-/// What is known of a rule that was missed, in words.
+/// What is known about a missed rule, in words.
 std::string shownMiss(const InstrumentedScript& script, const MissedRule& rule);
 
 }  // namespace client

@@ -27,8 +27,8 @@ URL, and no credentials.
 Exit status:
 )";
 
-/// The time limit for a connection, and for an answer. A proxy connects to the server before it
-/// answers.
+/// The time limit for a connection, and the one for an answer. A proxy connects to the server
+/// before it answers.
 constexpr std::chrono::seconds kStepLimit{10};
 
 struct DiagnoseArguments {
@@ -63,7 +63,7 @@ Server serverOf(const std::string& canonical) {
   return server;
 }
 
-/// The problem that the first line of an HTTP answer shows; empty if the connection works.
+/// The problem in the first line of an HTTP answer. Empty if the connection works.
 std::string problemOf(const std::string& line, bool isTunnel) {
   int code = 0;
   const auto blank = line.find(' ');
@@ -75,7 +75,7 @@ std::string problemOf(const std::string& line, bool isTunnel) {
   return isFine ? "" : said;
 }
 
-/// @return the problem, or nothing
+/// Tries to connect by `entry`. @return the problem, or nothing
 std::string tryEntry(const ProxyEntry& entry, const Server& server) {
   const bool isDirect = entry.kind == ProxyKind::kDirect;
   const auto made = isDirect ? connectTo(server.host, server.port, kStepLimit)

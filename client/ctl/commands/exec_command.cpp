@@ -39,8 +39,8 @@ Exit status:
   that of the command; if it was not run, standard error has the reason:
 )";
 
-/// How long one proxy may take to accept a connection, the lookup of its name included. A lost
-/// packet is sent again after 1 s.
+/// How long a connection to one proxy may take, with the lookup of its name. A lost packet is sent
+/// again after 1 s.
 constexpr std::chrono::seconds kConnectLimit{3};
 
 struct ExecArguments {

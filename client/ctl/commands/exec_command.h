@@ -11,17 +11,18 @@ namespace client {
 
 /// A command line of this program, which may contain the command line of another program.
 struct CommandLine {
-  std::vector<std::string> own;  ///< without the name of the program
+  std::vector<std::string> own;  ///< without the program's name
   std::vector<std::string> other;
   bool hasOther = false;  ///< whether there was a "--" before it
 };
 
-/// The arguments, put in the order of the grammar: "help COMMAND" is "COMMAND --help", and --json
-/// may stand before the command. With the command exec, everything after the first "--" belongs to
+/// Puts the arguments in the order of the grammar. "help COMMAND" becomes "COMMAND --help", and
+/// --json may stand before the command. With the command exec, everything after the first "--"
+/// belongs to the other program and is not parsed.
 /// the other program and is not parsed.
 CommandLine splitCommandLine(int argc, const char* const* argv);
 
-/// Adds the command to `program`; running it sets `action`. `line` lives as long as the program.
+/// Adds the command to `program`; running it sets `action`. `line` must live as long as `program`.
 void addExecCommand(CLI::App& program, Action& action, const CommandLine& line);
 
 }  // namespace client

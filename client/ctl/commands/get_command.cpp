@@ -101,7 +101,7 @@ void printTable(const Answered& answered, bool showPassword) {
   printBlock(answered.shownUrl, rows);
 }
 
-/// Prints `answered` for another program. @return false if there is no entry to use
+/// Prints `answered` in a form for other programs. @return false if there is no usable entry
 bool printForUse(const Answered& answered, const std::string& format) {
   const auto& entries = answered.answer.entries;
   const auto* const usable = firstUsable(entries);
@@ -134,7 +134,7 @@ ExitStatus getJson(Answers& daemon, const GetArguments& arguments) {
       allAnswered = allAnswered && !answered.answer.entries.empty();
     }
   } catch (const Failure&) {
-    if (!all.empty()) printJson(all);  // the other forms have already been flushed
+    if (!all.empty()) printJson(all);  // other formats have already been flushed
     throw;
   }
   printJson(all);

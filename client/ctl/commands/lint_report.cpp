@@ -42,7 +42,7 @@ std::string counted(std::size_t count, const char* what) {
   return std::to_string(count) + ' ' + what + (count == 1 ? "" : "s");
 }
 
-/// A file's name as a URI: relative to the folder of the run, or absolute.
+/// A file name as a URI: relative to the working folder, or absolute.
 std::string uriOf(const std::string& file) {
   constexpr const char* kDigits = "0123456789ABCDEF";
   std::string uri = file.front() == '/' ? "file://" : "";

@@ -1,4 +1,4 @@
-// What `pac lint` found, and how it is printed. Functions of their arguments.
+// The findings of `pac lint`, and their output formats. Pure functions.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ enum class Severity { kNote, kWarning, kError };
 
 struct LintRule {
   std::string name;
-  Severity severity = Severity::kWarning;  ///< usual one
+  Severity severity = Severity::kWarning;  ///< the usual severity
   std::string summary;
   std::string reason;
 };
@@ -21,7 +21,7 @@ struct LintFinding {
   std::size_t line = 0;    ///< from 1
   std::size_t column = 0;  ///< from 1, in UTF-16 units
   Severity severity = Severity::kWarning;
-  std::string name;  ///< of the rule
+  std::string name;  ///< the rule's name
   std::string message;
   std::string reason;
   std::string fix;  ///< may be empty
@@ -35,18 +35,18 @@ struct LintReport {
 /// "note", "warning" or "error".
 const char* nameOf(Severity severity);
 
-/// The report of the workbench's command "lint". Throws nlohmann::json::exception or
-/// std::out_of_range for anything else.
+/// Reads the report of the workbench's command "lint". Throws nlohmann::json::exception or
+/// std::out_of_range if it has another form.
 LintReport lintReportOf(const nlohmann::json& report);
 
-/// "FILE:LINE:COLUMN: SEVERITY: MESSAGE [NAME]", then reason and fix, for each finding, and a last
-/// line with their number. One element for each line.
+/// The output for people: for each finding "FILE:LINE:COLUMN: SEVERITY: MESSAGE [NAME]", then
+/// reason and fix. The last line has the number of findings. One element for each line.
 std::vector<std::string> lintLines(const LintReport& report, const std::string& file);
 
 /// An object: file, errors, warnings, notes and findings.
 nlohmann::ordered_json lintJson(const LintReport& report, const std::string& file);
 
-/// The Static Analysis Results Interchange Format, 2.1.0.
+/// The report in the Static Analysis Results Interchange Format, version 2.1.0.
 /// @param version of this program
 nlohmann::ordered_json lintSarif(const LintReport& report, const std::string& file,
                                  const std::string& version);

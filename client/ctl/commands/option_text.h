@@ -7,8 +7,8 @@
 
 namespace client {
 
-/// Adds `name` to `command`, shown in its help with `label` and `help`; sets `value`, which lives
-/// as long as the command, if the option is given.
+/// Adds the option `name` to `command`, with `label` and `help` in its help text. If the option is
+/// given, it sets `value`, which must live as long as `command`.
 inline void addText(CLI::App& command, const char* name, const char* label,
                     std::optional<std::string>& value, const char* help) {
   command

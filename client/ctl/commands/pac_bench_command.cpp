@@ -68,19 +68,19 @@ void freeTexts(ProxyUrlSettings& settings, void* /*context*/) {
   settings.clear();
 }
 
-/// The daemon's own cache, asked as the daemon asks it.
+/// The daemon's own cache, used in the same way as by the daemon.
 class CacheOnTrial {
  public:
   enum class Finding { kMiss, kHit, kStale };
 
-  /// @param shown what the script answers now
+  /// @param shown the script's current answer
   Finding ask(const ShownAnswer& shown) {
     ProxyUrlSettings kept;
     OwnedSettings fresh(PacParser::proxys2ProxySettings(shown.result.value_or("")));
     if (mCache.get(shown.host, kept)) {
       return isSame(kept, fresh.get()) ? Finding::kHit : Finding::kStale;
     }
-    // The daemon keeps no missing answer.
+    // The daemon does not cache a missing answer.
     if (shown.result) mCache.set(shown.host, fresh.release());
     return Finding::kMiss;
   }
@@ -104,7 +104,7 @@ struct Measured {
   std::size_t unanswered = 0;
   Micros firstRound{0};
   Micros saved{0};
-  std::size_t hits = 0;  ///< stale ones included
+  std::size_t hits = 0;  ///< with the stale hits
   std::size_t stale = 0;
   std::string staleUrl;
   std::uint64_t helperCalls = 0;
@@ -143,14 +143,14 @@ Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
   return measured;
 }
 
-/// Asks the script once more, where its calls of helpers are counted.
+/// Asks the script once more, in a worker that counts the helper calls.
 void measureHelpers(Measured& measured, const std::string& script, const BenchArguments& arguments,
                     pac_engine::Options options) {
   options.role = pac_engine::WorkerRole::kTraces;
   pac_engine::Problem problem;
   const auto tracer = loadScript(script, std::move(options), problem);
   if (!tracer) throw refusal(arguments.script.file, problem);
-  // What the script called while it was loaded.
+  // This removes the calls made during the load from the counts.
   if (!tracer->command("trace", "", problem)) throw refusal(arguments.script.file, problem);
   for (const auto& url : arguments.asked.urls) {
     const HeapText host(getHost(url));
@@ -196,7 +196,7 @@ double savedShare(const Measured& measured) {
   return measured.firstRound.count() > 0 ? measured.saved / measured.firstRound : 0;
 }
 
-/// The two are of different runs, so one may be a little more than the other.
+/// Both times come from different runs, so the helpers' time can be a little longer than the total.
 double helperShare(const Measured& measured) {
   return measured.firstRound.count() > 0 ? std::min(1.0, measured.helperTime / measured.firstRound)
                                          : 0;

@@ -1,4 +1,4 @@
-// `proxymanagerctl pac bench`: what a PAC script costs for a list of URLs.
+// `proxymanagerctl pac bench`: measures the cost of a PAC script for a list of URLs.
 #pragma once
 
 #include <CLI/App.hpp>

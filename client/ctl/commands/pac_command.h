@@ -1,8 +1,8 @@
-// `proxymanagerctl pac`: tries PAC scripts out, without daemon or bus, for those who write them.
+// `proxymanagerctl pac`: tries out PAC scripts without daemon and bus, for authors of scripts.
 //
 // The script runs as in the daemon: in the same library and the same sandboxed worker, with the
 // same limits. The daemon's own code parses the result. Only the script's view of the device can be
-// set instead of being looked up: names, own addresses, the time and the zone.
+// set by options: names, own addresses, time and time zone.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -11,8 +11,8 @@
 
 namespace client {
 
-/// Adds `pac eval` and `pac check` to `program`. Parsing one of them sets `action`; what is wrong
-/// with its arguments is thrown as CLI::ParseError.
+/// Adds `pac eval` and `pac check` to `program`. Parsing one of them sets `action`. A wrong
+/// argument throws CLI::ParseError.
 void addPacCommand(CLI::App& program, Action& action);
 
 }  // namespace client

@@ -36,7 +36,7 @@ constexpr const char* kFooter = R"(Output:
 Exit status:
 )";
 
-/// URLs that are made from each of the two scripts.
+/// Most URLs that are made from each of the two scripts.
 constexpr std::size_t kMostMade = 2000;
 constexpr std::size_t kMostShown = 3;
 
@@ -48,7 +48,7 @@ struct DiffArguments {
   bool json = false;
 };
 
-/// How one script answers: where it was decided, and the answer or why there is none.
+/// The answer of one script: the line that decided, and the answer or why there is none.
 struct Decision {
   std::size_t line = 0;  ///< 0 if no return decided
   std::string text;

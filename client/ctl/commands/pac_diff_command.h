@@ -1,4 +1,4 @@
-// `proxymanagerctl pac diff`: where two PAC scripts answer differently.
+// `proxymanagerctl pac diff`: shows for which URLs two PAC scripts answer differently.
 #pragma once
 
 #include <CLI/App.hpp>

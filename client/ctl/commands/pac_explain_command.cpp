@@ -46,10 +46,10 @@ a "with" are not instrumented.
 Exit status:
 )";
 
-/// Steps that are printed for people, half of them from the beginning and half from the end: a
-/// script of loops has more than anybody reads.
+/// Most steps that are printed for people: half from the start and half from the end. A script with
+/// loops has more steps than a person reads.
 constexpr std::size_t kMostSteps = 1000;
-/// Calls of helpers in helpers that are indented further than the call around them.
+/// Nested helper calls are indented up to this depth.
 constexpr std::size_t kMostIndented = 20;
 
 struct ExplainArguments {

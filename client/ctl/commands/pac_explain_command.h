@@ -1,5 +1,5 @@
-// `proxymanagerctl pac explain`: which conditions, calls and return of a PAC script lead to an
-// answer.
+// `proxymanagerctl pac explain`: shows the conditions, calls and return of a PAC script that lead
+// to an answer.
 #pragma once
 
 #include <CLI/App.hpp>

@@ -38,7 +38,8 @@ Rules:
 Exit status:
 )";
 
-/// Of an answer for a local host; two of them fit in an argument of the workbench many times.
+/// Longest answer for a local host, in bytes. Many such answers fit in an argument of the
+/// workbench.
 constexpr std::size_t kMostAnswerBytes = 2048;
 
 struct LintArguments {
@@ -49,7 +50,7 @@ struct LintArguments {
   std::vector<std::string> only;
 };
 
-/// What the script answers for hosts of the own network if no name resolves. A script that is
+/// The script's answers for hosts of the local network, while no name resolves. A script that is
 /// refused ends the command.
 nlohmann::json localAnswers(const std::string& script, const std::string& file) {
   pac_engine::Options options;
@@ -65,7 +66,7 @@ nlohmann::json localAnswers(const std::string& script, const std::string& file) 
   return answers;
 }
 
-/// Names of rules are looked up in the report; until then they have to be words.
+/// The report has the names of the rules. Before it arrives, a name only has to be a word.
 std::string notAWord(const std::string& name) {
   const bool isWord = !name.empty() && name.size() <= 64 &&
                       name.find_first_not_of("abcdefghijklmnopqrstuvwxyz-") == std::string::npos;

@@ -59,7 +59,7 @@ bool isSameWorld(const SimulatedEnvironment& a, const SimulatedEnvironment& b) {
          a.ownAddresses == b.ownAddresses;
 }
 
-/// One script in the world of the last case.
+/// One script, loaded in the simulated environment of the last case.
 class TestedScript {
  public:
   TestedScript(std::string script, const TestedFiles& files)
@@ -142,7 +142,7 @@ ExitStatus testScript(const TestArguments& arguments) {
   return allPassed ? kAnswered : kNoAnswer;
 }
 
-/// If -p names the script, the only argument is the file of cases.
+/// If -p selects the script, the only argument is the file of cases.
 void settleFiles(TestArguments& arguments) {
   auto others = settleScript(arguments.script);
   auto& cases = arguments.files.cases;
@@ -178,7 +178,7 @@ void addPacTest(CLI::App& pac, Action& action) {
     if (arguments->files.script == "-" && arguments->files.cases == "-") {
       throw CLI::ValidationError("CASES", "standard input holds the script already");
     }
-    engineOptions(arguments->environment);  // what is wrong with them is wrong usage
+    engineOptions(arguments->environment);  // throws if their values are wrong usage
     action = [arguments] { return testScript(*arguments); };
   });
 }

@@ -1,4 +1,4 @@
-// The environment variables that name a proxy to programs. Pure functions.
+// The environment variables that tell programs which proxy to use. Pure functions.
 #pragma once
 
 #include <array>
@@ -12,31 +12,30 @@
 
 namespace client {
 
-/// All these variables are set. A variable that gets no value is removed, because an old value
+/// All variables that a proxy needs. A variable without a value is removed, because an old value
 /// could contradict the answer. Each variable has two spellings, because some programs read only
 /// one of them.
 inline constexpr std::array<std::string_view, 8> kProxyVariables{
     "http_proxy", "https_proxy", "all_proxy", "no_proxy",
     "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY"};
 
-/// The value of no_proxy: this machine and this link, which no proxy reaches (domain/local_host.h
-/// has the same list). All programs understand names and addresses in it; some, such as curl, also
-/// understand ranges.
+/// The value of no_proxy: this machine and this link, which are never reached through a proxy
+/// (domain/local_host.h has the same list). All programs understand names and addresses in it.
+/// Some, such as curl, also understand ranges.
 inline constexpr std::string_view kNotThroughProxy =
     "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10";
 
-/// Their values for `entry`, which is the answer for `url`: the
-/// same proxy for all schemes, also one that only some programs can speak to, as those fail then
-/// and do not pass it by. Empty for DIRECT. no_proxy is left out if it would name
-/// the host of `url` itself.
+/// The values for `entry`, the answer for `url`. All schemes get the same proxy, even if only some
+/// programs support its type: the others then fail, and do not bypass the proxy. Empty for DIRECT.
+/// no_proxy is left out if it would match the host of `url` itself.
 std::map<std::string_view, std::string> proxyVariables(const ProxyEntry& entry,
                                                        std::string_view url);
 
-/// Lines that a POSIX shell may evaluate: sets and exports the variables, and unsets the others.
+/// Lines for a POSIX shell: they set and export these variables, and unset the others.
 std::string shellLines(const std::map<std::string_view, std::string>& variables);
 
-/// The environment `before`, "NAME=VALUE" each, with the variables in place of those of
-/// kProxyVariables that it has.
+/// The environment `before`, one "NAME=VALUE" each, with `variables` in place of all its
+/// kProxyVariables.
 std::vector<std::string> withVariables(std::span<const std::string> before,
                                        const std::map<std::string_view, std::string>& variables);
 

@@ -60,7 +60,7 @@ struct PvdArguments {
   bool json = false;
 };
 
-/// Throws Failure if it cannot be read, or does not hold.
+/// Throws Failure if the document cannot be read or is not valid.
 pvd::Document documentOf(const PvdArguments& arguments) {
   auto source = pvd::readSource(arguments.source);
   const auto host = arguments.host ? arguments.host : source.host;
@@ -167,7 +167,7 @@ ExitStatus makeScript(const PvdArguments& arguments) {
   return kAnswered;
 }
 
-/// It stands in the script between quotes.
+/// The answer becomes a quoted text in the script.
 std::string checkAnswer(const std::string& text) {
   const auto isPart = [](char c) {
     return base::isLetter(c) || base::isDigit(c) ||

@@ -1,5 +1,5 @@
-// `proxymanagerctl pvd`: reads documents of proxy information by provisioning domain, judges them,
-// and makes PAC scripts of them. Nothing is fetched but the document that is named, once.
+// `proxymanagerctl pvd`: reads and checks documents of proxy information by provisioning domain,
+// and converts them to PAC scripts. It fetches only the given document, once.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -8,8 +8,8 @@
 
 namespace client {
 
-/// Adds `pvd show` and `pvd to-pac` to `program`. Parsing one of them sets `action`; what is wrong
-/// with its arguments is thrown as CLI::ParseError.
+/// Adds `pvd show` and `pvd to-pac` to `program`. Parsing one of them sets `action`. A wrong
+/// argument throws CLI::ParseError.
 void addPvdCommand(CLI::App& program, Action& action);
 
 }  // namespace client

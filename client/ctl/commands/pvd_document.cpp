@@ -18,20 +18,20 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// What ends the reading of the whole document.
+/// Thrown to refuse the whole document.
 struct Refused {
   std::string why;
 };
 
-/// What ends the reading of one proxy or one rule.
+/// Thrown to ignore one proxy or one rule.
 struct Ignored {
   std::string why;
 };
 
 // --- JSON: the parts of I-JSON that the parser leaves to its caller ---
 
-/// Refuses what nests too deeply, and a name that stands twice in an object: readers differ in
-/// which of two they take.
+/// Refuses a document that nests too deeply, and a name that stands twice in an object: parsers
+/// differ in which of the two they use.
 class Shape {
  public:
   bool operator()(int depth, Json::parse_event_t event, const Json& value) {
@@ -67,8 +67,8 @@ const std::string* textIn(const Json& object, const char* name) {
                                                      : nullptr;
 }
 
-/// The array of texts under `name`; nothing if there is no such name. Throws Ignored if it is
-/// something else.
+/// The array of texts under `name`. Nothing if there is no such name. Throws Ignored if it has
+/// another type.
 std::optional<std::vector<std::string>> textsIn(const Json& object, const char* name) {
   const auto found = object.find(name);
   if (found == object.end()) return {};
@@ -81,7 +81,7 @@ std::optional<std::vector<std::string>> textsIn(const Json& object, const char* 
 
 // --- Values ---
 
-/// As names are compared: in lower case, without the dot of an absolute one.
+/// A name in the form for comparisons: in lower case, without a dot at the end.
 std::string bareName(std::string_view name) {
   if (name.ends_with('.')) name.remove_suffix(1);
   return base::lowerCase(name);
@@ -115,7 +115,7 @@ bool isHostAndPort(std::string_view text) {
   return isHostName(host);
 }
 
-/// A URI template is expanded by nobody here.
+/// Whether `text` is a URI template. This program does not expand it.
 bool isTemplate(std::string_view text) {
   return base::equalIgnoringCase(text.substr(0, 8), "https://") && text.size() > 8 &&
          std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
@@ -168,7 +168,7 @@ bool isOneOf(std::string_view text, std::initializer_list<const char*> all) {
   return std::find(all.begin(), all.end(), text) != all.end();
 }
 
-/// The keys that a client has to understand, or leave the proxy alone.
+/// The keys that a client must understand to use the proxy.
 std::vector<std::string> mandatoryOf(const Json& entry, std::vector<std::string>& warnings) {
   auto mandatory = textsIn(entry, "mandatory").value_or(std::vector<std::string>{});
   for (const auto& key : mandatory) {
@@ -183,7 +183,7 @@ void checkAlpn(const Json& entry, const std::vector<std::string>& mandatory) {
   try {
     textsIn(entry, "alpn");
   } catch (const Ignored&) {
-    // An optional hint that is none is left alone.
+    // The key is an optional hint, so a value of a wrong type is ignored.
     if (std::find(mandatory.begin(), mandatory.end(), "alpn") != mandatory.end()) throw;
   }
 }
@@ -204,7 +204,7 @@ void readProxy(const Json& entry, Proxy& proxy, std::vector<std::string>& warnin
   if (const auto* const text = textIn(entry, "proxy")) proxy.location = *text;
   if (entry.contains("identifier")) {
     const auto* const text = textIn(entry, "identifier");
-    // Kept, so that it never counts as a proxy for any traffic.
+    // The wrong identifier is kept: without one, the proxy would count as a proxy for any traffic.
     proxy.identifier = text == nullptr ? "" : *text;
     if (proxy.identifier->empty()) throw Ignored{"its identifier is empty or no text"};
   }
@@ -245,7 +245,7 @@ void readRule(const Json& entry, Rule& rule) {
 
 // --- The document ---
 
-/// The array under `name`, empty if it is not there.
+/// The array under `name`; empty if there is no such name.
 Json listIn(const Json& object, const char* name, std::size_t most) {
   const auto found = object.find(name);
   if (found == object.end()) return Json::array();
@@ -307,7 +307,7 @@ Document documentOf(const Json& object, const std::optional<std::string>& host, 
   return document;
 }
 
-/// How many seconds local time is ahead, of "Z", "+01:00" or "-01:00".
+/// The offset of a time from UTC in seconds, from "Z", "+01:00" or "-01:00".
 std::optional<std::int64_t> offsetOf(std::string_view zone) {
   if (zone == "Z" || zone == "z") return 0;
   if (zone.size() != 6 || (zone[0] != '+' && zone[0] != '-') || zone[3] != ':') return {};

@@ -1,5 +1,5 @@
-// A document of proxy information by provisioning domain (application/pvd+json): what it says, and
-// what of it holds for a client as this one.
+// A document of proxy information by provisioning domain (application/pvd+json): its content, and
+// which parts of it apply to this client.
 #pragma once
 
 #include <cstddef>
@@ -11,27 +11,28 @@
 
 namespace client::pvd {
 
-/// Longest document in bytes: the largest that the limits below leave useful.
+/// Longest document, in bytes: enough for every document within the limits below.
 inline constexpr std::size_t kMaxDocumentBytes = 256 * 1024;
 
-/// A document with more proxies, more rules, or more values in one list of a rule is not used at
-/// all: a part of it could send traffic where the whole would not.
+/// A document above one of these limits (proxies, rules, values in one list of a rule) is refused
+/// as a whole: a part of it could send traffic where the whole document would not.
 inline constexpr std::size_t kMaxProxies = 64;
 inline constexpr std::size_t kMaxRules = 256;
 inline constexpr std::size_t kMaxValues = 256;
 
-/// Nesting of arrays and objects: a document needs four levels, and those to come a few more.
+/// Deepest nesting of arrays and objects. A document needs four levels; the others are for later
+/// extensions.
 inline constexpr std::size_t kMaxDepth = 16;
 
-/// One of `proxies`, after its checks.
+/// One entry of `proxies`, after its checks.
 struct Proxy {
   std::string protocol;
   std::string location;                   ///< "host:port" or a URI template
-  std::optional<std::string> identifier;  ///< without one it takes any traffic
+  std::optional<std::string> identifier;  ///< without one, the proxy accepts any traffic
   std::string whyIgnored;                 ///< empty if it can be used
 };
 
-/// An address with the number of its leading bits that count; 4 or 16 bytes.
+/// An address of 4 or 16 bytes, with the length of its prefix in bits.
 struct Subnet {
   std::vector<std::uint8_t> bytes;
   unsigned length = 0;
@@ -43,11 +44,11 @@ struct Ports {
   std::uint16_t last = 0;  ///< inclusive
 };
 
-/// One of `proxy-match`, after its checks. What is not there matches everything.
+/// One entry of `proxy-match`, after its checks. A missing condition matches everything.
 struct Rule {
-  std::vector<std::string> proxies;  ///< identifiers; none: to no proxy of the document
+  std::vector<std::string> proxies;  ///< identifiers; if empty, no proxy of the document is used
   std::vector<std::string>
-      domains;  ///< in lower case, without a dot at the end; "*." may begin one
+      domains;  ///< in lower case, without a dot at the end; may start with "*."
   std::vector<Subnet> subnets;
   std::vector<Ports> ports;
   std::string whyIgnored;  ///< empty if it can be used
@@ -61,25 +62,25 @@ struct Document {
   std::vector<std::string> warnings;  ///< sentences for people
 };
 
-/// Either a document or why there is none.
+/// A document, or the reason why there is none.
 struct Reading {
   std::optional<Document> document;
   std::string error;
 };
 
-/// Reads and judges a document.
-/// @param host the proxy whose document it is, which its identifier has to name; without it that is
-/// a warning
+/// Reads and checks a document.
+/// @param host the proxy to which the document belongs. Its identifier must name this host; if
+/// `host` is not set, a different name is only a warning
 /// @param now seconds since 1970
 Reading read(std::string_view text, const std::optional<std::string>& host, std::int64_t now);
 
 /// "10.0.0.0/8".
 std::string textOf(const Subnet& subnet);
 
-/// The time that "2026-05-15T06:00:00Z" (RFC 3339) names, in seconds since 1970.
+/// The time "2026-05-15T06:00:00Z" (RFC 3339) in seconds since 1970.
 std::optional<std::int64_t> timeOf(std::string_view text);
 
-/// Whether it is a host name, or an IPv4 address: letters, digits, "-", "_" and dots.
+/// Whether `text` is a host name or an IPv4 address: letters, digits, "-", "_" and dots.
 bool isHostName(std::string_view text);
 
 }  // namespace client::pvd

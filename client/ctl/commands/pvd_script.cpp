@@ -9,8 +9,8 @@ namespace client::pvd {
 
 namespace {
 
-/// What the rules call. A port that is not known matches no rule with ports. The host is that of
-/// the URL: the second argument of a script is cut at the first colon of an IPv6 address.
+/// The functions that the rules call. An unknown port matches no rule with ports. The host comes
+/// from the URL, because the script's second argument ends at the first colon of an IPv6 address.
 constexpr const char* kFunctions = R"(
 function partsOf(url) {
   return /^([a-z][a-z0-9+.-]*):\/\/(?:[^\/?#]*@)?(\[[^\]\/?#]*\]|[^:\/?#]*)(?::([0-9]*))?/i.exec(url) || ["", "", ""];
@@ -39,7 +39,7 @@ function inSubnet(host, prefix) {
 std::string quoted(const std::string& text) {
   std::string result;
   result += '"';
-  result += text;  // host names, addresses and ports have nothing to be escaped
+  result += text;  // host names, addresses and ports need no escapes
   result += '"';
   return result;
 }
@@ -59,7 +59,7 @@ std::string conditionOf(const Ports& ports) {
          ')';
 }
 
-/// Adds "(a || b)" to the conditions that all have to hold.
+/// Adds "(a || b)" to the conditions, which are joined by "&&".
 template <typename Value>
 void addOneOf(const std::vector<Value>& values, std::string& all) {
   if (values.empty()) return;
@@ -70,7 +70,7 @@ void addOneOf(const std::vector<Value>& values, std::string& all) {
   all += ')';
 }
 
-/// The cheap conditions come first: a subnet may ask for the addresses of a name.
+/// The cheap conditions come first, because a subnet may need a lookup of the name.
 std::string conditionOf(const Rule& rule) {
   std::string all;
   addOneOf(rule.ports, all);
@@ -94,7 +94,7 @@ class Maker {
     mScript.warnings = mDocument.warnings;
     warnOfProxies();
     std::string body;
-    bool isOpen = true;  // false once a rule matches everything
+    bool isOpen = true;  // false after a rule that matches everything
     for (std::size_t i = 0; i < mDocument.rules.size() && isOpen && mScript.error.empty(); ++i) {
       isOpen = addRule(i, body);
     }
@@ -130,7 +130,7 @@ class Maker {
     }
   }
 
-  /// The answer of a rule; nothing if none of its proxies applies, so that it does not match.
+  /// The answer of a rule. Nothing if no proxy of the rule applies: the rule then does not match.
   std::optional<std::string> answerOf(std::size_t number) {
     const auto& rule = mDocument.rules[number];
     if (rule.proxies.empty()) return "DIRECT";
@@ -152,7 +152,7 @@ class Maker {
     return answer;
   }
 
-  /// @return whether anything is left for a further rule
+  /// @return whether further rules can match
   bool addRule(std::size_t number, std::string& body) {
     const auto& rule = mDocument.rules[number];
     if (!rule.whyIgnored.empty()) {

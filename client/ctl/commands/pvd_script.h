@@ -1,4 +1,4 @@
-// A PAC script that sends traffic as a document of proxy information says.
+// Makes a PAC script that sends traffic as a document of proxy information describes.
 #pragma once
 
 #include <string>
@@ -10,16 +10,16 @@ namespace client::pvd {
 
 struct Script {
   std::string text;
-  std::vector<std::string> warnings;  ///< what of the document it does not say
-  std::string error;                  ///< why there is none, if the text is empty
+  std::vector<std::string> warnings;  ///< parts of the document that the script cannot express
+  std::string error;                  ///< the reason if `text` is empty
 };
 
-/// @param otherwise the script's answer for what no rule matches, if the document has no proxy for
-/// any traffic: "DIRECT", "PROXY known.example.org:8080"
+/// @param otherwise the script's answer if no rule matches and the document has no proxy for any
+/// traffic: "DIRECT", "PROXY known.example.org:8080"
 Script scriptOf(const Document& document, const std::string& otherwise);
 
-/// The entry of a script that means this proxy, "PROXY host:port" or "SOCKS host:port"; empty if
-/// there is none.
+/// The entry that a script returns for this proxy, "PROXY host:port" or "SOCKS host:port". Empty if
+/// no entry can express it.
 std::string entryOf(const Proxy& proxy);
 
 }  // namespace client::pvd

@@ -19,7 +19,7 @@ namespace client::pvd {
 
 namespace {
 
-// --- libcurl, which no other command needs: mapped here, so that all others start without it ---
+// --- libcurl: loaded only here, so that all other commands start without it ---
 
 struct Curl {
   decltype(&curl_easy_init) init = nullptr;
@@ -52,7 +52,7 @@ const Curl& curl() {
 }
 
 std::size_t take(const char* bytes, std::size_t, std::size_t count, std::string* text) {
-  if (text->size() + count > kMaxDocumentBytes) return 0;  // ends the transfer
+  if (text->size() + count > kMaxDocumentBytes) return 0;  // a short count ends the transfer
   text->append(bytes, count);
   return count;
 }
@@ -66,14 +66,14 @@ class Transfer {
         mHeaders(mCurl.append(nullptr, "Accept: application/pvd+json"), mCurl.freeAll) {
     if (!mHandle || !mHeaders) throw Failure(kInternal, "no memory");
     set(CURLOPT_URL, url.c_str());
-    // No cookies and no user agent: libcurl has neither unless it is told one.
+    // libcurl sends no cookies and no user agent by default.
     set(CURLOPT_HTTPHEADER, mHeaders.get());
     set(CURLOPT_PROTOCOLS_STR, "https");
     set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
     set(CURLOPT_FOLLOWLOCATION, 1L);
     set(CURLOPT_MAXREDIRS, kMaxRedirects);
     set(CURLOPT_FAILONERROR, 1L);
-    set(CURLOPT_NOPROXY, "*");  // the proxy's own server
+    set(CURLOPT_NOPROXY, "*");  // no proxy, because the document is on the proxy's own server
     set(CURLOPT_TIMEOUT, kFetchSeconds);
     set(CURLOPT_NOSIGNAL, 1L);
     set(CURLOPT_WRITEFUNCTION, &take);
@@ -90,7 +90,7 @@ class Transfer {
                   "cannot fetch " + url + ": " + (*mError == '\0' ? mCurl.textOf(result) : mError));
   }
 
-  /// Whether the server calls the body what it has to.
+  /// Whether the server sends the body with the required media type.
   bool hasType(std::string_view wanted) const {
     const char* type = nullptr;
     mCurl.get(mHandle.get(), CURLINFO_CONTENT_TYPE, &type);

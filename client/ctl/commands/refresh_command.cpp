@@ -27,7 +27,7 @@ ExitStatus refresh(const CallOptions& options) {
   const WipedAtEnd password(configuration.password);
   const WipedAtEnd proxyurl(configuration.proxyurl);  // the old value may contain another password
   const WipedAtEnd pacurl(configuration.pacurl);
-  // The daemon always returns "n".
+  // The daemon always returns "n" for authentication.
   const bool hasCredentials = !configuration.userName.empty() || !configuration.password.empty();
   configuration.enableauth = hasCredentials ? "y" : "n";
   if (bus.update(configuration) < 0) throw endingDaemon();

@@ -83,7 +83,7 @@ class Unfinished {
   std::string mPath;
 };
 
-/// The settings service's user enters it, whatever root's umask is.
+/// The settings service's user must be able to enter the folder, even with a strict umask of root.
 void makeFolder(const std::string& path) {
   if (mkdir(path.c_str(), 0755) == 0) {
     if (chmod(path.c_str(), 0755) != 0) failed(path);
@@ -92,7 +92,7 @@ void makeFolder(const std::string& path) {
   }
 }
 
-/// Makes a rename or a removal survive a loss of power.
+/// Makes sure that a rename or a removal survives a power failure.
 void syncFolder() {
   const base::UniqueFd folder(open(kFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!folder || fsync(folder.get()) != 0) failed(kFolder);
@@ -100,7 +100,7 @@ void syncFolder() {
 
 void writeFile(const std::string& name, std::string_view text) {
   const std::string path = kFolder + "/" + name;
-  // The service reads no name that begins with a dot.
+  // The service ignores a name that starts with a dot.
   std::string temporary = kFolder + "/." + name + ".XXXXXX";
   const base::UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
   if (!file) failed(path);
@@ -183,7 +183,7 @@ std::string settingsText(const Configuration& configuration, const std::string& 
 std::string saveSettings(const Configuration& configuration) {
   makeFolder(std::filesystem::path(kFolder).parent_path());
   makeFolder(kFolder);
-  // The password first: settings that name a missing file would not be used.
+  // The password is written first, because settings that refer to a missing file are not used.
   if (!configuration.password.empty()) {
     std::string line = configuration.password + "\n";
     const WipedAtEnd wiped(line);

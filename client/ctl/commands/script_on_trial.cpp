@@ -16,8 +16,8 @@ namespace client {
 
 namespace {
 
-/// Shows the script's alerts as long as this object lives. Alerts are the only lines that the
-/// library logs at LOG_DEBUG; all other facts are return values.
+/// Shows the script's alerts while this object exists. Alerts are the only lines that the library
+/// logs at LOG_DEBUG. All other facts are return values.
 class AlertsHeard {
  public:
   AlertsHeard() : mMaskBefore(setlogmask(LOG_MASK(LOG_DEBUG))) {}

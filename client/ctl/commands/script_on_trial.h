@@ -1,4 +1,4 @@
-// A PAC script that a command tries out: its file, its loading, and its answer for a URL.
+// A PAC script that a command tries out: its file, its load, and its answer for a URL.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -15,7 +15,7 @@
 
 namespace client {
 
-/// The statuses that every command may have that loads a script.
+/// The exit statuses that every command can have which loads a script.
 inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUsage, kNoInput,
                                                                    kOutput};
 
@@ -24,15 +24,15 @@ inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUs
 std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engine::Options options,
                                                pac_engine::Problem& refused);
 
-/// The failure that ends a command whose script `file` is refused.
+/// The failure that ends a command because its script `file` is refused.
 Failure refusal(const std::string& file, const pac_engine::Problem& problem);
 
-/// Asks for `url`, with `givenHost` as the second argument if there is one, else with the host that
-/// the daemon finds in the URL. Alerts go to standard error and to syslog.
+/// Asks the script for `url`. The second argument is `givenHost`, if set, else the host that the
+/// daemon finds in the URL. Alerts go to standard error and to syslog.
 ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
                         const std::optional<std::string>& givenHost);
 
-/// The entries of a script's result; the daemon's own parser decides which of them it drops.
+/// The entries of a script's result. The daemon's own parser decides which of them it drops.
 std::vector<ShownEntry> entriesOf(const std::string& result);
 
 }  // namespace client

@@ -17,7 +17,7 @@ namespace chrono = std::chrono;
 // file.
 constexpr const char* kZoneFolder = "/usr/share/zoneinfo/";
 constexpr const char* kDeviceZone = ":/etc/localtime";
-constexpr std::string_view kZoneMagic = "TZif";  // first bytes of a zone's file, RFC 8536
+constexpr std::string_view kZoneMagic = "TZif";  // first bytes of a zone file, RFC 8536
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
@@ -29,7 +29,7 @@ class Reader {
 
   bool atEnd() const { return mRest.empty(); }
 
-  /// Takes one character if it is among `wanted`.
+  /// Takes one character if `wanted` contains it.
   char take(std::string_view wanted) {
     if (mRest.empty() || wanted.find(mRest.front()) == std::string_view::npos) return '\0';
     const char taken = mRest.front();
@@ -101,7 +101,7 @@ bool readOffset(Reader& reader, chrono::seconds& offset) {
   return true;
 }
 
-/// Whether `name` stays in the folder of the zones and is no option of the C library's TZ.
+/// Whether `name` stays in the zone folder, and the C library does not read it as a TZ rule.
 bool isZoneName(const std::string& name) {
   const auto mayStand = [](char c) {
     return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
@@ -165,8 +165,8 @@ std::optional<std::int64_t> instantOf(const WrittenTime& time, const std::string
   }
   setenv("TZ", variable.c_str(), 1);
   tzset();
-  // Tries summer time first, because it is the first of the two when clocks are turned back. After
-  // a wrong guess mktime() returns another hour.
+  // Tries summer time first: when clocks are turned back, it is the first of the two hours. After a
+  // wrong guess, mktime() returns a different hour.
   for (const int isSummer : {1, 0}) {
     const std::tm wanted = fieldsOf(time, isSummer);
     std::tm found = wanted;

@@ -12,10 +12,11 @@ namespace {
 
 using Json = nlohmann::json;
 
-/// Ten times as long as the longest script takes on a current machine.
+/// Ten times as long as the longest script needs on a current machine.
 constexpr std::chrono::seconds kParserTime{10};
 
-/// The report comes from a process that has read the script, so it may hold anything.
+/// Refuses a report. The process that wrote it has read the script, so the report may hold
+/// anything.
 [[noreturn]] void refuseReport(const std::string& file) {
   throw Failure(kInternal, file + ": the workbench sent what is no report");
 }

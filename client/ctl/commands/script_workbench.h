@@ -1,5 +1,5 @@
-// The workbench of PAC scripts as commands use it: a sandboxed process that parses a script, and
-// what it reports.
+// The workbench of PAC scripts for commands: a sandboxed process that parses a script, and its
+// reports.
 //
 // Each function throws Failure (kRefused) with a line that names the file if there is no report.
 #pragma once
@@ -14,13 +14,13 @@
 
 namespace client {
 
-/// A process that parses `script`, the bytes of a PAC file, and never runs it: at most 10 s for
-/// each command, 256 MiB of heap, 16 MiB of stack.
+/// Starts a process that parses `script`, the bytes of a PAC file, and never runs it. Its limits
+/// are 10 s for each command, 256 MiB of heap and 16 MiB of stack.
 /// @param file the name of the script in messages
 std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const std::string& file);
 
-/// Has the parser do `command` (the file of this name in engine/worker/workbench/ states what it
-/// takes and reports). A script that the parser does not take, though the engine does, is a
+/// Runs `command` in the parser. The file of this name in engine/worker/workbench/ describes its
+/// argument and its report. If the parser rejects a script that the engine accepts, this is a
 /// Failure, too.
 nlohmann::json askParser(pac_engine::Engine& parser, std::string_view command,
                          const nlohmann::json& argument, const std::string& file);

@@ -1,5 +1,4 @@
-// The view of the device that options give to a script on trial: names, own addresses, time and
-// zone.
+// The script's view of the device, as options set it: names, own addresses, time and time zone.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -20,12 +19,12 @@ struct SimulatedEnvironment {
   bool offline = false;                     ///< --offline
 };
 
-/// Adds --at, --tz, --resolve, --my-ip and --offline to `command`; they fill `environment`, which
-/// lives as long as the command.
+/// Adds --at, --tz, --resolve, --my-ip and --offline to `command`. They set `environment`, which
+/// must live as long as `command`.
 void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment);
 
-/// The options of the library. Throws CLI::ValidationError if an option makes no sense. If a time
-/// is written without an offset, the process stays in the zone of that time.
+/// The options for the library. Throws CLI::ValidationError if an option is not valid. If a time
+/// has no offset, the process stays in the zone of that time.
 pac_engine::Options engineOptions(const SimulatedEnvironment& environment);
 
 }  // namespace client

@@ -72,19 +72,19 @@ Exit status:
 /// announcement.
 constexpr std::chrono::seconds kListenTime{5};
 
-/// Of a slow kernel, in microseconds.
+/// The longest tick of a slow kernel, in microseconds.
 constexpr std::int64_t kClockTick = 10'000;
 
-/// The URL of the question if the user may not read the configuration. A script has to answer it,
-/// too.
+/// The URL of the question if the user may not read the configuration. The script then has to
+/// answer it, too.
 constexpr const char* kProbeUrl = "http://localhost/";
 
-/// Advice if something is wrong.
+/// The advice if something is wrong.
 constexpr const char* kLog = "journalctl -t proxymanager_service";
 
 constexpr const char* kNobody = "the daemon does not run";
 
-/// A value, or why it is not known. Neither if it is not set.
+/// A value, or the reason why it is not known. It has neither if it was not set.
 template <typename T>
 struct Known {
   std::optional<T> value;
@@ -100,7 +100,7 @@ struct Status {
   ExitStatus status = kAnswered;
   Known<bool> running;
   std::optional<Owner> owner;
-  Known<bool> answers;  ///< "no" also has the reason beside it
+  Known<bool> answers;  ///< "no" also has a reason
   Known<bool> waiting;
   Fact mode;
   Fact proxyurl;
@@ -127,12 +127,12 @@ void learnByAsking(DaemonBus& bus, Status& status, const std::string& why) {
   const auto answer = bus.ask(kProbeUrl);
   status.mode = known(answer.mode);
   if (answer.mode == "manual") status.proxyurl = known(answer.entries.front().text);
-  // These modes have no such URL.
+  // The modes other than manual have no proxy URL.
   if (answer.mode != "manual") status.proxyurl = {};
   if (answer.mode != "pacurl") status.pacurl = {};
 }
 
-/// @return whether the configuration was given by somebody
+/// @return whether a program has set the configuration
 bool learnConfiguration(DaemonBus& bus, Status& status) {
   try {
     const auto read = bus.configuration();
@@ -149,7 +149,7 @@ bool learnConfiguration(DaemonBus& bus, Status& status) {
   }
 }
 
-/// Asks the daemon, which owns the name.
+/// Asks the daemon that owns the bus name.
 void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds limit) {
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message* signal) {
@@ -227,10 +227,10 @@ std::string shownWithAge(std::int64_t time) {
   return shownTime(time, false) + ", " + shownAge(ageOf(time)) + " ago";
 }
 
-/// A remark about the file, apart from its contents; mostly empty.
+/// A remark about the file, but not about its content. Usually empty.
 std::string remarkOn(const Status& status) {
   const auto& file = *status.pac.file;
-  // The user of the daemon is known only while the daemon runs.
+  // The daemon's user is known only while the daemon runs.
   const auto daemonsUser = status.owner ? status.owner->user : std::nullopt;
   if (file.owner != 0 && daemonsUser && *daemonsUser != file.owner) {
     return "it belongs to " + userName(file.owner) + ", so the daemon does not read it";
@@ -239,7 +239,7 @@ std::string remarkOn(const Status& status) {
     return "left from before: mode " + *status.mode.value + " does not use it";
   }
   const auto& reported = status.reported.value;
-  // The clock of files lags behind by a tick.
+  // The clock for file times is up to one tick late.
   if (reported && file.fetched + kClockTick < reported->updated * 1'000'000) {
     return "older than the last update";
   }
@@ -308,7 +308,7 @@ void addWho(Table& table, const Owner& owner) {
   table.add("running", std::move(who), Tone::kGood);
 }
 
-/// The answers that programs get for their URLs.
+/// What the mode means for the answers that programs get.
 void addMeaning(Table& table, const Status& status) {
   if (status.mode.value != "pacurl" && status.mode.value != "wpad") return;
   if (!status.pac.file) {
@@ -320,7 +320,7 @@ void addMeaning(Table& table, const Status& status) {
   }
 }
 
-/// What the daemon reported to systemd.
+/// The status that the daemon reported to systemd.
 void addReported(Table& table, const Known<base::DaemonStatus>& reported) {
   if (!reported.value) {
     table.addUnknown("updated", reported.unknown);

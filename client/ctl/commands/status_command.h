@@ -1,4 +1,4 @@
-// proxymanagerctl status: what is known of the daemon.
+// proxymanagerctl status: shows what is known about the daemon.
 #pragma once
 
 #include <CLI/App.hpp>

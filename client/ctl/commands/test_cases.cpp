@@ -13,13 +13,13 @@ namespace {
 constexpr std::string_view kBlanks = " \t\r";
 constexpr std::string_view kArrow = "->";
 
-/// What the options of one line set.
+/// The values that the options of one line set.
 struct LineOptions {
   std::optional<std::string> host;
   SimulatedEnvironment environment;
 };
 
-/// One line, which is not understood so far.
+/// One line that is parsed word by word.
 class Line {
  public:
   Line(const std::string& file, std::size_t number, std::string_view text)
@@ -44,7 +44,7 @@ class Line {
     return word;
   }
 
-  /// What follows the arrow; nothing if there is none.
+  /// The text after the arrow. Nothing if there is no arrow.
   std::optional<std::string_view> answer() const {
     if (mText.substr(0, mText.find_first_of(kBlanks)) != kArrow) return std::nullopt;
     return base::trimmed(mText.substr(kArrow.size()), kBlanks);
@@ -60,7 +60,7 @@ std::string_view nameOf(std::string_view resolve) {
   return resolve.substr(0, resolve.find('='));
 }
 
-/// Adds names to those further out, in place of the same ones.
+/// Adds the names `further`. They replace equal names of an outer level.
 void refineNames(std::vector<std::string>& names, const std::vector<std::string>& further) {
   std::erase_if(names, [&](const auto& known) {
     return std::any_of(further.begin(), further.end(), [&](const auto& added) {
@@ -80,7 +80,7 @@ LineOptions refined(LineOptions options, const LineOptions& further) {
   return options;
 }
 
-/// Takes the options at the beginning of `line`.
+/// Takes the options from the start of `line`.
 LineOptions takeOptions(Line& line) {
   LineOptions options;
   while (line.peek().substr(0, 2) == "--") {
@@ -111,7 +111,7 @@ LineOptions takeOptions(Line& line) {
   return options;
 }
 
-/// Nothing of `environment` comes from this device any more, but its clock and its zone.
+/// After this, `environment` takes only the clock and the zone from this device.
 void closeWorld(SimulatedEnvironment& environment) {
   environment.offline = environment.names.empty();
   if (!environment.ownAddresses) environment.ownAddresses = "127.0.0.1";

@@ -1,12 +1,11 @@
-// The cases of `pac test`: a plain file that states which answer a script shall give for which URL,
-// in which simulated environment. Reading and comparing are functions of their arguments.
+// The cases of `pac test`: a text file with the expected answer for each URL in a simulated
+// environment. Reading and comparing are pure functions.
 //
 // One case a line:  URL [OPTIONS] -> ANSWER
-// OPTIONS are those of `pac eval`: --host, --at, --tz, --resolve and --my-ip. A line of options
-// alone holds for the cases below it, up to the next such line. Empty lines and lines that begin
-// with "#" are skipped. A case is checked in an environment that is written down: a name without
-// --resolve does not resolve, and the own address is 127.0.0.1 without --my-ip, so that no network
-// decides a test.
+// OPTIONS are the options of `pac eval`: --host, --at, --tz, --resolve and --my-ip. A line that has
+// only options applies to the cases after it, up to the next such line. Empty lines and lines that
+// start with "#" are skipped. A case does not depend on the network: a name without --resolve does
+// not resolve, and the own address is 127.0.0.1 without --my-ip.
 #pragma once
 
 #include <cstddef>
@@ -19,30 +18,30 @@
 
 namespace client {
 
-/// Most cases of a file. Each costs 0.2 ms, with an environment of its own 10 ms.
+/// Most cases of a file. Each costs 0.2 ms, or 10 ms if its environment differs from the last one.
 inline constexpr std::size_t kMaxTestCases = 10'000;
 
-/// What stands for "no answer" and for "an answer without entries" in a file of cases.
+/// The texts for "no answer" and for "an answer without entries" in a file of cases.
 inline constexpr std::string_view kExpectsError = "(error)";
 inline constexpr std::string_view kExpectsEmpty = "(empty)";
 
 struct TestCase {
-  std::size_t line = 0;  ///< of the file, from 1
+  std::size_t line = 0;  ///< in the file, from 1
   std::string url;
   std::optional<std::string> host;   ///< --host
-  SimulatedEnvironment environment;  ///< complete: nothing of it comes from this device
-  std::string expected;              ///< as comparableAnswer() gives it
+  SimulatedEnvironment environment;  ///< complete: no part of it comes from this device
+  std::string expected;              ///< in the form of comparableAnswer()
 };
 
-/// The cases of `text`; `base` is the environment of the command line, which the lines of the file
-/// refine: an option replaces the same option further out, --resolve the same name. Throws Failure
-/// (kBadData), with `name` and the line, for a line that is not understood, for more than
-/// kMaxTestCases, and if there is no case at all: a test of nothing must not pass.
+/// The cases of `text`. `base` is the environment of the command line. The lines of the file refine
+/// it: an option replaces the same option of the outer level, and --resolve replaces the same name.
+/// Throws Failure (kBadData), with `name` and the line, for a line that cannot be parsed, for more
+/// than kMaxTestCases, and if there is no case: a test of nothing must not pass.
 std::vector<TestCase> parseTestCases(std::string_view text, const std::string& name,
                                      const SimulatedEnvironment& base);
 
-/// `answer` with its entries separated by "; ", without blanks around them and without empty ones;
-/// kExpectsEmpty if there is none. Texts that are equal then are the same answer to the daemon.
+/// `answer` with "; " between its entries, without blanks around them and without empty entries;
+/// kExpectsEmpty if there are none. The daemon gives the same answer for equal results.
 std::string comparableAnswer(std::string_view answer);
 
 }  // namespace client

@@ -12,13 +12,13 @@ namespace client {
 
 namespace {
 
-/// A text of YAML; JSON's are.
+/// A text in YAML. A JSON text is valid YAML.
 std::string quoted(const std::string& text) {
   using Json = nlohmann::ordered_json;
   return Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-/// `text` in a line of TAP, where "#" begins a directive.
+/// `text` for a line of TAP, in which "#" starts a directive.
 std::string tapText(const std::string& text) {
   std::string escaped;
   for (const char c : base::visible(text)) {
@@ -28,7 +28,7 @@ std::string tapText(const std::string& text) {
   return escaped;
 }
 
-/// `text` as content or attribute of XML, which cannot hold control characters.
+/// `text` for XML content or attributes. XML cannot hold control characters.
 std::string xmlText(const std::string& text) {
   std::string escaped;
   for (const char c : base::visible(text)) {

@@ -1,5 +1,4 @@
-// What `pac test` prints, for people and for the programs of a continuous integration. Functions of
-// their arguments.
+// The output of `pac test`, for people and for continuous integration. Pure functions.
 #pragma once
 
 #include <chrono>
@@ -11,10 +10,10 @@
 
 namespace client {
 
-/// One case and what the script answered.
+/// One case, and the script's answer for it.
 struct TestOutcome {
   TestCase given;
-  std::string answer;  ///< as comparableAnswer() gives it, or kExpectsError
+  std::string answer;  ///< in the form of comparableAnswer(), or kExpectsError
   std::string error;   ///< why there is no answer; else empty
   std::chrono::microseconds took{0};
 
@@ -23,20 +22,21 @@ struct TestOutcome {
   std::string shownAnswer() const { return error.empty() ? answer : answer + " " + error; }
 };
 
-/// What a report is about: the names of the two files as given.
+/// The names of the two files for the report, as given.
 struct TestedFiles {
   std::string script;
   std::string cases;
 };
 
-/// The Test Anything Protocol, version 14: a line for each case, with expected and actual answer in
-/// a block below those that failed.
+/// The Test Anything Protocol, version 14: a line for each case, and below a failed case a block
+/// with the expected and the actual answer.
 std::string tapReport(std::span<const TestOutcome> outcomes, const TestedFiles& files);
 
-/// What TAP has for a script that does not load.
+/// The TAP output for a script that does not load.
 std::string tapBailOut(const std::string& reason);
 
-/// JUnit's XML as continuous integrations read it: one test suite, a test case for each case.
+/// JUnit's XML in the form that continuous integration reads: one test suite with a test case for
+/// each case.
 std::string junitReport(std::span<const TestOutcome> outcomes, const TestedFiles& files);
 
 /// JUnit's XML for a script that does not load: one test case, with an error.

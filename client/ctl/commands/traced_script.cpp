@@ -50,7 +50,8 @@ Trace TracedScript::takeTrace() {
   }
 }
 
-/// The first of the returns at the end that handed the answer on: the one that chose it.
+/// The first of the consecutive returns at the end that passed on the same answer: this return
+/// chose it.
 std::optional<std::size_t> TracedScript::decidingReturn(const Trace& trace,
                                                         const ShownAnswer& answer) const {
   std::optional<std::size_t> decided;
@@ -70,7 +71,7 @@ TracedAnswer TracedScript::ask(const std::string& url, const std::optional<std::
   asked.answer = evaluateUrl(*mPlain, url, host);
   asked.took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begun);
   if (asked.answer.host.empty() && !host) return asked;  // no question was asked
-  // Its alerts were heard already.
+  // The unchanged script has already shown these alerts.
   const auto traced = mTraced->evaluate(url, asked.answer.host);
   if (mTraced->workerPid() == 0) {
     asked.different = pac_engine::describe(traced.problem);

@@ -1,6 +1,6 @@
-// A PAC script that is run twice for each URL: instrumented, for what it does on its way, and as it
-// is, so that an answer that instrumenting has changed is never explained as if it were the
-// script's.
+// A PAC script that runs twice for each URL: instrumented, to record its steps, and unchanged. So
+// the command detects an answer that the instrumentation has changed, and does not explain it as
+// the script's own answer.
 #pragma once
 
 #include <chrono>
@@ -19,24 +19,25 @@
 namespace client {
 
 struct TracedAnswer {
-  ShownAnswer answer;                    ///< of the script as it is
-  std::optional<std::string> different;  ///< what the instrumented script answered, if not the same
+  ShownAnswer answer;                    ///< the answer of the unchanged script
+  std::optional<std::string> different;  ///< the answer of the instrumented script, if it differs
   Trace trace;
-  std::chrono::microseconds took{0};     ///< the evaluation of the script as it is
+  std::chrono::microseconds took{0};     ///< time of the evaluation of the unchanged script
   std::optional<std::size_t> decidedBy;  ///< the return that gave the answer
 };
 
 class TracedScript {
  public:
-  /// Throws Failure (kRefused) if the engine refuses the script, or its parser does not take it.
+  /// Throws Failure (kRefused) if the engine or the workbench's parser refuses the script.
   TracedScript(std::string_view script, const std::string& file,
                const pac_engine::Options& options);
 
-  /// Asks both. A tracing worker that ended is started again; the trace is then empty and cut.
+  /// Asks both scripts. If the tracing worker has ended, it is started again. The trace is then
+  /// empty and marked as cut.
   TracedAnswer ask(const std::string& url, const std::optional<std::string>& host);
 
   const InstrumentedScript& script() const { return mScript; }
-  /// What was noted while the script was loaded.
+  /// What was recorded during the load of the script.
   const Trace& load() const { return mLoad; }
 
  private:
@@ -45,7 +46,7 @@ class TracedScript {
   std::optional<std::size_t> decidingReturn(const Trace& trace, const ShownAnswer& answer) const;
 
   std::string mFile;
-  pac_engine::Options mOptions;  ///< of the worker that traces
+  pac_engine::Options mOptions;  ///< options of the tracing worker
   std::unique_ptr<pac_engine::Engine> mPlain;
   InstrumentedScript mScript;
   std::unique_ptr<pac_engine::Engine> mTraced;

@@ -43,7 +43,7 @@ Exit status:
 
 struct UpdateArguments {
   const char* mode = nullptr;
-  std::string Configuration::*urlMember = nullptr;  ///< which URL the mode has; null for none
+  std::string Configuration::*urlMember = nullptr;  ///< the mode's URL; null if it has none
   std::string url;
   std::optional<std::string> user;
   std::optional<std::string> passwordFile;
@@ -58,7 +58,7 @@ bool hasBlankOrControl(std::string_view text) {
   });
 }
 
-/// The reason why no program can use `url`; nothing if a program can.
+/// The reason why no program can use `url`. Nothing if programs can use it.
 std::optional<std::string> faultOf(const std::string& url, bool isPac) {
   if (url.empty()) return "is empty; \"proxymanagerctl off\" turns proxies off";
   if (hasBlankOrControl(url)) return "holds a blank or a control character";
@@ -106,7 +106,8 @@ std::string readUrl(bool isPac) {
   return line.text();
 }
 
-/// The configuration that the arguments describe; reads the password and the URL from their files.
+/// The configuration that the arguments describe. It reads the password and the URL from their
+/// files.
 Configuration wanted(const UpdateArguments& arguments) {
   Configuration configuration;
   configuration.mode = arguments.mode;
@@ -146,7 +147,7 @@ std::string save(const Configuration& configuration) {
   return file;
 }
 
-/// The daemon's result; nothing if the configuration is saved and no daemon runs to take it.
+/// The daemon's result. Nothing if the configuration is saved and no daemon runs to accept it.
 std::optional<std::int32_t> handOver(const UpdateArguments& arguments,
                                      const Configuration& configuration) {
   try {

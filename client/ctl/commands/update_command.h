@@ -1,4 +1,4 @@
-// proxymanagerctl off, manual, pacurl and wpad: another configuration.
+// proxymanagerctl off, manual, pacurl and wpad: change the configuration.
 #pragma once
 
 #include <CLI/App.hpp>

@@ -9,7 +9,7 @@ namespace client {
 
 namespace {
 
-/// The arguments that the parser has met so far, those without a name included.
+/// The number of arguments that the parser has found so far, with those that it does not know.
 std::size_t argumentsOf(const CLI::App& command) {
   std::size_t count = command.remaining_size();
   for (const auto* const option : command.get_options()) {
@@ -19,8 +19,8 @@ std::size_t argumentsOf(const CLI::App& command) {
 }
 
 void addUrlsWith(CLI::App& command, UrlArguments& arguments, const char* help) {
-  // If an argument takes many values, the parser splits "[...]" as a list. So the argument takes
-  // only the first URL, and the others are the texts that the parser leaves over.
+  // If an argument accepts many values, the parser splits "[...]" as a list. So the argument
+  // accepts only the first URL. The other URLs are the texts that the parser does not know.
   command.add_option("URL", arguments.first, "The URLs to ask for")
       ->option_text("...")
       ->allow_extra_args(false);
@@ -34,11 +34,11 @@ void addUrlsWith(CLI::App& command, UrlArguments& arguments, const char* help) {
           },
           help)
       ->option_text("FILE")
-      ->trigger_on_parse();  // while it is known what stands before it
+      ->trigger_on_parse();  // when it is known which arguments stand before it
   command.allow_extras();
 }
 
-/// Adds the URLs of the options that stand behind `count` arguments or fewer.
+/// Adds the URLs of the options that have at most `count` arguments before them.
 void addOptions(UrlArguments& arguments, std::size_t& next, std::size_t count) {
   for (; next < arguments.options.size() && arguments.options[next].before <= count; ++next) {
     const auto& [text, isFile, before] = arguments.options[next];
@@ -94,7 +94,7 @@ void addFurtherUrls(const CLI::App& command, UrlArguments& arguments,
     }
   }
   std::size_t next = 0;
-  auto count = argumentsOf(command) - given.size();  // the arguments that are no URLs
+  auto count = argumentsOf(command) - given.size();  // the number of arguments that are not URLs
   addOptions(arguments, next, count);
   for (auto& url : given) {
     arguments.urls.push_back(std::move(url));

@@ -43,12 +43,12 @@ Exit status:
 /// service/proxy_manager_service_impl.cpp). A busy daemon announces itself late.
 constexpr std::chrono::seconds kListenTime{5};
 
-/// The pause between two questions: a person does not notice it, and the daemon's log stays
-/// readable.
+/// The pause between two questions. It is too short for a person to notice, and long enough to keep
+/// the daemon's log readable.
 constexpr std::chrono::milliseconds kPause{250};
 
-/// From the moment at which a script is in its place until it is being loaded; questions wait for
-/// the load itself.
+/// The time between the moment when a script is in its place and the start of its load. During the
+/// load itself, questions wait.
 constexpr std::chrono::microseconds kLoadTime{1'000'000};
 
 struct WaitArguments {
@@ -62,12 +62,12 @@ std::int64_t microsecondsNow() {
   return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-/// When `process` was started, in microseconds since 1970. @return nothing if it has gone
+/// When `process` was started, in microseconds since 1970. @return nothing if it has ended
 std::optional<std::int64_t> startOf(std::int64_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
   std::string text;
   std::getline(file, text, '\0');
-  // The name, in brackets, may hold anything; the start is the twentieth field behind it.
+  // The name, in brackets, may contain any text. The start time is the twentieth field after it.
   std::istringstream fields(text.substr(std::min(text.rfind(')') + 1, text.size())));
   std::string field;
   for (int i = 0; i < 20; ++i) fields >> field;
@@ -95,7 +95,7 @@ bool isConfigured(DaemonBus& bus, Clock::time_point end) {
   return !bus.waitFor([&] { return announced; }, listened) && listened == kListenTime;
 }
 
-/// Whether the script in the PAC file was fetched by this daemon, and not by one before it.
+/// Whether this daemon has fetched the script in the PAC file, and not an earlier daemon.
 bool hasFetched(DaemonBus& bus, std::int64_t process) {
   const auto line = bus.serviceStatus(process);
   const auto reported = line ? base::parseDaemonStatus(*line) : std::nullopt;
@@ -106,7 +106,7 @@ bool hasFetched(DaemonBus& bus, std::int64_t process) {
          file->fetched + kLoadTime.count() < microsecondsNow();
 }
 
-/// A script may have no answer for the URL that it is asked for.
+/// Whether the daemon has a script. A script may have no answer for the URL of the question.
 bool hasScript(DaemonBus& bus, const Owner& daemon) {
   const auto answer = bus.ask("http://localhost/");
   if (answer.mode != "pacurl" && answer.mode != "wpad") return false;
@@ -114,7 +114,7 @@ bool hasScript(DaemonBus& bus, const Owner& daemon) {
   return daemon.process && hasFetched(bus, *daemon.process) && refusalOf(base::kPacFile).empty();
 }
 
-/// @return whether the awaited state is reached; false also if there is no daemon or no bus yet
+/// @return whether the expected state is reached; also false if there is no daemon or no bus yet
 bool look(const WaitArguments& arguments, Clock::time_point end) {
   try {
     DaemonBus bus(left(end));

@@ -43,7 +43,7 @@ Output:
 Exit status:
 )";
 
-constexpr int kNameWidth = 24;  // of "notifyProxyConfigupdated"
+constexpr int kNameWidth = 24;  // the length of "notifyProxyConfigupdated"
 
 std::string now() {
   const auto time = std::chrono::system_clock::now().time_since_epoch();
@@ -72,8 +72,8 @@ base::UniqueFd endSignals() {
   return fd;
 }
 
-/// Lets these signals end the program at once: a reader that stands still would hold up a write,
-/// and with it the end, for ever.
+/// Lets these signals end the program at once. A reader that does not read could block a write
+/// forever, and the program could not end.
 class Interruptible {
  public:
   Interruptible() { sigprocmask(SIG_UNBLOCK, &mSet, nullptr); }
@@ -91,8 +91,8 @@ class Watch {
   explicit Watch(const CallOptions& options) : mOptions(options), mBus(options.limit) {}
 
   void run() {
-    // Asks for the signals first: a signal that arrives before the answer about the owner waits
-    // until that answer is handled.
+    // Subscribes to the signals first. A signal that arrives before the answer about the owner
+    // waits until that answer has been handled.
     mBus.listen(signalRule(nullptr), [this](sd_bus_message* signal) { onSignal(signal); });
     mBus.listen(ownerRule(), [this](sd_bus_message* signal) { onOwner(signal); });
     const auto owner = mBus.owner();
@@ -127,14 +127,14 @@ class Watch {
     const char* before = nullptr;
     const char* after = nullptr;
     if (sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) return;
-    // The first answer includes everything that happened before it.
+    // The first answer covers all earlier events.
     if (mOwner == after) return;
     mOwner = after;
     sayOwner();
   }
 
   void onSignal(sd_bus_message* signal) {
-    // Any program on the bus can send a signal to this connection alone.
+    // Any program can send a signal directly to this connection, so the sender is checked.
     const char* const sender = sd_bus_message_get_sender(signal);
     if (sender == nullptr || mOwner != sender) return;
     const std::string_view member = sd_bus_message_get_member(signal);
@@ -177,7 +177,7 @@ class Watch {
 
   CallOptions mOptions;
   DaemonBus mBus;
-  std::string mOwner;  ///< unique name of the daemon; empty if it does not run
+  std::string mOwner;  ///< unique name of the daemon on the bus; empty if it does not run
 };
 
 }  // namespace

@@ -15,7 +15,7 @@ using Json = nlohmann::json;
 /// Longest time of a call: more than an evaluation may take.
 constexpr std::uint64_t kMostMicroseconds = 1'000'000'000'000;
 constexpr std::uint64_t kMostTimes = std::numeric_limits<std::uint64_t>::max();
-/// Deepest call of a helper in a helper: more than the stack of a script holds.
+/// Deepest helper call in a helper call: more than the stack of a script allows.
 constexpr std::uint64_t kMostDepth = 100'000;
 
 std::string textOf(const Json& value) {
@@ -35,7 +35,7 @@ Place placeOf(const Json& row) {
   return place;
 }
 
-/// A time, small enough for the sum of all of a report.
+/// A time. It is so small that the sum over a whole report cannot overflow.
 std::int64_t microsecondsOf(const Json& value) {
   return static_cast<std::int64_t>(wholeNumber(value, kMostMicroseconds));
 }
@@ -60,7 +60,7 @@ TracedCall callOf(const Json& row) {
   return call;
 }
 
-/// Gives the call that ended last under the name that stands at `place` its place.
+/// Sets the place of the last finished call of the helper that is named at `place`.
 void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::string& source) {
   const auto found = std::find_if(events.rbegin(), events.rend(), [&](const TracedEvent& event) {
     return event.call && event.call->depth == 0 && !event.place &&
@@ -71,7 +71,7 @@ void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::s
 
 }  // namespace
 
-// The library would turn a fraction or a negative number into a whole one.
+// The library would convert a fraction or a negative number to a whole number.
 std::uint64_t wholeNumber(const Json& value, std::uint64_t most) {
   if (!value.is_number_unsigned() || value.get<std::uint64_t>() > most) {
     throw std::out_of_range("number");
