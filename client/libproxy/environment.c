@@ -7,7 +7,7 @@
 #include <string.h>
 #include <strings.h>
 
-/* The first that is set of a variable's two spellings: an empty one hides the other. */
+/* The value in the first of the two spellings that is set. An empty value hides the other one. */
 static const char* variable(const char* lower, const char* upper) {
   const char* const value = secure_getenv(lower);
   return value != NULL ? value : secure_getenv(upper);
@@ -32,13 +32,13 @@ static const char* proxy_variable(const char* url) {
 
 /* --- Hosts --- */
 
-/* A host with its port, in one text: the port is 0 if there is none. */
+/* A host and its port, which point into one text. The port is 0 if there is none. */
 typedef struct {
   char* host; /* without brackets */
   unsigned port;
 } Place;
 
-/* Parts "host:1", "[::1]:1", "::1" or "host", in place. */
+/* Splits "host:1", "[::1]:1", "::1" or "host" in place. */
 static Place place_of(char* text) {
   Place place = {text, 0};
   char* colon = strrchr(text, ':');
@@ -57,7 +57,7 @@ static Place place_of(char* text) {
   return place;
 }
 
-/* A copy of the URL's host and port, for free(); null without memory. */
+/* A copy of the URL's host and port, for free(). Null if memory is exhausted. */
 static char* authority_of(const char* url) {
   const char* begin = strstr(url, "://") + 3;
   const char* const end = begin + strcspn(begin, "/?#");
@@ -74,8 +74,9 @@ static unsigned usual_port(const char* url) {
 
 /* --- Exceptions --- */
 
-/* An address as 16 bytes: one of IPv4 is mapped, so one comparison serves both.
- * @return how many bits stand before an address of this family; -1 if it is none */
+/* Reads an address as 16 bytes. An IPv4 address is mapped to IPv6, so both need one comparison
+ * only.
+ * @return the number of bits before an address of this family; -1 if the text is not an address */
 static int read_address(const char* text, unsigned char bytes[16]) {
   static const unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
   if (inet_pton(AF_INET6, text, bytes) == 1) return 0;
@@ -83,7 +84,7 @@ static int read_address(const char* text, unsigned char bytes[16]) {
   return inet_pton(AF_INET, text, bytes + sizeof mapped) == 1 ? 96 : -1;
 }
 
-/* The length of a prefix, "8" or "255.0.0.0"; -1 for what is none. */
+/* The length of a prefix, written as "8" or "255.0.0.0". -1 for any other text. */
 static long prefix_length(const char* text, int before) {
   struct in_addr mask;
   if (before == 96 && strchr(text, '.') != NULL) {
@@ -114,7 +115,7 @@ static int ends_with(const char* host, const char* end) {
   return length >= of_end && strcasecmp(host + length - of_end, end) == 0;
 }
 
-/* @param pattern one of no_proxy, which is changed */
+/* @param pattern one element of no_proxy; the function changes it */
 static int excepts(char* pattern, const Place* asked) {
   if (strcmp(pattern, "*") == 0) return 1;
   if (strcmp(pattern, "<local>") == 0) return strpbrk(asked->host, ".:") == NULL;

@@ -1,10 +1,10 @@
-/* libproxy.so.1 for programs that know no other way: they ask the daemon without knowing of it.
+/* libproxy.so.1: programs that are linked with libproxy ask the daemon without any change.
  *
- * All factories of a process share one client of libproxymanager-client, which remembers answers: a
- * program that makes a factory for each question neither connects nor waits each time. The client
- * has a thread, so the library stays loaded (-z nodelete), and a program may close and open it
- * again. No lock is held while the daemon is asked: a slow script delays only those who ask it, and
- * a child process finds nothing locked.
+ * All factories of a process share one client of libproxymanager-client, which caches answers. So a
+ * program that makes a factory for each question does not connect each time. The client has a
+ * thread, so the library stays loaded (-z nodelete), and a program may close and open it again. No
+ * lock is held during a question to the daemon: a slow script delays only its own callers, and a
+ * child process finds no locked mutex.
  */
 #include "client/libproxy/libproxy.h"
 
@@ -21,12 +21,12 @@
 
 #include "client/libproxy/environment.h"
 
-/* Below the 10 s that a program waits at most, by as much as a busy machine needs to return. A
- * script takes the daemon 5.25 s at its slowest. Milliseconds. */
+/* Time limit of a question, in milliseconds. Programs wait 10 s at most; the difference is a
+ * reserve for a busy machine. The slowest script takes 5.25 s. */
 #define LIMIT_MS 9500
 
-/* Qt looks for this name, of a class of libproxy 0.4, to know that it is linked with a library that
- * blocks: then it asks on a thread of its own and not on that of the windows. */
+/* The name of a class of libproxy 0.4. Qt looks for it to detect a library whose calls block. It
+ * then asks on a separate thread and not on the thread of the windows. */
 PROXYMANAGER_LIBPROXY_API extern const void* const _ZTVN8libproxy19pacrunner_extensionE[8];
 const void* const _ZTVN8libproxy19pacrunner_extensionE[8] = {NULL};
 
@@ -48,8 +48,8 @@ __attribute__((format(printf, 1, 2))) static void debug(const char* format, ...)
 
 static _Atomic(proxymanager_client*) the_client;
 
-/* The client, made if there is none but `useless`; null without memory. A client of the parent
- * process stays after fork(): freeing it does nothing here. */
+/* The client of the process. Makes a new one if there is none, or only `useless`. Null if memory is
+ * exhausted. After fork(), the parent's client remains: freeing it has no effect in the child. */
 static proxymanager_client* client_but(proxymanager_client* useless) {
   proxymanager_client* current = atomic_load(&the_client);
   if (current != useless) return current;
@@ -81,8 +81,8 @@ static int names_no_version(const char* text) {
   return strncasecmp(text, "socks", 5) == 0 && isalnum((unsigned char)text[5]) == 0;
 }
 
-/* The scheme by which programs know such a proxy; null if it is of no use. They know one version 5,
- * which leaves the looking up of names to the proxy. */
+/* The scheme that programs know for such a proxy. Null if programs cannot use it. They know only
+ * one form of SOCKS 5, in which the proxy resolves host names. */
 static const char* scheme_of(const proxymanager_entry* entry) {
   switch (entry->kind) {
     case PROXYMANAGER_DIRECT:
@@ -101,7 +101,7 @@ static const char* scheme_of(const proxymanager_entry* entry) {
     case PROXYMANAGER_UNUSABLE:
       break;
   }
-  return NULL; /* also for what a later library adds */
+  return NULL; /* also for kinds that a later library adds */
 }
 
 static char* text_of(const proxymanager_entry* entry) {
@@ -112,7 +112,7 @@ static char* text_of(const proxymanager_entry* entry) {
   return asprintf(&text, "%s%s", scheme, rest) < 0 ? NULL : text;
 }
 
-/* The usable entries; null if there are none, and without memory. */
+/* The usable entries. Null if there are none, or if memory is exhausted. */
 static char** proxies_of(const proxymanager_answer* answer) {
   const size_t count = proxymanager_answer_count(answer);
   char** const proxies = calloc(count + 1, sizeof *proxies);
@@ -127,8 +127,8 @@ static char** proxies_of(const proxymanager_answer* answer) {
   return NULL;
 }
 
-/* The daemon's proxies; null if it leaves the URL to the environment. Mode off does: the daemon is
- * not configured, and a program that is started with a proxy in its environment wants that. */
+/* The daemon's proxies. Null if the environment decides, as in mode off: the daemon is then not
+ * configured, so a proxy in the program's environment counts. */
 static char** proxies_of_daemon(const char* url, proxymanager_status* status) {
   proxymanager_answer* answer = NULL;
   *status = ask(url, &answer);
@@ -145,7 +145,7 @@ static char** proxies_of_daemon(const char* url, proxymanager_status* status) {
   return proxies;
 }
 
-/* A list of one text, which it takes; null without memory. */
+/* A list of one text, which takes ownership of it. Null if memory is exhausted. */
 static char** only(char* text) {
   char** const proxies = text == NULL ? NULL : calloc(2, sizeof *proxies);
   if (proxies == NULL) {
@@ -190,7 +190,7 @@ static int is_url(const char* text) {
 char** px_proxy_factory_get_proxies(pxProxyFactory* factory, const char* url) {
   (void)factory;
   int cancelling = PTHREAD_CANCEL_ENABLE;
-  /* The client library does not survive that a waiting thread is cancelled. */
+  /* A cancelled thread would leave the client library in a broken state. */
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling);
   proxymanager_status status = PROXYMANAGER_BAD_ARGUMENT;
   char** proxies = is_url(url) ? proxies_of_daemon(url, &status) : NULL;
@@ -210,7 +210,8 @@ void px_proxy_factory_free_proxies(char** proxies) {
 
 static size_t the_type;
 
-/* Such a program has GObject, and no other needs it: so it is looked for and not linked. */
+/* Such a program has loaded GObject. Other programs do not need it, so it is loaded only on demand.
+ */
 static void register_type(void) {
   typedef void* copy_function(void*);
   typedef void free_function(void*);

@@ -1,8 +1,9 @@
-/* The interface of libproxy.so.1, as programs that are linked with it call it.
+/* The interface of libproxy.so.1 for programs that are linked with it.
  *
- * No header is installed: a program is built with the header of libproxy itself, and runs with this
- * library in its place. All functions may be called from any thread, also on one factory at the
- * same time. None throws, prints (but see PX_DEBUG below), changes a signal or the environment.
+ * This header is not installed: a program is built with libproxy's own header, and runs with this
+ * library instead of libproxy. Any thread may call all functions, also with the same factory at the
+ * same time. No function throws, prints (except with PX_DEBUG, see below), or changes a signal or
+ * the environment.
  */
 #ifndef PROXYMANAGER_CLIENT_LIBPROXY_LIBPROXY_H
 #define PROXYMANAGER_CLIENT_LIBPROXY_LIBPROXY_H
@@ -15,32 +16,34 @@ extern "C" {
 
 #define PROXYMANAGER_LIBPROXY_API __attribute__((visibility("default")))
 
-/** What a program holds; it has no state of its own. */
+/** The handle of a program. It has no state. */
 typedef struct px_proxy_factory pxProxyFactory;
 
-/** @return a factory for px_proxy_factory_free(); null only without memory. Nothing is connected */
+/** Makes no connection. @return a factory, to be freed by px_proxy_factory_free(); null only if
+ * memory is exhausted */
 PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_new(void);
 
-/** Finds the proxies for `url`: those of the daemon, if it has an answer; else those of the
- * environment, which is read by this call; else "direct://". A URL without a scheme, a null one and
- * one that the bus does not carry get "direct://". Waits for the daemon, at most 9.5 s.
+/** Finds the proxies for `url`: the daemon's answer, if it has one; else the proxy of the
+ * environment, which this call reads; else "direct://". A null pointer, a URL without a scheme and
+ * a URL that the bus cannot carry get "direct://". It waits for the daemon for at most 9.5 s.
  *
- * If PX_DEBUG is set, a line on standard error gives the reason for each answer that is not the
- * daemon's.
- * @return a null-terminated array, in the order to be tried, of at least one text: "http://host:1",
- * "socks://host:1" (version 5, then 4), "socks4://", "socks4a://", "socks5://", "https://" with a
- * user name and password where a manual proxy has them, or "direct://". The array and each text are
- * blocks of malloc() that the caller frees. Null only without memory */
+ * If PX_DEBUG is set, a line on standard error gives the reason for each answer that does not come
+ * from the daemon.
+ * @return a null-terminated array of at least one text, in the order in which the program tries
+ * them: "http://host:1", "https://", "socks://host:1" (version 5, then 4), "socks4://",
+ * "socks4a://", "socks5://", or "direct://". The URL of a manual proxy has its user name and
+ * password. The array and each text come from malloc(); the caller frees them. Null only if memory
+ * is exhausted */
 PROXYMANAGER_LIBPROXY_API char** px_proxy_factory_get_proxies(pxProxyFactory* factory,
                                                               const char* url);
 
 /** Frees what px_proxy_factory_get_proxies() returned; null does nothing. */
 PROXYMANAGER_LIBPROXY_API void px_proxy_factory_free_proxies(char** proxies);
 
-/** Gives a factory back; null does nothing. */
+/** Releases a factory; null does nothing. */
 PROXYMANAGER_LIBPROXY_API void px_proxy_factory_free(pxProxyFactory* factory);
 
-/** @return the same factory, once more to be freed; null for null */
+/** @return the same factory, to be freed once more; null for null */
 PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_copy(pxProxyFactory* factory);
 
 /** @return GLib's boxed type of a factory; 0 if the process cannot load GObject */

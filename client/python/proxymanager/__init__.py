@@ -6,8 +6,8 @@
         for entry in client.proxies("http://www.example.org/"):
             print(entry.url)
 
-The modules proxymanager.requests, proxymanager.urllib, proxymanager.urllib3 and proxymanager.httpx make
-the HTTP library of that name ask for each URL.
+With the modules proxymanager.requests, proxymanager.urllib, proxymanager.urllib3 and proxymanager.httpx,
+the HTTP library of the same name asks for each URL.
 """
 
 from ._client import Answer, Client, Entry, Kind

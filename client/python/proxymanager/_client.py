@@ -1,4 +1,4 @@
-"""A client, and what it answers."""
+"""The client and its answers."""
 
 import ctypes
 import enum
@@ -10,27 +10,27 @@ from typing import List, NamedTuple, Optional
 from . import _library
 from ._errors import Status, error, last_error
 
-_LONGEST_MS = 0xFFFFFFFF  # of an unsigned: some 49 days
+_LONGEST_MS = 0xFFFFFFFF  # the largest C unsigned: about 49 days
 
 
 class Kind(enum.IntEnum):
-    """What a program does with an entry."""
+    """How a program uses an entry."""
 
-    UNUSABLE = 0  # not understood: try the next one
+    UNUSABLE = 0  # an unknown form: try the next entry
     DIRECT = 1
     HTTP = 2
     HTTPS = 3  # an HTTP proxy; the connection to it uses TLS
     SOCKS4 = 4
     SOCKS4A = 5
-    SOCKS5 = 6  # the program looks names up
-    SOCKS5H = 7  # the proxy looks names up
+    SOCKS5 = 6  # the program resolves host names
+    SOCKS5H = 7  # the proxy resolves host names
 
 
 class Entry(NamedTuple):
-    """One thing to try. A text without a value is empty."""
+    """One proxy to try, or DIRECT. A text without a value is empty."""
 
     kind: Kind
-    text: str  # as the daemon gives it: "PROXY cache.example.org:8080"
+    text: str  # from the daemon, for example "PROXY cache.example.org:8080"
     url: str  # "http://cache.example.org:8080"; "direct://"; empty if unusable
     scheme: str
     credentials: str  # "user:password", percent-encoded; part of url
@@ -42,7 +42,7 @@ class Answer(NamedTuple):
     """The daemon's answer for one URL.
 
     mode: "off", "manual", "pacurl", "wpad", or "local" if the daemon was not asked
-    entries: in the order in which to try them; may be empty
+    entries: in the order in which the program tries them; may be empty
     """
 
     mode: str
@@ -56,17 +56,17 @@ def _entry(of):
 
 
 class Client:
-    """Asks the daemon, and remembers its answers until they change.
+    """Asks the daemon, and caches its answers until they change.
 
-    Threads may share a client. A forked process may use its copy, which connects again by itself.
+    Threads may share a client. A forked process may use its copy of a client, which connects again by itself.
 
     start_daemon: the bus may start the daemon for a question
-    ask_local: the daemon is asked about this machine and this link, which are direct otherwise
-    with_credentials: the configured user and password come into the URL of a manual proxy, if this
-        program may read them
-    refuse: an answer without an entry that can be used raises NoAnswer; the adapters then connect
-        nowhere without an answer
-    timeout: longest wait of a question in seconds, including the time to connect
+    ask_local: asks the daemon also about this machine and this link; else they are always direct
+    with_credentials: adds the configured user and password to the URL of a manual proxy, if this program
+        may read them
+    refuse: raises NoAnswer if no entry of an answer can be used; without an answer, the adapters then
+        raise an error and do not connect
+    timeout: longest wait for an answer in seconds, including the time to connect
     """
 
     def __init__(self, *, start_daemon: bool = True, ask_local: bool = False,
@@ -89,12 +89,12 @@ class Client:
             raise error(Status.NO_MEMORY)
 
     def ask(self, url: str, timeout: Optional[float] = None) -> Answer:
-        """The daemon's answer for a URL. With a timeout of 0, only one that is remembered.
+        """Returns the daemon's answer for a URL. With a timeout of 0, only from the cache.
 
-        Raises an Error if there is none, and ValueError if the client is closed.
+        Raises an Error if there is no answer, and ValueError if the client is closed.
         """
         encoded = url.encode("utf-8", "surrogatepass")
-        # C would see the URL end at the NUL.
+        # For the C library, the URL would end at the NUL.
         if b"\0" in encoded:
             raise error(Status.BAD_ARGUMENT)
         limit = self._timeout if timeout is None else _milliseconds(timeout)
@@ -115,11 +115,11 @@ class Client:
             _library.answer_unref(answer)
 
     def proxies(self, url: str, timeout: Optional[float] = None) -> List[Entry]:
-        """The entries of the answer, in the order in which to try them."""
+        """Returns the entries of the answer, in the order in which the program tries them."""
         return self.ask(url, timeout).entries
 
     def close(self):
-        """Ends the connection; if questions wait in other threads, after the last of them."""
+        """Ends the connection. If questions wait in other threads, it ends after the last of them."""
         with self._lock:
             self._closed = True
             handle = self._take()
@@ -148,7 +148,7 @@ class Client:
         _library.client_free(handle)
 
     def _take(self):
-        """The handle if nobody uses it any more, for the caller to free; else None, which free ignores."""
+        """Returns the handle if no question uses it; the caller frees it. Else None, which free ignores."""
         if self._questions:
             return None
         handle, self._handle = self._handle, None
@@ -156,7 +156,7 @@ class Client:
 
 
 def _milliseconds(seconds):
-    if not seconds >= 0:  # nor is NaN
+    if not seconds >= 0:  # also false for NaN
         raise ValueError(f"a timeout is 0 or more seconds, not {seconds}")
     return int(min(seconds * 1000, _LONGEST_MS))
 
@@ -165,7 +165,7 @@ _clients = weakref.WeakSet()
 
 
 def _after_fork():
-    """In the child process: the handle belongs to the parent, and so do the threads that hold locks."""
+    """Runs in the child process. Handle and locks belong to the parent's threads, so it makes new ones."""
     for client in list(_clients):
         if not client._closed:
             _library.client_free(client._handle)

@@ -1,4 +1,4 @@
-"""What a question without an answer raises."""
+"""The exceptions for a question without an answer."""
 
 import enum
 
@@ -6,7 +6,7 @@ from . import _library
 
 
 class Status(enum.IntEnum):
-    """How a question ended, with the numbers of the client library."""
+    """The result of a question, with the numbers of the client library."""
 
     OK = 0
     NO_BUS = 1
@@ -25,9 +25,9 @@ class Status(enum.IntEnum):
 class Error(Exception):
     """A question has no answer.
 
-    status: a Status, or a number that a later release of the library has
-    error: errno if there was no connection to the bus, else 0
-    name, text: the error on the bus; both may be empty, and may hold anything
+    status: a Status, or a number of a later release of the library
+    error: the errno if there is no connection to the bus, else 0
+    name, text: the error on the bus; both may be empty, and may hold any text
     """
 
     def __init__(self, status, error=0, name="", text=""):
@@ -39,7 +39,7 @@ class Error(Exception):
 
 
 class Unavailable(Error):
-    """There is no bus or no daemon, or the bus does not let this program ask."""
+    """There is no bus or no daemon, or the bus policy does not allow this program to ask."""
 
 
 class TooSlow(Error, TimeoutError):
@@ -47,11 +47,11 @@ class TooSlow(Error, TimeoutError):
 
 
 class BadArgument(Error, ValueError):
-    """The URL is too long, or no URL."""
+    """The URL is too long or not valid."""
 
 
 class NoAnswer(Error):
-    """No entry of the answer can be used, and the client was made with refuse=True."""
+    """No entry of the answer can be used, and the client has refuse=True."""
 
 
 _CLASSES = {Status.NO_BUS: Unavailable, Status.NO_DAEMON: Unavailable, Status.DENIED: Unavailable,
@@ -59,12 +59,12 @@ _CLASSES = {Status.NO_BUS: Unavailable, Status.NO_DAEMON: Unavailable, Status.DE
 
 
 def error(status, *details):
-    """The exception for a status, which is not OK."""
+    """Returns the exception for a status that is not OK."""
     return _CLASSES.get(status, Error)(status, *details)
 
 
 def last_error(status):
-    """The exception for the calling thread's last question, with what the bus reported."""
+    """Returns the exception for the calling thread's last question, with the error of the bus."""
     failure = _library.last_failure().contents
     return error(status, failure.error, failure.name.decode(errors="replace"),
                  failure.text.decode(errors="replace"))

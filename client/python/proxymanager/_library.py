@@ -15,7 +15,7 @@ class Failure(ctypes.Structure):
     _fields_ = [("status", c_int), ("error", c_int), ("name", c_char_p), ("text", c_char_p)]
 
 
-# CDLL releases the interpreter's lock during a call, so other threads run while one waits.
+# CDLL releases the interpreter's lock during a call, so other threads run while one thread waits.
 _library = ctypes.CDLL("libproxymanager-client.so.0")
 
 

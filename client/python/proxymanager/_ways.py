@@ -1,4 +1,4 @@
-"""What the adapters of HTTP libraries share."""
+"""Shared code of the adapters for HTTP libraries. A "way" is the URL of a proxy, or DIRECT."""
 
 import collections
 import threading
@@ -9,14 +9,14 @@ from ._client import Kind
 from ._errors import Error
 
 DIRECT = ""
-_MOST_PROXIES = 32  # with connections that are kept; a script may name any number
+_MOST_PROXIES = 32  # proxies with open connections; a script may name any number of proxies
 
 
 def ways(client, url):
-    """The proxies to try for a URL, in order: their URLs, and DIRECT.
+    """Returns the ways for a URL, in the order in which to try them.
 
-    None if the proxy manager leaves the choice to the program: in mode off, and without an answer. A
-    client that refuses raises the Error instead.
+    Returns None if the proxy manager leaves the choice to the program: in mode off, and without an answer.
+    Without an answer, a client with refuse=True raises the Error instead.
     """
     try:
         answer = client.ask(url)
@@ -30,7 +30,7 @@ def ways(client, url):
 
 
 def of_the_environment(url):
-    """The way that the program's environment names, as Python's urllib reads it."""
+    """Returns the way from the environment variables, as Python's urllib reads them."""
     parts = urllib.parse.urlsplit(url)
     proxies = urllib.request.getproxies()
     proxy = proxies.get(parts.scheme) or proxies.get("all") or DIRECT
@@ -40,7 +40,7 @@ def of_the_environment(url):
 
 
 class Pools:
-    """What keeps connections, for the last proxies that were used."""
+    """The connection pools for the last proxies that were used."""
 
     def __init__(self, make):
         self._make = make
@@ -52,7 +52,7 @@ class Pools:
             if way not in self._pools:
                 self._pools[way] = self._make(way)
                 if len(self._pools) > _MOST_PROXIES:
-                    # Not closed: a response may still be read. Its connections end with it.
+                    # It is not closed, because a response may still be read. Its connections end with it.
                     self._pools.popitem(last=False)
             self._pools.move_to_end(way)
             return self._pools[way]

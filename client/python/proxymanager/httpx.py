@@ -3,8 +3,8 @@
     with httpx.Client(transport=ProxyTransport()) as client:
         client.get("http://www.example.org/")
 
-AsyncProxyTransport is for httpx.AsyncClient. Proxies of SOCKS need python3-socksio. httpx knows version 5
-of SOCKS alone, and lets the proxy look names up.
+AsyncProxyTransport is for httpx.AsyncClient. SOCKS proxies need python3-socksio. httpx knows only
+SOCKS version 5, with host names that the proxy resolves.
 """
 
 import anyio.to_thread
@@ -13,38 +13,38 @@ import httpx
 from ._client import Client
 from ._ways import DIRECT, Pools, of_the_environment, ways
 
-# Nobody has seen the request: no connection was made.
+# No connection was made, so no server has seen the request.
 _UNREACHABLE = (httpx.ConnectError, httpx.ConnectTimeout)
 
 
 def _proxy(way):
-    """httpx's own for a way; ValueError if it knows none."""
+    """Returns httpx's proxy for a way. Raises ValueError if httpx does not support it."""
     return None if way == DIRECT else httpx.Proxy(way.replace("socks5h:", "socks5:", 1))
 
 
 def _ways(client, request):
-    """The ways to try."""
+    """Returns the ways to try."""
     url = str(request.url)
     found = ways(client, url)
     return [of_the_environment(url)] if found is None else found
 
 
 class _Transports:
-    """The transports of the proxies, and the client that is asked."""
+    """The transports of the proxies, and the client that answers questions."""
 
     def __init__(self, client, kind, options):
         self.client, self._is_own = client or Client(), client is None
         self._pools = Pools(lambda way: kind(proxy=_proxy(way), **options))
 
     def get(self, way):
-        """None if httpx cannot use the proxy."""
+        """Returns None if httpx cannot use the proxy."""
         try:
             return self._pools.get(way)
         except (ValueError, ImportError):
             return None
 
     def end(self):
-        """The transports, for the caller to close."""
+        """Returns the transports. The caller closes them."""
         if self._is_own:
             self.client.close()
         return self._pools.take_all()
@@ -55,11 +55,11 @@ def _no_way(found):
 
 
 class ProxyTransport(httpx.BaseTransport):
-    """Sends each request by the first proxy of the answer that can be reached.
+    """Sends each request through the first proxy of the answer that can be reached.
 
-    Without an answer the proxy of the environment holds, unless the client refuses.
-    client: asked, and left open; None makes one that is closed with the transport
-    options: those of httpx.HTTPTransport, for the transports of all proxies
+    Without an answer, the transport uses the proxy of the environment, unless the client has refuse=True.
+    client: stays open; without one, the transport makes its own client and closes it
+    options: options of httpx.HTTPTransport, for the transports of all proxies
     """
 
     def __init__(self, client=None, **options):
@@ -83,7 +83,7 @@ class ProxyTransport(httpx.BaseTransport):
 class AsyncProxyTransport(httpx.AsyncBaseTransport):
     """The same for httpx.AsyncClient. A thread waits for the answer, not the event loop.
 
-    options: those of httpx.AsyncHTTPTransport
+    options: options of httpx.AsyncHTTPTransport
     """
 
     def __init__(self, client=None, **options):

@@ -14,9 +14,9 @@ from ._ways import DIRECT, ways
 
 
 def _is_unreachable(error):
-    """Whether nobody has seen the request: no connection was made."""
+    """Returns whether no connection was made, so no server has seen the request."""
     if isinstance(error, (requests.exceptions.ConnectTimeout, requests.exceptions.InvalidSchema)):
-        return True  # the latter: there is no library for SOCKS
+        return True  # InvalidSchema: the library for SOCKS is missing
     reason = getattr(error.args[0] if error.args else None, "reason", None)
     if isinstance(reason, urllib3.exceptions.ProxyError):
         reason = reason.original_error
@@ -25,11 +25,12 @@ def _is_unreachable(error):
 
 
 class ProxyAdapter(requests.adapters.HTTPAdapter):
-    """Sends each request by the first proxy of the answer that can be reached.
+    """Sends each request through the first proxy of the answer that can be reached.
 
-    Without an answer the proxies of the session and of the environment hold, unless the client refuses.
-    client: asked, and left open; None makes one that is closed with the adapter
-    options: those of requests.adapters.HTTPAdapter
+    Without an answer, it uses the proxies of the session and of the environment, unless the client has
+    refuse=True.
+    client: stays open; without one, the adapter makes its own client and closes it
+    options: options of requests.adapters.HTTPAdapter
     """
 
     def __init__(self, client=None, **options):
@@ -40,7 +41,7 @@ class ProxyAdapter(requests.adapters.HTTPAdapter):
         found = ways(self._client, request.url)
         if found is None:
             return super().send(request, stream, timeout, verify, cert, proxies)
-        # After a redirect requests adds the password of a proxy of the environment, which is not for this one.
+        # After a redirect, requests adds the password for the environment's proxy. It is not for this proxy.
         request.headers.pop("Proxy-Authorization", None)
         for way in found:
             by = {} if way == DIRECT else {"http": way, "https": way}

@@ -3,7 +3,7 @@
     opener = urllib.request.build_opener(ProxyHandler())
     opener.open("http://www.example.org/")
 
-Proxies of SOCKS need python3-socks. A proxy that is reached with TLS cannot be used.
+SOCKS proxies need python3-socks. A proxy that expects TLS cannot be used.
 """
 
 import base64
@@ -24,11 +24,11 @@ from ._ways import DIRECT, of_the_environment, ways
 
 
 class _Unreachable(OSError):
-    """No connection was made, so nobody has seen the request."""
+    """No connection was made, so no server has seen the request."""
 
 
 def _connecting(way):
-    """A function in the place of socket.create_connection, which connects by SOCKS if the way does."""
+    """Returns a replacement of socket.create_connection, which connects by SOCKS if the way is SOCKS."""
     def create(address, timeout=socket._GLOBAL_DEFAULT_TIMEOUT, source_address=None):
         try:
             if not way.scheme.startswith("socks"):
@@ -48,7 +48,7 @@ def _connecting(way):
 
 
 def _by(way, request):
-    """A copy of the request that goes by an HTTP proxy."""
+    """Returns a copy of the request for an HTTP proxy."""
     sent = copy.copy(request)
     sent.headers, sent.unredirected_hdrs = dict(request.headers), dict(request.unredirected_hdrs)
     if way.scheme == "http":
@@ -59,14 +59,14 @@ def _by(way, request):
     return sent
 
 
-# An opener leaves out each of its own handlers that one of its class replaces.
+# An opener omits a default handler if a given handler is of a subclass of it.
 class ProxyHandler(urllib.request.ProxyHandler, urllib.request.HTTPSHandler,
                    urllib.request.HTTPHandler):
-    """Opens each http and https URL by the first proxy of the answer that can be reached.
+    """Opens each http and https URL through the first proxy of the answer that can be reached.
 
-    Without an answer the proxy of the environment holds, unless the client refuses.
-    client: asked, and left open; None makes one that ends with the handler
-    context: of the TLS connections
+    Without an answer, it uses the proxy of the environment, unless the client has refuse=True.
+    client: stays open; without one, the handler makes its own client, which ends with it
+    context: for TLS connections
     """
 
     handler_order = urllib.request.HTTPHandler.handler_order

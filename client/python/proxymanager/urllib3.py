@@ -3,7 +3,7 @@
     manager = PoolManager()
     manager.request("GET", "http://www.example.org/")
 
-Proxies of SOCKS need python3-socks.
+SOCKS proxies need python3-socks.
 """
 
 from urllib.parse import unquote
@@ -16,17 +16,17 @@ from ._ways import DIRECT, Pools, of_the_environment, ways
 
 
 class _Asking:
-    """A manager that follows a redirect by asking again."""
+    """A pool manager that asks again for the URL of a redirect."""
 
     asker = None
 
     def send(self, method, url, **options):
         return super().urlopen(method, url, **options)
 
-    # urllib3 calls it for a redirect.
+    # urllib3 calls this method for a redirect.
     def urlopen(self, method, url, **options):
         headers = dict(options.pop("headers", None) or {})
-        headers.pop("Host", None)  # which it took from the first URL
+        headers.pop("Host", None)  # it is the host of the first URL
         return self.asker.urlopen(method, url, headers=headers, **options)
 
 
@@ -45,7 +45,7 @@ def _manager(way, options):
     if not parts.scheme.startswith("socks"):
         headers = urllib3.make_headers(proxy_basic_auth=unquote(parts.auth)) if parts.auth else None
         return _ByHttp(f"{parts.scheme}://{parts.netloc}", proxy_headers=headers, **options)
-    from urllib3.contrib.socks import SOCKSProxyManager  # ImportError without python3-socks
+    from urllib3.contrib.socks import SOCKSProxyManager  # raises ImportError without python3-socks
 
     class BySocks(_Asking, SOCKSProxyManager):
         pass
@@ -55,7 +55,7 @@ def _manager(way, options):
 
 
 def _is_unreachable(error):
-    """Whether nobody has seen the request: no connection was made, or there is no library for SOCKS."""
+    """Returns whether no server has seen the request: no connection, or the library for SOCKS is missing."""
     if isinstance(error, ImportError):
         return True
     reason = error.reason if isinstance(error, MaxRetryError) else error
@@ -65,11 +65,11 @@ def _is_unreachable(error):
 
 
 class PoolManager(urllib3.PoolManager):
-    """Sends each request by the first proxy of the answer that can be reached.
+    """Sends each request through the first proxy of the answer that can be reached.
 
-    Without an answer the proxy of the environment holds, unless the client refuses.
-    client: asked, and left open; None makes one that ends with the manager
-    options: those of urllib3.PoolManager, for the managers of all proxies
+    Without an answer, it uses the proxy of the environment, unless the client has refuse=True.
+    client: stays open; without one, the manager makes its own client, which ends with it
+    options: options of urllib3.PoolManager, for the managers of all proxies
     """
 
     def __init__(self, client=None, **options):
