@@ -1,4 +1,4 @@
-// ASCII characters and texts, whatever the locale.
+// ASCII characters and texts. The locale has no effect.
 #pragma once
 
 #include <algorithm>
@@ -44,7 +44,7 @@ inline std::string lowerCase(std::string_view text) {
   return lower;
 }
 
-/// Whether two texts are the same but for the case of ASCII letters.
+/// Whether two texts are equal if the case of ASCII letters is ignored.
 constexpr bool equalIgnoringCase(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                     [](char x, char y) { return lowerCase(x) == lowerCase(y); });

@@ -1,6 +1,5 @@
 // The line that the daemon gives its supervisor and that proxymanagerctl status reads there.
-//
-// Everybody may read it, so it has hosts and never whole URLs: a URL can hold a password.
+// Every user may read it, so it has hosts and never whole URLs: a URL can hold a password.
 #pragma once
 
 #include <cstdint>

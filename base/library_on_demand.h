@@ -32,9 +32,9 @@ bool find(void* library, const char* name, Function& function) {
   return function != nullptr;
 }
 
-/// A library and those of its functions that are called, for any thread. `Functions` are pointers
-/// to them. If a library is not available now, the next call looks for it again, because memory or
-/// descriptors may be available then.
+/// A library and those of its functions that the program calls. `Functions` are pointers to these
+/// functions. Any thread may use it. If a library is not available now, the next call looks for it
+/// again, because memory or descriptors may be available then.
 template <typename Functions>
 class Library {
  public:

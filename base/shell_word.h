@@ -6,8 +6,8 @@
 
 namespace base {
 
-/// `text` between single quotes, as one word that a POSIX shell reads back as it is; a single quote
-/// in it becomes '\''. A NUL, which no word of a shell can hold, is left in place.
+/// `text` between single quotes: one word from which a POSIX shell reads back the same text. A
+/// single quote in it becomes '\''. A NUL, which no word of a shell can hold, is left in place.
 inline std::string shellWord(std::string_view text) {
   std::string word = "'";
   for (const char c : text) {

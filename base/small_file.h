@@ -17,18 +17,18 @@ namespace base {
 /// The owners whose files are accepted.
 enum class FileOwner {
   anybody,
-  rootOrSelf,  ///< root's, and those of the process's effective user
+  rootOrSelf,  ///< files of root, and files of the process's effective user
 };
 
 /// The demands of a reader on a file. The file must always be regular.
 struct FileDemands {
   std::size_t mostBytes = 0;  ///< a file with one byte more is refused
   FileOwner owner = FileOwner::rootOrSelf;
-  /// A symbolic link at the path's end is followed. Only for files in folders that are trusted:
-  /// links in the path before its end are always followed.
+  /// Whether a symbolic link at the end of the path is followed. Use it only for files in trusted
+  /// folders: links before the end of the path are always followed.
   bool followsLink = false;
-  /// A file that has a second name (hard link) is accepted. In a shared folder any user can give a
-  /// file of root a second name, unless the kernel forbids it (fs.protected_hardlinks).
+  /// Whether a file with a second name (hard link) is accepted. In a shared folder any user can
+  /// give a file of root a second name, unless the kernel forbids it (fs.protected_hardlinks).
   bool acceptsSecondName = false;
 };
 
@@ -52,16 +52,16 @@ enum class FileProblem {
 /// Why a file was not accepted or read. Converts to true if there is a problem.
 struct FileFailure {
   FileProblem problem = FileProblem::none;
-  /// 0 if there is no problem. If a call failed, its errno value. If the file is refused, the value
-  /// that fits best: ELOOP, EINVAL (not regular), EPERM (owner), EMLINK, EFBIG.
+  /// 0 if there is no problem. If a call failed, its errno value. If the file is refused, the errno
+  /// value that fits best: ELOOP, EINVAL (not regular), EPERM (owner), EMLINK, EFBIG.
   int error = 0;
   explicit operator bool() const { return problem != FileProblem::none; }
 };
 
-/// A file that is open and meets the demands.
+/// An open file that meets the demands.
 struct OpenFile {
   UniqueFd fd;              ///< for reading, close-on-exec; none if there is a failure
-  struct stat status = {};  ///< of what was opened; all zero if there is a failure
+  struct stat status = {};  ///< the opened file's status; all zero after a failure
   FileFailure failure;
 };
 
@@ -84,7 +84,7 @@ OpenFile openFile(const char* path, const FileDemands& demands) noexcept;
 /// thread. Throws std::bad_alloc.
 FileText readToEnd(int fd, std::size_t mostBytes);
 
-/// openFile() and readToEnd(): the whole file `path`, which may grow while it is read.
+/// Reads the whole file `path` with openFile() and readToEnd(). The file may grow meanwhile.
 /// Any thread. Throws std::bad_alloc.
 FileText readFile(const char* path, const FileDemands& demands);
 

@@ -13,7 +13,8 @@ namespace base {
 class UniqueFd {
  public:
   UniqueFd() = default;
-  /// Takes ownership of `fd`. A negative `fd`, as open() returns it on failure, is no descriptor.
+  /// Takes ownership of `fd`. A negative `fd`, which open() returns on failure, means no
+  /// descriptor.
   explicit UniqueFd(int fd) noexcept : mFd(fd) {}
   UniqueFd(UniqueFd&& other) noexcept : mFd(other.release()) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {

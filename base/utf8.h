@@ -8,11 +8,11 @@ namespace base {
 
 /// One character of a text.
 struct Utf8Character {
-  std::size_t length = 0;  ///< bytes; 0 if the bytes are no character
+  std::size_t length = 0;  ///< bytes; 0 if the bytes are not a character
   char32_t code = 0;
 };
 
-/// How many bytes a character has whose first byte is `lead`; 0 if none begins with it.
+/// The number of bytes of a character whose first byte is `lead`; 0 if no character begins with it.
 constexpr std::size_t utf8Length(char lead) {
   const auto byte = static_cast<unsigned char>(lead);
   if (byte < 0x80) return 1;
@@ -36,9 +36,9 @@ constexpr bool isNoncharacter(char32_t code) {
   return (code >= 0xFDD0 && code <= 0xFDEF) || (code & 0xFFFEU) == 0xFFFE;
 }
 
-/// The character that begins at `at`, which is less than the size of `text`. It is no character if
-/// its bytes are incomplete, in a form that is too long, or beyond U+10FFFF. A surrogate in three
-/// bytes is returned like a character, because script engines write one; RFC 3629 forbids it.
+/// The character that begins at `at`, which is less than the size of `text`. The result has length
+/// 0 if the bytes are incomplete, too long a form, or beyond U+10FFFF. A surrogate in three bytes
+/// is returned like a character, because script engines write one; RFC 3629 forbids it.
 constexpr Utf8Character utf8CharacterAt(std::string_view text, std::size_t at) {
   const auto lead = static_cast<unsigned char>(text[at]);
   const std::size_t length = utf8Length(text[at]);

@@ -24,7 +24,8 @@ std::string visible(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const Utf8Character character = utf8CharacterAt(text, at);
     if (character.length == 0 || isSurrogate(character.code)) {
-      // A single such byte is no character, and some terminals treat it as a control character.
+      // A single byte of this range is not a character, and some terminals treat it as a control
+      // character.
       appendEscaped(shown, static_cast<unsigned char>(text[at++]));
       continue;
     }

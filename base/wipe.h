@@ -24,7 +24,7 @@ inline void wipe(std::string& text) noexcept {
   text.clear();
 }
 
-/// Wipes `text`, which lives longer, at the end of its own scope.
+/// At the end of its own scope, it wipes `text`, which must live longer.
 class WipedAtEnd {
  public:
   explicit WipedAtEnd(std::string& text) : mText(text) {}

@@ -118,8 +118,9 @@ bool waitUnlessItLives(const UniqueFd& process, siginfo_t& info) {
          info.si_pid != 0;
 }
 
-/// Processes that were killed and lived on. The next start or end waits for those that have ended
-/// by then, so that they do not stay in the table of processes for as long as this one lives.
+/// Processes that were killed but have not ended. The next start or end of a child waits for those
+/// that have ended by then, so that they do not stay in the process table as long as this process
+/// lives.
 class UnreapedChildren {
  public:
   void add(UniqueFd process) {

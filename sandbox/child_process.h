@@ -34,7 +34,7 @@ struct ChildOptions {
 class ChildProcess {
  public:
   /// Starts a child process. Any thread.
-  /// @param problem receives the reason if there is no child, with the program's path in it
+  /// @param problem receives the reason, with the program's path, if the start fails
   /// @return the child, or null
   static std::unique_ptr<ChildProcess> start(const ChildOptions& options, std::string& problem);
 
@@ -48,9 +48,9 @@ class ChildProcess {
   /// @return whether the child has ended; false also after end()
   bool hasEnded() const;
 
-  /// Kills the child unless it has ended and waits for its end, 1 s at most. A child that lives on
-  /// (in a system call that cannot be interrupted, or under a debugger) is waited for when the next
-  /// child starts or ends; the log has a warning.
+  /// Kills the child unless it has ended, and waits for its end for at most 1 s. If the child does
+  /// not end (in a system call that cannot be interrupted, or under a debugger), the log gets a
+  /// warning, and the next start or end of a child waits for it again.
   /// @return how the child ended, for the log: "exit 0", "signal 9", "does not end", or "ended" if
   ///         this function ran before
   std::string end();

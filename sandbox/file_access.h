@@ -8,10 +8,10 @@
 
 namespace sandbox {
 
-/// From here on this process opens no file for writing, makes, moves and removes none, runs no
-/// program, and reads only what is at or below `paths`. A missing path is skipped; links in a path
-/// are followed now. Descriptors that are open stay as they are. Needs no_new_privs.
-/// @param inForce receives whether the rule holds; a kernel without Landlock is no failure
+/// After this call, the process cannot open a file for writing, cannot make, move or remove a file,
+/// and cannot run a program. It can read only files at or below `paths`. A missing path is skipped;
+/// links in a path are resolved now. Open descriptors do not change. It needs no_new_privs.
+/// @param inForce receives whether the rule is in force; a kernel without Landlock is not a failure
 Failure readOnly(std::span<const char* const> paths, bool& inForce);
 
 }  // namespace sandbox

@@ -1,5 +1,6 @@
-// A list of the system calls that a process may still make, by libseccomp. It holds only in builds
-// with PROXYMANAGER_SECCOMP; callers name calls as SCMP_SYS(name) and are compiled out with it.
+// A list of the system calls that a process may still make, by libseccomp. It exists only in builds
+// with PROXYMANAGER_SECCOMP. Callers use SCMP_SYS(name) for a call, and are compiled out without
+// it.
 #pragma once
 
 #include <seccomp.h>
@@ -12,7 +13,7 @@
 
 namespace sandbox {
 
-/// Conditions on the arguments of a call; all must hold.
+/// Conditions on the arguments of a call. All of them must be true.
 using Arguments = std::vector<scmp_arg_cmp>;
 
 /// Argument number `argument` (from 0) equals `value`, all 64 bits.

@@ -36,8 +36,8 @@ void dropBoundingSet() {
   }
 }
 
-/// Leaves the network by a user namespace, which needs no privilege. Only once the process is
-/// nobody outside of it: inside, without a map, even root looks like nobody.
+/// Leaves the network through a user namespace, which needs no privilege. Call it only after the
+/// process has become nobody: inside such a namespace without a map, even root looks like nobody.
 void leaveNetworkUnprivileged() {
   // A new user namespace comes with a full bounding set of its own.
   if (unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) dropBoundingSet();

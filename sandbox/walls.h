@@ -24,8 +24,8 @@ using Failure = std::optional<std::string>;
 Failure failed(const std::string& what);
 
 enum class Network : std::uint8_t {
-  keep,  ///< the process goes on in the network that it was started in
-  leave  ///< an empty network, if the kernel gives one; if not, that is no failure
+  keep,  ///< the process stays in the network in which it was started
+  leave  ///< an empty network if the kernel allows one; if not, this is not a failure
 };
 
 /// Gives up every privilege. The process gets no new privileges when it starts a program. If it

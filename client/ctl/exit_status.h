@@ -8,8 +8,9 @@
 
 namespace client {
 
-/// The low numbers are about the question; the high ones are those of sysexits.h, so that a shell
-/// script can tell a wrong PAC script from a wrong command line; the last two are those of a shell.
+/// The low numbers are results of a question. The high numbers come from sysexits.h, so that a
+/// shell script can distinguish a wrong PAC script from a wrong command line. The last two are the
+/// shell's.
 enum ExitStatus : int {
   kAnswered = 0,
   kNoAnswer = 1,
@@ -29,7 +30,7 @@ enum ExitStatus : int {
 
 struct StatusText {
   ExitStatus status;
-  const char* text;  ///< further lines of a text begin behind a "\n"
+  const char* text;  ///< further lines of a text begin after a "\n"
 };
 
 inline constexpr std::array<StatusText, 14> kStatusTexts{{

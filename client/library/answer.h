@@ -1,4 +1,4 @@
-// An answer as programs hold it: read once, never changed, shared by counting its holders.
+// An answer in the form that programs hold: read once, never changed, with a count of its holders.
 #pragma once
 
 #include <atomic>
@@ -24,7 +24,7 @@ struct proxymanager_answer {
   const std::string& mode() const { return mParsed.mode; }
   const std::vector<proxymanager_entry>& entries() const { return mEntries; }
 
-  /// Roughly the memory that it takes, in bytes.
+  /// The approximate memory of the answer, in bytes.
   std::size_t bytes() const;
 
  private:

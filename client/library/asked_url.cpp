@@ -11,7 +11,7 @@ std::optional<std::string> askedUrl(std::string_view url) {
   auto asked = domain::canonicalUrl(url, PROXYMANAGER_MAX_URL);
   if (!asked) return std::nullopt;
   if (domain::hasScheme(*asked)) {
-    // A percent sign in the host may stand for a byte that the bus does not carry.
+    // An encoded byte in the host may be one that the bus cannot carry.
     return isBusText(*asked) ? asked : std::nullopt;
   }
   if (asked->find("://") != std::string::npos) return std::nullopt;  // a password may be anywhere

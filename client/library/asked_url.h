@@ -7,12 +7,11 @@
 
 namespace client {
 
-/// The canonical form of `url` (domain/canonical_url.h): URLs that mean the same get one answer,
-/// and no user name or password reaches the bus or the daemon's log. If the text has no "://", only
-/// the part before an "@" is removed.
-/// @return nothing for what the bus does not carry, for more than PROXYMANAGER_MAX_URL bytes and
-/// for
-///         a text whose "://" follows no scheme
+/// The canonical form of `url` (domain/canonical_url.h). Equivalent URLs get the same answer, and
+/// no user name or password reaches the bus or the daemon's log. If the text has no "://", only the
+/// part before an "@" is removed.
+/// @return nothing if the bus cannot carry the text, if the text is longer than
+///         PROXYMANAGER_MAX_URL bytes, or if it has no valid scheme before its "://"
 std::optional<std::string> askedUrl(std::string_view url);
 
 }  // namespace client

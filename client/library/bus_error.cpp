@@ -7,7 +7,7 @@ namespace client {
 namespace {
 
 struct Row {
-  std::string_view name;  ///< behind kPrefix; one that ends in "." begins names
+  std::string_view name;  ///< after kPrefix; one with "." at its end is a prefix
   BusError meaning;
 };
 

@@ -79,7 +79,8 @@ Reply replyOf(sd_bus_message* reply) {
   return read(reply);
 }
 
-/// User name and password of a reply of getProxyconfig; nothing if it may not be read.
+/// The user name and the password in a reply of getProxyconfig. Nothing if this program may not
+/// read them.
 /// @throws std::bad_alloc
 std::optional<std::string> credentialsOf(sd_bus_message* reply) {
   const char* user = nullptr;
@@ -182,7 +183,7 @@ int BusLink::onReply(sd_bus_message* message, void* asked, sd_bus_error*) {
   return 1;
 }
 
-/// Asks for what is still missing. @return false if the answer is complete as it is
+/// Asks for the missing part of an answer. @return false if nothing is missing
 bool BusLink::askConfiguration(Asked& asked) {
   if ((mFlags & PROXYMANAGER_WITH_CREDENTIALS) == 0) return false;
   const auto& entries = asked.mAnswer->entries;

@@ -51,7 +51,7 @@ class BusLink {
     /// name sent the reply, and the link would have received every change of that owner.
     virtual void replied(Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept = 0;
     virtual void answersChanged() noexcept = 0;
-    /// Somebody or nobody owns the daemon's name. Called when this is first known, and at each
+    /// Reports whether the daemon's name has an owner. Called when this is first known, and at each
     /// change.
     virtual void ownerChanged(bool isThere) noexcept = 0;
 
@@ -110,7 +110,7 @@ class BusLink {
   Listener& mListener;
   std::unique_ptr<sd_bus, BusCloser> mBus;
   bool mIsReady = false;
-  int mAnswered = 0;                  ///< how many of its own calls
+  int mAnswered = 0;                  ///< how many of its own calls were answered
   int mMatches = 0;                   ///< how many of the rules the bus has taken
   std::optional<std::string> mOwner;  ///< unique name of the daemon; empty if it does not run
 };

@@ -5,8 +5,8 @@
 
 namespace client {
 
-/// Whether `text` is UTF-8 without NUL, which is all that the bus carries, and without Unicode's
-/// noncharacters, which its library does not take.
+/// Whether `text` is UTF-8 without NUL and without Unicode's noncharacters. The bus carries only
+/// UTF-8 without NUL, and its library refuses noncharacters.
 bool isBusText(std::string_view text);
 
 }  // namespace client

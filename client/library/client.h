@@ -99,7 +99,8 @@ class Client final : public BusLink::Listener {
   using Calls = std::list<Call>;
 
   struct Watch {
-    /// Told whether the daemon is there, by a link that it found or that has been looked for since.
+    /// What the watch knows about the daemon: nothing yet, a search is running, or its state was
+    /// reported.
     enum class State { kNew, kLooking, kTold };
 
     proxymanager_id id;
@@ -159,15 +160,15 @@ class Client final : public BusLink::Listener {
   proxymanager_id mLastId PM_GUARDED_BY(mMutex) = 0;
   std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts what made answers wrong
   Calls mCalls PM_GUARDED_BY(mMutex);
-  std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< whose end has not been reported
-  Questions mEnded PM_GUARDED_BY(mMutex);                ///< whose callbacks are to be called
+  std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< questions without a reported end
+  Questions mEnded PM_GUARDED_BY(mMutex);                ///< their callbacks must still run
   std::list<Watch> mWatches PM_GUARDED_BY(mMutex);
   proxymanager_id mRunningWatch PM_GUARDED_BY(mMutex) = 0;
   std::condition_variable mWatchReturned;
 
   // Used only by the client's thread.
   std::optional<BusLink> mLink;
-  Clock::time_point mLinkEnd;  ///< when it is given up, unless it is settled by then
+  Clock::time_point mLinkEnd;  ///< when the client gives up a link that is not ready
   bool mIsOwnerKnown = false;  ///< on this link
   Clock::time_point mRetryAt;
   std::chrono::milliseconds mPause{kFirstPause};

@@ -45,7 +45,7 @@ std::string_view viewOf(const char* url) {
   return {url, strnlen(url, PROXYMANAGER_MAX_URL + std::size_t{1})};
 }
 
-/// Records how a question ended, or that it did not begin.
+/// Records how a question ended, or why it did not start.
 proxymanager_status told(const Outcome& outcome) noexcept {
   setLastFailure(outcome);
   return outcome.status;

@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kThreadName = "pm-client";
 
-/// Milliseconds for poll(), rounded up; -1 for no end.
+/// The timeout for poll() in milliseconds, rounded up; -1 for none.
 int untilPollEnds(std::optional<Clock::time_point> end) {
   if (!end) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now()).count();
@@ -229,8 +229,8 @@ void Client::setPresence(Presence presence) {
   }
 }
 
-/// The daemon's state from the end of an old link is reported only to watches that have looked for
-/// the bus again.
+/// Only a watch that has looked for the bus again gets the daemon's state from the end of an old
+/// connection.
 void Client::tellNewWatches() {
   if (mPresence == Presence::kUnknown || (mLink && !mIsOwnerKnown)) return;
   tell(mPresence == Presence::kThere ? PROXYMANAGER_DAEMON_CAME : PROXYMANAGER_DAEMON_WENT, true);

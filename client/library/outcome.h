@@ -50,7 +50,7 @@ Outcome failedConnecting(int error) noexcept;
 /// ETIMEDOUT.
 Outcome tooSlow(bool isConnected) noexcept;
 
-/// A question that did not leave; `error` is an errno.
+/// For a question that was not sent. `error` is an errno.
 Outcome failedSending(int error) noexcept;
 
 /// Records how the last question of this thread ended, for lastFailure().

@@ -110,8 +110,8 @@ bool setAddress(std::string_view text, ProxyEntry& entry) {
   return port.has_value();
 }
 
-/// Whether `text` may stand before the "@" of a URL. The accepted characters end no word of a shell
-/// and do not control a terminal. The proxy reports any other mistake.
+/// Whether `text` may stand before the "@" of a URL. The accepted characters neither end a word in
+/// a shell nor control a terminal. The proxy reports any other mistake.
 bool areCredentials(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) {
     return c > ' ' && c < '\x7F' &&

@@ -30,8 +30,8 @@ enum class ProxyKind {
 /// One thing to try.
 struct ProxyEntry {
   ProxyKind kind = ProxyKind::kUnusable;
-  std::string text;         ///< as the daemon gives it
-  std::string credentials;  ///< "user:password" of a URL, still percent-encoded; mostly empty
+  std::string text;         ///< the daemon's text
+  std::string credentials;  ///< "user:password" of a URL, still percent-encoded; usually empty
   std::string host;         ///< a name, an IPv4 address, or an IPv6 one in brackets
   std::uint16_t port = 0;   ///< in host order; 0 if there is no proxy
 
@@ -63,25 +63,27 @@ std::vector<ProxyEntry> parseEntries(std::string_view text);
 /// The answer for URLs of this machine (domain/local_host.h): DIRECT, in the mode "local".
 ProxyAnswer localAnswer();
 
-/// Reads a manual proxy: a URL whose scheme is http, https, socks (as socks5h), socks4, socks4a,
-/// socks5 or socks5h; without one it is http. A path of "/" may follow. Empty text: DIRECT.
+/// Reads a manual proxy: a URL with the scheme http, https, socks (read as socks5h), socks4,
+/// socks4a, socks5 or socks5h. A text without a scheme counts as http. A path of "/" may follow. An
+/// empty text means DIRECT.
 ProxyEntry parseManualProxy(std::string_view text);
 
 /// Whether `text` names a mode: "off", "manual", "pacurl" or "wpad".
 bool isMode(std::string_view text);
 
-/// Reads what the daemon returns: the mode, then in modes off and manual one text, which may be
-/// empty, in the others one for each entry, kMaxEntries at most.
-/// @return nothing if the daemon has no service any more because it is about to end (it then
-/// returns "off" alone), or if there is no text at all
+/// Reads the texts that the daemon returns. The first is the mode. In the modes off and manual, one
+/// text follows, which may be empty. In the other modes, one text follows for each entry,
+/// kMaxEntries at most.
+/// @return nothing if there is no text, or if the daemon returns only "off": it then has no service
+///         any more because it is about to end
 std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts);
 
 /// "user:password" for the URL of a proxy, percent-encoded; "user" without a password.
 std::string credentialsOf(std::string_view userName, std::string_view password);
 
-/// Whether the configuration's user name and password may go into `entry` of `answer`: it is a
-/// proxy without credentials of its own, and the mode is manual or its host is one of `hosts`. A
-/// script could name any host, and would get the password.
+/// Whether the configuration's user name and password may be added to `entry` of `answer`. The
+/// entry must be a proxy without credentials, and the mode must be manual or its host must be one
+/// of `hosts`. A script could name any host, and would get the password.
 bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
                       std::span<const std::string> hosts);
 

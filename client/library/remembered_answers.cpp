@@ -59,7 +59,7 @@ void SharedAnswers::clear() {
   }
 }
 
-/// The length and the end of a URL choose the part. This is cheaper than the hash, which is made
+/// The length and the last characters of a URL select the part.
 /// inside the lock.
 SharedAnswers::Part& SharedAnswers::partOf(std::string_view url) {
   std::size_t sum = url.size();

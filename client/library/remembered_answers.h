@@ -19,8 +19,8 @@ namespace client::library {
 /// For one thread at a time.
 class RememberedAnswers {
  public:
-  /// @param maxAnswers how many there may be
-  /// @param maxBytes how many bytes they may take with their URLs, by bytesOf()
+  /// @param maxAnswers most answers
+  /// @param maxBytes most bytes of all answers with their URLs, by bytesOf()
   RememberedAnswers(std::size_t maxAnswers, std::size_t maxBytes)
       : mMaxAnswers(maxAnswers), mMaxBytes(maxBytes) {}
   RememberedAnswers(const RememberedAnswers&) = delete;
@@ -54,11 +54,11 @@ class RememberedAnswers {
   std::size_t mMaxBytes;
   std::size_t mBytes = 0;
   std::list<Remembered> mByUse;                        ///< the latest used first
-  std::unordered_map<std::string_view, Place> mByUrl;  ///< the texts are those of mByUse
+  std::unordered_map<std::string_view, Place> mByUrl;  ///< keys are views of texts in mByUse
 };
 
-/// The same for many threads at once: each URL belongs to one of several parts, and each part has
-/// its own lock and an equal share of the room.
+/// The same for many threads: each URL belongs to one of several parts, and each part has its own
+/// lock and an equal share of the space.
 class SharedAnswers {
  public:
   SharedAnswers() = default;

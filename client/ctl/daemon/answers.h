@@ -1,4 +1,4 @@
-// Answers for URLs, as the commands give them to programs.
+// Answers for URLs in the form that the commands pass to programs.
 #pragma once
 
 #include <chrono>
@@ -14,8 +14,8 @@ namespace client {
 struct AnswerOptions {
   /// Ask the daemon about this machine, too (domain/local_host.h).
   bool askLocal = false;
-  /// Put the configured user name and password into a manual proxy's URL, if this user may read the
-  /// configuration and the URL has no user name of its own.
+  /// Whether the configured user name and password are added to a manual proxy's URL. This needs a
+  /// user who may read the configuration, and a URL without a user name.
   bool withCredentials = false;
   /// Put them also into a script's answer, but only for proxies on these hosts: a script could name
   /// any host.

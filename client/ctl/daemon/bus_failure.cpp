@@ -92,7 +92,7 @@ Failure failedSettingsCall(std::string_view name, std::string_view text,
 }
 
 Failure failedConnection(std::string_view address, int error) {
-  // The library skips transports that it does not know, and then has nothing to connect to.
+  // The bus library skips unknown transports, and then has no address left.
   if (error == ECONNREFUSED && !hasTransport(address)) error = EINVAL;
   const auto reason = std::generic_category().message(error);
   const auto bus = "the message bus at " + std::string(address);

@@ -27,13 +27,13 @@ Failure failedSettingsCall(std::string_view name, std::string_view text,
 /// The error name for a call whose time limit is over; the bus itself never sends this name.
 inline constexpr std::string_view kGivenUp = "org.freedesktop.DBus.Error.Timeout";
 
-/// Why there is no connection to the bus at `address`; `error` is an errno.
+/// Describes why there is no connection to the bus at `address`. `error` is an errno.
 Failure failedConnection(std::string_view address, int error);
 
 /// The connection ended while it was used.
 Failure lostConnection();
 
-/// The daemon answered that it has no service any more.
+/// The daemon's answer was that it has no service any more.
 Failure endingDaemon();
 
 /// The reply does not have the form of the interface.

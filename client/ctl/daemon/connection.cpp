@@ -114,7 +114,7 @@ Connection connectTo(const std::string& host, std::uint16_t port, std::chrono::m
 std::string firstLine(int socket, const std::string& request, std::chrono::milliseconds limit,
                       std::string& problem) {
   const auto end = Clock::now() + limit;
-  // A request of some hundred bytes fits into the buffer of a new connection.
+  // A request of a few hundred bytes fits into the buffer of a new connection.
   if (send(socket, request.data(), request.size(), MSG_NOSIGNAL) !=
       static_cast<ssize_t>(request.size())) {
     problem = textOf(errno);

@@ -32,7 +32,7 @@ constexpr CallKind kReadConfiguration{"read the configuration", false};
 constexpr CallKind kConfigure{"change the configuration", true};
 constexpr CallKind kListen{"listen to signals", false};
 
-/// An error of sd-bus, which frees what it names.
+/// An error of sd-bus. Frees the texts that belong to it.
 class BusError {
  public:
   BusError() = default;
@@ -53,14 +53,14 @@ bool isLost(int error) {
   return std::find(kLost.begin(), kLost.end(), error) != kLost.end();
 }
 
-/// For calls that fail because there is no memory or no connection.
+/// For calls that fail only without memory or without a connection.
 void check(int result) {
   if (result >= 0) return;
   if (isLost(-result)) throw lostConnection();
   throw std::system_error(-result, std::generic_category(), "the message bus");
 }
 
-/// For readings of a reply, whose form the daemon decides.
+/// For the parts of a reply, whose form the daemon decides.
 void checkForm(int result) {
   if (result <= 0) throw wrongReply();
 }
@@ -92,7 +92,7 @@ BusHandle openSystemBus() {
   // The time limit of the calls that the library itself makes.
   if (result >= 0) result = sd_bus_set_method_call_timeout(bus, microseconds(kBusLimit));
   if (result >= 0) result = sd_bus_start(bus);
-  // The library's own handshake is given 90 s.
+  // The bus library's own limit for the handshake is 90 s.
   const auto end = Clock::now() + kBusLimit;
   while (result >= 0 && sd_bus_is_ready(bus) == 0) {
     result = sd_bus_process(bus, nullptr);
@@ -215,8 +215,8 @@ std::optional<std::string> DaemonBus::serviceStatus(std::int64_t process) {
   return text;
 }
 
-/// Sends `message`, which it releases. @return null if there is no answer; the bus starts no
-/// systemd
+/// Sends `message` and releases it. @return null if there is no answer. The bus does not start
+/// systemd for this call.
 Message DaemonBus::askSystemd(sd_bus_message* message) {
   const Message call(message);
   check(sd_bus_message_set_auto_start(message, 0));

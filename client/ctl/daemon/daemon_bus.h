@@ -90,8 +90,8 @@ class DaemonBus {
   /// @return nothing if nobody owns the name
   std::optional<Owner> owner();
 
-  /// What systemd shows as the status of the service that `process` belongs to. @return nothing if
-  /// there is no systemd on the bus, or it has no such service
+  /// The status text that systemd shows for the service of the process `process`. @return nothing
+  /// if there is no systemd on the bus, or no such service
   std::optional<std::string> serviceStatus(std::int64_t process);
 
   /// Calls `listener` for each signal that fits `rule`, during waitFor() and runUntil(), as long as

@@ -1,4 +1,4 @@
-// The socket unit of proxymanager-relay, as systemd knows it.
+// The socket unit of proxymanager-relay, and what systemd reports about it.
 #pragma once
 
 #include <chrono>
@@ -17,8 +17,8 @@ struct RelayUnit {
   bool listens = false;    ///< kRelayEndpoint is among its addresses
 };
 
-/// Asks systemd, and starts nothing. Throws Failure (kUnavailable and those of the bus) if systemd
-/// gives no answer within `limit`.
+/// Asks systemd, and starts nothing. Throws Failure: kUnavailable if systemd does not answer within
+/// `limit`, or the failure of the bus.
 RelayUnit readRelayUnit(std::chrono::microseconds limit);
 
 }  // namespace client

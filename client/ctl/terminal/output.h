@@ -28,7 +28,7 @@ bool isColoured();
 /// Prints `title` and below it the rows, indented, their values one below the other.
 void printBlock(std::string_view title, std::span<const Row> rows);
 
-/// Prints `name`, in a column of `width`, behind `time`, and then `value`.
+/// Prints `time`, then `name` in a column of `width`, and then `value`.
 void printEvent(std::string_view time, const Row& event, int width);
 
 /// Prints `line` for a program to read, with the control characters made visible, and a line end.
@@ -37,8 +37,8 @@ void printLine(std::string_view line);
 /// Prints lines unchanged. Texts from outside in them must have been checked before.
 void printText(std::string_view lines);
 
-/// Prints `value`, indented, and a line end, with escapes for all that is not printable ASCII.
-/// Bytes that are not UTF-8 become U+FFFD, because JSON cannot hold them.
+/// Prints `value`, indented, and a line end. It escapes everything except printable ASCII. Bytes
+/// that are not UTF-8 become U+FFFD, because JSON cannot hold them.
 void printJson(const nlohmann::ordered_json& value);
 
 /// Prints `value` in one line.

@@ -55,11 +55,11 @@ std::size_t readInto(Room& room, int fd, const std::string& name) {
   return size;
 }
 
-/// Asks for `what` at the terminal, which does not show it. `missing` is the message if there is no
-/// terminal.
+/// Asks for `what` at the terminal, which does not show the input. `missing` is the message if
+/// there is no terminal.
 Secret ask(const std::string& prompt, const std::string& what, const std::string& missing) {
   Room room;
-  // It restores the terminal, whatever signal ends the wait.
+  // It restores the terminal after every signal that ends the wait.
   if (readpassphrase(prompt.c_str(), room.bytes.data(), room.bytes.size() - 1, RPP_REQUIRE_TTY) ==
       nullptr) {
     throw Failure(kUsage, missing);

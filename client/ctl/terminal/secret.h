@@ -36,16 +36,16 @@ class Secret {
 /// "Password for USER: "
 std::string passwordPrompt(const std::string& user);
 
-/// Asks for the password of `user` at the terminal, which does not show it.
-/// Throws Failure: kUsage if there is no terminal, kBadData if the password is empty, longer than
+/// Asks for the password of `user` at the terminal, which does not show the input.
+/// Throws Failure: kUsage if there is no terminal; kBadData if the password is empty, longer than
 /// kMaxSecretBytes or not UTF-8.
 Secret askPassword(const std::string& user);
 
-/// The one line of the file `name`, or of standard input for "-", without its end; `what` is its
-/// name in messages. If standard input is a terminal, the function prints `prompt`, and the
-/// terminal does not show the line. Throws Failure: kNoInput if the file cannot be read; kBadData
-/// if the file has no line or several lines, more than kMaxSecretBytes, or bytes that are not
-/// UTF-8; for a terminal, as askPassword().
+/// Reads the only line of the file `name`, or of standard input for "-", without its line end.
+/// `what` is its name in messages. If standard input is a terminal, the function prints `prompt`,
+/// and the terminal does not show the input. Throws Failure: kNoInput if the file cannot be read;
+/// kBadData if the file has no line or several lines, more than kMaxSecretBytes, or bytes that are
+/// not UTF-8; for a terminal, the same as askPassword().
 Secret readLine(const std::string& name, const char* what, const std::string& prompt);
 
 }  // namespace client

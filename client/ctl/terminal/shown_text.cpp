@@ -25,7 +25,7 @@ std::optional<Span> passwordOf(std::string_view url) {
   // Programs accept more slashes, or only slashes without a scheme.
   const auto begin = std::min(url.find_first_not_of('/', authorityBegin(url)), url.size());
   const auto colon = url.find(':', begin);
-  // A password never begins behind the authority or in an IPv6 address.
+  // A password never begins after the authority or in an IPv6 address.
   if (colon == std::string_view::npos || colon > url.find_first_of("/?#[", begin)) {
     return std::nullopt;
   }

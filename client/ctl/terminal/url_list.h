@@ -7,7 +7,8 @@
 
 namespace client {
 
-/// Longest file of URLs, in bytes. It holds some ten thousand URLs, which take the daemon minutes.
+/// Longest file of URLs, in bytes. It has room for about ten thousand URLs; the daemon needs
+/// minutes for these.
 inline constexpr std::size_t kMaxListBytes = 1U << 20U;
 
 /// The bytes of the file `name`, or of standard input for "-". Throws Failure: kNoInput if it
@@ -19,7 +20,7 @@ std::string readListFile(const std::string& name);
 /// cannot be read or is longer than kMaxListBytes.
 std::vector<std::string> readUrls(const std::string& name);
 
-/// Longest access log, in bytes: some hundred thousand requests.
+/// Longest access log, in bytes: a few hundred thousand requests.
 inline constexpr std::size_t kMaxLogBytes = 64U << 20U;
 
 /// The URLs of the list or the access log `name` (logged_url.h), or of standard input for "-".

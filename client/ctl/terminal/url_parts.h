@@ -9,11 +9,11 @@
 
 namespace client {
 
-/// The scheme before the first ":", which begins with a letter and goes on with letters, digits and
-/// "+", "." and "-". Empty if there is none. The host of "host:80" looks like a scheme, too.
+/// The scheme before the first ":". It begins with a letter, and has only letters, digits, "+", "."
+/// and "-". Empty if there is none. In "host:80", the host looks like a scheme, too.
 std::string_view schemeOf(std::string_view url);
 
-/// The position at which the authority of `url` begins: behind "SCHEME://", else at the beginning.
+/// The position at which the authority of `url` begins: after "SCHEME://", else 0.
 std::size_t authorityBegin(std::string_view url);
 
 /// The canonical form of `url`, or `url` if it has none.
