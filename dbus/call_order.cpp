@@ -91,8 +91,8 @@ CallOrder::Connections::iterator CallOrder::choose() {
   return chosen;
 }
 
-// Done at the next choice, not when the call was served: a connection that arrived in between
-// stands before it.
+// This happens at the next choice and not when the call was served. A connection that has arrived
+// in between then stands before it.
 void CallOrder::standBehind() {
   const auto found = mConnections.find(std::exchange(mLastServed, {}));
   if (found == mConnections.end()) return;

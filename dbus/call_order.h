@@ -32,8 +32,8 @@ class CallOrder {
   /// What a call needs.
   enum class Kind : std::uint8_t { kPlain, kQuestion };
 
-  /// The most questions of one connection, and of one user, that wait. A browser has some tens of
-  /// requests in progress. A question past the bound gets an answer without the script at once.
+  /// Most waiting questions of one connection, and of one user. A browser has a few tens of
+  /// requests in progress. A further question gets an answer without the script at once.
   static constexpr std::size_t kMaxOfConnection = 64;
   static constexpr std::size_t kMaxOfUser = 256;
   /// The most calls in a row that need no script while a question waits.
@@ -50,12 +50,12 @@ class CallOrder {
   /// Puts `call` into the queue. Checks no bound: the caller asks hasRoom() first.
   void add(const std::string& sender, Kind kind, DBus::CallMessage call);
 
-  /// Records that a call of `sender` was served without waiting here. The connection then stands
-  /// behind the connections that arrive before the next choice.
+  /// Records that a call of `sender` was served at once. Its connection then stands after the
+  /// connections that arrive before the next choice.
   void noteServed(const std::string& sender, Kind kind);
 
-  /// The connections whose user is not known. Each connection is returned once while its calls
-  /// wait.
+  /// The connections whose user is not known. While calls of a connection wait, it is returned only
+  /// once.
   std::vector<std::string> takeUnknown();
 
   /// Takes the next call. @return nothing if none waits
@@ -72,7 +72,7 @@ class CallOrder {
   /// longer wait
   std::vector<DBus::CallMessage> setUser(const std::string& sender, unsigned long user);
 
-  /// The connection has left the bus: drops its calls.
+  /// Drops the calls of `sender`, which has left the bus.
   void drop(const std::string& sender);
 
   /// Forgets connections and users. Called only while nothing waits.

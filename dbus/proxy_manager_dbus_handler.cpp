@@ -73,8 +73,8 @@ std::int32_t ProxyManagerDbusHandler::updateProxyconfig(
   return result;
 }
 
-// The interface that a call is for, null if the object has none of that name. The field is optional
-// on the bus; without it the method's name alone decides.
+// The interface of a call; null if the object has no such interface. The field is optional on the
+// bus: without it, only the method's name decides.
 DBus::InterfaceAdaptor* ProxyManagerDbusHandler::interfaceOf(const DBus::CallMessage& call) {
   const char* name = call.interface();
   if (name != nullptr) return find_interface(name);
@@ -98,7 +98,7 @@ int ProxyManagerDbusHandler::takeTurn() {
   return -1;
 }
 
-// Nothing may leave through the library's C code that called us.
+// No exception may pass through the C code of the bus library, which called this function.
 bool ProxyManagerDbusHandler::handle_message(const DBus::Message& message) {
   if (message.type() != DBUS_MESSAGE_TYPE_METHOD_CALL) return false;
   // The library does the same cast: a CallMessage is a Message with other member functions.

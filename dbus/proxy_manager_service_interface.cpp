@@ -59,7 +59,7 @@ void append(MessageIter& writer, const std::string& text) {
   writer.append_string(validText(text).c_str());
 }
 
-// A text of the configuration. A password may be in each: URLs hold some, too.
+// Adds a text of the configuration. Each may hold a password, because URLs may hold one, too.
 void appendSecret(MessageIter& writer, const std::string& text) {
   std::string valid = validText(text);
   const base::WipedAtEnd wiped(valid);

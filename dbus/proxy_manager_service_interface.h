@@ -1,9 +1,9 @@
 // The daemon's contract on the bus, as the bus library knows it.
 //
-// The adaptor turns incoming calls into four virtual operations and their results into replies; the
-// names, their casing and their signatures are those of com.zentu.ProxyManagerServiceInterface.xml
-// beside this file. A stub reads its arguments in order and leaves the checking of their types to
-// the library, which raises its invalid-arguments error before the operation is called. Bus thread.
+// The adaptor turns incoming calls into four virtual operations, and their results into replies.
+// com.zentu.ProxyManagerServiceInterface.xml in this folder defines the names, their casing and
+// their signatures. A stub reads its arguments in order. The bus library checks the types, and
+// raises its invalid-arguments error before the operation is called. Bus thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -41,7 +41,7 @@ class ProxyManagerServiceInterface_adaptor : public ::DBus::InterfaceAdaptor {
                                          const std::string& userName,
                                          const std::string& password) = 0;
 
-  // The signals. Texts that are not UTF-8 are made so. Bus thread.
+  // The signals. Bytes that are not UTF-8 are replaced in their texts. Bus thread.
   void notifyProxyConfigupdated(const std::string& proxymode, const std::string& proxyurl,
                                 const std::string& username, const std::string& password);
   void notifyClearcache();

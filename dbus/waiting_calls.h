@@ -41,7 +41,7 @@ class WaitingCalls {
   using Kind = CallOrder::Kind;
   using Serve = std::function<void(const DBus::CallMessage& call)>;
 
-  /// Longest time for which calls are read before one is served. Reading 25,600 calls from the bus
+  /// Longest time in which calls are read before one is served. Reading 25,600 calls from the bus
   /// takes less than 4 s. A bus that does not answer must not stop the daemon.
   static constexpr std::chrono::seconds kReadLimit{10};
   /// A call that takes this long to serve delays others.
@@ -54,10 +54,10 @@ class WaitingCalls {
   /// Longest URL of a question that waits behind others; the engine takes 8 KiB. Longer questions
   /// would fill the 63 MiB that libdbus keeps for messages that are not answered yet.
   static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
-  /// Refused calls that are kept while others are read: 256 connections of a user with the 128
-  /// calls that the system bus lets each wait for. Further ones are answered at once.
+  /// Most refused calls that are kept while others are read: 256 connections of a user, with 128
+  /// calls each, the limit of the system bus. Further refused calls are answered at once.
   static constexpr std::size_t kMaxRefused = std::size_t{256} * 128;
-  /// Refused calls that are answered before others are read again.
+  /// Number of refused calls that are answered before others are read again.
   static constexpr std::size_t kRefusedAtOnce = 64;
 
   /// @param connection outlives this object

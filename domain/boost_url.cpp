@@ -1,3 +1,3 @@
-// Boost.URL, compiled here: the archive of the distribution is not position-independent, so that a
-// shared library cannot hold it.
+// Compiles Boost.URL here: the distribution's archive is not position-independent, so a shared
+// library cannot contain it.
 #include <boost/url/src.hpp>

@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Whether the table holds the rule that `marker` and `name`, in lower case, make together.
+/// Whether the table has the rule `marker` + `name`, in lower case.
 bool holdsRule(std::string_view marker, std::string_view name) {
   const auto bucket = domain::tldHashOf(name, domain::tldHashOf(marker)) % domain::kTldBuckets;
   const std::size_t end = domain::kTldBucketStart[bucket + 1];

@@ -60,8 +60,8 @@ int isEffectiveTld(const std::string& name) {
 }
 
 std::string topLevelDomain(const std::string& domain) {
-  // Each suffix that is tested is an end of the text without its trailing dots: a dot there adds an
-  // empty label to an empty suffix, which is tested as such and leaves it empty.
+  // Each tested suffix is an end of the text without its trailing dots. A dot there would add an
+  // empty label, and the suffix stays empty.
   std::string text = domain;
   std::string scratch;
   std::string_view result;

@@ -19,9 +19,8 @@ constexpr std::uint32_t tldHashStep(std::uint32_t h, std::uint32_t unit) {
   return h & 0x0FFFFFFFu;
 }
 
-/// The hash of a text as lookups compute it, from its bytes. Rules are lower case and names come in
-/// any: ASCII letters are folded. `h` is the hash
-/// of what stands before the text.
+/// The hash of the bytes of a text, for lookups. Rules are in lower case, but names may not be, so
+/// upper-case ASCII letters count as lower-case ones. `h` is the hash of the text before this one.
 constexpr std::uint32_t tldHashOf(std::string_view text, std::uint32_t h = 0) {
   for (const char c : text) h = tldHashStep(h, static_cast<unsigned char>(base::lowerCase(c)));
   return h;

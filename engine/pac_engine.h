@@ -55,9 +55,9 @@ std::string describe(const Problem& problem);
 /// One loaded script. Not for use by two threads at once; nothing here throws but bad_alloc.
 class Engine {
  public:
-  /// Starts a worker and loads `script`, the bytes of a PAC file; waits for timeLimit and
+  /// Starts a worker and loads `script`, the bytes of a PAC file. Waits for timeLimit and
   /// kKillGrace at most.
-  /// @param refused receives why there is no engine
+  /// @param refused receives the reason if there is no engine
   /// @return an engine, or null
   static std::unique_ptr<Engine> load(std::string_view script, Options options, Problem& refused);
 
@@ -69,10 +69,10 @@ class Engine {
   /// most.
   Reply evaluate(std::string_view url, std::string_view host);
 
-  /// Has a worker of the workbench do `name` (docs/architecture.md lists the commands) with
-  /// `argument`; waits as evaluate() does. Names are of kMaxCommandBytes at most, arguments of
-  /// kMaxArgumentBytes.
-  /// @param problem receives why there is no report
+  /// Runs the command `name` in a worker of the workbench, with `argument` (docs/architecture.md
+  /// lists the commands). Waits as long as evaluate(). A name has kMaxCommandBytes at most, an
+  /// argument kMaxArgumentBytes.
+  /// @param problem receives the reason if there is no report
   /// @return the report, UTF-8, usually JSON
   std::optional<std::string> command(std::string_view name, std::string_view argument,
                                      Problem& problem);

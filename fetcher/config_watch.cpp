@@ -23,7 +23,7 @@ constexpr std::uint32_t kChanges = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
 // The reader of the file checks its length.
 constexpr std::size_t kAnyLength = SIZE_MAX;
 
-/// @return the watch; negative if the file is missing or not to be believed
+/// @return the watch; negative if the file is missing or not trusted
 int addWatch(int fd, const char* path) {
   const auto file = base::openFile(path, {.mostBytes = kAnyLength});
   if (file.failure) return -1;

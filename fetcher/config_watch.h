@@ -20,10 +20,10 @@ namespace fetcher {
 /// Implements PACFetcher::wait_for_changes.
 int waitForChanges(int fd, int interval);
 
-/// The watch thread calls all functions but begin() and end().
+/// The watch thread calls all functions except begin() and end().
 class ConfigWatch {
  public:
-  static constexpr std::size_t kEventBytes = 4096;  ///< some 200 events
+  static constexpr std::size_t kEventBytes = 4096;  ///< about 200 events
 
   ConfigWatch();
 

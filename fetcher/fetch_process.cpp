@@ -31,7 +31,8 @@ std::vector<std::string> passedEnvironment() {
   return variables;
 }
 
-/// poll's timeout until `deadline`, rounded up so that it is never woken too early for ever.
+/// The timeout for poll() until `deadline`. It is rounded up, so that poll() does not return too
+/// early again and again.
 int millisecondsLeft(Deadline deadline) {
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());

@@ -46,7 +46,7 @@ class FetchProcess {
   enum class Failure : std::uint8_t {
     none,
     ended,   ///< the child is gone, or its socket is
-    broken,  ///< the child sent something that it must not send
+    broken,  ///< the child sent a packet that it must not send
     tooLate  ///< the deadline has passed
   };
   /// Why the last receive returned nothing.

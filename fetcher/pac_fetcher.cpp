@@ -269,7 +269,7 @@ void PACFetcher::reportStatus() {
     const Unlock unlock(mMutex);
     notifyStatus(line);
   } catch (const std::exception&) {
-    // No memory: the supervisor keeps the line that it has.
+    // Memory is exhausted: the supervisor keeps its last line.
   }
 }
 

@@ -62,10 +62,10 @@ class PACFetcher {
   /// @return true
   bool stop();
 
-  /// Takes a new configuration, and requests a refetch in the modes pacurl and wpad. If the mode or
-  /// a URL changes, the transfer in progress ends. Any thread but the fetcher's (not from within
-  /// pacFileUpdated). Throws std::bad_alloc, and has then changed nothing.
-  /// @param config mode, proxyurl and pacurl are copied; the strings stay the caller's
+  /// Accepts a new configuration, and requests a refetch in the modes pacurl and wpad. If the mode
+  /// or a URL changes, the transfer in progress ends. Any thread except the fetcher's (not from
+  /// within pacFileUpdated). Throws std::bad_alloc and then changes nothing.
+  /// @param config mode, proxyurl and pacurl are copied; the caller keeps the strings
   void updateProxyMgrConfig(ProxyConfig config);
 
   /// Fetches one http or https URL, in a process of its own: 30 seconds, 512,000 bytes and five
@@ -86,15 +86,15 @@ class PACFetcher {
   int retrievePacFile() PM_REQUIRES(mMutex);
 
   /// Reads the last line of /tmp/.resolv.conf.dnsmasq that contains "search " or "domain ", and
-  /// returns the text after its first blank: a domain, or several with blanks between. Empty
-  /// without such a line, and if the file is not root's or the process's own, has a second name, is
-  /// no regular file or is longer than 64 KiB.
+  /// returns the text after its first blank: a domain, or several with blanks between them. Empty
+  /// if there is no such line, or if the file belongs neither to root nor to the process's user,
+  /// has a second name, is not a regular file or is longer than 64 KiB.
   std::string getDomainName() const;
 
-  /// The WPAD URLs of each name in `domain`, in order, from the longest to the shortest that is no
-  /// public suffix; 32 URLs at most. A name has no URL if it is too long for DNS (over 253
+  /// The WPAD URLs for each name in `domain`, in order, from the longest to the shortest name that
+  /// is not a public suffix; 32 URLs at most. A name has no URL if it is too long for DNS (over 253
   /// characters) or cannot be the host of a URL ("com/.example.com", "h:80").
-  /// @param domain names with single blanks between
+  /// @param domain names with single blanks between them
   std::vector<std::string> wpadUrlCandidatesFromDomain(const std::string& domain) const;
 
  private:

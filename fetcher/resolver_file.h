@@ -9,10 +9,10 @@ namespace fetcher {
 /// Implements PACFetcher::getDomainName. Any thread. Throws std::bad_alloc.
 std::string domainOfResolverFile();
 
-/// The domain or search list of a resolver file: what follows the first blank in the last line that
-/// holds "search " or "domain " anywhere.
+/// The domain or search list of a resolver file: the text after the first blank in the last line
+/// that contains "search " or "domain ".
 /// @param text the whole file, any bytes
-/// @return a domain, or several with blanks between; empty if no line has either keyword
+/// @return a domain, or several with blanks between them; empty if no line has either keyword
 std::string domainOfResolverText(std::string_view text);
 
 }  // namespace fetcher

@@ -25,7 +25,7 @@ constexpr mode_t kMode = 0644;
 // probability above one half.
 constexpr int kMostTries = 100;
 
-/// `path`, a dot and digits that nobody can guess; empty, with errno, if there are none.
+/// `path`, a dot and random digits. Empty, with errno, if the system gives no random bytes.
 std::string randomName(const std::string& path) {
   std::uint64_t number = 0;
   if (getrandom(&number, sizeof number, 0) != sizeof number) return {};
@@ -40,8 +40,9 @@ std::string folderOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-/// Makes a new file at `name`. The file gets its name only after it exists. File systems without
-/// unnamed files make it under that name at once, which is safe because nobody can guess the name.
+/// Makes a new file at `name`. The file gets its name only after it exists. If the file system has
+/// no unnamed files, the file is made under this name at once. This is safe, because no program can
+/// guess the name.
 base::UniqueFd createAt(const std::string& name) {
   base::UniqueFd file(open(folderOf(name).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kMode));
   const std::string descriptor = "/proc/self/fd/" + std::to_string(file.get());

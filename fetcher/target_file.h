@@ -12,20 +12,20 @@
 
 namespace fetcher {
 
-/// Makes an empty file at `path`, mode 0644 less the process's mask, and opens it for writing. A
-/// file, a link (not its target) or a fifo at that name is replaced. A folder of another user is
-/// renamed aside; a folder of root's or of this user's stays, and the call fails.
+/// Makes an empty file at `path`, mode 0644 without the bits of the umask, and opens it for
+/// writing. A file, a link (not its target) or a fifo at that name is replaced. A folder of another
+/// user is renamed. A folder of root or of this user stays, and the call fails.
 /// @return none, with errno, if there is no file
 base::UniqueFd createTargetFile(const std::string& path);
 
-/// Renames the file `from` to `to`, and replaces what is there. Another user's folder is renamed
-/// aside first, also if that user makes a new one again and again; a folder of root's or of this
-/// user's stays, and the call fails.
+/// Renames the file `from` to `to`, and replaces an existing file. A folder of another user is
+/// renamed first, even if that user makes it again and again. A folder of root or of this user
+/// stays, and the call fails.
 /// @return false with errno
 bool renameOver(const std::string& from, const std::string& to);
 
-/// Removes temporary files that a killed process left: the names that createTargetFile(path) uses
-/// for its work. Removes only files of this process's user.
+/// Removes temporary files of a killed process: the names that createTargetFile(path) uses for its
+/// work. Removes only files of this process's user.
 void removeLeftTargets(const std::string& path);
 
 }  // namespace fetcher

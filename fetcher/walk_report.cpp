@@ -7,7 +7,7 @@ namespace fetcher {
 
 namespace {
 
-/// The host of `url` without user and password. A text that is no URL with a scheme is not shown.
+/// The host of `url` without user and password. A text without a scheme is not shown.
 std::string shownHost(const std::string& url) {
   if (url.empty()) return "(no URL)";
   if (!domain::hasScheme(url)) return "(a URL without a scheme)";

@@ -1,5 +1,5 @@
-// What a walk came to, in a line for the supervisor. Everybody may read that line, so it has the
-// hosts of the candidates and never their URLs, which can hold a password.
+// The result of a walk, in one line for the supervisor. Every user may read that line, so it has
+// the hosts of the candidates and never their URLs, which can hold a password.
 #pragma once
 
 #include <cstddef>
@@ -11,7 +11,7 @@ class WalkReport {
  public:
   /// Notes a candidate that failed. @param why one line, for example of Download::error
   void failed(const std::string& url, const std::string& why);
-  /// Notes the candidate whose script was installed.
+  /// Records the candidate whose script was installed.
   void installed(const std::string& url);
 
   bool hasScript() const { return mHasScript; }

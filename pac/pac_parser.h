@@ -35,10 +35,9 @@ class ProxyManagerServiceImpl;
 
 class PacParser {
  public:
-  /// Most hosts whose answers are kept.
+  /// Number of hosts whose answers are kept.
   static constexpr int kCacheCapacity = 50;
-  /// The most hosts that are remembered as asked for asynchronously, equal to the length of the
-  /// engine's queue.
+  /// Most hosts of pending asynchronous questions, equal to the length of the engine's queue.
   static constexpr std::size_t kMaxPendingHosts = 256;
   /// Length of a script's digest in bytes.
   static constexpr std::size_t kDigestLength = 16;
@@ -77,8 +76,8 @@ class PacParser {
   /// for the evaluation, 5 s at most, and before that for an evaluation or a reload in progress.
   ProxyUrlSettings getProxy(const std::string& requestUrl) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// As getProxy, but the worker thread evaluates. Waits at most 200 ms for the answer. A later
-  /// answer goes into the cache. If the engine is busy for all of the 200 ms, the question is
+  /// Like getProxy, but the worker thread evaluates. Waits at most 200 ms for the answer. A later
+  /// answer goes into the cache. If the engine is busy for the whole 200 ms, the question is
   /// dropped.
   ProxyUrlSettings getProxyASync(const std::string& requestUrl)
       PM_EXCLUDES(mEngineMutex, mCacheMutex, mWaitMutex);

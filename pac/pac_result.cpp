@@ -16,8 +16,8 @@ char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
 
-// The place in the list is made before the entry has a text that could be lost.
-// @return the entry, or null if the piece is no entry
+// Makes the place in the list first, so that the text of an entry cannot be lost.
+// @return the entry, or null if the piece is not an entry
 const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& piece) {
   settings.emplace_back();
   settings.back() = entryOf(piece);

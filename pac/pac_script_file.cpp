@@ -18,9 +18,9 @@ namespace {
 
 constexpr std::size_t kFirstBuffer = 8192;
 
-// Everybody may write in the script's folder, so a file of another user is not read, and a fifo is
-// not waited for. A folder is accepted, because reading it fails without harm. A file with a second
-// name (hard link) is accepted, because otherwise any user who may make a link could block every
+// Every user may write in the script's folder. So the file of another user is not read, and opening
+// a fifo does not block. A folder is accepted, because reading it fails without harm. A file with a
+// second name (hard link) is accepted: otherwise any user who may make a link could block every
 // script.
 base::UniqueFd openScript(const std::string& fileName) {
   base::UniqueFd file(open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
@@ -34,8 +34,8 @@ base::UniqueFd openScript(const std::string& fileName) {
 
 }  // namespace
 
-/// The bytes that have been read. Allocated with malloc, so that a lack of memory is a return
-/// value, not an exception.
+/// The bytes that were read. Allocated with malloc, so that exhausted memory is a return value and
+/// not an exception.
 class PacParser::ReadBuffer {
  public:
   /// Reads `file` to its end. @return whether that succeeded; if not, a log line has the reason
@@ -136,7 +136,8 @@ int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
 // compared and when it is kept.
 void PacParser::compareDigest(const ReadBuffer& content) {
   unsigned char digest[kDigestLength + 1] = {};
-  // A script without a digest counts as new: its answers must not mix with those of another one.
+  // A script without a digest counts as new, because its answers must not mix with answers of
+  // another script.
   const bool hasDigest = doMd5Hash(digest, content.data(), content.length());
   if (content.length() == 0) return;
   const char* text = hasDigest ? reinterpret_cast<const char*>(digest) : nullptr;

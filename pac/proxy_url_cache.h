@@ -34,10 +34,10 @@ class ProxyURLCacheNode {
 
 class ProxyUrlCache {
  public:
-  /// @param capacity most entries kept; a number below 1 counts as 1
-  /// @param release called with a list before the cache drops it; may empty the list; throws
-  /// nothing; may be null
-  /// @param context its second argument
+  /// @param capacity most entries; a number below 1 counts as 1
+  /// @param release called with a list before the cache drops it; it may empty the list and must
+  /// not throw; may be null
+  /// @param context the second argument of `release`
   ProxyUrlCache(int capacity, void (*release)(ProxyUrlSettings&, void*), void* context);
   /// Clears.
   ~ProxyUrlCache();

@@ -115,7 +115,7 @@ com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
   const Lock lock(mConfigMutex);
   com::zentu::ProxyConfigTexts texts;
   texts._1 = proxyMode2Str(mConfig->mode);
-  // No temporary texts: they would leave a copy of the password behind.
+  // No temporary texts, because they would leave a copy of the password in memory.
   assign(texts._2, mConfig->proxyurl);
   assign(texts._3, mConfig->pacurl);
   texts._4 = mConfig->enableauth ? "y" : "n";

@@ -71,7 +71,7 @@ void onAnswer(void* context, int status, int /*timeouts*/, ares_addrinfo* answer
     try {
       take(pending.result, *list);
     } catch (const std::exception&) {
-      // No memory; nothing may leave through the resolver's C code.
+      // Memory is exhausted. No exception may pass through the resolver's C code.
       pending.result = {};
       pending.result.end = LookupEnd::kAbandoned;
     }

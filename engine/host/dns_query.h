@@ -1,5 +1,5 @@
-// One name lookup through c-ares: hosts file and name servers, as the resolver configuration
-// demands.
+// One name lookup through c-ares: from the hosts file and the name servers, in the order of the
+// resolver configuration.
 #pragma once
 
 #include <chrono>

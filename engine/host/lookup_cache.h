@@ -29,9 +29,10 @@ class LookupCache {
   /// no value if the lookup is not stored.
   std::optional<Addresses> find(const Key& key, Clock::time_point now) const;
 
-  /// Keeps `addresses` for `lifetime` of 60 s at most, or a failure (no addresses) for 5 s, and
-  /// drops the name that was stored first if there are too many. A lifetime of 0 is not kept.
-  /// Throws std::bad_alloc if there is no memory; nothing is known of `key` then.
+  /// Keeps `addresses` for `lifetime`, for 60 s at most, or a failure (no addresses) for 5 s. If
+  /// there are too many names, it drops the oldest one. It does not keep a name with a lifetime of
+  /// 0.
+  /// Throws std::bad_alloc if memory is exhausted; the cache then has no entry for `key`.
   void store(const Key& key, Addresses addresses, std::chrono::seconds lifetime,
              Clock::time_point now);
 

@@ -98,7 +98,8 @@ std::vector<std::string> NameLookup::query(const LookupCache::Key& key, Deadline
                                            int watched) {
   const auto limit = std::chrono::steady_clock::now() + kLookupLimit;
   auto result = mResolver.lookUp(key.first, key.second, std::min(limit, deadline), watched);
-  // A lookup that had less than its 2 s, or whose caller has ended, proves nothing about the name.
+  // If a lookup had less than its 2 s, or if its caller has ended, the result says nothing about
+  // the name.
   const bool cutShort = result.end == LookupEnd::kTooLate && deadline < limit;
   if (!cutShort && result.end != LookupEnd::kAbandoned) {
     mCache.store(key, result.addresses, result.lifetime, LookupCache::Clock::now());

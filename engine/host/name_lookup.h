@@ -49,7 +49,7 @@ class NameLookup {
 };
 
 /// The ASCII form of `name` in lower case, by UTS 46 if it is international.
-/// @return nothing if it is no name that could be looked up
+/// @return nothing if `name` is not a valid host name
 std::optional<std::string> asciiName(std::string_view name);
 
 }  // namespace pac_engine

@@ -1,4 +1,4 @@
-// The addresses of this device, as the helpers of a script give them. Nothing is ever sent.
+// The addresses of this device for the helpers of a script. No packet is ever sent.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace pac_engine {
 
-/// For kIpv4 the source address of the route to the outside; for kAny all usable addresses: of
+/// For kIpv4, the source address of the route to the outside. For kAny, all usable addresses: of
 /// interfaces that are up, neither loopback nor link-local, in the kernel's order, 64 at most.
 /// Empty if there is none. Any thread; does not block.
 std::vector<std::string> ownAddresses(pac_engine::AddressFamily family);

@@ -25,7 +25,7 @@ struct Question {
   void* context;
 };
 
-/// Runs `body`; what it throws (no memory) is logged and goes no further.
+/// Runs `body`. An exception (memory is exhausted) is logged and goes no further.
 template <typename Body>
 void guarded(const char* function, Body&& body) noexcept {
   try {

@@ -81,8 +81,8 @@ void Engine::Impl::discard(const char* why) {
   logLine(LOG_WARNING, "pac_engine: worker %d %s (%s)", pid, why, how.c_str());
 }
 
-/// Behind its walls a worker cannot read the zone again. So a device whose zone has changed needs a
-/// new worker.
+/// A worker cannot read the zone again behind its walls. So the library starts a new worker when
+/// the device's zone changes.
 void Engine::Impl::followZone() {
   if (!zone.changedSinceLastLook() || !worker || !options.zone.empty()) return;
   logLine(LOG_DEBUG, "pac_engine: the device's zone has changed, worker %d is replaced",
@@ -121,8 +121,7 @@ Reply Engine::Impl::ask(std::string_view url, std::string_view host, Deadline de
   try {
     return askWorker(url, host, deadline);
   } catch (...) {
-    // No memory. A worker that is left in the middle of a question would spoil the next question,
-    // too.
+    // Memory is exhausted. A worker in the middle of a question would spoil the next question, too.
     worker.reset();
     throw;
   }
@@ -144,7 +143,7 @@ Reply Engine::Impl::askWorker(std::string_view url, std::string_view host, Deadl
   return message ? replyOf(*message) : reply;
 }
 
-/// A workbench that has ended has lost what it noted, so it is not started again.
+/// A workbench that has ended has lost its records, so it is not started again.
 Reply Engine::Impl::askWorkbench(std::string_view name, std::string_view argument,
                                  std::string& text) {
   Reply reply;
@@ -183,8 +182,8 @@ Reply Engine::Impl::replyOf(const FromWorker& message) {
   return reply;
 }
 
-/// Serves the worker until it reports how its task ended. @return that message, whose texts live
-/// until the next one; nothing if the worker failed and has been discarded
+/// Handles the worker's messages until it reports how its task ended. @return that message, whose
+/// texts are valid until the next one; nothing if the worker failed and has been discarded
 std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& problem) {
   names.begin();
   alertBytesLeft = kMaxAlertBytes;
@@ -213,7 +212,7 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
   }
 }
 
-/// Waits for the worker's next message. Only work that takes long gets the CPU time of a whole
+/// Waits for the worker's next message. Only a long evaluation gets the CPU time of a whole
 /// evaluation.
 Receipt Engine::Impl::receive(Deadline end) {
   auto& channel = worker->channel();
@@ -224,10 +223,10 @@ Receipt Engine::Impl::receive(Deadline end) {
   return channel.receive(end);
 }
 
-/// Between two questions nobody watches the worker. A worker that a script controls could then use
-/// all CPU time of the device. So the kernel enforces a limit that a waiting worker does not reach.
-/// The limit is renewed only after enough work to bring an honest worker near it, so a short
-/// question costs one look at the clock.
+/// Between two questions, no code watches the worker. A worker that a script controls could then
+/// use all CPU time of the device. So the kernel enforces a limit, which a waiting worker does not
+/// reach. The limit is renewed only after so much work that an honest worker could come near it. So
+/// a short question needs only one look at the clock.
 void Engine::Impl::finishWork(Deadline begun) {
   worked += std::chrono::steady_clock::now() - begun;
   if (worked < kShortWork) return;
@@ -265,7 +264,7 @@ std::vector<std::string> Engine::Impl::ownAddresses(AddressFamily family) {
   return pac_engine::ownAddresses(family);
 }
 
-/// The engine keeps to the limit by itself; a worker that a script controls may not.
+/// The engine itself respects the limit, but a worker that a script controls might not.
 void Engine::Impl::logAlert(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = base::utf8Head(alert, alertBytesLeft);

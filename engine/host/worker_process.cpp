@@ -67,7 +67,7 @@ std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program, 
 void WorkerProcess::follow() {
   const int cpu = sched_getcpu();
   if (cpu < 0 || cpu >= CPU_SETSIZE || cpu == mCpu) return;
-  // Only while the number is the worker's own: one that has ended may be a stranger's by now.
+  // Only while the process has not ended: after that, its id may belong to another process.
   if (mChild->hasEnded()) return;
   cpu_set_t only;
   CPU_ZERO(&only);
@@ -76,7 +76,7 @@ void WorkerProcess::follow() {
 }
 
 void WorkerProcess::limitCpu(std::chrono::seconds more) {
-  // The same holds here.
+  // The same reason as above.
   if (mChild->hasEnded()) return;
   clockid_t clock{};
   timespec used{};
@@ -91,7 +91,7 @@ void WorkerProcess::limitCpu(std::chrono::seconds more) {
 }
 
 std::string WorkerProcess::end() {
-  // A service that may not signal other users' processes still ends a worker that listens.
+  // This ends a worker that listens, even if the service may not signal other users' processes.
   mChannel.hangUp();
   return mChild->end();
 }

@@ -18,8 +18,8 @@
 
 namespace pac_engine {
 
-/// `bytes` in a sealed memory file, which nobody can change, grow or shrink. Empty, with errno,
-/// if there is no memory or no descriptor for it.
+/// Copies `bytes` to a sealed memory file, which no process can change, grow or shrink. Empty, with
+/// errno, if there is no memory or no descriptor for it.
 UniqueFd sealedScript(std::string_view bytes);
 
 /// The path of the program for `role`: `proxymanager-pac-worker` or `proxymanager-workbench` in the
@@ -29,8 +29,8 @@ std::string workerProgram(WorkerRole role = WorkerRole::kAnswers);
 
 class WorkerProcess {
  public:
-  /// Starts `program` with `script`; `zone` is its TZ if it is not empty.
-  /// @param problem receives the reason if there is no process
+  /// Starts `program` with `script`. If `zone` is not empty, it is the value of TZ.
+  /// @param problem receives the reason if the start fails
   /// @return the process, or null
   static std::unique_ptr<WorkerProcess> start(const std::string& program, WorkerRole role,
                                               const UniqueFd& script, const std::string& zone,

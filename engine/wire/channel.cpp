@@ -13,8 +13,8 @@ namespace {
 // One byte more than a message may have, so that a longer one is seen to be longer.
 constexpr std::size_t kBufferBytes = kMaxMessageBytes + 1;
 
-/// poll's timeout until `deadline`, rounded up, so that poll does not return too early again and
-/// again.
+/// The timeout for poll() until `deadline`, rounded up. If it were rounded down, poll() would
+/// return too early, several times.
 int millisecondsLeft(Deadline deadline) {
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());

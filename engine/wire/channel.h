@@ -27,7 +27,7 @@ class Channel {
   explicit Channel(UniqueFd socket);
 
   /// Sends one message without waiting.
-  /// @return false if the other end is closed or does not read what it is sent
+  /// @return false if the other end is closed or does not read its messages
   bool send(std::string_view message);
 
   /// Sends one message, and waits for as long as the other end lives and reads too slowly.

@@ -87,7 +87,7 @@ class Reader {
 
   void require(bool condition) { mValid = mValid && condition; }
 
-  /// Whether all fields were right and nothing is left over.
+  /// Whether all fields were valid and no byte remains.
   bool done() const { return mValid && mLeft.empty(); }
 
  private:

@@ -33,10 +33,10 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;        ///< request URL, 
 inline constexpr std::size_t kMaxHostBytes = 8U << 10U;       ///< a host is part of a URL
 inline constexpr std::size_t kMaxResultBytes = 64U << 10U;    ///< text that the entry point returns
 inline constexpr std::size_t kMaxAlertBytes = 2U << 10U;      ///< all alerts of one evaluation
-inline constexpr std::size_t kMaxCommandBytes = 64;           ///< name of a command
-inline constexpr std::size_t kMaxArgumentBytes = 32U << 10U;  ///< what a command is given
+inline constexpr std::size_t kMaxCommandBytes = 64;           ///< the name of a command
+inline constexpr std::size_t kMaxArgumentBytes = 32U << 10U;  ///< the argument of a command
 inline constexpr std::size_t kMaxReportBytes = 64U << 10U;    ///< one piece of a report
-inline constexpr std::size_t kMaxProblemBytes = 512;          ///< why there is no answer
+inline constexpr std::size_t kMaxProblemBytes = 512;          ///< the reason for a missing answer
 /// A name to look up, as UTF-8. The ASCII form of a name has 253 bytes at most, and its UTF-8 form
 /// is at most four times as long.
 inline constexpr std::size_t kMaxNameBytes = 1U << 10U;
@@ -118,7 +118,7 @@ using FromWorker =
 std::string encode(const FromLibrary& message);
 std::string encode(const FromWorker& message);
 
-/// The message of `bytes`, or nothing if they are no message of the right direction.
+/// Decodes a message. Nothing if `bytes` are not a message in this direction.
 std::optional<FromLibrary> decodeFromLibrary(std::string_view bytes);
 std::optional<FromWorker> decodeFromWorker(std::string_view bytes);
 

@@ -44,7 +44,8 @@ Address mapped(std::uint32_t quad) {
   return address;
 }
 
-// The IPv4 address at the end of an IPv6 literal, as two groups; nothing if it is none.
+// The IPv4 address at the end of an IPv6 literal, as two groups. Nothing if `tail` is not an IPv4
+// address.
 std::optional<std::string> asGroups(std::string_view tail) {
   constexpr int kDots = 3;
   int dots = 0;

@@ -28,7 +28,7 @@ pac_engine::Start receiveStart(pac_engine::Channel& channel);
 /// Answers question `serial`.
 void sendReply(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
 
-/// Sends a report in pieces, and then that it is whole.
+/// Sends a report in pieces, and then a message that it is complete.
 void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
 
 /// Reports why this worker has no answer, and ends it.
@@ -38,8 +38,8 @@ void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply&
 /// For one conversation; every call ends the process if the library is gone or breaks the rules.
 class Conversation {
  public:
-  /// @param channel outlives this object
-  /// @param extension null in the daemon's worker, which then takes no command; outlives this
+  /// @param channel must outlive this object
+  /// @param extension null in the daemon's worker, which then accepts no command; must outlive this
   /// object
   explicit Conversation(pac_engine::Channel& channel, Extension* extension = nullptr)
       : mChannel(channel), mEnvironment(channel), mExtension(extension) {}

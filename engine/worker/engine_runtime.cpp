@@ -12,17 +12,19 @@ namespace {
 
 constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
 constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
-// If a small block is refused, the engine may recurse without end, making an error about the
-// error. So past the heap limit small blocks are still granted, from a reserve that lasts until the
-// script meets the next interrupt, which ends it. Every interrupt adds what its own error takes.
+// If a small block is refused, the engine may recurse endlessly: it makes an error about the error.
+// So small blocks are still granted past the heap limit, from a reserve. The reserve lasts until
+// the next interrupt, which ends the script. Each interrupt adds the memory for its own error to
+// the reserve.
 constexpr std::size_t kSmallBlock = 4U << 10U;
 constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
 constexpr std::size_t kMostReserve = 16U << 20U;
-// The engine polls the clock every ten thousandth call or turn of a loop. If each turn is long
-// work of a built-in function, that is minutes, so the heap looks at the clock too: once in so many
-// bytes, with each block counted as a little more. Well after the deadline it refuses all but small
-// blocks; then the built-in functions fail at once and the next poll is near.
+// The engine reads the clock at every ten thousandth call or loop iteration. If each iteration is a
+// long built-in function, this can take minutes. So the heap reads the clock, too, each time after
+// this many bytes; each block counts as a little more than its size. Some time after the deadline,
+// it refuses all blocks except small ones. The built-in functions then fail at once, and the engine
+// soon reads the clock.
 constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
 constexpr std::size_t kBlockCost = 1U << 10U;
 constexpr std::chrono::milliseconds kStarvationGrace{100};
@@ -94,8 +96,8 @@ void* EngineRuntime::reallocate(void* owner, void* block, std::size_t size) {
   return moved;
 }
 
-// The globals of a PAC script in a browser: those of the language, and none of a host.
-// JS_NewContext() would add the clock `performance`, `atob`, `btoa` and `DOMException`; modules,
+// The globals of a PAC script in a browser: those of the language, without those of a host.
+// JS_NewContext() would add the clock `performance`, `atob`, `btoa` and `DOMException`. Modules,
 // timers and files are in the engine's other library, which is not linked.
 EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
   OwnedContext context(JS_NewContextRaw(runtime));

@@ -67,7 +67,7 @@ class EngineRuntime {
   EngineRuntime(const EngineRuntime&) = delete;
   EngineRuntime& operator=(const EngineRuntime&) = delete;
 
-  /// Null if the heap limit is too low even for an empty context.
+  /// Null if the heap limit is too small even for an empty context.
   [[nodiscard]] JSContext* context() const { return mContext.get(); }
   static EngineRuntime& of(JSContext* context) {
     return *static_cast<EngineRuntime*>(JS_GetContextOpaque(context));
@@ -88,11 +88,11 @@ class EngineRuntime {
   /// True if the heap limit was passed since begin(). The script is then interrupted like one
   /// whose time is up.
   [[nodiscard]] bool memoryWasRefused() const { return mMemoryRefused; }
-  /// Collects garbage, and returns the bytes that are still in use.
+  /// Collects garbage. @return the bytes that are still in use
   std::size_t bytesInUse();
 
   [[nodiscard]] PacEnvironment& environment() const { return mEnvironment; }
-  /// Logs an alert's text, cut to what this evaluation may still log.
+  /// Logs an alert's text, cut to the rest of what this evaluation may log.
   void alert(std::string_view text);
 
   /// The getter of an error's stack trace; it runs no code of the script.

@@ -137,12 +137,13 @@
     return (gmt ? now.getUTCFullYear() : now.getFullYear()) == number;
   },
 
-  // A range whose end is before its beginning wraps round.
+  // If the end of a range is before its start, the range wraps around.
   isWithin(first, value, last) {
     return first <= last ? first <= value && value <= last : last >= value || value >= first;
   },
 
-  // One part after the other, as browsers do: a part that is set can change those that follow.
+  // One part after the other, as browsers do, because a new value of one part can change the
+  // following parts.
   shiftToGmt(moment) {
     for (const part of ['FullYear', 'Month', 'Date', 'Hours', 'Minutes', 'Seconds']) {
       this.set(moment, part, moment['getUTC' + part]());

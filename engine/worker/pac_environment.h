@@ -24,16 +24,17 @@ class PacEnvironment {
   PacEnvironment& operator=(const PacEnvironment&) = delete;
   virtual ~PacEnvironment() = default;
 
-  /// Addresses of `name` (never a literal; an international name as UTF-8) as texts, in the order
-  /// of preference; empty if the name does not resolve, its lookup takes too long, or the
-  /// evaluation has looked up its share of names. Blocks 2 s at most.
+  /// The addresses of `name` as texts, in order of preference. `name` is never an address literal;
+  /// an international name is in UTF-8. Empty if the name does not resolve, if its lookup takes too
+  /// long, or if the evaluation has already looked up its limit of names. Blocks 2 s at most.
   virtual std::vector<std::string> resolve(std::string_view name, AddressFamily family) = 0;
 
   /// The address that would be used to reach the outside, for kIpv4; all usable addresses of the
   /// device, for kAny. Empty if there is none.
   virtual std::vector<std::string> ownAddresses(AddressFamily family) = 0;
 
-  /// Seconds since 1970-01-01T00:00:00Z that a script takes for now, if they are not the clock's.
+  /// The present time for the script in seconds since 1970-01-01T00:00:00Z, if it is not the
+  /// clock's.
   virtual std::optional<std::int64_t> stoppedClock() = 0;
 
   /// Takes the text of alert(); any length, any bytes.

@@ -26,8 +26,8 @@ inline constexpr std::string_view kLoopbackAddress = "127.0.0.1";
 /// most four bytes of UTF-8 for each of them.
 inline constexpr std::size_t kLongestName = 1024;
 
-/// True if `host` has no dot and is no literal of either family, an IPv6 literal in brackets
-/// included.
+/// True if `host` has no dot and is not an address literal of either family, also not an IPv6
+/// literal in brackets.
 bool isPlainHostName(std::string_view host);
 
 /// True if `host` ends in `domain`; case counts, labels do not.
@@ -51,9 +51,10 @@ std::string dnsResolveEx(PacEnvironment& environment, std::string_view host);
 /// All usable addresses of the device, separated by ";"; else kLoopbackAddress.
 std::string myIpAddressEx(PacEnvironment& environment);
 
-/// The literals of a ";"-separated list, IPv6 first, each family in ascending order; equal
-/// addresses keep their order, all keep their spelling. Blanks and tabs around entries and empty
-/// entries are dropped. Nothing if an entry is no literal or there is no entry.
+/// The literals of a ";"-separated list: first IPv6, then IPv4, each family in ascending order.
+/// Equal addresses keep their order, and all addresses keep their spelling. Blanks and tabs around
+/// entries and empty entries are dropped. Nothing if an entry is not a literal, or if there is no
+/// entry.
 std::optional<std::string> sortIpAddressList(std::string list);
 
 }  // namespace pac_worker

@@ -21,7 +21,7 @@ namespace {
 
 using sandbox::Failure;
 
-/// Raises the limits of what is not the stack.
+/// Sets all resource limits except the stack's.
 Failure limitResources([[maybe_unused]] const MemoryWalls& memory) {
   const sandbox::Limit limits[] = {
     {RLIMIT_CORE, 0, "RLIMIT_CORE"},
@@ -63,8 +63,8 @@ void allowMessages(sandbox::SystemCalls& list, int socket) {
       .first(SCMP_SYS(sendto));
 }
 
-/// Private memory without a file that is never to be run, as the C library's allocator asks for it.
-/// Several arenas, which would need more, are for programs with threads.
+/// Private memory without a file, which is never executable: what the C library's allocator needs.
+/// Several arenas would need more system calls, but only programs with threads have several.
 void allowMemory(sandbox::SystemCalls& list) {
   constexpr int kReadWrite = PROT_READ | PROT_WRITE;
   const Arguments plainMemory{isInt(2, kReadWrite), isInt(3, MAP_PRIVATE | MAP_ANONYMOUS),
@@ -78,8 +78,8 @@ void allowMemory(sandbox::SystemCalls& list) {
       .allow(SCMP_SYS(madvise), {isInt(2, MADV_FREE)});
 }
 
-/// The clock, if the kernel gives no page to read it from. The other numbers are clocks of
-/// processes, any process's among them.
+/// The clock, for a kernel that gives no page to read it from. Other clock numbers are clocks of
+/// processes, and could be any process's.
 void allowClocks(sandbox::SystemCalls& list) {
   for (const int clock : {CLOCK_REALTIME, CLOCK_MONOTONIC}) {
     list.allow(SCMP_SYS(clock_gettime), {isInt(0, clock)})

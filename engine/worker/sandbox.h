@@ -15,8 +15,8 @@
 
 namespace pac_worker {
 
-/// Address space of the worker: the 64 MiB of the engine's heap, as much again while a block of it
-/// grows by being copied, and the program, script and stack.
+/// Address space of the worker: 64 MiB for the engine's heap, another 64 MiB while a block of it
+/// grows by a copy, and the program, script and stack.
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
 
@@ -30,9 +30,9 @@ struct MemoryWalls {
 /// first.
 void loadZone();
 
-/// Raises all walls around this process, which has one thread. Afterwards it can read and write the
-/// socket `socket`, get and give back memory, ask the time, and end.
-/// @return nothing, or which wall could not be raised and why; the process must then end
+/// Raises all walls around this process, which has one thread. After that, the process can read and
+/// write the socket `socket`, allocate and free memory, read the clock, and end.
+/// @return nothing, or the wall that could not be raised and the reason; the process must then end
 std::optional<std::string> enterSandbox(int socket, const MemoryWalls& memory = {});
 
 }  // namespace pac_worker

@@ -60,9 +60,10 @@ class ScriptEngine {
   ScriptEngine(const ScriptEngine&) = delete;
   ScriptEngine& operator=(const ScriptEngine&) = delete;
 
-  /// Loads `bytes` (decoded as the PAC language demands: UTF-8 with or without BOM, else
-  /// ISO-8859-1; a NUL ends it) and runs it once. To be called once.
-  /// @return nothing if the script is loaded and has an entry point, else why it is refused
+  /// Loads `bytes` and runs the script once. `bytes` are UTF-8 with or without BOM, else
+  /// ISO-8859-1; a NUL ends them. Call it only once.
+  /// @return nothing if the script is loaded and has an entry point, else the reason why it is
+  ///         refused
   std::optional<Problem> load(std::string_view bytes);
 
   /// Calls FindProxyForURL(url, host) of the loaded script.

@@ -30,7 +30,7 @@ class Atom {
   JSAtom mAtom;
 };
 
-// The text of a value, cut to what a line of a log can hold; nothing if the value is no string.
+// The text of a value, cut to the length of a log line. Nothing if the value is not a string.
 std::optional<std::string> textOf(JSContext* context, JSValueConst value) {
   if (!JS_IsString(value)) return std::nullopt;
   const Text text(context, value);
@@ -39,8 +39,8 @@ std::optional<std::string> textOf(JSContext* context, JSValueConst value) {
   return std::nullopt;
 }
 
-// The text of an object's own property; nothing if the property is missing, has a getter or holds
-// no string. The object must not be a Proxy.
+// The text of an object's own property. Nothing if the property is missing, has a getter or is not
+// a string. The object must not be a Proxy.
 std::optional<std::string> ownText(JSContext* context, JSValueConst object, const char* name) {
   const Atom atom(context, name);
   JSPropertyDescriptor property{};
@@ -82,7 +82,7 @@ std::string nameOf(JSContext* context, JSValueConst error) {
   return name.value_or("Error");
 }
 
-// The first line number that a stack trace gives for the script.
+// The first line number of the script in a stack trace.
 std::uint32_t lineIn(std::string_view stack) {
   const std::string place = std::string(kScriptName) + ':';
   const std::size_t found = stack.find(place);

@@ -77,7 +77,7 @@ struct TwoTexts {
         first(call.context, strings ? call[0] : JS_UNDEFINED),
         second(call.context, strings ? call[1] : JS_UNDEFINED) {}
   [[nodiscard]] bool failed() const { return !first || !second; }
-  // A byte is then what the language calls a character.
+  // If so, each byte is one character of the language.
   [[nodiscard]] bool areAscii() const {
     return strings && base::isAscii(first.view()) && base::isAscii(second.view());
   }
@@ -122,7 +122,7 @@ JSValue callGlobal(const Call& call, const char* name, JSValueConst argument) {
   return JS_Call(call.context, function.get(), JS_UNDEFINED, 1, arguments);
 }
 
-// An address that isInNet compares: a dotted quad, else whatever convert_addr makes of the value.
+// An address for a comparison in isInNet: a dotted quad, else the result of convert_addr.
 std::optional<std::uint32_t> quadOf(const Call& call, JSValueConst address) {
   if (JS_IsString(address)) {
     const Text text(call.context, address);
@@ -218,7 +218,7 @@ JSValue alertHelper(const Call& call) {
   return JS_UNDEFINED;
 }
 
-// Lookups and long texts take time outside the engine, which polls no clock then.
+// Lookups and long texts take time outside the engine, which cannot read the clock then.
 template <bool kWaits>
 JSValue endedInTime(const Call& call, JSValue result) {
   JSContext* const context = call.context;
@@ -254,7 +254,7 @@ constexpr char kTimeRange[] = "timeRange";
 
 struct Helper {
   const char* name;
-  int length;  ///< of the function object: the arguments it is usually given
+  int length;  ///< the function object's length: the usual number of arguments
   JSCFunction* function;
 };
 
@@ -277,7 +277,7 @@ constexpr Helper kNative[] = {
     {"getClientVersion", 0, kPure<getClientVersionHelper>},
 };
 
-// The helpers that are declared like a script's own functions: `function` and `var` may declare the
+// The helpers that behave like declarations of the script: `function` and `var` may declare the
 // name again, `let` and `const` may not.
 constexpr Helper kDeclared[] = {
     {kDnsDomainIs, 2, kPure<twoTextsHelper<dnsDomainIs, kDnsDomainIs>>},
@@ -308,7 +308,7 @@ bool defineAll(JSContext* context, JSValueConst global, std::span<const Helper> 
   });
 }
 
-// A global object that gives each of `names` its number.
+// Makes a global object that maps each of `names` to its number.
 bool defineNumbers(JSContext* context, JSValueConst global, const char* table,
                    std::span<const char* const> names) {
   const JSValue object = JS_NewObject(context);

@@ -6,9 +6,9 @@
 
 namespace pac_worker {
 
-/// The text of a script, in UTF-8. A NUL byte ends it; it is UTF-8 with or without BOM, or, if
-/// it is not well-formed UTF-8, ISO-8859-1. CR and CRLF come out as LF: the language takes them
-/// alike, but the engine counts lines by LF.
+/// The text of a script, in UTF-8. A NUL byte ends it. The bytes are UTF-8 with or without BOM; if
+/// they are not valid UTF-8, they are ISO-8859-1. CR and CRLF become LF: for the language they are
+/// equal, but the engine counts lines only by LF.
 std::string decodeScript(std::string_view bytes);
 
 }  // namespace pac_worker

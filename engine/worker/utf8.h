@@ -8,8 +8,8 @@
 
 namespace pac_worker {
 
-/// `text` fit for one log line: control characters become blanks, bytes that are no UTF-8 become
-/// "?", cut at `limit` bytes.
+/// `text` in a form for one log line, cut at `limit` bytes. Control characters become blanks, and
+/// bytes that are not UTF-8 become "?".
 std::string printableLine(std::string_view text, std::size_t limit);
 
 /// The UTF-16 code units of a text of the engine: UTF-8 in which an unpaired surrogate is written

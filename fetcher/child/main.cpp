@@ -69,7 +69,7 @@ base::UniqueFd receiveFile() {
 int main() {
   // URLs are UTF-8. With this locale libcurl understands international names in them.
   std::setlocale(LC_CTYPE, "C.UTF-8");
-  // A second heap would take its share of the address space.
+  // A second heap would use up a part of the address space.
   mallopt(M_ARENA_MAX, 1);
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);

@@ -25,9 +25,9 @@ namespace {
 
 using sandbox::Failure;
 
-// What a download maps and takes at its most: libcurl with its libraries, 40 MiB; stacks of the
-// threads that look names up; a certificate chain of 10 MiB, read and taken apart. A server that
-// sends headers without end reaches the limit, and the transfer fails.
+// The most address space of a download: libcurl with its libraries, 40 MiB; stacks of the threads
+// that look up names; a certificate chain of 10 MiB, read and parsed. If a server sends headers
+// without end, the process reaches the limit, and the transfer fails.
 constexpr rlim_t kAddressSpaceBytes = rlim_t{160} << 20U;
 // Limit of processor time. A whole download takes 0.05 s, on a slow device 1 s.
 constexpr rlim_t kCpuSeconds = 10;
@@ -196,8 +196,8 @@ Failure raiseWalls(rlim_t fileBytes, bool& limitsFiles) {
   };
   sandbox::volunteerForOutOfMemory();
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::keep)) return failure;
-  // A transfer does not look at its socket. It ends with the thread that waits for it; after the
-  // change of user, which takes this back.
+  // A transfer does not read its socket, so this signal ends it with the thread that waits for it.
+  // It comes after the change of user, because that change cancels the setting.
   if (prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0) != 0) return sandbox::failed("death signal");
   if (auto failure = sandbox::limitResources(limits)) return failure;
   if (auto failure = sandbox::readOnly(kReadable, limitsFiles)) return failure;

@@ -12,7 +12,7 @@ constexpr std::uint32_t kRequestMark = 0x504d4651;
 constexpr std::uint32_t kReadyMark = 0x504d4652;
 constexpr std::uint32_t kResultMark = 0x504d4653;
 
-/// Stands before the URL, whose length is the rest of the packet.
+/// This record stands before the URL. The length of the URL is the rest of the packet.
 struct RequestHead {
   std::uint32_t mark;
   std::uint32_t urlBytes;

@@ -35,13 +35,13 @@ inline constexpr std::size_t kSchemeBytes = 16;  ///< "https" and its like, with
 struct FetchRequest {
   std::int64_t seconds = 0;    ///< of the whole transfer
   std::int64_t bytes = 0;      ///< of the body
-  std::int64_t redirects = 0;  ///< that are followed
+  std::int64_t redirects = 0;  ///< most redirects that are followed
   std::string url;
 };
 
 struct FetchReady {
   enum class State : std::uint32_t {
-    ready,     ///< libcurl gave a handle, and the walls stand
+    ready,     ///< there is a libcurl handle, and the walls stand
     noHandle,  ///< libcurl gave none
     noWalls    ///< a wall could not be raised; `problem` names it
   };
@@ -53,7 +53,7 @@ struct FetchReady {
 struct FetchResult {
   bool success = false;           ///< libcurl's code is CURLE_OK
   std::int32_t responseCode = 0;  ///< of the last answer; 0 without one
-  std::string scheme;             ///< of the last URL, as libcurl writes it; empty if there is none
+  std::string scheme;             ///< the last URL's scheme, as libcurl writes it; empty if none
   std::string error;              ///< libcurl's text for its code; empty after a success
 };
 

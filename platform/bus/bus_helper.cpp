@@ -17,7 +17,7 @@ namespace DBus {
 
 namespace {
 
-// How long the bus may take to let the daemon in, and to answer one of its own methods.
+// Time limit for the bus to accept the connection, and to answer its own methods.
 constexpr std::chrono::seconds kConnectLimit{10};
 constexpr int kBusAnswerMilliseconds = 5000;
 

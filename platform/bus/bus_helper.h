@@ -73,8 +73,8 @@ class BusHelper {
   std::string mName;  // empty before requestName()
 };
 
-/// The process-wide helper: made with the first call, shared by those that hold it, gone with the
-/// last. Throws DBus::Error if the bus cannot be reached. Main thread.
+/// The helper of the process. The first call makes it, and it ends with its last holder. Throws
+/// DBus::Error if the bus cannot be reached. Main thread.
 std::shared_ptr<BusHelper> get_helper();
 
 }  // namespace DBus

@@ -21,7 +21,7 @@ namespace {
 // The last output of a daemon that ends fits in the socket's buffer, unless the bus is stuck or, on
 // a busy machine, waits for a processor.
 constexpr std::chrono::seconds kSendLimit{5};
-// How long calls that had come before the end are answered. A full bus holds 25,600 of them.
+// How long the loop answers the calls that came before its end. A full bus holds 25,600 of them.
 constexpr std::chrono::seconds kAnswerLimit{5};
 constexpr int kAnswerPollMilliseconds = 100;
 // A wait that the system refuses is tried again after this long.
@@ -121,7 +121,7 @@ bool BusLoop::runsElsewhere() const {
 }
 
 void BusLoop::enter() {
-  // The starter may not have stored it yet when the first message arrives.
+  // The first message may arrive before the starting thread has stored this id.
   mThreadId = std::this_thread::get_id();
   pthread_name_np(gettid(), "pm-bus");
   End end = End::kLost;
@@ -189,7 +189,8 @@ int BusLoop::takeTurn() {
   return mTurn && !outputWaits() ? mTurn() : -1;
 }
 
-// Functions that are posted during this round wait for the next, so that calls are served, too.
+// Functions that are posted during this round wait for the next round, so that calls are also
+// served.
 void BusLoop::runPosted() {
   for (auto left = posted(); left > 0 && !outputWaits(); --left) {
     std::function<void()> first;
@@ -222,7 +223,7 @@ void BusLoop::waitAndHandle(int turnTimeout) {
   int timeout = pollTimeout();
   if (turnTimeout >= 0 && (timeout < 0 || turnTimeout < timeout)) timeout = turnTimeout;
   const int ready = poll(mEntries.data(), mEntries.size(), timeout);
-  // No memory in the kernel, or a limit of descriptors below what is watched: both may pass.
+  // The kernel has no memory, or too few descriptors are allowed: both may change.
   if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kRefusedPause);
   if (ready > 0) {
     if (mEntries.front().revents != 0) {

@@ -55,13 +55,13 @@ class BusLoop : public Dispatcher {
 
   /// See BusHelper::setTurn().
   void setTurn(std::function<int()> turn) { mTurn = std::move(turn); }
-  /// Whether the end of the last run has given the name back.
+  /// Whether the end of the last run has released the name.
   bool hasReleasedName() const { return mHasReleasedName; }
 
-  /// Queues `function` for the thread. @return false if the queue is full or there is no memory
+  /// Queues `function` for the thread. @return false if the queue is full or memory is exhausted
   bool post(std::function<void()> function) PM_EXCLUDES(mMutex);
 
-  /// Calls `function`; what it throws becomes a LOG_ERR line.
+  /// Calls `function`. An exception becomes a LOG_ERR line.
   static void runLogged(const std::function<void()>& function);
 
   /// Whether the loop's thread runs and is not the calling thread.

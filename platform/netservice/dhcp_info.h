@@ -9,8 +9,8 @@
 #include <cstddef>
 #include <type_traits>
 
-/// The lease, as the network service lays it out. The reserved part is the network service's own;
-/// this code only clears it.
+/// The lease in the layout of the network service. The reserved part belongs to the network
+/// service; this code only clears it.
 struct DhcpInfo {
   char reserved[1260];
   char option252[252];  ///< URL of the PAC script, NUL-terminated; empty if the lease has none

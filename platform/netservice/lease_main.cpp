@@ -64,8 +64,8 @@ int write(const LeaseTexts& texts) {
   return resolverFailed || leaseFailed ? EX_IOERR : EX_OK;
 }
 
-/// Writes the lease that counts. `interface` is the one that this call is about: without any lease,
-/// the files say that it has no values.
+/// Writes the lease in force. `interface` is the interface of this call: if there is no lease at
+/// all, the files get its name and no values.
 int writeLeaseInForce(LeaseStore& store, const std::string& interface) {
   const auto leases = store.leases(interface);
   const auto* lease = netservice::leaseInForce(
@@ -80,7 +80,7 @@ int begin(LeaseEncoding encoding, const LeaseValues& values) {
   LeaseStore store(kStore);
   int trouble = store.open();
   if (trouble == 0) trouble = store.keep(interface, texts.lease + texts.resolver);
-  // With one interface, as most devices have, nothing is lost then.
+  // A device with only one interface, as most have, loses nothing then.
   if (failed(kStore, trouble)) return write(texts) == EX_OK ? EX_OSERR : EX_IOERR;
   return writeLeaseInForce(store, interface);
 }

@@ -17,8 +17,8 @@
 
 namespace netservice {
 
-/// How long open() waits for another process, which reads and writes some small files. Without a
-/// limit a process that stands still would hold up every DHCP client of the device.
+/// How long open() waits for another process, which only reads and writes a few small files.
+/// Without a limit, a stopped process would block every DHCP client of the device.
 inline constexpr std::chrono::seconds kStoreWait{10};
 
 /// The stored lease of one interface.
@@ -36,24 +36,24 @@ class LeaseStore {
   explicit LeaseStore(std::string folder, std::chrono::milliseconds wait = kStoreWait)
       : mFolder(std::move(folder)), mWait(wait) {}
 
-  /// Opens the store. If another process has it, waits for the time that the constructor got. This
-  /// object then has the store until its end.
+  /// Opens the store. If another process has it open, waits for the time that the constructor got.
+  /// This object then has the store open until its end.
   /// @return 0, or an errno value: ETIMEDOUT after the wait, EPERM for a folder of another user,
-  /// else that of mkdir, open or flock
+  ///         else the errno of mkdir, open or flock
   int open();
 
-  /// Keeps `text` as the lease of `interface`. Nothing is written if it is the same as before.
-  /// @param interface a name for which isInterfaceName() holds
-  /// @return 0, or the errno value of what failed; the lease from before is then still there
+  /// Stores `text` as the lease of `interface`. Writes nothing if the text has not changed.
+  /// @param interface a name for which isInterfaceName() is true
+  /// @return 0, or the errno value of the failed call; the earlier lease is then still stored
   int keep(const std::string& interface, const std::string& text);
 
   /// Forgets the lease of `interface`. @return 0, ENOENT if there was none, or an errno value
   int forget(const std::string& interface);
 
-  /// Forgets the leases of interfaces that do not exist any more: their client did not report an
-  /// end. `interface` is left alone.
-  /// @return the leases that are left, in no order; those that cannot be read are left out, each
-  ///         with one LOG_ERR line
+  /// Removes the leases of interfaces that no longer exist: their client did not report an end. It
+  /// never removes the lease of `interface`.
+  /// @return the remaining leases, in no order; a lease that cannot be read is skipped with one
+  ///         LOG_ERR line
   std::vector<KeptLease> leases(const std::string& interface);
 
  private:
@@ -69,11 +69,11 @@ class LeaseStore {
 bool isInterfaceName(std::string_view name);
 
 /// The interfaces of the IPv4 default routes in `table`, the text of /proc/net/route: the lowest
-/// metric first, equal ones in the order of the table. Routes that are down or reject are left out.
+/// metric first, equal metrics in the order of the table. Skips routes that are down or reject.
 std::vector<std::string> defaultRouteInterfaces(const std::string& table);
 
-/// The text of /proc/net/route, of the network of the calling thread; 512 KiB of it at most, and
-/// default routes stand first. Empty if there is none.
+/// The text of /proc/net/route for the network of the calling thread, 512 KiB at most. Default
+/// routes stand first in it. Empty if it cannot be read.
 std::string routeTable();
 
 /// The lease that counts. Of all interfaces with a lease and a default route, it is the lease of

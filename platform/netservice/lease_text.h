@@ -13,7 +13,7 @@ namespace netservice {
 /// The form in which a client passes a value.
 enum class LeaseEncoding {
   plain,    ///< the bytes as they came
-  escaped,  ///< backslash before a character or three octal digits, in all values
+  escaped,  ///< a backslash before a character, or before three octal digits, in all values
   hex,      ///< two hexadecimal digits a byte, only in the URL
 };
 
@@ -34,8 +34,8 @@ inline constexpr std::size_t kLongestSearchList = 1024;
 /// line of its own. Without values the quotes are empty.
 std::string leaseText(LeaseEncoding encoding, const LeaseValues& values);
 
-/// The resolver file: one line "search " and the names of the search list, or those of the domain
-/// if the list has none. Empty if neither has a name.
+/// The resolver file: one line "search " with the names of the search list. If the list is empty,
+/// the names of the domain. Empty if neither has a name.
 std::string resolverText(LeaseEncoding encoding, const LeaseValues& values);
 
 /// The texts of the two files.
@@ -47,10 +47,10 @@ struct LeaseTexts {
 /// Both texts of a lease's values.
 LeaseTexts leaseTexts(LeaseEncoding encoding, const LeaseValues& values);
 
-/// Both texts from one that has the lease's lines first and the resolver's behind.
+/// Splits one text into both texts. It has the lease's lines first, then the resolver's.
 LeaseTexts leaseTextsOf(std::string_view joined);
 
-/// Whether a lease file's text is that of the lease of `interface`.
+/// Whether the text of a lease file is the lease of `interface`.
 bool isLeaseOf(std::string_view text, std::string_view interface);
 
 }  // namespace netservice

@@ -13,11 +13,11 @@
 namespace netservice {
 namespace {
 
-// The daemon takes no longer one.
+// The daemon reads no longer file.
 constexpr std::size_t kLargestText = std::size_t{64} * 1024;
 // O_NONBLOCK: opening a fifo returns at once.
 constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
-// A file that is too long is replaced as well. A second name may be that of any file of root's.
+// A file that is too long is also replaced. A second name could belong to any file of root.
 constexpr base::FileDemands kDemands{.mostBytes = SIZE_MAX};
 constexpr mode_t kReadableByAll = 0644;
 

@@ -11,22 +11,22 @@
 
 namespace netservice {
 
-/// A file opened to be written in place.
+/// A file that is opened to be written in place.
 class WatchedFile {
  public:
   /// Opens the file, makes it if there is none, and reads its contents. Never blocks, never follows
   /// a link at the path's end, and checks the open file, not the path.
-  /// @return 0, or an errno value: ELOOP for a link, EINVAL if it is not a regular file, EPERM for
-  ///         a file of another user than root and the process's, EMLINK for one with a second name,
-  ///         else that of open, fstat or read
+  /// @return 0, or an errno value: ELOOP for a link, EINVAL if it is not a regular file, EPERM if
+  ///         it belongs neither to root nor to the process's user, EMLINK if it has a second name,
+  ///         else the errno of open, fstat or read
   int open(const char* path);
 
   /// The content of the file when it was opened; empty if it was longer than 64 KiB.
   const std::string& text() const { return mText; }
 
-  /// Writes `text` into the file; touches nothing if the file holds it already. The new text
-  /// is written first and the file then cut to its length, so no reader finds it empty; meanwhile
-  /// blank lines cover what the old text has more.
+  /// Writes `text` into the file. Does nothing if the file already has this text. It first writes
+  /// the new text and then cuts the file to the new length, so no reader finds it empty. In
+  /// between, blank lines cover the rest of a longer old text.
   /// @return 0, or the errno value of write or ftruncate
   int replace(const std::string& text);
 

@@ -30,7 +30,7 @@
 namespace {
 
 constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
-// Frames beyond are left out: an endless recursion shows its circle long before.
+// Further frames are left out. The frames of an endless recursion repeat long before.
 constexpr int kFrameLimit = 64;
 // The unwinder's own frames, the cursor (1 KiB each) and a line fit several times.
 constexpr std::size_t kStackBytes = 64UL * 1024;
@@ -47,8 +47,8 @@ struct Prepared {
   bool stderrIsJournal = false;
 };
 Prepared prepared;
-// Apart from the rest, whose first values are not zero: so the program's file holds none of it, and
-// it takes no memory until a signal handler runs.
+// Separate from the other data, whose initial values are not zero. So the program's file does not
+// contain it, and it takes no memory until a signal handler runs.
 alignas(16) std::array<char, kStackBytes> stackOfHandlers{};
 
 // The thread that reports; 0 while none does.
@@ -122,8 +122,9 @@ class Report {
   bool mLogTakes = prepared.logSocket >= 0;
 };
 
-// The loader's tables, not unw_get_proc_name: that maps files and allocates, and a crash inside the
-// allocator would hang. A return address may be the first of the next function, hence the `looked`.
+// Uses the loader's tables and not unw_get_proc_name, which maps files and allocates: a crash in
+// the allocator would hang. A return address may be the first address of the next function, hence
+// the `looked`.
 void appendPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
   Dl_info info{};
   if (dladdr(reinterpret_cast<const void*>(looked), &info) == 0) return;
@@ -194,7 +195,7 @@ void dieBy(siginfo_t& info) {
   }
 }
 
-// So that a report which hangs has an end, whatever this thread had blocked.
+// Makes sure that a hanging report ends, even if this thread had blocked the signal.
 void limitReport() {
   std::signal(SIGALRM, SIG_DFL);
   sigset_t alarmOnly;
@@ -228,7 +229,7 @@ void openLog() {
   setsockopt(prepared.logSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 
-// systemd names the stream that it connected in JOURNAL_STREAM, as DEVICE:INODE (systemd.exec(5)).
+// systemd writes the stream that it connected to JOURNAL_STREAM, as DEVICE:INODE (systemd.exec(5)).
 bool isJournal(int fd) {
   const char* const stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};
@@ -236,7 +237,7 @@ bool isJournal(int fd) {
   return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
-// The unwinder fills tables of its own at its first use: better now than in the handler.
+// The unwinder fills its own tables at its first use. This should not happen in the handler.
 void warmUnwinder() {
 #ifdef __arm__
   // On 32-bit Arm the unwinder must use only that machine's own tables (method 4). Otherwise it

@@ -15,8 +15,8 @@
 
 namespace {
 
-// The file is removed at exit, but not if a forked child calls exit: its parent still holds the
-// file.
+// Removes the file at exit. A forked child that calls exit must not remove it, because its parent
+// still holds it.
 struct RemoveRunFile {
   pid_t owner = 0;
   void operator()(pidfh* file) const {
@@ -54,7 +54,7 @@ int create_varrunpid(const char* name) {
     logLine(LOG_WARNING, "process: the run file %s is held by process %d", path.c_str(), other);
     return 1;
   }
-  // pidfile_open leaves the descriptor open across exec, which would keep the lock, too.
+  // pidfile_open leaves the descriptor open across exec, which would keep the lock held, too.
   if (fcntl(pidfile_fileno(opened.get()), F_SETFD, FD_CLOEXEC) != 0 ||
       pidfile_write(opened.get()) != 0) {
     return failed(path, errno);

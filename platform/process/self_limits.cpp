@@ -15,7 +15,8 @@ constexpr int kMostHeaps = 2;
 }  // namespace
 
 void forbidDumps() {
-  // Neither can fail: a limit may always be lowered, and the process may always give this up.
+  // Neither call can fail: a limit may always be lowered, and a process may always give up this
+  // attribute.
   const rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);
   if (!PROXYMANAGER_SANITIZED) prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);

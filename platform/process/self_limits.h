@@ -7,20 +7,20 @@
 
 namespace process {
 
-/// Keeps what the process holds, such as a proxy's password, in its memory: it writes no core (the
-/// limit is 0, for child processes too), and only root can trace it or read its memory. A program
-/// that it executes can be traced again. A sanitized build stays traceable, because its leak check
-/// traces the process.
+/// Keeps secrets of the process, such as a proxy's password, in its memory. It writes no core dump
+/// (the limit is 0, also for child processes), and only root can trace it or read its memory. A
+/// program that it executes can be traced again. A sanitized build stays traceable, because its
+/// leak check traces the process.
 void forbidDumps();
 
-/// Empties the ambient set: capabilities that a supervisor gave stay with this process, and the
+/// Empties the ambient set. The process keeps the capabilities that a supervisor gave it, and the
 /// programs that it executes get none of them. Does nothing without an ambient set.
 void keepCapabilitiesFromChildren();
 
 /// Makes the allocator return large blocks to the system when they are freed. By default, the first
-/// large block that is freed raises the size from which blocks are mapped apart, up to 32 MiB;
-/// later ones come from a heap that keeps them, one heap for each of up to eight threads a
-/// processor. So two bus messages of 31 MiB left 95 MB in the process.
+/// freed large block raises the size from which blocks are mapped separately, up to 32 MiB. Later
+/// blocks come from a heap that keeps them, and there is one heap for each of up to eight threads
+/// per processor. So two bus messages of 31 MiB left 95 MB in the process.
 void returnFreedMemory();
 
 }  // namespace process

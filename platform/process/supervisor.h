@@ -31,5 +31,6 @@ int feedWatchdog();
 int notifyStopping();
 
 /// Reports what the process does, for people who look at the service: STATUS=text. Any thread.
-/// @param text one line @return as restart_connect
+/// @param text one line
+/// @return as restart_connect
 int notifyStatus(const std::string& text);

@@ -11,8 +11,8 @@ namespace process {
 inline constexpr std::size_t kThreadNameLimit = 15;
 }  // namespace process
 
-/// Names a thread of this process; what is longer than kThreadNameLimit bytes is cut. Any thread.
+/// Names a thread of this process. A longer name is cut to kThreadNameLimit bytes. Any thread.
 /// @param tid the thread, as gettid() returns it
-/// @return 0, or an errno value: EINVAL for a null or empty name, ENOENT for a thread that is not
-///         this process's. The log line is "process: cannot name thread TID: REASON" (LOG_WARNING)
+/// @return 0, or an errno value: EINVAL for a null or empty name, ENOENT for a thread of another
+///         process. The log line is "process: cannot name thread TID: REASON" (LOG_WARNING)
 int pthread_name_np(pid_t tid, const char* name);

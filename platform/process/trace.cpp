@@ -66,7 +66,7 @@ bool takeLine(std::string_view line, TraceValues& values) {
   return false;
 }
 
-// Why there is no text; null without a failure.
+// The reason why there is no text. Null without a failure.
 const char* reasonOf(const base::FileFailure& failure) {
   static_assert(process::kTraceFileLimit == 4096);
   switch (failure.problem) {

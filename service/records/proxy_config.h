@@ -60,15 +60,15 @@ void initProxyConfig(ProxyConfig* config);
 /// Overwrites and frees the record's strings and sets them to null; `mode` and `enableauth` stay.
 void cleanupProxyConfig(ProxyConfig* config);
 
-/// Copies `srcConfig` deeply into `destConfig`, which is fresh or cleaned: its strings are not
-/// freed. A null source string leaves the destination's as it is, an empty one makes it null.
-/// A null pointer is a mistake of the caller: it is logged (LOG_ERR), and then dereferenced.
+/// Copies `srcConfig` deeply into `destConfig`. `destConfig` is new or cleaned: its strings are not
+/// freed. A null source string leaves the destination's string unchanged; an empty one makes it
+/// null. A null pointer is a mistake of the caller: it is logged (LOG_ERR), and then dereferenced.
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
 
 /// Makes a fresh record with `count` empty slots; none, and no array, if `count` <= 0.
 void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count);
 
-/// Frees everything the record owns and zeroes it; an array with `urlCount` <= 0 is left alone.
+/// Frees everything the record owns and zeroes it. An array with `urlCount` <= 0 is not freed.
 void cleanupProxyUrlInfo(ProxyUrlInfo* info);
 
 /// Frees the entry's url, sets it to null and the type to 0.
@@ -78,10 +78,10 @@ void cleanupProxySetting(ProxyUrlSetting* setting);
 /// @return the mode of that text; off, without a warning, for any other text
 ProxyMode str2ProxyMode(const char* text);
 
-/// @return the mode's text, a constant; "off", and a LOG_ERR line, for a number that is no mode
+/// @return the mode's text, a constant. For an invalid number, "off" and a LOG_ERR line
 const char* proxyMode2Str(ProxyMode mode);
 
-/// Copies `length` bytes, zeros among them included, and adds a terminator.
-/// @return a malloc'ed string that the caller frees; null, and a LOG_INFO line, if `data` is
-///         null or `length` <= 0: an empty text is stored as not set
+/// Copies `length` bytes of `data`, also zeros, and adds a terminator.
+/// @return a malloc'ed string that the caller frees; null, with a LOG_INFO line, if `data` is null
+///         or `length` <= 0: an empty text is stored as null
 char* string2Char(const char* data, std::int32_t length);

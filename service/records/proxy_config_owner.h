@@ -17,8 +17,8 @@ struct HeapFree {
 /// A C string from string2Char, getHost or heapCopy, freed with its scope; possibly null.
 using HeapText = std::unique_ptr<char, HeapFree>;
 
-/// @return a malloc'ed copy of `text`, null for a null one. Unlike string2Char it keeps an empty
-///         text as an empty text. Throws std::bad_alloc if there is no memory.
+/// @return a malloc'ed copy of `text`; null if `text` is null. Unlike string2Char, it keeps an
+///         empty text as an empty text. Throws std::bad_alloc if memory is exhausted.
 inline char* heapCopy(const char* text) {
   if (!text) return nullptr;
   const std::size_t size = std::strlen(text) + 1;
@@ -28,9 +28,9 @@ inline char* heapCopy(const char* text) {
   return copy;
 }
 
-/// A ProxyConfig that owns its strings. `*owner` and `owner.get()` are the record, for the
-/// functions that take one; a copy of `*owner` shares the strings and ends with the owner.
-/// Not synchronised: the holder guards it.
+/// A ProxyConfig that owns its strings. `*owner` and `owner.get()` are the record, for functions
+/// that need one. A copy of `*owner` shares the strings and is valid only as long as the owner. Not
+/// synchronised: the holder guards it.
 class ProxyConfigOwner {
  public:
   ProxyConfigOwner() = default;
