@@ -32,7 +32,7 @@ constexpr bool isControl(char c) {
   return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
 }
 
-/// `c` in lower case, if it is an ASCII letter, else as it is.
+/// `c` in lower case if it is an ASCII letter, else `c`.
 constexpr char lowerCase(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }

@@ -1,5 +1,5 @@
-// The line that the daemon gives its supervisor and that proxymanagerctl status reads there.
-// Every user may read it, so it has hosts and never whole URLs: a URL can hold a password.
+// The daemon sends this line to its supervisor, and proxymanagerctl status reads it there. Every
+// user may read it, so it has hosts and never whole URLs: a URL can hold a password.
 #pragma once
 
 #include <cstdint>

@@ -23,7 +23,7 @@ inline void* mapLibrary(const char* name) {
   return library;
 }
 
-/// Sets `function` to what `library` has under `name`. @return false, with one LOG_ERR line, if it
+/// Sets `function` to the function `name` of `library`. @return false, with one LOG_ERR line, if it
 /// has none
 template <typename Function>
 bool find(void* library, const char* name, Function& function) {

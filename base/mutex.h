@@ -55,14 +55,14 @@ class PM_SCOPED_CAPABILITY Lock {
   auto& native() { return mLock; }
 
  private:
-  // The base, so that std::condition_variable takes it.
+  // The base class: std::condition_variable accepts no other.
   using Native = std::conditional_t<std::is_base_of_v<std::mutex, MutexType>, std::mutex,
                                     std::recursive_mutex>;
   std::unique_lock<Native> mLock;
 };
 
-/// Releases a mutex that the caller holds, and takes it again at the end of the scope. Known to the
-/// analysis.
+/// Releases a mutex that the caller holds, and takes it again at the end of the scope. The analysis
+/// knows it.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Unlock {
  public:

@@ -31,7 +31,7 @@ constexpr bool isSurrogate(char32_t code) {
   return code >= 0xD800 && code <= 0xDFFF;
 }
 
-/// A code point that Unicode never gives to a character (Unicode 15, 23.7).
+/// A code point that is never a character (Unicode 15, 23.7).
 constexpr bool isNoncharacter(char32_t code) {
   return (code >= 0xFDD0 && code <= 0xFDEF) || (code & 0xFFFEU) == 0xFFFE;
 }

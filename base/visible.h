@@ -1,4 +1,4 @@
-// Text from outside, fit for a log line or a terminal.
+// Text from outside in a form that is safe for a log line or a terminal.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 namespace base {
 
 /// `text` as well-formed UTF-8 without control characters: each of these (U+0000 to U+001F, U+007F
-/// to U+009F) becomes "\xNN", and so does each byte that is not part of a character. A log line
-/// then stays one line, and a terminal obeys nothing. Throws std::bad_alloc.
+/// to U+009F) becomes "\xNN", and so does each byte that is not part of a character. So a log line
+/// stays one line, and no text can control a terminal. Throws std::bad_alloc.
 std::string visible(std::string_view text);
 
 }  // namespace base

@@ -1,4 +1,4 @@
-// Secrets that do not stay in memory when they are released.
+// Removes secrets from memory before the memory is released.
 #pragma once
 
 #include <cstring>

@@ -1,5 +1,5 @@
-# The libraries this tree links, each as an imported target, known to the projects that add this
-# tree. Their packages are named once, in packaging/debian/control.
+# The libraries that this tree links. Each is an imported target, which projects that add this tree
+# can use, too. Their packages are named once, in packaging/debian/control.
 find_package(PkgConfig REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
 if(NOT TARGET Threads::Threads)
@@ -12,13 +12,13 @@ foreach(dependency
     "idn2;libidn2" "psl;libpsl" "bsd;libbsd" "systemd;libsystemd" "unwind;libunwind")
   list(GET dependency 0 name)
   list(GET dependency 1 module)
-  # SYSTEM: dbus-c++ names its headers with -I, and they do not bear this tree's warnings.
+  # SYSTEM: dbus-c++ names its headers with -I, and they would not compile without warnings.
   pkg_check_modules(${name} REQUIRED IMPORTED_TARGET GLOBAL ${module})
   set_target_properties(PkgConfig::${name} PROPERTIES
     INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${${name}_INCLUDE_DIRS}")
 endforeach()
 
-# libunwind has the unwinder's functions under the names of the compiler's own, and needs descriptors
-# to throw. The compiler's comes first, so that exceptions stay its business.
+# libunwind has the unwinder's functions under the names of the compiler's own, and needs
+# descriptors to throw. The compiler's library comes first, so that it handles exceptions.
 set_property(TARGET PkgConfig::unwind PROPERTY INTERFACE_LINK_LIBRARIES
   gcc_s ${unwind_LINK_LIBRARIES})

@@ -6,7 +6,8 @@ include(CheckPIESupported)
 
 option(PROXYMANAGER_HARDENING "Build with the compiler's and the linker's hardening" ON)
 
-# The distributions' compilers make position-independent programs unasked; others have to be asked.
+# The distributions' compilers make position-independent programs by default; others need the
+# option.
 check_pie_supported()
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang" AND NOT DEFINED CMAKE_POSITION_INDEPENDENT_CODE)
   execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -dM -E -x c /dev/null
@@ -16,7 +17,7 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang" AND NOT DEFINED CMAKE_POSITION_INDE
   endif()
 endif()
 
-# ${result}: those of the flags that the compiler takes.
+# Sets ${result} to the flags that the compiler accepts.
 function(proxymanager_known_flags result)
   set(known "")
   set(CMAKE_REQUIRED_FLAGS "-Werror")
@@ -30,10 +31,11 @@ function(proxymanager_known_flags result)
   set(${result} "${known}" PARENT_SCOPE)
 endfunction()
 
-# For every target; the script engine, which has options of its own, repeats them.
+# For every target. The script engine has its own options, so it repeats these.
 set(proxymanager_hardening_flags "")
 set(proxymanager_hardening_cxx_flags "")
-# For the script worker and its engine besides: what a broken engine reads of the stack is zero.
+# Only for the script worker and its engine: a broken engine that reads unused stack memory finds
+# zeros.
 set(proxymanager_worker_hardening_flags "")
 if(PROXYMANAGER_HARDENING)
   proxymanager_known_flags(proxymanager_hardening_flags -fstack-protector-strong

@@ -10,8 +10,8 @@ foreach(program_folder "proxymanagerd;${CMAKE_INSTALL_SBINDIR}"
   endif()
 endforeach()
 
-# The client library. Below /usr the system finds it; elsewhere what uses it finds it by the path from
-# itself, so that an installed tree can be moved.
+# The client library. Below /usr, the system finds the library. Elsewhere, its users find it by the
+# path relative to themselves, so an installed tree can be moved.
 install(TARGETS proxymanager-client-shared LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/client/library/include/proxymanager"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
@@ -27,8 +27,8 @@ configure_file("${PROJECT_SOURCE_DIR}/client/library/proxymanager-client.pc.in"
   "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-client.pc" @ONLY)
 install(FILES "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-client.pc" DESTINATION "${pc_folder}")
 
-# The proxy resolver of GLib programs. Below GLib's own prefix GLib finds it; elsewhere programs name
-# the folder in GIO_EXTRA_MODULES.
+# The proxy resolver of GLib programs. GLib finds it below GLib's own prefix. For another prefix,
+# programs need the folder in GIO_EXTRA_MODULES.
 if(TARGET proxymanager_gio)
   set(PROXYMANAGER_GIO_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/gio/modules" CACHE STRING
       "Where the proxy resolver of GLib programs goes: below the prefix")
@@ -42,13 +42,13 @@ endif()
 
 install(FILES "${PROJECT_SOURCE_DIR}/dbus/com.zentu.ProxyManagerServiceInterface.xml"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
-# libproxy.so.1, without the link that programs are built with.
+# libproxy.so.1, without the link libproxy.so, which is only for building programs.
 if(PROXYMANAGER_LIBPROXY)
   install(TARGETS proxymanager_libproxy LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" NAMELINK_SKIP)
 endif()
 
-# The files that the system around the daemon reads. Only the unit contains an absolute path, the daemon's
-# below the prefix that the build was configured with: systemd knows no other way to name a program.
+# The files that the system around the daemon reads. Only the unit contains an absolute path, the
+# daemon's path below the configured prefix: systemd accepts no other kind of path.
 set(PROXYMANAGER_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
     "Where the systemd unit goes: below the prefix, or an absolute folder")
 set(proxymanager_packaging "${PROJECT_SOURCE_DIR}/packaging")
@@ -75,8 +75,8 @@ install(FILES "${proxymanager_pages}/com.zentu.ProxyManagerServiceInterface.7"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
 if(TARGET proxymanagerctl)
   install(FILES "${proxymanager_pages}/proxymanagerctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
-  # zsh's own folder for what is installed beside it; distributions have others, as Debian has
-  # share/zsh/vendor-completions.
+  # zsh's own folder for completions of other programs. Distributions have other folders, for
+  # example Debian share/zsh/vendor-completions.
   set(PROXYMANAGER_ZSH_COMPLETION_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING
       "Where the completion for zsh goes: below the prefix, or an absolute folder")
   set(completion "${proxymanager_packaging}/completion")

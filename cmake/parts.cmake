@@ -1,17 +1,17 @@
 # The parts of base/, engine/host/ and platform/ that a device may replace.
 #
-# A part is the functions of one header. PROXYMANAGER_DEVICE names a folder of the device maker's;
-# its CMakeLists.txt names the parts that it replaces, and the replacements:
+# A part is the functions of one header. PROXYMANAGER_DEVICE is a folder of the device's maker. Its
+# CMakeLists.txt lists the replaced parts and their sources:
 #
 #   proxymanager_replace(dhcp_info SOURCES own_lease.cpp LIBRARIES PkgConfig::ownservice)
 #
-# Those sources are then compiled in the place of this tree's, and its part's libraries are not
-# linked. So there is never a second definition for a linker to choose from, and a function that the
-# replacement lacks is an error of the link. docs/integration.md describes the task of each part.
+# These sources are then compiled instead of this tree's, and the libraries of the replaced part are
+# not linked. So there is never a second definition, and a missing function of the replacement is a
+# link error. docs/integration.md describes the task of each part.
 set(PROXYMANAGER_DEVICE "" CACHE PATH "A folder whose CMakeLists.txt replaces parts of this tree")
 
 # proxymanager_replace(PART SOURCES a.cpp ... LIBRARIES lib ...): in the device's CMakeLists.txt.
-# Sources are beside it. They see this tree's headers and bear its warnings.
+# Sources are beside it. They can include this tree's headers, and are compiled with its warnings.
 function(proxymanager_replace part)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
   if(NOT arg_SOURCES OR arg_UNPARSED_ARGUMENTS)
@@ -39,7 +39,8 @@ function(proxymanager_part library part)
   target_link_libraries(${library} PRIVATE ${arg_LIBRARIES})
 endfunction()
 
-# To be called when all parts are known: a misspelt one would leave this tree's own in its place.
+# Call it when all parts are known. Without this check, the build would silently use this tree's own
+# part if a name is misspelt.
 function(proxymanager_check_replaced)
   get_property(parts GLOBAL PROPERTY proxymanager_parts)
   get_property(replaced GLOBAL PROPERTY proxymanager_replaced)

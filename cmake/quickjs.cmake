@@ -30,7 +30,7 @@ if(NOT engine_source)
 endif()
 
 if(NOT PROXYMANAGER_ENGINE_SOURCE AND NOT EXISTS "${engine_source}")
-  # Its error stream is not captured: the steps show as they happen.
+  # Its error stream is not captured, so its steps appear at once.
   execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../packaging/quickjs/fetch_quickjs.sh"
     OUTPUT_VARIABLE engine_source OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE engine_failed)
   if(engine_failed)
@@ -54,8 +54,8 @@ if(engine_version VERSION_LESS PROXYMANAGER_ENGINE_MINIMUM)
 endif()
 message(STATUS "Script engine: QuickJS-NG ${engine_version}, built from ${engine_source}")
 
-# Upstream's own library without its module of files, processes and timers. Not by its CMakeLists.txt,
-# which builds programs besides.
+# Upstream's own library without its module of files, processes and timers. Its own CMakeLists.txt
+# is not used, because it also builds programs.
 list(TRANSFORM engine_parts PREPEND "${engine_source}/")
 add_library(proxymanager_quickjs STATIC ${engine_parts})
 target_include_directories(proxymanager_quickjs SYSTEM PUBLIC "${engine_source}")
@@ -63,9 +63,9 @@ target_compile_definitions(proxymanager_quickjs PRIVATE _GNU_SOURCE QUICKJS_NG_B
 target_link_libraries(proxymanager_quickjs PUBLIC Threads::Threads m ${CMAKE_DL_LIBS})
 set_target_properties(proxymanager_quickjs PROPERTIES C_STANDARD 11 C_STANDARD_REQUIRED ON
   C_EXTENSIONS ON C_VISIBILITY_PRESET hidden)
-# In place of the folder's options: the engine is a plain, optimized build also under sanitizers and
-# for coverage, since its stack and heap limits are tested as they are on a device. Its assertions
-# stay: it is better that a worker ends than that it runs with broken memory.
+# These options replace the folder's options. The engine is a plain, optimized build even under
+# sanitizers and for coverage, because the tests use the same stack and heap limits as a device. Its
+# assertions stay on: a worker should end rather than run with broken memory.
 set_property(TARGET proxymanager_quickjs PROPERTY COMPILE_OPTIONS
   -O3 -UNDEBUG -funsigned-char -w "-fmacro-prefix-map=${engine_source}/="
   -fno-strict-aliasing -fno-strict-overflow -fno-delete-null-pointer-checks

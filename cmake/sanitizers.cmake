@@ -4,7 +4,8 @@ if(PROXYMANAGER_SANITIZER STREQUAL "address")
   set(proxymanager_sanitizer_flags -fsanitize=address,undefined -fno-sanitize-recover=all)
 elseif(PROXYMANAGER_SANITIZER STREQUAL "thread")
   set(proxymanager_sanitizer_flags -fsanitize=thread)
-  # Boost.Asio has fences, which the sanitizer does not follow; its own locks order the rest.
+  # Boost.Asio uses fences, which the sanitizer does not understand. Everything else is ordered by
+  # its locks.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-Wno-tsan)
   endif()
@@ -21,12 +22,14 @@ elseif(NOT PROXYMANAGER_SANITIZER STREQUAL "")
 endif()
 
 if(proxymanager_sanitizer_flags)
-  # -O1 and line numbers only: the build takes half of the time, and nothing is lost in reports.
+  # -O1 and only line numbers: the build takes half of the time, and the reports have the same
+  # content.
   add_compile_options(${proxymanager_sanitizer_flags} -fno-omit-frame-pointer -O1 -g1)
   add_link_options(${proxymanager_sanitizer_flags})
 endif()
 
-# Counted without optimization, so that each line is one; several threads and processes count.
+# Without optimization, each line has its own count. Several threads and processes count at the same
+# time.
 if(PROXYMANAGER_COVERAGE)
   add_compile_options(--coverage -fprofile-update=atomic -O0)
   add_link_options(--coverage)

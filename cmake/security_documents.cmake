@@ -6,9 +6,9 @@
 #       -DHOLES=engine_holes.json -DCOPYRIGHT=packaging/debian/copyright -DOUTPUT=folder [-DFOREIGN=ON]
 #       [-DTODAY=2026-12-31] -P security_documents.cmake
 #
-# FOREIGN: the programs are of another architecture, whose packages are not asked for their versions.
-# Fails if the engine's version has a hole that HOLES lists as neither fixed by then nor unreachable;
-# warns if the engine is older than half a year.
+# FOREIGN: the programs are of another architecture, whose packages are not asked for their
+# versions. Fails if HOLES lists a hole of the engine's version that is neither fixed nor
+# unreachable. Warns if the engine is older than half a year.
 cmake_minimum_required(VERSION 3.25)
 string(REPLACE "|" ";" PROGRAMS "${PROGRAMS}")
 
@@ -59,8 +59,8 @@ function(component out type name version package scope)
   set(${out} "${json}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: the sonames that a program is linked with, and those of the libraries that it maps on demand,
-# which are texts in it.
+# ${out}: the sonames of the libraries that a program is linked with, and of those that it maps on
+# demand. The latter are texts in the program.
 function(needed out program)
   execute_process(COMMAND "${OBJDUMP}" -p "${program}" OUTPUT_VARIABLE headers
     COMMAND_ERROR_IS_FATAL ANY)
@@ -109,7 +109,8 @@ function(write_sbom)
     if(files)
       list(GET files 0 file)
       file(REAL_PATH "${file}" file)
-      # With its folder, since the libraries of other architectures have the same names.
+      # The folder is part of the name, because the libraries of other architectures have the same
+      # file names.
       string(REGEX MATCH "[^/]+/[^/]+$" place_of_${soname} "${file}")
       list(APPEND patterns "*/${place_of_${soname}}")
     endif()
@@ -199,9 +200,9 @@ function(write_vex)
   file(WRITE "${OUTPUT}/vex.cdx.json" "${vex}\n")
 endfunction()
 
-# ${out}: the day on which the engine was released. HOLES lists it. For a version that is not listed,
-# the date of the header is the next best: packages and upstream's tarballs keep it, copies and
-# repositories have a later one.
+# ${out}: the day on which the engine was released. HOLES lists it. For a version that is not in the
+# list, the date of the header is the next best value: packages and upstream's tarballs keep this
+# date, copies and repositories have a later one.
 function(released out)
   file(READ "${HOLES}" holes)
   string(JSON date ERROR_VARIABLE unknown GET "${holes}" releases "${ENGINE_VERSION}")
@@ -211,13 +212,13 @@ function(released out)
   set(${out} "${date}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: the number of days from an arbitrary one to the date YYYY-MM-DD.
+# ${out}: the number of days from a fixed, arbitrary day to the date YYYY-MM-DD.
 function(day_number out date)
   string(REGEX MATCH "^([0-9]+)-0?([0-9]+)-0?([0-9]+)$" matched "${date}")
   if(NOT matched)
     message(FATAL_ERROR "'${date}' is no date of the form YYYY-MM-DD")
   endif()
-  # Years begin with March, so that the day that some years have more is their last.
+  # Here, a year begins in March, so the leap day is its last day.
   math(EXPR march "(${CMAKE_MATCH_2} + 9) % 12")
   math(EXPR year "${CMAKE_MATCH_1} - ${march} / 10")
   math(EXPR days "365 * ${year} + ${year} / 4 - ${year} / 100 + ${year} / 400 +
@@ -228,7 +229,8 @@ endfunction()
 function(warn_of_age)
   set(today "${TODAY}")
   if(NOT today)
-    # Reproducible builds set it to the time of the source, which stays behind as the engine ages.
+    # Reproducible builds set it to the time of the source, which does not change while the engine
+    # gets older.
     unset(ENV{SOURCE_DATE_EPOCH})
     string(TIMESTAMP today "%Y-%m-%d" UTC)
   endif()

@@ -61,7 +61,7 @@ std::vector<std::string> CallOrder::takeUnknown() {
   return names;
 }
 
-// The user or connection that has waited longest since it was last served a call of this kind.
+// The user or connection whose last served call of this kind is the oldest.
 CallOrder::Connections::iterator CallOrder::first(Kind kind, bool onlyPrivileged) {
   auto best = mConnections.end();
   std::pair<std::uint64_t, std::uint64_t> bestTurn;

@@ -2,7 +2,7 @@
 //
 // A call that a script answers takes up to 5.25 s, and the bus thread serves one call at a time. So
 // the calls that wait stand in one queue for each connection, and this class decides whose call is
-// next. Within a connection the order is that of arrival; the first call of each connection
+// next. Within a connection, calls keep their order of arrival. The first call of each connection
 // competes with the first calls of the others:
 //
 // 1. calls that need no script, of root and of the service's own user;
@@ -42,9 +42,9 @@ class CallOrder {
   /// @param ownUser user of this process; its calls and root's go first
   explicit CallOrder(unsigned long ownUser) : mOwnUser(ownUser) {}
 
-  /// Whether one more call of `sender` may wait. For a question the bounds of the connection and of
-  /// its user count. For a call that needs no script, fewer than kMaxOfConnection calls of the
-  /// connection must wait.
+  /// Whether one more call of `sender` may wait. A question must stay within the limits of its
+  /// connection and of its user. A call that needs no script may wait if fewer than
+  /// kMaxOfConnection calls of its connection wait.
   bool hasRoom(const std::string& sender, Kind kind) const;
 
   /// Puts `call` into the queue. Checks no bound: the caller asks hasRoom() first.

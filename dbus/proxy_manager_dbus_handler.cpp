@@ -154,7 +154,7 @@ bool ProxyManagerDbusHandler::answerWithoutService(const DBus::CallMessage& call
   try {
     isAnswered = answer(call);
   } catch (...) {
-    // Not even that answer can be built. libdbus answers the call, or its sender's timeout ends it.
+    // Even that answer cannot be built. libdbus answers the call, or its sender's timeout ends it.
   }
   mAnswersAlone = false;
   return isAnswered;

@@ -50,11 +50,11 @@ const IntrospectedMethod kSignals[] = {
 
 const IntrospectedProperty kProperties[] = {{nullptr, nullptr, false, false}};
 
-// The library's table type has no const in it.
+// The type of the table in the library has no const.
 IntrospectedInterface ProxyManagerServiceInterface_adaptor_interface = {
     ProxyManagerServiceInterface_adaptor::kInterface, kMethods, kSignals, kProperties};
 
-// A std::string, for the library sends a literal as a boolean.
+// A std::string, because the library would send a literal as a boolean.
 void append(MessageIter& writer, const std::string& text) {
   writer.append_string(validText(text).c_str());
 }

@@ -157,8 +157,7 @@ void WaitingCalls::askForUsers() {
   }
 }
 
-// One rule for all connections: the bus bounds the rules of a connection, not the callers of a
-// service.
+// One rule for all connections, because the bus limits the number of rules of a connection.
 void WaitingCalls::watch(bool on) {
   if (on == mWatches) return;
   mWatches = on;
@@ -175,7 +174,7 @@ std::uint32_t WaitingCalls::ask(const char* method, const std::string& argument)
   return serial;
 }
 
-// The library's C code calls it: nothing may be thrown.
+// The library's C code calls this function, so it must not throw.
 bool WaitingCalls::onMessage(const DBus::Message& message) {
   try {
     const int type = message.type();
@@ -198,8 +197,9 @@ void WaitingCalls::onReply(const DBus::Message& reply) {
   noteUser(serial, reply);
   if (serial != mMarker) return;
   mMarker = 0;
-  // The bus answers in order, so the last answer is enough; not those to later questions, of which
-  // programs that connect all the time would make ever more.
+  // The bus answers in order, so it is enough to wait for the last of these answers. The thread
+  // does not wait for answers to later questions, because programs that connect all the time would
+  // cause more and more of them.
   if (mAsked.empty() || std::exchange(mWaitsForUsers, true)) return;
   mMarker = mAsked.rbegin()->first;
 }

@@ -6,19 +6,19 @@
 // collects in the bus. The bus thread then sends the bus a request of its own. The bus answers it
 // after all messages that it already held for this connection. No call is served until that answer
 // arrives or kReadLimit is over. So a call of an administrator is found behind thousands of other
-// calls. The answers about users that were asked for meanwhile are waited for in the same way,
-// once: each connection of a flood would else count as a user of its own, and have a turn before a
-// newcomer.
+// calls. The thread also waits once for the answers about users that it has asked for. Otherwise,
+// each connection of a flood would count as a separate user, and would get a turn before a new
+// user.
 //
-// A question beyond the bounds of CallOrder is refused. While calls are read after an evaluation
-// that took a second or more, refused ones are kept and answered afterwards, behind the calls of
-// users of whom none was refused: each answer to a flood brings its next call, and with some ten
-// thousand calls open the bus needs longer for an answer and a call than this thread does.
+// A question beyond the bounds of CallOrder is refused. After an evaluation that took a second or
+// more, refused calls are kept while other calls are read. They are answered after the calls of
+// users who have no refused call. The reason: each answer to a flood causes its next call. With ten
+// thousand open calls, the bus needs more time for an answer and a call than this thread.
 //
 // The bus knows the user of a connection and whether the connection has ended. This class asks the
 // bus, without waiting, only when calls delay each other: after a call that took long, or when more
-// than kCrowd calls wait. With few and short calls nobody would notice the order, and a call must
-// not cost more than without this class. When no call waits, nothing is watched.
+// than kCrowd calls wait. With few and short calls the order does not matter, and a call must not
+// cost more than without this class. When no call waits, nothing is watched.
 //
 // Bus thread only.
 #pragma once
@@ -46,13 +46,13 @@ class WaitingCalls {
   static constexpr std::chrono::seconds kReadLimit{10};
   /// A call that takes this long to serve delays others.
   static constexpr std::chrono::milliseconds kLongTurn{20};
-  /// After a turn of this length refused calls are kept while others are read. Shorter ones do not
-  /// let so many calls gather that this is worth their memory.
+  /// After a turn of this length refused calls are kept while others are read. During a shorter
+  /// turn, too few calls arrive to justify the memory.
   static constexpr std::chrono::seconds kGatheringTurn{1};
   /// This many waiting calls delay each other even if each call is short.
   static constexpr std::size_t kCrowd = 64;
-  /// Longest URL of a question that waits behind others; the engine takes 8 KiB. Longer questions
-  /// would fill the 63 MiB that libdbus keeps for messages that are not answered yet.
+  /// Longest URL of a waiting question. The engine accepts 8 KiB. Longer questions would fill the
+  /// 63 MiB that libdbus keeps for messages that are not answered yet.
   static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
   /// Most refused calls that are kept while others are read: 256 connections of a user, with 128
   /// calls each, the limit of the system bus. Further refused calls are answered at once.

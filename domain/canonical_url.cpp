@@ -57,7 +57,7 @@ std::string parserForm(std::string_view authority) {
   return result;
 }
 
-// Boost.URL 1.81 does not know zones (RFC 6874), so the zone is taken out before it parses.
+// Boost.URL 1.81 does not know zones (RFC 6874), so the zone is removed before the parsing.
 // @return false if the zone cannot be the name of an interface
 bool takeZone(std::string& authority, std::string& zone) {
   const auto end = authority.find(']');
@@ -131,8 +131,7 @@ std::optional<std::string> portOf(std::string_view scheme, std::string_view digi
 std::optional<std::string> canonicalAuthority(const std::string& scheme,
                                               std::string_view authority) {
   // User name and password are removed before the parsing, because a password may have characters
-  // that the parser refuses. If there are two "@", programs disagree which of them ends the
-  // password.
+  // that the parser refuses. If there are two "@", programs differ in which one ends the password.
   if (const auto at = authority.find('@'); at != std::string_view::npos) {
     authority.remove_prefix(at + 1);
     if (authority.find('@') != std::string_view::npos) return std::nullopt;

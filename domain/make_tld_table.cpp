@@ -65,7 +65,7 @@ std::optional<std::uint32_t> bucketOf(const std::string& rule, std::uint32_t buc
   return !ascii && reachable ? (bucket + 1) % buckets : bucket;
 }
 
-/// A string literal of `rule` and a terminator; octal escapes end by themselves.
+/// A string literal of `rule` and a terminator. Octal escapes of three digits need no separator.
 std::string literal(const std::string& rule, bool terminated) {
   std::string text = "    \"";
   for (const char c : rule) {

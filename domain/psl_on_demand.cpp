@@ -1,4 +1,4 @@
-// libpsl, mapped at the first name that may be a public suffix: in mode wpad alone.
+// libpsl, mapped at the first name that may be a public suffix: only in mode wpad.
 //
 // If the library is missing, psl_builtin() returns null, and then every name is a public suffix, as
 // libpsl itself answers without a list.

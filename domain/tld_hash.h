@@ -12,7 +12,7 @@
 
 namespace domain {
 
-/// Takes one unit, a byte or a code point, into the hash `h`, which begins as 0.
+/// Adds one unit, a byte or a code point, to the hash `h`. The first `h` is 0.
 constexpr std::uint32_t tldHashStep(std::uint32_t h, std::uint32_t unit) {
   h = (h << 4) + unit;
   h ^= (h & 0xF0000000u) >> 23;

@@ -47,8 +47,8 @@ void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_r
                     void* context);
 
 /** Evaluates FindProxyForURL(url, host) on the calling thread; waits 5 s at most.
- *  @param url cleaned before the script sees it: no user, password or fragment; for https and wss
- * no path or query either
+ *  @param url cleaned before the script sees it: it has no user, password or fragment, and for
+ *  https and wss no path or query
  *  @param host handed to the script as it is
  *  @param result receives a heap text, to be released with free(), or null if there is no
  *         answer */

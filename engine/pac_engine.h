@@ -28,7 +28,7 @@ namespace pac_engine {
 /// limit, so only a stopped or broken worker is killed.
 inline constexpr std::chrono::milliseconds kKillGrace{250};
 
-/// What a worker is for. The daemon has workers that answer, and no others.
+/// The role of a worker. The daemon uses only workers that answer.
 enum class WorkerRole : std::uint8_t {
   kAnswers,  ///< proxymanager-pac-worker: loads the script and answers questions
   kTraces,   ///< proxymanager-workbench: the same with a script that was instrumented; the command
@@ -52,7 +52,7 @@ struct Options {
 /// "line 3: message", or only the message if no line is known.
 std::string describe(const Problem& problem);
 
-/// One loaded script. Not for use by two threads at once; nothing here throws but bad_alloc.
+/// One loaded script. Two threads must not use it at the same time. It throws only bad_alloc.
 class Engine {
  public:
   /// Starts a worker and loads `script`, the bytes of a PAC file. Waits for timeLimit and

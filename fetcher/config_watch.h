@@ -27,7 +27,7 @@ class ConfigWatch {
 
   ConfigWatch();
 
-  /// Forgets an earlier end(). To be called before the watch thread starts.
+  /// Cancels an earlier end(). To be called before the watch thread starts.
   void begin() PM_EXCLUDES(mMutex);
 
   /// Makes the inotify descriptor. A descriptor that is too large for select counts as none.

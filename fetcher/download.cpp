@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::int64_t kTransferSeconds = 30;
 constexpr std::int64_t kMostRedirects = 5;
-// libcurl ends a transfer by its own option at 30 s after its own start, and then still has to
-// report how far it came. A child that has not done so by then is killed.
+// libcurl's own option ends a transfer 30 s after its start. libcurl then still has to report the
+// result. A child that has not reported by then is killed.
 constexpr std::chrono::milliseconds kTransferLimit{30250};
 
 bool isWebScheme(const std::string& scheme) {

@@ -1,9 +1,9 @@
-// One URL into one file, by a process of its own: proxymanager-fetch.
+// Downloads one URL into one file, in a separate process: proxymanager-fetch.
 //
 // Only that process parses HTTP, TLS, redirects and certificates of a foreign server, and it does
 // so behind walls. This side checks each report of that process. A server that takes the process
-// over spoils only its own download. This side also keeps the time: a transfer ends 30 s after it
-// began, whatever resolver, server or child process do.
+// over spoils only its own download. This side also enforces the time limit: a transfer ends 30 s
+// after its start, even if resolver, server or child process do not answer.
 #pragma once
 
 #include <string>

@@ -1,4 +1,4 @@
-// proxymanager-fetch as the daemon sees it: one child process for one transfer.
+// proxymanager-fetch from the daemon's side: one child process for one transfer.
 //
 // The child process parses what a foreign server sends, so this side treats it as hostile: each
 // packet is checked and each wait has a limit. The child sends two packets and ends; anything else

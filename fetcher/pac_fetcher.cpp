@@ -39,7 +39,7 @@ void replaceText(char*& mine, HeapText text) {
   mine = text.release();
 }
 
-// proxyMode2Str() logs lines. A mode past wpad is walked as wpad.
+// proxyMode2Str() logs lines. A mode number above wpad is treated as wpad.
 const char* textOf(ProxyMode mode) {
   if (mode == off) return "off";
   if (mode == manual) return "manual";

@@ -7,11 +7,10 @@
 //
 // One mutex guards the configuration copy and the request. A walk holds it except while a transfer
 // runs, so an update never waits for a download; it waits for the load of a script that is being
-// installed (5 seconds at most). A walk sees one configuration: an update that changes the mode or
-// a URL ends the transfer in progress, and the walk's other candidates fail without being asked
-// for. An update that changes nothing causes one further walk and does not end this one: two
-// programs that hand over the same configuration in turn do not keep each other from loading the
-// script.
+// installed (5 seconds at most). A walk uses one configuration. An update that changes the mode or
+// a URL ends the transfer in progress, and the walk's other candidates fail without a transfer. An
+// update that changes nothing causes one further walk and does not end this one. Otherwise, two
+// programs that send the same configuration in turn could prevent every download.
 //
 // The supervisor gets a line about mode, last update and last walk. Only the fetcher thread sends
 // it, since a supervisor that reads nothing must not hold up an update.
@@ -57,8 +56,8 @@ class PACFetcher {
   /// @throws std::system_error if no thread can be started
   bool start();
 
-  /// Ends both threads and returns when they have ended. Waits only for a transfer in progress and
-  /// for the load of its script; the walk's other candidates fail at once.
+  /// Ends both threads, and waits for their end. Waits only for a transfer in progress and for the
+  /// load of its script; the walk's other candidates fail at once.
   /// @return true
   bool stop();
 
@@ -69,7 +68,7 @@ class PACFetcher {
   void updateProxyMgrConfig(ProxyConfig config);
 
   /// Fetches one http or https URL, in a process of its own: 30 seconds, 512,000 bytes and five
-  /// redirects at most. Other schemes count as a failed transfer. A new file replaces what is at
+  /// redirects at most. Other schemes count as a failed transfer. A new file replaces the file at
   /// `targetFile`. The function keeps no state; two threads must not call it at the same time.
   /// @return whether the transfer succeeded, whatever the HTTP status; the body is then in the
   ///         file. Else the file is removed.

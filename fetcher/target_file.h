@@ -1,4 +1,4 @@
-// The file that takes a download, in a folder that everybody may write to, such as /tmp.
+// The file for a download, in a folder to which every user may write, such as /tmp.
 //
 // Other users can put anything at any name of such a folder at any moment. They cannot remove or
 // rename a file of this process, because the folder is sticky. So the file is complete before it

@@ -9,7 +9,7 @@ namespace fetcher {
 
 class WalkReport {
  public:
-  /// Notes a candidate that failed. @param why one line, for example of Download::error
+  /// Records a candidate that failed. @param why one line, for example of Download::error
   void failed(const std::string& url, const std::string& why);
   /// Records the candidate whose script was installed.
   void installed(const std::string& url);

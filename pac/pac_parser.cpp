@@ -175,7 +175,7 @@ ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
   std::chrono::milliseconds waited{0};
   if (queueQuestion(requestUrl, key, waited)) {
     {
-      // So that the wake-up is not lost between the worker's look at the flag and its wait.
+      // Otherwise, the wake-up could be lost between the worker's test of the flag and its wait.
       const Lock lock(mWaitMutex);
     }
     mCond.notify_one();
@@ -183,7 +183,7 @@ ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
   return awaitAnswer(key, waited);
 }
 
-// The engine is busy for as long as an evaluation or a reload lasts.
+// The engine is busy during a whole evaluation or reload.
 bool PacParser::queueQuestion(const std::string& requestUrl, const std::string& key,
                               std::chrono::milliseconds& waited) {
   while (waited < kAnswerLimit) {

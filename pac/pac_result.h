@@ -1,7 +1,7 @@
-// What a script's result text means: "PROXY a:1; SOCKS b:2; DIRECT" as a list of entries.
+// Parses a script's result text: "PROXY a:1; SOCKS b:2; DIRECT" becomes a list of entries.
 //
-// The functions stand behind PacParser's members of the same purpose and log in their names. Any
-// thread. They throw std::bad_alloc.
+// PacParser's members of the same purpose call these functions, which log under the names of the
+// members. Any thread. They throw std::bad_alloc.
 #pragma once
 
 #include <string>

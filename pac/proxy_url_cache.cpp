@@ -37,7 +37,7 @@ void ProxyUrlCache::set(const std::string& key, ProxyUrlSettings list) {
     values.find(key)->second = std::move(list);
     return;
   }
-  // All that can fail is made before anything changes; merge() only relinks.
+  // All steps that can fail come before any change; merge() only relinks.
   decltype(values) newValue;
   newValue.emplace(key, std::move(list));
   decltype(nodes) newNode;

@@ -132,8 +132,8 @@ fi
 apt() {
   $root env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300 "$@"
 }
-# None of these packages is to start its service here: the tests start their own. What a machine
-# says of its own about that stands.
+# No package may start its service here, because the tests start their own. A setting of the machine
+# for this is kept.
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
   trap '$root rm -f "$policy"; rm -f "$wanted"' EXIT
@@ -144,7 +144,7 @@ install() {
   apt satisfy --yes --no-install-recommends "$(echo "$lacking" | paste -s -d ,)"
 }
 
-# A fresh machine has no package lists, one that slept for long has old ones.
+# A new machine has no package lists, and a machine that was off for a long time has old ones.
 if ! ls /var/lib/apt/lists/*_Packages* >/dev/null 2>&1; then
   echo "Fetching the package lists"
   apt update

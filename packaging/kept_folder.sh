@@ -2,9 +2,9 @@
 # say() and fail(), prints the folder on standard output, and may run several times at once.
 # shellcheck shell=sh
 
-# kept_folder FOLDER NAME KEY: if FOLDER/NAME-KEY has been made, prints it and ends the script. Else it is
-# this script's to make, in $staging, with $work for what is thrown away, and others that want it wait until
-# keep.
+# kept_folder FOLDER NAME KEY: if FOLDER/NAME-KEY has been made, prints it and ends the script. Else
+# this script makes it in $staging, with $work for temporary files. Other scripts that need it wait
+# until keep.
 kept_folder() {
   result=$1/$2-$3
   if [ -d "$result" ]; then
@@ -25,7 +25,7 @@ kept_folder() {
   staging=$(mktemp -d "$1/.$2-XXXXXX")
   trap 'rm -rf "$work" "$staging"' EXIT
   trap 'exit 1' HUP INT TERM
-  # apt downloads as a user of its own, who has to reach the folder.
+  # apt downloads as its own user, who must be able to reach the folder.
   chmod 755 "$work"
 }
 
@@ -35,7 +35,7 @@ folder_for_apt() {
   if [ "$(id -u)" = 0 ] && id _apt >/dev/null 2>&1; then chown _apt "$1"; fi
 }
 
-# keep: what has been made is whole.
+# keep: the folder is complete.
 keep() {
   chmod 755 "$staging"
   mv -T "$staging" "$result"

@@ -8,7 +8,7 @@
 #   proxymanagerd-VERSION.cdx.json  its bill of materials (CycloneDX)
 #   SHA256SUMS                      the checksums of both
 #
-# The same commit and engine give the same bytes, whoever makes them, where and when.
+# The same commit and engine always give the same bytes, for every user, machine and time.
 set -eu
 umask 022
 export LC_ALL=C TZ=UTC
@@ -22,7 +22,7 @@ engine=$(packaging/quickjs/fetch_quickjs.sh)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
-# A user's own settings of git must not count.
+# A user's own git settings must have no effect.
 git -c tar.umask=0022 -c core.autocrlf=false archive --prefix="$name/" HEAD | tar -x -C "$work"
 mkdir "$work/$name/packaging/quickjs/source"
 tar -c -C "$engine" . | tar -x -C "$work/$name/packaging/quickjs/source"

@@ -111,7 +111,7 @@ UniqueFd openProcess(pid_t pid) {
   return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0U)));
 }
 
-/// Waits for the process unless it lives. @return false if it lives
+/// Waits for the process if it has ended. @return false if it lives
 bool waitUnlessItLives(const UniqueFd& process, siginfo_t& info) {
   info = {};
   return waitid(P_PIDFD, static_cast<id_t>(process.get()), &info, WEXITED | WNOHANG) != 0 ||
@@ -196,7 +196,7 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const ChildOptions& options,
   UniqueFd process = openProcess(pid);
   if (!process) {
     problem = described("no process descriptor for " + options.program, errno);
-    // Here the child is addressed by its number. Nobody has waited for the child yet, so the number
+    // This call uses the child's process id. Nobody has waited for the child yet, so the number
     // still belongs to it. A program without the right to signal a child of another user cannot
     // wait for its end either.
     if (kill(pid, SIGKILL) == 0) {

@@ -51,7 +51,8 @@ Failure readOnly(std::span<const char* const> paths, bool& inForce) {
   inForce = false;
   const long version =
       syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION);
-  // ENOSYS, or EOPNOTSUPP if it is switched off; EPERM under a supervisor's list of system calls.
+  // The errors of a kernel without Landlock: ENOSYS, or EOPNOTSUPP if it is turned off, or EPERM if
+  // a supervisor's list of system calls forbids it.
   if (version < 1) return {};
   landlock_ruleset_attr handled{};
   handled.handled_access_fs = rightsOfVersion(version);

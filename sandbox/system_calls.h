@@ -25,8 +25,8 @@ scmp_arg_cmp masked(unsigned argument, std::uint64_t mask, std::uint64_t value);
 
 inline constexpr std::uint64_t kInt = 0xFFFFFFFF;
 
-/// Builds the list, then puts it in force. A call that the machine's architecture does not have is
-/// passed over. Errors are kept until load().
+/// Collects the allowed calls. load() puts the list in force. A call that does not exist on the
+/// machine's architecture is skipped. Errors are kept until load().
 class SystemCalls {
  public:
   /// A call that is not on the list ends the process with SIGSYS.

@@ -48,8 +48,8 @@ struct Limit {
 /// Sets soft and hard limits. An existing tighter limit stays.
 Failure limitResources(std::span<const Limit> limits);
 
-/// Sets the stack limit to `bytes`: a program may have been started with less than it counts on. A
-/// hard limit below `bytes` stays.
+/// Sets the stack limit to `bytes`, because a program may have been started with less than it
+/// needs. A hard limit below `bytes` stays.
 Failure setStackLimit(rlim_t bytes);
 
 }  // namespace sandbox

@@ -46,7 +46,7 @@ constexpr char kUsage[] =
     "Answers programs that ask over D-Bus which HTTP proxy to use for a URL. It runs in the\n"
     "foreground until SIGTERM; SIGHUP reads /etc/proxymanagerd/trace.conf again. A supervisor\n"
     "normally starts it: systemctl start proxymanagerd. See proxymanagerd(8).\n";
-// LOG_PID, LOG_NDELAY and the bit 0x40, which this platform's syslog ignores.
+// The options LOG_PID and LOG_NDELAY, and the bit 0x40, which this platform's syslog ignores.
 constexpr int kLogOptions = 0x49;
 
 void receive_signal(int signo) {
@@ -128,7 +128,7 @@ bool printedWhatWasAskedFor(int argc, char** argv) {
   return true;
 }
 
-/// Before the first thread, and before the first secret.
+/// This must come before the first thread and before the first secret.
 void limitItself() {
   process::forbidDumps();
   process::keepCapabilitiesFromChildren();

@@ -1,5 +1,5 @@
-// The daemon's central object: owns the configuration in force, the bus object, the fetcher and the
-// parser, and answers what the bus asks.
+// The daemon's central object. It owns the configuration in force, the bus object, the fetcher and
+// the parser, and answers the calls from the bus.
 //
 // The service restores no configuration at start. The mode is off until a client sets a
 // configuration, and until then the service announces itself every two seconds. Every update asks

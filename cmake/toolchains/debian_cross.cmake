@@ -11,7 +11,7 @@ set(CMAKE_CXX_COMPILER ${triplet}-g++)
 # Debian's name for the folders of this architecture; without it CMake asks the build machine.
 set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
 
-# CMake reads this file again for each of its own trials, which do not know the cache.
+# CMake reads this file again for each of its own test builds, which cannot read the cache.
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES PROXYMANAGER_SYSROOT)
 if(NOT PROXYMANAGER_SYSROOT)
   execute_process(
@@ -26,7 +26,7 @@ if(NOT PROXYMANAGER_SYSROOT)
 endif()
 set(CMAKE_SYSROOT "${PROXYMANAGER_SYSROOT}")
 
-# Programs are the build machine's, everything else is the device's.
+# Programs come from the build machine, everything else from the device.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

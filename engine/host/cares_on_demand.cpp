@@ -48,7 +48,7 @@ std::atomic<const Functions*> found{nullptr};
 
 extern "C" {
 
-// Only this function looks the others up: if a channel exists, all functions have been found.
+// Only this function looks up the others. So if a channel exists, all functions have been found.
 int ares_init_options(ares_channel* channel, struct ares_options* options, int mask) {
   static on_demand::Library<Functions> library("libcares.so.2", findAll);
   const Functions* const functions = library.functions();
@@ -70,7 +70,7 @@ void ares_destroy(ares_channel channel) {
   found.load()->destroy(channel);
 }
 
-// Owners without an object also call this, with null.
+// Owners that hold no object also call this function, with a null pointer.
 void ares_freeaddrinfo(struct ares_addrinfo* answer) {
   if (answer != nullptr) found.load()->freeAddrInfo(answer);
 }

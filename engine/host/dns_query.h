@@ -39,7 +39,7 @@ class DnsResolver {
   /// again at the next lookup. The first call returns false.
   bool configurationChanged();
 
-  /// Looks `name` (ASCII) up on the calling thread until `deadline`; ends early when the peer of
+  /// Looks up `name` (ASCII) on the calling thread until `deadline`. It ends early if the peer of
   /// the socket `watched` closes it.
   LookupResult lookUp(const std::string& name, pac_engine::AddressFamily family, Deadline deadline,
                       int watched);

@@ -36,7 +36,7 @@ int idn2_to_ascii_8z(const char* name, char** ascii, int flags) {
   return functions->toAscii(name, ascii, flags);
 }
 
-// Owners without an object also call this, with null.
+// Owners that hold no object also call this function, with a null pointer.
 void idn2_free(void* text) {
   if (text != nullptr) found.load()->free(text);
 }

@@ -25,13 +25,13 @@ class NameLookup {
  public:
   explicit NameLookup(NameSource source);
 
-  /// Begins an evaluation: a new share of names, and a look at the resolver's configuration when
-  /// the first of them is asked.
+  /// Begins an evaluation with a new share of names. Its first lookup checks whether the resolver's
+  /// configuration has changed.
   void begin();
 
-  /// Addresses of `name` (UTF-8) in `family`; empty if it has none, is no name, the share of
-  /// this evaluation is used up or 2 s or `deadline` have passed. A name asked for again in the
-  /// same evaluation has the same addresses and costs nothing of the share.
+  /// Addresses of `name` (UTF-8) in `family`. Empty if it has none, if it is not a valid name, if
+  /// the share of this evaluation is used up, or if 2 s or `deadline` have passed. A repeated name
+  /// in the same evaluation has the same addresses and does not count again.
   /// @param watched as DnsResolver's
   std::vector<std::string> resolve(std::string_view name, AddressFamily family, Deadline deadline,
                                    int watched);

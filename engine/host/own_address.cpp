@@ -19,7 +19,7 @@ namespace {
 using IfAddrs = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 
 // An address of the block for documentation (RFC 5737). No local network has such an address, so
-// the default route is asked. Connecting a UDP socket looks the route up and sends nothing.
+// the default route is asked. Connecting a UDP socket looks up the route and sends nothing.
 constexpr std::uint32_t kOutside = 0xC0000201;  // 192.0.2.1
 constexpr std::uint16_t kAnyPort = 9;           // discard; a port is needed, none is contacted
 

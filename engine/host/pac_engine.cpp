@@ -20,7 +20,8 @@ namespace {
 
 /// CPU time that a worker may spend while nobody waits for it.
 constexpr std::chrono::seconds kIdleCpu{2};
-/// Well under kIdleCpu, so that questions which are answered within it never reach that limit.
+/// Far below kIdleCpu, so that a worker which answers questions within this time never reaches that
+/// limit.
 constexpr std::chrono::milliseconds kShortWork{500};
 
 Problem problemOf(std::string message) {

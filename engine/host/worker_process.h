@@ -53,8 +53,8 @@ class WorkerProcess {
   /// Nothing changes if the kernel does not allow it.
   void limitCpu(std::chrono::seconds more);
 
-  /// Kills the process unless it has ended and waits for it, 1 s at most. If it lives on, a later
-  /// start or end waits for it.
+  /// Kills the process unless it has ended and waits for it, 1 s at most. If it does not end, a
+  /// later start or end waits for it.
   /// @return how it ended, for the log
   std::string end();
 

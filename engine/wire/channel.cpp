@@ -10,7 +10,7 @@ namespace pac_engine {
 
 namespace {
 
-// One byte more than a message may have, so that a longer one is seen to be longer.
+// One byte more than the longest message, so that a longer message is detected.
 constexpr std::size_t kBufferBytes = kMaxMessageBytes + 1;
 
 /// The timeout for poll() until `deadline`, rounded up. If it were rounded down, poll() would

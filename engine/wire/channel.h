@@ -30,11 +30,12 @@ class Channel {
   /// @return false if the other end is closed or does not read its messages
   bool send(std::string_view message);
 
-  /// Sends one message, and waits for as long as the other end lives and reads too slowly.
+  /// Sends one message. Waits as long as the other end is open but reads too slowly.
   /// @return false if the other end is closed
   bool sendPatiently(std::string_view message);
 
-  /// Waits for one message until `deadline`, without one for as long as the other end lives.
+  /// Waits for one message until `deadline`. Without a deadline, waits as long as the other end is
+  /// open.
   Receipt receive(std::optional<Deadline> deadline = std::nullopt);
 
   /// The last received message, valid until the next receive(). A message past the longest length

@@ -48,7 +48,8 @@ class Writer {
   std::string mBytes;
 };
 
-/// Takes fields off the front; after the first that is not there or not allowed, all is void.
+/// Takes fields from the front. After the first missing or invalid field, all further fields are
+/// invalid.
 class Reader {
  public:
   explicit Reader(std::string_view bytes)
@@ -229,7 +230,7 @@ std::string encode(const FromWorker& message) {
 
 std::optional<FromLibrary> decodeFromLibrary(std::string_view bytes) {
   Reader reader(bytes);
-  // The message is read before `reader` is asked whether all was right.
+  // The message must be read before `reader` can report whether all fields were valid.
   const auto take = [&reader](auto message) { return whole<FromLibrary>(reader, message); };
   switch (Kind{reader.number<std::uint8_t>()}) {
     case Kind::kStart:

@@ -13,19 +13,21 @@ namespace pac_worker {
 /// (RFC 4291, 2.5.5.2), so that both spellings of one address are equal.
 using Address = std::array<std::uint8_t, 16>;
 
-/// A dotted quad as a number of host order: four decimal fields of one to three digits, each 0 to
-/// 255; leading zeros are decimal too. This is what isInNet and masks mean by an address.
+/// A dotted quad as a number in host byte order. It has four decimal fields of one to three digits,
+/// each from 0 to 255. A field with leading zeros is also decimal. isInNet and masks use addresses
+/// of this form.
 std::optional<std::uint32_t> parseQuad(std::string_view text);
 
-/// An IPv4 literal as browsers read one in a URL: one to four fields, decimal, octal after a "0" or
-/// hexadecimal after "0x"; the last one fills the bytes that remain, one trailing dot is ignored.
+/// An IPv4 literal in the forms that browsers accept in a URL: one to four fields, which are
+/// decimal, octal after a "0" or hexadecimal after "0x". The last field fills the remaining bytes.
+/// One trailing dot is ignored.
 std::optional<std::uint32_t> parseIpv4(std::string_view text);
 
 /// An IPv6 literal without brackets and without a zone. An IPv4 address may stand for the last two
 /// groups, written as four fields of parseIpv4().
 std::optional<Address> parseIpv6(std::string_view text);
 
-/// The address that a literal of either family names.
+/// The address of a literal of either family.
 std::optional<Address> parseAddress(std::string_view text);
 
 /// "10.0.0.1"

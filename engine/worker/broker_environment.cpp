@@ -13,7 +13,7 @@ using pac_engine::FromWorker;
 
 namespace {
 
-/// More than the names that one evaluation may look up; further ones have no address.
+/// More names than one evaluation may look up. Further names get no address.
 constexpr std::size_t kMaxRemembered = 64;
 
 }  // namespace

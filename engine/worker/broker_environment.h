@@ -1,5 +1,5 @@
-// The device as a script in the worker sees it. Clock and zone are the worker's own; for everything
-// else the worker asks the library through the socket.
+// The device from the point of view of a script in the worker. Clock and zone are the worker's own;
+// for everything else the worker asks the library through the socket.
 #pragma once
 
 #include <cstdint>

@@ -16,7 +16,7 @@ namespace pac_worker {
 /// The additions of the workbench to a conversation.
 class Extension : public Preparation {
  public:
-  /// The environment that the script gets instead of `device`, which outlives this object.
+  /// The environment for the script, which replaces `device`. `device` must outlive this object.
   virtual PacEnvironment& around(PacEnvironment& device) = 0;
   /// Executes a command of the library. @return the report, or the reason why there is none
   virtual Reply report(std::string_view command, std::string_view argument) = 0;

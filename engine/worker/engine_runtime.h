@@ -38,7 +38,7 @@ class Value {
   JSValue mValue;
 };
 
-/// The text of a value, in a UTF-8 in which unpaired surrogates stand like other code points.
+/// The text of a value, in UTF-8. Unpaired surrogates are encoded like other code points.
 class Text {
  public:
   /// Converts as the language's String() does, so an object's own toString may run.
@@ -75,8 +75,8 @@ class EngineRuntime {
 
   /// Starts the clock and the counts of one load or evaluation, on the calling thread's stack.
   void begin();
-  /// Runs the jobs that promises have queued, in order, kMostJobs at most: enough for every sane
-  /// script, and a chain of jobs without end costs a bounded share of each evaluation.
+  /// Runs the jobs that promises have queued, in order, kMostJobs at most. This is enough for every
+  /// useful script, and limits the cost of an endless chain of jobs.
   void runJobs();
   /// Counts bytes that are processed outside the engine's loops.
   void countWork(std::size_t bytes) { mBytesOfWork += bytes; }

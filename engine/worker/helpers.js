@@ -85,7 +85,7 @@
         if (isFirst) beginsWithDay = true;
       }
     }
-    // (day, day) and (day, month) are days of the current month.
+    // With (day, day) and (day, month), both days are in the current month.
     if (beginsWithDay && count == 2) {
       this.set(first, 'Month', now.getMonth());
       this.set(last, 'Month', now.getMonth());
@@ -150,8 +150,8 @@
     }
   },
 
-  // The work of the setter with this name. The engine's own setters look up the zone's offset at the wrong
-  // moment, so they are an hour off for some hours around each change of summer time.
+  // Does the work of the setter with this name. The engine's own setters look up the zone's offset
+  // at the wrong moment, so they are an hour off for some hours around each change of summer time.
   set(moment, part, value) {
     const minute = 60000;
     const day = 24 * 60 * minute;
@@ -165,7 +165,8 @@
     const wall = shown['setUTC' + part](value);
     const before = offsetAt(wall - day);
     const after = offsetAt(wall + day);
-    // A time that the clocks show twice is the first one, a time that they skip counts on.
+    // If the clocks show a time twice, the first one counts. If they skip a time, the time after
+    // the change counts.
     const isBefore = offsetAt(wall + before) == before || offsetAt(wall + after) != after;
     moment.setTime(wall + (isBefore ? before : after));
   },

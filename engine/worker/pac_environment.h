@@ -29,15 +29,15 @@ class PacEnvironment {
   /// long, or if the evaluation has already looked up its limit of names. Blocks 2 s at most.
   virtual std::vector<std::string> resolve(std::string_view name, AddressFamily family) = 0;
 
-  /// The address that would be used to reach the outside, for kIpv4; all usable addresses of the
-  /// device, for kAny. Empty if there is none.
+  /// For kIpv4, the address with which the device reaches the outside. For kAny, all usable
+  /// addresses of the device. Empty if there is none.
   virtual std::vector<std::string> ownAddresses(AddressFamily family) = 0;
 
   /// The present time for the script in seconds since 1970-01-01T00:00:00Z, if it is not the
   /// clock's.
   virtual std::optional<std::int64_t> stoppedClock() = 0;
 
-  /// Takes the text of alert(); any length, any bytes.
+  /// Gets the text of alert(). It may have any length and any bytes.
   virtual void alert(std::string_view text) = 0;
 };
 

@@ -23,8 +23,8 @@ std::string joined(const std::vector<Text>& texts) {
   return list;
 }
 
-// Four fields of digits are an address with a field too large, not a name: no name server may be
-// asked for it.
+// Four fields of digits are an address with a field that is too large, and not a name. So no name
+// server may be asked for it.
 bool isDigitsAndDots(std::string_view text) {
   return text.find_first_not_of("0123456789.") == text.npos;
 }

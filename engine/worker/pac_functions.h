@@ -1,9 +1,9 @@
-// The helpers of PAC scripts that deal in host names and addresses, free of any engine type.
+// The helpers of PAC scripts for host names and addresses. They use no type of the engine.
 //
 // The engine's binding converts the arguments: here every text is UTF-8. Helpers written in the
 // language itself are in helpers.js, shExpMatch's matching is in shell_expression.h. The
-// environment's resolver never sees an address literal or a text that cannot be a host name.
-// Nothing here throws but std::bad_alloc.
+// environment's resolver never sees an address literal or a text that cannot be a host name. The
+// functions throw only std::bad_alloc.
 #pragma once
 
 #include <cstddef>
@@ -42,7 +42,7 @@ std::size_t dnsDomainLevels(std::string_view host);
 /// The first IPv4 address of the name; an IPv4 literal in its usual form. An IPv6 literal has none.
 std::optional<std::string> dnsResolve(PacEnvironment& environment, std::string_view host);
 
-/// The IPv4 address that reaches the outside, else kLoopbackAddress.
+/// The IPv4 address with which the device reaches the outside, else kLoopbackAddress.
 std::string myIpAddress(PacEnvironment& environment);
 
 /// All addresses of `host`, separated by ";"; a literal in its usual form; "" if there are none.

@@ -26,8 +26,7 @@ struct MemoryWalls {
   unsigned long stackBytes = kStackBytes;
 };
 
-/// Reads the zone rules (TZ, else /etc/localtime), which are out of reach later. To be called
-/// first.
+/// Reads the zone rules (TZ, else /etc/localtime), which cannot be read later. To be called first.
 void loadZone();
 
 /// Raises all walls around this process, which has one thread. After that, the process can read and

@@ -48,8 +48,8 @@ struct ScriptEngine::Impl {
   Reply answerOf(JSValueConst result);
 };
 
-// The limit that was passed since begin(), if any. A script that has caught an error of the heap
-// limit has passed it all the same.
+// The limit that was passed since begin(), if any. A script that has caught the error of the heap
+// limit has still passed the limit.
 std::optional<Problem> ScriptEngine::Impl::passedLimit() {
   std::optional<Problem> error;
   if (runtime->memoryWasRefused()) {
@@ -97,7 +97,7 @@ std::optional<Problem> ScriptEngine::Impl::run() {
 Reply ScriptEngine::Impl::answerOf(JSValueConst result) {
   JSContext* const context = runtime->context();
   if (!JS_IsString(result)) return {std::nullopt, errorOf("the result is no string")};
-  // The length is checked first, because a long result may need more memory than there is.
+  // The length is checked first, because a long result may need more memory than is available.
   const Value length(context, JS_GetPropertyStr(context, result, "length"));
   std::int64_t units = 0;
   if (JS_ToInt64(context, &units, length.get()) < 0) return {std::nullopt, takeException(context)};

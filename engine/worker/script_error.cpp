@@ -11,7 +11,8 @@ namespace {
 
 constexpr int kMostPrototypes = 8;  // looked through for an error's name
 
-// An exception while another one is described (only memory can run out there) is dropped.
+// An exception during the description of another one is dropped. Only exhausted memory can cause
+// it.
 void dropException(JSContext* context) {
   JS_FreeValue(context, JS_GetException(context));
 }

@@ -17,7 +17,7 @@ inline constexpr std::size_t kErrorBytes = 512;
 /// properties of real Error objects and primitive values are read.
 Problem takeException(JSContext* context);
 
-/// An error of our own making; the text is cut and made printable.
+/// An error from our own code. The text is cut and made printable.
 Problem errorOf(std::string_view message);
 
 }  // namespace pac_worker

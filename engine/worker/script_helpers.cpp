@@ -87,8 +87,9 @@ struct TwoTexts {
   const Text second;
 };
 
-// In UTF-8 a text begins or ends with another exactly if it does so in the language's UTF-16. The
-// exception is an end that begins with the second half of a surrogate pair; 0xED is its first byte.
+// A text begins or ends with another one in UTF-8 if, and only if, it does so in the language's
+// UTF-16. The exception is an end that begins with the second half of a surrogate pair; 0xED is its
+// first byte.
 bool mayBeginInsideOfAPair(std::string_view end) {
   return !end.empty() && end.front() == '\xED';
 }

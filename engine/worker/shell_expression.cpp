@@ -14,10 +14,10 @@ bool isLineEnd(Unit unit) {
   return false;
 }
 
-// A star takes as little as it can; only the last star found ever has to take more. That is enough:
-// the text between two stars matches as far left as it can. Moving it right would only give the
-// earlier star characters that the later star can take instead. This holds with line ends too,
-// because a stretch that contains one cannot be moved at all.
+// A star matches as few characters as possible. Only the last star found may have to match more.
+// That is enough: the text between two stars matches as far left as it can. Moving it right would
+// only give the earlier star characters that the later star can take instead. This holds with line
+// ends too, because a stretch that contains one cannot be moved at all.
 template <typename Unit>
 bool matches(std::basic_string_view<Unit> text, std::basic_string_view<Unit> expression) {
   constexpr std::size_t kNone = static_cast<std::size_t>(-1);

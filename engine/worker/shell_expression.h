@@ -18,8 +18,8 @@ namespace pac_worker {
 /// and "*".
 bool isPlainShellExpression(std::string_view expression);
 
-/// Matches the whole of `text` against a plain expression. Takes size(text) * size(expression)
-/// steps at most, and no memory.
+/// Matches the whole of `text` against a plain expression. It needs at most size(text) *
+/// size(expression) steps, and no memory.
 bool matchesShellExpression(std::u16string_view text, std::u16string_view expression);
 /// The same for texts of ASCII characters.
 bool matchesShellExpression(std::string_view text, std::string_view expression);

@@ -13,7 +13,7 @@ namespace pac_worker {
 std::string printableLine(std::string_view text, std::size_t limit);
 
 /// The UTF-16 code units of a text of the engine: UTF-8 in which an unpaired surrogate is written
-/// in three bytes like any other code point. Bytes that are not even that become U+FFFD.
+/// in three bytes like any other code point. Other bytes become U+FFFD.
 std::u16string utf16Units(std::string_view text);
 
 }  // namespace pac_worker

@@ -1,4 +1,4 @@
-// The stream that a transfer writes its body to: of bounded length.
+// The stream of limited length to which a transfer writes its body.
 #pragma once
 
 #include <cstddef>
@@ -6,7 +6,7 @@
 
 namespace fetch_child {
 
-/// Opens an unbuffered stream that writes to `fd` and takes `limit` bytes. If a write would pass
+/// Opens an unbuffered stream that writes to `fd` and accepts `limit` bytes. If a write would pass
 /// the limit, or the file system refuses it, the stream stores nothing more and reports a short
 /// write at once. It buffers nothing.
 /// @param fd the caller keeps it

@@ -1,10 +1,10 @@
 // proxymanager-fetch: downloads one URL for the daemon that started it.
 //
-// It has one descriptor beyond the standard three, its end of a socket pair. libcurl is made ready
-// first, which reads nothing of a stranger; then the walls are raised; only then is the request
-// read. The daemon opens the file for the body when it knows that there is a libcurl handle, and
-// sends its descriptor. After the one result the process ends. The daemon keeps the time: it kills
-// a process that takes too long.
+// It has one descriptor beyond the standard three, its end of a socket pair. First it prepares
+// libcurl, which reads no foreign bytes. Then it raises the walls. Only after that does it read the
+// request. The daemon opens the file for the body when it knows that there is a libcurl handle, and
+// sends its descriptor. After the one result the process ends. The daemon enforces the time limit:
+// it kills a process that takes too long.
 #include <curl/curl.h>
 #include <malloc.h>
 #include <sys/socket.h>

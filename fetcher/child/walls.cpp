@@ -82,7 +82,7 @@ void allowMemory(SystemCalls& list) {
 }
 
 void allowThreads(SystemCalls& list) {
-  // libcurl looks names up on a thread. The flags are exactly those of pthread_create, so no
+  // libcurl looks up names on a thread. The flags are exactly those of pthread_create, so no
   // process and no namespace can be made. A filter cannot see the arguments of clone3, so clone3 is
   // answered with an error and the C library calls clone.
   constexpr std::uint64_t kThread = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SYSVSEM |
@@ -104,8 +104,8 @@ void allowSockets(SystemCalls& list) {
   }
   // The C library asks for this machine's addresses to sort the addresses of a name.
   list.allow(SCMP_SYS(socket), {masked(0, kInt, AF_NETLINK), masked(2, kInt, NETLINK_ROUTE)});
-  // The message bus believes the user of a socket's other end, and this process may have the
-  // daemon's. So modules of the name service that ask a local service go on with the next one.
+  // The message bus trusts the user of a connection, and this process may have the daemon's user.
+  // So modules of the name service that ask a local service fail, and the next module is asked.
   list.refuse(SCMP_SYS(socket), EAFNOSUPPORT, {masked(0, kInt, AF_UNIX)});
   // libcurl wakes itself through a pair; a pair of streams can never be connected elsewhere.
   constexpr std::uint64_t kKind = kInt & ~std::uint64_t{SOCK_CLOEXEC | SOCK_NONBLOCK};

@@ -62,7 +62,7 @@ std::string encode(const FetchRequest& request);
 std::string encode(const FetchReady& ready);
 std::string encode(const FetchResult& result);
 
-/// The packets of bytes; nothing if the bytes are no such packet. Texts of the child come out with
+/// Decodes a packet. Nothing if the bytes are not such a packet. Texts of the child come out with
 /// "?" in place of each byte that is not printable ASCII.
 std::optional<FetchRequest> decodeRequest(std::string_view bytes);
 std::optional<FetchReady> decodeReady(std::string_view bytes);

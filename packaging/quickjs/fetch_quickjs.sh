@@ -1,19 +1,20 @@
 #!/bin/sh
 # Fetches the source of the JavaScript engine, QuickJS-NG, once per machine.
 #
-# For machines whose release has no package of the engine that is recent enough. apt fetches the upstream
-# tarball of a later suite from the machine's own source: same host, transport and keyring, only another
-# suite. The script makes an apt configuration for this run, and does not change /etc/apt or apt's lists.
-# The proof is the archive's: apt verifies the signature of the suite's index, and the tarball by the
-# checksum in that index. No checksum is pinned here, because the archive replaces a version by the next
-# one; the suite's present version is taken and named.
+# For machines whose release has no package of the engine that is recent enough. apt fetches the
+# upstream tarball of a later suite from the machine's own source: same host, transport and keyring,
+# only another suite. The script makes an apt configuration for this run, and does not change
+# /etc/apt or apt's lists. The archive proves the content: apt verifies the signature of the suite's
+# index, and checks the tarball against the checksum in this index. No checksum is pinned here,
+# because the archive replaces each version by the next one. The script takes the suite's current
+# version, and prints it.
 #
 # Prints on standard output the folder that holds the unpacked source; reports on standard error what
 # it does, one line a step. Any user can run it, and several at once: one fetches, the others wait.
 #
 # Environment: PROXYMANAGER_ENGINE_CACHE, the folder that keeps the result
-# (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd). A result is kept until it is removed; without it, the
-# next run takes what the suite has then.
+# (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd). A result is kept until somebody removes it. The next
+# run then takes the version that the suite has at that time.
 set -eu
 
 package=quickjs-ng

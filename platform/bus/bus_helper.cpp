@@ -73,8 +73,9 @@ BusHelper::~BusHelper() {
 }
 
 void BusHelper::requestName(const char* name) {
-  // The library's request_name is not used: it hides that the request was only queued, and the end
-  // of its connection waits up to 25 s for a release that closing the socket does at once.
+  // The library's request_name is not used. It hides that the request was only queued. And at its
+  // end, the connection waits up to 25 s for the release of the name, although closing the socket
+  // releases it at once.
   CallMessage call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                    "RequestName");
   MessageIter writer = call.writer();

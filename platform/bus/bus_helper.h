@@ -25,8 +25,8 @@ class BusHelper {
   /// seconds, would fill this queue only after the bus thread has been blocked for half an hour.
   static constexpr std::size_t kMaxPosted = 1024;
 
-  /// Connects to the system bus; waits 10 s at most. Throws DBus::Error if there is none, or
-  /// none that answers.
+  /// Connects to the system bus; waits 10 s at most. Throws DBus::Error if there is no bus, or if
+  /// it does not answer.
   BusHelper();
   /// Ends dispatching.
   ~BusHelper();
@@ -46,8 +46,8 @@ class BusHelper {
   /// throws nothing. Call setTurn() before startDispatching().
   void setTurn(std::function<int()> turn);
 
-  /// Starts the bus thread, and asks for the name again if stopDispatching() has given it back.
-  /// Throws as requestName(). Does nothing if the thread already runs.
+  /// Starts the bus thread. Requests the name again if stopDispatching() has released it. Throws as
+  /// requestName(). Does nothing if the thread already runs.
   void startDispatching();
 
   /// Gives the bus name back, answers every call that the bus delivered before that, runs the

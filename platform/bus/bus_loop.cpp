@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kSendLimit{5};
 // How long the loop answers the calls that came before its end. A full bus holds 25,600 of them.
 constexpr std::chrono::seconds kAnswerLimit{5};
 constexpr int kAnswerPollMilliseconds = 100;
-// A wait that the system refuses is tried again after this long.
+// The pause before the next attempt if the system refuses a wait.
 constexpr std::chrono::milliseconds kRefusedPause{100};
 
 base::UniqueFd makeEventFd() {
@@ -228,7 +228,7 @@ void BusLoop::waitAndHandle(int turnTimeout) {
   if (ready > 0) {
     if (mEntries.front().revents != 0) {
       std::uint64_t kicks = 0;
-      // It is fine if there is nothing to read: an earlier wake-up has read it.
+      // No data is not an error: an earlier wake-up may have read it.
       [[maybe_unused]] const auto taken = read(mEventFd.get(), &kicks, sizeof kicks);
     }
     handleWatches();
@@ -244,7 +244,7 @@ void BusLoop::collectEntries() {
   for (auto* watch : mWatches) {
     if (!watch->enabled()) continue;
     const bool writes = (watch->flags() & DBUS_WATCH_WRITABLE) != 0;
-    // Without events a bus that is gone is still reported; only the reading watch makes it known.
+    // Even without events, poll reports a bus that has gone. But only the reading watch notices it.
     const short events = full && !writes ? short{0} : toPollEvents(watch->flags());
     mEntries.push_back({watch->descriptor(), events, 0});
     mPolled.push_back(watch);
@@ -306,8 +306,8 @@ void BusLoop::leaveInOrder() {
   sendWhatWaits(limit);
 }
 
-// After the bus's answer to the release of the name, no call comes that is sent to the name: a
-// caller learns that the service has gone, and waits for no answer that never comes.
+// After the bus has answered the release of the name, no more calls for the name arrive. A caller
+// gets an error that the service has gone, and does not wait in vain.
 void BusLoop::answerWhatHasCome(Clock::time_point limit) {
   if (mName.empty()) return;
   MessageSlot filter;

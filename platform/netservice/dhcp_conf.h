@@ -1,4 +1,4 @@
-// The text of the lease file, as a function without a file.
+// Parses the text of the lease file. The function does not use the file.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace netservice {
 
-/// The value of DHCP option 252 in the lease file's text: that of the last line with the key
+/// The value of DHCP option 252 in the lease file's text: the value of the last line with the key
 /// `wpad`.
 ///
 /// A line is `key=value`; blanks around both are ignored, other lines are skipped. The value is cut

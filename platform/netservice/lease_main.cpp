@@ -1,12 +1,12 @@
 // proxymanager-lease: what the hooks of all DHCP clients call.
 //
-// Each hook knows its client's names for the values and passes them as arguments; everything that
-// has to be right is here, once. A program, not a shell script: a shell's redirection follows links
-// and opens fifos, and one of the files is in a folder where everybody may write.
+// Each hook knows its client's names for the values and passes them as arguments. All checks are
+// here, in one place. A program, not a shell script: a shell's redirection follows links and opens
+// fifos, and one of the files is in a folder where everybody may write.
 //
-// The lease of each interface is kept (lease_store.h). The default route decides which of them the
-// two files get that the daemon reads: at each call the choice is made again, and files that hold
-// it already are not touched.
+// The lease of each interface is kept (lease_store.h). The default route decides which lease is
+// written to the two files that the daemon reads. Each call makes this choice again. Files that
+// already have the chosen values are not touched.
 #include <sysexits.h>
 
 #include <cerrno>
@@ -97,8 +97,8 @@ int end(const std::string& interface) {
   if (failed(kStore, store.open())) return EX_OSERR;
   const int trouble = store.forget(interface);
   if (trouble != ENOENT && failed(kStore, trouble)) return EX_OSERR;
-  // Most interfaces that end never had a lease; then a text of another program stays in the file. A
-  // lease of an earlier boot or version is only in the file, not in the store.
+  // Most interfaces that end never had a lease. The text of another program then stays in the file.
+  // A lease of an earlier boot or version is only in the file, not in the store.
   if (trouble == ENOENT && !isInForce(interface)) return EX_OK;
   return writeLeaseInForce(store, interface);
 }

@@ -24,7 +24,7 @@ namespace netservice {
 namespace {
 
 constexpr char kLeases[] = "leases";
-// No interface's name: those do not begin with a dot here.
+// This cannot be the name of an interface, because such a name does not begin with a dot here.
 constexpr char kNew[] = ".new";
 // The texts of one lease, quoted: 255 bytes of option 252, two names, 1024 bytes of a search list.
 constexpr std::size_t kLongestLease = 8 * 1024;
@@ -86,7 +86,7 @@ int LeaseStore::open() {
 
 int LeaseStore::keep(const std::string& interface, const std::string& text) {
   const std::string path = mFolder + '/' + kLeases + '/' + interface;
-  // When it changed last counts, not when its client last renewed it.
+  // The time of its last change counts, not the time of its last renewal.
   if (base::readFile(path.c_str(), {.mostBytes = kLongestLease}).text == text) return 0;
   const base::UniqueFd file(openat(
       mLeases.get(), kNew, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));

@@ -3,7 +3,8 @@
 //
 // A device has several links with a lease each, but the daemon knows only one network. The hooks
 // report each interface separately. The store keeps one file for each interface, and the default
-// route decides which lease counts. A folder below /run, because a lease does not outlive a boot.
+// route decides which lease counts. Its folder is below /run, because a lease is not valid after
+// the next boot.
 #pragma once
 
 #include <chrono>
@@ -28,7 +29,7 @@ struct KeptLease {
   std::timespec since{};  ///< of the system's clock: when this text was kept
 };
 
-/// The store. One process at a time uses it. Not for two threads.
+/// The store. One process at a time uses it. Two threads must not use it at the same time.
 class LeaseStore {
  public:
   /// @param folder where the folder "leases" is; both are made if they are missing
@@ -76,8 +77,8 @@ std::vector<std::string> defaultRouteInterfaces(const std::string& table);
 /// routes stand first in it. Empty if it cannot be read.
 std::string routeTable();
 
-/// The lease that counts. Of all interfaces with a lease and a default route, it is the lease of
-/// the interface with the best route. Without such an interface, it is the lease that changed last.
+/// The lease in force. Of all interfaces with a lease and a default route, it is the lease of the
+/// interface with the best route. Without such an interface, it is the lease that changed last.
 /// @return null if there is no lease
 const KeptLease* leaseInForce(const std::vector<KeptLease>& leases,
                               const std::vector<std::string>& routes);

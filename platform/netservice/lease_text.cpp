@@ -73,7 +73,7 @@ bool isName(std::string_view text) {
   return label > 0;
 }
 
-// Servers end names with the root's dot, and texts with what ends a line.
+// Some servers end a name with a dot, and a text with a line end.
 std::vector<std::string> names(const std::string& text) {
   const std::string line = text.substr(0, text.find_first_of(kLineEnds));
   std::vector<std::string> found;

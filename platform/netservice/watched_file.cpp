@@ -24,7 +24,7 @@ constexpr mode_t kReadableByAll = 0644;
 int openOrMake(const char* path) {
   const int fd = ::open(path, kFlags);
   if (fd >= 0 || errno != ENOENT) return fd;
-  // Exclusively: what somebody plants between the two calls is not taken.
+  // Exclusively, so that a file that another user plants between the two calls is not opened.
   const int made = ::open(path, kFlags | O_CREAT | O_EXCL, kReadableByAll);
   if (made >= 0) fchmod(made, kReadableByAll);  // clients have all kinds of umasks
   return made;

@@ -32,7 +32,7 @@ namespace {
 constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
 // Further frames are left out. The frames of an endless recursion repeat long before.
 constexpr int kFrameLimit = 64;
-// The unwinder's own frames, the cursor (1 KiB each) and a line fit several times.
+// It has several times the space for the unwinder's frames, the cursor (1 KiB each) and a line.
 constexpr std::size_t kStackBytes = 64UL * 1024;
 // The whole report, in seconds; after it SIGALRM ends the process.
 constexpr unsigned kReportSeconds = 5;
@@ -189,7 +189,7 @@ void reportSignal(Report& report, const siginfo_t& info) {
 // while the handler runs, and the core dump then shows the place that was interrupted.
 void dieBy(siginfo_t& info) {
   std::signal(info.si_signo, SIG_DFL);
-  // With its details if the kernel lets a process send them to itself, else without.
+  // With its details if the kernel allows a process to send them to itself, else without them.
   if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), info.si_signo, &info) != 0) {
     raise(info.si_signo);
   }

@@ -1,14 +1,14 @@
-// The report of a process that dies by a fatal signal: which signal, where, and the calls before.
+// The report of a process that dies from a fatal signal: the signal, the place, and the calls that
+// led there.
 //
 // On SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT and SIGSYS the thread that got the signal writes a
 // stack trace to syslog (LOG_CRIT, under the daemon's ident) and to stderr. If stderr is the
 // journal and syslog accepts the lines, the handler writes them only to syslog, so that the journal
 // has them once. Then the signal takes its default action, with its own details: the exit status
-// shows the signal. Lines are
-//   process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se (1234)
-//   process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12)
-// The part after the plus sign of a module is what addr2line -e takes. Names are those that the
-// loader knows (of a program, those that it exports: link it with ENABLE_EXPORTS), for c++filt.
+// shows the signal. Lines are process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se
+// (1234) process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12) The part
+// after the plus sign of a module is what addr2line -e takes. The names are the loader's, for
+// c++filt. The loader knows only exported names of a program: link it with ENABLE_EXPORTS.
 //
 // Nothing that the handler calls allocates. The one lock is the loader's, and a thread that holds
 // it may take it again. syslog() locks, formats dates and allocates. So the handler formats into a

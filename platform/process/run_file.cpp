@@ -32,7 +32,7 @@ struct CloseRunFile {
 std::string runFolder() {
   if (geteuid() == 0) return "/run";
   const char* const given = std::getenv("XDG_RUNTIME_DIR");
-  // The rule of that variable: relative paths are ignored.
+  // The definition of this variable requires that relative paths are ignored.
   if (given != nullptr && given[0] == '/') return given;
   return "/run/user/" + std::to_string(geteuid());
 }

@@ -1,6 +1,6 @@
 // The reports of this process to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
 //
-// A process that a person or another kind of supervisor started has nobody to report to: every
+// If a person or another kind of supervisor started the process, there is no receiver: every
 // function then succeeds and does nothing. The main thread calls all but notifyStatus. A
 // notification is one datagram; if the supervisor accepts none, the call waits, and the
 // supervisor's watchdog sees that.
@@ -13,7 +13,7 @@
 /// daemon; restart_connect() logs a warning.
 inline constexpr std::chrono::seconds kWatchdogFeedInterval{20};
 
-/// Registers with the supervisor: READY=1, and what the process is as STATUS.
+/// Registers with the supervisor: sends READY=1, and a description of the process as STATUS.
 ///
 /// The daemon calls it before it owns its bus name. So units have Type=dbus: their readiness is the
 /// name, and READY changes nothing. A unit of Type=notify would count as started a moment early.

@@ -1,8 +1,8 @@
 // Trace values: how much a daemon logs. A file and SIGHUP change it on a running device.
 //
 // The file is /etc/NAME/trace.conf, lines of key=value; `baseseverity` sets syslog's mask, the
-// other four are for programs that read the record. Reading is apart from parsing, which is a pure
-// function of the text.
+// other four are for programs that read the record. The parsing is separate from the reading, and
+// is a pure function of the text.
 #pragma once
 
 #include <cstddef>

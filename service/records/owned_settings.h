@@ -1,4 +1,4 @@
-// The owner of a list's texts until the list is handed over.
+// Owns the texts of a list until the list is passed on.
 #pragma once
 
 #include <cstdlib>

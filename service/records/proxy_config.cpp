@@ -44,7 +44,7 @@ void cleanupProxyConfig(ProxyConfig* config) {
 
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig) {
   logLine(LOG_INFO, "cloneProxyConfig() called");
-  // Going on is the contract: the crash then names the caller, and the log names the mistake.
+  // The function must continue: the crash then shows the caller, and the log shows the mistake.
   if (!srcConfig || !destConfig)
     logLine(LOG_ERR, "cloneProxyConfig srcConfig or destConfig is null");
   destConfig->mode = srcConfig->mode;
