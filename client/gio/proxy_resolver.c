@@ -6,7 +6,7 @@
  * one client for the process. The client has a thread, so the module is never unloaded.
  *
  * If there is no bus, no daemon or the mode is off, GLib's next resolver is asked: the desktop's
- * own settings hold then. In every other case without an answer, the program connects directly: if
+ * own settings then apply. In every other case without an answer, the program connects directly: if
  * the daemon is too slow, if the script has no answer, or if no entry of the answer is an address.
  * A resolver could only fail instead. Then every connection of every program would fail, and a
  * device would lose its network together with its bus. A network that permits only connections

@@ -33,7 +33,7 @@ constexpr std::array kRows{
 }  // namespace
 
 BusError busErrorOf(std::string_view name) {
-  // The supervisor's own errors, when the bus has it start the daemon.
+  // The errors of the supervisor, which the bus asks to start the daemon.
   if (name.starts_with("org.freedesktop.systemd1.")) return BusError::kCannotStart;
   if (!name.starts_with(kPrefix)) return BusError::kUnknown;
   name.remove_prefix(kPrefix.size());

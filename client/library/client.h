@@ -1,7 +1,7 @@
 // A client of the daemon: the questions of many threads, the answers it remembers, and the one
 // thread, "pm-client", that has the connection to the bus.
 //
-// A thread that asks looks at the remembered answers first, and mostly finds one. Else it puts the
+// A thread that asks looks at the remembered answers first, and usually finds one. Else it puts the
 // question into a list for the client's thread. Questions for the same URL share one call on the
 // bus. If nobody waits for a call any more, the call stays in the list until its reply, because the
 // bus counts the call until then. A new question for the same URL then joins that call.
@@ -34,8 +34,8 @@
 
 namespace client::library {
 
-/// How many calls are under way at once, of the 128 that the bus allows one connection by default.
-/// The daemon answers one after the other; the further questions wait here.
+/// Most calls in progress at a time. By default, the bus allows 128 for one connection. The daemon
+/// answers one after the other; the further questions wait here.
 inline constexpr std::size_t kMaxCalls = 64;
 
 /// How long the bus may send nothing while a connection is made. The bus runs on this machine, so a

@@ -2,12 +2,12 @@
 // has the functions that every child process shares. The list of system calls is in sandbox.cpp.
 // The process raises the walls before it reads the first byte of a script.
 //
-// A script that takes the engine over finds these walls: no new privileges; the user nobody if root
-// started the worker; no capability; an empty network namespace if the kernel gives one; a limit
-// for memory; no new file, process or core dump; no debugger; a list of the few system calls that a
-// running engine needs. Any other call kills the process. The list is the most important wall; the
-// others are a second line. If memory runs out, the kernel ends the worker before the program that
-// started it.
+// A script that takes control of the engine finds these walls. The process has no capability and
+// gets no new privileges. Its user is nobody if root started the worker. Its network namespace is
+// empty if the kernel allows one. Its memory is limited. It can make no new file, process or core
+// dump, and no debugger may attach. A list allows only the few system calls that a running engine
+// needs. Any other call kills the process. The list is the most important wall; the others are a
+// second line. If memory runs out, the kernel ends the worker before the program that started it.
 #pragma once
 
 #include <optional>

@@ -2,12 +2,12 @@
 // every child process shares. Its list of system calls is in walls.cpp. The process raises the
 // walls before it reads the first byte of a request.
 //
-// A server that takes libcurl over finds these walls: no new privileges; the user nobody if the
-// daemon runs as root, else the daemon's user without capabilities; limits for memory, processor
-// time, descriptors and file length; one writable file, the one for the body; only the files that a
-// network client reads (if the kernel has Landlock); only sockets of the internet protocols and of
-// the kernel's routing tables; no process to start, signal or trace. A system call that is not on
-// the list ends the process.
+// A server that takes control of libcurl finds these walls. The process has no new privileges. Its
+// user is nobody if the daemon runs as root, else the daemon's user without capabilities. Memory,
+// processor time, descriptors and file length are limited. It can write only the file for the body,
+// and read only the files that a network client needs (if the kernel has Landlock). It can open
+// only sockets of the internet protocols and of the kernel's routing tables. It cannot start,
+// signal or trace a process. A system call that is not on the list ends the process.
 #pragma once
 
 #include "sandbox/walls.h"

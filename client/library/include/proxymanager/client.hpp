@@ -60,7 +60,7 @@ enum class Change {
   daemonWent = PROXYMANAGER_DAEMON_WENT,
 };
 
-/// A few English words for people.
+/// A short English text for people.
 inline const char* text(Status status) noexcept {
   return proxymanager_status_text(static_cast<proxymanager_status>(status));
 }
