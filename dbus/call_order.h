@@ -32,11 +32,11 @@ class CallOrder {
   /// What a call needs.
   enum class Kind : std::uint8_t { kPlain, kQuestion };
 
-  /// Most waiting questions of one connection, and of one user. A browser has a few tens of
-  /// requests in progress. A further question gets an answer without the script at once.
+  /// Maximum number of waiting questions of one connection, and of one user. A browser has a few
+  /// tens of requests in progress. A further question gets an answer without the script at once.
   static constexpr std::size_t kMaxOfConnection = 64;
   static constexpr std::size_t kMaxOfUser = 256;
-  /// The most calls in a row that need no script while a question waits.
+  /// Maximum number of calls in a row that need no script while a question waits.
   static constexpr unsigned kPlainInARow = 64;
 
   /// @param ownUser user of this process; its calls and root's go first

@@ -54,8 +54,9 @@ class WaitingCalls {
   /// Longest URL of a waiting question. The engine accepts 8 KiB. Longer questions would fill the
   /// 63 MiB that libdbus keeps for messages that are not answered yet.
   static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
-  /// Most refused calls that are kept while others are read: 256 connections of a user, with 128
-  /// calls each, the limit of the system bus. Further refused calls are answered at once.
+  /// Maximum number of refused calls that are kept while others are read: 256 connections of a
+  /// user, with 128 calls each, the limit of the system bus. Further refused calls are answered at
+  /// once.
   static constexpr std::size_t kMaxRefused = std::size_t{256} * 128;
   /// Number of refused calls that are answered before others are read again.
   static constexpr std::size_t kRefusedAtOnce = 64;

@@ -15,8 +15,8 @@
 
 namespace fetcher {
 
-/// The most candidates of one walk. A walk takes up to 30 seconds for each. A search list has six
-/// names at most.
+/// Maximum number of candidates of one walk. A walk takes up to 30 seconds for each. A search list
+/// has six names at most.
 inline constexpr std::size_t kMostCandidates = 32;
 
 /// Implements PACFetcher::wpadUrlCandidatesFromDomain. Any thread. Throws std::bad_alloc.

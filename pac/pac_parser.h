@@ -37,7 +37,8 @@ class PacParser {
  public:
   /// Number of hosts whose answers are kept.
   static constexpr int kCacheCapacity = 50;
-  /// Most hosts of pending asynchronous questions, equal to the length of the engine's queue.
+  /// Maximum number of hosts of pending asynchronous questions, equal to the length of the engine's
+  /// queue.
   static constexpr std::size_t kMaxPendingHosts = 256;
   /// Length of a script's digest in bytes.
   static constexpr std::size_t kDigestLength = 16;

@@ -10,8 +10,8 @@
 
 namespace script_result {
 
-/// Most pieces between ";" in a result text that are read, also if they are unknown. A program
-/// tries the entries one after the other, and no network has so many proxies for one host.
+/// Maximum number of pieces between ";" in a result text that are read, also if they are unknown. A
+/// program tries the entries one after the other, and no network has so many proxies for one host.
 inline constexpr int kMaxResultPieces = 64;
 
 /// The entries of a result text. Unknown pieces are left out. If there are more than

@@ -34,7 +34,7 @@ class ProxyURLCacheNode {
 
 class ProxyUrlCache {
  public:
-  /// @param capacity most entries; a number below 1 counts as 1
+  /// @param capacity maximum number of entries; a number below 1 counts as 1
   /// @param release called with a list before the cache drops it; it may empty the list and must
   /// not throw; may be null
   /// @param context the second argument of `release`

@@ -6,10 +6,11 @@ usage: dbus_page.py XML --page            the manual page
        dbus_page.py XML --compare FILE... whether the documents say what the XML says
        dbus_page.py --self-test
 
-A comment in the XML describes what follows it. --compare takes the manual page word for word. In a
-Markdown document every heading and every row of a table that begins with a member's name has to
-hold its signatures in code quotes, in order and no others, each alone or behind its argument's
-name, or in one piece ("sss"); no member may lack its line or be invented.
+A comment in the XML describes what follows it. --compare compares the manual
+page word for word. In a Markdown document, it checks every heading and every table row that begins
+with a member's name. Such a line must have the signatures of the member in code quotes, in order
+and no others: each alone, each after its argument's name, or all in one piece ("sss"). Each member
+must have its line, and no line may name an unknown member.
 """
 
 import dataclasses

@@ -20,7 +20,7 @@ namespace relay {
 /// Longest relay.conf or credentials file that the relay reads, in bytes. The commented example has
 /// 5 KiB.
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
-/// Most values of one list. The relay compares each connection with each value.
+/// Maximum number of values of one list. The relay compares each connection with each value.
 inline constexpr std::size_t kMaxListValues = 256;
 /// Highest value of the connection limits. Each connection needs two descriptors, and few processes
 /// may open more than twice this number.

@@ -17,7 +17,8 @@
 
 namespace relay {
 
-/// Most proxies whose challenge the relay remembers. When the list is full, the relay clears it.
+/// Maximum number of proxies whose challenge the relay remembers. When the list is full, the relay
+/// clears it.
 inline constexpr std::size_t kMaxChallenges = 64;
 
 /// The last challenge of a proxy. With it, the next request sends its password at once. No scheme:

@@ -14,8 +14,8 @@ namespace relay {
 
 /// Number of decisions that the relay keeps for one user. A page shows all of them.
 inline constexpr std::size_t kDecisionsOfUser = 50;
-/// Most users with decisions. Above this number, the relay drops the user whose last decision is
-/// the oldest.
+/// Maximum number of users with decisions. Above this number, the relay drops the user whose last
+/// decision is the oldest.
 inline constexpr std::size_t kUsersWithDecisions = 64;
 
 struct Decision {

@@ -18,7 +18,8 @@ namespace relay {
 
 /// Longest head that the relay reads, in bytes. Browsers with many cookies stay below 32 KiB.
 inline constexpr std::size_t kMaxHeadBytes = 64U << 10U;
-/// Most fields of a head, and of the trailers of a body. Common servers accept 100 or fewer.
+/// Maximum number of fields of a head, and of the trailers of a body. Common servers accept 100 or
+/// fewer.
 inline constexpr std::size_t kMaxFields = 200;
 /// Longest body length that the reader accepts: 2^60 bytes.
 inline constexpr std::uint64_t kMaxBodyBytes = std::uint64_t{1} << 60U;

@@ -11,12 +11,12 @@
 
 namespace relay {
 
-/// Most lookups at a time, each on its own thread. One page in a browser may need fifty hosts. If
-/// the name server does not answer, a lookup takes about ten seconds.
+/// Maximum number of lookups at a time, each on its own thread. One page in a browser may need
+/// fifty hosts. If the name server does not answer, a lookup takes about ten seconds.
 inline constexpr std::size_t kMaxLookups = 64;
-/// Most lookups that wait for a thread. Further lookups fail at once.
+/// Maximum number of lookups that wait for a thread. Further lookups fail at once.
 inline constexpr std::size_t kMaxWaitingLookups = 1024;
-/// Most addresses of one name that the relay tries.
+/// Maximum number of addresses of one name that the relay tries.
 inline constexpr std::size_t kMaxAddresses = 16;
 
 struct Addresses {

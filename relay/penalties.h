@@ -10,7 +10,8 @@
 
 namespace relay {
 
-/// Most proxies with a penalty. Above this number, the relay drops the penalty that ends first.
+/// Maximum number of proxies with a penalty. Above this number, the relay drops the penalty that
+/// ends first.
 inline constexpr std::size_t kMaxPenalties = 256;
 
 class Penalties {

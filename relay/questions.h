@@ -19,7 +19,8 @@
 
 namespace relay {
 
-/// Most questions that are with the daemon at a time. The daemon accepts 64 from one connection.
+/// Maximum number of questions that are with the daemon at a time. The daemon accepts 64 from one
+/// connection.
 inline constexpr std::size_t kMaxAsked = 32;
 /// Time limit of the daemon for one answer: a script may take 5.25 s, and other questions may come
 /// first.

@@ -16,17 +16,18 @@
 
 namespace settings {
 
-/// Most configurations of one sender. A network manager has one for each of its connections.
+/// Maximum number of configurations of one sender. A network manager has one for each of its
+/// connections.
 inline constexpr std::size_t kMaxOfSender = 64;
-/// Most configurations of all senders together: enough for two network managers at their limit,
-/// with a reserve.
+/// Maximum number of configurations of all senders together: enough for two network managers at
+/// their limit, with a reserve.
 inline constexpr std::size_t kMaxConfigurations = 256;
 /// Longest inline script, in bytes, equal to the daemon's limit (fetcher::kMostScriptBytes).
 /// NetworkManager accepts 1 MiB.
 inline constexpr std::size_t kMaxScriptBytes = 512'000;
 /// Longest text of another kind, in bytes.
 inline constexpr std::size_t kMaxTextBytes = 8U << 10U;
-/// Most entries of a list. Further entries are dropped.
+/// Maximum number of entries of a list. Further entries are dropped.
 inline constexpr std::size_t kMaxListEntries = 256;
 
 /// The keys of CreateProxyConfiguration's dictionary that have an effect. Domains, BrowserOnly and

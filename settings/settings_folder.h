@@ -9,7 +9,7 @@
 
 namespace settings {
 
-/// Most files of settings.d that are read. More files are a problem.
+/// Maximum number of files of settings.d that are read. More files are a problem.
 inline constexpr std::size_t kMaxFiles = 64;
 /// Longest password in a file or a credential, in bytes, without the line end. proxymanagerctl has
 /// the same limit.

@@ -34,8 +34,8 @@
 
 namespace client::library {
 
-/// Most calls in progress at a time. By default, the bus allows 128 for one connection. The daemon
-/// answers one after the other; the further questions wait here.
+/// Maximum number of calls in progress at a time. By default, the bus allows 128 for one
+/// connection. The daemon answers one after the other; the further questions wait here.
 inline constexpr std::size_t kMaxCalls = 64;
 
 /// How long the bus may send nothing while a connection is made. The bus runs on this machine, so a

@@ -38,8 +38,8 @@ struct ProxyEntry {
   bool operator==(const ProxyEntry&) const = default;
 };
 
-/// Most entries of an answer; the daemon sends no more. Further ones are dropped: a program
-/// connects to one after the other.
+/// Maximum number of entries of an answer; the daemon sends no more. Further ones are dropped: a
+/// program connects to one after the other.
 inline constexpr std::size_t kMaxEntries = 64;
 
 struct ProxyAnswer {

@@ -19,8 +19,8 @@ namespace client::library {
 /// For one thread at a time.
 class RememberedAnswers {
  public:
-  /// @param maxAnswers most answers
-  /// @param maxBytes most bytes of all answers with their URLs, by bytesOf()
+  /// @param maxAnswers maximum number of answers
+  /// @param maxBytes maximum number of bytes of all answers with their URLs, by bytesOf()
   RememberedAnswers(std::size_t maxAnswers, std::size_t maxBytes)
       : mMaxAnswers(maxAnswers), mMaxBytes(maxBytes) {}
   RememberedAnswers(const RememberedAnswers&) = delete;
@@ -73,7 +73,8 @@ class SharedAnswers {
   static constexpr std::size_t kParts = 16;
   /// How many answers there may be in all: the pages that a person has open, with all they load.
   static constexpr std::size_t kMaxAnswers = 512;
-  /// The most bytes of all these answers together. An answer of one entry takes about 600 bytes.
+  /// Maximum number of bytes of all these answers together. An answer of one entry takes about 600
+  /// bytes.
   static constexpr std::size_t kMaxBytes = 512UL * 1024;
 
  private:

@@ -25,7 +25,7 @@ namespace {
 
 using sandbox::Failure;
 
-// The most address space of a download: libcurl with its libraries, 40 MiB; stacks of the threads
+// Maximum address space of a download: libcurl with its libraries, 40 MiB; stacks of the threads
 // that look up names; a certificate chain of 10 MiB, read and parsed. If a server sends headers
 // without end, the process reaches the limit, and the transfer fails.
 constexpr rlim_t kAddressSpaceBytes = rlim_t{160} << 20U;

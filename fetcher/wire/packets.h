@@ -35,7 +35,7 @@ inline constexpr std::size_t kSchemeBytes = 16;  ///< "https" and its like, with
 struct FetchRequest {
   std::int64_t seconds = 0;    ///< of the whole transfer
   std::int64_t bytes = 0;      ///< of the body
-  std::int64_t redirects = 0;  ///< most redirects that are followed
+  std::int64_t redirects = 0;  ///< maximum number of redirects
   std::string url;
 };
 

@@ -21,8 +21,9 @@ class BusLoop;
 
 class BusHelper {
  public:
-  /// The most functions that wait for the bus thread. The daemon's announcements, one every two
-  /// seconds, would fill this queue only after the bus thread has been blocked for half an hour.
+  /// Maximum number of functions that wait for the bus thread. The daemon's announcements, one
+  /// every two seconds, would fill this queue only after the bus thread has been blocked for half
+  /// an hour.
   static constexpr std::size_t kMaxPosted = 1024;
 
   /// Connects to the system bus; waits 10 s at most. Throws DBus::Error if there is no bus, or if

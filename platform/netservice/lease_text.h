@@ -25,9 +25,10 @@ struct LeaseValues {
   std::string_view search;  ///< option 119, names between blanks; empty if there was none
 };
 
-/// The most bytes of one option: its length is one byte (RFC 2132, section 2).
+/// Maximum number of bytes of one option: its length is one byte (RFC 2132, section 2).
 inline constexpr std::size_t kLongestOption = 255;
-/// The most bytes of the names of a search list, blanks included. A longer list is cut at a name.
+/// Maximum number of bytes of the names of a search list, blanks included. A longer list is cut at
+/// a name.
 inline constexpr std::size_t kLongestSearchList = 1024;
 
 /// The lease file: `interface`, `domain` (its first name) and `wpad`, each 'in shell quotes' on a

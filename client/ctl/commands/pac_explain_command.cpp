@@ -46,8 +46,8 @@ a "with" are not instrumented.
 Exit status:
 )";
 
-/// Most steps that are printed for people: half from the start and half from the end. A script with
-/// loops has more steps than a person reads.
+/// Maximum number of steps that are printed for people: half from the start and half from the end.
+/// A script with loops has more steps than a person reads.
 constexpr std::size_t kMostSteps = 1000;
 /// Nested helper calls are indented up to this depth.
 constexpr std::size_t kMostIndented = 20;

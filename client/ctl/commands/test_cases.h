@@ -18,7 +18,8 @@
 
 namespace client {
 
-/// Most cases of a file. Each costs 0.2 ms, or 10 ms if its environment differs from the last one.
+/// Maximum number of cases of a file. Each costs 0.2 ms, or 10 ms if its environment differs from
+/// the last one.
 inline constexpr std::size_t kMaxTestCases = 10'000;
 
 /// The texts for "no answer" and for "an answer without entries" in a file of cases.

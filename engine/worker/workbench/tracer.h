@@ -26,7 +26,7 @@ namespace pac_worker {
 inline constexpr std::size_t kMaxEventBytes = 8U << 20U;
 /// Longest text that is recorded as a value, in bytes.
 inline constexpr std::size_t kMaxValueBytes = 1024;
-/// Most places of a script. A script of 512,000 bytes has far fewer.
+/// Maximum number of places of a script. A script of 512,000 bytes has far fewer.
 inline constexpr std::uint32_t kMaxPlaces = 1U << 20U;
 
 class Tracer : public Extension, private PacEnvironment {
