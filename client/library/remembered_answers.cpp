@@ -59,8 +59,8 @@ void SharedAnswers::clear() {
   }
 }
 
-/// The length and the last characters of a URL select the part.
-/// inside the lock.
+/// The length and the last characters of a URL select the part. This is cheaper than the hash,
+/// which is computed inside the lock.
 SharedAnswers::Part& SharedAnswers::partOf(std::string_view url) {
   std::size_t sum = url.size();
   for (std::size_t n = 0; n < 8 && n < url.size(); ++n) {

@@ -45,8 +45,8 @@ class WorkerProcess {
 
   /// Binds the process to the CPU that the calling thread is on. The caller sleeps until it has the
   /// answer, so sharing one CPU costs nothing. A switch on the same CPU takes a fifth of the time
-  /// that waking another, sleeping CPU takes. Busy waiting would burn power on both CPUs. If the
-  /// kernel does not allow the binding, nothing changes.
+  /// that it takes to wake another CPU. Busy waiting would burn power on both CPUs. If the kernel
+  /// does not allow the binding, nothing changes.
   void follow();
 
   /// Lets the kernel end the process with SIGXCPU after it has used `more` CPU time from now on.

@@ -19,7 +19,6 @@ struct CommandLine {
 /// Puts the arguments in the order of the grammar. "help COMMAND" becomes "COMMAND --help", and
 /// --json may stand before the command. With the command exec, everything after the first "--"
 /// belongs to the other program and is not parsed.
-/// the other program and is not parsed.
 CommandLine splitCommandLine(int argc, const char* const* argv);
 
 /// Adds the command to `program`; running it sets `action`. `line` must live as long as `program`.

@@ -3,7 +3,6 @@
 //
 // Report: { urls: [[url, line], ...] }, without duplicates, at most argument.most. A line of 0
 // marks a URL that is used for every script.
-// URL that every script is asked.
 'use strict';
 
 const alwaysAsked = [

@@ -6,7 +6,7 @@
 // line of code.
 //
 // Report: { rules: [[name, severity, summary, reason]],
-// findings: [[line, column, severity, name, message, reason, fix]] }, sorted by line. severity is
+//   findings: [[line, column, severity, name, message, reason, fix]] }, sorted by line. severity is
 // "error" (the script fails, or does something else than its text suggests), "warning" or "note" (a
 // matter of policy).
 'use strict';

@@ -223,7 +223,7 @@ class WorstCase {
     return inside.times(this.roundsOf(loop));
   }
 
-  // The number of rounds if the script shows it: over a literal array, or up to a number. Else 1.
+  // How often a loop runs, if the script shows it: for a literal array or a constant bound. Else 1.
   roundsOf(loop) {
     const list = loop.right ?? (loop.test?.type === 'BinaryExpression' ? loop.test.right : null);
     if (!list) return 1;

@@ -6,7 +6,6 @@
 // script names the hook. The hook is a constant in the script's global scope and no property of the
 // global object, so a script that lists its globals does not see it. Helpers keep their names and
 // lengths, so a script sees no difference.
-// were to a script, of the same names and lengths.
 #pragma once
 
 #include <chrono>
