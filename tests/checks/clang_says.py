@@ -13,6 +13,7 @@ import concurrent.futures
 import json
 import os
 import pathlib
+import re
 import shlex
 import subprocess
 import sys
@@ -98,16 +99,24 @@ def tidied(file, tree, options):
     return done.returncode == 0, done.stdout + done.stderr
 
 
+def sources_of(file):
+    """The file itself, or the sources that CMake joined in it."""
+    if not file.match("Unity/unity_*_cxx.cxx"):
+        return [file]
+    return [pathlib.Path(name) for name in
+            re.findall(r'^#include "(.+)"$', file.read_text(encoding="utf-8"), re.MULTILINE)]
+
+
 def shipped(build, tree):
     """The compile commands of the sources that are no tests, each source once, long ones first, so
     that no processor is left with one at the end."""
     entries = json.loads((build / "compile_commands.json").read_text(encoding="utf-8"))
     files = {}
     for entry in entries:
-        file = pathlib.Path(entry["file"])
-        if (file.suffix == ".cpp" and file.is_relative_to(tree) and not file.is_relative_to(build)
-                and file.relative_to(tree).parts[0] not in TESTS):
-            files[file] = entry
+        for file in sources_of(pathlib.Path(entry["file"])):
+            if (file.suffix == ".cpp" and file.is_relative_to(tree) and not file.is_relative_to(build)
+                    and file.relative_to(tree).parts[0] not in TESTS):
+                files[file] = entry
     assert files, "nothing to judge: is this the build folder?"
     return sorted(files.items(), key=lambda one: -one[0].stat().st_size)
 

@@ -17,7 +17,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kConfigFooter = R"(Output:
   The configuration in force. With --json an object: mode, proxyurl, pacurl,
   enableauth (always "n"; a user name shows that the proxy has a login),
   userName, password; null for a value that is not set.
@@ -72,7 +72,7 @@ void addConfigCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "done"}}, kBusStatuses));
+  command->footer(std::string(kConfigFooter) + statusHelp({{kAnswered, "done"}}, kBusStatuses));
   command->callback(
       [options, &action] { action = [options] { return showConfiguration(*options); }; });
 }

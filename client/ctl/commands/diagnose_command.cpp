@@ -18,7 +18,7 @@ namespace client {
 
 namespace {
 
-constexpr const char* kFooter =
+constexpr const char* kDiagnoseFooter =
     R"(Asks for the proxies of URL and tries each entry: an HTTP proxy with HEAD for
 http and with CONNECT for https, other proxies only with a connection, DIRECT
 with a connection to the server. It sends only the scheme, host and port of the
@@ -122,9 +122,9 @@ void addDiagnoseCommand(CLI::App& program, Action& action) {
   addTimeout(*command, arguments->call, kAskLimit);
   command->add_flag("--ask-local", arguments->answers.askLocal,
                     "Ask about this machine, too: localhost,\n127.0.0.0/8, ::1 and the like");
-  command->footer(kFooter + statusHelp({{kAnswered, "at least one entry works"},
-                                        {kNoAnswer, "none works, or there is no answer"}},
-                                       kBusStatuses));
+  command->footer(kDiagnoseFooter + statusHelp({{kAnswered, "at least one entry works"},
+                                                {kNoAnswer, "none works, or there is no answer"}},
+                                               kBusStatuses));
   command->callback([arguments, &action] {
     checkAskedUrl(arguments->url);
     action = [arguments] { return diagnose(*arguments); };

@@ -26,7 +26,7 @@ namespace {
 
 constexpr const char* kName = "exec";
 
-constexpr const char* kFooter =
+constexpr const char* kExecFooter =
     R"(The entries of the answer are tried in their order. The command gets the first
 entry that is DIRECT or whose proxy accepts a connection; if no proxy accepts
 one, it gets the first entry. http_proxy, https_proxy and all_proxy (also as
@@ -135,10 +135,11 @@ void addExecCommand(CLI::App& program, Action& action, const CommandLine& line) 
   addAnswerOptions(*command, arguments->answers);
   command->add_flag("--no-check", arguments->noCheck,
                     "Take the first entry without a connection\nto its proxy");
-  command->footer(std::string(kFooter) + statusHelp({{kNoAnswer, "there is no answer for the URL"},
-                                                     {kCannotRun, "the command cannot be run"},
-                                                     {kNoSuchCommand, "there is no such command"}},
-                                                    kBusStatuses));
+  command->footer(std::string(kExecFooter) +
+                  statusHelp({{kNoAnswer, "there is no answer for the URL"},
+                              {kCannotRun, "the command cannot be run"},
+                              {kNoSuchCommand, "there is no such command"}},
+                             kBusStatuses));
   command->callback([arguments, &line, &action] {
     checkAskedUrl(arguments->url);
     if (line.other.empty()) {

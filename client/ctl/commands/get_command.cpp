@@ -23,7 +23,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"text(Output:
+constexpr const char* kGetFooter = R"text(Output:
   For each URL the mode, and an entry for each thing to try, in order. With
   --json one array that holds an object for each URL, in order:
     url       the URL as given, with its password hidden
@@ -178,9 +178,10 @@ void addGetCommand(CLI::App& program, Action& action) {
       ->add_flag("--with-password", arguments->answers.withCredentials,
                  "With curl and env: user name and password\nof the configuration in the URL")
       ->needs(format);
-  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "all URLs got an answer"},
-                                                     {kNoAnswer, "at least one URL got no answer"}},
-                                                    kBusStatuses));
+  command->footer(std::string(kGetFooter) +
+                  statusHelp({{kAnswered, "all URLs got an answer"},
+                              {kNoAnswer, "at least one URL got no answer"}},
+                             kBusStatuses));
   command->callback([arguments, command, &action] {
     addFurtherUrls(*command, arguments->asked);
     requireUrls(arguments->asked);

@@ -33,7 +33,7 @@ using Json = nlohmann::ordered_json;
 using Clock = std::chrono::steady_clock;
 using Micros = std::chrono::duration<double, std::micro>;
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kPacBenchFooter = R"(Output:
   evaluations  their number, the number of hosts, and how many got no answer
   load         time until the script was loaded
   median       time of one evaluation, with the way to the worker and back
@@ -271,9 +271,10 @@ void addPacBench(CLI::App& pac, Action& action) {
       ->option_text("COUNT");
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
-  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "all URLs got an answer"},
-                                                     {kNoAnswer, "at least one URL got no answer"}},
-                                                    kScriptStatuses));
+  command->footer(std::string(kPacBenchFooter) +
+                  statusHelp({{kAnswered, "all URLs got an answer"},
+                              {kNoAnswer, "at least one URL got no answer"}},
+                             kScriptStatuses));
   command->callback([arguments, command, &action] {
     const auto leading = settleScript(arguments->script);
     checkStandardInput(arguments->script, arguments->asked.file.value_or(""));

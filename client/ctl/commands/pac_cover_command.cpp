@@ -24,7 +24,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kPacCoverFooter = R"(Output:
   statements  how many of them the script executed, its loading included
   branches    how many outcomes of conditions, and how many entered cases
   rules       how many returns
@@ -143,7 +143,7 @@ void addPacCover(CLI::App& pac, Action& action) {
   command->add_option("--format", arguments->format, "text, json or html; by default text")
       ->check(CLI::IsMember({"text", "json", "html"}))
       ->option_text("FORMAT");
-  command->footer(std::string(kFooter) +
+  command->footer(std::string(kPacCoverFooter) +
                   statusHelp({{kAnswered, "the coverage is printed"}}, kScriptStatuses));
   command->callback([arguments, command, &action] {
     const auto leading = settleScript(arguments->script);

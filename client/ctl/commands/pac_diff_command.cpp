@@ -24,7 +24,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kPacDiffFooter = R"(Output:
   The number of URLs, and of those that the two scripts answer differently.
   Then a block for each pair of rules that differ: the line and the answer of
   OLD, those of NEW, the number of URLs, and the first of them.
@@ -157,7 +157,7 @@ void addPacDiff(CLI::App& pac, Action& action) {
   addUrlOption(*command, arguments->asked);
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
-  command->footer(std::string(kFooter) +
+  command->footer(std::string(kPacDiffFooter) +
                   statusHelp({{kAnswered, "both answer all URLs alike"},
                               {kNoAnswer, "at least one URL is answered differently"}},
                              kScriptStatuses));

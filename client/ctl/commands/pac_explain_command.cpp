@@ -23,7 +23,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kPacExplainFooter = R"(Output:
   For each URL the steps that led to its answer, in order:
     line N  the value and the source of a condition, or of an operand of &&, ||
             or ??
@@ -305,9 +305,10 @@ void addPacExplain(CLI::App& pac, Action& action) {
           "daemon finds it");
   addEnvironmentOptions(*command, arguments->environment);
   command->add_flag("--json", arguments->json, "Print JSON instead of text for people");
-  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "all URLs got an answer"},
-                                                     {kNoAnswer, "at least one URL got no answer"}},
-                                                    kScriptStatuses));
+  command->footer(std::string(kPacExplainFooter) +
+                  statusHelp({{kAnswered, "all URLs got an answer"},
+                              {kNoAnswer, "at least one URL got no answer"}},
+                             kScriptStatuses));
   command->callback([arguments, command, &action] {
     const auto leading = settleScript(arguments->script);
     checkStandardInput(arguments->script, arguments->asked.file.value_or(""));

@@ -18,7 +18,7 @@ namespace client {
 
 namespace {
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kPacLintFooter = R"(Output:
   text   FILE:LINE:COLUMN: SEVERITY: MESSAGE [RULE], the reason, and a fix; the
          default
   json   an object: file, errors, warnings, notes and findings (line, column,
@@ -138,7 +138,7 @@ void addPacLint(CLI::App& pac, Action& action) {
           "default) or note")
       ->check(CLI::IsMember({"error", "warning", "note"}))
       ->option_text("SEVERITY");
-  command->footer(std::string(kFooter) +
+  command->footer(std::string(kPacLintFooter) +
                   statusHelp({{kAnswered, "no finding of the severity of --fail-on"},
                               {kNoAnswer, "at least one such finding"}},
                              kScriptStatuses));

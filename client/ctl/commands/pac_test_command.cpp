@@ -21,7 +21,7 @@ namespace client {
 
 namespace {
 
-constexpr const char* kFooter = R"(Cases:
+constexpr const char* kPacTestFooter = R"(Cases:
   One a line:  URL [OPTIONS] -> ANSWER
   OPTIONS are --host, --at, --tz, --resolve and --my-ip, as for "pac eval".
   A line of options only applies to the cases below it, up to the next such
@@ -168,7 +168,7 @@ void addPacTest(CLI::App& pac, Action& action) {
   command->add_option("--format", arguments->format, "text, tap or junit")
       ->check(CLI::IsMember({"text", "tap", "junit"}))
       ->option_text("FORMAT");
-  command->footer(std::string(kFooter) +
+  command->footer(std::string(kPacTestFooter) +
                   statusHelp({{kAnswered, "all cases passed"},
                               {kNoAnswer, "at least one case failed"},
                               {kBadData, "the file of cases is not understood, or holds none"}},

@@ -13,7 +13,7 @@ namespace client {
 
 namespace {
 
-constexpr const char* kFooter =
+constexpr const char* kRefreshFooter =
     R"(Reads the configuration and sends it to the daemon again, so that the daemon
 fetches its script again. Authentication is on if a user name or a password is
 set.
@@ -41,7 +41,7 @@ void addRefreshCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addTimeout(*command, *options, kChangeLimit);
   command->footer(
-      kFooter +
+      kRefreshFooter +
       statusHelp({{kAnswered, "done; a script is then fetched in the background"}}, kBusStatuses));
   command->callback([options, &action] { action = [options] { return refresh(*options); }; });
 }

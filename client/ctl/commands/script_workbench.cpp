@@ -10,8 +10,6 @@ namespace client {
 
 namespace {
 
-using Json = nlohmann::json;
-
 /// Ten times as long as the longest script needs on a current machine.
 constexpr std::chrono::seconds kParserTime{10};
 
@@ -33,12 +31,12 @@ std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const st
   return parser;
 }
 
-Json askParser(pac_engine::Engine& parser, std::string_view command, const Json& argument,
-               const std::string& file) {
+nlohmann::json askParser(pac_engine::Engine& parser, std::string_view command,
+                         const nlohmann::json& argument, const std::string& file) {
   pac_engine::Problem problem;
   const auto text = parser.command(command, argument.dump(), problem);
   if (!text) throw Failure(kRefused, file + ": " + pac_engine::describe(problem));
-  auto report = Json::parse(*text, nullptr, false);
+  auto report = nlohmann::json::parse(*text, nullptr, false);
   if (!report.is_object()) refuseReport(file);
   if (const auto unparsed = report.find("unparsed"); unparsed != report.end()) {
     if (!unparsed->is_string() || !report["line"].is_number_unsigned()) refuseReport(file);

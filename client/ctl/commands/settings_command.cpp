@@ -19,7 +19,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kSettingsFooter = R"(Output:
   Which source of the configuration is in force and why, the settings of each
   source, and the configuration that the daemon has received. With --json the
   object that the settings service reports.
@@ -132,7 +132,7 @@ void addSettingsCommand(CLI::App& program, Action& action) {
       program.add_subcommand("settings", "Shows the source of the configuration.");
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
-  command->footer(std::string(kFooter) + statusHelp({{kAnswered, "done"}}, kBusStatuses));
+  command->footer(std::string(kSettingsFooter) + statusHelp({{kAnswered, "done"}}, kBusStatuses));
   auto* const resetting =
       command->add_subcommand("reset", "Removes what --save has written. Needs root.");
   resetting->footer("Exit status:\n" +

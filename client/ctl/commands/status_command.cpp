@@ -38,7 +38,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Output:
+constexpr const char* kStatusFooter = R"(Output:
   The row "script" shows whether the daemon can use the script in the PAC file:
   this command loads it as "pac check" does. The daemon reports its last update
   and its last walk over the URLs of scripts to systemd, and this command reads
@@ -448,7 +448,7 @@ void addStatusCommand(CLI::App& program, Action& action) {
   const auto options = std::make_shared<CallOptions>();
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
-  command->footer(std::string(kFooter) +
+  command->footer(std::string(kStatusFooter) +
                   statusHelp({{kAnswered, "the daemon runs and answers"}}, kBusStatuses));
   command->callback([options, &action] { action = [options] { return showStatus(*options); }; });
 }

@@ -11,7 +11,6 @@ namespace client {
 
 namespace {
 
-using Json = nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
 }  // namespace
@@ -44,7 +43,7 @@ Trace TracedScript::takeTrace() {
   const auto text = mTraced->command("trace", "", problem);
   if (!text) throw Failure(kRefused, mFile + ": " + pac_engine::describe(problem));
   try {
-    return traceOf(Json::parse(*text), mScript.places);
+    return traceOf(nlohmann::json::parse(*text), mScript.places);
   } catch (const std::exception&) {
     throw Failure(kInternal, mFile + ": the workbench sent what is no trace");
   }

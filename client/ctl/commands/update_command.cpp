@@ -25,7 +25,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter =
+constexpr const char* kUpdateFooter =
     R"(Replaces the whole configuration: a value that is not given is then not set.
 With --user and without --password-file the command asks for the password at the
 terminal. A password is never on the command line, which every user of the
@@ -205,7 +205,7 @@ void addMode(CLI::App& program, Action& action, const char* mode, const char* he
       "Keep it in settings.d/90-saved.conf, for\nevery start of the daemon; needs root");
   addCallOptions(*command, arguments->call, kChangeLimit);
   command->footer(
-      std::string(kFooter) +
+      std::string(kUpdateFooter) +
       statusHelp(
           {{kAnswered, "the configuration holds; a script is then fetched in the background"},
            {kBadData, "the text that was read is no password or URL"},

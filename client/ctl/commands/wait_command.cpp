@@ -29,7 +29,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr const char* kFooter =
+constexpr const char* kWaitFooter =
     R"(Waits also for a message bus and a daemon that do not run yet, and starts none.
 --configured waits until the daemon has got a configuration since its start.
 --script waits until the mode is pacurl or wpad and the script answers for
@@ -82,7 +82,7 @@ std::optional<std::int64_t> startOf(std::int64_t process) {
   return boot + ticks * (1'000'000 / sysconf(_SC_CLK_TCK));
 }
 
-std::chrono::microseconds left(Clock::time_point end) {
+std::chrono::microseconds timeLeft(Clock::time_point end) {
   return std::max(std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now()),
                   std::chrono::microseconds(1));
 }
@@ -91,7 +91,7 @@ bool isConfigured(DaemonBus& bus, Clock::time_point end) {
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message*) { announced = true; });
   if (bus.ask("http://localhost/").mode != "off") return true;
-  const auto listened = std::min<std::chrono::microseconds>(kListenTime, left(end));
+  const auto listened = std::min<std::chrono::microseconds>(kListenTime, timeLeft(end));
   return !bus.waitFor([&] { return announced; }, listened) && listened == kListenTime;
 }
 
@@ -117,7 +117,7 @@ bool hasScript(DaemonBus& bus, const Owner& daemon) {
 /// @return whether the expected state is reached; also false if there is no daemon or no bus yet
 bool look(const WaitArguments& arguments, Clock::time_point end) {
   try {
-    DaemonBus bus(left(end));
+    DaemonBus bus(timeLeft(end));
     bus.startDaemon(false);
     const auto daemon = bus.owner();
     if (!daemon) return false;
@@ -137,7 +137,7 @@ ExitStatus wait(const WaitArguments& arguments) {
                                    secondsText(arguments.call.limit) +
                                    "; \"proxymanagerctl status\" shows what it has");
     }
-    std::this_thread::sleep_for(std::min<std::chrono::microseconds>(kPause, left(end)));
+    std::this_thread::sleep_for(std::min<std::chrono::microseconds>(kPause, timeLeft(end)));
   }
   return kAnswered;
 }
@@ -153,7 +153,7 @@ void addWaitCommand(CLI::App& program, Action& action) {
   command->add_flag("--script", arguments->script, "Until it has a script that answers")
       ->excludes(configured);
   addTimeout(*command, arguments->call, kChangeLimit);
-  command->footer(kFooter + statusHelp({{kAnswered, "it is ready"}}, kBusStatuses));
+  command->footer(kWaitFooter + statusHelp({{kAnswered, "it is ready"}}, kBusStatuses));
   command->callback([arguments, &action] {
     if (!arguments->configured && !arguments->script) {
       throw CLI::RequiredError("--configured or --script");

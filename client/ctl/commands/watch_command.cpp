@@ -29,7 +29,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr const char* kFooter = R"(Runs until Ctrl-C, also while the daemon does not run.
+constexpr const char* kWatchFooter = R"(Runs until Ctrl-C, also while the daemon does not run.
 
 Output:
   A line for each signal, and for each start and end of the daemon, with its
@@ -189,7 +189,7 @@ void addWatchCommand(CLI::App& program, Action& action) {
   addCallOptions(*command, *options, kAskLimit);
   addShowPassword(*command, *options);
   command->footer(
-      std::string(kFooter) +
+      std::string(kWatchFooter) +
       statusHelp(
           {{kAnswered, "ended by Ctrl-C or SIGTERM; it goes on when the daemon does not run"}},
           kBusStatuses));

@@ -28,7 +28,7 @@ std::string textOf(int error) {
   return std::generic_category().message(error);
 }
 
-int left(Clock::time_point end) {
+int millisecondsLeft(Clock::time_point end) {
   const auto time = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
   return static_cast<int>(std::max<std::int64_t>(time, 0));
 }
@@ -86,7 +86,7 @@ int connectSocket(int socket, const addrinfo& address, Clock::time_point end) {
   pollfd polled{socket, POLLOUT, 0};
   int count = 0;
   do {
-    count = poll(&polled, 1, left(end));
+    count = poll(&polled, 1, millisecondsLeft(end));
   } while (count < 0 && errno == EINTR);
   if (count == 0) return ETIMEDOUT;
   int error = 0;
@@ -123,7 +123,7 @@ std::string firstLine(int socket, const std::string& request, std::chrono::milli
   std::string line;
   for (;;) {
     pollfd polled{socket, POLLIN, 0};
-    const int count = poll(&polled, 1, left(end));
+    const int count = poll(&polled, 1, millisecondsLeft(end));
     if (count < 0 && errno == EINTR) continue;
     std::array<char, kMaxLine> bytes{};
     const auto got = count > 0 ? recv(socket, bytes.data(), bytes.size(), 0) : 0;

@@ -12,7 +12,7 @@ namespace client {
 
 namespace {
 
-constexpr const char* kSystemd = "org.freedesktop.systemd1";
+constexpr const char* kSystemdName = "org.freedesktop.systemd1";
 /// systemd's own spelling of the unit's name in a path.
 constexpr const char* kUnitPath = "/org/freedesktop/systemd1/unit/proxymanager_2drelay_2esocket";
 constexpr const char* kUnit = "org.freedesktop.systemd1.Unit";
@@ -25,7 +25,7 @@ constexpr const char* kSocket = "org.freedesktop.systemd1.Socket";
 Message property(sd_bus* bus, const char* interface, const char* name, const char* type,
                  std::chrono::microseconds limit) {
   sd_bus_message* call = nullptr;
-  int result = sd_bus_message_new_method_call(bus, &call, kSystemd, kUnitPath,
+  int result = sd_bus_message_new_method_call(bus, &call, kSystemdName, kUnitPath,
                                               "org.freedesktop.DBus.Properties", "Get");
   const Message owned(call);
   if (result >= 0) result = sd_bus_message_set_auto_start(call, 0);
