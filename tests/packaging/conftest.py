@@ -31,12 +31,18 @@ def root():
 
 
 @pytest.fixture(scope="session")
-def packages(request):
+def built(request):
+    """The files of the packages by their names."""
     found = glob.glob(request.config.getoption("--folder") + "/out/*.deb")
+    return {os.path.basename(file).partition("_")[0]: file for file in sorted(found)
+            if "dbgsym" not in file}
+
+
+@pytest.fixture(scope="session")
+def packages(built):
     # The settings service configures the daemon, which is the tests' business here.
-    return [file for file in found
-            if "dbgsym" not in file and "/proxymanager-settings_" not in file
-            and "/proxymanager-relay_" not in file]
+    return [file for name, file in built.items()
+            if name not in ("proxymanager-settings", "proxymanager-relay")]
 
 
 @pytest.fixture(scope="session")

@@ -6,6 +6,7 @@ No other network than a loopback interface of its own. What runs in it ends with
 import contextlib
 import ctypes
 import encodings.idna  # noqa: F401  loaded now: inside the system there is no such file
+import fcntl
 import hashlib
 import multiprocessing
 import os
@@ -58,18 +59,23 @@ def _needed(packages):
 
 def _root_archive(names):
     """A minimal Debian with packages by their names; made once a machine, and kept where the other
-    things are that take long to make."""
+    things are that take long to make. Of several tests that need it, one makes it and the others wait."""
     include = ",".join(names)
     key = hashlib.sha256(include.encode()).hexdigest()[:12]
     cache = os.environ.get("PROXYMANAGER_UNPACKED") or os.path.join(
         os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache"), "proxymanagerd")
     archive = pathlib.Path(cache, f"root-{SUITE}-{key}.tar")
-    if not archive.exists():
-        archive.parent.mkdir(parents=True, exist_ok=True)
-        made = archive.with_suffix(f".{os.getpid()}.new.tar")
-        subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", f"--include={include}",
-                        *_apt_options(), '--aptopt=Acquire::Retries "3"', SUITE, str(made), *_sources()], check=True)
-        made.rename(archive)
+    archive.parent.mkdir(parents=True, exist_ok=True)
+    with open(archive.with_suffix(".lock"), "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not archive.exists():
+            made = archive.with_suffix(".new.tar")
+            # The packages' own Python programs keep their byte code where an installation has it.
+            own = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
+            subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", f"--include={include}",
+                            *_apt_options(), '--aptopt=Acquire::Retries "3"', SUITE, str(made),
+                            *_sources()], check=True, env=own)
+            made.rename(archive)
     return archive
 
 
@@ -79,10 +85,11 @@ class Account:
 
 
 class Machine:
-    def __init__(self, packages, names=()):
-        """@param packages files that the tests install @param names further packages of Debian"""
+    def __init__(self, packages, names=(), others=()):
+        """@param packages files that the tests install @param names further packages of Debian
+        @param others files of packages that another test installs, which then shares the root"""
         self.packages = packages
-        self._archive = _root_archive(sorted({*_needed(packages), *names}))
+        self._archive = _root_archive(sorted({*_needed([*packages, *others]), *names}))
         self._ends = contextlib.ExitStack()
 
     def __enter__(self):

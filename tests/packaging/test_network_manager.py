@@ -38,8 +38,8 @@ class Dispatching(Managed):
 
 
 @pytest.fixture(scope="session")
-def managed(packages):
-    with Dispatching(packages, names=PACKAGES) as booted:
+def managed(built, packages):
+    with Dispatching(packages, names=PACKAGES, others=built.values()) as booted:
         booted.install_packages()
         booted.plug_in()
         yield booted

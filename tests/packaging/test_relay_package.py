@@ -1,6 +1,5 @@
 """The relay in a clean system that runs. The tests build on each other, in this order."""
 
-import glob
 import os
 
 import pytest
@@ -10,7 +9,7 @@ from support.bus import Client, Signals
 BUS = "unix:path=/run/dbus/system_bus_socket"
 SOCKET, UNIT = "proxymanager-relay.socket", "proxymanager-relay.service"
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
-PACKAGES = ("proxymanagerd_", "proxymanagerctl_", "libproxymanager-client0_", "proxymanager-relay_")
+PACKAGES = ("proxymanagerd", "proxymanagerctl", "libproxymanager-client0", "proxymanager-relay")
 LINKS = ["/etc/profile.d/proxymanager-relay.sh", "/etc/environment.d/60-proxymanager-relay.conf",
          "/etc/apt/apt.conf.d/60proxymanager-relay"]
 MANUAL = ("manual", "http://p.example:1", "", "n", "u", "secret")
@@ -38,11 +37,8 @@ class Caller(Client):
 
 
 @pytest.fixture(scope="session")
-def machine(request):
-    folder = request.config.getoption("--folder")
-    packages = [file for file in sorted(glob.glob(folder + "/out/*.deb"))
-                if os.path.basename(file).startswith(PACKAGES) and "dbgsym" not in file]
-    with Machine(packages) as booted:
+def machine(built):
+    with Machine([built[name] for name in PACKAGES], others=[built["proxymanager-settings"]]) as booted:
         booted.install_packages()
         booted.run("useradd", "--system", "stranger")
         yield booted

@@ -1,7 +1,6 @@
 """The settings service with the NetworkManager and the ConnMan that Debian ships, in a clean system that
 runs: two links with a DHCP server each. The tests build on each other, in this order."""
 
-import glob
 import json
 import os
 import random
@@ -95,10 +94,8 @@ def script(proxy):
 
 
 @pytest.fixture(scope="session")
-def fed(request):
-    found = glob.glob(request.config.getoption("--folder") + "/out/*.deb")
-    packages = [file for file in found if "dbgsym" not in file]
-    with Fed(packages, names=PACKAGES) as booted:
+def fed(built):
+    with Fed(list(built.values()), names=PACKAGES) as booted:
         yield booted
 
 

@@ -2,9 +2,6 @@
 
 import collections
 import errno
-import glob
-import os
-import pathlib
 import re
 import socket
 import threading
@@ -21,8 +18,7 @@ UNIT = "proxymanager-settings.service"
 SOCKET = "proxymanager-settings.socket"
 PASSWORD = "geheim-4711"
 DENIED = "org.freedesktop.DBus.Error.AccessDenied"
-PACKAGES = ("proxymanagerd_", "proxymanagerctl_", "libproxymanager-client0_",
-            "proxymanager-settings_")
+PACKAGES = ("proxymanagerd", "proxymanagerctl", "libproxymanager-client0", "proxymanager-settings")
 MANUAL = ("manual", "http://p.example:1", "", "n", "", "")
 OFF = ("off", "", "", "n", "", "")
 
@@ -95,17 +91,9 @@ class Rival:
 
 
 @pytest.fixture(scope="session")
-def machine(request):
-    folder = request.config.getoption("--folder")
-    packages = [file for file in sorted(glob.glob(folder + "/out/*.deb"))
-                if os.path.basename(file).startswith(PACKAGES) and "dbgsym" not in file]
-    with Machine(packages) as booted:
-        for package in packages:
-            (booted.root / pathlib.Path(package).name).write_bytes(
-                pathlib.Path(package).read_bytes())
-        names = ["/" + pathlib.Path(package).name for package in packages]
-        booted.run("dpkg", "-i", *names)
-        booted.run("rm", *names)
+def machine(built):
+    with Machine([built[name] for name in PACKAGES], others=[built["proxymanager-relay"]]) as booted:
+        booted.install_packages()
         booted.run("useradd", "--system", "stranger")
         yield booted
 
