@@ -25,8 +25,8 @@ inline constexpr std::chrono::seconds kStoreWait{10};
 /// The stored lease of one interface.
 struct KeptLease {
   std::string interface;
-  std::string text;       ///< as keep() got it
-  std::timespec since{};  ///< of the system's clock: when this text was kept
+  std::string text;       ///< the text that keep() stored
+  std::timespec since{};  ///< when this text was stored, by the system clock
 };
 
 /// The store. One process at a time uses it. Two threads must not use it at the same time.

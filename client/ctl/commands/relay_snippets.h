@@ -17,7 +17,7 @@ std::vector<std::string> relayLinks();
 std::vector<std::string> putRelayLinks();
 
 /// Removes the links. @return those that were in place
-/// @throws Failure (kOutput) if one stays
+/// @throws Failure (kOutput) if a link cannot be removed
 std::vector<std::string> removeRelayLinks();
 
 }  // namespace client
