@@ -1,9 +1,9 @@
 # proxymanager_quickjs: the JavaScript engine, QuickJS-NG, only for the script worker.
 #
-# In this order: the source folder that the build names (-DPROXYMANAGER_ENGINE_SOURCE=), the
-# distribution's package (libqjs-dev) if it is recent enough, the source that a release tarball of this tree
-# contains, the distribution's upstream tarball of a later suite, fetched once per machine by
-# packaging/quickjs/fetch_quickjs.sh.
+# The first of these is used: the source folder that the build names
+# (-DPROXYMANAGER_ENGINE_SOURCE=); the distribution's package (libqjs-dev), if it is recent enough;
+# the source in a release tarball of this tree; the upstream tarball of a later suite of the
+# distribution, which packaging/quickjs/fetch_quickjs.sh fetches once per machine.
 #
 # Sets the global properties proxymanager_engine_version, proxymanager_engine_header and, if there is a
 # source folder with tests, proxymanager_engine_tests.

@@ -21,9 +21,9 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< longest URL that a 
 /// - no host in a file URL ("", "localhost" and "127.0.0.1" mean this machine);
 /// - a text without "://", or without a valid scheme before "://", stays unchanged.
 ///
-/// A text that has a scheme but is no URL (no host, blanks in the host, two "@", a port beyond
-/// 65535, control characters) becomes its scheme alone, as in "http:///": a password may stand
-/// anywhere in the rest. The canonical form of a canonical URL is the URL itself.
+/// A text that has a scheme but is not a valid URL (no host, blanks in the host, two "@", a port
+/// beyond 65535, control characters) becomes only its scheme, as in "http:///", because a password
+/// may stand anywhere in the rest. The canonical form of a canonical URL is the URL itself.
 /// @return nothing if the URL has more than maxBytes as given or as canonical
 /// Any thread; throws std::bad_alloc only.
 std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxBytes = kMaxUrlBytes);

@@ -3,9 +3,9 @@
 //
 // The files are watched, not their folders, and events are not decoded: any event on either file
 // counts as a change, touch and chmod included. A file is watched only if the daemon would also
-// read it, through the descriptor that it was opened with: a regular file of root or of the
-// daemon's user, with one name, no link. A file that is missing when the watch begins is not
-// watched, and a watch ends with its file.
+// read it: a regular file of root or of the daemon's user, with one name, and not a link. It is
+// watched through the descriptor with which it was opened. A file that is missing when the watch
+// begins is not watched, and a watch ends with its file.
 #pragma once
 
 #include <chrono>

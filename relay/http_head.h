@@ -1,8 +1,9 @@
 // A strict reader of the head of an HTTP/1 message.
 //
 // Request smuggling needs a head that two readers understand in two ways. This reader refuses such
-// a head: each line ends with CR LF, no control character is allowed, no line is folded, and a body
-// has one length. The relay can write each head that the reader accepts.
+// a head. In a head that it accepts, each line ends with CR LF, there is no control character, no
+// line is folded, and the body has one length. The relay can write each head that the reader
+// accepts.
 //
 // All functions are pure and may run on any thread. Names and values of a head are views of the
 // text that was read, so the caller keeps this text as long as the head.

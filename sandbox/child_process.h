@@ -4,8 +4,8 @@
 // signals, an empty signal mask, an ordinary scheduling policy, a process group of its own, the
 // environment that the caller names, its standard three descriptors on /dev/null, the descriptors
 // that the caller passes on, and nothing else. The parent kills it and waits for it through a
-// descriptor of the process itself: even if a SIGCHLD handler of the program, or a thread that
-// waits for any child, has already reaped the child, this code kills no foreign process.
+// descriptor of the process itself. A SIGCHLD handler of the program, or a thread that waits for
+// any child, may already have reaped the child. Even then, this code kills no foreign process.
 //
 // The child raises its own walls (walls.h) before it reads the first byte of what it has to parse.
 #pragma once

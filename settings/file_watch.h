@@ -18,8 +18,8 @@ inline constexpr std::chrono::milliseconds kFilePause{200};
 /// If a folder changes continuously, it is reported after this number of changes.
 inline constexpr int kMaxPostponed = 50;
 
-/// Watches folders for changes of some names in them. A folder that does not exist is not watched:
-/// call set() again when its parent has changed. Runs in the event loop's thread.
+/// Watches folders for changes of certain files in them. A folder that does not exist is not
+/// watched: call set() again when its parent has changed. Runs in the event loop's thread.
 class FileWatch {
  public:
   struct Place {

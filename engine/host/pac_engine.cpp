@@ -213,8 +213,8 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
   }
 }
 
-/// Waits for the worker's next message. Only a long evaluation gets the CPU time of a whole
-/// evaluation.
+/// Waits for the worker's next message. If a message takes long to come, the worker gets the CPU
+/// time limit of a whole evaluation. A short question needs no change of the limit.
 Receipt Engine::Impl::receive(Deadline end) {
   auto& channel = worker->channel();
   const auto shortly = std::min(end, std::chrono::steady_clock::now() + kShortWork);

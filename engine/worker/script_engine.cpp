@@ -2,10 +2,11 @@
 // state. If it has passed the heap limit and still holds most of the heap, the next evaluation
 // begins with a fresh runtime and the script is loaded again.
 //
-// Some scripts can be stopped only from outside: the library kills the worker. Nothing looks at the
-// clock while one built-in function walks an object that only claims a giant length (indexOf or
-// join of {length: 2 ** 50}) or searches a giant string over and over; and an async function or a
-// promise's executor turns the interrupt into a rejection, so that a loop around one goes on.
+// Some scripts can be stopped only from outside: the library kills the worker. The engine does not
+// read the clock while one built-in function walks an object that only claims a giant length
+// (indexOf or join of {length: 2 ** 50}), or searches a giant string again and again. And an async
+// function or a promise's executor turns the interrupt into a rejection, so a loop around it
+// continues.
 #include "engine/worker/script_engine.h"
 
 #include <algorithm>

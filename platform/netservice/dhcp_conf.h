@@ -10,9 +10,9 @@ namespace netservice {
 /// `wpad`.
 ///
 /// A line is `key=value`; blanks around both are ignored, other lines are skipped. The value is cut
-/// at the first NUL, CR or LF, read as a POSIX shell reads one word's quotes ('...', "...",
-/// backslash; a quote that is never closed ends with the line), and stripped of the blanks and
-/// quotes that are then outermost. Bytes above 127 stay as they are.
+/// at the first NUL, CR or LF. Its quotes are then read as in a word of a POSIX shell ('...',
+/// "...", backslash; an unclosed quote ends with the line). Last, blanks and quotes at both ends
+/// are removed. Bytes above 127 stay as they are.
 /// @param text the whole file, any bytes
 /// @return the value, of any length; empty if there is none
 std::string wpadValue(std::string_view text);

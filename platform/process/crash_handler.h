@@ -12,12 +12,11 @@
 //
 // Nothing that the handler calls allocates. The one lock is the loader's, and a thread that holds
 // it may take it again. syslog() locks, formats dates and allocates. So the handler formats into a
-// buffer of its own and sends datagrams to /dev/log, as syslog() does,
-// through a socket that was opened before and never connected: a log daemon that was restarted
-// since then is reached, too. A log or a stderr that accepts nothing costs a tenth of a second,
-// once; SIGALRM ends an unwinding that hangs after some seconds. Left out: a stack overflow is
-// reported on the main thread only, which has the alternate stack; on other threads it ends the
-// process without a trace.
+// buffer of its own and sends datagrams to /dev/log, as syslog() does. It uses a socket that was
+// opened before and never connected, so it also reaches a log daemon that was restarted since then.
+// A log or a stderr that accepts nothing costs a tenth of a second, once; SIGALRM ends an unwinding
+// that hangs after some seconds. Left out: a stack overflow is reported on the main thread only,
+// which has the alternate stack; on other threads it ends the process without a trace.
 #pragma once
 
 /// Installs the handler. Call it once, on the main thread, before others start.

@@ -6,7 +6,8 @@
 
 namespace client::pvd {
 
-/// Time limit of the download, in seconds, and most redirects. A script has the same limits.
+/// Time limit of the download, in seconds, and maximum number of redirects. A script has the same
+/// limits.
 inline constexpr long kFetchSeconds = 30;
 inline constexpr long kMaxRedirects = 5;
 

@@ -71,7 +71,7 @@ class DaemonBus {
   DaemonBus(const DaemonBus&) = delete;
   DaemonBus& operator=(const DaemonBus&) = delete;
 
-  /// Whether calls may start a daemon that does not run, which is so at first.
+  /// Whether calls may start a daemon that does not run. The default is true.
   void startDaemon(bool may) { mMayStart = may; }
 
   /// The daemon's methods. `checkStarted` returns the daemon's answer, which is true while the
