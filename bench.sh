@@ -107,7 +107,7 @@ step "Whole answers"
 PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/whole_answers.py" "--build=$build" \
   "--json=$json/whole_answers.json" "${whole[@]}"
 step "Whole answers, all programs on one processor"
-# Nothing is hidden by another processor, and nobody moves: what is left is what is worked.
+# On one processor, no program runs in parallel and none is moved, so the time shows all the work.
 PYTHONDONTWRITEBYTECODE=1 taskset --cpu-list 0 /usr/bin/python3 \
   "$top/bench/whole/whole_answers.py" "--build=$build" --only cases \
   "--json=$json/whole_answers_one_cpu.json" "${whole[@]}"

@@ -80,8 +80,8 @@ trap finish EXIT
 trap 'exit 130' INT
 trap 'exit 143' TERM HUP
 
-# until_true WHAT PROCESS COMMAND...: repeats COMMAND until it succeeds; fails when PROCESS, which
-# is to bring it about, has ended, or when patience has.
+# until_true WHAT PROCESS COMMAND...: repeats COMMAND until it succeeds. Fails if PROCESS, which
+# should cause the success, has ended, or if the time limit is over.
 until_true() {
   local what=$1 process=$2 end=$((SECONDS + patience))
   shift 2

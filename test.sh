@@ -109,8 +109,8 @@ with_suppressions() {
   if [ -e "$file" ]; then echo "$2:suppressions=$file"; else echo "$2"; fi
 }
 
-# The thread sanitizer of older compilers does not know address spaces laid out at random over more
-# than 28 bits, as newer kernels do.
+# The thread sanitizer of older compilers fails if the kernel randomises more than 28 bits of
+# addresses, as newer kernels do.
 without_random_addresses() {
   local bits
   bits=$(cat /proc/sys/vm/mmap_rnd_bits 2>/dev/null || echo 32)
@@ -124,8 +124,8 @@ test_plain() {
   run_tests test
 }
 
-# What has threads, and what its tests start. The rest of the tree, which is most of it, would be
-# built and run under the thread sanitizer to show nothing.
+# The programs with threads, and the programs that their tests start. For the rest, which is most of
+# the tree, the thread sanitizer would show nothing.
 threaded=(proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanager-lease proxymanager-relay
   proxymanager-settings proxymanager-client-shared proxymanager_gio proxymanager_libproxy
   proxymanager_soup_get proxymanager_wall_clock proxymanager-fetch-hostile
@@ -136,7 +136,7 @@ threaded_tests=(bus_tests cache_test client_library_faults_test client_library_p
   pac_engine_test pac_parser_tests process_test relay_test released_secrets_tests service_tests
   settings_test)
 threaded+=("${threaded_tests[@]}")
-# Of tests on a bus, those that start none of the other programs.
+# The tests on a bus that start no other program.
 threaded_tests+=(integration.{bus_loss,bus_policy,contract,fairness,faults,files,glib_programs}
   integration.{hostile_scripts,kill,libproxy,lifecycle,memory,on_demand,pac,planted_files,relay}
   integration.{relay_program,self_limits,service,settings,settings_sources,settings_trouble,stop}
@@ -186,8 +186,8 @@ test_tidy() {
   /usr/bin/python3 "$top/tests/checks/clang_says.py" --tidy "$build/test" "$top"
 }
 
-# The tests come first, with a worker without seccomp: the filter would be the emulator's. Then the
-# tree is built as it is installed, of which little is compiled anew.
+# The tests come first, with a worker without seccomp, because the filter would apply to the
+# emulator. Then the tree is built for the installation, which compiles only a few files again.
 test_cross() {
   local sysroot options folder=$build/$preset left_out=$top/tests/not_emulated.txt
   "$top/packaging/dependencies.sh" --package --cross
@@ -197,7 +197,8 @@ test_cross() {
   step "Not run under the emulator"
   sed '/^#/d; s/\t/: /' "$left_out"
   run_tests "$preset" -E "$(sed '/^#/d; s/\t.*//' "$left_out" | paste -s -d '|')"
-  # The lines of shell stand where programs go: a linker that sees a file there would leave it.
+  # The shell scripts are at the paths of the programs: a linker that finds a file there would not
+  # replace it.
   find "$folder" -name '*.emulated' -exec sh -c 'for f; do rm -f "$f" "${f%.*}"; done' - {} +
   build_tree "$preset" "${options[@]}" -DPROXYMANAGER_TESTS=OFF
   step "Installing below $folder/installed"

@@ -1,6 +1,7 @@
-# !/bin/sh Makes a release tarball of the checked-out commit. It also contains the script engine's
-# source, in packaging/quickjs/source. So it can be built without a network, which a build from the
-# repository needs.
+#!/bin/sh
+# Makes a release tarball of the checked-out commit. It also contains the script engine's source, in
+# packaging/quickjs/source. So it can be built without a network, which a build from the repository
+# needs.
 #
 # usage: packaging/make_source_tarball.sh [FOLDER]
 # Writes into FOLDER (the present one) and prints the first of them:

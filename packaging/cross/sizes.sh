@@ -1,6 +1,6 @@
-# !/bin/sh Prints the sizes of the programs and shared libraries below a folder, in bytes: the
-# mapped parts of each file (code and constants, data, data that begins as zeros), and its size on
-# the disk.
+#!/bin/sh
+# Prints the sizes of the programs and shared libraries below a folder, in bytes: the mapped parts
+# of each file (code and constants, data, data that begins as zeros), and its size on the disk.
 #
 # usage: packaging/cross/sizes.sh TRIPLET FOLDER
 set -eu

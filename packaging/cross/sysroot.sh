@@ -1,6 +1,6 @@
 #!/bin/sh
-# Makes the folder with another architecture's headers and libraries that this tree is linked with,
-# once per machine.
+# Makes a folder with the headers and libraries that a build for another architecture needs, once
+# per machine.
 #
 # No foreign architecture is added to the machine, and none of its packages changes: mmdebstrap
 # unpacks what packaging/debian/control names, with what that depends on, from the machine's own apt
