@@ -91,13 +91,22 @@ std::optional<std::string> readWhole(const base::OpenFile& file, std::size_t mos
   return std::nullopt;
 }
 
+/// Whether a PAC URL has a user. Its path may contain '@', too.
+bool hasUser(const std::string& pacUrl) {
+  const auto begin = pacUrl.find("://") + 3;
+  return pacUrl.substr(begin, pacUrl.find_first_of("/?#", begin) - begin).find('@') !=
+         std::string::npos;
+}
+
 /// Checks that other users cannot read a file that contains a password.
 void judgePasswords(const std::string& path, mode_t mode, FileSettings& settings,
                     FolderSettings& result) {
-  const bool inUrl = settings.proxyUrl && settings.proxyUrl->find('@') != std::string::npos;
-  if (inUrl && (mode & 007U) != 0) {
+  const bool inProxyUrl = settings.proxyUrl && settings.proxyUrl->find('@') != std::string::npos;
+  const bool inPacUrl = settings.pacUrl && hasUser(*settings.pacUrl);
+  if ((inProxyUrl || inPacUrl) && (mode & 007U) != 0) {
     complain(result, path, 0,
-             "proxy-url contains a password, so the file must not be readable by everybody");
+             std::string(inProxyUrl ? "proxy-url" : "pac-url") +
+                 " contains a password, so the file must not be readable by everybody");
   }
   if (!settings.password || settings.password->empty()) return;
   if ((mode & 077U) != 0) {
@@ -147,6 +156,9 @@ void readPassword(const std::string& path, FolderSettings& result) {
   }
   result.password = text->substr(0, text->find_first_of("\r\n"));
   base::wipe(*text);
+  if (isBusText(result.password)) return;
+  base::wipe(result.password);
+  complain(result, path, 0, "the password file must be text in UTF-8");
 }
 
 void findPassword(const SettingsPaths& paths, FolderSettings& result) {

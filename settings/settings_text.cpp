@@ -22,11 +22,15 @@
 #include <map>
 #include <utility>
 
+#include "base/utf8.h"
 #include "client/library/proxy_answer.h"
 
 namespace settings {
 
 namespace {
+
+constexpr const char* kSyntaxProblem =
+    "is not valid TOML: a line is key = \"value\", and a file sets each key once";
 
 bool isPrintableAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(),
@@ -123,6 +127,7 @@ std::string setKey(FileSettings& settings, std::string_view key, const toml::nod
   if (given->find_first_of(std::string_view("\0\n\r", 3)) != std::string::npos) {
     return "must be one line";
   }
+  if (!isBusText(*given)) return "contains a code point that is not a character";
   return setter->second(settings, *given);
 }
 
@@ -138,6 +143,18 @@ std::string urlProblem(std::string_view url) {
 }
 
 }  // namespace
+
+bool isBusText(std::string_view text) {
+  for (std::size_t at = 0; at < text.size();) {
+    const auto character = base::utf8CharacterAt(text, at);
+    if (character.length == 0 || character.code == 0 || base::isSurrogate(character.code) ||
+        base::isNoncharacter(character.code)) {
+      return false;
+    }
+    at += character.length;
+  }
+  return true;
+}
 
 std::string pacUrlProblem(std::string_view url) {
   if (std::string problem = urlProblem(url); !problem.empty()) return problem;
@@ -179,10 +196,8 @@ ReadSettings readSettings(std::string_view text) {
   ReadSettings read;
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
-    const auto& error = parsed.error();
-    // The library's description quotes the text that it could not read. Control characters in it
-    // are made visible when the line is logged or shown.
-    read.problems.push_back({error.source().begin.line, std::string(error.description())});
+    // The library's description quotes text of the line, which can be a part of a password.
+    read.problems.push_back({parsed.error().source().begin.line, kSyntaxProblem});
     return read;
   }
   for (const auto& [key, value] : parsed.table()) {

@@ -181,6 +181,35 @@ TEST_F(Folder, APasswordInAProxysUrlMustNotBeReadableByEverybody) {
   EXPECT_TRUE(readFolder(mPaths).problems.empty());
 }
 
+TEST_F(Folder, APasswordInAScriptsUrlMustNotBeReadableByEverybody) {
+  const std::string text = "mode = \"pacurl\"\npac-url = \"http://u:p@h/proxy.pac\"\n";
+  write("settings.conf", text, 0644);
+  EXPECT_EQ(problem(),
+            "/settings.conf: pac-url contains a password, so the file must not be readable by "
+            "everybody");
+  write("settings.conf", text, 0640);
+  EXPECT_TRUE(readFolder(mPaths).problems.empty());
+  write("settings.conf", "mode = \"pacurl\"\npac-url = \"http://h/p@q.pac\"\n", 0644);
+  EXPECT_TRUE(readFolder(mPaths).problems.empty());
+}
+
+// The bus library refuses such texts, so the daemon could never get them.
+TEST_F(Folder, APasswordFileThatTheBusCannotTransportIsNamed) {
+  const auto file = mPaths.folder + "/secret";
+  write("settings.conf", "password-file = \"" + file + "\"\n");
+  for (const std::string text : {"gr\xfc\xdf"
+                                 "e\n",
+                                 "\xef\xbf\xbe\n", "\xed\xa0\x80\n", "half\xc3"}) {
+    write("secret", text, 0640);
+    EXPECT_EQ(problem(), "/secret: the password file must be text in UTF-8") << text;
+    EXPECT_TRUE(readFolder(mPaths).password.empty());
+  }
+  write("secret", std::string("ab\0cd\n", 6), 0640);
+  EXPECT_EQ(problem(), "/secret: the password file must be text in UTF-8");
+  write("secret", "gr\u00fc\u00dfe\n", 0640);
+  EXPECT_EQ(readFolder(mPaths).password, "gr\u00fc\u00dfe");
+}
+
 TEST_F(Folder, ACredentialIsReadFromItsFolder) {
   write("settings.conf", "password-credential = \"proxy\"\n");
   EXPECT_TRUE(readFolder(mPaths).isFaulty());

@@ -79,6 +79,8 @@ TEST(SettingsText, NamesTheLineOfWhatItCannotUse) {
   EXPECT_EQ(problemOf("password-credential = \"../x\"\n"),
             "1: password-credential must be the name of a credential, without a slash");
   EXPECT_EQ(problemOf("user = \"a\\nb\"\n"), "1: user must be one line");
+  EXPECT_EQ(problemOf("user = \"a\\uFFFE\"\n"),
+            "1: user contains a code point that is not a character");
   EXPECT_EQ(problemOf("refresh = \"59s\"\n"),
             "1: refresh must be 0 or a time from 1m to 365d, such as \"6h\"");
 }
@@ -88,6 +90,16 @@ TEST(SettingsText, ASyntaxErrorIsOneProblemWithItsLine) {
   ASSERT_EQ(read.problems.size(), 1U);
   EXPECT_EQ(read.problems[0].line, 2U);
   EXPECT_EQ(read.settings, FileSettings{});
+}
+
+TEST(SettingsText, NoSyntaxErrorQuotesAPassword) {
+  for (const char* line :
+       {"password = geheim-7", "password = \"geheim-7", "password = falschgeheim",
+        "password = infgeheim", "password = 'geh'eim7", "password: geheim-7", "geheim-7",
+        "password = \"ge\\heim-7\"", "password = 2024geheim", "password = 0xgeheim"}) {
+    EXPECT_EQ(problemOf(std::string("mode = \"off\"\n") + line + "\n"),
+              "2: is not valid TOML: a line is key = \"value\", and a file sets each key once");
+  }
 }
 
 TEST(SettingsText, ProblemsComeInTheOrderOfTheirLines) {
