@@ -236,9 +236,12 @@ int SettingsService::getState(sd_bus_message* call, sd_bus_error* error) {
   if (mStateCalls.size() >= kMaxStateCalls) {
     return sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many calls wait");
   }
+  // If the question fails, this call gets the error, and no call waits for an answer.
+  if (mStateCalls.empty()) {
+    mDaemon.read([this](const auto& daemon, const auto&) { answerStateCalls(daemon); },
+                 kStateLimit);
+  }
   mStateCalls.emplace_back(sd_bus_message_ref(call));
-  if (mStateCalls.size() > 1) return 1;
-  mDaemon.read([this](const auto& daemon, const auto&) { answerStateCalls(daemon); }, kStateLimit);
   return 1;
 }
 

@@ -1,5 +1,7 @@
 #include "settings/source_choice.h"
 
+#include "base/visible.h"
+
 namespace settings {
 
 namespace {
@@ -24,7 +26,7 @@ Choice byFile(const FileSettings& settings, const std::string& password, std::st
 // them.
 Choice byNetwork(const NetworkConfiguration& network, std::string reason) {
   if (!network.interface.empty()) {
-    reason += ", interface " + network.interface;
+    reason += ", interface " + base::visible(network.interface);
   } else {
     reason += ", which names no interface";
   }

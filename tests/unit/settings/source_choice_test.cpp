@@ -57,6 +57,14 @@ TEST(Choose, TheFilesPasswordIsNotForANetworksProxy) {
   EXPECT_TRUE(choice.configuration.password.empty());
 }
 
+// The reason is logged, and shown at a terminal.
+TEST(Choose, TheReasonHasNoControlCharacterOfAnInterfacesName) {
+  NetworkConfiguration network;
+  network.interface = "e\x1b[2Jt";
+  EXPECT_EQ(choose({}, "", &network).reason,
+            "no file sets a mode; a network manager does, interface e\\x1b[2Jt");
+}
+
 TEST(Choose, AModeTakesItsOwnUrlAlone) {
   const auto settings = settingsOf(
       "mode = \"manual\"\nproxy-url = \"http://p:1\"\npac-url = \"http://h/\"\nuser = \"me\"\n");
