@@ -33,14 +33,16 @@ void translateAuto(const PushedConfiguration& pushed, NetworkConfiguration& resu
 void translateManual(const PushedConfiguration& pushed, NetworkConfiguration& result) {
   const auto servers = parseServers(pushed.servers);
   if (servers.empty()) return;
-  result.isUsable = true;
   if (servers.size() == 1 && pushed.excludes.empty()) {
+    result.isUsable = true;
     result.configuration.mode = Mode::kManual;
     result.configuration.proxyUrl = manualProxyUrl(servers.front());
     return;
   }
   result.configuration.mode = Mode::kPacUrl;
-  result.script = manualScript(servers, pushed.excludes);
+  std::string script = manualScript(servers, pushed.excludes);
+  result.isUsable = script.size() <= kMaxScriptBytes;
+  if (result.isUsable) result.script = std::move(script);
 }
 
 /// A lower rank wins. A configuration without a default route has no rank.

@@ -22,8 +22,8 @@ inline constexpr std::size_t kMaxOfSender = 64;
 /// Maximum number of configurations of all senders together: enough for two network managers at
 /// their limit, with a reserve.
 inline constexpr std::size_t kMaxConfigurations = 256;
-/// Longest inline script, in bytes, equal to the daemon's limit (fetcher::kMostScriptBytes).
-/// NetworkManager accepts 1 MiB.
+/// Longest script, pushed or generated, in bytes, equal to the daemon's limit
+/// (fetcher::kMostScriptBytes). NetworkManager accepts 1 MiB.
 inline constexpr std::size_t kMaxScriptBytes = 512'000;
 /// Longest text of another kind, in bytes.
 inline constexpr std::size_t kMaxTextBytes = 8U << 10U;
@@ -53,8 +53,8 @@ struct NetworkConfiguration {
   std::string script;           ///< the text to serve, pushed or generated; else empty
 };
 
-/// Translates `pushed` for the daemon. If its servers or its URL cannot be used, the result is
-/// unusable.
+/// Translates `pushed` for the daemon. If its servers or its URL cannot be used, or if the
+/// generated script is longer than kMaxScriptBytes, the result is unusable.
 NetworkConfiguration translate(const PushedConfiguration& pushed);
 
 class NetworkSet {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/log_line.h"
+#include "base/visible.h"
 #include "settings/event_timer.h"
 #include "settings/manual_script.h"
 
@@ -188,7 +189,9 @@ int PacRunner::create(sd_bus_message* call, sd_bus_error* error) {
   if (result > 0) return sd_bus_error_set(error, kFailed, problem.c_str());
   const char* name = sd_bus_message_get_sender(call);
   Sender& sender = senderOf(name);
-  const auto number = mSet.add(translate(pushed), name);
+  NetworkConfiguration translated = translate(pushed);
+  const bool isUsable = translated.isUsable;
+  const auto number = mSet.add(std::move(translated), name);
   if (!number) {
     if (!sender.isOverLimit) {
       logLine(LOG_WARNING, "settings: %s has pushed %zu configurations, more are refused", name,
@@ -196,6 +199,10 @@ int PacRunner::create(sd_bus_message* call, sd_bus_error* error) {
     }
     sender.isOverLimit = true;
     return sd_bus_error_set(error, kFailed, "too many configurations");
+  }
+  if (!isUsable) {
+    logLine(LOG_WARNING, "settings: a configuration of %s for interface %s cannot be used", name,
+            base::visible(pushed.interface).c_str());
   }
   const int replied = sd_bus_reply_method_return(call, "o", pathOfNumber(*number).c_str());
   notifyChange();
@@ -230,14 +237,15 @@ int PacRunner::find(sd_bus_message* call) {
   if (result < 0) return result;
   const std::string name = sd_bus_message_get_sender(call);
   if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", "DIRECT");
-  Sender& sender = senderOf(name);
-  if (sender.questions >= kMaxQuestionsOfCaller || mQuestions >= kMaxQuestions) {
+  const auto asking = mQuestionsOf.find(name);
+  const int waiting = asking == mQuestionsOf.end() ? 0 : asking->second;
+  if (waiting >= kMaxQuestionsOfCaller || mQuestions >= kMaxQuestions) {
     return sd_bus_reply_method_return(call, "s", "DIRECT");
   }
   // Shared, because std::function copies what the callback captures.
   const auto kept = std::make_shared<BusMessage>(sd_bus_message_ref(call));
   mDaemon.ask(url, [this, kept, name](const auto& answer) { answered(*kept, name, answer); });
-  sender.questions++;
+  mQuestionsOf[name]++;
   mQuestions++;
   return 1;
 }
@@ -245,7 +253,7 @@ int PacRunner::find(sd_bus_message* call) {
 void PacRunner::answered(const BusMessage& call, const std::string& sender,
                          const std::optional<std::vector<std::string>>& answer) {
   mQuestions--;
-  if (const auto found = mSenders.find(sender); found != mSenders.end()) found->second.questions--;
+  if (--mQuestionsOf[sender] == 0) mQuestionsOf.erase(sender);
   sd_bus_reply_method_return(call.get(), "s", proxyText(answer).c_str());
 }
 

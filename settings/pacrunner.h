@@ -48,10 +48,10 @@ class PacRunner {
   struct TrackCloser {
     void operator()(sd_bus_track* track) const { sd_bus_track_unref(track); }
   };
-  /// A bus connection that has configurations or questions here.
+  /// A bus connection that pushes. Each takes a match of the bus daemon, which gives one connection
+  /// 512 of them by default. Everybody may ask, so a connection that only asks takes none.
   struct Sender {
     std::unique_ptr<sd_bus_track, TrackCloser> track;
-    int questions = 0;
     bool isOverLimit = false;  ///< logged once for each sender
   };
 
@@ -73,6 +73,7 @@ class PacRunner {
   NetworkSet mSet;
   bool mAnswersAll = false;
   int mQuestions = 0;
+  std::map<std::string, int> mQuestionsOf;  ///< waiting questions of each caller that has some
   std::map<std::string, Sender> mSenders;
   BusSlot mManager;
   BusSlot mClient;

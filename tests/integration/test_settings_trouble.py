@@ -161,6 +161,32 @@ def test_a_name_that_another_has_leaves_the_files(settings, daemon, client, sysl
     other.close()
 
 
+def test_a_password_that_the_bus_cannot_transport_is_named_and_the_service_stays(settings, daemon, client,
+                                                                                syslog):
+    write_settings(MANUAL)
+    settings.start()
+    wait_until(lambda: client.config()[0] == "manual", "handed over")
+    password = FOLDER + "/password"
+    with open(password, "wb", opener=lambda path, flags: os.open(path, flags, 0o600)) as file:
+        file.write(b"gr\xfc\xdfe\n")
+    write_settings(MANUAL + f'user = "me"\npassword-file = "{password}"\n')
+    syslog.wait_match(ERR, rf"settings: {password}: the password file must be text in UTF-8")
+    assert settings.state()["last_good_settings"] is True
+    assert client.config()[:2] == ("manual", "http://a.example:1")
+
+
+def test_a_configuration_that_cannot_be_used_is_named(settings, syslog):
+    settings.start()
+    manager = NetworkManager()
+    manager.create(Method="manual", Interface="e\x1bt", Servers=["p.example:1"],
+                   Excludes=["\u00e4" * 4000] * 20)
+    name = manager.connection.unique_name.replace(".", r"\.")
+    syslog.wait_match(WARNING, rf"settings: a configuration of {name} for interface e\\x1bt cannot be used")
+    network, = settings.state()["networks"]
+    assert (network["usable"], network["script"]) == (False, False)
+    manager.close()
+
+
 def test_a_sender_at_its_limit_is_named_once(settings, syslog):
     settings.start()
     manager = NetworkManager()
@@ -240,6 +266,31 @@ def test_at_most_sixty_four_questions_of_all_callers_wait(settings):
     daemon.close()
     for manager in managers:
         manager.close()
+
+
+def test_callers_that_only_ask_cost_no_match_of_the_bus(settings, bus):
+    """The bus gives the service 512 matches. Without one, the service would end."""
+    daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": ("as", (["off", ""],)),
+                      "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
+    settings.start()
+    wait_until(lambda: settings.state()["daemon"], "the daemon is there")
+
+    def matches():
+        with Client() as client:
+            return client.call("GetConnectionStats", "s", (PACRUNNER,), path="/org/freedesktop/DBus",
+                               interface="org.freedesktop.DBus.Debug.Stats",
+                               bus_name="org.freedesktop.DBus")[0]["MatchRules"][1]
+
+    before = matches()
+    managers = [NetworkManager() for _ in range(20)]
+    assert [manager.find("http://h.example/") for manager in managers] == ["DIRECT"] * 20
+    assert matches() == before
+    # A connection that pushes is watched.
+    managers[0].create(Method="direct")
+    wait_until(lambda: matches() > before, "the sender is watched")
+    for manager in managers:
+        manager.close()
+    daemon.close()
 
 
 def test_at_most_sixteen_questions_for_the_state_wait_for_one_answer_of_the_daemon(settings):

@@ -69,6 +69,22 @@ TEST(Translate, ManualWithoutAUsableServerTakesNoPart) {
   EXPECT_FALSE(translate(pushed).isUsable);
 }
 
+TEST(Translate, AGeneratedScriptAtTheLimitIsUsedAndOnePastItIsNot) {
+  PushedConfiguration pushed;
+  pushed.method = Method::kManual;
+  pushed.servers = {"proxy.example:3128"};
+  pushed.excludes.assign(63, std::string(8000, 'a'));
+  auto& last = pushed.excludes.emplace_back(1000, 'a');
+  const auto shorter = translate(pushed).script.size();
+  ASSERT_LT(kMaxScriptBytes - shorter, 7000U);
+  last += std::string(kMaxScriptBytes - shorter, 'a');
+  EXPECT_TRUE(translate(pushed).isUsable);
+  EXPECT_EQ(translate(pushed).script.size(), kMaxScriptBytes);
+  last += 'a';
+  EXPECT_FALSE(translate(pushed).isUsable);
+  EXPECT_TRUE(translate(pushed).script.empty());
+}
+
 TEST(NetworkSet, OnlyItsSenderDestroysAConfiguration) {
   NetworkSet set;
   const auto number = set.add(wpadOn("eth0"), ":1.1");
