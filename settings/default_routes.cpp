@@ -50,9 +50,11 @@ void forLines(std::string_view text, EachLine eachLine) {
   }
 }
 
-void add(DefaultRoutes& routes, std::string_view interface, std::uint32_t metric) {
-  const auto [route, isNew] = routes.emplace(interface, metric);
-  if (!isNew) route->second = std::min(route->second, metric);
+void add(DefaultRoutes& routes, std::string_view interface, std::uint32_t metric,
+         std::string_view gateway) {
+  const auto [route, isNew] = routes.emplace(interface, DefaultRoute{metric, {}});
+  route->second.metric = std::min(route->second.metric, metric);
+  route->second.gateways.append(gateway).append(" ");
 }
 
 std::string tableText(const char* path) {
@@ -71,7 +73,7 @@ void addIpv4DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
     const auto flags = number(fields[3], 16);
     const auto metric = number(fields[6], 10);
     if (!flags || !metric || (*flags & RTF_UP) == 0 || (*flags & RTF_REJECT) != 0) return;
-    add(routes, fields[0], *metric);
+    add(routes, fields[0], *metric, fields[2]);
   });
 }
 
@@ -83,7 +85,7 @@ void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
     const auto metric = number(fields[5], 16);
     const auto flags = number(fields[8], 16);
     if (!metric || !flags || (*flags & RTF_UP) == 0 || (*flags & RTF_REJECT) != 0) return;
-    add(routes, fields[9], *metric);
+    add(routes, fields[9], *metric, fields[4]);
   });
 }
 

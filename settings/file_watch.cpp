@@ -1,8 +1,12 @@
 #include "settings/file_watch.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
 #include <climits>
-#include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 namespace settings {
@@ -12,10 +16,22 @@ namespace {
 constexpr std::uint32_t kMask = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM |
                                 IN_DELETE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 
+/// As many links as the kernel follows (MAXSYMLINKS).
+constexpr int kMaxLinks = 40;
+
 FileWatch::Place split(const std::string& path) {
   const auto slash = path.rfind('/');
   if (slash == std::string::npos) return {".", path};
   return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+/// The nearest folder of `path` that exists, and the name that leads from it to `path`.
+FileWatch::Place nearestPlace(const std::string& path) {
+  FileWatch::Place place = split(path);
+  while (place.folder.size() > 1 && access(place.folder.c_str(), F_OK) != 0) {
+    place = split(place.folder);
+  }
+  return place;
 }
 
 }  // namespace
@@ -26,7 +42,8 @@ FileWatch::FileWatch(sd_event* event, std::function<void()> changed)
         mChanged();
       }) {}
 
-void FileWatch::set(const std::vector<Place>& places) {
+bool FileWatch::set(const std::vector<Place>& places) {
+  bool isNew = false;
   std::vector<std::unique_ptr<Watched>> watched;
   for (const auto& place : places) {
     auto entry = std::make_unique<Watched>(Watched{this, place, nullptr});
@@ -35,9 +52,12 @@ void FileWatch::set(const std::vector<Place>& places) {
         sd_event_add_inotify(mEvent, &source, place.folder.c_str(), kMask, onEvent, entry.get());
     if (added < 0) continue;  // no such folder, or memory is exhausted: then SIGHUP helps
     entry->source.reset(source);
+    isNew = isNew || std::none_of(mWatched.begin(), mWatched.end(),
+                                  [&](const auto& old) { return old->place == place; });
     watched.push_back(std::move(entry));
   }
   mWatched = std::move(watched);
+  return isNew;
 }
 
 int FileWatch::onEvent(sd_event_source*, const inotify_event* event, void* watched) {
@@ -54,10 +74,17 @@ void FileWatch::noticed() {
 }
 
 std::vector<FileWatch::Place> placesOf(const std::string& path) {
-  std::vector<FileWatch::Place> places{split(path)};
-  const std::unique_ptr<char, decltype(&std::free)> target(realpath(path.c_str(), nullptr),
-                                                           &std::free);
-  if (target && path != target.get()) places.push_back(split(target.get()));
+  std::vector<FileWatch::Place> places;
+  std::string next = path;
+  for (int links = 0; links < kMaxLinks; links++) {
+    places.push_back(nearestPlace(next));
+    std::array<char, PATH_MAX> target;
+    const ssize_t length = readlink(next.c_str(), target.data(), target.size());
+    if (length <= 0) break;
+    const std::string_view text(target.data(), static_cast<std::size_t>(length));
+    // The kernel follows a relative target from the link's folder.
+    next = text.starts_with('/') ? std::string(text) : split(next).folder + "/" + std::string(text);
+  }
   return places;
 }
 

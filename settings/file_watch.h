@@ -31,8 +31,9 @@ class FileWatch {
   /// @param changed called after a burst of changes
   FileWatch(sd_event* event, std::function<void()> changed);
 
-  /// Watches only these places.
-  void set(const std::vector<Place>& places);
+  /// Watches only these places. @return whether one of them was not watched before: then a change
+  /// before this call was not noticed
+  bool set(const std::vector<Place>& places);
 
  private:
   struct Watched {
@@ -50,8 +51,8 @@ class FileWatch {
   std::vector<std::unique_ptr<Watched>> mWatched;
 };
 
-/// The places in which a change of `path` is visible: its folder, and the folder of a link's
-/// target.
+/// The places in which a change of `path` is visible: its folder, and the folder of each link's
+/// target. Of a folder that does not exist, its nearest parent: call it again after a change there.
 std::vector<FileWatch::Place> placesOf(const std::string& path);
 
 }  // namespace settings

@@ -51,7 +51,7 @@ std::optional<std::uint64_t> rankOf(const NetworkConfiguration& configuration,
   if (configuration.interface.empty()) return std::numeric_limits<std::uint64_t>::max();
   const auto route = routes.find(configuration.interface);
   if (route == routes.end()) return std::nullopt;
-  return route->second;
+  return route->second.metric;
 }
 
 }  // namespace

@@ -77,8 +77,16 @@ class NetworkSet {
   std::uint64_t mNext = 0;
 };
 
-/// Interface -> metric of its default route. Lower metrics go first.
-using DefaultRoutes = std::map<std::string, std::uint32_t, std::less<>>;
+/// The default routes of one interface.
+struct DefaultRoute {
+  std::uint32_t metric = 0;  ///< of the best one; lower metrics go first
+  /// Of all of them, as the kernel prints them. Another gateway can mean another network.
+  std::string gateways;
+  bool operator==(const DefaultRoute&) const = default;
+};
+
+/// Interface -> its default routes.
+using DefaultRoutes = std::map<std::string, DefaultRoute, std::less<>>;
 
 /// The configuration in force: the usable one whose interface has the default route with the lowest
 /// metric. If an interface has several, the newest is in force. A configuration without an

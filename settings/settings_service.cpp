@@ -123,7 +123,6 @@ bool SettingsService::hasNetworkManager() {
 
 void SettingsService::reload() {
   readFiles();
-  watchFiles();
   decide();
   // This replaces a configuration that another program has set in the meantime.
   mHandOver.check();
@@ -131,6 +130,8 @@ void SettingsService::reload() {
 
 void SettingsService::readFiles() {
   mLastReading = readFolder(mPlaces.files);
+  // A change between the reading and the watch is not noticed.
+  if (watchFiles()) mLastReading = readFolder(mPlaces.files);
   for (const auto& problem : mLastReading.problems) {
     logLine(problem.isWarning ? LOG_WARNING : LOG_ERR, "settings: %s", problem.text.c_str());
   }
@@ -141,8 +142,8 @@ void SettingsService::readFiles() {
   mSettings = mLastReading;
 }
 
-// Called after the reading, so that no change is missed. A change in between is reported twice.
-void SettingsService::watchFiles() {
+/// @return whether a place is watched that was not watched before
+bool SettingsService::watchFiles() {
   const std::string& folder = mPlaces.files.folder;
   std::vector<FileWatch::Place> places{{folder, ""}, {folder + "/settings.d", ""}};
   if (const auto& file = mLastReading.settings.passwordFile) {
@@ -151,7 +152,7 @@ void SettingsService::watchFiles() {
   if (const auto& name = mLastReading.settings.passwordCredential) {
     places.push_back({mPlaces.files.credentials, *name});
   }
-  mSettingsWatch.set(places);
+  return mSettingsWatch.set(places);
 }
 
 void SettingsService::decide() {

@@ -58,7 +58,7 @@ class SettingsService final : DaemonLink::Listener {
   void daemonAppeared() override;
   void daemonVanished() override;
   void readFiles();
-  void watchFiles();
+  bool watchFiles();
   void decide();
   void publishOrWithdraw();
   bool hasNetworkManager();

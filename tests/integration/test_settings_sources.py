@@ -132,6 +132,12 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
     with open("/run/resolver.one", "a") as file:
         file.write("nameserver 127.0.0.2\n")
     assert is_asked(4)
+    # At boot, the link can be there before its target.
+    os.symlink("/run/resolver.later/stub", RESOLVER + ".new")
+    os.rename(RESOLVER + ".new", RESOLVER)
+    assert is_asked(5)
+    write_settings("nameserver 127.0.0.3\n", "/run/resolver.later/stub")
+    assert is_asked(6)
 
 
 def test_a_changed_password_file_or_credential_is_followed(build, own_network, syslog, bus, daemon,
@@ -150,6 +156,14 @@ def test_a_changed_password_file_or_credential_is_followed(build, own_network, s
     write_settings("fourth\n", credentials + "/proxy", 0o400)
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "fourth")
     settings.stop()
+
+
+def test_a_password_file_whose_folder_comes_later_is_followed(settings, daemon, client):
+    write_settings(MANUAL + 'user = "me"\npassword-file = "/run/later/proxy/password"\n')
+    settings.start()
+    wait_until(lambda: settings.state()["problems"], "the password is missing")
+    write_settings("late\n", "/run/later/proxy/password", 0o640)
+    wait_for(client, "manual", "http://a.example:1", "", "n", "me", "late")
 
 
 def test_without_systemd_root_binds_the_port_and_the_service_is_another_user(settings, daemon, client):

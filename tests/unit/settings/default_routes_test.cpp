@@ -24,13 +24,25 @@ TEST(DefaultRoutes, AreReadFromTheKernelsTables) {
   DefaultRoutes routes;
   addIpv4DefaultRoutes(kIpv4, routes);
   addIpv6DefaultRoutes(kIpv6, routes);
-  EXPECT_EQ(routes, (DefaultRoutes{{"eth0", 100}, {"eth1", 100}, {"wlan0", 600}}));
+  EXPECT_EQ(routes, (DefaultRoutes{{"eth0", {100, "010200C0 "}},
+                                   {"eth1", {100, "fe800000000000000000000000000001 "}},
+                                   {"wlan0", {600, "010200C0 "}}}));
 }
 
 TEST(DefaultRoutes, OfOneInterfaceTheLowerMetricCounts) {
-  DefaultRoutes routes{{"eth1", 50}};
+  DefaultRoutes routes{{"eth1", {50, {}}}};
   addIpv6DefaultRoutes(kIpv6, routes);
-  EXPECT_EQ(routes.at("eth1"), 50U);
+  EXPECT_EQ(routes.at("eth1").metric, 50U);
+}
+
+// The next network can have the same interface and the same metric.
+TEST(DefaultRoutes, AnotherGatewayIsAChange) {
+  DefaultRoutes before, after;
+  addIpv4DefaultRoutes(kIpv4, before);
+  std::string other = kIpv4;
+  other.replace(other.find("010200C0"), 8, "020200C0");
+  addIpv4DefaultRoutes(other, after);
+  EXPECT_NE(before, after);
 }
 
 TEST(DefaultRoutes, LinesThatCannotBeReadAreSkipped) {

@@ -126,7 +126,11 @@ TEST(NetworkSet, AllSendersTogetherMayHaveTheirShareAndNotOneMore) {
   EXPECT_FALSE(set.add(wpadOn("e"), ":1.99"));
 }
 
-std::string heldInterface(const NetworkSet& set, const DefaultRoutes& routes, bool direct = false) {
+using Metrics = std::map<std::string, std::uint32_t>;
+
+std::string heldInterface(const NetworkSet& set, const Metrics& metrics, bool direct = false) {
+  DefaultRoutes routes;
+  for (const auto& [interface, metric] : metrics) routes[interface].metric = metric;
   const auto* held = holding(set, routes, direct);
   return held == nullptr ? "none" : held->interface;
 }
@@ -145,7 +149,7 @@ TEST(Holding, OfOneInterfaceTheNewestHolds) {
   NetworkSet set;
   set.add(wpadOn("eth0"), ":1.1");
   const auto newest = set.add(wpadOn("eth0"), ":1.1");
-  EXPECT_EQ(holding(set, {{"eth0", 1}}, false)->number, newest);
+  EXPECT_EQ(holding(set, {{"eth0", {1, {}}}}, false)->number, newest);
 }
 
 TEST(Holding, OneWithoutAnInterfaceRanksLast) {
@@ -160,7 +164,7 @@ TEST(Holding, DirectCountsOnlyIfItIsAsked) {
   NetworkSet set;
   set.add(directOn("eth0"), ":1.1");
   set.add(wpadOn("wlan0"), ":1.1");
-  const DefaultRoutes routes{{"eth0", 100}, {"wlan0", 600}};
+  const Metrics routes{{"eth0", 100}, {"wlan0", 600}};
   EXPECT_EQ(heldInterface(set, routes), "wlan0");
   EXPECT_EQ(heldInterface(set, routes, true), "eth0");
 }
