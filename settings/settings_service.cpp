@@ -262,6 +262,7 @@ std::string SettingsService::state(const std::optional<Configuration>& daemon) c
   state["mode_files"] = mLastReading.modeFiles;
   state["problems"] = nlohmann::json::array();
   for (const auto& problem : mLastReading.problems) state["problems"].push_back(problem.text);
+  state["faulty_files"] = mLastReading.isFaulty();
   state["last_good_settings"] = mLastReading.isFaulty();
   state["networks"] = nlohmann::json::array();
   for (const auto& [number, network] : mPacRunner.set().all()) {

@@ -95,6 +95,35 @@ def test_the_saved_files_are_the_services_and_roots_alone(ctl, daemon, client, g
     assert os.listdir(FOLDER + "/settings.d") == ["90-saved.conf"]
 
 
+def password_file():
+    """The file to which the saved settings refer."""
+    key, path = saved()[-1].split(" = ")
+    assert key == "password-file"
+    return path.strip('"')
+
+
+def test_a_new_password_has_a_new_file_and_the_old_one_goes_last(ctl, daemon, client, group):
+    ctl("manual", "http://p:1", "--user=u", "--password-file=-", "--save", script="first\n")
+    assert password_file() == PASSWORD
+    # An interrupted save: the disk takes the password, and not the settings.
+    url = "http://p:1/" + "x" * 600
+    status, message = said(ctl("pacurl", url, "--user=u", "--password-file=-", "--save", script="second\n",
+                               wrapper=["sh", "-c", 'trap "" XFSZ; ulimit -f 1; exec "$@"', "sh"]))
+    assert (status, message) == (OUTPUT, f"{SAVED}: File too large")
+    with open(password_file()) as file:
+        assert file.read() == "first\n"
+    assert sorted(os.listdir(FOLDER + "/settings.d")) == ["90-saved.conf", "90-saved.password"]
+    # A power cut can leave a password; it is removed by the next save.
+    write_settings("lost\n", "settings.d/90-saved.password.1")
+    ctl("manual", "http://p:1", "--user=u", "--password-file=-", "--save", script="third\n")
+    assert password_file() == PASSWORD + ".2"
+    with open(password_file()) as file:
+        assert file.read() == "third\n"
+    assert sorted(os.listdir(FOLDER + "/settings.d")) == ["90-saved.conf", "90-saved.password.2"]
+    ctl("settings", "reset")
+    assert os.listdir(FOLDER + "/settings.d") == []
+
+
 def test_what_is_not_given_is_not_taken_from_an_earlier_file(ctl, settings, daemon, client):
     write_settings('source = "network"\nuser = "old"\npassword = "old"\n', mode=0o600)
     settings.start()
@@ -126,6 +155,21 @@ def test_a_later_file_that_overrules_is_named(ctl, daemon, client, group):
         "overrules what is saved\n"))
     # Until the settings service runs, the daemon has the requested configuration.
     assert client.config()[0] == "wpad"
+
+
+def test_a_faulty_file_that_keeps_the_saved_one_out_is_named(ctl, settings, daemon, client):
+    settings.start()
+    bad = write_settings("nonsense = 1\n", "settings.d/10-bad.conf")
+    wait_until(lambda: settings.state()["problems"], "the bad file is read")
+    result = ctl("wpad", "--save")
+    assert (result.status, result.errors) == (ANSWERED, (
+        f"proxymanagerctl: {bad}:1: nonsense is not a known key\n"
+        "proxymanagerctl: the settings service does not use what is saved until this is repaired\n"))
+    # The saved file can be the repair.
+    os.rename(bad, SAVED)
+    wait_until(lambda: SAVED in str(settings.state()["problems"]), "the saved file is the bad one")
+    result = ctl("wpad", "--save")
+    assert (result.status, result.errors) == (ANSWERED, "")
 
 
 def test_nobody_reads_what_is_saved_without_the_service(ctl, daemon, client):

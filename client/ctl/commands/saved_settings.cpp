@@ -120,6 +120,40 @@ bool removeFile(const std::string& name) {
   return false;
 }
 
+/// The files with a saved password: one is in use, and a save that was interrupted can leave
+/// another.
+std::vector<std::string> passwordFiles() {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(kFolder, error)) {
+    std::string name = entry.path().filename();
+    if (!name.starts_with(kSavedPasswordName)) continue;
+    const auto rest = std::string_view(name).substr(std::strlen(kSavedPasswordName));
+    if (rest.find_first_not_of(".0123456789") == std::string_view::npos) {
+      names.push_back(std::move(name));
+    }
+  }
+  return names;
+}
+
+/// A name that no password has: the settings in force must keep theirs until they are replaced.
+std::string freePasswordName() {
+  const auto taken = passwordFiles();
+  std::string name = kSavedPasswordName;
+  for (int i = 1; std::find(taken.begin(), taken.end(), name) != taken.end(); i++) {
+    name = std::string(kSavedPasswordName) + "." + std::to_string(i);
+  }
+  return name;
+}
+
+bool removePasswordsExcept(const std::string& kept) {
+  bool hasRemoved = false;
+  for (const auto& name : passwordFiles()) {
+    if (name != kept) hasRemoved = removeFile(name) || hasRemoved;
+  }
+  return hasRemoved;
+}
+
 /// The first of kProxyKeys that a line of `text` sets. Only the service parses TOML. The first word
 /// of a line is enough here.
 std::optional<std::string> proxyKeyIn(std::string_view text) {
@@ -183,23 +217,28 @@ std::string settingsText(const Configuration& configuration, const std::string& 
 std::string saveSettings(const Configuration& configuration) {
   makeFolder(std::filesystem::path(kFolder).parent_path());
   makeFolder(kFolder);
-  // The password is written first, because settings that refer to a missing file are not used.
-  if (!configuration.password.empty()) {
+  // The password is written first, because settings that refer to a missing file are not used. It
+  // has a new name, because the old settings must never go with the new password.
+  const std::string password = configuration.password.empty() ? "" : freePasswordName();
+  Unfinished unfinished(password.empty() ? "" : kFolder + "/" + password);
+  if (!password.empty()) {
     std::string line = configuration.password + "\n";
     const WipedAtEnd wiped(line);
-    writeFile(kSavedPasswordName, line);
+    writeFile(password, line);
+    syncFolder();
   }
-  auto text = settingsText(configuration, kFolder + "/" + kSavedPasswordName);
+  auto text = settingsText(configuration, kFolder + "/" + password);
   const WipedAtEnd wiped(text);  // a URL may hold a password
   writeFile(kSavedName, text);
-  if (configuration.password.empty()) removeFile(kSavedPasswordName);
+  unfinished.finished();
   syncFolder();
+  if (removePasswordsExcept(password)) syncFolder();
   return kFolder + "/" + kSavedName;
 }
 
 bool resetSettings() {
   const bool hadSettings = removeFile(kSavedName);
-  const bool hadPassword = removeFile(kSavedPasswordName);
+  const bool hadPassword = removePasswordsExcept("");
   if (hadSettings || hadPassword) syncFolder();
   return hadSettings || hadPassword;
 }

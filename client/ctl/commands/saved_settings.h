@@ -11,7 +11,8 @@ namespace client {
 
 /// Where the settings service looks for the administrator's files.
 inline constexpr char kSettingsFolder[] = "/etc/proxymanager/settings.d";
-/// The files that --save writes and "settings reset" removes. The number in the name is high, so
+/// The files that --save writes and "settings reset" removes. A password file can have a number at
+/// its end (".1"). The number in the name is high, so
 /// that saved settings overrule most other files. A device can have files with a higher number.
 inline constexpr char kSavedName[] = "90-saved.conf";
 inline constexpr char kSavedPasswordName[] = "90-saved.password";
@@ -29,12 +30,14 @@ std::string savedTextProblem(const std::string& text, bool isUrl);
 std::string settingsText(const Configuration& configuration, const std::string& passwordFile);
 
 /// Writes both files, each atomically, with mode 0640 and the settings service's group (root's if
-/// there is no such group). If the configuration has no password, it removes the old password file.
+/// there is no such group). Each password gets a file of its own, so that after a failure or a
+/// power cut the old settings and the old password are complete. Removes the old password file
+/// last.
 /// @return the settings file
 /// Throws Failure: kDenied without write permission there, kOutput if the disk fails.
 std::string saveSettings(const Configuration& configuration);
 
-/// Removes both files. @return whether there was one. Throws Failure (kDenied, kOutput).
+/// Removes all these files. @return whether there was one. Throws Failure (kDenied, kOutput).
 bool resetSettings();
 
 /// Whether the settings service is installed. If not, no program reads the saved files.

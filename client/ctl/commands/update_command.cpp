@@ -2,10 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "client/ctl/commands/call_options.h"
@@ -40,6 +42,9 @@ Output:
 
 Exit status:
 )";
+
+/// How long the settings service may take to read a saved file: many times its pause of 200 ms.
+constexpr std::chrono::milliseconds kRepairTime{2000};
 
 struct UpdateArguments {
   const char* mode = nullptr;
@@ -147,6 +152,35 @@ std::string save(const Configuration& configuration) {
   return file;
 }
 
+/// The state of the settings service; null if it does not run.
+Json settingsState(std::chrono::microseconds limit) {
+  try {
+    DaemonBus bus(limit);
+    return Json::parse(bus.settingsState(), nullptr, false);
+  } catch (const Failure&) {
+    return {};
+  }
+}
+
+/// One faulty file keeps the settings service from using any file. The service reads the saved file
+/// after a short pause, and the saved file can be the repair.
+void warnOfFaultyFiles(std::chrono::microseconds limit) {
+  const auto isFaulty = [](const Json& state) {
+    return state.is_object() && state.value("faulty_files", Json()) == true;
+  };
+  const auto end = std::chrono::steady_clock::now() + kRepairTime;
+  Json state = settingsState(limit);
+  while (isFaulty(state) && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(kRepairTime / 10);
+    state = settingsState(limit);
+  }
+  if (!isFaulty(state)) return;
+  for (const auto& problem : state.value("problems", Json::array())) {
+    if (problem.is_string()) complain(problem.get<std::string>());
+  }
+  complain("the settings service does not use what is saved until this is repaired");
+}
+
 /// The daemon's result. Nothing if the configuration is saved and no daemon runs to accept it.
 std::optional<std::int32_t> handOver(const UpdateArguments& arguments,
                                      const Configuration& configuration) {
@@ -180,6 +214,7 @@ ExitStatus update(const UpdateArguments& arguments) {
   const WipedAtEnd pacurl(configuration.pacurl);
   const std::string saved = arguments.save ? save(configuration) : "";
   const auto result = handOver(arguments, configuration);
+  if (arguments.save) warnOfFaultyFiles(arguments.call.limit);
   if (result && *result < 0) throw endingDaemon();
   if (arguments.call.json) printDone(configuration, result, saved);
   return kAnswered;
