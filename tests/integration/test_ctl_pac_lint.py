@@ -129,6 +129,20 @@ def test_lines_and_columns_are_those_of_the_file(ctl):
     assert found(ctl, moved) == [(2, 14, "warning", "domain-dot")]  # a pair of UTF-16 units
 
 
+def test_a_finding_after_hundreds_of_answers_is_found(ctl):
+    rules = "".join(f'  if (host == "h{number}.example") return "PROXY p{number}:1; DIRECT";\n'
+                    for number in range(300))
+    wrong = ('  if (host == "a.example") return "BLAH x:1";\n'
+             '  if (host == "b.example") return "PROXY noport; DIRECT";\n'
+             '  if (host == "c.example") return null;\n')
+    text = script(rules + wrong)
+    wanted = {"entry-unknown", "entry-port", "no-return"}
+    assert wanted <= {name for _, _, _, name in found(ctl, text)}
+    inner = text.replace("FindProxyForURL", "find") + \
+        "function FindProxyForURL(url, host) { return find(url, host); }\n"
+    assert wanted <= {name for _, _, _, name in found(ctl, inner)}
+
+
 @pytest.mark.slow
 def test_a_single_line_of_500_kb_is_looked_at_to_its_end(ctl):
     rules = "".join(f'if (host == "h{number}.example.com") return "DIRECT"; '

@@ -90,8 +90,10 @@ class Lint {
   // The expressions that the entry point may return: [{ text, node }].
   returned() {
     return this.once('returned', () => {
-      const ends = this.tree.entry ? this.tree.returnsOf(this.tree.entry) : [];
-      return uniqueTexts(ends.flatMap((end) => this.tree.textsOf(end.argument ?? end)));
+      const functions = this.answering();
+      const ends = functions.flatMap((fn) => this.tree.returnsOf(fn));
+      const own = ends.filter(({ argument }) => !functions.includes(this.calledBy(argument)));
+      return uniqueTexts(own.flatMap((end) => this.tree.textsOf(end.argument ?? end)), Infinity);
     });
   }
 
@@ -112,12 +114,17 @@ class Lint {
       const found = new Set(this.tree.entry ? [this.tree.entry] : []);
       for (const fn of found) {
         for (const { argument } of this.tree.returnsOf(fn)) {
-          const called = argument?.type === 'CallExpression' ? this.tree.calledFunction(argument) : null;
+          const called = this.calledBy(argument);
           if (called && !called.generator && !called.async) found.add(called);
         }
       }
       return [...found];
     });
+  }
+
+  // The function of the script that the argument of a return calls, or null.
+  calledBy(argument) {
+    return argument?.type === 'CallExpression' ? this.tree.calledFunction(argument) : null;
   }
 
   worst() {

@@ -86,18 +86,20 @@ function statementLists(tree) {
   return [...lists, ...tree.of('SwitchCase').map((node) => node.consequent)];
 }
 
-// The steps of a list of statements. Each `if` without `else` is a step, and each `else if` of a
-// chain is one if all branches before it end the function.
-// [{ test, body, node }]; test is null for a statement that is no `if`.
+// The steps of a list of statements. Each `if` and each `else if` of a chain is a step.
+// [{ test, body, node, isSure }]; test is null for a statement that is no `if`. isSure: the code
+// behind the chain runs only if the test was evaluated and was false, or if the body completed.
 function stepsOf(list) {
   const steps = [];
   for (const statement of list) {
     let next = statement;
+    let isSure = true;
     while (next?.type === 'IfStatement') {
-      steps.push({ test: next.test, body: next.consequent, node: next });
+      steps.push({ test: next.test, body: next.consequent, node: next, isSure });
+      isSure = isSure && endsFunction(next.consequent);
       next = next.alternate;
     }
-    if (next) steps.push({ test: null, body: next, node: next });
+    if (next) steps.push({ test: null, body: next, node: next, isSure });
   }
   return steps;
 }

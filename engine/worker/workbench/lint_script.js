@@ -92,7 +92,7 @@ function findRepeatedCases(lint, node) {
 function findShadowed(lint, list) {
   const patterns = { host: new MetPatterns(), url: new MetPatterns() };
   const sources = new Map();
-  for (const { test, body } of stepsOf(list)) {
+  for (const { test, body, isSure } of stepsOf(list)) {
     if (!test) continue;
     for (const operand of operandsOf(test, '||')) {
       for (const atom of operandsOf(operand, '&&')) {
@@ -102,7 +102,7 @@ function findShadowed(lint, list) {
           'about all that it matches', 'remove it, or move it before that one');
         break;
       }
-      if (endsFunction(body)) meet(lint, operand, patterns, sources);
+      if (isSure && endsFunction(body)) meet(lint, operand, patterns, sources);
     }
   }
 }

@@ -242,7 +242,12 @@ class LintTree {
   textsOfName(node, all, unknown) {
     if (node.name === 'undefined') return [{ text: null, node }];
     const name = this.nameOf(node);
-    return isVariable(name) && name.writes.length > 0 ? all(name.writes) : unknown;
+    if (!isVariable(name) || name.writes.length === 0) return unknown;
+    const [first, ...later] = name.writes;
+    const initial = all([first]);
+    if (later.length === 0) return initial;
+    // A script usually tests for an initial null, undefined or false before it returns the variable.
+    return [...initial.filter(({ text }) => text !== null), ...all(later)];
   }
 
   // An element of an array literal, or a member of an object literal.
@@ -290,11 +295,11 @@ function isVariable(name) {
   return name?.kind === 'variable' || name?.kind === 'implicit';
 }
 
-function uniqueTexts(texts) {
+function uniqueTexts(texts, most = mostTexts) {
   const seen = new Map();
   for (const found of texts) {
     const key = `${found.node.start} ${found.text}`;
-    if (!seen.has(key) && seen.size < mostTexts) seen.set(key, found);
+    if (!seen.has(key) && seen.size < most) seen.set(key, found);
   }
   return [...seen.values()];
 }
