@@ -69,6 +69,11 @@ TEST(JunitReport, CountsCasesAndFailures) {
 )xml");
 }
 
+TEST(JunitReport, ReplacesCharactersThatXmlCannotHold) {
+  const auto report = junitRefusal("\uFFFE \uFFFF \uFFFD \uFFFC", kFiles);
+  EXPECT_NE(report.find("message=\"\uFFFD \uFFFD \uFFFD \uFFFC\""), std::string::npos) << report;
+}
+
 TEST(JunitReport, HasAnErrorForAScriptThatDoesNotLoad) {
   const auto report = junitRefusal("a.pac: line 3: \"x\"", kFiles);
   EXPECT_NE(report.find("errors=\"1\""), std::string::npos);
