@@ -78,7 +78,7 @@ std::string shownCall(const TracedCall& call) {
 }
 
 struct Cost {
-  std::size_t calls = 0;
+  std::uint64_t calls = 0;
   std::int64_t callMicroseconds = 0;
   std::size_t lookups = 0;
   std::int64_t lookupMicroseconds = 0;
@@ -86,12 +86,10 @@ struct Cost {
 
 Cost costOf(const Trace& trace) {
   Cost cost;
+  cost.calls = trace.helperCalls;
+  cost.callMicroseconds = static_cast<std::int64_t>(trace.helperNanoseconds / 1000);
   for (const auto& event : trace.events) {
     if (!event.call) continue;
-    if (event.call->depth == 0) {
-      ++cost.calls;
-      cost.callMicroseconds += event.call->microseconds;
-    }
     for (const auto& lookup : event.call->lookups) {
       cost.lookups += lookup.isNew ? 1 : 0;
       cost.lookupMicroseconds += lookup.isNew ? lookup.microseconds : 0;

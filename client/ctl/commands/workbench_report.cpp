@@ -14,6 +14,7 @@ using Json = nlohmann::json;
 
 /// Longest time of a call: more than an evaluation may take.
 constexpr std::uint64_t kMostMicroseconds = 1'000'000'000'000;
+constexpr std::uint64_t kMostNanoseconds = 1000 * kMostMicroseconds;
 constexpr std::uint64_t kMostTimes = std::numeric_limits<std::uint64_t>::max();
 /// Deepest helper call in a helper call: more than the stack of a script allows.
 constexpr std::uint64_t kMostDepth = 100'000;
@@ -122,6 +123,8 @@ Trace traceOf(const Json& report, const std::vector<Place>& places) {
   }
   trace.cut = report.at("cut").get<bool>();
   trace.ownText = report.at("ownText").get<bool>();
+  trace.helperCalls = wholeNumber(report.at("helpers").at(0), kMostTimes);
+  trace.helperNanoseconds = wholeNumber(report.at("helpers").at(1), kMostNanoseconds);
   return trace;
 }
 

@@ -85,6 +85,9 @@ struct Trace {
   std::vector<PlaceCount> counts;
   bool cut = false;      ///< more events than a report can hold
   bool ownText = false;  ///< the script has read the text of a function
+  /// Calls of helpers by the script, and their time. They are counted even if the events are cut.
+  std::uint64_t helperCalls = 0;
+  std::uint64_t helperNanoseconds = 0;
 };
 
 /// Highest number of a place, line or column. A script has at most 512,000 characters.

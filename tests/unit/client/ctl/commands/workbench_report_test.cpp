@@ -17,7 +17,7 @@ json script() {
 json trace() {
   return json::parse(R"({"counts": [[1, 2, 3, 4]], "events": [
       ["c", 0, "isInNet", ["\"a\""], "true", 5, [["a", ["10.0.0.1"], 6, true]]],
-      ["v", 1, "true", true]], "cut": false, "ownText": true})");
+      ["v", 1, "true", true]], "cut": false, "ownText": true, "helpers": [7, 8]})");
 }
 
 /// `report` with another value at `place`, a JSON pointer.
@@ -67,6 +67,8 @@ TEST(WorkbenchReport, OfATraceIsRead) {
   EXPECT_EQ(read.events[0].call->lookups[0].microseconds, 6);
   EXPECT_EQ(read.events[0].place, 1U);  // of the value that follows the call
   EXPECT_EQ(read.counts[0].falsy, 4U);
+  EXPECT_EQ(read.helperCalls, 7U);
+  EXPECT_EQ(read.helperNanoseconds, 8U);
 }
 
 TEST(WorkbenchReport, OfATraceNamesPlacesOfItsScriptAndTimesThatCanBeAdded) {
@@ -82,6 +84,9 @@ TEST(WorkbenchReport, OfATraceNamesPlacesOfItsScriptAndTimesThatCanBeAdded) {
                                                  {"/counts/0/0", 2U},
                                                  {"/counts/0/1", -1},
                                                  {"/counts/0/1", 0.5},
+                                                 {"/helpers/0", -1},
+                                                 {"/helpers/1", 1'000'000'000'000'001U},
+                                                 {"/helpers", nullptr},
                                                  {"/cut", 0},
                                                  {"/events", 3}}) {
     EXPECT_THROW(client::traceOf(with(trace(), place, value), kPlaces), std::exception)
