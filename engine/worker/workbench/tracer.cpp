@@ -39,12 +39,17 @@ constexpr const char* kHelpers[] = {"alert",
                                     "timeRange",
                                     "isResolvableEx"};
 
-/// The name in the first comment, "/*NAME*/"; empty if there is none.
+/// The name in the first comment, "/*$pmDIGITS*/"; empty for any other start. "bench" runs a script
+/// that is not instrumented and may start with a comment of its own.
 std::string hookName(std::string_view script) {
   constexpr std::string_view kOpen = "/*";
+  constexpr std::string_view kName = "$pm";
   const auto end = script.substr(0, kMaxHookName).find("*/");
   if (!script.starts_with(kOpen) || end == script.npos) return {};
-  return std::string(script.substr(kOpen.size(), end - kOpen.size()));
+  const auto name = script.substr(kOpen.size(), end - kOpen.size());
+  const bool isHook = name.starts_with(kName) && name.size() > kName.size() &&
+                      name.find_first_not_of("0123456789", kName.size()) == name.npos;
+  return isHook ? std::string(name) : std::string();
 }
 
 std::string quoted(std::string_view text) {
