@@ -13,6 +13,27 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// Whether `shown`, a value in JavaScript syntax, is the text `result`. A long value is cut and
+/// ends in "...".
+bool isShownAs(std::string shown, const std::string& result) {
+  constexpr std::string_view kCut = "...";
+  const bool isCut = shown.ends_with("\"...");
+  if (isCut) shown.resize(shown.size() - kCut.size());
+  const auto value = nlohmann::json::parse(shown, nullptr, false);
+  if (!value.is_string()) return shown == result;
+  const auto text = value.get<std::string>();
+  return isCut ? result.starts_with(text) : result == text;
+}
+
+/// Whether the return `outer` has a call of the function in which the return `inner` stands.
+/// Without this check, a function that was called before `outer` and that gave the same text would
+/// count.
+bool passesOn(const InstrumentedScript& script, std::size_t outer, std::size_t inner) {
+  const auto& name = script.functions[script.places[inner].function].name;
+  const auto& source = script.places[outer].source;
+  return script.places[outer].is('p') && source.find(name + "(") != std::string::npos;
+}
+
 }  // namespace
 
 TracedScript::TracedScript(std::string_view script, const std::string& file,
@@ -49,19 +70,20 @@ Trace TracedScript::takeTrace() {
   }
 }
 
-/// The first of the consecutive returns at the end that passed on the same answer: this return
-/// chose it.
+/// The return that chose the answer. It is the last return that ran. If this return passed on the
+/// result of a call, it is the return of the called function. There is none if the last return gave
+/// another value, for example in a "finally".
 std::optional<std::size_t> TracedScript::decidingReturn(const Trace& trace,
                                                         const ShownAnswer& answer) const {
+  if (trace.cut || !answer.result) return std::nullopt;
   std::optional<std::size_t> decided;
-  std::string value;
   for (auto event = trace.events.rbegin(); event != trace.events.rend(); ++event) {
-    const bool isReturn = !event->call && mScript.places[*event->place].is('r');
-    if (!isReturn || (decided && event->value != value)) break;
+    if (event->call || !mScript.places[*event->place].is('r')) break;
+    if (!isShownAs(event->value, *answer.result)) break;
+    if (decided && !passesOn(mScript, *decided, *event->place)) break;
     decided = event->place;
-    value = event->value;
   }
-  return answer.result ? decided : std::nullopt;
+  return decided;
 }
 
 TracedAnswer TracedScript::ask(const std::string& url, const std::optional<std::string>& host) {

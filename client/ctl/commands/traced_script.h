@@ -23,7 +23,7 @@ struct TracedAnswer {
   std::optional<std::string> different;  ///< the answer of the instrumented script, if it differs
   Trace trace;
   std::chrono::microseconds took{0};     ///< time of the evaluation of the unchanged script
-  std::optional<std::size_t> decidedBy;  ///< the return that gave the answer
+  std::optional<std::size_t> decidedBy;  ///< the return that chose the answer, if it is known
 };
 
 class TracedScript {

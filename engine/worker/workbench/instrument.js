@@ -13,7 +13,8 @@
 // Report: { script, names, places, functions, notes, source? }. A place is the array
 //   [kind, line, column, last line, source, function, owner, branch]
 // kind: letters: s statement; t test of an if, ?: or loop; k test of a case; o operand; r return;
-//   h helper call; c entered case; d added to a letter: no URL can reach this place
+//   h helper call; c entered case; d added to a letter: no URL can reach this place; p added to r:
+//   the return may pass on the result of a call
 // owner: number of the place (t or c) that decides whether this place is reached; -1 if none does
 //   branch: the result of the owner with which this place is reached
 // functions: [name, first line, last line]; the script itself is number 0
@@ -158,6 +159,15 @@ class Instrumenter {
         return this.visit(node.object, context);
       case 'ChainExpression':
         return this.visit(node.expression, { ...context, inChain: true });
+      case 'VariableDeclarator':
+        nameFunction(node.init, node.id);
+        return this.inside(node, context);
+      case 'AssignmentExpression':
+        nameFunction(node.right, node.left);
+        return this.inside(node, context);
+      case 'Property':
+        nameFunction(node.value, node.key);
+        return this.inside(node, context);
       case 'CallExpression':
         if (!context.inChain && isHelperCall(node)) return void this.around('', node, context);
         return this.inside(node, context);
@@ -196,14 +206,14 @@ class Instrumenter {
 
   function(node, outer) {
     const { script } = this;
-    const name = node.id ? node.id.name : '(anonymous)';
+    const name = node.id?.name ?? node.nameOfTarget ?? '(anonymous)';
     this.functions.push([name, script.lineOf(node.start), script.lineOf(node.end - 1)]);
     const context = {
       function: this.functions.length - 1, owner: -1, branch: false, dead: outer.dead, inChain: false,
     };
     for (const parameter of node.params) this.visit(parameter, context);
     if (node.body.type === 'BlockStatement') this.statements(node.body.body, context);
-    else this.test('r', node.body, context);
+    else this.test(returnKindOf(node.body), node.body, context);
   }
 
   ifStatement(node, context) {
@@ -242,7 +252,7 @@ class Instrumenter {
 
   returnStatement(node, context) {
     if (node.argument) {
-      this.test('r', node.argument, context);
+      this.test(returnKindOf(node.argument), node.argument, context);
     } else {
       const number = this.place('r', node, context, true);
       this.insert(node.start + 'return'.length, ` ${this.name}(${number},(void 0))`);
@@ -279,6 +289,19 @@ function isLogical(node) {
 function isHelperCall(node) {
   return node.type === 'CallExpression' && !node.optional && node.callee.type === 'Identifier' &&
       helperNames.has(node.callee.name);
+}
+
+// Gives a function without a name the name of the variable or property that holds it.
+function nameFunction(value, target) {
+  const id = target.type === 'MemberExpression' ? target.property : target;
+  if (value && /Function/.test(value.type) && id.type === 'Identifier') value.nameOfTarget = id.name;
+}
+
+// The kind of a return of this expression.
+function returnKindOf(node) {
+  if (node.type === 'CallExpression') return 'rp';
+  if (node.type !== 'ConditionalExpression') return 'r';
+  return returnKindOf(node.consequent) === 'rp' ? 'rp' : returnKindOf(node.alternate);
 }
 
 // Whether reaching the statement has any effect.
