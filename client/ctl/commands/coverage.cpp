@@ -40,17 +40,54 @@ void addShares(Coverage& coverage, const std::vector<Place>& places) {
     if (!places[i].is('r')) continue;
     count(coverage.rules, total.truthy + total.falsy);
     if (total.truthy + total.falsy == 0) {
-      coverage.missed.push_back({i, places[i].is('d'), {}, {}, std::nullopt});
+      coverage.missed.push_back({i, places[i].is('d'), {}, {}, std::nullopt, false});
     }
   }
 }
 
-/// Whether `line` is a part of the condition that decides whether the rule is reached.
-bool isOfCondition(const std::vector<Place>& places, std::size_t rule, std::size_t line) {
+/// Where the test begins that must be true for the rule to be reached: line and column. {0, 0} if
+/// there is no such test.
+std::pair<std::size_t, std::size_t> testOf(const std::vector<Place>& places, std::size_t rule) {
   const int owner = places[rule].owner;
-  if (owner < 0) return false;
+  if (owner < 0 || !places[rule].branch) return {0, 0};
   const auto& test = places[static_cast<std::size_t>(owner)];
-  return places[rule].branch && test.line <= line && line <= test.lastLine;
+  return test.is('t') ? std::pair(test.line, test.column) : std::pair<std::size_t, std::size_t>();
+}
+
+bool isReached(const Trace& trace, int place) {
+  return std::any_of(trace.counts.begin(), trace.counts.end(), [&](const auto& total) {
+    return place >= 0 && total.place == static_cast<std::size_t>(place);
+  });
+}
+
+/// Whether `tests` has the test of the rule. It is a list of places in a report about made URLs.
+bool isMadeFor(const MissedRule& rule, const std::vector<Place>& places,
+               const nlohmann::json& tests) {
+  const auto test = testOf(places, rule.place);
+  return std::any_of(tests.begin(), tests.end(), [&](const nlohmann::json& row) {
+    return test == std::pair(row.at(0).get<std::size_t>(), row.at(1).get<std::size_t>());
+  });
+}
+
+/// Notes what a made URL shows about a missed rule. `tests` are the tests for which it was made.
+void tryRule(MissedRule& rule, const std::vector<Place>& places, const TracedAnswer& asked,
+             const std::string& url, const nlohmann::json& tests) {
+  if (isReached(asked.trace, static_cast<int>(rule.place))) {
+    if (rule.reachedBy.empty()) rule.reachedBy = url;
+    return;
+  }
+  if (!isMadeFor(rule, places, tests)) return;
+  rule.mayBeReached = rule.mayBeReached || isReached(asked.trace, places[rule.place].owner);
+  if (!rule.shadow && asked.decidedBy && *asked.decidedBy < rule.place) {
+    rule.shadow = asked.decidedBy;
+    rule.shadowedUrl = url;
+  }
+}
+
+void noteUntried(Coverage& coverage, const std::vector<Place>& places,
+                 const nlohmann::json& tests) {
+  for (auto& rule : coverage.missed)
+    rule.mayBeReached = rule.mayBeReached || isMadeFor(rule, places, tests);
 }
 
 /// Tries to reach the missed rules with URLs that are made from the script.
@@ -59,20 +96,24 @@ void tryMissed(Coverage& coverage, TracedScript& script, pac_engine::Engine& par
   if (coverage.missed.empty()) return;
   const auto report = askParser(parser, "urls", {{"most", kMostMade}}, file);
   const auto& places = script.script().places;
+  const auto end = std::chrono::steady_clock::now() + kMadeTime;
+  coverage.madeCut = report.at("cut").get<bool>();
+  noteUntried(coverage, places, report.at("cutTests"));
   for (const auto& row : report.at("urls")) {
-    const auto url = row.at(0).get<std::string>();
-    const auto line = row.at(1).get<std::size_t>();
-    const auto asked = script.ask(url, std::nullopt);
-    for (auto& rule : coverage.missed) {
-      const bool isHit = std::any_of(asked.trace.counts.begin(), asked.trace.counts.end(),
-                                     [&](const auto& total) { return total.place == rule.place; });
-      if (isHit && rule.reachedBy.empty()) rule.reachedBy = url;
-      if (!isHit && !rule.shadow && asked.decidedBy && *asked.decidedBy < rule.place &&
-          isOfCondition(places, rule.place, line)) {
-        rule.shadow = asked.decidedBy;
-        rule.shadowedUrl = url;
-      }
+    if (std::chrono::steady_clock::now() >= end) {
+      coverage.madeCut = true;
+      noteUntried(coverage, places, row.at(1));
+      continue;
     }
+    const auto url = row.at(0).get<std::string>();
+    const auto asked = script.ask(url, std::nullopt);
+    ++coverage.made;
+    for (auto& rule : coverage.missed) tryRule(rule, places, asked, url, row.at(1));
+  }
+  for (auto& rule : coverage.missed) {
+    if (!rule.mayBeReached && rule.reachedBy.empty()) continue;
+    rule.shadow.reset();
+    rule.shadowedUrl.clear();
   }
 }
 
@@ -85,12 +126,14 @@ Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std:
   coverage.places.resize(places.size());
   for (std::size_t i = 0; i < places.size(); ++i) coverage.places[i].place = i;
   add(coverage.places, script.load());
+  coverage.ownText = script.load().ownText;
   std::map<std::string, std::size_t> known;
   for (const auto& url : urls) {
     const auto [entry, isNew] = known.emplace(url, coverage.urls.size());
     if (isNew) {
       auto asked = script.ask(url, std::nullopt);
       add(coverage.places, asked.trace);
+      coverage.ownText = coverage.ownText || asked.trace.ownText;
       coverage.urls.push_back({url, 0, asked.answer.result, asked.answer.error.value_or(""),
                                asked.decidedBy, asked.different.has_value()});
     }

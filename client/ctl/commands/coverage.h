@@ -1,6 +1,7 @@
 // What a list of URLs reaches in a PAC script.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -28,7 +29,14 @@ struct MissedRule {
   std::string reachedBy;              ///< a URL made from the script that reaches it, or empty
   std::string shadowedUrl;            ///< a URL made for this rule that another rule answers
   std::optional<std::size_t> shadow;  ///< the return that answers this URL
+  /// A URL made for this rule reached its test, or was not tried. Then it is not known to be
+  /// shadowed.
+  bool mayBeReached = false;
 };
+
+/// The time for all URLs that are made from a script. One endless loop takes longer: 5 s unchanged
+/// and 5 s instrumented.
+inline constexpr std::chrono::seconds kMadeTime{8};
 
 struct Share {
   std::size_t reached = 0;
@@ -39,6 +47,9 @@ struct Coverage {
   std::vector<PlaceCount> places;  ///< for each place of the script, with the counts of the load
   std::vector<CoveredUrl> urls;
   std::vector<MissedRule> missed;
+  std::size_t made = 0;  ///< number of the made URLs that were tried
+  bool madeCut = false;  ///< not all URLs that could be made were tried
+  bool ownText = false;  ///< the script has read the text of a function
   Share statements;
   Share branches;  ///< each test has two branches, each case has one
   Share rules;     ///< the returns

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "base/visible.h"
+#include "client/ctl/terminal/shown_text.h"
 
 namespace client {
 
@@ -109,14 +110,38 @@ std::string urlRows(const InstrumentedScript& script, const Coverage& coverage) 
   for (const auto& url : coverage.urls) {
     std::string line;
     if (url.decidedBy) line = std::to_string(script.places[*url.decidedBy].line);
-    html += "<tr>" + cell("n", std::to_string(url.times)) + cell("c", base::visible(url.url)) +
+    html += "<tr>" + cell("n", std::to_string(url.times)) +
+            cell("c", base::visible(withoutPassword(url.url))) +
             cell("c", base::visible(url.result ? *url.result : url.error)) + "<td class=\"n\">" +
-            (line.empty() ? "" : "<a href=\"#L" + line + "\">" + line + "</a>") + "</td></tr>\n";
+            (line.empty() ? "" : "<a href=\"#L" + line + "\">" + line + "</a>") + "</td><td>" +
+            (url.isDifferent ? "wrong: the instrumented script has another answer" : "") +
+            "</td></tr>\n";
   }
   return html;
 }
 
+/// What makes the page doubtful, if anything.
+std::string noteRows(const InstrumentedScript& script, const Coverage& coverage) {
+  std::string html;
+  for (const auto& note : coverageNotes(script, coverage))
+    html += "<tr>" + cell("c", base::visible(note)) + "</tr>\n";
+  return html.empty() ? "" : "<h2>Notes</h2>\n<table>\n" + html + "</table>\n";
+}
+
 }  // namespace
+
+std::vector<std::string> coverageNotes(const InstrumentedScript& script, const Coverage& coverage) {
+  std::vector<std::string> notes;
+  for (const auto& note : script.notes)
+    notes.push_back("line " + std::to_string(note.line) + ": " + note.text);
+  if (coverage.ownText)
+    notes.emplace_back(
+        "the script reads the text of a function; the instrumented script has another text");
+  if (coverage.madeCut)
+    notes.push_back("only " + std::to_string(coverage.made) +
+                    " of the URLs that can be made from the script were tried");
+  return notes;
+}
 
 std::string shownShare(const Share& share) {
   const auto percent = share.all == 0 ? 100 : share.reached * 100 / share.all;
@@ -126,10 +151,11 @@ std::string shownShare(const Share& share) {
 
 std::string shownMiss(const InstrumentedScript& script, const MissedRule& rule) {
   if (rule.isDead) return "dead: no URL can reach it";
-  if (!rule.reachedBy.empty()) return "not hit; " + rule.reachedBy + " would reach it";
+  if (!rule.reachedBy.empty())
+    return "not hit; " + withoutPassword(rule.reachedBy) + " would reach it";
   if (!rule.shadow) return "not hit";
   return "shadowed: line " + std::to_string(script.places[*rule.shadow].line) + " answers " +
-         rule.shadowedUrl;
+         withoutPassword(rule.shadowedUrl);
 }
 
 std::string coveragePage(const std::string& file, const InstrumentedScript& script,
@@ -139,6 +165,7 @@ std::string coveragePage(const std::string& file, const InstrumentedScript& scri
   html += "<tr><th>statements</th><td>" + shownShare(coverage.statements) + "</td></tr>\n";
   html += "<tr><th>branches</th><td>" + shownShare(coverage.branches) + "</td></tr>\n";
   html += "<tr><th>rules</th><td>" + shownShare(coverage.rules) + "</td></tr>\n</table>\n";
+  html += noteRows(script, coverage);
   html += "<h2>Rules that no URL of the list reached</h2>\n<table>\n";
   for (const auto& rule : coverage.missed) {
     const auto& place = script.places[rule.place];
@@ -151,7 +178,7 @@ std::string coveragePage(const std::string& file, const InstrumentedScript& scri
   html += sourceRows(script, coverage);
   html +=
       "</table>\n<h2>The URLs and their answers</h2>\n<table>\n<tr><th>times</th><th>URL</th>"
-      "<th>answer</th><th>line</th></tr>\n";
+      "<th>answer</th><th>line</th><th></th></tr>\n";
   html += urlRows(script, coverage);
   return html + "</table>\n</body>\n</html>\n";
 }

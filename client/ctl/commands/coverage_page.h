@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "client/ctl/commands/coverage.h"
 
@@ -11,6 +12,9 @@ namespace client {
 /// nothing and runs no script. All texts from outside are escaped.
 std::string coveragePage(const std::string& file, const InstrumentedScript& script,
                          const Coverage& coverage);
+
+/// What of the script is not instrumented, or can notice that it is.
+std::vector<std::string> coverageNotes(const InstrumentedScript& script, const Coverage& coverage);
 
 /// "12 of 15 (80 %)".
 std::string shownShare(const Share& share);

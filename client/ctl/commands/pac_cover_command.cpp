@@ -29,14 +29,16 @@ constexpr const char* kPacCoverFooter = R"(Output:
   branches    how many outcomes of conditions, and how many entered cases
   rules       how many returns
   line N      a rule that no URL reached. It is dead (no URL can reach it),
-              shadowed (an earlier rule answers the URLs that were made for its
+              shadowed (earlier rules answer all URLs that were made for its
               condition) or not hit (with a URL that reaches it, if one could be
               made from the texts in the script)
+  note        code that is not instrumented; that not all URLs were tried: the
+              command makes at most 1000 and tries them for at most 8 s
 The file of -f is a list of URLs, or an access log of squid, tinyproxy or
 proxymanager-relay. Of the relay also the page status.json is read. Each URL is
 asked once. With --format json an object: file, statements, branches, rules,
-missed, places and urls. With --format html one page that loads nothing and runs
-no script.
+missed, places, notes and urls. With --format html one page that loads nothing
+and runs no script.
 
 Exit status:
 )";
@@ -56,10 +58,11 @@ Json missJson(const InstrumentedScript& script, const MissedRule& rule) {
   const auto& place = script.places[rule.place];
   Json json{{"line", place.line}, {"column", place.column}, {"source", place.source}};
   json["dead"] = rule.isDead;
-  json["reached_by"] = rule.reachedBy.empty() ? Json() : Json(rule.reachedBy);
+  json["reached_by"] = rule.reachedBy.empty() ? Json() : Json(withoutPassword(rule.reachedBy));
   json["shadowed_by_line"] =
       rule.shadow && rule.reachedBy.empty() ? Json(script.places[*rule.shadow].line) : Json();
-  json["shadowed_url"] = rule.shadowedUrl.empty() ? Json() : Json(rule.shadowedUrl);
+  json["shadowed_url"] =
+      rule.shadowedUrl.empty() ? Json() : Json(withoutPassword(rule.shadowedUrl));
   return json;
 }
 
@@ -80,6 +83,7 @@ Json jsonOf(const std::string& file, const InstrumentedScript& script, const Cov
                               {"true", total.truthy},
                               {"false", total.falsy}});
   }
+  json["notes"] = coverageNotes(script, coverage);
   json["urls"] = Json::array();
   for (const auto& url : coverage.urls) {
     json["urls"].push_back(
@@ -104,11 +108,11 @@ void printText(const std::string& file, const InstrumentedScript& script,
     lines.emplace_back("line " + std::to_string(place.line),
                        "return " + place.source + "  " + shownMiss(script, rule));
   }
-  for (const auto& note : script.notes)
-    lines.emplace_back("note", "line " + std::to_string(note.line) + ": " + note.text);
+  for (const auto& note : coverageNotes(script, coverage)) lines.emplace_back("note", note);
   for (const auto& url : coverage.urls)
     if (url.isDifferent)
-      lines.emplace_back("wrong", "the instrumented script has another answer: " + url.url);
+      lines.emplace_back("wrong",
+                         "the instrumented script has another answer: " + withoutPassword(url.url));
   std::vector<Row> rows;
   for (const auto& [name, value] : lines) rows.push_back({name, value});
   printBlock(file, rows);

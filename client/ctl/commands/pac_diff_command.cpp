@@ -1,6 +1,7 @@
 #include "client/ctl/commands/pac_diff_command.h"
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -29,15 +30,19 @@ constexpr const char* kPacDiffFooter = R"(Output:
   Then a block for each pair of rules that differ: the line and the answer of
   OLD, those of NEW, the number of URLs, and the first of them.
   If no URL is given, the command makes URLs from the hosts, networks and
-  patterns in both scripts. A difference that depends on another URL is then not
-  found. With --json an object: old, new, urls, different, generated (whether
-  the URLs were made from the scripts) and groups.
+  patterns in both scripts: at most 2000 from each, and it asks them for at most
+  30 s. A last line reports if there were more. A difference that depends on
+  another URL is then not found. With --json an object: old, new, urls,
+  different, generated (whether the URLs were made from the scripts), cut
+  (whether not all of these were asked) and groups.
 
 Exit status:
 )";
 
 /// Most URLs that are made from each of the two scripts.
 constexpr std::size_t kMostMade = 2000;
+/// The time for all these URLs. After it the command asks no further URL.
+constexpr std::chrono::seconds kMadeDiffTime{30};
 constexpr std::size_t kMostShown = 3;
 
 struct DiffArguments {
@@ -62,7 +67,8 @@ Decision decisionOf(TracedScript& script, const std::string& url) {
   return {line, answer.result ? *answer.result : "no answer: " + answer.error.value_or("")};
 }
 
-void addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::string_view script,
+/// Adds the URLs that are made from `script`. @return whether there are more
+bool addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::string_view script,
              const std::string& file) {
   const auto parser = openParser(script, file);
   const auto report = askParser(*parser, "urls", {{"most", kMostMade}}, file);
@@ -70,6 +76,7 @@ void addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::
     auto url = row.at(0).get<std::string>();
     if (known.insert(url).second) urls.push_back(std::move(url));
   }
+  return report.at("cut").get<bool>();
 }
 
 using Groups = std::map<std::pair<Decision, Decision>, std::vector<std::string>>;
@@ -115,13 +122,21 @@ ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& optio
   for (const auto& url : arguments.asked.urls)
     if (known.insert(url).second) urls.push_back(url);
   const bool areMade = urls.empty() && !arguments.asked.file;
+  bool isCut = false;
   if (areMade) {
-    addMade(urls, known, oldBytes, shownName(arguments.oldFile));
-    addMade(urls, known, newBytes, shownName(arguments.newFile));
+    isCut = addMade(urls, known, oldBytes, shownName(arguments.oldFile));
+    isCut = addMade(urls, known, newBytes, shownName(arguments.newFile)) || isCut;
   }
   Groups groups;
+  std::size_t asked = 0;
   std::size_t different = 0;
+  const auto end = std::chrono::steady_clock::now() + kMadeDiffTime;
   for (const auto& url : urls) {
+    if (areMade && std::chrono::steady_clock::now() >= end) {
+      isCut = true;
+      break;
+    }
+    ++asked;
     auto decisions = std::pair(decisionOf(oldScript, url), decisionOf(newScript, url));
     if (decisions.first.text == decisions.second.text) continue;
     ++different;
@@ -130,14 +145,16 @@ ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& optio
   if (arguments.json) {
     printJson({{"old", arguments.oldFile},
                {"new", arguments.newFile},
-               {"urls", urls.size()},
+               {"urls", asked},
                {"different", different},
                {"generated", areMade},
+               {"cut", isCut},
                {"groups", groupsJson(groups)}});
   } else {
-    printGroups(groups, std::to_string(different) + " of " + std::to_string(urls.size()) +
+    printGroups(groups, std::to_string(different) + " of " + std::to_string(asked) +
                             (areMade ? " URLs made from the scripts" : " URLs") +
                             " are answered differently");
+    if (isCut) printLine("Not all URLs that can be made from the scripts were asked.");
   }
   return different == 0 ? kAnswered : kNoAnswer;
 }

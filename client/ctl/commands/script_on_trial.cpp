@@ -7,6 +7,7 @@
 #include "base/ascii.h"
 #include "base/log_line.h"
 #include "client/ctl/terminal/script_file.h"
+#include "client/ctl/terminal/shown_text.h"
 #include "domain/url_host.h"
 #include "pac/pac_parser.h"
 #include "service/records/owned_settings.h"
@@ -48,7 +49,7 @@ std::vector<ShownEntry> entriesOf(const std::string& result) {
 
 ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
                         const std::optional<std::string>& givenHost) {
-  ShownAnswer shown{url, {}, givenHost.value_or(""), {}, {}, {}};
+  ShownAnswer shown{withoutPassword(url), {}, givenHost.value_or(""), {}, {}, {}};
   if (!givenHost) {
     const HeapText host(getHost(url));
     if (host == nullptr) {

@@ -1,8 +1,9 @@
 // The command "urls": URLs that make a script decide in both ways. They come from the hosts,
 // networks and patterns in the script.
 //
-// Report: { urls: [[url, line], ...] }, without duplicates, at most argument.most. A line of 0
-// marks a URL that is used for every script.
+// Report: { urls: [[url, [[line, column], ...]], ...], cut, cutTests: [[line, column], ...] }. The
+// URLs have no duplicates, and are at most argument.most. The pairs are the places of the tests from
+// whose texts the URL was made. cut: there are more URLs; cutTests: the tests of these.
 'use strict';
 
 const alwaysAsked = [
@@ -41,45 +42,56 @@ class UrlMaker {
   constructor(script, most) {
     this.script = script;
     this.most = most;
-    this.urls = new Map();
+    this.urls = new Map(); // URL -> the tests from whose texts it was made
+    this.test = null;
+    this.cut = false;
+    this.cutTests = new Set();
   }
 
-  add(url, line) {
-    if (this.urls.size < this.most && url.length <= 2000 && !this.urls.has(url)) this.urls.set(url, line);
+  add(url) {
+    if (url.length > 2000) return;
+    if (!this.urls.has(url)) {
+      if (this.urls.size >= this.most) {
+        this.cut = true;
+        if (this.test) this.cutTests.add(this.test);
+        return;
+      }
+      this.urls.set(url, new Set());
+    }
+    if (this.test) this.urls.get(url).add(this.test);
   }
 
-  host(host, line) {
+  host(host) {
     if (host === '' || /[\s/:@?#]/.test(host)) return;
-    this.add(`http://${host}/`, line);
-    this.add(`https://${host}/`, line);
+    this.add(`http://${host}/`);
+    this.add(`https://${host}/`);
   }
 
   // A pattern of shExpMatch, for a host or for a whole URL.
-  pattern(pattern, line) {
+  pattern(pattern) {
     for (const text of filled(pattern)) {
-      if (/^[a-z][a-z0-9+.-]*:/i.test(text)) this.add(text, line);
-      else if (text.includes('/')) this.add(`http://${text.replace(/^\/+/, '')}`, line);
-      else for (const host of hostsOf(text.replace(/:.*$/, ''))) this.host(host, line);
+      if (/^[a-z][a-z0-9+.-]*:/i.test(text)) this.add(text);
+      else if (text.includes('/')) this.add(`http://${text.replace(/^\/+/, '')}`);
+      else for (const host of hostsOf(text.replace(/:.*$/, ''))) this.host(host);
     }
   }
 
-  literal(value, line) {
+  literal(value) {
     if (value.length === 0 || value.length > 500 || /\s/.test(value)) return;
     const url = /^([a-z][a-z0-9+.-]*):(\/\/)?(.*)$/i.exec(value);
-    if (/[*?]/.test(value)) this.pattern(value, line);
-    else if (/^\d+\.\d+\.\d+\.\d+$/.test(value)) this.host(value, line);
-    else if (url !== null && url[3] === '') this.add(`${url[1]}://www.example.org/`, line);
-    else if (url !== null) this.add(value, line);
-    else if (value.includes('/')) this.add(`http://www.example.org/${value.replace(/^\/+/, '')}`, line);
-    else if (isHostLike(value)) for (const host of hostsOf(value)) this.host(host, line);
+    if (/[*?]/.test(value)) this.pattern(value);
+    else if (/^\d+\.\d+\.\d+\.\d+$/.test(value)) this.host(value);
+    else if (url !== null && url[3] === '') this.add(`${url[1]}://www.example.org/`);
+    else if (url !== null) this.add(value);
+    else if (value.includes('/')) this.add(`http://www.example.org/${value.replace(/^\/+/, '')}`);
+    else if (isHostLike(value)) for (const host of hostsOf(value)) this.host(host);
   }
 
   call(node) {
     const texts = node.arguments.map((argument) => argument.type === 'Literal' ? argument.value : null);
-    const line = this.script.lineOf(node.start);
     const isQuad = (text) => typeof text === 'string' && /^\d+\.\d+\.\d+\.\d+$/.test(text);
     if (node.callee.name === 'isInNet' && isQuad(texts[1]) && isQuad(texts[2])) {
-      for (const address of addressesOf(texts[1], texts[2])) this.host(address, line);
+      for (const address of addressesOf(texts[1], texts[2])) this.host(address);
       return true;
     }
     return ['weekdayRange', 'dateRange', 'timeRange', 'alert'].includes(node.callee.name);
@@ -89,16 +101,28 @@ class UrlMaker {
     if (node.type === 'CallExpression' && node.callee.type === 'Identifier' && this.call(node)) return;
     // A returned text names proxies.
     if (node.type === 'ReturnStatement' && node.argument && node.argument.type === 'Literal') return;
-    if (node.type === 'Literal' && typeof node.value === 'string') {
-      this.literal(node.value, this.script.lineOf(node.start));
+    if (node.type === 'Literal' && typeof node.value === 'string') this.literal(node.value);
+    const isBranch = node.type === 'IfStatement' || node.type === 'ConditionalExpression';
+    for (const child of childrenOf(node)) {
+      const outer = this.test;
+      if (isBranch) this.test = child === node.test ? child : null;
+      this.visit(child);
+      this.test = outer;
     }
-    for (const child of childrenOf(node)) this.visit(child);
+  }
+
+  placesOf(tests) {
+    return [...tests].map(({ start }) => [this.script.lineOf(start), this.script.columnOf(start)]);
   }
 }
 
 commands.urls = (script, argument) => {
   const maker = new UrlMaker(script, argument.most || 2000);
-  for (const url of alwaysAsked) maker.add(url, 0);
+  for (const url of alwaysAsked) maker.add(url);
   maker.visit(script.tree);
-  return { urls: [...maker.urls] };
+  return {
+    urls: [...maker.urls].map(([url, tests]) => [url, maker.placesOf(tests)]),
+    cut: maker.cut,
+    cutTests: maker.placesOf(maker.cutTests),
+  };
 };
