@@ -48,6 +48,7 @@ void HandOver::want(const Configuration& configuration) {
   if (!isFirst && *mWanted == configuration) return;
   mWanted = configuration;
   mScriptRetry = 0;
+  mFailureTimer.cancel();
   schedule(isFirst ? Due::kAlways : Due::kIfDifferent);
 }
 
@@ -83,7 +84,9 @@ void HandOver::refreshEvery(std::chrono::seconds interval) {
 }
 
 void HandOver::check() {
-  if (mWanted) schedule(Due::kIfDifferent);
+  if (!mWanted) return;
+  mFailureTimer.cancel();
+  schedule(Due::kIfDifferent);
 }
 
 std::optional<std::time_t> HandOver::lastHandOver() const {
@@ -133,34 +136,46 @@ void HandOver::proceed() {
 
 void HandOver::compare(Due due) {
   mIsCalling = true;
-  mDaemon.read([this, due, appearance = mAppearance](const auto& configuration,
-                                                     const std::string& problem) {
-    if (appearance != mAppearance) return;
-    mIsCalling = false;
-    if (!configuration) {
-      failed(problem, due);
-      return;
-    }
-    const bool differs = due == Due::kIfDifferent ? *configuration != *mWanted
-                                                  : mHandedOver && *configuration != *mHandedOver;
-    mIsForeign = due != Due::kIfDifferent && differs;
-    if (mIsForeign) {
-      logLine(LOG_INFO, "settings: another program has changed the configuration; it stays");
-    } else if (due != Due::kIfDifferent || differs) {
-      handOver();
-      return;
-    } else {
-      // Nothing differs. From now on, the service treats this configuration as its own, even if
-      // another program set it.
-      mHandedOver = *configuration;
-    }
-    proceed();
-  });
+  mDaemon.read(
+      [this, due, appearance = mAppearance](const auto& configuration, const std::string& problem) {
+        if (appearance != mAppearance) return;
+        mIsCalling = false;
+        if (!configuration) {
+          failed(problem, due);
+          return;
+        }
+        if (!keeps(due, *configuration)) {
+          handOver();
+          return;
+        }
+        mFailures = 0;
+        mProblem.clear();
+        proceed();
+      });
+}
+
+/// Whether the daemon's configuration stays as it is.
+bool HandOver::keeps(Due due, const Configuration& daemons) {
+  const bool isForeign = mHandedOver && daemons != *mHandedOver;
+  mIsForeign = isForeign && due != Due::kIfDifferent;
+  if (mIsForeign) {
+    logLine(LOG_INFO, "settings: another program has changed the configuration; it stays");
+    return true;
+  }
+  if (due != Due::kIfDifferent || daemons != *mWanted) return false;
+  // If another program set this configuration, nobody knows whether its script has arrived: only a
+  // hand-over of this service has a time that the script's time can be compared with.
+  if (usesScript() && mHandedOver != mWanted) return false;
+  // From now on, the service treats this configuration as its own, even if another program set it.
+  mHandedOver = daemons;
+  return true;
 }
 
 void HandOver::handOver() {
   if (mIsCalling) return;
   mIsCalling = true;
+  // After a script that has arrived, the pauses begin again. A refresh may find it gone.
+  if (isScriptNewer(mPacFile, mHandOverTime)) mScriptRetry = 0;
   const Configuration configuration = *mWanted;
   timespec before{};
   clock_gettime(CLOCK_REALTIME_COARSE, &before);  // the clock that file times use

@@ -2,7 +2,8 @@
 //
 // - Once after each start of the daemon, even if nothing differs: an unconfigured daemon announces
 //   itself until a program configures it.
-// - After a change of a source, only if the daemon's configuration differs.
+// - After a change of a source, only if the daemon's configuration differs, or if another program
+//   set it and a script may be missing.
 // - Again, if the script has not arrived. The daemon fetches only on request, and at boot it is
 //   usually configured before the network is up.
 // - Again on a timer, if the administrator wants refreshes.
@@ -56,7 +57,7 @@ class HandOver {
   HandOver(sd_event* event, DaemonLink& daemon, std::string pacFile);
 
   /// Sets the configuration that a source wants. The first call makes the service ready. Before it,
-  /// the service hands nothing over.
+  /// the service hands nothing over. A change ends the pause after a failure.
   void want(const Configuration& configuration);
   void daemonAppeared();
   void daemonVanished();
@@ -64,7 +65,8 @@ class HandOver {
   void networkChanged();
   /// Sets the refresh interval. 0: never.
   void refreshEvery(std::chrono::seconds interval);
-  /// Hands over if the daemon's configuration differs from the wanted one.
+  /// Hands over if the daemon's configuration differs from the wanted one. Ends the pause after a
+  /// failure.
   void check();
 
   /// The time of the last hand-over, for the state that proxymanagerctl shows.
@@ -80,6 +82,7 @@ class HandOver {
   void schedule(Due due);
   void proceed();
   void compare(Due due);
+  bool keeps(Due due, const Configuration& daemons);
   void handOver();
   void handedOver(const std::string& problem);
   void failed(const std::string& problem, Due due);

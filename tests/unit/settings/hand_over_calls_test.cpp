@@ -1,8 +1,13 @@
 // When the configuration is handed over, with a stand-in for the daemon on a bus of the test's own.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <ctime>
 #include <deque>
 #include <filesystem>
 #include <fstream>
@@ -55,14 +60,19 @@ class Daemon {
   Configuration configuration;
   int updates = 0;
   int reads = 0;
-  int failures = 0;  ///< so many updates are refused
+  int failures = 0;      ///< so many updates are refused
+  int readFailures = 0;  ///< so many reads are refused
   bool holds = false;
   std::deque<sd_bus_message*> held;  ///< updates that are not answered
 
  private:
-  static int onGet(sd_bus_message* call, void* self, sd_bus_error*) {
+  static int onGet(sd_bus_message* call, void* self, sd_bus_error* error) {
     auto& daemon = *static_cast<Daemon*>(self);
     daemon.reads++;
+    if (daemon.readFailures > 0) {
+      daemon.readFailures--;
+      return sd_bus_error_set(error, SD_BUS_ERROR_FAILED, "why");
+    }
     const auto& now = daemon.configuration;
     return sd_bus_reply_method_return(call, "(ssssss)", modeText(now.mode), now.proxyUrl.c_str(),
                                       now.pacUrl.c_str(), "n", now.user.c_str(),
@@ -209,6 +219,45 @@ TEST_F(HandOverCalls, AModeWithoutAScriptWaitsForNone) {
   EXPECT_EQ(nextTimer(), 0);
 }
 
+TEST_F(HandOverCalls, AScriptThatAnotherProgramHasConfiguredIsWaitedForToo) {
+  handOver->want(mManual);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  // As "proxymanagerctl pacurl URL --save" does: the daemon gets it first, then the file changes.
+  daemon->configuration = mScript;
+  handOver->want(mScript);
+  ASSERT_TRUE(waitFor([&] { return daemon->reads == 1; }));
+  EXPECT_TRUE(waitFor([&] { return isHandedOver(2) && isNear(10); }));
+  // It is its own now, so nothing differs and nothing more is handed over.
+  handOver->check();
+  ASSERT_TRUE(waitFor([&] { return daemon->reads == 2; }));
+  handOver->want(mManual);
+  EXPECT_TRUE(waitFor([&] { return daemon->configuration == mManual; }));
+  EXPECT_EQ(daemon->updates, 3);
+}
+
+TEST_F(HandOverCalls, TheFirstPauseForAScriptIsShortAgainAfterOneHasArrived) {
+  char path[] = "/tmp/settings_test_XXXXXX";
+  const int file = mkstemp(path);
+  ASSERT_GE(file, 0);
+  const timespec old[] = {{1000, 0}, {1000, 0}};
+  ASSERT_EQ(futimens(file, old), 0);
+  handOver = std::make_unique<HandOver>(mEvent.get(), *mLink, path);
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1) && isNear(10); }));
+  const timespec arrived[] = {{std::time(nullptr) + 1000, 0}, {std::time(nullptr) + 1000, 0}};
+  ASSERT_EQ(futimens(file, arrived), 0);
+  handOver->refreshEvery(seconds{1});
+  const std::string line = "settings: the daemon has the configuration, mode pacurl";
+  ASSERT_TRUE(waitFor([&] { return countLog(LOG_NOTICE, line) == 2; }));
+  handOver->refreshEvery(seconds{0});
+  sd_event_run(mEvent.get(), 0);  // sets the loop's timer
+  EXPECT_TRUE(isNear(10));
+  close(file);
+  unlink(path);
+}
+
 TEST_F(HandOverCalls, ARefreshHandsOverAgainAndAgain) {
   handOver->want(mScript);
   handOver->refreshEvery(seconds{1});
@@ -294,6 +343,45 @@ TEST_F(HandOverCalls, TheFirstPauseIsShortAgainAfterASuccess) {
   ASSERT_TRUE(waitFor([&] { return isHandedOver(4); }));
   EXPECT_EQ(count(1), 2);
   EXPECT_EQ(count(2), 0);
+}
+
+TEST_F(HandOverCalls, AProblemIsForgottenWhenALaterLookFindsNothingToDo) {
+  handOver->want(mManual);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  const std::string line = "settings: the hand-over failed, next in 1 s: why";
+  for (int time = 1; time <= 2; time++) {
+    daemon->readFailures = 1;
+    handOver->check();
+    ASSERT_TRUE(waitFor([&] { return handOver->lastProblem() == "why"; }));
+    EXPECT_EQ(countLog(LOG_WARNING, line), time);
+    EXPECT_TRUE(waitFor([&] { return handOver->lastProblem().empty(); }));
+    EXPECT_EQ(daemon->reads, 2 * time);
+  }
+  EXPECT_EQ(daemon->updates, 1);
+}
+
+TEST_F(HandOverCalls, AnAdministratorsChangeDoesNotWaitForThePauseAfterAFailure) {
+  /// Whether a call waits for its reply, and no earlier timer is set.
+  const auto isCalling = [&] {
+    sd_event_run(mEvent.get(), 0);
+    return nextTimer() > 10;
+  };
+  const auto hasFailed = [&](int pause) {
+    const std::string line = "settings: the hand-over failed, next in ";
+    return waitFor([&] { return logged(LOG_WARNING, line + std::to_string(pause) + " s: why"); });
+  };
+  daemon->failures = 2;
+  daemon->holds = true;
+  handOver->want(mManual);
+  daemon->appear();
+  ASSERT_TRUE(hasFailed(1));
+  handOver->check();
+  EXPECT_TRUE(isCalling());
+  ASSERT_TRUE(hasFailed(2));
+  handOver->want(mScript);
+  EXPECT_TRUE(isCalling());
+  EXPECT_TRUE(waitFor([&] { return daemon->held.size() == 1; }));
 }
 
 }  // namespace
