@@ -129,7 +129,11 @@ void HandOver::proceed() {
       compare(due);
       break;
     case Due::kAlways:
-      handOver();
+      if (mLeavesOthers) {
+        compare(due);
+      } else {
+        handOver();
+      }
       break;
   }
 }
@@ -158,6 +162,10 @@ void HandOver::compare(Due due) {
 bool HandOver::keeps(Due due, const Configuration& daemons) {
   const bool isForeign = mHandedOver && daemons != *mHandedOver;
   mIsForeign = isForeign && due != Due::kIfDifferent;
+  if (mLeavesOthers && (mHandedOver ? isForeign : daemons.mode != Mode::kOff)) {
+    logLine(LOG_INFO, "settings: the daemon keeps its configuration until the files are repaired");
+    return true;
+  }
   if (mIsForeign) {
     logLine(LOG_INFO, "settings: another program has changed the configuration; it stays");
     return true;

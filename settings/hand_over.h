@@ -59,6 +59,9 @@ class HandOver {
   /// Sets the configuration that a source wants. The first call makes the service ready. Before it,
   /// the service hands nothing over. A change ends the pause after a failure.
   void want(const Configuration& configuration);
+  /// While `leaves` is true, replaces only mode off of a daemon that was not configured before, and
+  /// what this service itself has handed over.
+  void leaveOthers(bool leaves) { mLeavesOthers = leaves; }
   void daemonAppeared();
   void daemonVanished();
   /// A default route, a link or the resolver's configuration has changed.
@@ -95,6 +98,7 @@ class HandOver {
   std::optional<Configuration> mHandedOver;  ///< to the daemon that runs now
   Due mDue = Due::kNothing;
   bool mIsCalling = false;
+  bool mLeavesOthers = false;
   bool mIsForeign = false;  ///< at the last look, the daemon had another program's configuration
   std::uint64_t mAppearance = 0;  ///< counts the daemon's starts, to recognise late replies
   std::size_t mFailures = 0;

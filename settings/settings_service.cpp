@@ -85,7 +85,7 @@ SettingsService::SettingsService(sd_event* event, sd_bus* bus, Places places,
       mScripts(
           scripts ? std::make_unique<ScriptServer>(event, std::move(scripts), mPlaces.runtimeFolder)
                   : nullptr),
-      mSettingsWatch(event, [this] { reload(); }),
+      mSettingsWatch(event, [this] { filesChanged(); }),
       mResolverWatch(event,
                      [this] {
                        mResolverWatch.set(placesOf(mPlaces.resolverFile));
@@ -122,24 +122,42 @@ bool SettingsService::hasNetworkManager() {
 }
 
 void SettingsService::reload() {
-  readFiles();
-  decide();
-  // This replaces a configuration that another program has set in the meantime.
+  filesChanged();
   mHandOver.check();
 }
 
-void SettingsService::readFiles() {
+// Other programs have files in the same folder. Their changes leave what another program has set.
+void SettingsService::filesChanged() {
+  const bool isNew = readFiles();
+  decide();
+  if (isNew) mHandOver.check();
+}
+
+// If the service starts with a faulty file, its valid lines are better than no proxy after a boot.
+// After a restart of the service alone, the daemon has something better.
+/// @return whether other settings than before are in force
+bool SettingsService::readFiles() {
   mLastReading = readFolder(mPlaces.files);
   // A change between the reading and the watch is not noticed.
   if (watchFiles()) mLastReading = readFolder(mPlaces.files);
   for (const auto& problem : mLastReading.problems) {
     logLine(problem.isWarning ? LOG_WARNING : LOG_ERR, "settings: %s", problem.text.c_str());
   }
-  if (mLastReading.isFaulty()) {
+  const bool isFaulty = mLastReading.isFaulty();
+  if (isFaulty && mHasGoodSettings) {
     logLine(LOG_ERR, "settings: the files are not used, the last good settings stay");
-    return;
+    return false;
   }
+  if (isFaulty) {
+    logLine(LOG_ERR, "settings: the files are used in part, and only for a daemon in mode off");
+  }
+  const bool isNew = mHasGoodSettings == isFaulty || mSettings.settings != mLastReading.settings ||
+                     mSettings.password != mLastReading.password;
+  mHasGoodSettings = !isFaulty;
   mSettings = mLastReading;
+  if (!missingKey(mSettings.settings).empty()) mSettings.settings.mode.reset();
+  mHandOver.leaveOthers(isFaulty);
+  return isNew;
 }
 
 /// @return whether a place is watched that was not watched before
@@ -263,7 +281,7 @@ std::string SettingsService::state(const std::optional<Configuration>& daemon) c
   state["problems"] = nlohmann::json::array();
   for (const auto& problem : mLastReading.problems) state["problems"].push_back(problem.text);
   state["faulty_files"] = mLastReading.isFaulty();
-  state["last_good_settings"] = mLastReading.isFaulty();
+  state["last_good_settings"] = mLastReading.isFaulty() && mHasGoodSettings;
   state["networks"] = nlohmann::json::array();
   for (const auto& [number, network] : mPacRunner.set().all()) {
     const bool holds = mChoice.network != nullptr && mChoice.network->number == number;

@@ -51,13 +51,15 @@ class SettingsService final : DaemonLink::Listener {
   /// std::system_error.
   void start();
 
-  /// Reads the settings again, for example after a change of a file or after SIGHUP.
+  /// Reads the settings again, as SIGHUP wants it, and replaces a configuration that another
+  /// program has set in the meantime.
   void reload();
 
  private:
   void daemonAppeared() override;
   void daemonVanished() override;
-  void readFiles();
+  void filesChanged();
+  bool readFiles();
   bool watchFiles();
   void decide();
   void publishOrWithdraw();
@@ -78,7 +80,8 @@ class SettingsService final : DaemonLink::Listener {
   std::unique_ptr<ScriptServer> mScripts;
   FileWatch mSettingsWatch;
   FileWatch mResolverWatch;
-  FolderSettings mSettings;     ///< the last settings without an error
+  FolderSettings mSettings;  ///< in force: the last ones without an error, if there were any
+  bool mHasGoodSettings = false;
   FolderSettings mLastReading;  ///< the last reading, with its problems
   DefaultRoutes mRoutes;
   Choice mChoice;

@@ -9,7 +9,7 @@ from support.bus import Client, wait_until
 from support.daemon import Daemon
 from support.settings_service import (FOLDER, NetworkManager, Refused, SettingsService, link,
                                       link_down, write_settings)
-from support.syslog_socket import ERR
+from support.syslog_socket import ERR, INFO
 from support.web import response, script
 
 OFF = ("off", "", "", "n", "", "")
@@ -97,11 +97,63 @@ def test_what_another_program_sets_stays_until_the_source_changes(settings, daem
     wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
     client.update(mode="manual", proxyurl="http://other.example:9")
     before = updates(syslog)
+
+    def stays():
+        """Whether it is still there after all that the service has begun."""
+        settings.state()  # the service answers this after the daemon's answers to its earlier questions
+        return client.config()[1] == "http://other.example:9" and updates(syslog) == before
+    # A file of another program, and one that sets the same once more.
     write_settings("# nothing\n", "settings.d/90-other.conf.txt")
-    assert client.config()[1] == "http://other.example:9"
-    assert updates(syslog) == before
+    write_settings("# nothing\n", "relay.conf")
+    same = write_settings('mode = "manual"\n', "settings.d/50-same.conf")
+    wait_until(lambda: same in settings.state()["mode_files"], "the files are read")
+    assert stays()
+    write_settings("nonsense\n", "settings.d/95-bad.conf")
+    wait_until(lambda: settings.state()["problems"], "the bad file is read")
+    assert stays()
+    os.remove(FOLDER + "/settings.d/95-bad.conf")
+    wait_until(lambda: not settings.state()["problems"], "the good files are read")
+    assert stays()
     settings.hang_up()
     wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
+
+
+def test_a_start_with_a_bad_file_leaves_the_daemons_configuration(settings, daemon, client, syslog):
+    write_settings('mode = "manual"\nproxy-url = "http://a.example:1"\n')
+    settings.start()
+    wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
+    settings.stop()
+    write_settings("nonsense\n")
+    settings.start()
+    wait_until(lambda: settings.state()["daemon"], "the daemon is there")
+    settings.state()  # the service answers this after the daemon's answers to its earlier questions
+    assert client.config()[:2] == ("manual", "http://a.example:1")
+    syslog.wait_match(ERR, r"settings: the files are used in part, and only for a daemon in mode off")
+    settings.hang_up()
+    syslog.wait_match(INFO, r"settings: the daemon keeps its configuration until the files are repaired")
+    assert client.config()[:2] == ("manual", "http://a.example:1")
+    assert settings.state()["last_good_settings"] is False
+    write_settings('mode = "manual"\nproxy-url = "http://b.example:2"\n')
+    wait_for(client, "manual", "http://b.example:2", "", "n", "", "")
+
+
+def test_a_boot_with_a_bad_line_uses_the_valid_lines(settings, build, syslog):
+    write_settings('mode = "manual"\nproxy-url = "http://a.example:1"\n')
+    write_settings('refesh = "6h"\n', "settings.d/50-bad.conf")
+    settings.start()
+    for _ in range(2):
+        daemon = Daemon(build)
+        with Client() as client:
+            wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
+            # What it has handed over itself, it also replaces.
+            write_settings('mode = "manual"\nproxy-url = "http://b.example:2"\n')
+            wait_for(client, "manual", "http://b.example:2", "", "n", "", "")
+            write_settings('mode = "manual"\nproxy-url = "http://a.example:1"\n')
+            wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
+        daemon.kill()
+    # A mode that lacks its URL is no valid setting.
+    write_settings('mode = "manual"\nprxy-url = "x"\n')
+    wait_until(lambda: settings.state()["holder"] == "fallback", "no file sets a mode")
 
 
 def test_the_same_settings_written_again_cause_no_hand_over(settings, daemon, client, syslog):
