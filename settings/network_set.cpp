@@ -105,11 +105,12 @@ std::size_t NetworkSet::countOf(std::string_view sender) const {
 }
 
 const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& routes,
-                                    bool directCounts) {
+                                    bool directCounts, bool scriptsCount) {
   const NetworkConfiguration* best = nullptr;
   std::uint64_t bestRank = 0;
   for (const auto& [number, configuration] : set.all()) {
     if (!configuration.isUsable || (configuration.isDirect && !directCounts)) continue;
+    if (!configuration.script.empty() && !scriptsCount) continue;
     const auto rank = rankOf(configuration, routes);
     // The map is sorted from old to new, so of equal ranks the later one is newer.
     if (!rank || (best != nullptr && *rank > bestRank)) continue;

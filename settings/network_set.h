@@ -91,9 +91,10 @@ using DefaultRoutes = std::map<std::string, DefaultRoute, std::less<>>;
 /// The configuration in force: the usable one whose interface has the default route with the lowest
 /// metric. If an interface has several, the newest is in force. A configuration without an
 /// interface is in force only if no other configuration has a default route. Direct configurations
-/// count only if `directCounts`. Null if there is none.
+/// count only if `directCounts`, and configurations with a script to serve only if `scriptsCount`.
+/// Null if there is none.
 const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& routes,
-                                    bool directCounts);
+                                    bool directCounts, bool scriptsCount = true);
 
 /// The number in "/org/pacrunner/configurationN", or nothing.
 std::optional<std::uint64_t> numberOfPath(std::string_view path);

@@ -176,14 +176,12 @@ bool SettingsService::watchFiles() {
 void SettingsService::decide() {
   mPacRunner.answerAll(mSettings.settings.findProxyAll.value_or(false));
   mHandOver.refreshEvery(mSettings.settings.refresh.value_or(std::chrono::seconds{0}));
-  const bool directCounts = mSettings.settings.networkDirectIsOff.value_or(false);
-  const auto* network = holding(mPacRunner.set(), mRoutes, directCounts);
-  mChoice = choose(mSettings.settings, mSettings.password, network);
+  mChoice = chosen(true);
   if (mIsGathering && mChoice.holder != Choice::Holder::kFile) return;
-  publishOrWithdraw();
-  // Without a URL the daemon could not fetch a script, so it keeps its current configuration.
-  const auto& wanted = mChoice.configuration;
-  if (wanted.mode == Mode::kPacUrl && wanted.pacUrl.empty()) return;
+  if (!publishOrWithdraw()) {
+    mChoice = chosen(false);
+    publishOrWithdraw();
+  }
   const std::string line =
       std::string(modeText(mChoice.configuration.mode)) + " (" + mChoice.reason + ")";
   if (line != mLoggedReason) logLine(LOG_NOTICE, "settings: mode %s", line.c_str());
@@ -191,20 +189,30 @@ void SettingsService::decide() {
   mHandOver.want(mChoice.configuration);
 }
 
-/// Serves the script of the configuration in force, and removes every other script.
-void SettingsService::publishOrWithdraw() {
+/// @param scriptsCount whether the script of a network manager can be served
+Choice SettingsService::chosen(bool scriptsCount) const {
+  const bool directCounts = mSettings.settings.networkDirectIsOff.value_or(false);
+  const auto* network = holding(mPacRunner.set(), mRoutes, directCounts, scriptsCount);
+  return choose(mSettings.settings, mSettings.password, network);
+}
+
+/// Serves the script of the configuration in force, and removes every other script. @return false
+/// if it has a script that cannot be served
+bool SettingsService::publishOrWithdraw() {
   if (mChoice.network == nullptr || mChoice.network->script.empty()) {
     if (mScripts) mScripts->withdraw();
-    return;
+    return true;
   }
   if (!mScripts) {
     logLine(LOG_ERR, "settings: a network manager's script cannot be served: %s", "no socket");
-    return;
+    return false;
   }
   try {
     mChoice.configuration.pacUrl = mScripts->publish(mChoice.network->script);
+    return true;
   } catch (const std::system_error& error) {
     logLine(LOG_ERR, "settings: a network manager's script cannot be served: %s", error.what());
+    return false;
   }
 }
 

@@ -62,7 +62,8 @@ class SettingsService final : DaemonLink::Listener {
   bool readFiles();
   bool watchFiles();
   void decide();
-  void publishOrWithdraw();
+  Choice chosen(bool scriptsCount) const;
+  bool publishOrWithdraw();
   bool hasNetworkManager();
   int getState(sd_bus_message* call, sd_bus_error* error);
   void answerStateCalls(const std::optional<Configuration>& daemon);

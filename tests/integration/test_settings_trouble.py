@@ -130,6 +130,20 @@ def test_a_port_that_is_taken_leaves_all_but_pushed_scripts(settings, daemon, cl
         manager.close()
 
 
+def test_a_script_that_cannot_be_served_leaves_nothing_of_an_earlier_configuration(settings, daemon,
+                                                                                   client):
+    with socket.create_server(("127.0.0.1", 850)):
+        settings.start()
+        link("eth", 100)
+        manager = NetworkManager()
+        path = manager.create(Method="manual", Interface="eth", Servers=["eth.example:1"])
+        wait_until(lambda: client.config()[1] == "http://eth.example:1", "a server by hand is used")
+        manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
+        manager.destroy(path)
+        wait_until(lambda: client.config() == OFF, "what was destroyed is used no more")
+        manager.close()
+
+
 def test_a_script_is_served_again_after_the_kernel_gave_no_connection(settings, daemon, client, syslog):
     settings.start()
     link("eth", 100)

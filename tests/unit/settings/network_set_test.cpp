@@ -152,6 +152,17 @@ TEST(Holding, OfOneInterfaceTheNewestHolds) {
   EXPECT_EQ(holding(set, {{"eth0", {1, {}}}}, false)->number, newest);
 }
 
+TEST(Holding, OneWithAScriptIsSkippedIfScriptsCannotBeServed) {
+  NetworkSet set;
+  const auto other = set.add(wpadOn("wlan0"), ":1.1");
+  auto withScript = wpadOn("eth0");
+  withScript.script = "function FindProxyForURL(url, host) {}";
+  const auto scripted = set.add(withScript, ":1.1");
+  const DefaultRoutes routes{{"eth0", {100, {}}}, {"wlan0", {600, {}}}};
+  EXPECT_EQ(holding(set, routes, false, true)->number, scripted);
+  EXPECT_EQ(holding(set, routes, false, false)->number, other);
+}
+
 TEST(Holding, OneWithoutAnInterfaceRanksLast) {
   NetworkSet set;
   set.add(wpadOn("eth0"), ":1.1");
