@@ -22,7 +22,17 @@ std::string_view nextWord(std::string_view& text) {
 
 bool isMethod(std::string_view word) {
   return word.size() >= 3 && word.size() <= 16 &&
-         std::all_of(word.begin(), word.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
+         std::all_of(word.begin(), word.end(),
+                     [](char c) { return (c >= 'A' && c <= 'Z') || c == '-'; }) &&
+         word.front() != '-';
+}
+
+/// Whether `word` begins with a scheme and "://".
+bool isUrl(std::string_view word) {
+  const auto end = word.find("://");
+  return end != std::string_view::npos && end > 0 &&
+         std::all_of(word.begin(), word.begin() + static_cast<std::ptrdiff_t>(end),
+                     [](char c) { return base::lowerCase(c) >= 'a' && base::lowerCase(c) <= 'z'; });
 }
 
 /// The URL of "host:port". It has no port if the port is the default of the scheme.
@@ -74,6 +84,9 @@ std::string urlOfLine(std::string_view line) {
   line = base::trimmed(line, kBlanks);
   if (line.empty() || line.front() == '#') return {};
   if (line.find_first_of(kBlanks) == std::string_view::npos) return std::string(line);
+  // A list may have a remark or a number behind the URL.
+  if (const auto first = line.substr(0, line.find_first_of(kBlanks)); isUrl(first))
+    return std::string(first);
   if (const auto relay = line.find(kRelay); relay != std::string_view::npos) {
     auto url = urlOfRelay(line.substr(relay + kRelay.size()));
     if (!url.empty()) return url;
@@ -92,6 +105,8 @@ std::string urlOfLine(std::string_view line) {
 }
 
 std::vector<std::string> urlsOfLog(std::string_view log) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  if (log.starts_with(kByteOrderMark)) log.remove_prefix(kByteOrderMark.size());
   if (base::trimmed(log.substr(0, 64), " \t\r\n").starts_with('{')) {
     auto urls = urlsOfPage(log);
     if (!urls.empty()) return urls;

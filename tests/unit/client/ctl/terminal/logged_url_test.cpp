@@ -16,7 +16,18 @@ TEST(LoggedUrl, OfAListIsTheLine) {
   EXPECT_EQ(urlOfLine(" \t"), "");
 }
 
+TEST(LoggedUrl, OfAListMayHaveARemarkBehindIt) {
+  EXPECT_EQ(urlOfLine("http://a/ # remark"), "http://a/");
+  EXPECT_EQ(urlOfLine("https://a/b\t5"), "https://a/b");
+  EXPECT_EQ(urlOfLine("://a 5"), "");
+  EXPECT_EQ(urlsOfLog("\xEF\xBB\xBFhttp://a/\n"), (std::vector<std::string>{"http://a/"}));
+}
+
 TEST(LoggedUrl, FollowsAMethod) {
+  EXPECT_EQ(urlOfLine("1.2 3 a TCP_MISS/200 4 M-SEARCH http://a/b - DIRECT/1.2 -"), "http://a/b");
+  EXPECT_EQ(urlOfLine("1.2 3 a TCP_MISS/200 4 VERSION-CONTROL http://a/b -"), "http://a/b");
+  EXPECT_EQ(urlOfLine("a - http://a/b"), "");
+
   EXPECT_EQ(urlOfLine("1.2 3 a TCP_MISS/200 4 GET http://a/b - DIRECT/1.2 -"), "http://a/b");
   EXPECT_EQ(urlOfLine(R"(a - - [21/Nov/2026:10:00:00 +0000] "POST http://a/b HTTP/1.1" 200 5)"),
             "http://a/b");
