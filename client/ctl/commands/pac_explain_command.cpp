@@ -40,8 +40,8 @@ constexpr const char* kPacExplainFooter = R"(Output:
 The script runs twice for each URL: once unchanged, and once instrumented, with
 calls between its statements that record what it does. The result is that of the
 unchanged script. A script can notice the instrumentation if it reads the text
-of its own functions; then there is a note. Code that eval runs and the body of
-a "with" are not instrumented.
+of its own functions; then there is a note. Code that eval or Function runs and
+the body of a "with" are not instrumented.
 
 Exit status:
 )";

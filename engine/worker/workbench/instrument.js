@@ -39,10 +39,11 @@ class Instrumenter {
     this.name = this.freeName();
   }
 
-  // A name for the hook that is not a part of any text in the script.
+  // A name for the hook that is not a part of any text in the script. It is random, so that a script
+  // cannot build it from parts and write a false record.
   freeName() {
-    for (let number = 0; ; number++) {
-      const name = `$pm${number}`;
+    for (;;) {
+      const name = `$pm${String(Math.floor(Math.random() * 1e9)).padStart(9, '0')}`;
       if (!this.script.text.includes(name)) return name;
     }
   }
@@ -167,7 +168,13 @@ class Instrumenter {
         return this.inside(node, context);
       case 'Property':
         nameFunction(node.value, node.key);
-        return this.inside(node, context);
+        if (node.computed) this.visit(node.key, context);
+        return this.visit(node.value, context);
+      case 'Identifier':
+        if (node.name === 'eval' || node.name === 'Function') {
+          this.note(node, `the code that "${node.name}" runs is not instrumented`);
+        }
+        return undefined;
       case 'CallExpression':
         if (!context.inChain && isHelperCall(node)) return void this.around('', node, context);
         return this.inside(node, context);
@@ -179,15 +186,9 @@ class Instrumenter {
   // The children of a node.
   inside(node, context) {
     if (node.type === 'CallExpression') {
-      if (node.callee.type === 'Identifier' && node.callee.name === 'eval') {
-        this.note(node, 'the code that "eval" runs is not instrumented');
-      }
       this.visit(node.callee, context);
       const given = context.inChain ? { ...context, inChain: false } : context;
       for (const argument of node.arguments) this.visit(argument, given);
-    } else if (node.type === 'NewExpression' && node.callee.name === 'Function') {
-      this.note(node, 'the code of a "new Function" is not instrumented');
-      this.each(node, context);
     } else if (node.type === 'ConditionalExpression' || node.type === 'ChainExpression' ||
                /Function/.test(node.type)) {
       this.visit(node, context);
