@@ -187,6 +187,28 @@ function FindProxyForURL(url, host) {
     assert told["result"] == "DIRECT"
 
 
+@pytest.mark.parametrize("code", [
+    '(0, eval)("1")', 'var e = eval', 'Function("1")()', 'new Function("1")()', '[eval][0]("1")'])
+def test_each_use_of_unwatched_code_is_noted(ctl, code):
+    told = explained(ctl, f'function FindProxyForURL(url, host) {{\n  {code};\n  return "DIRECT";\n}}', "http://a/")
+    word = "eval" if "eval" in code else "Function"
+    assert told["notes"] == [f'line 2: the code that "{word}" runs is not instrumented']
+    plain = explained(ctl, 'var a = { eval: 1 }.eval;\n' + SCRIPT, "http://a/")
+    assert plain["notes"] == []
+
+
+def test_a_script_cannot_write_a_false_record(ctl):
+    told = explained(ctl, """\
+function FindProxyForURL(url, host) {
+  for (var place = 0; place < 20; place++)
+    try { [].constructor.constructor("$p" + "m0(" + place + ", 'DIRECT')")(); } catch (error) {}
+  if (host == "b") return "PROXY b:1";
+  return "PROXY a:1";
+}""", "http://a/")
+    assert [step["value"] for step in told["steps"] if step["type"] == "return"] == ['"PROXY a:1"']
+    assert told["decided"]["line"] == 5
+
+
 def test_an_answer_that_watching_changes_is_marked(ctl):
     told = explained(ctl, """\
 function FindProxyForURL(url, host) {
@@ -462,6 +484,25 @@ def test_differences_are_grouped_by_rule(ctl):
     assert made.status == NO_ANSWER and made.json["generated"]
     assert {(group["old"]["line"], group["new"]["line"]) for group in made.json["groups"]} == {
         (3, 3), (6, 7), (7, 6)}
+
+
+def test_a_rule_with_many_answers_is_one_group(ctl):
+    write("old.pac", 'function FindProxyForURL(url, host) { return "PROXY " + host + ":1"; }')
+    write("new.pac", 'function FindProxyForURL(url, host) {\n  return "PROXY " + host + ":2";\n}')
+    result = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "http://a/", "http://b/", "--json")
+    assert result.json["groups"] == [{
+        "old": {"line": 1, "answer": "PROXY a:1"}, "new": {"line": 2, "answer": "PROXY a:2"},
+        "urls": ["http://a/", "http://b/"]}]
+
+
+def test_the_same_error_in_another_line_is_no_difference(ctl):
+    script = 'function FindProxyForURL(url, host) { return missing; }'
+    write("old.pac", script)
+    write("new.pac", "\n\n" + script)
+    write("other.pac", script.replace("missing", "absent"))
+    ask = ("http://a/", "--offline", "--json")
+    assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", *ask).json["different"] == 0
+    assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/other.pac", *ask).json["different"] == 1
 
 
 def test_differences_are_shown_for_given_urls(ctl):

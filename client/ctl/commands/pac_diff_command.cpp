@@ -6,6 +6,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <regex>
 #include <set>
 #include <string>
 #include <utility>
@@ -27,8 +28,8 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kPacDiffFooter = R"(Output:
   The number of URLs, and of those that the two scripts answer differently.
-  Then a block for each pair of rules that differ: the line and the answer of
-  OLD, those of NEW, the number of URLs, and the first of them.
+  Then a block for each pair of rules that differ: the line of OLD and its answer
+  for the first URL, those of NEW, the number of URLs, and the first of them.
   If no URL is given, the command makes URLs from the hosts, networks and
   patterns in both scripts: at most 2000 from each, and it asks them for at most
   30 s. A last line reports if there were more. A difference that depends on
@@ -57,14 +58,30 @@ struct DiffArguments {
 struct Decision {
   std::size_t line = 0;  ///< 0 if no return decided
   std::string text;
-  auto operator<=>(const Decision&) const = default;
+  bool isAnswered = false;
+
+  /// Whether the scripts give the same answer. The same error may stand in another line.
+  bool isSame(const Decision& other) const {
+    return isAnswered == other.isAnswered && withoutLine() == other.withoutLine();
+  }
+  /// What URLs with the same decision have in common: the line, or the text if the line is unknown.
+  std::pair<std::size_t, std::string> rule() const { return {line, line == 0 ? text : ""}; }
+
+ private:
+  std::string withoutLine() const {
+    static const std::regex kLine("line [0-9]+: ");
+    return isAnswered
+               ? text
+               : std::regex_replace(text, kLine, "", std::regex_constants::format_first_only);
+  }
 };
 
 Decision decisionOf(TracedScript& script, const std::string& url) {
   const auto asked = script.ask(url, std::nullopt);
   const auto line = asked.decidedBy ? script.script().places[*asked.decidedBy].line : 0;
   const auto& answer = asked.answer;
-  return {line, answer.result ? *answer.result : "no answer: " + answer.error.value_or("")};
+  if (answer.result) return {line, *answer.result, true};
+  return {line, "no answer: " + answer.error.value_or(""), false};
 }
 
 /// Adds the URLs that are made from `script`. @return whether there are more
@@ -79,7 +96,15 @@ bool addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::
   return report.at("cut").get<bool>();
 }
 
-using Groups = std::map<std::pair<Decision, Decision>, std::vector<std::string>>;
+/// URLs for which the same two rules decided.
+struct Group {
+  Decision before;  ///< for the first URL
+  Decision after;   ///< for the first URL
+  std::vector<std::string> urls;
+};
+
+using Rule = std::pair<std::size_t, std::string>;
+using Groups = std::map<std::pair<Rule, Rule>, Group>;
 
 std::string shown(const Decision& decision) {
   return (decision.line == 0 ? "" : "line " + std::to_string(decision.line) + ": ") + decision.text;
@@ -87,9 +112,10 @@ std::string shown(const Decision& decision) {
 
 void printGroups(const Groups& groups, const std::string& summary) {
   printLine(summary);
-  for (const auto& [decisions, urls] : groups) {
-    std::vector<Row> rows{{"old", shown(decisions.first), Tone::kBad},
-                          {"new", shown(decisions.second), Tone::kGood}};
+  for (const auto& [rules, group] : groups) {
+    const auto& urls = group.urls;
+    std::vector<Row> rows{{"old", shown(group.before), Tone::kBad},
+                          {"new", shown(group.after), Tone::kGood}};
     for (std::size_t i = 0; i < std::min(urls.size(), kMostShown); ++i)
       rows.push_back({"url", withoutPassword(urls[i])});
     printBlock(std::to_string(urls.size()) + (urls.size() == 1 ? " URL" : " URLs"), rows);
@@ -102,11 +128,11 @@ Json decisionJson(const Decision& decision) {
 
 Json groupsJson(const Groups& groups) {
   Json json = Json::array();
-  for (const auto& [decisions, urls] : groups) {
+  for (const auto& [rules, group] : groups) {
     Json shownUrls = Json::array();
-    for (const auto& url : urls) shownUrls.push_back(withoutPassword(url));
-    json.push_back({{"old", decisionJson(decisions.first)},
-                    {"new", decisionJson(decisions.second)},
+    for (const auto& url : group.urls) shownUrls.push_back(withoutPassword(url));
+    json.push_back({{"old", decisionJson(group.before)},
+                    {"new", decisionJson(group.after)},
                     {"urls", std::move(shownUrls)}});
   }
   return json;
@@ -137,10 +163,12 @@ ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& optio
       break;
     }
     ++asked;
-    auto decisions = std::pair(decisionOf(oldScript, url), decisionOf(newScript, url));
-    if (decisions.first.text == decisions.second.text) continue;
+    const auto before = decisionOf(oldScript, url);
+    const auto after = decisionOf(newScript, url);
+    if (before.isSame(after)) continue;
     ++different;
-    groups[std::move(decisions)].push_back(url);
+    auto& group = groups.try_emplace({before.rule(), after.rule()}, before, after).first->second;
+    group.urls.push_back(url);
   }
   if (arguments.json) {
     printJson({{"old", arguments.oldFile},
