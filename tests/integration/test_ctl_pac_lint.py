@@ -129,6 +129,14 @@ def test_lines_and_columns_are_those_of_the_file(ctl):
     assert found(ctl, moved) == [(2, 14, "warning", "domain-dot")]  # a pair of UTF-16 units
 
 
+def test_a_text_that_is_too_long_for_a_name_costs_no_time(ctl):
+    domain = "a." + "b" * 400_000 + "-"
+    assert found(ctl, DOT.replace("example.com", domain)) == []
+    longest = "a." + "b" * 251
+    assert [rule for *_, rule in found(ctl, DOT.replace("example.com", longest))] == ["domain-dot"]
+    assert found(ctl, DOT.replace("example.com", longest + "b")) == []
+
+
 def test_a_finding_after_hundreds_of_answers_is_found(ctl):
     rules = "".join(f'  if (host == "h{number}.example") return "PROXY p{number}:1; DIRECT";\n'
                     for number in range(300))
