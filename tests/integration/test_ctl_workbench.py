@@ -64,6 +64,12 @@ http://known.example/
 """
 
 
+def test_a_return_without_a_value_is_shown_as_it_is(ctl):
+    path = write("p.pac", "function FindProxyForURL(url, host) { if (host) return; return; }")
+    assert "  line 1  return  = undefined\n" in ctl("pac", "explain", path, "http://a/").output
+    assert "  line 1      return  not hit\n" in ctl("pac", "cover", path, "http://a/").output
+
+
 def test_a_terminal_gets_colours_and_a_pipe_does_not(ctl):
     path = write("p.pac", SCRIPT)
     assert "\x1b" not in ctl("pac", "explain", path, "http://a/").output

@@ -106,7 +106,7 @@ void printText(const std::string& file, const InstrumentedScript& script,
   for (const auto& rule : coverage.missed) {
     const auto& place = script.places[rule.place];
     lines.emplace_back("line " + std::to_string(place.line),
-                       "return " + place.source + "  " + shownMiss(script, rule));
+                       shownReturn(place) + "  " + shownMiss(script, rule));
   }
   for (const auto& note : coverageNotes(script, coverage)) lines.emplace_back("note", note);
   for (const auto& url : coverage.urls)

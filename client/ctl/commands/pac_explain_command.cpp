@@ -168,8 +168,8 @@ class TextReport {
     const auto& place = mScript.script().places[*event.place];
     if (place.is('r')) {
       const bool isLiteral = place.source == event.value;
-      mRows.push_back({lineOf(event.place),
-                       "return " + place.source + (isLiteral ? "" : "  = " + event.value)});
+      mRows.push_back(
+          {lineOf(event.place), shownReturn(place) + (isLiteral ? "" : "  = " + event.value)});
     } else if (place.is('t') || place.is('o') || place.is('k')) {
       const bool isTruth = event.value == "true" || event.value == "false";
       mRows.push_back({lineOf(event.place),

@@ -80,6 +80,11 @@ std::uint64_t wholeNumber(const Json& value, std::uint64_t most) {
   return value.get<std::uint64_t>();
 }
 
+std::string shownReturn(const Place& place) {
+  const bool isBare = place.source == "return" || place.source == "return;";
+  return isBare ? "return" : "return " + place.source;
+}
+
 InstrumentedScript instrumentedOf(const Json& report) {
   InstrumentedScript script;
   script.text = textOf(report.at("script"));

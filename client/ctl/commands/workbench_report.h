@@ -25,6 +25,9 @@ struct Place {
   bool is(char letter) const { return kind.find(letter) != std::string::npos; }
 };
 
+/// The source of the return at `place`. A return without a value has its own source in the place.
+std::string shownReturn(const Place& place);
+
 struct ScriptFunction {
   std::string name;  ///< empty for the script itself
   std::size_t line = 0;
