@@ -167,7 +167,8 @@ ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& optio
     const auto after = decisionOf(newScript, url);
     if (before.isSame(after)) continue;
     ++different;
-    auto& group = groups.try_emplace({before.rule(), after.rule()}, before, after).first->second;
+    const std::pair rules{before.rule(), after.rule()};
+    auto& group = groups.try_emplace(rules, Group{before, after, {}}).first->second;
     group.urls.push_back(url);
   }
   if (arguments.json) {
