@@ -106,7 +106,9 @@ std::optional<std::string> FetchProcess::receive(Deadline deadline) {
       return std::nullopt;
     }
     length = recv(mSocket.get(), packet.data(), packet.size(), MSG_DONTWAIT);
-  } while (length < 0 && (errno == EINTR || errno == EAGAIN));
+    // A child that ends without reading the request resets the connection; the kernel reports this
+    // once, before the packets that the child has sent.
+  } while (length < 0 && (errno == EINTR || errno == EAGAIN || errno == ECONNRESET));
   if (length <= 0) {
     // An empty packet looks like the end; no child of ours sends one.
     mFailure = Failure::ended;

@@ -93,6 +93,19 @@ TEST_F(HostileFetch, FailsWithoutALibcurlHandleAndLeavesTheFileUntouched) {
                                           kTarget}));
 }
 
+TEST_F(HostileFetch, IsHeardThoughItEndedWithoutReadingTheRequest) {
+  std::string problem;
+  const auto process = fetcher::FetchProcess::start(HANDLELESS_FETCH, problem);
+  ASSERT_NE(process, nullptr) << problem;
+  process->send({30, 512000, 5, "http://127.0.0.1:1/"});
+  siginfo_t ended{};
+  ASSERT_EQ(waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT), 0);
+  const auto ready =
+      process->receiveReady(std::chrono::steady_clock::now() + std::chrono::seconds(60));
+  ASSERT_TRUE(ready.has_value()) << process->end();
+  EXPECT_EQ(ready->state, fetcher::FetchReady::State::noHandle);
+}
+
 TEST_F(HostileFetch, IsADownloadWithoutAHandleIfTheProgramIsMissing) {
   EXPECT_FALSE(fetcher::download("http://a/", kTarget, {nullptr, "/nowhere/fetch"}).success);
   EXPECT_TRUE(logged(LOG_ERR, "fetcher: no download: /nowhere/fetch: No such file or directory"));
