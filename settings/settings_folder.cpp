@@ -12,6 +12,7 @@
 #include "base/small_file.h"
 #include "base/visible.h"
 #include "base/wipe.h"
+#include "client/library/bus_text.h"
 #include "settings/source_choice.h"
 
 namespace settings {
@@ -156,7 +157,7 @@ void readPassword(const std::string& path, FolderSettings& result) {
   }
   result.password = text->substr(0, text->find_first_of("\r\n"));
   base::wipe(*text);
-  if (isBusText(result.password)) return;
+  if (client::isBusText(result.password)) return;
   base::wipe(result.password);
   complain(result, path, 0, "the password file must be text in UTF-8");
 }

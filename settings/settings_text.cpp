@@ -22,7 +22,7 @@
 #include <map>
 #include <utility>
 
-#include "base/utf8.h"
+#include "client/library/bus_text.h"
 #include "client/library/proxy_answer.h"
 
 namespace settings {
@@ -127,7 +127,7 @@ std::string setKey(FileSettings& settings, std::string_view key, const toml::nod
   if (given->find_first_of(std::string_view("\0\n\r", 3)) != std::string::npos) {
     return "must be one line";
   }
-  if (!isBusText(*given)) return "contains a code point that is not a character";
+  if (!client::isBusText(*given)) return "contains a code point that is not a character";
   return setter->second(settings, *given);
 }
 
@@ -143,18 +143,6 @@ std::string urlProblem(std::string_view url) {
 }
 
 }  // namespace
-
-bool isBusText(std::string_view text) {
-  for (std::size_t at = 0; at < text.size();) {
-    const auto character = base::utf8CharacterAt(text, at);
-    if (character.length == 0 || character.code == 0 || base::isSurrogate(character.code) ||
-        base::isNoncharacter(character.code)) {
-      return false;
-    }
-    at += character.length;
-  }
-  return true;
-}
 
 std::string pacUrlProblem(std::string_view url) {
   if (std::string problem = urlProblem(url); !problem.empty()) return problem;

@@ -62,10 +62,6 @@ struct ReadSettings {
   std::vector<Problem> problems;  ///< empty if the whole text is valid
 };
 
-/// Whether the bus library sends `text`: well-formed UTF-8 without U+0000 and without
-/// noncharacters. Other programs of the bus may accept more.
-bool isBusText(std::string_view text);
-
 /// Reads the text of one settings file. A problem never quotes a value, because every user may read
 /// the problems, and a value can be a password. Throws only std::bad_alloc.
 ReadSettings readSettings(std::string_view text);
