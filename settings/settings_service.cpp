@@ -138,7 +138,7 @@ void SettingsService::filesChanged() {
 /// @return whether other settings than before are in force
 bool SettingsService::readFiles() {
   mLastReading = readFolder(mPlaces.files);
-  // A change between the reading and the watch is not noticed.
+  // A change between the first reading and the first watch is not noticed, so they are read again.
   if (watchFiles()) mLastReading = readFolder(mPlaces.files);
   for (const auto& problem : mLastReading.problems) {
     logLine(problem.isWarning ? LOG_WARNING : LOG_ERR, "settings: %s", problem.text.c_str());
