@@ -2,8 +2,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/log_line.h"
 #include "client/ctl/commands/command.h"
@@ -48,6 +52,35 @@ client::ExitStatus wrongUsage(const CLI::App& program, const CLI::ParseError& er
   return client::kUsage;
 }
 
+/// Adds the command that the line names. If it names none of them, adds all: for the help, and for
+/// the messages about what is wrong. To describe the options of all commands takes longer than to
+/// ask the daemon.
+void addCommands(CLI::App& program, client::Action& action, const client::CommandLine& line) {
+  const std::pair<std::vector<std::string_view>, std::function<void()>> commands[] = {
+      {{"status"}, [&] { client::addStatusCommand(program, action); }},
+      {{"get"}, [&] { client::addGetCommand(program, action); }},
+      {{"config"}, [&] { client::addConfigCommand(program, action); }},
+      {{"off", "manual", "pacurl", "wpad"}, [&] { client::addUpdateCommands(program, action); }},
+      {{"settings"}, [&] { client::addSettingsCommand(program, action); }},
+      {{"watch"}, [&] { client::addWatchCommand(program, action); }},
+      {{"refresh"}, [&] { client::addRefreshCommand(program, action); }},
+      {{"wait"}, [&] { client::addWaitCommand(program, action); }},
+      {{"diagnose"}, [&] { client::addDiagnoseCommand(program, action); }},
+      {{"exec"}, [&] { client::addExecCommand(program, action, line); }},
+      {{"pac"}, [&] { client::addPacCommand(program, action); }},
+      {{"relay"}, [&] { client::addRelayCommand(program, action); }},
+      {{"pvd"}, [&] { client::addPvdCommand(program, action); }},
+  };
+  const std::string_view first = line.own.empty() ? std::string_view() : line.own.front();
+  const auto isFirst = [&](const auto& command) {
+    return std::find(command.first.begin(), command.first.end(), first) != command.first.end();
+  };
+  const bool isNamed = std::any_of(std::begin(commands), std::end(commands), isFirst);
+  for (const auto& command : commands) {
+    if (!isNamed || isFirst(command)) command.second();
+  }
+}
+
 client::ExitStatus run(int argc, char** argv) {
   client::Action action;
   CLI::App program("Asks and configures proxymanagerd; tries PAC scripts out.", "proxymanagerctl");
@@ -55,19 +88,7 @@ client::ExitStatus run(int argc, char** argv) {
   program.require_subcommand(1);
   program.footer(std::string(kFooter) + client::statusHelp());
   auto line = client::splitCommandLine(argc, argv);
-  client::addStatusCommand(program, action);
-  client::addGetCommand(program, action);
-  client::addConfigCommand(program, action);
-  client::addUpdateCommands(program, action);
-  client::addSettingsCommand(program, action);
-  client::addWatchCommand(program, action);
-  client::addRefreshCommand(program, action);
-  client::addWaitCommand(program, action);
-  client::addDiagnoseCommand(program, action);
-  client::addExecCommand(program, action, line);
-  client::addPacCommand(program, action);
-  client::addRelayCommand(program, action);
-  client::addPvdCommand(program, action);
+  addCommands(program, action, line);
   auto status = client::kAnswered;
   if (line.own.empty()) {
     std::cout << program.help();

@@ -21,6 +21,7 @@ struct proxymanager_answer {
   /// Deletes the answer with its last holder.
   void give();
 
+  const client::ProxyAnswer& parsed() const { return mParsed; }
   const std::string& mode() const { return mParsed.mode; }
   const std::vector<proxymanager_entry>& entries() const { return mEntries; }
 

@@ -41,32 +41,46 @@ void RememberedAnswers::forget(Place place) {
 }
 
 AnswerRef SharedAnswers::find(std::string_view url) {
-  auto& part = partOf(url);
+  auto& part = partOfThread(mParts);
+  {
+    const Lock lock(part.mutex);
+    if (part.change == mChange.load(std::memory_order_acquire)) {
+      if (auto copy = part.copies.find(url)) return copy;
+    }
+  }
+  AnswerRef shared;
+  unsigned long change = 0;
+  {
+    const Lock lock(mMutex);
+    shared = mAnswers.find(url);
+    change = mChange.load(std::memory_order_relaxed);
+  }
+  if (!shared) return shared;
+  AnswerRef copy(new proxymanager_answer(shared->parsed()));
   const Lock lock(part.mutex);
-  return part.answers.find(url);
+  if (part.change != change) part.copies.clear();
+  part.change = change;
+  part.copies.add(url, copy);
+  return copy;
 }
 
 void SharedAnswers::add(std::string_view url, const AnswerRef& answer) {
-  auto& part = partOf(url);
-  const Lock lock(part.mutex);
-  part.answers.add(url, answer);
+  const Lock lock(mMutex);
+  mAnswers.add(url, answer);
 }
 
 void SharedAnswers::clear() {
-  for (auto& part : mParts) {
-    const Lock lock(part.mutex);
-    part.answers.clear();
-  }
+  const Lock lock(mMutex);
+  mAnswers.clear();
+  mChange.fetch_add(1, std::memory_order_release);
 }
 
-/// The length and the last characters of a URL select the part. This is cheaper than the hash,
-/// which is computed inside the lock.
-SharedAnswers::Part& SharedAnswers::partOf(std::string_view url) {
-  std::size_t sum = url.size();
-  for (std::size_t n = 0; n < 8 && n < url.size(); ++n) {
-    sum = sum * 31 + static_cast<unsigned char>(url[url.size() - 1 - n]);
-  }
-  return mParts[(sum ^ (sum >> 4U)) % kParts];
+/// Threads take the parts in turn. The number has no destructor, because the library may be
+/// unloaded while the thread runs.
+SharedAnswers::Part& SharedAnswers::partOfThread(std::array<Part, kParts>& parts) {
+  static std::atomic<std::size_t> threads{0};
+  thread_local const std::size_t number = threads.fetch_add(1, std::memory_order_relaxed);
+  return parts[number % kParts];
 }
 
 }  // namespace client::library

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <list>
 #include <string>
@@ -57,33 +58,48 @@ class RememberedAnswers {
   std::unordered_map<std::string_view, Place> mByUrl;  ///< keys are views of texts in mByUse
 };
 
-/// The same for many threads: each URL belongs to one of several parts, and each part has its own
-/// lock and an equal share of the space.
+/// The same for many threads. All share the answers. In addition, each thread has a part with its
+/// own copies of those that it used last: a lookup in it writes to no memory that another thread
+/// uses, so that two threads get more answers than one. Up to kParts threads have a part of their
+/// own.
 class SharedAnswers {
  public:
   SharedAnswers() = default;
   SharedAnswers(const SharedAnswers&) = delete;
   SharedAnswers& operator=(const SharedAnswers&) = delete;
 
-  /// As RememberedAnswers. Any thread.
+  /// As RememberedAnswers. Any thread. Throws std::bad_alloc.
   AnswerRef find(std::string_view url);
   void add(std::string_view url, const AnswerRef& answer);
+  /// As RememberedAnswers. A find() that begins after the return finds nothing.
   void clear();
 
-  static constexpr std::size_t kParts = 16;
   /// How many answers there may be in all: the pages that a person has open, with all they load.
   static constexpr std::size_t kMaxAnswers = 512;
   /// Maximum number of bytes of all these answers together. An answer of one entry takes about 600
   /// bytes.
   static constexpr std::size_t kMaxBytes = 512UL * 1024;
 
- private:
-  struct Part {
-    Mutex mutex;
-    RememberedAnswers answers PM_GUARDED_BY(mutex){kMaxAnswers / kParts, kMaxBytes / kParts};
-  };
-  Part& partOf(std::string_view url);
+  /// More threads than processors of a usual device.
+  static constexpr std::size_t kParts = 8;
+  /// Copies of a part, and their bytes: what one page loads.
+  static constexpr std::size_t kMaxCopies = 128;
+  static constexpr std::size_t kMaxCopiedBytes = 128UL * 1024;
 
+ private:
+  /// In cache lines of its own.
+  struct alignas(128) Part {
+    Mutex mutex;
+    /// The copies are of the answers before this change; later they are wrong.
+    unsigned long change PM_GUARDED_BY(mutex) = 0;
+    RememberedAnswers copies PM_GUARDED_BY(mutex){kMaxCopies, kMaxCopiedBytes};
+  };
+  static Part& partOfThread(std::array<Part, kParts>& parts);
+
+  Mutex mMutex;
+  RememberedAnswers mAnswers PM_GUARDED_BY(mMutex){kMaxAnswers, kMaxBytes};
+  /// Counts the calls of clear(). Written under mMutex.
+  std::atomic<unsigned long> mChange{0};
   std::array<Part, kParts> mParts;
 };
 

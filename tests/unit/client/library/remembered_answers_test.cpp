@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 
 #include "client/library/client.h"
 
 using client::library::AnswerRef;
 using client::library::RememberedAnswers;
+using client::library::SharedAnswers;
 
 namespace {
 
@@ -99,4 +101,53 @@ TEST(RememberedAnswersTest, TheClientsBoundsHoldSomeHundredsOfUsualAnswers) {
   EXPECT_EQ(remembered.count(), kMaxRemembered);
   EXPECT_FALSE(remembered.find(url(0)));
   EXPECT_TRUE(remembered.find(url(1)));
+}
+
+TEST(SharedAnswersTest, AThreadFindsTheCopyThatIsItsOwn) {
+  SharedAnswers shared;
+  const auto added = answerOf("PROXY one:1");
+  shared.add("a", added);
+  const auto mine = shared.find("a");
+  EXPECT_EQ(textOf(mine), "PROXY one:1");
+  EXPECT_NE(mine.get(), added.get());
+  EXPECT_EQ(shared.find("a").get(), mine.get());
+  std::thread([&] {
+    const auto other = shared.find("a");
+    EXPECT_EQ(textOf(other), "PROXY one:1");
+    EXPECT_NE(other.get(), mine.get());
+  }).join();
+}
+
+TEST(SharedAnswersTest, NoCopyOutlivesAChange) {
+  SharedAnswers shared;
+  shared.add("a", answerOf("PROXY one:1"));
+  shared.add("b", answerOf("PROXY one:1"));
+  EXPECT_TRUE(shared.find("a"));
+  EXPECT_TRUE(shared.find("b"));
+  std::thread([&] { shared.clear(); }).join();
+  EXPECT_FALSE(shared.find("a"));
+  shared.add("a", answerOf("PROXY two:2"));
+  EXPECT_EQ(textOf(shared.find("a")), "PROXY two:2");
+  EXPECT_FALSE(shared.find("b"));  // also after the part holds copies of the new answers
+}
+
+TEST(SharedAnswersTest, MoreThreadsThanPartsFindTheSame) {
+  SharedAnswers shared;
+  shared.add("a", answerOf("PROXY one:1"));
+  for (std::size_t i = 0; i <= SharedAnswers::kParts; ++i) {
+    std::thread([&] { EXPECT_EQ(textOf(shared.find("a")), "PROXY one:1"); }).join();
+  }
+}
+
+TEST(SharedAnswersTest, FindsWhatAThreadHasNoRoomToCopy) {
+  SharedAnswers shared;
+  const auto url = [](std::size_t i) { return "http://" + std::to_string(i); };
+  for (std::size_t i = 0; i <= SharedAnswers::kMaxCopies; ++i) {
+    shared.add(url(i), answerOf("PROXY p" + std::to_string(i) + ":1"));
+  }
+  for (int round = 0; round < 2; ++round) {
+    for (std::size_t i = 0; i <= SharedAnswers::kMaxCopies; ++i) {
+      EXPECT_EQ(textOf(shared.find(url(i))), "PROXY p" + std::to_string(i) + ":1");
+    }
+  }
 }
