@@ -3,7 +3,11 @@
 import os
 import re
 import signal
+import socket
+import socketserver
+import ssl
 import subprocess
+import threading
 
 import pytest
 from support.bus import ADDRESS, wait_until
@@ -212,6 +216,98 @@ def test_the_password_of_a_manual_proxy_reaches_it_from_python(programs, proxies
     follow(fetchers, PASSWORD_SOCKS)
 
 
+class Server(socketserver.ThreadingTCPServer):
+    """A server of this test, from the start to close()."""
+    allow_reuse_address = daemon_threads = True
+
+    def __init__(self, endpoint, handle):
+        host, port = endpoint.split(":")
+        super().__init__((host, int(port)), type("Handler", (socketserver.BaseRequestHandler,), {"handle": handle}))
+        self._thread = threading.Thread(target=self.serve_forever)
+        self._thread.start()
+
+    def handle_error(self, request, address):
+        pass  # a client that ends its connection early
+
+    def close(self):
+        self.shutdown()
+        self._thread.join()
+        self.server_close()
+
+
+def refuse_by_socks(handler):
+    """Answers as a SOCKS proxy whose rules do not allow the connection."""
+    connection = handler.request
+    methods = connection.recv(2)[1]
+    connection.recv(methods)
+    connection.sendall(b"\x05\x00")
+    connection.recv(1024)
+    connection.sendall(b"\x05\x02\x00\x01" + bytes(6))
+
+
+def copy_bytes(source, sink):
+    try:
+        while part := source.recv(65536):
+            sink.sendall(part)
+        sink.shutdown(socket.SHUT_WR)
+    except OSError:
+        pass
+
+
+def add_tls(handler):
+    """Passes a connection that uses TLS to the HTTP proxy."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain("/run/site.pem", "/run/site.key")
+    host, port = HTTP_PROXY.split(":")
+    with context.wrap_socket(handler.request, server_side=True) as client, \
+            socket.create_connection((host, int(port))) as proxy:
+        back = threading.Thread(target=copy_bytes, args=(proxy, client), daemon=True)
+        back.start()
+        copy_bytes(client, proxy)
+        back.join(LIMIT)
+
+
+@pytest.mark.slow
+def test_a_socks_proxy_that_refuses_is_the_last_one_tried(programs, proxies, client, port80):
+    fetchers = programs.fetchers()
+    refusing = Server("127.0.0.12:1080", refuse_by_socks)
+    try:
+        for proxy in ("127.0.0.12:1080", PASSWORD_SOCKS_PROXY):  # without a password
+            by_script(client, port80, f"SOCKS {proxy}; DIRECT")
+            for url in (PAGE, SECURE_PAGE):
+                said = fetch(fetchers, url)
+                assert DIRECT not in said.values(), said
+        client.update("manual", f"socks5h://{USER}:wrong@{PASSWORD_SOCKS_PROXY}")
+        wait_until(lambda: len(client.urls(PAGE)) > 1, "the daemon has the proxy")
+        assert not {DIRECT, PASSWORD_SOCKS} & set(fetch(fetchers).values())
+    finally:
+        refusing.close()
+
+
+@pytest.mark.slow
+def test_a_failed_tls_handshake_with_the_server_leads_to_no_other_proxy(programs, proxies, client, port80):
+    hosts(**{SITE: SITE_ADDRESS, "other.example.test": SITE_ADDRESS})  # not a name of its certificate
+    fetchers = programs.fetchers()
+    by_script(client, port80, f"PROXY {HTTP_PROXY}; PROXY {PASSWORD_PROXY}")
+    for library, said in fetch(fetchers, "https://other.example.test/way").items():
+        assert "407" not in said and said != HTTP, (library, said)
+
+
+@pytest.mark.slow
+def test_a_proxy_that_expects_tls_is_used_or_left_out_as_the_page_says(programs, proxies, client):
+    fetchers = programs.fetchers()
+    proxy = Server(f"{SITE_ADDRESS}:8443", add_tls)
+    try:
+        client.update("manual", f"https://{SITE}:8443")
+        wait_until(lambda: fetch(fetchers)["requests"] == HTTP, "requests follows")
+        cannot = "no proxy of the answer can be used"
+        for url, without in ((PAGE, {"urllib"}), (SECURE_PAGE, {"urllib", "httpx"})):
+            for library, said in fetch(fetchers, url).items():
+                assert cannot in said if library in without else said == HTTP, (library, url, said)
+    finally:
+        proxy.close()
+
+
 BY_HOST = f"""function FindProxyForURL(url, host) {{
   return host == "first.example.test" ? "PROXY {HTTP_PROXY}" : "SOCKS {SOCKS_PROXY}";
 }}"""
@@ -219,7 +315,8 @@ BY_HOST = f"""function FindProxyForURL(url, host) {{
 
 @pytest.fixture
 def redirecting_proxies(own_network):
-    proxies = RealProxies(locations=f"location = /first {{ return 302 http://{SITE}/way; }}")
+    proxies = RealProxies(locations=f"""location = /first {{ return 302 http://{SITE}/way; }}
+        location = /lost {{ return 307 http://lost.example.test/; }}""")
     hosts(**{"first.example.test": SITE_ADDRESS, SITE: SITE_ADDRESS})
     yield proxies
     proxies.close()
@@ -235,6 +332,24 @@ def test_each_url_is_asked_for_also_after_a_redirect(programs, redirecting_proxi
     with open("/run/nginx.access") as log:
         asked = re.findall(r'^(\S+) .*"GET (\S+) ', log.read(), re.MULTILINE)
     assert {way for way, path in asked if path == "/first"} == {"127.0.0.8"}
+
+
+LOST = f"""function FindProxyForURL(url, host) {{
+  return host == "lost.example.test" ? "PROXY {NOBODY}" : "PROXY {HTTP_PROXY}; SOCKS {SOCKS_PROXY}";
+}}"""
+
+
+@pytest.mark.slow
+def test_a_request_is_not_repeated_if_its_redirect_cannot_be_followed(programs, redirecting_proxies, client, port80):
+    port80.routes["/p.pac"] = LOST
+    client.update("pacurl", pacurl="http://127.0.0.1/p.pac")
+    wait_until(lambda: len(client.urls(PAGE)) > 1, "the script answers")
+    fetchers = programs.fetchers()
+    fetch(fetchers, f"http://{SITE}/lost")
+    fetch(fetchers)  # the server logs in the order of the requests
+    with open("/run/nginx.access") as log:
+        asked = re.findall(r'^(\S+) .*"GET /lost ', log.read(), re.MULTILINE)
+    assert asked == ["127.0.0.8"] * len(LIBRARIES)
 
 
 ASKER = """
@@ -386,3 +501,61 @@ print(len(made), len(pools.take_all()))
 @pytest.mark.slow
 def test_connections_to_the_last_32_proxies_are_kept(programs):
     assert programs.run(POOLS) == ["32", "33", "34 32"]
+
+
+FORKED_POOLS = """
+import os, signal, threading
+from proxymanager._ways import Pools
+makes, forked = threading.Event(), threading.Event()
+def make(way):
+    if way == "slow":
+        makes.set()
+        forked.wait()
+    return way
+pools = Pools(make)
+pools.get("of the parent")
+thread = threading.Thread(target=pools.get, args=("slow",))
+thread.start()
+makes.wait()
+child = os.fork()
+if not child:
+    signal.alarm(20)
+    os._exit(0 if pools.get("a") == "a" and pools.take_all() == ["a"] else 1)
+print(os.waitpid(child, 0)[1])
+forked.set()
+thread.join()
+print(pools.take_all())
+"""
+
+
+@pytest.mark.slow
+def test_a_forked_process_makes_its_own_connections(programs):
+    assert programs.run(FORKED_POOLS) == ["0", "['of the parent', 'slow']"]
+
+
+SESSIONS = """
+import pickle, proxymanager, requests, sys
+from proxymanager.requests import ProxyAdapter
+def session(adapter):
+    made = requests.Session()
+    made.mount("http://", adapter)
+    return made
+client = proxymanager.Client(timeout=60)
+for adapter in (ProxyAdapter(), ProxyAdapter(client)):
+    first = session(adapter)
+    print(pickle.loads(pickle.dumps(first)).get(sys.argv[1], timeout=60).text)
+    first.close()
+    print(first.get(sys.argv[1], timeout=60).text)
+print(client.ask(sys.argv[1]).mode)
+adapter = ProxyAdapter(client)
+for port in range(40):
+    adapter.proxy_manager_for(f"http://127.0.0.1:{port}")
+    adapter.proxy_manager_for(f"socks5h://127.0.0.1:{port}")
+print(len(adapter._managers.take_all()), len(adapter.proxy_manager))
+"""
+
+
+@pytest.mark.slow
+def test_a_session_of_requests_can_be_pickled_and_used_after_its_end(programs, proxies, client):
+    client.update("manual", f"http://{HTTP_PROXY}")
+    assert programs.run(SESSIONS, PAGE) == [HTTP] * 4 + ["manual", "32 0"]

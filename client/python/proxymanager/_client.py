@@ -59,6 +59,7 @@ class Client:
     """Asks the daemon, and caches its answers until they change.
 
     Threads may share a client. A forked process may use its copy of a client, which connects again by itself.
+    A pickled client becomes an open client with the same options.
 
     start_daemon: the bus may start the daemon for a question
     ask_local: asks the daemon also about this machine and this link; else they are always direct
@@ -77,9 +78,16 @@ class Client:
                        | (_library.ASK_LOCAL if ask_local else 0)
                        | (_library.WITH_CREDENTIALS if with_credentials else 0)
                        | (_library.REFUSE if refuse else 0))
+        self._open()
+
+    def _open(self):
         self._closed = False
         self._renew()
         _clients.add(self)
+
+    def __reduce__(self):
+        """A copy, for example of a pickled session, is a client with a connection of its own."""
+        return _restored, (type(self), self._flags, self.refuse, self._timeout)
 
     def _renew(self):
         self._lock = threading.Lock()
@@ -153,6 +161,13 @@ class Client:
             return None
         handle, self._handle = self._handle, None
         return handle
+
+
+def _restored(kind, flags, refuse, timeout):
+    client = kind.__new__(kind)
+    client._flags, client.refuse, client._timeout = flags, refuse, timeout
+    client._open()
+    return client
 
 
 def _milliseconds(seconds):

@@ -1,9 +1,16 @@
 """Shared code of the adapters for HTTP libraries. A "way" is the URL of a proxy, or DIRECT."""
 
 import collections
+import os
 import threading
 import urllib.parse
 import urllib.request
+import weakref
+
+try:
+    import socks
+except ImportError:
+    socks = None
 
 from ._client import Kind
 from ._errors import Error
@@ -39,11 +46,24 @@ def of_the_environment(url):
     return proxy if "://" in proxy else f"http://{proxy}"
 
 
+def socks_answered(error):
+    """Returns whether a SOCKS proxy accepted a connection before this error, for example to refuse the request."""
+    while error and socks:
+        if isinstance(error, socks.ProxyError):
+            return not isinstance(error, socks.ProxyConnectionError)
+        error = error.__cause__ or error.__context__
+    return False
+
+
 class Pools:
     """The connection pools for the last proxies that were used."""
 
     def __init__(self, make):
         self._make = make
+        self._renew()
+        _all_pools.add(self)
+
+    def _renew(self):
         self._lock = threading.Lock()
         self._pools = collections.OrderedDict()
 
@@ -61,3 +81,15 @@ class Pools:
         with self._lock:
             pools, self._pools = list(self._pools.values()), collections.OrderedDict()
         return pools
+
+
+_all_pools = weakref.WeakSet()
+
+
+def _after_fork():
+    """Runs in the child process. Lock and connections belong to the parent's threads, so it makes new ones."""
+    for pools in list(_all_pools):
+        pools._renew()
+
+
+os.register_at_fork(after_in_child=_after_fork)

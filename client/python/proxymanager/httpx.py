@@ -8,13 +8,16 @@ SOCKS version 5, with host names that the proxy resolves.
 """
 
 import anyio.to_thread
+import httpcore
 import httpx
 
 from ._client import Client
 from ._ways import DIRECT, Pools, of_the_environment, ways
 
-# No connection was made, so no server has seen the request.
-_UNREACHABLE = (httpx.ConnectError, httpx.ConnectTimeout)
+# Before this release, httpcore cannot use TLS inside of TLS, except asynchronously.
+_HAS_TLS_IN_TLS = tuple(map(int, httpcore.__version__.split(".")[:2])) >= (0, 18)
+# Raised if no connection was made, and also if a TLS handshake failed.
+_FAILED = (httpx.ConnectError, httpx.ConnectTimeout)
 
 
 def _proxy(way):
@@ -27,6 +30,31 @@ def _ways(client, request):
     url = str(request.url)
     found = ways(client, url)
     return [of_the_environment(url)] if found is None else found
+
+
+class _Attempt:
+    """Notes whether the connection of a request is made. If it is, the next way is not tried."""
+
+    def __init__(self, request, is_async=False):
+        self.is_connected = False
+        self._request, self._extensions = request, request.extensions
+        self._trace = self._note_async if is_async else self._note
+
+    def __enter__(self):
+        self._request.extensions = {**self._extensions, "trace": self._trace}
+
+    def __exit__(self, *_):
+        self._request.extensions = self._extensions
+
+    def _note(self, event, details):
+        self.is_connected = self.is_connected or event.endswith("connect_tcp.complete")
+        callers = self._extensions.get("trace")
+        return callers(event, details) if callers else None
+
+    async def _note_async(self, event, details):
+        awaitable = self._note(event, details)
+        if awaitable is not None:
+            await awaitable
 
 
 class _Transports:
@@ -68,10 +96,16 @@ class ProxyTransport(httpx.BaseTransport):
     def handle_request(self, request):
         found = _ways(self._transports.client, request)
         last = _no_way(found)
+        if request.url.scheme == "https" and not _HAS_TLS_IN_TLS:
+            found = [way for way in found if not way.startswith("https:")]
         for transport in filter(None, map(self._transports.get, found)):
+            attempt = _Attempt(request)
             try:
-                return transport.handle_request(request)
-            except _UNREACHABLE as failure:
+                with attempt:
+                    return transport.handle_request(request)
+            except _FAILED as failure:
+                if attempt.is_connected:
+                    raise
                 last = failure
         raise last
 
@@ -93,9 +127,13 @@ class AsyncProxyTransport(httpx.AsyncBaseTransport):
         found = await anyio.to_thread.run_sync(_ways, self._transports.client, request)
         last = _no_way(found)
         for transport in filter(None, map(self._transports.get, found)):
+            attempt = _Attempt(request, is_async=True)
             try:
-                return await transport.handle_async_request(request)
-            except _UNREACHABLE as failure:
+                with attempt:
+                    return await transport.handle_async_request(request)
+            except _FAILED as failure:
+                if attempt.is_connected:
+                    raise
                 last = failure
         raise last
 

@@ -10,18 +10,18 @@ import requests.adapters
 import urllib3.exceptions
 
 from ._client import Client
-from ._ways import DIRECT, ways
+from ._ways import DIRECT, Pools, socks_answered, ways
 
 
 def _is_unreachable(error):
     """Returns whether no connection was made, so no server has seen the request."""
-    if isinstance(error, (requests.exceptions.ConnectTimeout, requests.exceptions.InvalidSchema)):
-        return True  # InvalidSchema: the library for SOCKS is missing
+    if isinstance(error, requests.exceptions.InvalidSchema):
+        return True  # the library for SOCKS is missing
     reason = getattr(error.args[0] if error.args else None, "reason", None)
     if isinstance(reason, urllib3.exceptions.ProxyError):
         reason = reason.original_error
     return isinstance(reason, (urllib3.exceptions.NewConnectionError,
-                               urllib3.exceptions.ConnectTimeoutError))
+                               urllib3.exceptions.ConnectTimeoutError)) and not socks_answered(reason)
 
 
 class ProxyAdapter(requests.adapters.HTTPAdapter):
@@ -29,13 +29,28 @@ class ProxyAdapter(requests.adapters.HTTPAdapter):
 
     Without an answer, it uses the proxies of the session and of the environment, unless the client has
     refuse=True.
-    client: stays open; without one, the adapter makes its own client and closes it
+    client: stays open; without one, the adapter makes its own client, which ends with it
     options: options of requests.adapters.HTTPAdapter
     """
 
+    __attrs__ = requests.adapters.HTTPAdapter.__attrs__ + ["_client", "_is_own"]
+
     def __init__(self, client=None, **options):
         self._client, self._is_own = client or Client(), client is None
+        self._managers = Pools(self._made)
         super().__init__(**options)
+
+    def __setstate__(self, state):
+        self._managers = Pools(self._made)
+        super().__setstate__(state)
+
+    def _made(self, proxy):
+        made = super().proxy_manager_for(proxy)
+        self.proxy_manager.clear()  # the base class would keep it for ever
+        return made
+
+    def proxy_manager_for(self, proxy, **options):
+        return super().proxy_manager_for(proxy, **options) if options else self._managers.get(proxy)
 
     def send(self, request, stream=False, timeout=None, verify=True, cert=None, proxies=None):
         found = ways(self._client, request.url)
@@ -55,5 +70,8 @@ class ProxyAdapter(requests.adapters.HTTPAdapter):
 
     def close(self):
         super().close()
+        for manager in self._managers.take_all():
+            manager.clear()
+        # A session can be used after close(). The old client ends with the last question.
         if self._is_own:
-            self._client.close()
+            self._client = Client()

@@ -14,13 +14,8 @@ import urllib.error
 import urllib.parse
 import urllib.request
 
-try:
-    import socks
-except ImportError:
-    socks = None
-
 from ._client import Client
-from ._ways import DIRECT, of_the_environment, ways
+from ._ways import DIRECT, of_the_environment, socks, socks_answered, ways
 
 
 class _Unreachable(OSError):
@@ -42,6 +37,8 @@ def _connecting(way):
                 proxy_username=urllib.parse.unquote(way.username or "") or None,
                 proxy_password=urllib.parse.unquote(way.password or "") or None)
         except OSError as failure:
+            if socks_answered(failure):
+                raise
             raise _Unreachable(str(failure)) from failure
 
     return create

@@ -12,7 +12,7 @@ import urllib3
 from urllib3.exceptions import ConnectTimeoutError, MaxRetryError, NewConnectionError, ProxyError
 
 from ._client import Client
-from ._ways import DIRECT, Pools, of_the_environment, ways
+from ._ways import DIRECT, Pools, of_the_environment, socks_answered, ways
 
 
 class _Asking:
@@ -27,7 +27,11 @@ class _Asking:
     def urlopen(self, method, url, **options):
         headers = dict(options.pop("headers", None) or {})
         headers.pop("Host", None)  # it is the host of the first URL
-        return self.asker.urlopen(method, url, headers=headers, **options)
+        try:
+            return self.asker.urlopen(method, url, headers=headers, **options)
+        except Exception as failure:
+            failure.of_redirect = True
+            raise
 
 
 class _Direct(_Asking, urllib3.PoolManager):
@@ -56,12 +60,14 @@ def _manager(way, options):
 
 def _is_unreachable(error):
     """Returns whether no server has seen the request: no connection, or the library for SOCKS is missing."""
+    if hasattr(error, "of_redirect"):
+        return False  # the server that redirects has seen it
     if isinstance(error, ImportError):
         return True
     reason = error.reason if isinstance(error, MaxRetryError) else error
     if isinstance(reason, ProxyError):
         reason = reason.original_error
-    return isinstance(reason, (NewConnectionError, ConnectTimeoutError))
+    return isinstance(reason, (NewConnectionError, ConnectTimeoutError)) and not socks_answered(reason)
 
 
 class PoolManager(urllib3.PoolManager):
