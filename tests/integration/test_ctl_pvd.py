@@ -12,6 +12,7 @@ import subprocess
 import threading
 
 import pytest
+from support.bus import wait_until
 from support.ctl import ANSWERED, NO_INPUT, REFUSED, USAGE
 from support.own_network import hosts
 from support.web import response
@@ -114,7 +115,8 @@ def second_answer(document, host, port):
             continue
         if not rule["proxies"]:
             return ["DIRECT"]
-        found = [entry for identifier in rule["proxies"] for entry in named.get(identifier, [])]
+        found = [entry for identifier in dict.fromkeys(rule["proxies"])
+                 for entry in named.get(identifier, [])]
         if found:
             return found
     return named.get(None, ["DIRECT"])
@@ -209,6 +211,22 @@ def test_ports_are_those_of_the_scheme_unless_given(ctl):
     proxy = "PROXY p.example.test:8080"
     assert ctl("pac", "eval", "--offline", "--json", script, *urls).results == [
         "DIRECT", "DIRECT", "DIRECT", proxy, proxy, proxy, "DIRECT", proxy]
+
+
+def test_a_document_narrows_what_its_proxies_get_and_widens_nothing(ctl, port80, client):
+    name = written(document(proxies=[{**PROXY, "identifier": "a"}],
+                            proxy_match=[{"proxies": [], "domains": ["direct.test"]},
+                                         {"proxies": ["a"], "ports": ["80"]}]))
+    result = ctl("pvd", "to-pac", "--otherwise", "PROXY known.test:1", name)
+    port80.routes["/p.pac"] = result.output
+    client.update("pacurl", pacurl="http://127.0.0.1/p.pac")
+    wait_until(lambda: len(client.urls("http://a.test/")) > 1, "the script answers")
+    # The last rule matches this machine, too, and the policy for this machine has priority over it.
+    urls = ["http://direct.test/", "http://a.test/", "http://b.test:81/", "http://localhost/"]
+    assert [client.urls(url)[1:] for url in urls[:3]] == [
+        ["DIRECT"], ["PROXY p.example.test:8080"], ["PROXY known.test:1"]]
+    assert [ctl("get", "--format", "raw", url).output for url in urls] == [
+        "DIRECT\n", "PROXY p.example.test:8080\n", "PROXY known.test:1\n", "DIRECT\n"]
 
 
 # --- From the network ---
@@ -335,6 +353,16 @@ def test_nothing_is_fetched_without_being_asked(ctl, server):
     for command in ("show", "to-pac"):
         assert ctl("pvd", command, "--host", HOST, name).status == ANSWERED
     assert server.requests == []
+
+
+def test_no_document_is_learnt_from_router_advertisements(ctl, server):
+    # Only the user names the source of a document.
+    for command in ("show", "to-pac"):
+        assert ctl("pvd", command).status == USAGE
+    # Its prefixes are those of a router's document.
+    server.routes[WELL_KNOWN] = response(json.dumps({**HEAD, "prefixes": ["2001:db8::/32"]}).encode(),
+                                         headers=TYPE)
+    assert "\"prefixes\" is not empty" in ctl("pvd", "to-pac", HOST).errors
 
 
 def test_a_document_without_its_type_is_a_warning_and_a_long_one_is_refused(ctl, server):

@@ -42,7 +42,8 @@ constexpr const char* kScriptFooter = R"(Output:
   A PAC script for the daemon; warnings go to standard error. The daemon knows
   HTTP proxies and SOCKS: http-connect becomes PROXY, socks5 becomes SOCKS, and
   https-connect, connect-udp, connect-ip and connect-tcp cannot be expressed. If
-  a rule then has no proxy, the command fails.
+  a rule then has no proxy, the command fails. A proxy whose mandatory "alpn"
+  names more than http/1.1 is ignored.
 
 Example:
   proxymanagerctl pvd to-pac proxy.example.org >proxy.pac

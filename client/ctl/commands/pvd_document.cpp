@@ -179,13 +179,20 @@ std::vector<std::string> mandatoryOf(const Json& entry, std::vector<std::string>
   return mandatory;
 }
 
-void checkAlpn(const Json& entry, const std::vector<std::string>& mandatory) {
+/// Programs that get an answer of the daemon speak HTTP/1.1 with proxies. They cannot honour
+/// another protocol.
+void readAlpn(const Json& entry, const std::vector<std::string>& mandatory, Proxy& proxy) {
+  const bool isMandatory = std::find(mandatory.begin(), mandatory.end(), "alpn") != mandatory.end();
   try {
-    textsIn(entry, "alpn");
+    const auto alpn = textsIn(entry, "alpn").value_or(std::vector<std::string>{});
+    proxy.speaksOtherHttp =
+        std::any_of(alpn.begin(), alpn.end(), [](const auto& one) { return one != "http/1.1"; });
   } catch (const Ignored&) {
     // The key is an optional hint, so a value of a wrong type is ignored.
-    if (std::find(mandatory.begin(), mandatory.end(), "alpn") != mandatory.end()) throw;
+    if (isMandatory) throw;
   }
+  if (isMandatory && proxy.speaksOtherHttp)
+    throw Ignored{"its mandatory \"alpn\" names more than http/1.1"};
 }
 
 void checkLocation(const Proxy& proxy) {
@@ -211,7 +218,7 @@ void readProxy(const Json& entry, Proxy& proxy, std::vector<std::string>& warnin
   if (proxy.protocol.empty() || proxy.location.empty()) {
     throw Ignored{"it lacks \"protocol\" or \"proxy\""};
   }
-  checkAlpn(entry, mandatoryOf(entry, warnings));
+  readAlpn(entry, mandatoryOf(entry, warnings), proxy);
   checkLocation(proxy);
 }
 

@@ -29,6 +29,7 @@ struct Proxy {
   std::string protocol;
   std::string location;                   ///< "host:port" or a URI template
   std::optional<std::string> identifier;  ///< without one, the proxy accepts any traffic
+  bool speaksOtherHttp = false;           ///< its hint "alpn" names more than HTTP/1.1
   std::string whyIgnored;                 ///< empty if it can be used
 };
 

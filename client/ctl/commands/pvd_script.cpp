@@ -2,12 +2,17 @@
 
 #include <cstddef>
 #include <optional>
+#include <set>
 
 #include "client/ctl/terminal/script_file.h"
+#include "client/library/proxy_answer.h"
 
 namespace client::pvd {
 
 namespace {
+
+// A rule names each proxy at most once, so the daemon drops no entry of an answer.
+static_assert(kMaxProxies <= kMaxEntries);
 
 /// The functions that the rules call. An unknown port matches no rule with ports. The host comes
 /// from the URL, because the script's second argument ends at the first colon of an IPv6 address.
@@ -79,6 +84,12 @@ std::string conditionOf(const Rule& rule) {
   return all;
 }
 
+/// Empty if the daemon knows no proxies of this protocol.
+std::string keywordOf(const Proxy& proxy) {
+  if (proxy.protocol == "http-connect") return "PROXY";
+  return proxy.protocol == "socks5" ? "SOCKS" : "";
+}
+
 void addEntry(const Proxy& proxy, std::string& answer) {
   const auto entry = entryOf(proxy);
   if (entry.empty()) return;
@@ -122,10 +133,15 @@ class Maker {
       const auto name = proxy.protocol + " " + proxy.location;
       if (!proxy.whyIgnored.empty()) {
         warn("the proxy \"" + name + "\" is ignored: " + proxy.whyIgnored);
-      } else if (entryOf(proxy).empty()) {
+      } else if (keywordOf(proxy).empty()) {
         warn("the proxy \"" + name + "\" cannot be expressed: the daemon knows no such proxies");
-      } else if (proxy.protocol == "socks5") {
-        warn("the proxy \"" + name + "\" becomes SOCKS, which names no version");
+      } else if (entryOf(proxy).empty()) {
+        warn("the proxy \"" + name + "\" cannot be expressed: programs use no host of this form");
+      } else {
+        if (proxy.protocol == "socks5")
+          warn("the proxy \"" + name + "\" becomes SOCKS, which names no version");
+        if (proxy.speaksOtherHttp)
+          warn("the hint \"alpn\" of the proxy \"" + name + "\" is lost: programs use HTTP/1.1");
       }
     }
   }
@@ -136,7 +152,9 @@ class Maker {
     if (rule.proxies.empty()) return "DIRECT";
     std::string answer;
     bool applies = false;
+    std::set<std::string> named;
     for (const auto& identifier : rule.proxies) {
+      if (!named.insert(identifier).second) continue;
       for (const auto& proxy : mDocument.proxies) {
         if (proxy.identifier != identifier || !proxy.whyIgnored.empty()) continue;
         applies = true;
@@ -148,7 +166,8 @@ class Maker {
       warn(name + " is left out: none of its proxies can be used");
       return {};
     }
-    if (answer.empty()) refuse(name + " cannot be expressed: the daemon knows none of its proxies");
+    if (answer.empty())
+      refuse(name + " cannot be expressed: no answer can name one of its proxies");
     return answer;
   }
 
@@ -161,6 +180,10 @@ class Maker {
     }
     const auto answer = answerOf(number);
     if (!answer) return true;
+    if (!rule.ports.empty())
+      warn("rule " + std::to_string(number + 1) +
+           " names ports: the daemon caches one answer for a "
+           "host, also for its other ports");
     const auto condition = conditionOf(rule);
     body += (condition.empty() ? "  return " : "  if (" + condition + ") return ") +
             quoted(*answer) + ";\n";
@@ -177,7 +200,7 @@ class Maker {
     }
     if (!answer.empty()) return answer;
     if (hasOne)
-      refuse("the proxies for any traffic cannot be expressed: the daemon knows none of them");
+      refuse("the proxies for any traffic cannot be expressed: no answer can name one of them");
     warn("what no rule matches gets \"" + otherwise +
          "\": the document does not name the proxy that it "
          "is of (--otherwise)");
@@ -191,8 +214,10 @@ class Maker {
 }  // namespace
 
 std::string entryOf(const Proxy& proxy) {
-  if (proxy.protocol == "http-connect") return "PROXY " + proxy.location;
-  return proxy.protocol == "socks5" ? "SOCKS " + proxy.location : "";
+  const auto keyword = keywordOf(proxy);
+  if (keyword.empty()) return "";
+  const auto entry = keyword + ' ' + proxy.location;
+  return parseEntry(entry).kind == ProxyKind::kUnusable ? "" : entry;
 }
 
 Script scriptOf(const Document& document, const std::string& otherwise) {

@@ -19,7 +19,7 @@ struct Script {
 Script scriptOf(const Document& document, const std::string& otherwise);
 
 /// The entry that a script returns for this proxy, "PROXY host:port" or "SOCKS host:port". Empty if
-/// no entry can express it.
+/// no entry can express it, or if the daemon's clients do not use such an entry.
 std::string entryOf(const Proxy& proxy);
 
 }  // namespace client::pvd

@@ -106,6 +106,15 @@ TEST(PvdDocument, HasTimesInEveryFormOfTheirStandard) {
   }
 }
 
+TEST(PvdDocument, WithPrefixesOfARouterAdvertisementIsAWarning) {
+  const auto reading =
+      pvd_test::read(R"({"identifier": "proxy.example.org", "expires": "2027-01-01T00:00:00Z",
+                         "prefixes": ["2001:db8::/32"]})");
+  ASSERT_TRUE(reading.document.has_value());
+  EXPECT_THAT(reading.document->warnings,
+              ElementsAre("\"prefixes\" is not empty, as that of a proxy should be"));
+}
+
 TEST(PvdDocument, IsRefusedIfANameStandsTwice) {
   EXPECT_EQ(errorOf(with(R"("proxies": [], "proxies": [])")),
             "a name stands twice in one object: proxies");
@@ -156,7 +165,12 @@ TEST(PvdProxy, IsIgnoredIfAMandatoryValueCannotBeProcessed) {
   const std::string head = R"({"protocol": "http-connect", "proxy": "p:80", )";
   EXPECT_EQ(proxyIgnored(head + R"("mandatory": ["alpn"], "alpn": "h2"})"),
             "\"alpn\" is no array of texts");
-  EXPECT_EQ(proxyIgnored(head + R"("mandatory": ["alpn"], "alpn": ["h2"]})"), "");
+  for (const char* alpn : {R"(["h3"])", R"(["http/1.1", "h2"])"}) {
+    EXPECT_EQ(proxyIgnored(head + R"("mandatory": ["alpn"], "alpn": )" + alpn + "}"),
+              "its mandatory \"alpn\" names more than http/1.1");
+    EXPECT_EQ(proxyIgnored(head + R"("alpn": )" + alpn + "}"), "");
+  }
+  EXPECT_EQ(proxyIgnored(head + R"("mandatory": ["alpn"], "alpn": ["http/1.1"]})"), "");
   EXPECT_EQ(proxyIgnored(head + R"("alpn": "h2"})"), "");
 }
 

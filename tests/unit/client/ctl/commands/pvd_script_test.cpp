@@ -74,6 +74,10 @@ TEST(PvdScript, WantsAllPropertiesOfARuleAndOneValueOfEach) {
               HasSubstr("  if ((port === 80 ||\n       (port >= 90 && port <= 99)) &&\n"
                         "      (host === \"a\" ||\n       below(host, \"b\")) &&\n"
                         "      (inSubnet(host, \"::1/128\"))) return \"DIRECT\";\n"));
+  // DIRECT may be the answer for another port.
+  EXPECT_THAT(script.warnings[0],
+              "rule 1 names ports: the daemon caches one answer for a host, also "
+              "for its other ports");
 }
 
 TEST(PvdScript, SaysWhatTheDaemonKnowsAndWarnsOfTheRest) {
@@ -96,11 +100,38 @@ TEST(PvdScript, IsNoneIfAllProxiesOfARuleFallAway) {
   const auto script =
       scriptOf(document(proxy("https-connect", "t:3", "a"), R"({"proxies": ["a"]})"));
   EXPECT_EQ(script.text, "");
-  EXPECT_EQ(script.error, "rule 1 cannot be expressed: the daemon knows none of its proxies");
+  EXPECT_EQ(script.error, "rule 1 cannot be expressed: no answer can name one of its proxies");
   const auto any = scriptOf(R"("proxies": [)" + proxy("https-connect", "t:3") + "]");
   EXPECT_EQ(any.text, "");
   EXPECT_EQ(any.error,
-            "the proxies for any traffic cannot be expressed: the daemon knows none of them");
+            "the proxies for any traffic cannot be expressed: no answer can name one of them");
+}
+
+TEST(PvdScript, HasNoEntryThatProgramsRefuse) {
+  const auto two = proxy("http-connect", "-p:1", "a") + ", " + proxy("http-connect", "b:2", "a");
+  const auto script = scriptOf(document(two, R"({"proxies": ["a"]})"));
+  EXPECT_THAT(script.text, HasSubstr("return \"PROXY b:2\";"));
+  EXPECT_THAT(script.warnings, ElementsAre("the proxy \"http-connect -p:1\" cannot be expressed: "
+                                           "programs use no host of this form"));
+  const auto none = scriptOf(document(proxy("socks5", "-p:1", "a"), R"({"proxies": ["a"]})"));
+  EXPECT_EQ(none.error, "rule 1 cannot be expressed: no answer can name one of its proxies");
+}
+
+TEST(PvdScript, NamesAProxyOnceInARule) {
+  const auto answerFor = [](const std::string& identifiers) {
+    return scriptOf(document(proxy("http-connect", "p:1", "a") + ", " + proxy("socks5", "s:1", "b"),
+                             R"({"proxies": )" + identifiers + "}"))
+        .text;
+  };
+  EXPECT_EQ(answerFor(R"(["a", "b", "a"])"), answerFor(R"(["a", "b"])"));
+}
+
+TEST(PvdScript, WarnsOfAHintThatItLoses) {
+  const std::string head = R"("proxies": [{"protocol": "http-connect", "proxy": "p:1", "alpn": )";
+  EXPECT_THAT(scriptOf(head + R"(["h2"]}])").warnings,
+              ElementsAre("the hint \"alpn\" of the proxy \"http-connect p:1\" is lost: programs "
+                          "use HTTP/1.1"));
+  EXPECT_THAT(scriptOf(head + R"(["http/1.1"]}])").warnings, IsEmpty());
 }
 
 TEST(PvdScript, SaysWhatIsUsedWhereNoRuleMatches) {
