@@ -38,7 +38,7 @@ Installs what is missing, builds the tree with its tests and runs them all.
                 kill the settings service at 200 moments, in a system whose NetworkManager feeds it
   --werror      treat warnings of the compiler as errors
   --build DIR   build below this folder (default: build)
-  -j N          N processes at once for building, and twice as many for testing, as most tests
+  -j N          N processes at once for building, and four times as many for testing, as most tests
                 wait (default: one a processor)
   --help        this text
 
@@ -99,7 +99,7 @@ run_tests() {
   local folder=$build/$1
   shift
   step "Testing in $folder"
-  "${launcher[@]}" ctest --test-dir "$folder" -j $((2 * jobs)) --output-on-failure --no-tests=error "$@" \
+  "${launcher[@]}" ctest --test-dir "$folder" -j $((4 * jobs)) --output-on-failure --no-tests=error "$@" \
     "${ctest_options[@]}"
 }
 

@@ -16,13 +16,14 @@ MS_RDONLY, MS_REMOUNT = 1, 32
 OWN = ("/tmp", "/run", "/etc", "/dev", "/usr/local")
 
 
-def files(tree):
-    """Path and state of every file of the test's own folders, but for the build and the tree."""
+def files(*others):
+    """Path and state of every file of the test's own folders, except for the folders `others`."""
     found = {}
     for folder in OWN:
         for path, folders, names in os.walk(folder):
             folders[:] = [name for name in folders
-                          if not f"{tree}/".startswith(os.path.join(path, name) + "/")
+                          if not any(f"{other}/".startswith(os.path.join(path, name) + "/")
+                                     for other in others)
                           and os.path.join(path, name) not in ("/dev/pts", "/dev/shm", "/dev/fd")]
             for name in folders + names:
                 status = os.lstat(os.path.join(path, name))
@@ -56,7 +57,7 @@ LOOKS_UP = """function FindProxyForURL(url, host) {
 def test_it_writes_the_script_and_the_run_file_and_nothing_else(build, bus, syslog, web):
     make_watched_files()
     tree = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
-    before = files(tree)
+    before = files(build, tree)
     mount(None, "/", flags=MS_REMOUNT | MS_BIND | MS_RDONLY)
     daemon = Daemon(build)
     with Client() as client:
@@ -66,9 +67,9 @@ def test_it_writes_the_script_and_the_run_file_and_nothing_else(build, bus, sysl
             assert client.update(mode, proxyurl="p:1") == 0
             client.urls("http://b/")
     # The transfer that mode manual ended still has its temporary file for a moment.
-    wait_until(lambda: changed(before, files(tree)) == {PAC, RUN_FILE}, "these two files")
+    wait_until(lambda: changed(before, files(build, tree)) == {PAC, RUN_FILE}, "these two files")
     assert daemon.stop() == 0
-    assert changed(before, files(tree)) == {PAC}
+    assert changed(before, files(build, tree)) == {PAC}
     daemon.close()
 
 
