@@ -3,8 +3,8 @@
  * All factories of a process share one client of libproxymanager-client, which caches answers. So a
  * program that makes a factory for each question does not connect each time. The client has a
  * thread, so the library stays loaded (-z nodelete), and a program may close and open it again. No
- * lock is held during a question to the daemon: a slow script delays only its own callers, and a
- * child process finds no locked mutex.
+ * lock is held during a question to the daemon: a remembered answer never waits, and a child
+ * process finds no locked mutex. Other questions wait for each other in the daemon.
  */
 #include "client/libproxy/libproxy.h"
 
@@ -138,6 +138,8 @@ static char** proxies_of_daemon(const char* url, proxymanager_status* status) {
   } else if (strcmp(proxymanager_answer_mode(answer), "off") == 0) {
     debug("the daemon's mode is off");
   } else {
+    if (strcmp(proxymanager_answer_mode(answer), "local") == 0)
+      debug("this machine and this link are always direct");
     proxies = proxies_of(answer);
     if (proxies == NULL) debug("the daemon's answer has no entry that can be used");
   }
@@ -193,7 +195,12 @@ char** px_proxy_factory_get_proxies(pxProxyFactory* factory, const char* url) {
   /* A cancelled thread would leave the client library in a broken state. */
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling);
   proxymanager_status status = PROXYMANAGER_BAD_ARGUMENT;
-  char** proxies = is_url(url) ? proxies_of_daemon(url, &status) : NULL;
+  char** proxies = NULL;
+  if (is_url(url)) {
+    proxies = proxies_of_daemon(url, &status);
+  } else {
+    debug("a text without a scheme is direct");
+  }
   if (proxies == NULL && status != PROXYMANAGER_BAD_ARGUMENT) proxies = proxies_of_environment(url);
   if (proxies == NULL) proxies = only(strdup("direct://"));
   pthread_setcancelstate(cancelling, NULL);

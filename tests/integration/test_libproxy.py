@@ -8,7 +8,7 @@ import re
 import subprocess
 
 import pytest
-from support.bus import ADDRESS
+from support.bus import ADDRESS, wait_until
 from support.own_network import hosts
 from support.real_proxies import HTTP_PROXY, SOCKS_PROXY, by_network, by_script
 
@@ -131,6 +131,60 @@ def test_a_program_that_may_start_no_thread_gets_an_answer(libproxy, client):
     assert libproxy.ask(libproxy.ours, URL, prefix=prefix[:3]) == [f"http://{HTTP_PROXY}"]
 
 
+# Asks for each URL of standard input on a thread of its own, and prints the answers as they come.
+ASKS_AT_ONCE = """
+import ctypes, sys, threading
+library = ctypes.CDLL("libproxy.so.1")
+library.px_proxy_factory_get_proxies.restype = ctypes.POINTER(ctypes.c_char_p)
+def ask(url):
+    proxies = library.px_proxy_factory_get_proxies(None, url.encode())
+    print(url, proxies[0].decode(), flush=True)
+for line in sys.stdin:
+    threading.Thread(target=ask, args=(line.strip(),)).start()
+"""
+SLOW = """function FindProxyForURL(url, host) {
+  while (host == "slow.test") {}
+  return "PROXY fast:1";
+}"""
+
+
+def seconds_of_cpu(pid):
+    with open(f"/proc/{pid}/stat") as file:
+        fields = file.read().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+@pytest.mark.slow
+def test_a_remembered_answer_does_not_wait_for_a_slow_script(libproxy, port80, client, daemon):
+    port80.routes["/slow.pac"] = SLOW
+    client.update("pacurl", pacurl="http://127.0.0.1/slow.pac")
+    wait_until(lambda: len(client.urls("http://other.test/")) > 1, "the script answers")
+    process = subprocess.Popen(["/usr/bin/python3", "-c", ASKS_AT_ONCE], text=True, stdin=subprocess.PIPE,
+                               stdout=subprocess.PIPE, env=environment_of(libproxy))
+
+    def ask(url):
+        process.stdin.write(f"{url}\n")
+        process.stdin.flush()
+
+    try:
+        ask("http://fast.test/")
+        assert process.stdout.readline() == "http://fast.test/ http://fast:1\n"
+        (worker,) = daemon.children()
+        before = seconds_of_cpu(worker)
+        ask("http://slow.test/")
+        wait_until(lambda: seconds_of_cpu(worker) > before + 0.1, "the script runs")
+        ask("http://fast.test/")
+        assert process.stdout.readline() == "http://fast.test/ http://fast:1\n"
+        # This host's answer is in the daemon's cache, but the daemon serves one question at a time.
+        ask("http://other.test/")
+        rest = [process.stdout.readline() for _ in range(2)]
+        assert rest == ["http://slow.test/ direct://\n", "http://other.test/ http://fast:1\n"]
+    finally:
+        process.stdin.close()
+        assert process.wait(LIMIT) == 0
+        process.stdout.close()
+
+
 CLOSES_AND_OPENS = """
 import _ctypes, ctypes, sys
 for _ in range(20):
@@ -161,11 +215,13 @@ print(object.g_type_name(kind).decode(), library.px_proxy_factory_get_type() == 
 """
 
 
+def environment_of(libproxy):
+    return {"LD_LIBRARY_PATH": os.path.dirname(libproxy.ours), "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS}
+
+
 def python(libproxy, text, *arguments):
     done = subprocess.run(["/usr/bin/python3", "-c", text, *arguments], timeout=LIMIT,
-                          capture_output=True, text=True,
-                          env={"LD_LIBRARY_PATH": os.path.dirname(libproxy.ours),
-                               "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS})
+                          capture_output=True, text=True, env=environment_of(libproxy))
     assert done.returncode == 0 and done.stderr == "", done.stderr
     return done.stdout.split()
 

@@ -165,7 +165,7 @@ TEST_F(WithDaemon, ManyThreadsShareOneFactory) {
   for (auto& thread : threads) thread.join();
 }
 
-TEST_F(WithDaemon, AQuestionThatWaitsHoldsNoOtherUp) {
+TEST_F(WithDaemon, AQuestionThatWaitsLocksNoOtherOut) {
   daemon.answer("http://slow/", {{"pacurl", "PROXY slow:1"}, "", true, false});
   Texts slow;
   std::thread waiting([&] { slow = ask("http://slow/"); });
@@ -240,6 +240,16 @@ TEST_F(WithoutBus, PxDebugGivesTheReasons) {
   EXPECT_THAT(lines,
               HasSubstr("\"pac+http://pac.example/\" in the environment is not evaluated: the "
                         "daemon runs scripts\n"));
+  const auto lineFor = [&](const char* url) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(take(px_proxy_factory_get_proxies(factory, url)), kDirect);
+    return testing::internal::GetCapturedStderr();
+  };
+  EXPECT_EQ(lineFor("http://localhost/"),
+            "libproxy of the proxy manager: this machine and this link are always direct\n");
+  for (const char* text : {"www.example.org", "", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(lineFor(text), "libproxy of the proxy manager: a text without a scheme is direct\n");
+  }
   unsetenv("PX_DEBUG");
   testing::internal::CaptureStderr();
   ask();
