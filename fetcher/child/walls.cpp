@@ -130,6 +130,8 @@ void allowSockets(SystemCalls& list) {
   }
   list.allow(SCMP_SYS(ioctl), {masked(1, kInt, FIONBIO)})
       .allow(SCMP_SYS(ioctl), {masked(1, kInt, FIONREAD)});
+  // A link-local address names its interface, in a URL or as a name server.
+  list.allow(SCMP_SYS(ioctl), {masked(1, kInt, SIOCGIFINDEX)});
 }
 
 void allowFiles(SystemCalls& list) {

@@ -88,6 +88,7 @@ class Gateway:
             ip("addr", "flush", "dev", "port")
             ip("addr", "add", f"{network.address}/24", "dev", "port")
             ip("addr", "add", f"{network.address6}/64", "dev", "port", "nodad")
+            ip("addr", "add", "fe80::1/64", "dev", "port", "nodad")
             ip("link", "set", "port", "up")
         self.options()
         self._write_names()
@@ -164,6 +165,11 @@ class Gateway:
         ip("addr", "add", f"{network.address6[:-1]}2/64", "dev", "eth0", "nodad")
         with open("/etc/resolv.conf", "w") as file:
             file.write(f"nameserver {network.address}\noptions timeout:5 attempts:2\n")
+
+    def link_address(self):
+        """The gateway's address that is valid on the cable alone; the device gets one beside it."""
+        ip("addr", "add", "fe80::2/64", "dev", "eth0", "nodad")
+        return "fe80::1"
 
     def stop_names(self):
         """The name server falls silent: its process stands still, its socket stays."""

@@ -3,6 +3,7 @@ does, whole; no temporary file is left; the log says which."""
 
 import gzip
 import os
+import socket
 import time
 
 import pytest
@@ -206,6 +207,20 @@ def test_addresses_and_names_of_all_kinds(online, client, syslog):
     downloads.installs("http://xn--bcher-kva.office.example/x.pac", text, "PROXY new:1")
     downloads.installs("http://bücher.office.example/x.pac", text, "PROXY new:1")
     downloads.fails("http://nowhere.office.example/x.pac", "false", 0)
+
+
+def test_addresses_of_one_link_are_reached_by_the_name_and_the_number_of_the_link(online, client,
+                                                                                   syslog):
+    address = online.link_address()
+    index = socket.if_nametoindex("eth0")
+    for host in (f"[{address}]", "other.office.example"):
+        online.serve(host, "/x.pac", "PROXY link:1")
+    downloads, text = Downloads(online, client, syslog), script("PROXY link:1")
+    for zone in ("eth0", index):
+        with open("/etc/resolv.conf", "w") as file:
+            file.write(f"nameserver {address}%{zone}\noptions timeout:5 attempts:2\n")
+        downloads.installs("http://other.office.example/x.pac", text, "PROXY link:1")
+        downloads.installs(f"http://[{address}%25{zone}]/x.pac", text, "PROXY link:1")
 
 
 @pytest.mark.slow
