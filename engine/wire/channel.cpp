@@ -63,7 +63,9 @@ Receipt Channel::receive(std::optional<Deadline> deadline) {
   ssize_t length = 0;
   do {
     length = recv(mSocket.get(), mBuffer.get(), kBufferBytes, 0);
-  } while (length < 0 && errno == EINTR);
+    // A peer that closes its end without reading everything resets the connection. The kernel
+    // reports this once, before the messages that the peer has sent.
+  } while (length < 0 && (errno == EINTR || errno == ECONNRESET));
   if (length <= 0) return Receipt::kEnd;
   mLength = static_cast<std::size_t>(length);
   return Receipt::kMessage;

@@ -65,6 +65,18 @@ TEST(Channel, SeesTheOtherEndClose) {
   EXPECT_FALSE(pair.other.send("x"));
 }
 
+TEST(Channel, GivesTheLastMessagesOfAnEndThatReadNothing) {
+  auto pair = makePair();
+  ASSERT_TRUE(pair.one.send("never read"));
+  {
+    auto closed = std::move(pair.other);
+    ASSERT_TRUE(closed.send("last words"));
+  }
+  EXPECT_EQ(pair.one.receive(), Receipt::kMessage);
+  EXPECT_EQ(pair.one.message(), "last words");
+  EXPECT_EQ(pair.one.receive(), Receipt::kEnd);
+}
+
 TEST(Channel, EndsForBothWhenOneHangsUp) {
   auto pair = makePair();
   pair.one.hangUp();
