@@ -54,7 +54,8 @@ struct Engine::Impl {
   Reply askWorker(std::string_view url, std::string_view host, Deadline deadline);
   Reply askWorkbench(std::string_view name, std::string_view argument, std::string& text);
   std::optional<FromWorker> converse(Deadline deadline, Problem& problem);
-  Receipt receive(Deadline end);
+  Receipt receive(Deadline end, Deadline shortly, bool& isLong);
+  void allowLongWork(bool& isLong);
   void finishWork(Deadline begun);
   std::optional<bool> answerWorker(const FromWorker& message, Deadline deadline);
   Reply replyOf(const FromWorker& message);
@@ -189,13 +190,15 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
   names.begin();
   alertBytesLeft = kMaxAlertBytes;
   const auto begun = std::chrono::steady_clock::now();
+  const auto shortly = begun + kShortWork;
+  bool isLong = false;
   const auto fail = [&](const char* why) -> std::optional<FromWorker> {
     problem = problemOf(std::string("the script worker ") + why);
     discard(why);
     return std::nullopt;
   };
   for (;;) {
-    const auto receipt = receive(deadline + kKillGrace);
+    const auto receipt = receive(deadline + kKillGrace, shortly, isLong);
     if (receipt == Receipt::kTooLate) return fail("did not answer in time");
     if (receipt == Receipt::kEnd) return fail("ended without an answer");
     auto message = decodeFromWorker(worker->channel().message());
@@ -208,20 +211,30 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
     if (!*served) return fail("does not read its answers");
     // A worker that asks without end sends each message in time, so the whole task has a deadline,
     // too.
-    if (std::chrono::steady_clock::now() >= deadline + kKillGrace)
-      return fail("did not answer in time");
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= deadline + kKillGrace) return fail("did not answer in time");
+    // The worker may send a message every few moments and work in between.
+    if (now >= shortly) allowLongWork(isLong);
   }
 }
 
-/// Waits for the worker's next message. If a message takes long to come, the worker gets the CPU
-/// time limit of a whole evaluation. A short question needs no change of the limit.
-Receipt Engine::Impl::receive(Deadline end) {
+/// Waits for the worker's next message. `isLong` tells whether the task has reached `shortly`.
+Receipt Engine::Impl::receive(Deadline end, Deadline shortly, bool& isLong) {
   auto& channel = worker->channel();
-  const auto shortly = std::min(end, std::chrono::steady_clock::now() + kShortWork);
-  const auto receipt = channel.receive(shortly);
-  if (receipt != Receipt::kTooLate || shortly == end) return receipt;
-  worker->limitCpu(std::chrono::ceil<std::chrono::seconds>(options.timeLimit) + kIdleCpu);
+  if (!isLong) {
+    const auto receipt = channel.receive(std::min(end, shortly));
+    if (receipt != Receipt::kTooLate || end <= shortly) return receipt;
+    allowLongWork(isLong);
+  }
   return channel.receive(end);
+}
+
+/// Gives the worker the CPU time limit of a whole evaluation, once in a task. A short question
+/// needs no change of the limit.
+void Engine::Impl::allowLongWork(bool& isLong) {
+  if (isLong) return;
+  isLong = true;
+  worker->limitCpu(std::chrono::ceil<std::chrono::seconds>(options.timeLimit) + kIdleCpu);
 }
 
 /// Between two questions, no code watches the worker. A worker that a script controls could then

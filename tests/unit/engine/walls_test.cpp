@@ -4,11 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -220,15 +222,50 @@ TEST_F(LiveWorker, HasAnEmptyEnvironment) {
   EXPECT_EQ(file.peek(), std::ifstream::traits_type::eof());
 }
 
-// This test is the last one, because the process cannot change back from the user nobody. The
+// These tests are the last ones, because the process cannot change back from the user nobody. The
 // kernel takes the limit from a process of the worker's user, or from one with CAP_SYS_RESOURCE,
 // which root in a container may lack.
-TEST(Worker, IsEndedWhenItBurnsCpuTimeBetweenQuestions) {
+void becomeNobody() {
   constexpr uid_t kNobody = 65534;
-  if (getuid() == 0) {
-    ASSERT_EQ(setresgid(kNobody, kNobody, kNobody), 0);
-    ASSERT_EQ(setresuid(kNobody, kNobody, kNobody), 0);
-  }
+  if (getuid() != 0) return;
+  ASSERT_EQ(setresgid(kNobody, kNobody, kNobody), 0);
+  ASSERT_EQ(setresuid(kNobody, kNobody, kNobody), 0);
+}
+
+/// The CPU time after which the kernel ends a process.
+rlim_t cpuLimitOf(pid_t pid) {
+  rlimit limit{};
+  return prlimit(pid, RLIMIT_CPU, nullptr, &limit) == 0 ? limit.rlim_cur : 0;
+}
+
+TEST(Worker, MaySpendTheTimeOfAnEvaluationThoughItSendsMessagesAllTheTime) {
+  becomeNobody();
+  if (access(WALLS_WORKER, X_OK) != 0) GTEST_SKIP() << "nobody may not start a worker here";
+  Problem problem;
+  const auto engine = load(
+      "function FindProxyForURL() { for (let i = 0; i < 12; ++i) {"
+      "const end = Date.now() + 70; while (Date.now() < end) ; alert(i); } return 'DIRECT'; }",
+      problem, false);
+  ASSERT_NE(engine, nullptr) << problem.message;
+  const auto pid = engine->workerPid();
+  const rlim_t idle = cpuLimitOf(pid);
+  std::atomic<bool> answered = false;
+  std::atomic<rlim_t> highest = 0;
+  std::thread observer([&] {
+    while (!answered) {
+      highest = std::max(highest.load(), cpuLimitOf(pid));
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+  });
+  EXPECT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT");
+  answered = true;
+  observer.join();
+  EXPECT_GE(highest, idle + 5) << "the time limit of an evaluation";
+  EXPECT_LE(cpuLimitOf(pid), idle + 2) << "nobody asks it any more";
+}
+
+TEST(Worker, IsEndedWhenItBurnsCpuTimeBetweenQuestions) {
+  becomeNobody();
   if (access(WALLS_WORKER, X_OK) != 0) GTEST_SKIP() << "nobody may not start the worker here";
   Problem problem;
   const auto engine = load("ready", problem, true);
