@@ -69,6 +69,11 @@ int setDescriptors(FileActions& files, const std::vector<UniqueFd>& passed) {
   return failed;
 }
 
+bool isRealTime(int policy) {
+  const int withoutFlag = policy & ~SCHED_RESET_ON_FORK;
+  return withoutFlag == SCHED_FIFO || withoutFlag == SCHED_RR;
+}
+
 int setAttributes(SpawnAttributes& spawn) {
   sigset_t all;
   sigset_t none;
@@ -79,13 +84,16 @@ int setAttributes(SpawnAttributes& spawn) {
   // The child gets its own process group, because the terminal's signals are for the program, not
   // for its child.
   posix_spawnattr_setpgroup(&spawn.attributes, 0);
-  // A child in an endless loop must not have a real-time priority of the program.
-  const sched_param ordinary{};
-  posix_spawnattr_setschedpolicy(&spawn.attributes, SCHED_OTHER);
-  posix_spawnattr_setschedparam(&spawn.attributes, &ordinary);
-  return posix_spawnattr_setflags(
-      &spawn.attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP |
-                             POSIX_SPAWN_SETSCHEDULER);
+  int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP;
+  // A child in an endless loop must not have a real-time priority of the program. The policies
+  // below the ordinary one stay: a program needs a right to leave SCHED_IDLE.
+  if (isRealTime(sched_getscheduler(0))) {
+    const sched_param ordinary{};
+    posix_spawnattr_setschedpolicy(&spawn.attributes, SCHED_OTHER);
+    posix_spawnattr_setschedparam(&spawn.attributes, &ordinary);
+    flags |= POSIX_SPAWN_SETSCHEDULER;
+  }
+  return posix_spawnattr_setflags(&spawn.attributes, static_cast<short>(flags));
 }
 
 /// @return the process, or 0 with its errno in `error`
@@ -225,7 +233,8 @@ std::string ChildProcess::end() {
     ready = poll(&entry, 1, kEndLimitMs);
   } while (ready < 0 && errno == EINTR);
   siginfo_t info;
-  if (waitUnlessItLives(process, info)) {
+  mIsGone = waitUnlessItLives(process, info);
+  if (mIsGone) {
     return info.si_pid != 0 ? howItEnded(info) : "waited for by the program";
   }
   unreaped().add(std::move(process));

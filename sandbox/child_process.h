@@ -1,7 +1,7 @@
 // A child process that parses foreign data: how its program is found, started and ended.
 //
 // The child is started by posix_spawn, which is safe in a program with threads. It gets default
-// signals, an empty signal mask, an ordinary scheduling policy, a process group of its own, the
+// signals, an empty signal mask, no real-time scheduling policy, a process group of its own, the
 // environment that the caller names, its standard three descriptors on /dev/null, the descriptors
 // that the caller passes on, and nothing else. The parent kills it and waits for it through a
 // descriptor of the process itself. A SIGCHLD handler of the program, or a thread that waits for
@@ -49,17 +49,23 @@ class ChildProcess {
   bool hasEnded() const;
 
   /// Kills the child unless it has ended, and waits for its end for at most 1 s. If the child does
-  /// not end (in a system call that cannot be interrupted, or under a debugger), the log gets a
-  /// warning, and the next start or end of a child waits for it again.
+  /// not end (in a system call that cannot be interrupted, under a debugger, or because root
+  /// without CAP_KILL may not kill it), the log gets a warning, and the next start or end of a
+  /// child waits for it again.
   /// @return how the child ended, for the log: "exit 0", "signal 9", "does not end", or "ended" if
   ///         this function ran before
   std::string end();
+
+  /// @return whether end() has seen the child's end. If not, the child may live on, because this
+  ///         process may not signal it or it does not end: it still has what was passed to it
+  bool isGone() const { return mIsGone; }
 
  private:
   ChildProcess(pid_t pid, base::UniqueFd process);
 
   pid_t mPid;
-  base::UniqueFd mProcess;  ///< empty once the child has been waited for
+  base::UniqueFd mProcess;  ///< empty after end()
+  bool mIsGone = false;
 };
 
 }  // namespace sandbox

@@ -3,16 +3,21 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/log_capture.h"
@@ -34,11 +39,12 @@ Child startChild(std::vector<std::string> environment = {}) {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
   child.socket.reset(ends[0]);
-  const UniqueFd theirs(ends[1]);
+  UniqueFd theirs(ends[1]);
   std::string problem;
   child.process =
       ChildProcess::start({CHILD_PROGRAM, {theirs.get()}, std::move(environment)}, problem);
   EXPECT_NE(child.process, nullptr) << problem;
+  theirs.reset();
   char report[4096];
   const ssize_t length = recv(ends[0], report, sizeof report, 0);
   child.report.assign(report, static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
@@ -64,11 +70,43 @@ TEST(ChildProcess, HasAProcessGroupOfItsOwn) {
   EXPECT_EQ(getpgid(child.process->pid()), child.process->pid());
 }
 
+/// Does `work` on a thread with another scheduling policy, and without the right to change it back.
+void withPolicy(int policy, int priority, const std::function<void()>& work) {
+  bool changed = false;
+  std::thread([&] {
+    const sched_param parameters{priority};
+    changed = sched_setscheduler(0, policy, &parameters) == 0;
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
+    EXPECT_EQ(syscall(SYS_capset, &header, none), 0);
+    if (changed) work();
+  }).join();
+  if (!changed) GTEST_SKIP() << "this machine gives no such policy";
+}
+
+TEST(ChildProcess, StartsForAnIdleProgramThatMayNotRaiseItsPolicy) {
+  withPolicy(SCHED_IDLE, 0, [] {
+    const Child child = startChild();
+    ASSERT_NE(child.process, nullptr);
+    EXPECT_EQ(sched_getscheduler(child.process->pid()), SCHED_IDLE);
+  });
+}
+
+TEST(ChildProcess, HasNoRealTimePolicyOfItsProgram) {
+  withPolicy(SCHED_FIFO, 1, [] {
+    const Child child = startChild();
+    ASSERT_NE(child.process, nullptr);
+    EXPECT_EQ(sched_getscheduler(child.process->pid()), SCHED_OTHER);
+  });
+}
+
 TEST(ChildProcess, IsKilledAndWaitedFor) {
   const Child child = startChild();
   const pid_t pid = child.process->pid();
   EXPECT_FALSE(child.process->hasEnded());
+  EXPECT_FALSE(child.process->isGone());
   EXPECT_EQ(child.process->end(), "signal 9");
+  EXPECT_TRUE(child.process->isGone());
   EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
   EXPECT_EQ(child.process->end(), "ended");
@@ -165,6 +203,7 @@ TEST(ChildProcess, ThatOutlivesItsKillingIsWaitedForByALaterOne) {
     outliving.push_back(pid);
     if (!tracer.trace(pid)) GTEST_SKIP() << "this machine lets nobody trace";
     EXPECT_EQ(child.process->end(), "does not end");
+    EXPECT_FALSE(child.process->isGone());
     EXPECT_TRUE(logged(LOG_WARNING,
                        "sandbox: process " + std::to_string(pid) + " was killed and does not end"));
   }
