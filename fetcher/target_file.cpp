@@ -104,7 +104,7 @@ void removeLeftTargets(const std::string& path) {
   if (!entries) return;
   while (const dirent* entry = readdir(entries.get())) {
     struct stat status {};
-    if (!hasTheirForm(entry->d_name, base) ||
+    if ((entry->d_name != base && !hasTheirForm(entry->d_name, base)) ||
         fstatat(dirfd(entries.get()), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
       continue;
     }

@@ -24,8 +24,8 @@ base::UniqueFd createTargetFile(const std::string& path);
 /// @return false with errno
 bool renameOver(const std::string& from, const std::string& to);
 
-/// Removes temporary files of a killed process: the names that createTargetFile(path) uses for its
-/// work. Removes only files of this process's user.
+/// Removes temporary files of a killed process: the file at `path`, and the names that
+/// createTargetFile(path) uses for its work. Removes only regular files of this process's user.
 void removeLeftTargets(const std::string& path);
 
 }  // namespace fetcher

@@ -117,10 +117,20 @@ TEST_F(TargetFile, LeftOnTheWayIsRemovedIfItIsOurs) {
   ASSERT_EQ(chown(theirs.c_str(), kStranger, kStranger), 0);
   fetcher::removeLeftTargets(kFile);
   EXPECT_FALSE(fs::exists(ours));
-  for (const std::string& name : {theirs, ours + "0", std::string(kFile)}) {
-    EXPECT_TRUE(fs::exists(name)) << name;
-  }
+  EXPECT_FALSE(fs::exists(kFile)) << "half a download";
+  for (const std::string& name : {theirs, ours + "0"}) EXPECT_TRUE(fs::exists(name)) << name;
   EXPECT_TRUE(fs::is_symlink(link));
+}
+
+TEST_F(TargetFile, OfAnotherKindOrUserStaysWhenWhatIsLeftIsRemoved) {
+  fs::create_symlink("/tmp/victim", kFile);
+  fetcher::removeLeftTargets(kFile);
+  EXPECT_TRUE(fs::is_symlink(kFile));
+  fs::remove(kFile);
+  writeFile(kFile, "theirs");
+  ASSERT_EQ(chown(kFile, kStranger, kStranger), 0);
+  fetcher::removeLeftTargets(kFile);
+  EXPECT_TRUE(fs::exists(kFile));
 }
 
 }  // namespace
