@@ -154,6 +154,8 @@ std::string transfer(FetchProcess& process, int file, const SwitchedTransfer& sw
     return error;
   }
   responseCode = result->responseCode;
+  // A process that lives could change the file after the check, and the script in force after that.
+  if (!process.isGone()) return "the fetch process does not end";
   return judge(*result, file);
 }
 

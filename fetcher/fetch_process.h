@@ -57,6 +57,9 @@ class FetchProcess {
   /// Kills the child unless it has ended, and waits for its end. @return how it ended, for the log
   std::string end() { return mChild->end(); }
 
+  /// @return whether end() has seen the child's end. Only then nobody else can write to the file
+  bool isGone() const { return mChild->isGone(); }
+
   /// The daemon's end of the socket pair. A shutdown() of this socket, on any thread, ends a
   /// receive.
   int socket() const { return mSocket.get(); }

@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "fetcher/child/transfer.h"
@@ -64,6 +65,17 @@ base::UniqueFd receiveFile() {
   return base::UniqueFd(fd);
 }
 
+/// The certificates that libcurl was built to read. Administrators replace the file by a link.
+std::vector<const char*> certificates() {
+  std::vector<const char*> paths;
+  const curl_version_info_data* const build = curl_version_info(CURLVERSION_NOW);
+  if (build == nullptr || build->age < CURLVERSION_SEVENTH) return paths;
+  for (const char* path : {build->cainfo, build->capath}) {
+    if (path != nullptr) paths.push_back(path);
+  }
+  return paths;
+}
+
 }  // namespace
 
 int main() {
@@ -77,7 +89,8 @@ int main() {
   curl_global_init(CURL_GLOBAL_ALL);
   CURL* const handle = curl_easy_init();
   if (handle == nullptr) ready.state = fetcher::FetchReady::State::noHandle;
-  if (const auto failure = fetch_child::raiseWalls(fetcher::kMostScriptBytes, ready.limitsFiles)) {
+  if (const auto failure =
+          fetch_child::raiseWalls(fetcher::kMostScriptBytes, certificates(), ready.limitsFiles)) {
     ready.state = fetcher::FetchReady::State::noWalls;
     ready.problem = *failure;
   }

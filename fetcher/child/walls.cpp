@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -12,6 +13,10 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <ctime>
+#include <iterator>
+#include <utility>
+#include <vector>
 
 #include "sandbox/file_access.h"
 
@@ -29,9 +34,15 @@ using sandbox::Failure;
 // that look up names; a certificate chain of 10 MiB, read and parsed. If a server sends headers
 // without end, the process reaches the limit, and the transfer fails.
 constexpr rlim_t kAddressSpaceBytes = rlim_t{160} << 20U;
+// The stack of a thread that looks up a name. The C library else takes the stack limit of the
+// daemon, which may be a large part of the address space.
+constexpr std::size_t kThreadStackBytes = std::size_t{1} << 20U;
 // Limit of processor time. A whole download takes 0.05 s, on a slow device 1 s.
 constexpr rlim_t kCpuSeconds = 10;
 constexpr rlim_t kDescriptors = 64;
+// The process ends itself after this time, even if the daemon may not kill it: root without
+// CAP_KILL. It is longer than a transfer and the daemon's own limit for it.
+constexpr time_t kOwnEndSeconds = 31;
 
 // The files that a network client reads: certificates, the configuration of names, shared
 // libraries.
@@ -67,6 +78,13 @@ using sandbox::kInt;
 using sandbox::masked;
 using sandbox::SystemCalls;
 
+constexpr std::uint64_t kSocketType = kInt & ~std::uint64_t{SOCK_CLOEXEC | SOCK_NONBLOCK};
+
+/// Argument number `argument`, an int, is `value`.
+scmp_arg_cmp isInt(unsigned argument, int value) {
+  return masked(argument, kInt, static_cast<std::uint32_t>(value));
+}
+
 void allowMemory(SystemCalls& list) {
   // A shared library of the name service is mapped to be run, from a file and never writable.
   constexpr std::uint64_t kWriteAndRun = PROT_WRITE | PROT_EXEC;
@@ -89,27 +107,40 @@ void allowThreads(SystemCalls& list) {
                                     CLONE_SIGHAND | CLONE_THREAD | CLONE_SETTLS |
                                     CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
   list.allow(SCMP_SYS(clone), {masked(0, kInt, kThread)}).refuse(SCMP_SYS(clone3), ENOSYS);
-  for (const int call : {SCMP_SYS(futex), SCMP_SYS(futex_time64), SCMP_SYS(set_robust_list),
-                         SCMP_SYS(rseq), SCMP_SYS(gettid), SCMP_SYS(getpid), SCMP_SYS(exit),
-                         SCMP_SYS(exit_group), SCMP_SYS(restart_syscall), SCMP_SYS(rt_sigaction),
-                         SCMP_SYS(rt_sigprocmask), SCMP_SYS(rt_sigreturn), SCMP_SYS(sigreturn),
-                         SCMP_SYS(sched_yield), SCMP_SYS(sched_getaffinity)}) {
+  for (const int call :
+       {SCMP_SYS(futex), SCMP_SYS(futex_time64), SCMP_SYS(set_robust_list), SCMP_SYS(rseq),
+        SCMP_SYS(gettid), SCMP_SYS(getpid), SCMP_SYS(exit), SCMP_SYS(exit_group),
+        SCMP_SYS(restart_syscall), SCMP_SYS(rt_sigaction), SCMP_SYS(rt_sigprocmask),
+        SCMP_SYS(rt_sigreturn), SCMP_SYS(sigreturn), SCMP_SYS(sched_yield)}) {
     list.allow(call);
+  }
+  // The allocator counts the processors of this process. Another number is another process.
+  list.allow(SCMP_SYS(sched_getaffinity), {isInt(0, 0)});
+}
+
+/// TCP and UDP, and no other protocol of the internet: a kernel has many, and few are ever used.
+void allowInternetSockets(SystemCalls& list) {
+  for (const int family : {AF_INET, AF_INET6}) {
+    for (const auto& [type, protocol] :
+         {std::pair{SOCK_STREAM, IPPROTO_TCP}, std::pair{SOCK_DGRAM, IPPROTO_UDP}}) {
+      // Protocol 0 is the usual one of the type.
+      for (const int number : {0, static_cast<int>(protocol)}) {
+        list.allow(SCMP_SYS(socket),
+                   {isInt(0, family), masked(1, kSocketType, type), isInt(2, number)});
+      }
+    }
   }
 }
 
 void allowSockets(SystemCalls& list) {
-  for (const int family : {AF_INET, AF_INET6}) {
-    list.allow(SCMP_SYS(socket), {masked(0, kInt, static_cast<std::uint64_t>(family))});
-  }
+  allowInternetSockets(list);
   // The C library asks for this machine's addresses to sort the addresses of a name.
   list.allow(SCMP_SYS(socket), {masked(0, kInt, AF_NETLINK), masked(2, kInt, NETLINK_ROUTE)});
   // The message bus trusts the user of a connection, and this process may have the daemon's user.
   // So modules of the name service that ask a local service fail, and the next module is asked.
   list.refuse(SCMP_SYS(socket), EAFNOSUPPORT, {masked(0, kInt, AF_UNIX)});
   // libcurl wakes itself through a pair; a pair of streams can never be connected elsewhere.
-  constexpr std::uint64_t kKind = kInt & ~std::uint64_t{SOCK_CLOEXEC | SOCK_NONBLOCK};
-  list.allow(SCMP_SYS(socketpair), {masked(0, kInt, AF_UNIX), masked(1, kKind, SOCK_STREAM)});
+  list.allow(SCMP_SYS(socketpair), {isInt(0, AF_UNIX), masked(1, kSocketType, SOCK_STREAM)});
   for (const std::uint64_t level :
        {std::uint64_t{SOL_SOCKET}, std::uint64_t{IPPROTO_TCP}, std::uint64_t{IPPROTO_IP},
         std::uint64_t{IPPROTO_IPV6}, std::uint64_t{SOL_NETLINK}}) {
@@ -155,12 +186,16 @@ void allowFiles(SystemCalls& list) {
 }
 
 void allowTheRest(SystemCalls& list) {
-  for (const int call :
-       {SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64), SCMP_SYS(clock_getres),
-        SCMP_SYS(clock_nanosleep), SCMP_SYS(clock_nanosleep_time64), SCMP_SYS(nanosleep),
-        SCMP_SYS(gettimeofday), SCMP_SYS(time), SCMP_SYS(getrandom), SCMP_SYS(uname),
-        SCMP_SYS(sysinfo), SCMP_SYS(getuid), SCMP_SYS(geteuid), SCMP_SYS(getgid), SCMP_SYS(getegid),
-        SCMP_SYS(getuid32), SCMP_SYS(geteuid32), SCMP_SYS(getgid32), SCMP_SYS(getegid32)}) {
+  // A negative number is the processor clock of a process, which could be any process.
+  constexpr std::uint64_t kSign = std::uint64_t{1} << 31U;
+  for (const int call : {SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64), SCMP_SYS(clock_getres),
+                         SCMP_SYS(clock_nanosleep), SCMP_SYS(clock_nanosleep_time64)}) {
+    list.allow(call, {masked(0, kSign, 0)});
+  }
+  for (const int call : {SCMP_SYS(nanosleep), SCMP_SYS(gettimeofday), SCMP_SYS(time),
+                         SCMP_SYS(getrandom), SCMP_SYS(uname), SCMP_SYS(sysinfo), SCMP_SYS(getuid),
+                         SCMP_SYS(geteuid), SCMP_SYS(getgid), SCMP_SYS(getegid), SCMP_SYS(getuid32),
+                         SCMP_SYS(geteuid32), SCMP_SYS(getgid32), SCMP_SYS(getegid32)}) {
     list.allow(call);
   }
 }
@@ -183,9 +218,33 @@ Failure allowOnlyWhatADownloadNeeds() {
 
 #endif
 
+Failure limitThreadStacks() {
+  if constexpr (PROXYMANAGER_SANITIZED) return {};  // whose threads need more
+  pthread_attr_t attributes;
+  errno = pthread_attr_init(&attributes);
+  if (errno == 0) errno = pthread_attr_setstacksize(&attributes, kThreadStackBytes);
+  if (errno == 0) errno = pthread_setattr_default_np(&attributes);
+  if (errno != 0) return sandbox::failed("stack of threads");
+  pthread_attr_destroy(&attributes);
+  return {};
+}
+
+/// The kernel sends the signal, so no permission is needed, and SIGKILL cannot be ignored or
+/// blocked. No call on the list changes a timer.
+Failure limitTime() {
+  sigevent end{};
+  end.sigev_notify = SIGEV_SIGNAL;
+  end.sigev_signo = SIGKILL;
+  timer_t timer{};
+  if (timer_create(CLOCK_MONOTONIC, &end, &timer) != 0) return sandbox::failed("timer_create");
+  const itimerspec once{{}, {kOwnEndSeconds, 0}};
+  if (timer_settime(timer, 0, &once, nullptr) != 0) return sandbox::failed("timer_settime");
+  return {};
+}
+
 }  // namespace
 
-Failure raiseWalls(rlim_t fileBytes, bool& limitsFiles) {
+Failure raiseWalls(rlim_t fileBytes, std::span<const char* const> certificates, bool& limitsFiles) {
   const sandbox::Limit limits[] = {
     {RLIMIT_CORE, 0, "RLIMIT_CORE"},
     {RLIMIT_FSIZE, fileBytes, "RLIMIT_FSIZE"},
@@ -197,12 +256,16 @@ Failure raiseWalls(rlim_t fileBytes, bool& limitsFiles) {
 #endif
   };
   sandbox::volunteerForOutOfMemory();
+  if (auto failure = limitThreadStacks()) return failure;
+  if (auto failure = limitTime()) return failure;
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::keep)) return failure;
   // A transfer does not read its socket, so this signal ends it with the thread that waits for it.
   // It comes after the change of user, because that change cancels the setting.
   if (prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0) != 0) return sandbox::failed("death signal");
   if (auto failure = sandbox::limitResources(limits)) return failure;
-  if (auto failure = sandbox::readOnly(kReadable, limitsFiles)) return failure;
+  std::vector<const char*> readable(std::begin(kReadable), std::end(kReadable));
+  readable.insert(readable.end(), certificates.begin(), certificates.end());
+  if (auto failure = sandbox::readOnly(readable, limitsFiles)) return failure;
   return allowOnlyWhatADownloadNeeds();
 }
 

@@ -1,12 +1,13 @@
-"""Who the script's worker is where its starter is a root of few privileges."""
+"""Who the script's worker and the fetch process are if their starter is a root of few privileges."""
 
 import contextlib
 import os
 import subprocess
 
 import pytest
-from support.bus import LIMIT, wait_until
-from support.daemon import lives
+from support.bus import LIMIT, Client, wait_until
+from support.daemon import Daemon, lives, make_watched_files
+from support.web import Held, script
 
 
 QUESTIONS = 12  # of 5 s each, which is how long the worker lives
@@ -20,6 +21,11 @@ def children(pid):
 def field(pid, name):
     with open(f"/proc/{pid}/status") as status:
         return next(line.split(":", 1)[1].split() for line in status if line.startswith(name + ":"))
+
+
+def without_capabilities(names):
+    """A wrapper. The bounding set limits the capabilities that root gets at the start of a program."""
+    return ["setpriv", "--bounding-set", f"-{names}", "--inh-caps", f"-{names}"]
 
 
 @contextlib.contextmanager
@@ -44,9 +50,7 @@ def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
         pytest.skip("needs a root to take privileges from")
     with open("/run/loop.pac", "w") as file:
         file.write("function FindProxyForURL() { for (;;); }\n")
-    # The bounding set limits the capabilities that root gets at the start of a program.
-    with asking(build, "setpriv", "--bounding-set", f"-{without}", "--inh-caps",
-                f"-{without}") as worker:
+    with asking(build, *without_capabilities(without)) as worker:
         if not sanitizer:  # whose workers have no system call filter
             wait_until(lambda: field(worker, "Seccomp") == ["2"], "its walls stand")
         wait_until(lambda: "0" not in field(worker, "Uid"), "it is not root")
@@ -73,3 +77,24 @@ def test_the_worker_of_root_is_nobody_whoever_has_an_account(build):
         assert field(worker, "Gid") == ["65534"] * 4
         with open(f"/proc/{worker}/oom_score_adj") as file:
             assert file.read().strip() == "1000"
+
+
+def test_the_fetch_process_is_nobody_and_its_script_is_used_without_cap_kill(build, sanitizer, syslog,
+                                                                            bus, web):
+    if os.geteuid() != 0:
+        pytest.skip("needs a root to take privileges from")
+    make_watched_files()
+    daemon = Daemon(build, wrapper=without_capabilities("kill"))
+    held = web.routes["/x.pac"] = Held(script("PROXY x:1"))
+    with Client() as client:
+        client.update("pacurl", pacurl=web.url("/x.pac"))
+        web.wait("/x.pac")
+        (fetch,) = daemon.children()
+        assert field(fetch, "Uid") == ["65534"] * 4
+        assert int(field(fetch, "CapEff")[0], 16) == int(field(fetch, "CapPrm")[0], 16) == 0
+        if not sanitizer:  # whose fetch processes have no system call filter
+            assert field(fetch, "Seccomp") == ["2"]
+        held.release()
+        wait_until(lambda: client.urls("http://a/") == ["pacurl", "PROXY x:1"], "the script answers")
+        assert not lives(fetch)
+    daemon.close()

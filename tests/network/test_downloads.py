@@ -3,6 +3,7 @@ does, whole; no temporary file is left; the log says which."""
 
 import gzip
 import os
+import shutil
 import socket
 import time
 
@@ -195,6 +196,17 @@ def test_servers_have_to_be_who_they_say(online, client, syslog):
                     "https://secure.office.example:8443/x.pac",  # expired
                     "https://secure.office.example:9443/x.pac"):  # an authority nobody knows
         downloads.fails(refused, "false", 0)
+
+
+def test_certificates_may_be_a_link_to_another_place(online, client, syslog):
+    online.start_nginx(trusted_authority())
+    online.serve("secure.office.example", "/x.pac", "PROXY secure:1")
+    bundle = "/etc/ssl/certs/ca-certificates.crt"
+    os.makedirs("/run/certificates")
+    shutil.move(bundle, "/run/certificates/all.pem")
+    os.symlink("/run/certificates/all.pem", bundle)
+    Downloads(online, client, syslog).installs("https://secure.office.example/x.pac",
+                                               script("PROXY secure:1"), "PROXY secure:1")
 
 
 def test_addresses_and_names_of_all_kinds(online, client, syslog):

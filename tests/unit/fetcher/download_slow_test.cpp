@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 
 #include <chrono>
 #include <filesystem>
@@ -6,6 +8,7 @@
 #include <thread>
 
 #include "fetcher/download.h"
+#include "fetcher/fetch_process.h"
 #include "fetcher/pac_fetcher.h"
 #include "tests/support/http_server.h"
 #include "tests/support/once_of_five.h"
@@ -55,3 +58,18 @@ TEST_P(SlowProcess, IsKilledAfterThirtySecondsAndAHalfAtMost) {
 
 INSTANTIATE_TEST_SUITE_P(Hostile, SlowProcess, testing::Values("hang", "result_and_stay"),
                          [](const auto& test) { return std::string(test.param); });
+
+// As with a root that lacks CAP_KILL: nobody kills the process, and its parent lives on.
+TEST(UnkilledProcess, EndsItselfIfTheDaemonMayNotKillIt) {
+  enterOwnRoot();
+  std::string problem;
+  const auto process = fetcher::FetchProcess::start(HOSTILE_FETCH, problem);
+  ASSERT_NE(process, nullptr) << problem;
+  const auto begin = std::chrono::steady_clock::now();
+  process->send({30, 512000, 5, "hang"});
+  process->sendFile(1);
+  siginfo_t info{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(process->pid()), &info, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(info.si_status, SIGKILL);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+}

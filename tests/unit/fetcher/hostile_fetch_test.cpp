@@ -1,15 +1,26 @@
 // A fetch process that an attacker has taken over: what its packets can do to the daemon, and what
 // its walls still allow. Each attack is a failed download, and nothing else.
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -125,12 +136,34 @@ TEST_P(KillingWall, EndsTheProcess) {
   EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "signal " + std::to_string(SIGSYS) + ")"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Fetch, KillingWall,
-                         testing::Values("longer_file", "fork", "vfork", "exec", "kill_parent",
-                                         "ptrace", "read_parent", "raw_socket", "other_netlink",
-                                         "datagram_pair", "listen", "executable_memory",
-                                         "memory_file", "setuid", "unshare", "write_open", "chmod",
-                                         "unlink"),
+constexpr const char* kKilled[] = {"longer_file",
+                                   "fork",
+                                   "vfork",
+                                   "exec",
+                                   "kill_parent",
+                                   "ptrace",
+                                   "read_parent",
+                                   "raw_socket",
+                                   "other_netlink",
+                                   "multipath",
+                                   "udp_lite",
+                                   "ping",
+                                   "cpu_time_of_others",
+                                   "processors_of_others",
+                                   "timer",
+                                   "datagram_pair",
+                                   "listen",
+                                   "executable_memory",
+                                   "memory_file",
+                                   "setuid",
+                                   "unshare",
+                                   "write_open",
+                                   "chmod",
+                                   "unlink"};
+constexpr const char* kRefused[] = {"bus",    "read_passwd", "read_parents_memory",
+                                    "memory", "descriptors", "thread"};
+
+INSTANTIATE_TEST_SUITE_P(Fetch, KillingWall, testing::ValuesIn(kKilled),
                          [](const auto& test) { return std::string(test.param); });
 
 class RefusingWall : public HostileFetch, public testing::WithParamInterface<const char*> {};
@@ -141,10 +174,41 @@ TEST_P(RefusingWall, StandsInTheWay) {
   EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "exit 40)"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Fetch, RefusingWall,
-                         testing::Values("bus", "read_passwd", "read_parents_memory", "memory",
-                                         "descriptors", "thread"),
+INSTANTIATE_TEST_SUITE_P(Fetch, RefusingWall, testing::ValuesIn(kRefused),
                          [](const auto& test) { return std::string(test.param); });
+
+TEST_F(HostileFetch, HasRoomForThreadsWhateverStackTheDaemonHas) {
+  const rlimit large{rlim_t{512} << 20U, RLIM_INFINITY};
+  if (setrlimit(RLIMIT_STACK, &large) != 0) GTEST_SKIP() << "this machine has a lower hard limit";
+  expectFailedDownload("thread", kNoResult);
+  EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "exit 40)"));
+}
+
+/// Takes a capability from this thread, or gives it back, while the process may have it.
+bool setCapability(unsigned capability, bool present) {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
+  if (syscall(SYS_capget, &header, sets) != 0) return false;
+  const std::uint32_t bit = 1U << capability;
+  sets[0].effective = present ? sets[0].effective | bit : sets[0].effective & ~bit;
+  return syscall(SYS_capset, &header, sets) == 0;
+}
+
+TEST_F(HostileFetch, ThatCannotBeKilledLosesItsDownload) {
+  ASSERT_TRUE(setCapability(CAP_KILL, false));
+  const auto result = take("result_and_live_on");
+  ASSERT_TRUE(setCapability(CAP_KILL, true));
+  EXPECT_FALSE(result.success);
+  EXPECT_EQ(result.error, "the fetch process does not end");
+  EXPECT_FALSE(fs::exists(kTarget));
+  pid_t alive = 0;
+  std::ifstream("/proc/thread-self/children") >> alive;
+  ASSERT_GT(alive, 0);
+  EXPECT_TRUE(logged(LOG_WARNING,
+                     "sandbox: process " + std::to_string(alive) + " was killed and does not end"));
+  EXPECT_EQ(kill(alive, SIGKILL), 0);
+  EXPECT_EQ(waitpid(alive, nullptr, 0), alive);
+}
 
 TEST_F(HostileFetch, CannotMakeTheFileLongerThanAScript) {
   const auto result = take("fill_file");
@@ -203,6 +267,82 @@ TEST_F(LiveFetch, HasOneDescriptorBeyondTheStandardThree) {
   }
   ASSERT_EQ(beyond.size(), 1u);
   EXPECT_THAT(beyond.front(), testing::StartsWith("socket:"));
+}
+
+/// A daemon with a user of its own, in a process that stays so.
+class FetchOfAServiceUser : public HostileFetch {
+ protected:
+  void SetUp() override {
+    constexpr uid_t kServiceUser = 4711;
+    // The folder of the build may be root's alone.
+    fs::copy_file(HOSTILE_FETCH, mProgram);
+    if (setgroups(0, nullptr) != 0 || setresgid(kServiceUser, kServiceUser, kServiceUser) != 0 ||
+        setresuid(kServiceUser, kServiceUser, kServiceUser) != 0) {
+      GTEST_SKIP() << "this machine gives no second user";
+    }
+    ASSERT_EQ(prctl(PR_SET_DUMPABLE, 0), 0);  // as the daemon does
+  }
+
+  /// @return the line of the log about the end of a fetch process that did `step`
+  std::string endOf(const std::string& step) const {
+    clearLog();
+    EXPECT_FALSE(fetcher::download(step, kTarget, {nullptr, mProgram}).success);
+    for (const LogLine& line : logLines()) {
+      if (line.text.starts_with(kNoResult)) return line.text.substr(kNoResult.size());
+    }
+    return {};
+  }
+
+  const std::string mProgram = "/usr/local/proxymanager-fetch-hostile";
+};
+
+TEST_F(FetchOfAServiceUser, MeetsTheSameWalls) {
+  for (const char* step : kKilled) {
+    EXPECT_EQ(endOf(step), "signal " + std::to_string(SIGSYS) + ")") << step;
+  }
+  for (const char* step : kRefused) EXPECT_EQ(endOf(step), "exit 40)") << step;
+}
+
+TEST_F(FetchOfAServiceUser, HasNoPrivilegeThatTheKernelShows) {
+  std::string problem;
+  const auto process = fetcher::FetchProcess::start(mProgram, problem);
+  ASSERT_NE(process, nullptr) << problem;
+  ASSERT_TRUE(process->receiveReady(std::chrono::steady_clock::now() + std::chrono::seconds(60)));
+  const std::string status = readFile("/proc/" + std::to_string(process->pid()) + "/status");
+  for (const char* line :
+       {"Uid:\t4711\t4711\t4711\t4711\n", "Gid:\t4711\t4711\t4711\t4711\n",
+        "CapInh:\t0000000000000000\n", "CapPrm:\t0000000000000000\n", "CapEff:\t0000000000000000\n",
+        "CapAmb:\t0000000000000000\n", "NoNewPrivs:\t1\n", "Seccomp:\t2\n"}) {
+    EXPECT_THAT(status, testing::HasSubstr(line));
+  }
+}
+
+/// From here on, this process and its children see a kernel without Landlock.
+void hideLandlock() {
+  sock_filter lines[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_landlock_create_ruleset, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog program{std::size(lines), lines};
+  ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
+  ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program), 0);
+}
+
+TEST_F(FetchOfAServiceUser, WithoutLandlockReadsFilesButNotTheMemoryOfTheDaemon) {
+  hideLandlock();
+  EXPECT_EQ(fetcher::download("read_passwd", kTarget, {nullptr, mProgram}).error, "survived");
+  EXPECT_EQ(endOf("read_parents_memory"), "exit 40)");
+}
+
+TEST_F(HostileFetch, OfAKernelWithoutLandlockIsNamedOnceInTheLog) {
+  hideLandlock();
+  for (int i = 0; i < 2; ++i) take("nothing");
+  EXPECT_EQ(countLog(LOG_NOTICE,
+                     "fetcher: the kernel has no Landlock, the fetch process can read what its "
+                     "user can"),
+            1);
 }
 
 #endif

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <string>
@@ -27,6 +28,9 @@ using fetcher::FetchResult;
 
 // Read before the walls, which do not allow this call.
 const pid_t kParent = getppid();
+
+// Headers of the C library may not have the number.
+constexpr long kMultipathTcp = 262;
 
 const FetchResult kLie{true, 200, "HTTP", ""};
 
@@ -79,6 +83,13 @@ const std::map<std::string, std::function<void(int file)>>& steps() {
          sendRaw(encode(kLie));
          hang();
        }},
+      // The daemon reads a result and the end of the socket; the process goes on.
+      {"result_and_live_on",
+       [](int) {
+         sendRaw(encode(kLie));
+         close(fetcher::kFetchSocket);
+         hang();
+       }},
       {"hang", [](int) { hang(); }},
       {"spin",
        [](int) {
@@ -109,6 +120,20 @@ const std::map<std::string, std::function<void(int file)>>& steps() {
       {"read_parent", [](int) { call(SYS_process_vm_readv, kParent); }},
       {"raw_socket", [](int) { call(SYS_socket, AF_PACKET, SOCK_RAW); }},
       {"other_netlink", [](int) { call(SYS_socket, AF_NETLINK, SOCK_RAW, NETLINK_AUDIT); }},
+      {"multipath", [](int) { call(SYS_socket, AF_INET, SOCK_STREAM, kMultipathTcp); }},
+      {"udp_lite", [](int) { call(SYS_socket, AF_INET6, SOCK_DGRAM, IPPROTO_UDPLITE); }},
+      {"ping", [](int) { call(SYS_socket, AF_INET, SOCK_DGRAM, IPPROTO_ICMP); }},
+      {"cpu_time_of_others",
+       [](int) {
+         timespec time{};
+         call(SYS_clock_gettime, ~1L << 3 | 2, pointer(&time));
+       }},
+      {"processors_of_others",
+       [](int) {
+         cpu_set_t processors{};
+         call(SYS_sched_getaffinity, kParent, sizeof processors, pointer(&processors));
+       }},
+      {"timer", [](int) { call(SYS_timer_delete, 0); }},
       {"datagram_pair", [](int) { call(SYS_socketpair, AF_UNIX, SOCK_DGRAM); }},
       {"listen", [](int) { call(SYS_listen, fetcher::kFetchSocket, 1); }},
       {"executable_memory",
