@@ -13,6 +13,7 @@
 set -eu
 umask 022
 export LC_ALL=C TZ=UTC
+unset TAR_OPTIONS GZIP
 
 folder=$(realpath "${1:-.}")
 cd "$(dirname "$0")/.."

@@ -6,10 +6,11 @@ usage: licences.py TREE | --self-test
 - `reuse lint` finds a licence and a copyright holder for each file (.reuse/dep5, LICENSES/).
 - packaging/debian/copyright states the licence of our own files in the words of
   LICENSES/LicenseRef-Undecided.txt, so that the owner decides in one place.
-- packaging/debian/copyright names each library that the packages are built with and that has no
-  shared object: its code is in our programs.
+- packaging/debian/copyright names each library that the packages are built with and whose shared
+  object no program uses (docs/security/sbom.cdx.json), or that has none: its code is in our programs.
 """
 
+import json
 import os
 import pathlib
 import re
@@ -18,6 +19,7 @@ import sys
 import tempfile
 
 COPYRIGHT = "packaging/debian/copyright"
+SBOM = "docs/security/sbom.cdx.json"
 SENTENCE = "LICENSES/LicenseRef-Undecided.txt"
 
 
@@ -40,15 +42,28 @@ def own_licence(copyright_text):
     return words(found[1]) if found else ""
 
 
-def without_shared_object(tree):
-    """The libraries among the packages of Build-Depends that are code in headers or archives."""
+def shared_objects(files):
+    """The names under which programs load the libraries of a package, by the links for the linker."""
+    for link in re.findall(r"^.*\.so$", files, re.MULTILINE):
+        content = pathlib.Path(link).read_bytes()
+        if not content.startswith(b"\x7fELF"):  # a script of the linker
+            yield from re.findall(r"[^/ ]+\.so\.[0-9]+", content.decode())
+            continue
+        dynamic = subprocess.run(["readelf", "-dW", link], check=True, capture_output=True, text=True)
+        yield from re.findall(r"\(SONAME\).*\[(.*)\]", dynamic.stdout)
+
+
+def compiled_in(tree):
+    """The libraries among the packages of Build-Depends whose code is in our programs."""
+    sbom = json.loads((tree / SBOM).read_text(encoding="utf-8"))
+    loaded = {component["name"] for component in sbom["components"]}
     listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout
     names = [line.split()[0] for line in listed.splitlines()]
     for name in (name for name in names if name.endswith("-dev") and name != "dpkg-dev"):
         files = subprocess.run(["dpkg", "-L", name], check=False, capture_output=True, text=True)
         # A package that is not installed is one that the build has an alternative for.
-        if files.returncode == 0 and not re.search(r"\.so$", files.stdout, re.MULTILINE):
+        if files.returncode == 0 and loaded.isdisjoint(shared_objects(files.stdout)):
             yield name
 
 
@@ -57,7 +72,7 @@ def findings(tree):
     sentence = words((tree / SENTENCE).read_text(encoding="utf-8"))
     if own_licence(text) != sentence:
         yield f"{COPYRIGHT} does not have the words of {SENTENCE}"
-    for name in [*without_shared_object(tree), "quickjs-ng"]:
+    for name in [*compiled_in(tree), "quickjs-ng"]:
         if not re.search(rf"^Files: linked/{re.escape(name)}$", text, re.MULTILINE):
             yield f"{COPYRIGHT} does not name {name}, which is part of our programs"
     if complaint := lint(tree):

@@ -32,6 +32,7 @@ copy "$work/a longer/place/two" @1500000000
 printf '[tar]\n  umask = 0077\n[core]\n  autocrlf = true\n' >"$work/home/.gitconfig"
 cache=$(dirname "$engine")
 (cd / && HOME=$work/home PROXYMANAGER_ENGINE_CACHE=$cache TZ=America/Caracas LC_ALL=C LANGUAGE=de \
+  GZIP=--rsyncable TAR_OPTIONS=--exclude-vcs-ignores \
   "$work/a longer/place/two/packaging/make_source_tarball.sh" "$work/second")
 
 (cd "$work/first" && ls && sha256sum --check --quiet SHA256SUMS)
