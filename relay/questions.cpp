@@ -1,5 +1,6 @@
 #include "relay/questions.h"
 
+#include <algorithm>
 #include <new>
 
 namespace relay {
@@ -64,10 +65,14 @@ Task<Answer> Questions::ask(std::string url, uid_t user) {
   if (known == nullptr) {
     known = std::make_shared<Question>();
     known->url = std::move(url);
-    mTurns[user].push_back(known);
     mWaiting++;
   }
   const auto question = known;
+  auto& users = question->users;
+  if (!question->isTaken && std::find(users.begin(), users.end(), user) == users.end()) {
+    users.push_back(user);
+    mTurns[user].push_back(question);
+  }
   Event done(mLoop);
   question->events.push_back(&done);
   sendMore();
@@ -83,16 +88,19 @@ void Questions::sendMore() {
   while (mAsked < kMaxAsked && !mTurns.empty()) {
     auto turn = mTurns.upper_bound(mLastUser);
     if (turn == mTurns.end()) turn = mTurns.begin();
-    mLastUser = turn->first;
+    const auto user = turn->first;
     const auto question = turn->second.front();
     turn->second.pop_front();
     if (turn->second.empty()) mTurns.erase(turn);
+    if (question->isTaken) continue;
+    question->isTaken = true;
     mWaiting--;
     // No request waits for this question any more.
     if (question->events.empty()) {
       mQuestions.erase(question->url);
       continue;
     }
+    mLastUser = user;
     send(question);
   }
 }

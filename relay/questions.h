@@ -3,7 +3,8 @@
 // The client library remembers answers, and a remembered answer needs no call. The other questions
 // wait in a queue. The relay sends at most kMaxAsked of them to the daemon at a time, and sends
 // equal questions once. The queue is round robin over users: so one user with a thousand
-// connections cannot use up the number of questions that the daemon accepts from the relay.
+// connections cannot use up the number of questions that the daemon accepts from the relay. A
+// question of two users stands in the queues of both, and goes at the earlier turn.
 #pragma once
 
 #include <proxymanager/client.h>
@@ -13,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "relay/entry.h"
 #include "relay/loop.h"
@@ -48,6 +50,8 @@ class Questions {
  private:
   struct Question {
     std::string url;
+    std::vector<uid_t> users;  ///< in whose queues it stands
+    bool isTaken = false;      ///< from one of these queues; the others skip it
     bool isDone = false;
     Answer answer;
     std::vector<Event*> events;
