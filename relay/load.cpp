@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "base/small_file.h"
+#include "relay/peer.h"
 #include "relay/relay.h"
 
 namespace relay {
@@ -27,6 +28,25 @@ std::vector<Problem> loadCredentials(Configured& configured) {
   return std::move(read.problems);
 }
 
+/// Adds a problem for each unknown name in deny-users, and a warning for each in the other lists.
+void checkUsers(Configured& configured, std::vector<Problem>& problems) {
+  const auto& configuration = configured.configuration;
+  const auto unknown = [](const char* key, const std::vector<std::string>& names) {
+    std::vector<std::string> texts;
+    for (const auto& name : unknownUsers(names)) {
+      texts.push_back(std::string(key) + ": no user or group is named \"" + name + "\"");
+    }
+    return texts;
+  };
+  for (auto& text : unknown("deny-users", configuration.denyUsers)) {
+    problems.push_back({0, std::move(text)});
+  }
+  configured.warnings = unknown("allow-users", configuration.allowUsers);
+  for (auto& text : unknown("credentials-for", configuration.credentialsFor)) {
+    configured.warnings.push_back(std::move(text));
+  }
+}
+
 }  // namespace
 
 std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured) {
@@ -35,6 +55,7 @@ std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured
   if (file.failure) return {{0, problemText(file.failure)}};
   auto read = readConfiguration(file.text);
   configured.configuration = std::move(read.configuration);
+  checkUsers(configured, read.problems);
   if (!read.problems.empty() || configured.configuration.credentialsFile.empty()) {
     return std::move(read.problems);
   }

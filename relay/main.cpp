@@ -120,6 +120,10 @@ int main(int argc, char** argv) {
                 relay::load(options.configuration, !options.isConfigurationNamed, configured))) {
       return EXIT_FAILURE;
     }
+    for (const auto& warning : configured.warnings) {
+      logLine(LOG_WARNING, "relay: configuration: %s",
+              base::visible(options.configuration + ": " + warning).c_str());
+    }
     if (checks) return EXIT_SUCCESS;
     auto sockets = relay::listen(options.listen);
     if (const auto failure = relay::raiseWalls()) throw std::runtime_error(*failure);

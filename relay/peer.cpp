@@ -62,6 +62,12 @@ bool isLoopback(const sockaddr* address) {
 bool isOwnOrLinkLocal(const sockaddr* address) {
   unsigned char bytes[16];
   if (!addressBytes(address, bytes) || isLoopback(address)) return true;
+  if (inNetwork("64:ff9b::/96", bytes)) {
+    // A translator connects to the IPv4 address in the last 32 bits (RFC 6052).
+    std::memset(bytes, 0, 10);
+    bytes[10] = bytes[11] = 0xFF;
+    if (inNetwork("127.0.0.0/8", bytes) || inNetwork("0.0.0.0/8", bytes)) return true;
+  }
   if (inNetwork("169.254.0.0/16", bytes) || inNetwork("fe80::/10", bytes)) return true;
   ifaddrs* found = nullptr;
   // Without the list, any address could be one of this machine's.
@@ -99,7 +105,7 @@ Peer Peers::of(int fd) {
   }
   peer.isLocal = isLoopback(address);
   if (peer.isLocal) {
-    peer.user = ownerOf(there, here);
+    findOwner(there, here, peer);
     return peer;
   }
   peer.isAllowed = std::any_of(mAllowed.begin(), mAllowed.end(),
@@ -107,8 +113,7 @@ Peer Peers::of(int fd) {
   return peer;
 }
 
-uid_t Peers::ownerOf(const sockaddr_storage& peer, const sockaddr_storage& own) {
-  constexpr auto kUnknown = static_cast<uid_t>(-1);
+void Peers::findOwner(const sockaddr_storage& there, const sockaddr_storage& here, Peer& peer) {
   if (!mDiagnosis) {
     mDiagnosis.reset(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
   }
@@ -116,22 +121,23 @@ uid_t Peers::ownerOf(const sockaddr_storage& peer, const sockaddr_storage& own) 
   request.header.nlmsg_len = sizeof(request);
   request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
   request.header.nlmsg_flags = NLM_F_REQUEST;
-  request.request.sdiag_family = static_cast<__u8>(peer.ss_family);
+  request.request.sdiag_family = static_cast<__u8>(there.ss_family);
   request.request.sdiag_protocol = IPPROTO_TCP;
   request.request.idiag_states = ~0U;
-  setAddress(peer, request.request.id.idiag_src, request.request.id.idiag_sport);
-  setAddress(own, request.request.id.idiag_dst, request.request.id.idiag_dport);
+  setAddress(there, request.request.id.idiag_src, request.request.id.idiag_sport);
+  setAddress(here, request.request.id.idiag_dst, request.request.id.idiag_dport);
   request.request.id.idiag_cookie[0] = request.request.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
-  if (send(mDiagnosis.get(), &request, sizeof(request), 0) < 0) return kUnknown;
+  if (send(mDiagnosis.get(), &request, sizeof(request), 0) < 0) return;
   alignas(nlmsghdr) char reply[4096];
   // The kernel writes the reply during send().
   const auto got = recv(mDiagnosis.get(), reply, sizeof(reply), MSG_DONTWAIT);
   const auto* const header = reinterpret_cast<const nlmsghdr*>(reply);
-  if (got < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg)))) return kUnknown;
-  if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) return kUnknown;
+  if (got < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg)))) return;
+  if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) return;
   const auto* const found = reinterpret_cast<const inet_diag_msg*>(reply + NLMSG_LENGTH(0));
   // A socket that its program has closed has no inode. The kernel then reports root as its owner.
-  return found->idiag_inode == 0 ? kUnknown : found->idiag_uid;
+  peer.isGone = found->idiag_inode == 0;
+  if (!peer.isGone) peer.user = found->idiag_uid;
 }
 
 UserList::UserList(const std::vector<std::string>& names) : mIsEmpty(names.empty()) {
@@ -147,6 +153,16 @@ UserList::UserList(const std::vector<std::string>& names) : mIsEmpty(names.empty
       if (const auto* const user = getpwnam(*member)) mUsers.insert(user->pw_uid);
     }
   }
+}
+
+std::vector<std::string> unknownUsers(const std::vector<std::string>& names) {
+  std::vector<std::string> unknown;
+  for (const auto& name : names) {
+    const bool isKnown = name.front() == '@' ? getgrnam(name.c_str() + 1) != nullptr
+                                             : getpwnam(name.c_str()) != nullptr;
+    if (!isKnown) unknown.push_back(name);
+  }
+  return unknown;
 }
 
 bool UserList::has(uid_t user) {

@@ -17,6 +17,7 @@ namespace relay {
 struct Peer {
   uid_t user = static_cast<uid_t>(-1);  ///< the owner of the client's socket; -1: not known
   bool isLocal = true;                  ///< the client is on loopback or uses a Unix socket
+  bool isGone = false;                  ///< the client has closed the connection
   bool isAllowed = true;                ///< the address is loopback or in allow-from
 
   bool isKnown() const { return user != static_cast<uid_t>(-1); }
@@ -31,7 +32,7 @@ class Peers {
   Peer of(int fd);
 
  private:
-  uid_t ownerOf(const sockaddr_storage& peer, const sockaddr_storage& own);
+  void findOwner(const sockaddr_storage& there, const sockaddr_storage& here, Peer& peer);
 
   const std::vector<Network> mAllowed;
   base::UniqueFd mDiagnosis;
@@ -51,6 +52,9 @@ class UserList {
   std::set<gid_t> mGroups;
   std::map<uid_t, bool> mKnown;  ///< whose first group was looked up
 };
+
+/// The names of `names` ("user", "@group") that no user or group has.
+std::vector<std::string> unknownUsers(const std::vector<std::string>& names);
 
 /// The 16 bytes of an address as in Network. @return false if the family is not an IP family
 bool addressBytes(const sockaddr* address, unsigned char* bytes);

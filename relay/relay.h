@@ -18,10 +18,12 @@ inline constexpr int kEndSignals[] = {SIGTERM, SIGINT};
 struct Configured {
   Configuration configuration;
   std::vector<std::pair<std::string, Credentials>> credentials;  ///< by host, see readCredentials()
+  std::vector<std::string> warnings;  ///< for people; the configuration may be used nevertheless
 };
 
-/// Reads `path` and the credentials file that it names. If `mayBeMissing`, a missing `path` counts
-/// as an empty file. Throws only std::bad_alloc.
+/// Reads `path` and the credentials file that it names. A user or a group of deny-users that does
+/// not exist is a problem: the misspelt name would open the relay to the user who was meant. If
+/// `mayBeMissing`, a missing `path` counts as an empty file. Throws only std::bad_alloc.
 /// @return the problems; `configured` may be used only if there are none
 std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured);
 

@@ -28,6 +28,23 @@ def test_a_check_reports_problems_on_standard_error(build, own_network, syslog):
                           check=False).returncode == 0
 
 
+def test_an_unknown_user_opens_nothing_and_in_other_lists_is_a_warning(build, own_network, syslog):
+    relay = Relay(build, 'deny-users = ["nobodyy"]\n')
+
+    def check():
+        return subprocess.run([relay.path, f"--config={CONFIGURATION}", "--check"], text=True,
+                              capture_output=True, timeout=LIMIT, check=False)
+
+    assert check().returncode == 1
+    assert 'deny-users: no user or group is named "nobodyy"' in check().stderr
+    assert relay.launch().process.wait(LIMIT) == 1
+    relay.configure('allow-users = ["root", "@nogroupp"]\ndeny-users = ["nobody", "@games"]\n'
+                    'credentials-for = ["nobodyy"]\n')
+    assert check().returncode == 0
+    assert 'allow-users: no user or group is named "@nogroupp"' in check().stderr
+    assert 'credentials-for: no user or group is named "nobodyy"' in check().stderr
+
+
 def test_an_address_that_is_none_ends_the_start(build, own_network, syslog):
     relay = Relay(build, listen=("127.0.0.1",)).launch()
     assert relay.process.wait(LIMIT) == 1

@@ -39,6 +39,7 @@ TEST(Peers, KnowTheOwnerOfALoopbackSocket) {
   EXPECT_TRUE(peer.isLocal);
   EXPECT_TRUE(peer.isAllowed);
   EXPECT_EQ(peer.user, geteuid());
+  EXPECT_FALSE(peer.isGone);
 }
 
 TEST(Peers, DoNotKnowTheOwnerOfASocketThatWasClosed) {
@@ -46,6 +47,19 @@ TEST(Peers, DoNotKnowTheOwnerOfASocketThatWasClosed) {
   pair.client.reset();
   Peers peers({});
   EXPECT_FALSE(peers.of(pair.server.get()).isKnown());
+  EXPECT_TRUE(peers.of(pair.server.get()).isGone);
+}
+
+TEST(Peers, KnowTheOwnerOfASocketThatSendsNoMore) {
+  const auto pair = connected("127.0.0.1");
+  shutdown(pair.client.get(), SHUT_WR);
+  Peers peers({});
+  EXPECT_EQ(peers.of(pair.server.get()).user, geteuid());
+}
+
+TEST(UserList, NamesTheUsersAndGroupsThatDoNotExist) {
+  const std::vector<std::string> unknown{"no-such-user", "@no-such-group"};
+  EXPECT_EQ(unknownUsers({"root", "no-such-user", "@root", "@no-such-group"}), unknown);
 }
 
 TEST(UserList, HasUsersByNameAndByGroup) {
@@ -67,6 +81,21 @@ TEST(Addresses, OfThisMachineAreKnown) {
     EXPECT_TRUE(at(own)) << own;
   }
   EXPECT_FALSE(at("192.0.2.1"));
+}
+
+TEST(Addresses, OfThisMachineAreKnownBehindATranslator) {
+  const auto at = [](const char* text) {
+    sockaddr_in6 name{};
+    name.sin6_family = AF_INET6;
+    inet_pton(AF_INET6, text, &name.sin6_addr);
+    return isOwnOrLinkLocal(reinterpret_cast<const sockaddr*>(&name));
+  };
+  for (const char* own : {"::1", "64:ff9b::127.0.0.1", "64:ff9b::0.0.0.0", "64:ff9b::169.254.1.1",
+                          "::ffff:127.0.0.1"}) {
+    EXPECT_TRUE(at(own)) << own;
+  }
+  EXPECT_FALSE(at("64:ff9b::192.0.2.1"));
+  EXPECT_FALSE(at("64:ff9b:0:0:1::127.0.0.1"));
 }
 
 }  // namespace
