@@ -8,7 +8,7 @@ if(NOT TARGET Threads::Threads)
 endif()
 
 foreach(dependency
-    "dbusxx;dbus-c++-1" "curl;libcurl" "crypto;libcrypto" "seccomp;libseccomp" "cares;libcares"
+    "dbusxx;dbus-c++-1" "curl;libcurl" "crypto;libcrypto" "ssl;libssl" "seccomp;libseccomp" "cares;libcares"
     "idn2;libidn2" "psl;libpsl" "bsd;libbsd" "systemd;libsystemd" "unwind;libunwind")
   list(GET dependency 0 name)
   list(GET dependency 1 module)

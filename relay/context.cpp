@@ -64,7 +64,7 @@ Context::Context(asio::io_context& io, const Configured& from, std::vector<Proto
       questions(io),
       report(io),
       penalties(from.configuration.penaltyTime),
-      proxies(io, name, [this](const sockaddr* address) { return isOurs(address); }),
+      proxies(io, name),
       peers(from.configuration.allowFrom),
       allowed(from.configuration.allowUsers),
       denied(from.configuration.denyUsers),

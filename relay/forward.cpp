@@ -13,7 +13,7 @@ namespace relay {
 namespace {
 
 /// Longer than any request. For a wait that another event ends.
-constexpr std::chrono::hours kForever{24 * 365};
+constexpr Clock::duration kForever = std::chrono::hours{24 * 365};
 
 /// A request that may be repeated if its connection ended without an answer (RFC 9110, 9.2.2).
 bool isRepeatable(std::string_view method) {
@@ -74,8 +74,8 @@ Task<Session::Next> Session::forward(const RequestHead& request) {
 
 /// Whether the client has got nothing of this exchange.
 bool Session::isWithoutAnswer(Exchange exchange) {
-  return exchange == Exchange::kNoAnswer || exchange == Exchange::kAuthentication ||
-         exchange == Exchange::kAgain;
+  return exchange == Exchange::kNoAnswer || exchange == Exchange::kRefusedAnswer ||
+         exchange == Exchange::kAuthentication || exchange == Exchange::kAgain;
 }
 
 /// Tries one upstream after the other until one answers.
@@ -84,7 +84,8 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
   mIsBodyStarted = false;
   const bool canReuse =
       mServer && mServer->stream.isOpen() && route.isNext(mServer->entry) &&
-      (mServer->isAbsoluteForm || mServerDestination == target.destination.text());
+      (mServer->isAbsoluteForm || mServerDestination == target.destination.text()) &&
+      mServer->stream.isQuiet();
   if (!canReuse) mServer.reset();
   mIsReused = canReuse;
   mIsExpectRefused = false;
@@ -92,6 +93,7 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
   while (true) {
     if (!mServer) {
       mServer = co_await route.next();
+      if (!mClient.isOpen()) co_return Exchange::kClose;
       mServerDestination = target.destination.text();
       mServerIn.clear();
       if (!mServer) co_return Exchange::kNoAnswer;
@@ -100,8 +102,13 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
     if (!isWithoutAnswer(result)) co_return result;
     const bool wasReused = mIsReused;
     mIsReused = false;
+    const Entry entry = mServer->entry;
     mServer.reset();
     if (!mClient.isOpen()) co_return Exchange::kClose;
+    if (result == Exchange::kRefusedAnswer) {
+      route.refuseAnswer(entry, std::string("the relay refused the answer: ") + mAnswerProblem);
+      co_return Exchange::kNoAnswer;
+    }
     if (result == Exchange::kAgain) {
       if (!wasReused) route.again();
       continue;
@@ -115,7 +122,10 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
     if (result == Exchange::kAuthentication) {
       route.wantsAuthentication();
     } else if (!wasReused) {
-      route.closedEarly("the connection ended before an answer");
+      const bool isEnd = mAnswerProblem[0] == '\0';
+      route.closedEarly(isEnd ? "the connection ended before an answer" : mAnswerProblem);
+    } else {
+      route.note(entry, "the kept connection ended, and this request must not be repeated");
     }
     // A proxy that answers 407 has not processed the request.
     const bool mayRepeat = result == Exchange::kAuthentication || isRepeatable(request.method);
@@ -135,6 +145,8 @@ Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const 
   const auto password = authorization(request, route);
   form.authorization = password;
   mHasServerByte = false;
+  mAnswerProblem = "";
+  mIsAnswerHttp = false;
   mContinue.reset();
   if (mayWantPassword(request, route)) mContinue.emplace(mContext.loop);
   form.expectsContinue = mContinue.has_value();
@@ -160,7 +172,8 @@ Task<void> Session::sendBody(const RequestHead& request) {
   BodyReader body(request.body);
   std::string out;
   const bool mayLeave = co_await mayBodyLeave();
-  while (mayLeave && !body.isComplete()) {
+  bool isSent = true;
+  while (mayLeave && isSent && !body.isComplete()) {
     if (mIn.empty() && !co_await readMore()) co_return;
     out.clear();
     const auto taken = body.take(mIn, out);
@@ -170,19 +183,34 @@ Task<void> Session::sendBody(const RequestHead& request) {
       if (!mHasServerByte) co_await respond(400, std::string(body.problem()) + "\n");
       co_return;
     }
-    expireAfter(mContext.configured.configuration.idleTime);
+    keepAlive();
     if (out.empty()) continue;
+    // The answer may be complete. It needs no wait if the server sent it before the body began.
+    if (!mServer) co_return;
     mIsBodyStarted = true;
     // The server may refuse the rest of the body and still answer.
-    if (!co_await mServer->stream.write(out)) break;
+    isSent = co_await mServer->stream.write(out);
   }
-  mIsBodySent = body.isComplete();
+  mIsBodySent = isSent && body.isComplete();
   std::string().swap(out);
   Event never(mContext.loop);
-  co_await never.wait(kForever);
+  if (!isSent) co_await never.wait(kAnswerAfterBrokenBody);
+  const auto cancellation = co_await asio::this_coro::cancellation_state;
+  if (cancellation.cancelled() != asio::cancellation_type::none) co_return;
+  if (isSent || mHasServerByte) {
+    co_await never.wait(kForever);
+  } else {
+    co_await respond(502, "the connection broke while the body was sent\n");
+  }
 }
 
-/// Reads the next response head. @return false if there is none, or if it is broken
+/// What follows if the relay has no head of an answer to forward. A proxy may pass on what a server
+/// sends. So only an answer that is no HTTP may be the proxy's own failure.
+Session::Exchange Session::withoutAnswer() const {
+  return mIsAnswerHttp ? Exchange::kRefusedAnswer : Exchange::kNoAnswer;
+}
+
+/// Reads the next response head. @return false if there is none, or if the relay does not accept it
 Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
                                  ResponseHead& response) {
   std::size_t searched = 0;
@@ -192,9 +220,16 @@ Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
       head = mServerIn.substr(0, length);
       mServerIn.erase(0, length);
       response = ResponseHead();
-      co_return readResponseHead(head, request.method, response).status == 0;
+      const auto problem = readResponseHead(head, request.method, response);
+      mAnswerProblem = problem.text;
+      mIsAnswerHttp = head.starts_with("HTTP/1.");
+      co_return problem.status == 0;
     }
-    if (mServerIn.size() >= kMaxHeadBytes) co_return false;
+    if (mServerIn.size() >= kMaxHeadBytes) {
+      mAnswerProblem = "its head is longer than 65536 bytes";
+      mIsAnswerHttp = mServerIn.starts_with("HTTP/1.");
+      co_return false;
+    }
     searched = mServerIn.size();
     auto& buffer = sharedBuffer();
     const auto got = mServer->stream.tryRead(buffer.data(), buffer.size());
@@ -272,7 +307,7 @@ Task<Session::Exchange> Session::answer(const RequestHead& request, const Route&
   ResponseHead response;
   const bool hasOwnExpect = mContinue && !request.fields.has("Expect");
   while (true) {
-    if (!co_await readResponse(request, head, response)) co_return Exchange::kNoAnswer;
+    if (!co_await readResponse(request, head, response)) co_return withoutAnswer();
     if (response.status / 100 != 1 || response.status == 101) break;
     const bool isContinue = response.status == 100;
     if (isContinue && mContinue) mContinue->happen();
@@ -281,24 +316,29 @@ Task<Session::Exchange> Session::answer(const RequestHead& request, const Route&
     form.via = mContext.name;
     if (!co_await mClient.write(responseFor(response, form))) co_return Exchange::kClose;
   }
-  if (response.status == 101 && !isUpgrade(request)) co_return Exchange::kNoAnswer;
+  if (response.status == 101 && !isUpgrade(request)) {
+    mAnswerProblem = "status 101, and the client asked for no other protocol";
+    co_return Exchange::kRefusedAnswer;
+  }
   if (response.status == 407 && mServer->isAbsoluteForm) {
     co_return challenged(response, route);
   }
+  if (mServer->isAbsoluteForm) mContext.penalties.answered(mServer->entry);
   shareChallenge();
   if (response.status == 417 && hasOwnExpect && !mIsBodyStarted) {
     mIsExpectRefused = true;
     co_return Exchange::kAgain;
   }
-  co_return co_await relayResponse(request, response);
+  co_return co_await relayResponse(request, route, response);
 }
 
-Task<Session::Exchange> Session::relayResponse(const RequestHead& request,
+Task<Session::Exchange> Session::relayResponse(const RequestHead& request, const Route& route,
                                                const ResponseHead& response) {
   mContext.counters.requests++;
-  decide(mServerDestination, mServer->entry.name(), true);
+  const auto destination = route.destination().text();
+  decide(destination, mServer->entry.name(), true);
   if (mContext.configured.configuration.logRequests) {
-    logLine(LOG_INFO, "relay: request to %s by %s", mServerDestination.c_str(),
+    logLine(LOG_INFO, "relay: request to %s by %s", destination.c_str(),
             mServer->entry.name().c_str());
   }
   ResponseForm form;
@@ -318,7 +358,9 @@ Task<Session::Exchange> Session::relayResponse(const RequestHead& request,
                             response.body.kind != BodyKind::kUntilClose && response.isHttp11 &&
                             keepsConnection(response.fields, true);
   if (!isServerKept) mServer.reset();
-  // The client must see that the body is incomplete, so its connection ends here.
+  // The client must see that the body is incomplete, so its connection ends here. If this end would
+  // complete the body, the connection ends with a reset.
+  if (!isWhole && !isDelimited) mClient.abandon();
   if (!isWhole) mClient.close();
   co_return isWhole&& form.isKept ? Exchange::kKeep : Exchange::kClose;
 }
@@ -334,7 +376,8 @@ Task<bool> Session::relayBody(const ResponseHead& response, bool isHttp11) {
     if (!co_await mClient.write(out)) co_return false;
     if (body.isComplete()) co_return true;
     if (body.problem()[0] != '\0') co_return false;
-    expireAfter(mContext.configured.configuration.idleTime);
+    keepAlive();
+    if (isTurnOver()) co_await asio::post(mContext.loop, asio::use_awaitable);
     auto& buffer = sharedBuffer();
     const auto got = mServer->stream.tryRead(buffer.data(), buffer.size());
     out.clear();

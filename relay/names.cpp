@@ -91,31 +91,48 @@ std::string addressText(const Protocol::endpoint& endpoint) {
   return text;
 }
 
-Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::duration limit) {
+Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::duration limit,
+                              uid_t user) {
   Addresses addresses;
   if (Protocol::endpoint literal; readAddress(host, port, literal)) {
     addresses.list.push_back(literal);
     co_return addresses;
   }
-  auto& known = mLookups[host];
-  if (known == nullptr) {
-    if (mWaiting.size() >= kMaxWaitingLookups) {
-      mLookups.erase(host);
+  auto& waiting = mOfUsers[user].waiting;
+  // A lookup without a waiting request does not run.
+  std::erase_if(waiting, [](const auto& one) { return one->isStarted || one->waiting.empty(); });
+  const auto found = mLookups.find(host);
+  const auto lookup = found != mLookups.end() ? found->second : std::make_shared<Lookup>();
+  const bool isQueued = std::find(waiting.begin(), waiting.end(), lookup) != waiting.end();
+  if (!lookup->isStarted && !isQueued) {
+    if (waiting.size() >= kMaxWaitingLookups) {
       addresses.problem = "too many lookups";
+      addresses.wasAsked = false;
       co_return addresses;
     }
-    known = std::make_shared<Lookup>();
-    known->host = host;
-    mWaiting.push_back(known);
+    // Another user may have asked for it, too. It runs at the earlier of both turns.
+    waiting.push_back(lookup);
   }
-  const auto lookup = known;
-  next();
+  if (found == mLookups.end()) {
+    lookup->host = host;
+    mLookups.emplace(std::move(host), lookup);
+  }
+  addresses = co_await wait(lookup, port, limit);
+  co_return addresses;
+}
+
+Task<Addresses> Names::wait(const LookupPtr& lookup, std::uint16_t port, Clock::duration limit) {
   Event done(mLoop);
   lookup->waiting.push_back(&done);
+  startMore();
   if (!lookup->isDone) co_await done.wait(limit);
   std::erase(lookup->waiting, &done);
+  if (!lookup->isStarted && lookup->waiting.empty()) mLookups.erase(lookup->host);
+  Addresses addresses;
   if (!lookup->isDone) {
-    addresses.problem = "the name server does not answer";
+    addresses.wasAsked = lookup->isStarted;
+    addresses.problem = lookup->isStarted ? "the name server does not answer"
+                                          : "too many lookups for a lookup in time";
     co_return addresses;
   }
   addresses = lookup->addresses;
@@ -123,15 +140,35 @@ Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::durat
   co_return addresses;
 }
 
-void Names::next() {
-  while (mRunning < kMaxLookups && !mWaiting.empty()) {
-    const auto lookup = mWaiting.front();
-    mWaiting.erase(mWaiting.begin());
+/// Takes the lookup whose turn it is. @return nothing if no lookup may start
+Names::LookupPtr Names::next() {
+  auto user = mOfUsers.upper_bound(mLastUser);
+  for (std::size_t left = mOfUsers.size(); left != 0; left--) {
+    if (user == mOfUsers.end()) user = mOfUsers.begin();
+    auto& [number, lookups] = *user;
+    while (!lookups.waiting.empty() && lookups.running < kMaxLookupsOfUser) {
+      const auto lookup = lookups.waiting.front();
+      lookups.waiting.pop_front();
+      if (lookup->isStarted || lookup->waiting.empty()) continue;
+      mLastUser = lookup->user = number;
+      return lookup;
+    }
+    const bool isIdle = lookups.waiting.empty() && lookups.running == 0;
+    user = isIdle ? mOfUsers.erase(user) : std::next(user);
+  }
+  return nullptr;
+}
+
+void Names::startMore() {
+  while (mRunning < kMaxLookups) {
+    const auto lookup = next();
+    if (lookup == nullptr) return;
     start(lookup);
   }
 }
 
 void Names::start(const LookupPtr& lookup) {
+  lookup->isStarted = true;
   // Only the main thread may receive signals.
   sigset_t all;
   sigset_t before;
@@ -143,13 +180,15 @@ void Names::start(const LookupPtr& lookup) {
       auto addresses = ask(lookup->host);
       asio::post(mLoop, [this, lookup, addresses = std::move(addresses)]() mutable {
         mRunning--;
+        mOfUsers[lookup->user].running--;
         end(lookup, std::move(addresses));
-        next();
+        startMore();
       });
     }).detach();
     mRunning++;
+    mOfUsers[lookup->user].running++;
   } catch (const std::system_error&) {
-    end(lookup, {{}, "no thread for a lookup"});
+    end(lookup, {{}, "no thread for a lookup", false});
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }

@@ -1,7 +1,11 @@
 // Name lookups by the system's resolver. Each lookup has its own thread, so a slow name does not
-// delay other names.
+// delay other names. Waiting lookups get a thread round robin over users, and no user has all
+// threads: so the slow names of one user do not stop the lookups of the others.
 #pragma once
 
+#include <sys/types.h>
+
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -14,40 +18,53 @@ namespace relay {
 /// Maximum number of lookups at a time, each on its own thread. One page in a browser may need
 /// fifty hosts. If the name server does not answer, a lookup takes about ten seconds.
 inline constexpr std::size_t kMaxLookups = 64;
-/// Maximum number of lookups that wait for a thread. Further lookups fail at once.
+/// Maximum number of lookups of one user at a time.
+inline constexpr std::size_t kMaxLookupsOfUser = 48;
+/// Maximum number of lookups of one user that wait for a thread. Further lookups fail at once.
 inline constexpr std::size_t kMaxWaitingLookups = 1024;
 /// Maximum number of addresses of one name that the relay tries.
 inline constexpr std::size_t kMaxAddresses = 16;
 
 struct Addresses {
   std::vector<Protocol::endpoint>
-      list;             ///< in the order to be tried (RFC 8305), at most kMaxAddresses
-  std::string problem;  ///< if the list is empty
+      list;              ///< in the order to be tried (RFC 8305), at most kMaxAddresses
+  std::string problem;   ///< if the list is empty
+  bool wasAsked = true;  ///< false: the lookup did not run, so the problem is no fault of the name
 };
 
 class Names {
  public:
   explicit Names(asio::io_context& loop) : mLoop(loop) {}
 
-  /// Looks up `host`. An address needs no lookup. Equal lookups share one result.
-  Task<Addresses> lookUp(std::string host, std::uint16_t port, Clock::duration limit);
+  /// Looks up `host` for `user`. An address needs no lookup. Equal lookups share one result.
+  Task<Addresses> lookUp(std::string host, std::uint16_t port, Clock::duration limit, uid_t user);
 
  private:
   struct Lookup {
     std::string host;
+    uid_t user = 0;  ///< whose thread it has
+    bool isStarted = false;
     bool isDone = false;
     Addresses addresses;  ///< with port 0
     std::vector<Event*> waiting;
   };
+  /// The lookups of one user.
+  struct OfUser {
+    std::deque<std::shared_ptr<Lookup>> waiting;  ///< the oldest first; some may have been started
+    std::size_t running = 0;
+  };
   using LookupPtr = std::shared_ptr<Lookup>;
 
-  void next();
+  Task<Addresses> wait(const LookupPtr& lookup, std::uint16_t port, Clock::duration limit);
+  void startMore();
+  LookupPtr next();
   void start(const LookupPtr& lookup);
   void end(const LookupPtr& lookup, Addresses addresses);
 
   asio::io_context& mLoop;  ///< lives as long as the process: a thread may end at any time
   std::map<std::string, LookupPtr, std::less<>> mLookups;
-  std::vector<LookupPtr> mWaiting;  ///< the oldest first
+  std::map<uid_t, OfUser> mOfUsers;
+  uid_t mLastUser = 0;
   std::size_t mRunning = 0;
 };
 

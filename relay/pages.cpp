@@ -92,7 +92,7 @@ void addState(Context& context, Report& report) {
 }
 
 void addWay(Context& context, Answer answer, Report& report) {
-  context.penalties.order(answer.entries);
+  context.penalties.order(answer.entries, {});
   for (const auto& entry : answer.entries) report.way.push_back(entry.name());
   if (report.way.empty()) {
     report.way.push_back(std::string("no answer: ") + proxymanager_status_text(answer.status));

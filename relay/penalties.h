@@ -4,6 +4,7 @@
 #include <chrono>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "relay/entry.h"
@@ -13,6 +14,8 @@ namespace relay {
 /// Maximum number of proxies with a penalty. Above this number, the relay drops the penalty that
 /// ends first.
 inline constexpr std::size_t kMaxPenalties = 256;
+/// Maximum number of doubts. Above this number, the relay drops the doubt that ends first.
+inline constexpr std::size_t kMaxDoubts = 256;
 
 class Penalties {
  public:
@@ -27,17 +30,34 @@ class Penalties {
   /// Adds a penalty for the proxy `entry`. DIRECT never gets a penalty.
   void add(const Entry& entry, std::string reason, Clock::time_point now = Clock::now());
 
-  /// Moves the entries with a penalty behind the others. Both groups keep their order.
-  void order(std::vector<Entry>& entries, Clock::time_point now = Clock::now());
+  /// The proxy `entry` took a connection for `destination`, and then was slow or closed it without
+  /// an answer. The fault may be the destination's, so only requests for this destination try the
+  /// proxy last. The proxy gets a penalty if this happens for two destinations, and it answered
+  /// nothing in between.
+  void doubt(const Entry& entry, const std::string& destination, std::string reason,
+             Clock::time_point now = Clock::now());
+  /// The proxy `entry` has answered.
+  void answered(const Entry& entry);
+
+  /// Moves the entries with a penalty, or with a doubt for `destination`, behind the others. Both
+  /// groups keep their order.
+  void order(std::vector<Entry>& entries, const std::string& destination,
+             Clock::time_point now = Clock::now());
 
   /// The current penalties, by the name of the entry.
   const std::map<std::string, Penalty>& list(Clock::time_point now = Clock::now());
 
  private:
+  struct Doubt {
+    Clock::time_point end;
+    bool isLast = true;  ///< the proxy has answered nothing since
+  };
+
   void forget(Clock::time_point now);
 
   const std::chrono::seconds mTime;
   std::map<std::string, Penalty> mList;
+  std::map<std::pair<std::string, std::string>, Doubt> mDoubts;  ///< by entry and destination
 };
 
 }  // namespace relay

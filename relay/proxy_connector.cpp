@@ -2,11 +2,16 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <new>
+#include <utility>
+
+#include "relay/names.h"
 
 namespace relay {
 
@@ -47,6 +52,28 @@ bool isAboutDestination(long reply) {
   }
 }
 
+/// Whether the proxy took the connection, and then closed it or was slow.
+bool isWithoutAnswer(CURLcode code, long reply) {
+  switch (code) {
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_GOT_NOTHING:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+      return true;
+    case CURLE_PROXY:
+      return reply == CURLPX_CLOSED || reply == CURLPX_RECV_CONNECT ||
+             reply == CURLPX_RECV_REQACK || reply == CURLPX_RECV_ADDRESS;
+    default:
+      return false;
+  }
+}
+
+/// A write that TLS did not accept at once is repeated from a copy of its bytes.
+CURLcode onTlsContext(CURL*, void* context, void*) {
+  SSL_CTX_set_mode(static_cast<SSL_CTX*>(context), SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  return CURLE_OK;
+}
+
 Socket adopt(asio::io_context& loop, curl_socket_t fd) {
   sockaddr_storage address{};
   socklen_t length = sizeof(address);
@@ -61,19 +88,20 @@ Socket adopt(asio::io_context& loop, curl_socket_t fd) {
 }  // namespace
 
 struct ProxyConnector::Transfer {
-  Transfer(ProxyConnector& connector, asio::io_context& loop)
-      : owner(connector), done(loop), handle(curl_easy_init(), CurlRelease{connector.mMulti}) {
+  Transfer(asio::io_context& loop, CURLM* multi, bool overTls)
+      : done(loop), isTls(overTls), handle(curl_easy_init(), CurlRelease{multi}) {
     if (handle == nullptr) throw std::bad_alloc();
   }
 
-  ProxyConnector& owner;
   Event done;
   CURLcode code = CURLE_OPERATION_TIMEDOUT;
-  bool isOurselves = false;
-  bool isTaken = false;  ///< the socket is no longer libcurl's
-  bool isTls = false;
+  base::UniqueFd connected;  ///< the connection to the proxy, until libcurl asks for a socket
+  bool isConnected = false;  ///< libcurl got this connection at last
+  bool isTaken = false;      ///< the socket is no longer libcurl's
+  const bool isTls;
   char error[CURL_ERROR_SIZE] = "";
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers{nullptr, curl_slist_free_all};
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> address{nullptr, curl_slist_free_all};
   CurlHandle handle;
 };
 
@@ -86,8 +114,8 @@ struct ProxyConnector::Watch {
   bool writes = false;  ///< a wait is under way
 };
 
-ProxyConnector::ProxyConnector(asio::io_context& loop, std::string via, IsOurs isOurs)
-    : mLoop(loop), mVia(std::move(via)), mIsOurs(std::move(isOurs)), mTimer(loop) {
+ProxyConnector::ProxyConnector(asio::io_context& loop, std::string via)
+    : mLoop(loop), mVia(std::move(via)), mTimer(loop) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   mMulti = curl_multi_init();
   if (mMulti == nullptr) throw std::bad_alloc();
@@ -101,10 +129,19 @@ ProxyConnector::~ProxyConnector() {
   curl_multi_cleanup(mMulti);
 }
 
-void ProxyConnector::setUp(Transfer& transfer, Clock::duration limit) {
+void ProxyConnector::setUp(Transfer& transfer, const Entry& entry, Stream connection,
+                           Clock::duration limit) {
   CURL* const handle = transfer.handle.get();
-  const auto milliseconds =
-      static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(limit).count());
+  const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit).count();
+  // libcurl takes 0 for its own limit of five minutes.
+  const auto milliseconds = static_cast<long>(std::max<std::int64_t>(left, 1));
+  ErrorCode error;
+  const auto peer = connection.socket().remote_endpoint(error);
+  transfer.connected.reset(connection.socket().release(error));
+  // libcurl takes the address for this name. "+": it forgets the address after a minute.
+  const std::string at = "+" + entry.host + ":" + std::to_string(entry.port) + ":";
+  transfer.address.reset(curl_slist_append(nullptr, (at + addressText(peer)).c_str()));
+  curl_easy_setopt(handle, CURLOPT_RESOLVE, transfer.address.get());
   curl_easy_setopt(handle, CURLOPT_PRIVATE, &transfer);
   curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer.error);
   curl_easy_setopt(handle, CURLOPT_CONNECT_ONLY, 1L);
@@ -115,6 +152,9 @@ void ProxyConnector::setUp(Transfer& transfer, Clock::duration limit) {
   curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, milliseconds);
   curl_easy_setopt(handle, CURLOPT_OPENSOCKETFUNCTION, onOpen);
   curl_easy_setopt(handle, CURLOPT_OPENSOCKETDATA, &transfer);
+  curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, onOpened);
+  curl_easy_setopt(handle, CURLOPT_SOCKOPTDATA, &transfer);
+  curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, onTlsContext);
   // If the certificates are in a file, libcurl parses the file once for all connections. If they
   // are in a folder, it needs 0.9 MiB for each connection. The system's file has the same
   // certificates as its folder.
@@ -126,12 +166,12 @@ void ProxyConnector::setUp(Transfer& transfer, Clock::duration limit) {
   curl_easy_setopt(handle, CURLOPT_CLOSESOCKETDATA, &transfer);
 }
 
-Task<ThroughProxy> ProxyConnector::tunnel(const Entry& entry, const Destination& destination,
+Task<ThroughProxy> ProxyConnector::tunnel(const Entry& entry, Stream connection,
+                                          const Destination& destination,
                                           const Credentials& credentials, Clock::duration limit) {
-  auto transfer = std::make_unique<Transfer>(*this, mLoop);
+  auto transfer = std::make_unique<Transfer>(mLoop, mMulti, entry.kind == PROXYMANAGER_HTTPS);
   CURL* const handle = transfer->handle.get();
-  transfer->isTls = entry.kind == PROXYMANAGER_HTTPS;
-  setUp(*transfer, limit);
+  setUp(*transfer, entry, std::move(connection), limit);
   const std::string url = "http://" + destination.text() + "/";
   const Destination proxy{entry.host, entry.port};
   const std::string host = proxy.isIpv6() ? "[" + entry.host + "]" : entry.host;
@@ -153,15 +193,17 @@ Task<ThroughProxy> ProxyConnector::tunnel(const Entry& entry, const Destination&
   co_return co_await run(*transfer);
 }
 
-Task<ThroughProxy> ProxyConnector::toHttpsProxy(const Entry& entry, Clock::duration limit) {
-  auto transfer = std::make_unique<Transfer>(*this, mLoop);
-  transfer->isTls = true;
-  setUp(*transfer, limit);
+Task<ThroughProxy> ProxyConnector::toHttpsProxy(const Entry& entry, Stream connection,
+                                                Clock::duration limit) {
+  auto transfer = std::make_unique<Transfer>(mLoop, mMulti, true);
+  setUp(*transfer, entry, std::move(connection), limit);
   const std::string url = "https://" + Destination{entry.host, entry.port}.text() + "/";
   curl_easy_setopt(transfer->handle.get(), CURLOPT_URL, url.c_str());
   curl_easy_setopt(transfer->handle.get(), CURLOPT_PROXY, "");
   curl_easy_setopt(transfer->handle.get(), CURLOPT_SSL_ENABLE_ALPN, 0L);
-  co_return co_await run(*transfer);
+  auto through = co_await run(*transfer);
+  if (through.result != ProxyResult::kConnected) through.result = ProxyResult::kProxyFailed;
+  co_return through;
 }
 
 Task<ThroughProxy> ProxyConnector::run(Transfer& transfer) {
@@ -184,6 +226,7 @@ ThroughProxy ProxyConnector::result(Transfer& transfer, CURLcode code) {
       // The transfer ends before its handle, so the handle must not keep pointers to it.
       curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
       curl_easy_setopt(handle, CURLOPT_PROXYHEADER, nullptr);
+      curl_easy_setopt(handle, CURLOPT_RESOLVE, nullptr);
       through.stream.emplace(adopt(mLoop, fd), std::move(transfer.handle));
     } else {
       transfer.isTaken = true;
@@ -202,24 +245,28 @@ ThroughProxy ProxyConnector::result(Transfer& transfer, CURLcode code) {
   through.isVersionRefused =
       code == CURLE_PROXY && (reply == CURLPX_BAD_VERSION || reply == CURLPX_CLOSED ||
                               reply == CURLPX_RECV_CONNECT || reply == CURLPX_UNKNOWN_FAIL);
-  if (transfer.isOurselves) {
-    through.result = ProxyResult::kOurselves;
-  } else if (isAnswer) {
+  if (isAnswer) {
     const bool isGateway = status >= 502 && status <= 504;
     through.result = isGateway ? ProxyResult::kDestinationFailed : ProxyResult::kRefused;
   } else if (code == CURLE_PROXY && isAboutDestination(reply)) {
     through.result = ProxyResult::kDestinationFailed;
+  } else if (isWithoutAnswer(code, reply)) {
+    through.result = ProxyResult::kNoAnswer;
   }
   return through;
 }
 
 curl_socket_t ProxyConnector::onOpen(void* transfer, curlsocktype, curl_sockaddr* address) {
   auto& self = *static_cast<Transfer*>(transfer);
-  if (self.owner.mIsOurs(&address->addr)) {
-    self.isOurselves = true;
-    return CURL_SOCKET_BAD;
-  }
+  self.isConnected = static_cast<bool>(self.connected);
+  if (self.isConnected) return self.connected.release();
+  // The proxy has closed its connection with an answer that wants a password.
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+int ProxyConnector::onOpened(void* transfer, curl_socket_t, curlsocktype) {
+  const auto& self = *static_cast<Transfer*>(transfer);
+  return self.isConnected ? CURL_SOCKOPT_ALREADY_CONNECTED : CURL_SOCKOPT_OK;
 }
 
 int ProxyConnector::onClose(void* transfer, curl_socket_t fd) {

@@ -1,12 +1,13 @@
-// Connections through proxies. libcurl makes them on the relay's loop.
+// Handshakes with proxies. libcurl makes them on the relay's loop.
 //
-// libcurl connects to the proxy, does the handshake and the authentication, and stops. The caller
-// then owns the socket. Only a TLS connection keeps its libcurl handle.
+// The caller has connected to the proxy. libcurl does the handshake and the authentication over
+// this connection, and stops. The caller then owns the socket again. Only a TLS connection keeps
+// its libcurl handle. libcurl looks up no name: it would wait for the end of a lookup, and the
+// relay with it.
 #pragma once
 
 #include <curl/curl.h>
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -22,10 +23,10 @@ namespace relay {
 /// The result of a connection through a proxy.
 enum class ProxyResult : std::uint8_t {
   kConnected,
-  kProxyFailed,        ///< no connection, no answer in time, broken TLS, or another protocol
+  kProxyFailed,        ///< broken TLS, or another protocol
+  kNoAnswer,           ///< the proxy took the connection, and then was slow or closed it
   kDestinationFailed,  ///< the proxy works but cannot reach the destination
-  kRefused,            ///< the proxy answered with another status
-  kOurselves           ///< the proxy is this relay
+  kRefused             ///< the proxy answered with another status
 };
 
 struct ThroughProxy {
@@ -39,22 +40,21 @@ struct ThroughProxy {
 
 class ProxyConnector {
  public:
-  /// Whether this relay listens on an address.
-  using IsOurs = std::function<bool(const sockaddr* address)>;
-
   /// @param via the relay's own name, for the Via field of CONNECT
-  ProxyConnector(asio::io_context& loop, std::string via, IsOurs isOurs);
+  ProxyConnector(asio::io_context& loop, std::string via);
   ProxyConnector(const ProxyConnector&) = delete;
   ProxyConnector& operator=(const ProxyConnector&) = delete;
   ~ProxyConnector();
 
-  /// Connects to `destination` through the proxy `entry`.
+  /// Makes a tunnel to `destination` through the proxy `entry`.
+  /// @param connection a connection to this proxy
+  /// @param destination an address if the proxy does not look up names (socks4, socks5)
   /// @param credentials with an empty user, no credentials are sent
-  Task<ThroughProxy> tunnel(const Entry& entry, const Destination& destination,
+  Task<ThroughProxy> tunnel(const Entry& entry, Stream connection, const Destination& destination,
                             const Credentials& credentials, Clock::duration limit);
 
-  /// Connects only to the HTTPS proxy `entry`, for a request in absolute form.
-  Task<ThroughProxy> toHttpsProxy(const Entry& entry, Clock::duration limit);
+  /// Does only the TLS handshake with the HTTPS proxy `entry`.
+  Task<ThroughProxy> toHttpsProxy(const Entry& entry, Stream connection, Clock::duration limit);
 
  private:
   struct Transfer;
@@ -62,10 +62,11 @@ class ProxyConnector {
 
   Task<ThroughProxy> run(Transfer& transfer);
   ThroughProxy result(Transfer& transfer, CURLcode code);
-  void setUp(Transfer& transfer, Clock::duration limit);
+  void setUp(Transfer& transfer, const Entry& entry, Stream connection, Clock::duration limit);
   static int onSocket(CURL*, curl_socket_t fd, int what, void* self, void* watch);
   static int onTimer(CURLM*, long milliseconds, void* self);
   static curl_socket_t onOpen(void* transfer, curlsocktype, curl_sockaddr* address);
+  static int onOpened(void* transfer, curl_socket_t fd, curlsocktype);
   static int onClose(void* transfer, curl_socket_t fd);
   void watch(Watch& watch);
   void forget(curl_socket_t fd);
@@ -73,7 +74,6 @@ class ProxyConnector {
 
   asio::io_context& mLoop;
   const std::string mVia;
-  const IsOurs mIsOurs;
   CURLM* mMulti;
   asio::steady_timer mTimer;
   std::map<curl_socket_t, std::shared_ptr<Watch>> mWatches;

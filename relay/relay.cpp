@@ -78,6 +78,7 @@ class Acceptor {
   void take(base::UniqueFd fd) {
     mContext.counters.connections++;
     const auto peer = mContext.peers.of(fd.get());
+    if (peer.isGone) return;
     if (!peer.isAllowed) {
       mContext.counters.refused++;
       return;
@@ -114,14 +115,16 @@ class Acceptor {
   }
 
   /// Reads what the client has sent: unread bytes would cause a reset, and the answer could be
-  /// lost.
+  /// lost. A client that sends much gets the reset.
   void refuse(int fd) {
     char bytes[4096];
     static const std::string kAnswer =
         ownResponse(503, "proxymanager-relay: too many connections\n");
     send(fd, kAnswer.data(), kAnswer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     shutdown(fd, SHUT_WR);
-    while (recv(fd, bytes, sizeof(bytes), MSG_DONTWAIT) > 0) continue;
+    for (std::size_t taken = 0; taken < kBufferBytes; taken += sizeof(bytes)) {
+      if (recv(fd, bytes, sizeof(bytes), MSG_DONTWAIT) <= 0) break;
+    }
   }
 
   Context& mContext;

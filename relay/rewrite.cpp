@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 
 #include "base/ascii.h"
 
@@ -48,6 +49,16 @@ void addLength(std::string& head, const Body& body, bool isHttp11) {
   if (body.kind == BodyKind::kChunked && isHttp11) add(head, "Transfer-Encoding", "chunked");
 }
 
+/// The value of Max-Forwards behind this relay. Empty if the field stays as it is.
+std::string maxForwardsFor(const RequestHead& request) {
+  if (request.method != "TRACE" && request.method != "OPTIONS") return {};
+  const auto value = request.fields.find("Max-Forwards");
+  unsigned left = 0;
+  const auto [rest, error] = std::from_chars(value.data(), value.data() + value.size(), left);
+  const bool isNumber = error == std::errc() && rest == value.data() + value.size();
+  return isNumber && left != 0 ? std::to_string(left - 1) : std::string();
+}
+
 }  // namespace
 
 std::string requestFor(const RequestHead& request, const RequestForm& form) {
@@ -62,6 +73,10 @@ std::string requestFor(const RequestHead& request, const RequestForm& form) {
   Fields fields;
   for (const auto& field : request.fields.list) {
     if (!equalIgnoringCase(field.name, "Host")) fields.list.push_back(field);
+  }
+  const std::string forwards = maxForwardsFor(request);
+  for (auto& field : fields.list) {
+    if (!forwards.empty() && equalIgnoringCase(field.name, "Max-Forwards")) field.value = forwards;
   }
   addFields(head, fields);
   addLength(head, request.body, true);

@@ -1,5 +1,7 @@
 #include "relay/route.h"
 
+#include <algorithm>
+
 #include "base/log_line.h"
 #include "base/visible.h"
 #include "relay/connect.h"
@@ -30,20 +32,27 @@ bool isLocalName(const std::string& host) {
 }  // namespace
 
 Task<Refusal> Route::begin(const std::string& url) {
-  Protocol::endpoint literal;
-  if (!mPeer.isLocal) {
-    const bool isAddress = readAddress(mDestination.host, mDestination.port, literal);
-    if (isLocalName(mDestination.host) || (isAddress && isOwnOrLinkLocal(literal.data()))) {
-      co_return refusal(403, "this device's own addresses are not served to others\n");
-    }
+  if (!mPeer.isLocal && co_await leadsToThisDevice()) {
+    co_return refusal(403, "this device's own addresses are not served to others\n");
   }
   Answer answer = co_await mContext.questions.ask(url, mPeer.user);
+  if (answer.status == PROXYMANAGER_BAD_ARGUMENT) {
+    // The URL may have bytes that the relay accepts in a request and the daemon's interface does
+    // not. A script gets this URL then.
+    const bool isHttp = mWantsAbsoluteForm || mDestination.port == 80;
+    const std::string whole = isHttp ? "http://" + mDestination.hostField(80) + "/"
+                                     : "https://" + mDestination.hostField(443) + "/";
+    answer = co_await mContext.questions.ask(whole, mPeer.user);
+  }
+  if (answer.status == PROXYMANAGER_BAD_ARGUMENT) {
+    co_return refusal(400, "this host is not valid in a URL\n");
+  }
   const bool isAnswered = answer.status == PROXYMANAGER_OK && !answer.entries.empty();
   mMode = answer.mode;
   if (isAnswered) {
     mContext.isNoAnswerLogged = false;
     mEntries = std::move(answer.entries);
-    mContext.penalties.order(mEntries);
+    mContext.penalties.order(mEntries, mDestination.text());
     co_return refusal(0, {});
   }
   const bool isDirect = mContext.configured.configuration.whenNoAnswer == NoAnswer::kDirect;
@@ -60,6 +69,18 @@ Task<Refusal> Route::begin(const std::string& url) {
   direct.text = "DIRECT";
   mEntries.push_back(direct);
   co_return refusal(0, {});
+}
+
+/// Whether a request for another machine would connect to this device. A proxy on this device would
+/// do that, too, so the name is looked up before each kind of entry. A name that only a proxy can
+/// look up passes.
+Task<bool> Route::leadsToThisDevice() {
+  if (isLocalName(mDestination.host)) co_return true;
+  const auto found =
+      co_await mContext.names.lookUp(mDestination.host, mDestination.port,
+                                     mContext.configured.configuration.connectTime, mPeer.user);
+  co_return std::any_of(found.list.begin(), found.list.end(),
+                        [](const auto& address) { return isOwnOrLinkLocal(address.data()); });
 }
 
 bool Route::isNext(const Entry& entry) const {
@@ -81,37 +102,69 @@ Task<std::optional<Upstream>> Route::next() {
 }
 
 Task<std::optional<Stream>> Route::attempt(const Entry& entry) {
-  const auto limit = mContext.configured.configuration.connectTime;
+  const auto end = Clock::now() + mContext.configured.configuration.connectTime;
   if (entry.isDirect()) co_return co_await direct(entry, mDestination);
-  if (mWantsAbsoluteForm && entry.kind == PROXYMANAGER_HTTP) {
-    const Destination proxy{entry.host, entry.port};
-    co_return co_await direct(entry, proxy);
+  const Destination proxy{entry.host, entry.port};
+  auto connection = co_await direct(entry, proxy);
+  if (!connection || (mWantsAbsoluteForm && entry.kind == PROXYMANAGER_HTTP)) co_return connection;
+  const bool hasPassword = !mContext.credentialsFor(entry, mMode, mPeer).user.empty();
+  if (entry.kind == PROXYMANAGER_HTTPS && (mWantsAbsoluteForm || !hasPassword)) {
+    auto secured =
+        co_await mContext.proxies.toHttpsProxy(entry, std::move(*connection), end - Clock::now());
+    connection = take(entry, std::move(secured));
+    if (!connection || mWantsAbsoluteForm) co_return connection;
   }
-  if (mWantsAbsoluteForm && entry.kind == PROXYMANAGER_HTTPS) {
-    auto connected = co_await mContext.proxies.toHttpsProxy(entry, limit);
-    co_return take(entry, std::move(connected));
+  if (entry.isHttp() && !hasPassword) {
+    co_return co_await tunnel(entry, std::move(*connection), end);
   }
+  co_return co_await handshake(entry, std::move(*connection), end);
+}
+
+/// Makes a tunnel through a SOCKS proxy, or through an HTTP proxy that gets a password.
+Task<std::optional<Stream>> Route::handshake(const Entry& entry, Stream connection,
+                                             Clock::time_point end) {
   const auto credentials = mContext.credentialsFor(entry, mMode, mPeer);
-  if (entry.kind == PROXYMANAGER_HTTP && credentials.user.empty()) co_return co_await tunnel(entry);
-  auto through = co_await mContext.proxies.tunnel(entry, mDestination, credentials, limit);
+  Destination destination = mDestination;
+  const bool looksUp = entry.kind == PROXYMANAGER_SOCKS4 || entry.kind == PROXYMANAGER_SOCKS5;
+  if (looksUp && !co_await findAddress(entry, destination)) co_return std::nullopt;
+  auto through = co_await mContext.proxies.tunnel(entry, std::move(connection), destination,
+                                                  credentials, end - Clock::now());
   // "SOCKS" in a script names no version. If version 5 fails, such a proxy runs version 4 with a
   // name.
   const bool isOpenVersion = entry.text.starts_with("SOCKS ");
-  if (through.result == ProxyResult::kProxyFailed && isOpenVersion && through.isVersionRefused) {
+  if (isOpenVersion && through.isVersionRefused) {
     Entry older = entry;
     older.kind = PROXYMANAGER_SOCKS4A;
-    through = co_await mContext.proxies.tunnel(older, mDestination, credentials, limit);
+    const Destination proxy{entry.host, entry.port};
+    auto again = co_await direct(entry, proxy);
+    if (!again) co_return std::nullopt;
+    through = co_await mContext.proxies.tunnel(older, std::move(*again), destination, credentials,
+                                               end - Clock::now());
   }
   co_return take(entry, std::move(through));
 }
 
-/// Makes a tunnel through an HTTP proxy that gets no password.
-Task<std::optional<Stream>> Route::tunnel(const Entry& entry) {
-  const auto end = Clock::now() + mContext.configured.configuration.connectTime;
-  const Destination proxy{entry.host, entry.port};
-  auto stream = co_await direct(entry, proxy);
-  if (!stream) co_return stream;
-  auto through = co_await askForTunnel(mContext.sweeper, *stream, mDestination, mContext.name, end);
+/// Replaces the name of `destination` by its address, for a proxy that looks up no names.
+Task<bool> Route::findAddress(const Entry& entry, Destination& destination) {
+  const auto found =
+      co_await mContext.names.lookUp(destination.host, destination.port,
+                                     mContext.configured.configuration.connectTime, mPeer.user);
+  const auto usable = std::find_if(found.list.begin(), found.list.end(), [&](const auto& address) {
+    return entry.kind == PROXYMANAGER_SOCKS5 || address.data()->sa_family == AF_INET;
+  });
+  if (usable == found.list.end()) {
+    note(entry, found.list.empty() ? found.problem : "the destination has no IPv4 address");
+    co_return false;
+  }
+  destination.host = addressText(*usable);
+  co_return true;
+}
+
+/// Asks an HTTP proxy that gets no password for a tunnel.
+Task<std::optional<Stream>> Route::tunnel(const Entry& entry, Stream connection,
+                                          Clock::time_point end) {
+  auto through =
+      co_await askForTunnel(mContext.sweeper, connection, mDestination, mContext.name, end);
   mEarly = std::move(through.early);
   co_return take(entry, std::move(through));
 }
@@ -119,19 +172,21 @@ Task<std::optional<Stream>> Route::tunnel(const Entry& entry) {
 std::optional<Stream> Route::take(const Entry& entry, ThroughProxy through) {
   switch (through.result) {
     case ProxyResult::kConnected:
+      // In absolute form, this is only the TLS handshake.
+      if (!mWantsAbsoluteForm || !entry.isHttp()) mContext.penalties.answered(entry);
       return std::move(through.stream);
-    case ProxyResult::kOurselves:
-      mStatus = 508;
-      mIsFinal = true;
-      note(entry, kOurselves);
+    case ProxyResult::kNoAnswer:
+      proxyDoubted(entry, through.problem);
       break;
     case ProxyResult::kProxyFailed:
       proxyFailed(entry, through.problem);
       break;
     case ProxyResult::kDestinationFailed:
+      mContext.penalties.answered(entry);
       note(entry, through.problem);
       break;
     case ProxyResult::kRefused:
+      mContext.penalties.answered(entry);
       note(entry, through.problem);
       // The client cannot authenticate to this proxy, because it does not know about it.
       if (through.status == 407) break;
@@ -156,8 +211,9 @@ std::string Route::refusedAddress(const sockaddr* address, const Entry& entry) {
 
 Task<std::optional<Stream>> Route::direct(const Entry& entry, const Destination& destination) {
   const auto end = Clock::now() + mContext.configured.configuration.connectTime;
-  auto addresses = co_await mContext.names.lookUp(destination.host, destination.port,
-                                                  mContext.configured.configuration.connectTime);
+  auto addresses =
+      co_await mContext.names.lookUp(destination.host, destination.port,
+                                     mContext.configured.configuration.connectTime, mPeer.user);
   std::string problem = addresses.problem;
   std::optional<Stream> stream;
   for (const auto& address : addresses.list) {
@@ -173,7 +229,7 @@ Task<std::optional<Stream>> Route::direct(const Entry& entry, const Destination&
     }
     problem = std::move(connected.problem);
   }
-  if (entry.isDirect() || mIsFinal) {
+  if (entry.isDirect() || mIsFinal || !addresses.wasAsked) {
     note(entry, problem);
   } else {
     proxyFailed(entry, problem);
@@ -190,10 +246,20 @@ void Route::proxyFailed(const Entry& entry, const std::string& problem) {
   mContext.penalties.add(entry, base::visible(problem));
 }
 
+void Route::proxyDoubted(const Entry& entry, const std::string& problem) {
+  note(entry, problem);
+  mContext.penalties.doubt(entry, mDestination.text(), base::visible(problem));
+}
+
+void Route::refuseAnswer(const Entry& entry, const std::string& problem) {
+  note(entry, problem);
+  mIsFinal = true;
+}
+
 void Route::closedEarly(const std::string& problem) {
   const auto& entry = mEntries[mNext - 1];
   if (entry.isHttp() && mWantsAbsoluteForm) {
-    proxyFailed(entry, problem);
+    proxyDoubted(entry, problem);
   } else {
     note(entry, problem);
   }

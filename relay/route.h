@@ -1,7 +1,8 @@
 // The route of one request: it tries the entries of the daemon's answer, one after the other.
 //
-// It distinguishes two failures. A proxy that fails gets a penalty, and other requests try it last.
-// If the destination fails, only this request tries the next entry. Without this distinction, one
+// It distinguishes three failures. A proxy that fails gets a penalty, and other requests try it
+// last. If the destination fails, only this request tries the next entry. A proxy that takes the
+// connection and does not answer is in doubt: see Penalties::doubt(). Without this distinction, one
 // request for a dead host would make all users bypass the proxy.
 #pragma once
 
@@ -51,6 +52,10 @@ class Route {
 
   /// The proxy of the last upstream ended the connection before it answered.
   void closedEarly(const std::string& problem);
+  /// The relay does not forward the answer that came by `entry`, and tries no further entry.
+  void refuseAnswer(const Entry& entry, const std::string& problem);
+  /// Adds a line for the client and the log.
+  void note(const Entry& entry, const std::string& problem);
   /// next() tries the entry of the last upstream again.
   void again();
   /// The proxy of the last upstream requires authentication that the relay does not have.
@@ -62,11 +67,15 @@ class Route {
   const Destination& destination() const { return mDestination; }
 
  private:
+  Task<bool> leadsToThisDevice();
   Task<std::optional<Stream>> attempt(const Entry& entry);
-  Task<std::optional<Stream>> tunnel(const Entry& entry);
+  Task<std::optional<Stream>> tunnel(const Entry& entry, Stream connection, Clock::time_point end);
+  Task<std::optional<Stream>> handshake(const Entry& entry, Stream connection,
+                                        Clock::time_point end);
+  Task<bool> findAddress(const Entry& entry, Destination& destination);
   Task<std::optional<Stream>> direct(const Entry& entry, const Destination& destination);
   std::optional<Stream> take(const Entry& entry, ThroughProxy through);
-  void note(const Entry& entry, const std::string& problem);
+  void proxyDoubted(const Entry& entry, const std::string& problem);
   void proxyFailed(const Entry& entry, const std::string& problem);
   std::string refusedAddress(const sockaddr* address, const Entry& entry);
 

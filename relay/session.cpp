@@ -1,5 +1,7 @@
 #include "relay/session.h"
 
+#include <poll.h>
+
 #include <algorithm>
 
 #include "base/log_line.h"
@@ -21,8 +23,29 @@ void Session::start() {
   asio::co_spawn(mContext.loop, run(shared_from_this()), asio::detached);
 }
 
+/// Something has happened. The client has the idle time again.
+void Session::keepAlive() {
+  const auto now = Clock::now();
+  mIsServing = true;
+  mEnd = now + mContext.configured.configuration.idleTime;
+  expireAt(std::min(mEnd, now + kClientCheck));
+}
+
+/// A client may end its sending direction and wait for the answer. Its socket then has an owner.
+/// Other machines' clients that do this are gone, as for other proxies.
+bool Session::isClientGone() {
+  const int fd = mClient.socket().native_handle();
+  pollfd state{fd, POLLRDHUP, 0};
+  if (!mClient.isOpen() || poll(&state, 1, 0) <= 0) return false;
+  return (state.revents & (POLLHUP | POLLERR)) != 0 || !mContext.peers.of(fd).isKnown();
+}
+
 /// The coroutine waits for these sockets. When they close, it ends.
 void Session::expire() {
+  const auto now = Clock::now();
+  if (mIsServing && now < mEnd && !isClientGone()) {
+    return expireAt(std::min(mEnd, now + kClientCheck));
+  }
   expireNever();
   if (mServer) mServer->stream.close();
   mClient.close();
@@ -45,9 +68,10 @@ Task<void> Session::serveHttp() {
     if (head.empty()) co_return;
     next = co_await serve(head);
     if (next == Next::kHandedOver) co_return;
-    mIsInRequest = false;
+    mIsInRequest = mIsServing = false;
     if (mIn.empty()) std::string().swap(mIn);
     expireAfter(mContext.configured.configuration.keptTime);
+    if (isTurnOver()) co_await asio::post(mContext.loop, asio::use_awaitable);
   }
   // Unread bytes would end the connection with a reset, and the answer could be lost.
   mClient.shutdownWrite();
@@ -60,6 +84,7 @@ Task<void> Session::serveHttp() {
 
 /// @return whether bytes were added to mIn
 Task<bool> Session::readMore() {
+  if (isTurnOver()) co_await asio::post(mContext.loop, asio::use_awaitable);
   while (true) {
     auto& buffer = sharedBuffer();
     const auto got = mClient.tryRead(buffer.data(), buffer.size());
@@ -97,13 +122,14 @@ Task<std::string> Session::readHead() {
 }
 
 Task<Session::Next> Session::respond(unsigned status, std::string text) {
-  co_await mClient.write(ownResponse(status, "proxymanager-relay: " + text));
+  co_await mClient.write(ownResponse(status, "proxymanager-relay: " + text, false, !mIsHead));
   co_return Next::kClose;
 }
 
 Task<Session::Next> Session::serve(const std::string& head) {
   RequestHead request;
   const auto problem = readRequestHead(head, request);
+  mIsHead = request.method == "HEAD";
   if (problem.status != 0) {
     mContext.counters.malformed++;
     co_return co_await respond(problem.status, std::string(problem.text) + "\n");
@@ -112,7 +138,7 @@ Task<Session::Next> Session::serve(const std::string& head) {
   if (wentThrough(request.fields, mContext.name)) {
     co_return co_await respond(508, "the request has come through this relay before\n");
   }
-  expireAfter(mContext.configured.configuration.idleTime);
+  keepAlive();
   if (request.method == "CONNECT") co_return co_await connect(request);
   if (request.target.front() == '/') co_return co_await ownPage(request);
   co_return co_await forward(request);

@@ -22,6 +22,12 @@ namespace relay {
 /// How long a body waits for the proxy's 100 or 407, if the proxy may want a password. Servers are
 /// not required to send a 100 (RFC 9110, 10.1.1). Other clients wait as long.
 inline constexpr std::chrono::seconds kAnswerBeforeBody{1};
+/// How long the relay waits for an answer after a part of the body could not be sent.
+inline constexpr std::chrono::seconds kAnswerAfterBrokenBody{10};
+/// How often the relay checks whether a client that waits for an answer is still there.
+inline constexpr std::chrono::seconds kClientCheck{2};
+/// Number of reads or requests of one connection before other connections get their turn.
+inline constexpr unsigned kTurn = 8;
 
 class Session : public Watched, public std::enable_shared_from_this<Session> {
  public:
@@ -41,6 +47,7 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
     kClose,           ///< done, or failed after the answer began
     kHandedOver,      ///< a tunnel after status 101
     kNoAnswer,        ///< the upstream ended before its answer; the client got nothing
+    kRefusedAnswer,   ///< the relay does not forward this answer; the client got nothing
     kAuthentication,  ///< a 407, which the client does not get
     kAgain            ///< a 407 or 417; the next attempt has another head
   };
@@ -50,6 +57,9 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   Task<void> serveHttp();
   Task<std::string> readHead();
   Task<bool> readMore();
+  void keepAlive();
+  bool isClientGone();
+  bool isTurnOver() { return ++mRounds % kTurn == 0; }
   Task<Next> serve(const std::string& head);
   Task<Next> respond(unsigned status, std::string text);
   Task<Next> ownPage(const RequestHead& request);
@@ -79,7 +89,9 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   Task<bool> mayBodyLeave();
   Task<void> sendBody(const RequestHead& request);
   Task<bool> readResponse(const RequestHead& request, std::string& head, ResponseHead& response);
-  Task<Exchange> relayResponse(const RequestHead& request, const ResponseHead& response);
+  Exchange withoutAnswer() const;
+  Task<Exchange> relayResponse(const RequestHead& request, const Route& route,
+                               const ResponseHead& response);
   Task<bool> relayBody(const ResponseHead& response, bool isHttp11);
 
   Context& mContext;
@@ -92,13 +104,19 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   std::string mServerDestination;        ///< where mServer leads; empty for an HTTP proxy
   std::string mServerIn;                 ///< read from mServer, not processed yet
   std::optional<KnownChallenge> mFresh;  ///< from a 407 to this request, only for its next attempt
+  const char* mAnswerProblem = "";       ///< why the relay did not accept the head of an answer
+  bool mIsAnswerHttp = false;            ///< this head began as one of HTTP/1
   std::optional<Event> mContinue;  ///< a 100 has come; set while the body may have to wait for it
   bool mIsExpectRefused = false;   ///< the server refused Expect for this request
   bool mIsReused = false;          ///< mServer was used before
   bool mHasServerByte = false;     ///< mServer sent something since the request
   bool mIsBodyStarted = false;     ///< a part of the request's body was sent
   bool mIsBodySent = true;         ///< the whole body was sent
-  bool mIsInRequest = false;       ///< a request has begun: decides what a timeout means
+  unsigned mRounds = 0;            ///< see kTurn
+  bool mIsHead = false;            ///< the request's method is HEAD
+  bool mIsServing = false;         ///< a request is being answered; its time ends at mEnd
+  Clock::time_point mEnd;
+  bool mIsInRequest = false;  ///< a request has begun: decides what a timeout means
 };
 
 }  // namespace relay

@@ -113,6 +113,18 @@ Task<bool> Stream::write(std::string_view bytes) {
   co_return true;
 }
 
+bool Stream::isQuiet() {
+  char byte = 0;
+  return tryRead(&byte, 1) == kAgain;
+}
+
+void Stream::abandon() {
+  const linger reset{1, 0};
+  if (mTls == nullptr && mSocket.is_open()) {
+    setsockopt(mSocket.native_handle(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+  }
+}
+
 void Stream::shutdownWrite() {
   ErrorCode ignored;
   if (mTls == nullptr && mSocket.is_open()) mSocket.shutdown(Socket::shutdown_send, ignored);

@@ -51,6 +51,11 @@ class Stream {
   Task<bool> waitWrite();
   /// Writes all `bytes`. @return whether the write succeeded
   Task<bool> write(std::string_view bytes);
+  /// Whether the other end has sent nothing and has not ended the stream. If it has, a byte is
+  /// lost.
+  bool isQuiet();
+  /// The other end sees a reset when this stream closes.
+  void abandon();
   /// Ends the sending direction. libcurl cannot do this for TLS: the caller closes the stream
   /// instead.
   void shutdownWrite();

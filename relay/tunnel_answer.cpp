@@ -28,10 +28,12 @@ class Deadline : public Watched {
   bool mIsOver = false;
 };
 
-/// Reads to the end of the answer's head. @return its status; 0 if there is none
+/// Reads to the end of the answer's head. @return its status; 0 if there is none, and `in` then has
+/// what came
 Task<unsigned> statusOf(Stream& stream, std::string& in) {
   while (true) {
     const auto answer = readTunnelAnswer(in);
+    if (answer.length != 0 && answer.status == 0) co_return 0;
     if (answer.length != 0) {
       in.erase(0, answer.length);
       const bool isInterim = answer.status / 100 == 1;
@@ -80,9 +82,13 @@ Task<ThroughProxy> askForTunnel(Sweeper& sweeper, Stream& stream, const Destinat
   ThroughProxy through;
   if (co_await stream.write(head)) through.status = co_await statusOf(stream, through.early);
   if (deadline.isOver()) {
+    through.result = ProxyResult::kNoAnswer;
     through.problem = "no answer to CONNECT within the time limit";
-  } else if (through.status == 0) {
+  } else if (through.status == 0 && through.early.empty()) {
+    through.result = ProxyResult::kNoAnswer;
     through.problem = "the connection ended without an answer to CONNECT";
+  } else if (through.status == 0) {
+    through.problem = "the answer to CONNECT is not HTTP";
   } else if (through.status / 100 == 2) {
     through.result = ProxyResult::kConnected;
     through.stream.emplace(std::move(stream));

@@ -51,7 +51,9 @@ Task<std::optional<Upstream>> Session::openTunnel(const Destination& destination
 
 Task<Session::Next> Session::connect(const RequestHead& request) {
   const auto destination = readAuthority(request.target, 0);
-  if (!destination || request.body.kind != BodyKind::kNone) {
+  // Some clients name the length 0.
+  const bool hasBody = request.body.kind == BodyKind::kChunked || request.body.length != 0;
+  if (!destination || hasBody) {
     mContext.counters.malformed++;
     co_return co_await respond(400, "CONNECT wants host:port, and has no body\n");
   }
@@ -99,7 +101,7 @@ Task<std::optional<Destination>> Session::socksDestination(int version) {
 Task<void> Session::serveSocks(int version) {
   const auto destination = co_await socksDestination(version);
   if (!destination) co_return;
-  expireAfter(mContext.configured.configuration.idleTime);
+  keepAlive();
   Refusal refusal{403, "you may not use this relay\n"};
   std::optional<Upstream> upstream;
   if (!mIsRefused) upstream = co_await openTunnel(*destination, urlOf(*destination), refusal);

@@ -527,8 +527,9 @@ def test_malformed_socks_ends_its_connection_and_no_other(relay, origin, bus):
 
 
 def test_peers_of_other_machines_are_refused_and_if_allowed_reach_nothing_of_this_one(
-        build, origin, bus, syslog):
+        build, origin, daemon, client, web, syslog):
     network.hosts(HOST, "inside.example")
+    proxy = Proxy()
     for address in ("192.0.2.5/32", "192.0.2.6/32"):
         subprocess.run(["ip", "address", "add", address, "dev", "lo"], check=True)
     relay = Relay(build, "", listen=("192.0.2.5:3128",))
@@ -544,12 +545,17 @@ def test_peers_of_other_machines_are_refused_and_if_allowed_reach_nothing_of_thi
     relay.stop()
     relay.configure('allow-from = ["192.0.2.6/32"]\n')
     relay.start()
-    for name in ("inside.example", "localhost", "127.0.0.1", "[::1]", "192.0.2.5", "169.254.1.1"):
-        request = f"CONNECT {name}:{origin.port} HTTP/1.1\r\nHost: x\r\n\r\n"
-        assert status_of(request) == b"403", name
+    for answer in (None, proxy.entry):
+        if answer:  # a proxy on this machine would connect to this machine, too
+            answers(client, web, answer)
+        for name in ("inside.example", "localhost", "127.0.0.1", "127.1", "[::1]",
+                     "[64:ff9b::7f00:1]", "192.0.2.5", "169.254.1.1"):
+            request = f"CONNECT {name}:{origin.port} HTTP/1.1\r\nHost: x\r\n\r\n"
+            assert status_of(request) == b"403", name
     assert status_of("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n") == b"403"
-    assert origin.heads == []
+    assert origin.heads == [] and proxy.heads == []
     relay.stop()
+    proxy.close()
 
 
 def test_a_slow_name_delays_no_other(relay, origin, bus):

@@ -62,6 +62,11 @@ def read_all(connection):
     return data
 
 
+def reset(connection):
+    connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    connection.close()
+
+
 def splice(left, right):
     """Copies until both have ended."""
     def copy(source, target):
@@ -123,14 +128,13 @@ class Proxy:
             self.heads.append(head)
             is_connect = head.startswith(b"CONNECT ")
             answer = self.connect_answer if is_connect else self.get_answer
+            answer = answer(head) if callable(answer) else answer
             if answer == "silent":
                 read_all(connection)
                 return
             if answer == "reset":
-                connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                reset(connection)
                 return
-            if answer is not None:
-                answer = answer(head) if callable(answer) else answer
             if answer is not None:
                 connection.sendall(answer.encode())
                 if answer.startswith("HTTP/") and "Connection: close" not in answer:

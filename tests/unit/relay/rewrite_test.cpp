@@ -31,6 +31,19 @@ TEST(RequestFor, HasTheWholeUrlForAProxyAndOneLength) {
             "PUT http://a/p HTTP/1.1\r\nHost: a\r\nContent-Length: 7\r\nVia: 1.0 me\r\n\r\n");
 }
 
+TEST(RequestFor, LowersMaxForwardsOfTraceAndOptionsAlone) {
+  const auto forwards = [](const std::string& method, const std::string& value) {
+    const auto text =
+        sent(method + " http://a/p HTTP/1.1\r\nHost: a\r\nMax-Forwards: " + value + "\r\n\r\n");
+    const auto at = text.find("Max-Forwards: ") + 14;
+    return text.substr(at, text.find('\r', at) - at);
+  };
+  EXPECT_EQ(forwards("OPTIONS", "5"), "4");
+  EXPECT_EQ(forwards("TRACE", "1"), "0");
+  EXPECT_EQ(forwards("GET", "5"), "5");
+  EXPECT_EQ(forwards("OPTIONS", "many"), "many");
+}
+
 TEST(RequestFor, ExpectsAContinueOnce) {
   for (const char* field : {"", "Expect: 100-continue\r\n"}) {
     RequestHead request;
