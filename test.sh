@@ -139,7 +139,7 @@ threaded+=("${threaded_tests[@]}")
 # The tests on a bus that start no other program.
 threaded_tests+=(integration.{bus_loss,bus_policy,contract,fairness,faults,files,glib_programs}
   integration.{hostile_scripts,kill,libproxy,lifecycle,memory,on_demand,pac,planted_files,relay}
-  integration.{relay_program,self_limits,service,settings,settings_sources,settings_trouble,stop}
+  integration.{relay_faults,relay_limits,relay_passwords,relay_program,self_limits,service,settings,settings_sources,settings_trouble,stop}
   integration.{stop_answers,watch,wpad} 'network[.][a-z_]+' stress.bus_abuse)
 
 test_sanitizers() {
