@@ -79,19 +79,21 @@ Reply replyOf(sd_bus_message* reply) {
   return read(reply);
 }
 
-/// The user name and the password in a reply of getProxyconfig. Nothing if this program may not
-/// read them.
+/// A reply of getProxyconfig. Nothing if this program may not read it.
 /// @throws std::bad_alloc
-std::optional<std::string> credentialsOf(sd_bus_message* reply) {
-  const char* user = nullptr;
-  const char* password = nullptr;
+std::optional<Configuration> configurationOf(sd_bus_message* reply) {
   if (sd_bus_message_is_method_error(reply, nullptr) != 0 ||
-      sd_bus_message_enter_container(reply, 'r', "ssssss") <= 0 ||
-      sd_bus_message_skip(reply, "ssss") < 0 ||
-      sd_bus_message_read(reply, "ss", &user, &password) < 0 || *user == '\0') {
+      sd_bus_message_enter_container(reply, 'r', "ssssss") <= 0) {
     return std::nullopt;
   }
-  return client::credentialsOf(user, password);
+  Configuration read;
+  for (auto* const member : {&read.mode, &read.proxyurl, &read.pacurl, &read.enableauth,
+                             &read.userName, &read.password}) {
+    const char* text = nullptr;
+    if (sd_bus_message_read_basic(reply, 's', &text) <= 0) return std::nullopt;
+    *member = text;
+  }
+  return read;
 }
 
 }  // namespace
@@ -133,7 +135,15 @@ int BusLink::follow() {
 }
 
 int BusLink::send(const std::string& url, Asked& asked) {
-  return call("getProxyurl", url.c_str(), onReply, asked);
+  asked.mUrl = &url;
+  asked.mAttempts = 0;
+  return ask(asked);
+}
+
+/// Sends a question whose URL is set, also a second time. @return 0, or an errno
+int BusLink::ask(Asked& asked) {
+  ++asked.mAttempts;
+  return call("getProxyurl", asked.mUrl->c_str(), onReply, asked);
 }
 
 /// @param url the argument; null for none. @return 0, or an errno
@@ -200,10 +210,10 @@ int BusLink::onConfiguration(sd_bus_message* message, void* asked, sd_bus_error*
   Outcome outcome;
   try {
     auto answer = *std::move(of.mAnswer);
-    if (const auto credentials = credentialsOf(message)) {
-      for (auto& entry : answer.entries) {
-        if (takesCredentials(answer, entry, {})) entry.credentials = *credentials;
-      }
+    const auto configuration = configurationOf(message);
+    if (configuration && !addCredentials(answer, *configuration, {})) {
+      if (of.mAttempts < kMaxAttempts && link.ask(of) == 0) return 1;
+      of.mIsFromOwner = false;  // the answer is outdated, so it is not remembered
     }
     outcome = link.outcomeOf(std::move(answer));
   } catch (const std::bad_alloc&) {

@@ -38,6 +38,8 @@ class BusLink {
    private:
     friend class BusLink;
     BusLink* mLink = nullptr;
+    const std::string* mUrl = nullptr;  ///< of the caller
+    int mAttempts = 0;                  ///< how often it was sent
     /// The answer that waits for the credentials, and whether it may be remembered.
     std::optional<ProxyAnswer> mAnswer;
     bool mIsFromOwner = false;
@@ -78,7 +80,7 @@ class BusLink {
   /// none, else a negative errno: the connection failed or has ended
   int process();
 
-  /// Sends a question. @return 0, or an errno
+  /// Sends a question. @param url stays valid as long as `asked` @return 0, or an errno
   int send(const std::string& url, Asked& asked);
 
   /// The poll events to wait for; the wait ends at wakeAt() at the latest.
@@ -98,6 +100,7 @@ class BusLink {
   static int onClear(sd_bus_message* message, void* link, sd_bus_error*);
   bool askConfiguration(Asked& asked);
   Outcome outcomeOf(ProxyAnswer answer) const;
+  int ask(Asked& asked);
   int call(const char* member, const char* url, sd_bus_message_handler_t handler, Asked& asked);
   int follow();
   void setOwner(const char* owner);

@@ -225,6 +225,20 @@ bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
          });
 }
 
+bool addCredentials(ProxyAnswer& answer, const Configuration& configuration,
+                    std::span<const std::string> hosts) {
+  if (answer.mode != configuration.mode) return false;
+  const bool isManual = answer.mode == "manual";
+  if (isManual && (answer.entries.empty() || answer.entries.front().text != configuration.proxyurl))
+    return false;
+  if (configuration.userName.empty()) return true;
+  const auto credentials = credentialsOf(configuration.userName, configuration.password);
+  for (auto& entry : answer.entries) {
+    if (takesCredentials(answer, entry, hosts)) entry.credentials = credentials;
+  }
+  return true;
+}
+
 std::string proxyUrl(const ProxyEntry& entry) {
   if (entry.kind == ProxyKind::kDirect || entry.kind == ProxyKind::kUnusable) return {};
   std::string url(kindName(entry.kind));

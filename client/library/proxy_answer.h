@@ -50,6 +50,16 @@ struct ProxyAnswer {
   bool operator==(const ProxyAnswer&) const = default;
 };
 
+/// A configuration, in the form of getProxyconfig.
+struct Configuration {
+  std::string mode;
+  std::string proxyurl;
+  std::string pacurl;
+  std::string enableauth;
+  std::string userName;
+  std::string password;
+};
+
 /// Reads one entry of a script: "DIRECT", or a keyword and "host:port". The keywords, in any letter
 /// case, are PROXY and HTTP, HTTPS, SOCKS4, SOCKS5, and SOCKS. SOCKS names no version and is read
 /// as version 5, which most proxies use today. With SOCKS and SOCKS5 the proxy looks names up,
@@ -86,6 +96,20 @@ std::string credentialsOf(std::string_view userName, std::string_view password);
 /// of `hosts`. A script could name any host, and would get the password.
 bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
                       std::span<const std::string> hosts);
+
+/// Adds the user name and password of `configuration` to the entries for which takesCredentials()
+/// is true. Answer and configuration are replies to two calls, and the daemon may get a new
+/// configuration between them. The proxy of the old one must not get the password of the new one.
+/// @return false if `answer` is not an answer under `configuration`: it has another mode, or
+/// another
+///         manual proxy. The answer is then unchanged.
+bool addCredentials(ProxyAnswer& answer, const Configuration& configuration,
+                    std::span<const std::string> hosts);
+
+/// How many times a question is asked if its answer is not one under the configuration read after
+/// it. Then the answer stays without credentials. A second change within the same milliseconds is
+/// rare.
+inline constexpr int kMaxAttempts = 3;
 
 /// "socks5h://host:1080", with the credentials. Empty if there is no proxy.
 std::string proxyUrl(const ProxyEntry& entry);

@@ -7,6 +7,7 @@ import pytest
 from support.bus import ADDRESS, LIMIT, Client, wait_until
 from support.ctl import Reader
 from support.daemon import Daemon
+from support.stand_in import StandIn
 from support.web import script
 
 TREE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
@@ -119,7 +120,7 @@ int main(int, char** argv) {
 ASK_LOCAL, WITH_CREDENTIALS = "2", "4"
 
 
-def test_a_program_gets_the_password_of_a_manual_proxy_if_it_may_read_it(compile_, client, web):
+def test_a_program_gets_the_password_of_a_manual_proxy_if_it_may_read_it(compile_, client, web, daemon):
     with open("/tmp/asker.cpp", "w") as file:
         file.write(ASKER)
     program = compile_("c++", "/tmp/asker.cpp", "-std=c++17")
@@ -139,6 +140,15 @@ def test_a_program_gets_the_password_of_a_manual_proxy_if_it_may_read_it(compile
     client.update("pacurl", pacurl=web.url("/p.pac"), auth=True, user="me", password="x")
     wait_until(lambda: len(client.urls(URL)) > 1, "the script answers")
     assert ask(WITH_CREDENTIALS) == "pacurl http://p.example:1"
+    assert daemon.stop() == 0
+    # The configuration changes between the answer and the password, once and then always.
+    old, new = (("as", (["manual", f"http://{name}.example:1"],)) for name in ("old", "new"))
+    read = ("(ssssss)", (("manual", "http://new.example:1", "", "n", "me", "x"),))
+    for replies, answer in (([old, new], "http://me:x@new.example:1"),
+                            ([old] * 3, "http://old.example:1")):
+        daemon = StandIn({"getProxyurl": replies, "getProxyconfig": read})
+        assert ask(WITH_CREDENTIALS) == f"manual {answer}"
+        daemon.close()
 
 
 def test_a_program_follows_the_daemon_through_its_changes(compile_, build, syslog, bus):

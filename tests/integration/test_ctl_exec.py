@@ -6,6 +6,7 @@ import socket
 
 from support.bus import wait_until
 from support.ctl import ANSWERED, NO_ANSWER, NO_PROXY, VARIABLES, answering, said
+from support.stand_in import StandIn
 
 
 def test_exec_gives_the_command_the_proxy_of_the_url(ctl, client):
@@ -93,3 +94,24 @@ def test_the_configured_password_comes_into_a_manual_proxys_url_alone(ctl, clien
     listed = ["--no-check", "--credentials-for", "P"]
     assert ctl("exec", *listed, "http://a/", *show).output == "http://me:pw@p:1\n"
     assert ctl("exec", *listed, "http://b/", *show).output == "http://other:1\n"
+
+
+def test_a_new_password_never_comes_into_the_url_of_the_proxy_before(ctl, bus):
+    def answer(mode, entry):
+        return "as", ([mode, entry],)
+
+    def asked(answers, *command):
+        daemon = StandIn({"getProxyurl": answers, "getProxyconfig": (
+            "(ssssss)", (("manual", "http://new.example:1", "", "n", "me", "x"),))})
+        output = ctl(*command).output
+        daemon.close()
+        return output
+
+    old, new = (answer("manual", f"http://{name}.example:1") for name in ("old", "new"))
+    script = answer("pacurl", "PROXY old.example:1")
+    get = ["get", "--format", "curl", "--with-password", "--credentials-for", "old.example"]
+    run = ["exec", "--no-check", "http://a/", "--", "sh", "-c", "echo $http_proxy"]
+    assert asked([old, new], *run) == "http://me:x@new.example:1\n"
+    assert asked([old] * 3, *run) == asked([script] * 3, *get, "http://a/") == "http://old.example:1\n"
+    # The configuration is read for each URL.
+    assert asked([new, old, new], *get, "http://a/", "http://b/") == "http://me:x@new.example:1\n" * 2

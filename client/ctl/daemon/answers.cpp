@@ -12,9 +12,13 @@ ProxyAnswer Answers::ask(const std::string& url) {
   const auto asked = askedUrl(url);
   if (!asked) throw Failure(kUsage, "a URL is no URL, or longer than 65535 bytes");
   if (!mOptions.askLocal && domain::isLocalUrl(*asked)) return localAnswer();
-  auto answer = bus().ask(*asked);
-  if (mOptions.withCredentials) addCredentialsTo(answer);
-  return answer;
+  for (int attempt = 1;; ++attempt) {
+    auto answer = bus().ask(*asked);
+    if (!wantsCredentials(answer)) return answer;
+    const auto read = configuration();
+    if (!read || addCredentials(answer, *read, mOptions.credentialHosts)) return answer;
+    if (attempt == kMaxAttempts) return answer;
+  }
 }
 
 DaemonBus& Answers::bus() {
@@ -22,23 +26,20 @@ DaemonBus& Answers::bus() {
   return *mBus;
 }
 
-void Answers::addCredentialsTo(ProxyAnswer& answer) {
-  const auto mayHave = [&](const ProxyEntry& entry) {
-    return takesCredentials(answer, entry, mOptions.credentialHosts);
-  };
-  if (std::none_of(answer.entries.begin(), answer.entries.end(), mayHave)) return;
-  if (!mConfiguration) {
-    try {
-      mConfiguration = bus().configuration();
-    } catch (const Failure& failure) {
-      if (failure.status() != kDenied) throw;
-      mConfiguration.emplace();
-    }
-  }
-  if (mConfiguration->userName.empty()) return;
-  const auto credentials = credentialsOf(mConfiguration->userName, mConfiguration->password);
-  for (auto& entry : answer.entries) {
-    if (mayHave(entry)) entry.credentials = credentials;
+bool Answers::wantsCredentials(const ProxyAnswer& answer) const {
+  return mOptions.withCredentials &&
+         std::any_of(answer.entries.begin(), answer.entries.end(), [&](const ProxyEntry& entry) {
+           return takesCredentials(answer, entry, mOptions.credentialHosts);
+         });
+}
+
+/// @return nothing if this user may not read it
+std::optional<Configuration> Answers::configuration() {
+  try {
+    return bus().configuration();
+  } catch (const Failure& failure) {
+    if (failure.status() != kDenied) throw;
+    return std::nullopt;
   }
 }
 

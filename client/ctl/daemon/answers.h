@@ -34,12 +34,12 @@ class Answers {
 
  private:
   DaemonBus& bus();
-  void addCredentialsTo(ProxyAnswer& answer);
+  bool wantsCredentials(const ProxyAnswer& answer) const;
+  std::optional<Configuration> configuration();
 
   std::chrono::microseconds mLimit;
   AnswerOptions mOptions;
   std::optional<DaemonBus> mBus;
-  std::optional<Configuration> mConfiguration;  ///< empty texts if it may not be read
 };
 
 }  // namespace client

@@ -23,16 +23,6 @@ namespace client {
 /// silent bus is an error.
 inline constexpr std::chrono::seconds kBusLimit{10};
 
-/// A configuration, in the form of getProxyconfig.
-struct Configuration {
-  std::string mode;
-  std::string proxyurl;
-  std::string pacurl;
-  std::string enableauth;
-  std::string userName;
-  std::string password;
-};
-
 /// The owner of the daemon's name.
 struct Owner {
   std::string uniqueName;
