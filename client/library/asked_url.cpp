@@ -15,9 +15,11 @@ std::optional<std::string> askedUrl(std::string_view url) {
     return isBusText(*asked) ? asked : std::nullopt;
   }
   if (asked->find("://") != std::string::npos) return std::nullopt;  // a password may be anywhere
-  const auto authority = asked->substr(0, asked->find_first_of("/?#"));
-  if (const auto at = authority.rfind('@'); at != std::string::npos) asked->erase(0, at + 1);
-  return asked;
+  const auto at = asked->rfind('@');
+  if (at == std::string::npos) return asked;
+  // In "me:pw/x@host" and "http:/me:pw@host", nobody knows where a password begins and ends.
+  if (at > asked->find_first_of("/?#")) return std::nullopt;
+  return asked->substr(at + 1);
 }
 
 }  // namespace client

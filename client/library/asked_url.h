@@ -9,9 +9,10 @@ namespace client {
 
 /// The canonical form of `url` (domain/canonical_url.h). Equivalent URLs get the same answer, and
 /// no user name or password reaches the bus or the daemon's log. If the text has no "://", only the
-/// part before an "@" is removed.
+/// part before the "@" of its host is removed.
 /// @return nothing if the bus cannot carry the text, if the text is longer than
-///         PROXYMANAGER_MAX_URL bytes, or if it has no valid scheme before its "://"
+///         PROXYMANAGER_MAX_URL bytes, if it has no valid scheme before its "://", or if it has no
+///         "://" and an "@" after the first "/", "?" or "#": a password may be before that "@"
 std::optional<std::string> askedUrl(std::string_view url);
 
 }  // namespace client

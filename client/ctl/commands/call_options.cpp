@@ -57,8 +57,11 @@ void checkAskedUrl(const std::string& url) {
   if (url.size() > PROXYMANAGER_MAX_URL) {
     throw CLI::ValidationError("URL", "it is longer than 65535 bytes");
   }
-  if (!askedUrl(url))
-    throw CLI::ValidationError("URL", "it is no URL: no scheme stands before \"://\"");
+  if (askedUrl(url)) return;
+  const bool hasMark = url.find("://") != std::string::npos;
+  throw CLI::ValidationError(
+      "URL", hasMark ? "it is no URL: no scheme stands before \"://\""
+                     : "a password may be in it; a URL with \"@\" needs its scheme and \"://\"");
 }
 
 }  // namespace client

@@ -60,13 +60,15 @@ typedef enum proxymanager_status {
   PROXYMANAGER_OK = 0,
   PROXYMANAGER_NO_BUS = 1, /**< no message bus; or the connection ended; or the bus sent nothing for
                               10 s while the connection was made */
-  PROXYMANAGER_NO_DAEMON = 2,    /**< the daemon does not run, ended, or is about to */
-  PROXYMANAGER_DENIED = 3,       /**< the bus does not let this program ask */
-  PROXYMANAGER_TOO_SLOW = 4,     /**< no answer within the limit */
-  PROXYMANAGER_BAD_REPLY = 5,    /**< a reply that the daemon never sends */
-  PROXYMANAGER_CANCELLED = 6,    /**< the program cancelled the question or freed the client */
-  PROXYMANAGER_BAD_ARGUMENT = 7, /**< a null pointer, or a URL that is too long or not UTF-8 */
-  PROXYMANAGER_NO_MEMORY = 8,    /**< no memory, descriptor or thread is available */
+  PROXYMANAGER_NO_DAEMON = 2, /**< the daemon does not run, ended, or is about to */
+  PROXYMANAGER_DENIED = 3,    /**< the bus does not let this program ask */
+  PROXYMANAGER_TOO_SLOW = 4,  /**< no answer within the limit */
+  PROXYMANAGER_BAD_REPLY = 5, /**< a reply that the daemon never sends */
+  PROXYMANAGER_CANCELLED = 6, /**< the program cancelled the question or freed the client */
+  /** a null pointer; a URL that is too long, not UTF-8 or without a valid scheme before its "://";
+   * a text without "://" that has an "@" after the first "/", "?" or "#" */
+  PROXYMANAGER_BAD_ARGUMENT = 7,
+  PROXYMANAGER_NO_MEMORY = 8, /**< no memory, descriptor or thread is available */
   PROXYMANAGER_BUSY = 9, /**< too many questions at once, in the client or on the bus; or a callback
                             would have to wait */
   PROXYMANAGER_FORKED = 10,   /**< the client belongs to the parent of this process */
