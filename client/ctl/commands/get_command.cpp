@@ -85,7 +85,8 @@ std::string shownEntry(const ProxyEntry& entry, bool showPassword) {
 }
 
 ShownAnswer shownAnswer(const Answered& answered) {
-  ShownAnswer shown{answered.shownUrl, answered.answer.mode, hostOf(answered.url), {}, {}, {}};
+  ShownAnswer shown{
+      answered.shownUrl, answered.answer.mode, hostOf(canonicalOrGiven(answered.url)), {}, {}, {}};
   for (const auto& entry : answered.answer.entries) shown.entries.push_back({entry, false});
   if (!shown.entries.empty()) shown.result = rawLine(answered.answer);
   return shown;

@@ -19,6 +19,7 @@
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
+#include "client/ctl/terminal/url_parts.h"
 #include "domain/url_host.h"
 #include "pac/pac_parser.h"
 #include "pac/proxy_url_cache.h"
@@ -153,8 +154,9 @@ void measureHelpers(Measured& measured, const std::string& script, const BenchAr
   // This removes the calls made during the load from the counts.
   if (!tracer->command("trace", "", problem)) throw refusal(arguments.script.file, problem);
   for (const auto& url : arguments.asked.urls) {
-    const HeapText host(getHost(url));
-    if (host != nullptr) tracer->evaluate(url, host.get());
+    const auto asked = canonicalOrGiven(url);
+    const HeapText host(getHost(asked));
+    if (host != nullptr) tracer->evaluate(asked, host.get());
   }
   const auto text = tracer->command("trace", "", problem);
   if (!text) throw refusal(arguments.script.file, problem);

@@ -8,6 +8,7 @@
 #include "base/log_line.h"
 #include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
+#include "client/ctl/terminal/url_parts.h"
 #include "domain/url_host.h"
 #include "pac/pac_parser.h"
 #include "service/records/owned_settings.h"
@@ -50,16 +51,17 @@ std::vector<ShownEntry> entriesOf(const std::string& result) {
 ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
                         const std::optional<std::string>& givenHost) {
   ShownAnswer shown{withoutPassword(url), {}, givenHost.value_or(""), {}, {}, {}};
+  const auto asked = canonicalOrGiven(url);
   if (!givenHost) {
-    const HeapText host(getHost(url));
-    if (host == nullptr) {
+    const HeapText host(getHost(asked));
+    if (host == nullptr || std::string_view(host.get()) == "/") {
       shown.error = "the URL has no host; --host gives one";
       return shown;
     }
     shown.host = host.get();
   }
   const AlertsHeard heard;
-  const auto reply = engine.evaluate(url, shown.host);
+  const auto reply = engine.evaluate(asked, shown.host);
   if (reply.result) {
     shown.result = *reply.result;
     shown.entries = entriesOf(*reply.result);

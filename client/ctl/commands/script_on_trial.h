@@ -27,8 +27,9 @@ std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engi
 /// The failure that ends a command because its script `file` is refused.
 Failure refusal(const std::string& file, const pac_engine::Problem& problem);
 
-/// Asks the script for `url`. The second argument is `givenHost`, if set, else the host that the
-/// daemon finds in the URL. Alerts go to standard error and to syslog.
+/// Asks the script for the canonical form of `url`, as programs do. The second argument is
+/// `givenHost`, if set, else the host that the daemon finds in that form. Alerts go to standard
+/// error and to syslog.
 ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
                         const std::optional<std::string>& givenHost);
 

@@ -6,6 +6,7 @@
 #include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/failure.h"
 #include "client/ctl/terminal/script_file.h"
+#include "client/ctl/terminal/url_parts.h"
 
 namespace client {
 
@@ -93,7 +94,7 @@ TracedAnswer TracedScript::ask(const std::string& url, const std::optional<std::
   asked.took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begun);
   if (asked.answer.host.empty() && !host) return asked;  // no question was asked
   // The unchanged script has already shown these alerts.
-  const auto traced = mTraced->evaluate(url, asked.answer.host);
+  const auto traced = mTraced->evaluate(canonicalOrGiven(url), asked.answer.host);
   if (mTraced->workerPid() == 0) {
     asked.different = pac_engine::describe(traced.problem);
     asked.trace.cut = true;
