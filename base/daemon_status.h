@@ -13,7 +13,7 @@ namespace base {
 struct DaemonStatus {
   std::string mode;          ///< as on the bus; without blanks, commas and ";"
   std::int64_t updated = 0;  ///< the last configuration that was handed over
-  std::int64_t script = 0;   ///< a walk put a script in place
+  std::int64_t script = 0;   ///< a walk put the script in place that answers now
   std::int64_t walked = 0;   ///< the last walk ended
   std::string result;        ///< of that walk; one line
 };

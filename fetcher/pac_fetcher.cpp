@@ -223,8 +223,12 @@ PACFetcher::Attempt PACFetcher::install(const std::string& url, const std::strin
     return attempt;
   }
   logLine(LOG_NOTICE, "PACFetcher-retrievePacFile PAC file download success url:%s", url.c_str());
-  service_callbacks::notifyFileUpdated(mService);
-  mReport.installed(url);
+  if (service_callbacks::notifyFileUpdated(mService)) {
+    mReport.installed(url);
+  } else {
+    mStatus.script = 0;
+    mReport.failed(url, "its script is refused");
+  }
   return Attempt::installed;
 }
 
@@ -233,11 +237,12 @@ void PACFetcher::pacFetcherThreadFunc() {
   logLine(LOG_INFO, "PACFetcher-pacFetcherThreadFunc called");
   while (mRunning) {
     Lock lock(mMutex);
-    reportStatus();
     if (!mRefetch && !mStatusIsNew && mRunning) {
       mCondition.wait_until(lock.native(),
                             std::chrono::system_clock::now() + std::chrono::seconds(mInterval));
     }
+    // A walk may take minutes, so the update is reported before it.
+    reportStatus();
     // The flag is cleared before the walk: all requests that arrive during the walk cause one
     // further walk.
     if (!mRefetch.exchange(false)) continue;

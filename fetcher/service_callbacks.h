@@ -7,6 +7,7 @@ namespace service_callbacks {
 
 /// A new script file is in place. Does nothing if `service` is null. Called on the fetcher thread
 /// with the fetcher's mutex held; must not call the fetcher.
-void notifyFileUpdated(ProxyManagerServiceImpl* service);
+/// @return whether a script answers now; false if the new one is refused
+bool notifyFileUpdated(ProxyManagerServiceImpl* service);
 
 }  // namespace service_callbacks

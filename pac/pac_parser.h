@@ -66,6 +66,9 @@ class PacParser {
   /// @return 0
   int parsePacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
+  /// Whether a script is loaded. Any thread; never waits.
+  bool hasEngine() const { return mHasEngine; }
+
   /// Reads the script. If the script's digest has changed, empties the cache and notifies the
   /// service. Reads only a regular file of root or of the process's user. One thread at a time;
   /// waits as parsePacFile does, except for the load. @return 1 if the script was read, else 0

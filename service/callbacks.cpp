@@ -7,8 +7,10 @@
 
 namespace service_callbacks {
 
-void notifyFileUpdated(ProxyManagerServiceImpl* service) {
-  if (service != nullptr) service->pacFileUpdated();
+bool notifyFileUpdated(ProxyManagerServiceImpl* service) {
+  if (service == nullptr) return false;
+  service->pacFileUpdated();
+  return service->hasScript();
 }
 
 void notifyContentUpdated(ProxyManagerServiceImpl* service) {

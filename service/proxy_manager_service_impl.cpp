@@ -200,6 +200,10 @@ void ProxyManagerServiceImpl::pacFileUpdated() {
   }
 }
 
+bool ProxyManagerServiceImpl::hasScript() const {
+  return mPacParser && mPacParser->hasEngine();
+}
+
 void ProxyManagerServiceImpl::pacContentUpdated() {
   logLine(LOG_NOTICE, "ProxyManagerServiceImpl-pacContentUpdated pacFileName:%s",
           mPacFileName.c_str());

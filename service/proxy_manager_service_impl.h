@@ -69,6 +69,9 @@ class ProxyManagerServiceImpl : public SlService {
   /// A new PAC file is in place. Fetcher thread.
   void pacFileUpdated();
 
+  /// Whether a script is loaded. Any thread; never waits.
+  bool hasScript() const;
+
   /// The PAC file's content differs from the one before. Fetcher thread.
   void pacContentUpdated();
 

@@ -50,6 +50,9 @@ std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript() {
 }
 void ProxyManagerServiceImpl::pacContentUpdated() {}
 void ProxyManagerServiceImpl::pacFileUpdated() {}
+bool ProxyManagerServiceImpl::hasScript() const {
+  return true;
+}
 
 namespace {
 

@@ -30,7 +30,7 @@ ProxyManagerServiceImpl* standInService() {
   return reinterpret_cast<ProxyManagerServiceImpl*>(&place);
 }
 
-void service_callbacks::notifyFileUpdated(ProxyManagerServiceImpl* service) {
+bool service_callbacks::notifyFileUpdated(ProxyManagerServiceImpl* service) {
   EXPECT_EQ(service, standInService());
   std::function<void()> hook;
   {
@@ -41,6 +41,7 @@ void service_callbacks::notifyFileUpdated(ProxyManagerServiceImpl* service) {
     hook = all.hook;
   }
   if (hook) hook();
+  return true;
 }
 
 int timesUpdated() {
