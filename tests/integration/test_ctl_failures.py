@@ -3,6 +3,7 @@
 import os
 import signal
 import socket
+import time
 
 import pytest
 from support.bus import ADDRESS, NAME, Bus, Client, wait_until
@@ -99,6 +100,16 @@ def test_a_bus_that_greets_and_then_does_not_answer_is_told_in_one_line(ctl, roo
     assert call.end() == (TRY_AGAIN, f"proxymanagerctl: the message bus at {ADDRESS} does not "
                           "answer; try again, or restart it\n")
     bus.close()
+
+
+def test_the_time_limit_of_a_call_limits_a_silent_bus(ctl, root):
+    with socket.socket(socket.AF_UNIX) as bus:
+        bus.bind("/run/test_bus")
+        bus.listen(16)  # it never accepts
+        begin = time.monotonic()
+        for arguments in (["get", "http://a/"], ["status"], ["wait", "--configured"]):
+            assert ctl(*arguments, "--timeout", "0.1").status == TRY_AGAIN, arguments
+        assert time.monotonic() - begin < 10, "each waits for 1 s"
 
 
 def test_a_slow_answer_is_told_in_one_line(ctl, daemon):

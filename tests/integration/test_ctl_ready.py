@@ -57,6 +57,10 @@ def test_wait_ends_with_a_script_that_has_no_answer(ctl, client, web):
     assert ctl("wait", "--script", "--timeout", "0.5").status == TRY_AGAIN
 
 
+OF_AN_EARLIER_ONE = ("no answer for any URL: this daemon has fetched no script; the file is of an "
+                     "earlier one")
+
+
 def test_wait_goes_on_with_a_script_that_is_refused_or_of_a_daemon_before(ctl, build, bus, syslog, web,
                                                                           client, daemon):
     without_an_answer(client, web, "/* FindProxyForURL */ )")
@@ -67,6 +71,7 @@ def test_wait_goes_on_with_a_script_that_is_refused_or_of_a_daemon_before(ctl, b
     daemon.start()
     client.update("pacurl", pacurl="http://127.0.0.1:1/")
     assert ctl("wait", "--script", "--timeout", "3").status == TRY_AGAIN
+    assert rows(ctl("status").output)["get"] == OF_AN_EARLIER_ONE
 
 
 def test_wait_trusts_what_the_daemon_reported_to_systemd(ctl, build, bus, syslog, web):
@@ -80,8 +85,18 @@ def test_wait_trusts_what_the_daemon_reported_to_systemd(ctl, build, bus, syslog
             without_an_answer(client, web)
             assert waiting.end() == (ANSWERED, "")
             assert "script from" in systemd.statuses[-1]
+            assert rows(ctl("status").output)["get"].startswith("asks the script")
             systemd.statuses.append("mode pacurl, never updated; no script; no walk")
             assert ctl("wait", "--script", "--timeout", "0.5").status == TRY_AGAIN
+            assert rows(ctl("status").output)["get"] == OF_AN_EARLIER_ONE
+            # Mode off may be the mode that somebody has set.
+            configured = ["wait", "--configured", "--timeout", "1"]
+            systemd.statuses.append("mode off, never updated; no script; no walk")
+            assert ctl(*configured).status == TRY_AGAIN
+            client.update("off")
+            systemd.wait_for(lambda line: "mode off, updated" in line, "the update is reported")
+            assert ctl(*configured).status == ANSWERED
+            assert ctl("status", "--json", "--timeout", "1").json["waiting"] is False
     finally:
         daemon.close()
 

@@ -36,7 +36,8 @@ void checkRoot() {
 }
 
 void checkUnit() {
-  const auto unit = readRelayUnit(kAskLimit);
+  const auto bus = openSystemBus();
+  const auto unit = readRelayUnit(bus.get(), kAskLimit);
   std::string why;
   if (!unit.isInstalled) {
     why = "the relay is not installed: there is no unit ";

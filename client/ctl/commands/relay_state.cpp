@@ -23,11 +23,15 @@ Row danger(const std::string& why) {
 
 }  // namespace
 
-RelayState lookAtRelay(std::chrono::microseconds limit) {
+bool isRelayDefault() {
+  return !relayLinks().empty();
+}
+
+RelayState lookAtRelay(sd_bus* bus, std::chrono::microseconds limit) {
   RelayState state;
-  state.isDefault = !relayLinks().empty();
+  state.isDefault = isRelayDefault();
   try {
-    state.unit = readRelayUnit(limit);
+    state.unit = readRelayUnit(bus, limit);
   } catch (const Failure& failure) {
     state.unknown = failure.what();
   }

@@ -17,8 +17,11 @@ struct RelayState {
   std::string unknown;  ///< why there is no `unit`
 };
 
-/// Looks at the snippets, and asks systemd for at most `limit`.
-RelayState lookAtRelay(std::chrono::microseconds limit);
+/// Whether a snippet is in place.
+bool isRelayDefault();
+
+/// Looks at the snippets, and asks systemd over `bus`. An answer takes `limit` at most.
+RelayState lookAtRelay(sd_bus* bus, std::chrono::microseconds limit);
 
 /// The row of the table.
 Row relayRow(const RelayState& state);

@@ -45,8 +45,9 @@ constexpr const char* kStatusFooter = R"(Output:
   them there. A value that is not known has the reason beside it. A user who may
   not read the configuration gets the mode and the manual proxy from the answer
   for a URL.
-  If the daemon is in mode off, the command listens for 5 seconds: a daemon that
-  waits for its first configuration announces itself every 2 seconds.
+  Without systemd, if the daemon is in mode off, the command listens for 5
+  seconds: a daemon that waits for its first configuration announces itself
+  every 2 seconds.
 
   With --json an object:
     running, answers, waiting        true, false or null
@@ -160,6 +161,10 @@ void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds l
   status.answers.value = true;
   status.waiting.value = false;
   if (learnConfiguration(bus, status)) return;
+  if (status.reported.value) {
+    status.waiting.value = status.reported.value->updated == 0;
+    return;
+  }
   const auto listen = std::min<std::chrono::microseconds>(kListenTime, limit);
   status.waiting.value = bus.waitFor([&] { return announced; }, listen);
   if (*status.waiting.value || listen == kListenTime) return;
@@ -179,7 +184,7 @@ Status learn(const CallOptions& options) {
   Status status;
   status.pac = lookAtPacFile(base::kPacFile);
   if (status.pac.file) status.refusal = refusalOf(base::kPacFile);
-  status.relay = lookAtRelay(options.limit);
+  status.relay.isDefault = isRelayDefault();
   setUnknown(status, kNobody);
   status.reported.unknown = kNobody;
   status.answers.unknown = kNobody;
@@ -188,6 +193,7 @@ Status learn(const CallOptions& options) {
     DaemonBus bus(options.limit);
     bus.startDaemon(false);
     status.owner = bus.owner();
+    status.relay = lookAtRelay(bus.handle(), options.limit);
     status.running.value = status.owner.has_value();
     if (!*status.running.value) {
       status.status = kUnavailable;
@@ -199,6 +205,7 @@ Status learn(const CallOptions& options) {
     learnFromDaemon(bus, status, options.limit);
   } catch (const Failure& failure) {
     status.status = failure.status();
+    if (!status.relay.unit && status.relay.unknown.empty()) status.relay.unknown = failure.what();
     if (!status.running.value) {
       status.running.unknown = failure.what();
       status.reported.unknown = failure.what();
@@ -308,11 +315,22 @@ void addWho(Table& table, const Owner& owner) {
   table.add("running", std::move(who), Tone::kGood);
 }
 
+/// Whether the daemon that runs may have loaded the PAC file.
+bool mayAnswer(const Status& status) {
+  const auto process = status.owner ? status.owner->process : std::nullopt;
+  return !process || isFetchedBy(*process, *status.pac.file, status.reported.value);
+}
+
 /// What the mode means for the answers that programs get.
 void addMeaning(Table& table, const Status& status) {
   if (status.mode.value != "pacurl" && status.mode.value != "wpad") return;
   if (!status.pac.file) {
     table.add("get", "no answer for any URL: no script was fetched", Tone::kBad);
+  } else if (status.refusal->empty() && !mayAnswer(status)) {
+    table.add(
+        "get",
+        "no answer for any URL: this daemon has fetched no script; the file is of an earlier one",
+        Tone::kBad);
   } else if (!status.refusal->empty()) {
     table.add("get", "no answer from the script in the PAC file: it is refused", Tone::kBad);
   } else {

@@ -1,17 +1,11 @@
 #include "client/ctl/commands/wait_command.h"
 
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cstdint>
-#include <ctime>
-#include <fstream>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -62,32 +56,18 @@ std::int64_t microsecondsNow() {
   return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
-/// When `process` was started, in microseconds since 1970. @return nothing if it has ended
-std::optional<std::int64_t> startOf(std::int64_t process) {
-  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
-  std::string text;
-  std::getline(file, text, '\0');
-  // The name, in brackets, may contain any text. The start time is the twentieth field after it.
-  std::istringstream fields(text.substr(std::min(text.rfind(')') + 1, text.size())));
-  std::string field;
-  for (int i = 0; i < 20; ++i) fields >> field;
-  std::int64_t ticks = 0;
-  if (std::from_chars(field.data(), field.data() + field.size(), ticks).ec != std::errc()) {
-    return std::nullopt;
-  }
-  timespec sinceBoot{};
-  clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
-  const std::int64_t boot =
-      microsecondsNow() - (sinceBoot.tv_sec * 1'000'000 + sinceBoot.tv_nsec / 1000);
-  return boot + ticks * (1'000'000 / sysconf(_SC_CLK_TCK));
-}
-
 std::chrono::microseconds timeLeft(Clock::time_point end) {
   return std::max(std::chrono::duration_cast<std::chrono::microseconds>(end - Clock::now()),
                   std::chrono::microseconds(1));
 }
 
-bool isConfigured(DaemonBus& bus, Clock::time_point end) {
+std::optional<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon) {
+  const auto line = daemon.process ? bus.serviceStatus(*daemon.process) : std::nullopt;
+  return line ? base::parseDaemonStatus(*line) : std::nullopt;
+}
+
+bool isConfigured(DaemonBus& bus, const Owner& daemon, Clock::time_point end) {
+  if (const auto reported = reportedBy(bus, daemon)) return reported->updated != 0;
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message*) { announced = true; });
   if (bus.ask("http://localhost/").mode != "off") return true;
@@ -96,14 +76,11 @@ bool isConfigured(DaemonBus& bus, Clock::time_point end) {
 }
 
 /// Whether this daemon has fetched the script in the PAC file, and not an earlier daemon.
-bool hasFetched(DaemonBus& bus, std::int64_t process) {
-  const auto line = bus.serviceStatus(process);
-  const auto reported = line ? base::parseDaemonStatus(*line) : std::nullopt;
-  if (reported) return reported->script != 0;
-  const auto started = startOf(process);
+bool hasFetched(DaemonBus& bus, const Owner& daemon) {
+  const auto reported = reportedBy(bus, daemon);
   const auto file = lookAtPacFile(base::kPacFile).file;
-  return started && file && file->fetched >= *started &&
-         file->fetched + kLoadTime.count() < microsecondsNow();
+  if (!file || !daemon.process || !isFetchedBy(*daemon.process, *file, reported)) return false;
+  return reported || file->fetched + kLoadTime.count() < microsecondsNow();
 }
 
 /// Whether the daemon has a script. A script may have no answer for the URL of the question.
@@ -111,7 +88,7 @@ bool hasScript(DaemonBus& bus, const Owner& daemon) {
   const auto answer = bus.ask("http://localhost/");
   if (answer.mode != "pacurl" && answer.mode != "wpad") return false;
   if (!answer.entries.empty()) return true;
-  return daemon.process && hasFetched(bus, *daemon.process) && refusalOf(base::kPacFile).empty();
+  return hasFetched(bus, daemon) && refusalOf(base::kPacFile).empty();
 }
 
 /// @return whether the expected state is reached; also false if there is no daemon or no bus yet
@@ -121,7 +98,7 @@ bool look(const WaitArguments& arguments, Clock::time_point end) {
     bus.startDaemon(false);
     const auto daemon = bus.owner();
     if (!daemon) return false;
-    return arguments.script ? hasScript(bus, *daemon) : isConfigured(bus, end);
+    return arguments.script ? hasScript(bus, *daemon) : isConfigured(bus, *daemon, end);
   } catch (const Failure& failure) {
     if (failure.status() != kUnavailable && failure.status() != kTryAgain) throw;
     return false;

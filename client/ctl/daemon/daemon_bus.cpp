@@ -76,13 +76,18 @@ std::uint64_t microseconds(std::chrono::microseconds time) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(time.count(), 0));
 }
 
+std::chrono::microseconds busLimit(std::chrono::microseconds limit) {
+  return std::clamp<std::chrono::microseconds>(limit, kLeastBusLimit, kBusLimit);
+}
+
 std::uint64_t microsecondsUntil(Clock::time_point end) {
   return microseconds(std::chrono::ceil<std::chrono::microseconds>(end - Clock::now()));
 }
 
 }  // namespace
 
-BusHandle openSystemBus() {
+BusHandle openSystemBus(std::chrono::microseconds limit) {
+  limit = busLimit(limit);
   const auto address = systemBusAddress();
   sd_bus* bus = nullptr;
   check(sd_bus_new(&bus));
@@ -90,10 +95,10 @@ BusHandle openSystemBus() {
   int result = sd_bus_set_address(bus, address.c_str());
   if (result >= 0) result = sd_bus_set_bus_client(bus, 1);
   // The time limit of the calls that the library itself makes.
-  if (result >= 0) result = sd_bus_set_method_call_timeout(bus, microseconds(kBusLimit));
+  if (result >= 0) result = sd_bus_set_method_call_timeout(bus, microseconds(limit));
   if (result >= 0) result = sd_bus_start(bus);
   // The bus library's own limit for the handshake is 90 s.
-  const auto end = Clock::now() + kBusLimit;
+  const auto end = Clock::now() + limit;
   while (result >= 0 && sd_bus_is_ready(bus) == 0) {
     result = sd_bus_process(bus, nullptr);
     if (result != 0) continue;
@@ -106,7 +111,7 @@ BusHandle openSystemBus() {
   return opened;
 }
 
-DaemonBus::DaemonBus(Limit limit) : mLimit(limit), mBus(openSystemBus()) {}
+DaemonBus::DaemonBus(Limit limit) : mLimit(limit), mBus(openSystemBus(limit)) {}
 
 bool DaemonBus::checkStarted() {
   const auto reply = call(kAsk, newCall("checkServicestarted"));
@@ -191,7 +196,8 @@ Message DaemonBus::askBus(const char* member) {
   check(sd_bus_message_append_basic(made, 's', kBusName));
   BusError error;
   sd_bus_message* reply = nullptr;
-  const int result = sd_bus_call(mBus.get(), made, microseconds(kBusLimit), error.get(), &reply);
+  const int result =
+      sd_bus_call(mBus.get(), made, microseconds(busLimit(mLimit)), error.get(), &reply);
   if (result >= 0) return Message(reply);
   if (isLost(-result)) throw lostConnection();
   if (error.name() == kGivenUp) throw failedConnection(systemBusAddress(), ETIMEDOUT);
@@ -221,7 +227,8 @@ Message DaemonBus::askSystemd(sd_bus_message* message) {
   const Message call(message);
   check(sd_bus_message_set_auto_start(message, 0));
   sd_bus_message* reply = nullptr;
-  const int result = sd_bus_call(mBus.get(), message, microseconds(kBusLimit), nullptr, &reply);
+  const int result =
+      sd_bus_call(mBus.get(), message, microseconds(busLimit(mLimit)), nullptr, &reply);
   if (isLost(-result)) throw lostConnection();
   return Message(result >= 0 ? reply : nullptr);
 }

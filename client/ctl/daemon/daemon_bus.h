@@ -23,6 +23,10 @@ namespace client {
 /// silent bus is an error.
 inline constexpr std::chrono::seconds kBusLimit{10};
 
+/// The bus gets this time even if the limit of the calls is shorter: a handshake on a busy machine
+/// must not look like a silent bus.
+inline constexpr std::chrono::seconds kLeastBusLimit{1};
+
 /// The owner of the daemon's name.
 struct Owner {
   std::string uniqueName;
@@ -45,9 +49,9 @@ using BusHandle = std::unique_ptr<sd_bus, BusCloser>;
 using Message = std::unique_ptr<sd_bus_message, MessageCloser>;
 using Slot = std::unique_ptr<sd_bus_slot, SlotCloser>;
 
-/// Connects to the bus in DBUS_SYSTEM_BUS_ADDRESS, else to the system's, within kBusLimit. Throws
-/// Failure if there is none.
-BusHandle openSystemBus();
+/// Connects to the bus in DBUS_SYSTEM_BUS_ADDRESS, else to the system's, within `limit`, which
+/// counts as kLeastBusLimit at least and as kBusLimit at most. Throws Failure if there is none.
+BusHandle openSystemBus(std::chrono::microseconds limit = kBusLimit);
 
 class DaemonBus {
  public:
@@ -56,10 +60,13 @@ class DaemonBus {
   using Listener = std::function<void(sd_bus_message*)>;
 
   /// Connects as openSystemBus() does.
-  /// @param limit of each call of the daemon
+  /// @param limit of each call; the one of the bus itself is as for openSystemBus()
   explicit DaemonBus(Limit limit);
   DaemonBus(const DaemonBus&) = delete;
   DaemonBus& operator=(const DaemonBus&) = delete;
+
+  /// The connection, for calls of other services.
+  sd_bus* handle() const { return mBus.get(); }
 
   /// Whether calls may start a daemon that does not run. The default is true.
   void startDaemon(bool may) { mMayStart = may; }

@@ -1,8 +1,15 @@
 #include "client/ctl/daemon/pac_file.h"
 
 #include <openssl/evp.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <charconv>
+#include <chrono>
+#include <ctime>
+#include <fstream>
+#include <sstream>
 #include <system_error>
 #include <utility>
 
@@ -59,6 +66,28 @@ PacFileState problemOf(base::FileFailure failure) {
   }
 }
 
+/// When `process` was started, in microseconds since 1970. @return nothing if it has ended
+std::optional<std::int64_t> startOf(std::int64_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string text;
+  std::getline(file, text, '\0');
+  // The name, in brackets, may contain any text. The start time is the twentieth field after it.
+  std::istringstream fields(text.substr(std::min(text.rfind(')') + 1, text.size())));
+  std::string field;
+  for (int i = 0; i < 20; ++i) fields >> field;
+  std::int64_t ticks = 0;
+  if (std::from_chars(field.data(), field.data() + field.size(), ticks).ec != std::errc()) {
+    return std::nullopt;
+  }
+  timespec sinceBoot{};
+  clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
+  const auto now = std::chrono::duration_cast<std::chrono::microseconds>(
+                       std::chrono::system_clock::now().time_since_epoch())
+                       .count();
+  const std::int64_t boot = now - (sinceBoot.tv_sec * 1'000'000 + sinceBoot.tv_nsec / 1000);
+  return boot + ticks * (1'000'000 / sysconf(_SC_CLK_TCK));
+}
+
 }  // namespace
 
 PacFileState lookAtPacFile(const char* path) {
@@ -75,6 +104,13 @@ PacFileState lookAtPacFile(const char* path) {
                   opened.status.st_uid, sha256Of(read.text)},
           true,
           {}};
+}
+
+bool isFetchedBy(std::int64_t process, const PacFile& file,
+                 const std::optional<base::DaemonStatus>& reported) {
+  if (reported) return reported->script != 0;
+  const auto started = startOf(process);
+  return started && file.fetched >= *started;
 }
 
 }  // namespace client

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "base/daemon_status.h"
+
 namespace client {
 
 /// The properties of that file.
@@ -25,5 +27,11 @@ struct PacFileState {
 /// follows no link and waits for no fifo. A file that is not regular, or is longer than the
 /// daemon's limit, is a problem.
 PacFileState lookAtPacFile(const char* path);
+
+/// Whether the daemon `process` has fetched `file` since its start. An earlier daemon may have left
+/// the file, and the daemon does not load it then.
+/// @param reported to systemd by that daemon; without it the start of the process decides
+bool isFetchedBy(std::int64_t process, const PacFile& file,
+                 const std::optional<base::DaemonStatus>& reported);
 
 }  // namespace client

@@ -65,14 +65,13 @@ bool listensThere(sd_bus* bus, std::chrono::microseconds limit) {
 
 }  // namespace
 
-RelayUnit readRelayUnit(std::chrono::microseconds limit) {
-  const auto bus = openSystemBus();
+RelayUnit readRelayUnit(sd_bus* bus, std::chrono::microseconds limit) {
   RelayUnit unit;
-  unit.isInstalled = textProperty(bus.get(), "LoadState", limit) == "loaded";
+  unit.isInstalled = textProperty(bus, "LoadState", limit) == "loaded";
   if (!unit.isInstalled) return unit;
-  unit.isEnabled = textProperty(bus.get(), "UnitFileState", limit) == "enabled";
-  unit.isActive = textProperty(bus.get(), "ActiveState", limit) == "active";
-  unit.listens = listensThere(bus.get(), limit);
+  unit.isEnabled = textProperty(bus, "UnitFileState", limit) == "enabled";
+  unit.isActive = textProperty(bus, "ActiveState", limit) == "active";
+  unit.listens = listensThere(bus, limit);
   return unit;
 }
 

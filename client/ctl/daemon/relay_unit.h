@@ -1,6 +1,8 @@
 // The socket unit of proxymanager-relay, and what systemd reports about it.
 #pragma once
 
+#include <systemd/sd-bus.h>
+
 #include <chrono>
 #include <string>
 
@@ -17,8 +19,8 @@ struct RelayUnit {
   bool listens = false;    ///< kRelayEndpoint is among its addresses
 };
 
-/// Asks systemd, and starts nothing. Throws Failure: kUnavailable if systemd does not answer within
-/// `limit`, or the failure of the bus.
-RelayUnit readRelayUnit(std::chrono::microseconds limit);
+/// Asks systemd over `bus`, and starts nothing. Throws Failure: kUnavailable if systemd does not
+/// answer within `limit`.
+RelayUnit readRelayUnit(sd_bus* bus, std::chrono::microseconds limit);
 
 }  // namespace client
