@@ -85,7 +85,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
   std::atomic<bool> mRefusesCalls{false};
   // Bus thread: how the call is answered.
-  bool mAnswersAlone = false;          // as without a service
-  bool mAnswersWithoutScript = false;  // as without an answer of the script
+  bool mAnswersAlone = false;          // as if there were no service
+  bool mAnswersWithoutScript = false;  // as if the script gave no answer
   std::unique_ptr<WaitingCalls> mWaitingCalls;
 };

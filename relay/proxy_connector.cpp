@@ -138,7 +138,8 @@ void ProxyConnector::setUp(Transfer& transfer, const Entry& entry, Stream connec
   ErrorCode error;
   const auto peer = connection.socket().remote_endpoint(error);
   transfer.connected.reset(connection.socket().release(error));
-  // libcurl takes the address for this name. "+": it forgets the address after a minute.
+  // libcurl uses this address for the name, without a lookup. "+": it forgets the address after a
+  // minute.
   const std::string at = "+" + entry.host + ":" + std::to_string(entry.port) + ":";
   transfer.address.reset(curl_slist_append(nullptr, (at + addressText(peer)).c_str()));
   curl_easy_setopt(handle, CURLOPT_RESOLVE, transfer.address.get());

@@ -60,7 +60,7 @@ class DaemonLink {
 
   /// Each function starts one call, which ends after `limit` at the latest and never starts the
   /// daemon. It calls the callback exactly once, later, by guarded(). If the link is destroyed
-  /// first, it does not call it.
+  /// first, the callback is never called.
   void read(Read done, std::chrono::microseconds limit = kDaemonLimit);
   void update(const Configuration& configuration, Updated done);
   void ask(const std::string& url, Answered done);

@@ -29,7 +29,7 @@ inline constexpr std::size_t kMostUrlBytes = std::size_t{64} * 1024;
 inline constexpr std::int64_t kMostScriptBytes = 512'000;
 /// The text of an error, with its final zero.
 inline constexpr std::size_t kErrorBytes = 512;
-inline constexpr std::size_t kSchemeBytes = 16;  ///< "https" and its like, with its final zero
+inline constexpr std::size_t kSchemeBytes = 16;  ///< "https" for example, with its final zero
 
 /// The URL of a transfer, and its limits.
 struct FetchRequest {

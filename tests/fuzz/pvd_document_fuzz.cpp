@@ -1,5 +1,5 @@
-// Documents of proxy information: whatever they hold, a script has nothing but entries of proxies
-// that were judged, and no rule that was ignored.
+// Documents of proxy information. Whatever a document contains, its script has only entries of
+// proxies that passed the check, and never a rule that was ignored.
 #include <algorithm>
 #include <string>
 

@@ -9,7 +9,7 @@ import pytest
 from machine import Machine
 
 
-# libproxy's own library, and a plugin, which asks for its exact revision.
+# libproxy's own library, and a plugin that depends on exactly that revision of the library.
 REPLACED = ("libproxy1v5", "libproxy1-plugin-gsettings")
 
 

@@ -160,7 +160,7 @@ int StandInDaemon::onMessage(sd_bus_message* message, void* self, sd_bus_error*)
 }
 
 void StandInDaemon::answerNow(sd_bus_message* message, const Reply& reply) {
-  // It has no effect if the bus is gone, which some tests need.
+  // If the bus is gone, as in some tests, the reply has no effect.
   if (!reply.error.empty()) {
     sd_bus_reply_method_errorf(message, reply.error.c_str(), "%s", "why");
     return;

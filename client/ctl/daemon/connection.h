@@ -18,8 +18,8 @@ struct Connection {
 /// the name included. Its addresses are tried one after the other.
 Connection connectTo(const std::string& host, std::uint16_t port, std::chrono::milliseconds limit);
 
-/// Sends `request` and returns the first line of the answer without its end, at most 1 KiB of it;
-/// empty with `problem` set if none came within `limit`.
+/// Sends `request`. @return the first line of the answer, without the line end, at most 1 KiB. If
+/// no line comes within `limit`, the text is empty and `problem` is set.
 std::string firstLine(int socket, const std::string& request, std::chrono::milliseconds limit,
                       std::string& problem);
 

@@ -1,4 +1,4 @@
-// push() and its like on arrays and array-likes whose length is near 2^31, 2^32 and 2^53.
+// push() and similar methods, on arrays and on array-like objects whose length is near 2^31, 2^32 and 2^53.
 function FindProxyForURL(url, host) {
   [0x7ffffffe, 0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff, 2 ** 53 - 2, 2 ** 53 - 1].forEach(function (length) {
     [function (a) { a.push(1, 2, 3); }, function (a) { a.splice(length - 1, 0, 1, 2); },

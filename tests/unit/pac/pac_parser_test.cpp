@@ -258,7 +258,8 @@ TEST_F(LoadedParser, TheAsynchronousQueryGivesUpAfterTwentyLooks) {
   EXPECT_EQ(PacParserTestAccess::pendingHosts(mParser), 1U) << "still in flight";
 }
 
-// A script that never ends is at work for 5 s: on the worker thread, and on another one that asks.
+// A script that never ends runs for 5 s: here for a question of another thread, while the parser's
+// own thread has a question too.
 TEST_F(LoadedParser, TheAsynchronousQueryDoesNotWaitForAnEvaluationOfAnother) {
   load("function FindProxyForURL(url, host) { while (host == 'endless') {} return 'DIRECT'; }");
   mParser.start();
