@@ -76,8 +76,12 @@ def test_the_settings_of_the_page_lead_curl_and_wget_through_the_relay(home, rel
         assert home.run(*program, PAGE) == (0, SOCKS, "")
         assert home.run(*program, f"https://{SITE}/way") == (0, SOCKS, "")
         assert home.run(*program, OTHER_PAGE) == (0, HTTP, "")
-    assert home.run(*CURL, PAGE, http_proxy=NOWHERE) == (0, SOCKS, "")
-    assert home.run("curl", "-q", *CURL[1:], PAGE) == (0, DIRECT, "")
+    for program, without in ((CURL, "-q"), (WGET, "--no-config")):
+        assert home.run(*program, PAGE, http_proxy=NOWHERE) == (0, SOCKS, "")
+        name, *options = program
+        assert home.run(name, without, *options, PAGE) == (0, DIRECT, "")
+        # The relay would use SOCKS.
+        assert home.run(name, without, *options, PAGE, http_proxy=f"http://{HTTP_PROXY}") == (0, HTTP, "")
 
 
 def test_the_script_asks_for_each_url(home, client, port80):
