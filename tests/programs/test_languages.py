@@ -1,9 +1,13 @@
 """The examples for Go, Java and Node, and their libraries through the relay, as the pages show them."""
 
+import http.server
+import socket
+import threading
+
 import pytest
 from support.bus import wait_until
-from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, SITE, SOCKS, SOCKS_PROXY, by_network,
-                                  by_script)
+from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, PASSWORD, PASSWORD_HTTP, PASSWORD_PROXY, SITE,
+                                  SITE_ADDRESS, SOCKS, SOCKS_PROXY, USER, by_network, by_script)
 from support.relay import Relay
 
 pytestmark = pytest.mark.usefixtures("own_network")
@@ -44,6 +48,15 @@ def test_the_example_in_go_asks_for_each_url(programs, client, port80, syslog, d
     programs.ask("go", "vet", "/opt/examples/ask.go", **go)
     programs.ask("go", "build", "-o", "/opt/ask", "/opt/examples/ask.go", **go)
     follow(lambda url: programs.ask("/opt/ask", url), client, port80, syslog, daemon)
+    for manual, way in ((HTTP_PROXY, HTTP), (f"socks5h://{SOCKS_PROXY}", SOCKS), (f"socks://{SOCKS_PROXY}", SOCKS),
+                        ("", DIRECT)):
+        client.update("manual", manual)
+        assert programs.ask("/opt/ask", PAGE) == way, manual
+    client.update("manual", f"http://{HTTP_PROXY}")
+    assert programs.ask("/opt/ask", f"http://{SITE_ADDRESS}/way") == DIRECT  # an address of this machine
+    client.update("manual", f"socks4://{SOCKS_PROXY}")
+    status, output, errors = programs.status("/opt/ask", PAGE)
+    assert (status, output) == (1, "") and "Go has no socks4" in errors
     daemon.kill()
     assert programs.ask("/opt/ask", PAGE, http_proxy=f"http://{HTTP_PROXY}") == HTTP
 
@@ -86,6 +99,14 @@ def test_the_example_in_java_asks_for_each_url(java, programs, client, port80, s
     follow(java, client, port80, syslog, daemon)
     by_script(client, port80, f"PROXY {NOBODY}; PROXY {HTTP_PROXY}; DIRECT")
     assert java(PAGE) == HTTP
+    # The default ports are 80, where nobody listens, and 1080.
+    by_script(client, port80, f"PROXY 127.0.0.7; SOCKS {SOCKS_PROXY.split(':')[0]}; DIRECT")
+    assert java(PAGE) == SOCKS
+    client.update("manual", f"http://{USER}:{PASSWORD}@{HTTP_PROXY}")
+    assert java(PAGE) == HTTP
+    client.update("manual", f"https://{HTTP_PROXY}")
+    with pytest.raises(AssertionError, match="Java can use no proxy of the answer"):
+        java(PAGE)
     daemon.kill()
     assert java(PAGE) == DIRECT
 
@@ -96,6 +117,30 @@ def test_java_follows_through_the_relay(java, client, relay):
     assert java(SECURE_PAGE, "Get", TO_RELAY) == SOCKS
 
 
+class Proxy6(http.server.ThreadingHTTPServer):
+    """A proxy with an IPv6 address. It answers with the URL that it is asked for."""
+    address_family = socket.AF_INET6
+
+    class Handler(http.server.BaseHTTPRequestHandler):
+        def do_GET(self):
+            self.send_response(200)
+            self.end_headers()
+            self.wfile.write(f"by IPv6 to {self.path}".encode())
+
+        def log_message(self, *_):
+            pass
+
+    def __init__(self):
+        super().__init__(("::1", 0), self.Handler)
+        self._thread = threading.Thread(target=self.serve_forever)
+        self._thread.start()
+
+    def __exit__(self, *_):
+        self.shutdown()
+        self._thread.join()
+        self.server_close()
+
+
 def test_the_example_in_node_asks_for_each_url(programs, client, port80, syslog, daemon):
     def fetch(url):
         return programs.ask("node", "/opt/examples/ask.mjs", url)
@@ -104,6 +149,13 @@ def test_the_example_in_node_asks_for_each_url(programs, client, port80, syslog,
     by_script(client, port80, f"SOCKS {SOCKS_PROXY}")
     status, output, errors = programs.status("node", "/opt/examples/ask.mjs", PAGE)
     assert (status, output) == (1, "") and "Node has no socks5h:" in errors
+    client.update("manual", f"http://{USER}:{PASSWORD}@{PASSWORD_PROXY}")
+    assert (fetch(PAGE), fetch(SECURE_PAGE)) == (PASSWORD_HTTP, PASSWORD_HTTP)
+    with Proxy6() as proxy:
+        client.update("manual", f"http://[::1]:{proxy.server_address[1]}")
+        assert fetch(PAGE) == f"by IPv6 to {PAGE}"
+    daemon.kill()
+    assert fetch(PAGE) == DIRECT
 
 
 def test_undici_of_node_follows_through_the_relay(programs, client, relay):

@@ -2,18 +2,26 @@
 package main
 
 import (
+	"context"
 	"fmt"
 	"io"
+	"net"
 	"net/http"
 	"net/url"
 	"os"
 	"strings"
+	"time"
 
 	"github.com/godbus/dbus"
 )
 
+const limit = 10 * time.Second // of a question
+
 // proxyOf is for http.Transport, which calls it for each request, also after a redirect.
 func proxyOf(request *http.Request) (*url.URL, error) {
+	if isHere(request.URL.Hostname()) {
+		return nil, nil
+	}
 	bus, err := dbus.SystemBus() // one connection, kept
 	if err != nil {
 		return http.ProxyFromEnvironment(request)
@@ -22,22 +30,51 @@ func proxyOf(request *http.Request) (*url.URL, error) {
 	if asked.Scheme == "http" {
 		asked.Path, asked.RawQuery = request.URL.Path, request.URL.RawQuery
 	}
+	waits, end := context.WithTimeout(request.Context(), limit)
+	defer end()
 	var answer []string // the mode, then what to try
 	service := bus.Object("com.zentu.ProxyManagerService", "/com/zentu/ProxyManagerService")
-	err = service.Call("com.zentu.ProxyManagerServiceInterface.getProxyurl", 0, asked.String()).Store(&answer)
+	err = service.CallWithContext(waits, "com.zentu.ProxyManagerServiceInterface.getProxyurl", 0,
+		asked.String()).Store(&answer)
 	if err != nil || len(answer) < 2 || answer[0] == "off" {
 		return http.ProxyFromEnvironment(request)
 	}
 	switch kind, host, _ := strings.Cut(answer[1], " "); kind { // Go tries no second one
-	case "DIRECT":
+	case "DIRECT", "":
 		return nil, nil
 	case "PROXY":
-		return url.Parse("http://" + host)
+		return proxyAt("http://" + host)
 	case "SOCKS":
-		return url.Parse("socks5://" + host)
+		return proxyAt("socks5://" + host)
 	default: // of mode manual
-		return url.Parse(answer[1])
+		return proxyAt(answer[1])
 	}
+}
+
+// proxyAt reads a URL, or "host:port".
+func proxyAt(text string) (*url.URL, error) {
+	if !strings.Contains(text, "://") {
+		text = "http://" + text
+	}
+	proxy, err := url.Parse(text)
+	if err != nil {
+		return nil, err
+	}
+	switch proxy.Scheme {
+	case "http", "https", "socks5":
+		return proxy, nil
+	case "socks", "socks5h":
+		proxy.Scheme = "socks5" // in Go, the proxy then resolves host names
+		return proxy, nil
+	}
+	return nil, fmt.Errorf("%s: Go has no %s", proxy.Redacted(), proxy.Scheme)
+}
+
+// isHere reports whether the host is this machine or on this link: no proxy can reach it.
+func isHere(host string) bool {
+	ip := net.ParseIP(host)
+	return host == "localhost" || strings.HasSuffix(host, ".localhost") ||
+		ip != nil && (ip.IsLoopback() || ip.IsLinkLocalUnicast() || ip.IsUnspecified())
 }
 
 func main() {
