@@ -382,6 +382,7 @@ Task<bool> Session::relayBody(const ResponseHead& response, bool isHttp11) {
     const auto got = mServer->stream.tryRead(buffer.data(), buffer.size());
     out.clear();
     if (got == Stream::kAgain) {
+      mRounds = 0;
       std::string().swap(out);
       if (!co_await mServer->stream.waitRead()) co_return false;
       continue;

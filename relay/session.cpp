@@ -92,6 +92,7 @@ Task<bool> Session::readMore() {
       mIn.append(buffer.data(), static_cast<std::size_t>(got));
       co_return true;
     }
+    mRounds = 0;
     if (got != Stream::kAgain || !co_await mClient.waitRead()) co_return false;
   }
 }

@@ -26,7 +26,8 @@ inline constexpr std::chrono::seconds kAnswerBeforeBody{1};
 inline constexpr std::chrono::seconds kAnswerAfterBrokenBody{10};
 /// How often the relay checks whether a client that waits for an answer is still there.
 inline constexpr std::chrono::seconds kClientCheck{2};
-/// Number of reads or requests of one connection before other connections get their turn.
+/// Number of reads or requests of one connection, without a wait in between, before other
+/// connections get their turn.
 inline constexpr unsigned kTurn = 8;
 
 class Session : public Watched, public std::enable_shared_from_this<Session> {

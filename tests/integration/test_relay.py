@@ -95,7 +95,7 @@ def test_a_failed_proxy_at_each_position_is_passed_over_and_the_next_request_doe
         relay, origin, daemon, client, web):
     relay.configure('connect-time = "2s"\n')
     relay.start()
-    for make in (None, lambda: Proxy("silent", ""), lambda: Proxy("", ""),
+    for make in (None, lambda: Proxy("silent", "silent"), lambda: Proxy("", ""),
                  lambda: Proxy("reset", "reset"), lambda: Proxy("220 smtp\r\n\r\n", "220 smtp\r\n\r\n")):
         for position in (0, 1):
             with contextlib.ExitStack() as stack:

@@ -117,7 +117,7 @@ def test_an_answer_that_the_relay_refuses_is_a_502_of_its_own_and_no_fault_of_th
 def test_a_dead_and_a_silent_proxy_are_passed_over_and_the_next_request_does_not_pay_again(
         relay, origin, daemon, client, web, position):
     relay.configure('connect-time = "1s"\n')
-    with contextlib.closing(Proxy("silent", "")) as silent, contextlib.closing(Proxy()) as good:
+    with contextlib.closing(Proxy("silent", "silent")) as silent, contextlib.closing(Proxy()) as good:
         with socket.create_server(("127.0.0.1", 0)) as free:
             dead = f"PROXY 127.0.0.1:{free.getsockname()[1]}"
         bad = [dead, silent.entry] if position else [silent.entry, dead]
