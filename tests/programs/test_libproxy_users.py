@@ -22,6 +22,18 @@ QT = """
 #include <QtNetwork/QNetworkProxyFactory>
 #include <QtNetwork/QNetworkReply>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+// The names of the threads, each after a blank.
+static void printThreads() {
+  for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::string name;
+    std::getline(std::ifstream(thread.path() / "comm"), name);
+    std::printf(" %s", name.c_str());
+  }
+}
 
 int main(int argc, char** argv) {
   QCoreApplication application(argc, argv);
@@ -31,15 +43,33 @@ int main(int argc, char** argv) {
   QObject::connect(reply, &QNetworkReply::finished, [&] {
     const QByteArray page = reply->error() ? reply->errorString().toUtf8() : reply->readAll();
     std::fwrite(page.constData(), 1, page.size(), stdout);
+    if (argc > 2) printThreads();
     application.exit(reply->error());
   });
   return application.exec();
 }
 """
-# Many threads at once ask GLib's resolver over libproxy.
+# Many threads at once ask GLib's resolver over libproxy, or fetch a page by it.
 RESOLVER = """
 #include <gio/gio.h>
 #include <string.h>
+
+// The page without its head.
+static gpointer fetch(gpointer url) {
+  g_autoptr(GSocketClient) client = g_socket_client_new();
+  g_autoptr(GError) error = NULL;
+  g_socket_client_set_tls(client, TRUE);
+  g_autoptr(GSocketConnection) connection = g_socket_client_connect_to_uri(client, url, 443, NULL, &error);
+  if (connection == NULL) return g_strdup(error->message);
+  GIOStream* stream = G_IO_STREAM(connection);
+  const char* request = "GET /way HTTP/1.0\\r\\n\\r\\n";
+  g_output_stream_write_all(g_io_stream_get_output_stream(stream), request, strlen(request), NULL, NULL, NULL);
+  char answer[4096] = "";
+  gsize length = 0;
+  g_input_stream_read_all(g_io_stream_get_input_stream(stream), answer, sizeof answer - 1, &length, NULL, NULL);
+  const char* body = strstr(answer, "\\r\\n\\r\\n");
+  return g_strdup(body == NULL ? "no page" : body + 4);
+}
 
 static gpointer ask(gpointer url) {
   for (int i = 0; i < 50; i++) {
@@ -54,9 +84,9 @@ static gpointer ask(gpointer url) {
 int main(int argc, char** argv) {
   GThread* threads[16];
   g_print("%s", G_OBJECT_TYPE_NAME(g_proxy_resolver_get_default()));
-  for (int i = 0; i < 16; i++) threads[i] = g_thread_new(NULL, ask, argv[1]);
-  for (int i = 0; i < 16; i++) g_print(" %s", (char*)g_thread_join(threads[i]));
-  return argc - 2;
+  for (int i = 0; i < 16; i++) threads[i] = g_thread_new(NULL, argc > 2 ? fetch : ask, argv[1]);
+  for (int i = 0; i < 16; i++) g_print("%s%s", argc > 2 ? "\\n" : " ", (char*)g_thread_join(threads[i]));
+  return 0;
 }
 """
 
@@ -93,6 +123,8 @@ def test_a_program_of_qt_6_fetches_by_the_way_of_each_mode(programs, client, por
     for _, way in in_each_mode(client, port80, syslog, daemon):
         assert programs.ask(program, PAGE, **OURS) == way
     assert programs.ask(program, PAGE, **OURS, http_proxy=f"http://{HTTP_PROXY}") == HTTP
+    # The main thread, which is that of the windows, does not call the library.
+    assert "QLibProxyWrappe" in programs.ask(program, PAGE, "threads", **OURS)
 
 
 def test_openconnect_detects_the_proxy_of_each_mode(programs, client, port80, syslog, daemon):
@@ -123,3 +155,11 @@ def test_many_threads_of_glibs_resolver_over_libproxy_get_an_answer(programs, cl
     program = compile_(programs, "resolver.c", RESOLVER, "$(pkg-config --cflags --libs gio-2.0)")
     assert programs.ask(program, "http://www.example.test/", **OURS, GIO_USE_PROXY_RESOLVER="libproxy") == (
         "GLibproxyResolver" + 16 * " right")
+
+
+def test_many_threads_of_glibs_resolver_over_libproxy_fetch_by_the_way_of_each_mode(programs, client, port80, syslog,
+                                                                                      daemon):
+    program = compile_(programs, "resolver.c", RESOLVER, "$(pkg-config --cflags --libs gio-2.0)")
+    for _, way in in_each_mode(client, port80, syslog, daemon):
+        assert programs.ask(program, SECURE_PAGE, "fetch", **OURS, GIO_USE_PROXY_RESOLVER="libproxy") == (
+            "GLibproxyResolver" + 16 * f"\n{way}")
