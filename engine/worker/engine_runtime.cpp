@@ -109,15 +109,19 @@ EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
                                                 JS_AddIntrinsicTypedArrays, JS_AddIntrinsicWeakRef};
   for (const auto add : kIntrinsics)
     if (add(context.get()) != 0) return nullptr;
-  // A global function of the engine; in a browser the host provides it.
-  constexpr const char* kHostNames[] = {"queueMicrotask", "InternalError"};
   const Value global(context.get(), JS_GetGlobalObject(context.get()));
-  for (const char* const name : kHostNames) {
-    const JSAtom atom = JS_NewAtom(context.get(), name);
-    const int gone = JS_DeleteProperty(context.get(), global.get(), atom, 0);
-    JS_FreeAtom(context.get(), atom);
-    if (gone < 0) return nullptr;
-  }
+  const auto remove = [&](JSAtom name) {
+    const int gone = JS_DeleteProperty(context.get(), global.get(), name, 0);
+    JS_FreeAtom(context.get(), name);
+    return gone >= 0;
+  };
+  // A global function of the engine; in a browser the host provides it.
+  for (const char* const name : {"queueMicrotask", "InternalError"})
+    if (!remove(JS_NewAtom(context.get(), name))) return nullptr;
+  // The engine names the global object "global"; in a browser's script it is "[object Object]".
+  const Value symbol(context.get(), JS_GetPropertyStr(context.get(), global.get(), "Symbol"));
+  const Value tag(context.get(), JS_GetPropertyStr(context.get(), symbol.get(), "toStringTag"));
+  if (!remove(JS_ValueToAtom(context.get(), tag.get()))) return nullptr;
   return context;
 }
 

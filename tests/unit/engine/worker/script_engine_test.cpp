@@ -152,6 +152,11 @@ TEST_F(Loading, HasTheGlobalNamesOfTheLanguageAlone) {
             "globalThis,isFinite,isNaN,parseFloat,parseInt,undefined,unescape");
 }
 
+TEST_F(Loading, CallsTheGlobalObjectAsABrowserDoes) {
+  EXPECT_EQ(value("String(globalThis) + Object.getOwnPropertySymbols(globalThis).length"),
+            "[object Object]0");
+}
+
 TEST_F(Loading, CannotImportModules) {
   EXPECT_EQ(load("var seen = 'pending';"
                  "import('std').then(() => { seen = 'loaded' }, () => { seen = 'refused' });"
