@@ -1,5 +1,5 @@
-// The daemon sends this line to its supervisor, and proxymanagerctl status reads it there. Every
-// user may read it, so it has hosts and never whole URLs: a URL can hold a password.
+// The status line that the daemon sends to its supervisor, where `proxymanagerctl status` reads it.
+// Every user may read the line, so it has hosts and never whole URLs: a URL can hold a password.
 #pragma once
 
 #include <cstdint>
@@ -12,10 +12,10 @@ namespace base {
 /// Times are seconds since 1970; 0 if there was none since the daemon's start.
 struct DaemonStatus {
   std::string mode;          ///< as on the bus; without blanks, commas and ";"
-  std::int64_t updated = 0;  ///< the last configuration that was handed over
-  std::int64_t script = 0;   ///< a walk put the script in place that answers now
-  std::int64_t walked = 0;   ///< the last walk ended
-  std::string result;        ///< of that walk; one line
+  std::int64_t updated = 0;  ///< when the last configuration was handed over
+  std::int64_t script = 0;   ///< when a walk installed the script that answers now
+  std::int64_t walked = 0;   ///< when the last walk ended
+  std::string result;        ///< the result of the last walk; one line
 };
 
 /// For example "mode wpad, updated 2026-11-22T08:00:00Z; script of 2026-11-22T08:00:01Z; last walk

@@ -5,8 +5,8 @@
 
 namespace base {
 
-/// Whether `name` is a text that stays in the folder it is appended to: not null, not empty,
-/// without a slash, not beginning with a dot.
+/// Whether `name`, appended to the path of a folder, names something in that folder: it is not
+/// null, not empty, without a slash, not beginning with a dot.
 inline bool isFileName(const char* name) {
   return name != nullptr && name[0] != '\0' && name[0] != '.' && std::strchr(name, '/') == nullptr;
 }

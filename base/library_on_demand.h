@@ -1,9 +1,9 @@
 // A shared library that is mapped when it is first called.
 //
 // A daemon in the modes off and manual never calls some of its libraries, and most commands of
-// proxymanagerctl only need the bus. So these two programs contain functions with the names of the
-// library's functions, which forward each call. Tests fail if they map one of those libraries at
-// their start again.
+// proxymanagerctl only need the bus. So these two programs contain functions that have the names of
+// the library's functions and forward each call. Tests fail if one of the two programs maps such a
+// library at its start again.
 #pragma once
 
 #include <dlfcn.h>
@@ -16,15 +16,16 @@
 namespace on_demand {
 
 /// Maps `name` and never unmaps it: a thread that a library started, for example to resolve a host,
-/// may outlive the call that needed it. @return null, with one LOG_ERR line, if it cannot be mapped
+/// may outlive the call that caused its start. @return null, with one LOG_ERR line, if it cannot be
+/// mapped
 inline void* mapLibrary(const char* name) {
   void* const library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) logLine(LOG_ERR, "on_demand: no %s: %s", name, dlerror());
   return library;
 }
 
-/// Sets `function` to the function `name` of `library`. @return false, with one LOG_ERR line, if it
-/// has none
+/// Sets `function` to the function `name` of `library`. @return false, with one LOG_ERR line, if
+/// the library has no such function
 template <typename Function>
 bool find(void* library, const char* name, Function& function) {
   function = reinterpret_cast<Function>(dlsym(library, name));

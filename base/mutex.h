@@ -55,7 +55,7 @@ class PM_SCOPED_CAPABILITY Lock {
   auto& native() { return mLock; }
 
  private:
-  // The base class: std::condition_variable accepts no other.
+  // A lock of the base class, because std::condition_variable accepts no other.
   using Native = std::conditional_t<std::is_base_of_v<std::mutex, MutexType>, std::mutex,
                                     std::recursive_mutex>;
   std::unique_lock<Native> mLock;

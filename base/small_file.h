@@ -25,7 +25,7 @@ struct FileDemands {
   std::size_t mostBytes = 0;  ///< a file with one byte more is refused
   FileOwner owner = FileOwner::rootOrSelf;
   /// Whether a symbolic link at the end of the path is followed. Use it only for files in trusted
-  /// folders: links before the end of the path are always followed.
+  /// folders. Links before the end of the path are followed in any case.
   bool followsLink = false;
   /// Whether a file with a second name (hard link) is accepted. In a shared folder any user can
   /// give a file of root a second name, unless the kernel forbids it (fs.protected_hardlinks).
@@ -80,8 +80,8 @@ FileFailure checkFile(int fd, const FileDemands& demands, struct stat* status = 
 OpenFile openFile(const char* path, const FileDemands& demands) noexcept;
 
 /// Reads `fd` from its offset to its end, `mostBytes` at most: one byte more is
-/// FileProblem::tooLong. A signal does not end it. It waits for a descriptor that blocks. Any
-/// thread. Throws std::bad_alloc.
+/// FileProblem::tooLong. A signal does not end the reading. If the descriptor blocks, the function
+/// waits for it. Any thread. Throws std::bad_alloc.
 FileText readToEnd(int fd, std::size_t mostBytes);
 
 /// Reads the whole file `path` with openFile() and readToEnd(). The file may grow meanwhile.

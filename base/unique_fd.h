@@ -8,8 +8,8 @@
 
 namespace base {
 
-/// Closes its descriptor when it is destroyed or takes another one. `errno` keeps its value, so
-/// that a function can return after a failure and its caller still sees the reason.
+/// Closes its descriptor when the object is destroyed or takes another descriptor. Closing does not
+/// change `errno`: so a function can return after a failure, and its caller still sees the reason.
 class UniqueFd {
  public:
   UniqueFd() = default;

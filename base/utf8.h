@@ -37,8 +37,9 @@ constexpr bool isNoncharacter(char32_t code) {
 }
 
 /// The character that begins at `at`, which is less than the size of `text`. The result has length
-/// 0 if the bytes are incomplete, too long a form, or beyond U+10FFFF. A surrogate in three bytes
-/// is returned like a character, because script engines write one; RFC 3629 forbids it.
+/// 0 if the bytes are incomplete, are a form that is too long, or are beyond U+10FFFF. A surrogate
+/// in three bytes is returned like a character: script engines write surrogates, although RFC 3629
+/// forbids them.
 constexpr Utf8Character utf8CharacterAt(std::string_view text, std::size_t at) {
   const auto lead = static_cast<unsigned char>(text[at]);
   const std::size_t length = utf8Length(text[at]);

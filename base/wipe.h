@@ -24,7 +24,7 @@ inline void wipe(std::string& text) noexcept {
   text.clear();
 }
 
-/// At the end of its own scope, it wipes `text`, which must live longer.
+/// Wipes `text` when this object's scope ends. `text` must outlive the object.
 class WipedAtEnd {
  public:
   explicit WipedAtEnd(std::string& text) : mText(text) {}

@@ -54,22 +54,23 @@ class CallOrder {
   /// connections that arrive before the next choice.
   void noteServed(const std::string& sender, Kind kind);
 
-  /// The connections whose user is not known. While calls of a connection wait, it is returned only
-  /// once.
+  /// The connections whose user is not known. While calls of a connection wait, that connection is
+  /// returned only once.
   std::vector<std::string> takeUnknown();
 
   /// Takes the next call. @return nothing if none waits
   std::optional<DBus::CallMessage> next();
 
-  /// A call of `sender` was refused. Until forgetRefused() its user is not modest.
+  /// Records that a call of `sender` was refused. A user is modest if it has no refused call since
+  /// the last forgetRefused().
   void noteRefused(const std::string& sender);
   void forgetRefused();
 
   /// Takes the next call of a modest user. @return nothing if none waits
   std::optional<DBus::CallMessage> nextOfModest();
 
-  /// Sets the user of a connection. @return the newest questions past the user's bound, which no
-  /// longer wait
+  /// Sets the user of a connection. @return the newest questions above the user's bound; they are
+  /// removed from the queue
   std::vector<DBus::CallMessage> setUser(const std::string& sender, unsigned long user);
 
   /// Drops the calls of `sender`, which has left the bus.
@@ -81,21 +82,21 @@ class CallOrder {
   std::size_t waiting() const { return mWaiting; }
 
  private:
-  using Turns = std::array<std::uint64_t, 2>;  // by kind: when the last turn was, in turns
+  using Turns = std::array<std::uint64_t, 2>;  // by kind: the number of the last turn
   struct User {
     Turns lastTurn{};
     std::size_t questions = 0;
     std::size_t connections = 0;
     bool goesFirst = false;
-    bool isRefused = false;  // a call of it
+    bool isRefused = false;  // a call of this user was refused
   };
   struct Waiting {
     Kind kind;
     DBus::CallMessage call;
   };
   struct Connection {
-    std::string user;      // its own name until the user is known
-    bool isNamed = false;  // by takeUnknown()
+    std::string user;      // the connection's own name until its user is known
+    bool isNamed = false;  // takeUnknown() has returned it
     Turns lastTurn{};
     std::size_t questions = 0;
     std::list<Waiting> calls;
@@ -119,7 +120,7 @@ class CallOrder {
   std::size_t mUnnamed = 0;  // connections that takeUnknown() has not named
   std::uint64_t mTurn = 0;
   unsigned mPlainServed = 0;
-  bool mOnlyModest = false;  // while such a call is chosen
+  bool mOnlyModest = false;  // while a call of a modest user is chosen
   std::string mLastServed;   // a connection; empty: it has left, or stands behind the others
   Kind mLastKind = Kind::kPlain;
 };

@@ -4,7 +4,7 @@
 // every update. No message of a client may end the process, and this object ensures that. A call
 // without an interface counts as a call of the one interface. If the handling of a call throws an
 // exception, the client gets the answer of a handler without a service, and there is one LOG_ERR
-// line. It sends no D-Bus error of its own. Operations run on the bus thread.
+// line. The object sends no D-Bus error of its own. Operations run on the bus thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -57,13 +57,13 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
 
   /// Always true.
   bool checkServicestarted() override;
-  /// The service's answer; only "off" without a service.
+  /// The service's answer. Without a service, the answer is only "off".
   std::vector<std::string> getProxyurl(const std::string& requestUrl) override
       PM_EXCLUDES(mServiceMutex);
-  /// The service's configuration; "off" and five empty texts without a service.
+  /// The service's configuration. Without a service, "off" and five empty texts.
   com::zentu::ProxyConfigTexts getProxyconfig() override PM_EXCLUDES(mServiceMutex);
-  /// The service's result, after notifyProxyConfigupdated with the values as given; -1 and no
-  /// signal without a service.
+  /// Passes the values to the service, emits notifyProxyConfigupdated with the same values, and
+  /// returns the service's result. Without a service, returns -1 and emits no signal.
   std::int32_t updateProxyconfig(const std::string& mode, const std::string& proxyurl,
                                  const std::string& pacurl, const bool& enableauth,
                                  const std::string& userName, const std::string& password) override

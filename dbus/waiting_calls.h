@@ -3,12 +3,12 @@
 // The bus delivers all calls in one stream, so a call can only overtake others if it has been read.
 // Therefore the bus thread reads everything first and serves one call afterwards, in the order of
 // CallOrder. While a call is served for a long time (an evaluation), an unknown number of calls
-// collects in the bus. The bus thread then sends the bus a request of its own. The bus answers it
-// after all messages that it already held for this connection. No call is served until that answer
-// arrives or kReadLimit is over. So a call of an administrator is found behind thousands of other
-// calls. The thread also waits once for the answers about users that it has asked for. Otherwise,
-// each connection of a flood would count as a separate user, and would get a turn before a new
-// user.
+// collects in the bus. The bus thread then sends the bus a request of its own. The bus answers this
+// request after all messages that the bus already held for this connection. No call is served until
+// that answer arrives or kReadLimit is over. So a call of an administrator is found behind
+// thousands of other calls. The thread also waits once for the bus's answers to its questions about
+// users. Otherwise, each connection of a flood would count as a separate user, and would get a turn
+// before a new user.
 //
 // A question beyond the bounds of CallOrder is refused. After an evaluation that took a second or
 // more, refused calls are kept while other calls are read. They are answered after the calls of
@@ -18,7 +18,7 @@
 // The bus knows the user of a connection and whether the connection has ended. This class asks the
 // bus, without waiting, only when calls delay each other: after a call that took long, or when more
 // than kCrowd calls wait. With few and short calls the order does not matter, and a call must not
-// cost more than without this class. When no call waits, nothing is watched.
+// cost more than without this class. When no call waits, this class watches nothing.
 //
 // Bus thread only.
 #pragma once
@@ -103,14 +103,14 @@ class WaitingCalls {
   const Serve mRefuse;
   DBus::MessageSlot mFilter;
   bool mListens = false;  // a filter costs every message some hundred instructions
-  // A call that came while nothing waited. Most calls are served before another one comes, and do
-  // without the queues.
+  // A call that came while nothing waited. Most calls are served before another one comes, so they
+  // do not need the queues.
   std::optional<DBus::CallMessage> mOnly;
   Kind mOnlyKind = Kind::kPlain;
   CallOrder mOrder;
   std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user is asked for
-  std::uint32_t mMarker = 0;                    // serial of the question behind which we read
-  bool mWaitsForUsers = false;                  // that question is the last one about a user
+  std::uint32_t mMarker = 0;    // serial of the request whose answer ends the reading
+  bool mWaitsForUsers = false;  // mMarker is the last question about a user
   Clock::time_point mReadLimit{};
   std::deque<DBus::CallMessage> mRefusedCalls;  // not answered yet
   bool mKeepsRefused = false;                   // while calls are read

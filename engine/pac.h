@@ -2,12 +2,13 @@
  *
  * The script runs in a separate process, the sandboxed `proxymanager-pac-worker`, never in the
  * caller's process. The library has no threads. Two threads must not use one handle at the same
- * time; different handles are independent. Every function accepts a null handle or script: there is
- * then no engine, no answer and no effect. The library copies all texts before a call returns.
+ * time; different handles are independent. Every function accepts a null handle or script: it then
+ * makes no engine, gives no answer and has no effect. The library copies all texts before a call
+ * returns.
  *
  * Limits (docs/pac-language.md): loading 5 s, one evaluation 5 s with all its name lookups, URL
- * 8 KiB, result 64 KiB. If a worker is stopped or broken and does not keep its limit, the library
- * kills it a quarter of a second later. If a worker has died, the next question starts a new one,
+ * 8 KiB, result 64 KiB. If a stopped or broken worker exceeds a time limit, the library kills it a
+ * quarter of a second after the limit. If a worker has died, the next question starts a new one,
  * within that question's 5 s.
  */
 #pragma once
@@ -25,7 +26,7 @@ enum {
   PAC_OPTION_OFFLINE = 4 /**< names do not resolve, the own address is the loopback one */
 };
 
-/** Wakes the thread that calls pac_run_callbacks; it may only set a flag and signal. */
+/** Wakes the thread that calls pac_run_callbacks. This callback may only set a flag and signal. */
 typedef void (*pac_wakeup)(void* context);
 
 /** Takes one asynchronous result. The receiver owns `result` and releases it with free(); `host` is
@@ -35,9 +36,9 @@ typedef void (*pac_result)(char* result, void* context, void* host);
 /** Starts a worker with the NUL-terminated `script` and loads it; waits 5 s at most.
  *  @param option PAC_OPTION_ONLINE or PAC_OPTION_OFFLINE
  *  @param wakeup called on the thread that calls pac_find_proxy; may be null
- *  @return an engine, to be released with pac_free, or null if the script is null, refused
- *          (syntax, exception, no entry point, limits) or no worker can be started; syslog has the
- * reason. */
+ *  @return an engine, to be released with pac_free. Null if the script is null or refused (syntax,
+ *          exception, no entry point, limits), or if no worker can be started; syslog then has the
+ *          reason */
 struct pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* context);
 
 /** Queues one question and calls the wake-up callback. `found` is called by a later
@@ -49,16 +50,17 @@ void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_r
 /** Evaluates FindProxyForURL(url, host) on the calling thread; waits 5 s at most.
  *  @param url cleaned before the script sees it: it has no user, password or fragment, and for
  *  https and wss no path or query
- *  @param host handed to the script as it is
+ *  @param host passed to the script unchanged
  *  @param result receives a heap text, to be released with free(), or null if there is no
  *         answer */
 void pac_find_proxy_sync_n(struct pac* engine, const char* url, const char* host, char** result);
 
-/** Evaluates what pac_find_proxy had queued when it was called, on the calling thread, and delivers
- *  the results. A callback may queue more, for the next call; it may not free the engine. */
+/** Evaluates, on the calling thread, the questions that were queued with pac_find_proxy before this
+ *  call, and delivers the results. A callback may queue further questions; the next call evaluates
+ *  them. A callback must not free the engine. */
 void pac_run_callbacks(struct pac* engine);
 
-/** Ends the worker and drops what is queued without calling back. */
+/** Ends the worker and drops the queued questions. Their callbacks are not called. */
 void pac_free(struct pac* engine);
 
 #ifdef __cplusplus

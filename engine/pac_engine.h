@@ -5,8 +5,8 @@
 // A script never runs in this process. Engine starts `proxymanager-pac-worker`, hands it the script
 // in a sealed memory file, asks it over a socket pair, and answers its name lookups on the calling
 // thread while it waits. A worker that does not answer in time is killed. If a worker dies for any
-// reason, the question in progress has no answer, and the next question starts a new worker within
-// its own 5 s. The library has no threads.
+// reason, the question in progress has no answer, and the next question starts a new worker, within
+// the 5 s of that question. The library has no threads.
 #pragma once
 
 #include <sys/types.h>
@@ -24,16 +24,16 @@
 
 namespace pac_engine {
 
-/// How long after its time limit a worker is killed. The worker's own engine stops a script at the
+/// A worker is killed this long after its time limit. The worker's own engine stops a script at the
 /// limit, so only a stopped or broken worker is killed.
 inline constexpr std::chrono::milliseconds kKillGrace{250};
 
 /// The role of a worker. The daemon uses only workers that answer.
 enum class WorkerRole : std::uint8_t {
   kAnswers,  ///< proxymanager-pac-worker: loads the script and answers questions
-  kTraces,   ///< proxymanager-workbench: the same with a script that was instrumented; the command
-             ///< "trace" reports what it has noted since the last one
-  kParses    ///< proxymanager-workbench: never runs the script; parses it and does commands with it
+  kTraces,   ///< proxymanager-workbench: the same, with an instrumented script; the command "trace"
+             ///< reports what the worker has noted since the last "trace"
+  kParses    ///< proxymanager-workbench: never runs the script: parses it, and runs commands on it
 };
 
 /// Longest report of a command, in bytes: an instrumented script with the list of its places.

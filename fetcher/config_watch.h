@@ -37,11 +37,11 @@ class ConfigWatch {
   /// Sets the watches. @return false if no file can be watched
   bool addWatches() PM_EXCLUDES(mMutex);
 
-  /// Reads all events that wait, with a line for each read into `buffer` of kEventBytes.
+  /// Reads all events that wait into `buffer`, which has kEventBytes. Each read logs one line.
   /// @return whether there were events
   bool readEvents(char* buffer);
 
-  /// Waits, so that all events during the wait count as one. end() ends the wait.
+  /// Waits for `duration`, so that all events during this wait count as one. end() ends the wait.
   void pause(std::chrono::milliseconds duration) PM_EXCLUDES(mMutex);
 
   /// Removes the watches, and closes the descriptor.

@@ -1,9 +1,9 @@
 // Downloads one URL into one file, in a separate process: proxymanager-fetch.
 //
 // Only that process parses HTTP, TLS, redirects and certificates of a foreign server, and it does
-// so behind walls. This side checks each report of that process. A server that takes the process
-// over spoils only its own download. This side also enforces the time limit: a transfer ends 30 s
-// after its start, even if resolver, server or child process do not answer.
+// so behind walls. The daemon's side (this file) checks each report of that process. A server that
+// takes the process over spoils only its own download. This side also enforces the time limit: a
+// transfer ends 30 s after its start, even if resolver, server or child process do not answer.
 #pragma once
 
 #include <string>
@@ -35,7 +35,7 @@ struct DownloadOptions {
 
 struct Download {
   bool success = false;
-  std::string error;  ///< why not, in printable ASCII; empty after a success
+  std::string error;  ///< why the download failed, in printable ASCII; empty after a success
 };
 
 /// Does what PACFetcher::fileDownload does, and logs its lines. One thread at a time.

@@ -19,7 +19,8 @@ namespace fetcher {
 using Deadline = std::chrono::steady_clock::time_point;
 
 /// The path of the program: `proxymanager-fetch` in the libexec folder beside the folder of the
-/// running program. If it is not there, the path at which the build installs it.
+/// running program. If the program is not there, the result is the path at which the build installs
+/// it.
 std::string fetchProgram();
 
 class FetchProcess {
@@ -45,7 +46,7 @@ class FetchProcess {
 
   enum class Failure : std::uint8_t {
     none,
-    ended,   ///< the child is gone, or its socket is
+    ended,   ///< the child or its socket is gone
     broken,  ///< the child sent a packet that it must not send
     tooLate  ///< the deadline has passed
   };
@@ -57,7 +58,8 @@ class FetchProcess {
   /// Kills the child unless it has ended, and waits for its end. @return how it ended, for the log
   std::string end() { return mChild->end(); }
 
-  /// @return whether end() has seen the child's end. Only then nobody else can write to the file
+  /// @return whether end() has seen the child's end. After that, no other process can write to the
+  /// file
   bool isGone() const { return mChild->isGone(); }
 
   /// The daemon's end of the socket pair. A shutdown() of this socket, on any thread, ends a

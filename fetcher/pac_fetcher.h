@@ -5,15 +5,16 @@
 // watch thread requests a refetch when one of two files of the network configuration changes.
 // Nothing is fetched on a timer.
 //
-// One mutex guards the configuration copy and the request. A walk holds it except while a transfer
-// runs, so an update never waits for a download; it waits for the load of a script that is being
-// installed (5 seconds at most). A walk uses one configuration. An update that changes the mode or
-// a URL ends the transfer in progress, and the walk's other candidates fail without a transfer. An
-// update that changes nothing causes one further walk and does not end this one. Otherwise, two
-// programs that send the same configuration in turn could prevent every download.
+// One mutex guards the configuration copy and the request. A walk holds the mutex except while a
+// transfer runs. So an update never waits for a download, but it waits for the load of a script
+// that is being installed (5 seconds at most). A walk uses one configuration. An update that
+// changes the mode or a URL ends the transfer in progress, and the walk's other candidates fail
+// without a transfer. An update that changes nothing does not end the walk in progress, and causes
+// one further walk. Otherwise, two programs that send the same configuration in turn could prevent
+// every download.
 //
 // The supervisor gets a line about mode, last update and last walk. Only the fetcher thread sends
-// it, since a supervisor that reads nothing must not hold up an update.
+// it, because a supervisor that reads nothing must not delay an update.
 //
 // Other files implement the members: walk (the candidate URLs), wpad_candidates, resolver_file,
 // download with fetch_process and target_file, config_watch.

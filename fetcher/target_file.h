@@ -2,8 +2,8 @@
 //
 // Other users can put anything at any name of such a folder at any moment. They cannot remove or
 // rename a file of this process, because the folder is sticky. So the file is complete before it
-// gets its name, and it gets the name by rename, which replaces the old file in one step. A loop
-// that plants files at the name gains nothing.
+// gets its name, and it gets the name by rename, which replaces the old file in one step. A program
+// that plants files at the name in a loop gains nothing.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@ namespace fetcher {
 /// Makes an empty file at `path`, mode 0644 without the bits of the umask, and opens it for
 /// writing. A file, a link (not its target) or a fifo at that name is replaced. A folder of another
 /// user is renamed. A folder of root or of this user stays, and the call fails.
-/// @return none, with errno, if there is no file
+/// @return the descriptor; none, with errno set, if the call fails
 base::UniqueFd createTargetFile(const std::string& path);
 
 /// Renames the file `from` to `to`, and replaces an existing file. A folder of another user is

@@ -5,8 +5,8 @@
 // lookup in the built-in table (domain/tld.h), and isPublicSuffix(), which logs nothing and also
 // knows wildcard rules and libpsl's list. The walk stops if either check finds a suffix. Both
 // checks get the name in lower case and without outer dots; the URLs keep the name as it is given.
-// The checked name must be the host that is asked. So a name such as "com/.example.com", which is
-// not the whole host of its URL, has no candidates.
+// The name that is checked must be the host that is asked. In the URL for "com/.example.com", the
+// host ends at the slash, so such a name has no candidates.
 #pragma once
 
 #include <cstddef>

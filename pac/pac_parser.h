@@ -1,16 +1,16 @@
 // The current PAC script, the engine made of it, and the answers it gave.
 //
 // Each time the fetcher has put a file in place, the parser reads the script again and rebuilds the
-// engine. It empties the cache only if the script's digest has changed. A query is answered from
-// the cache by its host, else by the engine on the caller's thread. The parser's own thread
-// evaluates only what asynchronous queries have queued in the engine.
+// engine. It empties the cache only if the script's digest has changed. If the cache has the host
+// of a query, it answers the query; else the engine does, on the caller's thread. The parser's own
+// thread evaluates only what asynchronous queries have queued in the engine.
 //
 // Locks: a thread may take the cache's mutex while it holds the engine's mutex. The wait mutex is a
-// leaf. The gate of the answers is taken before all of them. The lists that getProxy returns share
-// their texts with the cache. So a caller shares the gate (shareAnswers) while it copies the texts,
-// and a reload holds the gate exclusively from the emptying of the cache until the new engine is in
-// place. No text is freed while it is read, and no answer of the old script enters the emptied
-// cache.
+// leaf. The gate of the answers is taken before all these mutexes. The lists that getProxy returns
+// share their texts with the cache. So a caller shares the gate (shareAnswers) while it copies the
+// texts, and a reload holds the gate exclusively from the emptying of the cache until the new
+// engine is in place. No text is freed while it is read, and no answer of the old script enters the
+// emptied cache.
 //
 // Two files implement the members: pac_script_file.cpp reads the script, compares its digest and
 // rebuilds the engine; pac_parser.cpp holds everything else. pac_result.h parses results.
@@ -86,9 +86,9 @@ class PacParser {
   ProxyUrlSettings getProxyASync(const std::string& requestUrl)
       PM_EXCLUDES(mEngineMutex, mCacheMutex, mWaitMutex);
 
-  /// Holds off reloads while the texts of answers are copied. Any thread. Waits while a reload
-  /// empties the cache and loads its script, about 5 s at most. The caller takes it before any
-  /// query.
+  /// Prevents reloads while the texts of answers are copied. Any thread. Waits while a reload
+  /// empties the cache and loads its script, about 5 s at most. The caller takes this lock before
+  /// any query.
   [[nodiscard]] std::shared_lock<std::shared_mutex> shareAnswers() {
     return std::shared_lock(mAnswerGate);
   }
@@ -154,7 +154,7 @@ class PacParser {
   std::atomic<bool> mHasEngine{false};  // whether mPac is set, without waiting for an evaluation
   const bool mPacInitOption;
   HeapText mPacContent PM_GUARDED_BY(mEngineMutex);
-  HeapText mPacHash;  // under the gate, held alone
+  HeapText mPacHash;  // guarded by the gate, held exclusively
   std::map<std::string, bool> mPendingHosts PM_GUARDED_BY(mCacheMutex);
   RecursiveMutex mEngineMutex;
   RecursiveMutex mCacheMutex PM_ACQUIRED_AFTER(mEngineMutex);

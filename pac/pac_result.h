@@ -1,7 +1,7 @@
 // Parses a script's result text: "PROXY a:1; SOCKS b:2; DIRECT" becomes a list of entries.
 //
-// PacParser's members of the same purpose call these functions, which log under the names of the
-// members. Any thread. They throw std::bad_alloc.
+// The members of PacParser that have the same purpose call these functions. The functions log under
+// the names of those members. Any thread. They throw std::bad_alloc.
 #pragma once
 
 #include <string>
@@ -10,8 +10,9 @@
 
 namespace script_result {
 
-/// Maximum number of pieces between ";" in a result text that are read, also if they are unknown. A
-/// program tries the entries one after the other, and no network has so many proxies for one host.
+/// Maximum number of pieces (texts between ";") that are read of a result text. Unknown pieces
+/// count, too. A program tries the entries one after the other, and no network has so many proxies
+/// for one host.
 inline constexpr int kMaxResultPieces = 64;
 
 /// The entries of a result text. Unknown pieces are left out. If there are more than

@@ -1,9 +1,9 @@
 // The answers of the script, kept per host. When the cache is full, the least recently used entry
 // is dropped. The owner decides the capacity (PacParser::kCacheCapacity).
 //
-// Each key has one node in a list (head: most recently used), which an ordered map finds, and one
-// list of entries in a second map. Both maps and the list always have the same keys, even after a
-// failed allocation.
+// Each key has one node in a list, whose head is the most recently used key. An ordered map finds
+// the node of a key. A second map holds the key's list of entries. Both maps and the list of nodes
+// always have the same keys, even after a failed allocation.
 //
 // The texts of the entries are not copied. The cache holds them from set() on, and passes them to
 // the release callback when it drops a list. A list that get() returns shares the texts, so its
@@ -35,18 +35,18 @@ class ProxyURLCacheNode {
 class ProxyUrlCache {
  public:
   /// @param capacity maximum number of entries; a number below 1 counts as 1
-  /// @param release called with a list before the cache drops it; it may empty the list and must
-  /// not throw; may be null
+  /// @param release called with a list before the cache drops the list. The function may empty the
+  /// list and must not throw. A null pointer is accepted
   /// @param context the second argument of `release`
   ProxyUrlCache(int capacity, void (*release)(ProxyUrlSettings&, void*), void* context);
-  /// Clears.
+  /// Clears the cache.
   ~ProxyUrlCache();
   ProxyUrlCache(const ProxyUrlCache&) = delete;
   ProxyUrlCache& operator=(const ProxyUrlCache&) = delete;
 
   /// @param list the entries on a hit, which share the cache's texts; untouched on a miss
-  /// @return whether the cache has `key`, which may be any text, also an empty one; `key` is then
-  /// the most recently used
+  /// @return whether the cache has `key`; if so, `key` is now the most recently used key. `key` may
+  /// be any text, also an empty one
   bool get(const std::string& key, ProxyUrlSettings& list);
 
   /// Stores `list` under `key` as the most recently used, and replaces an earlier list of that key.

@@ -6,8 +6,8 @@ class ProxyManagerServiceImpl;
 namespace service_callbacks {
 
 /// The content of the script has changed. Does nothing if `service` is null. Called on the thread
-/// that installs the script (the fetcher's). The only lock of the parser that is held is the
-/// gate's.
+/// that installs the script (the fetcher's). During the call, the gate is the only lock of the
+/// parser that is held.
 void notifyContentUpdated(ProxyManagerServiceImpl* service);
 
 }  // namespace service_callbacks

@@ -58,14 +58,14 @@ struct Configuration {
   std::vector<std::string> allowUsers;
   /// `deny-users = ["name", "@group"]`: these users are refused, even if allow-users lists them.
   std::vector<std::string> denyUsers;
-  /// `credentials-for = "all"
-  /// ["name", "@group"]`: the users whose requests get credentials for proxies.
+  /// `credentials-for = "all"` or `["name", "@group"]`: the users whose requests get credentials
+  /// for proxies.
   bool credentialsForAll = true;
   std::vector<std::string> credentialsFor;
   /// `credentials-file = "/path"`: a file with a user and a password for each proxy. Empty: none.
   std::string credentialsFile;
-  /// `credentials-hosts = ["proxy.example.org"]`: proxies that a script may name and that get the
-  /// credentials of that file. A name without a port stands for each port. The manual proxy always
+  /// `credentials-hosts = ["proxy.example.org"]`: proxies that get the credentials of that file
+  /// when a script names them. A name without a port stands for each port. The manual proxy always
   /// gets its credentials.
   std::vector<std::string> credentialsHosts;
   /// `max-connections = 4096`: for all clients together.

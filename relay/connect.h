@@ -1,4 +1,5 @@
-// Connects by TCP to the address of a name that answers first (RFC 8305, "happy eyeballs").
+// Connects by TCP to one of the addresses of a name: the one that answers first (RFC 8305, "happy
+// eyeballs").
 #pragma once
 
 #include <chrono>
@@ -15,7 +16,7 @@ inline constexpr std::chrono::milliseconds kNextAddressAfter{250};
 
 struct Connected {
   std::optional<Socket> socket;
-  std::string problem;  ///< without a socket: the last error, for people
+  std::string problem;  ///< if there is no socket: the last error, for people
 };
 
 /// Connects to one of `addresses` within `limit`. `addresses` must not be empty.

@@ -21,8 +21,8 @@ namespace relay {
 /// clears it.
 inline constexpr std::size_t kMaxChallenges = 64;
 
-/// The last challenge of a proxy. With it, the next request sends its password at once. No scheme:
-/// the proxy accepted a request without a password.
+/// The last challenge of a proxy. With it, the next request sends its password at once. If the
+/// challenge has no scheme, the proxy has accepted a request without a password.
 struct KnownChallenge {
   Challenge challenge;
   std::string clientNonce;
@@ -35,7 +35,7 @@ struct Context {
   /// Whether a connection to `address` would arrive at this relay.
   bool isOurs(const sockaddr* address) const;
   /// The user and the password for the proxy `entry` of an answer in mode `mode`. The user is empty
-  /// if there are none, or if `peer` may not use them.
+  /// if there are no credentials, or if `peer` may not use them.
   Credentials credentialsFor(const Entry& entry, const std::string& mode, const Peer& peer);
 
   asio::io_context& loop;

@@ -1,8 +1,8 @@
 // Follows the bytes of an HTTP/1 body while they pass through the relay.
 //
 // The reader is strict with a chunked body, and the relay writes the chunks again in its own form.
-// It drops the extensions of chunks, checks the trailers, and sends them after the last chunk. So
-// neither side can send hidden content to the other in the chunk format.
+// The relay drops the extensions of chunks. It checks the trailers, and sends them after the last
+// chunk. So neither side can send hidden content to the other in the chunk format.
 #pragma once
 
 #include <cstddef>
@@ -53,7 +53,7 @@ class BodyReader {
   const bool mIsUntilClose;
   bool mHasLine = false;    ///< mLine is a whole line, without its CR LF
   std::uint64_t mRest = 0;  ///< bytes of this chunk, or of the body
-  std::string mLine;        ///< what has come of a line
+  std::string mLine;        ///< the received part of a line
   std::string mTrailers;    ///< lines with their ends
   const char* mProblem = "";
 };

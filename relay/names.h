@@ -42,7 +42,7 @@ class Names {
  private:
   struct Lookup {
     std::string host;
-    uid_t user = 0;  ///< whose thread it has
+    uid_t user = 0;  ///< the user whose thread the lookup has
     bool isStarted = false;
     bool isDone = false;
     Addresses addresses;  ///< with port 0

@@ -31,7 +31,7 @@ struct Report {
   bool isUserKnown = false;
   std::vector<Decision> decisions;  ///< for this user; for root, of all users
   std::string askedUrl;             ///< the URL that the user asks the page about; empty if none
-  std::vector<std::string> way;     ///< its entries in the order of attempts, or why there are none
+  std::vector<std::string> way;     ///< the entries for askedUrl, in order, or why there are none
 };
 
 /// The page for people, HTML without scripts.

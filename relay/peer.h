@@ -50,7 +50,7 @@ class UserList {
   bool mIsEmpty;
   std::set<uid_t> mUsers;
   std::set<gid_t> mGroups;
-  std::map<uid_t, bool> mKnown;  ///< whose first group was looked up
+  std::map<uid_t, bool> mKnown;  ///< users whose primary group was looked up
 };
 
 /// The names of `names` ("user", "@group") that no user or group has.

@@ -32,8 +32,8 @@ class Penalties {
 
   /// The proxy `entry` took a connection for `destination`, and then was slow or closed it without
   /// an answer. The fault may be the destination's, so only requests for this destination try the
-  /// proxy last. The proxy gets a penalty if this happens for two destinations, and it answered
-  /// nothing in between.
+  /// proxy last. The proxy gets a penalty if this happens for two destinations and the proxy
+  /// answered nothing in between.
   void doubt(const Entry& entry, const std::string& destination, std::string reason,
              Clock::time_point now = Clock::now());
   /// The proxy `entry` has answered.

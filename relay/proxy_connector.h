@@ -2,8 +2,8 @@
 //
 // The caller has connected to the proxy. libcurl does the handshake and the authentication over
 // this connection, and stops. The caller then owns the socket again. Only a TLS connection keeps
-// its libcurl handle. libcurl looks up no name: it would wait for the end of a lookup, and the
-// relay with it.
+// its libcurl handle. libcurl looks up no name here. Otherwise, it would wait for the end of the
+// lookup, and the whole relay would wait, too.
 #pragma once
 
 #include <curl/curl.h>

@@ -4,7 +4,8 @@
 // wait in a queue. The relay sends at most kMaxAsked of them to the daemon at a time, and sends
 // equal questions once. The queue is round robin over users: so one user with a thousand
 // connections cannot use up the number of questions that the daemon accepts from the relay. A
-// question of two users stands in the queues of both, and goes at the earlier turn.
+// question that two users ask stands in the queues of both. The relay sends it at the first turn of
+// either user.
 #pragma once
 
 #include <proxymanager/client.h>
@@ -43,7 +44,7 @@ class Questions {
   /// @return the answer; its status is PROXYMANAGER_TOO_SLOW after kTurnTime
   Task<Answer> ask(std::string url, uid_t user);
 
-  /// The numbers of questions that are with the daemon, and that wait in the queue.
+  /// The number of questions that are with the daemon, and the number that wait in the queue.
   std::size_t asked() const { return mAsked; }
   std::size_t waiting() const { return mWaiting; }
 

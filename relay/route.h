@@ -25,7 +25,7 @@ struct Upstream {
   std::string early;            ///< for a tunnel: bytes that were read already
 };
 
-/// Why the relay refuses a request. Status 0: it does not.
+/// Why the relay refuses a request. Status 0: the relay does not refuse it.
 struct Refusal {
   unsigned status = 0;
   std::string text;  ///< lines for people

@@ -106,7 +106,7 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   std::string mServerIn;                 ///< read from mServer, not processed yet
   std::optional<KnownChallenge> mFresh;  ///< from a 407 to this request, only for its next attempt
   const char* mAnswerProblem = "";       ///< why the relay did not accept the head of an answer
-  bool mIsAnswerHttp = false;            ///< this head began as one of HTTP/1
+  bool mIsAnswerHttp = false;            ///< this head began like a head of HTTP/1
   std::optional<Event> mContinue;  ///< a 100 has come; set while the body may have to wait for it
   bool mIsExpectRefused = false;   ///< the server refused Expect for this request
   bool mIsReused = false;          ///< mServer was used before

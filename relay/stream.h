@@ -51,8 +51,8 @@ class Stream {
   Task<bool> waitWrite();
   /// Writes all `bytes`. @return whether the write succeeded
   Task<bool> write(std::string_view bytes);
-  /// Whether the other end has sent nothing and has not ended the stream. If it has, a byte is
-  /// lost.
+  /// Whether the other end has sent nothing and has not ended the stream. If it has sent something,
+  /// this call loses one byte.
   bool isQuiet();
   /// The other end sees a reset when this stream closes.
   void abandon();

@@ -22,10 +22,10 @@ struct TunnelAnswer {
 /// with LF alone. May run on any thread.
 TunnelAnswer readTunnelAnswer(std::string_view bytes);
 
-/// Asks the proxy at the other end of `stream` for a tunnel. If it succeeds, it moves the stream
+/// Asks the proxy at the other end of `stream` for a tunnel. If the proxy agrees, the stream moves
 /// into the result.
 /// @param via the relay's own name, for the Via field
-/// @param end when the attempt ends, at most about one second late
+/// @param end the time at which the attempt ends; the end may be about one second late
 Task<ThroughProxy> askForTunnel(Sweeper& sweeper, Stream& stream, const Destination& destination,
                                 const std::string& via, Clock::time_point end);
 

@@ -7,10 +7,10 @@
 namespace relay {
 
 /// Raises the walls. If the relay runs as root, it changes to the user nobody. It gives up all
-/// privileges and capabilities. It can write no file and no core file, start no program, and be
-/// read by no debugger. A list limits the system calls. If the kernel has Landlock, the relay can
-/// read only the files for names, users and certificates.
-/// Call it after the configuration has been read and the sockets are open, while the process has
+/// privileges and capabilities. After that, it can write no file and no core file, it can start no
+/// program, and no debugger can read it. A list limits the system calls. If the kernel has
+/// Landlock, the relay can read only the files for names, users and certificates. Call this
+/// function after the configuration has been read and the sockets are open, while the process has
 /// one thread.
 sandbox::Failure raiseWalls();
 

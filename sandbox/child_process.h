@@ -21,7 +21,8 @@
 namespace sandbox {
 
 /// The path of a program that is installed with this one: `name` in the libexec folder next to the
-/// folder of the running program. If it is not there, `installedPath`, which the build sets.
+/// folder of the running program. If the program is not there, the result is `installedPath`, which
+/// the build sets.
 std::string programInLibexec(const std::string& name, const char* installedPath);
 
 /// The arguments for the start of a child process.
@@ -56,8 +57,8 @@ class ChildProcess {
   ///         this function ran before
   std::string end();
 
-  /// @return whether end() has seen the child's end. If not, the child may live on, because this
-  ///         process may not signal it or it does not end: it still has what was passed to it
+  /// @return whether end() has seen the child's end. If not, the child may still run and use what
+  ///         was passed to it: this process may not signal the child, or the child does not end
   bool isGone() const { return mIsGone; }
 
  private:

@@ -1,6 +1,6 @@
 // A list of the system calls that a process may still make, by libseccomp. It exists only in builds
-// with PROXYMANAGER_SECCOMP. Callers use SCMP_SYS(name) for a call, and are compiled out without
-// it.
+// with PROXYMANAGER_SECCOMP. Callers use SCMP_SYS(name) for a call. Without PROXYMANAGER_SECCOMP,
+// the callers are compiled out.
 #pragma once
 
 #include <seccomp.h>

@@ -1,8 +1,8 @@
 // The walls that all child processes share. A child process raises its walls before it reads the
 // first byte of the foreign data that it parses. Each program calls the functions below in their
-// order: engine/worker/sandbox.h for the script worker, fetcher/child/walls.h for the download. Its
-// list of system calls (system_calls.h) is the last wall, because the other walls need calls that
-// no list allows.
+// order: the script worker in engine/worker/sandbox.h, the download in fetcher/child/walls.h. The
+// program's list of system calls (system_calls.h) is the last wall, because the other walls need
+// calls that no list allows.
 //
 // All functions are called by a process that has one thread.
 #pragma once
@@ -31,8 +31,8 @@ enum class Network : std::uint8_t {
 /// Gives up every privilege. The process gets no new privileges when it starts a program. If it
 /// runs as root, it gets the user and group nobody and no supplementary group. It has no
 /// capability, and an empty bounding set if it may empty the set. Other processes of the same user
-/// cannot debug it or read its memory, and it leaves no core dump. A process of another user keeps
-/// its user.
+/// cannot debug it or read its memory, and it leaves no core dump. A process that does not run as
+/// root keeps its user.
 Failure giveUpPrivileges(Network network);
 
 /// If memory runs out, the kernel ends this process first. Not a wall: no failure if the system has

@@ -72,7 +72,7 @@ class ProxyManagerServiceImpl : public SlService {
   /// Whether a script is loaded. Any thread; never waits.
   bool hasScript() const;
 
-  /// The PAC file's content differs from the one before. Fetcher thread.
+  /// The content of the PAC file differs from the content before. Fetcher thread.
   void pacContentUpdated();
 
   /// Body of the announcing thread: ProxyMgrStateEvent(1) every two seconds until the first
@@ -94,7 +94,8 @@ class ProxyManagerServiceImpl : public SlService {
   std::string mPacFileName;
   Mutex mConfigMutex;
   ProxyConfigOwner mConfig PM_GUARDED_BY(mConfigMutex);
-  Mutex mAnnounceMutex;  // the wait between two announcements; nothing is taken under it
+  Mutex mAnnounceMutex;  // guards the wait between two announcements; a thread that holds it takes
+                         // no other lock
   std::condition_variable mAnnounceCond;
   std::atomic<bool> mStartupEventDone{false};
   std::shared_ptr<std::thread> mStartupEventThread;

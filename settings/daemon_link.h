@@ -59,7 +59,7 @@ class DaemonLink {
   using Answered = std::function<void(std::optional<std::vector<std::string>>)>;
 
   /// Each function starts one call, which ends after `limit` at the latest and never starts the
-  /// daemon. It calls the callback exactly once, later, by guarded(). If the link is destroyed
+  /// daemon. The callback is called exactly once: later, and by guarded(). If the link is destroyed
   /// first, the callback is never called.
   void read(Read done, std::chrono::microseconds limit = kDaemonLimit);
   void update(const Configuration& configuration, Updated done);

@@ -1,7 +1,7 @@
 // Which interfaces have a default route, and when that changes.
 //
-// The routes are read from /proc: the kernel's own text, in two files, needs no parser of netlink
-// messages. A netlink socket only reports that something has changed.
+// The routes are read from two text files of the kernel in /proc, so no parser of netlink messages
+// is needed. A netlink socket only reports that something has changed.
 #pragma once
 
 #include <string_view>
@@ -11,8 +11,8 @@
 
 namespace settings {
 
-/// Adds the default routes of /proc/net/route (IPv4) to `routes`. If an interface has two, the
-/// lower metric counts. Lines that cannot be parsed are skipped.
+/// Adds the default routes of /proc/net/route (IPv4) to `routes`. If an interface has two default
+/// routes, the lower metric counts. Lines that cannot be parsed are skipped.
 void addIpv4DefaultRoutes(std::string_view text, DefaultRoutes& routes);
 /// The same for /proc/net/ipv6_route.
 void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes);

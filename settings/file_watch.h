@@ -52,7 +52,8 @@ class FileWatch {
 };
 
 /// The places in which a change of `path` is visible: its folder, and the folder of each link's
-/// target. Of a folder that does not exist, its nearest parent: call it again after a change there.
+/// target. If a folder does not exist, the place is its nearest parent: call this function again
+/// after a change there.
 std::vector<FileWatch::Place> placesOf(const std::string& path);
 
 }  // namespace settings

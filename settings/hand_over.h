@@ -8,8 +8,8 @@
 //   usually configured before the network is up.
 // - Again on a timer, if the administrator wants refreshes.
 //
-// If another program configures the daemon over the bus, this configuration stays until the
-// daemon's next start or until a source changes.
+// If another program configures the daemon over the bus, that program's configuration stays until
+// the daemon's next start or until a source changes.
 #pragma once
 
 #include <systemd/sd-event.h>
@@ -47,7 +47,8 @@ std::chrono::seconds failurePause(std::size_t failures);
 /// The pause before the next refresh: `interval` and a random part of it, up to kRefreshSpread.
 std::chrono::milliseconds refreshPause(std::chrono::seconds interval);
 
-/// Whether the script file is newer than the hand-over at `since`. False if there is none.
+/// Whether the script file is newer than the hand-over at `since`. False if there is no script
+/// file.
 bool isScriptNewer(const std::string& path, const timespec& since);
 
 /// Runs in the event loop's thread. Logs what it does.
@@ -56,11 +57,11 @@ class HandOver {
   /// @param pacFile the daemon's script file
   HandOver(sd_event* event, DaemonLink& daemon, std::string pacFile);
 
-  /// Sets the configuration that a source wants. The first call makes the service ready. Before it,
-  /// the service hands nothing over. A change ends the pause after a failure.
+  /// Sets the configuration that a source wants. The first call makes the service ready. Before the
+  /// first call, the service hands nothing over. A change ends the pause after a failure.
   void want(const Configuration& configuration);
-  /// While `leaves` is true, replaces only mode off of a daemon that was not configured before, and
-  /// what this service itself has handed over.
+  /// While `leaves` is true, the service replaces only two configurations: mode off of a daemon
+  /// that was not configured before, and a configuration that this service itself has handed over.
   void leaveOthers(bool leaves) { mLeavesOthers = leaves; }
   void daemonAppeared();
   void daemonVanished();

@@ -31,7 +31,7 @@ inline constexpr std::size_t kMaxTextBytes = 8U << 10U;
 inline constexpr std::size_t kMaxListEntries = 256;
 
 /// The keys of CreateProxyConfiguration's dictionary that have an effect. Domains, BrowserOnly and
-/// Nameservers have none, so they are not kept.
+/// Nameservers have no effect, so they are not kept.
 struct PushedConfiguration {
   enum class Method { kDirect, kAuto, kManual };
   Method method = Method::kDirect;
@@ -79,8 +79,9 @@ class NetworkSet {
 
 /// The default routes of one interface.
 struct DefaultRoute {
-  std::uint32_t metric = 0;  ///< of the best one; lower metrics go first
-  /// Of all of them, as the kernel prints them. Another gateway can mean another network.
+  std::uint32_t metric = 0;  ///< of the interface's best route; lower metrics go first
+  /// The gateways of all these routes, as the kernel prints them. Another gateway can mean another
+  /// network.
   std::string gateways;
   bool operator==(const DefaultRoute&) const = default;
 };
@@ -89,10 +90,10 @@ struct DefaultRoute {
 using DefaultRoutes = std::map<std::string, DefaultRoute, std::less<>>;
 
 /// The configuration in force: the usable one whose interface has the default route with the lowest
-/// metric. If an interface has several, the newest is in force. A configuration without an
-/// interface is in force only if no other configuration has a default route. Direct configurations
-/// count only if `directCounts`, and configurations with a script to serve only if `scriptsCount`.
-/// Null if there is none.
+/// metric. If an interface has several configurations, the newest is in force. A configuration
+/// without an interface is in force only if no other configuration has a default route. Direct
+/// configurations count only if `directCounts`, and configurations with a script to serve only if
+/// `scriptsCount`. Null if there is none.
 const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& routes,
                                     bool directCounts, bool scriptsCount = true);
 

@@ -14,8 +14,8 @@
 
 namespace settings {
 
-/// Most FindProxyForURL calls of one caller that wait for the daemon. Further calls get "DIRECT" at
-/// once, so that one caller cannot use up the daemon's limit for this service.
+/// Maximum number of FindProxyForURL calls of one caller that wait for the daemon. Further calls
+/// get "DIRECT" at once, so that one caller cannot use up the daemon's limit for this service.
 inline constexpr int kMaxQuestionsOfCaller = 8;
 /// The same limit for all callers together: a user can have many connections to the bus.
 inline constexpr int kMaxQuestions = 64;
@@ -48,8 +48,9 @@ class PacRunner {
   struct TrackCloser {
     void operator()(sd_bus_track* track) const { sd_bus_track_unref(track); }
   };
-  /// A bus connection that pushes. Each takes a match of the bus daemon, which gives one connection
-  /// 512 of them by default. Everybody may ask, so a connection that only asks takes none.
+  /// A bus connection that pushes settings. This service needs one match rule for each of them, and
+  /// the bus allows one connection 512 match rules by default. Everybody may ask, so a connection
+  /// that only asks gets no match rule.
   struct Sender {
     std::unique_ptr<sd_bus_track, TrackCloser> track;
     bool isOverLimit = false;  ///< logged once for each sender

@@ -19,7 +19,7 @@
 
 namespace settings {
 
-/// Longest head of a request, in bytes. The daemon's has about 200.
+/// Longest head of a request, in bytes. A request of the daemon has about 200 bytes.
 inline constexpr std::size_t kMaxRequestBytes = 8192;
 /// Time limit of a connection. On loopback, the daemon needs milliseconds.
 inline constexpr std::chrono::seconds kConnectionLimit{5};

@@ -35,7 +35,8 @@ inline constexpr std::uint16_t kScriptPort = 850;
 base::UniqueFd listenOnLoopback(std::uint16_t port);
 
 /// The file name of a script: 16 hexadecimal digits (64-bit FNV-1a) and ".pac". The name does not
-/// prove the content. This is no risk: a program that can push a script can have any script run.
+/// prove the content. This is no risk: a program that can push a script can already choose any
+/// script.
 std::string scriptName(std::string_view script);
 bool isScriptName(std::string_view name);
 

@@ -27,10 +27,10 @@
 
 namespace settings {
 
-/// After the service starts, network managers push their settings again. The service does not know
-/// these settings before, so it waits this long until it hands anything over.
+/// After the service starts, network managers push their settings again. Before that, the service
+/// does not know these settings. So it waits this long before it hands anything over.
 inline constexpr std::chrono::milliseconds kGatherTime{500};
-/// Most GetState calls that wait for the daemon's configuration.
+/// Maximum number of GetState calls that wait for the daemon's configuration.
 inline constexpr std::size_t kMaxStateCalls = 16;
 /// How long a GetState call waits. After that, it is answered without the configuration.
 inline constexpr std::chrono::seconds kStateLimit{5};
@@ -51,8 +51,8 @@ class SettingsService final : DaemonLink::Listener {
   /// std::system_error.
   void start();
 
-  /// Reads the settings again, as SIGHUP wants it, and replaces a configuration that another
-  /// program has set in the meantime.
+  /// Reads the settings again, at SIGHUP, and replaces a configuration that another program has set
+  /// in the meantime.
   void reload();
 
  private:
@@ -81,7 +81,7 @@ class SettingsService final : DaemonLink::Listener {
   std::unique_ptr<ScriptServer> mScripts;
   FileWatch mSettingsWatch;
   FileWatch mResolverWatch;
-  FolderSettings mSettings;  ///< in force: the last ones without an error, if there were any
+  FolderSettings mSettings;  ///< in force: the last settings without an error, if there were any
   bool mHasGoodSettings = false;
   FolderSettings mLastReading;  ///< the last reading, with its problems
   DefaultRoutes mRoutes;

@@ -18,7 +18,7 @@ struct Choice {
 };
 
 /// @param settings the settings of all files together
-/// @param password the password that they refer to
+/// @param password the password that `settings` refer to
 /// @param network the network managers' configuration in force, or null
 Choice choose(const FileSettings& settings, const std::string& password,
               const NetworkConfiguration* network);

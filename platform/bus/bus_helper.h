@@ -43,12 +43,12 @@ class BusHelper {
 
   /// Sets `turn`, which the bus thread calls for one piece of work at a time. The bus thread calls
   /// it after it has handled all input, while no output waits. `turn` returns after how many
-  /// milliseconds to call it again if nothing arrives from the bus: 0 for at once, -1 for never. It
-  /// throws nothing. Call setTurn() before startDispatching().
+  /// milliseconds to call it again if nothing arrives from the bus: 0 for at once, -1 for never.
+  /// `turn` throws nothing. Call setTurn() before startDispatching().
   void setTurn(std::function<int()> turn);
 
-  /// Starts the bus thread. Requests the name again if stopDispatching() has released it. Throws as
-  /// requestName(). Does nothing if the thread already runs.
+  /// Starts the bus thread. Requests the name again if stopDispatching() has released it. Throws
+  /// what requestName() throws. Does nothing if the thread already runs.
   void startDispatching();
 
   /// Gives the bus name back, answers every call that the bus delivered before that, runs the
@@ -68,14 +68,14 @@ class BusHelper {
     ~DispatcherReset();
   };
 
-  DispatcherReset mReset;          // the library's global names the loop as long as that lives
+  DispatcherReset mReset;          // clears the library's pointer to the loop after the loop's end
   std::unique_ptr<BusLoop> mLoop;  // outlives the connection, whose watches it holds
   std::unique_ptr<Connection> mConnection;
   std::string mName;  // empty before requestName()
 };
 
-/// The helper of the process. The first call makes it, and it ends with its last holder. Throws
-/// DBus::Error if the bus cannot be reached. Main thread.
+/// The helper of the process. The first call makes it. It is destroyed when its last holder
+/// releases it. Throws DBus::Error if the bus cannot be reached. Main thread.
 std::shared_ptr<BusHelper> get_helper();
 
 }  // namespace DBus

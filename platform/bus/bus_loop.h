@@ -43,7 +43,7 @@ class BusLoop : public Dispatcher {
   BusLoop(const BusLoop&) = delete;
   BusLoop& operator=(const BusLoop&) = delete;
 
-  /// Starts a thread that runs the loop for `connection`; `lost` is called on it if the
+  /// Starts a thread that runs the loop for `connection`; `lost` is called on that thread if the
   /// connection is lost.
   /// @param name the connection's well-known name, which the end of the loop gives back; may be
   /// empty
@@ -114,7 +114,8 @@ class BusLoop : public Dispatcher {
   std::vector<LoopTimeout*> mTimeouts PM_GUARDED_BY(mMutex);  // deleted by rem_timeout
   std::deque<std::function<void()>> mPosted PM_GUARDED_BY(mMutex);
 
-  // The poll entries and, at the same index, their watches; the eventfd comes first, without one.
+  // The poll entries and, at the same index, their watches; the eventfd comes first, without a
+  // watch.
   std::vector<pollfd> mEntries;
   std::vector<LoopWatch*> mPolled;
 };

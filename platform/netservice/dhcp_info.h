@@ -23,6 +23,7 @@ static_assert(std::is_trivially_copyable_v<DhcpInfo>);
 /// @param info the caller's record, not null; zeroed, then filled
 /// @return 0 if the lease was read, or if the file does not exist (the record is then empty). Else
 ///         an errno value, with one LOG_ERR line and an empty record: the file is not a regular
-///         file, is longer than 64 KiB or cannot be read Any thread. Never blocks, whatever kind of
-///         file is at the path.
+///         file, is longer than 64 KiB or cannot be read
+///
+/// Any thread. Never blocks, whatever kind of file is at the path.
 int getdhcpinfo(DhcpInfo* info);

@@ -48,7 +48,7 @@ struct LeaseTexts {
 /// Both texts of a lease's values.
 LeaseTexts leaseTexts(LeaseEncoding encoding, const LeaseValues& values);
 
-/// Splits one text into both texts. It has the lease's lines first, then the resolver's.
+/// Splits `joined` into both texts. `joined` has the lease's lines first, then the resolver's.
 LeaseTexts leaseTextsOf(std::string_view joined);
 
 /// Whether the text of a lease file is the lease of `interface`.

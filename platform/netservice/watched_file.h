@@ -1,7 +1,7 @@
 // Writing a small file that another program watches, in a folder where everybody may write.
 //
-// The daemon watches the files, not their folders. It would not watch a file that replaces one of
-// them, so the files are written in place.
+// The daemon watches the files, not their folders. The daemon would not watch a new file that
+// replaces one of them, so the files are written in place.
 #pragma once
 
 #include <cstddef>

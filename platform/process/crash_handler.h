@@ -5,18 +5,22 @@
 // stack trace to syslog (LOG_CRIT, under the daemon's ident) and to stderr. If stderr is the
 // journal and syslog accepts the lines, the handler writes them only to syslog, so that the journal
 // has them once. Then the signal takes its default action, with its own details: the exit status
-// shows the signal. Lines are process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se
-// (1234) process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12) The part
-// after the plus sign of a module is what addr2line -e takes. The names are the loader's, for
-// c++filt. The loader knows only exported names of a program: link it with ENABLE_EXPORTS.
+// shows the signal. For example, the lines are:
+//
+//     process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se (1234)
+//     process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12)
+//
+// addr2line -e takes the part after the plus sign of a module. The names are those of the loader;
+// c++filt makes them readable. The loader knows only exported names of a program: link it with
+// ENABLE_EXPORTS.
 //
 // Nothing that the handler calls allocates. The one lock is the loader's, and a thread that holds
 // it may take it again. syslog() locks, formats dates and allocates. So the handler formats into a
 // buffer of its own and sends datagrams to /dev/log, as syslog() does. It uses a socket that was
 // opened before and never connected, so it also reaches a log daemon that was restarted since then.
-// A log or a stderr that accepts nothing costs a tenth of a second, once; SIGALRM ends an unwinding
-// that hangs after some seconds. Left out: a stack overflow is reported on the main thread only,
-// which has the alternate stack; on other threads it ends the process without a trace.
+// If the log or stderr accepts nothing, the handler waits a tenth of a second, once. If the
+// unwinding hangs, SIGALRM ends it after some seconds. Only the main thread has the alternate
+// stack, so a stack overflow on another thread ends the process without a trace.
 #pragma once
 
 /// Installs the handler. Call it once, on the main thread, before others start.

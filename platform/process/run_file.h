@@ -1,4 +1,5 @@
-// The run file: it admits one live instance of a daemon and holds its process id.
+// The run file: it allows only one live instance of a daemon, and holds the process id of that
+// instance.
 #pragma once
 
 /// Takes the run file NAME.pid, writes this process's id into it and keeps it open and locked until

@@ -1,25 +1,26 @@
 // The reports of this process to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
 //
 // If a person or another kind of supervisor started the process, there is no receiver: every
-// function then succeeds and does nothing. The main thread calls all but notifyStatus. A
-// notification is one datagram; if the supervisor accepts none, the call waits, and the
+// function then succeeds and does nothing. The main thread calls all functions except notifyStatus.
+// A notification is one datagram; if the supervisor accepts none, the call waits, and the
 // supervisor's watchdog sees that.
 #pragma once
 
 #include <chrono>
 #include <string>
 
-/// How often the main loop feeds the watchdog. A WatchdogSec of less than twice that ends a healthy
-/// daemon; restart_connect() logs a warning.
+/// How often the main loop feeds the watchdog. A WatchdogSec of less than twice this time ends a
+/// healthy daemon, so restart_connect() logs a warning.
 inline constexpr std::chrono::seconds kWatchdogFeedInterval{20};
 
 /// Registers with the supervisor: sends READY=1, and a description of the process as STATUS.
 ///
-/// The daemon calls it before it owns its bus name. So units have Type=dbus: their readiness is the
-/// name, and READY changes nothing. A unit of Type=notify would count as started a moment early.
+/// The daemon calls it before it owns its bus name. So units have Type=dbus: a unit is then ready
+/// when the daemon owns the name, and READY changes nothing. With Type=notify, the unit would count
+/// as started a moment too early.
 ///
 /// @param name the daemon's name, for the status text
-/// @return 0 if it was reported or if there is no supervisor, else -1, with a LOG_ERR line:
+/// @return 0 if this was reported or if there is no supervisor, else -1, with a LOG_ERR line:
 /// "process: cannot tell the supervisor: REASON"
 int restart_connect(const char* name);
 

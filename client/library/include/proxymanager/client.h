@@ -16,12 +16,13 @@
  * that is asked in between ends with PROXYMANAGER_NO_DAEMON or PROXYMANAGER_NO_BUS.
  *
  * Threads: all functions may be called from any thread; several threads may use one client.
- * Callbacks run on the client's thread, one at a time. Some run during the call, if the description
- * of the function says so. A callback should be short: the next answers wait until it returns, and
- * so does the report that remembered answers have changed. If a callback takes half a minute, a
- * connection that is being set up may end as denied. A callback may call every function except
- * proxymanager_client_free(). In a callback proxymanager_get() returns PROXYMANAGER_BUSY if it
- * would have to wait. Do not call pthread_cancel() for a thread that waits in proxymanager_get().
+ * Callbacks run on the client's thread, one at a time. Some callbacks run during the call of a
+ * function; the description of that function then mentions it. A callback should be short: the next
+ * answers wait until it returns, and so does the report that remembered answers have changed. If a
+ * callback takes half a minute, a connection that is being set up may end as denied. A callback may
+ * call every function except proxymanager_client_free(). In a callback proxymanager_get() returns
+ * PROXYMANAGER_BUSY if it would have to wait. Do not call pthread_cancel() for a thread that waits
+ * in proxymanager_get().
  *
  * Processes: after fork() a client belongs to the parent process; the library compares process ids.
  * In the child process questions return PROXYMANAGER_FORKED, and proxymanager_client_free() does
@@ -60,7 +61,7 @@ typedef enum proxymanager_status {
   PROXYMANAGER_OK = 0,
   PROXYMANAGER_NO_BUS = 1, /**< no message bus; or the connection ended; or the bus sent nothing for
                               10 s while the connection was made */
-  PROXYMANAGER_NO_DAEMON = 2, /**< the daemon does not run, ended, or is about to */
+  PROXYMANAGER_NO_DAEMON = 2, /**< the daemon does not run, has ended, or is about to end */
   PROXYMANAGER_DENIED = 3,    /**< the bus does not let this program ask */
   PROXYMANAGER_TOO_SLOW = 4,  /**< no answer within the limit */
   PROXYMANAGER_BAD_REPLY = 5, /**< a reply that the daemon never sends */
@@ -113,17 +114,17 @@ typedef struct proxymanager_failure {
   proxymanager_status status;
   int error; /**< errno if there was no connection to the bus, else 0. ETIMEDOUT: the connection was
                 not ready within the limit, or the bus sent nothing for 10 s */
-  const char* name; /**< of the error on the bus, such as "org.freedesktop.DBus.Error.AccessDenied";
-                       empty if the bus sent no error */
-  const char* text; /**< of the error on the bus; may be empty */
+  const char* name; /**< the error's name on the bus, such as
+                       "org.freedesktop.DBus.Error.AccessDenied"; empty if the bus sent no error */
+  const char* text; /**< the error's text on the bus; may be empty */
 } proxymanager_failure;
 
-/** Takes the end of a question. `answer` is null unless `status` is PROXYMANAGER_OK. The callback
+/** Called when a question ends. `answer` is null unless `status` is PROXYMANAGER_OK. The callback
  * owns the answer and releases it with proxymanager_answer_unref(). */
 typedef void (*proxymanager_answer_callback)(proxymanager_status status,
                                              proxymanager_answer* answer, void* context);
 
-/** Takes a change. */
+/** Called for each change. */
 typedef void (*proxymanager_change_callback)(proxymanager_change change, void* context);
 
 /** The number of a question that was not answered at once, or of a watch; never 0. A client uses
@@ -147,7 +148,7 @@ typedef uint64_t proxymanager_id;
 #define PROXYMANAGER_WITH_CREDENTIALS 0x4u
 
 /** proxymanager_client_new(): an answer without an entry that can be used ends the question with
- * PROXYMANAGER_NO_ANSWER, so that no program takes the answer for "connect directly". */
+ * PROXYMANAGER_NO_ANSWER, so that no program understands the answer as "connect directly". */
 #define PROXYMANAGER_REFUSE 0x8u
 
 /** The longest URL of a question, in bytes: more than any server takes. */
@@ -201,8 +202,9 @@ PROXYMANAGER_API int proxymanager_cancel(proxymanager_client* client, proxymanag
 
 /** Calls `callback` for each change from now on, on the client's thread. While there is a watch,
  * the client stays connected and tries every few seconds to reach a lost bus again. The first call
- * reports whether the daemon runs. If the bus refuses the client's match rules, because its policy
- * allows one connection no more of them, the first call is the only one until the connection ends.
+ * reports whether the daemon runs. The bus may refuse the client's match rules, because its policy
+ * limits their number for one connection. The first call is then the only one until the connection
+ * ends.
  * @param id receives the number for proxymanager_unwatch() */
 PROXYMANAGER_API proxymanager_status proxymanager_watch(proxymanager_client* client,
                                                         proxymanager_change_callback callback,
@@ -236,7 +238,7 @@ PROXYMANAGER_API const proxymanager_entry* proxymanager_answer_entry(
 PROXYMANAGER_API const char* proxymanager_status_text(proxymanager_status status);
 
 /** Describes the last question of the calling thread: the question of its last proxymanager_get()
- * or proxymanager_get_async(). In a callback: the question whose end the callback takes.
+ * or proxymanager_get_async(). In a callback: the question whose end is reported to the callback.
  * @return never null; valid until the thread asks its next question, runs its next callback, or
  * ends */
 PROXYMANAGER_API const proxymanager_failure* proxymanager_last_failure(void);
