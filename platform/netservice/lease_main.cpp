@@ -97,9 +97,10 @@ int end(const std::string& interface) {
   if (failed(kStore, store.open())) return EX_OSERR;
   const int trouble = store.forget(interface);
   if (trouble != ENOENT && failed(kStore, trouble)) return EX_OSERR;
-  // Most interfaces that end never had a lease. The text of another program then stays in the file.
-  // A lease of an earlier boot or version is only in the file, not in the store.
-  if (trouble == ENOENT && !isInForce(interface)) return EX_OK;
+  // Most interfaces that end never had a lease. Then another interface of the store may have
+  // vanished without a report. If the store is empty, the text of another program stays in the
+  // file. A lease of an earlier boot or version is only in the file, not in the store.
+  if (trouble == ENOENT && store.isEmpty() && !isInForce(interface)) return EX_OK;
   return writeLeaseInForce(store, interface);
 }
 

@@ -103,6 +103,14 @@ int LeaseStore::forget(const std::string& interface) {
   return unlinkat(mLeases.get(), interface.c_str(), 0) == 0 ? 0 : errno;
 }
 
+bool LeaseStore::isEmpty() const {
+  const std::unique_ptr<DIR, CloseFolder> folder(opendir((mFolder + '/' + kLeases).c_str()));
+  while (const dirent* entry = folder ? readdir(folder.get()) : nullptr) {
+    if (isInterfaceName(entry->d_name)) return false;
+  }
+  return true;
+}
+
 std::vector<KeptLease> LeaseStore::leases(const std::string& interface) {
   const std::string path = mFolder + '/' + kLeases + '/';
   std::vector<KeptLease> found;

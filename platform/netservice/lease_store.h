@@ -51,6 +51,9 @@ class LeaseStore {
   /// Forgets the lease of `interface`. @return 0, ENOENT if there was none, or an errno value
   int forget(const std::string& interface);
 
+  /// Whether no interface has a stored lease, not even one that no longer exists.
+  bool isEmpty() const;
+
   /// Removes the leases of interfaces that no longer exist: their client did not report an end. It
   /// never removes the lease of `interface`.
   /// @return the remaining leases, in no order; a lease that cannot be read is skipped with one

@@ -54,6 +54,7 @@ def test_networkmanagers_domains_serve_where_the_lease_has_no_search_list(hooks)
 
 
 def test_what_else_networkmanager_tells_changes_nothing(hooks):
+    ip("link", "add", "eth0", "type", "veth", "peer", "name", "eth1")
     networkmanager(hooks, "eth0", "up", **OF_NETWORKMANAGER)
     for words in (("eth1", "down"), ("eth0", "connectivity-change"), ("eth0", "pre-down"),
                   ("none", "hostname"), ("", "up"), ("docker0", "up"), ("lo", "up"),
@@ -99,6 +100,7 @@ def test_systemd_networkd_without_a_lease_has_no_values(hooks, gateway):
 
 
 def test_a_second_interfaces_lease_takes_the_place_and_the_firsts_end_changes_nothing(hooks):
+    ip("link", "add", "eth0", "type", "veth", "peer", "name", "eth1")
     networkmanager(hooks, "eth0", "up", **OF_NETWORKMANAGER)
     networkmanager(hooks, "eth1", "up", DHCP4_IP_ADDRESS="10.77.1.60",
                    DHCP4_WPAD="http://second.example/", DHCP4_DOMAIN_NAME="second.example")
@@ -106,6 +108,23 @@ def test_a_second_interfaces_lease_takes_the_place_and_the_firsts_end_changes_no
     assert contents(LEASE) == after
     networkmanager(hooks, "eth0", "down")
     assert contents(LEASE) == after
+
+
+def test_any_hook_ends_the_lease_of_an_interface_that_is_gone(hooks, request):
+    program = f"{request.config.getoption('--libexec')}/proxymanager-lease"
+    urls = {name: f"http://{name}.example/" for name in ("usb0", "usb1")}
+    for name, url in urls.items():
+        ip("link", "add", name, "type", "veth", "peer", "name", f"{name}-peer")
+        run(program, "plain", name, url, "", "")
+    assert urls["usb1"] in contents(LEASE)
+    for gone, left in (("usb1", urls["usb0"]), ("usb0", "wpad=''")):
+        ip("link", "del", gone)
+        run(program, "end", "lo")
+        assert left in contents(LEASE), gone
+    with open(LEASE, "w") as file:
+        file.write("another program's")
+    run(program, "end", "lo")
+    assert contents(LEASE) == "another program's"
 
 
 def test_udhcpcs_word_for_a_bad_name_is_none(hooks):
