@@ -85,14 +85,14 @@ std::string quadIfNumber(const std::string& name) {
 
 std::optional<std::string> hostName(const urls::authority_view& authority) {
   std::string name;
-  for (const char c : authority.host_name()) {
+  for (const char c : foldedHost(authority.host_name())) {
     // The parser has decoded the name: "%41" is "a" here. A percent sign that is still there is
     // encoded again, so "%2541" stays.
     if (c == '%') {
       name += "%25";
     } else if (!base::isAscii(c) || (base::isLetter(c) || base::isDigit(c)) ||
                std::string_view("-._~!$&'()*+,;=").find(c) != std::string_view::npos) {
-      name += base::lowerCase(c);
+      name += c;
     } else {
       return std::nullopt;
     }
@@ -176,6 +176,31 @@ std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxByt
   canonical += rest;
   if (canonical.size() > maxBytes) return std::nullopt;
   return canonical;
+}
+
+std::string foldedHost(std::string_view host) {
+  std::string folded;
+  for (std::size_t i = 0; i < host.size(); ++i) {
+    const auto byte = [&](std::size_t after) {
+      return i + after < host.size() ? static_cast<unsigned char>(host[i + after]) : 0U;
+    };
+    const auto last = byte(2);
+    // U+3002, U+FF61, then U+FF01 to U+FF5E, in UTF-8.
+    const bool isStop = (byte(0) == 0xE3 && byte(1) == 0x80 && last == 0x82) ||
+                        (byte(0) == 0xEF && byte(1) == 0xBD && last == 0xA1);
+    const bool isWide = byte(0) == 0xEF && ((byte(1) == 0xBC && last >= 0x81 && last <= 0xBF) ||
+                                            (byte(1) == 0xBD && last >= 0x80 && last <= 0x9E));
+    if (isStop) {
+      folded += '.';
+    } else if (isWide) {
+      folded += base::lowerCase(static_cast<char>(byte(1) == 0xBC ? last - 0x60 : last - 0x20));
+    } else {
+      folded += base::lowerCase(host[i]);
+      continue;
+    }
+    i += 2;
+  }
+  return folded;
 }
 
 bool hasScheme(std::string_view url) {

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/ascii.h"
+#include "domain/canonical_url.h"
 
 namespace domain {
 
@@ -24,10 +25,9 @@ std::string hostOf(std::string_view url) {
   if (host.starts_with('[')) {
     host = host.substr(1, host.find(']') - 1);
   } else if (host.find(':') == host.rfind(':')) {  // two of them are an address without brackets
-    host = host.substr(0, host.find(':'));
+    return foldedHost(host.substr(0, host.find(':')));
   }
-  host = host.substr(0, host.find('%'));
-  return base::lowerCase(host);
+  return base::lowerCase(host.substr(0, host.find('%')));
 }
 
 bool isLocal(in_addr address) {
@@ -51,6 +51,8 @@ bool isLocalUrl(std::string_view url) {
   auto host = hostOf(url);
   if (host.ends_with('.')) host.pop_back();
   if (host == "localhost" || host.ends_with(".localhost")) return true;
+  // inet_aton() ignores a blank and everything after it.
+  if (host.find_first_of(base::kBlanks) != std::string::npos) return false;
   in_addr v4{};
   if (inet_aton(host.c_str(), &v4) != 0) return isLocal(v4);
   in6_addr v6{};

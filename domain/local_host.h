@@ -9,7 +9,8 @@ namespace domain {
 
 /// Whether the host of `url`, a canonical URL or a text without "://", is one of
 /// - localhost and names that end in ".localhost", with or without a dot at the end;
-/// - 127.0.0.0/8, 169.254.0.0/16, 0.0.0.0, in any spelling, also mapped into IPv6;
+/// - 127.0.0.0/8, 169.254.0.0/16, 0.0.0.0, in any spelling of foldedHost() and inet_aton(), also
+///   mapped into IPv6;
 /// - ::1, :: and fe80::/10.
 /// Any thread; throws std::bad_alloc only.
 bool isLocalUrl(std::string_view url);
