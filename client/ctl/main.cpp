@@ -54,8 +54,8 @@ client::ExitStatus wrongUsage(const CLI::App& program, const CLI::ParseError& er
 
 /// Adds the command that the line names. If it names none of them, adds all: for the help, and for
 /// the messages about what is wrong. To describe the options of all commands takes longer than to
-/// ask the daemon.
-void addCommands(CLI::App& program, client::Action& action, const client::CommandLine& line) {
+/// ask the daemon. @return whether the line names one
+bool addCommands(CLI::App& program, client::Action& action, const client::CommandLine& line) {
   const std::pair<std::vector<std::string_view>, std::function<void()>> commands[] = {
       {{"status"}, [&] { client::addStatusCommand(program, action); }},
       {{"get"}, [&] { client::addGetCommand(program, action); }},
@@ -79,6 +79,7 @@ void addCommands(CLI::App& program, client::Action& action, const client::Comman
   for (const auto& command : commands) {
     if (!isNamed || isFirst(command)) command.second();
   }
+  return isNamed;
 }
 
 client::ExitStatus run(int argc, char** argv) {
@@ -88,11 +89,17 @@ client::ExitStatus run(int argc, char** argv) {
   program.require_subcommand(1);
   program.footer(std::string(kFooter) + client::statusHelp());
   auto line = client::splitCommandLine(argc, argv);
-  addCommands(program, action, line);
+  const bool isNamed = addCommands(program, action, line);
   auto status = client::kAnswered;
   if (line.own.empty()) {
     std::cout << program.help();
     client::finishOutput();
+    return client::kUsage;
+  }
+  // The parser has no objection to an unknown command before --help.
+  if (!isNamed && !line.own.front().starts_with('-')) {
+    client::complain("there is no command \"" + line.own.front() + '"');
+    client::complain("see " + program.get_name() + " --help");
     return client::kUsage;
   }
   try {

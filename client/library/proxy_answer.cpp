@@ -63,6 +63,21 @@ bool isIpv6(const std::string& text) {
   return inet_pton(AF_INET6, text.c_str(), &binary) == 1;
 }
 
+/// The bytes of an IPv6 address, with or without brackets; nothing for another text.
+std::optional<std::array<std::uint8_t, 16>> ipv6Of(std::string_view text) {
+  if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+    text = text.substr(1, text.size() - 2);
+  }
+  std::array<std::uint8_t, 16> bytes{};
+  if (inet_pton(AF_INET6, std::string(text).c_str(), bytes.data()) != 1) return std::nullopt;
+  return bytes;
+}
+
+bool isSameHost(std::string_view a, std::string_view b) {
+  const auto address = ipv6Of(a);
+  return address ? address == ipv6Of(b) : base::equalIgnoringCase(a, b);
+}
+
 /// A host name, also with underscores as some networks have them, or an IPv4 address.
 bool isHost(std::string_view text) {
   const auto mayStand = [](char c) {
@@ -220,9 +235,8 @@ bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
   if (entry.kind == ProxyKind::kDirect || entry.kind == ProxyKind::kUnusable) return false;
   if (!entry.credentials.empty()) return false;
   return answer.mode == "manual" ||
-         std::any_of(hosts.begin(), hosts.end(), [&](const std::string& host) {
-           return base::equalIgnoringCase(host, entry.host);
-         });
+         std::any_of(hosts.begin(), hosts.end(),
+                     [&](const std::string& host) { return isSameHost(host, entry.host); });
 }
 
 bool addCredentials(ProxyAnswer& answer, const Configuration& configuration,

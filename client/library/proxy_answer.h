@@ -93,7 +93,8 @@ std::string credentialsOf(std::string_view userName, std::string_view password);
 
 /// Whether the configuration's user name and password may be added to `entry` of `answer`. The
 /// entry must be a proxy without credentials, and the mode must be manual or its host must be one
-/// of `hosts`. A script could name any host, and would get the password.
+/// of `hosts`: a name in any letter case, an IPv6 address in any spelling, with or without
+/// brackets. A script could name any host, and would get the password.
 bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
                       std::span<const std::string> hosts);
 

@@ -131,5 +131,14 @@ def test_the_help_comes_by_any_of_its_usual_names(ctl):
     assert ctl("help", "get").output == ctl("get", "--help").output
     assert ctl("help", "pac", "eval").output == ctl("pac", "eval", "--help").output
     assert ctl("-V").output == ctl("--version").output
-    assert ctl("--json", "get", "http://localhost/").json == \
-        ctl("get", "--json", "http://localhost/").json
+    for options in (["--json"], ["--json", "--timeout", "3"], ["--timeout=3", "--json"]):
+        assert ctl(*options, "get", "http://localhost/").json == \
+            ctl("get", "--json", "http://localhost/").json
+    assert ctl("--timeout", "3", "exec", "http://localhost/", "--", "echo", "x").output == "x\n"
+    for arguments in (["help", "nonsense"], ["nonsense", "--help"], ["nonsense"]):
+        result = ctl(*arguments)
+        assert (result.status, result.output) == (USAGE, "")
+        assert result.errors == ('proxymanagerctl: there is no command "nonsense"\n'
+                                 "proxymanagerctl: see proxymanagerctl --help\n")
+    result = ctl("--json", "relay", "status")
+    assert result.status == USAGE and 'there is no command "status"' in result.errors

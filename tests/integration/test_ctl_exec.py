@@ -1,11 +1,13 @@
 """proxymanagerctl exec."""
 
+import contextlib
 import os
 import signal
 import socket
 
+import pytest
 from support.bus import wait_until
-from support.ctl import ANSWERED, NO_ANSWER, NO_PROXY, VARIABLES, answering, said
+from support.ctl import ANSWERED, NO_ANSWER, NO_PROXY, USAGE, VARIABLES, answering, said
 from support.stand_in import StandIn
 
 
@@ -65,6 +67,29 @@ def test_exec_takes_the_first_entry_whose_proxy_takes_a_connection(ctl, client, 
         assert "no proxy of the answer takes a connection" in result.errors
 
 
+@pytest.mark.slow  # the limit is 10 s
+def test_exec_tries_each_proxy_once_and_all_of_them_for_ten_seconds(ctl, bus):
+    def silent(stack):
+        """A port that takes no connection and refuses none: two fill its queue."""
+        server = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
+        for _ in range(2):
+            waiting = stack.enter_context(socket.socket())
+            waiting.setblocking(False)
+            waiting.connect_ex(server.getsockname())
+        return f"127.0.0.1:{server.getsockname()[1]}"
+
+    with contextlib.ExitStack() as stack:
+        ports = [silent(stack) for _ in range(8)]
+        entries = [f"PROXY {port}" for port in ports[:1] * 20 + ports] + ["DIRECT"]
+        daemon = StandIn({"getProxyurl": ("as", (["pacurl", *entries],))})
+        result = ctl("exec", "http://a/", "--", "sh", "-c", "echo $http_proxy")
+        daemon.close()
+    # Each takes 3 s; on a slow machine one less is tried.
+    assert result.output in [f"http://{port}\n" for port in ports[2:5]]
+    assert result.errors == ("proxymanagerctl: no proxy has taken a connection within 10 s; the command "
+                             "gets the first that was not tried\n")
+
+
 def test_wget_gets_no_proxy_that_it_refuses(ctl, client, web):
     wget = "/run/wget"
     with open(wget, "w") as file:
@@ -85,7 +110,11 @@ def test_the_configured_password_comes_into_a_manual_proxys_url_alone(ctl, clien
     assert ctl("get", "--format", "curl", "http://a/").output == "http://p:1\n"
     assert ctl("get", "--format", "curl", "--with-password", "http://a/").output == \
         "http://me%40x:a%20b%2Fc@p:1\n"
-    assert "with-password" in ctl("get", "--with-password", "http://a/").errors
+    for useless in (["--with-password"], ["--with-password", "--format", "raw"],
+                    ["--with-password", "--format", "table"], ["--credentials-for", "p"],
+                    ["--credentials-for", "p", "--format", "curl"]):
+        result = ctl("get", *useless, "http://a/")
+        assert result.status == USAGE and "with-password" in result.errors, useless
     web.routes["/two.pac"] = ('function FindProxyForURL(u, h) {'
                               ' return h == "a" ? "PROXY p:1" : "PROXY other:1"; }')
     client.update("pacurl", pacurl=web.url("/two.pac"), auth=True, user="me", password="pw")

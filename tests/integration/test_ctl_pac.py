@@ -7,7 +7,7 @@ import shutil
 
 import pytest
 from support.bus import shortest, wait_until
-from support.ctl import ANSWERED, NO_ANSWER, NO_INPUT, OUTPUT, REFUSED, USAGE, Ctl
+from support.ctl import ANSWERED, NO_ANSWER, NO_INPUT, OUTPUT, REFUSED, USAGE, Ctl, said
 
 SAMPLE = os.path.join(os.path.dirname(__file__), "../../docs/examples/sample.pac")
 MAX_SCRIPT = 512000  # bytes
@@ -108,6 +108,9 @@ def test_urls_come_from_a_file_where_it_stands_among_those_of_the_command_line(c
     assert ctl("pac", "eval", "-", "-f", "-", script=urls).status == USAGE
     assert ctl("pac", "eval", script, "-f", file, "-f", file, script=urls).status == USAGE
     assert ctl("pac", "eval", script, "-f", "/no/such", script="").status == NO_INPUT
+    assert said(ctl("pac", "eval", script, "-f", "/dev/null")) == (
+        NO_INPUT, 'cannot read /dev/null: it is no regular file; for a pipe, give "-" and connect it to '
+        "standard input")
 
 
 def test_people_see_an_empty_result_and_an_error(ctl):

@@ -151,3 +151,21 @@ def test_diagnose_tries_each_entry_and_says_what_fails(ctl, client, web):
         assert (result.status, rows(result.output)["entry"]) == (
             ANSWERED, f"PROXY 127.0.0.1:{good.port}: works")
         assert good.requests[0].startswith("CONNECT www.example:443 HTTP/1.1\r\n")
+
+
+def test_diagnose_tells_a_proxys_refusal_from_a_servers_answer(ctl, client, web):
+    for line, works in (("400 Bad Request", False), ("403 Filtered", False), ("499 x", False),
+                        ("404 Not Found", True), ("405 Not Allowed", True), ("401 x", True),
+                        ("399 x", True)):
+        with Proxy(f"HTTP/1.1 {line}") as proxy:
+            answering(client, web, f"PROXY 127.0.0.1:{proxy.port}")
+            result = ctl("diagnose", "http://www.example/")
+            entry = rows(result.output)["entry"].removeprefix(f"PROXY 127.0.0.1:{proxy.port}: ")
+            assert (result.status, entry) == (
+                (ANSWERED, "works") if works else (NO_ANSWER, f'it answers "{line}"')), line
+
+
+def test_diagnose_refuses_what_it_cannot_try(ctl):
+    for url in ("ftp://host.example/", "file:///etc/passwd", "http://a b/", "http:///", "a b", ""):
+        status, text = ctl("diagnose", url).status, ctl("diagnose", url).errors
+        assert status == USAGE and text.startswith("proxymanagerctl: URL: "), url

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "base/ascii.h"
 #include "client/ctl/commands/answer_options.h"
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/daemon/answers.h"
@@ -22,7 +23,8 @@ constexpr const char* kDiagnoseFooter =
     R"(Asks for the proxies of URL and tries each entry: an HTTP proxy with HEAD for
 http and with CONNECT for https, other proxies only with a connection, DIRECT
 with a connection to the server. It sends only the scheme, host and port of the
-URL, and no credentials.
+URL, and no credentials. An HTTP proxy works for http if its answer is below 400,
+or 401, 404 or 405, which are a server's.
 
 Exit status:
 )";
@@ -44,6 +46,20 @@ struct Server {
   std::string host;
   std::uint16_t port = 0;
 };
+
+/// Throws the parser's error if `url` does not have a server that can be tried.
+void checkServer(const std::string& url) {
+  const auto canonical = canonicalOrGiven(url);
+  const auto begin = authorityBegin(canonical);
+  const auto scheme = begin == 0 ? "http" : schemeOf(canonical);
+  if (scheme != "http" && scheme != "https" && scheme != "ws" && scheme != "wss") {
+    throw CLI::ValidationError("URL", "only http, https, ws and wss can be tried");
+  }
+  const auto host = hostOf(canonical);
+  if (host.empty() || host.find_first_of(base::kBlanks) != std::string::npos) {
+    throw CLI::ValidationError("URL", "it has no valid host");
+  }
+}
 
 Server serverOf(const std::string& canonical) {
   Server server;
@@ -71,7 +87,10 @@ std::string problemOf(const std::string& line, bool isTunnel) {
   std::from_chars(line.data() + blank + 1, line.data() + line.size(), code);
   const auto said = "it answers \"" + line.substr(blank + 1) + '"';
   if (code == 407) return said + ": it wants a user name and a password";
-  const bool isFine = isTunnel ? code >= 200 && code < 300 : code >= 200 && code < 500;
+  if (isTunnel) return code >= 200 && code < 300 ? "" : said;
+  // A proxy refuses with 400 or 403. These three are a server's words about its page.
+  const bool isServers = code == 401 || code == 404 || code == 405;
+  const bool isFine = (code >= 200 && code < 400) || isServers;
   return isFine ? "" : said;
 }
 
@@ -127,6 +146,7 @@ void addDiagnoseCommand(CLI::App& program, Action& action) {
                                                kBusStatuses));
   command->callback([arguments, &action] {
     checkAskedUrl(arguments->url);
+    checkServer(arguments->url);
     action = [arguments] { return diagnose(*arguments); };
   });
 }

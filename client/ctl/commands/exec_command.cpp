@@ -5,8 +5,11 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <system_error>
 #include <utility>
 
@@ -14,6 +17,7 @@
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/proxy_variables.h"
 #include "client/ctl/daemon/answers.h"
+#include "client/ctl/daemon/bus_failure.h"
 #include "client/ctl/daemon/connection.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/shown_text.h"
@@ -29,7 +33,8 @@ constexpr const char* kName = "exec";
 constexpr const char* kExecFooter =
     R"(The entries of the answer are tried in their order. The command gets the first
 entry that is DIRECT or whose proxy accepts a connection; if no proxy accepts
-one, it gets the first entry. http_proxy, https_proxy and all_proxy (also as
+one, it gets the first entry. After 10 seconds it gets the first entry that has
+not been tried. http_proxy, https_proxy and all_proxy (also as
 HTTP_PROXY and so on) name the proxy; no_proxy leaves this machine out. For
 DIRECT all these variables are removed. wget gets only HTTP proxies, because it
 refuses others. Without an answer the command is not run. The URL of a manual
@@ -42,6 +47,10 @@ Exit status:
 /// How long a connection to one proxy may take, with the lookup of its name. A lost packet is sent
 /// again after 1 s.
 constexpr std::chrono::seconds kConnectLimit{3};
+
+/// How long all these connections may take. A list of dead proxies must not hold up the command for
+/// minutes.
+constexpr std::chrono::seconds kCheckLimit{10};
 
 struct ExecArguments {
   std::string url;
@@ -62,6 +71,26 @@ Failure nothingToUse(const ExecArguments& arguments, const ProxyAnswer& answer) 
                          "; the command is not run"};
 }
 
+ProxyEntry firstThatConnects(const std::vector<ProxyEntry>& usable) {
+  using Clock = std::chrono::steady_clock;
+  const auto end = Clock::now() + kCheckLimit;
+  std::set<std::pair<std::string, std::uint16_t>> tried;
+  for (const auto& entry : usable) {
+    if (entry.kind == ProxyKind::kDirect) return entry;
+    if (!tried.emplace(entry.host, entry.port).second) continue;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+    if (left.count() <= 0) {
+      complain("no proxy has taken a connection within " + secondsText(kCheckLimit) +
+               "; the command gets the first that was not tried");
+      return entry;
+    }
+    const auto limit = std::min<std::chrono::milliseconds>(left, kConnectLimit);
+    if (connectTo(entry.host, entry.port, limit).problem.empty()) return entry;
+  }
+  complain("no proxy of the answer takes a connection; the command gets the first");
+  return usable.front();
+}
+
 ProxyEntry entryFor(const ExecArguments& arguments, const std::string& command) {
   const auto answer = Answers(arguments.call.limit, arguments.answers).ask(arguments.url);
   std::vector<ProxyEntry> usable;
@@ -71,12 +100,7 @@ ProxyEntry entryFor(const ExecArguments& arguments, const std::string& command) 
   if (arguments.noCheck || (usable.size() == 1 && usable.front().kind == ProxyKind::kDirect)) {
     return usable.front();
   }
-  for (const auto& entry : usable) {
-    if (entry.kind == ProxyKind::kDirect) return entry;
-    if (connectTo(entry.host, entry.port, kConnectLimit).problem.empty()) return entry;
-  }
-  complain("no proxy of the answer takes a connection; the command gets the first");
-  return usable.front();
+  return firstThatConnects(usable);
 }
 
 std::vector<char*> pointersTo(std::vector<std::string>& texts) {
@@ -98,16 +122,21 @@ ExitStatus run(const ExecArguments& arguments, std::vector<std::string> command)
                 "cannot run " + command.front() + ": " + std::generic_category().message(error));
 }
 
-/// "help COMMAND" becomes "COMMAND --help", "--json COMMAND" becomes "COMMAND --json".
+/// "help COMMAND" becomes "COMMAND --help". --json and --timeout before the command move behind it.
 void moveBehindCommand(std::vector<std::string>& own) {
   if (own.empty()) return;
   if (own.front() == "help") {
     own.erase(own.begin());
     own.emplace_back("--help");
-  } else if (own.front() == "--json" && own.size() > 1 && !own[1].starts_with('-')) {
-    const auto words = own[1] == "pac" && own.size() > 2 ? 3 : 2;
-    std::rotate(own.begin(), own.begin() + 1, own.begin() + words);
+    return;
   }
+  auto command = own.begin();
+  while (command != own.end() && (*command == "--json" || command->starts_with("--timeout"))) {
+    command += *command == "--timeout" && own.end() - command > 1 ? 2 : 1;
+  }
+  if (command == own.end() || command->starts_with('-')) return;
+  const bool isGroup = *command == "pac" || *command == "pvd" || *command == "relay";
+  std::rotate(own.begin(), command, command + (isGroup && own.end() - command > 1 ? 2 : 1));
 }
 
 }  // namespace

@@ -142,6 +142,17 @@ ExitStatus getJson(Answers& daemon, const GetArguments& arguments) {
   return allAnswered ? kAnswered : kNoAnswer;
 }
 
+/// Throws the parser's error for options that would change nothing.
+void checkPasswordOptions(const GetArguments& arguments) {
+  const auto& answers = arguments.answers;
+  if (answers.withCredentials && arguments.format != "curl" && arguments.format != "env") {
+    throw CLI::ValidationError("--with-password", "only the formats curl and env have URLs");
+  }
+  if (!answers.withCredentials && !answers.credentialHosts.empty()) {
+    throw CLI::RequiresError("--credentials-for", "--with-password");
+  }
+}
+
 ExitStatus get(const GetArguments& arguments) {
   Answers daemon(arguments.call.limit, arguments.answers);
   if (arguments.call.json) return getJson(daemon, arguments);
@@ -187,6 +198,7 @@ void addGetCommand(CLI::App& program, Action& action) {
     addFurtherUrls(*command, arguments->asked);
     requireUrls(arguments->asked);
     for (const auto& url : arguments->asked.urls) checkAskedUrl(url);
+    checkPasswordOptions(*arguments);
     if (arguments->format == "env" && arguments->asked.urls.size() > 1) {
       throw CLI::ValidationError("--format",
                                  "env takes one URL: a second one would overwrite its variables");

@@ -18,6 +18,11 @@ namespace {
 std::string readText(const std::string& name, std::size_t mostBytes) {
   auto read = name == "-" ? base::readToEnd(STDIN_FILENO, mostBytes)
                           : base::readFile(name.c_str(), base::inTrustedFolder(mostBytes));
+  if (read.failure.problem == base::FileProblem::notRegular) {
+    throw Failure(kNoInput, "cannot read " + shownName(name) +
+                                ": it is no regular file; for a pipe, give \"-\" and connect it to "
+                                "standard input");
+  }
   if (read.failure) {
     throw Failure(kNoInput, "cannot read " + shownName(name) + ": " +
                                 std::generic_category().message(read.failure.error));

@@ -193,6 +193,22 @@ TEST(ProxyAnswerTest, OfADaemonWithoutServiceIsNone) {
   EXPECT_FALSE(parseAnswer({}));
 }
 
+TEST(TakesCredentials, ForAListedHostInAnySpelling) {
+  const auto takes = [](const std::string& entry, const std::string& host) {
+    const auto answer = parseAnswer(std::vector<std::string>{"pacurl", entry});
+    return client::takesCredentials(*answer, answer->entries.front(), std::vector{host});
+  };
+  for (const auto* const entry : {"PROXY [2001:db8::5]:1", "PROXY [2001:DB8:0::5]:1"}) {
+    for (const auto* const host : {"2001:db8::5", "[2001:db8::5]", "2001:0db8:0:0::5"}) {
+      EXPECT_TRUE(takes(entry, host)) << entry << ' ' << host;
+    }
+    EXPECT_FALSE(takes(entry, "2001:db8::6"));
+    EXPECT_FALSE(takes(entry, "db8"));
+  }
+  EXPECT_TRUE(takes("PROXY p.example:1", "P.Example"));
+  EXPECT_FALSE(takes("PROXY p.example:1", "::1"));
+}
+
 TEST(FirstUsableTest, PassesOverWhatIsOfNoUse) {
   const auto entries = parseEntries("junk; PROXY x y; SOCKS b; DIRECT");
   ASSERT_NE(client::firstUsable(entries), nullptr);
