@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/ascii.h"
 #include "base/log_line.h"
 #include "base/visible.h"
 #include "relay/connect.h"
@@ -76,8 +77,13 @@ Task<Refusal> Route::begin(const std::string& url) {
 /// look up passes.
 Task<bool> Route::leadsToThisDevice() {
   if (isLocalName(mDestination.host)) co_return true;
+  std::string host = mDestination.host;
+  // Some proxies read "192.0.2.1." as an address. No top-level domain ends with a digit.
+  if (host.size() > 1 && host.ends_with('.') && base::isDigit(host[host.size() - 2])) {
+    host.pop_back();
+  }
   const auto found =
-      co_await mContext.names.lookUp(mDestination.host, mDestination.port,
+      co_await mContext.names.lookUp(std::move(host), mDestination.port,
                                      mContext.configured.configuration.connectTime, mPeer.user);
   co_return std::any_of(found.list.begin(), found.list.end(),
                         [](const auto& address) { return isOwnOrLinkLocal(address.data()); });

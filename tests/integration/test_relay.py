@@ -548,7 +548,7 @@ def test_peers_of_other_machines_are_refused_and_if_allowed_reach_nothing_of_thi
     for answer in (None, proxy.entry):
         if answer:  # a proxy on this machine would connect to this machine, too
             answers(client, web, answer)
-        for name in ("inside.example", "localhost", "127.0.0.1", "127.1", "[::1]",
+        for name in ("inside.example", "localhost", "127.0.0.1", "127.1", "127.0.0.1.", "[::1]",
                      "[64:ff9b::7f00:1]", "192.0.2.5", "169.254.1.1"):
             request = f"CONNECT {name}:{origin.port} HTTP/1.1\r\nHost: x\r\n\r\n"
             assert status_of(request) == b"403", name
