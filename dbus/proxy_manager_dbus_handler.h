@@ -1,10 +1,10 @@
 // The object that the bus sees at /com/zentu/ProxyManagerService.
 //
-// It forwards the four calls to the service, or answers by itself if it has none, and announces
-// every update. No message of a client may end the process, and this object ensures that. A call
-// without an interface counts as a call of the one interface. If the handling of a call throws an
-// exception, the client gets the answer of a handler without a service, and there is one LOG_ERR
-// line. The object sends no D-Bus error of its own. Operations run on the bus thread.
+// It forwards the four calls to the service, or answers by itself if it has no service, and
+// announces every update. No message of a client may end the process, and this object ensures that.
+// A call without an interface counts as a call of the one interface. If the handling of a call
+// throws an exception, the client gets the answer of a handler without a service, and there is one
+// LOG_ERR line. The object sends no D-Bus error of its own. Operations run on the bus thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>

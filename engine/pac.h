@@ -30,7 +30,7 @@ enum {
 typedef void (*pac_wakeup)(void* context);
 
 /** Takes one asynchronous result. The receiver owns `result` and releases it with free(); `host` is
- *  the library's own copy of the host asked for, valid during the call. */
+ *  the library's own copy of the question's host, valid during the call. */
 typedef void (*pac_result)(char* result, void* context, void* host);
 
 /** Starts a worker with the NUL-terminated `script` and loads it; waits 5 s at most.

@@ -41,11 +41,11 @@ inline constexpr std::size_t kMaxWholeReportBytes = 64U << 20U;
 
 struct Options {
   NameSource names;  ///< `offline` also makes the own address the loopback one
-  std::optional<std::vector<std::string>> ownAddresses;  ///< instead of the device's
+  std::optional<std::vector<std::string>> ownAddresses;  ///< instead of the device's addresses
   std::optional<std::int64_t> clock;  ///< fixed time for the date helpers, seconds since 1970
-  std::string zone;                   ///< TZ of the date helpers; empty for the device's
+  std::string zone;                   ///< TZ of the date helpers; empty for the device's zone
   std::chrono::milliseconds timeLimit{5000};  ///< of loading and of one evaluation
-  std::string workerProgram;                  ///< empty for the installed one
+  std::string workerProgram;                  ///< empty for the installed program
   WorkerRole role = WorkerRole::kAnswers;
 };
 
@@ -65,8 +65,8 @@ class Engine {
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  /// FindProxyForURL(url as the script may see it, host); waits for timeLimit and kKillGrace at
-  /// most.
+  /// Calls FindProxyForURL(url, host), with the URL as the script may see it. Waits for timeLimit
+  /// and kKillGrace at most.
   Reply evaluate(std::string_view url, std::string_view host);
 
   /// Runs the command `name` in a worker of the workbench, with `argument` (docs/architecture.md

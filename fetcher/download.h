@@ -15,7 +15,7 @@ namespace fetcher {
 /// Lets one thread end the transfer of another thread. All functions: any thread.
 class TransferSwitch {
  public:
-  /// Ends the transfer in progress, and each that begins before the next allow().
+  /// Ends the transfer in progress, and each transfer that begins before the next allow().
   void interrupt() PM_EXCLUDES(mMutex);
   /// Lets transfers run again.
   void allow() PM_EXCLUDES(mMutex);

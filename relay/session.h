@@ -4,7 +4,7 @@
 // after the other, and later requests of the client wait. It keeps a connection to a server or a
 // proxy only for the next request of the same client.
 //
-// The session's coroutine owns the object. It needs no buffer while it waits for a request.
+// The session's coroutine owns the object. A session needs no buffer while it waits for a request.
 #pragma once
 
 #include <memory>

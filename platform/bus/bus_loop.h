@@ -1,11 +1,11 @@
 // The event loop of the bus thread.
 //
-// The bus library's stock loop loses an early request to leave, never notices a bus that died with
-// output pending, and hides a signal sent from elsewhere until its next wake-up. This loop keeps
-// its own lists of watches and timeouts, polls each watch as a separate entry, and is woken by an
-// eventfd. It ends when another thread asks for it, even before the loop has started, or when the
-// connection is lost. It sleeps without a time limit if the library has no timeout pending, so that
-// an idle daemon is never woken.
+// The bus library's own loop has three faults. It loses an early request to leave. It never notices
+// that the bus has died if output was pending. Until its next wake-up, it does not notice a signal
+// that is sent from elsewhere. BusLoop keeps its own lists of watches and timeouts, polls each
+// watch as a separate entry, and is woken by an eventfd. It ends when another thread asks for it,
+// even before the loop has started, or when the connection is lost. It sleeps without a time limit
+// if the library has no timeout pending, so that an idle daemon is never woken.
 //
 // The library queues output that the bus does not accept at once, and the queue has no bound. So
 // while output waits, the loop reads nothing and runs no posted function. A caller that asks too
