@@ -7,7 +7,8 @@
 namespace base {
 
 /// `text` between single quotes: one word from which a POSIX shell reads back the same text. A
-/// single quote in it becomes '\''. A NUL, which no word of a shell can hold, is left in place.
+/// single quote in the text becomes '\''. A NUL, which no word of a shell can hold, is left in
+/// place.
 inline std::string shellWord(std::string_view text) {
   std::string word = "'";
   for (const char c : text) {

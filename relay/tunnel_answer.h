@@ -18,8 +18,8 @@ struct TunnelAnswer {
   unsigned status = 0;     ///< 0 if the head is not HTTP/1
 };
 
-/// Reads the head at the start of `bytes`. The client gets no part of it, so a line may also end
-/// with LF alone. May run on any thread.
+/// Reads the head at the start of `bytes`. The client gets no part of this head, so a line may also
+/// end with LF alone. May run on any thread.
 TunnelAnswer readTunnelAnswer(std::string_view bytes);
 
 /// Asks the proxy at the other end of `stream` for a tunnel. If the proxy agrees, the stream moves

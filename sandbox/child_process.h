@@ -52,7 +52,7 @@ class ChildProcess {
   /// Kills the child unless it has ended, and waits for its end for at most 1 s. If the child does
   /// not end (in a system call that cannot be interrupted, under a debugger, or because root
   /// without CAP_KILL may not kill it), the log gets a warning, and the next start or end of a
-  /// child waits for it again.
+  /// child waits for that child again.
   /// @return how the child ended, for the log: "exit 0", "signal 9", "does not end", or "ended" if
   ///         this function ran before
   std::string end();

@@ -76,8 +76,8 @@ bool isInterfaceName(std::string_view name);
 /// metric first, equal metrics in the order of the table. Skips routes that are down or reject.
 std::vector<std::string> defaultRouteInterfaces(const std::string& table);
 
-/// The text of /proc/net/route for the network of the calling thread, 512 KiB at most. Default
-/// routes stand first in it. Empty if it cannot be read.
+/// The text of /proc/net/route for the network of the calling thread, 512 KiB at most. In this
+/// text, default routes stand first. Empty if it cannot be read.
 std::string routeTable();
 
 /// The lease in force. Of all interfaces with a lease and a default route, it is the lease of the
