@@ -4,6 +4,8 @@
 usage: security_documents.py CMAKE BUILD | --self-test CMAKE
 
 - A program that is installed is in the SBOM, with each library that it is linked with.
+- A package URL of Debian names a package that is installed in this version. The engine has the same
+  URL in both documents: its package's, or that of upstream's release if it was built from source.
 - Each hole of docs/security/engine_holes.json is in the VEX document, once, with a state, and its
   proof exists; no proof belongs to no hole.
 - The copies in docs/security/, one of which comes with the source tarball, name the same holes, programs
@@ -18,6 +20,7 @@ import subprocess
 import sys
 import tempfile
 import unittest.mock
+import urllib.parse
 
 TREE = pathlib.Path(__file__).resolve().parents[2]
 FOLDER = TREE / "docs/security"
@@ -69,6 +72,26 @@ def in_sbom(sbom, programs):
                 yield f"the SBOM lacks {soname}, which {path.name} is linked with"
 
 
+def urls_of(document):
+    return {part["name"]: part["purl"] for part in document["components"] if "purl" in part}
+
+
+def not_installed(document):
+    installed = subprocess.run(["dpkg-query", "-W", "-f", "${Package}@${Version}\n"], check=True,
+                               capture_output=True, text=True).stdout.splitlines()
+    for name, url in urls_of(document).items():
+        package = urllib.parse.unquote(url).partition("pkg:deb/debian/")[2]
+        if package and package not in installed:
+            yield f"{name} has the package URL {url}, but that package is not installed"
+
+
+def of_engine(documents, expected):
+    for name, document in documents.items():
+        url = urls_of(document).get("quickjs-ng")
+        if url != expected:
+            yield f"the engine's package URL in {name} is {url} instead of {expected}"
+
+
 def of_holes(vex, holes):
     listed = [hole["id"] for hole in vex["vulnerabilities"]]
     for hole in holes:
@@ -89,10 +112,17 @@ def findings(cmake, build):
                        stdout=subprocess.DEVNULL)
         made = {name: read(next(pathlib.Path(prefix).rglob(name))) for name in DOCUMENTS}
         yield from in_sbom(made["sbom.cdx.json"], programs_in(prefix))
-    for difference in built_parts(made["sbom.cdx.json"]) ^ built_parts(read(FOLDER / "sbom.cdx.json")):
+    built, copies = made["sbom.cdx.json"], {name: read(FOLDER / name) for name in DOCUMENTS}
+    yield from not_installed(built)
+    yield from of_engine(made, urls_of(built)["quickjs-ng"])
+    # The copies are of a build from source.
+    version = next(part["version"] for part in copies["sbom.cdx.json"]["components"]
+                   if part["name"] == "quickjs-ng")
+    yield from of_engine(copies, f"pkg:generic/quickjs-ng@{version}")
+    for difference in built_parts(built) ^ built_parts(copies["sbom.cdx.json"]):
         yield f"docs/security/sbom.cdx.json and what is built differ in {difference}"
     yield from of_holes(made["vex.cdx.json"], read(FOLDER / "engine_holes.json")["holes"])
-    for difference in names_of(made["vex.cdx.json"]) ^ names_of(read(FOLDER / "vex.cdx.json")):
+    for difference in names_of(made["vex.cdx.json"]) ^ names_of(copies["vex.cdx.json"]):
         yield f"docs/security/vex.cdx.json and what is built differ in {difference}"
 
 
@@ -127,6 +157,17 @@ def self_test(cmake):
         sbom = read(pathlib.Path(folder, "sbom.cdx.json"))
         assert "libc.so.6" in names_of(sbom), sbom
         assert '"proxymanagerd:released"' in json.dumps(sbom), sbom
+        made = {name: read(pathlib.Path(folder, name)) for name in DOCUMENTS}
+        lines = list(of_engine(made, "pkg:generic/quickjs-ng@99.0"))
+        assert not lines, lines
+        lines = list(of_engine(made, "pkg:generic/quickjs-ng@98.0"))
+        assert len(lines) == 2, lines
+        # A header of some package stands in for that of libqjs-dev.
+        assert run(cmake, folder, "0.17.0", "/usr/include/stdio.h").returncode == 0
+        packaged = read(pathlib.Path(folder, "sbom.cdx.json"))
+        assert urls_of(packaged)["quickjs-ng"].startswith("pkg:deb/debian/libc6-dev@"), packaged
+        lines = list(not_installed(packaged))
+        assert not lines, lines
         maps_on_demand = pathlib.Path(folder, "program")
         maps_on_demand.write_bytes(pathlib.Path(sys.executable).read_bytes() + b"\0libuuid.so.1\0")
         assert run(cmake, folder, "0.16.2", header, PROGRAMS=maps_on_demand).returncode == 0
@@ -135,6 +176,8 @@ def self_test(cmake):
         assert uuid and "libuuid1@" in uuid[0]["purl"], sbom_on_demand
     missing = list(in_sbom(sbom, [pathlib.Path("/bin/true")]))
     assert missing == ["true is not in the SBOM"], missing
+    lines = list(not_installed({"components": [{"name": "a", "purl": "pkg:deb/debian/quickjs-ng@0"}]}))
+    assert len(lines) == 1, lines
     hole = {"id": "CVE-1", "proof": "none.js"}
     lacking = list(of_holes({"vulnerabilities": []}, [hole]))
     assert any("CVE-1 0 times" in line for line in lacking), lacking
