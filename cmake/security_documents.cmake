@@ -8,7 +8,7 @@
 #
 # FOREIGN: the programs are of another architecture, whose packages are not asked for their
 # versions. Fails if HOLES lists a hole of the engine's version that is neither fixed nor
-# unreachable. Warns if the engine is older than half a year.
+# unreachable nor in triage. Warns if the engine is older than half a year.
 cmake_minimum_required(VERSION 3.25)
 string(REPLACE "|" ";" PROGRAMS "${PROGRAMS}")
 
@@ -199,14 +199,20 @@ function(write_vex)
     string(JSON id GET "${holes}" holes ${index} id)
     string(JSON source GET "${holes}" holes ${index} source)
     string(JSON description GET "${holes}" holes ${index} description)
-    string(JSON proof GET "${holes}" holes ${index} proof)
+    string(JSON proof ERROR_VARIABLE untried GET "${holes}" holes ${index} proof)
     string(JSON fixed ERROR_VARIABLE none GET "${holes}" holes ${index} fixed_in)
+    string(JSON state ERROR_VARIABLE judged GET "${holes}" holes ${index} state)
     string(JSON justification ERROR_VARIABLE unjustified GET "${holes}" holes ${index} justification)
     set(hole "{\"source\":{},\"analysis\":{},\"affects\":[{\"ref\":\"quickjs-ng\"}]}")
     put(hole "${id}" id)
     put(hole "${source}" source name)
     put(hole "${description}" description)
-    if(NOT unjustified)
+    if(NOT judged AND state STREQUAL "in_triage")
+      string(JSON detail GET "${holes}" holes ${index} detail)
+      put(hole "in_triage" analysis state)
+      put(hole "${detail}" analysis detail)
+      message(STATUS "${id} of the script engine is in triage; see ${HOLES}")
+    elseif(NOT unjustified)
       string(JSON detail GET "${holes}" holes ${index} detail)
       put(hole "not_affected" analysis state)
       put(hole "${justification}" analysis justification)

@@ -4,7 +4,7 @@ function FindProxyForURL(url, host) {
   var tried = 0;
   ['[\\q{abc|d|}]', '[[a-z]--[aeiou]]+', '[\\p{L}&&[a-f]]', '[^\\q{a}]', '[\\q{ab|abc}--\\q{ab}]',
    '\\p{RGI_Emoji}', '[\\p{RGI_Emoji}--\\q{x}]', '[[[[[a]]]]]', '[a--[b--[c--[d--e]]]]', '[\\q{' + 'a|'.repeat(50) + '}]',
-   '(?<n>[[a]&&[a]])\\k<n>', '[a-z&&[^b]]*?$', '[--]', '[a&&&b]', '(?i:[\\q{K}])', '['.repeat(300)].forEach(function (source) {
+   '(?<n>[[a]&&[a]])\\k<n>', '[a-z&&[^b]]*?$', '[', '[--]', '[a&&&b]', '(?i:[\\q{K}])', '['.repeat(300)].forEach(function (source) {
     ['v', 'vi', 'vg', 'vy', 'vs'].forEach(function (flags) {
       try {
         var regexp = new RegExp(source, flags);
