@@ -28,7 +28,7 @@ inline constexpr std::chrono::seconds kAnswerAfterBrokenBody{10};
 inline constexpr std::chrono::seconds kClientCheck{2};
 /// Number of reads or requests of one connection, without a wait in between, before other
 /// connections get their turn.
-inline constexpr unsigned kTurn = 8;
+inline constexpr unsigned kTurn = 64;
 
 class Session : public Watched, public std::enable_shared_from_this<Session> {
  public:
