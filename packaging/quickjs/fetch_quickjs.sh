@@ -49,6 +49,8 @@ Dir::State::Lists "$work/lists";
 Dir::Cache "$work/cache";
 APT::Get::AllowUnauthenticated "false";
 Acquire::AllowInsecureRepositories "false";
+Acquire::AllowWeakRepositories "false";
+Acquire::AllowDowngradeToInsecureRepositories "false";
 Acquire::Retries "3";
 EOF
 
@@ -64,7 +66,8 @@ entries() {
       ($2 in wanted) && !seen[$1]++ { print $1 }'
 }
 
-# repeat_entry FILE NUMBER: that entry on standard output, as a source of $suite.
+# repeat_entry FILE NUMBER: that entry on standard output, as a source of $suite. What exempts the
+# entry from verification (trusted, allow-insecure and the like) is left out.
 repeat_entry() {
   case $1 in
     *.sources)
@@ -74,13 +77,16 @@ repeat_entry() {
         !inside { inside = 1; paragraph++ }
         paragraph != number { next }
         /^[^ \t]/ { field = tolower($0); sub(/:.*/, "", field)
-                    replaced = field ~ /^(types|suites|components)$/ }
+                    replaced = field ~ /^(types|suites|components|trusted|allow-.*)$/ }
         !replaced { print }
         END { print "Types: deb-src\nSuites: " suite "\nComponents: main" }' "$1"
       ;;
     *)
-      sed -nE "$2s/^[[:space:]]*deb(-src)?[[:space:]]+(\[[^]]*\][[:space:]]+)?([^[:space:]]+).*/\
-deb-src \2\3 $suite main/p" "$1"
+      sed -nE "$2{
+        s/^[[:space:]]*deb(-src)?[[:space:]]+(\[[^]]*\][[:space:]]+)?([^[:space:]]+).*/deb-src \2\3 $suite main/
+        s/([[ ])(trusted|allow-[a-z-]+)=[^] ]*/\1/gI
+        s/ +/ /g; s/\[ /[/; s/ \]/]/; s/\[\] //
+        p }" "$1"
       ;;
   esac
 }
@@ -100,7 +106,8 @@ tarball=
 for entry in $(entries); do
   say "fetching $package of $suite through $entry"
   if fetch "${entry%:*}" "${entry##*:}"; then
-    tarball=$(ls "$work/source/${package}_"*.orig.tar.gz) && break
+    tarball=$(find "$work/source" -name "${package}_*.orig.tar.*" ! -name "*.asc")
+    [ -z "$tarball" ] || break
   fi
   sed 's/^/quickjs:   /' "$work/fetch.log" >&2
 done
@@ -108,10 +115,10 @@ done
 -DPROXYMANAGER_ENGINE_SOURCE=DIR builds from a folder that has it"
 
 version=${tarball##*_}
-version=${version%.orig.tar.gz}
+version=${version%.orig.tar.*}
 checksum=$(sha256sum "$tarball" | cut -d ' ' -f 1)
 say "version $version, SHA-256 $checksum, verified by the signed index of $suite"
 [ "$version" = "$reviewed" ] || say "the suite has replaced $reviewed by $version"
 
-tar -xzf "$tarball" -C "$staging" --strip-components=1 --no-same-owner --no-same-permissions
+tar -xf "$tarball" -C "$staging" --strip-components=1 --no-same-owner --no-same-permissions
 keep
