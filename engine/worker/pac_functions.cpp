@@ -82,6 +82,7 @@ std::optional<std::string> dnsResolve(PacEnvironment& environment, std::string_v
 
 std::string myIpAddress(PacEnvironment& environment) {
   std::vector<std::string> addresses = environment.ownAddresses(AddressFamily::kIpv4);
+  if (addresses.empty()) addresses = environment.ownAddresses(AddressFamily::kAny);
   return addresses.empty() ? std::string(kLoopbackAddress) : std::move(addresses.front());
 }
 
@@ -97,6 +98,7 @@ std::string myIpAddressEx(PacEnvironment& environment) {
 }
 
 std::optional<std::string> sortIpAddressList(std::string list) {
+  if (list.size() > kLongestSortedList) return std::nullopt;
   std::erase_if(list, [](char c) { return c == ' ' || c == '\t'; });
   std::vector<Entry> entries;
   for (std::string_view rest = list; !rest.empty();) {

@@ -26,6 +26,10 @@ inline constexpr std::string_view kLoopbackAddress = "127.0.0.1";
 /// most four bytes of UTF-8 for each of them.
 inline constexpr std::size_t kLongestName = 1024;
 
+/// Longest list in bytes that is sorted. Sorting needs memory outside the engine's heap, up to 20
+/// bytes for each byte of the list. A list of the longest addresses has about 5,800 of them then.
+inline constexpr std::size_t kLongestSortedList = 256U << 10U;
+
 /// True if `host` has no dot and is not an address literal of either family, also not an IPv6
 /// literal in brackets.
 bool isPlainHostName(std::string_view host);
@@ -42,7 +46,8 @@ std::size_t dnsDomainLevels(std::string_view host);
 /// The first IPv4 address of the name; an IPv4 literal in its usual form. An IPv6 literal has none.
 std::optional<std::string> dnsResolve(PacEnvironment& environment, std::string_view host);
 
-/// The IPv4 address with which the device reaches the outside, else kLoopbackAddress.
+/// The IPv4 address with which the device reaches the outside, else the first usable address of
+/// either family, else kLoopbackAddress.
 std::string myIpAddress(PacEnvironment& environment);
 
 /// All addresses of `host`, separated by ";"; a literal in its usual form; "" if there are none.
@@ -53,8 +58,8 @@ std::string myIpAddressEx(PacEnvironment& environment);
 
 /// The literals of a ";"-separated list: first IPv6, then IPv4, each family in ascending order.
 /// Equal addresses keep their order, and all addresses keep their spelling. Blanks and tabs around
-/// entries and empty entries are dropped. Nothing if an entry is not a literal, or if there is no
-/// entry.
+/// entries and empty entries are dropped. Nothing if an entry is not a literal, if there is no
+/// entry, or if the list is longer than kLongestSortedList.
 std::optional<std::string> sortIpAddressList(std::string list);
 
 }  // namespace pac_worker

@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
         Attack{"endless_helper_on_long_text",
                "const s = 'x'.repeat(30 << 20); for (;;) dnsDomainLevels(s)"},
         Attack{"endless_sorting_of_long_lists",
-               "const s = '10.0.0.1;'.repeat(1 << 18); for (;;) sortIpAddressList(s)"},
+               "const s = '10.0.0.1;'.repeat(1 << 14); for (;;) sortIpAddressList(s)"},
         Attack{
             "endless_date_helper",
             "const many = Array(60000).fill('x'.repeat(20 << 20)); for (;;) dateRange(...many)"}),

@@ -154,6 +154,17 @@ TEST(OwnAddress, IsTheLoopbackOneIfThereIsNone) {
   FakeEnvironment world;
   EXPECT_EQ(myIpAddress(world), "127.0.0.1");
   EXPECT_EQ(myIpAddressEx(world), "127.0.0.1");
+}
+
+TEST(OwnAddress, IsTheFirstOfAllIfThereIsNoIpv4Address) {
+  FakeEnvironment world;
+  world.ownAny = {"2001:db8::5", "2001:db8::6"};
+  EXPECT_EQ(myIpAddress(world), "2001:db8::5");
+  EXPECT_EQ(myIpAddressEx(world), "2001:db8::5;2001:db8::6");
+}
+
+TEST(OwnAddress, IsTheFirstIpv4Address) {
+  FakeEnvironment world;
   world.own4 = {"10.0.0.5", "10.0.0.6"};
   world.ownAny = {"10.0.0.5", "2001:db8::5"};
   EXPECT_EQ(myIpAddress(world), "10.0.0.5");
@@ -213,6 +224,14 @@ TEST(SortIpAddressList, SkipsBlanksAndStraySeparatorsAndRefusesBadEntries) {
   EXPECT_EQ(sortIpAddressList("10.0.0.1;example.com"), std::nullopt);
   EXPECT_EQ(sortIpAddressList("10.0.0.1;\n::1"), std::nullopt);
   EXPECT_EQ(sortIpAddressList("10.0.0.256"), std::nullopt);
+}
+
+TEST(SortIpAddressList, SortsListsUpToALength) {
+  std::string list = "2;1";
+  list.insert(0, kLongestSortedList - list.size(), ' ');
+  EXPECT_EQ(sortIpAddressList(list), "1;2");
+  list.insert(0, 1, ' ');
+  EXPECT_EQ(sortIpAddressList(list), std::nullopt);
 }
 
 }  // namespace
