@@ -23,7 +23,7 @@ struct pac;
 /** Option words of pac_init. */
 enum {
   PAC_OPTION_ONLINE = 1, /**< names resolve, own addresses are the device's */
-  PAC_OPTION_OFFLINE = 4 /**< names do not resolve, the own address is the loopback one */
+  PAC_OPTION_OFFLINE = 4 /**< no name but localhost resolves, the own address is the loopback one */
 };
 
 /** Wakes the thread that calls pac_run_callbacks. This callback may only set a flag and signal. */

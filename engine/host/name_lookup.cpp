@@ -25,6 +25,33 @@ bool isIpv4(const std::string& address) {
   return inet_pton(AF_INET, address.c_str(), &binary) == 1;
 }
 
+/// Without the dot of the root.
+std::string_view relative(std::string_view name) {
+  if (name.ends_with('.')) name.remove_suffix(1);
+  return name;
+}
+
+/// RFC 6761, 6.3: these names are the loopback addresses, and no server is asked for them.
+bool isLocalhost(std::string_view name) {
+  name = relative(name);
+  const bool hasEmptyLabel = name.starts_with('.') || name.find("..") != name.npos;
+  return name == "localhost" || (name.ends_with(".localhost") && !hasEmptyLabel);
+}
+
+/// The usual form of an IPv4 literal as in a URL. The worker knows literals in ASCII itself, but a
+/// literal may also be what the mapping of an international name leaves.
+std::optional<std::string> ipv4Literal(std::string_view name) {
+  in_addr binary{};
+  char text[INET_ADDRSTRLEN] = "";
+  if (inet_aton(std::string(relative(name)).c_str(), &binary) == 0) return std::nullopt;
+  return inet_ntop(AF_INET, &binary, text, sizeof text);
+}
+
+/// An IPv4 literal with a field that is too large, for instance.
+bool isDigitsAndDots(std::string_view name) {
+  return name.find_first_not_of("0123456789.") == name.npos;
+}
+
 std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, AddressFamily family) {
   std::vector<std::string> wanted;
   std::copy_if(addresses.begin(), addresses.end(), std::back_inserter(wanted),
@@ -55,7 +82,7 @@ NameLookup::NameLookup(NameSource source)
   if (!mSource.staticNames) return;
   StaticNames byAscii;
   for (auto& [name, addresses] : *mSource.staticNames) {
-    if (auto ascii = asciiName(name)) byAscii[*ascii] = std::move(addresses);
+    if (auto ascii = asciiName(name)) byAscii[std::string(relative(*ascii))] = std::move(addresses);
   }
   mSource.staticNames = std::move(byAscii);
 }
@@ -67,9 +94,9 @@ void NameLookup::begin() {
 
 std::vector<std::string> NameLookup::resolve(std::string_view name, AddressFamily family,
                                              Deadline deadline, int watched) {
-  if (mSource.offline) return {};
   const auto ascii = asciiName(name);
   if (!ascii) return {};
+  if (auto known = withoutServer(*ascii)) return ofFamily(*known, family);
   if (mAsked.count(*ascii) == 0 && mAsked.size() == kNamesPerEvaluation) return {};
   auto& known = mAsked[*ascii];
   const auto found = known.find(family);
@@ -77,10 +104,21 @@ std::vector<std::string> NameLookup::resolve(std::string_view name, AddressFamil
   return known[family] = find(*ascii, family, deadline, watched);
 }
 
+std::optional<std::vector<std::string>> NameLookup::withoutServer(const std::string& name) const {
+  using Texts = std::vector<std::string>;
+  if (auto literal = ipv4Literal(name)) return Texts{std::move(*literal)};
+  if (isDigitsAndDots(name)) return Texts();
+  const bool isGiven =
+      mSource.staticNames && mSource.staticNames->count(std::string(relative(name))) != 0;
+  if (isLocalhost(name) && !isGiven) return Texts{"::1", "127.0.0.1"};
+  if (mSource.offline) return Texts();
+  return std::nullopt;
+}
+
 std::vector<std::string> NameLookup::find(const std::string& name, AddressFamily family,
                                           Deadline deadline, int watched) {
   if (mSource.staticNames) {
-    const auto given = mSource.staticNames->find(name);
+    const auto given = mSource.staticNames->find(std::string(relative(name)));
     return given == mSource.staticNames->end() ? std::vector<std::string>()
                                                : ofFamily(given->second, family);
   }

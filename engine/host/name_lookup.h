@@ -31,12 +31,16 @@ class NameLookup {
 
   /// Addresses of `name` (UTF-8) in `family`. Empty if it has none, if it is not a valid name, if
   /// the share of this evaluation is used up, or if 2 s or `deadline` have passed. A repeated name
-  /// in the same evaluation has the same addresses and does not count again.
+  /// in the same evaluation has the same addresses and does not count again. What needs no name
+  /// server does not count: localhost, its subdomains, and a name that is mapped to an IPv4
+  /// literal.
   /// @param watched as DnsResolver's
   std::vector<std::string> resolve(std::string_view name, AddressFamily family, Deadline deadline,
                                    int watched);
 
  private:
+  /// The addresses of both families, if `name` is never looked up.
+  std::optional<std::vector<std::string>> withoutServer(const std::string& name) const;
   std::vector<std::string> find(const std::string& name, AddressFamily family, Deadline deadline,
                                 int watched);
   std::vector<std::string> query(const LookupCache::Key& key, Deadline deadline, int watched);

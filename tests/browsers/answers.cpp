@@ -10,12 +10,14 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "base/ascii.h"
+#include "engine/host/name_lookup.h"
 #include "engine/worker/pac_environment.h"
 #include "engine/worker/script_engine.h"
 
@@ -36,22 +38,29 @@ Texts split(std::string_view text, char separator) {
 
 class Environment : public pac_worker::PacEnvironment {
  public:
-  std::map<std::string, Texts, std::less<>> names;
+  explicit Environment(pac_engine::StaticNames given) : names(source(std::move(given))) {}
+
+  pac_engine::NameLookup names;
   Texts own;
   std::int64_t clock = 0;
 
   Texts resolve(std::string_view name, AddressFamily family) override {
-    if (name.ends_with('.')) name.remove_suffix(1);
-    if (name == "localhost" || name.ends_with(".localhost"))
-      return of(family, {"::1", "127.0.0.1"});
-    const auto found = names.find(name);
-    return found == names.end() ? Texts() : of(family, found->second);
+    // The rules that give the browser its names fit only their own letter case.
+    if (base::isAscii(name) && base::lowerCase(name) != name) return {};
+    return names.resolve(name, family, pac_engine::Deadline::max(), kNobody);
   }
   Texts ownAddresses(AddressFamily family) override { return of(family, own); }
   std::optional<std::int64_t> stoppedClock() override { return clock; }
   void alert(std::string_view /*text*/) override {}
 
  private:
+  static constexpr int kNobody = -1;  ///< watched by a lookup at a server, which never happens
+
+  static pac_engine::NameSource source(pac_engine::StaticNames given) {
+    pac_engine::NameSource names;
+    names.staticNames = std::move(given);
+    return names;
+  }
   static Texts of(AddressFamily family, const Texts& all) {
     Texts some;
     for (const std::string& address : all)
@@ -65,12 +74,15 @@ class Environment : public pac_worker::PacEnvironment {
 
 int main(int count, char** arguments) {
   if (count < 2) return 2;
-  Environment environment;
+  pac_engine::StaticNames names;
+  Texts own;
   for (int i = 2; i < count; ++i) {
     const Texts pair = split(arguments[i], '=');
     if (pair.size() != 2) return 2;
-    (pair[0] == "own" ? environment.own : environment.names[pair[0]]) = split(pair[1], ',');
+    (pair[0] == "own" ? own : names[pair[0]]) = split(pair[1], ',');
   }
+  Environment environment(std::move(names));
+  environment.own = std::move(own);
   std::ifstream file(arguments[1], std::ios::binary);
   const std::string script{std::istreambuf_iterator<char>(file), {}};
   pac_worker::ScriptLimits limits;
@@ -83,6 +95,7 @@ int main(int count, char** arguments) {
   for (std::string line; std::getline(std::cin, line);) {
     const Texts fields = split(line, '\t');
     if (fields.size() != 3) return 2;
+    environment.names.begin();
     environment.clock = std::strtoll(fields[0].c_str(), nullptr, 10);
     const auto evaluation = engine.evaluate(fields[1], fields[2]);
     std::cout << (evaluation.result ? *evaluation.result : "!" + evaluation.problem.message)

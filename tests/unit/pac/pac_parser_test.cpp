@@ -342,7 +342,7 @@ TEST(PacParser, ProxyFoundBearsNullPointersAndFreesTheResult) {
 TEST_F(LoadedParser, OfflineItIsOnLoopbackAndResolvesNothing) {
   const std::string text =
       "function FindProxyForURL(url, host) {"
-      "  return 'PROXY ' + myIpAddress() + ':' + dnsResolve('localhost');"
+      "  return 'PROXY ' + myIpAddress() + ':' + dnsResolve(host);"
       "}";
   PacParser offline(nullptr, true);
   mFile.write(text);

@@ -243,12 +243,19 @@ TEST(Engine, GivesNamesAndAddressesItIsGiven) {
   EXPECT_EQ(answer("myIpAddressEx()", options), "2001:db8::9;10.0.0.9");
 }
 
-TEST(Engine, ResolvesNothingOfflineAndIsTheLoopback) {
+TEST(Engine, IsAtItsIpv6AddressWithoutAnIpv4Address) {
+  Options options = patient();
+  options.ownAddresses = std::vector<std::string>{"2001:db8::9", "2001:db8::8"};
+  EXPECT_EQ(answer("myIpAddress()", options), "2001:db8::9");
+}
+
+TEST(Engine, ResolvesOnlyLocalhostOfflineAndIsTheLoopback) {
   Options options = patient();
   options.names.offline = true;
-  EXPECT_EQ(answer("dnsResolve('localhost')", options), "null");
-  EXPECT_EQ(answer("isResolvable('localhost')", options), "false");
-  EXPECT_EQ(answer("dnsResolveEx('localhost')", options), "");
+  EXPECT_EQ(answer("dnsResolve('a.test')", options), "null");
+  EXPECT_EQ(answer("isResolvable('a.test')", options), "false");
+  EXPECT_EQ(answer("dnsResolveEx('a.test')", options), "");
+  EXPECT_EQ(answer("dnsResolveEx('localhost')", options), "::1;127.0.0.1");
   EXPECT_EQ(answer("myIpAddress()", options), "127.0.0.1");
   EXPECT_EQ(answer("myIpAddressEx()", options), "127.0.0.1");
 }

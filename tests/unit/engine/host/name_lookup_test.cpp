@@ -278,13 +278,56 @@ TEST(NameLookup, SaysWhyThereAreNoLookups) {
   EXPECT_TRUE(logged(LOG_ERR, "pac_engine: no name lookups: Misformatted string"));
 }
 
-TEST(NameLookup, KnowsNoNameOffline) {
+TEST(NameLookup, KnowsLocalhostAndItsSubdomainsWithoutAServer) {
+  const DnsServer server({{"foo.localhost", at({"10.0.0.1"})}});
+  Names names(servedBy(server));
+  for (const char* name :
+       {"localhost", "localhost.", "foo.localhost", "A.B.LOCALHOST.", "\uff4cocalhost"}) {
+    EXPECT_EQ(names.ask(name).addresses, Texts{"127.0.0.1"}) << name;
+    EXPECT_EQ(names.ask(name, kAny).addresses, (Texts{"::1", "127.0.0.1"})) << name;
+  }
+  for (const char* other : {".localhost", "localhost..", "foo..localhost", "notlocalhost"}) {
+    EXPECT_EQ(names.ask(other).addresses, Texts()) << other;
+  }
+  EXPECT_EQ(server.questions("localhost"), 0);
+  EXPECT_EQ(server.questions("foo.localhost"), 0);
+}
+
+TEST(NameLookup, CountsLocalhostToNoShare) {
+  auto source = NameSource();
+  source.staticNames = StaticNames{{"a.test", {"10.0.0.1"}}};
+  Names names(source);
+  for (int i = 0; i < 21; ++i) names.ask(nameOf(i) + ".localhost");
+  EXPECT_EQ(names.ask("a.test").addresses, Texts{"10.0.0.1"});
+}
+
+TEST(NameLookup, ReadsANameThatIsMappedToAnIpv4Literal) {
+  const DnsServer server({});
+  NameSource given;
+  given.staticNames = StaticNames{};
+  NameSource offline;
+  offline.offline = true;
+  for (const auto& source : {servedBy(server), given, offline}) {
+    Names names(source);
+    for (const char* name :
+         {"\uff11.2.3.4", "\uff11.2.3.4.", "1.2.3.\u2463", "\U0001d7d9.2.3.4", "1.2.3.\u00ad4",
+          "1\u30022\u30023\u30024", "1.2.3.4\u3002", "\uff10\uff58\uff11.2.772"}) {
+      EXPECT_EQ(names.ask(name).addresses, Texts{"1.2.3.4"}) << name;
+      EXPECT_EQ(names.ask(name, kAny).addresses, Texts{"1.2.3.4"}) << name;
+    }
+    EXPECT_EQ(names.ask("\uff13\uff10\uff10.2.3.4").addresses, Texts());
+  }
+  EXPECT_EQ(server.questions("300.2.3.4"), 0);
+}
+
+TEST(NameLookup, KnowsNoNameButLocalhostOffline) {
   const DnsServer server({{"a.test", at({"10.0.0.1"})}});
   auto source = servedBy(server);
   source.offline = true;
   Names names(source);
   EXPECT_EQ(names.ask("a.test").addresses, Texts());
-  EXPECT_EQ(names.ask("localhost").addresses, Texts());
+  EXPECT_EQ(names.ask("localhost").addresses, Texts{"127.0.0.1"});
+  EXPECT_EQ(names.ask("a.localhost").addresses, Texts{"127.0.0.1"});
   EXPECT_EQ(server.questions("a.test"), 0);
 }
 
@@ -297,6 +340,24 @@ TEST(NameLookup, LooksNothingElseUpWhenNamesAreGiven) {
   EXPECT_EQ(names.ask("b.test", kAny).addresses, (Texts{"2001:db8::2", "10.0.0.2"}));
   EXPECT_EQ(names.ask("a.test").addresses, Texts());
   EXPECT_EQ(server.questions("a.test"), 0);
+}
+
+TEST(NameLookup, TakesAGivenNameWithAndWithoutTheDotOfTheRoot) {
+  NameSource source;
+  source.staticNames = StaticNames{{"a.test", {"10.0.0.1"}}, {"b.test.", {"10.0.0.2"}}};
+  Names names(source);
+  EXPECT_EQ(names.ask("a.test.").addresses, Texts{"10.0.0.1"});
+  EXPECT_EQ(names.ask("b.test").addresses, Texts{"10.0.0.2"});
+  EXPECT_EQ(names.ask("b.test.").addresses, Texts{"10.0.0.2"});
+  EXPECT_EQ(names.ask("a.test..").addresses, Texts());
+}
+
+TEST(NameLookup, KnowsLocalhostBesideGivenNamesUnlessItIsGiven) {
+  NameSource source;
+  source.staticNames = StaticNames{{"localhost", {"10.0.0.1"}}};
+  Names names(source);
+  EXPECT_EQ(names.ask("localhost.").addresses, Texts{"10.0.0.1"});
+  EXPECT_EQ(names.ask("a.localhost").addresses, Texts{"127.0.0.1"});
 }
 
 void write(const std::string& path, const std::string& text) {

@@ -203,11 +203,12 @@ TEST(Pac, DropsWhatIsQueuedWhenItIsFreed) {
   EXPECT_EQ(errno, ECHILD);
 }
 
-TEST(Pac, ResolvesNothingWithTheOfflineOption) {
+TEST(Pac, ResolvesNoNameButLocalhostWithTheOfflineOption) {
   const auto engine =
-      make("function FindProxyForURL() { return myIpAddress() + ' ' + dnsResolve('localhost'); }",
+      make("function FindProxyForURL(url, host) { return myIpAddress() + ' ' + dnsResolve(host); }",
            PAC_OPTION_OFFLINE);
   EXPECT_EQ(ask(engine, "http://h/", "h"), "127.0.0.1 null");
+  EXPECT_EQ(ask(engine, "http://localhost/", "localhost"), "127.0.0.1 127.0.0.1");
 }
 
 TEST(Pac, CopiesTheScript) {
