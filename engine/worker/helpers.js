@@ -36,8 +36,9 @@
     if (!isValidIpAddress(pattern) || !isValidIpAddress(mask)) return false;
     const address = isValidIpAddress(host) ? host : dnsResolve(host);
     if (address == null) return false;
-    const bits = convert_addr(mask);
-    return (convert_addr(address) & bits) == (convert_addr(pattern) & bits);
+    // Scripts can see the order of these conversions.
+    const differing = convert_addr(address) ^ convert_addr(pattern);
+    return (differing & convert_addr(mask)) == 0;
   },
 
   isResolvable(host) {

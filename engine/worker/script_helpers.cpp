@@ -255,7 +255,7 @@ constexpr char kTimeRange[] = "timeRange";
 
 struct Helper {
   const char* name;
-  int length;  ///< the function object's length: the usual number of arguments
+  int length;  ///< the function object's length, as in a browser
   JSCFunction* function;
 };
 
@@ -267,14 +267,14 @@ constexpr JSCFunction* kWaiting = entry<kHelper, true>;
 // The helpers that a browser itself implements. `let` and `const` may redefine such a name, so the
 // property must be configurable.
 constexpr Helper kNative[] = {
-    {"alert", 1, kPure<alertHelper>},
+    {"alert", 0, kPure<alertHelper>},
     {"myIpAddress", 0, kWaiting<ownAddressHelper<myIpAddress>>},
-    {"dnsResolve", 1, kWaiting<dnsResolveHelper>},
-    {"isPlainHostName", 1, kPure<isPlainHostNameHelper>},
-    {"dnsResolveEx", 1, kWaiting<dnsResolveExHelper>},
+    {"dnsResolve", 0, kWaiting<dnsResolveHelper>},
+    {"isPlainHostName", 0, kPure<isPlainHostNameHelper>},
+    {"dnsResolveEx", 0, kWaiting<dnsResolveExHelper>},
     {"myIpAddressEx", 0, kWaiting<ownAddressHelper<myIpAddressEx>>},
-    {"sortIpAddressList", 1, kPure<sortIpAddressListHelper>},
-    {"isInNetEx", 2, kPure<isInNetExHelper>},
+    {"sortIpAddressList", 0, kPure<sortIpAddressListHelper>},
+    {"isInNetEx", 0, kPure<isInNetExHelper>},
     {"getClientVersion", 0, kPure<getClientVersionHelper>},
 };
 
@@ -289,6 +289,10 @@ constexpr Helper kDeclared[] = {
     {kIsResolvable, 1, kPure<generalHelper<kIsResolvable>>},
     {kLocalHostOrDomainIs, 2, kPure<twoTextsHelper<localHostOrDomainIs, kLocalHostOrDomainIs>>},
     {"shExpMatch", 2, kPure<shExpMatchHelper>},
+};
+
+// The declared helpers after the tables `wdays` and `months`: a script sees the order.
+constexpr Helper kDeclaredLast[] = {
     {kWeekdayRange, 0, kPure<generalHelper<kWeekdayRange>>},
     {kDateRange, 0, kPure<generalHelper<kDateRange>>},
     {kTimeRange, 0, kPure<generalHelper<kTimeRange>>},
@@ -347,7 +351,8 @@ bool defineHelpers(EngineRuntime& runtime) {
   return defineAll(context, global.get(), kNative, JS_PROP_C_W_E) &&
          defineAll(context, global.get(), kDeclared, kAsDeclared) &&
          defineNumbers(context, global.get(), "wdays", kWeekdays) &&
-         defineNumbers(context, global.get(), "months", kMonths);
+         defineNumbers(context, global.get(), "months", kMonths) &&
+         defineAll(context, global.get(), kDeclaredLast, kAsDeclared);
 }
 
 }  // namespace pac_worker

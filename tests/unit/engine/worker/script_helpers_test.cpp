@@ -101,6 +101,32 @@ TEST_F(Helpers, AStoppedClockIsTheScriptsToo) {
   EXPECT_EQ(value("Math.abs(Date.now() - new Date()) < 60000 && Date.now() > 1.7e12"), "true");
 }
 
+// A script can see this order: a host of its own may have a toString() and a split().
+TEST_F(Helpers, IsInNetReadsTheAddressThenThePatternThenTheMask) {
+  const std::string functions =
+      "var log = '', dnsResolve = () => { log += 'r'; return '1.2.3.4' };"
+      "function part(name, text) { return { toString() { log += name; return text },"
+      "  split(dot) { log += name.toUpperCase(); return text.split(dot) } } }"
+      "function FindProxyForURL(url, host) {"
+      "  log = ''; isInNet(part('h', host), part('p', '1.2.3.4'), part('m', '255.0.0.0'));"
+      "  return log }";
+  EXPECT_EQ(load(functions), "");
+  EXPECT_EQ(ask("http://h/", "1.2.3.4"), "pmhHPM");
+  EXPECT_EQ(ask("http://h/", "x.test"), "pmhrPM");
+}
+
+TEST_F(Helpers, HaveTheLengthsAndTheOrderOfABrowser) {
+  EXPECT_EQ(value("Object.keys(globalThis).filter(name => typeof globalThis[name] == 'function')"
+                  ".map(name => name + globalThis[name].length).join(' ')"),
+            "alert0 myIpAddress0 dnsResolve0 isPlainHostName0 dnsResolveEx0 myIpAddressEx0 "
+            "sortIpAddressList0 isInNetEx0 getClientVersion0 dnsDomainIs2 dnsDomainLevels1 "
+            "isValidIpAddress1 convert_addr1 isInNet3 isResolvable1 localHostOrDomainIs2 "
+            "shExpMatch2 weekdayRange0 dateRange0 timeRange0 isResolvableEx1 FindProxyForURL2");
+  EXPECT_EQ(value("Object.keys(globalThis).slice(-8).join()"),
+            "shExpMatch,wdays,months,weekdayRange,dateRange,timeRange,isResolvableEx,"
+            "FindProxyForURL");
+}
+
 TEST_F(Helpers, LookupsAskTheEnvironment) {
   EXPECT_EQ(value("dnsResolve('v4.test')"), "10.1.2.3");
   EXPECT_EQ(value("dnsResolve('missing.test') === null"), "true");
