@@ -198,7 +198,8 @@ TEST_F(HandlerOnTheBus, AnExceptionIsAnsweredAsWithoutAServiceAndLoggedOnce) {
   EXPECT_EQ(urls(ask("getProxyurl")), std::vector<std::string>{"off"});
   EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: std::bad_alloc"), 1);
 
-  DBus::MessageIter config = ask("getProxyconfig").reader().recurse();
+  const auto answer = ask("getProxyconfig");  // the iterator points into it
+  DBus::MessageIter config = answer.reader().recurse();
   EXPECT_STREQ(config.get_string(), "off");
   for (int i = 0; i < 5; ++i) EXPECT_STREQ((++config).get_string(), "");
   EXPECT_TRUE(
