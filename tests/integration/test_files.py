@@ -3,6 +3,7 @@
 import os
 import stat
 
+import pytest
 from support.bus import Client, wait_until
 from support.daemon import Daemon, make_watched_files
 from support.own_root import MS_BIND, mount
@@ -14,6 +15,13 @@ RUN_FILE = "/run/proxymanagerd.pid"
 MS_RDONLY, MS_REMOUNT = 1, 32
 # The folders that are this test's own; all else is read-only while it runs.
 OWN = ("/tmp", "/run", "/etc", "/dev", "/usr/local")
+
+
+@pytest.fixture(autouse=True)
+def listed_name(root):
+    """A name that the daemon looks up, without a server."""
+    with open("/etc/hosts", "a") as file:
+        file.write("192.0.2.7 listed.example\n")
 
 
 def files(*others):
@@ -50,7 +58,7 @@ def load(client, web, syslog, text):
 
 PASSWORD = "correct-horse-battery"
 LOOKS_UP = """function FindProxyForURL(url, host) {
-  alert(myIpAddress()); isResolvable("localhost"); return "PROXY p:1";
+  alert(myIpAddress()); isResolvable("listed.example"); return "PROXY p:1";
 }"""
 
 
