@@ -8,6 +8,7 @@
 
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/relay_snippets.h"
+#include "client/ctl/daemon/daemon_bus.h"
 #include "client/ctl/daemon/relay_unit.h"
 #include "client/ctl/failure.h"
 #include "client/ctl/terminal/output.h"
