@@ -1,7 +1,6 @@
 """Failures that must stay with the request, the user or the destination that has them."""
 
 import contextlib
-import ctypes
 import json
 import os
 import re
@@ -18,32 +17,12 @@ from support import own_network as network
 from support.bus import LIMIT, wait_until
 from support.relay_peers import (Proxy, Server, SocksProxy, read_all, read_exactly, read_head,
                                  reset, status)
-from support.relay_requests import HOST, answers, get, through_tunnel, tunnel
+from support.relay_requests import (HOST, answers, as_user, get, metric, page, through_tunnel,
+                                    tunnel)
 from support.syslog_socket import INFO
 
-_libc = ctypes.CDLL(None, use_errno=True)
 PROXY_HOST = "proxy.example"
 LOOKUPS_OF_USER = 48
-
-
-@contextlib.contextmanager
-def as_user(user):
-    """Sockets that this thread makes belong to the user."""
-    _libc.setfsuid(user)
-    try:
-        yield
-    finally:
-        _libc.setfsuid(0)
-
-
-def page(relay, path="/status.json"):
-    with relay.connect() as connection:
-        connection.sendall(f"GET {path} HTTP/1.0\r\nHost: localhost\r\n\r\n".encode())
-        return read_all(connection).partition(b"\r\n\r\n")[2].decode()
-
-
-def metric(relay, name):
-    return int(re.search(rf"^proxymanager_relay_{name} (\d+)$", page(relay, "/metrics"), re.M)[1])
 
 
 def penalties(relay):

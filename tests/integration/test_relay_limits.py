@@ -1,7 +1,6 @@
 """The relay's limits, at the limit and one past it, and slow clients."""
 
 import contextlib
-import ctypes
 import os
 import re
 import resource
@@ -16,28 +15,10 @@ from jeepney.io.blocking import open_dbus_connection
 from support import own_network as network
 from support.bus import ADDRESS, LIMIT, NAME, wait_until
 from support.relay_peers import Server, read_all, read_exactly, read_head
-from support.relay_requests import HOST, answers, get, tunnel
+from support.relay_requests import HOST, answers, as_user, get, metric, tunnel
 
-_libc = ctypes.CDLL(None, use_errno=True)
 OF_USER, OF_ALL = 1024, 4096
 STYLE = b"GET /style.css HTTP/1.1\r\nHost: localhost\r\n\r\n"
-
-
-@contextlib.contextmanager
-def as_user(user):
-    """Sockets that this thread makes belong to the user."""
-    _libc.setfsuid(user)
-    try:
-        yield
-    finally:
-        _libc.setfsuid(0)
-
-
-def metric(relay, name):
-    with relay.connect() as connection:
-        connection.sendall(b"GET /metrics HTTP/1.0\r\nHost: localhost\r\n\r\n")
-        text = read_all(connection).decode()
-    return int(re.search(rf"^proxymanager_relay_{name} (\d+)$", text, re.MULTILINE)[1])
 
 
 class HoldingDaemon:

@@ -1,12 +1,15 @@
 """Requests to the relay, and what the daemon answers for them."""
 
 import contextlib
+import ctypes
+import re
 
 from .bus import wait_until
 from .relay_peers import read_all, read_head
 from .web import script
 
 HOST = "origin.example"
+_libc = ctypes.CDLL(None, use_errno=True)
 
 
 def answers(client, web, answer):
@@ -41,3 +44,25 @@ def through_tunnel(relay, port):
             return code, read_all(connection)
         connection.sendall(b"GET / HTTP/1.1\r\nHost: inside\r\n\r\n")
         return code, read_head(connection)
+
+
+@contextlib.contextmanager
+def as_user(user):
+    """Sockets that this thread makes belong to the user."""
+    _libc.setfsuid(user)
+    try:
+        yield
+    finally:
+        _libc.setfsuid(0)
+
+
+def page(relay, path="/status.json"):
+    """The body of one of the relay's own pages."""
+    with relay.connect() as connection:
+        connection.sendall(f"GET {path} HTTP/1.0\r\nHost: localhost\r\n\r\n".encode())
+        return read_all(connection).partition(b"\r\n\r\n")[2].decode()
+
+
+def metric(relay, name):
+    text = page(relay, "/metrics")
+    return int(re.search(rf"^proxymanager_relay_{name} (\d+)$", text, re.MULTILINE)[1])
