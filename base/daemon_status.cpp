@@ -23,9 +23,10 @@ bool take(std::string_view& rest, std::string_view begin) {
   return true;
 }
 
-/// Takes a time, which ends before `end`. @return false if there is none
+/// Takes a time, which ends before `end`, or with the text if `end` is empty. @return false if
+/// there is none
 bool takeTime(std::string_view& rest, std::string_view end, std::int64_t& seconds) {
-  const auto length = rest.find(end);
+  const auto length = end.empty() ? rest.size() : rest.find(end);
   if (length == std::string_view::npos) return false;
   const std::string text(rest.substr(0, length));
   std::tm parts{};
@@ -42,7 +43,8 @@ std::string describe(const DaemonStatus& status) {
   std::string line = "mode " + status.mode;
   line += status.updated == 0 ? ", never updated" : ", updated " + timeText(status.updated);
   line += status.script == 0 ? "; no script" : "; script of " + timeText(status.script);
-  if (status.walked == 0) return line + "; no walk";
+  if (status.walking != 0) line += "; walking since " + timeText(status.walking);
+  if (status.walked == 0) return status.walking == 0 ? line + "; no walk" : line;
   return line + "; last walk " + timeText(status.walked) + ": " + status.result;
 }
 
@@ -60,6 +62,10 @@ std::optional<DaemonStatus> parseDaemonStatus(std::string_view line) {
     return std::nullopt;
   }
   if (line == "no walk") return status;
+  if (take(line, "walking since ")) {
+    if (takeTime(line, {}, status.walking)) return status;
+    if (!takeTime(line, "; ", status.walking)) return std::nullopt;
+  }
   if (!take(line, "last walk ") || !takeTime(line, ": ", status.walked)) return std::nullopt;
   status.result = line;
   return status;

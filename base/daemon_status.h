@@ -16,10 +16,12 @@ struct DaemonStatus {
   std::int64_t script = 0;   ///< when a walk installed the script that answers now
   std::int64_t walked = 0;   ///< when the last walk ended
   std::string result;        ///< the result of the last walk; one line
+  std::int64_t walking = 0;  ///< when the walk in progress began; 0 if there is none
 };
 
 /// For example "mode wpad, updated 2026-11-22T08:00:00Z; script of 2026-11-22T08:00:01Z; last walk
-/// 2026-11-22T08:00:01Z: script from wpad.example". Any thread.
+/// 2026-11-22T08:00:01Z: script from wpad.example". A walk in progress stands before the last one:
+/// "; walking since 2026-11-22T08:00:07Z". Any thread.
 std::string describe(const DaemonStatus& status);
 
 /// @return the status of a line that describe() made; nothing for any other text. Any thread.

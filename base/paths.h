@@ -5,6 +5,8 @@ namespace base {
 
 /// The script in force. The daemon writes it; everybody may read it.
 inline constexpr char kPacFile[] = "/tmp/proxymanager.pac";
+/// The script while it is downloaded.
+inline constexpr char kPacDownload[] = "/tmp/proxymanager.pac.tmp";
 /// The lease of the DHCP client, lines of key=value.
 inline constexpr char kLeaseFile[] = "/usr/local/lumad/dhcp.conf";
 /// The search list of the network, one line of a resolver's configuration.

@@ -241,8 +241,10 @@ void PACFetcher::pacFetcherThreadFunc() {
       mCondition.wait_until(lock.native(),
                             std::chrono::system_clock::now() + std::chrono::seconds(mInterval));
     }
-    // A walk may take minutes, so the update is reported before it.
+    // A walk may take minutes, so the update and the walk are reported before it.
+    noteWalkBegin();
     reportStatus();
+    if (mStatus.walking == 0) continue;  // requested during the report: the next round reports it
     // The flag is cleared before the walk: all requests that arrive during the walk cause one
     // further walk.
     if (!mRefetch.exchange(false)) continue;
@@ -256,7 +258,14 @@ void PACFetcher::pacFetcherThreadFunc() {
   }
 }
 
+void PACFetcher::noteWalkBegin() {
+  const std::int64_t begin = mRefetch ? now() : 0;
+  mStatusIsNew = mStatusIsNew || begin != mStatus.walking;
+  mStatus.walking = begin;
+}
+
 void PACFetcher::noteWalk() {
+  mStatus.walking = 0;
   mStatus.walked = now();
   mStatusIsNew = true;
   try {

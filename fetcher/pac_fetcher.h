@@ -110,6 +110,7 @@ class PACFetcher {
       PM_REQUIRES(mMutex);
   Attempt install(const std::string& url, const std::string& temporary) PM_REQUIRES(mMutex);
   bool mayGoOn(unsigned walk) const PM_REQUIRES(mMutex);
+  void noteWalkBegin() PM_REQUIRES(mMutex);
   void reportStatus() PM_REQUIRES(mMutex);
   void noteWalk() PM_REQUIRES(mMutex);
   bool requestRefetch();
@@ -126,7 +127,7 @@ class PACFetcher {
   std::shared_ptr<std::thread> mDhcpCfgWatchThread;  // "pm-watch"
   std::condition_variable mCondition;                // with mMutex; wakes the fetcher thread
   unsigned mConfigNumber PM_GUARDED_BY(mMutex) = 0;  // counts changes of mode and URLs
-  base::DaemonStatus mStatus PM_GUARDED_BY(mMutex){"off", 0, 0, 0, {}};
+  base::DaemonStatus mStatus PM_GUARDED_BY(mMutex){"off", 0, 0, 0, {}, 0};
   bool mStatusIsNew PM_GUARDED_BY(mMutex) = true;     // not sent to the supervisor yet
   fetcher::WalkReport mReport PM_GUARDED_BY(mMutex);  // of the walk in progress
   fetcher::TransferSwitch mTransferSwitch;

@@ -39,17 +39,44 @@ std::string wordsOf(const CLI::App& command) {
   return (parent == nullptr ? "" : wordsOf(*parent) + ' ') + command.get_name();
 }
 
-client::ExitStatus wrongUsage(const CLI::App& program, const CLI::ParseError& error) {
+const CLI::App& namedCommand(const CLI::App& program) {
   const auto* command = &program;
   while (!command->get_subcommands().empty()) command = command->get_subcommands().front();
-  const auto unknown = command->remaining();
-  if (command->get_require_subcommand_min() > 0 && !unknown.empty()) {
-    client::complain("there is no command \"" + unknown.front() + '"');
-  } else {
-    client::complain(error.what());
-  }
-  client::complain("see " + wordsOf(*command) + " --help");
+  return *command;
+}
+
+/// The word of the line that should be a command of the group `command`, but is none. Usually
+/// empty.
+std::string unknownCommand(const CLI::App& command) {
+  const auto unknown = command.remaining();
+  const bool isGroup = command.get_require_subcommand_min() > 0;
+  return isGroup && !unknown.empty() ? unknown.front() : std::string();
+}
+
+client::ExitStatus wrongUsage(const CLI::App& command, const std::string& why) {
+  client::complain(why);
+  client::complain("see " + wordsOf(command) + " --help");
   return client::kUsage;
+}
+
+client::ExitStatus noCommand(const CLI::App& parent, const std::string& word) {
+  return wrongUsage(parent, "there is no command \"" + word + '"');
+}
+
+/// Shows the help or the version. The parser has no objection to an unknown command before --help,
+/// and takes a word behind the command as its argument.
+client::ExitStatus show(const CLI::App& program, const CLI::Success& asked,
+                        const client::CommandLine& line) {
+  const auto& command = namedCommand(program);
+  const auto words = wordsOf(command);
+  const auto depth = static_cast<std::size_t>(std::count(words.begin(), words.end(), ' '));
+  const bool hasMore = line.isHelp && line.own.size() > depth + 1;  // the last word is --help
+  if (hasMore) return noCommand(command, line.own[depth]);
+  const auto unknown = unknownCommand(command);
+  if (!unknown.empty() && !unknown.starts_with('-')) return noCommand(command, unknown);
+  program.exit(asked);
+  client::finishOutput();
+  return client::kAnswered;
 }
 
 /// Adds the command that the line names. If it names none of them, adds all: for the help, and for
@@ -88,7 +115,7 @@ client::ExitStatus run(int argc, char** argv) {
   program.set_version_flag("-V,--version", std::string("proxymanagerctl ") + PROXYMANAGER_VERSION);
   program.require_subcommand(1);
   program.footer(std::string(kFooter) + client::statusHelp());
-  auto line = client::splitCommandLine(argc, argv);
+  const auto line = client::splitCommandLine(argc, argv);
   const bool isNamed = addCommands(program, action, line);
   auto status = client::kAnswered;
   if (line.own.empty()) {
@@ -96,20 +123,17 @@ client::ExitStatus run(int argc, char** argv) {
     client::finishOutput();
     return client::kUsage;
   }
-  // The parser has no objection to an unknown command before --help.
-  if (!isNamed && !line.own.front().starts_with('-')) {
-    client::complain("there is no command \"" + line.own.front() + '"');
-    client::complain("see " + program.get_name() + " --help");
-    return client::kUsage;
-  }
+  if (!isNamed && !line.own.front().starts_with('-')) return noCommand(program, line.own.front());
   try {
-    std::reverse(line.own.begin(), line.own.end());  // as the parser wants it
-    program.parse(line.own);
+    // The parser wants the last word first.
+    program.parse(std::vector<std::string>(line.own.rbegin(), line.own.rend()));
     status = action();
   } catch (const CLI::Success& asked) {
-    program.exit(asked);  // the help or the version
+    return show(program, asked, line);
   } catch (const CLI::ParseError& error) {
-    return wrongUsage(program, error);
+    const auto& command = namedCommand(program);
+    const auto unknown = unknownCommand(command);
+    return unknown.empty() ? wrongUsage(command, error.what()) : noCommand(command, unknown);
   }
   client::finishOutput();
   return status;

@@ -140,5 +140,13 @@ def test_the_help_comes_by_any_of_its_usual_names(ctl):
         assert (result.status, result.output) == (USAGE, "")
         assert result.errors == ('proxymanagerctl: there is no command "nonsense"\n'
                                  "proxymanagerctl: see proxymanagerctl --help\n")
+    for arguments, group in ((["help", "pac", "nonsense"], "pac"), (["help", "relay", "nonsense"], "relay"),
+                             (["pvd", "nonsense", "--help"], "pvd"), (["help", "get", "nonsense"], "get"),
+                             (["help", "pac", "eval", "nonsense"], "pac eval")):
+        result = ctl(*arguments)
+        assert (result.status, result.output) == (USAGE, "")
+        assert result.errors == ('proxymanagerctl: there is no command "nonsense"\n'
+                                 f"proxymanagerctl: see proxymanagerctl {group} --help\n")
+    assert ctl("pac", "eval", "script", "--help").output == ctl("help", "pac", "eval").output
     result = ctl("--json", "relay", "status")
     assert result.status == USAGE and 'there is no command "status"' in result.errors

@@ -32,6 +32,21 @@ def test_wait_ends_when_the_daemon_is_configured(ctl, bus, build, syslog):
         daemon.kill()
 
 
+def test_wait_tells_mode_off_from_no_configuration_if_it_has_the_time(ctl, bus, build, syslog):
+    waiting = ctl.start("wait", "--configured", "--timeout", "4")  # two announcements
+    daemon = Daemon(build)
+    try:
+        no_configuration = ("proxymanagerctl: proxymanagerd has no configuration after 4 s; "
+                            '"proxymanagerctl status" shows what it has\n')
+        assert waiting.end() == (TRY_AGAIN, no_configuration)
+        assert ctl("off").status == ANSWERED
+        assert said(ctl("wait", "--configured", "--timeout", "0.5")) == (
+            TRY_AGAIN, "proxymanagerd is in mode off after 0.5 s, but it is not known whether a program "
+                       "has set this mode: without systemd, that takes 5 s")
+    finally:
+        daemon.kill()
+
+
 def test_wait_ends_when_the_script_answers(ctl, client, web):
     client.update("manual", "p:1")
     status, text = said(ctl("wait", "--script", "--timeout", "0.5"))

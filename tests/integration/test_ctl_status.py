@@ -35,10 +35,10 @@ def test_status_of_a_daemon_that_waits_for_its_first_configuration(ctl, daemon):
     assert ctl("status", "--json").json == {
         "running": True, "process": daemon.pid, "user": "root", "answers": True, "waiting": False,
         "mode": "off", "proxyurl": None, "pacurl": None, "userName": None, "password": None,
-        "updated": None, "walked": None, "walk": None, "pacfile": pacfile,
+        "updated": None, "walked": None, "walk": None, "walking": None, "pacfile": pacfile,
         "relay": {"default": False, "installed": None, "enabled": None, "active": None},
         "unknown": {"relay": NO_SYSTEMD,
-                    **dict.fromkeys(("updated", "walked"), "the daemon runs without systemd")}}
+                    **dict.fromkeys(("updated", "walked", "walking"), "the daemon runs without systemd")}}
 
 
 def test_status_has_the_pac_files_age_and_digest(ctl, client, web):
@@ -159,8 +159,14 @@ def test_systemd_and_status_show_the_last_walk_and_the_last_update(ctl, build, s
         with Client() as client:
             with socket.create_server(("127.0.0.1", 0)) as silent:  # an update is shown during its walk
                 client.update("pacurl", pacurl="http://127.0.0.1:%d/" % silent.getsockname()[1])
-                systemd.wait_for(re.compile(rf"mode pacurl, updated {TIME}; no script; no walk").fullmatch,
-                                 "the update is reported before the walk ends")
+                systemd.wait_for(re.compile(rf"mode pacurl, updated {TIME}; no script; "
+                                            rf"walking since {TIME}").fullmatch,
+                                 "the update and the walk are reported before the walk ends")
+                table = rows(ctl("status").output)
+                assert re.fullmatch(rf"in progress since {AGO}", table["walk"])
+                assert table["last walk"] == "none since its start"
+                assert table["get"] == "no answer for any URL until the walk has fetched a script"
+                assert ctl("status", "--json").json["walking"] is True
             client.update("pacurl", pacurl=url)
             line = systemd.wait_for(lambda line: ": script from" in line, "the walk is reported")
             assert re.fullmatch(rf"mode pacurl, updated {TIME}; script of {TIME}; last walk {TIME}: "
@@ -168,10 +174,10 @@ def test_systemd_and_status_show_the_last_walk_and_the_last_update(ctl, build, s
             table = rows(ctl("status").output)
             assert re.fullmatch(AGO, table["updated"])
             assert re.fullmatch(rf"{AGO}: script from {host}", table["last walk"])
-            assert table["PAC file"] == PAC_FILE
+            assert table["PAC file"] == PAC_FILE and "walk" not in table
             found = ctl("status", "--json").json
             assert re.fullmatch(TIME, found["updated"]) and re.fullmatch(TIME, found["walked"])
-            assert found["walk"] == f"script from {host}"
+            assert found["walk"] == f"script from {host}" and found["walking"] is False
             assert not found["unknown"].keys() & {"updated", "walked"}
             # The file of an earlier update is all that there is after a walk that failed.
             os.utime(PAC_FILE, (os.stat(PAC_FILE).st_mtime - 60,) * 2)
@@ -195,3 +201,16 @@ def test_systemd_and_status_show_the_last_walk_and_the_last_update(ctl, build, s
         assert unknown["updated"] == unknown["walked"] == "systemd has another status: another's"
     finally:
         daemon.close()
+
+
+def test_status_sees_a_download_without_systemd(ctl, client, daemon):
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        client.update("pacurl", pacurl="http://127.0.0.1:%d/" % silent.getsockname()[1])
+        connection, _ = silent.accept()
+        table = rows(ctl("status").output)
+        assert table["walk"] == "in progress"
+        assert table["get"] == "no answer for any URL until the walk has fetched a script"
+        assert ctl("status", "--json").json["walking"] is True
+        os.chown(f"{PAC_FILE}.tmp", 65534, 65534)  # anybody may make a file of this name
+        assert "walk" not in rows(ctl("status").output)
+        connection.close()

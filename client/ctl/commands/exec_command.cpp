@@ -122,14 +122,8 @@ ExitStatus run(const ExecArguments& arguments, std::vector<std::string> command)
                 "cannot run " + command.front() + ": " + std::generic_category().message(error));
 }
 
-/// "help COMMAND" becomes "COMMAND --help". --json and --timeout before the command move behind it.
+/// --json and --timeout before the command move behind it.
 void moveBehindCommand(std::vector<std::string>& own) {
-  if (own.empty()) return;
-  if (own.front() == "help") {
-    own.erase(own.begin());
-    own.emplace_back("--help");
-    return;
-  }
   auto command = own.begin();
   while (command != own.end() && (*command == "--json" || command->starts_with("--timeout"))) {
     command += *command == "--timeout" && own.end() - command > 1 ? 2 : 1;
@@ -144,6 +138,12 @@ void moveBehindCommand(std::vector<std::string>& own) {
 CommandLine splitCommandLine(int argc, const char* const* argv) {
   CommandLine line;
   line.own.assign(argv + std::min(argc, 1), argv + argc);
+  line.isHelp = !line.own.empty() && line.own.front() == "help";
+  if (line.isHelp) {
+    line.own.erase(line.own.begin());
+    line.own.emplace_back("--help");
+    return line;
+  }
   moveBehindCommand(line.own);
   if (line.own.empty() || line.own.front() != kName) return line;
   const auto mark = std::find(line.own.begin(), line.own.end(), "--");

@@ -9,6 +9,7 @@
 #include "client/ctl/commands/status_command.h"
 
 #include <pwd.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -54,6 +55,8 @@ constexpr const char* kStatusFooter = R"(Output:
     process, user                    of the daemon
     mode, proxyurl, pacurl, userName, password
     updated, walked                  times
+    walking                          whether a walk is in progress: true, false
+                                     or null
     walk                             the result of the last walk
     pacfile   an object: path, exists, bytes, fetched, age (in seconds), sha256,
               loads and refusal
@@ -109,6 +112,7 @@ struct Status {
   Fact userName;
   Fact password;
   Known<base::DaemonStatus> reported;  ///< to systemd
+  Known<bool> walking;
   PacFileState pac;
   RelayState relay;
   /// Why the script of the file is refused; empty if it loads. No value without a file.
@@ -180,6 +184,15 @@ Known<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon) {
   return {std::move(reported), {}};
 }
 
+/// Without systemd, only a file shows a walk: the download writes it, and its end removes it.
+Known<bool> isWalking(const Owner& daemon, const Known<base::DaemonStatus>& reported) {
+  if (reported.value) return {reported.value->walking != 0, {}};
+  struct stat status {};
+  const bool isThere = lstat(base::kPacDownload, &status) == 0 && S_ISREG(status.st_mode);
+  if (isThere && daemon.user && status.st_uid == *daemon.user) return {true, {}};
+  return {std::nullopt, reported.unknown};
+}
+
 Status learn(const CallOptions& options) {
   Status status;
   status.pac = lookAtPacFile(base::kPacFile);
@@ -187,6 +200,7 @@ Status learn(const CallOptions& options) {
   status.relay.isDefault = isRelayDefault();
   setUnknown(status, kNobody);
   status.reported.unknown = kNobody;
+  status.walking.unknown = kNobody;
   status.answers.unknown = kNobody;
   status.waiting.unknown = kNobody;
   try {
@@ -201,6 +215,7 @@ Status learn(const CallOptions& options) {
       return status;
     }
     status.reported = reportedBy(bus, *status.owner);
+    status.walking = isWalking(*status.owner, status.reported);
     status.answers.value = false;
     learnFromDaemon(bus, status, options.limit);
   } catch (const Failure& failure) {
@@ -209,6 +224,7 @@ Status learn(const CallOptions& options) {
     if (!status.running.value) {
       status.running.unknown = failure.what();
       status.reported.unknown = failure.what();
+      status.walking.unknown = failure.what();
     }
     setUnknown(status, failure.what());
     const bool asked = status.running.value && failure.status() != kDenied;
@@ -324,9 +340,12 @@ bool mayAnswer(const Status& status) {
 /// What the mode means for the answers that programs get.
 void addMeaning(Table& table, const Status& status) {
   if (status.mode.value != "pacurl" && status.mode.value != "wpad") return;
-  if (!status.pac.file) {
+  const bool isOurs = status.pac.file && mayAnswer(status);
+  if (!isOurs && status.walking.value == true) {
+    table.add("get", "no answer for any URL until the walk has fetched a script", Tone::kBad);
+  } else if (!status.pac.file) {
     table.add("get", "no answer for any URL: no script was fetched", Tone::kBad);
-  } else if (status.refusal->empty() && !mayAnswer(status)) {
+  } else if (status.refusal->empty() && !isOurs) {
     table.add(
         "get",
         "no answer for any URL: this daemon has fetched no script; the file is of an earlier one",
@@ -360,6 +379,11 @@ void addReported(Table& table, const Known<base::DaemonStatus>& reported) {
   }
 }
 
+void addWalk(Table& table, const std::optional<base::DaemonStatus>& reported) {
+  const auto since = reported ? " since " + shownWithAge(reported->walking * 1'000'000) : "";
+  table.add("walk", "in progress" + since);
+}
+
 void addConfiguration(Table& table, const Status& status) {
   if (!status.waiting.value) {
     table.addUnknown("configured", status.waiting.unknown);
@@ -374,6 +398,7 @@ void addConfiguration(Table& table, const Status& status) {
   table.add("user", status.userName);
   table.add("password", status.password);
   addReported(table, status.reported);
+  if (status.walking.value == true) addWalk(table, status.reported.value);
   addMeaning(table, status);
 }
 
@@ -440,6 +465,7 @@ Json jsonOf(const Status& status) {
   object["walk"] =
       reported.value && reported.value->walked != 0 ? Json(reported.value->result) : Json();
   if (!reported.value) unknown["updated"] = unknown["walked"] = reported.unknown;
+  add("walking", status.walking);
   object["pacfile"] = jsonOf(status.pac, status.refusal);
   if (status.pac.isThere && !status.pac.file) unknown["pacfile"] = status.pac.problem;
   object["relay"] = relayJson(status.relay);

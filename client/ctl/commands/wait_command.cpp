@@ -26,6 +26,10 @@ using Clock = std::chrono::steady_clock;
 constexpr const char* kWaitFooter =
     R"(Waits also for a message bus and a daemon that do not run yet, and starts none.
 --configured waits until the daemon has got a configuration since its start.
+Without systemd, to tell mode off from "no configuration yet" takes 5 seconds:
+a daemon without a configuration announces itself every 2 seconds. If less time
+is left, the result is not known: the exit status is 75, and the message has
+the reason.
 --script waits until the mode is pacurl or wpad and the script answers for
 http://localhost/, or until the daemon has fetched a script since its start and
 the script loads.
@@ -66,13 +70,24 @@ std::optional<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon
   return line ? base::parseDaemonStatus(*line) : std::nullopt;
 }
 
-bool isConfigured(DaemonBus& bus, const Owner& daemon, Clock::time_point end) {
-  if (const auto reported = reportedBy(bus, daemon)) return reported->updated != 0;
+/// What one look at the daemon shows.
+struct Look {
+  bool isReady = false;
+  /// The daemon is in mode off, and was silent for less than kListenTime.
+  bool isUnclear = false;
+  std::optional<Clock::time_point> announced;  ///< when it last had no configuration
+};
+
+Look lookForConfiguration(DaemonBus& bus, const Owner& daemon, Clock::time_point end,
+                          const Look& before) {
+  if (const auto reported = reportedBy(bus, daemon)) return {reported->updated != 0, false, {}};
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message*) { announced = true; });
-  if (bus.ask("http://localhost/").mode != "off") return true;
-  const auto listened = std::min<std::chrono::microseconds>(kListenTime, timeLeft(end));
-  return !bus.waitFor([&] { return announced; }, listened) && listened == kListenTime;
+  if (bus.ask("http://localhost/").mode != "off") return {true, false, {}};
+  const auto listen = std::min<std::chrono::microseconds>(kListenTime, timeLeft(end));
+  if (bus.waitFor([&] { return announced; }, listen)) return {false, false, Clock::now()};
+  const bool isSilent = !before.announced || Clock::now() - *before.announced >= kListenTime;
+  return {listen == kListenTime, isSilent, before.announced};
 }
 
 /// Whether this daemon has fetched the script in the PAC file, and not an earlier daemon.
@@ -91,32 +106,41 @@ bool hasScript(DaemonBus& bus, const Owner& daemon) {
   return hasFetched(bus, daemon) && refusalOf(base::kPacFile).empty();
 }
 
-/// @return whether the expected state is reached; also false if there is no daemon or no bus yet
-bool look(const WaitArguments& arguments, Clock::time_point end) {
+/// @return not ready if there is no daemon or no bus yet
+Look look(const WaitArguments& arguments, Clock::time_point end, const Look& before) {
   try {
     DaemonBus bus(timeLeft(end));
     bus.startDaemon(false);
     const auto daemon = bus.owner();
-    if (!daemon) return false;
-    return arguments.script ? hasScript(bus, *daemon) : isConfigured(bus, *daemon, end);
+    if (!daemon) return {};
+    if (arguments.script) return {hasScript(bus, *daemon), false, {}};
+    return lookForConfiguration(bus, *daemon, end, before);
   } catch (const Failure& failure) {
     if (failure.status() != kUnavailable && failure.status() != kTryAgain) throw;
-    return false;
+    return failure.status() == kTryAgain ? before : Look();
   }
+}
+
+std::string whyNotReady(const WaitArguments& arguments, const Look& last) {
+  const auto limit = secondsText(arguments.call.limit);
+  if (last.isUnclear) {
+    return "proxymanagerd is in mode off after " + limit +
+           ", but it is not known whether a program has set this mode: without systemd, that takes " +
+           secondsText(kListenTime);
+  }
+  return std::string("proxymanagerd has no ") + (arguments.script ? "script" : "configuration") +
+         " after " + limit + "; \"proxymanagerctl status\" shows what it has";
 }
 
 ExitStatus wait(const WaitArguments& arguments) {
   const auto end = Clock::now() + arguments.call.limit;
-  while (!look(arguments, end)) {
-    if (Clock::now() >= end) {
-      throw Failure(kTryAgain, std::string("proxymanagerd has no ") +
-                                   (arguments.script ? "script" : "configuration") + " after " +
-                                   secondsText(arguments.call.limit) +
-                                   "; \"proxymanagerctl status\" shows what it has");
-    }
+  Look seen;
+  for (;;) {
+    seen = look(arguments, end, seen);
+    if (seen.isReady) return kAnswered;
+    if (Clock::now() >= end) throw Failure(kTryAgain, whyNotReady(arguments, seen));
     std::this_thread::sleep_for(std::min<std::chrono::microseconds>(kPause, timeLeft(end)));
   }
-  return kAnswered;
 }
 
 }  // namespace
