@@ -1,7 +1,6 @@
 #include "settings/script_server.h"
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "base/log_line.h"
+#include "base/open_folder.h"
 
 namespace settings {
 
@@ -24,10 +24,6 @@ namespace {
 
 constexpr std::string_view kSuffix = ".pac";
 constexpr std::size_t kDigits = 16;
-
-struct FolderCloser {
-  void operator()(DIR* folder) const { closedir(folder); }
-};
 
 [[noreturn]] void fail(const char* what) {
   throw std::system_error(errno, std::generic_category(), what);
@@ -163,7 +159,7 @@ std::string ScriptServer::publish(std::string_view script) {
 }
 
 void ScriptServer::removeAllBut(std::string_view name) const {
-  const std::unique_ptr<DIR, FolderCloser> folder(opendir(mFolder.c_str()));
+  const base::OpenFolder folder(opendir(mFolder.c_str()));
   if (!folder) return;
   while (const dirent* entry = readdir(folder.get())) {
     const std::string_view found = entry->d_name;

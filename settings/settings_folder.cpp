@@ -1,14 +1,13 @@
 #include "settings/settings_folder.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <optional>
 
+#include "base/open_folder.h"
 #include "base/small_file.h"
 #include "base/visible.h"
 #include "base/wipe.h"
@@ -18,10 +17,6 @@
 namespace settings {
 
 namespace {
-
-struct FolderCloser {
-  void operator()(DIR* folder) const { closedir(folder); }
-};
 
 std::string shown(const std::string& path, unsigned line, const std::string& text) {
   std::string result = path;
@@ -54,7 +49,7 @@ std::string reasonOf(const base::FileFailure& failure) {
 /// The names in `folder` that end in ".conf", sorted.
 std::vector<std::string> confFiles(const std::string& folder, FolderSettings& result) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, FolderCloser> open(opendir(folder.c_str()));
+  const base::OpenFolder open(opendir(folder.c_str()));
   if (!open) {
     if (errno != ENOENT) {
       complain(result, folder, 0, std::string("cannot be read: ") + std::strerror(errno));
