@@ -1,6 +1,7 @@
 """proxymanager-relay with a real daemon: requests of each kind, in each mode, and failing proxies."""
 
 import contextlib
+import itertools
 import json
 import re
 import socket
@@ -13,8 +14,8 @@ from support import own_network as network
 from support.bus import LIMIT, Client, wait_until
 from support.daemon import Daemon, make_watched_files
 from support.relay import Relay
-from support.relay_peers import (Proxy, Server, SocksProxy, read_all, read_exactly, read_head,
-                                 status)
+from support.relay_peers import (DeadProxy, Proxy, Server, SocksProxy, read_all, read_exactly,
+                                 read_head, status)
 from support.relay_requests import HOST, answers, get, through_tunnel, tunnel
 from support.syslog_socket import INFO, WARNING
 from support.systemd import Systemd
@@ -96,28 +97,23 @@ def test_a_failed_proxy_at_each_position_is_passed_over_and_the_next_request_doe
     relay.configure('connect-time = "2s"\n')
     relay.start()
     # The GET must not reach the bad one. The silent one closes then: silence would have no limit.
-    for make in (None, lambda: Proxy("silent", ""), lambda: Proxy("", ""),
-                 lambda: Proxy("reset", "reset"), lambda: Proxy("220 smtp\r\n\r\n", "220 smtp\r\n\r\n")):
-        for position in (0, 1):
-            with contextlib.ExitStack() as stack:
-                good = stack.enter_context(contextlib.closing(Proxy()))
-                with socket.create_server(("127.0.0.1", 0)) as free:
-                    dead_port = free.getsockname()[1]
-                bad = stack.enter_context(contextlib.closing(make())) if make else None
-                bad_entry = bad.entry if bad else f"PROXY 127.0.0.1:{dead_port}"
-                with socket.create_server(("127.0.0.1", 0)) as free:
-                    other_dead = f"PROXY 127.0.0.1:{free.getsockname()[1]}"
-                entries = [other_dead] * position + [bad_entry, good.entry]
-                answers(client, web, "; ".join(entries))
-                assert through_tunnel(relay, origin.port)[0] == 200
-                assert len(good.heads) == 1
-                tried = bad.connections if bad else 0
-                assert through_tunnel(relay, origin.port)[0] == 200
-                assert (bad.connections if bad else 0) == tried, "a proxy in penalty was tried first"
-                status, answer = get(relay, f"http://{HOST}:{origin.port}/")
-                assert status == 200, answer
-                assert len(good.heads) == 3
-                assert (bad.connections if bad else 0) == tried, "a proxy in penalty was tried first"
+    kinds = (DeadProxy, lambda: Proxy("silent", ""), lambda: Proxy("", ""),
+             lambda: Proxy("reset", "reset"), lambda: Proxy("220 smtp\r\n\r\n", "220 smtp\r\n\r\n"))
+    # All keep their ports to the end: the relay would try a good proxy last at the port of a failed one.
+    with contextlib.ExitStack() as stack:
+        for make, position in itertools.product(kinds, (0, 1)):
+            good, bad, other = (stack.enter_context(contextlib.closing(one()))
+                                for one in (Proxy, make, DeadProxy))
+            answers(client, web, "; ".join([other.entry] * position + [bad.entry, good.entry]))
+            assert through_tunnel(relay, origin.port)[0] == 200
+            assert len(good.heads) == 1
+            tried = bad.connections
+            assert through_tunnel(relay, origin.port)[0] == 200
+            assert bad.connections == tried, "a proxy in penalty was tried first"
+            status, answer = get(relay, f"http://{HOST}:{origin.port}/")
+            assert status == 200, answer
+            assert len(good.heads) == 3
+            assert bad.connections == tried, "a proxy in penalty was tried first"
 
 
 def test_bytes_that_come_with_a_proxys_answer_to_connect_belong_to_the_tunnel(
@@ -134,8 +130,10 @@ def test_bytes_that_come_with_a_proxys_answer_to_connect_belong_to_the_tunnel(
 def test_a_proxy_that_breaks_a_request_in_absolute_form_is_passed_over(
         relay, origin, daemon, client, web):
     relay.start()
-    for bad_answer in ("", "reset", "rubbish\r\n\r\n"):
-        with contextlib.closing(Proxy(get=bad_answer)) as bad, contextlib.closing(Proxy()) as good:
+    with contextlib.ExitStack() as stack:  # to the end, for their ports
+        for bad_answer in ("", "reset", "rubbish\r\n\r\n"):
+            bad = stack.enter_context(contextlib.closing(Proxy(get=bad_answer)))
+            good = stack.enter_context(contextlib.closing(Proxy()))
             answers(client, web, f"{bad.entry}; {good.entry}")
             assert get(relay, f"http://{HOST}:{origin.port}/")[0] == 200
             assert get(relay, f"http://{HOST}:{origin.port}/")[0] == 200

@@ -15,8 +15,8 @@ import pytest
 
 from support import own_network as network
 from support.bus import LIMIT, wait_until
-from support.relay_peers import (Proxy, Server, SocksProxy, read_all, read_exactly, read_head,
-                                 reset, status)
+from support.relay_peers import (DeadProxy, Proxy, Server, SocksProxy, read_all, read_exactly,
+                                 read_head, reset, status)
 from support.relay_requests import (HOST, answers, as_user, get, metric, page, through_tunnel,
                                     tunnel)
 from support.syslog_socket import INFO
@@ -96,10 +96,9 @@ def test_an_answer_that_the_relay_refuses_is_a_502_of_its_own_and_no_fault_of_th
 def test_a_dead_and_a_silent_proxy_are_passed_over_and_the_next_request_does_not_pay_again(
         relay, origin, daemon, client, web, position):
     relay.configure('connect-time = "1s"\n')
-    with contextlib.closing(Proxy("silent", "silent")) as silent, contextlib.closing(Proxy()) as good:
-        with socket.create_server(("127.0.0.1", 0)) as free:
-            dead = f"PROXY 127.0.0.1:{free.getsockname()[1]}"
-        bad = [dead, silent.entry] if position else [silent.entry, dead]
+    with contextlib.closing(Proxy("silent", "silent")) as silent, \
+            contextlib.closing(Proxy()) as good, contextlib.closing(DeadProxy()) as dead:
+        bad = [dead.entry, silent.entry] if position else [silent.entry, dead.entry]
         answers(client, web, "; ".join([*bad, good.entry]))
         relay.start()
         assert through_tunnel(relay, origin.port)[0] == 200

@@ -173,6 +173,19 @@ class Proxy:
                 connection.sendall(read_exactly(server, length))
 
 
+class DeadProxy:
+    """Nobody listens at its port, and nobody else gets the port before close()."""
+
+    connections = 0
+
+    def __init__(self):
+        self._socket = socket.socket()
+        self._socket.bind(("127.0.0.1", 0))
+        self.port = self._socket.getsockname()[1]
+        self.entry = f"PROXY 127.0.0.1:{self.port}"
+        self.close = self._socket.close
+
+
 def status(code, text="No", fields=""):
     return f"HTTP/1.1 {code} {text}\r\n{fields}Content-Length: 0\r\n\r\n"
 
