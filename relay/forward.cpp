@@ -193,15 +193,9 @@ Task<void> Session::sendBody(const RequestHead& request) {
   }
   mIsBodySent = isSent && body.isComplete();
   std::string().swap(out);
+  // A connection that takes no more bytes has ended: answer() reads what came before its end.
   Event never(mContext.loop);
-  if (!isSent) co_await never.wait(kAnswerAfterBrokenBody);
-  const auto cancellation = co_await asio::this_coro::cancellation_state;
-  if (cancellation.cancelled() != asio::cancellation_type::none) co_return;
-  if (isSent || mHasServerByte) {
-    co_await never.wait(kForever);
-  } else {
-    co_await respond(502, "the connection broke while the body was sent\n");
-  }
+  co_await never.wait(kForever);
 }
 
 /// What follows if the relay has no head of an answer to forward. A proxy may pass on what a server

@@ -22,8 +22,6 @@ namespace relay {
 /// How long a body waits for the proxy's 100 or 407, if the proxy may want a password. Servers are
 /// not required to send a 100 (RFC 9110, 10.1.1). Other clients wait as long.
 inline constexpr std::chrono::seconds kAnswerBeforeBody{1};
-/// How long the relay waits for an answer after a part of the body could not be sent.
-inline constexpr std::chrono::seconds kAnswerAfterBrokenBody{10};
 /// How often the relay checks whether a client that waits for an answer is still there.
 inline constexpr std::chrono::seconds kClientCheck{2};
 /// Number of reads or requests of one connection, without a wait in between, before other

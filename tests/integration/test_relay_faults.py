@@ -108,6 +108,36 @@ def test_a_dead_and_a_silent_proxy_are_passed_over_and_the_next_request_does_not
         assert len(good.heads) == 3 and silent.connections == tried == 1
 
 
+# --- Servers that refuse a body ---
+
+EARLY = b"HTTP/1.1 413 Large\r\nContent-Length: 4\r\n\r\nlate"
+
+
+@pytest.mark.parametrize("early, code", [(b"", 502), (EARLY, 413)], ids=["silence", "413"])
+def test_a_server_that_ends_during_a_body_has_answered_or_failed(relay, bus, early, code):
+    def handle(connection):
+        read_head(connection)
+        read_exactly(connection, 1 << 17)
+        connection.sendall(early)
+        reset(connection)
+
+    def upload(connection):
+        with contextlib.suppress(OSError):
+            connection.sendall(bytes(1 << 24))
+
+    network.hosts(HOST)
+    with contextlib.closing(Server(handle)) as server:
+        relay.start()
+        with relay.connect() as connection:
+            connection.sendall(f"PUT http://{HOST}:{server.port}/ HTTP/1.1\r\nHost: x\r\n"
+                               f"Content-Length: {1 << 24}\r\n\r\n".encode())
+            sending = threading.Thread(target=upload, args=(connection,))
+            sending.start()
+            answer = read_all(connection)
+            sending.join(LIMIT)
+    assert answer.startswith(b"HTTP/1.1 %d " % code) and answer.endswith(early[-4:])
+
+
 # --- HTTPS proxies ---
 
 @pytest.fixture
