@@ -2,10 +2,10 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 
 /* The value in the first of the two spellings that is set. An empty value hides the other one. */
 static const char* variable(const char* lower, const char* upper) {
@@ -18,9 +18,19 @@ static const char* http_variable(void) {
   return variable("http_proxy", "HTTP_PROXY");
 }
 
+static char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? (char)(c - 'A' + 'a') : c;
+}
+
+int px_equal_ignoring_case(const char* a, const char* b, size_t most) {
+  size_t i = 0;
+  while (i < most && a[i] != '\0' && lower(a[i]) == lower(b[i])) i++;
+  return i == most || lower(a[i]) == lower(b[i]);
+}
+
 static int has_scheme(const char* url, const char* scheme) {
   const size_t length = strlen(scheme);
-  return strncasecmp(url, scheme, length) == 0 && strncmp(url + length, "://", 3) == 0;
+  return px_equal_ignoring_case(url, scheme, length) && strncmp(url + length, "://", 3) == 0;
 }
 
 static const char* proxy_variable(const char* url) {
@@ -112,7 +122,7 @@ static int is_in_range(const char* host, char* range) {
 
 static int ends_with(const char* host, const char* end) {
   const size_t length = strlen(host), of_end = strlen(end);
-  return length >= of_end && strcasecmp(host + length - of_end, end) == 0;
+  return length >= of_end && px_equal_ignoring_case(host + length - of_end, end, SIZE_MAX);
 }
 
 /* @param pattern one element of no_proxy; the function changes it */
@@ -122,7 +132,7 @@ static int excepts(char* pattern, const Place* asked) {
   if (strchr(pattern, '/') != NULL) return is_in_range(asked->host, pattern);
   const Place place = place_of(pattern);
   if (place.port != 0 && place.port != asked->port) return 0;
-  if (strcasecmp(asked->host, place.host) == 0) return 1;
+  if (px_equal_ignoring_case(asked->host, place.host, SIZE_MAX)) return 1;
   if (*place.host == '*') return ends_with(asked->host, place.host + 1);
   if (*place.host == '.') return ends_with(asked->host, place.host);
   return is_in_range(asked->host, place.host);

@@ -2,6 +2,8 @@
 #ifndef PROXYMANAGER_CLIENT_LIBPROXY_ENVIRONMENT_H
 #define PROXYMANAGER_CLIENT_LIBPROXY_ENVIRONMENT_H
 
+#include <stddef.h>
+
 /** Reads https_proxy or ftp_proxy for URLs of these schemes. It reads http_proxy for all other
  * URLs, and for these schemes if their own variable is not set. It looks for each variable in lower
  * case, then in upper case. no_proxy (NO_PROXY) is a list that is separated by commas:
@@ -16,5 +18,9 @@
  * @return the value, with "http://" added if it has no scheme, for free(); null if there is no
  * proxy for this URL, or if memory is exhausted */
 char* px_environment_proxy(const char* url);
+
+/** Whether the first `most` characters of two texts are equal if the case of ASCII letters is
+ * ignored, or the whole texts if they are shorter. The program's locale has no effect. */
+int px_equal_ignoring_case(const char* a, const char* b, size_t most);
 
 #endif

@@ -8,7 +8,6 @@
  */
 #include "client/libproxy/libproxy.h"
 
-#include <ctype.h>
 #include <dlfcn.h>
 #include <proxymanager/client.h>
 #include <pthread.h>
@@ -17,7 +16,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 
 #include "client/libproxy/environment.h"
 
@@ -78,7 +76,8 @@ static proxymanager_status ask(const char* url, proxymanager_answer** answer) {
 /* Whether the entry names SOCKS without a version, as scripts do. */
 static int names_no_version(const char* text) {
   text += strspn(text, " \t");
-  return strncasecmp(text, "socks", 5) == 0 && isalnum((unsigned char)text[5]) == 0;
+  if (!px_equal_ignoring_case(text, "socks", 5)) return 0;
+  return strspn(text + 5, "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") == 0;
 }
 
 /* The scheme that programs know for such a proxy. Null if programs cannot use it. They know only
@@ -161,7 +160,9 @@ static char** only(char* text) {
 static char** proxies_of_environment(const char* url) {
   char* const proxy = px_environment_proxy(url);
   if (proxy == NULL) return NULL;
-  if (strncasecmp(proxy, "pac+", 4) != 0 && strncasecmp(proxy, "wpad:", 5) != 0) return only(proxy);
+  if (!px_equal_ignoring_case(proxy, "pac+", 4) && !px_equal_ignoring_case(proxy, "wpad:", 5)) {
+    return only(proxy);
+  }
   debug("\"%s\" in the environment is not evaluated: the daemon runs scripts", proxy);
   free(proxy);
   return NULL;

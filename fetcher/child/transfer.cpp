@@ -1,12 +1,11 @@
 #include "fetcher/child/transfer.h"
 
-#include <strings.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <string>
 
+#include "base/ascii.h"
 #include "fetcher/child/bounded_stream.h"
 
 namespace fetch_child {
@@ -37,8 +36,8 @@ bool mayBeFetched(const std::string& url) {
   char* text = nullptr;
   curl_url_get(parts.get(), CURLUPART_SCHEME, &text, 0);
   const CurlText scheme(text);
-  return scheme &&
-         (strcasecmp(scheme.get(), "http") == 0 || strcasecmp(scheme.get(), "https") == 0);
+  return scheme && (base::equalIgnoringCase(scheme.get(), "http") ||
+                    base::equalIgnoringCase(scheme.get(), "https"));
 }
 
 void setOptions(CURL* handle, const fetcher::FetchRequest& request, std::FILE* file) {

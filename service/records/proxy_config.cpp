@@ -1,11 +1,10 @@
 #include "service/records/proxy_config.h"
 
-#include <strings.h>
-
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
+#include "base/ascii.h"
 #include "base/log_line.h"
 #include "base/wipe.h"
 
@@ -87,10 +86,10 @@ void cleanupProxySetting(ProxyUrlSetting* setting) {
 ProxyMode str2ProxyMode(const char* text) {
   // The line shows the function's name instead of the text: operators' filters expect that.
   logLine(LOG_INFO, "str2ProxyMode() called mode:str2ProxyMode");
-  if (strcasecmp(text, "off") == 0) return off;
-  if (strcasecmp(text, "manual") == 0) return manual;
-  if (strcasecmp(text, "pacurl") == 0) return pacurl;
-  if (strcasecmp(text, "wpad") == 0) return wpad;
+  if (base::equalIgnoringCase(text, "off")) return off;
+  if (base::equalIgnoringCase(text, "manual")) return manual;
+  if (base::equalIgnoringCase(text, "pacurl")) return pacurl;
+  if (base::equalIgnoringCase(text, "wpad")) return wpad;
   return off;
 }
 
