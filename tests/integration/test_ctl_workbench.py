@@ -103,7 +103,42 @@ function FindProxyForURL(url, host) {
   return pick(host);
 }""", "http://a/")
     assert told["decided"] == {"line": 2, "column": 36, "source": '"PROXY a:1"'}
-    assert [step["type"] for step in told["steps"]] == ["case", "return"] * 2 + ["return"]
+    assert [step["type"] for step in told["steps"]] == ["switch", "case", "return"] * 2 + ["return"]
+
+
+def test_a_switch_shows_its_value_and_which_case_matches(ctl):
+    script = """\
+function find(text) { switch (text) { case "none": return 1; default: return text; } }
+function FindProxyForURL(url, host) {
+  switch (dnsDomainLevels(host)) {
+    case 0: return "DIRECT";
+    case host.length - 6:
+    case find(1) && 3: host = "fallen through";
+    default: return "PROXY more:1";
+  }
+}
+"""
+    def cases(url):
+        steps = [step for step in explained(ctl, script, url)["steps"] if step["at"]["line"] > 1]
+        assert not any("truthy" in step for step in steps if step["type"] in ("switch", "case"))
+        return [(step["at"]["line"], step["value"], step.get("matches"))
+                for step in steps if step["type"] in ("switch", "case")]
+
+    assert cases("http://intranet/") == [(3, "0", None), (4, "0", True)]
+    assert cases("http://aaaa.b/") == [(3, "1", None), (4, "0", False), (5, "0", False), (6, "3", False)]
+    assert cases("http://aaaaa.b/") == [(3, "1", None), (4, "0", False), (5, "1", True)]
+    assert cases("http://a.b.c.d/") == [(3, "3", None), (4, "0", False), (5, "1", False), (6, "3", True)]
+    output = ctl("pac", "explain", write("p.pac", script), "http://aaaaa.b/").output
+    assert without_times(output).partition("decided")[0] == """\
+http://aaaaa.b/
+  host     aaaaa.b
+  line 3   dnsDomainLevels("aaaaa.b") = 1  TIME
+  line 3   1  switch (dnsDomainLevels(host))
+  line 4   case 0: no match
+  line 5   case host.length - 6 = 1: matches
+  line 7   return "PROXY more:1"
+  result   PROXY more:1
+  """
 
 
 @pytest.mark.parametrize("script, line", [

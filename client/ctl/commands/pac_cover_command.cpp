@@ -76,12 +76,14 @@ Json jsonOf(const std::string& file, const InstrumentedScript& script, const Cov
   json["places"] = Json::array();
   for (const auto& total : coverage.places) {
     const auto& place = script.places[total.place];
+    // The truth of a switch's value, or of a case's, means nothing.
+    const bool isSwitch = place.is('w') || place.is('k');
     json["places"].push_back({{"kind", place.kind},
                               {"line", place.line},
                               {"column", place.column},
-                              {"reached", total.reached},
-                              {"true", total.truthy},
-                              {"false", total.falsy}});
+                              {"reached", isSwitch ? total.truthy + total.falsy : total.reached},
+                              {"true", isSwitch ? 0 : total.truthy},
+                              {"false", isSwitch ? 0 : total.falsy}});
   }
   json["notes"] = coverageNotes(script, coverage);
   json["urls"] = Json::array();

@@ -27,6 +27,8 @@ constexpr const char* kPacExplainFooter = R"(Output:
   For each URL the steps that led to its answer, in order:
     line N  the value and the source of a condition, or of an operand of &&, ||
             or ??
+    line N  the value of a switch; then each case that was tried, and whether
+            it matches
     line N  a call of a helper with its arguments, its result and its time
     lookup  a name that the helper looked up, its addresses and the time
     line N  a return, and its value
@@ -170,7 +172,11 @@ class TextReport {
       const bool isLiteral = place.source == event.value;
       mRows.push_back(
           {lineOf(event.place), shownReturn(place) + (isLiteral ? "" : "  = " + event.value)});
-    } else if (place.is('t') || place.is('o') || place.is('k')) {
+    } else if (place.is('w')) {
+      mRows.push_back({lineOf(event.place), event.value + "  switch (" + place.source + ")"});
+    } else if (place.is('k')) {
+      addCase(event, place);
+    } else if (place.is('t') || place.is('o')) {
       const bool isTruth = event.value == "true" || event.value == "false";
       mRows.push_back({lineOf(event.place),
                        (isTruth        ? ""
@@ -179,6 +185,14 @@ class TextReport {
                            event.value + "  " + place.source,
                        event.truthy ? Tone::kGood : Tone::kBad});
     }
+  }
+
+  void addCase(const TracedEvent& event, const Place& place) {
+    const bool isLiteral = place.source == event.value;
+    const auto outcome = !event.matches ? "" : *event.matches ? ": matches" : ": no match";
+    mRows.push_back({lineOf(event.place),
+                     "case " + place.source + (isLiteral ? "" : " = " + event.value) + outcome,
+                     event.matches.value_or(false) ? Tone::kGood : Tone::kBad});
   }
 
   void addEnd() {
@@ -245,13 +259,17 @@ Json stepsJson(const InstrumentedScript& script, const Trace& trace) {
     const char* const type = place.is('r')   ? "return"
                              : place.is('t') ? "condition"
                              : place.is('o') ? "operand"
+                             : place.is('w') ? "switch"
                              : place.is('k') ? "case"
                                              : nullptr;
     if (type == nullptr) continue;
-    steps.push_back({{"type", type},
-                     {"at", placeJson(script, event.place)},
-                     {"value", event.value},
-                     {"truthy", event.truthy}});
+    Json step{{"type", type}, {"at", placeJson(script, event.place)}, {"value", event.value}};
+    if (place.is('k')) {
+      step["matches"] = event.matches ? Json(*event.matches) : Json();
+    } else if (!place.is('w')) {
+      step["truthy"] = event.truthy;
+    }
+    steps.push_back(std::move(step));
   }
   return steps;
 }

@@ -70,6 +70,12 @@ void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::s
   if (found != events.rend()) found->place = place;
 }
 
+/// The test of a case matches if the case is entered as the next event.
+void noteEntry(std::vector<TracedEvent>& events, std::size_t test) {
+  if (!events.empty() && events.back().matches && events.back().place == test)
+    events.back().matches = true;
+}
+
 }  // namespace
 
 // The library would convert a fraction or a negative number to a whole number.
@@ -115,7 +121,12 @@ Trace traceOf(const Json& report, const std::vector<Place>& places) {
   }
   for (const auto& row : report.at("events")) {
     TracedEvent event;
-    if (row.at(0).get<std::string>() == "c") {
+    const auto kind = row.at(0).get<std::string>();
+    if (kind == "e") {
+      noteEntry(trace.events, wholeNumber(row.at(2)));
+      continue;
+    }
+    if (kind == "c") {
       event.call = callOf(row);
     } else {
       event.place = wholeNumber(row.at(1));
@@ -123,10 +134,12 @@ Trace traceOf(const Json& report, const std::vector<Place>& places) {
       event.truthy = row.at(3).get<bool>();
       const auto& place = places.at(*event.place);
       if (place.is('h')) placeCall(trace.events, *event.place, place.source);
+      if (place.is('k')) event.matches = false;
     }
     trace.events.push_back(std::move(event));
   }
   trace.cut = report.at("cut").get<bool>();
+  if (trace.cut && !trace.events.empty()) trace.events.back().matches.reset();
   trace.ownText = report.at("ownText").get<bool>();
   trace.helperCalls = wholeNumber(report.at("helpers").at(0), kMostTimes);
   trace.helperNanoseconds = wholeNumber(report.at("helpers").at(1), kMostNanoseconds);

@@ -72,6 +72,8 @@ struct TracedEvent {
   std::optional<std::size_t> place;  ///< of a call, if the script names the helper there
   std::string value;                 ///< in JavaScript syntax; empty for a call
   bool truthy = false;
+  /// Of the test of a case: whether the case was entered for it. Nothing if the record ends here.
+  std::optional<bool> matches;
   std::optional<TracedCall> call;
 };
 

@@ -2,19 +2,20 @@
 // places.
 //
 // A place is a statement, or an expression whose value decides: a test, an operand of && || ??, the
-// value of a return, a helper call. The source text of a place stays unchanged. No line end is
+// value of a return or a switch, a helper call. The source text of a place stays unchanged. No line end is
 // added, so line numbers stay the same and comments may stand anywhere. The calls of the hook are:
 //   hook(N);          before a statement; a single statement without a block gets a block
 //   hook(N,(value))   around an expression
 //   hook(N),          before the test of an `else if`, which keeps a chain of them flat for the
 //                     engine's own parser
+//   hook(N,0,K);      at the start of a case; K is the place of its test, -1 for `default`
 // The body of a `with` stays unchanged, because the hook's name could mean something else there.
 //
 // Report: { script, names, places, functions, notes, source? }. A place is the array
 //   [kind, line, column, last line, source, function, owner, branch]
-// kind: letters: s statement; t test of an if, ?: or loop; k test of a case; o operand; r return;
-//   h helper call; c entered case; d added to a letter: no URL can reach this place; p added to r:
-//   the return may pass on the result of a call
+// kind: letters: s statement; t test of an if, ?: or loop; w value of a switch; k test of a case;
+//   o operand; r return; h helper call; c entered case; d added to a letter: no URL can reach this
+//   place; p added to r: the return may pass on the result of a call
 // owner: number of the place (t or c) that decides whether this place is reached; -1 if none does
 //   branch: the result of the owner with which this place is reached
 // functions: [name, first line, last line]; the script itself is number 0
@@ -76,7 +77,7 @@ class Instrumenter {
     return number;
   }
 
-  // A test: each operand of && || ?? !, and the whole test.
+  // A test: each operand of && || ?? !, and the whole test. @return the place's number
   test(kind, node, context) {
     if (!isLogical(node)) return this.around(kind, node, context);
     const number = this.place(kind, node, context, true);
@@ -241,12 +242,12 @@ class Instrumenter {
   }
 
   switchStatement(node, context) {
-    this.visit(node.discriminant, context);
+    this.test('w', node.discriminant, context);
     for (const entry of node.cases) {
-      if (entry.test) this.test('k', entry.test, context);
+      const tested = entry.test ? this.test('k', entry.test, context) : -1;
       const owner = this.place('c', entry, context, false);
       const first = entry.consequent[0];
-      this.insert(first ? first.start : entry.end, `${this.name}(${owner});`);
+      this.insert(first ? first.start : entry.end, `${this.name}(${owner},0,${tested});`);
       this.statements(entry.consequent, { ...context, owner, branch: true });
     }
   }

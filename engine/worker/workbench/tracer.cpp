@@ -120,8 +120,11 @@ struct Tracer::Hooks {
     JS_ToUint32(context, &place, arguments[0]);
     Tracer& tracer = tracerOf(context);
     auto* const counts = tracer.countsOf(place);
-    if (count < 2) {
+    if (count != 2) {
       if (counts != nullptr) ++counts->reached;
+      std::int32_t test = -1;
+      if (count > 2) JS_ToInt32(context, &test, arguments[2]);
+      if (test >= 0) tracer.noteEntry(place, test);
       return JS_UNDEFINED;
     }
     const bool truthy = JS_ToBool(context, arguments[1]) > 0;
@@ -131,7 +134,7 @@ struct Tracer::Hooks {
                        quoted(shown(context, arguments[1])) + (truthy ? ",true]" : ",false]"));
     return JS_DupValue(context, arguments[1]);
   } catch (const std::bad_alloc&) {
-    return count < 2 ? JS_UNDEFINED : JS_DupValue(context, arguments[1]);
+    return count != 2 ? JS_UNDEFINED : JS_DupValue(context, arguments[1]);
   }
 
   static JSValue called(JSContext* context, JSValueConst self, int count, JSValueConst* arguments,
@@ -241,6 +244,10 @@ void Tracer::noteEvent(const std::string& json) {
   }
   mEvents += json;
   mEvents += ',';
+}
+
+void Tracer::noteEntry(std::uint32_t place, std::int32_t test) {
+  if (!mCut) noteEvent("[\"e\"," + std::to_string(place) + "," + std::to_string(test) + "]");
 }
 
 void Tracer::noteLookup(std::string_view name, AddressFamily family,

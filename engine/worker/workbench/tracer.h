@@ -1,8 +1,9 @@
 // The workbench in the role of a tracer. It runs an instrumented script, and records what the
 // script reports and each call of a helper.
 //
-// An instrumented script calls one function, the hook: hook(N) before statement N, and hook(N,
-// value) around expression N, which returns the value unchanged. The comment at the start of the
+// An instrumented script calls one function, the hook: hook(N) before statement N, hook(N, value)
+// around expression N, which returns the value unchanged, and hook(N, 0, K) if case N is entered,
+// whose test is expression K. The comment at the start of the
 // script names the hook. The hook is a constant in the script's global scope and no property of the
 // global object, so a script that lists its globals does not see it. Helpers keep their names and
 // lengths, so a script sees no difference.
@@ -60,6 +61,8 @@ class Tracer : public Extension, private PacEnvironment {
 
   Counts* countsOf(std::uint32_t place);
   void noteEvent(const std::string& json);
+  /// Notes that a case was entered. @param test -1 if it has none
+  void noteEntry(std::uint32_t place, std::int32_t test);
   void noteLookup(std::string_view name, AddressFamily family,
                   const std::vector<std::string>& addresses, std::int64_t microseconds);
   void noteHelper(std::chrono::nanoseconds took);

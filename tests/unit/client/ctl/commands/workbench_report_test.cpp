@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -69,6 +71,25 @@ TEST(WorkbenchReport, OfATraceIsRead) {
   EXPECT_EQ(read.counts[0].falsy, 4U);
   EXPECT_EQ(read.helperCalls, 7U);
   EXPECT_EQ(read.helperNanoseconds, 8U);
+}
+
+TEST(WorkbenchReport, OfATraceNamesTheCasesThatMatch) {
+  const std::vector<client::Place> cases(3, client::Place{"k", 1, 1, 1, "a", 0, -1, false});
+  auto report = trace();
+  const auto matches = [&](const char* events) {
+    report["events"] = json::parse(events);
+    std::vector<std::optional<bool>> found;
+    for (const auto& event : client::traceOf(report, cases).events) found.push_back(event.matches);
+    return found;
+  };
+  using Found = std::vector<std::optional<bool>>;
+  EXPECT_EQ(matches(R"([["v",0,"1",true],["v",1,"1",true],["e",2,1]])"), Found({false, true}));
+  EXPECT_EQ(matches(R"([["v",0,"1",true],["e",2,1]])"), Found({false}));
+  EXPECT_EQ(matches(R"([["e",2,1]])"), Found());
+  report["cut"] = true;
+  EXPECT_EQ(matches(R"([["v",0,"1",true],["v",1,"1",true]])"), Found({false, std::nullopt}));
+  for (const char* broken : {R"([["e",2]])", R"([["e",2,-1]])", R"([["e",2,"1"]])"})
+    EXPECT_THROW(matches(broken), std::exception) << broken;
 }
 
 TEST(WorkbenchReport, OfATraceNamesPlacesOfItsScriptAndTimesThatCanBeAdded) {
