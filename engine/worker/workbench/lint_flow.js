@@ -2,7 +2,7 @@
 'use strict';
 
 const completes = Symbol('completes');
-const leaves = Symbol('leaves');
+const jumps = Symbol('jumps');
 
 // Whether the code after the statement can be reached.
 function canComplete(node) {
@@ -29,9 +29,9 @@ function findCompletion(node) {
     case 'WhileStatement':
     case 'ForStatement':
     case 'DoWhileStatement':
-      return !isEndless(node) || leavesBy('BreakStatement', node.body);
+      return !isEndless(node) || jumpsOutOf(node.body).has('break');
     case 'LabeledStatement':
-      return canComplete(node.body) || leavesBy('BreakStatement', node.body);
+      return canComplete(node.body) || jumpsOutOf(node.body).has(`break ${node.label.name}`);
     default:
       return true;
   }
@@ -50,7 +50,7 @@ function canCompleteIf(node) {
 function canCompleteSwitch(node) {
   const { cases } = node;
   if (!cases.some((one) => one.test === null)) return true;
-  if (cases.some((one) => one.consequent.some((inner) => leavesBy('BreakStatement', inner)))) return true;
+  if (cases.some((one) => jumpsOutOf(one).has('break'))) return true;
   return cases.at(-1).consequent.every(canComplete);
 }
 
@@ -59,25 +59,33 @@ function isEndless(loop) {
     (loop.test?.type === 'Literal' && Boolean(loop.test.value));
 }
 
-// Whether a `break` or a `continue` in `root` leaves the statement around it. One with a label also
-// counts, because it may leave it.
-function leavesBy(type, root) {
-  if (root.type === type) return true;
-  root[leaves] ??= {};
-  root[leaves][type] ??= isLeftBy(type, root);
-  return root[leaves][type];
+// The jumps in `root` that leave it: a set of 'break', 'continue', 'break LABEL' and 'continue
+// LABEL'.
+function jumpsOutOf(root) {
+  root[jumps] ??= findJumps(root);
+  return root[jumps];
 }
 
-function isLeftBy(type, root) {
-  if (/^(For|While|DoWhile)/.test(root.type)) return false;
-  if (root.type === 'SwitchStatement' && type === 'BreakStatement') return false;
-  const alternates = []; // a chain of `else if` may be long
-  for (let node = root; node?.type === 'IfStatement'; node = node.alternate) {
-    if (leavesBy(type, node.consequent)) return true;
-    alternates.push(node.alternate);
+function findJumps(root) {
+  if (root.type === 'BreakStatement' || root.type === 'ContinueStatement') {
+    const word = root.type === 'BreakStatement' ? 'break' : 'continue';
+    return new Set([root.label ? `${word} ${root.label.name}` : word]);
   }
-  const inner = root.type === 'IfStatement' ? [alternates.at(-1)] : root[childrenKey];
-  return inner.some((node) => node && /(Statement|Clause|Case)$/.test(node.type) && leavesBy(type, node));
+  const found = new Set();
+  const addFrom = (node) => {
+    if (/(Statement|Clause|Case)$/.test(node?.type)) for (const jump of jumpsOutOf(node)) found.add(jump);
+  };
+  let rest = root;
+  for (; rest?.type === 'IfStatement'; rest = rest.alternate) addFrom(rest.consequent); // a chain may be long
+  if (rest !== root) addFrom(rest);
+  else for (const child of root[childrenKey]) addFrom(child);
+  const isLoop = /^(For|While|DoWhile)/.test(root.type);
+  if (isLoop || root.type === 'SwitchStatement') found.delete('break');
+  if (isLoop) found.delete('continue');
+  if (root.type === 'LabeledStatement') {
+    for (const word of ['break', 'continue']) found.delete(`${word} ${root.label.name}`);
+  }
+  return found;
 }
 
 // All lists of statements in a script.
@@ -106,5 +114,5 @@ function stepsOf(list) {
 
 // Whether the body of the step always ends the function.
 function endsFunction(body) {
-  return !canComplete(body) && !leavesBy('BreakStatement', body) && !leavesBy('ContinueStatement', body);
+  return !canComplete(body) && jumpsOutOf(body).size === 0;
 }
