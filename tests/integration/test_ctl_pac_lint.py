@@ -137,6 +137,16 @@ def test_a_text_that_is_too_long_for_a_name_costs_no_time(ctl):
     assert found(ctl, DOT.replace("example.com", longest + "b")) == []
 
 
+def test_a_regular_expression_that_is_too_long_is_not_examined(ctl):
+    def is_found(pattern):
+        return found(ctl, script(f'if (/{pattern}/.test(host)) return "DIRECT";')) != []
+
+    assert is_found("^(a+)+" + "(?:)" * 248 + "b$") and len("^(a+)+" + "(?:)" * 248 + "b$") == 1000
+    assert not is_found("^(a+)+" + "(?:)" * 248 + "bc$")
+    assert is_found("^(a+)+b{197}$") and not is_found("^(a+)+b{198}$")  # with "^", "a" and "$"
+    assert not is_found("^((a*){9999}){9999}b$")
+
+
 def test_a_finding_after_hundreds_of_answers_is_found(ctl):
     rules = "".join(f'  if (host == "h{number}.example") return "PROXY p{number}:1; DIRECT";\n'
                     for number in range(300))

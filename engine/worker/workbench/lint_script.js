@@ -48,9 +48,10 @@ const scriptRules = {
 
   'cost'(lint) {
     for (const node of lint.tree.of('Literal')) {
-      if (node.regex && /\([^()]*[+*]\)[+*]/.test(node.regex.pattern)) {
-        lint.report(node, `/${node.regex.pattern}/ has a repetition in a repetition, and may run without end`,
-          'write one repetition, or use shExpMatch');
+      if (node.regex && mayRunWithoutEnd(node.regex)) {
+        lint.report(node, `/${node.regex.pattern}/ can match a text in many ways, and may run without end`,
+          'begin or end each round of the repetition with a character that stands nowhere else in it, such as ' +
+          'the dot, or use shExpMatch');
       }
     }
     const cost = lint.worst();
