@@ -66,9 +66,8 @@ const hostRules = {
   'isinnet-name'(lint) {
     for (const node of lint.tree.of('CallExpression')) {
       if (!lint.tree.isHelper(node, 'isInNet') || node.arguments.length === 0) continue;
-      const [given] = node.arguments;
       const name = lint.lookups.nameOf(node);
-      if (name === null || given.type === 'CallExpression') continue;
+      if (name === null) continue;
       lint.report(node, `isInNet looks up ${name === 'host' ? 'the host' : `"${name}"`} if it is a name`,
         name === 'host' ? 'test addresses alone, isValidIpAddress(host) && isInNet(host, ...), or put ' +
           'dnsResolve(host) into a variable behind the tests that need no address'

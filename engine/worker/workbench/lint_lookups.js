@@ -4,6 +4,24 @@
 const lookupHelpers = ['dnsResolve', 'isResolvable', 'dnsResolveEx', 'isResolvableEx', 'isInNet'];
 const quad = /^\d{1,3}(\.\d{1,3}){3}$/;
 
+// Whether a pattern is made of digits, dots, groups and counts, from "^" to "$".
+function isAddressPattern(pattern) {
+  if (!/^\^(?:\\[d.]|\.(?![*+{])|\[(?:[\d.-]|\\[d.])+\]|\(\?:|\{[\d,]*\}|[\d()|?*+])+\$$/.test(pattern)) return false;
+  // An alternative outside a group is not anchored.
+  let outside = pattern;
+  for (let inner = ''; inner !== outside; outside = outside.replace(/\([^()]*\)/g, '')) inner = outside;
+  return !outside.includes('|');
+}
+
+// Whether `call == true`, `text.search(x) >= 0`, `text.match(x) != null` or similar.
+function isComparisonWithHit({ operator, right }) {
+  if (/^[=]==?$/.test(operator)) return right.type === 'Literal' && (right.value === true || right.value === 0);
+  if (/^!==?$/.test(operator)) {
+    return right.type === 'UnaryExpression' || (right.type === 'Literal' && (right.value === null || right.value === false));
+  }
+  return operator === '>' || operator === '>=';
+}
+
 class Lookups {
   constructor(tree, hosts) {
     this.tree = tree;
@@ -56,10 +74,13 @@ class Lookups {
   isKnownAddress(call) {
     let child = call;
     for (let node = call[parentOf]; node && !functionTypes.has(node.type); child = node, node = node[parentOf]) {
-      if (node.type === 'LogicalExpression' && node.operator === '&&' && child === node.right &&
-          this.asksForAddress(node.left)) return true;
-      if (/^(If|Conditional)/.test(node.type) && child === node.consequent && this.asksForAddress(node.test)) {
-        return true;
+      if (node.type === 'LogicalExpression' && child === node.right) {
+        if (node.operator === '&&' && this.asksForAddress(node.left)) return true;
+        if (node.operator === '||' && this.asksForName(node.left)) return true;
+      }
+      if (/^(If|Conditional)/.test(node.type)) {
+        if (child === node.consequent && this.asksForAddress(node.test)) return true;
+        if (child === node.alternate && this.asksForName(node.test)) return true;
       }
       if (node.type === 'BlockStatement' && this.leftForNames(node.body, child)) return true;
     }
@@ -68,26 +89,58 @@ class Lookups {
 
   // Whether a statement before `child` leaves the function if the host is not an address.
   leftForNames(list, child) {
-    for (const statement of list.slice(0, Math.min(list.indexOf(child), 200))) {
-      if (statement.type === 'IfStatement' && statement.test.type === 'UnaryExpression' &&
-          statement.test.operator === '!' && endsFunction(statement.consequent) &&
-          this.asksForAddress(statement.test.argument)) return true;
-    }
-    return false;
+    return list.slice(0, Math.min(list.indexOf(child), 200)).some((statement) =>
+      statement.type === 'IfStatement' && endsFunction(statement.consequent) &&
+      this.asksForName(statement.test));
   }
 
+  // Whether the test is false for each host that is an address.
+  asksForName(test) {
+    return operandsOf(test, '||').some((operand) => operand.type === 'UnaryExpression' &&
+      operand.operator === '!' && this.asksForAddress(operand.argument));
+  }
+
+  // Whether the test is true only for addresses.
   asksForAddress(test, depth = 0) {
-    return hasNode(test, (node) => {
-      if (node.regex) return /\\d|\[0-9/.test(node.regex.pattern);
-      if (node.type === 'Identifier' && depth < 4) {
+    return depth < 5 && operandsOf(test, '&&').some((operand) => this.isAddressTest(operand, depth + 1));
+  }
+
+  isAddressTest(node, depth) {
+    switch (node.type) {
+      case 'LogicalExpression':
+        return operandsOf(node).every((operand) => this.asksForAddress(operand, depth));
+      case 'UnaryExpression':
+        return node.operator === '!' && node.argument.type === 'UnaryExpression' &&
+          node.argument.operator === '!' && this.asksForAddress(node.argument.argument, depth);
+      case 'BinaryExpression':
+        return isComparisonWithHit(node) && this.asksForAddress(node.left, depth);
+      case 'Identifier': {
         const value = this.tree.onlyValue(node);
-        return value !== null && !functionTypes.has(value.type) && this.asksForAddress(value, depth + 1);
+        return value !== null && !functionTypes.has(value.type) && this.asksForAddress(value, depth);
       }
-      if (node.type !== 'CallExpression') return false;
-      if (this.tree.isHelper(node, 'isValidIpAddress')) return true;
-      const called = this.tree.calledFunction(node);
-      return called !== null && depth < 4 && this.asksForAddress(called.body, depth + 1);
-    });
+      case 'CallExpression':
+        return this.isAddressCall(node, depth);
+      default:
+        return false;
+    }
+  }
+
+  isAddressCall(call, depth) {
+    if (this.tree.isHelper(call, 'isValidIpAddress')) return true;
+    const called = this.tree.calledFunction(call);
+    if (called) {
+      const values = this.tree.returnsOf(called).map(({ argument }) => argument);
+      const hits = values.filter((value) => value && !(value.type === 'Literal' && !value.value));
+      return hits.length > 0 && hits.every((value) => this.asksForAddress(value, depth));
+    }
+    if (call.callee.type !== 'MemberExpression') return false;
+    return [call.callee.object, ...call.arguments].some((part) => this.matchesAddress(part));
+  }
+
+  // Whether the expression is a regular expression that only addresses match.
+  matchesAddress(node) {
+    const value = node.type === 'Identifier' ? this.tree.onlyValue(node) : node;
+    return Boolean(value?.regex) && isAddressPattern(value.regex.pattern);
   }
 
   // The first call in `root` that looks up a name, also in a function of the script. With `always`,
