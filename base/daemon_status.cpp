@@ -16,15 +16,15 @@ std::string timeText(std::int64_t seconds) {
   return {text, std::strftime(text, sizeof text, kTimeForm, &parts)};
 }
 
-/// Takes `begin` from the front of `rest`. @return whether it was there
+/// Removes `begin` from the front of `rest`. @return whether `rest` began with it
 bool take(std::string_view& rest, std::string_view begin) {
   if (!rest.starts_with(begin)) return false;
   rest.remove_prefix(begin.size());
   return true;
 }
 
-/// Takes a time, which ends before `end`, or with the text if `end` is empty. @return false if
-/// there is none
+/// Removes a time and the `end` after it from the front of `rest`. If `end` is empty, the time is
+/// all of `rest`. @return false if `rest` does not begin like this
 bool takeTime(std::string_view& rest, std::string_view end, std::int64_t& seconds) {
   const auto length = end.empty() ? rest.size() : rest.find(end);
   if (length == std::string_view::npos) return false;

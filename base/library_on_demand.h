@@ -1,9 +1,9 @@
-// A shared library that is mapped when it is first called.
+// A shared library that is mapped at the first call of one of its functions.
 //
-// A daemon in the modes off and manual never calls some of its libraries, and most commands of
-// proxymanagerctl only need the bus. So these two programs contain functions that have the names of
-// the library's functions and forward each call. Tests fail if one of the two programs maps such a
-// library at its start again.
+// In the modes off and manual, the daemon never calls some of its libraries. Most commands of
+// proxymanagerctl need only the bus. So these two programs contain functions with the names of the
+// library's functions. Such a function forwards each call to the library. Tests fail if one of the
+// two programs maps such a library at its start.
 #pragma once
 
 #include <dlfcn.h>
@@ -33,9 +33,9 @@ bool find(void* library, const char* name, Function& function) {
   return function != nullptr;
 }
 
-/// A library and those of its functions that the program calls. `Functions` are pointers to these
-/// functions. Any thread may use it. If a library is not available now, the next call looks for it
-/// again, because memory or descriptors may be available then.
+/// A library. `Functions` has pointers to those of its functions that the program calls. Any thread
+/// may use it. If the library cannot be mapped, the next call tries again, because memory or
+/// descriptors may be free by then.
 template <typename Functions>
 class Library {
  public:

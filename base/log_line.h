@@ -1,7 +1,7 @@
-// The one function by which this tree writes to syslog.
+// The only function of this tree that writes to syslog.
 //
-// The compiler checks the format, as for printf. syslog masks the lines (setlogmask), so a masked
-// line costs one call and no formatting. Nothing is added to the text.
+// The compiler checks the format, as for printf. syslog itself drops masked lines (setlogmask), so
+// a masked line costs one call and no formatting. Nothing is added to the text.
 #pragma once
 
 #include <syslog.h>

@@ -44,7 +44,8 @@ class PM_CAPABILITY("mutex") RecursiveMutex : public std::recursive_mutex {
 };
 
 /// Holds a mutex for a scope, known to the analysis. A condition variable waits with `native()`.
-/// The mutex is held again when that wait returns, so the analysis may ignore the wait.
+/// When that wait returns, the mutex is held again, so the analysis does not have to know of the
+/// wait.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Lock {
  public:
@@ -55,7 +56,7 @@ class PM_SCOPED_CAPABILITY Lock {
   auto& native() { return mLock; }
 
  private:
-  // A lock of the base class, because std::condition_variable accepts no other.
+  // A lock of the base class: std::condition_variable accepts no other type.
   using Native = std::conditional_t<std::is_base_of_v<std::mutex, MutexType>, std::mutex,
                                     std::recursive_mutex>;
   std::unique_lock<Native> mLock;

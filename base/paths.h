@@ -1,11 +1,11 @@
-// The files that several programs of this tree agree on.
+// The files that several programs of this tree use.
 #pragma once
 
 namespace base {
 
 /// The script in force. The daemon writes it; everybody may read it.
 inline constexpr char kPacFile[] = "/tmp/proxymanager.pac";
-/// The script while it is downloaded.
+/// The script during its download.
 inline constexpr char kPacDownload[] = "/tmp/proxymanager.pac.tmp";
 /// The lease of the DHCP client, lines of key=value.
 inline constexpr char kLeaseFile[] = "/usr/local/lumad/dhcp.conf";

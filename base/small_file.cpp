@@ -33,7 +33,7 @@ FileFailure checkFile(int fd, const FileDemands& demands, struct stat* status) n
 }
 
 OpenFile openFile(const char* path, const FileDemands& demands) noexcept {
-  // O_NONBLOCK: opening a fifo returns at once, with nobody at its other end.
+  // O_NONBLOCK: open() of a fifo returns at once, even if no process has the other end open.
   const int link = demands.followsLink ? 0 : O_NOFOLLOW;
   OpenFile file;
   file.fd.reset(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | link));
@@ -41,7 +41,8 @@ OpenFile openFile(const char* path, const FileDemands& demands) noexcept {
     const int error = errno;
     file.failure = failed(error);
     if (error == ENOENT) file.failure.problem = FileProblem::missing;
-    // ELOOP also means too many links before the path's end; such a path is refused, too.
+    // ELOOP can also mean that the path has too many links before its end. Such a path is refused,
+    // too.
     if (error == ELOOP) file.failure.problem = FileProblem::link;
     return file;
   }

@@ -1,8 +1,8 @@
-// Careful reading of small files, in folders to which other users may write.
+// Reads small files safely, also in folders to which other users may write.
 //
-// In a folder such as /tmp every user can plant a link, a fifo, a device or an own file under a
-// name that a program reads. So these functions check the open file, never the path, and nobody can
-// swap the file between check and read. Opening never blocks.
+// In a folder such as /tmp, every user can create a link, a fifo or an own file under a name that a
+// program reads. So these functions check the open file, never the path. Nobody can exchange the
+// file between the check and the read. Opening never blocks.
 #pragma once
 
 #include <sys/stat.h>
@@ -20,7 +20,7 @@ enum class FileOwner {
   rootOrSelf,  ///< files of root, and files of the process's effective user
 };
 
-/// The demands of a reader on a file. The file must always be regular.
+/// What a reader demands of a file. In addition, the file must always be regular.
 struct FileDemands {
   std::size_t mostBytes = 0;  ///< a file with one byte more is refused
   FileOwner owner = FileOwner::rootOrSelf;
@@ -49,11 +49,11 @@ enum class FileProblem {
   failed,      ///< a system call failed
 };
 
-/// Why a file was not accepted or read. Converts to true if there is a problem.
+/// Why a file was refused or not read. Converts to true if there is a problem.
 struct FileFailure {
   FileProblem problem = FileProblem::none;
-  /// 0 if there is no problem. If a call failed, its errno value. If the file is refused, the errno
-  /// value that fits best: ELOOP, EINVAL (not regular), EPERM (owner), EMLINK, EFBIG.
+  /// 0 if there is no problem. If a system call failed, its errno value. If the file was refused,
+  /// the errno value that fits best: ELOOP, EINVAL (not regular), EPERM (owner), EMLINK, EFBIG.
   int error = 0;
   explicit operator bool() const { return problem != FileProblem::none; }
 };
@@ -79,12 +79,12 @@ FileFailure checkFile(int fd, const FileDemands& demands, struct stat* status = 
 /// Opens `path` for reading and checks it. Any thread. Does not throw.
 OpenFile openFile(const char* path, const FileDemands& demands) noexcept;
 
-/// Reads `fd` from its offset to its end, `mostBytes` at most: one byte more is
-/// FileProblem::tooLong. A signal does not end the reading. If the descriptor blocks, the function
-/// waits for it. Any thread. Throws std::bad_alloc.
+/// Reads `fd` from its offset to its end. More than `mostBytes` bytes are FileProblem::tooLong. A
+/// signal does not end the reading. If a read from the descriptor blocks, the function waits. Any
+/// thread. Throws std::bad_alloc.
 FileText readToEnd(int fd, std::size_t mostBytes);
 
-/// Reads the whole file `path` with openFile() and readToEnd(). The file may grow meanwhile.
+/// Reads the whole file `path` with openFile() and readToEnd(). The file may grow during the call.
 /// Any thread. Throws std::bad_alloc.
 FileText readFile(const char* path, const FileDemands& demands);
 

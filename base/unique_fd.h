@@ -8,8 +8,9 @@
 
 namespace base {
 
-/// Closes its descriptor when the object is destroyed or takes another descriptor. Closing does not
-/// change `errno`: so a function can return after a failure, and its caller still sees the reason.
+/// Closes its descriptor when the object is destroyed or gets another descriptor. Closing does not
+/// change `errno`. So if a function fails and returns, its caller still finds the reason in
+/// `errno`.
 class UniqueFd {
  public:
   UniqueFd() = default;

@@ -38,8 +38,8 @@ constexpr bool isNoncharacter(char32_t code) {
 
 /// The character that begins at `at`, which is less than the size of `text`. The result has length
 /// 0 if the bytes are incomplete, are a form that is too long, or are beyond U+10FFFF. A surrogate
-/// in three bytes is returned like a character: script engines write surrogates, although RFC 3629
-/// forbids them.
+/// in three bytes is returned like a character, because script engines write surrogates, although
+/// RFC 3629 forbids this.
 constexpr Utf8Character utf8CharacterAt(std::string_view text, std::size_t at) {
   const auto lead = static_cast<unsigned char>(text[at]);
   const std::size_t length = utf8Length(text[at]);
@@ -56,7 +56,7 @@ constexpr Utf8Character utf8CharacterAt(std::string_view text, std::size_t at) {
   return {length, code};
 }
 
-/// Whether `text` is well-formed: characters only, none of them a surrogate.
+/// Whether `text` is well-formed: it consists only of characters, and none of them is a surrogate.
 constexpr bool isUtf8(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const Utf8Character character = utf8CharacterAt(text, at);
@@ -66,8 +66,8 @@ constexpr bool isUtf8(std::string_view text) {
   return true;
 }
 
-/// The longest head of `text` that has at most `limit` bytes and ends between two characters. If
-/// the text is not UTF-8, the head may have up to three bytes fewer than possible.
+/// The longest beginning of `text` that has at most `limit` bytes and ends between two characters.
+/// If the text is not UTF-8, the result may be up to three bytes shorter than necessary.
 constexpr std::string_view utf8Head(std::string_view text, std::size_t limit) {
   if (text.size() <= limit) return text;
   constexpr int kMostContinuations = 3;

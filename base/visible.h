@@ -6,9 +6,10 @@
 
 namespace base {
 
-/// `text` as well-formed UTF-8 without control characters: each of these (U+0000 to U+001F, U+007F
-/// to U+009F) becomes "\xNN", and so does each byte that is not part of a character. So a log line
-/// stays one line, and no text can control a terminal. Throws std::bad_alloc.
+/// `text` as well-formed UTF-8 without control characters. Each control character (U+0000 to
+/// U+001F, U+007F to U+009F) becomes "\xNN". Each byte that is not part of a character becomes
+/// "\xNN", too. So a log line stays one line, and no text can control a terminal. Throws
+/// std::bad_alloc.
 std::string visible(std::string_view text);
 
 }  // namespace base

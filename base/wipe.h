@@ -6,7 +6,7 @@
 
 namespace base {
 
-/// Overwrites `size` bytes, in a way that the compiler keeps; null is accepted.
+/// Overwrites `size` bytes in a way that the compiler does not optimise away. Null is accepted.
 inline void wipe(void* bytes, std::size_t size) noexcept {
   if (bytes != nullptr) explicit_bzero(bytes, size);
 }
@@ -16,8 +16,8 @@ inline void wipe(char* text) noexcept {
   if (text != nullptr) wipe(text, std::strlen(text));
 }
 
-/// Overwrites the whole capacity of `text`, and empties it. Copies that `text` left in memory when
-/// it grew or moved are not overwritten.
+/// Overwrites the whole capacity of `text`, and empties it. When `text` grew or was moved, it may
+/// have left copies in memory. These copies are not overwritten.
 inline void wipe(std::string& text) noexcept {
   text.resize(text.capacity());  // also wipes the part behind the end; allocates nothing
   wipe(text.data(), text.size());

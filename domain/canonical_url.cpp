@@ -35,14 +35,15 @@ bool isScheme(std::string_view text) {
          });
 }
 
-/// Whether only the server sees path and query of such a URL.
+/// Whether a URL of this scheme is encrypted: only the server sees its path and query.
 bool isEncrypted(std::string_view scheme) {
   return scheme == "https" || scheme == "wss";
 }
 
-// The authority in a form that the parser accepts. The parser takes bytes beyond ASCII only
-// percent-encoded. A leading digit is encoded, too, because Boost.URL 1.81 reads "10.0.0.1.example"
-// as the address 10.0.0.1 with more text behind it. This file recognises addresses itself.
+// The authority in a form that the parser accepts. The parser accepts bytes beyond ASCII only if
+// they are percent-encoded. A leading digit is encoded, too, because Boost.URL 1.81 reads
+// "10.0.0.1.example" as the address 10.0.0.1 with more text after it. The code in this file
+// recognises addresses itself.
 std::string parserForm(std::string_view authority) {
   constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string result;
@@ -73,7 +74,7 @@ bool takeZone(std::string& authority, std::string& zone) {
          });
 }
 
-// A program that connects reads "10.1" and "0x0a000001" as 10.0.0.1, so a script has to see
+// A program that connects to "10.1" or "0x0a000001" connects to 10.0.0.1, so the script must see
 // 10.0.0.1.
 std::string quadIfNumber(const std::string& name) {
   in_addr address{};
@@ -86,8 +87,8 @@ std::string quadIfNumber(const std::string& name) {
 std::optional<std::string> hostName(const urls::authority_view& authority) {
   std::string name;
   for (const char c : foldedHost(authority.host_name())) {
-    // The parser has decoded the name: "%41" is "a" here. A percent sign that is still there is
-    // encoded again, so "%2541" stays.
+    // The parser has decoded the name: "%41" is "a" here. A percent sign that remains is encoded
+    // again, so "%2541" stays "%2541".
     if (c == '%') {
       name += "%25";
     } else if (!base::isAscii(c) || (base::isLetter(c) || base::isDigit(c)) ||
@@ -131,7 +132,8 @@ std::optional<std::string> portOf(std::string_view scheme, std::string_view digi
 std::optional<std::string> canonicalAuthority(const std::string& scheme,
                                               std::string_view authority) {
   // User name and password are removed before the parsing, because a password may have characters
-  // that the parser refuses. If there are two "@", programs differ in which one ends the password.
+  // that the parser refuses. If there are two "@", some programs end the password at the first one
+  // and others at the last one.
   if (const auto at = authority.find('@'); at != std::string_view::npos) {
     authority.remove_prefix(at + 1);
     if (authority.find('@') != std::string_view::npos) return std::nullopt;

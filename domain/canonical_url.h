@@ -1,5 +1,5 @@
-// The canonical form of a URL, which this system uses to ask for a proxy. It has no secrets, and
-// equivalent URLs have the same form.
+// The canonical form of a URL. This system uses it to ask for a proxy. The form contains no
+// secrets, and equivalent URLs have the same form.
 #pragma once
 
 #include <cstddef>
@@ -14,26 +14,27 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< longest URL that a 
 /// The canonical URL of `url`:
 /// - no user name, password or fragment;
 /// - scheme and host in lower case, without the default port of http, https, ws, wss, ftp;
-/// - "/" for an empty path; a single "/" instead of path and query for https and wss; every other
-///   path and query as given, byte for byte;
-/// - IPv4 addresses as dotted quads ("0x7f.1", "%31.1"), IPv6 addresses in their shortest form with
-///   their zone; percent-encoding in the host decoded; fullwidth characters and ideographic full
-///   stops in the host as ASCII, other host names beyond ASCII as UTF-8;
-/// - no host in a file URL ("", "localhost" and "127.0.0.1" mean this machine);
+/// - an empty path becomes "/"; for https and wss, "/" replaces path and query; every other path
+///   and query is kept byte for byte;
+/// - IPv4 addresses in any form ("0x7f.1", "%31.1") become dotted quads, and IPv6 addresses get
+///   their shortest form and keep their zone;
+/// - in the host, percent-encoding is decoded; fullwidth characters and ideographic full stops
+///   become ASCII; other characters beyond ASCII are UTF-8;
+/// - the hosts "", "localhost" and "127.0.0.1" of a file URL, which mean this machine, are removed;
 /// - a text without "://", or without a valid scheme before "://", stays unchanged.
 ///
 /// A text that has a scheme but is not a valid URL (no host, blanks in the host, two "@", a port
-/// beyond 65535, control characters) becomes only its scheme, as in "http:///", because a password
-/// may stand anywhere in the rest. The canonical form of a canonical URL is the URL itself.
+/// beyond 65535, control characters) is cut to its scheme, as in "http:///", because any part of
+/// the rest may contain a password. The canonical form of a canonical URL is the URL itself.
 /// @return nothing if the URL has more than maxBytes as given or as canonical
 /// Any thread; throws std::bad_alloc only.
 std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxBytes = kMaxUrlBytes);
 
-/// `host` in lower case, with the fullwidth forms of ASCII and the ideographic full stops as ASCII:
-/// programs with international names connect to 127.0.0.1 for "１２７。0.0.1". Of the
-/// compatibility mappings of UTS 46 these are the ones that keyboards of East Asia write. A
-/// circled digit or a mathematical letter stays as it is.
-/// Any thread; throws std::bad_alloc only.
+/// `host` in lower case. The fullwidth forms of ASCII and the ideographic full stops become ASCII:
+/// programs that support international names connect to 127.0.0.1 for "１２７。0.0.1". UTS 46 maps
+/// more compatibility characters; this function maps only those that East Asian keyboards produce.
+/// A circled digit or a mathematical letter stays unchanged. Any thread; throws std::bad_alloc
+/// only.
 std::string foldedHost(std::string_view host);
 
 /// Whether `url` begins with a valid scheme and "://".

@@ -24,7 +24,7 @@ std::string hostOf(std::string_view url) {
   if (const auto at = host.rfind('@'); at != std::string_view::npos) host.remove_prefix(at + 1);
   if (host.starts_with('[')) {
     host = host.substr(1, host.find(']') - 1);
-  } else if (host.find(':') == host.rfind(':')) {  // two of them are an address without brackets
+  } else if (host.find(':') == host.rfind(':')) {  // two colons: IPv6 without brackets
     return foldedHost(host.substr(0, host.find(':')));
   }
   return base::lowerCase(host.substr(0, host.find('%')));

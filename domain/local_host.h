@@ -1,6 +1,6 @@
-// Which URLs stay on this machine or this link. No proxy reaches their hosts, so no question is
-// needed. Users of this list: client/library (local answers) and proxymanagerctl (no_proxy,
-// client/ctl/commands/proxy_variables.h).
+// Which URLs stay on this machine or this link. No proxy reaches the hosts of these URLs, so nobody
+// has to ask the daemon about them. Users of this list: client/library (local answers) and
+// proxymanagerctl (no_proxy, client/ctl/commands/proxy_variables.h).
 #pragma once
 
 #include <string_view>
@@ -9,8 +9,8 @@ namespace domain {
 
 /// Whether the host of `url`, a canonical URL or a text without "://", is one of
 /// - localhost and names that end in ".localhost", with or without a dot at the end;
-/// - 127.0.0.0/8, 169.254.0.0/16, 0.0.0.0, in any spelling of foldedHost() and inet_aton(), also
-///   mapped into IPv6;
+/// - 127.0.0.0/8, 169.254.0.0/16, 0.0.0.0, in any spelling that foldedHost() and inet_aton()
+///   accept, also as IPv4-mapped IPv6 addresses;
 /// - ::1, :: and fe80::/10.
 /// Any thread; throws std::bad_alloc only.
 bool isLocalUrl(std::string_view url);

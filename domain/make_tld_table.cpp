@@ -1,11 +1,11 @@
 // make_tld_table LIST HEADER: turns a public-suffix list into the constant table that is compiled
-// into the daemon. Runs while the tree is built; needs nothing but the standard library and
-// domain/tld_hash.h, so that a cross build can compile it for the machine that builds.
+// into the daemon. It runs during the build of the tree. It needs only the standard library and
+// domain/tld_hash.h, so that a cross build can compile it for the build machine.
 //
 // There are as many buckets as rules. A rule with bytes above 127 goes into the bucket of its code
-// points. Lookups hash bytes, which gives another bucket, so these rules are never found. This is
-// intended: names in that form are never public suffixes here. If both buckets are the same, the
-// rule moves to the next bucket.
+// points. Lookups hash bytes and so search another bucket: these rules are never found. This is
+// intended: here, a name in that form is never a public suffix. If the code points and the bytes of
+// a rule give the same bucket, the rule moves to the next bucket.
 //
 // List format: https://github.com/publicsuffix/list/wiki/Format
 #include <cstdint>
@@ -65,7 +65,8 @@ std::optional<std::uint32_t> bucketOf(const std::string& rule, std::uint32_t buc
   return !ascii && reachable ? (bucket + 1) % buckets : bucket;
 }
 
-/// A string literal of `rule` and a terminator. Octal escapes of three digits need no separator.
+/// A string literal with `rule` and, if `terminated`, a terminator. It uses octal escapes of three
+/// digits, because no separator is needed after them.
 std::string literal(const std::string& rule, bool terminated) {
   std::string text = "    \"";
   for (const char c : rule) {
@@ -89,7 +90,7 @@ std::string table(const std::vector<std::vector<std::string>>& buckets, std::siz
   for (std::size_t i = 0; i < buckets.size(); ++i) {
     starts << (i % 16 == 0 ? "\n    " : " ") << offset << ",";
     for (const auto& rule : buckets[i]) {
-      // The last rule's terminator is the literal's own.
+      // After the last rule, the terminator of the string literal itself is enough.
       area += literal(rule, ++written < rules);
       offset += rule.size() + 1;
     }
@@ -113,7 +114,8 @@ std::string table(const std::vector<std::vector<std::string>>& buckets, std::siz
   return out.str();
 }
 
-/// @return the header's text; empty, with a line on stderr, if the input is no such list
+/// @return the header's text; empty, with a line on stderr, if the input is not a public-suffix
+/// list
 std::string tableOf(const char* listName) {
   std::ifstream list(listName);
   const auto rules = readRules(list);

@@ -1,4 +1,4 @@
-// libpsl, mapped at the first name that may be a public suffix: only in mode wpad.
+// libpsl, mapped at the first name that may be a public suffix. This happens only in mode wpad.
 //
 // If the library is missing, psl_builtin() returns null, and then every name is a public suffix, as
 // libpsl itself answers without a list.
@@ -22,7 +22,8 @@ bool findAll(void* library, Functions& found) {
          find(library, "psl_is_public_suffix2", found.isPublicSuffix);
 }
 
-// The functions that psl_builtin() has found; null before that, and while the library is missing.
+// The functions that psl_builtin() has found; null before its first call, and while the library is
+// missing.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace

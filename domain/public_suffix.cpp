@@ -32,8 +32,8 @@ bool isBuiltInSuffix(std::string_view name) {
 }
 
 bool isCurrentSuffix(const std::string& name) {
-  // A constant of the library, never freed. Without it libpsl answers that every name is a public
-  // suffix, so the walk through the domains stops.
+  // A constant of the library, never freed. If it is null, libpsl answers that every name is a
+  // public suffix, so the search through the domains stops.
   const psl_ctx_t* const current = psl_builtin();
   return psl_is_public_suffix2(current, name.c_str(), PSL_TYPE_ANY | PSL_TYPE_NO_STAR_RULE) != 0;
 }

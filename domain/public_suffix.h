@@ -1,14 +1,15 @@
-// Whether anybody can register names under a name. Such a name gets no proxy lookup.
+// Whether a name is a public suffix: anybody can register names under it. Such a name gets no proxy
+// lookup.
 #pragma once
 
 #include <string>
 
 /// A name is a public suffix if one of two lists has it.
-/// - The built-in rules with their markers: "*." stands for any one label; the parent of such a
-///   rule counts, too ("uk" by "*.uk"); "!" excludes a name ("nls.uk"). Rules with bytes above 127
-///   are never found.
-/// - libpsl's built-in list, without its rule that every unknown top-level name counts, for names
-///   that hold a dot.
+/// - The built-in rules with their markers. "*." stands for any single label. The parent of such a
+///   rule is a public suffix, too (because of "*.uk", "uk" is one). "!" makes an exception
+///   ("!nls.uk"). Rules with bytes above 127 are never found.
+/// - libpsl's built-in list, for names that contain a dot. Its rule that every unknown top-level
+///   name is a public suffix is not used.
 ///
 /// The name is compared in lower case (ASCII), without trailing dots, and up to its first NUL, as a
 /// resolver sees it. So:
@@ -16,8 +17,8 @@
 ///   "city.kobe.jp" and "corp.lan" are not;
 /// - single labels: "com" (a rule) and "uk" (the parent of a wildcard) are public suffixes. "lan"
 ///   is not. "search" and "xyz" are not either, because they are newer than the built-in list. A
-///   search domain of a single label is the network's own choice. A caller that shortens a longer
-///   name must itself stop before the last label;
+///   search domain of a single label is the network's own choice. If a caller shortens a longer
+///   name, it must itself stop before the last label;
 /// - the empty name is no public suffix.
 ///
 /// Any thread; never fails; logs nothing.

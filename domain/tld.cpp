@@ -16,14 +16,15 @@ bool equalsFolded(const char* a, const char* b) {
   return false;
 }
 
-/// `scratch` is a buffer for the marked forms of the name; calls share it to allocate once.
+/// `scratch` is a buffer for the name with its markers. Several calls use the same buffer, so that
+/// memory is allocated only once.
 int isEffective(const char* name, std::size_t length, std::string& scratch) {
   logLine(LOG_INFO, "isEffectiveTld called ");
   if (const int plain = isInTldArray(name)) return plain;
   const auto* const dot = static_cast<const char*>(std::memchr(name, '.', length));
   if (!dot) return 0;
-  // The rule has a dot after "*" and this text has none, so no ordinary name matches. This is
-  // settled behaviour.
+  // A wildcard rule has a dot after "*", and this text has none. So no ordinary name matches. This
+  // is intended.
   scratch.assign(1, '*').append(dot + 1, name + length);
   if (isInTldArray(scratch.c_str()) == 0) return 0;
   scratch.assign(1, '!').append(name, length);
@@ -60,8 +61,8 @@ int isEffectiveTld(const std::string& name) {
 }
 
 std::string topLevelDomain(const std::string& domain) {
-  // Each tested suffix is an end of the text without its trailing dots. A dot there would add an
-  // empty label, and the suffix stays empty.
+  // The trailing dots are removed first, then each suffix of the rest is tested. With a trailing
+  // dot, the last label would be empty, and no suffix would be found.
   std::string text = domain;
   std::string scratch;
   std::string_view result;

@@ -1,5 +1,5 @@
-// The hash that sorts the public-suffix rules into buckets: shared by the table's generator, which
-// runs on the machine that builds, and the lookups, which run on the device.
+// The hash that sorts the public-suffix rules into buckets. The generator of the table uses it on
+// the build machine, and the lookups use it on the device.
 //
 // It is the symbol hash of the ELF object format (System V ABI, "Hash Table") with one difference:
 // it shifts right by 23 instead of 24. The counts of the table depend on it.
@@ -19,8 +19,9 @@ constexpr std::uint32_t tldHashStep(std::uint32_t h, std::uint32_t unit) {
   return h & 0x0FFFFFFFu;
 }
 
-/// The hash of the bytes of a text, for lookups. Rules are in lower case, but names may not be, so
-/// upper-case ASCII letters count as lower-case ones. `h` is the hash of the text before this one.
+/// The hash of the bytes of a text, for lookups. Rules are in lower case, but names may have
+/// upper-case letters, so upper-case ASCII letters count as lower-case ones. If this text continues
+/// another one, `h` is the hash of that other text.
 constexpr std::uint32_t tldHashOf(std::string_view text, std::uint32_t h = 0) {
   for (const char c : text) h = tldHashStep(h, static_cast<unsigned char>(base::lowerCase(c)));
   return h;

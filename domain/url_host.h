@@ -1,5 +1,5 @@
-// The host of a URL. The script gets it as its second argument, and the cache keeps answers under
-// it.
+// The host of a URL. The script gets the host as its second argument, and the host is the cache's
+// key.
 #pragma once
 
 #include <string>

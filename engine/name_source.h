@@ -8,14 +8,16 @@
 
 namespace pac_engine {
 
-/// Given addresses of names, which replace a lookup.
+/// Names with their addresses, used instead of a lookup.
 using StaticNames = std::map<std::string, std::vector<std::string>>;
 
 /// The source of the addresses of names.
 struct NameSource {
-  bool offline = false;                    ///< no name but localhost has an address
-  std::optional<StaticNames> staticNames;  ///< if set, no other name but localhost has one
-  std::string nameServers;  ///< "address[:port],..." to ask; empty for the device's own
+  bool offline = false;  ///< only localhost has an address
+  std::optional<StaticNames>
+      staticNames;  ///< if set, only these names and localhost have addresses
+  std::string
+      nameServers;  ///< the servers to ask, "address[:port],..."; empty for the device's own
 };
 
 }  // namespace pac_engine

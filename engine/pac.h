@@ -2,14 +2,14 @@
  *
  * The script runs in a separate process, the sandboxed `proxymanager-pac-worker`, never in the
  * caller's process. The library has no threads. Two threads must not use one handle at the same
- * time; different handles are independent. Every function accepts a null handle or script: it then
- * makes no engine, gives no answer and has no effect. The library copies all texts before a call
+ * time; different handles are independent. Every function accepts a null handle or script; it then
+ * has no effect and returns no engine or answer. The library copies all texts before a call
  * returns.
  *
- * Limits (docs/pac-language.md): loading 5 s, one evaluation 5 s with all its name lookups, URL
- * 8 KiB, result 64 KiB. If a stopped or broken worker exceeds a time limit, the library kills it a
- * quarter of a second after the limit. If a worker has died, the next question starts a new one,
- * within that question's 5 s.
+ * Limits (docs/pac-language.md): loading 5 s, one evaluation 5 s with all its name lookups, URL 8
+ * KiB, result 64 KiB. If a stopped or broken worker exceeds a time limit, the library kills it a
+ * quarter of a second after the limit. If a worker has died, the next question starts a new one.
+ * The start is part of that question's 5 s.
  */
 #pragma once
 
@@ -22,18 +22,19 @@ struct pac;
 
 /** Option words of pac_init. */
 enum {
-  PAC_OPTION_ONLINE = 1, /**< names resolve, own addresses are the device's */
-  PAC_OPTION_OFFLINE = 4 /**< no name but localhost resolves, the own address is the loopback one */
+  PAC_OPTION_ONLINE = 1, /* *< names resolve, own addresses are those of the device */
+  PAC_OPTION_OFFLINE = 4 /* *< only localhost resolves, the own address is the loopback address */
 };
 
-/** Wakes the thread that calls pac_run_callbacks. This callback may only set a flag and signal. */
+/** Wakes the thread that calls pac_run_callbacks. This callback may only set a flag and signal that
+ * thread. */
 typedef void (*pac_wakeup)(void* context);
 
-/** Takes one asynchronous result. The receiver owns `result` and releases it with free(); `host` is
- *  the library's own copy of the question's host, valid during the call. */
+/** Receives one asynchronous result. The receiver owns `result` and releases it with free(). `host`
+ * is the library's own copy of the question's host and is valid only during the call. */
 typedef void (*pac_result)(char* result, void* context, void* host);
 
-/** Starts a worker with the NUL-terminated `script` and loads it; waits 5 s at most.
+/** Starts a worker, which loads the NUL-terminated `script`. Waits 5 s at most.
  *  @param option PAC_OPTION_ONLINE or PAC_OPTION_OFFLINE
  *  @param wakeup called on the thread that calls pac_find_proxy; may be null
  *  @return an engine, to be released with pac_free. Null if the script is null or refused (syntax,
@@ -41,15 +42,15 @@ typedef void (*pac_result)(char* result, void* context, void* host);
  *          reason */
 struct pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* context);
 
-/** Queues one question and calls the wake-up callback. `found` is called by a later
- *  pac_run_callbacks, and only if there is an answer. The queue holds 256 questions; a further
- *  question is dropped without an answer. */
+/** Queues one question and calls the wake-up callback. A later pac_run_callbacks calls `found`, but
+ * only if there is an answer. The queue holds 256 questions; a further question is dropped without
+ * an answer. */
 void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_result found,
                     void* context);
 
 /** Evaluates FindProxyForURL(url, host) on the calling thread; waits 5 s at most.
- *  @param url cleaned before the script sees it: it has no user, password or fragment, and for
- *  https and wss no path or query
+ *  @param url the script sees it without user, password and fragment, and for https and wss without
+ *  path and query
  *  @param host passed to the script unchanged
  *  @param result receives a heap text, to be released with free(), or null if there is no
  *         answer */

@@ -1,12 +1,12 @@
-// The C++ interface of the PAC evaluation library. It does what pac.h does. In addition,
-// proxymanagerctl and tests get the reason of a refusal and may set clock, zone, names and
-// addresses.
+// The C++ interface of the PAC evaluation library. It does what pac.h does. In addition, its
+// callers (proxymanagerctl and tests) get the reason for a refusal and may set clock, zone, names
+// and addresses.
 //
 // A script never runs in this process. Engine starts `proxymanager-pac-worker`, hands it the script
 // in a sealed memory file, asks it over a socket pair, and answers its name lookups on the calling
 // thread while it waits. A worker that does not answer in time is killed. If a worker dies for any
-// reason, the question in progress has no answer, and the next question starts a new worker, within
-// the 5 s of that question. The library has no threads.
+// reason, the question in progress has no answer. The next question starts a new worker; the start
+// is part of that question's 5 s. The library has no threads.
 #pragma once
 
 #include <sys/types.h>
@@ -32,7 +32,7 @@ inline constexpr std::chrono::milliseconds kKillGrace{250};
 enum class WorkerRole : std::uint8_t {
   kAnswers,  ///< proxymanager-pac-worker: loads the script and answers questions
   kTraces,   ///< proxymanager-workbench: the same, with an instrumented script; the command "trace"
-             ///< reports what the worker has noted since the last "trace"
+             ///< reports what the worker has recorded since the last "trace"
   kParses    ///< proxymanager-workbench: never runs the script: parses it, and runs commands on it
 };
 
@@ -40,7 +40,7 @@ enum class WorkerRole : std::uint8_t {
 inline constexpr std::size_t kMaxWholeReportBytes = 64U << 20U;
 
 struct Options {
-  NameSource names;  ///< `offline` also makes the own address the loopback one
+  NameSource names;  ///< with `offline`, the own address is the loopback address
   std::optional<std::vector<std::string>> ownAddresses;  ///< instead of the device's addresses
   std::optional<std::int64_t> clock;  ///< fixed time for the date helpers, seconds since 1970
   std::string zone;                   ///< TZ of the date helpers; empty for the device's zone
@@ -65,19 +65,20 @@ class Engine {
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
-  /// Calls FindProxyForURL(url, host), with the URL as the script may see it. Waits for timeLimit
-  /// and kKillGrace at most.
+  /// Calls FindProxyForURL(url, host). The script sees only the allowed parts of `url` (pac.h).
+  /// Waits for timeLimit and kKillGrace at most.
   Reply evaluate(std::string_view url, std::string_view host);
 
   /// Runs the command `name` in a worker of the workbench, with `argument` (docs/architecture.md
-  /// lists the commands). Waits as long as evaluate(). A name has kMaxCommandBytes at most, an
-  /// argument kMaxArgumentBytes.
+  /// lists the commands). Waits as long as evaluate(). `name` has at most kMaxCommandBytes bytes,
+  /// and `argument` at most kMaxArgumentBytes.
   /// @param problem receives the reason if there is no report
   /// @return the report, UTF-8, usually JSON
   std::optional<std::string> command(std::string_view name, std::string_view argument,
                                      Problem& problem);
 
-  /// Process id of the worker, which may have ended since; 0 if the next question starts one.
+  /// The process id of the worker, which may have ended already. 0 if the next question starts a
+  /// new worker.
   pid_t workerPid() const;
 
  private:

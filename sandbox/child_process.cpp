@@ -44,7 +44,8 @@ struct SpawnAttributes {
   posix_spawnattr_t attributes;
 };
 
-/// Copies above every descriptor of the child, so that no dup2 overwrites a later source.
+/// Duplicates `descriptors` to numbers above those that the child gets, so that no dup2 overwrites
+/// a descriptor that a later dup2 copies.
 /// @return false, with errno, if there is no descriptor left
 bool copyUp(const std::vector<int>& descriptors, std::vector<UniqueFd>& copies) {
   const int lowest = kFirstPassed + static_cast<int>(descriptors.size());
@@ -85,8 +86,8 @@ int setAttributes(SpawnAttributes& spawn) {
   // for its child.
   posix_spawnattr_setpgroup(&spawn.attributes, 0);
   int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP;
-  // A child in an endless loop must not have a real-time priority of the program. The policies
-  // below the ordinary one stay: a program needs a right to leave SCHED_IDLE.
+  // A child in an endless loop must not have a real-time priority of the program. Policies with
+  // less priority than the ordinary one are kept: a program needs a privilege to leave SCHED_IDLE.
   if (isRealTime(sched_getscheduler(0))) {
     const sched_param ordinary{};
     posix_spawnattr_setschedpolicy(&spawn.attributes, SCHED_OTHER);
@@ -119,16 +120,16 @@ UniqueFd openProcess(pid_t pid) {
   return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0U)));
 }
 
-/// Waits for the process if it has ended. @return false if it lives
+/// Reaps the process if it has ended. @return false if it has not ended
 bool waitUnlessItLives(const UniqueFd& process, siginfo_t& info) {
   info = {};
   return waitid(P_PIDFD, static_cast<id_t>(process.get()), &info, WEXITED | WNOHANG) != 0 ||
          info.si_pid != 0;
 }
 
-/// Processes that were killed but have not ended. The next start or end of a child waits for those
-/// that have ended by then, so that they do not stay in the process table as long as this process
-/// lives.
+/// Killed processes that have not ended yet. Whenever a child is started or ended, those that have
+/// ended by then are reaped (waitid). Otherwise they would stay in the process table until this
+/// process ends.
 class UnreapedChildren {
  public:
   void add(UniqueFd process) {
@@ -136,7 +137,7 @@ class UnreapedChildren {
     try {
       mProcesses.push_back(std::move(process));
     } catch (const std::bad_alloc&) {
-      // The child then stays in the table of processes; a destructor must not throw.
+      // The child stays in the process table, because a destructor must not throw.
     }
   }
 
@@ -152,7 +153,7 @@ class UnreapedChildren {
   std::vector<UniqueFd> mProcesses PM_GUARDED_BY(mMutex);
 };
 
-/// Never destroyed: a thread of a program that ends may still end its child.
+/// Never destroyed: while the program ends, one of its threads may still end its child.
 UnreapedChildren& unreaped() {
   static auto* const all = new UnreapedChildren;
   return *all;
@@ -172,7 +173,8 @@ std::string described(const std::string& what, int error) {
 std::string programInLibexec(const std::string& name, const char* installedPath) {
   namespace fs = std::filesystem;
   std::error_code error;
-  // Only the folder counts: the name ends in " (deleted)" once the program has been replaced.
+  // Only the folder is used. If the program's file has been replaced, its name here ends in "
+  // (deleted)".
   const auto folder = fs::read_symlink("/proc/self/exe", error).parent_path();
   if (!error) {
     auto neighbour = folder.parent_path() / "libexec" / name;
@@ -204,9 +206,9 @@ std::unique_ptr<ChildProcess> ChildProcess::start(const ChildOptions& options,
   UniqueFd process = openProcess(pid);
   if (!process) {
     problem = described("no process descriptor for " + options.program, errno);
-    // This call uses the child's process id. Nobody has waited for the child yet, so the number
-    // still belongs to it. A program without the right to signal a child of another user cannot
-    // wait for its end either.
+    // This call uses the child's process id. The child has not been reaped, so the id still belongs
+    // to it. If this program has no right to signal a child of another user, it cannot wait for the
+    // child's end either.
     if (kill(pid, SIGKILL) == 0) {
       while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
       }
@@ -225,7 +227,7 @@ std::string ChildProcess::end() {
   if (!mProcess) return "ended";
   unreaped().waitForThoseThatHaveEnded();
   UniqueFd process = std::move(mProcess);
-  // Fails if the process has already ended, which is fine.
+  // This call fails if the process has already ended. That is no problem.
   syscall(SYS_pidfd_send_signal, process.get(), SIGKILL, nullptr, 0U);
   pollfd entry{process.get(), POLLIN, 0};
   int ready = 0;

@@ -2,12 +2,12 @@
 //
 // The child is started by posix_spawn, which is safe in a program with threads. It gets default
 // signals, an empty signal mask, no real-time scheduling policy, a process group of its own, the
-// environment that the caller names, its standard three descriptors on /dev/null, the descriptors
+// environment that the caller names, its three standard descriptors on /dev/null, the descriptors
 // that the caller passes on, and nothing else. The parent kills it and waits for it through a
-// descriptor of the process itself. A SIGCHLD handler of the program, or a thread that waits for
+// descriptor of the process (pidfd). A SIGCHLD handler of the program, or a thread that waits for
 // any child, may already have reaped the child. Even then, this code kills no foreign process.
 //
-// The child raises its own walls (walls.h) before it reads the first byte of what it has to parse.
+// The child raises its own walls (walls.h) before it reads the first byte of the foreign data.
 #pragma once
 
 #include <sys/types.h>
@@ -27,8 +27,9 @@ std::string programInLibexec(const std::string& name, const char* installedPath)
 
 /// The arguments for the start of a child process.
 struct ChildOptions {
-  std::string program;           ///< path of the executable file
-  std::vector<int> descriptors;  ///< the child's descriptors 3, 4, ...; they stay the caller's
+  std::string program;  ///< path of the program's file
+  std::vector<int>
+      descriptors;  ///< become the child's descriptors 3, 4, ...; the caller keeps its own
   std::vector<std::string> environment;  ///< its whole environment, as NAME=value
 };
 
@@ -58,7 +59,7 @@ class ChildProcess {
   std::string end();
 
   /// @return whether end() has seen the child's end. If not, the child may still run and use what
-  ///         was passed to it: this process may not signal the child, or the child does not end
+  ///         was passed to it, because this process may not signal it or because it does not end
   bool isGone() const { return mIsGone; }
 
  private:

@@ -1,6 +1,6 @@
-// A list of the system calls that a process may still make, by libseccomp. It exists only in builds
-// with PROXYMANAGER_SECCOMP. Callers use SCMP_SYS(name) for a call. Without PROXYMANAGER_SECCOMP,
-// the callers are compiled out.
+// A list of the system calls that a process may still make, enforced through libseccomp. It exists
+// only in builds with PROXYMANAGER_SECCOMP. Callers use SCMP_SYS(name) for a call. Without
+// PROXYMANAGER_SECCOMP, the callers are compiled out.
 #pragma once
 
 #include <seccomp.h>
@@ -19,8 +19,8 @@ using Arguments = std::vector<scmp_arg_cmp>;
 /// Argument number `argument` (from 0) equals `value`, all 64 bits.
 scmp_arg_cmp equals(unsigned argument, std::uint64_t value);
 
-/// The bits `mask` of argument number `argument` are `value`. For int arguments the mask is at most
-/// kInt: the upper half of the register means nothing.
+/// The bits `mask` of argument number `argument` are `value`. For an argument of type int, the mask
+/// must not have bits above kInt, because the upper half of the register is undefined.
 scmp_arg_cmp masked(unsigned argument, std::uint64_t mask, std::uint64_t value);
 
 inline constexpr std::uint64_t kInt = 0xFFFFFFFF;
@@ -38,10 +38,10 @@ class SystemCalls {
   /// Answers `call` with the error `error` instead of ending the process.
   SystemCalls& refuse(int call, int error, const Arguments& arguments = {});
 
-  /// Looks for `call` before others, for speed.
+  /// The kernel compares `call` before other calls, for speed.
   SystemCalls& first(int call);
 
-  /// Puts the list in force, for good. Needs no_new_privs.
+  /// Puts the list in force until the process ends. Needs no_new_privs.
   Failure load();
 
  private:

@@ -21,14 +21,14 @@ namespace sandbox {
 namespace {
 
 // On every distribution these are the numbers of the user nobody and its group. The child processes
-// have no user account of their own. They would all share it, and one child could then trace
+// have no user account of their own: all of them would share it, and one child could then trace
 // another.
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kNogroup = 65534;
 
-/// Empties the bounding set while the process still has the capability (CAP_SETPCAP) that this
-/// needs. A process without that capability keeps its bounding set. That is harmless, because no
-/// program that it starts gets new privileges.
+/// Empties the bounding set of capabilities. This needs the capability CAP_SETPCAP. A process
+/// without that capability keeps its bounding set, which is harmless: no program that it starts
+/// gets new privileges.
 void dropBoundingSet() {
   for (unsigned long capability = 0; prctl(PR_CAPBSET_READ, capability, 0, 0, 0) >= 0;
        ++capability) {
@@ -36,8 +36,9 @@ void dropBoundingSet() {
   }
 }
 
-/// Leaves the network through a user namespace, which needs no privilege. Call it only after the
-/// process has become nobody: inside such a namespace without a map, even root looks like nobody.
+/// Leaves the network through a new user namespace, which needs no privilege. Call it only after
+/// the process has become nobody: in a user namespace without a map of users, even root looks like
+/// nobody.
 void leaveNetworkUnprivileged() {
   // A new user namespace comes with a full bounding set of its own.
   if (unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0) dropBoundingSet();
@@ -58,8 +59,8 @@ Failure dropCapabilities() {
   const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};
   if (syscall(SYS_capset, &header, none) == 0) return {};
   const Failure refused = failed("capset");
-  // A supervisor may forbid that call. This is no failure if the process has no effective and no
-  // permitted capability. Inheritable capabilities may remain, but they matter only for programs
+  // A supervisor may forbid the call capset. This is no failure if the process has no effective and
+  // no permitted capability. Inheritable capabilities may remain, but they matter only for programs
   // with file capabilities, which no_new_privs disables.
   __user_cap_data_struct present[_LINUX_CAPABILITY_U32S_3]{};
   if (syscall(SYS_capget, &header, present) != 0) return refused;

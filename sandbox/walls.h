@@ -30,13 +30,13 @@ enum class Network : std::uint8_t {
 
 /// Gives up every privilege. The process gets no new privileges when it starts a program. If it
 /// runs as root, it gets the user and group nobody and no supplementary group. It has no
-/// capability, and an empty bounding set if it may empty the set. Other processes of the same user
+/// capability. Its bounding set is empty if it may empty the set. Other processes of the same user
 /// cannot debug it or read its memory, and it leaves no core dump. A process that does not run as
 /// root keeps its user.
 Failure giveUpPrivileges(Network network);
 
-/// If memory runs out, the kernel ends this process first. Not a wall: no failure if the system has
-/// no such setting. To be called before giveUpPrivileges.
+/// If memory runs out, the kernel ends this process first. This is not a wall: if the system has no
+/// such setting, this is not a failure. Call it before giveUpPrivileges.
 void volunteerForOutOfMemory();
 
 struct Limit {
@@ -48,8 +48,8 @@ struct Limit {
 /// Sets soft and hard limits. An existing tighter limit stays.
 Failure limitResources(std::span<const Limit> limits);
 
-/// Sets the stack limit to `bytes`, because a program may have been started with less than it
-/// needs. A hard limit below `bytes` stays.
+/// Sets the stack limit to `bytes`, because the process may have been started with a lower limit
+/// than it needs. A hard limit below `bytes` stays.
 Failure setStackLimit(rlim_t bytes);
 
 }  // namespace sandbox

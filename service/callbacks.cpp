@@ -1,5 +1,5 @@
-// The functions that fetcher/, pac/ and dbus/ call in the service. Only this file lets them call
-// upward.
+// The functions of the service that fetcher/, pac/ and dbus/ call. These folders call upward only
+// through this file.
 #include "dbus/service_callbacks.h"
 #include "fetcher/service_callbacks.h"
 #include "pac/service_callbacks.h"

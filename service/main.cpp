@@ -1,8 +1,8 @@
 // proxymanagerd: start-up, the wait, and the end.
 //
 // The service's threads do the work; the main thread only sleeps. SIGTERM and SIGHUP are blocked in
-// every thread. The main thread unblocks them atomically while it sleeps. So their handlers run
-// while the main thread holds no lock, and may log.
+// every thread. The main thread unblocks them only during its sleep, atomically. So their handlers
+// run while the main thread holds no lock, and the handlers may log.
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -46,7 +46,7 @@ constexpr char kUsage[] =
     "Answers programs that ask over D-Bus which HTTP proxy to use for a URL. It runs in the\n"
     "foreground until SIGTERM; SIGHUP reads /etc/proxymanagerd/trace.conf again. A supervisor\n"
     "normally starts it: systemctl start proxymanagerd. See proxymanagerd(8).\n";
-// The options LOG_PID and LOG_NDELAY, and the bit 0x40, which this platform's syslog ignores.
+// The options LOG_PID and LOG_NDELAY, and the bit 0x40. This platform's syslog ignores that bit.
 constexpr int kLogOptions = 0x49;
 
 void receive_signal(int signo) {
@@ -78,7 +78,7 @@ std::unique_ptr<SlService> create_proxymanager_service() {
   return std::make_unique<ProxyManagerServiceImpl>();
 }
 
-/// Blocks the two signals in this thread, and so in those it starts.
+/// Blocks the two signals in this thread, and so also in the threads that it starts.
 /// @return the mask that unblocks them
 sigset_t blockSignals() {
   sigset_t handled;
@@ -107,14 +107,14 @@ void registerProcess() {
   }
 }
 
-/// For a person who starts the daemon by hand and does not read the log.
+/// This helps a person who starts the daemon by hand and does not read the log.
 void showOnTerminal(const std::string& problem) {
   if (isatty(STDERR_FILENO) != 1) return;
   std::fprintf(stderr, "%s: %s\n", kProcessName, problem.c_str());
 }
 
-/// Other arguments change nothing: a supervisor may pass some.
-/// @return whether the arguments asked for a text only, which has been printed
+/// Unknown arguments are ignored, because a supervisor may pass some.
+/// @return whether the arguments only asked for a text; the text has been printed
 bool printedWhatWasAskedFor(int argc, char** argv) {
   const std::string_view argument = argc > 1 ? argv[1] : "";
   if (argument == "--help") {
@@ -133,17 +133,18 @@ void limitItself() {
   process::forbidDumps();
   process::keepCapabilitiesFromChildren();
   process::returnFreedMemory();
-  umask(S_IWGRP | S_IWOTH);  // whatever mask the supervisor has: all users may read the script
+  umask(S_IWGRP | S_IWOTH);  // set for any mask of the supervisor: all users may read the script
 }
 
-/// Deletes the service, which waits for all work in progress, such as a download. This thread feeds
-/// the watchdog during that time, so that the supervisor does not take the wait for a hang.
+/// Deletes the service in a thread of its own. The deletion waits for all work in progress, such as
+/// a download. Meanwhile the calling thread feeds the watchdog, so that the supervisor does not
+/// regard the wait as a hang.
 void stopService(std::unique_ptr<SlService> service) {
   std::future<void> stopped;
   try {
     stopped = std::async(std::launch::async, [&service] { service.reset(); });
   } catch (const std::system_error&) {
-    return;  // no thread: the caller's end deletes it
+    return;  // no thread can be started: the service is deleted when the caller's pointer ends
   }
   while (stopped.wait_for(kWatchdogFeedInterval) != std::future_status::ready) feedWatchdog();
 }

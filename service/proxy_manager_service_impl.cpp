@@ -14,7 +14,8 @@
 namespace {
 
 constexpr int kFetchIntervalSeconds = 1800;
-// proxymanagerctl status and wait listen for 5 s, so that they receive an announcement.
+// `proxymanagerctl status` and `wait` listen for 5 s, so with this pause they always receive an
+// announcement.
 constexpr std::chrono::seconds kAnnouncementPause{2};
 constexpr std::int32_t kServiceRuns = 1;
 
@@ -30,7 +31,7 @@ char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
 
-// A new object, null if it cannot be made. The caller starts it.
+// A new object; null if it cannot be made. The caller starts the object.
 template <typename Active, typename... Arguments>
 std::unique_ptr<Active> makeActive(Arguments&&... arguments) {
   try {
@@ -92,7 +93,7 @@ void ProxyManagerServiceImpl::startParser() {
 }
 
 void ProxyManagerServiceImpl::stop() {
-  mDbusHandler.refuseCalls();  // before the line: after it no request is executed
+  mDbusHandler.refuseCalls();  // before the log line: no request is executed after the line
   logLine(LOG_INFO, "ProxyManagerServiceImpl-stop called ");
   mDbusHandler.detachService();
   {
@@ -115,7 +116,7 @@ com::zentu::ProxyConfigTexts ProxyManagerServiceImpl::getProxyConfig() {
   const Lock lock(mConfigMutex);
   com::zentu::ProxyConfigTexts texts;
   texts._1 = proxyMode2Str(mConfig->mode);
-  // No temporary texts, because they would leave a copy of the password in memory.
+  // No temporary text is made, because it would leave a copy of the password in memory.
   assign(texts._2, mConfig->proxyurl);
   assign(texts._3, mConfig->pacurl);
   texts._4 = mConfig->enableauth ? "y" : "n";
@@ -143,7 +144,7 @@ std::int32_t ProxyManagerServiceImpl::updateProxyConfig(
   } else if (mConfig->mode == pacurl) {
     mConfig->pacurl = heapText(pacUrl);
   }
-  // The flag itself stays false: getProxyconfig still returns "n".
+  // `enableauth` of the stored configuration stays false, so getProxyconfig still returns "n".
   if (enableauth) {
     mConfig->userName = heapText(userName);
     mConfig->password = heapText(password);
@@ -181,7 +182,8 @@ std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript()
 void ProxyManagerServiceImpl::appendScriptAnswer(const std::string& requestUrl,
                                                  std::vector<std::string>& urls) {
   if (!mPacParser) return;
-  // The cache owns the texts of the list: no new script may empty the cache before they are copied.
+  // The cache owns the texts of the list. This lock prevents that a new script empties the cache
+  // before the texts are copied.
   const auto answers = mPacParser->shareAnswers();
   for (const auto& entry : mPacParser->getProxy(requestUrl)) {
     logLine(LOG_NOTICE, "ProxyManagerServiceImpl-getProxyUrl proxyUrl:%s", entry.url);
@@ -218,8 +220,8 @@ void ProxyManagerServiceImpl::startupEventThreadFunc() {
   pthread_name_np(gettid(), "pm-announce");
   logLine(LOG_INFO, "ProxyManagerServiceImpl-startupEventThreadFunc called ");
   while (!mStartupEventDone) {
-    // The flag is read again on the bus thread, on which the update sets it. So no announcement
-    // follows the reply to an update.
+    // The flag is read again on the bus thread. An update sets the flag on the same thread, so no
+    // announcement follows the reply to an update.
     mBusHelper->run([this] {
       if (!mStartupEventDone) mDbusHandler.ProxyMgrStateEvent(kServiceRuns);
     });
@@ -233,8 +235,8 @@ void ProxyManagerServiceImpl::waitForNextAnnouncement() {
                          [this] { return mStartupEventDone.load(); });
 }
 
-// The mutex is taken and released: after that the thread has either not yet read the flag, or
-// already waits.
+// The mutex is taken and released. After that, the announcing thread either has not read the flag
+// yet, or already waits.
 void ProxyManagerServiceImpl::endAnnouncements() {
   {
     const Lock lock(mAnnounceMutex);

@@ -1,13 +1,13 @@
 // The daemon's central object. It owns the configuration in force, the bus object, the fetcher and
 // the parser, and answers the calls from the bus.
 //
-// The service restores no configuration at start. The mode is off until a client sets a
-// configuration, and until then the service announces itself every two seconds. Every update asks
-// clients to drop their cached answers, even if nothing has changed. Three threads call this class:
-// the bus thread (requests), the fetcher thread (pacFileUpdated, and through the parser
-// pacContentUpdated) and the announcing thread. mConfigMutex guards the configuration. getProxyUrl
-// reads the configuration without the mutex: it runs on the same thread as the updates, and stop()
-// releases the configuration only after the last request.
+// The service restores no configuration at start. Until a client sets a configuration, the mode is
+// off, and the service announces itself every two seconds. Every update asks clients to drop their
+// cached answers, even if nothing has changed. Three threads call this class: the bus thread
+// (requests), the fetcher thread (pacFileUpdated, and pacContentUpdated through the parser) and the
+// announcing thread. mConfigMutex guards the configuration. getProxyUrl reads the configuration
+// without the mutex: it runs on the same thread as the updates, and stop() releases the
+// configuration only after the last request.
 #pragma once
 
 #include <atomic>
@@ -30,7 +30,7 @@ class PacParser;
 class ProxyManagerServiceImpl : public SlService {
  public:
   /// Connects to the bus, registers the object and asks for the bus name. Throws DBus::Error if one
-  /// of these fails or another process owns the name. Main thread.
+  /// of these steps fails or if another process owns the name. Main thread.
   ProxyManagerServiceImpl();
   ~ProxyManagerServiceImpl() override;
   ProxyManagerServiceImpl(const ProxyManagerServiceImpl&) = delete;
@@ -38,8 +38,8 @@ class ProxyManagerServiceImpl : public SlService {
 
   /// Waits for the request in progress, then ends the fetcher, the parser, the announcements and
   /// the dispatching. Waits for a transfer in progress (30 s at most) and for the load of its
-  /// script (5 s at most); the walk's other candidates fail at once. Requests that arrive during
-  /// the stop get the answer of a handler without a service. Main thread.
+  /// script (5 s at most); the other candidates of the walk fail at once. Requests that arrive
+  /// during the stop are answered as by a daemon without a service object. Main thread.
   void stop() override;
   /// Starts fetcher, parser, dispatching and announcements. Main thread. Throws std::system_error
   /// if a thread cannot be started. @return 0
@@ -48,22 +48,22 @@ class ProxyManagerServiceImpl : public SlService {
   /// The configuration in force; a text that is not set is "". Any thread.
   com::zentu::ProxyConfigTexts getProxyConfig() PM_EXCLUDES(mConfigMutex);
 
-  /// Replaces the configuration. Keeps only the URL of the given mode, and keeps user name and
-  /// password only with `enableauth`; the flag itself is not kept. Emits notifyClearcache, then
-  /// passes the configuration to the fetcher. Never waits for a download, but may wait for the load
-  /// of a script that is being installed (5 s at most). Bus thread.
+  /// Replaces the configuration. Keeps only the URL of the given mode. Keeps user name and password
+  /// only if `enableauth` is true. Does not keep the flag `enableauth` itself. Emits
+  /// notifyClearcache, then passes the configuration to the fetcher. Never waits for a download,
+  /// but may wait for the load of a script that is being installed (5 s at most). Bus thread.
   /// @return 0
   std::int32_t updateProxyConfig(const std::string& mode, const std::string& proxyurl,
                                  const std::string& pacurl, const bool& enableauth,
                                  const std::string& userName, const std::string& password)
       PM_EXCLUDES(mConfigMutex);
 
-  /// The mode's text, then what to use for `requestUrl`: in mode off an empty text, in mode manual
-  /// the proxy URL, in the PAC modes the entries of the script's answer. Waits for an evaluation, 5
-  /// s at most. Bus thread.
+  /// The first text is the mode. The texts after it are the answer for `requestUrl`: an empty text
+  /// in mode off, the proxy URL in mode manual, the entries of the script's answer in the PAC
+  /// modes. Waits for an evaluation, 5 s at most. Bus thread.
   std::vector<std::string> getProxyUrl(const std::string& requestUrl);
 
-  /// The result of getProxyUrl() if the script has no answer. Never waits. Bus thread.
+  /// The result that getProxyUrl() has if the script has no answer. Never waits. Bus thread.
   std::vector<std::string> getProxyUrlWithoutScript();
 
   /// A new PAC file is in place. Fetcher thread.
@@ -72,7 +72,7 @@ class ProxyManagerServiceImpl : public SlService {
   /// Whether a script is loaded. Any thread; never waits.
   bool hasScript() const;
 
-  /// The content of the PAC file differs from the content before. Fetcher thread.
+  /// The content of the PAC file has changed. Fetcher thread.
   void pacContentUpdated();
 
   /// Body of the announcing thread: ProxyMgrStateEvent(1) every two seconds until the first

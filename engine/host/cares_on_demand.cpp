@@ -1,4 +1,4 @@
-// c-ares, mapped at the first lookup of a name, for programs that seldom look one up.
+// c-ares, mapped at the first lookup of a name, because many programs never look up a name.
 //
 // If the library is missing, ares_init_options() fails with ARES_ENOTINITIALIZED. There is no
 // channel then, and no other function of the library is called except ares_strerror().
@@ -40,15 +40,16 @@ bool findAll(void* library, Functions& found) {
          find(library, "ares_timeout", found.timeOut);
 }
 
-// The functions that ares_init_options() has found; null before that, and while the library is
-// missing.
+// The functions that ares_init_options() has found; null before its first call, and while the
+// library is missing.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace
 
 extern "C" {
 
-// Only this function looks up the others. So if a channel exists, all functions have been found.
+// Only this function searches the library for the others. So if a channel exists, all functions
+// have been found.
 int ares_init_options(ares_channel* channel, struct ares_options* options, int mask) {
   static on_demand::Library<Functions> library("libcares.so.2", findAll);
   const Functions* const functions = library.functions();
@@ -70,7 +71,7 @@ void ares_destroy(ares_channel channel) {
   found.load()->destroy(channel);
 }
 
-// Owners that hold no object also call this function, with a null pointer.
+// An owner that holds no object also calls this function, with a null pointer.
 void ares_freeaddrinfo(struct ares_addrinfo* answer) {
   if (answer != nullptr) found.load()->freeAddrInfo(answer);
 }

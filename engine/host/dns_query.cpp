@@ -20,8 +20,8 @@ namespace pac_engine {
 
 namespace {
 
-// After half a second without an answer the next server is tried. The times of the tries double, so
-// a single slow server may answer during the whole 2 s of a lookup.
+// After half a second without an answer the next server is tried. The time doubles with each try,
+// so if there is a single slow server, it has the whole 2 s of a lookup for its answer.
 constexpr int kTryMs = 500;
 constexpr int kTries = 3;
 
@@ -34,7 +34,7 @@ struct Pending {
 
 std::string textOf(const ares_addrinfo_node& node) {
   char text[INET6_ADDRSTRLEN] = "";
-  // The values are copied, because not every machine can read unaligned values.
+  // The bytes are copied, because not every machine can read unaligned values.
   if (node.ai_family == AF_INET) {
     sockaddr_in address;
     std::memcpy(&address, node.ai_addr, sizeof address);
@@ -71,14 +71,14 @@ void onAnswer(void* context, int status, int /*timeouts*/, ares_addrinfo* answer
     try {
       take(pending.result, *list);
     } catch (const std::exception&) {
-      // Memory is exhausted. No exception may pass through the resolver's C code.
+      // Memory is exhausted. An exception must not pass through the resolver's C code.
       pending.result = {};
       pending.result.end = LookupEnd::kAbandoned;
     }
   }
 }
 
-/// One round: waits for the resolver's sockets, its timers or the peer of `watched`.
+/// Waits once for the resolver's sockets, its timers or the peer of `watched`.
 /// @return false if that peer is gone
 bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
   std::array<ares_socket_t, ARES_GETSOCK_MAXNUM> sockets{};
@@ -86,7 +86,7 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
       ares_getsock(channel, sockets.data(), static_cast<int>(sockets.size())));
   std::array<pollfd, ARES_GETSOCK_MAXNUM + 1> entries{};
   nfds_t count = 0;
-  entries[count++] = {watched, 0, 0};  // no event: poll() always reports POLLHUP
+  entries[count++] = {watched, 0, 0};  // no events are needed: poll() always reports POLLHUP
   for (unsigned i = 0; i < sockets.size(); ++i) {
     const bool read = ((bits >> i) & 1U) != 0;
     const bool write = ((bits >> (i + ARES_GETSOCK_MAXNUM)) & 1U) != 0;
@@ -97,7 +97,7 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
   const auto left = std::max(
       std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()),
       std::chrono::microseconds::zero());
-  // A few seconds at most, so they also fit in a time_t of 32 bits.
+  // This is a few seconds at most, so it also fits in a time_t of 32 bits.
   timeval longest{static_cast<std::time_t>(left.count() / 1'000'000),
                   static_cast<suseconds_t>(left.count() % 1'000'000)};
   timeval chosen{};
@@ -168,10 +168,10 @@ LookupResult DnsResolver::lookUp(const std::string& name, pac_engine::AddressFam
   while (!pending.done && asked && std::chrono::steady_clock::now() < deadline) {
     asked = waitOnce(channel, deadline, watched);
   }
-  // This calls all callbacks at once, so that none refers to `pending` after its end.
+  // This runs all remaining callbacks now, so that none uses `pending` after this function returns.
   if (!pending.done) {
     ares_cancel(channel);
-    // An answer for only one of the two families counts as no answer: the lookup took too long.
+    // If only one of the two families has its answer, the lookup counts as too late.
     pending.result = {};
     pending.result.end = LookupEnd::kTooLate;
   }

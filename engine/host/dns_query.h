@@ -1,4 +1,4 @@
-// One name lookup through c-ares: from the hosts file and the name servers, in the order of the
+// One name lookup through c-ares. It asks the hosts file and the name servers, in the order of the
 // resolver configuration.
 #pragma once
 
@@ -15,7 +15,7 @@
 namespace pac_engine {
 
 enum class LookupEnd : std::uint8_t {
-  kDone,      ///< answered, maybe by "no such name"
+  kDone,      ///< there is an answer, maybe "no such name"
   kTooLate,   ///< no answer by the deadline
   kAbandoned  ///< the caller is gone, or there is no memory
 };
@@ -35,12 +35,12 @@ class DnsResolver {
   DnsResolver(const DnsResolver&) = delete;
   DnsResolver& operator=(const DnsResolver&) = delete;
 
-  /// Whether the resolver's configuration has been replaced since the last call; if so, it is read
-  /// again at the next lookup. The first call returns false.
+  /// Whether the resolver's configuration has been replaced since the last call. If it has, the
+  /// next lookup reads it again. The first call returns false.
   bool configurationChanged();
 
-  /// Looks up `name` (ASCII) on the calling thread until `deadline`. It ends early if the peer of
-  /// the socket `watched` closes it.
+  /// Looks up `name` (ASCII) on the calling thread until `deadline`. The lookup ends early if the
+  /// peer of the socket `watched` closes the connection.
   LookupResult lookUp(const std::string& name, pac_engine::AddressFamily family, Deadline deadline,
                       int watched);
 

@@ -5,15 +5,16 @@
 
 namespace pac_engine {
 
-/// One file. A look is one system call with the file's path; links are followed. Not for use by two
-/// threads at once.
+/// One file. Each look at it is one system call with the file's path; links are followed. Two
+/// threads must not use the object at once.
 class FileChange {
  public:
   explicit FileChange(std::string path);
 
-  /// Whether the file has been replaced, written, made or removed since the last call. Compares
-  /// device, inode, size and time of change (ctime); no program can set the ctime back, while a
-  /// copy may keep an old mtime. The first call returns false.
+  /// Whether the file has been replaced, written, created or removed since the last call. The
+  /// function compares device, inode, size and time of change (ctime). It does not compare the
+  /// mtime, because a copy may keep an old mtime. No program can set the ctime back. The first call
+  /// returns false.
   bool changedSinceLastLook();
 
  private:

@@ -1,4 +1,5 @@
-// libidn2, mapped at the first name with characters beyond ASCII, for programs that seldom see one.
+// libidn2, mapped at the first name with characters beyond ASCII, because many programs never see
+// such a name.
 //
 // If the library is missing, a conversion fails with IDN2_MALLOC.
 #include <idn2.h>
@@ -20,8 +21,8 @@ bool findAll(void* library, Functions& found) {
   return find(library, "idn2_to_ascii_8z", found.toAscii) && find(library, "idn2_free", found.free);
 }
 
-// The functions that idn2_to_ascii_8z() has found; null before that, and while the library is
-// missing.
+// The functions that idn2_to_ascii_8z() has found; null before its first call, and while the
+// library is missing.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace
@@ -36,7 +37,7 @@ int idn2_to_ascii_8z(const char* name, char** ascii, int flags) {
   return functions->toAscii(name, ascii, flags);
 }
 
-// Owners that hold no object also call this function, with a null pointer.
+// An owner that holds no object also calls this function, with a null pointer.
 void idn2_free(void* text) {
   if (text != nullptr) found.load()->free(text);
 }

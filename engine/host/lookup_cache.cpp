@@ -16,7 +16,7 @@ void LookupCache::store(const Key& key, Addresses addresses, std::chrono::second
   const auto kept = addresses.empty() ? kFailureKept : std::min(lifetime, kLongestKept);
   if (mEntries.erase(key) > 0) mOrder.erase(std::find(mOrder.begin(), mOrder.end(), key));
   if (kept <= std::chrono::seconds::zero()) return;
-  // All steps that can fail come first; merge() only relinks.
+  // All steps that can fail come first; merge() only relinks nodes and cannot fail.
   decltype(mEntries) entry;
   entry.emplace(key, Entry{std::move(addresses), now + kept});
   mOrder.push_back(key);

@@ -1,4 +1,5 @@
-// Answers of name lookups, kept for a while: 500 names, the oldest go first.
+// A cache for the answers of name lookups. It has up to 500 names; a further name replaces the
+// oldest one.
 #pragma once
 
 #include <chrono>
@@ -15,23 +16,23 @@
 namespace pac_engine {
 
 inline constexpr std::size_t kLookupCacheNames = 500;
-inline constexpr std::chrono::seconds kLongestKept{60};  ///< however long the name server allows
+inline constexpr std::chrono::seconds kLongestKept{60};  ///< even if the name server allows more
 inline constexpr std::chrono::seconds kFailureKept{5};
 
-/// Not for use by two threads.
+/// Two threads must not use one object.
 class LookupCache {
  public:
   using Clock = std::chrono::steady_clock;
   using Key = std::pair<std::string, pac_engine::AddressFamily>;
   using Addresses = std::vector<std::string>;
 
-  /// The stored lookup of `key` at the time `now`: the addresses, or an empty list for a failure;
-  /// no value if the lookup is not stored.
+  /// The lookup of `key` that is stored and still valid at `now`: its addresses, or an empty list
+  /// if it failed. No value if there is no such lookup.
   std::optional<Addresses> find(const Key& key, Clock::time_point now) const;
 
-  /// Keeps `addresses` for `lifetime`, for 60 s at most, or a failure (no addresses) for 5 s. If
-  /// there are too many names, it drops the oldest one. It does not keep a name with a lifetime of
-  /// 0.
+  /// Keeps `addresses` for `lifetime`, but for 60 s at most. Without addresses, keeps the failure
+  /// for 5 s. If there are too many names, the oldest one is dropped. A name with a lifetime of 0
+  /// is not kept.
   /// Throws std::bad_alloc if memory is exhausted; the cache then has no entry for `key`.
   void store(const Key& key, Addresses addresses, std::chrono::seconds lifetime,
              Clock::time_point now);

@@ -38,8 +38,8 @@ bool isLocalhost(std::string_view name) {
   return name == "localhost" || (name.ends_with(".localhost") && !hasEmptyLabel);
 }
 
-/// The usual form of an IPv4 literal as in a URL. The worker knows literals in ASCII itself, but a
-/// literal may also be what the mapping of an international name leaves.
+/// The usual form of an IPv4 literal as in a URL. The worker itself recognises literals in ASCII.
+/// But the mapping of an international name to ASCII may also give a literal.
 std::optional<std::string> ipv4Literal(std::string_view name) {
   in_addr binary{};
   char text[INET_ADDRSTRLEN] = "";
@@ -65,8 +65,8 @@ std::optional<std::string> asciiName(std::string_view name) {
   std::string ascii(name);
   if (!base::isAscii(name)) {
     char* raw = nullptr;
-    // The same mapping as in browsers: letter case and width are mapped; special letters such as
-    // sharp s follow the current standard.
+    // The same mapping as in browsers: letters become lower-case and of normal width, and special
+    // letters such as sharp s follow the current standard.
     const int status = idn2_to_ascii_8z(ascii.c_str(), &raw, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
     const IdnText owned(raw, &idn2_free);
     if (status != IDN2_OK || ascii.find('\0') != std::string::npos) return std::nullopt;
@@ -136,8 +136,8 @@ std::vector<std::string> NameLookup::query(const LookupCache::Key& key, Deadline
                                            int watched) {
   const auto limit = std::chrono::steady_clock::now() + kLookupLimit;
   auto result = mResolver.lookUp(key.first, key.second, std::min(limit, deadline), watched);
-  // If a lookup had less than its 2 s, or if its caller has ended, the result says nothing about
-  // the name.
+  // If a lookup had less than its 2 s, or if its caller has ended, a missing answer does not mean
+  // that the name has no address.
   const bool cutShort = result.end == LookupEnd::kTooLate && deadline < limit;
   if (!cutShort && result.end != LookupEnd::kAbandoned) {
     mCache.store(key, result.addresses, result.lifetime, LookupCache::Clock::now());

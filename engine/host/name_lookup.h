@@ -1,5 +1,5 @@
 // Name lookups of scripts, with the limits of the PAC language: 20 names in one evaluation, 2 s for
-// one, answers kept for up to 60 s.
+// each name, answers kept for 60 s at most.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ namespace pac_engine {
 inline constexpr std::size_t kNamesPerEvaluation = 20;
 inline constexpr std::chrono::seconds kLookupLimit{2};
 
-/// Not for use by two threads.
+/// Two threads must not use one object.
 class NameLookup {
  public:
   explicit NameLookup(NameSource source);
@@ -31,15 +31,15 @@ class NameLookup {
 
   /// Addresses of `name` (UTF-8) in `family`. Empty if it has none, if it is not a valid name, if
   /// the share of this evaluation is used up, or if 2 s or `deadline` have passed. A repeated name
-  /// in the same evaluation has the same addresses and does not count again. What needs no name
-  /// server does not count: localhost, its subdomains, and a name that is mapped to an IPv4
+  /// in the same evaluation has the same addresses and does not count again. A name that needs no
+  /// name server does not count: localhost, its subdomains, and a name that is mapped to an IPv4
   /// literal.
-  /// @param watched as DnsResolver's
+  /// @param watched as for DnsResolver::lookUp()
   std::vector<std::string> resolve(std::string_view name, AddressFamily family, Deadline deadline,
                                    int watched);
 
  private:
-  /// The addresses of both families, if `name` is never looked up.
+  /// The addresses of `name` in both families if no server is ever asked for it; else nothing.
   std::optional<std::vector<std::string>> withoutServer(const std::string& name) const;
   std::vector<std::string> find(const std::string& name, AddressFamily family, Deadline deadline,
                                 int watched);
@@ -48,7 +48,7 @@ class NameLookup {
   NameSource mSource;
   DnsResolver mResolver;
   LookupCache mCache;
-  bool mConfigurationSeen = false;  ///< looked at in this evaluation
+  bool mConfigurationSeen = false;  ///< checked in this evaluation
   std::map<std::string, std::map<AddressFamily, std::vector<std::string>>> mAsked;
 };
 

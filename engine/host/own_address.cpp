@@ -19,9 +19,10 @@ namespace {
 using IfAddrs = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 
 // An address of the block for documentation (RFC 5737). No local network has such an address, so
-// the default route is asked. Connecting a UDP socket looks up the route and sends nothing.
+// the kernel uses the default route. connect() on a UDP socket looks up the route and sends
+// nothing.
 constexpr std::uint32_t kOutside = 0xC0000201;  // 192.0.2.1
-constexpr std::uint16_t kAnyPort = 9;           // discard; a port is needed, none is contacted
+constexpr std::uint16_t kAnyPort = 9;  // discard; connect() needs a port, but contacts none
 
 constexpr std::uint32_t kLinkLocalMask = 0xFFFF0000;
 constexpr std::uint32_t kLinkLocal = 0xA9FE0000;  // 169.254.0.0/16, RFC 3927

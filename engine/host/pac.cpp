@@ -1,5 +1,5 @@
 // The five functions of pac.h: a thin C interface over Engine, with the queue of pac_find_proxy. No
-// exception passes out of it.
+// exception leaves these functions.
 #include "engine/pac.h"
 
 #include <cstring>
@@ -16,7 +16,7 @@
 namespace {
 
 constexpr std::size_t kMaxQueued =
-    256;  // questions; a caller that queues more has stopped running callbacks
+    256;  // questions; if a caller queues more, it no longer runs callbacks
 
 struct Question {
   std::string url;
@@ -25,7 +25,7 @@ struct Question {
   void* context;
 };
 
-/// Runs `body`. An exception (memory is exhausted) is logged and goes no further.
+/// Runs `body`. Catches and logs an exception (memory is exhausted).
 template <typename Body>
 void guarded(const char* function, Body&& body) noexcept {
   try {
@@ -102,8 +102,8 @@ void pac_find_proxy_sync_n(pac* engine, const char* url, const char* host, char*
 
 void pac_run_callbacks(pac* engine) {
   if (engine == nullptr) return;
-  // A question that a callback queues has already woken the caller again, and belongs to the next
-  // round.
+  // A callback may queue a further question. This question has already woken the caller again, so
+  // the next call answers it.
   for (auto left = engine->queue.size(); left > 0; --left) {
     guarded("pac_run_callbacks", [&] {
       auto question = std::move(engine->queue.front());

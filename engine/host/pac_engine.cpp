@@ -20,8 +20,8 @@ namespace {
 
 /// CPU time that a worker may spend while nobody waits for it.
 constexpr std::chrono::seconds kIdleCpu{2};
-/// Far below kIdleCpu, so that a worker which answers questions within this time never reaches that
-/// limit.
+/// After less work than this, the worker's CPU limit is not set again. The value is far below
+/// kIdleCpu, so such a worker cannot have come near its limit.
 constexpr std::chrono::milliseconds kShortWork{500};
 
 Problem problemOf(std::string message) {
@@ -37,7 +37,7 @@ std::vector<std::string> ofFamily(const std::vector<std::string>& addresses, Add
   return {*found};
 }
 
-/// The addresses as the protocol carries them.
+/// The addresses, cut to the limits of the protocol.
 std::vector<std::string> clipped(std::vector<std::string> addresses) {
   std::erase_if(addresses, [](const auto& text) { return text.size() > kMaxAddressBytes; });
   if (addresses.size() > kMaxAddresses) addresses.resize(kMaxAddresses);
@@ -67,12 +67,13 @@ struct Engine::Impl {
   Options options;
   UniqueFd script;
   NameLookup names;
-  FileChange zone{"/etc/localtime"};  ///< what a worker reads before its walls stand
+  FileChange zone{"/etc/localtime"};  ///< a worker reads this file before it raises its walls
   std::unique_ptr<WorkerProcess> worker;
   std::uint32_t serial = 0;
   std::size_t alertBytesLeft = 0;
-  std::string* report = nullptr;  ///< where the pieces of a report go, during a command
-  std::chrono::steady_clock::duration worked{};  ///< since the worker's CPU time was last limited
+  std::string* report = nullptr;  ///< during a command: receives the pieces of the report
+  std::chrono::steady_clock::duration
+      worked{};  ///< the work since the worker's CPU limit was last set
 };
 
 /// Ends the worker; the next question starts another.
@@ -83,8 +84,8 @@ void Engine::Impl::discard(const char* why) {
   logLine(LOG_WARNING, "pac_engine: worker %d %s (%s)", pid, why, how.c_str());
 }
 
-/// A worker cannot read the zone again behind its walls. So the library starts a new worker when
-/// the device's zone changes.
+/// After a worker has raised its walls, it cannot read the zone again. So if the device's zone
+/// changes, the library starts a new worker.
 void Engine::Impl::followZone() {
   if (!zone.changedSinceLastLook() || !worker || !options.zone.empty()) return;
   logLine(LOG_DEBUG, "pac_engine: the device's zone has changed, worker %d is replaced",
@@ -123,7 +124,8 @@ Reply Engine::Impl::ask(std::string_view url, std::string_view host, Deadline de
   try {
     return askWorker(url, host, deadline);
   } catch (...) {
-    // Memory is exhausted. A worker in the middle of a question would spoil the next question, too.
+    // Memory is exhausted. A worker that is in the middle of this question could not answer the
+    // next one, either.
     worker.reset();
     throw;
   }
@@ -136,7 +138,7 @@ Reply Engine::Impl::askWorker(std::string_view url, std::string_view host, Deadl
   const auto question = encode(FromLibrary(Evaluate{++serial, url, host}));
   worker->follow();
   if (!worker->channel().send(question)) {
-    // The worker ended after the last answer, so this question did not cause it.
+    // The worker ended before it got this question, so the question did not cause the end.
     discard("has ended and is started again");
     if (!start(deadline, reply.problem)) return reply;
     worker->channel().send(question);
@@ -184,8 +186,9 @@ Reply Engine::Impl::replyOf(const FromWorker& message) {
   return reply;
 }
 
-/// Handles the worker's messages until it reports how its task ended. @return that message, whose
-/// texts are valid until the next one; nothing if the worker failed and has been discarded
+/// Handles the worker's messages until the worker reports how its task ended. @return that last
+/// message; its texts are valid until the next message arrives. Nothing if the worker failed and
+/// has been discarded
 std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& problem) {
   names.begin();
   alertBytesLeft = kMaxAlertBytes;
@@ -209,11 +212,11 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
       return message;
     }
     if (!*served) return fail("does not read its answers");
-    // A worker that asks without end sends each message in time, so the whole task has a deadline,
+    // A worker may ask endlessly, and send each message in time. So the whole task has a deadline,
     // too.
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline + kKillGrace) return fail("did not answer in time");
-    // The worker may send a message every few moments and work in between.
+    // Between its messages, the worker may use much CPU time.
     if (now >= shortly) allowLongWork(isLong);
   }
 }
@@ -237,10 +240,10 @@ void Engine::Impl::allowLongWork(bool& isLong) {
   worker->limitCpu(std::chrono::ceil<std::chrono::seconds>(options.timeLimit) + kIdleCpu);
 }
 
-/// Between two questions, no code watches the worker. A worker that a script controls could then
-/// use all CPU time of the device. So the kernel enforces a limit, which a waiting worker does not
-/// reach. The limit is renewed only after so much work that an honest worker could come near it. So
-/// a short question needs only one look at the clock.
+/// Between two questions, no code watches the worker. If a script has taken control of the worker,
+/// it could then use all CPU time of the device. So the kernel enforces a limit. A worker that only
+/// waits does not reach it. The limit is set again only after so much work that an ordinary worker
+/// could come near it. So after a short question, the function only reads the clock.
 void Engine::Impl::finishWork(Deadline begun) {
   worked += std::chrono::steady_clock::now() - begun;
   if (worked < kShortWork) return;
@@ -248,8 +251,8 @@ void Engine::Impl::finishWork(Deadline begun) {
   worker->limitCpu(kIdleCpu);
 }
 
-/// Does what `message` asks. @return nothing if it asks nothing, else whether the worker got the
-/// answer
+/// Executes the request in `message`. @return nothing if the message is no request, else whether
+/// the worker got the answer
 std::optional<bool> Engine::Impl::answerWorker(const FromWorker& message, Deadline deadline) {
   auto& channel = worker->channel();
   if (const auto* const alert = std::get_if<Alert>(&message)) {
@@ -283,7 +286,7 @@ void Engine::Impl::logAlert(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = base::utf8Head(alert, alertBytesLeft);
   logLine(LOG_DEBUG, "pac_engine: alert: %s", base::visible(cut).c_str());
-  // An empty one counts too, so that a flood of them ends.
+  // An empty alert counts as one byte, so that an endless series of empty alerts reaches the limit.
   alertBytesLeft -= std::max<std::size_t>(cut.size(), 1);
 }
 

@@ -67,7 +67,7 @@ std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program, 
 void WorkerProcess::follow() {
   const int cpu = sched_getcpu();
   if (cpu < 0 || cpu >= CPU_SETSIZE || cpu == mCpu) return;
-  // Only while the process has not ended: after that, its id may belong to another process.
+  // If the process has ended, its id may belong to another process.
   if (mChild->hasEnded()) return;
   cpu_set_t only;
   CPU_ZERO(&only);
@@ -91,7 +91,8 @@ void WorkerProcess::limitCpu(std::chrono::seconds more) {
 }
 
 std::string WorkerProcess::end() {
-  // This ends a worker that listens, even if the service may not signal other users' processes.
+  // This ends a worker that reads its socket, even if the service may not send signals to processes
+  // of other users.
   mChannel.hangUp();
   return mChild->end();
 }

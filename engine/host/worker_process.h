@@ -1,7 +1,8 @@
 // The script worker as a child process: how it is found, started and ended.
 //
-// It is a sandbox::ChildProcess with an environment that holds only TZ, its end of a socket
-// pair as descriptor 3 and the script as descriptor 4. It ends when its socket does.
+// The worker is a sandbox::ChildProcess. Its environment contains only TZ. Its descriptor 3 is its
+// end of a socket pair, and its descriptor 4 is the script. When the other end of the socket pair
+// is closed, the worker ends.
 #pragma once
 
 #include <sys/types.h>
@@ -18,8 +19,8 @@
 
 namespace pac_engine {
 
-/// Copies `bytes` to a sealed memory file, which no process can change, grow or shrink. Empty, with
-/// errno, if there is no memory or no descriptor for it.
+/// Copies `bytes` to a sealed memory file, which no process can change, grow or shrink. The result
+/// is empty, with a reason in errno, if there is no memory or no descriptor.
 UniqueFd sealedScript(std::string_view bytes);
 
 /// The path of the program for `role`: `proxymanager-pac-worker` or `proxymanager-workbench` in the
@@ -44,9 +45,9 @@ class WorkerProcess {
   pid_t pid() const { return mPid; }
 
   /// Binds the process to the CPU that the calling thread is on. The caller sleeps until it has the
-  /// answer, so sharing one CPU costs nothing. A switch on the same CPU takes a fifth of the time
-  /// that it takes to wake another CPU. Busy waiting would burn power on both CPUs. If the kernel
-  /// does not allow the binding, nothing changes.
+  /// answer, so sharing one CPU costs nothing. Switching to a process on the same CPU takes a fifth
+  /// of the time that waking another CPU takes. Busy waiting would burn power on both CPUs. If the
+  /// kernel refuses the binding, nothing changes.
   void follow();
 
   /// Lets the kernel end the process with SIGXCPU after it has used `more` CPU time from now on.
@@ -54,7 +55,7 @@ class WorkerProcess {
   void limitCpu(std::chrono::seconds more);
 
   /// Kills the process unless it has ended and waits for it, 1 s at most. If it does not end, a
-  /// later start or end waits for it.
+  /// later start or end of a child waits for it.
   /// @return how it ended, for the log
   std::string end();
 
@@ -63,7 +64,7 @@ class WorkerProcess {
 
   pid_t mPid;
   std::unique_ptr<sandbox::ChildProcess> mChild;
-  int mCpu = -1;  ///< where follow() has bound the process
+  int mCpu = -1;  ///< the CPU to which follow() has bound the process
   Channel mChannel;
 };
 

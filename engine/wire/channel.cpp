@@ -14,7 +14,7 @@ namespace {
 constexpr std::size_t kBufferBytes = kMaxMessageBytes + 1;
 
 /// The timeout for poll() until `deadline`, rounded up. If it were rounded down, poll() would
-/// return too early, several times.
+/// return too early, and the caller would call it several times.
 int millisecondsLeft(Deadline deadline) {
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -33,7 +33,8 @@ bool waitReadable(int socket, Deadline deadline) {
 
 }  // namespace
 
-// The buffer is not initialised, so pages that no message reaches are never touched.
+// The buffer is not initialised. So pages that no message fills are never touched and use no
+// memory.
 Channel::Channel(UniqueFd socket)
     : mSocket(std::move(socket)), mBuffer(std::make_unique_for_overwrite<char[]>(kBufferBytes)) {}
 
@@ -63,8 +64,8 @@ Receipt Channel::receive(std::optional<Deadline> deadline) {
   ssize_t length = 0;
   do {
     length = recv(mSocket.get(), mBuffer.get(), kBufferBytes, 0);
-    // A peer that closes its end without reading everything resets the connection. The kernel
-    // reports this once, before the messages that the peer has sent.
+    // If the peer closes its end before it has read everything, the connection is reset. The kernel
+    // reports the reset once, before it returns the messages that the peer has sent.
   } while (length < 0 && (errno == EINTR || errno == ECONNRESET));
   if (length <= 0) return Receipt::kEnd;
   mLength = static_cast<std::size_t>(length);

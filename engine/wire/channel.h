@@ -38,8 +38,8 @@ class Channel {
   /// open.
   Receipt receive(std::optional<Deadline> deadline = std::nullopt);
 
-  /// The last received message, valid until the next receive(). A message past the longest length
-  /// is cut to a size that every decoder refuses.
+  /// The last received message, valid until the next receive(). A message that is longer than
+  /// allowed is cut to a length that every decoder refuses.
   std::string_view message() const { return {mBuffer.get(), mLength}; }
 
   /// Ends the conversation: the other end finds the socket closed.

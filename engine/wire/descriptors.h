@@ -6,7 +6,7 @@ namespace pac_engine {
 inline constexpr int kWorkerSocket = 3;  ///< the worker's end of the socket pair
 inline constexpr int kWorkerScript = 4;  ///< the script, a sealed memory file
 
-/// In the environment of a workbench that only parses its script.
+/// The environment of a workbench contains this variable if the workbench only parses its script.
 inline constexpr char kParseOnly[] = "PROXYMANAGER_WORKBENCH=parse";
 inline constexpr char kWorkbenchVariable[] = "PROXYMANAGER_WORKBENCH";
 

@@ -212,7 +212,7 @@ NoAnswer readNoAnswer(Reader& reader) {
   return message;
 }
 
-/// `message`, if `reader` has been read to its end without a fault.
+/// `message` if all fields of `reader` were valid and no byte remains; else nothing.
 template <typename Direction, typename Message>
 std::optional<Direction> whole(const Reader& reader, Message&& message) {
   if (!reader.done()) return std::nullopt;

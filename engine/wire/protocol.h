@@ -1,10 +1,10 @@
 // The messages between the library and its script worker.
 //
 // One message is one packet of a SOCK_SEQPACKET pair: a byte that names its kind, then its fields
-// in the machine's own byte order, texts behind their 32-bit length. Both ends run on one machine
-// and come from one build, so there is no version. Each end treats the other as hostile: a decoder
-// takes a message only if every length, every enumerator and the total size are right, and nothing
-// is left over. Both ends also check that each kind of message arrives only when it may.
+// in the machine's own byte order. A text follows its 32-bit length. Both ends run on one machine
+// and come from one build, so the protocol has no version. Each end treats the other as hostile: a
+// decoder takes a message only if every length, every enumerator and the total size are right, and
+// nothing is left over. Both ends also check that each kind of message arrives only when it may.
 //
 //   library                              worker
 //   Start                            ->
@@ -14,7 +14,7 @@
 //   Command (workbench only)         ->
 //                                    <-  Report, any number; then Answer or NoAnswer
 // While the worker loads or evaluates, it may send Alert, Resolve and OwnAddresses. The library
-// answers each of the last two with one Addresses.
+// answers each Resolve and each OwnAddresses with one Addresses.
 #pragma once
 
 #include <cstddef>
@@ -29,8 +29,8 @@
 
 namespace pac_engine {
 
-inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;        ///< request URL, after cleaning too
-inline constexpr std::size_t kMaxHostBytes = 8U << 10U;       ///< a host is part of a URL
+inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;   ///< request URL, before and after cleaning
+inline constexpr std::size_t kMaxHostBytes = 8U << 10U;  ///< a host is part of a URL
 inline constexpr std::size_t kMaxResultBytes = 64U << 10U;    ///< text that the entry point returns
 inline constexpr std::size_t kMaxAlertBytes = 2U << 10U;      ///< all alerts of one evaluation
 inline constexpr std::size_t kMaxCommandBytes = 64;           ///< the name of a command
@@ -40,7 +40,7 @@ inline constexpr std::size_t kMaxProblemBytes = 512;          ///< the reason fo
 /// A name to look up, as UTF-8. The ASCII form of a name has 253 bytes at most, and its UTF-8 form
 /// is at most four times as long.
 inline constexpr std::size_t kMaxNameBytes = 1U << 10U;
-inline constexpr std::size_t kMaxAddresses = 64;     ///< of one name or of this device
+inline constexpr std::size_t kMaxAddresses = 64;     ///< of one name, or of this device
 inline constexpr std::size_t kMaxAddressBytes = 45;  ///< longest text of an IPv6 address
 /// Longest message: a result with its kind, serial and length.
 inline constexpr std::size_t kMaxMessageBytes = kMaxResultBytes + 64;

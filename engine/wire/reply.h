@@ -1,5 +1,5 @@
-// How a load or an evaluation ends: what the worker's engine reports to the worker, and the library
-// to its caller.
+// The result of a load or an evaluation. The worker's engine reports it to the worker, and the
+// library reports it to its caller.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ struct Problem {
   std::uint32_t line = 0;  ///< of the script, from 1; 0 if none is known
 };
 
-/// An answer, or why there is none.
+/// An answer, or the reason why there is none.
 struct Reply {
   std::optional<std::string> result;  ///< ASCII text that the script returned
   Problem problem;                    ///< set if there is no result

@@ -112,8 +112,8 @@ std::optional<Address> parseIpv6(std::string_view text) {
     if (!groups) return std::nullopt;
     whole.replace(tail, whole.npos, *groups);
   }
-  // The system's parser needs a terminated text. It must not accept the part before a NUL inside
-  // the text.
+  // The system's parser reads only up to a NUL. So a text with a NUL inside is refused: the parser
+  // must not accept the part before it.
   if (whole.size() >= INET6_ADDRSTRLEN || whole.find('\0') != whole.npos) return std::nullopt;
   Address address{};
   if (inet_pton(AF_INET6, whole.c_str(), address.data()) != 1) return std::nullopt;

@@ -9,8 +9,8 @@
 
 namespace pac_worker {
 
-/// An address of either family, in 16 bytes of network order; IPv4 is held as IPv4-mapped IPv6
-/// (RFC 4291, 2.5.5.2), so that both spellings of one address are equal.
+/// An address of either family, as 16 bytes in network order. An IPv4 address is stored as
+/// IPv4-mapped IPv6 (RFC 4291, 2.5.5.2), so that both spellings of one address are equal.
 using Address = std::array<std::uint8_t, 16>;
 
 /// A dotted quad as a number in host byte order. It has four decimal fields of one to three digits,

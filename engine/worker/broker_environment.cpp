@@ -13,7 +13,8 @@ using pac_engine::FromWorker;
 
 namespace {
 
-/// More names than one evaluation may look up. Further names get no address.
+/// This is more than the number of names that one evaluation may look up. Further names get no
+/// address.
 constexpr std::size_t kMaxRemembered = 64;
 
 }  // namespace
@@ -43,7 +44,7 @@ void BrokerEnvironment::begin() {
 }
 
 std::vector<std::string> BrokerEnvironment::resolve(std::string_view name, AddressFamily family) {
-  // Longer than the encoding of any name.
+  // The second condition: the text is longer than the encoding of any name.
   if (name.empty() || name.size() > pac_engine::kMaxNameBytes) return {};
   std::pair key(family, std::string(name));
   const auto known = mResolved.find(key);
@@ -60,7 +61,7 @@ std::vector<std::string> BrokerEnvironment::ownAddresses(AddressFamily family) {
 }
 
 void BrokerEnvironment::alert(std::string_view text) {
-  // The library counts how much one evaluation logs.
+  // The library itself limits how much one evaluation logs.
   sendOrEnd(mChannel, pac_engine::Alert{base::utf8Head(text, pac_engine::kMaxAlertBytes)});
 }
 

@@ -1,5 +1,5 @@
-// The device from the point of view of a script in the worker. Clock and zone are the worker's own;
-// for everything else the worker asks the library through the socket.
+// The device as a script in the worker sees it. The worker itself has the clock and the zone. For
+// everything else, the worker asks the library through the socket.
 #pragma once
 
 #include <cstdint>
@@ -40,8 +40,8 @@ class BrokerEnvironment : public PacEnvironment {
 
   pac_engine::Channel& mChannel;
   std::optional<std::int64_t> mStopped;
-  /// Answers of this evaluation. A script asks for the same host in rule after rule, and a question
-  /// through the socket costs more than the rest of the rule.
+  /// Answers of this evaluation. Many rules of a script ask for the same host, and a question
+  /// through the socket costs more than the rest of a rule.
   std::map<std::pair<AddressFamily, std::string>, Texts, std::less<>> mResolved;
   std::map<AddressFamily, Texts> mOwn;
 };
@@ -49,7 +49,8 @@ class BrokerEnvironment : public PacEnvironment {
 /// Sends `message`, or ends the process if the other end is closed.
 void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& message);
 
-/// Waits for the next message, or ends the process: quietly if the socket is closed.
+/// Waits for the next message. Ends the process if none can come, without an error if the socket is
+/// closed.
 pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
 
 }  // namespace pac_worker

@@ -82,7 +82,8 @@ void Conversation::answer() {
   }
   const auto* const question = std::get_if<pac_engine::Evaluate>(&message);
   if (question == nullptr) endWorker(kExitBroken);
-  // The texts are in the channel's buffer, which the first lookup of the script overwrites.
+  // The texts of the question are in the channel's buffer. The first lookup of the script
+  // overwrites this buffer.
   const auto serial = question->serial;
   const std::string url(question->url);
   const std::string host(question->host);

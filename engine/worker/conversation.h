@@ -13,7 +13,7 @@
 
 namespace pac_worker {
 
-/// The additions of the workbench to a conversation.
+/// What the workbench adds to a conversation.
 class Extension : public Preparation {
  public:
   /// The environment for the script, which replaces `device`. `device` must outlive this object.
@@ -35,7 +35,7 @@ void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply&
 [[noreturn]] void refuse(pac_engine::Channel& channel, std::string_view message,
                          std::uint32_t line = 0);
 
-/// For one conversation; every call ends the process if the library is gone or breaks the rules.
+/// One conversation. Every call ends the process if the library is gone or breaks the rules.
 class Conversation {
  public:
   /// @param channel must outlive this object

@@ -10,21 +10,21 @@
 namespace pac_worker {
 namespace {
 
-constexpr int kMostJobs = 1000;            // of promises, after each load and evaluation
+constexpr int kMostJobs = 1000;            // of promises; limit for each load and each evaluation
 constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
-// If a small block is refused, the engine may recurse endlessly: it makes an error about the error.
-// So small blocks are still granted past the heap limit, from a reserve. The reserve lasts until
-// the next interrupt, which ends the script. Each interrupt adds the memory for its own error to
-// the reserve.
+// If the heap refuses a small block, the engine may recurse endlessly: it needs a block for the
+// error, and then for an error about that error. So past the heap limit, small blocks are still
+// granted, from a reserve. The reserve lasts until the next interrupt, which ends the script. Each
+// interrupt adds the memory for its own error to the reserve.
 constexpr std::size_t kSmallBlock = 4U << 10U;
 constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
 constexpr std::size_t kMostReserve = 16U << 20U;
-// The engine reads the clock at every ten thousandth call or loop iteration. If each iteration is a
-// long built-in function, this can take minutes. So the heap reads the clock, too, each time after
-// this many bytes; each block counts as a little more than its size. Some time after the deadline,
-// it refuses all blocks except small ones. The built-in functions then fail at once, and the engine
-// soon reads the clock.
+// The engine reads the clock at every ten thousandth call or loop iteration. If each iteration
+// calls a long built-in function, minutes can pass before that. So the heap reads the clock, too,
+// whenever it has granted this many bytes; each block counts as a little more than its size. Some
+// time after the deadline, the heap refuses all blocks except small ones. The built-in functions
+// then fail at once, and the engine soon reads the clock.
 constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
 constexpr std::size_t kBlockCost = 1U << 10U;
 constexpr std::chrono::milliseconds kStarvationGrace{100};
@@ -48,7 +48,7 @@ Text::Text(JSContext* context, JSValueConst value)
   EngineRuntime::of(context).countWork(mLength);
 }
 
-// The engine's own heap functions do the same, but do not report that they refused.
+// The engine's own heap functions do the same, but do not report that they refused a block.
 const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocateZeroed, allocate, release,
                                                          reallocate, usableSize};
 
@@ -96,9 +96,9 @@ void* EngineRuntime::reallocate(void* owner, void* block, std::size_t size) {
   return moved;
 }
 
-// The globals of a PAC script in a browser: those of the language, without those of a host.
-// JS_NewContext() would add the clock `performance`, `atob`, `btoa` and `DOMException`. Modules,
-// timers and files are in the engine's other library, which is not linked.
+// The same globals as for a PAC script in a browser: those of the language, without those that a
+// host adds. JS_NewContext() would add the clock `performance`, `atob`, `btoa` and `DOMException`.
+// Modules, timers and files are in another library of the engine, which is not linked.
 EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
   OwnedContext context(JS_NewContextRaw(runtime));
   if (!context) return nullptr;
@@ -115,7 +115,7 @@ EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
     JS_FreeAtom(context.get(), name);
     return gone >= 0;
   };
-  // A global function of the engine; in a browser the host provides it.
+  // The engine itself defines these globals; in a browser the host provides them.
   for (const char* const name : {"queueMicrotask", "InternalError"})
     if (!remove(JS_NewAtom(context.get(), name))) return nullptr;
   // The engine names the global object "global"; in a browser's script it is "[object Object]".

@@ -1,8 +1,7 @@
-// The engine's runtime with its one context, and the walls around what runs in it: heap, stack,
-// time.
+// The engine's runtime with its one context, and the limits of the script in it: heap, stack, time.
 //
-// Engine types stop at this header, script_helpers.h and script_error.h; only their sources and
-// script_engine.cpp see them.
+// Types of the engine occur in this header, script_helpers.h and script_error.h. Only the sources
+// of these headers and script_engine.cpp use them.
 #pragma once
 
 #include <quickjs.h>
@@ -67,7 +66,7 @@ class EngineRuntime {
   EngineRuntime(const EngineRuntime&) = delete;
   EngineRuntime& operator=(const EngineRuntime&) = delete;
 
-  /// Null if the heap limit is too small even for an empty context.
+  /// Null if the heap limit is too low even for an empty context.
   [[nodiscard]] JSContext* context() const { return mContext.get(); }
   static EngineRuntime& of(JSContext* context) {
     return *static_cast<EngineRuntime*>(JS_GetContextOpaque(context));
@@ -80,8 +79,8 @@ class EngineRuntime {
   void runJobs();
   /// Counts bytes that are processed outside the engine's loops.
   void countWork(std::size_t bytes) { mBytesOfWork += bytes; }
-  /// Returns true if so many bytes were counted that the clock should be read; the count then
-  /// begins again.
+  /// Returns true if enough bytes were counted that the clock should be read. The count then begins
+  /// again at 0.
   bool hasWorkedLong();
   /// True if the time limit was passed since begin(), whether or not the script noticed.
   bool timeIsUp();

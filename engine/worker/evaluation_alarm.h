@@ -1,4 +1,4 @@
-// A time limit that also ends scripts that the engine cannot stop.
+// A time limit that also ends a script that the engine cannot stop.
 #pragma once
 
 #include <sys/time.h>
@@ -9,8 +9,8 @@
 namespace pac_worker {
 
 /// Ends the process if a load or an evaluation continues after the library has ended. Some scripts
-/// never return to a point at which the engine reads the clock. Normally the library kills such a
-/// worker, but not if the library's process has ended itself.
+/// never reach a point at which the engine reads the clock. Normally the library kills the worker
+/// of such a script. It cannot do this if its own process has ended.
 class EvaluationAlarm {
  public:
   explicit EvaluationAlarm(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }
@@ -21,7 +21,7 @@ class EvaluationAlarm {
  private:
   static constexpr std::chrono::milliseconds kAfterTheLibrary{1000};
 
-  // SIGALRM's default action is the end.
+  // The default action of SIGALRM ends the process.
   static void arm(std::chrono::milliseconds after) {
     const auto count = after.count();
     itimerval timer{};

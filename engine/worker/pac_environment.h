@@ -1,8 +1,8 @@
 // The questions about the device that the helpers of a script may ask.
 //
-// The worker has no network and no files, and tests need a fixed clock. So everything except pure
-// text work goes through this one interface. In the worker the library answers over the socket; in
-// tests the test's own object answers.
+// The worker has no network and no files, and tests need a fixed clock. So whatever a helper needs
+// to know about the device, it asks through this one interface. In the worker, the library answers
+// over the socket. In tests, an object of the test answers.
 #pragma once
 
 #include <cstdint>
@@ -33,8 +33,8 @@ class PacEnvironment {
   /// addresses of the device. Empty if there is none.
   virtual std::vector<std::string> ownAddresses(AddressFamily family) = 0;
 
-  /// The present time for the script in seconds since 1970-01-01T00:00:00Z, if it is not the
-  /// clock's.
+  /// The time that the script sees instead of the clock's, in seconds since 1970-01-01T00:00:00Z;
+  /// no value if the script sees the clock's time.
   virtual std::optional<std::int64_t> stoppedClock() = 0;
 
   /// Gets the text of alert(). It may have any length and any bytes.

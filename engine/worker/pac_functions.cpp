@@ -23,8 +23,8 @@ std::string joined(const std::vector<Text>& texts) {
   return list;
 }
 
-// Four fields of digits are an address with a field that is too large, and not a name. So no name
-// server may be asked for it.
+// A text of digits and dots that is not an address has, for example, a field that is too large. It
+// is not a name either, so no name server may be asked for it.
 bool isDigitsAndDots(std::string_view text) {
   return text.find_first_not_of("0123456789.") == text.npos;
 }
@@ -43,7 +43,7 @@ std::vector<std::string> lookUp(PacEnvironment& environment, std::string_view na
   return environment.resolve(name, family);
 }
 
-// An entry of a list that is sorted.
+// An entry of a list that is to be sorted.
 struct Entry {
   bool ipv4;
   Address address;

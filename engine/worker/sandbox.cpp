@@ -43,7 +43,7 @@ using sandbox::equals;
 using sandbox::kInt;
 using sandbox::masked;
 
-/// Argument number `argument`, an int, is `value`.
+/// The condition: argument number `argument`, an int, is `value`.
 scmp_arg_cmp isInt(unsigned argument, int value) {
   return masked(argument, kInt, static_cast<std::uint32_t>(value));
 }
@@ -63,8 +63,9 @@ void allowMessages(sandbox::SystemCalls& list, int socket) {
       .first(SCMP_SYS(sendto));
 }
 
-/// Private memory without a file, which is never executable: what the C library's allocator needs.
-/// Several arenas would need more system calls, but only programs with threads have several.
+/// Private memory without a file, never executable. The C library's allocator needs it. If the
+/// allocator had several arenas, it would need more system calls, but it has several only in
+/// programs with threads.
 void allowMemory(sandbox::SystemCalls& list) {
   constexpr int kReadWrite = PROT_READ | PROT_WRITE;
   const Arguments plainMemory{isInt(2, kReadWrite), isInt(3, MAP_PRIVATE | MAP_ANONYMOUS),
@@ -78,8 +79,8 @@ void allowMemory(sandbox::SystemCalls& list) {
       .allow(SCMP_SYS(madvise), {isInt(2, MADV_FREE)});
 }
 
-/// The clock, for a kernel that gives no page to read it from. Other clock numbers are clocks of
-/// processes, and could be any process's.
+/// The system call reads the clock if the kernel provides no page for this. Other clock numbers are
+/// not allowed: they can mean the CPU clock of any process.
 void allowClocks(sandbox::SystemCalls& list) {
   for (const int clock : {CLOCK_REALTIME, CLOCK_MONOTONIC}) {
     list.allow(SCMP_SYS(clock_gettime), {isInt(0, clock)})
@@ -94,7 +95,7 @@ Failure allowOnlyWhatAnEngineNeeds(int socket) {
   allowMessages(list, socket);
   allowMemory(list);
   allowClocks(list);
-  // The alarm that ends a script if nothing else can and the library has ended.
+  // The alarm that ends a script if nothing else can end it (evaluation_alarm.h).
   list.allow(SCMP_SYS(setitimer), {isInt(0, ITIMER_REAL), equals(2, 0)});
   // The C++ runtime needs these calls for an exception: pthread_once wakes a thread that may wait
   // for it.
@@ -114,8 +115,8 @@ Failure allowOnlyWhatAnEngineNeeds(int) {
 }  // namespace
 
 void loadZone() {
-  // With ":FILE" in TZ the C library does not check the zone's file again at each conversion. That
-  // check needs stat, which the walls forbid.
+  // If TZ has the form ":FILE", the C library does not check the zone's file again at each
+  // conversion. This check would need the system call stat, which the walls forbid.
   setenv("TZ", ":/etc/localtime", 0);
   tzset();
 }

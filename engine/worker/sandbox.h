@@ -1,13 +1,14 @@
-// The walls of the script worker (and of the workbench), and of no other program; sandbox/walls.h
-// has the functions that every child process shares. The list of system calls is in sandbox.cpp.
-// The process raises the walls before it reads the first byte of a script.
+// The walls of the script worker and of the workbench. sandbox/walls.h has the functions that all
+// child processes use. The list of system calls is in sandbox.cpp. The process raises the walls
+// before it reads the first byte of a script.
 //
-// A script that takes control of the engine finds these walls. The process has no capability and
-// gets no new privileges. Its user is nobody if root started the worker. Its network namespace is
-// empty if the kernel allows one. Its memory is limited. It can make no new file, process or core
-// dump, and no debugger may attach. A list allows only the few system calls that a running engine
-// needs. Any other call kills the process. The list is the most important wall; the others are a
-// second line. If memory runs out, the kernel ends the worker before the program that started it.
+// If a script takes control of the engine, these walls still hold. The process has no capability
+// and gets no new privileges. Its user is nobody if root started the worker. Its network namespace
+// is empty if the kernel allows one. Its memory is limited. It can make no new file, process or
+// core dump, and no debugger may attach. A list allows only the few system calls that a running
+// engine needs. Any other call kills the process. The list is the most important wall; the others
+// are a second line. If memory runs out, the kernel ends the worker before the program that started
+// it.
 #pragma once
 
 #include <optional>
@@ -15,8 +16,8 @@
 
 namespace pac_worker {
 
-/// Address space of the worker: 64 MiB for the engine's heap, another 64 MiB while a block of it
-/// grows by a copy, and the program, script and stack.
+/// Address space of the worker: 64 MiB for the engine's heap, another 64 MiB while a block of the
+/// heap is copied to grow, and the space for program, script and stack.
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
 
@@ -26,7 +27,8 @@ struct MemoryWalls {
   unsigned long stackBytes = kStackBytes;
 };
 
-/// Reads the zone rules (TZ, else /etc/localtime), which cannot be read later. To be called first.
+/// Reads the zone rules (TZ, else /etc/localtime). Call it before enterSandbox(), because the rules
+/// cannot be read later.
 void loadZone();
 
 /// Raises all walls around this process, which has one thread. After that, the process can read and

@@ -1,12 +1,12 @@
 // Each script has its own runtime. A script that fills or misuses its runtime harms only its own
-// state. If it has passed the heap limit and still holds most of the heap, the next evaluation
-// begins with a fresh runtime and the script is loaded again.
+// state. If a script has passed the heap limit and still holds most of the heap, the next
+// evaluation first loads the script again into a new runtime.
 //
 // Some scripts can be stopped only from outside: the library kills the worker. The engine does not
-// read the clock while one built-in function walks an object that only claims a giant length
-// (indexOf or join of {length: 2 ** 50}), or searches a giant string again and again. And an async
-// function or a promise's executor turns the interrupt into a rejection, so a loop around it
-// continues.
+// read the clock while one built-in function runs. This function may process an object that only
+// claims a giant length (indexOf or join of {length: 2 ** 50}), or search a giant string
+// repeatedly. In addition, an async function or the executor of a promise turns the interrupt into
+// a rejection, so a loop around it continues.
 #include "engine/worker/script_engine.h"
 
 #include <algorithm>
@@ -40,7 +40,8 @@ struct ScriptEngine::Impl {
   bool worn = false;                       ///< the script holds most of the heap
 
   std::optional<Problem> start();
-  /// @param begun the limits run already, because the script was just loaded again
+  /// @param begun whether the limits of this evaluation already count, because the script was just
+  /// loaded again
   Reply call(std::string_view url, std::string_view host, bool begun);
 
  private:

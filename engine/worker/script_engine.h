@@ -1,15 +1,15 @@
 // The JavaScript engine with one PAC script in it.
 //
-// The engine's own types stay behind this header. A ScriptEngine holds one runtime and one fresh
-// context; the script runs once, at load, and its globals live on between evaluations. There is one
+// This header hides the engine's own types. A ScriptEngine holds one runtime and one fresh context;
+// the script runs once, at load, and its globals remain between evaluations. There is one
 // exception: if the script has passed the heap limit and still holds more than half of the heap,
 // the next evaluation first loads the script again, within the time limit of that evaluation. Two
 // threads must not use an engine at the same time, but each call may come from a different thread.
 // No function throws.
 //
 // Promises: up to 1,000 queued jobs run after the load and after each evaluation, within the same
-// time limit. The answer does not depend on these jobs. A limit that was passed counts even if the
-// script has caught the error.
+// time limit. The answer does not depend on these jobs. If a script passes a limit and catches the
+// error, it still has no answer.
 #pragma once
 
 #include <chrono>
@@ -26,11 +26,13 @@
 namespace pac_worker {
 
 struct ScriptLimits {
-  std::size_t heapBytes = 64U << 20U;    ///< JavaScript heap; passed: no answer
-  std::size_t stackBytes = 512U << 10U;  ///< native stack; passed: an error the script may catch
-  std::chrono::milliseconds time{5000};  ///< a load or an evaluation; the worker sets Start's
-  std::size_t resultBytes = 64U << 10U;  ///< longest result text; longer: no answer
-  std::size_t alertBytes = 2U << 10U;    ///< logged of all alerts of one evaluation; further: cut
+  std::size_t heapBytes = 64U << 20U;  ///< JavaScript heap; if passed: no answer
+  std::size_t stackBytes =
+      512U << 10U;  ///< native stack; if passed: an error that the script may catch
+  std::chrono::milliseconds time{
+      5000};  ///< of a load or an evaluation; the worker sets the value of Start
+  std::size_t resultBytes = 64U << 10U;  ///< of the result text; if longer: no answer
+  std::size_t alertBytes = 2U << 10U;  ///< logged for all alerts of one evaluation; the rest is cut
 };
 
 using pac_engine::Problem;
@@ -53,7 +55,7 @@ class Preparation {
 class ScriptEngine {
  public:
   /// @param environment outlives the engine
-  /// @param preparation done at each load, if there is one; outlives the engine
+  /// @param preparation called at each load, if not null; outlives the engine
   explicit ScriptEngine(PacEnvironment& environment, const ScriptLimits& limits = {},
                         Preparation* preparation = nullptr);
   ~ScriptEngine();

@@ -9,7 +9,7 @@
 namespace pac_worker {
 namespace {
 
-constexpr int kMostPrototypes = 8;  // looked through for an error's name
+constexpr int kMostPrototypes = 8;  // longest chain that is searched for an error's name
 
 // An exception during the description of another one is dropped. Only exhausted memory can cause
 // it.
@@ -55,8 +55,8 @@ std::optional<std::string> ownText(JSContext* context, JSValueConst object, cons
   return accessor ? std::nullopt : textOf(context, value.get());
 }
 
-// The trace that the engine made together with the error. The engine's own getter reads it, because
-// a script can replace the property.
+// The stack trace that the engine recorded in the error. It is read with the engine's own getter,
+// because a script can replace the property.
 std::string stackOf(JSContext* context, JSValueConst error) {
   const JSValueConst getter = EngineRuntime::of(context).errorStack();
   const Value stack(context, JS_Call(context, getter, error, 0, nullptr));
@@ -64,8 +64,8 @@ std::string stackOf(JSContext* context, JSValueConst error) {
   return textOf(context, stack.get()).value_or("");
 }
 
-// The name of an error is usually its prototype's. Only plain objects are read, because that runs
-// no code of the script.
+// The name of an error is usually a property of its prototype. Only plain objects are read, because
+// reading them runs no code of the script.
 std::string nameOf(JSContext* context, JSValueConst error) {
   const Value sample(context, JS_NewObject(context));
   if (sample.isException()) dropException(context);

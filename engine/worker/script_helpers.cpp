@@ -19,8 +19,8 @@
 namespace pac_worker {
 namespace {
 
-// Up to this size shExpMatch's own matching always ends within milliseconds; it cannot be
-// interrupted.
+// Up to this number of steps, shExpMatch's native matching always ends within milliseconds. It
+// cannot be interrupted.
 constexpr std::size_t kNativeMatchSteps = 4U << 20U;
 
 struct Call {
@@ -50,8 +50,8 @@ JSValue evaluated(JSContext* context, const char (&script)[kSize], const char* n
   return JS_Eval(context, script, kSize - 1, name, JS_EVAL_TYPE_GLOBAL);
 }
 
-// Calls the helper of helpers.js with these arguments. Most scripts never need one, so the file is
-// compiled at the first call.
+// Calls the helper of helpers.js with these arguments. Most scripts never need such a helper, so
+// the file is compiled at the first call.
 JSValue general(const Call& call, const char* name) {
   JSValue& helpers = EngineRuntime::of(call.context).generalHelpers();
   if (JS_IsUndefined(helpers)) {
@@ -77,7 +77,7 @@ struct TwoTexts {
         first(call.context, strings ? call[0] : JS_UNDEFINED),
         second(call.context, strings ? call[1] : JS_UNDEFINED) {}
   [[nodiscard]] bool failed() const { return !first || !second; }
-  // If so, each byte is one character of the language.
+  // If both texts are ASCII, each of their bytes is one character of the language.
   [[nodiscard]] bool areAscii() const {
     return strings && base::isAscii(first.view()) && base::isAscii(second.view());
   }
@@ -87,9 +87,9 @@ struct TwoTexts {
   const Text second;
 };
 
-// A text begins or ends with another one in UTF-8 if, and only if, it does so in the language's
-// UTF-16. The exception is an end that begins with the second half of a surrogate pair; 0xED is its
-// first byte.
+// Whether a text begins or ends with another text is the same in UTF-8 and in the language's
+// UTF-16. There is one exception: an end that begins with the second half of a surrogate pair. The
+// first byte of such an end is 0xED.
 bool mayBeginInsideOfAPair(std::string_view end) {
   return !end.empty() && end.front() == '\xED';
 }
@@ -114,7 +114,8 @@ JSValue shExpMatchHelper(const Call& call) {
   return truth(matchesShellExpression(utf16Units(text), utf16Units(expression)));
 }
 
-// Calls the script's global function `name`, which may be our helper or its own.
+// Calls the global function `name`: our helper, or a function with which the script has replaced
+// it.
 JSValue callGlobal(const Call& call, const char* name, JSValueConst argument) {
   const Value global(call.context, JS_GetGlobalObject(call.context));
   const Value function(call.context, JS_GetPropertyStr(call.context, global.get(), name));
@@ -219,7 +220,8 @@ JSValue alertHelper(const Call& call) {
   return JS_UNDEFINED;
 }
 
-// Lookups and long texts take time outside the engine, which cannot read the clock then.
+// Lookups and long texts take time outside the engine, and during this time the engine cannot read
+// the clock.
 template <bool kWaits>
 JSValue endedInTime(const Call& call, JSValue result) {
   JSContext* const context = call.context;
@@ -291,7 +293,8 @@ constexpr Helper kDeclared[] = {
     {"shExpMatch", 2, kPure<shExpMatchHelper>},
 };
 
-// The declared helpers after the tables `wdays` and `months`: a script sees the order.
+// The declared helpers that come after the tables `wdays` and `months`, because a script can see
+// the order of the globals.
 constexpr Helper kDeclaredLast[] = {
     {kWeekdayRange, 0, kPure<generalHelper<kWeekdayRange>>},
     {kDateRange, 0, kPure<generalHelper<kDateRange>>},

@@ -14,10 +14,11 @@ bool isLineEnd(Unit unit) {
   return false;
 }
 
-// A star matches as few characters as possible. Only the last star found may have to match more.
-// That is enough: the text between two stars matches as far left as it can. Moving it right would
-// only give the earlier star characters that the later star can take instead. This holds with line
-// ends too, because a stretch that contains one cannot be moved at all.
+// Each star first matches as few characters as possible. On a mismatch, only the last star found so
+// far has to match more characters. No earlier star has to: the part between two stars already
+// matches as far left as possible. A match further right would only give the earlier star
+// characters that the later star can match as well. This is also true for line ends, because no
+// star can match one.
 template <typename Unit>
 bool matches(std::basic_string_view<Unit> text, std::basic_string_view<Unit> expression) {
   constexpr std::size_t kNone = static_cast<std::size_t>(-1);
@@ -46,7 +47,7 @@ bool matches(std::basic_string_view<Unit> text, std::basic_string_view<Unit> exp
 
 }  // namespace
 
-// A table, because it is read for each character of each rule of a script.
+// A table is used for speed: it is read for each character of each rule of a script.
 bool isPlainShellExpression(std::string_view expression) {
   static constexpr auto kSpecial = [] {
     std::array<bool, 256> special{};

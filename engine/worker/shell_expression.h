@@ -1,12 +1,12 @@
 // shExpMatch's shell expressions.
 //
-// Such an expression becomes a regular expression: "." stands for itself, "?" for ".", "*" for
-// ".*", everything else keeps its meaning in a regular expression of the language. An expression
-// without other special characters is matched here, without a regular expression; helpers.js has
-// the engine match the rest.
+// A shell expression is translated into a regular expression of the language: "." becomes "\.", "?"
+// becomes ".", "*" becomes ".*", and everything else stays. An expression without other special
+// characters is matched here, without a regular expression. For all other expressions, helpers.js
+// makes a regular expression for the engine.
 //
-// Texts are UTF-16 code units, which a regular expression without flags sees: "?" is one unit, and
-// like "*" it matches no line end (LF, CR, U+2028, U+2029).
+// Texts are UTF-16 code units, as in a regular expression without flags: "?" matches one unit. "?"
+// and "*" do not match line ends (LF, CR, U+2028, U+2029).
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// Converts a script's texts to one line of a log and to units of UTF-16. base/utf8.h has the other
-// functions.
+// Converts a script's texts to a line of the log, or to UTF-16 code units. base/utf8.h has the
+// other functions.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@ namespace pac_worker {
 /// bytes that are not UTF-8 become "?".
 std::string printableLine(std::string_view text, std::size_t limit);
 
-/// The UTF-16 code units of a text of the engine: UTF-8 in which an unpaired surrogate is written
-/// in three bytes like any other code point. Other bytes become U+FFFD.
+/// The UTF-16 code units of a text from the engine. The engine's texts are UTF-8, but an unpaired
+/// surrogate is three bytes, as if it were any other code point. Other bytes become U+FFFD.
 std::u16string utf16Units(std::string_view text);
 
 }  // namespace pac_worker

@@ -1,5 +1,5 @@
 // How the worker ends: at once, without any clean-up. The function has its own file, so that a test
-// can replace it and hold the conversation in a process that does not end.
+// can replace it: the test runs the conversation in its own process, which must not end.
 #pragma once
 
 namespace pac_worker {

@@ -43,7 +43,8 @@ void cleanupProxyConfig(ProxyConfig* config) {
 
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig) {
   logLine(LOG_INFO, "cloneProxyConfig() called");
-  // The function must continue: the crash then shows the caller, and the log shows the mistake.
+  // The function must continue with the null pointer: the crash then shows the caller, and the log
+  // shows the mistake.
   if (!srcConfig || !destConfig)
     logLine(LOG_ERR, "cloneProxyConfig srcConfig or destConfig is null");
   destConfig->mode = srcConfig->mode;
@@ -84,7 +85,8 @@ void cleanupProxySetting(ProxyUrlSetting* setting) {
 }
 
 ProxyMode str2ProxyMode(const char* text) {
-  // The line shows the function's name instead of the text: operators' filters expect that.
+  // The log line contains the function's name instead of the text, because operators' filters
+  // expect this line.
   logLine(LOG_INFO, "str2ProxyMode() called mode:str2ProxyMode");
   if (base::equalIgnoringCase(text, "off")) return off;
   if (base::equalIgnoringCase(text, "manual")) return manual;

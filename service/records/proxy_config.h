@@ -1,13 +1,14 @@
-// The plain records that carry a proxy configuration and a parsed proxy entry between the folders,
-// and the free functions that make, copy and release them.
+// The plain records with which the folders pass a proxy configuration or a parsed proxy entry to
+// each other, and the free functions that make, copy and release these records.
 //
 // A record holds integers and heap C strings. The holder of the record owns its strings:
 // string2Char() allocates them (malloc) and the cleanup functions free them (free). Copying a
 // record by value shares the pointers; cloneProxyConfig makes a deep copy. Every function is safe
 // on any thread, as long as no two threads use the same record. Each logs one line (LOG_INFO) when
-// it is called, except string2Char(), which logs only a refusal. Allocation failure is not checked.
-// Pointers to records are never null. service/records/proxy_config_owner.h has what frees a
-// record's strings by scope, without a line.
+// it is called, except string2Char(), which logs only a refusal. The functions do not check whether
+// an allocation failed. Pointers to records are never null. The classes in
+// service/records/proxy_config_owner.h free a record's strings at the end of a scope, without a log
+// line.
 #pragma once
 
 #include <cstdint>
@@ -33,12 +34,13 @@ struct ProxyUrlSetting {
   char* url = nullptr;    ///< owned; the whole entry text, for example "PROXY 10.0.0.1:8080"
 };
 
-/// The entries of one answer, in the script's order. Copies share the `url` pointers. A vector,
-/// because an answer has only a few entries of 16 bytes. Each cache hit copies the list. For three
-/// entries, this needs one allocation instead of three for a linked list, and a third of the time.
+/// The entries of one answer, in the script's order. Copies share the `url` pointers. Each cache
+/// hit copies the list. The type is a vector, because an answer has only a few entries of 16 bytes:
+/// for three entries, a copy needs one allocation and a third of the time, while a linked list
+/// needs three allocations.
 using ProxyUrlSettings = std::vector<ProxyUrlSetting>;
 
-/// A list of URLs. Nothing in the daemon fills one; it completes the set of records.
+/// A list of URLs. No code of the daemon fills such a list; the type completes the set of records.
 struct ProxyUrlInfo {
   std::int32_t kind = 0;
   char** urls = nullptr;   ///< owned array of `urlCount` owned strings, each possibly null
@@ -65,7 +67,7 @@ void cleanupProxyConfig(ProxyConfig* config);
 /// null. A null pointer is a mistake of the caller: it is logged (LOG_ERR), and then dereferenced.
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
 
-/// Makes a fresh record with `count` empty slots; none, and no array, if `count` <= 0.
+/// Makes a fresh record with `count` empty slots. If `count` <= 0, there is no slot and no array.
 void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count);
 
 /// Frees everything the record owns and zeroes it. An array with `urlCount` <= 0 is not freed.
@@ -81,7 +83,7 @@ ProxyMode str2ProxyMode(const char* text);
 /// @return the mode's text, a constant. For an invalid number, "off" and a LOG_ERR line
 const char* proxyMode2Str(ProxyMode mode);
 
-/// Copies `length` bytes of `data`, also zeros, and adds a terminator.
+/// Copies `length` bytes of `data`, including zeros, and adds a terminator.
 /// @return a malloc'ed string that the caller frees; null, with a LOG_INFO line, if `data` is null
 ///         or `length` <= 0: an empty text is stored as null
 char* string2Char(const char* data, std::int32_t length);

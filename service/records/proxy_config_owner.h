@@ -1,4 +1,4 @@
-// Owners that free the records' heap C strings with their scope. They log nothing.
+// Owners that free the records' heap C strings at the end of their scope. They log nothing.
 #pragma once
 
 #include <cstdlib>
@@ -9,12 +9,13 @@
 #include "base/wipe.h"
 #include "service/records/proxy_config.h"
 
-/// Frees what malloc gave.
+/// Frees memory that malloc has allocated.
 struct HeapFree {
   void operator()(void* memory) const { std::free(memory); }
 };
 
-/// A C string from string2Char, getHost or heapCopy, freed with its scope; possibly null.
+/// A C string from string2Char, getHost or heapCopy; may be null. It is freed at the end of its
+/// scope.
 using HeapText = std::unique_ptr<char, HeapFree>;
 
 /// @return a malloc'ed copy of `text`; null if `text` is null. Unlike string2Char, it keeps an
@@ -30,7 +31,7 @@ inline char* heapCopy(const char* text) {
 
 /// A ProxyConfig that owns its strings. `*owner` and `owner.get()` are the record, for functions
 /// that need one. A copy of `*owner` shares the strings and is valid only as long as the owner. Not
-/// synchronised: the holder guards it.
+/// synchronised: the code that holds the owner guards it.
 class ProxyConfigOwner {
  public:
   ProxyConfigOwner() = default;
