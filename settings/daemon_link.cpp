@@ -82,9 +82,9 @@ void DaemonLink::ownerIs(const std::string& owner) {
   if (isThere()) mListener->daemonAppeared();
 }
 
-BusMessage DaemonLink::newCall(const char* member) {
+BusMessage DaemonLink::newCall(sd_bus* bus, const char* member) {
   sd_bus_message* message = nullptr;
-  require(sd_bus_message_new_method_call(mBus, &message, base::kBusName, base::kObjectPath,
+  require(sd_bus_message_new_method_call(bus, &message, base::kBusName, base::kObjectPath,
                                          base::kInterface, member),
           "sd_bus_message_new_method_call");
   BusMessage owned(message);
@@ -96,8 +96,9 @@ void DaemonLink::call(BusMessage message, std::function<void(sd_bus_message*)> d
                       std::chrono::microseconds limit) {
   mCalls.push_back({this, std::move(done), nullptr});
   sd_bus_slot* slot = nullptr;
-  const int sent = sd_bus_call_async(mBus, &slot, message.get(), onReply, &mCalls.back(),
-                                     static_cast<std::uint64_t>(limit.count()));
+  const int sent =
+      sd_bus_call_async(sd_bus_message_get_bus(message.get()), &slot, message.get(), onReply,
+                        &mCalls.back(), static_cast<std::uint64_t>(limit.count()));
   if (sent < 0) mCalls.pop_back();
   require(sent, "sd_bus_call_async");
   mCalls.back().slot.reset(slot);
@@ -123,11 +124,11 @@ void DaemonLink::read(Read done, std::chrono::microseconds limit) {
     if (problem.empty() && !configuration) problem = "the reply is not the daemon's";
     done(std::move(configuration), problem);
   };
-  call(newCall("getProxyconfig"), replied, limit);
+  call(newCall(mBus, "getProxyconfig"), replied, limit);
 }
 
 void DaemonLink::update(const Configuration& configuration, Updated done) {
-  BusMessage message = newCall("updateProxyconfig");
+  BusMessage message = newCall(mBus, "updateProxyconfig");
   require(sd_bus_message_append(message.get(), "sssbss", modeText(configuration.mode),
                                 configuration.proxyUrl.c_str(), configuration.pacUrl.c_str(),
                                 configuration.authenticates() ? 1 : 0, configuration.user.c_str(),
@@ -147,7 +148,7 @@ void DaemonLink::update(const Configuration& configuration, Updated done) {
 }
 
 void DaemonLink::ask(const std::string& url, Answered done) {
-  BusMessage message = newCall("getProxyurl");
+  BusMessage message = newCall(mQuestions, "getProxyurl");
   require(sd_bus_message_append(message.get(), "s", url.c_str()), "sd_bus_message_append");
   call(std::move(message), [done = std::move(done)](sd_bus_message* reply) {
     std::vector<std::string> texts;

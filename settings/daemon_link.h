@@ -30,7 +30,9 @@ using BusMessage = std::unique_ptr<sd_bus_message, BusMessageCloser>;
 /// each, and the daemon may answer other callers first.
 inline constexpr std::chrono::seconds kDaemonLimit{60};
 
-/// The service's connection to the daemon. Callbacks run in the event loop.
+/// The service's two connections to the daemon: one for its configuration, and one for the
+/// questions of other programs. The daemon has one queue for each connection, so a hand-over never
+/// waits behind questions. Callbacks run in the event loop.
 class DaemonLink {
  public:
   class Listener {
@@ -42,8 +44,10 @@ class DaemonLink {
     ~Listener() = default;
   };
 
-  /// `bus` is attached to an event loop and must outlive this object.
-  explicit DaemonLink(sd_bus* bus) : mBus(bus) {}
+  /// @param bus for the configuration
+  /// @param questions for ask()
+  /// Both are attached to one event loop and must outlive this object.
+  DaemonLink(sd_bus* bus, sd_bus* questions) : mBus(bus), mQuestions(questions) {}
   DaemonLink(const DaemonLink&) = delete;
   DaemonLink& operator=(const DaemonLink&) = delete;
 
@@ -73,13 +77,14 @@ class DaemonLink {
   };
   void call(BusMessage message, std::function<void(sd_bus_message*)> done,
             std::chrono::microseconds limit = kDaemonLimit);
-  BusMessage newCall(const char* member);
+  static BusMessage newCall(sd_bus* bus, const char* member);
   void ownerIs(const std::string& owner);
   static int onReply(sd_bus_message* reply, void* call, sd_bus_error*);
   static int onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error*);
   static int onOwner(sd_bus_message* reply, void* self, sd_bus_error*);
 
   sd_bus* mBus;
+  sd_bus* mQuestions;
   Listener* mListener = nullptr;
   std::string mOwner;  ///< unique name; empty if the daemon does not run
   BusSlot mMatch;

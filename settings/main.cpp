@@ -139,6 +139,18 @@ struct BusCloser {
   void operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 };
 
+using Bus = std::unique_ptr<sd_bus, BusCloser>;
+
+Bus openBus(sd_event* event) {
+  sd_bus* bus = nullptr;
+  settings::require(sd_bus_open_system(&bus), "the system bus");
+  Bus owned(bus);
+  settings::require(sd_bus_attach_event(bus, event, 0), "sd_bus_attach_event");
+  // The service cannot work without the bus. It ends, and systemd starts it again.
+  settings::require(sd_bus_set_exit_on_disconnect(bus, 1), "sd_bus_set_exit_on_disconnect");
+  return owned;
+}
+
 int onHangUp(sd_event_source* source, const signalfd_siginfo*, void* service) {
   return settings::guarded(sd_event_source_get_event(source), [service] {
     static_cast<settings::SettingsService*>(service)->reload();
@@ -164,19 +176,16 @@ int run(const Options& options) {
   sd_event* newEvent = nullptr;
   settings::require(sd_event_default(&newEvent), "the event loop");
   const std::unique_ptr<sd_event, EventCloser> event(newEvent);
-  sd_bus* newBus = nullptr;
-  settings::require(sd_bus_open_system(&newBus), "the system bus");
-  const std::unique_ptr<sd_bus, BusCloser> bus(newBus);
-  settings::require(sd_bus_attach_event(bus.get(), event.get(), 0), "sd_bus_attach_event");
-  // The service cannot work without the bus. It ends, and systemd starts it again.
-  settings::require(sd_bus_set_exit_on_disconnect(bus.get(), 1), "sd_bus_set_exit_on_disconnect");
+  const Bus bus = openBus(event.get());
+  const Bus questions = openBus(event.get());
 
   const char* credentials = std::getenv("CREDENTIALS_DIRECTORY");
   settings::SettingsService::Places places;
   places.files = {options.folder, credentials != nullptr ? credentials : ""};
   places.runtimeFolder = options.runtimeFolder;
   places.pacFile = base::kPacFile;
-  settings::SettingsService service(event.get(), bus.get(), places, std::move(scripts));
+  settings::SettingsService service(event.get(), bus.get(), questions.get(), places,
+                                    std::move(scripts));
   settings::require(sd_event_add_signal(event.get(), nullptr, SIGHUP, onHangUp, &service),
                     "SIGHUP");
   settings::require(sd_event_add_signal(event.get(), nullptr, SIGTERM, nullptr, nullptr),

@@ -17,6 +17,10 @@ namespace {
 constexpr const char* kName = "org.pacrunner";
 constexpr const char* kFailed = "org.pacrunner.Error.Failed";
 
+struct CredsCloser {
+  void operator()(sd_bus_creds* creds) const { sd_bus_creds_unref(creds); }
+};
+
 /// The text of a variant of type "s" at the current position. Other types are skipped.
 int readText(sd_bus_message* call, std::optional<std::string>& text, std::size_t most,
              bool& isTooLong) {
@@ -225,36 +229,56 @@ int PacRunner::onDestroy(sd_bus_message* call, void* self, sd_bus_error* error) 
 
 int PacRunner::onFind(sd_bus_message* call, void* self, sd_bus_error* error) {
   try {
-    return static_cast<PacRunner*>(self)->find(call);
+    return static_cast<PacRunner*>(self)->find(call, error);
   } catch (const std::exception& failure) {
     return sd_bus_error_set(error, kFailed, failure.what());
   }
 }
 
-int PacRunner::find(sd_bus_message* call) {
+int PacRunner::find(sd_bus_message* call, sd_bus_error* error) {
   const char *url = nullptr, *host = nullptr;
   const int result = sd_bus_message_read(call, "ss", &url, &host);
   if (result < 0) return result;
-  const std::string name = sd_bus_message_get_sender(call);
+  if (std::strlen(url) + std::strlen(host) > kMaxQuestionBytes) {
+    return sd_bus_error_set(error, kFailed, "the URL is too long");
+  }
   if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", "DIRECT");
-  const auto asking = mQuestionsOf.find(name);
-  const int waiting = asking == mQuestionsOf.end() ? 0 : asking->second;
-  if (waiting >= kMaxQuestionsOfCaller || mQuestions >= kMaxQuestions) {
-    return sd_bus_reply_method_return(call, "s", "DIRECT");
+  const std::string caller = sd_bus_message_get_sender(call);
+  const uid_t user = userOf(call);
+  // No "DIRECT": that would be a wrong answer if every request must go through a proxy.
+  if (!mQuestions.hasRoom(caller, user)) {
+    return sd_bus_error_set(error, kFailed, "too many questions wait");
   }
   // Shared, because std::function copies what the callback captures.
   const auto kept = std::make_shared<BusMessage>(sd_bus_message_ref(call));
-  mDaemon.ask(url, [this, kept, name](const auto& answer) { answered(*kept, name, answer); });
-  mQuestionsOf[name]++;
-  mQuestions++;
+  mQuestions.add(
+      {caller, user, [this, kept, caller] { ask(kept, caller); },
+       [kept] { sd_bus_reply_method_errorf(kept->get(), kFailed, "too many questions wait"); },
+       QuestionQueue::Clock::now()});
+  mQuestions.proceed(QuestionQueue::Clock::now());
   return 1;
 }
 
-void PacRunner::answered(const BusMessage& call, const std::string& sender,
-                         const std::optional<std::vector<std::string>>& answer) {
-  mQuestions--;
-  if (--mQuestionsOf[sender] == 0) mQuestionsOf.erase(sender);
-  sd_bus_reply_method_return(call.get(), "s", proxyText(answer).c_str());
+/// The user of the connection that sent `call`. Only the bus knows, and it answers at once.
+uid_t PacRunner::userOf(sd_bus_message* call) const {
+  if (const auto known = mQuestions.userOf(sd_bus_message_get_sender(call))) return *known;
+  sd_bus_creds* creds = nullptr;
+  require(sd_bus_query_sender_creds(call, SD_BUS_CREDS_EUID, &creds), "the caller's user");
+  const std::unique_ptr<sd_bus_creds, CredsCloser> owned(creds);
+  uid_t user = 0;
+  require(sd_bus_creds_get_euid(creds, &user), "the caller's user");
+  return user;
+}
+
+void PacRunner::ask(const std::shared_ptr<BusMessage>& call, const std::string& caller) {
+  const char* url = nullptr;
+  require(sd_bus_message_rewind(call->get(), 1), "sd_bus_message_rewind");
+  require(sd_bus_message_read(call->get(), "s", &url), "sd_bus_message_read");
+  mDaemon.ask(url, [this, call, caller](const auto& answer) {
+    sd_bus_reply_method_return(call->get(), "s", proxyText(answer).c_str());
+    mQuestions.ended(caller);
+    mQuestions.proceed(QuestionQueue::Clock::now());
+  });
 }
 
 // The first text of the daemon's answer is the mode. In mode manual the second is a URL. But

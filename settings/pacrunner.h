@@ -11,14 +11,13 @@
 
 #include "settings/daemon_link.h"
 #include "settings/network_set.h"
+#include "settings/question_queue.h"
 
 namespace settings {
 
-/// Maximum number of FindProxyForURL calls of one caller that wait for the daemon. Further calls
-/// get "DIRECT" at once, so that one caller cannot use up the daemon's limit for this service.
-inline constexpr int kMaxQuestionsOfCaller = 8;
-/// The same limit for all callers together: a user can have many connections to the bus.
-inline constexpr int kMaxQuestions = 64;
+/// Longest URL and host of a question together, in bytes. The daemon answers a longer URL without
+/// the script.
+inline constexpr std::size_t kMaxQuestionBytes = 16U << 10U;
 
 /// Reads CreateProxyConfiguration's dictionary. It skips unknown keys and values of a wrong type,
 /// and cuts lists at kMaxListEntries.
@@ -61,9 +60,9 @@ class PacRunner {
   static int onFind(sd_bus_message* call, void* self, sd_bus_error* error);
   static int onSenderGone(sd_bus_track* track, void* self);
   int create(sd_bus_message* call, sd_bus_error* error);
-  int find(sd_bus_message* call);
-  void answered(const BusMessage& call, const std::string& sender,
-                const std::optional<std::vector<std::string>>& answer);
+  int find(sd_bus_message* call, sd_bus_error* error);
+  uid_t userOf(sd_bus_message* call) const;
+  void ask(const std::shared_ptr<BusMessage>& call, const std::string& caller);
   Sender& senderOf(const std::string& name);
   void notifyChange();
   std::string proxyText(const std::optional<std::vector<std::string>>& answer) const;
@@ -73,8 +72,7 @@ class PacRunner {
   std::function<void()> mChanged;
   NetworkSet mSet;
   bool mAnswersAll = false;
-  int mQuestions = 0;
-  std::map<std::string, int> mQuestionsOf;  ///< waiting questions of each caller that has some
+  QuestionQueue mQuestions;
   std::map<std::string, Sender> mSenders;
   BusSlot mManager;
   BusSlot mClient;

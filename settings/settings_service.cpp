@@ -75,11 +75,11 @@ nlohmann::json shown(const NetworkConfiguration& network, bool holds) {
 
 }  // namespace
 
-SettingsService::SettingsService(sd_event* event, sd_bus* bus, Places places,
+SettingsService::SettingsService(sd_event* event, sd_bus* bus, sd_bus* questions, Places places,
                                  base::UniqueFd scripts)
     : mBus(bus),
       mPlaces(std::move(places)),
-      mDaemon(bus),
+      mDaemon(bus, questions),
       mHandOver(event, mDaemon, mPlaces.pacFile),
       mPacRunner(bus, mDaemon, [this] { decide(); }),
       mScripts(

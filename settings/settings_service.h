@@ -44,8 +44,11 @@ class SettingsService final : DaemonLink::Listener {
     std::string resolverFile = "/etc/resolv.conf";
   };
 
+  /// @param bus for everything but questions
+  /// @param questions a second connection, for the questions of other programs to the daemon
   /// @param scripts a listening socket on loopback for scripts; empty: pushed scripts are unusable
-  SettingsService(sd_event* event, sd_bus* bus, Places places, base::UniqueFd scripts);
+  SettingsService(sd_event* event, sd_bus* bus, sd_bus* questions, Places places,
+                  base::UniqueFd scripts);
 
   /// Reads the settings, requests the names on the bus and starts to hand over. Throws
   /// std::system_error.

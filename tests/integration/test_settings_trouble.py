@@ -17,11 +17,12 @@ from support.settings_service import (FOLDER, PACRUNNER, NetworkManager, Refused
                                       write_settings)
 from support.stand_in import HOLD, StandIn
 from support.syslog_socket import ERR, INFO, NOTICE, WARNING
-from support.web import Web, script
+from support.web import Web, response, script
 
 MANUAL = 'mode = "manual"\nproxy-url = "http://a.example:1"\n'
 OFF = ("off", "", "", "n", "", "")
 NETWORK_TIME = 20  # seconds from the start of both to the link
+NOBODY = 65534
 ANSWER_TIME = 5  # seconds from the link to the script's answer
 
 
@@ -244,7 +245,9 @@ def test_at_most_eight_questions_of_one_caller_wait(settings):
     for _ in range(8):
         manager.ask("http://h.example/")
     assert daemon.held.wait(LIMIT)
-    assert manager.find("http://h.example/") == "DIRECT"
+    # "DIRECT" would be a wrong answer.
+    with pytest.raises(Refused, match="too many questions wait"):
+        manager.find("http://h.example/")
     # What waits does not keep others from pushing, and is answered when the daemon is gone.
     other = NetworkManager()
     assert other.create(Method="direct") == "/org/pacrunner/configuration0"
@@ -254,32 +257,79 @@ def test_at_most_eight_questions_of_one_caller_wait(settings):
     other.close()
 
 
-def test_at_most_sixty_four_questions_of_all_callers_wait(settings):
+def test_a_user_with_sixty_four_waiting_questions_leaves_room_for_others(settings):
     daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": HOLD,
                       "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
     settings.start()
     wait_until(lambda: settings.state()["daemon"], "the daemon is there")
-    managers = [NetworkManager() for _ in range(9)]
+    managers = [NetworkManager(NOBODY) for _ in range(9)]
     for manager in managers[:8]:
         for _ in range(8):
             manager.ask("http://h.example/")
-    wait_until(lambda: daemon.count("getProxyurl") == 64, "64 wait")
-    assert managers[8].find("http://h.example/") == "DIRECT"
-    assert daemon.count("getProxyurl") == 64
+    with pytest.raises(Refused, match="too many questions wait"):
+        managers[8].find("http://h.example/")
+    other = NetworkManager()
+    other.ask("http://h.example/")
+    wait_until(lambda: daemon.count("getProxyurl") == 2, "two are at the daemon")
     # What was answered no longer counts.
     daemon.close()
-    for manager in managers[:8]:
-        assert [reply.body[0] for reply in manager.replies(8)] == ["DIRECT"] * 8
+    for manager, count in (*((manager, 8) for manager in managers[:8]), (other, 1)):
+        assert [reply.body[0] for reply in manager.replies(count)] == ["DIRECT"] * count
+    assert daemon.count("getProxyurl") == 2
     daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": ("as", (["off", ""],)),
                       "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
     wait_until(lambda: settings.state()["daemon"], "the daemon is there again")
-    managers[0].find("http://h.example/")
+    managers[8].find("http://h.example/")
     assert daemon.count("getProxyurl") == 1
     # No call may start the daemon: its administrator has stopped it.
     assert all(flags & MessageFlag.no_auto_start for _, flags in daemon.calls)
     daemon.close()
-    for manager in managers:
+    for manager in (*managers, other):
         manager.close()
+
+
+def test_one_users_questions_delay_neither_a_change_nor_another_user(settings, daemon, client, web):
+    """Each of them takes two seconds: the name server does not answer."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        silent.bind(("127.0.0.1", 53))
+        with open("/etc/resolv.conf", "w") as file:
+            file.write("nameserver 127.0.0.1\n")
+        web.routes["/p.pac"] = response("function FindProxyForURL(url, host) {\n"
+                                        "  if (host.indexOf('slow') === 0) dnsResolve(host);\n"
+                                        "  return 'PROXY script.example:1'; }")
+        write_settings(f'mode = "pacurl"\npac-url = "{web.url("/p.pac")}"\n')
+        settings.start()
+        wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY script.example:1"],
+                   "the script answers")
+        callers = [NetworkManager(NOBODY) for _ in range(8)]
+        for number, caller in enumerate(callers):
+            for name in range(8):
+                caller.ask(f"http://slow{number}x{name}.example/")
+        other = NetworkManager()
+        assert other.find("http://h.example/") == "PROXY script.example:1"
+        write_settings(MANUAL)
+        wait_until(lambda: client.config()[0] == "manual", "the change is handed over")
+        answers = [reply.body[0] for caller in callers for reply in caller.replies(8)]
+        # The change came before most of them.
+        assert answers.count("PROXY script.example:1") < 16
+        assert answers.count("PROXY a.example:1") > 48
+        for caller in (*callers, other):
+            caller.close()
+
+
+def test_a_question_of_sixteen_kibibytes_is_asked_and_a_longer_one_refused(settings):
+    daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": ("as", (["off", ""],)),
+                      "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
+    settings.start()
+    wait_until(lambda: settings.state()["daemon"], "the daemon is there")
+    manager = NetworkManager()
+    url = "http://h/".ljust(16 * 1024 - 1, "x")
+    assert manager.find(url, "h") == "DIRECT"
+    with pytest.raises(Refused, match="the URL is too long"):
+        manager.find(url + "x", "h")
+    assert daemon.count("getProxyurl") == 1
+    manager.close()
+    daemon.close()
 
 
 def test_callers_that_only_ask_cost_no_match_of_the_bus(settings, bus):

@@ -85,10 +85,17 @@ class Refused(Exception):
 
 
 class NetworkManager:
-    """A connection to the bus that pushes configurations."""
+    """A connection to the bus that pushes configurations, or asks."""
 
-    def __init__(self):
-        self.connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
+    def __init__(self, user=0):
+        if user == 0:
+            self.connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
+            return
+        os.setresuid(user, user, 0)  # the bus takes the user from the socket
+        try:
+            self.connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
+        finally:
+            os.setresuid(0, 0, 0)
 
     def close(self):
         self.connection.close()

@@ -108,7 +108,7 @@ class HandOverCalls : public testing::Test, DaemonLink::Listener {
     mOwn = connect();
     mOther = connect();
     daemon = std::make_unique<Daemon>(mOther.get());
-    mLink = std::make_unique<DaemonLink>(mOwn.get());
+    mLink = std::make_unique<DaemonLink>(mOwn.get(), mOwn.get());
     handOver = std::make_unique<HandOver>(event, *mLink, "/nonexistent/script.pac");
     mLink->watch(*this);
     clearLog();
