@@ -230,7 +230,7 @@ def test_sarif_has_the_published_structure(ctl):
         many = (HERE / "lint/entry_unknown.pac").read_text()
         assert [(rule, level) for rule, level, *_ in check_sarif(
             ctl("pac", "lint", "--format", "sarif", "-", script=many).json)] == \
-            [("entry-unknown", "error")] * 4 + [("direct-missing", "note"), ("entry-port", "warning")]
+            [("entry-unknown", "error")] * 8
     finally:
         os.chdir(folder)
 
@@ -241,6 +241,64 @@ def test_each_rule_has_a_section_and_stands_in_the_help(ctl):
     assert re.findall(r"^## ([a-z-]+)$", PAGE.read_text(), re.MULTILINE) == rules
     help_ = ctl("pac", "lint", "--help").output
     assert [rule for rule in rules if not re.search(rf"(?<![\w-]){rule}(?![\w-])", help_)] == []
+
+
+RANGES = {
+    'dateRange(31, "MAY", 31, "JUN")': lambda year, *day: (5, 31) <= day <= (6, 30),
+    'dateRange("JUN", "SEP", "GMT")': lambda year, *day: (6, 1) <= day <= (9, 30),
+    'dateRange("FEB", 2024, "FEB", 2025)': lambda *day: (2024, 2, 1) <= day <= (2025, 2, 28),
+    'dateRange("OCT", 2023, "FEB", 2024)': lambda *day: (2023, 10, 1) <= day <= (2024, 2, 29),
+    'dateRange("FEB", "FEB")': lambda year, month, day: month == 2,
+    'dateRange("NOV", "FEB")': lambda year, month, day: month in (11, 12, 1, 2),
+    'dateRange(10, "FEB", 30, "FEB")': lambda year, month, day: month == 2 and day >= 10,
+    'dateRange(1, "SEP", 2025, 31, "SEP", 2026)': lambda *day: (2025, 9, 1) <= day <= (2026, 9, 30),
+}
+
+
+def test_a_range_of_dates_is_right_after_its_fix(ctl):
+    result = ctl("pac", "lint", "--format", "json", "-", script=script("\n".join(
+        f"if ({call}) return;" for call in RANGES)))
+    fixes = [one["fix"].removeprefix("write ") for one in result.json["findings"]
+             if one["name"] == "date-month-end"]
+    assert len(fixes) == len(RANGES)
+    fixed = write("fixed.pac", "function FindProxyForURL(url, host) { return ["
+                  + ", ".join(f"({fix})" for fix in fixes) + "].join(); }")
+    for day in ((2024, 2, 9), (2024, 2, 10), (2024, 2, 29), (2024, 3, 1), (2024, 8, 15), (2025, 2, 28),
+                (2025, 3, 1), (2026, 2, 28), (2026, 3, 1), (2026, 5, 15), (2026, 6, 30), (2026, 7, 1),
+                (2026, 9, 30), (2026, 10, 1), (2026, 11, 1)):
+        at = "{:04}-{:02}-{:02}T12:00".format(*day)
+        told = ctl("pac", "eval", "--json", fixed, "http://a/", "--at", at, "--tz", "UTC").json[0]["result"]
+        assert told == ",".join(str(inside(*day)).lower() for inside in RANGES.values()), day
+
+
+def fixes_of(ctl, statement):
+    result = ctl("pac", "lint", "--format", "json", "-", script=script(statement))
+    return [one["fix"] for one in result.json["findings"]]
+
+
+def test_a_fix_does_what_its_finding_misses(ctl):
+    for test, fix in (('shExpMatch(url, "https://a.example/x")', "https://a.example/*"),
+                      ('url.startsWith("https://a.example/x")', "https://a.example/"),
+                      ('url == "https://a.example/x"', "https://a.example/")):
+        assert fixes_of(ctl, f'if ({test}) return "DIRECT";') == [f'test the host alone, as in "{fix}"']
+        fixed = test.replace("https://a.example/x", fix)
+        answer = ctl("pac", "eval", "--json", "-", "https://a.example/x",
+                     script=script(f'if ({fixed}) return "PROXY a:1";'))
+        assert answer.json[0]["result"] == "PROXY a:1"
+    assert fixes_of(ctl, 'if (host == "x.y") return "PROXY a:1/; DIRECT";') == ['write "PROXY a:1"']
+    assert fixes_of(ctl, 'if (host == "x.y") return "PROXY a:1, DIRECT";') == ['write ";" between entries']
+
+
+def test_an_assignment_that_throws_in_strict_mode_is_an_error(ctl):
+    text = (HERE / "lint/no_var_strict_function.pac").read_text()
+    assert [(line, severity) for line, _, severity, _ in found(ctl, text)] == [
+        (5, "error"), (9, "error"), (11, "warning")]
+
+
+def test_a_script_without_a_visible_entry_point_gets_a_note(ctl):
+    text = (HERE / "lint/no_return_unknown_entry.pac").read_text()
+    assert found(ctl, text) == [(1, 1, "note", "no-return")]
+    assert ctl("pac", "lint", "-", script=text).status == ANSWERED
 
 
 def test_a_hostile_script_reaches_no_terminal(ctl):

@@ -6,6 +6,9 @@ const knownKeywords = new Set([
   'DIRECT', 'PROXY', 'HTTP', 'HTTPS', 'SOCKS', 'SOCKS4', 'SOCKS5', 'QUIC',
 ]);
 
+// What no host:port has. It usually separates it from a path, or from the next entry.
+const notInAddress = /[/,\s]/;
+
 const answerRules = {
   'entry-dropped'(lint) {
     for (const { node, raw, keyword, address } of lint.entries()) {
@@ -38,6 +41,10 @@ const answerRules = {
       } else if (address?.includes('://')) {
         lint.report(node, `"${shown}" has a URL in the place of host:port`,
           `write "${keyword.toUpperCase()} ${address.replace(/^.*:\/\//, '').replace(/\/.*$/, '')}"`);
+      } else if (keyword.toUpperCase() !== 'DIRECT' && notInAddress.test(address)) {
+        const [wrong] = notInAddress.exec(address);
+        lint.report(node, `"${shown}" has ${/\s/.test(wrong) ? 'a blank' : `"${wrong}"`} in the place of host:port`,
+          wrong === '/' ? `write "${shown.slice(0, shown.indexOf('/'))}"` : 'write ";" between entries');
       }
     }
   },
@@ -46,7 +53,7 @@ const answerRules = {
     for (const { node, raw, keyword, address } of lint.entries()) {
       const isProxy = keyword !== null && knownKeywords.has(keyword.toUpperCase()) &&
         keyword.toUpperCase() !== 'DIRECT';
-      if (!isProxy || !address || address.includes(unknownText) || address.includes('://')) continue;
+      if (!isProxy || !address || address.includes(unknownText) || notInAddress.test(address)) continue;
       const port = /:(\d+)$/.exec(address)?.[1];
       if (port !== undefined && Number(port) >= 1 && Number(port) <= 65535) continue;
       lint.report(node, port === undefined ? `"${raw.trim()}" has no port`
@@ -60,6 +67,7 @@ const answerRules = {
       const keywords = answer.entries.map(({ keyword }) => keyword?.toUpperCase());
       if (keywords.length === 0 || keywords.includes(undefined) || keywords.includes('DIRECT')) continue;
       if (answer.text.includes(unknownText)) continue;
+      if (answer.entries.some(({ address }) => notInAddress.test(address))) continue;
       lint.report(answer.node, `"${answer.text}" has no DIRECT behind its proxies`,
         `write "${answer.text.replace(/[;\s]+$/, '')}; DIRECT" if programs may connect directly`);
     }
@@ -83,7 +91,15 @@ const answerRules = {
           `a path through ${lint.nameOf(fn)} ends without a return`, 'return an answer at the end');
       }
     }
-    if (!tree.entry) return;
+    if (!tree.entry) {
+      lint.reportAt(0, 'the text shows no function FindProxyForURL, so the rules about answers, paths and cost ' +
+        'find nothing', 'write function FindProxyForURL(url, host) { ... }', 'note');
+      return;
+    }
+    for (const { node, text, entries } of lint.answers()) {
+      if (entries.length > 0) continue;
+      lint.report(node, `"${text}" is returned, which has no entry`, 'return "DIRECT", or a proxy', 'warning');
+    }
     for (const { node, text } of lint.returned()) {
       if (text !== null) continue;
       const shown = node.type === 'ReturnStatement' ? 'nothing' : tree.script.sourceOf(node, 40);

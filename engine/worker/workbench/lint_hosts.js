@@ -52,10 +52,11 @@ class HostTests {
   }
 
   ofComparison(node) {
-    if (!['==', '==='].includes(node.operator)) return [];
+    if (!/^[=!]==?$/.test(node.operator)) return [];
+    const isEqual = node.operator[0] === '=';
     for (const [one, other] of [[node.left, node.right], [node.right, node.left]]) {
       const subject = this.tree.subjectOf(one);
-      const exact = (text) => (/[*?]/.test(text) ? null : text);
+      const exact = (text) => (!isEqual || /[*?]/.test(text) ? null : text);
       if (subject) return this.made(node, subject, other, '==', exact);
       const begin = this.beginningOf(one);
       if (begin) return this.made(node, begin, other, 'beginning', () => null);

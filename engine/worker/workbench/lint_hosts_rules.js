@@ -4,6 +4,9 @@
 // A longer text is no name of DNS, and the time of a pattern can grow with the square of its length.
 const longestName = 253;
 
+// The parts of a regular expression that have letters but match others: \p{Lu}, \u0041, (?<Name> ...
+const escapesAndNames = /\\(?:[pPu]\{[^}]*\}|k<[^>]*>|x[0-9a-f]{2}|u[0-9a-f]{4}|c.|.)|\(\?<[^>]*>/gis;
+
 const hostRules = {
   // Programs ask about the canonical URL: its scheme and host are in lower case.
   'host-case'(lint) {
@@ -16,7 +19,7 @@ const hostRules = {
     for (const node of lint.tree.of('CallExpression')) {
       const regex = regexOn(lint.tree, node, 'host');
       if (!regex || regex.flags.includes('i')) continue;
-      const letters = regex.pattern.replace(/\\./g, '').replace(/\[[^\]]*\]/g, '');
+      const letters = regex.pattern.replace(escapesAndNames, '').replace(/\[[^\]]*\]/g, '');
       if (/[A-Z]/.test(letters)) {
         lint.report(node, `the host is compared with /${regex.pattern}/, which has upper case`,
           'write it in lower case, or add the flag i');
@@ -29,7 +32,8 @@ const hostRules = {
       const isPattern = how === 'shExpMatch' && /^\*[^*?]*$/.test(text);
       if (subject !== 'host' || !(isPattern || how === 'dnsDomainIs' || how === 'endsWith')) continue;
       const domain = isPattern ? text.slice(1) : text;
-      if (domain.length > longestName || !/^[a-z0-9][a-z0-9-]*\.[a-z0-9.-]*[a-z][a-z0-9.]*$/i.test(domain)) continue;
+      if (domain.length > longestName || !/^[a-z0-9_][a-z0-9_.-]*$/i.test(domain)) continue;
+      if (!/[a-z][a-z0-9.]*$/i.test(domain)) continue; // an address
       const called = `${isPattern ? '*.' : '.'}${domain}`;
       lint.report(node, `"${text}" also matches "bad${domain}"`,
         `write "${called}", and for the domain itself host == "${domain}"`);
@@ -55,11 +59,12 @@ const hostRules = {
   },
 
   'https-path'(lint) {
-    for (const { node, subject, text } of lint.hosts.all) {
+    for (const { node, subject, text, how } of lint.hosts.all) {
       const path = subject === 'url' && /^(?:https|wss):\/\/[^/]*\/(.+)$/i.exec(text)?.[1];
       if (!path || /^\*+$/.test(path)) continue;
+      const before = text.slice(0, text.length - path.length);
       lint.report(node, `"${text}" asks for the path of a URL whose path is always "/"`,
-        `test the host alone, as in "${text.slice(0, text.length - path.length)}*"`);
+        `test the host alone, as in "${before}${how === 'shExpMatch' ? '*' : ''}"`);
     }
   },
 
@@ -107,13 +112,16 @@ const hostRules = {
     for (const node of lint.tree.of('CallExpression')) {
       if (!lint.tree.isHelper(node, 'dateRange')) continue;
       const parts = node.arguments.map((argument) => argument.type === 'Literal' ? argument.value : null);
-      if (parts.at(-1) === 'GMT') parts.pop();
+      const zone = parts.at(-1) === 'GMT' ? [parts.pop()] : [];
       if (parts.length < 2 || parts.some((part) => part === null)) continue;
-      const found = monthOverflow(parts.slice(parts.length >> 1));
+      // dateRange(DAY, MONTH) is a range of days of the current month.
+      if (parts.length === 2 && isDay(parts[0])) continue;
+      const first = parts.slice(0, parts.length >> 1);
+      const last = parts.slice(parts.length >> 1);
+      const found = monthOverflow(last);
       if (!found) continue;
       lint.report(node, `${found.month} has no day ${found.day}, so the range ends in the next month`,
-        `give the days too, as in dateRange(1, "${parts.find((part) => part in monthDays)}", ` +
-        `${monthDays[found.month]}, "${found.month}")`);
+        `write ${rangeInMonth(first, last, found.month, zone)}`);
     }
   },
 };
@@ -132,6 +140,25 @@ function monthOverflow(parts) {
     if (most !== undefined && day > most) return { month: part, day };
   }
   return null;
+}
+
+function isDay(part) {
+  return typeof part === 'number' && part < 32;
+}
+
+// Calls for the same range of dates that end on the last day of `month`. The last day of February
+// is not the same in each year: the helper makes 1 March of the 29th in a year without one.
+function rangeInMonth(first, last, month, zone) {
+  const call = (...parts) => `dateRange(${[...parts, ...zone].map((part) => JSON.stringify(part)).join(', ')})`;
+  const day = first.find(isDay);
+  const begin = day === undefined ? [1, ...first] : first;
+  const year = last.find((part) => typeof part === 'number' && part >= 32);
+  if (month !== 'FEB' || year !== undefined) {
+    const most = month !== 'FEB' ? monthDays[month] : new Date(year, 1, 29).getMonth() === 1 ? 29 : 28;
+    return call(...begin, most, ...last.filter((part) => !isDay(part)));
+  }
+  if (!first.includes('FEB')) return `${call(...begin, 31, 'JAN')} || ${call('FEB')}`;
+  return day > 1 ? `${call('FEB')} && ${call(day, 31)}` : call('FEB');
 }
 
 // Whether the helper can make a regular expression of it.

@@ -28,14 +28,18 @@ const scriptRules = {
   },
 
   'no-var'(lint) {
-    const isStrict = lint.script.tree.body[0]?.directive === 'use strict';
     const seen = new Set(['FindProxyForURL', 'undefined', ...helperNames, 'wdays', 'months']);
-    const ids = lint.tree.assignments().map(([id]) => id).sort((a, b) => a.start - b.start);
-    for (const id of ids) {
-      if (seen.has(id.name) || lint.tree.nameOf(id).kind !== 'implicit') continue;
-      seen.add(id.name);
-      if (isStrict) lint.report(id, `${id.name} is assigned without var, which throws in strict mode`, undefined, 'error');
-      else lint.report(id, `${id.name} is assigned without var, so it is a global`, `write var ${id.name}`);
+    const ids = lint.tree.assignments().map(([id]) => id)
+      .filter((id) => lint.tree.nameOf(id).kind === 'implicit').sort((a, b) => a.start - b.start);
+    // An assignment in strict mode throws, if no other one has created the global.
+    const sloppy = ids.filter((id) => !isStrict(id));
+    for (const [isError, list] of [[false, sloppy], [true, ids]]) {
+      for (const id of list) {
+        if (seen.has(id.name)) continue;
+        seen.add(id.name);
+        const effect = isError ? ', which throws in strict mode' : ', so it is a global';
+        lint.report(id, `${id.name} is assigned without var${effect}`, `write var ${id.name}`, isError ? 'error' : undefined);
+      }
     }
   },
 
@@ -69,6 +73,20 @@ const scriptRules = {
   },
 };
 
+// Whether a node runs in strict mode.
+function isStrict(node) {
+  for (let at = node; at; at = at[parentOf]) {
+    if (at.type === 'ClassBody') return true;
+    const list = at.type === 'Program' ? at.body : functionTypes.has(at.type) ? at.body.body : null;
+    if (!Array.isArray(list)) continue;
+    for (const { directive } of list) {
+      if (directive === undefined) break;
+      if (directive === 'use strict') return true;
+    }
+  }
+  return false;
+}
+
 // Statements that have an effect when they are reached. A function declaration has its effect
 // earlier.
 function isDoing(statement) {
@@ -79,8 +97,9 @@ function isDoing(statement) {
 function findRepeatedCases(lint, node) {
   const seen = new Map();
   for (const one of node.cases) {
-    if (one.test?.type !== 'Literal') continue;
-    const key = `${typeof one.test.value} ${one.test.value}`;
+    if (!one.test || (one.test.type !== 'Literal' && !isSteady(lint, one.test))) continue;
+    const key = one.test.type === 'Literal' ? `${typeof one.test.value} ${one.test.value}`
+      : `source ${lint.script.text.slice(one.test.start, one.test.end)}`;
     if (seen.has(key)) {
       lint.report(one, `line ${lint.lineOf(seen.get(key))} has the same case`, 'remove one of the two');
     } else {

@@ -125,7 +125,7 @@ class LintTree {
     for (const node of this.of('AssignmentExpression')) {
       const { left } = node;
       const isGlobal = left.type === 'Identifier' ? left.name === text
-        : left.type === 'MemberExpression' && !left.computed && left.property.name === text;
+        : left.type === 'MemberExpression' && text === (left.computed ? left.property.value : left.property.name);
       if (isGlobal) values.push(node.right);
     }
     return values.find((value) => value && functionTypes.has(value.type)) ?? null;
@@ -219,7 +219,8 @@ class LintTree {
       case 'ConditionalExpression':
         return all([node.consequent, node.alternate]);
       case 'LogicalExpression':
-        return all([node.left, node.right]).filter(({ text }) => text !== null);
+        return [...all([node.left]).filter(({ text }) => text),
+          ...all([node.right]).filter(({ text }) => text !== null)];
       case 'AssignmentExpression':
         return node.operator === '=' ? all([node.right]) : unknown;
       case 'SequenceExpression':
@@ -245,9 +246,24 @@ class LintTree {
     if (!isVariable(name) || name.writes.length === 0) return unknown;
     const [first, ...later] = name.writes;
     const initial = all([first]);
-    if (later.length === 0) return initial;
-    // A script usually tests for an initial null, undefined or false before it returns the variable.
-    return [...initial.filter(({ text }) => text !== null), ...all(later)];
+    if (later.length === 0) return this.isTested(name) ? initial.filter(({ text }) => text) : initial;
+    // A script usually tests for an initial null, undefined, false or "" before it returns the
+    // variable.
+    return [...initial.filter(({ text }) => text), ...all(later)];
+  }
+
+  // Whether a test looks at the variable. The script then usually returns it only if it has a text.
+  isTested(name) {
+    if (!this.tested) {
+      this.tested = new Set();
+      const note = (node) => {
+        if (node.type === 'Identifier') this.tested.add(this.nameOf(node));
+        return false;
+      };
+      for (const { test } of this.of('IfStatement', 'ConditionalExpression')) hasNode(test, note);
+      for (const { left } of this.of('LogicalExpression')) note(left);
+    }
+    return this.tested.has(name);
   }
 
   // An element of an array literal, or a member of an object literal.

@@ -3,5 +3,7 @@ function FindProxyForURL(url, host) {
   if (dnsDomainIs(host, "example.com")) return "DIRECT"; // expect: domain-dot
   if (shExpMatch(host, "*example.org")) return "DIRECT"; // expect: domain-dot
   if (host.endsWith("example.net")) return "DIRECT"; // expect: domain-dot
+  if (dnsDomainIs(host, "corp")) return "DIRECT"; // expect: domain-dot
+  if (shExpMatch(host, "*corp_x.example")) return "DIRECT"; // expect: domain-dot
   return "PROXY proxy.corp.example:8080; DIRECT";
 }

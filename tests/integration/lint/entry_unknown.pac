@@ -4,6 +4,9 @@ function FindProxyForURL(url, host) {
   if (host == "b.example") return "p.corp.example:80; DIRECT"; // expect: entry-unknown
   if (host == "c.example") return "PROXY; DIRECT"; // expect: entry-unknown
   if (host == "d.example") return "PROXY http://p.corp.example:80; DIRECT"; // expect: entry-unknown
-  if (host == "e.example") return "PROXY a.corp.example:80, DIRECT"; // expect: entry-port, direct-missing
+  if (host == "e.example") return "PROXY a.corp.example:80, DIRECT"; // expect: entry-unknown
+  if (host == "f.example") return "PROXY a.corp.example:80 DIRECT"; // expect: entry-unknown
+  if (host == "g.example") return "PROXY a.corp.example:80/; DIRECT"; // expect: entry-unknown
+  if (host == "h.example") return "SOCKS a.corp.example:80, SOCKS b.corp.example:80"; // expect: entry-unknown
   return "PROXY proxy.corp.example:8080; DIRECT";
 }
