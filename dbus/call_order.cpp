@@ -61,7 +61,8 @@ std::vector<std::string> CallOrder::takeUnknown() {
   return names;
 }
 
-// The user or connection whose last served call of this kind is the oldest.
+// Among the users with a waiting call of this kind, and then among the connections of that user,
+// chooses the one that was served longest ago.
 CallOrder::Connections::iterator CallOrder::first(Kind kind, bool onlyPrivileged) {
   auto best = mConnections.end();
   std::pair<std::uint64_t, std::uint64_t> bestTurn;
@@ -91,8 +92,8 @@ CallOrder::Connections::iterator CallOrder::choose() {
   return chosen;
 }
 
-// This happens at the next choice and not when the call was served. A connection that has arrived
-// in between then stands before it.
+// Puts the connection that was served last behind the others. This happens at the next choice, not
+// when the call is served. So a connection that arrives between the two stands before it.
 void CallOrder::standBehind() {
   const auto found = mConnections.find(std::exchange(mLastServed, {}));
   if (found == mConnections.end()) return;
@@ -146,7 +147,8 @@ std::optional<DBus::CallMessage> CallOrder::take() {
   } else {
     ++mPlainServed;
   }
-  // The end of a connection is watched only once its user was asked for.
+  // The end of a connection is watched only if the bus was asked for its user. Otherwise nothing
+  // would report the end, so a connection without a waiting call is erased here.
   if (connection.calls.empty() && !connection.isNamed) erase(chosen);
   return call;
 }

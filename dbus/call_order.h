@@ -1,17 +1,18 @@
 // The order in which waiting calls are served.
 //
 // A call that a script answers takes up to 5.25 s, and the bus thread serves one call at a time. So
-// the calls that wait stand in one queue for each connection, and this class decides whose call is
-// next. Within a connection, calls keep their order of arrival. The first call of each connection
-// competes with the first calls of the others:
+// each connection has a queue of waiting calls, and this class decides whose call is next. Within a
+// connection, calls keep their order of arrival. The first call of each connection competes with
+// the first calls of the others:
 //
-// 1. calls that need no script, of root and of the service's own user;
-// 2. calls that need no script, of everybody;
-// 3. questions, which need the script. After kPlainInARow other calls, one question is served.
+// 1. calls that need no script, from root and from the service's own user;
+// 2. calls that need no script, from all other users;
+// 3. questions, which need the script. After kPlainInARow calls of the first two kinds, one
+// question is served.
 //
-// Each kind goes round robin over the users, and then over the connections of a user. A connection
-// whose user is not known yet counts as a user of its own. A new connection stands behind the
-// connections that wait, and before the connection that was served last.
+// Within each kind, the users take turns (round robin), and then the connections of a user take
+// turns. A connection whose user is not known yet counts as a user of its own. A new connection
+// comes after the connections that already wait, and before the connection that was served last.
 //
 // The class does not use the bus: the caller passes names and users. Not synchronised; one thread.
 #pragma once
@@ -33,13 +34,13 @@ class CallOrder {
   enum class Kind : std::uint8_t { kPlain, kQuestion };
 
   /// Maximum number of waiting questions of one connection, and of one user. A browser has a few
-  /// tens of requests in progress. A further question gets an answer without the script at once.
+  /// tens of requests in progress. A further question is answered at once, without the script.
   static constexpr std::size_t kMaxOfConnection = 64;
   static constexpr std::size_t kMaxOfUser = 256;
   /// Maximum number of calls in a row that need no script while a question waits.
   static constexpr unsigned kPlainInARow = 64;
 
-  /// @param ownUser user of this process; its calls and root's go first
+  /// @param ownUser user of this process; the calls of this user and of root go first
   explicit CallOrder(unsigned long ownUser) : mOwnUser(ownUser) {}
 
   /// Whether one more call of `sender` may wait. A question must stay within the limits of its
@@ -47,30 +48,30 @@ class CallOrder {
   /// kMaxOfConnection calls of its connection wait.
   bool hasRoom(const std::string& sender, Kind kind) const;
 
-  /// Puts `call` into the queue. Checks no bound: the caller asks hasRoom() first.
+  /// Puts `call` into the queue. Does not check the bounds: the caller calls hasRoom() first.
   void add(const std::string& sender, Kind kind, DBus::CallMessage call);
 
-  /// Records that a call of `sender` was served at once. Its connection then stands after the
-  /// connections that arrive before the next choice.
+  /// Records that a call of `sender` was served at once. At the next choice, `sender` then comes
+  /// after all connections that have arrived by then.
   void noteServed(const std::string& sender, Kind kind);
 
-  /// The connections whose user is not known. While calls of a connection wait, that connection is
-  /// returned only once.
+  /// The connections whose user is not known. As long as calls of a connection wait, that
+  /// connection is returned by only one call of this function.
   std::vector<std::string> takeUnknown();
 
   /// Takes the next call. @return nothing if none waits
   std::optional<DBus::CallMessage> next();
 
-  /// Records that a call of `sender` was refused. A user is modest if it has no refused call since
-  /// the last forgetRefused().
+  /// Records that a call of `sender` was refused. A user is modest if none of its calls was refused
+  /// since the last forgetRefused().
   void noteRefused(const std::string& sender);
   void forgetRefused();
 
   /// Takes the next call of a modest user. @return nothing if none waits
   std::optional<DBus::CallMessage> nextOfModest();
 
-  /// Sets the user of a connection. @return the newest questions above the user's bound; they are
-  /// removed from the queue
+  /// Sets the user of a connection. If the user now has more questions than its bound allows, the
+  /// newest ones are removed from the queue. @return the removed questions
   std::vector<DBus::CallMessage> setUser(const std::string& sender, unsigned long user);
 
   /// Drops the calls of `sender`, which has left the bus.
@@ -117,10 +118,10 @@ class CallOrder {
   std::map<std::string, User> mUsers;    // by number, or by the name of a connection
   std::array<std::size_t, 2> mOfKind{};  // waiting calls
   std::size_t mWaiting = 0;
-  std::size_t mUnnamed = 0;  // connections that takeUnknown() has not named
+  std::size_t mUnnamed = 0;  // connections that takeUnknown() has not returned
   std::uint64_t mTurn = 0;
   unsigned mPlainServed = 0;
-  bool mOnlyModest = false;  // while a call of a modest user is chosen
-  std::string mLastServed;   // a connection; empty: it has left, or stands behind the others
+  bool mOnlyModest = false;  // true while a call of a modest user is chosen
+  std::string mLastServed;   // the connection to put behind the others; may be empty
   Kind mLastKind = Kind::kPlain;
 };

@@ -31,7 +31,8 @@ void ProxyManagerDbusHandler::refuseCalls() {
 }
 
 void ProxyManagerDbusHandler::detachService() {
-  refuseCalls();  // the mutex is not fair: the bus thread may take it again and again before us
+  refuseCalls();  // first, because the mutex is not fair: the bus thread may take it again and
+                  // again
   const Lock lock(mServiceMutex);
   mService = nullptr;
 }
@@ -73,8 +74,8 @@ std::int32_t ProxyManagerDbusHandler::updateProxyconfig(
   return result;
 }
 
-// The interface of a call; null if the object has no such interface. The field is optional on the
-// bus: without it, only the method's name decides.
+// The interface of a call; null if the object has no such interface. On the bus, the interface of a
+// call is optional. Without it, only the method's name decides.
 DBus::InterfaceAdaptor* ProxyManagerDbusHandler::interfaceOf(const DBus::CallMessage& call) {
   const char* name = call.interface();
   if (name != nullptr) return find_interface(name);
@@ -94,11 +95,11 @@ void ProxyManagerDbusHandler::queueCalls() {
 
 int ProxyManagerDbusHandler::takeTurn() {
   if (!mRefusesCalls) return mWaitingCalls->takeTurn();
-  mWaitingCalls->serveAll();  // each gets the answer of a handler without a service at once
+  mWaitingCalls->serveAll();  // each is answered at once, as by a handler without a service
   return -1;
 }
 
-// No exception may pass through the C code of the bus library, which called this function.
+// The C code of the bus library calls this function, and no exception may pass through it.
 bool ProxyManagerDbusHandler::handle_message(const DBus::Message& message) {
   if (message.type() != DBUS_MESSAGE_TYPE_METHOD_CALL) return false;
   // The library does the same cast: a CallMessage is a Message with other member functions.
@@ -106,7 +107,7 @@ bool ProxyManagerDbusHandler::handle_message(const DBus::Message& message) {
   return letWait(call) || serve(call);
 }
 
-// @return false for a call that is answered at once
+// @return false if the call does not wait and is to be answered at once
 bool ProxyManagerDbusHandler::letWait(const DBus::CallMessage& call) {
   if (!mWaitingCalls || mRefusesCalls) return false;
   const char* interface = call.interface();
@@ -142,7 +143,7 @@ bool ProxyManagerDbusHandler::answer(const DBus::CallMessage& call) {
   try {
     conn().send(interface->dispatch_method(call));
   } catch (const DBus::ErrorInvalidArgs& error) {
-    // The library throws it while a stub reads its arguments. The message copies both texts.
+    // The library throws this error when a stub reads its arguments. The message copies both texts.
     conn().send(DBus::ErrorMessage(call, error.name(), error.message()));
   }
   return true;
@@ -154,7 +155,8 @@ bool ProxyManagerDbusHandler::answerWithoutService(const DBus::CallMessage& call
   try {
     isAnswered = answer(call);
   } catch (...) {
-    // Even that answer cannot be built. libdbus answers the call, or its sender's timeout ends it.
+    // Even that answer cannot be built. Either libdbus answers the call, or the caller's timeout
+    // ends it.
   }
   mAnswersAlone = false;
   return isAnswered;

@@ -1,10 +1,10 @@
 // The object that the bus sees at /com/zentu/ProxyManagerService.
 //
-// It forwards the four calls to the service, or answers by itself if it has no service, and
-// announces every update. No message of a client may end the process, and this object ensures that.
-// A call without an interface counts as a call of the one interface. If the handling of a call
-// throws an exception, the client gets the answer of a handler without a service, and there is one
-// LOG_ERR line. The object sends no D-Bus error of its own. Operations run on the bus thread.
+// It forwards the four calls to the service, and announces every update. If it has no service, it
+// answers the calls itself. It also ensures that no message of a client ends the process. A call
+// that names no interface counts as a call of the only interface. If the handling of a call throws
+// an exception, the client gets the answer of a handler without a service, and one LOG_ERR line is
+// logged. The object sends no D-Bus error of its own. Operations run on the bus thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -27,28 +27,29 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
                                 public DBus::IntrospectableAdaptor {
  public:
   /// Registers the object at `path` of `connection`.
-  /// @param service not owned, may be null; outlives the handler or is detached before it is
-  /// deleted
+  /// @param service not owned, may be null; must outlive the handler, or be detached before its
+  /// deletion
   ProxyManagerDbusHandler(ProxyManagerServiceImpl* service, DBus::Connection& connection,
                           const char* path);
   ~ProxyManagerDbusHandler() override;
   ProxyManagerDbusHandler(const ProxyManagerDbusHandler&) = delete;
   ProxyManagerDbusHandler& operator=(const ProxyManagerDbusHandler&) = delete;
 
-  /// Passes calls to `service` again. The service outlives the handler or is detached before it is
-  /// deleted. Waits for the call in progress. Any thread, except the bus thread inside a call.
+  /// Passes calls to `service` again. `service` must outlive the handler, or be detached before its
+  /// deletion. Waits for the call in progress. Any thread, except the bus thread inside a call.
   void attachService(ProxyManagerServiceImpl& service) PM_EXCLUDES(mServiceMutex);
 
-  /// From now on every new call gets the answer of a handler without a service. Does not wait for
-  /// the call in progress. Any thread.
+  /// After this call, every new call is answered as by a handler without a service. The function
+  /// does not wait for the call in progress. Any thread.
   void refuseCalls();
 
   /// Refuses new calls, waits for the call in progress, then forgets the service. Any thread,
   /// except the bus thread inside a call.
   void detachService() PM_EXCLUDES(mServiceMutex);
 
-  /// From now on calls of the interface wait for takeTurn() instead of being answered as they
-  /// arrive. The connection outlives the handler. Called before the connection is dispatched.
+  /// After this call, calls of the interface wait for takeTurn(); they are not answered when they
+  /// arrive. The connection must outlive the handler. Call this function before the connection is
+  /// dispatched.
   void queueCalls();
   /// Serves one waiting call. Bus thread.
   /// @return milliseconds after which the caller calls again if nothing arrives from the bus; -1:
@@ -70,8 +71,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
       PM_EXCLUDES(mServiceMutex);
 
  private:
-  // The library's own function ends the process on a call without an interface and on foreign
-  // exceptions.
+  // The library's own function ends the process if a call has no interface, or if an exception is
+  // not one of the library's.
   bool handle_message(const DBus::Message& message) override;
   DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
   bool letWait(const DBus::CallMessage& call);
@@ -84,7 +85,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   Mutex mServiceMutex;
   ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
   std::atomic<bool> mRefusesCalls{false};
-  // Bus thread: how the call is answered.
+  // How the call in progress is answered. Used only on the bus thread.
   bool mAnswersAlone = false;          // as if there were no service
   bool mAnswersWithoutScript = false;  // as if the script gave no answer
   std::unique_ptr<WaitingCalls> mWaitingCalls;

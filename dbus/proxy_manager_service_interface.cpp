@@ -50,16 +50,17 @@ const IntrospectedMethod kSignals[] = {
 
 const IntrospectedProperty kProperties[] = {{nullptr, nullptr, false, false}};
 
-// The type of the table in the library has no const.
+// Not const, because the library's type of the table is not const.
 IntrospectedInterface ProxyManagerServiceInterface_adaptor_interface = {
     ProxyManagerServiceInterface_adaptor::kInterface, kMethods, kSignals, kProperties};
 
-// A std::string, because the library would send a literal as a boolean.
+// The parameter is a std::string, because the library would send a literal as a boolean.
 void append(MessageIter& writer, const std::string& text) {
   writer.append_string(validText(text).c_str());
 }
 
-// Adds a text of the configuration. Each may hold a password, because URLs may hold one, too.
+// Adds a text of the configuration. Each of these texts may contain a password, because a URL may
+// contain one, too.
 void appendSecret(MessageIter& writer, const std::string& text) {
   std::string valid = validText(text);
   const base::WipedAtEnd wiped(valid);

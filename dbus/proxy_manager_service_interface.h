@@ -1,9 +1,10 @@
-// The daemon's contract on the bus, as the bus library knows it.
+// The daemon's contract on the bus, in the form that the bus library needs.
 //
 // The adaptor turns incoming calls into four virtual operations, and their results into replies.
 // com.zentu.ProxyManagerServiceInterface.xml in this folder defines the names, their casing and
-// their signatures. A stub reads its arguments in order. The bus library checks the types, and
-// raises its invalid-arguments error before the operation is called. Bus thread.
+// their signatures. A stub reads its arguments in order. The bus library checks their types: if a
+// type is wrong, it raises its invalid-arguments error, and the operation is not called. Bus
+// thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -41,7 +42,7 @@ class ProxyManagerServiceInterface_adaptor : public ::DBus::InterfaceAdaptor {
                                          const std::string& userName,
                                          const std::string& password) = 0;
 
-  // The signals. Bytes that are not UTF-8 are replaced in their texts. Bus thread.
+  // The signals. In a text that is not valid UTF-8, "?" replaces each byte above 127. Bus thread.
   void notifyProxyConfigupdated(const std::string& proxymode, const std::string& proxyurl,
                                 const std::string& username, const std::string& password);
   void notifyClearcache();

@@ -1,4 +1,5 @@
-// What the bus object calls in the service. service/callbacks.cpp implements it; tests replace it.
+// The functions of the service that the bus object calls. service/callbacks.cpp implements them;
+// tests replace them.
 #pragma once
 
 #include <cstdint>

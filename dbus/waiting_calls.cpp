@@ -14,7 +14,7 @@ namespace {
 
 constexpr const char* kBus = "org.freedesktop.DBus";
 constexpr const char* kBusPath = "/org/freedesktop/DBus";
-// The end of a connection: a name that has no owner any more.
+// The match rule for the end of a connection: a name no longer has an owner.
 constexpr const char* kLeavingRule =
     "type='signal',sender='org.freedesktop.DBus',interface='org.freedesktop.DBus',"
     "member='NameOwnerChanged',arg2=''";
@@ -87,7 +87,7 @@ void WaitingCalls::letWait(const DBus::CallMessage& call, Kind kind, const std::
   } else if (isShort(call)) {
     refuseOne(call, sender);
   } else {
-    mRefuse(call);  // too long to be kept
+    mRefuse(call);  // the call is too long to be kept
   }
 }
 
@@ -164,7 +164,7 @@ void WaitingCalls::watch(bool on) {
   ask(on ? "AddMatch" : "RemoveMatch", kLeavingRule);
 }
 
-// The answer comes as a message like any other, so that nothing waits for it.
+// The answer arrives like any other message, so no thread is blocked until then.
 std::uint32_t WaitingCalls::ask(const char* method, const std::string& argument) {
   DBus::CallMessage call(kBus, kBusPath, kBus, method);
   if (!argument.empty()) call.writer().append_string(argument.c_str());
@@ -197,9 +197,9 @@ void WaitingCalls::onReply(const DBus::Message& reply) {
   noteUser(serial, reply);
   if (serial != mMarker) return;
   mMarker = 0;
-  // The bus answers in order, so it is enough to wait for the last of these answers. The thread
-  // does not wait for answers to later questions, because programs that connect all the time would
-  // cause more and more of them.
+  // The bus answers in order, so it is enough to wait for the answer to the last question about a
+  // user. The thread waits only once: programs that connect all the time would cause more and more
+  // such questions.
   if (mAsked.empty() || std::exchange(mWaitsForUsers, true)) return;
   mMarker = mAsked.rbegin()->first;
 }
@@ -210,7 +210,7 @@ void WaitingCalls::noteUser(std::uint32_t serial, const DBus::Message& reply) {
   const auto name = asked->second;
   mAsked.erase(asked);
   if (reply.is_error()) {
-    mOrder.drop(name);  // it left before the watch began
+    mOrder.drop(name);  // the connection left before the watch began
     return;
   }
   for (const auto& call : mOrder.setUser(name, reply.reader().get_uint32())) refuseOne(call, name);

@@ -1,24 +1,26 @@
 // The calls that were taken from the bus and wait for their turn.
 //
-// The bus delivers all calls in one stream, so a call can only overtake others if it has been read.
-// Therefore the bus thread reads everything first and serves one call afterwards, in the order of
-// CallOrder. While a call is served for a long time (an evaluation), an unknown number of calls
-// collects in the bus. The bus thread then sends the bus a request of its own. The bus answers this
-// request after all messages that the bus already held for this connection. No call is served until
-// that answer arrives or kReadLimit is over. So a call of an administrator is found behind
-// thousands of other calls. The thread also waits once for the bus's answers to its questions about
-// users. Otherwise, each connection of a flood would count as a separate user, and would get a turn
-// before a new user.
+// The bus delivers all calls in one stream, so a call can overtake others only after it has been
+// read. Therefore the bus thread first reads all messages and then serves one call, in the order of
+// CallOrder. If serving a call takes long (an evaluation), an unknown number of calls collects in
+// the bus. The bus thread then sends a request of its own to the bus. The bus answers it after all
+// messages that it already holds for this connection. No call is served until that answer arrives
+// or kReadLimit is over. So an administrator's call is found even behind thousands of other calls.
+// The thread also waits once for the bus's answers to its questions about users. Without these
+// answers, each connection of a flood would count as a user of its own, and all of them would get a
+// turn before a new user.
 //
 // A question beyond the bounds of CallOrder is refused. After an evaluation that took a second or
 // more, refused calls are kept while other calls are read. They are answered after the calls of
-// users who have no refused call. The reason: each answer to a flood causes its next call. With ten
-// thousand open calls, the bus needs more time for an answer and a call than this thread.
+// users who have no refused call. The reason: a program that floods the daemon sends its next call
+// when it gets an answer. With ten thousand open calls, the bus needs more time for an answer and
+// the next call than this thread does.
 //
 // The bus knows the user of a connection and whether the connection has ended. This class asks the
-// bus, without waiting, only when calls delay each other: after a call that took long, or when more
-// than kCrowd calls wait. With few and short calls the order does not matter, and a call must not
-// cost more than without this class. When no call waits, this class watches nothing.
+// bus only when calls delay each other: after a call that took long, or when more than kCrowd calls
+// wait. It does not block until the answers arrive. If calls are few and short, their order does
+// not matter, and a call must not cost more than without this class. When no call waits, this class
+// watches no connection.
 //
 // Bus thread only.
 #pragma once
@@ -41,24 +43,24 @@ class WaitingCalls {
   using Kind = CallOrder::Kind;
   using Serve = std::function<void(const DBus::CallMessage& call)>;
 
-  /// Longest time in which calls are read before one is served. Reading 25,600 calls from the bus
+  /// Longest time for reading calls before one of them is served. Reading 25,600 calls from the bus
   /// takes less than 4 s. A bus that does not answer must not stop the daemon.
   static constexpr std::chrono::seconds kReadLimit{10};
   /// A call that takes this long to serve delays others.
   static constexpr std::chrono::milliseconds kLongTurn{20};
-  /// After a turn of this length refused calls are kept while others are read. During a shorter
-  /// turn, too few calls arrive to justify the memory.
+  /// After a turn that took this long, refused calls are kept while others are read. During a
+  /// shorter turn, too few calls arrive to justify the memory.
   static constexpr std::chrono::seconds kGatheringTurn{1};
-  /// This many waiting calls delay each other even if each call is short.
+  /// If more calls than this wait, they delay each other, even if each call is short.
   static constexpr std::size_t kCrowd = 64;
-  /// Longest URL of a waiting question. The engine accepts 8 KiB. Longer questions would fill the
-  /// 63 MiB that libdbus keeps for messages that are not answered yet.
+  /// Longest URL of a waiting question. The engine accepts 8 KiB. With longer URLs, waiting
+  /// questions would fill the 63 MiB that libdbus allows for messages that are not answered yet.
   static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
   /// Maximum number of refused calls that are kept while others are read: 256 connections of a
   /// user, with 128 calls each, the limit of the system bus. Further refused calls are answered at
   /// once.
   static constexpr std::size_t kMaxRefused = std::size_t{256} * 128;
-  /// Number of refused calls that are answered before others are read again.
+  /// Number of refused calls that are answered before the thread reads again.
   static constexpr std::size_t kRefusedAtOnce = 64;
 
   /// @param connection outlives this object
@@ -102,15 +104,16 @@ class WaitingCalls {
   const Serve mServe;
   const Serve mRefuse;
   DBus::MessageSlot mFilter;
-  bool mListens = false;  // a filter costs every message some hundred instructions
-  // A call that came while nothing waited. Most calls are served before another one comes, so they
-  // do not need the queues.
+  bool mListens = false;  // a filter costs each message some hundred instructions
+  // A call that arrived while no other call waited. Most calls are served before another one
+  // arrives, so they do not need the queues.
   std::optional<DBus::CallMessage> mOnly;
   Kind mOnlyKind = Kind::kPlain;
   CallOrder mOrder;
-  std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user is asked for
-  std::uint32_t mMarker = 0;    // serial of the request whose answer ends the reading
-  bool mWaitsForUsers = false;  // mMarker is the last question about a user
+  std::map<std::uint32_t, std::string>
+      mAsked;                   // by serial: the connection whose user was asked for
+  std::uint32_t mMarker = 0;    // serial of the request whose answer ends the reading; 0 for none
+  bool mWaitsForUsers = false;  // mMarker is the serial of the last question about a user
   Clock::time_point mReadLimit{};
   std::deque<DBus::CallMessage> mRefusedCalls;  // not answered yet
   bool mKeepsRefused = false;                   // while calls are read

@@ -17,18 +17,18 @@ namespace fetcher {
 
 namespace {
 
-// Written by the device's DHCP client and by its DNS forwarder.
+// The device's DHCP client writes the first file, and its DNS forwarder the second.
 constexpr const char* kWatchedPaths[] = {base::kLeaseFile, base::kResolverFile};
 constexpr std::uint32_t kChanges = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
-// The reader of the file checks its length.
+// The length is not checked here: the reader of the file checks it.
 constexpr std::size_t kAnyLength = SIZE_MAX;
 
 /// @return the watch; negative if the file is missing or not trusted
 int addWatch(int fd, const char* path) {
   const auto file = base::openFile(path, {.mostBytes = kAnyLength});
   if (file.failure) return -1;
-  // The watch is set by the descriptor, so it watches the file that was checked, even if another
-  // file now has its name.
+  // The watch is set through the descriptor. So it watches the checked file, even if another file
+  // has that name by now.
   const std::string opened = "/proc/self/fd/" + std::to_string(file.fd.get());
   return inotify_add_watch(fd, opened.c_str(), kChanges);
 }
@@ -86,7 +86,7 @@ bool ConfigWatch::addWatches() {
 }
 
 bool ConfigWatch::readEvents(char* buffer) {
-  // The thread's own descriptor: no other thread changes it.
+  // The watch thread's own descriptor: no other thread changes it.
   int fd = -1;
   {
     const Lock lock(mMutex);
@@ -125,8 +125,9 @@ void ConfigWatch::end() {
   removeWatches(true);
 }
 
-// A removed watch queues an event, which wakes the thread out of select. A watch that ended with
-// its file queues no event. Then a watch on "/" is made and removed, which has the same effect.
+// When a watch is removed, the kernel queues an event, and this event wakes the thread from select.
+// If the watch has already ended with its file, there is no event. Then a watch on "/" is made and
+// removed, with the same effect.
 void ConfigWatch::removeWatches(bool wakeThread) {
   if (mWatchesRemoved || mInotifyFd < 0) return;
   mWatchesRemoved = true;

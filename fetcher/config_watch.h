@@ -1,11 +1,11 @@
-// Notices when the network configuration changes: inotify watches on the lease and on the resolver
-// file.
+// Notices changes of the network configuration, with inotify watches on the lease and on the
+// resolver file.
 //
-// The files are watched, not their folders, and events are not decoded: any event on either file
-// counts as a change, touch and chmod included. A file is watched only if the daemon would also
-// read it: a regular file of root or of the daemon's user, with one name, and not a link. It is
-// watched through the descriptor with which it was opened. A file that is missing when the watch
-// begins is not watched, and a watch ends with its file.
+// The files are watched, not their folders. Events are not decoded: any event on one of the files
+// counts as a change, also touch and chmod. A file is watched only if the daemon would also read
+// it: it is a regular file of root or of the daemon's user, has only one name, and is not a link.
+// The watch is set through the descriptor of the opened file. A file that is missing when the watch
+// begins is not watched. If a file is removed, its watch ends.
 #pragma once
 
 #include <chrono>
@@ -27,17 +27,17 @@ class ConfigWatch {
 
   ConfigWatch();
 
-  /// Cancels an earlier end(). To be called before the watch thread starts.
+  /// Cancels an earlier end(). Call it before the watch thread starts.
   void begin() PM_EXCLUDES(mMutex);
 
-  /// Makes the inotify descriptor. A descriptor that is too large for select counts as none.
+  /// Makes the inotify descriptor. If its number is too large for select, the call fails.
   /// @return the descriptor; negative, after a LOG_ERR line, if there is none
   int open() PM_EXCLUDES(mMutex);
 
   /// Sets the watches. @return false if no file can be watched
   bool addWatches() PM_EXCLUDES(mMutex);
 
-  /// Reads all events that wait into `buffer`, which has kEventBytes. Each read logs one line.
+  /// Reads all waiting events into `buffer`, which has kEventBytes bytes. Each read logs one line.
   /// @return whether there were events
   bool readEvents(char* buffer);
 
@@ -47,13 +47,13 @@ class ConfigWatch {
   /// Removes the watches, and closes the descriptor.
   void close() PM_EXCLUDES(mMutex);
 
-  /// Removes the watches once, and wakes the watch thread out of select and pause(). Any thread.
+  /// Removes the watches once, and wakes the watch thread from select and from pause(). Any thread.
   void end() PM_EXCLUDES(mMutex);
 
  private:
   void removeWatches(bool wakeThread) PM_REQUIRES(mMutex);
 
-  Mutex mMutex;  // a leaf
+  Mutex mMutex;  // a leaf: no other lock is taken while it is held
   int mInotifyFd PM_GUARDED_BY(mMutex) = -1;
   std::vector<int> mWatchDescriptors PM_GUARDED_BY(mMutex);
   bool mWatchesRemoved PM_GUARDED_BY(mMutex) = false;

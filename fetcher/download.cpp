@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::int64_t kTransferSeconds = 30;
 constexpr std::int64_t kMostRedirects = 5;
-// libcurl's own option ends a transfer 30 s after its start. libcurl then still has to report the
-// result. A child that has not reported by then is killed.
+// libcurl's own option ends a transfer 30 s after its start. The child then has a quarter of a
+// second to report the result. If it does not, it is killed.
 constexpr std::chrono::milliseconds kTransferLimit{30250};
 
 bool isWebScheme(const std::string& scheme) {
@@ -97,14 +97,15 @@ class SwitchedTransfer {
 
 namespace {
 
-/// A process with the request; null, with the reason in `problem`, if there is none.
+/// Starts a process and sends it the request. @return the process; null, with the reason in
+/// `problem`, if this fails
 std::unique_ptr<FetchProcess> startTransfer(const std::string& url, const DownloadOptions& options,
                                             std::string& problem) {
   auto process =
       FetchProcess::start(options.program.empty() ? fetchProgram() : options.program, problem);
   if (!process) return nullptr;
-  // libcurl refuses a URL that is too long, too. The child gets an empty URL instead, for which
-  // libcurl reports the same text.
+  // libcurl would also refuse a URL that is too long. The child gets an empty URL instead:
+  // libcurl's error text for it is the same.
   const bool fits = url.size() <= kMostUrlBytes;
   process->send(
       {kTransferSeconds, kMostScriptBytes, kMostRedirects, fits ? url.c_str() : std::string()});
@@ -112,7 +113,8 @@ std::unique_ptr<FetchProcess> startTransfer(const std::string& url, const Downlo
 }
 
 /// Waits until the child reports a libcurl handle. An interrupted transfer counts as ready: it
-/// fails later, with the lines of a failed transfer. @return false with the reason in `problem`
+/// fails later and then logs the lines of a failed transfer. @return false with the reason in
+/// `problem`
 bool waitUntilReady(FetchProcess& process, const SwitchedTransfer& switched, Deadline deadline,
                     std::string& problem) {
   const auto ready = process.receiveReady(deadline);
@@ -130,7 +132,8 @@ bool waitUntilReady(FetchProcess& process, const SwitchedTransfer& switched, Dea
   return true;
 }
 
-/// Checks what libcurl calls a success: the scheme after the redirects, and the length of the body.
+/// Checks a transfer that libcurl reports as successful: the scheme after the redirects, and the
+/// length of the body.
 std::string judge(const FetchResult& result, int file) {
   if (!result.success) return result.error.empty() ? "failed" : result.error;
   if (!isWebScheme(result.scheme)) return "the transfer ended at a scheme that is not of the web";
@@ -154,7 +157,8 @@ std::string transfer(FetchProcess& process, int file, const SwitchedTransfer& sw
     return error;
   }
   responseCode = result->responseCode;
-  // A process that lives could change the file after the check, and the script in force after that.
+  // A process that still runs could change the file after the check, and so also the script in
+  // force.
   if (!process.isGone()) return "the fetch process does not end";
   return judge(*result, file);
 }

@@ -1,9 +1,10 @@
 // Downloads one URL into one file, in a separate process: proxymanager-fetch.
 //
-// Only that process parses HTTP, TLS, redirects and certificates of a foreign server, and it does
-// so behind walls. The daemon's side (this file) checks each report of that process. A server that
-// takes the process over spoils only its own download. This side also enforces the time limit: a
-// transfer ends 30 s after its start, even if resolver, server or child process do not answer.
+// Only that process parses HTTP, TLS, redirects and certificates of a foreign server, behind its
+// walls. The daemon's side (this file) checks each report of that process. If a server takes
+// control of the process, it can spoil only its own download. This side also enforces the time
+// limit: a transfer ends 30 s after its start, even if resolver, server or child process do not
+// answer.
 #pragma once
 
 #include <string>
@@ -12,12 +13,13 @@
 
 namespace fetcher {
 
-/// Lets one thread end the transfer of another thread. All functions: any thread.
+/// With this class, one thread ends the transfer of another thread. Any thread may call its
+/// functions.
 class TransferSwitch {
  public:
   /// Ends the transfer in progress, and each transfer that begins before the next allow().
   void interrupt() PM_EXCLUDES(mMutex);
-  /// Lets transfers run again.
+  /// Allows transfers again.
   void allow() PM_EXCLUDES(mMutex);
 
  private:
@@ -25,12 +27,12 @@ class TransferSwitch {
 
   Mutex mMutex;
   bool mIsInterrupted PM_GUARDED_BY(mMutex) = false;
-  int mSocket PM_GUARDED_BY(mMutex) = -1;  ///< of the transfer in progress
+  int mSocket PM_GUARDED_BY(mMutex) = -1;  ///< of the transfer in progress; -1 for none
 };
 
 struct DownloadOptions {
   TransferSwitch* transferSwitch = nullptr;  ///< may be null; outlives the call
-  std::string program;                       ///< of the fetch process; empty: fetchProgram()
+  std::string program;  ///< path of the fetch process's program; empty: fetchProgram()
 };
 
 struct Download {

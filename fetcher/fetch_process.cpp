@@ -31,8 +31,8 @@ std::vector<std::string> passedEnvironment() {
   return variables;
 }
 
-/// The timeout for poll() until `deadline`. It is rounded up, so that poll() does not return too
-/// early again and again.
+/// The timeout for poll() until `deadline`. It is rounded up: otherwise poll() would return too
+/// early, and the caller would call it several times.
 int millisecondsLeft(Deadline deadline) {
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -96,7 +96,8 @@ bool FetchProcess::waitReadable(Deadline deadline) {
   return ready > 0;
 }
 
-/// One packet. The kernel drops descriptors that come with it, because the call asks for none.
+/// Receives one packet. The kernel drops descriptors that come with it, because the call does not
+/// ask for them.
 std::optional<std::string> FetchProcess::receive(Deadline deadline) {
   std::string packet(kPacketBufferBytes, '\0');
   ssize_t length = 0;
@@ -106,11 +107,11 @@ std::optional<std::string> FetchProcess::receive(Deadline deadline) {
       return std::nullopt;
     }
     length = recv(mSocket.get(), packet.data(), packet.size(), MSG_DONTWAIT);
-    // A child that ends without reading the request resets the connection; the kernel reports this
-    // once, before the packets that the child has sent.
+    // If the child ends before it has read the request, the connection is reset. The kernel reports
+    // the reset once, before it returns the packets that the child has sent.
   } while (length < 0 && (errno == EINTR || errno == EAGAIN || errno == ECONNRESET));
   if (length <= 0) {
-    // An empty packet looks like the end; no child of ours sends one.
+    // An empty packet looks like the end of the connection, but our child never sends one.
     mFailure = Failure::ended;
     return std::nullopt;
   }
@@ -126,7 +127,8 @@ std::optional<FetchReady> FetchProcess::receiveReady(Deadline deadline) {
   return ready;
 }
 
-// The child must have ended before its file is used: it has a descriptor that can write.
+// The child must have ended before its file is used, because it has a descriptor with which it can
+// write the file.
 std::optional<FetchResult> FetchProcess::receiveResult(Deadline deadline) {
   const auto packet = receive(deadline);
   if (!packet) return std::nullopt;

@@ -1,8 +1,8 @@
 // proxymanager-fetch from the daemon's side: one child process for one transfer.
 //
 // The child process parses what a foreign server sends, so this side treats it as hostile: each
-// packet is checked and each wait has a limit. The child sends two packets and ends; anything else
-// counts as a failure.
+// packet is checked and each wait has a limit. The child sends two packets and ends. Everything
+// else counts as a failure.
 #pragma once
 
 #include <chrono>
@@ -50,7 +50,7 @@ class FetchProcess {
     broken,  ///< the child sent a packet that it must not send
     tooLate  ///< the deadline has passed
   };
-  /// Why the last receive returned nothing.
+  /// Why the last receive...() returned nothing.
   Failure failure() const { return mFailure; }
 
   pid_t pid() const { return mChild->pid(); }

@@ -26,7 +26,7 @@
 namespace {
 
 constexpr char kTemporaryEnding[] = ".tmp";
-constexpr std::chrono::seconds kQuietTime{2};  // between two fetches for changes of watched files
+constexpr std::chrono::seconds kQuietTime{2};  // minimum between two fetches for changed files
 
 bool sameText(const char* a, const char* b) {
   if (a == nullptr || b == nullptr) return a == b;
@@ -39,7 +39,8 @@ void replaceText(char*& mine, HeapText text) {
   mine = text.release();
 }
 
-// proxyMode2Str() logs lines. A mode number above wpad is treated as wpad.
+// Used instead of proxyMode2Str(), because that function logs lines. A mode number above wpad is
+// treated as wpad.
 const char* textOf(ProxyMode mode) {
   if (mode == off) return "off";
   if (mode == manual) return "manual";
@@ -89,8 +90,8 @@ bool PACFetcher::stop() {
   logLine(LOG_INFO, "PACFetcher-stop called");
   mStopping = true;
   mRunning = false;
-  // Once the mutex is held, the fetcher thread has either seen the flag, or waits and is woken by
-  // this call.
+  // The mutex is taken and released. After that, the fetcher thread has either seen the flag, or it
+  // waits and the notification wakes it.
   { const Lock lock(mMutex); }
   mCondition.notify_one();
   if (mFetcherThread) {
@@ -107,8 +108,8 @@ bool PACFetcher::stop() {
 
 void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
   logLine(LOG_INFO, "PACFetcher-updateProxyMgrConfig called");
-  // The copies are made before anything changes, because memory may run out. The records' own
-  // helpers are not used: they log lines, and treat an empty URL as no URL.
+  // Memory may run out, so the copies are made before anything changes. The helper functions of the
+  // records are not used, because they log lines and treat an empty URL as no URL.
   HeapText newPacurl(heapCopy(config.pacurl));
   HeapText newProxyurl(heapCopy(config.proxyurl));
   const Lock lock(mMutex);
@@ -128,7 +129,7 @@ void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
     ++mConfigNumber;
     mTransferSwitch.interrupt();
   }
-  mStatus.mode = textOf(config.mode);  // fits into the text: nothing is allocated
+  mStatus.mode = textOf(config.mode);  // fits into the string without an allocation
   mStatus.updated = now();
   mStatusIsNew = true;
   // A waiting request belongs to a configuration that is no longer in force.
@@ -200,7 +201,7 @@ PACFetcher::Attempt PACFetcher::tryCandidate(const std::string& url, unsigned wa
 }
 
 /// @param why receives the reason of a failure
-/// @return whether a script is at `temporary`, and the configuration is still the walk's
+/// @return whether there is a script at `temporary` and the walk's configuration is still in force
 bool PACFetcher::fetch(const std::string& url, const std::string& temporary, unsigned walk,
                        std::string& why) {
   bool fetched = false;
@@ -241,18 +242,18 @@ void PACFetcher::pacFetcherThreadFunc() {
       mCondition.wait_until(lock.native(),
                             std::chrono::system_clock::now() + std::chrono::seconds(mInterval));
     }
-    // A walk may take minutes, so the update and the walk are reported before it.
+    // A walk may take minutes, so the update and the begin of the walk are reported first.
     noteWalkBegin();
     reportStatus();
-    if (mStatus.walking == 0) continue;  // requested during the report: the next round reports it
+    if (mStatus.walking == 0) continue;  // walk requested during the report: report that first
     // The flag is cleared before the walk: all requests that arrive during the walk cause one
     // further walk.
     if (!mRefetch.exchange(false)) continue;
     try {
       retrievePacFile();
     } catch (const std::exception&) {
-      // Out of memory, or an exception of the service: the walk has no result, but the daemon does
-      // not end.
+      // Memory is exhausted, or the service has thrown an exception. The walk has no result, but
+      // the daemon continues.
     }
     noteWalk();
   }
@@ -283,7 +284,7 @@ void PACFetcher::reportStatus() {
     const Unlock unlock(mMutex);
     notifyStatus(line);
   } catch (const std::exception&) {
-    // Memory is exhausted: the supervisor keeps its last line.
+    // Memory is exhausted: the supervisor keeps the previous status line.
   }
 }
 

@@ -1,23 +1,23 @@
 // Keeps the PAC file current.
 //
-// Two threads. The fetcher thread sleeps until a refetch is requested, then walks over the
-// candidate URLs of the current configuration and installs the first good script by rename. The
-// watch thread requests a refetch when one of two files of the network configuration changes.
-// Nothing is fetched on a timer.
+// It has two threads. The fetcher thread sleeps until a refetch is requested. Then it tries the
+// candidate URLs of the current configuration one after the other (a walk), and installs the first
+// good script by rename. The watch thread requests a refetch when one of two files of the network
+// configuration changes. Nothing is fetched on a timer.
 //
-// One mutex guards the configuration copy and the request. A walk holds the mutex except while a
-// transfer runs. So an update never waits for a download, but it waits for the load of a script
-// that is being installed (5 seconds at most). A walk uses one configuration. An update that
-// changes the mode or a URL ends the transfer in progress, and the walk's other candidates fail
-// without a transfer. An update that changes nothing does not end the walk in progress, and causes
-// one further walk. Otherwise, two programs that send the same configuration in turn could prevent
-// every download.
+// One mutex guards the copy of the configuration and the request for a walk. A walk holds the
+// mutex, but not while a transfer runs. So an update never waits for a download, but it waits for
+// the load of a script that is being installed (5 seconds at most). A walk uses one configuration.
+// If an update changes the mode or a URL, the transfer in progress ends, and the walk's other
+// candidates fail without a transfer. If an update changes neither, the walk in progress continues,
+// and one further walk follows. If such an update ended the walk, two programs that send the same
+// configuration in turn could prevent every download.
 //
-// The supervisor gets a line about mode, last update and last walk. Only the fetcher thread sends
-// it, because a supervisor that reads nothing must not delay an update.
+// The supervisor gets a line about the mode, the last update and the last walk. Only the fetcher
+// thread sends the line: if the supervisor does not read, this must not delay an update.
 //
-// Other files implement the members: walk (the candidate URLs), wpad_candidates, resolver_file,
-// download with fetch_process and target_file, config_watch.
+// These files implement parts of the class: walk (the candidate URLs), wpad_candidates,
+// resolver_file, download with fetch_process and target_file, config_watch.
 #pragma once
 
 #include <atomic>
@@ -40,8 +40,9 @@ class ProxyManagerServiceImpl;
 class PACFetcher {
  public:
   /// @param service notified when a new script is in place; not owned, outlives the fetcher. May be
-  /// null if no script is installed.
-  /// @param pacFileName the path of the script; a download in progress has ".tmp" appended
+  /// null if the fetcher installs no script.
+  /// @param pacFileName the path of the script; a download in progress is in the file with ".tmp"
+  /// appended
   /// @param interval seconds, the longest sleep of either thread
   PACFetcher(ProxyManagerServiceImpl* service, const std::string& pacFileName, int interval);
 
@@ -57,20 +58,21 @@ class PACFetcher {
   /// @throws std::system_error if no thread can be started
   bool start();
 
-  /// Ends both threads, and waits for their end. Waits only for a transfer in progress and for the
-  /// load of its script; the walk's other candidates fail at once.
+  /// Ends both threads and waits for their end. This takes as long as the transfer in progress and
+  /// the load of its script; the walk's other candidates fail at once.
   /// @return true
   bool stop();
 
   /// Accepts a new configuration, and requests a refetch in the modes pacurl and wpad. If the mode
   /// or a URL changes, the transfer in progress ends. Any thread except the fetcher's (not from
-  /// within pacFileUpdated). Throws std::bad_alloc and then changes nothing.
+  /// within pacFileUpdated). If it throws std::bad_alloc, nothing has changed.
   /// @param config mode, proxyurl and pacurl are copied; the caller keeps the strings
   void updateProxyMgrConfig(ProxyConfig config);
 
-  /// Fetches one http or https URL, in a process of its own: 30 seconds, 512,000 bytes and five
-  /// redirects at most. Other schemes count as a failed transfer. A new file replaces the file at
-  /// `targetFile`. The function keeps no state; two threads must not call it at the same time.
+  /// Fetches one http or https URL in a separate process. The limits are 30 seconds, 512,000 bytes
+  /// and five redirects. A URL of another scheme counts as a failed transfer. A new file replaces
+  /// the file at `targetFile`. The function keeps no state; two threads must not call it at the
+  /// same time.
   /// @return whether the transfer succeeded, whatever the HTTP status; the body is then in the
   ///         file. Else the file is removed.
   static bool fileDownload(const std::string& url, const std::string& targetFile);
@@ -81,19 +83,20 @@ class PACFetcher {
   /// Tries the candidates of the current configuration until one is installed. If an empty folder
   /// of root is at the script's name, the function removes it for the next walk. Called with mMutex
   /// held; releases mMutex while a transfer runs.
-  /// @return 0 when there was nothing to do, when a script was installed and when every candidate
-  ///         failed; -1 in mode pacurl without a URL and in mode wpad without DHCP information
+  /// @return 0 if there was nothing to do, if a script was installed, or if every candidate failed;
+  /// -1 in mode pacurl without a URL, and in mode wpad without DHCP information
   int retrievePacFile() PM_REQUIRES(mMutex);
 
   /// Reads the last line of /tmp/.resolv.conf.dnsmasq that contains "search " or "domain ", and
   /// returns the text after its first blank: a domain, or several with blanks between them. Empty
-  /// if there is no such line, or if the file belongs neither to root nor to the process's user,
-  /// has a second name, is not a regular file or is longer than 64 KiB.
+  /// if there is no such line, or if the file is refused: it belongs neither to root nor to the
+  /// process's user, has a second name, is not a regular file, or is longer than 64 KiB.
   std::string getDomainName() const;
 
-  /// The WPAD URLs for each name in `domain`, in order, from the longest to the shortest name that
-  /// is not a public suffix; 32 URLs at most. A name has no URL if it is too long for DNS (over 253
-  /// characters) or cannot be the host of a URL ("com/.example.com", "h:80").
+  /// The WPAD URLs for each name in `domain`, in the order of the names. For each name, the URLs go
+  /// from the whole name to its shortest suffix that is not a public suffix. There are 32 URLs at
+  /// most. A name gets no URL if it is too long for DNS (over 253 characters) or cannot be the host
+  /// of a URL ("com/.example.com", "h:80").
   /// @param domain names with single blanks between them
   std::vector<std::string> wpadUrlCandidatesFromDomain(const std::string& domain) const;
 
@@ -126,7 +129,7 @@ class PACFetcher {
   std::shared_ptr<std::thread> mFetcherThread;       // "pm-fetch"
   std::shared_ptr<std::thread> mDhcpCfgWatchThread;  // "pm-watch"
   std::condition_variable mCondition;                // with mMutex; wakes the fetcher thread
-  unsigned mConfigNumber PM_GUARDED_BY(mMutex) = 0;  // counts changes of mode and URLs
+  unsigned mConfigNumber PM_GUARDED_BY(mMutex) = 0;  // grows at each change of the mode or a URL
   base::DaemonStatus mStatus PM_GUARDED_BY(mMutex){"off", 0, 0, 0, {}, 0};
   bool mStatusIsNew PM_GUARDED_BY(mMutex) = true;     // not sent to the supervisor yet
   fetcher::WalkReport mReport PM_GUARDED_BY(mMutex);  // of the walk in progress

@@ -10,7 +10,7 @@ namespace fetcher {
 
 namespace {
 
-// A search list of 64 KiB holds more names than a walk can try.
+// A search list of 64 KiB contains more names than a walk can try.
 constexpr std::size_t kMostBytes = std::size_t{64} * 1024;
 
 }  // namespace

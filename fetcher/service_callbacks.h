@@ -1,4 +1,5 @@
-// What the fetcher calls in the service. service/callbacks.cpp implements it; tests replace it.
+// The function of the service that the fetcher calls. service/callbacks.cpp implements it; tests
+// replace it.
 #pragma once
 
 class ProxyManagerServiceImpl;
@@ -7,7 +8,7 @@ namespace service_callbacks {
 
 /// A new script file is in place. Does nothing if `service` is null. Called on the fetcher thread
 /// with the fetcher's mutex held; must not call the fetcher.
-/// @return whether a script answers now; false if the new one is refused
+/// @return whether the script is in use now; false if it is refused
 bool notifyFileUpdated(ProxyManagerServiceImpl* service);
 
 }  // namespace service_callbacks

@@ -21,11 +21,11 @@ namespace {
 
 constexpr std::size_t kRandomDigits = 16;
 constexpr mode_t kMode = 0644;
-// Another user may make a folder at the name again and again in a loop. Each try succeeds with a
+// Another user may create a folder at this name in a loop. Even then, each try succeeds with a
 // probability above one half.
 constexpr int kMostTries = 100;
 
-/// `path`, a dot and random digits. Empty, with errno, if the system gives no random bytes.
+/// `path`, a dot and random digits. Empty, with errno set, if the system has no random bytes.
 std::string randomName(const std::string& path) {
   std::uint64_t number = 0;
   if (getrandom(&number, sizeof number, 0) != sizeof number) return {};
@@ -40,9 +40,9 @@ std::string folderOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-/// Makes a new file at `name`. The file gets its name only after it exists. If the file system has
-/// no unnamed files, the file is made under this name at once. This is safe, because no program can
-/// guess the name.
+/// Makes a new file at `name`: first a file without a name, which then gets its name. If the file
+/// system does not support files without a name, the file is created with its name. This is safe,
+/// because no program can guess the name.
 base::UniqueFd createAt(const std::string& name) {
   base::UniqueFd file(open(folderOf(name).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, kMode));
   const std::string descriptor = "/proc/self/fd/" + std::to_string(file.get());
@@ -54,8 +54,8 @@ base::UniqueFd createAt(const std::string& name) {
   return file;
 }
 
-/// Renames a folder at `path` aside if it is another user's.
-/// @return false if there is a folder that stays
+/// If there is a folder of another user at `path`, gives it another name.
+/// @return false if a folder is still at `path`
 bool clearedOfFolder(const std::string& path) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return true;

@@ -10,9 +10,9 @@
 
 namespace fetcher {
 
-/// The candidates of `config`, in order. In mode pacurl, this is the user's URL. In mode wpad,
-/// these are the lease's URL and then the URLs of the search list. `config` has no other mode. Logs
-/// the lines of retrievePacFile. Throws std::bad_alloc.
+/// The candidates of `config`, in order. In mode pacurl, the only candidate is the user's URL. In
+/// mode wpad, the candidates are the lease's URL and then the URLs of the search list. `config`
+/// must have one of these modes. Logs the lines of retrievePacFile. Throws std::bad_alloc.
 /// @return nothing in mode pacurl without a URL and in mode wpad without DHCP information
 std::optional<std::vector<std::string>> candidatesOf(const ProxyConfig& config);
 

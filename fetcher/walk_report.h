@@ -1,5 +1,5 @@
-// The result of a walk, in one line for the supervisor. Every user may read that line, so it has
-// the hosts of the candidates and never their URLs, which can hold a password.
+// The result of a walk, in one line for the supervisor. Every user may read that line, and a URL
+// can contain a password. So the line has the hosts of the candidates and never their URLs.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@ namespace fetcher {
 
 class WalkReport {
  public:
-  /// Records a candidate that failed. @param why one line, for example of Download::error
+  /// Records a candidate that failed. @param why one line, for example the text of Download::error
   void failed(const std::string& url, const std::string& why);
   /// Records the candidate whose script was installed.
   void installed(const std::string& url);

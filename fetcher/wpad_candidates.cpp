@@ -14,13 +14,13 @@ namespace {
 
 // RFC 1035, 2.3.4: 255 octets on the wire, that is 253 characters without the final dot.
 constexpr std::size_t kLongestName = 253;
-// Characters that end the host of a URL, or that give the URL another host than the checked name
-// ("%63om", "com:80"). A NUL ends the whole URL.
+// Characters that end the host of a URL, or with which the host of the URL differs from the checked
+// name ("%63om", "com:80"). A NUL ends the whole URL.
 constexpr std::string_view kHostEnders{"/?#@:%\0", 7};
 
-// A name with characters beyond ASCII is refused: libcurl maps it before the lookup, and full stops
-// and letters of other widths become ordinary ones, which the checks have not seen. A search list
-// has the mapped form ("xn--").
+// A name with characters beyond ASCII is refused. libcurl would map it to ASCII before the lookup:
+// full stops and letters of other widths would become ordinary ones after the checks. A search list
+// contains the mapped form ("xn--") anyway.
 bool isHost(std::string_view name) {
   return name.find_first_of(kHostEnders) == name.npos && base::isAscii(name);
 }

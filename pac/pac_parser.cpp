@@ -13,7 +13,7 @@
 
 namespace {
 
-// An asynchronous query looks for its answer every 10 ms, for at most 200 ms.
+// An asynchronous query checks every 10 ms, for at most 200 ms, whether its answer has arrived.
 constexpr std::chrono::milliseconds kPollPause{10};
 constexpr std::chrono::milliseconds kAnswerLimit{200};
 
@@ -54,8 +54,8 @@ bool PacParser::stop() {
   logLine(LOG_INFO, "PacParser-stop called ");
   mServiceImpl = nullptr;
   {
-    // The mutex is taken and released: after that the worker has either not yet read the flag, or
-    // already waits.
+    // The mutex is taken and released. After that, the worker thread either has not read the flag
+    // yet, or already waits.
     const Lock lock(mWaitMutex);
     mRunning = false;
   }
@@ -95,7 +95,7 @@ void PacParser::waitForNotice() {
 }
 
 // The gate is taken before the locks, so that no answer of an old script enters the emptied cache.
-// The wait mutex is not held during an evaluation: a caller takes that mutex within its 200 ms, and
+// The wait mutex is not held during an evaluation. A caller has only 200 ms to take that mutex, and
 // an evaluation may take longer.
 void PacParser::runQueued() {
   const auto answers = shareAnswers();
@@ -175,7 +175,8 @@ ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
   std::chrono::milliseconds waited{0};
   if (queueQuestion(requestUrl, key, waited)) {
     {
-      // Otherwise, the wake-up could be lost between the worker's test of the flag and its wait.
+      // Without this lock, the wake-up could be lost between the worker thread's test of the flag
+      // and its wait.
       const Lock lock(mWaitMutex);
     }
     mCond.notify_one();
@@ -183,7 +184,8 @@ ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
   return awaitAnswer(key, waited);
 }
 
-// The engine is busy during a whole evaluation or reload.
+// The engine's mutex is taken during a whole evaluation or reload, so the function may not get it
+// in time.
 bool PacParser::queueQuestion(const std::string& requestUrl, const std::string& key,
                               std::chrono::milliseconds& waited) {
   while (waited < kAnswerLimit) {
@@ -198,7 +200,8 @@ bool PacParser::queueQuestion(const std::string& requestUrl, const std::string& 
   return false;
 }
 
-// The engine does not report a question without an answer. Its host is dropped when room is needed.
+// If a question has no answer, the engine reports nothing. The host of such a question is dropped
+// when space is needed.
 void PacParser::notePending(const std::string& key) {
   const Lock lock(mCacheMutex);
   if (mPendingHosts.size() >= kMaxPendingHosts && mPendingHosts.count(key) == 0) {
@@ -247,7 +250,7 @@ void PacParser::proxy_Found(const char* result, const char* host) {
   mPendingHosts.erase(host);
   OwnedSettings settings(proxys2ProxySettings(textOrEmpty(result)));
   mCache->set(host, settings.get());
-  settings.release();  // the cache's now
+  settings.release();  // the cache owns the texts now
 }
 
 ProxyUrlSettings PacParser::proxys2ProxySettings(const std::string& proxys) {

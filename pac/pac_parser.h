@@ -1,19 +1,20 @@
-// The current PAC script, the engine made of it, and the answers it gave.
+// The current PAC script, the engine that runs it, and the answers of the script.
 //
 // Each time the fetcher has put a file in place, the parser reads the script again and rebuilds the
 // engine. It empties the cache only if the script's digest has changed. If the cache has the host
-// of a query, it answers the query; else the engine does, on the caller's thread. The parser's own
-// thread evaluates only what asynchronous queries have queued in the engine.
+// of a query, the answer comes from the cache. Otherwise the engine evaluates the query on the
+// caller's thread. The parser's own thread evaluates only the questions that asynchronous queries
+// have queued in the engine.
 //
-// Locks: a thread may take the cache's mutex while it holds the engine's mutex. The wait mutex is a
-// leaf. The gate of the answers is taken before all these mutexes. The lists that getProxy returns
-// share their texts with the cache. So a caller shares the gate (shareAnswers) while it copies the
-// texts, and a reload holds the gate exclusively from the emptying of the cache until the new
-// engine is in place. No text is freed while it is read, and no answer of the old script enters the
-// emptied cache.
+// Locks: a thread may take the cache's mutex while it holds the engine's mutex. While a thread
+// holds the wait mutex, it takes no other lock. The gate of the answers is taken before all these
+// mutexes. The lists that getProxy returns share their texts with the cache. So a caller holds the
+// gate shared (shareAnswers) while it copies the texts. A reload holds the gate exclusively from
+// the emptying of the cache until the new engine is in place. So no text is freed while it is read,
+// and no answer of the old script enters the emptied cache.
 //
-// Two files implement the members: pac_script_file.cpp reads the script, compares its digest and
-// rebuilds the engine; pac_parser.cpp holds everything else. pac_result.h parses results.
+// Two files implement the class: pac_script_file.cpp reads the script, compares its digest and
+// rebuilds the engine; pac_parser.cpp does everything else. pac_result.h parses results.
 #pragma once
 
 #include <atomic>
@@ -59,8 +60,8 @@ class PacParser {
   /// none may follow. @return true
   bool stop();
 
-  /// Reads the script and makes a new engine of it. If the file cannot be read, the old engine
-  /// stays; if the script is refused, there is no engine. One thread at a time. Waits for the
+  /// Reads the script and makes a new engine with it. If the file cannot be read, the old engine
+  /// stays. If the script is refused, there is no engine. One thread at a time. Waits for the
   /// holders of shareAnswers(), for a query in the engine (5 s at most) and for the script to load
   /// (5 s at most).
   /// @return 0
@@ -70,19 +71,21 @@ class PacParser {
   bool hasEngine() const { return mHasEngine; }
 
   /// Reads the script. If the script's digest has changed, empties the cache and notifies the
-  /// service. Reads only a regular file of root or of the process's user. One thread at a time;
-  /// waits as parsePacFile does, except for the load. @return 1 if the script was read, else 0
+  /// service. Reads only a regular file of root or of the process's user. One thread at a time.
+  /// Waits like parsePacFile, but not for the load.
+  /// @return 1 if the script was read, else 0
   int readPacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
   /// The proxies for `requestUrl`, in the script's order; empty if there is no answer. The cache
-  /// owns the texts: the caller copies them while it holds shareAnswers(), and before the next
-  /// query, which may evict or overwrite them. Therefore only one thread at a time may query. Waits
-  /// for the evaluation, 5 s at most, and before that for an evaluation or a reload in progress.
+  /// owns the texts. The caller must copy them while it holds shareAnswers(), and before the next
+  /// query, because that query may evict or overwrite them. Therefore only one thread at a time may
+  /// query. First waits for an evaluation or a reload in progress, then for its own evaluation (5 s
+  /// at most).
   ProxyUrlSettings getProxy(const std::string& requestUrl) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
-  /// Like getProxy, but the worker thread evaluates. Waits at most 200 ms for the answer. A later
-  /// answer goes into the cache. If the engine is busy for the whole 200 ms, the question is
-  /// dropped.
+  /// Like getProxy, but the worker thread evaluates the question. Waits at most 200 ms for the
+  /// answer. If the answer arrives later, it is stored in the cache. If the engine is busy for the
+  /// whole 200 ms, the question is dropped.
   ProxyUrlSettings getProxyASync(const std::string& requestUrl)
       PM_EXCLUDES(mEngineMutex, mCacheMutex, mWaitMutex);
 
@@ -93,18 +96,20 @@ class PacParser {
     return std::shared_lock(mAnswerGate);
   }
 
-  /// The entries of a result text such as "PROXY a:1; DIRECT": script_result::entriesOf()
-  /// (pac_result.h). The caller owns their texts and releases them with clearProxySettings.
+  /// The entries of a result text such as "PROXY a:1; DIRECT", by script_result::entriesOf()
+  /// (pac_result.h). The caller owns the texts of the entries and releases them with
+  /// clearProxySettings.
   static ProxyUrlSettings proxys2ProxySettings(const std::string& proxys);
 
-  /// One entry: script_result::entryOf() (pac_result.h). The caller owns its text and releases it
-  /// with cleanupProxySetting.
+  /// One entry, by script_result::entryOf() (pac_result.h). The caller owns the text of the entry
+  /// and releases it with cleanupProxySetting.
   static ProxyUrlSetting proxy2ProxySetting(std::string proxy);
 
-  /// The engine's result callback (pac_result): parses `result`, keeps it under the host, then
-  /// frees `result`. `parser` is a PacParser, `host` a C string; null pointers are accepted.
+  /// The engine's result callback (pac_result): parses `result`, stores the entries under the host,
+  /// then frees `result`. `parser` is a PacParser, `host` a C string; null pointers are accepted.
   static void proxyFound(char* result, void* parser, void* host);
-  /// Keeps the parsed `result` under `host`; does nothing if `host` is null. Any thread.
+  /// Parses `result` and stores the entries under `host`. Does nothing if `host` is null. Any
+  /// thread.
   void proxy_Found(const char* result, const char* host) PM_EXCLUDES(mCacheMutex);
 
   /// The engine's wake-up callback; `parser` is a PacParser or null.
@@ -114,7 +119,7 @@ class PacParser {
   void do_notify();
 
   /// MD5 (RFC 1321) of `length` bytes into the 16 bytes at `digest`.
-  /// @return false, with the digest untouched, if a pointer is null or the length is 0
+  /// @return false if a pointer is null or the length is 0; the digest is then unchanged
   static bool doMd5Hash(unsigned char* digest, const void* data, std::size_t length);
 
   /// Empties the cache and forgets the asynchronous queries in progress.
@@ -151,14 +156,14 @@ class PacParser {
 
   ProxyManagerServiceImpl* mServiceImpl;
   Engine mPac PM_GUARDED_BY(mEngineMutex);
-  std::atomic<bool> mHasEngine{false};  // whether mPac is set, without waiting for an evaluation
+  std::atomic<bool> mHasEngine{false};  // whether mPac is set; reading it never waits
   const bool mPacInitOption;
   HeapText mPacContent PM_GUARDED_BY(mEngineMutex);
-  HeapText mPacHash;  // guarded by the gate, held exclusively
+  HeapText mPacHash;  // changed only while the gate is held exclusively
   std::map<std::string, bool> mPendingHosts PM_GUARDED_BY(mCacheMutex);
   RecursiveMutex mEngineMutex;
   RecursiveMutex mCacheMutex PM_ACQUIRED_AFTER(mEngineMutex);
-  Mutex mWaitMutex;  // a leaf
+  Mutex mWaitMutex;  // a leaf: no other lock is taken while it is held
   std::shared_mutex mAnswerGate;
   std::atomic<bool> mRunning{false};
   std::atomic<bool> mNotified{false};

@@ -16,7 +16,7 @@ char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
 
-// Makes the place in the list first, so that the text of an entry cannot be lost.
+// Adds an empty entry to the list first: if memory runs out there, no text of an entry is lost.
 // @return the entry, or null if the piece is not an entry
 const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& piece) {
   settings.emplace_back();

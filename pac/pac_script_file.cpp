@@ -1,6 +1,6 @@
 // Reads the script's file, checks whether the script has changed, and rebuilds the engine.
 
-#define OPENSSL_SUPPRESS_DEPRECATED  // the digest only compares files, it protects nothing
+#define OPENSSL_SUPPRESS_DEPRECATED  // the digest only compares files; it is no protection
 #include <fcntl.h>
 #include <openssl/md5.h>
 #include <sys/stat.h>
@@ -18,10 +18,10 @@ namespace {
 
 constexpr std::size_t kFirstBuffer = 8192;
 
-// Every user may write in the script's folder. So the file of another user is not read, and opening
-// a fifo does not block. A folder is accepted, because reading it fails without harm. A file with a
-// second name (hard link) is accepted: otherwise any user who may make a link could block every
-// script.
+// Every user may write in the script's folder. So a file of another user is not read, and opening a
+// fifo does not block. A folder is not refused here, because reading it fails without harm. A file
+// with a second name (hard link) is accepted: otherwise, any user who may make hard links could
+// block every script.
 base::UniqueFd openScript(const std::string& fileName) {
   base::UniqueFd file(open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
@@ -34,8 +34,8 @@ base::UniqueFd openScript(const std::string& fileName) {
 
 }  // namespace
 
-/// The bytes that were read. Allocated with malloc, so that exhausted memory is a return value and
-/// not an exception.
+/// The bytes that were read. The buffer is allocated with malloc, which reports exhausted memory as
+/// a return value and not as an exception.
 class PacParser::ReadBuffer {
  public:
   /// Reads `file` to its end. @return whether that succeeded; if not, a log line has the reason
@@ -93,7 +93,7 @@ int PacParser::parsePacFile(const std::string& fileName) {
   }
   const Lock lock(mEngineMutex);
   mHasEngine = false;
-  mPac.reset();  // before the new one is made: never two workers
+  mPac.reset();  // first, so that there are never two workers
   mPac.reset(pac_init(mPacContent.get(), mPacInitOption ? PAC_OPTION_OFFLINE : PAC_OPTION_ONLINE,
                       notify, this));
   logLine(LOG_INFO, "PacParser-parsePacFile pac init");
@@ -132,12 +132,12 @@ int PacParser::readPacFile(const std::string& fileName, ReloadGate& gate) {
   return read ? 1 : 0;
 }
 
-// The digest is treated as a C string on purpose: it ends at its first zero byte, when it is
-// compared and when it is kept.
+// The digest is treated as a C string on purpose: for the comparison and the stored copy, it ends
+// at its first zero byte.
 void PacParser::compareDigest(const ReadBuffer& content) {
   unsigned char digest[kDigestLength + 1] = {};
-  // A script without a digest counts as new, because its answers must not mix with answers of
-  // another script.
+  // If the digest cannot be made, the script counts as new, so that its answers are not mixed with
+  // answers of another script.
   const bool hasDigest = doMd5Hash(digest, content.data(), content.length());
   if (content.length() == 0) return;
   const char* text = hasDigest ? reinterpret_cast<const char*>(digest) : nullptr;

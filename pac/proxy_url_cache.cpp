@@ -37,7 +37,7 @@ void ProxyUrlCache::set(const std::string& key, ProxyUrlSettings list) {
     values.find(key)->second = std::move(list);
     return;
   }
-  // All steps that can fail come before any change; merge() only relinks.
+  // All steps that can fail come before any change; merge() only relinks nodes and cannot fail.
   decltype(values) newValue;
   newValue.emplace(key, std::move(list));
   decltype(nodes) newNode;
@@ -79,7 +79,7 @@ void ProxyUrlCache::setHead(ProxyURLCacheNode* node) {
 
 void ProxyUrlCache::evictTail() {
   ProxyURLCacheNode* const victim = tail;
-  remove(victim);  // moves `tail` on
+  remove(victim);  // also moves `tail`
   logLine(LOG_INFO, "remove deleteNode key:%s", victim->key.c_str());
   const auto value = values.find(victim->key);
   nodes.erase(nodes.find(victim->key));

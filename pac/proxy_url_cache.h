@@ -1,16 +1,18 @@
 // The answers of the script, kept per host. When the cache is full, the least recently used entry
 // is dropped. The owner decides the capacity (PacParser::kCacheCapacity).
 //
-// Each key has one node in a list, whose head is the most recently used key. An ordered map finds
-// the node of a key. A second map holds the key's list of entries. Both maps and the list of nodes
-// always have the same keys, even after a failed allocation.
+// Each key has one node in a linked list. The head of the list is the most recently used key. An
+// ordered map finds the node of a key. A second map has the entries of each key. Both maps and the
+// linked list always have the same keys, even after a failed allocation.
 //
-// The texts of the entries are not copied. The cache holds them from set() on, and passes them to
-// the release callback when it drops a list. A list that get() returns shares the texts, so its
-// receiver copies them before the cache changes. If a second set() of the same key replaces a list,
-// the cache does not release the old list: its holders must release the texts.
+// The texts of the entries are not copied. With set(), the cache becomes their owner. When the
+// cache drops a list of entries, it passes the list to the release callback. A list that get()
+// returns shares the texts, so the caller must copy them before the cache changes. If set()
+// replaces the list of an existing key, the cache does not release the old list: the code that
+// still has this list must release the texts.
 //
-// The cache has no lock. The owner's lock covers every call, construction and destruction included.
+// The cache has no lock. Its owner must hold a lock during every call, also during construction and
+// destruction.
 #pragma once
 
 #include <map>
@@ -19,7 +21,8 @@
 
 #include "service/records/proxy_config.h"
 
-/// One key in the order of use. Its destructor logs a line and unlinks nothing.
+/// One key in the order of use. Its destructor logs a line, and does not remove the node from the
+/// list.
 class ProxyURLCacheNode {
  public:
   explicit ProxyURLCacheNode(const std::string& nodeKey) : key(nodeKey) {}
@@ -34,9 +37,9 @@ class ProxyURLCacheNode {
 
 class ProxyUrlCache {
  public:
-  /// @param capacity maximum number of entries; a number below 1 counts as 1
-  /// @param release called with a list before the cache drops the list. The function may empty the
-  /// list and must not throw. A null pointer is accepted
+  /// @param capacity maximum number of keys; a number below 1 counts as 1
+  /// @param release called with each list that the cache is about to drop. The function may empty
+  /// the list and must not throw. May be null
   /// @param context the second argument of `release`
   ProxyUrlCache(int capacity, void (*release)(ProxyUrlSettings&, void*), void* context);
   /// Clears the cache.
@@ -44,7 +47,8 @@ class ProxyUrlCache {
   ProxyUrlCache(const ProxyUrlCache&) = delete;
   ProxyUrlCache& operator=(const ProxyUrlCache&) = delete;
 
-  /// @param list the entries on a hit, which share the cache's texts; untouched on a miss
+  /// @param list receives the entries if the cache has `key`; they share the cache's texts. Else
+  /// unchanged
   /// @return whether the cache has `key`; if so, `key` is now the most recently used key. `key` may
   /// be any text, also an empty one
   bool get(const std::string& key, ProxyUrlSettings& list);
@@ -54,7 +58,7 @@ class ProxyUrlCache {
   /// fails, std::bad_alloc is thrown, the cache is unchanged and the caller still owns the texts.
   void set(const std::string& key, ProxyUrlSettings list);
 
-  /// Drops everything, in the order of the keys.
+  /// Drops all keys, in their alphabetical order.
   void clearCache();
 
  private:

@@ -1,4 +1,5 @@
-// What the parser calls in the service. service/callbacks.cpp implements it; tests replace it.
+// The function of the service that the parser calls. service/callbacks.cpp implements it; tests
+// replace it.
 #pragma once
 
 class ProxyManagerServiceImpl;
@@ -6,8 +7,8 @@ class ProxyManagerServiceImpl;
 namespace service_callbacks {
 
 /// The content of the script has changed. Does nothing if `service` is null. Called on the thread
-/// that installs the script (the fetcher's). During the call, the gate is the only lock of the
-/// parser that is held.
+/// that installs the script (the fetcher's). During the call, the parser holds the gate and no
+/// other lock.
 void notifyContentUpdated(ProxyManagerServiceImpl* service);
 
 }  // namespace service_callbacks

@@ -182,7 +182,7 @@ std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript()
 void ProxyManagerServiceImpl::appendScriptAnswer(const std::string& requestUrl,
                                                  std::vector<std::string>& urls) {
   if (!mPacParser) return;
-  // The cache owns the texts of the list. This lock prevents that a new script empties the cache
+  // The cache owns the texts of the list. This lock prevents a new script from emptying the cache
   // before the texts are copied.
   const auto answers = mPacParser->shareAnswers();
   for (const auto& entry : mPacParser->getProxy(requestUrl)) {

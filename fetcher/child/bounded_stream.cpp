@@ -14,7 +14,7 @@ struct Target {
   std::size_t room;
 };
 
-// The stream's rule for a failed write is 0, never a negative number.
+// For a failed write, the stream expects the result 0, never a negative number.
 ssize_t writeTarget(void* cookie, const char* bytes, std::size_t length) {
   auto& target = *static_cast<Target*>(cookie);
   if (length > target.room) {
@@ -35,7 +35,7 @@ ssize_t writeTarget(void* cookie, const char* bytes, std::size_t length) {
 }
 
 int closeTarget(void* cookie) {
-  delete static_cast<Target*>(cookie);  // made in openBoundedStream, held by the stream
+  delete static_cast<Target*>(cookie);  // made in openBoundedStream, owned by the stream
   return 0;
 }
 
@@ -45,7 +45,7 @@ std::FILE* openBoundedStream(int fd, std::size_t limit) {
   auto target = std::make_unique<Target>(Target{fd, limit});
   std::FILE* stream = fopencookie(target.get(), "wb", {nullptr, writeTarget, nullptr, closeTarget});
   if (stream == nullptr) return nullptr;
-  static_cast<void>(target.release());  // the stream's from here on; closeTarget deletes it
+  static_cast<void>(target.release());  // the stream now owns it; closeTarget deletes it
   std::setvbuf(stream, nullptr, _IONBF, 0);
   return stream;
 }

@@ -7,8 +7,8 @@
 namespace fetch_child {
 
 /// Opens an unbuffered stream that writes to `fd` and accepts `limit` bytes. If a write would pass
-/// the limit, or the file system refuses it, the stream stores nothing more and reports a short
-/// write at once. It buffers nothing.
+/// the limit, or if the file system refuses a write, the stream reports a short write at once and
+/// stores nothing more.
 /// @param fd the caller keeps it
 /// @return the stream, which the caller closes; null with errno set
 std::FILE* openBoundedStream(int fd, std::size_t limit);

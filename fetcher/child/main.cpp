@@ -1,9 +1,9 @@
 // proxymanager-fetch: downloads one URL for the daemon that started it.
 //
-// It has one descriptor beyond the standard three, its end of a socket pair. First it prepares
-// libcurl, which reads no foreign bytes. Then it raises the walls. Only after that does it read the
-// request. The daemon opens the file for the body when it knows that there is a libcurl handle, and
-// sends its descriptor. After the one result the process ends. The daemon enforces the time limit:
+// Beside its three standard descriptors, it has one: its end of a socket pair. First it prepares
+// libcurl; this step reads no foreign bytes. Then it raises the walls, and after that it reads the
+// request. When the daemon knows that there is a libcurl handle, it opens the file for the body and
+// sends the descriptor. The process sends one result and ends. The daemon enforces the time limit:
 // it kills a process that takes too long.
 #include <curl/curl.h>
 #include <malloc.h>
@@ -44,7 +44,8 @@ std::optional<fetcher::FetchRequest> receiveRequest() {
   return fetcher::decodeRequest({buffer.get(), static_cast<std::size_t>(length)});
 }
 
-/// @return the descriptor that comes with the next packet; none without one, or at the end
+/// @return the descriptor that comes with the next packet; none if the packet has none or the
+/// socket is closed
 base::UniqueFd receiveFile() {
   char byte = 0;
   iovec part{&byte, 1};
@@ -65,7 +66,8 @@ base::UniqueFd receiveFile() {
   return base::UniqueFd(fd);
 }
 
-/// The certificates that libcurl was built to read. Administrators replace the file by a link.
+/// The files of certificates that libcurl was built to read. They may be links: administrators
+/// replace such a file by a link.
 std::vector<const char*> certificates() {
   std::vector<const char*> paths;
   const curl_version_info_data* const build = curl_version_info(CURLVERSION_NOW);
@@ -81,7 +83,7 @@ std::vector<const char*> certificates() {
 int main() {
   // URLs are UTF-8. With this locale libcurl understands international names in them.
   std::setlocale(LC_CTYPE, "C.UTF-8");
-  // A second heap would use up a part of the address space.
+  // A second heap of the allocator would use a part of the limited address space.
   mallopt(M_ARENA_MAX, 1);
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
@@ -102,6 +104,7 @@ int main() {
   const base::UniqueFd file = receiveFile();
   if (!file) return kRefused;
   sendPacket(encode(fetch_child::transfer(handle, *request, file.get())));
-  // Nothing is cleaned up: that would wait for a thread that still asks a silent name server.
+  // Nothing is cleaned up, because a clean-up would wait for a thread that may still wait for a
+  // silent name server.
   _exit(kDone);
 }

@@ -23,9 +23,10 @@ using Stream = std::unique_ptr<std::FILE, decltype([](std::FILE* file) { std::fc
 using CurlUrl = std::unique_ptr<CURLU, Release<curl_url_cleanup>>;
 using CurlText = std::unique_ptr<char, Release<curl_free>>;
 
-// Uses the flags of the transfer's own parser, so that both parsers read the URL in the same way.
-// Without a scheme, that parser guesses one from the host's first label (ftp.example.com: ftp). If
-// this parser cannot read a URL, the transfer refuses the URL for the same reason.
+// The URL is parsed with the same flags as in the transfer itself, so that both read the URL in the
+// same way. If a URL has no scheme, the transfer guesses one from the host's first label
+// (ftp.example.com: ftp). If the URL cannot be parsed here, the transfer refuses it for the same
+// reason.
 bool mayBeFetched(const std::string& url) {
   const CurlUrl parts(curl_url());
   if (!parts) return false;

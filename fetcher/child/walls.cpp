@@ -30,21 +30,22 @@ namespace {
 
 using sandbox::Failure;
 
-// Maximum address space of a download: libcurl with its libraries, 40 MiB; stacks of the threads
-// that look up names; a certificate chain of 10 MiB, read and parsed. If a server sends headers
-// without end, the process reaches the limit, and the transfer fails.
+// Maximum address space of a download. It has room for libcurl with its libraries (40 MiB), the
+// stacks of the threads that look up names, and a certificate chain of 10 MiB, read and parsed. If
+// a server sends endless headers, the process reaches the limit, and the transfer fails.
 constexpr rlim_t kAddressSpaceBytes = rlim_t{160} << 20U;
-// The stack of a thread that looks up a name. The C library else takes the stack limit of the
-// daemon, which may be a large part of the address space.
+// The stack of a thread that looks up a name. Otherwise, the C library uses the stack limit of the
+// daemon as the size of such a stack; this may be a large part of the address space.
 constexpr std::size_t kThreadStackBytes = std::size_t{1} << 20U;
-// Limit of processor time. A whole download takes 0.05 s, on a slow device 1 s.
+// Limit of CPU time. A whole download takes 0.05 s, or 1 s on a slow device.
 constexpr rlim_t kCpuSeconds = 10;
 constexpr rlim_t kDescriptors = 64;
-// The process ends itself after this time, even if the daemon may not kill it: root without
-// CAP_KILL. It is longer than a transfer and the daemon's own limit for it.
+// The process ends after this time, even if the daemon may not kill it (a daemon that runs as root
+// without CAP_KILL). The time is longer than the longest transfer and the daemon's own limit for a
+// transfer.
 constexpr time_t kOwnEndSeconds = 31;
 
-// The files that a network client reads: certificates, the configuration of names, shared
+// The files that a network client reads: certificates, the configuration of name lookups, shared
 // libraries.
 constexpr const char* kReadable[] = {
     "/etc/ssl",
@@ -80,13 +81,14 @@ using sandbox::SystemCalls;
 
 constexpr std::uint64_t kSocketType = kInt & ~std::uint64_t{SOCK_CLOEXEC | SOCK_NONBLOCK};
 
-/// Argument number `argument`, an int, is `value`.
+/// The condition: argument number `argument`, an int, is `value`.
 scmp_arg_cmp isInt(unsigned argument, int value) {
   return masked(argument, kInt, static_cast<std::uint32_t>(value));
 }
 
 void allowMemory(SystemCalls& list) {
-  // A shared library of the name service is mapped to be run, from a file and never writable.
+  // A shared library of the name service is mapped as executable from a file, and never as
+  // writable.
   constexpr std::uint64_t kWriteAndRun = PROT_WRITE | PROT_EXEC;
   for (const int call : {SCMP_SYS(mmap), SCMP_SYS(mmap2)}) {
     list.allow(call, {masked(2, PROT_EXEC, 0)})
@@ -100,9 +102,9 @@ void allowMemory(SystemCalls& list) {
 }
 
 void allowThreads(SystemCalls& list) {
-  // libcurl looks up names on a thread. The flags are exactly those of pthread_create, so no
-  // process and no namespace can be made. A filter cannot see the arguments of clone3, so clone3 is
-  // answered with an error and the C library calls clone.
+  // libcurl looks up names on a thread. Only the exact flags of pthread_create are allowed, so no
+  // process and no namespace can be made. The filter cannot see the arguments of clone3. So clone3
+  // returns an error, and the C library then calls clone.
   constexpr std::uint64_t kThread = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SYSVSEM |
                                     CLONE_SIGHAND | CLONE_THREAD | CLONE_SETTLS |
                                     CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
@@ -114,11 +116,13 @@ void allowThreads(SystemCalls& list) {
         SCMP_SYS(rt_sigreturn), SCMP_SYS(sigreturn), SCMP_SYS(sched_yield)}) {
     list.allow(call);
   }
-  // The allocator counts the processors of this process. Another number is another process.
+  // The allocator counts the processors of this process. Any argument but 0 would mean another
+  // process.
   list.allow(SCMP_SYS(sched_getaffinity), {isInt(0, 0)});
 }
 
-/// TCP and UDP, and no other protocol of the internet: a kernel has many, and few are ever used.
+/// TCP and UDP, and no other internet protocol. A kernel has many others, and few of them are ever
+/// used.
 void allowInternetSockets(SystemCalls& list) {
   for (const int family : {AF_INET, AF_INET6}) {
     for (const auto& [type, protocol] :
@@ -136,10 +140,12 @@ void allowSockets(SystemCalls& list) {
   allowInternetSockets(list);
   // The C library asks for this machine's addresses to sort the addresses of a name.
   list.allow(SCMP_SYS(socket), {masked(0, kInt, AF_NETLINK), masked(2, kInt, NETLINK_ROUTE)});
-  // The message bus trusts the user of a connection, and this process may have the daemon's user.
-  // So modules of the name service that ask a local service fail, and the next module is asked.
+  // The message bus trusts a connection because of its user, and this process may have the daemon's
+  // user. So local sockets are refused. If a module of the name service asks a local service, it
+  // fails, and the next module is asked.
   list.refuse(SCMP_SYS(socket), EAFNOSUPPORT, {masked(0, kInt, AF_UNIX)});
-  // libcurl wakes itself through a pair; a pair of streams can never be connected elsewhere.
+  // libcurl wakes itself through a socket pair. A pair of stream sockets can never be connected to
+  // anything else.
   list.allow(SCMP_SYS(socketpair), {isInt(0, AF_UNIX), masked(1, kSocketType, SOCK_STREAM)});
   for (const std::uint64_t level :
        {std::uint64_t{SOL_SOCKET}, std::uint64_t{IPPROTO_TCP}, std::uint64_t{IPPROTO_IP},
@@ -186,7 +192,7 @@ void allowFiles(SystemCalls& list) {
 }
 
 void allowTheRest(SystemCalls& list) {
-  // A negative number is the processor clock of a process, which could be any process.
+  // A negative number is the CPU clock of a process, and this can be any process.
   constexpr std::uint64_t kSign = std::uint64_t{1} << 31U;
   for (const int call : {SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64), SCMP_SYS(clock_getres),
                          SCMP_SYS(clock_nanosleep), SCMP_SYS(clock_nanosleep_time64)}) {
@@ -219,7 +225,7 @@ Failure allowOnlyWhatADownloadNeeds() {
 #endif
 
 Failure limitThreadStacks() {
-  if constexpr (PROXYMANAGER_SANITIZED) return {};  // whose threads need more
+  if constexpr (PROXYMANAGER_SANITIZED) return {};  // the threads of a sanitizer need more
   pthread_attr_t attributes;
   errno = pthread_attr_init(&attributes);
   if (errno == 0) errno = pthread_attr_setstacksize(&attributes, kThreadStackBytes);
@@ -229,9 +235,9 @@ Failure limitThreadStacks() {
   return {};
 }
 
-/// The kernel sends the signal, so no permission is needed, and SIGKILL cannot be ignored or
-/// blocked. No call on the list changes a timer. The daemon enforces the time limit of a transfer,
-/// so a kernel without timers is no failure.
+/// The kernel sends the signal of the timer, so no permission is needed. SIGKILL cannot be ignored
+/// or blocked. No system call on the list can change a timer. The daemon itself enforces the time
+/// limit of a transfer, so a kernel without timers is not a failure.
 void limitLife() {
   sigevent end{};
   end.sigev_notify = SIGEV_SIGNAL;
@@ -250,7 +256,7 @@ Failure raiseWalls(rlim_t fileBytes, std::span<const char* const> certificates, 
     {RLIMIT_FSIZE, fileBytes, "RLIMIT_FSIZE"},
     {RLIMIT_CPU, kCpuSeconds, "RLIMIT_CPU"},
     {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
-#if !PROXYMANAGER_SANITIZED  // which map far more, and look at memory through pipes
+#if !PROXYMANAGER_SANITIZED  // sanitizers map far more memory, and check addresses through pipes
     {RLIMIT_AS, kAddressSpaceBytes, "RLIMIT_AS"},
     {RLIMIT_NOFILE, kDescriptors, "RLIMIT_NOFILE"},
 #endif
@@ -259,8 +265,9 @@ Failure raiseWalls(rlim_t fileBytes, std::span<const char* const> certificates, 
   if (auto failure = limitThreadStacks()) return failure;
   limitLife();
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::keep)) return failure;
-  // A transfer does not read its socket, so this signal ends it with the thread that waits for it.
-  // It comes after the change of user, because that change cancels the setting.
+  // A transfer does not read its socket, so it does not notice that the daemon has ended. This
+  // signal ends the process when the daemon's thread that started it has ended. The setting is made
+  // after the change of user, because that change cancels it.
   if (prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0) != 0) return sandbox::failed("death signal");
   if (auto failure = sandbox::limitResources(limits)) return failure;
   std::vector<const char*> readable(std::begin(kReadable), std::end(kReadable));

@@ -12,7 +12,7 @@ constexpr std::uint32_t kRequestMark = 0x504d4651;
 constexpr std::uint32_t kReadyMark = 0x504d4652;
 constexpr std::uint32_t kResultMark = 0x504d4653;
 
-/// This record stands before the URL. The length of the URL is the rest of the packet.
+/// This record comes before the URL. The URL is the rest of the packet.
 struct RequestHead {
   std::uint32_t mark;
   std::uint32_t urlBytes;
@@ -57,7 +57,7 @@ void put(char (&field)[size], const std::string& text) {
   text.copy(field, size - 1);
 }
 
-/// The field's text up to its zero, which must be there.
+/// The field's text up to its terminating zero. A field without a zero is invalid.
 template <std::size_t size>
 bool take(const char (&field)[size], std::string& text) {
   const auto length = strnlen(field, size);

@@ -19,13 +19,14 @@
 
 namespace fetcher {
 
-inline constexpr int kFetchSocket = 3;  ///< the descriptor that the child finds its socket at
+inline constexpr int kFetchSocket = 3;  ///< the number of the child's descriptor for its socket
 
-/// Longest URL; a longer one is not sent. Servers accept 8 to 16 KiB, and a packet has to fit into
-/// the socket.
+/// Longest URL; a longer one is not sent. Servers accept 8 to 16 KiB. The limit is needed because a
+/// packet has to fit into the socket's buffer.
 inline constexpr std::size_t kMostUrlBytes = std::size_t{64} * 1024;
-/// Longest script, in bytes. The daemon asks for no more, and the child process limits its own file
-/// length to it. client/ctl/terminal/script_file.h and settings/network_set.h have copies.
+/// Longest script, in bytes. The daemon never asks for more, and the child process limits the
+/// length of its file to this value. client/ctl/terminal/script_file.h and settings/network_set.h
+/// have copies.
 inline constexpr std::int64_t kMostScriptBytes = 512'000;
 /// The text of an error, with its final zero.
 inline constexpr std::size_t kErrorBytes = 512;
@@ -42,7 +43,7 @@ struct FetchRequest {
 struct FetchReady {
   enum class State : std::uint32_t {
     ready,     ///< there is a libcurl handle, and the walls stand
-    noHandle,  ///< libcurl gave none
+    noHandle,  ///< libcurl did not make a handle
     noWalls    ///< a wall could not be raised; `problem` names it
   };
   State state = State::ready;
@@ -52,7 +53,7 @@ struct FetchReady {
 
 struct FetchResult {
   bool success = false;           ///< libcurl's code is CURLE_OK
-  std::int32_t responseCode = 0;  ///< of the last answer; 0 without one
+  std::int32_t responseCode = 0;  ///< of the last answer; 0 if there was none
   std::string scheme;             ///< the last URL's scheme, as libcurl writes it; empty if none
   std::string error;              ///< libcurl's text for its code; empty after a success
 };
@@ -62,8 +63,8 @@ std::string encode(const FetchRequest& request);
 std::string encode(const FetchReady& ready);
 std::string encode(const FetchResult& result);
 
-/// Decodes a packet. Nothing if the bytes are not such a packet. Texts of the child come out with
-/// "?" in place of each byte that is not printable ASCII.
+/// Decodes a packet. Nothing if the bytes are not such a packet. In the child's texts, "?" replaces
+/// each byte that is not printable ASCII.
 std::optional<FetchRequest> decodeRequest(std::string_view bytes);
 std::optional<FetchReady> decodeReady(std::string_view bytes);
 std::optional<FetchResult> decodeResult(std::string_view bytes);

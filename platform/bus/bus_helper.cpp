@@ -17,12 +17,12 @@ namespace DBus {
 
 namespace {
 
-// Time limit for the bus to accept the connection, and to answer its own methods.
+// Time limit for the connection to the bus, and for the bus's answers to calls of its own methods.
 constexpr std::chrono::seconds kConnectLimit{10};
 constexpr int kBusAnswerMilliseconds = 5000;
 
 std::unique_ptr<BusLoop> makeLoop() {
-  _init_threading();  // before libdbus makes its first lock
+  _init_threading();  // must come before libdbus makes its first lock
   auto loop = std::make_unique<BusLoop>(BusHelper::kMaxPosted);
   default_dispatcher = loop.get();  // SystemBus() crashes without one
   return loop;
@@ -30,8 +30,8 @@ std::unique_ptr<BusLoop> makeLoop() {
 
 using Connected = std::promise<std::unique_ptr<Connection>>;
 
-// The library's handshake has no time limit, so it runs on a separate thread, which is abandoned if
-// the bus is silent. The objects that this thread may still use are then never freed; the process
+// The library's handshake has no time limit, so it runs on a separate thread. If the bus is silent,
+// this thread is left running. The objects that it may still use are then never freed; the process
 // ends soon.
 std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
   auto connected = std::make_shared<Connected>();
@@ -52,7 +52,8 @@ std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
   throw Error("org.freedesktop.DBus.Error.Timeout", "the message bus does not answer");
 }
 
-// The process ends at once: all remaining work needs the bus, and a worker ends with its socket.
+// The process ends at once: all remaining work needs the bus, and a worker ends when its socket is
+// closed.
 [[noreturn]] void endAsTheBusIsLost() {
   logLine(LOG_ERR, "bus: connection to the message bus lost, ending");
   _exit(EXIT_FAILURE);
@@ -65,7 +66,7 @@ BusHelper::DispatcherReset::~DispatcherReset() {
 }
 
 BusHelper::BusHelper() : mLoop(makeLoop()), mConnection(connectWithinLimit(mLoop)) {
-  mConnection->exit_on_disconnect(false);  // the loop logs it first
+  mConnection->exit_on_disconnect(false);  // the loop logs the loss before the process ends
 }
 
 BusHelper::~BusHelper() {
@@ -73,9 +74,9 @@ BusHelper::~BusHelper() {
 }
 
 void BusHelper::requestName(const char* name) {
-  // The library's request_name is not used. It hides that the request was only queued. And at its
-  // end, the connection waits up to 25 s for the release of the name, although closing the socket
-  // releases it at once.
+  // The library's request_name is not used. It hides that the request was only queued. And when the
+  // connection ends, it waits up to 25 s for the release of the name, although closing the socket
+  // releases the name at once.
   CallMessage call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                    "RequestName");
   MessageIter writer = call.writer();

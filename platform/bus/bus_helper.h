@@ -1,4 +1,4 @@
-// The process's one connection to the message bus, and the thread that dispatches it.
+// The only connection of the process to the message bus, and the thread that dispatches it.
 //
 // The bus library is safe only if a single thread uses it: the library's own loop and a sender on
 // another thread can deadlock, and the library's reference counts are plain integers. So the thread
@@ -6,8 +6,8 @@
 // stopDispatching() returns, only the bus thread uses it, and other threads pass their work to the
 // bus thread with run().
 //
-// When the bus is lost, the process logs one LOG_ERR line and ends with status 1, so that its
-// supervisor starts it again: nobody could reach a daemon without a bus.
+// If the connection to the bus is lost, the process logs one LOG_ERR line and ends with status 1,
+// so that its supervisor starts it again: without a bus, no program could reach the daemon.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -22,8 +22,8 @@ class BusLoop;
 
 class BusHelper {
  public:
-  /// Maximum number of functions that wait for the bus thread. The daemon's announcements, one
-  /// every two seconds, would fill this queue only after the bus thread has been blocked for half
+  /// Maximum number of functions that wait for the bus thread. The daemon makes one announcement
+  /// every two seconds. If the bus thread is blocked, the announcements fill this queue after half
   /// an hour.
   static constexpr std::size_t kMaxPosted = 1024;
 
@@ -39,29 +39,30 @@ class BusHelper {
   Connection& connection() { return *mConnection; }
 
   /// Asks for a well-known name and makes sure that this connection owns it; waits 5 s at most.
-  /// Throws DBus::Error if the bus denies the name, somebody else owns it, or no answer comes.
+  /// Throws DBus::Error if the bus denies the name, if another process owns it, or if no answer
+  /// comes.
   void requestName(const char* name);
 
   /// Sets `turn`, which the bus thread calls for one piece of work at a time. The bus thread calls
-  /// it after it has handled all input, while no output waits. `turn` returns after how many
-  /// milliseconds to call it again if nothing arrives from the bus: 0 for at once, -1 for never.
-  /// `turn` throws nothing. Call setTurn() before startDispatching().
+  /// it after it has handled all input, while no output waits. `turn` returns a number of
+  /// milliseconds: if nothing arrives from the bus for this time, `turn` is called again. 0 means
+  /// at once, -1 means never. `turn` throws nothing. Call setTurn() before startDispatching().
   void setTurn(std::function<int()> turn);
 
   /// Starts the bus thread. Requests the name again if stopDispatching() has released it. Throws
   /// what requestName() throws. Does nothing if the thread already runs.
   void startDispatching();
 
-  /// Gives the bus name back, answers every call that the bus delivered before that, runs the
-  /// functions that run() queued, sends the waiting output, and joins the bus thread. The answers
-  /// and the sending take at most 5 s each; after that the rest is dropped. Does nothing if the
-  /// thread does not run. Must not be called on the bus thread.
+  /// Releases the bus name, answers every call that the bus has delivered before the release, runs
+  /// the functions that run() has queued, sends the waiting output, and joins the bus thread. The
+  /// answers take at most 5 s, and so does the sending; what remains after that is dropped. Does
+  /// nothing if the thread does not run. Must not be called on the bus thread.
   void stopDispatching();
 
-  /// Runs `function` on the thread that may use the connection: at once if that is the calling
-  /// thread or nothing is dispatched; else later on the bus thread, in the order of the calls. Any
-  /// thread. Exceptions of a function are logged and swallowed. If kMaxPosted functions already
-  /// wait, `function` is dropped with one LOG_ERR line.
+  /// Runs `function` on the thread that may use the connection. If this is the calling thread, or
+  /// if the connection is not dispatched, the function runs at once. Else it runs later on the bus
+  /// thread, in the order of the calls. Any thread. Exceptions of a function are logged and
+  /// swallowed. If kMaxPosted functions already wait, `function` is dropped with one LOG_ERR line.
   void run(std::function<void()> function);
 
  private:
@@ -69,14 +70,14 @@ class BusHelper {
     ~DispatcherReset();
   };
 
-  DispatcherReset mReset;          // clears the library's pointer to the loop after the loop's end
+  DispatcherReset mReset;          // clears the library's pointer after the loop's destruction
   std::unique_ptr<BusLoop> mLoop;  // outlives the connection, whose watches it holds
   std::unique_ptr<Connection> mConnection;
   std::string mName;  // empty before requestName()
 };
 
-/// The helper of the process. The first call makes it. It is destroyed when its last holder
-/// releases it. Throws DBus::Error if the bus cannot be reached. Main thread.
+/// The helper of the process. The first call makes it. It is destroyed when the last pointer to it
+/// is released. Throws DBus::Error if the bus cannot be reached. Main thread.
 std::shared_ptr<BusHelper> get_helper();
 
 }  // namespace DBus

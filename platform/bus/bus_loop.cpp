@@ -18,13 +18,13 @@ namespace DBus {
 
 namespace {
 
-// The last output of a daemon that ends fits in the socket's buffer, unless the bus is stuck or, on
-// a busy machine, waits for a processor.
+// When a daemon ends, its last output usually fits in the socket's buffer. It does not if the bus
+// hangs, or if the bus gets no CPU time on a busy machine.
 constexpr std::chrono::seconds kSendLimit{5};
-// How long the loop answers the calls that came before its end. A full bus holds 25,600 of them.
+// How long the loop answers the calls that arrived before its end. A full bus holds 25,600 of them.
 constexpr std::chrono::seconds kAnswerLimit{5};
 constexpr int kAnswerPollMilliseconds = 100;
-// The pause before the next attempt if the system refuses a wait.
+// The pause before the next attempt if the system refuses poll().
 constexpr std::chrono::milliseconds kRefusedPause{100};
 
 base::UniqueFd makeEventFd() {
@@ -109,7 +109,7 @@ bool BusLoop::post(std::function<void()> function) {
     if (mPosted.size() >= mMaxPosted) return false;
     mPosted.push_back(std::move(function));
   } catch (const std::exception&) {
-    return false;  // no memory; the caller's thread may not handle an exception
+    return false;  // memory is exhausted; the calling thread may not handle exceptions
   }
   kick();
   return true;
@@ -128,7 +128,8 @@ void BusLoop::enter() {
   try {
     end = run();
   } catch (const std::exception& error) {
-    logLine(LOG_ERR, "bus: the loop failed: %s", error.what());  // no memory: as good as lost
+    logLine(LOG_ERR, "bus: the loop failed: %s",
+            error.what());  // no memory: treated as bus loss
   }
   if (end == End::kLost && mLost) mLost();
 }
@@ -189,8 +190,8 @@ int BusLoop::takeTurn() {
   return mTurn && !outputWaits() ? mTurn() : -1;
 }
 
-// Functions that are posted during this round wait for the next round, so that calls are also
-// served.
+// A function that is posted during this round waits for the next round, so that calls are served in
+// between.
 void BusLoop::runPosted() {
   for (auto left = posted(); left > 0 && !outputWaits(); --left) {
     std::function<void()> first;
@@ -223,12 +224,13 @@ void BusLoop::waitAndHandle(int turnTimeout) {
   int timeout = pollTimeout();
   if (turnTimeout >= 0 && (timeout < 0 || turnTimeout < timeout)) timeout = turnTimeout;
   const int ready = poll(mEntries.data(), mEntries.size(), timeout);
-  // The kernel has no memory, or too few descriptors are allowed: both may change.
+  // The kernel has no memory, or too few descriptors are allowed. Both may change, so the loop
+  // tries again.
   if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kRefusedPause);
   if (ready > 0) {
     if (mEntries.front().revents != 0) {
       std::uint64_t kicks = 0;
-      // No data is not an error: an earlier wake-up may have read it.
+      // It is not an error if there are no data: an earlier wake-up may have read them.
       [[maybe_unused]] const auto taken = read(mEventFd.get(), &kicks, sizeof kicks);
     }
     handleWatches();
@@ -244,7 +246,8 @@ void BusLoop::collectEntries() {
   for (auto* watch : mWatches) {
     if (!watch->enabled()) continue;
     const bool writes = (watch->flags() & DBUS_WATCH_WRITABLE) != 0;
-    // Even without events, poll reports a bus that has gone. But only the reading watch notices it.
+    // Even if no events are requested, poll() reports that the bus is gone. But only the reading
+    // watch handles this.
     const short events = full && !writes ? short{0} : toPollEvents(watch->flags());
     mEntries.push_back({watch->descriptor(), events, 0});
     mPolled.push_back(watch);
@@ -255,7 +258,7 @@ void BusLoop::handleWatches() {
   for (std::size_t i = 1; i < mEntries.size(); ++i) {
     if (mEntries[i].revents == 0) continue;
     {
-      // The handling of an earlier watch may have removed this watch.
+      // The handling of a previous watch may have removed this watch.
       const Lock lock(mMutex);
       if (std::find(mWatches.begin(), mWatches.end(), mPolled[i]) == mWatches.end()) continue;
     }
@@ -306,8 +309,8 @@ void BusLoop::leaveInOrder() {
   sendWhatWaits(limit);
 }
 
-// After the bus has answered the release of the name, no more calls for the name arrive. A caller
-// gets an error that the service has gone, and does not wait in vain.
+// When the bus has answered the release of the name, no more calls for the name arrive. A later
+// caller gets the error that there is no such service, and does not wait in vain.
 void BusLoop::answerWhatHasCome(Clock::time_point limit) {
   if (mName.empty()) return;
   MessageSlot filter;
@@ -333,7 +336,7 @@ bool BusLoop::onMessage(const Message& message) {
   return false;
 }
 
-// The library's own flush waits for ever if the bus does not read.
+// The library's own flush is not used, because it waits for ever if the bus does not read.
 void BusLoop::sendWhatWaits(Clock::time_point limit) {
   while (mConnection->connected() && outputWaits() && Clock::now() < limit) {
     collectEntries();
@@ -353,7 +356,7 @@ bool BusLoop::outputWaits() {
 
 void BusLoop::kick() const {
   const std::uint64_t one = 1;
-  // A full counter wakes the loop as well.
+  // The result does not matter: if the counter is full, it also wakes the loop.
   [[maybe_unused]] const auto written = write(mEventFd.get(), &one, sizeof one);
 }
 

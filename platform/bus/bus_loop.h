@@ -1,17 +1,17 @@
 // The event loop of the bus thread.
 //
-// The bus library's own loop has three faults. It loses an early request to leave. It never notices
-// that the bus has died if output was pending. Until its next wake-up, it does not notice a signal
-// that is sent from elsewhere. BusLoop keeps its own lists of watches and timeouts, polls each
-// watch as a separate entry, and is woken by an eventfd. It ends when another thread asks for it,
-// even before the loop has started, or when the connection is lost. It sleeps without a time limit
-// if the library has no timeout pending, so that an idle daemon is never woken.
+// The bus library's own loop has three faults. It loses an early request to leave. If output is
+// pending, it never notices that the bus has died. If another thread sends a signal, the loop does
+// not notice it until its next wake-up. BusLoop keeps its own lists of watches and timeouts, polls
+// each watch as a separate entry, and is woken by an eventfd. It ends when another thread asks for
+// its end (even before the loop has started), or when the connection is lost. It sleeps without a
+// time limit if the library has no timeout pending, so that an idle daemon is never woken.
 //
-// The library queues output that the bus does not accept at once, and the queue has no bound. So
-// while output waits, the loop reads nothing and runs no posted function. A caller that asks too
-// fast, or does not read its answers, fills the memory of the bus up to the limits of the bus, not
-// the memory of this process. The queue holds at most the answers to the calls of one read (a few
-// KiB of calls, or one longer call), or the output of one posted function.
+// The library queues output that the bus does not accept at once, and this queue has no bound. So
+// while output waits, the loop reads nothing and runs no posted function. If a caller asks too
+// fast, or does not read its answers, it fills memory of the bus, up to the limits of the bus. It
+// does not fill memory of this process. The queue holds at most the answers to the calls of one
+// read (a few KiB of calls, or one longer call), or the output of one posted function.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -45,12 +45,11 @@ class BusLoop : public Dispatcher {
 
   /// Starts a thread that runs the loop for `connection`; `lost` is called on that thread if the
   /// connection is lost.
-  /// @param name the connection's well-known name, which the end of the loop gives back; may be
-  /// empty
+  /// @param name the connection's well-known name, which the loop releases at its end; may be empty
   void start(Connection& connection, const std::string& name, std::function<void()> lost);
-  /// Ends and joins the thread. Before that the loop gives the name back, answers the calls that
-  /// the bus has delivered, runs the posted functions and sends the waiting output. The answers and
-  /// the sending take at most 5 s each; after that the loop drops the rest.
+  /// Ends and joins the thread. Before its end, the loop releases the name, answers the calls that
+  /// the bus has delivered, runs the posted functions and sends the waiting output. The answers
+  /// take at most 5 s, and so does the sending; what remains after that is dropped.
   void stop();
 
   /// See BusHelper::setTurn().
@@ -67,7 +66,7 @@ class BusLoop : public Dispatcher {
   /// Whether the loop's thread runs and is not the calling thread.
   bool runsElsewhere() const;
 
-  // What the bus library calls.
+  // The functions that the bus library calls.
   void enter() override;
   void leave() override;
   Timeout* add_timeout(Timeout::Internal* internal) override PM_EXCLUDES(mMutex);
@@ -99,11 +98,11 @@ class BusLoop : public Dispatcher {
   const std::size_t mMaxPosted;
   const base::UniqueFd mEventFd;
   std::atomic<bool> mLeave{false};
-  Connection* mConnection = nullptr;  // of the helper; set before the thread starts
+  Connection* mConnection = nullptr;  // owned by the helper; set before the thread starts
   std::string mName;
   std::function<void()> mLost;
   std::function<int()> mTurn;
-  unsigned int mReleaseSerial = 0;  // of the call that gives the name back; 0: none is under way
+  unsigned int mReleaseSerial = 0;  // of the call that releases the name; 0 if there is none
   bool mHasReleasedName = false;
   std::thread mThread;
   std::atomic<std::thread::id> mThreadId{};

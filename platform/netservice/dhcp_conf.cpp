@@ -30,7 +30,7 @@ std::string unquoted(std::string_view word) {
   return plain;
 }
 
-// The line contains no LF, and unquoting makes no control byte, so one cut is enough.
+// The line contains no LF, and unquoting never makes a control byte, so one cut is enough.
 std::string cleaned(std::string_view value) {
   const std::string plain =
       unquoted(base::trimmed(value.substr(0, value.find_first_of(kEnds)), kBlanks));

@@ -10,7 +10,7 @@
 
 namespace {
 
-// A lease is a few hundred bytes; a file past this is something else.
+// A lease has a few hundred bytes. A file longer than this limit is not a lease.
 constexpr std::size_t kLeaseFileLimit = std::size_t{64} * 1024;
 
 }  // namespace

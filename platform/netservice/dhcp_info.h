@@ -1,9 +1,9 @@
 // The current DHCP lease, from the device's network service.
 //
 // On an ordinary Linux the DHCP client's hook writes the lease into a small text file. Each call
-// reads this file; nothing is kept between calls. A device with its own network service replaces
-// only this function, with -DPROXYMANAGER_DEVICE (docs/integration.md), and keeps the record's
-// layout.
+// reads this file; nothing is kept between calls. If a device has its own network service, it
+// replaces only this function, with -DPROXYMANAGER_DEVICE (docs/integration.md). The layout of the
+// record stays.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 /// service; this code only clears it.
 struct DhcpInfo {
   char reserved[1260];
-  char option252[252];  ///< URL of the PAC script, NUL-terminated; empty if the lease has none
+  char option252[252];  ///< URL of the PAC script, then a NUL; empty if the lease has none
 };
 static_assert(sizeof(DhcpInfo) == 1512);
 static_assert(offsetof(DhcpInfo, option252) == 1260);
@@ -25,5 +25,5 @@ static_assert(std::is_trivially_copyable_v<DhcpInfo>);
 ///         an errno value, with one LOG_ERR line and an empty record: the file is not a regular
 ///         file, is longer than 64 KiB or cannot be read
 ///
-/// Any thread. Never blocks, whatever kind of file is at the path.
+/// Any thread. Never blocks, no matter which kind of file is at the path.
 int getdhcpinfo(DhcpInfo* info);

@@ -1,8 +1,8 @@
-// proxymanager-lease: what the hooks of all DHCP clients call.
+// proxymanager-lease: the program that the hooks of all DHCP clients call.
 //
-// Each hook knows its client's names for the values and passes them as arguments. All checks are
-// here, in one place. A program, not a shell script: a shell's redirection follows links and opens
-// fifos, and one of the files is in a folder where everybody may write.
+// Each hook knows its client's names for the values, and passes the values as arguments. All checks
+// are here, in one place. This is a program and not a shell script, because a shell's redirection
+// follows links and opens fifos, and one of the files is in a folder to which everybody may write.
 //
 // The lease of each interface is kept (lease_store.h). The default route decides which lease is
 // written to the two files that the daemon reads. Each call makes this choice again. Files that
@@ -51,7 +51,8 @@ bool failed(const char* path, int trouble) {
   return trouble != 0;
 }
 
-// Both are opened before the first is written: the daemon reads them as soon as one changes.
+// Both files are opened before the first is written, because the daemon reads both as soon as one
+// of them changes.
 int write(const LeaseTexts& texts) {
   WatchedFile lease;
   WatchedFile resolver;
@@ -64,8 +65,8 @@ int write(const LeaseTexts& texts) {
   return resolverFailed || leaseFailed ? EX_IOERR : EX_OK;
 }
 
-/// Writes the lease in force. `interface` is the interface of this call: if there is no lease at
-/// all, the files get its name and no values.
+/// Writes the lease in force. `interface` is the interface of this call. If no interface has a
+/// lease, the files get the name `interface` and no values.
 int writeLeaseInForce(LeaseStore& store, const std::string& interface) {
   const auto leases = store.leases(interface);
   const auto* lease = netservice::leaseInForce(
@@ -80,7 +81,8 @@ int begin(LeaseEncoding encoding, const LeaseValues& values) {
   LeaseStore store(kStore);
   int trouble = store.open();
   if (trouble == 0) trouble = store.keep(interface, texts.lease + texts.resolver);
-  // A device with only one interface, as most have, loses nothing then.
+  // The lease is written even if the store fails. A device with only one interface (most devices)
+  // needs no store.
   if (failed(kStore, trouble)) return write(texts) == EX_OK ? EX_OSERR : EX_IOERR;
   return writeLeaseInForce(store, interface);
 }
@@ -97,9 +99,11 @@ int end(const std::string& interface) {
   if (failed(kStore, store.open())) return EX_OSERR;
   const int trouble = store.forget(interface);
   if (trouble != ENOENT && failed(kStore, trouble)) return EX_OSERR;
-  // Most interfaces that end never had a lease. Then another interface of the store may have
-  // vanished without a report. If the store is empty, the text of another program stays in the
-  // file. A lease of an earlier boot or version is only in the file, not in the store.
+  // Most interfaces that end never had a lease. Even then, the choice is made again if the store
+  // has other leases, because another interface may have vanished without a report. If the store is
+  // empty, the file keeps its text, which may come from another program. But a lease of `interface`
+  // is removed from the file: a lease of an earlier boot or version is only in the file, not in the
+  // store.
   if (trouble == ENOENT && store.isEmpty() && !isInForce(interface)) return EX_OK;
   return writeLeaseInForce(store, interface);
 }

@@ -24,7 +24,8 @@ namespace netservice {
 namespace {
 
 constexpr char kLeases[] = "leases";
-// This cannot be the name of an interface, because such a name does not begin with a dot here.
+// This cannot be the name of an interface, because isInterfaceName() refuses a dot at the
+// beginning.
 constexpr char kNew[] = ".new";
 // The texts of one lease, quoted: 255 bytes of option 252, two names, 1024 bytes of a search list.
 constexpr std::size_t kLongestLease = 8 * 1024;
@@ -53,7 +54,7 @@ int writeAll(int fd, const std::string& text) {
     if (written < 0 && errno != EINTR) return errno;
     if (written > 0) done += static_cast<std::size_t>(written);
   }
-  // DHCP clients have all kinds of umasks.
+  // The mode is set here, because DHCP clients have all kinds of umasks.
   return fchmod(fd, kFileMode) == 0 ? 0 : errno;
 }
 
@@ -86,7 +87,8 @@ int LeaseStore::open() {
 
 int LeaseStore::keep(const std::string& interface, const std::string& text) {
   const std::string path = mFolder + '/' + kLeases + '/' + interface;
-  // The time of its last change counts, not the time of its last renewal.
+  // An unchanged text is not written again: the time of the last change counts, not the time of the
+  // last renewal.
   if (base::readFile(path.c_str(), {.mostBytes = kLongestLease}).text == text) return 0;
   const base::UniqueFd file(openat(
       mLeases.get(), kNew, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
@@ -146,7 +148,8 @@ std::vector<std::string> defaultRouteInterfaces(const std::string& table) {
   std::vector<Route> routes;
   std::istringstream lines(table);
   for (std::string line; std::getline(lines, line);) {
-    // Iface Destination Gateway Flags RefCnt Use Metric Mask ...; addresses and flags hexadecimal
+    // The columns are Iface Destination Gateway Flags RefCnt Use Metric Mask ...; addresses and
+    // flags are hexadecimal.
     std::istringstream words(line);
     std::string interface;
     std::string gateway;

@@ -1,10 +1,10 @@
 // Stores the leases of all interfaces. When one lease ends, the lease of another interface comes
 // into force.
 //
-// A device has several links with a lease each, but the daemon knows only one network. The hooks
-// report each interface separately. The store keeps one file for each interface, and the default
-// route decides which lease counts. Its folder is below /run, because a lease is not valid after
-// the next boot.
+// A device may have several links, each with a lease, but the daemon knows only one network. The
+// hooks report each interface separately. The store keeps one file for each interface, and the
+// default route decides which lease is in force. The store's folder is below /run, because a lease
+// is not valid after the next boot.
 #pragma once
 
 #include <chrono>
@@ -18,8 +18,9 @@
 
 namespace netservice {
 
-/// How long open() waits for another process, which only reads and writes a few small files.
-/// Without a limit, a stopped process would block every DHCP client of the device.
+/// How long open() waits until another process has closed the store. Such a process only reads and
+/// writes a few small files. Without a limit, a stopped process would block every DHCP client of
+/// the device.
 inline constexpr std::chrono::seconds kStoreWait{10};
 
 /// The stored lease of one interface.
@@ -37,15 +38,15 @@ class LeaseStore {
   explicit LeaseStore(std::string folder, std::chrono::milliseconds wait = kStoreWait)
       : mFolder(std::move(folder)), mWait(wait) {}
 
-  /// Opens the store. If another process has it open, waits for the time that the constructor got.
-  /// This object then has the store open until its end.
+  /// Opens the store. If another process has it open, waits as long as the constructor's `wait`
+  /// allows. This object then keeps the store open until its destruction.
   /// @return 0, or an errno value: ETIMEDOUT after the wait, EPERM for a folder of another user,
   ///         else the errno of mkdir, open or flock
   int open();
 
   /// Stores `text` as the lease of `interface`. Writes nothing if the text has not changed.
   /// @param interface a name for which isInterfaceName() is true
-  /// @return 0, or the errno value of the failed call; the earlier lease is then still stored
+  /// @return 0, or the errno value of the failed call; the previous lease is then still stored
   int keep(const std::string& interface, const std::string& text);
 
   /// Forgets the lease of `interface`. @return 0, ENOENT if there was none, or an errno value
@@ -54,9 +55,9 @@ class LeaseStore {
   /// Whether no interface has a stored lease, not even one that no longer exists.
   bool isEmpty() const;
 
-  /// Removes the leases of interfaces that no longer exist: their client did not report an end. It
-  /// never removes the lease of `interface`.
-  /// @return the remaining leases, in no order; a lease that cannot be read is skipped with one
+  /// Removes the leases of interfaces that no longer exist and whose DHCP client has not reported
+  /// the end. It never removes the lease of `interface`.
+  /// @return the remaining leases, in any order; a lease that cannot be read is skipped, with one
   ///         LOG_ERR line
   std::vector<KeptLease> leases(const std::string& interface);
 
@@ -68,20 +69,21 @@ class LeaseStore {
   base::UniqueFd mLeases;
 };
 
-/// Whether `name` can be an interface's: not empty, 15 bytes at most (IFNAMSIZ), no slash, blank or
-/// control character, no dot in front.
+/// Whether `name` can be the name of an interface: it is not empty, has 15 bytes at most
+/// (IFNAMSIZ), contains no slash, blank or control character, and does not begin with a dot.
 bool isInterfaceName(std::string_view name);
 
 /// The interfaces of the IPv4 default routes in `table`, the text of /proc/net/route: the lowest
-/// metric first, equal metrics in the order of the table. Skips routes that are down or reject.
+/// metric first, equal metrics in the order of the table. Skips routes that are down or that reject
+/// packets.
 std::vector<std::string> defaultRouteInterfaces(const std::string& table);
 
-/// The text of /proc/net/route for the network of the calling thread, 512 KiB at most. In this
-/// text, default routes stand first. Empty if it cannot be read.
+/// The text of /proc/net/route for the network of the calling thread, 512 KiB at most. Default
+/// routes come first in this text. Empty if it cannot be read.
 std::string routeTable();
 
-/// The lease in force. Of all interfaces with a lease and a default route, it is the lease of the
-/// interface with the best route. Without such an interface, it is the lease that changed last.
+/// The lease in force. Among the interfaces with a lease and a default route, the interface with
+/// the best route decides. If there is no such interface, it is the lease that changed last.
 /// @return null if there is no lease
 const KeptLease* leaseInForce(const std::vector<KeptLease>& leases,
                               const std::vector<std::string>& routes);

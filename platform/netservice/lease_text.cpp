@@ -9,7 +9,7 @@
 namespace netservice {
 namespace {
 
-// RFC 1035, 2.3.4, in characters and without the final dot.
+// The limit of RFC 1035, 2.3.4, in characters and without the final dot.
 constexpr std::size_t kLongestName = 253;
 constexpr std::size_t kLongestLabel = 63;
 constexpr std::string_view kLineEnds{"\0\r\n", 3};
@@ -34,7 +34,7 @@ std::string unescaped(std::string_view text) {
   return bytes;
 }
 
-// A text that is not hexadecimal counts as no value.
+// If a text is not hexadecimal, the result is empty.
 std::string unhexed(std::string_view text) {
   if (text.size() % 2 != 0) return {};
   std::string bytes;
@@ -73,7 +73,7 @@ bool isName(std::string_view text) {
   return label > 0;
 }
 
-// Some servers end a name with a dot, and a text with a line end.
+// Some servers put a dot at the end of a name, and a line end at the end of a text.
 std::vector<std::string> names(const std::string& text) {
   const std::string line = text.substr(0, text.find_first_of(kLineEnds));
   std::vector<std::string> found;
@@ -119,7 +119,7 @@ LeaseTexts leaseTexts(LeaseEncoding encoding, const LeaseValues& values) {
 }
 
 LeaseTexts leaseTextsOf(std::string_view joined) {
-  // No line of a lease begins like this: each is key=value.
+  // No line of a lease begins like this, because each of them is key=value.
   constexpr std::string_view kBegin = "\nsearch ";
   const std::size_t found = joined.find(kBegin);
   const std::size_t split = found == std::string_view::npos ? joined.size() : found + 1;

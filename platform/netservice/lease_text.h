@@ -1,8 +1,8 @@
 // Converts a DHCP client's report of its lease to the texts of the two files that the daemon reads.
 //
-// The values come from any machine that answers DHCP on the network. This code trusts no value. A
-// URL is cut to its first line without control characters and to the length of one option, and is
-// quoted for shells. A name is kept only if it is a valid name.
+// The values may come from any machine that answers DHCP on the network, so this code trusts no
+// value. Of a URL, only the first line is kept, without its control characters, and at most
+// kLongestOption bytes of it. Then it is quoted for shells. A name is kept only if it is valid.
 #pragma once
 
 #include <string>
@@ -13,11 +13,11 @@ namespace netservice {
 /// The form in which a client passes a value.
 enum class LeaseEncoding {
   plain,    ///< the bytes as they came
-  escaped,  ///< a backslash before a character, or before three octal digits, in all values
-  hex,      ///< two hexadecimal digits a byte, only in the URL
+  escaped,  ///< in all values, a backslash before a character or before three octal digits
+  hex,      ///< two hexadecimal digits for each byte, only in the URL
 };
 
-/// A lease's values as a client gave them.
+/// A lease's values in the form in which a client passes them.
 struct LeaseValues {
   std::string_view interface;
   std::string_view wpad;    ///< option 252
@@ -31,12 +31,12 @@ inline constexpr std::size_t kLongestOption = 255;
 /// a name.
 inline constexpr std::size_t kLongestSearchList = 1024;
 
-/// The lease file: `interface`, `domain` (its first name) and `wpad`, each 'in shell quotes' on a
-/// line of its own. Without values the quotes are empty.
+/// The text of the lease file: `interface`, `domain` (its first name) and `wpad`, each 'in shell
+/// quotes' on a separate line. If a value is missing, its quotes are empty.
 std::string leaseText(LeaseEncoding encoding, const LeaseValues& values);
 
-/// The resolver file: one line "search " with the names of the search list. If the list is empty,
-/// the names of the domain. Empty if neither has a name.
+/// The text of the resolver file: one line "search " with the names of the search list. If the list
+/// is empty, the line has the names of the domain. If there are no names at all, the text is empty.
 std::string resolverText(LeaseEncoding encoding, const LeaseValues& values);
 
 /// The texts of the two files.

@@ -13,18 +13,19 @@
 namespace netservice {
 namespace {
 
-// The daemon reads no longer file.
+// The daemon refuses a longer file.
 constexpr std::size_t kLargestText = std::size_t{64} * 1024;
 // O_NONBLOCK: opening a fifo returns at once.
 constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
-// A file that is too long is also replaced. A second name could belong to any file of root.
+// The length is not limited, because a file that is too long is replaced, too. A second name is
+// refused, because the file could be any file of root.
 constexpr base::FileDemands kDemands{.mostBytes = SIZE_MAX};
 constexpr mode_t kReadableByAll = 0644;
 
 int openOrMake(const char* path) {
   const int fd = ::open(path, kFlags);
   if (fd >= 0 || errno != ENOENT) return fd;
-  // Exclusively, so that a file that another user plants between the two calls is not opened.
+  // O_EXCL: if another user creates a file between the two calls, that file is not opened.
   const int made = ::open(path, kFlags | O_CREAT | O_EXCL, kReadableByAll);
   if (made >= 0) fchmod(made, kReadableByAll);  // clients have all kinds of umasks
   return made;

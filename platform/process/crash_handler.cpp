@@ -1,6 +1,7 @@
 #include "platform/process/crash_handler.h"
 
-// Only this process is unwound: the cheaper half of the library, and the one fit for handlers.
+// Only this process is unwound. This part of the library is cheaper, and a signal handler may use
+// it.
 #define UNW_LOCAL_ONLY
 #include <dlfcn.h>
 #include <libunwind.h>
@@ -30,32 +31,34 @@
 namespace {
 
 constexpr std::array kFatalSignals{SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS};
-// Further frames are left out. The frames of an endless recursion repeat long before.
+// Further frames are left out. In an endless recursion, the frames repeat long before this limit.
 constexpr int kFrameLimit = 64;
-// It has several times the space for the unwinder's frames, the cursor (1 KiB each) and a line.
+// This is several times the space that the unwinder's frames, the cursor (1 KiB each) and a line
+// need.
 constexpr std::size_t kStackBytes = 64UL * 1024;
-// The whole report, in seconds; after it SIGALRM ends the process.
+// Time limit of the whole report, in seconds. After that, SIGALRM ends the process.
 constexpr unsigned kReportSeconds = 5;
-// How long a line waits for a stderr or a log that is full.
+// How long a line waits if stderr or the log is full.
 constexpr int kWaitMilliseconds = 100;
 
-// Everything a handler needs, made before the first signal and only read afterwards.
+// Everything that a handler needs. It is prepared before the first signal and only read afterwards.
 struct Prepared {
   int logSocket = -1;
   sockaddr_un logAddress{};
-  /// stderr is the journal, too: a line that is written there would be in the journal twice.
+  /// Whether stderr is the journal: a line that is also written to stderr would then be in the
+  /// journal twice.
   bool stderrIsJournal = false;
 };
 Prepared prepared;
-// Separate from the other data, whose initial values are not zero. So the program's file does not
-// contain it, and it takes no memory until a signal handler runs.
+// Separate from `Prepared`, whose initial values are not all zero. So the program's file does not
+// contain this stack, and the stack uses no memory until a signal handler runs.
 alignas(16) std::array<char, kStackBytes> stackOfHandlers{};
 
-// The thread that reports; 0 while none does.
+// The thread that writes the report; 0 if there is no report yet.
 std::atomic<pid_t> reporter{0};
 static_assert(std::atomic<pid_t>::is_always_lock_free);
 
-/// A line of text in a buffer of fixed size; what does not fit is cut.
+/// A line of text in a buffer of fixed size; a longer text is cut.
 class Line {
  public:
   Line& text(std::string_view more) {
@@ -92,7 +95,8 @@ class Line {
   std::size_t mLength = 0;
 };
 
-/// Writes lines to the log and to stderr, and stops writing to either when it accepts none.
+/// Writes lines to the log and to stderr. If one of them accepts no line, nothing more is written
+/// to it.
 class Report {
  public:
   void write(Line& line) {
@@ -122,9 +126,9 @@ class Report {
   bool mLogTakes = prepared.logSocket >= 0;
 };
 
-// Uses the loader's tables and not unw_get_proc_name, which maps files and allocates: a crash in
-// the allocator would hang. A return address may be the first address of the next function, hence
-// the `looked`.
+// Uses the loader's tables. unw_get_proc_name would map files and allocate, so a crash in the
+// allocator would hang. A return address may already be the first address of the next function, so
+// `looked` is the address to search for.
 void appendPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
   Dl_info info{};
   if (dladdr(reinterpret_cast<const void*>(looked), &info) == 0) return;
@@ -145,11 +149,11 @@ void reportFrame(Report& report, int number, unw_cursor_t& cursor) {
   report.write(line);
 }
 
-/// The interrupted state in the unwinder's form. This is the kernel's record; on 32-bit Arm it is
-/// the unwinder's own record, filled with r0 to r15.
+/// The interrupted state in the unwinder's form. Usually this is the kernel's record. On 32-bit
+/// Arm, it is the unwinder's own record, filled with r0 to r15.
 #ifdef __arm__
 unw_context_t* interrupted(void* context) {
-  static unw_context_t registers;  // one report a process
+  static unw_context_t registers;  // there is only one report in a process
   static_assert(sizeof registers == 16 * sizeof(mcontext_t::arm_r0));
   std::memcpy(&registers, &static_cast<ucontext_t*>(context)->uc_mcontext.arm_r0, sizeof registers);
   return &registers;
@@ -185,17 +189,19 @@ void reportSignal(Report& report, const siginfo_t& info) {
   report.write(line);
 }
 
-// The signal comes again, now to its default action, as soon as this handler returns: it is blocked
-// while the handler runs, and the core dump then shows the place that was interrupted.
+// Sends the signal again, now with its default action. The signal is blocked while the handler
+// runs, so it takes effect when the handler returns. So the core dump shows the place that was
+// interrupted.
 void dieBy(siginfo_t& info) {
   std::signal(info.si_signo, SIG_DFL);
-  // With its details if the kernel allows a process to send them to itself, else without them.
+  // The signal is sent with its details if the kernel allows a process to send them to itself, else
+  // without them.
   if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), info.si_signo, &info) != 0) {
     raise(info.si_signo);
   }
 }
 
-// Makes sure that a hanging report ends, even if this thread had blocked the signal.
+// Makes sure that a hanging report ends, even if this thread has blocked SIGALRM.
 void limitReport() {
   std::signal(SIGALRM, SIG_DFL);
   sigset_t alarmOnly;
@@ -208,9 +214,9 @@ void limitReport() {
 void onFatalSignal(int, siginfo_t* info, void* context) {
   pid_t none = 0;
   if (!reporter.compare_exchange_strong(none, gettid())) {
-    // The report itself crashed: no second try.
+    // The report itself has crashed: it is not tried again.
     if (none == gettid()) return dieBy(*info);
-    // Another thread reports and will end the process.
+    // Another thread writes the report and will end the process.
     for (;;) pause();
   }
   limitReport();
@@ -229,7 +235,8 @@ void openLog() {
   setsockopt(prepared.logSocket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
 }
 
-// systemd writes the stream that it connected to JOURNAL_STREAM, as DEVICE:INODE (systemd.exec(5)).
+// If systemd connects a stream to the journal, the variable JOURNAL_STREAM has the stream's
+// DEVICE:INODE (systemd.exec(5)).
 bool isJournal(int fd) {
   const char* const stream = std::getenv("JOURNAL_STREAM");
   struct stat status {};
@@ -237,12 +244,12 @@ bool isJournal(int fd) {
   return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) == stream;
 }
 
-// The unwinder fills its own tables at its first use. This should not happen in the handler.
+// The unwinder fills its tables at its first use. This first use should not happen in the handler.
 void warmUnwinder() {
 #ifdef __arm__
-  // On 32-bit Arm the unwinder must use only that machine's own tables (method 4). Otherwise it
-  // first looks for tables of other machines, and ends at the first frame. It reads this variable
-  // at its first use.
+  // On 32-bit Arm, the unwinder must use only the tables of this architecture (method 4). Otherwise
+  // it first looks for tables of other architectures, and ends at the first frame. The unwinder
+  // reads this variable at its first use.
   setenv("UNW_ARM_UNWIND_METHOD", "4", 0);
 #endif
   unw_context_t context;

@@ -15,8 +15,8 @@
 
 namespace {
 
-// Removes the file at exit. A forked child that calls exit must not remove it, because its parent
-// still holds it.
+// Removes the file at exit. If a forked child calls exit, it must not remove the file, because its
+// parent still uses it.
 struct RemoveRunFile {
   pid_t owner = 0;
   void operator()(pidfh* file) const {
@@ -32,7 +32,7 @@ struct CloseRunFile {
 std::string runFolder() {
   if (geteuid() == 0) return "/run";
   const char* const given = std::getenv("XDG_RUNTIME_DIR");
-  // The definition of this variable requires that relative paths are ignored.
+  // The definition of XDG_RUNTIME_DIR requires that relative paths are ignored.
   if (given != nullptr && given[0] == '/') return given;
   return "/run/user/" + std::to_string(geteuid());
 }
@@ -54,7 +54,8 @@ int create_varrunpid(const char* name) {
     logLine(LOG_WARNING, "process: the run file %s is held by process %d", path.c_str(), other);
     return 1;
   }
-  // pidfile_open leaves the descriptor open across exec, which would keep the lock held, too.
+  // pidfile_open leaves the descriptor open across exec, so an executed program would also hold the
+  // lock.
   if (fcntl(pidfile_fileno(opened.get()), F_SETFD, FD_CLOEXEC) != 0 ||
       pidfile_write(opened.get()) != 0) {
     return failed(path, errno);

@@ -7,15 +7,15 @@
 namespace process {
 namespace {
 
-// glibc's initial size, which it no longer raises once it is set.
+// glibc's initial value. If a program sets the value, glibc no longer raises it.
 constexpr int kMappedApartBytes = 128 * 1024;
-// The bus thread allocates most; the others share the second heap.
+// The bus thread allocates most memory; the other threads share the second heap.
 constexpr int kMostHeaps = 2;
 
 }  // namespace
 
 void forbidDumps() {
-  // Neither call can fail: a limit may always be lowered, and a process may always give up this
+  // Neither call can fail: a process may always lower a limit, and may always give up this
   // attribute.
   const rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);
@@ -23,7 +23,7 @@ void forbidDumps() {
 }
 
 void keepCapabilitiesFromChildren() {
-  // Fails only if the kernel has no ambient set.
+  // This call fails only if the kernel has no ambient set.
   prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
 }
 

@@ -1,23 +1,24 @@
-// The reports of this process to its supervisor: systemd, over the socket named in NOTIFY_SOCKET.
+// The reports of this process to its supervisor (systemd), over the socket that NOTIFY_SOCKET
+// names.
 //
 // If a person or another kind of supervisor started the process, there is no receiver: every
 // function then succeeds and does nothing. The main thread calls all functions except notifyStatus.
-// A notification is one datagram; if the supervisor accepts none, the call waits, and the
-// supervisor's watchdog sees that.
+// A notification is one datagram. If the supervisor accepts no datagram, the call waits, and the
+// supervisor's watchdog notices that.
 #pragma once
 
 #include <chrono>
 #include <string>
 
-/// How often the main loop feeds the watchdog. A WatchdogSec of less than twice this time ends a
-/// healthy daemon, so restart_connect() logs a warning.
+/// How often the main loop feeds the watchdog. If WatchdogSec is less than twice this time, the
+/// watchdog would end a healthy daemon, so restart_connect() logs a warning.
 inline constexpr std::chrono::seconds kWatchdogFeedInterval{20};
 
 /// Registers with the supervisor: sends READY=1, and a description of the process as STATUS.
 ///
-/// The daemon calls it before it owns its bus name. So units have Type=dbus: a unit is then ready
-/// when the daemon owns the name, and READY changes nothing. With Type=notify, the unit would count
-/// as started a moment too early.
+/// The daemon calls this function before it owns its bus name. So its units have Type=dbus: such a
+/// unit is ready when the daemon owns the name, and READY=1 has no effect. With Type=notify, the
+/// unit would count as started a moment too early.
 ///
 /// @param name the daemon's name, for the status text
 /// @return 0 if this was reported or if there is no supervisor, else -1, with a LOG_ERR line:

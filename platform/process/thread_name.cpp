@@ -25,7 +25,8 @@ int nameOther(pid_t tid, const std::string& name) {
 int nameThread(pid_t tid, const char* name) {
   if (name == nullptr || name[0] == '\0') return EINVAL;
   const std::string cut(name, strnlen(name, process::kThreadNameLimit));
-  // The own name needs no /proc, which a sandbox or an early boot may lack.
+  // A thread can set its own name without /proc, which may be missing in a sandbox or during an
+  // early boot.
   if (tid == gettid()) return prctl(PR_SET_NAME, cut.c_str()) == 0 ? 0 : errno;
   return nameOther(tid, cut);
 }

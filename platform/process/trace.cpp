@@ -28,7 +28,8 @@ constexpr std::array kKeys{
     Key{"data", &TraceValues::data},
 };
 
-// How much of a bad line the log shows: enough to find the line, not enough to flood the log.
+// How much of a bad line the log shows. This is enough to find the line, and does not flood the
+// log.
 constexpr std::size_t kShownBytes = 64;
 
 std::string_view trimmed(std::string_view text) {
@@ -66,7 +67,7 @@ bool takeLine(std::string_view line, TraceValues& values) {
   return false;
 }
 
-// The reason why there is no text. Null without a failure.
+// The reason why there is no text; null if there was no failure.
 const char* reasonOf(const base::FileFailure& failure) {
   static_assert(process::kTraceFileLimit == 4096);
   switch (failure.problem) {
@@ -78,7 +79,7 @@ const char* reasonOf(const base::FileFailure& failure) {
     case base::FileProblem::tooLong:
       return "larger than 4096 bytes";
     default:
-      // ENOTDIR also means that there is no file: the name of its folder belongs to a file.
+      // ENOTDIR also means that there is no such file: the path of its folder is a file.
       return failure.error == ENOTDIR ? nullptr : std::strerror(failure.error);
   }
 }
@@ -100,7 +101,7 @@ int setTraceValues(const char* name, TraceValues* record) {
     if (isRecorded) logLine(LOG_ERR, "process: cannot read %s: %s", path.c_str(), reason);
     return -1;
   }
-  // Bad lines are logged before the mask is set, which might hide them.
+  // Bad lines are logged before the mask is set, because the new mask might hide them.
   const auto values = process::parseTraceValues(file.text, [&](int lineNumber, auto line) {
     if (isRecorded) nameBadLine(path, lineNumber, line);
   });
@@ -128,7 +129,7 @@ int settrcvalues(const char* name, TraceValues* record) {
   try {
     return setTraceValues(name, record);
   } catch (const std::exception& error) {
-    // No memory. A signal handler may be the caller, and no exception may pass through a signal
+    // Memory is exhausted. The caller may be a signal handler, and no exception may leave a signal
     // handler.
     if (record != nullptr) {
       logLine(LOG_ERR, "process: cannot read /etc/%s/trace.conf: %s",
