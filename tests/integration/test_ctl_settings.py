@@ -1,19 +1,23 @@
 """proxymanagerctl settings, settings reset and --save, with the settings service and a real daemon."""
 
+import fcntl
 import grp
 import os
 import re
 import signal
 import stat
+import subprocess
+import time
 
 import pytest
 from support.bus import Client, wait_until
-from support.ctl import ANSWERED, COMMANDS, DENIED, OUTPUT, UNAVAILABLE, USAGE, rows, said
+from support.ctl import ANSWERED, COMMANDS, DENIED, LIMIT, OUTPUT, UNAVAILABLE, USAGE, rows, said
 from support.daemon import Daemon
 from support.settings_service import FOLDER, NetworkManager, SettingsService, link, write_settings
 
 SAVED = FOLDER + "/settings.d/90-saved.conf"
 PASSWORD = FOLDER + "/settings.d/90-saved.password"
+LOCK = "/run/proxymanagerctl-save.lock"
 GROUP = "proxymanager-settings"
 MODES = {name: COMMANDS[name] for name in ("off", "manual", "pacurl", "wpad")}
 NOT_RUNNING = ('proxymanager-settings does not run; start it, for instance with "systemctl start '
@@ -122,6 +126,65 @@ def test_a_new_password_has_a_new_file_and_the_old_one_goes_last(ctl, daemon, cl
     assert sorted(os.listdir(FOLDER + "/settings.d")) == ["90-saved.conf", "90-saved.password.2"]
     ctl("settings", "reset")
     assert os.listdir(FOLDER + "/settings.d") == []
+
+
+def save_at_once(ctl, name):
+    """A save with a password, started and not waited for."""
+    process = subprocess.Popen([ctl.path, "manual", f"http://{name}:1", f"--user={name}", "--password-file=-",
+                                "--save"], env=ctl.variables(), stdin=subprocess.PIPE)
+    process.stdin.write(f"password of {name}\n".encode())
+    process.stdin.close()
+    return process
+
+
+def test_two_saves_at_once_leave_the_settings_of_one_with_its_password(ctl, daemon, client, group):
+    for _ in range(10):
+        processes = [save_at_once(ctl, name) for name in ("a", "b")]
+        assert [process.wait(LIMIT) for process in processes] == [ANSWERED, ANSWERED]
+        name, = (name for name in ("a", "b") if f'user = "{name}"' in saved())
+        with open(password_file()) as file:
+            assert file.read() == f"password of {name}\n"
+        assert len(os.listdir(FOLDER + "/settings.d")) == 2
+
+
+def test_a_save_waits_for_another_one(ctl, daemon, client, group):
+    with open(LOCK, "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        process = save_at_once(ctl, "a")
+        folder = f"/proc/{process.pid}/fd"
+        wait_until(lambda: LOCK in {os.path.realpath(f"{folder}/{name}") for name in os.listdir(folder)},
+                   "it has come to the lock")
+        assert os.listdir(FOLDER + "/settings.d") == []
+    assert process.wait(LIMIT) == ANSWERED
+    assert 'user = "a"' in saved()
+
+
+@pytest.mark.slow
+def test_a_save_waits_ten_seconds_and_no_longer(ctl, daemon, client, group):
+    with open(LOCK, "w") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        begin = time.monotonic()
+        message = "another proxymanagerctl is writing the saved settings"
+        assert said(ctl("off", "--save")) == (OUTPUT, message)
+        assert time.monotonic() - begin > 9.9
+        assert not os.path.exists(SAVED)
+
+
+def test_no_other_user_can_keep_a_save_from_its_lock(ctl, daemon, client, group):
+    assert ctl("off", "--save").status == ANSWERED
+    assert stat.S_IMODE(os.stat(LOCK).st_mode) == 0o600
+
+
+def test_what_a_killed_save_has_left_is_removed(ctl, daemon, client, group):
+    left = FOLDER + "/settings.d/.90-saved.password.Xy12Ab"
+    for command in (["wpad", "--save"], ["settings", "reset"]):
+        write_settings("secret\n", left)
+        assert ctl(*command).status == ANSWERED
+        assert not os.path.exists(left)
+    # A file of the administrator stays.
+    other = write_settings("", "settings.d/.90-other.conf")
+    assert ctl("off", "--save").status == ANSWERED
+    assert os.path.exists(other)
 
 
 def test_what_is_not_given_is_not_taken_from_an_earlier_file(ctl, settings, daemon, client):

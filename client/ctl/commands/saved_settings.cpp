@@ -2,17 +2,20 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 #include "base/small_file.h"
 #include "base/unique_fd.h"
@@ -26,6 +29,9 @@ namespace {
 const std::string kFolder = kSettingsFolder;
 /// The settings service refuses a longer file.
 constexpr std::size_t kMaxFileBytes = 64U << 10U;
+/// All these files, and unfinished ones with a dot before it, begin with this text.
+constexpr std::string_view kSavedPrefix = "90-saved.";
+constexpr std::chrono::milliseconds kLockPause{20};
 /// The keys that choose the proxy.
 constexpr std::array<std::string_view, 8> kProxyKeys{
     "source", "mode",     "proxy-url",     "pac-url",
@@ -92,6 +98,22 @@ void makeFolder(const std::string& path) {
   }
 }
 
+/// Waits until no other proxymanagerctl writes or removes the files. The lock is a file that only
+/// root can open: a lock on the folder could be held by every user.
+base::UniqueFd lockFiles() {
+  base::UniqueFd lock(open(kSaveLock, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!lock) failed(errno == EACCES ? kFolder + "/" + kSavedName : kSaveLock);
+  const auto end = std::chrono::steady_clock::now() + kSaveLockLimit;
+  while (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK && errno != EINTR) failed(kSaveLock);
+    if (std::chrono::steady_clock::now() >= end) {
+      throw Failure(kOutput, "another proxymanagerctl is writing the saved settings");
+    }
+    std::this_thread::sleep_for(kLockPause);
+  }
+  return lock;
+}
+
 /// Makes sure that a rename or a removal survives a power failure.
 void syncFolder() {
   const base::UniqueFd folder(open(kFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -152,6 +174,20 @@ bool removePasswordsExcept(const std::string& kept) {
     if (name != kept) hasRemoved = removeFile(name) || hasRemoved;
   }
   return hasRemoved;
+}
+
+/// Removes what a save has left that was killed or met a power cut. Only the owner of the lock may
+/// call it.
+void removeUnfinished() {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(kFolder, error)) {
+    std::string name = entry.path().filename();
+    if (name.starts_with('.') && std::string_view(name).substr(1).starts_with(kSavedPrefix)) {
+      names.push_back(std::move(name));
+    }
+  }
+  for (const auto& name : names) removeFile(name);
 }
 
 /// The first of kProxyKeys that a line of `text` sets. Only the service parses TOML. The first word
@@ -217,6 +253,8 @@ std::string settingsText(const Configuration& configuration, const std::string& 
 std::string saveSettings(const Configuration& configuration) {
   makeFolder(std::filesystem::path(kFolder).parent_path());
   makeFolder(kFolder);
+  const base::UniqueFd lock = lockFiles();
+  removeUnfinished();
   // The password is written first, because settings that refer to a missing file are not used. It
   // has a new name, because the old settings must never go with the new password.
   const std::string password = configuration.password.empty() ? "" : freePasswordName();
@@ -237,6 +275,8 @@ std::string saveSettings(const Configuration& configuration) {
 }
 
 bool resetSettings() {
+  const base::UniqueFd lock = lockFiles();
+  removeUnfinished();
   const bool hadSettings = removeFile(kSavedName);
   const bool hadPassword = removePasswordsExcept("");
   if (hadSettings || hadPassword) syncFolder();

@@ -2,6 +2,7 @@
 // password.
 #pragma once
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,10 @@ inline constexpr char kSettingsFolder[] = "/etc/proxymanager/settings.d";
 /// that saved settings overrule most other files. A device can have files with a higher number.
 inline constexpr char kSavedName[] = "90-saved.conf";
 inline constexpr char kSavedPasswordName[] = "90-saved.password";
+/// Two programs that save at once would remove each other's password. So the files change only
+/// under this lock, which a program holds for some fsync calls.
+inline constexpr char kSaveLock[] = "/run/proxymanagerctl-save.lock";
+inline constexpr std::chrono::seconds kSaveLockLimit{10};
 /// The group of the settings service. Only root and members of this group can read the files.
 inline constexpr char kSettingsGroup[] = "proxymanager-settings";
 /// Longest text that the settings service accepts for a key, in bytes.
@@ -34,7 +39,9 @@ std::string settingsText(const Configuration& configuration, const std::string& 
 /// power cut the old settings and the old password are complete. Removes the old password file
 /// last.
 /// @return the settings file
-/// Throws Failure: kDenied without write permission there, kOutput if the disk fails.
+/// Removes what an interrupted call has left.
+/// Throws Failure: kDenied without write permission there, kOutput if the disk fails or if another
+/// program has held the lock for kSaveLockLimit.
 std::string saveSettings(const Configuration& configuration);
 
 /// Removes all these files. @return whether there was one. Throws Failure (kDenied, kOutput).
