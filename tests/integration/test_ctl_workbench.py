@@ -159,7 +159,34 @@ function FindProxyForURL(url, host) {
 function count() { return 1; }
 function FindProxyForURL(url, host) {
   try { return "PROXY a:1; DIRECT"; } finally { count(); }
-}""", None),
+}""", 3),
+    ("""\
+function FindProxyForURL(url, host) {
+  try {
+    if (host == "b") return "PROXY a:1";
+    return "DIRECT";
+  } finally { alert("done"); isPlainHostName(host); }
+}""", 4),
+    ("""\
+function find(host) { return "DIRECT"; }
+function FindProxyForURL(url, host) {
+  find(host);
+  return ["DIRECT", "PROXY a:1"].find(Boolean);
+}""", 4),
+    ("""\
+function nd(host) { return "DIRECT"; }
+function fund(host) { nd(host); return ("nd()", "DIRECT"); }
+function FindProxyForURL(url, host) { return fund(host); }""", 2),
+    ("""\
+class Rules {
+  pick(host) { return "PROXY a:1"; }
+}
+this.choose = function inner(host) { return new Rules().pick(host); };
+function FindProxyForURL(url, host) { return choose(host); }""", 2),
+    ("""\
+function FindProxyForURL(url, host) { return "PROXY a:1"; }
+var kept = FindProxyForURL;
+FindProxyForURL = ((find) => (url, host) => { var found = find(url, host); return found + "; DIRECT"; })(kept);""", 3),
     ("""\
 var log = (text) => text;
 function FindProxyForURL(url, host) {
@@ -189,7 +216,8 @@ function FindProxyForURL(url, host) {
 function FindProxyForURL(url, host) {
   return "PROXY " + "x".repeat(2000) + ":1";
 }""", 2)],
-    ids=["logged", "called_before", "finally", "logged_text", "method", "new_function", "conditional", "cut", "long"])
+    ids=["logged", "called_before", "finally", "call_in_finally", "method_of_same_name", "longer_name",
+         "class", "wrapped", "logged_text", "method", "new_function", "conditional", "cut", "long"])
 def test_a_return_that_does_not_give_the_answer_never_decides(ctl, script, line):
     told = explained(ctl, script, "http://a/")
     assert told["decided"] == (line and {**told["decided"], "line": line})
@@ -210,6 +238,19 @@ function FindProxyForURL(url, host) {
     many = explained(ctl, script.replace("COUNT", "20000"), "http://a/")
     assert many["notes"] == ["there were more steps than were recorded"]
     assert many["cost"]["calls"] == 20000
+
+
+def test_a_variable_may_be_named_let(ctl):
+    told = explained(ctl, """\
+var let = 1
+function FindProxyForURL(url, host) {
+  let
+  ++let
+  if (host) let
+  else ++let
+  return "PROXY a:" + let
+}""", "http://a/")
+    assert (told["result"], told["decided"]["line"], told["different"]) == ("PROXY a:2", 7, None)
 
 
 def test_what_cannot_be_watched_is_noted(ctl):
@@ -467,6 +508,17 @@ def test_the_page_loads_nothing_and_shows_texts_as_they_are(ctl):
     assert "&lt;script&gt;alert(1)" in result.output and "<script" not in result.output
     assert "default-src 'none'" in result.output and "http://a.example/&lt;b&gt;" in result.output
     assert not re.search(r"(src|href)=\"(?!#)", result.output)
+
+
+def test_a_loop_that_never_runs_is_dead(ctl):
+    report = covered(ctl, """\
+function FindProxyForURL(url, host) {
+  while (false) { return "PROXY a:1"; }
+  for (var i = 0; false; i++) return "PROXY b:1";
+  do { if (host == "b") return "PROXY c:1"; } while (false);
+  return "DIRECT";
+}""", "http://a/")
+    assert [(rule["line"], rule["dead"]) for rule in report["missed"]] == [(2, True), (3, True), (4, False)]
 
 
 DOUBTFUL = """\

@@ -1,5 +1,6 @@
 #include "client/ctl/commands/traced_script.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -26,13 +27,12 @@ bool isShownAs(std::string shown, const std::string& result) {
   return isCut ? result.starts_with(text) : result == text;
 }
 
-/// Whether the return `outer` has a call of the function in which the return `inner` stands.
-/// Without this check, a function that was called before `outer` and that gave the same text would
-/// count.
+/// Whether the return `outer` calls the function in which the return `inner` stands. Without this
+/// check, a function that was called before `outer` and that gave the same text would count.
 bool passesOn(const InstrumentedScript& script, std::size_t outer, std::size_t inner) {
+  const auto& callees = script.places[outer].callees;
   const auto& name = script.functions[script.places[inner].function].name;
-  const auto& source = script.places[outer].source;
-  return script.places[outer].is('p') && source.find(name + "(") != std::string::npos;
+  return std::find(callees.begin(), callees.end(), name) != callees.end();
 }
 
 }  // namespace
@@ -71,15 +71,26 @@ Trace TracedScript::takeTrace() {
   }
 }
 
-/// The return that chose the answer. It is the last return that ran. If this return passed on the
-/// result of a call, it is the return of the called function. There is none if the last return gave
-/// another value, for example in a "finally".
+/// The return that chose the answer. It is the last return of FindProxyForURL, because code of a
+/// "finally" may run after it; or the last return that ran, if this one gave the answer and the
+/// other one did not. If it passed on the result of a call, it is the return of the called
+/// function.
 std::optional<std::size_t> TracedScript::decidingReturn(const Trace& trace,
                                                         const ShownAnswer& answer) const {
   if (trace.cut || !answer.result) return std::nullopt;
+  const auto isReturn = [this](const TracedEvent& event) {
+    return !event.call && mScript.places[*event.place].is('r');
+  };
+  const auto isOfEntry = [&](const TracedEvent& event) {
+    if (!isReturn(event)) return false;
+    return mScript.functions[mScript.places[*event.place].function].name == "FindProxyForURL";
+  };
+  auto first = std::find_if(trace.events.rbegin(), trace.events.rend(), isOfEntry);
+  if (first == trace.events.rend() || !isShownAs(first->value, *answer.result))
+    first = trace.events.rbegin();
   std::optional<std::size_t> decided;
-  for (auto event = trace.events.rbegin(); event != trace.events.rend(); ++event) {
-    if (event->call || !mScript.places[*event->place].is('r')) break;
+  for (auto event = first; event != trace.events.rend(); ++event) {
+    if (!isReturn(*event)) break;
     if (!isShownAs(event->value, *answer.result)) break;
     if (decided && !passesOn(mScript, *decided, *event->place)) break;
     decided = event->place;

@@ -33,6 +33,7 @@ Place placeOf(const Json& row) {
   place.function = wholeNumber(row.at(5));
   place.owner = row.at(6) == -1 ? -1 : static_cast<int>(wholeNumber(row.at(6)));
   place.branch = row.at(7).get<bool>();
+  if (row.size() > 8) place.callees = row.at(8).get<std::vector<std::string>>();
   return place;
 }
 

@@ -21,6 +21,7 @@ struct Place {
   std::size_t function = 0;
   int owner = -1;  ///< the place that decides whether this one is reached
   bool branch = false;
+  std::vector<std::string> callees;  ///< of a return: the functions whose results it may pass on
 
   bool is(char letter) const { return kind.find(letter) != std::string::npos; }
 };
@@ -29,7 +30,7 @@ struct Place {
 std::string shownReturn(const Place& place);
 
 struct ScriptFunction {
-  std::string name;  ///< empty for the script itself
+  std::string name;  ///< as calls name it, ".name" for a method; empty for the script itself
   std::size_t line = 0;
   std::size_t lastLine = 0;
 };

@@ -12,13 +12,14 @@
 // The body of a `with` stays unchanged, because the hook's name could mean something else there.
 //
 // Report: { script, names, places, functions, notes, source? }. A place is the array
-//   [kind, line, column, last line, source, function, owner, branch]
+//   [kind, line, column, last line, source, function, owner, branch, callees?]
 // kind: letters: s statement; t test of an if, ?: or loop; w value of a switch; k test of a case;
 //   o operand; r return; h helper call; c entered case; d added to a letter: no URL can reach this
-//   place; p added to r: the return may pass on the result of a call
+//   place
 // owner: number of the place (t or c) that decides whether this place is reached; -1 if none does
 //   branch: the result of the owner with which this place is reached
-// functions: [name, first line, last line]; the script itself is number 0
+//   callees: of a return, the functions whose results it may pass on: "name", or ".name" of a method
+// functions: [callee, first line, last line]; the script itself is number 0
 'use strict';
 
 const bodyKeys = {
@@ -113,6 +114,8 @@ class Instrumenter {
       this.insert(node.start, `${this.name}(${this.place('s', node, context, false)});`);
     }
     this.visit(node, context);
+    // Before the hook, "let" and a line end would begin a declaration.
+    if (node.expression?.name === 'let' && node.type === 'ExpressionStatement') this.insert(node.end, ';');
   }
 
   // A statement that is the body of an if or a loop.
@@ -168,7 +171,8 @@ class Instrumenter {
         nameFunction(node.right, node.left);
         return this.inside(node, context);
       case 'Property':
-        nameFunction(node.value, node.key);
+      case 'MethodDefinition':
+        if (!node.computed) nameFunction(node.value, node.key, true);
         if (node.computed) this.visit(node.key, context);
         return this.visit(node.value, context);
       case 'Identifier':
@@ -208,14 +212,14 @@ class Instrumenter {
 
   function(node, outer) {
     const { script } = this;
-    const name = node.id?.name ?? node.nameOfTarget ?? '(anonymous)';
+    const name = node.callee ?? node.id?.name ?? '(anonymous)';
     this.functions.push([name, script.lineOf(node.start), script.lineOf(node.end - 1)]);
     const context = {
       function: this.functions.length - 1, owner: -1, branch: false, dead: outer.dead, inChain: false,
     };
     for (const parameter of node.params) this.visit(parameter, context);
     if (node.body.type === 'BlockStatement') this.statements(node.body.body, context);
-    else this.test(returnKindOf(node.body), node.body, context);
+    else this.returned(node.body, context);
   }
 
   ifStatement(node, context) {
@@ -236,7 +240,8 @@ class Instrumenter {
     const isLate = node.type === 'DoWhileStatement';
     if (isLate) this.body(node.body, context);
     const owner = node.test ? this.test('t', node.test, context) : context.owner;
-    const inLoop = node.test ? { ...context, owner, branch: true } : context;
+    const dead = context.dead || (node.test && constantOf(node.test) === false);
+    const inLoop = node.test ? { ...context, owner, branch: true, dead } : context;
     if (node.update) this.visit(node.update, inLoop);
     if (!isLate) this.body(node.body, inLoop);
   }
@@ -254,11 +259,18 @@ class Instrumenter {
 
   returnStatement(node, context) {
     if (node.argument) {
-      this.test(returnKindOf(node.argument), node.argument, context);
+      this.returned(node.argument, context);
     } else {
       const number = this.place('r', node, context, true);
       this.insert(node.start + 'return'.length, ` ${this.name}(${number},(void 0))`);
     }
+  }
+
+  // The value of a return.
+  returned(node, context) {
+    const callees = calleesOf(node);
+    const number = this.test('r', node, context);
+    if (callees.length > 0) this.places[number].push(callees);
   }
 
   // The script with all insertions. They are in order, except if the order of the tree differs from
@@ -293,17 +305,26 @@ function isHelperCall(node) {
       helperNames.has(node.callee.name);
 }
 
-// Gives a function without a name the name of the variable or property that holds it.
-function nameFunction(value, target) {
-  const id = target.type === 'MemberExpression' ? target.property : target;
-  if (value && /Function/.test(value.type) && id.type === 'Identifier') value.nameOfTarget = id.name;
+// Notes how a function is called that a variable or a property holds.
+function nameFunction(value, target, isMember = false) {
+  if (!value || !/Function/.test(value.type)) return;
+  const callee = isMember ? target.type === 'Identifier' && `.${target.name}` : calleeOf(target);
+  if (callee) value.callee = callee;
 }
 
-// The kind of a return of this expression.
-function returnKindOf(node) {
-  if (node.type === 'CallExpression') return 'rp';
-  if (node.type !== 'ConditionalExpression') return 'r';
-  return returnKindOf(node.consequent) === 'rp' ? 'rp' : returnKindOf(node.alternate);
+// What a called expression is named: "name", or ".name" of a method. Null for others. "this" may
+// be the global object.
+function calleeOf(node) {
+  if (node.type === 'Identifier') return node.name;
+  if (node.type !== 'MemberExpression' || node.computed || node.property.type !== 'Identifier') return null;
+  return (node.object.type === 'ThisExpression' ? '' : '.') + node.property.name;
+}
+
+// The functions whose result the expression may be.
+function calleesOf(node) {
+  if (node.type === 'ConditionalExpression') return [...calleesOf(node.consequent), ...calleesOf(node.alternate)];
+  const callee = node.type === 'CallExpression' ? calleeOf(node.callee) : null;
+  return callee === null ? [] : [callee];
 }
 
 // Whether reaching the statement has any effect.
