@@ -110,8 +110,7 @@ class WaitingCalls {
   std::optional<DBus::CallMessage> mOnly;
   Kind mOnlyKind = Kind::kPlain;
   CallOrder mOrder;
-  std::map<std::uint32_t, std::string>
-      mAsked;                   // by serial: the connection whose user was asked for
+  std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user was asked for
   std::uint32_t mMarker = 0;    // serial of the request whose answer ends the reading; 0 for none
   bool mWaitsForUsers = false;  // mMarker is the serial of the last question about a user
   Clock::time_point mReadLimit{};

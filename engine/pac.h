@@ -22,8 +22,8 @@ struct pac;
 
 /** Option words of pac_init. */
 enum {
-  PAC_OPTION_ONLINE = 1, /* *< names resolve, own addresses are those of the device */
-  PAC_OPTION_OFFLINE = 4 /* *< only localhost resolves, the own address is the loopback address */
+  PAC_OPTION_ONLINE = 1, /**< names resolve, own addresses are those of the device */
+  PAC_OPTION_OFFLINE = 4 /**< only localhost resolves, the own address is the loopback address */
 };
 
 /** Wakes the thread that calls pac_run_callbacks. This callback may only set a flag and signal that

@@ -7,7 +7,7 @@ G_MODULE_EXPORT void g_io_proxymanager_unload(GIOModule* module);
 G_MODULE_EXPORT char** g_io_proxymanager_query(void);
 
 void g_io_proxymanager_load(GIOModule* module) {
-  g_type_module_use(G_TYPE_MODULE(module)); /* for good: a thread may run in the library */
+  g_type_module_use(G_TYPE_MODULE(module)); /* never released: a thread may run in the library */
   proxymanager_resolver_add(G_TYPE_MODULE(module));
   proxymanager_socks_add(G_TYPE_MODULE(module));
 }
@@ -16,7 +16,7 @@ void g_io_proxymanager_unload(GIOModule* module) {
   (void)module;
 }
 
-/* GLib keeps this list in its cache, and so knows when to load the module. */
+/* GLib stores this list in its cache. From the cache it knows when to load the module. */
 char** g_io_proxymanager_query(void) {
   return g_strsplit(G_PROXY_RESOLVER_EXTENSION_POINT_NAME "," G_PROXY_EXTENSION_POINT_NAME, ",",
                     -1);

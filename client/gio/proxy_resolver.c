@@ -1,18 +1,18 @@
-/* The proxy resolver for programs that use GLib: they ask the daemon without a change of the
- * program.
+/* The proxy resolver for programs that use GLib. With it, such programs ask the daemon without any
+ * change.
  *
  * GLib loads this module when a program first looks for a proxy. From then on GLib asks the module
- * before every connection. So the module uses libproxymanager-client, which remembers answers, with
- * one client for the process. The client has a thread, so the module is never unloaded.
+ * before every connection. So the module uses libproxymanager-client, which remembers answers. The
+ * process has one client of this library. The client has a thread, so the module is never unloaded.
  *
- * If there is no bus, no daemon or the mode is off, GLib's next resolver is asked: the desktop's
- * own settings then apply. In every other case without an answer, the program connects directly: if
- * the daemon is too slow, if the script has no answer, or if no entry of the answer is an address.
- * A resolver could only fail instead. Then every connection of every program would fail, and a
- * device would lose its network together with its bus. A network that permits only connections
- * through its proxy refuses direct connections itself. An administrator who wants programs to fail
- * sets PROXYMANAGER_NO_ANSWER=refuse in their environment. G_MESSAGES_DEBUG=proxymanager shows the
- * reasons.
+ * If there is no bus or no daemon, or if the mode is off, GLib's next resolver is asked: the
+ * desktop's own settings then apply. In every other case without an answer, the program connects
+ * directly: if the daemon is too slow, if the script has no answer, or if no entry of the answer is
+ * an address. The alternative would be that the resolver fails. Then every connection of every
+ * program would fail, and a device without a bus would have no network. If a network permits only
+ * connections through its proxy, it refuses direct connections itself. An administrator who wants
+ * programs to fail sets PROXYMANAGER_NO_ANSWER=refuse in their environment.
+ * G_MESSAGES_DEBUG=proxymanager shows the reasons.
  *
  * The library itself answers "direct" for this machine and this link, in every mode. So a program's
  * traffic to local services never goes through a script's proxy.
@@ -24,13 +24,13 @@
 
 #include "client/gio/module.h"
 
-/* A higher priority than the resolvers of GLib and of desktops, which all have less than 100: a
- * person who installs this module wants GLib to ask the daemon. GIO_USE_PROXY_RESOLVER can name
- * another resolver. */
+/* This priority is higher than that of the resolvers of GLib and of desktops, which are all below
+ * 100: a person who installs this module wants GLib to ask the daemon. GIO_USE_PROXY_RESOLVER can
+ * name another resolver. */
 #define PRIORITY 100
 
-/* In milliseconds. Longer than the daemon's slowest answer: 5 s for an evaluation, which includes
- * the start of a new worker, and the rest for questions that wait before this one. */
+/* Time limit of a question, in milliseconds. An evaluation takes 5 s at most, including the start
+ * of a new worker. The rest is for questions that wait before this one. */
 #define LIMIT_MS 10000
 
 typedef struct {
@@ -52,8 +52,8 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED(ProxymanagerResolver, proxymanager_resolver, G_TY
 
 static proxymanager_client* the_client;
 
-/* The client, made if there is none apart from `useless`; null without memory. After fork() the
- * client of the parent process is kept, because freeing it does nothing here. */
+/* The client of the process. Makes a new one if there is none, or only `useless`. Null if memory is
+ * exhausted. After fork(), the parent's client remains: freeing it has no effect in the child. */
 static proxymanager_client* client_but(proxymanager_client* useless) {
   proxymanager_client* const current = g_atomic_pointer_get(&the_client);
   if (current != useless) return current;
@@ -87,21 +87,21 @@ static proxymanager_status ask(const char* uri, proxymanager_answer_callback cal
 
 /* --- Answers as GLib wants them --- */
 
-/* Whether the entry is "SOCKS" without a version, as scripts return it. */
+/* Whether the entry is "SOCKS" without a version, which scripts may return. */
 static gboolean names_no_version(const char* text) {
   while (g_ascii_isspace(*text)) text++;
   return g_ascii_strncasecmp(text, "socks", 5) == 0 && !g_ascii_isalnum(text[5]);
 }
 
-/* Whether this process is the desktop portal. Its answers go to programs in sandboxes, which do not
- * have this module's handler of "socks" and would take the next entry. */
+/* Whether this process is the desktop portal. It passes its answers to programs in sandboxes. These
+ * programs do not have this module's protocol "socks", so they would skip such an entry. */
 static gboolean answers_for_sandboxes(void) {
   const char* const name = g_get_prgname();
   return name != NULL && g_str_has_suffix(name, "xdg-desktop-portal");
 }
 
-/* GLib's scheme for such a proxy; null if GLib cannot use it. GLib has only one version 5, with
- * which the proxy looks names up. */
+/* GLib's scheme for such a proxy; null if GLib cannot use the proxy. GLib has only one form of
+ * SOCKS 5, in which the proxy looks up host names. */
 static const char* scheme_of(const proxymanager_entry* entry) {
   switch (entry->kind) {
     case PROXYMANAGER_DIRECT:
@@ -120,7 +120,7 @@ static const char* scheme_of(const proxymanager_entry* entry) {
     case PROXYMANAGER_UNUSABLE:
       break;
   }
-  return NULL; /* also for what a later library adds */
+  return NULL; /* also for kinds that a later library adds */
 }
 
 /* A list of one text. */
@@ -134,7 +134,7 @@ static gboolean must_refuse(void) {
   return g_strcmp0(g_getenv("PROXYMANAGER_NO_ANSWER"), "refuse") == 0;
 }
 
-/* The result for a connection without an answer. */
+/* The result for a connection if there is no answer. */
 static char** without_answer(const char* reason, GError** error) {
   if (must_refuse()) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_PROXY_FAILED, "no proxy is known: %s", reason);
@@ -146,8 +146,8 @@ static char** without_answer(const char* reason, GError** error) {
 
 /* --- The next resolver --- */
 
-/* The first of GLib's other resolvers that works here; null if there is none. GLib's own resolver
- * "dummy" always answers "direct". */
+/* The first of GLib's other resolvers that works in this process; null if there is none. GLib's own
+ * resolver "dummy" always answers "direct". */
 static GProxyResolver* find_next(void) {
   GIOExtensionPoint* const point =
       g_io_extension_point_lookup(G_PROXY_RESOLVER_EXTENSION_POINT_NAME);
@@ -174,16 +174,16 @@ static GProxyResolver* next_resolver(void) {
   return next;
 }
 
-/* Whether the daemon leaves the choice to other resolvers. A program that may not read the
- * configuration cannot distinguish "off" from "not configured yet". */
+/* Whether another resolver should answer. If a program may not read the configuration, it cannot
+ * distinguish "off" from "not configured yet". */
 static gboolean is_for_others(proxymanager_status status, const proxymanager_answer* answer) {
   if (status == PROXYMANAGER_OK) return strcmp(proxymanager_answer_mode(answer), "off") == 0;
   if (must_refuse()) return FALSE;
   return status == PROXYMANAGER_NO_BUS || status == PROXYMANAGER_NO_DAEMON;
 }
 
-/* Whether the URI stands for a connection without a known protocol, as GLib writes it. Such a
- * connection cannot use a proxy for a protocol, only SOCKS. */
+/* Whether the URI has the form that GLib uses for a connection without a known protocol. Such a
+ * connection cannot use a proxy for a certain protocol; it can use only SOCKS. */
 static gboolean names_no_protocol(const char* uri) {
   return g_ascii_strncasecmp(uri, "none://", strlen("none://")) == 0;
 }
@@ -206,7 +206,7 @@ static char** proxies_of(const proxymanager_answer* answer, const char* uri, GEr
   return without_answer("the answer has no entry that can be used", error);
 }
 
-/* The result of a question that was not cancelled; null with `error` if the text is no URI. */
+/* The result of a question that was not cancelled; null with `error` if the text is not a URI. */
 static char** outcome(proxymanager_status status, const proxymanager_answer* answer,
                       const char* uri, GError** error) {
   if (status == PROXYMANAGER_OK) return proxies_of(answer, uri, error);
@@ -238,7 +238,8 @@ typedef struct {
 } Watch;
 
 /* Begins the watch. If the cancellable is already cancelled, the question is cancelled at once. The
- * handler has its own copy of the question, because it may still run when the watch has ended. */
+ * handler has its own copy of the question, because the handler may still run when the watch has
+ * ended. */
 static void begin_watch(Watch* watch, GCancellable* cancellable, const Question* question) {
   if (cancellable == NULL || question->id == 0) return;
   watch->cancellable = g_object_ref(cancellable);
@@ -249,7 +250,7 @@ static void begin_watch(Watch* watch, GCancellable* cancellable, const Question*
   }
 }
 
-/* g_cancellable_disconnect() would wait for the handlers of others. */
+/* g_cancellable_disconnect() is not used, because it would also wait for handlers of other code. */
 static void end_watch(Watch* watch) {
   if (watch->cancellable == NULL) return;
   g_signal_handler_disconnect(watch->cancellable, watch->handler);
@@ -260,10 +261,11 @@ static void end_watch(Watch* watch) {
 
 static gboolean is_supported(GProxyResolver* resolver) {
   (void)resolver;
-  return TRUE; /* GLib asks once, and the daemon may come later */
+  return TRUE; /* GLib asks only once, and the daemon may start later */
 }
 
-/* A waiting caller. A semaphore is used because it may be freed as soon as the wait is over. */
+/* A waiting caller. It uses a semaphore, because a semaphore may be freed as soon as the wait is
+ * over. */
 typedef struct {
   sem_t answered;
   proxymanager_status status;
@@ -277,7 +279,8 @@ static void wake(proxymanager_status status, proxymanager_answer* answer, void* 
   sem_post(&wait->answered);
 }
 
-/* Waits for the library, not for a main context. A cancellation ends the question, and so the wait.
+/* Waits for the library, not for a main context. A cancellation ends the question and so also the
+ * wait.
  */
 static char** lookup(GProxyResolver* resolver, const char* uri, GCancellable* cancellable,
                      GError** error) {
@@ -306,7 +309,7 @@ static char** lookup(GProxyResolver* resolver, const char* uri, GCancellable* ca
   return proxies;
 }
 
-/* The data of a task, freed with it. */
+/* The data of a task; freed together with the task. */
 typedef struct {
   char* uri;
   Watch watch;
@@ -319,7 +322,7 @@ static void free_lookup(gpointer data) {
   g_free(lookup);
 }
 
-/* On a thread of the task's own: the client's thread has other questions to answer. */
+/* Runs on a thread of the task, because the client's thread must answer other questions. */
 static void ask_next(GTask* task, gpointer resolver, gpointer data, GCancellable* cancellable) {
   (void)resolver;
   const Lookup* const lookup = data;
@@ -332,8 +335,8 @@ static void ask_next(GTask* task, gpointer resolver, gpointer data, GCancellable
   }
 }
 
-/* Ends the task and takes over a reference to it. The task calls its callback in its own main
- * context, and prefers the error of its cancellable. */
+/* Ends the task, and takes over the caller's reference to it. The task calls its callback in its
+ * own main context. If its cancellable is cancelled, the callback gets that error. */
 static void end_task(proxymanager_status status, proxymanager_answer* answer, void* context) {
   GTask* const task = context;
   if (is_for_others(status, answer) && next_resolver() != NULL) {

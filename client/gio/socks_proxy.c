@@ -1,10 +1,10 @@
 /* The proxy protocol "socks": SOCKS without a version.
  *
- * A script returns "SOCKS host", and a resolver passes that on as "socks://host". GLib has
- * protocols for the versions 4, 4a and 5, each with its own name, but none with this name. Here
- * "socks" means version 5 with names that the proxy looks up: most proxies use it today, and
- * proxymanagerctl reads it so, too. A trial of one version after the other would take a connection
- * for each.
+ * If a script returns "SOCKS host", a resolver passes it on as "socks://host". GLib has protocols
+ * for the versions 4, 4a and 5, each with its own name, but none with the name "socks". Here
+ * "socks" means version 5 with names that the proxy looks up: most proxies use this version today,
+ * and proxymanagerctl reads "SOCKS" in the same way. To try one version after the other, a program
+ * would need a connection for each version.
  */
 #include "client/gio/module.h"
 
@@ -22,7 +22,7 @@ static GType proxymanager_socks_get_type(void);
 G_DEFINE_DYNAMIC_TYPE_EXTENDED(ProxymanagerSocks, proxymanager_socks, G_TYPE_OBJECT, 0,
                                G_IMPLEMENT_INTERFACE_DYNAMIC(G_TYPE_PROXY, implement_proxy))
 
-/* GLib's own; it is always there. */
+/* GLib's own implementation, which is always available. */
 static GProxy* version_5(void) {
   return g_proxy_get_default_for_protocol("socks5");
 }

@@ -7,7 +7,8 @@
 #include <stdlib.h>
 #include <string.h>
 
-/* The value in the first of the two spellings that is set. An empty value hides the other one. */
+/* The value of the first of the two variables that is set. If its value is empty, the second
+ * variable is still ignored. */
 static const char* variable(const char* lower, const char* upper) {
   const char* const value = secure_getenv(lower);
   return value != NULL ? value : secure_getenv(upper);
@@ -42,7 +43,7 @@ static const char* proxy_variable(const char* url) {
 
 /* --- Hosts --- */
 
-/* A host and its port, which point into one text. The port is 0 if there is none. */
+/* A host and its port. Both point into one text. The port is 0 if there is none. */
 typedef struct {
   char* host; /* without brackets */
   unsigned port;
@@ -84,9 +85,10 @@ static unsigned usual_port(const char* url) {
 
 /* --- Exceptions --- */
 
-/* Reads an address as 16 bytes. An IPv4 address is mapped to IPv6, so both need one comparison
- * only.
- * @return the number of bits before an address of this family; -1 if the text is not an address */
+/* Reads an address as 16 bytes. An IPv4 address is mapped to IPv6, so one comparison works for both
+ * families.
+ * @return the number of bits before the address in these bytes (96 for IPv4, 0 for IPv6); -1 if the
+ * text is not an address */
 static int read_address(const char* text, unsigned char bytes[16]) {
   static const unsigned char mapped[12] = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
   if (inet_pton(AF_INET6, text, bytes) == 1) return 0;

@@ -2,9 +2,10 @@
  *
  * All factories of a process share one client of libproxymanager-client, which caches answers. So a
  * program that makes a factory for each question does not connect each time. The client has a
- * thread, so the library stays loaded (-z nodelete), and a program may close and open it again. No
- * lock is held during a question to the daemon: a remembered answer never waits, and a child
- * process finds no locked mutex. Other questions wait for each other in the daemon.
+ * thread, so the library stays loaded (-z nodelete), even if a program closes it and opens it
+ * again. This code holds no lock during a question to the daemon. So a remembered answer never has
+ * to wait, and a child process never finds a locked mutex. Questions without a remembered answer
+ * wait for each other in the daemon.
  */
 #include "client/libproxy/libproxy.h"
 
@@ -19,12 +20,13 @@
 
 #include "client/libproxy/environment.h"
 
-/* Time limit of a question, in milliseconds. Programs wait 10 s at most; the difference is a
- * reserve for a busy machine. The slowest script takes 5.25 s. */
+/* Time limit of a question, in milliseconds. Programs wait 10 s at most; the remaining half second
+ * is a reserve for a busy machine. The slowest script takes 5.25 s. */
 #define LIMIT_MS 9500
 
-/* The name of a class of libproxy 0.4. Qt looks for it to detect a library whose calls block. It
- * then asks on a separate thread and not on the thread of the windows. */
+/* The name of a class of libproxy 0.4. Qt looks for this name to detect a library whose calls
+ * block. If it finds the name, Qt calls the library on a separate thread and not on the thread of
+ * the windows. */
 PROXYMANAGER_LIBPROXY_API extern const void* const _ZTVN8libproxy19pacrunner_extensionE[8];
 const void* const _ZTVN8libproxy19pacrunner_extensionE[8] = {NULL};
 
@@ -73,7 +75,7 @@ static proxymanager_status ask(const char* url, proxymanager_answer** answer) {
 
 /* --- Answers as libproxy gives them --- */
 
-/* Whether the entry names SOCKS without a version, as scripts do. */
+/* Whether the entry is "SOCKS" without a version, which scripts may return. */
 static int names_no_version(const char* text) {
   text += strspn(text, " \t");
   if (!px_equal_ignoring_case(text, "socks", 5)) return 0;
@@ -126,8 +128,8 @@ static char** proxies_of(const proxymanager_answer* answer) {
   return NULL;
 }
 
-/* The daemon's proxies. Null if the environment decides, as in mode off: the daemon is then not
- * configured, so a proxy in the program's environment counts. */
+/* The daemon's proxies. Null if the environment variables decide. This is so in mode off: the
+ * daemon is not configured, so a proxy in the program's environment is used. */
 static char** proxies_of_daemon(const char* url, proxymanager_status* status) {
   proxymanager_answer* answer = NULL;
   *status = ask(url, &answer);
@@ -146,7 +148,7 @@ static char** proxies_of_daemon(const char* url, proxymanager_status* status) {
   return proxies;
 }
 
-/* A list of one text, which takes ownership of it. Null if memory is exhausted. */
+/* A list with one text. The list takes ownership of the text. Null if memory is exhausted. */
 static char** only(char* text) {
   char** const proxies = text == NULL ? NULL : calloc(2, sizeof *proxies);
   if (proxies == NULL) {
@@ -193,7 +195,7 @@ static int is_url(const char* text) {
 char** px_proxy_factory_get_proxies(pxProxyFactory* factory, const char* url) {
   (void)factory;
   int cancelling = PTHREAD_CANCEL_ENABLE;
-  /* A cancelled thread would leave the client library in a broken state. */
+  /* A thread that is cancelled during the call would leave the client library in a broken state. */
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelling);
   proxymanager_status status = PROXYMANAGER_BAD_ARGUMENT;
   char** proxies = NULL;
@@ -218,7 +220,8 @@ void px_proxy_factory_free_proxies(char** proxies) {
 
 static size_t the_type;
 
-/* Such a program has loaded GObject. Other programs do not need it, so it is loaded only on demand.
+/* A program that needs this type has loaded GObject. Other programs do not need GObject, so this
+ * library looks for it only here.
  */
 static void register_type(void) {
   typedef void* copy_function(void*);

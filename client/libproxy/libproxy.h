@@ -1,9 +1,9 @@
-/* The interface of libproxy.so.1 for programs that are linked with it.
+/* The interface of libproxy.so.1 for programs that are linked with this library.
  *
  * This header is not installed: a program is built with libproxy's own header, and runs with this
- * library instead of libproxy. Any thread may call all functions, also with the same factory at the
- * same time. No function throws, prints (except with PX_DEBUG, see below), or changes a signal or
- * the environment.
+ * library instead of libproxy. Any thread may call all functions, and several threads may use the
+ * same factory at the same time. No function throws or prints (except with PX_DEBUG, see below),
+ * and none changes signals or the environment.
  */
 #ifndef PROXYMANAGER_CLIENT_LIBPROXY_LIBPROXY_H
 #define PROXYMANAGER_CLIENT_LIBPROXY_LIBPROXY_H
@@ -23,9 +23,10 @@ typedef struct px_proxy_factory pxProxyFactory;
  * memory is exhausted */
 PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_new(void);
 
-/** Finds the proxies for `url`: the daemon's answer, if it has one; else the proxy of the
- * environment, which this call reads; else "direct://". A null pointer, a URL without a scheme and
- * a URL that the bus cannot carry get "direct://". It waits for the daemon for at most 9.5 s.
+/** Finds the proxies for `url`. If the daemon has an answer, the result is this answer. Else it is
+ * the proxy of the environment variables, which this call reads. Else it is "direct://". A null
+ * pointer, a URL without a scheme and a URL that the bus cannot carry also get "direct://". The
+ * function waits for the daemon for at most 9.5 s.
  *
  * If PX_DEBUG is set, a line on standard error gives the reason for each answer that does not come
  * from the daemon.

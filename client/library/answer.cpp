@@ -36,7 +36,7 @@ proxymanager_answer::proxymanager_answer(client::ProxyAnswer parsed) : mParsed(s
   for (const auto& entry : mParsed.entries) {
     mUrls.push_back(urlOf(entry));
     const bool isUsable = entry.kind != client::ProxyKind::kUnusable;
-    // The name of a kind ends with a NUL.
+    // The result of kindName() ends with a NUL.
     mEntries.push_back({kindOf(entry.kind), entry.text.c_str(), mUrls.back().c_str(),
                         isUsable ? kindName(entry.kind).data() : "", entry.credentials.c_str(),
                         entry.host.c_str(), entry.port});

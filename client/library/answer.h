@@ -1,4 +1,5 @@
-// An answer in the form that programs hold: read once, never changed, with a count of its holders.
+// An answer in the form that programs hold. It never changes after its creation, and it counts its
+// references.
 #pragma once
 
 #include <atomic>
@@ -18,7 +19,7 @@ struct proxymanager_answer {
   proxymanager_answer& operator=(const proxymanager_answer&) = delete;
 
   void hold() { mHolders.fetch_add(1, std::memory_order_relaxed); }
-  /// Deletes the answer with its last holder.
+  /// Releases a reference. The last release deletes the answer.
   void give();
 
   const client::ProxyAnswer& parsed() const { return mParsed; }

@@ -11,13 +11,13 @@ std::optional<std::string> askedUrl(std::string_view url) {
   auto asked = domain::canonicalUrl(url, PROXYMANAGER_MAX_URL);
   if (!asked) return std::nullopt;
   if (domain::hasScheme(*asked)) {
-    // An encoded byte in the host may be one that the bus cannot carry.
+    // A percent-encoded byte in the host is decoded, and the bus may not be able to carry it.
     return isBusText(*asked) ? asked : std::nullopt;
   }
   if (asked->find("://") != std::string::npos) return std::nullopt;  // a password may be anywhere
   const auto at = asked->rfind('@');
   if (at == std::string::npos) return asked;
-  // In "me:pw/x@host" and "http:/me:pw@host", nobody knows where a password begins and ends.
+  // In "me:pw/x@host" and "http:/me:pw@host", it is not clear where a password begins and ends.
   if (at > asked->find_first_of("/?#")) return std::nullopt;
   return asked->substr(at + 1);
 }

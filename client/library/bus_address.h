@@ -5,8 +5,8 @@
 
 namespace client {
 
-/// DBUS_SYSTEM_BUS_ADDRESS if it is set and the program has no more rights than its caller, else
-/// the system's usual address.
+/// The value of DBUS_SYSTEM_BUS_ADDRESS if it is set, unless the program has more rights than its
+/// caller. Else the system's usual address.
 std::string systemBusAddress();
 
 }  // namespace client

@@ -7,7 +7,8 @@ namespace client {
 namespace {
 
 struct Row {
-  std::string_view name;  ///< after kPrefix; one with "." at its end is a prefix
+  std::string_view name;  ///< the part after kPrefix; if it ends with ".", it stands for all names
+                          ///< that begin with it
   BusError meaning;
 };
 
@@ -33,7 +34,7 @@ constexpr std::array kRows{
 }  // namespace
 
 BusError busErrorOf(std::string_view name) {
-  // The errors of the supervisor, which the bus asks to start the daemon.
+  // Errors of the supervisor: the bus asks it to start the daemon.
   if (name.starts_with("org.freedesktop.systemd1.")) return BusError::kCannotStart;
   if (!name.starts_with(kPrefix)) return BusError::kUnknown;
   name.remove_prefix(kPrefix.size());

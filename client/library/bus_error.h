@@ -1,4 +1,4 @@
-// The meanings of the errors of the message bus: the one table of their names.
+// The meanings of the message bus's errors, with the only table of their names.
 #pragma once
 
 #include <cerrno>
@@ -12,16 +12,16 @@ enum class BusError {
   kEnded,        ///< the daemon ended before it answered
   kDenied,       ///< the bus does not allow it
   kTimedOut,     ///< the caller's own time limit is over
-  kBusy,         ///< the bus has no room for it
+  kBusy,         ///< the bus has no room for one more connection or message
   kLost,         ///< the connection to the bus ended
-  kUnknown,      ///< the daemon does not send it
+  kUnknown,      ///< an error that the daemon does not send
 };
 
 /// The meaning of the error `name`, such as "org.freedesktop.DBus.Error.NoReply".
 BusError busErrorOf(std::string_view name);
 
-/// Whether this errno value of a failed connection means that the bus refuses the user. A bus that
-/// refuses a user just closes the connection, so a closed connection counts, too.
+/// Whether this errno value of a failed connection means that the bus refuses the user. If the bus
+/// refuses a user, it just closes the connection, so a closed connection counts, too.
 constexpr bool isDenial(int error) {
   return error == EACCES || error == EPERM || error == ECONNRESET || error == EPIPE ||
          error == ENOTCONN;

@@ -22,7 +22,8 @@ using base::kObjectPath;
 constexpr const char* kDriver = "org.freedesktop.DBus";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
 
-// Only these signals: the daemon has others that would wake every client for nothing.
+// The rule selects only this signal: the daemon's other signals would wake every client for
+// nothing.
 constexpr const char* kClearRule =
     "type='signal',sender='com.zentu.ProxyManagerService',path='/com/zentu/ProxyManagerService',"
     "interface='com.zentu.ProxyManagerServiceInterface',member='notifyClearcache'";
@@ -33,9 +34,9 @@ constexpr const char* kOwnerRule =
 constexpr int kRules = 2;
 
 /// A call has no time limit of its own: the questions have limits, and the owner of the link
-/// notices a silent bus. A timer here would run out while a callback keeps the thread from reading
-/// an answer that arrived in time. The library's 90 s for the greeting cannot be turned off, nor
-/// the bus's own limit for it.
+/// notices a silent bus. If a callback keeps the thread busy, a timer here could end before the
+/// thread reads an answer that arrived in time. For the greeting, sd-bus has a limit of 90 s and
+/// the bus has its own limit; both cannot be turned off.
 constexpr std::uint64_t kNoLimit = UINT64_MAX;
 
 using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
@@ -45,7 +46,7 @@ Outcome badReply() {
                       "its reply has another form");
 }
 
-/// The outcome of a reply of getProxyurl: an answer, or the reason why there is none.
+/// The outcome of a reply to getProxyurl: an answer, or the reason why there is none.
 struct Reply {
   std::optional<ProxyAnswer> answer;
   Outcome outcome;
@@ -59,18 +60,18 @@ Reply read(sd_bus_message* reply) {
   const char* text = nullptr;
   int result = 0;
   while ((result = sd_bus_message_read_basic(reply, 's', &text)) > 0) texts.emplace_back(text);
-  // A text that the bus carries and this library refuses makes the whole reply invalid, because a
-  // part of an answer is a different answer.
+  // If this library refuses one text of a reply, the whole reply is invalid, because a part of an
+  // answer would be a different answer.
   if (result == -ENOMEM) throw std::bad_alloc();
   if (result < 0 || texts.empty() || !isMode(texts.front())) return {{}, badReply()};
   auto parsed = parseAnswer(texts);
-  if (!parsed) return {{}, {PROXYMANAGER_NO_DAEMON, {}, {}}};  // it is about to end
+  if (!parsed) return {{}, {PROXYMANAGER_NO_DAEMON, {}, {}}};  // the daemon is about to end
   return {std::move(parsed), {}};
 }
 
 Reply replyOf(sd_bus_message* reply) {
   if (const auto* const error = sd_bus_message_get_error(reply); error != nullptr) {
-    // sd-bus makes this reply itself if the bus is gone.
+    // If the connection to the bus is lost, sd-bus itself makes this reply.
     if (sd_bus_is_open(sd_bus_message_get_bus(reply)) <= 0) {
       return {{}, failedAnswer(kDisconnected, "")};
     }
@@ -79,7 +80,7 @@ Reply replyOf(sd_bus_message* reply) {
   return read(reply);
 }
 
-/// A reply of getProxyconfig. Nothing if this program may not read it.
+/// Reads a reply to getProxyconfig. Nothing if this program may not read the configuration.
 /// @throws std::bad_alloc
 std::optional<Configuration> configurationOf(sd_bus_message* reply) {
   if (sd_bus_message_is_method_error(reply, nullptr) != 0 ||
@@ -118,9 +119,9 @@ int BusLink::process() {
   return followed < 0 ? followed : 1;
 }
 
-/// Asks for the signals first and for the owner of the name second, so every change after that
-/// answer is reported. A question that is sent later reaches the daemon when both requests are in
-/// force.
+/// Asks for the signals first and then for the owner of the name. So every change of the owner
+/// after that answer is reported. A question that is sent later reaches the daemon after the bus
+/// has handled these requests.
 int BusLink::follow() {
   int result =
       sd_bus_add_match_async(mBus.get(), nullptr, kOwnerRule, onOwnerSignal, onMatch, this);
@@ -140,7 +141,8 @@ int BusLink::send(const std::string& url, Asked& asked) {
   return ask(asked);
 }
 
-/// Sends a question whose URL is set, also a second time. @return 0, or an errno
+/// Sends a question whose URL is set. May be called again for the same question. @return 0, or an
+/// errno
 int BusLink::ask(Asked& asked) {
   ++asked.mAttempts;
   return call("getProxyurl", asked.mUrl->c_str(), onReply, asked);
@@ -171,7 +173,7 @@ pollfd BusLink::polled() const {
 }
 
 std::optional<Clock::time_point> BusLink::wakeAt() const {
-  std::uint64_t until = 0;  // on the monotonic clock, which is this one
+  std::uint64_t until = 0;  // of the monotonic clock, like Clock
   if (sd_bus_get_timeout(mBus.get(), &until) <= 0 || until == UINT64_MAX) return std::nullopt;
   return Clock::time_point(std::chrono::microseconds(until));
 }
@@ -193,7 +195,8 @@ int BusLink::onReply(sd_bus_message* message, void* asked, sd_bus_error*) {
   return 1;
 }
 
-/// Asks for the missing part of an answer. @return false if nothing is missing
+/// Asks for the configuration if the answer needs credentials from it. @return whether the link now
+/// waits for the configuration
 bool BusLink::askConfiguration(Asked& asked) {
   if ((mFlags & PROXYMANAGER_WITH_CREDENTIALS) == 0) return false;
   const auto& entries = asked.mAnswer->entries;
@@ -242,7 +245,8 @@ int BusLink::onMatch(sd_bus_message* message, void* link, sd_bus_error*) {
 int BusLink::onOwnerReply(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
   self.mAnswered++;
-  // sd-bus makes this reply itself if the bus is gone; it has no information about the daemon.
+  // If the connection to the bus is lost, sd-bus itself makes this reply. It says nothing about the
+  // daemon.
   if (sd_bus_is_open(sd_bus_message_get_bus(message)) <= 0) return 1;
   const char* owner = "";
   if (sd_bus_message_is_method_error(message, nullptr) != 0 ||
@@ -274,7 +278,7 @@ void BusLink::setOwner(const char* owner) {
   if (mOwner == owner) return;
   try {
     mOwner = owner;
-  } catch (const std::bad_alloc&) {  // a unique name is short, and mostly needs no memory
+  } catch (const std::bad_alloc&) {  // rare: a unique name is short and usually needs no allocation
     mOwner = "";
   }
   mListener.ownerChanged(!mOwner->empty());

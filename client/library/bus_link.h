@@ -1,11 +1,10 @@
 // One connection to the message bus, for the client's thread. It sends questions, notices when the
-// daemon starts and ends, receives the daemon's signal that answers have changed, and trusts only
-// the daemon.
+// daemon starts and ends, and receives the daemon's signal that answers have changed.
 //
-// No function waits or reads a clock: the client's thread polls the descriptor and gives up a
-// silent bus. A link ends with its connection, and the client makes a new link. Any program on the
-// bus can send a signal to a single connection, so a signal counts only if its sender owns the
-// daemon's name.
+// No function waits or reads a clock: the client's thread polls the descriptor, and ends the link
+// if the bus is silent. A link ends with its connection, and the client makes a new link. Any
+// program on the bus can send a signal directly to this connection, so a signal counts only if its
+// sender owns the daemon's name.
 #pragma once
 
 #include <poll.h>
@@ -29,8 +28,8 @@ class BusLink {
     void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
   };
 
-  /// A question that has been sent. Its destructor gives up the reply; only the thread of the link
-  /// may call it.
+  /// A question that has been sent. After its destruction, the reply is ignored. Only the thread of
+  /// the link may destroy it.
   class Asked {
    public:
     bool isSent() const { return mSlot != nullptr; }
@@ -38,9 +37,10 @@ class BusLink {
    private:
     friend class BusLink;
     BusLink* mLink = nullptr;
-    const std::string* mUrl = nullptr;  ///< of the caller
+    const std::string* mUrl = nullptr;  ///< owned by the caller
     int mAttempts = 0;                  ///< how often it was sent
-    /// The answer that waits for the credentials, and whether it may be remembered.
+    /// An answer for which the credentials are still missing, and whether the answer may be
+    /// remembered.
     std::optional<ProxyAnswer> mAnswer;
     bool mIsFromOwner = false;
     std::unique_ptr<sd_bus_slot, SlotCloser> mSlot;
@@ -49,12 +49,13 @@ class BusLink {
   /// Called during process(). Throws nothing.
   class Listener {
    public:
-    /// The question has its reply and may end. `isFromOwner` is true if the owner of the daemon's
-    /// name sent the reply, and the link would have received every change of that owner.
+    /// The question has its reply and may be destroyed. `isFromOwner` is true if two conditions
+    /// hold: the owner of the daemon's name sent the reply, and the link receives the signals about
+    /// changes.
     virtual void replied(Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept = 0;
     virtual void answersChanged() noexcept = 0;
-    /// Reports whether the daemon's name has an owner. Called when this is first known, and at each
-    /// change.
+    /// Reports whether the daemon's name has an owner. Called when the link first knows this, and
+    /// at each change.
     virtual void ownerChanged(bool isThere) noexcept = 0;
 
    protected:
@@ -72,18 +73,20 @@ class BusLink {
   /// Whether questions can be sent.
   bool isReady() const { return mIsReady; }
 
-  /// Whether the bus has answered all requests that the link sends by itself. An error is an
-  /// answer, too.
+  /// Whether the bus has answered all requests that the link itself makes. An error is an answer,
+  /// too.
   bool isSettled() const { return mAnswered == kOwnCalls; }
 
-  /// Handles one message that has arrived. @return above 0 if there may be more, 0 if there is
-  /// none, else a negative errno: the connection failed or has ended
+  /// Handles one message that has arrived. @return a positive number if there may be more messages;
+  /// 0 if there was none; a negative errno if the connection failed or has ended
   int process();
 
-  /// Sends a question. @param url stays valid as long as `asked` @return 0, or an errno
+  /// Sends a question.
+  /// @param url must stay valid as long as `asked`
+  /// @return 0, or an errno
   int send(const std::string& url, Asked& asked);
 
-  /// The poll events to wait for; the wait ends at wakeAt() at the latest.
+  /// The descriptor and the events for poll(). The wait must end at wakeAt() at the latest.
   pollfd polled() const;
   std::optional<Clock::time_point> wakeAt() const;
 
@@ -106,15 +109,15 @@ class BusLink {
   void setOwner(const char* owner);
   bool isFromOwner(sd_bus_message* message) const;
 
-  /// Two rules, and who has the daemon's name.
+  /// The link's own calls: two match rules, and the question who owns the daemon's name.
   static constexpr int kOwnCalls = 3;
 
   unsigned mFlags;
   Listener& mListener;
   std::unique_ptr<sd_bus, BusCloser> mBus;
   bool mIsReady = false;
-  int mAnswered = 0;                  ///< how many of its own calls were answered
-  int mMatches = 0;                   ///< how many of the rules the bus has taken
+  int mAnswered = 0;                  ///< how many of the link's own calls were answered
+  int mMatches = 0;                   ///< how many match rules the bus has accepted
   std::optional<std::string> mOwner;  ///< unique name of the daemon; empty if it does not run
 };
 

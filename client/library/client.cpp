@@ -47,8 +47,9 @@ bool Client::belongsHere() const {
   return getpid() == mProcess;
 }
 
-/// Ends a question that needs no call: the answer is remembered or needs no daemon, or the URL is
-/// not valid in a question. Else sets `asked` to the URL to ask about.
+/// Answers a question that needs no call to the daemon: the answer is remembered, it is known
+/// without the daemon, or the URL is not valid. Otherwise returns nothing and sets `asked` to the
+/// URL for the daemon.
 std::optional<Outcome> Client::answerHere(std::string_view url, std::string& asked) {
   if (auto answer = mRemembered.find(url)) return Outcome{PROXYMANAGER_OK, std::move(answer), {}};
   auto canonical = askedUrl(url);
@@ -153,10 +154,10 @@ proxymanager_status Client::mayAsk() {
   return startThread();
 }
 
-/// Puts the question into the list for the client's thread. Throws std::bad_alloc; the question is
-/// not asked then.
+/// Puts the question into the list for the client's thread. If it throws std::bad_alloc, the
+/// question is not in the list.
 Client::Calls::iterator Client::enqueue(const std::string& asked, Questions& question) {
-  // The answer to a call that was sent before a change may be from before the change.
+  // A call that was sent before a change is not used: its answer may be from before the change.
   auto call =
       std::find_if(mCalls.begin(), mCalls.end(), [&](const Call& other) PM_REQUIRES(mMutex) {
         return other.url == asked && (!other.isSent() || other.generation == mGeneration);
@@ -183,7 +184,7 @@ void Client::takeBack(Calls::iterator call, const Waiter& waiter) {
   if (call->questions.empty() && !call->isSent()) mCalls.erase(call);
 }
 
-/// All signals are blocked in the thread, because they belong to the program.
+/// All signals are blocked in the new thread, because the program handles them.
 proxymanager_status Client::startThread() {
   if (mThread) return PROXYMANAGER_OK;
   if (mWakeFd < 0) mWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -201,7 +202,7 @@ proxymanager_status Client::startThread() {
 }
 
 void Client::wake() const {
-  // Fails only if the counter of the eventfd is full; the thread then wakes anyway.
+  // The write fails only if the counter of the eventfd is full. The thread wakes in this case, too.
   constexpr std::uint64_t kOne = 1;
   [[maybe_unused]] const auto written = write(mWakeFd, &kOne, sizeof kOne);
 }

@@ -1,15 +1,16 @@
-// A client of the daemon: the questions of many threads, the answers it remembers, and the one
-// thread, "pm-client", that has the connection to the bus.
+// A client of the daemon: the questions of many threads, the remembered answers, and one thread,
+// "pm-client", that uses the connection to the bus.
 //
 // A thread that asks looks at the remembered answers first, and usually finds one. Else it puts the
 // question into a list for the client's thread. Questions for the same URL share one call on the
-// bus. If nobody waits for a call any more, the call stays in the list until its reply, because the
-// bus counts the call until then. A new question for the same URL then joins that call.
+// bus. If no caller waits for a call any more, the call stays in the list until its reply arrives,
+// because the bus counts it until then. A new question for the same URL then joins that call.
 //
-// A thread that waits for its question checks the time limit itself, so the limit holds even if the
-// client's thread is busy. The client's thread checks the limits of all other questions.
+// If a thread waits for its question, it checks the time limit itself, so the limit holds even if
+// the client's thread is busy. The client's thread checks the limits of all other questions.
 //
-// After a fork the child process may read only which process made the client (belongsHere()).
+// After a fork, the child process may only call belongsHere(), which reads the id of the process
+// that made the client.
 #pragma once
 
 #include <pthread.h>
@@ -35,15 +36,16 @@
 namespace client::library {
 
 /// Maximum number of calls in progress at a time. By default, the bus allows 128 for one
-/// connection. The daemon answers one after the other; the further questions wait here.
+/// connection. The daemon answers one call after the other, so further questions wait in this
+/// library.
 inline constexpr std::size_t kMaxCalls = 64;
 
-/// How long the bus may send nothing while a connection is made. The bus runs on this machine, so a
-/// silent bus is an error.
+/// How long the bus may be silent while a connection is set up. The bus runs on this machine, so a
+/// longer silence is an error.
 inline constexpr std::chrono::seconds kSilenceLimit{10};
 
-/// How long a client with a watch waits before it tries to reach a lost bus again: the first wait,
-/// and the longest. The wait doubles each time.
+/// How long a client with a watch waits before it tries again to reach a lost bus: the first wait,
+/// and the longest wait. The wait doubles each time.
 inline constexpr std::chrono::milliseconds kFirstPause{500};
 inline constexpr std::chrono::milliseconds kLongestPause{4000};
 
@@ -57,12 +59,12 @@ class Client final : public BusLink::Listener {
   /// Called only if belongsHere().
   ~Client();
 
-  /// Whether this process made the client: a child process that got it through fork() did not. Like
-  /// sd-bus, compares process ids and no more.
+  /// Whether this process made the client. A child process that has a copy of the client through
+  /// fork() did not make it. Like sd-bus, this function only compares process ids.
   bool belongsHere() const;
   // The functions of the interface with these names. They throw std::bad_alloc.
   Outcome get(std::string_view url, std::chrono::milliseconds limit) PM_EXCLUDES(mMutex);
-  /// @param remembered receives the answer if it is remembered; no question is asked then
+  /// @param remembered receives the answer if it is remembered; in this case, no question is asked
   proxymanager_status ask(std::string_view url, std::chrono::milliseconds limit,
                           proxymanager_answer_callback callback, void* context, proxymanager_id& id,
                           AnswerRef& remembered) PM_EXCLUDES(mMutex);
@@ -80,7 +82,7 @@ class Client final : public BusLink::Listener {
   };
 
   struct Question {
-    std::string url;  ///< as the caller gave it
+    std::string url;  ///< the caller's text
     proxymanager_id id;
     Clock::time_point end;
     Waiter* waiter;  ///< null if there is a callback
@@ -93,14 +95,14 @@ class Client final : public BusLink::Listener {
   /// One question to the daemon, for all callers that wait for its answer.
   struct Call : BusLink::Asked {
     std::string url;               ///< canonical
-    std::uint64_t generation = 0;  ///< of the answers, when it was sent
+    std::uint64_t generation = 0;  ///< value of mGeneration when the call was sent
     Questions questions;
   };
   using Calls = std::list<Call>;
 
   struct Watch {
-    /// What the watch knows about the daemon: nothing yet, a search is running, or its state was
-    /// reported.
+    /// The state of a watch: it is new; the client tries to reach the bus for it; or it was told
+    /// about the daemon.
     enum class State { kNew, kLooking, kTold };
 
     proxymanager_id id;
@@ -148,32 +150,32 @@ class Client final : public BusLink::Listener {
   const std::string mAddress;
   const unsigned mFlags;
 
-  int mWakeFd = -1;  ///< an eventfd; made with the thread and under the mutex, never another
+  int mWakeFd = -1;  ///< an eventfd; made once, before the thread, under the mutex
   std::atomic<bool> mIsConnected{false};
-  /// Filled and cleared under the mutex, so that no answer from before a change is remembered after
-  /// the change.
+  /// Filled and cleared under the mutex: after a change, no answer from before the change may be
+  /// remembered.
   SharedAnswers mRemembered;
 
   Mutex mMutex;
   bool mIsEnding PM_GUARDED_BY(mMutex) = false;
   std::optional<pthread_t> mThread PM_GUARDED_BY(mMutex);
   proxymanager_id mLastId PM_GUARDED_BY(mMutex) = 0;
-  std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts what made answers wrong
+  std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts what makes answers wrong
   Calls mCalls PM_GUARDED_BY(mMutex);
-  std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< questions without a reported end
-  Questions mEnded PM_GUARDED_BY(mMutex);                ///< their callbacks must still run
+  std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< questions not yet ended
+  Questions mEnded PM_GUARDED_BY(mMutex);  ///< questions whose callbacks must still run
   std::list<Watch> mWatches PM_GUARDED_BY(mMutex);
   proxymanager_id mRunningWatch PM_GUARDED_BY(mMutex) = 0;
   std::condition_variable mWatchReturned;
 
   // Used only by the client's thread.
   std::optional<BusLink> mLink;
-  Clock::time_point mLinkEnd;  ///< when the client gives up a link that is not ready
+  Clock::time_point mLinkEnd;  ///< when the client ends a link that is not ready
   bool mIsOwnerKnown = false;  ///< on this link
   Clock::time_point mRetryAt;
   std::chrono::milliseconds mPause{kFirstPause};
   Presence mPresence = Presence::kUnknown;
-  std::optional<proxymanager_change> mChange;  ///< which the watches have yet to get
+  std::optional<proxymanager_change> mChange;  ///< a change that the watches have not been told yet
 };
 
 }  // namespace client::library

@@ -24,12 +24,12 @@ using client::library::setLastFailure;
 constexpr unsigned kKnownFlags = PROXYMANAGER_NO_START | PROXYMANAGER_ASK_LOCAL |
                                  PROXYMANAGER_WITH_CREDENTIALS | PROXYMANAGER_REFUSE;
 
-/// The result of `function`; a status if it throws.
+/// The result of `function`; if it throws, a status for the exception.
 template <typename Function>
 proxymanager_status guarded(Function function) noexcept {
   try {
     return function();
-  } catch (const std::exception&) {  // no memory, or a lock or a list failed
+  } catch (const std::exception&) {  // no memory, or an operation of a lock or a list failed
     return PROXYMANAGER_NO_MEMORY;
   }
 }
@@ -40,12 +40,12 @@ proxymanager_status check(const proxymanager_client* client, const char* url) {
   return client->client.belongsHere() ? PROXYMANAGER_OK : PROXYMANAGER_FORKED;
 }
 
-/// For a text that is too long, one byte more than the limit.
+/// The text. If it is too long, its first bytes: one more than the limit.
 std::string_view viewOf(const char* url) {
   return {url, strnlen(url, PROXYMANAGER_MAX_URL + std::size_t{1})};
 }
 
-/// Records how a question ended, or why it did not start.
+/// Records how a question ended, or why it was not asked.
 proxymanager_status told(const Outcome& outcome) noexcept {
   setLastFailure(outcome);
   return outcome.status;
@@ -64,8 +64,8 @@ proxymanager_client* proxymanager_client_new(unsigned flags) {
 
 void proxymanager_client_free(proxymanager_client* client) {
   if (client == nullptr) return;
-  // In a child process after fork() the memory stays as it is: threads of the parent may have been
-  // changing it when the process was copied.
+  // In a child process after fork(), nothing is freed: threads of the parent may have been changing
+  // the memory when the process was copied.
   if (client->client.belongsHere()) delete client;
 }
 

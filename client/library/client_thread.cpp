@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kThreadName = "pm-client";
 
-/// The timeout for poll() in milliseconds, rounded up; -1 for none.
+/// The timeout for poll() in milliseconds, rounded up; -1 if there is no `end`.
 int untilPollEnds(std::optional<Clock::time_point> end) {
   if (!end) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now()).count();
@@ -42,7 +42,7 @@ void Client::run() {
   }
 }
 
-/// Prepares the next wait. @return false if the client ends
+/// Prepares the next wait. @return false if the client is ending
 bool Client::prepare() {
   const auto now = Clock::now();
   bool isAsked = false;
@@ -93,7 +93,7 @@ void Client::connect(Clock::time_point now) {
   }
 }
 
-/// Sends questions up to the most calls that may be in progress at once.
+/// Sends questions until kMaxCalls calls are in progress.
 void Client::send() {
   const Lock lock(mMutex);
   auto underWay =
@@ -114,8 +114,8 @@ void Client::send() {
   }
 }
 
-/// Handles only one message, so that a flood of messages does not delay other work. @return whether
-/// there may be more
+/// Handles one message. It handles only one, so that many messages do not delay other work. @return
+/// whether there may be more
 bool Client::handleBus() {
   if (!mLink) return false;
   const auto looked = Clock::now();
@@ -126,8 +126,8 @@ bool Client::handleBus() {
     return false;
   }
   if (mLink->isSettled()) return result > 0;
-  // A busy thread does not count as a silent bus: the bus is silent only if there was nothing to
-  // read at the end of the wait.
+  // The bus counts as silent only if there was nothing to read at the end of the wait. If only this
+  // thread was busy, there is something to read.
   if (result > 0) {
     mLinkEnd = Clock::now() + kSilenceLimit;
   } else if (looked >= mLinkEnd) {
@@ -174,7 +174,7 @@ std::optional<Clock::time_point> Client::wakeAt() {
   return at;
 }
 
-/// Ends all of them with the same outcome. deliver() later calls the callbacks.
+/// Ends all `questions` with the same outcome. deliver() later calls their callbacks.
 void Client::complete(Questions& questions, const Outcome& outcome) {
   for (auto asked = questions.begin(); asked != questions.end();) {
     const auto question = asked++;
@@ -188,7 +188,7 @@ void Client::complete(Questions& questions, const Outcome& outcome) {
     --mQuestionCount;
     waiter.outcome = outcome;
     waiter.isEnded = true;
-    waiter.ended.notify_one();  // under the mutex, because the waiter may end after its release
+    waiter.ended.notify_one();  // under the mutex: after its release, the waiter may be gone
   }
 }
 
@@ -213,7 +213,8 @@ void Client::deliver() {
   }
 }
 
-/// @param inFlightIsStale whether the reply to a call in progress may be from before the change
+/// Forgets all remembered answers. @param inFlightIsStale whether the reply to a call in progress
+/// may be from before the change
 void Client::invalidate(bool inFlightIsStale) {
   const Lock lock(mMutex);
   mRemembered.clear();
@@ -229,8 +230,8 @@ void Client::setPresence(Presence presence) {
   }
 }
 
-/// Only a watch that has looked for the bus again gets the daemon's state from the end of an old
-/// connection.
+/// Reports the daemon's state to watches that have had no report. If there is no connection, only a
+/// watch for which the client has tried to reach the bus gets this report.
 void Client::tellNewWatches() {
   if (mPresence == Presence::kUnknown || (mLink && !mIsOwnerKnown)) return;
   tell(mPresence == Presence::kThere ? PROXYMANAGER_DAEMON_CAME : PROXYMANAGER_DAEMON_WENT, true);
@@ -240,8 +241,8 @@ void Client::tellWatches(proxymanager_change change) {
   tell(change, false);
 }
 
-/// Calls either the watches that have had no report yet, or the others. A watch that is added
-/// during this call has its turn the next time.
+/// If `isFirst`, calls the watches that have had no report yet, else the other watches. A watch
+/// that is added during this call is not called until the next time.
 void Client::tell(proxymanager_change change, bool isFirst) {
   proxymanager_id last = 0;
   std::optional<proxymanager_id> newest;
@@ -279,7 +280,7 @@ void Client::replied(BusLink::Asked& asked, const Outcome& outcome, bool isFromO
     try {
       mRemembered.add(call.url, outcome.answer);
       for (const auto& question : call.questions) mRemembered.add(question.url, outcome.answer);
-    } catch (const std::bad_alloc&) {  // it is asked for again, then
+    } catch (const std::bad_alloc&) {  // the answer is not remembered and will be asked for again
     }
   }
   complete(call.questions, outcome);
@@ -292,8 +293,8 @@ void Client::answersChanged() noexcept {
 }
 
 void Client::ownerChanged(bool isThere) noexcept {
-  // Either nobody could answer until now, or the link has sent no question before it knew the
-  // owner.
+  // Calls in progress are stale only if the daemon was there before. Otherwise, no daemon could
+  // answer until now, or the link has sent no question before it knew the owner.
   const bool isNews = std::exchange(mIsOwnerKnown, true) && mPresence == Presence::kThere;
   invalidate(isNews);
   mPause = kFirstPause;

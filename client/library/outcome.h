@@ -11,7 +11,7 @@
 
 namespace client::library {
 
-/// Longest name of an error on the bus, in bytes: the bus allows no longer name.
+/// Longest name of an error on the bus, in bytes. The bus refuses a longer name.
 inline constexpr std::size_t kMaxBusErrorName = 255;
 
 /// How much of an error's text lastFailure() keeps, in bytes: enough for a log line.
@@ -21,17 +21,18 @@ inline constexpr std::size_t kMaxFailureText = 511;
 struct Detail {
   int error = 0;     ///< errno if the connection failed or is not ready yet
   std::string name;  ///< of the bus's error
-  std::string text;  ///< of the bus's error, as it came
+  std::string text;  ///< of the bus's error, unchanged
 };
 
-/// A copy allocates nothing, so that a lack of memory can be reported, too.
+/// How a question ended. A copy of it allocates nothing, so that exhausted memory can be reported,
+/// too.
 struct Outcome {
   proxymanager_status status = PROXYMANAGER_OK;
   AnswerRef answer;                      ///< null unless the status is PROXYMANAGER_OK
-  std::shared_ptr<const Detail> detail;  ///< null if there are no details, or no memory
+  std::shared_ptr<const Detail> detail;  ///< null if there are no details, or no memory for them
 };
 
-/// The connection ended while a question waited.
+/// The name of the error if the connection ends while a question waits.
 inline constexpr std::string_view kDisconnected = "org.freedesktop.DBus.Error.Disconnected";
 
 /// The outcome for an error of the bus, by its name.
@@ -46,11 +47,11 @@ Outcome failedAnswer(std::string_view name, std::string_view text) noexcept;
 /// No connection to the bus; `error` is an errno.
 Outcome failedConnecting(int error) noexcept;
 
-/// The limit is over. Without a connection, which the bus was too slow to make, the error is
-/// ETIMEDOUT.
+/// The time limit is over. If there is no connection yet, because the bus was too slow, the error
+/// is ETIMEDOUT.
 Outcome tooSlow(bool isConnected) noexcept;
 
-/// For a question that was not sent. `error` is an errno.
+/// The outcome of a question that could not be sent. `error` is an errno.
 Outcome failedSending(int error) noexcept;
 
 /// Records how the last question of this thread ended, for lastFailure().

@@ -38,7 +38,7 @@ constexpr std::array<Keyword, 7> kSchemes{{
     {"socks5h", ProxyKind::kSocks5h},
 }};
 
-constexpr std::size_t kMaxHost = 255;  // bytes; more than any name or address has
+constexpr std::size_t kMaxHost = 255;  // in bytes; no name or address is longer
 
 ProxyKind kindOf(std::span<const Keyword> known, std::string_view word) {
   const auto found = std::find_if(known.begin(), known.end(), [&](auto& row) {
@@ -63,7 +63,8 @@ bool isIpv6(const std::string& text) {
   return inet_pton(AF_INET6, text.c_str(), &binary) == 1;
 }
 
-/// The bytes of an IPv6 address, with or without brackets; nothing for another text.
+/// The bytes of the IPv6 address in `text`, with or without brackets; nothing if `text` is not an
+/// IPv6 address.
 std::optional<std::array<std::uint8_t, 16>> ipv6Of(std::string_view text) {
   if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
     text = text.substr(1, text.size() - 2);
@@ -78,7 +79,8 @@ bool isSameHost(std::string_view a, std::string_view b) {
   return address ? address == ipv6Of(b) : base::equalIgnoringCase(a, b);
 }
 
-/// A host name, also with underscores as some networks have them, or an IPv4 address.
+/// Whether `text` is a host name or an IPv4 address. Underscores are accepted in a name, because
+/// some networks use them.
 bool isHost(std::string_view text) {
   const auto mayStand = [](char c) {
     return base::isDigit(c) || base::isLetter(c) || c == '-' || c == '.' || c == '_';
@@ -125,8 +127,8 @@ bool setAddress(std::string_view text, ProxyEntry& entry) {
   return port.has_value();
 }
 
-/// Whether `text` may stand before the "@" of a URL. The accepted characters neither end a word in
-/// a shell nor control a terminal. The proxy reports any other mistake.
+/// Whether `text` may stand before the "@" of a URL. The accepted characters do not end a word in a
+/// shell, and do not control a terminal. Other mistakes are not found here: the proxy reports them.
 bool areCredentials(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) {
     return c > ' ' && c < '\x7F' &&

@@ -16,7 +16,7 @@ void RememberedAnswers::add(std::string_view url, const AnswerRef& answer) {
   std::list<Remembered> added;
   added.push_back({std::string(url), answer});
   mByUrl.emplace(added.front().url, added.begin());
-  mByUse.splice(mByUse.begin(), added);  // a place keeps its address
+  mByUse.splice(mByUse.begin(), added);  // the address of the element does not change
   mBytes += bytes;
   while (count() > mMaxAnswers || mBytes > mMaxBytes) forget(std::prev(mByUse.end()));
 }
@@ -28,7 +28,8 @@ void RememberedAnswers::clear() {
 }
 
 std::size_t RememberedAnswers::bytesOf(std::string_view url, const AnswerRef& answer) {
-  // In the list two pointers; in the map a bucket, a pointer, a hash and the entry.
+  // The list needs two pointers for an answer; the map needs a bucket, a pointer, a hash and the
+  // entry.
   constexpr std::size_t kPlaces =
       4 * sizeof(void*) + sizeof(std::size_t) + sizeof(decltype(mByUrl)::value_type);
   return sizeof(Remembered) + kPlaces + url.size() + answer->bytes();
@@ -75,8 +76,8 @@ void SharedAnswers::clear() {
   mChange.fetch_add(1, std::memory_order_release);
 }
 
-/// Threads take the parts in turn. The number has no destructor, because the library may be
-/// unloaded while the thread runs.
+/// Each new thread gets the next part. The thread_local number has no destructor, because the
+/// library may be unloaded while the thread runs.
 SharedAnswers::Part& SharedAnswers::partOfThread(std::array<Part, kParts>& parts) {
   static std::atomic<std::size_t> threads{0};
   thread_local const std::size_t number = threads.fetch_add(1, std::memory_order_relaxed);

@@ -1,7 +1,8 @@
-// The answers that a client remembers, by the URL as the caller gave it: a lookup costs no parsing.
+// The answers that a client remembers. The key is the caller's URL, unchanged, so a lookup needs no
+// parsing.
 //
-// When room is needed, the least recently used answer is dropped. If answers become wrong, the
-// owner clears all of them at once.
+// When space is needed, the least recently used answer is dropped. If answers may have become
+// wrong, the owner clears all of them at once.
 #pragma once
 
 #include <array>
@@ -17,7 +18,7 @@
 
 namespace client::library {
 
-/// For one thread at a time.
+/// Only one thread at a time may use it.
 class RememberedAnswers {
  public:
   /// @param maxAnswers maximum number of answers
@@ -27,11 +28,11 @@ class RememberedAnswers {
   RememberedAnswers(const RememberedAnswers&) = delete;
   RememberedAnswers& operator=(const RememberedAnswers&) = delete;
 
-  /// @return the answer for `url`, which then is the most recently used; null if there is none
+  /// @return the answer for `url`, which becomes the most recently used one; null if there is none
   AnswerRef find(std::string_view url);
 
-  /// Remembers `answer` for `url`, in place of an earlier one. Does nothing if `answer` alone is
-  /// larger than maxBytes. Throws std::bad_alloc and then changes nothing.
+  /// Remembers `answer` for `url`, and replaces an earlier answer. Does nothing if this one answer
+  /// is larger than maxBytes. If it throws std::bad_alloc, nothing has changed.
   void add(std::string_view url, const AnswerRef& answer);
 
   void clear();
@@ -39,7 +40,7 @@ class RememberedAnswers {
   std::size_t count() const { return mByUse.size(); }
   std::size_t bytes() const { return mBytes; }
 
-  /// The bytes that a URL with its answer counts as.
+  /// The number of bytes that count for a URL with its answer.
   static std::size_t bytesOf(std::string_view url, const AnswerRef& answer);
 
  private:
@@ -54,43 +55,44 @@ class RememberedAnswers {
   std::size_t mMaxAnswers;
   std::size_t mMaxBytes;
   std::size_t mBytes = 0;
-  std::list<Remembered> mByUse;                        ///< the latest used first
+  std::list<Remembered> mByUse;                        ///< the most recently used first
   std::unordered_map<std::string_view, Place> mByUrl;  ///< keys are views of texts in mByUse
 };
 
-/// The same for many threads. All share the answers. In addition, each thread has a part with its
-/// own copies of those that it used last: a lookup in it writes to no memory that another thread
-/// uses, so that two threads get more answers than one. Up to kParts threads have a part of their
-/// own.
+/// Remembered answers for many threads. All threads share the answers. In addition, each thread has
+/// a part with its own copies of the answers that it used last. A lookup in this part does not
+/// write to memory that another thread uses, so two threads together are faster than one. If there
+/// are more than kParts threads, some of them share a part.
 class SharedAnswers {
  public:
   SharedAnswers() = default;
   SharedAnswers(const SharedAnswers&) = delete;
   SharedAnswers& operator=(const SharedAnswers&) = delete;
 
-  /// As RememberedAnswers. Any thread. Throws std::bad_alloc.
+  /// As in RememberedAnswers. Any thread. Throws std::bad_alloc.
   AnswerRef find(std::string_view url);
   void add(std::string_view url, const AnswerRef& answer);
-  /// As RememberedAnswers. A find() that begins after the return finds nothing.
+  /// As in RememberedAnswers. A find() that begins after clear() has returned finds nothing.
   void clear();
 
-  /// How many answers there may be in all: the pages that a person has open, with all they load.
+  /// Maximum number of all answers. This is enough for the pages that a person has open, with
+  /// everything that they load.
   static constexpr std::size_t kMaxAnswers = 512;
-  /// Maximum number of bytes of all these answers together. An answer of one entry takes about 600
-  /// bytes.
+  /// Maximum number of bytes of all these answers together. An answer with one entry takes about
+  /// 600 bytes.
   static constexpr std::size_t kMaxBytes = 512UL * 1024;
 
-  /// More threads than processors of a usual device.
+  /// This is more than the number of processors of a usual device.
   static constexpr std::size_t kParts = 8;
-  /// Copies of a part, and their bytes: what one page loads.
+  /// Maximum number of copies in a part, and of their bytes. This is enough for one page.
   static constexpr std::size_t kMaxCopies = 128;
   static constexpr std::size_t kMaxCopiedBytes = 128UL * 1024;
 
  private:
-  /// In cache lines of its own.
+  /// Each part has its own cache lines.
   struct alignas(128) Part {
     Mutex mutex;
-    /// The copies are of the answers before this change; later they are wrong.
+    /// The value of mChange for which the copies are valid. After a further change they are wrong.
     unsigned long change PM_GUARDED_BY(mutex) = 0;
     RememberedAnswers copies PM_GUARDED_BY(mutex){kMaxCopies, kMaxCopiedBytes};
   };

@@ -128,8 +128,7 @@ void BusLoop::enter() {
   try {
     end = run();
   } catch (const std::exception& error) {
-    logLine(LOG_ERR, "bus: the loop failed: %s",
-            error.what());  // no memory: treated as bus loss
+    logLine(LOG_ERR, "bus: the loop failed: %s", error.what());  // no memory: as for a lost bus
   }
   if (end == End::kLost && mLost) mLost();
 }

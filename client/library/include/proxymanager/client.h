@@ -1,4 +1,4 @@
-/* Asking the device's proxy manager which proxy to use for a URL.
+/* Asks the device's proxy manager which proxy to use for a URL.
  *
  *   proxymanager_client *client = proxymanager_client_new(0);
  *   proxymanager_answer *answer = NULL;
@@ -9,20 +9,20 @@
  *   proxymanager_answer_unref(answer);
  *   proxymanager_client_free(client);
  *
- * A client keeps one connection to the system message bus, on a thread of its own that it starts
+ * A client keeps one connection to the system message bus, on its own thread. It starts this thread
  * with the first question. The client also remembers answers: a repeated question costs no call on
  * the bus. All remembered answers become invalid when the daemon reports a change, starts or ends.
- * If the daemon or the bus ends, the client connects again by itself once both are back. A question
- * that is asked in between ends with PROXYMANAGER_NO_DAEMON or PROXYMANAGER_NO_BUS.
+ * If the daemon or the bus ends, the client connects again by itself when both run again. A
+ * question that is asked before that ends with PROXYMANAGER_NO_DAEMON or PROXYMANAGER_NO_BUS.
  *
  * Threads: all functions may be called from any thread; several threads may use one client.
  * Callbacks run on the client's thread, one at a time. Some callbacks run during the call of a
- * function; the description of that function then mentions it. A callback should be short: the next
- * answers wait until it returns, and so does the report that remembered answers have changed. If a
- * callback takes half a minute, a connection that is being set up may end as denied. A callback may
- * call every function except proxymanager_client_free(). In a callback proxymanager_get() returns
- * PROXYMANAGER_BUSY if it would have to wait. Do not call pthread_cancel() for a thread that waits
- * in proxymanager_get().
+ * function; the description of that function then says so. A callback should be short: until it
+ * returns, further answers wait, and so does the report that remembered answers have changed. If a
+ * callback takes half a minute while a connection is being set up, the connection may fail as
+ * denied. A callback may call every function except proxymanager_client_free(). In a callback
+ * proxymanager_get() returns PROXYMANAGER_BUSY if it would have to wait. Do not call
+ * pthread_cancel() for a thread that waits in proxymanager_get().
  *
  * Processes: after fork() a client belongs to the parent process; the library compares process ids.
  * In the child process questions return PROXYMANAGER_FORKED, and proxymanager_client_free() does
@@ -53,18 +53,19 @@ extern "C" {
 /** A client: its connection to the bus and the answers that it remembers. */
 typedef struct proxymanager_client proxymanager_client;
 
-/** The daemon's answer for one URL. An answer never changes, and threads may share it. */
+/** The daemon's answer for one URL. An answer never changes, and several threads may use it. */
 typedef struct proxymanager_answer proxymanager_answer;
 
-/** How a question ended. Numbers keep their meaning in later releases, which may add others. */
+/** How a question ended. In later releases, the numbers keep their meaning, and there may be more
+ * of them. */
 typedef enum proxymanager_status {
   PROXYMANAGER_OK = 0,
   PROXYMANAGER_NO_BUS = 1, /**< no message bus; or the connection ended; or the bus sent nothing for
                               10 s while the connection was made */
   PROXYMANAGER_NO_DAEMON = 2, /**< the daemon does not run, has ended, or is about to end */
-  PROXYMANAGER_DENIED = 3,    /**< the bus does not let this program ask */
+  PROXYMANAGER_DENIED = 3,    /**< the bus does not allow this program to ask */
   PROXYMANAGER_TOO_SLOW = 4,  /**< no answer within the limit */
-  PROXYMANAGER_BAD_REPLY = 5, /**< a reply that the daemon never sends */
+  PROXYMANAGER_BAD_REPLY = 5, /**< a reply that is not a valid reply of the daemon */
   PROXYMANAGER_CANCELLED = 6, /**< the program cancelled the question or freed the client */
   /** a null pointer; a URL that is too long, not UTF-8 or without a valid scheme before its "://";
    * a text without "://" that has an "@" after the first "/", "?" or "#" */
@@ -73,10 +74,10 @@ typedef enum proxymanager_status {
   PROXYMANAGER_BUSY = 9, /**< too many questions at once, in the client or on the bus; or a callback
                             would have to wait */
   PROXYMANAGER_FORKED = 10,   /**< the client belongs to the parent of this process */
-  PROXYMANAGER_NO_ANSWER = 11 /**< no entry can be used (see PROXYMANAGER_REFUSE) */
+  PROXYMANAGER_NO_ANSWER = 11 /**< the answer has no usable entry (see PROXYMANAGER_REFUSE) */
 } proxymanager_status;
 
-/** What a program does with an entry. */
+/** How a program uses an entry. */
 typedef enum proxymanager_kind {
   PROXYMANAGER_UNUSABLE = 0, /**< not understood: only `text` is set; try the next entry */
   PROXYMANAGER_DIRECT = 1,   /**< without a proxy */
@@ -84,14 +85,14 @@ typedef enum proxymanager_kind {
   PROXYMANAGER_HTTPS = 3,    /**< an HTTP proxy; the connection to the proxy uses TLS */
   PROXYMANAGER_SOCKS4 = 4,
   PROXYMANAGER_SOCKS4A = 5,
-  PROXYMANAGER_SOCKS5 = 6, /**< the program looks names up */
-  PROXYMANAGER_SOCKS5H = 7 /**< the proxy looks names up */
+  PROXYMANAGER_SOCKS5 = 6, /**< the program looks up host names */
+  PROXYMANAGER_SOCKS5H = 7 /**< the proxy looks up host names */
 } proxymanager_kind;
 
-/** One thing to try. No member is null; a text without a value is empty. */
+/** One way to connect. No member is null; a text without a value is empty. */
 typedef struct proxymanager_entry {
   proxymanager_kind kind;
-  const char* text;        /**< as the daemon gives it: "PROXY cache.example.org:8080" */
+  const char* text;        /**< the daemon's text: "PROXY cache.example.org:8080" */
   const char* url;         /**< "http://cache.example.org:8080"; "direct://"; empty if unusable */
   const char* scheme;      /**< of `url`: "http", "https", "socks4", "socks4a", "socks5",
                                 "socks5h", "direct" */
@@ -100,7 +101,7 @@ typedef struct proxymanager_entry {
   uint16_t port;           /**< in host order; 0 without a proxy */
 } proxymanager_entry;
 
-/** What happened, as proxymanager_watch() reports it. */
+/** A change that proxymanager_watch() reports. */
 typedef enum proxymanager_change {
   PROXYMANAGER_ANSWERS_CHANGED = 1, /**< ask again: earlier answers may be wrong now */
   PROXYMANAGER_DAEMON_CAME = 2,     /**< the daemon runs (again); earlier answers are stale */
@@ -108,8 +109,8 @@ typedef enum proxymanager_change {
 } proxymanager_change;
 
 /** More about a question that did not end with PROXYMANAGER_OK, for a log line. The name and the
- * text come unchanged from the bus, or from the owner of the daemon's bus name, and may hold
- * anything. */
+ * text come unchanged from the bus, or from the owner of the daemon's bus name. They may contain
+ * any characters. */
 typedef struct proxymanager_failure {
   proxymanager_status status;
   int error; /**< errno if there was no connection to the bus, else 0. ETIMEDOUT: the connection was
@@ -151,7 +152,7 @@ typedef uint64_t proxymanager_id;
  * PROXYMANAGER_NO_ANSWER, so that no program understands the answer as "connect directly". */
 #define PROXYMANAGER_REFUSE 0x8u
 
-/** The longest URL of a question, in bytes: more than any server takes. */
+/** The longest URL of a question, in bytes. No server accepts longer URLs. */
 #define PROXYMANAGER_MAX_URL 65535u
 
 /** How many questions of one client may wait for an answer at once. */
@@ -167,19 +168,19 @@ typedef uint64_t proxymanager_id;
  * memory or a flag is unknown */
 PROXYMANAGER_API proxymanager_client* proxymanager_client_new(unsigned flags);
 
-/** Ends the connection and the client's thread. Questions that wait end with
- * PROXYMANAGER_CANCELLED; their callbacks run during this call, and none runs after it. Answers
- * stay valid. No other thread may use the client any more. Null does nothing. */
+/** Ends the connection and the client's thread. Waiting questions end with PROXYMANAGER_CANCELLED;
+ * their callbacks run during this call, and no callback runs after it. Answers stay valid. No other
+ * thread may use the client during this call or after it. Null does nothing. */
 PROXYMANAGER_API void proxymanager_client_free(proxymanager_client* client);
 
-/** Asks for the proxies of `url` and waits. The daemon gets the canonical URL: no user name,
- * password or fragment; scheme and host in lower case; "/" for an empty path; no path and query for
- * https and wss. So equivalent URLs share one answer.
+/** Asks for the proxies of `url` and waits. The daemon gets the canonical URL: without user name,
+ * password and fragment; scheme and host in lower case; "/" for an empty path; without path and
+ * query for https and wss. So equivalent URLs share one answer.
  * @param limit_ms longest wait in milliseconds, including the time to connect. The daemon may need
  * 5 s for a script. With 0 the function returns a remembered answer, or PROXYMANAGER_TOO_SLOW
  * @param answer receives the answer, which the caller releases with proxymanager_answer_unref();
- * null unless the function returns PROXYMANAGER_OK. An answer may have no entry: the script has
- * none for this URL, or there is no script yet */
+ * null unless the function returns PROXYMANAGER_OK. An answer may have no entry if the script has
+ * no answer for this URL, or if there is no script yet */
 PROXYMANAGER_API proxymanager_status proxymanager_get(proxymanager_client* client, const char* url,
                                                       unsigned limit_ms,
                                                       proxymanager_answer** answer);
@@ -200,18 +201,18 @@ PROXYMANAGER_API proxymanager_status proxymanager_get_async(proxymanager_client*
  * @return 1 if the question still waited, else 0 */
 PROXYMANAGER_API int proxymanager_cancel(proxymanager_client* client, proxymanager_id id);
 
-/** Calls `callback` for each change from now on, on the client's thread. While there is a watch,
- * the client stays connected and tries every few seconds to reach a lost bus again. The first call
- * reports whether the daemon runs. The bus may refuse the client's match rules, because its policy
- * limits their number for one connection. The first call is then the only one until the connection
- * ends.
+/** From now on, calls `callback` for each change, on the client's thread. The first call reports
+ * whether the daemon runs. While there is a watch, the client stays connected, and tries every few
+ * seconds to reach a lost bus again. The bus may refuse the client's match rules, because its
+ * policy limits the number of rules of one connection. In this case, the first call is the only one
+ * until the connection ends.
  * @param id receives the number for proxymanager_unwatch() */
 PROXYMANAGER_API proxymanager_status proxymanager_watch(proxymanager_client* client,
                                                         proxymanager_change_callback callback,
                                                         void* context, proxymanager_id* id);
 
-/** Ends a watch. After the return the callback of the watch does not run any more. A callback may
- * end its own watch: it is then not called again. An unknown id does nothing. */
+/** Ends a watch. When this function has returned, the callback of the watch does not run any more.
+ * A callback may end its own watch; it is then not called again. An unknown id does nothing. */
 PROXYMANAGER_API void proxymanager_unwatch(proxymanager_client* client, proxymanager_id id);
 
 /** Adds a reference to an answer. @return the same answer; null for null */
@@ -221,29 +222,30 @@ PROXYMANAGER_API proxymanager_answer* proxymanager_answer_ref(proxymanager_answe
  * Null does nothing. */
 PROXYMANAGER_API void proxymanager_answer_unref(proxymanager_answer* answer);
 
-/** @return "off", "manual", "pacurl" or "wpad", or "local" for an answer that the library gave
- * without the daemon (see PROXYMANAGER_ASK_LOCAL); valid as long as the answer */
+/** @return "off", "manual", "pacurl" or "wpad"; or "local" if the library itself answered, without
+ * the daemon (see PROXYMANAGER_ASK_LOCAL). The text is valid as long as the answer */
 PROXYMANAGER_API const char* proxymanager_answer_mode(const proxymanager_answer* answer);
 
 /** @return the number of entries, which may be 0 */
 PROXYMANAGER_API size_t proxymanager_answer_count(const proxymanager_answer* answer);
 
-/** @return the entry at `index`, in the order in which to try them; valid as long as the answer.
- * Null if `index` is not below the count. Later releases may add members at the end of the
- * structure: get each entry by its index, and copy single members, not the whole structure. */
+/** @return the entry at `index`; valid as long as the answer. The program tries the entries in the
+ * order of their indexes. Null if `index` is not below the count. Later releases may add members at
+ * the end of the structure: get each entry by its index, and copy single members, not the whole
+ * structure. */
 PROXYMANAGER_API const proxymanager_entry* proxymanager_answer_entry(
     const proxymanager_answer* answer, size_t index);
 
-/** @return a few English words for people, such as "the daemon does not run"; never null */
+/** @return a short English text for people, such as "the daemon does not run"; never null */
 PROXYMANAGER_API const char* proxymanager_status_text(proxymanager_status status);
 
-/** Describes the last question of the calling thread: the question of its last proxymanager_get()
- * or proxymanager_get_async(). In a callback: the question whose end is reported to the callback.
+/** Describes the last question of the calling thread: that of its last proxymanager_get() or
+ * proxymanager_get_async(). In a callback, describes the question whose end the callback reports.
  * @return never null; valid until the thread asks its next question, runs its next callback, or
  * ends */
 PROXYMANAGER_API const proxymanager_failure* proxymanager_last_failure(void);
 
-/** @return the release of the library that the program runs with, such as "0.1.0" */
+/** @return the release of the library with which the program runs, such as "0.1.0" */
 PROXYMANAGER_API const char* proxymanager_client_version(void);
 
 #ifdef __cplusplus

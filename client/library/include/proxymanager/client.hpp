@@ -1,14 +1,14 @@
-// The client library for C++17 and later. The rules in proxymanager/client.h hold here, too. This
-// header contains all of the C++ interface and calls the C functions, so the library's ABI is the C
-// ABI.
+// The client library for C++17 and later. The rules in proxymanager/client.h are valid here, too.
+// This header contains the whole C++ interface and calls the C functions, so the ABI of the library
+// is the ABI of the C functions.
 //
 //   proxymanager::Client client;
 //   const auto answer = client.get("http://www.example.org/", std::chrono::seconds(5));
 //   if (!answer) std::cerr << proxymanager::text(answer.status()) << '\n';
 //   for (const auto& entry : answer.entries()) std::cout << entry.url << '\n';
 //
-// Functions throw only std::bad_alloc, and only if there is no memory to keep a callable or a text.
-// A callable must not throw, because C code calls it.
+// Functions throw only std::bad_alloc, and only if there is no memory to store a callable or a
+// text. A callable must not throw, because C code calls it.
 #ifndef PROXYMANAGER_CLIENT_HPP
 #define PROXYMANAGER_CLIENT_HPP
 
@@ -65,7 +65,7 @@ inline const char* text(Status status) noexcept {
   return proxymanager_status_text(static_cast<proxymanager_status>(status));
 }
 
-/// One thing to try. The texts end with a NUL, and are valid as long as the Answer or the Entries
+/// One way to connect. The texts end with a NUL, and are valid as long as the Answer or the Entries
 /// object from which they come.
 struct Entry {
   Kind kind;
@@ -97,8 +97,8 @@ class HeldAnswer {
   proxymanager_answer* mHeld = nullptr;
 };
 
-/// The entries of an answer, in the order in which to try them; for a range-based `for`. Keeps the
-/// answer alive.
+/// The entries of an answer, in the order in which a program tries them; for a range-based `for`.
+/// The object keeps the answer alive.
 class Entries {
  public:
   class Iterator {
@@ -158,7 +158,7 @@ class Entries {
 struct Failure {
   int error = 0;     ///< errno if there was no connection to the bus, else 0
   std::string name;  ///< of the error on the bus
-  std::string text;  ///< of the error on the bus, as it came
+  std::string text;  ///< of the error on the bus, unchanged
 };
 
 /// How a question ended, with the daemon's answer if there is one. Copies share the answer.
@@ -166,12 +166,12 @@ class Answer {
  public:
   /// A question that was never asked: Status::cancelled.
   Answer() noexcept = default;
-  /// Takes `held` over, which is null unless the status is PROXYMANAGER_OK.
+  /// Takes ownership of `held`. `held` is null unless the status is PROXYMANAGER_OK.
   Answer(proxymanager_status status, proxymanager_answer* held) noexcept
       : mStatus(static_cast<Status>(status)), mAnswer(held) {}
 
   Status status() const noexcept { return mStatus; }
-  /// Whether the daemon answered; its answer may have no entry.
+  /// Whether the daemon has answered. The answer may have no entry.
   explicit operator bool() const noexcept { return mStatus == Status::ok; }
   /// "off", "manual", "pacurl" or "wpad"; empty without an answer.
   std::string_view mode() const noexcept { return proxymanager_answer_mode(mAnswer.raw()); }
@@ -188,15 +188,15 @@ inline Failure lastFailure() {
   return {failure.error, failure.name, failure.text};
 }
 
-/// A watch, which ends with this object. The object must be destroyed before its client. A callback
-/// may destroy the watch that calls it. A moved-from object is no watch.
+/// A watch. It ends when this object is destroyed. The object must be destroyed before its client.
+/// A callback may destroy the watch that calls it. A moved-from object has no watch.
 class Watch {
  public:
   Watch() noexcept = default;
   Watch(Watch&& other) noexcept
       : mClient(other.mClient), mId(std::exchange(other.mId, 0)), mTold(std::move(other.mTold)) {}
   Watch& operator=(Watch&& other) noexcept {
-    Watch taken(std::move(other));  // ends what this was
+    Watch taken(std::move(other));  // ends the old watch of this object
     std::swap(mClient, taken.mClient);
     std::swap(mId, taken.mId);
     std::swap(mTold, taken.mTold);
@@ -224,7 +224,7 @@ class Watch {
   };
 
   static void call(proxymanager_change change, void* told) noexcept {
-    // The callable lives until it returns, even if it ends its own watch.
+    // This copy keeps the callable alive until it returns, even if it ends its own watch.
     const auto held = *static_cast<std::shared_ptr<Told>*>(told);
     held->call(static_cast<Change>(change));
   }
@@ -237,7 +237,7 @@ class Watch {
 /// A client. A moved-from client may only be assigned to or destroyed.
 class Client {
  public:
-  /// @param flags as proxymanager_client_new() takes them
+  /// @param flags as for proxymanager_client_new()
   explicit Client(unsigned flags = 0) noexcept : mClient(proxymanager_client_new(flags)) {}
 
   /// Whether there is a client. There is none if memory is missing or a flag is unknown; all
@@ -271,13 +271,13 @@ class Client {
     return static_cast<Status>(status);
   }
 
-  /// Cancels a question. @return whether it still waited
+  /// Cancels a question. @return whether the question was still waiting
   bool cancel(proxymanager_id id) const noexcept {
     return proxymanager_cancel(mClient.get(), id) != 0;
   }
 
-  /// Calls `callable`, which takes a Change, for each change from now on.
-  /// @return a watch; an empty one on failure, and `status`, if not null, receives the reason
+  /// From now on, calls `callable` for each change. `callable` takes a Change.
+  /// @return a watch; an empty one after a failure. If `status` is not null, it receives the reason
   template <typename Callable>
   [[nodiscard]] Watch watch(Callable&& callable, Status* status = nullptr) const {
     using Kept = std::decay_t<Callable>;
@@ -298,7 +298,7 @@ class Client {
     }
   };
 
-  /// For C a text ends at its first NUL, which would make it a different URL.
+  /// In C, a text ends at its first NUL. So a URL with a NUL would become a different URL.
   static bool isText(const std::string& url) noexcept {
     return url.find('\0') == std::string::npos;
   }
