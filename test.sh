@@ -94,6 +94,23 @@ build_tree() {
   "${launcher[@]}" cmake --build "$folder" -j "$jobs" "${build_options[@]}"
 }
 
+# The compiler's flags of the packages, without debug symbols and the paths of their build.
+packaged_flags() {
+  DEB_BUILD_OPTIONS="reproducible=-all" DEB_CFLAGS_APPEND=-g0 DEB_CXXFLAGS_APPEND=-g0 \
+    dpkg-buildflags --get "$1"
+}
+
+# Builds in $build/test what the packages contain. Their build, itself a test, thus takes most objects
+# from ccache.
+build_release() {
+  local macros
+  macros=$(packaged_flags CPPFLAGS)
+  export CCACHE_BASEDIR=$top CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=locale
+  build_tree test -DCMAKE_BUILD_TYPE=Release \
+    -DCMAKE_C_COMPILER_LAUNCHER=ccache "-DCMAKE_C_FLAGS=$(packaged_flags CFLAGS) $macros" \
+    -DCMAKE_CXX_COMPILER_LAUNCHER=ccache "-DCMAKE_CXX_FLAGS=$(packaged_flags CXXFLAGS) $macros"
+}
+
 # run_tests NAME CTEST-OPTIONS...: runs the tests of $build/NAME.
 run_tests() {
   local folder=$build/$1
@@ -120,7 +137,8 @@ without_random_addresses() {
 }
 
 test_plain() {
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
+  export PROXYMANAGER_CMAKE_OPTIONS=-DPROXYMANAGER_WERROR=$werror
   run_tests test
 }
 
@@ -181,7 +199,7 @@ test_coverage() {
 }
 
 test_tidy() {
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   step "Asking clang-tidy"
   /usr/bin/python3 "$top/tests/checks/clang_says.py" --tidy "$build/test" "$top"
 }
@@ -208,14 +226,14 @@ test_cross() {
 
 test_recipe() {
   export PROXYMANAGER_RECIPE=1
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   run_tests test -R '^packaging.TheSourceRecipeWorksInACleanSystem$'
 }
 
 test_reproducible() {
   export PROXYMANAGER_REPRODUCIBLE=1
   build_options=(--target proxymanagerctl)
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   run_tests test -L '^reproducible$'
 }
 
@@ -224,13 +242,13 @@ test_programs() {
   # shellcheck disable=SC2046  # a list of names
   PROXYMANAGER_PROGRAMS=$("$top/tests/support/programs_root.sh" $(cat "$top/tests/programs/programs.txt"))
   export PROXYMANAGER_PROGRAMS
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   run_tests test -L '^programs$'
 }
 
 test_settings_kills() {
   export PROXYMANAGER_SETTINGS_KILLS=200
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   run_tests test -R '^packaging.TheSettingsServiceFollowsRealNetworkManagers$'
 }
 
@@ -239,12 +257,12 @@ test_relay() {
   # shellcheck disable=SC2046  # a list of names
   PROXYMANAGER_RELAY_PROGRAMS=$("$top/tests/support/programs_root.sh" $(cat "$top/tests/relay/programs.txt"))
   export PROXYMANAGER_RELAY_PROGRAMS
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   run_tests test -L '^relay$'
 }
 
 test_soak() {
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   step "Soaking for $minutes minutes"
   PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/tests/stress/soak.py" "--build=$build/test" \
     "${ctest_options[@]}" "$minutes"
@@ -252,7 +270,7 @@ test_soak() {
 
 test_browsers() {
   build_options=(--target proxymanager_browser_answers proxymanagerctl proxymanager-pac-worker)
-  build_tree test -DCMAKE_BUILD_TYPE=Release
+  build_release
   step "Looking at the page of pac cover"
   PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/tests/browsers/coverage_page.py" "--build=$build/test"
   step "Comparing with browsers"

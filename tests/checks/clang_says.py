@@ -36,7 +36,7 @@ HEAVY = ("CLI/CLI.hpp", "nlohmann/json.hpp")
 WITH_VALUE = {"-o", "-c", "-MF", "-MT", "-MQ"}
 # The hardening changes no finding. Its macros would be others than those of a precompiled header,
 # and clang 14 wants a second option for the last one.
-HARDENING = {"-U_FORTIFY_SOURCE", "-D_FORTIFY_SOURCE=3", "-D_GLIBCXX_ASSERTIONS",
+HARDENING = {"-U_FORTIFY_SOURCE", "-D_FORTIFY_SOURCE=2", "-D_FORTIFY_SOURCE=3", "-D_GLIBCXX_ASSERTIONS",
              "-ftrivial-auto-var-init=zero"}
 WITHOUT_VALUE = {"-MD", "-MMD", *HARDENING}
 

@@ -18,7 +18,7 @@ LEASE = "/usr/local/lumad/dhcp.conf"
 def daemon(build, syslog, bus):
     make_watched_files()
     os.mkdir(os.path.dirname(UPLINKS))
-    daemon = Daemon(os.path.join(build, "tests/checks/embed/device/proxymanager"))
+    daemon = Daemon(build.rstrip("/") + "-embed/device/proxymanager")
     yield daemon
     daemon.close()
 

@@ -19,15 +19,19 @@ else
     while IFS= read -r -d '' file; do
       if [ -e "$file" ] || [ -L "$file" ]; then printf '%s\0' "$file"; fi
     done) >"$files"
-  find "$copy" -mindepth 1 -maxdepth 1 ! -name 'obj-*' -exec rm -rf {} +
+  find "$copy" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
   tar -C "$tree" --null --files-from="$files" -cf - | tar -C "$copy" -xf -
-  # No test reads debug symbols, and they would take half of the time of the build.
-  (cd "$copy" && DEB_BUILD_OPTIONS=noautodbgsym DEB_CFLAGS_APPEND=-g0 DEB_CXXFLAGS_APPEND=-g0 \
+  # No test reads debug symbols, and they would take half of the time of the build. Paths in objects are
+  # those of ./test.sh's build, so that ccache has most objects already.
+  (cd "$copy" && DEB_BUILD_OPTIONS="noautodbgsym reproducible=-all" \
+    DEB_CFLAGS_APPEND=-g0 DEB_CXXFLAGS_APPEND=-g0 \
+    CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache \
+    CCACHE_BASEDIR=$tree CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=locale \
     dpkg-buildpackage --build=binary --build-profiles=nocheck --no-pre-clean -us -uc)
   mv "$folder"/*proxymanager*_* "$out"
   # Who builds the packages in the tree itself has nothing of that in git's way. The link debian leads
   # to packaging/debian.
-  seen=$(cd "$copy" && find . -name 'obj-*' -prune -printf '%P/\n' -o -type f -printf '%P\n' | sort |
+  seen=$(cd "$copy" && find . -path ./build -prune -printf '%P/\n' -o -type f -printf '%P\n' | sort |
     comm -23 - <(tr '\0' '\n' <"$files" | sort) |
     git -c safe.directory='*' -C "$tree" check-ignore --no-index --verbose --non-matching --stdin |
     sed -n 's/^::\t//p')
