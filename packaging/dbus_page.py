@@ -1,16 +1,16 @@
 #!/usr/bin/env python3
-"""The documents of the D-Bus interface, from its one source, the introspection XML.
+"""Makes the documents of the D-Bus interface from the introspection XML, and compares them with it.
 
 usage: dbus_page.py XML --page            the manual page
        dbus_page.py XML --table           the table for documents in Markdown
-       dbus_page.py XML --compare FILE... whether the documents say what the XML says
+       dbus_page.py XML --compare FILE... whether the documents agree with the XML
        dbus_page.py --self-test
 
-A comment in the XML describes what follows it. --compare compares the manual
-page word for word. In a Markdown document, it checks every heading and every table row that begins
-with a member's name. Such a line must have the signatures of the member in code quotes, in order
-and no others: each alone, each after its argument's name, or all in one piece ("sss"). Each member
-must have its line, and no line may name an unknown member.
+A comment in the XML describes the element after it. --compare compares the manual page word for
+word. In a Markdown document, it checks every heading and every table row that begins with a
+member's name. Such a line must have exactly the signatures of the member in code quotes, in
+their order: each one separately, each one after its argument's name, or all together ("sss").
+Each member must have a line, and no line may name an unknown member.
 """
 
 import dataclasses
@@ -88,7 +88,7 @@ def page(interface):
         f'.TH {interface.name} 7 "" "proxymanagerd" "D\\-Bus interfaces"',
         ".SH NAME", f"{interface.name} \\- the D\\-Bus interface of proxymanagerd",
         ".SH DESCRIPTION", filled(interface.text),
-        ".PP", "After each argument stands its D\\-Bus signature. There are no properties.",
+        ".PP", "The text after each argument is its D\\-Bus signature. There are no properties.",
     ]
     for kind, title in (("method", "METHODS"), ("signal", "SIGNALS")):
         lines.append(f".SH {title}")
@@ -125,7 +125,7 @@ def table(interface):
 
 
 def lines_of_members(document):
-    """Table rows and headings: (name, what stands behind it, the table's number or None)."""
+    """Table rows and headings: (name, the text after it, the table's number or None)."""
     number, inside = 0, False
     for line in document.splitlines():
         if line.lstrip().startswith("|"):
