@@ -55,7 +55,8 @@ std::string_view takeToken(std::string_view& text) {
   return token;
 }
 
-/// Takes a token or a quoted string from the start of `text`. @return whether it was complete
+/// Removes a token or a quoted string from the start of `text`. @return whether the value was
+/// complete
 bool takeValue(std::string_view& text, std::string& value) {
   if (!text.starts_with('"')) {
     value = std::string(takeToken(text));
@@ -95,8 +96,8 @@ Scheme schemeOf(std::string_view name) {
   return equalIgnoringCase(name, "Digest") ? Scheme::kDigestMd5 : Scheme::kNone;
 }
 
-/// Takes one challenge, "scheme name=value, ...", from the start of `text`. If it cannot be read,
-/// nothing of `text` is left.
+/// Removes one challenge, "scheme name=value, ...", from the start of `text`. If the challenge
+/// cannot be read, removes the whole `text`.
 Challenge takeChallenge(std::string_view& text) {
   Challenge challenge;
   challenge.scheme = schemeOf(takeToken(text));

@@ -1,5 +1,5 @@
-// Basic and Digest for requests in absolute form (RFC 7617, RFC 7616). For CONNECT, libcurl does
-// the same.
+// Authentication with Basic and Digest for requests in absolute form (RFC 7617, RFC 7616). For
+// CONNECT, libcurl does the authentication.
 //
 // NTLM and Negotiate authenticate a connection, not a request. The relay does not support them.
 #pragma once
@@ -23,7 +23,7 @@ struct Challenge {
   std::string realm;
   std::string nonce;
   std::string opaque;
-  bool hasQop = false;     ///< "auth" is offered
+  bool hasQop = false;     ///< the proxy offers qop "auth"
   bool isSession = false;  ///< "-sess"
   bool isStale = false;    ///< the nonce was too old; the password may be right
 };

@@ -183,7 +183,7 @@ std::string setKey(Configuration& configuration, std::string_view key, const tom
   return setter->second(configuration, value);
 }
 
-/// A key in quotes may hold any text, so only plain keys are shown.
+/// A key in quotes may contain any text, so only plain keys are shown.
 std::string shownKey(std::string_view key) {
   return isWord(key) && key.size() <= 64 ? std::string(key) : std::string("this key");
 }
@@ -264,7 +264,8 @@ ReadCredentials readCredentials(std::string_view text) {
   }
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
-    // The library's own description could quote a line of the file, which holds passwords.
+    // The description from the library could quote a line of the file, and the file contains
+    // passwords.
     read.problems.push_back({parsed.error().source().begin.line, "is not TOML"});
     return read;
   }

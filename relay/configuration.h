@@ -1,8 +1,8 @@
 // The keys of relay.conf with their defaults and units, and the parser of this file.
 //
 // The format is TOML, as in settings.conf. Each key is optional. An unknown key, a value of the
-// wrong type or a value out of range is a problem, which is reported with its line. The relay then
-// does not start: a misspelt `deny-users` must not open the relay to everybody.
+// wrong type and a value out of range are problems. Each problem is reported with its line, and the
+// relay does not start: a misspelt `deny-users` must not open the relay to everybody.
 //
 // The configuration does not change after the start. Only the relay's one thread uses it.
 #pragma once
@@ -22,8 +22,8 @@ namespace relay {
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
 /// Maximum number of values of one list. The relay compares each connection with each value.
 inline constexpr std::size_t kMaxListValues = 256;
-/// Highest value of the connection limits. Each connection needs two descriptors, and few processes
-/// may open more than twice this number.
+/// Highest value that the connection limits accept. Each connection needs two descriptors, and few
+/// processes may open more than twice this number of descriptors.
 inline constexpr unsigned kMostConnections = 65536;
 /// Shortest and longest time that a key accepts.
 inline constexpr std::chrono::seconds kShortestTime{1};
@@ -51,8 +51,8 @@ struct Configuration {
   NoAnswer whenNoAnswer = NoAnswer::kDirect;
   /// `allow-ports = [443, "8000-8999"]`: ports that CONNECT and SOCKS may use. Empty: all.
   std::vector<PortRange> allowPorts;
-  /// `allow-from = ["192.0.2.0/24"]`: networks whose machines may use the relay, besides loopback.
-  /// Empty: none.
+  /// `allow-from = ["192.0.2.0/24"]`: networks whose machines may use the relay, in addition to
+  /// loopback. Empty: none.
   std::vector<Network> allowFrom;
   /// `allow-users = ["name", "@group"]`: only these users may use the relay. Empty: all users.
   std::vector<std::string> allowUsers;
@@ -64,22 +64,24 @@ struct Configuration {
   std::vector<std::string> credentialsFor;
   /// `credentials-file = "/path"`: a file with a user and a password for each proxy. Empty: none.
   std::string credentialsFile;
-  /// `credentials-hosts = ["proxy.example.org"]`: proxies that get the credentials of that file
-  /// when a script names them. A name without a port stands for each port. The manual proxy always
-  /// gets its credentials.
+  /// `credentials-hosts = ["proxy.example.org"]`: proxies that get their credentials of that file
+  /// even if a script names them. A name without a port stands for each port. The manual proxy
+  /// always gets its credentials.
   std::vector<std::string> credentialsHosts;
   /// `max-connections = 4096`: for all clients together.
   unsigned maxConnections = 4096;
   /// `max-connections-of-user = 1024`: for each user. All clients whose user is not known count as
   /// one user.
   unsigned maxConnectionsOfUser = 1024;
-  /// `head-time = "60s"`: time limit for the whole head of a request. The time starts with the
-  /// connection, and on a kept connection with the first byte of the next request.
+  /// `head-time = "60s"`: time limit for the whole head of a request. For the first request, the
+  /// time starts with the connection. For each later request, it starts with the first byte of the
+  /// request.
   std::chrono::seconds headTime{60};
   /// `connect-time = "10s"`: time limit for one entry of an answer, until its tunnel or connection
   /// is ready.
   std::chrono::seconds connectTime{10};
-  /// `idle-time = "1h"`: longest time of a tunnel or a transfer without a byte in either direction.
+  /// `idle-time = "1h"`: longest time without a byte in either direction, in a tunnel or a
+  /// transfer.
   std::chrono::seconds idleTime{std::chrono::hours{1}};
   /// `kept-time = "60s"`: how long a kept connection may wait for its next request.
   std::chrono::seconds keptTime{60};
@@ -94,7 +96,7 @@ struct Configuration {
 
 /// A problem of a configuration file.
 struct Problem {
-  unsigned line = 0;  ///< from 1; 0 if the problem is the file itself
+  unsigned line = 0;  ///< from 1; 0 if the problem is not in a line, but in the file itself
   std::string text;
   bool operator==(const Problem&) const = default;
 };
@@ -121,7 +123,7 @@ struct ReadCredentials {
 ReadConfiguration readConfiguration(std::string_view text);
 
 /// Reads the text of a credentials file. The file has a table `["host:port"]` for each proxy, with
-/// the keys `user` and `password`. Problems hold no value of the file.
+/// the keys `user` and `password`. The texts of problems contain no value of the file.
 ReadCredentials readCredentials(std::string_view text);
 
 /// Reads "192.0.2.0/24", "2001:db8::/32" or a single address.

@@ -35,7 +35,7 @@ class Race : public std::enable_shared_from_this<Race> {
     const auto socket = mSockets.emplace(mSockets.end(), mLoop);
     mRunning++;
     // The timer is set before the attempt, because an attempt that fails at once starts the next
-    // one.
+    // attempt.
     mTimer.expires_after(kNextAddressAfter);
     mTimer.async_wait([self = shared_from_this()](const ErrorCode& error) {
       if (!error) self->startNext();

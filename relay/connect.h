@@ -1,5 +1,5 @@
-// Connects by TCP to one of the addresses of a name: the one that answers first (RFC 8305, "happy
-// eyeballs").
+// Connects by TCP to one of the addresses of a name: the address that answers first (RFC 8305,
+// "happy eyeballs").
 #pragma once
 
 #include <chrono>

@@ -77,7 +77,7 @@ bool Context::isOurs(const sockaddr* address) const {
     unsigned char own[16];
     if (!addressBytes(listen.data(), own)) return false;
     if (portOf(listen.data()) != portOf(address)) return false;
-    // The kernel connects to loopback if a program connects to the unspecified address.
+    // If a program connects to the unspecified address, the kernel connects it to loopback.
     if (isAny(bytes)) return isAny(own) || isLoopback(listen.data());
     return isAny(own) ? isOwnOrLinkLocal(address) : std::memcmp(own, bytes, sizeof(own)) == 0;
   });
@@ -99,7 +99,7 @@ Credentials Context::credentialsFor(const Entry& entry, const std::string& mode,
     return base::equalIgnoringCase(listed, host) || base::equalIgnoringCase(listed, place);
   };
   const auto& hosts = configured.configuration.credentialsHosts;
-  // Without this check, a script could name any host, and that host would get the password.
+  // A script can name any host. Without this check, such a host would get the password.
   if (mode != "manual" && std::none_of(hosts.begin(), hosts.end(), isThis)) return {};
   for (const auto& [listed, credentials] : configured.credentials) {
     if (isThis(listed)) return credentials;

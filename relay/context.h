@@ -1,5 +1,5 @@
-// What all connections of the relay share. The process has one Context; only the relay's one thread
-// uses it.
+// The objects that all connections of the relay share. The process has one Context, and only the
+// relay's thread uses it.
 #pragma once
 
 #include <string>
@@ -21,8 +21,8 @@ namespace relay {
 /// clears it.
 inline constexpr std::size_t kMaxChallenges = 64;
 
-/// The last challenge of a proxy. With it, the next request sends its password at once. If the
-/// challenge has no scheme, the proxy has accepted a request without a password.
+/// The last challenge of a proxy. With it, the next request to this proxy can send the password at
+/// once. If the challenge has no scheme, the proxy has accepted a request without a password.
 struct KnownChallenge {
   Challenge challenge;
   std::string clientNonce;

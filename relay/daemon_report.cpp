@@ -59,7 +59,7 @@ std::optional<base::DaemonStatus> ask() {
 }  // namespace
 
 void DaemonReport::start() {
-  // Only the main thread may receive signals.
+  // All signals are blocked in the new thread, because only the main thread may receive signals.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -86,7 +86,7 @@ Task<std::optional<base::DaemonStatus>> DaemonReport::read() {
     start();
   }
   const auto asked = mAsked;
-  if (asked->isDone) {  // no thread
+  if (asked->isDone) {  // no thread could be started
     mAsked.reset();
     co_return std::nullopt;
   }

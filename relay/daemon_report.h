@@ -1,8 +1,9 @@
-// The status line that the daemon sends to systemd, for the relay's pages: when the daemon was
-// configured, and the source of its script. Every user may read this line.
+// The status line that the daemon sends to systemd. The relay's pages use it: it has the time of
+// the last configuration and the source of the script. Every user may read this line.
 //
-// The bus library waits without a limit while it connects, so a separate thread asks. Only one
-// thread asks at a time. Pages that want the report meanwhile share its result.
+// The bus library waits without a limit while it connects, so a separate thread asks systemd. Only
+// one thread asks at a time. If another page needs the report meanwhile, it uses the result of the
+// same thread.
 #pragma once
 
 #include <memory>

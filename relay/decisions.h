@@ -1,4 +1,4 @@
-// What the relay did, for its pages: counters, and the last decisions for each user.
+// The relay's counters and its last decisions for each user. The relay's pages show them.
 #pragma once
 
 #include <sys/types.h>
@@ -22,7 +22,7 @@ struct Decision {
   std::time_t time = 0;  ///< in seconds since 1970
   uid_t user = 0;
   std::string destination;  ///< "host:port", never a path
-  std::string entry;        ///< the entry's name, or why there was none
+  std::string entry;        ///< the entry's name, or the reason why there was none
   bool isGood = true;
 };
 
@@ -39,13 +39,13 @@ class Decisions {
 };
 
 struct Counters {
-  std::uint64_t connections = 0;  ///< accepted
-  std::uint64_t refused = 0;      ///< by a limit, an address or a user
-  std::uint64_t tunnels = 0;      ///< connected by CONNECT or SOCKS
+  std::uint64_t connections = 0;  ///< accepted connections
+  std::uint64_t refused = 0;      ///< refused connections: by a limit, an address or a user
+  std::uint64_t tunnels = 0;      ///< tunnels that were opened with CONNECT or SOCKS
   std::uint64_t requests = 0;     ///< answered requests in absolute form
-  std::uint64_t failed = 0;       ///< no entry worked
-  std::uint64_t malformed = 0;    ///< refused with 400
-  std::uint64_t open = 0;         ///< connections now
+  std::uint64_t failed = 0;       ///< requests for which no entry worked
+  std::uint64_t malformed = 0;    ///< requests that were refused with 400
+  std::uint64_t open = 0;         ///< connections that are open now
 };
 
 }  // namespace relay

@@ -57,7 +57,7 @@ std::optional<Destination> readAuthority(std::string_view text, std::uint16_t us
     if (!isName(read.host)) return std::nullopt;
     behind = text.substr(end);
   }
-  // "host:" is valid in a URL and means the usual port.
+  // "host:" is valid in a URL and means the default port.
   if (behind == ":" && usual != 0) return read;
   if (!behind.empty() && (behind.front() != ':' || !readPort(behind.substr(1), read.port))) {
     return std::nullopt;

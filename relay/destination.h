@@ -30,7 +30,7 @@ std::optional<Destination> readAuthority(std::string_view text, std::uint16_t us
 /// An absolute http URL, which is the target of a request to a proxy.
 struct HttpTarget {
   Destination destination;
-  std::string_view path;  ///< from "/" or "?" on; may be empty
+  std::string_view path;  ///< begins with "/" or "?"; may be empty
 };
 
 /// Reads "http://host[:port][/path][?query]". A user name or a fragment is an error, because RFC

@@ -27,7 +27,7 @@ struct Entry {
 struct Answer {
   proxymanager_status status = PROXYMANAGER_NO_DAEMON;
   std::string mode;            ///< "off", "manual", "pacurl", "wpad", "local"; empty without answer
-  std::vector<Entry> entries;  ///< those that can be used, in the order to be tried
+  std::vector<Entry> entries;  ///< the usable entries, in the order in which they are tried
 };
 
 }  // namespace relay

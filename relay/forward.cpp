@@ -12,10 +12,10 @@ namespace relay {
 
 namespace {
 
-/// Longer than any request. For a wait that another event ends.
+/// Longer than any request: for a wait that ends only because of another event.
 constexpr Clock::duration kForever = std::chrono::hours{24 * 365};
 
-/// A request that may be repeated if its connection ended without an answer (RFC 9110, 9.2.2).
+/// Whether a request may be repeated if its connection ended without an answer (RFC 9110, 9.2.2).
 bool isRepeatable(std::string_view method) {
   static constexpr std::array<std::string_view, 6> kMethods = {"GET",   "HEAD", "OPTIONS",
                                                                "TRACE", "PUT",  "DELETE"};
@@ -72,7 +72,7 @@ Task<Session::Next> Session::forward(const RequestHead& request) {
   co_return co_await respond(failure.status, failure.text);
 }
 
-/// Whether the client has got nothing of this exchange.
+/// Whether the client has received nothing in this exchange.
 bool Session::isWithoutAnswer(Exchange exchange) {
   return exchange == Exchange::kNoAnswer || exchange == Exchange::kRefusedAnswer ||
          exchange == Exchange::kAuthentication || exchange == Exchange::kAgain;
@@ -114,7 +114,8 @@ Task<Session::Exchange> Session::exchange(const RequestHead& request, const Http
       continue;
     }
     mFresh.reset();
-    // A kept connection may have ended in the meantime. This does not mean that its proxy failed.
+    // A kept connection may have ended before this request. This does not mean that its proxy has
+    // failed.
     if (wasReused && result == Exchange::kNoAnswer && !mIsBodyStarted &&
         isRepeatable(request.method)) {
       continue;
@@ -166,8 +167,9 @@ Task<bool> Session::mayBodyLeave() {
   co_return cancellation.cancelled() == asio::cancellation_type::none && !mHasServerByte;
 }
 
-/// Sends the request's body, and then waits: when the answer is complete, the caller cancels this
-/// coroutine. It ends by itself only if the client's connection ended or the body is broken.
+/// Sends the request's body, and then waits. When the answer is complete, the caller cancels this
+/// coroutine. The coroutine ends by itself only if the client's connection has ended, the server's
+/// connection is gone, or the body is broken.
 Task<void> Session::sendBody(const RequestHead& request) {
   BodyReader body(request.body);
   std::string out;
@@ -185,21 +187,21 @@ Task<void> Session::sendBody(const RequestHead& request) {
     }
     keepAlive();
     if (out.empty()) continue;
-    // The answer may be complete. It needs no wait if the server sent it before the body began.
+    // Without mServer, the answer is complete already: the server sent it before the body began.
     if (!mServer) co_return;
     mIsBodyStarted = true;
-    // The server may refuse the rest of the body and still answer.
+    // If the server refuses the rest of the body, it may still answer.
     isSent = co_await mServer->stream.write(out);
   }
   mIsBodySent = isSent && body.isComplete();
   std::string().swap(out);
-  // A connection that takes no more bytes has ended: answer() reads what came before its end.
+  // If the connection accepts no more bytes, it has ended: answer() reads what came before the end.
   Event never(mContext.loop);
   co_await never.wait(kForever);
 }
 
-/// What follows if the relay has no head of an answer to forward. A proxy may pass on what a server
-/// sends. So only an answer that is no HTTP may be the proxy's own failure.
+/// What the relay does if it has no head of an answer to forward. A proxy may pass on what a server
+/// sends. So a failure counts as the proxy's own only if its answer is not HTTP.
 Session::Exchange Session::withoutAnswer() const {
   return mIsAnswerHttp ? Exchange::kRefusedAnswer : Exchange::kNoAnswer;
 }
@@ -236,7 +238,7 @@ Task<bool> Session::readResponse(const RequestHead& request, std::string& head,
   }
 }
 
-/// The value of Proxy-Authorization for mServer. Empty if its challenge is not known.
+/// The value of Proxy-Authorization for mServer. Empty if the challenge of mServer is not known.
 std::string Session::authorization(const RequestHead& request, const Route& route) {
   if (!mServer->isAbsoluteForm) return {};
   const auto known = mContext.challenges.find(mServer->entry.name());
@@ -248,8 +250,8 @@ std::string Session::authorization(const RequestHead& request, const Route& rout
                           targetFor(request, route), challenge.clientNonce, ++challenge.count);
 }
 
-/// Whether mServer could answer this request's head with a 407 for which the relay has a password.
-/// A known Digest challenge does not exclude that: its nonce may be too old.
+/// Whether mServer could answer this request's head with a 407, and the relay has a password for
+/// it. This is possible even if a Digest challenge is known, because its nonce may be too old.
 bool Session::mayWantPassword(const RequestHead& request, const Route& route) {
   const bool hasBody = request.body.kind != BodyKind::kNone;
   if (!hasBody || !mServer->isAbsoluteForm || mIsExpectRefused) return false;
@@ -260,7 +262,7 @@ bool Session::mayWantPassword(const RequestHead& request, const Route& route) {
   return scheme == Challenge::Scheme::kDigestMd5 || scheme == Challenge::Scheme::kDigestSha256;
 }
 
-/// Keeps the challenge of a 407. @return whether another attempt can send a password
+/// Stores the challenge of a 407. @return whether another attempt can send a password
 bool Session::canAuthenticate(const ResponseHead& response, const Route& route) {
   if (mFresh) return false;  // the proxy has refused this password
   if (mContext.credentialsFor(mServer->entry, route.mode(), mPeer).user.empty()) return false;
@@ -273,7 +275,7 @@ bool Session::canAuthenticate(const ResponseHead& response, const Route& route) 
   if (known.challenge.scheme == Challenge::Scheme::kNone) return false;
   known.clientNonce = newClientNonce();
   // A proxy refuses a count if it has seen a higher count of the same nonce. Requests that share a
-  // nonce may overtake each other, so the next attempt uses a nonce of its own.
+  // nonce may overtake each other, so only the next attempt uses this new nonce.
   mFresh = std::move(known);
   return true;
 }
@@ -282,12 +284,12 @@ bool Session::canAuthenticate(const ResponseHead& response, const Route& route) 
 Session::Exchange Session::challenged(const ResponseHead& response, const Route& route) {
   if (!canAuthenticate(response, route)) return Exchange::kAuthentication;
   if (!mIsBodyStarted) return Exchange::kAgain;
-  // This request cannot use the challenge any more, but the next one can.
+  // This request can no longer use the challenge, but the next request can.
   shareChallenge();
   return Exchange::kAuthentication;
 }
 
-/// Stores for further requests what the proxy wants: a password with this nonce, or no password.
+/// Stores what the proxy wants from further requests: a password with this nonce, or no password.
 void Session::shareChallenge() {
   if (!mFresh && !mContinue) return;
   if (mContext.challenges.size() >= kMaxChallenges) mContext.challenges.clear();
@@ -352,8 +354,8 @@ Task<Session::Exchange> Session::relayResponse(const RequestHead& request, const
                             response.body.kind != BodyKind::kUntilClose && response.isHttp11 &&
                             keepsConnection(response.fields, true);
   if (!isServerKept) mServer.reset();
-  // The client must see that the body is incomplete, so its connection ends here. If this end would
-  // complete the body, the connection ends with a reset.
+  // The client must see that the body is incomplete, so its connection ends here. If the end of the
+  // connection would mark the end of the body, the connection ends with a reset.
   if (!isWhole && !isDelimited) mClient.abandon();
   if (!isWhole) mClient.close();
   co_return isWhole&& form.isKept ? Exchange::kKeep : Exchange::kClose;

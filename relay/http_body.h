@@ -1,8 +1,8 @@
 // Follows the bytes of an HTTP/1 body while they pass through the relay.
 //
-// The reader is strict with a chunked body, and the relay writes the chunks again in its own form.
-// The relay drops the extensions of chunks. It checks the trailers, and sends them after the last
-// chunk. So neither side can send hidden content to the other in the chunk format.
+// The reader accepts only a strictly correct chunked body, and the relay writes the chunks in its
+// own form. It drops the extensions of chunks. It checks the trailers and sends them after the last
+// chunk. So neither side can hide content for the other side in the chunk format.
 #pragma once
 
 #include <cstddef>
@@ -19,23 +19,24 @@ inline constexpr std::size_t kMaxChunkLine = 4096;
 /// Longest trailers of a body, in bytes.
 inline constexpr std::size_t kMaxTrailerBytes = 16U << 10U;
 
-/// Follows one body. It may run on any thread, but on one at a time.
+/// Follows one body. Any thread may use it, but only one at a time.
 class BodyReader {
  public:
   /// @param keepsChunks whether a chunked body stays chunked; if false, it is written without
   /// chunks
   explicit BodyReader(const Body& body, bool keepsChunks = true);
 
-  /// Takes bytes of the body from the start of `bytes`, and adds the bytes to write to `out`. It
-  /// leaves bytes that follow the end of the body.
-  /// @return the number of bytes taken; see also problem()
+  /// Reads bytes of the body from the start of `bytes`, and appends the bytes that the relay
+  /// forwards to `out`. It does not read bytes after the end of the body.
+  /// @return the number of bytes read; see also problem()
   std::size_t take(std::string_view bytes, std::string& out);
 
-  /// The stream ended. This completes a body of kUntilClose.
+  /// Reports the end of the stream, which completes a body of kUntilClose.
   void streamEnded();
 
   bool isComplete() const { return mState == State::kEnd; }
-  /// If the body is broken: one line for people, and take() takes nothing more. Else an empty text.
+  /// If the body is broken: one line for people; take() then reads nothing more. Else an empty
+  /// text.
   const char* problem() const { return mProblem; }
 
  private:
@@ -52,7 +53,7 @@ class BodyReader {
   const bool mKeepsChunks;
   const bool mIsUntilClose;
   bool mHasLine = false;    ///< mLine is a whole line, without its CR LF
-  std::uint64_t mRest = 0;  ///< bytes of this chunk, or of the body
+  std::uint64_t mRest = 0;  ///< remaining bytes of this chunk, or of the body
   std::string mLine;        ///< the received part of a line
   std::string mTrailers;    ///< lines with their ends
   const char* mProblem = "";

@@ -32,7 +32,8 @@ bool isTarget(std::string_view text) {
                                        [](char c) { return base::isControl(c) || c == ' '; });
 }
 
-/// Takes the next line from `text`, without its end. isValue() finds a CR or LF in the line.
+/// Removes the next line from `text`. @return the line without its end; a single CR or LF may be
+/// inside, and isValue() finds it
 std::string_view takeLine(std::string_view& text) {
   const auto end = text.find(kLineEnd);
   const auto line = text.substr(0, end);

@@ -1,12 +1,12 @@
 // A strict reader of the head of an HTTP/1 message.
 //
 // Request smuggling needs a head that two readers understand in two ways. This reader refuses such
-// a head. In a head that it accepts, each line ends with CR LF, there is no control character, no
-// line is folded, and the body has one length. The relay can write each head that the reader
+// a head. In an accepted head, each line ends with CR LF, there is no control character, no line is
+// folded, and the length of the body is clear. The relay can write every head that the reader
 // accepts.
 //
 // All functions are pure and may run on any thread. Names and values of a head are views of the
-// text that was read, so the caller keeps this text as long as the head.
+// text that was read. So the caller must keep this text as long as the head.
 #pragma once
 
 #include <cstddef>
@@ -35,7 +35,7 @@ enum class BodyKind : std::uint8_t { kNone, kLength, kChunked, kUntilClose };
 /// How the reader finds the end of a body.
 struct Body {
   BodyKind kind = BodyKind::kNone;
-  std::uint64_t length = 0;  ///< of kLength, in bytes
+  std::uint64_t length = 0;  ///< for kLength, in bytes
 };
 
 class Fields {
@@ -44,7 +44,8 @@ class Fields {
   std::string_view find(std::string_view name) const;
   std::size_t count(std::string_view name) const;
   bool has(std::string_view name) const { return count(name) != 0; }
-  /// Whether one of the comma-separated words in the fields `name` is `word`, in any letter case.
+  /// Whether the fields `name` contain `word`, in any letter case. Their values are words with
+  /// commas between them.
   bool hasWord(std::string_view name, std::string_view word) const;
 
   std::vector<Field> list;
@@ -64,12 +65,13 @@ struct ResponseHead {
   bool isHttp11 = false;
   Fields fields;
   Body body;
-  /// The body had two lengths and was read as chunked, as browsers do. The connection must end
-  /// after it.
+  /// The head had two lengths, and the body is read as chunked, as in browsers. The connection must
+  /// end after this body.
   bool isDoubtful = false;
 };
 
-/// Why a head was refused: an HTTP status and one line for people. Status 0: it was accepted.
+/// Why a head was refused: an HTTP status and one line for people. With status 0, the head was
+/// accepted.
 struct HeadProblem {
   unsigned status = 0;
   const char* text = "";
@@ -77,13 +79,14 @@ struct HeadProblem {
 
 /// @return the length of the head at the start of `bytes`, in bytes, with the empty line at its
 ///         end; 0 if the empty line has not come yet
-/// @param from where the search starts; the caller has searched the bytes before it
+/// @param from where the search starts; the bytes before it were searched in an earlier call
 std::size_t headLength(std::string_view bytes, std::size_t from = 0);
 
 /// Reads the whole head of a request. `head` ends with the empty line.
 HeadProblem readRequestHead(std::string_view head, RequestHead& request);
 
-/// Reads the whole head of a response. `method` is the method of the request: a body depends on it.
+/// Reads the whole head of a response. `method` is the method of the request: it decides whether
+/// there is a body.
 HeadProblem readResponseHead(std::string_view head, std::string_view method,
                              ResponseHead& response);
 

@@ -22,7 +22,8 @@ namespace relay {
 namespace {
 
 constexpr std::string_view kUnixPrefix = "unix:";
-/// Every user may connect, as to a port on loopback. allow-users and deny-users restrict them.
+/// Every user may connect, as with a port on loopback. allow-users and deny-users restrict the
+/// users.
 constexpr mode_t kSocketMode = 0666;
 
 [[noreturn]] void fail(const std::string& address) {

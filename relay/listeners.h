@@ -15,10 +15,11 @@ inline constexpr const char* kUsualAddresses[] = {"127.0.0.1:3128", "[::1]:3128"
 /// many tabs at once.
 inline constexpr int kBacklog = 1024;
 
-/// Opens the listening sockets: the `addresses` ("ADDRESS:PORT", "[ADDRESS]:PORT", "unix:PATH"),
-/// else the sockets that systemd passes, else kUsualAddresses. One of kUsualAddresses may fail,
-/// because a machine may have no IPv6. An old socket at the path of a Unix socket is replaced;
-/// another file at this path is an error. Call it at the start, on one thread.
+/// Opens the listening sockets at `addresses` ("ADDRESS:PORT", "[ADDRESS]:PORT", "unix:PATH"). If
+/// there are none, uses the sockets that systemd passes. If there are none either, uses
+/// kUsualAddresses; one of these may fail, because a machine may have no IPv6. An old socket at the
+/// path of a Unix socket is replaced; any other file at this path is an error. Call this function
+/// at the start, while the process has one thread.
 /// @return listening sockets, close-on-exec and non-blocking
 /// Throws std::system_error if a socket cannot be opened, std::invalid_argument for a bad address.
 std::vector<base::UniqueFd> listen(const std::vector<std::string>& addresses);

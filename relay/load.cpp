@@ -12,7 +12,7 @@ std::string problemText(const base::FileFailure& failure) {
   return failure.error != 0 ? std::strerror(failure.error) : "cannot be read";
 }
 
-/// The file holds passwords, so it must belong to root or to the relay's user.
+/// The file contains passwords, so it must belong to root or to the relay's user.
 std::vector<Problem> loadCredentials(Configured& configured) {
   const auto& path = configured.configuration.credentialsFile;
   base::FileDemands demands;
@@ -28,7 +28,8 @@ std::vector<Problem> loadCredentials(Configured& configured) {
   return std::move(read.problems);
 }
 
-/// Adds a problem for each unknown name in deny-users, and a warning for each in the other lists.
+/// Adds a problem for each unknown name in deny-users, and a warning for each unknown name in the
+/// other lists.
 void checkUsers(Configured& configured, std::vector<Problem>& problems) {
   const auto& configuration = configured.configuration;
   const auto unknown = [](const char* key, const std::vector<std::string>& names) {

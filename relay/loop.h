@@ -1,8 +1,8 @@
-// Short names for the parts of Asio that the relay uses, an event, and one timeout check for many
-// objects.
+// Short names for the parts of Asio that the relay uses, a class for events, and one timeout check
+// for many objects.
 //
-// Code that includes this header runs on the relay's one thread, unless a comment names another
-// thread. Asio's headers compile slowly, so only files with asynchronous code include this one.
+// Code that includes this header runs on the relay's thread, unless a comment names another thread.
+// Asio's headers compile slowly, so only files with asynchronous code include this one.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
@@ -29,12 +29,13 @@ using Socket = Protocol::socket;
 template <typename Value>
 using Task = asio::awaitable<Value>;
 
-/// A one-time event: coroutines wait for it, other code on the loop triggers it.
+/// A one-time event: coroutines wait for it, and other code on the loop triggers it.
 class Event {
  public:
   explicit Event(asio::io_context& loop) : mTimer(loop) {}
 
-  /// Waits until happen() is called, or for `limit`. @return whether the event has happened
+  /// Waits until happen() is called, but for `limit` at most. @return whether the event has
+  /// happened
   Task<bool> wait(Clock::duration limit) {
     if (mHappened) co_return true;
     ErrorCode error;

@@ -86,7 +86,8 @@ Options parse(int argc, char** argv, bool& checks) {
   return options;
 }
 
-/// Holds back a signal during the start until run() handles it. The relay then ends with status 0.
+/// Blocks the signals that end the relay. If one arrives during the start, run() handles it, and
+/// the relay ends with status 0.
 void holdEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
@@ -94,7 +95,7 @@ void holdEndSignals() {
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
-/// Reports the problems. @return whether there are none
+/// Reports the problems. @return whether there were none
 bool report(const std::string& path, const std::vector<relay::Problem>& problems) {
   for (const auto& problem : problems) {
     const std::string line = problem.line != 0 ? ":" + std::to_string(problem.line) : "";

@@ -25,8 +25,8 @@ Protocol::endpoint withPort(Protocol::endpoint endpoint, std::uint16_t port) {
   return endpoint;
 }
 
-/// Orders the families by turns, starting with the family of the first address (RFC 8305, section
-/// 4).
+/// Puts IPv6 and IPv4 addresses in alternating order. The family of the first address comes first
+/// (RFC 8305, section 4).
 void interleave(std::vector<Protocol::endpoint>& list) {
   if (list.empty()) return;
   const auto family = list.front().data()->sa_family;
@@ -99,7 +99,7 @@ Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::durat
     co_return addresses;
   }
   auto& waiting = mOfUsers[user].waiting;
-  // A lookup without a waiting request does not run.
+  // A lookup for which no request waits any more is not started.
   std::erase_if(waiting, [](const auto& one) { return one->isStarted || one->waiting.empty(); });
   const auto found = mLookups.find(host);
   const auto lookup = found != mLookups.end() ? found->second : std::make_shared<Lookup>();
@@ -110,7 +110,7 @@ Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::durat
       addresses.wasAsked = false;
       co_return addresses;
     }
-    // Another user may have asked for it, too. It runs at the earlier of both turns.
+    // Another user may have asked for the same lookup. It runs at the first turn of either user.
     waiting.push_back(lookup);
   }
   if (found == mLookups.end()) {
@@ -140,7 +140,8 @@ Task<Addresses> Names::wait(const LookupPtr& lookup, std::uint16_t port, Clock::
   co_return addresses;
 }
 
-/// Takes the lookup whose turn it is. @return nothing if no lookup may start
+/// Removes the lookup whose turn it is from its queue. @return this lookup; nothing if no lookup
+/// may start
 Names::LookupPtr Names::next() {
   auto user = mOfUsers.upper_bound(mLastUser);
   for (std::size_t left = mOfUsers.size(); left != 0; left--) {
@@ -169,7 +170,7 @@ void Names::startMore() {
 
 void Names::start(const LookupPtr& lookup) {
   lookup->isStarted = true;
-  // Only the main thread may receive signals.
+  // All signals are blocked in the new thread, because only the main thread may receive signals.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);

@@ -1,6 +1,7 @@
 // Name lookups by the system's resolver. Each lookup has its own thread, so a slow name does not
-// delay other names. Waiting lookups get a thread round robin over users, and no user has all
-// threads: so the slow names of one user do not stop the lookups of the others.
+// delay other names. When a thread is free, the users with waiting lookups take turns (round
+// robin), and no user gets all threads. So the slow names of one user do not stop the lookups of
+// other users.
 #pragma once
 
 #include <sys/types.h>
@@ -27,9 +28,9 @@ inline constexpr std::size_t kMaxAddresses = 16;
 
 struct Addresses {
   std::vector<Protocol::endpoint>
-      list;              ///< in the order to be tried (RFC 8305), at most kMaxAddresses
+      list;              ///< in the order in which they are tried (RFC 8305), at most kMaxAddresses
   std::string problem;   ///< if the list is empty
-  bool wasAsked = true;  ///< false: the lookup did not run, so the problem is no fault of the name
+  bool wasAsked = true;  ///< false: the lookup did not run, so the name is not the cause
 };
 
 class Names {
@@ -42,7 +43,7 @@ class Names {
  private:
   struct Lookup {
     std::string host;
-    uid_t user = 0;  ///< the user whose thread the lookup has
+    uid_t user = 0;  ///< the user in whose turn the lookup was started
     bool isStarted = false;
     bool isDone = false;
     Addresses addresses;  ///< with port 0
@@ -68,7 +69,7 @@ class Names {
   std::size_t mRunning = 0;
 };
 
-/// Reads an address in `text`. @return whether it is one
+/// Reads an address in `text`. @return whether `text` is an address
 bool readAddress(const std::string& text, std::uint16_t port, Protocol::endpoint& endpoint);
 
 /// "192.0.2.1" or "2001:db8::1".

@@ -11,22 +11,22 @@
 
 namespace relay {
 
-/// One proxy that has a penalty: the relay tries it last.
+/// A proxy that has a penalty: the relay tries it last.
 struct PenaltyReport {
   std::string entry;
   std::string reason;
-  std::chrono::seconds rest{0};  ///< until it is no longer tried last
+  std::chrono::seconds rest{0};  ///< until the penalty ends
 };
 
 /// What the pages show to one user.
 struct Report {
   std::string mode;     ///< the daemon's mode; empty if the daemon does not answer
-  std::string source;   ///< where the answers come from; empty if not known
+  std::string source;   ///< the source of the answers; empty if not known
   std::string problem;  ///< why the daemon does not answer; else empty
   std::optional<std::chrono::seconds> scriptAge;  ///< of the script in use
   std::vector<PenaltyReport> penalties;
   Counters counters;
-  std::size_t asked = 0;    ///< questions that are with the daemon
+  std::size_t asked = 0;    ///< questions that were sent to the daemon and are not answered
   std::size_t waiting = 0;  ///< questions that wait in the queue
   bool isUserKnown = false;
   std::vector<Decision> decisions;  ///< for this user; for root, of all users
@@ -34,13 +34,13 @@ struct Report {
   std::vector<std::string> way;     ///< the entries for askedUrl, in order, or why there are none
 };
 
-/// The page for people, HTML without scripts.
+/// The page for people: HTML without scripts.
 std::string htmlOf(const Report& report);
 /// The style sheet of the page.
 const char* pageStyle();
 /// The report as JSON.
 std::string jsonOf(const Report& report);
-/// The counters in the OpenMetrics text format. It holds nothing about users.
+/// The counters in the OpenMetrics text format. The text has no information about users.
 std::string metricsOf(const Report& report);
 /// A PAC script for browsers that names the relay at `place`, for example "127.0.0.1:3128".
 std::string scriptFor(const std::string& place);

@@ -14,7 +14,8 @@ namespace relay {
 
 namespace {
 
-/// The relay asks the daemon about this URL to learn its mode. No such name exists (RFC 6761).
+/// The relay asks the daemon about this URL to get the daemon's mode. A host with this name never
+/// exists (RFC 6761).
 constexpr char kModeUrl[] = "http://proxymanager-relay.invalid/";
 
 /// Whether `text` is "localhost" or a loopback address, with any port.
@@ -61,7 +62,7 @@ void addScript(const std::optional<base::DaemonStatus>& reported, Report& report
     if (reported->script != 0) report.scriptAge = ageOf(reported->script);
     return;
   }
-  // Without systemd, the relay can see the daemon's own file.
+  // Without systemd, the relay uses the time of the daemon's script file.
   struct stat status {};
   if (lstat(base::kPacFile, &status) == 0 && S_ISREG(status.st_mode)) {
     report.scriptAge = ageOf(status.st_mtime);
@@ -103,7 +104,8 @@ Task<std::string> reportPage(Context& context, std::string_view path, std::strin
                              const Peer& peer, bool hasBody) {
   Report report;
   addState(context, report);
-  // Monitoring gets an answer even if the daemon does not answer.
+  // The page for monitoring does not ask the daemon, so it works even if the daemon does not
+  // answer.
   if (path == "/metrics") {
     co_return response("application/openmetrics-text; version=1.0.0; charset=utf-8",
                        metricsOf(report), hasBody);

@@ -10,7 +10,7 @@ namespace relay {
 
 /// The whole response to a request in origin form. The relay refuses a request whose Host is not
 /// loopback, and a request that a page of another site made. Otherwise, a web page could reach
-/// these pages by a host name that resolves to loopback.
+/// these pages through a host name that resolves to loopback.
 Task<std::string> pageFor(Context& context, const RequestHead& request, const Peer& peer);
 
 }  // namespace relay

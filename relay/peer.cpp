@@ -63,14 +63,14 @@ bool isOwnOrLinkLocal(const sockaddr* address) {
   unsigned char bytes[16];
   if (!addressBytes(address, bytes) || isLoopback(address)) return true;
   if (inNetwork("64:ff9b::/96", bytes)) {
-    // A translator connects to the IPv4 address in the last 32 bits (RFC 6052).
+    // A translator (NAT64) connects to the IPv4 address in the last 32 bits (RFC 6052).
     std::memset(bytes, 0, 10);
     bytes[10] = bytes[11] = 0xFF;
     if (inNetwork("127.0.0.0/8", bytes) || inNetwork("0.0.0.0/8", bytes)) return true;
   }
   if (inNetwork("169.254.0.0/16", bytes) || inNetwork("fe80::/10", bytes)) return true;
   ifaddrs* found = nullptr;
-  // Without the list, any address could be one of this machine's.
+  // Without the list of interfaces, any address could belong to this machine.
   if (getifaddrs(&found) != 0) return true;
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> list(found, freeifaddrs);
   for (const auto* one = found; one != nullptr; one = one->ifa_next) {

@@ -1,4 +1,4 @@
-// The user and the address of a client, and the check whether they may use the relay.
+// The user and the address of a client, and the check whether this client may use the relay.
 #pragma once
 
 #include <sys/socket.h>
@@ -24,8 +24,8 @@ struct Peer {
 };
 
 /// Finds the owner of the other end of an accepted connection. For TCP on this machine, the
-/// kernel's socket diagnosis (NETLINK_SOCK_DIAG) knows the owner. For a Unix socket, SO_PEERCRED
-/// knows it.
+/// kernel's socket diagnosis (NETLINK_SOCK_DIAG) reports the owner. For a Unix socket, SO_PEERCRED
+/// reports it.
 class Peers {
  public:
   explicit Peers(std::vector<Network> allowed) : mAllowed(std::move(allowed)) {}
@@ -53,7 +53,7 @@ class UserList {
   std::map<uid_t, bool> mKnown;  ///< users whose primary group was looked up
 };
 
-/// The names of `names` ("user", "@group") that no user or group has.
+/// Those of `names` ("user", "@group") that are not the name of a user or group.
 std::vector<std::string> unknownUsers(const std::vector<std::string>& names);
 
 /// The 16 bytes of an address as in Network. @return false if the family is not an IP family

@@ -6,7 +6,7 @@ namespace relay {
 
 namespace {
 
-/// Drops what ends first, if there is more than `most`.
+/// If the map has more than `most` elements, drops the element that ends first.
 template <typename Map>
 void dropFirst(Map& map, std::size_t most) {
   if (map.size() <= most) return;

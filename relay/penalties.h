@@ -30,13 +30,13 @@ class Penalties {
   /// Adds a penalty for the proxy `entry`. DIRECT never gets a penalty.
   void add(const Entry& entry, std::string reason, Clock::time_point now = Clock::now());
 
-  /// The proxy `entry` took a connection for `destination`, and then was slow or closed it without
-  /// an answer. The fault may be the destination's, so only requests for this destination try the
-  /// proxy last. The proxy gets a penalty if this happens for two destinations and the proxy
-  /// answered nothing in between.
+  /// Reports that the proxy `entry` accepted a connection for `destination`, and then was slow or
+  /// closed it without an answer. The destination may be the cause, so only requests for this
+  /// destination try the proxy last. If this happens for two destinations, and the proxy has
+  /// answered nothing in between, the proxy gets a penalty.
   void doubt(const Entry& entry, const std::string& destination, std::string reason,
              Clock::time_point now = Clock::now());
-  /// The proxy `entry` has answered.
+  /// Reports that the proxy `entry` has answered.
   void answered(const Entry& entry);
 
   /// Moves the entries with a penalty, or with a doubt for `destination`, behind the others. Both
@@ -50,7 +50,7 @@ class Penalties {
  private:
   struct Doubt {
     Clock::time_point end;
-    bool isLast = true;  ///< the proxy has answered nothing since
+    bool isLast = true;  ///< the proxy has answered nothing since then
   };
 
   void forget(Clock::time_point now);

@@ -34,7 +34,7 @@ curl_proxytype typeOf(proxymanager_kind kind) {
   }
 }
 
-/// Whether a SOCKS reply reports a failure of the destination and not of the proxy itself.
+/// Whether a SOCKS reply reports a failure of the destination, not of the proxy itself.
 bool isAboutDestination(long reply) {
   switch (reply) {
     case CURLPX_REPLY_GENERAL_SERVER_FAILURE:
@@ -52,7 +52,7 @@ bool isAboutDestination(long reply) {
   }
 }
 
-/// Whether the proxy took the connection, and then closed it or was slow.
+/// Whether the proxy accepted the connection, and then closed it or was slow.
 bool isWithoutAnswer(CURLcode code, long reply) {
   switch (code) {
     case CURLE_OPERATION_TIMEDOUT:
@@ -68,7 +68,8 @@ bool isWithoutAnswer(CURLcode code, long reply) {
   }
 }
 
-/// A write that TLS did not accept at once is repeated from a copy of its bytes.
+/// If TLS does not accept a write at once, the relay repeats it from a copy of its bytes, at
+/// another address.
 CURLcode onTlsContext(CURL*, void* context, void*) {
   SSL_CTX_set_mode(static_cast<SSL_CTX*>(context), SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   return CURLE_OK;
@@ -96,8 +97,8 @@ struct ProxyConnector::Transfer {
   Event done;
   CURLcode code = CURLE_OPERATION_TIMEDOUT;
   base::UniqueFd connected;  ///< the connection to the proxy, until libcurl asks for a socket
-  bool isConnected = false;  ///< libcurl got this connection at last
-  bool isTaken = false;      ///< the socket is no longer libcurl's
+  bool isConnected = false;  ///< libcurl got this connection in the end
+  bool isTaken = false;      ///< libcurl no longer owns the socket
   const bool isTls;
   char error[CURL_ERROR_SIZE] = "";
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers{nullptr, curl_slist_free_all};
@@ -110,8 +111,8 @@ struct ProxyConnector::Watch {
   Watch(asio::io_context& loop, curl_socket_t fd) : descriptor(loop, fd) {}
   asio::posix::stream_descriptor descriptor;
   int wanted = 0;
-  bool reads = false;   ///< a wait is under way
-  bool writes = false;  ///< a wait is under way
+  bool reads = false;   ///< a wait is in progress
+  bool writes = false;  ///< a wait is in progress
 };
 
 ProxyConnector::ProxyConnector(asio::io_context& loop, std::string via)
@@ -133,13 +134,13 @@ void ProxyConnector::setUp(Transfer& transfer, const Entry& entry, Stream connec
                            Clock::duration limit) {
   CURL* const handle = transfer.handle.get();
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit).count();
-  // libcurl takes 0 for its own limit of five minutes.
+  // 0 would mean libcurl's own limit of five minutes.
   const auto milliseconds = static_cast<long>(std::max<std::int64_t>(left, 1));
   ErrorCode error;
   const auto peer = connection.socket().remote_endpoint(error);
   transfer.connected.reset(connection.socket().release(error));
-  // libcurl uses this address for the name, without a lookup. "+": it forgets the address after a
-  // minute.
+  // libcurl uses this address for the name, without a lookup. With "+", libcurl forgets the address
+  // after a minute.
   const std::string at = "+" + entry.host + ":" + std::to_string(entry.port) + ":";
   transfer.address.reset(curl_slist_append(nullptr, (at + addressText(peer)).c_str()));
   curl_easy_setopt(handle, CURLOPT_RESOLVE, transfer.address.get());
@@ -156,12 +157,11 @@ void ProxyConnector::setUp(Transfer& transfer, const Entry& entry, Stream connec
   curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, onOpened);
   curl_easy_setopt(handle, CURLOPT_SOCKOPTDATA, &transfer);
   curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, onTlsContext);
-  // If the certificates are in a file, libcurl parses the file once for all connections. If they
-  // are in a folder, it needs 0.9 MiB for each connection. The system's file has the same
-  // certificates as its folder.
+  // libcurl parses a file of certificates once for all connections. A folder of certificates would
+  // need 0.9 MiB for each connection. The system's file has the same certificates as its folder.
   curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
   curl_easy_setopt(handle, CURLOPT_PROXY_CAPATH, nullptr);
-  // With TLS, libcurl owns the socket longer than the transfer lives.
+  // With TLS, libcurl owns the socket even after the end of the transfer.
   if (transfer.isTls) return;
   curl_easy_setopt(handle, CURLOPT_CLOSESOCKETFUNCTION, onClose);
   curl_easy_setopt(handle, CURLOPT_CLOSESOCKETDATA, &transfer);
@@ -209,7 +209,7 @@ Task<ThroughProxy> ProxyConnector::toHttpsProxy(const Entry& entry, Stream conne
 
 Task<ThroughProxy> ProxyConnector::run(Transfer& transfer) {
   curl_multi_add_handle(mMulti, transfer.handle.get());
-  // libcurl has its own time limits. This one is a second limit in case libcurl's do not work.
+  // libcurl has its own time limits. This is a second limit in case those do not work.
   constexpr std::chrono::hours kNever{24};
   co_await transfer.done.wait(kNever);
   co_return result(transfer, transfer.code);
@@ -224,7 +224,8 @@ ThroughProxy ProxyConnector::result(Transfer& transfer, CURLcode code) {
     forget(fd);
     through.result = ProxyResult::kConnected;
     if (transfer.isTls) {
-      // The transfer ends before its handle, so the handle must not keep pointers to it.
+      // The transfer object is destroyed before its handle, so the handle must not keep pointers to
+      // it.
       curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
       curl_easy_setopt(handle, CURLOPT_PROXYHEADER, nullptr);
       curl_easy_setopt(handle, CURLOPT_RESOLVE, nullptr);
@@ -261,7 +262,8 @@ curl_socket_t ProxyConnector::onOpen(void* transfer, curlsocktype, curl_sockaddr
   auto& self = *static_cast<Transfer*>(transfer);
   self.isConnected = static_cast<bool>(self.connected);
   if (self.isConnected) return self.connected.release();
-  // The proxy has closed its connection with an answer that wants a password.
+  // The proxy has closed its connection with an answer that requires a password, so libcurl needs a
+  // new socket.
   return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
@@ -288,7 +290,8 @@ int ProxyConnector::onSocket(CURL*, curl_socket_t fd, int what, void* self, void
   return 0;
 }
 
-/// libcurl or the caller closes the descriptor. Pending handlers may keep the watch alive longer.
+/// libcurl or the caller closes the descriptor. Pending handlers may keep the watch object alive
+/// longer.
 void ProxyConnector::forget(curl_socket_t fd) {
   const auto known = mWatches.find(fd);
   if (known == mWatches.end()) return;

@@ -1,9 +1,9 @@
-// Handshakes with proxies. libcurl makes them on the relay's loop.
+// Handshakes with proxies. libcurl does them on the relay's loop.
 //
 // The caller has connected to the proxy. libcurl does the handshake and the authentication over
 // this connection, and stops. The caller then owns the socket again. Only a TLS connection keeps
-// its libcurl handle. libcurl looks up no name here. Otherwise, it would wait for the end of the
-// lookup, and the whole relay would wait, too.
+// its libcurl handle. libcurl looks up no names here: it would block until the end of the lookup,
+// and so block the whole relay.
 #pragma once
 
 #include <curl/curl.h>
@@ -24,7 +24,7 @@ namespace relay {
 enum class ProxyResult : std::uint8_t {
   kConnected,
   kProxyFailed,        ///< broken TLS, or another protocol
-  kNoAnswer,           ///< the proxy took the connection, and then was slow or closed it
+  kNoAnswer,           ///< the proxy accepted the connection, and then was slow or closed it
   kDestinationFailed,  ///< the proxy works but cannot reach the destination
   kRefused             ///< the proxy answered with another status
 };
@@ -33,7 +33,7 @@ struct ThroughProxy {
   ProxyResult result = ProxyResult::kProxyFailed;
   std::optional<Stream> stream;   ///< if connected
   unsigned status = 0;            ///< the proxy's HTTP status, if it gave one
-  bool isVersionRefused = false;  ///< the proxy does not speak this version of SOCKS
+  bool isVersionRefused = false;  ///< the proxy does not support this version of SOCKS
   std::string early;              ///< if connected: bytes that followed the proxy's answer
   std::string problem;            ///< for people, without credentials
 };

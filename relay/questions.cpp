@@ -95,7 +95,7 @@ void Questions::sendMore() {
     if (question->isTaken) continue;
     question->isTaken = true;
     mWaiting--;
-    // No request waits for this question any more.
+    // If no request waits for this question any more, it is not asked.
     if (question->events.empty()) {
       mQuestions.erase(question->url);
       continue;
@@ -119,7 +119,7 @@ void Questions::send(const QuestionPtr& question) {
   end(question, answerOf(status, nullptr));
 }
 
-/// Runs on the client library's thread, or during the call that asks.
+/// Runs on the client library's thread, or during the call proxymanager_get_async().
 void Questions::answered(proxymanager_status status, proxymanager_answer* answer, void* context) {
   std::unique_ptr<Sent> sent(static_cast<Sent*>(context));
   if (status == PROXYMANAGER_CANCELLED) return;

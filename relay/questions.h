@@ -2,10 +2,10 @@
 //
 // The client library remembers answers, and a remembered answer needs no call. The other questions
 // wait in a queue. The relay sends at most kMaxAsked of them to the daemon at a time, and sends
-// equal questions once. The queue is round robin over users: so one user with a thousand
-// connections cannot use up the number of questions that the daemon accepts from the relay. A
-// question that two users ask stands in the queues of both. The relay sends it at the first turn of
-// either user.
+// equal questions once. Each user has a queue, and the users take turns (round robin). So one user
+// with a thousand connections cannot use all the questions that the daemon accepts from the relay.
+// If two users ask the same question, it stands in the queues of both, and the relay sends it at
+// the first turn of either user.
 #pragma once
 
 #include <proxymanager/client.h>
@@ -22,15 +22,15 @@
 
 namespace relay {
 
-/// Maximum number of questions that are with the daemon at a time. The daemon accepts 64 from one
+/// Maximum number of questions that the daemon has at a time. The daemon accepts 64 from one
 /// connection.
 inline constexpr std::size_t kMaxAsked = 32;
-/// Time limit of the daemon for one answer: a script may take 5.25 s, and other questions may come
+/// Time limit for one answer of the daemon: a script may take 5.25 s, and other questions may come
 /// first.
 inline constexpr std::chrono::seconds kAnswerTime{15};
-/// How long a request waits for its answer, with the time in the queue.
+/// How long a request waits for its answer, including the time in the queue.
 inline constexpr std::chrono::seconds kTurnTime{30};
-/// All clients whose user is not known share this one place in the round robin.
+/// All clients whose user is not known count as this one user.
 inline constexpr uid_t kUnknownUser = static_cast<uid_t>(-1);
 
 class Questions {
@@ -44,15 +44,16 @@ class Questions {
   /// @return the answer; its status is PROXYMANAGER_TOO_SLOW after kTurnTime
   Task<Answer> ask(std::string url, uid_t user);
 
-  /// The number of questions that are with the daemon, and the number that wait in the queue.
+  /// The number of questions that the daemon has, and the number of questions that wait in the
+  /// queues.
   std::size_t asked() const { return mAsked; }
   std::size_t waiting() const { return mWaiting; }
 
  private:
   struct Question {
     std::string url;
-    std::vector<uid_t> users;  ///< in whose queues it stands
-    bool isTaken = false;      ///< from one of these queues; the others skip it
+    std::vector<uid_t> users;  ///< the users in whose queues the question stands
+    bool isTaken = false;      ///< taken from one of these queues; the other queues skip it
     bool isDone = false;
     Answer answer;
     std::vector<Event*> events;

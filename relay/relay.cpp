@@ -45,7 +45,7 @@ class Acceptor {
  private:
   /// Pause after an error such as too few descriptors.
   static constexpr std::chrono::milliseconds kPause{100};
-  /// Number of connections that are accepted in one turn, before other work continues.
+  /// Maximum number of connections that are accepted in one turn, before other work continues.
   static constexpr int kBurst = 64;
 
   void wait() {
@@ -99,8 +99,8 @@ class Acceptor {
     if (isRefused) mContext.counters.refused++;
     Socket socket(mContext.loop);
     const auto family = addressOf(fd.get()).data()->sa_family;
-    // A head and its body are two writes. Without this option, the second waits for the receipt of
-    // the first.
+    // A head and its body are two writes. Without this option, the second write waits until the
+    // other end has confirmed the first.
     const int on = 1;
     if (family != AF_UNIX) setsockopt(fd.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
     socket.assign(Protocol(family, 0), fd.release());
@@ -115,7 +115,7 @@ class Acceptor {
   }
 
   /// Reads what the client has sent: unread bytes would cause a reset, and the answer could be
-  /// lost. A client that sends much gets the reset.
+  /// lost. If a client has sent much, it gets the reset.
   void refuse(int fd) {
     char bytes[4096];
     static const std::string kAnswer =
@@ -143,7 +143,8 @@ void unblockEndSignals() {
 }  // namespace
 
 int run(const Configured& configured, std::vector<base::UniqueFd> listeners) {
-  // The loop is never destroyed: a lookup may end at any time, and so may the last connections.
+  // The loop is never destroyed, because a lookup or one of the last connections may end at any
+  // time.
   auto& loop = *new asio::io_context(1);
   auto& context = *new Context(loop, configured, addressesOf(listeners));
   auto& ofUsers = *new std::map<uid_t, unsigned>;

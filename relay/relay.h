@@ -1,4 +1,4 @@
-// The start of the relay, its configuration, and its run on one thread.
+// Loads the configuration of the relay, and runs the relay on one thread.
 #pragma once
 
 #include <csignal>
@@ -18,18 +18,18 @@ inline constexpr int kEndSignals[] = {SIGTERM, SIGINT};
 struct Configured {
   Configuration configuration;
   std::vector<std::pair<std::string, Credentials>> credentials;  ///< by host, see readCredentials()
-  std::vector<std::string> warnings;  ///< for people; the configuration may be used nevertheless
+  std::vector<std::string> warnings;  ///< for people; the configuration may still be used
 };
 
-/// Reads `path` and the credentials file that it names. A user or a group of deny-users that does
-/// not exist is a problem: the misspelt name would open the relay to the user who was meant. If
-/// `mayBeMissing`, a missing `path` counts as an empty file. Throws only std::bad_alloc.
+/// Reads `path` and the credentials file that it names. It is a problem if a user or a group of
+/// deny-users does not exist: because of a misspelt name, the user who was meant could use the
+/// relay. If `mayBeMissing`, a missing `path` counts as an empty file. Throws only std::bad_alloc.
 /// @return the problems; `configured` may be used only if there are none
 std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured);
 
-/// Runs until one of kEndSignals comes, and then ends the process with status 0. The caller has
-/// blocked these signals; run() unblocks them when it can handle them. The calling thread is the
-/// relay's thread. Name lookups and the client library use threads of their own. Throws
+/// Runs until one of kEndSignals arrives, and then ends the process with status 0. The caller must
+/// have blocked these signals; run() unblocks them when it can handle them. The calling thread is
+/// the relay's thread. Name lookups and the client library use threads of their own. Throws
 /// std::exception if the relay cannot start.
 int run(const Configured& configured, std::vector<base::UniqueFd> listeners);
 

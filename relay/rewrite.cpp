@@ -12,7 +12,7 @@ namespace {
 
 using base::equalIgnoringCase;
 
-/// Fields that are for one connection only, and fields that the relay writes itself.
+/// Fields that concern only one connection, and fields that the relay writes itself.
 constexpr std::array<std::string_view, 10> kOurs = {
     "Connection", "Keep-Alive", "Proxy-Connection",  "Proxy-Authorization", "Proxy-Authenticate",
     "TE",         "Upgrade",    "Transfer-Encoding", "Content-Length",      "Via"};
@@ -49,7 +49,7 @@ void addLength(std::string& head, const Body& body, bool isHttp11) {
   if (body.kind == BodyKind::kChunked && isHttp11) add(head, "Transfer-Encoding", "chunked");
 }
 
-/// The value of Max-Forwards behind this relay. Empty if the field stays as it is.
+/// The value of Max-Forwards that the relay sends. Empty if the field is not changed.
 std::string maxForwardsFor(const RequestHead& request) {
   if (request.method != "TRACE" && request.method != "OPTIONS") return {};
   const auto value = request.fields.find("Max-Forwards");
@@ -101,7 +101,8 @@ std::string responseFor(const ResponseHead& response, const ResponseForm& form) 
   addFields(head, response.fields);
   if (response.body.kind == BodyKind::kNone && response.status != 204 &&
       response.status / 100 != 1) {
-    // A response to HEAD and a 304 have the length that the response to a GET would have.
+    // A response to HEAD and a response with status 304 contain the length that the response to a
+    // GET would have.
     const auto length = response.fields.find("Content-Length");
     if (!length.empty()) add(head, "Content-Length", length);
   }

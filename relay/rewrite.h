@@ -1,5 +1,5 @@
-// The heads as the relay forwards them (RFC 9110, section 7.6): without fields that are meant only
-// for the relay, with its name in Via, and with one length. Pure functions, for any thread.
+// Makes the heads that the relay forwards (RFC 9110, section 7.6): without fields that are only for
+// the relay, with the relay's name in Via, and with one length. Pure functions, for any thread.
 #pragma once
 
 #include <string>
@@ -16,7 +16,7 @@ struct RequestForm {
   std::string_view path;           ///< starts with "/" or "?", or is empty
   bool isAbsolute = false;         ///< the target is the whole URL, for an HTTP proxy
   bool isUpgrade = false;          ///< the relay forwards the field Upgrade
-  bool expectsContinue = false;    ///< the relay sends the body only after a 100
+  bool expectsContinue = false;    ///< the relay does not send the body before a 100
   std::string_view via;            ///< the relay's name
   std::string_view authorization;  ///< value of Proxy-Authorization; empty: none
 };
@@ -27,7 +27,7 @@ std::string requestFor(const RequestHead& request, const RequestForm& form);
 struct ResponseForm {
   bool isHttp11 = true;    ///< the client's version
   bool isKept = true;      ///< the client's connection stays open after the response
-  bool isUpgrade = false;  ///< 101 goes on with Upgrade
+  bool isUpgrade = false;  ///< a 101 is forwarded with Upgrade
   std::string_view via;
 };
 

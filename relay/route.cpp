@@ -12,8 +12,8 @@ namespace relay {
 
 namespace {
 
-// GCC 12 destroys an aggregate twice if a co_await or co_return expression makes it. So coroutines
-// make it in a statement before, or in a function.
+// GCC 12 destroys an aggregate twice if a co_await or co_return expression creates it. So
+// coroutines create an aggregate in an earlier statement or in a function.
 
 constexpr char kOurselves[] = "this is the relay itself";
 
@@ -38,8 +38,8 @@ Task<Refusal> Route::begin(const std::string& url) {
   }
   Answer answer = co_await mContext.questions.ask(url, mPeer.user);
   if (answer.status == PROXYMANAGER_BAD_ARGUMENT) {
-    // The URL may have bytes that the relay accepts in a request and the daemon's interface does
-    // not. A script gets this URL then.
+    // The URL may have bytes that the relay accepts in a request, but the daemon's interface does
+    // not. In this case, the script gets the following URL.
     const bool isHttp = mWantsAbsoluteForm || mDestination.port == 80;
     const std::string whole = isHttp ? "http://" + mDestination.hostField(80) + "/"
                                      : "https://" + mDestination.hostField(443) + "/";
@@ -72,9 +72,9 @@ Task<Refusal> Route::begin(const std::string& url) {
   co_return refusal(0, {});
 }
 
-/// Whether a request for another machine would connect to this device. A proxy on this device would
-/// do that, too, so the name is looked up before each kind of entry. A name that only a proxy can
-/// look up passes.
+/// Whether a request with the name of another machine would connect to this device. A proxy on this
+/// device would also make this connection, so the name is looked up for each kind of entry. A name
+/// that only a proxy can look up is accepted.
 Task<bool> Route::leadsToThisDevice() {
   if (isLocalName(mDestination.host)) co_return true;
   std::string host = mDestination.host;
@@ -135,8 +135,8 @@ Task<std::optional<Stream>> Route::handshake(const Entry& entry, Stream connecti
   if (looksUp && !co_await findAddress(entry, destination)) co_return std::nullopt;
   auto through = co_await mContext.proxies.tunnel(entry, std::move(connection), destination,
                                                   credentials, end - Clock::now());
-  // "SOCKS" in a script names no version. If version 5 fails, such a proxy runs version 4 with a
-  // name.
+  // "SOCKS" in a script has no version. If the proxy refuses version 5, version 4a (with a host
+  // name) is tried.
   const bool isOpenVersion = entry.text.starts_with("SOCKS ");
   if (isOpenVersion && through.isVersionRefused) {
     Entry older = entry;
@@ -150,7 +150,7 @@ Task<std::optional<Stream>> Route::handshake(const Entry& entry, Stream connecti
   co_return take(entry, std::move(through));
 }
 
-/// Replaces the name of `destination` by its address, for a proxy that looks up no names.
+/// Replaces the name in `destination` by its address, for a proxy that does not look up names.
 Task<bool> Route::findAddress(const Entry& entry, Destination& destination) {
   const auto found =
       co_await mContext.names.lookUp(destination.host, destination.port,
@@ -178,7 +178,7 @@ Task<std::optional<Stream>> Route::tunnel(const Entry& entry, Stream connection,
 std::optional<Stream> Route::take(const Entry& entry, ThroughProxy through) {
   switch (through.result) {
     case ProxyResult::kConnected:
-      // In absolute form, this is only the TLS handshake.
+      // For a request in absolute form, this was only the TLS handshake, which is not an answer.
       if (!mWantsAbsoluteForm || !entry.isHttp()) mContext.penalties.answered(entry);
       return std::move(through.stream);
     case ProxyResult::kNoAnswer:
@@ -194,7 +194,8 @@ std::optional<Stream> Route::take(const Entry& entry, ThroughProxy through) {
     case ProxyResult::kRefused:
       mContext.penalties.answered(entry);
       note(entry, through.problem);
-      // The client cannot authenticate to this proxy, because it does not know about it.
+      // A 407 is not passed on: the client does not know about this proxy, so it cannot
+      // authenticate to it.
       if (through.status == 407) break;
       mStatus = through.status >= 400 && through.status <= 599 ? through.status : 502;
       mIsFinal = true;

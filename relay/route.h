@@ -1,9 +1,9 @@
 // The route of one request: it tries the entries of the daemon's answer, one after the other.
 //
-// It distinguishes three failures. A proxy that fails gets a penalty, and other requests try it
-// last. If the destination fails, only this request tries the next entry. A proxy that takes the
-// connection and does not answer is in doubt: see Penalties::doubt(). Without this distinction, one
-// request for a dead host would make all users bypass the proxy.
+// It distinguishes three failures. If a proxy fails, it gets a penalty, and other requests try it
+// last. If the destination fails, only this request tries the next entry. If a proxy accepts the
+// connection and does not answer, the cause is not clear: see Penalties::doubt(). Without this
+// distinction, after one request for a dead host, all users would bypass the proxy.
 #pragma once
 
 #include <optional>
@@ -14,7 +14,7 @@
 
 namespace relay {
 
-/// A connection that can take the request.
+/// A connection for the request.
 struct Upstream {
   Upstream(Stream connected, Entry by, bool wantsAbsoluteForm)
       : stream(std::move(connected)), entry(std::move(by)), isAbsoluteForm(wantsAbsoluteForm) {}
@@ -22,10 +22,10 @@ struct Upstream {
   Stream stream;
   Entry entry;
   bool isAbsoluteForm = false;  ///< the request's target is the whole URL
-  std::string early;            ///< for a tunnel: bytes that were read already
+  std::string early;            ///< for a tunnel: bytes of the server that were already read
 };
 
-/// Why the relay refuses a request. Status 0: the relay does not refuse it.
+/// Why the relay refuses a request. With status 0, the relay does not refuse it.
 struct Refusal {
   unsigned status = 0;
   std::string text;  ///< lines for people
@@ -33,8 +33,8 @@ struct Refusal {
 
 class Route {
  public:
-  /// @param wantsAbsoluteForm for an http URL: HTTP proxies get the whole URL. If false, each
-  /// request uses a tunnel.
+  /// @param wantsAbsoluteForm true for a request for an http URL: HTTP proxies get the whole URL.
+  /// If false, the request uses a tunnel.
   Route(Context& context, Destination destination, bool wantsAbsoluteForm, const Peer& peer)
       : mContext(context),
         mDestination(std::move(destination)),
@@ -44,24 +44,27 @@ class Route {
   /// Asks the daemon about `url`.
   Task<Refusal> begin(const std::string& url);
 
-  /// Whether the next attempt would use `entry`, whose connection an earlier request left open.
+  /// Whether the next attempt would use `entry`. If so, the caller can use a connection that an
+  /// earlier request left open.
   bool isNext(const Entry& entry) const;
 
-  /// Connects by the next entry that works. @return nothing if no entry is left; see failure()
+  /// Connects with the next entry that works. @return nothing if no entry is left; see failure()
   Task<std::optional<Upstream>> next();
 
-  /// The proxy of the last upstream ended the connection before it answered.
+  /// Reports that the proxy of the last upstream ended the connection before it answered.
   void closedEarly(const std::string& problem);
-  /// The relay does not forward the answer that came by `entry`, and tries no further entry.
+  /// Reports that the relay refuses the answer that came through `entry`. No further entry is
+  /// tried.
   void refuseAnswer(const Entry& entry, const std::string& problem);
   /// Adds a line for the client and the log.
   void note(const Entry& entry, const std::string& problem);
-  /// next() tries the entry of the last upstream again.
+  /// After this call, next() tries the entry of the last upstream again.
   void again();
-  /// The proxy of the last upstream requires authentication that the relay does not have.
+  /// Reports that the proxy of the last upstream requires authentication, and that the relay has no
+  /// credentials for it.
   void wantsAuthentication();
 
-  /// What to answer if no entry is left.
+  /// The answer for the client if no entry is left.
   Refusal failure() const;
   const std::string& mode() const { return mMode; }
   const Destination& destination() const { return mDestination; }

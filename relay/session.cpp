@@ -23,7 +23,7 @@ void Session::start() {
   asio::co_spawn(mContext.loop, run(shared_from_this()), asio::detached);
 }
 
-/// Something has happened. The client has the idle time again.
+/// Called for each transfer of bytes: the idle time starts again.
 void Session::keepAlive() {
   const auto now = Clock::now();
   mIsServing = true;
@@ -31,8 +31,9 @@ void Session::keepAlive() {
   expireAt(std::min(mEnd, now + kClientCheck));
 }
 
-/// A client may end its sending direction and wait for the answer. Its socket then has an owner.
-/// Other machines' clients that do this are gone, as for other proxies.
+/// A client may end its sending direction and still wait for the answer. On this machine, the
+/// socket of such a client still has an owner. A client on another machine that does this counts as
+/// gone, as with other proxies.
 bool Session::isClientGone() {
   const int fd = mClient.socket().native_handle();
   pollfd state{fd, POLLRDHUP, 0};
@@ -40,7 +41,7 @@ bool Session::isClientGone() {
   return (state.revents & (POLLHUP | POLLERR)) != 0 || !mContext.peers.of(fd).isKnown();
 }
 
-/// The coroutine waits for these sockets. When they close, it ends.
+/// The coroutine waits for these sockets. When they are closed, it ends.
 void Session::expire() {
   const auto now = Clock::now();
   if (mIsServing && now < mEnd && !isClientGone()) {
@@ -97,7 +98,7 @@ Task<bool> Session::readMore() {
   }
 }
 
-/// Takes the next whole head from mIn. @return empty if the connection must end
+/// Removes the next whole head from mIn. @return the head; empty if the connection must end
 Task<std::string> Session::readHead() {
   std::size_t searched = 0;
   while (true) {

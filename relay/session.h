@@ -1,8 +1,8 @@
 // One connection of a client, from its first byte to its end or until it becomes a tunnel.
 //
 // The first byte shows whether the client uses SOCKS or HTTP. The session serves HTTP requests one
-// after the other, and later requests of the client wait. It keeps a connection to a server or a
-// proxy only for the next request of the same client.
+// after the other; later requests of the client wait. If it keeps a connection to a server or a
+// proxy, only the next request of the same client can use it.
 //
 // The session's coroutine owns the object. A session needs no buffer while it waits for a request.
 #pragma once
@@ -19,13 +19,13 @@
 
 namespace relay {
 
-/// How long a body waits for the proxy's 100 or 407, if the proxy may want a password. Servers are
-/// not required to send a 100 (RFC 9110, 10.1.1). Other clients wait as long.
+/// How long a body waits for the proxy's 100 or 407, if the proxy may require a password. Servers
+/// are not required to send a 100 (RFC 9110, 10.1.1). Other HTTP clients wait just as long.
 inline constexpr std::chrono::seconds kAnswerBeforeBody{1};
 /// How often the relay checks whether a client that waits for an answer is still there.
 inline constexpr std::chrono::seconds kClientCheck{2};
-/// Number of reads or requests of one connection, without a wait in between, before other
-/// connections get their turn.
+/// Number of reads or requests of one connection that may follow each other without a wait. After
+/// that, other connections get their turn.
 inline constexpr unsigned kTurn = 64;
 
 class Session : public Watched, public std::enable_shared_from_this<Session> {
@@ -100,11 +100,11 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   Slot mSlot;
   std::string mIn;                       ///< read from the client, not processed yet
   std::optional<Upstream> mServer;       ///< the upstream of the last request in absolute form
-  std::string mServerDestination;        ///< where mServer leads; empty for an HTTP proxy
+  std::string mServerDestination;        ///< the destination of mServer; empty for an HTTP proxy
   std::string mServerIn;                 ///< read from mServer, not processed yet
   std::optional<KnownChallenge> mFresh;  ///< from a 407 to this request, only for its next attempt
   const char* mAnswerProblem = "";       ///< why the relay did not accept the head of an answer
-  bool mIsAnswerHttp = false;            ///< this head began like a head of HTTP/1
+  bool mIsAnswerHttp = false;            ///< the refused head began like a head of HTTP/1
   std::optional<Event> mContinue;  ///< a 100 has come; set while the body may have to wait for it
   bool mIsExpectRefused = false;   ///< the server refused Expect for this request
   bool mIsReused = false;          ///< mServer was used before
@@ -115,7 +115,7 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   bool mIsHead = false;            ///< the request's method is HEAD
   bool mIsServing = false;         ///< a request is being answered; its time ends at mEnd
   Clock::time_point mEnd;
-  bool mIsInRequest = false;  ///< a request has begun: decides what a timeout means
+  bool mIsInRequest = false;  ///< a request has begun; this decides what a timeout means
 };
 
 }  // namespace relay

@@ -1,4 +1,4 @@
-// One connection's place in the connection limits.
+// The place that one connection takes in the connection limits.
 #pragma once
 
 #include <functional>

@@ -39,7 +39,8 @@ SocksStep refused(std::string reply) {
   return {SocksState::kRefused, 0, std::move(reply), {}};
 }
 
-/// The step for a destination that was read. A name may be an address in text form.
+/// The last step, after the destination has been read. `host` is a name, and may also be an address
+/// in text form.
 SocksStep done(std::size_t taken, const std::string& host, std::uint16_t port,
                std::string refusal) {
   const bool isIpv6 = host.find(':') != std::string::npos;

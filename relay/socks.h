@@ -1,7 +1,7 @@
 // The requests of SOCKS4, SOCKS4a and SOCKS5 clients (RFC 1928). Pure functions, for any thread.
 //
-// Only CONNECT is supported, and SOCKS5 only without authentication: the relay identifies its
-// clients by the owner of their socket.
+// Only CONNECT is supported. SOCKS5 is supported only without authentication, because the relay
+// identifies its clients by the owner of their socket.
 #pragma once
 
 #include <cstddef>
@@ -22,9 +22,9 @@ enum class SocksState { kMore, kDone, kRefused };
 /// The next step of the handshake.
 struct SocksStep {
   SocksState state = SocksState::kMore;
-  std::size_t taken = 0;    ///< bytes of the input that were read; 0 if more are wanted
-  std::string reply;        ///< to be sent at once; if refused, the last bytes
-  Destination destination;  ///< if done
+  std::size_t taken = 0;  ///< bytes of the input that were read; 0 if more bytes are needed
+  std::string reply;  ///< to be sent at once; if the request is refused, these are the last bytes
+  Destination destination;  ///< set if the handshake is done
 };
 
 enum class SocksResult { kConnected, kFailed, kNotAllowed, kHostUnreachable };

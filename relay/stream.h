@@ -1,8 +1,9 @@
-// One connection to a client, to a server or through a proxy. It is plain, or libcurl encrypts it
-// with TLS.
+// One connection to a client, to a server or through a proxy. Either it is not encrypted, or
+// libcurl encrypts it with TLS.
 //
-// No function keeps the caller's bytes. A caller copies what the socket does not accept at once. So
-// all connections share one read buffer, and an idle connection needs no buffer.
+// No function keeps the caller's bytes. If the socket does not accept all bytes at once, the caller
+// copies the rest. So all connections can share one read buffer, and an idle connection needs no
+// buffer.
 #pragma once
 
 #include <curl/curl.h>
@@ -16,7 +17,7 @@
 
 namespace relay {
 
-/// Size of one read, in bytes. At most this many bytes wait in one direction.
+/// Size of one read, in bytes. It is also the maximum number of bytes that wait in one direction.
 inline constexpr std::size_t kBufferBytes = 64U << 10U;
 
 /// Returns a libcurl handle to its ProxyConnector, which lives longer than all streams.
@@ -51,10 +52,10 @@ class Stream {
   Task<bool> waitWrite();
   /// Writes all `bytes`. @return whether the write succeeded
   Task<bool> write(std::string_view bytes);
-  /// Whether the other end has sent nothing and has not ended the stream. If it has sent something,
-  /// this call loses one byte.
+  /// Whether the other end has sent nothing and has not ended the stream. If the other end has sent
+  /// something, one byte of it is lost.
   bool isQuiet();
-  /// The other end sees a reset when this stream closes.
+  /// After this call, the other end sees a reset when this stream closes.
   void abandon();
   /// Ends the sending direction. libcurl cannot do this for TLS: the caller closes the stream
   /// instead.

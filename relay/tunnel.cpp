@@ -27,7 +27,7 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
  private:
   /// The direction from mStreams[way] to the other stream.
   struct Way {
-    std::string waiting;  ///< what the receiver has not taken yet
+    std::string waiting;  ///< bytes that the receiver has not accepted yet
     bool isAtEnd = false;
   };
 

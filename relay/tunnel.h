@@ -11,8 +11,8 @@
 namespace relay {
 
 /// Starts a tunnel. It deletes itself at its end. Without traffic it needs no buffer.
-/// @param forServer bytes from the client that were read already
-/// @param forClient bytes from the server that were read already
+/// @param forServer bytes from the client that were already read
+/// @param forClient bytes from the server that were already read
 /// @param idle longest time without a byte in either direction
 /// @param slot released at the end of the tunnel
 void startTunnel(Sweeper& sweeper, Stream client, Stream server, std::string forServer,

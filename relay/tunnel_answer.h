@@ -1,7 +1,7 @@
 // CONNECT to an HTTP proxy that gets no password.
 //
-// libcurl does all other handshakes with proxies. But it reads the answer to CONNECT byte by byte:
-// about eighty system calls for each tunnel, half of the tunnel's cost.
+// libcurl does all other handshakes with proxies. But libcurl reads the answer to CONNECT byte by
+// byte. This takes about eighty system calls for each tunnel, which are half of the tunnel's cost.
 #pragma once
 
 #include <string>
@@ -19,13 +19,13 @@ struct TunnelAnswer {
 };
 
 /// Reads the head at the start of `bytes`. The client gets no part of this head, so a line may also
-/// end with LF alone. May run on any thread.
+/// end with only LF. Any thread may call this function.
 TunnelAnswer readTunnelAnswer(std::string_view bytes);
 
-/// Asks the proxy at the other end of `stream` for a tunnel. If the proxy agrees, the stream moves
-/// into the result.
+/// Asks the proxy at the other end of `stream` for a tunnel. If the proxy agrees, the result takes
+/// ownership of the stream.
 /// @param via the relay's own name, for the Via field
-/// @param end the time at which the attempt ends; the end may be about one second late
+/// @param end the time at which the attempt ends; it may end up to about one second later
 Task<ThroughProxy> askForTunnel(Sweeper& sweeper, Stream& stream, const Destination& destination,
                                 const std::string& via, Clock::time_point end);
 

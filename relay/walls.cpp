@@ -25,8 +25,8 @@ namespace {
 
 using sandbox::Failure;
 
-// What a network client reads: certificates, shared libraries, and the configuration of names,
-// users and Kerberos.
+// The files that a network client reads: certificates, shared libraries, and the configuration of
+// name lookups, users and Kerberos.
 constexpr const char* kReadable[] = {
     "/etc/ssl",
     "/etc/pki",
@@ -89,8 +89,9 @@ void allowMemory(SystemCalls& list) {
 }
 
 void allowThreads(SystemCalls& list) {
-  // Exactly the flags of pthread_create: no new process, no namespace. A filter cannot see the
-  // flags of clone3. Without clone3, the C library uses clone.
+  // Only the exact flags of pthread_create are allowed, so no process and no namespace can be made.
+  // The filter cannot see the flags of clone3, so clone3 is refused, and the C library then uses
+  // clone.
   constexpr std::uint64_t kThread = CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SYSVSEM |
                                     CLONE_SIGHAND | CLONE_THREAD | CLONE_SETTLS |
                                     CLONE_PARENT_SETTID | CLONE_CHILD_CLEARTID;
@@ -163,7 +164,7 @@ void allowFiles(SystemCalls& list) {
   constexpr std::uint64_t kWrites = O_ACCMODE | O_CREAT | O_TRUNC;
   list.allow(SCMP_SYS(openat), {masked(2, kWrites, O_RDONLY)})
       .allow(SCMP_SYS(open), {masked(1, kWrites, O_RDONLY)});
-  // Some modules of the name service open a file for writing. They also work without it.
+  // Some modules of the name service open a file for writing. They also work if this fails.
   for (const std::uint64_t mode : {std::uint64_t{O_WRONLY}, std::uint64_t{O_RDWR}}) {
     list.refuse(SCMP_SYS(openat), EACCES, {masked(2, O_ACCMODE, mode)});
   }

@@ -7,11 +7,11 @@
 namespace relay {
 
 /// Raises the walls. If the relay runs as root, it changes to the user nobody. It gives up all
-/// privileges and capabilities. After that, it can write no file and no core file, it can start no
-/// program, and no debugger can read it. A list limits the system calls. If the kernel has
-/// Landlock, the relay can read only the files for names, users and certificates. Call this
-/// function after the configuration has been read and the sockets are open, while the process has
-/// one thread.
+/// privileges and capabilities. After that, it can write no file and no core dump, it can start no
+/// program, and no debugger can read its memory. Only system calls on a list are allowed. If the
+/// kernel has Landlock, the relay can read only the files for names, users and certificates. Call
+/// this function after the configuration has been read and the sockets are open, while the process
+/// has one thread.
 sandbox::Failure raiseWalls();
 
 }  // namespace relay
