@@ -10,6 +10,17 @@
 
 namespace settings {
 
+namespace {
+
+/// By the clock that file times use.
+timespec fileTime() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return now;
+}
+
+}  // namespace
+
 std::chrono::seconds scriptPause(std::size_t retry) {
   return kScriptPauses[std::min(retry, kScriptPauses.size() - 1)];
 }
@@ -37,7 +48,11 @@ HandOver::HandOver(sd_event* event, DaemonLink& daemon, std::string pacFile)
     : mDaemon(daemon),
       mPacFile(std::move(pacFile)),
       mFailureTimer(event, [this] { proceed(); }),
-      mScriptTimer(event, [this] { schedule(Due::kIfScriptIsMissing); }),
+      mScriptTimer(event,
+                   [this] {
+                     mIsNetworkPause = false;
+                     schedule(Due::kIfScriptIsMissing);
+                   }),
       mRefreshTimer(event, [this] {
         setRefreshTimer();
         if (usesScript()) schedule(Due::kIfOurs);
@@ -69,11 +84,14 @@ void HandOver::daemonVanished() {
   mDue = Due::kNothing;
   mFailureTimer.cancel();
   mScriptTimer.cancel();
+  mIsNetworkPause = false;
 }
 
+// A route that changes again and again must not postpone the retry without end.
 void HandOver::networkChanged() {
   if (!mDaemon.isThere() || !usesScript() || !mHandedOver) return;
   mScriptRetry = 0;
+  if (std::exchange(mIsNetworkPause, true)) return;
   mScriptTimer.set(kNetworkPause);
 }
 
@@ -91,7 +109,7 @@ void HandOver::check() {
 
 std::optional<std::time_t> HandOver::lastHandOver() const {
   if (!mHandedOver) return std::nullopt;
-  return mHandOverTime.tv_sec;
+  return mHandedOverAt;
 }
 
 bool HandOver::isOurs(const Configuration& configuration) const {
@@ -122,7 +140,7 @@ void HandOver::proceed() {
     case Due::kNothing:
       break;
     case Due::kIfScriptIsMissing:
-      if (mHandedOver && !isScriptNewer(mPacFile, mHandOverTime)) compare(due);
+      if (mHandedOver && !isScriptNewer(mPacFile, mScriptSince)) compare(due);
       break;
     case Due::kIfDifferent:
     case Due::kIfOurs:
@@ -175,24 +193,32 @@ bool HandOver::keeps(Due due, const Configuration& daemons) {
   // hand-over of this service has a time that the script's time can be compared with.
   if (usesScript() && mHandedOver != mWanted) return false;
   // From now on, the service treats this configuration as its own, even if another program set it.
-  mHandedOver = daemons;
+  if (mHandedOver != daemons) noteHandedOver(daemons);
   return true;
+}
+
+void HandOver::noteHandedOver(const Configuration& configuration) {
+  mHandedOver = configuration;
+  mHandedOverAt = std::time(nullptr);
 }
 
 void HandOver::handOver() {
   if (mIsCalling) return;
   mIsCalling = true;
   // After a script that has arrived, the pauses begin again. A refresh may find it gone.
-  if (isScriptNewer(mPacFile, mHandOverTime)) mScriptRetry = 0;
+  if (isScriptNewer(mPacFile, mScriptSince)) mScriptRetry = 0;
   const Configuration configuration = *mWanted;
-  timespec before{};
-  clock_gettime(CLOCK_REALTIME_COARSE, &before);  // the clock that file times use
+  const timespec before = fileTime();
   mDaemon.update(configuration, [this, configuration, before,
                                  appearance = mAppearance](const std::string& problem) {
     if (appearance != mAppearance) return;
     mIsCalling = false;
-    mHandOverTime = before;
-    if (problem.empty()) mHandedOver = configuration;
+    if (problem.empty()) {
+      // While the call waited, the daemon may have stored the script of the previous configuration.
+      // If the configuration is new, a script that is faster than the reply costs one retry.
+      mScriptSince = mHandedOver == configuration ? before : fileTime();
+      noteHandedOver(configuration);
+    }
     handedOver(problem);
   });
 }
@@ -207,10 +233,11 @@ void HandOver::handedOver(const std::string& problem) {
   mIsForeign = false;
   logLine(LOG_NOTICE, "settings: the daemon has the configuration, mode %s",
           modeText(mHandedOver->mode));
-  if (usesScript()) {
-    mScriptTimer.set(scriptPause(mScriptRetry++));
-  } else {
+  if (!usesScript()) {
     mScriptTimer.cancel();
+    mIsNetworkPause = false;
+  } else if (!mIsNetworkPause) {
+    mScriptTimer.set(scriptPause(mScriptRetry++));
   }
   proceed();
 }

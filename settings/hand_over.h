@@ -73,7 +73,8 @@ class HandOver {
   /// failure.
   void check();
 
-  /// The time of the last hand-over, for the state that proxymanagerctl shows.
+  /// The time since which the daemon has a configuration of this service, for the state that
+  /// proxymanagerctl shows. Nothing if it has none.
   std::optional<std::time_t> lastHandOver() const;
   const std::string& lastProblem() const { return mProblem; }
   bool isForeign() const { return mIsForeign; }
@@ -92,6 +93,7 @@ class HandOver {
   void failed(const std::string& problem, Due due);
   bool usesScript() const;
   void setRefreshTimer();
+  void noteHandedOver(const Configuration& configuration);
 
   DaemonLink& mDaemon;
   std::string mPacFile;
@@ -104,7 +106,12 @@ class HandOver {
   std::uint64_t mAppearance = 0;  ///< counts the daemon's starts, to recognise late replies
   std::size_t mFailures = 0;
   std::size_t mScriptRetry = 0;
-  timespec mHandOverTime{};  ///< CLOCK_REALTIME, like the file's time
+  /// Set if the network has changed and mScriptTimer fires kNetworkPause after that.
+  bool mIsNetworkPause = false;
+  /// A script file that is newer than this has the script of the configuration. CLOCK_REALTIME,
+  /// like the file's time.
+  timespec mScriptSince{};
+  std::time_t mHandedOverAt = 0;  ///< see lastHandOver()
   std::string mProblem;
   std::chrono::seconds mRefresh{0};
   EventTimer mFailureTimer;

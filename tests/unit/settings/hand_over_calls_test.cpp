@@ -13,6 +13,7 @@
 #include <fstream>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "base/bus_names.h"
 #include "settings/hand_over.h"
@@ -256,6 +257,89 @@ TEST_F(HandOverCalls, TheFirstPauseForAScriptIsShortAgainAfterOneHasArrived) {
   EXPECT_TRUE(isNear(10));
   close(file);
   unlink(path);
+}
+
+TEST_F(HandOverCalls, AScriptOfThePreviousConfigurationDoesNotCountAsTheNewOne) {
+  char path[] = "/tmp/settings_test_XXXXXX";
+  const int file = mkstemp(path);
+  ASSERT_GE(file, 0);
+  handOver = std::make_unique<HandOver>(mEvent.get(), *mLink, path);
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  daemon->holds = true;
+  Configuration other = mScript;
+  other.pacUrl = "http://127.0.0.1:9/other.pac";
+  handOver->want(other);
+  ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 1; }));
+  // The daemon stores what it has fetched for the first configuration, and then takes the other.
+  const auto fileTime = [] {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+    return std::pair(now.tv_sec, now.tv_nsec);
+  };
+  const auto called = fileTime();
+  ASSERT_TRUE(waitFor([&] { return fileTime() > called; }));
+  ASSERT_EQ(futimens(file, nullptr), 0);
+  daemon->holds = false;
+  ASSERT_GE(sd_bus_reply_method_return(daemon->held.front(), "i", 0), 0);
+  const std::string line = "settings: the daemon has the configuration, mode pacurl";
+  ASSERT_TRUE(waitFor([&] { return countLog(LOG_NOTICE, line) == 2; }));
+  handOver->networkChanged();
+  EXPECT_TRUE(waitFor([&] { return isHandedOver(3); }));
+  close(file);
+  unlink(path);
+}
+
+TEST_F(HandOverCalls, ANetworkThatChangesAgainAndAgainDoesNotPostponeTheRetry) {
+  handOver->want(mScript);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  EXPECT_TRUE(waitFor([&] {
+    handOver->networkChanged();
+    return isHandedOver(3);
+  }));
+}
+
+TEST_F(HandOverCalls, AHandOverDoesNotPostponeTheRetryAfterAChangeOfTheNetwork) {
+  handOver->want(mManual);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
+  // A default route changes which configuration is in force, and may be too new for the download.
+  handOver->want(mScript);
+  handOver->networkChanged();
+  ASSERT_TRUE(waitFor([&] {
+    return logged(LOG_NOTICE, "settings: the daemon has the configuration, mode pacurl");
+  }));
+  sd_event_run(mEvent.get(), 0);  // sets the loop's timer
+  EXPECT_LT(nextTimer(), 2);
+  ASSERT_TRUE(waitFor([&] { return isHandedOver(3); }));
+  EXPECT_TRUE(waitFor([&] { return isNear(10); }));
+}
+
+TEST_F(HandOverCalls, TheTimeIsThatSinceWhichTheDaemonHasTheConfiguration) {
+  const std::time_t begin = std::time(nullptr);
+  daemon->configuration = mManual;
+  handOver->leaveOthers(true);
+  handOver->want(mManual);
+  daemon->appear();
+  ASSERT_TRUE(waitFor([&] { return daemon->reads == 1; }));
+  handOver->leaveOthers(false);
+  ASSERT_TRUE(waitFor([&] {
+    handOver->check();
+    return handOver->lastHandOver().has_value();
+  }));
+  const std::time_t since = *handOver->lastHandOver();
+  EXPECT_GE(since, begin);
+  // Neither a later look nor a hand-over that fails changes it.
+  ASSERT_TRUE(waitFor([&] { return std::time(nullptr) > since; }));
+  const int reads = daemon->reads;
+  handOver->check();
+  ASSERT_TRUE(waitFor([&] { return daemon->reads > reads; }));
+  daemon->failures = 1;
+  handOver->want(mScript);
+  ASSERT_TRUE(waitFor([&] { return handOver->lastProblem() == "why"; }));
+  EXPECT_EQ(handOver->lastHandOver(), since);
 }
 
 TEST_F(HandOverCalls, ARefreshHandsOverAgainAndAgain) {
