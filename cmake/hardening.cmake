@@ -1,6 +1,6 @@
-# Hardening of all that this tree builds, the script engine included: the OpenSSF's list for C and C++
-# compilers. Flags that a compiler or an architecture does not have are left out.
-# tests/checks/hardening.py reads the installed programs.
+# Hardening of everything that this tree builds, including the script engine: the OpenSSF's list for
+# C and C++ compilers. Flags that a compiler or an architecture does not support are left out.
+# tests/checks/hardening.py checks the installed programs.
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 
@@ -31,17 +31,17 @@ function(proxymanager_known_flags result)
   set(${result} "${known}" PARENT_SCOPE)
 endfunction()
 
-# For every target. The script engine has its own options, so it repeats these.
+# For every target. The script engine has its own compile options, so its CMake file adds these again.
 set(proxymanager_hardening_flags "")
 set(proxymanager_hardening_cxx_flags "")
-# Only for the script worker and its engine: a broken engine that reads unused stack memory finds
-# zeros.
+# Only for the script worker and its engine: if a faulty engine reads stack memory that was not set,
+# it reads zeros.
 set(proxymanager_worker_hardening_flags "")
 if(PROXYMANAGER_HARDENING)
   proxymanager_known_flags(proxymanager_hardening_flags -fstack-protector-strong
     -fstack-clash-protection -fcf-protection=full -mbranch-protection=standard)
   proxymanager_known_flags(proxymanager_worker_hardening_flags -ftrivial-auto-var-init=zero)
-  # The C library checks sizes in optimized code only, and the sanitizers check them themselves.
+  # The C library checks sizes only in optimized code, and the sanitizers have their own checks.
   if(NOT PROXYMANAGER_SANITIZER AND NOT PROXYMANAGER_COVERAGE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
     list(APPEND proxymanager_hardening_flags -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
   endif()

@@ -1,4 +1,5 @@
-# The installed files. Every program finds the others by the path relative to itself, so any prefix works.
+# The installed files. Every program finds the others by a path relative to itself, so any prefix
+# works.
 foreach(program_folder "proxymanagerd;${CMAKE_INSTALL_SBINDIR}"
     "proxymanager-pac-worker;${CMAKE_INSTALL_LIBEXECDIR}"
     "proxymanager-workbench;${CMAKE_INSTALL_LIBEXECDIR}"
@@ -10,8 +11,8 @@ foreach(program_folder "proxymanagerd;${CMAKE_INSTALL_SBINDIR}"
   endif()
 endforeach()
 
-# The client library. Below /usr, the system finds the library. Elsewhere, its users find it by the
-# path relative to themselves, so an installed tree can be moved.
+# The client library. Below /usr, the system finds the library. Below another prefix, the programs
+# find it by a path relative to themselves, so an installed tree can be moved.
 install(TARGETS proxymanager-client-shared LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/client/library/include/proxymanager"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
@@ -42,13 +43,13 @@ endif()
 
 install(FILES "${PROJECT_SOURCE_DIR}/dbus/com.zentu.ProxyManagerServiceInterface.xml"
   DESTINATION "${CMAKE_INSTALL_DATADIR}/dbus-1/interfaces")
-# libproxy.so.1, without the link libproxy.so, which is only for building programs.
+# libproxy.so.1. The link libproxy.so is left out: only builds of programs need it.
 if(PROXYMANAGER_LIBPROXY)
   install(TARGETS proxymanager_libproxy LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" NAMELINK_SKIP)
 endif()
 
-# The files that the system around the daemon reads. Only the unit contains an absolute path, the
-# daemon's path below the configured prefix: systemd accepts no other kind of path.
+# The files that other programs of the system read. Only the unit contains an absolute path (the
+# daemon's path below the configured prefix), because systemd requires it.
 set(PROXYMANAGER_SYSTEMD_UNIT_DIR "lib/systemd/system" CACHE STRING
     "Where the systemd unit goes: below the prefix, or an absolute folder")
 set(proxymanager_packaging "${PROJECT_SOURCE_DIR}/packaging")
@@ -75,8 +76,8 @@ install(FILES "${proxymanager_pages}/com.zentu.ProxyManagerServiceInterface.7"
   DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
 if(TARGET proxymanagerctl)
   install(FILES "${proxymanager_pages}/proxymanagerctl.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
-  # zsh's own folder for completions of other programs. Distributions have other folders, for
-  # example Debian share/zsh/vendor-completions.
+  # zsh's default folder for completions of other programs. Distributions use other folders, for
+  # example Debian uses share/zsh/vendor-completions.
   set(PROXYMANAGER_ZSH_COMPLETION_DIR "${CMAKE_INSTALL_DATADIR}/zsh/site-functions" CACHE STRING
       "Where the completion for zsh goes: below the prefix, or an absolute folder")
   set(completion "${proxymanager_packaging}/completion")
@@ -87,7 +88,7 @@ if(TARGET proxymanagerctl)
     DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
 endif()
 
-# The settings service: its units, user, policies and the commented file of settings.
+# The settings service: its units, user, policies and the commented settings file.
 configure_file("${proxymanager_packaging}/systemd/proxymanager-settings.service.in"
   "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-settings.service" @ONLY)
 install(FILES "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-settings.service"
@@ -107,8 +108,8 @@ install(FILES "${proxymanager_pages}/proxymanager-settings.8"
 install(FILES "${proxymanager_pages}/settings.conf.5" DESTINATION "${CMAKE_INSTALL_MANDIR}/man5")
 install(FILES "${proxymanager_pages}/org.pacrunner.7" DESTINATION "${CMAKE_INSTALL_MANDIR}/man7")
 
-# The relay: its units, user, policy, commented configuration, and the snippets that lead programs to
-# it, which proxymanagerctl links into /etc.
+# The relay: its units, user, policy, commented configuration, and the snippets that make it the
+# proxy of programs. proxymanagerctl links these snippets into /etc.
 if(TARGET proxymanager-relay)
   configure_file("${proxymanager_packaging}/systemd/proxymanager-relay.service.in"
     "${PROXYMANAGER_OUTPUT_ROOT}/share/proxymanager-relay.service" @ONLY)

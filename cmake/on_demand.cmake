@@ -1,9 +1,9 @@
-# proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): an object for programs only. Its functions
-# replace those of the library SONAME, and map that library at their first call. They are not visible to
-# other libraries, and not to SONAME itself.
+# proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): adds an object that only programs link.
+# Its functions replace those of the library SONAME, and map that library at their first call. Other
+# libraries, and SONAME itself, do not see these functions.
 #
-# The name of the library is in the source. Others of its kind, such as a libcurl on GnuTLS, have
-# another name, and the program would not find the one that it was built with.
+# The source contains the name of the library. So the configuration fails if the build finds a
+# variant with another name, for example a libcurl with GnuTLS: the program could not map it.
 function(proxymanager_on_demand target source dependency soname)
   foreach(found IN LISTS ${dependency}_LINK_LIBRARIES)
     if(found MATCHES "/lib${dependency}[^/]*\\.so$")

@@ -22,12 +22,12 @@ set(PROXYMANAGER_PUBLIC_SUFFIX_LIST
 option(PROXYMANAGER_WORKER_SECCOMP
        "Sandbox the script worker with seccomp; off only for devices whose kernel has none" ON)
 
-# The crash report needs unwind tables. On 32-bit Arm, a function that throws nothing has them only
-# with this option.
+# The crash report needs unwind tables. On 32-bit Arm, functions that throw no exception have such
+# tables only with this option.
 if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
   add_compile_options(-funwind-tables)
 endif()
 
-# The build folder has the same layout as an installed tree, so a program finds the others by the
+# The build folder has the same layout as an installed tree. So a program finds the others by the
 # same relative path in both.
 set(PROXYMANAGER_OUTPUT_ROOT "${CMAKE_CURRENT_BINARY_DIR}/out")

@@ -6,12 +6,13 @@
 #   proxymanager_replace(dhcp_info SOURCES own_lease.cpp LIBRARIES PkgConfig::ownservice)
 #
 # These sources are then compiled instead of this tree's, and the libraries of the replaced part are
-# not linked. So there is never a second definition, and a missing function of the replacement is a
-# link error. docs/integration.md describes the task of each part.
+# not linked. So a function never has two definitions, and if the replacement lacks a function, the
+# link fails. docs/integration.md describes the task of each part.
 set(PROXYMANAGER_DEVICE "" CACHE PATH "A folder whose CMakeLists.txt replaces parts of this tree")
 
 # proxymanager_replace(PART SOURCES a.cpp ... LIBRARIES lib ...): in the device's CMakeLists.txt.
-# Sources are beside it. They can include this tree's headers, and are compiled with its warnings.
+# The sources are in the same folder. They can include this tree's headers, and are compiled with
+# this tree's warnings.
 function(proxymanager_replace part)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
   if(NOT arg_SOURCES OR arg_UNPARSED_ARGUMENTS)
@@ -24,8 +25,8 @@ function(proxymanager_replace part)
   set_property(GLOBAL APPEND PROPERTY proxymanager_device_libraries ${arg_LIBRARIES})
 endfunction()
 
-# proxymanager_part(FOLDER_LIBRARY PART SOURCES a.cpp ... LIBRARIES lib ...): the part's own sources
-# and what these link, unless the device replaces it.
+# proxymanager_part(FOLDER_LIBRARY PART SOURCES a.cpp ... LIBRARIES lib ...): adds this tree's
+# sources of the part and their libraries, unless the device replaces the part.
 function(proxymanager_part library part)
   cmake_parse_arguments(PARSE_ARGV 2 arg "" "" "SOURCES;LIBRARIES")
   set_property(GLOBAL APPEND PROPERTY proxymanager_parts ${part})
@@ -39,8 +40,8 @@ function(proxymanager_part library part)
   target_link_libraries(${library} PRIVATE ${arg_LIBRARIES})
 endfunction()
 
-# Call it when all parts are known. Without this check, the build would silently use this tree's own
-# part if a name is misspelt.
+# Call this function when all parts are known. Without this check, a misspelt name would have no
+# effect, and the build would silently use this tree's own part.
 function(proxymanager_check_replaced)
   get_property(parts GLOBAL PROPERTY proxymanager_parts)
   get_property(replaced GLOBAL PROPERTY proxymanager_replaced)

@@ -1,6 +1,6 @@
 # proxymanager_quickjs: the JavaScript engine, QuickJS-NG, only for the script worker.
 #
-# The first of these is used: the source folder that the build names
+# The build uses the first of these that exists: the source folder that the build names
 # (-DPROXYMANAGER_ENGINE_SOURCE=); the distribution's package (libqjs-dev), if it is recent enough;
 # the source in a release tarball of this tree; the upstream tarball of a later suite of the
 # distribution, which packaging/quickjs/fetch_quickjs.sh fetches once per machine.
@@ -30,7 +30,7 @@ if(NOT engine_source)
 endif()
 
 if(NOT PROXYMANAGER_ENGINE_SOURCE AND NOT EXISTS "${engine_source}")
-  # Its error stream is not captured, so its steps appear at once.
+  # The error stream of the script is not captured, so the build shows its steps at once.
   execute_process(COMMAND "${CMAKE_CURRENT_LIST_DIR}/../packaging/quickjs/fetch_quickjs.sh"
     OUTPUT_VARIABLE engine_source OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE engine_failed)
   if(engine_failed)
@@ -54,7 +54,7 @@ if(engine_version VERSION_LESS PROXYMANAGER_ENGINE_MINIMUM)
 endif()
 message(STATUS "Script engine: QuickJS-NG ${engine_version}, built from ${engine_source}")
 
-# Upstream's own library without its module of files, processes and timers. Its own CMakeLists.txt
+# Upstream's library without its module for files, processes and timers. Upstream's CMakeLists.txt
 # is not used, because it also builds programs.
 list(TRANSFORM engine_parts PREPEND "${engine_source}/")
 add_library(proxymanager_quickjs STATIC ${engine_parts})
@@ -63,9 +63,10 @@ target_compile_definitions(proxymanager_quickjs PRIVATE _GNU_SOURCE QUICKJS_NG_B
 target_link_libraries(proxymanager_quickjs PUBLIC Threads::Threads m ${CMAKE_DL_LIBS})
 set_target_properties(proxymanager_quickjs PROPERTIES C_STANDARD 11 C_STANDARD_REQUIRED ON
   C_EXTENSIONS ON C_VISIBILITY_PRESET hidden)
-# These options replace the folder's options. The engine is a plain, optimized build even under
-# sanitizers and for coverage, because the tests use the same stack and heap limits as a device. Its
-# assertions stay on: a worker should end rather than run with broken memory.
+# These options replace the options of the folder. Even in builds with sanitizers or coverage, the
+# engine is an optimized build without them, because the tests use the same stack and heap limits as
+# a device. The engine's assertions stay on: a worker should end instead of running with broken
+# memory.
 set_property(TARGET proxymanager_quickjs PROPERTY COMPILE_OPTIONS
   -O3 -UNDEBUG -funsigned-char -w "-fmacro-prefix-map=${engine_source}/="
   -fno-strict-aliasing -fno-strict-overflow -fno-delete-null-pointer-checks

@@ -1,11 +1,12 @@
-# PROXYMANAGER_SANITIZER=address (with undefined and leaks), thread or fuzzer (as address, and what
-# libFuzzer counts edges by; clang alone), for every target below.
+# PROXYMANAGER_SANITIZER=address (with undefined behaviour and leaks), thread, or fuzzer (the same
+# as address, and the instrumentation with which libFuzzer counts edges; only for clang), for all
+# targets that are added later.
 if(PROXYMANAGER_SANITIZER STREQUAL "address")
   set(proxymanager_sanitizer_flags -fsanitize=address,undefined -fno-sanitize-recover=all)
 elseif(PROXYMANAGER_SANITIZER STREQUAL "thread")
   set(proxymanager_sanitizer_flags -fsanitize=thread)
-  # Boost.Asio uses fences, which the sanitizer does not understand. Everything else is ordered by
-  # its locks.
+  # Boost.Asio uses fences, which the sanitizer does not understand. Boost.Asio's locks order
+  # everything else.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     add_compile_options(-Wno-tsan)
   endif()
@@ -28,8 +29,8 @@ if(proxymanager_sanitizer_flags)
   add_link_options(${proxymanager_sanitizer_flags})
 endif()
 
-# Without optimization, each line has its own count. Several threads and processes count at the same
-# time.
+# Without optimization, each line has its own counter. The counters must be safe for several threads
+# and processes.
 if(PROXYMANAGER_COVERAGE)
   add_compile_options(--coverage -fprofile-update=atomic -O0)
   add_link_options(--coverage)

@@ -1,5 +1,5 @@
-# docs/security/: what the installed programs are linked with, and what is known of holes in the script
-# engine, written when they are installed.
+# The documents of docs/security/, written during the installation: the libraries of the installed
+# programs, and the known holes of the script engine.
 set(security_programs "")
 foreach(program proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanager-lease
     proxymanager-settings proxymanager-relay proxymanagerctl proxymanager-client-shared proxymanager_gio

@@ -1,18 +1,18 @@
-# Writes sbom.cdx.json and vex.cdx.json (CycloneDX 1.5) for the programs that were built: what they are
-# linked with, and what is known of holes in their script engine. A script in CMake's language, because
-# a build needs no other interpreter.
+# Writes sbom.cdx.json and vex.cdx.json (CycloneDX 1.5) for the programs that were built: their
+# libraries, and the known holes of their script engine. It is a script in CMake's language, because
+# every build has this interpreter.
 #
 # cmake -DPROGRAMS=a|b -DVERSION=v -DENGINE_VERSION=v -DENGINE_HEADER=quickjs.h -DOBJDUMP=objdump
 #       -DHOLES=engine_holes.json -DCOPYRIGHT=packaging/debian/copyright -DOUTPUT=folder [-DFOREIGN=ON]
 #       [-DTODAY=2026-12-31] -P security_documents.cmake
 #
-# FOREIGN: the programs are of another architecture, whose packages are not asked for their
-# versions. Fails if HOLES lists a hole of the engine's version that is neither fixed nor
+# FOREIGN: the programs are of another architecture, so the versions of packages on this machine are
+# not used. Fails if HOLES lists a hole of the engine's version that is neither fixed nor
 # unreachable nor in triage. Warns if the engine is older than half a year.
 cmake_minimum_required(VERSION 3.25)
 string(REPLACE "|" ";" PROGRAMS "${PROGRAMS}")
 
-# ${out}: `text` as a JSON string.
+# Sets ${out} to `text` as a JSON string.
 function(quoted out text)
   string(REPLACE "\\" "\\\\" text "${text}")
   string(REPLACE "\"" "\\\"" text "${text}")
@@ -31,7 +31,8 @@ macro(append variable json)
   string(JSON ${variable} SET "${${variable}}" ${ARGN} ${json_length} "${json}")
 endmacro()
 
-# ${out}: the installed version of a Debian package, empty if there is none or no dpkg.
+# Sets ${out} to the installed version of a Debian package. It is empty if the package is not
+# installed, or if there is no dpkg.
 function(package_version out package)
   execute_process(COMMAND dpkg-query -W -f "\${Version}" "${package}"
     OUTPUT_VARIABLE version ERROR_QUIET RESULT_VARIABLE failed)
@@ -41,14 +42,14 @@ function(package_version out package)
   set(${out} "${version}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: the package URL of a version of a Debian package.
+# Sets ${out} to the package URL of a version of a Debian package.
 function(package_url out package version)
   string(REPLACE "+" "%2B" version "${version}")
   string(REPLACE ":" "%3A" version "${version}")
   set(${out} "pkg:deb/debian/${package}@${version}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: a component; the package may be empty.
+# Sets ${out} to a component; the package may be empty.
 function(component out type name version package scope)
   set(json "{}")
   put(json "${type}" type)
@@ -65,8 +66,8 @@ function(component out type name version package scope)
   set(${out} "${json}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: the sonames of the libraries that a program is linked with, and of those that it maps on
-# demand. The latter are texts in the program.
+# Sets ${out} to the sonames of the libraries that a program is linked with, and of the libraries
+# that it maps on demand. The names of the latter are texts in the program.
 function(needed out program)
   execute_process(COMMAND "${OBJDUMP}" -p "${program}" OUTPUT_VARIABLE headers
     COMMAND_ERROR_IS_FATAL ANY)
@@ -81,8 +82,8 @@ function(needed out program)
   set(${out} "${entries}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: the engine as a component: the distribution's package if the header belongs to one, else
-# upstream's release, which the build compiles.
+# Sets ${out} to the component for the engine. If a package of the distribution owns the header, the
+# component is that package. Otherwise it is upstream's release, which the build compiles.
 function(engine_component out)
   component(json library quickjs-ng "${ENGINE_VERSION}" "" required)
   execute_process(COMMAND dpkg-query -S "${ENGINE_HEADER}" OUTPUT_VARIABLE owner ERROR_QUIET
@@ -123,7 +124,7 @@ function(write_sbom)
     set(files ${libraries})
     string(REGEX REPLACE "([.+])" "\\\\\\1" pattern "${soname}")
     list(FILTER files INCLUDE REGEX "/${pattern}$")
-    foreach(library ${libraries})  # those that are mapped on demand lie beside the others
+    foreach(library ${libraries})  # libraries on demand are in the same folder
       get_filename_component(folder "${library}" DIRECTORY)
       if(NOT files AND EXISTS "${folder}/${soname}")
         set(files "${folder}/${soname}")
@@ -151,7 +152,7 @@ function(write_sbom)
     append(sbom "${json}" components)
   endforeach()
 
-  # What is compiled in.
+  # The code of others that is compiled into the programs.
   file(STRINGS "${COPYRIGHT}" linked REGEX "^Files: linked/")
   list(TRANSFORM linked REPLACE "^Files: linked/([^ ]+).*" "\\1")
   list(REMOVE_ITEM linked quickjs-ng)
@@ -229,9 +230,9 @@ function(write_vex)
   file(WRITE "${OUTPUT}/vex.cdx.json" "${vex}\n")
 endfunction()
 
-# ${out}: the day on which the engine was released. HOLES lists it. For a version that is not in the
-# list, the date of the header is the next best value: packages and upstream's tarballs keep this
-# date, copies and repositories have a later one.
+# Sets ${out} to the day on which the engine was released, from HOLES. If the version is not in that
+# list, it is the date of the header: packages and upstream's tarballs keep this date, but in copies
+# and repositories it is later.
 function(released out)
   file(READ "${HOLES}" holes)
   string(JSON date ERROR_VARIABLE unknown GET "${holes}" releases "${ENGINE_VERSION}")
@@ -241,7 +242,7 @@ function(released out)
   set(${out} "${date}" PARENT_SCOPE)
 endfunction()
 
-# ${out}: the number of days from a fixed, arbitrary day to the date YYYY-MM-DD.
+# Sets ${out} to the number of days from a fixed, arbitrary day to the date YYYY-MM-DD.
 function(day_number out date)
   string(REGEX MATCH "^([0-9]+)-0?([0-9]+)-0?([0-9]+)$" matched "${date}")
   if(NOT matched)
@@ -258,8 +259,8 @@ endfunction()
 function(warn_of_age)
   set(today "${TODAY}")
   if(NOT today)
-    # Reproducible builds set it to the time of the source, which does not change while the engine
-    # gets older.
+    # Reproducible builds set this variable to the time of the source, which does not change while
+    # the engine gets older.
     unset(ENV{SOURCE_DATE_EPOCH})
     string(TIMESTAMP today "%Y-%m-%d" UTC)
   endif()

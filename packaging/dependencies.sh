@@ -1,6 +1,6 @@
 #!/bin/sh
-# Installs what building and testing this tree needs, as packaging/debian/control names it.
-# Uses only plain sh, dpkg and apt-get: a fresh machine has nothing else.
+# Installs the packages that packaging/debian/control names for building and testing this tree. Uses
+# only plain sh, dpkg and apt-get, because a new machine has nothing else.
 set -eu
 
 usage() {
@@ -41,7 +41,7 @@ done
 
 control=$(dirname "$0")/debian/control
 
-# The field Build-Depends, one dependency a line: "a", "a (>= 1)" or "a | b".
+# Prints the field Build-Depends, one dependency in each line: "a", "a (>= 1)" or "a | b".
 needed() {
   awk -v tests="$tests" -v package="$package" -v cross="$cross" \
     -v browsers="$browsers" -v reproducible="$reproducible" '
@@ -66,8 +66,9 @@ needed() {
     }' "$control"
 }
 
-# One line for each needed dependency that no installed package meets: by its name or by what it
-# provides. One dpkg-query for all; versions are compared only if the field names one.
+# Prints one line for each needed dependency that no installed package satisfies, by its own name or
+# by a name that it provides. It calls dpkg-query once for all, and compares versions only if the
+# field names one.
 missing() {
   # shellcheck disable=SC2016  # the fields are dpkg-query's, not the shell's
   dpkg-query -W -f '${db:Status-Status}|${Package}|${Version}|${Provides}\n' |
@@ -109,8 +110,9 @@ if [ "$action" = list ]; then
   cat "$wanted"
   exit 0
 fi
-# By their names; clang's own library is for clang, which builds only for this machine, and the script
-# engine is built from source if the package is missing.
+# The libraries are recognised by their names. Two are left out: clang's own library, because clang
+# builds only for this machine, and the script engine, which is built from source if the package is
+# missing.
 if [ "$action" = list-libraries ]; then
   grep -E '^(lib|nlohmann).*-dev( |$)' "$wanted" | grep -v -e '^libclang' -e '^libqjs' | sed 's/ .*//'
   exit 0
@@ -132,8 +134,8 @@ fi
 apt() {
   $root env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300 "$@"
 }
-# No package may start its service here, because the tests start their own. A setting of the machine
-# for this is kept.
+# The installed packages must not start their services on this machine, because the tests start
+# their own. If the machine already has a setting for this, it stays.
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
   trap '$root rm -f "$policy"; rm -f "$wanted"' EXIT
@@ -144,7 +146,7 @@ install() {
   apt satisfy --yes --no-install-recommends "$(echo "$lacking" | paste -s -d ,)"
 }
 
-# A new machine has no package lists, and a machine that was off for a long time has old ones.
+# A new machine has no package lists. A machine that was off for a long time has old lists.
 if ! ls /var/lib/apt/lists/*_Packages* >/dev/null 2>&1; then
   echo "Fetching the package lists"
   apt update

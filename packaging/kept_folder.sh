@@ -1,10 +1,11 @@
-# For scripts that make a folder once per machine and keep it; to be sourced. Such a script has
-# say() and fail(), prints the folder on standard output, and may run several times at once.
+# For scripts that make a folder once per machine and keep it. Such a script sources this file,
+# defines say() and fail(), and prints the folder on standard output. Several of these scripts may
+# run at the same time.
 # shellcheck shell=sh
 
-# kept_folder FOLDER NAME KEY: if FOLDER/NAME-KEY has been made, prints it and ends the script. Else
-# this script makes it in $staging, with $work for temporary files. Other scripts that need it wait
-# until keep.
+# kept_folder FOLDER NAME KEY: if FOLDER/NAME-KEY exists, prints its path and ends the script.
+# Otherwise the script has to make the folder in $staging, with $work for temporary files. Other
+# scripts that need this folder wait until this script calls keep.
 kept_folder() {
   result=$1/$2-$3
   if [ -d "$result" ]; then
@@ -25,17 +26,17 @@ kept_folder() {
   staging=$(mktemp -d "$1/.$2-XXXXXX")
   trap 'rm -rf "$work" "$staging"' EXIT
   trap 'exit 1' HUP INT TERM
-  # apt downloads as its own user, who must be able to reach the folder.
+  # apt downloads as its own user. This user must have access to the folder.
   chmod 755 "$work"
 }
 
-# folder_for_apt FOLDER: makes it, for apt to download into.
+# folder_for_apt FOLDER: makes a folder into which apt can download.
 folder_for_apt() {
   mkdir "$1"
   if [ "$(id -u)" = 0 ] && id _apt >/dev/null 2>&1; then chown _apt "$1"; fi
 }
 
-# keep: the folder is complete.
+# keep: call it when the folder in $staging is complete.
 keep() {
   chmod 755 "$staging"
   mv -T "$staging" "$result"

@@ -1,10 +1,10 @@
 #!/bin/sh
-# Makes a release tarball of the checked-out commit. It also contains the script engine's source, in
-# packaging/quickjs/source. So it can be built without a network, which a build from the repository
-# needs.
+# Makes a release tarball of the checked-out commit. The tarball also contains the script engine's
+# source, in packaging/quickjs/source. So a build of the tarball needs no network, but a build of
+# the repository does.
 #
 # usage: packaging/make_source_tarball.sh [FOLDER]
-# Writes into FOLDER (the present one) and prints the first of them:
+# Writes these files into FOLDER (default: the current folder), and prints the path of the first:
 #   proxymanagerd-VERSION.tar.gz    the source
 #   proxymanagerd-VERSION.cdx.json  its bill of materials (CycloneDX)
 #   SHA256SUMS                      the checksums of both
@@ -24,7 +24,7 @@ engine=$(packaging/quickjs/fetch_quickjs.sh)
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' HUP INT TERM
-# A user's own git settings must have no effect.
+# The git settings of the user must have no effect.
 git -c tar.umask=0022 -c core.autocrlf=false archive --prefix="$name/" HEAD | tar -x -C "$work"
 mkdir "$work/$name/packaging/quickjs/source"
 tar -c -C "$engine" . | tar -x -C "$work/$name/packaging/quickjs/source"

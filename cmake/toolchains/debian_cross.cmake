@@ -8,10 +8,11 @@ set(CMAKE_SYSTEM_NAME Linux)
 
 set(CMAKE_C_COMPILER ${triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
-# Debian's name for the folders of this architecture; without it CMake asks the build machine.
+# Debian's name for the folders of this architecture. If it is not set, CMake uses the name of the
+# build machine.
 set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
 
-# CMake reads this file again for each of its own test builds, which cannot read the cache.
+# CMake reads this file again for each of its test builds (try_compile), which cannot read the cache.
 set(CMAKE_TRY_COMPILE_PLATFORM_VARIABLES PROXYMANAGER_SYSROOT)
 if(NOT PROXYMANAGER_SYSROOT)
   execute_process(
@@ -26,7 +27,7 @@ if(NOT PROXYMANAGER_SYSROOT)
 endif()
 set(CMAKE_SYSROOT "${PROXYMANAGER_SYSROOT}")
 
-# Programs come from the build machine, everything else from the device.
+# CMake looks for programs on the build machine, and for everything else in the folder of the device.
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -1,6 +1,7 @@
 #!/bin/sh
-# Prints the sizes of the programs and shared libraries below a folder, in bytes: the mapped parts
-# of each file (code and constants, data, data that begins as zeros), and its size on the disk.
+# Prints the sizes of the programs and shared libraries below a folder, in bytes: for each file the
+# size of code and constants, of data, and of data that is initialised with zeros, and the size of
+# the file.
 #
 # usage: packaging/cross/sizes.sh TRIPLET FOLDER
 set -eu

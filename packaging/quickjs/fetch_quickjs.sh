@@ -1,20 +1,21 @@
 #!/bin/sh
 # Fetches the source of the JavaScript engine, QuickJS-NG, once per machine.
 #
-# For machines whose release has no package of the engine that is recent enough. apt fetches the
-# upstream tarball of a later suite from the machine's own source: same host, transport and keyring,
-# only another suite. The script makes an apt configuration for this run, and does not change
-# /etc/apt or apt's lists. The archive proves the content: apt verifies the signature of the suite's
-# index, and checks the tarball against the checksum in this index. No checksum is pinned here,
-# because the archive replaces each version by the next one. The script takes the suite's current
-# version, and prints it.
+# This is for Debian releases whose package of the engine is too old or missing. apt fetches the
+# upstream tarball of a later suite from the machine's own source: only the suite is different; host,
+# transport and keyring are the same. The script makes an apt configuration for this run, and does
+# not change /etc/apt or apt's lists. The archive's signature proves that the tarball is genuine: apt
+# verifies the signature of the suite's index, and compares the tarball with the checksum in this
+# index. This script contains no checksum, because the archive replaces each version by the next one.
+# The script fetches the suite's current version, and prints which version this is.
 #
-# Prints on standard output the folder that holds the unpacked source; reports on standard error what
-# it does, one line a step. Any user can run it, and several at once: one fetches, the others wait.
+# Prints the folder with the unpacked source on standard output, and one line for each step on
+# standard error. Any user can run the script. If it runs several times at once, one run fetches the
+# source, and the others wait.
 #
 # Environment: PROXYMANAGER_ENGINE_CACHE, the folder that keeps the result
-# (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd). A result is kept until somebody removes it. The next
-# run then takes the version that the suite has at that time.
+# (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd). The script never removes a result. If you remove it,
+# the next run fetches the version that the suite has then.
 set -eu
 
 package=quickjs-ng
@@ -38,8 +39,9 @@ kept_folder "$cache" "$package-source" "$suite-$reviewed"
 mkdir "$work/lists" "$work/cache"
 folder_for_apt "$work/source"
 
-# Read after the machine's configuration, so proxies and credentials of the machine hold, while its
-# hooks (which refresh other programs' caches) do not run for lists that are not the machine's.
+# apt reads this after the machine's configuration. So proxies and credentials of the machine apply,
+# but its hooks do not run: they refresh other programs' caches, and these lists are not the
+# machine's.
 cat >"$work/apt.conf" <<EOF
 #clear APT::Update::Pre-Invoke;
 #clear APT::Update::Post-Invoke;
@@ -54,8 +56,8 @@ Acquire::AllowDowngradeToInsecureRepositories "false";
 Acquire::Retries "3";
 EOF
 
-# entries: the machine's source entries for its own release, as FILE:NUMBER; the number is a line of
-# a .list file, a paragraph of a .sources file.
+# entries: prints the machine's source entries for its own release as FILE:NUMBER. The number is the
+# line of a .list file, or the paragraph of a .sources file.
 entries() {
   release=$(. /etc/os-release && echo "${VERSION_CODENAME:-unstable}")
   apt-get indextargets --no-release-info --format '$(SOURCESENTRY) $(RELEASE)' \
@@ -66,8 +68,8 @@ entries() {
       ($2 in wanted) && !seen[$1]++ { print $1 }'
 }
 
-# repeat_entry FILE NUMBER: that entry on standard output, as a source of $suite. What exempts the
-# entry from verification (trusted, allow-insecure and the like) is left out.
+# repeat_entry FILE NUMBER: prints that entry as a source of $suite. Options that turn off the
+# verification of the entry (trusted, allow-insecure and the like) are left out.
 repeat_entry() {
   case $1 in
     *.sources)
@@ -91,7 +93,8 @@ repeat_entry() {
   esac
 }
 
-# fetch FILE NUMBER: downloads the tarball into $work/source; fails if that entry does not have it.
+# fetch FILE NUMBER: downloads the tarball into $work/source. It fails if the source of that entry
+# does not have the tarball.
 fetch() {
   case $1 in *.sources) list="$work/own.sources" ;; *) list="$work/own.list" ;; esac
   repeat_entry "$1" "$2" >"$list"
