@@ -1,5 +1,5 @@
-# bash completion for proxymanagerctl(1). It needs only bash, and takes the help of the package
-# bash-completion for the command of exec where that is there.
+# bash completion for proxymanagerctl(1). It needs only bash. For the command after exec, it uses
+# the package bash-completion if that is installed.
 
 _proxymanagerctl_words() {
   mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur")
@@ -14,7 +14,7 @@ _proxymanagerctl_rules='host-case isinnet-name dns-first domain-dot shexp-regex 
 no-var date-month-end entry-dropped entry-unknown entry-port direct-missing direct-first no-return
 local-to-proxy too-many-names cost ignore-unknown'
 
-# The names of rules, of which several stand behind each other with commas between them.
+# The names of rules: one, or several with commas between them.
 _proxymanagerctl_lint_rules() {
   local before=
   [[ $cur != *,* ]] || before=${cur%,*},
@@ -37,7 +37,7 @@ _proxymanagerctl() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
   local command=${COMP_WORDS[1]} options i
   COMPREPLY=()
-  # "--format=curl" is three words to bash.
+  # bash splits "--format=curl" into three words.
   if [ "$cur" = = ]; then
     cur=
   elif [ "$prev" = = ] && [ "$COMP_CWORD" -gt 2 ]; then

@@ -6,14 +6,14 @@ set -g __proxymanagerctl_rules host-case isinnet-name dns-first domain-dot shexp
     date-month-end entry-dropped entry-unknown entry-port direct-missing direct-first no-return \
     local-to-proxy too-many-names cost ignore-unknown
 
-# The names of rules, of which several stand behind each other with commas between them.
+# The names of rules: one, or several with commas between them.
 function __proxymanagerctl_lint_rules
     set -l before (string match -r '^.*,' -- (commandline -ct | string replace -r '^--[a-z]+=' ''))
     printf "$before%s\n" $__proxymanagerctl_rules
 end
 set -l trials eval check lint test bench explain cover diff
 
-# The position of the "--" of exec, after which another program's words stand.
+# The position of exec's "--". The words after it belong to another program.
 function __proxymanagerctl_before_command
     not contains -- -- (commandline -opc)
 end

@@ -2,7 +2,8 @@
 # Copies the hooks to the folders of their clients, below ROOT. The package does this, and the build of an
 # image may do it, too. usage: put_in_place.sh HOOKS ROOT
 #
-# HOOKS is share/proxymanager/hooks as installed. udhcpc has no folder of hooks; see README.md.
+# HOOKS is the installed folder share/proxymanager/hooks. udhcpc has no folder of hooks; see
+# README.md.
 set -eu
 hooks=$1 root=$2
 
@@ -13,7 +14,8 @@ put 755 networkmanager etc/NetworkManager/dispatcher.d/50-proxymanager
 for state in routable degraded carrier no-carrier off; do
   put 755 networkd-dispatcher "etc/networkd-dispatcher/$state.d/proxymanager"
 done
-# dhcpcd has its folder below /usr: there it finds a link, and the administrator the file in /etc.
+# dhcpcd's folder of hooks is below /usr, where administrators should not edit files. So this folder
+# gets a link, and the file is in /etc.
 put 644 dhcpcd etc/proxymanagerd/dhcpcd-hook
 install -d "$root/usr/lib/dhcpcd/dhcpcd-hooks"
 ln -sf /etc/proxymanagerd/dhcpcd-hook "$root/usr/lib/dhcpcd/dhcpcd-hooks/70-proxymanager"
