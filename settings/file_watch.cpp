@@ -1,5 +1,6 @@
 #include "settings/file_watch.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -46,14 +47,18 @@ bool FileWatch::set(const std::vector<Place>& places) {
   bool isNew = false;
   std::vector<std::unique_ptr<Watched>> watched;
   for (const auto& place : places) {
-    auto entry = std::make_unique<Watched>(Watched{this, place, nullptr});
+    struct stat folder {};
+    if (stat(place.folder.c_str(), &folder) != 0) continue;
+    auto entry =
+        std::make_unique<Watched>(Watched{this, place, {folder.st_dev, folder.st_ino}, nullptr});
     sd_event_source* source = nullptr;
     const int added =
         sd_event_add_inotify(mEvent, &source, place.folder.c_str(), kMask, onEvent, entry.get());
     if (added < 0) continue;  // no such folder, or memory is exhausted: then SIGHUP helps
     entry->source.reset(source);
-    isNew = isNew || std::none_of(mWatched.begin(), mWatched.end(),
-                                  [&](const auto& old) { return old->place == place; });
+    isNew = isNew || std::none_of(mWatched.begin(), mWatched.end(), [&](const auto& old) {
+              return old->place == place && old->folder == entry->folder;
+            });
     watched.push_back(std::move(entry));
   }
   mWatched = std::move(watched);

@@ -2,10 +2,13 @@
 #pragma once
 
 #include <sys/inotify.h>
+#include <sys/types.h>
 #include <systemd/sd-event.h>
 
 #include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "settings/event_timer.h"
@@ -31,14 +34,15 @@ class FileWatch {
   /// @param changed called after a burst of changes
   FileWatch(sd_event* event, std::function<void()> changed);
 
-  /// Watches only these places. @return whether one of them was not watched before: then a change
-  /// before this call was not noticed
+  /// Watches only these places. @return whether one of them was not watched before, or is another
+  /// folder with the same name: then a change before this call was not noticed
   bool set(const std::vector<Place>& places);
 
  private:
   struct Watched {
     FileWatch* watch;
     Place place;
+    std::pair<dev_t, ino_t> folder;
     EventSource source;
   };
   static int onEvent(sd_event_source*, const inotify_event* event, void* watched);

@@ -164,9 +164,13 @@ bool SettingsService::readFiles() {
 bool SettingsService::watchFiles() {
   const std::string& folder = mPlaces.files.folder;
   std::vector<FileWatch::Place> places{{folder, ""}, {folder + "/settings.d", ""}};
-  if (const auto& file = mLastReading.settings.passwordFile) {
-    for (auto& place : placesOf(*file)) places.push_back(std::move(place));
-  }
+  const auto follow = [&places](const std::string& path) {
+    for (auto& place : placesOf(path)) places.push_back(std::move(place));
+  };
+  // A folder can go away and come back, or be a link.
+  follow(folder);
+  follow(folder + "/settings.d");
+  if (const auto& file = mLastReading.settings.passwordFile) follow(*file);
   if (const auto& name = mLastReading.settings.passwordCredential) {
     places.push_back({mPlaces.files.credentials, *name});
   }

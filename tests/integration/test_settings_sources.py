@@ -1,6 +1,7 @@
 """proxymanager-settings: what makes it configure the daemon again, and what it does without systemd."""
 
 import os
+import shutil
 import signal
 import socket
 import subprocess
@@ -8,7 +9,7 @@ import sys
 
 import pytest
 from support.bus import LIMIT, wait_until
-from support.settings_service import NetworkManager, SettingsService, link, write_settings
+from support.settings_service import FOLDER, NetworkManager, SettingsService, link, write_settings
 from support.stand_in import StandIn
 from support.web import response, script
 
@@ -156,6 +157,39 @@ def test_a_changed_password_file_or_credential_is_followed(build, own_network, s
     write_settings("fourth\n", credentials + "/proxy", 0o400)
     wait_for(client, "manual", "http://a.example:1", "", "n", "me", "fourth")
     settings.stop()
+
+
+def test_settings_whose_folder_goes_away_and_comes_back_are_followed(settings, daemon, client):
+    write_settings(MANUAL)
+    settings.start()
+    wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
+    os.rename(FOLDER, "/etc/old")
+    wait_for(client, *OFF)
+    wait_until(lambda: settings.next_timer() is None, "nothing is left to do")
+    os.makedirs(FOLDER + "/settings.d")
+    wait_until(lambda: settings.next_timer() is None, "nothing is left to do")
+    write_settings(MANUAL.replace("a.example", "b.example"), "settings.d/1.conf")
+    wait_for(client, "manual", "http://b.example:1", "", "n", "", "")
+    # A configuration tool replaces all at once.
+    write_settings(MANUAL.replace("a.example", "c.example"), "/etc/new/settings.conf")
+    os.rename(FOLDER, "/etc/older")
+    os.rename("/etc/new", FOLDER)
+    wait_for(client, "manual", "http://c.example:1", "", "n", "", "")
+
+
+def test_a_folder_of_settings_that_is_a_link_is_followed_to_another_target(settings, daemon, client):
+    for number, host in enumerate("abc"):
+        write_settings(MANUAL.replace("a.example", host + ".example"), f"/etc/v{number}/settings.conf")
+    shutil.rmtree(FOLDER)
+    os.symlink("/etc/v0", FOLDER)
+    settings.start()
+    for number, host in enumerate("abc"):
+        if number > 0:
+            os.symlink(f"/etc/v{number}", FOLDER + ".new")
+            os.rename(FOLDER + ".new", FOLDER)
+        wait_for(client, "manual", f"http://{host}.example:1", "", "n", "", "")
+    write_settings(MANUAL.replace("a.example", "d.example"), "/etc/v2/settings.conf")
+    wait_for(client, "manual", "http://d.example:1", "", "n", "", "")
 
 
 def test_a_password_file_whose_folder_comes_later_is_followed(settings, daemon, client):

@@ -74,6 +74,17 @@ TEST_F(Watch, ReportsWhetherAPlaceIsNew) {
   EXPECT_FALSE(watch.set({{mFolder, "b"}, {mFolder + "/missing", ""}}));
 }
 
+TEST_F(Watch, AnotherFolderWithTheSameNameIsANewPlace) {
+  const std::string folder = mFolder + "/settings";
+  std::filesystem::create_directory(folder);
+  FileWatch watch(mEvent.get(), [this] { mChanges++; });
+  EXPECT_TRUE(watch.set({{folder, ""}}));
+  std::filesystem::rename(folder, mFolder + "/old");
+  std::filesystem::create_directory(folder);
+  EXPECT_TRUE(watch.set({{folder, ""}}));
+  EXPECT_FALSE(watch.set({{folder, ""}}));
+}
+
 TEST_F(Watch, AFileInAFolderThatComesLaterIsFollowed) {
   const std::string path = mFolder + "/later/password";
   FileWatch watch(mEvent.get(), [&] {
