@@ -1,8 +1,10 @@
-// The cost of the wall between library and script: the same question asked through the library and
-// of the same engine in this process, loading, and the worker's own memory.
+// The cost of the separate process for a script. The same question is asked through the library,
+// and asked directly of the same engine in this process. Also measured: the time of loading, and
+// the memory of the worker.
 //
-// "OneCpu" binds this process, and with it the worker, to one CPU; "AnyCpu" leaves both to the
-// scheduler. The counter private_KB is what the worker has for itself alone.
+// "OneCpu" binds this process, and with it the worker, to one CPU. With "AnyCpu", the scheduler
+// chooses the CPUs. The counter private_KB is the memory that the worker does not share with other
+// processes.
 #include <benchmark/benchmark.h>
 #include <sched.h>
 
@@ -29,7 +31,7 @@ using bench::rulesScript;
 using bench::scriptOf;
 using bench::trivialScript;
 
-/// Binds this thread to the CPU it is on for as long as it lives.
+/// Binds this thread to its current CPU during the lifetime of this object.
 class OneCpu {
  public:
   OneCpu() {
@@ -106,7 +108,7 @@ void load(benchmark::State& state, const std::string& script) {
 constexpr int kListed = 10'000;
 constexpr int kHashed = 20'000;
 
-// In turn, so that the two of a script stand beside each other in time.
+// The two measurements of a script run directly after each other, so that they are comparable.
 #define PROXYMANAGER_EVALUATION(name, script)                \
   BENCHMARK_CAPTURE(inProcess, name, script)->UseRealTime(); \
   BENCHMARK_CAPTURE(throughLibraryOneCpu, name, script)->UseRealTime()
@@ -123,8 +125,9 @@ BENCHMARK_CAPTURE(load, sixtyRules, rulesScript(kRules))
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(load, large, scriptOf(kLargeBytes))->UseRealTime()->Unit(benchmark::kMillisecond);
 
-/// A list of so many rules, searched from its beginning to its end. In this process: the fitting
-/// takes the processor's time, and the worker's would not be in it.
+/// Searches a list with the given number of rules from its beginning to its end. It runs in this
+/// process: the calculation of the complexity uses CPU time, and the worker's CPU time would not be
+/// part of it.
 void searchList(benchmark::State& state) {
   inProcess(state, bench::linearListScript(static_cast<int>(state.range(0))));
   state.SetComplexityN(state.range(0));

@@ -1,6 +1,6 @@
-// The parts of an answer in the daemon's own process, with its lines masked: the cache's answer,
-// the parsing of a script's result, and public suffixes beside libpsl. Each over the range that it
-// meets, with the order in which its cost grows fitted to it.
+// The parts of an answer in the daemon's own process, with log lines masked: the cache's answer,
+// the parsing of a script's result, and public suffixes (compared with libpsl). Each part is
+// measured over its usual range of sizes, and its complexity is calculated from that.
 #include <benchmark/benchmark.h>
 #include <libpsl.h>
 
@@ -28,7 +28,8 @@ std::string hostOf(std::int64_t number) {
   return "www" + std::to_string(number) + ".example.org";
 }
 
-/// A parser that has answers for so many hosts, as a script's result gives them.
+/// Stores answers for this number of hosts in the parser, in the same way as a script's result
+/// does.
 void remember(PacParser& parser, std::int64_t hosts) {
   for (std::int64_t i = 0; i < hosts; ++i) {
     auto host = hostOf(i);
@@ -36,7 +37,7 @@ void remember(PacParser& parser, std::int64_t hosts) {
   }
 }
 
-/// A host asked for again, of 1 to 50 that are remembered, each in its turn.
+/// Asks for one of the 1 to 50 remembered hosts, one after the other.
 void cachedGetProxy(benchmark::State& state) {
   setlogmask(LOG_MASK(LOG_EMERG));
   PacParser parser(nullptr, false);
@@ -64,8 +65,8 @@ void parseResult(benchmark::State& state) {
   state.SetComplexityN(state.range(0));
 }
 
-/// As a device meets them: below country codes, below long suffixes, of one label, and of none that
-/// the list knows.
+/// The kinds of names that a device sees: below country codes, below long suffixes, names of one
+/// label, and names with a suffix that is not in the list.
 const std::vector<std::string>& names() {
   static const std::vector<std::string> drawn = [] {
     constexpr const char* kSuffixes[] = {"com",   "org",      "co.uk",  "de",

@@ -1,15 +1,15 @@
-// The scripts that are measured, as networks have them.
+// The scripts that the benchmarks use. They are similar to scripts of real networks.
 #pragma once
 
 #include <string>
 
 namespace bench {
 
-/// Gives one answer, whatever is asked.
+/// A script that gives the same answer to every question.
 std::string trivialScript();
 
-/// A rule after the other, every second one a suffix of the host, every other a shell expression;
-/// none fits the hosts that the benchmarks ask about.
+/// A sequence of rules. By turns, a rule compares a suffix of the host or uses a shell expression.
+/// No rule matches the hosts that the benchmarks ask about.
 std::string rulesScript(int rules);
 
 /// A list of domains that is searched from its beginning to its end, as older scripts do.
@@ -18,13 +18,14 @@ std::string linearListScript(int domains);
 /// The domains as the properties of an object, looked up label by label.
 std::string hashScript(int domains);
 
-/// What newer scripts are written in: const, arrow functions, templates, destructuring, Map, Set.
+/// A script with newer parts of the language: const, arrow functions, templates, destructuring,
+/// Map, Set.
 std::string modernScript();
 
-/// Rules up to this many bytes.
+/// A script with as many rules as fit into `bytes` bytes.
 std::string scriptOf(std::size_t bytes);
 
-/// The answer of all these scripts if no rule fits.
+/// The answer of all these scripts if no rule matches.
 inline constexpr const char* kAnswer = "PROXY proxy.test:8080; DIRECT";
 
 }  // namespace bench

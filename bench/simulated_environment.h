@@ -1,4 +1,5 @@
-// A device without names, addresses and a clock, so that measuring asks nothing of the machine.
+// A simulated device without names, addresses and clock, so that the measurements do not depend on
+// the machine's network or clock.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,5 @@
-// What a process of its own costs a download: fileDownload() beside the same transfer inside this
-// process, in turn, over loopback. The median of the differences is what counts.
+// The cost of a separate process for a download. fileDownload() and the same transfer inside this
+// process run in turn, over loopback. The result is the median of the differences.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -39,7 +39,7 @@ bool transferInProcess(const std::string& url) {
   return result.success;
 }
 
-/// Of the processes that have ended, in ms.
+/// CPU time of the child processes that have ended, in ms.
 double processorTime() {
   rusage usage{};
   getrusage(RUSAGE_CHILDREN, &usage);
@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
   const double cost = median(more);
   std::printf("%-48s %6.1f ms %8.0f %s\n", "more, median of the pairs", cost, kGoal,
               cost <= kGoal ? "met" : "MISSED");
-  // Beside other work the rest of the time is theirs.
+  // If the machine has other work, that work can use the rest of the time.
   std::printf("%-48s %6.1f ms\n", "processor time of the fetch process, mean",
               processorTime() / rounds);
   return EXIT_SUCCESS;

@@ -26,7 +26,7 @@
 namespace {
 
 constexpr char kTemporaryEnding[] = ".tmp";
-constexpr std::chrono::seconds kQuietTime{2};  // minimum between two fetches for changed files
+constexpr std::chrono::seconds kQuietTime{2};  // minimum between fetches for changed files
 
 bool sameText(const char* a, const char* b) {
   if (a == nullptr || b == nullptr) return a == b;

@@ -1,16 +1,16 @@
-// Load for a proxy, and what it makes of it, as one number on standard output.
+// Load for a proxy. Prints the result as one number on standard output.
 //
-//   relay_load tunnels PROXY TARGET CLIENTS SECONDS    tunnels a second: CONNECT, one byte there
-//   and back relay_load responses PROXY TARGET CLIENTS SECONDS  responses of 64 KiB a second, kept
-//   connections relay_load latency PROXY TARGET 1 SECONDS          median microseconds of a request
-//   that is answered
-//                                                      with 64 KiB, on one kept connection
-//   relay_load bulk PROXY TARGET CLIENTS SECONDS       MB a second that arrive through tunnels
-//   relay_load idle PROXY TARGET COUNT 0               opens that many tunnels, prints how many it
-//   has, and
-//                                                      holds them until standard input ends
-// PROXY and TARGET are ADDRESS:PORT; "-" for PROXY goes to the target itself, and
-// "plain:ADDRESS:PORT" to a forwarder, without CONNECT. A client is a thread.
+// usage: relay_load KIND PROXY TARGET CLIENTS SECONDS
+// - tunnels: tunnels a second, each with CONNECT and one byte there and back
+// - responses: responses of 64 KiB a second, on kept connections
+// - latency (one client): median time of a request with a response of 64 KiB, on one kept
+//   connection, in microseconds
+// - bulk: MB a second that arrive through tunnels
+// - idle (CLIENTS is the number of tunnels, SECONDS is 0): opens the tunnels, prints how many there
+//   are, and holds them until standard input ends
+//
+// PROXY and TARGET are ADDRESS:PORT. If PROXY is "-", the connections go to the target directly. If
+// it is "plain:ADDRESS:PORT", they go to a forwarder, without CONNECT. Each client is a thread.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -71,7 +71,7 @@ void sendAll(int socket, std::string_view text) {
   }
 }
 
-/// Reads up to the end of a head, and takes nothing behind it. @return the head
+/// Reads up to the end of a head, and no byte after it. @return the head
 std::string headOf(int socket) {
   std::string head;
   char byte = 0;
@@ -98,7 +98,7 @@ void echo(int socket) {
   if (recv(socket, &byte, 1, 0) != 1) fail("no echo");
 }
 
-/// Adds up what `client` gives, for each client.
+/// The sum of the results of `client` for all clients.
 template <typename Client>
 double sumOf(const Load& load, Client client) {
   std::atomic<std::uint64_t> sum{0};
@@ -138,7 +138,7 @@ void ask(const Load& load, Done done) {
   const auto request = (load.isDirect ? "GET /" : "GET http://" + load.target + "/") +
                        std::string(" HTTP/1.1\r\nHost: ") + load.target + "\r\n\r\n";
   std::vector<char> buffer(96 << 10);
-  // One at least, on a machine that is busy for longer than the time.
+  // At least one request is made, even if a busy machine uses up the time before it.
   do {
     const auto begin = Clock::now();
     sendAll(connection.get(), request);

@@ -1,9 +1,11 @@
-// What stands behind the proxies. The first byte of a connection decides what it gets:
-//   'e'  each byte back
-//   'b'  zeros, until the client closes
-//   'G'  HTTP: a response of 64 KiB to each request, on a kept connection
-// usage: relay_server PORT. It is one thread with an event loop, so that
-// ten thousand idle connections cost it nothing.
+// The server behind the measured proxies. The first byte of a connection decides what the server
+// sends:
+// - 'e': each byte back
+// - 'b': zeros, until the client closes the connection
+// - 'G' (HTTP): a response of 64 KiB to each request, on a kept connection
+//
+// usage: relay_server PORT. The server has one thread with an event loop, so ten thousand idle
+// connections cost it nothing.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -25,7 +27,7 @@ constexpr std::size_t kBody = 64 << 10;
 constexpr std::size_t kPiece = 256 << 10;
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
 
-/// The bytes that are sent again and again.
+/// The bytes that are sent repeatedly.
 const std::string& zeros() {
   static const std::string bytes(kPiece, '\0');
   return bytes;
@@ -46,7 +48,7 @@ struct Connection {
   std::size_t sent = 0;
 };
 
-/// @return whether the connection lives
+/// @return whether the connection is still open
 bool flush(Connection& connection) {
   for (;;) {
     if (connection.kind == 'b' && connection.sent == connection.waiting.size()) {
@@ -76,7 +78,7 @@ void take(Connection& connection, std::string_view bytes) {
   }
 }
 
-/// @return whether the connection lives
+/// @return whether the connection is still open
 bool receive(Connection& connection) {
   std::array<char, 64 << 10> bytes{};
   for (;;) {
@@ -109,12 +111,13 @@ void accept(int loop, int from) {
     if (socket < 0) return;
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    // A reset ends the other side's connection too: its port is free for the next tunnel at once.
+    // The reset also ends the other side's connection, so its port is free for the next tunnel at
+    // once.
     const linger reset{1, 0};
     setsockopt(socket, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     epoll_event event{};
     event.events = EPOLLIN | EPOLLOUT | EPOLLET;
-    event.data.ptr = new Connection{socket, 0, {}, {}, 0};  // its event's, until it ends
+    event.data.ptr = new Connection{socket, 0, {}, {}, 0};  // owned by its event until it ends
     epoll_ctl(loop, EPOLL_CTL_ADD, socket, &event);
   }
 }

@@ -1,15 +1,16 @@
-// Asks two services of the same interface the same questions, in turn, and compares them.
+// Asks two services with the same interface the same questions, in turn, and compares the services.
 //
-// A round is a block of calls to the one and a block to the other; every second round begins with
-// the other. What disturbs the machine so disturbs both, and the ratio of a round's medians says
-// what the machine's day does not. Each client is a thread with a connection of its own that waits
-// for one answer before it asks again.
+// A round is a block of calls to one service and a block of calls to the other; every second round
+// begins with the other service. So if something disturbs the machine, it disturbs both services,
+// and the ratio of a round's medians hardly depends on it. Each client is a thread with its own
+// connection. It waits for one answer before it asks the next question.
 //
 // usage: bus_load BASE-NAME MEASURED-NAME ROUNDS CALLS CLIENTS URL [PAC-URL]
-//   URL: each "%d" in it is replaced by a new number for each call, so every call has a new host
-//   PAC-URL: BASE-NAME is then GLib's PAC runner, which has another interface; it answers for URL
-//   with the script at PAC-URL Prints one JSON object: medians in microseconds, calls a second,
-//   ratios of the medians of rounds.
+// - URL: each "%d" in it is replaced by a new number for each call, so every call has a new host.
+// - PAC-URL: if it is given, BASE-NAME is GLib's PAC runner, which has another interface. It
+//   answers for URL with the script at PAC-URL.
+//
+// Prints one JSON object: medians in microseconds, calls a second, medians of the rounds' ratios.
 #include <systemd/sd-bus.h>
 
 #include <algorithm>
@@ -33,7 +34,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Microseconds = std::chrono::duration<double, std::micro>;
 
-constexpr std::uint64_t kCallLimit = 30'000'000;  // us; only a service that hangs takes it
+constexpr std::uint64_t kCallLimit = 30'000'000;  // us; only a service that hangs takes this long
 
 void check(int result, const char* what) {
   if (result < 0) throw std::system_error(-result, std::generic_category(), what);
@@ -54,7 +55,7 @@ Bus connect() {
   return Bus(bus);
 }
 
-/// The URLs of all clients, each one with numbers of its own.
+/// The URLs of all clients. Each URL has its own number.
 class Urls {
  public:
   explicit Urls(const std::string& url) : mUrl(url), mMark(url.find("%d")) {}
@@ -71,7 +72,7 @@ class Urls {
   std::atomic<unsigned> mNext{0};
 };
 
-/// What a block of calls asks.
+/// The service that a block of calls asks.
 struct Target {
   const char* name;
   const char* pacUrl;  ///< null: the daemon's interface; else the PAC runner's
@@ -92,7 +93,8 @@ Message questionTo(sd_bus* bus, const Target& target, const std::string& url) {
   return call;
 }
 
-/// Asks and reads the answer: the mode and what to use, or the runner's proxies.
+/// Asks a question and reads the answer: the mode and the entries, or the proxies of the PAC
+/// runner.
 void ask(sd_bus* bus, const Target& target, const std::string& url) {
   const Message call = questionTo(bus, target, url);
   sd_bus_message* given = nullptr;
@@ -175,7 +177,7 @@ nlohmann::ordered_json compare(Clients& clients, const Target& base, const Targe
   std::vector<double> baseRate;
   std::vector<double> rate;
   std::vector<double> rateRatio;
-  clients.run(base);  // both warm
+  clients.run(base);  // first, both services warm up
   clients.run(measured);
   for (int round = 0; round < rounds; ++round) {
     const bool baseFirst = round % 2 == 0;

@@ -1,6 +1,7 @@
-// What an answer costs a program that has the client library, in microseconds, as one line of JSON:
-// the first of a fresh process beside a bare connection and call, one that is remembered, and how
-// many of those two threads get beside one.
+// The cost of an answer for a program that uses the client library, in microseconds, as one line of
+// JSON. It has the first answer in a new process, compared with a plain connection and call; a
+// remembered answer; and the number of remembered answers that two threads get, compared with one
+// thread.
 //
 // usage: client_load SAMPLES, with a daemon on the system bus
 #include <proxymanager/client.h>
@@ -62,10 +63,10 @@ void askOnce() {
   proxymanager_client* const client = proxymanager_client_new(0);
   require(client != nullptr, "a client");
   ask(client);
-  // A program's end frees it; the answer is what is measured.
+  // The client is not freed here: the process ends, and only the answer is measured.
 }
 
-/// How long `question` takes in a process that has done nothing before.
+/// The time of `question`, in microseconds, in a process that has done nothing before.
 double inFreshProcess(void (*question)()) {
   int ends[2];
   require(pipe(ends) == 0, "a pipe");
@@ -86,7 +87,7 @@ double inFreshProcess(void (*question)()) {
   return taken;
 }
 
-/// What a page loads, from as many hosts.
+/// The URLs that a page loads, each from another host.
 std::vector<std::string> urlsOfAPage() {
   std::vector<std::string> urls;
   for (int host = 0; host < kHosts; ++host) {
@@ -95,7 +96,7 @@ std::vector<std::string> urlsOfAPage() {
   return urls;
 }
 
-/// Microseconds of one remembered answer, with so many threads that ask at once.
+/// Microseconds for one remembered answer if this number of threads asks at the same time.
 double remembered(proxymanager_client* client, const std::vector<std::string>& urls, int threads) {
   std::vector<std::thread> asking;
   const auto begin = Clock::now();
@@ -129,7 +130,7 @@ int main(int argc, char** argv) {
   const auto urls = urlsOfAPage();
   for (const auto& url : urls) ask(client, url.c_str());
   std::vector<double> one;
-  std::vector<double> rates;  // of two threads, in those of one
+  std::vector<double> rates;  // rate of two threads divided by the rate of one thread
   for (int round = 0; round < kRounds; ++round) {
     one.push_back(remembered(client, urls, 1));
     rates.push_back(2 * one.back() / remembered(client, urls, 2));

@@ -1,8 +1,8 @@
-/* What the daemon is measured against: the least that can answer on the bus.
+/* The smallest service that can answer on the bus. The daemon is compared with it.
  *
- * A service in plain C on sd-bus that returns the texts of its command line to every getProxyurl,
- * at the daemon's path and interface under a name of its own, so that both get the same call and
- * give the same answer. It says no line and knows nothing.
+ * A service in plain C on sd-bus. It answers every getProxyurl with the texts of its command line.
+ * It has the daemon's path and interface and its own bus name, so both get the same call and give
+ * the same answer. It logs nothing and has no configuration.
  *
  * usage: echo_service NAME TEXT... */
 #include <errno.h>

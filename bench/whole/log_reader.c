@@ -1,5 +1,5 @@
-/* Stands for the device's syslog daemon: takes every line from /dev/log at once and forgets it, so
- * that no measured program waits for a reader, and none is spared one.
+/* Replaces the device's syslog daemon: it reads every line from /dev/log at once and drops it. So
+ * every measured program writes to a real reader, and none has to wait for it.
  *
  * usage: log_reader SOCKET; prints how many lines and bytes it took when SIGTERM ends it */
 #include <signal.h>
@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     return EXIT_FAILURE;
   }
   strcpy(address.sun_path, argv[1]);
-  struct sigaction action = {.sa_handler = end}; /* no SA_RESTART: it interrupts the wait */
+  struct sigaction action = {.sa_handler = end}; /* no SA_RESTART: the signal interrupts the wait */
   sigaction(SIGTERM, &action, NULL);
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0 || bind(fd, (struct sockaddr*)&address, sizeof address) < 0 ||

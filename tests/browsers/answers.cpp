@@ -1,9 +1,10 @@
-// The worker's script engine on its own, with names, addresses and a clock of the caller's.
+// The worker's script engine alone, with names, addresses and a clock that the caller provides.
 //
 // usage: answers SCRIPT [own=ADDRESS,...] [NAME=ADDRESS,...] ...
 //
 // Loads SCRIPT, then reads lines of three fields, separated by tabs: seconds since 1970, URL, host.
-// For each it prints the answer of the script, or "!" and the error. The zone is the variable TZ.
+// For each line it prints the answer of the script, or "!" and the error. The variable TZ sets the
+// zone.
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -45,7 +46,7 @@ class Environment : public pac_worker::PacEnvironment {
   std::int64_t clock = 0;
 
   Texts resolve(std::string_view name, AddressFamily family) override {
-    // The rules that give the browser its names fit only their own letter case.
+    // The rules with which the browser gets its names depend on letter case.
     if (base::isAscii(name) && base::lowerCase(name) != name) return {};
     return names.resolve(name, family, pac_engine::Deadline::max(), kNobody);
   }
@@ -54,7 +55,7 @@ class Environment : public pac_worker::PacEnvironment {
   void alert(std::string_view /*text*/) override {}
 
  private:
-  static constexpr int kNobody = -1;  ///< watched by a lookup at a server, which never happens
+  static constexpr int kNobody = -1;  ///< never used: only a lookup at a server watches it
 
   static pac_engine::NameSource source(pac_engine::StaticNames given) {
     pac_engine::NameSource names;

@@ -1,5 +1,5 @@
-// Each allocation of the parsers, tables and caches fails once: nobody crashes, nothing leaks, and
-// the next call is as if nothing had happened.
+// Each allocation of the parsers, tables and caches fails once. The program does not crash and
+// leaks nothing, and the next call works as if the failure had not happened.
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -40,7 +40,7 @@
 
 namespace {
 
-// Longer than what a std::string holds without an allocation.
+// Longer than a text that a std::string stores without an allocation.
 const std::string kLong(100, 'x');
 const std::string kSearchList = "corp.engineering.example.co.uk laboratory.example.org lan";
 
@@ -149,7 +149,7 @@ TEST(AllocationFault, IsBorneByTheAnswersOfAParser) {
             10);
 }
 
-// A query that gives up half-way leaves what was stored where it was.
+// If a query fails in the middle, the stored entries keep their order.
 TEST(AllocationFault, LeavesTheCacheAsItWas) {
   ProxyUrlCache cache(2, nullptr, nullptr);
   cache.set("first", {{1, nullptr}});
@@ -193,7 +193,7 @@ TEST(AllocationFault, IsBorneByTheTextOfALease) {
   EXPECT_GE(failEachAllocation([] { return wpadValue("wpad=\"http://" + kLong + "\"\n"); }), 3);
 }
 
-// Nothing may be thrown here: a signal handler calls it.
+// A signal handler calls this function, so it must not throw.
 TEST(AllocationFault, IsAFailureToReadTheTraceValues) {
   enterOwnRoot();
   writeText("/etc/proxymanagerd/trace.conf", "baseseverity=7\nthis is no line\n");
@@ -286,7 +286,7 @@ TEST(AllocationFault, IsBorneByTheLookedUpNames) {
 TEST(AllocationFault, InAQuestionToTheWorkerCostsThatQuestionAlone) {
   pac_engine::Problem problem;
   pac_engine::Options patient;
-  patient.timeLimit = std::chrono::seconds(60);  // the script ends at once
+  patient.timeLimit = std::chrono::seconds(60);  // never reached: the script ends at once
   // A lifetime of 0 makes each question a lookup.
   const DnsServer server({{"a.example", DnsName{{"10.0.0.1"}, 0}}});
   patient.names.nameServers = server.address();
@@ -299,7 +299,7 @@ TEST(AllocationFault, InAQuestionToTheWorkerCostsThatQuestionAlone) {
   const std::string host = kLong;
   const std::string right = "PROXY " + host;
   ASSERT_EQ(engine->evaluate("http://h/", host).result, right);
-  setlogmask(LOG_MASK(LOG_EMERG));  // the capture of log lines allocates too
+  setlogmask(LOG_MASK(LOG_EMERG));  // because the capture of log lines allocates, too
   int failed = 0;
   int lost = 0;
   for (bool more = true; more; failed += more ? 1 : 0) {

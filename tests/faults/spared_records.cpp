@@ -1,5 +1,5 @@
-// The records' string2Char does not look whether it got memory: that is its contract. So it always
-// gets some here. The linker sends its callers through __wrap_.
+// By its contract, string2Char does not check whether its allocation succeeds. So in these tests,
+// its allocations never fail. The linker replaces its calls by calls of __wrap_....
 #include <cstdint>
 
 #include "tests/support/failing_allocator.h"

@@ -1,4 +1,5 @@
-// The ASCII form of a host name: fit for a query, the same in any case, and its own ASCII form.
+// The ASCII form of a host name: it is valid in a query, does not depend on letter case, and the
+// ASCII form of this form is the form itself.
 #include <algorithm>
 #include <string>
 

@@ -1,5 +1,5 @@
-// The URL that a script sees has no secrets, keeps the length limit, and does not change when it is
-// cleaned again.
+// The URL that a script sees has no secrets and is not longer than the limit. If it is cleaned
+// again, it does not change.
 #include <algorithm>
 #include <string>
 #include <string_view>
@@ -47,7 +47,7 @@ void checkCleaned(const std::string& url, const std::string& cleaned) {
   require(canonicalUrl(cleaned) == cleaned, "what is clean stays");
 }
 
-// The same URL with a user name, a password and a fragment that nobody may see.
+// Adds a user name, a password and a fragment to the URL. The script must not see them.
 void checkSecrets(const std::string& url) {
   if (lowered(url).find(lowered(kSecret)) != std::string::npos) return;
   const auto authority = url.find(kMark) + kMark.size();

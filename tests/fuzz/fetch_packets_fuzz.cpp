@@ -1,5 +1,5 @@
-// Packets of the fetch process: an accepted packet is encoded to the same bytes again, and its
-// texts are short and printable, whatever the process sends.
+// Packets of the fetch process, which may send any bytes. If an accepted packet is encoded again,
+// the result has the same bytes. Its texts are short and printable.
 #include <algorithm>
 #include <string>
 

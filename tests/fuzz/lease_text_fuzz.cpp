@@ -1,6 +1,7 @@
-// Writing a lease. Whatever options the network's server sends, the lease file has three lines of
-// harmless words, the resolver file has one line of names, and the daemon reads the same values
-// that were written. The input: a byte for the encoding, then four values, each ended by "|".
+// Writing a lease. The network's server may send any options. Still, the lease file has three lines
+// of harmless words, the resolver file has one line of names, and the daemon reads the same values
+// that were written. The input is a byte for the encoding and four values; each value ends with
+// "|".
 #include <algorithm>
 #include <optional>
 #include <sstream>
@@ -20,7 +21,7 @@ namespace {
 
 constexpr std::string_view kOuter = " \t\v\f\"'";
 
-/// The text of a shell's word made of '...' and \' alone; nothing if it is anything else.
+/// The text of a shell word that consists only of '...' and \'; nothing for any other word.
 std::optional<std::string> wordOf(std::string_view text) {
   std::string word;
   while (!text.empty()) {

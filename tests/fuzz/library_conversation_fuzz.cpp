@@ -1,9 +1,10 @@
 // The library's side of the conversation, with a hostile worker at the other end. The engine is the
-// library's own; in place of the process there is a socket that already contains all messages of
-// the worker, both well-formed ones and garbage. A model predicts the library's results.
+// library's real one. Instead of a process, there is a socket that already contains all messages of
+// the worker, both well-formed messages and garbage. A model predicts the library's results.
 //
-// The input: for each worker, as the library starts them, a byte that says whether it listens and
-// how many messages it sends, and these, each behind a byte for its kind.
+// The input has a part for each worker that the library starts. The part begins with a byte, which
+// decides whether the worker reads its socket and how many messages it sends. Then the messages
+// follow, each after a byte for its kind.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -29,31 +30,33 @@ using namespace pac_engine;
 
 namespace {
 
-// Of one worker; the library's answers to as many fit into its socket.
+// Maximum number of messages of one worker. The library's answers to this number of messages fit
+// into the socket.
 constexpr std::size_t kMostMessages = 16;
 constexpr int kQuestions = 3;
 constexpr pid_t kPid = 4711;
 
 struct Worker {
   UniqueFd socket;                   ///< the worker's end; empty if the worker has closed it
-  std::deque<std::string> messages;  ///< sent, and not yet read by the model's library
+  std::deque<std::string> messages;  ///< sent messages that the model has not read yet
 };
 
-/// A message that ends a wait of the library: one that is no question and no alert; nothing if the
-/// worker failed.
+/// The message that ends a wait of the library: a message that is neither a question nor an alert.
+/// Nothing if the worker failed.
 using End = std::optional<FromWorker>;
 
-/// Two views of one run: workers as they are started, and the library as it should take them.
+/// One run: the workers that were started, and the model of the library that handles their
+/// messages.
 struct Run {
   explicit Run(fuzz::Input& given) : input(given) {}
 
   fuzz::Input& input;
-  std::deque<std::optional<Worker>> started;  ///< not yet met by the model; nothing: no worker
+  std::deque<std::optional<Worker>> started;  ///< for the model; an empty element: no start
   std::optional<Worker> current;              ///< the model's
   std::uint32_t serial = 0;
-  std::string bytes;           ///< of the message that a wait has ended with
-  std::string alerts;          ///< said since the last look, a line each
-  std::string expectedAlerts;  ///< and the lines that the model expects
+  std::string bytes;           ///< the message that ended a wait
+  std::string alerts;          ///< logged since the last check, one line each
+  std::string expectedAlerts;  ///< the lines that the model expects
 
   void start();
   End wait();
@@ -79,7 +82,7 @@ std::string someMessage(fuzz::Input& input) {
   }
 }
 
-/// The library's wait for its worker, by the rules of the conversation.
+/// The model of the library's wait for its worker.
 End Run::wait() {
   std::size_t alertBytesLeft = kMaxAlertBytes;
   while (!current->messages.empty()) {
@@ -102,7 +105,7 @@ End Run::wait() {
   return std::nullopt;
 }
 
-/// The model's start of a worker. @return whether it is ready
+/// The model of a worker's start. @return whether the worker is ready
 bool Run::ready() {
   require(!started.empty(), "a worker is started where one is needed");
   current = std::move(started.front());
@@ -113,7 +116,7 @@ bool Run::ready() {
   return current.has_value();
 }
 
-/// All messages of the library to the worker.
+/// Reads and checks all messages of the library to the worker.
 void Run::readWhatWasSaid() {
   static char buffer[kMaxMessageBytes + 1];
   while (current && current->socket) {
@@ -145,11 +148,11 @@ void checkProblem(const Problem& problem) {
   require(problem.message.size() <= 4 * kMaxProblemBytes, "a problem is short");
 }
 
-/// @return the answer that a question has by the model
+/// @return the answer that the model expects for a question
 std::optional<std::string> expectedAnswer() {
   if (!run->current && !run->ready()) return std::nullopt;
   ++run->serial;
-  // A worker that has closed its socket is found gone, and another is asked.
+  // If the worker has closed its socket, the library notices it and asks another worker.
   if (!run->current->socket && !run->ready()) return std::nullopt;
   const auto end = run->wait();
   const auto* const answer = end ? std::get_if<Answer>(&*end) : nullptr;
@@ -185,7 +188,7 @@ Options options() {
 
 }  // namespace
 
-// The worker's process, as worker_process.h has it, without one.
+// Replaces the functions of worker_process.h. There is no real process.
 
 namespace pac_engine {
 

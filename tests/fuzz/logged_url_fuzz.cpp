@@ -1,4 +1,5 @@
-// Lists of URLs and access logs: what is read as a URL is one word of the log, or made of one.
+// Lists of URLs and access logs: each URL that is read is a word of the log, or is made from one
+// word.
 #include "client/ctl/terminal/logged_url.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
@@ -10,7 +11,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const auto log = fuzz::textOf(data, size);
   const auto urls = client::urlsOfLog(log);
   require(urls.size() <= size, "a log has no more URLs than bytes");
-  // The page of the relay is JSON, whose texts may hold anything.
+  // The page of the relay is JSON, and its texts may contain anything.
   const bool isPage = log.find("destination") != std::string_view::npos;
   for (const auto& url : urls) {
     require(!url.empty(), "a URL is not empty");

@@ -1,5 +1,6 @@
-// The messages between library and worker: any bytes for both decoders, and messages made from the
-// input's bytes, encoded and decoded. An accepted message keeps the limits and has one encoding.
+// The messages between library and worker. Both decoders get any bytes. In addition, messages are
+// made from the input's bytes, and are encoded and decoded. An accepted message is within the
+// limits and has only one encoding.
 #include <algorithm>
 #include <string>
 

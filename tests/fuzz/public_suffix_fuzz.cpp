@@ -1,14 +1,17 @@
-// Public suffixes: the built-in table against libpsl, which reads the very list that the table is
-// made of; and the guard of the candidates, which must never be laxer than libpsl's current list.
+// Public suffixes. The built-in table is compared with libpsl, which reads the same list from which
+// the table is made. The guard of the candidates (isPublicSuffix) must find every suffix that
+// libpsl's current list has.
 //
-// These must agree, for names in ASCII without empty labels, in lower case and without outer dots:
-//  - the guard returns yes exactly if libpsl does, by the table's list or, for names with a dot, by
-//    its current list, both without the rule that an unknown top-level name counts. International
-//    rules are the exception: the table has them only as UTF-8, which no lookup finds, and libpsl
-//    has them in ASCII form, too. For these only libpsl may return yes;
-//  - the guard accepts every name that the exact lookups accept.
-// What need not hold: the exact lookups know no wildcards, so they may return no if the guard
-// returns yes.
+// These results must agree, for names in ASCII without empty labels, in lower case and without dots
+// at their ends:
+//  - the guard returns yes if, and only if, libpsl returns yes with the table's list or, for names
+//    with a dot, with its current list. In both cases, the rule that an unknown top-level name is a
+//    public suffix is not used. International rules are an exception: the table has them only as
+//    UTF-8, which no lookup finds, and libpsl also has them in ASCII form. For these rules, libpsl
+//    may return yes and the guard no;
+//  - if the exact lookups return yes for a name, the guard also returns yes.
+// The other direction is not required: the exact lookups have no wildcards, so they may return no
+// if the guard returns yes.
 #include <libpsl.h>
 
 #include <string>
@@ -28,7 +31,7 @@ bool isSuffixOf(const psl_ctx_t* list, const std::string& name) {
   return psl_is_public_suffix2(list, name.c_str(), PSL_TYPE_ANY | PSL_TYPE_NO_STAR_RULE) != 0;
 }
 
-// Made once, for the life of the process.
+// Made once, and never freed.
 const psl_ctx_t* builtInList() {
   static const psl_ctx_t* const list = psl_load_file(SUFFIX_LIST);
   require(list != nullptr && psl_suffix_count(list) > 1000, "libpsl reads the table's list");
@@ -42,7 +45,7 @@ std::string lowered(std::string text) {
   return text;
 }
 
-/// Labels of visible ASCII that DNS can hold, none empty.
+/// Whether `name` consists of non-empty labels of visible ASCII that are valid in DNS.
 bool isOrdinary(std::string_view name) {
   if (name.empty() || name.size() > 253) return false;
   std::size_t label = 0;
@@ -69,7 +72,7 @@ void checkGuard(const std::string& name) {
     require(guarded, "the table is read as the list means it");
 }
 
-/// The exact lookups, for any text: `suffix` is what topLevelDomain made of `name`.
+/// Checks the exact lookups, for any text. `suffix` is the result of topLevelDomain for `name`.
 void checkLongest(const std::string& name, const std::string& suffix) {
   std::string bare = name;
   while (bare.ends_with('.')) bare.pop_back();

@@ -1,5 +1,6 @@
-// What a network manager pushes: any keys with values of any types, in a real message. What is read
-// equals a second reading by a model, and what is made of it can be handed over or takes no part.
+// The settings that a network manager pushes: any keys with values of any types, in a real message.
+// The settings that the service reads equal those that a model reads. The result is a valid
+// configuration, or the settings are ignored.
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
 
@@ -33,7 +34,7 @@ sd_bus* anyBus() {
   return bus;
 }
 
-/// The bus takes UTF-8 without NUL: here ASCII stands for it.
+/// The bus accepts UTF-8 without NUL. Here, all texts are ASCII without NUL.
 std::string textOf(std::string_view bytes) {
   std::string text(bytes);
   for (char& c : text) {
@@ -43,7 +44,7 @@ std::string textOf(std::string_view bytes) {
   return text;
 }
 
-/// What the service is expected to take.
+/// The settings that the service is expected to read.
 struct Model {
   std::map<std::string, std::string> texts;
   std::map<std::string, std::vector<std::string>> lists;
@@ -136,7 +137,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int result = readPushed(made, pushed, problem);
   const auto& method = model.texts["Method"];
   const bool isKnown = method == "direct" || method == "auto" || method == "manual";
-  // An input is shorter than the limits of texts and lists.
+  // The limits of texts and lists are not checked here, because an input is shorter.
   require(result == (isKnown ? 0 : 1) && problem.empty() == isKnown, "the method decides");
   if (result != 0) return 0;
   require(pushed.url == model.texts["URL"] && pushed.interface == model.texts["Interface"] &&

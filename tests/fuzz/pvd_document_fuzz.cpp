@@ -1,5 +1,5 @@
-// Documents of proxy information. Whatever a document contains, its script has only entries of
-// proxies that passed the check, and never a rule that was ignored.
+// Documents of proxy information with any content. The script that is made from a document has only
+// entries of proxies that passed the check, and it never has a rule that was ignored.
 #include <algorithm>
 #include <string>
 
@@ -25,7 +25,7 @@ void checkDocument(const pvd::Document& document) {
   }
 }
 
-/// Each text between quotes behind "return" is an answer that the document gives.
+/// Each quoted text after "return" is an answer that the document gives.
 void checkAnswers(const pvd::Document& document, const std::string& script) {
   std::size_t at = script.find("FindProxyForURL");
   while ((at = script.find("return \"", at)) != std::string::npos) {

@@ -1,5 +1,6 @@
-// The relay's reader of HTTP/1: a head that is accepted has one reading, and what the relay sends
-// on is accepted again with the same body. The input: a head, and behind its empty line a body.
+// The relay's reader of HTTP/1. An accepted head has only one meaning. The message that the relay
+// forwards is also accepted, with the same body. The input is a head with its empty line, and then
+// a body.
 #include <algorithm>
 #include <string>
 
@@ -15,7 +16,7 @@ using namespace relay;
 
 namespace {
 
-/// Reads the body whole and byte by byte: both must give the same.
+/// Reads the body in one piece and byte by byte. Both results must be equal.
 void checkBody(const Body& body, std::string_view bytes) {
   BodyReader whole(body);
   std::string out;
@@ -49,7 +50,8 @@ void checkRequest(std::string_view head, std::string_view rest) {
   form.via = "relay";
   const auto sent = requestFor(request, form);
   RequestHead again;
-  // A name in Via may be added, so a head at the limit of fields may pass it.
+  // The relay may add fields such as Via. If a head has almost the maximum number of fields, the
+  // forwarded head may have too many.
   if (request.fields.list.size() + 4 < kMaxFields) {
     require(readRequestHead(sent, again).status == 0, "what is sent on is accepted");
     require(again.body.kind == request.body.kind && again.body.length == request.body.length,

@@ -1,5 +1,5 @@
-// The requests of SOCKS clients: whatever comes, the reader ends, and what it takes is a
-// destination that is written and read again.
+// The requests of SOCKS clients. The reader ends for any input. If it accepts a destination, the
+// destination's text is read as the same destination.
 #include <string>
 
 #include "relay/socks.h"

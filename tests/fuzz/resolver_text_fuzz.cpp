@@ -1,4 +1,4 @@
-// The resolver file's text: the result is a part of one line, which is the last line that counts.
+// The resolver file's text: the result is a part of the last line with a keyword.
 #include <sstream>
 #include <string>
 

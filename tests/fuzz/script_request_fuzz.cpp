@@ -1,5 +1,5 @@
-// A request to the server of pushed scripts: what is read equals what a regular expression finds,
-// and no name of a file leads out of its folder.
+// A request to the server of pushed scripts. The reader finds the same as a regular expression, and
+// no file name leads out of the folder.
 #include <regex>
 #include <string>
 
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   static const std::regex form(R"((GET|HEAD) /([^ ]*) HTTP/1\.[^]*)");
   const std::string line = head.substr(0, head.find("\r\n"));
   std::smatch parts;
-  // The library's expressions need a stack frame for each byte.
+  // std::regex needs a stack frame for each byte.
   if (line.size() > 1000) return 0;
   const bool matches = std::regex_match(line, parts, form);
   require(matches == request.has_value(), "one reading or none");

@@ -1,5 +1,5 @@
-// From a script's bytes to its text, and the texts on the way to a log line: well-formed UTF-8, no
-// control characters, as long as promised.
+// The conversion of a script's bytes to its text, and of texts to a log line: the results are
+// well-formed UTF-8, have no control characters, and keep the promised length.
 #include <algorithm>
 #include <string>
 
@@ -19,7 +19,7 @@ namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
-// UTF-16 back to UTF-8, surrogates that stand alone written like any other code point.
+// Converts UTF-16 back to UTF-8. An unpaired surrogate is written like any other code point.
 std::string utf8Of(std::u16string_view units) {
   std::string text;
   const auto put = [&text](char32_t bits) { text += static_cast<char>(bits); };

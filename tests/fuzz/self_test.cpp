@@ -1,4 +1,4 @@
-// A target whose property does not hold for some inputs, to test that a replay reports it.
+// A target whose property is false for some inputs. It tests that a replay reports this.
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"
 #include "tests/fuzz/support/target.h"

@@ -1,5 +1,5 @@
-// The administrator's settings: whatever a file holds, each problem names a line of it, what is
-// taken lies within its limits, and settings that are written again are read back.
+// The administrator's settings, in a file with any content. Each problem names a line of the file,
+// each accepted value is within its limits, and settings that are written and read again are equal.
 #include <algorithm>
 #include <cstdio>
 #include <string>

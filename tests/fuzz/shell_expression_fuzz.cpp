@@ -1,6 +1,6 @@
-// shExpMatch's own matching against the engine's regular expressions, which are what it stands for.
-// The input is the text, a "|" and the expression; a "~" in either stands for some character that
-// is hard to type.
+// shExpMatch's native matching, compared with the engine's regular expressions, which it replaces.
+// The input is the text, a "|" and the expression. A "~" in either stands for a character that is
+// hard to type.
 #include <algorithm>
 #include <string>
 
@@ -33,7 +33,8 @@ function FindProxyForURL(text, expression) {
 }
 )";
 
-// Backtracking takes a power of the text's length: more stars would show nothing else, slowly.
+// With more stars, backtracking takes much longer (a power of the text's length) and shows nothing
+// new.
 constexpr std::ptrdiff_t kMostStars = 4;
 
 class Trial {
@@ -48,8 +49,8 @@ class Trial {
  private:
   static ScriptLimits limits() {
     ScriptLimits limits;
-    // Only the fuzzer reports a slow input; a corpus may be replayed while the machine stands
-    // still.
+    // Only the fuzzer reports a slow input. During a replay of a corpus, the machine may be very
+    // busy.
     limits.time = std::chrono::seconds(60);
     return limits;
   }
@@ -73,7 +74,7 @@ std::string typed(std::string_view field) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static auto& trial = *new Trial;  // for the life of the process
+  static auto& trial = *new Trial;  // never freed
   fuzz::Input input(data, size);
   const auto text = typed(input.upTo('|'));
   const auto expression = typed(input.rest());

@@ -1,4 +1,5 @@
-// Files of cases: each is refused with the line, or each of its cases is a URL and an answer.
+// Files of test cases: a file is refused with the number of a line, or each of its cases has a URL
+// and an answer.
 #include <string>
 
 #include "client/ctl/commands/test_cases.h"

@@ -1,6 +1,6 @@
-// The cache of answers against a simple model: a list of keys in the order of use. Each byte pair
-// of the input is one call; each holder frees its texts, so that the address sanitizer sees one
-// that is freed twice, or never.
+// The cache of answers, compared with a simple model: a list of keys in the order of use. Each pair
+// of bytes in the input is one call. Each owner frees its texts, so that the address sanitizer
+// reports a text that is freed twice or never.
 #include <algorithm>
 #include <cstring>
 #include <list>
@@ -35,7 +35,7 @@ void freeTexts(ProxyUrlSettings& list) {
   list.clear();
 }
 
-/// The cache under trial, and what it should hold: the most recently used answer first.
+/// The tested cache, and the answers that it should have, the most recently used answer first.
 class Trial {
  public:
   explicit Trial(int capacity)
@@ -44,7 +44,7 @@ class Trial {
   void set(const std::string& key, ProxyUrlSettings list) {
     const auto known = find(key);
     if (known != mModel.end()) {
-      // The cache does not own a replaced list any more, and does not release it.
+      // The cache no longer owns a replaced list, and does not release it.
       mReplaced.push_back(std::move(known->list));
       mModel.erase(known);
     } else if (mModel.size() == static_cast<std::size_t>(mCapacity)) {
@@ -72,7 +72,7 @@ class Trial {
     require(mDue.empty(), "clearing releases every answer");
   }
 
-  /// The lists that the end of the cache releases.
+  /// Expects the release of all lists, by the destruction of the cache.
   void expectAll() {
     mModel.sort([](const auto& a, const auto& b) { return a.key < b.key; });
     mDue.splice(mDue.end(), mModel);
@@ -99,9 +99,9 @@ class Trial {
 
   const int mCapacity;
   std::list<Answer> mModel;
-  std::list<Answer> mDue;  ///< to be released by the call that runs
+  std::list<Answer> mDue;  ///< the running call must release these
   std::vector<ProxyUrlSettings> mReplaced;
-  ProxyUrlCache mCache;  // last: its end still releases
+  ProxyUrlCache mCache;  // last member: its destruction still uses the others
 };
 
 ProxyUrlSettings made(std::size_t count) {

@@ -31,8 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   const std::string rest = url.substr(scheme + 3);
-  // A slash as the first character does not end the host, and then no later slash does: only the
-  // first slash is looked for.
+  // A slash as the first character does not end the host. Only the first slash is searched for, so
+  // in this case no later slash ends the host either.
   const auto cut = rest.starts_with('/') ? rest.find(':') : rest.find_first_of("/:");
   const std::string wanted = rest.substr(0, cut);
   require(host.has_value() == !wanted.empty(), "there is no host where it comes out empty");

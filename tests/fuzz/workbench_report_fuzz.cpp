@@ -1,5 +1,5 @@
-// Reports of the workbench, which has read a foreign script: each is refused, or its numbers name
-// places that are there.
+// Reports of the workbench, which has read a foreign script. A report is refused, or its numbers
+// refer to places that exist.
 #include <nlohmann/json.hpp>
 
 #include "client/ctl/commands/lint_report.h"
@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     try {
       check(report);
     } catch (const std::exception&) {
-      // Refused, as proxymanagerctl does.
+      // The report is refused, as in proxymanagerctl.
     }
   }
   return 0;

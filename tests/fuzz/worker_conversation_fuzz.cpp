@@ -1,10 +1,10 @@
 // The worker's side of the conversation, with a hostile library at the other end. The loop is the
-// worker's own; the input controls a replacement of the script engine, and an exception replaces
+// worker's real one. The input controls a replacement of the script engine. An exception replaces
 // the end of the process. The socket already contains all messages of the library. A model predicts
 // each byte that the worker sends, and how the worker ends.
 //
-// The input: a byte for the number of the library's messages, and these, each behind a byte for its
-// kind; what is left makes the engine's steps.
+// The input begins with a byte for the number of the library's messages. Then the messages follow,
+// each after a byte for its kind. The remaining bytes control the steps of the engine.
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -42,10 +42,10 @@ struct Library {
 
   fuzz::Input& input;
   UniqueFd socket{};
-  std::deque<std::string> said{};      ///< and not yet taken by the model's worker
-  std::deque<std::string> expected{};  ///< from the worker, in this order
-  std::string taken{};                 ///< what the last message's texts are views of
-  bool refused = false;                ///< the worker ends by itself
+  std::deque<std::string> said{};      ///< messages that the model of the worker has not read yet
+  std::deque<std::string> expected{};  ///< messages that the worker must send, in this order
+  std::string taken{};                 ///< the last message; its texts are views of this
+  bool refused = false;                ///< the script was refused, so the worker ends by itself
   std::map<std::pair<AddressFamily, std::string>, std::vector<std::string>> resolved{};
   std::map<AddressFamily, std::vector<std::string>> own{};
 
@@ -112,8 +112,8 @@ int Library::expectedCode() const {
   return refused || said.empty() || said.front().empty() ? EXIT_SUCCESS : pac_worker::kExitBroken;
 }
 
-/// What the engine gets for a question: the addresses that come next. Where they do not, the worker
-/// ends inside `ask`.
+/// The addresses that the engine gets for a question: the library's next message. If the next
+/// message has no addresses, the worker ends inside `ask`.
 template <typename Ask>
 std::vector<std::string> answered(const FromWorker& question, const Ask& ask) {
   library->expected.push_back(encode(question));
@@ -169,7 +169,8 @@ void runSteps(pac_worker::PacEnvironment& environment) {
 
 }  // namespace
 
-// The end of the process and the script engine, as their headers have them.
+// Replacements for the end of the process and for the script engine, with the functions of their
+// headers.
 
 namespace pac_worker {
 

@@ -1,5 +1,5 @@
-// The candidates of a search list: every URL asks "wpad" below a name of the list, and the host, as
-// curl reads it, is never directly below a public suffix.
+// The candidates of a search list. The host of every URL is "wpad" below a name of the list.
+// According to curl's reading of the URL, this host is never directly below a public suffix.
 #include <curl/curl.h>
 
 #include <memory>

@@ -1,13 +1,15 @@
-// Scripts that are known to break script engines, run through the sandboxed worker: an answer or an
-// error of the script, never a dead worker.
+// Scripts that are known to break script engines. They run in the sandboxed worker. The result must
+// be an answer or an error of the script; the worker must never die.
 //
-// proofs/ holds our own scripts. Each has the name of the published hole that it tries, and its
-// first line describes how. A proof that finds the hole answers something else than "ok". The
-// regression tests of the engine's own source are run besides; they check themselves and throw.
-// Those that cannot run in a worker are in the list kRefused, each with its reason.
+// proofs/ has our own scripts. Each is named after the published hole that it tries, and its first
+// line describes how it works. If a proof finds the hole, its answer is not "ok". In addition, the
+// regression tests of the engine's own source are run. They check their results and throw an
+// exception if a result is wrong. The tests that cannot run in a worker are in the list kRefused,
+// each with its reason.
 //
-// HOSTILE_ENGINE_WORKER in the environment names another worker to try: one with an engine that has
-// a hole shows that its proof finds it. docs/security/README.md lists what each proof found where.
+// The environment variable HOSTILE_ENGINE_WORKER names another worker to test. With a worker whose
+// engine has a hole, the proof of that hole must fail. docs/security/README.md lists which proof
+// found which hole.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -54,14 +56,14 @@ std::string nameOf(const testing::TestParamInfo<fs::path>& test) {
 
 Options patient() {
   Options options;
-  options.timeLimit = std::chrono::seconds(60);  // none of these is about time
+  options.timeLimit = std::chrono::seconds(60);  // none of these tests is about time
   if (const char* const worker = std::getenv("HOSTILE_ENGINE_WORKER")) {
     options.workerProgram = worker;
   }
   return options;
 }
 
-/// Whether the library, and not the script, is why there is no answer.
+/// Whether there is no answer because of the worker, and not because of the script.
 bool isOfTheWorker(const Problem& problem) {
   return problem.message.find("worker") != std::string::npos;
 }
@@ -80,7 +82,8 @@ TEST_P(Hole, IsClosed) {
   const auto worker = engine->workerPid();
   for (int round = 0; round < 3; ++round) {
     const auto reply = engine->evaluate("http://h/", "h");
-    // A proof that ends early proves nothing, so its own errors are no pass. Some fill the heap.
+    // A proof that ends early proves nothing, so a script error does not count as success. An
+    // exception are the proofs that fill the heap.
     if (!isOfTheHeap(reply.problem)) {
       EXPECT_EQ(reply.result, "ok") << describe(reply.problem);
     }
@@ -99,18 +102,18 @@ const std::regex kModule("\"qjs:|(^|\n)(import|export) |(^|\n)await ");
 
 /// The release that kRefused was made for.
 const std::string kListedVersion = "0.16.2";
-/// 0.16.2 has 67. A test that finds hardly any of the scripts tests nothing.
+/// Release 0.16.2 has 67. If the test finds far fewer scripts, it tests almost nothing.
 constexpr size_t kFewestScripts = 60;
 
 struct Refusal {
-  std::string error;  ///< what the message contains
+  std::string error;  ///< a part of the message
   std::string reason;
 };
 
 const Refusal kTopLevelAwait{"SyntaxError", "awaits at the top level, which only modules do"};
 const Refusal kNamesItsFile{"assertion failed", "looks for its file's name in a stack trace"};
 
-/// Scripts that the worker refuses, although the engine works.
+/// Scripts that the worker refuses, although the engine works correctly.
 const std::map<std::string, Refusal> kRefused = {
     {"array-fromasync-enumerable", kTopLevelAwait},
     {"bug1354", {"SyntaxError", "is to end in a SyntaxError"}},
@@ -129,13 +132,14 @@ const std::map<std::string, Refusal> kRefused = {
     {"test_queue_microtask", {"assertion failed", "the worker lacks queueMicrotask"}},
 };
 
-/// Whether a script asks for what the engine's own programs add: functions, modules.
+/// Whether a script failed because it uses additions of the engine's own programs (functions,
+/// modules).
 bool isOfTheSurroundings(const Problem& problem) {
   return std::regex_search(problem.message, std::regex("ReferenceError|SyntaxError"));
 }
 
-/// A file of the engine's tests as a PAC script. The assertions come behind it in the place of
-/// their import, so that positions stay.
+/// A file of the engine's tests as a PAC script. The assertion functions replace their import. They
+/// stand at the end, so that the line numbers of the script do not change.
 std::string asPacScript(const fs::path& path) {
   const std::string file = contentsOf(path);
   const std::string script = std::regex_replace(file, kAssertions, "");
@@ -175,7 +179,8 @@ TEST_P(EngineTest, PassesOrIsRefusedForAListedReason) {
         << listed->second.reason << ", but: " << describe(refused);
     return;
   }
-  // The archive replaces the release without a change here. Its new scripts may ask for more.
+  // The engine's archive may be replaced by a newer release without a change here. New scripts of
+  // that release may need more additions.
   EXPECT_TRUE(newer && isOfTheSurroundings(refused)) << describe(refused);
 }
 

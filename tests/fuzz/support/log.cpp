@@ -8,7 +8,7 @@
 
 namespace {
 
-// The longest line of an input; what is longer is formatted all the same, and seen cut.
+// Longest line that a check sees. A longer line is still formatted completely, and then cut.
 constexpr std::size_t kLineBytes = std::size_t{64} << 10U;
 
 __attribute__((format(printf, 2, 0))) void take(int priority, const char* format,
@@ -22,7 +22,7 @@ __attribute__((format(printf, 2, 0))) void take(int priority, const char* format
 
 }  // namespace
 
-// Under _FORTIFY_SOURCE the compiler calls the __*_chk forms, elsewhere the plain ones.
+// With _FORTIFY_SOURCE, the compiler calls the __*_chk functions, else the ordinary ones.
 extern "C" {
 void vsyslog(int priority, const char* format, va_list arguments) {
   take(priority, format, arguments);

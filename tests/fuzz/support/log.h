@@ -1,13 +1,13 @@
-// The lines that a fuzz target says. Linking this puts its own syslog functions before the C
-// library's: each line is formatted, so that the sanitizers see the texts read, and kept no longer
-// than the call.
+// The log lines of a fuzz target. If a target is linked with this, its syslog functions replace
+// those of the C library. Each line is formatted, so that the sanitizers check the reading of its
+// texts. A line is kept only during the call.
 #pragma once
 
 #include <string_view>
 
 namespace fuzz {
 
-/// Called for each line of the process, on the thread that says it; null: nobody is.
+/// Called for each line of the process, on the thread that logs it. If null, there is no call.
 using LineCheck = void (*)(int priority, std::string_view line);
 inline LineCheck onLogLine = nullptr;
 

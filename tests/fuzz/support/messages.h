@@ -1,5 +1,5 @@
-// Messages of the conversation between library and worker, made of an input's bytes: always within
-// the limits, so that what a target sends besides garbage gets past the decoders.
+// Messages between library and worker, made from an input's bytes. They are always within the
+// limits, so the decoders accept them.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace fuzz {
 
-/// A text of 255 bytes at most, or now and then the longest that may be.
+/// A text of 255 bytes at most, or sometimes the longest allowed text.
 inline std::string_view someText(Input& input, std::size_t limit) {
   static const std::string longest(pac_engine::kMaxResultBytes, 'x');
   const std::size_t size = input.byte();
@@ -64,7 +64,7 @@ inline pac_engine::FromWorker messageOfWorker(Input& input) {
       return Alert{someText(input, kMaxAlertBytes)};
     case 5: {
       auto result = someText(input, kMaxResultBytes);
-      // ASCII, as every answer is.
+      // Every answer is ASCII.
       const auto end =
           std::find_if(result.begin(), result.end(), [](unsigned char c) { return c >= 0x80; });
       result = result.substr(0, static_cast<std::size_t>(end - result.begin()));

@@ -1,7 +1,8 @@
 // usage: TARGET FOLDER|FILE...
 //
-// Replaces libFuzzer if a target is an ordinary test: tries the empty input and each file, of
-// folders all, in the order of their names. No file at all is a failure.
+// Replaces libFuzzer if a target is an ordinary test. It tries the empty input, each given file,
+// and all files of each given folder, in the order of their names. It fails if there is no file at
+// all.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -36,7 +37,8 @@ void replay(const fs::path& file) {
   std::ifstream stream(file, std::ios::binary);
   if (!stream) throw fs::filesystem_error("cannot read", file, std::error_code());
   const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
-  // Of its own exact size, so that the address sanitizer sees a byte read past it.
+  // The copy has exactly the size of the input, so that the address sanitizer reports a read after
+  // its end.
   const auto copy = std::make_unique<std::uint8_t[]>(bytes.size());
   std::copy(bytes.begin(), bytes.end(), copy.get());
   std::fprintf(stderr, "%s\n", file.c_str());

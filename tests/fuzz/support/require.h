@@ -1,4 +1,4 @@
-// A property that holds for every input, or the process ends.
+// A property that must be true for every input. If it is false, the process ends.
 #pragma once
 
 #include <cstdio>
@@ -6,8 +6,9 @@
 
 namespace fuzz {
 
-/// Ends the process if `holds` is false, in every build, and prints the place and the text. The
-/// caller's place comes from the compiler's built-ins: clang 14 has no std::source_location.
+/// If `holds` is false, prints the place and the text and ends the process, in every kind of build.
+/// The compiler's built-ins give the place of the caller, because clang 14 has no
+/// std::source_location.
 inline void require(bool holds, const char* property, const char* file = __builtin_FILE(),
                     int line = __builtin_LINE()) {
   if (holds) return;

@@ -1,5 +1,5 @@
-// The function that each file of this folder defines: one call of a target, by libFuzzer or by the
-// replay.
+// The function that each target in this folder defines. libFuzzer or the replay calls it for each
+// input.
 #pragma once
 
 #include <cstddef>

@@ -21,7 +21,7 @@ TEST(Ascii, FoldsItsLettersAndNothingElse) {
   EXPECT_FALSE(base::equalIgnoringCase("@", "`"));
 }
 
-// In Turkish, the lower case of I is not i; some C libraries follow.
+// In Turkish, the lower case of I is not i, and some C libraries implement this.
 TEST(Ascii, DoesNotDependOnTheLocale) {
   setlocale(LC_ALL, "tr_TR.UTF-8");
   EXPECT_EQ(base::lowerCase('I'), 'i');

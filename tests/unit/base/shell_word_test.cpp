@@ -13,8 +13,8 @@
 
 namespace {
 
-// The text that a shell reads from `word`, with one letter around it, so that line ends at its end
-// stay.
+// The text that a shell reads from `word`. A letter is added at its end, because a shell would
+// remove line ends there.
 std::string readByShell(const std::string& word) {
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) return "no pipe";

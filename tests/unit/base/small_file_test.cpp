@@ -43,7 +43,7 @@ void expectRefused(const char* path, const FileDemands& demands, FileProblem pro
   EXPECT_EQ(file.failure.error, error) << path;
   EXPECT_EQ(file.text, "");
   const auto opened = base::openFile(path, demands);
-  if (problem == FileProblem::tooLong && opened.status.st_size == 0) return;  // not seen in /proc
+  if (problem == FileProblem::tooLong && opened.status.st_size == 0) return;  // as in /proc
   EXPECT_EQ(opened.failure.problem, problem) << path;
   EXPECT_FALSE(opened.fd);
 }
@@ -82,7 +82,7 @@ TEST_F(SmallFile, ThatIsMissingIsToldFromOneThatCannotBeOpened) {
   fs::permissions(kFile, fs::perms::none);
   if (seteuid(kSomebody) != 0) GTEST_SKIP() << "needs a second user";
   expectRefused(kFile, kOurs, FileProblem::failed, EACCES);
-  // The leak check at the end needs a process that may be traced.
+  // Back to root: the leak check at the end needs a process that may be traced.
   ASSERT_EQ(seteuid(0), 0);
   ASSERT_EQ(prctl(PR_SET_DUMPABLE, 1), 0);
 }
@@ -150,7 +150,7 @@ TEST_F(SmallFile, ThatGrewIsHeldToTheLimit) {
   EXPECT_EQ(base::readToEnd(file.get(), 5000).text.size(), 5000U);
 }
 
-// A pipe, whose reader sleeps: signals come in the middle of its read.
+// A pipe whose reader sleeps, so that signals arrive during its read.
 TEST(ReadToEnd, IsNotEndedByASignal) {
   struct sigaction action {};
   action.sa_handler = [](int) {};  // without SA_RESTART

@@ -12,7 +12,7 @@ using base::isUtf8;
 using base::utf8CharacterAt;
 using base::utf8Head;
 
-// The rule of RFC 3629 in the other direction: the one form of each code point.
+// The rule of RFC 3629 in the other direction: encodes a code point in its only form.
 std::string encoded(char32_t code) {
   const auto byte = [](char32_t value) { return static_cast<char>(value); };
   if (code < 0x80) return {byte(code)};
@@ -35,8 +35,9 @@ TEST(Utf8, ReadsEveryCodePointInItsOneForm) {
   }
 }
 
-// Every text of up to three bytes that is not the form of a code point is none. After an ASCII
-// character, or a second byte that continues nothing, four third bytes stand for all.
+// A text of up to three bytes is a character only if it is the encoding of a code point. If the
+// first byte is an ASCII character, or the second byte continues no character, only four values of
+// the third byte are tested.
 TEST(Utf8, TakesNoOtherBytesForACharacter) {
   std::size_t wellFormed = 0;
   std::string text(3, '\0');

@@ -20,7 +20,7 @@ TEST(Wipe, AcceptsNull) {
   base::wipe(nullptr, 10);
 }
 
-// Also the part that the text was cut down from.
+// Also the part that is left over from a longer text.
 TEST(Wipe, OverwritesAllThatAStringHasRoomFor) {
   std::string text(100, 's');
   const char* const bytes = text.data();

@@ -10,7 +10,7 @@ namespace {
 using Kind = CallOrder::Kind;
 constexpr unsigned long kServiceUser = 990;
 
-// The calls are told apart by their method.
+// The tests distinguish the calls by their method.
 DBus::CallMessage call(const std::string& name) {
   return {":1.1", "/a", "a.b", name.c_str()};
 }

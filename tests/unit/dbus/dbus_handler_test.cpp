@@ -26,7 +26,7 @@ std::function<std::vector<std::string>(const std::string&)> onUrl;
 
 }  // namespace
 
-// The service of this test, in place of the daemon's.
+// The service of this test, which replaces the daemon's service.
 ProxyManagerServiceImpl::ProxyManagerServiceImpl()
     : mBusHelper(DBus::get_helper()), mDbusHandler(nullptr, mBusHelper->connection(), "/other") {}
 ProxyManagerServiceImpl::~ProxyManagerServiceImpl() = default;
@@ -56,7 +56,7 @@ bool ProxyManagerServiceImpl::hasScript() const {
 
 namespace {
 
-// Keeps the signals instead of sending them.
+// Records the signals and does not send them.
 class RecordingHandler : public ProxyManagerDbusHandler {
  public:
   using ProxyManagerDbusHandler::ProxyManagerDbusHandler;
@@ -134,8 +134,7 @@ TEST_F(HandlerWithService, AnUpdateThatFailsIsAnnouncedOnceAllTheSame) {
                                       {"notifyProxyConfigupdated", "MANUAL", "p:1", "u", "w"}}));
 }
 
-// Whole calls, as the bus brings them: dispatched on the bus thread, asked from a second
-// connection.
+// Whole calls over the bus: a second connection sends them, and the bus thread dispatches them.
 class HandlerOnTheBus : public HandlerWithService {
  protected:
   void SetUp() override { mHelper->startDispatching(); }
@@ -198,7 +197,7 @@ TEST_F(HandlerOnTheBus, AnExceptionIsAnsweredAsWithoutAServiceAndLoggedOnce) {
   EXPECT_EQ(urls(ask("getProxyurl")), std::vector<std::string>{"off"});
   EXPECT_EQ(countLog(LOG_ERR, "ProxyManagerDbusHandler-handle_message failed: std::bad_alloc"), 1);
 
-  const auto answer = ask("getProxyconfig");  // the iterator points into it
+  const auto answer = ask("getProxyconfig");  // kept, because the iterator points into it
   DBus::MessageIter config = answer.reader().recurse();
   EXPECT_STREQ(config.get_string(), "off");
   for (int i = 0; i < 5; ++i) EXPECT_STREQ((++config).get_string(), "");
@@ -219,7 +218,7 @@ TEST_F(HandlerOnTheBus, AnExceptionOfAnyTypeIsAnsweredAsWithoutAService) {
   EXPECT_EQ(urls(ask("getProxyurl")), std::vector<std::string>{"wpad"});
 }
 
-// Outside of the operation: what announces the update throws.
+// The exception comes after the operation: the function that announces the update throws it.
 TEST_F(HandlerOnTheBus, AnExceptionAfterTheOperationIsAnsweredAsWithoutAService) {
   onUpdate = [] { return 0; };
   mHandler.failsToSignal = true;

@@ -15,12 +15,13 @@ namespace {
 using Kind = WaitingCalls::Kind;
 
 // A flood of one connection during an evaluation that took a second. The test dispatches its
-// connection itself, so the bus's answer, which ends the reading, arrives when the test wants it.
+// connection itself. So the test decides when the bus's answer arrives, and this answer ends the
+// reading.
 class RefusedCalls : public testing::Test {
  protected:
   void SetUp() override {
     mConnection.register_bus();
-    mFlooder = mConnection.unique_name();  // the bus is asked for its user
+    mFlooder = mConnection.unique_name();  // real: the bus is asked for its user
     ask(mFlooder);
     mTakesLong = true;
     mWaiting.takeTurn();
@@ -88,7 +89,7 @@ TEST_F(RefusedCalls, OneMoreThanAreAnsweredAtOnceTakesASecondTurn) {
   for (std::size_t i = 0; i <= WaitingCalls::kRefusedAtOnce; ++i) ask(mFlooder);
   takeFirstTurn();
   EXPECT_EQ(mRefused, WaitingCalls::kRefusedAtOnce);
-  ask(":1.8");  // of another user, as far as is known
+  ask(":1.8");  // its user is not known, so it counts as another user
   mWaiting.takeTurn();
   EXPECT_EQ(mServed, 2U) << "it goes before the refused one";
   EXPECT_EQ(mRefused, WaitingCalls::kRefusedAtOnce);

@@ -180,7 +180,7 @@ TEST(CanonicalUrl, IsTakenAt8KiBAndNotPastIt) {
 }
 
 TEST(CanonicalUrl, IsNothingWhenCleaningMakesItLongerThan8KiB) {
-  // The path that is not there becomes "/".
+  // The missing path becomes "/".
   const std::string start = "http://h?";
   EXPECT_EQ(canonicalUrl(start + std::string(8192 - start.size(), 'x')), std::nullopt);
 }

@@ -1,4 +1,4 @@
-// The generator that the build runs, given other lists.
+// The generator of the build, with other lists.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -24,7 +24,7 @@ class MakeTldTable : public testing::Test {
   }
   ~MakeTldTable() override { std::filesystem::remove_all(mFolder); }
 
-  /// @return the exit status; `header` and `complaint` are what came out
+  /// @return the exit status; `header` and `complaint` receive the output
   int make(const std::string& list) {
     std::ofstream(mFolder / "list", std::ios::binary) << list;
     return makeFrom(mFolder / "list");
@@ -77,7 +77,8 @@ TEST_F(MakeTldTable, WritesBytesBeyondAsciiAsOctal) {
 }
 
 TEST_F(MakeTldTable, MovesARuleBeyondAsciiWhoseBytesWouldFindIt) {
-  // U+00E9 and its two bytes are both odd hashes, as is "a": of two buckets, all want the second.
+  // The hashes of U+00E9, of its two bytes and of "a" are odd. There are two buckets, so all three
+  // belong into the second one.
   EXPECT_EQ(make("\xc3\xa9\na\n"), 0);
   EXPECT_THAT(header, HasSubstr("{\n    0, 3,\n    5};"));
 }

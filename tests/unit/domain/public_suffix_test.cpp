@@ -40,9 +40,10 @@ const std::vector<Rule>& splitRules() {
   return rules;
 }
 
-/// The list's own algorithm, on its rules one by one: a rule matches when its labels are the name's
-/// last ones, "*" any label; an exception prevails and leaves its first label out; else the longest
-/// match is the public suffix. A wildcard's parent counts as a suffix as well.
+/// The algorithm that the list's authors describe, applied to one rule after the other. A rule
+/// matches if its labels equal the last labels of the name; "*" equals any label. If an exception
+/// matches, the public suffix is the exception without its first label. Else the longest match is
+/// the public suffix. In addition, the parent of a wildcard counts as a public suffix here.
 bool isSuffixByTheList(const std::string& name) {
   if (name.empty()) return false;
   const auto labels = labelsOf(name);
@@ -142,7 +143,8 @@ TEST(IsPublicSuffix, AgreesWithPlainReadingsOfBothListsOnAnyName) {
   EXPECT_LT(suffixes, names * 9 / 10);
 }
 
-/// How the walk over a search domain uses both tests: the whole name first, then each remainder.
+/// The names that a walk tries for a search domain with both checks: first the whole name, then
+/// each shorter remainder.
 std::vector<std::string> walked(const std::string& name) {
   const std::string suffix = topLevelDomain(name);
   std::vector<std::string> result;

@@ -16,8 +16,8 @@ namespace {
 
 using testing::ElementsAre;
 
-/// The lookups as they are described, step by step, on the list's own file; `lines` is what they
-/// say.
+/// The lookups as their header describes them, step by step, with the rules from the list's file.
+/// `lines` are their expected log lines.
 class DescribedLookups {
  public:
   DescribedLookups() {

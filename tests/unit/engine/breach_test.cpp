@@ -1,5 +1,6 @@
-// A worker that does not keep to the rules of the conversation, or ends, costs its question and
-// nothing else. The worker is the real program with an engine that does what its host says.
+// If a worker breaks the rules of the conversation or ends, only its question has no answer; there
+// is no other effect. The worker is the real program with a special engine: the host of a question
+// decides what it does.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -19,9 +20,10 @@ using namespace pac_engine;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// Nothing waits for this one; a busy machine may take its time.
+// A time limit that no test reaches, even on a busy machine.
 constexpr milliseconds kPatience{60'000};
-// For a worker that goes on until it is ended; enough for one to be started in.
+// A time limit for a worker that continues until it is killed. It is long enough for the start of a
+// worker.
 constexpr milliseconds kHaste{1000};
 
 std::unique_ptr<Engine> engine(Problem& problem, milliseconds timeLimit,

@@ -19,7 +19,7 @@ constexpr int kPollMs = 20;
 struct Question {
   std::string name;
   std::uint16_t type = 0;
-  std::size_t end = 0;  ///< offset past the question
+  std::size_t end = 0;  ///< offset after the question
 };
 
 std::optional<Question> parse(const std::string& packet) {

@@ -1,5 +1,5 @@
-// A name server for tests: real DNS over UDP on 127.0.0.1, with names that answer, answer late or
-// never.
+// A name server for tests: real DNS over UDP on 127.0.0.1. It answers at once, late or never,
+// depending on the name.
 #pragma once
 
 #include <chrono>
@@ -14,15 +14,15 @@
 struct DnsName {
   std::vector<std::string> addresses;  ///< of both families; empty: the name does not exist
   std::uint32_t lifetime = 60;         ///< seconds
-  std::chrono::milliseconds delay{0};  ///< before an answer; questions meanwhile wait their turn
+  std::chrono::milliseconds delay{0};  ///< before an answer; meanwhile, other questions wait
   bool silent = false;                 ///< never answers
   bool silentForIpv4 = false;          ///< never answers when asked for an IPv4 address
 };
 
 class DnsServer {
  public:
-  /// Serves `names` (any other does not exist) until destroyed. Its one thread, joined then, blocks
-  /// on its socket, which the destructor shuts.
+  /// Serves `names` until the object is destroyed. Other names do not exist. It has one thread,
+  /// which blocks on the socket. The destructor shuts the socket down and joins the thread.
   explicit DnsServer(std::map<std::string, DnsName> names, const std::string& address = "127.0.0.1",
                      std::uint16_t port = 0);
   ~DnsServer();

@@ -1,6 +1,6 @@
-// Scripts that mean harm, each through the library and its walls: there is an answer or none within
-// the limits, the next question is answered, this process has no more memory than before, and no
-// process is left over.
+// Harmful scripts, each run through the library and its walls. Within the limits, there is an
+// answer or the report that there is none. After that, the next question is answered, this process
+// uses no more memory than before, and no process is left.
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/wait.h>
@@ -71,7 +71,7 @@ TEST_P(HostileScript, CostsItsOwnAnswerAtMost) {
       EXPECT_EQ(engine->evaluate("http://a/", "after").result, "PROXY after:1");
     });
   }
-  clearLog();  // its lines are no memory of the library's
+  clearLog();  // the captured lines are not memory of the library
   EXPECT_LT(mallinfo2().uordblks, heap + (128U << 10U));
   engine.reset();
   expectNoChildren();

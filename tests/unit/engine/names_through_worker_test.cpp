@@ -1,4 +1,4 @@
-// Name lookups of a script, all the way: worker, socket, library, name server.
+// Name lookups of a script through all parts: worker, socket, library, name server.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -66,8 +66,8 @@ TEST(NamesOfAScript, NeverHoldAnEvaluationPastItsLimit) {
       "if (host == 'h') return 'DIRECT'; "
       "for (var i = 0; i < 20; ++i) isResolvable('n' + i + '.test'); return 'late';",
       server);
-  // The library's clock begins first and ends the last lookup. The worker's remaining time may or
-  // may not be enough for an answer.
+  // The library's time limit begins first, and it ends the last lookup. After that, the worker may
+  // or may not have enough time for an answer.
   const auto took =
       shortest(std::chrono::seconds(6), [&] { engine->evaluate("http://h/", "all"); });
   EXPECT_GE(took, milliseconds(4990));

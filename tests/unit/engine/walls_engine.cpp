@@ -1,8 +1,9 @@
-// An engine whose script step makes a system call, so that each wall around the worker is tried
-// from inside. It replaces the JavaScript engine in a worker that is otherwise the real one.
+// An engine whose scripts make system calls, so that each wall around the worker is tested from
+// inside. It replaces the JavaScript engine; everything else in the worker is real.
 //
-// The script's text chooses the action at the load; "ready" loads. The host of a question chooses
-// the action at the question. The answer is "survived" if the action did not end the process.
+// The script's text chooses the action during the load; with "ready", the script is loaded. The
+// host of a question chooses the action during the question. If the action does not end the
+// process, the answer is "survived".
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -57,8 +58,8 @@ void sendRaw(std::string_view bytes) {
   send(pac_engine::kWorkerSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
 }
 
-/// Answers, then spends CPU time while no question waits: what a script that has taken the worker
-/// over could do.
+/// Answers, and then uses CPU time although there is no question. A script that has taken control
+/// of the worker could do this.
 void burnAfterTheAnswer() {
   sendRaw(pac_engine::encode(pac_engine::FromWorker(pac_engine::Answer{1, "burning"})));
   for (volatile bool on = true; on;) {

@@ -1,5 +1,5 @@
-// Each wall around the worker, tried from inside by a worker whose engine makes the system call,
-// and the kernel's report of a live worker.
+// Each wall around the worker is tested from inside: the worker's engine makes the system call. In
+// addition, the kernel's report about a running worker is checked.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,10 +25,11 @@ namespace {
 
 using namespace pac_engine;
 
-/// The two signals that the C library keeps for its threads; posix_spawn leaves them ignored.
+/// The two signals that the C library uses for its threads. posix_spawn does not change that they
+/// are ignored.
 constexpr char kIgnored[] = "0000000180000000";
 
-/// A worker lets nobody but root look at its descriptors and its environment.
+/// Only root may read the descriptors and the environment of a worker.
 constexpr char kOnlyRootLooks[] = "only root may look";
 
 std::unique_ptr<Engine> load(const std::string& script, Problem& problem, bool walls) {
@@ -76,7 +77,7 @@ TEST(Worker, GetsNoMemoryBeyondItsShare) {
   EXPECT_EQ(engine->evaluate("http://h/", "memory").result, "refused");
 }
 
-/// The CPU time that a process has spent, while its parent has not waited for it.
+/// The CPU time that a process has used. It can be read until the parent has reaped the process.
 std::chrono::milliseconds cpuTimeOf(pid_t pid) {
   clockid_t clock{};
   timespec time{};
@@ -98,7 +99,7 @@ TEST(Worker, MaySpendCpuTimeWhileItIsAsked) {
       problem, false);
   ASSERT_NE(engine, nullptr) << problem.message;
   const auto pid = engine->workerPid();
-  // More in total than an idle worker may spend.
+  // In total, this is more CPU time than an idle worker may use.
   for (int i = 0; i < 9; ++i) ASSERT_EQ(engine->evaluate("http://h/", "h").result, "DIRECT") << i;
   EXPECT_EQ(engine->workerPid(), pid);
 }
@@ -223,8 +224,8 @@ TEST_F(LiveWorker, HasAnEmptyEnvironment) {
 }
 
 // These tests are the last ones, because the process cannot change back from the user nobody. The
-// kernel takes the limit from a process of the worker's user, or from one with CAP_SYS_RESOURCE,
-// which root in a container may lack.
+// kernel accepts the limit from a process of the worker's user, or from a process with
+// CAP_SYS_RESOURCE. In a container, root may not have this capability.
 void becomeNobody() {
   constexpr uid_t kNobody = 65534;
   if (getuid() != 0) return;

@@ -1,5 +1,5 @@
-// Kills and stops workers around questions, and checks that nothing is lost but the question in
-// flight.
+// Kills and stops workers before, during and after questions, and checks that only the question in
+// progress is lost.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -48,12 +48,12 @@ inline long openDescriptors() {
   return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
 }
 
-/// Bytes that this process has from malloc.
+/// The number of bytes that this process has allocated with malloc.
 inline std::size_t heapBytes() {
   return mallinfo2().uordblks;
 }
 
-/// Asks one question of its own; an answer must be the right one.
+/// Asks the question `number`. If there is an answer, it must be the right one.
 /// @return whether there was an answer
 inline bool ask(pac_engine::Engine& engine, int number) {
   std::string host = "h";
@@ -65,32 +65,32 @@ inline bool ask(pac_engine::Engine& engine, int number) {
   return reply.result.has_value();
 }
 
-/// Waits until the child process `pid` has ended, without reaping it: the library does that.
+/// Waits until the child process `pid` has ended. Does not reap it, because the library does this.
 inline void waitForEnd(pid_t pid) {
   siginfo_t info{};
   while (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
   }
 }
 
-/// Sends `signal` to the worker before, during and after questions, in turn, `times` times.
+/// Kills the worker `times` times, in turn before, during and after a question.
 inline void killAroundQuestions(int times) {
   int number = 0;
-  const auto engine = load(std::chrono::seconds(60));  // no code here waits for it
+  const auto engine = load(std::chrono::seconds(60));  // never reached
   ASSERT_NE(engine, nullptr);
   ASSERT_TRUE(ask(*engine, ++number));
   const auto descriptors = openDescriptors();
   const auto heap = heapBytes();
   for (int i = 0; i < times; ++i) {
-    clearLog();  // its lines are no memory of the library's
+    clearLog();  // the captured lines are not memory of the library
     const int signal = i % 2 == 0 ? SIGKILL : SIGSEGV;
     const pid_t pid = engine->workerPid();
     ASSERT_GT(pid, 0);
     switch (i % 3) {
-      case 0:  // before: nothing is in flight
+      case 0:  // before: no question is in progress
         kill(pid, signal);
         waitForEnd(pid);
         break;
-      case 1: {  // during: the question may go without an answer
+      case 1: {  // during: the question may have no answer
         std::atomic<bool> begun = false;
         std::thread killer([&] {
           while (!begun) {
@@ -104,7 +104,7 @@ inline void killAroundQuestions(int times) {
         waitForEnd(pid);
         break;
       }
-      default:  // after: the next question may meet a worker that is still dying
+      default:  // after: the worker may still be dying at the next question
         ASSERT_TRUE(ask(*engine, ++number));
         kill(pid, signal);
         ask(*engine, ++number);
@@ -116,7 +116,7 @@ inline void killAroundQuestions(int times) {
   EXPECT_LT(heapBytes(), heap + (64U << 10U));
 }
 
-/// Waits until `pid` runs or may run, which it does only during a question.
+/// Waits until `pid` runs or is ready to run. This happens only during a question.
 /// @return whether it ran before it ended or `answered` was set
 inline bool waitUntilBusy(pid_t pid, const std::atomic<bool>& answered) {
   while (!answered) {
@@ -129,8 +129,8 @@ inline bool waitUntilBusy(pid_t pid, const std::atomic<bool>& answered) {
   return false;
 }
 
-/// Asks while the worker is stopped or about to be stopped: there is no answer within the time
-/// limit.
+/// Asks while the worker is stopped or is about to be stopped. There must be no answer within the
+/// time limit.
 inline void askInVain(pac_engine::Engine& engine, const std::string& host,
                       std::chrono::milliseconds timeLimit) {
   const auto start = std::chrono::steady_clock::now();
@@ -143,7 +143,7 @@ inline void askInVain(pac_engine::Engine& engine, const std::string& host,
   EXPECT_LT(took, timeLimit + pac_engine::kKillGrace + std::chrono::seconds(60));
 }
 
-/// Stops the worker before or, else, during a question, and asks another one.
+/// Stops the worker before a question if `before`, else during it. Then asks another question.
 inline void stopAtAQuestion(pac_engine::Engine& engine, bool before,
                             std::chrono::milliseconds timeLimit, int& number) {
   if (engine.workerPid() == 0) ask(engine, ++number);  // the worker has ended if this failed before
@@ -164,7 +164,7 @@ inline void stopAtAQuestion(pac_engine::Engine& engine, bool before,
   EXPECT_TRUE(ask(engine, ++number));
 }
 
-/// Stops the worker before and during questions, in turn, `times` times.
+/// Stops the worker `times` times, in turn before and during a question.
 inline void stopAroundQuestions(int times, std::chrono::milliseconds timeLimit) {
   std::unique_ptr<pac_engine::Engine> engine;
   onceOfFive([&] {

@@ -37,7 +37,7 @@ TEST(WorkerDeath, FollowsTheDeathOfTheProgram) {
   ASSERT_EQ(read(pipes[0], &worker, sizeof worker), static_cast<ssize_t>(sizeof worker));
   ASSERT_GT(worker, 0);
   waitpid(program, nullptr, 0);
-  // Its new parent may take a while to wait for it; a zombie has ended too.
+  // The new parent of the process may reap it late. A zombie also counts as ended.
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   const auto programOfWorker = "/proc/" + std::to_string(worker) + "/exe";
   const auto runs = [&] {

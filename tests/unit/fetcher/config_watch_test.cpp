@@ -33,13 +33,13 @@ std::atomic<bool> noEventBuffer{false};
 std::atomic<bool> noInotify{false};
 }  // namespace
 
-// Replaces the C library's function. A limit of descriptors would also stop the sanitizers' own
-// pipes.
+// Replaces the C library's function, so that it can fail. A limit on descriptors would also affect
+// the pipes of the sanitizers.
 extern "C" int inotify_init() noexcept {
   return noInotify ? -1 : static_cast<int>(syscall(SYS_inotify_init1, 0));
 }
 
-// The one allocation of the fetcher that is allowed to fail.
+// The only allocation of the fetcher that may fail.
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   if (noEventBuffer && size == 4096) return nullptr;
   try {
@@ -54,9 +54,9 @@ namespace {
 const std::string kScript = "/tmp/proxymanager.pac";
 const std::string kLease = "/usr/local/lumad/dhcp.conf";
 const std::string kResolver = "/tmp/.resolv.conf.dnsmasq";
-constexpr auto kPrompt = 60s;  // far above what a prompt stop takes, far below the interval
+constexpr auto kPrompt = 60s;  // much more than a prompt stop needs, much less than the interval
 
-/// The thread's inotify descriptor; -1 while there is none.
+/// The thread's inotify descriptor; -1 if there is none.
 int inotifyFd() {
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
@@ -95,7 +95,7 @@ class ConfigWatch : public OwnRootTest {
         LOG_INFO,
         "PACFetcher-wait_for_changes fd:" + std::to_string(inotifyFd()) + ", interval:1800", times);
   }
-  /// Started, in mode pacurl, with the first fetch done.
+  /// Starts the fetcher in mode pacurl, and waits until the first fetch is done.
   void startWatching() {
     mFetcher->start();
     ASSERT_TRUE(waitForSleep());
@@ -195,7 +195,7 @@ TEST_F(ConfigWatch, IgnoresAChangeBeforeTheFirstConfiguration) {
                       "PACFetcher-dhcpCfgWatchThreadFunc proxy mode is wpad or pac-url refetch"));
 }
 
-// A flood of changes costs one fetch at once, and one for each two seconds that it lasts.
+// Many changes in a row cause one fetch at once, and then one fetch every two seconds.
 TEST_F(ConfigWatch, TakesTheChangesOfTwoSecondsTogetherAfterTheFirst) {
   makeFiles();
   startWatching();
@@ -273,8 +273,9 @@ TEST_F(ConfigWatch, LetsGoAtOnceThoughTheWatchesWentWithTheirFiles) {
   startWatching();
   fs::remove(kLease);
   fs::remove(kResolver);
-  // Each removal: an event for the link count, one for the watch that goes. Wait until all 64 bytes
-  // are read and the thread sleeps with nothing left that would wake it.
+  // Each removal causes an event for the link count and an event for the end of the watch. The test
+  // waits until all 64 bytes are read and the thread sleeps, so that no remaining event can wake
+  // it.
   const auto bytesRead = [] {
     int sum = 0;
     for (const auto& line : logLines()) {
@@ -348,7 +349,8 @@ TEST_F(ConfigWatch, DoesWithoutTheThreadWhereInotifyIsNotToBeHad) {
   expectFetchesAllTheSame();
 }
 
-/// Takes all descriptors up to `last`. @return false if the machine allows fewer than 1200
+/// Opens descriptors until all numbers up to `last` are in use. @return false if the machine allows
+/// fewer than 1200
 bool takeDescriptorsUpTo(int last) {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_max < 1200) return false;
@@ -378,7 +380,7 @@ TEST_F(ConfigWatch, TakesTheLastDescriptorThatSelectCanHold) {
 }
 
 TEST_F(ConfigWatch, SaysAFailedSelect) {
-  const int closed = dup(0);  // select looks only as far as the descriptors that are in use
+  const int closed = dup(0);  // low: select checks only the range in use
   close(closed);
   EXPECT_EQ(PACFetcherTestAccess::waitForChanges(*mFetcher, closed, 1), -1);
   EXPECT_TRUE(logged(LOG_INFO,

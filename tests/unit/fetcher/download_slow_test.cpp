@@ -34,7 +34,7 @@ TEST(SlowDownload, EndsAfterThirtySecondsThoughBytesKeepComing) {
 
 namespace {
 
-/// Seconds that a download by the hostile program takes.
+/// The duration of a download by the hostile program, in seconds.
 double secondsOf(const std::string& step) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(fetcher::download(step, "/tmp/p.tmp", {nullptr, HOSTILE_FETCH}).success);
@@ -43,7 +43,8 @@ double secondsOf(const std::string& step) {
 
 }  // namespace
 
-// The daemon keeps the time: it ends both a silent process and a result without an end.
+// The daemon enforces the time limit: it ends both a silent process and a process that never ends
+// its result.
 class SlowProcess : public testing::TestWithParam<const char*> {};
 
 TEST_P(SlowProcess, IsKilledAfterThirtySecondsAndAHalfAtMost) {
@@ -59,7 +60,8 @@ TEST_P(SlowProcess, IsKilledAfterThirtySecondsAndAHalfAtMost) {
 INSTANTIATE_TEST_SUITE_P(Hostile, SlowProcess, testing::Values("hang", "result_and_stay"),
                          [](const auto& test) { return std::string(test.param); });
 
-// As with a root that lacks CAP_KILL: nobody kills the process, and its parent lives on.
+// As with a daemon that runs as root without CAP_KILL: no process kills the fetch process, and its
+// parent keeps running.
 TEST(UnkilledProcess, EndsItselfIfTheDaemonMayNotKillIt) {
   enterOwnRoot();
   std::string problem;

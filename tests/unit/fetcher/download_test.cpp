@@ -139,7 +139,7 @@ TEST_F(Download, WorksWithAnIpv6Literal) {
   EXPECT_TRUE(fetch(six.url("/p.pac")));
 }
 
-// A proxy from the environment is libcurl's default; the daemon sets nothing of its own.
+// By default, libcurl uses a proxy from the environment. The daemon does not change this.
 TEST_F(Download, UsesAProxyFromTheEnvironmentAsLibcurlDoes) {
   mServer.route("http://wpad.invalid/wpad.dat", httpResponse("200 OK", script()));
   setenv("http_proxy", mServer.url("").c_str(), 1);
@@ -244,7 +244,7 @@ INSTANTIATE_TEST_SUITE_P(OfAnyKind, RefusedRedirect,
                                          "dict://127.0.0.1:1/x", "data://text/plain,x",
                                          "foo://bar/"));
 
-// An ftp server that hands out a script, as far as libcurl asks.
+// An ftp server that sends a script. It supports only the commands that libcurl uses.
 class FtpServer {
  public:
   FtpServer()
@@ -323,7 +323,8 @@ TEST_F(Download, StopsAnEndlessBodyAtTheLimit) {
   });
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
-  // Below the transfer's 30 seconds. It takes milliseconds, but machines may stop for a while.
+  // This limit is below the transfer's 30 seconds. The download takes milliseconds, but a machine
+  // may stop for a while.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
   expectFailed(200);
 }

@@ -4,7 +4,7 @@
 #include "fetcher/pac_fetcher.h"
 
 struct PACFetcherTestAccess {
-  /// The walk, on this thread, as the fetcher thread does it.
+  /// Runs a walk on this thread, in the same way as the fetcher thread.
   static int retrieve(PACFetcher& fetcher) {
     const Lock lock(fetcher.mMutex);
     return fetcher.retrievePacFile();
@@ -12,6 +12,6 @@ struct PACFetcherTestAccess {
   static int waitForChanges(PACFetcher& fetcher, int fd, int interval) {
     return fetcher.wait_for_changes(fd, interval);
   }
-  /// Clears the flag that says that the threads run, while they do.
+  /// Clears the flag "the threads run" although they run.
   static void pretendStopped(PACFetcher& fetcher) { fetcher.mRunning = false; }
 };

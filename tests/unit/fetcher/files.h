@@ -14,7 +14,7 @@ inline std::string readFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// A script that is told apart by `mark`.
+/// A script that tests can recognise by `mark`.
 inline std::string script(const std::string& mark = "DIRECT") {
   return "function FindProxyForURL(url, host) {\n  return \"" + mark + "\";\n}\n";
 }

@@ -1,5 +1,5 @@
-// A fetch process that an attacker has taken over: what its packets can do to the daemon, and what
-// its walls still allow. Each attack is a failed download, and nothing else.
+// A fetch process that an attacker controls. The tests check what its packets can do to the daemon,
+// and what its walls still allow. The only effect of each attack must be a failed download.
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -184,7 +184,8 @@ TEST_F(HostileFetch, HasRoomForThreadsWhateverStackTheDaemonHas) {
   EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "exit 40)"));
 }
 
-/// Takes a capability from this thread, or gives it back, while the process may have it.
+/// Removes a capability from this thread, or gives it back. This works as long as the process may
+/// have the capability.
 bool setCapability(unsigned capability, bool present) {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
@@ -212,11 +213,11 @@ TEST_F(HostileFetch, ThatCannotBeKilledLosesItsDownload) {
 
 TEST_F(HostileFetch, CannotMakeTheFileLongerThanAScript) {
   const auto result = take("fill_file");
-  EXPECT_TRUE(result.success);  // a lie that harms nobody: the file holds no script
+  EXPECT_TRUE(result.success);  // a false report without harm: the file contains no script
   EXPECT_EQ(fs::file_size(kTarget), 512000u);
 }
 
-/// A fetch process whose walls stand and which waits.
+/// A fetch process that has raised its walls and waits.
 class LiveFetch : public HostileFetch {
  protected:
   void SetUp() override {
@@ -269,12 +270,12 @@ TEST_F(LiveFetch, HasOneDescriptorBeyondTheStandardThree) {
   EXPECT_THAT(beyond.front(), testing::StartsWith("socket:"));
 }
 
-/// A daemon with a user of its own, in a process that stays so.
+/// A daemon with its own user, in a process that cannot change back.
 class FetchOfAServiceUser : public HostileFetch {
  protected:
   void SetUp() override {
     constexpr uid_t kServiceUser = 4711;
-    // The folder of the build may be root's alone.
+    // A copy, because only root may have access to the build folder.
     fs::copy_file(HOSTILE_FETCH, mProgram);
     if (setgroups(0, nullptr) != 0 || setresgid(kServiceUser, kServiceUser, kServiceUser) != 0 ||
         setresuid(kServiceUser, kServiceUser, kServiceUser) != 0) {
@@ -317,7 +318,7 @@ TEST_F(FetchOfAServiceUser, HasNoPrivilegeThatTheKernelShows) {
   }
 }
 
-/// From here on, this process and its children see a kernel without Landlock.
+/// After this call, this process and its children see a kernel without Landlock.
 void hideLandlock() {
   sock_filter lines[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),

@@ -1,5 +1,5 @@
-// A transfer that has been taken over. It replaces libcurl's transfer in a fetch process that is
-// otherwise the real one, walls included. The URL chooses the attack.
+// A transfer that an attacker controls. It replaces libcurl's transfer; everything else in the
+// fetch process is real, also the walls. The URL chooses the attack.
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
@@ -26,10 +26,10 @@ namespace {
 
 using fetcher::FetchResult;
 
-// Read before the walls, which do not allow this call.
+// Read before the walls are raised, because the walls do not allow this call.
 const pid_t kParent = getppid();
 
-// Headers of the C library may not have the number.
+// The C library's headers may not define this number.
 constexpr long kMultipathTcp = 262;
 
 const FetchResult kLie{true, 200, "HTTP", ""};
@@ -56,7 +56,7 @@ void openFile(const char* path, int flags) {
   if (fd < 0) _exit(errno == EACCES ? 40 : 41);
 }
 
-/// Each either ends the process or returns.
+/// The attacks by name. Each either ends the process or returns.
 const std::map<std::string, std::function<void(int file)>>& steps() {
   static const std::map<std::string, std::function<void(int)>> all{
       // Packets.
@@ -83,7 +83,7 @@ const std::map<std::string, std::function<void(int file)>>& steps() {
          sendRaw(encode(kLie));
          hang();
        }},
-      // The daemon reads a result and the end of the socket; the process goes on.
+      // The daemon reads a result and the end of the socket, but the process continues to run.
       {"result_and_live_on",
        [](int) {
          sendRaw(encode(kLie));

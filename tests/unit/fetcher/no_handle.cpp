@@ -1,4 +1,4 @@
-// Replaces libcurl's function in a fetch process that is otherwise the real one.
+// Replaces this function of libcurl. Everything else in the fetch process is real.
 extern "C" void* curl_easy_init() {
   return nullptr;
 }

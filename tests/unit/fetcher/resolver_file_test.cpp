@@ -87,7 +87,7 @@ TEST_F(ResolverFile, CountsAsNotOpenedAsALink) {
   expectNotOpened();
 }
 
-// Any user can give a readable file of root's this name, if the kernel allows such links.
+// If the kernel allows such hard links, any user can give this name to a readable file of root.
 TEST_F(ResolverFile, CountsAsNotOpenedWithASecondName) {
   writeFile("/tmp/proxymanager.pac", "// search evil.example\n");
   fs::create_hard_link("/tmp/proxymanager.pac", kFile);

@@ -1,17 +1,17 @@
-// Stands in for the one call that the fetcher makes into the service. Linking it leaves the real
-// one out, and the service with it.
+// Replaces the only function of the service that the fetcher calls. A test that is linked with this
+// file needs neither the real function nor the service.
 #pragma once
 
 #include <functional>
 
 class ProxyManagerServiceImpl;
 
-/// A service pointer that may be handed to the fetcher; nothing follows it.
+/// A pointer that can be passed to the fetcher as its service. No code dereferences it.
 ProxyManagerServiceImpl* standInService();
 
 /// The number of calls that report a new script.
 int timesUpdated();
-/// Waits for `times` such calls, 60 s at most. @return whether they came
+/// Waits until there were `times` such calls, 60 s at most. @return whether there were
 bool waitForUpdates(int times);
-/// Runs `hook` on the fetcher thread at each call from now on.
+/// From now on, runs `hook` on the fetcher thread at each call.
 void onUpdate(std::function<void()> hook);

@@ -27,10 +27,10 @@ using testing::ElementsAre;
 namespace {
 
 const std::string kScript = "/tmp/proxymanager.pac";
-// Far above what a prompt stop takes on a loaded machine, far below the interval.
+// Much more than a prompt stop needs on a busy machine, and much less than the interval.
 constexpr auto kPrompt = 60s;
 
-/// The line before each wait of the watch thread, which must run.
+/// The line that the watch thread logs before each wait. The watch thread must run.
 std::string waitLine(int interval) {
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
@@ -58,14 +58,14 @@ class FetcherThreads : public OwnRootTest {
     config.pacurl = url.data();
     mFetcher->updateProxyMgrConfig(config);
   }
-  /// /p.pac answers once `release` is ready.
+  /// Makes the server hold the answer for /p.pac until `release` is ready.
   void holdScript(std::shared_future<void> release) {
     mServer.route("/p.pac", [release](Connection& peer) {
       release.wait();
       peer.send(httpResponse("200 OK", script()));
     });
   }
-  /// A walk over the lease's URL, /p.pac, and two names that nobody has.
+  /// Starts a walk over three candidates: the lease's URL (/p.pac) and two names that do not exist.
   void walkOverThree() {
     writeFile("/usr/local/lumad/dhcp.conf", "wpad=" + mServer.url("/p.pac") + "\n");
     writeFile("/tmp/.resolv.conf.dnsmasq", "search a.dead.invalid\n");
@@ -82,7 +82,7 @@ class FetcherThreads : public OwnRootTest {
     EXPECT_EQ(countLog(LOG_INFO, "PACFetcher-fileDownload called"), 1);
   }
   void waitUntilWatching() {
-    // Logged before the second watch is set and after the first is set.
+    // This line is logged after the first watch is set and before the second is set.
     ASSERT_TRUE(waitForLog(LOG_NOTICE,
                            "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, "
                            "path:/tmp/.resolv.conf.dnsmasq"));
@@ -154,8 +154,7 @@ TEST_F(FetcherThreads, FetchExactlyOnceMoreForAllRequestsDuringAFetchAndNoneWait
   mFetcher->start();
   update(pacurl);
   ASSERT_TRUE(mServer.waitForHits("/p.pac", 1));
-  // With the same configuration the transfer goes on, and these calls are answered during the
-  // transfer.
+  // Updates with the same configuration do not end the transfer, and they do not wait for it.
   for (int i = 0; i < 3; ++i) update(pacurl);
   EXPECT_EQ(timesUpdated(), 0);
   release.set_value();

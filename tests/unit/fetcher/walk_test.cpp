@@ -34,7 +34,8 @@ class Retrieval : public OwnRootTest {
  protected:
   void SetUp() override {
     fs::create_directories("/usr/local/lumad");
-    // The server is the proxy of the environment, so it resolves the names of candidates.
+    // The test's server is the proxy in the environment variables, so the candidates' names need no
+    // lookup.
     for (const char* name : {"all_proxy", "ALL_PROXY", "NO_PROXY"}) unsetenv(name);
     setenv("http_proxy", mServer.url("").c_str(), 1);
     setenv("no_proxy", "127.0.0.1", 1);
@@ -56,7 +57,7 @@ class Retrieval : public OwnRootTest {
   }
   int retrieve() { return PACFetcherTestAccess::retrieve(mFetcher); }
 
-  /// The lines of retrievePacFile itself.
+  /// The log lines of retrievePacFile itself.
   static std::vector<LogLine> lines() {
     auto all = logLines();
     std::erase_if(all, [](const LogLine& line) {

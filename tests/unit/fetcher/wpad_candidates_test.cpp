@@ -96,8 +96,8 @@ TEST(WpadCandidates, AreNoneForANameThatDnsCannotHold) {
   EXPECT_THAT(candidates("bbb" + name), IsEmpty());
 }
 
-// Each would have asked wpad.com or wpad.co.uk, because the checks for public suffixes do not see
-// the host.
+// Without the check of the name, each of these would ask wpad.com or wpad.co.uk, because the checks
+// for public suffixes do not see the host of the URL.
 TEST(WpadCandidates, AreNoneForANameThatIsNotTheWholeHostOfItsUrl) {
   using namespace std::string_literals;
   for (const auto& name :

@@ -1,4 +1,4 @@
-// The digest of a script, with libcrypto mapped late and without it.
+// The digest of a script: with libcrypto, which is mapped late, and without it.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ std::string digestOf(const std::string& text) {
   MD5_Init(&context);
   MD5_Update(&context, text.data(), text.size());
   MD5_Final(digest, &context);
-  return reinterpret_cast<const char*>(digest);  // as scripts' digests are read: up to a zero
+  return reinterpret_cast<const char*>(digest);  // up to a zero, as in the parser
 }
 
 bool isMapped() {
@@ -37,8 +37,9 @@ bool isMapped() {
   return found;
 }
 
-/// An empty file that the loader finds first is no library, and ends the loader's search.
-/// @return the path that it covers
+/// The loader finds an empty file first. This file is not a library, and the loader does not search
+/// further.
+/// @return the path of the empty file
 std::string hideTheLibrary() {
   enterOwnRoot();
   std::string path;

@@ -1,4 +1,4 @@
-// The parser against an engine that keeps a list of its calls, and a digest that can fail.
+// The parser with an engine that records its calls, and with a digest that can fail.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <gtest/gtest.h>
 #include <openssl/md5.h>
@@ -25,7 +25,7 @@ bool digestWorks = true;
 
 }  // namespace
 
-// In place of libcrypto's: all scripts have the same digest.
+// Replaces the function of libcrypto: all scripts have the same digest.
 int MD5_Init(MD5_CTX*) {
   return digestWorks ? 1 : 0;
 }
@@ -37,7 +37,7 @@ int MD5_Final(unsigned char* digest, MD5_CTX*) {
   return 1;
 }
 
-// In place of the library's.
+// Replaces the function of the PAC evaluation library.
 pac* pac_init(const char* script, int option, pac_wakeup, void*) {
   calls.push_back("init " + std::string(script == nullptr ? "(null)" : script) + " option " +
                   std::to_string(option));

@@ -21,7 +21,7 @@ struct PacParserTestAccess {
   }
   static void setWaitSeconds(PacParser& parser, int seconds) { parser.mWaitSeconds = seconds; }
   static void forgetThatItRuns(PacParser& parser) {
-    // The worker reads the flag only after its wait, and nothing ends that wait.
+    // The worker thread reads the flag only after its wait, and nothing else ends this wait.
     waitForLog(LOG_INFO, "PacParser-pacProcessThreadFunc wait:120000");
     parser.mRunning = false;
   }
@@ -57,7 +57,7 @@ class LoadedParser : public testing::Test {
   PacParser mParser{nullptr, false};
 };
 
-// Asked under the gate, as the service asks, while scripts change.
+// Queries under the gate, as in the service, while the scripts change.
 TEST_F(LoadedParser, AsynchronousAnswersStayWholeWhileScriptsAreReloaded) {
   load(scriptFor("PROXY script:0"));
   mParser.start();
@@ -91,7 +91,7 @@ TEST(PacParser, SaysItsLinesFromConstructionToEnd) {
                             {LOG_INFO, "PacParser-stop called "},
                             {LOG_INFO, "PacParser-clearProxyUrlCache called "},
                             {LOG_INFO, "clearCache called "},
-                            {LOG_INFO, "clearCache called "},  // its end empties it once more
+                            {LOG_INFO, "clearCache called "},  // destruction empties it
                         }));
 }
 
@@ -238,7 +238,7 @@ TEST_F(LoadedParser, TheAsynchronousQueryGivesTheSameAnswer) {
   load(scriptFor("PROXY p:1; DIRECT"));
   mParser.start();
   mParser.getProxyASync("http://a.example/");
-  // On a slow machine the query may have given up; the answer still comes.
+  // On a slow machine, the query may have ended without the answer. The answer still arrives later.
   ASSERT_TRUE(waitForLog(LOG_NOTICE, "PacParser-proxy_Found host:a.example"));
   EXPECT_EQ(asyncTextsOf(mParser, "http://a.example/"), (Texts{"PROXY p:1", "DIRECT"}));
   EXPECT_EQ(countLog(LOG_NOTICE, "PacParser-getProxyASync requestUrl:http://a.example/"), 2);
@@ -258,8 +258,8 @@ TEST_F(LoadedParser, TheAsynchronousQueryGivesUpAfterTwentyLooks) {
   EXPECT_EQ(PacParserTestAccess::pendingHosts(mParser), 1U) << "still in flight";
 }
 
-// A script that never ends runs for 5 s: here for a question of another thread, while the parser's
-// own thread has a question too.
+// A script that never ends runs for 5 s. Here it runs for a question of another thread, while the
+// parser's own thread also has a question.
 TEST_F(LoadedParser, TheAsynchronousQueryDoesNotWaitForAnEvaluationOfAnother) {
   load("function FindProxyForURL(url, host) { while (host == 'endless') {} return 'DIRECT'; }");
   mParser.start();
@@ -274,7 +274,7 @@ TEST_F(LoadedParser, TheAsynchronousQueryDoesNotWaitForAnEvaluationOfAnother) {
 }
 
 TEST_F(LoadedParser, RemembersAsManyHostsInFlightAsTheEngineQueues) {
-  load(scriptFor("DIRECT"));  // not started: nobody runs what is queued, and nobody waits for it
+  load(scriptFor("DIRECT"));  // not started: no thread runs the queued questions or waits for them
   for (std::size_t i = 0; i < PacParser::kMaxPendingHosts; ++i) {
     mParser.getProxyASync("http://h" + std::to_string(i) + "/");
   }
@@ -350,13 +350,14 @@ TEST_F(LoadedParser, OfflineItIsOnLoopbackAndResolvesNothing) {
   EXPECT_EQ(textsOf(offline, "http://a.example/"), Texts{"PROXY 127.0.0.1:null"});
 }
 
-// What a query gives is of the script in force or of the one before, and readable while it is
-// copied, however often the script changes meanwhile.
+// The script changes often during the queries. Each answer must come from the script in force or
+// from the previous one, and its texts must stay valid while they are copied.
 TEST_F(LoadedParser, AnswersStayWholeWhileScriptsAreReloaded) {
   const int reloads = 60;
   std::atomic<int> answered{0};
   load(scriptFor("PROXY script-number-000000000000:1"));
-  // Its hosts are its own: two queries that miss the same host would overwrite each other's list.
+  // No other thread queries these hosts: if two queries miss the same host, one overwrites the list
+  // of the other.
   std::jthread asking([&](const std::stop_token& end) {
     while (!end.stop_requested()) {
       const auto texts = textsOf(mParser, "http://a" + std::to_string(answered % 7) + "/");
@@ -371,7 +372,7 @@ TEST_F(LoadedParser, AnswersStayWholeWhileScriptsAreReloaded) {
     const std::string answer = "PROXY script-number-" + number + ":1";
     mFile.write(scriptFor(answer));
     mParser.parsePacFile(mFile.path());
-    // Nothing of the script before may be in the cache now.
+    // The cache must not have answers of the previous script now.
     for (int host = 0; host < 7; ++host) {
       ASSERT_EQ(textsOf(mParser, "http://h" + std::to_string(host) + "/"), Texts{answer});
     }

@@ -183,7 +183,7 @@ TEST_F(ScriptFile, ALinkAFifoAndAnotherUsersFileAreNotRead) {
   }
 }
 
-// The digest is compared as a C string, so that two which begin with a zero byte are the same.
+// The digest is compared as a C string, so two digests that begin with a zero byte are equal.
 TEST_F(ScriptFile, DigestsThatAgreeUpToAZeroByteAreTheSame) {
   Texts scripts;
   for (int i = 0; scripts.size() < 2; ++i) {

@@ -38,7 +38,7 @@ ProxyUrlSettings entries(const std::string& url) {
   return {{2, string2Char(url.data(), static_cast<std::int32_t>(url.size()))}};
 }
 
-/// Appends rather than adds: GCC 12 takes "text" + std::string for an overlapping copy.
+/// Uses append, because GCC 12 warns of an overlapping copy for "text" + std::string.
 std::string numbered(std::string prefix, int number) {
   return prefix.append(std::to_string(number));
 }
@@ -140,7 +140,7 @@ TEST(ProxyUrlCache, ReplacesAKnownHostInPlaceWithoutReleasingItsOldList) {
   EXPECT_TRUE(released.urls.empty());
   EXPECT_STREQ(old[0].url, "PROXY old");
   EXPECT_EQ(urlOf(cache, "a"), "PROXY new");
-  EXPECT_EQ(urlOf(cache, "b"), "PROXY b");  // the count stayed: nothing was evicted
+  EXPECT_EQ(urlOf(cache, "b"), "PROXY b");  // no entry was evicted
   cache.set("c", entries("PROXY c"));
   EXPECT_THAT(released.urls, ElementsAre("PROXY new"));
   cleanupProxySetting(&old[0]);
@@ -196,17 +196,17 @@ TEST(ProxyUrlCache, CountsACapacityBelowOneAsOne) {
 }
 
 TEST(ProxyUrlCache, StaysAsItWasWhereverAnAllocationFails) {
-  const std::string longKey(100, 'k');  // keys of this length need memory of their own
+  const std::string longKey(100, 'k');  // keys of this length need an allocation
   const int kNeverThatMany = 50;
   int failures = 0;
   for (int n = 0; n < kNeverThatMany; ++n) {
     Released released;
-    released.urls.reserve(2);  // the callback throws nothing
+    released.urls.reserve(2);  // reserved, because the callback must not throw
     ProxyUrlCache cache(2, release, &released);
     cache.set("a", entries("PROXY a"));
     cache.set("b", entries("PROXY b"));
     ProxyUrlSettings fresh = entries("PROXY fresh");
-    setlogmask(LOG_MASK(LOG_ERR));  // the capture allocates as well
+    setlogmask(LOG_MASK(LOG_ERR));  // because the capture of log lines allocates, too
     bool failed = false;
     failAllocationsAfter(n);
     try {
@@ -229,12 +229,14 @@ TEST(ProxyUrlCache, StaysAsItWasWhereverAnAllocationFails) {
     EXPECT_THAT(released.urls, ElementsAre("PROXY b"));
     cleanupProxySetting(&fresh[0]);
   }
-  // The list, a key and a node in each map, the list's node and its key.
+  // The allocations are: the list of entries, a key and a node in each map, the list's node and its
+  // key.
   EXPECT_GE(failures, 7);
   EXPECT_LT(failures, kNeverThatMany);
 }
 
-/// The same cache, so simply that it is plainly right: a list of pairs, newest first.
+/// A model of the cache that is so simple that it is obviously right: a list of pairs, the newest
+/// first.
 class Model {
  public:
   explicit Model(std::size_t most) : mMost(most) {}
@@ -278,7 +280,7 @@ TEST_P(RandomOperations, AgreeWithTheModel) {
   std::mt19937 random(20111u + static_cast<unsigned>(GetParam()));
   const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
   Released released;
-  std::vector<char*> replaced;  // texts that a second set() left to their holder
+  std::vector<char*> replaced;  // texts that set() replaced: to be freed by the test
   {
     ProxyUrlCache cache(GetParam(), release, &released);
     Model model(static_cast<std::size_t>(GetParam()));

@@ -1,10 +1,10 @@
-// Listens to what the parser tells the service, in place of the service itself.
+// Replaces the service: records the notifications that the parser sends to it.
 #pragma once
 
 #include <functional>
 
-/// How often the parser said that the script's content has changed.
+/// How often the parser has reported that the script's content has changed.
 int noticesOfContent();
 
-/// Called at each notice; none by default.
+/// Sets a function that is called at each notification. By default there is none.
 void onContentNotice(std::function<void()> listener);

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-/// A script that gives one answer for all.
+/// A script that gives the same answer to all questions.
 inline std::string scriptFor(const std::string& answer) {
   return "function FindProxyForURL(url, host) { return \"" + answer + "\"; }\n";
 }

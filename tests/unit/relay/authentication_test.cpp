@@ -37,7 +37,7 @@ TEST(Digest, GivesTheResponsesOfTheStandardsExamples) {
   }
 }
 
-// The example of RFC 2069 with its erratum: without qop.
+// The example of RFC 2069, corrected by its erratum. It has no qop.
 TEST(Digest, WithoutQopIsTheOlderOne) {
   const auto challenge = readChallenges(
       {"Digest realm=\"testrealm@host.com\", nonce=\"dcd98b7102dd2f0e8b11d0f600bfb0c093\""});

@@ -13,7 +13,7 @@ unsigned statusOf(const std::string& head) {
   return readRequestHead(head, request).status;
 }
 
-/// A head with these lines behind the request line and Host.
+/// Reads a head that has these lines after the request line and Host. @return the status
 unsigned statusWith(const std::string& lines, const std::string& version = "1.1") {
   return statusOf("POST http://a/ HTTP/" + version + "\r\nHost: a\r\n" + lines + "\r\n");
 }

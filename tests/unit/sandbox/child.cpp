@@ -1,5 +1,5 @@
-// A child process of the tests: it reports its descriptors and its environment through descriptor 3
-// and ends with status 7 when that descriptor ends.
+// A child process of the tests. It reports its descriptors and its environment through descriptor
+// 3. When the other end of that descriptor is closed, it ends with status 7.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>

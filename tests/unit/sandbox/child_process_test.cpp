@@ -27,7 +27,8 @@ namespace {
 using namespace sandbox;
 using base::UniqueFd;
 
-/// A child that reports what it finds through descriptor 3 and lives until that ends.
+/// A child that reports its state through descriptor 3, and lives until the other end of that
+/// descriptor is closed.
 struct Child {
   std::unique_ptr<ChildProcess> process;
   UniqueFd socket;
@@ -52,7 +53,8 @@ Child startChild(std::vector<std::string> environment = {}) {
 }
 
 TEST(ChildProcess, GetsTheDescriptorsThatArePassedAndNoOther) {
-  // Without FD_CLOEXEC, and where the child's own would be.
+  // These descriptors have no FD_CLOEXEC, and have the numbers of the child's own descriptors or
+  // higher ones.
   ASSERT_GE(open("/dev/zero", O_RDONLY), 0);
   ASSERT_EQ(dup2(1, 200), 200);
   const Child child = startChild();
@@ -70,7 +72,8 @@ TEST(ChildProcess, HasAProcessGroupOfItsOwn) {
   EXPECT_EQ(getpgid(child.process->pid()), child.process->pid());
 }
 
-/// Does `work` on a thread with another scheduling policy, and without the right to change it back.
+/// Runs `work` on a thread with another scheduling policy. The thread has no right to change the
+/// policy back.
 void withPolicy(int policy, int priority, const std::function<void()>& work) {
   bool changed = false;
   std::thread([&] {
@@ -116,7 +119,7 @@ TEST(ChildProcess, ThatEndsByItselfHasItsStatusReported) {
   Child child = startChild();
   child.socket.reset();
   siginfo_t info{};
-  // Waits without taking the status away.
+  // Waits for the end of the child and does not reap it.
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child.process->pid()), &info, WEXITED | WNOWAIT), 0);
   EXPECT_TRUE(child.process->hasEnded());
   EXPECT_EQ(child.process->end(), "exit 7");
@@ -142,7 +145,8 @@ TEST(ProgramInLibexec, LiesBesideTheFolderOfTheProgramElseWhereTheBuildKnows) {
   EXPECT_EQ(programInLibexec("no-such-program", "/else"), "/else");
 }
 
-/// A process that traces others, from which their end is hidden until it has taken notice of it.
+/// A process that traces others. The end of a traced process stays hidden from its parent until the
+/// tracer has waited for it.
 class Tracer {
  public:
   Tracer() {
@@ -159,10 +163,10 @@ class Tracer {
   Tracer(const Tracer&) = delete;
   Tracer& operator=(const Tracer&) = delete;
 
-  /// @return whether it may
+  /// @return whether the tracer may trace this process
   bool trace(pid_t pid) { return told(pid) == 0; }
 
-  /// Takes notice of the ends of all.
+  /// The tracer waits for the ends of all traced processes.
   void takeNotice() { told(0); }
 
  private:

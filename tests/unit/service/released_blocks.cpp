@@ -1,5 +1,5 @@
-// In a file of its own, so that the compiler does not see malloc through operator new and warns of
-// a mismatch.
+// These operators have their own file. Otherwise the compiler would see that operator new calls
+// malloc, and would warn of a mismatch.
 #include "tests/unit/service/released_blocks.h"
 
 #include <malloc.h>
@@ -29,7 +29,7 @@ int releasedBlocksWithText() {
   return withText;
 }
 
-// What the bus library, which is in C, releases does not come here.
+// Memory that libdbus (in C) releases does not pass through these functions.
 void* operator new(std::size_t size) {
   if (void* const memory = std::malloc(size)) return memory;
   throw std::bad_alloc();

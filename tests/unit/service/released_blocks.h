@@ -1,9 +1,11 @@
 // Looks at each block of memory that a C++ object releases.
 #pragma once
 
-/// From now on the blocks are searched for `text`, which outlives the watch; null ends it.
+/// From now on, released blocks are searched for `text`, which must live as long as the search.
+/// Null ends the search.
 void watchReleasedBlocks(const char* text);
 
-/// Blocks that were released while they were watched, and those of them that held the text.
+/// The number of blocks that were released during the search, and the number of those that
+/// contained the text.
 int releasedBlocks();
 int releasedBlocksWithText();

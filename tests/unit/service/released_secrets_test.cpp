@@ -1,5 +1,5 @@
-// What is left of a password in the texts that the daemon releases. The messages of the bus library
-// are not among them: its buffers cannot be overwritten.
+// Checks what remains of a password in the texts that the daemon releases. The messages of the bus
+// library are not checked, because its buffers cannot be overwritten.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -13,11 +13,11 @@
 
 namespace {
 
-// Longer than the text that a std::string holds inside itself.
+// Longer than a text that a std::string stores without an allocation.
 constexpr const char* kPassword = "correct-horse-battery-staple-of-the-test-with-no-equal";
 constexpr const char* kUrl = "http://u:correct-horse-battery-staple-of-the-test-with-no-equal@p:1";
 
-// First of all, for it may have one thread only.
+// The first base class: the change needs a process with one thread.
 struct OwnRoot {
   OwnRoot() { enterOwnRoot(); }
 };
@@ -26,7 +26,7 @@ class ReleasedSecrets : private OwnRoot, public testing::Test {
  protected:
   void SetUp() override { mService.start(); }
 
-  // From a connection of its own; without a C++ text of the password.
+  // Calls over a separate connection, and makes no std::string of the password.
   static void call(const char* member, std::array<const char*, 5> texts) {
     DBus::BusDispatcher loop;
     auto* const own = std::exchange(DBus::default_dispatcher, &loop);
@@ -62,7 +62,8 @@ TEST_F(ReleasedSecrets, HoldNoPasswordAfterItWasHandedOverReadAndReplaced) {
   EXPECT_EQ(releasedBlocksWithText(), 0);
 }
 
-// Log lines and the answers for programs hold such a URL as it is. The configuration does not.
+// Log lines and the answers for programs contain such a URL unchanged, so only the configuration is
+// checked.
 TEST_F(ReleasedSecrets, HoldNoPasswordOfAUrlAfterItWasHandedOverReadAndReplaced) {
   watchReleasedBlocks(kPassword);
   call("updateProxyconfig", {"off", kUrl, kUrl, "", ""});

@@ -16,7 +16,7 @@
 
 namespace {
 
-// First of all, for it may have one thread only.
+// The first base class: the change needs a process with one thread.
 struct OwnRoot {
   OwnRoot() { enterOwnRoot(); }
 };
@@ -72,7 +72,7 @@ TEST_F(Service, SaysWhenTheContentIsNew) {
                  "ProxyManagerServiceImpl-pacContentUpdated pacFileName:/tmp/proxymanager.pac"}}));
 }
 
-// Asked over the bus, from a connection of its own.
+// Asks over the bus, from a separate connection.
 std::vector<std::string> askedOverTheBus() {
   DBus::BusDispatcher loop;
   auto* const own = std::exchange(DBus::default_dispatcher, &loop);

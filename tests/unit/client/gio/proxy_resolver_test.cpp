@@ -1,4 +1,4 @@
-// The module as a program meets it: through GLib, which finds and loads it.
+// The module in a program: GLib finds and loads it.
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,10 +49,10 @@ void implementNext(gpointer implemented, gpointer) {
   resolver->lookup = nextLookup;
 }
 
-/// Adds a resolver as a desktop brings one, which GLib asks after the module's. Before the first
-/// lookup of the process.
+/// Adds a resolver like that of a desktop, which GLib asks after the module's resolver. Call it
+/// before the first lookup of the process.
 void addNextResolver() {
-  g_proxy_resolver_get_default();  // makes the extension point
+  g_proxy_resolver_get_default();  // creates the extension point
   const GType type =
       g_type_register_static_simple(G_TYPE_OBJECT, "NextResolver", sizeof(GObjectClass), nullptr,
                                     sizeof(GObject), nullptr, static_cast<GTypeFlags>(0));
@@ -67,7 +67,7 @@ struct Outcome {
   std::optional<int> error;
 };
 
-/// Takes both.
+/// Makes an outcome, and takes ownership of both arguments.
 Outcome outcome(char** proxies, GError* error) {
   Outcome made;
   for (char** proxy = proxies; proxy != nullptr && *proxy != nullptr; ++proxy) {
@@ -90,7 +90,7 @@ Outcome lookup(const std::string& uri, GCancellable* cancellable = nullptr) {
   return outcome(proxies, error);
 }
 
-/// An asynchronous lookup, and where its callback came.
+/// An asynchronous lookup, and the thread on which its callback ran.
 class Lookup {
  public:
   explicit Lookup(const std::string& uri, GCancellable* cancellable = nullptr) {
@@ -99,14 +99,14 @@ class Lookup {
     EXPECT_FALSE(mOutcome.has_value()) << "during the call";
   }
 
-  /// Runs `context` until the callback has come.
+  /// Runs `context` until the callback has run.
   Outcome wait(GMainContext* context) {
     while (!mOutcome) g_main_context_iteration(context, TRUE);
     EXPECT_EQ(mThread, std::this_thread::get_id());
     return *mOutcome;
   }
 
-  /// Whether the callback of a lookup of the default main context has not come.
+  /// For a lookup on the default main context: whether its callback has not run yet.
   bool lasts() const {
     while (g_main_context_iteration(nullptr, FALSE)) continue;
     return !mOutcome;
@@ -132,7 +132,7 @@ std::vector<std::string>& debugLines() {
   return lines;
 }
 
-/// A program whose GLib knows only this module, and which ends if GLib logs a warning.
+/// A program whose GLib has only this module. The program ends if GLib logs a warning.
 class WithoutBus : public ::testing::Test {
  protected:
   WithoutBus() {
@@ -150,8 +150,8 @@ class WithoutDaemon : public WithoutBus {
   PrivateBus mBus;
 };
 
-/// What a URL of these tests asks for: of "http://MODE/?ENTRY;ENTRY" the mode and the entries, in
-/// which "_" is a blank. A question of the mode "hold" has no answer.
+/// The reply to a URL of these tests. For "http://MODE/?ENTRY;ENTRY", it has this mode and these
+/// entries; "_" stands for a blank. A question with the mode "hold" gets no reply.
 Reply replyTo(const std::string& url) {
   const auto host = url.find("://") + 3;
   const auto slash = url.find('/', host);
@@ -377,8 +377,9 @@ TEST_F(ProxyResolver, ServesThreadsThatWaitAtOnce) {
 
 // --- Not waiting, and cancelling ---
 //
-// The thread sanitizer sees no order in what follows: GLib, a plain build, hands memory from thread
-// to thread under locks of its own making. Nor does it let a forked process make threads.
+// The following tests do not work with the thread sanitizer. GLib is not built for it and uses its
+// own kind of locks when it passes memory between threads, so the sanitizer would report races. In
+// addition, the sanitizer does not allow threads in a forked process.
 #ifndef __SANITIZE_THREAD__
 
 TEST_F(ProxyResolver, AnswersOnTheMainContextOfWhoeverAsks) {
@@ -425,8 +426,8 @@ TEST_F(ProxyResolver, AsksNothingForALookupThatIsCancelledBefore) {
   EXPECT_EQ(mDaemon.count(), 1);
 }
 
-// Another lookup that began before still lasts when the cancelled one ends: so it did not end by
-// the time limit.
+// A lookup that began earlier is still in progress when the cancelled lookup ends. So the cancelled
+// one did not end because of the time limit.
 TEST_F(ProxyResolver, EndsAWaitThatIsCancelled) {
   const auto lasting = cancellable();
   Lookup before("http://hold/before", lasting.get());
@@ -455,7 +456,7 @@ TEST_F(ProxyResolver, EndsALookupThatIsCancelledAndNoOther) {
   EXPECT_EQ(held.wait(nullptr).error, G_IO_ERROR_CANCELLED);
   EXPECT_THAT(other.wait(nullptr).proxies, ElementsAre("http://p:1"));
   EXPECT_TRUE(before.lasts());
-  g_cancellable_cancel(lasting.get());  // what is over is over
+  g_cancellable_cancel(lasting.get());  // has no effect on lookups that have ended
   EXPECT_EQ(before.wait(nullptr).error, G_IO_ERROR_CANCELLED);
 }
 
@@ -465,11 +466,12 @@ TEST_F(ProxyResolver, LeavesNoHandlerOnACancellable) {
   lookup("http://pacurl/?PROXY_p:1", lasting.get());
   EXPECT_FALSE(g_signal_has_handler_pending(lasting.get(), signal, 0, TRUE));
   Lookup("http://pacurl/?PROXY_p:2", lasting.get()).wait(nullptr);
-  // The library's thread may be the last to let the task go.
+  // The library's thread may be the last that releases the task.
   while (g_signal_has_handler_pending(lasting.get(), signal, 0, TRUE)) std::this_thread::yield();
 }
 
-/// Lookups of one thread, each with one that is cancelled at some moment.
+/// The lookups of one thread. Each runs together with another lookup that is cancelled at some
+/// moment.
 void lookUpAgainAndAgain(int thread) {
   const auto own = context();
   g_main_context_push_thread_default(own.get());

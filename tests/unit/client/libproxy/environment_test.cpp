@@ -1,5 +1,5 @@
-// The variables, as programs without a bus get them. How they are read beside libproxy itself is
-// compared in tests/integration/test_libproxy.py.
+// The environment variables, as programs without a bus use them. tests/integration/test_libproxy.py
+// compares the results with those of libproxy itself.
 #include "tests/unit/client/libproxy/libproxy_test.h"
 
 namespace {
@@ -8,7 +8,7 @@ using ::testing::ElementsAre;
 
 class Environment : public WithoutBus {
  protected:
-  /// What a URL gets with http_proxy, where no_proxy is this.
+  /// Whether a URL gets no proxy if http_proxy is set and no_proxy is `noProxy`.
   bool isExcepted(const std::string& url, const std::string& noProxy) {
     setenv("http_proxy", "http://e:1", 1);
     setenv("no_proxy", noProxy.c_str(), 1);

@@ -1,4 +1,4 @@
-// libproxy.so.1 as a program meets it.
+// libproxy.so.1 in a program.
 #include "tests/unit/client/libproxy/libproxy_test.h"
 
 #include <dlfcn.h>
@@ -14,7 +14,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
-// --- What a list is ---
+// --- The returned list ---
 
 TEST_F(WithDaemon, GivesProxiesInTheOrderOfTheScript) {
   daemon.answer(kUrl, {{"pacurl", "PROXY b:8080", "DIRECT", "SOCKS a:1080", "PROXY a:3128"}});
@@ -49,8 +49,8 @@ TEST_F(WithDaemon, TheListAndItsTextsAreBlocksOfTheirOwn) {
   char** const proxies = px_proxy_factory_get_proxies(factory, kUrl.c_str());
   char* const kept = proxies[1];
   EXPECT_EQ(proxies[2], nullptr);
-  // As callers do: one text each, the array, and a text that outlives it. A sanitizer sees the
-  // rest.
+  // Callers free each text and the array separately. One text is freed after the array. A sanitizer
+  // reports errors.
   free(proxies[0]);
   free(proxies);
   px_proxy_factory_free(factory);
@@ -76,7 +76,7 @@ TEST_F(WithoutBus, ANullFactoryIsOneToo) {
   EXPECT_EQ(take(px_proxy_factory_get_proxies(nullptr, kUrl.c_str())), kDirect);
 }
 
-// --- Which answer holds ---
+// --- Which answer is used ---
 
 TEST_F(WithoutBus, IsDirectWithoutAnything) {
   EXPECT_EQ(ask(), kDirect);
@@ -181,7 +181,7 @@ TEST_F(WithDaemon, AThreadThatIsCancelledHarmsNoOther) {
   daemon.answer("http://slow/", {{"pacurl", "PROXY slow:1"}, "", true, false});
   std::thread waiting([&] { EXPECT_THAT(ask("http://slow/"), ElementsAre("http://slow:1")); });
   daemon.waitFor(1);
-  pthread_cancel(waiting.native_handle());  // takes effect at no point of the call
+  pthread_cancel(waiting.native_handle());  // the call has no point at which it takes effect
   daemon.release();
   waiting.join();
   EXPECT_THAT(ask(), ElementsAre("http://p.example:1"));
@@ -196,7 +196,8 @@ TEST_F(WithDaemon, AChildProcessAsksByItself) {
   daemon.waitFor(1);
   const pid_t child = fork();
   if (child == 0) {
-    // No test framework here: another thread may have held its locks.
+    // The child does not use the test framework, because another thread may have held its locks at
+    // the fork.
     char** const proxies = px_proxy_factory_get_proxies(factory, "http://child.example/");
     const bool isRight = std::strcmp(proxies[0], "http://p.example:1") == 0;
     px_proxy_factory_free_proxies(proxies);
@@ -223,7 +224,7 @@ TEST_F(WithoutBus, FunctionsAreFoundWithAndWithoutTheirVersions) {
   for (const char* name : {"px_proxy_factory_get_type", "px_proxy_factory_copy"}) {
     EXPECT_NE(dlvsym(library, name, "LIBPROXY_0.5.5"), nullptr) << name;
   }
-  // Qt looks for it in all that the process has loaded.
+  // Qt looks for this name in all libraries of the process.
   EXPECT_NE(dlsym(RTLD_DEFAULT, "_ZTVN8libproxy19pacrunner_extensionE"), nullptr);
   dlclose(library);
 }

@@ -1,4 +1,4 @@
-// A program of libproxy, with a bus and the daemon's stand-in.
+// A program that uses libproxy, with a bus and a replacement of the daemon.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -17,7 +17,7 @@ using Texts = std::vector<std::string>;
 inline const std::string kUrl = "http://www.example.org/";
 inline const Texts kDirect{"direct://"};
 
-/// No variable of the machine's comes into a test.
+/// Removes the machine's own variables, so that they have no effect on a test.
 inline void clearEnvironment() {
   for (const char* name :
        {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "ftp_proxy", "FTP_PROXY",
@@ -31,7 +31,7 @@ class LibproxyTest : public testing::Test {
   LibproxyTest() { clearEnvironment(); }
   ~LibproxyTest() override { px_proxy_factory_free(factory); }
 
-  /// Asks, and frees the list as libproxy has it freed.
+  /// Asks, and frees the list in the way that libproxy documents.
   Texts ask(const std::string& url = kUrl) {
     return take(px_proxy_factory_get_proxies(factory, url.c_str()));
   }
@@ -49,7 +49,7 @@ class LibproxyTest : public testing::Test {
   pxProxyFactory* factory = px_proxy_factory_new();
 };
 
-/// Without a bus: what holds is the environment.
+/// Without a bus, the environment variables decide.
 class WithoutBus : public LibproxyTest {
  protected:
   WithoutBus() { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere/bus", 1); }

@@ -1,4 +1,4 @@
-// How long a program waits at most.
+// The longest time that a program waits.
 #include <chrono>
 #include <functional>
 
@@ -7,7 +7,7 @@
 
 namespace {
 
-/// What programs are promised.
+/// The time limit that the documents promise.
 constexpr std::chrono::seconds kPromised{10};
 
 std::chrono::steady_clock::duration spent(const std::function<void()>& work) {

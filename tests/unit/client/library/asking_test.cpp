@@ -1,4 +1,4 @@
-// The answers to questions, and the ends of questions without an answer.
+// The answers to questions, and how questions without an answer end.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* kErrors = "org.freedesktop.DBus.Error.";
 
-/// After so long without a word the bus is given up while a connection is made.
+/// If the bus is silent for this time while a connection is made, the client ends the attempt.
 constexpr std::chrono::seconds kBusIsSilent{10};
 
 class AskingTest : public LibraryTest {};
@@ -156,7 +156,7 @@ TEST_F(AskingTest, RemembersAnAnswerThatComesWhenNobodyWaits) {
   daemon.waitFor(1);
   EXPECT_TRUE(client.cancel(id));
   daemon.release();
-  ask(kUrl + "behind");  // its reply comes behind that one
+  ask(kUrl + "behind");  // its reply comes after the other one
   EXPECT_TRUE(client.get(kUrl, milliseconds(0)));
 }
 
@@ -307,7 +307,7 @@ TEST(AskingWithoutABusTest, ABusThatDoesNotAnswerCostsNoMoreThanTheLimit) {
 TEST(AskingWithoutABusTest, ACallbackMayTakeLongerThanTheBusWhileAConnectionIsMade) {
   PrivateBus bus;
   StandInDaemon daemon;
-  // One that the bus has answered is left alone.
+  // A connection that the bus has already answered is not ended because of silence.
   Changes changes;
   const Client settled;
   const auto watching = settled.watch([&](Change change) { changes.add(change); });
@@ -343,7 +343,7 @@ TEST(AskingUnderAPolicyTest, WithoutMatchRulesEachQuestionIsAsked) {
   Client client;
   for (int i = 0; i < 2; ++i) EXPECT_EQ(client.get(kUrl, kLong).status(), Status::ok);
   EXPECT_EQ(daemon.count(), 2);
-  // Errors are answers, too, and no silence.
+  // Errors are answers, too, so the bus does not count as silent.
   Changes changes;
   const auto watching = client.watch([&](Change change) { changes.add(change); });
   EXPECT_EQ(changes.waitFor(1), std::vector{Change::daemonCame});

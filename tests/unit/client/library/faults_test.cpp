@@ -1,5 +1,5 @@
-// Each allocation of those who ask fails once: they are told so, and the next question is as if
-// nothing had happened.
+// Each allocation during a question fails once. The caller gets an error, and the next question
+// works as if the failure had not happened.
 #include <string>
 #include <vector>
 
@@ -13,7 +13,7 @@ namespace {
 using client::library::AnswerRef;
 using client::library::RememberedAnswers;
 
-// Longer than what a std::string holds without an allocation.
+// Longer than a text that a std::string stores without an allocation.
 const std::string kLongText(100, 'x');
 
 TEST(LibraryFaultsTest, AreBorneByWhatIsRemembered) {
@@ -32,7 +32,8 @@ TEST(LibraryFaultsTest, AreBorneByWhatIsRemembered) {
 
 class AskingFaultsTest : public LibraryTest {
  protected:
-  /// Asks with one allocation after the other failing, and all that follow. @return how many failed
+  /// Repeats a question. Each time, another allocation and all allocations after it fail, beginning
+  /// with the first. @return how many times the question failed
   template <typename Ask>
   int failEach(Ask asked) {
     for (int successes = 0;; ++successes) {

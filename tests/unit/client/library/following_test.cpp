@@ -13,7 +13,7 @@ namespace {
 
 class FollowingTest : public LibraryTest {
  protected:
-  /// Whether the client has an answer for kUrl, asking nobody.
+  /// Whether the client remembers an answer for kUrl. Asks no question.
   bool remembers() { return static_cast<bool>(client.get(kUrl, milliseconds(0))); }
 };
 
@@ -80,7 +80,7 @@ TEST_F(FollowingTest, BelievesTheDaemonAlone) {
   }
   stranger.clear();
   stranger.sync();
-  ask(kUrl + "behind");  // its reply comes behind what was forged
+  ask(kUrl + "behind");  // its reply comes after the forged message
   EXPECT_TRUE(remembers());
   EXPECT_EQ(changes.all(), List{kCame});
   daemon.clear();
@@ -155,7 +155,7 @@ TEST_F(FollowingTest, WithoutAWatchTheNextQuestionFindsTheBusAgain) {
   bus.kill();
   bus.start();
   StandInDaemon next;
-  // The end of the old bus may be heard while it is asked.
+  // The client may notice the end of the old bus only during the question.
   auto answer = client.get(kUrl, kLong);
   while (next.count() == 0) answer = client.get(kUrl, kLong);
   EXPECT_EQ(answer.status(), Status::ok);
@@ -174,7 +174,7 @@ TEST_F(FollowingTest, AWatchOfAnAbsentBusIsToldSoAndHearsOfItsComing) {
 TEST_F(FollowingTest, AWatchOfAClientThatLostTheBusLongAgoLooksForIt) {
   ask();
   bus.kill();
-  while (remembers()) std::this_thread::yield();  // until the client has seen it go
+  while (remembers()) std::this_thread::yield();  // until the client has noticed the end of the bus
   bus.start();
   StandInDaemon next;
   const auto watching = watch(changes);
@@ -233,7 +233,8 @@ TEST_F(FollowingTest, TheEndOfAWatchWaitsForItsCallback) {
     const std::lock_guard held(mutex);
     wasReturning = isReturning;
   });
-  // Not for luck: one that does not wait is found out mostly, one that does is never blamed.
+  // The sleep cannot make a correct program fail. It makes it likely that the test finds an end of
+  // a watch that does not wait for the callback.
   std::this_thread::sleep_for(milliseconds(20));
   lock.lock();
   mayReturn = true;
@@ -247,7 +248,7 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
   Changes others;
   std::optional<Watch> first;
   std::optional<Watch> second;
-  std::mutex mutex;  // until they are where the callback looks for them
+  std::mutex mutex;  // held until the watches are in their variables
   std::unique_lock lock(mutex);
   auto kept = std::make_shared<int>(7);
   int seen = 0;
@@ -255,7 +256,7 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
     const std::lock_guard held(mutex);
     second.reset();
     first.reset();
-    seen = *kept;  // what the callable holds lives until it returns
+    seen = *kept;  // the callable's data live until it returns
     changes.add(change);
   });
   second = watch(others);
@@ -271,11 +272,11 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
   EXPECT_EQ(seen, 7);
 }
 
-/// A watch that has another one in its place whenever it is called.
+/// A watch that replaces itself by a new watch in each call.
 struct Replaced {
   proxymanager_client* client;
   std::atomic<bool> isOver = false;
-  proxymanager_id id = 0;  ///< of the present one; the client's thread alone
+  proxymanager_id id = 0;  ///< of the present watch; used only by the client's thread
 
   static void called(proxymanager_change, void* context) {
     auto& self = *static_cast<Replaced*>(context);
@@ -306,7 +307,7 @@ TEST_F(FollowingTest, AWatchThatIsAssignedOverEnds) {
   EXPECT_FALSE(second);
   daemon.clear();
   EXPECT_EQ(others.waitFor(2), (List{kCame, kChanged}));
-  EXPECT_EQ(changes.all(), List{kCame});  // it would have been told before
+  EXPECT_EQ(changes.all(), List{kCame});  // it would have been the first
 }
 
 TEST_F(FollowingTest, AsManyWatchesAsAreAllowedAndNoMore) {

@@ -1,4 +1,4 @@
-// A bus, the daemon's stand-in on it, and a client of both.
+// A bus, a replacement of the daemon on it, and a client.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ using proxymanager::Kind;
 using proxymanager::Status;
 using proxymanager::Watch;
 
-/// For what comes soon, on a machine that may be busy.
+/// The limit for events that come soon, even on a busy machine.
 inline constexpr std::chrono::seconds kLong{60};
 
 inline const std::string kUrl = "http://www.example.org/";
@@ -39,7 +39,7 @@ class Recorded {
     const std::lock_guard lock(mMutex);
     return mAll;
   }
-  /// @return what has been told by when it is so much
+  /// Waits until there are `count` reports. @return all reports until then
   std::vector<Told> waitFor(std::size_t count) {
     std::unique_lock lock(mMutex);
     EXPECT_TRUE(mAdded.wait_for(lock, kLong, [&] { return mAll.size() >= count; }));
@@ -57,7 +57,7 @@ using Answers = Recorded<Answer>;
 
 class LibraryTest : public testing::Test {
  protected:
-  /// Asks, and wants an answer.
+  /// Asks; the test fails if there is no answer.
   Answer ask(const std::string& url = kUrl) {
     auto answer = client.get(url, kLong);
     EXPECT_EQ(answer.status(), Status::ok) << proxymanager::lastFailure().name;
@@ -76,7 +76,7 @@ class LibraryTest : public testing::Test {
 
   PrivateBus bus;
   StandInDaemon daemon;
-  Answers answers;  // outlives the client, which may still tell
+  Answers answers;  // must outlive the client, which may still report
   Changes changes;
   Client client;
 };

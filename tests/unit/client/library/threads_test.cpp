@@ -1,4 +1,5 @@
-// Many at once, callbacks, ends, and what a client takes of its process.
+// Many questions at once, callbacks, the end of a client, and the resources that a client uses in
+// its process.
 #include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,12 +21,12 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// The most calls of one connection that are in progress at once; the bus allows 128.
+/// Maximum number of calls of one connection that are in progress at once. The bus allows 128.
 constexpr int kCalls = 64;
 
 class ThreadsTest : public LibraryTest {};
 
-/// The number of a thread of this process.
+/// The id of the thread of this process with this name.
 std::optional<int> threadCalled(const std::string& wanted) {
   std::optional<int> found;
   DIR* const tasks = opendir("/proc/self/task");
@@ -38,8 +39,8 @@ std::optional<int> threadCalled(const std::string& wanted) {
   return found;
 }
 
-/// Waits until no thread has the name, a minute at most: the kernel wakes who joins a thread before
-/// that leaves the list. @return whether it is gone
+/// Waits until no thread has the name, for a minute at most. When a thread ends, pthread_join() may
+/// return before the thread leaves the kernel's list. @return whether the thread is gone
 bool isGone(const std::string& name) {
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (threadCalled(name) && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
@@ -89,7 +90,8 @@ TEST_F(ThreadsTest, EightThreadsAskAtOnce) {
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
-  // Each of them after each of the changes, and once more if a change overtook the answer.
+  // Each URL is asked for again after each change, and once more if a change came before the
+  // answer.
   EXPECT_GE(daemon.count(), kUrls);
   EXPECT_LT(daemon.count(), kThreads * kRounds * kUrls / 4);
 }
@@ -156,7 +158,7 @@ TEST_F(ThreadsTest, FreeingAClientEndsWhatWaits) {
   daemon.answer(kUrl, {{}, {}, true});
   std::optional<Client> ending{std::in_place};
   auto* const raw = ending->raw();
-  std::vector<Status> told;  // all on this thread
+  std::vector<Status> told;  // all callbacks run on this thread
   std::vector<Status> within;
   for (int i = 0; i < 3; ++i) {
     ending->getAsync(kUrl, kLong, [&](const Answer& answer) {
@@ -212,7 +214,7 @@ TEST_F(ThreadsTest, ACallbackThatTakesLongHoldsUpNobodysLimit) {
   called.wait();
   EXPECT_EQ(client.get(kUrl + "slow", milliseconds(20)).status(), Status::tooSlow);
   lock.unlock();
-  ask(kUrl + "behind");  // the callback has returned before what it uses goes
+  ask(kUrl + "behind");  // so the callback has returned before its variables are destroyed
 }
 
 TEST_F(ThreadsTest, NothingIsStartedBeforeTheFirstQuestion) {
@@ -221,7 +223,7 @@ TEST_F(ThreadsTest, NothingIsStartedBeforeTheFirstQuestion) {
   EXPECT_FALSE(threadCalled("pm-client"));
   ask();
   ASSERT_TRUE(threadCalled("pm-client"));
-  // All but SIGKILL, SIGSTOP and the two of the C library itself.
+  // All signals except SIGKILL, SIGSTOP and the two signals of the C library itself.
   EXPECT_EQ(statusOf(*threadCalled("pm-client"), "SigBlk"), "fffffffe7ffbfeff");
 }
 
@@ -230,13 +232,13 @@ TEST_F(ThreadsTest, AClientAtRestDoesNotWakeUp) {
   ask();
   const int thread = threadCalled("pm-client").value();
   const auto sleeps = [&] { return statusOf(thread, "voluntary_ctxt_switches"); };
-  // Until it sleeps.
+  // Waits until the thread sleeps.
   while (statusOf(thread, "State").front() != 'S') std::this_thread::yield();
   const auto before = sleeps();
   daemon.announceState();
   ask();  // remembered
   daemon.sync();
-  std::this_thread::sleep_for(milliseconds(300));  // a time in which nothing may happen
+  std::this_thread::sleep_for(milliseconds(300));  // the thread must not wake during this time
   EXPECT_EQ(sleeps(), before);
   EXPECT_EQ(statusOf(thread, "State").front(), 'S');
 }
@@ -262,7 +264,7 @@ TEST_F(ThreadsTest, AClientStaysWithTheParentOfAFork) {
     return count;
   };
   EXPECT_EQ(inAChild(wrong), 0);
-  // The child left the parent's connection as it was.
+  // The child has not changed the parent's connection.
   ask(kUrl + "after");
   daemon.clear();
   EXPECT_EQ(changes.waitFor(2), (std::vector{Change::daemonCame, Change::answersChanged}));

@@ -18,7 +18,7 @@ using namespace pac_engine;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// For scripts that end at once, however long the machine takes for it.
+/// Options for scripts that end at once. The time limit is not reached even on a very slow machine.
 Options patient() {
   Options options;
   options.timeLimit = std::chrono::seconds(60);
@@ -42,7 +42,7 @@ std::string script(const std::string& body) {
   return "function FindProxyForURL(url, host) { " + body + " }";
 }
 
-/// The answer of a script of one expression for http://h/ and h.
+/// The answer of a script that returns this expression, for http://h/ and h.
 std::string answer(const std::string& expression, Options options = patient()) {
   const auto engine = load(script("return String(" + expression + ");"), std::move(options));
   if (!engine) return "refused";
@@ -188,7 +188,8 @@ TEST(Engine, KnowsTheDevicesZoneBehindTheWalls) {
   }
 }
 
-// UTC and a zone of UTC+9 without rules, as small as such a file may be (RFC 8536, version 1).
+// The smallest valid zone file (RFC 8536, version 1), for a zone without rules, for example UTC or
+// UTC+9.
 std::string zoneFile(unsigned char hoursEast) {
   const std::uint32_t offset = hoursEast * 3600U;
   std::string file = std::string("TZif") + std::string(16, '\0');

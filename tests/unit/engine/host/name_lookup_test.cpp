@@ -23,13 +23,14 @@ using std::chrono::seconds;
 using std::chrono::steady_clock;
 using Texts = std::vector<std::string>;
 
-// A lookup has two seconds, and asks again after half a second. So a test that waits for an answer
-// or counts the questions is tried up to five times.
+// A lookup has two seconds, and asks again after half a second. On a busy machine, this can disturb
+// a test that waits for an answer or counts the questions. So such a test is tried up to five
+// times.
 
 constexpr auto kIpv4 = AddressFamily::kIpv4;
 constexpr auto kAny = AddressFamily::kAny;
 
-/// A socket whose peer lives as long as the test, or until it is told to go.
+/// A socket whose peer stays open until the end of the test, or until the test closes it.
 class Watched {
  public:
   Watched() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, mEnds), 0); }
@@ -176,7 +177,7 @@ TEST(NameLookup, GivesUpASlowServerAfterTwoSeconds) {
   EXPECT_LT(asked.took, seconds(20));
 }
 
-// The next evaluation would take half an answer for a whole answer.
+// Otherwise, the next evaluation would use half an answer as if it were a whole answer.
 TEST(NameLookup, AFamilyThatIsNeverAnsweredIsATimeoutOfTheWholeLookup) {
   auto half = at({"10.0.0.1", "2001:db8::1"});
   half.silentForIpv4 = true;

@@ -14,7 +14,8 @@ using pac_engine::AddressFamily;
 using pac_engine::ownAddresses;
 using Texts = std::vector<std::string>;
 
-/// An interface that is up, with `address`, and the end of a wire for its carrier.
+/// Adds an interface that is up and has `address`. It is one end of a virtual cable, so that it has
+/// a carrier.
 void addInterface(const std::string& name, const std::string& address) {
   command("ip link add " + name + " type veth peer name " + name + "-far");
   command("sysctl -qw net.ipv6.conf." + name + "-far.disable_ipv6=1");

@@ -42,7 +42,7 @@ struct Received {
   std::optional<std::string> host;
 };
 
-/// Takes results as a caller does: frees each once.
+/// Receives results in the way of a caller: it frees each result once.
 struct Inbox {
   static void take(char* result, void* context, void* host) {
     auto& self = *static_cast<Inbox*>(context);

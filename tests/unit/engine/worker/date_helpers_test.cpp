@@ -93,7 +93,8 @@ TEST_F(Dates, GmtLooksAtUtc) {
   EXPECT_TRUE(weekday({"WED", "GMT"}));
   EXPECT_FALSE(weekday({"THU", "FRI", "GMT"}));
   EXPECT_TRUE(date({1.0, "JAN", 2026.0, 1.0, "JAN", 2026.0}));
-  // The year is shifted first, and in 2025 it is 30 November then: the day becomes 30.
+  // The helper first sets the year: at that moment the date is 30 November 2025, so the day becomes
+  // 30.
   EXPECT_FALSE(date({31.0, "DEC", 2025.0, 31.0, "DEC", 2025.0, "GMT"}));
   EXPECT_TRUE(date({30.0, "DEC", 2025.0, 30.0, "DEC", 2025.0, "GMT"}));
   EXPECT_TRUE(date({2025.0, "GMT"}));
@@ -217,8 +218,8 @@ TEST_F(Dates, DateRangeOfNothingOrNonsense) {
   EXPECT_TRUE(date({1.0, "JAN", 2026.0, 31.0, "DEC", 2026.0, 1.0})) << "the seventh is the end's";
 }
 
-// In the hours around a change the zone's offset at the time that is asked for is not the offset at
-// the same time of Greenwich.
+// In the hours around a change of summer time, the zone's offset at a local time differs from its
+// offset at the same time in UTC.
 TEST_F(Dates, BoundsHoldAroundAChangeOfSummerTime) {
   setZone("America/Los_Angeles");  // forward on 8 March 2026 at 2:00, back on 1 November at 2:00
   const auto at = [this](int month, int day, int hour, int minute, List list) {
@@ -235,7 +236,7 @@ TEST_F(Dates, BoundsHoldAroundAChangeOfSummerTime) {
   EXPECT_TRUE(date({8.0, "MAR", 8.0, "MAR"}));
 }
 
-// The bounds stay on the device's day.
+// The bounds belong to the device's own day.
 TEST_F(Dates, TimesOfGmtHoldOnlyIfTheDayIsTheSame) {
   setZone("Pacific/Kiritimati");  // 14 hours before Greenwich
   mWorld.setLocal(2026, 3, 31, 5);

@@ -14,8 +14,8 @@ namespace pac_worker {
 
 class EngineTest : public testing::Test {
  protected:
-  /// The usual limits, except for time: the time limit ends no script that ends by itself, however
-  /// slow the machine is.
+  /// The usual limits with a long time limit: if a script ends by itself, it never reaches this
+  /// limit, even on a very slow machine.
   static ScriptLimits patient() {
     ScriptLimits limits;
     limits.time = std::chrono::seconds(60);

@@ -1,4 +1,4 @@
-// Heap and stack of a script, at the limit and one past it.
+// Heap and stack of a script, at the limit and one step past it.
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -16,7 +16,8 @@ const std::string kPassed = "!the heap limit of 65536 KiB was passed";
 
 class Limits : public EngineTest {};
 
-/// Whether the loaded script can have a buffer of so many bytes, given back afterwards.
+/// Whether the loaded script can allocate a buffer of `bytes` bytes. The buffer is freed
+/// afterwards.
 bool hasRoomFor(ScriptEngine& engine, std::size_t bytes) {
   return engine.evaluate("http://h/", std::to_string(bytes)).result == "room";
 }
@@ -66,11 +67,11 @@ class StackGauge : public FakeEnvironment {
   std::size_t mDeepest = 0;
 };
 
-#ifndef __SANITIZE_ADDRESS__  // its frames are not on the stack
+#ifndef __SANITIZE_ADDRESS__  // with the sanitizer, frames are not on the stack
 TEST(StackLimit, IsReachedAndNotPassed) {
   StackGauge gauge;
   ScriptLimits limits;
-  limits.time = std::chrono::seconds(60);  // a slow machine takes its time
+  limits.time = std::chrono::seconds(60);  // long enough for a slow machine
   ScriptEngine engine(gauge, limits);
   ASSERT_FALSE(engine.load(
       "function FindProxyForURL(url, host) { alert('x'); return deeper(0); }"
@@ -78,8 +79,8 @@ TEST(StackLimit, IsReachedAndNotPassed) {
       "  try { return deeper(n + 1); } catch (e) { return e.name + ': ' + e.message; } }"));
   const auto reply = engine.evaluate("http://h/", "h");
   EXPECT_EQ(reply.result, "RangeError: Maximum call stack size exceeded") << "caught by the script";
-  // The last call lacked one frame of the interpreter, under 1 KiB; some more lie above the first
-  // alert and below the last.
+  // For the last call, the space for one frame of the interpreter (less than 1 KiB) was missing.
+  // Some more frames are above the first alert and below the last one.
   EXPECT_LE(gauge.deepest(), kStack);
   EXPECT_GT(gauge.deepest(), kStack - (4U << 10U));
 }

@@ -1,5 +1,5 @@
-// Scripts that attack the device. Each spoils only its own answer: it ends within its limit, and
-// the next query has the right answer.
+// Scripts that attack the device. Such a script harms only its own answer: it ends within its
+// limit, and the next query gets the right answer.
 #include "tests/support/once_of_five.h"
 #include "tests/unit/engine/worker/engine_fixture.h"
 
@@ -8,7 +8,7 @@ namespace {
 
 class Hostile : public EngineTest {
  protected:
-  /// The attack runs for one host only, so that the next query shows what it left behind.
+  /// The attack runs only for one host, so that the next query shows its after-effects.
   std::string attack(const std::string& body, const ScriptLimits& limits = patient(),
                      const std::string& prelude = "") {
     const std::string refused = load(prelude +

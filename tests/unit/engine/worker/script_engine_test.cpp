@@ -127,7 +127,7 @@ TEST_F(Loading, ShowsNoHostObjects) {
                   "typeof queueMicrotask, typeof window, typeof bjson, typeof gc].every(t => t ==="
                   "'undefined')"),
             "true");
-  // Globals of the language are not enumerable, so the helpers and the entry point are left.
+  // Globals of the language are not enumerable, so only the helpers and the entry point remain.
   EXPECT_EQ(value("Object.keys(globalThis).sort()"),
             "FindProxyForURL,alert,convert_addr,dateRange,dnsDomainIs,dnsDomainLevels,dnsResolve,"
             "dnsResolveEx,getClientVersion,isInNet,isInNetEx,isPlainHostName,isResolvable,"

@@ -101,7 +101,7 @@ TEST_F(Helpers, AStoppedClockIsTheScriptsToo) {
   EXPECT_EQ(value("Math.abs(Date.now() - new Date()) < 60000 && Date.now() > 1.7e12"), "true");
 }
 
-// A script can see this order: a host of its own may have a toString() and a split().
+// A script can see this order if it passes its own object with toString() and split() as the host.
 TEST_F(Helpers, IsInNetReadsTheAddressThenThePatternThenTheMask) {
   const std::string functions =
       "var log = '', dnsResolve = () => { log += 'r'; return '1.2.3.4' };"

@@ -59,8 +59,8 @@ TEST(ShellExpression, IsPlainWithoutCharactersOfRegularExpressions) {
     EXPECT_FALSE(isPlainShellExpression(std::string("a") + c)) << c;
 }
 
-// Texts over a small alphabet, so that many pairs match, with line ends, a surrogate pair and each
-// of its halves.
+// Generates texts from a small alphabet, so that many pairs match. The alphabet has line ends, a
+// surrogate pair and each of its halves.
 class Generator {
  public:
   std::string text(std::size_t most) { return of(kText, most); }
@@ -81,7 +81,7 @@ class Generator {
   std::mt19937 mRandom{20250426};
 };
 
-// One evaluation compares a batch of pairs, to save evaluations.
+// One evaluation compares many pairs, to save evaluations.
 TEST(ShellExpression, AgreesWithTheEnginesRegularExpressions) {
   FakeEnvironment world;
   ScriptEngine engine(world);
@@ -90,7 +90,7 @@ TEST(ShellExpression, AgreesWithTheEnginesRegularExpressions) {
       const [text, expression] = host.split("\0");
       const pattern = expression.replace(/\./g, "\\.").replace(/\*/g, ".*").replace(/\?/g, ".");
       let bits = "";
-      // Each half of a surrogate pair on its own, too.
+      // This also tests each half of a surrogate pair alone.
       for (const [t, e] of [[text, expression], [text.slice(1), expression],
                             [text, expression.slice(1)], [text.slice(0, -1), expression]]) {
         const p = e.replace(/\./g, "\\.").replace(/\*/g, ".*").replace(/\?/g, ".");

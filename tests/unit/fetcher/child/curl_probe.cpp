@@ -28,7 +28,7 @@ int curlTransfers() {
   return transfers;
 }
 
-// Without curl's own header, which makes macros of these names.
+// curl's own header is not included here, because it defines macros with these names.
 extern "C" {
 int curl_easy_setopt(void* handle, int option, ...);
 int curl_easy_perform(void* handle);

@@ -1,5 +1,5 @@
-// A layer between the transfer and libcurl that sees each option. All calls go on to the real
-// library.
+// A layer between the transfer and libcurl. It records each option and passes all calls on to the
+// real library.
 #pragma once
 
 #include <vector>

@@ -126,14 +126,13 @@ TEST_F(Helper, RunsWhatWasPostedBeforeItEnds) {
     stopping.set_value(gettid());
     mHelper->stopDispatching();
   });
-  waitUntilAsleep(
-      stopping.get_future().get());  // until the bus thread ends, which it has been told
+  waitUntilAsleep(stopping.get_future().get());  // until it waits for the end of the bus thread
   go.set_value();
   stopper.join();
   EXPECT_EQ(ran, 3);
 }
 
-// More than a socket's buffers take while nobody reads them: 1 MiB.
+// Sends 1 MiB: more than a socket's buffers can hold if the other end does not read.
 void postMuchOutput(DBus::BusHelper& helper) {
   std::promise<void> posted;
   helper.run([&] {
@@ -151,14 +150,15 @@ void postMuchOutput(DBus::BusHelper& helper) {
   posted.get_future().wait();
 }
 
-/// Whether the bus takes the name from its owner, within ten seconds. Asked by another, for asking
-/// on the owner's connection would send what waits there.
+/// Whether the name loses its owner within ten seconds. Another connection asks, because a question
+/// on the owner's connection would also send the output that waits there.
 bool isReleased(const char* name) {
   DBus::BusDispatcher loop;
   DBus::default_dispatcher = &loop;
   DBus::Connection other(std::getenv("DBUS_SYSTEM_BUS_ADDRESS"), true);
   other.register_bus();
-  // The bus may answer before it has read all that was sent; without the release it never says no.
+  // The bus may answer before it has read everything that the owner has sent, so the question is
+  // repeated. Without the release, the name keeps its owner.
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   bool owned = other.has_name(name);
   while (owned && std::chrono::steady_clock::now() < limit) {
@@ -200,7 +200,7 @@ TEST_F(Helper, DoesNotWaitForABusThatStoppedToSayGoodbye) {
   const auto begin = std::chrono::steady_clock::now();
   mHelper->stopDispatching();
   mHelper.reset();
-  // A call that waits for its answer takes 25.
+  // A call that waits for its answer would take 25 s.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
   mBus.goOn();
 }
@@ -228,7 +228,7 @@ TEST_F(Helper, ANameThatAnotherOwnsIsAnError) {
 }
 
 TEST(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
-  PrivateBus bus;  // outside, so that its folder is removed by this process
+  PrivateBus bus;  // outside of the child, so that this process removes the folder
   EXPECT_EXIT(
       {
         DBus::BusHelper helper;
@@ -241,7 +241,7 @@ TEST(HelperDeathTest, ALostBusEndsTheProcessWithOne) {
 }
 
 TEST(HelperDeathTest, ABusLostWithOutputWaitingEndsTheProcessWithOne) {
-  PrivateBus bus;  // outside, so that its folder is removed by this process
+  PrivateBus bus;  // outside of the child, so that this process removes the folder
   EXPECT_EXIT(
       {
         DBus::BusHelper helper;
@@ -273,7 +273,8 @@ TEST(HelperWithoutBus, ASilentBusIsAnErrorAfterItsLimit) {
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_THROW(DBus::get_helper(), DBus::Error);
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(9));
-  // The thread that was given up lives on: the process ends without taking anything from it.
+  // The abandoned thread still runs. So the process ends without destroying anything that the
+  // thread may use.
   bus.kill();
   std::fflush(nullptr);
   _exit(testing::Test::HasFailure() ? 1 : 0);

@@ -101,7 +101,8 @@ TEST_F(Lease, IsUnreadableAsAFifo) {
   EXPECT_TRUE(logged(LOG_ERR, "netservice: /usr/local/lumad/dhcp.conf not read: Invalid argument"));
 }
 
-// Its folder is root's own, and a link there is how a read-only system keeps it elsewhere.
+// Only root writes to the folder of this file. A read-only system may have a link there to a file
+// in another place.
 TEST_F(Lease, IsReadThroughALink) {
   std::ofstream("/run/real") << "wpad=http://a/\n";
   fs::create_symlink("/run/real", kFile);

@@ -140,7 +140,7 @@ TEST_F(Store, LeavesOutWhatIsNoLease) {
   fs::create_symlink("/etc/passwd", "/run/store/leases/lo");
   std::ofstream("/run/store/leases/.new") << "half of one";
   EXPECT_THAT(kept(store, "lo"), IsEmpty());
-  // And puts a lease in the link's place.
+  // keep() also replaces the link by a lease.
   EXPECT_EQ(store.keep("lo", "text"), 0);
   EXPECT_THAT(kept(store, "lo"), ElementsAre("lo=text"));
 }

@@ -26,21 +26,21 @@
 #include "tests/support/own_root.h"
 #include "tests/support/shortest.h"
 
-// Named plainly, so that the trace shows the names as they stand here.
+// C linkage, so that the trace shows these names unchanged.
 extern "C" {
 
-// GCC ends a path that it sees to be wrong; it must not see this one.
+// If GCC detects a null pointer, it replaces the code by a trap. It must not detect this one.
 int* volatile nowhere = nullptr;
 volatile int deep = 1;
 
-// Nor a sanitizer, which would report it in its own way.
+// The sanitizers are off here, because they would report the error in their own way.
 __attribute__((noinline, no_sanitize("undefined", "address", "thread"))) void touchNowhere() {
   *nowhere = 1;
 }
 
 __attribute__((noinline)) void callTouchNowhere() {
   touchNowhere();
-  deep = 0;  // so that the call above is not the last thing and keeps its frame
+  deep = 0;  // prevents a tail call, so that the call above keeps its frame
 }
 
 __attribute__((noinline)) int recurse(int depth) {
@@ -150,7 +150,7 @@ TEST(CrashHandler, ReportsAThreadThatHasASmallStackAndAllSignalsBlocked) {
   _exit(1);
 }
 
-// A log daemon's socket in a /dev of this test's own.
+// A log daemon's socket in the test's own /dev.
 class LogSocket {
  public:
   LogSocket() : mSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
@@ -186,7 +186,7 @@ TEST(CrashHandler, SaysTheSameLinesToSyslogAtCriticalLevel) {
               testing::ContainsRegex(prefix + "#0 0x.*\\(touchNowhere\\+0x[0-9a-f]+\\)$"));
 }
 
-// As systemd starts a service whose stderr is the journal.
+// The process is started in the way in which systemd starts a service whose stderr is the journal.
 [[noreturn]] void crashUnderTheJournal() {
   struct stat status {};
   fstat(STDERR_FILENO, &status);
@@ -230,9 +230,9 @@ TEST(CrashHandler, FindsALogDaemonThatWasStartedAnewMeanwhile) {
   EXPECT_FALSE(second.lines().empty());
 }
 
-// The queue of such a socket holds a handful of lines and nobody takes any: the report gives the
-// log up after one short wait, goes on to stderr, and the process ends long before the report's own
-// limit.
+// The queue of such a socket holds only a few lines, and no process reads them. After one short
+// wait, the report stops writing to the log and continues on stderr. So the process ends long
+// before the report's own limit.
 [[noreturn]] void crashWithAFullLog() {
   const int filler = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
   const sockaddr_un address{AF_UNIX, "/dev/log"};
@@ -286,7 +286,8 @@ TEST(CrashHandler, IsNotHeldUpByAStderrThatTakesNothing) {
   EXPECT_GE(log.lines().size(), 3u) << "the log hears it all the same";
 }
 
-// Another thread stays in the loader's list of libraries, which the unwinder then waits for.
+// Another thread holds the lock of the loader's list of libraries, so the unwinder waits for this
+// lock.
 [[noreturn]] void crashWithoutTheListOfLibraries() {
   initCrashHandler();
   static std::promise<void> inside;
@@ -309,8 +310,8 @@ TEST(CrashHandler, EndsAReportThatHangsAfterFiveSeconds) {
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(4900));
 }
 
-// The full stderr makes the report wait, so that the other threads crash in the middle of it: they
-// neither report nor end the process before the report is whole.
+// The full stderr makes the report wait, so the other threads crash during the report. They must
+// not write a report, and they must not end the process before the report is complete.
 TEST(CrashHandler, ReportsOneOfManyThreadsThatCrashTogether) {
   enterOwnRoot();
   LogSocket log;

@@ -28,7 +28,7 @@ void write(const std::string& path, const std::string& text) {
   std::ofstream(path) << text;
 }
 
-// A live second process that holds the run file, until it is killed.
+// A second process that holds the run file until it is killed.
 class Holder {
  public:
   explicit Holder(const char* name) {
@@ -143,8 +143,8 @@ TEST(RunFile, NamesThatLeaveTheFolderAreRefused) {
   EXPECT_TRUE(std::filesystem::is_empty("/run"));
 }
 
-// Runs `test` as an ordinary user, in a child, since the leak checker does not bear the change.
-// Skips if the namespace has no other user.
+// Runs `test` as an ordinary user, in a child process, because the leak checker does not work after
+// a change of user. Skips the test if the namespace has no other user.
 template <typename Test>
 void asOrdinaryUser(Test test) {
   constexpr uid_t kNobody = 65534;

@@ -45,7 +45,7 @@ TEST(SelfLimits, KeepACapabilityFromChildrenAndLeaveItToTheProcess) {
   EXPECT_NE(sets[0].effective & 1U << CAP_FOWNER, 0U);
 }
 
-/// KiB of memory that is this process's alone and not a file's.
+/// The anonymous memory of this process in KiB.
 long anonymousKib() {
   std::ifstream status("/proc/self/status");
   for (std::string name; status >> name;) {
@@ -55,13 +55,13 @@ long anonymousKib() {
   return -1;
 }
 
-/// The allocations of two long messages, the second one beside a block that stays.
+/// The allocations of two long messages. During the second one, another block stays allocated.
 void allocateAndFree() {
   constexpr std::size_t kLong = std::size_t{31} << 20U;
   for (int count = 0; count < 2; ++count) {
     void* const block = std::malloc(kLong);
     std::memset(block, 1, kLong);
-    // The allocator must not see that nobody reads it.
+    // The compiler must not see that the block is never read.
     asm volatile("" : : "g"(block) : "memory");
     std::free(block);
   }

@@ -36,7 +36,7 @@ TEST(SlService, IsStartedStoppedAndDeletedThroughItsBase) {
   EXPECT_EQ(calls, "start stop destroyed ");
 }
 
-// The table as the platform's C++ ABI lays it out: two destructors, then stop, then start.
+// The order of the virtual table in the platform's C++ ABI: two destructors, then stop, then start.
 TEST(SlService, HasItsSlotsInTheContractsOrder) {
   std::string calls;
   Recorded service(calls);

@@ -15,7 +15,8 @@
 
 namespace {
 
-// The supervisor's end: an abstract socket, named in the environment as systemd names its own.
+// The supervisor's end: an abstract socket. Its name is in the environment, as with systemd's own
+// socket.
 class Supervisor {
  public:
   Supervisor() : mSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {

@@ -125,7 +125,7 @@ TEST(TraceFile, ReadAgainWithoutARecordSetsTheMaskAlone) {
 
 TEST(TraceFile, BadLinesAreNamedAtStartUpOnceAndNeverWhenReadAgain) {
   enterOwnRoot();
-  // The severity of this file would mask the very lines that name its mistakes.
+  // The severity in this file would mask the log lines that report its mistakes.
   write("baseseverity=2\nbaseseverity=8\n");
   TraceValues record;
   EXPECT_EQ(settrcvalues("proxymanagerd", &record), 0);

@@ -25,7 +25,7 @@ TEST(HeapCopy, KeepsAnEmptyTextEmptyAndANullNull) {
   EXPECT_TRUE(logLines().empty());
 }
 
-// The leak check of the sanitizer runs finds memory that is not freed here.
+// In runs with a sanitizer, the leak check reports memory that is not freed here.
 TEST(ProxyConfigOwner, FreesItsStringsWithoutALine) {
   {
     ProxyConfigOwner owner;

@@ -129,7 +129,7 @@ TEST(CloneProxyConfig, LeavesTheDestinationWhereTheSourceStringIsNull) {
   cleanupProxyConfig(&copy);
 }
 
-// The crash is the contract's: the test shows what the log says before it.
+// The contract requires the crash. The test shows the log lines before it.
 extern "C" void sayWhatWasLogged(int) {
   for (const auto& line : logLines()) std::cerr << line << std::endl;
   _exit(70);
@@ -197,7 +197,7 @@ TEST(CleanupProxyUrlInfo, FreesNothingOfARecordWithoutSlots) {
   ProxyUrlInfo info;
   initProxyUrlInfo(&info, 7, 0);
   char* notHeap[1] = {nullptr};
-  info.urls = notHeap;  // an array without a count is not the record's to free
+  info.urls = notHeap;  // the record must not free an array without a count
   cleanupProxyUrlInfo(&info);
   EXPECT_EQ(info.urls, notHeap);
   EXPECT_EQ(info.kind, 0);

@@ -1,4 +1,4 @@
-// The remains of a record's texts in freed memory.
+// Checks what remains of a record's texts in freed memory.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -21,7 +21,8 @@ constexpr std::size_t kLength = 200;
 // The allocator writes its links into the first bytes of a freed block.
 constexpr std::size_t kLinks = 16;
 
-// By the kernel: no sanitizer takes this for a use of freed memory, which it is.
+// The kernel reads the bytes. This is a use of freed memory, and a sanitizer would report it
+// otherwise.
 std::string bytesAt(const char* address, std::size_t length) {
   const base::UniqueFd memory(open("/proc/self/mem", O_RDONLY | O_CLOEXEC));
   std::string bytes(length, '?');

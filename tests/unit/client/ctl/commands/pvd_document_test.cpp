@@ -1,4 +1,5 @@
-// What of a document holds: each test is one thing that a client has to do, or not to do.
+// Which parts of a document are used. Each test checks one thing that a client must do or must not
+// do.
 #include <string>
 
 #include "tests/unit/client/ctl/commands/pvd_test.h"
@@ -22,13 +23,13 @@ std::string proxies(const std::string& entry) {
   return R"("proxies": [)" + entry + "]";
 }
 
-/// Why the one proxy of a document is ignored.
+/// The reason why the only proxy of a document is ignored.
 std::string proxyIgnored(const std::string& entry) {
   const auto document = documentOf(proxies(entry));
   return document.proxies.size() == 1 ? document.proxies[0].whyIgnored : "no proxy";
 }
 
-/// Why the one rule of a document is ignored.
+/// The reason why the only rule of a document is ignored.
 std::string ruleIgnored(const std::string& rule) {
   const auto document = documentOf(R"("proxy-match": [)" + rule + "]");
   return document.rules.size() == 1 ? document.rules[0].whyIgnored : "no rule";

@@ -1,4 +1,5 @@
-// What a script says of a document. That it does it is tried in tests/integration/test_ctl_pvd.py.
+// The text of a script that is made from a document. tests/integration/test_ctl_pvd.py runs such
+// scripts.
 #include <string>
 
 #include "tests/unit/client/ctl/commands/pvd_test.h"

@@ -14,7 +14,7 @@ namespace pvd_test {
 inline constexpr std::int64_t kNow = 1'790'000'000;  // September 2026
 inline const std::string kHost = "proxy.example.org";
 
-/// A document whose further members are these.
+/// The text of a document with these additional members.
 inline std::string with(const std::string& members) {
   return R"({"identifier": "proxy.example.org.", "expires": "2027-01-01T00:00:00Z", "prefixes": [])" +
          (members.empty() ? "" : ", " + members) + "}";
@@ -24,7 +24,8 @@ inline client::pvd::Reading read(const std::string& text) {
   return client::pvd::read(text, kHost, kNow);
 }
 
-/// The document; an empty one, and a failure, if it is refused.
+/// The document with these additional members. If it is refused, the test fails and the result is
+/// an empty document.
 inline client::pvd::Document documentOf(const std::string& members) {
   const auto reading = read(with(members));
   EXPECT_TRUE(reading.document.has_value()) << reading.error;
@@ -41,7 +42,7 @@ inline client::pvd::Script scriptOf(const std::string& members) {
   return client::pvd::scriptOf(documentOf(members), "DIRECT");
 }
 
-/// A list of so many times this.
+/// A list that has `value` `count` times.
 inline std::string times(std::size_t count, const std::string& value) {
   std::string list = "[";
   for (std::size_t i = 0; i < count; ++i) list += (i == 0 ? "" : ", ") + value;

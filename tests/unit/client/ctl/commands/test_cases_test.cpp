@@ -50,7 +50,7 @@ TEST(TestCases, SeeNothingOfTheNetwork) {
   const auto cases = parsed("http://a/ -> DIRECT\nhttp://a/ --resolve a=1.2.3.4 -> DIRECT");
   EXPECT_TRUE(cases[0].environment.offline);
   EXPECT_EQ(cases[0].environment.ownAddresses, "127.0.0.1");
-  EXPECT_FALSE(cases[1].environment.offline);  // it has names of its own, and no others
+  EXPECT_FALSE(cases[1].environment.offline);  // it has its own names and no other names
   EXPECT_EQ(cases[1].environment.ownAddresses, "127.0.0.1");
 }
 
@@ -70,7 +70,7 @@ TEST(TestCases, AreRefinedByTheLineOfOptionsAboveThem) {
   EXPECT_EQ(cases[1].environment.names, (std::vector<std::string>{"a=1.1.1.1", "b=3.3.3.3"}));
   EXPECT_EQ(cases[2].environment.zone, "Asia/Tokyo");
   EXPECT_EQ(cases[2].environment.names, (std::vector<std::string>{"a=1.1.1.1", "b=4.4.4.4"}));
-  // A further line of options replaces the one before it.
+  // A further line of options replaces the previous one.
   EXPECT_EQ(cases[3].environment.zone, "UTC");
   EXPECT_EQ(cases[3].host, std::nullopt);
 }

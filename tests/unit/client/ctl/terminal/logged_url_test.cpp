@@ -57,7 +57,7 @@ TEST(LoggedUrl, OfTheRelaysPageIsADestination) {
   EXPECT_EQ(urlsOfLog(R"( {"decisions": [{"destination": "a.test:443"}, 7, {"destination": 8},
                           {"destination": "b.test:81"}]})"),
             expected);
-  // What only looks like the page is a list.
+  // A text that only looks like the page is read as a list.
   EXPECT_EQ(urlsOfLog("{\"decisions\":7}\nhttp://a/\n"),
             (std::vector<std::string>{"{\"decisions\":7}", "http://a/"}));
 }
