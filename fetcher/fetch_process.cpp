@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <system_error>
 
 namespace fetcher {
@@ -99,14 +100,14 @@ bool FetchProcess::waitReadable(Deadline deadline) {
 /// Receives one packet. The kernel drops descriptors that come with it, because the call does not
 /// ask for them.
 std::optional<std::string> FetchProcess::receive(Deadline deadline) {
-  std::string packet(kPacketBufferBytes, '\0');
+  const auto packet = std::make_unique_for_overwrite<char[]>(kPacketBufferBytes);
   ssize_t length = 0;
   do {
     if (!waitReadable(deadline)) {
       mFailure = Failure::tooLate;
       return std::nullopt;
     }
-    length = recv(mSocket.get(), packet.data(), packet.size(), MSG_DONTWAIT);
+    length = recv(mSocket.get(), packet.get(), kPacketBufferBytes, MSG_DONTWAIT);
     // If the child ends before it has read the request, the connection is reset. The kernel reports
     // the reset once, before it returns the packets that the child has sent.
   } while (length < 0 && (errno == EINTR || errno == EAGAIN || errno == ECONNRESET));
@@ -115,8 +116,7 @@ std::optional<std::string> FetchProcess::receive(Deadline deadline) {
     mFailure = Failure::ended;
     return std::nullopt;
   }
-  packet.resize(static_cast<std::size_t>(length));
-  return packet;
+  return std::string(packet.get(), static_cast<std::size_t>(length));
 }
 
 std::optional<FetchReady> FetchProcess::receiveReady(Deadline deadline) {
