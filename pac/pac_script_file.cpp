@@ -154,8 +154,6 @@ void PacParser::compareDigest(const ReadBuffer& content) {
 bool PacParser::doMd5Hash(unsigned char* digest, const void* data, std::size_t length) {
   logLine(LOG_INFO, "PacParser-doMd5Hash called ");
   if (digest == nullptr || data == nullptr || length == 0) return false;
-  // The first call fails if libcrypto is missing. The others must not follow then: they would work
-  // on a context that is not initialised if the library has come back meanwhile.
   MD5_CTX context;
   return MD5_Init(&context) == 1 && MD5_Update(&context, data, length) == 1 &&
          MD5_Final(digest, &context) == 1;
