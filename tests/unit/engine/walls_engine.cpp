@@ -5,6 +5,7 @@
 // host of a question chooses the action during the question. If the action does not end the
 // process, the answer is "survived".
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
@@ -34,6 +35,15 @@ constexpr std::size_t kTooMuchMemory = std::size_t{512} << 20U;
 
 void call(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 0, long f = 0) {
   syscall(number, a, b, c, d, e, f);
+}
+
+/// Newer architectures, such as arm64, only have clone for it.
+void callVfork() {
+#ifdef SYS_vfork
+  call(SYS_vfork);
+#else
+  call(SYS_clone, CLONE_VM | CLONE_VFORK | SIGCHLD);
+#endif
 }
 
 long pointer(const void* address) {
@@ -71,7 +81,7 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
       {"open", [] { call(SYS_openat, AT_FDCWD, pointer("/etc/passwd"), O_RDONLY); }},
       {"socket", [] { call(SYS_socket, AF_INET, SOCK_STREAM); }},
       {"fork", [] { call(SYS_clone, SIGCHLD); }},
-      {"vfork", [] { call(SYS_vfork); }},
+      {"vfork", [] { callVfork(); }},
       {"exec",
        [] {
          const char* const none[] = {nullptr};

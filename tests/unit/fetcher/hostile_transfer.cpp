@@ -47,6 +47,15 @@ void call(long number, long a = 0, long b = 0, long c = 0) {
   syscall(number, a, b, c);
 }
 
+/// Newer architectures, such as arm64, only have clone for it.
+void callVfork() {
+#ifdef SYS_vfork
+  call(SYS_vfork);
+#else
+  call(SYS_clone, CLONE_VM | CLONE_VFORK | SIGCHLD);
+#endif
+}
+
 long pointer(const void* address) {
   return reinterpret_cast<long>(address);
 }
@@ -109,7 +118,7 @@ const std::map<std::string, std::function<void(int file)>>& steps() {
       {"longer_file", [](int file) { call(SYS_ftruncate, file, 1 << 30); }},
       // System calls that are on no list.
       {"fork", [](int) { call(SYS_clone, SIGCHLD); }},
-      {"vfork", [](int) { call(SYS_vfork); }},
+      {"vfork", [](int) { callVfork(); }},
       {"exec",
        [](int) {
          const char* const none[] = {nullptr};
