@@ -1,4 +1,4 @@
-"""The order in which a cost grows, fitted to points by least squares."""
+"""Calculates the complexity of a cost from measured points, by least squares."""
 
 import math
 
@@ -12,8 +12,11 @@ ORDERS = (
 
 
 def fitted(points):
-    """Of (n, cost) points: (name of the order, coefficient, error relative to the mean), for
-    cost = base + coefficient * order(n). Of orders that fit alike, to a hundredth, the lowest."""
+    """Returns (name of the order, coefficient, error relative to the mean) for a list of points (n, cost).
+
+    The formula is cost = base + coefficient * order(n). If several orders fit equally well (to one
+    hundredth), the result is the lowest of them.
+    """
     mean = sum(cost for _, cost in points) / len(points)
     found = []
     for name, order in ORDERS:

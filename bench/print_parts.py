@@ -1,5 +1,4 @@
-"""Prints what Google Benchmark wrote as JSON: the medians of each benchmark, the orders fitted to them,
-and the goals.
+"""Prints the JSON results of Google Benchmark: the median of each benchmark, its complexity, and the goals.
 
 usage: print_parts.py parts.json pac_engine.json
 """
@@ -7,9 +6,9 @@ usage: print_parts.py parts.json pac_engine.json
 import json
 import sys
 
-# What a cached answer and the parsing of six entries may take, in ns.
+# Goals for a cached answer and for the parsing of six entries, in ns.
 AT_MOST = {"cachedGetProxy/50": 1000, "parseResult/6": 1000}
-SANDBOX = 15_000  # ns that the sandbox may add to an evaluation, both ends on one processor
+SANDBOX = 15_000  # goal for the time that the sandbox adds to an evaluation, in ns, on one CPU
 UNITS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
@@ -21,7 +20,7 @@ def shown(nanoseconds):
 
 
 def read(path):
-    """{name: median in ns} and {name: (order, coefficient, error)}; without repetitions the one run."""
+    """Returns {name: median in ns} and {name: (order, coefficient, error)}. The median of a single run is that run."""
     with open(path) as file:
         rows = json.load(file)["benchmarks"]
     times, orders, errors = {}, {}, {}
@@ -63,7 +62,7 @@ def main(paths):
         if name.startswith("inProcess/"):
             script = name.removeprefix("inProcess/")
             added = times[f"throughLibraryOneCpu/{script}"] - time
-            # Of a long evaluation the two runs differ by more than what is added.
+            # Two runs of a long evaluation differ by more than the added time, so there is no goal.
             judged = "" if time > 10 * SANDBOX else f" {shown(SANDBOX):>9} {verdict(added, SANDBOX)}"
             print(f"{'the sandbox adds, ' + script:<40} {shown(added):>9}{judged}")
 

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""What the workbench costs: `proxymanagerctl pac explain` and `pac eval` of scripts by size.
+"""The cost of the workbench: `proxymanagerctl pac explain` and `pac eval` for scripts of several sizes.
 
 usage: workbench.py --build=BUILD [--rounds=N] [--json=FILE]
 
-Prints the shortest time and the shortest processor time of each, the processes that it starts included.
-A script has rules of two kinds, and the URL gets past all of them.
+Prints the shortest time and the shortest CPU time of each command, including the processes that it starts.
+A script has rules of two kinds, and none of them matches the URL.
 """
 
 import argparse
@@ -34,7 +34,7 @@ def processor_time():
 
 
 def run(command):
-    """Wall-clock and processor time of one run, in milliseconds."""
+    """Returns the wall-clock time and the CPU time of one run, in milliseconds."""
     begun, used = time.monotonic(), processor_time()
     subprocess.run(command, stdout=subprocess.DEVNULL, check=True)
     return (time.monotonic() - begun) * 1000, (processor_time() - used) * 1000

@@ -1,9 +1,10 @@
-"""The relay beside tinyproxy, Squid, haproxy and socat, in one run on one machine.
+"""Compares the relay with tinyproxy, Squid, haproxy and socat, in one run on one machine.
 
-All are asked in turn, round after round, so that each has the same share of what else the machine does.
-A row compares medians. Squid, haproxy and socat are unpacked and not installed, tinyproxy is Debian's.
+The proxies are measured in turn, in several rounds, so that other work of the machine disturbs all of them
+equally. A row compares medians. Squid, haproxy and socat are unpacked and not installed. tinyproxy is the
+installed Debian package.
 
-Called by bench.sh --relay, as root: it needs namespaces of its own.
+bench.sh --relay calls this program, as root: it needs its own namespaces.
 """
 
 import argparse
@@ -27,15 +28,15 @@ from support.relay import Relay  # noqa: E402
 from support.syslog_socket import Syslog  # noqa: E402
 
 LIMIT = 600
-# An address of this machine that is not loopback's: the relay asks nobody about loopback.
+# An address of this machine that is not loopback: the relay does not ask the daemon about loopback.
 TARGET_ADDRESS = "192.0.2.1"
 TARGET = f"{TARGET_ADDRESS}:9000"
 RELAY, TINYPROXY, UPSTREAM, CHAINED, SQUID, HAPROXY, SOCAT, TLS, MICROSOCKS = (
     f"127.0.0.1:{port}" for port in (3128, 8888, 8889, 8890, 3129, 9001, 9002, 8443, 1080))
 CLIENTS = 16
-IDLE = 900  # below the 1,024 of one user, with the tunnels that are there before
+IDLE = 900  # together with the earlier tunnels, below the limit of 1,024 for one user
 MOST_IDLE = 9000
-# Connections of the relay's configuration for the most idle tunnels; a little more than those.
+# The relay's connection limits for MOST_IDLE tunnels: a little more than that number.
 RAISED = "max-connections = 9500\nmax-connections-of-user = 9500\n"
 _TINYPROXY = """
 Listen 127.0.0.1
@@ -83,7 +84,7 @@ def listens(endpoint):
 
 
 class World:
-    """All proxies, each started when it is first needed and ended with this."""
+    """All proxies. Each is started when it is first needed, and ends with this object."""
 
     def __init__(self, build, programs, ends):
         self.build, self.programs, self._ends = build, programs, ends
@@ -145,7 +146,7 @@ class World:
             relay.stop()
 
     def way(self, proxyurl):
-        """Through the proxy at the URL; directly without one."""
+        """Configures the daemon: connections go through the proxy at the URL, or directly if there is none."""
         self.client.update("manual" if proxyurl else "off", proxyurl)
 
     def load(self, what, proxy, clients, seconds):
@@ -167,7 +168,7 @@ class World:
 
 
 def in_turn(world, what, ways, clients, seconds, rounds):
-    """{name: median} of {name: (address of the proxy, manual proxy of the daemon)}."""
+    """Returns {name: median} for {name: (address of the proxy, manual proxy of the daemon)}."""
     figures = {name: [] for name in ways}
     for turn in range(rounds + 1):
         for name, (proxy, proxyurl) in ways.items():
@@ -181,7 +182,7 @@ def in_turn(world, what, ways, clients, seconds, rounds):
 
 
 def wait_for_way(world):
-    """The daemon's signal may be on its way: a request that is answered after it follows it."""
+    """Makes requests until the relay has received the daemon's signal about the new configuration."""
     for _ in range(20):
         world.load("latency", RELAY, 1, 0.02)
 
@@ -192,15 +193,15 @@ def private_kib(pid):
 
 
 def connections_to(endpoint):
-    """How many there are, each seen from the end that connected."""
+    """Returns the number of connections to the endpoint, counted at the end that connected."""
     port = f":{int(endpoint.split(':')[1]):04X}"
     with open("/proc/thread-self/net/tcp") as table:
         return sum(line.split()[2].endswith(port) and line.split()[3] == "01" for line in table)
 
 
 def memory(world, relay, proxyurl, count=IDLE):
-    """KiB of private memory of one idle tunnel. The first tunnels are there before: they bring what is
-    needed once."""
+    """Returns the private memory of one idle tunnel in KiB. Some tunnels exist before the measurement,
+    because the first ones also need memory that the relay allocates only once."""
     world.way(proxyurl)
     wait_for_way(world)
     with world.idle(count // 10):
@@ -213,7 +214,7 @@ def memory(world, relay, proxyurl, count=IDLE):
 
 
 def compared(world, rounds, seconds):
-    """Rows: what, figures by name, the goal as (a, of b, at least), unit."""
+    """Yields rows: description, figures by name, goals as (other proxy, least ratio), unit."""
     with world.relay():
         yield ("direct tunnels", in_turn(world, "tunnels", {
             "relay": (RELAY, ""), "tinyproxy": (TINYPROXY, "")}, CLIENTS, seconds, rounds),
@@ -236,8 +237,8 @@ def processor_seconds(pid):
 
 
 def costs(world, rounds, seconds):
-    """Rows: what, and the microseconds of the processor that a tunnel costs each proxy. On a machine that
-    other work uses, too, these say more than rates."""
+    """Yields rows: description, and the CPU time in microseconds that each proxy needs for a tunnel. On a
+    machine with other work, this is more reliable than rates."""
     with world.relay() as relay:
         for what, proxyurl, name, other in (
                 ("direct", "", "tinyproxy", TINYPROXY),
@@ -262,7 +263,7 @@ def memories(world):
                                  ("over a SOCKS proxy", f"socks5h://{MICROSOCKS}", 16),
                                  ("over an HTTPS proxy", f"https://{TLS}", 64)):
         with world.relay() as relay:
-            # tinyproxy behind the others takes 1,000 clients at most.
+            # If the relay uses tinyproxy as its proxy: tinyproxy accepts 1,000 clients at most.
             yield what, memory(world, relay, proxyurl, IDLE if not proxyurl else IDLE // 2), goal
 
 
@@ -288,7 +289,7 @@ def measured(build, programs_folder, rounds, seconds):
 
 
 def rows_of(world, rounds, seconds):
-    """[(what, figures, whether the goal is reached, unit)], printed as they come."""
+    """Returns the rows, and prints each row when it has been measured."""
     rows = []
 
     def add(what, figures, goal, is_reached, unit):

@@ -1,14 +1,14 @@
-"""Answers of the daemon beside those of other programs that a Debian user has, in one run.
+"""Compares answers of the daemon with those of other programs in Debian, in one run.
 
-All evaluate the same script of 60 rules for a host that they have not seen before, so that none
-answers from a cache; the daemon's cached answer has a row of its own.
+All programs evaluate the same script of 60 rules for a host that they have not seen before, so that no
+program answers from a cache. The daemon's cached answer has a separate row.
 
-- glib-pacrunner, over the same private bus: asked in turn with the daemon, as bus_load does it.
-- `proxy` of libproxy, which reads URLs from its standard input: the time for many URLs less the time
-  for one, so that its start does not count.
+- glib-pacrunner, over the same private bus: bus_load asks it and the daemon in turn.
+- `proxy` of libproxy, which reads URLs from its standard input: the time for one URL is subtracted from
+  the time for many, so that its start does not count.
 - pacparser, in the process of its caller, through its module for Python.
 
-They are unpacked, not installed. Called by bench.sh --peers, as root.
+The programs are unpacked, not installed. bench.sh --peers calls this program, as root.
 """
 
 import argparse
@@ -86,8 +86,8 @@ def of_the_bus(build, folder, pac_url, url, rounds):
 def of_proxy(folder, pac_url, calls):
     """Microseconds of an answer of `proxy`.
 
-    With Debian's WebKit module it crashes in some runs, or answers without the script: such a run
-    is repeated, and their number is printed.
+    With Debian's WebKit module, it crashes in some runs, or answers without the script. Such a run
+    is repeated, and the number of such runs is printed.
     """
     environment = {**surroundings(folder), "http_proxy": f"pac+{pac_url}"}
     failed = 0

@@ -1,9 +1,9 @@
-"""What an answer costs programs that ask: proxymanagerctl beside dbus-send, and the client library.
+"""The cost of an answer for programs: proxymanagerctl compared with dbus-send, and the client library.
 
-The programs are started in turn, so that what else the machine does meets them alike. A ratio is of
-the medians of one run.
+The programs are started in turn, so that other work of the machine disturbs them equally. A ratio is
+a ratio of medians of one run.
 
-Called by bench.sh, as root: it needs a mount namespace of its own for the daemon's fixed paths.
+bench.sh calls this program, as root: it needs its own mount namespace for the daemon's fixed paths.
 """
 
 import argparse

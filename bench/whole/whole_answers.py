@@ -1,11 +1,12 @@
-"""Whole answers of the daemon on a private message bus, beside an echo service's, in one run.
+"""Compares whole answers of the daemon with those of an echo service, on a private message bus, in one run.
 
-What is measured is what a program waits for: its call to the bus, the bus's to the daemon, and back.
-The echo (echo_service.c) gives the same answer to the same call, so that the ratio is the daemon's
-own doing. A reader takes the lines of the log throughout (log_reader.c). The rest are single
-figures: how long a start and a new script take, what memory is private, what wakes an idle daemon.
+The measured time is the time that a program waits: the call goes to the bus and to the daemon, and the
+answer comes back. The echo service (echo_service.c) gives the same answer to the same call, so the ratio
+depends only on the daemon. During the whole run, log_reader.c reads the lines of the log. In addition,
+there are single figures: the time of a start and of a new script, the private memory, and the wake-ups of
+an idle daemon.
 
-Called by bench.sh, as root: it needs a mount namespace of its own for the daemon's fixed paths.
+bench.sh calls this program, as root: it needs its own mount namespace for the daemon's fixed paths.
 """
 
 import argparse
@@ -32,7 +33,7 @@ sys.path.insert(0, os.path.join(TREE, "tests/stress"))
 import measure  # noqa: E402
 from growth import fitted  # noqa: E402
 
-ECHO = "com.zentu.ProxyManagerEcho"  # as long as the daemon's name: the calls are of one size
+ECHO = "com.zentu.ProxyManagerEcho"  # as long as the daemon's name, so that the calls have the same size
 LIMIT = 60.0
 PROXY = "http://proxy.example.org:8080"
 URL = "http://www.example.org/index.html"
@@ -49,10 +50,11 @@ CASES = (
 STARTS = 15
 NEW_SCRIPTS = 9
 IDLE = 60  # seconds
-# The contract's own: main sleeps in steps of 20 s; pm-pac waits 120 s and pm-fetch and pm-watch
-# 1800 s, of which one may end by chance. The bus and the worker are not woken.
+# The wake-ups that are intended: the main thread sleeps in steps of 20 s, pm-pac waits 120 s, and
+# pm-fetch and pm-watch wait 1800 s. One of these waits may end by chance. The bus thread and the worker
+# are not woken.
 WAKE_UPS = 5
-CALLS_OF_PEERS = 40  # of a block: a peer takes milliseconds
+CALLS_OF_PEERS = 40  # calls in a block: an answer of a peer takes milliseconds
 CLIENT_COUNTS = (1, 2, 4, 8, 16, 32, 64)
 
 
@@ -98,7 +100,7 @@ def script(build, kind, count):
 
 
 def configure(client, mode, web, text):
-    """Until the script answers, if there is to be one."""
+    """Configures the daemon. If there is a script, waits until it answers."""
     web.routes["/proxy.pac"] = text
     client.update(mode=mode, proxyurl=PROXY if mode == "manual" else "",
                   pacurl=web.url("/proxy.pac") if mode == "pacurl" else "")
@@ -106,7 +108,7 @@ def configure(client, mode, web, text):
 
 
 def load(programs, rounds, calls, clients, url):
-    """What bus_load prints."""
+    """Runs bus_load, and returns the object that it prints."""
     done = subprocess.run([f"{programs}/bus_load", ECHO, NAME, str(rounds), str(calls),
                            str(clients), url], check=True, capture_output=True, text=True,
                           env={**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS})
@@ -115,7 +117,7 @@ def load(programs, rounds, calls, clients, url):
 
 @contextlib.contextmanager
 def beside_the_echo(build, mode, severity, web):
-    """A daemon that is configured, and an echo that answers as it does."""
+    """Runs a configured daemon, and an echo service with the same answer."""
     with running_daemon(build, severity), Client() as client:
         configure(client, mode, web, script(build, "rules", 60))
         with program(f"{build}/out/bench/echo_service", ECHO, *client.urls(URL)):
@@ -142,7 +144,7 @@ def grow_with_clients(build, web, rounds, calls):
 
 
 def start_time(build):
-    """From the start of the process until the bus knows its name, in ms."""
+    """Returns the time from the start of the process until it owns its bus name, in ms."""
     trace(5)
     taken = []
     for _ in range(STARTS):
@@ -156,7 +158,7 @@ def start_time(build):
 
 
 def new_script_time(build, web):
-    """From the call of updateProxyconfig until a script of 500 KB gives its first answer, in ms."""
+    """Returns the time from the call of updateProxyconfig to the first answer of a script of 500 KB, in ms."""
     taken = []
     with running_daemon(build, 5), Client() as client:
         configure(client, "pacurl", web, script(build, "rules", 60))
@@ -172,7 +174,7 @@ def new_script_time(build, web):
 
 
 def private(*pids):
-    """KiB that these processes have for themselves alone."""
+    """Returns the memory that these processes do not share with others, in KiB."""
     total = 0
     for pid in pids:
         with open(f"/proc/{pid}/smaps_rollup") as rollup:
@@ -181,7 +183,7 @@ def private(*pids):
 
 
 def memory(build, web, bus):
-    """MB in mode off, and with the worker and 60 rules: private, and if only the bus ran."""
+    """Returns (private memory, memory not shared with the bus) in MB: in mode off, and with a worker and 60 rules."""
     with running_daemon(build, 5) as daemon, Client() as client:
         client.update(mode="off")
         for _ in range(100):
@@ -194,16 +196,16 @@ def memory(build, web, bus):
 
 
 def sleeps(pid):
-    """How often the threads of the process went to sleep until now, by thread."""
+    """Returns how often each thread of the process has gone to sleep until now."""
     return {thread: (status["Name"], int(status["voluntary_ctxt_switches"]))
             for thread, status in thread_statuses(pid).items()}
 
 
 def wake_ups(build, web):
-    """{thread: wake-ups} of daemon and worker in IDLE seconds with a configuration."""
+    """Returns {thread: wake-ups} of the configured daemon and its worker in IDLE seconds."""
     with running_daemon(build, 5) as daemon, Client() as client:
         configure(client, "pacurl", web, script(build, "rules", 60))
-        time.sleep(3)  # the announcing thread sees the flag after its pause
+        time.sleep(3)  # the announcing thread ends after its pause
         pids = (daemon.pid, *daemon.children())
         before = {task: count for pid in pids for task, count in sleeps(pid).items()}
         time.sleep(IDLE)
@@ -213,7 +215,7 @@ def wake_ups(build, web):
 
 
 def single_figures(build, web, bus):
-    """(what, figure, unit, goal at most) each."""
+    """Returns a list of single figures, each with its description, its unit and its highest goal."""
     off, together = memory(build, web, bus)
     woken = wake_ups(build, web)
     print("\nWake-ups in", IDLE, "idle seconds, by thread:",

@@ -9,9 +9,9 @@ import random
 import zoneinfo
 from dataclasses import dataclass
 
-# Three zones: Middle Europe; a zone with an offset of three quarters of an hour, on another date than GMT
-# for half of each day, with summer in December; the west of America, on another date for a third of each
-# day.
+# Three zones. Berlin: Middle Europe. Chatham: the offset is not whole hours (it has three quarters of an
+# hour), summer is in December, and for half of each day the date is not that of GMT. Los Angeles: for a
+# third of each day the date is not that of GMT.
 ZONES = ("Europe/Berlin", "Pacific/Chatham", "America/Los_Angeles")
 UTC = datetime.timezone.utc
 

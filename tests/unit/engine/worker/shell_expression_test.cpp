@@ -90,7 +90,7 @@ TEST(ShellExpression, AgreesWithTheEnginesRegularExpressions) {
       const [text, expression] = host.split("\0");
       const pattern = expression.replace(/\./g, "\\.").replace(/\*/g, ".*").replace(/\?/g, ".");
       let bits = "";
-      // This also tests each half of a surrogate pair alone.
+      // Each half of a surrogate pair on its own, too.
       for (const [t, e] of [[text, expression], [text.slice(1), expression],
                             [text, expression.slice(1)], [text.slice(0, -1), expression]]) {
         const p = e.replace(/\./g, "\\.").replace(/\*/g, ".*").replace(/\?/g, ".");
