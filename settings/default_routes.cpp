@@ -1,112 +1,183 @@
 #include "settings/default_routes.h"
 
-#include <fcntl.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
-#include <net/route.h>
+#include <net/if.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <optional>
-#include <string>
-#include <vector>
-
-#include "base/small_file.h"
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
 
 namespace settings {
 
 namespace {
 
-/// The routing table of a large device has about 200 KiB. For IPv6, the table also lists each
-/// address.
-constexpr std::size_t kMaxTableBytes = 4U << 20U;
+/// The kernel's messages have up to 8 KiB if the reader asks for no more.
+constexpr std::size_t kMessageBytes = 16U << 10U;
+/// The kernel answers at once; the limit is for a kernel that does not.
+constexpr timeval kRoutesLimit{1, 0};
+/// A list that changed while the kernel wrote it is requested again, so many times in all. After
+/// that, the change itself causes the next reading.
+constexpr int kMaxLists = 3;
 
-std::vector<std::string_view> words(std::string_view line) {
-  std::vector<std::string_view> result;
-  std::size_t at = 0;
-  while ((at = line.find_first_not_of(" \t", at)) != std::string_view::npos) {
-    const std::size_t end = std::min(line.find_first_of(" \t", at), line.size());
-    result.push_back(line.substr(at, end - at));
-    at = end;
+enum class List { kWhole, kChanged, kFailed };
+
+/// A structure at the begin of `bytes`. If they are too short, the rest is 0.
+template <typename Structure>
+Structure headOf(std::string_view bytes) {
+  Structure head{};
+  std::memcpy(&head, bytes.data(), std::min(sizeof head, bytes.size()));
+  return head;
+}
+
+/// Takes the first entry off a list in which each entry begins with its length, and is padded to
+/// four bytes. Empty at the end, and if the length cannot be true.
+std::string_view takeEntry(std::string_view& list, std::size_t length, std::size_t leastLength) {
+  if (length < leastLength || length > list.size()) return {};
+  const auto entry = list.substr(0, length);
+  list.remove_prefix(std::min(NLMSG_ALIGN(length), list.size()));
+  return entry;
+}
+
+template <typename EachAttribute>
+void forAttributes(std::string_view list, EachAttribute eachAttribute) {
+  while (true) {
+    const auto head = headOf<rtattr>(list);
+    const auto entry = takeEntry(list, head.rta_len, sizeof head);
+    if (entry.empty()) return;
+    eachAttribute(head.rta_type, entry.substr(sizeof head));
   }
-  return result;
 }
 
-std::optional<std::uint32_t> number(std::string_view text, int base) {
-  std::uint32_t value = 0;
-  const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (error != std::errc() || rest != text.data() + text.size()) return std::nullopt;
-  return value;
-}
+/// One way of a route.
+struct Hop {
+  int interface = 0;
+  unsigned flags = 0;
+  std::string_view gateway;  ///< its address as bytes
 
-template <typename EachLine>
-void forLines(std::string_view text, EachLine eachLine) {
-  while (!text.empty()) {
-    const auto end = std::min(text.find('\n'), text.size());
-    eachLine(words(text.substr(0, end)));
-    text.remove_prefix(std::min(end + 1, text.size()));
+  void take(unsigned attribute, std::string_view value) {
+    if (attribute == RTA_OIF) interface = headOf<int>(value);
+    if (attribute == RTA_GATEWAY || attribute == RTA_VIA) gateway = value;
   }
-}
+};
 
-void add(DefaultRoutes& routes, std::string_view interface, std::uint32_t metric,
-         std::string_view gateway) {
-  const auto [route, isNew] = routes.emplace(interface, DefaultRoute{metric, {}});
+// The kernel marks a next hop as dead if its link is down. A link without a carrier is marked so
+// only if the kernel is configured to avoid it.
+void add(DefaultRoutes& routes, const Hop& hop, std::uint32_t metric) {
+  std::array<char, IF_NAMESIZE> name{};
+  if ((hop.flags & RTNH_F_DEAD) != 0) return;
+  if (if_indextoname(static_cast<unsigned>(hop.interface), name.data()) == nullptr)
+    return;  // it has just gone
+  const auto [route, isNew] = routes.emplace(name.data(), DefaultRoute{metric, {}});
   route->second.metric = std::min(route->second.metric, metric);
-  route->second.gateways.append(gateway).append(" ");
+  route->second.gateways.append(hop.gateway).append(" ");
 }
 
-std::string tableText(const char* path) {
-  // The files in /proc belong to root, and report a size of 0.
-  return base::readFile(path, {.mostBytes = kMaxTableBytes, .owner = base::FileOwner::anybody})
-      .text;
+/// @param list value of RTA_MULTIPATH: next hops, each with attributes of its own
+void addHops(DefaultRoutes& routes, std::string_view list, std::uint32_t metric) {
+  while (true) {
+    const auto head = headOf<rtnexthop>(list);
+    const auto entry = takeEntry(list, head.rtnh_len, sizeof head);
+    if (entry.empty()) return;
+    Hop hop{head.rtnh_ifindex, head.rtnh_flags, {}};
+    forAttributes(entry.substr(sizeof head),
+                  [&](unsigned attribute, std::string_view value) { hop.take(attribute, value); });
+    add(routes, hop, metric);
+  }
 }
 
-}  // namespace
-
-// The columns: Iface Destination Gateway Flags RefCnt Use Metric Mask MTU Window IRTT. All numbers
-// except the metric are hexadecimal (fib_route_seq_show() of the kernel).
-void addIpv4DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
-  forLines(text, [&](const std::vector<std::string_view>& fields) {
-    if (fields.size() < 8 || fields[1] != "00000000" || fields[7] != "00000000") return;
-    const auto flags = number(fields[3], 16);
-    const auto metric = number(fields[6], 10);
-    if (!flags || !metric || (*flags & RTF_UP) == 0 || (*flags & RTF_REJECT) != 0) return;
-    add(routes, fields[0], *metric, fields[2]);
+void addRoute(DefaultRoutes& routes, std::string_view message) {
+  const auto route = headOf<rtmsg>(message);
+  const bool isDefault = (route.rtm_family == AF_INET || route.rtm_family == AF_INET6) &&
+                         route.rtm_dst_len == 0 && route.rtm_src_len == 0 &&
+                         route.rtm_type == RTN_UNICAST && (route.rtm_flags & RTM_F_CLONED) == 0;
+  if (!isDefault || message.size() < sizeof route) return;
+  Hop hop{0, route.rtm_flags, {}};
+  std::uint32_t table = route.rtm_table;
+  std::uint32_t metric = 0;
+  std::string_view hops;
+  forAttributes(message.substr(sizeof route), [&](unsigned attribute, std::string_view value) {
+    hop.take(attribute, value);
+    if (attribute == RTA_TABLE) table = headOf<std::uint32_t>(value);
+    if (attribute == RTA_PRIORITY) metric = headOf<std::uint32_t>(value);
+    if (attribute == RTA_MULTIPATH) hops = value;
   });
+  if (table != RT_TABLE_MAIN) return;
+  if (hops.empty()) {
+    add(routes, hop, metric);
+  } else {
+    addHops(routes, hops, metric);
+  }
 }
 
-// The columns: destination, its length, source, its length, next hop, metric, references, uses,
-// flags, interface. All numbers are hexadecimal (rt6_info_route() of the kernel).
-void addIpv6DefaultRoutes(std::string_view text, DefaultRoutes& routes) {
-  forLines(text, [&](const std::vector<std::string_view>& fields) {
-    if (fields.size() < 10 || fields[1] != "00" || fields[3] != "00") return;
-    const auto metric = number(fields[5], 16);
-    const auto flags = number(fields[8], 16);
-    if (!metric || !flags || (*flags & RTF_UP) == 0 || (*flags & RTF_REJECT) != 0) return;
-    add(routes, fields[9], *metric, fields[4]);
-  });
+bool request(int socket) {
+  struct {
+    nlmsghdr header;
+    rtmsg route;
+  } all{};
+  all.header.nlmsg_len = sizeof all;
+  all.header.nlmsg_type = RTM_GETROUTE;
+  all.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  return send(socket, &all, sizeof all, 0) == sizeof all;
 }
 
-// /proc/net itself does not exist for a service with a restricted /proc.
-DefaultRoutes readDefaultRoutes() {
-  DefaultRoutes routes;
-  addIpv4DefaultRoutes(tableText("/proc/self/net/route"), routes);
-  addIpv6DefaultRoutes(tableText("/proc/self/net/ipv6_route"), routes);
-  return routes;
+List readList(int socket, DefaultRoutes& routes) {
+  std::array<char, kMessageBytes> buffer;
+  bool isChanged = false;
+  while (true) {
+    const ssize_t length = recv(socket, buffer.data(), buffer.size(), MSG_TRUNC);
+    if (length < 0 && errno == EINTR) continue;
+    if (length <= 0 || static_cast<std::size_t>(length) > buffer.size()) return List::kFailed;
+    std::string_view messages(buffer.data(), static_cast<std::size_t>(length));
+    while (true) {
+      const auto head = headOf<nlmsghdr>(messages);
+      const auto message = takeEntry(messages, head.nlmsg_len, sizeof head);
+      if (message.empty()) break;
+      isChanged = isChanged || (head.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+      if (head.nlmsg_type == NLMSG_ERROR) return List::kFailed;
+      if (head.nlmsg_type == NLMSG_DONE) return isChanged ? List::kChanged : List::kWhole;
+      if (head.nlmsg_type == RTM_NEWROUTE) addRoute(routes, message.substr(sizeof head));
+    }
+  }
 }
 
-base::UniqueFd openRouteSocket() {
-  base::UniqueFd opened(socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE));
+base::UniqueFd openSocket(int type, unsigned groups) {
+  base::UniqueFd opened(socket(AF_NETLINK, type | SOCK_CLOEXEC, NETLINK_ROUTE));
   sockaddr_nl address{};
   address.nl_family = AF_NETLINK;
-  address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE;
+  address.nl_groups = groups;
   if (!opened ||
       bind(opened.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     return {};
   }
   return opened;
+}
+
+}  // namespace
+
+std::optional<DefaultRoutes> readDefaultRoutes() {
+  const base::UniqueFd socket = openSocket(SOCK_RAW, 0);
+  if (!socket) return std::nullopt;
+  setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &kRoutesLimit, sizeof kRoutesLimit);
+  DefaultRoutes routes;
+  for (int lists = 0; lists < kMaxLists; lists++) {
+    routes.clear();
+    if (!request(socket.get())) return std::nullopt;
+    const List list = readList(socket.get(), routes);
+    if (list == List::kFailed) return std::nullopt;
+    if (list == List::kWhole) break;
+  }
+  return routes;
+}
+
+base::UniqueFd openRouteSocket() {
+  return openSocket(SOCK_RAW | SOCK_NONBLOCK, RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE);
 }
 
 // An overflow (ENOBUFS) also means that something has changed.

@@ -80,8 +80,8 @@ class NetworkSet {
 /// The default routes of one interface.
 struct DefaultRoute {
   std::uint32_t metric = 0;  ///< of the interface's best route; lower metrics go first
-  /// The gateways of all these routes, as the kernel prints them. Another gateway can mean another
-  /// network.
+  /// The gateways of all these routes, as the kernel lists their bytes. Another gateway can mean
+  /// another network.
   std::string gateways;
   bool operator==(const DefaultRoute&) const = default;
 };

@@ -99,7 +99,7 @@ SettingsService::SettingsService(sd_event* event, sd_bus* bus, sd_bus* questions
 }
 
 void SettingsService::start() {
-  mRoutes = readDefaultRoutes();
+  mRoutes = readDefaultRoutes().value_or(DefaultRoutes());
   mResolverWatch.set(placesOf(mPlaces.resolverFile));
   sd_bus_slot* slot = nullptr;
   require(sd_bus_add_object_vtable(mBus, &slot, base::kSettingsObjectPath, base::kSettingsInterface,
@@ -247,8 +247,8 @@ int SettingsService::onRoute(sd_event_source* source, int socket, std::uint32_t,
 
 void SettingsService::routesChanged() {
   auto routes = readDefaultRoutes();
-  if (routes == mRoutes) return;
-  mRoutes = std::move(routes);
+  if (!routes || *routes == mRoutes) return;
+  mRoutes = std::move(*routes);
   decide();
   mHandOver.networkChanged();
 }

@@ -1,55 +1,102 @@
+// The routes of a real kernel, in a network namespace of the test's own.
 #include "settings/default_routes.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
 
 using namespace settings;
 
 namespace {
 
-constexpr char kIpv4[] =
-    "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n"
-    "eth0\t00000000\t010200C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
-    "wlan0\t00000000\t010200C0\t0003\t0\t0\t600\t00000000\t0\t0\t0\n"
-    "eth0\t000200C0\t00000000\t0001\t0\t0\t0\t00FFFFFF\t0\t0\t0\n"
-    "down0\t00000000\t010200C0\t0002\t0\t0\t1\t00000000\t0\t0\t0\n"
-    "dead0\t00000000\t00000000\t0201\t0\t0\t1\t00000000\t0\t0\t0\n";
-
-constexpr char kIpv6[] =
-    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
-    "fe800000000000000000000000000001 00000064 00000001 00000000 00000003     eth1\n"
-    "00000000000000000000000000000000 00 00000000000000000000000000000000 00 "
-    "00000000000000000000000000000000 ffffffff 00000001 00000000 00200200       lo\n";
-
-TEST(DefaultRoutes, AreReadFromTheKernelsTables) {
+/// The default routes after these shell commands in a new network with the interfaces one and two.
+DefaultRoutes routesAfter(const std::string& commands) {
   DefaultRoutes routes;
-  addIpv4DefaultRoutes(kIpv4, routes);
-  addIpv6DefaultRoutes(kIpv6, routes);
-  EXPECT_EQ(routes, (DefaultRoutes{{"eth0", {100, "010200C0 "}},
-                                   {"eth1", {100, "fe800000000000000000000000000001 "}},
-                                   {"wlan0", {600, "010200C0 "}}}));
+  // Only this thread, and the commands that it starts, are in the new network.
+  std::thread([&] {
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    const std::string links =
+        "set -e\n"
+        "for name in one two; do\n"
+        "  ip link add $name type veth peer name $name-peer\n"
+        "  ip link set $name-peer up\n"
+        "  ip link set $name up\n"
+        "done\n"
+        "ip address add 192.0.2.9/24 dev one\n"
+        "ip address add 198.51.100.9/24 dev two\n";
+    ASSERT_EQ(std::system((links + commands).c_str()), 0) << commands;
+    const auto read = readDefaultRoutes();
+    ASSERT_TRUE(read);
+    routes = *read;
+  }).join();
+  return routes;
+}
+
+std::string gateway(std::string bytes) {
+  return bytes + " ";
+}
+
+TEST(DefaultRoutes, OfBothFamiliesAreListedWithTheirMetrics) {
+  EXPECT_EQ(routesAfter("ip route add default via 192.0.2.1 metric 100\n"
+                        "ip -6 route add default dev two metric 600\n"
+                        "ip route add 203.0.113.0/24 via 198.51.100.1\n"
+                        "ip route add unreachable default metric 1\n"),
+            (DefaultRoutes{{"one", {100, gateway(std::string("\xc0\x00\x02\x01", 4))}},
+                           {"two", {600, " "}}}));
 }
 
 TEST(DefaultRoutes, OfOneInterfaceTheLowerMetricCounts) {
-  DefaultRoutes routes{{"eth1", {50, {}}}};
-  addIpv6DefaultRoutes(kIpv6, routes);
-  EXPECT_EQ(routes.at("eth1").metric, 50U);
+  const auto routes = routesAfter(
+      "ip route add default via 192.0.2.1 metric 100\nip route add default via 192.0.2.2 metric 50\n");
+  ASSERT_EQ(routes.size(), 1U);
+  EXPECT_EQ(routes.at("one").metric, 50U);
 }
 
 // The next network can have the same interface and the same metric.
 TEST(DefaultRoutes, AnotherGatewayIsAChange) {
-  DefaultRoutes before, after;
-  addIpv4DefaultRoutes(kIpv4, before);
-  std::string other = kIpv4;
-  other.replace(other.find("010200C0"), 8, "020200C0");
-  addIpv4DefaultRoutes(other, after);
-  EXPECT_NE(before, after);
+  EXPECT_NE(routesAfter("ip route add default via 192.0.2.1\n"),
+            routesAfter("ip route add default via 192.0.2.2\n"));
 }
 
-TEST(DefaultRoutes, LinesThatCannotBeReadAreSkipped) {
-  DefaultRoutes routes;
-  addIpv4DefaultRoutes("eth0\t00000000\nx\t00000000\t0\tzz\t0\t0\t1\t00000000\n\n\t\t\n", routes);
-  addIpv6DefaultRoutes("00 00\n", routes);
-  EXPECT_TRUE(routes.empty());
+// Tunnels and policies of routing put a default route there that decides only with a rule.
+TEST(DefaultRoutes, OfOtherTablesDoNotCount) {
+  EXPECT_TRUE(routesAfter("ip route add default dev one table 100\n"
+                          "ip -6 route add default dev two table 100\n"
+                          "ip -6 route add default dev one table 70000\n")
+                  .empty());
+}
+
+TEST(DefaultRoutes, WithSeveralNextHopsCountForEachThatIsNotDead) {
+  const std::string both =
+      "ip route add default metric 7 nexthop via 192.0.2.1 nexthop via 198.51.100.1\n";
+  const auto routes = routesAfter(both);
+  ASSERT_EQ(routes.size(), 2U);
+  EXPECT_EQ(routes.at("two").metric, 7U);
+  EXPECT_EQ(routes.at("two").gateways, gateway("\xc6\x33\x64\x01"));
+  const auto left = routesAfter(both + "ip link set two down\n");
+  ASSERT_EQ(left.size(), 1U);
+  EXPECT_EQ(left.begin()->first, "one");
+  EXPECT_EQ(routesAfter(
+                "ip -6 route add default nexthop via fe80::1 dev one nexthop via fe80::2 dev two\n")
+                .size(),
+            2U);
+}
+
+TEST(DefaultRoutes, AreFoundInAListOfManyMessages) {
+  const auto routes = routesAfter(
+      "ip route add default via 192.0.2.1 metric 9\n"
+      "for number in $(seq 1 800); do\n"
+      "  echo route add 10.$((number / 200)).$((number % 200)).0/24 via 192.0.2.1\n"
+      "done | ip -batch -\n"
+      "ip -6 route add default dev two metric 5\n");
+  EXPECT_EQ(routes.size(), 2U);
+}
+
+TEST(DefaultRoutes, AreNoneInANetworkWithoutThem) {
+  EXPECT_TRUE(routesAfter("").empty());
 }
 
 }  // namespace
