@@ -87,7 +87,7 @@ def signals(bus):
 
 @pytest.fixture
 def ctl(build, root):
-    """proxymanagerctl on this test's bus."""
+    """Runs proxymanagerctl on this test's bus."""
     return Ctl(os.path.join(build, "out", "bin", "proxymanagerctl"), ADDRESS)
 
 

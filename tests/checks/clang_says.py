@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Fails where clang has something to say about the sources: its warnings, its analysis of which
-mutex guards what, and with --tidy what .clang-tidy asks.
+"""Fails if clang reports anything about the sources: a warning, or a fault of its thread-safety
+analysis (which mutex guards what). With --tidy, it runs clang-tidy with .clang-tidy instead.
 
 usage: clang_says.py [--tidy] BUILD TREE | --self-test TREE
 
-Looks at every C++ source of the tree that BUILD compiles, with the arguments it is compiled with;
-clang-tidy takes four times as long as the compiler. What only tests is left to GCC: most of the time
-would go into the test framework's headers.
+It checks every C++ source of the tree that BUILD compiles, with the arguments of its compile
+command. clang-tidy takes four times as long as the compiler. Sources of tests are left to GCC,
+because most of the time would be for the test framework's headers.
 """
 
 import concurrent.futures
@@ -25,24 +25,26 @@ ALSO = ["-Wthread-safety", "-Wno-unknown-warning-option"]
 TESTS = ("tests", "bench")
 
 
-# Precompiled, they take most of the time out of most sources. No header of the tree is among them:
-# clang still reports its findings there. GCC checks that each source includes what it uses.
+# These headers are precompiled, which saves most of the time for most sources. No header of the
+# tree is in this list, so clang still reports its findings there. GCC checks that each source
+# includes the headers that it needs.
 STANDARD = ("algorithm array atomic chrono condition_variable cstdint functional map memory mutex "
             "optional stdexcept string string_view thread utility vector").split()
-# Headers of libraries that cost more than all of the others; a source has them included directly.
+# Headers of libraries that take more time than all others. They are precompiled only for sources
+# that include them directly.
 HEAVY = ("CLI/CLI.hpp", "nlohmann/json.hpp")
 
-# Of a compile command these, and their value, are left out.
+# These arguments of a compile command are left out, with their values.
 WITH_VALUE = {"-o", "-c", "-MF", "-MT", "-MQ"}
-# The hardening changes no finding. Its macros would be others than those of a precompiled header,
-# and clang 14 wants a second option for the last one.
+# The hardening options do not change the findings. With them, the macros would differ from those
+# of a precompiled header, and clang 14 would need a second option for the last of them.
 HARDENING = {"-U_FORTIFY_SOURCE", "-D_FORTIFY_SOURCE=2", "-D_FORTIFY_SOURCE=3", "-D_GLIBCXX_ASSERTIONS",
              "-ftrivial-auto-var-init=zero"}
 WITHOUT_VALUE = {"-MD", "-MMD", *HARDENING}
 
 
 def arguments(entry):
-    """The compile command without the compiler, the source and what writes files."""
+    """The compile command without the compiler, the source and the options that write files."""
     words = shlex.split(entry["command"])
     start = next(i for i, word in enumerate(words) if word.endswith(("++", "g++-12"))) + 1
     kept, words = [], iter(words[start:])
@@ -55,8 +57,8 @@ def arguments(entry):
 
 
 class Precompiled:
-    """Makes a precompiled header the first time that a source needs one with its includes and options,
-    in `folder`. Used by several threads."""
+    """Makes precompiled headers in `folder`. It makes one when a source is the first that needs
+    its combination of includes and options. Several threads use an object of this class."""
 
     def __init__(self, folder):
         self._folder = folder
@@ -64,10 +66,11 @@ class Precompiled:
         self._made = {}
 
     def options_for(self, file, options):
-        """Options with which clang takes what it precompiled; none if it could not."""
+        """The options with which clang uses the precompiled header; none if it could not make
+        one."""
         text = file.read_text(encoding="utf-8", errors="replace")
         headers = (*STANDARD, *(header for header in HEAVY if f"#include <{header}>" in text))
-        # Macros and folders of one target do not change what these headers hold.
+        # The macros and folders of a target do not change the content of these headers.
         common = tuple(option for option in options if option == "-DNDEBUG"
                        or not option.startswith(("-D", "-I", "-isystem", "/")))
         with self._lock:
@@ -100,7 +103,7 @@ def tidied(file, tree, options):
 
 
 def sources_of(file):
-    """The file itself, or the sources that CMake joined in it."""
+    """The file itself. If CMake has joined several sources in the file, these sources."""
     if not file.match("Unity/unity_*_cxx.cxx"):
         return [file]
     return [pathlib.Path(name) for name in
@@ -108,8 +111,8 @@ def sources_of(file):
 
 
 def shipped(build, tree):
-    """The compile commands of the sources that are no tests, each source once, long ones first, so
-    that no processor is left with one at the end."""
+    """The compile commands of the sources that are not tests, each source once. Long sources come
+    first, so that at the end no processor works alone on one of them."""
     entries = json.loads((build / "compile_commands.json").read_text(encoding="utf-8"))
     files = {}
     for entry in entries:

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Fails where the client library gives programs something else than its headers say.
+"""Fails if the client library differs from its headers.
 
 usage: client_library.py TREE LIBRARY VERSION CC CXX [SANITIZER]
 
-Its functions are those of the C header, each with a version; it needs no library that programs do not
-have anyway; the headers serve the languages that they are for, alone and without a warning.
+The library has exactly the functions of the C header, each with a version. It needs only
+libraries that programs already have. Each header compiles in its languages without a warning,
+also if it is the only header.
 """
 
 import os
@@ -33,7 +34,7 @@ def declared():
 
 
 def exported():
-    """The symbols that others see, with their versions."""
+    """The exported symbols, with their versions."""
     lines = output("nm", "-D", "--defined-only", library).splitlines()
     return dict(line.split()[-1].partition("@@")[::2] for line in lines if " A " not in line)
 

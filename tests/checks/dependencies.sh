@@ -13,7 +13,7 @@ expect() {
   fi
 }
 
-# A control file of its own, read by a copy of the script.
+# A copy of the script reads a control file of the test.
 mkdir "$folder/debian"
 cp "$tool" "$folder"
 cat >"$folder/debian/control" <<EOF
@@ -50,5 +50,5 @@ expect "nothing missing" "" "$("$example" --check --no-tests)"
 sed -i 's/dpkg (>= 1.0)/dpkg (>= 999)/' "$folder/debian/control"
 expect "an old version" "Missing: dpkg (>= 999)" "$("$example" --check --no-tests || true)"
 
-# And this machine builds the tree, so it has what the tree needs.
+# This machine builds the tree, so all dependencies of the tree are installed.
 expect "this machine" "" "$("$tool" --check --no-tests)"

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""Fails if the documents disagree with the tree around them.
+"""Fails if the documents disagree with the tree.
 
 usage: documents.py TREE | --self-test
 
-- A link to a file of the tree, or to a heading of a document, leads there.
-- A path in backticks that begins with a folder of the tree is there; "*" stands for anything.
-- README.md and docs/testing.md stay short enough to be read.
+- The target of each link to a file of the tree, or to a heading of a document, exists.
+- A path in backticks that begins with a folder of the tree exists; "*" stands for any text.
+- README.md and docs/testing.md are not longer than their limits, so that people read them.
 - docs/decisions/README.md lists each decision once.
 - docs/integration.md has one row for each package that a build of packaging/debian/control needs.
 - docs/installing.md has one row for each PROXYMANAGER_ cache variable, and no row for another name.
@@ -17,7 +17,7 @@ import subprocess
 import sys
 import tempfile
 
-# Lines. A longer document moves a part into a document of its own.
+# In lines. If a document is longer, move a part of it to a separate document.
 LONGEST = {"README.md": 170, "docs/testing.md": 250}
 OPTIONS = "docs/installing.md"
 INTEGRATION = "docs/integration.md"
@@ -28,7 +28,8 @@ LINK = re.compile(r"\]\(([^)\s]+)\)")
 FENCE = re.compile(r"^```.*?^```$", re.MULTILINE | re.DOTALL)
 PATH = re.compile(r"`([a-z_]+/[\w./*-]*)`")
 PLACEHOLDER = re.compile(r"\b[A-Z]{3,}")
-# Folders that a build makes, and that a source tarball holds besides.
+# Folders that are not in the repository: builds make the first, source tarballs contain the
+# second.
 NOT_OURS = ("build/", "packaging/quickjs/source")
 HEADING = re.compile(r"^#+ (.*)$", re.MULTILINE)
 VARIABLE = re.compile(
@@ -48,7 +49,7 @@ def documents(tree):
 
 
 def anchors(document):
-    """The names that a link to a heading of the document has, as code hosts make them."""
+    """The anchors of the document's headings, as code hosts generate them."""
     titles = HEADING.findall(FENCE.sub("", read(document)))
     return {re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles}
 
@@ -107,7 +108,7 @@ def undocumented_variables(tree):
 
 
 def packages_of_the_recipe(tree):
-    """Each alternative of a dependency is a row of its own."""
+    """Each alternative of a dependency needs a separate row."""
     listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout
     needed = {re.split(r"[ (]", name.strip())[0] for name in re.split(r"[|\n]", listed.strip())}

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
-# fetch_quickjs.sh takes each compression of the archive, and leaves the verification to apt: it does not
-# repeat the machine's exceptions from it.
+# fetch_quickjs.sh supports each compression of the archive. It leaves the verification to apt: it
+# does not copy those options of the machine that turn the verification off.
 #
 # usage: engine_source.sh FETCH_QUICKJS_SH
 #
-# A stand-in for apt-get records the source entry that it gets, and delivers a tarball.
+# A stand-in for apt-get records the source entry that it gets, and gives a tarball.
 set -euo pipefail
 script=$1
 work=$(mktemp -d)
@@ -39,14 +39,14 @@ fetched() {
   [ -e "$folder/quickjs.c" ] || fail "$1: nothing was unpacked"
 }
 
-# is_entry EXPECTED: that entry reached apt.
+# is_entry EXPECTED: checks that apt got this entry.
 is_entry() {
   diff <(cat) "$work/seen" || fail "apt did not get this entry"
 }
 
 echo "entries of a line"
 cat >"$work/own.list" <<'EOF'
-# The machine's sources
+# The apt sources of the machine
 deb [trusted=yes] http://host/debian bookworm main
 deb [arch=amd64 Trusted=yes allow-insecure=yes signed-by=/k.gpg] http://host/?trusted=yes bookworm main
 deb [ allow-weak=yes allow-downgrade-to-insecure=yes ] http://host/debian bookworm main

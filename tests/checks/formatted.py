@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""Fails if a C++ or C file of the tree is not formatted as .clang-format wants it.
+"""Fails if the format of a C++ or C file of the tree is not that of .clang-format.
 
 usage: formatted.py TREE | --self-test TREE
 
-Another version of clang-format breaks lines elsewhere, so the version is fixed.
+The version of clang-format is fixed, because other versions break lines at other places.
 """
 
 import pathlib
@@ -16,7 +16,7 @@ PATTERNS = ("*.cpp", "*.hpp", "*.h", "*.c")
 
 
 def sources(tree):
-    """The files that git knows or would add; all files if this is not a git tree."""
+    """The files that git tracks or would add; all files if this is not a git tree."""
     command = ["git", "-C", str(tree), "-c", "safe.directory=*", "ls-files", "-z", "--cached",
                "--others", "--exclude-standard", "--", *PATTERNS]
     listed = subprocess.run(command, check=False, capture_output=True)
@@ -29,7 +29,7 @@ def sources(tree):
 
 
 def unformatted(files, style):
-    """The complaints of clang-format, one line for each place."""
+    """The findings of clang-format, one line for each place."""
     command = [PROGRAM, f"--style=file:{style}", "--dry-run", "--Werror", *map(str, files)]
     result = subprocess.run(command, check=False, capture_output=True, text=True)
     lines = [line for line in result.stderr.splitlines() if ": error: " in line]

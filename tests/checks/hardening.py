@@ -1,13 +1,14 @@
 #!/usr/bin/env python3
-"""Fails if an installed program or library lacks a hardening.
+"""Fails if an installed program or library has been built without one of the hardenings.
 
 usage: hardening.py CMAKE BUILD | --self-test COMPILER
 
-- Each ELF file that the build installs is position independent, has no segment that can be written
-  and executed, resolves its symbols at its start, and protects its relocations and its stack.
-- What leaves no mark in the file is read from the compile commands of all sources but those of
-  tests and benchmarks. The linker keeps the mark of control-flow protection only if the C library's
-  start files have it.
+- Each ELF file that the build installs is position independent, has no segment that is both
+  writable and executable, resolves its symbols at its start, and protects its relocations and its
+  stack.
+- Some hardenings cannot be seen in the file. For these, the check reads the compile commands of
+  all sources except tests and benchmarks. Control-flow protection is one of them: the linker
+  keeps its mark only if the start files of the C library have it.
 """
 
 import json
@@ -18,13 +19,13 @@ import subprocess
 import sys
 import tempfile
 
-# Seen in the compile commands; the first is of x86 alone, the last of C++ alone.
+# These are checked in the compile commands. The first is only for x86, the last only for C++.
 CONTROL_FLOW = {"x86_64": "-fcf-protection=full", "aarch64": "-mbranch-protection=standard"}
 COMPILED_WITH = ["-D_FORTIFY_SOURCE=3", "-fstack-protector-strong", "-fstack-clash-protection"]
 COMPILED_WITH_CXX = ["-D_GLIBCXX_ASSERTIONS"]
 WORKER_COMPILED_WITH = ["-ftrivial-auto-var-init=zero"]
 WORKER_SOURCES = re.compile(r"/engine/worker/|/(quickjs|libregexp|libunicode|dtoa)\.c$")
-# Programs of the build itself, tests and benchmarks are not installed.
+# Tools of the build, tests and benchmarks are not installed.
 NOT_SHIPPED = re.compile(r"^(tests|bench)/")
 
 
@@ -34,7 +35,7 @@ def readelf(option, path):
 
 
 def missing_in(path):
-    """The hardenings that one ELF file lacks."""
+    """The hardenings that are missing in one ELF file."""
     header, segments = readelf("-h", path), readelf("-l", path)
     dynamic, symbols = readelf("-d", path), readelf("--dyn-syms", path)
     if not re.search(r"Type:\s+DYN", header):
@@ -65,7 +66,7 @@ def installed(cmake, build, prefix):
 
 
 def uncompiled(commands, tree):
-    """The compile commands that lack a flag."""
+    """The compile commands without one of the flags."""
     flow = CONTROL_FLOW.get(os.uname().machine)
     for entry in commands:
         source = os.path.normpath(os.path.join(entry["directory"], entry["file"]))

@@ -3,8 +3,8 @@
 
 usage: include_arrows.py TREE | --self-test
 
-Who may include what is the table ARROWS below, which has no exemptions. System headers are not
-checked. docs/architecture.md explains the arrows.
+The table ARROWS below lists which folders each folder may include. There are no exemptions.
+System headers are not checked. docs/architecture.md explains the arrows.
 """
 
 import pathlib
@@ -24,8 +24,9 @@ CTL_DAEMON = "client/ctl/daemon/"
 CTL_COMMANDS = "client/ctl/commands/"
 CTL_OWN = ("client/ctl/exit_status.h", "client/ctl/failure.h")
 
-# Folder -> the beginnings of what it may include besides itself. The longest folder that a file is
-# in is its row, so a row for a subfolder replaces the row of the folder around it.
+# Folder -> the beginnings of the paths that it may include, in addition to its own. A file
+# belongs to the row with the longest folder name that fits. So a row for a subfolder replaces the
+# row of the folder above.
 ARROWS = {
     "base/": (),
     "sandbox/": ("base/",),
@@ -45,9 +46,9 @@ ARROWS = {
     "dbus/": ("base/", RECORDS),
     "service/": ("base/", "sandbox/", RECORDS, "domain/", PAC_HEADER, "platform/", "fetcher/",
                  "pac/", "dbus/"),
-    # Other programs link the library: it carries nothing of the daemon's.
+    # Other programs link the library, so it contains no code of the daemon.
     CLIENT_LIBRARY: ("base/", "domain/"),
-    # Programs load these, and they know the library by its public header.
+    # Programs load these modules. They use the library only by its public header.
     "client/gio/": (),
     "client/libproxy/": (),
     CTL: (CTL_TERMINAL, CTL_DAEMON, CTL_COMMANDS, "base/"),
@@ -71,10 +72,11 @@ def row_of(path):
 def allowed(path, included):
     if ".." in included:
         return False
-    if "/" not in included:  # a file beside the including one, or generated
+    if "/" not in included:  # a file in the same folder, or a generated file
         return True
     row = row_of(path)
-    # A folder includes itself, but a subfolder that has a row of its own by that row alone.
+    # A folder may include itself. But if a subfolder has its own row, only that row applies to
+    # it.
     own = row_of(included) == row
     return own or included.startswith(ARROWS[row])
 

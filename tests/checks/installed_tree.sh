@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the build to a temporary prefix and tests the installed files.
-# usage: installed_tree.sh CMAKE BUILD FILE...   (FILE: what must stand below the prefix)
+# usage: installed_tree.sh CMAKE BUILD FILE...   (FILE: a file that must exist below the prefix)
 set -euo pipefail
 cmake=$1 build=$2
 shift 2
@@ -13,7 +13,7 @@ fail() {
 }
 
 "$cmake" --install "$build" --prefix "$prefix/first" >/dev/null
-# Moved once more: nothing may remember where it was put.
+# The tree is moved once more: no file may contain the path of its first place.
 mv "$prefix/first" "$prefix/second"
 
 for file in "$@"; do
@@ -22,19 +22,19 @@ for file in "$@"; do
   case $file in *bin/* | *libexec/* | *.so) ;; *) continue ;; esac
   case $file in *.so) ;; *) [ -x "$installed" ] || fail "$file is not executable" ;; esac
   if ldd "$installed" | grep 'not found'; then fail "$file lacks libraries"; fi
-  # The path to a neighbour is all right.
+  # The relative path to another program is allowed.
   if readelf -d "$installed" | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN/..'; then
     fail "$file remembers a folder"
   fi
-  # Debug information holds paths, the rest of a program must not. The address sanitizer keeps the names
-  # of the sources that CMake has joined.
+  # Debug information may contain paths, but the rest of a program must not. The address sanitizer
+  # keeps the names of the sources that CMake has joined.
   if strings -d "$installed" | grep -F "$build/" | grep -v '/Unity/unity_[0-9]*_cxx\.cxx$'; then
     fail "$file remembers its build folder"
   fi
 done
 
-# Without a bus the daemon starts, logs the problem and ends with status 1; in a /run of its own it meets no
-# other instance.
+# Without a bus the daemon starts, logs the problem and ends with status 1. It has its own /run, so
+# it finds no other instance.
 daemon=$(find "$prefix/second" -name proxymanagerd -type f)
 [ -n "$daemon" ] || exit 0
 status=0

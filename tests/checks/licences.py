@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
-"""Fails if a file of the tree has no licence, or if the packages hide one.
+"""Fails if a file of the tree has no licence, or if the packages do not name a licence of their
+code.
 
 usage: licences.py TREE | --self-test
 
 - `reuse lint` finds a licence and a copyright holder for each file (.reuse/dep5, LICENSES/).
 - packaging/debian/copyright states the licence of our own files in the words of
-  LICENSES/LicenseRef-Undecided.txt, so that the owner decides in one place.
-- packaging/debian/copyright names each library that the packages are built with and whose shared
-  object no program uses (docs/security/sbom.cdx.json), or that has none: its code is in our programs.
+  LICENSES/LicenseRef-Undecided.txt, so that the owner has to decide only in one place.
+- packaging/debian/copyright names each library whose code is in our programs. These are the
+  libraries of the build that have no shared object, or whose shared object no program uses
+  (docs/security/sbom.cdx.json).
 """
 
 import json
@@ -24,8 +26,9 @@ SENTENCE = "LICENSES/LicenseRef-Undecided.txt"
 
 
 def lint(tree):
-    """What reuse complains about; empty if nothing."""
-    # The tests run as root on a tree of another user, which git refuses to list otherwise.
+    """The findings of reuse; empty if there are none."""
+    # The tests run as root, and the tree may belong to another user. Without this setting, git
+    # refuses to list such a tree.
     git = {"GIT_CONFIG_COUNT": "1", "GIT_CONFIG_KEY_0": "safe.directory", "GIT_CONFIG_VALUE_0": "*"}
     result = subprocess.run(["reuse", "--root", str(tree), "lint"], check=False,
                             capture_output=True, text=True, env={**os.environ, **git})
@@ -37,13 +40,14 @@ def words(text):
 
 
 def own_licence(copyright_text):
-    """The text below the first License field."""
+    """The text of the first License field."""
     found = re.search(r"^License: LicenseRef-Undecided\n((?: .*\n)+)", copyright_text, re.MULTILINE)
     return words(found[1]) if found else ""
 
 
 def shared_objects(files):
-    """The names under which programs load the libraries of a package, by the links for the linker."""
+    """The names under which programs load the libraries of a package, found by the links for the
+    linker."""
     for link in re.findall(r"^.*\.so$", files, re.MULTILINE):
         content = pathlib.Path(link).read_bytes()
         if not content.startswith(b"\x7fELF"):  # a script of the linker
@@ -60,11 +64,12 @@ def compiled_in(tree):
     listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout
     names = [line.split()[0] for line in listed.splitlines()]
-    # The engine is always named: the copy of the SBOM is of a build that has it compiled in.
+    # The engine is always in this list, because it is compiled into the programs of the SBOM's
+    # copy.
     left_out = {"dpkg-dev", "libqjs-dev"}
     for name in (name for name in names if name.endswith("-dev") and name not in left_out):
         files = subprocess.run(["dpkg", "-L", name], check=False, capture_output=True, text=True)
-        # A package that is not installed is one that the build has an alternative for.
+        # If a package is not installed, the build uses an alternative.
         if files.returncode == 0 and loaded.isdisjoint(shared_objects(files.stdout)):
             yield name
 

@@ -3,9 +3,10 @@
 
 usage: locale_free.py TREE | --self-test
 
-In a Turkish locale, strcasecmp("WIKI", "wiki") is not 0. Libraries of this tree run in programs that
-set a locale, so ASCII text is handled by base/ascii.h, or by g_ascii_... of GLib. strtol and its
-relatives read digits alike everywhere; those for numbers with a point do not.
+In a Turkish locale, strcasecmp("WIKI", "wiki") is not 0. Libraries of this tree run in programs
+that set a locale, so ASCII text is handled by base/ascii.h, or by g_ascii_... of GLib. strtol and
+the other functions for whole numbers give the same result in every locale. The functions for
+numbers with a decimal point do not.
 """
 
 import pathlib
@@ -20,7 +21,7 @@ NOT_SHIPPED = {"tests", "bench", "build", "debian"}
 
 
 def calls(text):
-    """@return (line, name) of each call; comments and literals do not count"""
+    """@return (line, name) of each call, except in comments and literals"""
     text = re.sub(r'//[^\n]*|/\*.*?\*/|"(?:\\.|[^"\\\n])*"', lambda found: re.sub(r"[^\n]", " ", found[0]),
                   text, flags=re.DOTALL)
     return [(text.count("\n", 0, found.start()) + 1, found[1]) for found in CALL.finditer(text)]

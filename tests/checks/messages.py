@@ -1,18 +1,19 @@
 #!/usr/bin/env python3
-"""Prints the messages of the log with their tests, and fails if one is lost.
+"""Prints the messages of the log with their tests, and fails if a message has no test or no
+source.
 
 usage: messages.py TREE | --table TREE | --self-test
 
-A message is the format of a call of logLine() in the sources that are shipped. It stands there
-literally, in one piece, so that the line of a journal is found with `git grep -F`.
+A message is the format of a call of logLine() in the shipped sources. The source has it
+literally, in one piece, so that `git grep -F` finds a line of a journal.
 
 Fails if
-- a message begins with "%s": then its first words are in no source;
-- no test has a message's words in a text of its own, and docs/testing.md does not list it among the
-  messages that are not asserted;
-- docs/troubleshooting.md explains a message whose words stand in no line of a shipped source.
+- a message begins with "%s", because then its first words are in no source;
+- no test has a text with the words of a message, and docs/testing.md does not list the message as
+  not asserted;
+- docs/troubleshooting.md explains a message whose words are in no line of a shipped source.
 
---table prints each message with its level and the tests that have its words.
+--table prints each message with its level and the tests that contain its words.
 """
 
 import pathlib
@@ -31,7 +32,7 @@ TEXT = r'"(?:[^"\\]|\\.)*"'
 CALL = re.compile(rf"\blogLine\(\s*LOG_(\w+)\s*,\s*({TEXT}(?:\s*{TEXT})*)")
 BETWEEN_TEXTS = re.compile(r'"\s*r?"')  # in Python the next may be a raw one
 CONVERSION = re.compile(r"%[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t)?[diouxXcsp]")
-# What varies in a message of a document: a word in capitals, or a number.
+# The variable parts of a message in a document: words in capitals, and numbers.
 VARIES = re.compile(r"\b[A-Z]+\b|\d+")
 MESSAGE = re.compile(r"`([^`]+)`")
 
@@ -64,24 +65,27 @@ def calls(sources):
 
 
 def words(message):
-    """The message's constant pieces, without what syslog cuts at its end."""
+    """The constant pieces of the message, without the characters that syslog removes at its
+    end."""
     pieces = [piece.replace("%%", "%") for piece in CONVERSION.split(message)]
     return [piece.removesuffix("\\n") for piece in pieces]
 
 
 def pattern(message):
-    """What stands in a test that asserts the message: its words up to the first long piece."""
+    """The text that a test contains if it asserts the message: its words up to the first long
+    piece."""
     found = ""
     for piece in words(message):
         found += ("[^\\n]*?" if found else "") + re.escape(piece)
-        # A test may end the text after this piece, and has a value for each conversion before it.
+        # A test may end its text after this piece. For each conversion before it, the test has a
+        # value.
         if len(piece.strip()) >= 12:
             break
     return re.compile(found)
 
 
 def tests(tree):
-    """The texts of each test, those that stand beside each other joined."""
+    """The texts of each test; adjacent texts are joined."""
     return {name: BETWEEN_TEXTS.sub("", read(tree, name)) for name in tracked(tree)
             if name.startswith("tests/") and name.endswith((".cpp", ".h", ".py"))
             and not name.startswith("tests/checks/")}
@@ -89,9 +93,9 @@ def tests(tree):
 
 def asserting(message, texts):
     looked_for = pattern(message)
-    # A test may put together what follows the last colon of a constant message.
+    # A test may compose the text after the last colon of a constant message.
     beginning = message[:message.rfind(":") + 1] if "%" not in message else ""
-    # Or it names the class and the function once, and puts them before each line.
+    # Or it contains the class and the function once, and adds them to the beginning of each line.
     end = words(message)[0].partition(" ")[2]
     return [name for name, text in texts.items()
             if looked_for.search(text) or (len(beginning) >= 12 and beginning + '"' in text)
@@ -118,7 +122,8 @@ def explained(tree):
 
 
 def stands_in(message, sources):
-    """Whether one line of a source has the constant words of a document's message, in order."""
+    """Whether one line of a source contains the constant words of a document's message, in
+    order."""
     pieces = [re.escape(piece.strip()) for piece in VARIES.split(message) if piece.strip(" .()")]
     line = re.compile(".*".join(pieces))
     return any(line.search(text) for text in sources.values())

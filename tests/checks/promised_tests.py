@@ -36,7 +36,7 @@ def registered(path):
 
 
 def rows(text):
-    """(line number, the heading of the table's last column, the row's cells) of each row."""
+    """(line number, heading of the table's last column, cells of the row) for each row."""
     heading, before = "", None
     for number, line in enumerate(text.splitlines(), 1):
         if not line.startswith("|"):
@@ -51,7 +51,7 @@ def rows(text):
 
 
 def findings(tree):
-    """What is wrong, and how many tests were looked for."""
+    """The findings, and the number of tests that were looked for."""
     found, looked, known = [], 0, {}
 
     def wrong(number, what):

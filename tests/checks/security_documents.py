@@ -4,12 +4,13 @@
 usage: security_documents.py CMAKE BUILD | --self-test CMAKE
 
 - A program that is installed is in the SBOM, with each library that it is linked with.
-- A package URL of Debian names a package that is installed in this version. The engine has the same
-  URL in both documents: its package's, or that of upstream's release if it was built from source.
-- Each hole of docs/security/engine_holes.json is in the VEX document, once, with a state, and its
-  proof exists, unless the hole is in triage; no proof belongs to no hole.
-- The copies in docs/security/, one of which comes with the source tarball, name the same holes, programs
-  and parts that are compiled in.
+- Each package URL of Debian names an installed package with its installed version. The engine has
+  the same URL in both documents: the URL of its package, or of upstream's release if it was built
+  from source.
+- Each hole of docs/security/engine_holes.json is in the VEX document once, with a state. Its
+  proof exists, unless the hole is in triage. Each proof belongs to a hole.
+- The copies in docs/security/ (one of them comes with the source tarball) name the same holes,
+  programs and compiled-in parts.
 """
 
 import json
@@ -44,14 +45,15 @@ def programs_in(prefix):
 
 
 def names_of(document):
-    """What a document is about: components, or holes and their states."""
+    """The content that is compared: components, or holes and their states."""
     if "vulnerabilities" in document:
         return {(hole["id"], hole["analysis"]["state"]) for hole in document["vulnerabilities"]}
     return {component["name"] for component in document["components"]}
 
 
 def built_parts(sbom):
-    """The programs, and what is compiled into them. Shared libraries differ from machine to machine."""
+    """The programs and the parts that are compiled into them. Shared libraries are left out,
+    because they are different on each machine."""
     return {component["name"] for component in sbom["components"]
             if component["type"] == "application" or ".so" not in component["name"]}
 
@@ -60,7 +62,7 @@ def in_sbom(sbom, programs):
     uses = {entry["ref"]: set(entry["dependsOn"]) for entry in sbom["dependencies"]}
     names = names_of(sbom)
     for path in programs:
-        # Libraries are installed under the name of their link.
+        # Libraries are installed under the name of the link.
         name = next((ref for ref in uses if path.name.startswith(ref)), None)
         if name is None:
             yield f"{path.name} is not in the SBOM"
@@ -105,7 +107,7 @@ def of_holes(vex, holes):
 
 def findings(cmake, build):
     with tempfile.TemporaryDirectory() as prefix:
-        # Its error stream is not captured: it warns of an engine that is old.
+        # The error stream is not captured, so that a warning about an old engine is visible.
         subprocess.run([cmake, "--install", build, "--prefix", prefix], check=True,
                        stdout=subprocess.DEVNULL)
         made = {name: read(next(pathlib.Path(prefix).rglob(name))) for name in DOCUMENTS}
@@ -113,7 +115,7 @@ def findings(cmake, build):
     built, copies = made["sbom.cdx.json"], {name: read(FOLDER / name) for name in DOCUMENTS}
     yield from not_installed(built)
     yield from of_engine(made, urls_of(built)["quickjs-ng"])
-    # The copies are of a build from source.
+    # The copies are from a build with the engine's source.
     version = next(part["version"] for part in copies["sbom.cdx.json"]["components"]
                    if part["name"] == "quickjs-ng")
     yield from of_engine(copies, f"pkg:generic/quickjs-ng@{version}")
@@ -138,7 +140,8 @@ def self_test(cmake):
     with tempfile.TemporaryDirectory() as folder:
         header = pathlib.Path(folder, "quickjs.h")
         header.touch()
-        # 183 days are half a year, whatever the date of a copied header and of the build's source.
+        # 183 days are half a year. The dates of a copied header and of the build's source have no
+        # effect.
         good = run(cmake, folder, "0.16.2", header, TODAY="2027-02-19")
         assert good.returncode == 0 and "days old" not in good.stderr, good.stderr
         stale = run(cmake, folder, "0.16.2", header, TODAY="2027-02-20")
@@ -161,7 +164,7 @@ def self_test(cmake):
         assert not lines, lines
         lines = list(of_engine(made, "pkg:generic/quickjs-ng@98.0"))
         assert len(lines) == 2, lines
-        # A header of some package stands in for that of libqjs-dev.
+        # The header of any other package replaces that of libqjs-dev.
         assert run(cmake, folder, "0.17.0", "/usr/include/stdio.h").returncode == 0
         packaged = read(pathlib.Path(folder, "sbom.cdx.json"))
         assert urls_of(packaged)["quickjs-ng"].startswith("pkg:deb/debian/libc6-dev@"), packaged

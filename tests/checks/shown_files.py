@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Fails where a document shows a file of this tree otherwise than it is.
+"""Fails if a document shows a file of this tree with another content than the file has.
 
 usage: shown_files.py TREE | --self-test
 
-A fence that names a file after its language, as in "```cpp docs/examples/a.cpp", holds that file
-whole. Files shown so are compiled and run elsewhere in the tests; so what is read is what was tried.
+A fence may name a file after its language, as in "```cpp docs/examples/a.cpp". It then contains
+the whole file. Other tests compile and run these files, so the reader sees code that was tested.
 """
 
 import pathlib
@@ -53,7 +53,7 @@ def main():
         return
     found, looked = findings(pathlib.Path(sys.argv[1]))
     print("\n".join(found) if found else f"{looked} files are as shown")
-    # None at all would mean that this check looks for the wrong thing.
+    # If there is no such fence at all, this check looks for the wrong thing.
     sys.exit(1 if found or looked == 0 else 0)
 
 

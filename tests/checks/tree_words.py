@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
-"""Fails where a tracked file names what the tree keeps to itself.
+"""Fails if a tracked file contains a word that must not be in the tree.
 
 usage: tree_words.py TREE | --self-test
 
-A reader of this tree has the tree alone: rules stand where they hold, not by reference to a paper
-that the reader does not have. And nothing in it depends on the machine it was written on, or on
-a package host by name: packages come through the machine's own configuration.
+A reader of this tree has only the tree. So a rule is written where it applies, and there is no
+reference to a paper that the reader does not have. Nothing in the tree depends on the machine on
+which it was written, or on the name of a package host: packages come through the machine's own
+configuration.
 
-The patterns are put together from pieces, so that this file does not hold what it looks for.
+The patterns are composed of pieces, so that this file does not contain the words that it looks
+for.
 """
 
 import pathlib
@@ -27,12 +29,12 @@ PATTERNS = {
     "a path of one machine": re.compile(r"(^|[^A-Za-z0-9_.])/(wor" r"k|far" r"m)/"),
     "a package host": re.compile(r"//(?!www\.)[A-Za-z0-9.-]*(deb" r"ian|npm" r"js)\.[a-z]+"),
 }
-# Lists that others wrote.
+# Lists that other people wrote.
 LEFT_OUT = {".dat"}
 
 
 def tracked(tree):
-    """The files that git knows or would add; all files where this is no git tree."""
+    """The files that git tracks or would add; all files if this is not a git tree."""
     command = ["git", "-C", str(tree), "-c", "safe.directory=*"]
     command += ["ls-files", "-z", "--cached", "--others", "--exclude-standard"]
     try:

@@ -12,7 +12,7 @@ NAME = "com.zentu.ProxyManagerService"
 PATH = "/com/zentu/ProxyManagerService"
 INTERFACE = "com.zentu.ProxyManagerServiceInterface"
 ADDRESS = "unix:path=/run/test_bus"
-LIMIT = 60.0  # seconds an answer is waited for; an evaluation takes 5 at most, the rest is the machine's
+LIMIT = 60.0  # seconds to wait for an answer: an evaluation takes 5 at most, but the machine may be slow
 
 _CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
@@ -44,7 +44,7 @@ class BusError(Exception):
 
 
 class Bus:
-    """A dbus-daemon of the system bus's kind, with its limits."""
+    """A dbus-daemon like that of the system bus, with the same limits."""
 
     def __init__(self, extra="", address=ADDRESS):
         self.address = address
@@ -68,7 +68,7 @@ class Bus:
 
 
 class Client:
-    """Calls of one connection. Not for two threads."""
+    """Calls of one connection. Only one thread may use an object."""
 
     def __init__(self, address=ADDRESS, auth_timeout=LIMIT):
         self.connection = open_dbus_connection(address, auth_timeout=auth_timeout)
@@ -85,7 +85,8 @@ class Client:
 
     def raw(self, member, signature=None, body=(), path=PATH, interface=INTERFACE, timeout=LIMIT,
             bus_name=NAME):
-        """A call as it is; interface None leaves the field out. Returns the reply message."""
+        """Sends a call with exactly these values. If interface is None, the message has no such
+        field. Returns the reply message."""
         message = new_method_call(DBusAddress(path, bus_name=bus_name, interface=interface), member,
                                   signature, body)
         if interface is None:
@@ -118,13 +119,13 @@ class Client:
                          path=path)[0]
 
     def owner(self, name=NAME):
-        """The unique name that owns `name`, None where nobody does."""
+        """The unique name that owns `name`; None if there is no owner."""
         reply = self.connection.send_and_get_reply(message_bus.GetNameOwner(name), timeout=LIMIT)
         return reply.body[0] if reply.header.message_type == MessageType.method_return else None
 
 
 class Signals:
-    """Collects the daemon's signals as (member, arguments), on a thread of its own."""
+    """Collects the daemon's signals as (member, arguments), on a separate thread."""
 
     def __init__(self, address=ADDRESS):
         self._connection = open_dbus_connection(address, auth_timeout=LIMIT)
@@ -179,9 +180,9 @@ class Signals:
 
 
 def shortest(limit, step, before=lambda: None, is_done=lambda: True):
-    """The shortest of up to five runs of `step`, in seconds; one within the limit that `is_done` finds
-    right is enough, and is the last. What can be done in time is done in time once, and a busy
-    machine is seldom busy five times."""
+    """Runs `step` up to five times, until `is_done` accepts its time. Returns the shortest time
+    in seconds. Right code is fast enough in one of five runs, even on a busy machine; wrong code
+    never is."""
     best = float("inf")
     for _ in range(5):
         before()
@@ -196,7 +197,7 @@ def shortest(limit, step, before=lambda: None, is_done=lambda: True):
 
 
 def wait_until(condition, what, limit=LIMIT, pause=0.01):
-    """For what has no event of its own."""
+    """Waits by polling, for conditions that cause no event."""
     end = time.monotonic() + limit
     while not condition():
         assert time.monotonic() < end, f"not within {limit} s: {what}"

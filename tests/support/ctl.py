@@ -11,20 +11,20 @@ import time
 from .bus import wait_until
 from .web import script
 
-LIMIT = 60  # seconds for any run; a script has 5 to load and 5 for each URL
+LIMIT = 60  # seconds for any run: a script may take 5 to load and 5 for each URL
 ANSWERED, NO_ANSWER, REFUSED = 0, 1, 2
 USAGE, BAD_DATA, NO_INPUT, UNAVAILABLE, OUTPUT, TRY_AGAIN, PROTOCOL, DENIED = (
     64, 65, 66, 69, 74, 75, 76, 77)
 START_IT = 'start it, for instance with "systemctl start proxymanagerd"'
 NOT_ALLOWED = "root may, and so may members of the group proxymanager"
 MAX_URL = 65535  # bytes
-# The arguments of each command in tests that do not depend on them.
+# The arguments of each command, for tests in which the arguments have no effect.
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
             "status": [], "watch": []}
-# What these say of this machine and this link.
+# The answer of these commands for this machine and this link.
 NO_PROXY = "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10"
-# What exec and get --format env set for other programs.
+# The no_proxy that exec and get --format env set for other programs.
 VARIABLES = ["ALL_PROXY", "HTTPS_PROXY", "HTTP_PROXY", "NO_PROXY", "all_proxy", "http_proxy",
              "https_proxy", "no_proxy"]
 
@@ -46,7 +46,7 @@ class Result:
 
 
 class Ctl:
-    """Runs the program, by default where there is no bus."""
+    """Runs the program, by default without a bus."""
 
     def __init__(self, path, bus="unix:path=/run/no_bus", wrapper=()):
         self.path = path
@@ -68,30 +68,30 @@ class Ctl:
         return Result(run.returncode, run.stdout or b"", run.stderr)
 
     def eval(self, script, *arguments, **options):
-        """Evaluates `script`, given through standard input, and returns the answers."""
+        """Evaluates `script`, which it gives through standard input, and returns the answers."""
         result = self("pac", "eval", "--json", "-", *arguments, script=script, **options)
         assert result.status == ANSWERED, result.errors + result.output
         return result.results
 
     def start(self, *arguments, environment=None):
-        """Runs it beside the test; its output comes line by line."""
+        """Runs the program while the test continues; its output comes line by line."""
         return Running([*self.wrapper, self.path, *arguments], self.variables(environment))
 
     def on_terminal(self, *arguments, environment=None):
-        """Runs it at a terminal of its own."""
+        """Runs the program at a pseudo-terminal."""
         return Terminal([*self.wrapper, self.path, *arguments],
                         self.variables({"TERM": "xterm", **(environment or {})}))
 
 
 class Reader:
-    """Collects what comes from a descriptor, and waits for what is to come."""
+    """Collects the text from a descriptor, and waits for expected text."""
 
     def __init__(self, fd):
         self._fd = fd
         self.seen = ""
 
     def wait(self, pattern, limit=LIMIT):
-        """Reads until `pattern` is found behind what was found last; returns the match."""
+        """Reads until `pattern` is found after the last match. Returns the match."""
         end = time.monotonic() + limit
         while not (found := re.search(pattern, self.seen, re.DOTALL)):
             assert self._more(end), f"no {pattern!r} in {self.seen!r}"
@@ -110,7 +110,7 @@ class Reader:
         assert ready, f"nothing more within the time: {self.seen!r}"
         try:
             piece = os.read(self._fd, 65536)
-        except OSError:  # a terminal that nobody has open any more
+        except OSError:  # no process has the terminal open any more
             piece = b""
         self.seen += piece.decode("utf-8", "replace")
         return piece != b""
@@ -123,7 +123,8 @@ class Running:
         self.output = Reader(self.process.stdout.fileno())
 
     def end(self, number=None):
-        """Its status, after the signal `number` where one is given, and what it complained of."""
+        """Waits for the end, after the signal `number` if one is given. Returns the status and
+        the text of standard error."""
         if number is not None:
             self.process.send_signal(number)
         status = self.process.wait(LIMIT)
@@ -135,7 +136,7 @@ class Running:
 
 
 class Terminal:
-    """A process whose standard descriptors are a terminal that it controls."""
+    """A process whose standard descriptors are its controlling terminal."""
 
     def __init__(self, command, variables):
         self.pid, self.fd = pty.fork()
@@ -147,7 +148,7 @@ class Terminal:
         os.write(self.fd, text.encode())
 
     def end(self):
-        """All that is still shown, and the status."""
+        """The rest of the output, and the status."""
         rest = self.output.rest()
         _, status = os.waitpid(self.pid, 0)
         os.close(self.fd)
@@ -155,7 +156,7 @@ class Terminal:
 
 
 def said(result):
-    """The status, and the one line that was complained of."""
+    """The status, and the one line of standard error."""
     assert result.output == "" and result.errors.count("\n") == 1, result.errors
     return result.status, result.errors.removeprefix("proxymanagerctl: ").rstrip("\n")
 
@@ -171,7 +172,8 @@ def answering(client, web, answer, **options):
     """Makes the daemon answer by a script that gives `answer` for all."""
     web.routes["/p.pac"] = script(answer)
     client.update("pacurl", pacurl=web.url("/p.pac"), **options)
-    # What the daemon takes; an earlier script answers until this one is loaded.
+    # The daemon first takes this configuration; an earlier script answers until the new one is
+    # loaded.
     taken = [piece.strip() for piece in answer.split(";")
              if piece.strip().split(" ")[0] in ("DIRECT", "PROXY", "SOCKS")]
     wait_until(lambda: client.urls("http://ready.example/")[1:] == taken, "the script answers")

@@ -9,7 +9,7 @@ from .bus import ADDRESS, LIMIT, Client, wait_until
 from .threads import of_threads
 
 START_LIMIT = 60.0  # a sanitizer build on a busy machine
-# A download in flight is waited for.
+# The daemon finishes a download in progress before it ends.
 STOP_LIMIT = 60.0
 
 
@@ -72,19 +72,21 @@ class Daemon:
         return status
 
     def stop(self, limit=STOP_LIMIT):
-        """SIGTERM and its status."""
+        """Sends SIGTERM. Returns the exit status."""
         self.signal(signal.SIGTERM)
         return self.wait(limit)
 
     def kill(self):
-        """And waits until the bus has missed it: until then no other daemon gets the name."""
+        """Kills the daemon and waits until the bus has noticed its end: before that, no other
+        daemon gets the name."""
         self.process.kill()
         self.process.wait(LIMIT)
         with Client(self.address) as client:
             wait_until(lambda: client.owner() is None, "the name is free", START_LIMIT)
 
     def close(self):
-        """For fixtures: an orderly end where it still runs, and no sanitizer report either way."""
+        """For fixtures: ends the daemon in an orderly way if it still runs, and checks that there
+        is no sanitizer report."""
         if self.process is None:
             return
         if self.process.poll() is None:
@@ -94,13 +96,14 @@ class Daemon:
         self.errors.close()
 
     def children(self):
-        """Pids of the workers that live: one that has ended may wait for the daemon to take notice."""
+        """Process ids of the running workers. A worker that has ended may still exist until the
+        daemon notices its end."""
         return [pid for text in of_threads(self.pid, "children").values()
                 for pid in map(int, text.split()) if lives(pid)]
 
 
 def lives(pid):
-    """Whether there is such a process, and it has not ended."""
+    """Whether this process exists and has not ended."""
     try:
         with open(f"/proc/{pid}/stat") as stat:
             return stat.read().rpartition(")")[2].split()[0] not in "ZX"
@@ -109,8 +112,8 @@ def lives(pid):
 
 
 def wait_until_none_runs():
-    """A process that the daemon was about to start when it ended at once shares its run file's lock
-    for a moment."""
+    """If the daemon ends at once while it starts a process, that process shares the lock of the
+    run file for a moment."""
     with open("/run/proxymanagerd.pid", "a") as file:
         def is_free():
             try:

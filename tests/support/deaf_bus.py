@@ -10,11 +10,12 @@ from jeepney import HeaderFields, MessageType, Parser, new_error, new_method_ret
 
 from .bus import LIMIT
 
-STANDSTILL = 1.0  # seconds without a byte taken that count as the end of taking
+STANDSTILL = 1.0  # seconds: after this time without a read byte, the guest has stopped reading
 
 
 class DeafBus:
-    """Listens at `path`; `accept` lets the guest in, until it has asked for `last` and has it."""
+    """Listens at `path`. `accept` accepts the guest, and answers it until it has asked for
+    `last`."""
 
     def __init__(self, path="/run/deaf_bus"):
         self.address = f"unix:path={path}"
@@ -55,7 +56,7 @@ class DeafBus:
             lines = said.partition(b"BEGIN\r\n")[0].split(b"\r\n")[:-1]
             for line in lines[answered:]:
                 self.guest.sendall({
-                    b"\0AUTH EXTERNAL": b"DATA",  # who it is follows
+                    b"\0AUTH EXTERNAL": b"DATA",  # the user id follows
                     b"DATA": accepted,
                     b"NEGOTIATE_UNIX_FD": b"ERROR"}.get(line, accepted) + b"\r\n")
             answered = len(lines)
@@ -101,7 +102,8 @@ class DeafBus:
         return asked
 
     def answers(self, count):
-        """Reads again, and gives the bodies of the next `count` replies in their order."""
+        """Starts to read again, and returns the bodies of the next `count` replies in their
+        order."""
         self.guest.settimeout(LIMIT)
         found = []
         while len(found) < count:

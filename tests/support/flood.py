@@ -12,7 +12,7 @@ from jeepney.io.blocking import open_dbus_connection
 
 from .bus import ADDRESS, INTERFACE, NAME, PATH
 
-DEPTH = 128  # calls without an answer that the system bus allows a connection
+DEPTH = 128  # the system bus allows a connection this number of calls without an answer
 
 
 class _Connection:
@@ -32,7 +32,7 @@ class _Connection:
             self.socket.sendall(self.message)
 
     def receive(self):
-        """@return how many answers have come"""
+        """@return the number of answers that have come"""
         self.received += self.socket.recv(65536)
         count = 0
         while len(self.received) >= 16:
@@ -50,7 +50,7 @@ def _flood(user, connections, depth, member, body, ready):
     os.setgid(user)
     os.setuid(user)
     chosen = selectors.DefaultSelector()
-    # All of them first: a bus that is full lets nobody in.
+    # All connections are made first, because a full bus accepts no new ones.
     flooding = [_Connection(member, body) for _ in range(connections)]
     for connection in flooding:
         chosen.register(connection.socket, selectors.EVENT_READ, connection)
@@ -62,7 +62,7 @@ def _flood(user, connections, depth, member, body, ready):
 
 
 class Flood:
-    """Calls of `user` from a process of its own, kept up until the end of the block."""
+    """Sends calls of `user` from a separate process, until the end of the block."""
 
     def __init__(self, user, connections, member, body=(), depth=DEPTH):
         context = multiprocessing.get_context("fork")

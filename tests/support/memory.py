@@ -8,8 +8,8 @@ _FRAME = (1 << 55) - 1  # the bits of a page's number in /proc/PID/pagemap
 
 
 def _frames(pid):
-    """The pages of memory that a process has mapped, by their numbers in the machine. Root's with
-    all rights can see them; for others there are none."""
+    """The page frame numbers of the memory that a process has mapped. Only root with all
+    capabilities can see them; for others the set is empty."""
     found = set()
     with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/pagemap", "rb", buffering=0) as pages:
         for line in maps:
@@ -24,7 +24,7 @@ def _frames(pid):
 
 
 def unshared(bus, *pids):
-    """KiB that these processes would have for themselves if no other program ran than the bus. Other
-    programs, whose pages they share on this machine, do not change it."""
+    """The private memory in KiB that these processes would have if only the bus ran besides them.
+    Other programs of this machine that share pages with them do not change the value."""
     mapped = set().union(*map(_frames, pids))
     return len(mapped - _frames(bus)) * _PAGE // 1024

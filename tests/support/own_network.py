@@ -14,7 +14,8 @@ _SIOCSIFFLAGS, _IFF_UP = 0x8914, 1
 
 @contextlib.contextmanager
 def own_network():
-    """Inside, this thread and what it starts are in it."""
+    """Inside the block, this thread and the processes that it starts are in this network
+    namespace."""
     before = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
     _check(_libc.unshare(CLONE_NEWNET), "unshare (these tests need network namespaces)")
     with socket.socket() as any_socket:

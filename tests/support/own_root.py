@@ -37,7 +37,7 @@ def mount_empty(path, options):
 
 
 def _replace_by_empty(path, options, trees):
-    """An empty folder in place of `path`, but for the trees that lie below it."""
+    """Replaces `path` by an empty folder, except for the trees below it."""
     os.makedirs("/mnt/full", exist_ok=True)
     mount_empty("/mnt/full", options)
     for tree in trees:
@@ -50,15 +50,15 @@ def _replace_by_empty(path, options, trees):
 
 
 def _fill(trees):
-    """Hides no folder before what is taken from it stands in the new one."""
+    """Copies the files of a folder to the new one before it hides the folder."""
     mount_empty("/mnt", "mode=0755")
     try:
         shutil.copytree("/etc", "/mnt/etc", symlinks=True, ignore_dangling_symlinks=True)
     except shutil.Error as error:
-        # The machine may take a file away meanwhile.
+        # Another program may remove a file meanwhile.
         if not all(os.strerror(errno.ENOENT) in why for _, _, why in error.args[0]):
             raise
-    # No test asks the machine's name servers.
+    # So no test asks the machine's name servers.
     with contextlib.suppress(FileNotFoundError):
         os.remove("/mnt/etc/resolv.conf")
     with open("/mnt/etc/resolv.conf", "w") as file:
@@ -82,7 +82,8 @@ def _fill(trees):
 
 @contextlib.contextmanager
 def own_root(*trees):
-    """Inside, this thread and what it starts see the private folders, and the trees as they are."""
+    """Inside the block, this thread and the processes that it starts see the private folders, and
+    the trees without changes."""
     before = os.open("/proc/self/ns/mnt", os.O_RDONLY)
     folder = os.getcwd()
     _check(_libc.unshare(CLONE_NEWNS), "unshare (these tests need mount namespaces)")
@@ -91,7 +92,8 @@ def own_root(*trees):
         _fill(trees)
         yield
     finally:
-        # Threads that still run share the working folder, and a namespace is not left in company.
+        # If other threads still run, they share the working folder with this thread, and then the
+        # kernel does not allow it to leave the namespace.
         _check(_libc.unshare(CLONE_FS), "unshare")
         _check(_libc.setns(before, CLONE_NEWNS), "setns")
         os.close(before)

@@ -14,7 +14,7 @@ _SHARED = ("/run", "/tmp", "/dev", "/proc")
 
 
 class ProgramsRoot:
-    """@param root the folder that programs_root.sh has printed, /root of it"""
+    """@param root the subfolder "root" of the folder that programs_root.sh has printed"""
 
     def __init__(self, root):
         self.path = "/mnt/programs/root"
@@ -31,7 +31,7 @@ class ProgramsRoot:
                 copy.write(source.read())
 
     def trust(self, certificates):
-        """Makes the certificates of a file those that programs trust."""
+        """Makes programs trust the certificates of a file."""
         folder = f"{self.path}/etc/ssl/certs"
         os.makedirs(folder, exist_ok=True)
         shutil.copy(certificates, f"{folder}/ca-certificates.crt")
@@ -54,5 +54,5 @@ class ProgramsRoot:
         return done
 
     def close(self):
-        """With all that is mounted below it."""
+        """Also unmounts everything that is mounted below it."""
         unmount("/mnt/programs")

@@ -1,10 +1,10 @@
 #!/bin/sh
-# Makes a Debian 12 in a folder that is kept, with programs that a test runs in it, and prints the
-# folder. usage: programs_root.sh NAME PACKAGE...
+# Makes a Debian 12 in a folder, with programs that a test runs there, and prints the folder. The
+# folder is kept for the next run. usage: programs_root.sh NAME PACKAGE...
 #
-# For proxies and package managers that are never installed on the machine: some would start services
-# on it. They are taken and verified by apt from the machine's own sources. Several may run at once:
-# one makes the folder, the others wait for it.
+# For proxies and package managers that must not be installed on the machine, because some would
+# start services. apt fetches them from the machine's own sources and verifies them. If the script
+# runs several times at once, one run makes the folder, and the others wait for it.
 #
 # Environment: PROXYMANAGER_UNPACKED, the folder that keeps them
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
@@ -24,20 +24,20 @@ cache=${PROXYMANAGER_UNPACKED:-${XDG_CACHE_HOME:-${HOME:?}/.cache}/proxymanagerd
 key=$({ dpkg --print-architecture && echo "$suite" "$@"; } | sha256sum | cut -c1-12)
 kept_folder "$cache" "$name" "$key"
 
-# This machine's own sources of the suite.
+# The apt sources of this machine for the suite.
 # shellcheck disable=SC2016  # the fields are apt's
 apt-get indextargets --no-release-info --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' \
   'Created-By: Packages' 'Component: main' |
   awk -v suite="$suite" '$2 == suite || $2 == suite "-updates" || $2 == suite "-security" {
     print "deb " $0 }' | sort -u >"$work/sources"
 [ -s "$work/sources" ] || fail "apt on this machine knows no source of $suite: apt-get update"
-# The ways to them that this machine's apt is told.
+# The settings with which this machine's apt reaches these sources.
 apt-config dump --no-empty --format '%f "%v";%n' Acquire | grep roxy >"$work/options" || :
 
 set -- $(printf '%s ' "$@" | sed 's/ $//; s/ /,/g')
 option=
 while read -r line; do option="$option --aptopt='$line'"; done <"$work/options"
-# In a mount namespace of its own: what is left of a failure has nothing mounted below it.
+# This runs in a separate mount namespace, so after a failure nothing stays mounted below the folder.
 eval unshare --mount mmdebstrap --quiet --format=directory --variant=apt --include="$1" "$option" \
   "--aptopt='Acquire::Retries \"3\"'" "$suite" '"$staging/root"' '"$work/sources"' >"$work/log" 2>&1 ||
   fail "it cannot be made: $(tail -n 5 "$work/log")"

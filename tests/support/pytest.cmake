@@ -1,14 +1,15 @@
-# Tests written in Python: each test function is one CTest test, in namespaces of its own.
+# Tests in Python: each test function is one CTest test, which runs in its own namespaces.
 find_program(PROXYMANAGER_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 
-# What Python compiles is kept in the build folder: each test is a process of its own, and compiling
-# pytest's assertions again took a third of a short one. The tree stays clean. Plugins of the machine
-# are not loaded: to look for them takes a fifth of the start, and a test must not depend on them.
+# Python stores its byte code in the build folder. Each test is a separate process, and without
+# this, the compilation of pytest's assertions took a third of a short test. The tree stays clean.
+# pytest loads no plugins of the machine: the search for them takes a fifth of the start, and a test
+# must not depend on them.
 set(PROXYMANAGER_PYTHON_ENVIRONMENT "PYTHONDONTWRITEBYTECODE=;\
 PYTHONPYCACHEPREFIX=${CMAKE_BINARY_DIR}/python;PYTEST_DISABLE_PLUGIN_AUTOLOAD=1")
 
-# proxymanager_python_tests(LABEL OPTIONS...): registers the test_*.py of this folder; those marked
-# slow get that label too. OPTIONS are this folder's own for pytest.
+# proxymanager_python_tests(LABEL OPTIONS...): registers the test_*.py of this folder. Tests with
+# the mark slow also get this label. OPTIONS are options of pytest for this folder.
 function(proxymanager_python_tests label)
   file(GLOB test_files CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/test_*.py")
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${test_files})
@@ -29,7 +30,7 @@ function(proxymanager_python_tests label)
         "${file}::test_${name}")
       set_tests_properties("${test}" PROPERTIES TIMEOUT 900 LABELS "${labels}"
         SKIP_RETURN_CODE 77 ENVIRONMENT "${PROXYMANAGER_PYTHON_ENVIRONMENT}")
-      # Slow tests mostly wait: they begin first, and others fill the time.
+      # Slow tests mostly wait. So they start first, and other tests run meanwhile.
       if("slow" IN_LIST labels)
         set_tests_properties("${test}" PROPERTIES COST 100)
       endif()

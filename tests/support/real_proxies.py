@@ -22,7 +22,7 @@ SOCKS_PROXY = "127.0.0.9:1080"
 PASSWORD_PROXY = "127.0.0.10:8888"
 PASSWORD_SOCKS_PROXY = "127.0.0.11:1080"
 USER, PASSWORD = "user", "secret"
-# The ways, by the address that the server sees.
+# The way that a request took, by the client address that the server sees.
 DIRECT, HTTP, SOCKS = "directly", "by HTTP", "by SOCKS"
 PASSWORD_HTTP, PASSWORD_SOCKS = "by HTTP with a password", "by SOCKS with a password"
 _WAYS = {"127.0.0.1": DIRECT, "127.0.0.8": HTTP, "127.0.0.9": SOCKS, "127.0.0.10": PASSWORD_HTTP,
@@ -77,7 +77,7 @@ def _make_pages(ways):
 
 
 def _make_certificate():
-    """One that this test's /etc trusts."""
+    """A certificate that programs trust in this test's /etc."""
     _run("openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
          "-nodes", "-days", "30", "-subj", f"/CN={SITE}", "-addext", f"subjectAltName=DNS:{SITE}",
          "-keyout", "/run/site.key", "-out", "/run/site.pem")
@@ -86,21 +86,22 @@ def _make_certificate():
 
 
 def _listens(endpoint):
-    """Whether somebody does, in this network."""
+    """Whether a program in this network listens there."""
     address, port = endpoint.split(":")
-    # As /proc/net/tcp has it: the address's bytes from last to first, state 0A.
+    # The form of /proc/net/tcp: the bytes of the address from last to first, and state 0A.
     local = "".join(f"{int(part):02X}" for part in reversed(address.split("."))) + f":{int(port):04X}"
     with open("/proc/thread-self/net/tcp") as table:
         return any(line.split()[1] == local and line.split()[3] == "0A" for line in table)
 
 
 class RealProxies:
-    """Server and proxies, from the start to close()."""
+    """A server and proxies. They run until close()."""
 
     def __init__(self, ways=(), locations=""):
-        """@param ways further ones, by the address of each @param locations of the server's configuration"""
-        # Who looks a name up for one family of addresses gets none where the machine has no address
-        # of it but loopback.
+        """@param ways further ways, by their addresses @param locations text for the server's
+        configuration"""
+        # A lookup for one address family returns no address if the machine has only loopback
+        # addresses of this family.
         _run("ip", "address", "add", "192.0.2.1/32", "dev", "lo")
         hosts(**{SITE: SITE_ADDRESS, "wpad.example.test": "127.0.0.1"})
         _make_certificate()
@@ -138,11 +139,12 @@ class RealProxies:
         self._start(endpoint, "microsocks", "-i", address, "-p", port, "-b", address, *options)
 
     def has_been_asked_by(self, program):
-        """Whether the server has seen a request of the program; of git it sees curl's library."""
+        """Whether the server has seen a request of the program. For git, it sees the name of
+        libcurl."""
         self._marks += 1
         mark = f"/mark{self._marks}"
-        # The server is one process that says a request when it is done with it, so what came before
-        # this one is said before it.
+        # The server is one process, and logs each request when it has answered it. So all earlier
+        # requests are in the log before this one.
         with socket.create_connection((SITE_ADDRESS, 80), 60) as connection:
             connection.sendall(f"GET {mark} HTTP/1.0\r\n\r\n".encode())
             while connection.recv(65536):
@@ -151,20 +153,20 @@ class RealProxies:
         return f'"{program}/' in _read("/run/nginx.access")
 
     def close(self):
-        for process in self._running:  # each is one process, and has nothing to put in order
+        for process in self._running:  # each is one process, which can be killed at any time
             process.kill()
             process.wait()
 
 
 def by_script(client, web, answer):
-    """Has the daemon answer as the script at an address does, by `web` on port 80."""
+    """Makes the daemon answer by the script at an address. `web` serves it on port 80."""
     web.routes["/proxy.pac"] = script(answer)
     client.update("pacurl", pacurl="http://127.0.0.1/proxy.pac")
     _wait_for(client, "pacurl", answer)
 
 
 def by_network(client, web, syslog, answer):
-    """Has the daemon answer as the script does that a search domain leads to."""
+    """Makes the daemon answer by the script that it finds through a search domain."""
     web.routes["/wpad.dat"] = script(answer)
     append_and_settle("/tmp/.resolv.conf.dnsmasq", "search example.test\n", syslog)
     client.update("wpad")

@@ -12,7 +12,8 @@ PORT = 3128
 
 
 class Relay:
-    """In a network of its own the usual port is free. `configuration` is the text of relay.conf."""
+    """The relay for a test. In the test's own network, the usual port is free. `configuration` is
+    the text of relay.conf."""
 
     def __init__(self, build, configuration="", listen=("127.0.0.1:3128",), environment=None):
         self.path = os.path.join(build, "out", "libexec", "proxymanager-relay")
@@ -30,7 +31,7 @@ class Relay:
             file.write(text)
 
     def launch(self, *more):
-        """Starts the program and does not wait for its port."""
+        """Starts the program without waiting for its port."""
         command = [self.path, f"--config={CONFIGURATION}", *(f"--listen={at}" for at in self.listen)]
         self.process = subprocess.Popen([*command, *more], env=self.environment,
                                         stdin=subprocess.DEVNULL)
@@ -43,9 +44,9 @@ class Relay:
         return self
 
     def listens(self):
-        """Whether its first address serves. The kernel takes connections before the relay has raised
-        its walls and its signals' handlers, so an answer is waited for, or the end of a connection
-        that is refused."""
+        """Whether the relay serves at its first address. The kernel accepts connections before
+        the relay has raised its walls and set its signal handlers. So this waits for an answer,
+        or for the end of a refused connection."""
         try:
             with self.connect() as connection:
                 connection.sendall(b"GET /style.css HTTP/1.0\r\nHost: localhost\r\n\r\n")

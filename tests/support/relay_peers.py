@@ -34,7 +34,8 @@ class Server:
 
 
 def read_head(connection):
-    """The next head, byte by byte, so that nothing behind it is taken; empty at the end."""
+    """Reads the next head byte by byte, so that it reads nothing after the head. It is empty at
+    the end of the connection."""
     head = b""
     while not head.endswith(b"\r\n\r\n"):
         byte = connection.recv(1)
@@ -68,7 +69,7 @@ def reset(connection):
 
 
 def splice(left, right):
-    """Copies until both have ended."""
+    """Copies in both directions until both sides have ended."""
     def copy(source, target):
         with contextlib.suppress(OSError):
             while data := source.recv(65536):
@@ -82,7 +83,7 @@ def splice(left, right):
 
 
 class Origin:
-    """Answers each request with its head and body, and keeps the connection."""
+    """Answers each request with the request's own head and body, and keeps the connection."""
 
     def __init__(self, address="127.0.0.1", port=0, body=None):
         self.heads = []
@@ -106,9 +107,9 @@ class Origin:
 
 
 class Proxy:
-    """An HTTP proxy. `connect` and `get` are what it sends instead of serving; "" closes, None
-    serves, "silent" does nothing, "reset" ends with a reset; a function gives one of these for a
-    head."""
+    """An HTTP proxy. `connect` and `get` are the texts that it sends as answers. Special values:
+    None serves the request, "" closes the connection, "silent" does nothing, "reset" ends the
+    connection with a reset. A function gets the head and returns one of these values."""
 
     def __init__(self, connect=None, get=None):
         self.heads = []
@@ -174,7 +175,7 @@ class Proxy:
 
 
 class DeadProxy:
-    """Nobody listens at its port, and nobody else gets the port before close()."""
+    """A port at which nobody listens. No other program gets the port before close()."""
 
     connections = 0
 
@@ -191,7 +192,8 @@ def status(code, text="No", fields=""):
 
 
 class SocksProxy:
-    """SOCKS 5 and 4a without authentication. `reply` is a number to answer with instead."""
+    """A SOCKS 5 and 4a proxy without authentication. If `reply` is a number, it answers with this
+    reply code instead of serving."""
 
     def __init__(self, versions=(4, 5), reply=None):
         self.names = []

@@ -13,7 +13,7 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 
 def answers(client, web, answer):
-    """The daemon has a script that gives `answer` for all."""
+    """Gives the daemon a script that returns `answer` for all URLs."""
     web.routes["/proxy.pac"] = script(answer)
     client.update("pacurl", pacurl=web.url("/proxy.pac"))
     entries = [entry.strip() for entry in answer.split(";")]
@@ -21,7 +21,7 @@ def answers(client, web, answer):
 
 
 def get(relay, url, fields="", method="GET", body=b""):
-    """One request in absolute form: status and the rest of the answer."""
+    """Sends one request in absolute form. Returns the status and the rest of the answer."""
     with relay.connect() as connection:
         connection.sendall(f"{method} {url} HTTP/1.1\r\nHost: x\r\nConnection: close\r\n{fields}\r\n"
                            .encode() + body)
@@ -31,7 +31,7 @@ def get(relay, url, fields="", method="GET", body=b""):
 
 @contextlib.contextmanager
 def tunnel(relay, authority):
-    """The status of a CONNECT, and the connection."""
+    """Sends a CONNECT. Returns the status and the connection."""
     with relay.connect() as connection:
         connection.sendall(f"CONNECT {authority} HTTP/1.1\r\nHost: {authority}\r\n\r\n".encode())
         head = read_head(connection)
@@ -48,7 +48,7 @@ def through_tunnel(relay, port):
 
 @contextlib.contextmanager
 def as_user(user):
-    """Sockets that this thread makes belong to the user."""
+    """Inside the block, sockets that this thread makes belong to the user."""
     _libc.setfsuid(user)
     try:
         yield

@@ -16,7 +16,8 @@ NAME = "com.zentu.ProxyManagerSettings"
 
 
 class SettingsService:
-    """Started with this test's bus and files. Without a port its scripts go to a free one."""
+    """The settings service, with this test's bus and files. If no port is given, it serves
+    scripts at a free port."""
 
     def __init__(self, build, port=850, environment=None):
         self.path = os.path.join(build, "out", "libexec", "proxymanager-settings")
@@ -53,8 +54,8 @@ class SettingsService:
         assert self.process.wait(LIMIT) == 0
 
     def next_timer(self):
-        """Seconds until its event loop wakes by itself, or None. While a call waits for the daemon, that
-        is the call's limit."""
+        """The seconds until a timer wakes the service's event loop, or None. While a call to the
+        daemon is in progress, this is the time limit of the call."""
         folder = f"/proc/{self.process.pid}/fdinfo"
         for name in os.listdir(folder):
             with open(f"{folder}/{name}") as file:
@@ -70,7 +71,7 @@ class SettingsService:
 
 
 def write_settings(text, name="settings.conf", mode=0o644):
-    """As an editor does: a new file, renamed over the old one."""
+    """Writes a file like an editor: makes a new file and renames it to the old name."""
     path = os.path.join(FOLDER, name)
     os.makedirs(os.path.dirname(path), exist_ok=True)
     with open(path + ".new", "w") as file:
@@ -91,7 +92,7 @@ class NetworkManager:
         if user == 0:
             self.connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
             return
-        os.setresuid(user, user, 0)  # the bus takes the user from the socket
+        os.setresuid(user, user, 0)  # the bus reads the user from the socket
         try:
             self.connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
         finally:
@@ -119,20 +120,21 @@ class NetworkManager:
                 (dictionary,))
 
     def create(self, **entries):
-        """Method="auto", Interface="eth0" ...; a list is an array of strings."""
+        """Pushes a configuration: Method="auto", Interface="eth0" ...; a list becomes an array of
+        strings."""
         return self.call(*self.creation(entries))
 
     def push(self, **entries):
-        """The same, without waiting for the reply."""
+        """Like the function above, but does not wait for the reply."""
         self.connection.send(self.message(*self.creation(entries)))
 
     def ask(self, url, host=""):
-        """FindProxyForURL, without waiting for the reply."""
+        """Calls FindProxyForURL without waiting for the reply."""
         self.connection.send(self.message("/org/pacrunner/client", "org.pacrunner.Client",
                                           "FindProxyForURL", "ss", (url, host)))
 
     def replies(self, count):
-        """The next replies, as messages."""
+        """The next replies, as message objects."""
         found = []
         while len(found) < count:
             message = self.connection.receive(timeout=LIMIT)
@@ -141,7 +143,7 @@ class NetworkManager:
         return found
 
     def ask_state(self):
-        """GetState, without waiting for the reply."""
+        """Calls GetState without waiting for the reply."""
         address = DBusAddress("/com/zentu/ProxyManagerSettings", bus_name=NAME, interface=NAME)
         self.connection.send(new_method_call(address, "GetState"))
 

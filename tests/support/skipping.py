@@ -4,12 +4,13 @@ import os
 
 import pytest
 
-SKIPPED = 77  # CTest's number for a test that could not be made
+SKIPPED = 77  # the exit status with which CTest reports a test as skipped
 
 
 def refuse_or_skip(trouble):
-    """Ends the run if this machine lacks what the tests of a folder need: as failed if everything is
-    to be tested (CI is set), else as skipped. `trouble` is the reason; None or "" if nothing lacks."""
+    """Ends the run if this machine cannot run the tests of a folder. The run is failed if CI is
+    set, because then everything must be tested; else it is skipped. `trouble` is the reason; it
+    is None or "" if the machine can run the tests."""
     if trouble:
         required = os.environ.get("CI", "") not in ("", "0", "false")
         pytest.exit(trouble, returncode=1 if required else SKIPPED)

@@ -12,13 +12,13 @@ HOLD = "no answer"
 
 
 class StandIn:
-    """Has the daemon's name on the bus and answers calls with what the test gives: a signature and a
-    body, the name of an error, or HOLD; a list has one after the other. It ends at a call that it
-    has nothing for."""
+    """Owns the daemon's name on the bus, and answers calls with the replies that the test gives:
+    a signature and a body, the name of an error, or HOLD (no reply). A list has the replies of
+    consecutive calls. If there is no reply for a call, the stand-in ends."""
 
     def __init__(self, replies, name=NAME):
         self.held = threading.Event()
-        self.calls = []  # the members and flags of all calls, in their order
+        self.calls = []  # member and flags of each call, in their order
         self._connection = open_dbus_connection(ADDRESS, auth_timeout=LIMIT)
         reply = self._connection.send_and_get_reply(message_bus.RequestName(name))
         assert reply.body == (1,)

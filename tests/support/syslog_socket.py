@@ -7,7 +7,7 @@ import threading
 
 ERR, WARNING, NOTICE, INFO, DEBUG = 3, 4, 5, 6, 7
 _LINE = re.compile(rb"<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)\[(\d+)\]: (.*)", re.DOTALL)
-LIMIT = 60.0  # seconds any line is waited for
+LIMIT = 60.0  # seconds to wait for a line
 
 
 class Line(tuple):
@@ -73,14 +73,15 @@ class Syslog:
         self._socket.close()
 
     def hold(self):
-        """Reads one datagram more at most, until go_on(). A program that logs more waits."""
+        """From now until go_on(), reads at most one more datagram. A program that logs more has
+        to wait."""
         self._reads.clear()
 
     def go_on(self):
         self._reads.set()
 
     def takes_no_more(self):
-        """Whether a program that logs a line now waits."""
+        """Whether a program would have to wait if it logged a line now."""
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.setblocking(False)
             sender.connect(self.path)
@@ -91,7 +92,7 @@ class Syslog:
         return False
 
     def drain(self):
-        """Waits until everything that was said before this call has been read."""
+        """Waits until everything that was logged before this call has been read."""
         mark = b"DRAINED " + os.urandom(8).hex().encode()
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
             sender.connect(self.path)
@@ -100,7 +101,7 @@ class Syslog:
             assert self._said.wait_for(lambda: mark in self._drained, LIMIT), "the log stands still"
 
     def lines(self):
-        """What has been said until now."""
+        """The texts that have been logged until now."""
         self.drain()
         with self._said:
             return list(self._lines)
@@ -112,7 +113,8 @@ class Syslog:
         return [line.text for line in self.lines()]
 
     def clear(self):
-        """Forgets what was logged before this call, also what has not been read yet."""
+        """Drops the lines that were logged before this call, also those that have not been read
+        yet."""
         self.drain()
         with self._said:
             self._lines.clear()
@@ -121,7 +123,7 @@ class Syslog:
         return self.lines().count((level, text))
 
     def wait(self, level, text, times=1, limit=LIMIT):
-        """Waits until the line has been said `times` times."""
+        """Waits until the line has been logged `times` times."""
         with self._said:
             found = self._said.wait_for(
                 lambda: self._lines.count((level, text)) >= times, limit)
@@ -129,7 +131,7 @@ class Syslog:
                            + "\n".join(map(repr, self._lines[-60:])))
 
     def wait_match(self, level, pattern, times=1, limit=LIMIT):
-        """Waits until `times` lines of `level` match the regular expression whole."""
+        """Waits until the regular expression matches `times` whole lines of `level`."""
         expression = re.compile(pattern, re.DOTALL)
         matching = lambda: [line for line in self._lines
                             if line.level == level and expression.fullmatch(line.text)]
@@ -140,7 +142,7 @@ class Syslog:
             return matching()[-1]
 
     def expect_in_order(self, *expected):
-        """The lines were said in this order, others between them."""
+        """Asserts that the lines were logged in this order. Other lines may be between them."""
         remaining = iter(self.lines())
         for line in expected:
             assert any(tuple(said) == tuple(line) for said in remaining), (

@@ -16,7 +16,7 @@ UNIT = "/org/freedesktop/systemd1/unit/proxymanagerd_2eservice"
 class Systemd:
     def __init__(self):
         self.statuses = []
-        self.process = None  # of the unit; others have none
+        self.process = None  # the main process; only the object of the unit has one
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind(SOCKET)
         self.environment = {"NOTIFY_SOCKET": SOCKET}
@@ -37,7 +37,7 @@ class Systemd:
             try:
                 call = self._connection.receive()
             except OSError:
-                return  # the bus has gone
+                return  # the bus has ended
             if call.header.message_type != MessageType.method_call:
                 continue
             known = {("GetUnitByPID", (self.process,)): ("o", (UNIT,)),
@@ -49,6 +49,6 @@ class Systemd:
                 new_error(call, "org.freedesktop.systemd1.NoUnitForPID", "s", ("no unit",)))
 
     def wait_for(self, fits, what):
-        """@return the first status that fits"""
+        """@return the first status that matches"""
         wait_until(lambda: any(map(fits, self.statuses)), what)
         return next(filter(fits, self.statuses))

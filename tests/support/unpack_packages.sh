@@ -1,11 +1,12 @@
 #!/bin/sh
-# Unpacks Debian packages, without what they depend on, into a folder that is kept, and prints it.
+# Unpacks Debian packages, without their dependencies, into a folder, and prints the folder. The
+# folder is kept for the next run.
 # usage: unpack_packages.sh NAME PACKAGE...
 #
-# For programs that a test looks at and no machine needs: installed, they would bring a desktop's
-# worth of packages with services of their own, and proxy resolvers that the tests are not to meet.
-# They are taken and verified by apt from the machine's own sources. Runs several at once: one
-# unpacks, the others wait for it.
+# For programs that only a test needs. If they were installed, they would bring many packages of a
+# desktop with services, and other proxy resolvers, which would disturb the tests. apt fetches the
+# packages from the machine's own sources and verifies them. If the script runs several times at
+# once, one run unpacks, and the others wait for it.
 #
 # Environment: PROXYMANAGER_UNPACKED, the folder that keeps them
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
@@ -28,7 +29,7 @@ folder_for_apt "$work/packages"
 download() {
   (cd "$work/packages" && apt-get -q -o Acquire::Retries=3 download "$@") >"$work/log" 2>&1
 }
-# Lists that are old name packages that have gone.
+# Old package lists name packages that do not exist any more.
 download "$@" || { apt-get -q update >>"$work/log" 2>&1 && download "$@"; } ||
   fail "apt does not give $*: $(cat "$work/log")"
 for package in "$work"/packages/*.deb; do

@@ -17,11 +17,11 @@ class WallClock:
                             "WALL_CLOCK": path}
 
     def jump(self, seconds):
-        """Sets it that many seconds after the machine's."""
+        """Sets the clock this number of seconds after the machine's clock."""
         struct.pack_into("=q", self._shared, 0, seconds)
 
     def readings(self):
-        """How often the daemon has looked at it."""
+        """How often the daemon has read the clock."""
         return struct.unpack_from("=q", self._shared, 8)[0]
 
     def close(self):

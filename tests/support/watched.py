@@ -15,15 +15,16 @@ def _bytes_read(syslog):
 
 
 def _waits_again(syslog):
-    """Whether what was read last has had its effect: the thread has gone back to its wait."""
+    """Whether the daemon has handled the event that it read last: then the thread waits again."""
     of_the_thread = [text for text in syslog.texts() if _READ.fullmatch(text)
                      or text.startswith("PACFetcher-wait_for_changes ")]
     return of_the_thread and not _READ.fullmatch(of_the_thread[-1])
 
 
 def append_and_settle(path, text, syslog):
-    """Appends `text` and waits until the daemon has read both events of that, the change and the
-    closing: one that it reads later would, in a mode with a script, request one fetch more."""
+    """Appends `text` and waits until the daemon has read both events of this, the change and the
+    closing. If it read one of them later, in a mode with a script, it would request one more
+    fetch."""
     syslog.wait_match(INFO, r"PACFetcher-wait_for_changes fd:\d+, interval:1800")
     before = _bytes_read(syslog)
     file = os.open(path, os.O_WRONLY | os.O_APPEND)

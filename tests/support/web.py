@@ -16,7 +16,7 @@ def response(body=b"", status="200 OK", headers=(), length=True):
 
 
 def script(answer):
-    """A PAC script that gives one answer for all."""
+    """A PAC script that gives one answer for all URLs."""
     return f'function FindProxyForURL(url, host) {{ return "{answer}"; }}\n'
 
 
@@ -67,7 +67,7 @@ class Web:
             else:
                 connection.sendall(response(route) if isinstance(route, str) else route)
         except OSError:
-            pass  # the client has its reasons to hang up
+            pass  # a client may close the connection at any time
 
     def paths(self):
         with self._seen:
@@ -86,7 +86,7 @@ class Web:
 
 
 class Held:
-    """A route that keeps its answer back until release()."""
+    """A route that does not answer before release()."""
 
     def __init__(self, body):
         self.body = body

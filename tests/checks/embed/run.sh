@@ -1,12 +1,12 @@
 #!/usr/bin/env bash
-# Runs the other project's program: as it was built, and installed to a prefix of its own with the
-# programs that the library starts.
+# Runs the program of the other project: first as it was built, then installed to a separate prefix
+# together with the programs that the library starts.
 # usage: run.sh BUILD   (the folder in which the program was built)
 set -euo pipefail
 build=$1
 unset http_proxy all_proxy ALL_PROXY
 
-# downloads_by PROGRAM FETCH: the program downloads, by that fetch process.
+# downloads_by PROGRAM FETCH: checks that the program downloads with that fetch process.
 downloads_by() {
   local said
   said=$("$1")

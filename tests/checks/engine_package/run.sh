@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The distribution's package of the engine is taken if it is recent enough, else the source.
+# The build uses the distribution's package of the engine if it is recent enough, else the source.
 #
 # usage: run.sh CMAKE OBJDUMP FOLDER HEADER LIBRARY: the engine of this build stands in for a package,
 # under the names that Debian's libqjs-dev has.
@@ -14,7 +14,7 @@ fail() {
   exit 1
 }
 
-# The rule in a tree of its own, which contains the engine's source as a release tarball does.
+# The rule runs in a separate tree. This tree contains the engine's source, like a release tarball.
 rm -rf "$folder"
 mkdir -p "$folder"/{cmake,packaging/quickjs,package/{pkgconfig,include/qjs}}
 cp "$tree/cmake/quickjs.cmake" "$folder/cmake"
@@ -22,7 +22,7 @@ ln -s "$source" "$folder/packaging/quickjs/source"
 cp "$header" "$folder/package/include/qjs"
 cp "$library" "$folder/package/libqjs.a"
 
-# chosen VERSION [OPTION...]: what the rule prints if a package of this version is installed.
+# chosen VERSION [OPTION...]: prints the output of the rule if a package of this version is installed.
 chosen() {
   cat >"$folder/package/pkgconfig/qjs.pc" <<EOF
 Name: quickjs-ng
