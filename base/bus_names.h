@@ -1,4 +1,4 @@
-// The names under which the daemon and its settings service are found on the bus.
+// The bus names of the daemon and of its settings service.
 #pragma once
 
 namespace base {

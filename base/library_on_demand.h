@@ -15,9 +15,9 @@
 
 namespace on_demand {
 
-/// Maps `name` and never unmaps it: a thread that a library started, for example to resolve a host,
-/// may outlive the call that caused its start. @return null, with one LOG_ERR line, if it cannot be
-/// mapped
+/// Maps `name` and never unmaps it. A library may start a thread, for example to resolve a host,
+/// and this thread may still run after the call that started it. @return null, with one LOG_ERR
+/// line, if it cannot be mapped
 inline void* mapLibrary(const char* name) {
   void* const library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) logLine(LOG_ERR, "on_demand: no %s: %s", name, dlerror());

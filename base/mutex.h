@@ -44,8 +44,8 @@ class PM_CAPABILITY("mutex") RecursiveMutex : public std::recursive_mutex {
 };
 
 /// Holds a mutex for a scope, known to the analysis. A condition variable waits with `native()`.
-/// When that wait returns, the mutex is held again, so the analysis does not have to know of the
-/// wait.
+/// When that wait returns, the mutex is held again, so the wait is correct even though the analysis
+/// does not see it.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Lock {
  public:

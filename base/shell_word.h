@@ -6,9 +6,8 @@
 
 namespace base {
 
-/// `text` between single quotes: one word from which a POSIX shell reads back the same text. A
-/// single quote in the text becomes '\''. A NUL, which no word of a shell can hold, is left in
-/// place.
+/// `text` between single quotes. A POSIX shell reads this word as the same text. A single quote in
+/// the text becomes '\''. A NUL is kept, although a shell word cannot contain it.
 inline std::string shellWord(std::string_view text) {
   std::string word = "'";
   for (const char c : text) {

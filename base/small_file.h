@@ -27,8 +27,8 @@ struct FileDemands {
   /// Whether a symbolic link at the end of the path is followed. Use it only for files in trusted
   /// folders. Links before the end of the path are followed in any case.
   bool followsLink = false;
-  /// Whether a file with a second name (hard link) is accepted. In a shared folder any user can
-  /// give a file of root a second name, unless the kernel forbids it (fs.protected_hardlinks).
+  /// Whether a file with a second name (hard link) is accepted. In a shared folder, any user can
+  /// make a second name for a file of root, unless the kernel forbids it (fs.protected_hardlinks).
   bool acceptsSecondName = false;
 };
 

@@ -1,4 +1,4 @@
-// Text from outside in a form that is safe for a log line or a terminal.
+// Converts text from outside to a form that is safe in a log line or on a terminal.
 #pragma once
 
 #include <string>

@@ -19,7 +19,7 @@ inline void wipe(char* text) noexcept {
 /// Overwrites the whole capacity of `text`, and empties it. When `text` grew or was moved, it may
 /// have left copies in memory. These copies are not overwritten.
 inline void wipe(std::string& text) noexcept {
-  text.resize(text.capacity());  // also wipes the part behind the end; allocates nothing
+  text.resize(text.capacity());  // also wipes the part after the end; allocates nothing
   wipe(text.data(), text.size());
   text.clear();
 }

@@ -1,6 +1,6 @@
 // The cost of the separate process for a script. The same question is asked through the library,
-// and asked directly of the same engine in this process. Also measured: the time of loading, and
-// the memory of the worker.
+// and asked directly of the same engine in this process. The benchmark also measures the time of
+// loading and the memory of the worker.
 //
 // "OneCpu" binds this process, and with it the worker, to one CPU. With "AnyCpu", the scheduler
 // chooses the CPUs. The counter private_KB is the memory that the worker does not share with other

@@ -12,10 +12,11 @@ std::string trivialScript();
 /// No rule matches the hosts that the benchmarks ask about.
 std::string rulesScript(int rules);
 
-/// A list of domains that is searched from its beginning to its end, as older scripts do.
+/// A script with a list of domains. Like older scripts, it searches the list from its beginning to
+/// its end.
 std::string linearListScript(int domains);
 
-/// The domains as the properties of an object, looked up label by label.
+/// A script with an object whose properties are the domains. It looks up a host label by label.
 std::string hashScript(int domains);
 
 /// A script with newer parts of the language: const, arrow functions, templates, destructuring,

@@ -2,8 +2,8 @@
 //
 // A call that a script answers takes up to 5.25 s, and the bus thread serves one call at a time. So
 // each connection has a queue of waiting calls, and this class decides whose call is next. Within a
-// connection, calls keep their order of arrival. The first call of each connection competes with
-// the first calls of the others:
+// connection, calls keep their order of arrival. The next call is chosen from the first calls of
+// all connections, in this order:
 //
 // 1. calls that need no script, from root and from the service's own user;
 // 2. calls that need no script, from all other users;

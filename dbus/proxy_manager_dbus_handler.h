@@ -81,7 +81,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   bool answerWithoutService(const DBus::CallMessage& call) noexcept;
   ProxyManagerServiceImpl* service() const PM_REQUIRES(mServiceMutex);
 
-  // Held during a call, so that detachService() waits for the call in progress.
+  // Held during a call, so that detachService() waits until the call has ended.
   Mutex mServiceMutex;
   ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
   std::atomic<bool> mRefusesCalls{false};

@@ -157,7 +157,8 @@ void WaitingCalls::askForUsers() {
   }
 }
 
-// One rule for all connections, because the bus limits the number of rules of a connection.
+// Adds or removes one match rule for all connections. There is only one, because the bus limits the
+// number of rules of a connection.
 void WaitingCalls::watch(bool on) {
   if (on == mWatches) return;
   mWatches = on;

@@ -1,4 +1,4 @@
-// The calls that were taken from the bus and wait for their turn.
+// The calls that were read from the bus and wait until they are served.
 //
 // The bus delivers all calls in one stream, so a call can overtake others only after it has been
 // read. Therefore the bus thread first reads all messages and then serves one call, in the order of
@@ -7,8 +7,8 @@
 // messages that it already holds for this connection. No call is served until that answer arrives
 // or kReadLimit is over. So an administrator's call is found even behind thousands of other calls.
 // The thread also waits once for the bus's answers to its questions about users. Without these
-// answers, each connection of a flood would count as a user of its own, and all of them would get a
-// turn before a new user.
+// answers, each connection of a flood would count as a separate user, and all of them would be
+// served before a new user.
 //
 // A question beyond the bounds of CallOrder is refused. After an evaluation that took a second or
 // more, refused calls are kept while other calls are read. They are answered after the calls of

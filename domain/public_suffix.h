@@ -16,9 +16,9 @@
 /// - names with a dot: "co.uk", "github.io" and "foo.kobe.jp" are public suffixes; "example.com",
 ///   "city.kobe.jp" and "corp.lan" are not;
 /// - single labels: "com" (a rule) and "uk" (the parent of a wildcard) are public suffixes. "lan"
-///   is not. "search" and "xyz" are not either, because they are newer than the built-in list. A
-///   search domain of a single label is the network's own choice. If a caller shortens a longer
-///   name, it must itself stop before the last label;
+///   is not. "search" and "xyz" are no public suffixes either, because they are newer than the
+///   built-in list. A search domain of a single label is the network's own choice. If a caller
+///   shortens a longer name, it must itself stop before the last label;
 /// - the empty name is no public suffix.
 ///
 /// Any thread; never fails; logs nothing.

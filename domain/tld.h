@@ -18,7 +18,7 @@
 unsigned tldhash(const char* text);
 
 /// @param text NUL-terminated, not null
-/// @return 1 if the table holds a rule equal to `text` ignoring ASCII case, else 0
+/// @return 1 if the table has a rule that equals `text` (ASCII letter case is ignored), else 0
 int isInTldArray(const char* text);
 
 /// @return non-zero if `name` counts as a public suffix. There are two cases. First: `name` equals

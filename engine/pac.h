@@ -52,8 +52,8 @@ void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_r
  *  @param url the script sees it without user, password and fragment, and for https and wss without
  *  path and query
  *  @param host passed to the script unchanged
- *  @param result receives a heap text, to be released with free(), or null if there is no
- *         answer */
+ *  @param result receives a heap text, which the caller releases with free(), or null if there is
+ *         no answer */
 void pac_find_proxy_sync_n(struct pac* engine, const char* url, const char* host, char** result);
 
 /** Evaluates, on the calling thread, the questions that were queued with pac_find_proxy before this

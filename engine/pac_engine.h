@@ -2,11 +2,12 @@
 // callers (proxymanagerctl and tests) get the reason for a refusal and may set clock, zone, names
 // and addresses.
 //
-// A script never runs in this process. Engine starts `proxymanager-pac-worker`, hands it the script
-// in a sealed memory file, asks it over a socket pair, and answers its name lookups on the calling
-// thread while it waits. A worker that does not answer in time is killed. If a worker dies for any
-// reason, the question in progress has no answer. The next question starts a new worker; the start
-// is part of that question's 5 s. The library has no threads.
+// A script never runs in this process. Engine starts `proxymanager-pac-worker`, passes it the
+// script in a sealed memory file, and asks it over a socket pair. While Engine waits for an answer,
+// it does the worker's name lookups on the calling thread. A worker that does not answer in time is
+// killed. If a worker dies for any reason, the question in progress has no answer. The next
+// question starts a new worker; the start is part of that question's 5 s. The library has no
+// threads.
 #pragma once
 
 #include <sys/types.h>

@@ -18,7 +18,7 @@ namespace fetcher {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
-/// The path of the program: `proxymanager-fetch` in the libexec folder beside the folder of the
+/// The path of the program: `proxymanager-fetch` in the libexec folder next to the folder of the
 /// running program. If the program is not there, the result is the path at which the build installs
 /// it.
 std::string fetchProgram();
@@ -41,7 +41,7 @@ class FetchProcess {
   /// Waits for the child's first packet. @return nothing if something else came, see failure()
   std::optional<FetchReady> receiveReady(Deadline deadline);
 
-  /// Waits for the child's one result and for its end. @return nothing if it failed, see failure()
+  /// Waits for the child's result and then for its end. @return nothing if it failed, see failure()
   std::optional<FetchResult> receiveResult(Deadline deadline);
 
   enum class Failure : std::uint8_t {

@@ -73,8 +73,8 @@ class PACFetcher {
   /// and five redirects. A URL of another scheme counts as a failed transfer. A new file replaces
   /// the file at `targetFile`. The function keeps no state; two threads must not call it at the
   /// same time.
-  /// @return whether the transfer succeeded, whatever the HTTP status; the body is then in the
-  ///         file. Else the file is removed.
+  /// @return whether the transfer succeeded, with any HTTP status; the body is then in the file.
+  ///         Else the file is removed.
   static bool fileDownload(const std::string& url, const std::string& targetFile);
 
   /// Whether a line of the file contains "FindProxyForURL". False if the file cannot be read.

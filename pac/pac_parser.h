@@ -1,6 +1,6 @@
 // The current PAC script, the engine that runs it, and the answers of the script.
 //
-// Each time the fetcher has put a file in place, the parser reads the script again and rebuilds the
+// Each time the fetcher has installed a file, the parser reads the script again and makes a new
 // engine. It empties the cache only if the script's digest has changed. If the cache has the host
 // of a query, the answer comes from the cache. Otherwise the engine evaluates the query on the
 // caller's thread. The parser's own thread evaluates only the questions that asynchronous queries
@@ -61,9 +61,9 @@ class PacParser {
   bool stop();
 
   /// Reads the script and makes a new engine with it. If the file cannot be read, the old engine
-  /// stays. If the script is refused, there is no engine. One thread at a time. Waits for the
-  /// holders of shareAnswers(), for a query in the engine (5 s at most) and for the script to load
-  /// (5 s at most).
+  /// stays. If the script is refused, there is no engine. One thread at a time. Waits until no
+  /// thread holds shareAnswers(), for a query in the engine (5 s at most), and for the load of the
+  /// script (5 s at most).
   /// @return 0
   int parsePacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 

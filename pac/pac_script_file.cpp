@@ -1,4 +1,4 @@
-// Reads the script's file, checks whether the script has changed, and rebuilds the engine.
+// Reads the script's file, checks whether the script has changed, and makes a new engine.
 
 #define OPENSSL_SUPPRESS_DEPRECATED  // the digest only compares files; it is no protection
 #include <fcntl.h>

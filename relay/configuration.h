@@ -68,10 +68,10 @@ struct Configuration {
   /// even if a script names them. A name without a port stands for each port. The manual proxy
   /// always gets its credentials.
   std::vector<std::string> credentialsHosts;
-  /// `max-connections = 4096`: for all clients together.
+  /// `max-connections = 4096`: maximum for all clients together.
   unsigned maxConnections = 4096;
-  /// `max-connections-of-user = 1024`: for each user. All clients whose user is not known count as
-  /// one user.
+  /// `max-connections-of-user = 1024`: maximum for each user. All clients whose user is not known
+  /// count as one user.
   unsigned maxConnectionsOfUser = 1024;
   /// `head-time = "60s"`: time limit for the whole head of a request. For the first request, the
   /// time starts with the connection. For each later request, it starts with the first byte of the

@@ -17,7 +17,7 @@ struct Destination {
   bool operator==(const Destination&) const = default;
 
   bool isIpv6() const { return host.find(':') != std::string::npos; }
-  /// "host:port". An IPv6 address stands in brackets.
+  /// "host:port". An IPv6 address has brackets.
   std::string text() const;
   /// The value of a Host field: "host" if the port is `usual`, else "host:port".
   std::string hostField(std::uint16_t usual) const;

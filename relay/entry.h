@@ -11,10 +11,10 @@ namespace relay {
 
 struct Entry {
   proxymanager_kind kind = PROXYMANAGER_DIRECT;
-  std::string text;         ///< as the daemon gives it, for people
+  std::string text;         ///< the daemon's text, for people
   std::string host;         ///< a name or an address, without brackets
   std::uint16_t port = 0;   ///< 0 for DIRECT
-  std::string credentials;  ///< "user:password", percent-encoded; mostly empty
+  std::string credentials;  ///< "user:password", percent-encoded; usually empty
 
   bool isDirect() const { return kind == PROXYMANAGER_DIRECT; }
   bool isHttp() const { return kind == PROXYMANAGER_HTTP || kind == PROXYMANAGER_HTTPS; }

@@ -159,7 +159,7 @@ Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const 
   co_return result.index() == 0 ? std::get<0>(result) : Exchange::kClose;
 }
 
-/// Waits until the proxy accepts the body, if the proxy may want a password first.
+/// If the proxy may require a password first, waits until it accepts the body.
 /// @return false if the body must not be sent: the answer has begun, or this wait was cancelled
 Task<bool> Session::mayBodyLeave() {
   if (!mContinue || co_await mContinue->wait(kAnswerBeforeBody)) co_return true;

@@ -55,7 +55,7 @@ std::size_t BodyReader::takeLine(std::string_view bytes, std::size_t limit) {
 void BodyReader::endSize(std::string& out) {
   const char* const end = mLine.data() + mLine.size();
   const auto [rest, error] = std::from_chars(mLine.data(), end, mRest, 16);
-  // Only blanks may stand between the size and the semicolon of an extension.
+  // Only blanks are allowed between the size and the semicolon of an extension.
   const auto behind = base::trimmed(std::string_view(rest, static_cast<std::size_t>(end - rest)));
   const bool isSize = !mLine.empty() && base::hexValue(mLine.front()) >= 0 && error == std::errc();
   if (!isSize || mRest > kMaxBodyBytes || (!behind.empty() && behind.front() != ';')) {

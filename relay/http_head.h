@@ -2,8 +2,8 @@
 //
 // Request smuggling needs a head that two readers understand in two ways. This reader refuses such
 // a head. In an accepted head, each line ends with CR LF, there is no control character, no line is
-// folded, and the length of the body is clear. The relay can write every head that the reader
-// accepts.
+// folded, and the length of the body has only one meaning. The relay can write every head that the
+// reader accepts.
 //
 // All functions are pure and may run on any thread. Names and values of a head are views of the
 // text that was read. So the caller must keep this text as long as the head.
@@ -77,8 +77,8 @@ struct HeadProblem {
   const char* text = "";
 };
 
-/// @return the length of the head at the start of `bytes`, in bytes, with the empty line at its
-///         end; 0 if the empty line has not come yet
+/// @return the length of the head at the start of `bytes`, in bytes, including the empty line at
+///         its end; 0 if the empty line has not arrived yet
 /// @param from where the search starts; the bytes before it were searched in an earlier call
 std::size_t headLength(std::string_view bytes, std::size_t from = 0);
 

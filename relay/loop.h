@@ -2,7 +2,8 @@
 // for many objects.
 //
 // Code that includes this header runs on the relay's thread, unless a comment names another thread.
-// Asio's headers compile slowly, so only files with asynchronous code include this one.
+// The compilation of Asio's headers is slow, so only files with asynchronous code include this
+// header.
 #pragma once
 
 #include <boost/asio/awaitable.hpp>
@@ -55,7 +56,7 @@ class Event {
 };
 
 /// An object with a deadline. Sweeper checks the deadline once a second. An object has no timer of
-/// its own, because there may be thousands of them.
+/// its own, because there may be thousands of objects.
 class Watched : public boost::intrusive::list_base_hook<
                     boost::intrusive::link_mode<boost::intrusive::auto_unlink>> {
  public:

@@ -39,8 +39,8 @@ class Penalties {
   /// Reports that the proxy `entry` has answered.
   void answered(const Entry& entry);
 
-  /// Moves the entries with a penalty, or with a doubt for `destination`, behind the others. Both
-  /// groups keep their order.
+  /// Moves the entries with a penalty, or with a doubt for `destination`, to the end of the list.
+  /// Both groups keep their order.
   void order(std::vector<Entry>& entries, const std::string& destination,
              Clock::time_point now = Clock::now());
 

@@ -52,7 +52,7 @@ class Questions {
  private:
   struct Question {
     std::string url;
-    std::vector<uid_t> users;  ///< the users in whose queues the question stands
+    std::vector<uid_t> users;  ///< the users whose queues contain the question
     bool isTaken = false;      ///< taken from one of these queues; the other queues skip it
     bool isDone = false;
     Answer answer;

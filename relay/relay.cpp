@@ -32,7 +32,7 @@ std::vector<Protocol::endpoint> addressesOf(const std::vector<base::UniqueFd>& s
   return addresses;
 }
 
-/// Accepts the connections of one listening socket, within the limits of their number.
+/// Accepts the connections of one listening socket, within the connection limits.
 class Acceptor {
  public:
   Acceptor(Context& context, std::map<uid_t, unsigned>& ofUsers, base::UniqueFd fd)

@@ -105,15 +105,15 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   std::optional<KnownChallenge> mFresh;  ///< from a 407 to this request, only for its next attempt
   const char* mAnswerProblem = "";       ///< why the relay did not accept the head of an answer
   bool mIsAnswerHttp = false;            ///< the refused head began like a head of HTTP/1
-  std::optional<Event> mContinue;  ///< a 100 has come; set while the body may have to wait for it
-  bool mIsExpectRefused = false;   ///< the server refused Expect for this request
-  bool mIsReused = false;          ///< mServer was used before
-  bool mHasServerByte = false;     ///< mServer sent something since the request
-  bool mIsBodyStarted = false;     ///< a part of the request's body was sent
-  bool mIsBodySent = true;         ///< the whole body was sent
-  unsigned mRounds = 0;            ///< see kTurn
-  bool mIsHead = false;            ///< the request's method is HEAD
-  bool mIsServing = false;         ///< a request is being answered; its time ends at mEnd
+  std::optional<Event> mContinue;        ///< a 100 has arrived; set while the body may have to wait
+  bool mIsExpectRefused = false;         ///< the server refused Expect for this request
+  bool mIsReused = false;                ///< mServer was used before
+  bool mHasServerByte = false;           ///< mServer sent something since the request
+  bool mIsBodyStarted = false;           ///< a part of the request's body was sent
+  bool mIsBodySent = true;               ///< the whole body was sent
+  unsigned mRounds = 0;                  ///< see kTurn
+  bool mIsHead = false;                  ///< the request's method is HEAD
+  bool mIsServing = false;               ///< a request is being answered; its time ends at mEnd
   Clock::time_point mEnd;
   bool mIsInRequest = false;  ///< a request has begun; this decides what a timeout means
 };

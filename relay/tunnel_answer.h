@@ -14,7 +14,7 @@ namespace relay {
 
 /// The length of a head, and the status in it.
 struct TunnelAnswer {
-  std::size_t length = 0;  ///< length of the head in bytes; 0 if its end has not come yet
+  std::size_t length = 0;  ///< length of the head in bytes; 0 if its end has not arrived yet
   unsigned status = 0;     ///< 0 if the head is not HTTP/1
 };
 

@@ -1,11 +1,12 @@
 // A child process that parses foreign data: how its program is found, started and ended.
 //
 // The child is started by posix_spawn, which is safe in a program with threads. It gets default
-// signals, an empty signal mask, no real-time scheduling policy, a process group of its own, the
-// environment that the caller names, its three standard descriptors on /dev/null, the descriptors
-// that the caller passes on, and nothing else. The parent kills it and waits for it through a
-// descriptor of the process (pidfd). A SIGCHLD handler of the program, or a thread that waits for
-// any child, may already have reaped the child. Even then, this code kills no foreign process.
+// signals, an empty signal mask, no real-time scheduling policy, its own process group, and the
+// environment that the caller passes. Its three standard descriptors are on /dev/null. In addition,
+// it gets the descriptors that the caller passes, and no others. The parent kills it and waits for
+// it through a descriptor of the process (pidfd). A SIGCHLD handler of the program, or a thread
+// that waits for any child, may already have reaped the child. Even then, this code kills no
+// foreign process.
 //
 // The child raises its own walls (walls.h) before it reads the first byte of the foreign data.
 #pragma once
@@ -50,10 +51,10 @@ class ChildProcess {
   /// @return whether the child has ended; false also after end()
   bool hasEnded() const;
 
-  /// Kills the child unless it has ended, and waits for its end for at most 1 s. If the child does
-  /// not end (in a system call that cannot be interrupted, under a debugger, or because root
-  /// without CAP_KILL may not kill it), the log gets a warning, and the next start or end of a
-  /// child waits for that child again.
+  /// Kills the child unless it has ended, and waits for its end for at most 1 s. The child may not
+  /// end, because it is in a system call that cannot be interrupted, because a debugger stops it,
+  /// or because root without CAP_KILL may not kill it. The log then gets a warning, and the next
+  /// start or end of a child waits for that child again.
   /// @return how the child ended, for the log: "exit 0", "signal 9", "does not end", or "ended" if
   ///         this function ran before
   std::string end();

@@ -16,7 +16,8 @@
 
 namespace sandbox {
 
-/// Empty if the wall stands; else the name of the wall that could not be raised, and the reason.
+/// Empty if the wall was raised; else the name of the wall that could not be raised, and the
+/// reason.
 /// The process must then end without reading anything.
 using Failure = std::optional<std::string>;
 

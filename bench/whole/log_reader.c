@@ -1,7 +1,8 @@
 /* Replaces the device's syslog daemon: it reads every line from /dev/log at once and drops it. So
  * every measured program writes to a real reader, and none has to wait for it.
  *
- * usage: log_reader SOCKET; prints how many lines and bytes it took when SIGTERM ends it */
+ * usage: log_reader SOCKET; when SIGTERM ends it, it prints the number of lines and bytes that it
+ * has read */
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>

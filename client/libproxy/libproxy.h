@@ -19,8 +19,8 @@ extern "C" {
 /** The handle of a program. It has no state. */
 typedef struct px_proxy_factory pxProxyFactory;
 
-/** Makes no connection. @return a factory, to be freed by px_proxy_factory_free(); null only if
- * memory is exhausted */
+/** Makes no connection. @return a factory, which the caller frees with px_proxy_factory_free();
+ * null only if memory is exhausted */
 PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_new(void);
 
 /** Finds the proxies for `url`. If the daemon has an answer, the result is this answer. Else it is

@@ -12,7 +12,7 @@ namespace client {
 /// part before the "@" of its host is removed.
 /// @return nothing in these cases: the bus cannot carry the text; the text is longer than
 ///         PROXYMANAGER_MAX_URL bytes; there is no valid scheme before its "://"; the text has no
-///         "://", and an "@" after the first "/", "?" or "#" (a password may be before that "@")
+///         "://" but has an "@" after the first "/", "?" or "#" (a password may be before that "@")
 std::optional<std::string> askedUrl(std::string_view url);
 
 }  // namespace client

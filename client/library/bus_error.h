@@ -7,7 +7,7 @@
 namespace client {
 
 enum class BusError {
-  kNotRunning,   ///< nobody owns the daemon's name
+  kNotRunning,   ///< the daemon's name has no owner
   kCannotStart,  ///< the bus was asked to start the daemon and could not
   kEnded,        ///< the daemon ended before it answered
   kDenied,       ///< the bus does not allow it

@@ -1,10 +1,11 @@
 // A client of the daemon: the questions of many threads, the remembered answers, and one thread,
 // "pm-client", that uses the connection to the bus.
 //
-// A thread that asks looks at the remembered answers first, and usually finds one. Else it puts the
-// question into a list for the client's thread. Questions for the same URL share one call on the
-// bus. If no caller waits for a call any more, the call stays in the list until its reply arrives,
-// because the bus counts it until then. A new question for the same URL then joins that call.
+// For a question, a thread first searches the remembered answers, and usually finds one. Else it
+// puts the question into a list for the client's thread. Questions for the same URL share one call
+// on the bus. If no caller waits for a call any more, the call stays in the list until its reply
+// arrives, because the bus counts it until then. A new question for the same URL then joins that
+// call.
 //
 // If a thread waits for its question, it checks the time limit itself, so the limit holds even if
 // the client's thread is busy. The client's thread checks the limits of all other questions.
@@ -92,7 +93,7 @@ class Client final : public BusLink::Listener {
   };
   using Questions = std::list<Question>;
 
-  /// One question to the daemon, for all callers that wait for its answer.
+  /// One call to the daemon, for all questions that wait for its answer.
   struct Call : BusLink::Asked {
     std::string url;               ///< canonical
     std::uint64_t generation = 0;  ///< value of mGeneration when the call was sent

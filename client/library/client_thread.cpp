@@ -126,8 +126,8 @@ bool Client::handleBus() {
     return false;
   }
   if (mLink->isSettled()) return result > 0;
-  // The bus counts as silent only if there was nothing to read at the end of the wait. If only this
-  // thread was busy, there is something to read.
+  // The bus counts as silent only if there is nothing to read at the end of the time limit. If this
+  // thread was busy, there may still be messages to read.
   if (result > 0) {
     mLinkEnd = Clock::now() + kSilenceLimit;
   } else if (looked >= mLinkEnd) {

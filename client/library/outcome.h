@@ -14,7 +14,8 @@ namespace client::library {
 /// Longest name of an error on the bus, in bytes. The bus refuses a longer name.
 inline constexpr std::size_t kMaxBusErrorName = 255;
 
-/// How much of an error's text lastFailure() keeps, in bytes: enough for a log line.
+/// Maximum length of the error's text that lastFailure() returns, in bytes. This is enough for a
+/// log line.
 inline constexpr std::size_t kMaxFailureText = 511;
 
 /// More about a failure than its status.
@@ -41,7 +42,7 @@ proxymanager_status statusOfError(std::string_view name);
 /// The outcome if no connection could be made; `error` is an errno.
 proxymanager_status statusOfConnecting(int error);
 
-/// An error reply of the bus, or of the program that was asked.
+/// The outcome for an error reply of the bus, or of the program that was asked.
 Outcome failedAnswer(std::string_view name, std::string_view text) noexcept;
 
 /// No connection to the bus; `error` is an errno.

@@ -127,8 +127,9 @@ bool setAddress(std::string_view text, ProxyEntry& entry) {
   return port.has_value();
 }
 
-/// Whether `text` may stand before the "@" of a URL. The accepted characters do not end a word in a
-/// shell, and do not control a terminal. Other mistakes are not found here: the proxy reports them.
+/// Whether `text` is accepted before the "@" of a URL. The accepted characters do not end a word in
+/// a shell, and do not control a terminal. Other mistakes are not found here: the proxy reports
+/// them.
 bool areCredentials(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) {
     return c > ' ' && c < '\x7F' &&

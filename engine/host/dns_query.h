@@ -26,7 +26,7 @@ struct LookupResult {
   std::chrono::seconds lifetime{0};  ///< the shortest of the answer's records; 0 for the hosts file
 };
 
-/// The resolver; not for use by two threads. Its sockets live no longer than a lookup.
+/// The resolver. Two threads must not use it. Its sockets are closed at the end of each lookup.
 class DnsResolver {
  public:
   /// @param servers "address[:port],..." instead of the configured ones, if not empty

@@ -18,7 +18,7 @@ namespace pac_engine {
 
 namespace {
 
-/// CPU time that a worker may spend while nobody waits for it.
+/// CPU time that a worker may use while no question waits for it.
 constexpr std::chrono::seconds kIdleCpu{2};
 /// After less work than this, the worker's CPU limit is not set again. The value is far below
 /// kIdleCpu, so such a worker cannot have come near its limit.
@@ -221,7 +221,7 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
   }
 }
 
-/// Waits for the worker's next message. `isLong` tells whether the task has reached `shortly`.
+/// Waits for the worker's next message. `isLong` is true if the task has reached `shortly`.
 Receipt Engine::Impl::receive(Deadline end, Deadline shortly, bool& isLong) {
   auto& channel = worker->channel();
   if (!isLong) {
@@ -232,7 +232,7 @@ Receipt Engine::Impl::receive(Deadline end, Deadline shortly, bool& isLong) {
   return channel.receive(end);
 }
 
-/// Gives the worker the CPU time limit of a whole evaluation, once in a task. A short question
+/// Sets the worker's CPU time limit to that of a whole evaluation, once in a task. A short question
 /// needs no change of the limit.
 void Engine::Impl::allowLongWork(bool& isLong) {
   if (isLong) return;
@@ -281,7 +281,8 @@ std::vector<std::string> Engine::Impl::ownAddresses(AddressFamily family) {
   return pac_engine::ownAddresses(family);
 }
 
-/// The engine itself respects the limit, but a worker that a script controls might not.
+/// The worker's engine itself respects the limit, but a worker under the control of a script may
+/// ignore it.
 void Engine::Impl::logAlert(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = base::utf8Head(alert, alertBytesLeft);

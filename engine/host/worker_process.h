@@ -24,8 +24,8 @@ namespace pac_engine {
 UniqueFd sealedScript(std::string_view bytes);
 
 /// The path of the program for `role`: `proxymanager-pac-worker` or `proxymanager-workbench` in the
-/// libexec folder beside the folder of the running program. If that file is missing, the path at
-/// which the build installs it.
+/// libexec folder next to the folder of the running program. If that file is missing, the result is
+/// the path at which the build installs it.
 std::string workerProgram(WorkerRole role = WorkerRole::kAnswers);
 
 class WorkerProcess {

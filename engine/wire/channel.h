@@ -1,4 +1,4 @@
-// One end of the socket pair between library and worker: whole messages, in and out.
+// One end of the socket pair between library and worker. It sends and receives whole messages.
 #pragma once
 
 #include <chrono>

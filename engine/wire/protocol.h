@@ -3,8 +3,9 @@
 // One message is one packet of a SOCK_SEQPACKET pair: a byte that names its kind, then its fields
 // in the machine's own byte order. A text follows its 32-bit length. Both ends run on one machine
 // and come from one build, so the protocol has no version. Each end treats the other as hostile: a
-// decoder takes a message only if every length, every enumerator and the total size are right, and
-// nothing is left over. Both ends also check that each kind of message arrives only when it may.
+// decoder accepts a message only if every length, every enumerator and the total size are right,
+// and no byte is left over. Both ends also check that each kind of message arrives only when the
+// protocol allows it.
 //
 //   library                              worker
 //   Start                            ->
@@ -59,8 +60,8 @@ struct Evaluate {
   std::string_view host;
 };
 
-/// A command for the workbench. Only `proxymanager-workbench` accepts it; the daemon's worker ends,
-/// as at any unexpected message.
+/// A command for the workbench. Only `proxymanager-workbench` accepts it. The daemon's worker ends
+/// if it gets a command or any other unexpected message.
 struct Command {
   std::uint32_t serial = 0;
   std::string_view name;

@@ -8,7 +8,7 @@
 
 namespace pac_engine {
 
-/// The reason why a script is refused or gives no answer.
+/// The reason why a script is refused or has no answer.
 struct Problem {
   std::string message;     ///< one line, for example "SyntaxError: unexpected token"
   std::uint32_t line = 0;  ///< of the script, from 1; 0 if none is known

@@ -23,8 +23,8 @@ std::optional<std::uint32_t> parseQuad(std::string_view text);
 /// One trailing dot is ignored.
 std::optional<std::uint32_t> parseIpv4(std::string_view text);
 
-/// An IPv6 literal without brackets and without a zone. An IPv4 address may stand for the last two
-/// groups, written as four fields of parseIpv4().
+/// An IPv6 literal without brackets and without a zone. The last two groups may be written as an
+/// IPv4 address with four fields in the forms of parseIpv4().
 std::optional<Address> parseIpv6(std::string_view text);
 
 /// The address of a literal of either family.
@@ -36,7 +36,7 @@ std::string textOfIpv4(std::uint32_t quad);
 /// RFC 5952: lower case, the longest run of zero groups as "::", no dotted quad inside.
 std::string textOfIpv6(const Address& address);
 
-/// Returns true if `address` lies in `prefix`, written "address/length"; false if one of them
+/// Returns true if `address` is in `prefix` ("address/length"). Returns false if one of the two
 /// cannot be read. White space around the two parts of `prefix` is ignored.
 bool liesInPrefix(std::string_view address, std::string_view prefix);
 

@@ -1,5 +1,5 @@
-// The worker's side of the conversation: a script is loaded, then questions are answered until the
-// socket ends.
+// The worker's side of the conversation: it loads a script, and then answers questions until the
+// socket is closed.
 #pragma once
 
 #include <chrono>
@@ -28,7 +28,7 @@ pac_engine::Start receiveStart(pac_engine::Channel& channel);
 /// Answers question `serial`.
 void sendReply(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
 
-/// Sends a report in pieces, and then a message that it is complete.
+/// Sends a report in pieces, and then a message that the report is complete.
 void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
 
 /// Reports why this worker has no answer, and ends it.

@@ -82,7 +82,7 @@ class EngineRuntime {
   /// Returns true if enough bytes were counted that the clock should be read. The count then begins
   /// again at 0.
   bool hasWorkedLong();
-  /// True if the time limit was passed since begin(), whether or not the script noticed.
+  /// True if the time limit was passed since begin(), even if the script was not interrupted.
   bool timeIsUp();
   /// True if the heap limit was passed since begin(). The script is then interrupted like one
   /// whose time is up.
@@ -91,7 +91,7 @@ class EngineRuntime {
   std::size_t bytesInUse();
 
   [[nodiscard]] PacEnvironment& environment() const { return mEnvironment; }
-  /// Logs an alert's text, cut to the rest of what this evaluation may log.
+  /// Logs an alert's text. The text is cut if this evaluation would log more than allowed.
   void alert(std::string_view text);
 
   /// The getter of an error's stack trace; it runs no code of the script.

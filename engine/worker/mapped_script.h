@@ -6,7 +6,7 @@
 
 namespace pac_worker {
 
-/// Maps the script's memory file without reading a byte, and closes its descriptor.
+/// Maps the script's memory file, reads no byte of it, and closes its descriptor.
 /// @return the bytes, valid until unmap(); no value if they cannot be mapped
 std::optional<std::string_view> mappedScript();
 

@@ -26,7 +26,8 @@ class PacEnvironment {
 
   /// The addresses of `name` as texts, in order of preference. `name` is never an address literal;
   /// an international name is in UTF-8. Empty if the name does not resolve, if its lookup takes too
-  /// long, or if the evaluation has already looked up its limit of names. Blocks 2 s at most.
+  /// long, or if the evaluation has already looked up the maximum number of names. Blocks 2 s at
+  /// most.
   virtual std::vector<std::string> resolve(std::string_view name, AddressFamily family) = 0;
 
   /// For kIpv4, the address with which the device reaches the outside. For kAny, all usable

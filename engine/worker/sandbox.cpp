@@ -48,7 +48,7 @@ scmp_arg_cmp isInt(unsigned argument, int value) {
   return masked(argument, kInt, static_cast<std::uint32_t>(value));
 }
 
-/// Whole messages over `socket`, with the flags that Channel uses and no address.
+/// Allows whole messages over `socket`, with the flags that Channel uses and without an address.
 void allowMessages(sandbox::SystemCalls& list, int socket) {
   const auto theSocket = isInt(0, socket);
   const auto noAddress = equals(4, 0);

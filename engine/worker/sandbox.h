@@ -7,8 +7,8 @@
 // is empty if the kernel allows one. Its memory is limited. It can make no new file, process or
 // core dump, and no debugger may attach. A list allows only the few system calls that a running
 // engine needs. Any other call kills the process. The list is the most important wall; the others
-// are a second line. If memory runs out, the kernel ends the worker before the program that started
-// it.
+// are a second line. If memory runs out, the kernel kills the worker first, before the program that
+// started it.
 #pragma once
 
 #include <optional>
@@ -16,8 +16,8 @@
 
 namespace pac_worker {
 
-/// Address space of the worker: 64 MiB for the engine's heap, another 64 MiB while a block of the
-/// heap is copied to grow, and the space for program, script and stack.
+/// Address space of the worker: 64 MiB for the engine's heap, another 64 MiB for the copy when a
+/// block of the heap grows, and the space for program, script and stack.
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
 

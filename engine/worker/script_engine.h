@@ -40,7 +40,7 @@ using pac_engine::Reply;
 
 class EngineRuntime;
 
-/// What a program does with the context of a script before the script runs.
+/// The preparation of a script's context by a program, before the script runs.
 class Preparation {
  public:
   Preparation() = default;

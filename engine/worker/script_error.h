@@ -13,8 +13,8 @@ inline constexpr char kScriptName[] = "script.pac";
 /// Longest text of an error.
 inline constexpr std::size_t kErrorBytes = 512;
 
-/// Takes the pending exception and describes it without running any code of the script: only data
-/// properties of real Error objects and primitive values are read.
+/// Removes the pending exception and describes it. No code of the script runs: only primitive
+/// values and data properties of real Error objects are read.
 Problem takeException(JSContext* context);
 
 /// An error from our own code. The text is cut and made printable.

@@ -167,7 +167,8 @@ void allowSockets(SystemCalls& list) {
   }
   list.allow(SCMP_SYS(ioctl), {masked(1, kInt, FIONBIO)})
       .allow(SCMP_SYS(ioctl), {masked(1, kInt, FIONREAD)});
-  // A link-local address names its interface, in a URL or as a name server.
+  // A link-local address (in a URL or of a name server) contains the name of its interface, which
+  // is converted to a number.
   list.allow(SCMP_SYS(ioctl), {masked(1, kInt, SIOCGIFINDEX)});
 }
 

@@ -21,8 +21,9 @@ namespace fetch_child {
 /// @param fileBytes the longest file that the process may write
 /// @param certificates files and folders that the TLS library reads, in addition to the usual ones;
 /// they are opened now, so they may be links to another place
-/// @param limitsFiles receives whether Landlock is in force; a kernel without it is no failure
-/// @return nothing, or which wall could not be raised and why; the process must then end
+/// @param limitsFiles receives whether Landlock is in force; a kernel without Landlock is not a
+/// failure
+/// @return nothing, or the wall that could not be raised and the reason; the process must then end
 sandbox::Failure raiseWalls(rlim_t fileBytes, std::span<const char* const> certificates,
                             bool& limitsFiles);
 

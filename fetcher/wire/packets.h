@@ -1,4 +1,5 @@
-// The messages between the daemon and proxymanager-fetch, each one packet of their socket pair:
+// The messages between the daemon and proxymanager-fetch. Each message is one packet of their
+// socket pair:
 //
 //   daemon                                   proxymanager-fetch
 //   FetchRequest (at once)             ──>
@@ -6,9 +7,9 @@
 //   one byte with the open file        ──>
 //                                      <──   FetchResult, then the process ends
 //
-// Each side treats the other as hostile: a packet is accepted only if its length, its mark and
-// every field are right. Both ends come from one build on one machine, so numbers are in the
-// machine's byte order.
+// Each side treats the other as hostile: it accepts a packet only if its length, its mark and every
+// field are right. Both ends come from one build on one machine, so numbers are in the machine's
+// byte order.
 #pragma once
 
 #include <cstddef>

@@ -71,7 +71,7 @@ class BusHelper {
   };
 
   DispatcherReset mReset;          // clears the library's pointer after the loop's destruction
-  std::unique_ptr<BusLoop> mLoop;  // outlives the connection, whose watches it holds
+  std::unique_ptr<BusLoop> mLoop;  // outlives the connection, because it has its watches
   std::unique_ptr<Connection> mConnection;
   std::string mName;  // empty before requestName()
 };

@@ -298,8 +298,7 @@ void BusLoop::handleTimeouts() {
   }
 }
 
-// The output of functions that were posted before the end is still sent, as far as the bus accepts
-// it.
+// The output of functions that were posted before the end is still sent, if the bus accepts it.
 void BusLoop::leaveInOrder() {
   answerWhatHasCome(Clock::now() + kAnswerLimit);
   const auto limit = Clock::now() + kSendLimit;

@@ -107,7 +107,7 @@ class BusLoop : public Dispatcher {
   std::thread mThread;
   std::atomic<std::thread::id> mThreadId{};
 
-  // Never held while a watch, a timeout or a posted function is handled.
+  // The mutex is never held while a watch, a timeout or a posted function is handled.
   mutable ::Mutex mMutex;                                     // not the bus library's Mutex
   std::vector<LoopWatch*> mWatches PM_GUARDED_BY(mMutex);     // deleted by rem_watch
   std::vector<LoopTimeout*> mTimeouts PM_GUARDED_BY(mMutex);  // deleted by rem_timeout

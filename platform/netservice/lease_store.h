@@ -33,7 +33,7 @@ struct KeptLease {
 /// The store. One process at a time uses it. Two threads must not use it at the same time.
 class LeaseStore {
  public:
-  /// @param folder where the folder "leases" is; both are made if they are missing
+  /// @param folder contains the folder "leases"; both are made if they are missing
   /// @param wait   how long open() waits
   explicit LeaseStore(std::string folder, std::chrono::milliseconds wait = kStoreWait)
       : mFolder(std::move(folder)), mWait(wait) {}

@@ -26,7 +26,7 @@ struct TraceValues {
 /// Each call begins with the defaults of TraceValues: if a key is no longer in the file, it has its
 /// default again. A missing file is no failure. The file must be a regular file of at most
 /// kTraceFileLimit bytes; the function does not block on a fifo. If the file is refused or cannot
-/// be read, the mask stays as it is.
+/// be read, the mask does not change.
 ///
 /// A signal handler may call this function only if the signal arrived while its thread slept. This
 /// is so in the daemon: its main thread unblocks signals only while it sleeps.

@@ -18,7 +18,7 @@ class OwnedSettings {
   OwnedSettings& operator=(const OwnedSettings&) = delete;
 
   ProxyUrlSettings& get() { return mSettings; }
-  /// Hands the texts to the caller.
+  /// Passes the texts to the caller, who must free them.
   ProxyUrlSettings release() { return std::exchange(mSettings, {}); }
 
  private:

@@ -64,7 +64,8 @@ void cleanupProxyConfig(ProxyConfig* config);
 
 /// Copies `srcConfig` deeply into `destConfig`. `destConfig` is new or cleaned: its strings are not
 /// freed. A null source string leaves the destination's string unchanged; an empty one makes it
-/// null. A null pointer is a mistake of the caller: it is logged (LOG_ERR), and then dereferenced.
+/// null. A null pointer is a mistake of the caller: the function logs it (LOG_ERR), and then
+/// crashes.
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
 
 /// Makes a fresh record with `count` empty slots. If `count` <= 0, there is no slot and no array.
@@ -73,7 +74,7 @@ void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count)
 /// Frees everything the record owns and zeroes it. An array with `urlCount` <= 0 is not freed.
 void cleanupProxyUrlInfo(ProxyUrlInfo* info);
 
-/// Frees the entry's url, sets it to null and the type to 0.
+/// Frees the entry's url, and sets the url to null and the type to 0.
 void cleanupProxySetting(ProxyUrlSetting* setting);
 
 /// @param text not null; letter case is ignored

@@ -317,7 +317,7 @@ TEST(AllocationFault, InAQuestionToTheWorkerCostsThatQuestionAlone) {
     ASSERT_EQ(engine->evaluate("http://h/", host).result, right) << "after allocation " << failed;
   }
   EXPECT_GE(failed, 8);
-  // The resolver allocates with malloc alone.
+  // The resolver allocates only with malloc.
   EXPECT_GE(lost, kMallocFails ? 5 : 0) << "no allocation of a lookup has failed";
   EXPECT_GT(server.questions("a.example"), failed) << "the name was not looked up again";
 }

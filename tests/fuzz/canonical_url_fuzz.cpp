@@ -38,7 +38,7 @@ void checkCleaned(const std::string& url, const std::string& cleaned) {
   require(cleaned.find('#') == std::string::npos, "no fragment");
   const auto authority = rest.substr(0, rest.find_first_of("/?"));
   require(authority.find('@') == std::string::npos, "no user name or password");
-  // The zone of an IPv6 address is the name of an interface, whose letter case counts.
+  // The zone of an IPv6 address is the name of an interface, and its letter case matters.
   const auto host =
       authority.substr(0, authority.starts_with('[') ? authority.find('%') : rest.npos);
   require(host == lowered(host), "the host is in lower case");

@@ -97,7 +97,7 @@ INSTANTIATE_TEST_SUITE_P(Published, Hole, testing::ValuesIn(scriptsIn(PROXYMANAG
 #ifdef PROXYMANAGER_ENGINE_TESTS
 
 const std::regex kAssertions("import [^\n]*assert\\.js\"[^\n]*");
-/// Modules and the engine's own library of files and processes are not in the worker.
+/// The worker does not have modules or the engine's own library for files and processes.
 const std::regex kModule("\"qjs:|(^|\n)(import|export) |(^|\n)await ");
 
 /// The release that kRefused was made for.

@@ -38,7 +38,8 @@ class RefusedCalls : public testing::Test {
     mWaiting.add(call, Kind::kQuestion, false);
   }
 
-  // Takes turns until the bus has answered, and returns after the first turn that serves something.
+  // Calls takeTurn() until the bus has answered, and returns after the first turn that serves a
+  // call.
   void takeFirstTurn() {
     const auto servedOrRefused = [this] { return mServed + mRefused; };
     const auto before = servedOrRefused();

@@ -36,10 +36,10 @@ inline void command(const std::string& text) {
   ASSERT_EQ(std::system(text.c_str()), 0) << text;
 }
 
-/// Packets that `interface` has sent so far, -1 if there is none of that name.
+/// The number of packets that `interface` has sent; -1 if there is no such interface.
 inline long sentPackets(const std::string& interface) {
   long packets = -1;
-  // Not from sysfs, which shows the network of the process that mounted it.
+  // sysfs is not used, because it shows the network of the process that mounted it.
   std::ifstream table("/proc/self/net/dev");
   for (std::string line; std::getline(table, line);) {
     const auto colon = line.find(interface + ":");

@@ -139,7 +139,7 @@ inline void askInVain(pac_engine::Engine& engine, const std::string& host,
   EXPECT_FALSE(reply.result);
   EXPECT_EQ(reply.problem.message, "the script worker did not answer in time");
   EXPECT_GE(took, timeLimit);
-  // The remaining time is for the end of a process on a busy machine.
+  // The last part of the limit is for the end of a process on a busy machine.
   EXPECT_LT(took, timeLimit + pac_engine::kKillGrace + std::chrono::seconds(60));
 }
 

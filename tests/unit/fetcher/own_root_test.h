@@ -1,4 +1,5 @@
-// A test with its own /tmp and /usr/local, entered before any member of the test starts a thread.
+// A test with its own /tmp and /usr/local. It enters them before a member of the test starts a
+// thread.
 #pragma once
 
 #include <gtest/gtest.h>

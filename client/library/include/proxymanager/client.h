@@ -10,7 +10,7 @@
  *   proxymanager_client_free(client);
  *
  * A client keeps one connection to the system message bus, on its own thread. It starts this thread
- * with the first question. The client also remembers answers: a repeated question costs no call on
+ * with the first question. The client also remembers answers: a repeated question needs no call on
  * the bus. All remembered answers become invalid when the daemon reports a change, starts or ends.
  * If the daemon or the bus ends, the client connects again by itself when both run again. A
  * question that is asked before that ends with PROXYMANAGER_NO_DAEMON or PROXYMANAGER_NO_BUS.
@@ -24,10 +24,10 @@
  * proxymanager_get() returns PROXYMANAGER_BUSY if it would have to wait. Do not call
  * pthread_cancel() for a thread that waits in proxymanager_get().
  *
- * Processes: after fork() a client belongs to the parent process; the library compares process ids.
- * In the child process questions return PROXYMANAGER_FORKED, and proxymanager_client_free() does
- * nothing, because a thread of the parent may have been changing the client at the moment of the
- * fork. The descriptors are closed by exec.
+ * Processes: after fork(), a client still belongs to the parent process; the library compares
+ * process ids. In the child process, questions return PROXYMANAGER_FORKED, and
+ * proxymanager_client_free() does nothing: a thread of the parent may have been changing the client
+ * at the moment of the fork. The descriptors are closed by exec.
  *
  * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. The library
  * does not write to standard output, standard error or syslog. It does not change the handling of
@@ -128,7 +128,7 @@ typedef void (*proxymanager_answer_callback)(proxymanager_status status,
 /** Called for each change. */
 typedef void (*proxymanager_change_callback)(proxymanager_change change, void* context);
 
-/** The number of a question that was not answered at once, or of a watch; never 0. A client uses
+/** The number of a watch, or of a question that was not answered at once; never 0. A client uses
  * each number once. */
 typedef uint64_t proxymanager_id;
 
@@ -142,14 +142,14 @@ typedef uint64_t proxymanager_id;
 #define PROXYMANAGER_ASK_LOCAL 0x2u
 
 /** proxymanager_client_new(): put the configured user name and password into the URL of a manual
- * proxy, if that URL has no user name of its own. The bus lets root and members of the group
- * proxymanager read user name and password; other users get the URL without them. An answer of a
+ * proxy, if that URL has no user name of its own. The bus allows root and members of the group
+ * proxymanager to read user name and password; other users get the URL without them. An answer of a
  * script never contains them, because a script could name any host.
  */
 #define PROXYMANAGER_WITH_CREDENTIALS 0x4u
 
-/** proxymanager_client_new(): an answer without an entry that can be used ends the question with
- * PROXYMANAGER_NO_ANSWER, so that no program understands the answer as "connect directly". */
+/** proxymanager_client_new(): if no entry of an answer can be used, the question ends with
+ * PROXYMANAGER_NO_ANSWER. So no program can understand such an answer as "connect directly". */
 #define PROXYMANAGER_REFUSE 0x8u
 
 /** The longest URL of a question, in bytes. No server accepts longer URLs. */

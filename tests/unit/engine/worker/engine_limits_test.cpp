@@ -51,7 +51,7 @@ TEST_F(Limits, HeapThatIsHeldCountsInLaterEvaluations) {
   EXPECT_EQ(ask("http://h/", "1"), "1") << "a heap that stays full is given up";
 }
 
-/// Measures the native stack of a script at the calls of its helpers.
+/// Measures how much native stack a script uses when it calls helpers.
 class StackGauge : public FakeEnvironment {
  public:
   void alert(std::string_view) override {
