@@ -108,6 +108,9 @@ std::optional<std::string> hostCondition(std::string_view rule) {
   if (open) rule.remove_prefix(1);
   const bool openEnd = rule.ends_with('*');
   if (openEnd) rule.remove_suffix(1);
+  // The script compares IPv6 addresses without brackets.
+  if (rule.starts_with('[')) rule.remove_prefix(1);
+  if (rule.ends_with(']')) rule.remove_suffix(1);
   if (rule.empty()) return std::nullopt;
   const std::string word = literal(lower(rule));
   if (open && openEnd) return "h.indexOf(" + word + ") >= 0";
@@ -170,7 +173,9 @@ std::string manualScript(const std::vector<ManualServer>& servers,
       "// Made by proxymanager-settings of what the network manager sets.\n"
       "function FindProxyForURL(url, host) {\n"
       "  var s = url.slice(0, url.indexOf(\":\")).toLowerCase();\n"
-      "  var h = host.toLowerCase();\n";
+      // The daemon's host of "http://[2001:db8::1]/" is "[2001".
+      "  var m = /^[^:]*:\\/\\/(?:[^\\/?#]*@)?\\[([^\\]]*)\\]/.exec(url);\n"
+      "  var h = (m ? m[1] : host).toLowerCase();\n";
   for (const auto& exclude : excludes) {
     if (const auto excluded = condition(exclude)) {
       script += "  if (" + *excluded + ") return \"DIRECT\";\n";

@@ -38,7 +38,8 @@ std::string entryOfManualUrl(std::string_view url);
 /// the servers without a scheme and those for http, https and ftp (all as PROXY), and last the
 /// SOCKS servers.
 /// @param excludes "[scheme://]rule". A rule "word" or "*word" matches hosts that end with it,
-/// "word*" hosts that begin with it, "*word*" hosts that contain it. "scheme://" alone matches all
+/// "word*" hosts that begin with it, "*word*" hosts that contain it. An IPv6 address may be in
+/// brackets. "scheme://" alone matches all
 /// URLs of the scheme. "*" alone is ignored.
 std::string manualScript(const std::vector<ManualServer>& servers,
                          const std::vector<std::string>& excludes);

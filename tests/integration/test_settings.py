@@ -241,10 +241,13 @@ def test_several_servers_by_hand_become_a_script(settings, daemon, client, manag
     settings.start()
     link("dummy0", 100)
     manager.create(Method="manual", Interface="dummy0", Servers=["http://a.example:1", "b.example:2"],
-                   Excludes=["intern.example"])
+                   Excludes=["intern.example", "[2001:db8::7]", "fd00::8"])
     wait_until(lambda: client.urls("http://h.example/") ==
                ["pacurl", "PROXY a.example:1", "PROXY b.example:2"], "the made script answers")
     assert client.urls("http://www.intern.example/") == ["pacurl", "DIRECT"]
+    # The host that the daemon gives to a script ends at the first colon.
+    for address, answer in (("2001:DB8::7", "DIRECT"), ("fd00::8", "DIRECT"), ("fd80::7", "PROXY a.example:1")):
+        assert client.urls(f"http://[{address}]:8080/")[1] == answer
 
 
 def test_the_configuration_of_the_best_default_route_holds(settings, daemon, client, manager):

@@ -58,6 +58,16 @@ TEST(ManualScript, ExcludesBecomeConditions) {
   }
 }
 
+TEST(ManualScript, AnExcludedAddressMayBeInBrackets) {
+  const std::string script =
+      manualScript(parseServers({"a:1"}), {"[2001:DB8::7]", "2001:db8::7", "[2001:db8:*", "[]"});
+  const std::string line = "  if (h.slice(-11) === \"2001:db8::7\") return \"DIRECT\";\n";
+  EXPECT_NE(script.find(line + line + "  if (h.lastIndexOf(\"2001:db8:\", 0) === 0)"),
+            std::string::npos)
+      << script;
+  EXPECT_EQ(script.find("\"\")"), std::string::npos) << script;
+}
+
 TEST(ManualScript, AnExcludeCannotLeaveItsString) {
   const std::string script = manualScript(parseServers({"a:1"}), {"\"); evil(\"", "\\", "\n", "ü"});
   EXPECT_EQ(script.find("evil("), std::string::npos);
