@@ -9,7 +9,7 @@ inline constexpr char kPacFile[] = "/tmp/proxymanager.pac";
 inline constexpr char kPacDownload[] = "/tmp/proxymanager.pac.tmp";
 /// The lease of the DHCP client, lines of key=value.
 inline constexpr char kLeaseFile[] = "/usr/local/lumad/dhcp.conf";
-/// The search list of the network, one line of a resolver's configuration.
+/// The search list of the network: one line as in a resolver's configuration.
 inline constexpr char kResolverFile[] = "/tmp/.resolv.conf.dnsmasq";
 /// The zone rules of the device.
 inline constexpr char kZoneFile[] = "/etc/localtime";

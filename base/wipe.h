@@ -11,7 +11,7 @@ inline void wipe(void* bytes, std::size_t size) noexcept {
   if (bytes != nullptr) explicit_bzero(bytes, size);
 }
 
-/// Overwrites a C string up to its terminator; null is accepted. The caller still frees it.
+/// Overwrites a C string up to its terminator; null is accepted. Does not free the string.
 inline void wipe(char* text) noexcept {
   if (text != nullptr) wipe(text, std::strlen(text));
 }

@@ -14,7 +14,8 @@
 // turns. A connection whose user is not known yet counts as a user of its own. A new connection
 // comes after the connections that already wait, and before the connection that was served last.
 //
-// The class does not use the bus: the caller passes names and users. Not synchronised; one thread.
+// The class does not use the bus: the caller passes names and users. Not synchronised: only one
+// thread uses it.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -30,7 +31,7 @@
 
 class CallOrder {
  public:
-  /// What a call needs.
+  /// Whether a call needs the script (kQuestion) or not (kPlain).
   enum class Kind : std::uint8_t { kPlain, kQuestion };
 
   /// Maximum number of waiting questions of one connection, and of one user. A browser has a few
@@ -97,7 +98,7 @@ class CallOrder {
   };
   struct Connection {
     std::string user;      // the connection's own name until its user is known
-    bool isNamed = false;  // takeUnknown() has returned it
+    bool isNamed = false;  // takeUnknown() has returned this connection
     Turns lastTurn{};
     std::size_t questions = 0;
     std::list<Waiting> calls;

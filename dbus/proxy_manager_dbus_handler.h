@@ -4,7 +4,7 @@
 // answers the calls itself. It also ensures that no message of a client ends the process. A call
 // that names no interface counts as a call of the only interface. If the handling of a call throws
 // an exception, the client gets the answer of a handler without a service, and one LOG_ERR line is
-// logged. The object sends no D-Bus error of its own. Operations run on the bus thread.
+// logged. The object itself never makes D-Bus errors. Operations run on the bus thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -58,10 +58,10 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
 
   /// Always true.
   bool checkServicestarted() override;
-  /// The service's answer. Without a service, the answer is only "off".
+  /// The service's answer. If there is no service, the answer is only "off".
   std::vector<std::string> getProxyurl(const std::string& requestUrl) override
       PM_EXCLUDES(mServiceMutex);
-  /// The service's configuration. Without a service, "off" and five empty texts.
+  /// The service's configuration. If there is no service, "off" and five empty texts.
   com::zentu::ProxyConfigTexts getProxyconfig() override PM_EXCLUDES(mServiceMutex);
   /// Passes the values to the service, emits notifyProxyConfigupdated with the same values, and
   /// returns the service's result. Without a service, returns -1 and emits no signal.

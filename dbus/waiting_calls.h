@@ -46,7 +46,7 @@ class WaitingCalls {
   /// Longest time for reading calls before one of them is served. Reading 25,600 calls from the bus
   /// takes less than 4 s. A bus that does not answer must not stop the daemon.
   static constexpr std::chrono::seconds kReadLimit{10};
-  /// A call that takes this long to serve delays others.
+  /// If serving a call takes this long, the call delays others.
   static constexpr std::chrono::milliseconds kLongTurn{20};
   /// After a turn that took this long, refused calls are kept while others are read. During a
   /// shorter turn, too few calls arrive to justify the memory.

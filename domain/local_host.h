@@ -1,6 +1,6 @@
-// Which URLs stay on this machine or this link. No proxy reaches the hosts of these URLs, so nobody
-// has to ask the daemon about them. Users of this list: client/library (local answers) and
-// proxymanagerctl (no_proxy, client/ctl/commands/proxy_variables.h).
+// Decides which URLs stay on this machine or this link. No proxy reaches the hosts of these URLs,
+// so nobody has to ask the daemon about them. Users of this list: client/library (local answers)
+// and proxymanagerctl (no_proxy, client/ctl/commands/proxy_variables.h).
 #pragma once
 
 #include <string_view>

@@ -2,7 +2,7 @@
 // the build machine, and the lookups use it on the device.
 //
 // It is the symbol hash of the ELF object format (System V ABI, "Hash Table") with one difference:
-// it shifts right by 23 instead of 24. The counts of the table depend on it.
+// it shifts right by 23 instead of 24. The bucket counts of the table depend on this hash.
 #pragma once
 
 #include <cstdint>

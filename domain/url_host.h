@@ -4,9 +4,9 @@
 
 #include <string>
 
-/// Splits only at "://", "/" and ":". This is on purpose: user information and bracketed addresses
-/// are not recognised, any scheme is accepted, and letter case is kept. If the text has no "://",
-/// the whole text is the host.
+/// Finds the host only by "://", "/" and ":". This is on purpose: user information and bracketed
+/// addresses are not recognised, any scheme is accepted, and letter case is kept. If the text has
+/// no "://", the whole text is the host.
 /// @return the host, allocated with malloc; the caller frees it. Null if the host is empty.
 /// Any thread; logs one or two lines at LOG_INFO, and string2Char()'s line for an empty host.
 char* getHost(const std::string& url);

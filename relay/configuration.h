@@ -4,7 +4,7 @@
 // wrong type and a value out of range are problems. Each problem is reported with its line, and the
 // relay does not start: a misspelt `deny-users` must not open the relay to everybody.
 //
-// The configuration does not change after the start. Only the relay's one thread uses it.
+// The configuration does not change after the start. Only the relay's thread uses it.
 #pragma once
 
 #include <chrono>
@@ -25,7 +25,7 @@ inline constexpr std::size_t kMaxListValues = 256;
 /// Highest value that the connection limits accept. Each connection needs two descriptors, and few
 /// processes may open more than twice this number of descriptors.
 inline constexpr unsigned kMostConnections = 65536;
-/// Shortest and longest time that a key accepts.
+/// Shortest and longest time that a key for a time accepts.
 inline constexpr std::chrono::seconds kShortestTime{1};
 inline constexpr std::chrono::seconds kLongestTime{std::chrono::hours{24}};
 

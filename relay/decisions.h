@@ -28,7 +28,7 @@ struct Decision {
 
 class Decisions {
  public:
-  /// Keeps a decision, unless its user is unknown.
+  /// Stores a decision, unless its user is unknown.
   void add(Decision decision);
 
   /// The last decisions for `user`, the newest first. For root, the decisions for all users.

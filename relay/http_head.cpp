@@ -63,7 +63,7 @@ bool readVersion(std::string_view text, bool& isHttp11) {
   return isHttp11 || text == "HTTP/1.0";
 }
 
-/// A whole number that has only digits.
+/// Reads a whole number that consists only of digits.
 bool readLength(std::string_view text, std::uint64_t& length) {
   const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), length);
   return !text.empty() && base::isDigit(text.front()) && error == std::errc() &&
@@ -91,8 +91,8 @@ HeadProblem readRequestBody(RequestHead& request) {
   return kGood;
 }
 
-/// The field Connection names fields that end at this relay. It must not name a field that is
-/// needed to read the message.
+/// The field Connection names fields that the relay must not forward. It must not name a field that
+/// is needed to read the message.
 HeadProblem checkConnection(const Fields& fields) {
   static constexpr std::array<std::string_view, 5> kNeeded = {
       "Host", "Content-Length", "Transfer-Encoding", "Via", "Authorization"};

@@ -37,7 +37,8 @@ class Names {
  public:
   explicit Names(asio::io_context& loop) : mLoop(loop) {}
 
-  /// Looks up `host` for `user`. An address needs no lookup. Equal lookups share one result.
+  /// Looks up `host` for `user`. If `host` is an address, no lookup is needed. Equal lookups share
+  /// one result.
   Task<Addresses> lookUp(std::string host, std::uint16_t port, Clock::duration limit, uid_t user);
 
  private:

@@ -55,7 +55,7 @@ std::chrono::seconds ageOf(std::time_t time) {
   return std::chrono::seconds(std::max<std::time_t>(std::time(nullptr) - time, 0));
 }
 
-/// Adds the source of the script and its age.
+/// Adds the source and the age of the script to the report.
 void addScript(const std::optional<base::DaemonStatus>& reported, Report& report) {
   if (reported && reported->mode == report.mode) {
     report.source = base::visible(reported->result);

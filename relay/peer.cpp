@@ -135,7 +135,8 @@ void Peers::findOwner(const sockaddr_storage& there, const sockaddr_storage& her
   if (got < static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg)))) return;
   if (header->nlmsg_type != SOCK_DIAG_BY_FAMILY) return;
   const auto* const found = reinterpret_cast<const inet_diag_msg*>(reply + NLMSG_LENGTH(0));
-  // A socket that its program has closed has no inode. The kernel then reports root as its owner.
+  // If a program has closed its socket, the socket has no inode. The kernel then reports root as
+  // its owner.
   peer.isGone = found->idiag_inode == 0;
   if (!peer.isGone) peer.user = found->idiag_uid;
 }

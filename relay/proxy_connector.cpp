@@ -106,7 +106,7 @@ struct ProxyConnector::Transfer {
   CurlHandle handle;
 };
 
-/// A descriptor of libcurl's that the loop watches.
+/// A descriptor of libcurl that the loop watches.
 struct ProxyConnector::Watch {
   Watch(asio::io_context& loop, curl_socket_t fd) : descriptor(loop, fd) {}
   asio::posix::stream_descriptor descriptor;

@@ -1,9 +1,9 @@
 // Handshakes with proxies. libcurl does them on the relay's loop.
 //
-// The caller has connected to the proxy. libcurl does the handshake and the authentication over
-// this connection, and stops. The caller then owns the socket again. Only a TLS connection keeps
-// its libcurl handle. libcurl looks up no names here: it would block until the end of the lookup,
-// and so block the whole relay.
+// The caller has already connected to the proxy. libcurl does only the handshake and the
+// authentication over this connection. After that, the caller owns the socket again. Only a TLS
+// connection keeps its libcurl handle. libcurl looks up no names here: it would block until the end
+// of the lookup, and so block the whole relay.
 #pragma once
 
 #include <curl/curl.h>

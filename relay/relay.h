@@ -24,7 +24,7 @@ struct Configured {
 /// Reads `path` and the credentials file that it names. It is a problem if a user or a group of
 /// deny-users does not exist: the name may be misspelt, and the intended user could then use the
 /// relay. If `mayBeMissing`, a missing `path` counts as an empty file. Throws only std::bad_alloc.
-/// @return the problems; `configured` may be used only if there are none
+/// @return the problems; `configured` may be used only if there are no problems
 std::vector<Problem> load(const std::string& path, bool mayBeMissing, Configured& configured);
 
 /// Runs until one of kEndSignals arrives, and then ends the process with status 0. The caller must

@@ -166,7 +166,7 @@ Task<bool> Route::findAddress(const Entry& entry, Destination& destination) {
   co_return true;
 }
 
-/// Asks an HTTP proxy that gets no password for a tunnel.
+/// Opens a tunnel through an HTTP proxy that gets no password.
 Task<std::optional<Stream>> Route::tunnel(const Entry& entry, Stream connection,
                                           Clock::time_point end) {
   auto through =

@@ -1,4 +1,4 @@
-// CONNECT to an HTTP proxy that gets no password.
+// The handshake with CONNECT for an HTTP proxy that gets no password.
 //
 // libcurl does all other handshakes with proxies. But libcurl reads the answer to CONNECT byte by
 // byte. This takes about eighty system calls for each tunnel, which are half of the tunnel's cost.

@@ -5,8 +5,8 @@
 // environment that the caller passes. Its three standard descriptors are on /dev/null. In addition,
 // it gets the descriptors that the caller passes, and no others. The parent kills it and waits for
 // it through a descriptor of the process (pidfd). A SIGCHLD handler of the program, or a thread
-// that waits for any child, may already have reaped the child. Even then, this code kills no
-// foreign process.
+// that waits for any child, may already have reaped the child. Even then, the parent never kills a
+// wrong process.
 //
 // The child raises its own walls (walls.h) before it reads the first byte of the foreign data.
 #pragma once

@@ -20,7 +20,7 @@ namespace sandbox {
 
 namespace {
 
-// On every distribution these are the numbers of the user nobody and its group. The child processes
+// On every distribution, these are the ids of the user nobody and of its group. The child processes
 // have no user account of their own: all of them would share it, and one child could then trace
 // another.
 constexpr uid_t kNobody = 65534;
@@ -53,7 +53,7 @@ Failure becomeNobody() {
 }
 
 Failure dropCapabilities() {
-  // Fails only if the kernel has no ambient set.
+  // This call fails only if the kernel has no ambient set.
   prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_CLEAR_ALL, 0, 0, 0);
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   const __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3]{};

@@ -1,4 +1,4 @@
-// proxymanagerd: start-up, the wait, and the end.
+// proxymanagerd: its start, its main loop and its end.
 //
 // The service's threads do the work; the main thread only sleeps. SIGTERM and SIGHUP are blocked in
 // every thread. The main thread unblocks them only during its sleep, atomically. So their handlers

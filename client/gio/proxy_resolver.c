@@ -10,9 +10,9 @@
  * directly: if the daemon is too slow, if the script has no answer, or if no entry of the answer is
  * an address. The alternative would be that the resolver fails. Then every connection of every
  * program would fail, and a device without a bus would have no network. If a network permits only
- * connections through its proxy, it refuses direct connections itself. An administrator who wants
- * programs to fail sets PROXYMANAGER_NO_ANSWER=refuse in their environment.
- * G_MESSAGES_DEBUG=proxymanager shows the reasons.
+ * connections through its proxy, it refuses direct connections itself. If an administrator wants
+ * programs to fail in these cases, the variable PROXYMANAGER_NO_ANSWER=refuse is set in their
+ * environment. G_MESSAGES_DEBUG=proxymanager shows the reasons.
  *
  * The library itself answers "direct" for this machine and this link, in every mode. So a program's
  * traffic to local services never goes through a script's proxy.

@@ -32,9 +32,9 @@ PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_new(void);
  * from the daemon.
  * @return a null-terminated array of at least one text, in the order in which the program tries
  * them: "http://host:1", "https://", "socks://host:1" (version 5, then 4), "socks4://",
- * "socks4a://", "socks5://", or "direct://". The URL of a manual proxy has its user name and
- * password. The array and each text come from malloc(); the caller frees them. Null only if memory
- * is exhausted */
+ * "socks4a://", "socks5://", or "direct://". The URL of a manual proxy contains the proxy's user
+ * name and password. The array and each text come from malloc(); the caller frees them. Null only
+ * if memory is exhausted */
 PROXYMANAGER_LIBPROXY_API char** px_proxy_factory_get_proxies(pxProxyFactory* factory,
                                                               const char* url);
 
@@ -44,7 +44,7 @@ PROXYMANAGER_LIBPROXY_API void px_proxy_factory_free_proxies(char** proxies);
 /** Releases a factory; null does nothing. */
 PROXYMANAGER_LIBPROXY_API void px_proxy_factory_free(pxProxyFactory* factory);
 
-/** @return the same factory, to be freed once more; null for null */
+/** @return the same factory, which must then be freed once more; null for null */
 PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_copy(pxProxyFactory* factory);
 
 /** @return GLib's boxed type of a factory; 0 if the process cannot load GObject */

@@ -10,7 +10,7 @@ enum class BusError {
   kNotRunning,   ///< the daemon's name has no owner
   kCannotStart,  ///< the bus was asked to start the daemon and could not
   kEnded,        ///< the daemon ended before it answered
-  kDenied,       ///< the bus does not allow it
+  kDenied,       ///< the bus does not allow the call or connection
   kTimedOut,     ///< the caller's own time limit is over
   kBusy,         ///< the bus has no room for one more connection or message
   kLost,         ///< the connection to the bus ended

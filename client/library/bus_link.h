@@ -38,7 +38,7 @@ class BusLink {
     friend class BusLink;
     BusLink* mLink = nullptr;
     const std::string* mUrl = nullptr;  ///< owned by the caller
-    int mAttempts = 0;                  ///< how often it was sent
+    int mAttempts = 0;                  ///< how often the question was sent
     /// An answer for which the credentials are still missing, and whether the answer may be
     /// remembered.
     std::optional<ProxyAnswer> mAnswer;

@@ -6,7 +6,7 @@
 namespace client {
 
 /// Whether `text` is UTF-8 without NUL and without Unicode's noncharacters. The bus carries only
-/// UTF-8 without NUL, and its library refuses noncharacters.
+/// UTF-8 without NUL, and the bus library refuses noncharacters.
 bool isBusText(std::string_view text);
 
 }  // namespace client

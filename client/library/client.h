@@ -63,7 +63,8 @@ class Client final : public BusLink::Listener {
   /// Whether this process made the client. A child process that has a copy of the client through
   /// fork() did not make it. Like sd-bus, this function only compares process ids.
   bool belongsHere() const;
-  // The functions of the interface with these names. They throw std::bad_alloc.
+  // These functions do what the functions of the interface with the same names do. They throw
+  // std::bad_alloc.
   Outcome get(std::string_view url, std::chrono::milliseconds limit) PM_EXCLUDES(mMutex);
   /// @param remembered receives the answer if it is remembered; in this case, no question is asked
   proxymanager_status ask(std::string_view url, std::chrono::milliseconds limit,
@@ -123,7 +124,7 @@ class Client final : public BusLink::Listener {
   void takeBack(Calls::iterator call, const Waiter& waiter) PM_REQUIRES(mMutex);
   void wake() const;
 
-  // The client's thread, or the thread that ended it.
+  // Called only on the client's thread, or on the thread that has ended it.
   static void* threadMain(void* client);
   void run();
   bool prepare() PM_EXCLUDES(mMutex);

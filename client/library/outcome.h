@@ -18,7 +18,7 @@ inline constexpr std::size_t kMaxBusErrorName = 255;
 /// log line.
 inline constexpr std::size_t kMaxFailureText = 511;
 
-/// More about a failure than its status.
+/// Details of a failure, in addition to its status.
 struct Detail {
   int error = 0;     ///< errno if the connection failed or is not ready yet
   std::string name;  ///< of the bus's error

@@ -47,7 +47,7 @@ std::optional<std::string> ipv4Literal(std::string_view name) {
   return inet_ntop(AF_INET, &binary, text, sizeof text);
 }
 
-/// An IPv4 literal with a field that is too large, for instance.
+/// Such a name can be, for example, an IPv4 literal with a field that is too large.
 bool isDigitsAndDots(std::string_view name) {
   return name.find_first_not_of("0123456789.") == name.npos;
 }

@@ -25,8 +25,8 @@ class NameLookup {
  public:
   explicit NameLookup(NameSource source);
 
-  /// Begins an evaluation with a new share of names. Its first lookup checks whether the resolver's
-  /// configuration has changed.
+  /// Begins an evaluation, which may again look up the maximum number of names. The first lookup of
+  /// the evaluation checks whether the resolver's configuration has changed.
   void begin();
 
   /// Addresses of `name` (UTF-8) in `family`. Empty if it has none, if it is not a valid name, if

@@ -50,8 +50,8 @@ class WorkerProcess {
   /// kernel refuses the binding, nothing changes.
   void follow();
 
-  /// Lets the kernel end the process with SIGXCPU after it has used `more` CPU time from now on.
-  /// Nothing changes if the kernel does not allow it.
+  /// Lets the kernel end the process with SIGXCPU after it has used `more` CPU time from now on. If
+  /// the kernel refuses this, nothing changes.
   void limitCpu(std::chrono::seconds more);
 
   /// Kills the process unless it has ended and waits for it, 1 s at most. If it does not end, a

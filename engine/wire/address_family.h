@@ -1,4 +1,4 @@
-// The families of addresses that a name lookup can return.
+// The address families that a name lookup can return.
 #pragma once
 
 #include <cstdint>

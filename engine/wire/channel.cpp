@@ -21,7 +21,8 @@ int millisecondsLeft(Deadline deadline) {
   return static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0));
 }
 
-/// Waits until `socket` can be read or is closed. @return whether it can, before `deadline`
+/// Waits until `socket` can be read or is closed. @return false if `deadline` was reached before
+/// that
 bool waitReadable(int socket, Deadline deadline) {
   pollfd entry{socket, POLLIN, 0};
   int ready = 0;

@@ -71,7 +71,8 @@ void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
 /// Makes a fresh record with `count` empty slots. If `count` <= 0, there is no slot and no array.
 void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count);
 
-/// Frees everything the record owns and zeroes it. An array with `urlCount` <= 0 is not freed.
+/// Frees everything that the record owns, and sets the record to zero. An array with `urlCount` <=
+/// 0 is not freed.
 void cleanupProxyUrlInfo(ProxyUrlInfo* info);
 
 /// Frees the entry's url, and sets the url to null and the type to 0.
@@ -81,7 +82,8 @@ void cleanupProxySetting(ProxyUrlSetting* setting);
 /// @return the mode of that text; off, without a warning, for any other text
 ProxyMode str2ProxyMode(const char* text);
 
-/// @return the mode's text, a constant. For an invalid number, "off" and a LOG_ERR line
+/// @return the mode's text, a constant. For an invalid number, the text is "off", and there is a
+/// LOG_ERR line
 const char* proxyMode2Str(ProxyMode mode);
 
 /// Copies `length` bytes of `data`, including zeros, and adds a terminator.

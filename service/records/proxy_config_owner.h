@@ -18,7 +18,7 @@ struct HeapFree {
 /// scope.
 using HeapText = std::unique_ptr<char, HeapFree>;
 
-/// @return a malloc'ed copy of `text`; null if `text` is null. Unlike string2Char, it keeps an
+/// @return a malloc'ed copy of `text`; null if `text` is null. Unlike string2Char, it copies an
 ///         empty text as an empty text. Throws std::bad_alloc if memory is exhausted.
 inline char* heapCopy(const char* text) {
   if (!text) return nullptr;

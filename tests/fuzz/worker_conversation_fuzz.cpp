@@ -148,7 +148,7 @@ void ownAddresses(pac_worker::PacEnvironment& environment, AddressFamily family)
   }
 }
 
-/// The actions of a script through its helpers.
+/// Does what a script can do through its helpers.
 void runSteps(pac_worker::PacEnvironment& environment) {
   auto& input = library->input;
   for (auto left = input.below(kMostSteps + 1); left > 0; --left) {

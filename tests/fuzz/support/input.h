@@ -36,7 +36,7 @@ class Input {
     return taken;
   }
 
-  /// The text before the next `end`, which is skipped.
+  /// The text before the next `end`. The `end` itself is skipped.
   std::string_view upTo(char end) {
     const auto taken = bytes(std::min(mLeft.find(end), mLeft.size()));
     bytes(1);

@@ -141,7 +141,7 @@ TEST_F(SmallFile, ReportsADescriptorThatCannotBeRead) {
   EXPECT_EQ(file.failure.error, EBADF);
 }
 
-// Bytes that are read in the second piece count, too.
+// The limit also counts bytes that are read in the second piece.
 TEST_F(SmallFile, ThatGrewIsHeldToTheLimit) {
   std::ofstream(kFile) << std::string(5000, 'x');
   const base::UniqueFd file(open(kFile, O_RDONLY | O_CLOEXEC));

@@ -32,7 +32,7 @@ class DnsServer {
   /// "127.0.0.1:port"
   std::string address() const;
 
-  /// Questions for `name` so far, of all types.
+  /// The number of questions for `name` until now, of all types.
   int questions(const std::string& name) const;
 
  private:

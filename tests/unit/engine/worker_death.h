@@ -117,7 +117,7 @@ inline void killAroundQuestions(int times) {
 }
 
 /// Waits until `pid` runs or is ready to run. This happens only during a question.
-/// @return whether it ran before it ended or `answered` was set
+/// @return true if it ran before it ended and before `answered` was set
 inline bool waitUntilBusy(pid_t pid, const std::atomic<bool>& answered) {
   while (!answered) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");

@@ -223,7 +223,7 @@ TEST_F(ConfigWatch, IsPromptlyStoppedWhileItWaitsForMoreChanges) {
 
 class UnwatchedFile : public ConfigWatch, public testing::WithParamInterface<int> {};
 
-// Only files that the daemon would also read.
+// The daemon watches only files that it would also read.
 TEST_P(UnwatchedFile, CausesNoFetch) {
   writeFile(kLease, "");
   writeFile("/tmp/theirs", "");

@@ -198,7 +198,7 @@ PROXYMANAGER_API proxymanager_status proxymanager_get_async(proxymanager_client*
 
 /** Cancels a question. Its callback runs with PROXYMANAGER_CANCELLED on the client's thread. A
  * callback that already runs is not affected.
- * @return 1 if the question still waited, else 0 */
+ * @return 1 if the question was still waiting, else 0 */
 PROXYMANAGER_API int proxymanager_cancel(proxymanager_client* client, proxymanager_id id);
 
 /** From now on, calls `callback` for each change, on the client's thread. The first call reports

@@ -6,7 +6,7 @@
 
 struct CurlOption {
   int option;
-  long value;  ///< as a number, for options that are pointers too
+  long value;  ///< as a number, also for options that are pointers
 };
 
 /// The options set so far, in order.
