@@ -1,4 +1,5 @@
-"""Certificates: an authority, and servers' certificates that are good, expired or a stranger's."""
+"""Makes certificates: an authority, and server certificates that are valid, expired, or from an
+unknown authority."""
 
 import os
 import subprocess
@@ -26,7 +27,7 @@ x509_extensions = server
 [policy]
 commonName = supplied
 """
-# From the first day that a certificate can have to the day before a clock can stand.
+# From the first day that a certificate can have, to a day that is before the time of every clock.
 _PAST = ["-startdate", "20200101000000Z", "-enddate", "20200201000000Z"]
 _KEY = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
 

@@ -1,4 +1,4 @@
-"""The DHCP clients, with their hooks where each looks for them."""
+"""The DHCP clients. Each finds its hook at the usual place."""
 
 import contextlib
 import os
@@ -12,7 +12,7 @@ from support.own_root import mount_empty
 
 
 class Dhclient:
-    """@param metric of its default route; none unless given"""
+    """@param metric of its default route; there is no metric if it is not given"""
 
     def __init__(self, hooks, interface="eth0", metric=None):
         hook = "/etc/dhcp/dhclient-exit-hooks.d/proxymanager"
@@ -36,12 +36,13 @@ class Dhclient:
         self._starts += 1
 
     def renew(self):
-        """It has no command for that; it renews when the lease says so."""
+        """The client has no command for this. It renews the lease at the time that the lease
+        sets."""
 
     def release(self):
-        # The hooks run before it has noted the lease itself.
+        # The hooks run before the client itself has stored the lease.
         wait_until(lambda: contents(self._log).count("bound to") >= self._starts, "it is bound")
-        # It logs that before it writes this file again.
+        # The client logs this before it writes the file again.
         wait_for_text(self._pid, "\n")
         subprocess.run(["dhclient", "-4", "-r", *self._files, *self._metric, self._interface],
                        check=True, capture_output=True)
@@ -75,7 +76,7 @@ class Udhcpc:
         self._process.send_signal(signal.SIGUSR1)
 
     def count(self, event):
-        """How many times its own script has been through with `event`."""
+        """How often the client's script has finished `event`."""
         done = "/run/udhcpc_events"
         return open(done).read().split().count(event) if os.path.exists(done) else 0
 
@@ -102,7 +103,7 @@ class Dhcpcd:
         mount_empty(self._HOOKS, "mode=0755")
         shutil.copytree("/run/dhcpcd-hooks", self._HOOKS, dirs_exist_ok=True)
         shutil.copy(f"{hooks}/dhcpcd", f"{self._HOOKS}/70-proxymanager")
-        # What it keeps of the machine's own networks.
+        # The files about the machine's own networks.
         mount_empty("/var/lib/dhcpcd", "mode=0755")
         with open("/etc/dhcpcd.conf", "a") as file:
             file.write("option wpad_url\nreboot 1\nnoarp\nnoipv4ll\nnodev\n")
@@ -111,7 +112,8 @@ class Dhcpcd:
     def start(self):
         for interface in self._interfaces:
             ip("link", "set", interface, "up")
-        # It consists of many processes, which sometimes do not end. Here they end with their namespace.
+        # This client has many processes, which sometimes do not end. Here, the end of their
+        # namespace ends them.
         self._process = _spawn(["unshare", "--pid", "--fork", "dhcpcd", "-B", "-4",
                                 *self._interfaces])
 
@@ -119,16 +121,16 @@ class Dhcpcd:
         outer = self._process.pid
         with open(f"/proc/{outer}/task/{outer}/children") as children:
             inner = children.read()
-        if inner:  # it may end at any time
+        if inner:  # the process may end at any time
             os.kill(int(inner), number)
 
     def renew(self):
         self._signal(signal.SIGUSR1)
 
     def release(self):
-        # The hooks run before it is done with the lease itself.
+        # The hooks run before the client has handled the lease itself.
         wait_for_text("/run/unshare.log", "adding route to")
-        # It sometimes misses one.
+        # The client sometimes misses an event.
         for _ in range(12):
             self._signal(signal.SIGALRM)
             try:
@@ -138,7 +140,7 @@ class Dhcpcd:
                 pass
 
     def replug(self, plug):
-        plug()  # it sees the carrier go and come
+        plug()  # the client sees that the carrier is lost and returns
 
     def stop(self):
         if self._process and self._process.poll() is None:
@@ -148,7 +150,7 @@ class Dhcpcd:
 
 @contextlib.contextmanager
 def running(dhcp):
-    """Whatever becomes of the test, its client ends with it."""
+    """Ends the client after the test, also if the test has failed."""
     try:
         yield dhcp
     finally:
@@ -161,7 +163,7 @@ def _spawn(command, log=None):
 
 
 def contents(path):
-    """A file's text; none where there is no file yet."""
+    """The text of a file; empty if the file does not exist yet."""
     try:
         with open(path, errors="replace") as file:
             return file.read()

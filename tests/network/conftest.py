@@ -1,4 +1,5 @@
-"""Fixtures: a device and a gateway, each in a network of its own with one cable between them."""
+"""Fixtures: a device and a gateway, each in its own network namespace, with one cable between
+them."""
 
 import glob
 import os
@@ -12,7 +13,7 @@ from lan import device_network
 from support.own_root import mount_empty
 from support.skipping import refuse_or_skip
 
-# Servers and DHCP clients are in folders outside an ordinary user's PATH.
+# Servers and DHCP clients are in folders that are not in the PATH of an ordinary user.
 os.environ["PATH"] += ":/usr/local/sbin:/usr/sbin:/sbin"
 
 
@@ -21,7 +22,7 @@ def pytest_addoption(parser):
 
 
 def pytest_sessionstart(session):
-    """Says why where the machine does not let these tests make their networks."""
+    """The reason, if the machine does not allow these tests to make their networks."""
     try:
         trial = subprocess.run(
             ["unshare", "--mount", "--net", "ip", "link", "add", "veth0", "type",
@@ -38,7 +39,7 @@ def pytest_sessionstart(session):
 
 @pytest.fixture
 def hooks(root, build, request):
-    """The hooks' folder; the program that they call stands where they look for it."""
+    """The folder of the hooks. The program that they call is at the path that they contain."""
     libexec = request.config.getoption("--libexec")
     if os.path.isdir(libexec):
         mount_empty(libexec, "mode=0755")
@@ -49,7 +50,7 @@ def hooks(root, build, request):
 
 @pytest.fixture(autouse=True)
 def device(root):
-    """This thread, and what it starts, are the device."""
+    """This thread, and the processes that it starts, are in the device's network."""
     with device_network():
         yield
 

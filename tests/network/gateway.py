@@ -1,7 +1,7 @@
 """The gateway of a network: dnsmasq for DHCP and DNS, nginx for scripts, a web server for the rest.
 
-One cable goes to an interface of the device, eth0 unless said. become() makes it the gateway of another network: the cable is
-then plugged in elsewhere.
+One cable leads to an interface of the device, by default eth0. become() makes it the gateway of
+another network, as if the cable were plugged into that network.
 """
 
 import os
@@ -38,7 +38,7 @@ SECURE_PORTS = {"good": 443, "expired": 8443, "stranger": 9443}
 
 
 class Network:
-    """An IPv4 /24, an IPv6 /64 and a search domain; its gateway has the address ending in 1."""
+    """An IPv4 /24, an IPv6 /64 and a search domain. The gateway's address ends with 1."""
 
     def __init__(self, number, domain):
         self.number = number
@@ -52,9 +52,9 @@ HOME = Network(2, "lab.home.example")
 
 
 class Gateway:
-    """@param interface what the cable is called at the device
-    @param name of its namespace: a second gateway has another
-    @param router whether leases name it as the default route"""
+    """@param interface the name of the device's end of the cable @param name of the gateway's
+    namespace; a second gateway needs another name @param router whether leases name the gateway
+    as the default route"""
 
     def __init__(self, network=OFFICE, interface="eth0", name="gateway", router=False):
         self._namespace = Namespace(name)
@@ -74,7 +74,8 @@ class Gateway:
         return self._namespace.inside()
 
     def become(self, network):
-        """The device's cable leads to `network` from here on; its carrier was gone for a moment."""
+        """From now on, the device's cable leads to `network`. Its carrier is lost for a
+        moment."""
         if self._dnsmasq:
             end(self._dnsmasq)
         self.network = network
@@ -108,22 +109,25 @@ class Gateway:
                 f"--dhcp-range={network}.50,{network}.150,255.255.255.0,2m",
                 "--dhcp-authoritative", "--no-ping", f"--dhcp-leasefile={self._run}dnsmasq.leases",
                 f"--dhcp-optsfile={self._run}dnsmasq.opts",
-                # Left out: 255 bytes of option 252 fill a small client's packet.
+                # These options are left out, because 255 bytes of option 252 fill the packet of a
+                # small client.
                 "--dhcp-option=option:router" + (f",{self.network.address}" if self._router else ""),
                 "--dhcp-option=28"])
-        # The options' file last: a later reading of it is of a later change.
+        # At its start, dnsmasq reads the file of the options last. So if it reads this file
+        # again, the reason is a later change.
         wait_until(lambda: self._dnsmasq.poll() is not None
                    or (os.path.exists(log) and f"read {self._run}dnsmasq.opts" in open(log).read()),
                    "dnsmasq has started")
         assert self._dnsmasq.poll() is None, open(log).read()
 
     def cable(self, state):
-        """The cable is "up" or "down" at this end."""
+        """Sets this end of the cable "up" or "down"."""
         with self.inside():
             ip("link", "set", "port", state)
 
     def options(self, wpad=None, search=None, renew=None):
-        """What leases say from here on. wpad: text or bytes of option 252; renew: after seconds."""
+        """Sets the values of leases from now on. wpad: text or bytes of option 252; renew:
+        seconds until the renewal."""
         search = self.network.domain if search is None else search
         lines = []
         if search:
@@ -139,7 +143,7 @@ class Gateway:
         self._reload()
 
     def name(self, name, address=None):
-        """`name` resolves, to the gateway where no address is given."""
+        """Makes `name` resolve, to the gateway if no address is given."""
         self._names[name] = address or self.network.address
         self._write_names()
 
@@ -158,7 +162,7 @@ class Gateway:
                    "dnsmasq has read its options again")
 
     def connect_device(self):
-        """The device has addresses and its name server without any DHCP client."""
+        """Gives the device addresses and a name server without a DHCP client."""
         network = self.network
         ip("link", "set", "eth0", "up")
         ip("addr", "add", network.address.rsplit(".", 1)[0] + ".2/24", "dev", "eth0")
@@ -167,23 +171,24 @@ class Gateway:
             file.write(f"nameserver {network.address}\noptions timeout:5 attempts:2\n")
 
     def link_address(self):
-        """The gateway's address that is valid on the cable alone; the device gets one beside it."""
+        """The gateway's link-local address; the device gets one, too."""
         ip("addr", "add", "fe80::2/64", "dev", "eth0", "nodad")
         return "fe80::1"
 
     def stop_names(self):
-        """The name server falls silent: its process stands still, its socket stays."""
+        """Stops the process of the name server. Its socket stays open, so it does not answer."""
         self._dnsmasq.send_signal(signal.SIGSTOP)
 
     def end_names(self):
-        """Nothing listens on the name server's port any more."""
+        """Ends the name server, so nothing listens on its port."""
         end(self._dnsmasq)
 
     def resume_names(self):
         self._dnsmasq.send_signal(signal.SIGCONT)
 
     def serve(self, host, path, answer):
-        """nginx serves a script that gives one answer for all, at http://host/path."""
+        """Makes nginx serve a script at http://host/path. The script gives one answer for all
+        URLs."""
         file = f"/run/www/{host}{path}"
         os.makedirs(os.path.dirname(file), exist_ok=True)
         with open(file, "w") as page:
@@ -191,7 +196,7 @@ class Gateway:
         self.start_nginx()
 
     def start_nginx(self, authority=None):
-        """With an authority it serves https too, on the ports SECURE_PORTS."""
+        """With an authority, nginx also serves https, on the ports SECURE_PORTS."""
         if self._nginx:
             return
         secure = ""
@@ -208,7 +213,7 @@ class Gateway:
         assert self._nginx.poll() is None, open("/run/nginx.error").read()
 
     def web(self, port=8080):
-        """A web server whose bytes a test writes."""
+        """A web server. The test sets the bytes that it sends."""
         with self.inside():
             web = Web(self.network.address, port)
         web.base = f"http://{self.network.address}:{port}"
@@ -227,7 +232,7 @@ class Gateway:
 
 
 def trusted_authority():
-    """An authority that the device trusts, and its server certificates."""
+    """An authority that the device trusts, and server certificates of this authority."""
     authority = Authority("/run/authority")
     with open("/etc/ssl/certs/ca-certificates.crt", "a") as trusted:
         trusted.write(open(authority.certificate).read())

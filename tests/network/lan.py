@@ -1,4 +1,4 @@
-"""Network namespaces: the device's, in which a test runs, and that of its gateway."""
+"""Makes network namespaces: one for the device, in which a test runs, and one for its gateway."""
 
 import contextlib
 import os
@@ -17,7 +17,7 @@ def ip(*words):
 
 @contextlib.contextmanager
 def device_network():
-    """A network of its own for this thread, with its loopback interface."""
+    """Moves this thread into a new network namespace, with a loopback interface."""
     before = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
     _check(_libc.unshare(CLONE_NEWNET), "unshare")
     try:
@@ -29,7 +29,7 @@ def device_network():
 
 
 class Namespace:
-    """A named network; its name stands in this test's own /run."""
+    """A network namespace with a name, which is stored in this test's /run."""
 
     def __init__(self, name):
         self.name = name
@@ -38,7 +38,8 @@ class Namespace:
 
     @contextlib.contextmanager
     def inside(self):
-        """This thread is there: sockets that it makes and processes that it starts stay there."""
+        """Inside the block, this thread is in the namespace. Sockets that it makes and processes
+        that it starts stay there."""
         before = os.open("/proc/thread-self/ns/net", os.O_RDONLY)
         _check(_libc.setns(self._file, CLONE_NEWNET), "setns")
         try:

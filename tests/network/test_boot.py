@@ -24,7 +24,7 @@ def tmpfiles(*words, rules=RULES):
 
 @pytest.fixture
 def bare(root):
-    """Nothing is there yet."""
+    """Makes a system in which the watched files and their folder do not exist yet."""
     shutil.rmtree("/usr/local/lumad")
 
 

@@ -1,5 +1,6 @@
-"""Downloads from servers that do what servers do: after each the old script answers, or the new one
-does, whole; no temporary file is left; the log says which."""
+"""Downloads from servers that behave well or badly, as real ones do. After each download, the old
+script or the complete new one answers, no temporary file is left, and the log shows what
+happened."""
 
 import gzip
 import os
@@ -54,13 +55,14 @@ class Downloads:
                          limit=limit)
 
     def fails(self, url, transferred, code, limit=60):
-        """The script stays; transferred: whether the transfer itself went well."""
+        """Asserts that the old script stays. `transferred`: whether the transfer itself
+        succeeded."""
         self.fetch(url)
         self._outcome("failed", url, limit)
         self.syslog.wait(DEBUG, f"PACFetcher-fileDownload result success:{transferred}, code:{code}")
         with open(PAC) as file:
             assert file.read() == self.old, url
-        # It is removed right after the awaited line.
+        # The file is removed immediately after the line for which the test waits.
         wait_until(lambda: not os.path.exists(PAC + ".tmp"), "no temporary file")
         self.answers("PROXY old:1")
 
@@ -138,7 +140,7 @@ def test_an_endless_body_is_hung_up_on_within_a_second(downloads):
             hung_up.append(time.monotonic() - past if past else 0)
 
     downloads.web.routes["/endless"] = endless
-    # A busy machine is seldom busy three times.
+    # The test tries this three times, because the machine may be busy.
     for tries in range(1, 4):
         downloads.fails(downloads.url("/endless"), "false", 200)
         wait_until(lambda: len(hung_up) == tries, "the server sees its connection go")
@@ -192,9 +194,9 @@ def test_servers_have_to_be_who_they_say(online, client, syslog):
     downloads = Downloads(online, client, syslog)
     downloads.installs("https://secure.office.example/x.pac", script("PROXY secure:1"),
                        "PROXY secure:1")
-    for refused in ("https://other.office.example/x.pac",  # another's name
+    for refused in ("https://other.office.example/x.pac",  # the name of another server
                     "https://secure.office.example:8443/x.pac",  # expired
-                    "https://secure.office.example:9443/x.pac"):  # an authority nobody knows
+                    "https://secure.office.example:9443/x.pac"):  # an unknown authority
         downloads.fails(refused, "false", 0)
 
 

@@ -1,4 +1,5 @@
-"""The hooks of clients that do not run here, with the variables that their documents name."""
+"""Calls the hooks of clients that these tests do not run, with the variables that the clients'
+documents name."""
 
 import os
 import subprocess

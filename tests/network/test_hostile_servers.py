@@ -1,6 +1,6 @@
-"""Servers that attack their clients: each spoils only its own download. The daemon's private
-memory, read before, during and after, grows by 256 KiB at most, the process that downloads is gone
-after 30.5 s at most, and the next download works."""
+"""Servers that attack their clients. Each server can spoil only its own download: the daemon's
+private memory (read before, during and after) grows by 256 KiB at most, the fetch process has
+ended after 30.5 s at most, and the next download works."""
 
 import contextlib
 import gzip
@@ -21,8 +21,8 @@ MOST = 30.5  # seconds
 
 
 def private_bytes(pid):
-    """What the daemon itself wrote. Pages of files that it read count as private or not by what other
-    programs start and end meanwhile."""
+    """The memory that the daemon itself has written. Pages of files are left out, because other
+    programs decide whether such pages are private or shared."""
     with open(f"/proc/{pid}/smaps_rollup") as file:
         return sum(int(line.split()[1]) << 10 for line in file if line.startswith("Private_Dirty"))
 
@@ -57,7 +57,8 @@ def compressed(text):
 
 
 ROUTES = {
-    # 100 MB if it were decoded, which it never is: a script that is compressed is none.
+    # Decoded, this would be 100 MB. But the daemon never decodes it: it accepts no compressed
+    # scripts.
     "gzip_bomb": lambda: compressed(script("PROXY bomb:1").encode() + b"/" * (100 << 20)),
     "gzip_of_a_script": lambda: compressed(script("PROXY bomb:1").encode()),
     "endless_trailers": lambda: sending(CHUNKED + b"1\r\nx\r\n0\r\n",
@@ -101,7 +102,7 @@ class Watched:
 
 
 def costs_its_own_download(downloads, daemon, url, name, capsys):
-    # The memory of the first download and question does not count.
+    # The first download and the first question happen before the measurement.
     downloads.fetch(downloads.url("/old.pac"))
     downloads.answers("PROXY old:1")
     with Watched(daemon.pid) as memory:
@@ -127,7 +128,7 @@ def test_a_hostile_server_costs_its_own_download(downloads, daemon, capsys, name
     downloads.web.routes["/hostile"] = ROUTES[name]()
     downloads.web.routes["/new.pac"] = script("PROXY new:1")
     url = downloads.url("/hostile")
-    # Time during which the machine stood still does not count for the daemon.
+    # If the machine stood still, this time is subtracted.
     for _ in range(3):
         seconds = costs_its_own_download(downloads, daemon, url, name, capsys)
         if seconds < MOST:

@@ -1,5 +1,5 @@
-"""Values of option 252 as seen in the wild and as an attacker would choose them, from a real server
-through each DHCP client to the daemon's log."""
+"""Values of option 252 that real networks have, and values that an attacker would choose. They go
+from a real server through each DHCP client to the daemon's log."""
 
 import os
 
@@ -13,11 +13,11 @@ URL = f"http://{OFFICE.address}/proxy.pac"
 LONG = URL + "?" + "x" * (251 - len(URL) - 1)
 METACHARACTERS = "http://h/$(touch /tmp/run)`touch /tmp/run`;touch /tmp/run|&<>'\"\\#*?{a,b}!~"
 
-# What the server sends, and what the daemon takes of it.
+# The value that the server sends, and the part that the daemon uses.
 VALUES = {
     "trailing_nul": (URL.encode() + b"\0", URL),
     "trailing_newline": (URL.encode() + b"\n", URL),
-    # Two: the server takes one byte in hexadecimal for a text.
+    # There are two bytes, because the server treats a single byte in hexadecimal as a text.
     "newlines_alone": (b"\n\n", ""),
     "quotes": (b'"' + URL.encode() + b'"', URL),
     "blanks": (b"  " + URL.encode() + b" ", URL),
@@ -32,19 +32,21 @@ VALUES = {
     "control_characters": (b"http://\x1b[31mh\x07/\x7f", "http://[31mh/"),
 }
 GOOD = {URL, LONG}
-# dhcpcd itself leaves out what is not ASCII.
+# dhcpcd itself removes bytes that are not ASCII.
 OF_DHCPCD = {"bytes_above_127": "http://h/", "utf_8": "http://h/"}
 
 
 def takes_every_value(dhcp, client, gateway, syslog, exceptions=None):
-    """One lease after the other, each with its value; after all that the daemon answers."""
+    """Makes one lease after the other, each with one of the values. At the end, the daemon must
+    still answer."""
     gateway.serve(OFFICE.address, "/proxy.pac", "PROXY first:1")
     client.update("wpad")
     syslog.wait(NOTICE, "PACFetcher-retrievePacFile wpad-dhcp opt252:")
     for name, (sent, taken) in VALUES.items():
         taken = (exceptions or {}).get(name, taken)
         syslog.clear()
-        # A value that is not the one before, so that it is written and noticed.
+        # This value differs from the one before, so that the file is written and the daemon
+        # notices it.
         os.truncate(LEASE, 0)
         gateway.options(wpad=sent, search="")
         with running(dhcp):

@@ -1,4 +1,4 @@
-"""The daemon follows the leases of each DHCP client, with nobody calling it."""
+"""The daemon follows the leases of each DHCP client, without any call on the bus."""
 
 import os
 
@@ -12,13 +12,14 @@ RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 
 
 def answer_comes(client, proxy):
-    """The answers change as soon as the new script is loaded."""
+    """Waits until the answers are those of the new script."""
     wait_until(lambda: client.urls("http://www.example.org/") == ["wpad", proxy],
                f"the answer {proxy}", pause=0.05)
 
 
 def follows_leases(dhcp, client, gateway, signals, syslog):
-    """The story of every client: two leases with option 252, one without, another network."""
+    """The same steps for each client: two leases with option 252, one without, and another
+    network."""
     watched = {path: os.stat(path).st_ino for path in (LEASE, RESOLVER)}
     office, home = (f"http://{network.address}/proxy.pac" for network in (OFFICE, HOME))
     gateway.serve(OFFICE.address, "/proxy.pac", "PROXY first:1")
@@ -61,7 +62,7 @@ def follows_leases(dhcp, client, gateway, signals, syslog):
 
 
 def ends_its_lease(dhcp, gateway):
-    """The values of a lease go with it."""
+    """When a lease ends, its values are removed."""
     gateway.options(wpad=f"http://{OFFICE.address}/proxy.pac")
     dhcp.start()
     wait_for_text(LEASE, "proxy.pac")

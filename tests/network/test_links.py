@@ -1,4 +1,5 @@
-"""A device with two links: each has a lease, and the default route decides which of them counts."""
+"""A device with two links. Each has a lease, and the default route decides which lease is in
+force."""
 
 import os
 
@@ -31,7 +32,7 @@ def home(device):
 
 
 def counts(network, interface):
-    """Waits until the daemon's files have what this network announced."""
+    """Waits until the daemon's files have the values of this network."""
     wait_for_text(LEASE, f"interface='{interface}'\ndomain='{network.domain}'\nwpad='http://")
     wait_until(lambda: contents(RESOLVER) == f"search {network.domain}\n", "the search list")
 
@@ -53,7 +54,7 @@ def test_the_end_of_dhclients_better_lease_brings_back_the_other(hooks, office, 
         comes_back_with_the_others_end(first, second, office, home)
         first.start()
         counts(OFFICE, "eth0")
-        # The end of the worse route changes nothing.
+        # The end of the lease with the worse route changes nothing.
         before = [os.stat(path).st_mtime_ns for path in (LEASE, RESOLVER)]
         second.release()
         wait_until(lambda: os.listdir(KEPT) == ["eth0"], "the other lease is forgotten")
@@ -62,7 +63,7 @@ def test_the_end_of_dhclients_better_lease_brings_back_the_other(hooks, office, 
 
 def test_the_end_of_udhcpcs_lease_with_the_route_brings_back_the_other(hooks, office, home):
     with running(Udhcpc(hooks, "eth0")) as first, running(Udhcpc(hooks, "eth1")) as second:
-        # Its script gives the default route to who comes first.
+        # The script of this client gives the default route to the first link.
         first.start()
         counts(OFFICE, "eth0")
         second.start()
@@ -100,7 +101,8 @@ def test_a_bridges_lease_counts_by_the_bridges_name(hooks, office, home):
         other.start()
         wait_until(lambda: sorted(os.listdir(KEPT)) == ["br0", "eth1"], "both leases are kept")
         counts(OFFICE, "br0")
-        # An interface that is gone has no lease, whether its client reported an end or not.
+        # If an interface does not exist any more, its lease is removed, even if its client has
+        # not reported the end.
         ip("link", "del", "br0")
         other.renew()
         counts(HOME, "eth1")

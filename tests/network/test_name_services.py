@@ -1,5 +1,6 @@
-"""Downloads with the settings of the name service that devices have. The fetch process may open no
-local socket, so modules that ask a local service are not available, and the next one is asked."""
+"""Downloads with the usual settings of the name service. The fetch process may not open local
+sockets, so modules that ask a local service are not available, and the C library asks the next
+module."""
 
 import glob
 import os
@@ -21,7 +22,8 @@ SETTINGS = {
 
 @pytest.fixture
 def modules(root, build):
-    """Stand where the fetch process may read shared libraries, and the C library looks for them."""
+    """Puts the modules where the C library looks for them, and where the fetch process may read
+    shared libraries."""
     os.makedirs("/usr/local/lib", exist_ok=True)
     found = glob.glob(f"{build}/out/tests/name_services/**/libnss_*.so.2", recursive=True)
     assert len(found) >= 3, found
@@ -54,7 +56,7 @@ def test_names_are_looked_up_with_each_supported_setting(online, client, syslog,
     downloads = Downloads(online, client, syslog)
     host, web = "other.office.example", downloads.web
     own = Web("")
-    if setting == "myhostname":  # which knows this machine's own name alone
+    if setting == "myhostname":  # this module knows only the name of this machine
         host, web = socket.gethostname(), own
     held = web.routes["/new.pac"] = Held(script("PROXY new:1"))
     downloads.fetch(f"http://{host}:{web.port}/new.pac")

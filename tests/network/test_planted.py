@@ -1,4 +1,5 @@
-"""/tmp is everybody's: what others plant at the daemon's names there, while it runs."""
+"""Every user may write to /tmp. Other users plant files at the daemon's names there, while the
+daemon runs."""
 
 import glob
 import os
@@ -105,7 +106,8 @@ def test_the_next_download_takes_the_place_of_what_was_planted(fetching, path):
 
 
 def test_a_folder_in_the_way_is_said_and_the_old_script_answers(fetching):
-    """Another user's folder is renamed aside at once; an empty one of root's goes after one walk."""
+    """The daemon renames a folder of another user at once. It removes an empty folder of root
+    after one walk."""
     fetching.fetch()
     fetching.answers_the_new()
     plant_folder(TEMPORARY)

@@ -1,5 +1,6 @@
-"""How long one candidate takes that does not answer, and that nobody waits for it: neither a question
-nor an update, nor the questions behind that. docs/limits.md describes what is measured here."""
+"""Measures how long a candidate takes if its server does not answer, and checks that nothing
+waits for it: no question, no update, and no question after the update. docs/limits.md has the
+results."""
 
 import threading
 import time
@@ -13,13 +14,13 @@ from support.watched import append_and_settle
 
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 NAMES = ("wpad.x.dead.example", "wpad.dead.example")
-PATIENCE = 120.0  # seconds a walk is waited for
-AT_ONCE = 1.0  # seconds; a question alone takes milliseconds, on a loaded machine more
+PATIENCE = 120.0  # seconds to wait for a walk
+AT_ONCE = 1.0  # seconds; a question takes milliseconds, on a loaded machine more
 MOST = 30.5  # seconds of one candidate
 
 
 class Timed(threading.Thread):
-    """A call on a connection of its own, and how long its answer took."""
+    """Makes a call on a separate connection. Measures the time until the answer."""
 
     def __init__(self, call):
         super().__init__()
@@ -35,8 +36,8 @@ class Timed(threading.Thread):
 
 @pytest.fixture
 def walk(gateway, client, syslog, capsys):
-    """Measures: a question during the first candidate, how long that takes, then an update during the
-    second and a question behind it."""
+    """Measures a question during the first candidate, the time of this candidate, an update
+    during the second candidate, and a question after the update."""
     gateway.connect_device()
     web = gateway.web()
     web.routes["/old.pac"] = script("PROXY old:1")
@@ -44,8 +45,8 @@ def walk(gateway, client, syslog, capsys):
     syslog.wait(INFO, "PacParser-parsePacFile pac init")
 
     def measure(kind):
-        """@return seconds of the first candidate, what of the rest was not in time"""
-        # In mode off the change of the file is read and requests nothing.
+        """@return the seconds of the first candidate, and the other steps that were too slow"""
+        # In mode off, the daemon reads the change of the file and requests nothing.
         client.update("off")
         append_and_settle(RESOLVER, "\nsearch x.dead.example\n", syslog)
         syslog.clear()
@@ -78,7 +79,7 @@ def walk(gateway, client, syslog, capsys):
         return candidate, {name: seconds for name, seconds in late.items() if seconds >= AT_ONCE}
 
     def in_time(kind, most, least=0, tries=5):
-        """What can be done in time is done in time once, on a busy machine, too."""
+        """Right code is fast enough in one of several tries, even on a busy machine."""
         for _ in range(tries):
             candidate, late = measure(kind)
             if least < candidate < most and not late:
@@ -122,7 +123,7 @@ def test_hosts_behind_a_silent_filter_cost_30_seconds_each(walk, gateway):
 @pytest.mark.slow
 @pytest.mark.parametrize("servers", [1, 2, 3])
 def test_silent_name_servers_cost_30_seconds_a_name_at_most(walk, gateway, servers):
-    # Second and third candidates without an answer, and names that are tried one after the other.
+    # The second and third candidates do not answer; the names are tried one after the other.
     with open("/etc/resolv.conf", "a") as file:
         file.writelines(f"nameserver 203.0.113.{number}\n" for number in range(1, servers))
         file.write("search a.example b.example c.example\n")

@@ -1,6 +1,6 @@
 #!/bin/sh
-# The autopkgtest of the daemon passes with a daemon that lets root alone configure, and fails with a daemon
-# that lets everybody configure. Programs of its own stand in for the system.
+# The autopkgtest of the daemon must pass if only root may configure the daemon, and fail if
+# everybody may do it. Programs of this test replace those of the system.
 # usage: autopkgtest_of_the_daemon.sh TREE
 set -eu
 work=$(mktemp -d)

@@ -1,4 +1,4 @@
-"""Fixtures: a clean system that runs, with the packages that are tested."""
+"""Fixtures: a clean, running system with the packages that are tested."""
 
 import glob
 import os
@@ -27,12 +27,12 @@ def pytest_sessionstart(session):
 
 @pytest.fixture
 def root():
-    """The machine's own: these tests boot a system of their own."""
+    """The root of the machine: these tests boot a separate system."""
 
 
 @pytest.fixture(scope="session")
 def built(request):
-    """The files of the packages by their names."""
+    """The files of the packages, by the packages' names."""
     found = glob.glob(request.config.getoption("--folder") + "/out/*.deb")
     return {os.path.basename(file).partition("_")[0]: file for file in sorted(found)
             if "dbgsym" not in file}
@@ -40,7 +40,7 @@ def built(request):
 
 @pytest.fixture(scope="session")
 def packages(built):
-    # The settings service configures the daemon, which is the tests' business here.
+    # The settings service would configure the daemon, but here the tests do that.
     return [file for name, file in built.items()
             if name not in ("proxymanager-settings", "proxymanager-relay")]
 

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Copies the programs and libraries of a build folder elsewhere and starts what a person starts first.
+# Copies the programs and libraries of a build folder to another place, and starts the programs that
+# people start first.
 # usage: copied_programs.sh OUT
 set -euo pipefail
 out=$1
@@ -17,7 +18,7 @@ while IFS= read -r -d '' file; do
   }
 done < <(find "$copy" -type f -print0)
 
-# proxymanagerctl has the client library's parts in itself; the module of GLib programs loads it.
+# proxymanagerctl contains the client library; the GLib module loads it as a shared library.
 module=$copy/lib/gio/modules/libgioproxymanager.so
 if [ -e "$module" ]; then
   ldd "$module" | grep -F "=> $copy/" >/dev/null || {

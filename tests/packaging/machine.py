@@ -1,11 +1,11 @@
-"""A clean Debian 12 that runs: its systemd, system bus and users, in namespaces of their own.
+"""A clean, running Debian 12 in separate namespaces, with its own systemd, system bus and users.
 
-No other network than a loopback interface of its own. What runs in it ends with it.
+Its network has only a loopback interface. When the system ends, all its processes end.
 """
 
 import contextlib
 import ctypes
-import encodings.idna  # noqa: F401  loaded now: inside the system there is no such file
+import encodings.idna  # noqa: F401  imported now, because the system inside has no such file
 import fcntl
 import hashlib
 import multiprocessing
@@ -18,7 +18,7 @@ import tempfile
 import time
 
 SUITE = "bookworm"
-LIMIT = 180.0  # seconds for anything that starts; a busy machine needs ten
+LIMIT = 180.0  # seconds for each start; a busy machine needs ten
 CLONE_NEWNS, CLONE_NEWNET = 0x00020000, 0x40000000
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _fork = multiprocessing.get_context("fork")
@@ -30,7 +30,7 @@ def _output(*command):
 
 
 def _sources():
-    """This machine's own sources of the suite, as lines of a sources.list."""
+    """The apt sources of this machine for the suite, as lines of a sources.list."""
     targets = _output("apt-get", "indextargets", "--no-release-info", "--format",
                       "$(REPO_URI) $(RELEASE) $(COMPONENT)", "Created-By: Packages",
                       "Component: main")
@@ -41,13 +41,13 @@ def _sources():
 
 
 def _apt_options():
-    """The ways to the sources that this machine's apt is told."""
+    """The settings with which this machine's apt reaches the sources."""
     found = _output("apt-config", "dump", "--no-empty", "--format", '%f "%v";%n', "Acquire")
     return [f"--aptopt={line}" for line in found.splitlines() if "roxy" in line]
 
 
 def _needed(packages):
-    """What the packages need, each by the first of its alternatives."""
+    """The dependencies of the packages; of alternatives, the first."""
     names = {"systemd-sysv", "dbus"}
     own = {pathlib.Path(package).name.split("_")[0] for package in packages}
     for package in packages:
@@ -58,8 +58,9 @@ def _needed(packages):
 
 
 def _root_archive(names):
-    """A minimal Debian with packages by their names; made once a machine, and kept where the other
-    things are that take long to make. Of several tests that need it, one makes it and the others wait."""
+    """A minimal Debian with the named packages. It is made once per machine, and kept in the
+    folder for things that take long to make. If several tests need it, one makes it and the
+    others wait."""
     include = ",".join(names)
     key = hashlib.sha256(include.encode()).hexdigest()[:12]
     cache = os.environ.get("PROXYMANAGER_UNPACKED") or os.path.join(
@@ -70,7 +71,7 @@ def _root_archive(names):
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not archive.exists():
             made = archive.with_suffix(".new.tar")
-            # The packages' own Python programs keep their byte code where an installation has it.
+            # The Python programs of the packages store their byte code at the usual place.
             own = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
             subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", f"--include={include}",
                             *_apt_options(), '--aptopt=Acquire::Retries "3"', SUITE, str(made),
@@ -86,8 +87,9 @@ class Account:
 
 class Machine:
     def __init__(self, packages, names=(), others=()):
-        """@param packages files that the tests install @param names further packages of Debian
-        @param others files of packages that another test installs, which then shares the root"""
+        """@param packages the files that the tests install @param names further packages of
+        Debian @param others the files that another test installs, so that both tests share the
+        root"""
         self.packages = packages
         self._archive = _root_archive(sorted({*_needed([*packages, *others]), *names}))
         self._ends = contextlib.ExitStack()
@@ -118,7 +120,7 @@ class Machine:
              init, self.root], stdin=subprocess.DEVNULL)
         ends.callback(self._end, unshare)
         self.pid = self.wait(lambda: self._init_of(unshare), "the system's first process")
-        # degraded: some unit of the system's own is not for a machine like this one.
+        # degraded: some unit of Debian cannot run in such a system.
         self.wait(lambda: self.state() in ("running", "degraded"), "the system is up")
 
     @staticmethod
@@ -132,7 +134,7 @@ class Machine:
 
     @staticmethod
     def _end(unshare):
-        """With its first process everything in the system ends."""
+        """Ends the first process, and so all processes of the system."""
         unshare.send_signal(signal.SIGKILL)
         unshare.wait()
 
@@ -154,7 +156,7 @@ class Machine:
         return result
 
     def run(self, *command, check=True, limit=5 * LIMIT):
-        """Runs a program in the system, as root. @return what it did and said"""
+        """Runs a program in the system, as root. @return its status and its output"""
         done = subprocess.run(
             ["nsenter", "-t", str(self.pid), "-m", "-p", "-n", "-u", "-i", "-C", "env", "-i",
              f"PATH={PATH}", "DEBIAN_FRONTEND=noninteractive", "LC_ALL=C.UTF-8", *command],
@@ -164,7 +166,7 @@ class Machine:
         return done
 
     def install_packages(self):
-        """Installs what is tested, all at once."""
+        """Installs all tested packages in one call."""
         names = ["/" + pathlib.Path(package).name for package in self.packages]
         for package, name in zip(self.packages, names):
             (self.root / name[1:]).write_bytes(pathlib.Path(package).read_bytes())
@@ -188,7 +190,7 @@ class Machine:
         return Account(name, int(number("-u")), int(number("-g")), groups)
 
     def enter(self, account):
-        """Makes the calling process one of the system's, with the account's rights."""
+        """Moves the calling process into the system, with the rights of the account."""
         for kind, flag in (("net", CLONE_NEWNET), ("mnt", CLONE_NEWNS)):
             with open(f"/proc/{self.pid}/ns/{kind}") as namespace:
                 if _libc.setns(namespace.fileno(), flag) != 0:
@@ -199,7 +201,7 @@ class Machine:
 
 
 class Inside:
-    """A process inside the system that serves calls of an object made there."""
+    """A process inside the system. It makes an object there and serves calls to this object."""
 
     def __init__(self, machine, account, make):
         self._pipe, other = _fork.Pipe()
@@ -236,7 +238,7 @@ class Inside:
         return result
 
     def call(self, name, *arguments):
-        """Raises Refused with the error's D-Bus name, or its text."""
+        """Raises Refused with the D-Bus name of the error, or with its text."""
         self._pipe.send((name, arguments))
         return self._answer()
 

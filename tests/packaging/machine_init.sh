@@ -1,6 +1,6 @@
 #!/bin/sh
-# The first process of a test's system, in namespaces of its own: makes ROOT the root and runs its
-# systemd. usage: machine_init.sh ROOT
+# The first process of a test's system, in separate namespaces. It makes ROOT the root and runs the
+# systemd of ROOT. usage: machine_init.sh ROOT
 set -e
 root=$1
 mount --make-rprivate /
@@ -24,6 +24,6 @@ ln -s /proc/self/fd dev/fd
 ip link set lo up
 mkdir -p .outside
 pivot_root . .outside
-# The outer system is not visible any more; systemd gets the information that it runs in a container.
+# The outer system is not visible any more. This tells systemd that it runs in a container.
 exec chroot . /bin/sh -c 'umount -l /.outside && rmdir /.outside &&
   exec env -i container=test PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd'

@@ -1,10 +1,11 @@
-"""A clean system whose NetworkManager has two links, each with a DHCP server that hands out option 252."""
+"""A clean system whose NetworkManager has two links, each with a DHCP server that sends option
+252."""
 
 from machine import Machine
 
-# No other network than these two; what each announces has its name.
+# The system has only these two networks. The values that a network announces contain its name.
 NETWORKS = {"office": ("eth0", "10.77.1", 100), "home": ("eth1", "10.77.2", 200)}
-# The same for all tests of network managers, so that they share one root.
+# This list is the same for all tests of network managers, so that they share one root.
 PACKAGES = ("network-manager", "connman", "dnsmasq-base", "iproute2")
 
 
@@ -12,9 +13,9 @@ class Managed(Machine):
     """A system whose NetworkManager has two links."""
 
     def plug_in(self):
-        # ConnMan would take the links.
+        # ConnMan would manage the links.
         self.run("systemctl", "disable", "--now", "connman")
-        # NetworkManager makes no connections of its own.
+        # NetworkManager must not make connections itself.
         (self.root / "etc/NetworkManager/conf.d/test.conf").write_text(
             "[main]\nno-auto-default=*\n")
         self.run("systemctl", "restart", "NetworkManager")

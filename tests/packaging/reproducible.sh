@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the Debian packages twice from the source tarball, without a network and under different
-# circumstances, and compares the bytes. The packages of the first build are left in FOLDER/out, the unpacked
-# source in FOLDER/source.
+# Builds the Debian packages twice from the source tarball, without a network and in different
+# environments, and compares the bytes. Afterwards, FOLDER/out has the packages of the first build,
+# and FOLDER/source has the unpacked source.
 # usage: reproducible.sh TREE FOLDER
 set -euo pipefail
 tree=$1 folder=$2
@@ -9,13 +9,14 @@ rm -rf "$folder"
 mkdir -p "$folder/tarball" "$folder/out"
 tarball=$("$tree/packaging/make_source_tarball.sh" "$folder/tarball")
 
-# build NAME COMMAND...: builds below FOLDER/NAME; the command is what starts the build.
+# build NAME COMMAND...: builds below FOLDER/NAME; COMMAND starts the build.
 build() {
   local place=$folder/$1
   shift
   mkdir -p "$place" "$folder/no-home"
   tar -C "$place" --strip-components=1 --one-top-level=source -xf "$tarball"
-  # No engine of an earlier build, and no interface but a loopback that is down.
+  # The build has no engine of an earlier build, and its only network interface is a loopback that
+  # is down.
   (cd "$place/source" && env -u XDG_CACHE_HOME "HOME=$folder/no-home" \
     unshare --net --uts -- "$@" dpkg-buildpackage --build=binary --build-profiles=nocheck -us -uc) \
     >"$place/log" 2>&1 || {
@@ -24,7 +25,8 @@ build() {
   }
 }
 jobs=$(nproc)
-# No folder has a blank in its name: dpkg-buildflags maps no such folder out of the programs.
+# No folder has a blank in its name, because dpkg-buildflags cannot remove such a path from the
+# programs.
 (umask 022 && build one env TZ=UTC LC_ALL=C.UTF-8 DEB_BUILD_OPTIONS="parallel=$jobs")
 (umask 002 && build "two/in-a-longer-place" sh -c 'hostname elsewhere && exec "$@"' - \
   env TZ=Pacific/Kiritimati LC_ALL=C LANGUAGE=de CAPTURE=1 DEB_BUILD_OPTIONS="parallel=$((jobs + 1))")
@@ -41,7 +43,8 @@ done
 [ "$status" = 0 ] || exit 1
 echo "$(find "$folder/out" -name '*.deb' | wc -l) packages have the same bytes twice"
 
-# The source package, as an owner uploads it. lintian reads no overrides through the link debian.
+# The source package, as an owner would upload it. lintian does not read overrides through the link
+# debian.
 mkdir "$folder/upload"
 tar -C "$folder/upload" --strip-components=1 --one-top-level=source -xf "$tarball"
 (cd "$folder/upload/source" && rm debian && mv packaging/debian debian && ln -s ../debian packaging/debian &&

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Makes the source tarball twice, from two clones, under different circumstances, and compares the bytes.
+# Makes the source tarball twice, from two clones and in different environments, and compares the
+# bytes.
 # usage: source_tarball.sh TREE
 set -euo pipefail
 tree=$1
@@ -10,7 +11,8 @@ fail() {
   exit 1
 }
 
-# What is not committed yet counts, too. Dates of files are those of each copy.
+# The copies also contain changes that are not committed yet. The files of each copy have their own
+# dates.
 copy() {
   git -c safe.directory='*' clone -q --no-hardlinks "$tree" "$1"
   (cd "$tree" && git -c safe.directory='*' ls-files -z --cached --others --exclude-standard |

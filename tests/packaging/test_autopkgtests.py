@@ -1,4 +1,5 @@
-"""debian/tests of the source tarball, run by autopkgtest in a clean system with the packages of that tarball."""
+"""Runs debian/tests of the source tarball with autopkgtest, in a clean system with the packages
+of that tarball."""
 
 import glob
 import pathlib
@@ -9,7 +10,7 @@ import pytest
 from machine import Machine
 
 
-# libproxy's own library, and a plugin that depends on exactly that revision of the library.
+# libproxy's own library, and a plugin that depends on exactly this revision of it.
 REPLACED = ("libproxy1v5", "libproxy1-plugin-gsettings")
 
 

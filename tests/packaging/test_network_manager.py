@@ -1,5 +1,6 @@
-"""The hooks with the NetworkManager that Debian ships, in a clean system that runs: two links with a
-DHCP server each, a bridge, a cable that flaps. The tests build on each other, in this order."""
+"""The hooks with Debian's NetworkManager in a clean, running system: two links, each with a DHCP
+server; a bridge; a cable that is unplugged and plugged. Each test continues from the state of the
+test before it."""
 
 import pytest
 from managed import NETWORKS, PACKAGES, Managed
@@ -16,10 +17,11 @@ def lease_of(network, interface=None):
 
 
 class Dispatching(Managed):
-    """A system that tells which events were dispatched."""
+    """A system that logs the dispatched events."""
 
     def plug_in(self):
-        # The last hook logs: when its line is there, the hook of the package has ended.
+        # This hook runs last and logs a line. When the line is in the log, the hook of the
+        # package has ended.
         last = self.root / "etc/NetworkManager/dispatcher.d/90-log"
         last.write_text(f'#!/bin/sh\necho "$1 $2" >>{EVENTS}\n')
         last.chmod(0o755)
@@ -47,7 +49,7 @@ def managed(built, packages):
 
 @pytest.fixture(autouse=True)
 def said(managed, request):
-    """What NetworkManager logged, for a test that fails."""
+    """The log of NetworkManager, for the report of a failed test."""
     yield
     print(managed.run("journalctl", "--no-pager", "-n", "40", "-u", "NetworkManager*",
                       check=False).stdout, managed.events()[-20:])
@@ -64,7 +66,7 @@ def test_the_lease_of_the_default_route_counts_and_its_end_brings_back_the_other
     managed.counts("home")
     managed.nmcli("connection", "up", "office")
     managed.counts("office")
-    # Another metric, another default route.
+    # With another metric, another route is the default route.
     managed.nmcli("connection", "modify", "home", "ipv4.route-metric", "50")
     managed.nmcli("connection", "up", "home")
     managed.counts("home")
@@ -76,7 +78,7 @@ def test_the_lease_of_the_default_route_counts_and_its_end_brings_back_the_other
 def test_an_interface_without_a_lease_changes_nothing(managed):
     managed.counts("office")
     before = managed.run("stat", "--format=%y", LEASE, RESOLVER).stdout
-    # One interface as a container engine makes it, and one with a fixed address.
+    # One interface like that of a container engine, and one with a fixed address.
     managed.run("ip", "link", "add", "docker0", "type", "bridge")
     managed.run("ip", "address", "add", "172.17.0.1/16", "dev", "docker0")
     managed.run("ip", "link", "set", "docker0", "up")
@@ -100,7 +102,7 @@ def test_a_cable_that_flaps_ends_with_the_lease_of_the_link_that_is_there(manage
         managed.cable("office", "up")
     managed.nmcli("connection", "up", "office")
     managed.counts("office")
-    # NetworkManager waits some seconds before it takes a carrier for gone.
+    # NetworkManager waits some seconds before it treats a carrier as lost.
     managed.cable("office", "down")
     managed.counts("home")
     managed.cable("office", "up")
@@ -117,7 +119,7 @@ def test_a_bridge_with_a_lease_counts_as_its_default_route_says(managed):
                   "master", "br0")
     managed.nmcli("connection", "up", "br0-eth0")
     managed.counts("office", "br0")
-    # The end of both leaves no values.
+    # When both leases have ended, no values are left.
     managed.nmcli("connection", "down", "br0")
     managed.counts("home")
     managed.nmcli("connection", "down", "home")

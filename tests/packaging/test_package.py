@@ -1,4 +1,5 @@
-"""The packages in a clean system that runs. The tests build on each other, in this order."""
+"""The packages in a clean, running system. Each test continues from the state of the test before
+it."""
 
 import http.server
 import pathlib
@@ -20,8 +21,8 @@ DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 CAP_FOWNER = 1 << 3
 SCRIPT = b"""function FindProxyForURL(url, host) { return "PROXY 10.0.0.1:8080; DIRECT"; }"""
 ANSWER = ["PROXY 10.0.0.1:8080", "DIRECT"]
-# Changes in a running system, whatever package is installed; and the copies that the programs which change
-# accounts keep of what was before.
+# These files change in a running system even without the packages. Some are backups, made by the
+# programs that change accounts.
 LEFT_ALONE = re.compile(r"/(proc|sys|dev|run/(systemd|udev|log|lock)|var/(log|cache)|var/lib/dpkg"
                         r"|tmp/systemd-private.*|var/tmp/systemd-private.*)(/|$)"
                         r"|/etc/(passwd|group|shadow|gshadow)-$|/var/lib/systemd/(timers|random.*)"
@@ -30,13 +31,13 @@ LEFT_ALONE = re.compile(r"/(proc|sys|dev|run/(systemd|udev|log|lock)|var/(log|ca
 
 
 class Caller(Client):
-    """What an account does on the bus."""
+    """The calls of an account on the bus."""
 
     def __init__(self):
         super().__init__(BUS)
 
     def pretend(self, member):
-        """Says the service's signal, and waits until the bus has dealt with it."""
+        """Sends the service's signal, and waits until the bus has handled it."""
         self.connection.send(new_signal(DBusAddress(PATH, interface=INTERFACE), member))
         self.connection.send_and_get_reply(message_bus.GetId(), timeout=LIMIT)
 
@@ -47,7 +48,7 @@ class Listener(Signals):
 
 
 class WebServer:
-    """Serves SCRIPT under every path, on the system's own loopback interface."""
+    """Serves SCRIPT at every path, on the loopback interface of the system."""
 
     def __init__(self):
         class Handler(http.server.BaseHTTPRequestHandler):
@@ -68,7 +69,7 @@ class WebServer:
 
 
 class SilentServer:
-    """Accepts connections at port 80 and never says a word."""
+    """Accepts connections at port 80 and never answers."""
 
     def __init__(self):
         self._accepted = []
@@ -84,7 +85,7 @@ class SilentServer:
 
 
 def files(machine):
-    # A folder of another service may go meanwhile, which ends it with 1.
+    # Another service may remove a folder meanwhile; then the program ends with status 1.
     found = machine.run("find", "/", "-path", "/proc", "-prune", "-o", "-path", "/sys", "-prune",
                         "-o", "-print", check=False).stdout.splitlines()
     return {name for name in found if not LEFT_ALONE.match(name)}
@@ -96,7 +97,7 @@ def accounts(machine):
 
 
 def main_process(machine):
-    """The daemon's id as the system sees it; None where it does not run."""
+    """The daemon's process id inside the system; None if it does not run."""
     return int(machine.show(UNIT, "MainPID")) or None
 
 
@@ -161,7 +162,7 @@ def test_the_unit_writes_no_core_and_leaves_two_folders_of_the_disk_to_write_in(
     assert installed.show(UNIT, "CPUWeight") == "50"
     assert installed.show(UNIT, "Type") == "dbus"
     assert installed.show(UNIT, "WatchdogUSec") == "1min"
-    # Tried as the daemon's user, in its view of the file system.
+    # The test does this as the daemon's user, in the daemon's mount namespace.
     enter = ("nsenter", "-t", pid, "-m", "setpriv", "--reuid=proxymanagerd", "--regid=proxymanagerd",
              "--clear-groups", "sh", "-c")
     for folder, writable in {"/tmp": True, "/run/proxymanagerd": True, "/run": False, "/etc": False,
@@ -178,7 +179,7 @@ def test_no_file_is_shipped_under_usr_local_yet_the_watched_ones_are_there(insta
         assert installed.run("stat", "-c", "%U %a", name).stdout == "root 644\n"
 
 
-# What each account gets: an answer, or a refusal by the bus.
+# The result of each account: an answer, or a refusal by the bus.
 TABLE = [
     ("check_started", (), {"root": True, "member": True, "stranger": True}),
     ("urls", ("http://a.example/",), {"root": True, "member": True, "stranger": True}),
@@ -255,7 +256,8 @@ def test_programs_that_use_glib_follow_the_daemon(installed, callers, tmp_path):
     callers["root"].call("update", "off")
     assert proxies() == ["direct://"]
     copy.unlink()
-    # GLib's own trigger has noted what the module is for, so that others do not load it.
+    # GLib's trigger has recorded the extension points of the module, so that other programs do
+    # not load it.
     module = installed.run("sh", "-c", "ls /usr/lib/*/gio/modules/libgioproxymanager.so").stdout
     cache = installed.run("cat", module.replace("libgioproxymanager.so\n", "giomodule.cache")).stdout
     assert "libgioproxymanager.so: gio-proxy-resolver,gio-proxy\n" in cache
@@ -276,7 +278,8 @@ def test_the_password_is_told_to_root_and_the_group_alone(callers, listeners):
     for name in ("root", "member"):
         told = listeners[name].call("wait", "notifyProxyConfigupdated")
         assert told == ("manual", "http://p.example:2", "user", "secret")
-    # What the service says later comes later: the second of these is behind what was not for them.
+    # Signals arrive in order. So when the second of these signals has come, the forbidden signals
+    # before it would have come, too.
     callers["root"].call("update", "off")
     listeners["stranger"].call("wait", "notifyClearcache", 2)
     assert set(listeners["stranger"].call("members")) == {"notifyClearcache"}
@@ -302,7 +305,7 @@ def test_a_script_runs_in_a_sandboxed_worker_within_the_walls_of_the_unit(instal
     worker = status(installed, found[0])
     assert worker["Uid"].split()[0] == str(installed.account("proxymanagerd").uid)
     assert int(worker["CapEff"], 16) == int(worker["CapPrm"], 16) == int(worker["CapAmb"], 16) == 0
-    # The unit's filters and its own.
+    # The filters of the unit and of the process itself.
     daemon = status(installed, main_process(installed))
     assert int(worker["Seccomp_filters"]) > int(daemon["Seccomp_filters"])
 
@@ -364,7 +367,7 @@ def test_a_reload_reads_the_trace_settings(installed, callers):
     installed.run("systemctl", "reload", UNIT)
 
     def says():
-        # The signal may be handled behind the first.
+        # The daemon may handle SIGHUP after the first of these calls.
         callers["root"].call("update", "pacurl", "", "http://127.0.0.1:1/")
         return said()
 
@@ -384,7 +387,8 @@ def test_a_daemon_that_dies_is_started_anew(installed, listeners):
 
 
 def test_a_stop_during_a_walk_over_three_silent_servers_ends_the_unit_in_order(installed, callers):
-    """It waits for the transfer in progress, and systemd neither kills it nor takes it for a hang."""
+    """The daemon finishes the transfer in progress. Meanwhile, systemd does not kill it and does
+    not treat it as hanging."""
     hosts = installed.root / "etc/hosts"
     assert not hosts.exists()
     names = ["one.example", "two.example"]
@@ -409,7 +413,7 @@ def test_a_stop_during_a_walk_over_three_silent_servers_ends_the_unit_in_order(i
 
 
 def test_a_call_starts_a_daemon_that_was_stopped(installed, callers):
-    callers["root"].call("update", "off")  # it runs, whatever ended it before
+    callers["root"].call("update", "off")  # this starts the daemon if it does not run
     installed.run("systemctl", "stop", UNIT)
     assert main_process(installed) is None
     assert installed.show(UNIT, "Result") == "success"
@@ -419,7 +423,7 @@ def test_a_call_starts_a_daemon_that_was_stopped(installed, callers):
 
 def test_the_init_script_runs_the_daemon_with_the_same_rights(installed, callers):
     def script(action, check=True):
-        # Without it Debian's functions hand the call on to systemd.
+        # Without this variable, Debian's functions pass the call to systemd.
         return installed.run("env", "SYSTEMCTL_SKIP_REDIRECT=1", "/etc/init.d/proxymanagerd", action,
                              check=check)
 

@@ -1,4 +1,5 @@
-"""The relay in a clean system that runs. The tests build on each other, in this order."""
+"""The relay in a clean, running system. Each test continues from the state of the test before
+it."""
 
 import os
 
@@ -14,13 +15,13 @@ LINKS = ["/etc/profile.d/proxymanager-relay.sh", "/etc/environment.d/60-proxyman
          "/etc/apt/apt.conf.d/60proxymanager-relay"]
 MANUAL = ("manual", "http://p.example:1", "", "n", "u", "secret")
 NOT_ACTIVE = f"{SOCKET} is not active, so another program could take its port"
-# What a program gets that speaks HTTP to the relay's port.
+# Sends HTTP to the relay's port, and prints the answer.
 ASK = ("exec 3<>/dev/tcp/127.0.0.1/3128 && "
        "printf 'GET http://127.0.0.1:1/ HTTP/1.0\\r\\n\\r\\n' >&3 && head -n 1 <&3")
 
 
 class Caller(Client):
-    """What an account does on the bus."""
+    """The calls of an account on the bus."""
 
     def __init__(self):
         super().__init__(BUS)
@@ -88,7 +89,7 @@ def test_its_user_reads_the_configuration_and_may_not_change_it(machine):
         assert str(refused.value) == DENIED
         assert root.call("config") == MANUAL
         root.call("update")
-    # Others may not even read it.
+    # Other users may not even read it.
     with Inside(machine, machine.account("stranger"), Caller) as stranger:
         with pytest.raises(Refused) as refused:
             stranger.call("config")

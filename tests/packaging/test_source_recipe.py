@@ -1,4 +1,5 @@
-"""The recipe of docs/installing.md for an installation from source, line by line, in a clean system."""
+"""Runs the recipe of docs/installing.md for an installation from source, line by line, in a clean
+system."""
 
 import pathlib
 import re
@@ -20,9 +21,9 @@ def recipe():
 
 
 def build_packages():
-    """What the recipe's first line installs: the system has no network, so it has them already.
+    """The packages that the first line of the recipe installs, for a system without a network.
 
-    Of alternatives the first that this suite has. The script engine's source comes with the tree.
+    Of alternatives, it is the first that this suite has. The script engine's source is in the tree.
     """
     listed = subprocess.run([TREE / "packaging/dependencies.sh", "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout
@@ -34,7 +35,7 @@ def build_packages():
 
 
 def copy_of_the_tree(root):
-    """The files that git knows or would add, and the engine's source, as in a source tarball."""
+    """The files that git tracks or would add, and the engine's source, as in a source tarball."""
     copy = root / COPY
     copy.mkdir(parents=True)
     listed = subprocess.run(["git", "-C", TREE, "-c", "safe.directory=*", "ls-files", "-z", "--cached",

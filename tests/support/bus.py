@@ -12,7 +12,7 @@ NAME = "com.zentu.ProxyManagerService"
 PATH = "/com/zentu/ProxyManagerService"
 INTERFACE = "com.zentu.ProxyManagerServiceInterface"
 ADDRESS = "unix:path=/run/test_bus"
-LIMIT = 60.0  # seconds to wait for an answer: an evaluation takes 5 at most, but the machine may be slow
+LIMIT = 60.0  # seconds to wait for an answer; an evaluation takes 5, but the machine may be slow
 
 _CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">

@@ -1,5 +1,5 @@
-"""A message bus with one guest, which it greets and then does not answer; it may ask it without end,
-and reads no answer until told to."""
+"""A message bus for one program, the guest. After the handshake, the bus does not answer the
+guest. It can send calls without end, and reads the replies only when the test wants it."""
 
 import os
 import socket
@@ -79,9 +79,9 @@ class DeafBus:
         self._send(new_method_return(call, signature, body))
 
     def ask(self, template, most):
-        """Sends the call again and again, for as long as the guest takes any, `most` at most.
+        """Sends the call repeatedly, as long as the guest reads, at most `most` times.
 
-        Returns how often; the last may be cut, and finish() sends the rest of it."""
+        Returns the number of calls. The last call may be incomplete; finish() sends its rest."""
         self.guest.setblocking(False)
         template = bytearray(template)
         self._waits = bytearray()

@@ -1,4 +1,4 @@
-"""Many connections of one user that keep as many calls waiting as the bus allows."""
+"""Many connections of one user. They always have as many waiting calls as the bus allows."""
 
 import multiprocessing
 import os

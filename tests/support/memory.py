@@ -1,4 +1,4 @@
-"""How much memory a program costs a device on which hardly anything else runs."""
+"""Measures the memory that a program needs on a device with few other programs."""
 
 import os
 import struct

@@ -1,4 +1,5 @@
-"""A network for one test, with loopback alone: every port is free there, and nothing leads outside."""
+"""A network namespace for one test. It has only loopback, so all ports are free, and no packet
+leaves it."""
 
 import contextlib
 import fcntl

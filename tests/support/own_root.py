@@ -1,6 +1,7 @@
 """A mount namespace for one test: its own /tmp, /run, /etc, /dev and /usr/local.
 
-The daemon reads and writes fixed paths; here they neither meet nor touch the machine's.
+The daemon reads and writes fixed paths. In this namespace, these are not the files of the
+machine.
 """
 
 import contextlib

@@ -1,7 +1,7 @@
-"""A Debian that is unpacked and not installed, whose programs run in a test's own namespaces.
+"""Runs programs of a Debian that is unpacked and not installed, in the namespaces of a test.
 
-What they write is in memory and ends with the test. They see the test's /run, /tmp, /dev, /proc and
-network, and its names and trusted certificates.
+The files that they write are in memory and are lost after the test. The programs use the test's
+/run, /tmp, /dev, /proc and network, and its host names and trusted certificates.
 """
 
 import os

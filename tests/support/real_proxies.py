@@ -1,8 +1,8 @@
-"""A web server and two proxies as Debian has them, on the loopback interface of the test's network.
+"""Debian's web server and two of Debian's proxies, on the loopback interface of the test's network.
 
-Each proxy sends from an address of its own, and the server has a folder for each address that asks.
-So what is fetched says which way it came, whoever fetched it: a file `way`, and a repository
-`way.git` with that file. Names are looked up in the test's /etc/hosts.
+Each proxy has its own source address, and the server has a folder for each client address. So the
+content of a fetched file shows which way the request took, for every program. The files are `way`,
+and the repository `way.git` with that file. Names are looked up in the test's /etc/hosts.
 """
 
 import os

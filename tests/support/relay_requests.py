@@ -1,4 +1,4 @@
-"""Requests to the relay, and what the daemon answers for them."""
+"""Sends requests to the relay, and sets the daemon's answers for them."""
 
 import contextlib
 import ctypes

@@ -1,4 +1,4 @@
-"""Tests that a machine does not let be made."""
+"""Skips tests that a machine cannot run."""
 
 import os
 

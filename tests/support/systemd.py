@@ -1,5 +1,5 @@
-"""What systemd is for the daemon: a socket that it reports to, and a service on the bus that shows the
-last status."""
+"""A stand-in for systemd, as the daemon needs it: a socket for the daemon's reports, and a
+service on the bus that shows the last status."""
 
 import socket
 import threading

@@ -1,4 +1,4 @@
-"""What the kernel tells of a process's threads, any of which may end while it is asked."""
+"""Reads the kernel's information about the threads of a process. A thread may end meanwhile."""
 
 import os
 

@@ -1,4 +1,4 @@
-"""The daemon's wall clock, set by the test. The machine's stays as it is."""
+"""Sets the wall clock of the daemon. The clock of the machine does not change."""
 
 import mmap
 import os

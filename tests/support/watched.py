@@ -1,4 +1,4 @@
-"""Changes of a watched file that are over before the test goes on."""
+"""Changes a watched file, and waits until the daemon has handled the change."""
 
 import os
 import re

@@ -1,4 +1,4 @@
-"""A real HTTP server on loopback whose routes a test writes."""
+"""A real HTTP server on loopback. The test sets its routes."""
 
 import socket
 import socketserver
