@@ -46,16 +46,7 @@ const char* sourceText(Source source) {
   return "auto";
 }
 
-/// A URL without user and password, because every user may read the state.
-std::string withoutCredentials(const std::string& url) {
-  const auto colon = url.find("://");
-  const std::size_t begin = colon == std::string::npos ? 0 : colon + 3;
-  const std::size_t end = std::min(url.find_first_of("/?#", begin), url.size());
-  const auto at = url.rfind('@', end);
-  if (at == std::string::npos || at < begin) return url;
-  return url.substr(0, begin) + url.substr(at + 1);
-}
-
+// Every user may read the state.
 nlohmann::json shown(const Configuration& configuration) {
   return {{"mode", modeText(configuration.mode)},
           {"proxy_url", withoutCredentials(configuration.proxyUrl)},
@@ -91,10 +82,12 @@ SettingsService::SettingsService(sd_event* event, sd_bus* bus, sd_bus* questions
                        mResolverWatch.set(placesOf(mPlaces.resolverFile));
                        mHandOver.networkChanged();
                      }),
-      mGatherTimer(event, [this] {
-        mIsGathering = false;
-        decide();
-      }) {
+      mGatherTimer(event,
+                   [this] {
+                     mIsGathering = false;
+                     decide();
+                   }),
+      mServeTimer(event, [this] { decide(); }) {
   watchRoutes(event);
 }
 
@@ -182,9 +175,16 @@ void SettingsService::decide() {
   mHandOver.refreshEvery(mSettings.settings.refresh.value_or(std::chrono::seconds{0}));
   mChoice = chosen(true);
   if (mIsGathering && mChoice.holder != Choice::Holder::kFile) return;
-  if (!publishOrWithdraw()) {
+  if (publishOrWithdraw()) {
+    mServeFailures = 0;
+    mServeTimer.cancel();
+  } else {
     mChoice = chosen(false);
+    mChoice.reason = (mChoice.network != nullptr ? mChoice.reason + "; " : std::string()) +
+                     "the script of a network manager cannot be served";
     publishOrWithdraw();
+    // The disk may have space later. Without a socket, only a restart helps.
+    if (mScripts) mServeTimer.set(failurePause(mServeFailures++));
   }
   const std::string line =
       std::string(modeText(mChoice.configuration.mode)) + " (" + mChoice.reason + ")";

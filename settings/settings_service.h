@@ -95,6 +95,8 @@ class SettingsService final : DaemonLink::Listener {
   BusSlot mObject;
   bool mIsGathering = false;
   EventTimer mGatherTimer;
+  EventTimer mServeTimer;  ///< after a script that could not be served
+  std::size_t mServeFailures = 0;
   std::vector<BusMessage> mStateCalls;
 };
 

@@ -131,6 +131,26 @@ std::string setKey(FileSettings& settings, std::string_view key, const toml::nod
   return setter->second(settings, *given);
 }
 
+/// Where the authority of a URL begins and ends. Without "://", it begins the text.
+struct Authority {
+  std::size_t begin;
+  std::size_t end;
+};
+
+Authority authorityOf(std::string_view url) {
+  const auto colon = url.find("://");
+  const std::size_t begin = colon == std::string_view::npos ? 0 : colon + 3;
+  return {begin, std::min(url.find_first_of("/?#", begin), url.size())};
+}
+
+/// @param authority may have a user
+bool hasPortThatIsNoNumber(std::string_view authority) {
+  const auto host = authority.substr(authority.rfind('@') + 1);  // npos + 1 is 0
+  const auto colon = host.find(':', host.starts_with('[') ? host.find(']') : 0);
+  return colon != std::string_view::npos &&
+         host.find_first_not_of("0123456789", colon + 1) != std::string_view::npos;
+}
+
 /// A key in quotes may hold any text, so only plain keys are shown.
 std::string shownKey(std::string_view key) {
   return isPrintableAscii(key) && key.size() <= 64 ? std::string(key) : std::string("this key");
@@ -151,8 +171,12 @@ std::string pacUrlProblem(std::string_view url) {
   std::transform(scheme.begin(), scheme.end(), scheme.begin(),
                  [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
   if (scheme != "http" && scheme != "https") return "must begin with http:// or https://";
-  const auto authority = url.substr(colon + 3, url.find_first_of("/?#", colon + 3) - colon - 3);
-  return authority.empty() ? "has no host" : "";
+  const auto [begin, end] = authorityOf(url);
+  if (begin == end) return "has no host";
+  if (hasPortThatIsNoNumber(url.substr(begin, end - begin))) {
+    return "has a port that is no number (in a password, write %2F for /, %3F for ?, %23 for #)";
+  }
+  return {};
 }
 
 std::string proxyUrlProblem(std::string_view url) {
@@ -162,6 +186,19 @@ std::string proxyUrlProblem(std::string_view url) {
            "socks5h as scheme";
   }
   return {};
+}
+
+std::string withoutCredentials(std::string_view url) {
+  const auto [begin, end] = authorityOf(url);
+  // "http://user:pass/word@host" breaks the rules, but people write such passwords.
+  const auto colon = url.find(':', begin);
+  const auto last = url.rfind('@');
+  if (last != std::string_view::npos && last >= end && colon < end && url[begin] != '[') {
+    return std::string(url.substr(0, colon + 1)) + "***" + std::string(url.substr(last));
+  }
+  const auto at = url.substr(begin, end - begin).rfind('@');
+  if (at == std::string_view::npos) return std::string(url);
+  return std::string(url.substr(0, begin)) + std::string(url.substr(begin + at + 1));
 }
 
 std::optional<std::chrono::seconds> parseRefresh(std::string_view text) {

@@ -74,10 +74,16 @@ void overlay(FileSettings& settings, const FileSettings& later);
 /// a single 0. Nothing for any other text.
 std::optional<std::chrono::seconds> parseRefresh(std::string_view text);
 
-/// Why `url` cannot be a PAC URL (http or https, with a host, printable ASCII), or an empty text.
+/// Why `url` cannot be a PAC URL (http or https, with a host, the port a number, printable ASCII),
+/// or an empty text.
 std::string pacUrlProblem(std::string_view url);
 
 /// Why `url` cannot be a manual proxy, or an empty text.
 std::string proxyUrlProblem(std::string_view url);
+
+/// `url` as every user may see it: without user and password. A password may have a character that
+/// ends the host ("http://user:pass/word@host"): then "***" stands for everything between the first
+/// ":" and the last "@".
+std::string withoutCredentials(std::string_view url);
 
 }  // namespace settings

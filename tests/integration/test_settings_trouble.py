@@ -145,6 +145,25 @@ def test_a_script_that_cannot_be_served_leaves_nothing_of_an_earlier_configurati
         manager.close()
 
 
+def test_a_script_that_found_no_space_is_served_when_there_is_some(settings, daemon, client):
+    folder = "/run/proxymanager-settings"
+    os.makedirs(folder, exist_ok=True)
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16k", "none", folder], check=True)
+    with open(folder + "/full", "wb", buffering=0) as file, pytest.raises(OSError):
+        while True:
+            file.write(bytes(4096))
+    settings.start()
+    link("eth", 100)
+    manager = NetworkManager()
+    manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
+    wait_until(lambda: settings.state()["reason"] == "the script of a network manager cannot be served",
+               "the state names the reason")
+    os.remove(folder + "/full")
+    wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY pushed.example:1"],
+               "the pushed script answers")
+    manager.close()
+
+
 def test_a_script_is_served_again_after_the_kernel_gave_no_connection(settings, daemon, client, syslog):
     settings.start()
     link("eth", 100)

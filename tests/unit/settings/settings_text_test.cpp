@@ -157,6 +157,35 @@ TEST(SettingsText, ALaterFileReplacesSingleKeys) {
   EXPECT_EQ(settings.pacUrl, "http://b/");
 }
 
+TEST(PacUrlProblem, IsAPortThatIsNoNumber) {
+  for (const char* url : {"http://u:ge/heim@h/p.pac", "http://u:ge#heim@h/", "http://u:ge?heim@h/",
+                          "http://h:80x/", "http://u:p@h:x", "http://[::1]:x/"}) {
+    EXPECT_NE(pacUrlProblem(url).find("has a port that is no number"), std::string::npos) << url;
+  }
+  for (const char* url : {"http://h", "http://h:/", "http://h:8080/p@q", "http://u:p@h:1/p.pac",
+                          "http://[2001:db8::1]/", "https://u@[::1]:443/a:b"}) {
+    EXPECT_EQ(pacUrlProblem(url), "") << url;
+  }
+}
+
+TEST(WithoutCredentials, ShowsNoPartOfAPassword) {
+  for (const auto& [url, shown] : std::vector<std::pair<std::string, std::string>>{
+           {"http://u:geheim@h:1/p", "http://h:1/p"},
+           {"http://u@h/p@q", "http://h/p@q"},
+           {"u:geheim@h:1", "h:1"},
+           {"http://u:ge/heim@h/p.pac", "http://u:***@h/p.pac"},
+           {"http://u:ge#heim@h", "http://u:***@h"},
+           {"http://u:ge?heim@h", "http://u:***@h"},
+           {"http://u:ge@he/im@h", "http://u:***@h"},
+           {"http://h:8080/p", "http://h:8080/p"},
+           {"http://[2001:db8::1]/p@q", "http://[2001:db8::1]/p@q"},
+           {"http://h/p@q", "http://h/p@q"},
+           {"http://", "http://"},
+           {"", ""}}) {
+    EXPECT_EQ(withoutCredentials(url), shown);
+  }
+}
+
 TEST(SettingsText, ALaterPasswordReplacesOneOfAnotherKind) {
   FileSettings settings = readSettings("password = \"x\"\n").settings;
   overlay(settings, readSettings("password-file = \"/p\"\n").settings);
