@@ -10,7 +10,8 @@
 
 namespace {
 
-// More allocations than any operation here needs; an operation that needs more has an endless loop.
+// No operation of the tests needs so many allocations. An operation that needs more has an endless
+// loop.
 constexpr int kMostAllocations = 20'000;
 
 constexpr int kNoneFails = -1;
@@ -45,8 +46,8 @@ void uncount(const void* memory) {
 const bool kMallocFails = !PROXYMANAGER_SANITIZED;
 
 #if PROXYMANAGER_SANITIZED
-// In a file of their own, so that the compiler does not see malloc through them and warns of a
-// mismatch.
+// These operators are in a separate file. Otherwise the compiler would see that they call malloc,
+// and warn of a mismatch.
 void* operator new(std::size_t size) {
   if (refused()) throw std::bad_alloc();
   if (void* const memory = counted(std::malloc(size))) return memory;
@@ -60,8 +61,8 @@ void operator delete(void* memory, std::size_t) noexcept {
   operator delete(memory);
 }
 #else
-// The C library offers these names for what stands before its allocator. Its own operator new
-// calls malloc.
+// The C library has these names for code that replaces its allocator. Its own operator new calls
+// malloc.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
@@ -132,7 +133,8 @@ Outcome runFailing(const std::function<bool(bool)>& wentRight, int successes, Fa
 
 int failEachAllocationOf(const std::function<bool(bool failing)>& wentRight) {
   const int mask = setlogmask(LOG_MASK(LOG_EMERG));
-  EXPECT_TRUE(wentRight(false)) << "before any failure";  // libraries keep what they make first
+  EXPECT_TRUE(wentRight(false))
+      << "before any failure";  // libraries keep memory that they allocate at the first call
   int failures = 0;
   for (; failures < kMostAllocations; ++failures) {
     Outcome outcome = Outcome::kUntouched;

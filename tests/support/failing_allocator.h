@@ -1,22 +1,22 @@
-// Lets allocations of this test program fail, to check that nothing is left behind.
+// Makes allocations of this test program fail, to check that a failed call leaks nothing.
 //
 // This code replaces the C library's allocator in a test program, so the allocations of libraries
-// fail, too. Sanitizers have an allocator of their own: with them operator new alone fails and is
+// fail, too. Sanitizers have their own allocator: with them, only operator new fails and is
 // counted.
 #pragma once
 
 #include <functional>
 
-/// Whether malloc, calloc and realloc fail, too: not under sanitizers.
+/// Whether malloc, calloc and realloc fail, too. It is false under sanitizers.
 extern const bool kMallocFails;
 
-/// The allocations that fail after those that succeed.
+/// Which allocations fail after the successful ones.
 enum class Failing {
   kOne,  ///< one allocation; the next ones succeed again
   kAll   ///< each one, until failAllocationsAfter or allowAllocations is called
 };
 
-/// This thread's allocations succeed `successes` times more and fail then.
+/// This thread's next `successes` allocations succeed. After them, allocations fail.
 void failAllocationsAfter(int successes, Failing failing = Failing::kOne);
 
 /// All allocations succeed again.
@@ -26,7 +26,7 @@ bool allowAllocations();
 /// Allocations of the process that have not been freed. For tests of one thread.
 long liveAllocations();
 
-/// While one lives, this thread's allocations succeed.
+/// While an object of this class exists, this thread's allocations succeed.
 class SparedAllocations {
  public:
   SparedAllocations();
@@ -38,16 +38,17 @@ class SparedAllocations {
   int mSuccessesLeft;
 };
 
-/// As failEachAllocation, for an operation that itself returns whether it succeeded; `failing` is
+/// Like failEachAllocation, for an operation that itself returns whether it succeeded; `failing` is
 /// true while an allocation may fail.
 int failEachAllocationOf(const std::function<bool(bool failing)>& wentRight);
 
-/// Runs `operation` with its first allocation failing, then with its second, and so on until it
-/// needs no further one; each time once with that one failing alone, and once with all that follow.
-/// Each time the operation returns its ordinary answer or an answer in `permitted`, or throws
-/// std::bad_alloc; no memory is leaked; and a further call returns the ordinary answer. Else the
-/// test fails. Log lines are masked meanwhile, for their capture allocates too.
-/// @return how many allocations failed one after the other
+/// Runs `operation` several times: first its first allocation fails, then its second, and so on,
+/// until no allocation is left to fail. For each of them it runs twice: once only this allocation
+/// fails, once also all later ones. Each time, the operation must return its ordinary answer or an
+/// answer in `permitted`, or throw std::bad_alloc. It must leak no memory, and a further call must
+/// return the ordinary answer. Otherwise the test fails. Log lines are masked meanwhile, because
+/// their capture also allocates.
+/// @return the number of allocations that were made to fail
 template <typename Operation, typename... Permitted>
 int failEachAllocation(Operation operation, const Permitted&... permitted) {
   const auto ordinary = operation();

@@ -105,7 +105,8 @@ struct TcpServer::State {
   }
   void acceptAll() {
     for (;;) {
-      // A sleeping accept holds a descriptor, which tests that count descriptors would meet.
+      // A waiting accept() would reserve a descriptor, and tests that count descriptors would
+      // notice it.
       pollfd waiting{listener, POLLIN, 0};
       poll(&waiting, 1, -1);
       const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

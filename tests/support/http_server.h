@@ -1,9 +1,9 @@
-// A real HTTP server on loopback inside the test process, with every byte under the test's control.
+// A real HTTP server on loopback inside the test process. The test controls every byte of an
+// answer.
 //
-// The only part of HTTP that it knows is the end of a request's head: a route writes its bytes onto
-// the socket itself, as slowly, as long and as wrongly as the test wants. Every connection has a
-// thread of its own and serves one request. The destructor ends the connections and joins the
-// threads.
+// The server itself only finds the end of a request's head. A route writes its bytes to the socket,
+// as slowly, as long and as incorrectly as the test needs. Every connection has its own thread and
+// serves one request. The destructor ends the connections and joins the threads.
 #pragma once
 
 #include <functional>
@@ -17,17 +17,17 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  /// Sends all of it. @return false once the peer is gone
+  /// Sends the whole text. @return false if the peer has closed the connection
   bool send(const std::string& bytes);
 
-  /// Reads up to and with `end`. @return the text that was read; less if the peer closes, or after
-  /// 64 KiB
+  /// Reads up to `end`, which is included. @return the text; it has no `end` if the peer closes, or
+  /// after 64 KiB
   std::string readUntil(const std::string& end);
 
   /// Blocks until the peer closes or the server ends.
   void waitForPeer();
 
-  /// The close that follows sends a reset instead of an end.
+  /// Makes the next close send a reset instead of an ordinary end.
   void resetOnClose();
 
   int fd() const { return mFd; }
@@ -65,17 +65,17 @@ class HttpServer {
 
   /// Sets the handler of requests for `path`. May be called before the first request or later.
   void route(const std::string& path, Handler handler);
-  /// The same bytes for every request.
+  /// Answers every request for `path` with the same bytes.
   void route(const std::string& path, const std::string& bytes);
 
   std::string url(const std::string& path) const;
   int port() const;
 
-  /// Requests for `path` so far. Paths without a route are answered with 404.
+  /// The number of requests for `path` until now. A path without a route gets 404.
   int hits(const std::string& path) const;
-  /// Waits for the `times`th request for `path`, 60 s at most. @return whether it came
+  /// Waits for request number `times` for `path`, at most 60 s. @return whether it came
   bool waitForHits(const std::string& path, int times) const;
-  /// Head of the last request for `path`.
+  /// The head of the last request for `path`.
   std::string lastRequest(const std::string& path) const;
 
  private:

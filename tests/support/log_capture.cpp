@@ -40,7 +40,7 @@ __attribute__((format(printf, 2, 0))) void capture(int priority, const char* for
   all.lines.push_back({LOG_PRI(priority), std::move(text)});
   all.said.notify_all();
 } catch (const std::bad_alloc&) {
-  // The line is lost, because syslog throws nothing.
+  // The line is lost, because syslog must not throw an exception.
 }
 
 int countLocked(const Captured& all, int priority, const std::string& text) {
@@ -49,7 +49,7 @@ int countLocked(const Captured& all, int priority, const std::string& text) {
 
 }  // namespace
 
-// Under _FORTIFY_SOURCE the compiler calls the __*_chk forms, elsewhere the plain ones.
+// With _FORTIFY_SOURCE the compiler calls the __*_chk functions, otherwise the ordinary ones.
 extern "C" {
 void vsyslog(int priority, const char* format, va_list arguments) {
   capture(priority, format, arguments);

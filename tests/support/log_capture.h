@@ -28,6 +28,6 @@ inline bool logged(int priority, const std::string& text) {
   return countLog(priority, text) > 0;
 }
 
-/// Waits until a line equal to `text` at `priority` has been logged `times` times, 60 s at most.
-/// @return whether it was
+/// Waits until a line that equals `text` has been logged `times` times at `priority`, at most 60 s.
+/// @return whether it has
 bool waitForLog(int priority, const std::string& text, int times = 1);

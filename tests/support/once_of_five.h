@@ -1,4 +1,4 @@
-// Helpers for steps that need a time limit, on a machine that may stop at any moment.
+// Helpers for steps with a time limit, for machines that may stop at any moment.
 #pragma once
 
 #include <gtest/gtest-spi.h>
@@ -6,13 +6,14 @@
 
 #include <iostream>
 
-/// Runs `step`, which holds expectations, until it ends without a failure, five times at most: what
-/// can be done in time is done in time once, and a busy machine is seldom busy five times. Wrong
-/// code fails each time. Failures of the first four are printed and forgotten, those of the fifth
-/// are the test's.
+/// Runs `step`, which contains expectations, until it ends without a failure, at most five times.
+/// Right code is fast enough in one of five runs, even on a busy machine; wrong code fails each
+/// time. Failures of the first four runs are only printed. A failure of the fifth run fails the
+/// test.
 ///
-/// ASSERT in `step` returns from `step`. Whatever `step` changes it sets up itself, for each time
-/// begins again. It must not skip the test, and threads it starts must end with it.
+/// ASSERT in `step` returns from `step`. Each run starts from the beginning, so `step` itself must
+/// set up everything that it changes. It must not skip the test, and it must end the threads that
+/// it starts.
 template <typename Step>
 void onceOfFive(Step&& step) {
   constexpr int kForgiven = 4;

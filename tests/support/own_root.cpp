@@ -58,8 +58,8 @@ void replaceByEmpty(const fs::path& path, const char* options) {
   require(umount2(full.c_str(), MNT_DETACH) == 0, "umount");
 }
 
-/// Copies one file, link or folder with all in it. A file that has vanished is skipped, because
-/// other programs replace files there.
+/// Copies one file, one link, or one folder with its content. A file that has vanished is skipped,
+/// because other programs replace files there.
 void copyTree(const fs::path& source, const fs::path& target) {
   std::error_code error;
   const bool folder = fs::is_directory(fs::symlink_status(source, error));
@@ -79,7 +79,7 @@ void copyTree(const fs::path& source, const fs::path& target) {
 }  // namespace
 
 void enterOwnRoot() {
-  umask(022);  // whatever mask the user of the tests has
+  umask(022);  // the user of the tests may have another mask
   const uid_t user = getuid();
   const gid_t group = getgid();
   if (user == 0) {
@@ -95,7 +95,7 @@ void enterOwnRoot() {
   // The new mounts are filled before their sources are moved or hidden.
   mountEmpty("/mnt", "mode=0755");
   copyTree("/etc", "/mnt/etc");
-  // No test asks the machine's name servers.
+  // So no test asks the machine's name servers.
   fs::remove("/mnt/etc/resolv.conf");
   write("/mnt/etc/resolv.conf", "nameserver 127.0.0.1\n");
   fs::create_directory("/mnt/dev");

@@ -35,7 +35,7 @@ void PrivateBus::start() {
   const std::string config = "--config-file=" + mFolder + "/bus.conf";
   int ready[2];
   if (pipe(ready) != 0) throw std::runtime_error("pipe");
-  mPid = fork();  // other threads may run: nothing is allocated in the copy
+  mPid = fork();  // other threads may run, so the child process must not allocate memory
   if (mPid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // the bus ends with its test
     dup2(ready[1], STDOUT_FILENO);
@@ -47,7 +47,7 @@ void PrivateBus::start() {
   }
   close(ready[1]);
   char byte = 0;
-  const bool listens = read(ready[0], &byte, 1) == 1;  // the address, once it listens
+  const bool listens = read(ready[0], &byte, 1) == 1;  // the bus writes its address when it listens
   close(ready[0]);
   if (!listens) throw std::runtime_error("dbus-daemon does not start");
 }

@@ -1,4 +1,4 @@
-// A message bus of the test's own, as the system bus of this process.
+// A private message bus of the test. For this process, it is the system bus.
 #pragma once
 
 #include <sys/types.h>
@@ -7,15 +7,15 @@
 
 class PrivateBus {
  public:
-  /// Starts dbus-daemon in a temporary folder and names it in DBUS_SYSTEM_BUS_ADDRESS. Before the
-  /// first connection: the bus library reads the variable once.
+  /// Starts dbus-daemon in a temporary folder and sets its address in DBUS_SYSTEM_BUS_ADDRESS. Make
+  /// the object before the first connection, because the bus library reads the variable only once.
   /// @param extra further elements of its configuration
   explicit PrivateBus(const std::string& extra = "");
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
-  /// Stops the bus, so that it neither reads nor answers, and lets it go on.
+  /// pause() stops the bus, so that it neither reads nor answers. goOn() resumes it.
   void pause() const;
   void goOn() const;
 

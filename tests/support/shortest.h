@@ -1,12 +1,11 @@
-// Time limits in tests, on a machine that may be slow at any moment.
+// A helper for time limits in tests, for machines that may be slow at any moment.
 #pragma once
 
 #include <algorithm>
 #include <chrono>
 
-/// Runs `step` until it takes less than `limit`, five times at most: what can be done in time is
-/// done in time once, and a busy machine is seldom busy five times.
-/// @return the shortest time that it took
+/// Runs `step` until it takes less than `limit`, at most five times. Right code is fast enough in
+/// one of five runs, even on a busy machine. @return the shortest time
 template <typename Step>
 std::chrono::steady_clock::duration shortest(std::chrono::steady_clock::duration limit,
                                              Step&& step) {

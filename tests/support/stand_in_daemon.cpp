@@ -230,7 +230,7 @@ void StandInDaemon::run() {
     }
     const int result = sd_bus_process(mBus, nullptr);
     if (result > 0) continue;
-    // A bus that is gone leaves what the test posts.
+    // If the bus has ended, the functions that the test posts still run.
     pollfd polled[2] = {{mWake, POLLIN, 0},
                         {result < 0 ? -1 : sd_bus_get_fd(mBus),
                          static_cast<short>(result < 0 ? 0 : sd_bus_get_events(mBus)), 0}};

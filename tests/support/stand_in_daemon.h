@@ -1,5 +1,5 @@
-// Has the daemon's name on the test's bus, or none, and answers as the test says. It counts what it
-// is asked, which shows what a client remembers.
+// A stand-in for the daemon. It owns the daemon's name on the test's bus, or no name, and gives the
+// answers that the test sets. It counts the questions, which shows what a client remembers.
 #pragma once
 
 #include <sys/eventfd.h>
@@ -31,48 +31,48 @@ struct Reply {
 class StandInDaemon {
  public:
   /// Throws std::runtime_error if the bus refuses the connection or the name.
-  /// @param takesName false for a stranger on the bus
+  /// @param takesName false for a program on the bus that is not the daemon
   explicit StandInDaemon(bool takesName = true);
   ~StandInDaemon();
   StandInDaemon(const StandInDaemon&) = delete;
   StandInDaemon& operator=(const StandInDaemon&) = delete;
 
-  /// How `url` is answered from now on; all others are with {"manual", "http://p.example:1"}.
+  /// Sets the answer for `url` from now on. All other URLs get {"manual", "http://p.example:1"}.
   void answer(const std::string& url, Reply reply);
 
-  /// How every other URL is answered from now on. `rule` is called on the daemon's thread.
+  /// Sets how every other URL is answered from now on. `rule` is called on the daemon's thread.
   void answer(std::function<Reply(const std::string& url)> rule);
 
-  /// Answers what is held, in the order in which it came, and holds nothing any more.
+  /// Answers the held questions in the order of their arrival, and holds no further ones.
   void release();
 
-  /// How many questions have come for `url`, or in all.
+  /// The number of questions that have come for `url`, or for all URLs.
   int count(const std::string& url);
   int count();
 
-  /// Waits until so many questions have come in all.
+  /// Waits until this number of questions has come for all URLs together.
   void waitFor(int count);
 
-  /// Takes the name, also from one that has it; or gives it up.
+  /// takeName() takes the name, also from another owner. giveName() gives it up.
   void takeName();
   void giveName();
 
-  /// Says that answers have changed: to all, or to one connection alone.
+  /// Signals that answers have changed: to all connections, or to only one.
   void clear(const char* destination = nullptr);
 
-  /// Says that answers have changed, and answers what is held, in this order.
+  /// Signals that answers have changed, and then answers the held questions.
   void clearThenRelease();
 
-  /// Says what clients have no use for.
+  /// Sends signals that clients do not use.
   void announceState();
 
-  /// Forges the word of the bus that the daemon went.
+  /// Sends a forged signal of the bus that the daemon has ended.
   void forgeOwnerChange(const char* destination);
 
-  /// Returns when the bus has taken all that was sent.
+  /// Returns when the bus has received everything that was sent.
   void sync();
 
-  /// The names of the connections on the bus but this one.
+  /// The names of the connections on the bus, except this one.
   std::vector<std::string> others();
 
  private:
@@ -81,7 +81,7 @@ class StandInDaemon {
   void answerNow(sd_bus_message* message, const Reply& reply);
   void releaseNow();
   void clearNow(const char* destination);
-  /// Does it on the thread, and waits until it is done.
+  /// Runs a function on the thread, and waits until it has ended.
   void post(std::function<void()> task);
 
   sd_bus* mBus = nullptr;

@@ -1,8 +1,10 @@
-// Preloaded into the daemon: a wall clock that a test sets, as an operator or a time server would.
+// This library is preloaded into the daemon. A test sets the daemon's wall clock with it, as an
+// operator or a time server would.
 //
-// The kernel's own clock is the machine's and stays as it is. A file that both map holds the
-// seconds by which the daemon's wall clock is off, and counts how often it was read. Waits until a
-// time of day notice a jump, as they do in the kernel; all other clocks are untouched.
+// The clock of the kernel belongs to the machine and does not change. Test and daemon map the same
+// file. It has the seconds by which the daemon's wall clock differs, and the number of times that
+// the clock was read. Waits until a time of day notice a jump, as in the kernel. All other clocks
+// do not change.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -51,7 +53,7 @@ timespec wallClock() {
   return time;
 }
 
-// How soon a jump is noticed by who waits.
+// A wait notices a jump of the clock after this time.
 constexpr long kSliceNanoseconds = 100'000'000;
 constexpr long kSecond = 1'000'000'000;
 
@@ -79,8 +81,8 @@ time_t time(time_t* result) noexcept {
   return now;
 }
 
-// Waits a slice at a time. The end of a slice is a wake-up without a reason, which the standard
-// allows: another wait behind the caller's back could miss a notification.
+// Waits for one slice of time. At the end of a slice, the caller gets a spurious wake-up, which the
+// standard allows. If this function waited again itself, it could miss a notification.
 int pthread_cond_timedwait(pthread_cond_t* __restrict condition, pthread_mutex_t* __restrict mutex,
                            const timespec* __restrict until) {
   timespec slice = real(CLOCK_MONOTONIC);

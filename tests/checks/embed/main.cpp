@@ -1,5 +1,5 @@
-// Uses this tree from another project: links, runs, and gets an answer; and downloads a file, for
-// which the library starts a program that stands beside this one.
+// Uses this tree from another project: it links and runs the library, and gets an answer. It also
+// downloads a file; for this, the library starts a program in the same folder.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -23,7 +23,7 @@ namespace {
 
 const std::string kBody = "function FindProxyForURL() {}\n";
 
-/// The program of the one child process of this process.
+/// The program of this process's only child process.
 std::string childProgram() {
   for (const auto& thread : fs::directory_iterator("/proc/self/task")) {
     std::ifstream children(thread.path() / "children");
@@ -46,7 +46,7 @@ std::string serveOnce(int listening) {
   return program;
 }
 
-/// Prints the program that downloads. @return whether the whole file came
+/// Prints which program downloads. @return whether the whole file came
 bool download() {
   const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
