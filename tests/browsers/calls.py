@@ -1,6 +1,6 @@
-"""Calls of the helpers, drawn at random: sensible arguments, near misses and junk.
+"""Random calls of the helpers: with sensible arguments, almost correct arguments and junk.
 
-A call is one expression of JavaScript and the moment at which it is made.
+A call is a JavaScript expression and the time at which it is evaluated.
 """
 
 import calendar
@@ -83,7 +83,7 @@ def quoted(text):
 
 
 def js_string(text):
-    """A literal of a text that is JavaScript's spelling already."""
+    """A string literal. The text is already in JavaScript's spelling."""
     return quoted(text)
 
 
@@ -94,7 +94,7 @@ class Call:
 
 
 class Calls:
-    """Draws calls; those of one seed and zone are always the same."""
+    """Makes random calls. The same seed and zone always give the same calls."""
 
     def __init__(self, seed, zone):
         self.random = random.Random(f"{seed} {zone}")
@@ -127,7 +127,7 @@ class Calls:
         return self.random.choice(choices)
 
     def _mangled(self, arguments):
-        """Now and then one argument is junk, one is missing, or there are some too many."""
+        """Sometimes one argument is junk, one is missing, or there are too many arguments."""
         arguments = list(arguments)
         chance = self.random.random()
         if chance < 0.22 and arguments:
@@ -254,7 +254,7 @@ class Calls:
     # --- moments ---
 
     def _zone_changes(self):
-        """The instants of 1999 to 2030 at which the zone's clocks are put forward or back."""
+        """The times from 1999 to 2030 at which summer time begins or ends in the zone."""
         hour, at = 3600, int(datetime.datetime(1999, 1, 1, tzinfo=UTC).timestamp())
         end = int(datetime.datetime(2030, 1, 1, tzinfo=UTC).timestamp())
         offset = lambda seconds: datetime.datetime.fromtimestamp(seconds, self.zone).utcoffset()  # noqa: E731

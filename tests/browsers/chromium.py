@@ -1,7 +1,7 @@
-"""Debian's Chromium as an engine of scripts: what a script passes to alert().
+"""Runs scripts in Debian's Chromium, and returns the texts that a script passes to alert().
 
-The script comes over loopback, the alerts go into the net log. Each run is a browser of its own with
-an empty profile, in a network namespace that holds loopback only.
+The browser gets the script over loopback, and writes the alerts to its net log. Each run is a new browser
+with an empty profile, in a network namespace that has only loopback.
 """
 
 import http.server
@@ -20,7 +20,8 @@ PAGE = "http://page.test/"
 
 
 class _Server(http.server.BaseHTTPRequestHandler):
-    """Serves the script; to what comes as to a proxy, the page that asks for every host, or nothing."""
+    """Serves the script, and the page that asks for every host. All other requests, also those to the
+    proxy, get an empty answer."""
 
     def do_GET(self):
         body, kind = b"", "image/gif"
@@ -40,7 +41,7 @@ class _Server(http.server.BaseHTTPRequestHandler):
 
 class _Listener(http.server.ThreadingHTTPServer):
     def handle_error(self, *_):
-        """A browser that ends closes connections on which it waits for nothing."""
+        """Ignores errors: when the browser ends, it closes connections that it does not need."""
 
 
 def version():
@@ -49,8 +50,8 @@ def version():
 
 
 def alerts(script, urls, zone="UTC", options=()):
-    """Loads `script`, in which PROXY_PORT is the port of a proxy, asks for each of `urls`, and
-    returns the texts of alert(), each once."""
+    """Loads `script`, asks for each of `urls`, and returns the texts of alert(), each only once. In the
+    script, the variable PROXY_PORT is the port of a proxy."""
     server = _Listener(("127.0.0.1", 0), _Server)
     server.script = f"var PROXY_PORT = {server.server_port};\n{script}".encode()
     server.page = "".join(f"<img src='{url}'>" for url in urls).encode()
@@ -80,6 +81,6 @@ def _of_log(path):
             raise RuntimeError(f"the script failed: {event['params']}")
         if event["type"] == types["PAC_JAVASCRIPT_ALERT"]:
             message = event["params"]["message"]
-            if message not in seen:  # each is logged by the resolver and by the request
+            if message not in seen:  # the resolver and the request both log each text
                 seen.add(message)
                 yield message

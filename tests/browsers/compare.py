@@ -4,11 +4,11 @@
 usage: compare.py --build=BUILD [--seed=N] [--calls=N] [--scripts=N] [--record=FILE]
        compare.py --build=BUILD --replay=FILE
 
-Draws calls and whole scripts (calls.py, scripts.py), has Chromium and this tree's engine answer them,
-each in three zones, and prints each difference and the share that agrees. Fails if there is a
-difference that is not kept on purpose. Of the first calls in each zone it also prints how often
-Firefox ESR agrees with Chromium. --record writes what was compared to a file of vectors, which
---replay compares without a browser.
+The program makes random calls and whole scripts (calls.py, scripts.py). Chromium and this tree's engine
+answer them, in three zones. The program prints each difference and the share of equal answers. It fails if
+there is a difference that is not intended. For the first calls in each zone, it also prints how often
+Firefox ESR agrees with Chromium. --record writes the calls and answers to a file. --replay compares this
+file with the engine, without a browser.
 """
 
 import argparse
@@ -30,8 +30,8 @@ from scripts import Scripts  # noqa: E402
 CALLS_A_RUN = 5000
 SCRIPTS_A_RUN = 250
 MOST_SHOWN = 20
-FIREFOX_CALLS = 2000  # of the first run in each zone
-# Differences that stay: docs/pac-language.md lists them.
+FIREFOX_CALLS = 2000  # calls of the first run in each zone
+# The intended differences, which docs/pac-language.md lists.
 KEPT = (
     ("isPlainHostName of an IPv6 literal in brackets", re.compile(r"isPlainHostName\('\[[0-9a-f:.]+\]'")),
     ("a name without an ASCII form is only unresolved",
@@ -114,7 +114,7 @@ def _drawn(seed, zone, calls, scripts):
 
 
 def _sheets(options):
-    """One run of the browser for each zone and seed, until there are as many as wanted."""
+    """Runs the browser for one zone and seed after the other, until there are as many calls as requested."""
     calls, scripts, seed = options.calls, options.scripts, options.seed
     while calls > 0 or scripts > 0:
         for zone in ZONES:
@@ -126,7 +126,8 @@ def _sheets(options):
 
 
 def _alone():
-    """A namespace in which there is the loopback interface only, as the browser looks for more."""
+    """Enters a network namespace that has only the loopback interface, because the browser would look for
+    other interfaces."""
     if os.environ.get("COMPARE_ALONE") != "1":
         os.environ["COMPARE_ALONE"] = "1"
         os.execvp("unshare", ["unshare", "--net", sys.executable, *sys.argv])
@@ -134,7 +135,8 @@ def _alone():
 
 
 def _record(path, sheets):
-    """One call a line, so that another recording shows what a newer browser answers otherwise."""
+    """Writes one call on each line, so that a later recording shows which answers of a newer browser
+    differ."""
     with open(path, "w", encoding="utf-8") as file:
         file.write(f'{{"browser": {json.dumps(engines.chromium.version())},\n"sheets": [\n')
         for number, sheet in enumerate(sheets):

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Looks at the page of `proxymanagerctl pac cover --format html` in Chromium.
+"""Checks the page of `proxymanagerctl pac cover --format html` in Chromium.
 
 usage: coverage_page.py --build=BUILD [--screenshot=FILE]
 
-Reads the answer of each URL, follows the link to the line that decided, and checks that the page
-loads nothing from elsewhere, even if something asks it to.
+The program reads the answer of each URL and follows the link to the line that gave this answer. It also
+checks that the page loads nothing from other places, even if the page contains a request for it.
 """
 
 import argparse
@@ -24,7 +24,7 @@ FOLDER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../docs/ex
 SCRIPT = "sample.pac"
 URLS = ["http://printer/", "http://www.example.org/", "http://www.example.org/",
         "http://downloads.example.net/image.iso", "http://www.example.org/?<script>alert(1)</script>&amp;"]
-# Each row: how often, URL, answer, line.
+# Each row has a count, a URL, an answer and a line.
 ROWS = """[...document.querySelectorAll('h2:last-of-type + table tr')].slice(1)
   .map((row) => [...row.children].map((cell) => cell.textContent))"""
 
@@ -74,7 +74,8 @@ def nothing_comes_from_elsewhere(page, url):
     requested = {event["params"]["request"]["url"] for event in page.events
                  if event.get("method") == "Network.requestWillBeSent"}
     own = expect(requested == {url}, "the page loads nothing but itself")
-    # Asks for an image, a style sheet and a script, and waits until the policy has refused each.
+    # Requests an image, a style sheet and a script, and waits until the page's policy has refused all
+    # of them.
     refused = page.evaluate("""new Promise((done) => {
         const refused = new Set();
         document.addEventListener('securitypolicyviolation', (event) => {

@@ -1,4 +1,4 @@
-"""Debian's Chromium under remote control, through a pair of pipes."""
+"""Controls Debian's Chromium through a pair of pipes."""
 
 import json
 import os
@@ -8,11 +8,11 @@ import tempfile
 
 import chromium
 
-LIMIT = 120  # seconds of one answer
+LIMIT = 120  # seconds, for one answer
 
 
 class Page:
-    """One page of a browser with an empty profile. `events` holds what the browser has reported."""
+    """One page of a browser with an empty profile. `events` has the events that the browser has reported."""
 
     def __init__(self, url, width=1000, height=900):
         self.folder = tempfile.mkdtemp(prefix="chromium.")
@@ -75,7 +75,7 @@ class Page:
             self.events.append(self._receive())
 
     def evaluate(self, expression):
-        """The value of an expression of JavaScript, which may be a promise."""
+        """The value of a JavaScript expression. If the value is a promise, waits for its result."""
         done = self.call("Runtime.evaluate", expression=expression, returnByValue=True, awaitPromise=True)
         if "exceptionDetails" in done:
             raise RuntimeError(f"{expression}: {done['exceptionDetails']}")

@@ -1,4 +1,4 @@
-"""The same calls, made by a browser and by this engine."""
+"""Runs the same calls in a browser and in this tree's engine."""
 
 import json
 import os
@@ -9,7 +9,7 @@ import firefox
 from scripts import NAMES
 
 _HERE = os.path.dirname(os.path.abspath(__file__))
-# A browser looks up 20 names in one evaluation, and so much of an answer fits one alert.
+# Limits: a browser looks up 20 names in one evaluation, and the space of an alert is limited, too.
 LOOKUPS_AT_ONCE = 15
 CALLS_AT_ONCE = 60
 
@@ -20,19 +20,19 @@ def _show():
 
 
 def _script(functions, calls):
-    """What all engines load: `scripts` and `calls`."""
+    """The script that all engines load. It defines `scripts` and `calls`."""
     listed = ",\n".join(f"function () {{ return {call.expression} }}" for call in calls)
     return f"{_show()}var scripts = [{','.join(functions)}];\nvar calls = [{listed}];\n"
 
 
 def _lookups(call):
     if call.expression.startswith("scripts"):
-        return 2  # of the host, in one family and in both
+        return 2  # lookups of the host, in one family and in both
     return call.expression.startswith(("dnsResolve", "isResolvable", "isInNet("))
 
 
 def _groups(calls):
-    """The numbers of the calls that one evaluation makes."""
+    """Divides the numbers of the calls into groups. One evaluation makes the calls of one group."""
     groups, lookups = [[]], 0
     for number, call in enumerate(calls):
         more = _lookups(call)
@@ -45,7 +45,7 @@ def _groups(calls):
 
 
 def browser_script(functions, calls, groups):
-    """Answers the calls of group N when it is asked for the host cN.test, each at its moment."""
+    """The script for a browser. For the host cN.test, it makes the calls of group N, each at its own time."""
     return _script(functions, calls) + f"""
 var seconds = {json.dumps([call.seconds for call in calls])}, groups = {json.dumps(groups)};
 var clock = 0, log = alert, RealDate = Date;
@@ -66,7 +66,7 @@ function FindProxyForURL(url, host) {{
 
 
 def answers_of_groups(groups, alerts):
-    """The answer to each call, from the alerts of browser_script()."""
+    """The answers to the calls, taken from the alerts of browser_script()."""
     answers = {}
     for alert in alerts:
         if not alert.startswith("#"):

@@ -1,7 +1,7 @@
-"""Debian's Firefox ESR as an engine of scripts: what a script passes to alert().
+"""Runs scripts in Debian's Firefox ESR, and returns the texts that a script passes to alert().
 
-Firefox writes alerts to its console. Its remote control for tests (Marionette) asks for URLs without
-fetching them and reads the console.
+Firefox writes alerts to its console. Through Firefox's remote control for tests (Marionette), this module
+asks for the proxies of URLs, without downloads, and reads the console.
 """
 
 import contextlib
@@ -16,7 +16,7 @@ import threading
 import time
 
 PROGRAM = "firefox-esr"
-START_LIMIT = 60  # seconds until it listens
+START_LIMIT = 60  # seconds until Marionette listens
 LIMIT = 300  # seconds of one request
 PREFERENCES = {
     "network.proxy.type": 2, "network.proxy.autoconfig_url.include_path": True,
@@ -68,7 +68,7 @@ def version():
 
 
 class _Control:
-    """A connection to Marionette: a length, a colon, and a list as JSON, both ways."""
+    """A connection to Marionette. In both directions, a message is a length, a colon, and a list as JSON."""
 
     def __init__(self, port):
         self.socket = socket.create_connection(("127.0.0.1", port), timeout=LIMIT)
@@ -94,7 +94,7 @@ class _Control:
 
 @contextlib.contextmanager
 def _browser(preferences, environment):
-    """A Firefox with an empty profile and these preferences. Gives its remote control."""
+    """Starts a Firefox with an empty profile and these preferences. Yields its remote control."""
     profile = tempfile.mkdtemp(prefix="firefox.")
     with open(os.path.join(profile, "user.js"), "w", encoding="utf-8") as file:
         file.writelines(f'user_pref("{name}", {json.dumps(value)});\n' for name, value in preferences.items())
@@ -130,14 +130,14 @@ def alerts(script, urls, zone="UTC"):
 
 
 def evaluate(url, script, preferences):
-    """Shows `url` and returns what the asynchronous `script` gives there."""
+    """Opens `url`, runs the asynchronous `script` on this page, and returns its result."""
     with _browser({**PREFERENCES, **preferences}, {}) as control:
         control("WebDriver:Navigate", url=url)
         return control("WebDriver:ExecuteAsyncScript", script=script, args=[])["value"]
 
 
 def _port(profile, browser):
-    """Firefox writes the port that it has chosen to its profile."""
+    """Returns the port that Firefox has chosen. Firefox writes it to its profile."""
     path = os.path.join(profile, "MarionetteActivePort")
     limit = time.monotonic() + START_LIMIT
     while time.monotonic() < limit and browser.poll() is None:

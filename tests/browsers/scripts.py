@@ -1,8 +1,10 @@
-"""Whole scripts, drawn at random: rules as authors write them, over URLs and mocked names."""
+"""Random whole scripts. They have rules like those that authors write, for URLs and for names with given
+addresses."""
 
 from calls import MONTHS, WEEKDAYS, Call, Calls
 
-# Few enough that one evaluation, which tries many scripts, stays below the limit of names.
+# There are only a few names, because one evaluation tries many scripts and must stay below the limit of
+# names.
 NAMES = {"www.corp.test": "10.1.2.3", "intra.corp.test": "192.168.7.7", "six.test": "2001:db8::1",
          "far.example.com": "203.0.113.9", "mail.example.com": "172.16.4.4"}
 HOSTS = (*NAMES, "missing.test", "intranet", "localhost", "10.1.2.3", "192.168.7.200", "2001:db8::7",
@@ -14,7 +16,7 @@ PREFIXES = ("10.0.0.0/8", "2001:db8::/32", "::/0", "192.168.7.0/24", "::ffff:10.
 ANSWERS = ("'DIRECT'", "'PROXY one.test:8080'", "'PROXY one.test:8080; DIRECT'", "'SOCKS s.test:1080'",
            "`PROXY ${host}:3128`", "'PROXY ' + proxies[0]", "fallback", "''", "null", "undefined", "7",
            "{ toString() { return 'DIRECT' } }", "[ 'DIRECT' ]", "new String('DIRECT')", "answerOf(host)")
-# Lookups are drawn here, with known names; brackets are a difference that stays.
+# Lookups are made here, with known names. Brackets are not used, because they are an intended difference.
 NOT_ODD = ("dnsResolve", "isResolvable", "isInNet", "myIpAddress", "isPlainHostName('[")
 
 
@@ -106,7 +108,7 @@ class Scripts:
             "url.length > 30", self._odd())
 
     def _odd(self):
-        """Any call of a helper that looks no name up."""
+        """Any call of a helper that does not look up a name."""
         while True:
             expression = self.calls.draw().expression
             if not expression.startswith(NOT_ODD):

@@ -1,4 +1,4 @@
-"""Connections that mean harm: raw messages on the bus, as fast as one likes, replies read or not."""
+"""Hostile connections to the bus: they send raw messages at any speed, and may or may not read the replies."""
 
 import array
 import contextlib
@@ -16,7 +16,7 @@ from jeepney.io.blocking import open_dbus_connection
 from support.bus import ADDRESS, INTERFACE, LIMIT, NAME, PATH
 
 CONNECTIONS = 10
-_SERIAL_AT = 8  # bytes into a message: byte order, type, flags, version, length of the body
+_SERIAL_AT = 8  # offset in a message, after byte order, type, flags, version and length of the body
 
 
 def call(member, signature=None, body=(), interface=INTERFACE, path=PATH, reply=True):
@@ -38,7 +38,7 @@ class Abuser:
         self._serial = 100
         self.sent = 0
         self.replies = self.errors = 0
-        self._waits = bytearray()  # what the socket has not taken yet
+        self._waits = bytearray()  # bytes that the socket has not accepted yet
         self._read = bytearray()
 
     def close(self):
@@ -48,7 +48,7 @@ class Abuser:
         return self.socket.fileno()
 
     def queue(self, template, times=1):
-        """Adds the message `times` times, each with a serial of its own."""
+        """Adds the message `times` times, each time with a new serial."""
         for _ in range(times):
             self._serial += 1
             struct.pack_into("<I", template, _SERIAL_AT, self._serial)
@@ -65,7 +65,7 @@ class Abuser:
                                               array.array("i", descriptors))])
 
     def flush(self):
-        """Sends what the socket takes. Whether the bus still wants this connection."""
+        """Sends as much as the socket accepts. Returns whether the bus has kept this connection open."""
         try:
             while self._waits:
                 done = self.socket.send(self._waits)
@@ -81,7 +81,7 @@ class Abuser:
         return len(self._waits)
 
     def read(self):
-        """Counts the replies that have come. Whether the bus still wants this connection."""
+        """Counts the replies that have arrived. Returns whether the bus has kept this connection open."""
         try:
             while True:
                 data = self.socket.recv(1 << 20)
@@ -115,12 +115,12 @@ class Abuser:
 
 
 class Abuse:
-    """A process that takes `step` again and again while it is let go on.
+    """A process that repeats `step` while it is allowed to run.
 
-    It sleeps `pace` seconds between two steps. Inside `with`, `going()` lets it go on."""
+    It sleeps `pace` seconds between two steps. Inside `with going()`, it is allowed to run."""
 
     def __init__(self, step, pace):
-        self._shared = mmap.mmap(-1, 16)  # whether to go on, and the steps taken
+        self._shared = mmap.mmap(-1, 16)  # whether it may run, and the number of finished steps
         self._pid = os.fork()
         if self._pid == 0:
             self._run(step, pace)

@@ -1,16 +1,16 @@
-"""What a process holds, sampled, and whether it grows."""
+"""Measures the resources of a process, and decides whether they grow."""
 
 import os
 import statistics
 
-# Least growth, in KiB, that is called growth: several times what the allocator's arenas and the
-# script in force go up and down by once everything has happened once. A leak of one text of 64 bytes
-# a question is above it within two minutes.
+# The smallest increase that counts as growth, in KiB. After everything has happened once, the memory of
+# the allocator's arenas and of the script still varies. This value is several times that variation. If
+# one text of 64 bytes leaks for each question, the growth is above this value within two minutes.
 LEVEL_KIB = 512
 
 
 def private_dirty(pid):
-    """KiB that the process alone has written."""
+    """Returns the memory that the process has written and does not share, in KiB."""
     with open(f"/proc/{pid}/smaps_rollup") as rollup:
         return sum(int(line.split()[1]) for line in rollup if line.startswith("Private_Dirty"))
 
@@ -37,14 +37,14 @@ def threads(pid):
 
 
 def cpu_seconds(pid):
-    """Of the process and the children that it has waited for."""
+    """Returns the CPU time of the process and of the children that it has reaped."""
     with open(f"/proc/{pid}/stat") as stat:
         fields = stat.read().rpartition(")")[2].split()
     return sum(map(int, fields[11:15])) / os.sysconf("SC_CLK_TCK")
 
 
 def state(pid):
-    """The kernel's letter for the process, None where there is none."""
+    """Returns the kernel's letter for the state of the process; None if there is no such process."""
     try:
         with open(f"/proc/{pid}/stat") as stat:
             return stat.read().rpartition(")")[2].split()[0]
@@ -53,7 +53,7 @@ def state(pid):
 
 
 class Series:
-    """Values at times; the first quarter is warm-up and does not count."""
+    """A series of values with their times. The first quarter is warm-up and does not count."""
 
     def __init__(self):
         self.points = []
@@ -65,14 +65,15 @@ class Series:
         return self.points[len(self.points) // 4:]
 
     def slope(self):
-        """Units a minute, by least squares."""
+        """Returns the slope in units per minute, by least squares."""
         times, values = zip(*self.steady())
         if len(set(times)) < 2:
             return 0.0
         return statistics.linear_regression(times, values).slope * 60
 
     def growth(self):
-        """From the median of the first third of what counts to that of the last third."""
+        """Returns the difference between two medians: that of the last third of the counted values, and
+        that of the first third."""
         values = [value for _, value in self.steady()]
         third = max(1, len(values) // 3)
         return statistics.median(values[-third:]) - statistics.median(values[:third])

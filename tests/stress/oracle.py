@@ -1,24 +1,25 @@
-"""What the daemon may answer at which moment, and the judgement over what it did answer.
+"""Knows which answers of the daemon are right at which time, and checks the real answers.
 
-An answer that was asked for at a and received at b was made at one moment in between, which nobody
-outside knows. It is right where some moment in [a, b] explains it: one at which a configuration
-with the answer's mode, and the script that gives the answer, may have been in force together.
+If a question was asked at the time a and its answer was received at b, the daemon made the answer at some
+time between a and b. The oracle does not know this time. The answer is right if some time in [a, b]
+explains it: at that time, a configuration with the answer's mode and the script with this answer may have
+been in force together.
 
-Moments come from outside the daemon alone, never from what it says of itself:
+The oracle takes all times from outside the daemon, never from reports of the daemon:
 
-- A configuration may be in force from the call of its update on. It is until the reply of the next
-  update, or until an answer is received that only a later one gives.
-- A script may be in force from the moment at which the server sends the last piece of it. It surely
-  is once a later request reaches the server (a walk ends with the first script that came whole), or
-  an answer by that script is received. The script before it may answer until then. An update that
-  is called in between ends the transfer if it still lasts: then the script is in doubt, and the one
-  before it may answer until an answer by it, or a later script, is known.
-- A worker's death is the answer in flight at most: each explains one missing answer whose call
-  meets the time from the signal to the end of the process. One that meets the loading of a script
-  may be the end of that load; then there is no answer until the next script, and none by this one.
+- A configuration may be in force from the call of its update. It may be in force until the reply of the
+  next update, or until an answer is received that only a later configuration can give.
+- A script may be in force from the time at which the server sends its last piece. It is certainly in force
+  when a later request reaches the server (a walk ends with the first complete script), or when an answer of
+  that script is received. Until then, the previous script may also answer. If an update is called before
+  that, it may end the transfer. The script is then in doubt: the previous script may answer until an answer
+  of this script, or a later script, is known.
+- The death of a worker costs at most the answer in progress. Each death explains one missing answer, if its
+  call overlaps the time from the signal to the end of the process. A death that overlaps the load of a
+  script may end that load. Then this script never answers, and there is no answer until the next script.
 
-Bounds that are learned late make the judgement milder, never wrong, so answers are judged some
-seconds after they came.
+If the end of an interval is not known yet, the oracle may accept a wrong answer, but it never refuses a
+right one. So answers are judged some seconds after they were received.
 """
 
 import bisect
@@ -26,21 +27,21 @@ import math
 import re
 import threading
 
-HASTE = 5.0  # seconds after which whatever bears on an answer has been told
+HASTE = 5.0  # seconds after which the oracle knows all events that concern an answer
 WRONG_KEPT = 20
 
 _SERIAL = re.compile(r"(?:PROXY|SOCKS) s(\d+)\.")
 
 
 def answer_of(serial, host):
-    """What script `serial` says of `host`, as the daemon lists it."""
+    """Returns the answer of script `serial` for `host`, in the form of the daemon's list."""
     name = f"s{serial}.{host}:1"
     return ([f"PROXY {name}"], [f"PROXY {name}", "DIRECT"], [f"PROXY {name}"],
             [f"SOCKS {name}", f"PROXY second.{name}", "DIRECT"])[serial % 4]
 
 
 class Config:
-    """One configuration: what it answers and when it may be in force."""
+    """One configuration: its answers, and the time in which it may be in force."""
 
     def __init__(self, begin, mode, proxyurl="", pacurl="", user="", password=""):
         self.begin, self.end = begin, math.inf
@@ -51,23 +52,23 @@ class Config:
 
 
 class Load:
-    """One script that came whole: from `begin` on it may be loaded, by `done` it is."""
+    """One complete script. From `begin` it may be loaded, and at `done` it is certainly loaded."""
 
     def __init__(self, begin, serial, answers, again=False):
         self.begin, self.done, self.end = begin, math.inf, math.inf
         self.serial, self.answers, self.again = serial, answers, again
-        self.seen = False  # an answer by it
+        self.seen = False  # an answer of this script was received
         self.is_doubtful = False  # an update may have ended its transfer
 
 
 class Kill:
     def __init__(self, begin):
         self.begin, self.end = begin, math.inf
-        self.spent = False  # it has explained a missing answer
+        self.spent = False  # this death has explained a missing answer
 
 
 class Oracle:
-    """Told what happens, by any thread; judges what was answered. Times are of one clock."""
+    """Gets reports of all events, from any thread, and judges the answers. All times are of one clock."""
 
     def __init__(self):
         self._lock = threading.Lock()
@@ -79,11 +80,11 @@ class Oracle:
         self.judged = self.ambiguous = self.without_script = 0
         self.missing_by_kill = self.missing_by_lost_load = 0
         self.content_changes = 0
-        self.doubtful = 0  # loads that may never have been made
+        self.doubtful = 0  # loads that may never have happened
         self._last_update = self._last_request = -math.inf
         self.wrong, self.wrong_count = [], 0
 
-    # What happens.
+    # The events.
 
     def update_called(self, now, mode, proxyurl="", pacurl="", user="", password=""):
         with self._lock:
@@ -95,12 +96,13 @@ class Oracle:
                 self.doubtful += 1
 
     def update_replied(self, now):
-        """The update called last has been answered."""
+        """The last update has been answered."""
         with self._lock:
             self._configs_end(len(self.configs) - 1, now)
 
     def script_sent(self, now, serial, answers=True):
-        """The last piece of a script is about to be sent; `answers`: the engine takes it."""
+        """The last piece of a script is about to be sent. `answers` is true if the engine accepts the
+        script."""
         with self._lock:
             before = self.loads[-1]
             self._over(before, now)
@@ -112,7 +114,7 @@ class Oracle:
                 self.doubtful += 1
 
     def request_came(self, now):
-        """The daemon asks the server for something: the walk before is over."""
+        """The daemon has sent a request to the server, so the previous walk is over."""
         with self._lock:
             self._over(self.loads[-1], now)
             self._last_request = now
@@ -127,7 +129,7 @@ class Oracle:
             kill.end = now
 
     def answered(self, asked, now, host, urls):
-        """getProxyurl for a URL of `host`."""
+        """Records the answer of getProxyurl for a URL of `host`."""
         with self._lock:
             self._answers.append((asked, now, host, tuple(urls)))
             serial = _serial_of(urls)
@@ -137,20 +139,20 @@ class Oracle:
                 self._config_seen(lambda config: config.proxyurl == urls[-1], now)
 
     def configured(self, asked, now, texts):
-        """getProxyconfig."""
+        """Records the answer of getProxyconfig."""
         with self._lock:
             self._answers.append((asked, now, None, tuple(texts)))
             self._config_seen(lambda config: config.texts == tuple(texts), now)
 
     def _over(self, load, now):
-        """The walk that brought `load` is over."""
+        """The walk that fetched `load` is over."""
         if load.is_doubtful and not load.seen:
             load.done = min(load.done, now)
         else:
             self._loaded(load, now)
 
     def _loaded(self, load, now):
-        """`load` is in force by now, if not for long: none before it answers any more."""
+        """`load` has been in force (a later one may be by now), so no earlier script can answer any more."""
         load.done = min(load.done, now)
         index = self.loads.index(load, max(0, len(self.loads) - 8))
         for before in reversed(self.loads[:index][-8:]):
@@ -159,7 +161,8 @@ class Oracle:
     def _script_seen(self, serial, now):
         same = [load for load in self.loads[-8:] if load.serial == serial]
         for load in same:
-            # One in doubt may not have been loaded if the answer can be its repeat's.
+            # A script in doubt was perhaps not loaded, if the answer can also come from its
+            # repetition.
             if not load.again and (len(same) == 1 or load.seen or not load.is_doubtful):
                 self._loaded(load, now)
                 load.seen = True
@@ -174,10 +177,10 @@ class Oracle:
         if len(matching) == 1:
             self._configs_end(matching[0], now)
 
-    # The judgement.
+    # The check of the answers.
 
     def judge(self, until=math.inf):
-        """Judges the answers that came before `until`."""
+        """Judges the answers that were received before `until`."""
         with self._lock:
             due = sorted((answer for answer in self._answers if answer[1] < until),
                          key=lambda answer: answer[1])
@@ -204,7 +207,7 @@ class Oracle:
                 self.wrong.append(self._describe(asked, now, host, texts, configs))
 
     def _by_scripts(self, asked, now, host, texts, configs):
-        """How many pairs of a configuration and a script explain it."""
+        """Returns how many pairs of a configuration and a script explain the answer."""
         spans = [(max(asked, config.begin), min(now, config.end)) for config in configs]
         if len(texts) == 1:
             return self._missing(spans)
@@ -251,7 +254,7 @@ def _serial_of(urls):
 
 
 def _plain(config):
-    """The answer of a configuration that needs no script; never one of one that does."""
+    """Returns the answer of a configuration that needs no script, else None."""
     return (config.mode, config.proxyurl) if config.mode in ("off", "manual") else None
 
 
@@ -260,7 +263,8 @@ def _meet(interval, begin, end):
 
 
 def _meeting(intervals, begin, end):
-    """Those of `intervals` that meet [begin, end]; both their ends never fall."""
+    """Returns those of `intervals` that overlap [begin, end]. Begins and ends of `intervals` are in
+    ascending order."""
     if begin > end:
         return []
     last = bisect.bisect_right(intervals, end, key=lambda each: each.begin)

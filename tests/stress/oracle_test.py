@@ -1,7 +1,8 @@
-"""The soak's oracle against a model of the daemon: right answers pass, each kind of wrong one is found.
+"""Tests the oracle of the soak test with a model of the daemon: it accepts right answers, and finds each
+kind of wrong answer.
 
-The model answers as the daemon does, at moments of its own inside each call. Its faults are those
-that the soak is there to find.
+The model answers like the daemon. It chooses the time of each answer within its call. The model can have
+the faults that the soak test must find.
 """
 
 import random
@@ -13,14 +14,15 @@ URLS = [f"h{number}.example" for number in range(6)]
 
 
 class Model:
-    """A daemon in logical time. Each call takes a while; what it does happens at one moment of it."""
+    """A daemon in logical time. Each call takes some time, and its effect happens at one point of this
+    time."""
 
     def __init__(self, seed, fault=None):
         self.choice, self.fault = random.Random(seed), fault
         self.oracle = Oracle()
         self.now, self.serial = 0.0, 0
         self.config = self.config_before = ("off", "", "", "n", "", "")
-        self.script = self.script_before = None  # number; 0 where the engine refused it
+        self.script = self.script_before = None  # number; 0 if the engine has refused the script
         self.answers_kept = {}
         self.dead = 0
 
@@ -41,14 +43,14 @@ class Model:
         self.oracle.update_replied(self.passes())
 
     def load(self):
-        """The server sends a script and the daemon loads it; the next request says that it has."""
+        """The server sends a script, and the daemon loads it. The next request shows that it is loaded."""
         again = self.script and self.choice.random() < 0.2
         refused = not again and self.choice.random() < 0.2
         if not again:
             self.serial += 1
         self.oracle.request_came(self.passes())
         self.oracle.script_sent(self.passes(), self.serial, not refused)
-        self.ask()  # still by the one before
+        self.ask()  # still answered by the previous script
         self.passes()
         self.script_before = self.script
         self.script = 0 if refused else self.serial
@@ -57,7 +59,7 @@ class Model:
         self.oracle.request_came(self.passes())
 
     def kill(self):
-        """A death with one question in flight."""
+        """The worker dies during one question."""
         death = self.oracle.kill_sent(self.passes())
         self.dead = 2 if self.fault == "a death costs two answers" else 1
         host = self.choice.choice(URLS)
@@ -122,7 +124,7 @@ def test_a_right_daemon_gives_no_wrong_answer():
         assert oracle.wrong_count == 0, (seed, oracle.wrong)
         assert oracle.judged > 1000
         assert oracle.without_script and oracle.missing_by_kill
-        # Nearly every answer has one explanation only: the judgement has something to say.
+        # Nearly every answer has only one explanation, so the check is meaningful.
         assert oracle.ambiguous < oracle.judged / 20
 
 
@@ -167,7 +169,7 @@ def test_an_old_script_answers_until_the_new_one_is_known_to():
     oracle = two_scripts()
     oracle.answered(11, 12, "h", OLD)  # the new one may still be loading
     oracle.answered(13, 14, "h", NEW)
-    oracle.answered(13.5, 15, "h", OLD)  # asked before that was received
+    oracle.answered(13.5, 15, "h", OLD)  # asked before that answer was received
     assert wrong(oracle) == 0
     oracle.answered(14.1, 15, "h", OLD)
     assert wrong(oracle) == 1
@@ -218,7 +220,8 @@ def test_mode_and_script_must_have_been_in_force_together():
     oracle.update_replied(11.5)
     loaded(oracle, 12, 3)
     assert wrong(oracle) == 0
-    # pacurl ended at 11.5 and the third script began at 12: both meet the call, never each other.
+    # pacurl ended at 11.5, and the third script began at 12. Both overlap the call, but they do not
+    # overlap each other.
     oracle.answered(11.2, 13, "h", ["pacurl", *answer_of(3, "h")])
     assert wrong(oracle) == 1
 

@@ -1,7 +1,8 @@
-"""A server of PAC scripts that answers well, slowly, wrongly or not at all, by a seeded choice.
+"""A server of PAC scripts that answers correctly, slowly, wrongly or not at all. Random numbers with a seed
+decide.
 
-Every script that it sends is a new one, with a number that its answers carry, or the last one once
-more. It tells the oracle before it sends the last piece of one.
+It sends a new script, or the last one again. Each script has a number, which its answers contain. Before
+the server sends the last piece of a script, it reports this to the oracle.
 """
 
 import functools
@@ -13,7 +14,7 @@ import time
 from oracle import answer_of
 from support.web import Web, reset, response
 
-# Kind of answer and how often it comes. The last two hold the daemon up for its own limits.
+# The kinds of answers and their frequency. The last two last until the daemon's own limits end them.
 KINDS = {
     "well": 40, "again": 8, "slowly": 10, "redirect": 5, "404 script": 4,
     "404": 5, "refused": 5, "cut": 5, "endless": 4, "announced": 3, "redirects": 3, "reset": 3,
@@ -21,12 +22,12 @@ KINDS = {
 }
 PIECES = 8
 ENDLESS = b"// more and more FindProxyForURL\n" * 2000
-SILENCE = 31.0  # seconds; the daemon waits 30 for a download
+SILENCE = 31.0  # seconds; the daemon waits 30 s for a download
 
 
 def _function(serial):
     texts = answer_of(serial, "HOST")
-    # Blanks before an entry do not count, and an unknown one is left out.
+    # The daemon ignores blanks before an entry and omits an unknown entry.
     result = "; ".join((*texts, "HTTPS unknown:1") if serial % 3 == 0 else texts)
     result = result.replace("HOST", '" + host + "').replace("; ", ";  \\t" if serial % 2 else ";")
     work = "var n = 0; while (n < 200000) n++;" if serial % 4 == 2 else ""
@@ -34,7 +35,8 @@ def _function(serial):
 
 
 def script_text(serial, broken=False, endless=False):
-    """Script `serial`, of a digest without a zero byte: the daemon compares digests up to one."""
+    """Returns script `serial`. Its digest has no zero byte, because the daemon compares digests only up to
+    the first zero byte."""
     body = "for (;;);\n" * endless + _function(serial) + "} else {\n" * broken
     for salt in range(1000):
         text = f"// {serial} {salt}\n{body}".encode()
@@ -44,13 +46,13 @@ def script_text(serial, broken=False, endless=False):
 
 
 class PacServer:
-    """Answers every path. `well` makes it answer well alone, from then on."""
+    """Answers requests for every path. If `well` is set, all further answers are correct."""
 
     def __init__(self, oracle, seed, port=0):
         self._oracle, self._choice = oracle, random.Random(f"{seed}/server")
         self._lock = threading.Lock()
         self._serial = 0
-        self._last = None  # number, text and whether it answers, of the script sent last
+        self._last = None  # of the last script: its number, its text, and whether it has answers
         self.well = False
         self.counts = dict.fromkeys(KINDS, 0)
         self._web = Web("127.0.0.1", port)
@@ -61,7 +63,7 @@ class PacServer:
         self._web.close()
 
     def get(self, path):
-        """The route for any path, for Web."""
+        """Returns the route for any path, as Web expects it."""
         return functools.partial(self._answer, path)
 
     def last_serial(self):
@@ -134,7 +136,7 @@ class PacServer:
 
     def _endless(self, connection, _):
         connection.sendall(response(length=False))
-        while True:  # until the daemon has had enough
+        while True:  # until the daemon ends the connection
             connection.sendall(ENDLESS)
 
     def _announced(self, connection, _):

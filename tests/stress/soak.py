@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
-"""The daemon under everything at once, for as long as one likes.
+"""A soak test of the daemon: all kinds of load at once, for any time.
 
 usage: soak.py --build=BUILD [--seed=N] MINUTES
 
-Eight clients ask, one reconfigures, the server of scripts answers well, slowly, wrongly or not at
-all, the watched files change, the worker is killed, the daemon gets SIGHUP. Every answer is judged
-(oracle.py). At the end the daemon must be as it was at the begin: same descriptors, threads and
-processes, no more memory; and it must end with 0.
+Eight clients ask questions, and one client changes the configuration. The server of scripts answers
+correctly, slowly, wrongly or not at all. The watched files change, the worker is killed, and the daemon
+gets SIGHUP. oracle.py checks every answer. At the end, the daemon must have the same descriptors, threads
+and processes as at the beginning, and no more memory. Then it must end with status 0.
 
-Who does what is decided by random numbers of the seed, each actor with its own, so that a seed is
-one schedule; when the machine gets round to each step it is the machine's.
+Random numbers decide what each actor does. Each actor has its own sequence, made from the seed, so the same
+seed gives the same steps. The time of each step also depends on the machine.
 """
 
 import argparse
@@ -33,18 +33,18 @@ from support.own_root import own_root  # noqa: E402
 from watched_files import WatchedFiles, prepare  # noqa: E402
 
 CLIENTS = 8
-# A call may wait behind an update that waits for a walk over four candidates of 30 s and the loading
-# of a script, 5.25 s; and a machine may be busy.
+# A call may wait for an update. The update may wait for a walk over four candidates (30 s each) and for
+# the load of a script (5.25 s). In addition, the machine may be busy.
 CALL_LIMIT = 300.0
 STOP_LIMIT = 300.0
 PROGRESS = 10.0  # seconds between two lines
-# The announcing thread ends with the first update; libcurl adds one while it resolves a name.
+# The announcing thread ends with the first update. libcurl adds a thread while it resolves a name.
 THREADS_AT_REST = 5
 THREADS_AT_MOST = 7
 PROCESSES_AT_REST = 2  # daemon and worker
-# The worker, and one of the script before while it is being ended.
+# The worker, and the worker of the previous script while it is being ended.
 PROCESSES_AT_MOST = 3
-DESCRIPTORS_MORE = 12  # of one download, one script and the worker's sockets, all at once
+DESCRIPTORS_MORE = 12  # for one download, one script and the worker's sockets, all at once
 
 
 class Soak:
@@ -72,10 +72,10 @@ class Soak:
         print(text, flush=True)
         self.failures.append(text)
 
-    # The actors, each on a thread of its own.
+    # The actors. Each has its own thread.
 
     def act(self, name, step, pause):
-        """Does `step` with pauses that `pause` draws, until the end."""
+        """Repeats `step` until the end. Between two steps, it waits for a time that `pause` returns."""
         choice = self.random(name)
         try:
             while not self.ended.wait(pause(choice)):
@@ -146,7 +146,7 @@ class Soak:
         self.counts["SIGHUP"] += 1
 
     def actors(self, clients):
-        """Their names, steps and pauses."""
+        """Returns the names, steps and pauses of the actors."""
         for number, client in enumerate(clients[1:]):
             yield (f"client {number}", lambda choice, client=client: self.ask(client, choice),
                    lambda choice: choice.expovariate(1 / 0.03))
@@ -159,10 +159,11 @@ class Soak:
     # The run.
 
     def settle(self, client):
-        """A good script in force and nothing under way: what the daemon holds now compares."""
+        """Installs a correct script, and waits until nothing is in progress. The daemon's resources are
+        then comparable."""
         self.server.well = True
         self.update(client, "pacurl", self.server.url("/settle"))
-        self.update(client, "pacurl", self.server.url("/settle"))  # waits for the walk, if it began
+        self.update(client, "pacurl", self.server.url("/settle"))  # waits for the walk if it has begun
 
         def newest():
             begin = time.monotonic()
@@ -223,7 +224,7 @@ class Soak:
         return at_begin, self.end(clients)
 
     def end(self, clients):
-        """The last measures, and the orderly end."""
+        """Makes the last measurements, and ends the daemon."""
         if self.daemon.process.poll() is not None:
             return None
         at_end = self.settle(clients[0])
@@ -244,7 +245,7 @@ class Soak:
         return at_end
 
     def judge(self, at_begin, at_end):
-        """Whether all is as it must be; what is not is said."""
+        """Checks the results and prints what is wrong. Returns whether all is right."""
         oracle = self.oracle
         for wrong in oracle.wrong:
             print("wrong answer " + wrong)
@@ -318,7 +319,7 @@ def main():
         soak.server.close()
         soak.bus.close()
     print("passed" if good else "FAILED: " + "; ".join(soak.failures))
-    # Threads that hang, if any, are not waited for.
+    # The program does not wait for threads that hang.
     sys.stdout.flush()
     os._exit(0 if good else 1)
 

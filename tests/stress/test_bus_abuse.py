@@ -1,12 +1,11 @@
-"""Those who may talk to the daemon and mean it harm: it stays small, and others go on being answered.
+"""Hostile programs on the bus: the daemon needs little memory, and it still answers other programs.
 
-How long another client waits is measured against itself, in the same run and in turns: its median
-round trip without and with the abuse. Between two messages the abusers pause for as long as two
-round trips of the other client take where the daemon is idle. A message that costs the daemon about
-what a proper call does leaves it time for others; one that costs it several times that, or has an
-aftermath, does not, and the median shows it. Unpaced, each waits its turn behind the calls before it,
-which is the bus's order. Of several turns the best counts: whatever else the machine does makes
-answers later, never sooner.
+The tests measure the median round trip of another client, without and with the abuse, in turns of the same
+run. Between two messages, the hostile programs pause for two round trips of the other client with an idle
+daemon. If a message costs the daemon about as much as an ordinary call, the daemon has time for others. If
+a message costs several times as much, or has later effects, it does not, and the median shows this. Without
+the pauses, each call would wait behind all earlier calls, because this is the order of the bus. Of several
+turns, the best counts: other work of the machine makes answers later, never earlier.
 """
 
 import bisect
@@ -25,19 +24,19 @@ from support.daemon import Daemon, make_watched_files, trace
 from support.deaf_bus import DeafBus
 from support.web import Web, script
 
-GROWTH = 1024  # KiB; what the daemon alone has written is 1.7 MiB at rest
+GROWTH = 1024  # KiB; at rest, the daemon has 1.7 MiB of its own written memory
 PAUSE = 2.0  # round trips between two messages
-SLOWER = 3.0  # times; the median of another client's round trips, under abuse
+SLOWER = 3.0  # limit for the median round trip of another client under abuse, relative to that without abuse
 TURNS = 8
 CALLS_A_TURN = 150
-STEPS_A_TURN = 50  # of the abuse, at least
-FILES = 16  # that the system bus passes on with one message
-WAIT = 60.0  # seconds; another client's longest wait for one answer, on any machine
+STEPS_A_TURN = 50  # least number of steps of the abuse in a turn
+FILES = 16  # maximum that the system bus passes on with one message
+WAIT = 60.0  # seconds; limit for another client's wait for one answer, on any machine
 ANSWER = ["manual", "http://proxy:3128"]
 
 # Sockets hold some 200 KiB in each direction, and one read brings 2 KiB of calls.
 TAKEN_AT_MOST = 2 << 20  # bytes of calls
-MUCH = 100_000  # calls, 40 MB of them; the queue of the answers to all is 30 times GROWTH
+MUCH = 100_000  # calls with 40 MB in total; a queue of all their answers would be 30 times GROWTH
 
 
 @pytest.fixture
@@ -49,7 +48,7 @@ def deaf_bus(root):
 
 @pytest.fixture
 def quiet(root):
-    """The daemon logs errors alone: its lines are not what these tests are about."""
+    """Lets the daemon log only errors, because these tests do not check its lines."""
     trace("baseseverity=3\n")
     make_watched_files()
 
@@ -67,19 +66,19 @@ def test_a_bus_that_does_not_read_is_not_read_either(build, quiet, deaf_bus, san
     assert asked * len(question) < TAKEN_AT_MOST
     if not sanitizer:
         assert growth < GROWTH
-    # When the bus reads again nothing is lost.
+    # When the bus reads again, no answer is lost.
     answers = bus.answers(asked)
     serials = [serial for serial, _ in answers]
-    # Questions beyond the 64 that may wait are answered at once, before those.
+    # 64 questions may wait. Further questions are answered at once, before those that wait.
     assert sorted(serials) == list(range(min(serials), min(serials) + asked))
     assert all(body == (["off", ""],) for _, body in answers)
-    daemon.process.kill()  # nobody else can ask this bus whether it is gone
+    daemon.process.kill()  # killed here: no other client can ask this bus whether the daemon is gone
     daemon.process.wait(60)
 
 
 @pytest.fixture
 def busy(build, quiet):
-    """A daemon on a bus of the system's kind, in mode manual; another client that asks it."""
+    """A daemon in mode manual on a bus like the system bus, and another client that asks it."""
     bus = Bus()
     daemon = Daemon(build)
     with Client() as client:
@@ -104,10 +103,10 @@ class Busy:
         return time.monotonic() - begin
 
     def median(self, enough=lambda: True):
-        """Seconds that a call takes which is made at any moment of CALLS_A_TURN round trips, and as
-        many more as come until `enough`.
+        """Returns the median time of a call in seconds. It makes CALLS_A_TURN calls, and further calls
+        until `enough` returns true.
 
-        Half of the time, not half of the calls: who asks one call after the other makes few of them
+        The median is weighted by time: a client that makes one call after the other makes only few calls
         while they are slow."""
         times, end = [], time.monotonic() + WAIT
         while len(times) < CALLS_A_TURN or (not enough() and time.monotonic() < end):
@@ -122,7 +121,8 @@ class Busy:
         assert growth < GROWTH
 
     def rests(self):
-        """Nothing of the abuse is left: what the bus still holds is answered, files are closed."""
+        """Waits until nothing is left of the abuse: the calls in the bus are answered, and the files are
+        closed."""
         self.ask()
         wait_until(lambda: measure.descriptors(self.daemon.pid) == self.descriptors,
                    "the descriptors are those of the begin", WAIT)
@@ -130,7 +130,7 @@ class Busy:
 
 
 def in_turn(steps):
-    """A step that takes the next of `steps` each time."""
+    """Returns a step that runs the next of `steps` at each call."""
     following = itertools.cycle(steps)
     return lambda: next(following)()
 
@@ -151,7 +151,7 @@ def sender(messages, read=True):
 
 
 def reconnecting(data):
-    """Connections that send `data`, for which the bus throws each of them out."""
+    """Connections that send `data`. Because of this, the bus closes each of them."""
     def step():
         abuser = Abuser()
         abuser.socket.setblocking(True)
@@ -160,7 +160,7 @@ def reconnecting(data):
             while abuser.socket.recv(65536):
                 pass
         except OSError:
-            pass  # thrown out while still sending
+            pass  # the bus closes the connection during the sending
         abuser.close()
     return step
 
@@ -177,7 +177,7 @@ def introspection():
 
 
 def match_rules():
-    """More rules than the bus lets a connection have."""
+    """More match rules than the bus allows for a connection."""
     return [to_bus("AddMatch", f"type='signal',interface='com.x{number}.y',arg0='{number}'")
             for number in range(600)]
 
@@ -188,7 +188,7 @@ def to_bus(member, text):
 
 
 def of_kind(kind):
-    """A message to the daemon that is no call. As a reply it answers what was never asked."""
+    """A message to the daemon that is not a call. If it is a reply, there was no call for it."""
     message = call("notifyClearcache", "s", ("x",))
     message.header.message_type = kind
     if kind != MessageType.signal:
@@ -205,7 +205,7 @@ def not_utf8():
 
 
 def too_deep():
-    """33 arrays in one another; 32 are allowed."""
+    """33 nested arrays; 32 are allowed."""
     data = bytearray(call("getProxyurl", "a" * 32 + "s", ([],)).serialise(1000))
     at = data.index(b"a" * 32 + b"s")
     data[at:at + 33] = b"a" * 33
@@ -271,7 +271,7 @@ def _structs(depth):
     return value
 
 
-# Messages that are long, or for which a connection is made each time, come so many times as seldom.
+# The factor by which long messages, and messages that need a new connection each time, are less frequent.
 SELDOM = {"strings_of_60_kb": 10, "text_that_is_not_utf8": 20, "a_signature_that_is_too_deep": 20,
           "a_message_that_is_too_long": 20}
 
@@ -303,8 +303,9 @@ PENDING = 100  # calls of one connection; the system bus allows 128
 
 
 def flood(busy, template, read):
-    """FLOOD calls from ten connections as fast as they go, from a process of the lowest priority;
-    the other client asks on meanwhile. How often it was answered, its longest wait and the errors."""
+    """A process of the lowest priority sends FLOOD calls over ten connections, as fast as possible.
+    Meanwhile, the other client continues to ask. Returns the waits of the other client and the number of
+    errors."""
     abusers = [Abuser() for _ in range(CONNECTIONS)]
     done, ended = os.pipe()
     pid = os.fork()
@@ -360,7 +361,7 @@ def test_a_hundred_thousand_replies_that_nobody_reads(busy, reply):
 
 
 GIANT = 60 << 20
-COPIES = 8  # of one such string at a time: the message, its texts, what is kept, sent on and said
+COPIES = 8  # copies of such a string at the same time, from the message to the log line
 WIDE = f'<limit name="max_message_size">{512 << 20}</limit>' + "".join(
     f'<limit name="{name}">{1 << 30}</limit>' for name in ("max_incoming_bytes",
                                                            "max_outgoing_bytes"))
@@ -368,7 +369,7 @@ WIDE = f'<limit name="max_message_size">{512 << 20}</limit>' + "".join(
 
 @pytest.fixture
 def wide(build, quiet):
-    """A daemon with a script on a bus that carries long messages, which the system bus does not."""
+    """A daemon with a script on a bus that allows long messages. The system bus does not allow them."""
     bus, web = Bus(extra=WIDE), Web()
     web.routes["/x.pac"] = script("PROXY p:1")
     daemon = Daemon(build)
@@ -384,16 +385,16 @@ def wide(build, quiet):
 
 @pytest.mark.slow
 def test_strings_of_60_mb_are_not_kept(wide):
-    """The allocator keeps some room after the first round; the second finds it enough."""
+    """The allocator keeps some memory after the first round. The second round must not need more."""
     busy, pacurl = wide
     giant = "x" * GIANT
     for _ in range(2):
         busy.memory = measure.private_dirty(busy.daemon.pid)
         with Client() as client:
             for url in ("http://" + giant, giant):
-                # Longer than any URL that a script is asked for.
+                # Longer than any URL for which a script is evaluated.
                 assert client.urls(url, timeout=WAIT) == ["pacurl"]
-            # Nobody listens for the signal with the password.
+            # No program listens for the signal with the password.
             assert client.update("manual", auth=True, password=giant, timeout=WAIT) == 0
             assert client.update("pacurl", pacurl=pacurl, timeout=WAIT) == 0
     highest = measure.highest_rss(busy.daemon.pid)

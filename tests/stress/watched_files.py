@@ -1,4 +1,4 @@
-"""The files around the daemon that a soak changes: lease, resolver file, trace values, log socket."""
+"""The files that a soak test changes: lease, resolver file, trace values, log socket."""
 
 import os
 import socket
@@ -14,7 +14,8 @@ RESOLVERS = (f"search {DOMAIN}\n", f"nameserver 127.0.0.1\ndomain {DOMAIN}\n", "
 
 
 def prepare():
-    """What the daemon looks for when it starts; the candidates' names resolve to this machine."""
+    """Makes the files that the daemon needs at its start. The names of the candidates resolve to this
+    machine."""
     for path, text in ((LEASE, LEASES[0]), (RESOLVER, RESOLVERS[0])):
         with open(path, "w") as file:
             file.write(text)
@@ -33,21 +34,21 @@ class WatchedFiles:
         if choice.random() < 0.2:
             os.utime(path)
             return
-        # In place: a watch is on the file, not on its name.
+        # The file is written in place, because the daemon watches the file and not its name.
         with open(path, "r+") as file:
             file.truncate()
             file.write(choice.choice(texts))
 
     @staticmethod
     def trace(choice):
-        """Mostly quiet, sometimes everything."""
+        """Writes trace values: usually few lines are logged, sometimes all."""
         level = choice.choice((3, 4, 4, 4, 5, 7))
         with open("/etc/proxymanagerd/trace.conf", "w") as file:
             file.write(f"baseseverity={level}\n")
 
     @staticmethod
     def empty_log():
-        """A reader of the log that forgets, so that the daemon's lines go where they usually do."""
+        """A reader of the log that drops all lines, so that the daemon can log as usual."""
         log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         log.bind("/dev/log")
         os.chmod("/dev/log", 0o666)
