@@ -133,7 +133,7 @@ void limitItself() {
   process::forbidDumps();
   process::keepCapabilitiesFromChildren();
   process::returnFreedMemory();
-  umask(S_IWGRP | S_IWOTH);  // set for any mask of the supervisor: all users may read the script
+  umask(S_IWGRP | S_IWOTH);  // not the supervisor's mask: all users may read the script
 }
 
 /// Deletes the service in a thread of its own. The deletion waits for all work in progress, such as

@@ -230,8 +230,8 @@ void Client::setPresence(Presence presence) {
   }
 }
 
-/// Reports the daemon's state to watches that have had no report. If there is no connection, only a
-/// watch for which the client has tried to reach the bus gets this report.
+/// Reports the daemon's state to watches that have had no report. If there is no connection, this
+/// report goes only to watches for which the client has tried to reach the bus.
 void Client::tellNewWatches() {
   if (mPresence == Presence::kUnknown || (mLink && !mIsOwnerKnown)) return;
   tell(mPresence == Presence::kThere ? PROXYMANAGER_DAEMON_CAME : PROXYMANAGER_DAEMON_WENT, true);

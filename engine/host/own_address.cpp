@@ -47,8 +47,8 @@ std::string routeSource() {
   return textOf(AF_INET, &address.sin_addr);
 }
 
-/// The address in the structure of its family. It is a copy, because not every machine can read
-/// unaligned values.
+/// The address in the structure of its family. The address is copied, because not every machine can
+/// read unaligned values.
 template <typename Address>
 Address as(const sockaddr* generic) {
   Address address;

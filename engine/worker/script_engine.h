@@ -7,7 +7,7 @@
 // threads must not use an engine at the same time, but each call may come from a different thread.
 // No function throws.
 //
-// Promises: up to 1,000 queued jobs run after the load and after each evaluation, within the same
+// Promises: after the load and after each evaluation, up to 1,000 queued jobs run, within the same
 // time limit. The answer does not depend on these jobs. If a script passes a limit and catches the
 // error, it still has no answer.
 #pragma once

@@ -173,7 +173,7 @@ void allowSockets(SystemCalls& list) {
 }
 
 void allowFiles(SystemCalls& list) {
-  // Only for reading: the file of the body is already open.
+  // Files may be opened only for reading, because the file for the body is already open.
   constexpr std::uint64_t kWrites = O_ACCMODE | O_CREAT | O_TRUNC;
   list.allow(SCMP_SYS(openat), {masked(2, kWrites, O_RDONLY)})
       .allow(SCMP_SYS(open), {masked(1, kWrites, O_RDONLY)});

@@ -86,7 +86,7 @@ class ConfigWatch : public OwnRootTest {
     config.pacurl = url.data();
     mFetcher->updateProxyMgrConfig(config);
   }
-  /// Waits until the thread is about to sleep for the `times`th time.
+  /// Waits until the thread has been about to sleep `times` times.
   static bool waitForSleep(int times = 1) {
     if (!waitForLog(LOG_NOTICE,
                     "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, path:" + kResolver))
