@@ -1,4 +1,4 @@
-"""A bus that goes away."""
+"""The message bus ends while the daemon runs."""
 
 import itertools
 import os
@@ -12,7 +12,7 @@ from support.daemon import Daemon, make_watched_files, wait_until_none_runs
 from support.syslog_socket import ERR, INFO
 from support.web import script
 
-# The end is at once, with threads that nobody joins.
+# The daemon ends at once, without joining its threads.
 AT_ONCE = {"TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":report_thread_leaks=0"}
 LOST = "bus: connection to the message bus lost, ending"
 
@@ -31,7 +31,8 @@ def test_a_lost_bus_is_one_line_and_an_end_with_1(build, bus, syslog):
 
 
 def test_after_a_lost_bus_it_starts_with_the_new_one(build, bus, syslog, web):
-    """With the old script's file, but no configuration: it asks for one by its announcements."""
+    """The new daemon finds the file of the old script. But it has no configuration, and announces
+    this."""
     web.routes["/x.pac"] = script("PROXY p:1")
     make_watched_files()
     first = Daemon(build, environment=AT_ONCE)
@@ -57,10 +58,10 @@ def test_after_a_lost_bus_it_starts_with_the_new_one(build, bus, syslog, web):
 
 @pytest.mark.slow
 def test_a_hundred_killed_buses_are_each_noticed(build, syslog, web):
-    """At a random moment, while other threads call and send.
+    """The bus ends at a random moment, while other threads call and send.
 
-    In one half of the rounds nobody updates, so that the announcements go on; in the other each
-    update makes the fetcher's thread say that the content is new.
+    In one half of the rounds there is no update, so the announcements continue. In the other half,
+    each update makes the fetcher's thread signal that the content is new.
     """
     web.routes["/1.pac"] = script("PROXY one:1")
     web.routes["/2.pac"] = script("PROXY two:1")
@@ -81,7 +82,7 @@ def test_a_hundred_killed_buses_are_each_noticed(build, syslog, web):
                             client.update("pacurl", pacurl=web.url(path))
                         client.urls("http://a/")
             except Exception:
-                pass  # the bus is gone
+                pass  # the bus has ended
 
         callers = [threading.Thread(target=call) for _ in range(4)]
         for caller in callers:

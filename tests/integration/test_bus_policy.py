@@ -1,4 +1,4 @@
-"""The bus policy of the packages, on a bus that lets nobody own a name without one."""
+"""The bus policy of the packages, on a bus that denies everything else."""
 
 import os
 import subprocess

@@ -1,4 +1,4 @@
-"""The client library as a program gets it: installed, found by pkg-config, and asked about a daemon."""
+"""The client library as programs use it: installed, found by pkg-config, with a real daemon."""
 
 import os
 import subprocess
@@ -15,7 +15,7 @@ EXAMPLE = os.path.join(TREE, "docs/examples/which_proxy.c")
 MOST_LINES = 30
 URL = "http://www.example.org/"
 
-# Says on each line of standard input what it is asked for, until the end.
+# For each line of standard input, it prints the answer that the line asks for.
 FOLLOWER = r"""
 #include <proxymanager/client.hpp>
 #include <iostream>
@@ -46,7 +46,7 @@ def installed(build, root):
 
 @pytest.fixture
 def compile_(installed, sanitizer):
-    """Compiles a program as its author would."""
+    """Compiles a program in the way that the documentation describes."""
     def make(compiler, source, *options):
         found = subprocess.run(
             ["pkg-config", "--cflags", "--libs", "proxymanager-client"], check=True, text=True,
@@ -141,7 +141,7 @@ def test_a_program_gets_the_password_of_a_manual_proxy_if_it_may_read_it(compile
     wait_until(lambda: len(client.urls(URL)) > 1, "the script answers")
     assert ask(WITH_CREDENTIALS) == "pacurl http://p.example:1"
     assert daemon.stop() == 0
-    # The configuration changes between the answer and the password, once and then always.
+    # The configuration changes between the answer and the password: first once, then each time.
     old, new = (("as", (["manual", f"http://{name}.example:1"],)) for name in ("old", "new"))
     read = ("(ssssss)", (("manual", "http://new.example:1", "", "n", "me", "x"),))
     for replies, answer in (([old, new], "http://me:x@new.example:1"),

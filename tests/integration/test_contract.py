@@ -1,4 +1,4 @@
-"""What is on the bus: names, signatures, introspection, and calls that are not as they should be."""
+"""The contract on the bus: names, signatures, introspection, and wrong calls."""
 
 import os
 import xml.etree.ElementTree as ElementTree
@@ -13,7 +13,8 @@ UNKNOWN_METHOD = "org.freedesktop.DBus.Error.UnknownMethod"
 
 
 def described(text):
-    """{kind and name: [(argument, type, direction)]} of the one interface in an introspection."""
+    """{kind and name: [(argument, type, direction)]} of the only interface in an
+    introspection."""
     node = ElementTree.fromstring(text)
     interface = node.find(f"interface[@name='{INTERFACE}']")
     assert interface is not None, text
@@ -94,7 +95,7 @@ def test_malformed_arguments_are_refused_and_change_nothing(client, signals, mem
         client.call(member, signature, body)
     assert error.value.name == INVALID_ARGS
     assert client.config() == ("off", "", "", "n", "", "")
-    client.update("manual", proxyurl="good")  # its signals come after any that the bad call made
+    client.update("manual", proxyurl="good")  # signals of the bad call would come first
     assert signals.wait("notifyProxyConfigupdated")[1] == "good"
     assert signals.count("notifyProxyConfigupdated") == 1
     assert signals.count("notifyClearcache") == 1

@@ -1,5 +1,5 @@
-"""The completions of proxymanagerctl, each in its own shell. Labelled slow not for their time: under
-sanitizers they would say nothing of the program."""
+"""The completions of proxymanagerctl, each in its own shell. They have the label slow so that
+they do not run under sanitizers, where they would test nothing of the program."""
 
 import os
 import re
@@ -24,7 +24,7 @@ def run(*command):
 
 @pytest.fixture(scope="module")
 def grammar(build):
-    """The words of each level of the program, by the command before them, from its own help."""
+    """The words after each command of the program, read from its help."""
     program = os.path.join(build, "out", "bin", "proxymanagerctl")
 
     def level(*words):
@@ -42,7 +42,7 @@ def grammar(build):
 
 
 def bash(*words):
-    """What is offered for the last of the words."""
+    """The words that the completion offers for the last word."""
     array = " ".join(map(shlex.quote, ["proxymanagerctl", *words]))
     return set(run("bash", "--norc", "-c", f"""set -u
         source {FOLDER}/proxymanagerctl.bash
@@ -69,7 +69,8 @@ def test_bash_and_fish_offer_every_command_and_option(grammar, shell):
         pytest.skip(f"there is no {shell.__name__}")
     os.makedirs("/tmp/of files")
     for words, (options, commands) in grammar.items():
-        # If a command has no subcommands, an existing argument keeps the commands out of the list.
+        # If a command has no subcommands, an existing argument keeps the commands out of the
+        # list.
         assert commands <= shell(*words, ""), words
         assert options <= shell(*words, "--"), words
     assert shell("get", "--format", "") == FORMATS
@@ -113,7 +114,7 @@ def test_zsh_offers_every_command_and_option(grammar):
                 raise AssertionError(f"{line!r} does not offer {missing}: {text}") from error
             missing = {word for word in missing
                        if not re.search(rf"(?<![\w-]){re.escape(word)}(?![\w-])", text)}
-        # Empties the line; a command then marks the end of the list.
+        # Clears the line. Then a command marks the end of the list.
         zsh.type("\x15print e''nd\n")
         zsh.output.wait("end.*READY> ")
 

@@ -40,7 +40,7 @@ def test_the_password_comes_from_a_file_or_standard_input(ctl, client):
         result = ctl("off", "--user=u", "--password-file=-", script=given)
         assert (result.status, result.errors) == (ANSWERED, "")
         assert client.config()[4:] == ("u", given.decode().rstrip("\n"))
-    # A program that writes slowly is waited for.
+    # proxymanagerctl waits for a program that writes slowly.
     slow = ["sh", "-c", '(printf se; sleep 0.2; printf cret) | "$@"', "sh"]
     assert ctl("off", "--user=u", "--password-file=-", wrapper=slow).status == ANSWERED
     assert client.config()[5] == "secret"
@@ -55,7 +55,7 @@ def test_the_password_is_asked_for_at_the_terminal_and_not_shown(ctl, client):
     assert client.config() == ("manual", "http://p:1", "", "n", "u\x1b[2J", "typed secret")
     terminal = ctl.on_terminal("off", "--user", "u")
     terminal.output.wait("Password for u: ")
-    # The library's prompt does not see a signal that comes before it reads.
+    # The prompt of the library misses a signal that comes before it reads.
     wait_until(lambda: sleeps(terminal.pid), "it reads")
     terminal.type("\x03")
     assert terminal.end()[0] == -signal.SIGINT

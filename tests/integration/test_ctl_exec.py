@@ -53,7 +53,7 @@ def test_exec_does_not_ask_about_this_machine(ctl, client):
 
 def test_exec_takes_the_first_entry_whose_proxy_takes_a_connection(ctl, client, web):
     with socket.create_server(("127.0.0.1", 0)) as alive, socket.socket() as closed:
-        closed.bind(("127.0.0.1", 0))  # taken, and nobody listens
+        closed.bind(("127.0.0.1", 0))  # the port is in use, but nobody listens
         dead, port = closed.getsockname()[1], alive.getsockname()[1]
         answering(client, web, f"PROXY 127.0.0.1:{dead}; PROXY 127.0.0.1:{port}; DIRECT")
         show = ["--", "sh", "-c", "echo $http_proxy"]
@@ -70,7 +70,7 @@ def test_exec_takes_the_first_entry_whose_proxy_takes_a_connection(ctl, client, 
 @pytest.mark.slow  # the limit is 10 s
 def test_exec_tries_each_proxy_once_and_all_of_them_for_ten_seconds(ctl, bus):
     def silent(stack):
-        """A port that takes no connection and refuses none: two fill its queue."""
+        """A port that neither accepts nor refuses connections: two connections fill its queue."""
         server = stack.enter_context(socket.create_server(("127.0.0.1", 0), backlog=0))
         for _ in range(2):
             waiting = stack.enter_context(socket.socket())
@@ -84,7 +84,7 @@ def test_exec_tries_each_proxy_once_and_all_of_them_for_ten_seconds(ctl, bus):
         daemon = StandIn({"getProxyurl": ("as", (["pacurl", *entries],))})
         result = ctl("exec", "http://a/", "--", "sh", "-c", "echo $http_proxy")
         daemon.close()
-    # Each takes 3 s; on a slow machine one less is tried.
+    # Each try takes 3 s. On a slow machine, there is one try less.
     assert result.output in [f"http://{port}\n" for port in ports[2:5]]
     assert result.errors == ("proxymanagerctl: no proxy has taken a connection within 10 s; the command "
                              "gets the first that was not tried\n")

@@ -1,4 +1,4 @@
-"""proxymanagerctl when something goes wrong: the bus, the daemon, the time."""
+"""proxymanagerctl when the bus or the daemon fails, or when an answer is late."""
 
 import os
 import signal
@@ -22,7 +22,7 @@ def test_a_daemon_that_does_not_run_is_told_in_one_line(ctl, bus):
 
 @pytest.fixture
 def starting_bus(build, syslog):
-    """Makes a bus that starts what the test says where somebody calls the daemon."""
+    """Makes a bus that starts a program of the test when somebody calls the daemon."""
     made = []
 
     def make(command):
@@ -135,7 +135,8 @@ def test_a_change_is_made_though_it_was_given_up(ctl, client, daemon):
     client.update("manual", proxyurl="http://proxy.example.org:3128")
 
     def given_up_after(seconds):
-        """Whether the change was made; a slow machine gives it up before it is sent."""
+        """Whether the change was made. On a slow machine, the time limit may end the command
+        before it sends the change."""
         daemon.signal(signal.SIGSTOP)
         try:
             assert ctl("off", "--timeout", str(seconds)).status == TRY_AGAIN
@@ -200,7 +201,7 @@ def test_somebody_else_with_the_daemons_name_is_told_in_one_line(ctl, stand_in):
     for name, arguments in commands("status", "watch"):
         assert said(ctl(name, *arguments)) == (
             PROTOCOL, line.format("its reply has another form")), name
-    # The bus passes such a character on, and the caller's library refuses it.
+    # The bus transports such a character, but the library of the caller refuses it.
     stand_in(getProxyurl=("as", (["manual", "http://p:1", "http://\ufffe:2"],)))
     assert said(ctl("get", "http://a/")) == (PROTOCOL, line.format("its reply has another form"))
     unknown = "org.freedesktop.DBus.Error.UnknownMethod"

@@ -1,4 +1,4 @@
-"""proxymanagerctl get: what it asks, and the forms of the answer."""
+"""proxymanagerctl get: its questions, and the forms of the answer."""
 
 import os
 import re
@@ -73,7 +73,7 @@ def test_get_translates_answers_for_use_elsewhere(ctl, client, web):
 
 
 def shell_example(ctl):
-    """The line for a shell that the help of get has, which the manual has, too."""
+    """The example line for a shell in the help of get. The manual page has the same line."""
     line = re.search("^ +(vars=.*)$", ctl("get", "--help").output, re.MULTILINE).group(1)
     with open(MANUAL) as manual:
         assert line in manual.read().replace(r"\-", "-").splitlines()
@@ -94,7 +94,7 @@ def test_a_shell_may_evaluate_what_get_gives(ctl, client):
         lines = dict(line.split("=", 1) for line in run.stdout.splitlines() if "=" in line)
         return {name: value for name, value in lines.items() if name in VARIABLES}
 
-    # What a shell would run or expand, in a password that a proxy URL may hold.
+    # A password in a proxy URL, with texts that a shell would run or expand.
     hostile = "http://u:$(id)$HOME;*&!~@p:1"
     client.update("manual", hostile)
     set_ = variables({"http_proxy": "old", "NO_PROXY": "*"})

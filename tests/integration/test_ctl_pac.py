@@ -1,4 +1,4 @@
-"""proxymanagerctl pac: PAC scripts tried out without daemon or bus."""
+"""proxymanagerctl pac: tests PAC scripts without daemon or bus."""
 
 import json
 import os
@@ -245,7 +245,8 @@ def test_a_device_may_have_no_address_at_all(ctl):
 
 
 def at(year, month, day, hour, minute, second, zone="GMT"):
-    """A script that returns whether this second is now, by Date or, without a zone, by the helpers."""
+    """A script that returns whether the given second is now. It uses Date; if there is no zone,
+    the helpers."""
     if zone:
         return returning(f"String(Date.now() == "
                          f"Date.UTC({year}, months.{month}, {day}, {hour}, {minute}, {second}))")
@@ -260,7 +261,7 @@ def test_a_time_with_a_zone_is_that_instant(ctl):
                  "2026-03-02T08:05:09,5+00:00", "2026-03-02T10:05:09+02", "2026-03-02T10:05:09+0200",
                  "2026-03-01T22:35:09-09:30", "20260302T080509Z", "20260302T100509+0200"):
         assert ctl.eval(script, "--at", text, "http://a/") == ["true"], text
-        # The script's time zone does not change that.
+        # The script's time zone has no effect on this.
         assert ctl.eval(script, "--at", text, "--tz", "Asia/Tokyo", "http://a/") == ["true"], text
     assert ctl.eval(script, "--at", "2026-03-02T08:05:10Z", "http://a/") == ["false"]
 
@@ -272,7 +273,7 @@ def test_a_time_without_a_zone_is_of_the_zone_given(ctl):
             ("2026-03-02", "Asia/Tokyo", at(2026, "MAR", 1, 15, 0, 0)),
             ("20260302T0900", "UTC", at(2026, "MAR", 2, 9, 0, 0)),
             ("2026-03-02T09:00", "Europe/Berlin", at(2026, "MAR", 2, 9, 0, 0, zone="")),
-            # Shown twice when the clocks are turned back: the first.
+            # This time exists twice when the clocks are turned back. It means the first.
             ("2026-10-25T02:30", "Europe/Berlin", at(2026, "OCT", 25, 0, 30, 0)),
             ("2026-10-25T03:30", "Europe/Berlin", at(2026, "OCT", 25, 2, 30, 0))):
         assert ctl.eval(script, "--at", text, "--tz", zone, "http://a/") == ["true"], (text, zone)
@@ -289,7 +290,7 @@ def test_without_a_zone_given_it_is_the_devices(ctl):
 
 
 def test_a_zone_without_a_time_shifts_the_clock(ctl):
-    # Kiritimati is 24 or 25 hours ahead of Pago Pago: never the same day of the week.
+    # Kiritimati is 24 or 25 hours ahead of Pago Pago, so the day of the week is never the same.
     script = returning("""["SUN","MON","TUE","WED","THU","FRI","SAT"]
         .filter(function (day) { return weekdayRange(day); }).join()""")
     east = ctl.eval(script, "--tz", "Pacific/Kiritimati", "http://a/")
@@ -493,8 +494,8 @@ def test_endless_loop_at_load_is_refused_in_time(ctl):
 
 
 def said_in_time(step):
-    """What `step` gives within 6 s. On a machine that stands still for a moment the worker is ended
-    from outside, and something else is said."""
+    """The result of `step` within 6 s. If the machine stands still for a moment, the worker is
+    killed from outside, and the message is a different one."""
     said = []
     assert shortest(6, lambda: said.append(step()),
                     is_done=lambda: "the time limit of" in said[-1]) < 6

@@ -1,4 +1,4 @@
-"""proxymanagerctl pac lint: what is probably wrong with a script."""
+"""proxymanagerctl pac lint: finds probable faults of a script."""
 
 import os
 import pathlib
@@ -40,7 +40,8 @@ def found(ctl, text, *options):
 
 
 def expected(text):
-    """What the script says itself: "expect: RULE[, RULE]" at the end of a line."""
+    """The expected findings, from comments of the script: "expect: RULE[, RULE]" at the end of a
+    line."""
     for number, line in enumerate(text.splitlines(), 1):
         for rule in re.findall(r"[\w-]+", line.partition("expect:")[2]):
             yield number, rule
@@ -59,7 +60,7 @@ def test_scripts_as_companies_write_them_get_their_findings_and_no_others(ctl):
             wrong[path.name] = findings ^ set(expected(text))
     assert wrong == {}
     assert rules == set(re.findall(r"^## ([a-z-]+)$", PAGE.read_text(), re.MULTILINE))
-    # Each rule has a script that comes close to it without its finding.
+    # Each rule has a script that nearly causes its finding, but does not.
     for rule in rules:
         near = HERE / "lint" / (rule.replace("-", "_") + "_absent.pac")
         assert rule not in {found for _, found in expected(near.read_text())}
@@ -171,7 +172,8 @@ def test_a_single_line_of_500_kb_is_looked_at_to_its_end(ctl):
     assert found(ctl, text) == [(1, column, "warning", "domain-dot")]
 
 
-# What the published structure of SARIF 2.1.0 allows here, by object; no other members may stand there.
+# The members that the published structure of SARIF 2.1.0 allows in each object. There must be no
+# others.
 SARIF = {"log": {"$schema", "version", "runs"}, "run": {"tool", "columnKind", "results"},
          "driver": {"name", "version", "rules"},
          "rule": {"id", "shortDescription", "fullDescription", "defaultConfiguration"},

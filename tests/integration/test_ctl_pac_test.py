@@ -1,4 +1,4 @@
-"""proxymanagerctl pac test and pac bench: a script checked against cases, and measured."""
+"""proxymanagerctl pac test and pac bench: check a script against cases, and measure it."""
 
 import os
 import xml.etree.ElementTree
@@ -134,7 +134,7 @@ def test_bench_counts_what_the_cache_answers_and_what_it_answers_wrongly(ctl, sc
     assert result.status == NO_ANSWER and result.errors == ""
     found = result.json
     assert (found["urls"], found["hosts"], found["evaluations"], found["unanswered"]) == (6, 3, 18, 2)
-    # A missing answer is not kept, so bad.example is never a hit.
+    # A missing answer is not cached, so bad.example is never a cache hit.
     assert found["cache"]["hits"] == 2 and found["cache"]["share"] == pytest.approx(1 / 3)
     assert (found["cache"]["stale"], found["cache"]["stale_url"]) == (1, "http://www.example/a")
     assert 0 < found["median_us"] <= found["worst_us"]

@@ -1,4 +1,4 @@
-"""Who may do what with proxymanagerctl, by the shipped policy of the bus."""
+"""What users may do with proxymanagerctl, with the shipped policy of the bus."""
 
 import os
 import shutil
@@ -15,7 +15,7 @@ POLICY = os.path.abspath(os.path.join(
 
 @pytest.fixture
 def strict_bus(root):
-    """A bus like the system's, where nothing is allowed but by the shipped policy."""
+    """A bus like the system bus: only the shipped policy allows anything."""
     with open("/etc/group", "a") as file:
         file.write("proxymanager:x:64998:\n")
     bus = Bus(f"""<policy context="default">
@@ -29,7 +29,7 @@ def strict_bus(root):
 
 @pytest.fixture
 def stranger(ctl, build):
-    """The program in the hands of a user in no group."""
+    """Runs the program as a user who is in no group."""
     path = "/tmp/bin/proxymanagerctl"
     os.makedirs("/tmp/bin")
     shutil.copy(ctl.path, path)

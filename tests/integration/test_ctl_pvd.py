@@ -1,6 +1,6 @@
 """proxymanagerctl pvd: documents of proxy information, from files and from the network.
 
-The order of rules is compared with a second implementation, which reads generated documents itself.
+The order of rules is compared with a second implementation, on generated documents.
 """
 
 import ipaddress
@@ -97,8 +97,8 @@ def test_the_answer_of_what_no_rule_matches_can_be_given(ctl):
 
 
 def second_answer(document, host, port):
-    """What a client does with a document, from the rules as they are written: for TCP to a host, which
-    is a name without addresses, or an address."""
+    """The decision of a client that follows the rules of the document, for TCP to a host. The
+    host is a name without addresses, or an address."""
     named = {}
     for proxy in document["proxies"]:
         words = {"http-connect": "PROXY", "socks5": "SOCKS"}
@@ -233,7 +233,8 @@ def test_a_document_narrows_what_its_proxies_get_and_widens_nothing(ctl, port80,
 
 
 class TlsServer:
-    """Answers each path with what the test gives, on port 443 of loopback, and keeps the requests."""
+    """Answers each path with the test's answer, on port 443 of loopback, and stores the
+    requests."""
 
     def __init__(self):
         subprocess.run(
@@ -257,7 +258,7 @@ class TlsServer:
             try:
                 connection, _ = self._listener.accept()
             except ssl.SSLError:
-                continue  # the client does not like the certificate
+                continue  # the client does not accept the certificate
             except OSError:
                 return
             with connection:
@@ -265,7 +266,7 @@ class TlsServer:
                 while b"\r\n\r\n" not in request and (more := connection.recv(65536)):
                     request += more
                 if not request:
-                    continue  # nor does this one
+                    continue  # this client does not accept it either
                 self.requests.append(request.decode())
                 path = request.decode().split(" ")[1]
                 connection.sendall(self.routes.get(path, response(status="404 Not Found")))
@@ -288,7 +289,7 @@ WELL_KNOWN = "/.well-known/pvd"
 
 def test_a_host_gives_the_document_of_its_well_known_url(ctl, server):
     server.routes[WELL_KNOWN] = response(document(proxies=[PROXY]).encode(), headers=TYPE)
-    # Port 443, whatever the proxy's own is, and no proxy of the environment.
+    # The port is always 443, not that of the proxy, and no proxy of the environment is used.
     for host in (HOST, f"{HOST}:8080", f"{HOST}."):
         result = ctl("pvd", "show", "--json", host, environment={"https_proxy": "http://127.0.0.1:9"})
         assert (result.status, result.errors) == (ANSWERED, "")
@@ -359,7 +360,7 @@ def test_no_document_is_learnt_from_router_advertisements(ctl, server):
     # Only the user names the source of a document.
     for command in ("show", "to-pac"):
         assert ctl("pvd", command).status == USAGE
-    # Its prefixes are those of a router's document.
+    # The prefixes are those of a router's document.
     server.routes[WELL_KNOWN] = response(json.dumps({**HEAD, "prefixes": ["2001:db8::/32"]}).encode(),
                                          headers=TYPE)
     assert "\"prefixes\" is not empty" in ctl("pvd", "to-pac", HOST).errors

@@ -21,7 +21,7 @@ def test_refresh_fetches_the_script_again_and_keeps_the_password(ctl, client, we
 
 
 def test_wait_ends_when_the_daemon_is_configured(ctl, bus, build, syslog):
-    waiting = ctl.start("wait", "--configured", "--timeout", "60")  # nobody has the name yet
+    waiting = ctl.start("wait", "--configured", "--timeout", "60")  # nobody owns the name yet
     daemon = Daemon(build)
     try:
         assert said(ctl("wait", "--configured", "--timeout", "0.5"))[0] == TRY_AGAIN
@@ -35,7 +35,7 @@ def test_wait_ends_when_the_daemon_is_configured(ctl, bus, build, syslog):
 def test_wait_tells_mode_off_from_no_configuration_if_it_has_the_time(ctl, bus, build, syslog):
     daemon = Daemon(build)
     try:
-        # An announcement was heard in the last 5 s, but none in the last second.
+        # There was an announcement in the last 5 s, but none in the last second.
         assert said(ctl("wait", "--configured", "--timeout", "7")) == (
             TRY_AGAIN, "proxymanagerd has no configuration after 7 s; "
                        '"proxymanagerctl status" shows what it has')
@@ -104,7 +104,7 @@ def test_wait_trusts_what_the_daemon_reported_to_systemd(ctl, build, bus, syslog
             systemd.statuses.append("mode pacurl, never updated; no script; no walk")
             assert ctl("wait", "--script", "--timeout", "0.5").status == TRY_AGAIN
             assert rows(ctl("status").output)["get"] == OF_AN_EARLIER_ONE
-            # Mode off may be the mode that somebody has set.
+            # A program may have set mode off.
             configured = ["wait", "--configured", "--timeout", "1"]
             systemd.statuses.append("mode off, never updated; no script; no walk")
             assert ctl(*configured).status == TRY_AGAIN
@@ -117,7 +117,7 @@ def test_wait_trusts_what_the_daemon_reported_to_systemd(ctl, build, bus, syslog
 
 
 class Proxy:
-    """Answers each request with one line, and keeps what it got."""
+    """Answers each request with one line, and stores the requests."""
 
     def __init__(self, line):
         self.requests = []

@@ -1,4 +1,4 @@
-"""proxymanagerctl relay, and the relay in its status, with a stand-in for systemd."""
+"""proxymanagerctl relay, and the row "relay" of status, with a stand-in for systemd."""
 
 import os
 
@@ -14,7 +14,8 @@ STRANGER = ("setpriv", "--reuid=65534", "--regid=65534", "--clear-groups")
 
 
 class Systemd:
-    """A stand-in for systemd with one unit. Its properties do not change during one run of the program."""
+    """A stand-in for systemd with one unit. The unit's properties do not change during a run of
+    the program."""
 
     def __init__(self):
         self.replies = {}

@@ -26,7 +26,7 @@ NOT_RUNNING = ('proxymanager-settings does not run; start it, for instance with 
 
 @pytest.fixture
 def group(root):
-    """The settings service's group, as its package makes it."""
+    """The group of the settings service, as the package makes it."""
     try:
         return grp.getgrnam(GROUP).gr_gid
     except KeyError:
@@ -93,7 +93,7 @@ def test_the_saved_files_are_the_services_and_roots_alone(ctl, daemon, client, g
                        f'password-file = "{PASSWORD}"']
     with open(PASSWORD) as file:
         assert file.read() == "geheim-7\n"
-    # Nothing else was left there.
+    # The folder has no other files.
     assert sorted(os.listdir(FOLDER + "/settings.d")) == ["90-saved.conf", "90-saved.password"]
     ctl("off", "--save")
     assert os.listdir(FOLDER + "/settings.d") == ["90-saved.conf"]
@@ -109,7 +109,7 @@ def password_file():
 def test_a_new_password_has_a_new_file_and_the_old_one_goes_last(ctl, daemon, client, group):
     ctl("manual", "http://p:1", "--user=u", "--password-file=-", "--save", script="first\n")
     assert password_file() == PASSWORD
-    # An interrupted save: the disk takes the password, and not the settings.
+    # An interrupted save: the password is written, but not the settings.
     url = "http://p:1/" + "x" * 600
     status, message = said(ctl("pacurl", url, "--user=u", "--password-file=-", "--save", script="second\n",
                                wrapper=["sh", "-c", 'trap "" XFSZ; ulimit -f 1; exec "$@"', "sh"]))
@@ -117,7 +117,7 @@ def test_a_new_password_has_a_new_file_and_the_old_one_goes_last(ctl, daemon, cl
     with open(password_file()) as file:
         assert file.read() == "first\n"
     assert sorted(os.listdir(FOLDER + "/settings.d")) == ["90-saved.conf", "90-saved.password"]
-    # A power cut can leave a password; it is removed by the next save.
+    # After a power cut, a password can be left. The next save removes it.
     write_settings("lost\n", "settings.d/90-saved.password.1")
     ctl("manual", "http://p:1", "--user=u", "--password-file=-", "--save", script="third\n")
     assert password_file() == PASSWORD + ".2"
@@ -129,7 +129,7 @@ def test_a_new_password_has_a_new_file_and_the_old_one_goes_last(ctl, daemon, cl
 
 
 def save_at_once(ctl, name):
-    """A save with a password, started and not waited for."""
+    """Starts a save with a password, and does not wait for its end."""
     process = subprocess.Popen([ctl.path, "manual", f"http://{name}:1", f"--user={name}", "--password-file=-",
                                 "--save"], env=ctl.variables(), stdin=subprocess.PIPE)
     process.stdin.write(f"password of {name}\n".encode())
@@ -228,7 +228,7 @@ def test_a_faulty_file_that_keeps_the_saved_one_out_is_named(ctl, settings, daem
     assert (result.status, result.errors) == (ANSWERED, (
         f"proxymanagerctl: {bad}:1: nonsense is not a known key\n"
         "proxymanagerctl: the settings service does not use what is saved until this is repaired\n"))
-    # The saved file can be the repair.
+    # A save can repair the fault.
     os.rename(bad, SAVED)
     wait_until(lambda: SAVED in str(settings.state()["problems"]), "the saved file is the bad one")
     result = ctl("wpad", "--save")

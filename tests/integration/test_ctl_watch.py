@@ -44,7 +44,8 @@ def test_watch_says_an_object_for_each_signal(ctl, client):
 def test_watch_believes_the_daemon_alone_and_shows_no_control_character(ctl, client):
     watch = ctl.start("watch")
     watch.output.wait("daemon +runs")
-    # The signal is addressed to each connection directly, so no match rule of watch keeps it out.
+    # The signal is sent directly to each connection, so the match rules of watch do not filter
+    # it.
     address = DBusAddress(PATH, interface=INTERFACE)
     for name in client.connection.send_and_get_reply(message_bus.ListNames()).body[0]:
         if name.startswith(":"):
@@ -74,7 +75,7 @@ def test_watch_can_be_ended_though_its_reader_stands_still(ctl, client):
 
 
 def call_of(pid):
-    """The number of the system call that it sleeps in."""
+    """The number of the system call in which the process sleeps."""
     with open(f"/proc/{pid}/syscall") as call:
         return call.read().split()[0]
 

@@ -1,4 +1,4 @@
-"""proxymanagerctl pac explain, cover and diff: what PAC scripts do, seen from outside."""
+"""proxymanagerctl pac explain, cover and diff: they show what PAC scripts do."""
 
 import json
 import os
@@ -265,7 +265,8 @@ function FindProxyForURL(url, host) {
         'line 4: the code that "eval" runs is not instrumented',
         "the script reads the text of a function; the instrumented script has another text",
         "while the script is loaded, it calls helpers: 1, names looked up: 0"]
-    # It finds out that it is watched; what it is as it is counts.
+    # The script detects that it is instrumented. The result is the answer of the unchanged
+    # script.
     assert told["result"] == "DIRECT"
 
 
@@ -309,7 +310,7 @@ def test_a_script_may_begin_with_a_comment(ctl, comment):
 
 
 def test_what_the_engine_takes_and_the_parser_does_not_is_a_message(ctl):
-    # The engine lets a regular expression repeat a name in alternatives.
+    # In the engine, the alternatives of a regular expression may use the same group name.
     script = SCRIPT.replace("{\n", "{\n  /(?<a>x)|(?<a>y)/;\n", 1)
     assert ctl("pac", "check", "-", script=script).status == ANSWERED
     result = ctl("pac", "explain", "-", "http://a/", script=script)
@@ -349,14 +350,14 @@ def test_the_options_of_other_testers_are_understood(ctl, command):
 
     only = ctl("pac", command, "--json", "-p", path, "-u", "http://a/", "-c", "10.9.8.7").json
     assert only[0]["result"] == "PROXY 10.9.8.7:1"
-    # All stand among each other, as they are given.
+    # The URLs of files and of the command line are mixed in the given order.
     assert hosts("-p", path, "http://x/", "-f", "/tmp/urls", "http://y/", "-u", "http://z/") == [
         "x", "bb", "ccc", "y", "z"]
     assert hosts("-u", "http://z/", path, "-u", "http://q/", "http://x/", "-f", "/tmp/urls") == [
         "z", "q", "x", "bb", "ccc"]
     assert hosts("-f", "/tmp/urls", "http://x/", "-p", path) == ["bb", "ccc", "x"]
     assert ctl("pac", command, "-u", "http://a/").status == USAGE
-    # "-h" is the help here, and the host has only its long name.
+    # Here, "-h" is the help, and only the long option sets the host.
     assert ctl("pac", command, "-p", path, "-u", "http://a/", "-h").output.startswith("Shows" if
         command == "explain" else "Asks")
     assert hosts("-p", path, "--host", "other", "-u", "http://a/") == ["other"]
@@ -446,7 +447,8 @@ def test_a_rule_whose_test_is_reached_is_never_shadowed(ctl, between):
     missed = covered(ctl, script, "http://a/", "http://b.test/", options=AT_NOON)["missed"]
     shadows = {rule["source"]: (rule["reached_by"], rule["shadowed_url"]) for rule in missed}
     assert shadows['"PROXY b:1"'] == ("http://rare.test/", None)
-    # Near misses reach the second test of the same host, so it is not known to be shadowed.
+    # URLs that nearly match reach the second test of the same host, so the command cannot report
+    # this rule as shadowed.
     assert shadows['"PROXY c:1"'] == (None, None)
     assert shadows['"PROXY a:1"'] == (None, None)
 
@@ -607,7 +609,7 @@ def test_differences_are_shown_for_given_urls(ctl):
     assert (result.status, result.json["urls"], result.json["generated"]) == (NO_ANSWER, 3, False)
     assert [group["urls"] for group in result.json["groups"]] == [["http://1.example/", "http://2.example/"]]
     assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-u", "http://same/").status == ANSWERED
-    # A list without a URL is not a reason to make some.
+    # If a list has no URL, the command makes none.
     empty = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-f", "-", "--json")
     assert (empty.status, empty.json["urls"], empty.json["generated"]) == (ANSWERED, 0, False)
     assert ctl("pac", "diff", "-", "/tmp/new.pac", "-f", "-").status == USAGE
@@ -648,7 +650,8 @@ def test_equal_scripts_have_no_difference(ctl):
 
 
 def test_the_session_of_the_document_is_real(ctl, build):
-    """Each block that begins with "$ " is run, and prints what stands below the command."""
+    """Runs the command of each block that begins with "$ ". The output must be the text below
+    it."""
     top = os.path.join(os.path.dirname(__file__), "../..")
     os.makedirs("/tmp/session/docs", exist_ok=True)
     os.symlink(os.path.abspath(os.path.join(top, "docs/examples")), "/tmp/session/docs/examples")
@@ -665,6 +668,6 @@ def test_the_session_of_the_document_is_real(ctl, build):
 
 
 def without_shares(text):
-    """Without times, and what depends on them."""
+    """The text without times and the values that depend on them."""
     text = re.sub(r"\d+(\.\d+)? (us|ms|s)\b", "TIME", text)
     return re.sub(r"\d+ % of the time|(?<=TIME  )http\S+", "SHARE", text)

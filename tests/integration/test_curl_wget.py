@@ -1,5 +1,6 @@
-"""curl and wget as the page about them advises: the settings that lead to the relay, and the script that asks
-for each URL. The settings and the script are the page's own.
+"""curl and wget as docs/programs/curl-wget.md describes them: with the settings for the relay,
+and with the script that asks for each URL. The test takes the settings and the script from that
+page.
 """
 
 import os
@@ -32,7 +33,7 @@ NOWHERE = "http://127.0.0.1:9"
 
 
 class Home:
-    """Runs programs of a user who has a home, and proxymanagerctl in the path."""
+    """Runs programs of a user who has a home folder, and proxymanagerctl in the path."""
 
     def __init__(self, ctl):
         self.path = pathlib.Path("/run/home")
@@ -97,7 +98,8 @@ def test_the_script_goes_on_after_a_failure_and_reports_it(home, client, port80)
     decide_by_host(client, port80)
     status, output, errors = home.run("each_url", *CURL, f"{PAGE}/none", OTHER_PAGE)
     assert (status, output) == (22, HTTP) and "404" in errors
-    # A file name with blanks and a URL with signs of the shell stay one word each.
+    # A file name with blanks stays one word, and so does a URL with special characters of the
+    # shell.
     status, output, _ = home.run("each_url", *CURL, "-o", "a b", f"{PAGE}?a=$(b)&c=*")
     assert (status, (home.path / "a b").read_text()) == (0, SOCKS)
     by_script(client, port80, "PROXY -unusable:1")

@@ -19,14 +19,15 @@ ENDLESS = """function FindProxyForURL(url, host) {
   while (!host.endsWith("quick.example")) {}
   return "PROXY quick:1";
 }"""
-# The bus accepts users that the system knows.
+# The bus accepts only users that the system knows.
 ATTACKER, VICTIM = (pwd.getpwnam(name).pw_uid for name in ("nobody", "daemon"))
 QUESTION = ("http://endless.example/",)
 
 
 @pytest.fixture
 def endless(syslog, bus, build, web):
-    """The daemon with a script that ends for one host only, and the log that a package sets up."""
+    """The daemon with a script that never ends, except for one host, and with the packaged log
+    level."""
     web.routes["/endless.pac"] = ENDLESS
     trace("baseseverity=4\n")
     make_watched_files()
@@ -51,7 +52,7 @@ def _ask(user, times, results):
 
 
 def answer_of_another_user(times=1):
-    """What a question of VICTIM gets, and after how many seconds: the quickest of `times`."""
+    """The answer to a question of VICTIM, and its time in seconds: the shortest of `times`."""
     context = multiprocessing.get_context("fork")
     results = context.Queue()
     process = context.Process(target=_ask, args=(VICTIM, times, results), daemon=True)
@@ -77,8 +78,8 @@ def test_a_flood_of_two_hundred_connections_holds_nobody_up(endless):
 
 
 def slowdown():
-    """How much slower this machine is now than one that answers 25,600 of the cheapest calls in 4 s,
-    which the limits below are for."""
+    """How much slower this machine is now than a machine that answers 25,600 of the cheapest
+    calls in 4 s. The limits below are for such a machine."""
     count, depth = 2560, 64
     with open_dbus_connection(ADDRESS) as connection:
         call = new_method_call(DBusAddress(PATH, bus_name=NAME, interface=INTERFACE),
@@ -92,7 +93,7 @@ def slowdown():
 
 
 def flood_of_questions(connections, admin, question):
-    """Seconds that an update of root and a question of another user may take."""
+    """The seconds that an update of root and a question of another user may take."""
     slower = slowdown()
     print(f"{slower:.1f} times slower")
     with Flood(ATTACKER, connections, "getProxyurl", QUESTION), Client() as root:
@@ -111,15 +112,15 @@ def test_a_connection_has_64_questions_that_wait_and_the_others_are_answered_at_
                                    "getProxyurl", "s", QUESTION)
         for _ in range(70):
             connection.send(question)
-        # One question is evaluated and five do not fit. The order shows that none of the 64 was answered
-        # before those.
+        # One question is evaluated, 64 wait, and five are too many. The order shows that those
+        # five were answered before the 64.
         for _ in range(6):
             assert receive(connection) == (["pacurl"],)
         syslog.wait_match(WARNING, r"ProxyManagerDbusHandler-handle_message too many questions wait, "
                                    r"answered without the script:\d+, last of::1\.\d+")
         endless.signal(signal.SIGTERM)
         rest = [receive(connection) for _ in range(64)]
-        # The evaluation in progress ends first, and the other calls do not wait longer.
+        # The other calls wait only until the evaluation in progress has ended.
         assert rest.count((["off"],)) >= 62
         assert endless.wait() == 0
     warnings = [text for text in syslog.texts() if "too many questions" in text]
@@ -144,7 +145,7 @@ def test_calls_of_a_connection_that_left_are_dropped(endless):
             connection.send(question)
         client.call("Ping", interface="org.freedesktop.DBus.Peer")
         connection.close()
-        for count in range(3):  # each one waits for one of the others at most, if these are still there
+        for count in range(3):  # each waits for one of the others at most
             client.urls(f"http://{count}.quick.example/")
         begin = time.monotonic()
         client.urls("http://again.quick.example/")

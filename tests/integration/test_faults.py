@@ -1,4 +1,5 @@
-"""What the system refuses the daemon for a while: room, descriptors, a log, the hour."""
+"""The system refuses the daemon something for a while: disk space, descriptors, the log, the
+right time."""
 
 import contextlib
 import os
@@ -26,14 +27,14 @@ def use(client, web, text, path):
 
 
 def load(client, web, syslog, text, path):
-    """Serves `text`, switches to it and waits until an engine is made of it."""
+    """Serves `text` as the script, configures it, and waits until the engine has loaded it."""
     before = syslog.count(INFO, "PacParser-parsePacFile pac init")
     use(client, web, text, path)
     syslog.wait(INFO, "PacParser-parsePacFile pac init", before + 1, LIMIT)
 
 
 def refused(client, web, syslog, text, path):
-    """Serves `text` and waits until it has been given up."""
+    """Serves `text` and waits until its download has failed."""
     use(client, web, text, path)
     syslog.wait(ERR, f"PACFetcher-retrievePacFile PAC file download failed url:{web.url(path)}",
                 limit=LIMIT)
@@ -46,7 +47,7 @@ def content(path):
 
 @contextlib.contextmanager
 def without_inodes(path):
-    """Inside, the file system of `path` takes no further file."""
+    """Inside the block, the file system of `path` accepts no further file."""
     mount("tmpfs", path, "tmpfs", MS_REMOUNT, "nr_inodes=64")
     names = []
     try:
@@ -62,7 +63,7 @@ def without_inodes(path):
 
 @contextlib.contextmanager
 def full(path, room):
-    """Inside, the file system of `path` takes `room` more bytes, in pages, and no more."""
+    """Inside the block, the file system of `path` has only `room` free bytes, in pages."""
     mount("tmpfs", path, "tmpfs", MS_REMOUNT, "size=4m")
     filler = os.open(f"{path}/filler", os.O_WRONLY | os.O_CREAT)
     try:
@@ -78,7 +79,7 @@ def full(path, room):
 
 @pytest.mark.parametrize("room", [0, 3 * 4096])
 def test_a_full_tmp_keeps_the_old_script_until_there_is_room(client, web, syslog, room):
-    # The part that fits would pass as a script.
+    # The part that fits would be a valid script.
     new = script("PROXY new:1") + " " * 40_000
     load(client, web, syslog, script("PROXY old:1"), "/old.pac")
     with full("/tmp", room):
@@ -125,13 +126,13 @@ def lowest_free_descriptor(pid):
 
 @pytest.fixture
 def allow_descriptors(daemon, sanitizer):
-    """Sets how many descriptors the daemon may have, for a while."""
+    """Limits the descriptors of the daemon for a while."""
     if sanitizer:
         pytest.skip("the sanitizer opens a pipe to look at an object")
     before, hard = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
 
     def allow(number):
-        """None: as many as before."""
+        """`most`: the limit; None restores the earlier limit."""
         number = before if number is None else number
         resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (number, hard))
 
@@ -155,7 +156,7 @@ def test_without_descriptors_it_answers_and_fetches_when_there_are_some(daemon, 
     (worker,) = daemon.children()
     allow_descriptors(4)
     os.kill(worker, 9)
-    assert client.urls("http://b/") == ["wpad"]  # maybe of the worker that is about to die
+    assert client.urls("http://b/") == ["wpad"]  # perhaps from the worker that is about to end
     assert client.urls("http://b/") == ["wpad"]
     syslog.wait_match(WARNING, "pac_engine: no answer: no script worker: .*Too many open files")
     assert client.urls("http://a/") == ["wpad", "PROXY old:1"]
@@ -174,12 +175,13 @@ def seconds_run(pid):
 
 
 def test_a_wait_that_is_refused_is_tried_again_without_haste(daemon, client, allow_descriptors):
-    """If the limit is below the number of watched descriptors, the system refuses the wait itself."""
+    """If the limit is lower than the number of watched descriptors, the system refuses the
+    wait."""
     client.update("manual", proxyurl="p:1")
     allow_descriptors(0)
     began = seconds_run(daemon.pid)
     with pytest.raises(TimeoutError):
-        while True:  # the wait in which it is now may take one more question
+        while True:  # the wait in progress may still accept one more question
             client.urls("http://a/", timeout=2)
     assert seconds_run(daemon.pid) - began < 1
     allow_descriptors(None)
@@ -188,7 +190,7 @@ def test_a_wait_that_is_refused_is_tried_again_without_haste(daemon, client, all
 
 
 def walk_is_over(syslog):
-    """Whether a download was given up, or what came of one has been tried as a script."""
+    """Whether a download has failed, or its file has been tried as a script."""
     return any(text == "PacParser-parsePacFile pac init"
                or text == "PacParser-parsePacFile failed to read pac file name"
                or text.startswith("PACFetcher-retrievePacFile PAC file download failed url:")
@@ -197,7 +199,8 @@ def walk_is_over(syslog):
 
 def test_with_few_descriptors_a_script_is_there_or_another_one_or_none(daemon, client, web,
                                                                        syslog, allow_descriptors):
-    """One more at a time, until the download and the worker have what they need."""
+    """Raises the limit by one each time, until the download and the worker have enough
+    descriptors."""
     load(client, web, syslog, script("PROXY p0:1"), "/0.pac")
     base = lowest_free_descriptor(daemon.pid)
     answers = [["pacurl"], ["pacurl", "PROXY p0:1"]]
@@ -230,7 +233,7 @@ def test_without_a_log_it_works_and_speaks_again_when_there_is_one(daemon, clien
 def test_while_nobody_reads_the_log_all_waits_and_nothing_is_lost(daemon, client, syslog):
     client.update("manual", proxyurl="p:1")
     with open("/proc/sys/net/unix/max_dgram_qlen") as length:
-        questions = int(length.read()) + 200  # of several lines each
+        questions = int(length.read()) + 200  # each logs several lines
     answers = []
 
     def ask():
@@ -272,7 +275,7 @@ def test_a_jump_of_the_wall_clock_changes_nothing(build, bus, syslog, web, signa
     with Client() as client:
         load(client, web, syslog, script("PROXY old:1"), "/old.pac")
         clock.jump(0)
-        # In the middle of a download, and of an evaluation.
+        # The clock jumps in the middle of a download, and in the middle of an evaluation.
         held = Held("""function FindProxyForURL(url, host) {
             if (host == "slow") {
               alert("begun");

@@ -1,4 +1,4 @@
-"""What the daemon leaves on the disk, and what of its configuration it tells."""
+"""The files that the daemon writes, and the parts of its configuration that it reports."""
 
 import os
 import stat
@@ -13,19 +13,19 @@ from support.web import Held, script
 PAC = "/tmp/proxymanager.pac"
 RUN_FILE = "/run/proxymanagerd.pid"
 MS_RDONLY, MS_REMOUNT = 1, 32
-# The folders that are this test's own; all else is read-only while it runs.
+# The folders of this test. Everything else is read-only while the daemon runs.
 OWN = ("/tmp", "/run", "/etc", "/dev", "/usr/local")
 
 
 @pytest.fixture(autouse=True)
 def listed_name(root):
-    """A name that the daemon looks up, without a server."""
+    """The script looks up a name, but there is no name server."""
     with open("/etc/hosts", "a") as file:
         file.write("192.0.2.7 listed.example\n")
 
 
 def files(*others):
-    """Path and state of every file of the test's own folders, except for the folders `others`."""
+    """Path and state of every file in the test's folders, except in the folders `others`."""
     found = {}
     for folder in OWN:
         for path, folders, names in os.walk(folder):
@@ -36,7 +36,7 @@ def files(*others):
             for name in folders + names:
                 status = os.lstat(os.path.join(path, name))
                 kept = (status.st_mode, status.st_uid, status.st_ino)
-                # Devices belong to the machine, and other programs write to them.
+                # Devices are those of the machine, and other programs write to them.
                 is_kept_alone = name in folders or stat.S_ISCHR(status.st_mode)
                 found[os.path.join(path, name)] = kept if is_kept_alone else (
                     *kept, status.st_size, status.st_mtime_ns)
@@ -44,7 +44,7 @@ def files(*others):
 
 
 def changed(before, after):
-    """Except for the daemon's stderr, which the test itself keeps."""
+    """All files except that of the daemon's standard error, which the test makes."""
     return {path for path in {*before, *after} if before.get(path) != after.get(path)
             and not path.startswith("/run/daemon_stderr.")}
 
@@ -74,7 +74,7 @@ def test_it_writes_the_script_and_the_run_file_and_nothing_else(build, bus, sysl
         for mode in ("wpad", "manual", "off"):
             assert client.update(mode, proxyurl="p:1") == 0
             client.urls("http://b/")
-    # The transfer that mode manual ended still has its temporary file for a moment.
+    # Mode manual has ended a transfer. Its temporary file still exists for a moment.
     wait_until(lambda: changed(before, files(build, tree)) == {PAC, RUN_FILE}, "these two files")
     assert daemon.stop() == 0
     assert changed(before, files(build, tree)) == {PAC}

@@ -1,6 +1,6 @@
-"""Programs that use GLib's networking, unchanged, with the module: they follow the daemon.
+"""Unchanged programs that use GLib's networking follow the daemon if the module is installed.
 
-soup_get is a small program of libsoup, gio is Debian's, with gvfs, which fetches for it.
+soup_get is a small program with libsoup. gio is Debian's; gvfs fetches for it.
 """
 
 import os
@@ -16,9 +16,9 @@ from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, PASSWORD, PASS
 pytestmark = pytest.mark.usefixtures("own_network")
 
 LIMIT = 120  # seconds for any run
-# Of the folders that the script at the end of the wrapper is given, the first is laid over /usr: so
-# Debian's programs are in the places where they look for each other. All that they leave is removed with
-# them.
+# The first argument after this wrapper is a folder with unpacked packages. The wrapper mounts the
+# folder's usr over /usr, so Debian's programs find each other at their usual places. When the
+# program ends, all processes that it has started end, too.
 OVER_USR = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-c",
             'mount -t overlay overlay -o "lowerdir=$0/usr:/usr" /usr && exec "$@"']
 
@@ -28,8 +28,8 @@ class GlibPrograms:
         self._tests = os.path.join(build, "out", "tests")
         sanitizers = {name: value for name, value in os.environ.items()
                       if name.endswith("SAN_OPTIONS")}
-        # GCC 12's leak sanitizer stumbles over the thread-local memory of a library that a module
-        # brought, where it keeps a record of it.
+        # A module may load a library with thread-local memory. GCC 12's leak sanitizer fails if
+        # it keeps records of this memory.
         sanitizers["ASAN_OPTIONS"] = (os.environ.get("ASAN_OPTIONS", "verbosity=0")
                                       + ":intercept_tls_get_addr=0")
         self._variables = {
@@ -41,11 +41,11 @@ class GlibPrograms:
         os.makedirs("/run/home", mode=0o700)
 
     def soup(self, url=PAGE, **variables):
-        """What soup_get prints; what it complains of where it fails."""
+        """The output of soup_get; its error text if it fails."""
         return self._run([os.path.join(self._tests, "soup_get"), url], variables)
 
     def gio(self, url=PAGE, **variables):
-        """What `gio cat` prints; what it complains of where it fails. gvfs wants a session bus."""
+        """The output of `gio cat`; its error text if it fails. gvfs needs a session bus."""
         return self._run([*OVER_USR, os.path.join(self._tests, "gio_clients"), "dbus-run-session",
                           "--", "gio", "cat", url], variables)
 
@@ -62,7 +62,7 @@ def programs(build, proxies):
 
 
 def follow_every_mode(fetch, client, port80, syslog, daemon, bus):
-    """A page that `fetch` gets in each mode comes by the way of that mode."""
+    """In each mode, `fetch` gets the page by the way of that mode."""
     # The daemon starts in mode off.
     assert fetch() == DIRECT
     client.update("manual", f"http://{HTTP_PROXY}")
@@ -86,8 +86,8 @@ def test_a_program_of_libsoup_follows_every_mode(programs, client, port80, syslo
     follow_every_mode(programs.soup, client, port80, syslog, daemon, bus)
 
 
-# Not under sanitizers: neither gio nor what fetches for it is built with them, nor can they load a
-# module that is.
+# This test does not run under sanitizers: gio and gvfs are built without sanitizers, so they
+# cannot load a module with them.
 @pytest.mark.slow
 def test_gio_follows_every_mode(programs, client, port80, syslog, daemon, bus):
     follow_every_mode(programs.gio, client, port80, syslog, daemon, bus)

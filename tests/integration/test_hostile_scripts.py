@@ -1,7 +1,8 @@
-"""Scripts that mean harm, each through the running daemon.
+"""Hostile scripts, each in the running daemon.
 
-For each: an answer, possibly none, within six seconds; the next question, of a host that the script
-treats well, is answered rightly; the daemon's own memory does not grow; one worker at most is left.
+For each script, a question ends within six seconds, possibly without an answer. The next question,
+about a host for which the script behaves well, gets the right answer. The daemon's own memory does
+not grow, and at most one worker is left.
 """
 
 
@@ -12,9 +13,9 @@ from support.syslog_socket import ERR, INFO
 from support.web import response
 
 WITHIN = 6.0  # seconds; the limit of an evaluation is 5
-GROWTH = 3 << 20  # bytes; more than a daemon's allocator keeps back after a question
+GROWTH = 3 << 20  # bytes; more than the daemon's allocator keeps after a question
 
-# What the script does for the host "bad.example"; every other host is answered with "PROXY good:1".
+# The code that the script runs for the host "bad.example". Every other host gets "PROXY good:1".
 ENDS_WELL = ("alert_flood", "ten_thousand_names")
 IN_A_CALL = {
     "giant_claimed_length": "return [].indexOf.call({ length: 2 ** 50 }, 1) + '';",
@@ -58,7 +59,8 @@ def load(client, web, syslog, text):
 
 
 def memory(pid):
-    """Bytes that a process alone has written; what it only reads, others come to share and leave."""
+    """The bytes that only this process has written. Pages that it only reads are left out,
+    because other programs may share them at any time."""
     with open(f"/proc/{pid}/smaps_rollup") as rollup:
         return sum(int(line.split()[1]) * 1024 for line in rollup
                    if line.startswith("Private_Dirty"))
@@ -69,7 +71,7 @@ def memory(pid):
 def test_a_hostile_call_costs_its_own_answer_at_most(daemon, client, web, syslog, name, sanitizer):
     before = []
 
-    def prepare():  # again for each try: a load empties the cache
+    def prepare():  # repeated for each try, because a load empties the cache
         load(client, web, syslog, SCRIPT % IN_A_CALL[name])
         assert client.urls("http://good.example/") == ["pacurl", "PROXY good:1"]
         before[:] = [memory(daemon.pid)]
@@ -141,7 +143,7 @@ def test_a_busy_worker_follows_a_daemon_that_was_killed(daemon, client, web, sys
             with Client() as other:
                 other.urls("http://bad.example/")
         except Exception:
-            pass  # the daemon is gone
+            pass  # the daemon has ended
 
     asking = threading.Thread(target=ask)
     asking.start()

@@ -1,4 +1,5 @@
-"""A daemon that is killed at any moment leaves a whole script, and starts again."""
+"""If the daemon is killed at any moment, the file of the script is complete, and the daemon can
+start again."""
 
 import contextlib
 import os
@@ -19,7 +20,8 @@ LIMIT = 60.0  # seconds; a busy machine
 
 
 def numbered(number):
-    """A script of some 300 KB whose every line bears its number, so that no mixture passes."""
+    """A script of about 300 KB. Each line contains the script's number, so that a mixture of two
+    scripts is found."""
     answer = f'function FindProxyForURL(url, host) {{ return "PROXY p{number}:1"; }}\n'
     return answer + f"// {number}\n" * (300_000 // len(f"// {number}\n"))
 
@@ -44,7 +46,7 @@ def sent_until(body, bytes_sent, then):
 
 
 def children_here():
-    """Pids of the script workers and fetch processes that see this test's folders."""
+    """Process ids of the script workers and fetch processes of this test."""
     here, found = os.readlink("/proc/self/ns/mnt"), []
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
@@ -59,14 +61,15 @@ def children_here():
 
 @pytest.mark.slow
 def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, syslog, web):
-    """During download, installing and loading; every other time over a loaded script."""
+    """Kills the daemon during download, installation and load; every second time, a script is
+    already loaded."""
     make_watched_files()
     seed = random.randrange(1 << 32)
     print("seed", seed)
     choice = random.Random(seed)
     before = None
     outcomes = {"old": 0, "new": 0, "half": 0}
-    reload_takes = 0.02  # seconds from the last byte until the engine is made; measured below
+    reload_takes = 0.02  # seconds from the last byte until the script is loaded; measured below
     for number in range(ROUNDS):
         syslog.clear()
         daemon = Daemon(build)
@@ -98,7 +101,7 @@ def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, sysl
         outcomes["half"] += os.path.exists(TEMPORARY)
         before = found
     print(outcomes)
-    # If not, the moments were not those that this test needs.
+    # Otherwise, the test did not kill the daemon at the right moments.
     assert outcomes["old"] > 10 and outcomes["new"] > 10 and outcomes["half"] > 10, outcomes
     wait_until(lambda: children_here() == [], "no child process outlives its daemon", LIMIT)
     syslog.clear()
@@ -163,7 +166,7 @@ def test_a_fetch_process_killed_at_two_hundred_moments_costs_its_download(daemon
                          f"url:{web.url('/x.pac')}", limit=LIMIT)
         assert content() == first
         assert not os.path.exists(TEMPORARY)
-        # Another configuration, so that the next one is new.
+        # The configuration changes, so that the next one is new.
         client.update("off")
     assert fetch_processes() == []
     assert len(os.listdir(f"/proc/{daemon.pid}/fd")) <= descriptors
