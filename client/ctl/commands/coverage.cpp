@@ -54,10 +54,11 @@ std::pair<std::size_t, std::size_t> testOf(const std::vector<Place>& places, std
   return test.is('t') ? std::pair(test.line, test.column) : std::pair<std::size_t, std::size_t>();
 }
 
-bool isReached(const Trace& trace, int place) {
-  return std::any_of(trace.counts.begin(), trace.counts.end(), [&](const auto& total) {
-    return place >= 0 && total.place == static_cast<std::size_t>(place);
-  });
+/// Which places a URL reached. A search for each rule would take seconds for a large script.
+std::vector<bool> reachedBy(const Trace& trace, std::size_t places) {
+  std::vector<bool> reached(places);
+  for (const auto& total : trace.counts) reached[total.place] = true;
+  return reached;
 }
 
 /// Whether `tests` has the test of the rule. It is a list of places in a report about made URLs.
@@ -71,13 +72,15 @@ bool isMadeFor(const MissedRule& rule, const std::vector<Place>& places,
 
 /// Notes what a made URL shows about a missed rule. `tests` are the tests for which it was made.
 void tryRule(MissedRule& rule, const std::vector<Place>& places, const TracedAnswer& asked,
-             const std::string& url, const nlohmann::json& tests) {
-  if (isReached(asked.trace, static_cast<int>(rule.place))) {
+             const std::vector<bool>& reached, const std::string& url,
+             const nlohmann::json& tests) {
+  if (reached[rule.place]) {
     if (rule.reachedBy.empty()) rule.reachedBy = url;
     return;
   }
   if (!isMadeFor(rule, places, tests)) return;
-  rule.mayBeReached = rule.mayBeReached || isReached(asked.trace, places[rule.place].owner);
+  const int owner = places[rule.place].owner;
+  rule.mayBeReached = rule.mayBeReached || (owner >= 0 && reached[static_cast<std::size_t>(owner)]);
   if (!rule.shadow && asked.decidedBy && *asked.decidedBy < rule.place) {
     rule.shadow = asked.decidedBy;
     rule.shadowedUrl = url;
@@ -91,11 +94,12 @@ void noteUntried(Coverage& coverage, const std::vector<Place>& places,
 }
 
 /// Tries to reach the missed rules with URLs that are made from the script.
-void tryMissed(Coverage& coverage, TracedScript& script, pac_engine::Engine& parser,
+void tryMissed(Coverage& coverage, const TracedScript& script, pac_engine::Engine& parser,
                const std::string& file) {
   if (coverage.missed.empty()) return;
   const auto report = askParser(parser, "urls", {{"most", kMostMade}}, file);
   const auto& places = script.script().places;
+  auto made = script.forMadeUrls();
   const auto end = std::chrono::steady_clock::now() + kMadeTime;
   coverage.madeCut = report.at("cut").get<bool>();
   noteUntried(coverage, places, report.at("cutTests"));
@@ -106,9 +110,10 @@ void tryMissed(Coverage& coverage, TracedScript& script, pac_engine::Engine& par
       continue;
     }
     const auto url = row.at(0).get<std::string>();
-    const auto asked = script.ask(url, std::nullopt);
+    const auto asked = made.ask(url, std::nullopt);
     ++coverage.made;
-    for (auto& rule : coverage.missed) tryRule(rule, places, asked, url, row.at(1));
+    const auto reached = reachedBy(asked.trace, places.size());
+    for (auto& rule : coverage.missed) tryRule(rule, places, asked, reached, url, row.at(1));
   }
   for (auto& rule : coverage.missed) {
     if (!rule.mayBeReached && rule.reachedBy.empty()) continue;

@@ -55,7 +55,8 @@ struct Coverage {
   Share rules;     ///< the returns
 };
 
-/// Asks `script` once for each URL. Its options decide about names and addresses.
+/// Asks `script` once for each URL. Its options decide about names and addresses. For the URLs that
+/// are made, no name is looked up and no alert is shown.
 /// @param parser a parser of the same script; it makes URLs for missed rules
 Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std::string& file,
                     const std::vector<std::string>& urls);

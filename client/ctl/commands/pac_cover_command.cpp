@@ -31,7 +31,8 @@ constexpr const char* kPacCoverFooter = R"(Output:
   line N      a rule that no URL reached. It is dead (no URL can reach it),
               shadowed (earlier rules answer all URLs that were made for its
               condition) or not hit (with a URL that reaches it, if one could be
-              made from the texts in the script)
+              made from the texts in the script; for such URLs no name is
+              looked up, and no alert is shown)
   note        code that is not instrumented; that not all URLs were tried: the
               command makes at most 1000 and tries them for at most 8 s
 The file of -f is a list of URLs, or an access log of squid, tinyproxy or
@@ -123,7 +124,7 @@ void printText(const std::string& file, const InstrumentedScript& script,
 ExitStatus cover(const CoverArguments& arguments, const pac_engine::Options& options) {
   const auto bytes = readChosenScript(arguments.script);
   const auto file = shownName(arguments.script.file);
-  TracedScript script(bytes, arguments.script.file, options);
+  TracedScript script(bytes, arguments.script.file, options, {true, false});
   const auto parser = openParser(bytes, file);
   const auto coverage = coverageOf(script, *parser, file, arguments.asked.urls);
   if (arguments.format == "json") {

@@ -32,8 +32,9 @@ constexpr const char* kPacDiffFooter = R"(Output:
   for the first URL, those of NEW, the number of URLs, and the first of them.
   If no URL is given, the command makes URLs from the hosts, networks and
   patterns in both scripts: at most 2000 from each, and it asks them for at most
-  30 s. A last line reports if there were more. A difference that depends on
-  another URL is then not found. With --json an object: old, new, urls,
+  30 s. A last line reports if there were more. For these URLs no name is looked
+  up and no alert is shown. A difference that depends on a name or on another URL
+  is then not found. With --json an object: old, new, urls,
   different, generated (whether the URLs were made from the scripts), cut
   (whether not all of these were asked) and groups.
 
@@ -107,7 +108,8 @@ using Rule = std::pair<std::size_t, std::string>;
 using Groups = std::map<std::pair<Rule, Rule>, Group>;
 
 std::string shown(const Decision& decision) {
-  return (decision.line == 0 ? "" : "line " + std::to_string(decision.line) + ": ") + decision.text;
+  return (decision.line == 0 ? "" : "line " + std::to_string(decision.line) + ": ") +
+         (decision.text.empty() ? "(empty)" : decision.text);
 }
 
 void printGroups(const Groups& groups, const std::string& summary) {
@@ -141,13 +143,14 @@ Json groupsJson(const Groups& groups) {
 ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& options) {
   const auto oldBytes = readScript(arguments.oldFile);
   const auto newBytes = readScript(arguments.newFile);
-  TracedScript oldScript(oldBytes, arguments.oldFile, options);
-  TracedScript newScript(newBytes, arguments.newFile, options);
+  const bool areMade = arguments.asked.urls.empty() && !arguments.asked.file;
+  const TraceOptions tracing{true, areMade};
+  TracedScript oldScript(oldBytes, arguments.oldFile, options, tracing);
+  TracedScript newScript(newBytes, arguments.newFile, options, tracing);
   std::vector<std::string> urls;
   std::set<std::string> known;
   for (const auto& url : arguments.asked.urls)
     if (known.insert(url).second) urls.push_back(url);
-  const bool areMade = urls.empty() && !arguments.asked.file;
   bool isCut = false;
   if (areMade) {
     isCut = addMade(urls, known, oldBytes, shownName(arguments.oldFile));

@@ -33,7 +33,8 @@ constexpr const char* kPacExplainFooter = R"(Output:
     lookup  a name that the helper looked up, its addresses and the time
     line N  a return, and its value
   Then the result, the return that decided, and the cost: the time of the
-  unchanged script, the calls of helpers, and the names that were looked up.
+  unchanged script; of the instrumented one, which is slower, the calls of
+  helpers, the names that were looked up, and their times.
   With --json one array with an object for each URL: the members of "pac eval
   --json", and steps, decided, cost, different and notes. "different" is null,
   or the answer of the instrumented script if it is another one; then do not
@@ -209,8 +210,8 @@ class TextReport {
     }
     const auto cost = costOf(mAsked.trace);
     mRows.push_back({"cost", shownTime(mAsked.took.count()) +
-                                 "; helpers called: " + std::to_string(cost.calls) + " (" +
-                                 shownTime(cost.callMicroseconds) +
+                                 "; instrumented: helpers called: " + std::to_string(cost.calls) +
+                                 " (" + shownTime(cost.callMicroseconds) +
                                  "), names looked up: " + std::to_string(cost.lookups) + " (" +
                                  shownTime(cost.lookupMicroseconds) + ")"});
     if (mAsked.different)

@@ -18,11 +18,12 @@ namespace client {
 
 namespace {
 
-/// Shows the script's alerts while this object exists. Alerts are the only lines that the library
-/// logs at LOG_DEBUG. All other facts are return values.
+/// Shows the script's alerts while this object exists, if they are to be shown. Alerts are the only
+/// lines that the library logs at LOG_DEBUG. All other facts are return values.
 class AlertsHeard {
  public:
-  AlertsHeard() : mMaskBefore(setlogmask(LOG_MASK(LOG_DEBUG))) {}
+  explicit AlertsHeard(Alerts alerts)
+      : mMaskBefore(setlogmask(alerts == Alerts::kShown ? LOG_MASK(LOG_DEBUG) : 0)) {}
   ~AlertsHeard() { setlogmask(mMaskBefore); }
   AlertsHeard(const AlertsHeard&) = delete;
   AlertsHeard& operator=(const AlertsHeard&) = delete;
@@ -49,7 +50,7 @@ std::vector<ShownEntry> entriesOf(const std::string& result) {
 }
 
 ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
-                        const std::optional<std::string>& givenHost) {
+                        const std::optional<std::string>& givenHost, Alerts alerts) {
   ShownAnswer shown{withoutPassword(url), {}, givenHost.value_or(""), {}, {}, {}};
   const auto asked = canonicalOrGiven(url);
   if (!givenHost) {
@@ -60,7 +61,7 @@ ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
     }
     shown.host = host.get();
   }
-  const AlertsHeard heard;
+  const AlertsHeard heard(alerts);
   const auto reply = engine.evaluate(asked, shown.host);
   if (reply.result) {
     shown.result = *reply.result;
@@ -72,8 +73,8 @@ ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
 }
 
 std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engine::Options options,
-                                               pac_engine::Problem& refused) {
-  const AlertsHeard heard;
+                                               pac_engine::Problem& refused, Alerts alerts) {
+  const AlertsHeard heard(alerts);
   return pac_engine::Engine::load(script, std::move(options), refused);
 }
 

@@ -19,19 +19,23 @@ namespace client {
 inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUsage, kNoInput,
                                                                    kOutput};
 
-/// Loads `script`, the bytes of a PAC file. Its alerts go to standard error and to syslog.
+/// Whether the alerts of a script go to standard error and to syslog, or nowhere.
+enum class Alerts { kShown, kDropped };
+
+/// Loads `script`, the bytes of a PAC file.
 /// @return null if it is refused, with the reason in `refused`
 std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engine::Options options,
-                                               pac_engine::Problem& refused);
+                                               pac_engine::Problem& refused,
+                                               Alerts alerts = Alerts::kShown);
 
 /// The failure that ends a command because its script `file` is refused.
 Failure refusal(const std::string& file, const pac_engine::Problem& problem);
 
 /// Asks the script for the canonical form of `url`, as programs do. The second argument is
-/// `givenHost`, if set, else the host that the daemon finds in that form. Alerts go to standard
-/// error and to syslog.
+/// `givenHost`, if set, else the host that the daemon finds in that form.
 ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
-                        const std::optional<std::string>& givenHost);
+                        const std::optional<std::string>& givenHost,
+                        Alerts alerts = Alerts::kShown);
 
 /// The entries of a script's result. The daemon's own parser decides which of them it drops.
 std::vector<ShownEntry> entriesOf(const std::string& result);

@@ -38,21 +38,48 @@ bool passesOn(const InstrumentedScript& script, std::size_t outer, std::size_t i
 }  // namespace
 
 TracedScript::TracedScript(std::string_view script, const std::string& file,
-                           const pac_engine::Options& options)
-    : mFile(shownName(file)), mOptions(options) {
-  mOptions.role = pac_engine::WorkerRole::kTraces;
-  pac_engine::Problem refused;
-  mPlain = loadScript(script, options, refused);
-  if (!mPlain) throw refusal(file, refused);
-  mScript = instrumented(script, mFile);
+                           const pac_engine::Options& options, TraceOptions tracing)
+    : mSource(script),
+      mFile(file),
+      mOptions(options),
+      mTracing(tracing),
+      mAlerts(tracing.forMadeUrls ? Alerts::kDropped : Alerts::kShown) {
+  loadPlain();
+  mScript = instrumented(script, shownName(file));
   startTracing();
 }
 
-void TracedScript::startTracing() {
+TracedScript::TracedScript(const TracedScript& other, TraceOptions tracing)
+    : mSource(other.mSource),
+      mFile(other.mFile),
+      mOptions(other.mOptions),
+      mTracing(tracing),
+      mAlerts(tracing.forMadeUrls ? Alerts::kDropped : Alerts::kShown),
+      mScript(other.mScript) {
+  loadPlain();
+  startTracing();
+}
+
+TracedScript TracedScript::forMadeUrls() const {
+  return {*this, {mTracing.returnsOnly, true}};
+}
+
+void TracedScript::loadPlain() {
+  auto& names = mOptions.names;
+  // With a list of names, even an empty one, no name server is asked.
+  if (mTracing.forMadeUrls && !names.offline && !names.staticNames) names.staticNames.emplace();
   pac_engine::Problem refused;
-  mTraced = pac_engine::Engine::load(mScript.text, mOptions, refused);
+  mPlain = loadScript(mSource, mOptions, refused, mAlerts);
+  if (!mPlain) throw refusal(mFile, refused);
+}
+
+void TracedScript::startTracing() {
+  auto options = mOptions;
+  options.role = pac_engine::WorkerRole::kTraces;
+  pac_engine::Problem refused;
+  mTraced = pac_engine::Engine::load(mScript.text, std::move(options), refused);
   if (!mTraced) {
-    throw Failure(kRefused, mFile +
+    throw Failure(kRefused, shownName(mFile) +
                                 ": the engine takes the script, but not with the calls that note "
                                 "what it does: " +
                                 pac_engine::describe(refused));
@@ -62,12 +89,12 @@ void TracedScript::startTracing() {
 
 Trace TracedScript::takeTrace() {
   pac_engine::Problem problem;
-  const auto text = mTraced->command("trace", "", problem);
-  if (!text) throw Failure(kRefused, mFile + ": " + pac_engine::describe(problem));
+  const auto text = mTraced->command("trace", mTracing.returnsOnly ? "returns" : "", problem);
+  if (!text) throw Failure(kRefused, shownName(mFile) + ": " + pac_engine::describe(problem));
   try {
     return traceOf(nlohmann::json::parse(*text), mScript.places);
   } catch (const std::exception&) {
-    throw Failure(kInternal, mFile + ": the workbench sent what is no trace");
+    throw Failure(kInternal, shownName(mFile) + ": the workbench sent what is no trace");
   }
 }
 
@@ -94,6 +121,7 @@ std::optional<std::size_t> TracedScript::decidingReturn(const Trace& trace,
     if (!isShownAs(event->value, *answer.result)) break;
     if (decided && !passesOn(mScript, *decided, *event->place)) break;
     decided = event->place;
+    if (event->isAfterOthers) break;
   }
   return decided;
 }
@@ -101,7 +129,7 @@ std::optional<std::size_t> TracedScript::decidingReturn(const Trace& trace,
 TracedAnswer TracedScript::ask(const std::string& url, const std::optional<std::string>& host) {
   TracedAnswer asked;
   const auto begun = Clock::now();
-  asked.answer = evaluateUrl(*mPlain, url, host);
+  asked.answer = evaluateUrl(*mPlain, url, host, mAlerts);
   asked.took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begun);
   if (asked.answer.host.empty() && !host) return asked;  // no question was asked
   // The unchanged script has already shown these alerts.

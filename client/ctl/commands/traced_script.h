@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "client/ctl/commands/answer_json.h"
+#include "client/ctl/commands/script_on_trial.h"
 #include "client/ctl/commands/script_workbench.h"
 #include "client/ctl/commands/workbench_report.h"
 #include "engine/pac_engine.h"
@@ -26,11 +27,22 @@ struct TracedAnswer {
   std::optional<std::size_t> decidedBy;  ///< the return that chose the answer, if it is known
 };
 
+struct TraceOptions {
+  /// Record no event but the values of returns, and count all. The traces of a large script for
+  /// hundreds of URLs would take minutes otherwise.
+  bool returnsOnly = false;
+  /// Nobody asked for the URLs: look no name up, and show no alert.
+  bool forMadeUrls = false;
+};
+
 class TracedScript {
  public:
   /// Throws Failure (kRefused) if the engine or the workbench's parser refuses the script.
-  TracedScript(std::string_view script, const std::string& file,
-               const pac_engine::Options& options);
+  TracedScript(std::string_view script, const std::string& file, const pac_engine::Options& options,
+               TraceOptions tracing = {});
+
+  /// The same script for URLs that nobody asked for.
+  TracedScript forMadeUrls() const;
 
   /// Asks both scripts. If the tracing worker has ended, it is started again. The trace is then
   /// empty and marked as cut.
@@ -41,12 +53,17 @@ class TracedScript {
   const Trace& load() const { return mLoad; }
 
  private:
+  TracedScript(const TracedScript& other, TraceOptions tracing);
+  void loadPlain();
   void startTracing();
   Trace takeTrace();
   std::optional<std::size_t> decidingReturn(const Trace& trace, const ShownAnswer& answer) const;
 
+  std::string mSource;
   std::string mFile;
-  pac_engine::Options mOptions;  ///< options of the tracing worker
+  pac_engine::Options mOptions;
+  TraceOptions mTracing;
+  Alerts mAlerts;
   std::unique_ptr<pac_engine::Engine> mPlain;
   InstrumentedScript mScript;
   std::unique_ptr<pac_engine::Engine> mTraced;

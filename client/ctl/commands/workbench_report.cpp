@@ -133,6 +133,7 @@ Trace traceOf(const Json& report, const std::vector<Place>& places) {
       event.place = wholeNumber(row.at(1));
       event.value = row.at(2).get<std::string>();
       event.truthy = row.at(3).get<bool>();
+      event.isAfterOthers = row.size() > 4 && row.at(4).get<bool>();
       const auto& place = places.at(*event.place);
       if (place.is('h')) placeCall(trace.events, *event.place, place.source);
       if (place.is('k')) event.matches = false;

@@ -76,6 +76,7 @@ struct TracedEvent {
   /// Of the test of a case: whether the case was entered for it. Nothing if the record ends here.
   std::optional<bool> matches;
   std::optional<TracedCall> call;
+  bool isAfterOthers = false;  ///< events right before it are not in the report
 };
 
 /// How often a place was reached, and how often it was true or false.

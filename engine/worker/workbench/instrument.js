@@ -8,7 +8,8 @@
 //   hook(N,(value))   around an expression
 //   hook(N),          before the test of an `else if`, which keeps a chain of them flat for the
 //                     engine's own parser
-//   hook(N,0,K);      at the start of a case; K is the place of its test, -1 for `default`
+//   hook(N,(value),1)  around the value of a return
+//   hook(N,0,0,K);    at the start of a case; K is the place of its test, -1 for `default`
 // The body of a `with` stays unchanged, because the hook's name could mean something else there.
 //
 // Report: { script, names, places, functions, notes, source? }. A place is the array
@@ -74,7 +75,7 @@ class Instrumenter {
     const number = this.place(isHelper ? kind + 'h' : kind, node, context, true);
     this.insert(node.start, `${this.name}(${number},(`);
     this.inside(node, context);
-    this.insert(node.end, '))');
+    this.insert(node.end, kind[0] === 'r' ? '),1)' : '))');
     return number;
   }
 
@@ -84,7 +85,7 @@ class Instrumenter {
     const number = this.place(kind, node, context, true);
     this.insert(node.start, `${this.name}(${number},(`);
     this.operands(node, context);
-    this.insert(node.end, '))');
+    this.insert(node.end, kind[0] === 'r' ? '),1)' : '))');
     return number;
   }
 
@@ -252,7 +253,7 @@ class Instrumenter {
       const tested = entry.test ? this.test('k', entry.test, context) : -1;
       const owner = this.place('c', entry, context, false);
       const first = entry.consequent[0];
-      this.insert(first ? first.start : entry.end, `${this.name}(${owner},0,${tested});`);
+      this.insert(first ? first.start : entry.end, `${this.name}(${owner},0,0,${tested});`);
       this.statements(entry.consequent, { ...context, owner, branch: true });
     }
   }
@@ -262,7 +263,7 @@ class Instrumenter {
       this.returned(node.argument, context);
     } else {
       const number = this.place('r', node, context, true);
-      this.insert(node.start + 'return'.length, ` ${this.name}(${number},(void 0))`);
+      this.insert(node.start + 'return'.length, ` ${this.name}(${number},(void 0),1)`);
     }
   }
 

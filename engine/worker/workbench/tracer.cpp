@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <new>
+#include <utility>
 
 #include "base/utf8.h"
 #include "engine/worker/engine_runtime.h"
@@ -72,8 +73,8 @@ std::string quoted(std::string_view text) {
   return json += '"';
 }
 
-std::int64_t microsecondsSince(Clock::time_point begun) {
-  return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begun).count();
+std::int64_t microsecondsOf(Clock::duration time) {
+  return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
 /// A value in JavaScript syntax. Of an object it shows only the kind. It runs no code of the
@@ -120,21 +121,26 @@ struct Tracer::Hooks {
     JS_ToUint32(context, &place, arguments[0]);
     Tracer& tracer = tracerOf(context);
     auto* const counts = tracer.countsOf(place);
-    if (count != 2) {
+    if (count == 1 || count == 4) {
       if (counts != nullptr) ++counts->reached;
       std::int32_t test = -1;
-      if (count > 2) JS_ToInt32(context, &test, arguments[2]);
+      if (count == 4) JS_ToInt32(context, &test, arguments[3]);
       if (test >= 0) tracer.noteEntry(place, test);
       return JS_UNDEFINED;
     }
     const bool truthy = JS_ToBool(context, arguments[1]) > 0;
     if (counts != nullptr) ++(truthy ? counts->truthy : counts->falsy);
-    if (!tracer.mCut)
+    if (tracer.records(count == 3 ? Detail::kReturns : Detail::kEverything)) {
+      const bool isAfterOthers = std::exchange(tracer.mSkipped, false);
       tracer.noteEvent("[\"v\"," + std::to_string(place) + "," +
-                       quoted(shown(context, arguments[1])) + (truthy ? ",true]" : ",false]"));
+                       quoted(shown(context, arguments[1])) + (truthy ? ",true" : ",false") +
+                       (isAfterOthers ? ",true]" : "]"));
+    } else {
+      tracer.mSkipped = tracer.mDetail == Detail::kReturns;
+    }
     return JS_DupValue(context, arguments[1]);
   } catch (const std::bad_alloc&) {
-    return count != 2 ? JS_UNDEFINED : JS_DupValue(context, arguments[1]);
+    return count == 1 || count == 4 ? JS_UNDEFINED : JS_DupValue(context, arguments[1]);
   }
 
   static JSValue called(JSContext* context, JSValueConst self, int count, JSValueConst* arguments,
@@ -142,7 +148,7 @@ struct Tracer::Hooks {
     Tracer& tracer = tracerOf(context);
     std::string noted;
     try {
-      for (int i = 0; i < count && !tracer.mCut; ++i)
+      for (int i = 0; i < count && tracer.records(Detail::kEverything); ++i)
         noted += (i == 0 ? "" : ",") + quoted(shown(context, arguments[i]));
       tracer.mOpenCalls.emplace_back();
     } catch (const std::bad_alloc&) {
@@ -150,17 +156,18 @@ struct Tracer::Hooks {
     }
     const auto begun = Clock::now();
     JSValue result = JS_Call(context, data[0], self, count, arguments);
-    const auto took = microsecondsSince(begun);
-    if (tracer.mOpenCalls.size() == 1) tracer.noteHelper(Clock::now() - begun);
+    const auto took = Clock::now() - begun;
+    if (tracer.mOpenCalls.size() == 1) tracer.noteHelper(took);
     try {
       const auto lookups = std::move(tracer.mOpenCalls.back().lookups);
       tracer.mOpenCalls.pop_back();
       const bool threw = JS_IsException(result);
-      if (!tracer.mCut)
+      tracer.mSkipped = tracer.mDetail == Detail::kReturns;
+      if (tracer.records(Detail::kEverything))
         tracer.noteEvent("[\"c\"," + std::to_string(tracer.mOpenCalls.size()) + "," +
                          quoted(kHelpers[helper]) + ",[" + noted + "]," +
                          (threw ? "null" : quoted(shown(context, result))) + "," +
-                         std::to_string(took) + ",[" + lookups + "]]");
+                         std::to_string(microsecondsOf(took)) + ",[" + lookups + "]]");
     } catch (const std::bad_alloc&) {
       tracer.mCut = true;
     }
@@ -203,7 +210,8 @@ struct Tracer::Hooks {
   }
 };
 
-Tracer::Tracer(std::string_view script) : mHook(hookName(script)) {}
+Tracer::Tracer(std::string_view script)
+    : mHook(hookName(script)), mDetail(mHook.empty() ? Detail::kNothing : Detail::kEverything) {}
 
 bool Tracer::prepare(EngineRuntime& runtime) {
   JSContext* const context = runtime.context();
@@ -225,7 +233,7 @@ PacEnvironment& Tracer::around(PacEnvironment& device) {
 std::vector<std::string> Tracer::resolve(std::string_view name, AddressFamily family) {
   const auto begun = Clock::now();
   auto addresses = mDevice->resolve(name, family);
-  noteLookup(name, family, addresses, microsecondsSince(begun));
+  noteLookup(name, family, addresses, microsecondsOf(Clock::now() - begun));
   return addresses;
 }
 
@@ -247,7 +255,8 @@ void Tracer::noteEvent(const std::string& json) {
 }
 
 void Tracer::noteEntry(std::uint32_t place, std::int32_t test) {
-  if (!mCut) noteEvent("[\"e\"," + std::to_string(place) + "," + std::to_string(test) + "]");
+  if (records(Detail::kEverything))
+    noteEvent("[\"e\"," + std::to_string(place) + "," + std::to_string(test) + "]");
 }
 
 void Tracer::noteLookup(std::string_view name, AddressFamily family,
@@ -271,11 +280,11 @@ void Tracer::forget() {
   mHelperCalls = 0;
   mHelperTime = {};
   mEvents.clear();
-  mCut = mOwnText = false;
+  mCut = mOwnText = mSkipped = false;
   mAsked.clear();
 }
 
-Reply Tracer::report(std::string_view command, std::string_view /*argument*/) {
+Reply Tracer::report(std::string_view command, std::string_view argument) {
   if (command != "trace") return {std::nullopt, errorOf("there is no such command")};
   std::string json = "{\"counts\":[";
   for (const auto& [place, counts] : mCounts) {
@@ -289,6 +298,7 @@ Reply Tracer::report(std::string_view command, std::string_view /*argument*/) {
           ",\"ownText\":" + (mOwnText ? "true" : "false") + ",\"helpers\":[" +
           std::to_string(mHelperCalls) + "," + std::to_string(mHelperTime.count()) + "]}";
   forget();
+  if (!mHook.empty()) mDetail = argument == "returns" ? Detail::kReturns : Detail::kEverything;
   return {std::move(json), {}};
 }
 
