@@ -8,6 +8,5 @@ function FindProxyForURL(url, host) {
   if (/^(?:25[0-5]|2[0-4]\d|1?\d?\d)(?:\.(?:25[0-5]|2[0-4]\d|1?\d?\d)){3}$/.test(host)) return "DIRECT";
   if (/^(([a-z]{2}\.)|([a-z]{3}\.))+$/.test(host)) return "DIRECT";
   if (/^(a+)+/.test(host) || /^(a|A)+$/.test(url)) return "DIRECT";
-  if (/^((((((){9999}){9999}){9999})?a*)*b{9999})*$/.test(host)) return "DIRECT"; // too large to tell
   return "PROXY proxy.corp.example:8080; DIRECT";
 }

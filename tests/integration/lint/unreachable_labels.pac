@@ -6,7 +6,7 @@ function FindProxyForURL(url, host) {
       if (parts[i] == "corp") { hit = true; break search; }
     }
     switch (parts.length) {
-      case 2: break search;
+      case 7: break search;
     }
     parts.push("x");
   }
