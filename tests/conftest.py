@@ -1,6 +1,6 @@
-"""Fixtures of every Python test: its own root, syslog socket, message bus and daemon.
+"""Fixtures of every Python test: a separate root, syslog socket, message bus and daemon.
 
-A folder's own conftest.py adds what only that folder has.
+The conftest.py of a folder adds fixtures for this folder.
 """
 
 import contextlib

@@ -1,4 +1,5 @@
-"""libproxy.so.1 beside Debian's own: its symbols, the variables that it reads, programs that link it.
+"""Compares libproxy.so.1 with Debian's own: its symbols, the variables that it reads, and
+programs that are linked with it.
 
 Debian's library and its tool are unpacked below the build folder and not installed.
 """
@@ -30,7 +31,7 @@ class Libproxy:
         self.ours = os.path.join(build, "out", "lib", "libproxy.so.1")
 
     def ask(self, library, *urls, prefix=(), **variables):
-        """What the tool prints for each URL with this library and these variables."""
+        """The output of the tool for each URL, with this library and these variables."""
         done = subprocess.run(
             [*prefix, self.tool, *urls], timeout=LIMIT, capture_output=True, text=True,
             env={"LD_LIBRARY_PATH": os.path.dirname(library), "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS,
@@ -74,7 +75,7 @@ def test_symbols_versions_and_file_names_are_those_of_debians_package(libproxy):
 
 
 PROXY = {"http_proxy": "http://p:1"}
-# Pairs of variables and a URL that both libraries answer alike.
+# Pairs of variables and a URL for which both libraries give the same answer.
 ALIKE = [
     ({}, "http://a/"),
     (PROXY, "http://a/"), (PROXY, "https://a/"), (PROXY, "ftp://a/"), (PROXY, "tcp://a:7"),
@@ -125,13 +126,13 @@ def test_the_tool_follows_every_mode(libproxy, client, port80, syslog, daemon):
 
 def test_a_program_that_may_start_no_thread_gets_an_answer(libproxy, client):
     client.update("manual", f"http://{HTTP_PROXY}")
-    # The limit counts the processes of a user, and root has none.
+    # The limit is for the processes of a user; it does not apply to root.
     prefix = ["setpriv", "--reuid=65534", "--clear-groups", "prlimit", "--nproc=1"]
     assert libproxy.ask(libproxy.ours, URL, prefix=prefix) == ["direct://"]
     assert libproxy.ask(libproxy.ours, URL, prefix=prefix[:3]) == [f"http://{HTTP_PROXY}"]
 
 
-# Asks for each URL of standard input on a thread of its own, and prints the answers as they come.
+# Asks for each URL of standard input on a separate thread, and prints each answer when it comes.
 ASKS_AT_ONCE = """
 import ctypes, sys, threading
 library = ctypes.CDLL("libproxy.so.1")

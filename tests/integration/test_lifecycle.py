@@ -79,7 +79,8 @@ def test_killed_it_starts_again(daemon, build, syslog):
 
 
 def shortest_stop(daemons, build, limit, sanitizer, configure):
-    """How long the last daemon takes to end, or another one that is started in its place."""
+    """Measures how long the last daemon takes to end. If it has ended already, another one is
+    started."""
     def start():
         if daemons[-1].process.poll() is not None:
             daemons.append(Daemon(build))
@@ -94,7 +95,8 @@ def shortest_stop(daemons, build, limit, sanitizer, configure):
     return 0 if sanitizer else took
 
 
-# The start was less than two seconds ago: the pause between two announcements is not over.
+# The start was less than two seconds ago, so the daemon is in the pause between two
+# announcements.
 def test_a_configured_idle_daemon_is_gone_within_a_second(daemon, build, sanitizer):
     assert shortest_stop([daemon], build, 1, sanitizer, configure=True) < 1
 
@@ -104,7 +106,7 @@ def test_before_the_first_configuration_it_is_gone_within_a_second_too(daemon, b
 
 
 def blocked_by_thread(pid, signals):
-    """Which of `signals`, a mask, each thread blocks, by its number."""
+    """For each thread, by its id: those of `signals` (a mask) that it blocks."""
     return {thread: int(status["SigBlk"], 16) & signals
             for thread, status in thread_statuses(pid).items()}
 
@@ -112,7 +114,7 @@ def blocked_by_thread(pid, signals):
 def test_the_two_signals_reach_the_main_thread_alone(daemon, client, web):
     client.update("pacurl", pacurl=web.url("/none.pac"))
     handled = 1 << (signal.SIGTERM - 1) | 1 << (signal.SIGHUP - 1)
-    # The main one sleeps, and lets them through while it does; it may be on its way there yet.
+    # The main thread does not block them while it sleeps. It may not sleep yet.
     wait_until(lambda: blocked_by_thread(daemon.pid, handled)[daemon.pid] == 0,
                "the main thread sleeps")
     others = blocked_by_thread(daemon.pid, handled)
@@ -135,7 +137,7 @@ def test_the_supervisor_hears_ready_the_watchdog_and_the_end(build, bus, syslog)
         daemon = Daemon(build, environment={"NOTIFY_SOCKET": "/run/supervisor",
                                             "WATCHDOG_USEC": "60000000"})
         heard("READY=1")
-        daemon.signal(signal.SIGHUP)  # ends the pass of 20 seconds early
+        daemon.signal(signal.SIGHUP)  # ends the sleep of 20 seconds early
         heard("WATCHDOG=1")
         assert daemon.stop() == 0
         heard("STOPPING=1")
@@ -151,7 +153,8 @@ def test_the_packaged_trace_settings_keep_the_urls_of_users_out_of_the_log(build
     web.routes["/p.pac"] = 'function FindProxyForURL(url, host) { alert(url); return "PROXY a:1"; }'
 
     def works(daemon, client):
-        """An update, a download, an evaluation, a cache hit and an end; a script that is missing."""
+        """Uses the daemon: an update, a download, an evaluation, a cache hit, a missing script,
+        and the end."""
         for _ in range(2):
             client.update("pacurl", pacurl=web.url("/p.pac"))
             wait_until(lambda: client.urls("http://a.example/") == ["pacurl", "PROXY a:1"],
@@ -166,10 +169,11 @@ def test_the_packaged_trace_settings_keep_the_urls_of_users_out_of_the_log(build
     with Client() as client:
         works(Daemon(build), client)
         lines = syslog.lines()[before:]
-        early = "initTrace Set trace values at bootup for proxymanager_service"  # before the file
+        early = "initTrace Set trace values at bootup for proxymanager_service"  # before the file is read
         assert all(line.level <= WARNING or line.text == early for line in lines), lines
         assert not [line for line in lines if "secret" in line.text]
-        # The built-in default has them: it is the file that keeps them out.
+        # With the built-in default, the log has these lines, so the file is the reason why they
+        # are missing above.
         trace("")
         works(Daemon(build), client)
         wait_until(lambda: [text for text in syslog.texts() if "token=secret" in text],
@@ -273,7 +277,7 @@ def test_without_the_watched_files_it_says_so_and_works(build, bus, syslog):
 
 
 def test_an_idle_daemon_is_not_woken(daemon, client, sanitizer):
-    """A configured one in mode off: its main thread's passes of 20 seconds are all."""
+    """A configured daemon in mode off wakes only for the main thread's loop of 20 seconds."""
     if sanitizer:
         pytest.skip("the sanitizer's own threads wake up")
     client.update("off")

@@ -1,5 +1,6 @@
-"""What the daemon costs a device on which only the message bus shares libraries with it. The limits
-are the aims of docs/performance.md and a little more, for the kernel maps neighbours of used pages."""
+"""The memory that the daemon needs on a device on which only the message bus shares libraries
+with it. The limits are a little above the aims of docs/performance.md, because the kernel also
+maps neighbours of used pages."""
 
 import time
 
@@ -26,7 +27,8 @@ def measured(bus, daemon, sanitizer):
         pytest.skip("this machine does not show which pages processes share")
 
     def least(*pids):
-        """Bytes; the least of some readings, for pages move while others need memory."""
+        """In bytes: the smallest of some readings, because pages move while other programs need
+        memory."""
         readings = []
         for _ in range(5):
             readings.append(unshared(bus.process.pid, *pids) * 1024)

@@ -1,4 +1,4 @@
-"""Libraries that the daemon maps when it needs them, and not before."""
+"""The daemon maps some libraries only when it needs them."""
 
 import os
 import subprocess
@@ -16,7 +16,7 @@ from support.web import script
 URL = "http://www.example.org/"
 CANDIDATES = "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns candidates size:"
 LOADED = "PacParser-parsePacFile pac init"
-# Of scripts that look names up, of names beyond ASCII, and of mode wpad.
+# For scripts that look up names, for names beyond ASCII, and for mode wpad.
 SELDOM = ("libcares.so.2", "libidn2.so.0", "libpsl.so.5")
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 # Of the fetch process alone; the digest of scripts is linked statically.
@@ -24,14 +24,14 @@ NEVER = ("libcurl.so.4", "libssl.so.3", "libcrypto.so.3")
 
 
 def mapped(daemon, libraries):
-    """Those of `libraries` that the daemon has in its memory."""
+    """The libraries of `libraries` that the daemon has mapped."""
     with open(f"/proc/{daemon.pid}/maps") as maps:
         text = maps.read()
     return [library for library in libraries if f"/{library}" in text]
 
 
 def path_of(library):
-    """Where the loader finds it."""
+    """The path at which the loader finds the library."""
     for line in os.popen("ldconfig -p"):
         if line.split(" ", 1)[0].strip() == library:
             return os.path.realpath(line.rsplit("=> ", 1)[1].strip())
@@ -40,7 +40,8 @@ def path_of(library):
 
 @pytest.fixture
 def hidden_library(root):
-    """Hides a library, but for the programs that have it already. Gives what shows it again."""
+    """Hides a library; programs that have mapped it already keep it. Returns a function that
+    shows it again."""
     def hide(library):
         path = path_of(library)
         with open("/tmp/empty", "w"):

@@ -1,6 +1,6 @@
 """The daemon of docs/examples/own_netservice, whose lease comes from the device's own file.
 
-It is built by the check that another project can add this tree.
+The check AnotherProjectCanAddThisTree builds this daemon.
 """
 
 import os

@@ -1,4 +1,4 @@
-"""Mode pacurl, end to end: a script from a web server answers for the clients."""
+"""Mode pacurl, end to end: the daemon answers clients by a script from a web server."""
 
 import os
 
@@ -16,7 +16,7 @@ def use(client, web, path="/x.pac"):
 
 
 def load(client, web, syslog, text, path="/x.pac"):
-    """Serves `text`, switches to it and waits until an engine is made of it."""
+    """Serves `text` as the script, configures it, and waits until the engine has loaded it."""
     web.routes[path] = text
     before = syslog.count(INFO, "PacParser-parsePacFile pac init")
     use(client, web, path)
@@ -80,7 +80,7 @@ def test_new_content_is_announced_and_answers_change(client, web, syslog, signal
     assert client.urls("http://a/") == ["pacurl", "PROXY old:1"]
     signals.clear()
     load(client, web, syslog, script("PROXY new:1"))
-    signals.wait("notifyClearcache", 2)  # one for the update, one for the content
+    signals.wait("notifyClearcache", 2)  # one for the update, one for the new script
     assert client.urls("http://a/") == ["pacurl", "PROXY new:1"]
 
 
@@ -119,7 +119,8 @@ def test_before_the_first_script_there_is_no_answer(client, web, syslog):
 
 
 def refused(client, web, syslog, route, transfer):
-    """The old script stays in force, the temporary file is gone, and the lines are logged."""
+    """Asserts that the old script stays in force, the temporary file is removed, and the lines
+    are logged."""
     load(client, web, syslog, script("PROXY old:1"))
     with open(PAC) as file:
         before = file.read()

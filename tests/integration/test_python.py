@@ -17,18 +17,18 @@ from support.real_proxies import (DIRECT, HTTP, HTTP_PROXY, PAGE, PASSWORD, PASS
                                   SOCKS_PROXY, USER, RealProxies, by_network, by_script)
 from support.web import script
 
-# All are slow ones: those are left out under sanitizers, whose library Python cannot load.
+# All tests have the mark slow, so that they do not run under sanitizers: Python cannot load a
+# library that is built with them.
 pytestmark = pytest.mark.usefixtures("own_network", "loadable")
 
 LIMIT = 120  # seconds for any run
 PACKAGE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../../client/python"))
 NOBODY = "127.0.0.1:9"
 SECURE_PAGE = f"https://{SITE}/way"
-# A certificate that this test's /etc trusts.
+# A certificate that programs trust in this test's /etc.
 TRUSTED = "/etc/ssl/certs/ca-certificates.crt"
 
-# Fetches each URL of standard input with the library that it is given, and prints the page, or what was
-# raised.
+# Fetches each URL of standard input with the named library, and prints the page or the exception.
 FETCHER = """
 import sys, ssl
 import proxymanager
@@ -87,7 +87,7 @@ def loadable(sanitizer):
 
 
 class Programs:
-    """Python programs that find the package of the tree and the library of the build."""
+    """Runs Python programs that use the package of the tree and the library of the build."""
 
     def __init__(self, build):
         self.variables = {"PYTHONPATH": PACKAGE, "LD_LIBRARY_PATH": os.path.join(build, "out", "lib"),
@@ -96,7 +96,7 @@ class Programs:
         self._running = []
 
     def run(self, text, *arguments, **variables):
-        """What a program prints."""
+        """The output of a program."""
         done = subprocess.run(["/usr/bin/python3", "-c", text, *arguments], timeout=LIMIT, text=True,
                               capture_output=True, env={**self.variables, **variables})
         assert done.returncode == 0 and done.stderr == "", done.stderr
@@ -127,7 +127,7 @@ def programs(build):
 
 
 def fetch(fetchers, url=PAGE):
-    """What each prints for the URL, by library."""
+    """The output of each program for the URL, by HTTP library."""
     for process in fetchers:
         process.stdin.write(f"{url}\n")
         process.stdin.flush()
@@ -135,7 +135,8 @@ def fetch(fetchers, url=PAGE):
 
 
 def follow(fetchers, way, url=PAGE):
-    """Waits until all fetch by a way: the signal of a change reaches each program a moment later."""
+    """Waits until all programs fetch by this way: the signal of a change reaches each program a
+    moment later."""
     wait_until(lambda: fetch(fetchers, url) == dict.fromkeys(LIBRARIES, way), f"all fetch {url} {way}")
 
 
@@ -200,7 +201,7 @@ def test_proxies_are_tried_in_the_order_of_the_answer(programs, proxies, client,
 @pytest.mark.slow
 def test_a_proxy_that_answers_is_the_last_one_tried(programs, proxies, client, port80):
     fetchers = programs.fetchers()
-    # It wants a password, for http and for a tunnel.
+    # This proxy wants a password, for http and for tunnels.
     by_script(client, port80, f"PROXY {PASSWORD_PROXY}; DIRECT")
     for url in (PAGE, SECURE_PAGE):
         assert all("401" in said or "407" in said for said in fetch(fetchers, url).values())
@@ -217,7 +218,7 @@ def test_the_password_of_a_manual_proxy_reaches_it_from_python(programs, proxies
 
 
 class Server(socketserver.ThreadingTCPServer):
-    """A server of this test, from the start to close()."""
+    """A server of this test. It runs until close()."""
     allow_reuse_address = daemon_threads = True
 
     def __init__(self, endpoint, handle):
@@ -255,7 +256,7 @@ def copy_bytes(source, sink):
 
 
 def add_tls(handler):
-    """Passes a connection that uses TLS to the HTTP proxy."""
+    """Accepts a TLS connection and forwards it to the HTTP proxy."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain("/run/site.pem", "/run/site.key")
     host, port = HTTP_PROXY.split(":")
@@ -286,7 +287,7 @@ def test_a_socks_proxy_that_refuses_is_the_last_one_tried(programs, proxies, cli
 
 @pytest.mark.slow
 def test_a_failed_tls_handshake_with_the_server_leads_to_no_other_proxy(programs, proxies, client, port80):
-    hosts(**{SITE: SITE_ADDRESS, "other.example.test": SITE_ADDRESS})  # not a name of its certificate
+    hosts(**{SITE: SITE_ADDRESS, "other.example.test": SITE_ADDRESS})  # the certificate does not have this name
     fetchers = programs.fetchers()
     by_script(client, port80, f"PROXY {HTTP_PROXY}; PROXY {PASSWORD_PROXY}")
     for library, said in fetch(fetchers, "https://other.example.test/way").items():

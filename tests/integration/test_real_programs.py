@@ -1,7 +1,7 @@
-"""curl, wget and git as Debian has them, told by proxymanagerctl, through real proxies.
+"""Debian's curl, wget and git use the answers of proxymanagerctl, through real proxies.
 
-A program is started with proxy variables that lead nowhere, so that it only gets through where they
-are replaced, or removed, as the daemon says.
+Each program starts with proxy variables that name no real proxy. So it reaches the server only if
+the variables are replaced or removed as the daemon's answer requires.
 """
 
 import os
@@ -20,10 +20,10 @@ NOWHERE = "http://127.0.0.1:9"  # nobody listens
 LEFT_OVER = {**{name: NOWHERE for name in ("http_proxy", "https_proxy", "all_proxy", "HTTP_PROXY",
                                            "HTTPS_PROXY", "ALL_PROXY")},
              "no_proxy": "", "NO_PROXY": ""}
-# How a program is told.
+# The ways to give the answer to a program.
 EXEC = 'proxymanagerctl exec "$URL" -- {}'
 ENV = 'vars=$(proxymanagerctl get --format env "$URL") && eval "$vars" && {}'
-# What fetches $URL, and prints it. A repository's page is a file of it.
+# Commands that fetch $URL and print it. From a repository, they print a file.
 CURL = 'curl -sS --fail --max-time 60 "$URL"'
 CURL_TOLD = ('proxy=$(proxymanagerctl get --format curl "$URL") && '
              'curl -sS --fail --max-time 60 -x "$proxy" "$URL"')
@@ -33,13 +33,13 @@ REPOSITORY = f"http://{SITE}/way.git"
 
 
 class Shell:
-    """Runs a line of a shell where proxymanagerctl is a command."""
+    """Runs a line of a shell, in which proxymanagerctl is a command."""
 
     def __init__(self, build):
         self._ctl = Ctl(os.path.join(build, "out", "bin", "proxymanagerctl"), ADDRESS)
 
     def __call__(self, line, url):
-        """Its status, what it printed, and what it complained of."""
+        """The status, the output and the error text."""
         path = f"{os.path.dirname(self._ctl.path)}:/usr/bin:/bin"
         variables = self._ctl.variables({"PATH": path, "HOME": "/run", "URL": url, **LEFT_OVER})
         done = subprocess.run(["sh", "-c", line], env=variables, capture_output=True, text=True,
@@ -48,7 +48,7 @@ class Shell:
         return done.returncode, done.stdout, done.stderr
 
     def ways(self, page=PAGE, repository=REPOSITORY, programs=(CURL, WGET, GIT)):
-        """The ways that the programs take, told in each of the ways there are."""
+        """The ways that the requests of the programs take, for each way to give the answer."""
         lines = [told.format(program) for program in programs for told in (EXEC, ENV)]
         if CURL in programs:
             lines.append(CURL_TOLD)
@@ -75,7 +75,7 @@ def test_without_a_proxy_programs_fetch_directly(shell, client):
 def test_a_manual_proxy_is_what_programs_fetch_through(shell, client):
     client.update("manual", f"http://{HTTP_PROXY}")
     assert shell.ways() == {HTTP}
-    # By a tunnel.
+    # These requests use a tunnel.
     assert shell.ways(f"https://{SITE}/way", f"https://{SITE}/way.git") == {HTTP}
 
 
@@ -87,7 +87,7 @@ def test_the_password_of_a_manual_proxy_reaches_it(shell, client):
     client.update("manual", f"http://{PASSWORD_PROXY}", auth=True, user=USER, password=PASSWORD)
     line = EXEC.format(CURL)
     assert shell(line, PAGE)[:2] == (0, PASSWORD_HTTP)
-    # Without the option nobody is authenticated.
+    # Without the option, no password is sent.
     assert "407" in shell(CURL_TOLD.replace("-sS", "-sS -v"), PAGE)[2]
     assert shell(CURL_TOLD.replace("--format curl", "--format curl --with-password"), PAGE)[:2] == (
         0, PASSWORD_HTTP)

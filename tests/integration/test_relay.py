@@ -96,10 +96,12 @@ def test_a_failed_proxy_at_each_position_is_passed_over_and_the_next_request_doe
         relay, origin, daemon, client, web):
     relay.configure('connect-time = "2s"\n')
     relay.start()
-    # The GET must not reach the bad one. The silent one closes then: silence would have no limit.
+    # The GET must not reach the bad proxy. The silent proxy closes the connection here, because
+    # the relay would wait for it too long.
     kinds = (DeadProxy, lambda: Proxy("silent", ""), lambda: Proxy("", ""),
              lambda: Proxy("reset", "reset"), lambda: Proxy("220 smtp\r\n\r\n", "220 smtp\r\n\r\n"))
-    # All keep their ports to the end: the relay would try a good proxy last at the port of a failed one.
+    # All keep their ports until the end. Otherwise a good proxy could get the port of a failed
+    # one, and the relay would try it last.
     with contextlib.ExitStack() as stack:
         for make, position in itertools.product(kinds, (0, 1)):
             good, bad, other = (stack.enter_context(contextlib.closing(one()))
@@ -409,7 +411,7 @@ def test_the_page_shows_where_the_script_is_from_and_its_age(
 
 
 def describe_age(line):
-    """The same with a script of 2001."""
+    """The same with an old script, of 2001."""
     return re.sub("script of [^;]*;", "script of 2001-01-01T00:00:00Z;", line)
 
 

@@ -1,4 +1,4 @@
-"""Failures that must stay with the request, the user or the destination that has them."""
+"""A failure must affect only the request, the user or the destination that causes it."""
 
 import contextlib
 import json
@@ -62,9 +62,9 @@ def test_a_proxy_that_answers_nothing_for_one_destination_stays_first_for_others
         assert ask("dead.example") == 200 and len(second.heads) == 1
         assert penalties(relay) == []
         assert ask(HOST) == 200 and (len(first.heads), len(second.heads)) == (2, 1)
-        # The same destination does not pay again.
+        # The next request for the same destination does not wait again.
         assert ask("dead.example") == 200 and (len(first.heads), len(second.heads)) == (2, 2)
-        # It has answered for another destination since.
+        # Since then, the proxy has answered for another destination.
         assert ask("dead2.example") == 200 and penalties(relay) == []
 
 
@@ -142,7 +142,8 @@ def test_a_server_that_ends_during_a_body_has_answered_or_failed(relay, bus, ear
 
 @pytest.fixture
 def tls(own_network):
-    """The server's side of a certificate for PROXY_HOST that this test's /etc trusts."""
+    """The TLS context of a server with a certificate for PROXY_HOST, which programs trust in this
+    test's /etc."""
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                     "ec_paramgen_curve:prime256v1", "-nodes", "-days", "30", "-subj",
                     f"/CN={PROXY_HOST}", "-addext", f"subjectAltName=DNS:{PROXY_HOST}", "-keyout",
@@ -156,7 +157,7 @@ def tls(own_network):
 
 
 def send_until_it_stands_still(connection, data):
-    """@return the rest. A pause of the machine ends this early, which harms no test."""
+    """@return the rest. If the machine pauses, this may end early, but the tests still pass."""
     connection.setblocking(False)
     while data and select.select([], [connection], [], 0.5)[1]:
         data = data[connection.send(data):]
@@ -286,7 +287,8 @@ def test_a_lookup_that_had_no_turn_is_no_fault_of_the_proxy(relay, origin, daemo
 # --- Clients that send much ---
 
 def test_many_requests_that_were_sent_ahead_delay_no_other_connection(relay, own_network, bus):
-    """Both connections have requests when the relay goes on. The last request of the many is counted."""
+    """Both connections have waiting requests when the relay continues. The last of the many
+    requests is malformed, so a counter shows when it was served."""
     many = b"GET /none HTTP/1.1\r\nHost: localhost\r\n\r\n" * 300 + b"broken\r\n\r\n"
     relay.start()
     with relay.connect() as busy, relay.connect() as other:

@@ -1,4 +1,4 @@
-"""The relay's limits, at the limit and one past it, and slow clients."""
+"""The limits of the relay (the largest allowed value, and one more), and slow clients."""
 
 import contextlib
 import os
@@ -77,7 +77,7 @@ def test_the_daemon_has_32_questions_at_most_equal_ones_are_one_and_users_have_t
         daemon.wait(32)
         wait_until(lambda: metric(relay, "questions_waiting") == 28, "the others wait")
         assert metric(relay, "questions_asked") == 32 == len(daemon.asked)
-        ask(1002, "192.0.2.59")  # is already in the queue of the first user, at its end
+        ask(1002, "192.0.2.59")  # already in the first user's queue, at its end
         ask(1002, "192.0.2.101")
         ask(1003, "192.0.2.102")
         ask(1002, "192.0.2.103")
@@ -85,7 +85,8 @@ def test_the_daemon_has_32_questions_at_most_equal_ones_are_one_and_users_have_t
         came = [daemon.answer_one() for _ in range(6)]
         assert sorted(daemon.asked) == sorted(set(daemon.asked)), "no question came twice"
     numbers = [int(re.search(r"192\.0\.2\.(\d+)", url)[1]) for url in came]
-    # The first user's questions are 0 to 59; the two others come in between.
+    # The first user has the questions 0 to 59. The questions of the two others are asked between
+    # them.
     assert [number if number >= 59 else 0 for number in numbers] == [59, 102, 0, 101, 0, 103]
 
 
@@ -119,7 +120,7 @@ def test_a_user_may_have_1024_connections_and_all_users_4096(relay, own_network,
         held = []
         for number in range(OF_ALL // OF_USER):
             user = 2001 + number
-            # Fewer connections at once than the kernel's backlog.
+            # There are fewer connections at once than the kernel's backlog allows.
             for _ in range(4):
                 held += hold(relay, stack, user, OF_USER // 4)
                 assert is_served(held[-1]), "what came before it is accepted"

@@ -23,8 +23,8 @@ FRAMINGS = ((f"Content-Length: {len(BODY)}\r\n", BODY), ("Transfer-Encoding: chu
 
 
 class BodyProxy(Server):
-    """An HTTP proxy that takes requests with a body. `answer(head)` is sent right after the head;
-    if it is final, the proxy reads no body."""
+    """An HTTP proxy that accepts requests with a body. It sends `answer(head)` immediately after
+    the head. If this answer is final, the proxy reads no body."""
 
     def __init__(self, answer):
         self.heads, self.bodies, self.answer = [], [], answer
@@ -59,7 +59,8 @@ def running(relay):
 
 
 def once_of_five(attempt):
-    """A body waits one second for the proxy. A busy machine may be late once, but hardly five times."""
+    """A body waits one second for the proxy. The test has five tries, because a busy machine may
+    be late."""
     for _ in range(4):
         with contextlib.suppress(AssertionError):
             return attempt()
@@ -141,7 +142,8 @@ def test_a_password_that_is_refused_sends_a_body_to_the_next_proxy(
 
 
 def test_passwords_are_for_the_users_and_groups_that_may_have_them(relay, origin, daemon, client):
-    """The list has nobody by name and games by its group. It does not have man."""
+    """The list contains the user nobody, and the group of the user games. It does not contain the
+    user man."""
     def wants(head):
         return None if BASIC in head else WANTS_BASIC.replace("Connection: close\r\n", "")
 

@@ -1,5 +1,6 @@
-"""Debian's curl, wget and git with the relay as their one fixed proxy, through tinyproxy and microsocks
-in each mode. Squid, haproxy, package managers and browsers are tests of their own: ./test.sh --relay.
+"""Debian's curl, wget and git with the relay as their one fixed proxy, through tinyproxy and
+microsocks in each mode. ./test.sh --relay tests with Squid, haproxy, package managers and
+browsers.
 """
 
 import subprocess
@@ -22,7 +23,8 @@ REPOSITORY = f"http://{SITE}/way.git"
 
 
 def run(*command, proxy="http://127.0.0.1:3128"):
-    """Runs a program with the variables that name the relay. @return its status, output and errors"""
+    """Runs a program with the variables that name the relay. @return its status, output and error
+    text"""
     variables = {"PATH": "/usr/bin:/bin", "HOME": "/run", "http_proxy": proxy, "https_proxy": proxy}
     done = subprocess.run(command, env=variables, capture_output=True, text=True,
                           stdin=subprocess.DEVNULL, timeout=LIMIT)

@@ -1,4 +1,5 @@
-"""What the daemon prints when a person starts it, and what it limits in itself, whatever starts it."""
+"""The output of the daemon when a person starts it, and the limits that it sets for itself under
+every starter."""
 
 import os
 import pty
@@ -31,7 +32,7 @@ def on_a_terminal(daemon, *arguments):
     try:
         while piece := os.read(master, 4096):
             text += piece
-    except OSError:  # a terminal without a program
+    except OSError:  # no program has the terminal open any more
         pass
     os.close(master)
     return text.decode(), status
@@ -91,7 +92,7 @@ def test_the_script_is_for_all_to_read_whatever_mask_the_supervisor_has(bus, bui
 
 
 def private_memory(pid):
-    """Bytes that are the process's alone."""
+    """The private memory of the process in bytes."""
     with open(f"/proc/{pid}/smaps_rollup") as rollup:
         return 1024 * sum(int(line.split()[1]) for line in rollup if line.startswith("Private_"))
 

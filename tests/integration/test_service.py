@@ -1,4 +1,4 @@
-"""Configuration, announcements and answers, as clients see them."""
+"""Configuration, announcements and answers, from the view of clients."""
 
 import time
 
@@ -79,7 +79,8 @@ def test_the_signal_carries_the_values_as_given(client, signals):
 
 
 def test_an_update_clears_then_tells_then_replies(daemon, client):
-    """All three travel over one connection, so their order is the order of arrival."""
+    """All three messages use one connection, so they arrive in the order in which they were
+    sent."""
     from jeepney import DBusAddress, HeaderFields, MatchRule, MessageType, message_bus
     from jeepney import new_method_call
     from jeepney.io.blocking import Proxy
@@ -132,7 +133,7 @@ def test_the_lines_of_an_update_come_in_order(client, syslog, web):
 
 
 def test_clients_are_told_before_the_new_url_is_stored(client, syslog):
-    """Seen by the line that an empty URL makes when it is stored."""
+    """The test sees this by the log line that appears when an empty URL is stored."""
     client.update("pacurl", pacurl="")
     syslog.expect_in_order(
         (NOTICE, f"{UPDATE} notify clear cache new mode:2, pre mode:0"),

@@ -1,4 +1,5 @@
-"""proxymanager-settings: the administrator's files and network managers, handed to a real daemon."""
+"""proxymanager-settings: configures a real daemon from the administrator's files and from network
+managers."""
 
 import os
 import subprocess
@@ -34,7 +35,7 @@ def wait_for(client, *wanted):
 
 
 def handed_over(syslog, times):
-    """Waits until the service has handed a configuration over so many times."""
+    """Waits until the service has handed over a configuration this number of times."""
     wait_until(lambda: updates(syslog) >= times, f"{times} hand-overs")
 
 
@@ -99,8 +100,9 @@ def test_what_another_program_sets_stays_until_the_source_changes(settings, daem
     before = updates(syslog)
 
     def stays():
-        """Whether it is still there after all that the service has begun."""
-        settings.state()  # the service answers this after the daemon's answers to its earlier questions
+        """Whether the configuration is still in force after the service has finished all its
+        calls."""
+        settings.state()  # it answers this after its earlier questions were answered
         return client.config()[1] == "http://other.example:9" and updates(syslog) == before
     # A file of another program, and one that sets the same once more.
     write_settings("# nothing\n", "settings.d/90-other.conf.txt")
@@ -126,7 +128,7 @@ def test_a_start_with_a_bad_file_leaves_the_daemons_configuration(settings, daem
     write_settings("nonsense\n")
     settings.start()
     wait_until(lambda: settings.state()["daemon"], "the daemon is there")
-    settings.state()  # the service answers this after the daemon's answers to its earlier questions
+    settings.state()  # it answers this after its earlier questions were answered
     assert client.config()[:2] == ("manual", "http://a.example:1")
     syslog.wait_match(ERR, r"settings: the files are used in part, and only for a daemon in mode off")
     settings.hang_up()
@@ -145,13 +147,13 @@ def test_a_boot_with_a_bad_line_uses_the_valid_lines(settings, build, syslog):
         daemon = Daemon(build)
         with Client() as client:
             wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
-            # What it has handed over itself, it also replaces.
+            # The service replaces a configuration that it has handed over itself.
             write_settings('mode = "manual"\nproxy-url = "http://b.example:2"\n')
             wait_for(client, "manual", "http://b.example:2", "", "n", "", "")
             write_settings('mode = "manual"\nproxy-url = "http://a.example:1"\n')
             wait_for(client, "manual", "http://a.example:1", "", "n", "", "")
         daemon.kill()
-    # A mode that lacks its URL is no valid setting.
+    # A mode without its URL is not a valid setting.
     write_settings('mode = "manual"\nprxy-url = "x"\n')
     wait_until(lambda: settings.state()["holder"] == "fallback", "no file sets a mode")
 
@@ -188,7 +190,8 @@ def test_a_script_that_was_not_there_is_asked_for_again(settings, daemon, client
     settings.start()
     web.wait("/proxy.pac")
     web.routes["/proxy.pac"] = script("PROXY late.example:1")
-    # The network changes, as when a link comes up: the next try comes a second later.
+    # The network changes, for example because a link comes up. Then the next try is a second
+    # later.
     link("dummy0", 100)
     wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY late.example:1"],
                "the script answers")
@@ -202,7 +205,8 @@ def test_a_script_that_has_arrived_is_not_asked_for_again(settings, daemon, clie
                "the script answers")
     before = updates(syslog)
     link("dummy0", 100)
-    # It looks at the script after a second, instead of after ten; then it has nothing more to wait for.
+    # The service looks at the script after a second instead of ten. After that, it waits for
+    # nothing more.
     wait_until(lambda: settings.next_timer() is None, "it has looked")
     assert updates(syslog) == before
 

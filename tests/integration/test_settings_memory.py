@@ -1,5 +1,5 @@
-"""What the settings service costs a device on which only the message bus and the daemon share
-libraries with it."""
+"""The memory that the settings service needs on a device on which only the message bus and the
+daemon share libraries with it."""
 
 import time
 
@@ -25,7 +25,8 @@ def settings(build, own_network, syslog, bus, sanitizer):
 @pytest.fixture
 def measured(bus, daemon, settings):
     def least():
-        """The least of some readings in bytes, because pages move while others need memory."""
+        """The smallest of some readings in bytes, because pages move while other programs need
+        memory."""
         readings = []
         for _ in range(5):
             others = (daemon.pid, *daemon.children())

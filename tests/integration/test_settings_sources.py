@@ -1,4 +1,5 @@
-"""proxymanager-settings: what makes it configure the daemon again, and what it does without systemd."""
+"""proxymanager-settings: the events after which it configures the daemon again, and its behaviour
+without systemd."""
 
 import os
 import shutil
@@ -49,7 +50,7 @@ def test_a_network_manager_that_runs_may_push_before_something_else_is_handed_ov
     link("eth", 100)
 
     def keeps():
-        """Whether the configuration of before a restart of the service was never replaced."""
+        """Whether the configuration from before a restart of the service was never replaced."""
         client.update(mode="manual", proxyurl="http://eth.example:1")
         before = len(syslog.texts())
         settings.start()
@@ -60,9 +61,9 @@ def test_a_network_manager_that_runs_may_push_before_something_else_is_handed_ov
         settings.stop()
         manager.close()
         return not any(text.startswith("settings: mode off") for text in syslog.texts()[before:])
-    # A busy machine may need longer for the push than the service waits.
+    # On a busy machine, the push may come after the service has stopped waiting.
     assert any(keeps() for _ in range(5))
-    # The wait ends, also if nothing is pushed.
+    # The wait also ends if nothing is pushed.
     settings.start()
     wait_for(client, *OFF)
     connman.close()
@@ -116,7 +117,8 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
     settings.start()
 
     def is_asked(times):
-        """Whether the file caused the question: after one by the clock the next pause is longer."""
+        """Whether the change of the file caused the question. After a question by the timer, the
+        next pause is longer."""
         web.wait("/p.pac", times)
         wait_until(lambda: 5 < (settings.next_timer() or 0) <= 30.3, "the next pause")
         return settings.next_timer() <= 10.3
@@ -124,7 +126,8 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
     with open(RESOLVER, "a") as file:
         file.write("nameserver 127.0.0.1\n")
     assert is_asked(2)
-    # Resolver services put a link in its place; from then on the link's target is looked at.
+    # Resolver services replace the file by a link. From then on, the service watches the target
+    # of the link.
     with open("/run/resolver.one", "w"):
         pass
     os.symlink("/run/resolver.one", RESOLVER + ".new")
@@ -133,7 +136,7 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
     with open("/run/resolver.one", "a") as file:
         file.write("nameserver 127.0.0.2\n")
     assert is_asked(4)
-    # At boot, the link can be there before its target.
+    # At boot, the link may exist before its target.
     os.symlink("/run/resolver.later/stub", RESOLVER + ".new")
     os.rename(RESOLVER + ".new", RESOLVER)
     assert is_asked(5)
@@ -143,7 +146,7 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
 
 def test_a_changed_password_file_or_credential_is_followed(build, own_network, syslog, bus, daemon,
                                                             client):
-    password = write_settings("first\n", "/run/proxy/password", 0o640)  # not beside the settings
+    password = write_settings("first\n", "/run/proxy/password", 0o640)  # not in the folder of the settings
     credentials = "/run/proxy/credentials"
     os.mkdir(credentials, 0o700)
     settings = SettingsService(build, environment={"CREDENTIALS_DIRECTORY": credentials}).start()
@@ -170,7 +173,7 @@ def test_settings_whose_folder_goes_away_and_comes_back_are_followed(settings, d
     wait_until(lambda: settings.next_timer() is None, "nothing is left to do")
     write_settings(MANUAL.replace("a.example", "b.example"), "settings.d/1.conf")
     wait_for(client, "manual", "http://b.example:1", "", "n", "", "")
-    # A configuration tool replaces all at once.
+    # A configuration tool replaces all files at once.
     write_settings(MANUAL.replace("a.example", "c.example"), "/etc/new/settings.conf")
     os.rename(FOLDER, "/etc/older")
     os.rename("/etc/new", FOLDER)
@@ -207,7 +210,7 @@ def test_without_systemd_root_binds_the_port_and_the_service_is_another_user(set
         assert "Uid:\t65534\t65534\t65534\t65534\n" in file.read()
 
     def rival():
-        """What the same user gets who wants the port."""
+        """The result of the same user who tries to bind the port."""
         return subprocess.run([sys.executable, "-c", "import socket; socket.create_server(('127.0.0.1', 850))"],
                               user="nobody", extra_groups=[], capture_output=True, text=True, cwd="/",
                               stdin=subprocess.DEVNULL, timeout=LIMIT)
@@ -216,7 +219,7 @@ def test_without_systemd_root_binds_the_port_and_the_service_is_another_user(set
     settings.process.wait(LIMIT)
     assert "PermissionError" in rival().stderr
     with socket.create_server(("127.0.0.1", 850)):
-        pass  # it is free, for root
+        pass  # root can bind it, so it is free
     settings.start()
     link("eth", 100)
     manager = NetworkManager()

@@ -1,5 +1,5 @@
-"""proxymanager-settings when things go wrong: a late network, a daemon that refuses, no memory, hostile
-senders. Each message of its log stands here once."""
+"""proxymanager-settings in trouble: a late network, a daemon that refuses, no memory, hostile
+senders. Each message of its log is asserted here once."""
 
 import json
 import os
@@ -55,13 +55,13 @@ def test_a_script_answers_soon_after_a_network_that_comes_twenty_seconds_late(se
     settings.start()
     daemon = Daemon(build)
     with Client() as client:
-        time.sleep(NETWORK_TIME)  # what is measured: no retry may be due by chance
+        time.sleep(NETWORK_TIME)  # a fixed time, so that no retry is due by chance
         assert client.urls("http://h.example/") == ["pacurl"]
         network_comes_up()
         begin = time.monotonic()
         wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY late.example:1"],
                    "the script answers")
-        # The next retry by the clock would come ten seconds later.
+        # By the timer, the next retry would come ten seconds later.
         assert time.monotonic() - begin < ANSWER_TIME
     daemon.close()
 
@@ -83,7 +83,7 @@ def test_a_hand_over_that_fails_is_repeated_with_growing_pauses(settings, syslog
     daemon = StandIn({"updateProxyconfig": [error, error, error, ("i", (0,))], "getProxyconfig": error})
     settings.start()
     begin = time.monotonic()
-    # The daemon's text is shown without its control characters.
+    # The log has the daemon's text without control characters.
     for pause in (1, 2, 4):
         syslog.wait_match(WARNING, rf"settings: the hand-over failed, next in {pause} s: why\\x1b\[2J")
     assert settings.state()["problem"] == r"why\x1b[2J"
@@ -176,7 +176,7 @@ def test_a_script_is_served_again_after_the_kernel_gave_no_connection(settings, 
                                    r"Too many open files")
         wait_until(lambda: sum("no connection for a script" in text for text in syslog.texts()) >= 2,
                    "the next try")
-        assert time.monotonic() - begin > 0.9  # a pause, no loop
+        assert time.monotonic() - begin > 0.9  # there was a pause
         subprocess.run(["prlimit", f"--pid={pid}", "--nofile=1024:1024"], check=True)
     manager = NetworkManager()
     manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
@@ -255,7 +255,7 @@ def test_senders_that_die_in_the_middle_leave_nothing(settings, daemon, client):
 
 
 def test_at_most_eight_questions_of_one_caller_wait(settings):
-    # It never answers a question, so that all wait.
+    # The daemon never answers a question, so all questions wait.
     daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": HOLD,
                       "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
     settings.start()
@@ -267,7 +267,8 @@ def test_at_most_eight_questions_of_one_caller_wait(settings):
     # "DIRECT" would be a wrong answer.
     with pytest.raises(Refused, match="too many questions wait"):
         manager.find("http://h.example/")
-    # What waits does not keep others from pushing, and is answered when the daemon is gone.
+    # Waiting questions do not prevent others from pushing. They are answered when the daemon
+    # ends.
     other = NetworkManager()
     assert other.create(Method="direct") == "/org/pacrunner/configuration0"
     daemon.close()
@@ -290,7 +291,7 @@ def test_a_user_with_sixty_four_waiting_questions_leaves_room_for_others(setting
     other = NetworkManager()
     other.ask("http://h.example/")
     wait_until(lambda: daemon.count("getProxyurl") == 2, "two are at the daemon")
-    # What was answered no longer counts.
+    # Answered questions do not count any more.
     daemon.close()
     for manager, count in (*((manager, 8) for manager in managers[:8]), (other, 1)):
         assert [reply.body[0] for reply in manager.replies(count)] == ["DIRECT"] * count
@@ -300,7 +301,7 @@ def test_a_user_with_sixty_four_waiting_questions_leaves_room_for_others(setting
     wait_until(lambda: settings.state()["daemon"], "the daemon is there again")
     managers[8].find("http://h.example/")
     assert daemon.count("getProxyurl") == 1
-    # No call may start the daemon: its administrator has stopped it.
+    # No call may start the daemon, because the administrator has stopped it.
     assert all(flags & MessageFlag.no_auto_start for _, flags in daemon.calls)
     daemon.close()
     for manager in (*managers, other):
@@ -308,7 +309,7 @@ def test_a_user_with_sixty_four_waiting_questions_leaves_room_for_others(setting
 
 
 def test_one_users_questions_delay_neither_a_change_nor_another_user(settings, daemon, client, web):
-    """Each of them takes two seconds: the name server does not answer."""
+    """Each question takes two seconds, because the name server does not answer."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
         silent.bind(("127.0.0.1", 53))
         with open("/etc/resolv.conf", "w") as file:
@@ -329,7 +330,7 @@ def test_one_users_questions_delay_neither_a_change_nor_another_user(settings, d
         write_settings(MANUAL)
         wait_until(lambda: client.config()[0] == "manual", "the change is handed over")
         answers = [reply.body[0] for caller in callers for reply in caller.replies(8)]
-        # The change came before most of them.
+        # The change came before most of the questions.
         assert answers.count("PROXY script.example:1") < 16
         assert answers.count("PROXY a.example:1") > 48
         for caller in (*callers, other):
@@ -368,7 +369,7 @@ def test_callers_that_only_ask_cost_no_match_of_the_bus(settings, bus):
     managers = [NetworkManager() for _ in range(20)]
     assert [manager.find("http://h.example/") for manager in managers] == ["DIRECT"] * 20
     assert matches() == before
-    # A connection that pushes is watched.
+    # The service watches a connection that pushes.
     managers[0].create(Method="direct")
     wait_until(lambda: matches() > before, "the sender is watched")
     for manager in managers:
@@ -388,7 +389,7 @@ def test_at_most_sixteen_questions_for_the_state_wait_for_one_answer_of_the_daem
     refused, = caller.replies(1)
     assert refused.header.fields[HeaderFields.error_name] == "org.freedesktop.DBus.Error.LimitsExceeded"
     other = NetworkManager()
-    other.find("http://h.example/")  # the daemon has seen all that came before this
+    other.find("http://h.example/")  # the service has handled everything that came before this
     assert daemon.count("getProxyconfig") == before + 1
     daemon.close()
     assert [json.loads(reply.body[0])["daemon_has"] for reply in caller.replies(16)] == [None] * 16
@@ -415,7 +416,8 @@ def test_a_folder_that_changes_without_a_pause_is_read_all_the_same(settings, da
 
 
 def test_nobody_but_root_looks_into_the_service(build, own_network, syslog, bus):
-    """The kernel gives the files of a process that may hold a password to root."""
+    """The process may contain a password, so the kernel makes root the owner of its files in
+    /proc."""
     os.mkdir("/run/scripts")
     os.chown("/run/scripts", 65534, 65534)
     service = SettingsService(build)

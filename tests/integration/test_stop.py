@@ -1,4 +1,4 @@
-"""The end of the daemon under load."""
+"""The daemon ends under load."""
 
 import itertools
 import threading
@@ -15,7 +15,8 @@ ANSWERS = (["pacurl"], ["pacurl", "PROXY p:1"], ["wpad"], ["wpad", "PROXY p:1"],
 
 
 def stop_under_load(build, web, times):
-    """Stops `times` daemons that clients are asking; answers are a service's, or those of none."""
+    """Stops `times` daemons while clients ask. Each answer must be that of a running service, or
+    the default answer."""
     web.routes["/x.pac"] = script("PROXY p:1")
     wrong = []
     for _ in range(times):
@@ -80,7 +81,7 @@ def test_a_download_in_flight_is_waited_for(daemon, client, web, syslog):
     stopped = threading.Thread(target=lambda: daemon.stop())
     stopped.start()
     syslog.wait(INFO, "PACFetcher-stop called")
-    # Meanwhile the bus is answered as by a handler without a service.
+    # Meanwhile, calls get the default answers of a handler without a service.
     assert client.urls("http://a/") == ["off"]
     assert client.config() == ("off", "", "", "", "", "")
     assert client.update("off") == -1

@@ -1,4 +1,4 @@
-"""What callers get from a daemon that ends."""
+"""The answers that callers get from a daemon that ends."""
 
 import signal
 import socket
@@ -16,13 +16,13 @@ UPDATE = ("sssbss", ("manual", "p:1", "", False, "", ""))
 
 
 def send(connection, member, signature=None, body=()):
-    """Sends a call and does not wait for its answer."""
+    """Sends a call without waiting for its answer."""
     address = DBusAddress(PATH, bus_name=NAME, interface=INTERFACE)
     connection.send(new_method_call(address, member, signature, body))
 
 
 def answers(connection, count):
-    """Those that are no signals: (kind, body)."""
+    """The messages except signals: (kind, body)."""
     found = []
     while len(found) < count:
         message = connection.receive(timeout=LIMIT)
@@ -32,8 +32,8 @@ def answers(connection, count):
 
 
 def test_no_update_is_executed_after_the_line_of_the_stop(daemon, syslog):
-    """The calls lie in the daemon's socket while it stands still, and the signal comes before it
-    goes on."""
+    """The daemon is stopped. Calls wait in its socket, and SIGTERM comes before the daemon
+    continues."""
     with Client() as client:
         client.update("off")
     with open_dbus_connection(ADDRESS) as connection:
@@ -48,7 +48,7 @@ def test_no_update_is_executed_after_the_line_of_the_stop(daemon, syslog):
     lines = syslog.texts()
     stop = lines.index("ProxyManagerServiceImpl-stop called ")
     later = [line for line in lines[stop:] if line.startswith("ProxyManagerServiceImpl-updateProxy")]
-    # The one that was in progress may log its second line after the line of the stop.
+    # The call that was in progress may log its second line after the line of the stop.
     assert [line for line in later if "mode:manual" in line] == []
     executed = sum("updateProxyConfig mode:manual" in line for line in lines)
     assert results == [(MessageType.method_return, (0,))] * executed + \
@@ -56,7 +56,7 @@ def test_no_update_is_executed_after_the_line_of_the_stop(daemon, syslog):
 
 
 def test_every_call_that_reached_the_daemon_gets_an_answer(daemon, client):
-    """200 calls of four connections, sent while the daemon ends."""
+    """Four connections send 200 calls while the daemon ends."""
     connections = [open_dbus_connection(ADDRESS) for _ in range(4)]
     daemon.signal(signal.SIGSTOP)
     for connection in connections:
@@ -73,7 +73,7 @@ def test_every_call_that_reached_the_daemon_gets_an_answer(daemon, client):
 
 
 def test_the_watchdog_is_fed_while_the_stop_waits(build, bus, syslog, web):
-    """A supervisor that kills a daemon from which it hears nothing for 60 s."""
+    """A supervisor that kills the daemon if it gets no message from it for 60 s."""
     make_watched_files()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as supervisor:
         supervisor.bind("/run/supervisor")

@@ -1,4 +1,4 @@
-"""Which files are watched: those that were there at the start, for as long as they are there."""
+"""The daemon watches the files that exist at its start, as long as they exist."""
 
 import os
 import re
@@ -42,7 +42,7 @@ def test_a_file_that_another_replaced_is_not_watched_any_more(daemon, syslog):
     syslog.wait_match(INFO, r"PACFetcher-wait_for_changes fd:\d+, interval:1800")
     write(LEASE + ".new")
     os.rename(LEASE + ".new", LEASE)
-    replaced = 2 * EVENT  # the old file's last link and its watch have gone
+    replaced = 2 * EVENT  # events: the old file has lost its last link, and its watch has ended
     wait_until(lambda: bytes_read(syslog) >= replaced, "the change of names is read")
     write(LEASE)
     append_and_settle(RESOLVER, "\n", syslog)

@@ -1,4 +1,4 @@
-"""Who the script's worker and the fetch process are if their starter is a root of few privileges."""
+"""The users of the worker and of the fetch process if root starts them with few capabilities."""
 
 import contextlib
 import os
@@ -10,7 +10,7 @@ from support.daemon import Daemon, lives, make_watched_files
 from support.web import Held, script
 
 
-QUESTIONS = 12  # of 5 s each, which is how long the worker lives
+QUESTIONS = 12  # each takes 5 s, so the worker lives for this time
 
 
 def children(pid):
@@ -24,13 +24,14 @@ def field(pid, name):
 
 
 def without_capabilities(names):
-    """A wrapper. The bounding set limits the capabilities that root gets at the start of a program."""
+    """A wrapper command. The bounding set limits the capabilities that root gets when a program
+    starts."""
     return ["setpriv", "--bounding-set", f"-{names}", "--inh-caps", f"-{names}"]
 
 
 @contextlib.contextmanager
 def asking(build, *wrapper):
-    """The worker of a client that asks a script without end."""
+    """The worker of a client that asks an endless script."""
     client = subprocess.Popen(
         [*wrapper, os.path.join(build, "out/bin/proxymanagerctl"), "pac", "eval", "/run/loop.pac",
          *["http://a.example/"] * QUESTIONS], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -51,7 +52,7 @@ def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
     with open("/run/loop.pac", "w") as file:
         file.write("function FindProxyForURL() { for (;;); }\n")
     with asking(build, *without_capabilities(without)) as worker:
-        if not sanitizer:  # whose workers have no system call filter
+        if not sanitizer:  # in sanitizer builds, workers have no system call filter
             wait_until(lambda: field(worker, "Seccomp") == ["2"], "its walls stand")
         wait_until(lambda: "0" not in field(worker, "Uid"), "it is not root")
         assert field(worker, "NoNewPrivs") == ["1"]
@@ -64,8 +65,8 @@ def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
 def test_the_worker_of_root_is_nobody_whoever_has_an_account(build):
     if os.geteuid() != 0:
         pytest.skip("needs a root that becomes another")
-    # The group of the users who may configure has this name, and many systems make a group with the same
-    # name as an account.
+    # The group of the users who may configure the daemon has this name. Many systems make a group
+    # with the same name for each account.
     with open("/etc/passwd") as file:
         others = [line for line in file if not line.startswith("proxymanager:")]
     with open("/etc/passwd", "w") as file:
@@ -92,7 +93,7 @@ def test_the_fetch_process_is_nobody_and_its_script_is_used_without_cap_kill(bui
         (fetch,) = daemon.children()
         assert field(fetch, "Uid") == ["65534"] * 4
         assert int(field(fetch, "CapEff")[0], 16) == int(field(fetch, "CapPrm")[0], 16) == 0
-        if not sanitizer:  # whose fetch processes have no system call filter
+        if not sanitizer:  # in sanitizer builds, fetch processes have no system call filter
             assert field(fetch, "Seccomp") == ["2"]
         held.release()
         wait_until(lambda: client.urls("http://a/") == ["pacurl", "PROXY x:1"], "the script answers")

@@ -1,6 +1,6 @@
 """Mode wpad: the lease's URL, then the names of the search domain.
 
-The names resolve through /etc/hosts, the server listens on port 80 of this test's own network.
+The names resolve through /etc/hosts. The server listens on port 80 of this test's network.
 """
 
 import os
