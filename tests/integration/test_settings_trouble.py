@@ -389,7 +389,7 @@ def test_at_most_sixteen_questions_for_the_state_wait_for_one_answer_of_the_daem
     refused, = caller.replies(1)
     assert refused.header.fields[HeaderFields.error_name] == "org.freedesktop.DBus.Error.LimitsExceeded"
     other = NetworkManager()
-    other.find("http://h.example/")  # the service has handled everything that came before this
+    other.find("http://h.example/")  # after this, the daemon has received all earlier calls
     assert daemon.count("getProxyconfig") == before + 1
     daemon.close()
     assert [json.loads(reply.body[0])["daemon_has"] for reply in caller.replies(16)] == [None] * 16
