@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Measures the daemon: whole answers on a bus beside an echo service, and its parts.
+# Measures the daemon: whole answers on a bus, compared with an echo service, and parts of answers.
 set -euo pipefail
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
@@ -107,7 +107,8 @@ step "Whole answers"
 PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/whole_answers.py" "--build=$build" \
   "--json=$json/whole_answers.json" "${whole[@]}"
 step "Whole answers, all programs on one processor"
-# On one processor, no program runs in parallel and none is moved, so the time shows all the work.
+# On one processor, no program runs in parallel or moves to another processor, so the time shows all
+# the work.
 PYTHONDONTWRITEBYTECODE=1 taskset --cpu-list 0 /usr/bin/python3 \
   "$top/bench/whole/whole_answers.py" "--build=$build" --only cases \
   "--json=$json/whole_answers_one_cpu.json" "${whole[@]}"

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds the daemon and shows it at work: a bus, a web server with a PAC script, four questions.
+# Builds the daemon, starts it with a private bus and a web server with a PAC script, and asks it
+# four questions.
 set -euo pipefail
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
@@ -184,7 +185,8 @@ start_web_server() {
   done
   fail "the web server did not start"
 }
-# Whether the process is the one that listens on the port: it has what /proc/net/tcp lists there.
+# Whether this process listens on the port: it must have the socket that /proc/net/tcp lists for the
+# port.
 listens() {
   local inode
   inode=$(awk -v port="$(printf ':%04X' "$port")" '$4 == "0A" && $2 ~ port "$" { print $10 }' /proc/net/tcp)
@@ -209,13 +211,13 @@ configure() {
   echo "Waiting until the script is fetched and loaded"
   until_true "The script" "$daemon" script_is_loaded
 }
-# Before that an answer contains only the mode.
+# Before the script is loaded, an answer contains only the mode.
 script_is_loaded() { [ "$(ask http://ready.example/ | wc -l)" -gt 1 ]; }
 
-# The texts of the answer, one a line: the mode, then what to try, in order.
+# Prints the texts of the answer, one in each line: the mode, then the entries in their order.
 ask() { service_call getProxyurl "string:$1" | sed -n 's/^ *string "\(.*\)"$/\1/p'; }
 
-# question URL EXPECTED...: asks, prints, and counts a wrong answer.
+# question URL EXPECTED...: asks the daemon, prints the answer, and counts it if it is wrong.
 wrong=0
 question() {
   local url=$1 answer

@@ -1,5 +1,5 @@
-"""The settings service with the NetworkManager and the ConnMan that Debian ships, in a clean system that
-runs: two links with a DHCP server each. The tests build on each other, in this order."""
+"""The settings service with Debian's NetworkManager and ConnMan, in a clean, running system with
+two links, each with a DHCP server. Each test continues from the state of the test before it."""
 
 import json
 import os
@@ -15,7 +15,7 @@ BUS = "unix:path=/run/dbus/system_bus_socket"
 DAEMON = "proxymanagerd.service"
 UNIT = "proxymanager-settings.service"
 TRIES = 5
-# How often the service is killed; the mode for more is ./test.sh --settings-kills.
+# How often the service is killed. ./test.sh --settings-kills does this more often.
 KILLS = int(os.environ.get("PROXYMANAGER_SETTINGS_KILLS", "5"))
 OFF = ("off", "", "")
 
@@ -29,12 +29,12 @@ class Caller(Client):
 
 
 class Fed(Managed):
-    """A system whose settings service is fed by network managers."""
+    """A system in which network managers push to the settings service."""
 
     def __enter__(self):
         super().__enter__()
         self.install_packages()
-        # The tests kill it more often than any fault does.
+        # systemd must start the service again, although the tests kill it often.
         for unit, lines in ((UNIT, "[Unit]\nStartLimitIntervalSec=0\n[Service]\nRestartSec=50ms\n"),
                             ("NetworkManager.service", "[Unit]\nStartLimitIntervalSec=0\n")):
             folder = self.root / f"etc/systemd/system/{unit}.d"
@@ -59,8 +59,9 @@ class Fed(Managed):
         self.wait(lambda: self.has() == wanted, f"{what}: {wanted}, not {self.has()}\n{self.journal()}")
 
     def proxy(self, network, *settings):
-        """Another proxy in a connection's profile, handed on as an administrator does it. "nmcli
-        device reapply" is not enough: this release of NetworkManager then pushes the old settings."""
+        """Sets another proxy in a connection's profile, and activates it like an administrator.
+        "nmcli device reapply" is not enough: this release of NetworkManager then pushes the old
+        settings."""
         self.nmcli("connection", "modify", network, *settings)
         self.nmcli("connection", "up", network)
 
@@ -68,7 +69,7 @@ class Fed(Managed):
         return json.loads(self.run("proxymanagerctl", "settings", "--json").stdout)
 
     def is_back(self):
-        """Waits until the service has handed over what it wants."""
+        """Waits until the service has handed over its configuration."""
         self.wait(lambda: '"handed_over_at": 1' in
                   self.run("proxymanagerctl", "settings", "--json", check=False).stdout, "it is back")
 
@@ -85,7 +86,7 @@ def eth0(fed):
 
 
 def url(network, number=0):
-    """Where nobody listens: the daemon takes the configuration all the same."""
+    """A URL at which nobody listens. The daemon still accepts the configuration."""
     return f"http://127.0.0.1:9/{network}{number}.pac"
 
 
@@ -101,7 +102,7 @@ def fed(built):
 
 @pytest.fixture(autouse=True)
 def said(fed):
-    """What the services logged, for a test that fails."""
+    """The log of the services, for the report of a failed test."""
     yield
     print(fed.run("journalctl", "--no-pager", "-n", "60", "-u", "proxymanager*", "-u", "NetworkManager",
                   "-u", "connman", check=False).stdout)
@@ -110,7 +111,7 @@ def said(fed):
 def test_profiles_without_a_proxy_turn_nothing_on(fed):
     for network in NETWORKS:
         fed.nmcli("connection", "up", network)
-    # NetworkManager has told of both.
+    # NetworkManager has pushed both configurations.
     fed.wait(lambda: {entry["interface"] for entry in fed.knows()["networks"]} >= {"eth0", "eth1"},
              "both are pushed")
     assert all(entry["direct"] for entry in fed.knows()["networks"])
@@ -131,7 +132,7 @@ def test_a_profiles_script_url_is_followed_within_two_seconds(fed):
 
 
 def test_a_profiles_script_answers_and_goes_with_its_default_route(fed):
-    # As a VPN does it: a second default route, with a lower metric.
+    # Like a VPN: a second default route with a lower metric.
     fed.interface("tunnel0")
     fed.nmcli("connection", "add", "type", "ethernet", "con-name", "tunnel", "ifname", "tunnel0",
               "autoconnect", "no", "ipv6.method", "disabled", "ipv4.method", "manual",
@@ -149,7 +150,7 @@ def test_what_a_reapply_pushes_is_what_is_shown(fed):
     fed.nmcli("connection", "modify", "office", "proxy.pac-url", url("office"))
     before = eth0(fed)
     fed.nmcli("device", "reapply", "eth0")
-    # The same once more, or the profile's new URL from a NetworkManager that hands it on.
+    # This is the same URL, or the new URL of the profile if NetworkManager pushes it.
     fed.wait(lambda: len(eth0(fed)) == 1 and (eth0(fed) == before or
                                               eth0(fed)[0]["pac_url"] == url("office")), "one of both")
 
@@ -157,7 +158,7 @@ def test_what_a_reapply_pushes_is_what_is_shown(fed):
 def test_a_url_goes_before_a_script_and_one_of_the_lease_does_too(fed):
     fed.proxy("office", "proxy.pac-url", url("office"), "proxy.pac-script", script("pushed.example"))
     fed.follows(("pacurl", "", url("office")), "the profile's URL")
-    # Without a URL in the profile that of option 252 counts, which beats the script.
+    # If the profile has no URL, the URL of option 252 is used. It has priority over the script.
     fed.proxy("office", "proxy.pac-url", "")
     fed.follows(("pacurl", "", "http://office.example/proxy.pac"), "the lease's URL")
 
@@ -166,7 +167,7 @@ def test_the_default_route_decides_also_if_a_link_or_a_tunnel_comes_and_goes(fed
     fed.proxy("office", "proxy.pac-url", url("office"), "proxy.pac-script", "")
     fed.proxy("home", "proxy.method", "auto", "proxy.pac-url", url("home"))
     fed.follows(("pacurl", "", url("office")), "the lower metric")
-    # NetworkManager waits some seconds before it takes a carrier for gone.
+    # NetworkManager waits some seconds before it treats a carrier as lost.
     fed.cable("office", "down")
     fed.follows(("pacurl", "", url("home")), "the other link")
     fed.cable("office", "up")
@@ -188,7 +189,7 @@ def test_the_default_route_decides_also_if_a_link_or_a_tunnel_comes_and_goes(fed
 
 
 def test_a_network_manager_that_is_killed_leaves_nothing_and_feeds_again(fed):
-    # Systemd is not to start it before it was seen to be gone.
+    # systemd must not start it before the test has seen its end.
     fed.run("systemctl", "mask", "--runtime", "NetworkManager")
     fed.kill("NetworkManager")
     fed.follows(OFF, "nobody feeds it")
@@ -205,7 +206,7 @@ def test_a_restart_of_the_service_never_gives_the_daemon_something_else(fed):
     fed.is_back()
     assert fed.has() == ("pacurl", "", url("office", 1))
     log = fed.run("journalctl", "--no-pager", "-u", UNIT, f"--since={since}").stdout
-    log = log.rpartition(" Stopped ")[2]  # the journal knows whole seconds alone
+    log = log.rpartition(" Stopped ")[2]  # the journal's times are in whole seconds
     assert "mode pacurl" in log and "mode off" not in log, log
 
 
@@ -223,7 +224,7 @@ def test_the_service_killed_at_any_moment_ends_with_the_right_source(fed):
         else:
             saved.unlink(missing_ok=True)
             wanted = ("pacurl", "", url("office", 100 + number - 2))
-        time.sleep(moments.uniform(0, 0.4))  # the moment
+        time.sleep(moments.uniform(0, 0.4))  # a random moment
         fed.kill(UNIT)
         fed.follows(wanted, f"kill {number}")
         assert fed.run("systemctl", "is-failed", UNIT, check=False).stdout.strip() != "failed"

@@ -1,4 +1,5 @@
-"""The settings service in a clean system that runs. The tests build on each other, in this order."""
+"""The settings service in a clean, running system. Each test continues from the state of the test
+before it."""
 
 import collections
 import errno
@@ -24,7 +25,7 @@ OFF = ("off", "", "", "n", "", "")
 
 
 class Caller(Client):
-    """What an account does on the bus."""
+    """The calls of an account on the bus."""
 
     def __init__(self):
         super().__init__(BUS)
@@ -55,7 +56,7 @@ class Caller(Client):
 
 
 class Rival:
-    """Tries without a pause to listen where the service serves scripts."""
+    """Tries without a pause to listen at the port at which the service serves scripts."""
 
     def __init__(self):
         self.results = collections.Counter()
@@ -162,7 +163,8 @@ def test_what_is_saved_survives_what_a_device_does_in_its_life(machine):
 
 
 def configured(machine):
-    """The daemon gets what was saved, after whatever has just happened to the bus or to it."""
+    """Asserts that the daemon gets the saved configuration, after an event on the bus or in the
+    daemon."""
     def holds():
         shown = machine.run("proxymanagerctl", "config", "--json", "--show-password", check=False)
         return shown.returncode == 0 and all(
@@ -180,7 +182,8 @@ def test_the_password_is_in_nothing_that_others_read(machine):
     limits = machine.run("cat", f"/proc/{machine.show(UNIT, 'MainPID')}/limits").stdout
     assert "Max core file size        0                    0 " in limits
     assert PASSWORD not in machine.run("journalctl", "--no-pager").stdout
-    # What a stranger can read anywhere; grep's status 1 is "nowhere", 2 that it may not read something.
+    # Looks for the text in all files that another user can read. grep ends with 1 if it finds
+    # nothing, and with 2 if it may not read a file.
     found = machine.run("setpriv", "--reuid=stranger", "--regid=stranger", "--clear-groups", "grep",
                         "--recursive", "--files-with-matches", "--devices=skip", PASSWORD, "/etc",
                         "/run", "/tmp", "/var", check=False)
@@ -214,7 +217,8 @@ def test_an_idle_service_has_little_memory_of_its_own_and_never_wakes(machine):
         return sum(map(int, found))
 
     def sleeps():
-        """Whether nothing woke it for three seconds: its own timers would."""
+        """Whether nothing woke the service for three seconds. If it had timers, they would wake
+        it."""
         before = switches()
         time.sleep(3)
         return switches() == before
@@ -256,12 +260,13 @@ def test_no_rival_takes_the_script_port_while_the_service_is_killed_and_restarte
         machine.wait(lambda: pid() not in ("0", before), "it is started again")
         machine.run("systemctl", "restart", UNIT)
         machine.run("systemctl", "stop", UNIT)
-        machine.run("systemctl", "reset-failed", UNIT)  # systemd counts the starts
+        machine.run("systemctl", "reset-failed", UNIT)  # systemd limits the number of starts
         machine.run("systemctl", "start", UNIT)
-        # The port is below 1024, and for those who may use such a port it is never free.
+        # The port is below 1024, so ordinary users cannot bind it. For users who may bind such
+        # ports, it is never free.
         assert set(stranger.call("end")) == {"EACCES"}
         assert set(root.call("seen")) == {"EADDRINUSE"}
-        # Without the socket that stays open, the rival succeeds.
+        # Without the open socket of the unit, the other program succeeds.
         machine.run("systemctl", "stop", UNIT, SOCKET)
         machine.wait(lambda: "taken" in root.call("seen"), "the rival takes a free port")
         root.call("end")
