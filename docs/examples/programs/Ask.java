@@ -1,4 +1,4 @@
-// Fetches URLs, each by the proxies that the proxy manager names for it, in their order.
+// Fetches URLs, each through the daemon's proxies for this URL, in their order.
 import java.io.IOException;
 import java.net.*;
 import java.util.*;
@@ -10,7 +10,7 @@ public class Ask extends ProxySelector {
     private static final Pattern ENTRY = Pattern.compile(
         "(?:(PROXY|SOCKS) |(http|socks[45ah]*)://)?(?:.*@)?(\\[.*\\]|[^:/\\[\\]]+)(?::(\\d{1,5}))?/?");
 
-    // Java calls it for each connection, also after a redirect.
+    // Java calls this function for each connection, also after a redirect.
     @Override
     public List<Proxy> select(URI uri) {
         String answer = "";
@@ -20,12 +20,12 @@ public class Ask extends ProxySelector {
             String output = new String(process.getInputStream().readAllBytes()).trim();
             if (process.waitFor() == 0) answer = output;
         } catch (IOException | InterruptedException failure) {
-            // No proxymanagerctl, or the thread is to end: as without a daemon.
+            // No proxymanagerctl, or the thread must end: treated as if there were no daemon.
         }
         if (answer.isEmpty()) return List.of(Proxy.NO_PROXY);
         List<Proxy> proxies = new ArrayList<>();
         for (String entry : answer.split("; *")) add(proxies, entry);
-        // Java reports it as an IOException, and does not connect.
+        // Java reports this exception as an IOException, and does not connect.
         if (proxies.isEmpty()) throw new IllegalArgumentException("Java can use no proxy of the answer");
         return proxies;
     }
@@ -43,7 +43,7 @@ public class Ask extends ProxySelector {
         }
     }
 
-    // Java has gone on to the next one by itself.
+    // Nothing to do: Java itself continues with the next proxy.
     @Override
     public void connectFailed(URI uri, SocketAddress address, IOException failure) {}
 

@@ -1,4 +1,4 @@
-// Fetches URLs, each by the proxy that the proxy manager names for it. It needs github.com/godbus/dbus.
+// Fetches URLs, each through the daemon's proxy for this URL. It needs github.com/godbus/dbus.
 package main
 
 import (
@@ -17,12 +17,12 @@ import (
 
 const limit = 10 * time.Second // of a question
 
-// proxyOf is for http.Transport, which calls it for each request, also after a redirect.
+// proxyOf is a function for http.Transport, which calls it for each request, also after a redirect.
 func proxyOf(request *http.Request) (*url.URL, error) {
 	if isHere(request.URL.Hostname()) {
 		return nil, nil
 	}
-	bus, err := dbus.SystemBus() // one connection, kept
+	bus, err := dbus.SystemBus() // one connection for the whole process
 	if err != nil {
 		return http.ProxyFromEnvironment(request)
 	}
@@ -32,21 +32,21 @@ func proxyOf(request *http.Request) (*url.URL, error) {
 	}
 	waits, end := context.WithTimeout(request.Context(), limit)
 	defer end()
-	var answer []string // the mode, then what to try
+	var answer []string // the mode, then the entries
 	service := bus.Object("com.zentu.ProxyManagerService", "/com/zentu/ProxyManagerService")
 	err = service.CallWithContext(waits, "com.zentu.ProxyManagerServiceInterface.getProxyurl", 0,
 		asked.String()).Store(&answer)
 	if err != nil || len(answer) < 2 || answer[0] == "off" {
 		return http.ProxyFromEnvironment(request)
 	}
-	switch kind, host, _ := strings.Cut(answer[1], " "); kind { // Go tries no second one
+	switch kind, host, _ := strings.Cut(answer[1], " "); kind { // Go tries only one proxy
 	case "DIRECT", "":
 		return nil, nil
 	case "PROXY":
 		return proxyAt("http://" + host)
 	case "SOCKS":
 		return proxyAt("socks5://" + host)
-	default: // of mode manual
+	default: // mode manual
 		return proxyAt(answer[1])
 	}
 }

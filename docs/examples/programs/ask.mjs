@@ -1,4 +1,4 @@
-// Fetches URLs, each by the proxy that the proxy manager names for it.
+// Fetches URLs, each through the daemon's proxy for this URL.
 import { execFile } from "node:child_process";
 import http from "node:http";
 import https from "node:https";
@@ -7,7 +7,7 @@ import { promisify } from "node:util";
 
 const run = promisify(execFile);
 
-// The proxy's URL, or null for a direct connection. "curl" is the form with one URL, the first that works.
+// The proxy's URL, or null for a direct connection. The format "curl" has one URL: the first usable entry.
 async function proxyOf(url) {
   try {
     const { stdout } = await run("proxymanagerctl", ["get", "--format", "curl", url]);

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Runs a command once for each URL, with the proxy that the proxy manager names for that URL.
+# Runs a command once for each URL, with the daemon's proxy for this URL.
 # usage: each_url COMMAND [OPTION...] URL...
 #        each_url COMMAND [OPTION...] -- URL...   if an option has a URL, too
 #
@@ -12,7 +12,7 @@ set -u
 urls_follow=no
 for word; do [ "$word" != -- ] || urls_follow=yes; done
 
-# Each word is looked at once: options go to the end of the list, URLs to the end of the runs.
+# This loop takes each word once. It appends options to the arguments again, and URLs to $urls.
 count=$# is_url=no urls=
 newline='
 '

@@ -1,4 +1,4 @@
-// Fetches URLs with undici, which fetch of Node is made of, through the relay.
+// Fetches URLs through the relay with undici, the package behind Node's own fetch.
 const { fetch, ProxyAgent, setGlobalDispatcher } = require("undici");
 
 setGlobalDispatcher(new ProxyAgent("http://127.0.0.1:3128"));

@@ -1,7 +1,7 @@
 // getdhcpinfo for a device with several uplinks.
 //
-// Its network service keeps the leases of all of them in one file, the best first, each a line of
-// interface, state and the URL of option 252, "-" for none:
+// Its network service keeps the leases of all uplinks in one file, the best uplink first. Each line
+// has the interface, the state and the URL of option 252 ("-" if there is none):
 //
 //   wan0 down http://wpad.office.example/proxy.pac
 //   wwan0 up -
@@ -18,7 +18,7 @@
 namespace {
 
 constexpr char kUplinks[] = "/run/uplinks/leases";
-// Dozens of uplinks; a file past this is something else.
+// Enough for dozens of uplinks. A larger file is not a list of leases.
 constexpr std::size_t kUplinksLimit = std::size_t{64} * 1024;
 
 std::string scriptUrl(const std::string& leases) {
@@ -36,7 +36,7 @@ std::string scriptUrl(const std::string& leases) {
 int getdhcpinfo(DhcpInfo* info) {
   *info = {};
   const auto [leases, failure] = base::readFile(kUplinks, {.mostBytes = kUplinksLimit});
-  // No uplink yet: no lease, which is no error.
+  // No uplink yet, so there is no lease. This is not an error.
   if (failure.problem == base::FileProblem::missing) return 0;
   if (failure) {
     logLine(LOG_ERR, "netservice: %s not read: %s", kUplinks, std::strerror(failure.error));
