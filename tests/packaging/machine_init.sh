@@ -24,6 +24,7 @@ ln -s /proc/self/fd dev/fd
 ip link set lo up
 mkdir -p .outside
 pivot_root . .outside
-# The outer system is not visible any more. This tells systemd that it runs in a container.
-exec chroot . /bin/sh -c 'umount -l /.outside && rmdir /.outside &&
+# The outer system is not visible any more. This tells systemd that it runs in a container. systemd then
+# leaves the propagation of mounts as it is; credentials of units need it as after a boot.
+exec chroot . /bin/sh -c 'umount -l /.outside && rmdir /.outside && mount --make-rshared / &&
   exec env -i container=test PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd'
