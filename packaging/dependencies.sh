@@ -8,20 +8,20 @@ usage() {
 usage: packaging/dependencies.sh [--no-tests] [--package] [--cross] [--browsers]
                                  [--reproducible] [--list | --list-libraries | --check]
 
-Installs the packages that this tree is built and tested with and that are missing; says nothing
-and takes no time where none is.
+Installs the missing packages that are needed to build and test this tree. If none is missing, it
+prints nothing and takes no time.
 
-  --no-tests  leave out what only the tests need
-  --package   take in what only the Debian package's own build needs
-  --cross     take in what only building for another architecture needs
-  --browsers  take in the browsers that only ./test.sh --browsers needs
+  --no-tests  leave out packages that only the tests need
+  --package   add packages that only the build of the Debian packages needs
+  --cross     add packages that only a cross build needs
+  --browsers  add the browsers that only ./test.sh --browsers needs
   --reproducible
-              take in what only ./test.sh --reproducible needs
-  --list      print what is needed, one dependency a line, and install nothing
+              add packages that only ./test.sh --reproducible needs
+  --list      print the needed packages, one dependency in each line, and install nothing
   --list-libraries
-              of these, print the headers and libraries alone: what another architecture needs of
-              its own
-  --check     print what is missing and install nothing; status 1 where something is
+              of these, print only those with headers and libraries, which a cross build needs for
+              the other architecture
+  --check     print the missing packages and install nothing; status 1 if a package is missing
 EOF
 }
 

@@ -68,11 +68,11 @@ complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from pac; and not __fish_seen_subcommand_from $trials" -a diff -d 'Show where two scripts differ'
 complete -c proxymanagerctl -n "__fish_seen_subcommand_from $trials" -F
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval explain' -l host -x -d 'Second argument of the script'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l at -x -d 'What the script takes for now'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l at -x -d 'The present time for the script'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l tz -x -d 'Time zone'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l resolve -x -d 'Addresses of a name'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l my-ip -x -d 'Own addresses'
-complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l offline -d 'Look nothing up'
+complete -c proxymanagerctl -n '__fish_seen_subcommand_from eval check test bench explain cover diff' -l offline -d 'Look up no names'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from test' -l format -x -a 'text tap junit' -d 'Of the report'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from bench' -l repeat -x -d 'How often each URL is asked'
 complete -c proxymanagerctl -n '__fish_seen_subcommand_from lint' -l format -x -a 'text json sarif' -d 'Of the report'

@@ -19,7 +19,7 @@ LOADED = "PacParser-parsePacFile pac init"
 # For scripts that look up names, for names beyond ASCII, and for mode wpad.
 SELDOM = ("libcares.so.2", "libidn2.so.0", "libpsl.so.5")
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
-# Of the fetch process alone; the digest of scripts is linked statically.
+# Only the fetch process uses these libraries; the digest of scripts is linked statically.
 NEVER = ("libcurl.so.4", "libssl.so.3", "libcrypto.so.3")
 
 
