@@ -487,6 +487,16 @@ def test_the_relays_page_is_a_list_of_urls(ctl):
     assert [url["url"] for url in report["urls"]] == ["https://relay.test/", "http://[::1]:8080/"]
 
 
+def test_a_log_without_a_url_is_named(ctl):
+    path = write("s.pac", COVERED)
+    write("log", "Nov 21 10:00:00 a proxymanager-relay[7]: relay: serves 3 users\n")
+    for name, file in (("/tmp/log", "/tmp/log"), ("standard input", "-")):
+        result = ctl("pac", "cover", path, "-f", file)
+        assert (result.status, result.output) == (USAGE, "")
+        assert f"{name} has no URL" in result.errors
+    assert "URL is required" in ctl("pac", "cover", path).errors
+
+
 def test_a_log_has_a_longest_length(ctl):
     path = write("s.pac", COVERED)
     line = b"http://a.example/\n"

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <utility>
 
+#include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/url_list.h"
 
 namespace client {
@@ -103,7 +104,10 @@ void addFurtherUrls(const CLI::App& command, UrlArguments& arguments,
 }
 
 void requireUrls(const UrlArguments& arguments) {
-  if (arguments.urls.empty()) throw CLI::RequiredError("URL");
+  if (!arguments.urls.empty()) return;
+  if (!arguments.file) throw CLI::RequiredError("URL");
+  const auto name = *arguments.file == "-" ? "standard input" : shownName(*arguments.file);
+  throw CLI::ValidationError("--file", name + " has no URL");
 }
 
 }  // namespace client

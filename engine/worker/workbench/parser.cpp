@@ -25,6 +25,7 @@ void Parser::load(std::string_view script) {
   for (const auto& [name, text] : kWorkbenchScripts) {
     const Value value(context,
                       JS_Eval(context, text.data(), text.size(), name.data(), JS_EVAL_TYPE_GLOBAL));
+    if (mRuntime->timeIsUp()) refuse(mChannel, slowness());
     if (value.isException())
       refuse(mChannel, std::string(name) + ": " + takeException(context).message);
   }
@@ -46,6 +47,11 @@ void Parser::serveForEver() {
   }
 }
 
+std::string Parser::slowness() const {
+  return "parsing it takes longer than the time limit of " + std::to_string(mTimeLimit.count()) +
+         " ms";
+}
+
 /// Calls a global function of our own scripts with two texts. @return the text that the function
 /// returns
 Reply Parser::run(const char* function, std::string_view first, std::string_view second) {
@@ -59,9 +65,7 @@ Reply Parser::run(const char* function, std::string_view first, std::string_view
   const Value result(context, JS_Call(context, called.get(), JS_UNDEFINED, 2, arguments));
   Problem problem;
   if (result.isException()) problem = takeException(context);
-  if (mRuntime->timeIsUp())
-    return {std::nullopt, errorOf("parsing it takes longer than the time limit of " +
-                                  std::to_string(mTimeLimit.count()) + " ms")};
+  if (mRuntime->timeIsUp()) return {std::nullopt, errorOf(slowness())};
   if (mRuntime->memoryWasRefused())
     return {std::nullopt, errorOf("parsing it takes more memory than the heap limit of " +
                                   std::to_string(kParserHeapBytes >> 20U) + " MiB")};

@@ -48,6 +48,8 @@ class Parser {
     void alert(std::string_view) override {}
   };
 
+  /// The message about the time limit.
+  std::string slowness() const;
   Reply run(const char* function, std::string_view first, std::string_view second);
 
   pac_engine::Channel& mChannel;

@@ -24,6 +24,15 @@ TEST(Visible, ShowsControlCharactersBeyondAscii) {
   EXPECT_EQ(visible("\xc2\x80\xc2\x9f\xc2\xa0"), "\\x80\\x9f\xc2\xa0");
 }
 
+TEST(Visible, ShowsCharactersThatChangeTheDirectionOfTheText) {
+  EXPECT_EQ(visible("a\u202egpj.exe\u202c"), "a\\u{202e}gpj.exe\\u{202c}");
+  EXPECT_EQ(visible("\u061c"), "\\u{061c}");
+  for (const char* text : {"\u200e", "\u200f", "\u2028", "\u2029", "\u202a", "\u2066", "\u2069"})
+    EXPECT_TRUE(visible(text).starts_with("\\u{2")) << visible(text);
+  constexpr const char* kOthers = "\u061b\u200d\u2010\u2027\u202f\u2065\u206a";
+  EXPECT_EQ(visible(kOthers), kOthers);
+}
+
 TEST(Visible, ShowsBytesThatAreNoCharacter) {
   EXPECT_EQ(visible("\x9b[2J"), "\\x9b[2J");
   EXPECT_EQ(visible("\xe2\x82\xac\x9b"), "\xe2\x82\xac\\x9b");

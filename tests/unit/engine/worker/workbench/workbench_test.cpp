@@ -2,6 +2,7 @@
 // result.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 
 #include "tests/unit/engine/worker/workbench/workbench_engines.h"
@@ -88,6 +89,15 @@ TEST(Workbench, ParsesWhatIsNestedFarDeeperThanTheScriptsStackHolds) {
     chain += (i == 0 ? "if" : "else if") + std::string(" (host == '") + std::to_string(i) +
              "') return 'DIRECT';\n";
   EXPECT_TRUE(instrumented(chain + "}\n").contains("script"));
+}
+
+TEST(Workbench, RefusesWhatTakesTheParserTooLong) {
+  pac_engine::Options options;
+  options.role = WorkerRole::kParses;
+  options.timeLimit = std::chrono::milliseconds(1);
+  Problem refused;
+  EXPECT_EQ(Engine::load("", options, refused), nullptr);
+  EXPECT_EQ(refused.message, "parsing it takes longer than the time limit of 1 ms");
 }
 
 TEST(Workbench, KnowsNoOtherCommand) {
