@@ -100,6 +100,12 @@ class Generator {
     return head + ":" + (mCounts ? " k('c' + " + number + ");" : "");
   }
 
+  /// The first of two cases is written, and numbered, before the second.
+  std::string fallThrough() {
+    const auto first = entry("case 4");
+    return first + " " + entry("case 5");
+  }
+
   void statements(unsigned depth, unsigned count) {
     for (unsigned i = 0; i < count; ++i) statement(depth);
   }
@@ -144,7 +150,7 @@ class Generator {
         line("switch (" + choose({"v", "host", "typeof v"}) + ") {");
         raw(entry("case " + choose({"1", "'a'", "'number'", "f(v)"})));
         statements(depth - 1, 1 + below(2));
-        raw(entry("case 4") + " " + entry("case 5"));
+        raw(fallThrough());
         line(choose({"v = 9;", "break;"}));
         raw(entry("default"));
         statements(depth - 1, below(2));
