@@ -9,8 +9,8 @@ namespace domain {
 
 /// Whether the host of `url`, a canonical URL or a text without "://", is one of
 /// - localhost and names that end in ".localhost", with or without a dot at the end;
-/// - 127.0.0.0/8, 169.254.0.0/16, 0.0.0.0, in any spelling that foldedHost() and inet_aton()
-///   accept, also as IPv4-mapped IPv6 addresses;
+/// - 127.0.0.0/8, 169.254.0.0/16 and 0.0.0.0, in any form that inet_aton() accepts after
+///   foldedHost(), and their IPv4-mapped IPv6 addresses;
 /// - ::1, :: and fe80::/10.
 /// Any thread; throws std::bad_alloc only.
 bool isLocalUrl(std::string_view url);

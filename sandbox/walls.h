@@ -18,7 +18,7 @@ namespace sandbox {
 
 /// Empty if the wall was raised; else the name of the wall that could not be raised, and the
 /// reason.
-/// The process must then end without reading anything.
+/// If a wall could not be raised, the process must end without reading anything.
 using Failure = std::optional<std::string>;
 
 /// "what: text of errno".

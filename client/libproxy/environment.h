@@ -20,8 +20,8 @@
  * free(). Null if there is no proxy for this URL, or if memory is exhausted */
 char* px_environment_proxy(const char* url);
 
-/** Whether the first `most` characters of two texts are equal if the case of ASCII letters is
- * ignored, or the whole texts if they are shorter. The program's locale has no effect. */
+/** Whether two texts are equal. Only the first `most` characters of each are compared, and the case
+ * of ASCII letters is ignored. The program's locale has no effect. */
 int px_equal_ignoring_case(const char* a, const char* b, size_t most);
 
 #endif

@@ -29,11 +29,11 @@ class NameLookup {
   /// the evaluation checks whether the resolver's configuration has changed.
   void begin();
 
-  /// Addresses of `name` (UTF-8) in `family`. Empty if it has none, if it is not a valid name, if
-  /// the share of this evaluation is used up, or if 2 s or `deadline` have passed. A repeated name
-  /// in the same evaluation has the same addresses and does not count again. A name that needs no
-  /// name server does not count: localhost, its subdomains, and a name that is mapped to an IPv4
-  /// literal.
+  /// Addresses of `name` (UTF-8) in `family`. Empty if the name has none or is not
+  /// valid. Also empty if this evaluation has looked up its maximum number of names, or if the
+  /// lookup lasts longer than 2 s or until `deadline`. A repeated name in the same evaluation has
+  /// the same addresses and does not count again. A name that needs no name server does not count:
+  /// localhost, its subdomains, and a name that is mapped to an IPv4 literal.
   /// @param watched as for DnsResolver::lookUp()
   std::vector<std::string> resolve(std::string_view name, AddressFamily family, Deadline deadline,
                                    int watched);

@@ -50,8 +50,8 @@ struct ScriptEngine::Impl {
   Reply answerOf(JSValueConst result);
 };
 
-// The limit that was passed since begin(), if any. A script that has caught the error of the heap
-// limit has still passed the limit.
+// The limit that was passed since begin(), if any. The heap limit counts as passed even if the
+// script has caught the error that it got at the limit.
 std::optional<Problem> ScriptEngine::Impl::passedLimit() {
   std::optional<Problem> error;
   if (runtime->memoryWasRefused()) {

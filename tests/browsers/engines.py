@@ -45,7 +45,8 @@ def _groups(calls):
 
 
 def browser_script(functions, calls, groups):
-    """The script for a browser. For the host cN.test, it makes the calls of group N, each at its own time."""
+    """The script for a browser. For the host cN.test, it makes the calls of group N. Before each
+    call, it sets the clock that Date shows to the time of that call."""
     return _script(functions, calls) + f"""
 var seconds = {json.dumps([call.seconds for call in calls])}, groups = {json.dumps(groups)};
 var clock = 0, log = alert, RealDate = Date;

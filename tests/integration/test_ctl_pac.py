@@ -245,8 +245,8 @@ def test_a_device_may_have_no_address_at_all(ctl):
 
 
 def at(year, month, day, hour, minute, second, zone="GMT"):
-    """A script that returns whether the given second is now. It uses Date; if there is no zone,
-    the helpers."""
+    """A script that returns whether the given second is now. With a zone, it uses Date.
+    Without a zone, it asks the helpers for the local time."""
     if zone:
         return returning(f"String(Date.now() == "
                          f"Date.UTC({year}, months.{month}, {day}, {hour}, {minute}, {second}))")

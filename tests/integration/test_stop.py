@@ -15,7 +15,7 @@ ANSWERS = (["pacurl"], ["pacurl", "PROXY p:1"], ["wpad"], ["wpad", "PROXY p:1"],
 
 
 def stop_under_load(build, web, times):
-    """Stops `times` daemons while clients ask. Each answer must be that of a running service, or
+    """Starts and stops a daemon, `times` times, while clients send queries and updates. Each answer must be that of a running service, or
     the default answer."""
     web.routes["/x.pac"] = script("PROXY p:1")
     wrong = []

@@ -293,8 +293,8 @@ def test_no_rival_takes_the_script_port_while_the_service_is_killed_and_restarte
         machine.run("systemctl", "restart", UNIT)
         machine.run("systemctl", "stop", UNIT)
         machine.run("systemctl", "start", UNIT)
-        # The port is below 1024, so ordinary users cannot bind it. For users who may bind such
-        # ports, it is never free.
+        # The port is below 1024, so ordinary users cannot bind it. Root may bind it, but it is
+        # never free, because the socket unit keeps it open.
         assert set(stranger.call("end")) == {"EACCES"}
         assert set(root.call("seen")) == {"EADDRINUSE"}
         # Without the open socket of the unit, the other program succeeds.

@@ -172,7 +172,7 @@ def serve(path, content):
 
 
 def big_file(path, megabytes):
-    """One file that is served for all ways. @return its first name"""
+    """Makes a file of random bytes that each server serves. @return its first name"""
     names = [f"/run/www/{address}{path}" for address in ADDRESSES.values()]
     for name in names:
         os.makedirs(os.path.dirname(name), exist_ok=True)

@@ -141,8 +141,8 @@ Configuration DaemonBus::configuration() {
                              &read.userName, &read.password}) {
     *member = textOf(reply.get());
   }
-  // A daemon without a service returns only the mode, and empty texts. A daemon with a service
-  // returns "y" or "n" for authentication.
+  // A daemon that ends returns only the mode, and empty texts. Otherwise, `enableauth` is "y" or
+  // "n".
   if (read.enableauth.empty()) throw endingDaemon();
   return read;
 }

@@ -356,8 +356,8 @@ TEST_F(LoadedParser, AnswersStayWholeWhileScriptsAreReloaded) {
   const int reloads = 60;
   std::atomic<int> answered{0};
   load(scriptFor("PROXY script-number-000000000000:1"));
-  // No other thread queries these hosts: if two queries miss the same host, one overwrites the list
-  // of the other.
+  // Only this thread queries these hosts. If two threads asked for the same host before it is in
+  // the cache, both would store a list, and the second would replace the first.
   std::jthread asking([&](const std::stop_token& end) {
     while (!end.stop_requested()) {
       const auto texts = textsOf(mParser, "http://a" + std::to_string(answered % 7) + "/");
