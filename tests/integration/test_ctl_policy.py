@@ -69,7 +69,7 @@ def test_who_may_only_ask_is_told_so(stranger, strict_bus, build, syslog, web):
         found["unknown"].pop("relay")
         assert found["unknown"] == {
             **{name: unknown for name in ("pacurl", "userName", "password")},
-            **dict.fromkeys(("updated", "walked"), "the daemon runs without systemd")}
+            **dict.fromkeys(("updated", "walked", "walking"), "the daemon runs without systemd")}
     finally:
         daemon.close()
 
