@@ -1,5 +1,5 @@
-// This service's view of the daemon: whether the daemon is on the bus, its configuration, its
-// answers.
+// This service's view of the daemon: whether the daemon is on the bus, the daemon's configuration,
+// and its answers.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -46,7 +46,7 @@ class DaemonLink {
 
   /// @param bus for the configuration
   /// @param questions for ask()
-  /// Both are attached to one event loop and must outlive this object.
+  /// Both buses are attached to one event loop and must outlive this object.
   DaemonLink(sd_bus* bus, sd_bus* questions) : mBus(bus), mQuestions(questions) {}
   DaemonLink(const DaemonLink&) = delete;
   DaemonLink& operator=(const DaemonLink&) = delete;
@@ -63,8 +63,8 @@ class DaemonLink {
   using Answered = std::function<void(std::optional<std::vector<std::string>>)>;
 
   /// Each function starts one call, which ends after `limit` at the latest and never starts the
-  /// daemon. The callback is called exactly once: later, and by guarded(). If the link is destroyed
-  /// first, the callback is never called.
+  /// daemon. The callback is called exactly once, through guarded(). It is never called before the
+  /// function returns. If the link is destroyed first, the callback is never called.
   void read(Read done, std::chrono::microseconds limit = kDaemonLimit);
   void update(const Configuration& configuration, Updated done);
   void ask(const std::string& url, Answered done);

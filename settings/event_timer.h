@@ -19,13 +19,13 @@ void require(int result, const char* what);
 
 /// Runs `action` in a callback of the loop. No exception may pass through such a callback, so an
 /// exception is logged and ends the loop with status 1. Then the supervisor starts the service
-/// again: that is better than a service that has made half of a change. @return 0
+/// again: this is better than a service that has made half of a change. @return 0
 int guarded(sd_event* event, const std::function<void()>& action) noexcept;
 
 /// Only for the loop's thread. The loop must outlive the timer.
 class EventTimer {
  public:
-  /// @param fired called in the loop, guarded, each time the timer runs out
+  /// @param fired called in the loop through guarded(), each time the timer runs out
   EventTimer(sd_event* event, std::function<void()> fired);
 
   /// Fires once after `pause`. A new setting replaces the earlier one. The clock is CLOCK_MONOTONIC

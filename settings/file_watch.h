@@ -34,8 +34,8 @@ class FileWatch {
   /// @param changed called after a burst of changes
   FileWatch(sd_event* event, std::function<void()> changed);
 
-  /// Watches only these places. @return whether one of them was not watched before, or is another
-  /// folder with the same name: then a change before this call was not noticed
+  /// Watches only these places. @return true if one of them was not watched before, or is now
+  /// another folder with the same name. Then a change before this call was not noticed
   bool set(const std::vector<Place>& places);
 
  private:

@@ -3,7 +3,7 @@
 // - Once after each start of the daemon, even if nothing differs: an unconfigured daemon announces
 //   itself until a program configures it.
 // - After a change of a source, only if the daemon's configuration differs, or if another program
-//   set it and a script may be missing.
+// set this configuration and its script may be missing.
 // - Again, if the script has not arrived. The daemon fetches only on request, and at boot it is
 //   usually configured before the network is up.
 // - Again on a timer, if the administrator wants refreshes.
@@ -73,12 +73,12 @@ class HandOver {
   /// failure.
   void check();
 
-  /// The time since which the daemon has a configuration of this service, for the state that
-  /// proxymanagerctl shows. Nothing if it has none.
+  /// The time at which the daemon got the configuration of this service that it has now. It is a
+  /// part of the state that proxymanagerctl shows. Nothing if the daemon has none.
   std::optional<std::time_t> lastHandOver() const;
   const std::string& lastProblem() const { return mProblem; }
   bool isForeign() const { return mIsForeign; }
-  /// Whether `configuration` of the daemon is the one that this service handed over.
+  /// Whether `configuration`, which the daemon has, is the one that this service handed over.
   bool isOurs(const Configuration& configuration) const;
 
  private:
@@ -106,10 +106,10 @@ class HandOver {
   std::uint64_t mAppearance = 0;  ///< counts the daemon's starts, to recognise late replies
   std::size_t mFailures = 0;
   std::size_t mScriptRetry = 0;
-  /// Set if the network has changed and mScriptTimer fires kNetworkPause after that.
+  /// True if the network has changed, and mScriptTimer will fire kNetworkPause after this change.
   bool mIsNetworkPause = false;
-  /// A script file that is newer than this has the script of the configuration. CLOCK_REALTIME,
-  /// like the file's time.
+  /// If the script file is newer than this time, it has the script of the configuration. The clock
+  /// is CLOCK_REALTIME, as for the time of a file.
   timespec mScriptSince{};
   std::time_t mHandedOverAt = 0;  ///< see lastHandOver()
   std::string mProblem;

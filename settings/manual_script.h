@@ -23,8 +23,9 @@ struct ManualServer {
   bool operator==(const ManualServer&) const = default;
 };
 
-/// Reads a list of servers. It skips an entry that cannot be parsed. One unknown scheme makes the
-/// whole list empty. It drops credentials, because every user could read them in the script.
+/// Reads a list of servers. It skips an entry that cannot be parsed. If one entry has an unknown
+/// scheme, the whole list is empty. The function drops credentials, because every user could read
+/// them in the script.
 std::vector<ManualServer> parseServers(const std::vector<std::string>& texts);
 
 /// The URL for mode manual: "http://host:port" or "socks5h://host:port".
@@ -39,8 +40,8 @@ std::string entryOfManualUrl(std::string_view url);
 /// SOCKS servers.
 /// @param excludes "[scheme://]rule". A rule "word" or "*word" matches hosts that end with it,
 /// "word*" hosts that begin with it, "*word*" hosts that contain it. An IPv6 address may be in
-/// brackets. "scheme://" alone matches all
-/// URLs of the scheme. "*" alone is ignored.
+/// brackets. A text that is only "scheme://" matches all URLs of the scheme. A rule that is only
+/// "*" is ignored.
 std::string manualScript(const std::vector<ManualServer>& servers,
                          const std::vector<std::string>& excludes);
 

@@ -47,8 +47,8 @@ struct NetworkConfiguration {
   std::uint64_t number = 0;  ///< the number in its path; a newer configuration has a higher number
   std::string sender;        ///< unique name on the bus
   std::string interface;
-  bool isDirect = false;        ///< no proxy is used
-  bool isUsable = false;        ///< if false, it keeps its path but is never in force
+  bool isDirect = false;  ///< no proxy is used
+  bool isUsable = false;  ///< if false, the configuration keeps its path but is never in force
   Configuration configuration;  ///< pacUrl is empty if `script` is to be served
   std::string script;           ///< the text to serve, pushed or generated; else empty
 };
@@ -63,7 +63,7 @@ class NetworkSet {
   /// reached its limit
   std::optional<std::uint64_t> add(NetworkConfiguration configuration, std::string_view sender);
 
-  /// Destroys a configuration if it belongs to `sender`. @return whether it did
+  /// Destroys a configuration if it belongs to `sender`. @return whether it was destroyed
   bool remove(std::uint64_t number, std::string_view sender);
 
   /// Destroys all configurations of `sender`. @return their number
@@ -80,8 +80,8 @@ class NetworkSet {
 /// The default routes of one interface.
 struct DefaultRoute {
   std::uint32_t metric = 0;  ///< of the interface's best route; lower metrics go first
-  /// The gateways of all these routes, as the kernel lists their bytes. Another gateway can mean
-  /// another network.
+  /// The gateways of all these routes: their bytes, in the order of the kernel's list. If a gateway
+  /// changes, the network can be another one.
   std::string gateways;
   bool operator==(const DefaultRoute&) const = default;
 };

@@ -1,5 +1,5 @@
 // The bus name org.pacrunner: network managers push their proxy settings to it, and some programs
-// ask it. NetworkManager and ConnMan define the calls, the keys and the lifetimes.
+// ask it for proxies. NetworkManager and ConnMan define the calls, the keys and the lifetimes.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -15,8 +15,8 @@
 
 namespace settings {
 
-/// Longest URL and host of a question together, in bytes. The daemon answers a longer URL without
-/// the script.
+/// Longest question, in bytes: the URL and the host together. The daemon answers a longer URL
+/// without the script.
 inline constexpr std::size_t kMaxQuestionBytes = 16U << 10U;
 
 /// Reads CreateProxyConfiguration's dictionary. It skips unknown keys and values of a wrong type,
@@ -37,8 +37,8 @@ class PacRunner {
   /// name, this is logged and no settings are pushed.
   void start();
 
-  /// If `all`, FindProxyForURL returns all entries, joined by "; ". Else it returns the first
-  /// entry.
+  /// If `all` is true, FindProxyForURL returns all entries, joined by "; ". Else it returns the
+  /// first entry.
   void answerAll(bool all) { mAnswersAll = all; }
 
   const NetworkSet& set() const { return mSet; }

@@ -1,9 +1,9 @@
-// The questions of programs that wait for the daemon, in a fair order.
+// The queue of the questions that programs ask the daemon. Its order is fair to all users.
 //
 // The daemon answers one question after the other, and a script that looks up names may take 5 s
-// for each. So only kMaxAsked questions are at the daemon at a time, and the others wait here:
-// round robin over the users, and in the order of arrival for each user. A user with many questions
-// delays only his own.
+// for each. So only kMaxAsked questions are at the daemon at a time, and the others wait here. The
+// queue takes the users in turn (round robin), and the questions of one user in the order of their
+// arrival. If a user has many questions, only this user waits longer.
 //
 // The class does not use the bus. Not synchronised: one thread.
 #pragma once
@@ -20,17 +20,17 @@
 
 namespace settings {
 
-/// Maximum number of questions that are at the daemon: one is answered, and the next one is there
-/// when the daemon is ready.
+/// Maximum number of questions that are at the daemon: the daemon answers one, and has the next one
+/// when it is ready.
 inline constexpr std::size_t kMaxAsked = 2;
 /// Maximum number of questions of one connection, and of one user, that wait or are at the daemon.
 inline constexpr std::size_t kMaxQuestionsOfCaller = 8;
 inline constexpr std::size_t kMaxQuestionsOfUser = 64;
-/// Maximum number of questions of all users together. One person can be many users: a container has
-/// a range of them.
+/// Maximum number of questions of all users together. One person can have many user ids: a
+/// container has a range of them.
 inline constexpr std::size_t kMaxQuestions = 512;
-/// How long a question waits for its turn. No caller waits longer: the bus libraries give up after
-/// 25 s or 30 s.
+/// How long a question waits for its turn. No caller needs more: the callers' bus libraries stop
+/// waiting after 25 s or 30 s.
 inline constexpr std::chrono::seconds kQuestionLimit{60};
 
 class QuestionQueue {
@@ -44,7 +44,7 @@ class QuestionQueue {
     Clock::time_point arrival;
   };
 
-  /// The user of a caller with a question in the queue or at the daemon.
+  /// The user of `caller`, if `caller` has a question in the queue or at the daemon.
   std::optional<uid_t> userOf(const std::string& caller) const;
   /// Whether one more question of this caller fits into the limits.
   bool hasRoom(const std::string& caller, uid_t user) const;
@@ -54,7 +54,8 @@ class QuestionQueue {
   /// Calls `ask` or `refuse` of the questions whose turn it is. If one of them throws, its question
   /// has left the queue.
   void proceed(Clock::time_point now);
-  /// A question that was asked has its answer. The owner calls proceed() afterwards.
+  /// Notes that the daemon has answered a question of `caller`. The owner calls proceed()
+  /// afterwards.
   void ended(const std::string& caller);
 
  private:
@@ -70,7 +71,7 @@ class QuestionQueue {
   std::optional<Question> next();
 
   std::map<std::string, Caller> mCallers;
-  std::map<uid_t, std::size_t> mOfUser;  ///< that wait or are at the daemon
+  std::map<uid_t, std::size_t> mOfUser;  ///< questions that wait or are at the daemon
   std::list<User> mTurns;                ///< the users with waiting questions; the first is next
   std::size_t mAsked = 0;
   std::size_t mQuestions = 0;

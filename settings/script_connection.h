@@ -1,7 +1,7 @@
 // One connection to the script server: it reads a request, answers it, and ends.
 //
-// It implements as much HTTP as one file on loopback needs. Only the first line of a request
-// decides, a request has no body, and the connection ends after the answer.
+// It implements only the part of HTTP that one file on loopback needs. Only the first line of a
+// request is used, a request has no body, and the connection ends after the answer.
 #pragma once
 
 #include <systemd/sd-event.h>
@@ -41,7 +41,7 @@ class ScriptConnection {
    public:
     /// @return the file for a request for `name`, which may be any text; empty if there is none
     virtual base::UniqueFd openScript(const std::string& name) const = 0;
-    /// Destroys `connection`. It is called once, and never from the constructor.
+    /// Destroys `connection`. Called once, and never from the constructor.
     virtual void connectionEnded(ScriptConnection& connection) = 0;
 
    protected:

@@ -26,8 +26,8 @@ inline constexpr std::size_t kMaxConnections = 64;
 /// Pause before the next connection is accepted after the kernel refused one, for example because
 /// memory was exhausted.
 inline constexpr std::chrono::seconds kAcceptPause{1};
-/// The port, if the service binds it itself. A port below 1024 cannot be bound by other local
-/// users, so none of them can pose as the administrator while the service restarts. IANA has not
+/// The port, if the service binds it itself. Other local users cannot bind a port below 1024. So
+/// while the service restarts, none of them can serve a false script at this port. IANA has not
 /// assigned this port.
 inline constexpr std::uint16_t kScriptPort = 850;
 

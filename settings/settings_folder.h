@@ -42,9 +42,9 @@ struct FolderSettings {
 };
 
 /// Reads all files. A missing folder or file sets nothing. A file is a problem if it is a link, is
-/// not a regular file, is too long, changes during the reading, or belongs to a user other than
-/// root and the process's. Reads at most kMaxFiles + 2 files of kMaxFileBytes each. Throws only
-/// std::bad_alloc.
+/// not a regular file, is too long, changes during the reading, or belongs to another user than
+/// root or the user of the process. Reads at most kMaxFiles + 2 files of kMaxFileBytes each. Throws
+/// only std::bad_alloc.
 FolderSettings readFolder(const SettingsPaths& paths);
 
 }  // namespace settings

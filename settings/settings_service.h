@@ -4,7 +4,7 @@
 //   network managers ──────────┼─> choose() ─> HandOver ─> the daemon
 //   default routes ────────────┘       └─> ScriptServer, if a pushed script is in force
 //
-// Everything runs on one thread in one event loop. Nothing here waits.
+// Everything runs on one thread in one event loop. No function blocks.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -27,8 +27,8 @@
 
 namespace settings {
 
-/// After the service starts, network managers push their settings again. Before that, the service
-/// does not know these settings. So it waits this long before it hands anything over.
+/// When the service starts, it does not know the settings of network managers, until they push them
+/// again. So the service waits this long before it hands anything over.
 inline constexpr std::chrono::milliseconds kGatherTime{500};
 /// Maximum number of GetState calls that wait for the daemon's configuration.
 inline constexpr std::size_t kMaxStateCalls = 16;
@@ -44,7 +44,7 @@ class SettingsService final : DaemonLink::Listener {
     std::string resolverFile = "/etc/resolv.conf";
   };
 
-  /// @param bus for everything but questions
+  /// @param bus for everything except questions
   /// @param questions a second connection, for the questions of other programs to the daemon
   /// @param scripts a listening socket on loopback for scripts; empty: pushed scripts are unusable
   SettingsService(sd_event* event, sd_bus* bus, sd_bus* questions, Places places,
@@ -95,7 +95,7 @@ class SettingsService final : DaemonLink::Listener {
   BusSlot mObject;
   bool mIsGathering = false;
   EventTimer mGatherTimer;
-  EventTimer mServeTimer;  ///< after a script that could not be served
+  EventTimer mServeTimer;  ///< runs after a script could not be served
   std::size_t mServeFailures = 0;
   std::vector<BusMessage> mStateCalls;
 };

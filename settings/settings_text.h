@@ -1,8 +1,9 @@
 // The administrator's settings: the keys of a settings file, and how its text is read.
 //
-// The format is TOML. Each key is optional. A later file replaces single keys of an earlier file.
-// An unknown key, a value of the wrong type or an impossible value is a problem, which is reported
-// with its line: a misspelt key must not silently leave a device without its proxy.
+// The format is TOML. Each key is optional. A key in a later file replaces the same key of an
+// earlier file. An unknown key, a value of the wrong type or an impossible value is a problem,
+// which is reported with its line: a misspelt key must not silently leave a device without its
+// proxy.
 #pragma once
 
 #include <chrono>
@@ -71,19 +72,20 @@ ReadSettings readSettings(std::string_view text);
 void overlay(FileSettings& settings, const FileSettings& later);
 
 /// Reads a duration: a whole number with "s", "m", "h" or "d", from kMinRefresh to kMaxRefresh, or
-/// a single 0. Nothing for any other text.
+/// only "0". Nothing for any other text.
 std::optional<std::chrono::seconds> parseRefresh(std::string_view text);
 
-/// Why `url` cannot be a PAC URL (http or https, with a host, the port a number, printable ASCII),
-/// or an empty text.
+/// The reason why `url` is not a valid PAC URL; empty if it is valid. A valid PAC URL has the
+/// scheme http or https, a host, a number as the port (if any), and only printable ASCII
+/// characters.
 std::string pacUrlProblem(std::string_view url);
 
-/// Why `url` cannot be a manual proxy, or an empty text.
+/// The reason why `url` is not a valid manual proxy; empty if it is valid.
 std::string proxyUrlProblem(std::string_view url);
 
-/// `url` as every user may see it: without user and password. A password may have a character that
-/// ends the host ("http://user:pass/word@host"): then "***" stands for everything between the first
-/// ":" and the last "@".
+/// `url` without user and password, so that every user may see it. A password may have a character
+/// that ends the host ("http://user:pass/word@host"). Then "***" stands for everything between the
+/// first ":" and the last "@".
 std::string withoutCredentials(std::string_view url);
 
 }  // namespace settings

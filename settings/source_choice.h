@@ -23,7 +23,8 @@ struct Choice {
 Choice choose(const FileSettings& settings, const std::string& password,
               const NetworkConfiguration* network);
 
-/// Why `settings` cannot be used (for example mode manual without a proxy URL), or an empty text.
+/// The reason why `settings` cannot be used, for example mode manual without a proxy URL; empty if
+/// they can be used.
 std::string missingKey(const FileSettings& settings);
 
 }  // namespace settings

@@ -8,9 +8,9 @@
 
 namespace client {
 
-/// The low numbers are results of a question. The high numbers come from sysexits.h, so that a
-/// shell script can distinguish a wrong PAC script from a wrong command line. The last two are the
-/// shell's.
+/// The low numbers are the results of a question to the daemon or to a script. The high numbers
+/// come from sysexits.h, so that a shell script can distinguish a wrong PAC script from a wrong
+/// command line. The last two are the same as in a shell.
 enum ExitStatus : int {
   kAnswered = 0,
   kNoAnswer = 1,
@@ -52,7 +52,7 @@ inline constexpr std::array<StatusText, 14> kStatusTexts{{
     {kNoSuchCommand, "exec: there is no such command"},
 }};
 
-/// The statuses that every command may have that calls the daemon.
+/// The statuses that a command may have if it calls the daemon.
 inline constexpr std::initializer_list<ExitStatus> kBusStatuses{
     kUsage, kUnavailable, kInternal, kOutput, kTryAgain, kProtocol, kDenied};
 

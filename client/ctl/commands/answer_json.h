@@ -10,14 +10,14 @@
 
 namespace client {
 
-/// One entry of an answer, and whether the daemon drops it from its answers.
+/// One entry of an answer, and whether the daemon would leave this entry out of its answers.
 struct ShownEntry {
   ProxyEntry entry;
   bool isDropped = false;
 };
 
 struct ShownAnswer {
-  std::string url;                    ///< as given; its password is hidden unless it may be shown
+  std::string url;                    ///< as given; the output may hide its password
   std::optional<std::string> mode;    ///< none for a script that a command tries out
   std::string host;                   ///< the host of the question
   std::optional<std::string> result;  ///< the text of the entries; none without an answer
@@ -31,7 +31,7 @@ struct ShownAnswer {
 /// An object with url, mode, host, answered, result, entries and error, in this order.
 nlohmann::ordered_json jsonOf(const ShownAnswer& answer, bool showPassword);
 
-/// The description of that object in help texts.
+/// The description of the object of jsonOf() in help texts.
 inline constexpr const char* kAnswerShape =
     R"(    url       the URL as given, with its password hidden
     mode      off, manual, pacurl, wpad or local; null for pac eval

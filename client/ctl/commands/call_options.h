@@ -1,4 +1,4 @@
-// Options and checks that all commands share which call the daemon.
+// Options and checks for all commands that call the daemon.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -16,7 +16,7 @@ inline constexpr std::chrono::seconds kAskLimit{15};
 /// the load of a script and for other calls.
 inline constexpr std::chrono::seconds kChangeLimit{60};
 
-/// Longest --timeout. A walk over all candidates takes less than three hours.
+/// Longest --timeout. In mode wpad, a walk over all candidate URLs takes less than three hours.
 inline constexpr std::chrono::hours kMaxLimit{24};
 
 struct CallOptions {

@@ -13,21 +13,22 @@ struct ChosenScript {
   bool isCurrent = false;
 };
 
-/// Adds FILE to `command`, and -p, the name of this option in other testers of scripts. `chosen`
-/// must live as long as `command`.
+/// Adds to `command` the argument FILE and the option -p. Other programs that test scripts have the
+/// same option. `chosen` must live as long as `command`.
 void addScriptFile(CLI::App& command, ChosenScript& chosen);
 
 /// Adds --current.
 void addCurrentScript(CLI::App& command, ChosenScript& chosen);
 
 /// Call it after the command line has been parsed. Throws the parser's error if there is no script.
-/// @return the word in the place of FILE if -p or --current selects the script, else nothing
+/// @return if -p or --current selects the script: the word that stands in the place of FILE
 std::vector<std::string> settleScript(ChosenScript& chosen);
 
-/// The same for a command whose only argument is FILE.
+/// Does the same for a command whose only argument is FILE.
 void settleOnlyScript(ChosenScript& chosen);
 
-/// Throws the parser's error if both the script and `file`, the list of URLs, are standard input.
+/// `file` is the list of URLs. Throws the parser's error if both the script and this list would
+/// come from standard input.
 void checkStandardInput(const ChosenScript& chosen, const std::string& file);
 
 /// The bytes of the script. Throws Failure as readScript() does.

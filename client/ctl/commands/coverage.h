@@ -1,4 +1,4 @@
-// What a list of URLs reaches in a PAC script.
+// Which parts of a PAC script a list of URLs reaches.
 #pragma once
 
 #include <chrono>
@@ -17,25 +17,25 @@ struct CoveredUrl {
   std::string url;
   std::size_t times = 0;  ///< how often it is in the list
   std::optional<std::string> result;
-  std::string error;  ///< if there is no result
+  std::string error;  ///< the reason if there is no result
   std::optional<std::size_t> decidedBy;
   bool isDifferent = false;  ///< the instrumented script answered differently
 };
 
-/// A return that no URL of the list reached.
+/// A return statement that no URL of the list reached.
 struct MissedRule {
   std::size_t place = 0;
-  bool isDead = false;                ///< no URL at all can reach it
-  std::string reachedBy;              ///< a URL made from the script that reaches it, or empty
-  std::string shadowedUrl;            ///< a URL made for this rule that another rule answers
+  bool isDead = false;      ///< no URL at all can reach it
+  std::string reachedBy;    ///< a URL that was made from the script and reaches this rule; or empty
+  std::string shadowedUrl;  ///< a URL that was made for this rule, but another rule answers it
   std::optional<std::size_t> shadow;  ///< the return that answers this URL
-  /// A URL made for this rule reached its test, or was not tried. Then it is not known to be
-  /// shadowed.
+  /// A URL that was made for this rule reached the rule's test, or was not tried. Then nobody knows
+  /// whether another rule shadows this one.
   bool mayBeReached = false;
 };
 
-/// The time for all URLs that are made from a script. One endless loop takes longer: 5 s unchanged
-/// and 5 s instrumented.
+/// The time limit for all URLs that are made from a script. A URL that leads to an endless loop
+/// takes longer: 5 s in the unchanged script, and 5 s in the instrumented script.
 inline constexpr std::chrono::seconds kMadeTime{8};
 
 struct Share {
@@ -44,7 +44,7 @@ struct Share {
 };
 
 struct Coverage {
-  std::vector<PlaceCount> places;  ///< for each place of the script, with the counts of the load
+  std::vector<PlaceCount> places;  ///< for each place of the script; include the counts of the load
   std::vector<CoveredUrl> urls;
   std::vector<MissedRule> missed;
   std::size_t made = 0;  ///< number of the made URLs that were tried
@@ -55,8 +55,8 @@ struct Coverage {
   Share rules;     ///< the returns
 };
 
-/// Asks `script` once for each URL. Its options decide about names and addresses. For the URLs that
-/// are made, no name is looked up and no alert is shown.
+/// Asks `script` once for each URL. The options of `script` decide about names and addresses. For
+/// URLs that are made from the script, the function looks up no name and shows no alert.
 /// @param parser a parser of the same script; it makes URLs for missed rules
 Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std::string& file,
                     const std::vector<std::string>& urls);

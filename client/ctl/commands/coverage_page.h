@@ -13,7 +13,8 @@ namespace client {
 std::string coveragePage(const std::string& file, const InstrumentedScript& script,
                          const Coverage& coverage);
 
-/// What of the script is not instrumented, or can notice that it is.
+/// Notes for people: the parts of the script that are not instrumented, whether the script can
+/// notice the instrumentation, and whether not all made URLs were tried.
 std::vector<std::string> coverageNotes(const InstrumentedScript& script, const Coverage& coverage);
 
 /// "12 of 15 (80 %)".

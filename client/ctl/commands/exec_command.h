@@ -13,7 +13,7 @@ namespace client {
 struct CommandLine {
   std::vector<std::string> own;  ///< without the program's name
   std::vector<std::string> other;
-  bool hasOther = false;  ///< whether there was a "--" before it
+  bool hasOther = false;  ///< whether a "--" stood before `other`
   bool isHelp = false;    ///< whether it was "help COMMAND"
 };
 
@@ -22,7 +22,8 @@ struct CommandLine {
 /// belongs to the other program and is not parsed.
 CommandLine splitCommandLine(int argc, const char* const* argv);
 
-/// Adds the command to `program`; running it sets `action`. `line` must live as long as `program`.
+/// Adds the command to `program`. Parsing the command sets `action`. `line` must live as long as
+/// `program`.
 void addExecCommand(CLI::App& program, Action& action, const CommandLine& line);
 
 }  // namespace client

@@ -7,7 +7,7 @@
 
 namespace client {
 
-/// Adds the command to `program`; running it sets `action`.
+/// Adds the command to `program`. Parsing the command sets `action`.
 void addGetCommand(CLI::App& program, Action& action);
 
 }  // namespace client

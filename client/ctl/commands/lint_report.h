@@ -36,11 +36,11 @@ struct LintReport {
 const char* nameOf(Severity severity);
 
 /// Reads the report of the workbench's command "lint". Throws nlohmann::json::exception or
-/// std::out_of_range if it has another form.
+/// std::out_of_range if `report` has another form.
 LintReport lintReportOf(const nlohmann::json& report);
 
-/// The output for people: for each finding "FILE:LINE:COLUMN: SEVERITY: MESSAGE [NAME]", then
-/// reason and fix. The last line has the number of findings. One element for each line.
+/// Returns the lines of the output for people. A finding begins with "FILE:LINE:COLUMN: SEVERITY:
+/// MESSAGE [NAME]"; its reason and its fix follow. The last line has the number of findings.
 std::vector<std::string> lintLines(const LintReport& report, const std::string& file);
 
 /// An object: file, errors, warnings, notes and findings.

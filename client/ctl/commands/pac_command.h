@@ -1,8 +1,8 @@
 // `proxymanagerctl pac`: tries out PAC scripts without daemon and bus, for authors of scripts.
 //
 // The script runs as in the daemon: in the same library and the same sandboxed worker, with the
-// same limits. The daemon's own code parses the result. Only the script's view of the device can be
-// set by options: names, own addresses, time and time zone.
+// same limits. The daemon's own code parses the result. Options change only the script's view of
+// the device: names, own addresses, time and time zone.
 #pragma once
 
 #include <CLI/App.hpp>

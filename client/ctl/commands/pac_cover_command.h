@@ -1,4 +1,4 @@
-// `proxymanagerctl pac cover`: what a list of URLs reaches in a PAC script.
+// `proxymanagerctl pac cover`: shows which parts of a PAC script a list of URLs reaches.
 #pragma once
 
 #include <CLI/App.hpp>

@@ -12,9 +12,9 @@
 
 namespace client {
 
-/// All variables that a proxy needs. A variable without a value is removed, because an old value
-/// could contradict the answer. Each variable has two spellings, because some programs read only
-/// one of them.
+/// All variables that describe a proxy to programs. A variable without a value is removed, because
+/// an old value could contradict the answer. Each variable has two spellings, because some programs
+/// read only one of them.
 inline constexpr std::array<std::string_view, 8> kProxyVariables{
     "http_proxy", "https_proxy", "all_proxy", "no_proxy",
     "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY"};
@@ -26,16 +26,17 @@ inline constexpr std::string_view kNotThroughProxy =
     "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10";
 
 /// The values for `entry`, the answer for `url`. All schemes get the same proxy, even if only some
-/// programs support its type: the others then fail, and do not bypass the proxy. Empty for DIRECT.
-/// no_proxy is left out if it would match the host of `url` itself.
+/// programs support its type. The other programs then fail, and do not bypass the proxy. The result
+/// is empty for DIRECT. It does not contain no_proxy if no_proxy would match the host of `url`
+/// itself.
 std::map<std::string_view, std::string> proxyVariables(const ProxyEntry& entry,
                                                        std::string_view url);
 
-/// Lines for a POSIX shell: they set and export these variables, and unset the others.
+/// Lines for a POSIX shell: they set and export `variables`, and unset the other kProxyVariables.
 std::string shellLines(const std::map<std::string_view, std::string>& variables);
 
-/// The environment `before`, one "NAME=VALUE" each, with `variables` in place of all its
-/// kProxyVariables.
+/// Returns the environment `before` with `variables` in place of all its kProxyVariables. Each
+/// element is "NAME=VALUE".
 std::vector<std::string> withVariables(std::span<const std::string> before,
                                        const std::map<std::string_view, std::string>& variables);
 

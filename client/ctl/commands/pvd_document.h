@@ -15,7 +15,8 @@ namespace client::pvd {
 inline constexpr std::size_t kMaxDocumentBytes = 256 * 1024;
 
 /// A document above one of these limits (proxies, rules, values in one list of a rule) is refused
-/// as a whole: a part of it could send traffic where the whole document would not.
+/// as a whole: a part of the document could send traffic to a place to which the whole document
+/// would not send it.
 inline constexpr std::size_t kMaxProxies = 64;
 inline constexpr std::size_t kMaxRules = 256;
 inline constexpr std::size_t kMaxValues = 256;
@@ -70,8 +71,8 @@ struct Reading {
 };
 
 /// Reads and checks a document.
-/// @param host the proxy to which the document belongs. Its identifier must name this host; if
-/// `host` is not set, a different name is only a warning
+/// @param host the proxy to which the document belongs. The document's identifier must name this
+/// host. If `host` is not set, nobody compares the two, and the document gets a warning
 /// @param now seconds since 1970
 Reading read(std::string_view text, const std::optional<std::string>& host, std::int64_t now);
 

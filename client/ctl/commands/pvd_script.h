@@ -1,4 +1,4 @@
-// Makes a PAC script that sends traffic as a document of proxy information describes.
+// Makes a PAC script that sends traffic in the way that a document of proxy information describes.
 #pragma once
 
 #include <string>
@@ -14,12 +14,12 @@ struct Script {
   std::string error;                  ///< the reason if `text` is empty
 };
 
-/// @param otherwise the script's answer if no rule matches and the document has no proxy for any
-/// traffic: "DIRECT", "PROXY known.example.org:8080"
+/// @param otherwise the script's answer if no rule matches and no proxy of the document accepts any
+/// traffic. For example "DIRECT" or "PROXY known.example.org:8080"
 Script scriptOf(const Document& document, const std::string& otherwise);
 
 /// The entry that a script returns for this proxy, "PROXY host:port" or "SOCKS host:port". Empty if
-/// no entry can express it, or if the daemon's clients do not use such an entry.
+/// no entry can express this proxy, or if the daemon's clients do not use such an entry.
 std::string entryOf(const Proxy& proxy);
 
 }  // namespace client::pvd

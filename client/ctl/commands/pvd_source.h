@@ -17,15 +17,16 @@ struct Source {
   std::string warning;              ///< a sentence, or empty
 };
 
-/// The URL of a proxy's document: "https://HOST/.well-known/pvd". The port is always 443, whatever
-/// the proxy's own port is.
+/// The URL of a proxy's document: "https://HOST/.well-known/pvd". The port is always 443, even if
+/// the proxy itself has another port.
 std::string wellKnownUrl(const std::string& host);
 
-/// Reads the document that `name` describes: "-" is standard input; then a URL; then a file, if one
-/// exists or the name has a "/"; else the host of a proxy, with or without a port. From the
-/// network, it fetches this one document, once, only by https and without a proxy.
-/// Throws Failure: kUsage for a URL that is not https and for a text that is no host, kNoInput if
-/// it cannot be read or fetched, kRefused if it is too long.
+/// Reads the document that `name` describes. "-" is standard input. A URL is the place of the
+/// document. Any other name is a file if this file exists or if the name has a "/". Else it is the
+/// host of a proxy, with or without a port. From the network, the function fetches only this
+/// document, once, by https and without a proxy. Throws Failure: kUsage for a URL that is not https
+/// and for a text that is no host, kNoInput if the document cannot be read or fetched, kRefused if
+/// it is too long.
 Source readSource(const std::string& name);
 
 }  // namespace client::pvd

@@ -1,4 +1,5 @@
-// proxymanagerctl relay: makes proxymanager-relay the proxy of programs that read a fixed one.
+// proxymanagerctl relay: makes proxymanager-relay the proxy of programs that read a fixed proxy
+// setting.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -7,7 +8,7 @@
 
 namespace client {
 
-/// Adds the command to `program`; running it sets `action`.
+/// Adds the command to `program`. Parsing the command sets `action`.
 void addRelayCommand(CLI::App& program, Action& action);
 
 }  // namespace client

@@ -1,6 +1,6 @@
-// The snippets that make proxymanager-relay the proxy of programs which read a fixed one: links in
-// the folders of /etc to the files that the relay's package installs. A link that is left behind
-// after the package leads nowhere and sets nothing.
+// The snippets that make proxymanager-relay the proxy of programs that read a fixed proxy setting.
+// A snippet is a link in a folder of /etc to a file that the relay's package installs. If the
+// package is removed but the link stays, the link leads to no file and sets nothing.
 #pragma once
 
 #include <string>
@@ -11,8 +11,9 @@ namespace client {
 /// The links that are in place, in a fixed order.
 std::vector<std::string> relayLinks();
 
-/// Makes the links, in those folders that exist. All or none. @return the links that are in place
-/// @throws Failure (kOutput) if a file of another kind stands in the place of one, if the
+/// Makes the links in those folders that exist. If one link fails, it makes none.
+/// @return the links that are in place
+/// @throws Failure (kOutput) if a file of another kind stands in the place of a link, if the
 ///         snippets are not installed, or if a link cannot be made
 std::vector<std::string> putRelayLinks();
 

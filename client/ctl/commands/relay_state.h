@@ -23,7 +23,7 @@ bool isRelayDefault();
 /// Looks at the snippets, and asks systemd over `bus`. An answer takes `limit` at most.
 RelayState lookAtRelay(sd_bus* bus, std::chrono::microseconds limit);
 
-/// The row of the table.
+/// The row for the table of "proxymanagerctl status".
 Row relayRow(const RelayState& state);
 
 /// An object: default, installed, enabled, active.

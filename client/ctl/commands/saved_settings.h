@@ -12,13 +12,13 @@ namespace client {
 
 /// Where the settings service looks for the administrator's files.
 inline constexpr char kSettingsFolder[] = "/etc/proxymanager/settings.d";
-/// The files that --save writes and "settings reset" removes. A password file can have a number at
-/// its end (".1"). The number in the name is high, so
-/// that saved settings overrule most other files. A device can have files with a higher number.
+/// The files that --save writes and "settings reset" removes. The name of a password file can end
+/// in a number (".1"). The number 90 is high, so that saved settings overrule most other files. A
+/// device can have files with a higher number.
 inline constexpr char kSavedName[] = "90-saved.conf";
 inline constexpr char kSavedPasswordName[] = "90-saved.password";
-/// Two programs that save at once would remove each other's password. So the files change only
-/// under this lock, which a program holds for some fsync calls.
+/// Two programs that save at the same time would remove each other's password. So a program changes
+/// the files only while it holds this lock. It holds the lock for a few fsync calls.
 inline constexpr char kSaveLock[] = "/run/proxymanagerctl-save.lock";
 inline constexpr std::chrono::seconds kSaveLockLimit{10};
 /// The group of the settings service. Only root and members of this group can read the files.
@@ -35,13 +35,11 @@ std::string savedTextProblem(const std::string& text, bool isUrl);
 std::string settingsText(const Configuration& configuration, const std::string& passwordFile);
 
 /// Writes both files, each atomically, with mode 0640 and the settings service's group (root's if
-/// there is no such group). Each password gets a file of its own, so that after a failure or a
-/// power cut the old settings and the old password are complete. Removes the old password file
-/// last.
-/// @return the settings file
-/// Removes what an interrupted call has left.
-/// Throws Failure: kDenied without write permission there, kOutput if the disk fails or if another
-/// program has held the lock for kSaveLockLimit.
+/// there is no such group). Each password gets a file of its own, so that the old settings and the
+/// old password are complete after a failure or a power cut. Removes the old password file last.
+/// Also removes what an interrupted call has left.
+/// @return the settings file Throws Failure: kDenied if this user may not write there, kOutput if
+/// the disk fails or if another program has held the lock for kSaveLockLimit.
 std::string saveSettings(const Configuration& configuration);
 
 /// Removes all these files. @return whether there was one. Throws Failure (kDenied, kOutput).

@@ -15,7 +15,7 @@
 
 namespace client {
 
-/// The exit statuses that every command can have which loads a script.
+/// The exit statuses of every command that loads a script.
 inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUsage, kNoInput,
                                                                    kOutput};
 
@@ -31,8 +31,9 @@ std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engi
 /// The failure that ends a command because its script `file` is refused.
 Failure refusal(const std::string& file, const pac_engine::Problem& problem);
 
-/// Asks the script for the canonical form of `url`, as programs do. The second argument is
-/// `givenHost`, if set, else the host that the daemon finds in that form.
+/// Asks the script about the canonical form of `url`. Programs ask the daemon about the same form.
+/// The script's second argument is `givenHost` if it is set, else the host that the daemon finds in
+/// the canonical form.
 ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
                         const std::optional<std::string>& givenHost,
                         Alerts alerts = Alerts::kShown);

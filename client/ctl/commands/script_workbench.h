@@ -1,7 +1,7 @@
 // The workbench of PAC scripts for commands: a sandboxed process that parses a script, and its
 // reports.
 //
-// Each function throws Failure (kRefused) with a line that names the file if there is no report.
+// If there is no report, each function throws Failure (kRefused) with a line that names the file.
 #pragma once
 
 #include <memory>
@@ -19,9 +19,9 @@ namespace client {
 /// @param file the name of the script in messages
 std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const std::string& file);
 
-/// Runs `command` in the parser. The file of this name in engine/worker/workbench/ describes its
-/// argument and its report. If the parser rejects a script that the engine accepts, this is a
-/// Failure, too.
+/// Runs `command` in the parser. Each command has a file in engine/worker/workbench/, which
+/// describes its argument and its report. If the parser rejects a script that the engine accepts,
+/// this is a Failure, too.
 nlohmann::json askParser(pac_engine::Engine& parser, std::string_view command,
                          const nlohmann::json& argument, const std::string& file);
 

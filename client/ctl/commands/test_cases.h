@@ -18,8 +18,8 @@
 
 namespace client {
 
-/// Maximum number of cases of a file. Each costs 0.2 ms, or 10 ms if its environment differs from
-/// the last one.
+/// Maximum number of cases of a file. A case takes 0.2 ms, or 10 ms if its environment differs from
+/// that of the previous case.
 inline constexpr std::size_t kMaxTestCases = 10'000;
 
 /// The texts for "no answer" and for "an answer without entries" in a file of cases.
@@ -35,9 +35,10 @@ struct TestCase {
 };
 
 /// The cases of `text`. `base` is the environment of the command line. The lines of the file refine
-/// it: an option replaces the same option of the outer level, and --resolve replaces the same name.
-/// Throws Failure (kBadData), with `name` and the line, for a line that cannot be parsed, for more
-/// than kMaxTestCases, and if there is no case: a test of nothing must not pass.
+/// it: an option replaces the same option of the command line or of the lines before, and --resolve
+/// replaces only the same name. Throws Failure (kBadData), with `name` and the line, for a line
+/// that cannot be parsed, for more than kMaxTestCases cases, and if there is no case: a test of
+/// nothing must not pass.
 std::vector<TestCase> parseTestCases(std::string_view text, const std::string& name,
                                      const SimulatedEnvironment& base);
 

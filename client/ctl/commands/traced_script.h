@@ -1,6 +1,6 @@
 // A PAC script that runs twice for each URL: instrumented, to record its steps, and unchanged. So
-// the command detects an answer that the instrumentation has changed, and does not explain it as
-// the script's own answer.
+// the command detects when the instrumentation has changed the answer, and does not explain the
+// changed answer as the script's own.
 #pragma once
 
 #include <chrono>
@@ -28,10 +28,11 @@ struct TracedAnswer {
 };
 
 struct TraceOptions {
-  /// Record no event but the values of returns, and count all. The traces of a large script for
-  /// hundreds of URLs would take minutes otherwise.
+  /// Record only the values of returns as events, but count everything. Otherwise, the traces of a
+  /// large script for hundreds of URLs would take minutes.
   bool returnsOnly = false;
-  /// Nobody asked for the URLs: look no name up, and show no alert.
+  /// The URLs are made from the script, and do not come from the user: look up no name, and show no
+  /// alert.
   bool forMadeUrls = false;
 };
 
@@ -41,7 +42,7 @@ class TracedScript {
   TracedScript(std::string_view script, const std::string& file, const pac_engine::Options& options,
                TraceOptions tracing = {});
 
-  /// The same script for URLs that nobody asked for.
+  /// The same script for URLs that are made from the script, and do not come from the user.
   TracedScript forMadeUrls() const;
 
   /// Asks both scripts. If the tracing worker has ended, it is started again. The trace is then

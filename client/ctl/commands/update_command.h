@@ -7,7 +7,7 @@
 
 namespace client {
 
-/// Adds the commands to `program`; running one sets `action`.
+/// Adds the commands to `program`. Parsing one of them sets `action`.
 void addUpdateCommands(CLI::App& program, Action& action);
 
 }  // namespace client

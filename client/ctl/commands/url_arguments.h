@@ -31,7 +31,8 @@ void addUrls(CLI::App& command, UrlArguments& arguments);
 /// The same for a command that also accepts the access log of a proxy (terminal/logged_url.h).
 void addUrlsOrLog(CLI::App& command, UrlArguments& arguments);
 
-/// Adds -u, the option for a URL in other testers of scripts. Call it after addUrls().
+/// Adds -u. Other programs that test scripts have this option for a URL. Call this function after
+/// addUrls().
 void addUrlOption(CLI::App& command, UrlArguments& arguments);
 
 /// Collects all URLs in the order of the command line. Call it after `command` has been parsed.

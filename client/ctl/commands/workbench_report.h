@@ -26,7 +26,8 @@ struct Place {
   bool is(char letter) const { return kind.find(letter) != std::string::npos; }
 };
 
-/// The source of the return at `place`. A return without a value has its own source in the place.
+/// The source of the return at `place`. If the return has no value, the source of the place is the
+/// whole statement.
 std::string shownReturn(const Place& place);
 
 struct ScriptFunction {
@@ -64,19 +65,21 @@ struct TracedCall {
   std::string name;
   std::vector<std::string> arguments;  ///< in JavaScript syntax
   std::optional<std::string> result;   ///< nothing if the call threw
-  std::int64_t microseconds = 0;       ///< with the calls that it made
+  std::int64_t microseconds = 0;       ///< includes the calls that it made
   std::vector<TracedLookup> lookups;
 };
 
 /// A value or a call. Events are in the order in which their results were known.
 struct TracedEvent {
-  std::optional<std::size_t> place;  ///< of a call, if the script names the helper there
-  std::string value;                 ///< in JavaScript syntax; empty for a call
+  /// The place of a value. A call has one only if the script names the helper there.
+  std::optional<std::size_t> place;
+  std::string value;  ///< in JavaScript syntax; empty for a call
   bool truthy = false;
-  /// Of the test of a case: whether the case was entered for it. Nothing if the record ends here.
+  /// For the test of a case: whether the case was entered after this test. Nothing if the record
+  /// ends here.
   std::optional<bool> matches;
   std::optional<TracedCall> call;
-  bool isAfterOthers = false;  ///< events right before it are not in the report
+  bool isAfterOthers = false;  ///< the events directly before this one are not in the report
 };
 
 /// How often a place was reached, and how often it was true or false.
@@ -90,7 +93,7 @@ struct PlaceCount {
 struct Trace {
   std::vector<TracedEvent> events;
   std::vector<PlaceCount> counts;
-  bool cut = false;      ///< more events than a report can hold
+  bool cut = false;      ///< there were more events than a report can hold
   bool ownText = false;  ///< the script has read the text of a function
   /// Calls of helpers by the script, and their time. They are counted even if the events are cut.
   std::uint64_t helperCalls = 0;

@@ -12,24 +12,24 @@
 namespace client {
 
 struct AnswerOptions {
-  /// Ask the daemon about this machine, too (domain/local_host.h).
+  /// Ask the daemon about URLs of this machine, too (domain/local_host.h).
   bool askLocal = false;
   /// Whether the configured user name and password are added to a manual proxy's URL. This needs a
   /// user who may read the configuration, and a URL without a user name.
   bool withCredentials = false;
-  /// Put them also into a script's answer, but only for proxies on these hosts: a script could name
-  /// any host.
+  /// The hosts of proxies in a script's answer to which these credentials are added, too. A script
+  /// could name any host, so other hosts do not get them.
   std::vector<std::string> credentialHosts;
 };
 
 class Answers {
  public:
-  /// @param limit of each call
+  /// @param limit the time limit of each call
   Answers(std::chrono::microseconds limit, AnswerOptions options)
       : mLimit(limit), mOptions(std::move(options)) {}
 
-  /// The answer for `url`. The question contains the canonical form of `url`. Connects to the bus
-  /// when this is first needed. Throws Failure.
+  /// The answer for `url`. The question contains the canonical form of `url`. The function connects
+  /// to the bus when it first needs the bus. Throws Failure.
   ProxyAnswer ask(const std::string& url);
 
  private:

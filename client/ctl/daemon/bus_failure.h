@@ -9,7 +9,7 @@
 
 namespace client {
 
-/// A call as messages speak of it.
+/// The facts about a call that messages need.
 struct CallKind {
   const char* purpose;  ///< follows "not allowed to"
   bool changes;         ///< the daemon may still carry out the call after the time limit
@@ -20,7 +20,7 @@ struct CallKind {
 Failure failedCall(const CallKind& call, std::string_view name, std::string_view text,
                    std::chrono::microseconds limit);
 
-/// The same for a question of the settings service.
+/// The same for a question to the settings service.
 Failure failedSettingsCall(std::string_view name, std::string_view text,
                            std::chrono::microseconds limit);
 
@@ -33,7 +33,7 @@ Failure failedConnection(std::string_view address, int error);
 /// The connection ended while it was used.
 Failure lostConnection();
 
-/// The daemon's answer was that it has no service any more.
+/// The daemon is ending: it answered, but has no service any more.
 Failure endingDaemon();
 
 /// The reply does not have the form of the interface.

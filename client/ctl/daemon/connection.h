@@ -14,8 +14,8 @@ struct Connection {
   std::string problem;    ///< in a few words; empty if the connection is made
 };
 
-/// Connects to `host`, a name or an address with or without brackets, within `limit`, the lookup of
-/// the name included. Its addresses are tried one after the other.
+/// Connects to `host`, which is a name or an address, with or without brackets. The addresses of a
+/// name are tried one after the other. `limit` includes the lookup of the name.
 Connection connectTo(const std::string& host, std::uint16_t port, std::chrono::milliseconds limit);
 
 /// Sends `request`. @return the first line of the answer, without the line end, at most 1 KiB. If

@@ -1,6 +1,6 @@
 // Calls of the daemon over the system message bus.
 //
-// One connection, made when it is first needed, for one thread. Every call has a time limit. Every
+// One object has one connection, and only one thread may use it. Every call has a time limit. Every
 // error is a Failure whose text advises what to do (client/ctl/daemon/bus_failure.h).
 #pragma once
 
@@ -49,8 +49,9 @@ using BusHandle = std::unique_ptr<sd_bus, BusCloser>;
 using Message = std::unique_ptr<sd_bus_message, MessageCloser>;
 using Slot = std::unique_ptr<sd_bus_slot, SlotCloser>;
 
-/// Connects to the bus in DBUS_SYSTEM_BUS_ADDRESS, else to the system's, within `limit`, which
-/// counts as kLeastBusLimit at least and as kBusLimit at most. Throws Failure if there is none.
+/// Connects to the bus at DBUS_SYSTEM_BUS_ADDRESS, or to the system's bus if this variable is not
+/// set. The time limit is `limit`, but at least kLeastBusLimit and at most kBusLimit. Throws
+/// Failure if there is no bus.
 BusHandle openSystemBus(std::chrono::microseconds limit = kBusLimit);
 
 class DaemonBus {
@@ -60,7 +61,8 @@ class DaemonBus {
   using Listener = std::function<void(sd_bus_message*)>;
 
   /// Connects as openSystemBus() does.
-  /// @param limit of each call; the one of the bus itself is as for openSystemBus()
+  /// @param limit the time limit of each call; openSystemBus() describes the limit of the
+  /// connection
   explicit DaemonBus(Limit limit);
   DaemonBus(const DaemonBus&) = delete;
   DaemonBus& operator=(const DaemonBus&) = delete;
@@ -74,7 +76,7 @@ class DaemonBus {
   /// The daemon's methods. `checkStarted` returns the daemon's answer, which is true while the
   /// daemon works.
   bool checkStarted();
-  /// The answer for `url`, which isBusText().
+  /// The answer for `url`. isBusText(url) must be true.
   ProxyAnswer ask(const std::string& url);
   Configuration configuration();
   /// `configuration.enableauth` is "y" or "n". @return the daemon's result, 0
@@ -96,8 +98,8 @@ class DaemonBus {
   /// accepted the rule.
   void listen(const std::string& rule, Listener listener);
 
-  /// Handles arriving messages until `done` returns true or `limit` is over. @return whether it is
-  /// done
+  /// Handles arriving messages until `done` returns true or `limit` is over. @return whether `done`
+  /// returned true
   bool waitFor(const std::function<bool()>& done, Limit limit);
 
   /// Handles arriving messages until `descriptor` can be read, without a time limit.
@@ -124,10 +126,11 @@ class DaemonBus {
   std::vector<std::unique_ptr<Listening>> mListening;
 };
 
-/// The rule for a signal of the daemon's interface; for all of them without `member`.
+/// The match rule for the signal `member` of the daemon's interface. If `member` is null, the rule
+/// is for all its signals.
 std::string signalRule(const char* member);
 
-/// The rule for the signal that the daemon starts or ends.
+/// The match rule for the bus's signal about a start or an end of the daemon.
 std::string ownerRule();
 
 }  // namespace client

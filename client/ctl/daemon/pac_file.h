@@ -29,8 +29,9 @@ struct PacFileState {
 PacFileState lookAtPacFile(const char* path);
 
 /// Whether the daemon `process` has fetched `file` since its start. An earlier daemon may have left
-/// the file, and the daemon does not load it then.
-/// @param reported to systemd by that daemon; without it the start of the process decides
+/// the file. The daemon does not load such a file.
+/// @param reported the daemon's last report to systemd; without a report, the start of the process
+/// decides
 bool isFetchedBy(std::int64_t process, const PacFile& file,
                  const std::optional<base::DaemonStatus>& reported);
 

@@ -1,7 +1,7 @@
 // The output of the commands: results on standard output, for people or as JSON, and error messages
-// on standard error. Control characters in texts from outside never reach a terminal. All output is
-// flushed at once, so that no alert of a script overtakes it. If that fails, each function throws
-// Failure (kOutput).
+// on standard error. Control characters in texts from outside never reach a terminal. Each function
+// flushes its output at once, so that no alert of a script appears before earlier output. If the
+// output fails, each function throws Failure (kOutput).
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
@@ -25,16 +25,18 @@ struct Row {
 /// NO_COLOR is not set.
 bool isColoured();
 
-/// Prints `title` and below it the rows, indented, their values one below the other.
+/// Prints `title`, and below it the rows. The rows are indented, and their values begin in the same
+/// column.
 void printBlock(std::string_view title, std::span<const Row> rows);
 
 /// Prints `time`, then `name` in a column of `width`, and then `value`.
 void printEvent(std::string_view time, const Row& event, int width);
 
-/// Prints `line` for a program to read, with the control characters made visible, and a line end.
+/// Prints `line` and a line end, for another program. Control characters are made visible.
 void printLine(std::string_view line);
 
-/// Prints lines unchanged. Texts from outside in them must have been checked before.
+/// Prints lines unchanged. If they contain texts from outside, the caller must have checked these
+/// texts.
 void printText(std::string_view lines);
 
 /// Prints `value`, indented, and a line end. It escapes everything except printable ASCII. Bytes

@@ -42,10 +42,10 @@ std::string passwordPrompt(const std::string& user);
 Secret askPassword(const std::string& user);
 
 /// Reads the only line of the file `name`, or of standard input for "-", without its line end.
-/// `what` is its name in messages. If standard input is a terminal, the function prints `prompt`,
-/// and the terminal does not show the input. Throws Failure: kNoInput if the file cannot be read;
-/// kBadData if the file has no line or several lines, more than kMaxSecretBytes, or bytes that are
-/// not UTF-8; for a terminal, the same as askPassword().
+/// `what` is the name of the text in messages. If standard input is a terminal, the function prints
+/// `prompt`, and the terminal does not show the input. Throws Failure: kNoInput if the file cannot
+/// be read; kBadData if the file has no line, several lines, more than kMaxSecretBytes, or bytes
+/// that are not UTF-8. For a terminal, it throws the same as askPassword().
 Secret readLine(const std::string& name, const char* what, const std::string& prompt);
 
 }  // namespace client

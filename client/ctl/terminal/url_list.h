@@ -11,20 +11,20 @@ namespace client {
 /// minutes for these.
 inline constexpr std::size_t kMaxListBytes = 1U << 20U;
 
-/// The bytes of the file `name`, or of standard input for "-". Throws Failure: kNoInput if it
+/// The bytes of the file `name`, or of standard input for "-". Throws Failure: kNoInput if the file
 /// cannot be read or is longer than kMaxListBytes.
 std::string readListFile(const std::string& name);
 
-/// The URLs of the file `name`, or of standard input for "-": one a line, without blanks around it.
-/// Empty lines and those that begin with "#" are skipped. Throws Failure: kNoInput if the file
-/// cannot be read or is longer than kMaxListBytes.
+/// The URLs of the file `name`, or of standard input for "-". Each line has one URL; blanks around
+/// the URL are removed. Empty lines and those that begin with "#" are skipped. Throws Failure:
+/// kNoInput if the file cannot be read or is longer than kMaxListBytes.
 std::vector<std::string> readUrls(const std::string& name);
 
 /// Longest access log, in bytes: a few hundred thousand requests.
 inline constexpr std::size_t kMaxLogBytes = 64U << 20U;
 
 /// The URLs of the list or the access log `name` (logged_url.h), or of standard input for "-".
-/// Throws Failure: kNoInput if it cannot be read or is longer than kMaxLogBytes.
+/// Throws Failure: kNoInput if the file cannot be read or is longer than kMaxLogBytes.
 std::vector<std::string> readLoggedUrls(const std::string& name);
 
 }  // namespace client

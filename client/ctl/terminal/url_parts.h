@@ -10,10 +10,11 @@
 namespace client {
 
 /// The scheme before the first ":". It begins with a letter, and has only letters, digits, "+", "."
-/// and "-". Empty if there is none. In "host:80", the host looks like a scheme, too.
+/// and "-". Empty if there is none. In "host:80", the host looks like a scheme, so the function
+/// returns "host".
 std::string_view schemeOf(std::string_view url);
 
-/// The position at which the authority of `url` begins: after "SCHEME://", else 0.
+/// The position at which the authority of `url` begins: after "SCHEME://", or 0 without a scheme.
 std::size_t authorityBegin(std::string_view url);
 
 /// The canonical form of `url`, or `url` if it has none.

@@ -1,5 +1,5 @@
-// The workbench in the role of a parser. It never runs the script: it treats it as text, and runs
-// only our own scripts.
+// The workbench in the role of a parser. The parser runs only our own scripts. It never runs the
+// script under test, which is only a text here.
 #pragma once
 
 #include <chrono>
@@ -17,9 +17,9 @@ namespace pac_worker {
 /// heap. The deepest nesting that the engine allows takes a few MiB of the stack.
 inline constexpr std::size_t kParserHeapBytes = 256U << 20U;
 inline constexpr std::size_t kParserStackBytes = 16U << 20U;
-/// Memory and stack of the process. The memory is twice the heap (a block of the heap grows by a
-/// copy) and the program. The stack has a rest beyond the engine's share, so that the engine can
-/// report that its share is used up.
+/// Memory and stack of the process. The memory is enough for the program and for twice the heap,
+/// because a block of the heap grows by a copy. The stack is larger than the engine's share of it,
+/// so that the engine can report that its share is used up.
 inline constexpr MemoryWalls kParserWalls{576UL << 20U, 24UL << 20U};
 
 /// Every call ends the process if the library is gone or breaks the protocol.

@@ -1,12 +1,14 @@
-// The workbench in the role of a tracer. It runs an instrumented script, and records what the
-// script reports and each call of a helper.
+// The workbench in the role of a tracer. It runs an instrumented script. It records what the script
+// reports, and each call of a helper.
 //
-// An instrumented script calls one function, the hook: hook(N) before statement N, hook(N, value)
-// around expression N, which returns the value unchanged, hook(N, value, 1) if it is the value of a
-// return, and hook(N, 0, 0, K) if case N is entered, whose test is expression K. The comment at the
-// start of the script names the hook. The hook is a constant in the script's global scope and no
-// property of the global object, so a script that lists its globals does not see it. Helpers keep
-// their names and lengths, so a script sees no difference.
+// An instrumented script calls one function, the hook:
+// - hook(N) before statement N;
+// - hook(N, value) around expression N; the hook returns the value unchanged;
+// - hook(N, value, 1) around expression N if it is the value of a return;
+// - hook(N, 0, 0, K) when case N is entered; expression K is the test of this case.
+// The comment at the start of the script names the hook. The hook is a constant in the script's
+// global scope. It is not a property of the global object, so a script that lists its globals does
+// not see it. Helpers keep their names and lengths, so a script sees no difference.
 #pragma once
 
 #include <chrono>
@@ -38,8 +40,8 @@ class Tracer : public Extension, private PacEnvironment {
   PacEnvironment& around(PacEnvironment& device) override;
   /// The command "trace" returns JSON: what was recorded since the last report. "helpers" in it has
   /// the number of helper calls, and the nanoseconds that the script waited for them. After the
-  /// argument "returns", only the values of returns are recorded, and all is counted: a list of
-  /// URLs then takes a tenth of the time.
+  /// argument "returns", the tracer records only the values of returns, but still counts
+  /// everything. A list of URLs then takes a tenth of the time.
   Reply report(std::string_view command, std::string_view argument) override;
 
   /// The engine's functions for this tracer.
@@ -62,7 +64,7 @@ class Tracer : public Extension, private PacEnvironment {
   void alert(std::string_view text) override { mDevice->alert(text); }
 
   Counts* countsOf(std::uint32_t place);
-  /// What is recorded as events. All is counted.
+  /// What is recorded as events. Everything is counted, even if it is not recorded.
   enum class Detail { kNothing, kReturns, kEverything };
 
   bool records(Detail least) const { return !mCut && mDetail >= least; }
