@@ -20,15 +20,16 @@ namespace {
 
 /// The kernel's messages have up to 8 KiB if the reader asks for no more.
 constexpr std::size_t kMessageBytes = 16U << 10U;
-/// The kernel answers at once; the limit is for a kernel that does not.
+/// The kernel answers immediately. The limit is for a kernel that does not answer.
 constexpr timeval kRoutesLimit{1, 0};
-/// A list that changed while the kernel wrote it is requested again, so many times in all. After
-/// that, the change itself causes the next reading.
+/// How often a list is requested at most, if it changes while the kernel writes it. After that, the
+/// change itself causes the next reading.
 constexpr int kMaxLists = 3;
 
 enum class List { kWhole, kChanged, kFailed };
 
-/// A structure at the begin of `bytes`. If they are too short, the rest is 0.
+/// The structure at the beginning of `bytes`. If there are too few bytes, the rest of the structure
+/// is 0.
 template <typename Structure>
 Structure headOf(std::string_view bytes) {
   Structure head{};
@@ -36,8 +37,8 @@ Structure headOf(std::string_view bytes) {
   return head;
 }
 
-/// Takes the first entry off a list in which each entry begins with its length, and is padded to
-/// four bytes. Empty at the end, and if the length cannot be true.
+/// Removes the first entry from a list and returns it. Each entry begins with its length, and is
+/// padded to four bytes. Empty at the end of the list, or if the length is impossible.
 std::string_view takeEntry(std::string_view& list, std::size_t length, std::size_t leastLength) {
   if (length < leastLength || length > list.size()) return {};
   const auto entry = list.substr(0, length);
@@ -55,7 +56,7 @@ void forAttributes(std::string_view list, EachAttribute eachAttribute) {
   }
 }
 
-/// One way of a route.
+/// One next hop of a route.
 struct Hop {
   int interface = 0;
   unsigned flags = 0;
@@ -67,13 +68,13 @@ struct Hop {
   }
 };
 
-// The kernel marks a next hop as dead if its link is down. A link without a carrier is marked so
-// only if the kernel is configured to avoid it.
+// The kernel marks a next hop as dead if its link is down. If a link has no carrier, the next hop
+// is marked only if the kernel is configured to avoid such links.
 void add(DefaultRoutes& routes, const Hop& hop, std::uint32_t metric) {
   std::array<char, IF_NAMESIZE> name{};
   if ((hop.flags & RTNH_F_DEAD) != 0) return;
   if (if_indextoname(static_cast<unsigned>(hop.interface), name.data()) == nullptr)
-    return;  // it has just gone
+    return;  // the interface has just disappeared
   const auto [route, isNew] = routes.emplace(name.data(), DefaultRoute{metric, {}});
   route->second.metric = std::min(route->second.metric, metric);
   route->second.gateways.append(hop.gateway).append(" ");
@@ -180,7 +181,7 @@ base::UniqueFd openRouteSocket() {
   return openSocket(SOCK_RAW | SOCK_NONBLOCK, RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE);
 }
 
-// An overflow (ENOBUFS) also means that something has changed.
+// An overflow (ENOBUFS) is no error: it also means that something has changed.
 void drainRouteSocket(int socket) {
   std::array<char, 4096> buffer;
   for (int messages = 0; messages < 1000; messages++) {

@@ -54,7 +54,7 @@ bool FileWatch::set(const std::vector<Place>& places) {
     sd_event_source* source = nullptr;
     const int added =
         sd_event_add_inotify(mEvent, &source, place.folder.c_str(), kMask, onEvent, entry.get());
-    if (added < 0) continue;  // no such folder, or memory is exhausted: then SIGHUP helps
+    if (added < 0) continue;  // no such folder, or no memory is left; after that, SIGHUP helps
     entry->source.reset(source);
     isNew = isNew || std::none_of(mWatched.begin(), mWatched.end(), [&](const auto& old) {
               return old->place == place && old->folder == entry->folder;

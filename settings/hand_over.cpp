@@ -12,7 +12,7 @@ namespace settings {
 
 namespace {
 
-/// By the clock that file times use.
+/// The present time, by the clock that file times use.
 timespec fileTime() {
   timespec now{};
   clock_gettime(CLOCK_REALTIME_COARSE, &now);
@@ -87,7 +87,7 @@ void HandOver::daemonVanished() {
   mIsNetworkPause = false;
 }
 
-// A route that changes again and again must not postpone the retry without end.
+// A route that changes again and again must not postpone the retry forever.
 void HandOver::networkChanged() {
   if (!mDaemon.isThere() || !usesScript() || !mHandedOver) return;
   mScriptRetry = 0;
@@ -189,8 +189,8 @@ bool HandOver::keeps(Due due, const Configuration& daemons) {
     return true;
   }
   if (due != Due::kIfDifferent || daemons != *mWanted) return false;
-  // If another program set this configuration, nobody knows whether its script has arrived: only a
-  // hand-over of this service has a time that the script's time can be compared with.
+  // If another program set this configuration, nobody knows whether its script has arrived: the
+  // script's time can be compared only with the time of a hand-over of this service.
   if (usesScript() && mHandedOver != mWanted) return false;
   // From now on, the service treats this configuration as its own, even if another program set it.
   if (mHandedOver != daemons) noteHandedOver(daemons);
@@ -205,7 +205,8 @@ void HandOver::noteHandedOver(const Configuration& configuration) {
 void HandOver::handOver() {
   if (mIsCalling) return;
   mIsCalling = true;
-  // After a script that has arrived, the pauses begin again. A refresh may find it gone.
+  // If the script has arrived, the pauses begin again, because a refresh may find that the script
+  // is gone.
   if (isScriptNewer(mPacFile, mScriptSince)) mScriptRetry = 0;
   const Configuration configuration = *mWanted;
   const timespec before = fileTime();
@@ -215,7 +216,7 @@ void HandOver::handOver() {
     mIsCalling = false;
     if (problem.empty()) {
       // While the call waited, the daemon may have stored the script of the previous configuration.
-      // If the configuration is new, a script that is faster than the reply costs one retry.
+      // If the configuration is new and its script arrives before the reply, this costs one retry.
       mScriptSince = mHandedOver == configuration ? before : fileTime();
       noteHandedOver(configuration);
     }

@@ -1,4 +1,4 @@
-// proxymanager-settings: stores the proxy configuration, because the daemon does not.
+// proxymanager-settings: stores the proxy configuration, because the daemon does not store it.
 #include <getopt.h>
 #include <grp.h>
 #include <malloc.h>
@@ -49,8 +49,9 @@ constexpr char kUsage[] =
     "SIGHUP reads the settings again. See proxymanager-settings(8) and settings.conf(5).\n";
 
 constexpr int kUsageError = 2;
-/// Blocks of this size or more return to the system when they are freed. By default, glibc raises
-/// the size after the first long script, and then keeps the memory of every long script.
+/// When a block of memory of at least this size is freed, it returns to the system. By default,
+/// glibc raises this limit after the first long script, and then keeps the memory of every long
+/// script.
 constexpr int kReturnedBytes = 64 * 1024;
 
 [[noreturn]] void usageError(const char* text) {
@@ -104,8 +105,8 @@ Options parse(int argc, char** argv) {
   return options;
 }
 
-/// The socket that systemd passes, which stays open while the service restarts. Without it, one of
-/// our own.
+/// The socket that systemd passes, which stays open while the service restarts. If systemd passes
+/// none, the service opens a socket itself.
 base::UniqueFd scriptSocket(std::uint16_t port) {
   if (sd_listen_fds(1) > 0) return base::UniqueFd(SD_LISTEN_FDS_START);
   try {

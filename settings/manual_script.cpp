@@ -74,8 +74,8 @@ std::string answerFor(std::span<const ManualServer> servers, Scheme own) {
   return answer;
 }
 
-/// A JavaScript string literal of any bytes. The host of a question has only ASCII, so the literal
-/// escapes each other byte by itself.
+/// A JavaScript string literal of any bytes. The host of a question has only ASCII characters, so
+/// each byte that is not ASCII is escaped as one character.
 std::string literal(std::string_view text) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string quoted = "\"";
@@ -102,7 +102,7 @@ std::string lower(std::string_view text) {
   return result;
 }
 
-/// The condition with which `rule` excludes a host. Nothing if the rule is empty.
+/// The condition under which `rule` excludes a host. Nothing if the rule is empty.
 std::optional<std::string> hostCondition(std::string_view rule) {
   const bool open = rule.starts_with('*');
   if (open) rule.remove_prefix(1);
@@ -173,7 +173,7 @@ std::string manualScript(const std::vector<ManualServer>& servers,
       "// Made by proxymanager-settings of what the network manager sets.\n"
       "function FindProxyForURL(url, host) {\n"
       "  var s = url.slice(0, url.indexOf(\":\")).toLowerCase();\n"
-      // The daemon's host of "http://[2001:db8::1]/" is "[2001".
+      // For "http://[2001:db8::1]/", the daemon passes the host "[2001".
       "  var m = /^[^:]*:\\/\\/(?:[^\\/?#]*@)?\\[([^\\]]*)\\]/.exec(url);\n"
       "  var h = (m ? m[1] : host).toLowerCase();\n";
   for (const auto& exclude : excludes) {

@@ -112,7 +112,8 @@ const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& 
     if (!configuration.isUsable || (configuration.isDirect && !directCounts)) continue;
     if (!configuration.script.empty() && !scriptsCount) continue;
     const auto rank = rankOf(configuration, routes);
-    // The map is sorted from old to new, so of equal ranks the later one is newer.
+    // The map is sorted from old to new. So if two ranks are equal, the later configuration is the
+    // newer one.
     if (!rank || (best != nullptr && *rank > bestRank)) continue;
     best = &configuration;
     bestRank = *rank;

@@ -172,7 +172,7 @@ int PacRunner::onSenderGone(sd_bus_track* track, void* self) {
   return 0;
 }
 
-// After the reply, because an error here is not the caller's fault.
+// Called after the reply, because an error here is not the caller's fault.
 void PacRunner::notifyChange() {
   guarded(sd_bus_get_event(mBus), mChanged);
 }
@@ -245,11 +245,12 @@ int PacRunner::find(sd_bus_message* call, sd_bus_error* error) {
   if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", "DIRECT");
   const std::string caller = sd_bus_message_get_sender(call);
   const uid_t user = userOf(call);
-  // No "DIRECT": that would be a wrong answer if every request must go through a proxy.
+  // The answer is not "DIRECT", because this would be wrong if every request must go through a
+  // proxy.
   if (!mQuestions.hasRoom(caller, user)) {
     return sd_bus_error_set(error, kFailed, "too many questions wait");
   }
-  // Shared, because std::function copies what the callback captures.
+  // The pointer is shared, because std::function copies what the callback captures.
   const auto kept = std::make_shared<BusMessage>(sd_bus_message_ref(call));
   mQuestions.add(
       {caller, user, [this, kept, caller] { ask(kept, caller); },
@@ -259,7 +260,8 @@ int PacRunner::find(sd_bus_message* call, sd_bus_error* error) {
   return 1;
 }
 
-/// The user of the connection that sent `call`. Only the bus knows, and it answers at once.
+/// The user of the connection that sent `call`. Only the bus knows the user, and it answers
+/// immediately.
 uid_t PacRunner::userOf(sd_bus_message* call) const {
   if (const auto known = mQuestions.userOf(sd_bus_message_get_sender(call))) return *known;
   sd_bus_creds* creds = nullptr;
@@ -281,8 +283,8 @@ void PacRunner::ask(const std::shared_ptr<BusMessage>& call, const std::string& 
   });
 }
 
-// The first text of the daemon's answer is the mode. In mode manual the second is a URL. But
-// callers understand only entries that a script returns.
+// The first text of the daemon's answer is the mode. In mode manual, the second text is a URL. But
+// callers understand only entries in the form that a script returns.
 std::string PacRunner::proxyText(const std::optional<std::vector<std::string>>& answer) const {
   if (!answer || answer->size() < 2) return "DIRECT";
   std::string joined;

@@ -109,8 +109,8 @@ int ScriptServer::onConnection(sd_event_source* source, int, std::uint32_t, void
                  [self] { static_cast<ScriptServer*>(self)->accept(); });
 }
 
-// Accepts one connection in each turn of the loop. So open connections are served before a new one
-// can end the oldest.
+// Accepts one connection in each turn of the loop. So the loop serves the open connections before a
+// new connection can end the oldest one.
 void ScriptServer::accept() {
   base::UniqueFd accepted(
       accept4(mListening.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));

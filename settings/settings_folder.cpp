@@ -69,8 +69,8 @@ std::vector<std::string> confFiles(const std::string& folder, FolderSettings& re
   return names;
 }
 
-/// A program that overwrites a file in place may be half finished, so two readings must be equal.
-/// The file's time is too coarse to show such a change.
+/// A program may be overwriting the file at this moment, so two readings must be equal. The file's
+/// time is too coarse to show such a change.
 std::optional<std::string> readWhole(const base::OpenFile& file, std::size_t mostBytes,
                                      std::string& problem) {
   base::FileText content = base::readToEnd(file.fd.get(), mostBytes);
@@ -94,7 +94,7 @@ bool hasUser(const std::string& pacUrl) {
          std::string::npos;
 }
 
-/// Checks that other users cannot read a file that contains a password.
+/// If a file contains a password, checks that other users cannot read this file.
 void judgePasswords(const std::string& path, mode_t mode, FileSettings& settings,
                     FolderSettings& result) {
   const bool inProxyUrl = settings.proxyUrl && settings.proxyUrl->find('@') != std::string::npos;
@@ -132,7 +132,8 @@ void readOne(const std::string& path, FolderSettings& result) {
   overlay(result.settings, read.settings);
 }
 
-/// Reads the first line of a file that other users cannot read.
+/// Reads the password from the first line of a file. Other users must not be able to read this
+/// file.
 void readPassword(const std::string& path, FolderSettings& result) {
   const base::FileDemands demands{.mostBytes = kMaxPasswordBytes + 1};
   const base::OpenFile file = base::openFile(path.c_str(), demands);

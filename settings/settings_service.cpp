@@ -46,7 +46,7 @@ const char* sourceText(Source source) {
   return "auto";
 }
 
-// Every user may read the state.
+// Every user may read the state, so it has no password.
 nlohmann::json shown(const Configuration& configuration) {
   return {{"mode", modeText(configuration.mode)},
           {"proxy_url", withoutCredentials(configuration.proxyUrl)},
@@ -119,19 +119,22 @@ void SettingsService::reload() {
   mHandOver.check();
 }
 
-// Other programs have files in the same folder. Their changes leave what another program has set.
+// Other programs have files in the same folder. If only such a file changes, a configuration that
+// another program has set stays.
 void SettingsService::filesChanged() {
   const bool isNew = readFiles();
   decide();
   if (isNew) mHandOver.check();
 }
 
-// If the service starts with a faulty file, its valid lines are better than no proxy after a boot.
-// After a restart of the service alone, the daemon has something better.
+// If a file is faulty when the service starts after a boot, its valid lines are better than no
+// proxy. If only the service restarts, the daemon's present configuration is better than these
+// lines.
 /// @return whether other settings than before are in force
 bool SettingsService::readFiles() {
   mLastReading = readFolder(mPlaces.files);
-  // A change between the first reading and the first watch is not noticed, so they are read again.
+  // A change between the first reading and the first watch is not noticed, so the files are read
+  // again.
   if (watchFiles()) mLastReading = readFolder(mPlaces.files);
   for (const auto& problem : mLastReading.problems) {
     logLine(problem.isWarning ? LOG_WARNING : LOG_ERR, "settings: %s", problem.text.c_str());
@@ -160,7 +163,7 @@ bool SettingsService::watchFiles() {
   const auto follow = [&places](const std::string& path) {
     for (auto& place : placesOf(path)) places.push_back(std::move(place));
   };
-  // A folder can go away and come back, or be a link.
+  // The folder can disappear and come back, or can be a link.
   follow(folder);
   follow(folder + "/settings.d");
   if (const auto& file = mLastReading.settings.passwordFile) follow(*file);
@@ -183,7 +186,7 @@ void SettingsService::decide() {
     mChoice.reason = (mChoice.network != nullptr ? mChoice.reason + "; " : std::string()) +
                      "the script of a network manager cannot be served";
     publishOrWithdraw();
-    // The disk may have space later. Without a socket, only a restart helps.
+    // The disk may have space later. If there is no socket, only a restart helps.
     if (mScripts) mServeTimer.set(failurePause(mServeFailures++));
   }
   const std::string line =

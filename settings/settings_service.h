@@ -27,8 +27,8 @@
 
 namespace settings {
 
-/// When the service starts, it does not know the settings of network managers, until they push them
-/// again. So the service waits this long before it hands anything over.
+/// At its start, the service does not know the settings of network managers, which push them again
+/// a little later. So it waits this long before it hands anything over.
 inline constexpr std::chrono::milliseconds kGatherTime{500};
 /// Maximum number of GetState calls that wait for the daemon's configuration.
 inline constexpr std::size_t kMaxStateCalls = 16;

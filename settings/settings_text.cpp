@@ -3,10 +3,9 @@
 #define TOML_HEADER_ONLY 1
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
-// The library asks whether a letter outside quotes is a blank. For many letters beyond ASCII
-// (U+00A1 to U+0499 and others), version 3.3 claims that this code cannot be reached. The right
-// answer is "false".
-// clang-format off
+// The library asks whether a letter outside quotes is a blank. For many letters that are not ASCII
+// (U+00A1 to U+0499 and others), version 3.3 declares to the compiler that the code is unreachable.
+// The right answer is "false". clang-format off
 #include <toml++/impl/preprocessor.h>
 #undef TOML_UNREACHABLE
 #define TOML_UNREACHABLE return false
@@ -131,7 +130,7 @@ std::string setKey(FileSettings& settings, std::string_view key, const toml::nod
   return setter->second(settings, *given);
 }
 
-/// Where the authority of a URL begins and ends. Without "://", it begins the text.
+/// Where the authority of a URL begins and ends. Without "://", the text begins with the authority.
 struct Authority {
   std::size_t begin;
   std::size_t end;
@@ -221,7 +220,7 @@ ReadSettings readSettings(std::string_view text) {
   ReadSettings read;
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
-    // The library's description quotes text of the line, which can be a part of a password.
+    // The library's description quotes a part of the line, and the line can contain a password.
     read.problems.push_back({parsed.error().source().begin.line, kSyntaxProblem});
     return read;
   }

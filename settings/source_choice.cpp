@@ -22,8 +22,8 @@ Choice byFile(const FileSettings& settings, const std::string& password, std::st
   return {Choice::Holder::kFile, ofFile(settings, password), std::move(reason), nullptr};
 }
 
-// The configuration has no user and password of the file, because the network's proxy would receive
-// them.
+// The configuration does not contain the file's user and password, because the network's proxy
+// would receive them.
 Choice byNetwork(const NetworkConfiguration& network, std::string reason) {
   if (!network.interface.empty()) {
     reason += ", interface " + base::visible(network.interface);

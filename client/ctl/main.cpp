@@ -63,8 +63,8 @@ client::ExitStatus noCommand(const CLI::App& parent, const std::string& word) {
   return wrongUsage(parent, "there is no command \"" + word + '"');
 }
 
-/// Shows the help or the version. The parser has no objection to an unknown command before --help,
-/// and takes a word behind the command as its argument.
+/// Shows the help or the version. The parser accepts an unknown command before --help, and takes a
+/// word after the command as the argument of the command.
 client::ExitStatus show(const CLI::App& program, const CLI::Success& asked,
                         const client::CommandLine& line) {
   const auto& command = namedCommand(program);
@@ -79,9 +79,9 @@ client::ExitStatus show(const CLI::App& program, const CLI::Success& asked,
   return client::kAnswered;
 }
 
-/// Adds the command that the line names. If it names none of them, adds all: for the help, and for
-/// the messages about what is wrong. To describe the options of all commands takes longer than to
-/// ask the daemon. @return whether the line names one
+/// Adds the command that the line names, and no other: describing the options of all commands takes
+/// longer than asking the daemon. If the line names none, adds all commands, because the help and
+/// the error messages need them. @return whether the line names one
 bool addCommands(CLI::App& program, client::Action& action, const client::CommandLine& line) {
   const std::pair<std::vector<std::string_view>, std::function<void()>> commands[] = {
       {{"status"}, [&] { client::addStatusCommand(program, action); }},
@@ -142,8 +142,8 @@ client::ExitStatus run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // The log lines of the libraries are for the daemon; here the functions return the same facts as
-  // values.
+  // The libraries log for the daemon. This program does not need these lines, because the functions
+  // return the same facts.
   openlog("proxymanagerctl", LOG_PERROR, LOG_USER);
   setlogmask(LOG_MASK(LOG_EMERG));
   try {

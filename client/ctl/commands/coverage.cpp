@@ -11,7 +11,7 @@ namespace client {
 
 namespace {
 
-/// Most URLs that are made for the rules which the list misses.
+/// Maximum number of URLs that are made for the missed rules.
 constexpr std::size_t kMostMade = 1000;
 
 void add(std::vector<PlaceCount>& places, const Trace& trace) {
@@ -45,8 +45,8 @@ void addShares(Coverage& coverage, const std::vector<Place>& places) {
   }
 }
 
-/// Where the test begins that must be true for the rule to be reached: line and column. {0, 0} if
-/// there is no such test.
+/// Line and column of the test that must be true before the rule is reached. {0, 0} if there is no
+/// such test.
 std::pair<std::size_t, std::size_t> testOf(const std::vector<Place>& places, std::size_t rule) {
   const int owner = places[rule].owner;
   if (owner < 0 || !places[rule].branch) return {0, 0};
@@ -54,14 +54,15 @@ std::pair<std::size_t, std::size_t> testOf(const std::vector<Place>& places, std
   return test.is('t') ? std::pair(test.line, test.column) : std::pair<std::size_t, std::size_t>();
 }
 
-/// Which places a URL reached. A search for each rule would take seconds for a large script.
+/// Which places a URL reached. The table is made once, because a search for each rule would take
+/// seconds in a large script.
 std::vector<bool> reachedBy(const Trace& trace, std::size_t places) {
   std::vector<bool> reached(places);
   for (const auto& total : trace.counts) reached[total.place] = true;
   return reached;
 }
 
-/// Whether `tests` has the test of the rule. It is a list of places in a report about made URLs.
+/// Whether `tests`, a list of places in a report about made URLs, has the test of the rule.
 bool isMadeFor(const MissedRule& rule, const std::vector<Place>& places,
                const nlohmann::json& tests) {
   const auto test = testOf(places, rule.place);
@@ -70,7 +71,8 @@ bool isMadeFor(const MissedRule& rule, const std::vector<Place>& places,
   });
 }
 
-/// Notes what a made URL shows about a missed rule. `tests` are the tests for which it was made.
+/// Notes what a made URL shows about a missed rule. `tests` are the tests for which the URL was
+/// made.
 void tryRule(MissedRule& rule, const std::vector<Place>& places, const TracedAnswer& asked,
              const std::vector<bool>& reached, const std::string& url,
              const nlohmann::json& tests) {

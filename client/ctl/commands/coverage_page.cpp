@@ -120,7 +120,7 @@ std::string urlRows(const InstrumentedScript& script, const Coverage& coverage) 
   return html;
 }
 
-/// What makes the page doubtful, if anything.
+/// The notes that the reader of the page must know; empty without notes.
 std::string noteRows(const InstrumentedScript& script, const Coverage& coverage) {
   std::string html;
   for (const auto& note : coverageNotes(script, coverage))

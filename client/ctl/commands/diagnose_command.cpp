@@ -29,7 +29,7 @@ or 401, 404 or 405, which are a server's.
 Exit status:
 )";
 
-/// The time limit for a connection, and the one for an answer. A proxy connects to the server
+/// The time limit for a connection. An answer has the same limit; a proxy connects to the server
 /// before it answers.
 constexpr std::chrono::seconds kStepLimit{10};
 
@@ -88,7 +88,8 @@ std::string problemOf(const std::string& line, bool isTunnel) {
   const auto said = "it answers \"" + line.substr(blank + 1) + '"';
   if (code == 407) return said + ": it wants a user name and a password";
   if (isTunnel) return code >= 200 && code < 300 ? "" : said;
-  // A proxy refuses with 400 or 403. These three are a server's words about its page.
+  // A proxy refuses with 400 or 403. These three statuses come from the server, and are about its
+  // page.
   const bool isServers = code == 401 || code == 404 || code == 405;
   const bool isFine = (code >= 200 && code < 400) || isServers;
   return isFine ? "" : said;

@@ -44,11 +44,11 @@ Exit status:
   that of the command; if it was not run, standard error has the reason:
 )";
 
-/// How long a connection to one proxy may take, with the lookup of its name. A lost packet is sent
-/// again after 1 s.
+/// How long a connection to one proxy may take. This includes the lookup of the proxy's name. A
+/// lost packet is sent again after 1 s.
 constexpr std::chrono::seconds kConnectLimit{3};
 
-/// How long all these connections may take. A list of dead proxies must not hold up the command for
+/// How long all these connections may take. A list of dead proxies must not delay the command by
 /// minutes.
 constexpr std::chrono::seconds kCheckLimit{10};
 
@@ -122,7 +122,7 @@ ExitStatus run(const ExecArguments& arguments, std::vector<std::string> command)
                 "cannot run " + command.front() + ": " + std::generic_category().message(error));
 }
 
-/// --json and --timeout before the command move behind it.
+/// Moves --json and --timeout from before the command to the place after it.
 void moveBehindCommand(std::vector<std::string>& own) {
   auto command = own.begin();
   while (command != own.end() && (*command == "--json" || command->starts_with("--timeout"))) {

@@ -107,7 +107,7 @@ struct Measured {
   std::size_t unanswered = 0;
   Micros firstRound{0};
   Micros saved{0};
-  std::size_t hits = 0;  ///< with the stale hits
+  std::size_t hits = 0;  ///< includes the stale hits
   std::size_t stale = 0;
   std::string staleUrl;
   std::uint64_t helperCalls = 0;
@@ -147,8 +147,8 @@ Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
   return measured;
 }
 
-/// Asks the script as often once more, in a worker that counts the helper calls. The share of the
-/// helpers comes from this run alone, because another process is slower or faster.
+/// Repeats all questions to the script once, in a worker that counts the helper calls. The share of
+/// the helpers is computed from this run only, because another process is slower or faster.
 void measureHelpers(Measured& measured, const std::string& script, const BenchArguments& arguments,
                     pac_engine::Options options) {
   options.role = pac_engine::WorkerRole::kTraces;

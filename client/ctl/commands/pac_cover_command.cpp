@@ -77,7 +77,7 @@ Json jsonOf(const std::string& file, const InstrumentedScript& script, const Cov
   json["places"] = Json::array();
   for (const auto& total : coverage.places) {
     const auto& place = script.places[total.place];
-    // The truth of a switch's value, or of a case's, means nothing.
+    // Whether the value of a switch or of a case is true or false has no meaning.
     const bool isSwitch = place.is('w') || place.is('k');
     json["places"].push_back({{"kind", place.kind},
                               {"line", place.line},

@@ -41,9 +41,9 @@ constexpr const char* kPacDiffFooter = R"(Output:
 Exit status:
 )";
 
-/// Most URLs that are made from each of the two scripts.
+/// Maximum number of URLs that are made from each of the two scripts.
 constexpr std::size_t kMostMade = 2000;
-/// The time for all these URLs. After it the command asks no further URL.
+/// The time for all these URLs. After this time, the command asks about no further URL.
 constexpr std::chrono::seconds kMadeDiffTime{30};
 constexpr std::size_t kMostShown = 3;
 
@@ -55,13 +55,14 @@ struct DiffArguments {
   bool json = false;
 };
 
-/// The answer of one script: the line that decided, and the answer or why there is none.
+/// The answer of one script: the line that decided, and the answer or the reason why there is none.
 struct Decision {
   std::size_t line = 0;  ///< 0 if no return decided
   std::string text;
   bool isAnswered = false;
 
-  /// Whether the scripts give the same answer. The same error may stand in another line.
+  /// Whether the scripts give the same answer. The same error counts as the same answer, even if it
+  /// is in another line.
   bool isSame(const Decision& other) const {
     return isAnswered == other.isAnswered && withoutLine() == other.withoutLine();
   }

@@ -50,7 +50,7 @@ Exit status:
 )";
 
 /// Maximum number of steps that are printed for people: half from the start and half from the end.
-/// A script with loops has more steps than a person reads.
+/// A script with loops has more steps than a person can read.
 constexpr std::size_t kMostSteps = 1000;
 /// Nested helper calls are indented up to this depth.
 constexpr std::size_t kMostIndented = 20;

@@ -38,8 +38,8 @@ Rules:
 Exit status:
 )";
 
-/// Longest answer for a local host, in bytes. Many such answers fit in an argument of the
-/// workbench.
+/// Longest answer for a local host, in bytes. It is short enough that many such answers fit in an
+/// argument of the workbench.
 constexpr std::size_t kMostAnswerBytes = 2048;
 
 struct LintArguments {
@@ -66,7 +66,8 @@ nlohmann::json localAnswers(const std::string& script, const std::string& file) 
   return answers;
 }
 
-/// The report has the names of the rules. Before it arrives, a name only has to be a word.
+/// The report has the names of the rules. Before the report arrives, the only check is that a name
+/// is a word.
 std::string notAWord(const std::string& name) {
   const bool isWord = !name.empty() && name.size() <= 64 &&
                       name.find_first_not_of("abcdefghijklmnopqrstuvwxyz-") == std::string::npos;

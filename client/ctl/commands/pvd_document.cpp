@@ -28,10 +28,10 @@ struct Ignored {
   std::string why;
 };
 
-// --- JSON: the parts of I-JSON that the parser leaves to its caller ---
+// --- JSON: the rules of I-JSON that the parser does not check ---
 
-/// Refuses a document that nests too deeply, and a name that stands twice in an object: parsers
-/// differ in which of the two they use.
+/// Refuses a document that nests too deeply, and an object that has a name twice: some parsers use
+/// the first of the two values, others the last.
 class Shape {
  public:
   bool operator()(int depth, Json::parse_event_t event, const Json& value) {
@@ -67,8 +67,8 @@ const std::string* textIn(const Json& object, const char* name) {
                                                      : nullptr;
 }
 
-/// The array of texts under `name`. Nothing if there is no such name. Throws Ignored if it has
-/// another type.
+/// The array of texts under `name`. Nothing if there is no such name. Throws Ignored if the value
+/// has another type.
 std::optional<std::vector<std::string>> textsIn(const Json& object, const char* name) {
   const auto found = object.find(name);
   if (found == object.end()) return {};
@@ -314,7 +314,7 @@ Document documentOf(const Json& object, const std::optional<std::string>& host, 
   return document;
 }
 
-/// The offset of a time from UTC in seconds, from "Z", "+01:00" or "-01:00".
+/// Reads the offset of a time from UTC: "Z", "+01:00" or "-01:00". @return seconds
 std::optional<std::int64_t> offsetOf(std::string_view zone) {
   if (zone == "Z" || zone == "z") return 0;
   if (zone.size() != 6 || (zone[0] != '+' && zone[0] != '-') || zone[3] != ':') return {};

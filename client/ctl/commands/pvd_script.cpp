@@ -14,8 +14,9 @@ namespace {
 // A rule names each proxy at most once, so the daemon drops no entry of an answer.
 static_assert(kMaxProxies <= kMaxEntries);
 
-/// The functions that the rules call. An unknown port matches no rule with ports. The host comes
-/// from the URL, because the script's second argument ends at the first colon of an IPv6 address.
+/// The functions that the rules call. An unknown port matches no rule with ports. The functions
+/// take the host from the URL, because the script's second argument ends at the first colon of an
+/// IPv6 address.
 constexpr const char* kFunctions = R"(
 function partsOf(url) {
   return /^([a-z][a-z0-9+.-]*):\/\/(?:[^\/?#]*@)?(\[[^\]\/?#]*\]|[^:\/?#]*)(?::([0-9]*))?/i.exec(url) || ["", "", ""];
@@ -84,7 +85,7 @@ std::string conditionOf(const Rule& rule) {
   return all;
 }
 
-/// Empty if the daemon knows no proxies of this protocol.
+/// The keyword of the proxy's entry. Empty if the daemon does not support the proxy's protocol.
 std::string keywordOf(const Proxy& proxy) {
   if (proxy.protocol == "http-connect") return "PROXY";
   return proxy.protocol == "socks5" ? "SOCKS" : "";
@@ -146,7 +147,7 @@ class Maker {
     }
   }
 
-  /// The answer of a rule. Nothing if no proxy of the rule applies: the rule then does not match.
+  /// The answer of a rule. Nothing if no proxy of the rule applies. The rule then does not match.
   std::optional<std::string> answerOf(std::size_t number) {
     const auto& rule = mDocument.rules[number];
     if (rule.proxies.empty()) return "DIRECT";

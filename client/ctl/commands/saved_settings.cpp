@@ -99,7 +99,7 @@ void makeFolder(const std::string& path) {
 }
 
 /// Waits until no other proxymanagerctl writes or removes the files. The lock is a file that only
-/// root can open: a lock on the folder could be held by every user.
+/// root can open. Every user could lock the folder, so the folder is not used as the lock.
 base::UniqueFd lockFiles() {
   base::UniqueFd lock(open(kSaveLock, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!lock) failed(errno == EACCES ? kFolder + "/" + kSavedName : kSaveLock);
@@ -142,8 +142,7 @@ bool removeFile(const std::string& name) {
   return false;
 }
 
-/// The files with a saved password: one is in use, and a save that was interrupted can leave
-/// another.
+/// The files with a saved password. One is in use; an interrupted save can leave another one.
 std::vector<std::string> passwordFiles() {
   std::vector<std::string> names;
   std::error_code error;
@@ -158,7 +157,8 @@ std::vector<std::string> passwordFiles() {
   return names;
 }
 
-/// A name that no password has: the settings in force must keep theirs until they are replaced.
+/// A name that no password file has. The settings in force must keep their password file until they
+/// are replaced.
 std::string freePasswordName() {
   const auto taken = passwordFiles();
   std::string name = kSavedPasswordName;
@@ -176,8 +176,8 @@ bool removePasswordsExcept(const std::string& kept) {
   return hasRemoved;
 }
 
-/// Removes what a save has left that was killed or met a power cut. Only the owner of the lock may
-/// call it.
+/// Removes what a save has left if it was killed or a power cut ended it. The caller must hold the
+/// lock.
 void removeUnfinished() {
   std::vector<std::string> names;
   std::error_code error;
@@ -190,8 +190,8 @@ void removeUnfinished() {
   for (const auto& name : names) removeFile(name);
 }
 
-/// The first of kProxyKeys that a line of `text` sets. Only the service parses TOML. The first word
-/// of a line is enough here.
+/// The first of kProxyKeys that a line of `text` sets. Only the service parses TOML; here, the
+/// first word of a line is enough.
 std::optional<std::string> proxyKeyIn(std::string_view text) {
   while (!text.empty()) {
     const auto end = std::min(text.find('\n'), text.size());
@@ -255,8 +255,9 @@ std::string saveSettings(const Configuration& configuration) {
   makeFolder(kFolder);
   const base::UniqueFd lock = lockFiles();
   removeUnfinished();
-  // The password is written first, because settings that refer to a missing file are not used. It
-  // has a new name, because the old settings must never go with the new password.
+  // The password is written first, because settings that refer to a missing file are not used. The
+  // password file has a new name, because the old settings must never be used with the new
+  // password.
   const std::string password = configuration.password.empty() ? "" : freePasswordName();
   Unfinished unfinished(password.empty() ? "" : kFolder + "/" + password);
   if (!password.empty()) {

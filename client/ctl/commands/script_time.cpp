@@ -13,8 +13,8 @@ namespace {
 
 namespace chrono = std::chrono;
 
-// The full path is used, because the worker does not get the caller's TZDIR and must read the same
-// file.
+// The full path is used, because the worker must read the same file but does not get the caller's
+// TZDIR.
 constexpr const char* kZoneFolder = "/usr/share/zoneinfo/";
 constexpr const char* kDeviceZone = ":/etc/localtime";
 constexpr std::string_view kZoneMagic = "TZif";  // first bytes of a zone file, RFC 8536
@@ -101,7 +101,7 @@ bool readOffset(Reader& reader, chrono::seconds& offset) {
   return true;
 }
 
-/// Whether `name` stays in the zone folder, and the C library does not read it as a TZ rule.
+/// Whether `name` does not lead out of the zone folder, and is not a TZ rule for the C library.
 bool isZoneName(const std::string& name) {
   const auto mayStand = [](char c) {
     return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
@@ -165,8 +165,8 @@ std::optional<std::int64_t> instantOf(const WrittenTime& time, const std::string
   }
   setenv("TZ", variable.c_str(), 1);
   tzset();
-  // Tries summer time first: when clocks are turned back, it is the first of the two hours. After a
-  // wrong guess, mktime() returns a different hour.
+  // Tries summer time first: when clocks are turned back, the first of the two hours is in summer
+  // time. If the guess is wrong, mktime() returns a different hour.
   for (const int isSummer : {1, 0}) {
     const std::tm wanted = fieldsOf(time, isSummer);
     std::tm found = wanted;

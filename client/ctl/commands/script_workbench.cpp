@@ -10,7 +10,7 @@ namespace client {
 
 namespace {
 
-/// Ten times as long as the longest script needs on a current machine.
+/// Ten times the time that the longest script needs on a current machine.
 constexpr std::chrono::seconds kParserTime{10};
 
 /// Refuses a report. The process that wrote it has read the script, so the report may hold

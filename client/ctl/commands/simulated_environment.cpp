@@ -44,7 +44,7 @@ void checkCount(const char* option, const std::vector<std::string>& addresses) {
                                          " addresses; a script never sees further ones");
 }
 
-/// Adds the value of one --resolve. A name may occur several times.
+/// Adds the value of one --resolve. Several --resolve may have the same name.
 void addName(const std::string& text, pac_engine::StaticNames& names) {
   constexpr const char* kOption = "--resolve";
   const auto equals = text.find('=');

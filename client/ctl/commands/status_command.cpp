@@ -1,7 +1,7 @@
 // The state of the daemon comes from four sources: the bus (the owner of the name), the daemon's
 // answers (not every user may ask), the daemon's announcements (only until its first
-// configuration), and the PAC file on disk. Each source may fail. So each value is independent: it
-// is known, or it is missing with a reason.
+// configuration), and the PAC file on disk. Each source may fail. So each value is independent of
+// the others: either it is known, or it is missing and has a reason.
 //
 // The command never starts a daemon. A user who may not read the configuration still gets the mode
 // and the manual proxy from the answer for a URL, as every program of the device does. The URL of
@@ -88,7 +88,7 @@ constexpr const char* kLog = "journalctl -t proxymanager_service";
 
 constexpr const char* kNobody = "the daemon does not run";
 
-/// A value, or the reason why it is not known. It has neither if it was not set.
+/// A value, or the reason why the value is not known. An object that was not set has neither.
 template <typename T>
 struct Known {
   std::optional<T> value;
@@ -184,7 +184,8 @@ Known<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon) {
   return {std::move(reported), {}};
 }
 
-/// Without systemd, only a file shows a walk: the download writes it, and its end removes it.
+/// Without systemd, only a file shows whether a walk over the candidate URLs is in progress: the
+/// download writes this file, and removes it at its end.
 Known<bool> isWalking(const Owner& daemon, const Known<base::DaemonStatus>& reported) {
   if (reported.value) return {reported.value->walking != 0, {}};
   struct stat status {};

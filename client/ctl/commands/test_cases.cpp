@@ -60,7 +60,7 @@ std::string_view nameOf(std::string_view resolve) {
   return resolve.substr(0, resolve.find('='));
 }
 
-/// Adds the names `further`. They replace equal names of an outer level.
+/// Adds the names `further`. They replace equal names that were set before.
 void refineNames(std::vector<std::string>& names, const std::vector<std::string>& further) {
   std::erase_if(names, [&](const auto& known) {
     return std::any_of(further.begin(), further.end(), [&](const auto& added) {
@@ -111,7 +111,7 @@ LineOptions takeOptions(Line& line) {
   return options;
 }
 
-/// After this, `environment` takes only the clock and the zone from this device.
+/// Sets defaults, so that `environment` takes only the clock and the zone from this device.
 void closeWorld(SimulatedEnvironment& environment) {
   environment.offline = environment.names.empty();
   if (!environment.ownAddresses) environment.ownAddresses = "127.0.0.1";

@@ -27,8 +27,8 @@ bool isShownAs(std::string shown, const std::string& result) {
   return isCut ? result.starts_with(text) : result == text;
 }
 
-/// Whether the return `outer` calls the function in which the return `inner` stands. Without this
-/// check, a function that was called before `outer` and that gave the same text would count.
+/// Whether the return `outer` calls the function that contains the return `inner`. Without this
+/// check, a function that was called before `outer` and returned the same text would count, too.
 bool passesOn(const InstrumentedScript& script, std::size_t outer, std::size_t inner) {
   const auto& callees = script.places[outer].callees;
   const auto& name = script.functions[script.places[inner].function].name;
@@ -98,10 +98,10 @@ Trace TracedScript::takeTrace() {
   }
 }
 
-/// The return that chose the answer. It is the last return of FindProxyForURL, because code of a
-/// "finally" may run after it; or the last return that ran, if this one gave the answer and the
-/// other one did not. If it passed on the result of a call, it is the return of the called
-/// function.
+/// The return that chose the answer. Usually, this is the last return of FindProxyForURL; code of a
+/// "finally" may run after that return. If that return did not give the answer, the function tries
+/// the last return that ran. If a return passed on the result of a call, the return of the called
+/// function counts instead.
 std::optional<std::size_t> TracedScript::decidingReturn(const Trace& trace,
                                                         const ShownAnswer& answer) const {
   if (trace.cut || !answer.result) return std::nullopt;

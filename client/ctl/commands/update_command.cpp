@@ -162,8 +162,8 @@ Json settingsState(std::chrono::microseconds limit) {
   }
 }
 
-/// One faulty file keeps the settings service from using any file. The service reads the saved file
-/// after a short pause, and the saved file can be the repair.
+/// If one file is faulty, the settings service uses no file. The service reads the saved file after
+/// a short pause, and the saved file can repair the fault.
 void warnOfFaultyFiles(std::chrono::microseconds limit) {
   const auto isFaulty = [](const Json& state) {
     return state.is_object() && state.value("faulty_files", Json()) == true;
@@ -181,7 +181,7 @@ void warnOfFaultyFiles(std::chrono::microseconds limit) {
   complain("the settings service does not use what is saved until this is repaired");
 }
 
-/// The daemon's result. Nothing if the configuration is saved and no daemon runs to accept it.
+/// The daemon's result. Nothing if the configuration is saved and no daemon runs.
 std::optional<std::int32_t> handOver(const UpdateArguments& arguments,
                                      const Configuration& configuration) {
   try {

@@ -10,7 +10,7 @@ namespace client {
 
 namespace {
 
-/// The number of arguments that the parser has found so far, with those that it does not know.
+/// The number of arguments that the parser has found so far, known or unknown to it.
 std::size_t argumentsOf(const CLI::App& command) {
   std::size_t count = command.remaining_size();
   for (const auto* const option : command.get_options()) {

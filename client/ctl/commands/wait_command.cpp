@@ -45,8 +45,8 @@ constexpr std::chrono::seconds kListenTime{5};
 /// the daemon's log readable.
 constexpr std::chrono::milliseconds kPause{250};
 
-/// The time between the moment when a script is in its place and the start of its load. During the
-/// load itself, questions wait.
+/// The longest time from the moment when the script file is in its place to the start of the load.
+/// During the load itself, questions wait.
 constexpr std::chrono::microseconds kLoadTime{1'000'000};
 
 struct WaitArguments {
@@ -75,7 +75,8 @@ struct Look {
   bool isReady = false;
   /// The daemon is in mode off, and was silent for less than kListenTime.
   bool isUnclear = false;
-  std::optional<Clock::time_point> announced;  ///< when it last had no configuration
+  std::optional<Clock::time_point>
+      announced;  ///< when the daemon last announced that it has no configuration
 };
 
 Look lookForConfiguration(DaemonBus& bus, const Owner& daemon, Clock::time_point end,

@@ -59,8 +59,8 @@ sigset_t endSignalSet() {
   return set;
 }
 
-/// Blocks the signals that end the program and returns them as a descriptor, so that they never
-/// interrupt a line of output.
+/// Blocks the signals that end the program, so that they never interrupt a line of output. @return
+/// a descriptor that reports these signals
 base::UniqueFd endSignals() {
   const auto set = endSignalSet();
   sigprocmask(SIG_BLOCK, &set, nullptr);

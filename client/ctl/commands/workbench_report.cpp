@@ -16,7 +16,7 @@ using Json = nlohmann::json;
 constexpr std::uint64_t kMostMicroseconds = 1'000'000'000'000;
 constexpr std::uint64_t kMostNanoseconds = 1000 * kMostMicroseconds;
 constexpr std::uint64_t kMostTimes = std::numeric_limits<std::uint64_t>::max();
-/// Deepest helper call in a helper call: more than the stack of a script allows.
+/// Deepest nesting of helper calls: more than the stack of a script allows.
 constexpr std::uint64_t kMostDepth = 100'000;
 
 std::string textOf(const Json& value) {
@@ -37,7 +37,7 @@ Place placeOf(const Json& row) {
   return place;
 }
 
-/// A time. It is so small that the sum over a whole report cannot overflow.
+/// Reads a time. It is limited, so that the sum over a whole report cannot overflow.
 std::int64_t microsecondsOf(const Json& value) {
   return static_cast<std::int64_t>(wholeNumber(value, kMostMicroseconds));
 }

@@ -71,7 +71,7 @@ std::string textOf(sd_bus_message* reply) {
   return text;
 }
 
-/// As the library expects them; no limit if `time` is negative.
+/// The time limit in the form that the library expects. No limit if `time` is negative.
 std::uint64_t microseconds(std::chrono::microseconds time) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(time.count(), 0));
 }
@@ -254,7 +254,7 @@ void DaemonBus::listen(const std::string& rule, Listener listener) {
 bool DaemonBus::waitFor(const std::function<bool()>& done, Limit limit) {
   const auto end = Clock::now() + limit;
   for (;;) {
-    // One by one, so that a flood does not hide the limit.
+    // One message at a time, so that the limit is also checked during a flood of messages.
     const bool mayBeMore = process();
     if (done()) return true;
     const auto left = microsecondsUntil(end);
@@ -267,7 +267,7 @@ bool DaemonBus::waitFor(const std::function<bool()>& done, Limit limit) {
 
 void DaemonBus::runUntil(int descriptor) {
   for (;;) {
-    // One by one, so that a flood does not hide the descriptor.
+    // One message at a time, so that the descriptor is also checked during a flood of messages.
     const bool mayBeMore = process();
     std::uint64_t until = 0;  // on the monotonic clock
     check(sd_bus_get_timeout(mBus.get(), &until));

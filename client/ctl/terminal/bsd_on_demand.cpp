@@ -1,4 +1,4 @@
-// libbsd, mapped when a password is asked for at the terminal.
+// Maps libbsd when the program asks for a password at the terminal.
 //
 // If the library is missing, the function fails as if there were no terminal (ENOTTY).
 #include <bsd/readpassphrase.h>

@@ -20,7 +20,7 @@ namespace client {
 
 namespace {
 
-/// Room for the longest line, its end, and one byte past the limit; wiped at its end.
+/// Room for the longest line, the line end, and one byte past the limit. The destructor wipes it.
 struct Room {
   std::array<char, kMaxSecretBytes + 3> bytes{};
   Room() = default;
@@ -59,7 +59,7 @@ std::size_t readInto(Room& room, int fd, const std::string& name) {
 /// there is no terminal.
 Secret ask(const std::string& prompt, const std::string& what, const std::string& missing) {
   Room room;
-  // It restores the terminal after every signal that ends the wait.
+  // readpassphrase() restores the terminal after every signal that ends the wait.
   if (readpassphrase(prompt.c_str(), room.bytes.data(), room.bytes.size() - 1, RPP_REQUIRE_TTY) ==
       nullptr) {
     throw Failure(kUsage, missing);

@@ -22,7 +22,7 @@ struct Span {
 };
 
 std::optional<Span> passwordOf(std::string_view url) {
-  // Programs accept more slashes, or only slashes without a scheme.
+  // Programs accept more than two slashes, and also slashes without a scheme.
   const auto begin = std::min(url.find_first_not_of('/', authorityBegin(url)), url.size());
   const auto colon = url.find(':', begin);
   // A password never begins after the authority or in an IPv6 address.

@@ -45,7 +45,7 @@ std::string hostOf(std::string_view url) {
     return base::lowerCase(authority.substr(1, authority.find(']') - 1));
   }
   const auto colon = authority.find(':');
-  // Two of them are an IPv6 address that lacks its brackets.
+  // A host with two colons is an IPv6 address without its brackets.
   const bool isBareAddress = colon != authority.rfind(':');
   return base::lowerCase(isBareAddress ? authority : authority.substr(0, colon));
 }

@@ -1,9 +1,10 @@
-// The command "urls": URLs that make a script decide in both ways. They come from the hosts,
-// networks and patterns in the script.
+// The command "urls": makes URLs for which the tests of a script are true, and URLs for which they
+// are false. The URLs are made from the hosts, networks and patterns in the script.
 //
 // Report: { urls: [[url, [[line, column], ...]], ...], cut, cutTests: [[line, column], ...] }. The
-// URLs have no duplicates, and are at most argument.most. The pairs are the places of the tests from
-// whose texts the URL was made. cut: there are more URLs; cutTests: the tests of these.
+// URLs have no duplicates, and are at most argument.most. The pairs are the places of the tests
+// from whose texts the URL was made. cut: more URLs could be made; cutTests: the tests of these
+// URLs.
 'use strict';
 
 const alwaysAsked = [

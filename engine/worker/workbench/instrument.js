@@ -1,9 +1,10 @@
 // The command "instrument": adds calls of the hook (tracer.h) to the script, and describes its
 // places.
 //
-// A place is a statement, or an expression whose value decides: a test, an operand of && || ??, the
-// value of a return or a switch, a helper call. The source text of a place stays unchanged. No line end is
-// added, so line numbers stay the same and comments may stand anywhere. The calls of the hook are:
+// A place is a statement, or an expression whose value has an effect on the decision: a test, an
+// operand of && || ??, the value of a return or a switch, a helper call. The source text of a place
+// stays unchanged. No line end is added, so line numbers stay the same and comments may stand
+// anywhere. The calls of the hook are:
 //   hook(N);          before a statement; a single statement without a block gets a block
 //   hook(N,(value))   around an expression
 //   hook(N),          before the test of an `else if`, which keeps a chain of them flat for the
@@ -42,8 +43,8 @@ class Instrumenter {
     this.name = this.freeName();
   }
 
-  // A name for the hook that is not a part of any text in the script. It is random, so that a script
-  // cannot build it from parts and write a false record.
+  // A name for the hook. No text in the script contains this name. It is random, so that the script
+  // cannot build the name from parts and write a false record.
   freeName() {
     for (;;) {
       const name = `$pm${String(Math.floor(Math.random() * 1e9)).padStart(9, '0')}`;
@@ -89,7 +90,8 @@ class Instrumenter {
     return number;
   }
 
-  // The operands of a logical expression. A chain of a thousand operands is a tree of this depth.
+  // The operands of a logical expression. The tree of a chain of a thousand operands is a thousand
+  // levels deep.
   operands(node, context) {
     for (const side of [node.left, node.right]) {
       if (isLogical(side)) this.operands(side, context);
@@ -115,7 +117,7 @@ class Instrumenter {
       this.insert(node.start, `${this.name}(${this.place('s', node, context, false)});`);
     }
     this.visit(node, context);
-    // Before the hook, "let" and a line end would begin a declaration.
+    // Without the ";", "let" and a line end before the hook would begin a declaration.
     if (node.expression?.name === 'let' && node.type === 'ExpressionStatement') this.insert(node.end, ';');
   }
 
@@ -127,7 +129,8 @@ class Instrumenter {
     this.insert(node.end, '}');
   }
 
-  // The kinds of nodes that matter. Other nodes are only searched.
+  // Handles the kinds of nodes that need calls of the hook. In other nodes, only the children are
+  // visited.
   visit(node, context) {
     switch (node.type) {
       case 'Program':
@@ -274,8 +277,8 @@ class Instrumenter {
     if (callees.length > 0) this.places[number].push(callees);
   }
 
-  // The script with all insertions. They are in order, except if the order of the tree differs from
-  // the source.
+  // The script with all insertions. The insertions are already in order, except where the order of
+  // the tree differs from the source.
   text() {
     const { insertions, script } = this;
     let sorted = true;
@@ -306,15 +309,15 @@ function isHelperCall(node) {
       helperNames.has(node.callee.name);
 }
 
-// Notes how a function is called that a variable or a property holds.
+// Notes the name of a function that is the value of a variable or a property.
 function nameFunction(value, target, isMember = false) {
   if (!value || !/Function/.test(value.type)) return;
   const callee = isMember ? target.type === 'Identifier' && `.${target.name}` : calleeOf(target);
   if (callee) value.callee = callee;
 }
 
-// What a called expression is named: "name", or ".name" of a method. Null for others. "this" may
-// be the global object.
+// The name of a called expression: "name", or ".name" for a method. Null for other expressions.
+// "this" may be the global object.
 function calleeOf(node) {
   if (node.type === 'Identifier') return node.name;
   if (node.type !== 'MemberExpression' || node.computed || node.property.type !== 'Identifier') return null;
@@ -328,7 +331,7 @@ function calleesOf(node) {
   return callee === null ? [] : [callee];
 }
 
-// Whether reaching the statement has any effect.
+// Whether the statement has any effect when it is reached.
 function isReached(node) {
   return node.type !== 'FunctionDeclaration' && node.type !== 'EmptyStatement';
 }

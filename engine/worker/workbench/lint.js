@@ -1,9 +1,9 @@
 // The command "lint": finds what is probably wrong with a script, without running it.
 //
-// Argument: { only?: [name], ignore: [name], answers?: { host: answer } }. answers has the script's
-// answers for local hosts. A comment `// pac-lint: ignore=NAME[,NAME]` after the code of a line
-// turns these rules off for that line. A comment in a line of its own turns them off for the next
-// line of code.
+// Argument: { only?: [name], ignore: [name], answers?: { host: answer } }. `answers` has the
+// script's answers for local hosts. A comment `// pac-lint: ignore=NAME[,NAME]` after the code of a
+// line turns these rules off for that line. A comment in a line of its own turns them off for the
+// next line of code.
 //
 // Report: { rules: [[name, severity, summary, reason]],
 //   findings: [[line, column, severity, name, message, reason, fix]] }, sorted by line. severity is

@@ -6,7 +6,8 @@ const knownKeywords = new Set([
   'DIRECT', 'PROXY', 'HTTP', 'HTTPS', 'SOCKS', 'SOCKS4', 'SOCKS5', 'QUIC',
 ]);
 
-// What no host:port has. It usually separates it from a path, or from the next entry.
+// Characters that "host:port" never has. They usually separate it from a path or from the next
+// entry.
 const notInAddress = /[/,\s]/;
 
 const answerRules = {
@@ -107,7 +108,7 @@ const answerRules = {
     }
   },
 
-  // The script's answers for local hosts, if it was asked.
+  // Checks the script's answers for local hosts, if the argument has them.
   'local-to-proxy'(lint) {
     // No name could be resolved for these answers, so the answer after a lookup is not known.
     if (!lint.tree.entry || lint.lookups.functionLooksUp(lint.tree.entry)) return;

@@ -94,9 +94,9 @@ function statementLists(tree) {
   return [...lists, ...tree.of('SwitchCase').map((node) => node.consequent)];
 }
 
-// The steps of a list of statements. Each `if` and each `else if` of a chain is a step.
-// [{ test, body, node, isSure }]; test is null for a statement that is no `if`. isSure: the code
-// behind the chain runs only if the test was evaluated and was false, or if the body completed.
+// The steps of a list of statements. Each `if` and each `else if` of a chain is a step. The result
+// is a list of { test, body, node, isSure }. test is null if the statement is no `if`. isSure: the
+// code after the chain runs only if the test was evaluated and was false, or if the body completed.
 function stepsOf(list) {
   const steps = [];
   for (const statement of list) {

@@ -1,5 +1,6 @@
-// The tests that compare the host or the URL with a constant text, and the texts that they match,
-// as shell expressions: dnsDomainIs(host, ".example.com") becomes "*.example.com".
+// Finds the tests that compare the host or the URL with a constant text. The texts that such a test
+// matches are written as a shell expression: dnsDomainIs(host, ".example.com") becomes
+// "*.example.com".
 'use strict';
 
 const shellSpecials = /[+[\](){}\\^$|]/;
@@ -77,8 +78,8 @@ class HostTests {
   }
 }
 
-// Whether the shell expression `wide` matches every text that `narrow` matches. It may return false
-// for a pair of which this is true, but never true for a pair of which it is false.
+// Whether the shell expression `wide` matches every text that `narrow` matches. The result can be
+// wrong in one way only: false for a pair for which the right result is true.
 function coversPattern(wide, narrow) {
   let at = 0;
   let from = 0;
@@ -102,8 +103,8 @@ function coversPattern(wide, narrow) {
   return true;
 }
 
-// The patterns that were found, and which pattern covers another. Most patterns of a large script
-// are "*.domain" or a host. These are found by their text.
+// The patterns that were found. The class finds out which pattern covers another one. Most patterns
+// of a large script are "*.domain" or a host; the class looks these up by their text.
 class MetPatterns {
   constructor() {
     this.texts = new Map();

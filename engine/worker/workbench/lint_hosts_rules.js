@@ -1,7 +1,8 @@
 // The rules about tests of the host and of the URL.
 'use strict';
 
-// A longer text is no name of DNS, and the time of a pattern can grow with the square of its length.
+// A longer text is not a DNS name. The time to match a pattern can grow with the square of the
+// length.
 const longestName = 253;
 
 // The parts of a regular expression that have letters but match others: \p{Lu}, \u0041, (?<Name> ...
@@ -131,7 +132,8 @@ const monthDays = {
   DEC: 31,
 };
 
-// The second half of the arguments of dateRange sets the parts of 31 December, one after the other.
+// The helper starts from 31 December, and sets its parts one after the other to the second half of
+// the arguments of dateRange.
 function monthOverflow(parts) {
   let day = 31;
   for (const part of parts) {
@@ -147,7 +149,7 @@ function isDay(part) {
 }
 
 // Calls for the same range of dates that end on the last day of `month`. The last day of February
-// is not the same in each year: the helper makes 1 March of the 29th in a year without one.
+// is not the same in each year: if a year has no 29 February, the helper uses 1 March.
 function rangeInMonth(first, last, month, zone) {
   const call = (...parts) => `dateRange(${[...parts, ...zone].map((part) => JSON.stringify(part)).join(', ')})`;
   const day = first.find(isDay);
@@ -161,7 +163,7 @@ function rangeInMonth(first, last, month, zone) {
   return day > 1 ? `${call('FEB')} && ${call(day, 31)}` : call('FEB');
 }
 
-// Whether the helper can make a regular expression of it.
+// Whether the helper can make a regular expression of the text.
 function isValidShell(text) {
   const source = text.replace(/\./g, '\\.').replace(/\*/g, '.*').replace(/\?/g, '.');
   try {

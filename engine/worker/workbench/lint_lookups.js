@@ -7,7 +7,7 @@ const quad = /^\d{1,3}(\.\d{1,3}){3}$/;
 // Whether a pattern is made of digits, dots, groups and counts, from "^" to "$".
 function isAddressPattern(pattern) {
   if (!/^\^(?:\\[d.]|\.(?![*+{])|\[(?:[\d.-]|\\[d.])+\]|\(\?:|\{[\d,]*\}|[\d()|?*+])+\$$/.test(pattern)) return false;
-  // An alternative outside a group is not anchored.
+  // An alternative ("|") outside a group has no "^" or no "$".
   let outside = pattern;
   for (let inner = ''; inner !== outside; outside = outside.replace(/\([^()]*\)/g, '')) inner = outside;
   return !outside.includes('|');
@@ -51,7 +51,8 @@ class Lookups {
     }
   }
 
-  // What a helper call looks up: a name, 'host', or the source of the argument. Null if nothing.
+  // What a helper call looks up: a name, 'host', or the source of the argument. Null if it looks up
+  // nothing.
   nameOf(call) {
     if (!this.named.has(call)) this.named.set(call, this.findName(call));
     return this.named.get(call);
@@ -143,8 +144,8 @@ class Lookups {
     return Boolean(value?.regex) && isAddressPattern(value.regex.pattern);
   }
 
-  // The first call in `root` that looks up a name, also in a function of the script. With `always`,
-  // code that runs only after a test does not count.
+  // The first call in `root` that looks up a name, directly or in a function of the script. If
+  // `always` is true, code that runs only after a test does not count.
   firstIn(root, always) {
     const open = [root];
     while (open.length > 0) {
@@ -218,7 +219,7 @@ class WorstCase {
 
   of(fn) {
     if (!this.functions.has(fn)) {
-      this.functions.set(fn, new Cost()); // for a function that calls itself
+      this.functions.set(fn, new Cost()); // used if the function calls itself
       const body = fn.body.type === 'BlockStatement' ? this.ofList(fn.body.body) : this.ofNode(fn.body);
       this.functions.set(fn, body);
     }
@@ -276,7 +277,8 @@ class WorstCase {
     return inside.times(this.roundsOf(loop));
   }
 
-  // How often a loop runs, if the script shows it: for a literal array or a constant bound. Else 1.
+  // The number of rounds of a loop, if it is visible in the script: for a literal array or a
+  // constant bound. Else 1.
   roundsOf(loop) {
     const list = loop.right ?? (loop.test?.type === 'BinaryExpression' ? loop.test.right : null);
     if (!list) return 1;

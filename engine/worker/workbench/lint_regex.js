@@ -1,13 +1,14 @@
-// Regular expressions that may run without end: those in which a repetition can match the same text
-// in many ways, and something after it may fail. Then the engine tries all ways.
+// Finds regular expressions that may run nearly forever. In such an expression, a repetition can
+// match the same text in many ways, and something after the repetition may fail. Then the engine
+// tries all ways.
 //
 // The pattern becomes an automaton. A position is a character of the pattern, and an edge leads to
-// each position that may match the next character. Two different paths with the same text, from a
-// position back to it, double the number of ways with each round.
+// each position that may match the next character. If two different paths with the same text lead
+// from a position back to the same position, each round doubles the number of ways.
 'use strict';
 
-// A pattern that is longer, has more positions or needs more steps is not examined, and counts as
-// harmless.
+// The limits of the examination. A pattern that is longer, has more positions or needs more steps
+// is not examined, and counts as harmless.
 const longestPattern = 1000;
 const mostPositions = 200;
 const mostSteps = 200_000;
@@ -145,14 +146,16 @@ class RegexPaths {
       const back = reachedFrom([start], (at) => this.before[at]);
       const loop = new Set([...reachedFrom([start], after)].filter((at) => back.has(at)));
       for (const at of loop) seen.add(at);
-      // After such a loop, the pattern can always end.
+      // If the loop contains an end of the pattern, the pattern can always end there, so nothing
+      // fails.
       if (![...loop].some((at) => this.ends.has(at)) && this.isAmbiguous(loop)) return true;
     }
     return false;
   }
 
   // Whether two different paths in the loop lead from a position back to it with the same text. A
-  // pair of positions is what two paths with the same text have reached.
+  // pair of positions stands for two paths with the same text: each path has reached one position
+  // of the pair.
   isAmbiguous(loop) {
     for (const at of loop) {
       for (const [to, ways] of this.edges[at]) if (ways > 1 && loop.has(to)) return true;
@@ -215,7 +218,7 @@ function asciiOf(atom, flags) {
 }
 
 // Whether a regular expression, an object with pattern and flags, may run without end. False if
-// that is not known.
+// this is not known.
 function mayRunWithoutEnd(regex) {
   const { pattern, flags } = regex;
   if (pattern.length > longestPattern || !/\)[*+{]/.test(pattern) || flags.includes('v')) return false;

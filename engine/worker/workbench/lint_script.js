@@ -31,7 +31,8 @@ const scriptRules = {
     const seen = new Set(['FindProxyForURL', 'undefined', ...helperNames, 'wdays', 'months']);
     const ids = lint.tree.assignments().map(([id]) => id)
       .filter((id) => lint.tree.nameOf(id).kind === 'implicit').sort((a, b) => a.start - b.start);
-    // An assignment in strict mode throws, if no other one has created the global.
+    // An assignment in strict mode throws if no assignment outside strict mode has created the
+    // global.
     const sloppy = ids.filter((id) => !isStrict(id));
     for (const [isError, list] of [[false, sloppy], [true, ids]]) {
       for (const id of list) {

@@ -90,7 +90,8 @@ class LintTree {
     return name;
   }
 
-  // Pairs of an assigned identifier and its new value. The value is null if it is not one expression.
+  // Pairs of an assigned identifier and its new value. The value is null if the new value is not
+  // one expression.
   assignments() {
     const pairs = [];
     for (const node of this.of('AssignmentExpression')) {
@@ -156,8 +157,9 @@ class LintTree {
 
   // --- Host and URL ---
 
-  // 'host' or 'url' if the expression is this argument of the entry point, also in lower case. Else
-  // null. In another function, a parameter counts by its name.
+  // 'host' or 'url' if the expression is this argument of the entry point, or this argument in
+  // lower case. Else null. In other functions, a parameter counts if it has a usual name, such as
+  // "host" or "url".
   subjectOf(node, depth = 0) {
     if (depth > 8) return null;
     if (node.type === 'Identifier') return this.subjectOfName(this.nameOf(node), depth);
@@ -247,12 +249,13 @@ class LintTree {
     const [first, ...later] = name.writes;
     const initial = all([first]);
     if (later.length === 0) return this.isTested(name) ? initial.filter(({ text }) => text) : initial;
-    // A script usually tests for an initial null, undefined, false or "" before it returns the
-    // variable.
+    // An initial null, undefined, false or "" is left out, because a script usually tests for it
+    // before it returns the variable.
     return [...initial.filter(({ text }) => text), ...all(later)];
   }
 
-  // Whether a test looks at the variable. The script then usually returns it only if it has a text.
+  // Whether a test looks at the variable. If so, the script usually returns the variable only if it
+  // has a text.
   isTested(name) {
     if (!this.tested) {
       this.tested = new Set();
@@ -367,7 +370,7 @@ function namesOf(pattern) {
   }
 }
 
-// A loop, because a spread of thousands of arguments is too many for one call.
+// A loop, because one call cannot take thousands of spread arguments.
 function pushAll(list, items) {
   for (const item of items) list.push(item);
 }

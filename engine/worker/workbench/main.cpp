@@ -3,9 +3,9 @@
 //
 // Like proxymanager-pac-worker, it has one thread, one end of a socket pair and the script in a
 // memory file. It raises the same walls before it reads the first byte of the script. It has two
-// roles; its environment selects one at the start, and no message can change it. A parser never
-// runs the script, and has more memory and time than a script may have. A tracer runs the script
-// with the limits of every script. The daemon starts neither.
+// roles. Its environment selects the role at the start, and no message can change the role. A
+// parser never runs the script, and has more memory and time than a script may have. A tracer runs
+// the script with the limits of every script. The daemon never starts this program.
 #include <cstdlib>
 
 #include "engine/wire/descriptors.h"

@@ -77,7 +77,8 @@ class Script {
   }
 }
 
-// The nodes below `node`, in source order except for a key that comes late (SwitchCase.test).
+// The nodes below `node`, in source order. One exception: the test of a SwitchCase comes after its
+// statements.
 function childrenOf(node) {
   const children = [];
   for (const key in node) {

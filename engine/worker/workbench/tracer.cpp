@@ -13,8 +13,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// The report shows only the length of a longer text, because reading the text would copy it in
-/// memory.
+/// Longest text whose content the report shows, in characters. Of a longer text, it shows only the
+/// length, because reading the text would copy it in memory.
 constexpr std::int64_t kMaxLaidOut = 64 << 10;
 constexpr std::size_t kMaxHookName = 32;
 
@@ -40,8 +40,8 @@ constexpr const char* kHelpers[] = {"alert",
                                     "timeRange",
                                     "isResolvableEx"};
 
-/// The name in the first comment, "/*$pmDIGITS*/"; empty for any other start. "bench" runs a script
-/// that is not instrumented and may start with a comment of its own.
+/// The name in the first comment, "/*$pmDIGITS*/"; empty for any other start. The command "bench"
+/// traces a script that is not instrumented. Such a script may start with any comment.
 std::string hookName(std::string_view script) {
   constexpr std::string_view kOpen = "/*";
   constexpr std::string_view kName = "$pm";
@@ -77,8 +77,8 @@ std::int64_t microsecondsOf(Clock::duration time) {
   return std::chrono::duration_cast<std::chrono::microseconds>(time).count();
 }
 
-/// A value in JavaScript syntax. Of an object it shows only the kind. It runs no code of the
-/// script.
+/// A value in JavaScript syntax. For an object, the text shows only its kind. The function runs no
+/// code of the script.
 std::string shown(JSContext* context, JSValueConst value) {
   if (JS_IsString(value)) {
     std::int64_t length = 0;

@@ -1,4 +1,4 @@
-// The routes of a real kernel, in a network namespace of the test's own.
+// Tests with the routes of a real kernel, in a network namespace that the test makes.
 #include "settings/default_routes.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +12,8 @@ using namespace settings;
 
 namespace {
 
-/// The default routes after these shell commands in a new network with the interfaces one and two.
+/// Runs shell commands in a new network that has the interfaces "one" and "two". @return the
+/// default routes after that
 DefaultRoutes routesAfter(const std::string& commands) {
   DefaultRoutes routes;
   // Only this thread, and the commands that it starts, are in the new network.
@@ -61,7 +62,8 @@ TEST(DefaultRoutes, AnotherGatewayIsAChange) {
             routesAfter("ip route add default via 192.0.2.2\n"));
 }
 
-// Tunnels and policies of routing put a default route there that decides only with a rule.
+// Tunnels and routing policies use other tables. A default route there has an effect only if a
+// routing rule selects its table.
 TEST(DefaultRoutes, OfOtherTablesDoNotCount) {
   EXPECT_TRUE(routesAfter("ip route add default dev one table 100\n"
                           "ip -6 route add default dev two table 100\n"

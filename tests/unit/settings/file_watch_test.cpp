@@ -64,7 +64,7 @@ TEST_F(Watch, ALoopOfLinksEnds) {
   EXPECT_EQ(placesOf(mFolder + "/loop").front(), (FileWatch::Place{mFolder, "loop"}));
 }
 
-// Who reads before the watch begins must read again.
+// A caller that reads a file before the watch begins must read it again.
 TEST_F(Watch, ReportsWhetherAPlaceIsNew) {
   FileWatch watch(mEvent.get(), [this] { mChanges++; });
   EXPECT_TRUE(watch.set({{mFolder, "a"}}));

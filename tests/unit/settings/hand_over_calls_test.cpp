@@ -1,4 +1,5 @@
-// When the configuration is handed over, with a stand-in for the daemon on a bus of the test's own.
+// Tests when the configuration is handed over. A simulated daemon runs on a private bus of the
+// test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -39,7 +40,7 @@ struct BusCloser {
 };
 using Bus = std::unique_ptr<sd_bus, BusCloser>;
 
-/// Keeps a configuration, as the daemon does. Runs in the same loop as what is tested.
+/// Keeps a configuration, as the daemon does. Runs in the same event loop as the tested objects.
 class Daemon {
  public:
   explicit Daemon(sd_bus* bus) : mBus(bus) {
@@ -61,8 +62,8 @@ class Daemon {
   Configuration configuration;
   int updates = 0;
   int reads = 0;
-  int failures = 0;      ///< so many updates are refused
-  int readFailures = 0;  ///< so many reads are refused
+  int failures = 0;      ///< number of updates that will be refused
+  int readFailures = 0;  ///< number of reads that will be refused
   bool holds = false;
   std::deque<sd_bus_message*> held;  ///< updates that are not answered
 
@@ -133,8 +134,8 @@ class HandOverCalls : public testing::Test, DaemonLink::Listener {
     }
     return testing::AssertionSuccess();
   }
-  /// Seconds until the loop's next timer; 0 without one. A call that waits for its reply has one,
-  /// too.
+  /// Seconds until the loop's next timer fires; 0 if there is no timer. A call that waits for its
+  /// reply has a timer, too.
   static double nextTimer() {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
       std::ifstream file(entry.path());
@@ -148,8 +149,8 @@ class HandOverCalls : public testing::Test, DaemonLink::Listener {
     }
     return 0;
   }
-  /// Whether the next timer is at most a third earlier, as on a slow machine, or the loop's
-  /// accuracy later.
+  /// Whether the next timer fires about `pause` seconds from now. It may fire up to a third
+  /// earlier, because a slow machine looks late, or later by the loop's accuracy.
   static bool isNear(double pause) {
     const double next = nextTimer();
     return next > pause * 2 / 3 && next < pause + 0.5;
@@ -224,12 +225,14 @@ TEST_F(HandOverCalls, AScriptThatAnotherProgramHasConfiguredIsWaitedForToo) {
   handOver->want(mManual);
   daemon->appear();
   ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
-  // As "proxymanagerctl pacurl URL --save" does: the daemon gets it first, then the file changes.
+  // Like "proxymanagerctl pacurl URL --save": first the daemon gets the configuration, then the
+  // file changes.
   daemon->configuration = mScript;
   handOver->want(mScript);
   ASSERT_TRUE(waitFor([&] { return daemon->reads == 1; }));
   EXPECT_TRUE(waitFor([&] { return isHandedOver(2) && isNear(10); }));
-  // It is its own now, so nothing differs and nothing more is handed over.
+  // The service now treats the configuration as its own. Nothing differs, so nothing more is handed
+  // over.
   handOver->check();
   ASSERT_TRUE(waitFor([&] { return daemon->reads == 2; }));
   handOver->want(mManual);
@@ -272,7 +275,8 @@ TEST_F(HandOverCalls, AScriptOfThePreviousConfigurationDoesNotCountAsTheNewOne) 
   other.pacUrl = "http://127.0.0.1:9/other.pac";
   handOver->want(other);
   ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 1; }));
-  // The daemon stores what it has fetched for the first configuration, and then takes the other.
+  // The daemon stores the script of the first configuration, and then accepts the other
+  // configuration.
   const auto fileTime = [] {
     timespec now{};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
@@ -305,7 +309,8 @@ TEST_F(HandOverCalls, AHandOverDoesNotPostponeTheRetryAfterAChangeOfTheNetwork) 
   handOver->want(mManual);
   daemon->appear();
   ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
-  // A default route changes which configuration is in force, and may be too new for the download.
+  // A new default route changes which configuration is in force. It may be so new that the download
+  // still fails.
   handOver->want(mScript);
   handOver->networkChanged();
   ASSERT_TRUE(waitFor([&] {
@@ -331,7 +336,7 @@ TEST_F(HandOverCalls, TheTimeIsThatSinceWhichTheDaemonHasTheConfiguration) {
   }));
   const std::time_t since = *handOver->lastHandOver();
   EXPECT_GE(since, begin);
-  // Neither a later look nor a hand-over that fails changes it.
+  // A later check does not change the time, and a failed hand-over does not change it either.
   ASSERT_TRUE(waitFor([&] { return std::time(nullptr) > since; }));
   const int reads = daemon->reads;
   handOver->check();
@@ -347,7 +352,8 @@ TEST_F(HandOverCalls, ARefreshHandsOverAgainAndAgain) {
   handOver->refreshEvery(seconds{1});
   daemon->appear();
   const auto begin = steady_clock::now();
-  // A missing script would cause the third one after 30 s, and the fourth one a minute later.
+  // Without refreshes, the retries for a missing script would cause the third hand-over after 30 s,
+  // and the fourth one a minute later.
   EXPECT_TRUE(waitFor([&] { return isHandedOver(4); }));
   EXPECT_GE(steady_clock::now() - begin, milliseconds{2900});
 }
@@ -362,7 +368,7 @@ TEST_F(HandOverCalls, ARefreshLeavesAnotherProgramsConfiguration) {
   EXPECT_EQ(daemon->updates, 1);
   EXPECT_TRUE(handOver->isForeign());
   EXPECT_FALSE(handOver->isOurs(mManual));
-  // A change of the source ends that.
+  // After a change of the source, the service replaces the other program's configuration.
   Configuration other = mManual;
   other.proxyUrl = "http://b.example:2";
   handOver->want(other);
@@ -403,7 +409,8 @@ TEST_F(HandOverCalls, AReplyThatComesAfterTheDaemonsEndCountsForNothing) {
   daemon->appear();
   ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 2; }));
   ASSERT_GE(sd_bus_reply_method_return(daemon->held[0], "i", 0), 0);
-  // What the same connection sends later arrives later.
+  // Messages of one connection arrive in order. So when this later reply has arrived, the earlier
+  // one has, too.
   bool isRead = false;
   mLink->read([&isRead](const auto&, const std::string&) { isRead = true; });
   ASSERT_TRUE(waitFor([&] { return isRead; }));
@@ -446,7 +453,7 @@ TEST_F(HandOverCalls, AProblemIsForgottenWhenALaterLookFindsNothingToDo) {
 }
 
 TEST_F(HandOverCalls, AnAdministratorsChangeDoesNotWaitForThePauseAfterAFailure) {
-  /// Whether a call waits for its reply, and no earlier timer is set.
+  /// Whether a call waits for its reply, and the loop has no earlier timer.
   const auto isCalling = [&] {
     sd_event_run(mEvent.get(), 0);
     return nextTimer() > 10;

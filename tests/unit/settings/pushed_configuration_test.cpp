@@ -1,4 +1,4 @@
-// The dictionary of CreateProxyConfiguration, read from real messages.
+// Tests the reading of CreateProxyConfiguration's dictionary from real messages.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
@@ -31,7 +31,7 @@ class PushedDictionary : public testing::Test {
     ASSERT_GE(sd_bus_start(bus), 0);
   }
 
-  /// What is read of the dictionary that `fill` writes.
+  /// Reads the dictionary that `fill` writes.
   int read(const std::function<int(sd_bus_message*)>& fill) {
     sd_bus_message* message = nullptr;
     EXPECT_GE(sd_bus_message_new_method_call(mBus.get(), &message, "a.b", "/", "a.b", "C"), 0);

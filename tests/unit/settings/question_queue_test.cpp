@@ -1,4 +1,4 @@
-// Whose question goes to the daemon next.
+// Tests which question goes to the daemon next.
 #include "settings/question_queue.h"
 
 #include <gtest/gtest.h>
@@ -45,7 +45,7 @@ TEST_F(QuestionQueueTest, AUserWithManyConnectionsDelaysOnlyItsOwn) {
   answer("b");
   answer("c");
   answer("x");
-  // The user that has waited since before comes first, and then each user in turn.
+  // The user that has waited longest comes first, and then each user in turn.
   EXPECT_EQ(asked, (Callers{"c", "x", "y", "d"}));
 }
 
@@ -68,7 +68,7 @@ TEST_F(QuestionQueueTest, ACallerAndAUserAndAllHaveALimit) {
     add("d" + std::to_string(i), user);
   }
   EXPECT_FALSE(queue.hasRoom("e", 1000));
-  // An answer makes room again, for its caller and its user too.
+  // An answer makes room for another question of the same caller and of the same user.
   answer("a");
   EXPECT_TRUE(queue.hasRoom("e", 1000));
   EXPECT_TRUE(queue.hasRoom("a", 1));

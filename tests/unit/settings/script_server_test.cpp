@@ -74,7 +74,7 @@ class ScriptServerTest : public testing::Test {
     return fetched;
   }
 
-  /// A connection on which a test writes and reads itself.
+  /// A connection for tests that write and read the bytes themselves.
   base::UniqueFd connectTo(const std::string& url) {
     const auto colon = url.rfind(':');
     sockaddr_in address{};
@@ -89,7 +89,7 @@ class ScriptServerTest : public testing::Test {
     EXPECT_EQ(send(peer.get(), text.data(), text.size(), MSG_NOSIGNAL),
               static_cast<ssize_t>(text.size()));
   }
-  /// All that comes until the server closes, or until nothing comes any more.
+  /// Reads all bytes until the server closes the connection, or until no more bytes arrive.
   std::string readAll(const base::UniqueFd& peer) {
     std::string text;
     char bytes[16384];
@@ -216,7 +216,7 @@ TEST_F(ScriptServerTest, AHeadAtTheLimitIsReadAndOnePastItIsNot) {
 
 TEST_F(ScriptServerTest, ALongScriptArrivesWholeAtAReaderThatIsSlow) {
   const std::string script(kLongScript, 'x');
-  // What the server sends does not fit in the kernel's buffers.
+  // The socket's send buffer is made so small that the script does not fit in it.
   base::UniqueFd listening = listenOnLoopback(0);
   const int small = 4096;
   ASSERT_EQ(setsockopt(listening.get(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);

@@ -51,7 +51,7 @@ TEST_F(Folder, ThatIsEmptyOrMissingSetsNothing) {
   EXPECT_FALSE(readFolder({"/nowhere", ""}).isFaulty());
 }
 
-// Another program writes the file in its place, again and again.
+// Another program overwrites the file again and again.
 TEST_F(Folder, NoticesAFileThatChangesWhileItIsRead) {
   const auto textOf = [](char c) {
     std::string text = "user = \"" + std::string(100, c) + "\"\n";
@@ -91,7 +91,7 @@ TEST_F(Folder, LaterNamesWin) {
   EXPECT_EQ(read.modeFiles.back(), mPaths.folder + "/settings.d/20-b.conf");
 }
 
-// The file system has an order of its own.
+// The file system lists files in another order.
 TEST_F(Folder, FilesAreReadInTheOrderOfTheirNames) {
   std::vector<std::string> names;
   for (int number = 35; number > 10; number--) {

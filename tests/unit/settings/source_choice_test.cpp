@@ -57,7 +57,7 @@ TEST(Choose, TheFilesPasswordIsNotForANetworksProxy) {
   EXPECT_TRUE(choice.configuration.password.empty());
 }
 
-// The reason is logged, and shown at a terminal.
+// The reason is logged, and is shown at a terminal.
 TEST(Choose, TheReasonHasNoControlCharacterOfAnInterfacesName) {
   NetworkConfiguration network;
   network.interface = "e\x1b[2Jt";

@@ -1,5 +1,5 @@
-// Which parts of a document are used. Each test checks one thing that a client must do or must not
-// do.
+// Tests which parts of a document are used. Each test checks one thing that a client must do or
+// must not do.
 #include <string>
 
 #include "tests/unit/client/ctl/commands/pvd_test.h"

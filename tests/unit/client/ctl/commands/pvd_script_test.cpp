@@ -1,5 +1,5 @@
-// The text of a script that is made from a document. tests/integration/test_ctl_pvd.py runs such
-// scripts.
+// Tests the text of a script that is made from a document. tests/integration/test_ctl_pvd.py runs
+// such scripts.
 #include <string>
 
 #include "tests/unit/client/ctl/commands/pvd_test.h"
@@ -75,7 +75,7 @@ TEST(PvdScript, WantsAllPropertiesOfARuleAndOneValueOfEach) {
               HasSubstr("  if ((port === 80 ||\n       (port >= 90 && port <= 99)) &&\n"
                         "      (host === \"a\" ||\n       below(host, \"b\")) &&\n"
                         "      (inSubnet(host, \"::1/128\"))) return \"DIRECT\";\n"));
-  // DIRECT may be the answer for another port.
+  // On another port, the answer may be DIRECT.
   EXPECT_THAT(script.warnings[0],
               "rule 1 names ports: the daemon caches one answer for a host, also "
               "for its other ports");

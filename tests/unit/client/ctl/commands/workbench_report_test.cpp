@@ -67,7 +67,7 @@ TEST(WorkbenchReport, OfATraceIsRead) {
   ASSERT_EQ(read.events.size(), 2U);
   ASSERT_TRUE(read.events[0].call);
   EXPECT_EQ(read.events[0].call->lookups[0].microseconds, 6);
-  EXPECT_EQ(read.events[0].place, 1U);  // of the value that follows the call
+  EXPECT_EQ(read.events[0].place, 1U);  // the place of the value that follows the call
   EXPECT_EQ(read.counts[0].falsy, 4U);
   EXPECT_EQ(read.helperCalls, 7U);
   EXPECT_EQ(read.helperNanoseconds, 8U);

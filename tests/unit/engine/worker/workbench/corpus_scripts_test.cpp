@@ -1,4 +1,5 @@
-// Every script of the tree, watched and as it is.
+// Runs every script of the source tree twice: instrumented, and unchanged. The answers must be
+// equal.
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -29,8 +30,9 @@ std::string contentOf(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The scripts below the folders of tests, documents and the engine, by path; those that were
-/// recorded with a browser's answers, by number; the seeds of the fuzz targets that take scripts.
+/// All scripts by name. The scripts in the folders of the tests, the documents and the engine have
+/// their path as their name; so have the seeds of the fuzz targets that take scripts. The scripts
+/// that were recorded with a browser's answers have a number.
 std::map<std::string, std::string> scripts() {
   const std::filesystem::path source(PROXYMANAGER_SOURCE);
   std::map<std::string, std::string> found;
@@ -51,7 +53,8 @@ std::map<std::string, std::string> scripts() {
   return found;
 }
 
-/// A script that fills its heap ends wherever the memory happens to end.
+/// Removes the line from the message about the heap limit. A script that fills its heap does not
+/// always end in the same line.
 std::string withoutPlace(const std::string& answer) {
   const auto limit = answer.find("the heap limit");
   return limit == answer.npos ? answer : answer.substr(limit);
@@ -75,7 +78,8 @@ TEST(CorpusScripts, AnswerAlikeWhetherWatchedOrNot) {
       const auto url = "http://" + host + "/x";
       const auto expected = withoutPlace(answered(*plain, url, host));
       EXPECT_EQ(withoutPlace(answered(*traced, url, host)), expected) << name << " " << host;
-      // What is to break an engine decides nothing by the host, and takes long.
+      // The scripts that try to break an engine answer the same for every host, and take long. So
+      // one host is enough.
       if (name.find("/proofs/") != name.npos) break;
       if (!expected.starts_with("line")) ++answers;
     }

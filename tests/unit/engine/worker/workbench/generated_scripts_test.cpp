@@ -1,6 +1,6 @@
-// Instrumented scripts against the same scripts as they are, and their counts against counts that
-// the scripts keep themselves. The scripts are generated; WORKBENCH_SCRIPTS in the environment is
-// their number, WORKBENCH_SEED the first of their seeds.
+// Compares instrumented scripts with the same scripts unchanged. Also compares the counts of the
+// trace with counts that the scripts keep themselves. The scripts are generated. The environment
+// variable WORKBENCH_SCRIPTS is their number; WORKBENCH_SEED is the first seed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -34,15 +34,16 @@ std::string answered(pac_engine::Engine& engine, const std::string& host) {
   return workbench::answered(engine, "http://" + host + "/x", host);
 }
 
-/// Writes one script. With `counts` each statement first counts its own line, each test counts what
-/// it came to, and each case that it was entered. A test or a case has the number of its line and
-/// its own in that line.
+/// Writes one script. If `counts` is true, the script counts: each statement counts its own line
+/// before it runs, each test counts its result, and each case counts how often it is entered. A
+/// test or a case is identified by its line and its number in this line.
 class Generator {
  public:
   Generator(unsigned seed, bool counts) : mRandom(seed), mCounts(counts) {}
 
   std::string script() {
-    // One line, which no generated statement is on; counting, the entry point is another function.
+    // The first line, which has no generated statement. If the script counts, its entry point is
+    // another function.
     mText = choose({"", "'use strict'; "});
     mText += mCounts ? "var kept = {}; function k(n) { kept[n] = (kept[n] || 0) + 1; } "
                        "function t(n, v) { k('t' + n + (v ? '+' : '-')); return v; } "
@@ -87,7 +88,7 @@ class Generator {
     return "'" + std::to_string(mLine) + "." + std::to_string(number) + "'";
   }
 
-  /// A test: `before`, an expression and `behind`.
+  /// A test: `before`, an expression, and `behind`.
   std::string test(unsigned depth, const std::string& before = "", const std::string& behind = "") {
     const auto number = numbered(mTests++);
     const auto text = before + expression(depth) + behind;
@@ -100,7 +101,7 @@ class Generator {
     return head + ":" + (mCounts ? " k('c' + " + number + ");" : "");
   }
 
-  /// The first of two cases is written, and numbered, before the second.
+  /// The variable makes sure that the first case gets its number before the second.
   std::string fallThrough() {
     const auto first = entry("case 4");
     return first + " " + entry("case 5");
@@ -127,7 +128,7 @@ class Generator {
         return below(6) != 0 ? line("if (" + test(2) + ") v += 1;")
                              : line("return 'R' + (" + expression(1) + ");");
       case 3: {
-        // A body without braces, on a line of its own.
+        // A body without braces, in a line of its own.
         line("if (" + test(2) + ")");
         line(choose({"v = 3;", "return 'S' + v;", "v--;"}), true);
         raw("else");
@@ -177,7 +178,8 @@ class Generator {
     }
   }
 
-  /// Expressions with `between`, each of them written before the next: their tests are numbered.
+  /// Two expressions with `between`. The first is made before the second, because the tests in them
+  /// get numbers.
   std::string joined(unsigned depth, const std::string& between) {
     const auto first = expression(depth);
     return first + between + expression(depth);
@@ -233,7 +235,7 @@ class Generator {
   const bool mCounts;
   std::string mText;
   unsigned mLine = 1;
-  unsigned mTests = 0;  ///< in this line
+  unsigned mTests = 0;  ///< number of tests in this line
   unsigned mCases = 0;
 };
 
@@ -258,14 +260,16 @@ TEST(GeneratedScripts, AnswerAlikeWhetherWatchedOrNot) {
       if (!expected.starts_with("line")) ++answers;
     }
   }
-  // Most of them answer at all.
+  // At least a third of the questions must have an answer.
   EXPECT_GT(answers, number * kHosts.size() / 3);
 }
 
-/// What the trace counted, in the words of a script that counts: "LINE=TIMES" of the first
-/// statement of a line, "tLINE.NUMBER+=TIMES" and "-" of a test, "cLINE.NUMBER=TIMES" of a case.
+/// The counts of the trace, in the format of a script that counts: "LINE=TIMES" for the first
+/// statement of a line, "tLINE.NUMBER+=TIMES" and "tLINE.NUMBER-=TIMES" for a true and a false
+/// test, "cLINE.NUMBER=TIMES" for a case.
 std::string countsOf(const Json& trace, const Json& places) {
-  // The number of each test and case in its line: by column, the outer one of two first.
+  // Numbers the tests and cases of each line in the order of their columns. If two begin in the
+  // same column, the outer one is first.
   std::map<std::tuple<char, unsigned, unsigned, std::size_t>, std::size_t> order;
   for (std::size_t i = 0; i < places.size(); ++i) {
     const auto kind = places[i][0].get<std::string>()[0];
@@ -287,7 +291,7 @@ std::string countsOf(const Json& trace, const Json& places) {
     const auto line = place[1].get<unsigned>();
     if (line == 1) continue;
     const auto name = kind + std::to_string(line) + "." + std::to_string(numbers[index]);
-    // Behind the first statement of a line the script does not count.
+    // In each line, the script counts only the first statement.
     if (kind == 's' && place[2] == 1) add(std::to_string(line), count[1]);
     if (kind == 'c') add(name, count[1]);
     if (kind != 't') continue;
@@ -322,7 +326,7 @@ TEST(GeneratedScripts, ReachTheirStatementsAndBranchesAsOftenAsTheyCountThemselv
         if (counts.find(kind) != counts.npos) ++counted[kind];
     }
   }
-  // Most evaluations go through a test, some through a case.
+  // Enough evaluations must reach a test, and some must reach a case.
   EXPECT_GT(counted['t'], number * kHosts.size() / 3);
   EXPECT_GT(counted['c'], number * kHosts.size() / 20);
 }

@@ -37,7 +37,7 @@ inline Json command(Engine& engine, const std::string& name, const std::string& 
   return text ? Json::parse(*text) : Json();
 }
 
-/// What the script answers for `url`, or why it does not.
+/// The script's answer for `url`, or the reason why there is none.
 inline std::string answered(Engine& engine, const std::string& url, const std::string& host) {
   const auto reply = engine.evaluate(url, host);
   return reply.result ? *reply.result : pac_engine::describe(reply.problem);

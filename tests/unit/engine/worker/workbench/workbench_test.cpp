@@ -1,5 +1,5 @@
-// The workbench as proxymanagerctl uses it: a parser that instruments, a tracer that runs the
-// result.
+// Tests the workbench in the same way as proxymanagerctl uses it: a parser instruments a script,
+// and a tracer runs the result.
 #include <gtest/gtest.h>
 
 #include <chrono>
