@@ -73,8 +73,9 @@ class HandOver {
   /// failure.
   void check();
 
-  /// The time at which the daemon got the configuration of this service that it has now. It is a
-  /// part of the state that proxymanagerctl shows. Nothing if the daemon has none.
+  /// The time at which the service handed over the configuration that the daemon has now, or found
+  /// this configuration at the daemon. proxymanagerctl shows the time. Nothing if the daemon has no
+  /// configuration of this service.
   std::optional<std::time_t> lastHandOver() const;
   const std::string& lastProblem() const { return mProblem; }
   bool isForeign() const { return mIsForeign; }

@@ -29,8 +29,8 @@ struct MissedRule {
   std::string reachedBy;    ///< a URL that was made from the script and reaches this rule; or empty
   std::string shadowedUrl;  ///< a URL that was made for this rule, but another rule answers it
   std::optional<std::size_t> shadow;  ///< the return that answers this URL
-  /// A URL that was made for this rule reached the rule's test, or was not tried. Then nobody knows
-  /// whether another rule shadows this one.
+  /// A URL that was made for this rule reached the rule's test, or was not tried. Then it is not
+  /// known whether another rule shadows this one.
   bool mayBeReached = false;
 };
 
@@ -44,7 +44,8 @@ struct Share {
 };
 
 struct Coverage {
-  std::vector<PlaceCount> places;  ///< for each place of the script; include the counts of the load
+  /// One for each place of the script. They include the counts of the load.
+  std::vector<PlaceCount> places;
   std::vector<CoveredUrl> urls;
   std::vector<MissedRule> missed;
   std::size_t made = 0;  ///< number of the made URLs that were tried

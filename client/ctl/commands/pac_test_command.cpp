@@ -142,7 +142,7 @@ ExitStatus testScript(const TestArguments& arguments) {
   return allPassed ? kAnswered : kNoAnswer;
 }
 
-/// If -p selects the script, the only argument is the file of cases.
+/// Handles -p: if this option selects the script, the only argument is the file of cases.
 void settleFiles(TestArguments& arguments) {
   auto others = settleScript(arguments.script);
   auto& cases = arguments.files.cases;

@@ -1,6 +1,6 @@
 // The snippets that make proxymanager-relay the proxy of programs that read a fixed proxy setting.
 // A snippet is a link in a folder of /etc to a file that the relay's package installs. If the
-// package is removed but the link stays, the link leads to no file and sets nothing.
+// package is removed but the link stays, the link leads to no file and has no effect.
 #pragma once
 
 #include <string>

@@ -38,8 +38,9 @@ std::string settingsText(const Configuration& configuration, const std::string& 
 /// there is no such group). Each password gets a file of its own, so that the old settings and the
 /// old password are complete after a failure or a power cut. Removes the old password file last.
 /// Also removes what an interrupted call has left.
-/// @return the settings file Throws Failure: kDenied if this user may not write there, kOutput if
-/// the disk fails or if another program has held the lock for kSaveLockLimit.
+/// @return the settings file
+/// Throws Failure: kDenied if this user may not write there, kOutput if the disk fails or if
+/// another program has held the lock for kSaveLockLimit.
 std::string saveSettings(const Configuration& configuration);
 
 /// Removes all these files. @return whether there was one. Throws Failure (kDenied, kOutput).

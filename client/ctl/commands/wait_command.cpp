@@ -75,8 +75,8 @@ struct Look {
   bool isReady = false;
   /// The daemon is in mode off, and was silent for less than kListenTime.
   bool isUnclear = false;
-  std::optional<Clock::time_point>
-      announced;  ///< when the daemon last announced that it has no configuration
+  /// When the daemon last announced that it has no configuration.
+  std::optional<Clock::time_point> announced;
 };
 
 Look lookForConfiguration(DaemonBus& bus, const Owner& daemon, Clock::time_point end,

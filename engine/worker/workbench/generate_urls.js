@@ -14,7 +14,7 @@ const alwaysAsked = [
   'http://[fe80::1]/', 'http://192.0.2.1/',
 ];
 
-// A text that a shell expression matches, and a similar text that it does not match.
+// A text that a shell expression matches, and a similar text that the expression does not match.
 function filled(pattern) {
   const text = pattern.replace(/\*/g, 'a').replace(/\?/g, 'x');
   return [text, pattern.replace(/\*/g, '').replace(/\?/g, 'x')];
