@@ -63,8 +63,8 @@ struct ReadSettings {
   std::vector<Problem> problems;  ///< empty if the whole text is valid
 };
 
-/// Reads the text of one settings file. A problem never quotes a value, because every user may read
-/// the problems, and a value can be a password. Throws only std::bad_alloc.
+/// Reads the text of one settings file. A problem never quotes a value. Every user may read the
+/// problems, and a value can be a password. Throws only std::bad_alloc.
 ReadSettings readSettings(std::string_view text);
 
 /// Overwrites `settings` with the keys that `later` sets. A later password of any kind replaces an

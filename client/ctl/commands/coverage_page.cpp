@@ -120,7 +120,7 @@ std::string urlRows(const InstrumentedScript& script, const Coverage& coverage) 
   return html;
 }
 
-/// The notes that the reader of the page must know; empty without notes.
+/// The notes about the report, as rows of the page. Empty if there are none.
 std::string noteRows(const InstrumentedScript& script, const Coverage& coverage) {
   std::string html;
   for (const auto& note : coverageNotes(script, coverage))

@@ -147,8 +147,8 @@ Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
   return measured;
 }
 
-/// Repeats all questions to the script once, in a worker that counts the helper calls. The share of
-/// the helpers is computed from this run only, because another process is slower or faster.
+/// Asks the script all questions again, in a worker that counts the helper calls. The share of the
+/// helpers is computed from this run only, because another process is slower or faster.
 void measureHelpers(Measured& measured, const std::string& script, const BenchArguments& arguments,
                     pac_engine::Options options) {
   options.role = pac_engine::WorkerRole::kTraces;

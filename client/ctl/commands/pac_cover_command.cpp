@@ -77,7 +77,7 @@ Json jsonOf(const std::string& file, const InstrumentedScript& script, const Cov
   json["places"] = Json::array();
   for (const auto& total : coverage.places) {
     const auto& place = script.places[total.place];
-    // Whether the value of a switch or of a case is true or false has no meaning.
+    // A switch or a case compares its value, so it does not matter if the value is true or false.
     const bool isSwitch = place.is('w') || place.is('k');
     json["places"].push_back({{"kind", place.kind},
                               {"line", place.line},

@@ -18,8 +18,8 @@ namespace client {
 
 namespace {
 
-/// If alerts are to be shown, shows the script's alerts while this object exists. Alerts are the
-/// only lines that the library logs at LOG_DEBUG. All other facts are return values.
+/// Shows the script's alerts while this object exists, or drops them. Alerts are the only lines
+/// that the library logs at LOG_DEBUG. All other facts are return values.
 class AlertsHeard {
  public:
   explicit AlertsHeard(Alerts alerts)

@@ -80,7 +80,7 @@ constexpr std::chrono::seconds kListenTime{5};
 constexpr std::int64_t kClockTick = 10'000;
 
 /// The URL of the question if the user may not read the configuration. The script then has to
-/// answer it, too.
+/// answer this question, too.
 constexpr const char* kProbeUrl = "http://localhost/";
 
 /// The advice if something is wrong.

@@ -149,8 +149,9 @@ class HandOverCalls : public testing::Test, DaemonLink::Listener {
     }
     return 0;
   }
-  /// Whether the next timer fires about `pause` seconds from now. It may fire up to a third
-  /// earlier, because a slow machine looks late, or later by the loop's accuracy.
+  /// Whether the next timer fires about `pause` seconds from now. The timer may fire up to a third
+  /// earlier, because a slow machine checks it late. It may also fire later, by the loop's
+  /// accuracy.
   static bool isNear(double pause) {
     const double next = nextTimer();
     return next > pause * 2 / 3 && next < pause + 0.5;

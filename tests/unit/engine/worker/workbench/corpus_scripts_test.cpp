@@ -30,9 +30,9 @@ std::string contentOf(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// All scripts by name. The scripts in the folders of the tests, the documents and the engine have
-/// their path as their name; so have the seeds of the fuzz targets that take scripts. The scripts
-/// that were recorded with a browser's answers have a number.
+/// All scripts by name. The scripts in the folders of the tests, the documents and the engine are
+/// named by their path, and so are the seeds of the fuzz targets that take scripts. The scripts
+/// that were recorded with a browser's answers are named by a number.
 std::map<std::string, std::string> scripts() {
   const std::filesystem::path source(PROXYMANAGER_SOURCE);
   std::map<std::string, std::string> found;

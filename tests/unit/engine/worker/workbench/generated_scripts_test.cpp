@@ -101,7 +101,8 @@ class Generator {
     return head + ":" + (mCounts ? " k('c' + " + number + ");" : "");
   }
 
-  /// The variable makes sure that the first case gets its number before the second.
+  /// Two cases with one body. The variable makes sure that the first case gets its number before
+  /// the second.
   std::string fallThrough() {
     const auto first = entry("case 4");
     return first + " " + entry("case 5");
