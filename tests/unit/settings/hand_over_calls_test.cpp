@@ -286,6 +286,8 @@ TEST_F(HandOverCalls, AScriptOfThePreviousConfigurationDoesNotCountAsTheNewOne) 
   const auto called = fileTime();
   ASSERT_TRUE(waitFor([&] { return fileTime() > called; }));
   ASSERT_EQ(futimens(file, nullptr), 0);
+  const auto stored = fileTime();
+  ASSERT_TRUE(waitFor([&] { return fileTime() > stored; }));
   daemon->holds = false;
   ASSERT_GE(sd_bus_reply_method_return(daemon->held.front(), "i", 0), 0);
   const std::string line = "settings: the daemon has the configuration, mode pacurl";
