@@ -58,10 +58,14 @@ class SettingsService:
         daemon is in progress, this is the time limit of the call."""
         folder = f"/proc/{self.process.pid}/fdinfo"
         for name in os.listdir(folder):
-            with open(f"{folder}/{name}") as file:
-                for line in file:
-                    if line.startswith("it_value: (") and line.strip() != "it_value: (0, 0)":
-                        return float(line.split("(")[1].split(",")[0])
+            try:
+                with open(f"{folder}/{name}") as file:
+                    lines = file.readlines()
+            except FileNotFoundError:
+                continue  # the service has closed this descriptor since
+            for line in lines:
+                if line.startswith("it_value: (") and line.strip() != "it_value: (0, 0)":
+                    return float(line.split("(")[1].split(",")[0])
         return None
 
     def state(self):
