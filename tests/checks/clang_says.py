@@ -66,9 +66,9 @@ class Precompiled:
         self._made = {}
 
     def options_for(self, file, options):
-        """The options with which clang uses the precompiled header; none if it could not make
-        one."""
-        text = file.read_text(encoding="utf-8", errors="replace")
+        """The options with which clang uses the precompiled header; no options if clang could not
+        make the header."""
+        text = "".join(source.read_text(encoding="utf-8", errors="replace") for source in sources_of(file))
         headers = (*STANDARD, *(header for header in HEAVY if f"#include <{header}>" in text))
         # The macros and folders of a target do not change the content of these headers.
         common = tuple(option for option in options if option == "-DNDEBUG"
@@ -110,18 +110,26 @@ def sources_of(file):
             re.findall(r'^#include "(.+)"$', file.read_text(encoding="utf-8"), re.MULTILINE)]
 
 
-def shipped(build, tree):
-    """The compile commands of the sources that are not tests, each source once. Long sources come
-    first, so that at the end no processor works alone on one of them."""
+def is_shipped(source, build, tree):
+    return (source.suffix == ".cpp" and source.is_relative_to(tree) and not source.is_relative_to(build)
+            and source.relative_to(tree).parts[0] not in TESTS)
+
+
+def shipped(build, tree, joined):
+    """The compile commands of the sources that are not tests, each source once. With `joined`, files
+    in which CMake has joined sources stay as they are, which saves time. Long sources come first, so
+    that at the end no processor works alone on one of them."""
     entries = json.loads((build / "compile_commands.json").read_text(encoding="utf-8"))
-    files = {}
+    files, sources = {}, set()
     for entry in entries:
-        for file in sources_of(pathlib.Path(entry["file"])):
-            if (file.suffix == ".cpp" and file.is_relative_to(tree) and not file.is_relative_to(build)
-                    and file.relative_to(tree).parts[0] not in TESTS):
-                files[file] = entry
+        file = pathlib.Path(entry["file"])
+        new = [source for source in sources_of(file)
+               if is_shipped(source, build, tree) and source not in sources]
+        sources.update(new)
+        files.update(dict.fromkeys([file] if joined and new else new, entry))
     assert files, "nothing to judge: is this the build folder?"
-    return sorted(files.items(), key=lambda one: -one[0].stat().st_size)
+    size = {file: sum(source.stat().st_size for source in sources_of(file)) for file in files}
+    return sorted(files.items(), key=lambda one: -size[one[0]]), len(sources)
 
 
 def judge_tree(build, tree, tidy):
@@ -132,14 +140,14 @@ def judge_tree(build, tree, tidy):
             return tidied(file, tree, options)
         return compiled(file, precompiled.options_for(file, options) + options, entry["directory"])
 
-    sources = shipped(build, tree)
+    files, count = shipped(build, tree, joined=not tidy)
     with (tempfile.TemporaryDirectory() as folder,
           concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool):
         precompiled = Precompiled(folder)
-        failures = [said for passed, said in pool.map(judged, sources) if not passed]
+        failures = [said for passed, said in pool.map(judged, files) if not passed]
     if failures:
         sys.exit("\n".join(failures))
-    print(f"{'clang-tidy' if tidy else 'clang'} has nothing to say about {len(sources)} sources")
+    print(f"{'clang-tidy' if tidy else 'clang'} has nothing to say about {count} sources")
 
 
 EXAMPLE = """

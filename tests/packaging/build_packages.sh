@@ -22,11 +22,13 @@ else
   find "$copy" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
   tar -C "$tree" --null --files-from="$files" -cf - | tar -C "$copy" -xf -
   # No test reads debug symbols, and they would take half of the time of the build. Paths in objects are
-  # those of ./test.sh's build, so that ccache has most objects already.
+  # those of ./test.sh's build, so that ccache has most objects already. debhelper gives the build an empty
+  # home, so the path of the cache is set.
+  cache=$(ccache --get-config cache_dir)
   (cd "$copy" && DEB_BUILD_OPTIONS="noautodbgsym reproducible=-all" \
     DEB_CFLAGS_APPEND=-g0 DEB_CXXFLAGS_APPEND=-g0 \
     CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache \
-    CCACHE_BASEDIR=$tree CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=locale \
+    CCACHE_DIR=$cache CCACHE_BASEDIR=$tree CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=locale \
     dpkg-buildpackage --build=binary --build-profiles=nocheck --no-pre-clean -us -uc)
   mv "$folder"/*proxymanager*_* "$out"
   # Who builds the packages in the tree itself has nothing of that in git's way. The link debian leads
