@@ -5,7 +5,6 @@
 // host of a question chooses the action during the question. If the action does not end the
 // process, the answer is "survived".
 #include <fcntl.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/ptrace.h>
@@ -22,6 +21,7 @@
 #include "engine/wire/descriptors.h"
 #include "engine/wire/protocol.h"
 #include "engine/worker/script_engine.h"
+#include "tests/support/raw_calls.h"
 
 namespace pac_worker {
 
@@ -32,23 +32,6 @@ struct ScriptEngine::Impl {
 namespace {
 
 constexpr std::size_t kTooMuchMemory = std::size_t{512} << 20U;
-
-void call(long number, long a = 0, long b = 0, long c = 0, long d = 0, long e = 0, long f = 0) {
-  syscall(number, a, b, c, d, e, f);
-}
-
-/// Newer architectures, such as arm64, only have clone for it.
-void callVfork() {
-#ifdef SYS_vfork
-  call(SYS_vfork);
-#else
-  call(SYS_clone, CLONE_VM | CLONE_VFORK | SIGCHLD);
-#endif
-}
-
-long pointer(const void* address) {
-  return reinterpret_cast<long>(address);
-}
 
 #ifdef SYS_mmap
 constexpr long kMap = SYS_mmap;

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "fetcher/child/transfer.h"
+#include "tests/support/raw_calls.h"
 
 namespace {
 
@@ -41,23 +42,6 @@ void sendRaw(const std::string& bytes) {
 [[noreturn]] void hang() {
   // A wait that the walls allow: pause() would end the process.
   for (;;) poll(nullptr, 0, -1);
-}
-
-void call(long number, long a = 0, long b = 0, long c = 0) {
-  syscall(number, a, b, c);
-}
-
-/// Newer architectures, such as arm64, only have clone for it.
-void callVfork() {
-#ifdef SYS_vfork
-  call(SYS_vfork);
-#else
-  call(SYS_clone, CLONE_VM | CLONE_VFORK | SIGCHLD);
-#endif
-}
-
-long pointer(const void* address) {
-  return reinterpret_cast<long>(address);
 }
 
 void openFile(const char* path, int flags) {
