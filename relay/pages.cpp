@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdint>
 
 #include "base/ascii.h"
 #include "base/paths.h"
@@ -51,8 +52,8 @@ std::string response(std::string_view type, const std::string& body, bool hasBod
   return hasBody ? text.append(body) : text;
 }
 
-std::chrono::seconds ageOf(std::time_t time) {
-  return std::chrono::seconds(std::max<std::time_t>(std::time(nullptr) - time, 0));
+std::chrono::seconds ageOf(std::int64_t time) {
+  return std::chrono::seconds(std::max<std::int64_t>(std::time(nullptr) - time, 0));
 }
 
 /// Adds the source and the age of the script to the report.

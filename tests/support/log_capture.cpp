@@ -18,6 +18,7 @@ struct Captured {
   std::mutex mutex;
   std::condition_variable said;
   std::vector<LogLine> lines;
+  std::optional<std::string> leftOut;
 };
 
 Captured& captured() {
@@ -37,6 +38,7 @@ __attribute__((format(printf, 2, 0))) void capture(int priority, const char* for
   text.pop_back();
   auto& all = captured();
   const std::lock_guard lock(all.mutex);
+  if (text == all.leftOut) return;
   all.lines.push_back({LOG_PRI(priority), std::move(text)});
   all.said.notify_all();
 } catch (const std::bad_alloc&) {
@@ -75,6 +77,12 @@ __attribute__((format(printf, 3, 4))) void __syslog_chk(int priority, int, const
 
 std::ostream& operator<<(std::ostream& stream, const LogLine& line) {
   return stream << "<" << line.priority << ">\"" << line.text << "\"";
+}
+
+void leaveOutOfLog(const std::optional<std::string>& text) {
+  auto& all = captured();
+  const std::lock_guard lock(all.mutex);
+  all.leftOut = text;
 }
 
 std::vector<LogLine> logLines() {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,10 @@ struct LogLine {
 };
 
 std::ostream& operator<<(std::ostream& stream, const LogLine& line);
+
+/// From now on, lines that equal `text` are not captured. Without a text, all lines are captured
+/// again.
+void leaveOutOfLog(const std::optional<std::string>& text);
 
 /// The lines that were logged since the process began or since the last clearLog().
 std::vector<LogLine> logLines();

@@ -4,9 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/log_capture.h"
 #include "tests/support/own_root.h"
+#include "tests/unit/fetcher/landlock.h"
 
 class OwnRootTest : public testing::Test {
  protected:
-  OwnRootTest() { enterOwnRoot(); }
+  OwnRootTest() {
+    enterOwnRoot();
+    if (!kernelHasLandlock()) leaveOutOfLog(kNoLandlockLine);
+  }
 };

@@ -103,7 +103,7 @@ TEST(ShellExpression, AgreesWithTheEnginesRegularExpressions) {
   Generator generator;
   int pairs = 0;
   int matched = 0;
-  while (pairs < 100000) {
+  while (pairs < PAIRS) {
     const std::string pair = generator.text(10) + '\0' + generator.expression(8);
     const Reply answer = engine.evaluate("", pair);
     ASSERT_TRUE(answer.result) << answer.problem.message;

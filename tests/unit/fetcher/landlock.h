@@ -1,0 +1,14 @@
+// Landlock limits the files of the fetch process. A kernel may lack it, and so does an emulator of
+// user programs.
+#pragma once
+
+#include <linux/landlock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+inline constexpr const char* kNoLandlockLine =
+    "fetcher: the kernel has no Landlock, the fetch process can read what its user can";
+
+inline bool kernelHasLandlock() {
+  return syscall(SYS_landlock_create_ruleset, nullptr, 0, LANDLOCK_CREATE_RULESET_VERSION) > 0;
+}
