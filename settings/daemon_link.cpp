@@ -1,5 +1,6 @@
 #include "settings/daemon_link.h"
 
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -78,8 +79,29 @@ void DaemonLink::ownerIs(const std::string& owner) {
   if (owner == mOwner) return;
   const bool wasThere = isThere();
   mOwner = owner;
+  mUser.reset();
+  mUserQuestion.reset();
+  if (isThere()) askForUser();
   if (wasThere) mListener->daemonVanished();
   if (isThere()) mListener->daemonAppeared();
+}
+
+void DaemonLink::askForUser() {
+  sd_bus_slot* slot = nullptr;
+  require(sd_bus_call_method_async(mBus, &slot, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                   "org.freedesktop.DBus", "GetConnectionUnixUser", onUser, this,
+                                   "s", mOwner.c_str()),
+          "GetConnectionUnixUser");
+  mUserQuestion.reset(slot);
+}
+
+// If there is an error, the connection has just ended.
+int DaemonLink::onUser(sd_bus_message* reply, void* self, sd_bus_error*) {
+  std::uint32_t user = 0;
+  if (sd_bus_message_is_method_error(reply, nullptr)) return 0;
+  if (sd_bus_message_read(reply, "u", &user) < 0) return 0;
+  static_cast<DaemonLink*>(self)->mUser = user;
+  return 0;
 }
 
 BusMessage DaemonLink::newCall(sd_bus* bus, const char* member) {

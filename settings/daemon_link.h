@@ -2,6 +2,7 @@
 // and its answers.
 #pragma once
 
+#include <sys/types.h>
 #include <systemd/sd-bus.h>
 
 #include <chrono>
@@ -54,6 +55,8 @@ class DaemonLink {
   /// Starts to watch the daemon's name. Throws std::system_error.
   void watch(Listener& listener);
   bool isThere() const { return !mOwner.empty(); }
+  /// The user of the daemon's process. Empty if the bus has not answered yet.
+  std::optional<uid_t> user() const { return mUser; }
 
   /// Gets the daemon's configuration, or nothing and the reason.
   using Read = std::function<void(std::optional<Configuration>, const std::string& problem)>;
@@ -81,14 +84,18 @@ class DaemonLink {
   void ownerIs(const std::string& owner);
   static int onReply(sd_bus_message* reply, void* call, sd_bus_error*);
   static int onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error*);
+  void askForUser();
   static int onOwner(sd_bus_message* reply, void* self, sd_bus_error*);
+  static int onUser(sd_bus_message* reply, void* self, sd_bus_error*);
 
   sd_bus* mBus;
   sd_bus* mQuestions;
   Listener* mListener = nullptr;
-  std::string mOwner;  ///< unique name; empty if the daemon does not run
+  std::string mOwner;          ///< unique name; empty if the daemon does not run
+  std::optional<uid_t> mUser;  ///< of the process that owns the name
   BusSlot mMatch;
   BusSlot mFirstLook;
+  BusSlot mUserQuestion;
   std::list<Call> mCalls;
 };
 

@@ -25,6 +25,8 @@ constexpr timeval kRoutesLimit{1, 0};
 /// How often a list is requested at most, if it changes while the kernel writes it. After that, the
 /// change itself causes the next reading.
 constexpr int kMaxLists = 3;
+/// Maximum number of packets that are read in one turn of the event loop.
+constexpr int kMaxPackets = 1000;
 
 enum class List { kWhole, kChanged, kFailed };
 
@@ -148,6 +150,17 @@ List readList(int socket, DefaultRoutes& routes) {
   }
 }
 
+/// @param messages one packet of the kernel
+bool concernsDefaultRoutes(std::string_view messages) {
+  while (true) {
+    const auto head = headOf<nlmsghdr>(messages);
+    const auto message = takeEntry(messages, head.nlmsg_len, sizeof head);
+    if (message.empty()) return false;
+    const bool isRoute = head.nlmsg_type == RTM_NEWROUTE || head.nlmsg_type == RTM_DELROUTE;
+    if (!isRoute || headOf<rtmsg>(message.substr(sizeof head)).rtm_dst_len == 0) return true;
+  }
+}
+
 base::UniqueFd openSocket(int type, unsigned groups) {
   base::UniqueFd opened(socket(AF_NETLINK, type | SOCK_CLOEXEC, NETLINK_ROUTE));
   sockaddr_nl address{};
@@ -181,13 +194,19 @@ base::UniqueFd openRouteSocket() {
   return openSocket(SOCK_RAW | SOCK_NONBLOCK, RTMGRP_LINK | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_ROUTE);
 }
 
-// An overflow (ENOBUFS) is no error: it also means that something has changed.
-void drainRouteSocket(int socket) {
-  std::array<char, 4096> buffer;
-  for (int messages = 0; messages < 1000; messages++) {
-    const ssize_t length = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (length < 0 && errno != ENOBUFS && errno != EINTR) return;
+bool drainRouteSocket(int socket) {
+  std::array<char, kMessageBytes> buffer;
+  bool isRelevant = false;
+  for (int packets = 0; packets < kMaxPackets; packets++) {
+    const ssize_t length = recv(socket, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+    if (length < 0 && errno == EINTR) continue;
+    if (length < 0 && errno != ENOBUFS) return isRelevant;
+    // After an overflow (ENOBUFS) or in a packet that is too long, any message may be lost.
+    const bool isLost = length < 0 || static_cast<std::size_t>(length) > buffer.size();
+    isRelevant = isRelevant || isLost ||
+                 concernsDefaultRoutes({buffer.data(), static_cast<std::size_t>(length)});
   }
+  return true;
 }
 
 }  // namespace settings

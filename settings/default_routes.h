@@ -21,6 +21,9 @@ std::optional<DefaultRoutes> readDefaultRoutes();
 /// A socket that becomes readable when a route or a link changes. The content of its messages is
 /// not needed: drainRouteSocket() discards it. Empty if the kernel refuses the socket.
 base::UniqueFd openRouteSocket();
-void drainRouteSocket(int socket);
+/// Reads what waits on the socket.
+/// @return whether the default routes may have changed. Changes of other routes do not count:
+/// reading a list of 60,000 routes takes a tenth of a second.
+bool drainRouteSocket(int socket);
 
 }  // namespace settings

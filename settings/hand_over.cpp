@@ -37,11 +37,15 @@ std::chrono::milliseconds refreshPause(std::chrono::seconds interval) {
   return least + std::chrono::milliseconds{spread(random)};
 }
 
-bool isScriptNewer(const std::string& path, const timespec& since) {
+bool isScriptNewer(const std::string& path, const timespec& since,
+                   std::optional<uid_t> daemonsUser) {
   struct stat status {};
   if (lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return false;
-  return std::pair(status.st_mtim.tv_sec, status.st_mtim.tv_nsec) >
-         std::pair(since.tv_sec, since.tv_nsec);
+  if (status.st_uid != 0 && status.st_uid != daemonsUser) return false;
+  const timespec now = fileTime();
+  const std::pair time(status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+  return time > std::pair(since.tv_sec, since.tv_nsec) &&
+         time <= std::pair(now.tv_sec, now.tv_nsec);
 }
 
 HandOver::HandOver(sd_event* event, DaemonLink& daemon, std::string pacFile)
@@ -116,6 +120,10 @@ bool HandOver::isOurs(const Configuration& configuration) const {
   return !mHandedOver || *mHandedOver == configuration;
 }
 
+bool HandOver::hasScriptArrived() const {
+  return isScriptNewer(mPacFile, mScriptSince, mDaemon.user());
+}
+
 bool HandOver::usesScript() const {
   return mWanted && (mWanted->mode == Mode::kPacUrl || mWanted->mode == Mode::kWpad);
 }
@@ -140,7 +148,7 @@ void HandOver::proceed() {
     case Due::kNothing:
       break;
     case Due::kIfScriptIsMissing:
-      if (mHandedOver && !isScriptNewer(mPacFile, mScriptSince)) compare(due);
+      if (mHandedOver && !hasScriptArrived()) compare(due);
       break;
     case Due::kIfDifferent:
     case Due::kIfOurs:
@@ -205,9 +213,9 @@ void HandOver::noteHandedOver(const Configuration& configuration) {
 void HandOver::handOver() {
   if (mIsCalling) return;
   mIsCalling = true;
-  // If the script has arrived, the pauses begin again, because a refresh may find that the script
-  // is gone.
-  if (isScriptNewer(mPacFile, mScriptSince)) mScriptRetry = 0;
+  // If the script has arrived, the next retry has the shortest pause again, because a refresh may
+  // find that the script is gone.
+  if (hasScriptArrived()) mScriptRetry = 0;
   const Configuration configuration = *mWanted;
   const timespec before = fileTime();
   mDaemon.update(configuration, [this, configuration, before,

@@ -48,8 +48,11 @@ std::chrono::seconds failurePause(std::size_t failures);
 std::chrono::milliseconds refreshPause(std::chrono::seconds interval);
 
 /// Whether the script file is newer than the hand-over at `since`. False if there is no script
-/// file.
-bool isScriptNewer(const std::string& path, const timespec& since);
+/// file, if its time is in the future, or if it belongs neither to root nor to `daemonsUser`: any
+/// user may create a file in /tmp, and the daemon does not read such a file.
+/// @param daemonsUser empty if it is unknown
+bool isScriptNewer(const std::string& path, const timespec& since,
+                   std::optional<uid_t> daemonsUser);
 
 /// Runs in the event loop's thread. Logs what it does.
 class HandOver {
@@ -92,6 +95,7 @@ class HandOver {
   void handOver();
   void handedOver(const std::string& problem);
   void failed(const std::string& problem, Due due);
+  bool hasScriptArrived() const;
   bool usesScript() const;
   void setRefreshTimer();
   void noteHandedOver(const Configuration& configuration);

@@ -14,12 +14,20 @@ namespace {
 
 constexpr std::string_view kPathBase = "/org/pacrunner/configuration";
 
+// DHCP servers often end the URL with a line end or a blank, and network managers push it as it is.
+std::string_view trimmed(std::string_view text) {
+  const auto isBlank = [](char c) { return static_cast<unsigned char>(c) <= ' ' || c == '\x7f'; };
+  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
 void translateAuto(const PushedConfiguration& pushed, NetworkConfiguration& result) {
   // The URL has priority over the script, as network managers expect.
-  if (!pushed.url.empty()) {
-    result.isUsable = pacUrlProblem(pushed.url).empty();
+  if (const auto url = trimmed(pushed.url); !url.empty()) {
+    result.isUsable = pacUrlProblem(url).empty();
     result.configuration.mode = Mode::kPacUrl;
-    result.configuration.pacUrl = pushed.url;
+    result.configuration.pacUrl = url;
   } else if (pushed.script) {
     result.isUsable = !pushed.script->empty();
     result.configuration.mode = Mode::kPacUrl;

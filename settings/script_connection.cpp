@@ -46,11 +46,13 @@ ScriptConnection::ScriptConnection(sd_event* event, base::UniqueFd socket, Owner
   require(sd_event_add_io(event, &source, mSocket.get(), EPOLLIN, onReady, this),
           "sd_event_add_io");
   mSource.reset(source);
+  require(sd_event_source_set_priority(source, kScriptPriority), "sd_event_source_set_priority");
   const std::chrono::microseconds limit = kConnectionLimit;
   require(sd_event_add_time_relative(event, &source, CLOCK_MONOTONIC,
                                      static_cast<std::uint64_t>(limit.count()), 0, onLimit, this),
           "sd_event_add_time_relative");
   mLimit.reset(source);
+  require(sd_event_source_set_priority(source, kScriptPriority), "sd_event_source_set_priority");
 }
 
 int ScriptConnection::onReady(sd_event_source* source, int, std::uint32_t, void* self) {

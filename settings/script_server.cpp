@@ -102,6 +102,7 @@ ScriptServer::ScriptServer(sd_event* event, base::UniqueFd listening, std::strin
   require(sd_event_add_io(event, &source, mListening.get(), EPOLLIN, onConnection, this),
           "sd_event_add_io");
   mSource.reset(source);
+  require(sd_event_source_set_priority(source, kScriptPriority), "sd_event_source_set_priority");
 }
 
 int ScriptServer::onConnection(sd_event_source* source, int, std::uint32_t, void* self) {

@@ -243,7 +243,7 @@ void SettingsService::watchRoutes(sd_event* event) {
 }
 
 int SettingsService::onRoute(sd_event_source* source, int socket, std::uint32_t, void* self) {
-  drainRouteSocket(socket);
+  if (!drainRouteSocket(socket)) return 0;
   auto& service = *static_cast<SettingsService*>(self);
   return guarded(sd_event_source_get_event(source), [&service] { service.routesChanged(); });
 }

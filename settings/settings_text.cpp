@@ -188,11 +188,18 @@ std::string proxyUrlProblem(std::string_view url) {
 }
 
 std::string withoutCredentials(std::string_view url) {
-  const auto [begin, end] = authorityOf(url);
+  auto [begin, end] = authorityOf(url);
+  // Programs accept more than two slashes.
+  begin = std::min(url.find_first_not_of('/', begin), url.size());
+  end = std::min(url.find_first_of("/?#", begin), url.size());
   // "http://user:pass/word@host" breaks the rules, but people write such passwords.
   const auto colon = url.find(':', begin);
   const auto last = url.rfind('@');
-  if (last != std::string_view::npos && last >= end && colon < end && url[begin] != '[') {
+  const bool isAddress = url.substr(begin, end - begin).starts_with('[') &&
+                         url.substr(begin, end - begin).find(']') != std::string_view::npos;
+  if (last != std::string_view::npos && last >= end && colon < last && !isAddress) {
+    if (colon > end)
+      return std::string(url.substr(0, begin)) + "***" + std::string(url.substr(last));
     return std::string(url.substr(0, colon + 1)) + "***" + std::string(url.substr(last));
   }
   const auto at = url.substr(begin, end - begin).rfind('@');

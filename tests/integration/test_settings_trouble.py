@@ -2,6 +2,7 @@
 senders. Each message of its log is asserted here once."""
 
 import json
+import multiprocessing
 import os
 import signal
 import socket
@@ -335,6 +336,59 @@ def test_one_users_questions_delay_neither_a_change_nor_another_user(settings, d
         assert answers.count("PROXY a.example:1") > 48
         for caller in (*callers, other):
             caller.close()
+
+
+def flood_the_script_port():
+    """Connects to the script server in a loop, as another user, until the process is killed."""
+    os.setgid(NOBODY)
+    os.setuid(NOBODY)
+    connections = []
+    while True:
+        connection = socket.socket()
+        connection.setblocking(False)
+        connection.connect_ex(("127.0.0.1", 850))
+        connections.append(connection)
+        if len(connections) > 500:
+            connections.pop(0).close()
+
+
+def test_connections_to_the_script_server_delay_no_change(settings, daemon, client):
+    """The questions fill the queue of the service's connection to the bus."""
+    settings.start()
+    wait_until(lambda: settings.state()["daemon"], "the daemon is there")
+    flood = [multiprocessing.Process(target=flood_the_script_port) for _ in range(3)]
+    try:
+        for process in flood:
+            process.start()
+        callers = [NetworkManager(NOBODY) for _ in range(6)]
+        for caller in callers:
+            for name in range(8):
+                caller.ask(f"http://h{name}.example/")
+        write_settings(MANUAL)
+        wait_until(lambda: client.config()[0] == "manual", "the change is handed over")
+        assert all(process.is_alive() for process in flood)
+    finally:
+        for process in flood:
+            process.kill()
+            process.join()
+    for caller in callers:
+        assert len(caller.replies(8)) == 8
+        caller.close()
+
+
+def test_another_users_file_is_not_the_script_that_is_missing(settings, daemon, web):
+    web.routes["/p.pac"] = response("", "404 Not Found")
+    with open("/tmp/proxymanager.pac", "w"):
+        pass
+    os.chown("/tmp/proxymanager.pac", NOBODY, NOBODY)
+    write_settings(f'mode = "pacurl"\npac-url = "{web.url("/p.pac")}"\n')
+    settings.start()
+    wait_until(lambda: settings.state()["handed_over_at"], "the configuration is handed over")
+    web.wait("/p.pac")
+    os.utime("/tmp/proxymanager.pac")
+    # A change of this file is a reason to look for the script.
+    os.utime("/etc/resolv.conf")
+    web.wait("/p.pac", 2)
 
 
 def test_a_question_of_sixteen_kibibytes_is_asked_and_a_longer_one_refused(settings):

@@ -97,6 +97,29 @@ TEST(DefaultRoutes, AreFoundInAListOfManyMessages) {
   EXPECT_EQ(routes.size(), 2U);
 }
 
+TEST(RouteSocket, ReportsDefaultRoutesAndLinksButNoOtherRoutes) {
+  std::thread([] {
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    const auto run = [](const char* command) { ASSERT_EQ(std::system(command), 0) << command; };
+    run("ip link set lo up");
+    const auto socket = openRouteSocket();
+    ASSERT_TRUE(socket);
+    EXPECT_FALSE(drainRouteSocket(socket.get()));
+    run("ip route add 203.0.113.7/32 dev lo");
+    EXPECT_FALSE(drainRouteSocket(socket.get()));
+    for (const char* command : {"ip route add default dev lo", "ip route delete default",
+                                "ip -6 route add default dev lo", "ip link set lo down"}) {
+      run(command);
+      EXPECT_TRUE(drainRouteSocket(socket.get())) << command;
+    }
+    // More changes than the kernel keeps for the socket: a lost message may concern a default
+    // route.
+    run("for i in $(seq 250); do for j in $(seq 10); do"
+        " echo route add unreachable 203.0.$j.$i/32; done; done | ip -batch -");
+    EXPECT_TRUE(drainRouteSocket(socket.get()));
+  }).join();
+}
+
 TEST(DefaultRoutes, AreNoneInANetworkWithoutThem) {
   EXPECT_TRUE(routesAfter("").empty());
 }

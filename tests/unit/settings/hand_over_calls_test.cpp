@@ -32,6 +32,13 @@ constexpr seconds kLimit{60};
 constexpr const char* kForeign =
     "settings: another program has changed the configuration; it stays";
 
+/// The present time, by the clock that file times use.
+std::pair<std::time_t, long> fileTime() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return {now.tv_sec, now.tv_nsec};
+}
+
 struct EventCloser {
   void operator()(sd_event* event) const { sd_event_unref(event); }
 };
@@ -251,8 +258,9 @@ TEST_F(HandOverCalls, TheFirstPauseForAScriptIsShortAgainAfterOneHasArrived) {
   handOver->want(mScript);
   daemon->appear();
   ASSERT_TRUE(waitFor([&] { return isHandedOver(1) && isNear(10); }));
-  const timespec arrived[] = {{std::time(nullptr) + 1000, 0}, {std::time(nullptr) + 1000, 0}};
-  ASSERT_EQ(futimens(file, arrived), 0);
+  const auto handedOver = fileTime();
+  ASSERT_TRUE(waitFor([&] { return fileTime() > handedOver; }));
+  ASSERT_EQ(futimens(file, nullptr), 0);
   handOver->refreshEvery(seconds{1});
   const std::string line = "settings: the daemon has the configuration, mode pacurl";
   ASSERT_TRUE(waitFor([&] { return countLog(LOG_NOTICE, line) == 2; }));
@@ -278,11 +286,6 @@ TEST_F(HandOverCalls, AScriptOfThePreviousConfigurationDoesNotCountAsTheNewOne) 
   ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 1; }));
   // The daemon stores the script of the first configuration, and then accepts the other
   // configuration.
-  const auto fileTime = [] {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    return std::pair(now.tv_sec, now.tv_nsec);
-  };
   const auto called = fileTime();
   ASSERT_TRUE(waitFor([&] { return fileTime() > called; }));
   ASSERT_EQ(futimens(file, nullptr), 0);

@@ -66,17 +66,30 @@ class ScriptFile : public testing::Test {
 
 TEST_F(ScriptFile, IsNewerByANanosecond) {
   setTime({1000, 500});
-  EXPECT_TRUE(isScriptNewer(mPath, {1000, 499}));
-  EXPECT_FALSE(isScriptNewer(mPath, {1000, 500}));
-  EXPECT_TRUE(isScriptNewer(mPath, {999, 999999999}));
+  EXPECT_TRUE(isScriptNewer(mPath, {1000, 499}, {}));
+  EXPECT_FALSE(isScriptNewer(mPath, {1000, 500}, {}));
+  EXPECT_TRUE(isScriptNewer(mPath, {999, 999999999}, {}));
+}
+
+TEST_F(ScriptFile, OfAnotherUserThanRootOrTheDaemonsIsNoScript) {
+  setTime({1000, 0});
+  ASSERT_EQ(chown(mPath.c_str(), 1234, static_cast<gid_t>(-1)), 0);
+  EXPECT_FALSE(isScriptNewer(mPath, {0, 0}, {}));
+  EXPECT_FALSE(isScriptNewer(mPath, {0, 0}, 1235));
+  EXPECT_TRUE(isScriptNewer(mPath, {0, 0}, 1234));
+}
+
+TEST_F(ScriptFile, OfTheFutureIsNotNewer) {
+  setTime({time(nullptr) + 60, 0});
+  EXPECT_FALSE(isScriptNewer(mPath, {0, 0}, {}));
 }
 
 TEST_F(ScriptFile, ALinkOrAMissingFileIsNoScript) {
   const std::string link = mPath + ".link";
   ASSERT_EQ(symlink(mPath.c_str(), link.c_str()), 0);
-  EXPECT_FALSE(isScriptNewer(link, {0, 0}));
+  EXPECT_FALSE(isScriptNewer(link, {0, 0}, {}));
   unlink(link.c_str());
-  EXPECT_FALSE(isScriptNewer(link, {0, 0}));
+  EXPECT_FALSE(isScriptNewer(link, {0, 0}, {}));
 }
 
 }  // namespace

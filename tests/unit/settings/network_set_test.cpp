@@ -21,6 +21,21 @@ NetworkConfiguration directOn(const std::string& interface) {
   return translate(pushed);
 }
 
+TEST(Translate, AUrlLosesTheBlanksAndLineEndsAroundIt) {
+  PushedConfiguration pushed;
+  pushed.method = Method::kAuto;
+  for (const char* url : {"http://h/p.pac\n", " http://h/p.pac ", "\r\nhttp://h/p.pac\t\x7f"}) {
+    pushed.url = url;
+    EXPECT_TRUE(translate(pushed).isUsable) << url;
+    EXPECT_EQ(translate(pushed).configuration.pacUrl, "http://h/p.pac");
+  }
+  for (const char* url : {"\n", " "}) {
+    pushed.url = url;
+    EXPECT_TRUE(translate(pushed).isUsable);
+    EXPECT_EQ(translate(pushed).configuration.mode, Mode::kWpad);
+  }
+}
+
 TEST(Translate, AutoIsAUrlBeforeAScriptBeforeWpad) {
   PushedConfiguration pushed;
   pushed.method = Method::kAuto;
