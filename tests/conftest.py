@@ -18,6 +18,7 @@ from support.relay import Relay
 from support.relay_peers import Origin
 from support.relay_requests import HOST
 from support.syslog_socket import Syslog
+from support.systemd import Systemd
 from support.web import Web
 
 
@@ -69,6 +70,17 @@ def daemon(build, syslog, bus):
     make_watched_files()
     daemon = Daemon(build)
     yield daemon
+    daemon.close()
+
+
+@pytest.fixture
+def systemd(build, syslog, bus):
+    """Takes the place of systemd, to which a running daemon reports its status."""
+    make_watched_files()
+    systemd = Systemd()
+    daemon = Daemon(build, environment=systemd.environment)
+    systemd.process = daemon.pid
+    yield systemd
     daemon.close()
 
 

@@ -70,7 +70,7 @@ static proxymanager_client* client_but(proxymanager_client* useless) {
 /* A question that can be cancelled. */
 typedef struct {
   proxymanager_client* client;
-  proxymanager_id id; /* 0 if it has been answered */
+  proxymanager_id id; /* 0 if the question has been answered */
 } Question;
 
 static proxymanager_status ask(const char* uri, proxymanager_answer_callback callback,

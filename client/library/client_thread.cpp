@@ -8,6 +8,7 @@
 #include <new>
 #include <utility>
 
+#include "client/library/bus_error.h"
 #include "client/library/client.h"
 
 namespace client::library {
@@ -89,7 +90,7 @@ void Client::connect(Clock::time_point now) {
   mLinkEnd = now + kSilenceLimit;
   mLink.emplace(mFlags, *this);
   if (const int error = mLink->open(mAddress.c_str()); error != 0) {
-    dropLink(failedConnecting(error));
+    dropLink(failedConnecting(connectionError(mAddress, error)));
   }
 }
 
@@ -122,7 +123,8 @@ bool Client::handleBus() {
   const int result = mLink->process();
   if (result < 0) {
     const bool isOver = mLink->isReady() && result != -ENOMEM;
-    dropLink(isOver ? failedAnswer(kDisconnected, "") : failedConnecting(-result));
+    dropLink(isOver ? failedAnswer(kDisconnected, "")
+                    : failedConnecting(connectionError(mAddress, -result)));
     return false;
   }
   if (mLink->isSettled()) return result > 0;

@@ -126,8 +126,11 @@ def test_the_help_comes_by_any_of_its_usual_names(ctl):
     for arguments in (["-h"], ["help"]):
         result = ctl(*arguments)
         assert (result.status, result.output) == (ANSWERED, whole), arguments
-    bare = ctl()
-    assert (bare.status, bare.output) == (USAGE, whole)
+    for arguments in ([], ["--json"], ["--timeout", "3"], ["--timeout"]):  # no command
+        bare = ctl(*arguments)
+        assert (bare.status, bare.output, bare.errors) == (USAGE, whole, ""), arguments
+    assert ctl("--json", "help").output == whole
+    assert ctl("--timeout", "3", "help", "pac", "eval").output == ctl("pac", "eval", "--help").output
     assert ctl("help", "get").output == ctl("get", "--help").output
     assert ctl("help", "pac", "eval").output == ctl("pac", "eval", "--help").output
     assert ctl("-V").output == ctl("--version").output

@@ -8,6 +8,7 @@ import socket
 import pytest
 from support.bus import wait_until
 from support.ctl import ANSWERED, NO_ANSWER, NO_PROXY, USAGE, VARIABLES, answering, said
+from support.far_network import FarNetwork
 from support.stand_in import StandIn
 
 
@@ -67,7 +68,17 @@ def test_exec_takes_the_first_entry_whose_proxy_takes_a_connection(ctl, client, 
         assert "no proxy of the answer takes a connection" in result.errors
 
 
-@pytest.mark.slow  # the limit is 10 s
+def test_exec_tries_the_second_address_of_a_proxy_whose_first_is_silent(own_network, ctl, client):
+    with open("/etc/hosts", "a") as file:
+        file.write("192.0.2.10 proxy.example\n192.0.2.11 proxy.example\n")
+    client.update("manual", "http://proxy.example:3128")
+    with contextlib.closing(FarNetwork("192.0.2.11")) as far:
+        result = ctl("exec", "http://a/", "--", "sh", "-c", "echo $http_proxy")
+        assert (result.output, result.errors) == ("http://proxy.example:3128\n", "")
+        assert (far.tried[0], far.tried[-1]) == ("192.0.2.10", "192.0.2.11")
+
+
+@pytest.mark.slow  # waits for a limit of 10 s
 def test_exec_tries_each_proxy_once_and_all_of_them_for_ten_seconds(ctl, bus):
     def silent(stack):
         """A port that neither accepts nor refuses connections: two connections fill its queue."""

@@ -73,6 +73,8 @@ def test_a_bus_that_is_not_there_is_told_in_one_line(ctl, build):
     ctl.bus = "unix:\x1b=1"
     assert said(ctl("config")) == (
         USAGE, r"unix:\x1b=1 is no address of a message bus; look at DBUS_SYSTEM_BUS_ADDRESS")
+    ctl.bus = "tcp:host=127.0.0.1,port=1"
+    assert said(ctl("config"))[0] == UNAVAILABLE
     for unset in (None, ""):
         ctl.bus = unset
         assert said(ctl("config"))[1].startswith(

@@ -3,10 +3,11 @@
 import socket
 import threading
 
+from jeepney import MessageFlag
 from support.bus import Client, wait_until
-from support.ctl import ANSWERED, NO_ANSWER, TRY_AGAIN, USAGE, answering, rows, said
-from support.daemon import Daemon, make_watched_files
-from support.systemd import Systemd
+from support.ctl import ANSWERED, NO_ANSWER, TRY_AGAIN, UNAVAILABLE, USAGE, answering, rows, said
+from support.daemon import Daemon
+from support.stand_in import StandIn
 
 
 def test_refresh_fetches_the_script_again_and_keeps_the_password(ctl, client, web):
@@ -18,6 +19,28 @@ def test_refresh_fetches_the_script_again_and_keeps_the_password(ctl, client, we
     assert (result.status, result.output, result.errors) == (ANSWERED, "", "")
     wait_until(lambda: client.urls("http://x/") == ["pacurl", "PROXY b:2"], "the new script answers")
     assert client.config() == before and before[4:] == ("u", "geheim")
+
+
+def test_refresh_leaves_a_daemon_without_a_configuration_as_it_is(ctl, systemd):
+    systemd.wait_for(lambda line: "never updated" in line, "the first status")
+    assert said(ctl("refresh")) == (
+        TRY_AGAIN, "proxymanagerd has no configuration yet; there is no script to fetch")
+    assert ctl("wait", "--configured", "--timeout", "0.5").status == TRY_AGAIN
+    assert ctl("off").status == ANSWERED
+    systemd.wait_for(lambda line: "mode off, updated" in line, "the update is reported")
+    assert said(ctl("refresh")) == (ANSWERED, MODE_OFF)
+
+
+MODE_OFF = "mode off has no script; nothing is fetched"
+
+
+def test_refresh_starts_no_daemon_and_sends_no_mode_off(ctl, bus):
+    assert said(ctl("refresh"))[0] == UNAVAILABLE
+    daemon = StandIn({"getProxyconfig": ("(ssssss)", (("off", "", "", "n", "", ""),))})
+    assert said(ctl("refresh")) == (ANSWERED, MODE_OFF)
+    daemon.close()
+    ((member, flags),) = daemon.calls
+    assert member == "getProxyconfig" and flags & MessageFlag.no_auto_start
 
 
 def test_wait_ends_when_the_daemon_is_configured(ctl, bus, build, syslog):
@@ -85,35 +108,33 @@ def test_wait_goes_on_with_a_script_that_is_refused_or_of_a_daemon_before(ctl, b
     assert daemon.stop() == 0
     daemon.start()
     client.update("pacurl", pacurl="http://127.0.0.1:1/")
-    assert ctl("wait", "--script", "--timeout", "3").status == TRY_AGAIN
-    assert rows(ctl("status").output)["get"] == OF_AN_EARLIER_ONE
+    # The clock may also have been set after the fetch.
+    assert said(ctl("wait", "--script", "--timeout", "3")) == (
+        TRY_AGAIN, "after 3 s, it is not known whether proxymanagerd has a script: the file is older "
+                   "than the daemon, or the clock was set; only systemd would know")
+    assert rows(ctl("status").output)["get"] == (
+        "unknown: the file is of an earlier daemon, or the clock was set after the fetch; without "
+        "systemd, it is not known whether this daemon has fetched a script")
 
 
-def test_wait_trusts_what_the_daemon_reported_to_systemd(ctl, build, bus, syslog, web):
-    make_watched_files()
-    systemd = Systemd()
-    daemon = Daemon(build, environment=systemd.environment)
-    systemd.process = daemon.pid
-    try:
-        with Client() as client:
-            waiting = ctl.start("wait", "--script", "--timeout", "60")
-            without_an_answer(client, web)
-            assert waiting.end() == (ANSWERED, "")
-            assert "script from" in systemd.statuses[-1]
-            assert rows(ctl("status").output)["get"].startswith("asks the script")
-            systemd.statuses.append("mode pacurl, never updated; no script; no walk")
-            assert ctl("wait", "--script", "--timeout", "0.5").status == TRY_AGAIN
-            assert rows(ctl("status").output)["get"] == OF_AN_EARLIER_ONE
-            # A program may have set mode off.
-            configured = ["wait", "--configured", "--timeout", "1"]
-            systemd.statuses.append("mode off, never updated; no script; no walk")
-            assert ctl(*configured).status == TRY_AGAIN
-            client.update("off")
-            systemd.wait_for(lambda line: "mode off, updated" in line, "the update is reported")
-            assert ctl(*configured).status == ANSWERED
-            assert ctl("status", "--json", "--timeout", "1").json["waiting"] is False
-    finally:
-        daemon.close()
+def test_wait_trusts_what_the_daemon_reported_to_systemd(ctl, web, systemd):
+    with Client() as client:
+        waiting = ctl.start("wait", "--script", "--timeout", "60")
+        without_an_answer(client, web)
+        assert waiting.end() == (ANSWERED, "")
+        assert "script from" in systemd.statuses[-1]
+        assert rows(ctl("status").output)["get"].startswith("asks the script")
+        systemd.statuses.append("mode pacurl, never updated; no script; no walk")
+        assert ctl("wait", "--script", "--timeout", "0.5").status == TRY_AGAIN
+        assert rows(ctl("status").output)["get"] == OF_AN_EARLIER_ONE
+        # The daemon can be configured with mode off, so the mode alone does not end the wait.
+        configured = ["wait", "--configured", "--timeout", "1"]
+        systemd.statuses.append("mode off, never updated; no script; no walk")
+        assert ctl(*configured).status == TRY_AGAIN
+        client.update("off")
+        systemd.wait_for(lambda line: "mode off, updated" in line, "the update is reported")
+        assert ctl(*configured).status == ANSWERED
+        assert ctl("status", "--json", "--timeout", "1").json["waiting"] is False
 
 
 class Proxy:
@@ -184,3 +205,7 @@ def test_diagnose_refuses_what_it_cannot_try(ctl):
     for url in ("ftp://host.example/", "file:///etc/passwd", "http://a b/", "http:///", "a b", ""):
         status, text = ctl("diagnose", url).status, ctl("diagnose", url).errors
         assert status == USAGE and text.startswith("proxymanagerctl: URL: "), url
+    for url in ("http://m\u00fcnchen.example:8001/", "https://m\u00fcnchen.example/"):
+        result = ctl("diagnose", url)
+        assert (result.status, result.errors.splitlines()[0]) == (
+            USAGE, "proxymanagerctl: URL: its host is not ASCII; give it in its xn-- form")

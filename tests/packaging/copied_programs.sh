@@ -9,11 +9,11 @@ trap 'rm -rf "$copy"' EXIT
 cp -a "$out/bin" "$out/sbin" "$out/lib" "$out/libexec" "$copy"
 
 while IFS= read -r -d '' file; do
-  absolute=$(readelf -d "$file" 2>/dev/null |
-    sed -nE 's/.*R(UN)?PATH.*\[(.*)\].*/\2/p' | tr ':' '\n' | grep -v '^$' |
-    grep -vE '^\$ORIGIN(/|$)' || true)
-  [ -z "$absolute" ] || {
-    echo "${file#"$copy/"} looks for libraries in $absolute" >&2
+  # An empty entry of a run path means the current folder.
+  others=$(readelf -d "$file" 2>/dev/null | sed -nE 's/.*R(UN)?PATH.*\[(.*)\].*/\2/p' | tr ':' '\n' |
+    sed 's/^$/the current folder/' | grep -vE '^\$ORIGIN(/|$)' || true)
+  [ -z "$others" ] || {
+    echo "${file#"$copy/"} looks for libraries in $others" >&2
     exit 1
   }
 done < <(find "$copy" -type f -print0)

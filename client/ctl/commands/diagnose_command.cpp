@@ -1,6 +1,7 @@
 #include "client/ctl/commands/diagnose_command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <memory>
 #include <string>
@@ -58,6 +59,10 @@ void checkServer(const std::string& url) {
   const auto host = hostOf(canonical);
   if (host.empty() || host.find_first_of(base::kBlanks) != std::string::npos) {
     throw CLI::ValidationError("URL", "it has no valid host");
+  }
+  // Servers and proxies know a name only in this form.
+  if (std::any_of(host.begin(), host.end(), [](char byte) { return (byte & 0x80) != 0; })) {
+    throw CLI::ValidationError("URL", "its host is not ASCII; give it in its xn-- form");
   }
 }
 

@@ -122,13 +122,20 @@ ExitStatus run(const ExecArguments& arguments, std::vector<std::string> command)
                 "cannot run " + command.front() + ": " + std::generic_category().message(error));
 }
 
-/// Moves --json and --timeout from before the command to the place after it.
-void moveBehindCommand(std::vector<std::string>& own) {
+using Words = std::vector<std::string>;
+
+/// The first word after --json and --timeout.
+Words::iterator findCommand(Words& own) {
   auto command = own.begin();
   while (command != own.end() && (*command == "--json" || command->starts_with("--timeout"))) {
     command += *command == "--timeout" && own.end() - command > 1 ? 2 : 1;
   }
-  if (command == own.end() || command->starts_with('-')) return;
+  return command;
+}
+
+/// Moves --json and --timeout from the place before `command` to the place after it.
+void moveBehindCommand(Words& own, Words::iterator command) {
+  if (command->starts_with('-')) return;
   const bool isGroup = *command == "pac" || *command == "pvd" || *command == "relay";
   std::rotate(own.begin(), command, command + (isGroup && own.end() - command > 1 ? 2 : 1));
 }
@@ -138,14 +145,19 @@ void moveBehindCommand(std::vector<std::string>& own) {
 CommandLine splitCommandLine(int argc, const char* const* argv) {
   CommandLine line;
   line.own.assign(argv + std::min(argc, 1), argv + argc);
-  line.isHelp = !line.own.empty() && line.own.front() == "help";
+  const auto command = findCommand(line.own);
+  if (command == line.own.end()) {  // options alone are no command
+    line.own.clear();
+    return line;
+  }
+  line.isHelp = *command == "help";
   if (line.isHelp) {
-    line.own.erase(line.own.begin());
+    line.own.erase(line.own.begin(), command + 1);
     line.own.emplace_back("--help");
     return line;
   }
-  moveBehindCommand(line.own);
-  if (line.own.empty() || line.own.front() != kName) return line;
+  moveBehindCommand(line.own, command);
+  if (line.own.front() != kName) return line;
   const auto mark = std::find(line.own.begin(), line.own.end(), "--");
   if (mark == line.own.end()) return line;
   line.hasOther = true;

@@ -251,23 +251,38 @@ std::string shownWithAge(std::int64_t time) {
   return shownTime(time, false) + ", " + shownAge(ageOf(time)) + " ago";
 }
 
-/// A remark about the file, but not about its content. Usually empty.
+/// Whether the PAC file belongs to a user whose file the daemon does not read. The daemon's user is
+/// known only while the daemon runs.
+bool isForeign(const Status& status) {
+  const auto owner = status.pac.file->owner;
+  const auto daemonsUser = status.owner ? status.owner->user : std::nullopt;
+  return owner != 0 && daemonsUser && *daemonsUser != owner;
+}
+
+/// Whether the PAC file of the time `fetched`, in microseconds, is older than the last update.
+bool isOlderThanUpdate(std::int64_t fetched, const base::DaemonStatus& reported) {
+  constexpr std::int64_t kSecond = 1'000'000;
+  // The clock for file times is up to one tick late.
+  if (fetched + kClockTick < reported.updated * kSecond) return true;
+  // The fraction of the second of the update is not known. If the walk after the update failed at
+  // once, and the daemon still has its script, the file is of a walk before the update.
+  const bool failedAtOnce = reported.result.starts_with("no ") && reported.walking == 0 &&
+                            reported.walked >= reported.updated &&
+                            reported.walked - reported.updated <= 1;
+  return failedAtOnce && reported.script != 0 && fetched < (reported.updated + 1) * kSecond;
+}
+
+/// A remark about the PAC file, but not about its content. Usually empty.
 std::string remarkOn(const Status& status) {
   const auto& file = *status.pac.file;
-  // The daemon's user is known only while the daemon runs.
-  const auto daemonsUser = status.owner ? status.owner->user : std::nullopt;
-  if (file.owner != 0 && daemonsUser && *daemonsUser != file.owner) {
+  if (isForeign(status)) {
     return "it belongs to " + userName(file.owner) + ", so the daemon does not read it";
   }
   if (status.mode.value == "off" || status.mode.value == "manual") {
     return "left from before: mode " + *status.mode.value + " does not use it";
   }
   const auto& reported = status.reported.value;
-  // The clock for file times is up to one tick late.
-  if (reported && file.fetched + kClockTick < reported->updated * 1'000'000) {
-    return "older than the last update";
-  }
-  return {};
+  return reported && isOlderThanUpdate(file.fetched, *reported) ? "older than the last update" : "";
 }
 
 void hidePasswords(Status& status) {
@@ -332,29 +347,49 @@ void addWho(Table& table, const Owner& owner) {
   table.add("running", std::move(who), Tone::kGood);
 }
 
-/// Whether the daemon that runs may have loaded the PAC file.
-bool mayAnswer(const Status& status) {
+/// Whether the daemon has a script in its memory. The daemon does not need the PAC file any more
+/// after it has loaded the script.
+Known<bool> hasScript(const Status& status) {
+  if (status.reported.value) return {status.reported.value->script != 0, {}};
+  const std::string unknown =
+      " without systemd, it is not known whether this daemon has fetched a script";
+  if (!status.pac.file) return {std::nullopt, "there is no script in the PAC file;" + unknown};
+  if (isForeign(status)) return {std::nullopt, "the PAC file is not the daemon's;" + unknown};
   const auto process = status.owner ? status.owner->process : std::nullopt;
-  return !process || isFetchedBy(*process, *status.pac.file, status.reported.value);
+  if (!process || isNewerThan(*status.pac.file, *process)) return {true, {}};
+  return {std::nullopt,
+          "the file is of an earlier daemon, or the clock was set after the fetch;" + unknown};
 }
 
-/// What the mode means for the answers that programs get.
+/// What programs get while the daemon has no script.
+std::string meaningWithoutScript(const Status& status) {
+  if (status.walking.value == true) {
+    return "no answer for any URL until the walk has fetched a script";
+  }
+  if (!status.pac.file || isForeign(status)) {
+    return "no answer for any URL: no script was fetched";
+  }
+  if (!status.refusal->empty()) return "no answer from the script in the PAC file: it is refused";
+  return "no answer for any URL: this daemon has fetched no script; the file is of an earlier one";
+}
+
+/// Adds a row that describes what the mode means for the answers that programs get.
 void addMeaning(Table& table, const Status& status) {
   if (status.mode.value != "pacurl" && status.mode.value != "wpad") return;
-  const bool isOurs = status.pac.file && mayAnswer(status);
-  if (!isOurs && status.walking.value == true) {
-    table.add("get", "no answer for any URL until the walk has fetched a script", Tone::kBad);
-  } else if (!status.pac.file) {
-    table.add("get", "no answer for any URL: no script was fetched", Tone::kBad);
-  } else if (status.refusal->empty() && !isOurs) {
-    table.add(
-        "get",
-        "no answer for any URL: this daemon has fetched no script; the file is of an earlier one",
-        Tone::kBad);
-  } else if (!status.refusal->empty()) {
-    table.add("get", "no answer from the script in the PAC file: it is refused", Tone::kBad);
-  } else {
+  const auto script = hasScript(status);
+  const bool isInFile = status.pac.file && !isForeign(status) && status.refusal->empty();
+  if (!script.value) {
+    table.addUnknown("get", script.unknown);
+  } else if (!*script.value) {
+    table.add("get", meaningWithoutScript(status), Tone::kBad);
+  } else if (isInFile) {
     table.add("get", "asks the script; without an answer the script has none for the URL");
+  } else if (status.reported.value) {
+    table.add("get", "asks the script that the daemon fetched at " +
+                         shownTime(status.reported.value->script * 1'000'000, false) +
+                         "; this script is not in the PAC file any more");
+  } else {
+    table.add("get", "no answer from the script in the PAC file: it is refused", Tone::kBad);
   }
 }
 

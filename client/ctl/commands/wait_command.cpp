@@ -9,7 +9,6 @@
 #include <string>
 #include <thread>
 
-#include "base/daemon_status.h"
 #include "base/paths.h"
 #include "client/ctl/commands/call_options.h"
 #include "client/ctl/commands/script_refusal.h"
@@ -32,7 +31,9 @@ is left, the result is not known: the exit status is 75, and the message has
 the reason.
 --script waits until the mode is pacurl or wpad and the script answers for
 http://localhost/, or until the daemon has fetched a script since its start and
-the script loads.
+the script loads. If the script has no answer for this URL and its file is older
+than the daemon, only systemd knows the result; without systemd, the exit status
+is 75.
 
 Exit status:
 )";
@@ -65,12 +66,7 @@ std::chrono::microseconds timeLeft(Clock::time_point end) {
                   std::chrono::microseconds(1));
 }
 
-std::optional<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon) {
-  const auto line = daemon.process ? bus.serviceStatus(*daemon.process) : std::nullopt;
-  return line ? base::parseDaemonStatus(*line) : std::nullopt;
-}
-
-/// What one look at the daemon shows.
+/// The result of one look at the daemon.
 struct Look {
   bool isReady = false;
   /// The daemon is in mode off, and was silent for less than kListenTime.
@@ -81,7 +77,7 @@ struct Look {
 
 Look lookForConfiguration(DaemonBus& bus, const Owner& daemon, Clock::time_point end,
                           const Look& before) {
-  if (const auto reported = reportedBy(bus, daemon)) return {reported->updated != 0, false, {}};
+  if (const auto reported = bus.reportedStatus(daemon)) return {reported->updated != 0, false, {}};
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message*) { announced = true; });
   if (bus.ask("http://localhost/").mode != "off") return {true, false, {}};
@@ -91,30 +87,27 @@ Look lookForConfiguration(DaemonBus& bus, const Owner& daemon, Clock::time_point
   return {listen == kListenTime, isSilent, before.announced};
 }
 
-/// Whether this daemon has fetched the script in the PAC file, and not an earlier daemon.
-bool hasFetched(DaemonBus& bus, const Owner& daemon) {
-  const auto reported = reportedBy(bus, daemon);
-  const auto file = lookAtPacFile(base::kPacFile).file;
-  if (!file || !daemon.process || !isFetchedBy(*daemon.process, *file, reported)) return false;
-  return reported || file->fetched + kLoadTime.count() < microsecondsNow();
-}
-
-/// Whether the daemon has a script. A script may have no answer for the URL of the question.
-bool hasScript(DaemonBus& bus, const Owner& daemon) {
+/// Whether the daemon has a script. A script can also give an answer without entries. In this case,
+/// systemd knows whether there is a script, or else the PAC file shows it.
+Look lookForScript(DaemonBus& bus, const Owner& daemon) {
   const auto answer = bus.ask("http://localhost/");
-  if (answer.mode != "pacurl" && answer.mode != "wpad") return false;
-  if (!answer.entries.empty()) return true;
-  return hasFetched(bus, daemon) && refusalOf(base::kPacFile).empty();
+  if (answer.mode != "pacurl" && answer.mode != "wpad") return {};
+  if (!answer.entries.empty()) return {true, false, {}};
+  if (const auto reported = bus.reportedStatus(daemon)) return {reported->script != 0, false, {}};
+  const auto file = lookAtPacFile(base::kPacFile).file;
+  if (!file || !daemon.process || !refusalOf(base::kPacFile).empty()) return {};
+  if (!isNewerThan(*file, *daemon.process)) return {false, true, {}};
+  return {file->fetched + kLoadTime.count() < microsecondsNow(), false, {}};
 }
 
-/// @return not ready if there is no daemon or no bus yet
+/// Looks at the daemon once. If there is no daemon or no bus yet, the result is "not ready".
 Look look(const WaitArguments& arguments, Clock::time_point end, const Look& before) {
   try {
     DaemonBus bus(timeLeft(end));
     bus.startDaemon(false);
     const auto daemon = bus.owner();
     if (!daemon) return {};
-    if (arguments.script) return {hasScript(bus, *daemon), false, {}};
+    if (arguments.script) return lookForScript(bus, *daemon);
     return lookForConfiguration(bus, *daemon, end, before);
   } catch (const Failure& failure) {
     if (failure.status() != kUnavailable && failure.status() != kTryAgain) throw;
@@ -124,6 +117,11 @@ Look look(const WaitArguments& arguments, Clock::time_point end, const Look& bef
 
 std::string whyNotReady(const WaitArguments& arguments, const Look& last) {
   const auto limit = secondsText(arguments.call.limit);
+  if (last.isUnclear && arguments.script) {
+    return "after " + limit +
+           ", it is not known whether proxymanagerd has a script: the file is older than the "
+           "daemon, or the clock was set; only systemd would know";
+  }
   if (last.isUnclear) {
     return "proxymanagerd is in mode off after " + limit +
            ", but it is not known whether a program has set this mode: without systemd, that takes " +

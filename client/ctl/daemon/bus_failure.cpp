@@ -94,6 +94,7 @@ Failure failedSettingsCall(std::string_view name, std::string_view text,
 Failure failedConnection(std::string_view address, int error) {
   // The bus library skips unknown transports, and then has no address left.
   if (error == ECONNREFUSED && !hasTransport(address)) error = EINVAL;
+  error = connectionError(address, error);
   const auto reason = std::generic_category().message(error);
   const auto bus = "the message bus at " + std::string(address);
   if (isDenial(error)) {

@@ -102,9 +102,16 @@ Connection connectTo(const std::string& host, std::uint16_t port, std::chrono::m
   Connection made;
   const auto addresses =
       lookUp(isBracketed ? host.substr(1, host.size() - 2) : host, port, end, made.problem);
+  int remaining = 0;
   for (const auto* address = addresses.get(); address != nullptr; address = address->ai_next) {
+    ++remaining;
+  }
+  for (const auto* address = addresses.get(); address != nullptr; address = address->ai_next) {
+    const auto now = Clock::now();
+    // An address that drops packets must leave time for the addresses after it.
+    const auto endOfTry = now + std::max(end - now, Clock::duration::zero()) / remaining--;
     base::UniqueFd fd(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    const int error = fd ? connectSocket(fd.get(), *address, end) : errno;
+    const int error = fd ? connectSocket(fd.get(), *address, endOfTry) : errno;
     if (error == 0) return {std::move(fd), {}};
     made.problem = textOf(error);
   }

@@ -221,6 +221,11 @@ std::optional<std::string> DaemonBus::serviceStatus(std::int64_t process) {
   return text;
 }
 
+std::optional<base::DaemonStatus> DaemonBus::reportedStatus(const Owner& daemon) {
+  const auto line = daemon.process ? serviceStatus(*daemon.process) : std::nullopt;
+  return line ? base::parseDaemonStatus(*line) : std::nullopt;
+}
+
 /// Sends `message` and releases it. @return null if there is no answer. The bus does not start
 /// systemd for this call.
 Message DaemonBus::askSystemd(sd_bus_message* message) {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "base/daemon_status.h"
 #include "client/library/proxy_answer.h"
 
 namespace client {
@@ -92,6 +93,8 @@ class DaemonBus {
   /// The status text that systemd shows for the service of the process `process`. @return nothing
   /// if there is no systemd on the bus, or no such service
   std::optional<std::string> serviceStatus(std::int64_t process);
+  /// The status that `daemon` reported to systemd. @return nothing if systemd has no such status
+  std::optional<base::DaemonStatus> reportedStatus(const Owner& daemon);
 
   /// Calls `listener` for each signal that fits `rule`, during waitFor() and runUntil(), as long as
   /// this object lives. These functions pass exceptions of `listener` on. Returns when the bus has

@@ -106,9 +106,7 @@ PacFileState lookAtPacFile(const char* path) {
           {}};
 }
 
-bool isFetchedBy(std::int64_t process, const PacFile& file,
-                 const std::optional<base::DaemonStatus>& reported) {
-  if (reported) return reported->script != 0;
+bool isNewerThan(const PacFile& file, std::int64_t process) {
   const auto started = startOf(process);
   return started && file.fetched >= *started;
 }

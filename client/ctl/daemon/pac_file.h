@@ -5,8 +5,6 @@
 #include <optional>
 #include <string>
 
-#include "base/daemon_status.h"
-
 namespace client {
 
 /// The properties of that file.
@@ -28,11 +26,9 @@ struct PacFileState {
 /// daemon's limit, is a problem.
 PacFileState lookAtPacFile(const char* path);
 
-/// Whether the daemon `process` has fetched `file` since its start. An earlier daemon may have left
-/// the file. The daemon does not load such a file.
-/// @param reported the daemon's last report to systemd; without a report, the start of the process
-/// decides
-bool isFetchedBy(std::int64_t process, const PacFile& file,
-                 const std::optional<base::DaemonStatus>& reported);
+/// Whether the process `process` was running when `file` was fetched, so that it has fetched the
+/// file. If not, an earlier daemon may have left the file; a daemon does not load such a file. But
+/// if the clock was set after the fetch, the time of the file is too early, and proves nothing.
+bool isNewerThan(const PacFile& file, std::int64_t process);
 
 }  // namespace client

@@ -80,7 +80,7 @@ typedef enum proxymanager_status {
 /** How a program uses an entry. */
 typedef enum proxymanager_kind {
   PROXYMANAGER_UNUSABLE = 0, /**< not understood: only `text` is set; try the next entry */
-  PROXYMANAGER_DIRECT = 1,   /**< without a proxy */
+  PROXYMANAGER_DIRECT = 1,   /**< connect without a proxy */
   PROXYMANAGER_HTTP = 2,     /**< an HTTP proxy */
   PROXYMANAGER_HTTPS = 3,    /**< an HTTP proxy; the connection to the proxy uses TLS */
   PROXYMANAGER_SOCKS4 = 4,
@@ -94,7 +94,7 @@ typedef struct proxymanager_entry {
   proxymanager_kind kind;
   const char* text;        /**< the daemon's text: "PROXY cache.example.org:8080" */
   const char* url;         /**< "http://cache.example.org:8080"; "direct://"; empty if unusable */
-  const char* scheme;      /**< of `url`: "http", "https", "socks4", "socks4a", "socks5",
+  const char* scheme;      /**< the scheme of `url`: "http", "https", "socks4", "socks4a", "socks5",
                                 "socks5h", "direct" */
   const char* credentials; /**< "user:password" of a manual proxy, percent-encoded; part of `url` */
   const char* host;        /**< a name, an IPv4 address, or an IPv6 address in brackets */

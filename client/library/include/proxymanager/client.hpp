@@ -60,7 +60,7 @@ enum class Change {
   daemonWent = PROXYMANAGER_DAEMON_WENT,
 };
 
-/// A short English text for people.
+/// A short English text that describes the status for people.
 inline const char* text(Status status) noexcept {
   return proxymanager_status_text(static_cast<proxymanager_status>(status));
 }
@@ -157,14 +157,14 @@ class Entries {
 /// More about a question that failed, for a log line: see proxymanager_failure.
 struct Failure {
   int error = 0;     ///< errno if there was no connection to the bus, else 0
-  std::string name;  ///< of the error on the bus
-  std::string text;  ///< of the error on the bus, unchanged
+  std::string name;  ///< the name of the error on the bus
+  std::string text;  ///< the text of the error on the bus, unchanged
 };
 
 /// How a question ended, with the daemon's answer if there is one. Copies share the answer.
 class Answer {
  public:
-  /// A question that was never asked: Status::cancelled.
+  /// The result of a question that was never asked, with Status::cancelled.
   Answer() noexcept = default;
   /// Takes ownership of `held`. `held` is null unless the status is PROXYMANAGER_OK.
   Answer(proxymanager_status status, proxymanager_answer* held) noexcept
@@ -173,7 +173,8 @@ class Answer {
   Status status() const noexcept { return mStatus; }
   /// Whether the daemon has answered. The answer may have no entry.
   explicit operator bool() const noexcept { return mStatus == Status::ok; }
-  /// "off", "manual", "pacurl" or "wpad"; empty without an answer.
+  /// "off", "manual", "pacurl", "wpad", or "local" for an answer without the daemon (see
+  /// PROXYMANAGER_ASK_LOCAL); empty if there is no answer.
   std::string_view mode() const noexcept { return proxymanager_answer_mode(mAnswer.raw()); }
   Entries entries() const noexcept { return Entries(mAnswer); }
 
@@ -244,7 +245,7 @@ class Client {
   /// questions then end with Status::badArgument.
   explicit operator bool() const noexcept { return mClient != nullptr; }
 
-  /// The pointer for the C functions; this object keeps it.
+  /// The client as a pointer for the C functions. This object still owns the client.
   proxymanager_client* raw() const noexcept { return mClient.get(); }
 
   /// Asks and waits. Limits are rounded up to milliseconds.
@@ -267,7 +268,7 @@ class Client {
     auto kept = std::make_unique<Kept>(std::forward<Callable>(callable));
     const auto status = proxymanager_get_async(mClient.get(), url.c_str(), milliseconds(limit),
                                                &answered<Kept>, kept.get(), id);
-    if (status == PROXYMANAGER_OK) static_cast<void>(kept.release());  // answered() has it
+    if (status == PROXYMANAGER_OK) static_cast<void>(kept.release());  // answered() now owns it
     return static_cast<Status>(status);
   }
 
@@ -277,7 +278,8 @@ class Client {
   }
 
   /// From now on, calls `callable` for each change. `callable` takes a Change.
-  /// @return a watch; an empty one after a failure. If `status` is not null, it receives the reason
+  /// @return a watch; an empty watch after a failure. If `status` is not null, it receives the
+  /// reason
   template <typename Callable>
   [[nodiscard]] Watch watch(Callable&& callable, Status* status = nullptr) const {
     using Kept = std::decay_t<Callable>;

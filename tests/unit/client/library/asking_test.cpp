@@ -288,6 +288,10 @@ TEST(AskingWithoutABusTest, IsNoBusWithItsErrno) {
   Client other;
   EXPECT_EQ(other.get(kUrl, kLong).status(), Status::noBus);
   EXPECT_EQ(proxymanager::lastFailure().error, EINVAL);
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", "tcp:host=127.0.0.1,port=1", 1);
+  Client remote;
+  EXPECT_EQ(remote.get(kUrl, kLong).status(), Status::noBus);
+  EXPECT_EQ(proxymanager::lastFailure().error, ECONNREFUSED);
 }
 
 TEST(AskingWithoutABusTest, ABusThatDoesNotAnswerCostsNoMoreThanTheLimit) {

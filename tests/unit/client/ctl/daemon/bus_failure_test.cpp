@@ -110,6 +110,10 @@ TEST(FailedConnectionTest, SaysWhatToDo) {
         say(ended),
         "77: the message bus at unix:ADDRESS does not let this user in (it ends the connection); "
         "try as another");
+    EXPECT_EQ(
+        said(failedConnection("tcp:host=h", ended)),
+        "69: there is no message bus at tcp:host=h (Connection refused); start it, or name another "
+        "in DBUS_SYSTEM_BUS_ADDRESS");
   }
   EXPECT_EQ(say(ETIMEDOUT),
             "75: the message bus at unix:ADDRESS does not answer; try again, or restart it");
