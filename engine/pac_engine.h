@@ -48,6 +48,10 @@ struct Options {
   std::chrono::milliseconds timeLimit{5000};  ///< of loading and of one evaluation
   std::string workerProgram;                  ///< empty for the installed program
   WorkerRole role = WorkerRole::kAnswers;
+  /// Kill the worker when the thread that started it ends. Without this, a worker that computes
+  /// ends up to 1 s after its time limit if this process is killed. Use it only if one thread uses
+  /// the engine.
+  bool endsWithCaller = false;
 };
 
 /// "line 3: message", or only the message if no line is known.

@@ -97,7 +97,7 @@ bool Engine::Impl::start(Deadline deadline, Problem& problem) {
   const auto program = options.workerProgram.empty() ? pac_engine::workerProgram(options.role)
                                                      : options.workerProgram;
   std::string reason;
-  worker = WorkerProcess::start(program, options.role, script, options.zone, reason);
+  worker = WorkerProcess::start(program, options, script, reason);
   if (!worker) {
     problem = problemOf("no script worker: " + reason);
     return false;

@@ -44,8 +44,8 @@ WorkerProcess::~WorkerProcess() {
   end();
 }
 
-std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program, WorkerRole role,
-                                                    const UniqueFd& script, const std::string& zone,
+std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program,
+                                                    const Options& options, const UniqueFd& script,
                                                     std::string& problem) {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {
@@ -55,13 +55,15 @@ std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string& program, 
   UniqueFd ours(ends[0]);
   const UniqueFd theirs(ends[1]);
   static_assert(kWorkerSocket == 3 && kWorkerScript == 4);
-  sandbox::ChildOptions options{program, {theirs.get(), script.get()}, {}};
-  if (!zone.empty()) options.environment.push_back("TZ=" + zone);
-  if (role == WorkerRole::kParses) options.environment.emplace_back(kParseOnly);
-  auto child = sandbox::ChildProcess::start(options, problem);
-  if (!child) return nullptr;
-  const pid_t pid = child->pid();
-  return std::unique_ptr<WorkerProcess>(new WorkerProcess(pid, std::move(child), std::move(ours)));
+  sandbox::ChildOptions child{program, {theirs.get(), script.get()}, {}};
+  if (!options.zone.empty()) child.environment.push_back("TZ=" + options.zone);
+  if (options.role == WorkerRole::kParses) child.environment.emplace_back(kParseOnly);
+  if (options.endsWithCaller) child.environment.emplace_back(kEndsWithCaller);
+  auto process = sandbox::ChildProcess::start(child, problem);
+  if (!process) return nullptr;
+  const pid_t pid = process->pid();
+  return std::unique_ptr<WorkerProcess>(
+      new WorkerProcess(pid, std::move(process), std::move(ours)));
 }
 
 void WorkerProcess::follow() {

@@ -33,9 +33,8 @@ class WorkerProcess {
   /// Starts `program` with `script`. If `zone` is not empty, it is the value of TZ.
   /// @param problem receives the reason if the start fails
   /// @return the process, or null
-  static std::unique_ptr<WorkerProcess> start(const std::string& program, WorkerRole role,
-                                              const UniqueFd& script, const std::string& zone,
-                                              std::string& problem);
+  static std::unique_ptr<WorkerProcess> start(const std::string& program, const Options& options,
+                                              const UniqueFd& script, std::string& problem);
 
   WorkerProcess(const WorkerProcess&) = delete;
   WorkerProcess& operator=(const WorkerProcess&) = delete;

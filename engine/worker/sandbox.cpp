@@ -1,7 +1,9 @@
 #include "engine/worker/sandbox.h"
 
 #include <linux/futex.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -9,6 +11,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "engine/wire/descriptors.h"
 #include "sandbox/walls.h"
 
 #if PROXYMANAGER_SECCOMP
@@ -125,6 +128,8 @@ Failure enterSandbox(int socket, const MemoryWalls& memory) {
   sandbox::volunteerForOutOfMemory();
   if (auto failure = sandbox::setStackLimit(memory.stackBytes)) return failure;
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::leave)) return failure;
+  // A change of the user would clear this setting.
+  if (std::getenv(pac_engine::kEndVariable) != nullptr) prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
   if (auto failure = limitResources(memory)) return failure;
   return allowOnlyWhatAnEngineNeeds(socket);
 }

@@ -217,8 +217,8 @@ std::string WorkerProcess::end() {
   return "ended";
 }
 
-std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string&, WorkerRole, const UniqueFd&,
-                                                    const std::string&, std::string& problem) {
+std::unique_ptr<WorkerProcess> WorkerProcess::start(const std::string&, const Options&,
+                                                    const UniqueFd&, std::string& problem) {
   auto& input = run->input;
   int ends[2];
   if (input.empty() || socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0) {

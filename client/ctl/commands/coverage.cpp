@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "client/ctl/failure.h"
+#include "client/ctl/terminal/progress.h"
 
 namespace client {
 
@@ -124,17 +125,10 @@ void tryMissed(Coverage& coverage, const TracedScript& script, pac_engine::Engin
   }
 }
 
-}  // namespace
-
-Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std::string& file,
-                    const std::vector<std::string>& urls) {
-  Coverage coverage;
-  const auto& places = script.script().places;
-  coverage.places.resize(places.size());
-  for (std::size_t i = 0; i < places.size(); ++i) coverage.places[i].place = i;
-  add(coverage.places, script.load());
-  coverage.ownText = script.load().ownText;
+/// Asks the script about each URL once.
+void askAll(Coverage& coverage, TracedScript& script, const std::vector<std::string>& urls) {
   std::map<std::string, std::size_t> known;
+  Progress progress(urls.size());
   for (const auto& url : urls) {
     const auto [entry, isNew] = known.emplace(url, coverage.urls.size());
     if (isNew) {
@@ -145,7 +139,21 @@ Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std:
                                asked.decidedBy, asked.different.has_value()});
     }
     ++coverage.urls[entry->second].times;
+    progress.step();
   }
+}
+
+}  // namespace
+
+Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std::string& file,
+                    const std::vector<std::string>& urls) {
+  Coverage coverage;
+  const auto& places = script.script().places;
+  coverage.places.resize(places.size());
+  for (std::size_t i = 0; i < places.size(); ++i) coverage.places[i].place = i;
+  add(coverage.places, script.load());
+  coverage.ownText = script.load().ownText;
+  askAll(coverage, script, urls);
   addShares(coverage, places);
   tryMissed(coverage, script, parser, file);
   return coverage;

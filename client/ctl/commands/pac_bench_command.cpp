@@ -17,6 +17,7 @@
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/progress.h"
 #include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
 #include "client/ctl/terminal/url_parts.h"
@@ -128,7 +129,7 @@ void countFirst(Measured& measured, CacheOnTrial& cache, const ShownAnswer& show
   }
 }
 
-Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
+Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments, Progress& progress) {
   Measured measured;
   CacheOnTrial cache;
   for (int round = 0; round < arguments.rounds; ++round) {
@@ -142,6 +143,7 @@ Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
         measured.worstUrl = withoutPassword(url);
       }
       if (round == 0) countFirst(measured, cache, shown, took);
+      progress.step();
     }
   }
   return measured;
@@ -150,7 +152,7 @@ Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments) {
 /// Asks the script all questions again, in a worker that counts the helper calls. The share of the
 /// helpers is computed from this run only, because another process is slower or faster.
 void measureHelpers(Measured& measured, const std::string& script, const BenchArguments& arguments,
-                    pac_engine::Options options) {
+                    pac_engine::Options options, Progress& progress) {
   options.role = pac_engine::WorkerRole::kTraces;
   pac_engine::Problem problem;
   const auto tracer = loadScript(script, std::move(options), problem);
@@ -159,6 +161,7 @@ void measureHelpers(Measured& measured, const std::string& script, const BenchAr
   if (!tracer->command("trace", "", problem)) throw refusal(arguments.script.file, problem);
   for (int round = 0; round < arguments.rounds; ++round) {
     for (const auto& url : arguments.asked.urls) {
+      progress.step();
       const auto asked = canonicalOrGiven(url);
       const HeapText host(getHost(asked));
       if (host == nullptr) continue;
@@ -261,9 +264,14 @@ ExitStatus benchScript(const BenchArguments& arguments, const pac_engine::Option
   const auto engine = loadScript(script, options, refused);
   if (!engine) throw refusal(arguments.script.file, refused);
   const Micros load = Clock::now() - begun;
-  auto measured = measure(*engine, arguments);
-  measured.load = load;
-  measureHelpers(measured, script, arguments, options);
+  const auto measured = [&] {
+    // Each round is done twice: first to measure the time, then to count the calls of helpers.
+    Progress progress(2 * static_cast<std::size_t>(arguments.rounds) * arguments.asked.urls.size());
+    auto result = measure(*engine, arguments, progress);
+    measureHelpers(result, script, arguments, options, progress);
+    result.load = load;
+    return result;
+  }();
   arguments.json ? printAsJson(arguments, measured) : print(arguments, measured);
   return measured.unanswered == 0 ? kAnswered : kNoAnswer;
 }

@@ -124,7 +124,7 @@ void printText(const std::string& file, const InstrumentedScript& script,
 ExitStatus cover(const CoverArguments& arguments, const pac_engine::Options& options) {
   const auto bytes = readChosenScript(arguments.script);
   const auto file = shownName(arguments.script.file);
-  TracedScript script(bytes, arguments.script.file, options, {true, false});
+  TracedScript script(bytes, arguments.script.file, options, {TraceDetail::kCounts, false});
   const auto parser = openParser(bytes, file);
   const auto coverage = coverageOf(script, *parser, file, arguments.asked.urls);
   if (arguments.format == "json") {

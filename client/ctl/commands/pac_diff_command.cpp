@@ -17,6 +17,7 @@
 #include "client/ctl/commands/traced_script.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/progress.h"
 #include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
 
@@ -141,11 +142,38 @@ Json groupsJson(const Groups& groups) {
   return json;
 }
 
+struct Differences {
+  Groups groups;
+  std::size_t asked = 0;
+  std::size_t different = 0;
+};
+
+/// Asks both scripts for `urls`. If the URLs are made, it asks for them for kMadeDiffTime at most.
+Differences compare(TracedScript& oldScript, TracedScript& newScript,
+                    const std::vector<std::string>& urls, bool areMade) {
+  Differences found;
+  Progress progress(urls.size());
+  const auto end = std::chrono::steady_clock::now() + kMadeDiffTime;
+  for (const auto& url : urls) {
+    if (areMade && std::chrono::steady_clock::now() >= end) break;
+    ++found.asked;
+    const auto before = decisionOf(oldScript, url);
+    const auto after = decisionOf(newScript, url);
+    progress.step();
+    if (before.isSame(after)) continue;
+    ++found.different;
+    const std::pair rules{before.rule(), after.rule()};
+    auto& group = found.groups.try_emplace(rules, Group{before, after, {}}).first->second;
+    group.urls.push_back(url);
+  }
+  return found;
+}
+
 ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& options) {
   const auto oldBytes = readScript(arguments.oldFile);
   const auto newBytes = readScript(arguments.newFile);
   const bool areMade = arguments.asked.urls.empty() && !arguments.asked.file;
-  const TraceOptions tracing{true, areMade};
+  const TraceOptions tracing{TraceDetail::kReturns, areMade};
   TracedScript oldScript(oldBytes, arguments.oldFile, options, tracing);
   TracedScript newScript(newBytes, arguments.newFile, options, tracing);
   std::vector<std::string> urls;
@@ -157,24 +185,8 @@ ExitStatus diff(const DiffArguments& arguments, const pac_engine::Options& optio
     isCut = addMade(urls, known, oldBytes, shownName(arguments.oldFile));
     isCut = addMade(urls, known, newBytes, shownName(arguments.newFile)) || isCut;
   }
-  Groups groups;
-  std::size_t asked = 0;
-  std::size_t different = 0;
-  const auto end = std::chrono::steady_clock::now() + kMadeDiffTime;
-  for (const auto& url : urls) {
-    if (areMade && std::chrono::steady_clock::now() >= end) {
-      isCut = true;
-      break;
-    }
-    ++asked;
-    const auto before = decisionOf(oldScript, url);
-    const auto after = decisionOf(newScript, url);
-    if (before.isSame(after)) continue;
-    ++different;
-    const std::pair rules{before.rule(), after.rule()};
-    auto& group = groups.try_emplace(rules, Group{before, after, {}}).first->second;
-    group.urls.push_back(url);
-  }
+  const auto [groups, asked, different] = compare(oldScript, newScript, urls, areMade);
+  isCut = isCut || asked < urls.size();
   if (arguments.json) {
     printJson({{"old", arguments.oldFile},
                {"new", arguments.newFile},

@@ -1,5 +1,7 @@
 #include "client/ctl/commands/pac_explain_command.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <memory>
@@ -16,6 +18,7 @@
 #include "client/ctl/commands/traced_script.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/progress.h"
 
 namespace client {
 
@@ -294,8 +297,11 @@ ExitStatus explain(const ExplainArguments& arguments, const pac_engine::Options&
   TracedScript script(readChosenScript(arguments.script), arguments.script.file, options);
   Json all = Json::array();
   bool allAnswered = true;
+  // On a terminal, the explanations themselves show the progress.
+  Progress progress(arguments.asked.urls.size(), arguments.json || isatty(STDOUT_FILENO) != 1);
   for (const auto& url : arguments.asked.urls) {
     const auto asked = script.ask(url, arguments.host);
+    progress.step();
     allAnswered = allAnswered && asked.answer.result.has_value();
     if (arguments.json) {
       all.push_back(jsonOf(script, asked));

@@ -55,6 +55,7 @@ struct LintArguments {
 nlohmann::json localAnswers(const std::string& script, const std::string& file) {
   pac_engine::Options options;
   options.names.offline = true;
+  options.endsWithCaller = true;
   pac_engine::Problem refused;
   const auto engine = pac_engine::Engine::load(script, options, refused);
   if (!engine) throw refusal(file, refused);

@@ -25,6 +25,7 @@ std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const st
   pac_engine::Options options;
   options.role = pac_engine::WorkerRole::kParses;
   options.timeLimit = kParserTime;
+  options.endsWithCaller = true;
   pac_engine::Problem refused;
   auto parser = pac_engine::Engine::load(script, std::move(options), refused);
   if (!parser) throw Failure(kRefused, file + ": " + pac_engine::describe(refused));

@@ -124,6 +124,7 @@ void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment)
 
 pac_engine::Options engineOptions(const SimulatedEnvironment& environment) {
   pac_engine::Options options;
+  options.endsWithCaller = true;
   options.names = namesOf(environment);
   if (environment.ownAddresses == "none") {
     options.ownAddresses.emplace();

@@ -61,7 +61,7 @@ TracedScript::TracedScript(const TracedScript& other, TraceOptions tracing)
 }
 
 TracedScript TracedScript::forMadeUrls() const {
-  return {*this, {mTracing.returnsOnly, true}};
+  return {*this, {mTracing.detail, true}};
 }
 
 void TracedScript::loadPlain() {
@@ -89,7 +89,10 @@ void TracedScript::startTracing() {
 
 Trace TracedScript::takeTrace() {
   pac_engine::Problem problem;
-  const auto text = mTraced->command("trace", mTracing.returnsOnly ? "returns" : "", problem);
+  const auto detail = mTracing.detail == TraceDetail::kReturns  ? "returns"
+                      : mTracing.detail == TraceDetail::kCounts ? "counts"
+                                                                : "";
+  const auto text = mTraced->command("trace", detail, problem);
   if (!text) throw Failure(kRefused, shownName(mFile) + ": " + pac_engine::describe(problem));
   try {
     return traceOf(nlohmann::json::parse(*text), mScript.places);

@@ -27,12 +27,18 @@ struct TracedAnswer {
   std::optional<std::size_t> decidedBy;  ///< the return that chose the answer, if it is known
 };
 
+/// What a trace contains. The traces of a large script for hundreds of URLs take minutes if they
+/// have everything.
+enum class TraceDetail {
+  kReturns,  ///< the values of returns as events, and no counts
+  kCounts,   ///< the values of returns as events, and all counts
+  kEverything
+};
+
 struct TraceOptions {
-  /// Record only the values of returns as events, but count everything. Otherwise, the traces of a
-  /// large script for hundreds of URLs would take minutes.
-  bool returnsOnly = false;
-  /// The URLs are made from the script, and do not come from the user: look up no name, and show no
-  /// alert.
+  TraceDetail detail = TraceDetail::kEverything;
+  /// The URLs are made from the script, and do not come from the user. So no name is looked up, and
+  /// no alert is shown.
   bool forMadeUrls = false;
 };
 

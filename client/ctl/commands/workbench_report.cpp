@@ -17,7 +17,15 @@ constexpr std::uint64_t kMostMicroseconds = 1'000'000'000'000;
 constexpr std::uint64_t kMostNanoseconds = 1000 * kMostMicroseconds;
 constexpr std::uint64_t kMostTimes = std::numeric_limits<std::uint64_t>::max();
 /// Deepest nesting of helper calls: more than the stack of a script allows.
-constexpr std::uint64_t kMostDepth = 100'000;
+constexpr std::size_t kMostDepth = 100'000;
+
+// The JSON library would convert a fraction or a negative number to a whole number.
+std::uint64_t largeNumber(const Json& value, std::uint64_t most) {
+  if (!value.is_number_unsigned() || value.get<std::uint64_t>() > most) {
+    throw std::out_of_range("number");
+  }
+  return value.get<std::uint64_t>();
+}
 
 std::string textOf(const Json& value) {
   return value.get<std::string>();
@@ -39,7 +47,7 @@ Place placeOf(const Json& row) {
 
 /// Reads a time. It is limited, so that the sum over a whole report cannot overflow.
 std::int64_t microsecondsOf(const Json& value) {
-  return static_cast<std::int64_t>(wholeNumber(value, kMostMicroseconds));
+  return static_cast<std::int64_t>(largeNumber(value, kMostMicroseconds));
 }
 
 TracedLookup lookupOf(const Json& row) {
@@ -79,12 +87,8 @@ void noteEntry(std::vector<TracedEvent>& events, std::size_t test) {
 
 }  // namespace
 
-// The library would convert a fraction or a negative number to a whole number.
-std::uint64_t wholeNumber(const Json& value, std::uint64_t most) {
-  if (!value.is_number_unsigned() || value.get<std::uint64_t>() > most) {
-    throw std::out_of_range("number");
-  }
-  return value.get<std::uint64_t>();
+std::size_t wholeNumber(const Json& value, std::size_t most) {
+  return static_cast<std::size_t>(largeNumber(value, most));
 }
 
 std::string shownReturn(const Place& place) {
@@ -114,9 +118,11 @@ InstrumentedScript instrumentedOf(const Json& report) {
 
 Trace traceOf(const Json& report, const std::vector<Place>& places) {
   Trace trace;
-  for (const auto& row : report.at("counts")) {
-    const PlaceCount count{wholeNumber(row.at(0)), wholeNumber(row.at(1), kMostTimes),
-                           wholeNumber(row.at(2), kMostTimes), wholeNumber(row.at(3), kMostTimes)};
+  const auto& counts = report.at("counts");
+  for (std::size_t i = 0; i < counts.size(); i += 4) {
+    const PlaceCount count{wholeNumber(counts.at(i)), largeNumber(counts.at(i + 1), kMostTimes),
+                           largeNumber(counts.at(i + 2), kMostTimes),
+                           largeNumber(counts.at(i + 3), kMostTimes)};
     if (count.place >= places.size()) throw std::out_of_range("place");
     trace.counts.push_back(count);
   }
@@ -143,8 +149,8 @@ Trace traceOf(const Json& report, const std::vector<Place>& places) {
   trace.cut = report.at("cut").get<bool>();
   if (trace.cut && !trace.events.empty()) trace.events.back().matches.reset();
   trace.ownText = report.at("ownText").get<bool>();
-  trace.helperCalls = wholeNumber(report.at("helpers").at(0), kMostTimes);
-  trace.helperNanoseconds = wholeNumber(report.at("helpers").at(1), kMostNanoseconds);
+  trace.helperCalls = largeNumber(report.at("helpers").at(0), kMostTimes);
+  trace.helperNanoseconds = largeNumber(report.at("helpers").at(1), kMostNanoseconds);
   return trace;
 }
 

@@ -101,11 +101,11 @@ struct Trace {
 };
 
 /// Highest number of a place, line or column. A script has at most 512,000 characters.
-inline constexpr std::uint64_t kMostNumber = 0x7FFFFFFF;
+inline constexpr std::size_t kMostNumber = 0x7FFFFFFF;
 
 /// A whole number in a report. Throws std::out_of_range for any other value, and for a number above
 /// `most`.
-std::uint64_t wholeNumber(const nlohmann::json& value, std::uint64_t most = kMostNumber);
+std::size_t wholeNumber(const nlohmann::json& value, std::size_t most = kMostNumber);
 
 /// Reads the report of the command "instrument". Each place or function number in the result is
 /// valid. Throws std::exception if `report` has another form.

@@ -136,7 +136,7 @@ struct Tracer::Hooks {
                        quoted(shown(context, arguments[1])) + (truthy ? ",true" : ",false") +
                        (isAfterOthers ? ",true]" : "]"));
     } else {
-      tracer.mSkipped = tracer.mDetail == Detail::kReturns;
+      tracer.mSkipped = true;
     }
     return JS_DupValue(context, arguments[1]);
   } catch (const std::bad_alloc&) {
@@ -162,7 +162,7 @@ struct Tracer::Hooks {
       const auto lookups = std::move(tracer.mOpenCalls.back().lookups);
       tracer.mOpenCalls.pop_back();
       const bool threw = JS_IsException(result);
-      tracer.mSkipped = tracer.mDetail == Detail::kReturns;
+      tracer.mSkipped = tracer.mDetail != Detail::kEverything;
       if (tracer.records(Detail::kEverything))
         tracer.noteEvent("[\"c\"," + std::to_string(tracer.mOpenCalls.size()) + "," +
                          quoted(kHelpers[helper]) + ",[" + noted + "]," +
@@ -242,7 +242,9 @@ std::vector<std::string> Tracer::ownAddresses(AddressFamily family) {
 }
 
 Tracer::Counts* Tracer::countsOf(std::uint32_t place) {
-  return place < kMaxPlaces ? &mCounts[place] : nullptr;
+  if (mDetail < Detail::kCounts || place >= kMaxPlaces) return nullptr;
+  if (place >= mCounts.size()) mCounts.resize(place + 1);
+  return &mCounts[place];
 }
 
 void Tracer::noteEvent(const std::string& json) {
@@ -287,10 +289,12 @@ void Tracer::forget() {
 Reply Tracer::report(std::string_view command, std::string_view argument) {
   if (command != "trace") return {std::nullopt, errorOf("there is no such command")};
   std::string json = "{\"counts\":[";
-  for (const auto& [place, counts] : mCounts) {
-    json += (json.back() == '[' ? "[" : ",[") + std::to_string(place) + "," +
-            std::to_string(counts.reached) + "," + std::to_string(counts.truthy) + "," +
-            std::to_string(counts.falsy) + "]";
+  for (std::size_t place = 0; place < mCounts.size(); ++place) {
+    const auto& counts = mCounts[place];
+    if (counts.reached + counts.truthy + counts.falsy == 0) continue;
+    if (json.back() != '[') json += ',';
+    json += std::to_string(place) + "," + std::to_string(counts.reached) + "," +
+            std::to_string(counts.truthy) + "," + std::to_string(counts.falsy);
   }
   json += "],\"events\":[";
   if (!mEvents.empty()) json.append(mEvents, 0, mEvents.size() - 1);
@@ -298,7 +302,10 @@ Reply Tracer::report(std::string_view command, std::string_view argument) {
           ",\"ownText\":" + (mOwnText ? "true" : "false") + ",\"helpers\":[" +
           std::to_string(mHelperCalls) + "," + std::to_string(mHelperTime.count()) + "]}";
   forget();
-  if (!mHook.empty()) mDetail = argument == "returns" ? Detail::kReturns : Detail::kEverything;
+  if (!mHook.empty())
+    mDetail = argument == "returns"  ? Detail::kReturns
+              : argument == "counts" ? Detail::kCounts
+                                     : Detail::kEverything;
   return {std::move(json), {}};
 }
 

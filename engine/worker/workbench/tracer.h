@@ -15,7 +15,6 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -64,8 +63,8 @@ class Tracer : public Extension, private PacEnvironment {
   void alert(std::string_view text) override { mDevice->alert(text); }
 
   Counts* countsOf(std::uint32_t place);
-  /// What is recorded as events. Everything is counted, even if it is not recorded.
-  enum class Detail { kNothing, kReturns, kEverything };
+  /// What is recorded. Calls of helpers are always counted.
+  enum class Detail { kNothing, kReturns, kCounts, kEverything };
 
   bool records(Detail least) const { return !mCut && mDetail >= least; }
   void noteEvent(const std::string& json);
@@ -78,7 +77,7 @@ class Tracer : public Extension, private PacEnvironment {
 
   const std::string mHook;  ///< the hook's name
   PacEnvironment* mDevice = nullptr;
-  std::unordered_map<std::uint32_t, Counts> mCounts;
+  std::vector<Counts> mCounts;     ///< one for each place, up to the last reached place
   std::string mEvents;             ///< JSON, a comma after each event
   std::uint64_t mHelperCalls = 0;  ///< calls that a helper makes are not counted
   std::chrono::nanoseconds mHelperTime{0};

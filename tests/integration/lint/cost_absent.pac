@@ -1,4 +1,4 @@
-// Each path looks up two names at most: a host is asked for once, whatever asks for it.
+// Each path looks up two names at most: a host is looked up once, even if several calls need it.
 function FindProxyForURL(url, host) {
   if (isPlainHostName(host)) return "DIRECT";
   if (/^([a-z]+)-[0-9]+\.example$/.test(host)) return "DIRECT";

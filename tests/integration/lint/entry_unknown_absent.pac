@@ -1,4 +1,4 @@
-// Keywords that some browser knows; the daemon still drops two of them.
+// Some browser accepts each of these keywords. The daemon drops two of them.
 function FindProxyForURL(url, host) {
   if (isPlainHostName(host)) return "DIRECT";
   if (host == "a.example") return "SOCKS4 socks.corp.example:1080; DIRECT"; // expect: entry-dropped

@@ -1,4 +1,4 @@
-// Capitals that are no letters to match.
+// In most of these lines, the capitals belong to names, classes or escapes and are not letters to match.
 function FindProxyForURL(url, host) {
   if (isPlainHostName(host) || host == "localhost") return "DIRECT";
   if (host.match(/^(?<Sub>[a-z]+)\.\k<Sub>\.example$/)) return "DIRECT";

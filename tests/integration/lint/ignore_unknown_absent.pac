@@ -1,4 +1,4 @@
-// A comment that names the linter without the word that ignores, and one with rules that there are.
+// One comment names the linter, but not the word that ignores rules. The other one names rules that exist.
 // pac-lint: the next line is meant as it is
 function FindProxyForURL(url, host) {
   if (isPlainHostName(host)) return "DIRECT";

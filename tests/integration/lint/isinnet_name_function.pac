@@ -1,4 +1,4 @@
-// Addresses alone get as far as isInNet.
+// isInNet is called only for addresses.
 var dotted = /^[0-9.]+$/;
 
 function isInside(host) {

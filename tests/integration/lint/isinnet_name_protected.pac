@@ -1,4 +1,4 @@
-// Only addresses come as far as isInNet, in each of these forms.
+// In each of these forms, isInNet is called only for addresses.
 var dotted = /^(?:25[0-5]|2[0-4]\d|[01]?\d?\d)(?:\.(?:25[0-5]|2[0-4]\d|[01]?\d?\d)){3}$/;
 function isDotted(h) {
   if (h.length > 15) return false;

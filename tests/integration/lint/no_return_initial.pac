@@ -1,4 +1,4 @@
-// A variable without an answer at the start, which is tested before it is returned.
+// At the start, the variable has no answer. The script tests it before it returns it.
 var fallback = null;
 function init() {
   fallback = "PROXY fallback.example:8080; DIRECT";

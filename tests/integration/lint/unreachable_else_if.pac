@@ -1,4 +1,4 @@
-// An "else if" decides nothing for URLs that took a branch before it.
+// An "else if" has no effect on URLs that took an earlier branch.
 function FindProxyForURL(url, host) {
   var secure = false;
   if (isPlainHostName(host)) return "DIRECT";

@@ -1,4 +1,4 @@
-// A script that brings its own helper decides what its arguments mean.
+// If a script defines a helper itself, only the script decides what the arguments mean.
 function shExpMatch(text, expression) {
   return new RegExp(expression).test(text);
 }

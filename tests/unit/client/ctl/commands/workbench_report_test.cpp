@@ -17,7 +17,7 @@ json script() {
 }
 
 json trace() {
-  return json::parse(R"({"counts": [[1, 2, 3, 4]], "events": [
+  return json::parse(R"({"counts": [1, 2, 3, 4], "events": [
       ["c", 0, "isInNet", ["\"a\""], "true", 5, [["a", ["10.0.0.1"], 6, true]]],
       ["v", 1, "true", true]], "cut": false, "ownText": true, "helpers": [7, 8]})");
 }
@@ -102,9 +102,11 @@ TEST(WorkbenchReport, OfATraceNamesPlacesOfItsScriptAndTimesThatCanBeAdded) {
                                                  {"/events/0/6/0/2", -1},
                                                  {"/events/1/1", 2U},
                                                  {"/events/1/1", -1},
-                                                 {"/counts/0/0", 2U},
-                                                 {"/counts/0/1", -1},
-                                                 {"/counts/0/1", 0.5},
+                                                 {"/counts/0", 2U},
+                                                 {"/counts/1", -1},
+                                                 {"/counts/1", 0.5},
+                                                 {"/counts", json::array({1, 2, 3})},
+                                                 {"/counts", 3},
                                                  {"/helpers/0", -1},
                                                  {"/helpers/1", 1'000'000'000'000'001U},
                                                  {"/helpers", nullptr},

@@ -285,19 +285,21 @@ std::string countsOf(const Json& trace, const Json& places) {
   const auto add = [&](const std::string& name, const Json& times) {
     if (times != 0) counts[name] += times.get<unsigned>();
   };
-  for (const auto& count : trace["counts"]) {
-    const auto index = count[0].get<std::size_t>();
+  const auto& all = trace["counts"];
+  for (std::size_t i = 0; i < all.size(); i += 4) {
+    const auto index = all[i].get<std::size_t>();
     const auto& place = places[index];
     const auto kind = place[0].get<std::string>()[0];
     const auto line = place[1].get<unsigned>();
     if (line == 1) continue;
     const auto name = kind + std::to_string(line) + "." + std::to_string(numbers[index]);
-    // In each line, the script counts only the first statement.
-    if (kind == 's' && place[2] == 1) add(std::to_string(line), count[1]);
-    if (kind == 'c') add(name, count[1]);
+    // A script that counts has one counter for each line, so only the statement in column 1 is
+    // compared.
+    if (kind == 's' && place[2] == 1) add(std::to_string(line), all[i + 1]);
+    if (kind == 'c') add(name, all[i + 1]);
     if (kind != 't') continue;
-    add(name + "+", count[2]);
-    add(name + "-", count[3]);
+    add(name + "+", all[i + 2]);
+    add(name + "-", all[i + 3]);
   }
   std::string text;
   for (const auto& [name, count] : counts)

@@ -76,6 +76,27 @@ TEST(Workbench, NotesWhatAHelperLooksUp) {
                                    [1,"dnsResolve","\"192.0.2.7\"",1],[0,"isInNet","true",0]])"));
 }
 
+TEST(Workbench, RecordsWhatTheTraceBeforeHasSelected) {
+  const auto report = instrumented(kScript);
+  const auto tracer = load(report["script"], WorkerRole::kTraces);
+  command(*tracer, "trace", "returns");
+  const auto next = [&](const char* selected) {
+    answered(*tracer, "http://known.example/", "known.example");
+    return command(*tracer, "trace", selected);
+  };
+  const auto returns = next("counts");
+  const auto counts = next("");
+  const auto everything = next("");
+  EXPECT_EQ(returns["counts"], Json::array());
+  EXPECT_EQ(returns["events"].size(), 1U);
+  EXPECT_EQ(returns["events"], counts["events"]);
+  EXPECT_EQ(counts["counts"], everything["counts"]);
+  // Four numbers for each of the places: 3 statements, 2 tests, 2 operands and a return.
+  EXPECT_EQ(counts["counts"].size(), 4U * 8);
+  EXPECT_GT(everything["events"].size(), 4U);
+  EXPECT_EQ(returns["helpers"][0], 3) << "calls of helpers are always counted";
+}
+
 TEST(Workbench, ReportsTheLineThatTheParserDoesNotTake) {
   const auto parser = load("var a;\r\nvar b = ;\r\n", WorkerRole::kParses);
   const auto report = command(*parser, "instrument", Json::object());
@@ -99,6 +120,43 @@ TEST(Workbench, RefusesWhatTakesTheParserTooLong) {
   EXPECT_EQ(Engine::load("", options, refused), nullptr);
   EXPECT_EQ(refused.message, "parsing it takes longer than the time limit of 1 ms");
 }
+
+#ifndef __SANITIZE_ADDRESS__  // with the sanitizer, memory and frames are larger
+
+/// The reason why the parser does not take `script`; empty if it takes it.
+std::string refusedByParser(const std::string& script) {
+  Problem problem;
+  const auto parser = workbench::load(script, WorkerRole::kParses, problem);
+  if (!parser) return problem.message;
+  const auto text = parser->command("urls", "", problem);
+  if (!text) return problem.message;
+  return Json::parse(*text).value("unparsed", "");
+}
+
+// The engine keeps two bytes for each character of a text that has a character above U+00FF.
+TEST(Workbench, ParsesWithMemoryUpToItsHeapLimitAndReportsWhatNeedsMore) {
+  constexpr std::size_t kHeapMiB = 256;
+  const auto comment = [](std::size_t mib) {
+    return "/*\u20ac" + std::string((mib << 20U) / 2, 'x') + "*/";
+  };
+  // The parser itself needs less than 4 MiB.
+  EXPECT_EQ(refusedByParser(comment(kHeapMiB - 4)), "");
+  EXPECT_EQ(refusedByParser(comment(kHeapMiB)),
+            "parsing it takes more memory than the heap limit of 256 MiB");
+}
+
+// A level takes about 1.7 KiB of the 16 MiB. The compiler and its options change this size.
+TEST(Workbench, ParsesNestingUpToItsStackLimitAndReportsWhatIsDeeper) {
+  const auto chain = [](std::size_t levels) {
+    std::string script;
+    for (std::size_t i = 0; i < levels; ++i) script += "if (a); else ";
+    return script + ";";
+  };
+  EXPECT_EQ(refusedByParser(chain(6000)), "");
+  EXPECT_EQ(refusedByParser(chain(20000)), "it is nested more deeply than the parser can follow");
+}
+
+#endif
 
 TEST(Workbench, KnowsNoOtherCommand) {
   const auto parser = load("", WorkerRole::kParses);
