@@ -56,7 +56,7 @@ mkdir -p "$json"
 
 step() { printf '\n==> %s\n' "$*"; }
 
-# The library's notes about the machine's clock and load are in $json.
+# The benchmark library prints notes about the machine's clock and load. They go to $json/NAME.log.
 parts() {
   local name=$1
   shift
@@ -107,8 +107,8 @@ step "Whole answers"
 PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 "$top/bench/whole/whole_answers.py" "--build=$build" \
   "--json=$json/whole_answers.json" "${whole[@]}"
 step "Whole answers, all programs on one processor"
-# On one processor, no program runs in parallel or moves to another processor, so the time shows all
-# the work.
+# All programs use one processor. So none of them runs in parallel, and the time includes all the
+# work.
 PYTHONDONTWRITEBYTECODE=1 taskset --cpu-list 0 /usr/bin/python3 \
   "$top/bench/whole/whole_answers.py" "--build=$build" --only cases \
   "--json=$json/whole_answers_one_cpu.json" "${whole[@]}"

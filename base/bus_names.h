@@ -7,7 +7,8 @@ inline constexpr char kBusName[] = "com.zentu.ProxyManagerService";
 inline constexpr char kObjectPath[] = "/com/zentu/ProxyManagerService";
 inline constexpr char kInterface[] = "com.zentu.ProxyManagerServiceInterface";
 
-/// The service that keeps the configuration. proxymanagerctl asks this service for its state.
+/// The bus name and the object path of proxymanager-settings. proxymanagerctl asks this service for
+/// its state.
 inline constexpr char kSettingsBusName[] = "com.zentu.ProxyManagerSettings";
 inline constexpr char kSettingsObjectPath[] = "/com/zentu/ProxyManagerSettings";
 inline constexpr char kSettingsInterface[] = "com.zentu.ProxyManagerSettings";

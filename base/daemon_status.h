@@ -22,8 +22,8 @@ struct DaemonStatus {
 };
 
 /// For example "mode wpad, updated 2026-11-22T08:00:00Z; script of 2026-11-22T08:00:01Z; last walk
-/// 2026-11-22T08:00:01Z: script from wpad.example". If a walk is in progress, its part stands
-/// before that of the last walk: "; walking since 2026-11-22T08:00:07Z". Any thread.
+/// 2026-11-22T08:00:01Z: script from wpad.example". If a walk is in progress, its part comes before
+/// the part of the last walk: "; walking since 2026-11-22T08:00:07Z". Any thread.
 std::string describe(const DaemonStatus& status);
 
 /// @return the status in a line that describe() made; nothing for any other text. Any thread.

@@ -5,8 +5,8 @@
 
 namespace base {
 
-/// Whether `name`, appended to the path of a folder, is the path of an entry of that folder: `name`
-/// is not null and not empty, has no slash, and does not begin with a dot.
+/// Whether `name` may be used as the name of an entry in a folder: it is not null and not empty,
+/// has no slash, and does not begin with a dot.
 inline bool isFileName(const char* name) {
   return name != nullptr && name[0] != '\0' && name[0] != '.' && std::strchr(name, '/') == nullptr;
 }

@@ -59,7 +59,7 @@ class Library {
   const FindAll mFindAll;
   Mutex mMutex;
   std::atomic<bool> mIsThere{false};
-  Functions mFunctions{};  // written once, under mMutex, before mIsThere
+  Functions mFunctions{};  // written once, under mMutex, before mIsThere becomes true
 };
 
 }  // namespace on_demand

@@ -10,5 +10,6 @@
 inline constexpr char kLogIdent[] = "proxymanager_service";
 
 /// Logs one line at `priority` (LOG_ERR ... LOG_DEBUG), formatted as printf does; a null text for a
-/// "%s" shows as "(null)". Any thread. Never fails: a line that syslog does not accept is lost.
+/// "%s" shows as "(null)". Any thread. Never fails: if syslog does not accept a line, the line is
+/// lost.
 void logLine(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));

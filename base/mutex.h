@@ -1,4 +1,4 @@
-// Clang's thread-safety analysis, and mutexes that it knows.
+// Macros for clang's thread-safety analysis, and mutexes that have its annotations.
 //
 // The standard library's mutexes have no annotations on this platform. The two classes below derive
 // from them and add only the attributes. Other compilers see plain mutexes.
@@ -27,7 +27,7 @@
 #define PM_EXCLUDES(...) PM_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define PM_NO_THREAD_SAFETY_ANALYSIS PM_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
-/// std::mutex, known to the analysis.
+/// A std::mutex with annotations.
 class PM_CAPABILITY("mutex") Mutex : public std::mutex {
  public:
   void lock() PM_ACQUIRE() { std::mutex::lock(); }
@@ -35,7 +35,7 @@ class PM_CAPABILITY("mutex") Mutex : public std::mutex {
   bool try_lock() PM_TRY_ACQUIRE(true) { return std::mutex::try_lock(); }
 };
 
-/// std::recursive_mutex, known to the analysis.
+/// A std::recursive_mutex with annotations.
 class PM_CAPABILITY("mutex") RecursiveMutex : public std::recursive_mutex {
  public:
   void lock() PM_ACQUIRE() { std::recursive_mutex::lock(); }
@@ -43,9 +43,9 @@ class PM_CAPABILITY("mutex") RecursiveMutex : public std::recursive_mutex {
   bool try_lock() PM_TRY_ACQUIRE(true) { return std::recursive_mutex::try_lock(); }
 };
 
-/// Holds a mutex for a scope, known to the analysis. A condition variable waits with `native()`.
-/// When that wait returns, the mutex is held again, so the wait is correct even though the analysis
-/// does not see it.
+/// Holds a mutex for a scope, with annotations. A condition variable waits with `native()`. When
+/// that wait returns, the mutex is held again, so the wait is correct even though the analysis does
+/// not see it.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Lock {
  public:
@@ -56,19 +56,19 @@ class PM_SCOPED_CAPABILITY Lock {
   auto& native() { return mLock; }
 
  private:
-  // A lock of the base class: std::condition_variable accepts no other type.
+  // A lock of the standard mutex class: std::condition_variable accepts no other type.
   using Native = std::conditional_t<std::is_base_of_v<std::mutex, MutexType>, std::mutex,
                                     std::recursive_mutex>;
   std::unique_lock<Native> mLock;
 };
 
 /// Releases a mutex that the caller holds, and takes it again at the end of the scope. The analysis
-/// knows it.
+/// understands both steps.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Unlock {
  public:
   explicit Unlock(MutexType& mutex) PM_RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }
-  // The analysis expects such a scope to take the mutex again at its end.
+  // PM_RELEASE() here means the end of the scope. For the analysis, the mutex is then held again.
   ~Unlock() PM_RELEASE() { mMutex.lock(); }
   Unlock(const Unlock&) = delete;
   Unlock& operator=(const Unlock&) = delete;

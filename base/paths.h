@@ -9,9 +9,9 @@ inline constexpr char kPacFile[] = "/tmp/proxymanager.pac";
 inline constexpr char kPacDownload[] = "/tmp/proxymanager.pac.tmp";
 /// The lease of the DHCP client, lines of key=value.
 inline constexpr char kLeaseFile[] = "/usr/local/lumad/dhcp.conf";
-/// The search list of the network: one line as in a resolver's configuration.
+/// The search list of the network: one line, as in resolv.conf(5).
 inline constexpr char kResolverFile[] = "/tmp/.resolv.conf.dnsmasq";
-/// The zone rules of the device.
+/// The rules of the device's time zone.
 inline constexpr char kZoneFile[] = "/etc/localtime";
 
 }  // namespace base

@@ -1,6 +1,6 @@
 // Reads small files safely, also in folders to which other users may write.
 //
-// In a folder such as /tmp, every user can create a link, a fifo or an own file under a name that a
+// In a folder such as /tmp, every user can create a link, a fifo or a file under a name that a
 // program reads. So these functions check the open file, never the path. Nobody can exchange the
 // file between the check and the read. Opening never blocks.
 #pragma once

@@ -37,7 +37,7 @@ std::string visible(std::string_view text) {
   for (std::size_t at = 0; at < text.size();) {
     const Utf8Character character = utf8CharacterAt(text, at);
     if (character.length == 0 || isSurrogate(character.code)) {
-      // A single byte of this range is not a character, and some terminals treat it as a control
+      // The byte is escaped, because some terminals treat such a single byte as a control
       // character.
       appendEscaped(shown, static_cast<unsigned char>(text[at++]));
       continue;

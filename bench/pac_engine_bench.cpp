@@ -1,5 +1,5 @@
-// The cost of the separate process for a script. The same question is asked through the library,
-// and asked directly of the same engine in this process. The benchmark also measures the time of
+// Measures the cost of the separate process for a script: asks the same question through the
+// library, and directly to the same engine in this process. The benchmark also measures the time of
 // loading and the memory of the worker.
 //
 // "OneCpu" binds this process, and with it the worker, to one CPU. With "AnyCpu", the scheduler

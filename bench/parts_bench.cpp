@@ -1,6 +1,7 @@
-// The parts of an answer in the daemon's own process, with log lines masked: the cache's answer,
-// the parsing of a script's result, and public suffixes (compared with libpsl). Each part is
-// measured over its usual range of sizes, and its complexity is calculated from that.
+// Measures the parts of an answer in the daemon's own process, without log lines: the cache's
+// answer, the parsing of a script's result, and public suffixes (compared with libpsl). Each part
+// is measured over its usual range of sizes, and its complexity is calculated from these
+// measurements.
 #include <benchmark/benchmark.h>
 #include <libpsl.h>
 
@@ -37,7 +38,7 @@ void remember(PacParser& parser, std::int64_t hosts) {
   }
 }
 
-/// Asks for one of the 1 to 50 remembered hosts, one after the other.
+/// Asks for the remembered hosts (1 to 50), one after the other.
 void cachedGetProxy(benchmark::State& state) {
   setlogmask(LOG_MASK(LOG_EMERG));
   PacParser parser(nullptr, false);

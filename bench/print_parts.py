@@ -20,7 +20,8 @@ def shown(nanoseconds):
 
 
 def read(path):
-    """Returns {name: median in ns} and {name: (order, coefficient, error)}. The median of a single run is that run."""
+    """Returns {name: median in ns} and {name: (order, coefficient, error)}. The median of a single run is the result
+    of that run."""
     with open(path) as file:
         rows = json.load(file)["benchmarks"]
     times, orders, errors = {}, {}, {}

@@ -1,4 +1,4 @@
-// Prints one of the measured scripts, for programs that measure from outside.
+// Prints one of the measured scripts, for programs that measure the daemon from outside.
 //
 // usage: print_script rules COUNT | bytes COUNT
 #include <cstdlib>

@@ -8,8 +8,8 @@ namespace bench {
 /// A script that gives the same answer to every question.
 std::string trivialScript();
 
-/// A sequence of rules. By turns, a rule compares a suffix of the host or uses a shell expression.
-/// No rule matches the hosts that the benchmarks ask about.
+/// A sequence of rules. Every second rule uses a shell expression; the other rules compare a suffix
+/// of the host. No rule matches the hosts that the benchmarks ask about.
 std::string rulesScript(int rules);
 
 /// A script with a list of domains. Like older scripts, it searches the list from its beginning to

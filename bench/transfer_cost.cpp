@@ -1,5 +1,5 @@
-// The cost of a separate process for a download. fileDownload() and the same transfer inside this
-// process run in turn, over loopback. The result is the median of the differences.
+// Measures the cost of a separate process for a download. fileDownload() and the same transfer
+// inside this process run in turn, over loopback. The result is the median of the differences.
 #include <curl/curl.h>
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -78,7 +78,8 @@ int main(int argc, char** argv) {
   const double cost = median(more);
   std::printf("%-48s %6.1f ms %8.0f %s\n", "more, median of the pairs", cost, kGoal,
               cost <= kGoal ? "met" : "MISSED");
-  // If the machine has other work, that work can use the rest of the time.
+  // The fetch process uses the processor only for this part of the measured time. During the
+  // remaining part, other work can use the processor.
   std::printf("%-48s %6.1f ms\n", "processor time of the fetch process, mean",
               processorTime() / rounds);
   return EXIT_SUCCESS;

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The cost of the workbench: `proxymanagerctl pac explain` and `pac eval` for scripts of several sizes.
+"""Measures the cost of the workbench: `proxymanagerctl pac explain` and `pac eval` for scripts of
+several sizes.
 
 usage: workbench.py --build=BUILD [--rounds=N] [--json=FILE]
 

@@ -58,7 +58,7 @@ std::string parserForm(std::string_view authority) {
   return result;
 }
 
-// Boost.URL 1.81 does not know zones (RFC 6874), so the zone is removed before the parsing.
+// Boost.URL 1.81 does not support zones (RFC 6874), so the zone is removed before the parsing.
 // @return false if the zone cannot be the name of an interface
 bool takeZone(std::string& authority, std::string& zone) {
   const auto end = authority.find(']');
@@ -132,8 +132,8 @@ std::optional<std::string> portOf(std::string_view scheme, std::string_view digi
 std::optional<std::string> canonicalAuthority(const std::string& scheme,
                                               std::string_view authority) {
   // User name and password are removed before the parsing, because a password may have characters
-  // that the parser refuses. If there are two "@", some programs end the password at the first one
-  // and others at the last one.
+  // that the parser refuses. A URL with two "@" is refused, because some programs end the password
+  // at the first "@" and others at the last one.
   if (const auto at = authority.find('@'); at != std::string_view::npos) {
     authority.remove_prefix(at + 1);
     if (authority.find('@') != std::string_view::npos) return std::nullopt;

@@ -1,5 +1,5 @@
-// The canonical form of a URL. This system uses it to ask for a proxy. The form contains no
-// secrets, and equivalent URLs have the same form.
+// The canonical form of a URL. Clients send this form when they ask the daemon for a proxy. It
+// contains no secrets, and equivalent URLs have the same form.
 #pragma once
 
 #include <cstddef>
@@ -23,9 +23,10 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< longest URL that a 
 /// - the hosts "", "localhost" and "127.0.0.1" of a file URL, which mean this machine, are removed;
 /// - a text without "://", or without a valid scheme before "://", stays unchanged.
 ///
-/// A text that has a scheme but is not a valid URL (no host, blanks in the host, two "@", a port
-/// beyond 65535, control characters) is cut to its scheme, as in "http:///", because any part of
-/// the rest may contain a password. The canonical form of a canonical URL is the URL itself.
+/// A text that has a scheme but is not a valid URL is cut to its scheme, as in "http:///", because
+/// any other part of it may contain a password. It is not valid if it has no host, blanks in the
+/// host, two "@", a port beyond 65535, or control characters. The canonical form of a canonical URL
+/// is the URL itself.
 /// @return nothing if the URL has more than maxBytes as given or as canonical
 /// Any thread; throws std::bad_alloc only.
 std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxBytes = kMaxUrlBytes);

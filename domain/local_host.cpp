@@ -14,7 +14,7 @@ namespace domain {
 
 namespace {
 
-/// In lower case, without brackets, zone and port.
+/// The host of `url` in lower case, without brackets, zone and port.
 std::string hostOf(std::string_view url) {
   constexpr std::string_view kMark = "://";
   if (const auto mark = url.find(kMark); mark != std::string_view::npos) {
@@ -24,7 +24,7 @@ std::string hostOf(std::string_view url) {
   if (const auto at = host.rfind('@'); at != std::string_view::npos) host.remove_prefix(at + 1);
   if (host.starts_with('[')) {
     host = host.substr(1, host.find(']') - 1);
-  } else if (host.find(':') == host.rfind(':')) {  // two colons: IPv6 without brackets
+  } else if (host.find(':') == host.rfind(':')) {  // one colon at most: not an IPv6 address
     return foldedHost(host.substr(0, host.find(':')));
   }
   return base::lowerCase(host.substr(0, host.find('%')));

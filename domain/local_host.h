@@ -1,5 +1,5 @@
 // Decides which URLs stay on this machine or this link. No proxy reaches the hosts of these URLs,
-// so nobody has to ask the daemon about them. Users of this list: client/library (local answers)
+// so nobody has to ask the daemon about them. Users of this file: client/library (local answers)
 // and proxymanagerctl (no_proxy, client/ctl/commands/proxy_variables.h).
 #pragma once
 

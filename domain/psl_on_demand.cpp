@@ -1,7 +1,7 @@
 // libpsl, mapped at the first name that may be a public suffix. This happens only in mode wpad.
 //
-// If the library is missing, psl_builtin() returns null, and then every name is a public suffix, as
-// libpsl itself answers without a list.
+// If the library is missing, psl_builtin() returns null, and then every name counts as a public
+// suffix; libpsl itself gives the same answer without a list.
 #include <libpsl.h>
 
 #include <atomic>

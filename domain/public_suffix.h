@@ -1,5 +1,5 @@
-// Whether a name is a public suffix: anybody can register names under it. Such a name gets no proxy
-// lookup.
+// Whether a name is a public suffix: anybody can register names under it. The fetcher looks for no
+// script at "wpad" below such a name.
 #pragma once
 
 #include <string>

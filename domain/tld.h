@@ -1,5 +1,4 @@
-// Lookups in the built-in public-suffix table that compare rules exactly, as this system has always
-// done.
+// Lookups in the built-in public-suffix table that compare rules exactly.
 //
 // The table is a snapshot of the Public Suffix List (https://publicsuffix.org). It is generated at
 // build time (make_tld_table.cpp) and is constant: at run time, nothing is parsed or allocated for

@@ -17,7 +17,7 @@ struct NameSource {
   std::optional<StaticNames>
       staticNames;  ///< if set, only these names and localhost have addresses
   std::string
-      nameServers;  ///< the servers to ask, "address[:port],..."; empty for the device's own
+      nameServers;  ///< the servers to ask, "address[:port],..."; empty: the device's servers
 };
 
 }  // namespace pac_engine

@@ -42,10 +42,10 @@ inline constexpr std::size_t kMaxWholeReportBytes = 64U << 20U;
 
 struct Options {
   NameSource names;  ///< with `offline`, the own address is the loopback address
-  std::optional<std::vector<std::string>> ownAddresses;  ///< instead of the device's addresses
+  std::optional<std::vector<std::string>> ownAddresses;  ///< used instead of the device's ones
   std::optional<std::int64_t> clock;  ///< fixed time for the date helpers, seconds since 1970
   std::string zone;                   ///< TZ of the date helpers; empty for the device's zone
-  std::chrono::milliseconds timeLimit{5000};  ///< of loading and of one evaluation
+  std::chrono::milliseconds timeLimit{5000};  ///< limit for a load or an evaluation
   std::string workerProgram;                  ///< empty for the installed program
   WorkerRole role = WorkerRole::kAnswers;
   /// Kill the worker when the thread that started it ends. Without this, a worker that computes

@@ -86,7 +86,8 @@ bool ConfigWatch::addWatches() {
 }
 
 bool ConfigWatch::readEvents(char* buffer) {
-  // The watch thread's own descriptor: no other thread changes it.
+  // Only this thread, the watch thread, changes mInotifyFd. So the copy stays valid without the
+  // mutex.
   int fd = -1;
   {
     const Lock lock(mMutex);

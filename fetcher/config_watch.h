@@ -23,7 +23,7 @@ int waitForChanges(int fd, int interval);
 /// The watch thread calls all functions except begin() and end().
 class ConfigWatch {
  public:
-  static constexpr std::size_t kEventBytes = 4096;  ///< about 200 events
+  static constexpr std::size_t kEventBytes = 4096;  ///< for one read: about 200 events
 
   ConfigWatch();
 
@@ -58,7 +58,7 @@ class ConfigWatch {
   std::vector<int> mWatchDescriptors PM_GUARDED_BY(mMutex);
   bool mWatchesRemoved PM_GUARDED_BY(mMutex) = false;
   bool mIsEnding PM_GUARDED_BY(mMutex) = false;
-  std::condition_variable mEnding;  // with mMutex
+  std::condition_variable mEnding;  // ends pause(); used with mMutex
 };
 
 }  // namespace fetcher

@@ -144,7 +144,7 @@ std::string judge(const FetchResult& result, int file) {
   return {};
 }
 
-/// The transfer itself, into `file`. @return the error; empty on success
+/// Makes the transfer itself, into `file`. @return the error; empty on success
 std::string transfer(FetchProcess& process, int file, const SwitchedTransfer& switched,
                      Deadline deadline, int& responseCode) {
   process.sendFile(file);

@@ -27,7 +27,7 @@ class TransferSwitch {
 
   Mutex mMutex;
   bool mIsInterrupted PM_GUARDED_BY(mMutex) = false;
-  int mSocket PM_GUARDED_BY(mMutex) = -1;  ///< of the transfer in progress; -1 for none
+  int mSocket PM_GUARDED_BY(mMutex) = -1;  ///< socket of the transfer in progress; -1 for none
 };
 
 struct DownloadOptions {

@@ -17,7 +17,8 @@ namespace {
 
 using base::UniqueFd;
 
-// libcurl reads the first seven, as in any program; the C library's resolver reads the others.
+// libcurl reads the first seven variables, as in any program. The C library's resolver reads the
+// other ones.
 constexpr const char* kPassedVariables[] = {
     "http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy",   "ALL_PROXY",
     "no_proxy",   "NO_PROXY",    "RES_OPTIONS", "LOCALDOMAIN",

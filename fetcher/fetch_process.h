@@ -38,10 +38,12 @@ class FetchProcess {
   /// @return false if the child is gone
   bool sendFile(int file);
 
-  /// Waits for the child's first packet. @return nothing if something else came, see failure()
+  /// Waits for the child's first packet. @return nothing if anything else arrived; failure() then
+  /// has the reason
   std::optional<FetchReady> receiveReady(Deadline deadline);
 
-  /// Waits for the child's result and then for its end. @return nothing if it failed, see failure()
+  /// Waits for the child's result and then for its end. @return nothing after a failure; failure()
+  /// then has the reason
   std::optional<FetchResult> receiveResult(Deadline deadline);
 
   enum class Failure : std::uint8_t {

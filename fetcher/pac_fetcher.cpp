@@ -90,8 +90,8 @@ bool PACFetcher::stop() {
   logLine(LOG_INFO, "PACFetcher-stop called");
   mStopping = true;
   mRunning = false;
-  // The mutex is taken and released. After that, the fetcher thread has either seen the flag, or it
-  // waits and the notification wakes it.
+  // The fetcher thread reads the flag and begins its wait while it holds this mutex. So it either
+  // finds the flag changed, or already waits and is woken.
   { const Lock lock(mMutex); }
   mCondition.notify_one();
   if (mFetcherThread) {
@@ -242,10 +242,10 @@ void PACFetcher::pacFetcherThreadFunc() {
       mCondition.wait_until(lock.native(),
                             std::chrono::system_clock::now() + std::chrono::seconds(mInterval));
     }
-    // A walk may take minutes, so the update and the begin of the walk are reported first.
+    // A walk may take minutes, so the update and the beginning of the walk are reported first.
     noteWalkBegin();
     reportStatus();
-    if (mStatus.walking == 0) continue;  // walk requested during the report: report that first
+    if (mStatus.walking == 0) continue;  // a walk was requested during the report: report it first
     // The flag is cleared before the walk: all requests that arrive during the walk cause one
     // further walk.
     if (!mRefetch.exchange(false)) continue;

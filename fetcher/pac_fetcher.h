@@ -14,7 +14,7 @@
 // configuration in turn could prevent every download.
 //
 // The supervisor gets a line about the mode, the last update and the last walk. Only the fetcher
-// thread sends the line: if the supervisor does not read, this must not delay an update.
+// thread sends the line, because a supervisor that does not read must not delay an update.
 //
 // These files implement parts of the class: walk (the candidate URLs), wpad_candidates,
 // resolver_file, download with fetch_process and target_file, config_watch.
@@ -124,15 +124,15 @@ class PACFetcher {
   const int mInterval;
   Mutex mMutex;
   std::atomic<bool> mRunning{false};
-  std::atomic<bool> mStopping{false};  // from stop() to start()
+  std::atomic<bool> mStopping{false};  // true from stop() to the next start()
   std::atomic<bool> mRefetch{false};
   std::shared_ptr<std::thread> mFetcherThread;       // "pm-fetch"
   std::shared_ptr<std::thread> mDhcpCfgWatchThread;  // "pm-watch"
-  std::condition_variable mCondition;                // with mMutex; wakes the fetcher thread
+  std::condition_variable mCondition;                // wakes the fetcher thread; used with mMutex
   unsigned mConfigNumber PM_GUARDED_BY(mMutex) = 0;  // grows at each change of the mode or a URL
   base::DaemonStatus mStatus PM_GUARDED_BY(mMutex){"off", 0, 0, 0, {}, 0};
   bool mStatusIsNew PM_GUARDED_BY(mMutex) = true;     // not sent to the supervisor yet
-  fetcher::WalkReport mReport PM_GUARDED_BY(mMutex);  // of the walk in progress
+  fetcher::WalkReport mReport PM_GUARDED_BY(mMutex);  // about the walk in progress
   fetcher::TransferSwitch mTransferSwitch;
   fetcher::ConfigWatch mWatch;
 };

@@ -1,9 +1,10 @@
 // The file for a download, in a folder to which every user may write, such as /tmp.
 //
 // Other users can create any kind of file in such a folder, under any name, at any moment. They
-// cannot remove or rename a file of this process, because the folder is sticky. So the file is
-// complete before it gets its name. It gets the name by rename, which replaces the old file in one
-// step. A program that creates files at this name in a loop has no advantage.
+// cannot remove or rename a file of this process, because the folder is sticky. So
+// createTargetFile() makes an empty file under a random name and renames it to `path`. When the
+// download is complete, renameOver() gives the file its final name. A rename replaces an old file
+// in one step, so a program that creates files at these names in a loop has no advantage.
 #pragma once
 
 #include <string>
@@ -20,8 +21,8 @@ namespace fetcher {
 base::UniqueFd createTargetFile(const std::string& path);
 
 /// Renames the file `from` to `to`, and replaces an existing file. A folder of another user at `to`
-/// is renamed first, even if that user creates it again and again. If there is a folder of root or
-/// of this user, it stays, and the call fails.
+/// is renamed first. If that user creates it again, the function tries again, 100 times at most. If
+/// there is a folder of root or of this user, it stays, and the call fails.
 /// @return false with errno
 bool renameOver(const std::string& from, const std::string& to);
 

@@ -21,7 +21,7 @@ class WalkReport {
  private:
   bool mHasScript = false;
   std::size_t mFailed = 0;
-  std::string mHost;  ///< of the last candidate
+  std::string mHost;  ///< host of the last candidate
   std::string mWhy;
 };
 

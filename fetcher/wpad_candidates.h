@@ -1,12 +1,13 @@
 // The URLs at which WPAD by DNS looks for a script.
 //
-// A name is shortened label by label, but never down to a public suffix. Otherwise, a stranger who
-// registers "wpad" below that suffix would be asked by every device below it. Two checks find
-// public suffixes: the lookup in the built-in table (domain/tld.h), and isPublicSuffix(). The
-// latter logs nothing, and also applies wildcard rules and libpsl's list. The walk stops if either
-// check finds a suffix. Both checks get the name in lower case and without dots at its ends; the
-// URLs contain the name unchanged. The checked name must be the host of the URL. For example, in a
-// URL for "com/.example.com" the host would end at the slash, so such a name has no candidates.
+// A name is shortened label by label, but never down to a public suffix. Otherwise, a stranger
+// could register "wpad" below that suffix, and all devices below the suffix would fetch the
+// stranger's script. Two checks find public suffixes: the lookup in the built-in table
+// (domain/tld.h), and isPublicSuffix(). isPublicSuffix() logs nothing, and also applies wildcard
+// rules and libpsl's list. The shortening stops if either check finds a public suffix. Both checks
+// get the name in lower case and without dots at its ends; the URLs contain the name unchanged. The
+// checked name must be the host of the URL. For example, in a URL for "com/.example.com" the host
+// would end at the slash, so such a name has no candidates.
 #pragma once
 
 #include <cstddef>

@@ -54,8 +54,8 @@ bool PacParser::stop() {
   logLine(LOG_INFO, "PacParser-stop called ");
   mServiceImpl = nullptr;
   {
-    // The mutex is taken and released. After that, the worker thread either has not read the flag
-    // yet, or already waits.
+    // The worker thread reads the flag and begins its wait while it holds this mutex. So it either
+    // finds the flag changed, or already waits and is woken.
     const Lock lock(mWaitMutex);
     mRunning = false;
   }
@@ -94,9 +94,9 @@ void PacParser::waitForNotice() {
   mCond.wait_until(lock.native(), std::chrono::system_clock::now() + wait);
 }
 
-// The gate is taken before the locks, so that no answer of an old script enters the emptied cache.
-// The wait mutex is not held during an evaluation. A caller has only 200 ms to take that mutex, and
-// an evaluation may take longer.
+// The gate is taken before the parser's mutexes, so that no answer of an old script enters the
+// emptied cache. The wait mutex is not held during an evaluation: a caller of getProxyASync has
+// only 200 ms to take it, and an evaluation may take longer.
 void PacParser::runQueued() {
   const auto answers = shareAnswers();
   const Lock engineLock(mEngineMutex);
@@ -184,8 +184,8 @@ ProxyUrlSettings PacParser::getProxyASync(const std::string& requestUrl) {
   return awaitAnswer(key, waited);
 }
 
-// The engine's mutex is taken during a whole evaluation or reload, so the function may not get it
-// in time.
+// Another thread may hold the engine's mutex for a whole evaluation or reload. If this function
+// does not get the mutex in time, the question is not queued.
 bool PacParser::queueQuestion(const std::string& requestUrl, const std::string& key,
                               std::chrono::milliseconds& waited) {
   while (waited < kAnswerLimit) {

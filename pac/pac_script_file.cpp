@@ -1,6 +1,6 @@
 // Reads the script's file, checks whether the script has changed, and makes a new engine.
 
-#define OPENSSL_SUPPRESS_DEPRECATED  // the digest only compares files; it is no protection
+#define OPENSSL_SUPPRESS_DEPRECATED  // the digest is only used to compare files
 #include <fcntl.h>
 #include <openssl/md5.h>
 #include <sys/stat.h>
@@ -34,8 +34,8 @@ base::UniqueFd openScript(const std::string& fileName) {
 
 }  // namespace
 
-/// The bytes that were read. The buffer is allocated with malloc, which reports exhausted memory as
-/// a return value and not as an exception.
+/// The bytes that were read from the script's file. The buffer is allocated with malloc, which
+/// reports exhausted memory as a return value and not as an exception.
 class PacParser::ReadBuffer {
  public:
   /// Reads `file` to its end. @return whether that succeeded; if not, a log line has the reason
@@ -93,7 +93,7 @@ int PacParser::parsePacFile(const std::string& fileName) {
   }
   const Lock lock(mEngineMutex);
   mHasEngine = false;
-  mPac.reset();  // first, so that there are never two workers
+  mPac.reset();  // released first, so that there are never two workers
   mPac.reset(pac_init(mPacContent.get(), mPacInitOption ? PAC_OPTION_OFFLINE : PAC_OPTION_ONLINE,
                       notify, this));
   logLine(LOG_INFO, "PacParser-parsePacFile pac init");

@@ -21,8 +21,8 @@
 
 #include "service/records/proxy_config.h"
 
-/// One key in the order of use. Its destructor logs a line, and does not remove the node from the
-/// list.
+/// A node of the linked list: one key in the order of use. Its destructor logs a line, and does not
+/// remove the node from the list.
 class ProxyURLCacheNode {
  public:
   explicit ProxyURLCacheNode(const std::string& nodeKey) : key(nodeKey) {}

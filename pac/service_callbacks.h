@@ -6,9 +6,9 @@ class ProxyManagerServiceImpl;
 
 namespace service_callbacks {
 
-/// The content of the script has changed. Does nothing if `service` is null. Called on the thread
-/// that installs the script (the fetcher's). During the call, the parser holds the gate and no
-/// other lock.
+/// Reports to the service that the content of the script has changed. Does nothing if `service` is
+/// null. Called on the thread that installs the script (the fetcher's). During the call, the parser
+/// holds the gate and no other lock.
 void notifyContentUpdated(ProxyManagerServiceImpl* service);
 
 }  // namespace service_callbacks

@@ -78,7 +78,7 @@ std::unique_ptr<SlService> create_proxymanager_service() {
   return std::make_unique<ProxyManagerServiceImpl>();
 }
 
-/// Blocks the two signals in this thread, and so also in the threads that it starts.
+/// Blocks SIGTERM and SIGHUP in this thread, and so also in the threads that it starts.
 /// @return the mask that unblocks them
 sigset_t blockSignals() {
   sigset_t handled;
@@ -92,7 +92,7 @@ sigset_t blockSignals() {
   return open;
 }
 
-/// Sleeps until a signal was handled or the time is over.
+/// Sleeps until a signal has been handled, but at most for kWatchdogFeedInterval.
 void sleepLettingThrough(const sigset_t& open) {
   const timespec limit{kWatchdogFeedInterval.count(), 0};
   ppoll(nullptr, 0, &limit, &open);
@@ -107,14 +107,16 @@ void registerProcess() {
   }
 }
 
-/// This helps a person who starts the daemon by hand and does not read the log.
+/// Writes `problem` to stderr if stderr is a terminal. This helps a person who starts the daemon by
+/// hand and does not read the log.
 void showOnTerminal(const std::string& problem) {
   if (isatty(STDERR_FILENO) != 1) return;
   std::fprintf(stderr, "%s: %s\n", kProcessName, problem.c_str());
 }
 
-/// Unknown arguments are ignored, because a supervisor may pass some.
-/// @return whether the arguments only asked for a text; the text has been printed
+/// Prints the help or the version if the first argument requests it. Ignores unknown arguments,
+/// because a supervisor may pass some.
+/// @return whether a text was printed
 bool printedWhatWasAskedFor(int argc, char** argv) {
   const std::string_view argument = argc > 1 ? argv[1] : "";
   if (argument == "--help") {
@@ -128,23 +130,24 @@ bool printedWhatWasAskedFor(int argc, char** argv) {
   return true;
 }
 
-/// This must come before the first thread and before the first secret.
+/// main() calls this function before it starts a thread and before the process has a secret.
 void limitItself() {
   process::forbidDumps();
   process::keepCapabilitiesFromChildren();
   process::returnFreedMemory();
-  umask(S_IWGRP | S_IWOTH);  // not the supervisor's mask: all users may read the script
+  // This replaces the supervisor's mask, because all users may read the script.
+  umask(S_IWGRP | S_IWOTH);
 }
 
-/// Deletes the service in a thread of its own. The deletion waits for all work in progress, such as
-/// a download. Meanwhile the calling thread feeds the watchdog, so that the supervisor does not
+/// Deletes the service on a separate thread. The deletion waits for all work in progress, such as a
+/// download. Meanwhile the calling thread feeds the watchdog, so that the supervisor does not
 /// regard the wait as a hang.
 void stopService(std::unique_ptr<SlService> service) {
   std::future<void> stopped;
   try {
     stopped = std::async(std::launch::async, [&service] { service.reset(); });
   } catch (const std::system_error&) {
-    return;  // no thread can be started: the service is deleted when the caller's pointer ends
+    return;  // no thread can be started: the end of this function deletes the service
   }
   while (stopped.wait_for(kWatchdogFeedInterval) != std::future_status::ready) feedWatchdog();
 }

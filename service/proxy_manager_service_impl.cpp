@@ -164,7 +164,7 @@ std::vector<std::string> ProxyManagerServiceImpl::getProxyUrl(const std::string&
   return urls;
 }
 
-// No lock is needed, for the same reason.
+// No lock is needed, for the same reason as in getProxyUrl().
 std::vector<std::string> ProxyManagerServiceImpl::getProxyUrlWithoutScript()
     PM_NO_THREAD_SAFETY_ANALYSIS {
   std::vector<std::string> urls{proxyMode2Str(mConfig->mode)};
@@ -235,8 +235,8 @@ void ProxyManagerServiceImpl::waitForNextAnnouncement() {
                          [this] { return mStartupEventDone.load(); });
 }
 
-// The mutex is taken and released. After that, the announcing thread either has not read the flag
-// yet, or already waits.
+// The announcing thread reads the flag and begins its wait while it holds the mutex. So it either
+// finds the flag set, or already waits and is woken.
 void ProxyManagerServiceImpl::endAnnouncements() {
   {
     const Lock lock(mAnnounceMutex);

@@ -66,13 +66,13 @@ class ProxyManagerServiceImpl : public SlService {
   /// The result that getProxyUrl() has if the script has no answer. Never waits. Bus thread.
   std::vector<std::string> getProxyUrlWithoutScript();
 
-  /// A new PAC file is in place. Fetcher thread.
+  /// Called when a new PAC file is in place. Fetcher thread.
   void pacFileUpdated();
 
   /// Whether a script is loaded. Any thread; never waits.
   bool hasScript() const;
 
-  /// The content of the PAC file has changed. Fetcher thread.
+  /// Called when the content of the PAC file has changed. Fetcher thread.
   void pacContentUpdated();
 
   /// Body of the announcing thread: ProxyMgrStateEvent(1) every two seconds until the first

@@ -176,7 +176,7 @@ def in_turn(world, what, ways, clients, seconds, rounds):
                 world.way(proxyurl)
                 wait_for_way(world)
             figure = world.load(what, proxy, clients, seconds)
-            if turn > 0:  # the first one warms up
+            if turn > 0:  # the first round warms up
                 figures[name].append(figure)
     return {name: statistics.median(values) for name, values in figures.items()}
 
@@ -193,7 +193,7 @@ def private_kib(pid):
 
 
 def connections_to(endpoint):
-    """Returns the number of connections to the endpoint, counted at the end that connected."""
+    """Returns the number of connections to the endpoint, counted on the side of the clients."""
     port = f":{int(endpoint.split(':')[1]):04X}"
     with open("/proc/thread-self/net/tcp") as table:
         return sum(line.split()[2].endswith(port) and line.split()[3] == "01" for line in table)
@@ -263,7 +263,7 @@ def memories(world):
                                  ("over a SOCKS proxy", f"socks5h://{MICROSOCKS}", 16),
                                  ("over an HTTPS proxy", f"https://{TLS}", 64)):
         with world.relay() as relay:
-            # If the relay uses tinyproxy as its proxy: tinyproxy accepts 1,000 clients at most.
+            # If the relay uses tinyproxy, there are fewer tunnels: tinyproxy accepts 1,000 clients at most.
             yield what, memory(world, relay, proxyurl, IDLE if not proxyurl else IDLE // 2), goal
 
 

@@ -1,7 +1,7 @@
-// Load for a proxy. Prints the result as one number on standard output.
+// Makes load for a proxy. Prints the result as one number on standard output.
 //
 // usage: relay_load KIND PROXY TARGET CLIENTS SECONDS
-// - tunnels: tunnels a second, each with CONNECT and one byte there and back
+// - tunnels: tunnels a second, each with CONNECT and one byte in each direction
 // - responses: responses of 64 KiB a second, on kept connections
 // - latency (one client): median time of a request with a response of 64 KiB, on one kept
 //   connection, in microseconds
@@ -10,7 +10,8 @@
 //   are, and holds them until standard input ends
 //
 // PROXY and TARGET are ADDRESS:PORT. If PROXY is "-", the connections go to the target directly. If
-// it is "plain:ADDRESS:PORT", they go to a forwarder, without CONNECT. Each client is a thread.
+// PROXY is "plain:ADDRESS:PORT", the connections go to a forwarder, without CONNECT. Each client is
+// a thread.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -71,7 +72,7 @@ void sendAll(int socket, std::string_view text) {
   }
 }
 
-/// Reads up to the end of a head, and no byte after it. @return the head
+/// Reads an HTTP head, and no byte after its end. @return the head
 std::string headOf(int socket) {
   std::string head;
   char byte = 0;
@@ -138,7 +139,8 @@ void ask(const Load& load, Done done) {
   const auto request = (load.isDirect ? "GET /" : "GET http://" + load.target + "/") +
                        std::string(" HTTP/1.1\r\nHost: ") + load.target + "\r\n\r\n";
   std::vector<char> buffer(96 << 10);
-  // At least one request is made, even if a busy machine uses up the time before it.
+  // At least one request is made, even if the time is over before the first request, on a busy
+  // machine.
   do {
     const auto begin = Clock::now();
     sendAll(connection.get(), request);

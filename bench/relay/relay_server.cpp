@@ -43,8 +43,8 @@ const std::string& response() {
 struct Connection {
   int socket;
   char kind = 0;
-  std::string head;     ///< of HTTP, until its end
-  std::string waiting;  ///< to be sent
+  std::string head;     ///< the received part of an HTTP head
+  std::string waiting;  ///< bytes that must still be sent
   std::size_t sent = 0;
 };
 

@@ -1,7 +1,7 @@
-// The cost of an answer for a program that uses the client library, in microseconds, as one line of
-// JSON. It has the first answer in a new process, compared with a plain connection and call; a
-// remembered answer; and the number of remembered answers that two threads get, compared with one
-// thread.
+// Measures the cost of an answer for a program that uses the client library. Prints one line of
+// JSON, with times in microseconds: the first answer in a new process, compared with a plain
+// connection and call; a remembered answer; and the rate of remembered answers of two threads,
+// compared with one thread.
 //
 // usage: client_load SAMPLES, with a daemon on the system bus
 #include <proxymanager/client.h>

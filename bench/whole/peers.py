@@ -1,4 +1,4 @@
-"""Compares answers of the daemon with those of other programs in Debian, in one run.
+"""Compares answers of the daemon with answers of other programs in Debian, in one run.
 
 All programs evaluate the same script of 60 rules for a host that they have not seen before, so that no
 program answers from a cache. The daemon's cached answer has a separate row.
@@ -50,7 +50,7 @@ def unpacked():
 
 
 def surroundings(folder):
-    """The environment of a program that is unpacked in the folder."""
+    """Returns the environment for a program that is unpacked in the folder."""
     libraries = subprocess.run(["dpkg-architecture", "-q", "DEB_HOST_MULTIARCH"], check=True,
                                capture_output=True, text=True).stdout.strip()
     libraries = f"{folder}/usr/lib/{libraries}"
@@ -74,7 +74,7 @@ def pac_runner(folder):
 
 
 def of_the_bus(build, folder, pac_url, url, rounds):
-    """{"base_us": the runner's median, "measured_us": the daemon's, ...}"""
+    """Returns {"base_us": the runner's median, "measured_us": the daemon's median, ...}."""
     with pac_runner(folder):
         done = subprocess.run(
             [f"{build}/out/bench/bus_load", RUNNER, NAME, str(rounds), str(CALLS_OF_PEERS), "1", url,
@@ -84,10 +84,10 @@ def of_the_bus(build, folder, pac_url, url, rounds):
 
 
 def of_proxy(folder, pac_url, calls):
-    """Microseconds of an answer of `proxy`.
+    """Returns the microseconds that `proxy` needs for an answer.
 
-    With Debian's WebKit module, it crashes in some runs, or answers without the script. Such a run
-    is repeated, and the number of such runs is printed.
+    With Debian's WebKit module, `proxy` crashes in some runs, or answers without the
+    script. Such a run is repeated, and the number of such runs is printed.
     """
     environment = {**surroundings(folder), "http_proxy": f"pac+{pac_url}"}
     failed = 0
@@ -111,7 +111,7 @@ def of_proxy(folder, pac_url, calls):
 
 
 def of_pacparser(folder, text, calls):
-    """Microseconds of an answer of pacparser."""
+    """Returns the microseconds that pacparser needs for an answer."""
     with open("/tmp/peers.pac", "w") as file:
         file.write(text)
     done = subprocess.run(["/usr/bin/python3", "-c", PACPARSER, "/tmp/peers.pac", str(calls), NEW_URL,

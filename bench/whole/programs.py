@@ -1,4 +1,5 @@
-"""The cost of an answer for programs: proxymanagerctl compared with dbus-send, and the client library.
+"""Measures the cost of an answer for programs: proxymanagerctl compared with dbus-send, and the client
+library.
 
 The programs are started in turn, so that other work of the machine disturbs them equally. A ratio is
 a ratio of medians of one run.
@@ -21,7 +22,7 @@ INTERFACE = "com.zentu.ProxyManagerServiceInterface"
 PATH = "/com/zentu/ProxyManagerService"
 ENVIRONMENT = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": ADDRESS}
 
-# what, key, unit, goal, at least
+# description, key, unit, goal, whether the goal is a minimum
 ROWS = (
     ("proxymanagerctl get, in dbus-send's times", "get_ratio", "x", 1.6, False),
     ("proxymanagerctl --version, in dbus-send's times", "version_ratio", "x", 1.6, False),

@@ -1,4 +1,4 @@
-"""Compares whole answers of the daemon with those of an echo service, on a private message bus, in one run.
+"""Compares whole answers of the daemon with answers of an echo service, on a private message bus, in one run.
 
 The measured time is the time that a program waits: the call goes to the bus and to the daemon, and the
 answer comes back. The echo service (echo_service.c) gives the same answer to the same call, so the ratio
@@ -39,7 +39,8 @@ PROXY = "http://proxy.example.org:8080"
 URL = "http://www.example.org/index.html"
 NEW_URL = "http://host%d.example.org/index.html"
 
-# what, mode, severity, URL, clients, (figure, goal, at most or at least)
+# description, mode, severity, URL, clients, (figure, goal). A latency_ratio has a maximum, a rate_ratio a
+# minimum.
 CASES = (
     ("mode manual, severity 5", "manual", 5, URL, 1, ("latency_ratio", 1.15)),
     ("cached host, severity 5", "pacurl", 5, URL, 1, ("latency_ratio", 1.20)),

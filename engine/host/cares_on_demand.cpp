@@ -48,7 +48,7 @@ std::atomic<const Functions*> found{nullptr};
 
 extern "C" {
 
-// Only this function searches the library for the others. So if a channel exists, all functions
+// Only this function searches the library for its functions. So if a channel exists, all functions
 // have been found.
 int ares_init_options(ares_channel* channel, struct ares_options* options, int mask) {
   static on_demand::Library<Functions> library("libcares.so.2", findAll);
@@ -71,7 +71,7 @@ void ares_destroy(ares_channel channel) {
   found.load()->destroy(channel);
 }
 
-// An owner that holds no object also calls this function, with a null pointer.
+// A smart pointer that has no object also calls this function, with a null pointer.
 void ares_freeaddrinfo(struct ares_addrinfo* answer) {
   if (answer != nullptr) found.load()->freeAddrInfo(answer);
 }

@@ -97,7 +97,7 @@ bool waitOnce(ares_channel channel, Deadline deadline, int watched) {
   const auto left = std::max(
       std::chrono::ceil<std::chrono::microseconds>(deadline - std::chrono::steady_clock::now()),
       std::chrono::microseconds::zero());
-  // This is a few seconds at most, so it also fits in a time_t of 32 bits.
+  // The time left is a few seconds at most, so it also fits in a time_t of 32 bits.
   timeval longest{static_cast<std::time_t>(left.count() / 1'000'000),
                   static_cast<suseconds_t>(left.count() % 1'000'000)};
   timeval chosen{};

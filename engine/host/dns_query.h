@@ -1,5 +1,5 @@
-// One name lookup through c-ares. It asks the hosts file and the name servers, in the order of the
-// resolver configuration.
+// One name lookup through c-ares. It searches the hosts file and asks the name servers, in the
+// order of the resolver configuration.
 #pragma once
 
 #include <chrono>
@@ -23,13 +23,14 @@ enum class LookupEnd : std::uint8_t {
 struct LookupResult {
   LookupEnd end = LookupEnd::kDone;
   std::vector<std::string> addresses;  ///< in the order of preference (RFC 6724)
-  std::chrono::seconds lifetime{0};  ///< the shortest of the answer's records; 0 for the hosts file
+  std::chrono::seconds lifetime{0};    ///< shortest TTL of the records; 0 for the hosts file
 };
 
-/// The resolver. Two threads must not use it. Its sockets are closed at the end of each lookup.
+/// The resolver. Two threads must not use it at the same time. Its sockets are closed at the end of
+/// each lookup.
 class DnsResolver {
  public:
-  /// @param servers "address[:port],..." instead of the configured ones, if not empty
+  /// @param servers "address[:port],..."; if empty, the configured servers
   explicit DnsResolver(std::string servers);
   ~DnsResolver();
   DnsResolver(const DnsResolver&) = delete;

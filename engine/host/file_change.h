@@ -6,7 +6,7 @@
 namespace pac_engine {
 
 /// One file. Each look at it is one system call with the file's path; links are followed. Two
-/// threads must not use the object at once.
+/// threads must not use the object at the same time.
 class FileChange {
  public:
   explicit FileChange(std::string path);
@@ -19,7 +19,7 @@ class FileChange {
 
  private:
   struct Identity {
-    unsigned long long device = 0;  ///< all zero for a file that is not there
+    unsigned long long device = 0;  ///< all zero for a file that does not exist
     unsigned long long inode = 0;
     long long size = 0;
     long long seconds = 0;

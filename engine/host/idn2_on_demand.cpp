@@ -37,7 +37,7 @@ int idn2_to_ascii_8z(const char* name, char** ascii, int flags) {
   return functions->toAscii(name, ascii, flags);
 }
 
-// An owner that holds no object also calls this function, with a null pointer.
+// A smart pointer that has no object also calls this function, with a null pointer.
 void idn2_free(void* text) {
   if (text != nullptr) found.load()->free(text);
 }

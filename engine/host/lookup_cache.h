@@ -19,7 +19,7 @@ inline constexpr std::size_t kLookupCacheNames = 500;
 inline constexpr std::chrono::seconds kLongestKept{60};  ///< even if the name server allows more
 inline constexpr std::chrono::seconds kFailureKept{5};
 
-/// Two threads must not use one object.
+/// Two threads must not use one object at the same time.
 class LookupCache {
  public:
   using Clock = std::chrono::steady_clock;

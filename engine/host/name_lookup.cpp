@@ -25,7 +25,7 @@ bool isIpv4(const std::string& address) {
   return inet_pton(AF_INET, address.c_str(), &binary) == 1;
 }
 
-/// Without the dot of the root.
+/// `name` without the dot of the root.
 std::string_view relative(std::string_view name) {
   if (name.ends_with('.')) name.remove_suffix(1);
   return name;
@@ -38,8 +38,9 @@ bool isLocalhost(std::string_view name) {
   return name == "localhost" || (name.ends_with(".localhost") && !hasEmptyLabel);
 }
 
-/// The usual form of an IPv4 literal as in a URL. The worker itself recognises literals in ASCII.
-/// But the mapping of an international name to ASCII may also give a literal.
+/// The dotted quad of `name`, if `name` is an IPv4 literal in a form that a URL may have. The
+/// worker itself recognises literals in ASCII. But the mapping of an international name to ASCII
+/// may also give a literal.
 std::optional<std::string> ipv4Literal(std::string_view name) {
   in_addr binary{};
   char text[INET_ADDRSTRLEN] = "";
@@ -47,7 +48,7 @@ std::optional<std::string> ipv4Literal(std::string_view name) {
   return inet_ntop(AF_INET, &binary, text, sizeof text);
 }
 
-/// Such a name can be, for example, an IPv4 literal with a field that is too large.
+/// True, for example, for an IPv4 literal with a field that is too large.
 bool isDigitsAndDots(std::string_view name) {
   return name.find_first_not_of("0123456789.") == name.npos;
 }

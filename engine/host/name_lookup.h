@@ -20,7 +20,7 @@ namespace pac_engine {
 inline constexpr std::size_t kNamesPerEvaluation = 20;
 inline constexpr std::chrono::seconds kLookupLimit{2};
 
-/// Two threads must not use one object.
+/// Two threads must not use one object at the same time.
 class NameLookup {
  public:
   explicit NameLookup(NameSource source);
@@ -29,7 +29,7 @@ class NameLookup {
   /// the evaluation checks whether the resolver's configuration has changed.
   void begin();
 
-  /// Addresses of `name` (UTF-8) in `family`. Empty if the name has none or is not
+  /// Addresses of `name` (UTF-8) in `family`. Empty if the name has no such address or is not
   /// valid. Also empty if this evaluation has looked up its maximum number of names, or if the
   /// lookup lasts longer than 2 s or until `deadline`. A repeated name in the same evaluation has
   /// the same addresses and does not count again. A name that needs no name server does not count:
@@ -48,7 +48,7 @@ class NameLookup {
   NameSource mSource;
   DnsResolver mResolver;
   LookupCache mCache;
-  bool mConfigurationSeen = false;  ///< checked in this evaluation
+  bool mConfigurationSeen = false;  ///< this evaluation has checked the configuration
   std::map<std::string, std::map<AddressFamily, std::vector<std::string>>> mAsked;
 };
 

@@ -22,7 +22,8 @@ using IfAddrs = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 // the kernel uses the default route. connect() on a UDP socket looks up the route and sends
 // nothing.
 constexpr std::uint32_t kOutside = 0xC0000201;  // 192.0.2.1
-constexpr std::uint16_t kAnyPort = 9;  // discard; connect() needs a port, but contacts none
+// The discard port: connect() needs a port, but sends nothing to it.
+constexpr std::uint16_t kAnyPort = 9;
 
 constexpr std::uint32_t kLinkLocalMask = 0xFFFF0000;
 constexpr std::uint32_t kLinkLocal = 0xA9FE0000;  // 169.254.0.0/16, RFC 3927
@@ -47,8 +48,8 @@ std::string routeSource() {
   return textOf(AF_INET, &address.sin_addr);
 }
 
-/// The address in the structure of its family. The address is copied, because not every machine can
-/// read unaligned values.
+/// Copies the address at `generic` into the structure of its family. A cast would not do, because
+/// not every machine can read unaligned values.
 template <typename Address>
 Address as(const sockaddr* generic) {
   Address address;

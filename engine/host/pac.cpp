@@ -15,8 +15,9 @@
 
 namespace {
 
-constexpr std::size_t kMaxQueued =
-    256;  // questions; if a caller queues more, it no longer runs callbacks
+// Maximum number of queued questions. A further question is dropped. So many wait only if the
+// caller does not call pac_run_callbacks() often enough.
+constexpr std::size_t kMaxQueued = 256;
 
 struct Question {
   std::string url;
@@ -102,8 +103,8 @@ void pac_find_proxy_sync_n(pac* engine, const char* url, const char* host, char*
 
 void pac_run_callbacks(pac* engine) {
   if (engine == nullptr) return;
-  // A callback may queue a further question. This question has already woken the caller again, so
-  // the next call answers it.
+  // A callback may queue a further question. The wake-up callback has then been called again, so
+  // the next call of this function answers the further question.
   for (auto left = engine->queue.size(); left > 0; --left) {
     guarded("pac_run_callbacks", [&] {
       auto question = std::move(engine->queue.front());

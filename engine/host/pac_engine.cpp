@@ -232,8 +232,8 @@ Receipt Engine::Impl::receive(Deadline end, Deadline shortly, bool& isLong) {
   return channel.receive(end);
 }
 
-/// Sets the worker's CPU time limit to that of a whole evaluation, once in a task. A short question
-/// needs no change of the limit.
+/// Raises the worker's CPU time limit to the time of a whole evaluation, once in a task. A short
+/// question needs no change of the limit.
 void Engine::Impl::allowLongWork(bool& isLong) {
   if (isLong) return;
   isLong = true;
@@ -242,8 +242,9 @@ void Engine::Impl::allowLongWork(bool& isLong) {
 
 /// Between two questions, no code watches the worker. If a script has taken control of the worker,
 /// it could then use all CPU time of the device. So the kernel enforces a limit. A worker that only
-/// waits does not reach it. The limit is set again only after so much work that an ordinary worker
-/// could come near it. So after a short question, the function only reads the clock.
+/// waits does not reach it. The limit is set again after half a second of work. With less work, an
+/// ordinary worker cannot come near it. So after a short question, the function only reads the
+/// clock.
 void Engine::Impl::finishWork(Deadline begun) {
   worked += std::chrono::steady_clock::now() - begun;
   if (worked < kShortWork) return;
@@ -251,8 +252,8 @@ void Engine::Impl::finishWork(Deadline begun) {
   worker->limitCpu(kIdleCpu);
 }
 
-/// Executes the request in `message`. @return nothing if the message is no request, else whether
-/// the worker got the answer
+/// Executes the request in `message`. @return whether the worker got the answer; nothing if the
+/// message is no request
 std::optional<bool> Engine::Impl::answerWorker(const FromWorker& message, Deadline deadline) {
   auto& channel = worker->channel();
   if (const auto* const alert = std::get_if<Alert>(&message)) {
@@ -281,8 +282,8 @@ std::vector<std::string> Engine::Impl::ownAddresses(AddressFamily family) {
   return pac_engine::ownAddresses(family);
 }
 
-/// The worker's engine itself respects the limit, but a worker under the control of a script may
-/// ignore it.
+/// The worker's engine itself respects the limit of alerts, but a worker under the control of a
+/// script may ignore it.
 void Engine::Impl::logAlert(std::string_view alert) {
   if (alertBytesLeft == 0) return;
   const auto cut = base::utf8Head(alert, alertBytesLeft);
@@ -303,7 +304,7 @@ std::unique_ptr<Engine> Engine::load(std::string_view script, Options options, P
     refused = problemOf(std::string("no memory file: ") + std::strerror(errno));
     return nullptr;
   }
-  impl->zone.changedSinceLastLook();  // before the worker reads it
+  impl->zone.changedSinceLastLook();  // the first look, before the worker reads the zone
   if (!impl->start(deadline, refused)) return nullptr;
   return std::unique_ptr<Engine>(new Engine(std::move(impl)));
 }

@@ -78,7 +78,7 @@ void WorkerProcess::follow() {
 }
 
 void WorkerProcess::limitCpu(std::chrono::seconds more) {
-  // The same reason as above.
+  // As above, the id may belong to another process.
   if (mChild->hasEnded()) return;
   clockid_t clock{};
   timespec used{};
@@ -93,7 +93,7 @@ void WorkerProcess::limitCpu(std::chrono::seconds more) {
 }
 
 std::string WorkerProcess::end() {
-  // This ends a worker that reads its socket, even if the service may not send signals to processes
+  // This ends a worker that reads its socket, even if the service has no right to signal processes
   // of other users.
   mChannel.hangUp();
   return mChild->end();

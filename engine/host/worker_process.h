@@ -1,6 +1,7 @@
 // The script worker as a child process: how it is found, started and ended.
 //
-// The worker is a sandbox::ChildProcess. Its environment contains only TZ. Its descriptor 3 is its
+// The worker is a sandbox::ChildProcess. Its environment contains at most TZ and the
+// variables of engine/wire/descriptors.h. Its descriptor 3 is its
 // end of a socket pair, and its descriptor 4 is the script. When the other end of the socket pair
 // is closed, the worker ends.
 #pragma once
@@ -30,7 +31,7 @@ std::string workerProgram(WorkerRole role = WorkerRole::kAnswers);
 
 class WorkerProcess {
  public:
-  /// Starts `program` with `script`. If `zone` is not empty, it is the value of TZ.
+  /// Starts `program` with `script`. If the zone of `options` is not empty, it is the value of TZ.
   /// @param problem receives the reason if the start fails
   /// @return the process, or null
   static std::unique_ptr<WorkerProcess> start(const std::string& program, const Options& options,
@@ -53,8 +54,8 @@ class WorkerProcess {
   /// the kernel refuses this, nothing changes.
   void limitCpu(std::chrono::seconds more);
 
-  /// Kills the process unless it has ended and waits for it, 1 s at most. If it does not end, a
-  /// later start or end of a child waits for it.
+  /// Kills the process unless it has ended, and waits for its end, 1 s at most. If the process does
+  /// not end, a later start or end of a child waits for it.
   /// @return how it ended, for the log
   std::string end();
 

@@ -1,4 +1,4 @@
-// The descriptors and the variable with which the script worker is started.
+// The descriptors and the variables with which the script worker is started.
 #pragma once
 
 namespace pac_engine {

@@ -41,7 +41,7 @@ inline constexpr std::size_t kMaxProblemBytes = 512;          ///< the reason fo
 /// A name to look up, as UTF-8. The ASCII form of a name has 253 bytes at most, and its UTF-8 form
 /// is at most four times as long.
 inline constexpr std::size_t kMaxNameBytes = 1U << 10U;
-inline constexpr std::size_t kMaxAddresses = 64;     ///< of one name, or of this device
+inline constexpr std::size_t kMaxAddresses = 64;     ///< addresses of one name, or of this device
 inline constexpr std::size_t kMaxAddressBytes = 45;  ///< longest text of an IPv6 address
 /// Longest message: a result with its kind, serial and length.
 inline constexpr std::size_t kMaxMessageBytes = kMaxResultBytes + 64;
@@ -50,7 +50,7 @@ inline constexpr std::size_t kMaxMessageBytes = kMaxResultBytes + 64;
 
 /// First message of the library: load the script.
 struct Start {
-  std::uint32_t timeLimitMs = 0;      ///< of loading and of one evaluation
+  std::uint32_t timeLimitMs = 0;      ///< limit for a load or an evaluation
   std::optional<std::int64_t> clock;  ///< fixed time for the date helpers, seconds since 1970
 };
 
@@ -78,7 +78,7 @@ struct Ready {};
 
 /// The script is refused; the worker is about to end.
 struct Refused {
-  std::uint32_t line = 0;  ///< of the script, from 1; 0 if none is known
+  std::uint32_t line = 0;  ///< line of the script, from 1; 0 if no line is known
   std::string_view message;
 };
 

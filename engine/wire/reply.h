@@ -11,7 +11,7 @@ namespace pac_engine {
 /// The reason why a script is refused or has no answer.
 struct Problem {
   std::string message;     ///< one line, for example "SyntaxError: unexpected token"
-  std::uint32_t line = 0;  ///< of the script, from 1; 0 if none is known
+  std::uint32_t line = 0;  ///< line of the script, from 1; 0 if no line is known
 };
 
 /// An answer, or the reason why there is none.

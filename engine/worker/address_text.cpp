@@ -8,7 +8,7 @@
 namespace pac_worker {
 namespace {
 
-constexpr unsigned kMappedPrefixBits = 96;  // of an IPv4 address within its IPv4-mapped form
+constexpr unsigned kMappedPrefixBits = 96;  // bits before the IPv4 address in its mapped form
 constexpr std::uint64_t kPastQuad = 1ULL << 32U;
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 

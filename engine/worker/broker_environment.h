@@ -49,8 +49,8 @@ class BrokerEnvironment : public PacEnvironment {
 /// Sends `message`, or ends the process if the other end is closed.
 void sendOrEnd(pac_engine::Channel& channel, const pac_engine::FromWorker& message);
 
-/// Waits for the next message. Ends the process if none can come, without an error if the socket is
-/// closed.
+/// Waits for the next message. Ends the process with status 0 if the socket is closed, and with
+/// kExitBroken if the message is not valid.
 pac_engine::FromLibrary receiveOrEnd(pac_engine::Channel& channel);
 
 }  // namespace pac_worker

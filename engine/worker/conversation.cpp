@@ -10,7 +10,8 @@
 namespace pac_worker {
 namespace {
 
-// The library discards a worker that sends more than the protocol allows.
+// The library discards a worker that sends more than the protocol allows. So the script's limits
+// equal those of the protocol.
 static_assert(ScriptLimits{}.resultBytes == pac_engine::kMaxResultBytes);
 static_assert(ScriptLimits{}.alertBytes == pac_engine::kMaxAlertBytes);
 
@@ -82,8 +83,8 @@ void Conversation::answer() {
   }
   const auto* const question = std::get_if<pac_engine::Evaluate>(&message);
   if (question == nullptr) endWorker(kExitBroken);
-  // The texts of the question are in the channel's buffer. The first lookup of the script
-  // overwrites this buffer.
+  // The texts of the question are in the channel's buffer, which the first lookup of the script
+  // overwrites. So they are copied.
   const auto serial = question->serial;
   const std::string url(question->url);
   const std::string host(question->host);

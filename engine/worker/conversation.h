@@ -13,7 +13,7 @@
 
 namespace pac_worker {
 
-/// What the workbench adds to a conversation.
+/// The functions that the workbench adds to a conversation.
 class Extension : public Preparation {
  public:
   /// The environment for the script, which replaces `device`. `device` must outlive this object.
@@ -31,7 +31,7 @@ void sendReply(pac_engine::Channel& channel, std::uint32_t serial, const Reply& 
 /// Sends a report in pieces, and then a message that the report is complete.
 void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
 
-/// Reports why this worker has no answer, and ends it.
+/// Reports why this worker has no answer, and ends the worker.
 [[noreturn]] void refuse(pac_engine::Channel& channel, std::string_view message,
                          std::uint32_t line = 0);
 
@@ -57,7 +57,7 @@ class Conversation {
   pac_engine::Channel& mChannel;
   BrokerEnvironment mEnvironment;
   Extension* const mExtension;
-  std::chrono::milliseconds mTimeLimit{0};  ///< of a load or an evaluation
+  std::chrono::milliseconds mTimeLimit{0};  ///< limit for a load or an evaluation
   std::unique_ptr<ScriptEngine> mEngine;    ///< null before load()
 };
 

@@ -10,8 +10,8 @@
 namespace pac_worker {
 namespace {
 
-constexpr int kMostJobs = 1000;            // of promises; limit for each load and each evaluation
-constexpr std::size_t kBlockOverhead = 8;  // of the allocator, in each block
+constexpr int kMostJobs = 1000;  // limit of promise jobs for each load and each evaluation
+constexpr std::size_t kBlockOverhead = 8;  // bytes that the allocator adds to each block
 // If the heap refuses a small block, the engine may recurse endlessly: it needs a block for the
 // error, and then for an error about that error. So past the heap limit, small blocks are still
 // granted, from a reserve. The reserve lasts until the next interrupt, which ends the script. Each
@@ -21,10 +21,10 @@ constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
 constexpr std::size_t kMostReserve = 16U << 20U;
 // The engine reads the clock at every ten thousandth call or loop iteration. If each iteration
-// calls a long built-in function, minutes can pass before that. So the heap reads the clock, too,
-// whenever it has granted this many bytes; each block counts as a little more than its size. Some
-// time after the deadline, the heap refuses all blocks except small ones. The built-in functions
-// then fail at once, and the engine soon reads the clock.
+// calls a long built-in function, minutes can pass until the engine reads it. So the heap reads the
+// clock, too, whenever it has granted this many bytes; each block counts as a little more than its
+// size. Some time after the deadline, the heap refuses all blocks except small ones. The built-in
+// functions then fail at once, and the engine soon reads the clock.
 constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
 constexpr std::size_t kBlockCost = 1U << 10U;
 constexpr std::chrono::milliseconds kStarvationGrace{100};
@@ -96,9 +96,10 @@ void* EngineRuntime::reallocate(void* owner, void* block, std::size_t size) {
   return moved;
 }
 
-// The same globals as for a PAC script in a browser: those of the language, without those that a
-// host adds. JS_NewContext() would add the clock `performance`, `atob`, `btoa` and `DOMException`.
-// Modules, timers and files are in another library of the engine, which is not linked.
+// Makes a context with the globals of a PAC script in a browser: those of JavaScript, without those
+// that a host adds. JS_NewContext() would add the clock `performance`, `atob`, `btoa` and
+// `DOMException`. Modules, timers and files are in another library of the engine, which is not
+// linked.
 EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
   OwnedContext context(JS_NewContextRaw(runtime));
   if (!context) return nullptr;
@@ -115,7 +116,8 @@ EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
     JS_FreeAtom(context.get(), name);
     return gone >= 0;
   };
-  // The engine itself defines these globals; in a browser the host provides them.
+  // The engine adds these two globals to the language. A PAC script in a browser does not have
+  // them.
   for (const char* const name : {"queueMicrotask", "InternalError"})
     if (!remove(JS_NewAtom(context.get(), name))) return nullptr;
   // The engine names the global object "global"; in a browser's script it is "[object Object]".

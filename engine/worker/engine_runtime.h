@@ -12,7 +12,7 @@
 #include <memory>
 #include <string_view>
 
-// The engine's macros for constants are compound literals of C.
+// The engine's macros for constants are compound literals, for which clang warns in C++.
 #if defined(__clang__)
 #pragma clang diagnostic ignored "-Wc99-extensions"
 #endif
@@ -40,7 +40,7 @@ class Value {
 /// The text of a value, in UTF-8. Unpaired surrogates are encoded like other code points.
 class Text {
  public:
-  /// Converts as the language's String() does, so an object's own toString may run.
+  /// Converts `value` as JavaScript's String() does, so an object's own toString may run.
   Text(JSContext* context, JSValueConst value);
   ~Text() {
     if (mText != nullptr) JS_FreeCString(mContext, mText);
@@ -72,7 +72,8 @@ class EngineRuntime {
     return *static_cast<EngineRuntime*>(JS_GetContextOpaque(context));
   }
 
-  /// Starts the clock and the counts of one load or evaluation, on the calling thread's stack.
+  /// Starts the clock and the counts of one load or evaluation. The stack limit counts from the
+  /// present end of the calling thread's stack.
   void begin();
   /// Runs the jobs that promises have queued, in order, kMostJobs at most. This is enough for every
   /// useful script, and limits the cost of an endless chain of jobs.
@@ -121,9 +122,10 @@ class EngineRuntime {
   static void release(void* self, void* block);
   static void* reallocate(void* self, void* block, std::size_t size);
   static int interrupt(JSRuntime* runtime, void* self);
-  /// Whether a block may be allocated while `others` bytes are allocated already.
+  /// Whether a block of `size` bytes may be allocated while `others` bytes are allocated already.
   bool grants(std::size_t others, std::size_t size);
-  /// True if the time limit was passed so long ago that the heap refuses large blocks.
+  /// Counts a request for a block of `size` bytes. True if the time limit was passed so long ago
+  /// that the heap refuses large blocks.
   bool isStarved(std::size_t size);
 
   PacEnvironment& mEnvironment;

@@ -1,12 +1,12 @@
-// The helpers of PAC scripts that are written in the language itself, for arguments of any kind.
+// The helpers of PAC scripts that are written in JavaScript, for arguments of any kind.
 //
 // Scripts rely on the published helpers with all their oddities: what an object's toString() returns,
-// which argument is read first, what a fourth argument does. Here every conversion is the
-// language's own. script_helpers.cpp answers the plain cases of the busy helpers itself and calls
-// these functions for the rest.
+// which argument is read first, what a fourth argument does. In this file, JavaScript itself does
+// every conversion. script_helpers.cpp itself handles the simple cases of the most used helpers,
+// and calls these functions for all other cases.
 //
-// The names of other helpers mean the script's globals, so a script that brings its own dnsResolve,
-// wdays or Date gets answers that follow from them.
+// If this file uses the name of another helper, the name means the script's global. So if a script
+// defines its own dnsResolve, wdays or Date, the helpers use that definition.
 ({
   dnsDomainIs(host, domain) {
     return host.length >= domain.length && host.substring(host.length - domain.length) == domain;
@@ -86,7 +86,7 @@
         if (isFirst) beginsWithDay = true;
       }
     }
-    // With (day, day) and (day, month), both days are in the current month.
+    // For dateRange(day, day) and dateRange(day, month), both days are in the current month.
     if (beginsWithDay && count == 2) {
       this.set(first, 'Month', now.getMonth());
       this.set(last, 'Month', now.getMonth());
@@ -143,7 +143,7 @@
     return first <= last ? first <= value && value <= last : last >= value || value >= first;
   },
 
-  // One part after the other, as browsers do, because a new value of one part can change the
+  // Sets one part after the other, as browsers do, because a new value of one part can change the
   // following parts.
   shiftToGmt(moment) {
     for (const part of ['FullYear', 'Month', 'Date', 'Hours', 'Minutes', 'Seconds']) {
@@ -151,8 +151,9 @@
     }
   },
 
-  // Does the work of the setter with this name. The engine's own setters look up the zone's offset
-  // at the wrong moment, so they are an hour off for some hours around each change of summer time.
+  // Sets one part of a date, like the engine's own setter for this part. The engine's setters look
+  // up the zone's offset at the wrong moment. So for some hours around each change of summer time,
+  // their result is wrong by an hour.
   set(moment, part, value) {
     const minute = 60000;
     const day = 24 * 60 * minute;

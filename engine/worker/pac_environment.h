@@ -1,8 +1,8 @@
 // The questions about the device that the helpers of a script may ask.
 //
-// The worker has no network and no files, and tests need a fixed clock. So whatever a helper needs
-// to know about the device, it asks through this one interface. In the worker, the library answers
-// over the socket. In tests, an object of the test answers.
+// The worker has no network and no files, and tests need a fixed clock. So a helper gets all facts
+// about the device through this one interface. In the worker, the library answers over the socket.
+// In tests, an object of the test answers.
 #pragma once
 
 #include <cstdint>

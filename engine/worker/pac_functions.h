@@ -38,7 +38,7 @@ bool isPlainHostName(std::string_view host);
 /// True if `host` ends in `domain`. Letter case counts; the match need not begin at a label.
 bool dnsDomainIs(std::string_view host, std::string_view domain);
 
-/// True if both are equal, or if `hostdom` starts with `host` and a dot.
+/// True if both texts are equal, or if `hostdom` starts with `host` and a dot.
 bool localHostOrDomainIs(std::string_view host, std::string_view hostdom);
 
 /// The number of dots.
@@ -52,11 +52,12 @@ std::optional<std::string> dnsResolve(PacEnvironment& environment, std::string_v
 /// address of either family. If there is none either, kLoopbackAddress.
 std::string myIpAddress(PacEnvironment& environment);
 
-/// All addresses of `host`, separated by ";". A literal is returned in its usual form. "" if there
-/// are none.
+/// All addresses of `host`, separated by ";". A literal is returned in its usual form. The result
+/// is "" if there are none.
 std::string dnsResolveEx(PacEnvironment& environment, std::string_view host);
 
-/// All usable addresses of the device, separated by ";". kLoopbackAddress if there are none.
+/// All usable addresses of the device, separated by ";". The result is kLoopbackAddress if there
+/// are none.
 std::string myIpAddressEx(PacEnvironment& environment);
 
 /// The literals of a ";"-separated list: first IPv6, then IPv4, each family in ascending order.

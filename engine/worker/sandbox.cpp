@@ -31,7 +31,7 @@ Failure limitResources([[maybe_unused]] const MemoryWalls& memory) {
     {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"},
     {RLIMIT_NPROC, 0, "RLIMIT_NPROC"},
     {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
-#if !PROXYMANAGER_SANITIZED  // which map far more memory, and check addresses through pipes
+#if !PROXYMANAGER_SANITIZED  // sanitizers map far more memory, and check addresses through pipes
     {RLIMIT_AS, memory.addressSpaceBytes, "RLIMIT_AS"},
     {RLIMIT_NOFILE, 0, "RLIMIT_NOFILE"},
 #endif
@@ -66,9 +66,9 @@ void allowMessages(sandbox::SystemCalls& list, int socket) {
       .first(SCMP_SYS(sendto));
 }
 
-/// Private memory without a file, never executable. The C library's allocator needs it. If the
-/// allocator had several arenas, it would need more system calls, but it has several only in
-/// programs with threads.
+/// Allows private memory without a file, never executable memory. The C library's allocator needs
+/// it. If the allocator had several arenas, it would need more system calls, but it has several
+/// only in programs with threads.
 void allowMemory(sandbox::SystemCalls& list) {
   constexpr int kReadWrite = PROT_READ | PROT_WRITE;
   const Arguments plainMemory{isInt(2, kReadWrite), isInt(3, MAP_PRIVATE | MAP_ANONYMOUS),
@@ -82,8 +82,9 @@ void allowMemory(sandbox::SystemCalls& list) {
       .allow(SCMP_SYS(madvise), {isInt(2, MADV_FREE)});
 }
 
-/// The system call reads the clock if the kernel provides no page for this. Other clock numbers are
-/// not allowed: they can mean the CPU clock of any process.
+/// The C library reads a clock without a system call if the kernel provides a page for this (vDSO).
+/// These system calls are for kernels without that page. Other clock numbers are not allowed: they
+/// can mean the CPU clock of any process.
 void allowClocks(sandbox::SystemCalls& list) {
   for (const int clock : {CLOCK_REALTIME, CLOCK_MONOTONIC}) {
     list.allow(SCMP_SYS(clock_gettime), {isInt(0, clock)})

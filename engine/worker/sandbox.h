@@ -6,9 +6,9 @@
 // and gets no new privileges. Its user is nobody if root started the worker. Its network namespace
 // is empty if the kernel allows one. Its memory is limited. It can make no new file, process or
 // core dump, and no debugger may attach. A list allows only the few system calls that a running
-// engine needs. Any other call kills the process. The list is the most important wall; the others
-// are a second line. If memory runs out, the kernel kills the worker first, before the program that
-// started it.
+// engine needs. Any other call kills the process. The list is the most important wall. The other
+// walls are a second line of defence. If memory runs out, the kernel kills the worker first, before
+// the program that started it.
 #pragma once
 
 #include <optional>
@@ -19,7 +19,7 @@ namespace pac_worker {
 /// Address space of the worker: 64 MiB for the engine's heap, another 64 MiB for the copy when a
 /// block of the heap grows, and the space for program, script and stack.
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
-inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine takes 512 KiB of it
+inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine may use 512 KiB of it
 
 /// The memory limits of a worker. A program whose engine has other limits passes its own.
 struct MemoryWalls {

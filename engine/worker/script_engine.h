@@ -2,7 +2,7 @@
 //
 // This header hides the engine's own types. A ScriptEngine holds one runtime and one fresh context;
 // the script runs once, at load, and its globals remain between evaluations. There is one
-// exception: if the script has passed the heap limit and still holds more than half of the heap,
+// exception: a script has passed the heap limit and still holds more than half of the heap. Then
 // the next evaluation first loads the script again, within the time limit of that evaluation. Two
 // threads must not use an engine at the same time, but each call may come from a different thread.
 // No function throws.
@@ -29,10 +29,10 @@ struct ScriptLimits {
   std::size_t heapBytes = 64U << 20U;  ///< JavaScript heap; if passed: no answer
   std::size_t stackBytes =
       512U << 10U;  ///< native stack; if passed: an error that the script may catch
-  std::chrono::milliseconds time{
-      5000};  ///< of a load or an evaluation; the worker sets the value of Start
-  std::size_t resultBytes = 64U << 10U;  ///< of the result text; if longer: no answer
-  std::size_t alertBytes = 2U << 10U;  ///< logged for all alerts of one evaluation; the rest is cut
+  std::chrono::milliseconds time{5000};  ///< limit for a load or an evaluation; the worker sets the
+                                         ///< value from its Start message
+  std::size_t resultBytes = 64U << 10U;  ///< longest result text; if longer: no answer
+  std::size_t alertBytes = 2U << 10U;  ///< logged text of all alerts of one evaluation; more is cut
 };
 
 using pac_engine::Problem;
@@ -40,7 +40,7 @@ using pac_engine::Reply;
 
 class EngineRuntime;
 
-/// The preparation of a script's context by a program, before the script runs.
+/// A program implements this class to prepare a script's context before the script runs.
 class Preparation {
  public:
   Preparation() = default;

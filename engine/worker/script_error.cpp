@@ -9,7 +9,8 @@
 namespace pac_worker {
 namespace {
 
-constexpr int kMostPrototypes = 8;  // longest chain that is searched for an error's name
+// Longest chain of prototypes that is searched for an error's name.
+constexpr int kMostPrototypes = 8;
 
 // An exception during the description of another one is dropped. Only exhausted memory can cause
 // it.

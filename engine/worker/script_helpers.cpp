@@ -19,8 +19,8 @@
 namespace pac_worker {
 namespace {
 
-// Up to this number of steps, shExpMatch's native matching always ends within milliseconds. It
-// cannot be interrupted.
+// Maximum number of steps of shExpMatch's native matching, which cannot be interrupted. This number
+// of steps takes only milliseconds.
 constexpr std::size_t kNativeMatchSteps = 4U << 20U;
 
 struct Call {
@@ -182,7 +182,7 @@ JSValue dnsResolveExHelper(const Call& call) {
   if (!call.isText(0)) return JS_UNDEFINED;
   const Text host(call.context, call[0]);
   if (!host) return JS_EXCEPTION;
-  // No name contains an unpaired surrogate.
+  // No host name contains an unpaired surrogate, so such a text is not looked up.
   if (!base::isUtf8(host.view())) return JS_UNDEFINED;
   return textValue(call, dnsResolveEx(call.environment(), host.view()));
 }
@@ -220,8 +220,8 @@ JSValue alertHelper(const Call& call) {
   return JS_UNDEFINED;
 }
 
-// Lookups and long texts take time outside the engine, and during this time the engine cannot read
-// the clock.
+// Returns the result of a helper, or ends the script if its time is up. Lookups and long texts take
+// time outside the engine, and during this time the engine cannot read the clock.
 template <bool kWaits>
 JSValue endedInTime(const Call& call, JSValue result) {
   JSContext* const context = call.context;

@@ -15,10 +15,10 @@ bool isLineEnd(Unit unit) {
 }
 
 // Each star first matches as few characters as possible. On a mismatch, only the last star found so
-// far has to match more characters. No earlier star has to: the part between two stars already
-// matches as far left as possible. A match further right would only give the earlier star
-// characters that the later star can match as well. This is also true for line ends, because no
-// star can match one.
+// far is tried with more characters. Longer matches of the stars before it need not be tried: the
+// part between two stars already matches as far left as possible, and the last star can match all
+// characters that such a longer match would skip. Line ends change nothing, because no star can
+// match one.
 template <typename Unit>
 bool matches(std::basic_string_view<Unit> text, std::basic_string_view<Unit> expression) {
   constexpr std::size_t kNone = static_cast<std::size_t>(-1);

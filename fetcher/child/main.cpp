@@ -2,7 +2,7 @@
 //
 // Beside its three standard descriptors, it has one: its end of a socket pair. First it prepares
 // libcurl; this step reads no foreign bytes. Then it raises the walls, and after that it reads the
-// request. When the daemon knows that there is a libcurl handle, it opens the file for the body and
+// request. It reports that it has a libcurl handle. Then the daemon opens the file for the body and
 // sends the descriptor. The process sends one result and ends. The daemon enforces the time limit:
 // it kills a process that takes too long.
 #include <curl/curl.h>

@@ -34,13 +34,13 @@ using sandbox::Failure;
 // stacks of the threads that look up names, and a certificate chain of 10 MiB, read and parsed. If
 // a server sends endless headers, the process reaches the limit, and the transfer fails.
 constexpr rlim_t kAddressSpaceBytes = rlim_t{160} << 20U;
-// The stack of a thread that looks up a name. Otherwise, the C library uses the stack limit of the
-// daemon as the size of such a stack; this may be a large part of the address space.
+// The stack of a thread that looks up a name. Without this value, the C library uses the stack
+// limit of the daemon as the size of such a stack; this may be a large part of the address space.
 constexpr std::size_t kThreadStackBytes = std::size_t{1} << 20U;
 // Limit of CPU time. A whole download takes 0.05 s, or 1 s on a slow device.
 constexpr rlim_t kCpuSeconds = 10;
 constexpr rlim_t kDescriptors = 64;
-// The process ends after this time, even if the daemon may not kill it (a daemon that runs as root
+// The process ends after this time, even if the daemon has no right to kill it (if it runs as root
 // without CAP_KILL). The time is longer than the longest transfer and the daemon's own limit for a
 // transfer.
 constexpr time_t kOwnEndSeconds = 31;
@@ -121,13 +121,13 @@ void allowThreads(SystemCalls& list) {
   list.allow(SCMP_SYS(sched_getaffinity), {isInt(0, 0)});
 }
 
-/// TCP and UDP, and no other internet protocol. A kernel has many others, and few of them are ever
-/// used.
+/// Allows sockets for TCP and UDP, and for no other internet protocol. A kernel has many other
+/// protocols, which programs rarely use.
 void allowInternetSockets(SystemCalls& list) {
   for (const int family : {AF_INET, AF_INET6}) {
     for (const auto& [type, protocol] :
          {std::pair{SOCK_STREAM, IPPROTO_TCP}, std::pair{SOCK_DGRAM, IPPROTO_UDP}}) {
-      // Protocol 0 is the usual one of the type.
+      // Protocol 0 means the usual protocol of the socket type.
       for (const int number : {0, static_cast<int>(protocol)}) {
         list.allow(SCMP_SYS(socket),
                    {isInt(0, family), masked(1, kSocketType, type), isInt(2, number)});
@@ -140,9 +140,9 @@ void allowSockets(SystemCalls& list) {
   allowInternetSockets(list);
   // The C library asks for this machine's addresses to sort the addresses of a name.
   list.allow(SCMP_SYS(socket), {masked(0, kInt, AF_NETLINK), masked(2, kInt, NETLINK_ROUTE)});
-  // The message bus trusts a connection because of its user, and this process may have the daemon's
-  // user. So local sockets are refused. If a module of the name service asks a local service, it
-  // fails, and the next module is asked.
+  // The message bus decides by the user of a connection what it may do, and this process may have
+  // the daemon's user. So local sockets are refused. If a module of the name service asks a local
+  // service, it fails, and the next module is asked.
   list.refuse(SCMP_SYS(socket), EAFNOSUPPORT, {masked(0, kInt, AF_UNIX)});
   // libcurl wakes itself through a socket pair. A pair of stream sockets can never be connected to
   // anything else.
@@ -193,7 +193,7 @@ void allowFiles(SystemCalls& list) {
 }
 
 void allowTheRest(SystemCalls& list) {
-  // A negative number is the CPU clock of a process, and this can be any process.
+  // A negative clock number means the CPU clock of a process, and this can be any process.
   constexpr std::uint64_t kSign = std::uint64_t{1} << 31U;
   for (const int call : {SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64), SCMP_SYS(clock_getres),
                          SCMP_SYS(clock_nanosleep), SCMP_SYS(clock_nanosleep_time64)}) {
@@ -236,9 +236,10 @@ Failure limitThreadStacks() {
   return {};
 }
 
-/// The kernel sends the signal of the timer, so no permission is needed. SIGKILL cannot be ignored
-/// or blocked. No system call on the list can change a timer. The daemon itself enforces the time
-/// limit of a transfer, so a kernel without timers is not a failure.
+/// Sets a timer that kills the process after kOwnEndSeconds. The kernel sends the signal of the
+/// timer, so no permission is needed. SIGKILL cannot be ignored or blocked. No system call on the
+/// list can change a timer. The daemon itself enforces the time limit of a transfer, so a kernel
+/// without timers is not a failure.
 void limitLife() {
   sigevent end{};
   end.sigev_notify = SIGEV_SIGNAL;

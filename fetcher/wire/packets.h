@@ -3,7 +3,7 @@
 //
 //   daemon                                   proxymanager-fetch
 //   FetchRequest (at once)             ──>
-//                                      <──   FetchReady (a libcurl handle, and the walls stand)
+//                                      <──   FetchReady (a libcurl handle; walls are raised)
 //   one byte with the open file        ──>
 //                                      <──   FetchResult, then the process ends
 //
@@ -25,9 +25,9 @@ inline constexpr int kFetchSocket = 3;  ///< the number of the child's descripto
 /// Longest URL; a longer one is not sent. Servers accept 8 to 16 KiB. The limit is needed because a
 /// packet has to fit into the socket's buffer.
 inline constexpr std::size_t kMostUrlBytes = std::size_t{64} * 1024;
-/// Longest script, in bytes. The daemon never asks for more, and the child process limits the
+/// Longest script, in bytes. The daemon never requests more, and the child process limits the
 /// length of its file to this value. client/ctl/terminal/script_file.h and settings/network_set.h
-/// have copies.
+/// have copies of this constant.
 inline constexpr std::int64_t kMostScriptBytes = 512'000;
 /// The text of an error, with its final zero.
 inline constexpr std::size_t kErrorBytes = 512;
@@ -35,15 +35,15 @@ inline constexpr std::size_t kSchemeBytes = 16;  ///< "https" for example, with 
 
 /// The URL of a transfer, and its limits.
 struct FetchRequest {
-  std::int64_t seconds = 0;    ///< of the whole transfer
-  std::int64_t bytes = 0;      ///< of the body
+  std::int64_t seconds = 0;    ///< time limit of the whole transfer
+  std::int64_t bytes = 0;      ///< maximum length of the body
   std::int64_t redirects = 0;  ///< maximum number of redirects
   std::string url;
 };
 
 struct FetchReady {
   enum class State : std::uint32_t {
-    ready,     ///< there is a libcurl handle, and the walls stand
+    ready,     ///< there is a libcurl handle, and the walls are raised
     noHandle,  ///< libcurl did not make a handle
     noWalls    ///< a wall could not be raised; `problem` names it
   };
@@ -54,7 +54,7 @@ struct FetchReady {
 
 struct FetchResult {
   bool success = false;           ///< libcurl's code is CURLE_OK
-  std::int32_t responseCode = 0;  ///< of the last answer; 0 if there was none
+  std::int32_t responseCode = 0;  ///< HTTP status of the last answer; 0 if there was none
   std::string scheme;             ///< the last URL's scheme, as libcurl writes it; empty if none
   std::string error;              ///< libcurl's text for its code; empty after a success
 };
@@ -64,8 +64,8 @@ std::string encode(const FetchRequest& request);
 std::string encode(const FetchReady& ready);
 std::string encode(const FetchResult& result);
 
-/// Decodes a packet. Nothing if the bytes are not such a packet. In the child's texts, "?" replaces
-/// each byte that is not printable ASCII.
+/// Decodes a packet. Returns nothing if the bytes are not a packet of this kind. In the child's
+/// texts, "?" replaces each byte that is not printable ASCII.
 std::optional<FetchRequest> decodeRequest(std::string_view bytes);
 std::optional<FetchReady> decodeReady(std::string_view bytes);
 std::optional<FetchResult> decodeResult(std::string_view bytes);

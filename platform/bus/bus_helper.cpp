@@ -24,7 +24,7 @@ constexpr int kBusAnswerMilliseconds = 5000;
 std::unique_ptr<BusLoop> makeLoop() {
   _init_threading();  // must come before libdbus makes its first lock
   auto loop = std::make_unique<BusLoop>(BusHelper::kMaxPosted);
-  default_dispatcher = loop.get();  // SystemBus() crashes without one
+  default_dispatcher = loop.get();  // SystemBus() crashes without a dispatcher
   return loop;
 }
 

@@ -44,9 +44,9 @@ class BusHelper {
   void requestName(const char* name);
 
   /// Sets `turn`, which the bus thread calls for one piece of work at a time. The bus thread calls
-  /// it after it has handled all input, while no output waits. `turn` returns a number of
-  /// milliseconds: if nothing arrives from the bus for this time, `turn` is called again. 0 means
-  /// at once, -1 means never. `turn` throws nothing. Call setTurn() before startDispatching().
+  /// it when it has handled all input and no output waits. `turn` returns a number of milliseconds:
+  /// if nothing arrives from the bus for this time, `turn` is called again. 0 means at once, -1
+  /// means never. `turn` throws nothing. Call setTurn() before startDispatching().
   void setTurn(std::function<int()> turn);
 
   /// Starts the bus thread. Requests the name again if stopDispatching() has released it. Throws
@@ -54,15 +54,17 @@ class BusHelper {
   void startDispatching();
 
   /// Releases the bus name, answers every call that the bus has delivered before the release, runs
-  /// the functions that run() has queued, sends the waiting output, and joins the bus thread. The
-  /// answers take at most 5 s, and so does the sending; what remains after that is dropped. Does
-  /// nothing if the thread does not run. Must not be called on the bus thread.
+  /// the functions that run() has queued, sends the waiting output, and joins the bus thread.
+  /// Answering takes at most 5 s, and sending at most another 5 s. After that, all remaining calls
+  /// and output are dropped. Does nothing if the thread does not run. Must not be called on the bus
+  /// thread.
   void stopDispatching();
 
   /// Runs `function` on the thread that may use the connection. If this is the calling thread, or
-  /// if the connection is not dispatched, the function runs at once. Else it runs later on the bus
-  /// thread, in the order of the calls. Any thread. Exceptions of a function are logged and
-  /// swallowed. If kMaxPosted functions already wait, `function` is dropped with one LOG_ERR line.
+  /// if the connection is not dispatched, the function runs at once. Else `function` runs later on
+  /// the bus thread, in the order of the calls of run(). Any thread. Exceptions of a function are
+  /// logged and swallowed. If kMaxPosted functions already wait, `function` is dropped with one
+  /// LOG_ERR line.
   void run(std::function<void()> function);
 
  private:
@@ -71,7 +73,7 @@ class BusHelper {
   };
 
   DispatcherReset mReset;          // clears the library's pointer after the loop's destruction
-  std::unique_ptr<BusLoop> mLoop;  // outlives the connection, because it has its watches
+  std::unique_ptr<BusLoop> mLoop;  // outlives the connection, whose watches it has
   std::unique_ptr<Connection> mConnection;
   std::string mName;  // empty before requestName()
 };

@@ -18,13 +18,14 @@ namespace DBus {
 
 namespace {
 
-// When a daemon ends, its last output usually fits in the socket's buffer. It does not if the bus
-// hangs, or if the bus gets no CPU time on a busy machine.
+// When a daemon ends, its last output usually fits in the socket's buffer. It does not fit if the
+// bus hangs, or if the bus gets no CPU time on a busy machine.
 constexpr std::chrono::seconds kSendLimit{5};
-// How long the loop answers the calls that arrived before its end. A full bus holds 25,600 of them.
+// How long the loop answers the calls that arrived before its end. At its limits, the bus holds
+// 25,600 such calls.
 constexpr std::chrono::seconds kAnswerLimit{5};
 constexpr int kAnswerPollMilliseconds = 100;
-// The pause before the next attempt if the system refuses poll().
+// The pause before the next attempt if poll() fails.
 constexpr std::chrono::milliseconds kRefusedPause{100};
 
 base::UniqueFd makeEventFd() {
@@ -109,7 +110,7 @@ bool BusLoop::post(std::function<void()> function) {
     if (mPosted.size() >= mMaxPosted) return false;
     mPosted.push_back(std::move(function));
   } catch (const std::exception&) {
-    return false;  // memory is exhausted; the calling thread may not handle exceptions
+    return false;  // memory is exhausted; perhaps the calling thread handles no exceptions
   }
   kick();
   return true;
@@ -128,7 +129,8 @@ void BusLoop::enter() {
   try {
     end = run();
   } catch (const std::exception& error) {
-    logLine(LOG_ERR, "bus: the loop failed: %s", error.what());  // no memory: as for a lost bus
+    // Memory is exhausted. This is handled like the loss of the bus.
+    logLine(LOG_ERR, "bus: the loop failed: %s", error.what());
   }
   if (end == End::kLost && mLost) mLost();
 }

@@ -8,9 +8,9 @@
 // time limit if the library has no timeout pending, so that an idle daemon is never woken.
 //
 // The library queues output that the bus does not accept at once, and this queue has no bound. So
-// while output waits, the loop reads nothing and runs no posted function. If a caller asks too
-// fast, or does not read its answers, it fills memory of the bus, up to the limits of the bus. It
-// does not fill memory of this process. The queue holds at most the answers to the calls of one
+// while output waits, the loop reads nothing and runs no posted function. If a caller sends calls
+// too fast, or does not read its answers, it fills memory of the bus, up to the limits of the bus.
+// It does not fill memory of this process. The queue holds at most the answers to the calls of one
 // read (a few KiB of calls, or one longer call), or the output of one posted function.
 #pragma once
 
@@ -48,8 +48,9 @@ class BusLoop : public Dispatcher {
   /// @param name the connection's well-known name, which the loop releases at its end; may be empty
   void start(Connection& connection, const std::string& name, std::function<void()> lost);
   /// Ends and joins the thread. Before its end, the loop releases the name, answers the calls that
-  /// the bus has delivered, runs the posted functions and sends the waiting output. The answers
-  /// take at most 5 s, and so does the sending; what remains after that is dropped.
+  /// the bus has delivered, runs the posted functions and sends the waiting output. Answering takes
+  /// at most 5 s, and sending at most another 5 s. After that, all remaining calls and output are
+  /// dropped.
   void stop();
 
   /// See BusHelper::setTurn().
@@ -102,7 +103,7 @@ class BusLoop : public Dispatcher {
   std::string mName;
   std::function<void()> mLost;
   std::function<int()> mTurn;
-  unsigned int mReleaseSerial = 0;  // of the call that releases the name; 0 if there is none
+  unsigned int mReleaseSerial = 0;  // serial of the call that releases the name; 0 for none
   bool mHasReleasedName = false;
   std::thread mThread;
   std::atomic<std::thread::id> mThreadId{};

@@ -9,8 +9,9 @@ constexpr std::string_view kBlanks = " \t\v\f";
 constexpr std::string_view kBlanksAndQuotes = " \t\v\f\"'";
 constexpr std::string_view kEnds{"\0\r", 2};
 
-// https://pubs.opengroup.org/onlinepubs/9699919799/utilities/V3_chap02.html#tag_18_02 An unquoted
-// blank does not end the value here, because some writers do not quote for shells.
+// Removes quotes and backslashes as a POSIX shell does, with one difference: an unquoted blank does
+// not end the value, because some writers do not quote for shells.
+// https://pubs.opengroup.org/onlinepubs/9699919799/utilities/V3_chap02.html#tag_18_02
 std::string unquoted(std::string_view word) {
   std::string plain;
   char quote = '\0';

@@ -1,8 +1,9 @@
 // proxymanager-lease: the program that the hooks of all DHCP clients call.
 //
-// Each hook knows its client's names for the values, and passes the values as arguments. All checks
-// are here, in one place. This is a program and not a shell script, because a shell's redirection
-// follows links and opens fifos, and one of the files is in a folder to which everybody may write.
+// Each hook contains its client's names for the values, and passes the values as arguments. All
+// checks are here, in one place. This is a program and not a shell script, because a shell's
+// redirection follows links and opens fifos, and one of the files is in a folder to which everybody
+// may write.
 //
 // The lease of each interface is kept (lease_store.h). The default route decides which lease is
 // written to the two files that the daemon reads. Each call makes this choice again. Files that
@@ -99,11 +100,11 @@ int end(const std::string& interface) {
   if (failed(kStore, store.open())) return EX_OSERR;
   const int trouble = store.forget(interface);
   if (trouble != ENOENT && failed(kStore, trouble)) return EX_OSERR;
-  // Most interfaces that end never had a lease. Even then, the choice is made again if the store
-  // has other leases, because another interface may have vanished without a report. If the store is
-  // empty, the file keeps its text, which may come from another program. But a lease of `interface`
-  // is removed from the file: a lease of an earlier boot or version is only in the file, not in the
-  // store.
+  // Most reports of an end are for interfaces that never had a lease. Even then, the choice is made
+  // again if the store has other leases, because another interface may have vanished without a
+  // report. If the store is empty, the file keeps its text, which may come from another program.
+  // But a lease of `interface` is removed from the file: a lease of an earlier boot or version is
+  // only in the file, not in the store.
   if (trouble == ENOENT && store.isEmpty() && !isInForce(interface)) return EX_OK;
   return writeLeaseInForce(store, interface);
 }

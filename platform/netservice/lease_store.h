@@ -1,7 +1,7 @@
 // Stores the leases of all interfaces. When one lease ends, the lease of another interface comes
 // into force.
 //
-// A device may have several links, each with a lease, but the daemon knows only one network. The
+// A device may have several links, each with a lease, but the daemon supports only one network. The
 // hooks report each interface separately. The store keeps one file for each interface, and the
 // default route decides which lease is in force. The store's folder is below /run, because a lease
 // is not valid after the next boot.
@@ -52,7 +52,7 @@ class LeaseStore {
   /// Forgets the lease of `interface`. @return 0, ENOENT if there was none, or an errno value
   int forget(const std::string& interface);
 
-  /// Whether no interface has a stored lease, not even one that no longer exists.
+  /// Whether the store has no lease, not even of an interface that no longer exists.
   bool isEmpty() const;
 
   /// Removes the leases of interfaces that no longer exist and whose DHCP client has not reported
@@ -83,7 +83,7 @@ std::vector<std::string> defaultRouteInterfaces(const std::string& table);
 std::string routeTable();
 
 /// The lease in force. Among the interfaces with a lease and a default route, the interface with
-/// the best route decides. If there is no such interface, it is the lease that changed last.
+/// the best route decides. If there is no such interface, the lease that changed last is in force.
 /// @return null if there is no lease
 const KeptLease* leaseInForce(const std::vector<KeptLease>& leases,
                               const std::vector<std::string>& routes);

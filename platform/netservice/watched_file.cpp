@@ -27,7 +27,7 @@ int openOrMake(const char* path) {
   if (fd >= 0 || errno != ENOENT) return fd;
   // O_EXCL: if another user creates a file between the two calls, that file is not opened.
   const int made = ::open(path, kFlags | O_CREAT | O_EXCL, kReadableByAll);
-  if (made >= 0) fchmod(made, kReadableByAll);  // clients have all kinds of umasks
+  if (made >= 0) fchmod(made, kReadableByAll);  // DHCP clients have all kinds of umasks
   return made;
 }
 

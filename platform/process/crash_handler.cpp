@@ -50,8 +50,8 @@ struct Prepared {
   bool stderrIsJournal = false;
 };
 Prepared prepared;
-// Separate from `Prepared`, whose initial values are not all zero. So the program's file does not
-// contain this stack, and the stack uses no memory until a signal handler runs.
+// This stack is separate from `Prepared`, whose initial values are not all zero. So the program's
+// file does not contain the stack, and the stack uses no memory until a signal handler runs.
 alignas(16) std::array<char, kStackBytes> stackOfHandlers{};
 
 // The thread that writes the report; 0 if there is no report yet.
@@ -126,9 +126,9 @@ class Report {
   bool mLogTakes = prepared.logSocket >= 0;
 };
 
-// Uses the loader's tables. unw_get_proc_name would map files and allocate, so a crash in the
-// allocator would hang. A return address may already be the first address of the next function, so
-// `looked` is the address to search for.
+// Adds the module and the function of `address`, from the loader's tables. unw_get_proc_name would
+// map files and allocate, so a crash in the allocator would hang. A return address may already be
+// the first address of the next function, so `looked` is the address to search for.
 void appendPlace(Line& line, std::uintptr_t address, std::uintptr_t looked) {
   Dl_info info{};
   if (dladdr(reinterpret_cast<const void*>(looked), &info) == 0) return;
@@ -214,7 +214,7 @@ void limitReport() {
 void onFatalSignal(int, siginfo_t* info, void* context) {
   pid_t none = 0;
   if (!reporter.compare_exchange_strong(none, gettid())) {
-    // The report itself has crashed: it is not tried again.
+    // The report itself has crashed, so there is no second report.
     if (none == gettid()) return dieBy(*info);
     // Another thread writes the report and will end the process.
     for (;;) pause();

@@ -10,9 +10,9 @@
 //     process: fatal signal 11 (SIGSEGV) at 0x0 in thread proxymanager_se (1234)
 //     process: #0 0x000055d0c0ffee12 proxymanagerd+0x1e12 (_ZN9PacParser5startEv+0x12)
 //
-// addr2line -e needs the number after the plus sign of a module. The names come from the loader;
-// c++filt makes them readable. The loader knows only the exported names of a program, so link the
-// program with ENABLE_EXPORTS.
+// The number after the plus sign of a module is the address for addr2line -e MODULE. The names come
+// from the loader; c++filt makes them readable. The loader knows only the exported names of a
+// program, so link the program with ENABLE_EXPORTS.
 //
 // Nothing that the handler calls allocates memory. The only lock that it needs is the loader's, and
 // a thread that already holds this lock may take it again. syslog() cannot be used, because it
@@ -24,7 +24,7 @@
 // stack overflow on another thread ends the process without a trace.
 #pragma once
 
-/// Installs the handler. Call it once, on the main thread, before others start.
+/// Installs the handler. Call it once, on the main thread, before other threads start.
 /// @return 0, or -1 if a handler cannot be installed; the log line is then "process: cannot install
 ///         the crash handler: REASON" (LOG_ERR)
 int initCrashHandler();

@@ -7,7 +7,8 @@
 namespace process {
 namespace {
 
-// glibc's initial value. If a program sets the value, glibc no longer raises it.
+// Blocks of this size or more are mapped separately. This is glibc's initial value. If a program
+// sets the value, glibc does not raise it later.
 constexpr int kMappedApartBytes = 128 * 1024;
 // The bus thread allocates most memory; the other threads share the second heap.
 constexpr int kMostHeaps = 2;
@@ -15,8 +16,8 @@ constexpr int kMostHeaps = 2;
 }  // namespace
 
 void forbidDumps() {
-  // Neither call can fail: a process may always lower a limit, and may always give up this
-  // attribute.
+  // Neither call can fail: a process may always lower a limit, and may always make itself
+  // undumpable.
   const rlimit none{0, 0};
   setrlimit(RLIMIT_CORE, &none);
   if (!PROXYMANAGER_SANITIZED) prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);

@@ -1,5 +1,5 @@
-// Trace values: how much a daemon logs. On a running device, an administrator changes a file and
-// sends SIGHUP.
+// Trace values: how much a daemon logs. To change them on a running device, an administrator
+// changes a file and sends SIGHUP.
 //
 // The file is /etc/NAME/trace.conf with lines of key=value. `baseseverity` sets syslog's mask; the
 // other four keys are for programs that read the record. The function that parses the text is

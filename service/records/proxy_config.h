@@ -35,9 +35,9 @@ struct ProxyUrlSetting {
 };
 
 /// The entries of one answer, in the script's order. Copies share the `url` pointers. Each cache
-/// hit copies the list. The type is a vector, because an answer has only a few entries of 16 bytes:
-/// for three entries, a copy needs one allocation and a third of the time, while a linked list
-/// needs three allocations.
+/// hit copies the list. The type is a vector, because an answer has only a few entries of 16 bytes.
+/// For three entries, a copy of a vector needs one allocation. A linked list would need three
+/// allocations, and three times as long.
 using ProxyUrlSettings = std::vector<ProxyUrlSetting>;
 
 /// A list of URLs. No code of the daemon fills such a list; the type completes the set of records.
@@ -56,7 +56,7 @@ static_assert(std::is_trivially_copyable_v<ProxyUrlInfo> &&
               std::is_standard_layout_v<ProxyUrlInfo>);
 static_assert(sizeof(ProxyConfig::enableauth) == 1, "enableauth is an 8-bit boolean");
 
-/// Makes a fresh record: mode off, no strings, no authentication. Frees nothing.
+/// Makes `config` a fresh record: mode off, no strings, no authentication. Frees nothing.
 void initProxyConfig(ProxyConfig* config);
 
 /// Overwrites and frees the record's strings and sets them to null; `mode` and `enableauth` stay.
@@ -68,7 +68,8 @@ void cleanupProxyConfig(ProxyConfig* config);
 /// crashes.
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
 
-/// Makes a fresh record with `count` empty slots. If `count` <= 0, there is no slot and no array.
+/// Makes `info` a fresh record with `count` empty slots. If `count` <= 0, there is no slot and no
+/// array.
 void initProxyUrlInfo(ProxyUrlInfo* info, std::int32_t kind, std::int32_t count);
 
 /// Frees everything that the record owns, and sets the record to zero. An array with `urlCount` <=

@@ -1,10 +1,10 @@
 // The command "urls": makes URLs for which the tests of a script are true, and URLs for which they
 // are false. The URLs are made from the hosts, networks and patterns in the script.
 //
-// Report: { urls: [[url, [[line, column], ...]], ...], cut, cutTests: [[line, column], ...] }. The
-// URLs have no duplicates, and are at most argument.most. The pairs are the places of the tests
-// from whose texts the URL was made. cut: more URLs could be made; cutTests: the tests of these
-// URLs.
+// Report: { urls: [[url, [[line, column], ...]], ...], cut, cutTests: [[line, column], ...] }.
+// There are at most argument.most URLs, without duplicates. The pairs are the places of the tests
+// from which the URL was made. cut: true if the limit left out URLs. cutTests: the tests whose URLs
+// were left out.
 'use strict';
 
 const alwaysAsked = [
@@ -43,7 +43,7 @@ class UrlMaker {
   constructor(script, most) {
     this.script = script;
     this.most = most;
-    this.urls = new Map(); // URL -> the tests from whose texts it was made
+    this.urls = new Map(); // URL -> the tests of the script from which it was made
     this.test = null;
     this.cut = false;
     this.cutTests = new Set();
@@ -100,7 +100,7 @@ class UrlMaker {
 
   visit(node) {
     if (node.type === 'CallExpression' && node.callee.type === 'Identifier' && this.call(node)) return;
-    // A returned text names proxies.
+    // A returned text names proxies, so no URL is made from it.
     if (node.type === 'ReturnStatement' && node.argument && node.argument.type === 'Literal') return;
     if (node.type === 'Literal' && typeof node.value === 'string') this.literal(node.value);
     const isBranch = node.type === 'IfStatement' || node.type === 'ConditionalExpression';

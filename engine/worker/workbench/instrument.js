@@ -80,7 +80,8 @@ class Instrumenter {
     return number;
   }
 
-  // A test: each operand of && || ?? !, and the whole test. @return the place's number
+  // Adds the hook around each operand of a test (&& || ?? !) and around the whole test. @return the
+  // place's number
   test(kind, node, context) {
     if (!isLogical(node)) return this.around(kind, node, context);
     const number = this.place(kind, node, context, true);
@@ -90,8 +91,8 @@ class Instrumenter {
     return number;
   }
 
-  // The operands of a logical expression. The tree of a chain of a thousand operands is a thousand
-  // levels deep.
+  // Adds the hook around each operand of a logical expression. For a chain of a thousand operands,
+  // this function calls itself a thousand levels deep.
   operands(node, context) {
     for (const side of [node.left, node.right]) {
       if (isLogical(side)) this.operands(side, context);
@@ -111,7 +112,8 @@ class Instrumenter {
     }
   }
 
-  // A statement in a list. Another statement may stand before it.
+  // A statement in a list. The call of the hook becomes a statement of its own before this
+  // statement.
   statement(node, context, isCounted = true) {
     if (isCounted && isReached(node)) {
       this.insert(node.start, `${this.name}(${this.place('s', node, context, false)});`);
@@ -192,7 +194,7 @@ class Instrumenter {
     }
   }
 
-  // The children of a node.
+  // Visits the children of a node.
   inside(node, context) {
     if (node.type === 'CallExpression') {
       this.visit(node.callee, context);
@@ -270,7 +272,7 @@ class Instrumenter {
     }
   }
 
-  // The value of a return.
+  // Adds the hook around the value of a return.
   returned(node, context) {
     const callees = calleesOf(node);
     const number = this.test('r', node, context);

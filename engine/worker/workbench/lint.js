@@ -7,8 +7,8 @@
 //
 // Report: { rules: [[name, severity, summary, reason]],
 //   findings: [[line, column, severity, name, message, reason, fix]] }, sorted by line. severity is
-// "error" (the script fails, or does something else than its text suggests), "warning" or "note" (a
-// matter of policy).
+//   "error" (the script fails, or does not do what its text suggests), "warning" or "note" (a
+//   matter of policy).
 'use strict';
 
 // name: [severity, summary, reason]

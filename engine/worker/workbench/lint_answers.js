@@ -1,7 +1,7 @@
 // The rules about the answers of a script.
 'use strict';
 
-// The keywords of entries that browsers know.
+// The keywords of entries that browsers support.
 const knownKeywords = new Set([
   'DIRECT', 'PROXY', 'HTTP', 'HTTPS', 'SOCKS', 'SOCKS4', 'SOCKS5', 'QUIC',
 ]);

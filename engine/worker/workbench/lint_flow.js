@@ -37,7 +37,7 @@ function findCompletion(node) {
   }
 }
 
-// Iterative, because a chain of `else if` may have thousands of links.
+// The function is not recursive, because a chain of `else if` may have thousands of links.
 function canCompleteIf(node) {
   let next = node;
   while (next?.type === 'IfStatement') {
@@ -76,7 +76,7 @@ function findJumps(root) {
     if (/(Statement|Clause|Case)$/.test(node?.type)) for (const jump of jumpsOutOf(node)) found.add(jump);
   };
   let rest = root;
-  for (; rest?.type === 'IfStatement'; rest = rest.alternate) addFrom(rest.consequent); // a chain may be long
+  for (; rest?.type === 'IfStatement'; rest = rest.alternate) addFrom(rest.consequent); // a loop: a chain may be long
   if (rest !== root) addFrom(rest);
   else for (const child of root[childrenKey]) addFrom(child);
   const isLoop = /^(For|While|DoWhile)/.test(root.type);

@@ -110,7 +110,7 @@ class MetPatterns {
     this.texts = new Map();
     this.suffixes = new Map();
     this.suffixLengths = new Set();
-    this.others = new Map(); // text before the first wildcard -> [[pattern, node]]
+    this.others = new Map(); // text before the first wildcard -> [[pattern, its longest text, node]]
     this.otherLengths = new Set();
   }
 

@@ -5,7 +5,8 @@
 // length.
 const longestName = 253;
 
-// The parts of a regular expression that have letters but match others: \p{Lu}, \u0041, (?<Name> ...
+// The parts of a regular expression that contain letters, but do not match these letters: \p{Lu},
+// \u0041, (?<Name> ...
 const escapesAndNames = /\\(?:[pPu]\{[^}]*\}|k<[^>]*>|x[0-9a-f]{2}|u[0-9a-f]{4}|c.|.)|\(\?<[^>]*>/gis;
 
 const hostRules = {
@@ -34,7 +35,7 @@ const hostRules = {
       if (subject !== 'host' || !(isPattern || how === 'dnsDomainIs' || how === 'endsWith')) continue;
       const domain = isPattern ? text.slice(1) : text;
       if (domain.length > longestName || !/^[a-z0-9_][a-z0-9_.-]*$/i.test(domain)) continue;
-      if (!/[a-z][a-z0-9.]*$/i.test(domain)) continue; // an address
+      if (!/[a-z][a-z0-9.]*$/i.test(domain)) continue; // the text is an address
       const called = `${isPattern ? '*.' : '.'}${domain}`;
       lint.report(node, `"${text}" also matches "bad${domain}"`,
         `write "${called}", and for the domain itself host == "${domain}"`);
@@ -90,7 +91,8 @@ const hostRules = {
         'no lookup', 'put tests of the text of host and url first');
     };
     for (const list of statementLists(lint.tree)) {
-      // From the last to the first, so that each lookup finds the first cheap test after it.
+      // The loop goes from the last step to the first, so that each lookup finds the first cheap
+      // test after it.
       let cheap = null;
       for (const { test, body, node } of stepsOf(list).reverse()) {
         const isCheap = test && endsFunction(body) && lint.lookups.isCheapTest(test);
@@ -132,8 +134,9 @@ const monthDays = {
   DEC: 31,
 };
 
-// The helper starts from 31 December, and sets its parts one after the other to the second half of
-// the arguments of dateRange.
+// Finds a month that is shorter than the day that dateRange sets before it. dateRange starts from 31
+// December and sets one part after the other to `parts`, the second half of its arguments.
+// @return { month, day }, or null
 function monthOverflow(parts) {
   let day = 31;
   for (const part of parts) {
@@ -148,8 +151,9 @@ function isDay(part) {
   return typeof part === 'number' && part < 32;
 }
 
-// Calls for the same range of dates that end on the last day of `month`. The last day of February
-// is not the same in each year: if a year has no 29 February, the helper uses 1 March.
+// The text of dateRange calls for the same range of dates, which end on the last day of `month`.
+// The last day of February is not the same in each year: if a year has no 29 February, dateRange
+// uses 1 March.
 function rangeInMonth(first, last, month, zone) {
   const call = (...parts) => `dateRange(${[...parts, ...zone].map((part) => JSON.stringify(part)).join(', ')})`;
   const day = first.find(isDay);
@@ -163,7 +167,7 @@ function rangeInMonth(first, last, month, zone) {
   return day > 1 ? `${call('FEB')} && ${call(day, 31)}` : call('FEB');
 }
 
-// Whether the helper can make a regular expression of the text.
+// Whether shExpMatch can make a regular expression of the text.
 function isValidShell(text) {
   const source = text.replace(/\./g, '\\.').replace(/\*/g, '.*').replace(/\?/g, '.');
   try {

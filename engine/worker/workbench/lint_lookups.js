@@ -1,4 +1,4 @@
-// Which calls look up a name, and the cost of an evaluation.
+// Finds the calls that look up a name, and computes the cost of an evaluation.
 'use strict';
 
 const lookupHelpers = ['dnsResolve', 'isResolvable', 'dnsResolveEx', 'isResolvableEx', 'isInNet'];
@@ -7,13 +7,14 @@ const quad = /^\d{1,3}(\.\d{1,3}){3}$/;
 // Whether a pattern is made of digits, dots, groups and counts, from "^" to "$".
 function isAddressPattern(pattern) {
   if (!/^\^(?:\\[d.]|\.(?![*+{])|\[(?:[\d.-]|\\[d.])+\]|\(\?:|\{[\d,]*\}|[\d()|?*+])+\$$/.test(pattern)) return false;
-  // An alternative ("|") outside a group has no "^" or no "$".
+  // If there is a "|" outside of a group, one of its alternatives has no "^" or no "$".
   let outside = pattern;
   for (let inner = ''; inner !== outside; outside = outside.replace(/\([^()]*\)/g, '')) inner = outside;
   return !outside.includes('|');
 }
 
-// Whether `call == true`, `text.search(x) >= 0`, `text.match(x) != null` or similar.
+// Whether the comparison tests for a match, like `call == true`, `text.search(x) >= 0` or
+// `text.match(x) != null`.
 function isComparisonWithHit({ operator, right }) {
   if (/^[=]==?$/.test(operator)) return right.type === 'Literal' && (right.value === true || right.value === 0);
   if (/^!==?$/.test(operator)) {
@@ -226,7 +227,7 @@ class WorstCase {
     return this.functions.get(fn);
   }
 
-  // The longest path that leaves the list at one of its steps.
+  // The cost of the longest path through the list, or out of the list at one of its steps.
   ofList(list) {
     let through = new Cost();
     let longest = through;

@@ -202,7 +202,7 @@ class LintTree {
   textsOf(node, depth = 0) {
     if (this.texts.has(node)) return this.texts.get(node);
     if (depth > 24) return [{ text: unknownText, node }];
-    this.texts.set(node, [{ text: unknownText, node }]); // for an expression that uses itself
+    this.texts.set(node, [{ text: unknownText, node }]); // an expression may use itself
     const texts = uniqueTexts(this.findTexts(node, depth + 1));
     this.texts.set(node, texts);
     return texts;
@@ -254,8 +254,8 @@ class LintTree {
     return [...initial.filter(({ text }) => text), ...all(later)];
   }
 
-  // Whether a test looks at the variable. If so, the script usually returns the variable only if it
-  // has a text.
+  // Whether the script tests the variable. If so, the script usually returns the variable only if
+  // it has a text.
   isTested(name) {
     if (!this.tested) {
       this.tested = new Set();
@@ -370,7 +370,7 @@ function namesOf(pattern) {
   }
 }
 
-// A loop, because one call cannot take thousands of spread arguments.
+// Uses a loop, because one call cannot take thousands of spread arguments.
 function pushAll(list, items) {
   for (const item of items) list.push(item);
 }

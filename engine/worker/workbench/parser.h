@@ -31,8 +31,8 @@ class Parser {
   Parser(const Parser&) = delete;
   Parser& operator=(const Parser&) = delete;
 
-  /// Waits for the library's Start message, makes an engine with our own scripts, and gives them
-  /// the text of `script`.
+  /// Waits for the library's Start message, makes an engine with our own scripts, and passes the
+  /// text of `script` to them.
   void load(std::string_view script);
 
   /// Sends the Ready message, and then runs commands.
