@@ -55,8 +55,8 @@ std::string_view takeToken(std::string_view& text) {
   return token;
 }
 
-/// Removes a token or a quoted string from the start of `text`. @return whether the value was
-/// complete
+/// Moves a token or the content of a quoted string from the start of `text` to `value`. @return
+/// false if the token is empty, or if the string has no end or is too long
 bool takeValue(std::string_view& text, std::string& value) {
   if (!text.starts_with('"')) {
     value = std::string(takeToken(text));

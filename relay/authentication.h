@@ -13,7 +13,7 @@
 
 namespace relay {
 
-/// Longest parameter of a challenge, in bytes.
+/// Longest quoted text in a challenge, in bytes. The relay ignores a challenge with a longer text.
 inline constexpr std::size_t kMaxChallengeText = 1024;
 
 /// The strongest challenge of a known scheme that a proxy has sent.
@@ -24,11 +24,12 @@ struct Challenge {
   std::string nonce;
   std::string opaque;
   bool hasQop = false;     ///< the proxy offers qop "auth"
-  bool isSession = false;  ///< "-sess"
+  bool isSession = false;  ///< the name of the algorithm ends with "-sess"
   bool isStale = false;    ///< the nonce was too old; the password may be right
 };
 
-/// Reads the values of the Proxy-Authenticate fields of one response.
+/// Chooses from the values of the Proxy-Authenticate fields of one response. @return the strongest
+/// challenge; its scheme is kNone if the relay supports none of them
 Challenge readChallenges(const std::vector<std::string_view>& values);
 
 /// @return the value of the field Proxy-Authorization

@@ -183,7 +183,8 @@ std::string setKey(Configuration& configuration, std::string_view key, const tom
   return setter->second(configuration, value);
 }
 
-/// A key in quotes may contain any text, so only plain keys are shown.
+/// The name of a key for a message. A key in quotes may contain any text, so a message only shows a
+/// plain key.
 std::string shownKey(std::string_view key) {
   return isWord(key) && key.size() <= 64 ? std::string(key) : std::string("this key");
 }
@@ -264,7 +265,7 @@ ReadCredentials readCredentials(std::string_view text) {
   }
   const toml::parse_result parsed = toml::parse(text);
   if (!parsed) {
-    // The description from the library could quote a line of the file, and the file contains
+    // The description from the TOML library could quote a line of the file, and the file contains
     // passwords.
     read.problems.push_back({parsed.error().source().begin.line, "is not TOML"});
     return read;

@@ -18,14 +18,14 @@
 namespace relay {
 
 /// Longest relay.conf or credentials file that the relay reads, in bytes. The commented example has
-/// 5 KiB.
+/// under 3 KiB.
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
 /// Maximum number of values of one list. The relay compares each connection with each value.
 inline constexpr std::size_t kMaxListValues = 256;
 /// Highest value that the connection limits accept. Each connection needs two descriptors, and few
-/// processes may open more than twice this number of descriptors.
+/// systems allow a process to open more than twice this number.
 inline constexpr unsigned kMostConnections = 65536;
-/// Shortest and longest time that a key for a time accepts.
+/// Shortest and longest value of a key for a time, such as `head-time`.
 inline constexpr std::chrono::seconds kShortestTime{1};
 inline constexpr std::chrono::seconds kLongestTime{std::chrono::hours{24}};
 
@@ -64,9 +64,9 @@ struct Configuration {
   std::vector<std::string> credentialsFor;
   /// `credentials-file = "/path"`: a file with a user and a password for each proxy. Empty: none.
   std::string credentialsFile;
-  /// `credentials-hosts = ["proxy.example.org"]`: proxies that get their credentials of that file
-  /// even if a script names them. A name without a port stands for each port. The manual proxy
-  /// always gets its credentials.
+  /// `credentials-hosts = ["proxy.example.org"]`: proxies that get their credentials from the
+  /// credentials file even if a script names these proxies. A name without a port stands for each
+  /// port. The manual proxy always gets its credentials.
   std::vector<std::string> credentialsHosts;
   /// `max-connections = 4096`: maximum for all clients together.
   unsigned maxConnections = 4096;
@@ -77,13 +77,14 @@ struct Configuration {
   /// time starts with the connection. For each later request, it starts with the first byte of the
   /// request.
   std::chrono::seconds headTime{60};
-  /// `connect-time = "10s"`: time limit for one entry of an answer, until its tunnel or connection
-  /// is ready.
+  /// `connect-time = "10s"`: time limit of the attempt with one entry of an answer, until the
+  /// tunnel or connection is ready.
   std::chrono::seconds connectTime{10};
   /// `idle-time = "1h"`: longest time without a byte in either direction, in a tunnel or a
   /// transfer.
   std::chrono::seconds idleTime{std::chrono::hours{1}};
-  /// `kept-time = "60s"`: how long a kept connection may wait for its next request.
+  /// `kept-time = "60s"`: how long a connection that stays open after a request may wait for the
+  /// next request.
   std::chrono::seconds keptTime{60};
   /// `penalty-time = "5m"`: how long the relay tries a proxy last after the proxy has failed.
   std::chrono::seconds penaltyTime{std::chrono::minutes{5}};
@@ -119,7 +120,7 @@ struct ReadCredentials {
   std::vector<Problem> problems;
 };
 
-/// Reads the text of relay.conf. Throws nothing but std::bad_alloc.
+/// Reads the text of relay.conf. Throws only std::bad_alloc.
 ReadConfiguration readConfiguration(std::string_view text);
 
 /// Reads the text of a credentials file. The file has a table `["host:port"]` for each proxy, with

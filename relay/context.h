@@ -41,7 +41,7 @@ struct Context {
   asio::io_context& loop;
   const Configured& configured;
   const std::vector<Protocol::endpoint> listens;
-  const std::string name;  ///< for Via; a new random name at each start
+  const std::string name;  ///< the relay's name in the field Via; a new random name at each start
   Sweeper sweeper;
   Names names;
   Questions questions;
@@ -54,7 +54,7 @@ struct Context {
   UserList withCredentials;
   Decisions decisions;
   Counters counters;
-  std::map<std::string, KnownChallenge> challenges;  ///< by the entry's name
+  std::map<std::string, KnownChallenge> challenges;  ///< by the name of the proxy's entry
   bool isNoAnswerLogged = false;
 };
 

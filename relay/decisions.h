@@ -14,8 +14,8 @@ namespace relay {
 
 /// Number of decisions that the relay keeps for one user. A page shows all of them.
 inline constexpr std::size_t kDecisionsOfUser = 50;
-/// Maximum number of users with decisions. Above this number, the relay drops the user whose last
-/// decision is the oldest.
+/// Maximum number of users with decisions. Above this number, the relay drops the decisions of the
+/// user whose last decision is the oldest.
 inline constexpr std::size_t kUsersWithDecisions = 64;
 
 struct Decision {
@@ -31,7 +31,8 @@ class Decisions {
   /// Stores a decision, unless its user is unknown.
   void add(Decision decision);
 
-  /// The last decisions for `user`, the newest first. For root, the decisions for all users.
+  /// The last decisions for `user`, the newest first. If `user` is root, the last decisions for all
+  /// users.
   std::vector<Decision> of(uid_t user) const;
 
  private:

@@ -12,7 +12,7 @@ namespace relay {
 
 namespace {
 
-/// Longer than any request: for a wait that ends only because of another event.
+/// A time longer than any request, for a wait that only another event ends.
 constexpr Clock::duration kForever = std::chrono::hours{24 * 365};
 
 /// Whether a request may be repeated if its connection ended without an answer (RFC 9110, 9.2.2).
@@ -25,7 +25,7 @@ bool isRepeatable(std::string_view method) {
   return false;
 }
 
-/// The target that an HTTP proxy gets.
+/// The target of the request as an HTTP proxy gets it.
 std::string targetFor(const RequestHead& request, const Route& route) {
   const auto target = readHttpTarget(request.target);
   std::string text = "http://" + route.destination().hostField(80);
@@ -72,7 +72,7 @@ Task<Session::Next> Session::forward(const RequestHead& request) {
   co_return co_await respond(failure.status, failure.text);
 }
 
-/// Whether the client has received nothing in this exchange.
+/// Whether `exchange` means that the client got nothing from the upstream.
 bool Session::isWithoutAnswer(Exchange exchange) {
   return exchange == Exchange::kNoAnswer || exchange == Exchange::kRefusedAnswer ||
          exchange == Exchange::kAuthentication || exchange == Exchange::kAgain;
@@ -159,7 +159,7 @@ Task<Session::Exchange> Session::exchangeOnce(const RequestHead& request, const 
   co_return result.index() == 0 ? std::get<0>(result) : Exchange::kClose;
 }
 
-/// If the proxy may require a password first, waits until it accepts the body.
+/// If the proxy may first require a password, waits until the proxy accepts the body.
 /// @return false if the body must not be sent: the answer has begun, or this wait was cancelled
 Task<bool> Session::mayBodyLeave() {
   if (!mContinue || co_await mContinue->wait(kAnswerBeforeBody)) co_return true;
@@ -190,18 +190,19 @@ Task<void> Session::sendBody(const RequestHead& request) {
     // Without mServer, the answer is complete already: the server sent it before the body began.
     if (!mServer) co_return;
     mIsBodyStarted = true;
-    // If the server refuses the rest of the body, it may still answer.
+    // If this write fails, the server can still answer: see below.
     isSent = co_await mServer->stream.write(out);
   }
   mIsBodySent = isSent && body.isComplete();
   std::string().swap(out);
-  // If the connection accepts no more bytes, it has ended: answer() reads what came before the end.
+  // If the write has failed, the connection has ended. answer() then reads what the server sent
+  // before the end, and its result cancels this wait.
   Event never(mContext.loop);
   co_await never.wait(kForever);
 }
 
-/// What the relay does if it has no head of an answer to forward. A proxy may pass on what a server
-/// sends. So a failure counts as the proxy's own only if its answer is not HTTP.
+/// The result if there is no response head that the relay can forward. A proxy may pass on what a
+/// server sends. So the failure counts as a failure of the proxy only if the answer is not HTTP.
 Session::Exchange Session::withoutAnswer() const {
   return mIsAnswerHttp ? Exchange::kRefusedAnswer : Exchange::kNoAnswer;
 }
@@ -251,7 +252,8 @@ std::string Session::authorization(const RequestHead& request, const Route& rout
 }
 
 /// Whether mServer could answer this request's head with a 407, and the relay has a password for
-/// it. This is possible even if a Digest challenge is known, because its nonce may be too old.
+/// mServer. A 407 is possible even if a Digest challenge is known, because its nonce may be too
+/// old.
 bool Session::mayWantPassword(const RequestHead& request, const Route& route) {
   const bool hasBody = request.body.kind != BodyKind::kNone;
   if (!hasBody || !mServer->isAbsoluteForm || mIsExpectRefused) return false;
@@ -274,22 +276,26 @@ bool Session::canAuthenticate(const ResponseHead& response, const Route& route) 
   known.challenge = readChallenges(values);
   if (known.challenge.scheme == Challenge::Scheme::kNone) return false;
   known.clientNonce = newClientNonce();
-  // A proxy refuses a count if it has seen a higher count of the same nonce. Requests that share a
-  // nonce may overtake each other, so only the next attempt uses this new nonce.
+  // A proxy refuses a nonce count if it has already seen a higher count for the same nonce. This
+  // can happen when several requests use one nonce, because they may overtake each other. So at
+  // first, only the next attempt of this request uses the new nonce. shareChallenge() gives it to
+  // other requests later.
   mFresh = std::move(known);
   return true;
 }
 
-/// Handles a 407.
+/// Handles a 407 of mServer. @return kAgain if the next attempt can send a password
 Session::Exchange Session::challenged(const ResponseHead& response, const Route& route) {
   if (!canAuthenticate(response, route)) return Exchange::kAuthentication;
   if (!mIsBodyStarted) return Exchange::kAgain;
-  // This request can no longer use the challenge, but the next request can.
+  // A part of the body was sent, so this request cannot be repeated. The next request can use the
+  // challenge.
   shareChallenge();
   return Exchange::kAuthentication;
 }
 
-/// Stores what the proxy wants from further requests: a password with this nonce, or no password.
+/// Stores for all later requests what the proxy of mServer requires: a password with the nonce of
+/// mFresh, or no password.
 void Session::shareChallenge() {
   if (!mFresh && !mContinue) return;
   if (mContext.challenges.size() >= kMaxChallenges) mContext.challenges.clear();
@@ -354,14 +360,14 @@ Task<Session::Exchange> Session::relayResponse(const RequestHead& request, const
                             response.body.kind != BodyKind::kUntilClose && response.isHttp11 &&
                             keepsConnection(response.fields, true);
   if (!isServerKept) mServer.reset();
-  // The client must see that the body is incomplete, so its connection ends here. If the end of the
-  // connection would mark the end of the body, the connection ends with a reset.
+  // The client must see that the body is incomplete, so its connection ends here. If a normal end
+  // of the connection would mark the end of the body, the connection ends with a reset.
   if (!isWhole && !isDelimited) mClient.abandon();
   if (!isWhole) mClient.close();
   co_return isWhole&& form.isKept ? Exchange::kKeep : Exchange::kClose;
 }
 
-/// @return whether the whole body reached the client
+/// Forwards the body of the answer to the client. @return whether the client got the whole body
 Task<bool> Session::relayBody(const ResponseHead& response, bool isHttp11) {
   BodyReader body(response.body, isHttp11);
   std::string out;

@@ -19,7 +19,7 @@ inline constexpr std::size_t kMaxChunkLine = 4096;
 /// Longest trailers of a body, in bytes.
 inline constexpr std::size_t kMaxTrailerBytes = 16U << 10U;
 
-/// Follows one body. Any thread may use it, but only one at a time.
+/// Follows the bytes of one body. Any thread may use an object, but only one thread at a time.
 class BodyReader {
  public:
   /// @param keepsChunks whether a chunked body stays chunked; if false, it is written without
@@ -31,7 +31,7 @@ class BodyReader {
   /// @return the number of bytes read; see also problem()
   std::size_t take(std::string_view bytes, std::string& out);
 
-  /// Reports the end of the stream, which completes a body of kUntilClose.
+  /// Tells this reader that the stream has ended. This completes a body of kUntilClose.
   void streamEnded();
 
   bool isComplete() const { return mState == State::kEnd; }
@@ -55,7 +55,7 @@ class BodyReader {
   bool mHasLine = false;    ///< mLine is a whole line, without its CR LF
   std::uint64_t mRest = 0;  ///< remaining bytes of this chunk, or of the body
   std::string mLine;        ///< the received part of a line
-  std::string mTrailers;    ///< lines with their ends
+  std::string mTrailers;    ///< the lines of the trailers, each with its CR LF
   const char* mProblem = "";
 };
 

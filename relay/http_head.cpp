@@ -20,20 +20,21 @@ constexpr bool isTokenByte(char c) {
          (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos);
 }
 
-/// The bytes that a value may have: no control character except the tab.
+/// Whether `text` may be the value of a field: it has no control character except the tab.
 bool isValue(std::string_view text) {
   return std::none_of(text.begin(), text.end(),
                       [](char c) { return base::isControl(c) && c != '\t'; });
 }
 
-/// The bytes that a request's target may have: no blank, no control character.
+/// Whether `text` may be the target of a request: it is not empty and has no blank and no control
+/// character.
 bool isTarget(std::string_view text) {
   return !text.empty() && std::none_of(text.begin(), text.end(),
                                        [](char c) { return base::isControl(c) || c == ' '; });
 }
 
-/// Removes the next line from `text`. @return the line without its end; a single CR or LF may be
-/// inside, and isValue() finds it
+/// Removes the next line from `text`. @return the line without its end; it may contain a single CR
+/// or LF, which isValue() detects
 std::string_view takeLine(std::string_view& text) {
   const auto end = text.find(kLineEnd);
   const auto line = text.substr(0, end);
@@ -91,8 +92,8 @@ HeadProblem readRequestBody(RequestHead& request) {
   return kGood;
 }
 
-/// The field Connection names fields that the relay must not forward. It must not name a field that
-/// is needed to read the message.
+/// Refuses a field Connection that is not valid or names one of kNeeded. The relay does not forward
+/// the fields that Connection names, but a server needs the fields of kNeeded.
 HeadProblem checkConnection(const Fields& fields) {
   static constexpr std::array<std::string_view, 5> kNeeded = {
       "Host", "Content-Length", "Transfer-Encoding", "Via", "Authorization"};
@@ -108,7 +109,8 @@ HeadProblem checkConnection(const Fields& fields) {
   return kGood;
 }
 
-/// Some servers send the same length twice. Two different lengths are an attack or an error.
+/// Reads Content-Length. Some servers send the same length twice, which is accepted. Two different
+/// lengths are an attack or an error.
 HeadProblem readResponseLength(const Fields& fields, Body& body) {
   bool isFirst = true;
   for (const auto& field : fields.list) {

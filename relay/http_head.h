@@ -1,6 +1,6 @@
 // A strict reader of the head of an HTTP/1 message.
 //
-// Request smuggling needs a head that two readers understand in two ways. This reader refuses such
+// Request smuggling needs a head that two readers understand differently. This reader refuses such
 // a head. In an accepted head, each line ends with CR LF, there is no control character, no line is
 // folded, and the length of the body has only one meaning. The relay can write every head that the
 // reader accepts.
@@ -65,8 +65,8 @@ struct ResponseHead {
   bool isHttp11 = false;
   Fields fields;
   Body body;
-  /// The head had two lengths, and the body is read as chunked, as in browsers. The connection must
-  /// end after this body.
+  /// The head has Transfer-Encoding and also Content-Length. Like browsers, the relay reads the
+  /// body as chunked. The connection to the server must end after this body.
   bool isDoubtful = false;
 };
 

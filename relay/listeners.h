@@ -16,10 +16,10 @@ inline constexpr const char* kUsualAddresses[] = {"127.0.0.1:3128", "[::1]:3128"
 inline constexpr int kBacklog = 1024;
 
 /// Opens the listening sockets at `addresses` ("ADDRESS:PORT", "[ADDRESS]:PORT", "unix:PATH"). If
-/// there are none, uses the sockets that systemd passes. If there are none either, uses
-/// kUsualAddresses; one of these may fail, because a machine may have no IPv6. An old socket at the
-/// path of a Unix socket is replaced; any other file at this path is an error. Call this function
-/// at the start, while the process has one thread.
+/// `addresses` is empty, the function uses the sockets that systemd passes. If systemd passes no
+/// socket, it uses kUsualAddresses; one of these may fail, because a machine may have no IPv6. If
+/// the path of a Unix socket has an old socket, the function replaces it; any other file at this
+/// path is an error. Call this function at the start, while the process has one thread.
 /// @return listening sockets, close-on-exec and non-blocking
 /// Throws std::system_error if a socket cannot be opened, std::invalid_argument for a bad address.
 std::vector<base::UniqueFd> listen(const std::vector<std::string>& addresses);

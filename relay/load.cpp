@@ -12,7 +12,8 @@ std::string problemText(const base::FileFailure& failure) {
   return failure.error != 0 ? std::strerror(failure.error) : "cannot be read";
 }
 
-/// The file contains passwords, so it must belong to root or to the relay's user.
+/// Reads the credentials file. The file contains passwords, so it must belong to root or to the
+/// relay's user.
 std::vector<Problem> loadCredentials(Configured& configured) {
   const auto& path = configured.configuration.credentialsFile;
   base::FileDemands demands;

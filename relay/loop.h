@@ -30,7 +30,7 @@ using Socket = Protocol::socket;
 template <typename Value>
 using Task = asio::awaitable<Value>;
 
-/// A one-time event: coroutines wait for it, and other code on the loop triggers it.
+/// A one-time event: one coroutine waits for it, and other code on the loop triggers it.
 class Event {
  public:
   explicit Event(asio::io_context& loop) : mTimer(loop) {}
@@ -44,7 +44,7 @@ class Event {
     co_await mTimer.async_wait(asio::redirect_error(asio::use_awaitable, error));
     co_return mHappened;
   }
-  /// Triggers the event. Waiting coroutines continue.
+  /// Triggers the event. The waiting coroutine continues.
   void happen() {
     mHappened = true;
     mTimer.cancel();

@@ -95,7 +95,7 @@ void holdEndSignals() {
   sigprocmask(SIG_BLOCK, &signals, nullptr);
 }
 
-/// Reports the problems. @return whether there were none
+/// Logs the problems of the configuration file `path`. @return whether there are none
 bool report(const std::string& path, const std::vector<relay::Problem>& problems) {
   for (const auto& problem : problems) {
     const std::string line = problem.line != 0 ? ":" + std::to_string(problem.line) : "";

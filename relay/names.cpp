@@ -99,7 +99,7 @@ Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::durat
     co_return addresses;
   }
   auto& waiting = mOfUsers[user].waiting;
-  // A lookup for which no request waits any more is not started.
+  // If no request waits for a lookup any more, the lookup leaves the queue and is not started.
   std::erase_if(waiting, [](const auto& one) { return one->isStarted || one->waiting.empty(); });
   const auto found = mLookups.find(host);
   const auto lookup = found != mLookups.end() ? found->second : std::make_shared<Lookup>();
@@ -110,7 +110,8 @@ Task<Addresses> Names::lookUp(std::string host, std::uint16_t port, Clock::durat
       addresses.wasAsked = false;
       co_return addresses;
     }
-    // Another user may have asked for the same lookup. It runs at the first turn of either user.
+    // The lookup may also be in the queue of another user. It starts at the first turn of either
+    // user.
     waiting.push_back(lookup);
   }
   if (found == mLookups.end()) {
@@ -140,8 +141,8 @@ Task<Addresses> Names::wait(const LookupPtr& lookup, std::uint16_t port, Clock::
   co_return addresses;
 }
 
-/// Removes the lookup whose turn it is from its queue. @return this lookup; nothing if no lookup
-/// may start
+/// Removes the first lookup from the queue of the user whose turn it is. @return this lookup; null
+/// if no lookup may start
 Names::LookupPtr Names::next() {
   auto user = mOfUsers.upper_bound(mLastUser);
   for (std::size_t left = mOfUsers.size(); left != 0; left--) {

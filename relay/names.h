@@ -29,8 +29,8 @@ inline constexpr std::size_t kMaxAddresses = 16;
 struct Addresses {
   std::vector<Protocol::endpoint>
       list;              ///< in the order in which they are tried (RFC 8305), at most kMaxAddresses
-  std::string problem;   ///< if the list is empty
-  bool wasAsked = true;  ///< false: the lookup did not run, so the name is not the cause
+  std::string problem;   ///< why the list is empty
+  bool wasAsked = true;  ///< false: the lookup did not run, so `problem` is not about the name
 };
 
 class Names {
@@ -50,9 +50,10 @@ class Names {
     Addresses addresses;  ///< with port 0
     std::vector<Event*> waiting;
   };
-  /// The lookups of one user.
+  /// The lookups of one user. A waiting lookup may already have been started from the queue of
+  /// another user.
   struct OfUser {
-    std::deque<std::shared_ptr<Lookup>> waiting;  ///< the oldest first; some may have been started
+    std::deque<std::shared_ptr<Lookup>> waiting;  ///< the oldest first
     std::size_t running = 0;
   };
   using LookupPtr = std::shared_ptr<Lookup>;
@@ -73,7 +74,7 @@ class Names {
 /// Reads an address in `text`. @return whether `text` is an address
 bool readAddress(const std::string& text, std::uint16_t port, Protocol::endpoint& endpoint);
 
-/// "192.0.2.1" or "2001:db8::1".
+/// The address as a text, without its port: "192.0.2.1" or "2001:db8::1".
 std::string addressText(const Protocol::endpoint& endpoint);
 
 }  // namespace relay

@@ -15,21 +15,21 @@ namespace relay {
 struct PenaltyReport {
   std::string entry;
   std::string reason;
-  std::chrono::seconds rest{0};  ///< until the penalty ends
+  std::chrono::seconds rest{0};  ///< remaining time of the penalty
 };
 
-/// What the pages show to one user.
+/// The data that the relay's pages show to one user.
 struct Report {
   std::string mode;     ///< the daemon's mode; empty if the daemon does not answer
   std::string source;   ///< the source of the answers; empty if not known
   std::string problem;  ///< why the daemon does not answer; else empty
-  std::optional<std::chrono::seconds> scriptAge;  ///< of the script in use
+  std::optional<std::chrono::seconds> scriptAge;  ///< the age of the script in use
   std::vector<PenaltyReport> penalties;
   Counters counters;
   std::size_t asked = 0;    ///< questions that were sent to the daemon and are not answered
   std::size_t waiting = 0;  ///< questions that wait in the queue
   bool isUserKnown = false;
-  std::vector<Decision> decisions;  ///< for this user; for root, of all users
+  std::vector<Decision> decisions;  ///< of the user; for root, the decisions of all users
   std::string askedUrl;             ///< the URL that the user asks the page about; empty if none
   std::vector<std::string> way;     ///< the entries for askedUrl, in order, or why there are none
 };

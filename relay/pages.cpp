@@ -63,7 +63,7 @@ void addScript(const std::optional<base::DaemonStatus>& reported, Report& report
     if (reported->script != 0) report.scriptAge = ageOf(reported->script);
     return;
   }
-  // Without systemd, the relay uses the time of the daemon's script file.
+  // Without such a report, the age of the script is the age of the daemon's script file.
   struct stat status {};
   if (lstat(base::kPacFile, &status) == 0 && S_ISREG(status.st_mode)) {
     report.scriptAge = ageOf(status.st_mtime);

@@ -63,7 +63,8 @@ bool isOwnOrLinkLocal(const sockaddr* address) {
   unsigned char bytes[16];
   if (!addressBytes(address, bytes) || isLoopback(address)) return true;
   if (inNetwork("64:ff9b::/96", bytes)) {
-    // A translator (NAT64) connects to the IPv4 address in the last 32 bits (RFC 6052).
+    // For an address of this network, a translator (NAT64) connects to the IPv4 address in its last
+    // 32 bits (RFC 6052).
     std::memset(bytes, 0, 10);
     bytes[10] = bytes[11] = 0xFF;
     if (inNetwork("127.0.0.0/8", bytes) || inNetwork("0.0.0.0/8", bytes)) return true;

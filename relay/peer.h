@@ -38,8 +38,9 @@ class Peers {
   base::UniqueFd mDiagnosis;
 };
 
-/// Users and groups of the configuration. The constructor looks up the names. A user is a member of
-/// a group if the group database lists the user or the group is the user's primary group.
+/// The users and groups of one list in the configuration, such as `allow-users`. The constructor
+/// looks up their names. A user is a member of a group if the group database lists the user or the
+/// group is the user's primary group.
 class UserList {
  public:
   explicit UserList(const std::vector<std::string>& names);
@@ -53,17 +54,18 @@ class UserList {
   std::map<uid_t, bool> mKnown;  ///< users whose primary group was looked up
 };
 
-/// Those of `names` ("user", "@group") that are not the name of a user or group.
+/// The elements of `names` ("user", "@group") for which there is no user or group.
 std::vector<std::string> unknownUsers(const std::vector<std::string>& names);
 
 /// The 16 bytes of an address as in Network. @return false if the family is not an IP family
 bool addressBytes(const sockaddr* address, unsigned char* bytes);
 
-/// Whether the address is in 127.0.0.0/8 or is ::1. The unspecified address also counts, because
-/// the kernel treats it as loopback.
+/// Whether the address is in 127.0.0.0/8 or is ::1. 0.0.0.0/8 and :: also count, because the kernel
+/// connects 0.0.0.0 and :: to loopback.
 bool isLoopback(const sockaddr* address);
 
-/// Whether the address is a loopback, link-local or interface address of this machine.
+/// Whether the address is a loopback, link-local or interface address of this machine. Also true if
+/// this cannot be checked.
 bool isOwnOrLinkLocal(const sockaddr* address);
 
 }  // namespace relay

@@ -6,7 +6,7 @@ namespace relay {
 
 namespace {
 
-/// If the map has more than `most` elements, drops the element that ends first.
+/// If `map` has more than `most` penalties or doubts, drops the one that ends first.
 template <typename Map>
 void dropFirst(Map& map, std::size_t most) {
   if (map.size() <= most) return;

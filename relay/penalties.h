@@ -14,7 +14,8 @@ namespace relay {
 /// Maximum number of proxies with a penalty. Above this number, the relay drops the penalty that
 /// ends first.
 inline constexpr std::size_t kMaxPenalties = 256;
-/// Maximum number of doubts. Above this number, the relay drops the doubt that ends first.
+/// Maximum number of doubts (see Penalties::doubt()). Above this number, the relay drops the doubt
+/// that ends first.
 inline constexpr std::size_t kMaxDoubts = 256;
 
 class Penalties {
@@ -50,7 +51,7 @@ class Penalties {
  private:
   struct Doubt {
     Clock::time_point end;
-    bool isLast = true;  ///< the proxy has answered nothing since then
+    bool isLast = true;  ///< the proxy has answered nothing since this doubt
   };
 
   void forget(Clock::time_point now);

@@ -68,8 +68,9 @@ bool isWithoutAnswer(CURLcode code, long reply) {
   }
 }
 
-/// If TLS does not accept a write at once, the relay repeats it from a copy of its bytes, at
-/// another address.
+/// If TLS does not accept a write at once, the relay repeats the write from a copy of the bytes.
+/// The copy has another address in memory, and OpenSSL allows this only in the mode that is set
+/// here.
 CURLcode onTlsContext(CURL*, void* context, void*) {
   SSL_CTX_set_mode(static_cast<SSL_CTX*>(context), SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   return CURLE_OK;
@@ -97,7 +98,7 @@ struct ProxyConnector::Transfer {
   Event done;
   CURLcode code = CURLE_OPERATION_TIMEDOUT;
   base::UniqueFd connected;  ///< the connection to the proxy, until libcurl asks for a socket
-  bool isConnected = false;  ///< libcurl got this connection in the end
+  bool isConnected = false;  ///< libcurl got this connection at its last request for a socket
   bool isTaken = false;      ///< libcurl no longer owns the socket
   const bool isTls;
   char error[CURL_ERROR_SIZE] = "";
@@ -111,8 +112,8 @@ struct ProxyConnector::Watch {
   Watch(asio::io_context& loop, curl_socket_t fd) : descriptor(loop, fd) {}
   asio::posix::stream_descriptor descriptor;
   int wanted = 0;
-  bool reads = false;   ///< a wait is in progress
-  bool writes = false;  ///< a wait is in progress
+  bool reads = false;   ///< a wait for bytes to read is in progress
+  bool writes = false;  ///< a wait for space to write is in progress
 };
 
 ProxyConnector::ProxyConnector(asio::io_context& loop, std::string via)
@@ -134,13 +135,13 @@ void ProxyConnector::setUp(Transfer& transfer, const Entry& entry, Stream connec
                            Clock::duration limit) {
   CURL* const handle = transfer.handle.get();
   const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(limit).count();
-  // 0 would mean libcurl's own limit of five minutes.
+  // At least 1 ms: for libcurl, 0 means its own limit of five minutes.
   const auto milliseconds = static_cast<long>(std::max<std::int64_t>(left, 1));
   ErrorCode error;
   const auto peer = connection.socket().remote_endpoint(error);
   transfer.connected.reset(connection.socket().release(error));
-  // libcurl uses this address for the name, without a lookup. With "+", libcurl forgets the address
-  // after a minute.
+  // libcurl uses this address for the proxy's name, without a lookup. With "+", libcurl forgets the
+  // address after a minute.
   const std::string at = "+" + entry.host + ":" + std::to_string(entry.port) + ":";
   transfer.address.reset(curl_slist_append(nullptr, (at + addressText(peer)).c_str()));
   curl_easy_setopt(handle, CURLOPT_RESOLVE, transfer.address.get());
@@ -209,7 +210,7 @@ Task<ThroughProxy> ProxyConnector::toHttpsProxy(const Entry& entry, Stream conne
 
 Task<ThroughProxy> ProxyConnector::run(Transfer& transfer) {
   curl_multi_add_handle(mMulti, transfer.handle.get());
-  // libcurl has its own time limits. This is a second limit in case those do not work.
+  // libcurl has its own time limits. This second limit applies only if they do not work.
   constexpr std::chrono::hours kNever{24};
   co_await transfer.done.wait(kNever);
   co_return result(transfer, transfer.code);
@@ -290,8 +291,8 @@ int ProxyConnector::onSocket(CURL*, curl_socket_t fd, int what, void* self, void
   return 0;
 }
 
-/// libcurl or the caller closes the descriptor. Pending handlers may keep the watch object alive
-/// longer.
+/// Stops watching `fd`, but does not close it: libcurl or the caller does this. Pending handlers
+/// may keep the watch object alive longer.
 void ProxyConnector::forget(curl_socket_t fd) {
   const auto known = mWatches.find(fd);
   if (known == mWatches.end()) return;

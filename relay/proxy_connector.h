@@ -2,8 +2,8 @@
 //
 // The caller has already connected to the proxy. libcurl does only the handshake and the
 // authentication over this connection. After that, the caller owns the socket again. Only a TLS
-// connection keeps its libcurl handle. libcurl looks up no names here: it would block until the end
-// of the lookup, and so block the whole relay.
+// connection keeps its libcurl handle. libcurl looks up no names here: a lookup would block the
+// whole relay until it ends.
 #pragma once
 
 #include <curl/curl.h>
@@ -26,12 +26,12 @@ enum class ProxyResult : std::uint8_t {
   kProxyFailed,        ///< broken TLS, or another protocol
   kNoAnswer,           ///< the proxy accepted the connection, and then was slow or closed it
   kDestinationFailed,  ///< the proxy works but cannot reach the destination
-  kRefused             ///< the proxy answered with another status
+  kRefused  ///< the proxy answered with a status that refuses the tunnel, such as 403 or 407
 };
 
 struct ThroughProxy {
   ProxyResult result = ProxyResult::kProxyFailed;
-  std::optional<Stream> stream;   ///< if connected
+  std::optional<Stream> stream;   ///< set if connected
   unsigned status = 0;            ///< the proxy's HTTP status, if it gave one
   bool isVersionRefused = false;  ///< the proxy does not support this version of SOCKS
   std::string early;              ///< if connected: bytes that followed the proxy's answer

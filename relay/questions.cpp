@@ -95,7 +95,7 @@ void Questions::sendMore() {
     if (question->isTaken) continue;
     question->isTaken = true;
     mWaiting--;
-    // If no request waits for this question any more, it is not asked.
+    // If no request waits for this question any more, the relay does not send it.
     if (question->events.empty()) {
       mQuestions.erase(question->url);
       continue;

@@ -22,13 +22,13 @@
 
 namespace relay {
 
-/// Maximum number of questions that the daemon has at a time. The daemon accepts 64 from one
-/// connection.
+/// Maximum number of questions that the relay has sent and the daemon has not answered yet. The
+/// daemon accepts 64 from one connection.
 inline constexpr std::size_t kMaxAsked = 32;
 /// Time limit for one answer of the daemon: a script may take 5.25 s, and other questions may come
 /// first.
 inline constexpr std::chrono::seconds kAnswerTime{15};
-/// How long a request waits for its answer, including the time in the queue.
+/// How long a request waits for the daemon's answer, including the time in the queue.
 inline constexpr std::chrono::seconds kTurnTime{30};
 /// All clients whose user is not known count as this one user.
 inline constexpr uid_t kUnknownUser = static_cast<uid_t>(-1);
@@ -44,8 +44,8 @@ class Questions {
   /// @return the answer; its status is PROXYMANAGER_TOO_SLOW after kTurnTime
   Task<Answer> ask(std::string url, uid_t user);
 
-  /// The number of questions that the daemon has, and the number of questions that wait in the
-  /// queues.
+  /// The number of questions that were sent and are not answered yet, and the number of questions
+  /// that wait in the queues.
   std::size_t asked() const { return mAsked; }
   std::size_t waiting() const { return mWaiting; }
 
@@ -53,7 +53,7 @@ class Questions {
   struct Question {
     std::string url;
     std::vector<uid_t> users;  ///< the users whose queues contain the question
-    bool isTaken = false;      ///< taken from one of these queues; the other queues skip it
+    bool isTaken = false;  ///< taken from one of these queues; the other queues skip the question
     bool isDone = false;
     Answer answer;
     std::vector<Event*> events;

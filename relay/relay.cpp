@@ -43,7 +43,7 @@ class Acceptor {
   }
 
  private:
-  /// Pause after an error such as too few descriptors.
+  /// Pause if no connection can be accepted, for example because no descriptor is free.
   static constexpr std::chrono::milliseconds kPause{100};
   /// Maximum number of connections that are accepted in one turn, before other work continues.
   static constexpr int kBurst = 64;
@@ -114,8 +114,8 @@ class Acceptor {
         ->start();
   }
 
-  /// Reads what the client has sent: unread bytes would cause a reset, and the answer could be
-  /// lost. If a client has sent much, it gets the reset.
+  /// Answers 503. Then reads what the client has sent: unread bytes would cause a reset, and the
+  /// answer could be lost. If the client has sent more than kBufferBytes, it gets the reset.
   void refuse(int fd) {
     char bytes[4096];
     static const std::string kAnswer =

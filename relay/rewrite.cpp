@@ -12,7 +12,8 @@ namespace {
 
 using base::equalIgnoringCase;
 
-/// Fields that concern only one connection, and fields that the relay writes itself.
+/// Fields that the relay does not copy: they concern only one connection, or the relay writes them
+/// itself.
 constexpr std::array<std::string_view, 10> kOurs = {
     "Connection", "Keep-Alive", "Proxy-Connection",  "Proxy-Authorization", "Proxy-Authenticate",
     "TE",         "Upgrade",    "Transfer-Encoding", "Content-Length",      "Via"};
@@ -101,8 +102,8 @@ std::string responseFor(const ResponseHead& response, const ResponseForm& form) 
   addFields(head, response.fields);
   if (response.body.kind == BodyKind::kNone && response.status != 204 &&
       response.status / 100 != 1) {
-    // A response to HEAD and a response with status 304 contain the length that the response to a
-    // GET would have.
+    // A response to HEAD and a response with status 304 may have a Content-Length: the length that
+    // the response to a GET would have.
     const auto length = response.fields.find("Content-Length");
     if (!length.empty()) add(head, "Content-Length", length);
   }

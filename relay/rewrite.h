@@ -1,5 +1,6 @@
 // Makes the heads that the relay forwards (RFC 9110, section 7.6): without fields that are only for
-// the relay, with the relay's name in Via, and with one length. Pure functions, for any thread.
+// the relay, with the relay's name in Via, and with only one length of the body. Pure functions,
+// for any thread.
 #pragma once
 
 #include <string>
@@ -16,7 +17,7 @@ struct RequestForm {
   std::string_view path;           ///< starts with "/" or "?", or is empty
   bool isAbsolute = false;         ///< the target is the whole URL, for an HTTP proxy
   bool isUpgrade = false;          ///< the relay forwards the field Upgrade
-  bool expectsContinue = false;    ///< the relay does not send the body before a 100
+  bool expectsContinue = false;    ///< the relay sends the body only after a 100
   std::string_view via;            ///< the relay's name
   std::string_view authorization;  ///< value of Proxy-Authorization; empty: none
 };
@@ -25,7 +26,7 @@ std::string requestFor(const RequestHead& request, const RequestForm& form);
 
 /// How the relay writes a response to the client.
 struct ResponseForm {
-  bool isHttp11 = true;    ///< the client's version
+  bool isHttp11 = true;    ///< the client uses HTTP/1.1; false: HTTP/1.0
   bool isKept = true;      ///< the client's connection stays open after the response
   bool isUpgrade = false;  ///< a 101 is forwarded with Upgrade
   std::string_view via;

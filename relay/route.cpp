@@ -72,9 +72,10 @@ Task<Refusal> Route::begin(const std::string& url) {
   co_return refusal(0, {});
 }
 
-/// Whether a request with the name of another machine would connect to this device. A proxy on this
-/// device would also make this connection, so the name is looked up for each kind of entry. A name
-/// that only a proxy can look up is accepted.
+/// Whether the destination is an address of this device or link, or a name of such an address.
+/// begin() checks this for clients on other machines. A proxy on this device would connect to the
+/// address, too, so the name is looked up for each kind of entry. A name that only a proxy can look
+/// up is accepted.
 Task<bool> Route::leadsToThisDevice() {
   if (isLocalName(mDestination.host)) co_return true;
   std::string host = mDestination.host;
@@ -194,8 +195,8 @@ std::optional<Stream> Route::take(const Entry& entry, ThroughProxy through) {
     case ProxyResult::kRefused:
       mContext.penalties.answered(entry);
       note(entry, through.problem);
-      // A 407 is not passed on: the client does not know about this proxy, so it cannot
-      // authenticate to it.
+      // The relay does not forward a 407: the client did not choose this proxy, so the client has
+      // no password for the proxy.
       if (through.status == 407) break;
       mStatus = through.status >= 400 && through.status <= 599 ? through.status : 502;
       mIsFinal = true;

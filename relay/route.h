@@ -14,7 +14,7 @@
 
 namespace relay {
 
-/// A connection for the request.
+/// A connection that can carry the request: to the server, or through a proxy.
 struct Upstream {
   Upstream(Stream connected, Entry by, bool wantsAbsoluteForm)
       : stream(std::move(connected)), entry(std::move(by)), isAbsoluteForm(wantsAbsoluteForm) {}
@@ -41,7 +41,8 @@ class Route {
         mWantsAbsoluteForm(wantsAbsoluteForm),
         mPeer(peer) {}
 
-  /// Asks the daemon about `url`.
+  /// Asks the daemon which entries to try for `url`. @return why the relay refuses the request;
+  /// status 0 if the caller can go on with next()
   Task<Refusal> begin(const std::string& url);
 
   /// Whether the next attempt would use `entry`. If so, the caller can use a connection that an
@@ -56,12 +57,12 @@ class Route {
   /// Reports that the relay refuses the answer that came through `entry`. No further entry is
   /// tried.
   void refuseAnswer(const Entry& entry, const std::string& problem);
-  /// Adds a line for the client and the log.
+  /// Adds a line about `entry` to the text that the client and the log get if no entry works.
   void note(const Entry& entry, const std::string& problem);
   /// After this call, next() tries the entry of the last upstream again.
   void again();
   /// Reports that the proxy of the last upstream requires authentication, and that the relay has no
-  /// credentials for it.
+  /// credentials for this proxy.
   void wantsAuthentication();
 
   /// The answer for the client if no entry is left.
@@ -89,9 +90,9 @@ class Route {
   std::string mMode;
   std::vector<Entry> mEntries;
   std::size_t mNext = 0;
-  std::string mEarly;      ///< of the last tunnel; see Upstream
+  std::string mEarly;      ///< Upstream::early of the last tunnel
   std::string mLines;      ///< one line for each attempt
-  unsigned mStatus = 502;  ///< for failure()
+  unsigned mStatus = 502;  ///< the status of failure()
   bool mIsFinal = false;   ///< the relay tries no further entry
 };
 

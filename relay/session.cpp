@@ -31,9 +31,9 @@ void Session::keepAlive() {
   expireAt(std::min(mEnd, now + kClientCheck));
 }
 
-/// A client may end its sending direction and still wait for the answer. On this machine, the
-/// socket of such a client still has an owner. A client on another machine that does this counts as
-/// gone, as with other proxies.
+/// Whether the client no longer waits for an answer. A client may half-close the connection and
+/// still wait. On this machine, the socket of such a client still has an owner. A client on another
+/// machine that half-closes counts as gone, as with other proxies.
 bool Session::isClientGone() {
   const int fd = mClient.socket().native_handle();
   pollfd state{fd, POLLRDHUP, 0};
@@ -41,7 +41,8 @@ bool Session::isClientGone() {
   return (state.revents & (POLLHUP | POLLERR)) != 0 || !mContext.peers.of(fd).isKnown();
 }
 
-/// The coroutine waits for these sockets. When they are closed, it ends.
+/// Closes the session's connections after the time limit, or if the client is gone. The coroutine
+/// waits for the sockets of these connections, so it then ends.
 void Session::expire() {
   const auto now = Clock::now();
   if (mIsServing && now < mEnd && !isClientGone()) {
@@ -83,7 +84,7 @@ Task<void> Session::serveHttp() {
   }
 }
 
-/// @return whether bytes were added to mIn
+/// Reads bytes from the client. @return whether bytes were added to mIn
 Task<bool> Session::readMore() {
   if (isTurnOver()) co_await asio::post(mContext.loop, asio::use_awaitable);
   while (true) {

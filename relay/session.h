@@ -1,8 +1,8 @@
 // One connection of a client, from its first byte to its end or until it becomes a tunnel.
 //
 // The first byte shows whether the client uses SOCKS or HTTP. The session serves HTTP requests one
-// after the other; later requests of the client wait. If it keeps a connection to a server or a
-// proxy, only the next request of the same client can use it.
+// after the other; later requests of the client wait. If the session keeps a connection to a server
+// or a proxy open, only the next request of the same client can use this connection.
 //
 // The session's coroutine owns the object. A session needs no buffer while it waits for a request.
 #pragma once
@@ -24,7 +24,7 @@ namespace relay {
 inline constexpr std::chrono::seconds kAnswerBeforeBody{1};
 /// How often the relay checks whether a client that waits for an answer is still there.
 inline constexpr std::chrono::seconds kClientCheck{2};
-/// Number of reads or requests of one connection that may follow each other without a wait. After
+/// Number of reads or requests of one connection that the relay handles without a pause. After
 /// that, other connections get their turn.
 inline constexpr unsigned kTurn = 64;
 
@@ -44,7 +44,7 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   enum class Exchange : std::uint8_t {
     kKeep,            ///< done; the client's connection stays open
     kClose,           ///< done, or failed after the answer began
-    kHandedOver,      ///< a tunnel after status 101
+    kHandedOver,      ///< after status 101, the connection is a tunnel
     kNoAnswer,        ///< the upstream ended before its answer; the client got nothing
     kRefusedAnswer,   ///< the relay does not forward this answer; the client got nothing
     kAuthentication,  ///< a 407, which the client does not get
@@ -96,26 +96,27 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   Context& mContext;
   Stream mClient;
   const Peer mPeer;
-  const bool mIsRefused;  ///< by allow-users or deny-users
+  const bool mIsRefused;  ///< allow-users or deny-users refuses the client's user
   Slot mSlot;
   std::string mIn;                       ///< read from the client, not processed yet
   std::optional<Upstream> mServer;       ///< the upstream of the last request in absolute form
-  std::string mServerDestination;        ///< the destination of mServer; empty for an HTTP proxy
+  std::string mServerDestination;        ///< the destination for which mServer was opened
   std::string mServerIn;                 ///< read from mServer, not processed yet
   std::optional<KnownChallenge> mFresh;  ///< from a 407 to this request, only for its next attempt
   const char* mAnswerProblem = "";       ///< why the relay did not accept the head of an answer
   bool mIsAnswerHttp = false;            ///< the refused head began like a head of HTTP/1
-  std::optional<Event> mContinue;        ///< a 100 has arrived; set while the body may have to wait
-  bool mIsExpectRefused = false;         ///< the server refused Expect for this request
-  bool mIsReused = false;                ///< mServer was used before
-  bool mHasServerByte = false;           ///< mServer sent something since the request
-  bool mIsBodyStarted = false;           ///< a part of the request's body was sent
-  bool mIsBodySent = true;               ///< the whole body was sent
-  unsigned mRounds = 0;                  ///< see kTurn
-  bool mIsHead = false;                  ///< the request's method is HEAD
-  bool mIsServing = false;               ///< a request is being answered; its time ends at mEnd
+  /// Happens when a 100 arrives. None if the request's body does not wait for a 100.
+  std::optional<Event> mContinue;
+  bool mIsExpectRefused = false;  ///< the server refused Expect for this request
+  bool mIsReused = false;         ///< mServer was used before
+  bool mHasServerByte = false;    ///< mServer sent something since the request
+  bool mIsBodyStarted = false;    ///< a part of the request's body was sent
+  bool mIsBodySent = true;        ///< the whole body was sent
+  unsigned mRounds = 0;           ///< see kTurn
+  bool mIsHead = false;           ///< the request's method is HEAD
+  bool mIsServing = false;        ///< a request is being answered; its time ends at mEnd
   Clock::time_point mEnd;
-  bool mIsInRequest = false;  ///< a request has begun; this decides what a timeout means
+  bool mIsInRequest = false;  ///< a request has begun; head-time limits the time for its head
 };
 
 }  // namespace relay

@@ -1,4 +1,4 @@
-// The place that one connection takes in the connection limits.
+// Counts one connection toward the connection limits until the connection ends.
 #pragma once
 
 #include <functional>
@@ -6,7 +6,7 @@
 
 namespace relay {
 
-/// Calls its function on destruction.
+/// Calls the function `atEnd` when it is destroyed.
 class Slot {
  public:
   Slot() = default;

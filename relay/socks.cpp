@@ -39,8 +39,8 @@ SocksStep refused(std::string reply) {
   return {SocksState::kRefused, 0, std::move(reply), {}};
 }
 
-/// The last step, after the destination has been read. `host` is a name, and may also be an address
-/// in text form.
+/// The last step of a handshake, with the destination that the client has sent. `host` is a name,
+/// or an address in text form. `refusal` is the reply if the destination is not valid.
 SocksStep done(std::size_t taken, const std::string& host, std::uint16_t port,
                std::string refusal) {
   const bool isIpv6 = host.find(':') != std::string::npos;
@@ -92,7 +92,7 @@ SocksStep readSocks4Request(std::string_view bytes) {
   if (userEnd - 8 > kMaxSocksUser) return refused(socks4Reply(91));
   const auto port = portAt(bytes, 2);
   const auto address = bytes.substr(4, 4);
-  // An address 0.0.0.x with x not 0 means that a name follows.
+  // If the address is 0.0.0.x, and x is not 0, a name follows.
   const bool hasName = address.substr(0, 3) == std::string_view("\0\0\0", 3) && address[3] != '\0';
   if (!hasName) {
     return done(userEnd + 1, addressText(AF_INET, address), port, socks4Reply(91));

@@ -19,18 +19,18 @@ inline constexpr std::size_t kMaxSocksRequest = 8 + kMaxSocksUser + 1 + 255 + 1;
 
 enum class SocksState { kMore, kDone, kRefused };
 
-/// The next step of the handshake.
+/// The next step of the handshake, as the functions below find it.
 struct SocksStep {
   SocksState state = SocksState::kMore;
-  std::size_t taken = 0;  ///< bytes of the input that were read; 0 if more bytes are needed
-  std::string reply;  ///< to be sent at once; if the request is refused, these are the last bytes
+  std::size_t taken = 0;    ///< bytes of the input that were read; 0 if more bytes are needed
+  std::string reply;        ///< to be sent at once; after it, a refused client gets nothing more
   Destination destination;  ///< set if the handshake is done
 };
 
 enum class SocksResult { kConnected, kFailed, kNotAllowed, kHostUnreachable };
 
 /// Reads the greeting of a SOCKS5 client, which lists its methods.
-/// @return done (with the reply to send), refused, or more
+/// @return kDone with the reply to send, kRefused, or kMore if more bytes are needed
 SocksStep readSocks5Greeting(std::string_view bytes);
 
 /// Reads a SOCKS5 request.

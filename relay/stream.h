@@ -2,8 +2,8 @@
 // libcurl encrypts it with TLS.
 //
 // No function keeps the caller's bytes. If the socket does not accept all bytes at once, the caller
-// copies the rest. So all connections can share one read buffer, and an idle connection needs no
-// buffer.
+// copies the remaining bytes. So all connections can share one read buffer, and an idle connection
+// needs no buffer.
 #pragma once
 
 #include <curl/curl.h>

@@ -6,7 +6,7 @@ namespace relay {
 
 namespace {
 
-/// Number of buffers that are copied before other connections get their turn.
+/// Number of buffers that a tunnel copies before other connections get their turn.
 constexpr int kRounds = 8;
 
 class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
@@ -54,7 +54,8 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
                [self = shared_from_this(), way] { self->copy(way); });
   }
 
-  /// @return whether all bytes were sent; if false, the tunnel waits or has ended
+  /// Sends `bytes` in one direction. @return whether all bytes were sent; if false, the tunnel
+  /// waits or has ended
   bool forward(unsigned way, std::string_view bytes) {
     while (!bytes.empty()) {
       const auto put = to(way).tryWrite(bytes);
@@ -68,7 +69,7 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
     return true;
   }
 
-  /// Like forward(), for the bytes that wait.
+  /// Forwards the waiting bytes of this direction. @return the same as forward()
   bool flush(unsigned way) {
     if (mWays[way].waiting.empty()) return true;
     std::string bytes;

@@ -28,8 +28,8 @@ class Deadline : public Watched {
   bool mIsOver = false;
 };
 
-/// Reads to the end of the answer's head. @return its status; 0 if there is no valid head, and `in`
-/// then has the bytes that were read
+/// Reads to the end of the answer's head. @return the answer's status; 0 if there is no valid head.
+/// `in` has the bytes after the head; without a valid head, it has all the bytes that were read
 Task<unsigned> statusOf(Stream& stream, std::string& in) {
   while (true) {
     const auto answer = readTunnelAnswer(in);

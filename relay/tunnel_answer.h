@@ -12,7 +12,7 @@
 
 namespace relay {
 
-/// The length of a head, and the status in it.
+/// The length and the status of the head of a proxy's answer to CONNECT.
 struct TunnelAnswer {
   std::size_t length = 0;  ///< length of the head in bytes; 0 if its end has not arrived yet
   unsigned status = 0;     ///< 0 if the head is not HTTP/1
@@ -25,7 +25,7 @@ TunnelAnswer readTunnelAnswer(std::string_view bytes);
 /// Asks the proxy at the other end of `stream` for a tunnel. If the proxy agrees, the result takes
 /// ownership of the stream.
 /// @param via the relay's own name, for the Via field
-/// @param end the time at which the attempt ends; it may end up to about one second later
+/// @param end the time limit of the attempt; the attempt can end up to about one second later
 Task<ThroughProxy> askForTunnel(Sweeper& sweeper, Stream& stream, const Destination& destination,
                                 const std::string& via, Clock::time_point end);
 

@@ -51,7 +51,7 @@ Task<std::optional<Upstream>> Session::openTunnel(const Destination& destination
 
 Task<Session::Next> Session::connect(const RequestHead& request) {
   const auto destination = readAuthority(request.target, 0);
-  // Some clients send a length of 0.
+  // Some clients send CONNECT with a Content-Length of 0, which means that there is no body.
   const bool hasBody = request.body.kind == BodyKind::kChunked || request.body.length != 0;
   if (!destination || hasBody) {
     mContext.counters.malformed++;

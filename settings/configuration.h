@@ -25,8 +25,8 @@ inline const char* modeText(Mode mode) {
 /// The arguments of updateProxyconfig. Only the URL of the current mode is set.
 struct Configuration {
   Mode mode = Mode::kOff;
-  std::string proxyUrl;  ///< in mode manual
-  std::string pacUrl;    ///< in mode pacurl
+  std::string proxyUrl;  ///< set in mode manual
+  std::string pacUrl;    ///< set in mode pacurl
   std::string user;
   std::string password;
 

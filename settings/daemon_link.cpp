@@ -69,7 +69,7 @@ int DaemonLink::onOwnerChanged(sd_bus_message* signal, void* self, sd_bus_error*
 
 int DaemonLink::onOwner(sd_bus_message* reply, void* self, sd_bus_error*) {
   const char* owner = nullptr;
-  if (sd_bus_message_is_method_error(reply, nullptr)) return 0;  // nobody owns the name
+  if (sd_bus_message_is_method_error(reply, nullptr)) return 0;  // the name has no owner
   if (sd_bus_message_read(reply, "s", &owner) < 0) return 0;
   auto& link = *static_cast<DaemonLink*>(self);
   return guarded(sd_bus_get_event(link.mBus), [&link, owner] { link.ownerIs(owner); });

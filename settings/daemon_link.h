@@ -27,7 +27,7 @@ struct BusMessageCloser {
 };
 using BusMessage = std::unique_ptr<sd_bus_message, BusMessageCloser>;
 
-/// Time limit of the daemon for one answer. Loading a script and one evaluation take up to 5 s
+/// Time limit for one answer of the daemon. Loading a script and one evaluation take up to 5 s
 /// each, and the daemon may answer other callers first.
 inline constexpr std::chrono::seconds kDaemonLimit{60};
 
@@ -45,9 +45,9 @@ class DaemonLink {
     ~Listener() = default;
   };
 
-  /// @param bus for the configuration
-  /// @param questions for ask()
-  /// Both buses are attached to one event loop and must outlive this object.
+  /// @param bus the connection for the configuration
+  /// @param questions the connection for ask()
+  /// Both connections are attached to one event loop and must outlive this object.
   DaemonLink(sd_bus* bus, sd_bus* questions) : mBus(bus), mQuestions(questions) {}
   DaemonLink(const DaemonLink&) = delete;
   DaemonLink& operator=(const DaemonLink&) = delete;
@@ -58,11 +58,13 @@ class DaemonLink {
   /// The user of the daemon's process. Empty if the bus has not answered yet.
   std::optional<uid_t> user() const { return mUser; }
 
-  /// Gets the daemon's configuration, or nothing and the reason.
+  /// A callback that receives the daemon's configuration, or nothing and the reason.
   using Read = std::function<void(std::optional<Configuration>, const std::string& problem)>;
-  /// Gets an empty text if the daemon accepted the configuration, else the reason.
+  /// A callback that receives an empty text if the daemon accepted the configuration, else the
+  /// reason.
   using Updated = std::function<void(const std::string& problem)>;
-  /// Gets the daemon's answer: the mode and the entries. Nothing if there is no answer.
+  /// A callback that receives the daemon's answer: the mode and the entries. It receives nothing if
+  /// there is no answer.
   using Answered = std::function<void(std::optional<std::vector<std::string>>)>;
 
   /// Each function starts one call, which ends after `limit` at the latest and never starts the

@@ -22,7 +22,7 @@ namespace {
 constexpr std::size_t kMessageBytes = 16U << 10U;
 /// The kernel answers immediately. The limit is for a kernel that does not answer.
 constexpr timeval kRoutesLimit{1, 0};
-/// How often a list is requested at most, if it changes while the kernel writes it. After that, the
+/// Maximum number of requests for a list that changes while the kernel writes it. After that, the
 /// change itself causes the next reading.
 constexpr int kMaxLists = 3;
 /// Maximum number of packets that are read in one turn of the event loop.
@@ -62,7 +62,7 @@ void forAttributes(std::string_view list, EachAttribute eachAttribute) {
 struct Hop {
   int interface = 0;
   unsigned flags = 0;
-  std::string_view gateway;  ///< its address as bytes
+  std::string_view gateway;  ///< the gateway's address as bytes
 
   void take(unsigned attribute, std::string_view value) {
     if (attribute == RTA_OIF) interface = headOf<int>(value);
@@ -70,8 +70,9 @@ struct Hop {
   }
 };
 
-// The kernel marks a next hop as dead if its link is down. If a link has no carrier, the next hop
-// is marked only if the kernel is configured to avoid such links.
+// Adds a next hop to the routes of its interface, unless the kernel has marked the next hop as
+// dead. The kernel marks a next hop as dead if its link is down. If a link has no carrier, the next
+// hop is marked only if the kernel is configured to avoid such links.
 void add(DefaultRoutes& routes, const Hop& hop, std::uint32_t metric) {
   std::array<char, IF_NAMESIZE> name{};
   if ((hop.flags & RTNH_F_DEAD) != 0) return;

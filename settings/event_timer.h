@@ -17,12 +17,12 @@ using EventSource = std::unique_ptr<sd_event_source, EventSourceCloser>;
 /// Throws std::system_error if an sd-event or sd-bus call returned a negative errno.
 void require(int result, const char* what);
 
-/// Runs `action` in a callback of the loop. No exception may pass through such a callback, so an
-/// exception is logged and ends the loop with status 1. Then the supervisor starts the service
+/// Runs `action` for a callback of the event loop. No exception may pass through the callback, so
+/// an exception is logged and ends the loop with status 1. Then the supervisor starts the service
 /// again: this is better than a service that has made half of a change. @return 0
 int guarded(sd_event* event, const std::function<void()>& action) noexcept;
 
-/// Only for the loop's thread. The loop must outlive the timer.
+/// Only the thread of the event loop may use a timer. The loop must outlive the timer.
 class EventTimer {
  public:
   /// @param fired called in the loop through guarded(), each time the timer runs out

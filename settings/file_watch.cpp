@@ -17,7 +17,7 @@ namespace {
 constexpr std::uint32_t kMask = IN_CREATE | IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVED_FROM |
                                 IN_DELETE | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 
-/// As many links as the kernel follows (MAXSYMLINKS).
+/// Maximum number of links in a path, as for the kernel (MAXSYMLINKS).
 constexpr int kMaxLinks = 40;
 
 FileWatch::Place split(const std::string& path) {
@@ -54,7 +54,7 @@ bool FileWatch::set(const std::vector<Place>& places) {
     sd_event_source* source = nullptr;
     const int added =
         sd_event_add_inotify(mEvent, &source, place.folder.c_str(), kMask, onEvent, entry.get());
-    if (added < 0) continue;  // no such folder, or no memory is left; after that, SIGHUP helps
+    if (added < 0) continue;  // no such folder; or no memory: SIGHUP repairs this later
     entry->source.reset(source);
     isNew = isNew || std::none_of(mWatched.begin(), mWatched.end(), [&](const auto& old) {
               return old->place == place && old->folder == entry->folder;

@@ -27,15 +27,15 @@ class FileWatch {
  public:
   struct Place {
     std::string folder;
-    std::string name;  ///< of one file; empty for all files of the folder
+    std::string name;  ///< the name of one file; empty for all files of the folder
     bool operator==(const Place&) const = default;
   };
 
   /// @param changed called after a burst of changes
   FileWatch(sd_event* event, std::function<void()> changed);
 
-  /// Watches only these places. @return true if one of them was not watched before, or is now
-  /// another folder with the same name. Then a change before this call was not noticed
+  /// Watches only these places. @return true if one of the places was not watched before, or is now
+  /// a different folder with the same name. In this case, a change before this call was not noticed
   bool set(const std::vector<Place>& places);
 
  private:

@@ -184,7 +184,7 @@ void HandOver::compare(Due due) {
       });
 }
 
-/// Whether the daemon's configuration stays as it is.
+/// Whether the daemon keeps its configuration `daemons`, so that nothing is handed over.
 bool HandOver::keeps(Due due, const Configuration& daemons) {
   const bool isForeign = mHandedOver && daemons != *mHandedOver;
   mIsForeign = isForeign && due != Due::kIfDifferent;
@@ -197,7 +197,7 @@ bool HandOver::keeps(Due due, const Configuration& daemons) {
     return true;
   }
   if (due != Due::kIfDifferent || daemons != *mWanted) return false;
-  // If another program set this configuration, nobody knows whether its script has arrived: the
+  // If another program set this configuration, it is unknown whether its script has arrived: the
   // script's time can be compared only with the time of a hand-over of this service.
   if (usesScript() && mHandedOver != mWanted) return false;
   // From now on, the service treats this configuration as its own, even if another program set it.
@@ -224,7 +224,8 @@ void HandOver::handOver() {
     mIsCalling = false;
     if (problem.empty()) {
       // While the call waited, the daemon may have stored the script of the previous configuration.
-      // If the configuration is new and its script arrives before the reply, this costs one retry.
+      // So for a new configuration, only a script that arrives after the reply counts. If the
+      // script arrives earlier, this costs one retry.
       mScriptSince = mHandedOver == configuration ? before : fileTime();
       noteHandedOver(configuration);
     }

@@ -2,8 +2,8 @@
 //
 // - Once after each start of the daemon, even if nothing differs: an unconfigured daemon announces
 //   itself until a program configures it.
-// - After a change of a source, only if the daemon's configuration differs, or if another program
-// set this configuration and its script may be missing.
+// - After a change of a source, in two cases only: the daemon's configuration differs; or another
+//   program set the same configuration, and its script may be missing.
 // - Again, if the script has not arrived. The daemon fetches only on request, and at boot it is
 //   usually configured before the network is up.
 // - Again on a timer, if the administrator wants refreshes.
@@ -63,8 +63,8 @@ class HandOver {
   /// Sets the configuration that a source wants. The first call makes the service ready. Before the
   /// first call, the service hands nothing over. A change ends the pause after a failure.
   void want(const Configuration& configuration);
-  /// While `leaves` is true, the service replaces only two configurations: mode off of a daemon
-  /// that was not configured before, and a configuration that this service itself has handed over.
+  /// While `leaves` is true, the service replaces only two configurations: mode off of an
+  /// unconfigured daemon, and a configuration that this service itself has handed over.
   void leaveOthers(bool leaves) { mLeavesOthers = leaves; }
   void daemonAppeared();
   void daemonVanished();
@@ -82,7 +82,7 @@ class HandOver {
   std::optional<std::time_t> lastHandOver() const;
   const std::string& lastProblem() const { return mProblem; }
   bool isForeign() const { return mIsForeign; }
-  /// Whether `configuration`, which the daemon has, is the one that this service handed over.
+  /// Whether this service handed over `configuration`, the daemon's present configuration.
   bool isOurs(const Configuration& configuration) const;
 
  private:
@@ -103,7 +103,7 @@ class HandOver {
   DaemonLink& mDaemon;
   std::string mPacFile;
   std::optional<Configuration> mWanted;
-  std::optional<Configuration> mHandedOver;  ///< to the daemon that runs now
+  std::optional<Configuration> mHandedOver;  ///< the configuration that the running daemon got
   Due mDue = Due::kNothing;
   bool mIsCalling = false;
   bool mLeavesOthers = false;
@@ -113,8 +113,8 @@ class HandOver {
   std::size_t mScriptRetry = 0;
   /// True if the network has changed, and mScriptTimer will fire kNetworkPause after this change.
   bool mIsNetworkPause = false;
-  /// If the script file is newer than this time, it has the script of the configuration. The clock
-  /// is CLOCK_REALTIME, as for the time of a file.
+  /// If the daemon's script file is newer than this time, it contains the script of the
+  /// configuration that was handed over. The clock is CLOCK_REALTIME, as for the time of a file.
   timespec mScriptSince{};
   std::time_t mHandedOverAt = 0;  ///< see lastHandOver()
   std::string mProblem;

@@ -32,14 +32,14 @@ std::optional<Scheme> schemeOf(std::string_view text) {
   return found == kSchemes.end() ? std::nullopt : std::optional(found->second);
 }
 
-/// The scheme before "://", and the rest. Without "://", there is no scheme.
+/// The scheme before "://", and the remaining text. Without "://", there is no scheme.
 std::pair<std::string_view, std::string_view> splitScheme(std::string_view text) {
   const auto at = text.find("://");
   if (at == std::string_view::npos) return {{}, text};
   return {text.substr(0, at), text.substr(at + 3)};
 }
 
-/// Reads "[user:password@]host[:port][/]" with the reader for proxy addresses.
+/// Parses "[user:password@]host[:port][/]" with the client library's parser for manual proxies.
 std::optional<ManualServer> parseServer(Scheme scheme, std::string_view rest) {
   if (const auto at = rest.rfind('@'); at != std::string_view::npos) rest.remove_prefix(at + 1);
   const std::string url = std::string(isSocks(scheme) ? "socks5://" : "http://").append(rest);
@@ -74,8 +74,9 @@ std::string answerFor(std::span<const ManualServer> servers, Scheme own) {
   return answer;
 }
 
-/// A JavaScript string literal of any bytes. The host of a question has only ASCII characters, so
-/// each byte that is not ASCII is escaped as one character.
+/// A JavaScript string literal of any bytes. Each byte that is not ASCII is escaped as one
+/// character. Such a character matches no host, because the host of a question has only ASCII
+/// characters.
 std::string literal(std::string_view text) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string quoted = "\"";

@@ -2,8 +2,8 @@
 // without a proxy. The daemon's mode manual has one proxy for all URLs, so these settings become a
 // script.
 //
-// The order of the entries and the forms of an exclusion are those that users of such network
-// managers know (ConnMan's service-api.txt, "Servers" and "Excludes").
+// The order of the entries and the forms of an exclusion are the same as in these network managers
+// (ConnMan's service-api.txt, "Servers" and "Excludes").
 #pragma once
 
 #include <cstdint>
@@ -35,9 +35,9 @@ std::string manualProxyUrl(const ManualServer& server);
 /// host:port". Empty if the URL names no proxy. Credentials are dropped.
 std::string entryOfManualUrl(std::string_view url);
 
-/// Makes the script. For each URL, the script returns first the servers of the URL's scheme, then
-/// the servers without a scheme and those for http, https and ftp (all as PROXY), and last the
-/// SOCKS servers.
+/// Makes the script. For each URL, the script returns three groups of servers in this order: the
+/// servers of the URL's scheme; the servers without a scheme and the servers for http, https and
+/// ftp (all as PROXY); the SOCKS servers.
 /// @param excludes "[scheme://]rule". A rule "word" or "*word" matches hosts that end with it,
 /// "word*" hosts that begin with it, "*word*" hosts that contain it. An IPv6 address may be in
 /// brackets. A text that is only "scheme://" matches all URLs of the scheme. A rule that is only

@@ -16,7 +16,7 @@
 
 namespace settings {
 
-/// Maximum number of configurations of one sender. A network manager has one for each of its
+/// Maximum number of configurations of one sender. A network manager pushes one for each of its
 /// connections.
 inline constexpr std::size_t kMaxOfSender = 64;
 /// Maximum number of configurations of all senders together: enough for two network managers at
@@ -36,7 +36,7 @@ struct PushedConfiguration {
   enum class Method { kDirect, kAuto, kManual };
   Method method = Method::kDirect;
   std::string interface;  ///< empty if the sender gave none
-  std::string url;        ///< of a script; an empty URL counts as absent
+  std::string url;        ///< the script's URL; an empty URL counts as absent
   std::optional<std::string> script;
   std::vector<std::string> servers;
   std::vector<std::string> excludes;
@@ -79,21 +79,21 @@ class NetworkSet {
 
 /// The default routes of one interface.
 struct DefaultRoute {
-  std::uint32_t metric = 0;  ///< of the interface's best route; lower metrics go first
-  /// The gateways of all these routes: their bytes, in the order of the kernel's list. If a gateway
-  /// changes, the network can be another one.
+  std::uint32_t metric = 0;  ///< metric of the best route; the lowest metric wins
+  /// The gateways of all these routes: their bytes, in the order of the kernel's list. A changed
+  /// gateway can mean a different network.
   std::string gateways;
   bool operator==(const DefaultRoute&) const = default;
 };
 
-/// Interface -> its default routes.
+/// Name of an interface -> its default routes.
 using DefaultRoutes = std::map<std::string, DefaultRoute, std::less<>>;
 
-/// The configuration in force: the usable one whose interface has the default route with the lowest
-/// metric. If an interface has several configurations, the newest is in force. A configuration
-/// without an interface is in force only if no other configuration has a default route. Direct
-/// configurations count only if `directCounts`, and configurations with a script to serve only if
-/// `scriptsCount`. Null if there is none.
+/// The configuration in force: the usable configuration whose interface has the default route with
+/// the lowest metric. If an interface has several configurations, the newest is in force. A
+/// configuration without an interface is in force only if no other configuration has a default
+/// route. Direct configurations count only if `directCounts`, and configurations with a script to
+/// serve only if `scriptsCount`. Null if there is none.
 const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& routes,
                                     bool directCounts, bool scriptsCount = true);
 

@@ -49,7 +49,8 @@ int readList(sd_bus_message* call, std::vector<std::string>& list, bool& isTooLo
   return result < 0 ? result : sd_bus_message_exit_container(call);
 }
 
-/// The dictionary before any translation.
+/// The known entries of the dictionary that a caller of CreateProxyConfiguration has sent.
+/// readPushed() checks them.
 struct Dictionary {
   std::optional<std::string> method, url, script, interface;
   std::vector<std::string> servers, excludes;
@@ -260,7 +261,7 @@ int PacRunner::find(sd_bus_message* call, sd_bus_error* error) {
   return 1;
 }
 
-/// The user of the connection that sent `call`. Only the bus knows the user, and it answers
+/// The user of the connection that sent `call`. Only the bus can report the user, and it answers
 /// immediately.
 uid_t PacRunner::userOf(sd_bus_message* call) const {
   if (const auto known = mQuestions.userOf(sd_bus_message_get_sender(call))) return *known;

@@ -48,11 +48,11 @@ class PacRunner {
     void operator()(sd_bus_track* track) const { sd_bus_track_unref(track); }
   };
   /// A bus connection that pushes settings. This service needs one match rule for each of them, and
-  /// the bus allows one connection 512 match rules by default. Everybody may ask, so a connection
-  /// that only asks gets no match rule.
+  /// the bus allows one connection 512 match rules by default. Every program may ask questions, so
+  /// the service uses no match rule for a connection that only asks.
   struct Sender {
     std::unique_ptr<sd_bus_track, TrackCloser> track;
-    bool isOverLimit = false;  ///< logged once for each sender
+    bool isOverLimit = false;  ///< the sender has reached its limit; logged once
   };
 
   static int onCreate(sd_bus_message* call, void* self, sd_bus_error* error);

@@ -1,9 +1,9 @@
 // The queue of the questions that programs ask the daemon. Its order is fair to all users.
 //
 // The daemon answers one question after the other, and a script that looks up names may take 5 s
-// for each. So only kMaxAsked questions are at the daemon at a time, and the others wait here. The
-// queue takes the users in turn (round robin), and the questions of one user in the order of their
-// arrival. If a user has many questions, only this user waits longer.
+// for each. So only kMaxAsked questions are at the daemon at a time, and the other questions wait
+// here. The queue takes the users in turn (round robin), and the questions of one user in the order
+// of their arrival. If a user has many questions, only this user waits longer.
 //
 // The class does not use the bus. Not synchronised: one thread.
 #pragma once
@@ -20,8 +20,8 @@
 
 namespace settings {
 
-/// Maximum number of questions that are at the daemon: the daemon answers one, and has the next one
-/// when it is ready.
+/// Maximum number of questions that are at the daemon. While the daemon answers the first question,
+/// the second question already waits there.
 inline constexpr std::size_t kMaxAsked = 2;
 /// Maximum number of questions of one connection, and of one user, that wait or are at the daemon.
 inline constexpr std::size_t kMaxQuestionsOfCaller = 8;
@@ -29,8 +29,8 @@ inline constexpr std::size_t kMaxQuestionsOfUser = 64;
 /// Maximum number of questions of all users together. One person can have many user ids: a
 /// container has a range of them.
 inline constexpr std::size_t kMaxQuestions = 512;
-/// How long a question waits for its turn. No caller needs more: the callers' bus libraries stop
-/// waiting after 25 s or 30 s.
+/// Longest time that a question waits for its turn. No caller needs more: the callers' bus
+/// libraries stop waiting after 25 s or 30 s.
 inline constexpr std::chrono::seconds kQuestionLimit{60};
 
 class QuestionQueue {
@@ -51,8 +51,8 @@ class QuestionQueue {
 
   /// Adds a question for which hasRoom() is true. The owner calls proceed() afterwards.
   void add(Question question);
-  /// Calls `ask` or `refuse` of the questions whose turn it is. If one of them throws, its question
-  /// has left the queue.
+  /// Calls `ask` or `refuse` of the questions whose turn it is. If `ask` or `refuse` throws, its
+  /// question has already left the queue.
   void proceed(Clock::time_point now);
   /// Notes that the daemon has answered a question of `caller`. The owner calls proceed()
   /// afterwards.

@@ -31,11 +31,11 @@ inline constexpr std::int64_t kScriptPriority = SD_EVENT_PRIORITY_IDLE;
 /// The request line, parsed.
 struct ScriptRequest {
   bool isHead = false;  ///< HEAD instead of GET
-  std::string name;     ///< without the slash; not checked
+  std::string name;     ///< the requested name, without the slash; not checked
 };
 
-/// Reads "GET /name HTTP/1.1", also with HEAD and with any version HTTP/1.N. Nothing for any other
-/// line. `head` may have more lines, which are ignored.
+/// Reads "GET /name HTTP/1.1", also with HEAD and with any version HTTP/1.N. Returns nothing for
+/// any other line. `head` may have more lines, which are ignored.
 std::optional<ScriptRequest> readRequest(std::string_view head);
 
 /// Runs in the event loop's thread. The loop must outlive the connection.

@@ -95,7 +95,8 @@ ScriptServer::ScriptServer(sd_event* event, base::UniqueFd listening, std::strin
         require(sd_event_source_set_enabled(mSource.get(), SD_EVENT_ON),
                 "sd_event_source_set_enabled");
       }) {
-  // The socket from systemd blocks, and a connection may end before it is accepted.
+  // The socket from systemd is blocking. If a connection ends before it is accepted, accept() would
+  // block the service.
   const int flags = fcntl(mListening.get(), F_GETFL);
   if (flags < 0 || fcntl(mListening.get(), F_SETFL, flags | O_NONBLOCK) != 0) fail("fcntl");
   sd_event_source* source = nullptr;

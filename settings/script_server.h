@@ -20,8 +20,8 @@
 
 namespace settings {
 
-/// Maximum number of open connections. The daemon needs one. A further connection ends the oldest
-/// one, so that no program can lock out the daemon with open connections.
+/// Maximum number of open connections. The daemon needs one connection. A further connection ends
+/// the oldest one, so that no program can lock out the daemon with open connections.
 inline constexpr std::size_t kMaxConnections = 64;
 /// Pause before the next connection is accepted after the kernel refused one, for example because
 /// memory was exhausted.

@@ -130,7 +130,7 @@ void SettingsService::filesChanged() {
 // If a file is faulty when the service starts after a boot, its valid lines are better than no
 // proxy. If only the service restarts, the daemon's present configuration is better than these
 // lines.
-/// @return whether other settings than before are in force
+/// @return whether the settings in force have changed
 bool SettingsService::readFiles() {
   mLastReading = readFolder(mPlaces.files);
   // A change between the first reading and the first watch is not noticed, so the files are read
@@ -156,7 +156,7 @@ bool SettingsService::readFiles() {
   return isNew;
 }
 
-/// @return whether a place is watched that was not watched before
+/// @return whether there is a new place among the watched places
 bool SettingsService::watchFiles() {
   const std::string& folder = mPlaces.files.folder;
   std::vector<FileWatch::Place> places{{folder, ""}, {folder + "/settings.d", ""}};
@@ -186,7 +186,8 @@ void SettingsService::decide() {
     mChoice.reason = (mChoice.network != nullptr ? mChoice.reason + "; " : std::string()) +
                      "the script of a network manager cannot be served";
     publishOrWithdraw();
-    // The disk may have space later. If there is no socket, only a restart helps.
+    // The next attempt is later, when the disk may have space again. If there is no socket, only a
+    // restart of the service helps.
     if (mScripts) mServeTimer.set(failurePause(mServeFailures++));
   }
   const std::string line =
@@ -203,8 +204,8 @@ Choice SettingsService::chosen(bool scriptsCount) const {
   return choose(mSettings.settings, mSettings.password, network);
 }
 
-/// Serves the script of the configuration in force, and removes every other script. @return false
-/// if it has a script that cannot be served
+/// Serves the script of the configuration in force, if it has one, and removes every other script.
+/// @return false if this script cannot be served
 bool SettingsService::publishOrWithdraw() {
   if (mChoice.network == nullptr || mChoice.network->script.empty()) {
     if (mScripts) mScripts->withdraw();
@@ -308,7 +309,8 @@ std::string SettingsService::state(const std::optional<Configuration>& daemon) c
   state["problem"] = mHandOver.lastProblem();
   state["daemon_has"] = daemon ? shown(*daemon) : nlohmann::json();
   state["changed_by_another_program"] = daemon ? !mHandOver.isOurs(*daemon) : mHandOver.isForeign();
-  // A text of a network manager may have any bytes that the bus accepts.
+  // dump() replaces bytes that are not UTF-8: a text of a network manager may have any bytes that
+  // the bus accepts.
   return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 

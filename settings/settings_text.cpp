@@ -5,7 +5,9 @@
 #define TOML_ENABLE_FORMATTERS 0
 // The library asks whether a letter outside quotes is a blank. For many letters that are not ASCII
 // (U+00A1 to U+0499 and others), version 3.3 declares to the compiler that the code is unreachable.
-// The right answer is "false". clang-format off
+// The right answer is "false".
+
+// clang-format off
 #include <toml++/impl/preprocessor.h>
 #undef TOML_UNREACHABLE
 #define TOML_UNREACHABLE return false

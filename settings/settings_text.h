@@ -18,7 +18,7 @@ namespace settings {
 
 /// Longest text of a value, in bytes: longer than any URL that a server accepts.
 inline constexpr std::size_t kMaxValueBytes = 8U << 10U;
-/// Longest settings file that is read, in bytes. The commented example has under 4 KiB.
+/// Longest settings file that is read, in bytes. The commented example has under 2 KiB.
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
 /// Shortest time between two refreshes: each costs a download for the whole device.
 inline constexpr std::chrono::seconds kMinRefresh{60};
@@ -52,7 +52,7 @@ struct FileSettings {
 
 /// A problem of a settings file.
 struct Problem {
-  unsigned line = 0;  ///< from 1; 0 if the problem is the file itself
+  unsigned line = 0;  ///< line number from 1; 0 if the problem is the file itself
   std::string text;   ///< one printable line
 
   bool operator==(const Problem&) const = default;

@@ -10,7 +10,7 @@ namespace client {
 
 /// The low numbers are the results of a question to the daemon or to a script. The high numbers
 /// come from sysexits.h, so that a shell script can distinguish a wrong PAC script from a wrong
-/// command line. The last two are the same as in a shell.
+/// command line. The last two numbers are those that a shell uses.
 enum ExitStatus : int {
   kAnswered = 0,
   kNoAnswer = 1,
@@ -56,8 +56,8 @@ inline constexpr std::array<StatusText, 14> kStatusTexts{{
 inline constexpr std::initializer_list<ExitStatus> kBusStatuses{
     kUsage, kUnavailable, kInternal, kOutput, kTryAgain, kProtocol, kDenied};
 
-/// Lines of a help text: first `own`, with the command's own words, then `shared`, with the words
-/// of the list.
+/// Lines of a help text about exit statuses: first the statuses `own`, with the texts of the
+/// command; then the statuses `shared`, with the texts of the list in this file.
 std::string statusHelp(std::initializer_list<StatusText> own,
                        std::initializer_list<ExitStatus> shared);
 

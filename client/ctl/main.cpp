@@ -33,7 +33,7 @@ constexpr const char* kFooter = R"(Each command has its own --help.
 Exit status:
 )";
 
-/// The command that was being parsed, in words.
+/// The words of `command` on the command line: "proxymanagerctl pac eval".
 std::string wordsOf(const CLI::App& command) {
   const auto* const parent = command.get_parent();
   return (parent == nullptr ? "" : wordsOf(*parent) + ' ') + command.get_name();
@@ -45,8 +45,8 @@ const CLI::App& namedCommand(const CLI::App& program) {
   return *command;
 }
 
-/// The word of the line that should be a command of the group `command`, but is none. Usually
-/// empty.
+/// If `command` is a group of commands: the first word on the command line that is not one of them.
+/// Otherwise empty; usually there is no such word.
 std::string unknownCommand(const CLI::App& command) {
   const auto unknown = command.remaining();
   const bool isGroup = command.get_require_subcommand_min() > 0;
@@ -63,8 +63,9 @@ client::ExitStatus noCommand(const CLI::App& parent, const std::string& word) {
   return wrongUsage(parent, "there is no command \"" + word + '"');
 }
 
-/// Shows the help or the version. The parser accepts an unknown command before --help, and takes a
-/// word after the command as the argument of the command.
+/// Shows the help or the version, or an error for an unknown command. The check is made here,
+/// because the parser accepts an unknown command before --help, and takes a word after the command
+/// as an argument.
 client::ExitStatus show(const CLI::App& program, const CLI::Success& asked,
                         const client::CommandLine& line) {
   const auto& command = namedCommand(program);
@@ -80,8 +81,8 @@ client::ExitStatus show(const CLI::App& program, const CLI::Success& asked,
 }
 
 /// Adds the command that the line names, and no other: describing the options of all commands takes
-/// longer than asking the daemon. If the line names none, adds all commands, because the help and
-/// the error messages need them. @return whether the line names one
+/// longer than asking the daemon. If the line names no command, adds all commands, because the help
+/// and the error messages need them. @return whether the line names a command
 bool addCommands(CLI::App& program, client::Action& action, const client::CommandLine& line) {
   const std::pair<std::vector<std::string_view>, std::function<void()>> commands[] = {
       {{"status"}, [&] { client::addStatusCommand(program, action); }},
@@ -125,7 +126,7 @@ client::ExitStatus run(int argc, char** argv) {
   }
   if (!isNamed && !line.own.front().starts_with('-')) return noCommand(program, line.own.front());
   try {
-    // The parser wants the last word first.
+    // The parser expects the last word first.
     program.parse(std::vector<std::string>(line.own.rbegin(), line.own.rend()));
     status = action();
   } catch (const CLI::Success& asked) {

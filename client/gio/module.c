@@ -16,7 +16,7 @@ void g_io_proxymanager_unload(GIOModule* module) {
   (void)module;
 }
 
-/* GLib stores this list in its cache. From the cache it knows when to load the module. */
+/* GLib stores this list in its cache. The cache shows GLib when to load the module. */
 char** g_io_proxymanager_query(void) {
   return g_strsplit(G_PROXY_RESOLVER_EXTENSION_POINT_NAME "," G_PROXY_EXTENSION_POINT_NAME, ",",
                     -1);

@@ -10,8 +10,8 @@
  * directly: if the daemon is too slow, if the script has no answer, or if no entry of the answer is
  * an address. The alternative would be that the resolver fails. Then every connection of every
  * program would fail, and a device without a bus would have no network. If a network permits only
- * connections through its proxy, it refuses direct connections itself. If an administrator wants
- * programs to fail in these cases, the variable PROXYMANAGER_NO_ANSWER=refuse is set in their
+ * connections through its proxy, it refuses direct connections itself. An administrator who wants
+ * programs to fail in these cases sets the variable PROXYMANAGER_NO_ANSWER=refuse in their
  * environment. G_MESSAGES_DEBUG=proxymanager shows the reasons.
  *
  * The library itself answers "direct" for this machine and this link, in every mode. So a program's
@@ -24,13 +24,13 @@
 
 #include "client/gio/module.h"
 
-/* This priority is higher than that of the resolvers of GLib and of desktops, which are all below
- * 100: a person who installs this module wants GLib to ask the daemon. GIO_USE_PROXY_RESOLVER can
- * name another resolver. */
+/* This priority is higher than the priorities of the resolvers of GLib and of desktops, which are
+ * all below 100. A person who installs this module wants GLib to ask the daemon.
+ * GIO_USE_PROXY_RESOLVER can name another resolver. */
 #define PRIORITY 100
 
-/* Time limit of a question, in milliseconds. An evaluation takes 5 s at most, including the start
- * of a new worker. The rest is for questions that wait before this one. */
+/* Time limit of a question, in milliseconds. An evaluation takes 5.25 s at most, including the
+ * start of a new worker. The remaining time is for questions that wait before this question. */
 #define LIMIT_MS 10000
 
 typedef struct {
@@ -52,8 +52,9 @@ G_DEFINE_DYNAMIC_TYPE_EXTENDED(ProxymanagerResolver, proxymanager_resolver, G_TY
 
 static proxymanager_client* the_client;
 
-/* The client of the process. Makes a new one if there is none, or only `useless`. Null if memory is
- * exhausted. After fork(), the parent's client remains: freeing it has no effect in the child. */
+/* Returns the client of the process. Makes a new client if there is none, or if the only client is
+ * `useless`. Returns null if memory is exhausted. After fork(), the parent's client remains:
+ * freeing it has no effect in the child. */
 static proxymanager_client* client_but(proxymanager_client* useless) {
   proxymanager_client* const current = g_atomic_pointer_get(&the_client);
   if (current != useless) return current;
@@ -85,9 +86,9 @@ static proxymanager_status ask(const char* uri, proxymanager_answer_callback cal
   return proxymanager_get_async(question->client, uri, LIMIT_MS, callback, context, &question->id);
 }
 
-/* --- Answers as GLib wants them --- */
+/* --- Answers in GLib's form --- */
 
-/* Whether the entry is "SOCKS" without a version, which scripts may return. */
+/* Whether `text`, an entry of an answer, begins with "SOCKS" without a version. */
 static gboolean names_no_version(const char* text) {
   while (g_ascii_isspace(*text)) text++;
   return g_ascii_strncasecmp(text, "socks", 5) == 0 && !g_ascii_isalnum(text[5]);
@@ -100,8 +101,8 @@ static gboolean answers_for_sandboxes(void) {
   return name != NULL && g_str_has_suffix(name, "xdg-desktop-portal");
 }
 
-/* GLib's scheme for such a proxy; null if GLib cannot use the proxy. GLib has only one form of
- * SOCKS 5, in which the proxy looks up host names. */
+/* GLib's scheme for the proxy of `entry`; null if GLib cannot use the proxy. GLib has only one form
+ * of SOCKS 5, in which the proxy looks up host names. */
 static const char* scheme_of(const proxymanager_entry* entry) {
   switch (entry->kind) {
     case PROXYMANAGER_DIRECT:
@@ -123,7 +124,7 @@ static const char* scheme_of(const proxymanager_entry* entry) {
   return NULL; /* also for kinds that a later library adds */
 }
 
-/* A list of one text. */
+/* Returns a list with one element, a copy of `text`. */
 static char** only(const char* text) {
   char** const list = g_new0(char*, 2);
   list[0] = g_strdup(text);
@@ -134,7 +135,7 @@ static gboolean must_refuse(void) {
   return g_strcmp0(g_getenv("PROXYMANAGER_NO_ANSWER"), "refuse") == 0;
 }
 
-/* The result for a connection if there is no answer. */
+/* The result for a connection if there is no usable answer: "direct", or null with `error`. */
 static char** without_answer(const char* reason, GError** error) {
   if (must_refuse()) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_PROXY_FAILED, "no proxy is known: %s", reason);
@@ -183,7 +184,7 @@ static gboolean is_for_others(proxymanager_status status, const proxymanager_ans
 }
 
 /* Whether the URI has the form that GLib uses for a connection without a known protocol. Such a
- * connection cannot use a proxy for a certain protocol; it can use only SOCKS. */
+ * connection cannot use an HTTP proxy; it can use only SOCKS. */
 static gboolean names_no_protocol(const char* uri) {
   return g_ascii_strncasecmp(uri, "none://", strlen("none://")) == 0;
 }
@@ -231,7 +232,7 @@ static void free_question(gpointer data, GClosure* closure) {
   g_free(data);
 }
 
-/* A question that a GCancellable can cancel. */
+/* The signal handler by which a GCancellable cancels a question. */
 typedef struct {
   GCancellable* cancellable;
   gulong handler;
@@ -336,7 +337,7 @@ static void ask_next(GTask* task, gpointer resolver, gpointer data, GCancellable
 }
 
 /* Ends the task, and takes over the caller's reference to it. The task calls its callback in its
- * own main context. If its cancellable is cancelled, the callback gets that error. */
+ * own main context. If its cancellable is cancelled, the callback gets G_IO_ERROR_CANCELLED. */
 static void end_task(proxymanager_status status, proxymanager_answer* answer, void* context) {
   GTask* const task = context;
   if (is_for_others(status, answer) && next_resolver() != NULL) {

@@ -43,13 +43,13 @@ static const char* proxy_variable(const char* url) {
 
 /* --- Hosts --- */
 
-/* A host and its port. Both point into one text. The port is 0 if there is none. */
+/* A host and its port. The host points into the text that place_of() got. */
 typedef struct {
-  char* host; /* without brackets */
-  unsigned port;
+  char* host;    /* without brackets */
+  unsigned port; /* 0 if there is none */
 } Place;
 
-/* Splits "host:1", "[::1]:1", "::1" or "host" in place. */
+/* Splits `text`, which is "host:1", "[::1]:1", "::1" or "host". The function changes the text. */
 static Place place_of(char* text) {
   Place place = {text, 0};
   char* colon = strrchr(text, ':');
@@ -96,7 +96,10 @@ static int read_address(const char* text, unsigned char bytes[16]) {
   return inet_pton(AF_INET, text, bytes + sizeof mapped) == 1 ? 96 : -1;
 }
 
-/* The length of a prefix, written as "8" or "255.0.0.0". -1 for any other text. */
+/* Reads the length of a prefix, which is written as "8" or "255.0.0.0".
+ * @param before the result of read_address() for the address before the "/"
+ * @return the number of bits to compare in the 16 bytes of read_address(): `before` and the length.
+ * -1 if `text` is not a valid length */
 static long prefix_length(const char* text, int before) {
   struct in_addr mask;
   if (before == 96 && strchr(text, '.') != NULL) {
@@ -127,7 +130,8 @@ static int ends_with(const char* host, const char* end) {
   return length >= of_end && px_equal_ignoring_case(host + length - of_end, end, SIZE_MAX);
 }
 
-/* @param pattern one element of no_proxy; the function changes it */
+/* Whether an element of no_proxy matches `asked`.
+ * @param pattern the element; the function changes this text */
 static int excepts(char* pattern, const Place* asked) {
   if (strcmp(pattern, "*") == 0) return 1;
   if (strcmp(pattern, "<local>") == 0) return strpbrk(asked->host, ".:") == NULL;

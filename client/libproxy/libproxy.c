@@ -48,8 +48,9 @@ __attribute__((format(printf, 1, 2))) static void debug(const char* format, ...)
 
 static _Atomic(proxymanager_client*) the_client;
 
-/* The client of the process. Makes a new one if there is none, or only `useless`. Null if memory is
- * exhausted. After fork(), the parent's client remains: freeing it has no effect in the child. */
+/* Returns the client of the process. Makes a new client if there is none, or if the only client is
+ * `useless`. Returns null if memory is exhausted. After fork(), the parent's client remains:
+ * freeing it has no effect in the child. */
 static proxymanager_client* client_but(proxymanager_client* useless) {
   proxymanager_client* current = atomic_load(&the_client);
   if (current != useless) return current;
@@ -73,17 +74,17 @@ static proxymanager_status ask(const char* url, proxymanager_answer** answer) {
   return proxymanager_get(client, url, LIMIT_MS, answer);
 }
 
-/* --- Answers as libproxy gives them --- */
+/* --- Answers in libproxy's form --- */
 
-/* Whether the entry is "SOCKS" without a version, which scripts may return. */
+/* Whether `text`, an entry of an answer, begins with "SOCKS" without a version. */
 static int names_no_version(const char* text) {
   text += strspn(text, " \t");
   if (!px_equal_ignoring_case(text, "socks", 5)) return 0;
   return strspn(text + 5, "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ") == 0;
 }
 
-/* The scheme that programs know for such a proxy. Null if programs cannot use it. They know only
- * one form of SOCKS 5, in which the proxy resolves host names. */
+/* The scheme that programs use for the proxy of `entry`. Null if programs cannot use the proxy.
+ * They support only one form of SOCKS 5, in which the proxy resolves host names. */
 static const char* scheme_of(const proxymanager_entry* entry) {
   switch (entry->kind) {
     case PROXYMANAGER_DIRECT:
@@ -113,7 +114,7 @@ static char* text_of(const proxymanager_entry* entry) {
   return asprintf(&text, "%s%s", scheme, rest) < 0 ? NULL : text;
 }
 
-/* The usable entries. Null if there are none, or if memory is exhausted. */
+/* The usable entries of `answer` as URLs. Null if there are none, or if memory is exhausted. */
 static char** proxies_of(const proxymanager_answer* answer) {
   const size_t count = proxymanager_answer_count(answer);
   char** const proxies = calloc(count + 1, sizeof *proxies);
@@ -230,7 +231,7 @@ static void register_type(void) {
   void* const object = dlopen("libgobject-2.0.so.0", RTLD_LAZY | RTLD_LOCAL);
   if (object == NULL) return;
   register_function* register_boxed = NULL;
-  *(void**)&register_boxed = dlsym(object, "g_boxed_type_register_static"); /* as POSIX has it */
+  *(void**)&register_boxed = dlsym(object, "g_boxed_type_register_static"); /* POSIX's own cast */
   if (register_boxed == NULL) return;
   the_type = register_boxed("pxProxyFactory", (copy_function*)px_proxy_factory_copy,
                             (free_function*)px_proxy_factory_free);

@@ -1,4 +1,4 @@
-// An answer in the form that programs hold. It never changes after its creation, and it counts its
+// The answer that a program gets. An answer never changes after its creation, and it counts its
 // references.
 #pragma once
 

@@ -11,7 +11,8 @@ std::optional<std::string> askedUrl(std::string_view url) {
   auto asked = domain::canonicalUrl(url, PROXYMANAGER_MAX_URL);
   if (!asked) return std::nullopt;
   if (domain::hasScheme(*asked)) {
-    // A percent-encoded byte in the host is decoded, and the bus may not be able to carry it.
+    // The canonical form has decoded a percent-encoded byte in the host. The bus may not be able to
+    // carry this byte.
     return isBusText(*asked) ? asked : std::nullopt;
   }
   if (asked->find("://") != std::string::npos) return std::nullopt;  // a password may be anywhere

@@ -34,7 +34,7 @@ constexpr std::array kRows{
 }  // namespace
 
 BusError busErrorOf(std::string_view name) {
-  // Errors of the supervisor: the bus asks it to start the daemon.
+  // The bus asks systemd to start the daemon, and passes on an error of systemd.
   if (name.starts_with("org.freedesktop.systemd1.")) return BusError::kCannotStart;
   if (!name.starts_with(kPrefix)) return BusError::kUnknown;
   name.remove_prefix(kPrefix.size());

@@ -14,7 +14,7 @@ enum class BusError {
   kTimedOut,     ///< the caller's own time limit is over
   kBusy,         ///< the bus has no room for one more connection or message
   kLost,         ///< the connection to the bus ended
-  kUnknown,      ///< an error that the daemon does not send
+  kUnknown,      ///< any other error
 };
 
 /// The meaning of the error `name`, such as "org.freedesktop.DBus.Error.NoReply".

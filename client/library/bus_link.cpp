@@ -22,8 +22,8 @@ using base::kObjectPath;
 constexpr const char* kDriver = "org.freedesktop.DBus";
 constexpr const char* kDriverPath = "/org/freedesktop/DBus";
 
-// The rule selects only this signal: the daemon's other signals would wake every client for
-// nothing.
+// The rule selects only the signal that answers have changed: the daemon's other signals would wake
+// every client for nothing.
 constexpr const char* kClearRule =
     "type='signal',sender='com.zentu.ProxyManagerService',path='/com/zentu/ProxyManagerService',"
     "interface='com.zentu.ProxyManagerServiceInterface',member='notifyClearcache'";
@@ -119,9 +119,9 @@ int BusLink::process() {
   return followed < 0 ? followed : 1;
 }
 
-/// Asks for the signals first and then for the owner of the name. So every change of the owner
-/// after that answer is reported. A question that is sent later reaches the daemon after the bus
-/// has handled these requests.
+/// First subscribes to the signals, then asks the bus for the owner of the daemon's name. So the
+/// link notices every later change of the owner. A question that is sent later reaches the daemon
+/// after the bus has handled these requests.
 int BusLink::follow() {
   int result =
       sd_bus_add_match_async(mBus.get(), nullptr, kOwnerRule, onOwnerSignal, onMatch, this);
@@ -141,14 +141,15 @@ int BusLink::send(const std::string& url, Asked& asked) {
   return ask(asked);
 }
 
-/// Sends a question whose URL is set. May be called again for the same question. @return 0, or an
-/// errno
+/// Sends a question whose URL is set. The link can call it again for the same question. @return 0,
+/// or an errno
 int BusLink::ask(Asked& asked) {
   ++asked.mAttempts;
   return call("getProxyurl", asked.mUrl->c_str(), onReply, asked);
 }
 
-/// @param url the argument; null for none. @return 0, or an errno
+/// Calls the method `member` of the daemon. @param url the argument; null if the method takes none.
+/// @return 0, or an errno
 int BusLink::call(const char* member, const char* url, sd_bus_message_handler_t handler,
                   Asked& asked) {
   sd_bus_message* made = nullptr;
@@ -173,7 +174,7 @@ pollfd BusLink::polled() const {
 }
 
 std::optional<Clock::time_point> BusLink::wakeAt() const {
-  std::uint64_t until = 0;  // of the monotonic clock, like Clock
+  std::uint64_t until = 0;  // a time on the monotonic clock, which Clock also uses
   if (sd_bus_get_timeout(mBus.get(), &until) <= 0 || until == UINT64_MAX) return std::nullopt;
   return Clock::time_point(std::chrono::microseconds(until));
 }
@@ -234,7 +235,8 @@ Outcome BusLink::outcomeOf(ProxyAnswer answer) const {
   return {PROXYMANAGER_OK, AnswerRef(new proxymanager_answer(std::move(answer))), {}};
 }
 
-/// If the bus refuses a rule, the link can still ask, but its answers are not remembered.
+/// Counts the match rules that the bus accepts. If the bus refuses a rule, the link can still send
+/// questions, but the client does not remember the answers.
 int BusLink::onMatch(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
   self.mAnswered++;

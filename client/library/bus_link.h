@@ -39,8 +39,8 @@ class BusLink {
     BusLink* mLink = nullptr;
     const std::string* mUrl = nullptr;  ///< owned by the caller
     int mAttempts = 0;                  ///< how often the question was sent
-    /// An answer for which the credentials are still missing, and whether the answer may be
-    /// remembered.
+    /// An answer for which the credentials are still missing. mIsFromOwner is the `isFromOwner` of
+    /// replied().
     std::optional<ProxyAnswer> mAnswer;
     bool mIsFromOwner = false;
     std::unique_ptr<sd_bus_slot, SlotCloser> mSlot;
@@ -54,15 +54,16 @@ class BusLink {
     /// changes.
     virtual void replied(Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept = 0;
     virtual void answersChanged() noexcept = 0;
-    /// Reports whether the daemon's name has an owner. Called when the link first knows this, and
-    /// at each change.
+    /// Reports whether the daemon's name has an owner. Called when the bus first reports the owner
+    /// to the link, and at each change.
     virtual void ownerChanged(bool isThere) noexcept = 0;
 
    protected:
     ~Listener() = default;
   };
 
-  /// @param flags PROXYMANAGER_NO_START, PROXYMANAGER_WITH_CREDENTIALS and PROXYMANAGER_REFUSE
+  /// @param flags any of PROXYMANAGER_NO_START, PROXYMANAGER_WITH_CREDENTIALS and
+  /// PROXYMANAGER_REFUSE
   BusLink(unsigned flags, Listener& listener) : mFlags(flags), mListener(listener) {}
   BusLink(const BusLink&) = delete;
   BusLink& operator=(const BusLink&) = delete;
@@ -109,7 +110,7 @@ class BusLink {
   void setOwner(const char* owner);
   bool isFromOwner(sd_bus_message* message) const;
 
-  /// The link's own calls: two match rules, and the question who owns the daemon's name.
+  /// The link's own calls: two match rules, and the request for the owner of the daemon's name.
   static constexpr int kOwnCalls = 3;
 
   unsigned mFlags;

@@ -1,11 +1,11 @@
 // A client of the daemon: the questions of many threads, the remembered answers, and one thread,
 // "pm-client", that uses the connection to the bus.
 //
-// For a question, a thread first searches the remembered answers, and usually finds one. Else it
-// puts the question into a list for the client's thread. Questions for the same URL share one call
-// on the bus. If no caller waits for a call any more, the call stays in the list until its reply
-// arrives, because the bus counts it until then. A new question for the same URL then joins that
-// call.
+// For a question, a thread first searches the remembered answers, and usually finds the answer
+// there. Else the thread puts the question into a list for the client's thread. Questions for the
+// same URL share one call on the bus. If no caller waits for a call any more, the call stays in the
+// list until its reply arrives, because the bus counts it as a call in progress until then. A new
+// question for the same URL then joins that call.
 //
 // If a thread waits for its question, it checks the time limit itself, so the limit holds even if
 // the client's thread is busy. The client's thread checks the limits of all other questions.
@@ -53,18 +53,18 @@ inline constexpr std::chrono::milliseconds kLongestPause{4000};
 class Client final : public BusLink::Listener {
  public:
   /// @param address of the bus
-  /// @param flags PROXYMANAGER_NO_START and PROXYMANAGER_ASK_LOCAL
+  /// @param flags any flags of proxymanager_client_new()
   Client(std::string address, unsigned flags);
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
-  /// Called only if belongsHere().
+  /// Called only if belongsHere() is true.
   ~Client();
 
   /// Whether this process made the client. A child process that has a copy of the client through
   /// fork() did not make it. Like sd-bus, this function only compares process ids.
   bool belongsHere() const;
-  // These functions do what the functions of the interface with the same names do. They throw
-  // std::bad_alloc.
+  // Each of these functions does the work of the function with the same name in the C interface.
+  // They throw std::bad_alloc.
   Outcome get(std::string_view url, std::chrono::milliseconds limit) PM_EXCLUDES(mMutex);
   /// @param remembered receives the answer if it is remembered; in this case, no question is asked
   proxymanager_status ask(std::string_view url, std::chrono::milliseconds limit,
@@ -103,8 +103,8 @@ class Client final : public BusLink::Listener {
   using Calls = std::list<Call>;
 
   struct Watch {
-    /// The state of a watch: it is new; the client tries to reach the bus for it; or it was told
-    /// about the daemon.
+    /// The state of a watch: the watch is new; the client tries to reach the bus for it; or the
+    /// client has reported to it whether the daemon runs.
     enum class State { kNew, kLooking, kTold };
 
     proxymanager_id id;
@@ -115,7 +115,7 @@ class Client final : public BusLink::Listener {
 
   enum class Presence { kUnknown, kThere, kGone };
 
-  // Any thread.
+  // These functions may run on any thread.
   proxymanager_status startThread() PM_REQUIRES(mMutex);
   bool isOwnThread() const PM_REQUIRES(mMutex);
   proxymanager_status mayAsk() PM_REQUIRES(mMutex);
@@ -152,9 +152,9 @@ class Client final : public BusLink::Listener {
   const std::string mAddress;
   const unsigned mFlags;
 
-  int mWakeFd = -1;  ///< an eventfd; made once, before the thread, under the mutex
+  int mWakeFd = -1;  ///< an eventfd; made once, before the thread, under mMutex
   std::atomic<bool> mIsConnected{false};
-  /// Filled and cleared under the mutex: after a change, no answer from before the change may be
+  /// Filled and cleared under mMutex: after a change, no answer from before the change may be
   /// remembered.
   SharedAnswers mRemembered;
 
@@ -162,7 +162,7 @@ class Client final : public BusLink::Listener {
   bool mIsEnding PM_GUARDED_BY(mMutex) = false;
   std::optional<pthread_t> mThread PM_GUARDED_BY(mMutex);
   proxymanager_id mLastId PM_GUARDED_BY(mMutex) = 0;
-  std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts what makes answers wrong
+  std::uint64_t mGeneration PM_GUARDED_BY(mMutex) = 0;  ///< counts events that make answers invalid
   Calls mCalls PM_GUARDED_BY(mMutex);
   std::size_t mQuestionCount PM_GUARDED_BY(mMutex) = 0;  ///< questions not yet ended
   Questions mEnded PM_GUARDED_BY(mMutex);  ///< questions whose callbacks must still run
@@ -173,11 +173,11 @@ class Client final : public BusLink::Listener {
   // Used only by the client's thread.
   std::optional<BusLink> mLink;
   Clock::time_point mLinkEnd;  ///< when the client ends a link that is not ready
-  bool mIsOwnerKnown = false;  ///< on this link
+  bool mIsOwnerKnown = false;  ///< whether mLink has reported the owner of the daemon's name
   Clock::time_point mRetryAt;
   std::chrono::milliseconds mPause{kFirstPause};
   Presence mPresence = Presence::kUnknown;
-  std::optional<proxymanager_change> mChange;  ///< a change that the watches have not been told yet
+  std::optional<proxymanager_change> mChange;  ///< a change not yet reported to the watches
 };
 
 }  // namespace client::library

@@ -34,18 +34,19 @@ proxymanager_status guarded(Function function) noexcept {
   }
 }
 
-/// Whether `client` can be asked about `url`.
+/// Checks the arguments of a question. @return PROXYMANAGER_OK if `client` can be asked about `url`
 proxymanager_status check(const proxymanager_client* client, const char* url) {
   if (client == nullptr || url == nullptr) return PROXYMANAGER_BAD_ARGUMENT;
   return client->client.belongsHere() ? PROXYMANAGER_OK : PROXYMANAGER_FORKED;
 }
 
-/// The text. If it is too long, its first bytes: one more than the limit.
+/// Returns a view of the text. If the text is too long, the view has one byte more than
+/// PROXYMANAGER_MAX_URL, so the question is refused.
 std::string_view viewOf(const char* url) {
   return {url, strnlen(url, PROXYMANAGER_MAX_URL + std::size_t{1})};
 }
 
-/// Records how a question ended, or why it was not asked.
+/// Records for proxymanager_last_failure() how a question ended, or why it was not asked.
 proxymanager_status told(const Outcome& outcome) noexcept {
   setLastFailure(outcome);
   return outcome.status;

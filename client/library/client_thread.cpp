@@ -17,7 +17,8 @@ namespace {
 
 constexpr const char* kThreadName = "pm-client";
 
-/// The timeout for poll() in milliseconds, rounded up; -1 if there is no `end`.
+/// The timeout for a poll() that ends at `end`: in milliseconds, rounded up; -1 if there is no
+/// `end`.
 int untilPollEnds(std::optional<Clock::time_point> end) {
   if (!end) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now()).count();
@@ -43,7 +44,8 @@ void Client::run() {
   }
 }
 
-/// Prepares the next wait. @return false if the client is ending
+/// Does the work that is due before the next wait: ends late questions, connects to the bus, sends
+/// questions. @return false if the client is ending
 bool Client::prepare() {
   const auto now = Clock::now();
   bool isAsked = false;
@@ -115,8 +117,8 @@ void Client::send() {
   }
 }
 
-/// Handles one message. It handles only one, so that many messages do not delay other work. @return
-/// whether there may be more
+/// Handles only one message, so that many messages do not delay other work. @return whether there
+/// may be more
 bool Client::handleBus() {
   if (!mLink) return false;
   const auto looked = Clock::now();
@@ -190,7 +192,7 @@ void Client::complete(Questions& questions, const Outcome& outcome) {
     --mQuestionCount;
     waiter.outcome = outcome;
     waiter.isEnded = true;
-    waiter.ended.notify_one();  // under the mutex: after its release, the waiter may be gone
+    waiter.ended.notify_one();  // mMutex is held: after its release, the waiter may be gone
   }
 }
 
@@ -295,8 +297,9 @@ void Client::answersChanged() noexcept {
 }
 
 void Client::ownerChanged(bool isThere) noexcept {
-  // Calls in progress are stale only if the daemon was there before. Otherwise, no daemon could
-  // answer until now, or the link has sent no question before it knew the owner.
+  // Calls in progress are stale only if the daemon was there before. Otherwise, either no daemon
+  // could answer until now, or this is the first report of a new link: its questions reach the bus
+  // after its request for the owner.
   const bool isNews = std::exchange(mIsOwnerKnown, true) && mPresence == Presence::kThere;
   invalidate(isNews);
   mPause = kFirstPause;

@@ -20,8 +20,8 @@ std::shared_ptr<const Detail> detail(int error, std::string_view name, std::stri
 }
 
 /// The last failure of a thread, with space for its texts. It has no destructor: the C library
-/// needs memory to register the destructor of a thread_local, and ends the process if there is
-/// none.
+/// needs memory to register the destructor of a thread_local, and ends the process if there is no
+/// memory.
 struct LastFailure {
   proxymanager_failure failure{PROXYMANAGER_OK, 0, "", ""};
   std::array<char, kMaxBusErrorName + 1> name{};

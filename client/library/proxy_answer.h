@@ -32,7 +32,7 @@ struct ProxyEntry {
   ProxyKind kind = ProxyKind::kUnusable;
   std::string text;         ///< the daemon's text
   std::string credentials;  ///< "user:password" of a URL, still percent-encoded; usually empty
-  std::string host;         ///< a name, an IPv4 address, or an IPv6 one in brackets
+  std::string host;         ///< a name, an IPv4 address, or an IPv6 address in brackets
   std::uint16_t port = 0;   ///< in host order; 0 if there is no proxy
 
   bool operator==(const ProxyEntry&) const = default;
@@ -84,8 +84,8 @@ bool isMode(std::string_view text);
 /// Reads the texts that the daemon returns. The first is the mode. In the modes off and manual, one
 /// text follows, which may be empty. In the other modes, one text follows for each entry,
 /// kMaxEntries at most.
-/// @return nothing if there is no text, or if the only text is "off": the daemon then has no
-///         service any more, because it is about to end
+/// @return nothing if there is no text, or if the only text is "off": in this case, the daemon is
+///         about to end
 std::optional<ProxyAnswer> parseAnswer(std::span<const std::string> texts);
 
 /// "user:password" for the URL of a proxy, percent-encoded; "user" without a password.
@@ -102,21 +102,21 @@ bool takesCredentials(const ProxyAnswer& answer, const ProxyEntry& entry,
 /// Adds the user name and password of `configuration` to the entries for which takesCredentials()
 /// is true. Answer and configuration are replies to two calls, and the daemon may get a new
 /// configuration between the calls. The proxy of the old configuration must not get the password of
-/// the new one.
+/// the new configuration.
 /// @return false if `answer` does not belong to `configuration`: it has another mode, or another
 /// manual proxy. The answer is then unchanged.
 bool addCredentials(ProxyAnswer& answer, const Configuration& configuration,
                     std::span<const std::string> hosts);
 
-/// How many times a question is asked if its answer does not belong to the configuration that is
-/// read after it. After that, the answer stays without credentials. A second change within the same
-/// milliseconds is rare.
+/// Maximum number of times that a question is asked. It is asked again if its answer does not
+/// belong to the configuration that is read after the answer. If the last attempt fails, too, the
+/// answer stays without credentials. A second change within the same milliseconds is rare.
 inline constexpr int kMaxAttempts = 3;
 
 /// "socks5h://host:1080", with the credentials. Empty if there is no proxy.
 std::string proxyUrl(const ProxyEntry& entry);
 
-/// The scheme of that URL, or "direct" or "unusable".
+/// The scheme of proxyUrl() for an entry of this kind, or "direct" or "unusable".
 std::string_view kindName(ProxyKind kind);
 
 /// The first of `entries` that a program can use; null if there is none.

@@ -69,10 +69,12 @@ class SharedAnswers {
   SharedAnswers(const SharedAnswers&) = delete;
   SharedAnswers& operator=(const SharedAnswers&) = delete;
 
-  /// As in RememberedAnswers. Any thread. Throws std::bad_alloc.
+  /// find() and add() do the same as in RememberedAnswers. Any thread may call them. They throw
+  /// std::bad_alloc.
   AnswerRef find(std::string_view url);
   void add(std::string_view url, const AnswerRef& answer);
-  /// As in RememberedAnswers. A find() that begins after clear() has returned finds nothing.
+  /// Forgets all answers. A find() that begins after clear() has returned finds nothing until the
+  /// next add().
   void clear();
 
   /// Maximum number of all answers. This is enough for the pages that a person has open, with
@@ -82,7 +84,7 @@ class SharedAnswers {
   /// 600 bytes.
   static constexpr std::size_t kMaxBytes = 512UL * 1024;
 
-  /// This is more than the number of processors of a usual device.
+  /// Number of parts: more than the number of processors of a usual device.
   static constexpr std::size_t kParts = 8;
   /// Maximum number of copies in a part, and of their bytes. This is enough for one page.
   static constexpr std::size_t kMaxCopies = 128;
@@ -92,7 +94,8 @@ class SharedAnswers {
   /// Each part has its own cache lines.
   struct alignas(128) Part {
     Mutex mutex;
-    /// The value of mChange for which the copies are valid. After a further change they are wrong.
+    /// The value of mChange for which the copies are valid. After the next clear(), they are not
+    /// used.
     unsigned long change PM_GUARDED_BY(mutex) = 0;
     RememberedAnswers copies PM_GUARDED_BY(mutex){kMaxCopies, kMaxCopiedBytes};
   };

@@ -28,7 +28,8 @@ struct ShownAnswer {
   bool isAnswered() const;
 };
 
-/// An object with url, mode, host, answered, result, entries and error, in this order.
+/// The answer as a JSON object with url, mode, host, answered, result, entries and error, in this
+/// order.
 nlohmann::ordered_json jsonOf(const ShownAnswer& answer, bool showPassword);
 
 /// The description of the object of jsonOf() in help texts.

@@ -9,7 +9,7 @@
 namespace client {
 
 /// The default time limit for an answer. An evaluation takes 5.25 s at most, and the question may
-/// wait for another evaluation first. The rest is a reserve for a busy device.
+/// wait for another evaluation first. The remaining time is a reserve for a busy device.
 inline constexpr std::chrono::seconds kAskLimit{15};
 
 /// The default time limit for a change. A change never waits for a download. But it may wait for

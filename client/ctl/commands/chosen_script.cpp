@@ -51,8 +51,8 @@ void checkStandardInput(const ChosenScript& chosen, const std::string& file) {
 
 std::string readChosenScript(const ChosenScript& chosen) {
   if (!chosen.isCurrent) return readScript(chosen.file);
-  // Every user may put something in this place, so links are not followed and the read does not
-  // wait.
+  // Every user may create a file at the path of the daemon's script. So the read follows no link
+  // and does not wait.
   base::FileDemands demands;
   demands.mostBytes = kMaxScriptBytes;
   demands.owner = base::FileOwner::anybody;

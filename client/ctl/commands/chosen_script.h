@@ -9,19 +9,20 @@ namespace client {
 
 struct ChosenScript {
   std::string file;
-  std::string option;  ///< FILE, if the option -p gives it
+  std::string option;  ///< the file that the option -p names
   bool isCurrent = false;
 };
 
-/// Adds to `command` the argument FILE and the option -p. Other programs that test scripts have the
-/// same option. `chosen` must live as long as `command`.
+/// Adds to `command` the argument FILE, and -p, the option for a script in other programs that test
+/// scripts. `chosen` must live as long as `command`.
 void addScriptFile(CLI::App& command, ChosenScript& chosen);
 
 /// Adds --current.
 void addCurrentScript(CLI::App& command, ChosenScript& chosen);
 
-/// Call it after the command line has been parsed. Throws the parser's error if there is no script.
-/// @return if -p or --current selects the script: the word that stands in the place of FILE
+/// Sets the file of the script from FILE, -p and --current. Call this function after the command
+/// line has been parsed. Throws the parser's error if there is no script.
+/// @return the argument in the place of FILE, if -p or --current selects the script; else nothing
 std::vector<std::string> settleScript(ChosenScript& chosen);
 
 /// Does the same for a command whose only argument is FILE.

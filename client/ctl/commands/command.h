@@ -1,6 +1,6 @@
-// What main.cpp and the commands share. Each command is one file. It adds itself, with its help, to
-// the program's grammar. It also sets the action that main.cpp runs when the whole command line is
-// parsed.
+// The type for the work of a command. Each command has its own source file. A function in it
+// adds the command and its help to the parser of the command line. It also sets the action that
+// main.cpp runs when the whole command line is parsed.
 #pragma once
 
 #include <functional>

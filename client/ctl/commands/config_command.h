@@ -1,4 +1,4 @@
-// proxymanagerctl config: the configuration in force.
+// proxymanagerctl config: shows the daemon's configuration.
 #pragma once
 
 #include <CLI/App.hpp>

@@ -55,8 +55,8 @@ std::pair<std::size_t, std::size_t> testOf(const std::vector<Place>& places, std
   return test.is('t') ? std::pair(test.line, test.column) : std::pair<std::size_t, std::size_t>();
 }
 
-/// Which places a URL reached. The table is made once, because a search for each rule would take
-/// seconds in a large script.
+/// For each place, whether `trace` has reached it. The table is made once for each URL, because a
+/// search for each rule would take seconds in a large script.
 std::vector<bool> reachedBy(const Trace& trace, std::size_t places) {
   std::vector<bool> reached(places);
   for (const auto& total : trace.counts) reached[total.place] = true;

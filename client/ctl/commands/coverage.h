@@ -1,4 +1,4 @@
-// Which parts of a PAC script a list of URLs reaches.
+// Finds which parts of a PAC script a list of URLs reaches.
 #pragma once
 
 #include <chrono>
@@ -29,13 +29,14 @@ struct MissedRule {
   std::string reachedBy;    ///< a URL that was made from the script and reaches this rule; or empty
   std::string shadowedUrl;  ///< a URL that was made for this rule, but another rule answers it
   std::optional<std::size_t> shadow;  ///< the return that answers this URL
-  /// A URL that was made for this rule reached the rule's test, or was not tried. Then it is not
-  /// known whether another rule shadows this one.
+  /// True if a URL that was made for this rule reached the rule's test, or if this URL was not
+  /// tried. In both cases it is unknown whether another rule shadows this rule.
   bool mayBeReached = false;
 };
 
-/// The time limit for all URLs that are made from a script. A URL that leads to an endless loop
-/// takes longer: 5 s in the unchanged script, and 5 s in the instrumented script.
+/// The time limit for all URLs that are made from a script. The last URL can exceed this limit: if
+/// it leads to an endless loop, it takes 5 s in the unchanged script and 5 s in the instrumented
+/// script.
 inline constexpr std::chrono::seconds kMadeTime{8};
 
 struct Share {
@@ -44,15 +45,15 @@ struct Share {
 };
 
 struct Coverage {
-  /// One for each place of the script. They include the counts of the load.
+  /// One element for each place of the script. The counts include the load of the script.
   std::vector<PlaceCount> places;
   std::vector<CoveredUrl> urls;
   std::vector<MissedRule> missed;
   std::size_t made = 0;  ///< number of the made URLs that were tried
-  bool madeCut = false;  ///< not all URLs that could be made were tried
+  bool madeCut = false;  ///< some URLs that can be made were not tried
   bool ownText = false;  ///< the script has read the text of a function
   Share statements;
-  Share branches;  ///< each test has two branches, each case has one
+  Share branches;  ///< a test has two branches, a case of a switch has one
   Share rules;     ///< the returns
 };
 

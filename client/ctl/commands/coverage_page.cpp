@@ -62,8 +62,8 @@ std::string cell(const char* kind, std::string_view text) {
   return std::string("<td class=\"") + kind + "\">" + escaped(text) + "</td>";
 }
 
-/// The hits of a line: how often its first statement was reached, and whether a part of it was
-/// missed.
+/// The hits of a line: the highest count of its places, and whether a place or a branch of the line
+/// was missed.
 struct LineHits {
   std::uint64_t most = 0;
   bool hasMiss = false;
@@ -120,7 +120,7 @@ std::string urlRows(const InstrumentedScript& script, const Coverage& coverage) 
   return html;
 }
 
-/// The notes about the report, as rows of the page. Empty if there are none.
+/// The notes of coverageNotes() as rows of the page. Empty if there are no notes.
 std::string noteRows(const InstrumentedScript& script, const Coverage& coverage) {
   std::string html;
   for (const auto& note : coverageNotes(script, coverage))

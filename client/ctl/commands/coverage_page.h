@@ -17,10 +17,10 @@ std::string coveragePage(const std::string& file, const InstrumentedScript& scri
 /// notice the instrumentation, and whether not all made URLs were tried.
 std::vector<std::string> coverageNotes(const InstrumentedScript& script, const Coverage& coverage);
 
-/// "12 of 15 (80 %)".
+/// The share as a text: "12 of 15 (80 %)".
 std::string shownShare(const Share& share);
 
-/// What is known about a missed rule, in words.
+/// Describes in words what is known about a missed rule.
 std::string shownMiss(const InstrumentedScript& script, const MissedRule& rule);
 
 }  // namespace client

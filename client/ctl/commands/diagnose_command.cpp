@@ -40,7 +40,7 @@ struct DiagnoseArguments {
   CallOptions call;
 };
 
-/// The server of the URL.
+/// The server of the URL that the user gives.
 struct Server {
   bool isEncrypted = false;
   std::string authority;  ///< host and port, as in the URL
@@ -93,14 +93,14 @@ std::string problemOf(const std::string& line, bool isTunnel) {
   const auto said = "it answers \"" + line.substr(blank + 1) + '"';
   if (code == 407) return said + ": it wants a user name and a password";
   if (isTunnel) return code >= 200 && code < 300 ? "" : said;
-  // A proxy refuses with 400 or 403. These three statuses come from the server, and are about its
-  // page.
+  // A proxy refuses with 400 or 403. The three statuses below come from the server and concern only
+  // its page.
   const bool isServers = code == 401 || code == 404 || code == 405;
   const bool isFine = (code >= 200 && code < 400) || isServers;
   return isFine ? "" : said;
 }
 
-/// Tries to connect by `entry`. @return the problem, or nothing
+/// Tries to connect to `server` through `entry`. @return the problem, or an empty text
 std::string tryEntry(const ProxyEntry& entry, const Server& server) {
   const bool isDirect = entry.kind == ProxyKind::kDirect;
   const auto made = isDirect ? connectTo(server.host, server.port, kStepLimit)

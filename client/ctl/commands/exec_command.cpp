@@ -45,11 +45,11 @@ Exit status:
 )";
 
 /// How long a connection to one proxy may take. This includes the lookup of the proxy's name. A
-/// lost packet is sent again after 1 s.
+/// lost packet is sent again after 1 s, so one packet may be lost.
 constexpr std::chrono::seconds kConnectLimit{3};
 
-/// How long all these connections may take. A list of dead proxies must not delay the command by
-/// minutes.
+/// How long the connections to all proxies together may take. A list of dead proxies must not delay
+/// the command by minutes.
 constexpr std::chrono::seconds kCheckLimit{10};
 
 struct ExecArguments {

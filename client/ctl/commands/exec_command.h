@@ -14,7 +14,7 @@ struct CommandLine {
   std::vector<std::string> own;  ///< without the program's name
   std::vector<std::string> other;
   bool hasOther = false;  ///< whether a "--" stood before `other`
-  bool isHelp = false;    ///< whether it was "help COMMAND"
+  bool isHelp = false;    ///< whether the command line was "help COMMAND"
 };
 
 /// Puts the arguments in the order of the grammar. "help COMMAND" becomes "COMMAND --help", and

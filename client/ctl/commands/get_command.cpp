@@ -142,7 +142,7 @@ ExitStatus getJson(Answers& daemon, const GetArguments& arguments) {
   return allAnswered ? kAnswered : kNoAnswer;
 }
 
-/// Throws the parser's error for options that would have no effect.
+/// Throws the parser's error for password options that would have no effect.
 void checkPasswordOptions(const GetArguments& arguments) {
   const auto& answers = arguments.answers;
   if (answers.withCredentials && arguments.format != "curl" && arguments.format != "env") {

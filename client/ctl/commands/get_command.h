@@ -1,4 +1,4 @@
-// proxymanagerctl get: the daemon's answer for URLs.
+// proxymanagerctl get: shows the daemon's answers for URLs.
 #pragma once
 
 #include <CLI/App.hpp>

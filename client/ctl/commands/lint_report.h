@@ -32,7 +32,7 @@ struct LintReport {
   std::vector<LintFinding> findings;  ///< by line and column
 };
 
-/// "note", "warning" or "error".
+/// The name of `severity` in the output: "note", "warning" or "error".
 const char* nameOf(Severity severity);
 
 /// Reads the report of the workbench's command "lint". Throws nlohmann::json::exception or
@@ -43,11 +43,11 @@ LintReport lintReportOf(const nlohmann::json& report);
 /// MESSAGE [NAME]"; its reason and its fix follow. The last line has the number of findings.
 std::vector<std::string> lintLines(const LintReport& report, const std::string& file);
 
-/// An object: file, errors, warnings, notes and findings.
+/// The report as a JSON object with file, errors, warnings, notes and findings.
 nlohmann::ordered_json lintJson(const LintReport& report, const std::string& file);
 
 /// The report in the Static Analysis Results Interchange Format, version 2.1.0.
-/// @param version of this program
+/// @param version the version of this program
 nlohmann::ordered_json lintSarif(const LintReport& report, const std::string& file,
                                  const std::string& version);
 

@@ -77,7 +77,8 @@ class CacheOnTrial {
  public:
   enum class Finding { kMiss, kHit, kStale };
 
-  /// @param shown the script's current answer
+  /// Looks up the host of `shown` in the cache, as the daemon does. After a miss, stores `shown`,
+  /// which is the script's current answer.
   Finding ask(const ShownAnswer& shown) {
     ProxyUrlSettings kept;
     OwnedSettings fresh(PacParser::proxys2ProxySettings(shown.result.value_or("")));
@@ -157,7 +158,8 @@ void measureHelpers(Measured& measured, const std::string& script, const BenchAr
   pac_engine::Problem problem;
   const auto tracer = loadScript(script, std::move(options), problem);
   if (!tracer) throw refusal(arguments.script.file, problem);
-  // This removes the calls made during the load from the counts.
+  // This call ends the counts of the load. So the later counts include only calls of the
+  // evaluations.
   if (!tracer->command("trace", "", problem)) throw refusal(arguments.script.file, problem);
   for (int round = 0; round < arguments.rounds; ++round) {
     for (const auto& url : arguments.asked.urls) {

@@ -1,4 +1,5 @@
-// `proxymanagerctl pac`: tries out PAC scripts without daemon and bus, for authors of scripts.
+// `proxymanagerctl pac`: tries out PAC scripts without the daemon and the bus, for authors of
+// scripts.
 //
 // The script runs as in the daemon: in the same library and the same sandboxed worker, with the
 // same limits. The daemon's own code parses the result. Options change only the script's view of

@@ -77,7 +77,8 @@ Json jsonOf(const std::string& file, const InstrumentedScript& script, const Cov
   json["places"] = Json::array();
   for (const auto& total : coverage.places) {
     const auto& place = script.places[total.place];
-    // A switch or a case compares its value, so it does not matter if the value is true or false.
+    // A switch or a case compares its value, so it does not matter whether the value is true or
+    // false.
     const bool isSwitch = place.is('w') || place.is('k');
     json["places"].push_back({{"kind", place.kind},
                               {"line", place.line},

@@ -44,7 +44,7 @@ Exit status:
 
 /// Maximum number of URLs that are made from each of the two scripts.
 constexpr std::size_t kMostMade = 2000;
-/// The time for all these URLs. After this time, the command asks about no further URL.
+/// Time limit for all URLs that are made. After this time, the command asks about no further URL.
 constexpr std::chrono::seconds kMadeDiffTime{30};
 constexpr std::size_t kMostShown = 3;
 
@@ -56,7 +56,8 @@ struct DiffArguments {
   bool json = false;
 };
 
-/// The answer of one script: the line that decided, and the answer or the reason why there is none.
+/// The answer of one script for a URL: the line of the return that decided, and the answer or the
+/// reason why there is none.
 struct Decision {
   std::size_t line = 0;  ///< 0 if no return decided
   std::string text;
@@ -67,7 +68,7 @@ struct Decision {
   bool isSame(const Decision& other) const {
     return isAnswered == other.isAnswered && withoutLine() == other.withoutLine();
   }
-  /// What URLs with the same decision have in common: the line, or the text if the line is unknown.
+  /// Identifies the rule that decided: its line, or the text of the answer if the line is unknown.
   std::pair<std::size_t, std::string> rule() const { return {line, line == 0 ? text : ""}; }
 
  private:
@@ -87,7 +88,7 @@ Decision decisionOf(TracedScript& script, const std::string& url) {
   return {line, "no answer: " + answer.error.value_or(""), false};
 }
 
-/// Adds the URLs that are made from `script`. @return whether there are more
+/// Adds the URLs that are made from `script`. @return whether more than kMostMade URLs can be made
 bool addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::string_view script,
              const std::string& file) {
   const auto parser = openParser(script, file);
@@ -99,10 +100,10 @@ bool addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::
   return report.at("cut").get<bool>();
 }
 
-/// URLs for which the same two rules decided.
+/// A group of URLs: for all of them, the same rule of each script decided.
 struct Group {
-  Decision before;  ///< for the first URL
-  Decision after;   ///< for the first URL
+  Decision before;  ///< of the old script, for the first URL
+  Decision after;   ///< of the new script, for the first URL
   std::vector<std::string> urls;
 };
 

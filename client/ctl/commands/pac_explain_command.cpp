@@ -66,7 +66,7 @@ struct ExplainArguments {
   bool json = false;
 };
 
-/// "1.2 ms" or "340 us".
+/// The time as a text: "1.2 ms" or "340 us".
 std::string shownTime(std::int64_t microseconds) {
   if (microseconds < 1000) return std::to_string(microseconds) + " us";
   const auto tenths = (microseconds + 50) / 100;

@@ -50,8 +50,8 @@ struct LintArguments {
   std::vector<std::string> only;
 };
 
-/// The script's answers for hosts of the local network, while no name resolves. A script that is
-/// refused ends the command.
+/// The script's answers for hosts of the local network, while no name resolves. Throws Failure if
+/// the script is refused.
 nlohmann::json localAnswers(const std::string& script, const std::string& file) {
   pac_engine::Options options;
   options.names.offline = true;
@@ -67,8 +67,8 @@ nlohmann::json localAnswers(const std::string& script, const std::string& file) 
   return answers;
 }
 
-/// The report has the names of the rules. Before the report arrives, the only check is that a name
-/// is a word.
+/// Checks only that the name of a rule is a word, because the names of all rules arrive with the
+/// report.
 std::string notAWord(const std::string& name) {
   const bool isWord = !name.empty() && name.size() <= 64 &&
                       name.find_first_not_of("abcdefghijklmnopqrstuvwxyz-") == std::string::npos;

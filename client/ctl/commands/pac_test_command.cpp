@@ -65,7 +65,7 @@ class TestedScript {
   TestedScript(std::string script, const TestedFiles& files)
       : mScript(std::move(script)), mFiles(files) {}
 
-  /// @return null if the script is refused
+  /// @return the script in the environment of `given`; null if the script is refused
   pac_engine::Engine* inWorldOf(const TestCase& given, pac_engine::Problem& refused) {
     if (mEngine && isSameWorld(mWorld, given.environment)) return mEngine.get();
     mEngine = loadScript(mScript, optionsOf(given), refused);
@@ -178,7 +178,7 @@ void addPacTest(CLI::App& pac, Action& action) {
     if (arguments->files.script == "-" && arguments->files.cases == "-") {
       throw CLI::ValidationError("CASES", "standard input holds the script already");
     }
-    engineOptions(arguments->environment);  // throws if their values are wrong usage
+    engineOptions(arguments->environment);  // throws if the value of an option is not valid
     action = [arguments] { return testScript(*arguments); };
   });
 }

@@ -1,4 +1,4 @@
-// The environment variables that tell programs which proxy to use. Pure functions.
+// The environment variables from which programs read their proxy. Pure functions.
 #pragma once
 
 #include <array>
@@ -25,10 +25,10 @@ inline constexpr std::array<std::string_view, 8> kProxyVariables{
 inline constexpr std::string_view kNotThroughProxy =
     "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10";
 
-/// The values for `entry`, the answer for `url`. All schemes get the same proxy, even if only some
-/// programs support its type. The other programs then fail, and do not bypass the proxy. The result
-/// is empty for DIRECT. It does not contain no_proxy if no_proxy would match the host of `url`
-/// itself.
+/// The values of kProxyVariables for `entry`, the answer for `url`. All schemes get the same proxy,
+/// even if only some programs support its type. A program that does not support the type then
+/// fails, and does not bypass the proxy. The result is empty for DIRECT. It does not contain
+/// no_proxy if no_proxy would match the host of `url` itself.
 std::map<std::string_view, std::string> proxyVariables(const ProxyEntry& entry,
                                                        std::string_view url);
 

@@ -61,7 +61,8 @@ struct PvdArguments {
   bool json = false;
 };
 
-/// Throws Failure if the document cannot be read or is not valid.
+/// Reads the document that the arguments name. Throws Failure if the document cannot be read or is
+/// not valid.
 pvd::Document documentOf(const PvdArguments& arguments) {
   auto source = pvd::readSource(arguments.source);
   const auto host = arguments.host ? arguments.host : source.host;
@@ -168,7 +169,8 @@ ExitStatus makeScript(const PvdArguments& arguments) {
   return kAnswered;
 }
 
-/// The answer becomes a quoted text in the script.
+/// Checks the answer for URLs that no rule matches. The answer becomes a quoted text in the script,
+/// so few characters are allowed. @return the problem, or an empty text
 std::string checkAnswer(const std::string& text) {
   const auto isPart = [](char c) {
     return base::isLetter(c) || base::isDigit(c) ||

@@ -31,7 +31,7 @@ struct Ignored {
 // --- JSON: the rules of I-JSON that the parser does not check ---
 
 /// Refuses a document that nests too deeply, and an object that has a name twice: some parsers use
-/// the first of the two values, others the last.
+/// the first value, and other parsers use the last value.
 class Shape {
  public:
   bool operator()(int depth, Json::parse_event_t event, const Json& value) {
@@ -179,8 +179,8 @@ std::vector<std::string> mandatoryOf(const Json& entry, std::vector<std::string>
   return mandatory;
 }
 
-/// Programs that get an answer of the daemon speak HTTP/1.1 with proxies. They cannot honour
-/// another protocol.
+/// Reads the hint "alpn". Programs that get an answer of the daemon use HTTP/1.1 with proxies. They
+/// cannot use another protocol.
 void readAlpn(const Json& entry, const std::vector<std::string>& mandatory, Proxy& proxy) {
   const bool isMandatory = std::find(mandatory.begin(), mandatory.end(), "alpn") != mandatory.end();
   try {
@@ -211,7 +211,7 @@ void readProxy(const Json& entry, Proxy& proxy, std::vector<std::string>& warnin
   if (const auto* const text = textIn(entry, "proxy")) proxy.location = *text;
   if (entry.contains("identifier")) {
     const auto* const text = textIn(entry, "identifier");
-    // The wrong identifier is kept: without one, the proxy would count as a proxy for any traffic.
+    // The wrong identifier is kept: without an identifier, the proxy would accept any traffic.
     proxy.identifier = text == nullptr ? "" : *text;
     if (proxy.identifier->empty()) throw Ignored{"its identifier is empty or no text"};
   }

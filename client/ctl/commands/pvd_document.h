@@ -21,17 +21,17 @@ inline constexpr std::size_t kMaxProxies = 64;
 inline constexpr std::size_t kMaxRules = 256;
 inline constexpr std::size_t kMaxValues = 256;
 
-/// Deepest nesting of arrays and objects. A document needs four levels; the others are for later
-/// extensions.
+/// Deepest nesting of arrays and objects. A document needs four levels; the other levels are for
+/// later extensions.
 inline constexpr std::size_t kMaxDepth = 16;
 
 /// One entry of `proxies`, after its checks.
 struct Proxy {
   std::string protocol;
   std::string location;                   ///< "host:port" or a URI template
-  std::optional<std::string> identifier;  ///< without one, the proxy accepts any traffic
+  std::optional<std::string> identifier;  ///< a proxy without an identifier accepts any traffic
   bool speaksOtherHttp = false;           ///< its hint "alpn" names more than HTTP/1.1
-  std::string whyIgnored;                 ///< empty if it can be used
+  std::string whyIgnored;                 ///< empty if the proxy can be used
 };
 
 /// An address of 4 or 16 bytes, with the length of its prefix in bits.
@@ -53,7 +53,7 @@ struct Rule {
       domains;  ///< in lower case, without a dot at the end; may start with "*."
   std::vector<Subnet> subnets;
   std::vector<Ports> ports;
-  std::string whyIgnored;  ///< empty if it can be used
+  std::string whyIgnored;  ///< empty if the rule can be used
 };
 
 struct Document {
@@ -76,7 +76,7 @@ struct Reading {
 /// @param now seconds since 1970
 Reading read(std::string_view text, const std::optional<std::string>& host, std::int64_t now);
 
-/// "10.0.0.0/8".
+/// The subnet as a text: "10.0.0.0/8".
 std::string textOf(const Subnet& subnet);
 
 /// The time "2026-05-15T06:00:00Z" (RFC 3339) in seconds since 1970.

@@ -15,8 +15,8 @@ namespace {
 static_assert(kMaxProxies <= kMaxEntries);
 
 /// The functions that the rules call. An unknown port matches no rule with ports. The functions
-/// take the host from the URL, because the script's second argument ends at the first colon of an
-/// IPv6 address.
+/// take the host from the URL, because the argument `host` of FindProxyForURL is cut at the first
+/// colon of an IPv6 address.
 constexpr const char* kFunctions = R"(
 function partsOf(url) {
   return /^([a-z][a-z0-9+.-]*):\/\/(?:[^\/?#]*@)?(\[[^\]\/?#]*\]|[^:\/?#]*)(?::([0-9]*))?/i.exec(url) || ["", "", ""];
@@ -76,7 +76,8 @@ void addOneOf(const std::vector<Value>& values, std::string& all) {
   all += ')';
 }
 
-/// The cheap conditions come first, because a subnet may need a lookup of the name.
+/// The condition of `rule` in JavaScript. The cheap conditions come first, because a subnet may
+/// need a lookup of the name.
 std::string conditionOf(const Rule& rule) {
   std::string all;
   addOneOf(rule.ports, all);
@@ -147,7 +148,8 @@ class Maker {
     }
   }
 
-  /// The answer of a rule. Nothing if no proxy of the rule applies. The rule then does not match.
+  /// The answer of a rule. Nothing if none of its proxies can be used; the script then omits the
+  /// rule.
   std::optional<std::string> answerOf(std::size_t number) {
     const auto& rule = mDocument.rules[number];
     if (rule.proxies.empty()) return "DIRECT";
@@ -172,7 +174,7 @@ class Maker {
     return answer;
   }
 
-  /// @return whether further rules can match
+  /// Adds the rule with this number to `body`. @return whether further rules can match
   bool addRule(std::size_t number, std::string& body) {
     const auto& rule = mDocument.rules[number];
     if (!rule.whyIgnored.empty()) {

@@ -14,6 +14,7 @@ struct Script {
   std::string error;                  ///< the reason if `text` is empty
 };
 
+/// Makes the script for `document`.
 /// @param otherwise the script's answer if no rule matches and no proxy of the document accepts any
 /// traffic. For example "DIRECT" or "PROXY known.example.org:8080"
 Script scriptOf(const Document& document, const std::string& otherwise);

@@ -57,7 +57,7 @@ std::size_t take(const char* bytes, std::size_t, std::size_t count, std::string*
   return count;
 }
 
-/// One transfer.
+/// One download with libcurl.
 class Transfer {
  public:
   explicit Transfer(const std::string& url)
@@ -66,7 +66,8 @@ class Transfer {
         mHeaders(mCurl.append(nullptr, "Accept: application/pvd+json"), mCurl.freeAll) {
     if (!mHandle || !mHeaders) throw Failure(kInternal, "no memory");
     set(CURLOPT_URL, url.c_str());
-    // libcurl sends no cookies and no user agent by default.
+    // The request names neither the user nor the program: by default, libcurl sends no cookies and
+    // no user agent.
     set(CURLOPT_HTTPHEADER, mHeaders.get());
     set(CURLOPT_PROTOCOLS_STR, "https");
     set(CURLOPT_REDIR_PROTOCOLS_STR, "https");
@@ -81,7 +82,7 @@ class Transfer {
     set(CURLOPT_ERRORBUFFER, mError);
   }
 
-  /// The body. Throws Failure if there is none.
+  /// Fetches `url`. @return the body of the response. Throws Failure if there is none
   std::string run(const std::string& url) {
     const auto result = mCurl.perform(mHandle.get());
     if (result == CURLE_OK) return mText;

@@ -13,7 +13,7 @@ inline constexpr long kMaxRedirects = 5;
 
 struct Source {
   std::string text;
-  std::optional<std::string> host;  ///< the server that sent it
+  std::optional<std::string> host;  ///< the server that sent the document
   std::string warning;              ///< a sentence, or empty
 };
 

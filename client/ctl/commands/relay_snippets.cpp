@@ -13,7 +13,7 @@ namespace {
 namespace fs = std::filesystem;
 
 struct Snippet {
-  const char* file;  ///< in the package's folder
+  const char* file;  ///< the file name in the package's folder
   const char* link;
 };
 
@@ -27,7 +27,8 @@ constexpr std::array<Snippet, 3> kSnippets{{
   throw Failure(kOutput, what + ": " + why);
 }
 
-/// The package's folder. It is found relative to this program, so any install prefix works.
+/// The folder of the package's snippets. It is found relative to this program, so any install
+/// prefix works.
 fs::path folder() {
   std::error_code error;
   const auto own = fs::read_symlink("/proc/self/exe", error).parent_path();

@@ -8,16 +8,17 @@
 
 namespace client {
 
-/// The links that are in place, in a fixed order.
+/// The paths of the links that are in place, in a fixed order.
 std::vector<std::string> relayLinks();
 
-/// Makes the links in those folders that exist. If one link fails, it makes none.
+/// Makes a link for each snippet whose folder exists on this system. If one link cannot be made,
+/// the function makes no link.
 /// @return the links that are in place
 /// @throws Failure (kOutput) if a file of another kind stands in the place of a link, if the
 ///         snippets are not installed, or if a link cannot be made
 std::vector<std::string> putRelayLinks();
 
-/// Removes the links. @return those that were in place
+/// Removes the links. @return the links that were in place
 /// @throws Failure (kOutput) if a link cannot be removed
 std::vector<std::string> removeRelayLinks();
 

@@ -16,7 +16,7 @@ Row row(std::string value, Tone tone) {
   return {"relay", std::move(value), tone};
 }
 
-/// A warning: the snippets lead programs to a port that any user may bind.
+/// A warning that the snippets send programs to a port that any user may bind. `why` is the reason.
 Row danger(const std::string& why) {
   return row(std::string(kDefault) + ", but " + why + kDisable, Tone::kBad);
 }

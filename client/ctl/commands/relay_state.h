@@ -1,4 +1,4 @@
-// What "proxymanagerctl status" shows of proxymanager-relay.
+// The state of proxymanager-relay that "proxymanagerctl status" shows.
 #pragma once
 
 #include <chrono>
@@ -20,13 +20,13 @@ struct RelayState {
 /// Whether a snippet is in place.
 bool isRelayDefault();
 
-/// Looks at the snippets, and asks systemd over `bus`. An answer takes `limit` at most.
+/// Looks at the snippets, and asks systemd over `bus`. `limit` is the time limit of each answer.
 RelayState lookAtRelay(sd_bus* bus, std::chrono::microseconds limit);
 
 /// The row for the table of "proxymanagerctl status".
 Row relayRow(const RelayState& state);
 
-/// An object: default, installed, enabled, active.
+/// The state as a JSON object with default, installed, enabled and active.
 nlohmann::ordered_json relayJson(const RelayState& state);
 
 }  // namespace client

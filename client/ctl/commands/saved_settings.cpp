@@ -27,9 +27,10 @@ namespace client {
 namespace {
 
 const std::string kFolder = kSettingsFolder;
-/// The settings service refuses a longer file.
+/// Maximum number of bytes of a settings file. The settings service refuses a longer file.
 constexpr std::size_t kMaxFileBytes = 64U << 10U;
-/// All these files, and unfinished ones with a dot before it, begin with this text.
+/// The names of all files that --save writes begin with this text. In the name of an unfinished
+/// file, a dot comes first.
 constexpr std::string_view kSavedPrefix = "90-saved.";
 constexpr std::chrono::milliseconds kLockPause{20};
 /// The keys that choose the proxy.
@@ -46,7 +47,7 @@ constexpr std::array<std::string_view, 8> kProxyKeys{
   throw Failure(kOutput, message);
 }
 
-/// A TOML basic string (https://toml.io/en/v1.0.0#string).
+/// `text` as a basic string of TOML (https://toml.io/en/v1.0.0#string).
 std::string quoted(const std::string& text) {
   std::string result = "\"";
   for (const char c : text) {
@@ -74,7 +75,7 @@ void writeAll(int fd, std::string_view text, const std::string& path) {
   }
 }
 
-/// Removes an unfinished file.
+/// An unfinished file, which the destructor removes.
 class Unfinished {
  public:
   explicit Unfinished(std::string path) : mPath(std::move(path)) {}
@@ -89,7 +90,8 @@ class Unfinished {
   std::string mPath;
 };
 
-/// The settings service's user must be able to enter the folder, even with a strict umask of root.
+/// Makes the folder `path`. The settings service's user must be able to enter the folder, even if
+/// root has a strict umask.
 void makeFolder(const std::string& path) {
   if (mkdir(path.c_str(), 0755) == 0) {
     if (chmod(path.c_str(), 0755) != 0) failed(path);
@@ -142,7 +144,7 @@ bool removeFile(const std::string& name) {
   return false;
 }
 
-/// The files with a saved password. One is in use; an interrupted save can leave another one.
+/// The files with a saved password. One file is in use; an interrupted save can leave another file.
 std::vector<std::string> passwordFiles() {
   std::vector<std::string> names;
   std::error_code error;
@@ -176,8 +178,7 @@ bool removePasswordsExcept(const std::string& kept) {
   return hasRemoved;
 }
 
-/// Removes what a save has left if it was killed or a power cut ended it. The caller must hold the
-/// lock.
+/// Removes the files that an interrupted save has left. The caller must hold the lock.
 void removeUnfinished() {
   std::vector<std::string> names;
   std::error_code error;
@@ -236,7 +237,7 @@ std::string settingsText(const Configuration& configuration, const std::string& 
   const auto add = [&text](const char* key, const std::string& value) {
     text += std::string(key) + " = " + quoted(value) + "\n";
   };
-  // An earlier file can leave the choice to network managers.
+  // This line is always written, because an earlier file may leave the choice to network managers.
   add("source", "auto");
   add("mode", configuration.mode);
   if (!configuration.proxyurl.empty()) add("proxy-url", configuration.proxyurl);

@@ -12,9 +12,9 @@ namespace client {
 
 /// Where the settings service looks for the administrator's files.
 inline constexpr char kSettingsFolder[] = "/etc/proxymanager/settings.d";
-/// The files that --save writes and "settings reset" removes. The name of a password file can end
-/// in a number (".1"). The number 90 is high, so that saved settings overrule most other files. A
-/// device can have files with a higher number.
+/// The names of the files that --save writes and "settings reset" removes. The name of a password
+/// file can end in a number (".1"). The number 90 is high, so that saved settings overrule most
+/// other files. A device can have files with a higher number.
 inline constexpr char kSavedName[] = "90-saved.conf";
 inline constexpr char kSavedPasswordName[] = "90-saved.password";
 /// Two programs that save at the same time would remove each other's password. So a program changes
@@ -39,11 +39,12 @@ std::string settingsText(const Configuration& configuration, const std::string& 
 /// old password are complete after a failure or a power cut. Removes the old password file last.
 /// Also removes what an interrupted call has left.
 /// @return the settings file
-/// Throws Failure: kDenied if this user may not write there, kOutput if the disk fails or if
-/// another program has held the lock for kSaveLockLimit.
+/// Throws Failure: kDenied if this user may not write in kSettingsFolder, kOutput if the disk fails
+/// or if another program has held the lock for kSaveLockLimit.
 std::string saveSettings(const Configuration& configuration);
 
-/// Removes all these files. @return whether there was one. Throws Failure (kDenied, kOutput).
+/// Removes all files that --save has written. @return whether there was such a file. Throws Failure
+/// (kDenied, kOutput).
 bool resetSettings();
 
 /// Whether the settings service is installed. If not, no program reads the saved files.

@@ -18,8 +18,8 @@ namespace client {
 
 namespace {
 
-/// Shows the script's alerts while this object exists, or drops them. Alerts are the only lines
-/// that the library logs at LOG_DEBUG. All other facts are return values.
+/// While this object exists, the script's alerts are shown or dropped. Alerts are the only lines
+/// that the library logs at LOG_DEBUG. The library returns all other facts to its caller.
 class AlertsHeard {
  public:
   explicit AlertsHeard(Alerts alerts)

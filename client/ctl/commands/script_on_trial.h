@@ -1,4 +1,4 @@
-// A PAC script that a command tries out: its file, its load, and its answer for a URL.
+// Loads a PAC script that a command tries out, and evaluates it for a URL.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -15,7 +15,7 @@
 
 namespace client {
 
-/// The exit statuses of every command that loads a script.
+/// The exit statuses that every command that loads a script may have.
 inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUsage, kNoInput,
                                                                    kOutput};
 
@@ -23,7 +23,7 @@ inline constexpr std::initializer_list<ExitStatus> kScriptStatuses{kRefused, kUs
 enum class Alerts { kShown, kDropped };
 
 /// Loads `script`, the bytes of a PAC file.
-/// @return null if it is refused, with the reason in `refused`
+/// @return null if the script is refused, with the reason in `refused`
 std::unique_ptr<pac_engine::Engine> loadScript(std::string_view script, pac_engine::Options options,
                                                pac_engine::Problem& refused,
                                                Alerts alerts = Alerts::kShown);
@@ -38,7 +38,8 @@ ShownAnswer evaluateUrl(pac_engine::Engine& engine, const std::string& url,
                         const std::optional<std::string>& givenHost,
                         Alerts alerts = Alerts::kShown);
 
-/// The entries of a script's result. The daemon's own parser decides which of them it drops.
+/// The entries of a script's result. The daemon's own parser decides which entries the daemon
+/// drops.
 std::vector<ShownEntry> entriesOf(const std::string& result);
 
 }  // namespace client

@@ -1,4 +1,4 @@
-// Whether the daemon can use a script.
+// Checks whether the daemon can use a script.
 #pragma once
 
 #include <string>

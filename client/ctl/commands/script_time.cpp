@@ -29,7 +29,7 @@ class Reader {
 
   bool atEnd() const { return mRest.empty(); }
 
-  /// Takes one character if `wanted` contains it.
+  /// Removes the next character if `wanted` contains it. @return the character; else NUL
   char take(std::string_view wanted) {
     if (mRest.empty() || wanted.find(mRest.front()) == std::string_view::npos) return '\0';
     const char taken = mRest.front();
@@ -37,7 +37,8 @@ class Reader {
     return taken;
   }
 
-  /// Takes exactly `count` digits, as a number from 0 to `most`.
+  /// Moves exactly `count` digits to `value`. @return false if there are fewer digits, or if the
+  /// number is above `most`
   bool number(std::size_t count, int most, int& value) {
     const auto digits = mRest.substr(0, count);
     if (digits.size() != count || !std::all_of(digits.begin(), digits.end(), isDigit)) return false;
@@ -101,7 +102,7 @@ bool readOffset(Reader& reader, chrono::seconds& offset) {
   return true;
 }
 
-/// Whether `name` does not lead out of the zone folder, and is not a TZ rule for the C library.
+/// Whether `name` stays inside the zone folder and cannot be a TZ rule of the C library.
 bool isZoneName(const std::string& name) {
   const auto mayStand = [](char c) {
     return isDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||

@@ -10,7 +10,7 @@ namespace client {
 
 namespace {
 
-/// Ten times the time that the longest script needs on a current machine.
+/// Time limit of a command: ten times the time that the longest script needs on a current machine.
 constexpr std::chrono::seconds kParserTime{10};
 
 /// Refuses a report. The process that wrote it has read the script, so the report may hold

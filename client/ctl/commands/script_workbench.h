@@ -1,4 +1,4 @@
-// The workbench of PAC scripts for commands: a sandboxed process that parses a script, and its
+// How commands use the workbench: it is a sandboxed process that parses a PAC script and sends
 // reports.
 //
 // If there is no report, each function throws Failure (kRefused) with a line that names the file.

@@ -37,7 +37,7 @@ bool isSet(const Json& object, const char* key) {
   return found != object.end() && found->is_boolean() && found->get<bool>();
 }
 
-/// "manual http://proxy.example:3128"
+/// The mode and the URL of a configuration: "manual http://proxy.example:3128".
 std::string shownConfiguration(const Json& configuration) {
   std::string text = textOf(configuration, "mode");
   for (const char* key : {"proxy_url", "pac_url"}) {

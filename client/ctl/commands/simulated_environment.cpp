@@ -44,7 +44,8 @@ void checkCount(const char* option, const std::vector<std::string>& addresses) {
                                          " addresses; a script never sees further ones");
 }
 
-/// Adds the value of one --resolve. Several --resolve may have the same name.
+/// Adds the value of one option --resolve. If several of these options have the same name, the name
+/// gets all their addresses.
 void addName(const std::string& text, pac_engine::StaticNames& names) {
   constexpr const char* kOption = "--resolve";
   const auto equals = text.find('=');

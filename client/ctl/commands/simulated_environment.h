@@ -10,7 +10,7 @@
 
 namespace client {
 
-/// The options as written.
+/// The values of the options, as the user wrote them.
 struct SimulatedEnvironment {
   std::optional<std::string> time;          ///< --at
   std::optional<std::string> zone;          ///< --tz
@@ -23,8 +23,8 @@ struct SimulatedEnvironment {
 /// must live as long as `command`.
 void addEnvironmentOptions(CLI::App& command, SimulatedEnvironment& environment);
 
-/// The options for the library. Throws CLI::ValidationError if an option is not valid. If a time
-/// has no offset, the process stays in the zone of that time.
+/// The options for the library. Throws CLI::ValidationError if an option is not valid. If --at has
+/// no offset, it is in the zone of --tz. The process then stays in this zone.
 pac_engine::Options engineOptions(const SimulatedEnvironment& environment);
 
 }  // namespace client

@@ -83,7 +83,7 @@ constexpr std::int64_t kClockTick = 10'000;
 /// answer this question, too.
 constexpr const char* kProbeUrl = "http://localhost/";
 
-/// The advice if something is wrong.
+/// The command that shows the daemon's log, as advice if something is wrong.
 constexpr const char* kLog = "journalctl -t proxymanager_service";
 
 constexpr const char* kNobody = "the daemon does not run";
@@ -104,18 +104,19 @@ struct Status {
   ExitStatus status = kAnswered;
   Known<bool> running;
   std::optional<Owner> owner;
-  Known<bool> answers;  ///< "no" also has a reason
+  Known<bool> answers;  ///< if false, `unknown` has the reason
   Known<bool> waiting;
   Fact mode;
   Fact proxyurl;
   Fact pacurl;
   Fact userName;
   Fact password;
-  Known<base::DaemonStatus> reported;  ///< to systemd
+  Known<base::DaemonStatus> reported;  ///< the status that the daemon reported to systemd
   Known<bool> walking;
   PacFileState pac;
   RelayState relay;
-  /// Why the script of the file is refused; empty if it loads. No value without a file.
+  /// Why the script in the PAC file is refused; empty if the script loads. No value if there is no
+  /// PAC file.
   std::optional<std::string> refusal;
 };
 
@@ -126,7 +127,8 @@ void setUnknown(Status& status, const std::string& why) {
   }
 }
 
-/// Used if the user may not read the configuration.
+/// Gets the mode and the manual proxy from the answer to a question about kProbeUrl, for a user who
+/// may not read the configuration. `why` is shown for the values that stay unknown.
 void learnByAsking(DaemonBus& bus, Status& status, const std::string& why) {
   setUnknown(status, why);
   const auto answer = bus.ask(kProbeUrl);
@@ -137,7 +139,7 @@ void learnByAsking(DaemonBus& bus, Status& status, const std::string& why) {
   if (answer.mode != "pacurl") status.pacurl = {};
 }
 
-/// @return whether a program has set the configuration
+/// Reads the configuration into `status`. @return whether a program has set the configuration
 bool learnConfiguration(DaemonBus& bus, Status& status) {
   try {
     const auto read = bus.configuration();
@@ -154,7 +156,7 @@ bool learnConfiguration(DaemonBus& bus, Status& status) {
   }
 }
 
-/// Asks the daemon that owns the bus name.
+/// Reads into `status` what the daemon itself answers and announces.
 void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds limit) {
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message* signal) {
@@ -184,8 +186,8 @@ Known<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon) {
   return {std::move(reported), {}};
 }
 
-/// Without systemd, only a file shows whether a walk over the candidate URLs is in progress: the
-/// download writes this file, and removes it at its end.
+/// Whether a walk over the candidate URLs is in progress. Without a report to systemd, only
+/// kPacDownload can show this: a download writes this file, and removes it at its end.
 Known<bool> isWalking(const Owner& daemon, const Known<base::DaemonStatus>& reported) {
   if (reported.value) return {reported.value->walking != 0, {}};
   struct stat status {};
@@ -393,7 +395,7 @@ void addMeaning(Table& table, const Status& status) {
   }
 }
 
-/// The status that the daemon reported to systemd.
+/// Adds rows for the status that the daemon reported to systemd.
 void addReported(Table& table, const Known<base::DaemonStatus>& reported) {
   if (!reported.value) {
     table.addUnknown("updated", reported.unknown);

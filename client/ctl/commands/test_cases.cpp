@@ -60,7 +60,8 @@ std::string_view nameOf(std::string_view resolve) {
   return resolve.substr(0, resolve.find('='));
 }
 
-/// Adds the names `further`. They replace equal names that were set before.
+/// Adds the --resolve values `further` to `names`. A value replaces the earlier values for the same
+/// name.
 void refineNames(std::vector<std::string>& names, const std::vector<std::string>& further) {
   std::erase_if(names, [&](const auto& known) {
     return std::any_of(further.begin(), further.end(), [&](const auto& added) {
@@ -80,7 +81,7 @@ LineOptions refined(LineOptions options, const LineOptions& further) {
   return options;
 }
 
-/// Takes the options from the start of `line`.
+/// Removes the options from the start of `line`. @return their values
 LineOptions takeOptions(Line& line) {
   LineOptions options;
   while (line.peek().substr(0, 2) == "--") {

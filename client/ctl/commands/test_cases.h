@@ -19,7 +19,7 @@
 namespace client {
 
 /// Maximum number of cases of a file. A case takes 0.2 ms, or 10 ms if its environment differs from
-/// that of the previous case.
+/// the environment of the previous case.
 inline constexpr std::size_t kMaxTestCases = 10'000;
 
 /// The texts for "no answer" and for "an answer without entries" in a file of cases.
@@ -30,12 +30,12 @@ struct TestCase {
   std::size_t line = 0;  ///< in the file, from 1
   std::string url;
   std::optional<std::string> host;   ///< --host
-  SimulatedEnvironment environment;  ///< complete: no part of it comes from this device
+  SimulatedEnvironment environment;  ///< complete; only clock and zone can be this device's
   std::string expected;              ///< in the form of comparableAnswer()
 };
 
 /// The cases of `text`. `base` is the environment of the command line. The lines of the file refine
-/// it: an option replaces the same option of the command line or of the lines before, and --resolve
+/// it: an option replaces the same option of the command line or of earlier lines, and --resolve
 /// replaces only the same name. Throws Failure (kBadData), with `name` and the line, for a line
 /// that cannot be parsed, for more than kMaxTestCases cases, and if there is no case: a test of
 /// nothing must not pass.
@@ -43,7 +43,8 @@ std::vector<TestCase> parseTestCases(std::string_view text, const std::string& n
                                      const SimulatedEnvironment& base);
 
 /// `answer` with "; " between its entries, without blanks around them and without empty entries;
-/// kExpectsEmpty if there are none. The daemon gives the same answer for equal results.
+/// kExpectsEmpty if there are none. If two results of a script have an equal form, the daemon gives
+/// the same answer for both.
 std::string comparableAnswer(std::string_view answer);
 
 }  // namespace client

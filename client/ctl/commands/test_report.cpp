@@ -12,7 +12,7 @@ namespace client {
 
 namespace {
 
-/// A text in YAML. A JSON text is valid YAML.
+/// `text` as a text in YAML. The function writes it as JSON, because JSON is valid YAML.
 std::string quoted(const std::string& text) {
   using Json = nlohmann::ordered_json;
   return Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);

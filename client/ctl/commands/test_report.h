@@ -18,7 +18,7 @@ struct TestOutcome {
   std::chrono::microseconds took{0};
 
   bool isPassed() const { return answer == given.expected; }
-  /// The answer, with the reason if there is none.
+  /// The answer; if there is none, kExpectsError and the reason.
   std::string shownAnswer() const { return error.empty() ? answer : answer + " " + error; }
 };
 

@@ -66,7 +66,7 @@ TracedScript TracedScript::forMadeUrls() const {
 
 void TracedScript::loadPlain() {
   auto& names = mOptions.names;
-  // With a list of names, even an empty one, no name server is asked.
+  // If there is a list of names, even an empty list, no name server is asked.
   if (mTracing.forMadeUrls && !names.offline && !names.staticNames) names.staticNames.emplace();
   pac_engine::Problem refused;
   mPlain = loadScript(mSource, mOptions, refused, mAlerts);

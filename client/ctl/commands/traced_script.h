@@ -51,12 +51,12 @@ class TracedScript {
   /// The same script for URLs that are made from the script, and do not come from the user.
   TracedScript forMadeUrls() const;
 
-  /// Asks both scripts. If the tracing worker has ended, it is started again. The trace is then
-  /// empty and marked as cut.
+  /// Asks the unchanged and the instrumented script. If the worker of the instrumented script has
+  /// ended, it is started again. The trace is then empty and marked as cut.
   TracedAnswer ask(const std::string& url, const std::optional<std::string>& host);
 
   const InstrumentedScript& script() const { return mScript; }
-  /// What was recorded during the load of the script.
+  /// The trace of the load of the script.
   const Trace& load() const { return mLoad; }
 
  private:

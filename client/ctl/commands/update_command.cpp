@@ -43,12 +43,13 @@ Output:
 Exit status:
 )";
 
-/// How long the settings service may take to read a saved file: many times its pause of 200 ms.
+/// How long the settings service may take to read a saved file: ten times the pause of 200 ms
+/// before it reads.
 constexpr std::chrono::milliseconds kRepairTime{2000};
 
 struct UpdateArguments {
   const char* mode = nullptr;
-  std::string Configuration::*urlMember = nullptr;  ///< the mode's URL; null if it has none
+  std::string Configuration::*urlMember = nullptr;  ///< the mode's URL; null if the mode has none
   std::string url;
   std::optional<std::string> user;
   std::optional<std::string> passwordFile;
@@ -111,8 +112,8 @@ std::string readUrl(bool isPac) {
   return line.text();
 }
 
-/// The configuration that the arguments describe. It reads the password and the URL from their
-/// files.
+/// The configuration that the arguments describe. The function reads the password and the URL from
+/// their files.
 Configuration wanted(const UpdateArguments& arguments) {
   Configuration configuration;
   configuration.mode = arguments.mode;
@@ -137,7 +138,8 @@ void checkSaved(const char* name, const std::string& text, bool isUrl) {
   if (!problem.empty()) throw Failure(kUsage, std::string(name) + " cannot be saved: " + problem);
 }
 
-/// @return the file. Prints a warning if another file overrules it.
+/// Saves the configuration. Prints a warning if another file overrules the saved file. @return the
+/// saved file
 std::string save(const Configuration& configuration) {
   checkSaved("the URL", configuration.proxyurl + configuration.pacurl, true);
   checkSaved("the user name", configuration.userName, false);
@@ -162,8 +164,9 @@ Json settingsState(std::chrono::microseconds limit) {
   }
 }
 
-/// If one file is faulty, the settings service uses no file. The service reads the saved file after
-/// a short pause, and the saved file can repair the fault.
+/// Prints the problems of faulty settings files: if one file is faulty, the settings service uses
+/// no file. First waits up to kRepairTime, because the service reads the saved file after a short
+/// pause, and this file can repair the fault.
 void warnOfFaultyFiles(std::chrono::microseconds limit) {
   const auto isFaulty = [](const Json& state) {
     return state.is_object() && state.value("faulty_files", Json()) == true;
@@ -181,7 +184,8 @@ void warnOfFaultyFiles(std::chrono::microseconds limit) {
   complain("the settings service does not use what is saved until this is repaired");
 }
 
-/// The daemon's result. Nothing if the configuration is saved and no daemon runs.
+/// Sends the configuration to the daemon. @return the daemon's result; nothing if the configuration
+/// is saved and no daemon runs
 std::optional<std::int32_t> handOver(const UpdateArguments& arguments,
                                      const Configuration& configuration) {
   try {

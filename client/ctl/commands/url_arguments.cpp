@@ -10,7 +10,7 @@ namespace client {
 
 namespace {
 
-/// The number of arguments that the parser has found so far, known or unknown to it.
+/// The number of arguments that the parser has found so far, including unknown arguments.
 std::size_t argumentsOf(const CLI::App& command) {
   std::size_t count = command.remaining_size();
   for (const auto* const option : command.get_options()) {
@@ -21,7 +21,7 @@ std::size_t argumentsOf(const CLI::App& command) {
 
 void addUrlsWith(CLI::App& command, UrlArguments& arguments, const char* help) {
   // If an argument accepts many values, the parser splits "[...]" as a list. So the argument
-  // accepts only the first URL. The other URLs are the texts that the parser does not know.
+  // accepts only the first URL. The parser keeps the other URLs as unknown texts.
   command.add_option("URL", arguments.first, "The URLs to ask for")
       ->option_text("...")
       ->allow_extra_args(false);
@@ -35,11 +35,13 @@ void addUrlsWith(CLI::App& command, UrlArguments& arguments, const char* help) {
           },
           help)
       ->option_text("FILE")
-      ->trigger_on_parse();  // when it is known which arguments stand before it
+      // Calls the function during parsing. At that moment, the number of arguments before -f is
+      // known.
+      ->trigger_on_parse();
   command.allow_extras();
 }
 
-/// Adds the URLs of the options that have at most `count` arguments before them.
+/// Adds the URLs of the options -f and -u that have at most `count` arguments before them.
 void addOptions(UrlArguments& arguments, std::size_t& next, std::size_t count) {
   for (; next < arguments.options.size() && arguments.options[next].before <= count; ++next) {
     const auto& [text, isFile, before] = arguments.options[next];
@@ -78,8 +80,8 @@ void addUrlOption(CLI::App& command, UrlArguments& arguments) {
       ->trigger_on_parse();
 }
 
-/// A text that begins with "-" is an unknown option, because the parser has taken all known
-/// options. After "--" any text is a URL.
+/// The parser has removed all known options. So here a text that begins with "-" is an unknown
+/// option. After "--", any text is a URL.
 void addFurtherUrls(const CLI::App& command, UrlArguments& arguments,
                     const std::vector<std::string>& leading) {
   std::vector<std::string> given = leading;

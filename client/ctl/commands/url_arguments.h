@@ -13,12 +13,12 @@ namespace client {
 struct UrlOption {
   std::string text;
   bool isFile = false;
-  std::size_t before = 0;  ///< number of the command's arguments before it
+  std::size_t before = 0;  ///< number of the command's arguments before this option
 };
 
 struct UrlArguments {
   std::vector<std::string> urls;    ///< all URLs, set by addFurtherUrls()
-  std::optional<std::string> file;  ///< of -f
+  std::optional<std::string> file;  ///< the argument of -f
   std::vector<std::string> first;   ///< the argument URL
   std::vector<UrlOption> options;
   bool takesLogs = false;  ///< the file of -f may be an access log
@@ -28,15 +28,16 @@ struct UrlArguments {
 /// must live as long as `command`.
 void addUrls(CLI::App& command, UrlArguments& arguments);
 
-/// The same for a command that also accepts the access log of a proxy (terminal/logged_url.h).
+/// Does the same for a command that also accepts the access log of a proxy (terminal/logged_url.h).
 void addUrlsOrLog(CLI::App& command, UrlArguments& arguments);
 
-/// Adds -u. Other programs that test scripts have this option for a URL. Call this function after
-/// addUrls().
+/// Adds "-u URL", which means the same as the argument URL. Other programs that test scripts have
+/// this option. Call this function after addUrls().
 void addUrlOption(CLI::App& command, UrlArguments& arguments);
 
-/// Collects all URLs in the order of the command line. Call it after `command` has been parsed.
-/// Throws the parser's error for an unknown option, and Failure for a file that cannot be read.
+/// Collects all URLs in the order of the command line. Call this function after `command` has been
+/// parsed. Throws the parser's error for an unknown option, and Failure for a file that cannot be
+/// read.
 /// @param leading the first arguments of the command, if they are URLs
 void addFurtherUrls(const CLI::App& command, UrlArguments& arguments,
                     const std::vector<std::string>& leading = {});

@@ -72,8 +72,8 @@ base::UniqueFd endSignals() {
   return fd;
 }
 
-/// Lets these signals end the program at once. A reader that does not read could block a write
-/// forever, and the program could not end.
+/// While this object exists, the signals of endSignalSet() end the program at once. Otherwise, a
+/// reader that does not read could block a write forever, and the program could not end.
 class Interruptible {
  public:
   Interruptible() { sigprocmask(SIG_UNBLOCK, &mSet, nullptr); }
@@ -85,7 +85,7 @@ class Interruptible {
   sigset_t mSet = endSignalSet();
 };
 
-/// Prints the reports of the bus.
+/// Prints the signals of the daemon, and its starts and ends.
 class Watch {
  public:
   explicit Watch(const CallOptions& options) : mOptions(options), mBus(options.limit) {}
@@ -127,7 +127,7 @@ class Watch {
     const char* before = nullptr;
     const char* after = nullptr;
     if (sd_bus_message_read(signal, "sss", &name, &before, &after) <= 0) return;
-    // The first answer covers all earlier events.
+    // The answer of mBus.owner() in run() may already include this change.
     if (mOwner == after) return;
     mOwner = after;
     sayOwner();

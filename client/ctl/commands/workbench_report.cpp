@@ -45,7 +45,8 @@ Place placeOf(const Json& row) {
   return place;
 }
 
-/// Reads a time. It is limited, so that the sum over a whole report cannot overflow.
+/// Reads a time. A time above kMostMicroseconds is refused, so the sum over a whole report cannot
+/// overflow.
 std::int64_t microsecondsOf(const Json& value) {
   return static_cast<std::int64_t>(largeNumber(value, kMostMicroseconds));
 }
@@ -70,7 +71,7 @@ TracedCall callOf(const Json& row) {
   return call;
 }
 
-/// Sets the place of the last finished call of the helper that is named at `place`.
+/// Sets the place of the last finished call of a helper, if `source` names this helper at `place`.
 void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::string& source) {
   const auto found = std::find_if(events.rbegin(), events.rend(), [&](const TracedEvent& event) {
     return event.call && event.call->depth == 0 && !event.place &&
@@ -79,7 +80,8 @@ void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::s
   if (found != events.rend()) found->place = place;
 }
 
-/// The test of a case matches if the case is entered as the next event.
+/// Notes that the case of a switch was entered. If the last event is its test `test`, this test has
+/// matched.
 void noteEntry(std::vector<TracedEvent>& events, std::size_t test) {
   if (!events.empty() && events.back().matches && events.back().place == test)
     events.back().matches = true;

@@ -11,38 +11,37 @@
 
 namespace client {
 
-/// One place of a script. engine/worker/workbench/instrument.js defines places.
+/// One place of a script. engine/worker/workbench/instrument.js defines what a place is.
 struct Place {
   std::string kind;        ///< one letter for each property of the place
   std::size_t line = 0;    ///< from 1
   std::size_t column = 0;  ///< from 1, in UTF-16 units
   std::size_t lastLine = 0;
-  std::string source;  ///< in one line, cut; empty for statements
+  std::string source;  ///< the source text, shortened to one line; empty for statements
   std::size_t function = 0;
-  int owner = -1;  ///< the place that decides whether this one is reached
+  int owner = -1;  ///< the place that decides whether this place is reached
   bool branch = false;
-  std::vector<std::string> callees;  ///< of a return: the functions whose results it may pass on
+  std::vector<std::string> callees;  ///< for a return: the functions whose results it can return
 
   bool is(char letter) const { return kind.find(letter) != std::string::npos; }
 };
 
-/// The source of the return at `place`. If the return has no value, the source of the place is the
-/// whole statement.
+/// Returns "return VALUE" for the return at `place`, or "return" if it has no value.
 std::string shownReturn(const Place& place);
 
 struct ScriptFunction {
-  std::string name;  ///< as calls name it, ".name" for a method; empty for the script itself
+  std::string name;  ///< as in its calls; ".name" for a method; empty for the script itself
   std::size_t line = 0;
   std::size_t lastLine = 0;
 };
 
-/// A note of the parser about a part of the script that it does not check.
+/// A note of the parser about a part of the script that the parser does not check.
 struct ScriptNote {
   std::size_t line = 0;
   std::string text;
 };
 
-/// A script that reports what it does.
+/// A script with added code that records what the script does.
 struct InstrumentedScript {
   std::string text;  ///< the instrumented text, for a tracing worker
   std::vector<Place> places;
@@ -56,7 +55,7 @@ struct TracedLookup {
   std::string name;
   std::vector<std::string> addresses;
   std::int64_t microseconds = 0;
-  bool isNew = false;  ///< the first lookup of the name in this evaluation; later ones cost nothing
+  bool isNew = false;  ///< the evaluation's first lookup of this name; later lookups cost nothing
 };
 
 /// A call of a helper.
@@ -65,13 +64,13 @@ struct TracedCall {
   std::string name;
   std::vector<std::string> arguments;  ///< in JavaScript syntax
   std::optional<std::string> result;   ///< nothing if the call threw
-  std::int64_t microseconds = 0;       ///< includes the calls that it made
+  std::int64_t microseconds = 0;       ///< includes the calls that the helper made
   std::vector<TracedLookup> lookups;
 };
 
 /// A value or a call. Events are in the order in which their results were known.
 struct TracedEvent {
-  /// The place of a value. A call has one only if the script names the helper there.
+  /// The place of the value. A call has a place only if the script names the helper at this place.
   std::optional<std::size_t> place;
   std::string value;  ///< in JavaScript syntax; empty for a call
   bool truthy = false;
@@ -79,10 +78,10 @@ struct TracedEvent {
   /// ends here.
   std::optional<bool> matches;
   std::optional<TracedCall> call;
-  bool isAfterOthers = false;  ///< the events directly before this one are not in the report
+  bool isAfterOthers = false;  ///< events directly before this event are missing in the report
 };
 
-/// How often a place was reached, and how often it was true or false.
+/// How often a place was reached, and how often its value was true or false.
 struct PlaceCount {
   std::size_t place = 0;
   std::uint64_t reached = 0;
@@ -95,7 +94,8 @@ struct Trace {
   std::vector<PlaceCount> counts;
   bool cut = false;      ///< there were more events than a report can hold
   bool ownText = false;  ///< the script has read the text of a function
-  /// Calls of helpers by the script, and their time. They are counted even if the events are cut.
+  /// The number of helper calls of the script, and their total time. All calls count, even if the
+  /// events are cut.
   std::uint64_t helperCalls = 0;
   std::uint64_t helperNanoseconds = 0;
 };

@@ -33,7 +33,7 @@ bool Answers::wantsCredentials(const ProxyAnswer& answer) const {
          });
 }
 
-/// @return nothing if this user may not read it
+/// @return the daemon's configuration; nothing if this user may not read it
 std::optional<Configuration> Answers::configuration() {
   try {
     return bus().configuration();

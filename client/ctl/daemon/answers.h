@@ -12,10 +12,10 @@
 namespace client {
 
 struct AnswerOptions {
-  /// Ask the daemon about URLs of this machine, too (domain/local_host.h).
+  /// Whether the daemon is also asked about URLs of this machine (domain/local_host.h).
   bool askLocal = false;
-  /// Whether the configured user name and password are added to a manual proxy's URL. This needs a
-  /// user who may read the configuration, and a URL without a user name.
+  /// Whether the configured user name and password are added to a manual proxy's URL, if the user
+  /// may read the configuration and the URL has no user name.
   bool withCredentials = false;
   /// The hosts of proxies in a script's answer to which these credentials are added, too. A script
   /// could name any host, so other hosts do not get them.

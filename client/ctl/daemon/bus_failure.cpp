@@ -92,7 +92,8 @@ Failure failedSettingsCall(std::string_view name, std::string_view text,
 }
 
 Failure failedConnection(std::string_view address, int error) {
-  // The bus library skips unknown transports, and then has no address left.
+  // If no transport of the address is known, the bus library skips them all and returns
+  // ECONNREFUSED.
   if (error == ECONNREFUSED && !hasTransport(address)) error = EINVAL;
   error = connectionError(address, error);
   const auto reason = std::generic_category().message(error);

@@ -11,7 +11,7 @@ namespace client {
 
 /// The facts about a call that messages need.
 struct CallKind {
-  const char* purpose;  ///< follows "not allowed to"
+  const char* purpose;  ///< what the call does: the end of the message "not allowed to ..."
   bool changes;         ///< the daemon may still carry out the call after the time limit
 };
 
@@ -20,7 +20,7 @@ struct CallKind {
 Failure failedCall(const CallKind& call, std::string_view name, std::string_view text,
                    std::chrono::microseconds limit);
 
-/// The same for a question to the settings service.
+/// The reason why a call of the settings service has no answer.
 Failure failedSettingsCall(std::string_view name, std::string_view text,
                            std::chrono::microseconds limit);
 
@@ -30,20 +30,20 @@ inline constexpr std::string_view kGivenUp = "org.freedesktop.DBus.Error.Timeout
 /// Describes why there is no connection to the bus at `address`. `error` is an errno.
 Failure failedConnection(std::string_view address, int error);
 
-/// The connection ended while it was used.
+/// The failure if the connection to the bus has ended while it was used.
 Failure lostConnection();
 
-/// The daemon is ending: it answered, but has no service any more.
+/// The failure if the daemon answers, but only to report that it is about to end.
 Failure endingDaemon();
 
-/// The reply does not have the form of the interface.
+/// The failure if a reply does not have the form that the daemon's interface defines.
 Failure wrongReply();
 
 /// Advice if the daemon does not run.
 inline constexpr const char* kStartIt =
     "start it, for instance with \"systemctl start proxymanagerd\"";
 
-/// "1.5 s"
+/// The time as a text: "1.5 s".
 std::string secondsText(std::chrono::microseconds time);
 
 }  // namespace client

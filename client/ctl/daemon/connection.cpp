@@ -79,7 +79,7 @@ Addresses lookUp(const std::string& host, std::uint16_t port, Clock::time_point 
   return lookup->wait(end, problem);
 }
 
-/// @return 0 or an errno
+/// Connects a non-blocking `socket` before `end`. @return 0 or an errno
 int connectSocket(int socket, const addrinfo& address, Clock::time_point end) {
   if (connect(socket, address.ai_addr, address.ai_addrlen) == 0) return 0;
   if (errno != EINPROGRESS) return errno;

@@ -15,7 +15,8 @@ struct Connection {
 };
 
 /// Connects to `host`, which is a name or an address, with or without brackets. The addresses of a
-/// name are tried one after the other. `limit` includes the lookup of the name.
+/// name are tried one after the other; each gets an equal part of the time that is left. `limit`
+/// includes the lookup of the name.
 Connection connectTo(const std::string& host, std::uint16_t port, std::chrono::milliseconds limit);
 
 /// Sends `request`. @return the first line of the answer, without the line end, at most 1 KiB. If

@@ -32,7 +32,7 @@ constexpr CallKind kReadConfiguration{"read the configuration", false};
 constexpr CallKind kConfigure{"change the configuration", true};
 constexpr CallKind kListen{"listen to signals", false};
 
-/// An error of sd-bus. Frees the texts that belong to it.
+/// An error of sd-bus. The destructor frees the texts of the error.
 class BusError {
  public:
   BusError() = default;
@@ -53,14 +53,14 @@ bool isLost(int error) {
   return std::find(kLost.begin(), kLost.end(), error) != kLost.end();
 }
 
-/// For calls that fail only without memory or without a connection.
+/// Checks the result of a call that fails only if memory is exhausted or the connection is lost.
 void check(int result) {
   if (result >= 0) return;
   if (isLost(-result)) throw lostConnection();
   throw std::system_error(-result, std::generic_category(), "the message bus");
 }
 
-/// For the parts of a reply, whose form the daemon decides.
+/// Checks the result of a read from a reply, because the daemon could send a reply of another form.
 void checkForm(int result) {
   if (result <= 0) throw wrongReply();
 }
@@ -141,8 +141,8 @@ Configuration DaemonBus::configuration() {
                              &read.userName, &read.password}) {
     *member = textOf(reply.get());
   }
-  // A daemon that ends returns only the mode, and empty texts. Otherwise, `enableauth` is "y" or
-  // "n".
+  // A daemon that is about to end returns only the mode; its other texts are empty. Otherwise,
+  // `enableauth` is "y" or "n".
   if (read.enableauth.empty()) throw endingDaemon();
   return read;
 }
@@ -188,7 +188,8 @@ std::optional<Owner> DaemonBus::owner() {
   return owner;
 }
 
-/// Asks the bus itself about the daemon's name. @return null if the bus does not know
+/// Asks the bus itself about the daemon's name. @return null if the bus sends an error, for example
+/// because the name has no owner
 Message DaemonBus::askBus(const char* member) {
   sd_bus_message* made = nullptr;
   check(sd_bus_message_new_method_call(mBus.get(), &made, kDriver, kDriverPath, kDriver, member));
@@ -292,7 +293,7 @@ void DaemonBus::runUntil(int descriptor) {
 }
 
 int DaemonBus::handOn(sd_bus_message* message, void* listening, sd_bus_error*) {
-  // Nothing may be thrown through the library.
+  // No exception may pass through the bus library, which is C code.
   auto* const to = static_cast<Listening*>(listening);
   try {
     to->listener(message);

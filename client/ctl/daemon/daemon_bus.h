@@ -20,12 +20,12 @@
 
 namespace client {
 
-/// The time limit for the bus itself, equal to the daemon's. The bus runs on this machine, so a
-/// silent bus is an error.
+/// The time limit for answers of the bus itself. The daemon uses the same limit for the bus. The
+/// bus runs on this machine, so a silent bus is an error.
 inline constexpr std::chrono::seconds kBusLimit{10};
 
-/// The bus gets this time even if the limit of the calls is shorter: a handshake on a busy machine
-/// must not look like a silent bus.
+/// Shortest time limit for a connection to the bus, even if the limit of the calls is shorter: a
+/// handshake on a busy machine must not look like a silent bus.
 inline constexpr std::chrono::seconds kLeastBusLimit{1};
 
 /// The owner of the daemon's name.
@@ -58,7 +58,7 @@ BusHandle openSystemBus(std::chrono::microseconds limit = kBusLimit);
 class DaemonBus {
  public:
   using Limit = std::chrono::microseconds;
-  /// Takes a signal, which is valid during the call.
+  /// A function that handles a signal. The message is valid during the call.
   using Listener = std::function<void(sd_bus_message*)>;
 
   /// Connects as openSystemBus() does.
@@ -74,8 +74,8 @@ class DaemonBus {
   /// Whether calls may start a daemon that does not run. The default is true.
   void startDaemon(bool may) { mMayStart = may; }
 
-  /// The daemon's methods. `checkStarted` returns the daemon's answer, which is true while the
-  /// daemon works.
+  /// This function and the next three call the daemon's methods. checkStarted() returns the
+  /// daemon's answer, which is true while the daemon works.
   bool checkStarted();
   /// The answer for `url`. isBusText(url) must be true.
   ProxyAnswer ask(const std::string& url);
@@ -83,11 +83,11 @@ class DaemonBus {
   /// `configuration.enableauth` is "y" or "n". @return the daemon's result, 0
   std::int32_t update(const Configuration& configuration);
 
-  /// The state of the settings service, as JSON. The call does not start that service. Throws
-  /// Failure: kUnavailable if it does not run.
+  /// The state of the settings service (proxymanager-settings), as JSON. The call does not start
+  /// that service. Throws Failure: kUnavailable if that service does not run.
   std::string settingsState();
 
-  /// @return nothing if nobody owns the name
+  /// @return nothing if the daemon's name has no owner
   std::optional<Owner> owner();
 
   /// The status text that systemd shows for the service of the process `process`. @return nothing
@@ -97,8 +97,8 @@ class DaemonBus {
   std::optional<base::DaemonStatus> reportedStatus(const Owner& daemon);
 
   /// Calls `listener` for each signal that fits `rule`, during waitFor() and runUntil(), as long as
-  /// this object lives. These functions pass exceptions of `listener` on. Returns when the bus has
-  /// accepted the rule.
+  /// this object lives. waitFor() and runUntil() pass on exceptions of `listener`. listen() returns
+  /// when the bus has accepted the rule.
   void listen(const std::string& rule, Listener listener);
 
   /// Handles arriving messages until `done` returns true or `limit` is over. @return whether `done`

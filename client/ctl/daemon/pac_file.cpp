@@ -71,7 +71,8 @@ std::optional<std::int64_t> startOf(std::int64_t process) {
   std::ifstream file("/proc/" + std::to_string(process) + "/stat");
   std::string text;
   std::getline(file, text, '\0');
-  // The name, in brackets, may contain any text. The start time is the twentieth field after it.
+  // The process name, in brackets, may contain any text. The start time is the twentieth field
+  // after the name.
   std::istringstream fields(text.substr(std::min(text.rfind(')') + 1, text.size())));
   std::string field;
   for (int i = 0; i < 20; ++i) fields >> field;

@@ -1,4 +1,4 @@
-// The file with the script that the daemon has fetched. Anybody may read it.
+// The file with the script that the daemon has fetched. Every user may read this file.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 namespace client {
 
-/// The properties of that file.
+/// The properties of the file with the script.
 struct PacFile {
   std::uint64_t bytes = 0;
   std::int64_t fetched = 0;  ///< microseconds since 1970

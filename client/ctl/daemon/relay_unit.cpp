@@ -13,7 +13,7 @@ namespace client {
 namespace {
 
 constexpr const char* kSystemdName = "org.freedesktop.systemd1";
-/// systemd's own spelling of the unit's name in a path.
+/// The object path of the unit. systemd escapes "-" and "." in it.
 constexpr const char* kUnitPath = "/org/freedesktop/systemd1/unit/proxymanager_2drelay_2esocket";
 constexpr const char* kUnit = "org.freedesktop.systemd1.Unit";
 constexpr const char* kSocket = "org.freedesktop.systemd1.Socket";
@@ -49,7 +49,7 @@ std::string textProperty(sd_bus* bus, const char* name, std::chrono::microsecond
   return text;
 }
 
-/// Whether the socket unit names the endpoint of the snippets.
+/// Whether kRelayEndpoint is among the addresses of the socket unit.
 bool listensThere(sd_bus* bus, std::chrono::microseconds limit) {
   const auto reply = property(bus, kSocket, "Listen", "a(ss)", limit);
   if (sd_bus_message_enter_container(reply.get(), 'a', "(ss)") < 0) return false;

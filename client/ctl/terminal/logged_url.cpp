@@ -84,7 +84,7 @@ std::string urlOfLine(std::string_view line) {
   line = base::trimmed(line, kBlanks);
   if (line.empty() || line.front() == '#') return {};
   if (line.find_first_of(kBlanks) == std::string_view::npos) return std::string(line);
-  // In a list, a remark or a number may follow the URL.
+  // In a list of URLs, a remark or a number may follow the URL.
   if (const auto first = line.substr(0, line.find_first_of(kBlanks)); isUrl(first))
     return std::string(first);
   if (const auto relay = line.find(kRelay); relay != std::string_view::npos) {

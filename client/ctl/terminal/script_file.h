@@ -15,7 +15,7 @@ inline constexpr std::size_t kMaxScriptBytes = 512'000;
 /// kRefused if it is longer than kMaxScriptBytes.
 std::string readScript(const std::string& name);
 
-/// The name of that file in messages.
+/// The name of the file `name` in messages; for "-", the name of standard input.
 std::string shownName(const std::string& name);
 
 }  // namespace client

@@ -20,7 +20,8 @@ namespace client {
 
 namespace {
 
-/// Room for the longest line, the line end, and one byte past the limit. The destructor wipes it.
+/// A buffer for the longest line, the line end, and one byte past the limit. The destructor wipes
+/// the buffer.
 struct Room {
   std::array<char, kMaxSecretBytes + 3> bytes{};
   Room() = default;

@@ -10,8 +10,8 @@
 
 namespace client {
 
-/// Longest password, and longest URL that is read, in bytes. A password is sent in an HTTP header
-/// field, and servers refuse fields of 8 KiB.
+/// Longest password, and longest URL that readLine() reads, in bytes. A password is sent in an HTTP
+/// header field, and servers refuse fields of 8 KiB.
 inline constexpr std::size_t kMaxSecretBytes = 4096;
 
 using base::WipedAtEnd;
@@ -33,7 +33,7 @@ class Secret {
   std::string mText;
 };
 
-/// "Password for USER: "
+/// The text that asks for a password: "Password for USER: ".
 std::string passwordPrompt(const std::string& user);
 
 /// Asks for the password of `user` at the terminal, which does not show the input.

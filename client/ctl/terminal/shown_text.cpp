@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::int64_t kMicrosecondsPerSecond = 1'000'000;
 
-/// The beginning and the end of the password.
+/// The position of the password in a URL.
 struct Span {
   std::size_t begin;
   std::size_t end;
@@ -29,7 +29,8 @@ std::optional<Span> passwordOf(std::string_view url) {
   if (colon == std::string_view::npos || colon > url.find_first_of("/?#[", begin)) {
     return std::nullopt;
   }
-  // A password with a "/" breaks the rules, but people write such passwords.
+  // A "/" in a password breaks the rules of URLs, but people write such passwords. So the last "@"
+  // counts.
   const auto at = url.rfind('@');
   if (at == std::string_view::npos || at < colon) return std::nullopt;
   return Span{colon + 1, at};

@@ -7,8 +7,8 @@
 
 namespace client {
 
-/// Longest file of URLs, in bytes. It has room for about ten thousand URLs; the daemon needs
-/// minutes for these.
+/// Longest file of URLs, in bytes. This is enough for about ten thousand URLs; the daemon needs
+/// minutes to answer them.
 inline constexpr std::size_t kMaxListBytes = 1U << 20U;
 
 /// The bytes of the file `name`, or of standard input for "-". Throws Failure: kNoInput if the file
@@ -16,7 +16,7 @@ inline constexpr std::size_t kMaxListBytes = 1U << 20U;
 std::string readListFile(const std::string& name);
 
 /// The URLs of the file `name`, or of standard input for "-". Each line has one URL; blanks around
-/// the URL are removed. Empty lines and those that begin with "#" are skipped. Throws Failure:
+/// the URL are removed. Empty lines and lines that begin with "#" are skipped. Throws Failure:
 /// kNoInput if the file cannot be read or is longer than kMaxListBytes.
 std::vector<std::string> readUrls(const std::string& name);
 

@@ -86,7 +86,8 @@ class Client:
         _clients.add(self)
 
     def __reduce__(self):
-        """A copy, for example of a pickled session, is a client with a connection of its own."""
+        """Describes a copy, for example in a pickled session: the copy is a client with its own
+        connection."""
         return _restored, (type(self), self._flags, self.refuse, self._timeout)
 
     def _renew(self):
@@ -97,7 +98,7 @@ class Client:
             raise error(Status.NO_MEMORY)
 
     def ask(self, url: str, timeout: Optional[float] = None) -> Answer:
-        """Returns the daemon's answer for a URL. With a timeout of 0, only from the cache.
+        """Returns the daemon's answer for a URL. With a timeout of 0, returns only a cached answer.
 
         Raises an Error if there is no answer, and ValueError if the client is closed.
         """
@@ -127,7 +128,7 @@ class Client:
         return self.ask(url, timeout).entries
 
     def close(self):
-        """Ends the connection. If questions wait in other threads, it ends after the last of them."""
+        """Ends the connection, but not before the last question that waits in another thread has ended."""
         with self._lock:
             self._closed = True
             handle = self._take()
@@ -156,7 +157,8 @@ class Client:
         _library.client_free(handle)
 
     def _take(self):
-        """Returns the handle if no question uses it; the caller frees it. Else None, which free ignores."""
+        """Returns the handle if no question uses it; the caller frees it. Else returns None, which
+        client_free ignores."""
         if self._questions:
             return None
         handle, self._handle = self._handle, None
@@ -180,7 +182,8 @@ _clients = weakref.WeakSet()
 
 
 def _after_fork():
-    """Runs in the child process. Handle and locks belong to the parent's threads, so it makes new ones."""
+    """Runs in the child process. Handle and locks belong to the parent's threads, so this function makes new
+    ones."""
     for client in list(_clients):
         if not client._closed:
             _library.client_free(client._handle)

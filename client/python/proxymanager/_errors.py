@@ -27,7 +27,7 @@ class Error(Exception):
 
     status: a Status, or a number of a later release of the library
     error: the errno if there is no connection to the bus, else 0
-    name, text: the error on the bus; both may be empty, and may hold any text
+    name, text: the name and the text of the error on the bus; both may be empty or contain any characters
     """
 
     def __init__(self, status, error=0, name="", text=""):
@@ -64,7 +64,8 @@ def error(status, *details):
 
 
 def last_error(status):
-    """Returns the exception for the calling thread's last question, with the error of the bus."""
+    """Returns the exception for `status`, with the bus error of the calling thread's last
+    question."""
     failure = _library.last_failure().contents
     return error(status, failure.error, failure.name.decode(errors="replace"),
                  failure.text.decode(errors="replace"))

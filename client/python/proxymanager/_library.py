@@ -38,5 +38,5 @@ _version = _function("client_version", c_char_p)
 
 
 def version():
-    """The release of the library, such as "0.1.0"."""
+    """Returns the release of the library, such as "0.1.0"."""
     return _version().decode()

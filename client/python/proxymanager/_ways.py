@@ -72,7 +72,8 @@ class Pools:
             if way not in self._pools:
                 self._pools[way] = self._make(way)
                 if len(self._pools) > _MOST_PROXIES:
-                    # It is not closed, because a response may still be read. Its connections end with it.
+                    # The pool is not closed, because the program may still read a response. Its connections end
+                    # with the pool.
                     self._pools.popitem(last=False)
             self._pools.move_to_end(way)
             return self._pools[way]
@@ -87,7 +88,8 @@ _all_pools = weakref.WeakSet()
 
 
 def _after_fork():
-    """Runs in the child process. Lock and connections belong to the parent's threads, so it makes new ones."""
+    """Runs in the child process. Lock and connections belong to the parent's threads, so this function makes
+    new ones."""
     for pools in list(_all_pools):
         pools._renew()
 

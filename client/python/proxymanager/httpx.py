@@ -3,7 +3,7 @@
     with httpx.Client(transport=ProxyTransport()) as client:
         client.get("http://www.example.org/")
 
-AsyncProxyTransport is for httpx.AsyncClient. SOCKS proxies need python3-socksio. httpx knows only
+AsyncProxyTransport is for httpx.AsyncClient. SOCKS proxies need python3-socksio. httpx supports only
 SOCKS version 5, with host names that the proxy resolves.
 """
 
@@ -14,7 +14,7 @@ import httpx
 from ._client import Client
 from ._ways import DIRECT, Pools, of_the_environment, ways
 
-# Before this release, httpcore cannot use TLS inside of TLS, except asynchronously.
+# Before release 0.18, httpcore can use TLS inside of TLS only asynchronously.
 _HAS_TLS_IN_TLS = tuple(map(int, httpcore.__version__.split(".")[:2])) >= (0, 18)
 # Raised if no connection was made, and also if a TLS handshake failed.
 _FAILED = (httpx.ConnectError, httpx.ConnectTimeout)
@@ -26,14 +26,14 @@ def _proxy(way):
 
 
 def _ways(client, request):
-    """Returns the ways to try."""
+    """Returns the ways to try for a request, from the proxy manager or from the environment."""
     url = str(request.url)
     found = ways(client, url)
     return [of_the_environment(url)] if found is None else found
 
 
 class _Attempt:
-    """Notes whether the connection of a request is made. If it is, the next way is not tried."""
+    """Records whether the connection for a request was made. If so, the next way is not tried."""
 
     def __init__(self, request, is_async=False):
         self.is_connected = False
@@ -65,14 +65,14 @@ class _Transports:
         self._pools = Pools(lambda way: kind(proxy=_proxy(way), **options))
 
     def get(self, way):
-        """Returns None if httpx cannot use the proxy."""
+        """Returns the transport for a way, or None if httpx cannot use this proxy."""
         try:
             return self._pools.get(way)
         except (ValueError, ImportError):
             return None
 
     def end(self):
-        """Returns the transports. The caller closes them."""
+        """Closes the client if this object has made it. Returns the transports, which the caller closes."""
         if self._is_own:
             self.client.close()
         return self._pools.take_all()
@@ -115,7 +115,8 @@ class ProxyTransport(httpx.BaseTransport):
 
 
 class AsyncProxyTransport(httpx.AsyncBaseTransport):
-    """The same for httpx.AsyncClient. A thread waits for the answer, not the event loop.
+    """Does the same as ProxyTransport, for httpx.AsyncClient. A thread waits for the answer, so the event
+    loop continues.
 
     options: options of httpx.AsyncHTTPTransport
     """

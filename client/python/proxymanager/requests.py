@@ -46,7 +46,7 @@ class ProxyAdapter(requests.adapters.HTTPAdapter):
 
     def _made(self, proxy):
         made = super().proxy_manager_for(proxy)
-        self.proxy_manager.clear()  # the base class would keep it for ever
+        self.proxy_manager.clear()  # the base class would keep the manager for ever
         return made
 
     def proxy_manager_for(self, proxy, **options):
@@ -56,7 +56,8 @@ class ProxyAdapter(requests.adapters.HTTPAdapter):
         found = ways(self._client, request.url)
         if found is None:
             return super().send(request, stream, timeout, verify, cert, proxies)
-        # After a redirect, requests adds the password for the environment's proxy. It is not for this proxy.
+        # After a redirect, requests adds the password for the environment's proxy. This password is not for
+        # the proxy of the answer.
         request.headers.pop("Proxy-Authorization", None)
         for way in found:
             by = {} if way == DIRECT else {"http": way, "https": way}
@@ -72,6 +73,6 @@ class ProxyAdapter(requests.adapters.HTTPAdapter):
         super().close()
         for manager in self._managers.take_all():
             manager.clear()
-        # A session can be used after close(). The old client ends with the last question.
+        # A session can be used after close(). The old client ends after its last question.
         if self._is_own:
             self._client = Client()

@@ -26,7 +26,7 @@ class _Asking:
     # urllib3 calls this method for a redirect.
     def urlopen(self, method, url, **options):
         headers = dict(options.pop("headers", None) or {})
-        headers.pop("Host", None)  # it is the host of the first URL
+        headers.pop("Host", None)  # the old Host is the host of the first URL
         try:
             return self.asker.urlopen(method, url, headers=headers, **options)
         except Exception as failure:
@@ -61,7 +61,7 @@ def _manager(way, options):
 def _is_unreachable(error):
     """Returns whether no server has seen the request: no connection, or the library for SOCKS is missing."""
     if hasattr(error, "of_redirect"):
-        return False  # the server that redirects has seen it
+        return False  # the server that sent the redirect has seen the request
     if isinstance(error, ImportError):
         return True
     reason = error.reason if isinstance(error, MaxRetryError) else error

@@ -12,27 +12,27 @@
  * A client keeps one connection to the system message bus, on its own thread. It starts this thread
  * with the first question. The client also remembers answers: a repeated question needs no call on
  * the bus. All remembered answers become invalid when the daemon reports a change, starts or ends.
- * If the daemon or the bus ends, the client connects again by itself when both run again. A
- * question that is asked before that ends with PROXYMANAGER_NO_DAEMON or PROXYMANAGER_NO_BUS.
+ * If the daemon or the bus ends, the client connects again by itself when both run again. Until
+ * then, each question ends with PROXYMANAGER_NO_DAEMON or PROXYMANAGER_NO_BUS.
  *
  * Threads: all functions may be called from any thread; several threads may use one client.
- * Callbacks run on the client's thread, one at a time. Some callbacks run during the call of a
- * function; the description of that function then says so. A callback should be short: until it
+ * Callbacks run on the client's thread, one at a time. Some functions run a callback during their
+ * own call; the descriptions of these functions state this. A callback should be short: until it
  * returns, further answers wait, and so does the report that remembered answers have changed. If a
- * callback takes half a minute while a connection is being set up, the connection may fail as
- * denied. A callback may call every function except proxymanager_client_free(). In a callback
- * proxymanager_get() returns PROXYMANAGER_BUSY if it would have to wait. Do not call
+ * callback takes half a minute while a connection is being set up, the connection can fail with
+ * PROXYMANAGER_DENIED. A callback may call every function except proxymanager_client_free(). In a
+ * callback proxymanager_get() returns PROXYMANAGER_BUSY if it would have to wait. Do not call
  * pthread_cancel() for a thread that waits in proxymanager_get().
  *
  * Processes: after fork(), a client still belongs to the parent process; the library compares
  * process ids. In the child process, questions return PROXYMANAGER_FORKED, and
  * proxymanager_client_free() does nothing: a thread of the parent may have been changing the client
- * at the moment of the fork. The descriptors are closed by exec.
+ * at the moment of the fork. exec closes the descriptors.
  *
- * Texts are UTF-8 without NUL, as the bus demands, and without Unicode's noncharacters. The library
- * does not write to standard output, standard error or syslog. It does not change the handling of
- * signals or the environment. If DBUS_SYSTEM_BUS_ADDRESS is set when the client is made, it names
- * the bus, unless the program has more rights than its caller.
+ * Texts are UTF-8 without NUL, as the bus requires, and without Unicode's noncharacters. The
+ * library does not write to standard output, standard error or syslog. It does not change the
+ * handling of signals or the environment. If DBUS_SYSTEM_BUS_ADDRESS is set when the client is
+ * made, it names the bus, unless the program has more rights than its caller.
  */
 #ifndef PROXYMANAGER_CLIENT_H
 #define PROXYMANAGER_CLIENT_H
@@ -186,7 +186,7 @@ PROXYMANAGER_API proxymanager_status proxymanager_get(proxymanager_client* clien
                                                       proxymanager_answer** answer);
 
 /** Asks for the proxies of `url` without waiting.
- * @param limit_ms as above
+ * @param limit_ms as for proxymanager_get()
  * @param callback called exactly once if the function returns PROXYMANAGER_OK, else never. The
  * callback runs during this call if the client remembers the answer, else on the client's thread
  * @param id if not null, receives the number for proxymanager_cancel(); 0 if the callback has
@@ -239,7 +239,7 @@ PROXYMANAGER_API const proxymanager_entry* proxymanager_answer_entry(
 /** @return a short English text for people, such as "the daemon does not run"; never null */
 PROXYMANAGER_API const char* proxymanager_status_text(proxymanager_status status);
 
-/** Describes the last question of the calling thread: that of its last proxymanager_get() or
+/** Describes how the last question of the calling thread ended, from proxymanager_get() or
  * proxymanager_get_async(). In a callback, describes the question whose end the callback reports.
  * @return never null; valid until the thread asks its next question, runs its next callback, or
  * ends */
