@@ -1,4 +1,4 @@
-// The worker's script engine alone, with names, addresses and a clock that the caller provides.
+// Runs only the worker's script engine, with names, addresses and a clock that the caller provides.
 //
 // usage: answers SCRIPT [own=ADDRESS,...] [NAME=ADDRESS,...] ...
 //
@@ -46,7 +46,8 @@ class Environment : public pac_worker::PacEnvironment {
   std::int64_t clock = 0;
 
   Texts resolve(std::string_view name, AddressFamily family) override {
-    // The rules with which the browser gets its names depend on letter case.
+    // The browser's resolver rules depend on letter case. So a name with capitals has no address in
+    // the browser.
     if (base::isAscii(name) && base::lowerCase(name) != name) return {};
     return names.resolve(name, family, pac_engine::Deadline::max(), kNobody);
   }

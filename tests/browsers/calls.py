@@ -1,4 +1,5 @@
-"""Random calls of the helpers: with sensible arguments, almost correct arguments and junk.
+"""Makes random calls of the helpers of PAC scripts: with sensible arguments, almost correct ones
+and junk.
 
 A call is a JavaScript expression and the time at which it is evaluated.
 """
@@ -9,9 +10,9 @@ import random
 import zoneinfo
 from dataclasses import dataclass
 
-# Three zones. Berlin: Middle Europe. Chatham: the offset is not whole hours (it has three quarters of an
-# hour), summer is in December, and for half of each day the date is not that of GMT. Los Angeles: for a
-# third of each day the date is not that of GMT.
+# Three zones. Berlin: Central Europe. Chatham: the offset is not whole hours (it ends with 45 minutes),
+# summer is in December, and for half of each day the date is not that of GMT. Los Angeles: for a third
+# of each day the date is not that of GMT.
 ZONES = ("Europe/Berlin", "Pacific/Chatham", "America/Los_Angeles")
 UTC = datetime.timezone.utc
 
@@ -83,7 +84,7 @@ def quoted(text):
 
 
 def js_string(text):
-    """A string literal. The text is already in JavaScript's spelling."""
+    """A string literal. `text` is already escaped for JavaScript, except for single quotes."""
     return quoted(text)
 
 
@@ -127,7 +128,7 @@ class Calls:
         return self.random.choice(choices)
 
     def _mangled(self, arguments):
-        """Sometimes one argument is junk, one is missing, or there are too many arguments."""
+        """Returns the arguments. Sometimes one is junk, one is missing, or there are too many."""
         arguments = list(arguments)
         chance = self.random.random()
         if chance < 0.22 and arguments:

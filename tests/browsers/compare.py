@@ -30,7 +30,7 @@ from scripts import Scripts  # noqa: E402
 CALLS_A_RUN = 5000
 SCRIPTS_A_RUN = 250
 MOST_SHOWN = 20
-FIREFOX_CALLS = 2000  # calls of the first run in each zone
+FIREFOX_CALLS = 2000  # Firefox answers this number of calls, of the first run in each zone
 # The intended differences, which docs/pac-language.md lists.
 KEPT = (
     ("isPlainHostName of an IPv6 literal in brackets", re.compile(r"isPlainHostName\('\[[0-9a-f:.]+\]'")),

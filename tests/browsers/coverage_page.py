@@ -4,7 +4,8 @@
 usage: coverage_page.py --build=BUILD [--screenshot=FILE]
 
 The program reads the answer of each URL and follows the link to the line that gave this answer. It also
-checks that the page loads nothing from other places, even if the page contains a request for it.
+checks that the page loads nothing from other places: it adds requests to the page, and the page's
+policy must refuse them.
 """
 
 import argparse

@@ -75,14 +75,16 @@ class Page:
             self.events.append(self._receive())
 
     def evaluate(self, expression):
-        """The value of a JavaScript expression. If the value is a promise, waits for its result."""
+        """Evaluates a JavaScript expression in the page, and returns its value. If the value is a promise,
+        waits for its result."""
         done = self.call("Runtime.evaluate", expression=expression, returnByValue=True, awaitPromise=True)
         if "exceptionDetails" in done:
             raise RuntimeError(f"{expression}: {done['exceptionDetails']}")
         return done["result"].get("value")
 
     def click(self, element):
-        """Presses and releases the mouse in the middle of `element`, an expression."""
+        """Presses and releases the mouse in the middle of the element that the JavaScript
+        expression `element` gives."""
         x, y = self.evaluate(f"""(() => {{ const element = {element}; element.scrollIntoView();
             const box = element.getBoundingClientRect();
             return [box.x + box.width / 2, box.y + box.height / 2]; }})()""")

@@ -9,7 +9,8 @@ import firefox
 from scripts import NAMES
 
 _HERE = os.path.dirname(os.path.abspath(__file__))
-# Limits: a browser looks up 20 names in one evaluation, and the space of an alert is limited, too.
+# These numbers stay below the limits of a browser: it looks up 20 names in one evaluation, and an
+# alert has a maximum length.
 LOOKUPS_AT_ONCE = 15
 CALLS_AT_ONCE = 60
 
@@ -27,12 +28,13 @@ def _script(functions, calls):
 
 def _lookups(call):
     if call.expression.startswith("scripts"):
-        return 2  # lookups of the host, in one family and in both
+        return 2  # the host is looked up for one address family and for both
     return call.expression.startswith(("dnsResolve", "isResolvable", "isInNet("))
 
 
 def _groups(calls):
-    """Divides the numbers of the calls into groups. One evaluation makes the calls of one group."""
+    """Puts the numbers (indexes) of the calls into groups. One evaluation makes the calls of one
+    group."""
     groups, lookups = [[]], 0
     for number, call in enumerate(calls):
         more = _lookups(call)

@@ -1,4 +1,4 @@
-// The value of a call, its type, or what it throws, as one line of ASCII text.
+// Shows the value of a call with its type, or the thrown exception, as one line of ASCII text.
 var show = (function () {
   var text = String, typeName = Object.prototype.toString;
   function quoted(string) {

@@ -20,7 +20,7 @@ import sys
 import tempfile
 import threading
 
-# Options of GCC that clang does not know are ignored.
+# clang ignores options of GCC that it does not support.
 ALSO = ["-Wthread-safety", "-Wno-unknown-warning-option"]
 TESTS = ("tests", "bench")
 
@@ -36,8 +36,8 @@ HEAVY = ("CLI/CLI.hpp", "nlohmann/json.hpp")
 
 # These arguments of a compile command are left out, with their values.
 WITH_VALUE = {"-o", "-c", "-MF", "-MT", "-MQ"}
-# The hardening options do not change the findings. With them, the macros would differ from those
-# of a precompiled header, and clang 14 would need a second option for the last of them.
+# The hardening options do not change the findings. With them, the macros would differ from those of
+# a precompiled header, and clang 14 would need a second option for -ftrivial-auto-var-init.
 HARDENING = {"-U_FORTIFY_SOURCE", "-D_FORTIFY_SOURCE=2", "-D_FORTIFY_SOURCE=3", "-D_GLIBCXX_ASSERTIONS",
              "-ftrivial-auto-var-init=zero"}
 WITHOUT_VALUE = {"-MD", "-MMD", *HARDENING}
@@ -57,8 +57,8 @@ def arguments(entry):
 
 
 class Precompiled:
-    """Makes precompiled headers in `folder`. It makes one when a source is the first that needs
-    its combination of includes and options. Several threads use an object of this class."""
+    """Makes precompiled headers in `folder`: one for each combination of includes and options, when
+    the first source needs it. Several threads use an object of this class."""
 
     def __init__(self, folder):
         self._folder = folder
@@ -103,7 +103,7 @@ def tidied(file, tree, options):
 
 
 def sources_of(file):
-    """The file itself. If CMake has joined several sources in the file, these sources."""
+    """The file itself, or the sources that CMake has joined in it."""
     if not file.match("Unity/unity_*_cxx.cxx"):
         return [file]
     return [pathlib.Path(name) for name in

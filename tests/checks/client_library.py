@@ -43,7 +43,7 @@ def compiled(language, compiler, standards, header):
     with tempfile.TemporaryDirectory() as folder:
         source = os.path.join(folder, "program." + language)
         with open(source, "w") as file:
-            # Included twice and before all others, so that the header must be complete.
+            # The header is included twice and before all other headers, so it must be complete.
             file.write(f"#include <proxymanager/{header}>\n" * 2 + "int main(void) { return 0; }\n"
                        if language == "c" else
                        f"#include <proxymanager/{header}>\n" * 2 + "int main() {}\n")

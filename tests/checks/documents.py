@@ -49,7 +49,7 @@ def documents(tree):
 
 
 def anchors(document):
-    """The anchors of the document's headings, as code hosts generate them."""
+    """The anchors of the document's headings, as code-hosting sites make them."""
     titles = HEADING.findall(FENCE.sub("", read(document)))
     return {re.sub(r"[^\w -]", "", title.lower()).replace(" ", "-") for title in titles}
 
@@ -108,7 +108,8 @@ def undocumented_variables(tree):
 
 
 def packages_of_the_recipe(tree):
-    """Each alternative of a dependency needs a separate row."""
+    """Compares the rows of the recipe with the packages that a build needs. Each alternative of a
+    dependency needs a separate row."""
     listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout
     needed = {re.split(r"[ (]", name.strip())[0] for name in re.split(r"[|\n]", listed.strip())}

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# fetch_quickjs.sh supports each compression of the archive. It leaves the verification to apt: it
-# does not copy those options of the machine that turn the verification off.
+# Tests that fetch_quickjs.sh unpacks source tarballs of two compressions, and that it leaves the
+# verification to apt: when it copies an entry of the machine's apt sources, it leaves out the options
+# that turn the verification off.
 #
 # usage: engine_source.sh FETCH_QUICKJS_SH
 #
@@ -39,7 +40,7 @@ fetched() {
   [ -e "$folder/quickjs.c" ] || fail "$1: nothing was unpacked"
 }
 
-# is_entry EXPECTED: checks that apt got this entry.
+# is_entry: checks that apt got the source entry that stands on standard input.
 is_entry() {
   diff <(cat) "$work/seen" || fail "apt did not get this entry"
 }

@@ -19,7 +19,8 @@ import subprocess
 import sys
 import tempfile
 
-# These are checked in the compile commands. The first is only for x86, the last only for C++.
+# The options that compile commands must have. CONTROL_FLOW depends on the processor;
+# COMPILED_WITH_CXX is only for C++, and WORKER_COMPILED_WITH only for WORKER_SOURCES.
 CONTROL_FLOW = {"x86_64": "-fcf-protection=full", "aarch64": "-mbranch-protection=standard"}
 COMPILED_WITH = ["-D_FORTIFY_SOURCE=3", "-fstack-protector-strong", "-fstack-clash-protection"]
 COMPILED_WITH_CXX = ["-D_GLIBCXX_ASSERTIONS"]
@@ -66,7 +67,7 @@ def installed(cmake, build, prefix):
 
 
 def uncompiled(commands, tree):
-    """The compile commands without one of the flags."""
+    """The compile commands that do not have one of the required options."""
     flow = CONTROL_FLOW.get(os.uname().machine)
     for entry in commands:
         source = os.path.normpath(os.path.join(entry["directory"], entry["file"]))

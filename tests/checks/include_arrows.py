@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Fails on an include against the arrows between the folders.
+"""Fails if the arrows between the folders do not allow an include.
 
 usage: include_arrows.py TREE | --self-test
 

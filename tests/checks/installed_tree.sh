@@ -13,7 +13,7 @@ fail() {
 }
 
 "$cmake" --install "$build" --prefix "$prefix/first" >/dev/null
-# The tree is moved once more: no file may contain the path of its first place.
+# The programs must also work in another folder than the one they were installed to.
 mv "$prefix/first" "$prefix/second"
 
 for file in "$@"; do
@@ -22,7 +22,7 @@ for file in "$@"; do
   case $file in *bin/* | *libexec/* | *.so) ;; *) continue ;; esac
   case $file in *.so) ;; *) [ -x "$installed" ] || fail "$file is not executable" ;; esac
   if ldd "$installed" | grep 'not found'; then fail "$file lacks libraries"; fi
-  # The relative path to another program is allowed.
+  # A run path that is relative to the program ($ORIGIN/..) is allowed.
   if readelf -d "$installed" | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN/..'; then
     fail "$file remembers a folder"
   fi

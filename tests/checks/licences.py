@@ -46,11 +46,11 @@ def own_licence(copyright_text):
 
 
 def shared_objects(files):
-    """The names under which programs load the libraries of a package, found by the links for the
-    linker."""
+    """The names under which programs load the shared libraries of a package. They come from the
+    package's .so files, which the linker reads."""
     for link in re.findall(r"^.*\.so$", files, re.MULTILINE):
         content = pathlib.Path(link).read_bytes()
-        if not content.startswith(b"\x7fELF"):  # a script of the linker
+        if not content.startswith(b"\x7fELF"):  # not an ELF file, but a script of the linker
             yield from re.findall(r"[^/ ]+\.so\.[0-9]+", content.decode())
             continue
         dynamic = subprocess.run(["readelf", "-dW", link], check=True, capture_output=True, text=True)
@@ -64,12 +64,13 @@ def compiled_in(tree):
     listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout
     names = [line.split()[0] for line in listed.splitlines()]
-    # The engine is always in this list, because it is compiled into the programs of the SBOM's
-    # copy.
+    # findings() adds the engine under the name quickjs-ng, because the programs of this SBOM have
+    # it compiled in.
     left_out = {"dpkg-dev", "libqjs-dev"}
     for name in (name for name in names if name.endswith("-dev") and name not in left_out):
         files = subprocess.run(["dpkg", "-L", name], check=False, capture_output=True, text=True)
-        # If a package is not installed, the build uses an alternative.
+        # If a package is not installed, Build-Depends has an alternative to it, which the build
+        # uses.
         if files.returncode == 0 and loaded.isdisjoint(shared_objects(files.stdout)):
             yield name
 

@@ -30,7 +30,7 @@ SUFFIXES = (".cpp", ".h", ".hpp", ".c")
 
 TEXT = r'"(?:[^"\\]|\\.)*"'
 CALL = re.compile(rf"\blogLine\(\s*LOG_(\w+)\s*,\s*({TEXT}(?:\s*{TEXT})*)")
-BETWEEN_TEXTS = re.compile(r'"\s*r?"')  # in Python the next may be a raw one
+BETWEEN_TEXTS = re.compile(r'"\s*r?"')  # in Python, the next literal may be a raw string
 CONVERSION = re.compile(r"%[-+ #0]*(?:\d+|\*)?(?:\.(?:\d+|\*))?(?:hh|h|ll|l|z|j|t)?[diouxXcsp]")
 # The variable parts of a message in a document: words in capitals, and numbers.
 VARIES = re.compile(r"\b[A-Z]+\b|\d+")
@@ -77,8 +77,8 @@ def pattern(message):
     found = ""
     for piece in words(message):
         found += ("[^\\n]*?" if found else "") + re.escape(piece)
-        # A test may end its text after this piece. For each conversion before it, the test has a
-        # value.
+        # After the first piece of 12 characters or more, the rest is not compared: a test may omit
+        # it. Before it, any text may replace a conversion such as %s.
         if len(piece.strip()) >= 12:
             break
     return re.compile(found)
@@ -93,9 +93,11 @@ def tests(tree):
 
 def asserting(message, texts):
     looked_for = pattern(message)
-    # A test may compose the text after the last colon of a constant message.
+    # A test may also contain only the part of a constant message up to its last colon, and compose
+    # the rest.
     beginning = message[:message.rfind(":") + 1] if "%" not in message else ""
-    # Or it contains the class and the function once, and adds them to the beginning of each line.
+    # Or a test may take the first word of its lines (class and function) from a variable of an
+    # f-string.
     end = words(message)[0].partition(" ")[2]
     return [name for name, text in texts.items()
             if looked_for.search(text) or (len(beginning) >= 12 and beginning + '"' in text)

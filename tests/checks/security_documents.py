@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Fails if the bill of materials or the list of the engine's holes is not complete.
+"""Fails if the SBOM or the list of the engine's known vulnerabilities is incomplete.
 
 usage: security_documents.py CMAKE BUILD | --self-test CMAKE
 
@@ -62,7 +62,8 @@ def in_sbom(sbom, programs):
     uses = {entry["ref"]: set(entry["dependsOn"]) for entry in sbom["dependencies"]}
     names = names_of(sbom)
     for path in programs:
-        # Libraries are installed under the name of the link.
+        # The SBOM has a library under the beginning of its file's name, for example libx.so.1 for
+        # libx.so.1.2.3.
         name = next((ref for ref in uses if path.name.startswith(ref)), None)
         if name is None:
             yield f"{path.name} is not in the SBOM"
@@ -115,7 +116,7 @@ def findings(cmake, build):
     built, copies = made["sbom.cdx.json"], {name: read(FOLDER / name) for name in DOCUMENTS}
     yield from not_installed(built)
     yield from of_engine(made, urls_of(built)["quickjs-ng"])
-    # The copies are from a build with the engine's source.
+    # The copies in the tree are from a build with the engine's source.
     version = next(part["version"] for part in copies["sbom.cdx.json"]["components"]
                    if part["name"] == "quickjs-ng")
     yield from of_engine(copies, f"pkg:generic/quickjs-ng@{version}")
@@ -140,15 +141,15 @@ def self_test(cmake):
     with tempfile.TemporaryDirectory() as folder:
         header = pathlib.Path(folder, "quickjs.h")
         header.touch()
-        # 183 days are half a year. The dates of a copied header and of the build's source have no
-        # effect.
+        # A release counts as old after 183 days (half a year). If the version is listed, the dates
+        # of the header file and of the source have no effect.
         good = run(cmake, folder, "0.16.2", header, TODAY="2027-02-19")
         assert good.returncode == 0 and "days old" not in good.stderr, good.stderr
         stale = run(cmake, folder, "0.16.2", header, TODAY="2027-02-20")
         assert stale.returncode == 0 and "2026-08-20 is 184 days old" in stale.stderr, stale.stderr
         old = run(cmake, folder, "0.11.0", header)
         assert old.returncode != 0 and "CVE-2025-62494" in old.stderr, old.stderr
-        # A version that is not listed has the date of its header.
+        # For a version that is not listed, the date of its header file counts.
         fresh = run(cmake, folder, "99.0", header)
         assert fresh.returncode == 0 and "days old" not in fresh.stderr, fresh.stderr
         subprocess.run(["touch", "-d", "7 months ago", header], check=True)
@@ -164,7 +165,8 @@ def self_test(cmake):
         assert not lines, lines
         lines = list(of_engine(made, "pkg:generic/quickjs-ng@98.0"))
         assert len(lines) == 2, lines
-        # The header of any other package replaces that of libqjs-dev.
+        # With a header of libc6-dev instead of libqjs-dev, the SBOM must name libc6-dev as the
+        # package.
         assert run(cmake, folder, "0.17.0", "/usr/include/stdio.h").returncode == 0
         packaged = read(pathlib.Path(folder, "sbom.cdx.json"))
         assert urls_of(packaged)["quickjs-ng"].startswith("pkg:deb/debian/libc6-dev@"), packaged

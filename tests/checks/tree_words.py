@@ -29,7 +29,7 @@ PATTERNS = {
     "a path of one machine": re.compile(r"(^|[^A-Za-z0-9_.])/(wor" r"k|far" r"m)/"),
     "a package host": re.compile(r"//(?!www\.)[A-Za-z0-9.-]*(deb" r"ian|npm" r"js)\.[a-z]+"),
 }
-# Lists that other people wrote.
+# Files with these suffixes are lists that other people wrote.
 LEFT_OUT = {".dat"}
 
 

@@ -1,5 +1,5 @@
-// The ASCII form of a host name: it is valid in a query, does not depend on letter case, and the
-// ASCII form of this form is the form itself.
+// Tests the ASCII form of a host name: it is valid in a query, and does not depend on letter case.
+// If it is converted again, it does not change.
 #include <algorithm>
 #include <string>
 
@@ -13,7 +13,7 @@ using pac_engine::asciiName;
 
 namespace {
 
-// 253 characters, and the root's dot.
+// A name has at most 253 characters, and the root's dot may follow.
 constexpr std::size_t kLongestName = 254;
 
 char lower(char c) {

@@ -1,5 +1,6 @@
-// Packets of the fetch process, which may send any bytes. If an accepted packet is encoded again,
-// the result has the same bytes. Its texts are short and printable.
+// Tests the decoding of packets of the fetch process, which may send any bytes. If an accepted
+// packet is encoded again, the result has the same bytes. The texts of the packet are short and
+// printable.
 #include <algorithm>
 #include <string>
 

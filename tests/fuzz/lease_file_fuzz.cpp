@@ -1,5 +1,5 @@
-// Reading a lease file that any program may have written. The result is one clean value. If the
-// writer quoted the value correctly, the result is this value.
+// Tests the reading of a lease file that any program may have written. The result is one clean
+// value. If the writer quoted the value correctly, the result is this value.
 #include <string>
 
 #include "platform/netservice/dhcp_conf.h"

@@ -1,7 +1,7 @@
-// Writing a lease. The network's server may send any options. Still, the lease file has three lines
-// of harmless words, the resolver file has one line of names, and the daemon reads the same values
-// that were written. The input is a byte for the encoding and four values; each value ends with
-// "|".
+// Tests the writing of a lease. The network's server may send any options. Still, the lease file
+// has three lines of harmless words, the resolver file has one line of names, and the daemon reads
+// the same values that were written. The input is a byte for the encoding and four values; each
+// value ends with "|".
 #include <algorithm>
 #include <optional>
 #include <sstream>

@@ -1,6 +1,7 @@
-// The library's side of the conversation, with a hostile worker at the other end. The engine is the
-// library's real one. Instead of a process, there is a socket that already contains all messages of
-// the worker, both well-formed messages and garbage. A model predicts the library's results.
+// Tests the library's side of the conversation, with a hostile worker at the other end. The engine
+// is the library's real one. Instead of a process, there is a socket that already contains all
+// messages of the worker, both well-formed messages and garbage. A model predicts the library's
+// results.
 //
 // The input has a part for each worker that the library starts. The part begins with a byte, which
 // decides whether the worker reads its socket and how many messages it sends. Then the messages
@@ -52,7 +53,7 @@ struct Run {
 
   fuzz::Input& input;
   std::deque<std::optional<Worker>> started;  ///< for the model; an empty element: no start
-  std::optional<Worker> current;              ///< the model's
+  std::optional<Worker> current;              ///< the worker that the model uses now
   std::uint32_t serial = 0;
   std::string bytes;           ///< the message that ended a wait
   std::string alerts;          ///< logged since the last check, one line each
@@ -136,7 +137,7 @@ void checkLine(int priority, std::string_view line) {
     (run->alerts += line.substr(kAlert.size())) += '\n';
 }
 
-/// A load and each question have their own share of the log.
+/// A load and each question have separate limits for the alerts that are logged.
 void checkAlerts() {
   require(run->alerts == run->expectedAlerts, "alerts are logged up to their share");
   run->alerts.clear();

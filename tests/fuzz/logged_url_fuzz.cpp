@@ -1,5 +1,5 @@
-// Lists of URLs and access logs: each URL that is read is a word of the log, or is made from one
-// word.
+// Tests the reading of lists of URLs and of access logs: each URL that is read is a word of the
+// log, or is made from one word.
 #include "client/ctl/terminal/logged_url.h"
 #include "tests/fuzz/support/input.h"
 #include "tests/fuzz/support/require.h"

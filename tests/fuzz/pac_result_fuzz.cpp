@@ -1,5 +1,5 @@
-// A script's result text. Its entries equal those of a second parser. If the entries are joined and
-// parsed again, the result is the same.
+// Tests the parsing of a script's result text. The entries equal those of a second parser. If the
+// entries are joined and parsed again, the result is the same.
 #include <string>
 #include <string_view>
 #include <vector>

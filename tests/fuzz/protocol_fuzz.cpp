@@ -1,5 +1,5 @@
-// The messages between library and worker. Both decoders get any bytes. In addition, messages are
-// made from the input's bytes, and are encoded and decoded. An accepted message is within the
+// Tests the messages between library and worker. Both decoders get any bytes. In addition, messages
+// are made from the input's bytes, and are encoded and decoded. An accepted message is within the
 // limits and has only one encoding.
 #include <algorithm>
 #include <string>

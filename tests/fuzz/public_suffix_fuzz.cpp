@@ -1,6 +1,6 @@
-// Public suffixes. The built-in table is compared with libpsl, which reads the same list from which
-// the table is made. The guard of the candidates (isPublicSuffix) must find every suffix that
-// libpsl's current list has.
+// Tests the search for public suffixes. The built-in table is compared with libpsl, which reads the
+// same list from which the table is made. The guard of the candidates (isPublicSuffix) must find
+// every suffix that libpsl's current list has.
 //
 // These results must agree, for names in ASCII without empty labels, in lower case and without dots
 // at their ends:
@@ -9,9 +9,9 @@
 //    public suffix is not used. International rules are an exception: the table has them only as
 //    UTF-8, which no lookup finds, and libpsl also has them in ASCII form. For these rules, libpsl
 //    may return yes and the guard no;
-//  - if the exact lookups return yes for a name, the guard also returns yes.
-// The other direction is not required: the exact lookups have no wildcards, so they may return no
-// if the guard returns yes.
+//  - if isEffectiveTld() returns yes for a name, the guard also returns yes.
+// The other direction is not required: isEffectiveTld() has no wildcards, so it may return no if
+// the guard returns yes.
 #include <libpsl.h>
 
 #include <string>
@@ -72,7 +72,8 @@ void checkGuard(const std::string& name) {
     require(guarded, "the table is read as the list means it");
 }
 
-/// Checks the exact lookups, for any text. `suffix` is the result of topLevelDomain for `name`.
+/// Checks topLevelDomain and isEffectiveTld for any text. `suffix` is the result of topLevelDomain
+/// for `name`.
 void checkLongest(const std::string& name, const std::string& suffix) {
   std::string bare = name;
   while (bare.ends_with('.')) bare.pop_back();

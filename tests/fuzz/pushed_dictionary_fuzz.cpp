@@ -1,6 +1,6 @@
-// The settings that a network manager pushes: any keys with values of any types, in a real message.
-// The settings that the service reads equal those that a model reads. The result is a valid
-// configuration, or the settings are ignored.
+// Tests the reading of settings that a network manager pushes: any keys with values of any types,
+// in a real message. The settings that the service reads equal those that a model reads. The result
+// is a valid configuration, or the settings are ignored.
 #include <sys/socket.h>
 #include <systemd/sd-bus.h>
 
@@ -137,7 +137,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const int result = readPushed(made, pushed, problem);
   const auto& method = model.texts["Method"];
   const bool isKnown = method == "direct" || method == "auto" || method == "manual";
-  // The limits of texts and lists are not checked here, because an input is shorter.
+  // The limits of texts and lists are not checked here, because an input is too short to reach
+  // them.
   require(result == (isKnown ? 0 : 1) && problem.empty() == isKnown, "the method decides");
   if (result != 0) return 0;
   require(pushed.url == model.texts["URL"] && pushed.interface == model.texts["Interface"] &&

@@ -1,5 +1,5 @@
-// Documents of proxy information with any content. The script that is made from a document has only
-// entries of proxies that passed the check, and it never has a rule that was ignored.
+// Tests documents of proxy information with any content. The script that is made from a document
+// has only entries of proxies that passed the check, and it never has a rule that was ignored.
 #include <algorithm>
 #include <string>
 

@@ -1,6 +1,6 @@
-// The relay's reader of HTTP/1. An accepted head has only one meaning. The message that the relay
-// forwards is also accepted, with the same body. The input is a head with its empty line, and then
-// a body.
+// Tests the relay's parser of HTTP/1. An accepted head has only one meaning. The message that the
+// relay forwards is also accepted, with the same body. The input is a head with its empty line, and
+// then a body.
 #include <algorithm>
 #include <string>
 

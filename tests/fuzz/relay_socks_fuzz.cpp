@@ -1,5 +1,5 @@
-// The requests of SOCKS clients. The reader ends for any input. If it accepts a destination, the
-// destination's text is read as the same destination.
+// Tests the reading of SOCKS requests. The reader ends for any input. If it accepts a destination,
+// the text of the destination is parsed to the same destination.
 #include <string>
 
 #include "relay/socks.h"

@@ -1,4 +1,4 @@
-// The resolver file's text: the result is a part of the last line with a keyword.
+// Tests the reading of the resolver file: the result is a part of the last line with a keyword.
 #include <sstream>
 #include <string>
 
@@ -11,7 +11,7 @@ using fuzz::require;
 
 namespace {
 
-// Line by line, as a stream reads them.
+// Finds the expected result in a simpler way: reads line by line from a stream.
 std::string expected(const std::string& text) {
   std::string domain;
   std::istringstream lines(text);

@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Runs the fuzz targets of a build and prints a table: run.sh BUILD MINUTES JOBS
 #
-# The minutes are shared out over the targets, JOBS of which run at once. Each begins with its corpus
-# of the tree and with what earlier runs in the same build found worth keeping. Status 1 on a finding.
+# The targets share the minutes equally. JOBS targets run at the same time. Each begins with its
+# corpus in the tree, and with the inputs that earlier runs in the same build have stored. The
+# status is 1 if there is a finding.
 set -euo pipefail
 build=$1 minutes=$2 jobs=$3
 source=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
-# The sanitizer's quarantine alone takes 256 MiB; and no input is worth more than some milliseconds.
+# The sanitizer's quarantine alone takes 256 MiB. An ordinary input takes only some milliseconds.
 readonly memory_mib=1024 input_seconds=10
 
-# fuzz NAME LONGEST SECONDS: runs one target. Its output goes to a log; a status says that it failed.
+# fuzz NAME LONGEST SECONDS: runs one target. Writes its output to a log, and its status to a file
+# if it fails.
 fuzz() {
   local name=$1 longest=$2 seconds=$3 folder=$build/fuzz/$1
   local options=("-max_total_time=$seconds" "-max_len=$longest" "-timeout=$input_seconds"
@@ -20,13 +22,14 @@ fuzz() {
   fi
   rm -rf "$folder/findings"
   mkdir -p "$folder/corpus" "$folder/findings"
-  # The outer limit is for a target that hangs without libFuzzer's alarm.
+  # timeout ends a target that hangs although libFuzzer has a time limit.
   timeout --signal=ABRT --kill-after=10 $((seconds + 60)) \
     "$build/out/fuzz/${name}_fuzz" "${options[@]}" "$folder/corpus" "$source/corpus/$name" \
     >"$folder/log" 2>&1 || echo $? >"$folder/findings/status"
 }
 
-# row NAME: its line of the table, and where it failed how to see that again.
+# row NAME: prints the target's line of the table. If the target has failed, also prints how to
+# reproduce the failure.
 row() {
   local name=$1 folder=$build/fuzz/$1
   local findings

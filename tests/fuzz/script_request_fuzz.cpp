@@ -1,5 +1,5 @@
-// A request to the server of pushed scripts. The reader finds the same as a regular expression, and
-// no file name leads out of the folder.
+// Tests the reading of requests to the server of pushed scripts. The reader accepts the same
+// requests as a regular expression, and no file name leads out of the folder.
 #include <regex>
 #include <string>
 

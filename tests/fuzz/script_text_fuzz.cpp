@@ -1,4 +1,4 @@
-// The conversion of a script's bytes to its text, and of texts to a log line: the results are
+// Tests the conversion of a script's bytes to its text, and of texts to a log line. The results are
 // well-formed UTF-8, have no control characters, and keep the promised length.
 #include <algorithm>
 #include <string>

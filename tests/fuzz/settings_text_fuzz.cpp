@@ -1,5 +1,6 @@
-// The administrator's settings, in a file with any content. Each problem names a line of the file,
-// each accepted value is within its limits, and settings that are written and read again are equal.
+// Tests the reading of the administrator's settings, in a file with any content. Each problem names
+// a line of the file, each accepted value is within its limits, and settings that are written and
+// read again are equal.
 #include <algorithm>
 #include <cstdio>
 #include <string>

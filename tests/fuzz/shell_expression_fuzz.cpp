@@ -1,4 +1,4 @@
-// shExpMatch's native matching, compared with the engine's regular expressions, which it replaces.
+// Compares shExpMatch's native matching with the engine's regular expressions, which it replaces.
 // The input is the text, a "|" and the expression. A "~" in either stands for a character that is
 // hard to type.
 #include <algorithm>
@@ -18,7 +18,7 @@ using namespace pac_worker;
 
 namespace {
 
-// The same expression for the engine's regular expressions.
+// This script tries both: shExpMatch, and a regular expression with the same meaning.
 constexpr char kScript[] = R"(
 function viaRegExp(text, expression) {
   var to = { '*': '.*', '?': '.', '.': '\\.' };

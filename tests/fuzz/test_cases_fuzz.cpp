@@ -1,5 +1,5 @@
-// Files of test cases: a file is refused with the number of a line, or each of its cases has a URL
-// and an answer.
+// Tests the reading of files of test cases. Either a file is refused with the number of a line, or
+// each of its cases has a URL and an answer.
 #include <string>
 
 #include "client/ctl/commands/test_cases.h"

@@ -1,5 +1,5 @@
-// A trace file: the values are in range, bad lines are logged and change nothing, and written
-// values are read again.
+// Tests the reading of trace files: the values are in range, bad lines are logged and change
+// nothing, and values that are written are read again.
 #include <string>
 #include <string_view>
 #include <vector>

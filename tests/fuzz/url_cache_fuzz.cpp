@@ -1,4 +1,4 @@
-// The cache of answers, compared with a simple model: a list of keys in the order of use. Each pair
+// Compares the cache of answers with a simple model: a list of keys in the order of use. Each pair
 // of bytes in the input is one call. Each owner frees its texts, so that the address sanitizer
 // reports a text that is freed twice or never.
 #include <algorithm>
@@ -44,7 +44,7 @@ class Trial {
   void set(const std::string& key, ProxyUrlSettings list) {
     const auto known = find(key);
     if (known != mModel.end()) {
-      // The cache no longer owns a replaced list, and does not release it.
+      // After set() has replaced a list, the cache does not own this list, and does not release it.
       mReplaced.push_back(std::move(known->list));
       mModel.erase(known);
     } else if (mModel.size() == static_cast<std::size_t>(mCapacity)) {
@@ -101,7 +101,7 @@ class Trial {
   std::list<Answer> mModel;
   std::list<Answer> mDue;  ///< the running call must release these
   std::vector<ProxyUrlSettings> mReplaced;
-  ProxyUrlCache mCache;  // last member: its destruction still uses the others
+  ProxyUrlCache mCache;  // last member: its destruction still uses the other members
 };
 
 ProxyUrlSettings made(std::size_t count) {

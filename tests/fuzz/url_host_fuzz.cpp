@@ -1,4 +1,5 @@
-// The host of a URL is a part of the text, cut only at the promised places.
+// Tests the search for the host of a URL: the host is a part of the text, cut only at the promised
+// places.
 #include <cstdlib>
 #include <memory>
 #include <optional>

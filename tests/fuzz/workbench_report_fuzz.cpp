@@ -1,5 +1,5 @@
-// Reports of the workbench, which has read a foreign script. A report is refused, or its numbers
-// refer to places that exist.
+// Tests the reading of reports of the workbench, which has read a foreign script. Either a report
+// is refused, or its numbers refer to places that exist.
 #include <nlohmann/json.hpp>
 
 #include "client/ctl/commands/lint_report.h"

@@ -1,7 +1,8 @@
-// The worker's side of the conversation, with a hostile library at the other end. The loop is the
-// worker's real one. The input controls a replacement of the script engine. An exception replaces
-// the end of the process. The socket already contains all messages of the library. A model predicts
-// each byte that the worker sends, and how the worker ends.
+// Tests the worker's side of the conversation, with a hostile library at the other end. The loop is
+// the worker's real one. The input controls a replacement of the script engine. Instead of
+// ending the process, the test's endWorker() throws an exception. The socket already contains all
+// messages of the library. A model predicts each byte that the worker sends, and how the worker
+// ends.
 //
 // The input begins with a byte for the number of the library's messages. Then the messages follow,
 // each after a byte for its kind. The remaining bytes control the steps of the engine.
@@ -36,7 +37,7 @@ struct Ended {
   int code;
 };
 
-/// The library: it sends any message, and knows which messages it must receive.
+/// Replaces the library: sends any message, and checks which messages it receives.
 struct Library {
   explicit Library(fuzz::Input& given) : input(given) {}
 

@@ -1,4 +1,4 @@
-// The candidates of a search list. The host of every URL is "wpad" below a name of the list.
+// Tests the candidates of a search list. The host of every URL is "wpad" below a name of the list.
 // According to curl's reading of the URL, this host is never directly below a public suffix.
 #include <curl/curl.h>
 
@@ -22,7 +22,7 @@ constexpr std::string_view kBegin = "http://wpad.";
 constexpr std::string_view kEnd = "/wpad.dat";
 constexpr std::size_t kMostCandidates = 32;
 
-/// The host that curl would ask; empty if curl refuses the URL.
+/// The host to which curl would send the request; empty if curl refuses the URL.
 std::string hostByCurl(const std::string& url) {
   const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> parsed(curl_url(), &curl_url_cleanup);
   char* host = nullptr;

@@ -63,7 +63,7 @@ Options patient() {
   return options;
 }
 
-/// Whether there is no answer because of the worker, and not because of the script.
+/// Whether the worker, and not the script, is the reason for the missing answer.
 bool isOfTheWorker(const Problem& problem) {
   return problem.message.find("worker") != std::string::npos;
 }
@@ -82,8 +82,8 @@ TEST_P(Hole, IsClosed) {
   const auto worker = engine->workerPid();
   for (int round = 0; round < 3; ++round) {
     const auto reply = engine->evaluate("http://h/", "h");
-    // A proof that ends early proves nothing, so a script error does not count as success. An
-    // exception are the proofs that fill the heap.
+    // A proof that ends early proves nothing, so a script error does not count as success. The only
+    // exceptions are the proofs that fill the heap.
     if (!isOfTheHeap(reply.problem)) {
       EXPECT_EQ(reply.result, "ok") << describe(reply.problem);
     }
@@ -97,12 +97,13 @@ INSTANTIATE_TEST_SUITE_P(Published, Hole, testing::ValuesIn(scriptsIn(PROXYMANAG
 #ifdef PROXYMANAGER_ENGINE_TESTS
 
 const std::regex kAssertions("import [^\n]*assert\\.js\"[^\n]*");
-/// The worker does not have modules or the engine's own library for files and processes.
+/// Finds scripts that use modules, or the engine's own library for files and processes. The worker
+/// has neither.
 const std::regex kModule("\"qjs:|(^|\n)(import|export) |(^|\n)await ");
 
-/// The release that kRefused was made for.
+/// The engine's release for which kRefused was made.
 const std::string kListedVersion = "0.16.2";
-/// Release 0.16.2 has 67. If the test finds far fewer scripts, it tests almost nothing.
+/// Release 0.16.2 has 67 scripts. If the test finds far fewer scripts, it tests almost nothing.
 constexpr size_t kFewestScripts = 60;
 
 struct Refusal {
@@ -132,8 +133,8 @@ const std::map<std::string, Refusal> kRefused = {
     {"test_queue_microtask", {"assertion failed", "the worker lacks queueMicrotask"}},
 };
 
-/// Whether a script failed because it uses additions of the engine's own programs (functions,
-/// modules).
+/// Whether a script failed because it uses functions or modules that only the engine's own
+/// command-line programs have.
 bool isOfTheSurroundings(const Problem& problem) {
   return std::regex_search(problem.message, std::regex("ReferenceError|SyntaxError"));
 }

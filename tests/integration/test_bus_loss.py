@@ -1,4 +1,4 @@
-"""The message bus ends while the daemon runs."""
+"""Tests the end of the message bus while the daemon runs."""
 
 import itertools
 import os
@@ -12,7 +12,7 @@ from support.daemon import Daemon, make_watched_files, wait_until_none_runs
 from support.syslog_socket import ERR, INFO
 from support.web import script
 
-# The daemon ends at once, without joining its threads.
+# The daemon ends at once and does not join its threads. The thread sanitizer must not report them.
 AT_ONCE = {"TSAN_OPTIONS": os.environ.get("TSAN_OPTIONS", "") + ":report_thread_leaks=0"}
 LOST = "bus: connection to the message bus lost, ending"
 
@@ -27,7 +27,7 @@ def test_a_lost_bus_is_one_line_and_an_end_with_1(build, bus, syslog):
     assert daemon.wait() == 1
     assert syslog.errors() == [(ERR, LOST)]
     daemon.close()
-    bus.start()  # for the fixture
+    bus.start()  # the fixture ends a running bus
 
 
 def test_after_a_lost_bus_it_starts_with_the_new_one(build, bus, syslog, web):

@@ -1,4 +1,4 @@
-"""The bus policy of the packages, on a bus that denies everything else."""
+"""Tests the bus policy of the packages, on a bus that denies everything else."""
 
 import os
 import subprocess

@@ -1,4 +1,5 @@
-"""The client library as programs use it: installed, found by pkg-config, with a real daemon."""
+"""Tests the client library as programs use it: installed, found by pkg-config, with a real
+daemon."""
 
 import os
 import subprocess
@@ -15,7 +16,7 @@ EXAMPLE = os.path.join(TREE, "docs/examples/which_proxy.c")
 MOST_LINES = 30
 URL = "http://www.example.org/"
 
-# For each line of standard input, it prints the answer that the line asks for.
+# The program reads one URL in each line of standard input, and prints the answer for each URL.
 FOLLOWER = r"""
 #include <proxymanager/client.hpp>
 #include <iostream>
@@ -141,7 +142,8 @@ def test_a_program_gets_the_password_of_a_manual_proxy_if_it_may_read_it(compile
     wait_until(lambda: len(client.urls(URL)) > 1, "the script answers")
     assert ask(WITH_CREDENTIALS) == "pacurl http://p.example:1"
     assert daemon.stop() == 0
-    # The configuration changes between the answer and the password: first once, then each time.
+    # The configuration changes between the call for the answer and the call for the password: in
+    # the first case once, in the second case at each try.
     old, new = (("as", (["manual", f"http://{name}.example:1"],)) for name in ("old", "new"))
     read = ("(ssssss)", (("manual", "http://new.example:1", "", "n", "me", "x"),))
     for replies, answer in (([old, new], "http://me:x@new.example:1"),

@@ -1,4 +1,4 @@
-"""The contract on the bus: names, signatures, introspection, and wrong calls."""
+"""Tests the contract on the bus: names, signatures, introspection, and wrong calls."""
 
 import os
 import xml.etree.ElementTree as ElementTree
@@ -95,7 +95,7 @@ def test_malformed_arguments_are_refused_and_change_nothing(client, signals, mem
         client.call(member, signature, body)
     assert error.value.name == INVALID_ARGS
     assert client.config() == ("off", "", "", "n", "", "")
-    client.update("manual", proxyurl="good")  # signals of the bad call would come first
+    client.update("manual", proxyurl="good")  # signals of the bad call would come before these
     assert signals.wait("notifyProxyConfigupdated")[1] == "good"
     assert signals.count("notifyProxyConfigupdated") == 1
     assert signals.count("notifyClearcache") == 1

@@ -1,4 +1,4 @@
-"""The command line of proxymanagerctl, its help and its output."""
+"""Tests the command line of proxymanagerctl, its help and its output."""
 
 import pathlib
 import re

@@ -1,5 +1,6 @@
-"""The completions of proxymanagerctl, each in its own shell. They have the label slow so that
-they do not run under sanitizers, where they would test nothing of the program."""
+"""Tests the completions of proxymanagerctl, each in its own shell. They have the label slow, so
+they do not run under sanitizers. The completions are shell scripts, in which sanitizers find
+nothing."""
 
 import os
 import re

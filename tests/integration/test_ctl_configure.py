@@ -1,4 +1,4 @@
-"""proxymanagerctl config, off, manual, pacurl, wpad."""
+"""Tests proxymanagerctl config, off, manual, pacurl and wpad."""
 
 import re
 import signal
@@ -55,7 +55,7 @@ def test_the_password_is_asked_for_at_the_terminal_and_not_shown(ctl, client):
     assert client.config() == ("manual", "http://p:1", "", "n", "u\x1b[2J", "typed secret")
     terminal = ctl.on_terminal("off", "--user", "u")
     terminal.output.wait("Password for u: ")
-    # The prompt of the library misses a signal that comes before it reads.
+    # If a signal comes before the library's prompt reads, the prompt misses the signal.
     wait_until(lambda: sleeps(terminal.pid), "it reads")
     terminal.type("\x03")
     assert terminal.end()[0] == -signal.SIGINT

@@ -1,4 +1,4 @@
-"""proxymanagerctl exec."""
+"""Tests proxymanagerctl exec."""
 
 import contextlib
 import os
@@ -153,5 +153,5 @@ def test_a_new_password_never_comes_into_the_url_of_the_proxy_before(ctl, bus):
     run = ["exec", "--no-check", "http://a/", "--", "sh", "-c", "echo $http_proxy"]
     assert asked([old, new], *run) == "http://me:x@new.example:1\n"
     assert asked([old] * 3, *run) == asked([script] * 3, *get, "http://a/") == "http://old.example:1\n"
-    # The configuration is read for each URL.
+    # The command reads the configuration again for each URL.
     assert asked([new, old, new], *get, "http://a/", "http://b/") == "http://me:x@new.example:1\n" * 2

@@ -1,4 +1,4 @@
-"""proxymanagerctl when the bus or the daemon fails, or when an answer is late."""
+"""Tests proxymanagerctl when the bus or the daemon fails, or when an answer is late."""
 
 import os
 import signal
@@ -81,7 +81,7 @@ def test_a_bus_that_is_not_there_is_told_in_one_line(ctl, build):
             "there is no message bus at unix:path=/run/dbus/system_bus_socket (No such file")
 
 
-@pytest.mark.slow  # 10 s, and no more
+@pytest.mark.slow  # waits for a limit of 10 s
 def test_a_bus_that_does_not_answer_is_told_in_one_line(ctl, root):
     line = f"the message bus at {ADDRESS} does not answer; try again, or restart it"
     with socket.socket(socket.AF_UNIX) as silent:
@@ -94,7 +94,7 @@ def test_a_bus_that_does_not_answer_is_told_in_one_line(ctl, root):
             assert name != "status" or rows(output)["running"] == f"unknown: {line}"
 
 
-@pytest.mark.slow  # 10 s, and no more
+@pytest.mark.slow  # waits for a limit of 10 s
 def test_a_bus_that_greets_and_then_does_not_answer_is_told_in_one_line(ctl, root):
     bus = DeafBus("/run/test_bus")
     call = ctl.start("watch", "--timeout", "60")
@@ -107,7 +107,7 @@ def test_a_bus_that_greets_and_then_does_not_answer_is_told_in_one_line(ctl, roo
 def test_the_time_limit_of_a_call_limits_a_silent_bus(ctl, root):
     with socket.socket(socket.AF_UNIX) as bus:
         bus.bind("/run/test_bus")
-        bus.listen(16)  # it never accepts
+        bus.listen(16)  # the socket never accepts a connection
         begin = time.monotonic()
         for arguments in (["get", "http://a/"], ["status"], ["wait", "--configured"]):
             assert ctl(*arguments, "--timeout", "0.1").status == TRY_AGAIN, arguments
@@ -203,7 +203,7 @@ def test_somebody_else_with_the_daemons_name_is_told_in_one_line(ctl, stand_in):
     for name, arguments in commands("status", "watch"):
         assert said(ctl(name, *arguments)) == (
             PROTOCOL, line.format("its reply has another form")), name
-    # The bus transports such a character, but the library of the caller refuses it.
+    # The bus transports U+FFFE, but the caller's D-Bus library refuses it.
     stand_in(getProxyurl=("as", (["manual", "http://p:1", "http://\ufffe:2"],)))
     assert said(ctl("get", "http://a/")) == (PROTOCOL, line.format("its reply has another form"))
     unknown = "org.freedesktop.DBus.Error.UnknownMethod"

@@ -1,4 +1,4 @@
-"""proxymanagerctl get: its questions, and the forms of the answer."""
+"""Tests proxymanagerctl get: its questions, and the forms of the answer."""
 
 import os
 import re

@@ -1,4 +1,4 @@
-"""proxymanagerctl pac: tests PAC scripts without daemon or bus."""
+"""Tests proxymanagerctl pac, which runs PAC scripts without daemon or bus."""
 
 import json
 import os
@@ -261,7 +261,7 @@ def test_a_time_with_a_zone_is_that_instant(ctl):
                  "2026-03-02T08:05:09,5+00:00", "2026-03-02T10:05:09+02", "2026-03-02T10:05:09+0200",
                  "2026-03-01T22:35:09-09:30", "20260302T080509Z", "20260302T100509+0200"):
         assert ctl.eval(script, "--at", text, "http://a/") == ["true"], text
-        # The script's time zone has no effect on this.
+        # The time of --at has its own zone, so the zone of --tz does not change this time.
         assert ctl.eval(script, "--at", text, "--tz", "Asia/Tokyo", "http://a/") == ["true"], text
     assert ctl.eval(script, "--at", "2026-03-02T08:05:10Z", "http://a/") == ["false"]
 
@@ -273,7 +273,7 @@ def test_a_time_without_a_zone_is_of_the_zone_given(ctl):
             ("2026-03-02", "Asia/Tokyo", at(2026, "MAR", 1, 15, 0, 0)),
             ("20260302T0900", "UTC", at(2026, "MAR", 2, 9, 0, 0)),
             ("2026-03-02T09:00", "Europe/Berlin", at(2026, "MAR", 2, 9, 0, 0, zone="")),
-            # This time exists twice when the clocks are turned back. It means the first.
+            # This time exists twice, because the clocks are turned back. The first one is used.
             ("2026-10-25T02:30", "Europe/Berlin", at(2026, "OCT", 25, 0, 30, 0)),
             ("2026-10-25T03:30", "Europe/Berlin", at(2026, "OCT", 25, 2, 30, 0))):
         assert ctl.eval(script, "--at", text, "--tz", zone, "http://a/") == ["true"], (text, zone)
@@ -494,8 +494,9 @@ def test_endless_loop_at_load_is_refused_in_time(ctl):
 
 
 def said_in_time(step):
-    """The result of `step` within 6 s. If the machine stands still for a moment, the worker is
-    killed from outside, and the message is a different one."""
+    """Runs `step`, and returns its result. It must take less than 6 s in one of five tries. If the
+    machine stands still for a moment, the worker is killed from outside, and the message is a
+    different one."""
     said = []
     assert shortest(6, lambda: said.append(step()),
                     is_done=lambda: "the time limit of" in said[-1]) < 6

@@ -1,4 +1,4 @@
-"""proxymanagerctl pac lint: finds probable faults of a script."""
+"""Tests proxymanagerctl pac lint, which finds probable faults of a script."""
 
 import os
 import pathlib
@@ -127,7 +127,7 @@ def test_lines_and_columns_are_those_of_the_file(ctl):
     assert found(ctl, b"\xef\xbb\xbf" + DOT.encode()) == wanted
     assert found(ctl, b"// \xe4\xf6\xfc\n" + DOT.encode()) == [(3, 7, "warning", "domain-dot")]
     moved = DOT.replace("  if", "/*\u00e4\u00f6\U0001f600*/ if")
-    assert found(ctl, moved) == [(2, 14, "warning", "domain-dot")]  # a pair of UTF-16 units
+    assert found(ctl, moved) == [(2, 14, "warning", "domain-dot")]  # U+1F600 counts as two columns
 
 
 def test_a_text_that_is_too_long_for_a_name_costs_no_time(ctl):
@@ -144,7 +144,7 @@ def test_a_regular_expression_that_is_too_long_is_not_examined(ctl):
 
     assert is_found("^(a+)+" + "(?:)" * 248 + "b$") and len("^(a+)+" + "(?:)" * 248 + "b$") == 1000
     assert not is_found("^(a+)+" + "(?:)" * 248 + "bc$")
-    assert is_found("^(a+)+b{197}$") and not is_found("^(a+)+b{198}$")  # with "^", "a" and "$"
+    assert is_found("^(a+)+b{197}$") and not is_found("^(a+)+b{198}$")  # 200 parts, with "^", "a" and "$"
     assert not is_found("^((a*){9999}){9999}b$")
 
 
@@ -186,7 +186,7 @@ def check_text(message):
 
 
 def check_sarif(log):
-    """Returns its results, as (rule, level, uri, line, column)."""
+    """Checks a SARIF log. Returns its results, as (rule, level, uri, line, column)."""
     assert set(log) == SARIF["log"] and log["version"] == "2.1.0" and len(log["runs"]) == 1
     run = log["runs"][0]
     assert set(run) == SARIF["run"] and run["columnKind"] == "utf16CodeUnits"

@@ -1,4 +1,5 @@
-"""proxymanagerctl pac test and pac bench: check a script against cases, and measure it."""
+"""Tests proxymanagerctl pac test and pac bench, which check a script against cases, and measure
+it."""
 
 import os
 import xml.etree.ElementTree

@@ -1,4 +1,4 @@
-"""proxymanagerctl pvd: documents of proxy information, from files and from the network.
+"""Tests proxymanagerctl pvd: documents of proxy information, from files and from the network.
 
 The order of rules is compared with a second implementation, on generated documents.
 """
@@ -266,7 +266,7 @@ class TlsServer:
                 while b"\r\n\r\n" not in request and (more := connection.recv(65536)):
                     request += more
                 if not request:
-                    continue  # this client does not accept it either
+                    continue  # this client does not accept the certificate either
                 self.requests.append(request.decode())
                 path = request.decode().split(" ")[1]
                 connection.sendall(self.routes.get(path, response(status="404 Not Found")))
@@ -357,10 +357,10 @@ def test_nothing_is_fetched_without_being_asked(ctl, server):
 
 
 def test_no_document_is_learnt_from_router_advertisements(ctl, server):
-    # Only the user names the source of a document.
+    # The program reads no router advertisements: only the user names the source of a document.
     for command in ("show", "to-pac"):
         assert ctl("pvd", command).status == USAGE
-    # The prefixes are those of a router's document.
+    # A document with prefixes is one that a router announces.
     server.routes[WELL_KNOWN] = response(json.dumps({**HEAD, "prefixes": ["2001:db8::/32"]}).encode(),
                                          headers=TYPE)
     assert "\"prefixes\" is not empty" in ctl("pvd", "to-pac", HOST).errors

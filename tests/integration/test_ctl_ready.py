@@ -1,4 +1,4 @@
-"""proxymanagerctl refresh, wait and diagnose."""
+"""Tests proxymanagerctl refresh, wait and diagnose."""
 
 import socket
 import threading
@@ -44,7 +44,7 @@ def test_refresh_starts_no_daemon_and_sends_no_mode_off(ctl, bus):
 
 
 def test_wait_ends_when_the_daemon_is_configured(ctl, bus, build, syslog):
-    waiting = ctl.start("wait", "--configured", "--timeout", "60")  # nobody owns the name yet
+    waiting = ctl.start("wait", "--configured", "--timeout", "60")  # nobody owns the daemon's name yet
     daemon = Daemon(build)
     try:
         assert said(ctl("wait", "--configured", "--timeout", "0.5"))[0] == TRY_AGAIN

@@ -1,4 +1,4 @@
-"""proxymanagerctl relay, and the row "relay" of status, with a stand-in for systemd."""
+"""Tests proxymanagerctl relay, and the row "relay" of status, with a stand-in for systemd."""
 
 import os
 

@@ -1,4 +1,5 @@
-"""proxymanagerctl settings, settings reset and --save, with the settings service and a real daemon."""
+"""Tests proxymanagerctl settings, settings reset and --save, with the settings service and a real
+daemon."""
 
 import fcntl
 import grp
@@ -117,7 +118,7 @@ def test_a_new_password_has_a_new_file_and_the_old_one_goes_last(ctl, daemon, cl
     with open(password_file()) as file:
         assert file.read() == "first\n"
     assert sorted(os.listdir(FOLDER + "/settings.d")) == ["90-saved.conf", "90-saved.password"]
-    # After a power cut, a password can be left. The next save removes it.
+    # After a power cut, a password file without settings can remain. The next save removes it.
     write_settings("lost\n", "settings.d/90-saved.password.1")
     ctl("manual", "http://p:1", "--user=u", "--password-file=-", "--save", script="third\n")
     assert password_file() == PASSWORD + ".2"
@@ -181,7 +182,7 @@ def test_what_a_killed_save_has_left_is_removed(ctl, daemon, client, group):
         write_settings("secret\n", left)
         assert ctl(*command).status == ANSWERED
         assert not os.path.exists(left)
-    # A file of the administrator stays.
+    # A save does not remove a file of the administrator.
     other = write_settings("", "settings.d/.90-other.conf")
     assert ctl("off", "--save").status == ANSWERED
     assert os.path.exists(other)
@@ -262,7 +263,7 @@ def test_a_full_disk_leaves_the_saved_file_as_it_was(ctl, bus, group):
     os.makedirs(FOLDER + "/settings.d")
     with open(SAVED, "w") as file:
         file.write('mode = "off"\n')
-    # No byte of any file may be written.
+    # In this shell, a program cannot write one byte to any file.
     status, message = said(ctl("wpad", "--save", wrapper=["sh", "-c", 'trap "" XFSZ; ulimit -f 0; exec "$@"',
                                                           "sh"]))
     assert (status, message) == (OUTPUT, f"{SAVED}: File too large")

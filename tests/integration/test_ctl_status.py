@@ -1,4 +1,4 @@
-"""proxymanagerctl status."""
+"""Tests proxymanagerctl status."""
 
 import hashlib
 import os
@@ -58,7 +58,7 @@ def test_status_has_the_pac_files_age_and_digest(ctl, client, web):
     assert found["password"] == "secret" and found["waiting"] is False
     assert found["pacfile"]["sha256"] == table["SHA-256"]
     assert 7300 <= found["pacfile"]["age"] < 7300 + LIMIT and found["pacfile"]["exists"] is True
-    # A mode without a script does not use the file.
+    # A mode without a script does not use the script's file.
     client.update("manual", "http://u:geheim@p:1")
     table = rows(ctl("status").output)
     assert table["proxy URL"] == "http://u:***@p:1"
@@ -92,7 +92,7 @@ def test_status_says_whose_pac_file_the_daemon_does_not_read(ctl, build, syslog,
     with open(PAC_FILE, "w") as file:
         file.write("x")
     os.chown(PAC_FILE, 65534, 65534)
-    # The daemon may run as this user.
+    # While the daemon does not run, its user is not known: it could be this user.
     assert told() == PAC_FILE
     daemon = Daemon(build)
     try:
@@ -251,6 +251,6 @@ def test_status_sees_a_download_without_systemd(ctl, client, daemon):
         table = rows(ctl("status").output)
         assert table["walk"] == "in progress"
         assert ctl("status", "--json").json["walking"] is True
-        os.chown(f"{PAC_FILE}.tmp", 65534, 65534)  # every user may make a file of this name
+        os.chown(f"{PAC_FILE}.tmp", 65534, 65534)  # every user can make a file with this name
         assert "walk" not in rows(ctl("status").output)
         connection.close()

@@ -1,4 +1,4 @@
-"""proxymanagerctl watch."""
+"""Tests proxymanagerctl watch."""
 
 import fcntl
 import json

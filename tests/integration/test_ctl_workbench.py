@@ -1,4 +1,4 @@
-"""proxymanagerctl pac explain, cover and diff: they show what PAC scripts do."""
+"""Tests proxymanagerctl pac explain, cover and diff, which show what PAC scripts do."""
 
 import json
 import os

@@ -1,6 +1,6 @@
-"""curl and wget as docs/programs/curl-wget.md describes them: with the settings for the relay,
-and with the script that asks for each URL. The test takes the settings and the script from that
-page.
+"""Tests curl and wget as docs/programs/curl-wget.md describes them: with the settings for the
+relay, and with the script that asks for each URL. The test takes the settings and the script from
+that page.
 """
 
 import os
@@ -81,7 +81,7 @@ def test_the_settings_of_the_page_lead_curl_and_wget_through_the_relay(home, rel
         assert home.run(*program, PAGE, http_proxy=NOWHERE) == (0, SOCKS, "")
         name, *options = program
         assert home.run(name, without, *options, PAGE) == (0, DIRECT, "")
-        # The relay would use SOCKS.
+        # The answer shows that the relay was not used: the relay would use SOCKS.
         assert home.run(name, without, *options, PAGE, http_proxy=f"http://{HTTP_PROXY}") == (0, HTTP, "")
 
 

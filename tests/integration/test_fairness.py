@@ -1,4 +1,4 @@
-"""Many calls of one user, and the answers of others meanwhile."""
+"""Tests the answers that users get while another user sends many calls."""
 
 import multiprocessing
 import os
@@ -52,7 +52,8 @@ def _ask(user, times, results):
 
 
 def answer_of_another_user(times=1):
-    """The answer to a question of VICTIM, and its time in seconds: the shortest of `times`."""
+    """The answer to a question of VICTIM, and its time in seconds: the shortest time of `times`
+    tries."""
     context = multiprocessing.get_context("fork")
     results = context.Queue()
     process = context.Process(target=_ask, args=(VICTIM, times, results), daemon=True)
@@ -78,8 +79,8 @@ def test_a_flood_of_two_hundred_connections_holds_nobody_up(endless):
 
 
 def slowdown():
-    """How much slower this machine is now than a machine that answers 25,600 of the cheapest
-    calls in 4 s. The limits below are for such a machine."""
+    """How much slower this machine is now than a machine that answers 25,600 of the cheapest calls
+    in 4 s. The limits below are for a machine that needs these 4 s."""
     count, depth = 2560, 64
     with open_dbus_connection(ADDRESS) as connection:
         call = new_method_call(DBusAddress(PATH, bus_name=NAME, interface=INTERFACE),
@@ -93,7 +94,8 @@ def slowdown():
 
 
 def flood_of_questions(connections, admin, question):
-    """The seconds that an update of root and a question of another user may take."""
+    """Asserts how long other calls wait during a flood of questions. `admin` and `question` are the
+    limits for an update of root and for a question of another user, in seconds."""
     slower = slowdown()
     print(f"{slower:.1f} times slower")
     with Flood(ATTACKER, connections, "getProxyurl", QUESTION), Client() as root:
@@ -145,7 +147,7 @@ def test_calls_of_a_connection_that_left_are_dropped(endless):
             connection.send(question)
         client.call("Ping", interface="org.freedesktop.DBus.Peer")
         connection.close()
-        for count in range(3):  # each waits for one of the others at most
+        for count in range(3):  # each waits for at most one question of the closed connection
             client.urls(f"http://{count}.quick.example/")
         begin = time.monotonic()
         client.urls("http://again.quick.example/")

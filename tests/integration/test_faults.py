@@ -1,5 +1,5 @@
-"""The system refuses the daemon something for a while: disk space, descriptors, the log, the
-right time."""
+"""Tests the daemon while the system lacks something: disk space, descriptors, a log, the right
+time."""
 
 import contextlib
 import os
@@ -18,7 +18,7 @@ from support.web import Held, script
 PAC = "/tmp/proxymanager.pac"
 TEMPORARY = PAC + ".tmp"
 MS_RDONLY, MS_REMOUNT = 1, 32
-LIMIT = 60.0  # seconds; a sanitizer build on a busy machine
+LIMIT = 60.0  # seconds; enough for a sanitizer build on a busy machine
 
 
 def use(client, web, text, path):
@@ -63,7 +63,8 @@ def without_inodes(path):
 
 @contextlib.contextmanager
 def full(path, room):
-    """Inside the block, the file system of `path` has only `room` free bytes, in pages."""
+    """Inside the block, the file system of `path` has only `room` free bytes, rounded down to
+    pages."""
     mount("tmpfs", path, "tmpfs", MS_REMOUNT, "size=4m")
     filler = os.open(f"{path}/filler", os.O_WRONLY | os.O_CREAT)
     try:
@@ -79,7 +80,8 @@ def full(path, room):
 
 @pytest.mark.parametrize("room", [0, 3 * 4096])
 def test_a_full_tmp_keeps_the_old_script_until_there_is_room(client, web, syslog, room):
-    # The part that fits would be a valid script.
+    # The script is valid even without its blanks at the end. So the part that fits would be a valid
+    # script.
     new = script("PROXY new:1") + " " * 40_000
     load(client, web, syslog, script("PROXY old:1"), "/old.pac")
     with full("/tmp", room):
@@ -132,7 +134,7 @@ def allow_descriptors(daemon, sanitizer):
     before, hard = resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE)
 
     def allow(number):
-        """`most`: the limit; None restores the earlier limit."""
+        """Sets the limit to `number`; None restores the earlier limit."""
         number = before if number is None else number
         resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE, (number, hard))
 
@@ -152,11 +154,12 @@ def test_without_descriptors_it_answers_and_fetches_when_there_are_some(daemon, 
     syslog.wait(ERR, "PACFetcher-retrievePacFile getdhcpinfo error rc:24")
     with Client() as other:
         assert other.urls("http://a/") == ["wpad", "PROXY old:1"]
-    # No new worker can start either; the descriptors that this worker frees are refused, too.
+    # No new worker can start either. The second limit is lower, so the descriptors of the ended
+    # worker stay unusable, too.
     (worker,) = daemon.children()
     allow_descriptors(4)
     os.kill(worker, 9)
-    assert client.urls("http://b/") == ["wpad"]  # perhaps from the worker that is about to end
+    assert client.urls("http://b/") == ["wpad"]  # perhaps the answer of the worker that is about to end
     assert client.urls("http://b/") == ["wpad"]
     syslog.wait_match(WARNING, "pac_engine: no answer: no script worker: .*Too many open files")
     assert client.urls("http://a/") == ["wpad", "PROXY old:1"]
@@ -233,7 +236,7 @@ def test_without_a_log_it_works_and_speaks_again_when_there_is_one(daemon, clien
 def test_while_nobody_reads_the_log_all_waits_and_nothing_is_lost(daemon, client, syslog):
     client.update("manual", proxyurl="p:1")
     with open("/proc/sys/net/unix/max_dgram_qlen") as length:
-        questions = int(length.read()) + 200  # each logs several lines
+        questions = int(length.read()) + 200  # each question logs several lines
     answers = []
 
     def ask():

@@ -1,4 +1,4 @@
-"""The files that the daemon writes, and the parts of its configuration that it reports."""
+"""Tests which files the daemon writes, and which parts of its configuration it reports."""
 
 import os
 import stat
@@ -19,7 +19,8 @@ OWN = ("/tmp", "/run", "/etc", "/dev", "/usr/local")
 
 @pytest.fixture(autouse=True)
 def listed_name(root):
-    """The script looks up a name, but there is no name server."""
+    """Makes listed.example resolve by /etc/hosts, because there is no name server for the lookup of
+    the script."""
     with open("/etc/hosts", "a") as file:
         file.write("192.0.2.7 listed.example\n")
 
@@ -44,7 +45,8 @@ def files(*others):
 
 
 def changed(before, after):
-    """All files except that of the daemon's standard error, which the test makes."""
+    """The files that differ, except the file of the daemon's standard error, which the test
+    makes."""
     return {path for path in {*before, *after} if before.get(path) != after.get(path)
             and not path.startswith("/run/daemon_stderr.")}
 

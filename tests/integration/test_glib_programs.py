@@ -1,6 +1,7 @@
-"""Unchanged programs that use GLib's networking follow the daemon if the module is installed.
+"""Tests that unchanged programs with GLib's networking follow the daemon if the module is
+installed.
 
-soup_get is a small program with libsoup. gio is Debian's; gvfs fetches for it.
+soup_get is a small program with libsoup. gio is Debian's, and fetches through gvfs.
 """
 
 import os
@@ -118,7 +119,7 @@ def test_a_program_may_name_another_resolver(programs, client):
     assert programs.soup(GIO_USE_PROXY_RESOLVER="dummy") == DIRECT
 
 
-# The module's limit is 10 seconds.
+# This test waits for the module's limit of 10 seconds.
 @pytest.mark.slow
 def test_a_daemon_that_hangs_holds_nobody_up_for_ever(programs, client, daemon):
     client.update("manual", f"http://{HTTP_PROXY}")

@@ -1,8 +1,6 @@
-"""Hostile scripts, each in the running daemon.
-
-For each script, a question ends within six seconds, possibly without an answer. The next question,
-about a host for which the script behaves well, gets the right answer. The daemon's own memory does
-not grow, and at most one worker is left.
+"""Tests hostile scripts, each in the running daemon. For each script, a question ends within six
+seconds, possibly without an answer. The next question, about a host for which the script behaves
+well, gets the right answer. The daemon's own memory does not grow, and at most one worker is left.
 """
 
 
@@ -15,7 +13,8 @@ from support.web import response
 WITHIN = 6.0  # seconds; the limit of an evaluation is 5
 GROWTH = 3 << 20  # bytes; more than the daemon's allocator keeps after a question
 
-# The code that the script runs for the host "bad.example". Every other host gets "PROXY good:1".
+# IN_A_CALL has the code that the script runs for the host "bad.example". Every other host gets
+# "PROXY good:1". The scripts in ENDS_WELL end by themselves.
 ENDS_WELL = ("alert_flood", "ten_thousand_names")
 IN_A_CALL = {
     "giant_claimed_length": "return [].indexOf.call({ length: 2 ** 50 }, 1) + '';",

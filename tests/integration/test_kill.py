@@ -1,5 +1,5 @@
-"""If the daemon is killed at any moment, the file of the script is complete, and the daemon can
-start again."""
+"""Tests that the file of the script is complete after the daemon was killed at any moment, and that
+the daemon can start again."""
 
 import contextlib
 import os
@@ -16,7 +16,7 @@ from support.web import Held, response
 PAC = "/tmp/proxymanager.pac"
 TEMPORARY = PAC + ".tmp"
 ROUNDS = 200
-LIMIT = 60.0  # seconds; a busy machine
+LIMIT = 60.0  # seconds; enough for a busy machine
 
 
 def numbered(number):
@@ -55,7 +55,7 @@ def children_here():
             if named and os.readlink(f"/proc/{pid}/ns/mnt") == here:
                 found.append(int(pid))
         except OSError:
-            pass  # it has ended meanwhile
+            pass  # the process has ended meanwhile
     return found
 
 
@@ -166,7 +166,7 @@ def test_a_fetch_process_killed_at_two_hundred_moments_costs_its_download(daemon
                          f"url:{web.url('/x.pac')}", limit=LIMIT)
         assert content() == first
         assert not os.path.exists(TEMPORARY)
-        # The configuration changes, so that the next one is new.
+        # The configuration changes, so that the configuration of the next round is new.
         client.update("off")
     assert fetch_processes() == []
     assert len(os.listdir(f"/proc/{daemon.pid}/fd")) <= descriptors

@@ -1,4 +1,4 @@
-"""Start, signals and end of the process."""
+"""Tests start, signals and end of the process."""
 
 import os
 import re
@@ -79,8 +79,8 @@ def test_killed_it_starts_again(daemon, build, syslog):
 
 
 def shortest_stop(daemons, build, limit, sanitizer, configure):
-    """Measures how long the last daemon takes to end. If it has ended already, another one is
-    started."""
+    """Returns the shortest time in seconds in which a daemon ends, of up to five tries; 0 under
+    sanitizers. Each try after the first starts another daemon."""
     def start():
         if daemons[-1].process.poll() is not None:
             daemons.append(Daemon(build))
@@ -106,7 +106,7 @@ def test_before_the_first_configuration_it_is_gone_within_a_second_too(daemon, b
 
 
 def blocked_by_thread(pid, signals):
-    """For each thread, by its id: those of `signals` (a mask) that it blocks."""
+    """For each thread id, the signals of the mask `signals` that the thread blocks."""
     return {thread: int(status["SigBlk"], 16) & signals
             for thread, status in thread_statuses(pid).items()}
 
@@ -114,7 +114,7 @@ def blocked_by_thread(pid, signals):
 def test_the_two_signals_reach_the_main_thread_alone(daemon, client, web):
     client.update("pacurl", pacurl=web.url("/none.pac"))
     handled = 1 << (signal.SIGTERM - 1) | 1 << (signal.SIGHUP - 1)
-    # The main thread does not block them while it sleeps. It may not sleep yet.
+    # While the main thread sleeps, it does not block these signals. Perhaps it does not sleep yet.
     wait_until(lambda: blocked_by_thread(daemon.pid, handled)[daemon.pid] == 0,
                "the main thread sleeps")
     others = blocked_by_thread(daemon.pid, handled)
@@ -137,7 +137,7 @@ def test_the_supervisor_hears_ready_the_watchdog_and_the_end(build, bus, syslog)
         daemon = Daemon(build, environment={"NOTIFY_SOCKET": "/run/supervisor",
                                             "WATCHDOG_USEC": "60000000"})
         heard("READY=1")
-        daemon.signal(signal.SIGHUP)  # ends the sleep of 20 seconds early
+        daemon.signal(signal.SIGHUP)  # ends the main thread's sleep of 20 seconds early
         heard("WATCHDOG=1")
         assert daemon.stop() == 0
         heard("STOPPING=1")
@@ -169,7 +169,7 @@ def test_the_packaged_trace_settings_keep_the_urls_of_users_out_of_the_log(build
     with Client() as client:
         works(Daemon(build), client)
         lines = syslog.lines()[before:]
-        early = "initTrace Set trace values at bootup for proxymanager_service"  # before the file is read
+        early = "initTrace Set trace values at bootup for proxymanager_service"  # logged before the file is read
         assert all(line.level <= WARNING or line.text == early for line in lines), lines
         assert not [line for line in lines if "secret" in line.text]
         # With the built-in default, the log has these lines, so the file is the reason why they

@@ -1,6 +1,6 @@
-"""The memory that the daemon needs on a device on which only the message bus shares libraries
-with it. The limits are a little above the aims of docs/performance.md, because the kernel also
-maps neighbours of used pages."""
+"""Measures the memory that the daemon needs on a device on which only the message bus shares
+libraries with it. The limits are a little above the aims of docs/performance.md, because the kernel
+also maps neighbours of used pages."""
 
 import time
 

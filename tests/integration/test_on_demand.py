@@ -1,4 +1,4 @@
-"""The daemon maps some libraries only when it needs them."""
+"""Tests that the daemon maps some libraries only when it needs them."""
 
 import os
 import subprocess
@@ -16,7 +16,7 @@ from support.web import script
 URL = "http://www.example.org/"
 CANDIDATES = "PACFetcher-wpadUrlCandidatesFromDomain wpad-dns candidates size:"
 LOADED = "PacParser-parsePacFile pac init"
-# For scripts that look up names, for names beyond ASCII, and for mode wpad.
+# The libraries for scripts that look up names, for names beyond ASCII, and for mode wpad.
 SELDOM = ("libcares.so.2", "libidn2.so.0", "libpsl.so.5")
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 # Only the fetch process uses these libraries; the digest of scripts is linked statically.
@@ -125,7 +125,7 @@ def test_without_libcurl_the_download_fails_and_the_daemon_goes_on(build, bus, s
         assert web.requests == []
         client.update("manual", proxyurl="http://proxy.example.org:3128")
         assert client.urls(URL) == ["manual", "http://proxy.example.org:3128"]
-        # The obstacle may disappear.
+        # The library becomes available again.
         show()
         web.routes["/x.pac"] = script("PROXY p:1")
         client.update("pacurl", pacurl=web.url("/x.pac"))

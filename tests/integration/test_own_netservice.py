@@ -1,4 +1,4 @@
-"""The daemon of docs/examples/own_netservice, whose lease comes from the device's own file.
+"""Tests the daemon of docs/examples/own_netservice, whose lease comes from the device's own file.
 
 The check AnotherProjectCanAddThisTree builds this daemon.
 """

@@ -1,4 +1,4 @@
-"""Mode pacurl, end to end: the daemon answers clients by a script from a web server."""
+"""Tests mode pacurl, end to end: the daemon answers clients by a script from a web server."""
 
 import os
 
@@ -120,7 +120,7 @@ def test_before_the_first_script_there_is_no_answer(client, web, syslog):
 
 def refused(client, web, syslog, route, transfer):
     """Asserts that the old script stays in force, the temporary file is removed, and the lines
-    are logged."""
+    about the refusal are logged."""
     load(client, web, syslog, script("PROXY old:1"))
     with open(PAC) as file:
         before = file.read()
@@ -250,7 +250,7 @@ def test_the_same_configuration_during_a_fetch_makes_exactly_one_further_fetch(c
     web.routes["/slow.pac"] = held = Held(script("PROXY slow:1"))
     use(client, web, "/slow.pac")
     web.wait("/slow.pac")
-    # The calls are answered while the transfer goes on.
+    # The calls are answered while the transfer continues.
     for _ in range(5):
         use(client, web, "/slow.pac")
     assert web.paths() == ["/slow.pac"]

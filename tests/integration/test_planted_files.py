@@ -1,4 +1,5 @@
-"""Another user has made a file at the resolver file's name before the package makes it."""
+"""Tests the package if another user has made a file with the resolver file's name before the
+package makes the resolver file."""
 
 import os
 import pathlib
@@ -30,7 +31,7 @@ def make_what_tmpfiles_d_lists():
 
 
 def run_the_line_of(script):
-    """Runs the line of a packaged script that removes files of other users."""
+    """Runs the line with which a packaged script removes files of other users."""
     lines = re.findall(r"^ *(find /tmp/.*)$", (TREE / script).read_text(), re.MULTILINE)
     assert len(lines) == 1, script
     subprocess.run(["sh", "-ec", lines[0]], check=True, timeout=60)
@@ -62,7 +63,7 @@ def test_a_planted_resolver_file_is_neither_adopted_nor_followed(build, bus, sys
                                     "packaging/proxymanagerd.init"])
 def test_packaged_scripts_remove_what_others_planted_and_nothing_else(root, script):
     target = pathlib.Path(RESOLVER)
-    run_the_line_of(script)  # there is no such file
+    run_the_line_of(script)  # at first, there is no file of another user
     plant()
     run_the_line_of(script)
     assert not target.exists()

@@ -1,4 +1,5 @@
-"""The Python package with the real daemon: its answers, and HTTP libraries through real proxies."""
+"""Tests the Python package with the real daemon: its answers, and HTTP libraries through real
+proxies."""
 
 import os
 import re
@@ -96,7 +97,7 @@ class Programs:
         self._running = []
 
     def run(self, text, *arguments, **variables):
-        """The output of a program."""
+        """Runs the Python program `text`, and returns its output."""
         done = subprocess.run(["/usr/bin/python3", "-c", text, *arguments], timeout=LIMIT, text=True,
                               capture_output=True, env={**self.variables, **variables})
         assert done.returncode == 0 and done.stderr == "", done.stderr
@@ -201,7 +202,7 @@ def test_proxies_are_tried_in_the_order_of_the_answer(programs, proxies, client,
 @pytest.mark.slow
 def test_a_proxy_that_answers_is_the_last_one_tried(programs, proxies, client, port80):
     fetchers = programs.fetchers()
-    # This proxy wants a password, for http and for tunnels.
+    # This proxy requires a password, for http and for tunnels.
     by_script(client, port80, f"PROXY {PASSWORD_PROXY}; DIRECT")
     for url in (PAGE, SECURE_PAGE):
         assert all("401" in said or "407" in said for said in fetch(fetchers, url).values())
@@ -347,7 +348,7 @@ def test_a_request_is_not_repeated_if_its_redirect_cannot_be_followed(programs, 
     wait_until(lambda: len(client.urls(PAGE)) > 1, "the script answers")
     fetchers = programs.fetchers()
     fetch(fetchers, f"http://{SITE}/lost")
-    fetch(fetchers)  # the server logs in the order of the requests
+    fetch(fetchers)  # after this, all earlier requests are in the log
     with open("/run/nginx.access") as log:
         asked = re.findall(r'^(\S+) .*"GET /lost ', log.read(), re.MULTILINE)
     assert asked == ["127.0.0.8"] * len(LIBRARIES)

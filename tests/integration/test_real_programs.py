@@ -1,4 +1,4 @@
-"""Debian's curl, wget and git use the answers of proxymanagerctl, through real proxies.
+"""Tests that Debian's curl, wget and git use the answers of proxymanagerctl, through real proxies.
 
 Each program starts with proxy variables that name no real proxy. So it reaches the server only if
 the variables are replaced or removed as the daemon's answer requires.
@@ -87,7 +87,7 @@ def test_the_password_of_a_manual_proxy_reaches_it(shell, client):
     client.update("manual", f"http://{PASSWORD_PROXY}", auth=True, user=USER, password=PASSWORD)
     line = EXEC.format(CURL)
     assert shell(line, PAGE)[:2] == (0, PASSWORD_HTTP)
-    # Without the option, no password is sent.
+    # Without --with-password, no password is sent.
     assert "407" in shell(CURL_TOLD.replace("-sS", "-sS -v"), PAGE)[2]
     assert shell(CURL_TOLD.replace("--format curl", "--format curl --with-password"), PAGE)[:2] == (
         0, PASSWORD_HTTP)

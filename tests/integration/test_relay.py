@@ -1,4 +1,5 @@
-"""proxymanager-relay with a real daemon: requests of each kind, in each mode, and failing proxies."""
+"""Tests proxymanager-relay with a real daemon: requests of each kind, in each mode, and failing
+proxies."""
 
 import contextlib
 import itertools
@@ -96,12 +97,13 @@ def test_a_failed_proxy_at_each_position_is_passed_over_and_the_next_request_doe
         relay, origin, daemon, client, web):
     relay.configure('connect-time = "2s"\n')
     relay.start()
-    # The GET must not reach the bad proxy. The silent proxy closes the connection here, because
-    # the relay would wait for it too long.
+    # Each Proxy has an answer to CONNECT and one to GET. The GET must not reach the bad proxy. For
+    # GET, the silent proxy would close the connection, because the relay waits long for an answer
+    # to GET.
     kinds = (DeadProxy, lambda: Proxy("silent", ""), lambda: Proxy("", ""),
              lambda: Proxy("reset", "reset"), lambda: Proxy("220 smtp\r\n\r\n", "220 smtp\r\n\r\n"))
-    # All keep their ports until the end. Otherwise a good proxy could get the port of a failed
-    # one, and the relay would try it last.
+    # All proxies keep their ports until the end. Otherwise a good proxy could get the port of a
+    # failed one, and the relay would try it last.
     with contextlib.ExitStack() as stack:
         for make, position in itertools.product(kinds, (0, 1)):
             good, bad, other = (stack.enter_context(contextlib.closing(one()))
@@ -132,7 +134,7 @@ def test_bytes_that_come_with_a_proxys_answer_to_connect_belong_to_the_tunnel(
 def test_a_proxy_that_breaks_a_request_in_absolute_form_is_passed_over(
         relay, origin, daemon, client, web):
     relay.start()
-    with contextlib.ExitStack() as stack:  # to the end, for their ports
+    with contextlib.ExitStack() as stack:  # all proxies keep their ports until the end
         for bad_answer in ("", "reset", "rubbish\r\n\r\n"):
             bad = stack.enter_context(contextlib.closing(Proxy(get=bad_answer)))
             good = stack.enter_context(contextlib.closing(Proxy()))
@@ -411,7 +413,7 @@ def test_the_page_shows_where_the_script_is_from_and_its_age(
 
 
 def describe_age(line):
-    """The same with an old script, of 2001."""
+    """Returns the status line `line` with an old script, of 2001."""
     return re.sub("script of [^;]*;", "script of 2001-01-01T00:00:00Z;", line)
 
 
@@ -549,7 +551,7 @@ def test_peers_of_other_machines_are_refused_and_if_allowed_reach_nothing_of_thi
     relay.configure('allow-from = ["192.0.2.6/32"]\n')
     relay.start()
     for answer in (None, proxy.entry):
-        if answer:  # a proxy on this machine would connect to this machine, too
+        if answer:  # a proxy on this machine could connect to this machine, too
             answers(client, web, answer)
         for name in ("inside.example", "localhost", "127.0.0.1", "127.1", "127.0.0.1.", "[::1]",
                      "[64:ff9b::7f00:1]", "192.0.2.5", "169.254.1.1"):

@@ -1,4 +1,4 @@
-"""A failure must affect only the request, the user or the destination that causes it."""
+"""Tests that a failure affects only the request, the user or the destination that causes it."""
 
 import contextlib
 import json
@@ -64,7 +64,8 @@ def test_a_proxy_that_answers_nothing_for_one_destination_stays_first_for_others
         assert ask(HOST) == 200 and (len(first.heads), len(second.heads)) == (2, 1)
         # The next request for the same destination does not wait again.
         assert ask("dead.example") == 200 and (len(first.heads), len(second.heads)) == (2, 2)
-        # Since then, the proxy has answered for another destination.
+        # Between its failures, the proxy has answered for another destination, so it gets no
+        # penalty.
         assert ask("dead2.example") == 200 and penalties(relay) == []
 
 
@@ -157,7 +158,8 @@ def tls(own_network):
 
 
 def send_until_it_stands_still(connection, data):
-    """@return the rest. If the machine pauses, this may end early, but the tests still pass."""
+    """Returns the part of `data` that was not sent. If the machine pauses, the function may end early,
+    but the tests still pass."""
     connection.setblocking(False)
     while data and select.select([], [connection], [], 0.5)[1]:
         data = data[connection.send(data):]
@@ -206,7 +208,7 @@ def test_an_upload_over_an_https_proxy_that_reads_slowly_arrives(
 
 @contextlib.contextmanager
 def silent_name_server():
-    """A lookup takes longer than this test may take."""
+    """Inside the block, a lookup takes longer than the whole test may take."""
     with open("/etc/resolv.conf", "w") as file:
         file.write("nameserver 127.0.0.1\noptions timeout:30 attempts:5\n")
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:

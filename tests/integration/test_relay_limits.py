@@ -1,4 +1,4 @@
-"""The limits of the relay (the largest allowed value, and one more), and slow clients."""
+"""Tests the limits of the relay (the largest allowed value, and one more), and slow clients."""
 
 import contextlib
 import os
@@ -77,7 +77,7 @@ def test_the_daemon_has_32_questions_at_most_equal_ones_are_one_and_users_have_t
         daemon.wait(32)
         wait_until(lambda: metric(relay, "questions_waiting") == 28, "the others wait")
         assert metric(relay, "questions_asked") == 32 == len(daemon.asked)
-        ask(1002, "192.0.2.59")  # already in the first user's queue, at its end
+        ask(1002, "192.0.2.59")  # this host is already the last one in the first user's queue
         ask(1002, "192.0.2.101")
         ask(1003, "192.0.2.102")
         ask(1002, "192.0.2.103")
@@ -150,7 +150,8 @@ def test_a_gigabyte_leaves_the_memory_as_it_was(relay, own_network, bus, sanitiz
                     offset += os.sendfile(connection.fileno(), zeros.fileno(), offset, (1 << 24) - offset)
 
     def take(connection):
-        """TCP discards the bytes that MSG_TRUNC reads."""
+        """Counts the bytes without storing them: with MSG_TRUNC, TCP discards the bytes that it
+        reads."""
         taken = 0
         while got := len(connection.recv(1 << 20, socket.MSG_TRUNC)):
             taken += got

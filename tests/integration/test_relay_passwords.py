@@ -1,4 +1,5 @@
-"""Proxies that want a password, and requests with a body: the body waits until the proxy accepts it."""
+"""Tests proxies that require a password, and requests with a body: the body waits until the proxy
+accepts the request."""
 
 import contextlib
 import os

@@ -1,4 +1,5 @@
-"""proxymanager-relay: how it starts and ends, its sockets, and what it reports of its files."""
+"""Tests how proxymanager-relay starts and ends, its sockets, and what it reports about its
+files."""
 
 import os
 import signal

@@ -1,6 +1,5 @@
-"""Debian's curl, wget and git with the relay as their one fixed proxy, through tinyproxy and
-microsocks in each mode. ./test.sh --relay tests with Squid, haproxy, package managers and
-browsers.
+"""Tests Debian's curl, wget and git with the relay as their only proxy, through tinyproxy and
+microsocks in each mode. ./test.sh --relay tests with Squid, haproxy, package managers and browsers.
 """
 
 import subprocess
@@ -55,7 +54,8 @@ def relay(build, proxies, client):
 
 
 def follows(wanted):
-    """The daemon's signal may arrive after the first program has asked."""
+    """Waits until the relay uses the way `wanted`: the daemon's signal may arrive after the first
+    request."""
     wait_until(lambda: way() == wanted, f"the relay goes {wanted}")
 
 

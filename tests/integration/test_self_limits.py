@@ -1,5 +1,5 @@
-"""The output of the daemon when a person starts it, and the limits that it sets for itself under
-every starter."""
+"""Tests the daemon's output when a person starts it, and the limits that it always sets for
+itself."""
 
 import os
 import pty
@@ -21,7 +21,8 @@ def run(daemon, *arguments, **options):
 
 
 def on_a_terminal(daemon, *arguments):
-    """@return what the program writes to stderr, which is a terminal, and its status"""
+    """Runs the daemon with a terminal as stderr. @return the text on the terminal, and the
+    status"""
     master, slave = pty.openpty()
     with subprocess.Popen([daemon.path, *arguments], stdin=subprocess.DEVNULL,
                           stdout=subprocess.DEVNULL, stderr=slave,

@@ -1,4 +1,4 @@
-"""Configuration, announcements and answers, from the view of clients."""
+"""Tests configuration, announcements and answers, as clients see them."""
 
 import time
 
@@ -20,7 +20,7 @@ def test_the_start_is_announced_every_two_seconds_until_the_first_update(build, 
     begin = time.monotonic()
     daemon = Daemon(build)
     assert signals.wait("ProxyMgrStateEvent", times=3) == (1,)
-    assert time.monotonic() - begin > 3.9  # two pauses
+    assert time.monotonic() - begin > 3.9  # two pauses between announcements
     with Client() as client:
         client.update("off")
     signals.wait("notifyProxyConfigupdated")
@@ -133,7 +133,8 @@ def test_the_lines_of_an_update_come_in_order(client, syslog, web):
 
 
 def test_clients_are_told_before_the_new_url_is_stored(client, syslog):
-    """The test sees this by the log line that appears when an empty URL is stored."""
+    """If an empty URL is stored, string2Char() logs a line. The position of this line shows the
+    order."""
     client.update("pacurl", pacurl="")
     syslog.expect_in_order(
         (NOTICE, f"{UPDATE} notify clear cache new mode:2, pre mode:0"),

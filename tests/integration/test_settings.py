@@ -1,5 +1,5 @@
-"""proxymanager-settings: configures a real daemon from the administrator's files and from network
-managers."""
+"""Tests proxymanager-settings, which configures a real daemon from the administrator's files and from
+network managers."""
 
 import os
 import subprocess
@@ -102,9 +102,10 @@ def test_what_another_program_sets_stays_until_the_source_changes(settings, daem
     def stays():
         """Whether the configuration is still in force after the service has finished all its
         calls."""
-        settings.state()  # it answers this after its earlier questions were answered
+        settings.state()  # the service answers this call after its own earlier calls
         return client.config()[1] == "http://other.example:9" and updates(syslog) == before
-    # A file of another program, and one that sets the same once more.
+    # The service does not read the first two files, which belong to other programs. The third file
+    # sets the same mode again.
     write_settings("# nothing\n", "settings.d/90-other.conf.txt")
     write_settings("# nothing\n", "relay.conf")
     same = write_settings('mode = "manual"\n', "settings.d/50-same.conf")
@@ -128,7 +129,7 @@ def test_a_start_with_a_bad_file_leaves_the_daemons_configuration(settings, daem
     write_settings("nonsense\n")
     settings.start()
     wait_until(lambda: settings.state()["daemon"], "the daemon is there")
-    settings.state()  # it answers this after its earlier questions were answered
+    settings.state()  # the service answers this call after its own earlier calls
     assert client.config()[:2] == ("manual", "http://a.example:1")
     syslog.wait_match(ERR, r"settings: the files are used in part, and only for a daemon in mode off")
     settings.hang_up()
@@ -185,7 +186,7 @@ def test_user_and_password_reach_the_daemon_and_no_log(settings, daemon, client,
 
 
 def test_a_script_that_was_not_there_is_asked_for_again(settings, daemon, client, web, syslog):
-    web.routes["/proxy.pac"] = response("late", status="200 OK")  # no script
+    web.routes["/proxy.pac"] = response("late", status="200 OK")  # this answer is not a script
     write_settings(f'mode = "pacurl"\npac-url = "{web.url("/proxy.pac")}"\n')
     settings.start()
     web.wait("/proxy.pac")

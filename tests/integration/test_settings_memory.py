@@ -1,5 +1,5 @@
-"""The memory that the settings service needs on a device on which only the message bus and the
-daemon share libraries with it."""
+"""Measures the memory that the settings service needs on a device on which only the message bus and
+the daemon share libraries with it."""
 
 import time
 

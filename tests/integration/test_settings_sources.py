@@ -1,4 +1,4 @@
-"""proxymanager-settings: the events after which it configures the daemon again, and its behaviour
+"""Tests after which events proxymanager-settings configures the daemon again, and its behaviour
 without systemd."""
 
 import os
@@ -50,7 +50,8 @@ def test_a_network_manager_that_runs_may_push_before_something_else_is_handed_ov
     link("eth", 100)
 
     def keeps():
-        """Whether the configuration from before a restart of the service was never replaced."""
+        """Whether the configuration stayed in force, without a replacement, while the service
+        started."""
         client.update(mode="manual", proxyurl="http://eth.example:1")
         before = len(syslog.texts())
         settings.start()
@@ -117,8 +118,8 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
     settings.start()
 
     def is_asked(times):
-        """Whether the change of the file caused the question. After a question by the timer, the
-        next pause is longer."""
+        """Whether the change of the file, and not the timer, caused the request for the script.
+        After a request by the timer, the next pause is longer."""
         web.wait("/p.pac", times)
         wait_until(lambda: 5 < (settings.next_timer() or 0) <= 30.3, "the next pause")
         return settings.next_timer() <= 10.3
@@ -210,7 +211,7 @@ def test_without_systemd_root_binds_the_port_and_the_service_is_another_user(set
         assert "Uid:\t65534\t65534\t65534\t65534\n" in file.read()
 
     def rival():
-        """The result of the same user who tries to bind the port."""
+        """The result of a program of the same user that tries to bind the port."""
         return subprocess.run([sys.executable, "-c", "import socket; socket.create_server(('127.0.0.1', 850))"],
                               user="nobody", extra_groups=[], capture_output=True, text=True, cwd="/",
                               stdin=subprocess.DEVNULL, timeout=LIMIT)
@@ -219,7 +220,7 @@ def test_without_systemd_root_binds_the_port_and_the_service_is_another_user(set
     settings.process.wait(LIMIT)
     assert "PermissionError" in rival().stderr
     with socket.create_server(("127.0.0.1", 850)):
-        pass  # root can bind it, so it is free
+        pass  # root can bind the port, so the port is free
     settings.start()
     link("eth", 100)
     manager = NetworkManager()

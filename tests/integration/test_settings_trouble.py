@@ -1,4 +1,4 @@
-"""proxymanager-settings in trouble: a late network, a daemon that refuses, no memory, hostile
+"""Tests proxymanager-settings in trouble: a late network, a daemon that refuses, no memory, hostile
 senders. Each message of its log is asserted here once."""
 
 import json
@@ -22,9 +22,9 @@ from support.web import Web, response, script
 
 MANUAL = 'mode = "manual"\nproxy-url = "http://a.example:1"\n'
 OFF = ("off", "", "", "n", "", "")
-NETWORK_TIME = 20  # seconds from the start of both to the link
+NETWORK_TIME = 20  # seconds from the start of the service and the daemon until the link is up
 NOBODY = 65534
-ANSWER_TIME = 5  # seconds from the link to the script's answer
+ANSWER_TIME = 5  # seconds from the moment when the link is up to the script's answer
 
 
 @pytest.fixture
@@ -177,7 +177,7 @@ def test_a_script_is_served_again_after_the_kernel_gave_no_connection(settings, 
                                    r"Too many open files")
         wait_until(lambda: sum("no connection for a script" in text for text in syslog.texts()) >= 2,
                    "the next try")
-        assert time.monotonic() - begin > 0.9  # there was a pause
+        assert time.monotonic() - begin > 0.9  # the service paused before the next try
         subprocess.run(["prlimit", f"--pid={pid}", "--nofile=1024:1024"], check=True)
     manager = NetworkManager()
     manager.create(Method="auto", Interface="eth", Script=script("PROXY pushed.example:1"))
@@ -265,11 +265,11 @@ def test_at_most_eight_questions_of_one_caller_wait(settings):
     for _ in range(8):
         manager.ask("http://h.example/")
     assert daemon.held.wait(LIMIT)
-    # "DIRECT" would be a wrong answer.
+    # A question that is refused gets an error, because "DIRECT" would be a wrong answer.
     with pytest.raises(Refused, match="too many questions wait"):
         manager.find("http://h.example/")
-    # Waiting questions do not prevent others from pushing. They are answered when the daemon
-    # ends.
+    # Waiting questions do not prevent another manager from pushing. When the daemon ends, the
+    # waiting questions are answered.
     other = NetworkManager()
     assert other.create(Method="direct") == "/org/pacrunner/configuration0"
     daemon.close()
@@ -331,7 +331,7 @@ def test_one_users_questions_delay_neither_a_change_nor_another_user(settings, d
         write_settings(MANUAL)
         wait_until(lambda: client.config()[0] == "manual", "the change is handed over")
         answers = [reply.body[0] for caller in callers for reply in caller.replies(8)]
-        # The change came before most of the questions.
+        # The change was made before most of the questions were answered.
         assert answers.count("PROXY script.example:1") < 16
         assert answers.count("PROXY a.example:1") > 48
         for caller in (*callers, other):
@@ -407,7 +407,7 @@ def test_a_question_of_sixteen_kibibytes_is_asked_and_a_longer_one_refused(setti
 
 
 def test_callers_that_only_ask_cost_no_match_of_the_bus(settings, bus):
-    """The bus gives the service 512 matches. Without one, the service would end."""
+    """The bus allows the service 512 match rules. If it refused one, the service would end."""
     daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": ("as", (["off", ""],)),
                       "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
     settings.start()

@@ -1,4 +1,4 @@
-"""The daemon ends under load."""
+"""Tests the end of the daemon under load."""
 
 import itertools
 import threading
@@ -15,8 +15,8 @@ ANSWERS = (["pacurl"], ["pacurl", "PROXY p:1"], ["wpad"], ["wpad", "PROXY p:1"],
 
 
 def stop_under_load(build, web, times):
-    """Starts and stops a daemon, `times` times, while clients send queries and updates. Each answer must be that of a running service, or
-    the default answer."""
+    """Starts and stops a daemon, `times` times, while clients send queries and updates. Each answer
+    must be that of a running service, or the default answer."""
     web.routes["/x.pac"] = script("PROXY p:1")
     wrong = []
     for _ in range(times):
@@ -32,7 +32,7 @@ def stop_under_load(build, web, times):
                         if result not in (0, -1):
                             wrong.append(result)
             except (BusError, TimeoutError):
-                pass  # the name is gone
+                pass  # the daemon has ended, so its name has no owner
 
         def ask():
             try:
@@ -50,7 +50,7 @@ def stop_under_load(build, web, times):
                                           ("off", "", "", "", "", "")):
                             wrong.append(config)
             except (BusError, TimeoutError):
-                pass  # the name is gone
+                pass  # the daemon has ended, so its name has no owner
 
         clients = [threading.Thread(target=target) for target in (ask, update, ask, update)]
         for client in clients:
@@ -81,7 +81,8 @@ def test_a_download_in_flight_is_waited_for(daemon, client, web, syslog):
     stopped = threading.Thread(target=lambda: daemon.stop())
     stopped.start()
     syslog.wait(INFO, "PACFetcher-stop called")
-    # Meanwhile, calls get the default answers of a handler without a service.
+    # Until the download has ended, calls get the default answers, as from a daemon without a
+    # service.
     assert client.urls("http://a/") == ["off"]
     assert client.config() == ("off", "", "", "", "", "")
     assert client.update("off") == -1

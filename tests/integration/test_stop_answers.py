@@ -1,4 +1,4 @@
-"""The answers that callers get from a daemon that ends."""
+"""Tests the answers that callers get from a daemon that ends."""
 
 import signal
 import socket
@@ -32,7 +32,7 @@ def answers(connection, count):
 
 
 def test_no_update_is_executed_after_the_line_of_the_stop(daemon, syslog):
-    """The daemon is stopped. Calls wait in its socket, and SIGTERM comes before the daemon
+    """SIGSTOP pauses the daemon. Calls wait in its socket, and SIGTERM comes before the daemon
     continues."""
     with Client() as client:
         client.update("off")
@@ -73,7 +73,7 @@ def test_every_call_that_reached_the_daemon_gets_an_answer(daemon, client):
 
 
 def test_the_watchdog_is_fed_while_the_stop_waits(build, bus, syslog, web):
-    """A supervisor that kills the daemon if it gets no message from it for 60 s."""
+    """The supervisor kills the daemon if the daemon sends it no message for 60 s."""
     make_watched_files()
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as supervisor:
         supervisor.bind("/run/supervisor")

@@ -1,4 +1,4 @@
-"""The daemon watches the files that exist at its start, as long as they exist."""
+"""Tests that the daemon watches the files that exist at its start, as long as they exist."""
 
 import os
 import re
@@ -16,7 +16,7 @@ APPENDED = 2 * EVENT  # the change and the closing
 
 
 def bytes_read(syslog):
-    """Reads all events since the start. The events of one descriptor are in their order."""
+    """Returns how many bytes of events the daemon has read since its start, as its log shows."""
     return sum(int(length) for length in
                re.findall(rf"^{WATCH} read len:(\d+)$", "\n".join(syslog.texts()), re.MULTILINE))
 

@@ -1,4 +1,5 @@
-"""The users of the worker and of the fetch process if root starts them with few capabilities."""
+"""Tests which users the worker and the fetch process have if root starts them with few
+capabilities."""
 
 import contextlib
 import os
@@ -24,14 +25,15 @@ def field(pid, name):
 
 
 def without_capabilities(names):
-    """A wrapper command. The bounding set limits the capabilities that root gets when a program
-    starts."""
+    """A wrapper command that starts a program without these capabilities. The bounding set limits
+    the capabilities that root gets when a program starts."""
     return ["setpriv", "--bounding-set", f"-{names}", "--inh-caps", f"-{names}"]
 
 
 @contextlib.contextmanager
 def asking(build, *wrapper):
-    """The worker of a client that asks an endless script."""
+    """Runs proxymanagerctl with an endless script. Inside the block, the value is the process id of
+    the worker."""
     client = subprocess.Popen(
         [*wrapper, os.path.join(build, "out/bin/proxymanagerctl"), "pac", "eval", "/run/loop.pac",
          *["http://a.example/"] * QUESTIONS], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -65,8 +67,8 @@ def test_the_worker_is_nobody_whatever_root_lacks(build, sanitizer, without):
 def test_the_worker_of_root_is_nobody_whoever_has_an_account(build):
     if os.geteuid() != 0:
         pytest.skip("needs a root that becomes another")
-    # The group of the users who may configure the daemon has this name. Many systems make a group
-    # with the same name for each account.
+    # The group of the users who may configure the daemon is called proxymanager. Many systems make
+    # a group with the same name for each account, so such an account may exist.
     with open("/etc/passwd") as file:
         others = [line for line in file if not line.startswith("proxymanager:")]
     with open("/etc/passwd", "w") as file:

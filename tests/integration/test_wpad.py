@@ -1,4 +1,4 @@
-"""Mode wpad: the lease's URL, then the names of the search domain.
+"""Tests mode wpad: the lease's URL, then the names of the search domain.
 
 The names resolve through /etc/hosts. The server listens on port 80 of this test's network.
 """

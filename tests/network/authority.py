@@ -1,5 +1,5 @@
-"""Makes certificates: an authority, and server certificates that are valid, expired, or from an
-unknown authority."""
+"""Makes a certificate authority (CA), and server certificates that are valid, expired, or from an
+unknown CA."""
 
 import os
 import subprocess
@@ -27,7 +27,7 @@ x509_extensions = server
 [policy]
 commonName = supplied
 """
-# From the first day that a certificate can have, to a day that is before the time of every clock.
+# The period of an expired certificate. It ends before the time that any clock shows.
 _PAST = ["-startdate", "20200101000000Z", "-enddate", "20200201000000Z"]
 _KEY = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
 

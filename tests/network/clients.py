@@ -1,4 +1,4 @@
-"""The DHCP clients. Each finds its hook at the usual place."""
+"""Runs the DHCP clients. Each finds its hook at the usual place."""
 
 import contextlib
 import os
@@ -12,7 +12,7 @@ from support.own_root import mount_empty
 
 
 class Dhclient:
-    """@param metric of its default route; there is no metric if it is not given"""
+    """@param metric the metric of the default route; None: the route has no metric"""
 
     def __init__(self, hooks, interface="eth0", metric=None):
         hook = "/etc/dhcp/dhclient-exit-hooks.d/proxymanager"
@@ -36,13 +36,13 @@ class Dhclient:
         self._starts += 1
 
     def renew(self):
-        """The client has no command for this. It renews the lease at the time that the lease
-        sets."""
+        """Does nothing: the client has no command for a renewal. It renews the lease at the time that the
+        lease sets."""
 
     def release(self):
         # The hooks run before the client itself has stored the lease.
         wait_until(lambda: contents(self._log).count("bound to") >= self._starts, "it is bound")
-        # The client logs this before it writes the file again.
+        # The client logs "bound to" before it writes its pid file again.
         wait_for_text(self._pid, "\n")
         subprocess.run(["dhclient", "-4", "-r", *self._files, *self._metric, self._interface],
                        check=True, capture_output=True)
@@ -103,7 +103,7 @@ class Dhcpcd:
         mount_empty(self._HOOKS, "mode=0755")
         shutil.copytree("/run/dhcpcd-hooks", self._HOOKS, dirs_exist_ok=True)
         shutil.copy(f"{hooks}/dhcpcd", f"{self._HOOKS}/70-proxymanager")
-        # The files about the machine's own networks.
+        # Hides the client's files about the machine's own networks.
         mount_empty("/var/lib/dhcpcd", "mode=0755")
         with open("/etc/dhcpcd.conf", "a") as file:
             file.write("option wpad_url\nreboot 1\nnoarp\nnoipv4ll\nnodev\n")
@@ -140,7 +140,7 @@ class Dhcpcd:
                 pass
 
     def replug(self, plug):
-        plug()  # the client sees that the carrier is lost and returns
+        plug()  # the client notices that the carrier is lost and that it returns
 
     def stop(self):
         if self._process and self._process.poll() is None:

@@ -22,7 +22,8 @@ def pytest_addoption(parser):
 
 
 def pytest_sessionstart(session):
-    """The reason, if the machine does not allow these tests to make their networks."""
+    """Skips these tests if the machine does not allow them to make their networks. If CI is set,
+    they fail."""
     try:
         trial = subprocess.run(
             ["unshare", "--mount", "--net", "ip", "link", "add", "veth0", "type",
@@ -39,7 +40,8 @@ def pytest_sessionstart(session):
 
 @pytest.fixture
 def hooks(root, build, request):
-    """The folder of the hooks. The program that they call is at the path that they contain."""
+    """The folder of the hooks. The hooks contain the path of the program that they call; the
+    program is at this path."""
     libexec = request.config.getoption("--libexec")
     if os.path.isdir(libexec):
         mount_empty(libexec, "mode=0755")

@@ -1,4 +1,5 @@
-"""The gateway of a network: dnsmasq for DHCP and DNS, nginx for scripts, a web server for the rest.
+"""The gateway of a network: dnsmasq for DHCP and DNS, nginx for scripts, and a web server that
+sends any bytes.
 
 One cable leads to an interface of the device, by default eth0. become() makes it the gateway of
 another network, as if the cable were plugged into that network.
@@ -52,9 +53,9 @@ HOME = Network(2, "lab.home.example")
 
 
 class Gateway:
-    """@param interface the name of the device's end of the cable @param name of the gateway's
-    namespace; a second gateway needs another name @param router whether leases name the gateway
-    as the default route"""
+    """@param interface name of the device's end of the cable
+    @param name the gateway's namespace; a second gateway needs another name
+    @param router whether leases name the gateway as the default route"""
 
     def __init__(self, network=OFFICE, interface="eth0", name="gateway", router=False):
         self._namespace = Namespace(name)
@@ -121,7 +122,7 @@ class Gateway:
         assert self._dnsmasq.poll() is None, open(log).read()
 
     def cable(self, state):
-        """Sets this end of the cable "up" or "down"."""
+        """Sets the gateway's end of the cable "up" or "down"."""
         with self.inside():
             ip("link", "set", "port", state)
 
@@ -196,7 +197,7 @@ class Gateway:
         self.start_nginx()
 
     def start_nginx(self, authority=None):
-        """With an authority, nginx also serves https, on the ports SECURE_PORTS."""
+        """With a certificate authority, nginx also serves https, on the ports SECURE_PORTS."""
         if self._nginx:
             return
         secure = ""
@@ -232,7 +233,8 @@ class Gateway:
 
 
 def trusted_authority():
-    """An authority that the device trusts, and server certificates of this authority."""
+    """Makes a certificate authority (CA) with its server certificates. Adds it to the device's trusted
+    CAs."""
     authority = Authority("/run/authority")
     with open("/etc/ssl/certs/ca-certificates.crt", "a") as trusted:
         trusted.write(open(authority.certificate).read())

@@ -1,4 +1,4 @@
-"""The folders and files that the daemon needs from boot on."""
+"""Tests that the folders and files that the daemon needs exist after the boot."""
 
 import os
 import shutil

@@ -1,5 +1,5 @@
-"""Downloads from servers that behave well or badly, as real ones do. After each download, the old
-script or the complete new one answers, no temporary file is left, and the log shows what
+"""Tests downloads from servers that behave well or badly, as real ones do. After each download, the
+old script or the complete new one answers, no temporary file is left, and the log shows what
 happened."""
 
 import gzip
@@ -16,7 +16,7 @@ from support.web import reset, response, script
 
 PAC = "/tmp/proxymanager.pac"
 LIMIT = 512000  # bytes of a script
-SECONDS = 30  # of a transfer
+SECONDS = 30  # the time limit of a transfer
 
 
 @pytest.fixture
@@ -140,7 +140,7 @@ def test_an_endless_body_is_hung_up_on_within_a_second(downloads):
             hung_up.append(time.monotonic() - past if past else 0)
 
     downloads.web.routes["/endless"] = endless
-    # The test tries this three times, because the machine may be busy.
+    # The test tries the download up to three times, because the machine may be busy.
     for tries in range(1, 4):
         downloads.fails(downloads.url("/endless"), "false", 200)
         wait_until(lambda: len(hung_up) == tries, "the server sees its connection go")
@@ -196,7 +196,7 @@ def test_servers_have_to_be_who_they_say(online, client, syslog):
                        "PROXY secure:1")
     for refused in ("https://other.office.example/x.pac",  # the name of another server
                     "https://secure.office.example:8443/x.pac",  # expired
-                    "https://secure.office.example:9443/x.pac"):  # an unknown authority
+                    "https://secure.office.example:9443/x.pac"):  # an unknown CA
         downloads.fails(refused, "false", 0)
 
 

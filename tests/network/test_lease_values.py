@@ -1,5 +1,5 @@
-"""Values of option 252 that real networks have, and values that an attacker would choose. They go
-from a real server through each DHCP client to the daemon's log."""
+"""Tests values of option 252 that real networks have, and values that an attacker would choose. A
+real server sends them through each DHCP client to the daemon, and the log shows the result."""
 
 import os
 

@@ -1,4 +1,4 @@
-"""The daemon follows the leases of each DHCP client, without any call on the bus."""
+"""Tests that the daemon follows the leases of each DHCP client, without any call on the bus."""
 
 import os
 
@@ -62,7 +62,7 @@ def follows_leases(dhcp, client, gateway, signals, syslog):
 
 
 def ends_its_lease(dhcp, gateway):
-    """When a lease ends, its values are removed."""
+    """Ends a lease, and checks that its values are removed."""
     gateway.options(wpad=f"http://{OFFICE.address}/proxy.pac")
     dhcp.start()
     wait_for_text(LEASE, "proxy.pac")

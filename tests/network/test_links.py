@@ -1,5 +1,5 @@
-"""A device with two links. Each has a lease, and the default route decides which lease is in
-force."""
+"""Tests a device with two links. Each link has a lease, and the default route decides which lease
+is in force."""
 
 import os
 

@@ -1,5 +1,5 @@
-"""Downloads with the usual settings of the name service. The fetch process may not open local
-sockets, so modules that ask a local service are not available, and the C library asks the next
+"""Tests downloads with the usual settings of the name service. The fetch process cannot open local
+sockets. So modules that use a local service are not available, and the C library uses the next
 module."""
 
 import glob

@@ -1,5 +1,5 @@
-"""Every user may write to /tmp. Other users plant files at the daemon's names there, while the
-daemon runs."""
+"""Tests the daemon while other users make files with the names of its files. Every user may write
+to /tmp."""
 
 import glob
 import os
@@ -59,7 +59,7 @@ def clear(path):
 
 
 class Daemon:
-    """In mode pacurl, with a web server whose script changes at every fetch."""
+    """A daemon in mode pacurl, with a web server whose script changes at every fetch."""
 
     def __init__(self, gateway, client, syslog):
         gateway.connect_device()

@@ -12,7 +12,8 @@ mkdir -p "$copy" "$out"
 if [ -n "${PROXYMANAGER_PACKAGES-}" ]; then
   cp "$PROXYMANAGER_PACKAGES"/*proxymanager* "$out"
 else
-  # The files that git knows or would add; files that were removed from the tree are removed from the copy.
+  # The files that git tracks or would add. Files that were removed from the tree are also removed
+  # from the copy.
   files=$(mktemp)
   trap 'rm -f "$files"' EXIT
   (cd "$tree" && git -c safe.directory='*' ls-files -z --cached --others --exclude-standard |
@@ -31,8 +32,8 @@ else
     CCACHE_DIR=$cache CCACHE_BASEDIR=$tree CCACHE_NOHASHDIR=1 CCACHE_SLOPPINESS=locale \
     dpkg-buildpackage --build=binary --build-profiles=nocheck --no-pre-clean -us -uc)
   mv "$folder"/*proxymanager*_* "$out"
-  # Who builds the packages in the tree itself has nothing of that in git's way. The link debian leads
-  # to packaging/debian.
+  # Git must ignore every file that the build makes, because people also build the packages in the
+  # tree itself. The link debian points to packaging/debian.
   seen=$(cd "$copy" && find . -path ./build -prune -printf '%P/\n' -o -type f -printf '%P\n' | sort |
     comm -23 - <(tr '\0' '\n' <"$files" | sort) |
     git -c safe.directory='*' -C "$tree" check-ignore --no-index --verbose --non-matching --stdin |
@@ -43,7 +44,7 @@ else
   }
 fi
 
-# dpkg refuses to install two packages with the same file, unless it is in place already.
+# dpkg refuses to install a package if another package has the same file.
 twice=$(for package in "$out"/*.deb; do
   dpkg-deb --fsys-tarfile "$package" | tar -t | grep -v '/$'
 done | sort | uniq -d)
@@ -52,7 +53,7 @@ done | sort | uniq -d)
   exit 1
 }
 
-# Errors and warnings fail, and so does an override that no longer overrides anything.
+# The build fails if lintian reports an error or a warning, or an override that has no effect.
 lintian --allow-root --fail-on error,warning --tag-display-limit 0 "$out"/*.changes
 unused=$(lintian --allow-root --tags unused-override,mismatched-override "$out"/*.changes)
 [ -z "$unused" ] || {

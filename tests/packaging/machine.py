@@ -18,7 +18,7 @@ import tempfile
 import time
 
 SUITE = "bookworm"
-LIMIT = 180.0  # seconds for each start; a busy machine needs ten
+LIMIT = 180.0  # seconds for each start; even a busy machine needs only ten
 CLONE_NEWNS, CLONE_NEWNET = 0x00020000, 0x40000000
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _fork = multiprocessing.get_context("fork")
@@ -47,7 +47,7 @@ def _apt_options():
 
 
 def _needed(packages):
-    """The dependencies of the packages; of alternatives, the first."""
+    """The dependencies of the packages. If there are alternatives, the first one."""
     names = {"systemd-sysv", "dbus"}
     own = {pathlib.Path(package).name.split("_")[0] for package in packages}
     for package in packages:
@@ -87,9 +87,9 @@ class Account:
 
 class Machine:
     def __init__(self, packages, names=(), others=()):
-        """@param packages the files that the tests install @param names further packages of
-        Debian @param others the files that another test installs, so that both tests share the
-        root"""
+        """@param packages the files that the tests install
+        @param names further packages of Debian
+        @param others the files that another test installs, so that both tests share the root"""
         self.packages = packages
         self._archive = _root_archive(sorted({*_needed([*packages, *others]), *names}))
         self._ends = contextlib.ExitStack()

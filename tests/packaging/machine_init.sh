@@ -24,7 +24,8 @@ ln -s /proc/self/fd dev/fd
 ip link set lo up
 mkdir -p .outside
 pivot_root . .outside
-# The outer system is not visible any more. This tells systemd that it runs in a container. systemd then
-# leaves the propagation of mounts as it is; credentials of units need it as after a boot.
+# After this, the outer system is not visible. With container=test, systemd behaves as in a
+# container: it does not change the propagation of mounts. So the propagation is set here, because
+# credentials of units need it as after a boot.
 exec chroot . /bin/sh -c 'umount -l /.outside && rmdir /.outside && mount --make-rshared / &&
   exec env -i container=test PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd'

@@ -13,7 +13,7 @@ class Managed(Machine):
     """A system whose NetworkManager has two links."""
 
     def plug_in(self):
-        # ConnMan would manage the links.
+        # ConnMan would also manage the links, so it is turned off.
         self.run("systemctl", "disable", "--now", "connman")
         # NetworkManager must not make connections itself.
         (self.root / "etc/NetworkManager/conf.d/test.conf").write_text(

@@ -1,6 +1,6 @@
-"""The hooks with Debian's NetworkManager in a clean, running system: two links, each with a DHCP
-server; a bridge; a cable that is unplugged and plugged. Each test continues from the state of the
-test before it."""
+"""Tests the hooks with Debian's NetworkManager in a clean, running system: two links, each with a
+DHCP server; a bridge; a cable that is unplugged and plugged. Each test continues from the state of
+the test before it."""
 
 import pytest
 from managed import NETWORKS, PACKAGES, Managed
@@ -78,7 +78,7 @@ def test_the_lease_of_the_default_route_counts_and_its_end_brings_back_the_other
 def test_an_interface_without_a_lease_changes_nothing(managed):
     managed.counts("office")
     before = managed.run("stat", "--format=%y", LEASE, RESOLVER).stdout
-    # One interface like that of a container engine, and one with a fixed address.
+    # One interface is like that of a container engine, and one has a fixed address.
     managed.run("ip", "link", "add", "docker0", "type", "bridge")
     managed.run("ip", "address", "add", "172.17.0.1/16", "dev", "docker0")
     managed.run("ip", "link", "set", "docker0", "up")

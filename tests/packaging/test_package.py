@@ -1,5 +1,5 @@
-"""The packages in a clean, running system. Each test continues from the state of the test before
-it."""
+"""Tests the packages in a clean, running system. Each test continues from the state of the test
+before it."""
 
 import http.server
 import pathlib
@@ -31,7 +31,7 @@ LEFT_ALONE = re.compile(r"/(proc|sys|dev|run/(systemd|udev|log|lock)|var/(log|ca
 
 
 class Caller(Client):
-    """The calls of an account on the bus."""
+    """Makes an account's calls on the bus."""
 
     def __init__(self):
         super().__init__(BUS)
@@ -85,7 +85,7 @@ class SilentServer:
 
 
 def files(machine):
-    # Another service may remove a folder meanwhile; then the program ends with status 1.
+    # Another service may remove a folder meanwhile; then find ends with status 1.
     found = machine.run("find", "/", "-path", "/proc", "-prune", "-o", "-path", "/sys", "-prune",
                         "-o", "-print", check=False).stdout.splitlines()
     return {name for name in found if not LEFT_ALONE.match(name)}
@@ -162,7 +162,7 @@ def test_the_unit_writes_no_core_and_leaves_two_folders_of_the_disk_to_write_in(
     assert installed.show(UNIT, "CPUWeight") == "50"
     assert installed.show(UNIT, "Type") == "dbus"
     assert installed.show(UNIT, "WatchdogUSec") == "1min"
-    # The test does this as the daemon's user, in the daemon's mount namespace.
+    # The shell runs as the daemon's user, in the daemon's mount namespace.
     enter = ("nsenter", "-t", pid, "-m", "setpriv", "--reuid=proxymanagerd", "--regid=proxymanagerd",
              "--clear-groups", "sh", "-c")
     for folder, writable in {"/tmp": True, "/run/proxymanagerd": True, "/run": False, "/etc": False,
@@ -305,7 +305,7 @@ def test_a_script_runs_in_a_sandboxed_worker_within_the_walls_of_the_unit(instal
     worker = status(installed, found[0])
     assert worker["Uid"].split()[0] == str(installed.account("proxymanagerd").uid)
     assert int(worker["CapEff"], 16) == int(worker["CapPrm"], 16) == int(worker["CapAmb"], 16) == 0
-    # The filters of the unit and of the process itself.
+    # The worker has the filters of the unit, like the daemon, and one more filter of its own.
     daemon = status(installed, main_process(installed))
     assert int(worker["Seccomp_filters"]) > int(daemon["Seccomp_filters"])
 

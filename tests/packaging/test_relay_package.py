@@ -1,4 +1,4 @@
-"""The relay in a clean, running system. Each test continues from the state of the test before
+"""Tests the relay in a clean, running system. Each test continues from the state of the test before
 it."""
 
 import os
@@ -21,7 +21,7 @@ ASK = ("exec 3<>/dev/tcp/127.0.0.1/3128 && "
 
 
 class Caller(Client):
-    """The calls of an account on the bus."""
+    """Makes an account's calls on the bus."""
 
     def __init__(self):
         super().__init__(BUS)
@@ -89,7 +89,7 @@ def test_its_user_reads_the_configuration_and_may_not_change_it(machine):
         assert str(refused.value) == DENIED
         assert root.call("config") == MANUAL
         root.call("update")
-    # Other users may not even read it.
+    # Other users have no right to read the configuration.
     with Inside(machine, machine.account("stranger"), Caller) as stranger:
         with pytest.raises(Refused) as refused:
             stranger.call("config")

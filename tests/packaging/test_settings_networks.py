@@ -1,5 +1,6 @@
-"""The settings service with Debian's NetworkManager and ConnMan, in a clean, running system with
-two links, each with a DHCP server. Each test continues from the state of the test before it."""
+"""Tests the settings service with Debian's NetworkManager and ConnMan, in a clean, running system
+with two links, each with a DHCP server. Each test continues from the state of the test before
+it."""
 
 import json
 import os
@@ -150,7 +151,7 @@ def test_what_a_reapply_pushes_is_what_is_shown(fed):
     fed.nmcli("connection", "modify", "office", "proxy.pac-url", url("office"))
     before = eth0(fed)
     fed.nmcli("device", "reapply", "eth0")
-    # This is the same URL, or the new URL of the profile if NetworkManager pushes it.
+    # The service keeps the same URL, or has the new URL of the profile if NetworkManager pushes it.
     fed.wait(lambda: len(eth0(fed)) == 1 and (eth0(fed) == before or
                                               eth0(fed)[0]["pac_url"] == url("office")), "one of both")
 
@@ -158,7 +159,8 @@ def test_what_a_reapply_pushes_is_what_is_shown(fed):
 def test_a_url_goes_before_a_script_and_one_of_the_lease_does_too(fed):
     fed.proxy("office", "proxy.pac-url", url("office"), "proxy.pac-script", script("pushed.example"))
     fed.follows(("pacurl", "", url("office")), "the profile's URL")
-    # If the profile has no URL, the URL of option 252 is used. It has priority over the script.
+    # If the profile has no URL, the URL of option 252 is used. This URL has priority over the
+    # profile's script.
     fed.proxy("office", "proxy.pac-url", "")
     fed.follows(("pacurl", "", "http://office.example/proxy.pac"), "the lease's URL")
 
@@ -189,7 +191,7 @@ def test_the_default_route_decides_also_if_a_link_or_a_tunnel_comes_and_goes(fed
 
 
 def test_a_network_manager_that_is_killed_leaves_nothing_and_feeds_again(fed):
-    # systemd must not start it before the test has seen its end.
+    # systemd must not restart NetworkManager before the test has seen that it ended.
     fed.run("systemctl", "mask", "--runtime", "NetworkManager")
     fed.kill("NetworkManager")
     fed.follows(OFF, "nobody feeds it")
@@ -206,7 +208,7 @@ def test_a_restart_of_the_service_never_gives_the_daemon_something_else(fed):
     fed.is_back()
     assert fed.has() == ("pacurl", "", url("office", 1))
     log = fed.run("journalctl", "--no-pager", "-u", UNIT, f"--since={since}").stdout
-    log = log.rpartition(" Stopped ")[2]  # the journal's times are in whole seconds
+    log = log.rpartition(" Stopped ")[2]  # --since counts in whole seconds, so there may be earlier lines
     assert "mode pacurl" in log and "mode off" not in log, log
 
 
@@ -262,6 +264,7 @@ def test_connman_feeds_the_service(fed):
 
 
 def services(fed, states=""):
-    """ConnMan's services in one of these states (any), by their identifiers."""
+    """The identifiers of ConnMan's services that are in one of these states; of all services if
+    `states` is empty."""
     lines = fed.run("connmanctl", "services", check=False).stdout.splitlines()
     return [line.split()[-1] for line in lines if not states or line[2:3] in states]

@@ -1,5 +1,5 @@
-"""The settings service in a clean, running system. Each test continues from the state of the test
-before it."""
+"""Tests the settings service in a clean, running system. Each test continues from the state of the
+test before it."""
 
 import collections
 import errno
@@ -25,13 +25,13 @@ OFF = ("off", "", "", "n", "", "")
 
 
 class Caller(Client):
-    """The calls of an account on the bus."""
+    """Makes an account's calls on the bus."""
 
     def __init__(self):
         super().__init__(BUS)
 
     def push(self, **entries):
-        """CreateProxyConfiguration, as a network manager calls it."""
+        """Calls CreateProxyConfiguration, as a network manager does."""
         address = DBusAddress("/org/pacrunner/manager", bus_name="org.pacrunner",
                               interface="org.pacrunner.Manager")
         message = new_method_call(address, "CreateProxyConfiguration", "a{sv}",
@@ -45,7 +45,7 @@ class Caller(Client):
         return self.push(Method="auto")
 
     def find(self, url):
-        """FindProxyForURL, as programs call it."""
+        """Calls FindProxyForURL, as programs do."""
         address = DBusAddress("/org/pacrunner/client", bus_name="org.pacrunner",
                               interface="org.pacrunner.Client")
         message = new_method_call(address, "FindProxyForURL", "ss", (url, ""))
@@ -136,7 +136,7 @@ def test_what_is_written_is_followed_and_survives_every_restart(machine, root_ca
     wait_for(machine, root_caller, MANUAL)
     machine.run("systemctl", "restart", UNIT)
     wait_for(machine, root_caller, MANUAL)
-    # As at a boot: nothing runs, then all is started.
+    # As at a boot: at first nothing runs, then everything is started.
     machine.run("systemctl", "stop", DAEMON, UNIT)
     machine.run("systemctl", "start", UNIT, DAEMON)
     wait_for(machine, root_caller, MANUAL)
@@ -151,7 +151,7 @@ def test_what_is_saved_survives_what_a_device_does_in_its_life(machine):
                 "--password-file=/root/password", "--save")
     (machine.root / "root/password").unlink()
     configured(machine)
-    # As at a boot: nothing runs, then all is started.
+    # As at a boot: at first nothing runs, then everything is started.
     machine.run("systemctl", "stop", DAEMON, SOCKET, UNIT)
     machine.run("systemctl", "start", UNIT, DAEMON)
     configured(machine)
@@ -183,7 +183,7 @@ def test_the_password_is_in_nothing_that_others_read(machine):
     assert "Max core file size        0                    0 " in limits
     assert PASSWORD not in machine.run("journalctl", "--no-pager").stdout
     # Looks for the text in all files that another user can read. grep ends with 1 if it finds
-    # nothing, and with 2 if it may not read a file.
+    # nothing, and with 2 if it has no right to read a file.
     found = machine.run("setpriv", "--reuid=stranger", "--regid=stranger", "--clear-groups", "grep",
                         "--recursive", "--files-with-matches", "--devices=skip", PASSWORD, "/etc",
                         "/run", "/tmp", "/var", check=False)
@@ -251,7 +251,7 @@ def test_a_credential_of_the_unit_is_the_password(machine, root_caller):
                    'password-credential = "proxy"\n')
     machine.run("systemctl", "restart", UNIT)
     wait_for(machine, root_caller, (*MANUAL[:4], "device", "first"))
-    # systemd copies the credential when the unit starts, so a changed one needs a restart.
+    # systemd copies the credential when the unit starts, so a changed credential needs a restart.
     source.write_text("second\n")
     machine.run("systemctl", "restart", UNIT)
     wait_for(machine, root_caller, (*MANUAL[:4], "device", "second"))
@@ -264,7 +264,7 @@ def test_a_credential_of_the_unit_is_the_password(machine, root_caller):
 
 
 def test_systemd_never_gives_up_to_start_the_service(machine):
-    """By default it does so after the fifth start in ten seconds, and closes the port."""
+    """By default, systemd gives up after the fifth start in ten seconds, and closes the port."""
     for _ in range(12):
         machine.run("systemctl", "restart", UNIT)
     for unit in (UNIT, SOCKET):
@@ -297,7 +297,7 @@ def test_no_rival_takes_the_script_port_while_the_service_is_killed_and_restarte
         # never free, because the socket unit keeps it open.
         assert set(stranger.call("end")) == {"EACCES"}
         assert set(root.call("seen")) == {"EADDRINUSE"}
-        # Without the open socket of the unit, the other program succeeds.
+        # Without the open socket of the unit, the rival program of root can bind the port.
         machine.run("systemctl", "stop", UNIT, SOCKET)
         machine.wait(lambda: "taken" in root.call("seen"), "the rival takes a free port")
         root.call("end")

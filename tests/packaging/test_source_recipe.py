@@ -21,9 +21,11 @@ def recipe():
 
 
 def build_packages():
-    """The packages that the first line of the recipe installs, for a system without a network.
+    """The packages that the first line of the recipe installs. The system has no network, so it
+    gets them before.
 
-    Of alternatives, it is the first that this suite has. The script engine's source is in the tree.
+    Of alternative packages, the function returns the first one that this release of Debian has. The
+    script engine needs no package, because its source is in the tree.
     """
     listed = subprocess.run([TREE / "packaging/dependencies.sh", "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout

@@ -1,4 +1,4 @@
-"""What the build was made with, and a skip that CTest sees."""
+"""Options for the compiler of the build, and a skip that CTest recognises."""
 
 from support.skipping import SKIPPED
 

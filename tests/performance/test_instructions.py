@@ -1,10 +1,12 @@
-"""How many instructions the hottest paths take, so that a regression is seen on any machine.
+"""Counts the instructions of the most frequent code paths, so that a regression is found on any
+machine.
 
-Callgrind counts them; times would be the machine's. A count is held against instructions.json, a tenth
-more or less: more is a regression, less an improvement to be written down, so that it is not lost
-again. The counts are one compiler's: with another the tests are skipped, and say so.
+Callgrind counts them; times would depend on the machine. A count may differ from that in
+instructions.json by a tenth. A higher count is a regression. A lower count is an improvement:
+record it, so that a later regression is found. The counts are valid only for one compiler. With any
+other compiler, the tests are skipped with this reason.
 
-To write new counts down, after a look at why they changed:
+To record new counts, after you have found the reason for the change:
   cd tests/performance && pytest --build=BUILD --compiler="GNU 12.2.0 x86_64" --record .
 """
 
@@ -31,13 +33,14 @@ def callgrind(function):
 
 
 def counted():
-    """What callgrind wrote at the program's end."""
+    """The count that callgrind has written at the end of the program."""
     with open("/tmp/callgrind.out") as file:
         return int(re.search(r"^(?:totals|summary): (\d+)", file.read(), re.MULTILINE)[1])
 
 
 def instructions_of(build, path):
-    """Of one round of a path of hot_paths."""
+    """The number of instructions for one round of a code path of the program hot_paths (an
+    average)."""
     subprocess.run(callgrind("hot_path") + [f"{build}/out/tests/hot_paths", path, str(TIMES)],
                    check=True, timeout=LIMIT, capture_output=True)
     return counted() / (TIMES + 1)

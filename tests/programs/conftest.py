@@ -1,4 +1,5 @@
-"""Fixtures: a Debian with programs that are unpacked and not installed, and what of the build they use."""
+"""Fixtures: a Debian with programs that are unpacked and not installed, and the files of the build
+that they use."""
 
 import os
 import pathlib
@@ -18,7 +19,7 @@ def pytest_addoption(parser):
 
 
 class Programs(ProgramsRoot):
-    """Programs that find proxymanagerctl, this test's bus and its certificate."""
+    """Runs programs with this build's proxymanagerctl, this test's bus and its certificate."""
 
     def __init__(self, root, build):
         super().__init__(root)
@@ -32,7 +33,7 @@ class Programs(ProgramsRoot):
                           "NODE_EXTRA_CA_CERTS": "/run/site.pem"}
 
     def ask(self, *words, **variables):
-        """What a program prints; it has to succeed."""
+        """Runs a program, which must succeed. Returns its output."""
         return self.run(*words, environment={**self.variables, **variables}).stdout
 
     def status(self, *words, **variables):

@@ -1,4 +1,5 @@
-"""The examples for Go, Java and Node, and their libraries through the relay, as the pages show them."""
+"""Tests the examples for Go, Java and Node, and these languages' libraries through the relay, as the
+pages describe them."""
 
 import http.server
 import socket
@@ -27,7 +28,7 @@ def relay(build, proxies, client):
 
 
 def follow(fetch, client, port80, syslog, daemon, socks=True):
-    """What `fetch` gets for http and https comes by the way of each mode."""
+    """Checks in each mode that `fetch` uses the proxy of the mode, for http and for https."""
     def both(way):
         assert (fetch(PAGE), fetch(SECURE_PAGE)) == (way, way)
 
@@ -79,7 +80,8 @@ func main() {
 
 @pytest.fixture
 def java(programs):
-    """Runs the example with these options."""
+    """Compiles the example and the program `Get`. Returns a function that runs one of them for a URL,
+    with the given options of Java."""
     programs.ask("keytool", "-importcert", "-noprompt", "-file", "/run/site.pem", "-alias", "site",
                  "-keystore", "/tmp/trusted", "-storepass", "secret")
     programs.ask("javac", "-Xlint:-deprecation", "-d", "/opt", "/opt/examples/Ask.java")

@@ -1,4 +1,5 @@
-"""Programs of Debian that are linked with libproxy, unchanged, with the library of the build in its place."""
+"""Tests unchanged programs of Debian that are linked with libproxy. The library of the build replaces
+libproxy."""
 
 import os
 import re
@@ -49,7 +50,7 @@ int main(int argc, char** argv) {
   return application.exec();
 }
 """
-# Many threads at once ask GLib's resolver over libproxy, or fetch a page by it.
+# Many threads at once ask GLib's resolver, which uses libproxy, or fetch a page with its answer.
 RESOLVER = """
 #include <gio/gio.h>
 #include <string.h>
@@ -99,7 +100,8 @@ def compile_(programs, name, text, *options):
 
 
 def in_each_mode(client, port80, syslog, daemon):
-    """Makes the daemon answer in each mode; yields the first proxy and the way."""
+    """Sets one mode after the other. In each, yields the first proxy of the answer, and the way that
+    requests must take."""
     client.update("manual", f"http://{HTTP_PROXY}")
     yield f"http://{HTTP_PROXY}", HTTP
     by_script(client, port80, f"SOCKS {SOCKS_PROXY}; DIRECT")
@@ -123,7 +125,7 @@ def test_a_program_of_qt_6_fetches_by_the_way_of_each_mode(programs, client, por
     for _, way in in_each_mode(client, port80, syslog, daemon):
         assert programs.ask(program, PAGE, **OURS) == way
     assert programs.ask(program, PAGE, **OURS, http_proxy=f"http://{HTTP_PROXY}") == HTTP
-    # The main thread, which is that of the windows, does not call the library.
+    # The main thread draws the windows, so it must not call the library.
     assert "QLibProxyWrappe" in programs.ask(program, PAGE, "threads", **OURS)
 
 
@@ -134,7 +136,7 @@ def test_openconnect_detects_the_proxy_of_each_mode(programs, client, port80, sy
 
     for _, way in in_each_mode(client, port80, syslog, daemon):
         before = len(seen())
-        # The server is none of a VPN, so it ends with a failure behind the proxy.
+        # The server is no VPN server, so openconnect fails. But its request reaches the server.
         programs.status("openconnect", "--libproxy", "--non-inter", "--authenticate", "--cafile=/run/site.pem",
                         f"https://{SITE}/", **OURS)
         wait_until(lambda: len(seen()) > before, "the server is asked")

@@ -1,5 +1,5 @@
-"""The desktop portal with the GLib module in its process: what it answers, and a sandboxed program that has
-the portal alone.
+"""Tests the desktop portal, whose process loads the GLib module: its answers, and a sandboxed program
+that can reach only the portal.
 """
 
 import os
@@ -20,12 +20,13 @@ SESSION = "unix:path=/run/session_bus"
 NAME = "org.freedesktop.portal.Desktop"
 RESOLVER = DBusAddress("/org/freedesktop/portal/desktop", bus_name=NAME,
                        interface="org.freedesktop.portal.ProxyResolver")
-# As Flatpak writes it for a program that may use the network.
+# The text that Flatpak writes for a program that may use the network.
 SANDBOX = "[Application]\nname=org.example.Program\n[Instance]\ninstance-id=1\n[Context]\nshared=network;\n"
 
 
 class Portal:
-    """A session bus and the portal on it. Its process has the module; nothing else of the build is there."""
+    """A session bus with the portal. The portal's process loads the module, and uses no other file of
+    the build."""
 
     def __init__(self, programs, build):
         self._programs = programs
@@ -57,7 +58,8 @@ class Portal:
         return self._call(url).body[0]
 
     def fetch(self, url=PAGE):
-        """What a program of libsoup gets in a sandbox: no module, no system bus, and the portal."""
+        """The page that a program with libsoup gets in a sandbox, with the portal, but without the module
+        and the system bus."""
         return self._programs.run("/opt/soup_get", url, environment={
             "HOME": "/run/home", "DBUS_SESSION_BUS_ADDRESS": SESSION,
             "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nowhere", "XDG_RUNTIME_DIR": "/run/home"}).stdout
@@ -77,7 +79,7 @@ def portal(programs, client, build):
 
 
 def follow_every_mode(portal, client, port80, syslog, daemon, see):
-    """`see` gets the daemon's answer, and the way of it, in each mode."""
+    """Checks in each mode that `see` returns the daemon's answer, or the way that belongs to it."""
     def follows(answer, way):
         wait_until(lambda: see() == (answer if see == portal.lookup else way), f"{answer} is seen")
 
@@ -111,6 +113,6 @@ def test_the_portal_answers_for_each_url(portal, client, port80):
 
 def test_a_sandboxed_program_that_has_only_the_portal_follows(portal, programs, client, port80, syslog,
                                                              daemon):
-    # From here on every program of that root is in a sandbox, for GLib and for the portal.
+    # With this file, GLib and the portal treat every program in that root as sandboxed.
     programs.write("/.flatpak-info", SANDBOX)
     follow_every_mode(portal, client, port80, syslog, daemon, portal.fetch)

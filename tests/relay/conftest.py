@@ -1,4 +1,4 @@
-"""Fixtures: the relay over many real proxies, and programs that are unpacked and not installed."""
+"""Fixtures: the relay with many real proxies, and programs that are unpacked and not installed."""
 
 import pytest
 from relay_world import World, browser_pages
@@ -18,7 +18,7 @@ def programs(own_network, request):
 
 @pytest.fixture
 def world(own_network, build, client, programs, port80, syslog):
-    # The daemon is started in the test's network.
+    # The fixture `client` starts the daemon in the test's network.
     world = World(build, client, programs, port80, syslog)
     yield world
     world.close()

@@ -1,7 +1,8 @@
-"""The relay on its usual port, in front of real proxies: those of support.real_proxies, Squid that wants
-Digest, and haproxy that speaks TLS to its clients and has tinyproxy behind it.
+"""The relay on its usual port, in front of real proxies: those of support.real_proxies, Squid with
+Digest authentication, and haproxy, which accepts TLS connections and forwards them to a tinyproxy.
 
-Programs are led to the relay alone. The server's log shows which proxy their requests came from.
+Programs get the relay as their only proxy. The server's log shows which proxy forwarded their
+requests.
 """
 
 import os
@@ -19,14 +20,14 @@ DIGEST, TLS = "by Digest", "by TLS"
 DIGEST_PROXY = "127.0.0.12:3128"
 TLS_NAME = "secure.example.test"
 SOCKET_NAME = "socket.example.test"
-# tinyproxy of these tests allows tunnels to port 443 alone.
+# In these tests, tinyproxy allows tunnels only to port 443.
 SOCKET_AT = ("127.0.0.82", 443)
 TLS_PROXY = f"https://{TLS_NAME}:8443"
 _TLS_ADDRESS, _BEHIND_TLS = "127.0.0.14:8443", "127.0.0.13:8888"
 _WAYS = {"127.0.0.12": DIGEST, "127.0.0.13": TLS}
 ADDRESSES = {DIRECT: "127.0.0.1", HTTP: "127.0.0.8", SOCKS: "127.0.0.9", DIGEST: "127.0.0.12",
              TLS: "127.0.0.13"}
-# Each mode with a way of its own.
+# The way that requests take in each mode; no two modes have the same way.
 MODES = {"off": DIRECT, "manual": DIGEST, "pacurl": HTTP, "wpad": SOCKS}
 _LOCATIONS = "location /upload/ { dav_methods PUT; create_full_put_path on; client_max_body_size 0; }"
 
@@ -100,12 +101,12 @@ class Proxies(RealProxies):
         self._start(_TLS_ADDRESS, *self._programs.command("haproxy", "-db", "-f", "/run/haproxy.conf"))
 
     def start(self, endpoint, *command):
-        """A server of the test's own, in the unpacked system."""
+        """Starts a server of the test in the unpacked system."""
         self._start(endpoint, *self._programs.command(*command))
 
     def asked_from(self, path):
-        """The addresses from which the server was asked for what begins with `path`."""
-        self.has_been_asked_by("nobody")  # all that came before is in the log
+        """The addresses from which the server got requests for paths that begin with `path`."""
+        self.has_been_asked_by("nobody")  # after this, all earlier requests are in the log
         with open("/run/nginx.access") as log:
             return {line.split()[0] for line in log if f" {path}" in line}
 
@@ -133,7 +134,7 @@ class World:
         self.manual(f"http://{DIGEST_PROXY}", DIGEST, auth=True, user=USER, password=PASSWORD)
 
     def mode(self, mode):
-        """Sets it. @return the way that holds in it"""
+        """Sets the mode. @return the way that requests take in this mode"""
         if mode == "off":
             self.client.update("off")
         elif mode == "manual":
@@ -146,14 +147,15 @@ class World:
         return MODES[mode]
 
     def _follows(self, way):
-        """The daemon's signal may be on its way when the first program asks."""
+        """Waits until requests take this way: the daemon's signal may arrive after the first
+        request."""
         def taken():
             return self.run("curl", "-sS", "--max-time", "60", PAGE, check=False).stdout
         wait_until(lambda: taken() == way, f"the relay goes {way}")
 
     @staticmethod
     def run(*command, check=True, environment=None):
-        """A program of the machine that is led to the relay."""
+        """Runs a program of the machine, with the relay as its proxy."""
         done = subprocess.run(command, capture_output=True, text=True, timeout=LIMIT, cwd="/run",
                               stdin=subprocess.DEVNULL,
                               env={"PATH": "/usr/bin:/bin", "HOME": "/run", **VARIABLES,
@@ -163,7 +165,7 @@ class World:
 
 
 def serve(path, content):
-    """Puts a file below the server's root, for whichever way it is asked from."""
+    """Makes a file below the server's root for each way, so that every request finds it."""
     for address in ADDRESSES.values():
         file = f"/run/www/{address}{path}"
         os.makedirs(os.path.dirname(file), exist_ok=True)
@@ -172,7 +174,8 @@ def serve(path, content):
 
 
 def big_file(path, megabytes):
-    """Makes a file of random bytes that each server serves. @return its first name"""
+    """Makes a file of random bytes that the server serves for each way. @return the first of its
+    paths"""
     names = [f"/run/www/{address}{path}" for address in ADDRESSES.values()]
     for name in names:
         os.makedirs(os.path.dirname(name), exist_ok=True)
@@ -189,7 +192,8 @@ DONE = f"/page/done/{RESOURCES}/websocket"
 
 
 def browser_pages():
-    """A page that loads fifty scripts, speaks to a websocket, shows what it has, and asks for DONE."""
+    """Makes a page that loads fifty scripts and uses a websocket. Then the page shows what it has
+    received, and requests DONE. Returns the page's URL without the scheme."""
     page = ["<!doctype html><meta charset=utf-8><title>begun</title><script>var loaded = 0;</script>"]
     for number in range(RESOURCES):
         serve(f"/page/{number}.js", "loaded++;\n")

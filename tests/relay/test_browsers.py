@@ -1,5 +1,5 @@
-"""Chromium and Firefox, headless, with a page of fifty resources and a websocket, led to the relay by
-hand or by the relay's own script, in each mode."""
+"""Tests headless Chromium and Firefox in each mode, with a page of fifty resources and a websocket.
+The browser gets the relay as a fixed proxy, or through the relay's own script."""
 
 import base64
 import hashlib
@@ -24,7 +24,7 @@ WANTED = f"{RESOURCES} scripts, websocket"
 
 
 class Echo(socketserver.BaseRequestHandler):
-    """A websocket that sends each short message back."""
+    """A websocket server that sends one short message back."""
 
     def handle(self):
         stream = self.request.makefile("rb")
@@ -57,7 +57,8 @@ def websocket(world):
 
 
 def chromium_shows(world, url, *options):
-    """Waits until the page has all that it wants: Chromium's own ways to wait do not count websockets."""
+    """Runs Chromium until the page has loaded everything. The test waits for the page's last request,
+    because Chromium's own options for waiting ignore websockets."""
     with tempfile.TemporaryDirectory(prefix="chromium.", ignore_cleanup_errors=True) as folder:
         browser = subprocess.Popen(
             [chromium.PROGRAM, *chromium.OPTIONS, *options, f"--user-data-dir={folder}/profile",
@@ -116,7 +117,7 @@ def test_firefox_follows_the_relays_own_script(world, pages, websocket):
 
 
 def in_chromium(url, *options):
-    """What Chromium prints about the page."""
+    """The output of Chromium for the page."""
     with tempfile.TemporaryDirectory(prefix="chromium.", ignore_cleanup_errors=True) as folder:
         return subprocess.run(
             [chromium.PROGRAM, *chromium.OPTIONS, *options, f"--user-data-dir={folder}/profile", url],
@@ -125,7 +126,8 @@ def in_chromium(url, *options):
 
 
 def test_chromium_shows_the_relays_own_page(world, build):
-    """docs/relay-page.png is the picture that this makes in the build folder."""
+    """This test writes relay-page.png to the build folder. docs/relay-page.png is a copy of that
+    file."""
     world.mode("pacurl")
     world.run("curl", "-sS", "https://nobody.example.test/", check=False)
     page = "http://127.0.0.1:3128/?url=https%3A%2F%2Fwww.example.org%2F"

@@ -1,4 +1,5 @@
-"""apt, pip and npm with repositories of the test, and ssh, each led to the relay in each mode."""
+"""Tests apt, pip and npm with repositories of the test, and ssh. Each uses the relay in each
+mode."""
 
 import base64
 import gzip
@@ -18,7 +19,7 @@ TREE = os.path.abspath(os.path.join(os.path.dirname(__file__), "../.."))
 
 
 def apt_repository():
-    """One package, as dpkg-deb makes it."""
+    """Serves a repository with one package, which dpkg-deb makes."""
     os.makedirs("/run/package/DEBIAN")
     with open("/run/package/DEBIAN/control", "w") as control:
         control.write("Package: tiny\nVersion: 1\nArchitecture: all\nMaintainer: a <a@example.test>\n"
@@ -48,7 +49,7 @@ def test_apt_updates_and_installs_by_the_packaged_snippet(world, mode):
     world.programs.run("sh", "-c", "rm -f /etc/apt/sources.list")
     world.programs.run("sh", "-c",
                        "find /etc/apt/sources.list.d -type f ! -name 0000.list -delete")
-    # The file system of the unpacked system is a view of the test's own.
+    # These calls change only the test's own view of the unpacked system.
     world.programs.run("apt-get", "-o", "APT::Sandbox::User=root", "update")
     world.programs.run("apt-get", "-y", "-o", "APT::Sandbox::User=root", "install", "tiny")
     assert world.proxies.asked_from("/apt/") == {ADDRESSES[way]}
@@ -71,7 +72,7 @@ def test_pip_installs(world, mode):
     serve("/pip/tiny/index.html",
           "<!doctype html><a href='/pip/tiny-1.0-py3-none-any.whl'>tiny-1.0-py3-none-any.whl</a>")
     serve("/pip/tiny-1.0-py3-none-any.whl", wheel())
-    # The index of a folder is a page whose kind this server tells by its name alone.
+    # This server gets the content type of a page only from the file's name.
     index = f"http://{SITE}/pip"
     world.programs.run("python3", "-m", "pip", "install", "--no-cache-dir", "--target", "/tmp/site",
                        "--index-url", index, "--trusted-host", SITE, "tiny", environment=VARIABLES)
@@ -119,7 +120,7 @@ def test_ssh_runs_a_command_through_connect(world, mode):
     world.programs.run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", "/tmp/key")
     world.programs.run("sh", "-c", "mkdir -p /root/.ssh && cp /tmp/key.pub /root/.ssh/authorized_keys && "
                        "chmod 700 /root /root/.ssh && chmod 600 /root/.ssh/authorized_keys")
-    # tinyproxy of the test allows port 443 alone.
+    # In this test, tinyproxy allows tunnels only to port 443.
     world.proxies.start(
         "127.0.0.81:443", "/usr/sbin/sshd", "-D", "-f", "/dev/null", "-p", "443", "-o",
         "ListenAddress=127.0.0.81", "-h", "/etc/ssh/test_host_key", "-o", "PidFile=none", "-o",

@@ -1,4 +1,5 @@
-"""curl, wget and git over Squid with Digest and over a TLS proxy; large uploads and resumed downloads."""
+"""Tests curl, wget and git over Squid with Digest and over a TLS proxy, large uploads, and resumed
+downloads."""
 
 import hashlib
 import os
@@ -36,7 +37,7 @@ def test_a_proxy_that_wants_digest_gets_it_from_the_relay(world):
 def test_a_proxy_behind_tls_is_reached_and_its_certificate_is_checked(world):
     world.manual(TLS_PROXY, TLS)
     assert ways(world) == {TLS}
-    # By a name that its certificate does not have.
+    # The certificate of the proxy does not contain this address.
     world.client.update("manual", TLS_PROXY.replace("secure.example.test", "127.0.0.14"))
     wait_until(lambda: world.run(*CURL, PAGE, check=False).returncode == 22, "502 of the relay")
 

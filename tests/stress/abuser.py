@@ -1,4 +1,5 @@
-"""Hostile connections to the bus: they send raw messages at any speed, and may or may not read the replies."""
+"""Hostile connections to the bus: they send raw messages at any speed. Some read the replies,
+others do not."""
 
 import array
 import contextlib
@@ -132,7 +133,7 @@ class Abuse:
                     step()
                     self._shared[8:16] = struct.pack("q", self.steps() + 1)
                 time.sleep(pace if self._shared[0] else 0.001)
-        except BaseException:  # noqa: BLE001: the test must hear of it, from a process of its own
+        except BaseException:  # noqa: BLE001: a separate process: its errors must be printed
             traceback.print_exc(file=sys.stderr)
         finally:
             os._exit(1)

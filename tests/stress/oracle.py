@@ -1,4 +1,4 @@
-"""Knows which answers of the daemon are right at which time, and checks the real answers.
+"""Finds out which answers of the daemon are right at which time, and checks the real answers.
 
 If a question was asked at the time a and its answer was received at b, the daemon made the answer at some
 time between a and b. The oracle does not know this time. The answer is right if some time in [a, b]
@@ -27,7 +27,7 @@ import math
 import re
 import threading
 
-HASTE = 5.0  # seconds after which the oracle knows all events that concern an answer
+HASTE = 5.0  # seconds after which all events that concern an answer have been reported
 WRONG_KEPT = 20
 
 _SERIAL = re.compile(r"(?:PROXY|SOCKS) s(\d+)\.")
@@ -96,13 +96,13 @@ class Oracle:
                 self.doubtful += 1
 
     def update_replied(self, now):
-        """The last update has been answered."""
+        """Records that the last update has been answered."""
         with self._lock:
             self._configs_end(len(self.configs) - 1, now)
 
     def script_sent(self, now, serial, answers=True):
-        """The last piece of a script is about to be sent. `answers` is true if the engine accepts the
-        script."""
+        """Records that the last piece of a script is about to be sent. `answers` is true if the engine
+        accepts the script."""
         with self._lock:
             before = self.loads[-1]
             self._over(before, now)
@@ -114,7 +114,8 @@ class Oracle:
                 self.doubtful += 1
 
     def request_came(self, now):
-        """The daemon has sent a request to the server, so the previous walk is over."""
+        """Records that the daemon has sent a request to the server, so the previous walk is
+        over."""
         with self._lock:
             self._over(self.loads[-1], now)
             self._last_request = now
@@ -145,14 +146,15 @@ class Oracle:
             self._config_seen(lambda config: config.texts == tuple(texts), now)
 
     def _over(self, load, now):
-        """The walk that fetched `load` is over."""
+        """Handles the end of the walk that fetched `load`."""
         if load.is_doubtful and not load.seen:
             load.done = min(load.done, now)
         else:
             self._loaded(load, now)
 
     def _loaded(self, load, now):
-        """`load` has been in force (a later one may be by now), so no earlier script can answer any more."""
+        """Records that `load` has been in force. A later load may be in force by now, but no earlier
+        script can answer."""
         load.done = min(load.done, now)
         index = self.loads.index(load, max(0, len(self.loads) - 8))
         for before in reversed(self.loads[:index][-8:]):
@@ -161,8 +163,8 @@ class Oracle:
     def _script_seen(self, serial, now):
         same = [load for load in self.loads[-8:] if load.serial == serial]
         for load in same:
-            # A script in doubt was perhaps not loaded, if the answer can also come from its
-            # repetition.
+            # If the answer can also come from a repetition of this script, a load in doubt has
+            # perhaps not happened.
             if not load.again and (len(same) == 1 or load.seen or not load.is_doubtful):
                 self._loaded(load, now)
                 load.seen = True
@@ -263,8 +265,8 @@ def _meet(interval, begin, end):
 
 
 def _meeting(intervals, begin, end):
-    """Returns those of `intervals` that overlap [begin, end]. Begins and ends of `intervals` are in
-    ascending order."""
+    """Returns the elements of `intervals` that overlap [begin, end]. The begins of `intervals`, and
+    their ends, are in ascending order."""
     if begin > end:
         return []
     last = bisect.bisect_right(intervals, end, key=lambda each: each.begin)

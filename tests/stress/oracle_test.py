@@ -167,9 +167,9 @@ OLD, NEW = (["pacurl", *answer_of(number, "h")] for number in (1, 2))
 
 def test_an_old_script_answers_until_the_new_one_is_known_to():
     oracle = two_scripts()
-    oracle.answered(11, 12, "h", OLD)  # the new one may still be loading
+    oracle.answered(11, 12, "h", OLD)  # the new script may still be loading
     oracle.answered(13, 14, "h", NEW)
-    oracle.answered(13.5, 15, "h", OLD)  # asked before that answer was received
+    oracle.answered(13.5, 15, "h", OLD)  # asked before the answer NEW was received
     assert wrong(oracle) == 0
     oracle.answered(14.1, 15, "h", OLD)
     assert wrong(oracle) == 1

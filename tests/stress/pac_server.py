@@ -14,7 +14,8 @@ import time
 from oracle import answer_of
 from support.web import Web, reset, response
 
-# The kinds of answers and their frequency. The last two last until the daemon's own limits end them.
+# The kinds of answers and their frequency. The last two kinds continue until the daemon's own
+# limits end them.
 KINDS = {
     "well": 40, "again": 8, "slowly": 10, "redirect": 5, "404 script": 4,
     "404": 5, "refused": 5, "cut": 5, "endless": 4, "announced": 3, "redirects": 3, "reset": 3,
@@ -63,7 +64,7 @@ class PacServer:
         self._web.close()
 
     def get(self, path):
-        """Returns the route for any path, as Web expects it."""
+        """Takes the place of the method of Web's dictionary of routes: `path` may be any path."""
         return functools.partial(self._answer, path)
 
     def last_serial(self):

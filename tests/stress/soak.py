@@ -38,11 +38,12 @@ CLIENTS = 8
 CALL_LIMIT = 300.0
 STOP_LIMIT = 300.0
 PROGRESS = 10.0  # seconds between two lines
-# The announcing thread ends with the first update. libcurl adds a thread while it resolves a name.
+# The announcing thread ends with the first update. During the work, two more threads are allowed.
 THREADS_AT_REST = 5
 THREADS_AT_MOST = 7
 PROCESSES_AT_REST = 2  # daemon and worker
-# The worker, and the worker of the previous script while it is being ended.
+# During the work, one more process is allowed: the previous script's worker while it is being
+# ended.
 PROCESSES_AT_MOST = 3
 DESCRIPTORS_MORE = 12  # for one download, one script and the worker's sockets, all at once
 
@@ -163,7 +164,7 @@ class Soak:
         then comparable."""
         self.server.well = True
         self.update(client, "pacurl", self.server.url("/settle"))
-        self.update(client, "pacurl", self.server.url("/settle"))  # waits for the walk if it has begun
+        self.update(client, "pacurl", self.server.url("/settle"))  # the call waits for a walk that has begun
 
         def newest():
             begin = time.monotonic()

@@ -3,9 +3,9 @@
 The tests measure the median round trip of another client, without and with the abuse, in turns of the same
 run. Between two messages, the hostile programs pause for two round trips of the other client with an idle
 daemon. If a message costs the daemon about as much as an ordinary call, the daemon has time for others. If
-a message costs several times as much, or has later effects, it does not, and the median shows this. Without
-the pauses, each call would wait behind all earlier calls, because this is the order of the bus. Of several
-turns, the best counts: other work of the machine makes answers later, never earlier.
+a message costs several times as much, or has later effects, the daemon has no time for them, and the median
+shows this. Without the pauses, each call would wait behind all earlier calls, because this is the order of
+the bus. Of several turns, the best counts: other work of the machine makes answers later, never earlier.
 """
 
 import bisect
@@ -26,11 +26,11 @@ from support.web import Web, script
 
 GROWTH = 1024  # KiB; at rest, the daemon has 1.7 MiB of its own written memory
 PAUSE = 2.0  # round trips between two messages
-SLOWER = 3.0  # limit for the median round trip of another client under abuse, relative to that without abuse
+SLOWER = 3.0  # limit for the median round trip of another client, divided by its median without abuse
 TURNS = 8
 CALLS_A_TURN = 150
 STEPS_A_TURN = 50  # least number of steps of the abuse in a turn
-FILES = 16  # maximum that the system bus passes on with one message
+FILES = 16  # maximum number of open files that the system bus passes on with one message
 WAIT = 60.0  # seconds; limit for another client's wait for one answer, on any machine
 ANSWER = ["manual", "http://proxy:3128"]
 
@@ -92,7 +92,7 @@ def busy(build, quiet):
 class Busy:
     def __init__(self, daemon, client, answer):
         self.daemon, self.client, self._answer = daemon, client, answer
-        self.median()  # warm
+        self.median()  # warm-up
         self.round_trip = statistics.median(self.ask() for _ in range(CALLS_A_TURN))
         self.memory = measure.private_dirty(daemon.pid)
         self.descriptors = measure.descriptors(daemon.pid)
@@ -205,7 +205,7 @@ def not_utf8():
 
 
 def too_deep():
-    """33 nested arrays; 32 are allowed."""
+    """A message with 33 nested arrays; the bus allows 32."""
     data = bytearray(call("getProxyurl", "a" * 32 + "s", ([],)).serialise(1000))
     at = data.index(b"a" * 32 + b"s")
     data[at:at + 33] = b"a" * 33
@@ -361,7 +361,7 @@ def test_a_hundred_thousand_replies_that_nobody_reads(busy, reply):
 
 
 GIANT = 60 << 20
-COPIES = 8  # copies of such a string at the same time, from the message to the log line
+COPIES = 8  # copies of a giant string at the same time, from the message to the log line
 WIDE = f'<limit name="max_message_size">{512 << 20}</limit>' + "".join(
     f'<limit name="{name}">{1 << 30}</limit>' for name in ("max_incoming_bytes",
                                                            "max_outgoing_bytes"))

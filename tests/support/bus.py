@@ -180,9 +180,9 @@ class Signals:
 
 
 def shortest(limit, step, before=lambda: None, is_done=lambda: True):
-    """Runs `step` up to five times, until `is_done` accepts its time. Returns the shortest time
-    in seconds. Right code is fast enough in one of five runs, even on a busy machine; wrong code
-    never is."""
+    """Runs `step` until `is_done` accepts the time that it took, at most five times. Returns the
+    shortest time in seconds. Right code is fast enough in one of five runs, even on a busy machine;
+    wrong code never is."""
     best = float("inf")
     for _ in range(5):
         before()

@@ -1,4 +1,4 @@
-"""proxymanagerctl as a process."""
+"""Runs proxymanagerctl as a process."""
 
 import json
 import os
@@ -22,9 +22,9 @@ MAX_URL = 65535  # bytes
 COMMANDS = {"get": ["http://a/"], "config": [], "off": [], "manual": ["http://p:1"],
             "pacurl": ["http://p/x.pac"], "wpad": [], "exec": ["http://a/", "--", "true"],
             "status": [], "watch": []}
-# The answer of these commands for this machine and this link.
+# The value of no_proxy that exec and get --format env set: this machine and the local link.
 NO_PROXY = "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10"
-# The no_proxy that exec and get --format env set for other programs.
+# The variables that exec and get --format env may set.
 VARIABLES = ["ALL_PROXY", "HTTPS_PROXY", "HTTP_PROXY", "NO_PROXY", "all_proxy", "http_proxy",
              "https_proxy", "no_proxy"]
 
@@ -169,7 +169,7 @@ def rows(output):
 
 
 def answering(client, web, answer, **options):
-    """Makes the daemon answer by a script that gives `answer` for all."""
+    """Makes the daemon answer by a script that gives `answer` for all URLs."""
     web.routes["/p.pac"] = script(answer)
     client.update("pacurl", pacurl=web.url("/p.pac"), **options)
     # The daemon first takes this configuration; an earlier script answers until the new one is

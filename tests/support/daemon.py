@@ -1,4 +1,4 @@
-"""The built daemon as a process, and the files that it finds at its start."""
+"""Runs the built daemon as a process, and makes the files that it finds at its start."""
 
 import fcntl
 import os
@@ -8,7 +8,7 @@ import subprocess
 from .bus import ADDRESS, LIMIT, Client, wait_until
 from .threads import of_threads
 
-START_LIMIT = 60.0  # a sanitizer build on a busy machine
+START_LIMIT = 60.0  # enough for a sanitizer build on a busy machine
 # The daemon finishes a download in progress before it ends.
 STOP_LIMIT = 60.0
 
@@ -96,8 +96,8 @@ class Daemon:
         self.errors.close()
 
     def children(self):
-        """Process ids of the running workers. A worker that has ended may still exist until the
-        daemon notices its end."""
+        """Process ids of the running child processes: script workers and fetch processes. A child
+        process that has ended is left out."""
         return [pid for text in of_threads(self.pid, "children").values()
                 for pid in map(int, text.split()) if lives(pid)]
 
@@ -112,8 +112,8 @@ def lives(pid):
 
 
 def wait_until_none_runs():
-    """If the daemon ends at once while it starts a process, that process shares the lock of the
-    run file for a moment."""
+    """Waits until no process holds the lock of the run file. If the daemon ends at once while it
+    starts a process, that process shares this lock for a moment."""
     with open("/run/proxymanagerd.pid", "a") as file:
         def is_free():
             try:

@@ -1,5 +1,5 @@
 """A message bus for one program, the guest. After the handshake, the bus does not answer the
-guest. It can send calls without end, and reads the replies only when the test wants it."""
+guest. It can send any number of calls, and reads the replies only on the test's request."""
 
 import os
 import socket

@@ -61,8 +61,8 @@ void operator delete(void* memory, std::size_t) noexcept {
   operator delete(memory);
 }
 #else
-// The C library has these names for code that replaces its allocator. Its own operator new calls
-// malloc.
+// The C library exports its allocator under these names too, so code that replaces malloc can call
+// it. operator new of the C++ library calls malloc.
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);

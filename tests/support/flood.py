@@ -1,4 +1,4 @@
-"""Many connections of one user. They always have as many waiting calls as the bus allows."""
+"""Makes many connections of one user. They always have as many waiting calls as the bus allows."""
 
 import multiprocessing
 import os

@@ -36,8 +36,8 @@ class Connection {
   int mFd;
 };
 
-/// Listens on an ephemeral port of 127.0.0.1 (and of ::1 if asked) and gives each connection to a
-/// function.
+/// Listens on an ephemeral port of 127.0.0.1 (and of ::1 if requested) and gives each connection to
+/// a function.
 class TcpServer {
  public:
   using Handler = std::function<void(Connection&)>;
@@ -85,8 +85,10 @@ class HttpServer {
   std::unique_ptr<TcpServer> mServer;
 };
 
-/// A response with Content-Length. @param status such as "200 OK" @param headers each with CRLF
+/// A response with Content-Length.
+/// @param status such as "200 OK"
+/// @param headers each with CRLF
 std::string httpResponse(const std::string& status, const std::string& body,
                          const std::string& headers = "");
-/// A 302 to `location`.
+/// A redirect with the status 302 to `location`.
 std::string httpRedirect(const std::string& location);

@@ -95,7 +95,7 @@ void enterOwnRoot() {
   // The new mounts are filled before their sources are moved or hidden.
   mountEmpty("/mnt", "mode=0755");
   copyTree("/etc", "/mnt/etc");
-  // So no test asks the machine's name servers.
+  // The copy of the machine's file would make tests ask the machine's name servers.
   fs::remove("/mnt/etc/resolv.conf");
   write("/mnt/etc/resolv.conf", "nameserver 127.0.0.1\n");
   fs::create_directory("/mnt/dev");

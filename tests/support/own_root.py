@@ -51,7 +51,7 @@ def _replace_by_empty(path, options, trees):
 
 
 def _fill(trees):
-    """Copies the files of a folder to the new one before it hides the folder."""
+    """Fills /mnt with the content of the new folders, before they hide those of the machine."""
     mount_empty("/mnt", "mode=0755")
     try:
         shutil.copytree("/etc", "/mnt/etc", symlinks=True, ignore_dangling_symlinks=True)
@@ -59,7 +59,7 @@ def _fill(trees):
         # Another program may remove a file meanwhile.
         if not all(os.strerror(errno.ENOENT) in why for _, _, why in error.args[0]):
             raise
-    # So no test asks the machine's name servers.
+    # The copy of the machine's file would make tests ask the machine's name servers.
     with contextlib.suppress(FileNotFoundError):
         os.remove("/mnt/etc/resolv.conf")
     with open("/mnt/etc/resolv.conf", "w") as file:

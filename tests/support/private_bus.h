@@ -22,7 +22,7 @@ class PrivateBus {
   /// Ends the bus at once.
   void kill();
 
-  /// Starts it again at the same address.
+  /// Starts the bus again at the same address.
   void start();
 
  private:

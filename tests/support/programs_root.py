@@ -54,5 +54,5 @@ class ProgramsRoot:
         return done
 
     def close(self):
-        """Also unmounts everything that is mounted below it."""
+        """Unmounts the root, and everything that is mounted below it."""
         unmount("/mnt/programs")

@@ -2,11 +2,11 @@
 # Makes a Debian 12 in a folder, with programs that a test runs there, and prints the folder. The
 # folder is kept for the next run. usage: programs_root.sh NAME PACKAGE...
 #
-# For proxies and package managers that must not be installed on the machine, because some would
-# start services. apt fetches them from the machine's own sources and verifies them. If the script
-# runs several times at once, one run makes the folder, and the others wait for it.
+# The script is for proxies and package managers that must not be installed on the machine, because
+# some would start services. apt fetches them from the machine's own sources and verifies them. If
+# the script runs several times at once, one run makes the folder, and the others wait for it.
 #
-# Environment: PROXYMANAGER_UNPACKED, the folder that keeps them
+# Environment: PROXYMANAGER_UNPACKED, the folder in which all these folders are kept
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
 set -eu
 name=$1

@@ -1,10 +1,10 @@
 # Tests in Python: each test function is one CTest test, which runs in its own namespaces.
 find_program(PROXYMANAGER_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 
-# Python stores its byte code in the build folder. Each test is a separate process, and without
-# this, the compilation of pytest's assertions took a third of a short test. The tree stays clean.
-# pytest loads no plugins of the machine: the search for them takes a fifth of the start, and a test
-# must not depend on them.
+# Python stores its byte code in the build folder, so the tree stays clean. Each test is a separate
+# process. Without stored byte code, compiling pytest's assertions would take a third of a short
+# test. pytest loads no plugins of the machine: the search for them takes a fifth of the start, and
+# a test must not depend on them.
 set(PROXYMANAGER_PYTHON_ENVIRONMENT "PYTHONDONTWRITEBYTECODE=;\
 PYTHONPYCACHEPREFIX=${CMAKE_BINARY_DIR}/python;PYTEST_DISABLE_PLUGIN_AUTOLOAD=1")
 

@@ -86,7 +86,7 @@ def _make_certificate():
 
 
 def _listens(endpoint):
-    """Whether a program in this network listens there."""
+    """Whether a program in this network listens at `endpoint`."""
     address, port = endpoint.split(":")
     # The form of /proc/net/tcp: the bytes of the address from last to first, and state 0A.
     local = "".join(f"{int(part):02X}" for part in reversed(address.split("."))) + f":{int(port):04X}"
@@ -98,8 +98,8 @@ class RealProxies:
     """A server and proxies. They run until close()."""
 
     def __init__(self, ways=(), locations=""):
-        """@param ways further ways, by their addresses @param locations text for the server's
-        configuration"""
+        """@param ways further ways, by their addresses
+        @param locations text for the server's configuration"""
         # A lookup for one address family returns no address if the machine has only loopback
         # addresses of this family.
         _run("ip", "address", "add", "192.0.2.1/32", "dev", "lo")

@@ -1,4 +1,4 @@
-"""proxymanager-relay as a process, on this test's bus."""
+"""Runs proxymanager-relay as a process, on this test's bus."""
 
 import os
 import signal

@@ -1,4 +1,4 @@
-"""proxymanager-settings as a process, and network managers that push to it."""
+"""Runs proxymanager-settings as a process, and network managers that push to it."""
 
 import json
 import os
@@ -16,8 +16,7 @@ NAME = "com.zentu.ProxyManagerSettings"
 
 
 class SettingsService:
-    """The settings service, with this test's bus and files. If no port is given, it serves
-    scripts at a free port."""
+    """The settings service, with this test's bus and files. It serves scripts at `port`."""
 
     def __init__(self, build, port=850, environment=None):
         self.path = os.path.join(build, "out", "libexec", "proxymanager-settings")
@@ -90,7 +89,7 @@ class Refused(Exception):
 
 
 class NetworkManager:
-    """A connection to the bus that pushes configurations, or asks."""
+    """A connection to the bus that pushes configurations, or asks questions."""
 
     def __init__(self, user=0):
         if user == 0:
@@ -129,7 +128,7 @@ class NetworkManager:
         return self.call(*self.creation(entries))
 
     def push(self, **entries):
-        """Like the function above, but does not wait for the reply."""
+        """Like create(), but does not wait for the reply."""
         self.connection.send(self.message(*self.creation(entries)))
 
     def ask(self, url, host=""):

@@ -1,10 +1,10 @@
 /* Fetches a URL as programs that use GLib do, and prints the page. usage: soup_get URL
  *
- * GLib chooses the proxy; this program does not know of it.
+ * GLib chooses the proxy; this program has no setting for it.
  */
 #include <libsoup/soup.h>
 
-#define LIMIT 60 /* seconds that nothing happens */
+#define LIMIT 60 /* seconds without any event */
 
 int main(int argc, char** argv) {
   if (argc != 2) {

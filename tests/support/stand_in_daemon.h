@@ -25,7 +25,7 @@ struct Reply {
   std::vector<std::string> texts;  ///< the answer
   std::string error;               ///< if not empty, the name of an error instead
   bool isHeld = false;             ///< not before release()
-  bool isNumber = false;           ///< with a number, which is none
+  bool isNumber = false;           ///< with a number, which is no valid answer
 };
 
 class StandInDaemon {
@@ -81,7 +81,7 @@ class StandInDaemon {
   void answerNow(sd_bus_message* message, const Reply& reply);
   void releaseNow();
   void clearNow(const char* destination);
-  /// Runs a function on the thread, and waits until it has ended.
+  /// Runs `task` on the thread of the stand-in, and waits until the task has ended.
   void post(std::function<void()> task);
 
   sd_bus* mBus = nullptr;
@@ -94,6 +94,6 @@ class StandInDaemon {
   std::function<Reply(const std::string& url)> mRule;
   std::map<std::string, int> mCounts;
   int mCount = 0;
-  std::deque<std::pair<sd_bus_message*, Reply>> mHeld;  ///< the thread's own
+  std::deque<std::pair<sd_bus_message*, Reply>> mHeld;  ///< used only by the thread
   std::thread mThread;
 };

@@ -16,7 +16,7 @@ UNIT = "/org/freedesktop/systemd1/unit/proxymanagerd_2eservice"
 class Systemd:
     def __init__(self):
         self.statuses = []
-        self.process = None  # the main process; only the object of the unit has one
+        self.process = None  # id of the main process; only the bus object of the unit has it
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self._socket.bind(SOCKET)
         self.environment = {"NOTIFY_SOCKET": SOCKET}

@@ -3,12 +3,12 @@
 # folder is kept for the next run.
 # usage: unpack_packages.sh NAME PACKAGE...
 #
-# For programs that only a test needs. If they were installed, they would bring many packages of a
-# desktop with services, and other proxy resolvers, which would disturb the tests. apt fetches the
-# packages from the machine's own sources and verifies them. If the script runs several times at
-# once, one run unpacks, and the others wait for it.
+# The script is for programs that only a test needs. If they were installed, many packages of a
+# desktop would be installed, too. Their services and proxy resolvers would disturb the tests. apt
+# fetches the packages from the machine's own sources and verifies them. If the script runs several
+# times at once, one run unpacks, and the others wait for it.
 #
-# Environment: PROXYMANAGER_UNPACKED, the folder that keeps them
+# Environment: PROXYMANAGER_UNPACKED, the folder in which all these folders are kept
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).
 set -eu
 name=$1

@@ -3,8 +3,8 @@
 //
 // The clock of the kernel belongs to the machine and does not change. Test and daemon map the same
 // file. It has the seconds by which the daemon's wall clock differs, and the number of times that
-// the clock was read. Waits until a time of day notice a jump, as in the kernel. All other clocks
-// do not change.
+// the clock was read. As in the kernel, a wait with an end at a time of day notices a jump of the
+// clock. All other clocks do not change.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -81,8 +81,8 @@ time_t time(time_t* result) noexcept {
   return now;
 }
 
-// Waits for one slice of time. At the end of a slice, the caller gets a spurious wake-up, which the
-// standard allows. If this function waited again itself, it could miss a notification.
+// Waits for one slice of time. At the end of a slice, the caller gets a spurious wake-up, which
+// POSIX allows. If this function waited again itself, it could miss a notification.
 int pthread_cond_timedwait(pthread_cond_t* __restrict condition, pthread_mutex_t* __restrict mutex,
                            const timespec* __restrict until) {
   timespec slice = real(CLOCK_MONOTONIC);

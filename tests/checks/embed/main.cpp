@@ -1,5 +1,5 @@
 // Uses this tree from another project: it links and runs the library, and gets an answer. It also
-// downloads a file; for this, the library starts a program in the same folder.
+// downloads a file. For this, the library starts proxymanager-fetch; the output shows its path.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -23,7 +23,8 @@ namespace {
 
 const std::string kBody = "function FindProxyForURL() {}\n";
 
-/// The program of this process's only child process.
+/// @return the path of the program that this process's only child process runs; "none" without a
+/// child
 std::string childProgram() {
   for (const auto& thread : fs::directory_iterator("/proc/self/task")) {
     std::ifstream children(thread.path() / "children");
@@ -33,7 +34,7 @@ std::string childProgram() {
   return "none";
 }
 
-/// Answers one request. @return the program that asked
+/// Answers one request. @return the program that sent the request
 std::string serveOnce(int listening) {
   const int connection = accept(listening, nullptr, nullptr);
   char request[4096];
@@ -46,7 +47,8 @@ std::string serveOnce(int listening) {
   return program;
 }
 
-/// Prints which program downloads. @return whether the whole file came
+/// Downloads a file from a server in this process, and prints which program requested it. @return
+/// whether the whole file has arrived
 bool download() {
   const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};

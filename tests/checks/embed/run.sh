@@ -6,7 +6,8 @@ set -euo pipefail
 build=$1
 unset http_proxy all_proxy ALL_PROXY
 
-# downloads_by PROGRAM FETCH: checks that the program downloads with that fetch process.
+# downloads_by PROGRAM FETCH: runs PROGRAM, and checks that it downloads with the fetch process
+# FETCH.
 downloads_by() {
   local said
   said=$("$1")

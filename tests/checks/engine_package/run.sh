@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The build uses the distribution's package of the engine if it is recent enough, else the source.
+# Tests that the build uses the distribution's package of the engine if the package is recent
+# enough, and the engine's source otherwise.
 #
 # usage: run.sh CMAKE OBJDUMP FOLDER HEADER LIBRARY: the engine of this build stands in for a package,
 # under the names that Debian's libqjs-dev has.
@@ -14,7 +15,8 @@ fail() {
   exit 1
 }
 
-# The rule runs in a separate tree. This tree contains the engine's source, like a release tarball.
+# The rule that chooses the engine runs in a separate tree. This tree contains the engine's source,
+# like a release tarball.
 rm -rf "$folder"
 mkdir -p "$folder"/{cmake,packaging/quickjs,package/{pkgconfig,include/qjs}}
 cp "$tree/cmake/quickjs.cmake" "$folder/cmake"

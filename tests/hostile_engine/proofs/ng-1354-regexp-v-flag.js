@@ -1,5 +1,5 @@
 // Regular expressions with the v flag: sets of strings, nested classes, differences, properties. No
-// release that was tried fails here; the original QuickJS of 2025 does not know the flag.
+// tested release fails here; the original QuickJS of 2025 does not support the flag.
 function FindProxyForURL(url, host) {
   var tried = 0;
   ['[\\q{abc|d|}]', '[[a-z]--[aeiou]]+', '[\\p{L}&&[a-f]]', '[^\\q{a}]', '[\\q{ab|abc}--\\q{ab}]',

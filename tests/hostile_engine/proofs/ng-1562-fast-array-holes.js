@@ -1,5 +1,5 @@
-// Elements of fast arrays that are deleted, and lengths that change, while a function walks them.
-// A length that was raised without elements: what push() appends stands behind them.
+// Elements of fast arrays are deleted, and lengths change, while a function iterates over the
+// arrays. grown() raises a length without adding elements; push() then appends after the holes.
 function grown(count, length) {
   var array = Array.from({length: count}, function (_, i) { return {i: i}; });
   array.length = length;

@@ -1,5 +1,5 @@
-// Array methods that copy, over arrays that getters and proxies change and clutter meanwhile: elements
-// that are not written yet must not be seen by the collector or by the script.
+// Array methods make copies, while getters and proxies change the arrays and fill the heap. Neither
+// the garbage collector nor the script may see elements that are not written yet.
 function clutter() {
   var rings = [];
   for (var i = 0; i < 40; i++) { var ring = {}; ring.self = ring; rings.push([ring, 'y'.repeat(i)]); }

@@ -1,4 +1,4 @@
-// `for (x of yield [])`: the value of the yield is what the loop goes over.
+// `for (x of yield [])`: the loop iterates over the value of the yield.
 function* once() { var seen = []; for (var x of yield []) seen.push(x); return seen; }
 function* nested() { for (var x of yield []) for (var y of yield [x]) yield [x, y]; }
 function FindProxyForURL(url, host) {

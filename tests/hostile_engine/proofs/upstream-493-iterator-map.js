@@ -1,5 +1,6 @@
-// Iterator.prototype.map keeps each item of its iterator for ever. The report was not available: the
-// engine's own test of this number, beside those of #488 and #492 of the same list, shows the subject.
+// Iterator.prototype.map never frees the items of its iterator. The report was not available, but
+// the engine has a test with this number, next to the tests for #488 and #492 of the same list.
+// That test shows which function the report is about.
 function* items(references) {
   for (let i = 0; i < 100; i++) {
     const item = { index: i };

@@ -1,6 +1,6 @@
-// Objects with finalizers that vanish while the heap limit is near and the collector runs. The hole
-// opens only if the job of a finalizer is the very block that is refused, which no script can aim at
-// here: small blocks come from a reserve past the limit (engine_runtime.cpp).
+// Objects with finalizers are freed while the heap limit is near and the garbage collector runs.
+// The hole opens only if the heap refuses the block for the job of a finalizer. Here, no script can
+// cause this: small blocks come from a reserve past the limit (engine_runtime.cpp).
 var registry = new FinalizationRegistry(function (held) { held.ring = [held]; fill(); });
 function fill() { var kept = []; for (var i = 0; i < 500; i++) kept.push({i: i, ring: kept}); }
 function FindProxyForURL(url, host) {

@@ -13,8 +13,7 @@
 
 namespace {
 
-// The text that a shell reads from `word`. A letter is added at its end, because a shell would
-// remove line ends there.
+// Lets /bin/sh print `word` between "<" and ">". @return what the shell printed, with the brackets
 std::string readByShell(const std::string& word) {
   std::array<int, 2> ends{};
   if (pipe(ends.data()) != 0) return "no pipe";

@@ -43,7 +43,8 @@ void expectRefused(const char* path, const FileDemands& demands, FileProblem pro
   EXPECT_EQ(file.failure.error, error) << path;
   EXPECT_EQ(file.text, "");
   const auto opened = base::openFile(path, demands);
-  if (problem == FileProblem::tooLong && opened.status.st_size == 0) return;  // as in /proc
+  if (problem == FileProblem::tooLong && opened.status.st_size == 0)
+    return;  // the size of files of /proc is 0, so only a read finds that they are too long
   EXPECT_EQ(opened.failure.problem, problem) << path;
   EXPECT_FALSE(opened.fd);
 }
@@ -67,7 +68,7 @@ TEST_F(SmallFile, IsReadInAsManyPiecesAsItNeeds) {
   expectRefused(kFile, {.mostBytes = text.size() - 1}, FileProblem::tooLong, EFBIG);
 }
 
-// Files of /proc report that they have no bytes.
+// Files of /proc report the size 0.
 TEST_F(SmallFile, IsHeldToTheLimitWhenItDoesNotKnowItsSize) {
   const auto file = readFile("/proc/self/status", {.mostBytes = 100});
   EXPECT_EQ(file.failure.problem, FileProblem::tooLong);
@@ -153,7 +154,7 @@ TEST_F(SmallFile, ThatGrewIsHeldToTheLimit) {
 // A pipe whose reader sleeps, so that signals arrive during its read.
 TEST(ReadToEnd, IsNotEndedByASignal) {
   struct sigaction action {};
-  action.sa_handler = [](int) {};  // without SA_RESTART
+  action.sa_handler = [](int) {};  // without SA_RESTART, the signal interrupts read()
   sigaction(SIGUSR1, &action, nullptr);
   std::array<int, 2> ends{};
   ASSERT_EQ(pipe(ends.data()), 0);

@@ -54,7 +54,7 @@ TEST(UniqueFd, KeepsTheErrnoOfWhatFailed) {
   const int fd = owner.get();
   close(fd);
   errno = ENOENT;
-  owner.reset();  // close fails with EBADF
+  owner.reset();  // close() fails with EBADF, but errno keeps its value
   EXPECT_EQ(errno, ENOENT);
 }
 

@@ -20,7 +20,7 @@ TEST(Wipe, AcceptsNull) {
   base::wipe(nullptr, 10);
 }
 
-// Also the part that is left over from a longer text.
+// wipe() also overwrites the bytes that are left from a longer, earlier text.
 TEST(Wipe, OverwritesAllThatAStringHasRoomFor) {
   std::string text(100, 's');
   const char* const bytes = text.data();

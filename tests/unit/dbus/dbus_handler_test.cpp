@@ -20,7 +20,7 @@ namespace {
 
 constexpr const char* kPath = "/com/zentu/ProxyManagerService";
 
-// The service of this test.
+// The service below calls these functions for an update and for a question.
 std::function<std::int32_t()> onUpdate = [] { return 0; };
 std::function<std::vector<std::string>(const std::string&)> onUrl;
 

@@ -14,14 +14,14 @@ namespace {
 
 using Kind = WaitingCalls::Kind;
 
-// A flood of one connection during an evaluation that took a second. The test dispatches its
-// connection itself. So the test decides when the bus's answer arrives, and this answer ends the
-// reading.
+// One connection has sent a flood of calls during a turn of kGatheringTurn, so the object reads all
+// calls before it serves one. The test runs the bus loop itself. So the test decides when the bus's
+// answer arrives that ends this reading.
 class RefusedCalls : public testing::Test {
  protected:
   void SetUp() override {
     mConnection.register_bus();
-    mFlooder = mConnection.unique_name();  // real: the bus is asked for its user
+    mFlooder = mConnection.unique_name();  // a real name, because the bus is asked for its user
     ask(mFlooder);
     mTakesLong = true;
     mWaiting.takeTurn();

@@ -1,4 +1,5 @@
-// The generator of the build, with other lists.
+// Tests make_tld_table, which the build runs to make the table of public suffixes. The tests give
+// it their own lists.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -24,7 +25,7 @@ class MakeTldTable : public testing::Test {
   }
   ~MakeTldTable() override { std::filesystem::remove_all(mFolder); }
 
-  /// @return the exit status; `header` and `complaint` receive the output
+  /// @return the exit status; `header` receives the output file, and `complaint` the errors
   int make(const std::string& list) {
     std::ofstream(mFolder / "list", std::ios::binary) << list;
     return makeFrom(mFolder / "list");
@@ -78,7 +79,7 @@ TEST_F(MakeTldTable, WritesBytesBeyondAsciiAsOctal) {
 
 TEST_F(MakeTldTable, MovesARuleBeyondAsciiWhoseBytesWouldFindIt) {
   // The hashes of U+00E9, of its two bytes and of "a" are odd. There are two buckets, so all three
-  // belong into the second one.
+  // belong to the second bucket.
   EXPECT_EQ(make("\xc3\xa9\na\n"), 0);
   EXPECT_THAT(header, HasSubstr("{\n    0, 3,\n    5};"));
 }

@@ -143,8 +143,8 @@ TEST(IsPublicSuffix, AgreesWithPlainReadingsOfBothListsOnAnyName) {
   EXPECT_LT(suffixes, names * 9 / 10);
 }
 
-/// The names that a walk tries for a search domain with both checks: first the whole name, then
-/// each shorter remainder.
+/// The names that a walk tries for a search domain: first the whole name, then each shorter
+/// remainder, until topLevelDomain or isPublicSuffix finds a public suffix.
 std::vector<std::string> walked(const std::string& name) {
   const std::string suffix = topLevelDomain(name);
   std::vector<std::string> result;

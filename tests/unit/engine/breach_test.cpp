@@ -46,7 +46,7 @@ struct Breach {
   const char* problem;
 };
 
-/// Names the test.
+/// Prints the name of a case, which becomes a part of the test's name.
 std::ostream& operator<<(std::ostream& stream, const Breach& breach) {
   return stream << breach.step;
 }
@@ -123,7 +123,7 @@ TEST(Worker, ThatFloodsTheLogGetsItsShareOfItOnly) {
     ASSERT_NE(one, nullptr);
     clearLog();
     one->evaluate("http://h/", "alert_flood");
-    // An alert without text counts as one of the 2048 bytes.
+    // An alert without text counts as one byte of the limit kMaxAlertBytes.
     EXPECT_EQ(countLog(LOG_DEBUG, "pac_engine: alert: "), static_cast<int>(kMaxAlertBytes));
   });
 }

@@ -44,7 +44,8 @@ void append16(std::string& bytes, unsigned value) {
   bytes += static_cast<char>(value & 0xFFU);
 }
 
-/// One record of the name in the question, or nothing if `address` is of another type.
+/// A DNS record with `address` for the name in the question. Empty if `address` does not have the
+/// family of `type`.
 std::string record(const std::string& address, std::uint16_t type, std::uint32_t lifetime) {
   char binary[sizeof(in6_addr)];
   const int family = type == kTypeA ? AF_INET : AF_INET6;

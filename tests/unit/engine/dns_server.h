@@ -29,7 +29,7 @@ class DnsServer {
   DnsServer(const DnsServer&) = delete;
   DnsServer& operator=(const DnsServer&) = delete;
 
-  /// "127.0.0.1:port"
+  /// The address and port of the server, for example "127.0.0.1:5353".
   std::string address() const;
 
   /// The number of questions for `name` until now, of all types.

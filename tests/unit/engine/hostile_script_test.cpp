@@ -1,5 +1,5 @@
-// Harmful scripts, each run through the library and its walls. Within the limits, there is an
-// answer or the report that there is none. After that, the next question is answered, this process
+// Runs harmful scripts through the library and its walls. Within the limits, each question has an
+// answer, or a report that there is none. After that, the next question is answered, this process
 // uses no more memory than before, and no process is left.
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -29,7 +29,7 @@ struct Hostile {
   const char* body;  ///< runs for the host "evil"
 };
 
-/// Names the test.
+/// Prints the name of a case, which becomes a part of the test's name.
 std::ostream& operator<<(std::ostream& stream, const Hostile& script) {
   return stream << script.name;
 }

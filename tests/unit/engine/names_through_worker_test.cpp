@@ -1,4 +1,4 @@
-// Name lookups of a script through all parts: worker, socket, library, name server.
+// Tests name lookups of a script through all parts: worker, socket, library, name server.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -14,7 +14,7 @@ using namespace pac_engine;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-/// "n7.test"
+/// The host name with this number, for example "n7.test".
 std::string nameOf(int number) {
   std::string name = "n";
   name += std::to_string(number);
@@ -66,8 +66,8 @@ TEST(NamesOfAScript, NeverHoldAnEvaluationPastItsLimit) {
       "if (host == 'h') return 'DIRECT'; "
       "for (var i = 0; i < 20; ++i) isResolvable('n' + i + '.test'); return 'late';",
       server);
-  // The library's time limit begins first, and it ends the last lookup. After that, the worker may
-  // or may not have enough time for an answer.
+  // The library's time limit begins first, and it ends the last lookup. After that, the worker has
+  // enough time for an answer in some runs, but not in others.
   const auto took =
       shortest(std::chrono::seconds(6), [&] { engine->evaluate("http://h/", "all"); });
   EXPECT_GE(took, milliseconds(4990));

@@ -35,7 +35,7 @@ constexpr std::size_t kTooMuchMemory = std::size_t{512} << 20U;
 
 #ifdef SYS_mmap
 constexpr long kMap = SYS_mmap;
-#else  // 32-bit machines use it instead
+#else  // 32-bit machines use this call instead
 constexpr long kMap = SYS_mmap2;
 #endif
 
@@ -154,7 +154,8 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
 
 std::string run(std::string_view step) {
   if (step == "memory") {
-    // The only wall that refuses a call and does not kill the process.
+    // The limit of the address space is the only wall here that refuses a call and does not kill
+    // the process.
     void* const block =
         mmap(nullptr, kTooMuchMemory, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return block == MAP_FAILED ? "refused" : "survived";

@@ -1,5 +1,5 @@
-// Each wall around the worker is tested from inside: the worker's engine makes the system call. In
-// addition, the kernel's report about a running worker is checked.
+// Tests each wall around the worker from inside: the worker's engine makes the system call. Also
+// checks the kernel's report about a running worker.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,11 +25,12 @@ namespace {
 
 using namespace pac_engine;
 
-/// The two signals that the C library uses for its threads. posix_spawn does not change that they
-/// are ignored.
+/// The two signals that the C library uses for its threads. They are ignored, and posix_spawn does
+/// not change this.
 constexpr char kIgnored[] = "0000000180000000";
 
-/// Only root may read the descriptors and the environment of a worker.
+/// The reason for a skipped test: only root may read the descriptors and the environment of a
+/// worker.
 constexpr char kOnlyRootLooks[] = "only root may look";
 
 std::unique_ptr<Engine> load(const std::string& script, Problem& problem, bool walls) {
@@ -224,8 +225,8 @@ TEST_F(LiveWorker, HasAnEmptyEnvironment) {
 }
 
 // These tests are the last ones, because the process cannot change back from the user nobody. The
-// kernel accepts the limit from a process of the worker's user, or from a process with
-// CAP_SYS_RESOURCE. In a container, root may not have this capability.
+// kernel lets a process set the worker's CPU limit if it has the worker's user or CAP_SYS_RESOURCE.
+// In some containers, root does not have this capability.
 void becomeNobody() {
   constexpr uid_t kNobody = 65534;
   if (getuid() != 0) return;

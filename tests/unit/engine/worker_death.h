@@ -75,7 +75,7 @@ inline void waitForEnd(pid_t pid) {
 /// Kills the worker `times` times, in turn before, during and after a question.
 inline void killAroundQuestions(int times) {
   int number = 0;
-  const auto engine = load(std::chrono::seconds(60));  // never reached
+  const auto engine = load(std::chrono::seconds(60));  // the worker never reaches this limit
   ASSERT_NE(engine, nullptr);
   ASSERT_TRUE(ask(*engine, ++number));
   const auto descriptors = openDescriptors();
@@ -146,7 +146,8 @@ inline void askInVain(pac_engine::Engine& engine, const std::string& host,
 /// Stops the worker before a question if `before`, else during it. Then asks another question.
 inline void stopAtAQuestion(pac_engine::Engine& engine, bool before,
                             std::chrono::milliseconds timeLimit, int& number) {
-  if (engine.workerPid() == 0) ask(engine, ++number);  // the worker has ended if this failed before
+  if (engine.workerPid() == 0)
+    ask(engine, ++number);  // after a failed call of this function, no worker runs
   const pid_t pid = engine.workerPid();
   ASSERT_GT(pid, 0);
   if (before) {

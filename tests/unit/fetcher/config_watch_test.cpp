@@ -39,7 +39,7 @@ extern "C" int inotify_init() noexcept {
   return noInotify ? -1 : static_cast<int>(syscall(SYS_inotify_init1, 0));
 }
 
-// The only allocation of the fetcher that may fail.
+// Only the fetcher's buffer for events is allocated in this way. A test can make this fail.
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   if (noEventBuffer && size == 4096) return nullptr;
   try {
@@ -86,7 +86,7 @@ class ConfigWatch : public OwnRootTest {
     config.pacurl = url.data();
     mFetcher->updateProxyMgrConfig(config);
   }
-  /// Waits until the thread has been about to sleep `times` times.
+  /// Waits until the watch thread has logged `times` times that it will sleep.
   static bool waitForSleep(int times = 1) {
     if (!waitForLog(LOG_NOTICE,
                     "PACFetcher-dhcpCfgWatchThreadFunc inotify_add_watch, path:" + kResolver))

@@ -14,7 +14,6 @@
 #include "tests/support/once_of_five.h"
 #include "tests/support/own_root.h"
 
-// dripping_server
 TEST(SlowDownload, EndsAfterThirtySecondsThoughBytesKeepComing) {
   enterOwnRoot();
   HttpServer server;
@@ -43,8 +42,8 @@ double secondsOf(const std::string& step) {
 
 }  // namespace
 
-// The daemon enforces the time limit: it ends both a silent process and a process that never ends
-// its result.
+// The daemon enforces the time limit: it kills a process that sends nothing, and a process that
+// sends its result but does not exit.
 class SlowProcess : public testing::TestWithParam<const char*> {};
 
 TEST_P(SlowProcess, IsKilledAfterThirtySecondsAndAHalfAtMost) {
@@ -60,8 +59,8 @@ TEST_P(SlowProcess, IsKilledAfterThirtySecondsAndAHalfAtMost) {
 INSTANTIATE_TEST_SUITE_P(Hostile, SlowProcess, testing::Values("hang", "result_and_stay"),
                          [](const auto& test) { return std::string(test.param); });
 
-// As with a daemon that runs as root without CAP_KILL: no process kills the fetch process, and its
-// parent keeps running.
+// No process kills the fetch process, and its parent continues to run. This happens if the daemon
+// runs as root without CAP_KILL.
 TEST(UnkilledProcess, EndsItselfIfTheDaemonMayNotKillIt) {
   enterOwnRoot();
   std::string problem;

@@ -114,7 +114,7 @@ TEST_F(Download, ReadsTheSchemeWithoutRegardToCase) {
 }
 
 TEST_F(Download, FailsWhereNobodyListens) {
-  // Kept open, so that no other process listens on this port.
+  // This socket stays open, so that no other process listens on its port.
   const int bound = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -222,7 +222,6 @@ TEST_F(Download, DoesNotFollowTheSixthRedirect) {
   expectFailed(302);
 }
 
-// redirect_loop
 TEST_F(Download, EndsARedirectLoopAfterFiveTurns) {
   mServer.route("/loop", httpRedirect("/loop"));
   EXPECT_FALSE(fetch(mServer.url("/loop")));
@@ -314,7 +313,6 @@ TEST_F(Download, RefusesAnUnannouncedBodyOf512001Bytes) {
   }
 }
 
-// endless_body
 TEST_F(Download, StopsAnEndlessBodyAtTheLimit) {
   mServer.route("/p.pac", [](Connection& peer) {
     const std::string block(16384, 'x');
@@ -337,7 +335,6 @@ TEST_F(Download, StoresAnUnaskedGzipBodyAsItCame) {
   EXPECT_FALSE(PACFetcher::isValidPacFile(kTarget));
 }
 
-// truncated_body
 TEST_F(Download, FailsOnABodyShorterThanAnnounced) {
   mServer.route("/p.pac", "HTTP/1.1 200 OK\r\nContent-Length: 5000\r\n\r\n" + script());
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
@@ -351,7 +348,6 @@ TEST_F(Download, FailsOnAChunkedBodyWithoutItsEnd) {
   expectFailed(200);
 }
 
-// reset_in_the_middle
 TEST_F(Download, FailsOnAConnectionResetInTheMiddle) {
   mServer.route("/p.pac", [](Connection& peer) {
     peer.send("HTTP/1.1 200 OK\r\n\r\n" + script());
@@ -383,7 +379,6 @@ TEST_F(Download, SaysTheErrorOfAFailedRemoval) {
                      "after unsuccessful download: -1"));
 }
 
-// planted_link
 TEST_F(Download, NeverWritesThroughAPlantedLink) {
   writeFile("/tmp/victim", "victim");
   fs::create_symlink("/tmp/victim", kTarget);
@@ -393,7 +388,6 @@ TEST_F(Download, NeverWritesThroughAPlantedLink) {
   EXPECT_EQ(readFile(kTarget), script());
 }
 
-// planted_folder
 TEST_F(Download, SaysThatAPlantedFolderIsInTheWay) {
   fs::create_directory(kTarget);
   EXPECT_FALSE(fetch("http://127.0.0.1:1/"));

@@ -1,4 +1,4 @@
-// Access to the parts of a fetcher that only tests use.
+// Gives tests access to private parts of a fetcher.
 #pragma once
 
 #include "fetcher/pac_fetcher.h"
@@ -12,6 +12,6 @@ struct PACFetcherTestAccess {
   static int waitForChanges(PACFetcher& fetcher, int fd, int interval) {
     return fetcher.wait_for_changes(fd, interval);
   }
-  /// Clears the flag "the threads run" although they run.
+  /// Clears the fetcher's flag mRunning although its threads run.
   static void pretendStopped(PACFetcher& fetcher) { fetcher.mRunning = false; }
 };

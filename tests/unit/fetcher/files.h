@@ -1,4 +1,4 @@
-// Small files of tests.
+// Functions for small files in tests.
 #pragma once
 
 #include <fstream>

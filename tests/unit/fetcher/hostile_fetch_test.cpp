@@ -49,7 +49,7 @@ class HostileFetch : public OwnRootTest {
     close(lowest);
     return lowest;
   }
-  /// A failed download that leaves neither file nor descriptor nor process.
+  /// Expects a failed download that leaves neither file nor descriptor nor process.
   static void expectFailedDownload(const std::string& step, const std::string& line) {
     const int before = lowestFreeDescriptor();
     const auto result = take(step);
@@ -280,7 +280,7 @@ class FetchOfAServiceUser : public HostileFetch {
  protected:
   void SetUp() override {
     constexpr uid_t kServiceUser = 4711;
-    // A copy, because only root may have access to the build folder.
+    // The test uses a copy, because perhaps only root has access to the build folder.
     fs::copy_file(HOSTILE_FETCH, mProgram);
     if (setgroups(0, nullptr) != 0 || setresgid(kServiceUser, kServiceUser, kServiceUser) != 0 ||
         setresuid(kServiceUser, kServiceUser, kServiceUser) != 0) {

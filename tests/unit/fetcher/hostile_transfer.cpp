@@ -30,7 +30,7 @@ using fetcher::FetchResult;
 // Read before the walls are raised, because the walls do not allow this call.
 const pid_t kParent = getppid();
 
-// The C library's headers may not define this number.
+// Old headers of the C library do not define this number.
 constexpr long kMultipathTcp = 262;
 
 const FetchResult kLie{true, 200, "HTTP", ""};
@@ -100,7 +100,7 @@ const std::map<std::string, std::function<void(int file)>>& steps() {
          _exit(0);
        }},
       {"longer_file", [](int file) { call(SYS_ftruncate, file, 1 << 30); }},
-      // System calls that are on no list.
+      // System calls that are on no list of the filter.
       {"fork", [](int) { call(SYS_clone, SIGCHLD); }},
       {"vfork", [](int) { callVfork(); }},
       {"exec",

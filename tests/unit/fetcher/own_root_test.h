@@ -1,5 +1,6 @@
-// A test with its own /tmp and /usr/local. It enters them before a member of the test starts a
-// thread.
+// The base class of tests with their own /tmp and /usr/local. It enters them before a member of the
+// test starts a thread. Tests that compare whole logs give the same result on a kernel without
+// Landlock, on which the first download of a process logs one more line.
 #pragma once
 
 #include <gtest/gtest.h>

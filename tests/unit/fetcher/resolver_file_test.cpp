@@ -75,7 +75,6 @@ TEST_F(ResolverFile, CountsAsNotOpenedWhereItIsMissing) {
   expectNotOpened();
 }
 
-// fifo_at_the_resolver_file
 TEST_F(ResolverFile, CountsAsNotOpenedAsAFifo) {
   ASSERT_EQ(mkfifo(kFile.c_str(), 0666), 0);
   expectNotOpened();
@@ -101,7 +100,6 @@ TEST_F(ResolverFile, CountsAsNotOpenedAsAFolder) {
   expectNotOpened();
 }
 
-// other_users_resolver_file
 TEST_F(ResolverFile, CountsAsNotOpenedWhereItIsAnotherUsers) {
   writeFile(kFile, "domain example.com\n");
   if (chown(kFile.c_str(), 12345, 12345) != 0) GTEST_SKIP() << "needs a second user";

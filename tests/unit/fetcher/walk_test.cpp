@@ -312,7 +312,6 @@ TEST_F(Retrieval, LeavesAFolderWithFilesAtTheScriptsNameAndSaysSoEachTime) {
   EXPECT_EQ(readFile(kScript + "/file"), "theirs");
 }
 
-// planted_fifo, planted_hard_link
 TEST_F(Retrieval, InstallsOverAFifoAndAHardLinkAtEitherName) {
   mServer.route("/p.pac", httpResponse("200 OK", script()));
   configure(pacurl, mServer.url("/p.pac"));

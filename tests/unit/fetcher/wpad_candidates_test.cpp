@@ -103,7 +103,7 @@ TEST(WpadCandidates, AreNoneForANameThatIsNotTheWholeHostOfItsUrl) {
   for (const auto& name :
        {"com/.example.org"s, "com?.example.org"s, "com#.example.org"s, "example.org@com"s,
         "x.co.uk:80"s, "x.%63o.uk"s, "com\0.example.org"s,
-        // mapped: co.uk, com, co.jp
+        // libcurl maps these to co.uk, com, eng.example.co.jp and com
         "co\u3002uk"s, "\uff43\uff4f\uff4d"s, "eng.example.\uff43\uff4f.jp"s, "c\u00adom"s}) {
     EXPECT_THAT(candidates(name), IsEmpty()) << name;
   }

@@ -1,4 +1,4 @@
-// The parser with an engine that records its calls, and with a digest that can fail.
+// Tests the parser with an engine that records its calls, and with a digest that can fail.
 #define OPENSSL_SUPPRESS_DEPRECATED
 #include <gtest/gtest.h>
 #include <openssl/md5.h>
@@ -25,7 +25,8 @@ bool digestWorks = true;
 
 }  // namespace
 
-// Replaces the function of libcrypto: all scripts have the same digest.
+// These functions replace those of libcrypto. All scripts have the same digest. If digestWorks is
+// false, MD5_Init fails.
 int MD5_Init(MD5_CTX*) {
   return digestWorks ? 1 : 0;
 }
@@ -37,7 +38,8 @@ int MD5_Final(unsigned char* digest, MD5_CTX*) {
   return 1;
 }
 
-// Replaces the function of the PAC evaluation library.
+// This function and those below replace the five functions of engine/pac.h. The first three record
+// their calls.
 pac* pac_init(const char* script, int option, pac_wakeup, void*) {
   calls.push_back("init " + std::string(script == nullptr ? "(null)" : script) + " option " +
                   std::to_string(option));

@@ -21,7 +21,8 @@ struct PacParserTestAccess {
   }
   static void setWaitSeconds(PacParser& parser, int seconds) { parser.mWaitSeconds = seconds; }
   static void forgetThatItRuns(PacParser& parser) {
-    // The worker thread reads the flag only after its wait, and nothing else ends this wait.
+    // The parser's thread now waits for two minutes, and nothing ends this wait. It reads mRunning
+    // only after the wait.
     waitForLog(LOG_INFO, "PacParser-pacProcessThreadFunc wait:120000");
     parser.mRunning = false;
   }
@@ -57,7 +58,7 @@ class LoadedParser : public testing::Test {
   PacParser mParser{nullptr, false};
 };
 
-// Queries under the gate, as in the service, while the scripts change.
+// Each query holds the parser's gate (shareAnswers) as in the service, while the script changes.
 TEST_F(LoadedParser, AsynchronousAnswersStayWholeWhileScriptsAreReloaded) {
   load(scriptFor("PROXY script:0"));
   mParser.start();
@@ -91,7 +92,7 @@ TEST(PacParser, SaysItsLinesFromConstructionToEnd) {
                             {LOG_INFO, "PacParser-stop called "},
                             {LOG_INFO, "PacParser-clearProxyUrlCache called "},
                             {LOG_INFO, "clearCache called "},
-                            {LOG_INFO, "clearCache called "},  // destruction empties it
+                            {LOG_INFO, "clearCache called "},  // the cache's destructor empties it
                         }));
 }
 
@@ -258,8 +259,8 @@ TEST_F(LoadedParser, TheAsynchronousQueryGivesUpAfterTwentyLooks) {
   EXPECT_EQ(PacParserTestAccess::pendingHosts(mParser), 1U) << "still in flight";
 }
 
-// A script that never ends runs for 5 s. Here it runs for a question of another thread, while the
-// parser's own thread also has a question.
+// The time limit ends an endless script after 5 s. Here it runs for a question of another thread,
+// while the parser's own thread also has a question.
 TEST_F(LoadedParser, TheAsynchronousQueryDoesNotWaitForAnEvaluationOfAnother) {
   load("function FindProxyForURL(url, host) { while (host == 'endless') {} return 'DIRECT'; }");
   mParser.start();

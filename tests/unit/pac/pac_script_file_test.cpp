@@ -139,7 +139,7 @@ TEST_F(ScriptFile, AMissingFileKeepsEngineAndText) {
 TEST_F(ScriptFile, AFailedReadKeepsTheEngineButReplacesAndSaysTheText) {
   parse();
   clearLog();
-  EXPECT_EQ(mParser.parsePacFile(mFile.folder()), 0);  // a folder opens, but does not read
+  EXPECT_EQ(mParser.parsePacFile(mFile.folder()), 0);  // a folder can be opened, but not read
   EXPECT_EQ(
       logLines(),
       (std::vector<LogLine>{

@@ -17,7 +17,7 @@ namespace {
 constexpr const char* kPassword = "correct-horse-battery-staple-of-the-test-with-no-equal";
 constexpr const char* kUrl = "http://u:correct-horse-battery-staple-of-the-test-with-no-equal@p:1";
 
-// The first base class: the change needs a process with one thread.
+// This must be the first base class, because the new root needs a process that has only one thread.
 struct OwnRoot {
   OwnRoot() { enterOwnRoot(); }
 };
@@ -62,8 +62,8 @@ TEST_F(ReleasedSecrets, HoldNoPasswordAfterItWasHandedOverReadAndReplaced) {
   EXPECT_EQ(releasedBlocksWithText(), 0);
 }
 
-// Log lines and the answers for programs contain such a URL unchanged, so only the configuration is
-// checked.
+// Log lines and the answers for programs contain a URL with its password, so only the configuration
+// is checked.
 TEST_F(ReleasedSecrets, HoldNoPasswordOfAUrlAfterItWasHandedOverReadAndReplaced) {
   watchReleasedBlocks(kPassword);
   call("updateProxyconfig", {"off", kUrl, kUrl, "", ""});

@@ -16,7 +16,7 @@
 
 namespace {
 
-// The first base class: the change needs a process with one thread.
+// This must be the first base class, because the new root needs a process that has only one thread.
 struct OwnRoot {
   OwnRoot() { enterOwnRoot(); }
 };

@@ -56,7 +56,7 @@ TEST(DefaultRoutes, OfOneInterfaceTheLowerMetricCounts) {
   EXPECT_EQ(routes.at("one").metric, 50U);
 }
 
-// The next network can have the same interface and the same metric.
+// Another network can have the same interface and the same metric, but another gateway.
 TEST(DefaultRoutes, AnotherGatewayIsAChange) {
   EXPECT_NE(routesAfter("ip route add default via 192.0.2.1\n"),
             routesAfter("ip route add default via 192.0.2.2\n"));

@@ -64,7 +64,8 @@ TEST_F(Watch, ALoopOfLinksEnds) {
   EXPECT_EQ(placesOf(mFolder + "/loop").front(), (FileWatch::Place{mFolder, "loop"}));
 }
 
-// A caller that reads a file before the watch begins must read it again.
+// If a place is new, the caller must read its file again: the file may have changed before the
+// watch began.
 TEST_F(Watch, ReportsWhetherAPlaceIsNew) {
   FileWatch watch(mEvent.get(), [this] { mChanges++; });
   EXPECT_TRUE(watch.set({{mFolder, "a"}}));

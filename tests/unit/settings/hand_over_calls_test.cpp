@@ -342,7 +342,7 @@ TEST_F(HandOverCalls, TheTimeIsThatSinceWhichTheDaemonHasTheConfiguration) {
   }));
   const std::time_t since = *handOver->lastHandOver();
   EXPECT_GE(since, begin);
-  // A later check does not change the time, and a failed hand-over does not change it either.
+  // Neither a later check nor a failed hand-over changes the time of the last hand-over.
   ASSERT_TRUE(waitFor([&] { return std::time(nullptr) > since; }));
   const int reads = daemon->reads;
   handOver->check();
@@ -416,7 +416,7 @@ TEST_F(HandOverCalls, AReplyThatComesAfterTheDaemonsEndCountsForNothing) {
   ASSERT_TRUE(waitFor([&] { return daemon->held.size() == 2; }));
   ASSERT_GE(sd_bus_reply_method_return(daemon->held[0], "i", 0), 0);
   // Messages of one connection arrive in order. So when this later reply has arrived, the earlier
-  // one has, too.
+  // reply has arrived, too.
   bool isRead = false;
   mLink->read([&isRead](const auto&, const std::string&) { isRead = true; });
   ASSERT_TRUE(waitFor([&] { return isRead; }));

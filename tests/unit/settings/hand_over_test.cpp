@@ -42,7 +42,7 @@ TEST(RefreshPause, IsUpToATenthLongerThanItsInterval) {
   }
   EXPECT_GE(least, interval);
   EXPECT_LE(most, interval + std::chrono::minutes{36});
-  // A thousand pauses are spread over nearly the whole tenth of the interval.
+  // A tenth of the interval is 36 minutes, and a thousand pauses are spread over nearly all of it.
   EXPECT_GT(most - least, std::chrono::minutes{30});
 }
 

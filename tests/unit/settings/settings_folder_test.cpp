@@ -91,7 +91,7 @@ TEST_F(Folder, LaterNamesWin) {
   EXPECT_EQ(read.modeFiles.back(), mPaths.folder + "/settings.d/20-b.conf");
 }
 
-// The file system lists files in another order.
+// The file system may list the files in another order.
 TEST_F(Folder, FilesAreReadInTheOrderOfTheirNames) {
   std::vector<std::string> names;
   for (int number = 35; number > 10; number--) {

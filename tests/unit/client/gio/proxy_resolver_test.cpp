@@ -1,4 +1,4 @@
-// The module in a program: GLib finds and loads it.
+// Tests the GLib module in a program: GLib finds and loads the module.
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// The environment variables, as programs without a bus use them. tests/integration/test_libproxy.py
-// compares the results with those of libproxy itself.
+// Tests the environment variables, which decide if there is no bus.
+// tests/integration/test_libproxy.py compares the results with those of libproxy itself.
 #include "tests/unit/client/libproxy/libproxy_test.h"
 
 namespace {

@@ -1,4 +1,4 @@
-// libproxy.so.1 in a program.
+// Tests libproxy.so.1 in a program.
 #include "tests/unit/client/libproxy/libproxy_test.h"
 
 #include <dlfcn.h>
@@ -49,8 +49,8 @@ TEST_F(WithDaemon, TheListAndItsTextsAreBlocksOfTheirOwn) {
   char** const proxies = px_proxy_factory_get_proxies(factory, kUrl.c_str());
   char* const kept = proxies[1];
   EXPECT_EQ(proxies[2], nullptr);
-  // Callers free each text and the array separately. One text is freed after the array. A sanitizer
-  // reports errors.
+  // Callers free each text and the array separately, in any order. Here, one text is freed after
+  // the array. A sanitizer would report an error.
   free(proxies[0]);
   free(proxies);
   px_proxy_factory_free(factory);
@@ -181,7 +181,7 @@ TEST_F(WithDaemon, AThreadThatIsCancelledHarmsNoOther) {
   daemon.answer("http://slow/", {{"pacurl", "PROXY slow:1"}, "", true, false});
   std::thread waiting([&] { EXPECT_THAT(ask("http://slow/"), ElementsAre("http://slow:1")); });
   daemon.waitFor(1);
-  pthread_cancel(waiting.native_handle());  // the call has no point at which it takes effect
+  pthread_cancel(waiting.native_handle());  // the library disables cancellation during its call
   daemon.release();
   waiting.join();
   EXPECT_THAT(ask(), ElementsAre("http://p.example:1"));

@@ -1,4 +1,4 @@
-// The longest time that a program waits.
+// Tests the longest time that a program waits for an answer.
 #include <chrono>
 #include <functional>
 

@@ -1,4 +1,4 @@
-// The answers to questions, and how questions without an answer end.
+// Tests the answers to questions, and how questions without an answer end.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -128,7 +128,7 @@ TEST_F(AskingTest, EndsWhenItsLimitIsOver) {
   daemon.answer(kUrl, {{"manual", "p:1"}, {}, true});
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(client.get(kUrl, kShort).status(), Status::tooSlow);
-  ask(kUrl + "other");  // connected
+  ask(kUrl + "other");  // now the client is connected
   EXPECT_EQ(client.get(kUrl, kShort).status(), Status::tooSlow);
   EXPECT_EQ(proxymanager::lastFailure().error, 0);
   EXPECT_EQ(askAsync(kUrl, nullptr, kShort), Status::ok);
@@ -156,7 +156,7 @@ TEST_F(AskingTest, RemembersAnAnswerThatComesWhenNobodyWaits) {
   daemon.waitFor(1);
   EXPECT_TRUE(client.cancel(id));
   daemon.release();
-  ask(kUrl + "behind");  // its reply comes after the other one
+  ask(kUrl + "behind");  // its reply comes after the reply for kUrl
   EXPECT_TRUE(client.get(kUrl, milliseconds(0)));
 }
 

@@ -1,5 +1,5 @@
-// Each allocation during a question fails once. The caller gets an error, and the next question
-// works as if the failure had not happened.
+// Makes each allocation during a question fail once. The caller gets an error, and the next
+// question works as if the failure had not happened.
 #include <string>
 #include <vector>
 

@@ -1,4 +1,5 @@
-// When a client forgets its answers, what it reports to its watches, and which senders it trusts.
+// Tests when a client forgets its answers, what it reports to its watches, and which senders it
+// trusts.
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -155,7 +156,7 @@ TEST_F(FollowingTest, WithoutAWatchTheNextQuestionFindsTheBusAgain) {
   bus.kill();
   bus.start();
   StandInDaemon next;
-  // The client may notice the end of the old bus only during the question.
+  // Perhaps the client notices the end of the old bus only during the question.
   auto answer = client.get(kUrl, kLong);
   while (next.count() == 0) answer = client.get(kUrl, kLong);
   EXPECT_EQ(answer.status(), Status::ok);
@@ -233,8 +234,8 @@ TEST_F(FollowingTest, TheEndOfAWatchWaitsForItsCallback) {
     const std::lock_guard held(mutex);
     wasReturning = isReturning;
   });
-  // The sleep cannot make a correct program fail. It makes it likely that the test finds an end of
-  // a watch that does not wait for the callback.
+  // The sleep cannot make a correct program fail. It gives a wrong program time to end the watch
+  // without waiting for the callback, so that the test finds this.
   std::this_thread::sleep_for(milliseconds(20));
   lock.lock();
   mayReturn = true;
@@ -307,7 +308,7 @@ TEST_F(FollowingTest, AWatchThatIsAssignedOverEnds) {
   EXPECT_FALSE(second);
   daemon.clear();
   EXPECT_EQ(others.waitFor(2), (List{kCame, kChanged}));
-  EXPECT_EQ(changes.all(), List{kCame});  // it would have been the first
+  EXPECT_EQ(changes.all(), List{kCame});  // `first` has ended, so it reports no change
 }
 
 TEST_F(FollowingTest, AsManyWatchesAsAreAllowedAndNoMore) {

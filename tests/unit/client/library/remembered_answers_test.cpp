@@ -128,7 +128,7 @@ TEST(SharedAnswersTest, NoCopyOutlivesAChange) {
   EXPECT_FALSE(shared.find("a"));
   shared.add("a", answerOf("PROXY two:2"));
   EXPECT_EQ(textOf(shared.find("a")), "PROXY two:2");
-  EXPECT_FALSE(shared.find("b"));  // also after the part has copies of the new answers
+  EXPECT_FALSE(shared.find("b"));  // even after the part of this thread has copied a new answer
 }
 
 TEST(SharedAnswersTest, MoreThreadsThanPartsFindTheSame) {

@@ -1,5 +1,5 @@
-// Many questions at once, callbacks, the end of a client, and the resources that a client uses in
-// its process.
+// Tests many questions at once, callbacks, the end of a client, and the resources that a client
+// uses in its process.
 #include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -236,7 +236,7 @@ TEST_F(ThreadsTest, AClientAtRestDoesNotWakeUp) {
   while (statusOf(thread, "State").front() != 'S') std::this_thread::yield();
   const auto before = sleeps();
   daemon.announceState();
-  ask();  // remembered
+  ask();  // the client remembers this answer
   daemon.sync();
   std::this_thread::sleep_for(milliseconds(300));  // the thread must not wake during this time
   EXPECT_EQ(sleeps(), before);

@@ -1,4 +1,4 @@
-// Engine with the real worker.
+// Tests Engine with the real worker.
 #include <gtest/gtest.h>
 #include <syslog.h>
 
@@ -177,7 +177,7 @@ TEST(Engine, RunsInTheTimeAndZoneItIsGiven) {
 }
 
 TEST(Engine, KnowsTheDevicesZoneBehindTheWalls) {
-  unsetenv("TZ");  // a worker has no environment
+  unsetenv("TZ");  // a worker has no environment variables
   tzset();
   const auto engine = load(script("return String(new Date(1700000000000).getHours());"));
   const std::time_t when = 1'700'000'000;

@@ -74,7 +74,7 @@ NameSource servedBy(const DnsServer& server) {
   return source;
 }
 
-/// "n7.test"
+/// The host name with this number, for example "n7.test".
 std::string nameOf(int number) {
   std::string name = "n";
   name += std::to_string(number);
@@ -177,7 +177,8 @@ TEST(NameLookup, GivesUpASlowServerAfterTwoSeconds) {
   EXPECT_LT(asked.took, seconds(20));
 }
 
-// Otherwise, the next evaluation would use half an answer as if it were a whole answer.
+// If this were not a timeout, the next evaluation would use half an answer as if it were a whole
+// answer.
 TEST(NameLookup, AFamilyThatIsNeverAnsweredIsATimeoutOfTheWholeLookup) {
   auto half = at({"10.0.0.1", "2001:db8::1"});
   half.silentForIpv4 = true;

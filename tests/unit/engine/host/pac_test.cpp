@@ -1,4 +1,4 @@
-// The five functions, with the real worker.
+// Tests the five functions of engine/pac.h with the real worker.
 #include "engine/pac.h"
 
 #include <gtest/gtest.h>

@@ -92,7 +92,7 @@ struct Limit {
   std::string (*make)(const std::string& text);
 };
 
-/// Names the test.
+/// Prints the name of a case, which becomes a part of the test's name.
 std::ostream& operator<<(std::ostream& stream, const Limit& limit) {
   return stream << limit.name;
 }

@@ -1,4 +1,4 @@
-// The date and time helpers, as scripts call them.
+// Tests the date and time helpers, as scripts call them.
 #include <cstdlib>
 #include <ctime>
 #include <initializer_list>
@@ -236,7 +236,7 @@ TEST_F(Dates, BoundsHoldAroundAChangeOfSummerTime) {
   EXPECT_TRUE(date({8.0, "MAR", 8.0, "MAR"}));
 }
 
-// The bounds belong to the device's own day.
+// With "GMT" and minutes, the bounds are times in GMT on the current day of the device's zone.
 TEST_F(Dates, TimesOfGmtHoldOnlyIfTheDayIsTheSame) {
   setZone("Pacific/Kiritimati");  // 14 hours before Greenwich
   mWorld.setLocal(2026, 3, 31, 5);

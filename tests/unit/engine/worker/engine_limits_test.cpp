@@ -1,4 +1,4 @@
-// Heap and stack of a script, at the limit and one step past it.
+// Tests the heap and the stack of a script, at the limit and one step past it.
 #include <chrono>
 #include <cstddef>
 #include <cstdint>

@@ -126,7 +126,7 @@ TEST_F(Helper, RunsWhatWasPostedBeforeItEnds) {
     stopping.set_value(gettid());
     mHelper->stopDispatching();
   });
-  waitUntilAsleep(stopping.get_future().get());  // until it waits for the end of the bus thread
+  waitUntilAsleep(stopping.get_future().get());  // now it waits for the bus thread
   go.set_value();
   stopper.join();
   EXPECT_EQ(ran, 3);

@@ -83,7 +83,7 @@ TEST(NewLease, KeepsOfASearchListWhatCanBeNames) {
 }
 
 TEST(NewLease, CutsASearchListAtAName) {
-  std::string list(200, 'a');  // five of these and their blanks are 1004 bytes
+  std::string list(200, 'a');  // five of these names and their blanks are 1004 bytes
   for (std::size_t i = 50; i < list.size(); i += 50) list[i] = '.';
   const std::string five = list + ' ' + list + ' ' + list + ' ' + list + ' ' + list;
   EXPECT_EQ(searchOf("", five + " aaaaaaaaa.example.com"), "search " + five + "\n");

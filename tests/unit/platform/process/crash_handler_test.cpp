@@ -230,9 +230,9 @@ TEST(CrashHandler, FindsALogDaemonThatWasStartedAnewMeanwhile) {
   EXPECT_FALSE(second.lines().empty());
 }
 
-// The queue of such a socket holds only a few lines, and no process reads them. After one short
-// wait, the report stops writing to the log and continues on stderr. So the process ends long
-// before the report's own limit.
+// The queue of the log socket is full, and no process reads it. After one short wait, the report
+// stops writing to the log and continues on stderr. So the process ends long before the report's
+// own time limit.
 [[noreturn]] void crashWithAFullLog() {
   const int filler = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
   const sockaddr_un address{AF_UNIX, "/dev/log"};

@@ -15,8 +15,8 @@
 
 namespace {
 
-// The supervisor's end: an abstract socket. Its name is in the environment, as with systemd's own
-// socket.
+// The supervisor, which receives notifications at an abstract socket. The name of the socket is in
+// the environment, as with systemd's own socket.
 class Supervisor {
  public:
   Supervisor() : mSocket(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {

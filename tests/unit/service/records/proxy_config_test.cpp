@@ -129,7 +129,8 @@ TEST(CloneProxyConfig, LeavesTheDestinationWhereTheSourceStringIsNull) {
   cleanupProxyConfig(&copy);
 }
 
-// The contract requires the crash. The test shows the log lines before it.
+// Handles the signal of the crash, which the contract requires: prints the log lines before the
+// crash for the test.
 extern "C" void sayWhatWasLogged(int) {
   for (const auto& line : logLines()) std::cerr << line << std::endl;
   _exit(70);

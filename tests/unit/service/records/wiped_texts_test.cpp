@@ -22,7 +22,7 @@ constexpr std::size_t kLength = 200;
 constexpr std::size_t kLinks = 16;
 
 // The kernel reads the bytes. This is a use of freed memory, and a sanitizer would report it
-// otherwise.
+// otherwise. It would also see the library's write().
 std::string bytesAt(const char* address, std::size_t length) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) return "no pipe";

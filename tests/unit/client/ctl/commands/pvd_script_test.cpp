@@ -75,7 +75,7 @@ TEST(PvdScript, WantsAllPropertiesOfARuleAndOneValueOfEach) {
               HasSubstr("  if ((port === 80 ||\n       (port >= 90 && port <= 99)) &&\n"
                         "      (host === \"a\" ||\n       below(host, \"b\")) &&\n"
                         "      (inSubnet(host, \"::1/128\"))) return \"DIRECT\";\n"));
-  // On another port, the answer may be DIRECT.
+  // For another port, the right answer can be DIRECT.
   EXPECT_THAT(script.warnings[0],
               "rule 1 names ports: the daemon caches one answer for a host, also "
               "for its other ports");

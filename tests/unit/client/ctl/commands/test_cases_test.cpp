@@ -50,7 +50,7 @@ TEST(TestCases, SeeNothingOfTheNetwork) {
   const auto cases = parsed("http://a/ -> DIRECT\nhttp://a/ --resolve a=1.2.3.4 -> DIRECT");
   EXPECT_TRUE(cases[0].environment.offline);
   EXPECT_EQ(cases[0].environment.ownAddresses, "127.0.0.1");
-  EXPECT_FALSE(cases[1].environment.offline);  // the case has names of its own, and no others
+  EXPECT_FALSE(cases[1].environment.offline);  // the case uses only its own names
   EXPECT_EQ(cases[1].environment.ownAddresses, "127.0.0.1");
 }
 

@@ -179,8 +179,8 @@ class Generator {
     }
   }
 
-  /// Two expressions with `between`. The first is made before the second, because the tests in them
-  /// get numbers.
+  /// Two expressions with `between`. The first expression is made before the second, so that the
+  /// tests in them get their numbers in order.
   std::string joined(unsigned depth, const std::string& between) {
     const auto first = expression(depth);
     return first + between + expression(depth);
