@@ -46,7 +46,7 @@ fail() {
   exit 1
 }
 
-# The place of the daemon's script, which is removed at the end.
+# The daemon's script file. If it did not exist before, finish() removes it.
 readonly pac_file=/tmp/proxymanager.pac
 keep_pac_file=yes
 
@@ -163,7 +163,7 @@ service_call() {
   bus_call "$service" "$object" "$interface.$member" "$@"
 }
 
-# A random port; tries another one if the port is taken.
+# Starts the web server on a random port, and tries another port if this port is in use.
 start_web_server() {
   step "Serving docs/examples/sample.pac on the loopback interface"
   mkdir "$work/www"

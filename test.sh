@@ -94,14 +94,15 @@ build_tree() {
   "${launcher[@]}" cmake --build "$folder" -j "$jobs" "${build_options[@]}"
 }
 
-# The compiler's flags of the packages, without debug symbols and the paths of their build.
+# Prints the compiler flags of the package build, without debug symbols and without the paths of that
+# build.
 packaged_flags() {
   DEB_BUILD_OPTIONS="reproducible=-all" DEB_CFLAGS_APPEND=-g0 DEB_CXXFLAGS_APPEND=-g0 \
     dpkg-buildflags --get "$1"
 }
 
-# Builds in $build/test what the packages contain. Their build, itself a test, thus takes most objects
-# from ccache.
+# Builds the content of the packages in $build/test. A test builds the packages later, and takes most
+# objects from ccache.
 build_release() {
   local macros
   macros=$(packaged_flags CPPFLAGS)
@@ -120,7 +121,8 @@ run_tests() {
     "${ctest_options[@]}"
 }
 
-# with_suppressions TOOL OPTIONS: the options, and the tool's suppressions if the tree has some.
+# with_suppressions TOOL OPTIONS: prints the options, with the tool's suppression file if the tree has
+# one.
 with_suppressions() {
   local file=$top/tests/support/$1.supp
   if [ -e "$file" ]; then echo "$2:suppressions=$file"; else echo "$2"; fi
@@ -142,8 +144,8 @@ test_plain() {
   run_tests test
 }
 
-# The programs with threads, and the programs that their tests start. For the rest, which is most of
-# the tree, the thread sanitizer would show nothing.
+# The programs with threads, and the programs that their tests start. In all other programs, the thread
+# sanitizer would find nothing.
 threaded=(proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanager-lease proxymanager-relay
   proxymanager-settings proxymanager-client-shared proxymanager_gio proxymanager_libproxy
   proxymanager_soup_get proxymanager_wall_clock proxymanager-fetch-hostile
@@ -164,8 +166,8 @@ test_sanitizers() {
   export UBSAN_OPTIONS=print_stacktrace=1
   ASAN_OPTIONS=$(with_suppressions asan strict_string_checks=1:detect_stack_use_after_return=1)
   LSAN_OPTIONS=$(with_suppressions lsan report_objects=1)
-  # The daemon's handlers of SIGTERM and SIGHUP may do what others may not: they run only while its
-  # main thread sleeps.
+  # The daemon's handlers of SIGTERM and SIGHUP may call functions that are not async-signal-safe,
+  # because the handlers run only while the main thread sleeps.
   TSAN_OPTIONS=$(with_suppressions tsan \
     halt_on_error=1:second_deadlock_stack=1:report_signal_unsafe=0)
   export ASAN_OPTIONS LSAN_OPTIONS TSAN_OPTIONS
@@ -179,8 +181,8 @@ test_sanitizers() {
 }
 
 # The lines that a killed process has run are not counted, because a process writes its counts at its end.
-# A process of another user may not write them and prints an error, which two tests would take for the
-# program's own words.
+# A process of another user has no right to write its counts, and prints an error. Two tests would
+# take this error for output of the program.
 test_coverage() {
   local status=0 report=$build/coverage/report
   build_tree coverage -DCMAKE_BUILD_TYPE=Debug -DPROXYMANAGER_COVERAGE=ON

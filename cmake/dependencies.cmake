@@ -19,8 +19,8 @@ foreach(dependency
     INTERFACE_SYSTEM_INCLUDE_DIRECTORIES "${${name}_INCLUDE_DIRS}")
 endforeach()
 
-# libunwind and the compiler's library have unwinding functions with the same names. Those
-# of libunwind need file descriptors to throw an exception. So the compiler's library is linked first, and its
-# functions handle exceptions.
+# libunwind and the compiler's library have unwinding functions with the same names. The functions
+# of libunwind need file descriptors to throw an exception. So the compiler's library is linked
+# first, and its functions handle exceptions.
 set_property(TARGET PkgConfig::unwind PROPERTY INTERFACE_LINK_LIBRARIES
   gcc_s ${unwind_LINK_LIBRARIES})

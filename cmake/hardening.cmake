@@ -6,7 +6,7 @@ include(CheckPIESupported)
 
 option(PROXYMANAGER_HARDENING "Build with the compiler's and the linker's hardening" ON)
 
-# The distributions' compilers make position-independent programs by default; others need the
+# The distributions' compilers make position-independent programs by default; other compilers need the
 # option.
 check_pie_supported()
 if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang" AND NOT DEFINED CMAKE_POSITION_INDEPENDENT_CODE)

@@ -1,5 +1,5 @@
-# The installed files. Every program finds the others by a path relative to itself, so any prefix
-# works.
+# The installed files. Every program finds the other programs by a path relative to itself, so any
+# prefix works.
 foreach(program_folder "proxymanagerd;${CMAKE_INSTALL_SBINDIR}"
     "proxymanager-pac-worker;${CMAKE_INSTALL_LIBEXECDIR}"
     "proxymanager-workbench;${CMAKE_INSTALL_LIBEXECDIR}"

@@ -1,5 +1,5 @@
 # proxymanager_library(NAME SOURCES a.cpp ... PUBLIC lib ... PRIVATE lib ...): adds the library of a
-# folder. cmake/proxymanager.cmake combines it with the others.
+# folder. cmake/proxymanager.cmake combines it with the other libraries.
 function(proxymanager_library name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;PUBLIC;PRIVATE")
   add_library(${name} STATIC ${arg_SOURCES})

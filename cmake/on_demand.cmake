@@ -1,6 +1,6 @@
 # proxymanager_on_demand(TARGET SOURCE DEPENDENCY SONAME): adds an object that only programs link.
-# Its functions replace those of the library SONAME, and map that library at their first call. Other
-# libraries, and SONAME itself, do not see these functions.
+# Its functions replace the functions of the library SONAME, and map that library at their first
+# call. Other libraries, and SONAME itself, do not see these functions.
 #
 # The source contains the name of the library. So the configuration fails if the build finds a
 # variant with another name, for example a libcurl with GnuTLS: the program could not map it.

@@ -28,6 +28,6 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm")
   add_compile_options(-funwind-tables)
 endif()
 
-# The build folder has the same layout as an installed tree. So a program finds the others by the
-# same relative path in both.
+# The build folder has the same layout as an installed tree. So a program finds the other programs
+# by the same relative path in both trees.
 set(PROXYMANAGER_OUTPUT_ROOT "${CMAKE_CURRENT_BINARY_DIR}/out")

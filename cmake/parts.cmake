@@ -5,9 +5,9 @@
 #
 #   proxymanager_replace(dhcp_info SOURCES own_lease.cpp LIBRARIES PkgConfig::ownservice)
 #
-# These sources are then compiled instead of this tree's, and the libraries of the replaced part are
-# not linked. So a function never has two definitions, and if the replacement lacks a function, the
-# link fails. docs/integration.md describes the task of each part.
+# These sources are then compiled instead of this tree's sources, and the libraries of the replaced
+# part are not linked. So a function never has two definitions, and if the replacement lacks a
+# function, the link fails. docs/integration.md describes the task of each part.
 set(PROXYMANAGER_DEVICE "" CACHE PATH "A folder whose CMakeLists.txt replaces parts of this tree")
 
 # proxymanager_replace(PART SOURCES a.cpp ... LIBRARIES lib ...): in the device's CMakeLists.txt.

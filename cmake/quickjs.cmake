@@ -9,7 +9,7 @@
 # source folder with tests, proxymanager_engine_tests.
 include_guard()
 
-# The first release without the published holes that docs/security/ lists.
+# The first release without the published vulnerabilities that docs/security/ lists.
 set(PROXYMANAGER_ENGINE_MINIMUM 0.16.2)
 set(PROXYMANAGER_ENGINE_SOURCE "" CACHE PATH
     "An unpacked source tarball of QuickJS-NG to build the script engine from")
@@ -66,7 +66,7 @@ set_target_properties(proxymanager_quickjs PROPERTIES C_STANDARD 11 C_STANDARD_R
 # These options replace the options of the folder. Even in builds with sanitizers or coverage, the
 # engine is an optimized build without them, because the tests use the same stack and heap limits as
 # a device. The engine's assertions stay on: a worker should end instead of running with broken
-# memory. Each function has a section of its own, so that the linker of the worker can put the most used
+# memory. Each function has its own section, so that the linker of the worker can put the most used
 # functions together.
 set_property(TARGET proxymanager_quickjs PROPERTY COMPILE_OPTIONS
   -O3 -UNDEBUG -ffunction-sections -funsigned-char -w "-fmacro-prefix-map=${engine_source}/="

@@ -1,6 +1,6 @@
-# PROXYMANAGER_SANITIZER=address (with undefined behaviour and leaks), thread, or fuzzer (the same
-# as address, and the instrumentation with which libFuzzer counts edges; only for clang), for all
-# targets that are added later.
+# Applies the option PROXYMANAGER_SANITIZER to all targets that are added later. Its values are
+# address (with undefined behaviour and leaks), thread, and fuzzer (like address, with the
+# instrumentation with which libFuzzer counts edges; only for clang).
 if(PROXYMANAGER_SANITIZER STREQUAL "address")
   set(proxymanager_sanitizer_flags -fsanitize=address,undefined -fno-sanitize-recover=all)
 elseif(PROXYMANAGER_SANITIZER STREQUAL "thread")

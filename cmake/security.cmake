@@ -1,5 +1,5 @@
 # The documents of docs/security/, written during the installation: the libraries of the installed
-# programs, and the known holes of the script engine.
+# programs, and the known vulnerabilities of the script engine.
 set(security_programs "")
 foreach(program proxymanagerd proxymanager-pac-worker proxymanager-fetch proxymanager-lease
     proxymanager-settings proxymanager-relay proxymanagerctl proxymanager-client-shared proxymanager_gio

@@ -1,14 +1,15 @@
 # Writes sbom.cdx.json and vex.cdx.json (CycloneDX 1.5) for the programs that were built: their
-# libraries, and the known holes of their script engine. It is a script in CMake's language, because
-# every build has this interpreter.
+# libraries, and the known vulnerabilities of their script engine. It is a script in CMake's language,
+# because every build has this interpreter.
 #
 # cmake -DPROGRAMS=a|b -DVERSION=v -DENGINE_VERSION=v -DENGINE_HEADER=quickjs.h -DOBJDUMP=objdump
 #       -DHOLES=engine_holes.json -DCOPYRIGHT=packaging/debian/copyright -DOUTPUT=folder [-DFOREIGN=ON]
 #       [-DTODAY=2026-12-31] -P security_documents.cmake
 #
 # FOREIGN: the programs are of another architecture, so the versions of packages on this machine are
-# not used. Fails if HOLES lists a hole of the engine's version that is neither fixed nor
-# unreachable nor in triage. Warns if the engine is older than half a year.
+# not used. HOLES lists the known vulnerabilities of the engine. For the engine's version, each of them
+# must be fixed, unreachable or in triage; otherwise the script fails. Warns if the engine is older
+# than half a year.
 cmake_minimum_required(VERSION 3.25)
 string(REPLACE "|" ";" PROGRAMS "${PROGRAMS}")
 
@@ -67,7 +68,7 @@ function(component out type name version package scope)
 endfunction()
 
 # Sets ${out} to the sonames of the libraries that a program is linked with, and of the libraries
-# that it maps on demand. The names of the latter are texts in the program.
+# that it maps on demand. The program contains the names of the mapped libraries as texts.
 function(needed out program)
   execute_process(COMMAND "${OBJDUMP}" -p "${program}" OUTPUT_VARIABLE headers
     COMMAND_ERROR_IS_FATAL ANY)
@@ -152,7 +153,7 @@ function(write_sbom)
     append(sbom "${json}" components)
   endforeach()
 
-  # The code of others that is compiled into the programs.
+  # The third-party code that is compiled into the programs.
   file(STRINGS "${COPYRIGHT}" linked REGEX "^Files: linked/")
   list(TRANSFORM linked REPLACE "^Files: linked/([^ ]+).*" "\\1")
   list(REMOVE_ITEM linked quickjs-ng)
@@ -231,8 +232,8 @@ function(write_vex)
 endfunction()
 
 # Sets ${out} to the day on which the engine was released, from HOLES. If the version is not in that
-# list, it is the date of the header: packages and upstream's tarballs keep this date, but in copies
-# and repositories it is later.
+# list, the result is the date of the header file. Packages and upstream's tarballs keep this date;
+# a copy or a repository may have a later date.
 function(released out)
   file(READ "${HOLES}" holes)
   string(JSON date ERROR_VARIABLE unknown GET "${holes}" releases "${ENGINE_VERSION}")

@@ -61,8 +61,8 @@ std::vector<std::string> CallOrder::takeUnknown() {
   return names;
 }
 
-// Among the users with a waiting call of this kind, and then among the connections of that user,
-// chooses the one that was served longest ago.
+// First chooses a user: of all users with a waiting call of this kind, the one that was served
+// longest ago. Then chooses a connection of that user in the same way.
 CallOrder::Connections::iterator CallOrder::first(Kind kind, bool onlyPrivileged) {
   auto best = mConnections.end();
   std::pair<std::uint64_t, std::uint64_t> bestTurn;
@@ -92,8 +92,9 @@ CallOrder::Connections::iterator CallOrder::choose() {
   return chosen;
 }
 
-// Puts the connection that was served last behind the others. This happens at the next choice, not
-// when the call is served. So a connection that arrives between the two stands before it.
+// Puts the connection that was served last behind the other connections. This happens at the next
+// choice, not when the call is served. So a connection that arrives before that choice stands
+// before the connection that was served.
 void CallOrder::standBehind() {
   const auto found = mConnections.find(std::exchange(mLastServed, {}));
   if (found == mConnections.end()) return;

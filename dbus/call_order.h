@@ -56,8 +56,8 @@ class CallOrder {
   /// after all connections that have arrived by then.
   void noteServed(const std::string& sender, Kind kind);
 
-  /// The connections whose user is not known. As long as calls of a connection wait, that
-  /// connection is returned by only one call of this function.
+  /// The connections whose user the caller must now find out. Each connection is returned only
+  /// once, as long as calls of it wait.
   std::vector<std::string> takeUnknown();
 
   /// Takes the next call. @return nothing if none waits
@@ -78,13 +78,13 @@ class CallOrder {
   /// Drops the calls of `sender`, which has left the bus.
   void drop(const std::string& sender);
 
-  /// Forgets connections and users. Called only while nothing waits.
+  /// Forgets all connections and users. Called only while nothing waits.
   void forget();
 
   std::size_t waiting() const { return mWaiting; }
 
  private:
-  using Turns = std::array<std::uint64_t, 2>;  // by kind: the number of the last turn
+  using Turns = std::array<std::uint64_t, 2>;  // for each kind of call: the number of the last turn
   struct User {
     Turns lastTurn{};
     std::size_t questions = 0;
@@ -115,14 +115,14 @@ class CallOrder {
   void erase(Connections::iterator connection);
 
   const unsigned long mOwnUser;
-  Connections mConnections;              // by unique name
-  std::map<std::string, User> mUsers;    // by number, or by the name of a connection
-  std::array<std::size_t, 2> mOfKind{};  // waiting calls
+  Connections mConnections;              // key: unique name on the bus
+  std::map<std::string, User> mUsers;    // key: user id, or unique name of a connection
+  std::array<std::size_t, 2> mOfKind{};  // number of waiting calls of each kind
   std::size_t mWaiting = 0;
   std::size_t mUnnamed = 0;  // connections that takeUnknown() has not returned
   std::uint64_t mTurn = 0;
   unsigned mPlainServed = 0;
   bool mOnlyModest = false;  // true while a call of a modest user is chosen
-  std::string mLastServed;   // the connection to put behind the others; may be empty
+  std::string mLastServed;   // the connection to put behind the other ones; may be empty
   Kind mLastKind = Kind::kPlain;
 };

@@ -31,7 +31,7 @@ void ProxyManagerDbusHandler::refuseCalls() {
 }
 
 void ProxyManagerDbusHandler::detachService() {
-  refuseCalls();  // first, because the mutex is not fair: the bus thread may take it again and
+  refuseCalls();  // before the lock: the mutex is not fair, so the bus thread may take it again and
                   // again
   const Lock lock(mServiceMutex);
   mService = nullptr;
@@ -155,8 +155,8 @@ bool ProxyManagerDbusHandler::answerWithoutService(const DBus::CallMessage& call
   try {
     isAnswered = answer(call);
   } catch (...) {
-    // Even that answer cannot be built. Either libdbus answers the call, or the caller's timeout
-    // ends it.
+    // Even the answer of a handler without a service cannot be built. Either libdbus answers the
+    // call, or the caller's timeout ends it.
   }
   mAnswersAlone = false;
   return isAnswered;

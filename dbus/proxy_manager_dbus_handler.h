@@ -4,7 +4,8 @@
 // answers the calls itself. It also ensures that no message of a client ends the process. A call
 // that names no interface counts as a call of the only interface. If the handling of a call throws
 // an exception, the client gets the answer of a handler without a service, and one LOG_ERR line is
-// logged. The object itself never makes D-Bus errors. Operations run on the bus thread.
+// logged. The object sends no D-Bus error of its own, only the library's error for wrong arguments.
+// Operations run on the bus thread.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -71,8 +72,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
       PM_EXCLUDES(mServiceMutex);
 
  private:
-  // The library's own function ends the process if a call has no interface, or if an exception is
-  // not one of the library's.
+  // The library's own function would end the process if a call has no interface, or if an exception
+  // has a type that the library does not define.
   bool handle_message(const DBus::Message& message) override;
   DBus::InterfaceAdaptor* interfaceOf(const DBus::CallMessage& call);
   bool letWait(const DBus::CallMessage& call);

@@ -157,8 +157,8 @@ void WaitingCalls::askForUsers() {
   }
 }
 
-// Adds or removes one match rule for all connections. There is only one, because the bus limits the
-// number of rules of a connection.
+// Adds or removes the match rule for the end of a connection. One rule covers all connections,
+// because the bus limits the number of rules that this process may add.
 void WaitingCalls::watch(bool on) {
   if (on == mWatches) return;
   mWatches = on;
@@ -211,7 +211,7 @@ void WaitingCalls::noteUser(std::uint32_t serial, const DBus::Message& reply) {
   const auto name = asked->second;
   mAsked.erase(asked);
   if (reply.is_error()) {
-    mOrder.drop(name);  // the connection left before the watch began
+    mOrder.drop(name);  // the connection left before it was watched
     return;
   }
   for (const auto& call : mOrder.setUser(name, reply.reader().get_uint32())) refuseOne(call, name);

@@ -3,12 +3,12 @@
 // The bus delivers all calls in one stream, so a call can overtake others only after it has been
 // read. Therefore the bus thread first reads all messages and then serves one call, in the order of
 // CallOrder. If serving a call takes long (an evaluation), an unknown number of calls collects in
-// the bus. The bus thread then sends a request of its own to the bus. The bus answers it after all
-// messages that it already holds for this connection. No call is served until that answer arrives
-// or kReadLimit is over. So an administrator's call is found even behind thousands of other calls.
-// The thread also waits once for the bus's answers to its questions about users. Without these
-// answers, each connection of a flood would count as a separate user, and all of them would be
-// served before a new user.
+// the bus. The bus thread then sends a request of its own to the bus. The bus answers this request
+// after all messages that it already holds for this connection. No call is served until that answer
+// arrives or kReadLimit is over. So an administrator's call is found even behind thousands of other
+// calls. The thread also waits once for the answers to the questions about users that it has sent
+// to the bus. Without these answers, each connection of a flood would count as a separate user, and
+// all of them would be served before a new user.
 //
 // A question beyond the bounds of CallOrder is refused. After an evaluation that took a second or
 // more, refused calls are kept while other calls are read. They are answered after the calls of
@@ -46,17 +46,18 @@ class WaitingCalls {
   /// Longest time for reading calls before one of them is served. Reading 25,600 calls from the bus
   /// takes less than 4 s. A bus that does not answer must not stop the daemon.
   static constexpr std::chrono::seconds kReadLimit{10};
-  /// If serving a call takes this long, the call delays others.
+  /// If serving a call takes this long, the call delays other calls.
   static constexpr std::chrono::milliseconds kLongTurn{20};
-  /// After a turn that took this long, refused calls are kept while others are read. During a
-  /// shorter turn, too few calls arrive to justify the memory.
+  /// After a turn of this length, the thread first reads all calls and answers the refused ones
+  /// later. During a shorter turn, too few calls arrive to justify the memory.
   static constexpr std::chrono::seconds kGatheringTurn{1};
   /// If more calls than this wait, they delay each other, even if each call is short.
   static constexpr std::size_t kCrowd = 64;
-  /// Longest URL of a waiting question. The engine accepts 8 KiB. With longer URLs, waiting
-  /// questions would fill the 63 MiB that libdbus allows for messages that are not answered yet.
+  /// Longest URL of a waiting question: twice the longest URL that a script gets. With longer URLs,
+  /// waiting questions would fill the 63 MiB that libdbus allows for messages that are not answered
+  /// yet.
   static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
-  /// Maximum number of refused calls that are kept while others are read: 256 connections of a
+  /// Maximum number of refused calls that are kept while other calls are read: 256 connections of a
   /// user, with 128 calls each, the limit of the system bus. Further refused calls are answered at
   /// once.
   static constexpr std::size_t kMaxRefused = std::size_t{256} * 128;
@@ -104,18 +105,19 @@ class WaitingCalls {
   const Serve mServe;
   const Serve mRefuse;
   DBus::MessageSlot mFilter;
-  bool mListens = false;  // a filter costs each message some hundred instructions
+  // Whether mFilter is set. A filter costs some hundred instructions for each message.
+  bool mListens = false;
   // A call that arrived while no other call waited. Most calls are served before another one
   // arrives, so they do not need the queues.
   std::optional<DBus::CallMessage> mOnly;
   Kind mOnlyKind = Kind::kPlain;
   CallOrder mOrder;
-  std::map<std::uint32_t, std::string> mAsked;  // by serial: connections whose user was asked for
+  std::map<std::uint32_t, std::string> mAsked;  // serial of a question about a user -> connection
   std::uint32_t mMarker = 0;    // serial of the request whose answer ends the reading; 0 for none
   bool mWaitsForUsers = false;  // mMarker is the serial of the last question about a user
   Clock::time_point mReadLimit{};
-  std::deque<DBus::CallMessage> mRefusedCalls;  // not answered yet
-  bool mKeepsRefused = false;                   // while calls are read
+  std::deque<DBus::CallMessage> mRefusedCalls;  // refused, not answered yet
+  bool mKeepsRefused = false;                   // true while calls are read
   bool mWatches = false;
   Clock::time_point mNextWarning{};
   std::size_t mRefused = 0;

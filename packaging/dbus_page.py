@@ -40,7 +40,7 @@ class Interface:
 def read(source):
     builder = ElementTree.TreeBuilder(insert_comments=True)
     parser = ElementTree.XMLParser(target=builder)
-    # The comment before the root element is the interface's.
+    # The comment before the root element describes the interface.
     before = re.search(r"<!--(.*?)-->\s*<node", source, re.DOTALL)
     parser.feed(source)
     node = parser.close()
@@ -71,7 +71,7 @@ def filled(text):
 
 
 def signature(member):
-    """One line: the name, what goes in, what comes out."""
+    """Returns one line: the name, the input signatures and the output signatures."""
     part = {"in": [], "out": []}
     for name, kind, direction in member.arguments:
         part[direction].append(f"\\fI{roff(name)}\\fP: {kind}")
@@ -125,7 +125,7 @@ def table(interface):
 
 
 def lines_of_members(document):
-    """Table rows and headings: (name, the text after it, the table's number or None)."""
+    """Yields table rows and headings: (name, the text after it, the table's number or None)."""
     number, inside = 0, False
     for line in document.splitlines():
         if line.lstrip().startswith("|"):
@@ -141,7 +141,7 @@ def lines_of_members(document):
 
 
 def is_right(member, rest, alphabet):
-    """Whether the signatures in code quotes are the member's, and the names before them."""
+    """Whether the signatures in code quotes, and the names before them, are those of the member."""
     found = [(match.start(), match[1]) for match in re.finditer(r"`([^`]+)`", rest)
              if set(match[1]) <= alphabet]
     wanted = [kind for _, kind, _ in member.arguments]

@@ -67,8 +67,8 @@ needed() {
 }
 
 # Prints one line for each needed dependency that no installed package satisfies, by its own name or
-# by a name that it provides. It calls dpkg-query once for all, and compares versions only if the
-# field names one.
+# by a name that it provides. It calls dpkg-query once for all dependencies, and compares versions
+# only if a dependency names a version.
 missing() {
   # shellcheck disable=SC2016  # the fields are dpkg-query's, not the shell's
   dpkg-query -W -f '${db:Status-Status}|${Package}|${Version}|${Provides}\n' |

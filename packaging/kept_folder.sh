@@ -1,11 +1,11 @@
 # For scripts that make a folder once per machine and keep it. Such a script sources this file,
-# defines say() and fail(), and prints the folder on standard output. Several of these scripts may
+# defines say() and fail(), and prints the folder on standard output. Several of these scripts can
 # run at the same time.
 # shellcheck shell=sh
 
 # kept_folder FOLDER NAME KEY: if FOLDER/NAME-KEY exists, prints its path and ends the script.
-# Otherwise the script has to make the folder in $staging, with $work for temporary files. Other
-# scripts that need this folder wait until this script calls keep.
+# Otherwise the script has to make the folder in $staging, with $work for temporary files, and then
+# call keep. Other scripts that need this folder wait until this script ends.
 kept_folder() {
   result=$1/$2-$3
   if [ -d "$result" ]; then
@@ -36,7 +36,7 @@ folder_for_apt() {
   if [ "$(id -u)" = 0 ] && id _apt >/dev/null 2>&1; then chown _apt "$1"; fi
 }
 
-# keep: call it when the folder in $staging is complete.
+# keep: moves the complete folder $staging to its final place, and prints the path.
 keep() {
   chmod 755 "$staging"
   mv -T "$staging" "$result"

@@ -4,10 +4,10 @@
 # the repository does.
 #
 # usage: packaging/make_source_tarball.sh [FOLDER]
-# Writes these files into FOLDER (default: the current folder), and prints the path of the first:
+# Writes these files into FOLDER (default: the current folder), and prints the path of the tarball:
 #   proxymanagerd-VERSION.tar.gz    the source
 #   proxymanagerd-VERSION.cdx.json  its bill of materials (CycloneDX)
-#   SHA256SUMS                      the checksums of both
+#   SHA256SUMS                      the checksums of both files
 #
 # The same commit and engine always give the same bytes, for every user, machine and time.
 set -eu

@@ -97,7 +97,7 @@ int setAttributes(SpawnAttributes& spawn) {
   return posix_spawnattr_setflags(&spawn.attributes, static_cast<short>(flags));
 }
 
-/// @return the process, or 0 with its errno in `error`
+/// @return the process, or 0, with the errno of the failure in `error`
 pid_t spawn(const ChildOptions& options, const std::vector<UniqueFd>& passed, int& error) {
   FileActions files;
   SpawnAttributes attributes;

@@ -51,16 +51,17 @@ class ChildProcess {
   /// @return whether the child has ended; false also after end()
   bool hasEnded() const;
 
-  /// Kills the child unless it has ended, and waits for its end for at most 1 s. The child may not
-  /// end, because it is in a system call that cannot be interrupted, because a debugger stops it,
-  /// or because root without CAP_KILL may not kill it. The log then gets a warning, and the next
-  /// start or end of a child waits for that child again.
+  /// Kills the child unless it has ended, and waits for its end for at most 1 s. There are three
+  /// reasons why a child does not end: it is in a system call that cannot be interrupted; a
+  /// debugger has stopped it; or this process is root without CAP_KILL, and has no right to kill
+  /// it. The log then gets a warning, and the next start or end of a child waits for that child
+  /// again.
   /// @return how the child ended, for the log: "exit 0", "signal 9", "does not end", or "ended" if
   ///         this function ran before
   std::string end();
 
-  /// @return whether end() has seen the child's end. If not, the child may still run and use what
-  ///         was passed to it, because this process may not signal it or because it does not end
+  /// @return whether end() has seen the child's end. If not, the child may still run, and may use
+  ///         everything that was passed to it
   bool isGone() const { return mIsGone; }
 
  private:

@@ -16,8 +16,8 @@ namespace sandbox {
 namespace {
 
 // The rights of Landlock's first version, and the rights that later versions added (move files
-// between folders, truncate them, control devices). The system's headers may not define the later
-// ones.
+// between folders, truncate them, control devices). Old headers of the system do not define the
+// later ones.
 constexpr std::uint64_t kFirstRights = (std::uint64_t{LANDLOCK_ACCESS_FS_MAKE_SYM} << 1U) - 1;
 constexpr std::uint64_t kMoveRight = std::uint64_t{1} << 13U;
 constexpr std::uint64_t kCutRight = std::uint64_t{1} << 14U;

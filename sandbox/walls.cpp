@@ -21,8 +21,8 @@ namespace sandbox {
 namespace {
 
 // On every distribution, these are the ids of the user nobody and of its group. The child processes
-// have no user account of their own: all of them would share it, and one child could then trace
-// another.
+// need no user account of their own: they own no files, and processes of the same user cannot trace
+// them (giveUpPrivileges).
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kNogroup = 65534;
 

@@ -21,7 +21,7 @@ namespace sandbox {
 /// If a wall could not be raised, the process must end without reading anything.
 using Failure = std::optional<std::string>;
 
-/// "what: text of errno".
+/// A failure with the text "WHAT: TEXT OF ERRNO".
 Failure failed(const std::string& what);
 
 enum class Network : std::uint8_t {
@@ -36,14 +36,14 @@ enum class Network : std::uint8_t {
 /// root keeps its user.
 Failure giveUpPrivileges(Network network);
 
-/// If memory runs out, the kernel ends this process first. This is not a wall: if the system has no
-/// such setting, this is not a failure. Call it before giveUpPrivileges.
+/// After this call, the kernel ends this process first if memory runs out. This is not a wall: if
+/// the system has no such setting, this is not a failure. Call it before giveUpPrivileges.
 void volunteerForOutOfMemory();
 
 struct Limit {
   decltype(RLIMIT_AS) resource;
   rlim_t value;
-  const char* name;  ///< for the report of a failure
+  const char* name;  ///< the limit's name in the report of a failure
 };
 
 /// Sets soft and hard limits. An existing tighter limit stays.

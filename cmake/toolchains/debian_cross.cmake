@@ -1,5 +1,5 @@
 # Another architecture, with Debian's cross compiler and Debian's own libraries. The file of an
-# architecture sets `architecture` (Debian's name), `triplet` and `emulator`, and includes this one.
+# architecture sets `architecture` (Debian's name), `triplet` and `emulator`, and includes this file.
 #
 # The libraries are in a folder that packaging/cross/sysroot.sh makes once per machine. A device with
 # other libraries names its own folder: -DPROXYMANAGER_SYSROOT=. Tests run under qemu's emulation of

@@ -11,7 +11,7 @@ folder=${2:?usage: sizes.sh TRIPLET FOLDER}
 printf '%-36s %10s %10s %10s %10s\n' file text data bss disk
 find "$folder" -type f \( -perm -u+x -o -name '*.so*' \) | sort | while read -r file; do
   sizes=$("$triplet-size" "$file" 2>/dev/null | awk 'NR == 2 { print $1, $2, $3 }')
-  [ -n "$sizes" ] || continue  # a script
+  [ -n "$sizes" ] || continue  # a script has no sizes
   # shellcheck disable=SC2086  # three numbers
   printf '%-36s %10s %10s %10s %10s\n' "${file#"$folder"/}" $sizes "$(stat -c %s "$file")"
 done

@@ -6,12 +6,12 @@
 # packages that packaging/debian/control names, with their dependencies, from the apt source of the
 # machine's own release. Programs from this folder run only in an emulator. The folder has the
 # packages of the release without later updates: a program that is linked with the oldest libraries
-# also runs with all newer ones.
+# also runs with all newer libraries.
 #
 # usage: packaging/cross/sysroot.sh ARCHITECTURE
 #
 # Prints the folder on standard output, and its steps on standard error. If the script runs several
-# times at once, one run makes the folder, and the others wait for it. If the list of packages
+# times at once, one run makes the folder, and the other runs wait for it. If the list of packages
 # changes, the script makes a new folder. You may remove older folders at any time.
 #
 # Environment: PROXYMANAGER_SYSROOT_CACHE, the folder that keeps the result
@@ -31,7 +31,8 @@ for tool in apt-get flock mmdebstrap sha256sum tar; do
   command -v "$tool" >/dev/null || fail "$tool is missing (packaging/dependencies.sh --cross)"
 done
 
-# The essential packages: all others may use these without a dependency.
+# The last two packages are a part of build-essential, so packaging/debian/control does not name
+# them.
 packages="$("$here/../dependencies.sh" --list-libraries) libc6-dev libstdc++-12-dev"
 include=$(echo "$packages" | tr -s ' \n' ',,' | sed 's/,$//')
 release=$(. /etc/os-release && echo "${VERSION_CODENAME:-unstable}")
@@ -49,15 +50,16 @@ apt-config dump --no-empty --format '%f "%v";%n' Acquire | grep -i proxy >"$work
 
 say "unpacking the packages for $architecture"
 # mmdebstrap makes a tar file, because an ordinary user cannot unpack files of other owners. Only
-# headers and libraries are taken from it: the emulator would use every other file of this folder
-# instead of the machine's own file.
+# headers and libraries are unpacked from the tar file: the emulator would use every other file of
+# this folder instead of the machine's own file.
 mmdebstrap --quiet --architectures="$architecture" --variant=extract --include="$include" \
   --format=tar --aptopt="$work/proxies" "$release" - "$source" 9>&- |
   tar -C "$staging" -x --no-same-owner ./lib ./usr/lib ./usr/include ./usr/share/cmake \
     ./usr/share/pkgconfig
 [ -e "$staging/usr/include/stdio.h" ] || fail "mmdebstrap gave no headers"
 
-# With an absolute link to /lib/..., the linker would use the machine's own libraries.
+# Makes absolute links relative: with an absolute link to /lib/..., the linker would use the
+# machine's own libraries.
 find "$staging" -type l -lname '/*' | while read -r link; do
   ln -sfn "$(realpath -m --relative-to="$(dirname "$link")" \
     "$staging$(readlink "$link")")" "$link"

@@ -1,6 +1,8 @@
 #!/bin/sh
-# Copies the hooks to the folders of their clients, below ROOT. The package does this, and the build of an
-# image may do it, too. usage: put_in_place.sh HOOKS ROOT
+# Copies the hooks to the folders of their clients, below ROOT. The build of the package
+# proxymanager-dhcp calls this script, and the build of an image can also call it.
+#
+# usage: put_in_place.sh HOOKS ROOT
 #
 # HOOKS is the installed folder share/proxymanager/hooks. udhcpc has no folder of hooks; see
 # README.md.

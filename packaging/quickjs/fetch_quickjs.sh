@@ -11,7 +11,7 @@
 #
 # Prints the folder with the unpacked source on standard output, and one line for each step on
 # standard error. Any user can run the script. If it runs several times at once, one run fetches the
-# source, and the others wait.
+# source, and the other runs wait.
 #
 # Environment: PROXYMANAGER_ENGINE_CACHE, the folder that keeps the result
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd). The script never removes a result. If you remove it,
@@ -20,7 +20,8 @@ set -eu
 
 package=quickjs-ng
 suite=trixie-backports
-# The first version without the holes of docs/security/; cmake/quickjs.cmake refuses an older one.
+# The first version without the vulnerabilities in docs/security/; cmake/quickjs.cmake refuses an
+# older version.
 reviewed=0.16.2
 
 say() { echo "quickjs: $*" >&2; }
@@ -39,9 +40,9 @@ kept_folder "$cache" "$package-source" "$suite-$reviewed"
 mkdir "$work/lists" "$work/cache"
 folder_for_apt "$work/source"
 
-# apt reads this after the machine's configuration. So proxies and credentials of the machine apply,
-# but its hooks do not run: they refresh other programs' caches, and these lists are not the
-# machine's.
+# apt reads this file after the machine's configuration. So proxies and credentials of the machine
+# apply, but its hooks do not run: they would refresh other programs' caches from the lists of this
+# run.
 cat >"$work/apt.conf" <<EOF
 #clear APT::Update::Pre-Invoke;
 #clear APT::Update::Post-Invoke;
@@ -68,8 +69,8 @@ entries() {
       ($2 in wanted) && !seen[$1]++ { print $1 }'
 }
 
-# repeat_entry FILE NUMBER: prints that entry as a source of $suite. Options that turn off the
-# verification of the entry (trusted, allow-insecure and the like) are left out.
+# repeat_entry FILE NUMBER: prints this entry as a source of $suite. Options that turn off the
+# verification of the entry (for example trusted and allow-insecure) are left out.
 repeat_entry() {
   case $1 in
     *.sources)
