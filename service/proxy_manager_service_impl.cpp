@@ -93,7 +93,7 @@ void ProxyManagerServiceImpl::startParser() {
 }
 
 void ProxyManagerServiceImpl::stop() {
-  mDbusHandler.refuseCalls();  // before the log line: no request is executed after the line
+  mDbusHandler.refuseCalls();  // before the log line: no request begins after the line
   logLine(LOG_INFO, "ProxyManagerServiceImpl-stop called ");
   mDbusHandler.detachService();
   {
