@@ -56,7 +56,7 @@ class Environment : public pac_worker::PacEnvironment {
   void alert(std::string_view /*text*/) override {}
 
  private:
-  static constexpr int kNobody = -1;  ///< never used: only a lookup at a server watches it
+  static constexpr int kNobody = -1;  ///< no descriptor: only a lookup at a name server watches one
 
   static pac_engine::NameSource source(pac_engine::StaticNames given) {
     pac_engine::NameSource names;

@@ -10,9 +10,9 @@ import random
 import zoneinfo
 from dataclasses import dataclass
 
-# Three zones. Berlin: Central Europe. Chatham: the offset is not whole hours (it ends with 45 minutes),
-# summer is in December, and for half of each day the date is not that of GMT. Los Angeles: for a third
-# of each day the date is not that of GMT.
+# Three zones. Berlin: Central Europe. Chatham: the offset is not a whole number of hours (it ends with
+# 45 minutes), summer is in December, and for half of each day the date is not that of GMT. Los Angeles:
+# for a third of each day the date is not that of GMT.
 ZONES = ("Europe/Berlin", "Pacific/Chatham", "America/Los_Angeles")
 UTC = datetime.timezone.utc
 

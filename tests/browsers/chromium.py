@@ -50,8 +50,8 @@ def version():
 
 
 def alerts(script, urls, zone="UTC", options=()):
-    """Loads `script`, asks for each of `urls`, and returns the texts of alert(), each only once. In the
-    script, the variable PROXY_PORT is the port of a proxy."""
+    """Loads `script`, requests each of `urls`, and returns the texts of alert() without
+    repetitions. In the script, the variable PROXY_PORT is the port of a proxy."""
     server = _Listener(("127.0.0.1", 0), _Server)
     server.script = f"var PROXY_PORT = {server.server_port};\n{script}".encode()
     server.page = "".join(f"<img src='{url}'>" for url in urls).encode()

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Compares the helpers of PAC scripts with a browser's: value, type and exception.
+"""Compares the results of the helpers of PAC scripts (value, type, exception) with those of a
+browser.
 
 usage: compare.py --build=BUILD [--seed=N] [--calls=N] [--scripts=N] [--record=FILE]
        compare.py --build=BUILD --replay=FILE
@@ -30,7 +31,7 @@ from scripts import Scripts  # noqa: E402
 CALLS_A_RUN = 5000
 SCRIPTS_A_RUN = 250
 MOST_SHOWN = 20
-FIREFOX_CALLS = 2000  # Firefox answers this number of calls, of the first run in each zone
+FIREFOX_CALLS = 2000  # the number of calls that Firefox answers in the first run of each zone
 # The intended differences, which docs/pac-language.md lists.
 KEPT = (
     ("isPlainHostName of an IPv6 literal in brackets", re.compile(r"isPlainHostName\('\[[0-9a-f:.]+\]'")),

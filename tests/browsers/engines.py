@@ -9,8 +9,8 @@ import firefox
 from scripts import NAMES
 
 _HERE = os.path.dirname(os.path.abspath(__file__))
-# These numbers stay below the limits of a browser: it looks up 20 names in one evaluation, and an
-# alert has a maximum length.
+# These numbers stay below the limits of a browser. A browser looks up at most 20 names in one
+# evaluation, and limits the length of an alert.
 LOOKUPS_AT_ONCE = 15
 CALLS_AT_ONCE = 60
 
@@ -28,13 +28,12 @@ def _script(functions, calls):
 
 def _lookups(call):
     if call.expression.startswith("scripts"):
-        return 2  # the host is looked up for one address family and for both
+        return 2  # two lookups of the host: for one address family, and for both
     return call.expression.startswith(("dnsResolve", "isResolvable", "isInNet("))
 
 
 def _groups(calls):
-    """Puts the numbers (indexes) of the calls into groups. One evaluation makes the calls of one
-    group."""
+    """Puts the indexes of the calls into groups. One evaluation makes the calls of one group."""
     groups, lookups = [[]], 0
     for number, call in enumerate(calls):
         more = _lookups(call)

@@ -114,7 +114,8 @@ def _browser(preferences, environment):
 
 
 def alerts(script, urls, zone="UTC"):
-    """Loads `script`, asks for each of `urls`, and returns the texts of alert() that begin with "#"."""
+    """Loads `script`, asks for the proxies of each of `urls`, and returns the texts of alert() that
+    begin with "#"."""
     server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), _Script)
     server.script = ("var PROXY_PORT = 1;\n" + script).encode()
     threading.Thread(target=server.serve_forever, daemon=True).start()

@@ -3,8 +3,8 @@ addresses."""
 
 from calls import MONTHS, WEEKDAYS, Call, Calls
 
-# There are only a few names, because one evaluation tries many scripts, and a browser limits the names
-# that it looks up in one evaluation.
+# There are only a few names, because one evaluation tries many scripts, and a browser limits the number
+# of names that it looks up in one evaluation.
 NAMES = {"www.corp.test": "10.1.2.3", "intra.corp.test": "192.168.7.7", "six.test": "2001:db8::1",
          "far.example.com": "203.0.113.9", "mail.example.com": "172.16.4.4"}
 HOSTS = (*NAMES, "missing.test", "intranet", "localhost", "10.1.2.3", "192.168.7.200", "2001:db8::7",
@@ -17,7 +17,7 @@ ANSWERS = ("'DIRECT'", "'PROXY one.test:8080'", "'PROXY one.test:8080; DIRECT'",
            "`PROXY ${host}:3128`", "'PROXY ' + proxies[0]", "fallback", "''", "null", "undefined", "7",
            "{ toString() { return 'DIRECT' } }", "[ 'DIRECT' ]", "new String('DIRECT')", "answerOf(host)")
 # _odd() leaves out calls that begin with these texts: lookups, because the rules of the scripts look up
-# known names only; brackets, because they are an intended difference.
+# only known names, and brackets, because they are an intended difference.
 NOT_ODD = ("dnsResolve", "isResolvable", "isInNet", "myIpAddress", "isPlainHostName('[")
 
 

@@ -4,9 +4,10 @@ analysis (which mutex guards what). With --tidy, it runs clang-tidy with .clang-
 
 usage: clang_says.py [--tidy] BUILD TREE | --self-test TREE
 
-It checks every C++ source of the tree that BUILD compiles, with the arguments of its compile
-command. clang-tidy takes four times as long as the compiler. Sources of tests are left to GCC,
-because most of the time would be for the test framework's headers.
+It checks every C++ source of the tree that BUILD compiles, except tests and benchmarks, with the
+arguments of its compile command. clang-tidy takes four times as long as the compiler. Only GCC
+checks the sources of tests, because clang would need most of the time for the test framework's
+headers.
 """
 
 import concurrent.futures
@@ -26,8 +27,8 @@ TESTS = ("tests", "bench")
 
 
 # These headers are precompiled, which saves most of the time for most sources. No header of the
-# tree is in this list, so clang still reports its findings there. GCC checks that each source
-# includes the headers that it needs.
+# tree is in this list, so clang still reports its findings in the tree's headers. GCC checks that
+# each source includes the headers that it needs.
 STANDARD = ("algorithm array atomic chrono condition_variable cstdint functional map memory mutex "
             "optional stdexcept string string_view thread utility vector").split()
 # Headers of libraries that take more time than all others. They are precompiled only for sources
@@ -36,8 +37,9 @@ HEAVY = ("CLI/CLI.hpp", "nlohmann/json.hpp")
 
 # These arguments of a compile command are left out, with their values.
 WITH_VALUE = {"-o", "-c", "-MF", "-MT", "-MQ"}
-# The hardening options do not change the findings. With them, the macros would differ from those of
-# a precompiled header, and clang 14 would need a second option for -ftrivial-auto-var-init.
+# These hardening options are left out, because they do not change the findings. With them, the
+# macros would differ from those of a precompiled header, and clang 14 would need a second option
+# for -ftrivial-auto-var-init.
 HARDENING = {"-U_FORTIFY_SOURCE", "-D_FORTIFY_SOURCE=2", "-D_FORTIFY_SOURCE=3", "-D_GLIBCXX_ASSERTIONS",
              "-ftrivial-auto-var-init=zero"}
 WITHOUT_VALUE = {"-MD", "-MMD", *HARDENING}
@@ -66,8 +68,8 @@ class Precompiled:
         self._made = {}
 
     def options_for(self, file, options):
-        """The options with which clang uses the precompiled header; no options if clang could not
-        make the header."""
+        """Returns the options with which clang uses the precompiled header, or no options if clang
+        could not make the header."""
         text = "".join(source.read_text(encoding="utf-8", errors="replace") for source in sources_of(file))
         headers = (*STANDARD, *(header for header in HEAVY if f"#include <{header}>" in text))
         # The macros and folders of a target do not change the content of these headers.
@@ -103,7 +105,7 @@ def tidied(file, tree, options):
 
 
 def sources_of(file):
-    """The file itself, or the sources that CMake has joined in it."""
+    """Returns the file itself, or the sources that CMake has joined in the file."""
     if not file.match("Unity/unity_*_cxx.cxx"):
         return [file]
     return [pathlib.Path(name) for name in
@@ -117,8 +119,8 @@ def is_shipped(source, build, tree):
 
 def shipped(build, tree, joined):
     """The compile commands of the sources that are not tests, each source once. With `joined`, files
-    in which CMake has joined sources stay as they are, which saves time. Long sources come first, so
-    that at the end no processor works alone on one of them."""
+    in which CMake has joined sources stay as they are, which saves time. Long sources come first.
+    Otherwise, one processor could still check a long source when the others have finished."""
     entries = json.loads((build / "compile_commands.json").read_text(encoding="utf-8"))
     files, sources = {}, set()
     for entry in entries:

@@ -5,7 +5,7 @@ usage: client_library.py TREE LIBRARY VERSION CC CXX [SANITIZER]
 
 The library has exactly the functions of the C header, each with a version. It needs only
 libraries that programs already have. Each header compiles in its languages without a warning,
-also if it is the only header.
+also if no other header is included.
 """
 
 import os

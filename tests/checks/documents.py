@@ -17,7 +17,7 @@ import subprocess
 import sys
 import tempfile
 
-# In lines. If a document is longer, move a part of it to a separate document.
+# The limits in lines. If a document is longer, move a part of it to a separate document.
 LONGEST = {"README.md": 170, "docs/testing.md": 250}
 OPTIONS = "docs/installing.md"
 INTEGRATION = "docs/integration.md"

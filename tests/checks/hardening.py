@@ -7,8 +7,8 @@ usage: hardening.py CMAKE BUILD | --self-test COMPILER
   writable and executable, resolves its symbols at its start, and protects its relocations and its
   stack.
 - Some hardenings cannot be seen in the file. For these, the check reads the compile commands of
-  all sources except tests and benchmarks. Control-flow protection is one of them: the linker
-  keeps its mark only if the start files of the C library have it.
+  all sources except tests and benchmarks. Control-flow protection is one of them: the linker marks
+  the file as protected only if the start files of the C library have this mark, too.
 """
 
 import json
@@ -67,7 +67,7 @@ def installed(cmake, build, prefix):
 
 
 def uncompiled(commands, tree):
-    """The compile commands that do not have one of the required options."""
+    """The compile commands in which at least one of the required options is missing."""
     flow = CONTROL_FLOW.get(os.uname().machine)
     for entry in commands:
         source = os.path.normpath(os.path.join(entry["directory"], entry["file"]))

@@ -24,9 +24,9 @@ CTL_DAEMON = "client/ctl/daemon/"
 CTL_COMMANDS = "client/ctl/commands/"
 CTL_OWN = ("client/ctl/exit_status.h", "client/ctl/failure.h")
 
-# Folder -> the beginnings of the paths that it may include, in addition to its own. A file
-# belongs to the row with the longest folder name that fits. So a row for a subfolder replaces the
-# row of the folder above.
+# Folder -> the beginnings of the paths that the folder may include, in addition to its own path. A
+# file belongs to the row with the longest folder name that matches the file's path. So a row for a
+# subfolder replaces the row of the folder above.
 ARROWS = {
     "base/": (),
     "sandbox/": ("base/",),
@@ -48,7 +48,7 @@ ARROWS = {
                  "pac/", "dbus/"),
     # Other programs link the library, so it contains no code of the daemon.
     CLIENT_LIBRARY: ("base/", "domain/"),
-    # Programs load these modules. They use the library only by its public header.
+    # Programs load these modules. The modules use the library only through its public header.
     "client/gio/": (),
     "client/libproxy/": (),
     CTL: (CTL_TERMINAL, CTL_DAEMON, CTL_COMMANDS, "base/"),

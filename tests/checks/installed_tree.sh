@@ -13,7 +13,7 @@ fail() {
 }
 
 "$cmake" --install "$build" --prefix "$prefix/first" >/dev/null
-# The programs must also work in another folder than the one they were installed to.
+# The programs must also work in a folder that is not the one that they were installed to.
 mv "$prefix/first" "$prefix/second"
 
 for file in "$@"; do
@@ -26,8 +26,8 @@ for file in "$@"; do
   if readelf -d "$installed" | grep -E 'R(UN)?PATH' | grep -vF '[$ORIGIN/..'; then
     fail "$file remembers a folder"
   fi
-  # Debug information may contain paths, but the rest of a program must not. The address sanitizer
-  # keeps the names of the sources that CMake has joined.
+  # Debug information may contain paths of the build folder, but the rest of a program must not. The
+  # address sanitizer keeps the names of the sources that CMake has joined.
   if strings -d "$installed" | grep -F "$build/" | grep -v '/Unity/unity_[0-9]*_cxx\.cxx$'; then
     fail "$file remembers its build folder"
   fi

@@ -6,7 +6,7 @@ usage: licences.py TREE | --self-test
 
 - `reuse lint` finds a licence and a copyright holder for each file (.reuse/dep5, LICENSES/).
 - packaging/debian/copyright states the licence of our own files in the words of
-  LICENSES/LicenseRef-Undecided.txt, so that the owner has to decide only in one place.
+  LICENSES/LicenseRef-Undecided.txt, so that the owner has to decide in only one place.
 - packaging/debian/copyright names each library whose code is in our programs. These are the
   libraries of the build that have no shared object, or whose shared object no program uses
   (docs/security/sbom.cdx.json).
@@ -26,7 +26,7 @@ SENTENCE = "LICENSES/LicenseRef-Undecided.txt"
 
 
 def lint(tree):
-    """The findings of reuse; empty if there are none."""
+    """Returns the findings of reuse, or an empty text if there are no findings."""
     # The tests run as root, and the tree may belong to another user. Without this setting, git
     # refuses to list such a tree.
     git = {"GIT_CONFIG_COUNT": "1", "GIT_CONFIG_KEY_0": "safe.directory", "GIT_CONFIG_VALUE_0": "*"}

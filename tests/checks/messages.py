@@ -4,8 +4,8 @@ source.
 
 usage: messages.py TREE | --table TREE | --self-test
 
-A message is the format of a call of logLine() in the shipped sources. The source has it
-literally, in one piece, so that `git grep -F` finds a line of a journal.
+A message is the format of a call of logLine() in the shipped sources. The source contains the
+message literally, in one piece, so that `git grep -F` finds a line of a journal.
 
 Fails if
 - a message begins with "%s", because then its first words are in no source;
@@ -72,13 +72,13 @@ def words(message):
 
 
 def pattern(message):
-    """The text that a test contains if it asserts the message: its words up to the first long
-    piece."""
+    """A pattern that a test matches if it asserts the message: the words of the message up to the
+    end of the first long piece."""
     found = ""
     for piece in words(message):
         found += ("[^\\n]*?" if found else "") + re.escape(piece)
         # After the first piece of 12 characters or more, the rest is not compared: a test may omit
-        # it. Before it, any text may replace a conversion such as %s.
+        # it. Before the end of that piece, any text may replace a conversion such as %s.
         if len(piece.strip()) >= 12:
             break
     return re.compile(found)

@@ -5,8 +5,8 @@ usage: promised_tests.py TREE | --self-test
 
 The document has tables of two kinds. If the last column is headed "held by", the last cell of each
 row names at least one test in backticks: `FILE: SUITE.TEST`, `FILE: test_function`, or, for a test
-that CMake registers, `FOLDER/CMakeLists.txt: NAME`. If it is headed "reason", the last cell gives the
-reason why there is no test.
+that CMake registers, `FOLDER/CMakeLists.txt: NAME`. If the last column is headed "reason", the last
+cell gives the reason why there is no test.
 
 The check cannot judge whether the test proves the promise.
 """

@@ -3,14 +3,14 @@
 
 usage: security_documents.py CMAKE BUILD | --self-test CMAKE
 
-- A program that is installed is in the SBOM, with each library that it is linked with.
+- Each installed program is in the SBOM, with each library that the program is linked with.
 - Each package URL of Debian names an installed package with its installed version. The engine has
   the same URL in both documents: the URL of its package, or of upstream's release if it was built
   from source.
 - Each hole of docs/security/engine_holes.json is in the VEX document once, with a state. Its
   proof exists, unless the hole is in triage. Each proof belongs to a hole.
 - The copies in docs/security/ (one of them comes with the source tarball) name the same holes,
-  programs and compiled-in parts.
+  programs and compiled-in parts as the documents of the build.
 """
 
 import json

@@ -317,7 +317,7 @@ TEST(AllocationFault, InAQuestionToTheWorkerCostsThatQuestionAlone) {
     ASSERT_EQ(engine->evaluate("http://h/", host).result, right) << "after allocation " << failed;
   }
   EXPECT_GE(failed, 8);
-  // c-ares allocates only with malloc, so with sanitizers no allocation of a lookup fails.
+  // c-ares allocates only with malloc. With sanitizers, malloc never fails, so no lookup fails.
   EXPECT_GE(lost, kMallocFails ? 5 : 0) << "no allocation of a lookup has failed";
   EXPECT_GT(server.questions("a.example"), failed) << "the name was not looked up again";
 }

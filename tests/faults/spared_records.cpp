@@ -1,5 +1,5 @@
 // By its contract, string2Char does not check whether its allocation succeeds. So in these tests,
-// its allocations never fail. The linker replaces its calls by calls of __wrap_....
+// its allocations never fail. The linker replaces the calls of string2Char by calls of __wrap_....
 #include <cstdint>
 
 #include "tests/support/failing_allocator.h"

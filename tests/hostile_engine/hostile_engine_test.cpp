@@ -139,8 +139,8 @@ bool isOfTheSurroundings(const Problem& problem) {
   return std::regex_search(problem.message, std::regex("ReferenceError|SyntaxError"));
 }
 
-/// A file of the engine's tests as a PAC script. The assertion functions replace their import. They
-/// stand at the end, so that the line numbers of the script do not change.
+/// A file of the engine's tests as a PAC script. The assertion functions replace their import.
+/// These functions are at the end, so that the line numbers of the script do not change.
 std::string asPacScript(const fs::path& path) {
   const std::string file = contentsOf(path);
   const std::string script = std::regex_replace(file, kAssertions, "");

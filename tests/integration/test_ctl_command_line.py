@@ -6,7 +6,7 @@ import re
 from support.ctl import ANSWERED, COMMANDS, MAX_URL, OUTPUT, UNAVAILABLE, USAGE, commands
 
 PAGE = pathlib.Path(__file__).parents[2] / "docs/man/proxymanagerctl.1"
-# The statuses in the help of a command, before those that all commands have.
+# The exit statuses that the help of a command lists before those of all commands.
 OWN_STATUSES = {"get": ["0", "1"], "exec": ["1", "126", "127"],
                 **{name: ["0", "65", "66"] for name in ("off", "manual", "pacurl", "wpad")}}
 

@@ -245,8 +245,9 @@ def test_a_device_may_have_no_address_at_all(ctl):
 
 
 def at(year, month, day, hour, minute, second, zone="GMT"):
-    """A script that returns whether the given second is now. With a zone, it uses Date.
-    Without a zone, it asks the helpers for the local time."""
+    """A script that returns whether the clock shows the given second. With a zone, the second is in
+    UTC, and the script uses Date. Without a zone, the second is in local time, and the script uses
+    the helpers."""
     if zone:
         return returning(f"String(Date.now() == "
                          f"Date.UTC({year}, months.{month}, {day}, {hour}, {minute}, {second}))")
@@ -494,9 +495,8 @@ def test_endless_loop_at_load_is_refused_in_time(ctl):
 
 
 def said_in_time(step):
-    """Runs `step`, and returns its result. It must take less than 6 s in one of five tries. If the
-    machine stands still for a moment, the worker is killed from outside, and the message is a
-    different one."""
+    """Runs `step`, and returns its result. `step` must take less than 6 s in one of five tries. If
+    the machine pauses, the worker is killed from outside, and the message is different."""
     said = []
     assert shortest(6, lambda: said.append(step()),
                     is_done=lambda: "the time limit of" in said[-1]) < 6

@@ -60,7 +60,7 @@ def test_scripts_as_companies_write_them_get_their_findings_and_no_others(ctl):
             wrong[path.name] = findings ^ set(expected(text))
     assert wrong == {}
     assert rules == set(re.findall(r"^## ([a-z-]+)$", PAGE.read_text(), re.MULTILINE))
-    # Each rule has a script that nearly causes its finding, but does not.
+    # For each rule, there is a script that nearly causes the rule's finding. It must not cause it.
     for rule in rules:
         near = HERE / "lint" / (rule.replace("-", "_") + "_absent.pac")
         assert rule not in {found for _, found in expected(near.read_text())}
@@ -144,7 +144,8 @@ def test_a_regular_expression_that_is_too_long_is_not_examined(ctl):
 
     assert is_found("^(a+)+" + "(?:)" * 248 + "b$") and len("^(a+)+" + "(?:)" * 248 + "b$") == 1000
     assert not is_found("^(a+)+" + "(?:)" * 248 + "bc$")
-    assert is_found("^(a+)+b{197}$") and not is_found("^(a+)+b{198}$")  # 200 parts, with "^", "a" and "$"
+    # The limit is 200 parts. The first expression has 197 times "b", and also "^", "a" and "$".
+    assert is_found("^(a+)+b{197}$") and not is_found("^(a+)+b{198}$")
     assert not is_found("^((a*){9999}){9999}b$")
 
 

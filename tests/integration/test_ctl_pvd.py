@@ -221,7 +221,8 @@ def test_a_document_narrows_what_its_proxies_get_and_widens_nothing(ctl, port80,
     port80.routes["/p.pac"] = result.output
     client.update("pacurl", pacurl="http://127.0.0.1/p.pac")
     wait_until(lambda: len(client.urls("http://a.test/")) > 1, "the script answers")
-    # The last rule matches this machine, too, and the policy for this machine has priority over it.
+    # The last rule also matches this machine. The policy for this machine has priority over this
+    # rule.
     urls = ["http://direct.test/", "http://a.test/", "http://b.test:81/", "http://localhost/"]
     assert [client.urls(url)[1:] for url in urls[:3]] == [
         ["DIRECT"], ["PROXY p.example.test:8080"], ["PROXY known.test:1"]]

@@ -108,7 +108,7 @@ def test_wait_goes_on_with_a_script_that_is_refused_or_of_a_daemon_before(ctl, b
     assert daemon.stop() == 0
     daemon.start()
     client.update("pacurl", pacurl="http://127.0.0.1:1/")
-    # The clock may also have been set after the fetch.
+    # The file seems older than the daemon. But the clock may have been set after the fetch.
     assert said(ctl("wait", "--script", "--timeout", "3")) == (
         TRY_AGAIN, "after 3 s, it is not known whether proxymanagerd has a script: the file is older "
                    "than the daemon, or the clock was set; only systemd would know")

@@ -263,7 +263,7 @@ def test_a_full_disk_leaves_the_saved_file_as_it_was(ctl, bus, group):
     os.makedirs(FOLDER + "/settings.d")
     with open(SAVED, "w") as file:
         file.write('mode = "off"\n')
-    # In this shell, a program cannot write one byte to any file.
+    # In this shell, a program cannot write even one byte to any file.
     status, message = said(ctl("wpad", "--save", wrapper=["sh", "-c", 'trap "" XFSZ; ulimit -f 0; exec "$@"',
                                                           "sh"]))
     assert (status, message) == (OUTPUT, f"{SAVED}: File too large")

@@ -154,7 +154,7 @@ def test_systemd_and_status_show_the_last_walk_and_the_last_update(ctl, web, sys
     web.routes["/p.pac?token=geheim"] = web.routes["/p.pac"]
     host = web.url("").removeprefix("http://")
     with Client() as client:
-        with socket.create_server(("127.0.0.1", 0)) as silent:  # it never answers, so the walk continues
+        with socket.create_server(("127.0.0.1", 0)) as silent:  # `silent` never answers, so the walk continues
             client.update("pacurl", pacurl="http://127.0.0.1:%d/" % silent.getsockname()[1])
             systemd.wait_for(re.compile(rf"mode pacurl, updated {TIME}; no script; "
                                         rf"walking since {TIME}").fullmatch,

@@ -678,7 +678,7 @@ def test_differences_are_shown_for_given_urls(ctl):
     assert (result.status, result.json["urls"], result.json["generated"]) == (NO_ANSWER, 3, False)
     assert [group["urls"] for group in result.json["groups"]] == [["http://1.example/", "http://2.example/"]]
     assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-u", "http://same/").status == ANSWERED
-    # If a list has no URL, the command makes none.
+    # If the given list is empty, the command does not generate URLs.
     empty = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-f", "-", "--json")
     assert (empty.status, empty.json["urls"], empty.json["generated"]) == (ANSWERED, 0, False)
     assert ctl("pac", "diff", "-", "/tmp/new.pac", "-f", "-").status == USAGE
@@ -737,6 +737,6 @@ def test_the_session_of_the_document_is_real(ctl, build):
 
 
 def without_shares(text):
-    """The text without times and the values that depend on them."""
+    """The text without times, and without the values that depend on times."""
     text = re.sub(r"\d+(\.\d+)? (us|ms|s)\b", "TIME", text)
     return re.sub(r"\d+ % of the time|(?<=TIME  )http\S+", "SHARE", text)

@@ -33,7 +33,8 @@ NOWHERE = "http://127.0.0.1:9"
 
 
 class Home:
-    """Runs programs of a user who has a home folder, and proxymanagerctl in the path."""
+    """Runs programs in the environment of a user with a home folder. proxymanagerctl is in the
+    PATH."""
 
     def __init__(self, ctl):
         self.path = pathlib.Path("/run/home")

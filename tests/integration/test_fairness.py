@@ -114,8 +114,8 @@ def test_a_connection_has_64_questions_that_wait_and_the_others_are_answered_at_
                                    "getProxyurl", "s", QUESTION)
         for _ in range(70):
             connection.send(question)
-        # One question is evaluated, 64 wait, and five are too many. The order shows that those
-        # five were answered before the 64.
+        # One question is evaluated, 64 wait, and five are too many. The order of the answers shows
+        # that those five were answered before the 64.
         for _ in range(6):
             assert receive(connection) == (["pacurl"],)
         syslog.wait_match(WARNING, r"ProxyManagerDbusHandler-handle_message too many questions wait, "
@@ -147,7 +147,7 @@ def test_calls_of_a_connection_that_left_are_dropped(endless):
             connection.send(question)
         client.call("Ping", interface="org.freedesktop.DBus.Peer")
         connection.close()
-        for count in range(3):  # each waits for at most one question of the closed connection
+        for count in range(3):  # each call waits for at most one question of the closed connection
             client.urls(f"http://{count}.quick.example/")
         begin = time.monotonic()
         client.urls("http://again.quick.example/")

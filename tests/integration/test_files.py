@@ -37,7 +37,7 @@ def files(*others):
             for name in folders + names:
                 status = os.lstat(os.path.join(path, name))
                 kept = (status.st_mode, status.st_uid, status.st_ino)
-                # Devices are those of the machine, and other programs write to them.
+                # The devices are the machine's own devices, so other programs write to them.
                 is_kept_alone = name in folders or stat.S_ISCHR(status.st_mode)
                 found[os.path.join(path, name)] = kept if is_kept_alone else (
                     *kept, status.st_size, status.st_mtime_ns)
@@ -76,7 +76,7 @@ def test_it_writes_the_script_and_the_run_file_and_nothing_else(build, bus, sysl
         for mode in ("wpad", "manual", "off"):
             assert client.update(mode, proxyurl="p:1") == 0
             client.urls("http://b/")
-    # Mode manual has ended a transfer. Its temporary file still exists for a moment.
+    # Mode manual has ended a transfer. The transfer's temporary file still exists for a moment.
     wait_until(lambda: changed(before, files(build, tree)) == {PAC, RUN_FILE}, "these two files")
     assert daemon.stop() == 0
     assert changed(before, files(build, tree)) == {PAC}

@@ -42,11 +42,12 @@ class GlibPrograms:
         os.makedirs("/run/home", mode=0o700)
 
     def soup(self, url=PAGE, **variables):
-        """The output of soup_get; its error text if it fails."""
+        """Returns the output of soup_get, or its error text if soup_get fails."""
         return self._run([os.path.join(self._tests, "soup_get"), url], variables)
 
     def gio(self, url=PAGE, **variables):
-        """The output of `gio cat`; its error text if it fails. gvfs needs a session bus."""
+        """Returns the output of `gio cat`, or its error text if the command fails. gvfs needs a
+        session bus."""
         return self._run([*OVER_USR, os.path.join(self._tests, "gio_clients"), "dbus-run-session",
                           "--", "gio", "cat", url], variables)
 

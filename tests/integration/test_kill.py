@@ -61,7 +61,7 @@ def children_here():
 
 @pytest.mark.slow
 def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, syslog, web):
-    """Kills the daemon during download, installation and load; every second time, a script is
+    """Kills the daemon during download, installation and load. In every second round, a script is
     already loaded."""
     make_watched_files()
     seed = random.randrange(1 << 32)
@@ -101,7 +101,7 @@ def test_killed_at_two_hundred_moments_it_leaves_a_whole_script(build, bus, sysl
         outcomes["half"] += os.path.exists(TEMPORARY)
         before = found
     print(outcomes)
-    # Otherwise, the test did not kill the daemon at the right moments.
+    # If one of these numbers is too small, the test did not kill the daemon at the right moments.
     assert outcomes["old"] > 10 and outcomes["new"] > 10 and outcomes["half"] > 10, outcomes
     wait_until(lambda: children_here() == [], "no child process outlives its daemon", LIMIT)
     syslog.clear()

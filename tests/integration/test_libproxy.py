@@ -1,5 +1,5 @@
-"""Compares libproxy.so.1 with Debian's own: its symbols, the variables that it reads, and
-programs that are linked with it.
+"""Compares this tree's libproxy.so.1 with Debian's: the symbols, the environment variables that
+each library reads, and programs that are linked with it.
 
 Debian's library and its tool are unpacked below the build folder and not installed.
 """

@@ -79,8 +79,8 @@ def test_killed_it_starts_again(daemon, build, syslog):
 
 
 def shortest_stop(daemons, build, limit, sanitizer, configure):
-    """Returns the shortest time in seconds in which a daemon ends, of up to five tries; 0 under
-    sanitizers. Each try after the first starts another daemon."""
+    """Returns the shortest time, in seconds, that a daemon needs to end, of up to five tries. Under
+    sanitizers, returns 0. Each try after the first starts another daemon."""
     def start():
         if daemons[-1].process.poll() is not None:
             daemons.append(Daemon(build))

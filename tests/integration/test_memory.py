@@ -27,8 +27,8 @@ def measured(bus, daemon, sanitizer):
         pytest.skip("this machine does not show which pages processes share")
 
     def least(*pids):
-        """In bytes: the smallest of some readings, because pages move while other programs need
-        memory."""
+        """The smallest of five readings, in bytes. The readings differ, because the kernel moves
+        pages while other programs need memory."""
         readings = []
         for _ in range(5):
             readings.append(unshared(bus.process.pid, *pids) * 1024)

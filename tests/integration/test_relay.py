@@ -97,9 +97,9 @@ def test_a_failed_proxy_at_each_position_is_passed_over_and_the_next_request_doe
         relay, origin, daemon, client, web):
     relay.configure('connect-time = "2s"\n')
     relay.start()
-    # Each Proxy has an answer to CONNECT and one to GET. The GET must not reach the bad proxy. For
-    # GET, the silent proxy would close the connection, because the relay waits long for an answer
-    # to GET.
+    # The arguments of Proxy are its answers to CONNECT and to GET. The GET must not reach the bad
+    # proxy. If it does, even the silent proxy closes the connection, because the relay would wait
+    # long for an answer to GET.
     kinds = (DeadProxy, lambda: Proxy("silent", ""), lambda: Proxy("", ""),
              lambda: Proxy("reset", "reset"), lambda: Proxy("220 smtp\r\n\r\n", "220 smtp\r\n\r\n"))
     # All proxies keep their ports until the end. Otherwise a good proxy could get the port of a
@@ -413,7 +413,7 @@ def test_the_page_shows_where_the_script_is_from_and_its_age(
 
 
 def describe_age(line):
-    """Returns the status line `line` with an old script, of 2001."""
+    """Returns the status line `line`, changed so that its script is from 2001."""
     return re.sub("script of [^;]*;", "script of 2001-01-01T00:00:00Z;", line)
 
 

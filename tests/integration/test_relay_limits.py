@@ -49,7 +49,7 @@ class HoldingDaemon:
                 self._changed.notify_all()
 
     def answer_one(self):
-        """Answers the oldest question. @return the question that comes next"""
+        """Answers the oldest question. @return the next question"""
         with self._changed:
             count = len(self.asked)
             call = self._held.pop(0)

@@ -60,8 +60,8 @@ def running(relay):
 
 
 def once_of_five(attempt):
-    """A body waits one second for the proxy. The test has five tries, because a busy machine may
-    be late."""
+    """The relay waits one second for the proxy's answer before it sends a body. The test has five
+    tries, because a busy machine may be late."""
     for _ in range(4):
         with contextlib.suppress(AssertionError):
             return attempt()

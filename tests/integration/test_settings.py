@@ -191,8 +191,7 @@ def test_a_script_that_was_not_there_is_asked_for_again(settings, daemon, client
     settings.start()
     web.wait("/proxy.pac")
     web.routes["/proxy.pac"] = script("PROXY late.example:1")
-    # The network changes, for example because a link comes up. Then the next try is a second
-    # later.
+    # If the network changes, for example because a link comes up, the next try is one second later.
     link("dummy0", 100)
     wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY late.example:1"],
                "the script answers")
@@ -206,8 +205,8 @@ def test_a_script_that_has_arrived_is_not_asked_for_again(settings, daemon, clie
                "the script answers")
     before = updates(syslog)
     link("dummy0", 100)
-    # The service looks at the script after a second instead of ten. After that, it waits for
-    # nothing more.
+    # The service checks after one second, instead of ten, whether the script has arrived. Then the
+    # service has no timer any more.
     wait_until(lambda: settings.next_timer() is None, "it has looked")
     assert updates(syslog) == before
 

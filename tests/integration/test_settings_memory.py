@@ -25,8 +25,8 @@ def settings(build, own_network, syslog, bus, sanitizer):
 @pytest.fixture
 def measured(bus, daemon, settings):
     def least():
-        """The smallest of some readings in bytes, because pages move while other programs need
-        memory."""
+        """The smallest of some readings, in bytes. The readings differ, because the kernel moves
+        pages while other programs need memory."""
         readings = []
         for _ in range(5):
             others = (daemon.pid, *daemon.children())

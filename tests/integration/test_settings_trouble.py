@@ -62,7 +62,7 @@ def test_a_script_answers_soon_after_a_network_that_comes_twenty_seconds_late(se
         begin = time.monotonic()
         wait_until(lambda: client.urls("http://h.example/") == ["pacurl", "PROXY late.example:1"],
                    "the script answers")
-        # By the timer, the next retry would come ten seconds later.
+        # Without the change of the network, the next retry would come ten seconds later.
         assert time.monotonic() - begin < ANSWER_TIME
     daemon.close()
 
@@ -292,7 +292,7 @@ def test_a_user_with_sixty_four_waiting_questions_leaves_room_for_others(setting
     other = NetworkManager()
     other.ask("http://h.example/")
     wait_until(lambda: daemon.count("getProxyurl") == 2, "two are at the daemon")
-    # Answered questions do not count any more.
+    # Answered questions do not count for the limit any more.
     daemon.close()
     for manager, count in (*((manager, 8) for manager in managers[:8]), (other, 1)):
         assert [reply.body[0] for reply in manager.replies(count)] == ["DIRECT"] * count
@@ -407,7 +407,8 @@ def test_a_question_of_sixteen_kibibytes_is_asked_and_a_longer_one_refused(setti
 
 
 def test_callers_that_only_ask_cost_no_match_of_the_bus(settings, bus):
-    """The bus allows the service 512 match rules. If it refused one, the service would end."""
+    """The bus allows the service 512 match rules. If the bus refused a rule, the service would
+    end."""
     daemon = StandIn({"updateProxyconfig": ("i", (0,)), "getProxyurl": ("as", (["off", ""],)),
                       "getProxyconfig": "org.freedesktop.DBus.Error.Failed"})
     settings.start()

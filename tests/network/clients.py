@@ -76,7 +76,7 @@ class Udhcpc:
         self._process.send_signal(signal.SIGUSR1)
 
     def count(self, event):
-        """How often the client's script has finished `event`."""
+        """The number of times that the client's script has finished `event`."""
         done = "/run/udhcpc_events"
         return open(done).read().split().count(event) if os.path.exists(done) else 0
 

@@ -40,8 +40,8 @@ def pytest_sessionstart(session):
 
 @pytest.fixture
 def hooks(root, build, request):
-    """The folder of the hooks. The hooks contain the path of the program that they call; the
-    program is at this path."""
+    """The folder of the hooks. The hooks contain the path of the program that they call. The
+    fixture makes a link to the program at this path."""
     libexec = request.config.getoption("--libexec")
     if os.path.isdir(libexec):
         mount_empty(libexec, "mode=0755")

@@ -75,8 +75,8 @@ class Gateway:
         return self._namespace.inside()
 
     def become(self, network):
-        """From now on, the device's cable leads to `network`. Its carrier is lost for a
-        moment."""
+        """From now on, the device's cable leads to `network`. The carrier of the cable is lost for
+        a moment."""
         if self._dnsmasq:
             end(self._dnsmasq)
         self.network = network
@@ -144,7 +144,7 @@ class Gateway:
         self._reload()
 
     def name(self, name, address=None):
-        """Makes `name` resolve, to the gateway if no address is given."""
+        """Makes `name` resolve to `address`. By default, this is the gateway's address."""
         self._names[name] = address or self.network.address
         self._write_names()
 

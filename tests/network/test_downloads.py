@@ -1,5 +1,5 @@
-"""Tests downloads from servers that behave well or badly, as real ones do. After each download, the
-old script or the complete new one answers, no temporary file is left, and the log shows what
+"""Tests downloads from servers that behave well or badly, as real servers do. After each download,
+the old script or the complete new one answers, no temporary file is left, and the log shows what
 happened."""
 
 import gzip

@@ -1,6 +1,6 @@
-"""Tests servers that attack their clients. Each server can spoil only its own download: the
-daemon's private memory (read before, during and after) grows by 256 KiB at most, the fetch process
-has ended after 30.5 s at most, and the next download works."""
+"""Tests servers that attack their clients. Each server can spoil only its own download. The
+daemon's private memory (read before, during and after the download) grows by 256 KiB at most. The
+fetch process has ended after 30.5 s at most. The next download works."""
 
 import contextlib
 import gzip
@@ -128,7 +128,7 @@ def test_a_hostile_server_costs_its_own_download(downloads, daemon, capsys, name
     downloads.web.routes["/hostile"] = ROUTES[name]()
     downloads.web.routes["/new.pac"] = script("PROXY new:1")
     url = downloads.url("/hostile")
-    # The test tries this up to three times, because the machine may stand still for a moment.
+    # The test tries this up to three times, because the machine may pause.
     for _ in range(3):
         seconds = costs_its_own_download(downloads, daemon, url, name, capsys)
         if seconds < MOST:

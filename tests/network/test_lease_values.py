@@ -45,8 +45,8 @@ def takes_every_value(dhcp, client, gateway, syslog, exceptions=None):
     for name, (sent, taken) in VALUES.items():
         taken = (exceptions or {}).get(name, taken)
         syslog.clear()
-        # This value differs from the one before, so that the file is written and the daemon
-        # notices it.
+        # An empty file differs from the next value. So the hook writes the file, and the daemon
+        # notices the change.
         os.truncate(LEASE, 0)
         gateway.options(wpad=sent, search="")
         with running(dhcp):

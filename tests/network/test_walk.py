@@ -1,5 +1,5 @@
-"""Measures how long a candidate takes if its server does not answer, and checks that nothing
-waits for it: no question, no update, and no question after the update. docs/limits.md has the
+"""Measures how long a candidate takes if its server does not answer, and checks that nothing waits
+for this candidate: no question, no update, and no question after the update. docs/limits.md has the
 results."""
 
 import threading
@@ -79,7 +79,7 @@ def walk(gateway, client, syslog, capsys):
         return candidate, {name: seconds for name, seconds in late.items() if seconds >= AT_ONCE}
 
     def in_time(kind, most, least=0, tries=5):
-        """Right code is fast enough in one of several tries, even on a busy machine."""
+        """Correct code is fast enough in one of several tries, even on a busy machine."""
         for _ in range(tries):
             candidate, late = measure(kind)
             if least < candidate < most and not late:

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# Builds the Debian packages in FOLDER/out from a copy of the tree, and has lintian look at them.
+# Builds the Debian packages in FOLDER/out from a copy of the tree, and checks them with lintian.
 # usage: build_packages.sh TREE FOLDER
 #
-# The copy keeps its earlier build, so only changes are built again.
+# The copy keeps its earlier build, so only changed files are compiled again.
 set -euo pipefail
 tree=$1 folder=$2
 copy=$folder/tree out=$folder/out

@@ -47,7 +47,7 @@ def _apt_options():
 
 
 def _needed(packages):
-    """The dependencies of the packages. If there are alternatives, the first one."""
+    """Returns the dependencies of the packages. Of alternatives, only the first one is returned."""
     names = {"systemd-sysv", "dbus"}
     own = {pathlib.Path(package).name.split("_")[0] for package in packages}
     for package in packages:
@@ -71,7 +71,8 @@ def _root_archive(names):
         fcntl.flock(lock, fcntl.LOCK_EX)
         if not archive.exists():
             made = archive.with_suffix(".new.tar")
-            # The Python programs of the packages store their byte code at the usual place.
+            # Without the variables PYTHON..., the Python programs of the packages store their byte
+            # code at the usual place.
             own = {name: value for name, value in os.environ.items() if not name.startswith("PYTHON")}
             subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", f"--include={include}",
                             *_apt_options(), '--aptopt=Acquire::Retries "3"', SUITE, str(made),

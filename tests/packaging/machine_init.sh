@@ -25,7 +25,7 @@ ip link set lo up
 mkdir -p .outside
 pivot_root . .outside
 # After this, the outer system is not visible. With container=test, systemd behaves as in a
-# container: it does not change the propagation of mounts. So the propagation is set here, because
-# credentials of units need it as after a boot.
+# container: it does not change the propagation of mounts. Credentials of units need the propagation
+# that a boot sets, so it is set here.
 exec chroot . /bin/sh -c 'umount -l /.outside && rmdir /.outside && mount --make-rshared / &&
   exec env -i container=test PATH=/usr/sbin:/usr/bin:/sbin:/bin /lib/systemd/systemd'

@@ -15,8 +15,8 @@ build() {
   shift
   mkdir -p "$place" "$folder/no-home"
   tar -C "$place" --strip-components=1 --one-top-level=source -xf "$tarball"
-  # The build has no engine of an earlier build, and its only network interface is a loopback that
-  # is down.
+  # The build's home folder is empty, so it contains no engine of an earlier build. The only network
+  # interface is a loopback that is down.
   (cd "$place/source" && env -u XDG_CACHE_HOME "HOME=$folder/no-home" \
     unshare --net --uts -- "$@" dpkg-buildpackage --build=binary --build-profiles=nocheck -us -uc) \
     >"$place/log" 2>&1 || {

@@ -278,8 +278,8 @@ def test_the_password_is_told_to_root_and_the_group_alone(callers, listeners):
     for name in ("root", "member"):
         told = listeners[name].call("wait", "notifyProxyConfigupdated")
         assert told == ("manual", "http://p.example:2", "user", "secret")
-    # Signals arrive in order. So when the second of these signals has come, the forbidden signals
-    # before it would have come, too.
+    # Signals arrive in order. So when the second notifyClearcache has arrived, earlier forbidden
+    # signals would have arrived, too.
     callers["root"].call("update", "off")
     listeners["stranger"].call("wait", "notifyClearcache", 2)
     assert set(listeners["stranger"].call("members")) == {"notifyClearcache"}

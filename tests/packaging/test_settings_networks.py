@@ -16,7 +16,7 @@ BUS = "unix:path=/run/dbus/system_bus_socket"
 DAEMON = "proxymanagerd.service"
 UNIT = "proxymanager-settings.service"
 TRIES = 5
-# How often the service is killed. ./test.sh --settings-kills does this more often.
+# How many times the service is killed. With ./test.sh --settings-kills, it is killed more often.
 KILLS = int(os.environ.get("PROXYMANAGER_SETTINGS_KILLS", "5"))
 OFF = ("off", "", "")
 
@@ -264,7 +264,7 @@ def test_connman_feeds_the_service(fed):
 
 
 def services(fed, states=""):
-    """The identifiers of ConnMan's services that are in one of these states; of all services if
-    `states` is empty."""
+    """Returns the identifiers of ConnMan's services that are in one of these states. If `states` is
+    empty, returns the identifiers of all services."""
     lines = fed.run("connmanctl", "services", check=False).stdout.splitlines()
     return [line.split()[-1] for line in lines if not states or line[2:3] in states]

@@ -21,8 +21,8 @@ def recipe():
 
 
 def build_packages():
-    """The packages that the first line of the recipe installs. The system has no network, so it
-    gets them before.
+    """The packages that the first line of the recipe installs. The system has no network, so these
+    packages must be in the system before the recipe runs.
 
     Of alternative packages, the function returns the first one that this release of Debian has. The
     script engine needs no package, because its source is in the tree.

@@ -1,5 +1,5 @@
-"""Tests the examples for Go, Java and Node, and these languages' libraries through the relay, as the
-pages describe them."""
+"""Tests the examples for Go, Java and Node, and the libraries of these languages through the relay,
+as the pages in docs/programs describe them."""
 
 import http.server
 import socket

@@ -23,8 +23,8 @@ namespace {
 
 const std::string kBody = "function FindProxyForURL() {}\n";
 
-/// @return the path of the program that this process's only child process runs; "none" without a
-/// child
+/// @return the path of the program that this process's only child process runs, or "none" if there
+/// is no child process
 std::string childProgram() {
   for (const auto& thread : fs::directory_iterator("/proc/self/task")) {
     std::ifstream children(thread.path() / "children");
