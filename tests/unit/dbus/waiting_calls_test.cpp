@@ -14,9 +14,9 @@ namespace {
 
 using Kind = WaitingCalls::Kind;
 
-// One connection has sent a flood of calls during a turn of kGatheringTurn, so the object reads all
-// calls before it serves one. The test runs the bus loop itself. So the test decides when the bus's
-// answer arrives that ends this reading.
+// One connection has sent a flood of calls during a turn of kGatheringTurn. So the object serves no
+// call until it has read all calls, and an answer of the bus ends this reading. The test runs the
+// bus loop itself, so the test decides when this answer arrives.
 class RefusedCalls : public testing::Test {
  protected:
   void SetUp() override {

@@ -1,5 +1,5 @@
-// If a worker breaks the rules of the conversation or ends, only its question has no answer; there
-// is no other effect. The worker is the real program with a special engine: the host of a question
+// If a worker ends, or breaks the rules of the conversation, the only effect is that its question
+// gets no answer. The worker is the real program with a special engine: the host of a question
 // decides what it does.
 #include <gtest/gtest.h>
 #include <sys/wait.h>

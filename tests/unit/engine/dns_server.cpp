@@ -44,8 +44,8 @@ void append16(std::string& bytes, unsigned value) {
   bytes += static_cast<char>(value & 0xFFU);
 }
 
-/// A DNS record with `address` for the name in the question. Empty if `address` does not have the
-/// family of `type`.
+/// Returns a DNS record with `address` for the name in the question, or an empty text if `address`
+/// does not have the family of `type`.
 std::string record(const std::string& address, std::uint16_t type, std::uint32_t lifetime) {
   char binary[sizeof(in6_addr)];
   const int family = type == kTypeA ? AF_INET : AF_INET6;

@@ -12,9 +12,9 @@
 #include <vector>
 
 struct DnsName {
-  std::vector<std::string> addresses;  ///< of both families; empty: the name does not exist
+  std::vector<std::string> addresses;  ///< IPv4 and IPv6; if empty, the name does not exist
   std::uint32_t lifetime = 60;         ///< seconds
-  std::chrono::milliseconds delay{0};  ///< before an answer; meanwhile, other questions wait
+  std::chrono::milliseconds delay{0};  ///< pause before an answer; other questions wait meanwhile
   bool silent = false;                 ///< never answers
   bool silentForIpv4 = false;          ///< never answers when asked for an IPv4 address
 };

@@ -1,6 +1,6 @@
-// Runs harmful scripts through the library and its walls. Within the limits, each question has an
-// answer, or a report that there is none. After that, the next question is answered, this process
-// uses no more memory than before, and no process is left.
+// Runs harmful scripts in the library's sandboxed worker. Within the limits, each question gets an
+// answer, or a report that there is no answer. After that, the next question is answered, this
+// process uses no more memory than before, and no process is left.
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/wait.h>

@@ -16,7 +16,7 @@
 #include <string>
 
 /// Call it first in a test, or after enterOwnRoot() if the test calls that. Ends the process with
-/// 77 if the machine does not allow network namespaces.
+/// status 77 if the machine does not allow network namespaces.
 inline void enterOwnNetwork() {
   if (unshare(getuid() == 0 ? CLONE_NEWNET : CLONE_NEWNET | CLONE_NEWUSER) != 0) {
     std::fprintf(stderr, "own network: %s (these tests need network namespaces)\n",

@@ -1,8 +1,8 @@
-// An engine whose scripts make system calls, so that each wall around the worker is tested from
-// inside. It replaces the JavaScript engine; everything else in the worker is real.
+// An engine whose scripts make system calls, so that each restriction of the worker's sandbox is
+// tested from inside. It replaces the JavaScript engine; everything else in the worker is real.
 //
-// The script's text chooses the action during the load; with "ready", the script is loaded. The
-// host of a question chooses the action during the question. If the action does not end the
+// The script's text names the action of the load. The text "ready" names no action: the script is
+// loaded. The host of a question names the action of the question. If the action does not end the
 // process, the answer is "survived".
 #include <fcntl.h>
 #include <signal.h>
@@ -154,8 +154,8 @@ const std::map<std::string, std::function<void()>, std::less<>>& steps() {
 
 std::string run(std::string_view step) {
   if (step == "memory") {
-    // The limit of the address space is the only wall here that refuses a call and does not kill
-    // the process.
+    // The limit of the address space is the only restriction here that refuses a call and does not
+    // kill the process.
     void* const block =
         mmap(nullptr, kTooMuchMemory, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return block == MAP_FAILED ? "refused" : "survived";

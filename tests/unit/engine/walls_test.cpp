@@ -1,5 +1,5 @@
-// Tests each wall around the worker from inside: the worker's engine makes the system call. Also
-// checks the kernel's report about a running worker.
+// Tests each restriction of the worker's sandbox from inside: the worker's engine makes the system
+// call. Also checks the kernel's report about a running worker.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

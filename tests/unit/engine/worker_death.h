@@ -104,7 +104,7 @@ inline void killAroundQuestions(int times) {
         waitForEnd(pid);
         break;
       }
-      default:  // after: the worker may still be dying at the next question
+      default:  // after: at the next question, the worker may still exist
         ASSERT_TRUE(ask(*engine, ++number));
         kill(pid, signal);
         ask(*engine, ++number);
@@ -116,8 +116,8 @@ inline void killAroundQuestions(int times) {
   EXPECT_LT(heapBytes(), heap + (64U << 10U));
 }
 
-/// Waits until `pid` runs or is ready to run. This happens only during a question.
-/// @return true if it ran before it ended and before `answered` was set
+/// Waits until the process `pid` runs or is ready to run. It does so only during a question.
+/// @return true if the process ran before it ended and before `answered` was set
 inline bool waitUntilBusy(pid_t pid, const std::atomic<bool>& answered) {
   while (!answered) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
@@ -139,11 +139,12 @@ inline void askInVain(pac_engine::Engine& engine, const std::string& host,
   EXPECT_FALSE(reply.result);
   EXPECT_EQ(reply.problem.message, "the script worker did not answer in time");
   EXPECT_GE(took, timeLimit);
-  // The last part of the limit is for the end of a process on a busy machine.
+  // The 60 seconds are for the end of the process on a busy machine.
   EXPECT_LT(took, timeLimit + pac_engine::kKillGrace + std::chrono::seconds(60));
 }
 
-/// Stops the worker before a question if `before`, else during it. Then asks another question.
+/// Stops the worker before a question if `before` is true, and during a question otherwise. Then
+/// asks another question.
 inline void stopAtAQuestion(pac_engine::Engine& engine, bool before,
                             std::chrono::milliseconds timeLimit, int& number) {
   if (engine.workerPid() == 0)

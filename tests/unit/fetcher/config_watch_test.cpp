@@ -33,13 +33,14 @@ std::atomic<bool> noEventBuffer{false};
 std::atomic<bool> noInotify{false};
 }  // namespace
 
-// Replaces the C library's function, so that it can fail. A limit on descriptors would also affect
-// the pipes of the sanitizers.
+// Replaces the C library's function, so that a test can make it fail. A limit on descriptors would
+// also affect the pipes of the sanitizers.
 extern "C" int inotify_init() noexcept {
   return noInotify ? -1 : static_cast<int>(syscall(SYS_inotify_init1, 0));
 }
 
-// Only the fetcher's buffer for events is allocated in this way. A test can make this fail.
+// Only the fetcher's buffer for events is allocated in this way. A test can make this allocation
+// fail.
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
   if (noEventBuffer && size == 4096) return nullptr;
   try {

@@ -161,7 +161,8 @@ INSTANTIATE_TEST_SUITE_P(OfAnyKind, RefusedScheme,
                                          "tftp://127.0.0.1/x", "ldap://127.0.0.1/x",
                                          "data://text/plain,FindProxyForURL", "foo://bar/",
                                          "ws://127.0.0.1/x",
-                                         // libcurl guesses these two from the first label
+                                         // libcurl guesses the schemes of these two URLs from the
+                                         // first label
                                          "ftp.example.invalid/x", "imap.example.invalid"));
 
 TEST_F(Download, FailsOnADataUrl) {
@@ -278,7 +279,8 @@ TEST_F(Download, FailsOnARedirectToFtpEvenWhereAScriptComesBack) {
   FtpServer ftp;
   mServer.route("/p.pac", httpRedirect(ftp.url()));
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
-  EXPECT_EQ(ftp.connections(), 1);  // libcurl follows by default; the daemon refuses the answer
+  // By default, libcurl follows a redirect to ftp. The daemon then refuses the answer.
+  EXPECT_EQ(ftp.connections(), 1);
   expectFailed(226);
 }
 
@@ -321,8 +323,8 @@ TEST_F(Download, StopsAnEndlessBodyAtTheLimit) {
   });
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
-  // This limit is below the transfer's 30 seconds. The download takes milliseconds, but a machine
-  // may stop for a while.
+  // This limit is below the transfer's time limit of 30 seconds. The download takes milliseconds,
+  // but the machine may pause.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
   expectFailed(200);
 }

@@ -1,5 +1,5 @@
 // A fetch process that an attacker controls. The tests check what its packets can do to the daemon,
-// and what its walls still allow. The only effect of each attack must be a failed download.
+// and what its sandbox still allows. The only effect of each attack must be a failed download.
 #include <gmock/gmock.h>
 #include <grp.h>
 #include <gtest/gtest.h>
@@ -170,7 +170,7 @@ INSTANTIATE_TEST_SUITE_P(Fetch, KillingWall, testing::ValuesIn(kKilled),
 
 class RefusingWall : public HostileFetch, public testing::WithParamInterface<const char*> {};
 
-// The process exits with 40 if its attack was refused.
+// The process exits with status 40 if its attack was refused.
 TEST_P(RefusingWall, StandsInTheWay) {
   if (GetParam() == kRefusedByLandlock && !kernelHasLandlock()) {
     GTEST_SKIP() << "this kernel has no Landlock";
@@ -189,8 +189,8 @@ TEST_F(HostileFetch, HasRoomForThreadsWhateverStackTheDaemonHas) {
   EXPECT_TRUE(logged(LOG_WARNING, kNoResult + "exit 40)"));
 }
 
-/// Removes a capability from this thread, or gives it back. This works as long as the process may
-/// have the capability.
+/// Removes a capability from this thread, or gives it back. A capability can be given back only
+/// while it is in the permitted set.
 bool setCapability(unsigned capability, bool present) {
   __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
@@ -222,7 +222,7 @@ TEST_F(HostileFetch, CannotMakeTheFileLongerThanAScript) {
   EXPECT_EQ(fs::file_size(kTarget), 512000u);
 }
 
-/// A fetch process that has raised its walls and waits.
+/// A fetch process that has entered its sandbox and waits.
 class LiveFetch : public HostileFetch {
  protected:
   void SetUp() override {
@@ -275,7 +275,7 @@ TEST_F(LiveFetch, HasOneDescriptorBeyondTheStandardThree) {
   EXPECT_THAT(beyond.front(), testing::StartsWith("socket:"));
 }
 
-/// A daemon with its own user, in a process that cannot change back.
+/// A daemon with its own user, in a process that cannot change back to its first user.
 class FetchOfAServiceUser : public HostileFetch {
  protected:
   void SetUp() override {

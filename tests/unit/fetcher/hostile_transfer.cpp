@@ -1,5 +1,5 @@
 // A transfer that an attacker controls. It replaces libcurl's transfer; everything else in the
-// fetch process is real, also the walls. The URL chooses the attack.
+// fetch process is real, including the sandbox. The URL chooses the attack.
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <netinet/in.h>
@@ -27,7 +27,7 @@ namespace {
 
 using fetcher::FetchResult;
 
-// Read before the walls are raised, because the walls do not allow this call.
+// Read before the process enters its sandbox, because the sandbox does not allow this call.
 const pid_t kParent = getppid();
 
 // Old headers of the C library do not define this number.
@@ -40,7 +40,7 @@ void sendRaw(const std::string& bytes) {
 }
 
 [[noreturn]] void hang() {
-  // A wait that the walls allow: pause() would end the process.
+  // A wait that the sandbox allows: pause() would end the process.
   for (;;) poll(nullptr, 0, -1);
 }
 

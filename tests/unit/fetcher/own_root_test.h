@@ -1,6 +1,7 @@
-// The base class of tests with their own /tmp and /usr/local. It enters them before a member of the
-// test starts a thread. Tests that compare whole logs give the same result on a kernel without
-// Landlock, on which the first download of a process logs one more line.
+// The base class of tests with their own /tmp and /usr/local. The class enters them before a member
+// of the test starts a thread. On a kernel without Landlock, the first download of a process logs
+// one more line. The class leaves this line out of the captured log, so that tests that compare
+// whole logs give the same result.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -58,7 +58,8 @@ class LoadedParser : public testing::Test {
   PacParser mParser{nullptr, false};
 };
 
-// Each query holds the parser's gate (shareAnswers) as in the service, while the script changes.
+// While the script changes, each query holds the lock that shareAnswers() returns, as in the
+// service.
 TEST_F(LoadedParser, AsynchronousAnswersStayWholeWhileScriptsAreReloaded) {
   load(scriptFor("PROXY script:0"));
   mParser.start();

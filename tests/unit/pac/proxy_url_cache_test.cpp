@@ -229,8 +229,8 @@ TEST(ProxyUrlCache, StaysAsItWasWhereverAnAllocationFails) {
     EXPECT_THAT(released.urls, ElementsAre("PROXY b"));
     cleanupProxySetting(&fresh[0]);
   }
-  // The allocations are: the list of entries, a key and a node in each map, the list's node and its
-  // key.
+  // There are at least seven allocations: the list of entries, a key and a node in each of the two
+  // maps, the list's node, and the key of that node.
   EXPECT_GE(failures, 7);
   EXPECT_LT(failures, kNeverThatMany);
 }
@@ -280,7 +280,7 @@ TEST_P(RandomOperations, AgreeWithTheModel) {
   std::mt19937 random(20111u + static_cast<unsigned>(GetParam()));
   const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
   Released released;
-  std::vector<char*> replaced;  // texts that set() replaced: to be freed by the test
+  std::vector<char*> replaced;  // texts that set() replaced; the test frees them
   {
     ProxyUrlCache cache(GetParam(), release, &released);
     Model model(static_cast<std::size_t>(GetParam()));

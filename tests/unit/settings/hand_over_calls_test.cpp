@@ -156,9 +156,9 @@ class HandOverCalls : public testing::Test, DaemonLink::Listener {
     }
     return 0;
   }
-  /// Whether the next timer fires about `pause` seconds from now. The timer may fire up to a third
-  /// earlier, because a slow machine checks it late. It may also fire later, by the loop's
-  /// accuracy.
+  /// Whether the next timer fires about `pause` seconds from now. The remaining time may be up to a
+  /// third shorter, because a slow machine reads it late. It may be up to half a second longer,
+  /// because the loop's timers are not exact.
   static bool isNear(double pause) {
     const double next = nextTimer();
     return next > pause * 2 / 3 && next < pause + 0.5;
@@ -315,8 +315,8 @@ TEST_F(HandOverCalls, AHandOverDoesNotPostponeTheRetryAfterAChangeOfTheNetwork) 
   handOver->want(mManual);
   daemon->appear();
   ASSERT_TRUE(waitFor([&] { return isHandedOver(1); }));
-  // A new default route changes which configuration is in force. It may be so new that the download
-  // still fails.
+  // A new default route changes which configuration is in force. The route may be so new that the
+  // download still fails.
   handOver->want(mScript);
   handOver->networkChanged();
   ASSERT_TRUE(waitFor([&] {

@@ -50,7 +50,7 @@ TEST_F(WithDaemon, TheListAndItsTextsAreBlocksOfTheirOwn) {
   char* const kept = proxies[1];
   EXPECT_EQ(proxies[2], nullptr);
   // Callers free each text and the array separately, in any order. Here, one text is freed after
-  // the array. A sanitizer would report an error.
+  // the array. If the text were a part of the array's block, a sanitizer would report an error.
   free(proxies[0]);
   free(proxies);
   px_proxy_factory_free(factory);

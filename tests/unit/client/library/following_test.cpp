@@ -257,7 +257,7 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
     const std::lock_guard held(mutex);
     second.reset();
     first.reset();
-    seen = *kept;  // the callable's data live until it returns
+    seen = *kept;  // the callable's data exist until the callable returns
     changes.add(change);
   });
   second = watch(others);
@@ -277,7 +277,7 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
 struct Replaced {
   proxymanager_client* client;
   std::atomic<bool> isOver = false;
-  proxymanager_id id = 0;  ///< of the present watch; used only by the client's thread
+  proxymanager_id id = 0;  ///< the present watch; only the client's thread uses it
 
   static void called(proxymanager_change, void* context) {
     auto& self = *static_cast<Replaced*>(context);

@@ -214,7 +214,7 @@ TEST_F(ThreadsTest, ACallbackThatTakesLongHoldsUpNobodysLimit) {
   called.wait();
   EXPECT_EQ(client.get(kUrl + "slow", milliseconds(20)).status(), Status::tooSlow);
   lock.unlock();
-  ask(kUrl + "behind");  // so the callback has returned before its variables are destroyed
+  ask(kUrl + "behind");  // its reply comes after the callback has returned
 }
 
 TEST_F(ThreadsTest, NothingIsStartedBeforeTheFirstQuestion) {

@@ -30,7 +30,7 @@ using Texts = std::vector<std::string>;
 constexpr auto kIpv4 = AddressFamily::kIpv4;
 constexpr auto kAny = AddressFamily::kAny;
 
-/// A socket whose peer stays open until the end of the test, or until the test closes it.
+/// A socket whose peer stays open until the end of the test, or until the test closes the peer.
 class Watched {
  public:
   Watched() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, mEnds), 0); }

@@ -18,7 +18,7 @@ class EngineTest : public testing::Test {
   /// limit, even on a very slow machine.
   static ScriptLimits patient() {
     ScriptLimits limits;
-    limits.time = std::chrono::minutes(10);  // an emulator may need more than one
+    limits.time = std::chrono::minutes(10);  // an emulator may need more than one minute
     return limits;
   }
   /// Loads the script into a fresh engine. @return the error's message; "" if the script is loaded
@@ -44,7 +44,7 @@ class EngineTest : public testing::Test {
 
   FakeEnvironment mWorld;
   std::unique_ptr<ScriptEngine> mEngine;
-  std::uint32_t mLine = 0;  ///< of the last error
+  std::uint32_t mLine = 0;  ///< line of the last error
 };
 
 }  // namespace pac_worker

@@ -86,7 +86,8 @@ INSTANTIATE_TEST_SUITE_P(OfAnyKind, RefusedScheme,
                                          "tftp://127.0.0.1/x", "ldap://127.0.0.1/x",
                                          "data://text/plain,FindProxyForURL", "foo://bar/",
                                          "ws://127.0.0.1/x",
-                                         // libcurl guesses these two from the first label
+                                         // libcurl guesses the schemes of these two URLs from the
+                                         // first label
                                          "ftp.example.invalid/x", "imap.example.invalid"));
 
 }  // namespace

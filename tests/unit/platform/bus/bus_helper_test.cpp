@@ -126,7 +126,8 @@ TEST_F(Helper, RunsWhatWasPostedBeforeItEnds) {
     stopping.set_value(gettid());
     mHelper->stopDispatching();
   });
-  waitUntilAsleep(stopping.get_future().get());  // now it waits for the bus thread
+  // After this, stopDispatching() waits for the bus thread.
+  waitUntilAsleep(stopping.get_future().get());
   go.set_value();
   stopper.join();
   EXPECT_EQ(ran, 3);

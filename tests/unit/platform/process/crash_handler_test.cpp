@@ -29,7 +29,8 @@
 // C linkage, so that the trace shows these names unchanged.
 extern "C" {
 
-// If GCC detects a null pointer, it replaces the code by a trap. It must not detect this one.
+// If GCC detects a null pointer, it replaces the code by a trap. GCC must not detect this null
+// pointer.
 int* volatile nowhere = nullptr;
 volatile int deep = 1;
 

@@ -129,8 +129,8 @@ TEST(CloneProxyConfig, LeavesTheDestinationWhereTheSourceStringIsNull) {
   cleanupProxyConfig(&copy);
 }
 
-// Handles the signal of the crash, which the contract requires: prints the log lines before the
-// crash for the test.
+// Handles the signal of the crash that the contract requires. Prints the log lines before the crash
+// for the test.
 extern "C" void sayWhatWasLogged(int) {
   for (const auto& line : logLines()) std::cerr << line << std::endl;
   _exit(70);

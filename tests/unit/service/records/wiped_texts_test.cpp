@@ -21,8 +21,8 @@ constexpr std::size_t kLength = 200;
 // The allocator writes its links into the first bytes of a freed block.
 constexpr std::size_t kLinks = 16;
 
-// The kernel reads the bytes. This is a use of freed memory, and a sanitizer would report it
-// otherwise. It would also see the library's write().
+// The kernel reads the bytes, because they are in freed memory: a sanitizer would report a read by
+// this process. A sanitizer would also check the memory for the library's write().
 std::string bytesAt(const char* address, std::size_t length) {
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) return "no pipe";

@@ -1,6 +1,6 @@
 // Compares instrumented scripts with the same scripts unchanged. Also compares the counts of the
 // trace with counts that the scripts keep themselves. The scripts are generated. The environment
-// variable WORKBENCH_SCRIPTS is their number; WORKBENCH_SEED is the first seed.
+// variable WORKBENCH_SCRIPTS sets the number of scripts, and WORKBENCH_SEED sets the first seed.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -101,8 +101,8 @@ class Generator {
     return head + ":" + (mCounts ? " k('c' + " + number + ");" : "");
   }
 
-  /// Two cases with one body. The variable makes sure that the first case gets its number before
-  /// the second.
+  /// Two cases with one body. The variable `first` makes sure that the first case gets its number
+  /// before the second case.
   std::string fallThrough() {
     const auto first = entry("case 4");
     return first + " " + entry("case 5");

@@ -123,7 +123,7 @@ TEST(Workbench, RefusesWhatTakesTheParserTooLong) {
 
 #ifndef __SANITIZE_ADDRESS__  // with the sanitizer, memory and frames are larger
 
-/// The reason why the parser does not take `script`; empty if it takes it.
+/// Returns the reason why the parser refuses `script`, or an empty text if the parser accepts it.
 std::string refusedByParser(const std::string& script) {
   Problem problem;
   const auto parser = workbench::load(script, WorkerRole::kParses, problem);
@@ -145,7 +145,8 @@ TEST(Workbench, ParsesWithMemoryUpToItsHeapLimitAndReportsWhatNeedsMore) {
             "parsing it takes more memory than the heap limit of 256 MiB");
 }
 
-// A level takes about 1.7 KiB of the 16 MiB. The compiler and its options change this size.
+// A level of nesting takes about 1.7 KiB of the stack, which has 16 MiB. The compiler and its
+// options change this size.
 TEST(Workbench, ParsesNestingUpToItsStackLimitAndReportsWhatIsDeeper) {
   const auto chain = [](std::size_t levels) {
     std::string script;
