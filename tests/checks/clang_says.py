@@ -31,8 +31,8 @@ TESTS = ("tests", "bench")
 # each source includes the headers that it needs.
 STANDARD = ("algorithm array atomic chrono condition_variable cstdint functional map memory mutex "
             "optional stdexcept string string_view thread utility vector").split()
-# Headers of libraries that take more time than all others. They are precompiled only for sources
-# that include them directly.
+# Headers of libraries that take more compile time than the other headers. They are precompiled only
+# for sources that include them directly.
 HEAVY = ("CLI/CLI.hpp", "nlohmann/json.hpp")
 
 # These arguments of a compile command are left out, with their values.

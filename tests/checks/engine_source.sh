@@ -40,7 +40,7 @@ fetched() {
   [ -e "$folder/quickjs.c" ] || fail "$1: nothing was unpacked"
 }
 
-# is_entry: checks that apt got the source entry that stands on standard input.
+# is_entry: compares standard input with the source entry that apt got.
 is_entry() {
   diff <(cat) "$work/seen" || fail "apt did not get this entry"
 }

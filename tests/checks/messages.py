@@ -96,7 +96,7 @@ def asserting(message, texts):
     # A test may also contain only the part of a constant message up to its last colon, and compose
     # the rest.
     beginning = message[:message.rfind(":") + 1] if "%" not in message else ""
-    # Or a test may take the first word of its lines (class and function) from a variable of an
+    # A test may also take the first word of its lines (class and function) from a variable of an
     # f-string.
     end = words(message)[0].partition(" ")[2]
     return [name for name, text in texts.items()

@@ -111,7 +111,7 @@ TEST(AllocationFault, IsBorneByTheFileForADownload) {
   EXPECT_EQ(descriptors(), before);
 }
 
-// The same call as in the service: the caller keeps the texts.
+// Makes the same call as the service: the caller keeps the texts.
 TEST(AllocationFault, IsBorneByANewConfiguration) {
   std::string url = "http://" + kLong;
   std::string other = "http://other/" + kLong;

@@ -1,5 +1,5 @@
 // Scripts that are known to break script engines. They run in the sandboxed worker. The result must
-// be an answer or an error of the script; the worker must never die.
+// be an answer or an error of the script; the worker must never end.
 //
 // proofs/ has our own scripts. Each is named after the published hole that it tries, and its first
 // line describes how it works. If a proof finds the hole, its answer is not "ok". In addition, the

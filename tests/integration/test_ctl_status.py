@@ -92,7 +92,8 @@ def test_status_says_whose_pac_file_the_daemon_does_not_read(ctl, build, syslog,
     with open(PAC_FILE, "w") as file:
         file.write("x")
     os.chown(PAC_FILE, 65534, 65534)
-    # While the daemon does not run, its user is not known: it could be this user.
+    # While the daemon does not run, its user is not known. So the file's user could be the
+    # daemon's.
     assert told() == PAC_FILE
     daemon = Daemon(build)
     try:
@@ -154,7 +155,7 @@ def test_systemd_and_status_show_the_last_walk_and_the_last_update(ctl, web, sys
     web.routes["/p.pac?token=geheim"] = web.routes["/p.pac"]
     host = web.url("").removeprefix("http://")
     with Client() as client:
-        with socket.create_server(("127.0.0.1", 0)) as silent:  # `silent` never answers, so the walk continues
+        with socket.create_server(("127.0.0.1", 0)) as silent:  # no answer, so the walk continues
             client.update("pacurl", pacurl="http://127.0.0.1:%d/" % silent.getsockname()[1])
             systemd.wait_for(re.compile(rf"mode pacurl, updated {TIME}; no script; "
                                         rf"walking since {TIME}").fullmatch,

@@ -19,7 +19,7 @@ ENDLESS = """function FindProxyForURL(url, host) {
   while (!host.endsWith("quick.example")) {}
   return "PROXY quick:1";
 }"""
-# The bus accepts only users that the system knows.
+# The bus accepts only users that exist on the system.
 ATTACKER, VICTIM = (pwd.getpwnam(name).pw_uid for name in ("nobody", "daemon"))
 QUESTION = ("http://endless.example/",)
 

@@ -64,7 +64,8 @@ def programs(build, proxies):
 
 
 def follow_every_mode(fetch, client, port80, syslog, daemon, bus):
-    """In each mode, `fetch` gets the page by the way of that mode."""
+    """In each mode, `fetch` must get the page in the way that the mode sets: directly, or through a
+    proxy."""
     # The daemon starts in mode off.
     assert fetch() == DIRECT
     client.update("manual", f"http://{HTTP_PROXY}")
@@ -88,8 +89,8 @@ def test_a_program_of_libsoup_follows_every_mode(programs, client, port80, syslo
     follow_every_mode(programs.soup, client, port80, syslog, daemon, bus)
 
 
-# This test does not run under sanitizers: gio and gvfs are built without sanitizers, so they
-# cannot load a module with them.
+# This test does not run under sanitizers: gio and gvfs are built without sanitizers, so they cannot
+# load a module that is built with sanitizers.
 @pytest.mark.slow
 def test_gio_follows_every_mode(programs, client, port80, syslog, daemon, bus):
     follow_every_mode(programs.gio, client, port80, syslog, daemon, bus)

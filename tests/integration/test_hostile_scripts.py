@@ -10,7 +10,7 @@ from support.daemon import lives
 from support.syslog_socket import ERR, INFO
 from support.web import response
 
-WITHIN = 6.0  # seconds; the limit of an evaluation is 5
+WITHIN = 6.0  # seconds; the limit of an evaluation is 5 s
 GROWTH = 3 << 20  # bytes; more than the daemon's allocator keeps after a question
 
 # IN_A_CALL has the code that the script runs for the host "bad.example". Every other host gets

@@ -1,4 +1,4 @@
-"""Tests mode pacurl, end to end: the daemon answers clients by a script from a web server."""
+"""Tests mode pacurl, end to end: the daemon answers clients with a script from a web server."""
 
 import os
 

@@ -48,7 +48,8 @@ class Shell:
         return done.returncode, done.stdout, done.stderr
 
     def ways(self, page=PAGE, repository=REPOSITORY, programs=(CURL, WGET, GIT)):
-        """The ways that the requests of the programs take, for each way to give the answer."""
+        """Runs each program with each way to give it the answer. Returns the ways of the requests:
+        direct, or the proxy."""
         lines = [told.format(program) for program in programs for told in (EXEC, ENV)]
         if CURL in programs:
             lines.append(CURL_TOLD)

@@ -1,5 +1,5 @@
-"""Tests proxies that require a password, and requests with a body: the body waits until the proxy
-accepts the request."""
+"""Tests proxies that require a password, and requests with a body. Before the relay sends the body,
+it waits for the proxy's answer, at most one second."""
 
 import contextlib
 import os

@@ -211,7 +211,7 @@ def test_without_systemd_root_binds_the_port_and_the_service_is_another_user(set
         assert "Uid:\t65534\t65534\t65534\t65534\n" in file.read()
 
     def rival():
-        """The result of a program of the same user that tries to bind the port."""
+        """Runs a program that tries to bind the port as the service's user. Returns its result."""
         return subprocess.run([sys.executable, "-c", "import socket; socket.create_server(('127.0.0.1', 850))"],
                               user="nobody", extra_groups=[], capture_output=True, text=True, cwd="/",
                               stdin=subprocess.DEVNULL, timeout=LIMIT)

@@ -1,5 +1,5 @@
 """Tests proxymanager-settings in trouble: a late network, a daemon that refuses, no memory, hostile
-senders. Each message of its log is asserted here once."""
+senders. Each message of the service's log is asserted here once."""
 
 import json
 import multiprocessing

@@ -11,7 +11,7 @@ from support.daemon import Daemon, lives, make_watched_files
 from support.web import Held, script
 
 
-QUESTIONS = 12  # each takes 5 s, so the worker lives for this time
+QUESTIONS = 12  # each takes 5 s, so the worker runs for 60 s
 
 
 def children(pid):

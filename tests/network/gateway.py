@@ -177,7 +177,8 @@ class Gateway:
         return "fe80::1"
 
     def stop_names(self):
-        """Stops the process of the name server. Its socket stays open, so it does not answer."""
+        """Stops the process of the name server. Its socket stays open, so questions get neither an
+        answer nor an error."""
         self._dnsmasq.send_signal(signal.SIGSTOP)
 
     def end_names(self):
@@ -233,8 +234,8 @@ class Gateway:
 
 
 def trusted_authority():
-    """Makes a certificate authority (CA) with its server certificates. Adds it to the device's trusted
-    CAs."""
+    """Makes a certificate authority (CA) with its server certificates. Adds the authority to the
+    device's trusted CAs."""
     authority = Authority("/run/authority")
     with open("/etc/ssl/certs/ca-certificates.crt", "a") as trusted:
         trusted.write(open(authority.certificate).read())

@@ -22,8 +22,8 @@ SETTINGS = {
 
 @pytest.fixture
 def modules(root, build):
-    """Puts the modules where the C library looks for them, and where the fetch process may read
-    shared libraries."""
+    """Puts the modules into a folder in which the C library looks for modules. The fetch process
+    may read shared libraries there."""
     os.makedirs("/usr/local/lib", exist_ok=True)
     found = glob.glob(f"{build}/out/tests/name_services/**/libnss_*.so.2", recursive=True)
     assert len(found) >= 3, found
@@ -38,7 +38,7 @@ def mapped(pid):
 
 
 def fetch_process(daemon):
-    """The child process that downloads; None if there is none."""
+    """Returns the child process that downloads, or None if there is no such process."""
     for task in os.listdir(f"/proc/{daemon.pid}/task"):
         with open(f"/proc/{daemon.pid}/task/{task}/children") as children:
             for pid in children.read().split():
@@ -56,7 +56,7 @@ def test_names_are_looked_up_with_each_supported_setting(online, client, syslog,
     downloads = Downloads(online, client, syslog)
     host, web = "other.office.example", downloads.web
     own = Web("")
-    if setting == "myhostname":  # this module knows only the name of this machine
+    if setting == "myhostname":  # this module resolves only the name of this machine
         host, web = socket.gethostname(), own
     held = web.routes["/new.pac"] = Held(script("PROXY new:1"))
     downloads.fetch(f"http://{host}:{web.port}/new.pac")

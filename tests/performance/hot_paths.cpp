@@ -89,7 +89,7 @@ int main(int argc, char** argv) {
   }
   setlogmask(LOG_MASK(LOG_EMERG));
   const auto path = found->second();
-  hot_path(path, 1);  // the work that only the first round does
+  hot_path(path, 1);  // does the work that only the first round has
   hot_path(path, std::atoi(argv[2]));
   return EXIT_SUCCESS;
 }

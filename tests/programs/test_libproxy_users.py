@@ -100,8 +100,8 @@ def compile_(programs, name, text, *options):
 
 
 def in_each_mode(client, port80, syslog, daemon):
-    """Sets one mode after the other. In each, yields the first proxy of the answer, and the way that
-    requests must take."""
+    """Sets one mode after the other. In each mode, yields the first proxy of the answer, and the
+    way that requests must take."""
     client.update("manual", f"http://{HTTP_PROXY}")
     yield f"http://{HTTP_PROXY}", HTTP
     by_script(client, port80, f"SOCKS {SOCKS_PROXY}; DIRECT")

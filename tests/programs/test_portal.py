@@ -79,7 +79,8 @@ def portal(programs, client, build):
 
 
 def follow_every_mode(portal, client, port80, syslog, daemon, see):
-    """Checks in each mode that `see` returns the daemon's answer, or the way that belongs to it."""
+    """Checks in each mode that `see` returns the daemon's answer, or the way of a request that
+    follows this answer."""
     def follows(answer, way):
         wait_until(lambda: see() == (answer if see == portal.lookup else way), f"{answer} is seen")
 

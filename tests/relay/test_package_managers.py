@@ -1,5 +1,5 @@
-"""Tests apt, pip and npm with repositories of the test, and ssh. Each uses the relay in each
-mode."""
+"""Tests apt, pip and npm with repositories of the test, and ssh. Each program uses the relay in
+each mode."""
 
 import base64
 import gzip

@@ -36,8 +36,8 @@ TEST(Utf8, ReadsEveryCodePointInItsOneForm) {
 }
 
 // A text of up to three bytes is a character only if it is the encoding of a code point. If the
-// first byte is an ASCII character, or the second byte continues no character, only four values of
-// the third byte are tested.
+// first byte is an ASCII character, or the second byte does not continue a character, only four
+// values of the third byte are tested.
 TEST(Utf8, TakesNoOtherBytesForACharacter) {
   std::size_t wellFormed = 0;
   std::string text(3, '\0');

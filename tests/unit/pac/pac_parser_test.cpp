@@ -276,7 +276,8 @@ TEST_F(LoadedParser, TheAsynchronousQueryDoesNotWaitForAnEvaluationOfAnother) {
 }
 
 TEST_F(LoadedParser, RemembersAsManyHostsInFlightAsTheEngineQueues) {
-  load(scriptFor("DIRECT"));  // not started: no thread runs the queued questions or waits for them
+  // The parser is not started, so no thread runs the queued questions or waits for them.
+  load(scriptFor("DIRECT"));
   for (std::size_t i = 0; i < PacParser::kMaxPendingHosts; ++i) {
     mParser.getProxyASync("http://h" + std::to_string(i) + "/");
   }

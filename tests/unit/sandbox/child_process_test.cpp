@@ -27,7 +27,7 @@ namespace {
 using namespace sandbox;
 using base::UniqueFd;
 
-/// A child that reports its state through descriptor 3, and lives until the other end of that
+/// A child that reports its state through descriptor 3, and runs until the other end of that
 /// descriptor is closed.
 struct Child {
   std::unique_ptr<ChildProcess> process;

@@ -1,7 +1,7 @@
 // Looks at each block of memory that a C++ object releases.
 #pragma once
 
-/// From now on, released blocks are searched for `text`, which must live as long as the search.
+/// From now on, released blocks are searched for `text`, which must exist until the search ends.
 /// Null ends the search.
 void watchReleasedBlocks(const char* text);
 

@@ -150,8 +150,8 @@ class WithoutDaemon : public WithoutBus {
   PrivateBus mBus;
 };
 
-/// The reply to a URL of these tests. For "http://MODE/?ENTRY;ENTRY", it has this mode and these
-/// entries; "_" stands for a blank. A question with the mode "hold" gets no reply.
+/// The reply to a URL of these tests. For "http://MODE/?ENTRY;ENTRY", the reply has this mode and
+/// these entries. "_" stands for a blank. A question with the mode "hold" gets no reply.
 Reply replyTo(const std::string& url) {
   const auto host = url.find("://") + 3;
   const auto slash = url.find('/', host);

@@ -1,4 +1,4 @@
-// Tests the environment variables, which decide if there is no bus.
+// Tests the environment variables. Without a bus, these variables determine the answer.
 // tests/integration/test_libproxy.py compares the results with those of libproxy itself.
 #include "tests/unit/client/libproxy/libproxy_test.h"
 

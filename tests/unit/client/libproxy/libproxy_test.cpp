@@ -196,8 +196,8 @@ TEST_F(WithDaemon, AChildProcessAsksByItself) {
   daemon.waitFor(1);
   const pid_t child = fork();
   if (child == 0) {
-    // The child does not use the test framework, because another thread may have held its locks at
-    // the fork.
+    // The child does not use the test framework, because another thread may have held the
+    // framework's locks at the fork.
     char** const proxies = px_proxy_factory_get_proxies(factory, "http://child.example/");
     const bool isRight = std::strcmp(proxies[0], "http://p.example:1") == 0;
     px_proxy_factory_free_proxies(proxies);

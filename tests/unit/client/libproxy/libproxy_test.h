@@ -49,7 +49,7 @@ class LibproxyTest : public testing::Test {
   pxProxyFactory* factory = px_proxy_factory_new();
 };
 
-/// Without a bus, the environment variables decide.
+/// Without a bus, the environment variables determine the answer.
 class WithoutBus : public LibproxyTest {
  protected:
   WithoutBus() { setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nowhere/bus", 1); }

@@ -32,8 +32,8 @@ TEST(LibraryFaultsTest, AreBorneByWhatIsRemembered) {
 
 class AskingFaultsTest : public LibraryTest {
  protected:
-  /// Repeats a question. Each time, another allocation and all allocations after it fail, beginning
-  /// with the first. @return how many times the question failed
+  /// Repeats a question. In the first try, all allocations fail. In each further try, one more
+  /// allocation succeeds before the others fail. @return how many times the question failed
   template <typename Ask>
   int failEach(Ask asked) {
     for (int successes = 0;; ++successes) {

@@ -249,7 +249,7 @@ TEST_F(FollowingTest, AWatchMayEndItselfAndOthersInItsCallback) {
   Changes others;
   std::optional<Watch> first;
   std::optional<Watch> second;
-  std::mutex mutex;  // held until the watches are in their variables
+  std::mutex mutex;  // locked until the watches are in their variables
   std::unique_lock lock(mutex);
   auto kept = std::make_shared<int>(7);
   int seen = 0;

@@ -1,4 +1,4 @@
-// Each test is a separate process with its own network, so it controls the addresses.
+// Each test is a separate process with its own network, so the test controls the addresses.
 #include "engine/host/own_address.h"
 
 #include <arpa/inet.h>
