@@ -16,7 +16,8 @@ PATTERNS = ("*.cpp", "*.hpp", "*.h", "*.c")
 
 
 def sources(tree):
-    """The files that git tracks or would add; all files if this is not a git tree."""
+    """Returns the files that git tracks or would add. If this is not a git tree, returns all
+    files."""
     command = ["git", "-C", str(tree), "-c", "safe.directory=*", "ls-files", "-z", "--cached",
                "--others", "--exclude-standard", "--", *PATTERNS]
     listed = subprocess.run(command, check=False, capture_output=True)

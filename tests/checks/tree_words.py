@@ -34,7 +34,8 @@ LEFT_OUT = {".dat"}
 
 
 def tracked(tree):
-    """The files that git tracks or would add; all files if this is not a git tree."""
+    """Returns the files that git tracks or would add. If this is not a git tree, returns all
+    files."""
     command = ["git", "-C", str(tree), "-c", "safe.directory=*"]
     command += ["ls-files", "-z", "--cached", "--others", "--exclude-standard"]
     try:

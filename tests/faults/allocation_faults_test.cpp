@@ -287,7 +287,7 @@ TEST(AllocationFault, InAQuestionToTheWorkerCostsThatQuestionAlone) {
   pac_engine::Problem problem;
   pac_engine::Options patient;
   patient.timeLimit = std::chrono::seconds(60);  // never reached: the script ends at once
-  // A lifetime of 0 makes each question a lookup.
+  // With a lifetime of 0 s, the name is looked up for each question.
   const DnsServer server({{"a.example", DnsName{{"10.0.0.1"}, 0}}});
   patient.names.nameServers = server.address();
   const auto engine = pac_engine::Engine::load(
@@ -299,7 +299,7 @@ TEST(AllocationFault, InAQuestionToTheWorkerCostsThatQuestionAlone) {
   const std::string host = kLong;
   const std::string right = "PROXY " + host;
   ASSERT_EQ(engine->evaluate("http://h/", host).result, right);
-  setlogmask(LOG_MASK(LOG_EMERG));  // because the capture of log lines allocates, too
+  setlogmask(LOG_MASK(LOG_EMERG));  // the capture of log lines would also allocate
   int failed = 0;
   int lost = 0;
   for (bool more = true; more; failed += more ? 1 : 0) {

@@ -67,7 +67,7 @@ def test_who_may_only_ask_is_told_so(stranger, strict_bus, build, syslog, web):
         found = stranger("status", "--json").json
         assert (found["mode"], found["pacurl"], found["proxyurl"]) == ("pacurl", None, None)
         found["unknown"].pop("relay")
-        found["unknown"].pop("walking", None)  # only known while a download is in progress
+        found["unknown"].pop("walking", None)  # known only while a download is in progress
         assert found["unknown"] == {
             **{name: unknown for name in ("pacurl", "userName", "password")},
             **dict.fromkeys(("updated", "walked"), "the daemon runs without systemd")}

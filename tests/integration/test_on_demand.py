@@ -19,7 +19,7 @@ LOADED = "PacParser-parsePacFile pac init"
 # The libraries for scripts that look up names, for names beyond ASCII, and for mode wpad.
 SELDOM = ("libcares.so.2", "libidn2.so.0", "libpsl.so.5")
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
-# Only the fetch process uses these libraries; the digest of scripts is linked statically.
+# Only the fetch process uses these libraries. The daemon's digest of scripts is linked statically.
 NEVER = ("libcurl.so.4", "libssl.so.3", "libcrypto.so.3")
 
 
@@ -40,8 +40,8 @@ def path_of(library):
 
 @pytest.fixture
 def hidden_library(root):
-    """Hides a library; programs that have mapped it already keep it. Returns a function that
-    shows it again."""
+    """Hides a library. Programs that have mapped the library already keep it. Returns a function
+    that shows the library again."""
     def hide(library):
         path = path_of(library)
         with open("/tmp/empty", "w"):

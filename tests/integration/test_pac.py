@@ -80,7 +80,7 @@ def test_new_content_is_announced_and_answers_change(client, web, syslog, signal
     assert client.urls("http://a/") == ["pacurl", "PROXY old:1"]
     signals.clear()
     load(client, web, syslog, script("PROXY new:1"))
-    signals.wait("notifyClearcache", 2)  # one for the update, one for the new script
+    signals.wait("notifyClearcache", 2)  # one signal for the update, one for the new script
     assert client.urls("http://a/") == ["pacurl", "PROXY new:1"]
 
 

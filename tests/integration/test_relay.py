@@ -551,7 +551,7 @@ def test_peers_of_other_machines_are_refused_and_if_allowed_reach_nothing_of_thi
     relay.configure('allow-from = ["192.0.2.6/32"]\n')
     relay.start()
     for answer in (None, proxy.entry):
-        if answer:  # a proxy on this machine could connect to this machine, too
+        if answer:  # a proxy on this machine could also reach these names
             answers(client, web, answer)
         for name in ("inside.example", "localhost", "127.0.0.1", "127.1", "127.0.0.1.", "[::1]",
                      "[64:ff9b::7f00:1]", "192.0.2.5", "169.254.1.1"):

@@ -147,7 +147,8 @@ def test_a_changed_resolver_file_asks_for_the_script_again(settings, daemon, cli
 
 def test_a_changed_password_file_or_credential_is_followed(build, own_network, syslog, bus, daemon,
                                                             client):
-    password = write_settings("first\n", "/run/proxy/password", 0o640)  # not in the folder of the settings
+    # This file is outside of the settings folder.
+    password = write_settings("first\n", "/run/proxy/password", 0o640)
     credentials = "/run/proxy/credentials"
     os.mkdir(credentials, 0o700)
     settings = SettingsService(build, environment={"CREDENTIALS_DIRECTORY": credentials}).start()

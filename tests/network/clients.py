@@ -163,7 +163,7 @@ def _spawn(command, log=None):
 
 
 def contents(path):
-    """The text of a file; empty if the file does not exist yet."""
+    """Returns the text of a file, or an empty text if the file does not exist yet."""
     try:
         with open(path, errors="replace") as file:
             return file.read()

@@ -172,7 +172,7 @@ class Gateway:
             file.write(f"nameserver {network.address}\noptions timeout:5 attempts:2\n")
 
     def link_address(self):
-        """The gateway's link-local address; the device gets one, too."""
+        """Returns the gateway's link-local address. The device also gets a link-local address."""
         ip("addr", "add", "fe80::2/64", "dev", "eth0", "nodad")
         return "fe80::1"
 

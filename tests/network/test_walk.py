@@ -15,7 +15,7 @@ from support.watched import append_and_settle
 RESOLVER = "/tmp/.resolv.conf.dnsmasq"
 NAMES = ("wpad.x.dead.example", "wpad.dead.example")
 PATIENCE = 120.0  # seconds to wait for a walk
-AT_ONCE = 1.0  # seconds; a question takes milliseconds, on a loaded machine more
+AT_ONCE = 1.0  # seconds; a question takes milliseconds, but longer on a loaded machine
 MOST = 30.5  # seconds of one candidate
 
 
@@ -123,7 +123,7 @@ def test_hosts_behind_a_silent_filter_cost_30_seconds_each(walk, gateway):
 @pytest.mark.slow
 @pytest.mark.parametrize("servers", [1, 2, 3])
 def test_silent_name_servers_cost_30_seconds_a_name_at_most(walk, gateway, servers):
-    # The second and third candidates do not answer; the names are tried one after the other.
+    # The second and third candidates do not answer. The names are tried one after the other.
     with open("/etc/resolv.conf", "a") as file:
         file.writelines(f"nameserver 203.0.113.{number}\n" for number in range(1, servers))
         file.write("search a.example b.example c.example\n")

@@ -18,7 +18,7 @@ import tempfile
 import time
 
 SUITE = "bookworm"
-LIMIT = 180.0  # seconds for each start; even a busy machine needs only ten
+LIMIT = 180.0  # seconds for each start; even a busy machine needs only 10 s
 CLONE_NEWNS, CLONE_NEWNET = 0x00020000, 0x40000000
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 _fork = multiprocessing.get_context("fork")

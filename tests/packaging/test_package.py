@@ -97,7 +97,7 @@ def accounts(machine):
 
 
 def main_process(machine):
-    """The daemon's process id inside the system; None if it does not run."""
+    """Returns the daemon's process id inside the system, or None if the daemon does not run."""
     return int(machine.show(UNIT, "MainPID")) or None
 
 

@@ -90,7 +90,7 @@ TEST_F(RefusedCalls, OneMoreThanAreAnsweredAtOnceTakesASecondTurn) {
   for (std::size_t i = 0; i <= WaitingCalls::kRefusedAtOnce; ++i) ask(mFlooder);
   takeFirstTurn();
   EXPECT_EQ(mRefused, WaitingCalls::kRefusedAtOnce);
-  ask(":1.8");  // its user is not known, so it counts as another user
+  ask(":1.8");  // its user is not known, so the caller counts as another user
   mWaiting.takeTurn();
   EXPECT_EQ(mServed, 2U) << "it goes before the refused one";
   EXPECT_EQ(mRefused, WaitingCalls::kRefusedAtOnce);

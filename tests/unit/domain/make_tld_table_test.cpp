@@ -66,7 +66,8 @@ TEST_F(MakeTldTable, WidensTheOffsetsOfALongList) {
   std::string list;
   for (int i = 0; list.size() < 65535; ++i)
     list.append(std::to_string(100000 + i)).append(".tld\n");
-  EXPECT_EQ(make(list.substr(0, 65535 / 11 * 11)), 0);  // rules of 11 bytes with their terminator
+  // Each rule has 11 bytes with its terminator.
+  EXPECT_EQ(make(list.substr(0, 65535 / 11 * 11)), 0);
   EXPECT_THAT(header, HasSubstr("std::uint16_t kTldBucketStart"));
   EXPECT_EQ(make(list), 0);
   EXPECT_THAT(header, HasSubstr("std::uint32_t kTldBucketStart"));

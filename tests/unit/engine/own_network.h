@@ -36,7 +36,7 @@ inline void command(const std::string& text) {
   ASSERT_EQ(std::system(text.c_str()), 0) << text;
 }
 
-/// The number of packets that `interface` has sent; -1 if there is no such interface.
+/// Returns the number of packets that `interface` has sent, or -1 if there is no such interface.
 inline long sentPackets(const std::string& interface) {
   long packets = -1;
   // sysfs is not used, because it shows the network of the process that mounted it.

@@ -57,7 +57,7 @@ const std::string kLease = "/usr/local/lumad/dhcp.conf";
 const std::string kResolver = "/tmp/.resolv.conf.dnsmasq";
 constexpr auto kPrompt = 60s;  // much more than a prompt stop needs, much less than the interval
 
-/// The thread's inotify descriptor; -1 if there is none.
+/// Returns the thread's inotify descriptor, or -1 if there is no such descriptor.
 int inotifyFd() {
   for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
     std::error_code gone;
@@ -381,7 +381,7 @@ TEST_F(ConfigWatch, TakesTheLastDescriptorThatSelectCanHold) {
 }
 
 TEST_F(ConfigWatch, SaysAFailedSelect) {
-  const int closed = dup(0);  // low: select checks only the range in use
+  const int closed = dup(0);  // a low number: select checks only the range in use
   close(closed);
   EXPECT_EQ(PACFetcherTestAccess::waitForChanges(*mFetcher, closed, 1), -1);
   EXPECT_TRUE(logged(LOG_INFO,

@@ -11,7 +11,8 @@ ProxyManagerServiceImpl* standInService();
 
 /// The number of calls that report a new script.
 int timesUpdated();
-/// Waits until there were `times` such calls, 60 s at most. @return whether there were
+/// Waits until there were `times` such calls, 60 s at most. @return whether there were so many
+/// calls
 bool waitForUpdates(int times);
 /// From now on, runs `hook` on the fetcher thread at each call.
 void onUpdate(std::function<void()> hook);

@@ -206,7 +206,7 @@ TEST(ProxyUrlCache, StaysAsItWasWhereverAnAllocationFails) {
     cache.set("a", entries("PROXY a"));
     cache.set("b", entries("PROXY b"));
     ProxyUrlSettings fresh = entries("PROXY fresh");
-    setlogmask(LOG_MASK(LOG_ERR));  // because the capture of log lines allocates, too
+    setlogmask(LOG_MASK(LOG_ERR));  // the capture of log lines would also allocate
     bool failed = false;
     failAllocationsAfter(n);
     try {

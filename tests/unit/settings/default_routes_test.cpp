@@ -112,8 +112,8 @@ TEST(RouteSocket, ReportsDefaultRoutesAndLinksButNoOtherRoutes) {
       run(command);
       EXPECT_TRUE(drainRouteSocket(socket.get())) << command;
     }
-    // More changes than the kernel keeps for the socket: a lost message may concern a default
-    // route.
+    // There are more changes than the kernel keeps for the socket. A lost message may concern a
+    // default route.
     run("for i in $(seq 250); do for j in $(seq 10); do"
         " echo route add unreachable 203.0.$j.$i/32; done; done | ip -batch -");
     EXPECT_TRUE(drainRouteSocket(socket.get()));

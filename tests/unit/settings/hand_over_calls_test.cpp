@@ -141,8 +141,8 @@ class HandOverCalls : public testing::Test, DaemonLink::Listener {
     }
     return testing::AssertionSuccess();
   }
-  /// Seconds until the loop's next timer fires; 0 if there is no timer. A call that waits for its
-  /// reply has a timer, too.
+  /// Returns the seconds until the loop's next timer fires, or 0 if there is no timer. A call that
+  /// waits for its reply has a timer, too.
   static double nextTimer() {
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
       std::ifstream file(entry.path());

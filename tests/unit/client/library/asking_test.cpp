@@ -156,7 +156,7 @@ TEST_F(AskingTest, RemembersAnAnswerThatComesWhenNobodyWaits) {
   daemon.waitFor(1);
   EXPECT_TRUE(client.cancel(id));
   daemon.release();
-  ask(kUrl + "behind");  // its reply comes after the reply for kUrl
+  ask(kUrl + "behind");  // this reply comes after the reply for kUrl
   EXPECT_TRUE(client.get(kUrl, milliseconds(0)));
 }
 

@@ -81,7 +81,7 @@ TEST_F(FollowingTest, BelievesTheDaemonAlone) {
   }
   stranger.clear();
   stranger.sync();
-  ask(kUrl + "behind");  // its reply comes after the forged message
+  ask(kUrl + "behind");  // this reply comes after the forged message
   EXPECT_TRUE(remembers());
   EXPECT_EQ(changes.all(), List{kCame});
   daemon.clear();

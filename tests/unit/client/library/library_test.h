@@ -57,7 +57,7 @@ using Answers = Recorded<Answer>;
 
 class LibraryTest : public testing::Test {
  protected:
-  /// Asks; the test fails if there is no answer.
+  /// Asks a question. The test fails if there is no answer.
   Answer ask(const std::string& url = kUrl) {
     auto answer = client.get(url, kLong);
     EXPECT_EQ(answer.status(), Status::ok) << proxymanager::lastFailure().name;

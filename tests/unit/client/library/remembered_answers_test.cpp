@@ -128,7 +128,8 @@ TEST(SharedAnswersTest, NoCopyOutlivesAChange) {
   EXPECT_FALSE(shared.find("a"));
   shared.add("a", answerOf("PROXY two:2"));
   EXPECT_EQ(textOf(shared.find("a")), "PROXY two:2");
-  EXPECT_FALSE(shared.find("b"));  // even after the part of this thread has copied a new answer
+  // The old answer stays forgotten, even after this thread's part has copied a new answer.
+  EXPECT_FALSE(shared.find("b"));
 }
 
 TEST(SharedAnswersTest, MoreThreadsThanPartsFindTheSame) {

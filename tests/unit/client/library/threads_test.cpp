@@ -21,7 +21,8 @@ using std::chrono::milliseconds;
 
 namespace {
 
-/// Maximum number of calls of one connection that are in progress at once. The bus allows 128.
+/// Maximum number of calls of one connection that are in progress at once. The bus allows 128 such
+/// calls.
 constexpr int kCalls = 64;
 
 class ThreadsTest : public LibraryTest {};
@@ -214,7 +215,7 @@ TEST_F(ThreadsTest, ACallbackThatTakesLongHoldsUpNobodysLimit) {
   called.wait();
   EXPECT_EQ(client.get(kUrl + "slow", milliseconds(20)).status(), Status::tooSlow);
   lock.unlock();
-  ask(kUrl + "behind");  // its reply comes after the callback has returned
+  ask(kUrl + "behind");  // this reply comes after the callback has returned
 }
 
 TEST_F(ThreadsTest, NothingIsStartedBeforeTheFirstQuestion) {

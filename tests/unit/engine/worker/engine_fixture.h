@@ -21,7 +21,8 @@ class EngineTest : public testing::Test {
     limits.time = std::chrono::minutes(10);  // an emulator may need more than one minute
     return limits;
   }
-  /// Loads the script into a fresh engine. @return the error's message; "" if the script is loaded
+  /// Loads the script into a fresh engine. @return the error's message, or "" if the script is
+  /// loaded
   std::string load(const std::string& script, const ScriptLimits& limits = patient()) {
     mEngine = std::make_unique<ScriptEngine>(mWorld, limits);
     const std::optional<Problem> error = mEngine->load(script);

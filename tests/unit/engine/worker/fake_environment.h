@@ -1,4 +1,5 @@
-// An environment that a test controls: clock, zone, names and addresses; it also records alerts.
+// An environment that a test controls: clock, zone, names and addresses. The environment also
+// records alerts.
 #pragma once
 
 #include <cstdint>

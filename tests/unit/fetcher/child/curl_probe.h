@@ -6,7 +6,7 @@
 
 struct CurlOption {
   int option;
-  long value;  ///< as a number, also for options that are pointers
+  long value;  ///< a number, even if the option is a pointer
 };
 
 /// The options set so far, in order.

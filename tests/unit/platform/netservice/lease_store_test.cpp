@@ -88,7 +88,7 @@ class Store : public testing::Test {
  protected:
   void SetUp() override { enterOwnRoot(); }
 
-  // The loopback interface exists everywhere; `other` does not.
+  // The loopback interface exists everywhere. `other` does not exist, but its lease is kept.
   static std::vector<std::string> kept(LeaseStore& store, const std::string& other) {
     std::vector<std::string> found;
     for (const auto& lease : store.leases(other))
