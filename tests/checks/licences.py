@@ -64,8 +64,8 @@ def compiled_in(tree):
     listed = subprocess.run([str(tree / "packaging/dependencies.sh"), "--list", "--no-tests"],
                             check=True, capture_output=True, text=True).stdout
     names = [line.split()[0] for line in listed.splitlines()]
-    # findings() adds the engine under the name quickjs-ng, because the programs of this SBOM have
-    # it compiled in.
+    # findings() adds the engine under the name quickjs-ng, because the engine is compiled into the
+    # programs of this SBOM.
     left_out = {"dpkg-dev", "libqjs-dev"}
     for name in (name for name in names if name.endswith("-dev") and name not in left_out):
         files = subprocess.run(["dpkg", "-L", name], check=False, capture_output=True, text=True)

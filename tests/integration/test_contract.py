@@ -95,7 +95,7 @@ def test_malformed_arguments_are_refused_and_change_nothing(client, signals, mem
         client.call(member, signature, body)
     assert error.value.name == INVALID_ARGS
     assert client.config() == ("off", "", "", "n", "", "")
-    client.update("manual", proxyurl="good")  # signals of the bad call would come before these
+    client.update("manual", proxyurl="good")  # signals of the bad call would come before this call's signals
     assert signals.wait("notifyProxyConfigupdated")[1] == "good"
     assert signals.count("notifyProxyConfigupdated") == 1
     assert signals.count("notifyClearcache") == 1

@@ -1,7 +1,7 @@
 """Tests that unchanged programs with GLib's networking follow the daemon if the module is
 installed.
 
-soup_get is a small program with libsoup. gio is Debian's, and fetches through gvfs.
+soup_get is a small program with libsoup. gio is Debian's program, and fetches through gvfs.
 """
 
 import os

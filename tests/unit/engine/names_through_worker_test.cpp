@@ -66,8 +66,8 @@ TEST(NamesOfAScript, NeverHoldAnEvaluationPastItsLimit) {
       "if (host == 'h') return 'DIRECT'; "
       "for (var i = 0; i < 20; ++i) isResolvable('n' + i + '.test'); return 'late';",
       server);
-  // The library's time limit begins first, and it ends the last lookup. After that, the worker has
-  // enough time for an answer in some runs, but not in others.
+  // The library's time limit begins first, and this limit ends the last lookup. After that, the
+  // worker has enough time for an answer in some runs, but not in others.
   const auto took =
       shortest(std::chrono::seconds(6), [&] { engine->evaluate("http://h/", "all"); });
   EXPECT_GE(took, milliseconds(4990));

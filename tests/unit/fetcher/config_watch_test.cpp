@@ -381,7 +381,7 @@ TEST_F(ConfigWatch, TakesTheLastDescriptorThatSelectCanHold) {
 }
 
 TEST_F(ConfigWatch, SaysAFailedSelect) {
-  const int closed = dup(0);  // a low number: select checks only the range in use
+  const int closed = dup(0);  // a low number: select checks only the range of open descriptors
   close(closed);
   EXPECT_EQ(PACFetcherTestAccess::waitForChanges(*mFetcher, closed, 1), -1);
   EXPECT_TRUE(logged(LOG_INFO,

@@ -1,5 +1,5 @@
-// Landlock limits the files of the fetch process. A kernel may lack it, and so does an emulator of
-// user programs.
+// Landlock limits the files of the fetch process. Some kernels and the emulators of user programs
+// do not have Landlock.
 #pragma once
 
 #include <linux/landlock.h>
