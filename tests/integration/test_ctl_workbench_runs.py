@@ -1,5 +1,6 @@
 """The commands of the workbench while they run: their progress, their interruption, their limits."""
 
+import json
 import os
 import signal
 import subprocess
@@ -18,6 +19,16 @@ LARGE = "function FindProxyForURL(url, host) {\n" + "".join(
 LATE = """\
 function FindProxyForURL(url, host) {
   if (host == "late") for (var end = Date.now() + TIME; Date.now() < end;) "x".repeat(1e6);
+  return "DIRECT";
+}
+"""
+# Answers late for a host that is only in the made URLs.
+MISSED = """\
+function FindProxyForURL(url, host) {
+  if (host == "missed.example") {
+    for (var end = Date.now() + 1200; Date.now() < end;) "x".repeat(1e6);
+    return "PROXY p:1";
+  }
   return "DIRECT";
 }
 """
@@ -69,6 +80,7 @@ def late(milliseconds):
 # The words of each command, and the number of evaluations of the first URL before it is counted.
 COUNTED = {"cover": (["cover", "/tmp/s.pac"], 2), "diff": (["diff", "/tmp/s.pac", "/tmp/s.pac"], 4),
            "bench": (["bench", "/tmp/s.pac", "--json"], 1),
+           "eval": (["eval", "/tmp/s.pac", "--host", "late"], 1),
            "explain": (["explain", "/tmp/s.pac", "--host", "late"], 2)}
 
 
@@ -84,6 +96,32 @@ def test_a_terminal_sees_the_number_of_urls_until_the_output(to_file, command):
     assert rest.endswith("\r\x1b[K") and "\n" not in rest
     with open("/tmp/output", encoding="utf-8") as output:
         assert "URLs\r" not in output.read()
+
+
+def test_a_terminal_sees_the_number_of_cases(to_file):
+    late(1200)
+    write("cases", "http://late/ -> DIRECT\nhttp://b/ -> DIRECT\n")
+    terminal = to_file.on_terminal("pac", "test", "/tmp/s.pac", "/tmp/cases")
+    terminal.output.wait("\r\x1b\\[K1 of 2 URLs\r")
+    assert terminal.end()[0] == ANSWERED
+
+
+def test_a_terminal_sees_the_number_of_made_urls(to_file):
+    """The rule that no given URL reaches answers late, and URLs are made for it."""
+    path = write("s.pac", MISSED)
+    terminal = to_file.on_terminal("pac", "cover", path, "http://b/")
+    terminal.output.wait("\r\x1b\\[K[0-9]+ of [0-9]+ URLs\r")
+    assert terminal.end()[0] == ANSWERED
+
+
+@pytest.mark.parametrize("command", ["eval", "explain"])
+def test_the_progress_is_gone_before_the_output_comes(ctl, command):
+    late(1200)
+    terminal = ctl.on_terminal("pac", command, "/tmp/s.pac", "--json", "--host", "late", "http://late/")
+    terminal.output.wait("1 of 1 URLs\r\r\x1b\\[K")
+    status, output = terminal.end()
+    assert status == ANSWERED
+    assert len(json.loads(output)) == 1
 
 
 def test_nothing_but_a_terminal_sees_the_progress(ctl, to_file):

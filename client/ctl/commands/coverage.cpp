@@ -106,6 +106,7 @@ void tryMissed(Coverage& coverage, const TracedScript& script, pac_engine::Engin
   const auto end = std::chrono::steady_clock::now() + kMadeTime;
   coverage.madeCut = report.at("cut").get<bool>();
   noteUntried(coverage, places, report.at("cutTests"));
+  Progress progress(report.at("urls").size());
   for (const auto& row : report.at("urls")) {
     if (std::chrono::steady_clock::now() >= end) {
       coverage.madeCut = true;
@@ -117,6 +118,7 @@ void tryMissed(Coverage& coverage, const TracedScript& script, pac_engine::Engin
     ++coverage.made;
     const auto reached = reachedBy(asked.trace, places.size());
     for (auto& rule : coverage.missed) tryRule(rule, places, asked, reached, url, row.at(1));
+    progress.step();
   }
   for (auto& rule : coverage.missed) {
     if (!rule.mayBeReached && rule.reachedBy.empty()) continue;

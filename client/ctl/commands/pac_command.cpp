@@ -1,5 +1,7 @@
 #include "client/ctl/commands/pac_command.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -20,6 +22,7 @@
 #include "client/ctl/commands/simulated_environment.h"
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/progress.h"
 #include "engine/pac_engine.h"
 
 namespace client {
@@ -103,8 +106,11 @@ ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options option
   if (!engine) throw refusal(arguments.script.file, refused);
   Json all = Json::array();
   bool allAnswered = true;
+  // On a terminal, the answers themselves show the progress.
+  Progress progress(arguments.asked.urls.size(), arguments.json || isatty(STDOUT_FILENO) != 1);
   for (const auto& url : arguments.asked.urls) {
     const auto evaluated = evaluateUrl(*engine, url, arguments.host);
+    progress.step();
     allAnswered = allAnswered && evaluated.result.has_value();
     if (arguments.json) {
       all.push_back(jsonOf(evaluated, true));
@@ -112,6 +118,7 @@ ExitStatus evalScript(const EvalArguments& arguments, pac_engine::Options option
       print(evaluated);
     }
   }
+  progress.end();
   if (arguments.json) printJson(all);
   return allAnswered ? kAnswered : kNoAnswer;
 }

@@ -309,6 +309,7 @@ ExitStatus explain(const ExplainArguments& arguments, const pac_engine::Options&
       TextReport(script, asked).print();
     }
   }
+  progress.end();
   if (arguments.json) printJson(all);
   return allAnswered ? kAnswered : kNoAnswer;
 }

@@ -1,8 +1,10 @@
 #include "client/ctl/commands/pac_test_command.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +15,7 @@
 #include "client/ctl/commands/test_cases.h"
 #include "client/ctl/commands/test_report.h"
 #include "client/ctl/terminal/output.h"
+#include "client/ctl/terminal/progress.h"
 #include "client/ctl/terminal/script_file.h"
 #include "client/ctl/terminal/shown_text.h"
 #include "client/ctl/terminal/url_list.h"
@@ -125,20 +128,32 @@ void printOutcomes(const TestArguments& arguments, const std::vector<TestOutcome
   printLine(failed == 0 ? count + " passed" : std::to_string(failed) + " of " + count + " failed");
 }
 
+/// Asks for each case. @return nothing if the script is refused in the environment of a case; then
+/// `refused` has the reason
+std::optional<std::vector<TestOutcome>> outcomesOf(const std::vector<TestCase>& cases,
+                                                   TestedScript& script,
+                                                   pac_engine::Problem& refused) {
+  std::vector<TestOutcome> outcomes;
+  Progress progress(cases.size());
+  for (const auto& given : cases) {
+    auto* const engine = script.inWorldOf(given, refused);
+    if (engine == nullptr) return std::nullopt;
+    outcomes.push_back(outcomeOf(given, *engine));
+    progress.step();
+  }
+  return outcomes;
+}
+
 ExitStatus testScript(const TestArguments& arguments) {
   const auto cases = parseTestCases(readListFile(arguments.files.cases),
                                     shownName(arguments.files.cases), arguments.environment);
   TestedScript script(readChosenScript(arguments.script), arguments.files);
-  std::vector<TestOutcome> outcomes;
-  bool allPassed = true;
-  for (const auto& given : cases) {
-    pac_engine::Problem refused;
-    auto* const engine = script.inWorldOf(given, refused);
-    if (engine == nullptr) return refuse(arguments, refused);
-    outcomes.push_back(outcomeOf(given, *engine));
-    allPassed = allPassed && outcomes.back().isPassed();
-  }
-  printOutcomes(arguments, outcomes);
+  pac_engine::Problem refused;
+  const auto outcomes = outcomesOf(cases, script, refused);
+  if (!outcomes) return refuse(arguments, refused);
+  printOutcomes(arguments, *outcomes);
+  const bool allPassed = std::all_of(outcomes->begin(), outcomes->end(),
+                                     [](const auto& one) { return one.isPassed(); });
   return allPassed ? kAnswered : kNoAnswer;
 }
 

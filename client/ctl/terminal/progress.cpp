@@ -28,7 +28,7 @@ Progress::Progress(std::size_t all, bool isWanted)
       mIsWanted(isWanted && isLineEditable()) {}
 
 Progress::~Progress() {
-  if (mIsShown) std::cerr << kEraseLine << std::flush;
+  end();
 }
 
 void Progress::step() {
@@ -40,6 +40,11 @@ void Progress::step() {
   mIsShown = true;
   // The cursor returns to the start, so that an alert of the script overwrites the line.
   std::cerr << kEraseLine << mDone << " of " << mAll << " URLs\r" << std::flush;
+}
+
+void Progress::end() {
+  if (mIsShown) std::cerr << kEraseLine << std::flush;
+  mIsShown = false;
 }
 
 }  // namespace client

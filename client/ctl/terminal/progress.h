@@ -14,13 +14,16 @@ class Progress {
   /// @param all the number of URLs
   /// @param isWanted if false, the line is never shown
   explicit Progress(std::size_t all, bool isWanted = true);
-  /// Erases the line.
+  /// Does the same as end().
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   /// Counts one URL. Shows the line at most ten times a second.
   void step();
+
+  /// Erases the line. A command calls this function before it prints to the terminal.
+  void end();
 
  private:
   std::size_t mAll;
