@@ -1,6 +1,6 @@
-// Measures the cost of the separate process for a script: asks the same question through the
-// library, and directly to the same engine in this process. The benchmark also measures the time of
-// loading and the memory of the worker.
+// Measures the cost of the separate process for a script: the same question goes once through the
+// library, and once directly to the same engine in this process. The benchmark also measures the
+// time of loading and the memory of the worker.
 //
 // "OneCpu" binds this process, and with it the worker, to one CPU. With "AnyCpu", the scheduler
 // chooses the CPUs. The counter private_KB is the memory that the worker does not share with other
@@ -125,9 +125,9 @@ BENCHMARK_CAPTURE(load, sixtyRules, rulesScript(kRules))
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(load, large, scriptOf(kLargeBytes))->UseRealTime()->Unit(benchmark::kMillisecond);
 
-/// Searches a list with the given number of rules from its beginning to its end. It runs in this
-/// process: the calculation of the complexity uses CPU time, and the worker's CPU time would not be
-/// part of it.
+/// Searches a list with the given number of rules from its beginning to its end. The search runs in
+/// this process, because the complexity is calculated from the CPU time of this process. The CPU
+/// time of a worker is not part of that time.
 void searchList(benchmark::State& state) {
   inProcess(state, bench::linearListScript(static_cast<int>(state.range(0))));
   state.SetComplexityN(state.range(0));

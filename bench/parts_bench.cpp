@@ -29,8 +29,8 @@ std::string hostOf(std::int64_t number) {
   return "www" + std::to_string(number) + ".example.org";
 }
 
-/// Stores answers for this number of hosts in the parser, in the same way as a script's result
-/// does.
+/// Stores answers for this number of hosts in the parser, by calls of the function that receives a
+/// script's result.
 void remember(PacParser& parser, std::int64_t hosts) {
   for (std::int64_t i = 0; i < hosts; ++i) {
     auto host = hostOf(i);
@@ -66,8 +66,8 @@ void parseResult(benchmark::State& state) {
   state.SetComplexityN(state.range(0));
 }
 
-/// The kinds of names that a device sees: below country codes, below long suffixes, names of one
-/// label, and names with a suffix that is not in the list.
+/// The kinds of names that a device sees: names below country codes, names below long suffixes,
+/// names of one label, and names with a suffix that is not in the list.
 const std::vector<std::string>& names() {
   static const std::vector<std::string> drawn = [] {
     constexpr const char* kSuffixes[] = {"com",   "org",      "co.uk",  "de",

@@ -34,7 +34,7 @@ TARGET = f"{TARGET_ADDRESS}:9000"
 RELAY, TINYPROXY, UPSTREAM, CHAINED, SQUID, HAPROXY, SOCAT, TLS, MICROSOCKS = (
     f"127.0.0.1:{port}" for port in (3128, 8888, 8889, 8890, 3129, 9001, 9002, 8443, 1080))
 CLIENTS = 16
-IDLE = 900  # together with the earlier tunnels, below the limit of 1,024 for one user
+IDLE = 900  # tunnels: with the earlier tunnels, fewer than the limit of 1,024 for one user
 MOST_IDLE = 9000
 # The relay's connection limits for MOST_IDLE tunnels: a little more than that number.
 RAISED = "max-connections = 9500\nmax-connections-of-user = 9500\n"
@@ -146,7 +146,8 @@ class World:
             relay.stop()
 
     def way(self, proxyurl):
-        """Configures the daemon: connections go through the proxy at the URL, or directly if there is none."""
+        """Configures the daemon: connections go through the proxy at the URL, or directly if the URL is
+        empty."""
         self.client.update("manual" if proxyurl else "off", proxyurl)
 
     def load(self, what, proxy, clients, seconds):
@@ -182,7 +183,8 @@ def in_turn(world, what, ways, clients, seconds, rounds):
 
 
 def wait_for_way(world):
-    """Makes requests until the relay has received the daemon's signal about the new configuration."""
+    """Makes requests for 0.4 s, so that the relay receives the daemon's signal about the new
+    configuration."""
     for _ in range(20):
         world.load("latency", RELAY, 1, 0.02)
 
@@ -201,7 +203,7 @@ def connections_to(endpoint):
 
 def memory(world, relay, proxyurl, count=IDLE):
     """Returns the private memory of one idle tunnel in KiB. Some tunnels exist before the measurement,
-    because the first ones also need memory that the relay allocates only once."""
+    because the first tunnels also need memory that the relay allocates only once."""
     world.way(proxyurl)
     wait_for_way(world)
     with world.idle(count // 10):
@@ -238,7 +240,7 @@ def processor_seconds(pid):
 
 def costs(world, rounds, seconds):
     """Yields rows: description, and the CPU time in microseconds that each proxy needs for a tunnel. On a
-    machine with other work, this is more reliable than rates."""
+    machine with other work, the CPU time is more reliable than rates."""
     with world.relay() as relay:
         for what, proxyurl, name, other in (
                 ("direct", "", "tinyproxy", TINYPROXY),

@@ -2,12 +2,12 @@
 //
 // usage: relay_load KIND PROXY TARGET CLIENTS SECONDS
 // - tunnels: tunnels a second, each with CONNECT and one byte in each direction
-// - responses: responses of 64 KiB a second, on kept connections
+// - responses: responses a second, each of 64 KiB, on kept connections
 // - latency (one client): median time of a request with a response of 64 KiB, on one kept
 //   connection, in microseconds
 // - bulk: MB a second that arrive through tunnels
-// - idle (CLIENTS is the number of tunnels, SECONDS is 0): opens the tunnels, prints how many there
-//   are, and holds them until standard input ends
+// - idle (CLIENTS is the number of tunnels, SECONDS is 0): opens the tunnels, prints their number,
+//   and keeps them open until standard input ends
 //
 // PROXY and TARGET are ADDRESS:PORT. If PROXY is "-", the connections go to the target directly. If
 // PROXY is "plain:ADDRESS:PORT", the connections go to a forwarder, without CONNECT. Each client is
@@ -139,8 +139,7 @@ void ask(const Load& load, Done done) {
   const auto request = (load.isDirect ? "GET /" : "GET http://" + load.target + "/") +
                        std::string(" HTTP/1.1\r\nHost: ") + load.target + "\r\n\r\n";
   std::vector<char> buffer(96 << 10);
-  // At least one request is made, even if the time is over before the first request, on a busy
-  // machine.
+  // At least one request is made. On a busy machine, the time may be over before the first request.
   do {
     const auto begin = Clock::now();
     sendAll(connection.get(), request);

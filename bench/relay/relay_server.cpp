@@ -1,11 +1,11 @@
 // The server behind the measured proxies. The first byte of a connection decides what the server
 // sends:
-// - 'e': each byte back
+// - 'e': each received byte
 // - 'b': zeros, until the client closes the connection
 // - 'G' (HTTP): a response of 64 KiB to each request, on a kept connection
 //
-// usage: relay_server PORT. The server has one thread with an event loop, so ten thousand idle
-// connections cost it nothing.
+// usage: relay_server PORT. The server has one thread with an event loop, so idle connections need
+// no threads.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -111,13 +111,13 @@ void accept(int loop, int from) {
     if (socket < 0) return;
     const int on = 1;
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-    // The reset also ends the other side's connection, so its port is free for the next tunnel at
-    // once.
+    // With these options, close() sends a reset. A reset also ends the connection of the other
+    // side, so the port of the other side is free for the next tunnel at once.
     const linger reset{1, 0};
     setsockopt(socket, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     epoll_event event{};
     event.events = EPOLLIN | EPOLLOUT | EPOLLET;
-    event.data.ptr = new Connection{socket, 0, {}, {}, 0};  // owned by its event until it ends
+    event.data.ptr = new Connection{socket, 0, {}, {}, 0};  // the event owns it until it ends
     epoll_ctl(loop, EPOLL_CTL_ADD, socket, &event);
   }
 }

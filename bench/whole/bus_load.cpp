@@ -7,8 +7,8 @@
 //
 // usage: bus_load BASE-NAME MEASURED-NAME ROUNDS CALLS CLIENTS URL [PAC-URL]
 // - URL: each "%d" in it is replaced by a new number for each call, so every call has a new host.
-// - PAC-URL: if it is given, BASE-NAME is GLib's PAC runner, which has another interface. It
-//   answers for URL with the script at PAC-URL.
+// - PAC-URL: if it is given, BASE-NAME is GLib's PAC runner, which has another interface. The
+//   runner evaluates the script at PAC-URL for URL.
 //
 // Prints one JSON object: medians in microseconds, calls a second, medians of the rounds' ratios.
 #include <systemd/sd-bus.h>
@@ -75,7 +75,7 @@ class Urls {
 /// The service that a block of calls asks.
 struct Target {
   const char* name;
-  const char* pacUrl;  ///< null: the daemon's interface; else the PAC runner's
+  const char* pacUrl;  ///< null if the service has the daemon's interface
 };
 
 Message questionTo(sd_bus* bus, const Target& target, const std::string& url) {

@@ -1,8 +1,8 @@
 """Counts the instructions that the daemon needs for a call, in one or more builds of the daemon.
 
-Callgrind counts the whole daemon, with the bus library. The count of a short run is subtracted from the
-count of a long run, so the start and the end do not count. The mode is manual, because callgrind does
-not support the system calls that a download needs. Run it as root:
+Callgrind counts the whole daemon, with the bus library. The count of a short run is subtracted from the count
+of a long run, so the instructions of the start and the end do not count. The mode is manual, because
+callgrind does not support the system calls that a download needs. Run it as root:
 
   python3 bench/whole/call_instructions.py BUILD...
 """

@@ -1,7 +1,8 @@
 // Measures the cost of an answer for a program that uses the client library. Prints one line of
-// JSON, with times in microseconds: the first answer in a new process, compared with a plain
-// connection and call; a remembered answer; and the rate of remembered answers of two threads,
-// compared with one thread.
+// JSON, with times in microseconds:
+// - the time of the first answer in a new process, and the time of a plain connection and call
+// - the time of a remembered answer
+// - the rate of remembered answers of two threads, compared with the rate of one thread
 //
 // usage: client_load SAMPLES, with a daemon on the system bus
 #include <proxymanager/client.h>
@@ -22,7 +23,7 @@ namespace {
 
 constexpr const char* kUrl = "http://www.example.org/index.html";
 constexpr int kLimitMs = 10'000;
-constexpr std::size_t kRemembered = 200'000;  ///< answers of one measurement: tens of milliseconds
+constexpr std::size_t kRemembered = 200'000;  ///< in one measurement: tens of milliseconds
 constexpr int kRounds = 15;
 constexpr int kHosts = 32;
 

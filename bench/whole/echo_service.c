@@ -1,8 +1,8 @@
 /* The smallest service that can answer on the bus. The daemon is compared with it.
  *
  * A service in plain C on sd-bus. It answers every getProxyurl with the texts of its command line.
- * It has the daemon's path and interface and its own bus name, so both get the same call and give
- * the same answer. It logs nothing and has no configuration.
+ * It has the daemon's path and interface, but its own bus name. So both services get the same call
+ * and give the same answer. It logs nothing and has no configuration.
  *
  * usage: echo_service NAME TEXT... */
 #include <errno.h>

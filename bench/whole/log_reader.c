@@ -1,8 +1,8 @@
 /* Replaces the device's syslog daemon: it reads every line from /dev/log at once and drops it. So
- * every measured program writes to a real reader, and none has to wait for it.
+ * every measured program writes to a real reader, and no program has to wait for the reader.
  *
- * usage: log_reader SOCKET; when SIGTERM ends it, it prints the number of lines and bytes that it
- * has read */
+ * usage: log_reader SOCKET. When SIGTERM ends the program, it prints the number of lines and bytes
+ * that it has read. */
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>

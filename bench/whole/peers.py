@@ -4,8 +4,8 @@ All programs evaluate the same script of 60 rules for a host that they have not 
 program answers from a cache. The daemon's cached answer has a separate row.
 
 - glib-pacrunner, over the same private bus: bus_load asks it and the daemon in turn.
-- `proxy` of libproxy, which reads URLs from its standard input: the time for one URL is subtracted from
-  the time for many, so that its start does not count.
+- `proxy` of libproxy, which reads URLs from its standard input: the time for one URL is subtracted from the
+  time for many, so that the start of the program does not count.
 - pacparser, in the process of its caller, through its module for Python.
 
 The programs are unpacked, not installed. bench.sh --peers calls this program, as root.

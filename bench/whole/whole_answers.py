@@ -39,8 +39,8 @@ PROXY = "http://proxy.example.org:8080"
 URL = "http://www.example.org/index.html"
 NEW_URL = "http://host%d.example.org/index.html"
 
-# description, mode, severity, URL, clients, (figure, goal). A latency_ratio has a maximum, a rate_ratio a
-# minimum.
+# description, mode, severity, URL, clients, (figure, goal). The goal of a latency_ratio is a maximum, the
+# goal of a rate_ratio is a minimum.
 CASES = (
     ("mode manual, severity 5", "manual", 5, URL, 1, ("latency_ratio", 1.15)),
     ("cached host, severity 5", "pacurl", 5, URL, 1, ("latency_ratio", 1.20)),
@@ -51,9 +51,9 @@ CASES = (
 STARTS = 15
 NEW_SCRIPTS = 9
 IDLE = 60  # seconds
-# The wake-ups that are intended: the main thread sleeps in steps of 20 s, pm-pac waits 120 s, and
-# pm-fetch and pm-watch wait 1800 s. One of these waits may end by chance. The bus thread and the worker
-# are not woken.
+# The wake-ups that are intended: the main thread sleeps in steps of 20 s, pm-pac waits 120 s, and pm-fetch
+# and pm-watch wait 1800 s. By chance, one of the long waits may also end during the measurement. The bus
+# thread and the worker are not woken.
 WAKE_UPS = 5
 CALLS_OF_PEERS = 40  # calls in a block: an answer of a peer takes milliseconds
 CLIENT_COUNTS = (1, 2, 4, 8, 16, 32, 64)

@@ -18,9 +18,9 @@ struct ShownEntry {
 
 struct ShownAnswer {
   std::string url;                    ///< as given; the output may hide its password
-  std::optional<std::string> mode;    ///< none for a script that a command tries out
+  std::optional<std::string> mode;    ///< not set for a script that a command tries out
   std::string host;                   ///< the host of the question
-  std::optional<std::string> result;  ///< the text of the entries; none without an answer
+  std::optional<std::string> result;  ///< the text of the entries, if there is an answer
   std::vector<ShownEntry> entries;
   std::optional<std::string> error;  ///< why there is no result
 

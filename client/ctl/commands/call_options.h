@@ -16,7 +16,7 @@ inline constexpr std::chrono::seconds kAskLimit{15};
 /// the load of a script and for other calls.
 inline constexpr std::chrono::seconds kChangeLimit{60};
 
-/// Longest --timeout. In mode wpad, a walk over all candidate URLs takes less than three hours.
+/// Longest --timeout. In mode wpad, the daemon tries all candidate URLs in less than three hours.
 inline constexpr std::chrono::hours kMaxLimit{24};
 
 struct CallOptions {

@@ -13,8 +13,8 @@ struct ChosenScript {
   bool isCurrent = false;
 };
 
-/// Adds to `command` the argument FILE, and -p, the option for a script in other programs that test
-/// scripts. `chosen` must live as long as `command`.
+/// Adds the argument FILE and the option -p to `command`. Other programs that test scripts use -p
+/// for the script. `chosen` must live as long as `command`.
 void addScriptFile(CLI::App& command, ChosenScript& chosen);
 
 /// Adds --current.
@@ -22,7 +22,8 @@ void addCurrentScript(CLI::App& command, ChosenScript& chosen);
 
 /// Sets the file of the script from FILE, -p and --current. Call this function after the command
 /// line has been parsed. Throws the parser's error if there is no script.
-/// @return the argument in the place of FILE, if -p or --current selects the script; else nothing
+/// @return the argument in the place of FILE if -p or --current selects the script; else an empty
+/// list
 std::vector<std::string> settleScript(ChosenScript& chosen);
 
 /// Does the same for a command whose only argument is FILE.

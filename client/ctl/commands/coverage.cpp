@@ -72,7 +72,7 @@ bool isMadeFor(const MissedRule& rule, const std::vector<Place>& places,
   });
 }
 
-/// Notes what a made URL shows about a missed rule. `tests` are the tests for which the URL was
+/// Updates a missed rule with the result of a made URL. `tests` are the tests for which the URL was
 /// made.
 void tryRule(MissedRule& rule, const std::vector<Place>& places, const TracedAnswer& asked,
              const std::vector<bool>& reached, const std::string& url,

@@ -29,7 +29,7 @@ struct MissedRule {
   std::string reachedBy;    ///< a URL that was made from the script and reaches this rule; or empty
   std::string shadowedUrl;  ///< a URL that was made for this rule, but another rule answers it
   std::optional<std::size_t> shadow;  ///< the return that answers this URL
-  /// True if a URL that was made for this rule reached the rule's test, or if this URL was not
+  /// True if a URL that was made for this rule reached the rule's test, or if such a URL was not
   /// tried. In both cases it is unknown whether another rule shadows this rule.
   bool mayBeReached = false;
 };

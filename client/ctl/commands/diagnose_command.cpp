@@ -30,8 +30,8 @@ or 401, 404 or 405, which are a server's.
 Exit status:
 )";
 
-/// The time limit for a connection. An answer has the same limit; a proxy connects to the server
-/// before it answers.
+/// The time limit for a connection, and the time limit for an answer: a proxy connects to the
+/// server before it answers.
 constexpr std::chrono::seconds kStepLimit{10};
 
 struct DiagnoseArguments {
@@ -60,7 +60,7 @@ void checkServer(const std::string& url) {
   if (host.empty() || host.find_first_of(base::kBlanks) != std::string::npos) {
     throw CLI::ValidationError("URL", "it has no valid host");
   }
-  // Servers and proxies know a name only in this form.
+  // Servers and proxies accept a host name only in its ASCII form (xn--).
   if (std::any_of(host.begin(), host.end(), [](char byte) { return (byte & 0x80) != 0; })) {
     throw CLI::ValidationError("URL", "its host is not ASCII; give it in its xn-- form");
   }

@@ -151,7 +151,7 @@ Measured measure(pac_engine::Engine& engine, const BenchArguments& arguments, Pr
 }
 
 /// Asks the script all questions again, in a worker that counts the helper calls. The share of the
-/// helpers is computed from this run only, because another process is slower or faster.
+/// helpers is computed from this run only, because the other worker may be slower or faster.
 void measureHelpers(Measured& measured, const std::string& script, const BenchArguments& arguments,
                     pac_engine::Options options, Progress& progress) {
   options.role = pac_engine::WorkerRole::kTraces;

@@ -100,10 +100,10 @@ bool addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::
   return report.at("cut").get<bool>();
 }
 
-/// A group of URLs: for all of them, the same rule of each script decided.
+/// A group of URLs. In each of the two scripts, the same rule decided for all of them.
 struct Group {
-  Decision before;  ///< of the old script, for the first URL
-  Decision after;   ///< of the new script, for the first URL
+  Decision before;  ///< the old script's decision for the first URL
+  Decision after;   ///< the new script's decision for the first URL
   std::vector<std::string> urls;
 };
 
@@ -149,7 +149,7 @@ struct Differences {
   std::size_t different = 0;
 };
 
-/// Asks both scripts for `urls`. If the URLs are made, it asks for them for kMadeDiffTime at most.
+/// Asks both scripts about `urls`. If the URLs are made, the function stops after kMadeDiffTime.
 Differences compare(TracedScript& oldScript, TracedScript& newScript,
                     const std::vector<std::string>& urls, bool areMade) {
   Differences found;

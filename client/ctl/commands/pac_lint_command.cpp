@@ -67,8 +67,8 @@ nlohmann::json localAnswers(const std::string& script, const std::string& file) 
   return answers;
 }
 
-/// Checks only that the name of a rule is a word, because the names of all rules arrive with the
-/// report.
+/// Checks only that the name of a rule is a word: the list of the valid names arrives later, with
+/// the report.
 std::string notAWord(const std::string& name) {
   const bool isWord = !name.empty() && name.size() <= 64 &&
                       name.find_first_not_of("abcdefghijklmnopqrstuvwxyz-") == std::string::npos;

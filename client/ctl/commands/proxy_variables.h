@@ -20,8 +20,8 @@ inline constexpr std::array<std::string_view, 8> kProxyVariables{
     "HTTP_PROXY", "HTTPS_PROXY", "ALL_PROXY", "NO_PROXY"};
 
 /// The value of no_proxy: this machine and this link, which are never reached through a proxy
-/// (domain/local_host.h has the same list). All programs understand names and addresses in it.
-/// Some, such as curl, also understand ranges.
+/// (domain/local_host.h has the same list). All programs understand names and addresses in it. Some
+/// programs, such as curl, also understand ranges.
 inline constexpr std::string_view kNotThroughProxy =
     "localhost,.localhost,127.0.0.1,::1,127.0.0.0/8,0.0.0.0,169.254.0.0/16,fe80::/10";
 

@@ -72,7 +72,7 @@ struct Reading {
 
 /// Reads and checks a document.
 /// @param host the proxy to which the document belongs. The document's identifier must name this
-/// host. If `host` is not set, the function does not compare them, and the document gets a warning
+/// host. If `host` is not set, the identifier is not checked, and the document gets a warning
 /// @param now seconds since 1970
 Reading read(std::string_view text, const std::optional<std::string>& host, std::int64_t now);
 

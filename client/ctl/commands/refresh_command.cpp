@@ -42,8 +42,8 @@ ExitStatus refresh(const CallOptions& options) {
   const WipedAtEnd password(configuration.password);
   const WipedAtEnd proxyurl(configuration.proxyurl);  // the old value may contain another password
   const WipedAtEnd pacurl(configuration.pacurl);
-  // A daemon without a configuration is in mode off, too. If it got this mode back, it would count
-  // as configured.
+  // A daemon without a configuration is in mode off, too. If this command sent mode off to such a
+  // daemon, the daemon would count as configured.
   if (configuration.mode == "off") return endWithoutScript(bus);
   // The daemon always returns "n" for authentication.
   const bool hasCredentials = !configuration.userName.empty() || !configuration.password.empty();

@@ -10,7 +10,7 @@
 
 namespace client {
 
-/// Where the settings service looks for the administrator's files.
+/// The folder in which the settings service looks for the administrator's files.
 inline constexpr char kSettingsFolder[] = "/etc/proxymanager/settings.d";
 /// The names of the files that --save writes and "settings reset" removes. The name of a password
 /// file can end in a number (".1"). The number 90 is high, so that saved settings overrule most
@@ -37,7 +37,7 @@ std::string settingsText(const Configuration& configuration, const std::string& 
 /// Writes both files, each atomically, with mode 0640 and the settings service's group (root's if
 /// there is no such group). Each password gets a file of its own, so that the old settings and the
 /// old password are complete after a failure or a power cut. Removes the old password file last.
-/// Also removes what an interrupted call has left.
+/// Also removes the files that an interrupted call has left.
 /// @return the settings file
 /// Throws Failure: kDenied if this user may not write in kSettingsFolder, kOutput if the disk fails
 /// or if another program has held the lock for kSaveLockLimit.

@@ -13,8 +13,8 @@ namespace {
 /// Time limit of a command: ten times the time that the longest script needs on a current machine.
 constexpr std::chrono::seconds kParserTime{10};
 
-/// Refuses a report. The process that wrote it has read the script, so the report may hold
-/// anything.
+/// Refuses a report. The process that wrote the report has read a foreign script, so the report may
+/// contain anything.
 [[noreturn]] void refuseReport(const std::string& file) {
   throw Failure(kInternal, file + ": the workbench sent what is no report");
 }

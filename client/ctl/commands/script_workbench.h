@@ -1,5 +1,4 @@
-// How commands use the workbench: it is a sandboxed process that parses a PAC script and sends
-// reports.
+// Functions for the workbench, a sandboxed process that parses a PAC script and sends reports.
 //
 // If there is no report, each function throws Failure (kRefused) with a line that names the file.
 #pragma once
@@ -20,8 +19,8 @@ namespace client {
 std::unique_ptr<pac_engine::Engine> openParser(std::string_view script, const std::string& file);
 
 /// Runs `command` in the parser. Each command has a file in engine/worker/workbench/, which
-/// describes its argument and its report. If the parser rejects a script that the engine accepts,
-/// this is a Failure, too.
+/// describes its argument and its report. The function also throws Failure if the parser rejects a
+/// script that the engine accepts.
 nlohmann::json askParser(pac_engine::Engine& parser, std::string_view command,
                          const nlohmann::json& argument, const std::string& file);
 

@@ -156,7 +156,7 @@ bool learnConfiguration(DaemonBus& bus, Status& status) {
   }
 }
 
-/// Reads into `status` what the daemon itself answers and announces.
+/// Reads the daemon's own answers and announcements into `status`.
 void learnFromDaemon(DaemonBus& bus, Status& status, std::chrono::microseconds limit) {
   bool announced = false;
   bus.listen(signalRule("ProxyMgrStateEvent"), [&](sd_bus_message* signal) {
@@ -363,7 +363,7 @@ Known<bool> hasScript(const Status& status) {
           "the file is of an earlier daemon, or the clock was set after the fetch;" + unknown};
 }
 
-/// What programs get while the daemon has no script.
+/// Describes the answers that programs get while the daemon has no script.
 std::string meaningWithoutScript(const Status& status) {
   if (status.walking.value == true) {
     return "no answer for any URL until the walk has fetched a script";

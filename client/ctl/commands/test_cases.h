@@ -42,9 +42,9 @@ struct TestCase {
 std::vector<TestCase> parseTestCases(std::string_view text, const std::string& name,
                                      const SimulatedEnvironment& base);
 
-/// `answer` with "; " between its entries, without blanks around them and without empty entries;
-/// kExpectsEmpty if there are none. If two results of a script have an equal form, the daemon gives
-/// the same answer for both.
+/// `answer` with "; " between its entries, without blanks around them and without empty entries. It
+/// is kExpectsEmpty if there are no entries. If two results of a script have an equal form, the
+/// daemon gives the same answer for both.
 std::string comparableAnswer(std::string_view answer);
 
 }  // namespace client

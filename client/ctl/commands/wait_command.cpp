@@ -89,7 +89,8 @@ Look lookForConfiguration(DaemonBus& bus, const Owner& daemon, Clock::time_point
 }
 
 /// Whether the daemon has a script. A script can also give an answer without entries. In this case,
-/// systemd knows whether there is a script, or else the PAC file shows it.
+/// the daemon's report to systemd shows whether there is a script. Without a report, the PAC file
+/// shows this.
 Look lookForScript(DaemonBus& bus, const Owner& daemon) {
   const auto answer = bus.ask("http://localhost/");
   if (answer.mode != "pacurl" && answer.mode != "wpad") return {};

@@ -72,8 +72,8 @@ base::UniqueFd endSignals() {
   return fd;
 }
 
-/// While this object exists, the signals of endSignalSet() end the program at once. Otherwise, a
-/// reader that does not read could block a write forever, and the program could not end.
+/// While this object exists, the signals of endSignalSet() end the program at once. Without such an
+/// object, a write could block forever if nobody reads the output, and the program could not end.
 class Interruptible {
  public:
   Interruptible() { sigprocmask(SIG_UNBLOCK, &mSet, nullptr); }

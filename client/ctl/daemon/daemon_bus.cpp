@@ -141,8 +141,8 @@ Configuration DaemonBus::configuration() {
                              &read.userName, &read.password}) {
     *member = textOf(reply.get());
   }
-  // A daemon that is about to end returns only the mode; its other texts are empty. Otherwise,
-  // `enableauth` is "y" or "n".
+  // A daemon that is about to end returns only the mode; its other texts are empty. In every other
+  // reply, `enableauth` is "y" or "n".
   if (read.enableauth.empty()) throw endingDaemon();
   return read;
 }
