@@ -95,7 +95,7 @@ void DaemonLink::askForUser() {
   mUserQuestion.reset(slot);
 }
 
-// If there is an error, the connection has just ended.
+// An error in the reply means that the daemon's connection has just ended.
 int DaemonLink::onUser(sd_bus_message* reply, void* self, sd_bus_error*) {
   std::uint32_t user = 0;
   if (sd_bus_message_is_method_error(reply, nullptr)) return 0;

@@ -22,8 +22,8 @@ namespace {
 constexpr std::size_t kMessageBytes = 16U << 10U;
 /// The kernel answers immediately. The limit is for a kernel that does not answer.
 constexpr timeval kRoutesLimit{1, 0};
-/// Maximum number of requests for a list that changes while the kernel writes it. After that, the
-/// change itself causes the next reading.
+/// Maximum number of requests for a list that changes while the kernel writes it. After the last
+/// request, the kernel's report of the change causes the next reading.
 constexpr int kMaxLists = 3;
 /// Maximum number of packets that are read in one turn of the event loop.
 constexpr int kMaxPackets = 1000;

@@ -1,4 +1,4 @@
-// Which interfaces have a default route, and when that changes.
+// Finds the interfaces that have a default route, and notices when the routes change.
 //
 // The kernel lists its routes over a netlink socket. Its text files in /proc are not enough: they
 // show IPv6 routes of every table without naming the table, and only one next hop of each IPv4
@@ -21,7 +21,7 @@ std::optional<DefaultRoutes> readDefaultRoutes();
 /// A socket that becomes readable when a route or a link changes. Empty if the kernel refuses the
 /// socket.
 base::UniqueFd openRouteSocket();
-/// Reads what waits on the socket.
+/// Reads the messages that wait on the socket.
 /// @return whether the default routes may have changed. Changes of other routes do not count:
 /// reading a list of 60,000 routes takes a tenth of a second.
 bool drainRouteSocket(int socket);

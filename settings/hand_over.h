@@ -44,7 +44,8 @@ inline constexpr int kRefreshSpread = 10;
 /// The pause before the retry with this number, counted from 0.
 std::chrono::seconds scriptPause(std::size_t retry);
 std::chrono::seconds failurePause(std::size_t failures);
-/// The pause before the next refresh: `interval` and a random part of it, up to kRefreshSpread.
+/// The pause before the next refresh: `interval`, plus a random time of up to 1/kRefreshSpread of
+/// it.
 std::chrono::milliseconds refreshPause(std::chrono::seconds interval);
 
 /// Whether the script file is newer than the hand-over at `since`. False if there is no script
@@ -70,7 +71,7 @@ class HandOver {
   void daemonVanished();
   /// A default route, a link or the resolver's configuration has changed.
   void networkChanged();
-  /// Sets the refresh interval. 0: never.
+  /// Sets the refresh interval. With 0, there are no refreshes.
   void refreshEvery(std::chrono::seconds interval);
   /// Hands over if the daemon's configuration differs from the wanted one. Ends the pause after a
   /// failure.

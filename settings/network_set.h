@@ -1,7 +1,7 @@
 // The configurations that network managers have pushed: one record for each, by its object path.
 //
-// A configuration lives as long as its sender's bus connection, and only the sender can destroy it.
-// Numbers are never reused, so a late call for an old path has no effect.
+// A configuration ends with its sender's bus connection. Until then, only the sender can destroy
+// it. Numbers are never reused, so a late call for an old path has no effect.
 #pragma once
 
 #include <cstddef>
@@ -92,8 +92,8 @@ using DefaultRoutes = std::map<std::string, DefaultRoute, std::less<>>;
 /// The configuration in force: the usable configuration whose interface has the default route with
 /// the lowest metric. If an interface has several configurations, the newest is in force. A
 /// configuration without an interface is in force only if no other configuration has a default
-/// route. Direct configurations count only if `directCounts`, and configurations with a script to
-/// serve only if `scriptsCount`. Null if there is none.
+/// route. Direct configurations count only if `directCounts` is true. Configurations with a script
+/// to serve count only if `scriptsCount` is true. Null if no configuration is in force.
 const NetworkConfiguration* holding(const NetworkSet& set, const DefaultRoutes& routes,
                                     bool directCounts, bool scriptsCount = true);
 

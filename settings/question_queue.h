@@ -1,9 +1,9 @@
 // The queue of the questions that programs ask the daemon. Its order is fair to all users.
 //
 // The daemon answers one question after the other, and a script that looks up names may take 5 s
-// for each. So only kMaxAsked questions are at the daemon at a time, and the other questions wait
-// here. The queue takes the users in turn (round robin), and the questions of one user in the order
-// of their arrival. If a user has many questions, only this user waits longer.
+// for each question. So only kMaxAsked questions are at the daemon at a time, and the other
+// questions wait here. The queue takes the users in turn (round robin), and the questions of one
+// user in the order of their arrival. If a user has many questions, only this user waits longer.
 //
 // The class does not use the bus. Not synchronised: one thread.
 #pragma once

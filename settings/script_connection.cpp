@@ -116,7 +116,7 @@ std::string_view ScriptConnection::nextChunk(std::span<char> chunk) const {
   return {chunk.data(), length > 0 ? static_cast<std::size_t>(length) : 0};
 }
 
-// The socket is closed after the last byte. The kernel still sends what it has queued.
+// The socket is closed after the last byte. The kernel still sends the bytes that it has queued.
 bool ScriptConnection::write() {
   std::array<char, kChunkBytes> chunk;
   while (true) {

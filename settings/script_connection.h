@@ -24,8 +24,9 @@ inline constexpr std::size_t kMaxRequestBytes = 8192;
 /// Time limit of a connection. On loopback, the daemon needs milliseconds.
 inline constexpr std::chrono::seconds kConnectionLimit{5};
 /// Priority of the script server's sources in the event loop: they wait while another source is
-/// ready. If the priorities were equal, any user could keep the bus waiting with connections,
-/// because sd-bus with a queue of read messages is always the newest ready source.
+/// ready. With equal priorities, the loop serves the source that became ready first. While sd-bus
+/// has read messages in its queue, it becomes ready anew in each turn of the loop. So any user
+/// could delay the bus with many connections.
 inline constexpr std::int64_t kScriptPriority = SD_EVENT_PRIORITY_IDLE;
 
 /// The request line, parsed.

@@ -271,7 +271,8 @@ int SettingsService::getState(sd_bus_message* call, sd_bus_error* error) {
   if (mStateCalls.size() >= kMaxStateCalls) {
     return sd_bus_error_set(error, SD_BUS_ERROR_LIMITS_EXCEEDED, "too many calls wait");
   }
-  // If the question fails, this call gets the error, and no call waits for an answer.
+  // This call is added to the list after read(). So if read() throws, this call gets the error, and
+  // no call waits for an answer.
   if (mStateCalls.empty()) {
     mDaemon.read([this](const auto& daemon, const auto&) { answerStateCalls(daemon); },
                  kStateLimit);

@@ -184,7 +184,8 @@ def private(*pids):
 
 
 def memory(build, web, bus):
-    """Returns (private memory, memory not shared with the bus) in MB: in mode off, and with a worker and 60 rules."""
+    """Returns two pairs (private memory, memory not shared with the bus), in MB: the first in mode off, the
+    second with a worker and 60 rules."""
     with running_daemon(build, 5) as daemon, Client() as client:
         client.update(mode="off")
         for _ in range(100):

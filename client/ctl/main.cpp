@@ -45,8 +45,8 @@ const CLI::App& namedCommand(const CLI::App& program) {
   return *command;
 }
 
-/// If `command` is a group of commands: the first word on the command line that is not one of them.
-/// Otherwise empty; usually there is no such word.
+/// If `command` is a group of commands, returns the first word on the command line that is not one
+/// of these commands. Returns an empty text if there is no such word, which is the usual case.
 std::string unknownCommand(const CLI::App& command) {
   const auto unknown = command.remaining();
   const bool isGroup = command.get_require_subcommand_min() > 0;

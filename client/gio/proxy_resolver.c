@@ -95,7 +95,7 @@ static gboolean names_no_version(const char* text) {
 }
 
 /* Whether this process is the desktop portal. It passes its answers to programs in sandboxes. These
- * programs do not have this module's protocol "socks", so they would skip such an entry. */
+ * programs do not have this module's protocol "socks", so they would skip an entry with "socks". */
 static gboolean answers_for_sandboxes(void) {
   const char* const name = g_get_prgname();
   return name != NULL && g_str_has_suffix(name, "xdg-desktop-portal");

@@ -129,8 +129,8 @@ static char** proxies_of(const proxymanager_answer* answer) {
   return NULL;
 }
 
-/* The daemon's proxies. Null if the environment variables decide. This is so in mode off: the
- * daemon is not configured, so a proxy in the program's environment is used. */
+/* The daemon's proxies. Null if the daemon gives no usable answer; the environment variables then
+ * decide. They also decide in mode off, because an unconfigured daemon is in this mode. */
 static char** proxies_of_daemon(const char* url, proxymanager_status* status) {
   proxymanager_answer* answer = NULL;
   *status = ask(url, &answer);

@@ -38,7 +38,7 @@ PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_new(void);
 PROXYMANAGER_LIBPROXY_API char** px_proxy_factory_get_proxies(pxProxyFactory* factory,
                                                               const char* url);
 
-/** Frees what px_proxy_factory_get_proxies() returned; null does nothing. */
+/** Frees the result of px_proxy_factory_get_proxies(); null does nothing. */
 PROXYMANAGER_LIBPROXY_API void px_proxy_factory_free_proxies(char** proxies);
 
 /** Releases a factory; null does nothing. */

@@ -27,9 +27,9 @@ constexpr bool isDenial(int error) {
          error == ENOTCONN;
 }
 
-/// The errno value `error` of a failed connection to the bus at `address`, corrected for TCP. There
-/// sd-bus does not read why a connection failed, so a port without a listener looks like a
-/// connection that the bus has closed. It is the more probable of the two.
+/// The errno value `error` of a failed connection to the bus at `address`, corrected for TCP. For
+/// TCP, sd-bus does not read why a connection failed, so a port without a listener looks like a
+/// connection that the bus has closed. The port without a listener is more probable.
 constexpr int connectionError(std::string_view address, int error) {
   const bool isClosed = isDenial(error) && error != EACCES && error != EPERM;
   return isClosed && address.starts_with("tcp:") ? ECONNREFUSED : error;

@@ -36,7 +36,7 @@ constexpr int kRules = 2;
 /// A call has no time limit of its own: the questions have limits, and the owner of the link
 /// notices a silent bus. If a callback keeps the thread busy, a timer here could end before the
 /// thread reads an answer that arrived in time. For the greeting, sd-bus has a limit of 90 s and
-/// the bus has its own limit; both cannot be turned off.
+/// the bus has its own limit. These two limits cannot be turned off.
 constexpr std::uint64_t kNoLimit = UINT64_MAX;
 
 using Message = std::unique_ptr<sd_bus_message, decltype(&sd_bus_message_unref)>;
@@ -141,8 +141,8 @@ int BusLink::send(const std::string& url, Asked& asked) {
   return ask(asked);
 }
 
-/// Sends a question whose URL is set. The link can call it again for the same question. @return 0,
-/// or an errno
+/// Sends a question whose URL is set. The link can call this function again for the same question.
+/// @return 0, or an errno
 int BusLink::ask(Asked& asked) {
   ++asked.mAttempts;
   return call("getProxyurl", asked.mUrl->c_str(), onReply, asked);

@@ -18,7 +18,7 @@
 
 namespace client::library {
 
-/// Only one thread at a time may use it.
+/// Only one thread at a time may use an object of this class.
 class RememberedAnswers {
  public:
   /// @param maxAnswers maximum number of answers
@@ -32,7 +32,7 @@ class RememberedAnswers {
   AnswerRef find(std::string_view url);
 
   /// Remembers `answer` for `url`, and replaces an earlier answer. Does nothing if this one answer
-  /// is larger than maxBytes. If it throws std::bad_alloc, nothing has changed.
+  /// is larger than maxBytes. If the function throws std::bad_alloc, nothing has changed.
   void add(std::string_view url, const AnswerRef& answer);
 
   void clear();

@@ -15,8 +15,9 @@ struct Script {
 };
 
 /// Makes the script for `document`.
-/// @param otherwise the script's answer if no rule matches and no proxy of the document accepts any
-/// traffic. For example "DIRECT" or "PROXY known.example.org:8080"
+/// @param otherwise the script's answer if no rule matches and each proxy of the document has an
+/// identifier (a proxy without one accepts any traffic). For example "DIRECT" or "PROXY
+/// known.example.org:8080"
 Script scriptOf(const Document& document, const std::string& otherwise);
 
 /// The entry that a script returns for this proxy, "PROXY host:port" or "SOCKS host:port". Empty if

@@ -237,7 +237,8 @@ std::string settingsText(const Configuration& configuration, const std::string& 
   const auto add = [&text](const char* key, const std::string& value) {
     text += std::string(key) + " = " + quoted(value) + "\n";
   };
-  // This line is always written, because an earlier file may leave the choice to network managers.
+  // This line is always written, because a file that is read earlier may leave the choice to
+  // network managers.
   add("source", "auto");
   add("mode", configuration.mode);
   if (!configuration.proxyurl.empty()) add("proxy-url", configuration.proxyurl);

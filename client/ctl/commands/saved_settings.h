@@ -30,8 +30,9 @@ inline constexpr std::size_t kMaxSavedBytes = 8192;
 /// printable ASCII.
 std::string savedTextProblem(const std::string& text, bool isUrl);
 
-/// The settings file for `configuration`. The password is in `passwordFile`. For each value that
-/// `configuration` does not set, the file removes the value of an earlier file.
+/// The settings file for `configuration`. The password is in `passwordFile`. If `configuration` has
+/// no user or no password, the file sets an empty text, which replaces the value of a file that is
+/// read earlier.
 std::string settingsText(const Configuration& configuration, const std::string& passwordFile);
 
 /// Writes both files, each atomically, with mode 0640 and the settings service's group (root's if

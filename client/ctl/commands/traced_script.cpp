@@ -135,7 +135,7 @@ TracedAnswer TracedScript::ask(const std::string& url, const std::optional<std::
   asked.answer = evaluateUrl(*mPlain, url, host, mAlerts);
   asked.took = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begun);
   if (asked.answer.host.empty() && !host) return asked;  // no question was asked
-  // The unchanged script has already shown these alerts.
+  // This evaluation shows no alerts, because the unchanged script has already shown them.
   const auto traced = mTraced->evaluate(canonicalOrGiven(url), asked.answer.host);
   if (mTraced->workerPid() == 0) {
     asked.different = pac_engine::describe(traced.problem);

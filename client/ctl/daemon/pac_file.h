@@ -28,7 +28,7 @@ PacFileState lookAtPacFile(const char* path);
 
 /// Whether the process `process` was running when `file` was fetched, so that it has fetched the
 /// file. If not, an earlier daemon may have left the file; a daemon does not load such a file. But
-/// if the clock was set after the fetch, the time of the file is too early, and proves nothing.
+/// if the clock was set after the fetch, the time of the file proves nothing.
 bool isNewerThan(const PacFile& file, std::int64_t process);
 
 }  // namespace client

@@ -1,4 +1,4 @@
-// The socket unit of proxymanager-relay, and what systemd reports about it.
+// The socket unit of proxymanager-relay, and its state as systemd reports it.
 #pragma once
 
 #include <systemd/sd-bus.h>

@@ -128,7 +128,8 @@ class Client:
         return self.ask(url, timeout).entries
 
     def close(self):
-        """Ends the connection, but not before the last question that waits in another thread has ended."""
+        """Ends the connection. If questions wait in other threads, the connection ends after the last of
+        them."""
         with self._lock:
             self._closed = True
             handle = self._take()

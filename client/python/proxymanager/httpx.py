@@ -21,7 +21,7 @@ _FAILED = (httpx.ConnectError, httpx.ConnectTimeout)
 
 
 def _proxy(way):
-    """Returns httpx's proxy for a way. Raises ValueError if httpx does not support it."""
+    """Returns httpx's proxy for a way. Raises ValueError if httpx does not support the proxy."""
     return None if way == DIRECT else httpx.Proxy(way.replace("socks5h:", "socks5:", 1))
 
 

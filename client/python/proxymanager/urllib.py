@@ -56,7 +56,8 @@ def _by(way, request):
     return sent
 
 
-# An opener omits a default handler if the class of a given handler is a subclass of the default handler.
+# An opener omits a default handler if the class of a given handler is a subclass of the default handler's
+# class.
 class ProxyHandler(urllib.request.ProxyHandler, urllib.request.HTTPSHandler,
                    urllib.request.HTTPHandler):
     """Opens each http and https URL through the first proxy of the answer that can be reached.
