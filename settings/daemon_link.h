@@ -58,7 +58,7 @@ class DaemonLink {
   /// The user of the daemon's process. Empty if the bus has not answered yet.
   std::optional<uid_t> user() const { return mUser; }
 
-  /// A callback that receives the daemon's configuration, or nothing and the reason.
+  /// A callback that receives the daemon's configuration, or the reason why there is none.
   using Read = std::function<void(std::optional<Configuration>, const std::string& problem)>;
   /// A callback that receives an empty text if the daemon accepted the configuration, else the
   /// reason.

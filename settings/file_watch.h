@@ -18,7 +18,7 @@ namespace settings {
 /// Changes come in bursts, because a package or an editor writes several files. They are reported
 /// together after this pause.
 inline constexpr std::chrono::milliseconds kFilePause{200};
-/// If a folder changes continuously, the changes are reported when there are this many.
+/// If a folder changes continuously, the changes are reported after this number of changes.
 inline constexpr int kMaxPostponed = 50;
 
 /// Watches folders for changes of certain files in them. A folder that does not exist is not

@@ -2,8 +2,8 @@
 // without a proxy. The daemon's mode manual has one proxy for all URLs, so these settings become a
 // script.
 //
-// The order of the entries and the forms of an exclusion are the same as in these network managers
-// (ConnMan's service-api.txt, "Servers" and "Excludes").
+// The order of the entries and the forms of an exclusion are the same as in ConnMan (its
+// service-api.txt, "Servers" and "Excludes").
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace settings {
 struct ManualServer {
   enum class Scheme { kAny, kHttp, kHttps, kFtp, kSocks, kSocks4, kSocks5 };
   Scheme scheme = Scheme::kAny;  ///< kAny without a scheme
-  std::string host;              ///< a name or an address, an IPv6 address in brackets
+  std::string host;              ///< a name or an address; an IPv6 address is in brackets
   std::uint16_t port = 0;        ///< 0 if the text names none
 
   bool operator==(const ManualServer&) const = default;

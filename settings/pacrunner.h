@@ -33,8 +33,8 @@ class PacRunner {
   PacRunner(const PacRunner&) = delete;
   PacRunner& operator=(const PacRunner&) = delete;
 
-  /// Adds the objects and requests the name. Throws std::system_error. If another service owns the
-  /// name, this is logged and no settings are pushed.
+  /// Adds the objects and requests the name. Throws std::system_error. If another program owns the
+  /// name, the function logs this, and no settings are pushed to this service.
   void start();
 
   /// If `all` is true, FindProxyForURL returns all entries, joined by "; ". Else it returns the

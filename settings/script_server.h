@@ -2,8 +2,9 @@
 //
 // The script is in a file of the runtime folder. The name of the file is a hash of its content. So
 // the same script has the same URL after a restart of the service, and a different script has a
-// different URL. The daemon can fetch the script before the network manager has pushed it again.
-// The script is no secret: every user can read the script that the daemon has fetched.
+// different URL. After the restart, the daemon can fetch the script before the network manager has
+// pushed it again. The script is no secret: every user can read the script that the daemon has
+// fetched.
 #pragma once
 
 #include <systemd/sd-event.h>

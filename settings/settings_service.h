@@ -1,4 +1,5 @@
-// proxymanager-settings as one object: reads the sources, decides, and hands over.
+// proxymanager-settings as one object: it reads the sources, chooses one of them, and hands its
+// configuration over to the daemon.
 //
 //   settings.conf, settings.d ─┐
 //   network managers ──────────┼─> choose() ─> HandOver ─> the daemon
@@ -46,7 +47,8 @@ class SettingsService final : DaemonLink::Listener {
 
   /// @param bus for everything except questions
   /// @param questions a second connection, for the questions of other programs to the daemon
-  /// @param scripts a listening socket on loopback for scripts; empty: pushed scripts are unusable
+  /// @param scripts a listening socket on loopback for scripts; if it is empty, pushed scripts are
+  /// unusable
   SettingsService(sd_event* event, sd_bus* bus, sd_bus* questions, Places places,
                   base::UniqueFd scripts);
 

@@ -3,9 +3,9 @@
 #define TOML_HEADER_ONLY 1
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
-// The library asks whether a letter outside quotes is a blank. For many letters that are not ASCII
-// (U+00A1 to U+0499 and others), version 3.3 declares to the compiler that the code is unreachable.
-// The right answer is "false".
+// The library checks whether a letter outside quotes is a blank. For many letters that are not
+// ASCII (U+00A1 to U+0499 and others), this check of version 3.3 runs code that is declared as
+// unreachable. So the macro returns the right result there, which is "false".
 
 // clang-format off
 #include <toml++/impl/preprocessor.h>

@@ -34,7 +34,7 @@ TARGET = f"{TARGET_ADDRESS}:9000"
 RELAY, TINYPROXY, UPSTREAM, CHAINED, SQUID, HAPROXY, SOCAT, TLS, MICROSOCKS = (
     f"127.0.0.1:{port}" for port in (3128, 8888, 8889, 8890, 3129, 9001, 9002, 8443, 1080))
 CLIENTS = 16
-IDLE = 900  # tunnels: with the earlier tunnels, fewer than the limit of 1,024 for one user
+IDLE = 900  # tunnels; together with the earlier tunnels, below the limit of 1,024 for one user
 MOST_IDLE = 9000
 # The relay's connection limits for MOST_IDLE tunnels: a little more than that number.
 RAISED = "max-connections = 9500\nmax-connections-of-user = 9500\n"
@@ -84,7 +84,7 @@ def listens(endpoint):
 
 
 class World:
-    """All proxies. Each is started when it is first needed, and ends with this object."""
+    """All proxies. Each proxy is started when it is first needed, and ends with this object."""
 
     def __init__(self, build, programs, ends):
         self.build, self.programs, self._ends = build, programs, ends

@@ -132,7 +132,7 @@ void readResponse(int socket, std::vector<char>& buffer) {
   }
 }
 
-/// Calls `done` with the microseconds of each response.
+/// Calls `done` with the time of each response, in microseconds.
 template <typename Done>
 void ask(const Load& load, Done done) {
   const auto connection = connectTo(load.isDirect ? load.target : load.proxy);

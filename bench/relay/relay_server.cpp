@@ -117,7 +117,8 @@ void accept(int loop, int from) {
     setsockopt(socket, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     epoll_event event{};
     event.events = EPOLLIN | EPOLLOUT | EPOLLET;
-    event.data.ptr = new Connection{socket, 0, {}, {}, 0};  // the event owns it until it ends
+    // The event owns the object until the connection ends.
+    event.data.ptr = new Connection{socket, 0, {}, {}, 0};
     epoll_ctl(loop, EPOLL_CTL_ADD, socket, &event);
   }
 }

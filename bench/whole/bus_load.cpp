@@ -2,7 +2,7 @@
 //
 // A round is a block of calls to one service and a block of calls to the other; every second round
 // begins with the other service. So if something disturbs the machine, it disturbs both services,
-// and the ratio of a round's medians hardly depends on it. Each client is a thread with its own
+// and the ratio of a round's medians hardly changes. Each client is a thread with its own
 // connection. It waits for one answer before it asks the next question.
 //
 // usage: bus_load BASE-NAME MEASURED-NAME ROUNDS CALLS CLIENTS URL [PAC-URL]

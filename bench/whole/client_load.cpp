@@ -23,7 +23,7 @@ namespace {
 
 constexpr const char* kUrl = "http://www.example.org/index.html";
 constexpr int kLimitMs = 10'000;
-constexpr std::size_t kRemembered = 200'000;  ///< in one measurement: tens of milliseconds
+constexpr std::size_t kRemembered = 200'000;  ///< answers in one measurement (tens of milliseconds)
 constexpr int kRounds = 15;
 constexpr int kHosts = 32;
 

@@ -55,7 +55,7 @@ IDLE = 60  # seconds
 # and pm-watch wait 1800 s. By chance, one of the long waits may also end during the measurement. The bus
 # thread and the worker are not woken.
 WAKE_UPS = 5
-CALLS_OF_PEERS = 40  # calls in a block: an answer of a peer takes milliseconds
+CALLS_OF_PEERS = 40  # calls in a block; only a few, because an answer of a peer takes milliseconds
 CLIENT_COUNTS = (1, 2, 4, 8, 16, 32, 64)
 
 

@@ -10,7 +10,7 @@ namespace client {
 
 /// The low numbers are the results of a question to the daemon or to a script. The high numbers
 /// come from sysexits.h, so that a shell script can distinguish a wrong PAC script from a wrong
-/// command line. The last two numbers are those that a shell uses.
+/// command line. A shell uses the last two numbers for the same failures.
 enum ExitStatus : int {
   kAnswered = 0,
   kNoAnswer = 1,

@@ -247,8 +247,8 @@ int BusLink::onMatch(sd_bus_message* message, void* link, sd_bus_error*) {
 int BusLink::onOwnerReply(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
   self.mAnswered++;
-  // If the connection to the bus is lost, sd-bus itself makes this reply. It has no information
-  // about the daemon.
+  // If the connection to the bus is lost, sd-bus itself makes this reply. Such a reply has no
+  // information about the daemon.
   if (sd_bus_is_open(sd_bus_message_get_bus(message)) <= 0) return 1;
   const char* owner = "";
   if (sd_bus_message_is_method_error(message, nullptr) != 0 ||

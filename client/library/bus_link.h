@@ -29,7 +29,7 @@ class BusLink {
   };
 
   /// A question that has been sent. After its destruction, the reply is ignored. Only the thread of
-  /// the link may destroy it.
+  /// the link may destroy the question.
   class Asked {
    public:
     bool isSent() const { return mSlot != nullptr; }

@@ -154,8 +154,8 @@ proxymanager_status Client::mayAsk() {
   return startThread();
 }
 
-/// Puts the question into the list for the client's thread. If it throws std::bad_alloc, the
-/// question is not in the list.
+/// Puts the question into the list for the client's thread. If the function throws std::bad_alloc,
+/// the question is not in the list.
 Client::Calls::iterator Client::enqueue(const std::string& asked, Questions& question) {
   // A call that was sent before a change is not used: its answer may be from before the change.
   auto call =

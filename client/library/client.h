@@ -36,7 +36,7 @@
 
 namespace client::library {
 
-/// Maximum number of calls in progress at a time. By default, the bus allows 128 for one
+/// Maximum number of calls in progress at a time. By default, the bus allows 128 calls for one
 /// connection. The daemon answers one call after the other, so further questions wait in this
 /// library.
 inline constexpr std::size_t kMaxCalls = 64;

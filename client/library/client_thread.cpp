@@ -118,7 +118,7 @@ void Client::send() {
 }
 
 /// Handles only one message, so that many messages do not delay other work. @return whether there
-/// may be more
+/// may be more messages
 bool Client::handleBus() {
   if (!mLink) return false;
   const auto looked = Clock::now();

@@ -32,7 +32,7 @@ struct ShownAnswer {
 /// order.
 nlohmann::ordered_json jsonOf(const ShownAnswer& answer, bool showPassword);
 
-/// The description of the object of jsonOf() in help texts.
+/// A description of the object that jsonOf() returns, for help texts.
 inline constexpr const char* kAnswerShape =
     R"(    url       the URL as given, with its password hidden
     mode      off, manual, pacurl, wpad or local; null for pac eval

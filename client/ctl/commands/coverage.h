@@ -27,7 +27,7 @@ struct MissedRule {
   std::size_t place = 0;
   bool isDead = false;      ///< no URL at all can reach it
   std::string reachedBy;    ///< a URL that was made from the script and reaches this rule; or empty
-  std::string shadowedUrl;  ///< a URL that was made for this rule, but another rule answers it
+  std::string shadowedUrl;  ///< a URL that was made for this rule but is answered by another rule
   std::optional<std::size_t> shadow;  ///< the return that answers this URL
   /// True if a URL that was made for this rule reached the rule's test, or if such a URL was not
   /// tried. In both cases it is unknown whether another rule shadows this rule.
@@ -57,8 +57,9 @@ struct Coverage {
   Share rules;     ///< the returns
 };
 
-/// Asks `script` once for each URL. The options of `script` decide about names and addresses. For
-/// URLs that are made from the script, the function looks up no name and shows no alert.
+/// Asks `script` once for each URL. The options of `script` set the names and addresses that the
+/// script sees. For URLs that are made from the script, the function looks up no name and shows no
+/// alert.
 /// @param parser a parser of the same script; it makes URLs for missed rules
 Coverage coverageOf(TracedScript& script, pac_engine::Engine& parser, const std::string& file,
                     const std::vector<std::string>& urls);

@@ -14,7 +14,7 @@ std::string coveragePage(const std::string& file, const InstrumentedScript& scri
                          const Coverage& coverage);
 
 /// Notes for people: the parts of the script that are not instrumented, whether the script can
-/// notice the instrumentation, and whether not all made URLs were tried.
+/// notice the instrumentation, and whether some of the made URLs were not tried.
 std::vector<std::string> coverageNotes(const InstrumentedScript& script, const Coverage& coverage);
 
 /// The share as a text: "12 of 15 (80 %)".

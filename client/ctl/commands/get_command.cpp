@@ -135,7 +135,7 @@ ExitStatus getJson(Answers& daemon, const GetArguments& arguments) {
       allAnswered = allAnswered && !answered.answer.entries.empty();
     }
   } catch (const Failure&) {
-    if (!all.empty()) printJson(all);  // other formats have already been flushed
+    if (!all.empty()) printJson(all);  // other formats print each answer at once
     throw;
   }
   printJson(all);

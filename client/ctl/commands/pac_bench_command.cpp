@@ -72,7 +72,7 @@ void freeTexts(ProxyUrlSettings& settings, void* /*context*/) {
   settings.clear();
 }
 
-/// The daemon's own cache, used in the same way as by the daemon.
+/// Uses the daemon's own cache in the same way as the daemon.
 class CacheOnTrial {
  public:
   enum class Finding { kMiss, kHit, kStale };
@@ -158,7 +158,7 @@ void measureHelpers(Measured& measured, const std::string& script, const BenchAr
   pac_engine::Problem problem;
   const auto tracer = loadScript(script, std::move(options), problem);
   if (!tracer) throw refusal(arguments.script.file, problem);
-  // This call ends the counts of the load. So the later counts include only calls of the
+  // This report contains the counts of the load, so the next report contains only counts of the
   // evaluations.
   if (!tracer->command("trace", "", problem)) throw refusal(arguments.script.file, problem);
   for (int round = 0; round < arguments.rounds; ++round) {

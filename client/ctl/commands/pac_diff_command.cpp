@@ -57,14 +57,14 @@ struct DiffArguments {
 };
 
 /// The answer of one script for a URL: the line of the return that decided, and the answer or the
-/// reason why there is none.
+/// reason why there is no answer.
 struct Decision {
   std::size_t line = 0;  ///< 0 if no return decided
   std::string text;
   bool isAnswered = false;
 
-  /// Whether the scripts give the same answer. The same error counts as the same answer, even if it
-  /// is in another line.
+  /// Whether the scripts give the same answer. The same error counts as the same answer, even if
+  /// the error is in different lines of the two scripts.
   bool isSame(const Decision& other) const {
     return isAnswered == other.isAnswered && withoutLine() == other.withoutLine();
   }

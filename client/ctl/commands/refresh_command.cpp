@@ -45,7 +45,7 @@ ExitStatus refresh(const CallOptions& options) {
   // A daemon without a configuration is in mode off, too. If this command sent mode off to such a
   // daemon, the daemon would count as configured.
   if (configuration.mode == "off") return endWithoutScript(bus);
-  // The daemon always returns "n" for authentication.
+  // The daemon always returns "n" for authentication, so the credentials show whether it is on.
   const bool hasCredentials = !configuration.userName.empty() || !configuration.password.empty();
   configuration.enableauth = hasCredentials ? "y" : "n";
   if (bus.update(configuration) < 0) throw endingDaemon();

@@ -186,8 +186,9 @@ Known<base::DaemonStatus> reportedBy(DaemonBus& bus, const Owner& daemon) {
   return {std::move(reported), {}};
 }
 
-/// Whether a walk over the candidate URLs is in progress. Without a report to systemd, only
-/// kPacDownload can show this: a download writes this file, and removes it at its end.
+/// Whether a walk is in progress: the daemon tries the candidate URLs one after the other. Without
+/// a report to systemd, only kPacDownload can show this: a download writes this file, and removes
+/// it at its end.
 Known<bool> isWalking(const Owner& daemon, const Known<base::DaemonStatus>& reported) {
   if (reported.value) return {reported.value->walking != 0, {}};
   struct stat status {};

@@ -30,7 +30,7 @@ struct TestCase {
   std::size_t line = 0;  ///< in the file, from 1
   std::string url;
   std::optional<std::string> host;   ///< --host
-  SimulatedEnvironment environment;  ///< complete; only clock and zone can be this device's
+  SimulatedEnvironment environment;  ///< complete; clock and zone may come from the device
   std::string expected;              ///< in the form of comparableAnswer()
 };
 
@@ -43,8 +43,8 @@ std::vector<TestCase> parseTestCases(std::string_view text, const std::string& n
                                      const SimulatedEnvironment& base);
 
 /// `answer` with "; " between its entries, without blanks around them and without empty entries. It
-/// is kExpectsEmpty if there are no entries. If two results of a script have an equal form, the
-/// daemon gives the same answer for both.
+/// is kExpectsEmpty if there are no entries. If this text is the same for two results of a script,
+/// the daemon gives the same answer for both.
 std::string comparableAnswer(std::string_view answer);
 
 }  // namespace client

@@ -28,8 +28,8 @@ struct TestedFiles {
   std::string cases;
 };
 
-/// The Test Anything Protocol, version 14: a line for each case, and below a failed case a block
-/// with the expected and the actual answer.
+/// The Test Anything Protocol, version 14: a line for each case. After the line of a failed case, a
+/// block shows the expected and the actual answer.
 std::string tapReport(std::span<const TestOutcome> outcomes, const TestedFiles& files);
 
 /// The TAP output for a script that does not load.

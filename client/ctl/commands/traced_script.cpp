@@ -101,10 +101,11 @@ Trace TracedScript::takeTrace() {
   }
 }
 
-/// The return that chose the answer. Usually, this is the last return of FindProxyForURL; code of a
-/// "finally" may run after that return. If that return did not give the answer, the function tries
-/// the last return that ran. If a return passed on the result of a call, the return of the called
-/// function counts instead.
+/// The return that chose the answer. Usually, this is the last return of FindProxyForURL. Code of a
+/// "finally" may run after this return, so it is not always the last return of the script. If the
+/// last return of FindProxyForURL did not give the answer, the function tries the last return that
+/// ran. If a return passed on the result of a call, the return of the called function counts
+/// instead.
 std::optional<std::size_t> TracedScript::decidingReturn(const Trace& trace,
                                                         const ShownAnswer& answer) const {
   if (trace.cut || !answer.result) return std::nullopt;

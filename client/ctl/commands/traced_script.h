@@ -27,8 +27,8 @@ struct TracedAnswer {
   std::optional<std::size_t> decidedBy;  ///< the return that chose the answer, if it is known
 };
 
-/// What a trace contains. The traces of a large script for hundreds of URLs take minutes if they
-/// have everything.
+/// What a trace contains. If the traces contain everything, a large script takes minutes for
+/// hundreds of URLs.
 enum class TraceDetail {
   kReturns,  ///< the values of returns as events, and no counts
   kCounts,   ///< the values of returns as events, and all counts
@@ -37,8 +37,8 @@ enum class TraceDetail {
 
 struct TraceOptions {
   TraceDetail detail = TraceDetail::kEverything;
-  /// The URLs are made from the script, and do not come from the user. So no name is looked up, and
-  /// no alert is shown.
+  /// True if the URLs are made from the script, and do not come from the user. In this case, no
+  /// name is looked up, and no alert is shown.
   bool forMadeUrls = false;
 };
 

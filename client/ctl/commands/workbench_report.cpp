@@ -19,7 +19,7 @@ constexpr std::uint64_t kMostTimes = std::numeric_limits<std::uint64_t>::max();
 /// Deepest nesting of helper calls: more than the stack of a script allows.
 constexpr std::size_t kMostDepth = 100'000;
 
-// The JSON library would convert a fraction or a negative number to a whole number.
+// Refuses a fraction and a negative number, which the JSON library would convert to a whole number.
 std::uint64_t largeNumber(const Json& value, std::uint64_t most) {
   if (!value.is_number_unsigned() || value.get<std::uint64_t>() > most) {
     throw std::out_of_range("number");

@@ -1,5 +1,5 @@
 // Reads the JSON reports of the workbench's processes. These processes have read a foreign script,
-// so a report may hold anything. Pure functions.
+// so a report may contain anything. Pure functions.
 #pragma once
 
 #include <cstddef>

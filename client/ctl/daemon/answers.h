@@ -17,8 +17,8 @@ struct AnswerOptions {
   /// Whether the configured user name and password are added to a manual proxy's URL, if the user
   /// may read the configuration and the URL has no user name.
   bool withCredentials = false;
-  /// The hosts of proxies in a script's answer to which these credentials are added, too. A script
-  /// could name any host, so other hosts do not get them.
+  /// If a proxy in a script's answer has one of these hosts, the credentials are added to its URL,
+  /// too. A script could name any host, so other hosts do not get the credentials.
   std::vector<std::string> credentialHosts;
 };
 

@@ -10,7 +10,7 @@
 namespace client {
 
 struct Connection {
-  base::UniqueFd socket;  ///< does not block; none if there is a problem
+  base::UniqueFd socket;  ///< non-blocking; not set if there is a problem
   std::string problem;    ///< in a few words; empty if the connection is made
 };
 

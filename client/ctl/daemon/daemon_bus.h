@@ -80,7 +80,8 @@ class DaemonBus {
   /// The answer for `url`. isBusText(url) must be true.
   ProxyAnswer ask(const std::string& url);
   Configuration configuration();
-  /// `configuration.enableauth` is "y" or "n". @return the daemon's result, 0
+  /// `configuration.enableauth` is "y" or "n". @return the daemon's result: 0, or a negative number
+  /// if the daemon has not accepted the configuration
   std::int32_t update(const Configuration& configuration);
 
   /// The state of the settings service (proxymanager-settings), as JSON. The call does not start
@@ -96,9 +97,9 @@ class DaemonBus {
   /// The status that `daemon` reported to systemd. @return nothing if systemd has no such status
   std::optional<base::DaemonStatus> reportedStatus(const Owner& daemon);
 
-  /// Calls `listener` for each signal that fits `rule`, during waitFor() and runUntil(), as long as
-  /// this object lives. waitFor() and runUntil() pass on exceptions of `listener`. listen() returns
-  /// when the bus has accepted the rule.
+  /// Calls `listener` for each signal that matches `rule`, during waitFor() and runUntil(), as long
+  /// as this object exists. waitFor() and runUntil() pass on exceptions of `listener`. listen()
+  /// returns when the bus has accepted the rule.
   void listen(const std::string& rule, Listener listener);
 
   /// Handles arriving messages until `done` returns true or `limit` is over. @return whether `done`

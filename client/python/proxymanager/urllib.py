@@ -23,7 +23,8 @@ class _Unreachable(OSError):
 
 
 def _connecting(way):
-    """Returns a replacement of socket.create_connection, which connects by SOCKS if the way is SOCKS."""
+    """Returns a replacement for socket.create_connection. The replacement connects by SOCKS if the way is
+    SOCKS."""
     def create(address, timeout=socket._GLOBAL_DEFAULT_TIMEOUT, source_address=None):
         try:
             if not way.scheme.startswith("socks"):
