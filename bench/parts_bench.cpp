@@ -66,8 +66,8 @@ void parseResult(benchmark::State& state) {
   state.SetComplexityN(state.range(0));
 }
 
-/// The kinds of names that a device sees: names below country codes, names below long suffixes,
-/// names of one label, and names with a suffix that is not in the list.
+/// The kinds of names that a device sees: names below country codes or long suffixes, names of one
+/// label, and names whose suffix is not in the list.
 const std::vector<std::string>& names() {
   static const std::vector<std::string> drawn = [] {
     constexpr const char* kSuffixes[] = {"com",   "org",      "co.uk",  "de",

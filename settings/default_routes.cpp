@@ -18,7 +18,7 @@ namespace settings {
 
 namespace {
 
-/// The kernel's messages have up to 8 KiB if the reader asks for no more.
+/// The kernel's messages have up to 8 KiB, or more if the reader's buffer is larger.
 constexpr std::size_t kMessageBytes = 16U << 10U;
 /// The kernel answers immediately. The limit is for a kernel that does not answer.
 constexpr timeval kRoutesLimit{1, 0};

@@ -1,8 +1,8 @@
 // Finds the interfaces that have a default route, and notices when the routes change.
 //
 // The kernel lists its routes over a netlink socket. Its text files in /proc are not enough: they
-// show IPv6 routes of every table without naming the table, and only one next hop of each IPv4
-// route. A second netlink socket reports that something has changed.
+// do not name the table of an IPv6 route, and they show only one next hop of an IPv4 route. A
+// second netlink socket reports that something has changed.
 #pragma once
 
 #include <optional>

@@ -197,7 +197,7 @@ bool HandOver::keeps(Due due, const Configuration& daemons) {
     return true;
   }
   if (due != Due::kIfDifferent || daemons != *mWanted) return false;
-  // If another program set this configuration, it is unknown whether its script has arrived: the
+  // If another program set this configuration, it is unknown whether its script has arrived. The
   // script's time can be compared only with the time of a hand-over of this service.
   if (usesScript() && mHandedOver != mWanted) return false;
   // From now on, the service treats this configuration as its own, even if another program set it.

@@ -49,8 +49,8 @@ std::chrono::seconds failurePause(std::size_t failures);
 std::chrono::milliseconds refreshPause(std::chrono::seconds interval);
 
 /// Whether the script file is newer than the hand-over at `since`. False if there is no script
-/// file, if its time is in the future, or if it belongs neither to root nor to `daemonsUser`: any
-/// user may create a file in /tmp, and the daemon does not read such a file.
+/// file, if its time is in the future, or if it belongs neither to root nor to `daemonsUser`. Any
+/// user may create a file in /tmp, and the daemon does not read the file of another user.
 /// @param daemonsUser empty if it is unknown
 bool isScriptNewer(const std::string& path, const timespec& since,
                    std::optional<uid_t> daemonsUser);

@@ -164,7 +164,8 @@ int run(const Options& options) {
   base::UniqueFd scripts = scriptSocket(options.port);
   makeRuntimeFolder(options.runtimeFolder, user);
   if (user != nullptr) become(*user);
-  // The process holds a password: no debugger may attach, and no core file is written.
+  // The process has a password in its memory, so no debugger may attach, and no core file is
+  // written.
   prctl(PR_SET_DUMPABLE, 0);
 
   sigset_t signals;

@@ -35,9 +35,9 @@ std::string manualProxyUrl(const ManualServer& server);
 /// host:port". Empty if the URL names no proxy. Credentials are dropped.
 std::string entryOfManualUrl(std::string_view url);
 
-/// Makes the script. For each URL, the script returns three groups of servers in this order: the
-/// servers of the URL's scheme; the servers without a scheme and the servers for http, https and
-/// ftp (all as PROXY); the SOCKS servers.
+/// Makes the script. For each URL, the script returns three groups of servers in this order: first
+/// the servers of the URL's scheme; then the servers without a scheme and the servers for http,
+/// https and ftp (all as PROXY); last the SOCKS servers.
 /// @param excludes "[scheme://]rule". A rule "word" or "*word" matches hosts that end with it,
 /// "word*" hosts that begin with it, "*word*" hosts that contain it. An IPv6 address may be in
 /// brackets. A text that is only "scheme://" matches all URLs of the scheme. A rule that is only

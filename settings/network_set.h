@@ -79,7 +79,7 @@ class NetworkSet {
 
 /// The default routes of one interface.
 struct DefaultRoute {
-  std::uint32_t metric = 0;  ///< metric of the best route; the lowest metric wins
+  std::uint32_t metric = 0;  ///< metric of the best route, which has the lowest metric
   /// The gateways of all these routes: their bytes, in the order of the kernel's list. A changed
   /// gateway can mean a different network.
   std::string gateways;

@@ -80,7 +80,7 @@ std::optional<std::string> readWhole(const base::OpenFile& file, std::size_t mos
   }
   base::FileText again = base::readToEnd(file.fd.get(), mostBytes);
   const bool isSame = !again.failure && again.text == content.text;
-  base::wipe(again.text);  // it may hold a password
+  base::wipe(again.text);  // it may contain a password
   if (isSame) return std::move(content.text);
   base::wipe(content.text);
   problem = "changes while it is read";
@@ -125,7 +125,7 @@ void readOne(const std::string& path, FolderSettings& result) {
     return;
   }
   ReadSettings read = readSettings(*text);
-  base::wipe(*text);  // it may hold a password
+  base::wipe(*text);  // it may contain a password
   for (const auto& wrong : read.problems) complain(result, path, wrong.line, wrong.text);
   judgePasswords(path, file.status.st_mode, read.settings, result);
   if (read.settings.mode) result.modeFiles.push_back(path);

@@ -17,7 +17,7 @@ inline constexpr std::size_t kMaxPasswordBytes = 4096;
 
 /// Where the settings are.
 struct SettingsPaths {
-  std::string folder = "/etc/proxymanager";  ///< holds settings.conf and settings.d
+  std::string folder = "/etc/proxymanager";  ///< contains settings.conf and settings.d
   std::string credentials;                   ///< systemd's folder of credentials; may be empty
 };
 

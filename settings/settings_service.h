@@ -28,7 +28,7 @@
 
 namespace settings {
 
-/// At its start, the service does not know the settings of network managers, which push them again
+/// At its start, the service does not have the settings of network managers, which push them again
 /// a little later. So the service waits this long before it hands anything over.
 inline constexpr std::chrono::milliseconds kGatherTime{500};
 /// Maximum number of GetState calls that wait for the daemon's configuration.

@@ -152,7 +152,7 @@ bool hasPortThatIsNoNumber(std::string_view authority) {
          host.find_first_not_of("0123456789", colon + 1) != std::string_view::npos;
 }
 
-/// A key in quotes may hold any text, so only plain keys are shown.
+/// A key in quotes may contain any text, so only plain keys are shown.
 std::string shownKey(std::string_view key) {
   return isPrintableAscii(key) && key.size() <= 64 ? std::string(key) : std::string("this key");
 }

@@ -2,7 +2,7 @@
 //
 // The format is TOML. Each key is optional. A key in a later file replaces the same key of an
 // earlier file. An unknown key, a value of the wrong type or an impossible value is a problem,
-// which is reported with its line: a misspelt key must not silently leave a device without its
+// which is reported with its line. A misspelt key must not silently leave a device without its
 // proxy.
 #pragma once
 
@@ -84,7 +84,7 @@ std::string pacUrlProblem(std::string_view url);
 std::string proxyUrlProblem(std::string_view url);
 
 /// `url` without user and password, so that every user may see it. A password may have a character
-/// that ends the host ("http://user:pass/word@host"). Then "***" stands for everything between the
+/// that ends the host ("http://user:pass/word@host"). Then "***" replaces everything between the
 /// first ":" and the last "@".
 std::string withoutCredentials(std::string_view url);
 

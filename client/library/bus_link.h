@@ -49,8 +49,8 @@ class BusLink {
   /// Called during process(). Throws nothing.
   class Listener {
    public:
-    /// The question has its reply and may be destroyed. `isFromOwner` is true if two conditions
-    /// hold: the owner of the daemon's name sent the reply, and the link receives the signals about
+    /// The question has its reply and may be destroyed. `isFromOwner` is true if two conditions are
+    /// true: the owner of the daemon's name sent the reply, and the link receives the signals about
     /// changes.
     virtual void replied(Asked& asked, const Outcome& outcome, bool isFromOwner) noexcept = 0;
     virtual void answersChanged() noexcept = 0;

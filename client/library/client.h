@@ -7,7 +7,7 @@
 // list until its reply arrives, because the bus counts it as a call in progress until then. A new
 // question for the same URL then joins that call.
 //
-// If a thread waits for its question, it checks the time limit itself, so the limit holds even if
+// If a thread waits for its question, it checks the time limit itself, so the limit is met even if
 // the client's thread is busy. The client's thread checks the limits of all other questions.
 //
 // After a fork, the child process may only call belongsHere(), which reads the id of the process

@@ -192,7 +192,7 @@ void Client::complete(Questions& questions, const Outcome& outcome) {
     --mQuestionCount;
     waiter.outcome = outcome;
     waiter.isEnded = true;
-    waiter.ended.notify_one();  // mMutex is held: after its release, the waiter may be gone
+    waiter.ended.notify_one();  // before mMutex is released: after that, the waiter may be gone
   }
 }
 
@@ -298,8 +298,8 @@ void Client::answersChanged() noexcept {
 
 void Client::ownerChanged(bool isThere) noexcept {
   // Calls in progress are stale only if the daemon was there before. Otherwise, either no daemon
-  // could answer until now, or this is the first report of a new link: its questions reach the bus
-  // after its request for the owner.
+  // could answer until now, or this is the first report of a new link. The questions of a new link
+  // reach the bus after its request for the owner.
   const bool isNews = std::exchange(mIsOwnerKnown, true) && mPresence == Presence::kThere;
   invalidate(isNews);
   mPause = kFirstPause;

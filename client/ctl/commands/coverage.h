@@ -34,9 +34,8 @@ struct MissedRule {
   bool mayBeReached = false;
 };
 
-/// The time limit for all URLs that are made from a script. The last URL can exceed this limit: if
-/// it leads to an endless loop, it takes 5 s in the unchanged script and 5 s in the instrumented
-/// script.
+/// The time limit for all URLs that are made from a script. The last URL can exceed this limit. If
+/// it leads to an endless loop, the unchanged script and the instrumented script take 5 s each.
 inline constexpr std::chrono::seconds kMadeTime{8};
 
 struct Share {

@@ -13,12 +13,12 @@ namespace client {
 struct CommandLine {
   std::vector<std::string> own;  ///< without the program's name
   std::vector<std::string> other;
-  bool hasOther = false;  ///< whether a "--" stood before `other`
+  bool hasOther = false;  ///< whether a "--" came before `other`
   bool isHelp = false;    ///< whether the command line was "help COMMAND"
 };
 
 /// Puts the arguments in the order of the grammar. "help COMMAND" becomes "COMMAND --help", and
-/// --json may stand before the command. With the command exec, everything after the first "--"
+/// --json may come before the command. With the command exec, everything after the first "--"
 /// belongs to the other program and is not parsed.
 CommandLine splitCommandLine(int argc, const char* const* argv);
 

@@ -15,8 +15,8 @@ namespace client::pvd {
 inline constexpr std::size_t kMaxDocumentBytes = 256 * 1024;
 
 /// A document above one of these limits (proxies, rules, values in one list of a rule) is refused
-/// as a whole: a part of the document could send traffic to a place to which the whole document
-/// would not send it.
+/// as a whole. If only a part of the document was used, traffic could go to a place to which the
+/// whole document does not send it.
 inline constexpr std::size_t kMaxProxies = 64;
 inline constexpr std::size_t kMaxRules = 256;
 inline constexpr std::size_t kMaxValues = 256;

@@ -26,7 +26,7 @@ std::string wellKnownUrl(const std::string& host);
 /// host of a proxy, with or without a port. From the network, the function fetches only this
 /// document, once, by https and without a proxy. Throws Failure: kUsage for a URL that is not https
 /// and for a text that is no host, kNoInput if the document cannot be read or fetched, kRefused if
-/// it is too long.
+/// the document is too long.
 Source readSource(const std::string& name);
 
 }  // namespace client::pvd

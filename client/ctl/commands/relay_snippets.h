@@ -14,8 +14,8 @@ std::vector<std::string> relayLinks();
 /// Makes a link for each snippet whose folder exists on this system. If one link cannot be made,
 /// the function makes no link.
 /// @return the links that are in place
-/// @throws Failure (kOutput) if a file of another kind stands in the place of a link, if the
-///         snippets are not installed, or if a link cannot be made
+/// @throws Failure (kOutput) if a file of another kind is in the place of a link, if the snippets
+///         are not installed, or if a link cannot be made
 std::vector<std::string> putRelayLinks();
 
 /// Removes the links. @return the links that were in place

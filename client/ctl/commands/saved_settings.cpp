@@ -269,7 +269,7 @@ std::string saveSettings(const Configuration& configuration) {
     syncFolder();
   }
   auto text = settingsText(configuration, kFolder + "/" + password);
-  const WipedAtEnd wiped(text);  // a URL may hold a password
+  const WipedAtEnd wiped(text);  // a URL may contain a password
   writeFile(kSavedName, text);
   unfinished.finished();
   syncFolder();

@@ -26,8 +26,8 @@ inline constexpr char kSettingsGroup[] = "proxymanager-settings";
 /// Longest text that the settings service accepts for a key, in bytes.
 inline constexpr std::size_t kMaxSavedBytes = 8192;
 
-/// The reason why a settings file cannot hold `text`; empty if it can. A URL in a settings file is
-/// printable ASCII.
+/// The reason why a settings file cannot contain `text`; empty if it can contain the text. A URL in
+/// a settings file is printable ASCII.
 std::string savedTextProblem(const std::string& text, bool isUrl);
 
 /// The settings file for `configuration`. The password is in `passwordFile`. If `configuration` has

@@ -4,8 +4,8 @@
 // the others: either it is known, or it is missing and has a reason.
 //
 // The command never starts a daemon. A user who may not read the configuration still gets the mode
-// and the manual proxy from the answer for a URL, as every program of the device does. The URL of
-// that question is not empty, because the daemon logs an empty URL as an error.
+// and the manual proxy. They are in the answer for a URL, which every program of the device may
+// get. The URL of that question is not empty, because the daemon logs an empty URL as an error.
 #include "client/ctl/commands/status_command.h"
 
 #include <pwd.h>

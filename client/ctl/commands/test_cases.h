@@ -37,8 +37,8 @@ struct TestCase {
 /// The cases of `text`. `base` is the environment of the command line. The lines of the file refine
 /// it: an option replaces the same option of the command line or of earlier lines, and --resolve
 /// replaces only the same name. Throws Failure (kBadData), with `name` and the line, for a line
-/// that cannot be parsed, for more than kMaxTestCases cases, and if there is no case: a test of
-/// nothing must not pass.
+/// that cannot be parsed and for more than kMaxTestCases cases. Also throws it if there is no case,
+/// because a test of nothing must not pass.
 std::vector<TestCase> parseTestCases(std::string_view text, const std::string& name,
                                      const SimulatedEnvironment& base);
 

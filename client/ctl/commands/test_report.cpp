@@ -28,7 +28,7 @@ std::string tapText(const std::string& text) {
   return escaped;
 }
 
-/// `text` with U+FFFD in place of U+FFFE and U+FFFF, which XML cannot hold.
+/// `text` with U+FFFD in place of U+FFFE and U+FFFF, which XML cannot contain.
 std::string withoutNoncharacters(std::string text) {
   for (std::size_t at = 0; (at = text.find("\xEF\xBF", at)) != std::string::npos; at += 2) {
     if (at + 2 < text.size() && (text[at + 2] == '\xBE' || text[at + 2] == '\xBF'))
@@ -37,7 +37,7 @@ std::string withoutNoncharacters(std::string text) {
   return text;
 }
 
-/// `text` for XML content or attributes. XML cannot hold control characters.
+/// `text` for XML content or attributes. XML cannot contain control characters.
 std::string xmlText(const std::string& text) {
   std::string escaped;
   for (const char c : withoutNoncharacters(base::visible(text))) {

@@ -9,7 +9,7 @@
 
 namespace client {
 
-/// An option that stands between URLs: -u with one URL, or -f with a file of URLs.
+/// An option that is between URLs: -u with one URL, or -f with a file of URLs.
 struct UrlOption {
   std::string text;
   bool isFile = false;

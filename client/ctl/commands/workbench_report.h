@@ -92,7 +92,7 @@ struct PlaceCount {
 struct Trace {
   std::vector<TracedEvent> events;
   std::vector<PlaceCount> counts;
-  bool cut = false;      ///< there were more events than a report can hold
+  bool cut = false;      ///< there were more events than a report can contain
   bool ownText = false;  ///< the script has read the text of a function
   /// The number of helper calls of the script, and their total time. All calls count, even if the
   /// events are cut.

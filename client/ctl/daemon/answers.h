@@ -14,8 +14,8 @@ namespace client {
 struct AnswerOptions {
   /// Whether the daemon is also asked about URLs of this machine (domain/local_host.h).
   bool askLocal = false;
-  /// Whether the configured user name and password are added to a manual proxy's URL, if the user
-  /// may read the configuration and the URL has no user name.
+  /// Whether the configured user name and password are added to a manual proxy's URL that has no
+  /// user name. This works only if the user may read the configuration.
   bool withCredentials = false;
   /// If a proxy in a script's answer has one of these hosts, the credentials are added to its URL,
   /// too. A script could name any host, so other hosts do not get the credentials.

@@ -33,8 +33,8 @@ int millisecondsLeft(Clock::time_point end) {
   return static_cast<int>(std::max<std::int64_t>(time, 0));
 }
 
-/// A lookup with a time limit. The caller and the thread of the lookup share this object: the C
-/// library cannot end a lookup, so the thread may live longer than the caller's wait.
+/// A lookup with a time limit. The caller and the thread of the lookup share this object. The C
+/// library cannot end a lookup, so the thread may run longer than the caller waits.
 struct Lookup {
   Lookup(std::string host, std::uint16_t port)
       : mHost(std::move(host)), mPort(std::to_string(port)) {

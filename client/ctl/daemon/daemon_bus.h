@@ -24,7 +24,7 @@ namespace client {
 /// bus runs on this machine, so a silent bus is an error.
 inline constexpr std::chrono::seconds kBusLimit{10};
 
-/// Shortest time limit for a connection to the bus, even if the limit of the calls is shorter: a
+/// Shortest time limit for a connection to the bus, even if the limit of the calls is shorter. A
 /// handshake on a busy machine must not look like a silent bus.
 inline constexpr std::chrono::seconds kLeastBusLimit{1};
 

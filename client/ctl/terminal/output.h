@@ -40,7 +40,7 @@ void printLine(std::string_view line);
 void printText(std::string_view lines);
 
 /// Prints `value`, indented, and a line end. It escapes everything except printable ASCII. Bytes
-/// that are not UTF-8 become U+FFFD, because JSON cannot hold them.
+/// that are not UTF-8 become U+FFFD, because JSON cannot contain them.
 void printJson(const nlohmann::ordered_json& value);
 
 /// Prints `value` in one line.

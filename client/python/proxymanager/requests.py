@@ -27,8 +27,8 @@ def _is_unreachable(error):
 class ProxyAdapter(requests.adapters.HTTPAdapter):
     """Sends each request through the first proxy of the answer that can be reached.
 
-    Without an answer, it uses the proxies of the session and of the environment, unless the client has
-    refuse=True.
+    Without an answer, the adapter uses the proxies of the session and of the environment, unless the client
+    has refuse=True.
     client: stays open; without one, the adapter makes its own client, which ends with it
     options: options of requests.adapters.HTTPAdapter
     """

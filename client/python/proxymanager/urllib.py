@@ -63,7 +63,7 @@ class ProxyHandler(urllib.request.ProxyHandler, urllib.request.HTTPSHandler,
                    urllib.request.HTTPHandler):
     """Opens each http and https URL through the first proxy of the answer that can be reached.
 
-    Without an answer, it uses the proxy of the environment, unless the client has refuse=True.
+    Without an answer, the handler uses the proxy of the environment, unless the client has refuse=True.
     client: stays open; without one, the handler makes its own client, which ends with it
     context: for TLS connections
     """

@@ -73,7 +73,7 @@ def _is_unreachable(error):
 class PoolManager(urllib3.PoolManager):
     """Sends each request through the first proxy of the answer that can be reached.
 
-    Without an answer, it uses the proxy of the environment, unless the client has refuse=True.
+    Without an answer, the manager uses the proxy of the environment, unless the client has refuse=True.
     client: stays open; without one, the manager makes its own client, which ends with it
     options: options of urllib3.PoolManager, for the managers of all proxies
     """
