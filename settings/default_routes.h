@@ -13,9 +13,9 @@
 namespace settings {
 
 /// The default routes in the main table of the process's network namespace, without next hops that
-/// the kernel does not use. If an interface has several, the lowest metric counts. Returns nothing
-/// if the kernel does not list its routes. Each message of the list has a time limit of 1 s; the
-/// kernel needs microseconds.
+/// the kernel does not use. If an interface has several default routes, the lowest metric counts.
+/// Returns nothing if the kernel does not list its routes. Each message of the list has a time
+/// limit of 1 s; the kernel needs microseconds.
 std::optional<DefaultRoutes> readDefaultRoutes();
 
 /// A socket that becomes readable when a route or a link changes. Empty if the kernel refuses the

@@ -78,8 +78,8 @@ class HandOver {
   void check();
 
   /// The time at which the service handed over the configuration that the daemon has now, or found
-  /// this configuration at the daemon. proxymanagerctl shows the time. Nothing if the daemon has no
-  /// configuration of this service.
+  /// this configuration at the daemon. proxymanagerctl shows the time. Returns nothing if the
+  /// daemon has no configuration of this service.
   std::optional<std::time_t> lastHandOver() const;
   const std::string& lastProblem() const { return mProblem; }
   bool isForeign() const { return mIsForeign; }

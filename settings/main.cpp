@@ -49,9 +49,9 @@ constexpr char kUsage[] =
     "SIGHUP reads the settings again. See proxymanager-settings(8) and settings.conf(5).\n";
 
 constexpr int kUsageError = 2;
-/// When a block of memory of at least this size is freed, it returns to the system. By default,
-/// glibc raises this limit after the first long script, and then keeps the memory of every long
-/// script.
+/// If a block of memory of at least this size is freed, glibc returns the block to the system. By
+/// default, glibc raises this limit after the first long script, and then keeps the memory of every
+/// long script.
 constexpr int kReturnedBytes = 64 * 1024;
 
 [[noreturn]] void usageError(const char* text) {

@@ -103,7 +103,7 @@ std::string lower(std::string_view text) {
   return result;
 }
 
-/// The condition under which `rule` excludes a host. Nothing if the rule is empty.
+/// The condition under which `rule` excludes a host. Returns nothing if the rule is empty.
 std::optional<std::string> hostCondition(std::string_view rule) {
   const bool open = rule.starts_with('*');
   if (open) rule.remove_prefix(1);

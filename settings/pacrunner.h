@@ -47,9 +47,9 @@ class PacRunner {
   struct TrackCloser {
     void operator()(sd_bus_track* track) const { sd_bus_track_unref(track); }
   };
-  /// A bus connection that pushes settings. This service needs one match rule for each of them, and
-  /// the bus allows one connection 512 match rules by default. Every program may ask questions, so
-  /// the service uses no match rule for a connection that only asks.
+  /// A bus connection that pushes settings. This service needs one match rule for each such
+  /// connection, and by default the bus allows this service 512 match rules. Every program may ask
+  /// questions, so the service uses no match rule for a connection that only asks.
   struct Sender {
     std::unique_ptr<sd_bus_track, TrackCloser> track;
     bool isOverLimit = false;  ///< the sender has reached its limit; logged once

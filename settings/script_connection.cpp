@@ -108,7 +108,8 @@ void ScriptConnection::answerWith(const char* status, std::uint64_t bytes) {
   require(sd_event_source_set_io_events(mSource.get(), EPOLLOUT), "sd_event_source_set_io_events");
 }
 
-/// The next unsent bytes of the file. None at its end, or if the file has become shorter.
+/// The next unsent bytes of the file. Returns no bytes at the end of the file, or if the file has
+/// become shorter.
 std::string_view ScriptConnection::nextChunk(std::span<char> chunk) const {
   const auto most = std::min(static_cast<std::size_t>(mBytes - mOffset), chunk.size());
   if (most == 0) return {};

@@ -73,7 +73,7 @@ class ScriptConnection {
   Owner& mOwner;
   bool mIsAnswering = false;
   std::string mText;         ///< the bytes read; later the unsent part of the answer's head
-  base::UniqueFd mFile;      ///< the answer's body; empty without one
+  base::UniqueFd mFile;      ///< the answer's body; empty if there is none
   std::int64_t mOffset = 0;  ///< number of bytes of the file already sent
   std::int64_t mBytes = 0;   ///< number of bytes to send
   EventSource mSource;

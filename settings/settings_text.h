@@ -72,7 +72,7 @@ ReadSettings readSettings(std::string_view text);
 void overlay(FileSettings& settings, const FileSettings& later);
 
 /// Reads a duration: a whole number with "s", "m", "h" or "d", from kMinRefresh to kMaxRefresh, or
-/// only "0". Nothing for any other text.
+/// only "0". Returns nothing for any other text.
 std::optional<std::chrono::seconds> parseRefresh(std::string_view text);
 
 /// The reason why `url` is not a valid PAC URL; empty if it is valid. A valid PAC URL has the

@@ -207,7 +207,7 @@ def wake_ups(build, web):
     """Returns {thread: wake-ups} of the configured daemon and its worker in IDLE seconds."""
     with running_daemon(build, 5) as daemon, Client() as client:
         configure(client, "pacurl", web, script(build, "rules", 60))
-        time.sleep(3)  # the announcing thread ends after its pause
+        time.sleep(3)  # by then, the announcing thread has ended
         pids = (daemon.pid, *daemon.children())
         before = {task: count for pid in pids for task, count in sleeps(pid).items()}
         time.sleep(IDLE)

@@ -44,7 +44,7 @@ PROXYMANAGER_LIBPROXY_API void px_proxy_factory_free_proxies(char** proxies);
 /** Releases a factory; null does nothing. */
 PROXYMANAGER_LIBPROXY_API void px_proxy_factory_free(pxProxyFactory* factory);
 
-/** @return the same factory, which must then be freed once more; null for null */
+/** @return the same factory, which must then be freed once more; null if `factory` is null */
 PROXYMANAGER_LIBPROXY_API pxProxyFactory* px_proxy_factory_copy(pxProxyFactory* factory);
 
 /** @return GLib's boxed type of a factory; 0 if the process cannot load GObject */

@@ -80,7 +80,7 @@ Reply replyOf(sd_bus_message* reply) {
   return read(reply);
 }
 
-/// Reads a reply to getProxyconfig. Nothing if this program may not read the configuration.
+/// Reads a reply to getProxyconfig. Returns nothing if this program may not read the configuration.
 /// @throws std::bad_alloc
 std::optional<Configuration> configurationOf(sd_bus_message* reply) {
   if (sd_bus_message_is_method_error(reply, nullptr) != 0 ||

@@ -47,9 +47,9 @@ bool Client::belongsHere() const {
   return getpid() == mProcess;
 }
 
-/// Answers a question that needs no call to the daemon: the answer is remembered, it is known
-/// without the daemon, or the URL is not valid. Otherwise returns nothing and sets `asked` to the
-/// URL for the daemon.
+/// Answers a question without a call to the daemon if the answer is remembered, if the URL is
+/// local, or if the URL is not valid. Otherwise, the function returns nothing and sets `asked` to
+/// the URL for the daemon.
 std::optional<Outcome> Client::answerHere(std::string_view url, std::string& asked) {
   if (auto answer = mRemembered.find(url)) return Outcome{PROXYMANAGER_OK, std::move(answer), {}};
   auto canonical = askedUrl(url);

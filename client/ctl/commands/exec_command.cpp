@@ -45,7 +45,7 @@ Exit status:
 )";
 
 /// How long a connection to one proxy may take. This includes the lookup of the proxy's name. A
-/// lost packet is sent again after 1 s, so one packet may be lost.
+/// lost packet is sent again after 1 s, so this limit allows for one lost packet.
 constexpr std::chrono::seconds kConnectLimit{3};
 
 /// How long the connections to all proxies together may take. A list of dead proxies must not delay

@@ -27,8 +27,8 @@ inline constexpr std::string_view kNotThroughProxy =
 
 /// The values of kProxyVariables for `entry`, the answer for `url`. All schemes get the same proxy,
 /// even if only some programs support its type. A program that does not support the type then
-/// fails, and does not bypass the proxy. The result is empty for DIRECT. It does not contain
-/// no_proxy if no_proxy would match the host of `url` itself.
+/// fails, and does not bypass the proxy. The result is empty for DIRECT. The result does not
+/// contain no_proxy if no_proxy would match the host of `url` itself.
 std::map<std::string_view, std::string> proxyVariables(const ProxyEntry& entry,
                                                        std::string_view url);
 

@@ -30,8 +30,8 @@ struct Ignored {
 
 // --- JSON: the rules of I-JSON that the parser does not check ---
 
-/// Refuses a document that nests too deeply, and an object that has a name twice: some parsers use
-/// the first value, and other parsers use the last value.
+/// Refuses a document that nests too deeply, and an object in which a name appears twice: some
+/// parsers use the first value of the name, and others use the last value.
 class Shape {
  public:
   bool operator()(int depth, Json::parse_event_t event, const Json& value) {
@@ -67,8 +67,8 @@ const std::string* textIn(const Json& object, const char* name) {
                                                      : nullptr;
 }
 
-/// The array of texts under `name`. Nothing if there is no such name. Throws Ignored if the value
-/// has another type.
+/// The array of texts under `name`. Returns nothing if there is no such name. Throws Ignored if the
+/// value has another type.
 std::optional<std::vector<std::string>> textsIn(const Json& object, const char* name) {
   const auto found = object.find(name);
   if (found == object.end()) return {};

@@ -148,8 +148,8 @@ class Maker {
     }
   }
 
-  /// The answer of a rule. Nothing if none of its proxies can be used; the script then omits the
-  /// rule.
+  /// The answer of a rule. Returns nothing if none of the rule's proxies can be used; the script
+  /// then omits the rule.
   std::optional<std::string> answerOf(std::size_t number) {
     const auto& rule = mDocument.rules[number];
     if (rule.proxies.empty()) return "DIRECT";

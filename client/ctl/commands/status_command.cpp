@@ -115,8 +115,8 @@ struct Status {
   Known<bool> walking;
   PacFileState pac;
   RelayState relay;
-  /// Why the script in the PAC file is refused; empty if the script loads. No value if there is no
-  /// PAC file.
+  /// Why the script in the PAC file is refused; empty if the script loads. It has no value if there
+  /// is no PAC file.
   std::optional<std::string> refusal;
 };
 

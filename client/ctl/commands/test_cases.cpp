@@ -44,7 +44,7 @@ class Line {
     return word;
   }
 
-  /// The text after the arrow. Nothing if there is no arrow.
+  /// The text after the arrow. Returns nothing if there is no arrow.
   std::optional<std::string_view> answer() const {
     if (mText.substr(0, mText.find_first_of(kBlanks)) != kArrow) return std::nullopt;
     return base::trimmed(mText.substr(kArrow.size()), kBlanks);

@@ -64,7 +64,7 @@ bool hasBlankOrControl(std::string_view text) {
   });
 }
 
-/// The reason why no program can use `url`. Nothing if programs can use it.
+/// The reason why no program can use `url`. Returns nothing if programs can use the URL.
 std::optional<std::string> faultOf(const std::string& url, bool isPac) {
   if (url.empty()) return "is empty; \"proxymanagerctl off\" turns proxies off";
   if (hasBlankOrControl(url)) return "holds a blank or a control character";

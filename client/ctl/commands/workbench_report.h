@@ -74,8 +74,8 @@ struct TracedEvent {
   std::optional<std::size_t> place;
   std::string value;  ///< in JavaScript syntax; empty for a call
   bool truthy = false;
-  /// For the test of a case: whether the case was entered after this test. Nothing if the record
-  /// ends here.
+  /// For the test of a case: whether the case was entered after this test. It has no value if the
+  /// record ends here.
   std::optional<bool> matches;
   std::optional<TracedCall> call;
   bool isAfterOthers = false;  ///< events directly before this event are missing in the report

@@ -71,7 +71,7 @@ std::string textOf(sd_bus_message* reply) {
   return text;
 }
 
-/// The time limit in the form that the library expects. No limit if `time` is negative.
+/// The time limit in the form that the library expects. Returns 0 if `time` is negative.
 std::uint64_t microseconds(std::chrono::microseconds time) {
   return static_cast<std::uint64_t>(std::max<std::int64_t>(time.count(), 0));
 }

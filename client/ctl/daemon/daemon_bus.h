@@ -68,7 +68,7 @@ class DaemonBus {
   DaemonBus(const DaemonBus&) = delete;
   DaemonBus& operator=(const DaemonBus&) = delete;
 
-  /// The connection, for calls of other services.
+  /// The connection, for calls to other services.
   sd_bus* handle() const { return mBus.get(); }
 
   /// Whether calls may start a daemon that does not run. The default is true.

@@ -215,7 +215,7 @@ PROXYMANAGER_API proxymanager_status proxymanager_watch(proxymanager_client* cli
  * A callback may end its own watch; it is then not called again. An unknown id does nothing. */
 PROXYMANAGER_API void proxymanager_unwatch(proxymanager_client* client, proxymanager_id id);
 
-/** Adds a reference to an answer. @return the same answer; null for null */
+/** Adds a reference to an answer. @return the same answer; null if `answer` is null */
 PROXYMANAGER_API proxymanager_answer* proxymanager_answer_ref(proxymanager_answer* answer);
 
 /** Releases a reference to an answer. The last release frees the answer with its entries and texts.
