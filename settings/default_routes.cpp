@@ -40,7 +40,8 @@ Structure headOf(std::string_view bytes) {
 }
 
 /// Removes the first entry from a list and returns it. Each entry begins with its length, and is
-/// padded to four bytes. Empty at the end of the list, or if the length is impossible.
+/// padded to four bytes. Returns an empty entry at the end of the list, or if the length is
+/// impossible.
 std::string_view takeEntry(std::string_view& list, std::size_t length, std::size_t leastLength) {
   if (length < leastLength || length > list.size()) return {};
   const auto entry = list.substr(0, length);

@@ -38,7 +38,7 @@ inline constexpr std::chrono::seconds kNetworkPause{1};
 inline constexpr std::chrono::seconds kFirstFailurePause{1};
 inline constexpr std::chrono::seconds kLongestFailurePause{300};
 /// A refresh comes later by up to 1/10 of its interval. So devices that were switched on together
-/// do not ask one server at the same time.
+/// do not ask the same server at the same time.
 inline constexpr int kRefreshSpread = 10;
 
 /// The pause before the retry with this number, counted from 0.

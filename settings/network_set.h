@@ -1,4 +1,5 @@
-// The configurations that network managers have pushed: one record for each, by its object path.
+// The configurations that network managers have pushed: one record for each configuration, found by
+// its object path.
 //
 // A configuration ends with its sender's bus connection. Until then, only the sender can destroy
 // it. Numbers are never reused, so a late call for an old path has no effect.

@@ -246,8 +246,7 @@ int PacRunner::find(sd_bus_message* call, sd_bus_error* error) {
   if (!mDaemon.isThere()) return sd_bus_reply_method_return(call, "s", "DIRECT");
   const std::string caller = sd_bus_message_get_sender(call);
   const uid_t user = userOf(call);
-  // The answer is not "DIRECT", because this would be wrong if every request must go through a
-  // proxy.
+  // The answer is not "DIRECT", which would be wrong if every request must go through a proxy.
   if (!mQuestions.hasRoom(caller, user)) {
     return sd_bus_error_set(error, kFailed, "too many questions wait");
   }

@@ -24,8 +24,7 @@ namespace settings {
 /// Maximum number of open connections. The daemon needs one connection. A further connection ends
 /// the oldest one, so that no program can lock out the daemon with open connections.
 inline constexpr std::size_t kMaxConnections = 64;
-/// Pause before the next connection is accepted after the kernel refused one, for example because
-/// memory was exhausted.
+/// Pause after the kernel refused to accept a connection, for example because memory was exhausted.
 inline constexpr std::chrono::seconds kAcceptPause{1};
 /// The port, if the service binds it itself. Other local users cannot bind a port below 1024. So
 /// while the service restarts, none of them can serve a false script at this port. IANA has not

@@ -163,7 +163,8 @@ bool SettingsService::watchFiles() {
   const auto follow = [&places](const std::string& path) {
     for (auto& place : placesOf(path)) places.push_back(std::move(place));
   };
-  // The folder can disappear and come back, or can be a link.
+  // The paths of the folders are watched, too: a folder can disappear and come back, or can be a
+  // link.
   follow(folder);
   follow(folder + "/settings.d");
   if (const auto& file = mLastReading.settings.passwordFile) follow(*file);
@@ -186,8 +187,8 @@ void SettingsService::decide() {
     mChoice.reason = (mChoice.network != nullptr ? mChoice.reason + "; " : std::string()) +
                      "the script of a network manager cannot be served";
     publishOrWithdraw();
-    // The next attempt is later, when the disk may have space again. If there is no socket, only a
-    // restart of the service helps.
+    // The service tries again later, when the disk may have space again. If there is no socket,
+    // only a restart of the service helps.
     if (mScripts) mServeTimer.set(failurePause(mServeFailures++));
   }
   const std::string line =

@@ -144,7 +144,7 @@ Authority authorityOf(std::string_view url) {
   return {begin, std::min(url.find_first_of("/?#", begin), url.size())};
 }
 
-/// @param authority may have a user
+/// @param authority the authority of a URL, with or without a user
 bool hasPortThatIsNoNumber(std::string_view authority) {
   const auto host = authority.substr(authority.rfind('@') + 1);  // npos + 1 is 0
   const auto colon = host.find(':', host.starts_with('[') ? host.find(']') : 0);

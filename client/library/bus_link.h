@@ -28,8 +28,8 @@ class BusLink {
     void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
   };
 
-  /// A question that has been sent. After its destruction, the reply is ignored. Only the thread of
-  /// the link may destroy the question.
+  /// A question that has been sent. After the question is destroyed, its reply is ignored. Only the
+  /// thread of the link may destroy the question.
   class Asked {
    public:
     bool isSent() const { return mSlot != nullptr; }

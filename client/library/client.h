@@ -124,7 +124,7 @@ class Client final : public BusLink::Listener {
   void takeBack(Calls::iterator call, const Waiter& waiter) PM_REQUIRES(mMutex);
   void wake() const;
 
-  // Called only on the client's thread, or on the thread that has ended it.
+  // Called only on the client's thread, or on the thread that has ended the client's thread.
   static void* threadMain(void* client);
   void run();
   bool prepare() PM_EXCLUDES(mMutex);

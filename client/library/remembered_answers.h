@@ -40,7 +40,7 @@ class RememberedAnswers {
   std::size_t count() const { return mByUse.size(); }
   std::size_t bytes() const { return mBytes; }
 
-  /// The number of bytes that count for a URL with its answer.
+  /// The number of bytes of a URL with its answer, for the comparison with maxBytes.
   static std::size_t bytesOf(std::string_view url, const AnswerRef& answer);
 
  private:

@@ -44,7 +44,7 @@ Exit status:
 
 /// Maximum number of URLs that are made from each of the two scripts.
 constexpr std::size_t kMostMade = 2000;
-/// Time limit for all URLs that are made. After this time, the command asks about no further URL.
+/// Time limit for all made URLs together. After this time, the command asks about no further URL.
 constexpr std::chrono::seconds kMadeDiffTime{30};
 constexpr std::size_t kMostShown = 3;
 

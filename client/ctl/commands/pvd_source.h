@@ -1,4 +1,4 @@
-// Reads a document of proxy information: from a file, or from the one given server.
+// Reads a document of proxy information: from a file, or from the server that the user names.
 #pragma once
 
 #include <optional>

@@ -18,7 +18,8 @@ inline constexpr char kSettingsFolder[] = "/etc/proxymanager/settings.d";
 inline constexpr char kSavedName[] = "90-saved.conf";
 inline constexpr char kSavedPasswordName[] = "90-saved.password";
 /// Two programs that save at the same time would remove each other's password. So a program changes
-/// the files only while it holds this lock. It holds the lock for a few fsync calls.
+/// the files only while it holds this lock. It holds the lock only as long as a few fsync calls
+/// take.
 inline constexpr char kSaveLock[] = "/run/proxymanagerctl-save.lock";
 inline constexpr std::chrono::seconds kSaveLockLimit{10};
 /// The group of the settings service. Only root and members of this group can read the files.

@@ -267,9 +267,9 @@ bool isOlderThanUpdate(std::int64_t fetched, const base::DaemonStatus& reported)
   constexpr std::int64_t kSecond = 1'000'000;
   // The clock for file times is up to one tick late.
   if (fetched + kClockTick < reported.updated * kSecond) return true;
-  // The fraction of the second of the update is not known. But if the walk after the update failed
-  // at once, it wrote no file. If the daemon still has a script then, the file is from a walk
-  // before the update.
+  // The fraction of the second of the update is not known. But a walk that fails at once writes no
+  // file. So if the walk after the update failed at once and the daemon has a script, the file is
+  // from a walk before the update.
   const bool failedAtOnce = reported.result.starts_with("no ") && reported.walking == 0 &&
                             reported.walked >= reported.updated &&
                             reported.walked - reported.updated <= 1;

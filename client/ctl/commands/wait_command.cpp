@@ -69,8 +69,9 @@ std::chrono::microseconds timeLeft(Clock::time_point end) {
 /// The result of one look at the daemon.
 struct Look {
   bool isReady = false;
-  /// With --configured: the daemon is in mode off, and the time was too short to find out whether a
-  /// program has set this mode. With --script: an earlier daemon may have left the PAC file.
+  /// True in two cases. With --configured: the daemon is in mode off, and the time was too short to
+  /// find out whether a program has set this mode. With --script: an earlier daemon may have left
+  /// the PAC file.
   bool isUnclear = false;
   /// When the daemon last announced that it has no configuration.
   std::optional<Clock::time_point> announced;

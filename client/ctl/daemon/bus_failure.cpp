@@ -92,7 +92,7 @@ Failure failedSettingsCall(std::string_view name, std::string_view text,
 }
 
 Failure failedConnection(std::string_view address, int error) {
-  // If no transport of the address is known, the bus library skips them all and returns
+  // If the bus library supports no transport of the address, it skips all of them and returns
   // ECONNREFUSED.
   if (error == ECONNREFUSED && !hasTransport(address)) error = EINVAL;
   error = connectionError(address, error);

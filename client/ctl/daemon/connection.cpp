@@ -51,7 +51,7 @@ struct Lookup {
     mDone.notify_one();
   }
 
-  /// The addresses, or none with the reason in `problem`.
+  /// Returns the addresses. If there are none, sets `problem` to the reason.
   Addresses wait(Clock::time_point end, std::string& problem) {
     std::unique_lock lock(mMutex);
     if (!mDone.wait_until(lock, end, [this] { return mError.has_value(); })) {
