@@ -2,9 +2,9 @@
  *
  * The script runs in a separate process, the sandboxed `proxymanager-pac-worker`, never in the
  * caller's process. The library has no threads. Two threads must not use one handle at the same
- * time; different handles are independent. Every function accepts a null handle or script; it then
- * has no effect and returns no engine or answer. The library copies all texts before a call
- * returns.
+ * time; different handles are independent. Every function accepts a null handle or script. The
+ * function then has no effect, and returns no engine and no answer. The library copies all texts
+ * before a call returns.
  *
  * Limits (docs/pac-language.md): loading 5 s, one evaluation 5 s with all its name lookups, URL 8
  * KiB, result 64 KiB. If a stopped or broken worker exceeds a time limit, the library kills it a
@@ -34,7 +34,7 @@ typedef void (*pac_wakeup)(void* context);
  * is the library's own copy of the question's host and is valid only during the call. */
 typedef void (*pac_result)(char* result, void* context, void* host);
 
-/** Starts a worker, which loads the NUL-terminated `script`. Waits 5 s at most.
+/** Starts a worker, which loads the NUL-terminated `script`. Waits 5.25 s at most.
  *  @param option PAC_OPTION_ONLINE or PAC_OPTION_OFFLINE
  *  @param wakeup called on the thread that calls pac_find_proxy; may be null
  *  @return an engine, to be released with pac_free. Null if the script is null or refused (syntax,
@@ -48,7 +48,7 @@ struct pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* co
 void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_result found,
                     void* context);
 
-/** Evaluates FindProxyForURL(url, host) on the calling thread; waits 5 s at most.
+/** Evaluates FindProxyForURL(url, host) on the calling thread; waits 5.25 s at most.
  *  @param url the script sees it without user, password and fragment, and for https and wss without
  *  path and query
  *  @param host passed to the script unchanged

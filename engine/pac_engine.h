@@ -2,11 +2,11 @@
 // callers (proxymanagerctl and tests) get the reason for a refusal and may set clock, zone, names
 // and addresses.
 //
-// A script never runs in this process. Engine starts `proxymanager-pac-worker`, passes it the
-// script in a sealed memory file, and asks it over a socket pair. While Engine waits for an answer,
-// it does the worker's name lookups on the calling thread. A worker that does not answer in time is
-// killed. If a worker dies for any reason, the question in progress has no answer. The next
-// question starts a new worker; the start is part of that question's 5 s. The library has no
+// A script never runs in this process. Engine starts `proxymanager-pac-worker`, passes the script
+// to it in a sealed memory file, and sends it questions over a socket pair. While Engine waits for
+// an answer, it does the worker's name lookups on the calling thread. A worker that does not answer
+// in time is killed. If a worker dies for any reason, the question in progress has no answer. The
+// next question starts a new worker; the start is part of that question's 5 s. The library has no
 // threads.
 #pragma once
 
@@ -29,7 +29,7 @@ namespace pac_engine {
 /// limit, so only a stopped or broken worker is killed.
 inline constexpr std::chrono::milliseconds kKillGrace{250};
 
-/// The role of a worker. The daemon uses only workers that answer.
+/// The role of a worker. The daemon uses only workers with the role kAnswers.
 enum class WorkerRole : std::uint8_t {
   kAnswers,  ///< proxymanager-pac-worker: loads the script and answers questions
   kTraces,   ///< proxymanager-workbench: the same, with an instrumented script; the command "trace"
@@ -42,15 +42,15 @@ inline constexpr std::size_t kMaxWholeReportBytes = 64U << 20U;
 
 struct Options {
   NameSource names;  ///< with `offline`, the own address is the loopback address
-  std::optional<std::vector<std::string>> ownAddresses;  ///< used instead of the device's ones
+  std::optional<std::vector<std::string>> ownAddresses;  ///< used instead of the device's addresses
   std::optional<std::int64_t> clock;  ///< fixed time for the date helpers, seconds since 1970
   std::string zone;                   ///< TZ of the date helpers; empty for the device's zone
   std::chrono::milliseconds timeLimit{5000};  ///< limit for a load or an evaluation
   std::string workerProgram;                  ///< empty for the installed program
   WorkerRole role = WorkerRole::kAnswers;
-  /// Kill the worker when the thread that started it ends. Without this, a worker that computes
-  /// ends up to 1 s after its time limit if this process is killed. Use it only if one thread uses
-  /// the engine.
+  /// Kill the worker when the thread that started it ends. If this option is false and this process
+  /// is killed, a busy worker may run until 1 s after its time limit. Set the option only if one
+  /// thread uses the engine.
   bool endsWithCaller = false;
 };
 

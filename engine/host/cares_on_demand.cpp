@@ -40,8 +40,7 @@ bool findAll(void* library, Functions& found) {
          find(library, "ares_timeout", found.timeOut);
 }
 
-// The functions that ares_init_options() has found; null before its first call, and while the
-// library is missing.
+// The functions of the library. Null until ares_init_options() has found them.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace

@@ -20,8 +20,8 @@ namespace pac_engine {
 
 namespace {
 
-// After half a second without an answer the next server is tried. The time doubles with each try,
-// so if there is a single slow server, it has the whole 2 s of a lookup for its answer.
+// After half a second without an answer the next server is tried. The time doubles with each try.
+// So a single slow server has the whole 2 s of a lookup for its answer.
 constexpr int kTryMs = 500;
 constexpr int kTries = 3;
 

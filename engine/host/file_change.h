@@ -5,8 +5,8 @@
 
 namespace pac_engine {
 
-/// One file. Each look at it is one system call with the file's path; links are followed. Two
-/// threads must not use the object at the same time.
+/// One file. Each check is one system call, which follows links. Two threads must not use the
+/// object at the same time.
 class FileChange {
  public:
   explicit FileChange(std::string path);

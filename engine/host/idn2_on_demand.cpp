@@ -21,8 +21,7 @@ bool findAll(void* library, Functions& found) {
   return find(library, "idn2_to_ascii_8z", found.toAscii) && find(library, "idn2_free", found.free);
 }
 
-// The functions that idn2_to_ascii_8z() has found; null before its first call, and while the
-// library is missing.
+// The functions of the library. Null until idn2_to_ascii_8z() has found them.
 std::atomic<const Functions*> found{nullptr};
 
 }  // namespace

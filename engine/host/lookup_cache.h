@@ -26,13 +26,13 @@ class LookupCache {
   using Key = std::pair<std::string, pac_engine::AddressFamily>;
   using Addresses = std::vector<std::string>;
 
-  /// The lookup of `key` that is stored and still valid at `now`: its addresses, or an empty list
-  /// if it failed. No value if there is no such lookup.
+  /// The stored addresses of `key`; an empty list if its lookup failed. No value if nothing is
+  /// stored for `key`, or if the stored lookup is no longer valid at `now`.
   std::optional<Addresses> find(const Key& key, Clock::time_point now) const;
 
-  /// Keeps `addresses` for `lifetime`, but for 60 s at most. Without addresses, keeps the failure
-  /// for 5 s. If there are too many names, the oldest one is dropped. A name with a lifetime of 0
-  /// is not kept.
+  /// Keeps `addresses` for `lifetime`, but for 60 s at most. If there are no addresses, keeps the
+  /// failure for 5 s. If there are too many names, the oldest one is dropped. A name with a
+  /// lifetime of 0 is not kept.
   /// Throws std::bad_alloc if memory is exhausted; the cache then has no entry for `key`.
   void store(const Key& key, Addresses addresses, std::chrono::seconds lifetime,
              Clock::time_point now);

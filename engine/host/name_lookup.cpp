@@ -137,7 +137,7 @@ std::vector<std::string> NameLookup::query(const LookupCache::Key& key, Deadline
                                            int watched) {
   const auto limit = std::chrono::steady_clock::now() + kLookupLimit;
   auto result = mResolver.lookUp(key.first, key.second, std::min(limit, deadline), watched);
-  // If a lookup had less than its 2 s, or if its caller has ended, a missing answer does not mean
+  // If a lookup had less time than 2 s, or if its caller has ended, a missing answer does not mean
   // that the name has no address.
   const bool cutShort = result.end == LookupEnd::kTooLate && deadline < limit;
   if (!cutShort && result.end != LookupEnd::kAbandoned) {

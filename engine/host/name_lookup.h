@@ -39,7 +39,8 @@ class NameLookup {
                                    int watched);
 
  private:
-  /// The addresses of `name` in both families if no server is ever asked for it; else nothing.
+  /// The addresses of `name` in both families, if `name` never needs a server. Nothing if it may
+  /// need a server.
   std::optional<std::vector<std::string>> withoutServer(const std::string& name) const;
   std::vector<std::string> find(const std::string& name, AddressFamily family, Deadline deadline,
                                 int watched);

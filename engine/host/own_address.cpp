@@ -48,8 +48,8 @@ std::string routeSource() {
   return textOf(AF_INET, &address.sin_addr);
 }
 
-/// Copies the address at `generic` into the structure of its family. A cast would not do, because
-/// not every machine can read unaligned values.
+/// Copies the address at `generic` into the structure of its family. A cast is not possible,
+/// because not every machine can read unaligned values.
 template <typename Address>
 Address as(const sockaddr* generic) {
   Address address;
@@ -57,7 +57,7 @@ Address as(const sockaddr* generic) {
   return address;
 }
 
-/// The text of a usable address, else nothing.
+/// The address of `entry` as a text; empty if the address is not usable.
 std::string usable(const ifaddrs& entry) {
   constexpr unsigned kWanted = IFF_UP;
   if (entry.ifa_addr == nullptr || (entry.ifa_flags & (IFF_UP | IFF_LOOPBACK)) != kWanted)

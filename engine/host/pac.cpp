@@ -15,7 +15,7 @@
 
 namespace {
 
-// Maximum number of queued questions. A further question is dropped. So many wait only if the
+// Maximum number of queued questions. A further question is dropped. The queue is full only if the
 // caller does not call pac_run_callbacks() often enough.
 constexpr std::size_t kMaxQueued = 256;
 

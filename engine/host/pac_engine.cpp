@@ -20,8 +20,8 @@ namespace {
 
 /// CPU time that a worker may use while no question waits for it.
 constexpr std::chrono::seconds kIdleCpu{2};
-/// After less work than this, the worker's CPU limit is not set again. The value is far below
-/// kIdleCpu, so such a worker cannot have come near its limit.
+/// If a worker has worked for less time than this, its CPU limit is not set again. The value is far
+/// below kIdleCpu, so the worker cannot be near its limit.
 constexpr std::chrono::milliseconds kShortWork{500};
 
 Problem problemOf(std::string message) {
@@ -67,7 +67,7 @@ struct Engine::Impl {
   Options options;
   UniqueFd script;
   NameLookup names;
-  FileChange zone{"/etc/localtime"};  ///< a worker reads this file before it raises its walls
+  FileChange zone{"/etc/localtime"};  ///< a worker reads this file before it enters the sandbox
   std::unique_ptr<WorkerProcess> worker;
   std::uint32_t serial = 0;
   std::size_t alertBytesLeft = 0;
@@ -84,8 +84,8 @@ void Engine::Impl::discard(const char* why) {
   logLine(LOG_WARNING, "pac_engine: worker %d %s (%s)", pid, why, how.c_str());
 }
 
-/// After a worker has raised its walls, it cannot read the zone again. So if the device's zone
-/// changes, the library starts a new worker.
+/// A worker in the sandbox cannot read the zone again. So if the device's zone changes, the library
+/// starts a new worker.
 void Engine::Impl::followZone() {
   if (!zone.changedSinceLastLook() || !worker || !options.zone.empty()) return;
   logLine(LOG_DEBUG, "pac_engine: the device's zone has changed, worker %d is replaced",
@@ -124,8 +124,8 @@ Reply Engine::Impl::ask(std::string_view url, std::string_view host, Deadline de
   try {
     return askWorker(url, host, deadline);
   } catch (...) {
-    // Memory is exhausted. A worker that is in the middle of this question could not answer the
-    // next one, either.
+    // Memory is exhausted. A worker that still works on this question cannot answer the next
+    // question.
     worker.reset();
     throw;
   }
@@ -212,8 +212,8 @@ std::optional<FromWorker> Engine::Impl::converse(Deadline deadline, Problem& pro
       return message;
     }
     if (!*served) return fail("does not read its answers");
-    // A worker may ask endlessly, and send each message in time. So the whole task has a deadline,
-    // too.
+    // A worker may send requests without end, each of them in time. So the whole task also has a
+    // deadline.
     const auto now = std::chrono::steady_clock::now();
     if (now >= deadline + kKillGrace) return fail("did not answer in time");
     // Between its messages, the worker may use much CPU time.
@@ -241,10 +241,10 @@ void Engine::Impl::allowLongWork(bool& isLong) {
 }
 
 /// Between two questions, no code watches the worker. If a script has taken control of the worker,
-/// it could then use all CPU time of the device. So the kernel enforces a limit. A worker that only
-/// waits does not reach it. The limit is set again after half a second of work. With less work, an
-/// ordinary worker cannot come near it. So after a short question, the function only reads the
-/// clock.
+/// it could then use all CPU time of the device. So the kernel enforces a CPU limit. A worker that
+/// only waits does not reach this limit. After half a second of work, the function sets the limit
+/// again. After less work, an ordinary worker cannot be near the limit, so the function only reads
+/// the clock.
 void Engine::Impl::finishWork(Deadline begun) {
   worked += std::chrono::steady_clock::now() - begun;
   if (worked < kShortWork) return;
@@ -298,13 +298,13 @@ Engine::~Engine() = default;
 std::unique_ptr<Engine> Engine::load(std::string_view script, Options options, Problem& refused) {
   const auto deadline = std::chrono::steady_clock::now() + options.timeLimit;
   auto impl = std::make_unique<Impl>(std::move(options));
-  // A NUL ends the script; what follows it is not sent.
+  // A NUL ends the script; the bytes after the NUL are not sent.
   impl->script = sealedScript(script.substr(0, script.find('\0')));
   if (!impl->script) {
     refused = problemOf(std::string("no memory file: ") + std::strerror(errno));
     return nullptr;
   }
-  impl->zone.changedSinceLastLook();  // the first look, before the worker reads the zone
+  impl->zone.changedSinceLastLook();  // the first check, before the worker reads the zone
   if (!impl->start(deadline, refused)) return nullptr;
   return std::unique_ptr<Engine>(new Engine(std::move(impl)));
 }

@@ -46,7 +46,7 @@ class WorkerProcess {
 
   /// Binds the process to the CPU that the calling thread is on. The caller sleeps until it has the
   /// answer, so sharing one CPU costs nothing. Switching to a process on the same CPU takes a fifth
-  /// of the time that waking another CPU takes. Busy waiting would burn power on both CPUs. If the
+  /// of the time that waking another CPU takes. Busy waiting would waste power on both CPUs. If the
   /// kernel refuses the binding, nothing changes.
   void follow();
 

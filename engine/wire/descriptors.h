@@ -10,7 +10,7 @@ inline constexpr int kWorkerScript = 4;  ///< the script, a sealed memory file
 inline constexpr char kParseOnly[] = "PROXYMANAGER_WORKBENCH=parse";
 inline constexpr char kWorkbenchVariable[] = "PROXYMANAGER_WORKBENCH";
 
-/// The environment of a worker contains this variable if the kernel kills the worker when the
+/// If the environment of a worker contains this variable, the kernel kills the worker when the
 /// thread that started it ends.
 inline constexpr char kEndsWithCaller[] = "PROXYMANAGER_WORKER_END=with-caller";
 inline constexpr char kEndVariable[] = "PROXYMANAGER_WORKER_END";

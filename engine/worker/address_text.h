@@ -36,8 +36,8 @@ std::string textOfIpv4(std::uint32_t quad);
 /// RFC 5952: lower case, the longest run of zero groups as "::", no dotted quad inside.
 std::string textOfIpv6(const Address& address);
 
-/// Returns true if `address` is in `prefix` ("address/length"). Returns false if one of the two
-/// cannot be read. White space around the two parts of `prefix` is ignored.
+/// Returns true if `address` is in `prefix` ("address/length"). Returns false if `address` or
+/// `prefix` is not valid. White space around the two parts of `prefix` is ignored.
 bool liesInPrefix(std::string_view address, std::string_view prefix);
 
 }  // namespace pac_worker

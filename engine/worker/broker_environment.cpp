@@ -13,8 +13,7 @@ using pac_engine::FromWorker;
 
 namespace {
 
-/// This is more than the number of names that one evaluation may look up. Further names get no
-/// address.
+/// One evaluation may look up 20 names in two families, so all its answers are kept.
 constexpr std::size_t kMaxRemembered = 64;
 
 }  // namespace
@@ -44,7 +43,7 @@ void BrokerEnvironment::begin() {
 }
 
 std::vector<std::string> BrokerEnvironment::resolve(std::string_view name, AddressFamily family) {
-  // The second condition: the text is longer than the encoding of any name.
+  // No name is longer than kMaxNameBytes.
   if (name.empty() || name.size() > pac_engine::kMaxNameBytes) return {};
   std::pair key(family, std::string(name));
   const auto known = mResolved.find(key);

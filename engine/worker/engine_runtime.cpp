@@ -13,18 +13,18 @@ namespace {
 constexpr int kMostJobs = 1000;  // limit of promise jobs for each load and each evaluation
 constexpr std::size_t kBlockOverhead = 8;  // bytes that the allocator adds to each block
 // If the heap refuses a small block, the engine may recurse endlessly: it needs a block for the
-// error, and then for an error about that error. So past the heap limit, small blocks are still
-// granted, from a reserve. The reserve lasts until the next interrupt, which ends the script. Each
-// interrupt adds the memory for its own error to the reserve.
+// error, and then for an error about that error. So when the heap limit is reached, the heap still
+// grants small blocks from a reserve. The reserve lasts until the next interrupt, which ends the
+// script. Each interrupt adds the memory for its own error to the reserve.
 constexpr std::size_t kSmallBlock = 4U << 10U;
 constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
 constexpr std::size_t kMostReserve = 16U << 20U;
 // The engine reads the clock at every ten thousandth call or loop iteration. If each iteration
-// calls a long built-in function, minutes can pass until the engine reads it. So the heap reads the
-// clock, too, whenever it has granted this many bytes; each block counts as a little more than its
-// size. Some time after the deadline, the heap refuses all blocks except small ones. The built-in
-// functions then fail at once, and the engine soon reads the clock.
+// calls a long built-in function, minutes can pass until the engine reads it. So the heap also
+// reads the clock whenever it has granted this many bytes. Each block counts as a little more than
+// its size. Some time after the deadline, the heap refuses all blocks except small ones. The
+// built-in functions then fail at once, and the engine soon reads the clock.
 constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
 constexpr std::size_t kBlockCost = 1U << 10U;
 constexpr std::chrono::milliseconds kStarvationGrace{100};
@@ -48,7 +48,8 @@ Text::Text(JSContext* context, JSValueConst value)
   EngineRuntime::of(context).countWork(mLength);
 }
 
-// The engine's own heap functions do the same, but do not report that they refused a block.
+// The engine's own heap functions differ in one point: they do not report that they refused a
+// block.
 const JSMallocFunctions EngineRuntime::kHeapFunctions = {allocateZeroed, allocate, release,
                                                          reallocate, usableSize};
 
@@ -96,8 +97,8 @@ void* EngineRuntime::reallocate(void* owner, void* block, std::size_t size) {
   return moved;
 }
 
-// Makes a context with the globals of a PAC script in a browser: those of JavaScript, without those
-// that a host adds. JS_NewContext() would add the clock `performance`, `atob`, `btoa` and
+// Makes a context with the globals that a PAC script has in a browser: only the globals of the
+// JavaScript language. JS_NewContext() would add the clock `performance`, `atob`, `btoa` and
 // `DOMException`. Modules, timers and files are in another library of the engine, which is not
 // linked.
 EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
@@ -120,7 +121,8 @@ EngineRuntime::OwnedContext EngineRuntime::languageContext(JSRuntime* runtime) {
   // them.
   for (const char* const name : {"queueMicrotask", "InternalError"})
     if (!remove(JS_NewAtom(context.get(), name))) return nullptr;
-  // The engine names the global object "global"; in a browser's script it is "[object Object]".
+  // In the engine, the text of the global object is "[object global]". In a PAC script in a
+  // browser, it is "[object Object]".
   const Value symbol(context.get(), JS_GetPropertyStr(context.get(), global.get(), "Symbol"));
   const Value tag(context.get(), JS_GetPropertyStr(context.get(), symbol.get(), "toStringTag"));
   if (!remove(JS_ValueToAtom(context.get(), tag.get()))) return nullptr;

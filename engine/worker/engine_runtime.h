@@ -1,7 +1,7 @@
 // The engine's runtime with its one context, and the limits of the script in it: heap, stack, time.
 //
 // Types of the engine occur in this header, script_helpers.h and script_error.h. Only the sources
-// of these headers and script_engine.cpp use them.
+// of these headers and script_engine.cpp use these types.
 #pragma once
 
 #include <quickjs.h>
@@ -130,7 +130,7 @@ class EngineRuntime {
 
   PacEnvironment& mEnvironment;
   const ScriptLimits mLimits;
-  std::size_t mBytes = 0;  ///< handed out to the engine, the allocator's overhead included
+  std::size_t mBytes = 0;  ///< allocated for the engine, with the allocator's overhead
   bool mMemoryRefused = false;
   std::size_t mReserve = 0;  ///< bytes past the heap limit, only for small blocks
   bool mTimeIsUp = false;

@@ -10,7 +10,7 @@ namespace pac_worker {
 
 /// Ends the process if a load or an evaluation continues after the library has ended. Some scripts
 /// never reach a point at which the engine reads the clock. Normally the library kills the worker
-/// of such a script. It cannot do this if its own process has ended.
+/// of such a script. The library cannot do this if its own process has ended.
 class EvaluationAlarm {
  public:
   explicit EvaluationAlarm(std::chrono::milliseconds limit) { arm(limit + kAfterTheLibrary); }

@@ -2,8 +2,8 @@
 //
 // Scripts rely on the published helpers with all their oddities: what an object's toString() returns,
 // which argument is read first, what a fourth argument does. In this file, JavaScript itself does
-// every conversion. script_helpers.cpp itself handles the simple cases of the most used helpers,
-// and calls these functions for all other cases.
+// every conversion. script_helpers.cpp handles the simple cases of the most used helpers in C++, and
+// calls these functions for all other cases.
 //
 // If this file uses the name of another helper, the name means the script's global. So if a script
 // defines its own dnsResolve, wdays or Date, the helpers use that definition.
@@ -162,8 +162,8 @@
       return moment.getTimezoneOffset() * minute;
     };
     const shown = new moment.constructor(moment - moment.getTimezoneOffset() * minute);
-    // The result of the setter is used, because the engine leaves a date unchanged that should become
-    // invalid.
+    // The setter's result is used instead of the date: if the date should become invalid, the engine
+    // does not change it.
     const wall = shown['setUTC' + part](value);
     const before = offsetAt(wall - day);
     const after = offsetAt(wall + day);

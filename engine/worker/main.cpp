@@ -1,8 +1,8 @@
 // proxymanager-pac-worker: runs one PAC script for the library that started it.
 //
 // It has one thread and two descriptors: its end of a socket pair, and the script in a sealed
-// memory file. The program maps the file and closes its descriptor. Then it raises the walls. After
-// that, it reads the first byte of the script. Then the program answers questions until the other
+// memory file. The program maps the file and closes its descriptor. Then it enters the sandbox.
+// Only in the sandbox does it read the script. Then the program answers questions until the other
 // end of its socket is closed.
 #include "engine/wire/channel.h"
 #include "engine/wire/descriptors.h"

@@ -38,7 +38,7 @@ class PacEnvironment {
   /// no value if the script sees the clock's time.
   virtual std::optional<std::int64_t> stoppedClock() = 0;
 
-  /// Gets the text of alert(). It may have any length and any bytes.
+  /// Gets the text of alert(). The text may have any length and any bytes.
   virtual void alert(std::string_view text) = 0;
 };
 

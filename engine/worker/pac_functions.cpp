@@ -23,8 +23,8 @@ std::string joined(const std::vector<Text>& texts) {
   return list;
 }
 
-// A text of digits and dots that is not an address has, for example, a field that is too large. It
-// is not a name either, so no name server may be asked for it.
+// A text of digits and dots may be no address, for example if a field is too large. Such a text is
+// not a name either, so no name server may be asked for it.
 bool isDigitsAndDots(std::string_view text) {
   return text.find_first_not_of("0123456789.") == text.npos;
 }

@@ -26,7 +26,7 @@ inline constexpr std::string_view kLoopbackAddress = "127.0.0.1";
 /// international name has at most four bytes of UTF-8 for each byte of its ASCII form.
 inline constexpr std::size_t kLongestName = 1024;
 
-/// Longest list in bytes that is sorted. Sorting needs memory outside the engine's heap: 9 MiB for
+/// Longest list that is sorted, in bytes. Sorting needs memory outside the engine's heap: 9 MiB for
 /// a list of this length with the shortest addresses. A list of this length has about 6,500 IPv6
 /// addresses.
 inline constexpr std::size_t kLongestSortedList = 256U << 10U;
@@ -48,8 +48,9 @@ std::size_t dnsDomainLevels(std::string_view host);
 /// literal has no IPv4 address.
 std::optional<std::string> dnsResolve(PacEnvironment& environment, std::string_view host);
 
-/// The IPv4 address with which the device reaches the outside. If there is none, the first usable
-/// address of either family. If there is none either, kLoopbackAddress.
+/// The IPv4 address with which the device reaches the outside. If there is none, the result is the
+/// first usable address of either family. If the device has no usable address, the result is
+/// kLoopbackAddress.
 std::string myIpAddress(PacEnvironment& environment);
 
 /// All addresses of `host`, separated by ";". A literal is returned in its usual form. The result
@@ -61,9 +62,9 @@ std::string dnsResolveEx(PacEnvironment& environment, std::string_view host);
 std::string myIpAddressEx(PacEnvironment& environment);
 
 /// The literals of a ";"-separated list: first IPv6, then IPv4, each family in ascending order.
-/// Equal addresses keep their order, and all addresses keep their spelling. Blanks and tabs around
-/// entries and empty entries are dropped. Nothing if an entry is not a literal, if there is no
-/// entry, or if the list is longer than kLongestSortedList.
+/// Equal addresses keep their order, and all addresses keep their spelling. Empty entries are
+/// dropped, and so are blanks and tabs around entries. Nothing if an entry is not a literal, if
+/// there is no entry, or if the list is longer than kLongestSortedList.
 std::optional<std::string> sortIpAddressList(std::string list);
 
 }  // namespace pac_worker

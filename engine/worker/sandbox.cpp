@@ -46,7 +46,7 @@ using sandbox::equals;
 using sandbox::kInt;
 using sandbox::masked;
 
-/// The condition: argument number `argument`, an int, is `value`.
+/// The condition that argument number `argument`, an int, is `value`.
 scmp_arg_cmp isInt(unsigned argument, int value) {
   return masked(argument, kInt, static_cast<std::uint32_t>(value));
 }
@@ -57,7 +57,7 @@ void allowMessages(sandbox::SystemCalls& list, int socket) {
   const auto noAddress = equals(4, 0);
   const auto noFlags = isInt(3, 0);
   const auto noSignal = isInt(3, MSG_NOSIGNAL);
-  // 32-bit machines use recv and send instead.
+  // On 32-bit machines, the C library uses the system calls recv and send instead.
   list.allow(SCMP_SYS(recvfrom), {theSocket, noFlags, noAddress})
       .allow(SCMP_SYS(sendto), {theSocket, noSignal, noAddress})
       .allow(SCMP_SYS(recv), {theSocket, noFlags})
@@ -67,7 +67,7 @@ void allowMessages(sandbox::SystemCalls& list, int socket) {
 }
 
 /// Allows private memory without a file, never executable memory. The C library's allocator needs
-/// it. If the allocator had several arenas, it would need more system calls, but it has several
+/// it. If the allocator had several arenas, it would need more system calls. It has several arenas
 /// only in programs with threads.
 void allowMemory(sandbox::SystemCalls& list) {
   constexpr int kReadWrite = PROT_READ | PROT_WRITE;
@@ -101,8 +101,7 @@ Failure allowOnlyWhatAnEngineNeeds(int socket) {
   allowClocks(list);
   // The alarm that ends a script if nothing else can end it (evaluation_alarm.h).
   list.allow(SCMP_SYS(setitimer), {isInt(0, ITIMER_REAL), equals(2, 0)});
-  // The C++ runtime needs these calls for an exception: pthread_once wakes a thread that may wait
-  // for it.
+  // For an exception, the C++ runtime calls pthread_once, which wakes threads that may wait.
   list.allow(SCMP_SYS(futex), {masked(1, kFutexCommand, FUTEX_WAKE)});
   list.allow(SCMP_SYS(restart_syscall)).allow(SCMP_SYS(exit_group));
   return list.load();
@@ -120,7 +119,7 @@ Failure allowOnlyWhatAnEngineNeeds(int) {
 
 void loadZone() {
   // If TZ has the form ":FILE", the C library does not check the zone's file again at each
-  // conversion. This check would need the system call stat, which the walls forbid.
+  // conversion. This check would need the system call stat, which the sandbox forbids.
   setenv("TZ", ":/etc/localtime", 0);
   tzset();
 }
@@ -129,7 +128,7 @@ Failure enterSandbox(int socket, const MemoryWalls& memory) {
   sandbox::volunteerForOutOfMemory();
   if (auto failure = sandbox::setStackLimit(memory.stackBytes)) return failure;
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::leave)) return failure;
-  // A change of the user would clear this setting.
+  // This setting comes after the change of the user, which would clear it.
   if (std::getenv(pac_engine::kEndVariable) != nullptr) prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
   if (auto failure = limitResources(memory)) return failure;
   return allowOnlyWhatAnEngineNeeds(socket);

@@ -1,14 +1,14 @@
-// The walls of the script worker and of the workbench. sandbox/walls.h has the functions that all
-// child processes use. The list of system calls is in sandbox.cpp. The process raises the walls
+// The sandbox of the script worker and of the workbench. sandbox/walls.h has the functions that all
+// child processes use. The list of system calls is in sandbox.cpp. The process enters the sandbox
 // before it reads the first byte of a script.
 //
-// If a script takes control of the engine, these walls still hold. The process has no capability
-// and gets no new privileges. Its user is nobody if root started the worker. Its network namespace
-// is empty if the kernel allows one. Its memory is limited. It can make no new file, process or
-// core dump, and no debugger may attach. A list allows only the few system calls that a running
-// engine needs. Any other call kills the process. The list is the most important wall. The other
-// walls are a second line of defence. If memory runs out, the kernel kills the worker first, before
-// the program that started it.
+// The sandbox is effective even if a script takes control of the engine. The process has no
+// capability and gets no new privileges. Its user is nobody if root started the worker. Its network
+// namespace is empty if the kernel allows one. Its memory is limited. It can make no new file,
+// process or core dump, and no debugger may attach. A list allows only the few system calls that a
+// running engine needs. Any other call kills the process. This list is the most important
+// protection. The other restrictions are a second line of defence. If memory runs out, the kernel
+// kills the worker first, before the program that started it.
 #pragma once
 
 #include <optional>
@@ -21,7 +21,7 @@ namespace pac_worker {
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine may use 512 KiB of it
 
-/// The memory limits of a worker. A program whose engine has other limits passes its own.
+/// The memory limits of a worker. A program whose engine has other limits passes its own values.
 struct MemoryWalls {
   unsigned long addressSpaceBytes = kAddressSpaceBytes;
   unsigned long stackBytes = kStackBytes;
@@ -31,9 +31,9 @@ struct MemoryWalls {
 /// cannot be read later.
 void loadZone();
 
-/// Raises all walls around this process, which has one thread. After that, the process can read and
+/// Puts this process, which has one thread, into the sandbox. After that, the process can read and
 /// write the socket `socket`, allocate and free memory, read the clock, and end.
-/// @return nothing, or the wall that could not be raised and the reason; the process must then end
+/// @return nothing, or the step that failed and the reason; the process must then end
 std::optional<std::string> enterSandbox(int socket, const MemoryWalls& memory = {});
 
 }  // namespace pac_worker

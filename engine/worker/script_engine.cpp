@@ -1,12 +1,12 @@
 // Each script has its own runtime. A script that fills or misuses its runtime harms only its own
-// state. If a script has passed the heap limit and still holds most of the heap, the next
+// state. If a script has passed the heap limit and still uses more than half of the heap, the next
 // evaluation first loads the script again into a new runtime.
 //
 // Some scripts can be stopped only from outside: the library kills the worker. The engine does not
-// read the clock while one built-in function runs. This function may process an object that only
-// claims a giant length (indexOf or join of {length: 2 ** 50}), or search a giant string
-// repeatedly. In addition, an async function or the executor of a promise turns the interrupt into
-// a rejection, so a loop around it continues.
+// read the clock while a built-in function runs. Such a function may run very long: it may process
+// an object that only claims a giant length (indexOf or join of {length: 2 ** 50}), or search a
+// giant string repeatedly. In addition, an async function or the executor of a promise turns the
+// interrupt into a rejection, so a loop around it continues.
 #include "engine/worker/script_engine.h"
 
 #include <algorithm>
@@ -37,7 +37,7 @@ struct ScriptEngine::Impl {
   Preparation* const preparation;
   std::string script;                      ///< decoded; kept to be loaded again
   std::unique_ptr<EngineRuntime> runtime;  ///< null if no script is loaded
-  bool worn = false;                       ///< the script uses most of the heap
+  bool worn = false;                       ///< the script passed the heap limit, and uses over half of the heap
 
   std::optional<Problem> start();
   /// @param begun whether the limits of this evaluation already count, because the script was just

@@ -2,8 +2,8 @@
 //
 // This header hides the engine's own types. A ScriptEngine holds one runtime and one fresh context;
 // the script runs once, at load, and its globals remain between evaluations. There is one
-// exception: a script has passed the heap limit and still holds more than half of the heap. Then
-// the next evaluation first loads the script again, within the time limit of that evaluation. Two
+// exception: if a script has passed the heap limit and still uses more than half of the heap, the
+// next evaluation first loads it again. The load is part of that evaluation's time limit. Two
 // threads must not use an engine at the same time, but each call may come from a different thread.
 // No function throws.
 //

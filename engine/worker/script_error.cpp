@@ -12,8 +12,8 @@ namespace {
 // Longest chain of prototypes that is searched for an error's name.
 constexpr int kMostPrototypes = 8;
 
-// An exception during the description of another one is dropped. Only exhausted memory can cause
-// it.
+// Drops an exception that occurs during the description of another exception. Only exhausted memory
+// can cause it.
 void dropException(JSContext* context) {
   JS_FreeValue(context, JS_GetException(context));
 }

@@ -1,8 +1,8 @@
 // The helpers of PAC scripts as functions of the global object: the thin layer between the engine's
 // values and pac_functions.h, shell_expression.h and helpers.js.
 //
-// These functions answer arguments that are plain texts. Other arguments go to helpers.js, in which
-// the JavaScript language itself does each conversion.
+// These functions handle calls whose arguments are plain texts. All other calls go to helpers.js,
+// in which the JavaScript language itself does each conversion.
 #pragma once
 
 #include "engine/worker/engine_runtime.h"
