@@ -105,7 +105,7 @@ class Instrumenter {
     let directives = true;
     for (const statement of list) {
       directives = directives && statement.directive !== undefined;
-      // A function declaration is in force even if it stands after a return.
+      // A function declaration has its effect even after a return.
       const isAlive = dead === context.dead || statement.type === 'FunctionDeclaration';
       this.statement(statement, isAlive ? context : { ...context, dead }, !directives);
       dead = dead || endsHere(statement);
@@ -119,7 +119,7 @@ class Instrumenter {
       this.insert(node.start, `${this.name}(${this.place('s', node, context, false)});`);
     }
     this.visit(node, context);
-    // Without the ";", "let" and a line end before the hook would begin a declaration.
+    // Without the ";", the engine would read "let", a line end and the hook as one declaration.
     if (node.expression?.name === 'let' && node.type === 'ExpressionStatement') this.insert(node.end, ';');
   }
 
@@ -319,7 +319,7 @@ function nameFunction(value, target, isMember = false) {
 }
 
 // The name of a called expression: "name", or ".name" for a method. Null for other expressions.
-// "this" may be the global object.
+// For `this.name`, the result is "name", because "this" may be the global object.
 function calleeOf(node) {
   if (node.type === 'Identifier') return node.name;
   if (node.type !== 'MemberExpression' || node.computed || node.property.type !== 'Identifier') return null;

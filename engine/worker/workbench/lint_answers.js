@@ -6,8 +6,8 @@ const knownKeywords = new Set([
   'DIRECT', 'PROXY', 'HTTP', 'HTTPS', 'SOCKS', 'SOCKS4', 'SOCKS5', 'QUIC',
 ]);
 
-// Characters that "host:port" never has. They usually separate it from a path or from the next
-// entry.
+// Characters that "host:port" never has. They usually separate "host:port" from a path or from the
+// next entry.
 const notInAddress = /[/,\s]/;
 
 const answerRules = {

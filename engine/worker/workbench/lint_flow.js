@@ -76,7 +76,8 @@ function findJumps(root) {
     if (/(Statement|Clause|Case)$/.test(node?.type)) for (const jump of jumpsOutOf(node)) found.add(jump);
   };
   let rest = root;
-  for (; rest?.type === 'IfStatement'; rest = rest.alternate) addFrom(rest.consequent); // a loop: a chain may be long
+  // This is a loop, because a chain of `else if` may be long.
+  for (; rest?.type === 'IfStatement'; rest = rest.alternate) addFrom(rest.consequent);
   if (rest !== root) addFrom(rest);
   else for (const child of root[childrenKey]) addFrom(child);
   const isLoop = /^(For|While|DoWhile)/.test(root.type);

@@ -134,8 +134,9 @@ const monthDays = {
   DEC: 31,
 };
 
-// Finds a month that is shorter than the day that dateRange sets before it. dateRange starts from 31
-// December and sets one part after the other to `parts`, the second half of its arguments.
+// Finds a month that does not have the day that dateRange sets before the month. dateRange starts
+// from 31 December, and sets one part after the other from `parts`, the second half of its
+// arguments.
 // @return { month, day }, or null
 function monthOverflow(parts) {
   let day = 31;
@@ -151,9 +152,9 @@ function isDay(part) {
   return typeof part === 'number' && part < 32;
 }
 
-// The text of dateRange calls for the same range of dates, which end on the last day of `month`.
-// The last day of February is not the same in each year: if a year has no 29 February, dateRange
-// uses 1 March.
+// The text of dateRange calls for the intended range of dates, which ends on the last day of
+// `month`. The last day of February is not the same in each year: if a year has no 29 February,
+// dateRange uses 1 March.
 function rangeInMonth(first, last, month, zone) {
   const call = (...parts) => `dateRange(${[...parts, ...zone].map((part) => JSON.stringify(part)).join(', ')})`;
   const day = first.find(isDay);

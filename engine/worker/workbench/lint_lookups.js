@@ -52,8 +52,8 @@ class Lookups {
     }
   }
 
-  // What a helper call looks up: a name, 'host', or the source of the argument. Null if it looks up
-  // nothing.
+  // The lookup of a helper call: a name, 'host', or the source of the argument. Null if the call
+  // looks up nothing.
   nameOf(call) {
     if (!this.named.has(call)) this.named.set(call, this.findName(call));
     return this.named.get(call);
@@ -188,7 +188,8 @@ class Lookups {
 
 // --- The cost of the longest path ---
 
-// The helper calls and the lookups on a path. Each number is an upper limit.
+// The helper calls and the lookups on a path. Each number is an upper limit, except for recursive
+// functions and for loops with an unknown number of rounds.
 class Cost {
   constructor(calls = 0, names = new Set()) {
     this.calls = calls;
@@ -266,7 +267,8 @@ class WorstCase {
     return new Cost(1, new Set(names));
   }
 
-  // A name that is an element of a list stands for all elements.
+  // The names that the call may look up. If the argument is an element of a list, these are all
+  // names of the list.
   namesOf(call) {
     const texts = this.tree.textsOf(call.arguments[0]).map(({ text }) => text);
     const known = texts.filter((text) => text !== null && !text.includes(unknownText) && !quad.test(text));

@@ -151,8 +151,8 @@ function patternTest(lint, node) {
   return tests?.length === 1 && tests[0].pattern !== null ? tests[0] : null;
 }
 
-// Whether the same source text always has the same result: a helper call or a comparison that uses
-// only the host, the URL and literals.
+// Whether equal source texts always have equal results: the node is a helper call or a comparison
+// that uses only the host, the URL and literals.
 function isSteady(lint, node) {
   if (node.end - node.start > 2000) return false;
   return !hasNode(node, (inner) => {

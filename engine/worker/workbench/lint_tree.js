@@ -309,7 +309,7 @@ class LintTree {
   }
 }
 
-// A declared name, or a name that an assignment without a declaration creates.
+// A declared variable, or a global that an assignment without a declaration creates.
 function isVariable(name) {
   return name?.kind === 'variable' || name?.kind === 'implicit';
 }

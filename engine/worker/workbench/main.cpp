@@ -2,7 +2,7 @@
 // proxymanagerctl.
 //
 // Like proxymanager-pac-worker, it has one thread, one end of a socket pair and the script in a
-// memory file. It raises the same walls before it reads the first byte of the script. It has two
+// memory file. It enters the same sandbox before it reads the first byte of the script. It has two
 // roles. Its environment selects the role at the start, and no message can change the role. A
 // parser never runs the script, and has more memory and time than a script may have. A tracer runs
 // the script with the limits of every script. The daemon never starts this program.

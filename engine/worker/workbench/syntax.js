@@ -1,4 +1,4 @@
-// What all commands of the workbench share: the script with its lines and its syntax tree.
+// The part that all commands of the workbench share: the script with its lines and its syntax tree.
 //
 // The file of a command adds functions to `commands`. Each function gets the Script and the
 // argument, an object, and returns an object. The library receives this object as JSON. The scripts

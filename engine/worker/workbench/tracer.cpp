@@ -13,8 +13,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// Longest text whose content the report shows, in characters. Of a longer text, it shows only the
-/// length, because reading the text would copy it in memory.
+/// Longest text whose content the report shows, in characters. For a longer text, the report shows
+/// only the length, because reading the text would copy it in memory.
 constexpr std::int64_t kMaxLaidOut = 64 << 10;
 constexpr std::size_t kMaxHookName = 32;
 
@@ -40,8 +40,9 @@ constexpr const char* kHelpers[] = {"alert",
                                     "timeRange",
                                     "isResolvableEx"};
 
-/// The name in the first comment, "/*$pmDIGITS*/"; empty for any other start. The command "bench"
-/// traces a script that is not instrumented. Such a script may start with any comment.
+/// The name in the first comment, "/*$pmDIGITS*/"; empty if the script has another start. The
+/// command "bench" traces a script that is not instrumented. Such a script may start with any
+/// comment.
 std::string hookName(std::string_view script) {
   constexpr std::string_view kOpen = "/*";
   constexpr std::string_view kName = "$pm";

@@ -37,13 +37,14 @@ class Tracer : public Extension, private PacEnvironment {
 
   bool prepare(EngineRuntime& runtime) override;
   PacEnvironment& around(PacEnvironment& device) override;
-  /// The command "trace" returns JSON: what was recorded since the last report. "helpers" in it has
-  /// the number of helper calls, and the nanoseconds that the script waited for them. "counts" is
-  /// one list of numbers, four for each place that was reached: the place, and how often it was
+  /// The command "trace" returns JSON: what was recorded since the last report. "helpers" is the
+  /// number of helper calls, and the nanoseconds that the script waited for them. "counts" is one
+  /// list with four numbers for each place that was reached: the place, and how often it was
   /// reached, true and false. The argument selects what is recorded from now on:
   /// - "returns": the values of returns as events, and no counts of places
   /// - "counts": the values of returns as events, and the counts
-  /// - any other: all events, and the counts. In a script of 500 KB, this takes ten times as long.
+  /// - any other: all events, and the counts. In a script of 500 KB, an evaluation with all events
+  /// takes ten times as long.
   Reply report(std::string_view command, std::string_view argument) override;
 
   /// The functions of the tracer that the engine calls.
@@ -81,7 +82,7 @@ class Tracer : public Extension, private PacEnvironment {
 
   const std::string mHook;  ///< the hook's name
   PacEnvironment* mDevice = nullptr;
-  std::vector<Counts> mCounts;     ///< one for each place, up to the last reached place
+  std::vector<Counts> mCounts;     ///< one for each place, up to the highest number that was reached
   std::string mEvents;             ///< JSON, a comma after each event
   std::uint64_t mHelperCalls = 0;  ///< only calls by the script, not by other helpers
   std::chrono::nanoseconds mHelperTime{0};
