@@ -183,7 +183,7 @@ std::string setKey(Configuration& configuration, std::string_view key, const tom
   return setter->second(configuration, value);
 }
 
-/// The name of a key for a message. A key in quotes may contain any text, so a message only shows a
+/// The name of a key for a message. A key in quotes may contain any text, so a message shows only a
 /// plain key.
 std::string shownKey(std::string_view key) {
   return isWord(key) && key.size() <= 64 ? std::string(key) : std::string("this key");

@@ -39,7 +39,7 @@ struct PortRange {
   bool operator==(const PortRange&) const = default;
 };
 
-/// An IP network. IPv4 networks are kept as ::ffff:a.b.c.d/96+n.
+/// An IP network. The IPv4 network a.b.c.d/n is stored as ::ffff:a.b.c.d with the prefix 96+n.
 struct Network {
   unsigned char address[16] = {};
   unsigned prefix = 0;  ///< in bits, 0 to 128
@@ -65,7 +65,7 @@ struct Configuration {
   /// `credentials-file = "/path"`: a file with a user and a password for each proxy. Empty: none.
   std::string credentialsFile;
   /// `credentials-hosts = ["proxy.example.org"]`: proxies that get their credentials from the
-  /// credentials file even if a script names these proxies. A name without a port stands for each
+  /// credentials file even if a script names these proxies. A name without a port matches every
   /// port. The manual proxy always gets its credentials.
   std::vector<std::string> credentialsHosts;
   /// `max-connections = 4096`: maximum for all clients together.

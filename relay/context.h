@@ -21,8 +21,9 @@ namespace relay {
 /// clears it.
 inline constexpr std::size_t kMaxChallenges = 64;
 
-/// The last challenge of a proxy. With it, the next request to this proxy can send the password at
-/// once. If the challenge has no scheme, the proxy has accepted a request without a password.
+/// The last challenge of a proxy. With this challenge, the next request to the proxy can send the
+/// password at once. If the challenge has no scheme, the proxy has accepted a request without a
+/// password.
 struct KnownChallenge {
   Challenge challenge;
   std::string clientNonce;

@@ -1,5 +1,5 @@
-// The status line that the daemon sends to systemd. The relay's pages use it: it has the time of
-// the last configuration and the source of the script. Every user may read this line.
+// The status line that the daemon sends to systemd. The relay's pages show the age and the source
+// of the script from this line. Every user may read this line.
 //
 // The bus library waits without a limit while it connects, so a separate thread asks systemd. Only
 // one thread asks at a time. If another page needs the report meanwhile, it uses the result of the
@@ -34,7 +34,7 @@ class DaemonReport {
   };
   void start();
 
-  asio::io_context& mLoop;  ///< lives as long as the process: the thread may end at any time
+  asio::io_context& mLoop;  ///< never destroyed, because the thread may end at any time
   std::shared_ptr<Question> mAsked;
 };
 

@@ -187,7 +187,8 @@ Task<void> Session::sendBody(const RequestHead& request) {
     }
     keepAlive();
     if (out.empty()) continue;
-    // Without mServer, the answer is complete already: the server sent it before the body began.
+    // If mServer is empty, the answer is already complete: the server sent it before this body
+    // began.
     if (!mServer) co_return;
     mIsBodyStarted = true;
     // If this write fails, the server can still answer: see below.
@@ -195,14 +196,15 @@ Task<void> Session::sendBody(const RequestHead& request) {
   }
   mIsBodySent = isSent && body.isComplete();
   std::string().swap(out);
-  // If the write has failed, the connection has ended. answer() then reads what the server sent
-  // before the end, and its result cancels this wait.
+  // If the write has failed, the connection has ended. answer() then reads the bytes that the
+  // server sent before the end. The result of answer() cancels this wait.
   Event never(mContext.loop);
   co_await never.wait(kForever);
 }
 
-/// The result if there is no response head that the relay can forward. A proxy may pass on what a
-/// server sends. So the failure counts as a failure of the proxy only if the answer is not HTTP.
+/// The result if there is no response head that the relay can forward. A proxy may forward a wrong
+/// answer of a server. So the failure counts as a failure of the proxy only if the answer is not
+/// HTTP.
 Session::Exchange Session::withoutAnswer() const {
   return mIsAnswerHttp ? Exchange::kRefusedAnswer : Exchange::kNoAnswer;
 }
@@ -294,7 +296,7 @@ Session::Exchange Session::challenged(const ResponseHead& response, const Route&
   return Exchange::kAuthentication;
 }
 
-/// Stores for all later requests what the proxy of mServer requires: a password with the nonce of
+/// Stores the requirement of mServer's proxy for all later requests: a password with the nonce of
 /// mFresh, or no password.
 void Session::shareChallenge() {
   if (!mFresh && !mContinue) return;

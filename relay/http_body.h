@@ -35,8 +35,8 @@ class BodyReader {
   void streamEnded();
 
   bool isComplete() const { return mState == State::kEnd; }
-  /// If the body is broken: one line for people; take() then reads nothing more. Else an empty
-  /// text.
+  /// One line for people if the body is broken; else an empty text. If the body is broken, take()
+  /// reads nothing more.
   const char* problem() const { return mProblem; }
 
  private:

@@ -86,8 +86,8 @@ Options parse(int argc, char** argv, bool& checks) {
   return options;
 }
 
-/// Blocks the signals that end the relay. If one arrives during the start, run() handles it, and
-/// the relay ends with status 0.
+/// Blocks the signals that end the relay. If such a signal arrives during the start, run() handles
+/// it, and the relay ends with status 0.
 void holdEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);

@@ -64,7 +64,7 @@ class Names {
   void start(const LookupPtr& lookup);
   void end(const LookupPtr& lookup, Addresses addresses);
 
-  asio::io_context& mLoop;  ///< lives as long as the process: a thread may end at any time
+  asio::io_context& mLoop;  ///< never destroyed, because a thread may end at any time
   std::map<std::string, LookupPtr, std::less<>> mLookups;
   std::map<uid_t, OfUser> mOfUsers;
   uid_t mLastUser = 0;

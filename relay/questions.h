@@ -4,8 +4,8 @@
 // wait in a queue. The relay sends at most kMaxAsked of them to the daemon at a time, and sends
 // equal questions once. Each user has a queue, and the users take turns (round robin). So one user
 // with a thousand connections cannot use all the questions that the daemon accepts from the relay.
-// If two users ask the same question, it stands in the queues of both, and the relay sends it at
-// the first turn of either user.
+// If two users ask the same question, it is in both queues. The relay sends it at the first turn of
+// either user.
 #pragma once
 
 #include <proxymanager/client.h>

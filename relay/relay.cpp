@@ -158,7 +158,8 @@ int run(const Configured& configured, std::vector<base::UniqueFd> listeners) {
   loop.run();
   sd_notify(0, "STOPPING=1");
   // Lookups may still run on their threads, so the objects that they use must not be destroyed. A
-  // leak checker could not check this process: it runs as nobody and is not dumpable.
+  // leak checker could not check this process anyway, because the process runs as nobody and is not
+  // dumpable.
   _exit(0);
 }
 

@@ -72,10 +72,10 @@ Task<Refusal> Route::begin(const std::string& url) {
   co_return refusal(0, {});
 }
 
-/// Whether the destination is an address of this device or link, or a name of such an address.
-/// begin() checks this for clients on other machines. A proxy on this device would connect to the
-/// address, too, so the name is looked up for each kind of entry. A name that only a proxy can look
-/// up is accepted.
+/// Whether the destination is an address of this device or of its link, or a name of such an
+/// address. begin() checks this for clients on other machines. A proxy on this device could also
+/// connect to such an address. So the name is looked up even if the entry is a proxy. A name that
+/// only a proxy can look up is accepted.
 Task<bool> Route::leadsToThisDevice() {
   if (isLocalName(mDestination.host)) co_return true;
   std::string host = mDestination.host;

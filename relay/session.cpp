@@ -41,8 +41,8 @@ bool Session::isClientGone() {
   return (state.revents & (POLLHUP | POLLERR)) != 0 || !mContext.peers.of(fd).isKnown();
 }
 
-/// Closes the session's connections after the time limit, or if the client is gone. The coroutine
-/// waits for the sockets of these connections, so it then ends.
+/// Closes the session's connections after the time limit, or if the client is gone. The session's
+/// coroutine waits for the sockets of these connections, so the coroutine then ends.
 void Session::expire() {
   const auto now = Clock::now();
   if (mIsServing && now < mEnd && !isClientGone()) {

@@ -32,7 +32,7 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
  public:
   Session(Context& context, Stream client, const Peer& peer, bool isRefused, Slot slot);
 
-  /// Starts the session. The coroutine keeps it alive until its end.
+  /// Starts the session. The session's coroutine keeps the session alive until the coroutine ends.
   void start();
 
   void expire() override;

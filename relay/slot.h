@@ -6,7 +6,7 @@
 
 namespace relay {
 
-/// Calls the function `atEnd` when it is destroyed.
+/// Calls the function `atEnd` when the slot is destroyed.
 class Slot {
  public:
   Slot() = default;

@@ -19,11 +19,11 @@ inline constexpr std::size_t kMaxSocksRequest = 8 + kMaxSocksUser + 1 + 255 + 1;
 
 enum class SocksState { kMore, kDone, kRefused };
 
-/// The next step of the handshake, as the functions below find it.
+/// The result of the functions below: the next step of the handshake.
 struct SocksStep {
   SocksState state = SocksState::kMore;
   std::size_t taken = 0;    ///< bytes of the input that were read; 0 if more bytes are needed
-  std::string reply;        ///< to be sent at once; after it, a refused client gets nothing more
+  std::string reply;        ///< to be sent at once; for a refused client, this is the last message
   Destination destination;  ///< set if the handshake is done
 };
 

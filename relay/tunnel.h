@@ -10,7 +10,8 @@
 
 namespace relay {
 
-/// Starts a tunnel. It deletes itself at its end. Without traffic it needs no buffer.
+/// Starts a tunnel. The tunnel deletes itself at its end. While there is no traffic, it needs no
+/// buffer.
 /// @param forServer bytes from the client that were already read
 /// @param forClient bytes from the server that were already read
 /// @param idle longest time without a byte in either direction

@@ -164,8 +164,8 @@ void allowFiles(SystemCalls& list) {
   constexpr std::uint64_t kWrites = O_ACCMODE | O_CREAT | O_TRUNC;
   list.allow(SCMP_SYS(openat), {masked(2, kWrites, O_RDONLY)})
       .allow(SCMP_SYS(open), {masked(1, kWrites, O_RDONLY)});
-  // Some modules of the name service try to open a file for writing. They also work if this fails
-  // with EACCES.
+  // Some modules of the name service try to open a file for writing. These modules also work if the
+  // opening fails with EACCES.
   for (const std::uint64_t mode : {std::uint64_t{O_WRONLY}, std::uint64_t{O_RDWR}}) {
     list.refuse(SCMP_SYS(openat), EACCES, {masked(2, O_ACCMODE, mode)});
   }
@@ -237,7 +237,7 @@ Failure allowOnlyWhatARelayNeeds() {
 
 Failure raiseWalls() {
   if (auto failure = sandbox::giveUpPrivileges(sandbox::Network::keep)) return failure;
-#if !PROXYMANAGER_SANITIZED  // at the end, a sanitizer needs files of the process
+#if !PROXYMANAGER_SANITIZED  // a sanitizer needs files when the process ends
   constexpr sandbox::Limit kLimits[] = {{RLIMIT_CORE, 0, "RLIMIT_CORE"},
                                         {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"}};
   if (auto failure = sandbox::limitResources(kLimits)) return failure;

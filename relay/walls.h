@@ -1,12 +1,12 @@
-// The walls that the relay raises around itself before it accepts the first connection. The relay
-// reads bytes from any program and any server.
+// The sandbox that the relay enters before it accepts the first connection. The relay needs it
+// because it reads bytes from any program and any server.
 #pragma once
 
 #include "sandbox/walls.h"
 
 namespace relay {
 
-/// Raises the walls. If the relay runs as root, it changes to the user nobody. It gives up all
+/// Enters the sandbox. If the relay runs as root, it changes to the user nobody. It gives up all
 /// privileges and capabilities. After that, it can write no file and no core dump, it can start no
 /// program, and no debugger can read its memory. Only system calls on a list are allowed. If the
 /// kernel has Landlock, the relay can read only the files for names, users and certificates. Call
