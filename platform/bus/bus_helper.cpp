@@ -30,9 +30,9 @@ std::unique_ptr<BusLoop> makeLoop() {
 
 using Connected = std::promise<std::unique_ptr<Connection>>;
 
-// The library's handshake has no time limit, so it runs on a separate thread. If the bus is silent,
-// this thread is left running. The objects that it may still use are then never freed; the process
-// ends soon.
+// The library's handshake has no time limit, so it runs on a separate thread. If the bus does not
+// answer, nothing stops this thread, and the objects that it may still use are never freed. The
+// process ends soon after that.
 std::unique_ptr<Connection> connectWithinLimit(std::unique_ptr<BusLoop>& loop) {
   auto connected = std::make_shared<Connected>();
   auto connection = connected->get_future();
@@ -74,9 +74,9 @@ BusHelper::~BusHelper() {
 }
 
 void BusHelper::requestName(const char* name) {
-  // The library's request_name is not used. It hides that the request was only queued. And when the
-  // connection ends, it waits up to 25 s for the release of the name, although closing the socket
-  // releases the name at once.
+  // The library's request_name is not used, for two reasons. It hides that the request was only
+  // queued. It also makes the library wait up to 25 s for the release of the name when the
+  // connection ends, although closing the socket releases the name at once.
   CallMessage call("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
                    "RequestName");
   MessageIter writer = call.writer();

@@ -44,13 +44,13 @@ class BusHelper {
   void requestName(const char* name);
 
   /// Sets `turn`, which the bus thread calls for one piece of work at a time. The bus thread calls
-  /// it when it has handled all input and no output waits. `turn` returns a number of milliseconds:
+  /// `turn` when all input is handled and no output waits. `turn` returns a number of milliseconds:
   /// if nothing arrives from the bus for this time, `turn` is called again. 0 means at once, -1
   /// means never. `turn` throws nothing. Call setTurn() before startDispatching().
   void setTurn(std::function<int()> turn);
 
   /// Starts the bus thread. Requests the name again if stopDispatching() has released it. Throws
-  /// what requestName() throws. Does nothing if the thread already runs.
+  /// the exceptions of requestName(). Does nothing if the thread already runs.
   void startDispatching();
 
   /// Releases the bus name, answers every call that the bus has delivered before the release, runs
@@ -60,11 +60,11 @@ class BusHelper {
   /// thread.
   void stopDispatching();
 
-  /// Runs `function` on the thread that may use the connection. If this is the calling thread, or
-  /// if the connection is not dispatched, the function runs at once. Else `function` runs later on
-  /// the bus thread, in the order of the calls of run(). Any thread. Exceptions of a function are
-  /// logged and swallowed. If kMaxPosted functions already wait, `function` is dropped with one
-  /// LOG_ERR line.
+  /// Runs `function` on the thread that may use the connection. If the calling thread is this
+  /// thread, or if the connection is not dispatched, the function runs at once. Else `function`
+  /// runs later on the bus thread, in the order of the calls of run(). Any thread. Exceptions of a
+  /// function are logged and swallowed. If kMaxPosted functions already wait, `function` is dropped
+  /// with one LOG_ERR line.
   void run(std::function<void()> function);
 
  private:

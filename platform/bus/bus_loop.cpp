@@ -18,10 +18,10 @@ namespace DBus {
 
 namespace {
 
-// When a daemon ends, its last output usually fits in the socket's buffer. It does not fit if the
-// bus hangs, or if the bus gets no CPU time on a busy machine.
+// Time limit for the last output before the loop ends. This output usually fits in the socket's
+// buffer. It does not fit if the bus hangs, or if the bus gets no CPU time on a busy machine.
 constexpr std::chrono::seconds kSendLimit{5};
-// How long the loop answers the calls that arrived before its end. At its limits, the bus holds
+// How long the loop answers the calls that arrived before its end. The limits of the bus allow
 // 25,600 such calls.
 constexpr std::chrono::seconds kAnswerLimit{5};
 constexpr int kAnswerPollMilliseconds = 100;
@@ -110,7 +110,7 @@ bool BusLoop::post(std::function<void()> function) {
     if (mPosted.size() >= mMaxPosted) return false;
     mPosted.push_back(std::move(function));
   } catch (const std::exception&) {
-    return false;  // memory is exhausted; perhaps the calling thread handles no exceptions
+    return false;  // memory is exhausted; the calling thread may handle no exceptions
   }
   kick();
   return true;
@@ -122,7 +122,8 @@ bool BusLoop::runsElsewhere() const {
 }
 
 void BusLoop::enter() {
-  // The first message may arrive before the starting thread has stored this id.
+  // This thread stores its own id, because the first message may arrive before start() could store
+  // it.
   mThreadId = std::this_thread::get_id();
   pthread_name_np(gettid(), "pm-bus");
   End end = End::kLost;
@@ -356,7 +357,7 @@ bool BusLoop::outputWaits() {
 
 void BusLoop::kick() const {
   const std::uint64_t one = 1;
-  // The result does not matter: if the counter is full, it also wakes the loop.
+  // The result does not matter, because a full counter also wakes the loop.
   [[maybe_unused]] const auto written = write(mEventFd.get(), &one, sizeof one);
 }
 

@@ -3,7 +3,7 @@
 // On an ordinary Linux the DHCP client's hook writes the lease into a small text file. Each call
 // reads this file; nothing is kept between calls. If a device has its own network service, it
 // replaces only this function, with -DPROXYMANAGER_DEVICE (docs/integration.md). The layout of the
-// record stays.
+// record stays the same.
 #pragma once
 
 #include <cstddef>

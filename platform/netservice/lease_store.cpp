@@ -27,7 +27,8 @@ constexpr char kLeases[] = "leases";
 // This cannot be the name of an interface, because isInterfaceName() refuses a dot at the
 // beginning.
 constexpr char kNew[] = ".new";
-// The texts of one lease, quoted: 255 bytes of option 252, two names, 1024 bytes of a search list.
+// Enough for the quoted texts of one lease: 255 bytes of option 252, two names, 1024 bytes of a
+// search list.
 constexpr std::size_t kLongestLease = 8 * 1024;
 constexpr std::size_t kLongestTable = 512 * 1024;
 constexpr mode_t kFolderMode = 0755;

@@ -55,8 +55,8 @@ class LeaseStore {
   /// Whether the store has no lease, not even of an interface that no longer exists.
   bool isEmpty() const;
 
-  /// Removes the leases of interfaces that no longer exist and whose DHCP client has not reported
-  /// the end. It never removes the lease of `interface`.
+  /// Removes the leases of interfaces that have vanished without a report from their DHCP client.
+  /// It never removes the lease of `interface`.
   /// @return the remaining leases, in any order; a lease that cannot be read is skipped, with one
   ///         LOG_ERR line
   std::vector<KeptLease> leases(const std::string& interface);

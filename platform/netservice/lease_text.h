@@ -1,8 +1,8 @@
 // Converts a DHCP client's report of its lease to the texts of the two files that the daemon reads.
 //
 // The values may come from any machine that answers DHCP on the network, so this code trusts no
-// value. Of a URL, only the first line is kept, without its control characters, and at most
-// kLongestOption bytes of it. Then it is quoted for shells. A name is kept only if it is valid.
+// value. For a URL, only the first line is kept, without control characters, and cut at
+// kLongestOption bytes. Then the URL is quoted for shells. A name is kept only if it is valid.
 #pragma once
 
 #include <string>

@@ -17,8 +17,8 @@ namespace {
 constexpr std::size_t kLargestText = std::size_t{64} * 1024;
 // O_NONBLOCK: opening a fifo returns at once.
 constexpr int kFlags = O_RDWR | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
-// The length is not limited, because a file that is too long is replaced, too. A second name is
-// refused, because the file could be any file of root.
+// The length is not limited, because a file that is too long is replaced, too. A file with a second
+// name (a hard link) is refused, because it could be any file of root.
 constexpr base::FileDemands kDemands{.mostBytes = SIZE_MAX};
 constexpr mode_t kReadableByAll = 0644;
 

@@ -1,7 +1,7 @@
 #include "platform/process/crash_handler.h"
 
-// Only this process is unwound. This part of the library is cheaper, and a signal handler may use
-// it.
+// The handler unwinds only its own process. The library's functions for this are cheaper, and a
+// signal handler may call them.
 #define UNW_LOCAL_ONLY
 #include <dlfcn.h>
 #include <libunwind.h>
@@ -41,7 +41,7 @@ constexpr unsigned kReportSeconds = 5;
 // How long a line waits if stderr or the log is full.
 constexpr int kWaitMilliseconds = 100;
 
-// Everything that a handler needs. It is prepared before the first signal and only read afterwards.
+// The data that a handler needs. It is written before the first signal, and only read afterwards.
 struct Prepared {
   int logSocket = -1;
   sockaddr_un logAddress{};
@@ -190,7 +190,7 @@ void reportSignal(Report& report, const siginfo_t& info) {
 }
 
 // Sends the signal again, now with its default action. The signal is blocked while the handler
-// runs, so it takes effect when the handler returns. So the core dump shows the place that was
+// runs, and takes effect when the handler returns. So the core dump shows the place that was
 // interrupted.
 void dieBy(siginfo_t& info) {
   std::signal(info.si_signo, SIG_DFL);

@@ -18,10 +18,10 @@ void forbidDumps();
 void keepCapabilitiesFromChildren();
 
 /// Makes the allocator return large blocks to the system when they are freed. By default, the
-/// allocator maps large blocks separately. When it frees the first one, it raises the size above
-/// which it treats a block as large, up to 32 MiB. Later blocks then come from a heap, and freed
-/// blocks stay in this heap. There can be eight heaps per processor. So after two bus messages of
-/// 31 MiB, the process still had 95 MB.
+/// allocator maps large blocks separately. When it frees the first large block, it raises the size
+/// from which a block counts as large, to 32 MiB at most. Later blocks then come from a heap, and
+/// freed blocks stay in this heap. There can be eight heaps per processor. So after two bus
+/// messages of 31 MiB, the process still had 95 MB.
 void returnFreedMemory();
 
 }  // namespace process

@@ -11,7 +11,7 @@
 namespace {
 
 int notify(const std::string& state) {
-  // 0: the environment variables are kept, because every notification needs them.
+  // The argument 0 keeps the environment variables, because every notification needs them.
   const int result = sd_notify(0, state.c_str());
   if (result >= 0) return 0;
   logLine(LOG_ERR, "process: cannot tell the supervisor: %s", std::strerror(-result));

@@ -10,8 +10,8 @@
 #include <chrono>
 #include <string>
 
-/// How often the main loop feeds the watchdog. If WatchdogSec is less than twice this time, the
-/// watchdog would end a healthy daemon, so restart_connect() logs a warning.
+/// Time between two notifications of the watchdog by the main loop. If WatchdogSec is less than
+/// twice this time, the watchdog could end a healthy daemon, so restart_connect() logs a warning.
 inline constexpr std::chrono::seconds kWatchdogFeedInterval{20};
 
 /// Registers with the supervisor: sends READY=1, and a description of the process as STATUS.
@@ -25,7 +25,8 @@ inline constexpr std::chrono::seconds kWatchdogFeedInterval{20};
 /// "process: cannot tell the supervisor: REASON"
 int restart_connect(const char* name);
 
-/// Feeds the supervisor's watchdog, if this process has one (WATCHDOG_USEC, WATCHDOG_PID).
+/// Notifies the supervisor's watchdog, if this process has a watchdog (WATCHDOG_USEC,
+/// WATCHDOG_PID).
 /// Call it every kWatchdogFeedInterval. @return as restart_connect
 int feedWatchdog();
 

@@ -28,8 +28,8 @@ constexpr std::array kKeys{
     Key{"data", &TraceValues::data},
 };
 
-// How much of a bad line the log shows. This is enough to find the line, and does not flood the
-// log.
+// Maximum number of bytes of a bad line that the log shows. They are enough to find the line, and
+// do not flood the log.
 constexpr std::size_t kShownBytes = 64;
 
 std::string_view trimmed(std::string_view text) {
