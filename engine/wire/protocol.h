@@ -30,8 +30,8 @@
 
 namespace pac_engine {
 
-inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;   ///< a URL, with or without its private parts
-inline constexpr std::size_t kMaxHostBytes = 8U << 10U;  ///< a host is part of a URL
+inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;        ///< a URL, and its canonical form
+inline constexpr std::size_t kMaxHostBytes = 8U << 10U;       ///< a host is part of a URL
 inline constexpr std::size_t kMaxResultBytes = 64U << 10U;    ///< text that the entry point returns
 inline constexpr std::size_t kMaxAlertBytes = 2U << 10U;      ///< all alerts of one evaluation
 inline constexpr std::size_t kMaxCommandBytes = 64;           ///< the name of a command

@@ -13,7 +13,7 @@ using pac_engine::FromWorker;
 
 namespace {
 
-/// One evaluation may look up 20 names in two families, so all its answers are kept.
+/// More than an evaluation usually needs: it may look up 20 names, each in two families.
 constexpr std::size_t kMaxRemembered = 64;
 
 }  // namespace

@@ -37,7 +37,7 @@ struct ScriptEngine::Impl {
   Preparation* const preparation;
   std::string script;                      ///< decoded; kept to be loaded again
   std::unique_ptr<EngineRuntime> runtime;  ///< null if no script is loaded
-  bool worn = false;                       ///< the script passed the heap limit, and uses over half of the heap
+  bool worn = false;  ///< the script passed the heap limit, and uses over half of the heap
 
   std::optional<Problem> start();
   /// @param begun whether the limits of this evaluation already count, because the script was just

@@ -82,8 +82,8 @@ class Tracer : public Extension, private PacEnvironment {
 
   const std::string mHook;  ///< the hook's name
   PacEnvironment* mDevice = nullptr;
-  std::vector<Counts> mCounts;     ///< one for each place, up to the highest number that was reached
-  std::string mEvents;             ///< JSON, a comma after each event
+  std::vector<Counts> mCounts;  ///< one for each place, up to the highest number that was reached
+  std::string mEvents;          ///< JSON, a comma after each event
   std::uint64_t mHelperCalls = 0;  ///< only calls by the script, not by other helpers
   std::chrono::nanoseconds mHelperTime{0};
   Detail mDetail;
