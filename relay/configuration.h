@@ -17,8 +17,8 @@
 
 namespace relay {
 
-/// Longest relay.conf or credentials file that the relay reads, in bytes. The commented example has
-/// under 3 KiB.
+/// Longest relay.conf or credentials file that the relay reads, in bytes. The example file with
+/// comments is smaller than 3 KiB.
 inline constexpr std::size_t kMaxFileBytes = 64U << 10U;
 /// Maximum number of values of one list. The relay compares each connection with each value.
 inline constexpr std::size_t kMaxListValues = 256;

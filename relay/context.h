@@ -55,7 +55,7 @@ struct Context {
   UserList withCredentials;
   Decisions decisions;
   Counters counters;
-  std::map<std::string, KnownChallenge> challenges;  ///< by the name of the proxy's entry
+  std::map<std::string, KnownChallenge> challenges;  ///< the key is the name of the proxy's entry
   bool isNoAnswerLogged = false;
 };
 

@@ -26,7 +26,7 @@ struct Entry {
 /// The daemon's answer for one URL.
 struct Answer {
   proxymanager_status status = PROXYMANAGER_NO_DAEMON;
-  std::string mode;            ///< "off", "manual", "pacurl", "wpad", "local"; empty without answer
+  std::string mode;  ///< "off", "manual", "pacurl", "wpad", "local"; empty if there is no answer
   std::vector<Entry> entries;  ///< the usable entries, in the order in which they are tried
 };
 

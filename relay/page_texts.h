@@ -29,7 +29,7 @@ struct Report {
   std::size_t asked = 0;    ///< questions that were sent to the daemon and are not answered
   std::size_t waiting = 0;  ///< questions that wait in the queue
   bool isUserKnown = false;
-  std::vector<Decision> decisions;  ///< of the user; for root, the decisions of all users
+  std::vector<Decision> decisions;  ///< the user's decisions; for root, the decisions of all users
   std::string askedUrl;             ///< the URL that the user asks the page about; empty if none
   std::vector<std::string> way;     ///< the entries for askedUrl, in order, or why there are none
 };

@@ -1,6 +1,6 @@
-// Makes the heads that the relay forwards (RFC 9110, section 7.6): without fields that are only for
-// the relay, with the relay's name in Via, and with only one length of the body. Pure functions,
-// for any thread.
+// Makes the heads that the relay forwards (RFC 9110, section 7.6). Such a head has no fields that
+// are only for the relay. It has the relay's name in Via, and only one length of the body. Pure
+// functions, for any thread.
 #pragma once
 
 #include <string>

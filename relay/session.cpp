@@ -23,7 +23,7 @@ void Session::start() {
   asio::co_spawn(mContext.loop, run(shared_from_this()), asio::detached);
 }
 
-/// Called for each transfer of bytes: the idle time starts again.
+/// Starts the idle time again. Called for each transfer of bytes.
 void Session::keepAlive() {
   const auto now = Clock::now();
   mIsServing = true;

@@ -98,13 +98,14 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
   const Peer mPeer;
   const bool mIsRefused;  ///< allow-users or deny-users refuses the client's user
   Slot mSlot;
-  std::string mIn;                       ///< read from the client, not processed yet
-  std::optional<Upstream> mServer;       ///< the upstream of the last request in absolute form
-  std::string mServerDestination;        ///< the destination for which mServer was opened
-  std::string mServerIn;                 ///< read from mServer, not processed yet
-  std::optional<KnownChallenge> mFresh;  ///< from a 407 to this request, only for its next attempt
-  const char* mAnswerProblem = "";       ///< why the relay did not accept the head of an answer
-  bool mIsAnswerHttp = false;            ///< the refused head began like a head of HTTP/1
+  std::string mIn;                  ///< read from the client, not processed yet
+  std::optional<Upstream> mServer;  ///< the upstream of the last request in absolute form
+  std::string mServerDestination;   ///< the destination for which mServer was opened
+  std::string mServerIn;            ///< read from mServer, not processed yet
+  std::optional<KnownChallenge>
+      mFresh;                       ///< from a 407; only the next attempt of this request uses it
+  const char* mAnswerProblem = "";  ///< why the relay did not accept the head of an answer
+  bool mIsAnswerHttp = false;       ///< the refused head began like a head of HTTP/1
   /// Happens when a 100 arrives. None if the request's body does not wait for a 100.
   std::optional<Event> mContinue;
   bool mIsExpectRefused = false;  ///< the server refused Expect for this request

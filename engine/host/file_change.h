@@ -19,7 +19,7 @@ class FileChange {
 
  private:
   struct Identity {
-    unsigned long long device = 0;  ///< all zero for a file that does not exist
+    unsigned long long device = 0;  ///< all fields are 0 if the file does not exist
     unsigned long long inode = 0;
     long long size = 0;
     long long seconds = 0;

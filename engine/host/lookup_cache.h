@@ -16,7 +16,7 @@
 namespace pac_engine {
 
 inline constexpr std::size_t kLookupCacheNames = 500;
-inline constexpr std::chrono::seconds kLongestKept{60};  ///< even if the name server allows more
+inline constexpr std::chrono::seconds kLongestKept{60};  ///< even if the TTL is longer
 inline constexpr std::chrono::seconds kFailureKept{5};
 
 /// Two threads must not use one object at the same time.
@@ -45,7 +45,7 @@ class LookupCache {
     Clock::time_point until;
   };
   std::map<Key, Entry> mEntries;
-  std::deque<Key> mOrder;  ///< keys of mEntries, first stored first
+  std::deque<Key> mOrder;  ///< the keys of mEntries, the oldest first
 };
 
 }  // namespace pac_engine

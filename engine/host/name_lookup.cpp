@@ -12,7 +12,7 @@ namespace pac_engine {
 
 namespace {
 
-constexpr std::size_t kMaxAsciiName = 254;  // 253 and the dot of the root (RFC 1035)
+constexpr std::size_t kMaxAsciiName = 254;  // 253 characters and the dot of the root (RFC 1035)
 
 using IdnText = std::unique_ptr<char, decltype(&idn2_free)>;
 

@@ -1,5 +1,5 @@
-// Name lookups of scripts, with the limits of the PAC language: 20 names in one evaluation, 2 s for
-// each name, answers kept for 60 s at most.
+// Name lookups of scripts, with the limits of the PAC language. One evaluation looks up 20 names at
+// most. Each lookup takes 2 s at most. Answers are kept for 60 s at most.
 #pragma once
 
 #include <chrono>

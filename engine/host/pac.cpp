@@ -21,7 +21,7 @@ constexpr std::size_t kMaxQueued = 256;
 
 struct Question {
   std::string url;
-  std::optional<std::string> host;  ///< nothing if the caller gave none
+  std::optional<std::string> host;  ///< no value if the caller passed no host
   pac_result found;
   void* context;
 };

@@ -2,10 +2,10 @@
 //
 // One message is one packet of a SOCK_SEQPACKET pair: a byte that names its kind, then its fields
 // in the machine's own byte order. A text follows its 32-bit length. Both ends run on one machine
-// and come from one build, so the protocol has no version. Each end treats the other as hostile: a
-// decoder accepts a message only if every length, every enumerator and the total size are right,
-// and no byte is left over. Both ends also check that each kind of message arrives only when the
-// protocol allows it.
+// and come from one build, so the protocol has no version. Each end treats the other as hostile. A
+// decoder accepts a message only if every length and every enumerator is valid, and the total size
+// is exactly right. Both ends also check that each kind of message arrives only when the protocol
+// allows it.
 //
 //   library                              worker
 //   Start                            ->

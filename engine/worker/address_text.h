@@ -13,9 +13,9 @@ namespace pac_worker {
 /// IPv4-mapped IPv6 (RFC 4291, 2.5.5.2), so that both spellings of one address are equal.
 using Address = std::array<std::uint8_t, 16>;
 
-/// A dotted quad as a number in host byte order. It has four decimal fields of one to three digits,
-/// each from 0 to 255. A field with leading zeros is also decimal. isInNet and masks use addresses
-/// of this form.
+/// A dotted quad as a number in host byte order. The quad has four decimal fields of one to three
+/// digits, each from 0 to 255. A field with leading zeros is also decimal. isInNet and masks use
+/// addresses of this form.
 std::optional<std::uint32_t> parseQuad(std::string_view text);
 
 /// An IPv4 literal in the forms that browsers accept in a URL: one to four fields, which are

@@ -1,9 +1,9 @@
 // The helpers of PAC scripts that are written in JavaScript, for arguments of any kind.
 //
-// Scripts rely on the published helpers with all their oddities: what an object's toString() returns,
-// which argument is read first, what a fourth argument does. In this file, JavaScript itself does
-// every conversion. script_helpers.cpp handles the simple cases of the most used helpers in C++, and
-// calls these functions for all other cases.
+// Scripts rely on all details of the published helpers: the result of an object's toString(), the
+// order in which arguments are read, the effect of a fourth argument. In this file, JavaScript
+// itself does every conversion. script_helpers.cpp handles the simple cases of the most used helpers
+// in C++, and calls these functions for all other cases.
 //
 // If this file uses the name of another helper, the name means the script's global. So if a script
 // defines its own dnsResolve, wdays or Date, the helpers use that definition.

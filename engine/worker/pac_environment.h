@@ -34,8 +34,8 @@ class PacEnvironment {
   /// addresses of the device. Empty if there is none.
   virtual std::vector<std::string> ownAddresses(AddressFamily family) = 0;
 
-  /// The time that the script sees instead of the clock's, in seconds since 1970-01-01T00:00:00Z;
-  /// no value if the script sees the clock's time.
+  /// The time that the script sees instead of the clock's time, in seconds since
+  /// 1970-01-01T00:00:00Z; no value if the script sees the clock's time.
   virtual std::optional<std::int64_t> stoppedClock() = 0;
 
   /// Gets the text of alert(). The text may have any length and any bytes.

@@ -16,8 +16,8 @@
 
 namespace pac_worker {
 
-/// Address space of the worker: 64 MiB for the engine's heap, another 64 MiB for the copy when a
-/// block of the heap grows, and the space for program, script and stack.
+/// Address space of the worker. The engine's heap needs 64 MiB, and the copy when a block of the
+/// heap grows may need another 64 MiB. The rest is for program, script and stack.
 inline constexpr unsigned long kAddressSpaceBytes = 256UL << 20U;
 inline constexpr unsigned long kStackBytes = 8UL << 20U;  ///< the engine may use 512 KiB of it
 

@@ -40,8 +40,8 @@ struct ScriptEngine::Impl {
   bool worn = false;  ///< the script passed the heap limit, and uses over half of the heap
 
   std::optional<Problem> start();
-  /// @param begun whether the limits of this evaluation already count, because the script was just
-  /// loaded again
+  /// @param begun whether runtime->begin() was already called for this evaluation, because the
+  /// script was just loaded again
   Reply call(std::string_view url, std::string_view host, bool begun);
 
  private:

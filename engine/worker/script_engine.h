@@ -26,13 +26,13 @@
 namespace pac_worker {
 
 struct ScriptLimits {
-  std::size_t heapBytes = 64U << 20U;  ///< JavaScript heap; if passed: no answer
+  std::size_t heapBytes = 64U << 20U;  ///< JavaScript heap; a script that passes it has no answer
   std::size_t stackBytes =
-      512U << 10U;  ///< native stack; if passed: an error that the script may catch
+      512U << 10U;  ///< native stack; a script that passes it gets an error, which it may catch
   std::chrono::milliseconds time{5000};  ///< limit for a load or an evaluation; the worker sets the
                                          ///< value from its Start message
-  std::size_t resultBytes = 64U << 10U;  ///< longest result text; if longer: no answer
-  std::size_t alertBytes = 2U << 10U;  ///< logged text of all alerts of one evaluation; more is cut
+  std::size_t resultBytes = 64U << 10U;  ///< longest result text; a longer result is no answer
+  std::size_t alertBytes = 2U << 10U;    ///< logged alert text of one evaluation; the rest is cut
 };
 
 using pac_engine::Problem;

@@ -15,10 +15,10 @@ bool isLineEnd(Unit unit) {
 }
 
 // Each star first matches as few characters as possible. On a mismatch, only the last star found so
-// far is tried with more characters. Longer matches of the stars before it need not be tried: the
-// part between two stars already matches as far left as possible, and the last star can match all
-// characters that such a longer match would skip. Line ends do not change this, because no star can
-// match a line end.
+// far is tried with more characters. Longer matches of earlier stars need not be tried: the part
+// between two stars already matches as far left as possible. The last star can match all characters
+// that such a longer match would skip. Line ends do not change this, because no star can match a
+// line end.
 template <typename Unit>
 bool matches(std::basic_string_view<Unit> text, std::basic_string_view<Unit> expression) {
   constexpr std::size_t kNone = static_cast<std::size_t>(-1);

@@ -1,13 +1,13 @@
 // The only connection of the process to the message bus, and the thread that dispatches it.
 //
-// The bus library is safe only if a single thread uses it: the library's own loop and a sender on
+// The bus library is safe only if a single thread uses it. The library's own loop and a sender on
 // another thread can deadlock, and the library's reference counts are plain integers. So the thread
 // that made the helper uses the connection until startDispatching(). From then until
 // stopDispatching() returns, only the bus thread uses it, and other threads pass their work to the
 // bus thread with run().
 //
 // If the connection to the bus is lost, the process logs one LOG_ERR line and ends with status 1,
-// so that its supervisor starts it again: without a bus, no program could reach the daemon.
+// so that its supervisor starts it again. Without a bus, no program could reach the daemon.
 #pragma once
 
 #include <dbus-c++/dbus.h>

@@ -2,8 +2,8 @@
 //
 // Each hook contains its client's names for the values, and passes the values as arguments. All
 // checks are here, in one place. This is a program and not a shell script, because a shell's
-// redirection follows links and opens fifos, and one of the files is in a folder to which everybody
-// may write.
+// redirection follows links and opens fifos. This would be unsafe, because everybody may write to
+// the folder of one of the files.
 //
 // The lease of each interface is kept (lease_store.h). The default route decides which lease is
 // written to the two files that the daemon reads. Each call makes this choice again. Files that

@@ -119,7 +119,7 @@ LeaseTexts leaseTexts(LeaseEncoding encoding, const LeaseValues& values) {
 }
 
 LeaseTexts leaseTextsOf(std::string_view joined) {
-  // No line of a lease begins like this, because each of them is key=value.
+  // No line of a lease begins like this, because each line of a lease is key=value.
   constexpr std::string_view kBegin = "\nsearch ";
   const std::size_t found = joined.find(kBegin);
   const std::size_t split = found == std::string_view::npos ? joined.size() : found + 1;

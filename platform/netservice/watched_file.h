@@ -32,7 +32,7 @@ class WatchedFile {
 
  private:
   base::UniqueFd mFile;
-  std::size_t mSize = 0;  // in bytes, when the file was opened
+  std::size_t mSize = 0;  // the file's size in bytes when it was opened
   std::string mText;
 };
 

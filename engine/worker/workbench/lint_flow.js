@@ -59,7 +59,7 @@ function isEndless(loop) {
     (loop.test?.type === 'Literal' && Boolean(loop.test.value));
 }
 
-// The jumps in `root` that leave it: a set of 'break', 'continue', 'break LABEL' and 'continue
+// The jumps in `root` that leave `root`: a set of 'break', 'continue', 'break LABEL' and 'continue
 // LABEL'.
 function jumpsOutOf(root) {
   root[jumps] ??= findJumps(root);

@@ -7,7 +7,7 @@ const quad = /^\d{1,3}(\.\d{1,3}){3}$/;
 // Whether a pattern is made of digits, dots, groups and counts, from "^" to "$".
 function isAddressPattern(pattern) {
   if (!/^\^(?:\\[d.]|\.(?![*+{])|\[(?:[\d.-]|\\[d.])+\]|\(\?:|\{[\d,]*\}|[\d()|?*+])+\$$/.test(pattern)) return false;
-  // If there is a "|" outside of a group, one of its alternatives has no "^" or no "$".
+  // If there is a "|" outside of all groups, one alternative of the pattern has no "^" or no "$".
   let outside = pattern;
   for (let inner = ''; inner !== outside; outside = outside.replace(/\([^()]*\)/g, '')) inner = outside;
   return !outside.includes('|');

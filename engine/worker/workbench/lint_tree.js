@@ -118,7 +118,7 @@ class LintTree {
     }
   }
 
-  // The function that a global name means, in every form of definition.
+  // The function that a global name means. The function may be defined in any form.
   functionNamed(text) {
     const name = this.scopes.get(this.script.tree).get(text);
     if (name?.definition) return name.definition;
