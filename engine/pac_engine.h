@@ -3,11 +3,11 @@
 // and addresses.
 //
 // A script never runs in this process. Engine starts `proxymanager-pac-worker`, passes the script
-// to it in a sealed memory file, and sends it questions over a socket pair. While Engine waits for
-// an answer, it does the worker's name lookups on the calling thread. A worker that does not answer
-// in time is killed. If a worker dies for any reason, the question in progress has no answer. The
-// next question starts a new worker; the start is part of that question's 5 s. The library has no
-// threads.
+// to this worker in a sealed memory file, and sends it questions over a socket pair. While Engine
+// waits for an answer, it does the worker's name lookups on the calling thread. A worker that does
+// not answer in time is killed. If a worker dies for any reason, the question in progress has no
+// answer. The next question starts a new worker; the start is part of that question's 5 s. The
+// library has no threads.
 #pragma once
 
 #include <sys/types.h>

@@ -31,8 +31,8 @@ class Decisions {
   /// Stores a decision, unless its user is unknown.
   void add(Decision decision);
 
-  /// The last decisions for `user`, the newest first. If `user` is root, the last decisions for all
-  /// users.
+  /// The last decisions for `user`, the newest first. If `user` is root, the result has the
+  /// decisions for all users.
   std::vector<Decision> of(uid_t user) const;
 
  private:

@@ -280,8 +280,8 @@ bool Session::canAuthenticate(const ResponseHead& response, const Route& route) 
   known.clientNonce = newClientNonce();
   // A proxy refuses a nonce count if it has already seen a higher count for the same nonce. This
   // can happen when several requests use one nonce, because they may overtake each other. So at
-  // first, only the next attempt of this request uses the new nonce. shareChallenge() gives it to
-  // other requests later.
+  // first, only the next attempt of this request uses the new nonce. shareChallenge() gives the
+  // nonce to other requests later.
   mFresh = std::move(known);
   return true;
 }

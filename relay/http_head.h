@@ -85,8 +85,8 @@ std::size_t headLength(std::string_view bytes, std::size_t from = 0);
 /// Reads the whole head of a request. `head` ends with the empty line.
 HeadProblem readRequestHead(std::string_view head, RequestHead& request);
 
-/// Reads the whole head of a response. `method` is the method of the request: it decides whether
-/// there is a body.
+/// Reads the whole head of a response. `method` is the method of the request. The method decides
+/// whether there is a body.
 HeadProblem readResponseHead(std::string_view head, std::string_view method,
                              ResponseHead& response);
 

@@ -1,5 +1,5 @@
-// The sandbox that the relay enters before it accepts the first connection. The relay needs it
-// because it reads bytes from any program and any server.
+// The sandbox that the relay enters before it accepts the first connection. The sandbox is needed
+// because the relay reads bytes from any program and any server.
 #pragma once
 
 #include "sandbox/walls.h"

@@ -168,7 +168,8 @@ LookupResult DnsResolver::lookUp(const std::string& name, pac_engine::AddressFam
   while (!pending.done && asked && std::chrono::steady_clock::now() < deadline) {
     asked = waitOnce(channel, deadline, watched);
   }
-  // This runs all remaining callbacks now, so that none uses `pending` after this function returns.
+  // ares_cancel() runs all remaining callbacks, so that none uses `pending` after this function
+  // returns.
   if (!pending.done) {
     ares_cancel(channel);
     // If only one of the two families has its answer, the lookup counts as too late.

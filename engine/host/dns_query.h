@@ -36,8 +36,8 @@ class DnsResolver {
   DnsResolver(const DnsResolver&) = delete;
   DnsResolver& operator=(const DnsResolver&) = delete;
 
-  /// Whether the resolver's configuration has been replaced since the last call. If it has, the
-  /// next lookup reads it again. The first call returns false.
+  /// Whether the resolver's configuration has been replaced since the last call. If so, the next
+  /// lookup reads the configuration again. The first call returns false.
   bool configurationChanged();
 
   /// Looks up `name` (ASCII) on the calling thread until `deadline`. The lookup ends early if the

@@ -241,10 +241,10 @@ void Engine::Impl::allowLongWork(bool& isLong) {
 }
 
 /// Between two questions, no code watches the worker. If a script has taken control of the worker,
-/// it could then use all CPU time of the device. So the kernel enforces a CPU limit. A worker that
-/// only waits does not reach this limit. After half a second of work, the function sets the limit
-/// again. After less work, an ordinary worker cannot be near the limit, so the function only reads
-/// the clock.
+/// the script could then use all CPU time of the device. So the kernel enforces a CPU limit. A
+/// worker that only waits does not reach this limit. After half a second of work, the function sets
+/// the limit again. After less work, an ordinary worker cannot be near the limit, so the function
+/// only reads the clock.
 void Engine::Impl::finishWork(Deadline begun) {
   worked += std::chrono::steady_clock::now() - begun;
   if (worked < kShortWork) return;

@@ -50,12 +50,12 @@ class WorkerProcess {
   /// kernel refuses the binding, nothing changes.
   void follow();
 
-  /// Lets the kernel end the process with SIGXCPU after it has used `more` CPU time from now on. If
-  /// the kernel refuses this, nothing changes.
+  /// Lets the kernel end the process with SIGXCPU after the process has used `more` CPU time from
+  /// now on. If the kernel refuses this, nothing changes.
   void limitCpu(std::chrono::seconds more);
 
   /// Kills the process unless it has ended, and waits for its end, 1 s at most. If the process does
-  /// not end, a later start or end of a child waits for it.
+  /// not end, a later start or end of a child waits for this process.
   /// @return how it ended, for the log
   std::string end();
 

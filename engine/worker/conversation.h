@@ -44,8 +44,8 @@ class Conversation {
   explicit Conversation(pac_engine::Channel& channel, Extension* extension = nullptr)
       : mChannel(channel), mEnvironment(channel), mExtension(extension) {}
 
-  /// Waits for the library's Start and loads `script` under its limits. A script that is refused
-  /// ends the process.
+  /// Waits for the library's Start, and loads `script` within the limits for scripts. A script that
+  /// is refused ends the process.
   void load(std::string_view script);
 
   /// Sends Ready, and answers.

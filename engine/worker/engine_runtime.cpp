@@ -21,9 +21,9 @@ constexpr std::size_t kSmallReserve = 8U << 20U;
 constexpr std::size_t kErrorReserve = 64U << 10U;
 constexpr std::size_t kMostReserve = 16U << 20U;
 // The engine reads the clock at every ten thousandth call or loop iteration. If each iteration
-// calls a long built-in function, minutes can pass until the engine reads it. So the heap also
-// reads the clock whenever it has granted this many bytes. Each block counts as a little more than
-// its size. Some time after the deadline, the heap refuses all blocks except small ones. The
+// calls a long built-in function, minutes can pass until the engine reads the clock. So the heap
+// also reads the clock whenever it has granted this many bytes. Each block counts as a little more
+// than its size. Some time after the deadline, the heap refuses all blocks except small ones. The
 // built-in functions then fail at once, and the engine soon reads the clock.
 constexpr std::size_t kBytesBetweenLooks = 1U << 20U;
 constexpr std::size_t kBlockCost = 1U << 10U;

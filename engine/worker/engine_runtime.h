@@ -75,8 +75,8 @@ class EngineRuntime {
   /// Starts the clock and the counts of one load or evaluation. The stack limit counts from the
   /// present end of the calling thread's stack.
   void begin();
-  /// Runs the jobs that promises have queued, in order, kMostJobs at most. This is enough for every
-  /// useful script, and limits the cost of an endless chain of jobs.
+  /// Runs the jobs that promises have queued, in order, kMostJobs at most. This number is enough
+  /// for every useful script, and limits the cost of an endless chain of jobs.
   void runJobs();
   /// Counts bytes that are processed outside the engine's loops.
   void countWork(std::size_t bytes) { mBytesOfWork += bytes; }

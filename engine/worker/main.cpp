@@ -2,8 +2,8 @@
 //
 // It has one thread and two descriptors: its end of a socket pair, and the script in a sealed
 // memory file. The program maps the file and closes its descriptor. Then it enters the sandbox.
-// Only in the sandbox does it read the script. Then the program answers questions until the other
-// end of its socket is closed.
+// It reads the script only in the sandbox. Then the program answers questions until the other end
+// of its socket is closed.
 #include "engine/wire/channel.h"
 #include "engine/wire/descriptors.h"
 #include "engine/worker/conversation.h"

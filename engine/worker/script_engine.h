@@ -1,11 +1,11 @@
 // The JavaScript engine with one PAC script in it.
 //
-// This header hides the engine's own types. A ScriptEngine holds one runtime and one fresh context;
-// the script runs once, at load, and its globals remain between evaluations. There is one
+// This header hides the engine's own types. A ScriptEngine has one runtime and one fresh context.
+// The script runs once, when it is loaded, and its globals remain between evaluations. There is one
 // exception: if a script has passed the heap limit and still uses more than half of the heap, the
-// next evaluation first loads it again. The load is part of that evaluation's time limit. Two
-// threads must not use an engine at the same time, but each call may come from a different thread.
-// No function throws.
+// next evaluation first loads the script again. The load is part of that evaluation's time limit.
+// Two threads must not use an engine at the same time, but each call may come from a different
+// thread. No function throws.
 //
 // Promises: after the load and after each evaluation, up to 1,000 queued jobs run, within the same
 // time limit. The answer does not depend on these jobs. If a script passes a limit and catches the

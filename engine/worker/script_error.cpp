@@ -13,7 +13,7 @@ namespace {
 constexpr int kMostPrototypes = 8;
 
 // Drops an exception that occurs during the description of another exception. Only exhausted memory
-// can cause it.
+// can cause such an exception.
 void dropException(JSContext* context) {
   JS_FreeValue(context, JS_GetException(context));
 }

@@ -2,16 +2,17 @@
 //
 // The bus library's own loop has three faults. It loses an early request to leave. If output is
 // pending, it never notices that the bus is gone. If another thread sends a signal, the loop does
-// not notice it until its next wake-up. BusLoop keeps its own lists of watches and timeouts, polls
-// each watch as a separate entry, and is woken by an eventfd. It ends when another thread asks for
-// its end (even before the loop has started), or when the connection is lost. It sleeps without a
-// time limit if the library has no timeout pending, so that an idle daemon is never woken.
+// not notice the signal until its next wake-up. BusLoop keeps its own lists of watches and
+// timeouts, polls each watch as a separate entry, and is woken by an eventfd. It ends when another
+// thread asks for its end (even before the loop has started), or when the connection is lost. It
+// sleeps without a time limit if the library has no timeout pending, so that an idle daemon is
+// never woken.
 //
 // The library queues output that the bus does not accept at once, and this queue has no bound. So
 // while output waits, the loop reads nothing and runs no posted function. If a caller sends calls
-// too fast, or does not read its answers, it fills memory of the bus, up to the limits of the bus.
-// It does not fill memory of this process. The queue contains at most the answers to the calls of
-// one read (a few KiB of calls, or one longer call), or the output of one posted function.
+// too fast, or does not read its answers, the caller fills memory of the bus, up to the limits of
+// the bus. It does not fill memory of this process. The queue contains at most the answers to the
+// calls of one read (a few KiB of calls, or one longer call), or the output of one posted function.
 #pragma once
 
 #include <dbus-c++/dbus.h>

@@ -52,8 +52,8 @@ bool failed(const char* path, int trouble) {
   return trouble != 0;
 }
 
-// Both files are opened before the first is written, because the daemon reads both as soon as one
-// of them changes.
+// Both files are opened first, so that the two writes follow each other at once. The daemon reads
+// both files as soon as one of them changes.
 int write(const LeaseTexts& texts) {
   WatchedFile lease;
   WatchedFile resolver;

@@ -52,7 +52,7 @@ class LeaseStore {
   /// Forgets the lease of `interface`. @return 0, ENOENT if there was none, or an errno value
   int forget(const std::string& interface);
 
-  /// Whether the store has no lease, not even of an interface that no longer exists.
+  /// Whether the store is empty. A lease of an interface that no longer exists also counts.
   bool isEmpty() const;
 
   /// Removes the leases of interfaces that have vanished without a report from their DHCP client.
@@ -79,7 +79,7 @@ bool isInterfaceName(std::string_view name);
 std::vector<std::string> defaultRouteInterfaces(const std::string& table);
 
 /// The text of /proc/net/route for the network of the calling thread, 512 KiB at most. Default
-/// routes come first in this text. Empty if it cannot be read.
+/// routes come first in this text. The result is empty if the file cannot be read.
 std::string routeTable();
 
 /// The lease in force. Among the interfaces with a lease and a default route, the interface with

@@ -194,8 +194,8 @@ void reportSignal(Report& report, const siginfo_t& info) {
 // interrupted.
 void dieBy(siginfo_t& info) {
   std::signal(info.si_signo, SIG_DFL);
-  // The signal is sent with its details if the kernel allows a process to send them to itself, else
-  // without them.
+  // The signal is sent with its details. If the kernel refuses this, the signal is sent without
+  // them.
   if (syscall(SYS_rt_tgsigqueueinfo, getpid(), gettid(), info.si_signo, &info) != 0) {
     raise(info.si_signo);
   }

@@ -43,7 +43,7 @@ class UrlMaker {
   constructor(script, most) {
     this.script = script;
     this.most = most;
-    this.urls = new Map(); // URL -> the tests of the script from which it was made
+    this.urls = new Map(); // URL -> the tests of the script from which the URL was made
     this.test = null;
     this.cut = false;
     this.cutTests = new Set();

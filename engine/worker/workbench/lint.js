@@ -133,7 +133,7 @@ class Lint {
   }
 }
 
-// The rules that comments turn off: a map from lines to sets of names.
+// The rules that comments turn off: a map from lines to sets of rule names.
 function ignoredLines(lint) {
   const { script } = lint;
   const ignored = new Map();

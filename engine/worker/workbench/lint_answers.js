@@ -110,7 +110,8 @@ const answerRules = {
 
   // Checks the script's answers for local hosts, if the argument has them.
   'local-to-proxy'(lint) {
-    // No name could be resolved for these answers, so the answer after a lookup is not known.
+    // The script had no name lookups when it gave these answers, so its answer after a lookup is
+    // not known.
     if (!lint.tree.entry || lint.lookups.functionLooksUp(lint.tree.entry)) return;
     for (const [host, answer] of Object.entries(lint.options.answers ?? {})) {
       const first = piecesOf(answer)[0]?.keyword?.toUpperCase();

@@ -153,9 +153,9 @@ class RegexPaths {
     return false;
   }
 
-  // Whether two different paths in the loop lead from a position back to it with the same text. A
-  // pair of positions stands for two paths with the same text: each path has reached one position
-  // of the pair.
+  // Whether two different paths in the loop lead from a position back to the same position with the
+  // same text. A pair of positions stands for two paths with the same text: each path has reached
+  // one position of the pair.
   isAmbiguous(loop) {
     for (const at of loop) {
       for (const [to, ways] of this.edges[at]) if (ways > 1 && loop.has(to)) return true;

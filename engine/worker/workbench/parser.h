@@ -32,7 +32,7 @@ class Parser {
   Parser& operator=(const Parser&) = delete;
 
   /// Waits for the library's Start message, makes an engine with our own scripts, and passes the
-  /// text of `script` to them.
+  /// text of `script` to these scripts.
   void load(std::string_view script);
 
   /// Sends the Ready message, and then runs commands.
