@@ -43,8 +43,8 @@ typedef void (*pac_result)(char* result, void* context, void* host);
 struct pac* pac_init(const char* script, int option, pac_wakeup wakeup, void* context);
 
 /** Queues one question and calls the wake-up callback. A later pac_run_callbacks calls `found`, but
- * only if there is an answer. The queue holds 256 questions; a further question is dropped without
- * an answer. */
+ * only if there is an answer. The queue contains at most 256 questions; a further question is
+ * dropped without an answer. */
 void pac_find_proxy(struct pac* engine, const char* url, const char* host, pac_result found,
                     void* context);
 

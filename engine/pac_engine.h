@@ -32,9 +32,9 @@ inline constexpr std::chrono::milliseconds kKillGrace{250};
 /// The role of a worker. The daemon uses only workers with the role kAnswers.
 enum class WorkerRole : std::uint8_t {
   kAnswers,  ///< proxymanager-pac-worker: loads the script and answers questions
-  kTraces,   ///< proxymanager-workbench: the same, with an instrumented script; the command "trace"
-             ///< reports what the worker has recorded since the last "trace"
-  kParses    ///< proxymanager-workbench: never runs the script: parses it, and runs commands on it
+  kTraces,   ///< proxymanager-workbench: as kAnswers, but for an instrumented script; the command
+             ///< "trace" reports the records that the worker has made since the last "trace"
+  kParses    ///< proxymanager-workbench: parses the script and runs commands, but never the script
 };
 
 /// Longest report of a command, in bytes: an instrumented script with the list of its places.

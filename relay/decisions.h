@@ -41,7 +41,7 @@ class Decisions {
 
 struct Counters {
   std::uint64_t connections = 0;  ///< accepted connections
-  std::uint64_t refused = 0;      ///< refused connections: by a limit, an address or a user
+  std::uint64_t refused = 0;      ///< connections refused because of a limit, an address or a user
   std::uint64_t tunnels = 0;      ///< tunnels that were opened with CONNECT or SOCKS
   std::uint64_t requests = 0;     ///< answered requests in absolute form
   std::uint64_t failed = 0;       ///< requests for which no entry worked

@@ -26,12 +26,12 @@ class BodyReader {
   /// chunks
   explicit BodyReader(const Body& body, bool keepsChunks = true);
 
-  /// Reads bytes of the body from the start of `bytes`, and appends the bytes that the relay
-  /// forwards to `out`. It does not read bytes after the end of the body.
+  /// Reads bytes of the body from the start of `bytes`. Appends to `out` the bytes that the relay
+  /// forwards. It does not read bytes after the end of the body.
   /// @return the number of bytes read; see also problem()
   std::size_t take(std::string_view bytes, std::string& out);
 
-  /// Tells this reader that the stream has ended. This completes a body of kUntilClose.
+  /// Reports to this reader that the stream has ended. This completes a body of kUntilClose.
   void streamEnded();
 
   bool isComplete() const { return mState == State::kEnd; }

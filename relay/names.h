@@ -44,7 +44,7 @@ class Names {
  private:
   struct Lookup {
     std::string host;
-    uid_t user = 0;  ///< the user in whose turn the lookup was started
+    uid_t user = 0;  ///< the user whose turn started the lookup
     bool isStarted = false;
     bool isDone = false;
     Addresses addresses;  ///< with port 0

@@ -6,7 +6,7 @@ namespace relay {
 
 namespace {
 
-/// If `map` has more than `most` penalties or doubts, drops the one that ends first.
+/// If `map` has more than `most` penalties or doubts, drops the penalty or doubt that ends first.
 template <typename Map>
 void dropFirst(Map& map, std::size_t most) {
   if (map.size() <= most) return;

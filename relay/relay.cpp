@@ -114,8 +114,9 @@ class Acceptor {
         ->start();
   }
 
-  /// Answers 503. Then reads what the client has sent: unread bytes would cause a reset, and the
-  /// answer could be lost. If the client has sent more than kBufferBytes, it gets the reset.
+  /// Answers 503. Then reads the bytes that the client has sent: unread bytes would cause a reset,
+  /// and the answer could be lost. If the client has sent more than kBufferBytes, it gets the
+  /// reset.
   void refuse(int fd) {
     char bytes[4096];
     static const std::string kAnswer =

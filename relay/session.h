@@ -106,7 +106,7 @@ class Session : public Watched, public std::enable_shared_from_this<Session> {
       mFresh;                       ///< from a 407; only the next attempt of this request uses it
   const char* mAnswerProblem = "";  ///< why the relay did not accept the head of an answer
   bool mIsAnswerHttp = false;       ///< the refused head began like a head of HTTP/1
-  /// Happens when a 100 arrives. None if the request's body does not wait for a 100.
+  /// Happens when a 100 arrives. No value if the request's body does not wait for a 100.
   std::optional<Event> mContinue;
   bool mIsExpectRefused = false;  ///< the server refused Expect for this request
   bool mIsReused = false;         ///< mServer was used before

@@ -86,7 +86,7 @@ class Tunnel : public Watched, public std::enable_shared_from_this<Tunnel> {
 
   void endOf(unsigned way) {
     mWays[way].isAtEnd = true;
-    // libcurl cannot close one direction of a TLS connection, so the tunnel ends both.
+    // libcurl cannot close one direction of a TLS connection, so the tunnel ends both directions.
     if (mWays[1 - way].isAtEnd || to(way).isTls()) return end();
     to(way).shutdownWrite();
   }

@@ -66,8 +66,8 @@ std::optional<std::string> asciiName(std::string_view name) {
   std::string ascii(name);
   if (!base::isAscii(name)) {
     char* raw = nullptr;
-    // The same mapping as in browsers: letters become lower-case and of normal width, and special
-    // letters such as sharp s follow the current standard.
+    // The same mapping as in browsers: letters become lower-case letters of normal width, and
+    // special letters such as sharp s follow the current standard.
     const int status = idn2_to_ascii_8z(ascii.c_str(), &raw, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
     const IdnText owned(raw, &idn2_free);
     if (status != IDN2_OK || ascii.find('\0') != std::string::npos) return std::nullopt;

@@ -76,7 +76,7 @@ struct Engine::Impl {
       worked{};  ///< the work since the worker's CPU limit was last set
 };
 
-/// Ends the worker; the next question starts another.
+/// Ends the worker; the next question starts another worker.
 void Engine::Impl::discard(const char* why) {
   const int pid = worker->pid();
   const auto how = worker->end();

@@ -28,10 +28,10 @@ pac_engine::Start receiveStart(pac_engine::Channel& channel);
 /// Answers question `serial`.
 void sendReply(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
 
-/// Sends a report in pieces, and then a message that the report is complete.
+/// Sends a report in pieces, and then a message that ends the report.
 void sendReport(pac_engine::Channel& channel, std::uint32_t serial, const Reply& reply);
 
-/// Reports why this worker has no answer, and ends the worker.
+/// Reports the reason why no script is loaded, and ends the worker.
 [[noreturn]] void refuse(pac_engine::Channel& channel, std::string_view message,
                          std::uint32_t line = 0);
 

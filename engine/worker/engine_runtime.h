@@ -85,7 +85,7 @@ class EngineRuntime {
   bool hasWorkedLong();
   /// True if the time limit was passed since begin(), even if the script was not interrupted.
   bool timeIsUp();
-  /// True if the heap limit was passed since begin(). The script is then interrupted like one
+  /// True if the heap limit was passed since begin(). The script is then interrupted like a script
   /// whose time is up.
   [[nodiscard]] bool memoryWasRefused() const { return mMemoryRefused; }
   /// Collects garbage. @return the bytes that are still in use

@@ -24,14 +24,14 @@ namespace {
 
 using sandbox::Failure;
 
-/// Sets all resource limits except the stack's.
+/// Sets all resource limits except the limit of the stack.
 Failure limitResources([[maybe_unused]] const MemoryWalls& memory) {
   const sandbox::Limit limits[] = {
     {RLIMIT_CORE, 0, "RLIMIT_CORE"},
     {RLIMIT_FSIZE, 0, "RLIMIT_FSIZE"},
     {RLIMIT_NPROC, 0, "RLIMIT_NPROC"},
     {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
-#if !PROXYMANAGER_SANITIZED  // sanitizers map far more memory, and check addresses through pipes
+#if !PROXYMANAGER_SANITIZED  // sanitizers need more address space, and pipes to check addresses
     {RLIMIT_AS, memory.addressSpaceBytes, "RLIMIT_AS"},
     {RLIMIT_NOFILE, 0, "RLIMIT_NOFILE"},
 #endif

@@ -335,7 +335,7 @@ JSValue stoppedClock(const Call& call) {
   return JS_NewInt64(call.context, call.environment().stoppedClock().value_or(0));
 }
 
-// Gives the script the environment's time instead of the clock's.
+// Gives the script the environment's time instead of the clock's time.
 bool stopClock(JSContext* context) {
   const Value replace(context, evaluated(context, kClockScript, "clock.js"));
   const Value clock(context, JS_NewCFunction(context, kPure<stoppedClock>, "", 0));

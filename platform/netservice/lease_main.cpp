@@ -100,11 +100,11 @@ int end(const std::string& interface) {
   if (failed(kStore, store.open())) return EX_OSERR;
   const int trouble = store.forget(interface);
   if (trouble != ENOENT && failed(kStore, trouble)) return EX_OSERR;
-  // Most reports of an end are for interfaces that never had a lease. Even then, the choice is made
-  // again if the store has other leases, because another interface may have vanished without a
-  // report. If the store is empty, the file keeps its text, which may come from another program.
-  // But a lease of `interface` is removed from the file: a lease of an earlier boot or version is
-  // only in the file, not in the store.
+  // Most reports that a lease has ended are for interfaces that never had a lease. Even then, the
+  // choice is made again if the store has other leases, because another interface may have vanished
+  // without a report. If the store is empty, the file keeps its text, which may come from another
+  // program. But a lease of `interface` is removed from the file: a lease of an earlier boot or
+  // version is only in the file, not in the store.
   if (trouble == ENOENT && store.isEmpty() && !isInForce(interface)) return EX_OK;
   return writeLeaseInForce(store, interface);
 }

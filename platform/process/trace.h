@@ -21,7 +21,7 @@ struct TraceValues {
   bool operator==(const TraceValues&) const = default;
 };
 
-/// Reads /etc/NAME/trace.conf and sets syslog's mask to everything up to `baseseverity`.
+/// Reads /etc/NAME/trace.conf and sets syslog's mask to all levels up to `baseseverity`.
 ///
 /// Each call begins with the defaults of TraceValues: if a key is no longer in the file, it has its
 /// default again. A missing file is no failure. The file must be a regular file of at most

@@ -32,7 +32,7 @@ class Lookups {
     this.markAll();
   }
 
-  // Marks the nodes that contain a lookup, or a call of a function that contains one.
+  // Marks the nodes that contain a lookup, or a call of a function that contains a lookup.
   markAll() {
     const callsOf = new Map();
     const calls = this.tree.of('CallExpression');

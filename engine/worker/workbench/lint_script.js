@@ -145,7 +145,7 @@ function meet(lint, operand, patterns, sources) {
   }
 }
 
-// The test of the host or the URL against one pattern, or null if the node is not one.
+// The test of the host or the URL against one pattern, or null if the node is no such test.
 function patternTest(lint, node) {
   const tests = lint.hosts.byNode.get(node);
   return tests?.length === 1 && tests[0].pattern !== null ? tests[0] : null;

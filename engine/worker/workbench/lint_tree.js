@@ -9,7 +9,7 @@ const childrenKey = Symbol('children');
 
 // The placeholder for a part of a text that is known only when the script runs.
 const unknownText = '\ufffc';
-// Limit of the texts that are computed for one expression. A script could build many more.
+// Limit of the texts that are computed for one expression. A script could build many more texts.
 const mostTexts = 256;
 
 const functionTypes = new Set([
@@ -174,7 +174,7 @@ class LintTree {
 
   subjectOfName(name, depth) {
     if (!name) return null;
-    // After `host = host.toLowerCase()`, the variable still is the host.
+    // After `host = host.toLowerCase()`, the variable still contains the host.
     const values = name.writes.map((value) => value && this.selfOrSubject(value, name, depth + 1));
     if (isVariable(name)) {
       return values.length === 1 && values[0] !== name ? values[0] : null;

@@ -43,8 +43,8 @@ class Tracer : public Extension, private PacEnvironment {
   /// reached, true and false. The argument selects what is recorded from now on:
   /// - "returns": the values of returns as events, and no counts of places
   /// - "counts": the values of returns as events, and the counts
-  /// - any other: all events, and the counts. In a script of 500 KB, an evaluation with all events
-  /// takes ten times as long.
+  /// - any other argument: all events, and the counts. In a script of 500 KB, an evaluation with
+  /// all events takes ten times as long.
   Reply report(std::string_view command, std::string_view argument) override;
 
   /// The functions of the tracer that the engine calls.
