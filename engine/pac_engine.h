@@ -34,7 +34,7 @@ enum class WorkerRole : std::uint8_t {
   kAnswers,  ///< proxymanager-pac-worker: loads the script and answers questions
   kTraces,   ///< proxymanager-workbench: as kAnswers, but for an instrumented script; the command
              ///< "trace" reports the records that the worker has made since the last "trace"
-  kParses    ///< proxymanager-workbench: parses the script and runs commands, but never the script
+  kParses    ///< proxymanager-workbench: parses the script for commands, and never runs the script
 };
 
 /// Longest report of a command, in bytes: an instrumented script with the list of its places.

@@ -2,8 +2,8 @@
 //
 // Scripts rely on all details of the published helpers: the result of an object's toString(), the
 // order in which arguments are read, the effect of a fourth argument. In this file, JavaScript
-// itself does every conversion. script_helpers.cpp handles the simple cases of the most used helpers
-// in C++, and calls these functions for all other cases.
+// itself does every conversion. script_helpers.cpp handles the simple cases of the most used
+// helpers in C++, and calls these functions for all other cases.
 //
 // If this file uses the name of another helper, the name means the script's global. So if a script
 // defines its own dnsResolve, wdays or Date, the helpers use that definition.
@@ -162,8 +162,8 @@
       return moment.getTimezoneOffset() * minute;
     };
     const shown = new moment.constructor(moment - moment.getTimezoneOffset() * minute);
-    // The setter's result is used instead of the date: if the date should become invalid, the engine
-    // does not change it.
+    // The setter's result is used instead of the date: if the date should become invalid, the
+    // engine does not change it.
     const wall = shown['setUTC' + part](value);
     const before = offsetAt(wall - day);
     const after = offsetAt(wall + day);

@@ -3,8 +3,8 @@
 //
 // A place is a statement, or an expression whose value has an effect on the decision: a test, an
 // operand of && || ??, the value of a return or a switch, a helper call. The source text of a place
-// stays unchanged. No line end is added, so line numbers stay the same and comments may be anywhere.
-// The calls of the hook are:
+// stays unchanged. No line end is added, so line numbers stay the same and comments may be
+// anywhere. The calls of the hook are:
 //   hook(N);          before a statement; a single statement without a block gets a block
 //   hook(N,(value))   around an expression
 //   hook(N),          before the test of an `else if`, which keeps a chain of them flat for the
