@@ -115,8 +115,7 @@ class BusLoop : public Dispatcher {
   std::vector<LoopTimeout*> mTimeouts PM_GUARDED_BY(mMutex);  // deleted by rem_timeout
   std::deque<std::function<void()>> mPosted PM_GUARDED_BY(mMutex);
 
-  // The poll entries and, at the same index, their watches; the eventfd comes first, without a
-  // watch.
+  // mPolled[i] is the watch of mEntries[i]. The first entry is the eventfd, which has no watch.
   std::vector<pollfd> mEntries;
   std::vector<LoopWatch*> mPolled;
 };

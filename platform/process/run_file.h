@@ -12,7 +12,7 @@
 ///
 /// @param name the daemon's name; one path component
 /// @return 0 if this process has locked the file; 1 if another running process has locked it; -1
-///         after any other failure. Except after 0, the log has the reason: "process: the run file
-///         PATH is held by process PID" (LOG_WARNING) or "process: cannot take the run file PATH:
-///         REASON" (LOG_ERR)
+///         after any other failure. If the result is not 0, the log has the reason: "process: the
+///         run file PATH is held by process PID" (LOG_WARNING) or "process: cannot take the run
+///         file PATH: REASON" (LOG_ERR)
 int create_varrunpid(const char* name);

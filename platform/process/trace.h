@@ -28,8 +28,8 @@ struct TraceValues {
 /// kTraceFileLimit bytes; the function does not block on a fifo. If the file is refused or cannot
 /// be read, the mask does not change.
 ///
-/// A signal handler may call this function only if the signal arrived while its thread slept. This
-/// is so in the daemon: its main thread unblocks signals only while it sleeps.
+/// A signal handler may call this function only if the signal arrived while the handler's thread
+/// slept. This is so in the daemon: its main thread unblocks signals only while it sleeps.
 ///
 /// @param name the daemon's name; one path component
 /// @param record receives the values; after a failure, the defaults. If `record` is not null, a
