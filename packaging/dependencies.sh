@@ -66,9 +66,9 @@ needed() {
     }' "$control"
 }
 
-# Prints one line for each needed dependency that no installed package satisfies, by its own name or
-# by a name that it provides. It calls dpkg-query once for all dependencies, and compares versions
-# only if a dependency names a version.
+# Prints one line for each needed dependency that no installed package satisfies. A package
+# satisfies a dependency by its own name or by a name that it provides. The function calls
+# dpkg-query once for all dependencies, and compares versions only if a dependency names a version.
 missing() {
   # shellcheck disable=SC2016  # the fields are dpkg-query's, not the shell's
   dpkg-query -W -f '${db:Status-Status}|${Package}|${Version}|${Provides}\n' |
@@ -110,9 +110,9 @@ if [ "$action" = list ]; then
   cat "$wanted"
   exit 0
 fi
-# The libraries are recognised by their names. Two are left out: clang's own library, because clang
-# builds only for this machine, and the script engine, which is built from source if the package is
-# missing.
+# The libraries are recognised by their names. Two libraries are left out: clang's own library,
+# because clang builds only for this machine, and the script engine, which is built from source if
+# the package is missing.
 if [ "$action" = list-libraries ]; then
   grep -E '^(lib|nlohmann).*-dev( |$)' "$wanted" | grep -v -e '^libclang' -e '^libqjs' | sed 's/ .*//'
   exit 0
@@ -135,7 +135,7 @@ apt() {
   $root env DEBIAN_FRONTEND=noninteractive apt-get -q -o DPkg::Lock::Timeout=300 "$@"
 }
 # The installed packages must not start their services on this machine, because the tests start
-# their own. If the machine already has a setting for this, it stays.
+# their own. If the machine already has a setting for this, the setting stays.
 policy=/usr/sbin/policy-rc.d
 if [ ! -e "$policy" ]; then
   trap '$root rm -f "$policy"; rm -f "$wanted"' EXIT

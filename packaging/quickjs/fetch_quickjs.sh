@@ -41,8 +41,8 @@ mkdir "$work/lists" "$work/cache"
 folder_for_apt "$work/source"
 
 # apt reads this file after the machine's configuration. So proxies and credentials of the machine
-# apply, but its hooks do not run: they would refresh other programs' caches from the lists of this
-# run.
+# apply, but the machine's apt hooks do not run: they would refresh other programs' caches from the
+# lists of this run.
 cat >"$work/apt.conf" <<EOF
 #clear APT::Update::Pre-Invoke;
 #clear APT::Update::Post-Invoke;

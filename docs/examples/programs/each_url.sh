@@ -3,7 +3,7 @@
 # usage: each_url COMMAND [OPTION...] URL...
 #        each_url COMMAND [OPTION...] -- URL...   if an option has a URL, too
 #
-# The status is 0, or that of the last run that failed.
+# The exit status is 0, or the exit status of the last run that failed.
 set -u
 [ $# -gt 0 ] || {
   echo "usage: each_url COMMAND [OPTION...] [--] URL..." >&2
