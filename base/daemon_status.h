@@ -13,11 +13,11 @@ namespace base {
 /// Times are in seconds since 1970. A time is 0 if its event has not happened since the daemon's
 /// start.
 struct DaemonStatus {
-  std::string mode;          ///< as on the bus; without blanks, commas and ";"
+  std::string mode;          ///< the mode's name on the bus; contains no blank, comma or ";"
   std::int64_t updated = 0;  ///< when the daemon got its last configuration
   std::int64_t script = 0;   ///< when a walk (a search for a script) installed the script in use
   std::int64_t walked = 0;   ///< when the last walk ended
-  std::string result;        ///< the result of that walk; one line
+  std::string result;        ///< the result of the last walk; one line
   std::int64_t walking = 0;  ///< when the walk in progress began; 0 if none is in progress
 };
 

@@ -1,9 +1,9 @@
 // A shared library that is mapped at the first call of one of its functions.
 //
 // In the modes off and manual, the daemon never calls some of its libraries. Most commands of
-// proxymanagerctl need only the bus. So these two programs contain functions with the names of the
-// library's functions. Such a function forwards each call to the library. Tests fail if one of the
-// two programs maps such a library at its start.
+// proxymanagerctl need only the bus. So the daemon and proxymanagerctl contain functions with the
+// same names as the functions of such a library. Each of these functions forwards its calls to the
+// library. Tests fail if one of the two programs maps such a library at its start.
 #pragma once
 
 #include <dlfcn.h>
@@ -17,7 +17,7 @@ namespace on_demand {
 
 /// Maps `name` and never unmaps it. A library may start a thread, for example to resolve a host,
 /// and this thread may still run after the call that started it. @return null, with one LOG_ERR
-/// line, if it cannot be mapped
+/// line, if the library cannot be mapped
 inline void* mapLibrary(const char* name) {
   void* const library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) logLine(LOG_ERR, "on_demand: no %s: %s", name, dlerror());
@@ -33,9 +33,9 @@ bool find(void* library, const char* name, Function& function) {
   return function != nullptr;
 }
 
-/// A library. `Functions` has pointers to those of its functions that the program calls. Any thread
-/// may use it. If the library cannot be mapped, the next call tries again, because memory or
-/// descriptors may be free by then.
+/// A library that is mapped at the first call. `Functions` is a struct with a pointer for each
+/// library function that the program calls. Any thread may use it. If the library cannot be mapped,
+/// the next call tries again, because memory or descriptors may be free by then.
 template <typename Functions>
 class Library {
  public:

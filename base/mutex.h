@@ -1,7 +1,7 @@
-// Macros for clang's thread-safety analysis, and mutexes that have its annotations.
+// Macros for clang's thread-safety analysis, and mutexes with the annotations of this analysis.
 //
-// The standard library's mutexes have no annotations on this platform. The two classes below derive
-// from them and add only the attributes. Other compilers see plain mutexes.
+// The standard library's mutexes have no annotations on this platform. Mutex and RecursiveMutex
+// derive from the standard mutexes and add only the attributes. Other compilers see plain mutexes.
 // https://clang.llvm.org/docs/ThreadSafetyAnalysis.html
 #pragma once
 
@@ -62,13 +62,14 @@ class PM_SCOPED_CAPABILITY Lock {
   std::unique_lock<Native> mLock;
 };
 
-/// Releases a mutex that the caller holds, and takes it again at the end of the scope. The analysis
+/// Unlocks a mutex that the caller holds, and locks it again at the end of the scope. The analysis
 /// understands both steps.
 template <typename MutexType>
 class PM_SCOPED_CAPABILITY Unlock {
  public:
   explicit Unlock(MutexType& mutex) PM_RELEASE(mutex) : mMutex(mutex) { mMutex.unlock(); }
-  // PM_RELEASE() here means the end of the scope. For the analysis, the mutex is then held again.
+  // PM_RELEASE() here marks the end of the scope. After that, the analysis treats the mutex as held
+  // again.
   ~Unlock() PM_RELEASE() { mMutex.lock(); }
   Unlock(const Unlock&) = delete;
   Unlock& operator=(const Unlock&) = delete;

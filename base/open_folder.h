@@ -10,7 +10,8 @@ namespace base {
 struct FolderCloser {
   void operator()(DIR* folder) const { closedir(folder); }
 };
-/// Closes the folder on destruction. Empty if opendir() failed; then errno has the reason.
+/// Closes the folder on destruction. The pointer is null if opendir() failed; errno then has the
+/// reason.
 using OpenFolder = std::unique_ptr<DIR, FolderCloser>;
 
 }  // namespace base

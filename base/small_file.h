@@ -22,10 +22,10 @@ enum class FileOwner {
 
 /// What a reader demands of a file. In addition, the file must always be regular.
 struct FileDemands {
-  std::size_t mostBytes = 0;  ///< a file with one byte more is refused
+  std::size_t mostBytes = 0;  ///< a longer file is refused
   FileOwner owner = FileOwner::rootOrSelf;
-  /// Whether a symbolic link at the end of the path is followed. Use it only for files in trusted
-  /// folders. Links before the end of the path are followed in any case.
+  /// Whether a symbolic link at the end of the path is followed. Set this to true only for files in
+  /// trusted folders. Links before the end of the path are followed in any case.
   bool followsLink = false;
   /// Whether a file with a second name (hard link) is accepted. In a shared folder, any user can
   /// make a second name for a file of root, unless the kernel forbids it (fs.protected_hardlinks).

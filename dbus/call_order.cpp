@@ -93,8 +93,8 @@ CallOrder::Connections::iterator CallOrder::choose() {
 }
 
 // Puts the connection that was served last behind the other connections. This happens at the next
-// choice, not when the call is served. So a connection that arrives before that choice stands
-// before the connection that was served.
+// choice, not when the call is served. So a connection that arrives before that choice comes before
+// the connection that was served.
 void CallOrder::standBehind() {
   const auto found = mConnections.find(std::exchange(mLastServed, {}));
   if (found == mConnections.end()) return;
@@ -148,8 +148,9 @@ std::optional<DBus::CallMessage> CallOrder::take() {
   } else {
     ++mPlainServed;
   }
-  // The end of a connection is watched only if the bus was asked for its user. Otherwise nothing
-  // would report the end, so a connection without a waiting call is erased here.
+  // The end of a connection is watched only if the bus was asked for its user. If the bus was not
+  // asked, nothing reports the end. Therefore such a connection is erased here when none of its
+  // calls waits.
   if (connection.calls.empty() && !connection.isNamed) erase(chosen);
   return call;
 }

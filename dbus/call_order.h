@@ -14,8 +14,8 @@
 // turns. A connection whose user is not known yet counts as a user of its own. A new connection
 // comes after the connections that already wait, and before the connection that was served last.
 //
-// The class does not use the bus: the caller passes names and users. Not synchronised: only one
-// thread uses it.
+// The class does not use the bus: the caller passes names and users. The class has no lock, because
+// only one thread uses it.
 #pragma once
 
 #include <dbus-c++/dbus.h>
@@ -56,8 +56,8 @@ class CallOrder {
   /// after all connections that have arrived by then.
   void noteServed(const std::string& sender, Kind kind);
 
-  /// The connections whose user the caller must now find out. Each connection is returned only
-  /// once, as long as calls of it wait.
+  /// The connections whose user the caller must now find out. While calls of a connection wait, the
+  /// connection is returned only once.
   std::vector<std::string> takeUnknown();
 
   /// Takes the next call. @return nothing if none waits

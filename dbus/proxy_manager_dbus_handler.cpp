@@ -74,8 +74,8 @@ std::int32_t ProxyManagerDbusHandler::updateProxyconfig(
   return result;
 }
 
-// The interface of a call; null if the object has no such interface. On the bus, the interface of a
-// call is optional. Without it, only the method's name decides.
+// The interface of a call; null if the object has no such interface. On the bus, a call need not
+// name an interface. For such a call, only the method's name is checked.
 DBus::InterfaceAdaptor* ProxyManagerDbusHandler::interfaceOf(const DBus::CallMessage& call) {
   const char* name = call.interface();
   if (name != nullptr) return find_interface(name);
@@ -95,7 +95,7 @@ void ProxyManagerDbusHandler::queueCalls() {
 
 int ProxyManagerDbusHandler::takeTurn() {
   if (!mRefusesCalls) return mWaitingCalls->takeTurn();
-  mWaitingCalls->serveAll();  // each is answered at once, as by a handler without a service
+  mWaitingCalls->serveAll();  // each call gets the answer of a handler without a service
   return -1;
 }
 

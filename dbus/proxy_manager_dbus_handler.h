@@ -28,16 +28,17 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
                                 public DBus::IntrospectableAdaptor {
  public:
   /// Registers the object at `path` of `connection`.
-  /// @param service not owned, may be null; must outlive the handler, or be detached before its
-  /// deletion
+  /// @param service not owned, may be null; must outlive the handler, or be detached before the
+  /// service is deleted
   ProxyManagerDbusHandler(ProxyManagerServiceImpl* service, DBus::Connection& connection,
                           const char* path);
   ~ProxyManagerDbusHandler() override;
   ProxyManagerDbusHandler(const ProxyManagerDbusHandler&) = delete;
   ProxyManagerDbusHandler& operator=(const ProxyManagerDbusHandler&) = delete;
 
-  /// Passes calls to `service` again. `service` must outlive the handler, or be detached before its
-  /// deletion. Waits for the call in progress. Any thread, except the bus thread inside a call.
+  /// Passes calls to `service` again. `service` must outlive the handler, or be detached before the
+  /// service is deleted. Waits for the call in progress. Any thread, except the bus thread inside a
+  /// call.
   void attachService(ProxyManagerServiceImpl& service) PM_EXCLUDES(mServiceMutex);
 
   /// After this call, every new call is answered as by a handler without a service. The function
@@ -53,8 +54,8 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   /// dispatched.
   void queueCalls();
   /// Serves one waiting call. Bus thread.
-  /// @return milliseconds after which the caller calls again if nothing arrives from the bus; -1:
-  /// never
+  /// @return the milliseconds after which the caller must call again if nothing arrives from the
+  /// bus; -1 means never
   int takeTurn();
 
   /// Always true.
@@ -62,7 +63,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   /// The service's answer. If there is no service, the answer is only "off".
   std::vector<std::string> getProxyurl(const std::string& requestUrl) override
       PM_EXCLUDES(mServiceMutex);
-  /// The service's configuration. If there is no service, "off" and five empty texts.
+  /// The service's configuration. If there is no service, the result is "off" and five empty texts.
   com::zentu::ProxyConfigTexts getProxyconfig() override PM_EXCLUDES(mServiceMutex);
   /// Passes the values to the service, emits notifyProxyConfigupdated with the same values, and
   /// returns the service's result. Without a service, returns -1 and emits no signal.
@@ -87,7 +88,7 @@ class ProxyManagerDbusHandler : public com::zentu::ProxyManagerServiceInterface_
   ProxyManagerServiceImpl* mService PM_GUARDED_BY(mServiceMutex);
   std::atomic<bool> mRefusesCalls{false};
   // How the call in progress is answered. Used only on the bus thread.
-  bool mAnswersAlone = false;          // as if there were no service
+  bool mAnswersAlone = false;          // as if the handler had no service
   bool mAnswersWithoutScript = false;  // as if the script gave no answer
   std::unique_ptr<WaitingCalls> mWaitingCalls;
 };

@@ -16,7 +16,7 @@ namespace service_callbacks {
 
 std::vector<std::string> getProxyUrl(ProxyManagerServiceImpl& service,
                                      const std::string& requestUrl);
-/// The answer that getProxyUrl() returns if the script gives none. Never waits.
+/// The answer that getProxyUrl() returns if the script has no answer. Never waits.
 std::vector<std::string> getProxyUrlWithoutScript(ProxyManagerServiceImpl& service);
 com::zentu::ProxyConfigTexts getProxyConfig(ProxyManagerServiceImpl& service);
 std::int32_t updateProxyConfig(ProxyManagerServiceImpl& service, const std::string& mode,

@@ -199,8 +199,8 @@ void WaitingCalls::onReply(const DBus::Message& reply) {
   if (serial != mMarker) return;
   mMarker = 0;
   // The bus answers in order, so it is enough to wait for the answer to the last question about a
-  // user. The thread waits only once: programs that connect all the time would cause more and more
-  // such questions.
+  // user. The thread waits only once, because programs that connect all the time would cause more
+  // and more such questions.
   if (mAsked.empty() || std::exchange(mWaitsForUsers, true)) return;
   mMarker = mAsked.rbegin()->first;
 }

@@ -3,18 +3,18 @@
 // The bus delivers all calls in one stream, so a call can overtake others only after it has been
 // read. Therefore the bus thread first reads all messages and then serves one call, in the order of
 // CallOrder. If serving a call takes long (an evaluation), an unknown number of calls collects in
-// the bus. The bus thread then sends a request of its own to the bus. The bus answers this request
-// after all messages that it already holds for this connection. No call is served until that answer
-// arrives or kReadLimit is over. So an administrator's call is found even behind thousands of other
-// calls. The thread also waits once for the answers to the questions about users that it has sent
-// to the bus. Without these answers, each connection of a flood would count as a separate user, and
-// all of them would be served before a new user.
+// the bus. The bus thread then sends a request of its own to the bus. The bus delivers all messages
+// that already wait for this connection before it answers the request. No call is served until that
+// answer arrives or kReadLimit is over. So an administrator's call is found even behind thousands
+// of other calls. The thread also waits once for the answers to the questions about users that it
+// has sent to the bus. Without these answers, each connection of a flood would count as a separate
+// user, and all of them would be served before a call of a new user.
 //
-// A question beyond the bounds of CallOrder is refused. After an evaluation that took a second or
+// A question beyond the limits of CallOrder is refused. After an evaluation that took a second or
 // more, refused calls are kept while other calls are read. They are answered after the calls of
 // users who have no refused call. The reason: a program that floods the daemon sends its next call
-// when it gets an answer. With ten thousand open calls, the bus needs more time for an answer and
-// the next call than this thread does.
+// when it gets an answer. If ten thousand calls are open, the bus needs more time than this thread
+// to pass on an answer and the next call.
 //
 // The bus knows the user of a connection and whether the connection has ended. This class asks the
 // bus only when calls delay each other: after a call that took long, or when more than kCrowd calls
@@ -57,8 +57,8 @@ class WaitingCalls {
   /// waiting questions would fill the 63 MiB that libdbus allows for messages that are not answered
   /// yet.
   static constexpr std::size_t kMaxWaitingUrl = 16U << 10U;
-  /// Maximum number of refused calls that are kept while other calls are read: 256 connections of a
-  /// user, with 128 calls each, the limit of the system bus. Further refused calls are answered at
+  /// Maximum number of refused calls that are kept while other calls are read: the system bus
+  /// allows one user 256 connections with 128 calls each. Further refused calls are answered at
   /// once.
   static constexpr std::size_t kMaxRefused = std::size_t{256} * 128;
   /// Number of refused calls that are answered before the thread reads again.
@@ -77,8 +77,8 @@ class WaitingCalls {
   void add(const DBus::CallMessage& call, Kind kind, bool isUpdate);
 
   /// Serves the next call, if one may be served now.
-  /// @return milliseconds after which the caller calls again if nothing arrives from the bus; -1:
-  /// never
+  /// @return the milliseconds after which the caller must call again if nothing arrives from the
+  /// bus; -1 means never
   int takeTurn();
 
   /// Serves all waiting calls at once, in order, after the service has been detached.

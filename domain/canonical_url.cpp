@@ -35,7 +35,8 @@ bool isScheme(std::string_view text) {
          });
 }
 
-/// Whether a URL of this scheme is encrypted: only the server sees its path and query.
+/// Whether traffic of this scheme is encrypted, so that only the server sees the URL's path and
+/// query.
 bool isEncrypted(std::string_view scheme) {
   return scheme == "https" || scheme == "wss";
 }

@@ -24,11 +24,11 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< longest URL that a 
 /// - a text without "://", or without a valid scheme before "://", stays unchanged.
 ///
 /// A text that has a scheme but is not a valid URL is cut to its scheme, as in "http:///", because
-/// any other part of it may contain a password. It is not valid if it has no host, blanks in the
+/// any other part of it may contain a password. A URL is not valid if it has no host, blanks in the
 /// host, two "@", a port beyond 65535, or control characters. The canonical form of a canonical URL
 /// is the URL itself.
-/// @return nothing if the URL has more than maxBytes as given or as canonical
-/// Any thread; throws std::bad_alloc only.
+/// @return nothing if `url` or its canonical form is longer than maxBytes Any thread; throws
+/// std::bad_alloc only.
 std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxBytes = kMaxUrlBytes);
 
 /// `host` in lower case. The fullwidth forms of ASCII and the ideographic full stops become ASCII:

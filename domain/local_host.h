@@ -1,6 +1,7 @@
-// Decides which URLs stay on this machine or this link. No proxy reaches the hosts of these URLs,
-// so nobody has to ask the daemon about them. Users of this file: client/library (local answers)
-// and proxymanagerctl (no_proxy, client/ctl/commands/proxy_variables.h).
+// Decides whether the host of a URL is on this machine or on the local network link. No proxy
+// reaches such a host, so nobody has to ask the daemon about its URLs. Users of this file:
+// client/library (local answers) and proxymanagerctl (no_proxy,
+// client/ctl/commands/proxy_variables.h).
 #pragma once
 
 #include <string_view>

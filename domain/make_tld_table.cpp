@@ -26,7 +26,7 @@
 
 namespace {
 
-/// @return the code points of `text`, nothing if it is not UTF-8
+/// @return the code points of `text`, or nothing if `text` is not UTF-8
 std::optional<std::vector<std::uint32_t>> codePoints(std::string_view text) {
   std::vector<std::uint32_t> result;
   for (std::size_t at = 0; at < text.size();) {
@@ -49,7 +49,7 @@ std::vector<std::string> readRules(std::istream& list) {
   return rules;
 }
 
-/// @return the bucket of `rule` among `buckets`, nothing if it is not UTF-8
+/// @return the bucket of `rule` among `buckets`, or nothing if `rule` is not UTF-8
 std::optional<std::uint32_t> bucketOf(const std::string& rule, std::uint32_t buckets) {
   const auto points = codePoints(rule);
   if (!points) return std::nullopt;

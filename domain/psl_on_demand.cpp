@@ -1,7 +1,8 @@
-// libpsl, mapped at the first name that may be a public suffix. This happens only in mode wpad.
+// Maps libpsl when the daemon checks the first name that may be a public suffix. The daemon checks
+// names only in mode wpad.
 //
 // If the library is missing, psl_builtin() returns null, and then every name counts as a public
-// suffix; libpsl itself gives the same answer without a list.
+// suffix. libpsl gives the same answer if it has no list.
 #include <libpsl.h>
 
 #include <atomic>

@@ -3,8 +3,8 @@
 // The table is a snapshot of the Public Suffix List (https://publicsuffix.org). It is generated at
 // build time (make_tld_table.cpp) and is constant: at run time, nothing is parsed or allocated for
 // it. Markers ("*." and "!") are part of the stored rules and match only themselves; they do not
-// work as wildcards and exceptions. In public_suffix.h, they do. No lookup finds a rule with bytes
-// above 127.
+// work as wildcards and exceptions. isPublicSuffix() (public_suffix.h) does use them as wildcards
+// and exceptions. No lookup finds a rule with bytes above 127.
 //
 // All functions are safe on any thread and never fail. They log lines at LOG_INFO, for example one
 // line for each rule that they compare.

@@ -20,8 +20,8 @@ constexpr std::uint32_t tldHashStep(std::uint32_t h, std::uint32_t unit) {
 }
 
 /// The hash of the bytes of a text, for lookups. Rules are in lower case, but names may have
-/// upper-case letters, so upper-case ASCII letters count as lower-case ones. If this text continues
-/// another one, `h` is the hash of that other text.
+/// upper-case letters, so upper-case ASCII letters count as lower-case ones. If `text` continues an
+/// earlier text, `h` is the hash of the earlier text.
 constexpr std::uint32_t tldHashOf(std::string_view text, std::uint32_t h = 0) {
   for (const char c : text) h = tldHashStep(h, static_cast<unsigned char>(base::lowerCase(c)));
   return h;

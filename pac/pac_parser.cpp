@@ -54,8 +54,8 @@ bool PacParser::stop() {
   logLine(LOG_INFO, "PacParser-stop called ");
   mServiceImpl = nullptr;
   {
-    // The worker thread reads the flag and begins its wait while it holds this mutex. So it either
-    // finds the flag changed, or already waits and is woken.
+    // The worker thread reads the flag and begins its wait while it holds this mutex. So the thread
+    // either sees the changed flag, or is already waiting and is woken.
     const Lock lock(mWaitMutex);
     mRunning = false;
   }
@@ -94,7 +94,7 @@ void PacParser::waitForNotice() {
   mCond.wait_until(lock.native(), std::chrono::system_clock::now() + wait);
 }
 
-// The gate is taken before the parser's mutexes, so that no answer of an old script enters the
+// mAnswerGate is locked before the parser's mutexes, so that no answer of an old script enters the
 // emptied cache. The wait mutex is not held during an evaluation: a caller of getProxyASync has
 // only 200 ms to take it, and an evaluation may take longer.
 void PacParser::runQueued() {
@@ -200,8 +200,8 @@ bool PacParser::queueQuestion(const std::string& requestUrl, const std::string& 
   return false;
 }
 
-// If a question has no answer, the engine reports nothing. The host of such a question is dropped
-// when space is needed.
+// If a question has no answer, the engine reports nothing. The host of such a question stays in
+// mPendingHosts until another host needs its place.
 void PacParser::notePending(const std::string& key) {
   const Lock lock(mCacheMutex);
   if (mPendingHosts.size() >= kMaxPendingHosts && mPendingHosts.count(key) == 0) {

@@ -1,17 +1,17 @@
 // The current PAC script, the engine that runs it, and the answers of the script.
 //
 // Each time the fetcher has installed a file, the parser reads the script again and makes a new
-// engine. It empties the cache only if the script's digest has changed. If the cache has the host
-// of a query, the answer comes from the cache. Otherwise the engine evaluates the query on the
-// caller's thread. The parser's own thread evaluates only the questions that asynchronous queries
-// have queued in the engine.
+// engine. The parser empties the cache only if the script's digest has changed. If the cache has
+// the host of a query, the answer comes from the cache. Otherwise the engine evaluates the query on
+// the caller's thread. The parser's own thread evaluates only the questions that asynchronous
+// queries have queued in the engine.
 //
 // Locks: a thread may take the cache's mutex while it holds the engine's mutex. While a thread
-// holds the wait mutex, it takes no other lock. The gate of the answers is taken before all these
-// mutexes. The lists that getProxy returns share their texts with the cache. So a caller holds the
-// gate shared (shareAnswers) while it copies the texts. A reload holds the gate exclusively from
-// the emptying of the cache until the new engine is in place. So no text is freed while it is read,
-// and no answer of the old script enters the emptied cache.
+// holds the wait mutex, it takes no other lock. mAnswerGate, a shared mutex, is locked before all
+// these mutexes. The lists that getProxy returns share their texts with the cache. So a caller
+// holds mAnswerGate shared (shareAnswers) while it copies the texts. A reload holds mAnswerGate
+// exclusively from before it empties the cache until the new engine is in place. So no text is
+// freed while it is read, and no answer of the old script enters the emptied cache.
 //
 // Two files implement the class: pac_script_file.cpp reads the script, compares its digest and
 // rebuilds the engine; pac_parser.cpp does everything else. pac_result.h parses results.
@@ -62,8 +62,8 @@ class PacParser {
 
   /// Reads the script and makes a new engine with it. If the file cannot be read, the old engine
   /// stays. If the script is refused, there is no engine. One thread at a time. Waits until no
-  /// thread holds shareAnswers(), for a query in the engine (5 s at most), and for the load of the
-  /// script (5 s at most).
+  /// thread holds the lock of shareAnswers(). Then waits for a query in the engine (5 s at most)
+  /// and for the load of the script (5 s at most).
   /// @return 0
   int parsePacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
@@ -72,7 +72,7 @@ class PacParser {
 
   /// Reads the script. If the script's digest has changed, empties the cache and notifies the
   /// service. Reads only a regular file of root or of the process's user. One thread at a time.
-  /// Waits like parsePacFile, but not for the load.
+  /// Waits like parsePacFile, but not for the load of the script.
   /// @return 1 if the script was read, else 0
   int readPacFile(const std::string& fileName) PM_EXCLUDES(mEngineMutex, mCacheMutex);
 
@@ -159,11 +159,11 @@ class PacParser {
   std::atomic<bool> mHasEngine{false};  // whether mPac is set; reading it never waits
   const bool mPacInitOption;
   HeapText mPacContent PM_GUARDED_BY(mEngineMutex);
-  HeapText mPacHash;  // changed only while the gate is held exclusively
+  HeapText mPacHash;  // changed only while mAnswerGate is held exclusively
   std::map<std::string, bool> mPendingHosts PM_GUARDED_BY(mCacheMutex);
   RecursiveMutex mEngineMutex;
   RecursiveMutex mCacheMutex PM_ACQUIRED_AFTER(mEngineMutex);
-  Mutex mWaitMutex;  // a leaf: no other lock is taken while it is held
+  Mutex mWaitMutex;  // a thread that holds it takes no other lock
   std::shared_mutex mAnswerGate;
   std::atomic<bool> mRunning{false};
   std::atomic<bool> mNotified{false};

@@ -16,7 +16,8 @@ char* heapText(const std::string& text) {
   return string2Char(text.data(), static_cast<std::int32_t>(text.size()));
 }
 
-// Adds an empty entry to the list first: if memory runs out there, no text of an entry is lost.
+// Adds an empty entry to the list first: if that allocation fails, there is no text yet that could
+// be lost.
 // @return the entry, or null if the piece is not an entry
 const ProxyUrlSetting* append(ProxyUrlSettings& settings, const std::string& piece) {
   settings.emplace_back();

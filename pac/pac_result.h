@@ -20,9 +20,9 @@ inline constexpr int kMaxResultPieces = 64;
 /// texts and releases them with cleanupProxySetting().
 ProxyUrlSettings entriesOf(const std::string& proxys);
 
-/// One entry. Its type is 1 for "DIRECT", 2 for "PROXY ...", 3 for "SOCKS ...". For any other text
-/// it is 0, and the entry has no text. Blanks and tabs before the entry are ignored. The caller
-/// owns the text of the entry and releases it with cleanupProxySetting().
+/// One entry. Its type is 1 for "DIRECT", 2 for "PROXY ...", 3 for "SOCKS ...". For any other text,
+/// the type is 0 and the entry has no text. Blanks and tabs before the entry are ignored. The
+/// caller owns the text of the entry and releases it with cleanupProxySetting().
 ProxyUrlSetting entryOf(std::string proxy);
 
 }  // namespace script_result

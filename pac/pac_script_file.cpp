@@ -20,8 +20,8 @@ constexpr std::size_t kFirstBuffer = 8192;
 
 // Every user may write in the script's folder. So a file of another user is not read, and opening a
 // fifo does not block. A folder is not refused here, because reading it fails without harm. A file
-// with a second name (hard link) is accepted: otherwise, any user who may make hard links could
-// block every script.
+// with a second name (hard link) is accepted. If such a file were refused, any user who may make
+// hard links could block every script.
 base::UniqueFd openScript(const std::string& fileName) {
   base::UniqueFd file(open(fileName.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
@@ -38,7 +38,8 @@ base::UniqueFd openScript(const std::string& fileName) {
 /// reports exhausted memory as a return value and not as an exception.
 class PacParser::ReadBuffer {
  public:
-  /// Reads `file` to its end. @return whether that succeeded; if not, a log line has the reason
+  /// Reads `file` to its end. @return whether the reading succeeded; if not, a log line has the
+  /// reason
   bool readAll(int file, const std::string& fileName) {
     mData.reset(static_cast<char*>(std::calloc(kFirstBuffer, 1)));
     if (mData == nullptr) return outOfMemory(fileName);
@@ -93,7 +94,7 @@ int PacParser::parsePacFile(const std::string& fileName) {
   }
   const Lock lock(mEngineMutex);
   mHasEngine = false;
-  mPac.reset();  // released first, so that there are never two workers
+  mPac.reset();  // released first: each engine has a worker process
   mPac.reset(pac_init(mPacContent.get(), mPacInitOption ? PAC_OPTION_OFFLINE : PAC_OPTION_ONLINE,
                       notify, this));
   logLine(LOG_INFO, "PacParser-parsePacFile pac init");

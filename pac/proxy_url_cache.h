@@ -47,15 +47,16 @@ class ProxyUrlCache {
   ProxyUrlCache(const ProxyUrlCache&) = delete;
   ProxyUrlCache& operator=(const ProxyUrlCache&) = delete;
 
-  /// @param list receives the entries if the cache has `key`; they share the cache's texts. Else
-  /// unchanged
+  /// @param list receives the entries if the cache has `key`; they share the cache's texts. If the
+  /// cache does not have `key`, `list` is not changed
   /// @return whether the cache has `key`; if so, `key` is now the most recently used key. `key` may
   /// be any text, also an empty one
   bool get(const std::string& key, ProxyUrlSettings& list);
 
-  /// Stores `list` under `key` as the most recently used, and replaces an earlier list of that key.
-  /// Before a new key enters a full cache, the least recently used key is dropped. If an allocation
-  /// fails, std::bad_alloc is thrown, the cache is unchanged and the caller still owns the texts.
+  /// Stores `list` under `key`, makes `key` the most recently used key, and replaces an earlier
+  /// list of that key. Before a new key enters a full cache, the least recently used key is
+  /// dropped. If an allocation fails, std::bad_alloc is thrown, the cache is unchanged and the
+  /// caller still owns the texts.
   void set(const std::string& key, ProxyUrlSettings list);
 
   /// Drops all keys, in their alphabetical order.

@@ -7,8 +7,8 @@ class ProxyManagerServiceImpl;
 namespace service_callbacks {
 
 /// Reports to the service that the content of the script has changed. Does nothing if `service` is
-/// null. Called on the thread that installs the script (the fetcher's). During the call, the parser
-/// holds the gate and no other lock.
+/// null. Called on the fetcher thread, which installs the script. During the call, the parser holds
+/// mAnswerGate exclusively and no other lock.
 void notifyContentUpdated(ProxyManagerServiceImpl* service);
 
 }  // namespace service_callbacks

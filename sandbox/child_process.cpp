@@ -86,8 +86,9 @@ int setAttributes(SpawnAttributes& spawn) {
   // for its child.
   posix_spawnattr_setpgroup(&spawn.attributes, 0);
   int flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETPGROUP;
-  // A child in an endless loop must not have a real-time priority of the program. Policies with
-  // less priority than the ordinary one are kept: a program needs a privilege to leave SCHED_IDLE.
+  // A child in an endless loop must not have the program's real-time priority. Policies with less
+  // priority than the ordinary policy are kept, because a program needs a privilege to leave
+  // SCHED_IDLE.
   if (isRealTime(sched_getscheduler(0))) {
     const sched_param ordinary{};
     posix_spawnattr_setschedpolicy(&spawn.attributes, SCHED_OTHER);
@@ -127,9 +128,9 @@ bool waitUnlessItLives(const UniqueFd& process, siginfo_t& info) {
          info.si_pid != 0;
 }
 
-/// Killed processes that have not ended yet. Whenever a child is started or ended, those that have
-/// ended by then are reaped (waitid). Otherwise they would stay in the process table until this
-/// process ends.
+/// Killed processes that have not ended yet. Whenever a child is started or ended, this class reaps
+/// (waitid) the killed processes that have ended by then. A process that is not reaped stays in the
+/// process table until this process ends.
 class UnreapedChildren {
  public:
   void add(UniqueFd process) {

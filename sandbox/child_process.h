@@ -3,12 +3,13 @@
 // The child is started by posix_spawn, which is safe in a program with threads. It gets default
 // signals, an empty signal mask, no real-time scheduling policy, its own process group, and the
 // environment that the caller passes. Its three standard descriptors are on /dev/null. In addition,
-// it gets the descriptors that the caller passes, and no others. The parent kills it and waits for
-// it through a descriptor of the process (pidfd). A SIGCHLD handler of the program, or a thread
-// that waits for any child, may already have reaped the child. Even then, the parent never kills a
-// wrong process.
+// it gets the descriptors that the caller passes, and no others. The parent kills the child and
+// waits for it through a descriptor of the process (pidfd). A SIGCHLD handler of the program, or a
+// thread that waits for any child, may already have reaped the child. Even then, the parent never
+// kills a wrong process.
 //
-// The child raises its own walls (walls.h) before it reads the first byte of the foreign data.
+// The child puts restrictions on itself (walls.h) before it reads the first byte of the foreign
+// data.
 #pragma once
 
 #include <sys/types.h>
@@ -31,7 +32,7 @@ struct ChildOptions {
   std::string program;  ///< path of the program's file
   std::vector<int>
       descriptors;  ///< become the child's descriptors 3, 4, ...; the caller keeps its own
-  std::vector<std::string> environment;  ///< its whole environment, as NAME=value
+  std::vector<std::string> environment;  ///< the child's whole environment, as NAME=value
 };
 
 class ChildProcess {
@@ -54,8 +55,8 @@ class ChildProcess {
   /// Kills the child unless it has ended, and waits for its end for at most 1 s. There are three
   /// reasons why a child does not end: it is in a system call that cannot be interrupted; a
   /// debugger has stopped it; or this process is root without CAP_KILL, and has no right to kill
-  /// it. The log then gets a warning, and the next start or end of a child waits for that child
-  /// again.
+  /// the child. The log then gets a warning, and the next start or end of a child waits for that
+  /// child again.
   /// @return how the child ended, for the log: "exit 0", "signal 9", "does not end", or "ended" if
   ///         this function ran before
   std::string end();

@@ -17,7 +17,7 @@ namespace {
 
 // The rights of Landlock's first version, and the rights that later versions added (move files
 // between folders, truncate them, control devices). Old headers of the system do not define the
-// later ones.
+// later rights.
 constexpr std::uint64_t kFirstRights = (std::uint64_t{LANDLOCK_ACCESS_FS_MAKE_SYM} << 1U) - 1;
 constexpr std::uint64_t kMoveRight = std::uint64_t{1} << 13U;
 constexpr std::uint64_t kCutRight = std::uint64_t{1} << 14U;

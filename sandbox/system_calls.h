@@ -1,5 +1,5 @@
-// A list of the system calls that a process may still make, enforced through libseccomp. It exists
-// only in builds with PROXYMANAGER_SECCOMP. Callers use SCMP_SYS(name) for a call. Without
+// A list of the system calls that a process may still make, enforced through libseccomp. This code
+// exists only in builds with PROXYMANAGER_SECCOMP. Callers use SCMP_SYS(name) for a call. Without
 // PROXYMANAGER_SECCOMP, the callers are compiled out.
 #pragma once
 

@@ -1,8 +1,8 @@
-// The walls that all child processes share. A child process raises its walls before it reads the
-// first byte of the foreign data that it parses. Each program calls the functions below in their
-// order: the script worker in engine/worker/sandbox.h, the download in fetcher/child/walls.h. The
-// program's list of system calls (system_calls.h) is the last wall, because the other walls need
-// calls that no list allows.
+// The restrictions ("walls") that are common to all child processes. A child process puts these
+// restrictions on itself before it reads the first byte of the foreign data that it parses. Each
+// program calls the functions below in their order: the script worker in engine/worker/sandbox.h,
+// the download in fetcher/child/walls.h. The program sets its list of system calls (system_calls.h)
+// last, because the other functions need calls that no list allows.
 //
 // All functions are called by a process that has one thread.
 #pragma once
@@ -16,9 +16,8 @@
 
 namespace sandbox {
 
-/// Empty if the wall was raised; else the name of the wall that could not be raised, and the
-/// reason.
-/// If a wall could not be raised, the process must end without reading anything.
+/// Empty if the restriction is in force; otherwise the name of the restriction that failed, and the
+/// reason. If there is a failure, the process must end without reading anything.
 using Failure = std::optional<std::string>;
 
 /// A failure with the text "WHAT: TEXT OF ERRNO".
@@ -36,8 +35,8 @@ enum class Network : std::uint8_t {
 /// root keeps its user.
 Failure giveUpPrivileges(Network network);
 
-/// After this call, the kernel ends this process first if memory runs out. This is not a wall: if
-/// the system has no such setting, this is not a failure. Call it before giveUpPrivileges.
+/// After this call, the kernel ends this process first if memory runs out. If the system has no
+/// such setting, this is not a failure. Call it before giveUpPrivileges.
 void volunteerForOutOfMemory();
 
 struct Limit {

@@ -1,5 +1,5 @@
-// The functions of the service that fetcher/, pac/ and dbus/ call. These folders call upward only
-// through this file.
+// The functions of the service that fetcher/, pac/ and dbus/ call. These folders call the service
+// only through this file.
 #include "dbus/service_callbacks.h"
 #include "fetcher/service_callbacks.h"
 #include "pac/service_callbacks.h"

@@ -1,8 +1,9 @@
 // proxymanagerd: its start, its main loop and its end.
 //
-// The service's threads do the work; the main thread only sleeps. SIGTERM and SIGHUP are blocked in
-// every thread. The main thread unblocks them only during its sleep, atomically. So their handlers
-// run while the main thread holds no lock, and the handlers may log.
+// The service's threads do the work; the main thread only sleeps and feeds the watchdog. SIGTERM
+// and SIGHUP are blocked in every thread. The main thread unblocks them only during its sleep:
+// ppoll() changes the mask and sleeps in one step. So their handlers run while the main thread
+// holds no lock, and the handlers may log.
 
 #include <poll.h>
 #include <sys/stat.h>
@@ -78,7 +79,7 @@ std::unique_ptr<SlService> create_proxymanager_service() {
   return std::make_unique<ProxyManagerServiceImpl>();
 }
 
-/// Blocks SIGTERM and SIGHUP in this thread, and so also in the threads that it starts.
+/// Blocks SIGTERM and SIGHUP in this thread, and so also in the threads that this thread starts.
 /// @return the mask that unblocks them
 sigset_t blockSignals() {
   sigset_t handled;
@@ -135,7 +136,8 @@ void limitItself() {
   process::forbidDumps();
   process::keepCapabilitiesFromChildren();
   process::returnFreedMemory();
-  // This replaces the supervisor's mask, because all users may read the script.
+  // Replaces the file mode mask of the supervisor, because all users must be able to read the
+  // script.
   umask(S_IWGRP | S_IWOTH);
 }
 

@@ -235,8 +235,8 @@ void ProxyManagerServiceImpl::waitForNextAnnouncement() {
                          [this] { return mStartupEventDone.load(); });
 }
 
-// The announcing thread reads the flag and begins its wait while it holds the mutex. So it either
-// finds the flag set, or already waits and is woken.
+// The announcing thread reads the flag and begins its wait while it holds the mutex. So the thread
+// either sees that the flag is set, or is already waiting and is woken.
 void ProxyManagerServiceImpl::endAnnouncements() {
   {
     const Lock lock(mAnnounceMutex);

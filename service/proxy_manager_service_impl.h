@@ -38,8 +38,9 @@ class ProxyManagerServiceImpl : public SlService {
 
   /// Waits for the request in progress, then ends the fetcher, the parser, the announcements and
   /// the dispatching. Waits for a transfer in progress (30 s at most) and for the load of its
-  /// script (5 s at most); the other candidates of the walk fail at once. Requests that arrive
-  /// during the stop are answered as by a daemon without a service object. Main thread.
+  /// script (5 s at most); the other candidates of the walk (the search for a script) fail at once.
+  /// Requests that arrive during the stop get the answers of a bus object without a service
+  /// (dbus/proxy_manager_dbus_handler.h). Main thread.
   void stop() override;
   /// Starts fetcher, parser, dispatching and announcements. Main thread. Throws std::system_error
   /// if a thread cannot be started. @return 0
@@ -63,7 +64,7 @@ class ProxyManagerServiceImpl : public SlService {
   /// modes. Waits for an evaluation, 5 s at most. Bus thread.
   std::vector<std::string> getProxyUrl(const std::string& requestUrl);
 
-  /// The result that getProxyUrl() has if the script has no answer. Never waits. Bus thread.
+  /// The result that getProxyUrl() returns if the script has no answer. Never waits. Bus thread.
   std::vector<std::string> getProxyUrlWithoutScript();
 
   /// Called when a new PAC file is in place. Fetcher thread.

@@ -4,9 +4,9 @@
 // A record holds integers and heap C strings. The holder of the record owns its strings:
 // string2Char() allocates them (malloc) and the cleanup functions free them (free). Copying a
 // record by value shares the pointers; cloneProxyConfig makes a deep copy. Every function is safe
-// on any thread, as long as no two threads use the same record. Each logs one line (LOG_INFO) when
-// it is called, except string2Char(), which logs only a refusal. The functions do not check whether
-// an allocation failed. Pointers to records are never null. The classes in
+// on any thread, as long as no two threads use the same record. Each function logs one line
+// (LOG_INFO) when it is called, except string2Char(), which logs only a refusal. The functions do
+// not check whether an allocation failed. Pointers to records are never null. The classes in
 // service/records/proxy_config_owner.h free a record's strings at the end of a scope, without a log
 // line.
 #pragma once
@@ -36,8 +36,8 @@ struct ProxyUrlSetting {
 
 /// The entries of one answer, in the script's order. Copies share the `url` pointers. Each cache
 /// hit copies the list. The type is a vector, because an answer has only a few entries of 16 bytes.
-/// For three entries, a copy of a vector needs one allocation. A linked list would need three
-/// allocations, and three times as long.
+/// For three entries, a copy of a vector needs one allocation. A copy of a linked list would need
+/// three allocations and three times the time.
 using ProxyUrlSettings = std::vector<ProxyUrlSetting>;
 
 /// A list of URLs. No code of the daemon fills such a list; the type completes the set of records.
@@ -63,9 +63,9 @@ void initProxyConfig(ProxyConfig* config);
 void cleanupProxyConfig(ProxyConfig* config);
 
 /// Copies `srcConfig` deeply into `destConfig`. `destConfig` is new or cleaned: its strings are not
-/// freed. A null source string leaves the destination's string unchanged; an empty one makes it
-/// null. A null pointer is a mistake of the caller: the function logs it (LOG_ERR), and then
-/// crashes.
+/// freed. A null source string leaves the destination's string unchanged; an empty source string
+/// sets the destination's string to null. Null records are a mistake of the caller: the function
+/// logs a LOG_ERR line, and then crashes.
 void cloneProxyConfig(const ProxyConfig* srcConfig, ProxyConfig* destConfig);
 
 /// Makes `info` a fresh record with `count` empty slots. If `count` <= 0, there is no slot and no

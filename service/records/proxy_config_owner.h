@@ -30,8 +30,8 @@ inline char* heapCopy(const char* text) {
 }
 
 /// A ProxyConfig that owns its strings. `*owner` and `owner.get()` are the record, for functions
-/// that need one. A copy of `*owner` shares the strings and is valid only as long as the owner. Not
-/// synchronised: the code that holds the owner guards it.
+/// that need a record. A copy of `*owner` shares the strings and is valid only as long as the
+/// owner. The class has no lock: the code that has the owner must prevent simultaneous use.
 class ProxyConfigOwner {
  public:
   ProxyConfigOwner() = default;
