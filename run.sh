@@ -217,7 +217,8 @@ script_is_loaded() { [ "$(ask http://ready.example/ | wc -l)" -gt 1 ]; }
 # Prints the texts of the answer, one in each line: the mode, then the entries in their order.
 ask() { service_call getProxyurl "string:$1" | sed -n 's/^ *string "\(.*\)"$/\1/p'; }
 
-# question URL EXPECTED...: asks the daemon, prints the answer, and counts it if it is wrong.
+# question URL EXPECTED...: asks the daemon, prints the answer, and counts the answer if it is
+# wrong.
 wrong=0
 question() {
   local url=$1 answer

@@ -34,8 +34,8 @@ endfunction()
 # For every target. The script engine has its own compile options, so its CMake file adds these again.
 set(proxymanager_hardening_flags "")
 set(proxymanager_hardening_cxx_flags "")
-# Only for the script worker and its engine: if a faulty engine reads stack memory that was not set,
-# it reads zeros.
+# This option is only for the script worker and its engine: if a faulty engine reads stack memory
+# that was not set, the engine reads zeros.
 set(proxymanager_worker_hardening_flags "")
 if(PROXYMANAGER_HARDENING)
   proxymanager_known_flags(proxymanager_hardening_flags -fstack-protector-strong

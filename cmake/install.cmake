@@ -38,8 +38,9 @@ if(TARGET proxymanager_gio)
       "${CMAKE_INSTALL_FULL_LIBDIR}")
     string(REGEX REPLACE "/$" "" path "${path}")
     set_target_properties(proxymanager_gio PROPERTIES INSTALL_RPATH "$ORIGIN/${path}")
-    # CMake adds an empty entry to a path that it replaces later, and the dynamic linker takes it for
-    # the current folder. So the module is linked with its final path, if BUILD/out has the same folders.
+    # CMake adds an empty entry to a path that it replaces later, and the dynamic linker reads an
+    # empty entry as the current folder. So the module is linked with its final path, if BUILD/out
+    # has the same folders.
     if(path STREQUAL "../..")
       set_target_properties(proxymanager_gio PROPERTIES BUILD_WITH_INSTALL_RPATH ON)
     endif()

@@ -7,8 +7,8 @@
 #       [-DTODAY=2026-12-31] -P security_documents.cmake
 #
 # FOREIGN: the programs are of another architecture, so the versions of packages on this machine are
-# not used. HOLES lists the known vulnerabilities of the engine. For the engine's version, each of them
-# must be fixed, unreachable or in triage; otherwise the script fails. Warns if the engine is older
+# not used. HOLES lists the known vulnerabilities of the engine. If one of them is not fixed,
+# unreachable or in triage for the engine's version, the script fails. Warns if the engine is older
 # than half a year.
 cmake_minimum_required(VERSION 3.25)
 string(REPLACE "|" ";" PROGRAMS "${PROGRAMS}")
@@ -32,7 +32,7 @@ macro(append variable json)
   string(JSON ${variable} SET "${${variable}}" ${ARGN} ${json_length} "${json}")
 endmacro()
 
-# Sets ${out} to the installed version of a Debian package. It is empty if the package is not
+# Sets ${out} to the installed version of a Debian package. ${out} is empty if the package is not
 # installed, or if there is no dpkg.
 function(package_version out package)
   execute_process(COMMAND dpkg-query -W -f "\${Version}" "${package}"
@@ -84,7 +84,8 @@ function(needed out program)
 endfunction()
 
 # Sets ${out} to the component for the engine. If a package of the distribution owns the header, the
-# component is that package. Otherwise it is upstream's release, which the build compiles.
+# component is that package. Otherwise the component is upstream's release, which the build
+# compiles.
 function(engine_component out)
   component(json library quickjs-ng "${ENGINE_VERSION}" "" required)
   execute_process(COMMAND dpkg-query -S "${ENGINE_HEADER}" OUTPUT_VARIABLE owner ERROR_QUIET

@@ -1,5 +1,5 @@
-# One set of warnings for every target of this tree. It never applies to targets that link this
-# tree.
+# One set of warnings for every target of this tree. These warnings never apply to targets of other
+# projects that link this tree.
 add_library(proxymanager_warnings INTERFACE)
 target_compile_options(proxymanager_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef -Wcast-qual -Wcast-align

@@ -27,8 +27,8 @@ inline constexpr std::size_t kMaxUrlBytes = 8U << 10U;  ///< longest URL that a 
 /// any other part of it may contain a password. A URL is not valid if it has no host, blanks in the
 /// host, two "@", a port beyond 65535, or control characters. The canonical form of a canonical URL
 /// is the URL itself.
-/// @return nothing if `url` or its canonical form is longer than maxBytes Any thread; throws
-/// std::bad_alloc only.
+/// @return nothing if `url` or its canonical form is longer than maxBytes
+/// Any thread; throws std::bad_alloc only.
 std::optional<std::string> canonicalUrl(std::string_view url, std::size_t maxBytes = kMaxUrlBytes);
 
 /// `host` in lower case. The fullwidth forms of ASCII and the ideographic full stops become ASCII:

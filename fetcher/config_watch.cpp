@@ -27,8 +27,8 @@ constexpr std::size_t kAnyLength = SIZE_MAX;
 int addWatch(int fd, const char* path) {
   const auto file = base::openFile(path, {.mostBytes = kAnyLength});
   if (file.failure) return -1;
-  // The watch is set through the descriptor. So it watches the checked file, even if another file
-  // has that name by now.
+  // The watch is set through the descriptor. So the checked file is watched, even if another file
+  // now has that name.
   const std::string opened = "/proc/self/fd/" + std::to_string(file.fd.get());
   return inotify_add_watch(fd, opened.c_str(), kChanges);
 }
@@ -127,8 +127,8 @@ void ConfigWatch::end() {
 }
 
 // When a watch is removed, the kernel queues an event, and this event wakes the thread from select.
-// If the watch has already ended with its file, there is no event. Then a watch on "/" is made and
-// removed, with the same effect.
+// If the watch has already ended because its file was removed, the kernel queues no event. In this
+// case, a watch on "/" is made and removed, with the same effect.
 void ConfigWatch::removeWatches(bool wakeThread) {
   if (mWatchesRemoved || mInotifyFd < 0) return;
   mWatchesRemoved = true;

@@ -30,7 +30,8 @@ class ConfigWatch {
   /// Cancels an earlier end(). Call it before the watch thread starts.
   void begin() PM_EXCLUDES(mMutex);
 
-  /// Makes the inotify descriptor. If its number is too large for select, the call fails.
+  /// Makes the inotify descriptor. If the descriptor's number is too large for select, the call
+  /// fails.
   /// @return the descriptor; negative, after a LOG_ERR line, if there is none
   int open() PM_EXCLUDES(mMutex);
 
@@ -41,7 +42,8 @@ class ConfigWatch {
   /// @return whether there were events
   bool readEvents(char* buffer);
 
-  /// Waits for `duration`, so that all events during this wait count as one. end() ends the wait.
+  /// Waits for `duration`, so that all events during this wait count as one event. end() ends the
+  /// wait.
   void pause(std::chrono::milliseconds duration) PM_EXCLUDES(mMutex);
 
   /// Removes the watches, and closes the descriptor.
@@ -53,7 +55,7 @@ class ConfigWatch {
  private:
   void removeWatches(bool wakeThread) PM_REQUIRES(mMutex);
 
-  Mutex mMutex;  // a leaf: no other lock is taken while it is held
+  Mutex mMutex;  // a thread that holds it takes no other lock
   int mInotifyFd PM_GUARDED_BY(mMutex) = -1;
   std::vector<int> mWatchDescriptors PM_GUARDED_BY(mMutex);
   bool mWatchesRemoved PM_GUARDED_BY(mMutex) = false;

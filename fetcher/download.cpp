@@ -21,7 +21,7 @@ namespace {
 constexpr std::int64_t kTransferSeconds = 30;
 constexpr std::int64_t kMostRedirects = 5;
 // libcurl's own option ends a transfer 30 s after its start. The child then has a quarter of a
-// second to report the result. If it does not, it is killed.
+// second to report the result. If the child does not report in this time, it is killed.
 constexpr std::chrono::milliseconds kTransferLimit{30250};
 
 bool isWebScheme(const std::string& scheme) {
@@ -98,14 +98,14 @@ class SwitchedTransfer {
 namespace {
 
 /// Starts a process and sends it the request. @return the process; null, with the reason in
-/// `problem`, if this fails
+/// `problem`, after a failure
 std::unique_ptr<FetchProcess> startTransfer(const std::string& url, const DownloadOptions& options,
                                             std::string& problem) {
   auto process =
       FetchProcess::start(options.program.empty() ? fetchProgram() : options.program, problem);
   if (!process) return nullptr;
   // libcurl would also refuse a URL that is too long. The child gets an empty URL instead:
-  // libcurl's error text for it is the same.
+  // libcurl's error text for an empty URL is the same.
   const bool fits = url.size() <= kMostUrlBytes;
   process->send(
       {kTransferSeconds, kMostScriptBytes, kMostRedirects, fits ? url.c_str() : std::string()});

@@ -1,10 +1,10 @@
 // Downloads one URL into one file, in a separate process: proxymanager-fetch.
 //
-// Only that process parses HTTP, TLS, redirects and certificates of a foreign server, behind its
-// walls. The daemon's side (this file) checks each report of that process. If a server takes
-// control of the process, it can spoil only its own download. This side also enforces the time
-// limit: a transfer ends 30 s after its start, even if resolver, server or child process do not
-// answer.
+// Only that process parses HTTP, TLS, redirects and certificates of a foreign server, and it does
+// so in a sandbox (fetcher/child/walls.h). The daemon's side (this file) checks each report of that
+// process. If a server takes control of the process, it can spoil only its own download. This side
+// also enforces the time limit: a transfer ends 30 s after its start, even if resolver, server or
+// child process do not answer.
 #pragma once
 
 #include <string>
@@ -40,7 +40,7 @@ struct Download {
   std::string error;  ///< why the download failed, in printable ASCII; empty after a success
 };
 
-/// Does what PACFetcher::fileDownload does, and logs its lines. One thread at a time.
+/// Implements PACFetcher::fileDownload, and logs the lines of that function. One thread at a time.
 Download download(const std::string& url, const std::string& targetFile,
                   const DownloadOptions& options = {});
 

@@ -33,8 +33,8 @@ std::vector<std::string> passedEnvironment() {
   return variables;
 }
 
-/// The timeout for poll() until `deadline`. It is rounded up: otherwise poll() would return too
-/// early, and the caller would call it several times.
+/// The timeout for poll() until `deadline`. The timeout is rounded up. If it were rounded down,
+/// poll() would return too early, and the caller would call poll() several times.
 int millisecondsLeft(Deadline deadline) {
   const auto left =
       std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -98,8 +98,8 @@ bool FetchProcess::waitReadable(Deadline deadline) {
   return ready > 0;
 }
 
-/// Receives one packet. The kernel drops descriptors that come with it, because the call does not
-/// ask for them.
+/// Receives one packet. The kernel drops descriptors that come with the packet, because the call
+/// does not ask for them.
 std::optional<std::string> FetchProcess::receive(Deadline deadline) {
   const auto packet = std::make_unique_for_overwrite<char[]>(kPacketBufferBytes);
   ssize_t length = 0;

@@ -26,7 +26,8 @@
 namespace {
 
 constexpr char kTemporaryEnding[] = ".tmp";
-constexpr std::chrono::seconds kQuietTime{2};  // minimum between fetches for changed files
+// Minimum time between two fetches that changes of files cause.
+constexpr std::chrono::seconds kQuietTime{2};
 
 bool sameText(const char* a, const char* b) {
   if (a == nullptr || b == nullptr) return a == b;
@@ -90,8 +91,8 @@ bool PACFetcher::stop() {
   logLine(LOG_INFO, "PACFetcher-stop called");
   mStopping = true;
   mRunning = false;
-  // The fetcher thread reads the flag and begins its wait while it holds this mutex. So it either
-  // finds the flag changed, or already waits and is woken.
+  // The fetcher thread reads the flag and begins its wait while it holds this mutex. So the thread
+  // either sees the changed flag, or is already waiting and is woken.
   { const Lock lock(mMutex); }
   mCondition.notify_one();
   if (mFetcherThread) {
@@ -108,8 +109,8 @@ bool PACFetcher::stop() {
 
 void PACFetcher::updateProxyMgrConfig(ProxyConfig config) {
   logLine(LOG_INFO, "PACFetcher-updateProxyMgrConfig called");
-  // Memory may run out, so the copies are made before anything changes. The helper functions of the
-  // records are not used, because they log lines and treat an empty URL as no URL.
+  // An allocation may fail, so the copies are made before anything changes. The helper functions of
+  // the records are not used, because they log lines and treat an empty URL as no URL.
   HeapText newPacurl(heapCopy(config.pacurl));
   HeapText newProxyurl(heapCopy(config.proxyurl));
   const Lock lock(mMutex);

@@ -5,13 +5,13 @@
 // good script by rename. The watch thread requests a refetch when one of two files of the network
 // configuration changes. Nothing is fetched on a timer.
 //
-// One mutex guards the copy of the configuration and the request for a walk. A walk holds the
-// mutex, but not while a transfer runs. So an update never waits for a download, but it waits for
-// the load of a script that is being installed (5 seconds at most). A walk uses one configuration.
-// If an update changes the mode or a URL, the transfer in progress ends, and the walk's other
-// candidates fail without a transfer. If an update changes neither, the walk in progress continues,
-// and one further walk follows. If such an update ended the walk, two programs that send the same
-// configuration in turn could prevent every download.
+// One mutex guards the copy of the configuration and the request for a walk. A walk holds the mutex
+// except while a transfer runs. So an update never waits for a download, but it waits for the load
+// of a script that is being installed (5 seconds at most). A walk uses one configuration. If an
+// update changes the mode or a URL, the transfer in progress ends, and the walk's other candidates
+// fail without a transfer. If an update changes neither the mode nor a URL, the walk in progress
+// continues, and one further walk follows. If such an update ended the walk, two programs that send
+// the same configuration in turn could prevent every download.
 //
 // The supervisor gets a line about the mode, the last update and the last walk. Only the fetcher
 // thread sends the line, because a supervisor that does not read must not delay an update.
@@ -74,7 +74,7 @@ class PACFetcher {
   /// the file at `targetFile`. The function keeps no state; two threads must not call it at the
   /// same time.
   /// @return whether the transfer succeeded, with any HTTP status; the body is then in the file.
-  ///         Else the file is removed.
+  ///         After a failed transfer, the file is removed.
   static bool fileDownload(const std::string& url, const std::string& targetFile);
 
   /// Whether a line of the file contains "FindProxyForURL". False if the file cannot be read.
@@ -88,9 +88,10 @@ class PACFetcher {
   int retrievePacFile() PM_REQUIRES(mMutex);
 
   /// Reads the last line of /tmp/.resolv.conf.dnsmasq that contains "search " or "domain ", and
-  /// returns the text after its first blank: a domain, or several with blanks between them. Empty
-  /// if there is no such line, or if the file is refused: it belongs neither to root nor to the
-  /// process's user, has a second name, is not a regular file, or is longer than 64 KiB.
+  /// returns the text after its first blank: a domain, or several domains with blanks between them.
+  /// The result is empty if there is no such line, or if the file is refused because it belongs
+  /// neither to root nor to the process's user, has a second name, is not a regular file, or is
+  /// longer than 64 KiB.
   std::string getDomainName() const;
 
   /// The WPAD URLs for each name in `domain`, in the order of the names. For each name, the URLs go

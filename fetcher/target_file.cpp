@@ -25,7 +25,8 @@ constexpr mode_t kMode = 0644;
 // probability above one half.
 constexpr int kMostTries = 100;
 
-/// `path`, a dot and random digits. Empty, with errno set, if the system has no random bytes.
+/// `path`, a dot and random digits. The name is empty, with errno set, if the system has no random
+/// bytes.
 std::string randomName(const std::string& path) {
   std::uint64_t number = 0;
   if (getrandom(&number, sizeof number, 0) != sizeof number) return {};

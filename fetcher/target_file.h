@@ -17,7 +17,7 @@ namespace fetcher {
 /// umask. An existing file, link (not its target) or fifo at that name is replaced. A folder of
 /// another user is renamed. If there is a folder of root or of this user, it stays, and the call
 /// fails.
-/// @return the descriptor; none, with errno set, if the call fails
+/// @return the descriptor; after a failure no descriptor, with errno set
 base::UniqueFd createTargetFile(const std::string& path);
 
 /// Renames the file `from` to `to`, and replaces an existing file. A folder of another user at `to`

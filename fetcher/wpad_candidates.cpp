@@ -19,8 +19,8 @@ constexpr std::size_t kLongestName = 253;
 constexpr std::string_view kHostEnders{"/?#@:%\0", 7};
 
 // A name with characters beyond ASCII is refused. libcurl would map it to ASCII before the lookup:
-// full stops and letters of other widths would become ordinary ones after the checks. A search list
-// contains such names in their mapped form ("xn--").
+// after the checks, full stops and letters of other widths would become ordinary ASCII characters.
+// A search list contains such names in their mapped form ("xn--").
 bool isHost(std::string_view name) {
   return name.find_first_of(kHostEnders) == name.npos && base::isAscii(name);
 }

@@ -1,6 +1,6 @@
 // The URLs at which WPAD by DNS looks for a script.
 //
-// A name is shortened label by label, but never down to a public suffix. Otherwise, a stranger
+// A name is shortened label by label, but never down to a public suffix. If it were, a stranger
 // could register "wpad" below that suffix, and all devices below the suffix would fetch the
 // stranger's script. Two checks find public suffixes: the lookup in the built-in table
 // (domain/tld.h), and isPublicSuffix(). isPublicSuffix() logs nothing, and also applies wildcard

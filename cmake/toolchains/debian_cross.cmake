@@ -8,8 +8,8 @@ set(CMAKE_SYSTEM_NAME Linux)
 
 set(CMAKE_C_COMPILER ${triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
-# Debian's name for the folders of this architecture. If it is not set, CMake uses the name of the
-# build machine.
+# Debian's name for the folders of this architecture. If this variable is not set, CMake uses the
+# name of the build machine.
 set(CMAKE_LIBRARY_ARCHITECTURE ${triplet})
 
 # CMake reads this file again for each of its test builds (try_compile), which cannot read the cache.

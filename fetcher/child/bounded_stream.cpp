@@ -14,7 +14,7 @@ struct Target {
   std::size_t room;
 };
 
-// For a failed write, the stream expects the result 0, never a negative number.
+// If the write fails, the stream expects the result 0, never a negative number.
 ssize_t writeTarget(void* cookie, const char* bytes, std::size_t length) {
   auto& target = *static_cast<Target*>(cookie);
   if (length > target.room) {
@@ -45,7 +45,7 @@ std::FILE* openBoundedStream(int fd, std::size_t limit) {
   auto target = std::make_unique<Target>(Target{fd, limit});
   std::FILE* stream = fopencookie(target.get(), "wb", {nullptr, writeTarget, nullptr, closeTarget});
   if (stream == nullptr) return nullptr;
-  static_cast<void>(target.release());  // the stream now owns it; closeTarget deletes it
+  static_cast<void>(target.release());  // the stream now owns the target; closeTarget deletes it
   std::setvbuf(stream, nullptr, _IONBF, 0);
   return stream;
 }

@@ -1,10 +1,10 @@
 // proxymanager-fetch: downloads one URL for the daemon that started it.
 //
-// Beside its three standard descriptors, it has one: its end of a socket pair. First it prepares
-// libcurl; this step reads no foreign bytes. Then it raises the walls, and after that it reads the
-// request. It reports that it has a libcurl handle. Then the daemon opens the file for the body and
-// sends the descriptor. The process sends one result and ends. The daemon enforces the time limit:
-// it kills a process that takes too long.
+// The process has its three standard descriptors and one more: its end of a socket pair. First it
+// prepares libcurl; this step reads no foreign bytes. Then it puts restrictions on itself
+// (walls.h), and after that it reads the request. It reports that it has a libcurl handle. Then the
+// daemon opens the file for the body and sends the descriptor. The process sends one result and
+// ends. The daemon enforces the time limit: it kills a process that takes too long.
 #include <curl/curl.h>
 #include <malloc.h>
 #include <sys/socket.h>
@@ -66,8 +66,8 @@ base::UniqueFd receiveFile() {
   return base::UniqueFd(fd);
 }
 
-/// The files of certificates that libcurl was built to read. They may be links: administrators
-/// replace such a file by a link.
+/// The files of certificates that libcurl was built to read. The paths may be links, because
+/// administrators replace such a file by a link.
 std::vector<const char*> certificates() {
   std::vector<const char*> paths;
   const curl_version_info_data* const build = curl_version_info(CURLVERSION_NOW);

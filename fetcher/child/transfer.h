@@ -2,8 +2,8 @@
 //
 // The options are a contract: seven options in a fixed order, and libcurl's defaults for all
 // others. This means:
-// - Certificates are checked. libcurl uses the proxies in the process's environment variables, as
-//   in any program. It never uses the daemon's own proxy setting.
+// - Certificates are checked. As in any program, libcurl uses the proxies that the environment
+//   variables of the process name. It never uses the daemon's own proxy setting.
 // - Only http and https. The scheme of the first URL is checked before the transfer begins, by
 //   libcurl's own URL parser. libcurl follows redirects to http, https, ftp and ftps, and none of
 //   the seven options forbids ftp and ftps. So the daemon counts a transfer as failed if it ends on

@@ -40,9 +40,9 @@ constexpr std::size_t kThreadStackBytes = std::size_t{1} << 20U;
 // Limit of CPU time. A whole download takes 0.05 s, or 1 s on a slow device.
 constexpr rlim_t kCpuSeconds = 10;
 constexpr rlim_t kDescriptors = 64;
-// The process ends after this time, even if the daemon has no right to kill it (if it runs as root
-// without CAP_KILL). The time is longer than the longest transfer and the daemon's own limit for a
-// transfer.
+// The process ends after this time, even if the daemon has no right to kill it (if the daemon runs
+// as root without CAP_KILL). The time is longer than the longest transfer and the daemon's own
+// limit for a transfer.
 constexpr time_t kOwnEndSeconds = 31;
 
 // The files that a network client reads: certificates, the configuration of name lookups, shared
@@ -116,8 +116,8 @@ void allowThreads(SystemCalls& list) {
         SCMP_SYS(rt_sigreturn), SCMP_SYS(sigreturn), SCMP_SYS(sched_yield)}) {
     list.allow(call);
   }
-  // The allocator counts the processors of this process. Any argument but 0 would mean another
-  // process.
+  // The allocator counts the processors of this process. An argument other than 0 is the id of
+  // another process.
   list.allow(SCMP_SYS(sched_getaffinity), {isInt(0, 0)});
 }
 
@@ -140,9 +140,9 @@ void allowSockets(SystemCalls& list) {
   allowInternetSockets(list);
   // The C library asks for this machine's addresses to sort the addresses of a name.
   list.allow(SCMP_SYS(socket), {masked(0, kInt, AF_NETLINK), masked(2, kInt, NETLINK_ROUTE)});
-  // The message bus decides by the user of a connection what it may do, and this process may have
-  // the daemon's user. So local sockets are refused. If a module of the name service asks a local
-  // service, it fails, and the next module is asked.
+  // The rights of a connection to the message bus depend on its user, and this process may have the
+  // daemon's user. So local sockets are refused. If a module of the name service connects to a
+  // local service, the module fails, and the next module is asked.
   list.refuse(SCMP_SYS(socket), EAFNOSUPPORT, {masked(0, kInt, AF_UNIX)});
   // libcurl wakes itself through a socket pair. A pair of stream sockets can never be connected to
   // anything else.
@@ -193,7 +193,7 @@ void allowFiles(SystemCalls& list) {
 }
 
 void allowTheRest(SystemCalls& list) {
-  // A negative clock number means the CPU clock of a process, and this can be any process.
+  // A negative clock number means the CPU clock of any process.
   constexpr std::uint64_t kSign = std::uint64_t{1} << 31U;
   for (const int call : {SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64), SCMP_SYS(clock_getres),
                          SCMP_SYS(clock_nanosleep), SCMP_SYS(clock_nanosleep_time64)}) {

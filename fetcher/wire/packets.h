@@ -3,7 +3,7 @@
 //
 //   daemon                                   proxymanager-fetch
 //   FetchRequest (at once)             ──>
-//                                      <──   FetchReady (a libcurl handle; walls are raised)
+//                                      <──   FetchReady (a libcurl handle; sandbox in force)
 //   one byte with the open file        ──>
 //                                      <──   FetchResult, then the process ends
 //
@@ -22,8 +22,8 @@ namespace fetcher {
 
 inline constexpr int kFetchSocket = 3;  ///< the number of the child's descriptor for its socket
 
-/// Longest URL; a longer one is not sent. Servers accept 8 to 16 KiB. The limit is needed because a
-/// packet has to fit into the socket's buffer.
+/// Length of the longest URL, in bytes; a longer URL is not sent. Servers accept 8 to 16 KiB. The
+/// limit is needed because a packet has to fit into the socket's buffer.
 inline constexpr std::size_t kMostUrlBytes = std::size_t{64} * 1024;
 /// Longest script, in bytes. The daemon never requests more, and the child process limits the
 /// length of its file to this value. client/ctl/terminal/script_file.h and settings/network_set.h
@@ -43,12 +43,12 @@ struct FetchRequest {
 
 struct FetchReady {
   enum class State : std::uint32_t {
-    ready,     ///< there is a libcurl handle, and the walls are raised
+    ready,     ///< there is a libcurl handle, and the sandbox is in force
     noHandle,  ///< libcurl did not make a handle
-    noWalls    ///< a wall could not be raised; `problem` names it
+    noWalls    ///< a restriction failed; `problem` names it
   };
   State state = State::ready;
-  bool limitsFiles = false;  ///< the kernel has Landlock, and it is in force
+  bool limitsFiles = false;  ///< Landlock is in force
   std::string problem;
 };
 

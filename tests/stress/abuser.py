@@ -1,5 +1,5 @@
-"""Hostile connections to the bus: they send raw messages at any speed. Some read the replies,
-others do not."""
+"""Hostile connections to the bus: they send raw messages at any speed. Some of these connections read the
+replies, others do not."""
 
 import array
 import contextlib
@@ -121,7 +121,7 @@ class Abuse:
     It sleeps `pace` seconds between two steps. Inside `with going()`, it is allowed to run."""
 
     def __init__(self, step, pace):
-        self._shared = mmap.mmap(-1, 16)  # whether it may run, and the number of finished steps
+        self._shared = mmap.mmap(-1, 16)  # whether the process may run, and the number of finished steps
         self._pid = os.fork()
         if self._pid == 0:
             self._run(step, pace)
@@ -133,7 +133,7 @@ class Abuse:
                     step()
                     self._shared[8:16] = struct.pack("q", self.steps() + 1)
                 time.sleep(pace if self._shared[0] else 0.001)
-        except BaseException:  # noqa: BLE001: a separate process: its errors must be printed
+        except BaseException:  # noqa: BLE001: this is a separate process: its errors must be printed
             traceback.print_exc(file=sys.stderr)
         finally:
             os._exit(1)

@@ -72,8 +72,7 @@ class Series:
         return statistics.linear_regression(times, values).slope * 60
 
     def growth(self):
-        """Returns the difference between two medians: that of the last third of the counted values, and
-        that of the first third."""
+        """Returns the median of the last third of the counted values minus the median of the first third."""
         values = [value for _, value in self.steady()]
         third = max(1, len(values) // 3)
         return statistics.median(values[-third:]) - statistics.median(values[:third])

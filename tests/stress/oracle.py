@@ -1,7 +1,7 @@
 """Finds out which answers of the daemon are right at which time, and checks the real answers.
 
 If a question was asked at the time a and its answer was received at b, the daemon made the answer at some
-time between a and b. The oracle does not know this time. The answer is right if some time in [a, b]
+time between a and b. The oracle does not know the exact time. The answer is right if some time in [a, b]
 explains it: at that time, a configuration with the answer's mode and the script with this answer may have
 been in force together.
 
@@ -11,9 +11,9 @@ The oracle takes all times from outside the daemon, never from reports of the da
   next update, or until an answer is received that only a later configuration can give.
 - A script may be in force from the time at which the server sends its last piece. It is certainly in force
   when a later request reaches the server (a walk ends with the first complete script), or when an answer of
-  that script is received. Until then, the previous script may also answer. If an update is called before
-  that, it may end the transfer. The script is then in doubt: the previous script may answer until an answer
-  of this script, or a later script, is known.
+  that script is received. Until then, the previous script may also answer. If an update is called before one
+  of these events, the update may end the transfer. The script is then in doubt: the previous script may
+  answer until an answer of this script, or a later script, is known.
 - The death of a worker costs at most the answer in progress. Each death explains one missing answer, if its
   call overlaps the time from the signal to the end of the process. A death that overlaps the load of a
   script may end that load. Then this script never answers, and there is no answer until the next script.
@@ -27,7 +27,7 @@ import math
 import re
 import threading
 
-HASTE = 5.0  # seconds after which all events that concern an answer have been reported
+HASTE = 5.0  # seconds after an answer; by then, all events that concern the answer have been reported
 WRONG_KEPT = 20
 
 _SERIAL = re.compile(r"(?:PROXY|SOCKS) s(\d+)\.")

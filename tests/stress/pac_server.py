@@ -53,7 +53,7 @@ class PacServer:
         self._oracle, self._choice = oracle, random.Random(f"{seed}/server")
         self._lock = threading.Lock()
         self._serial = 0
-        self._last = None  # of the last script: its number, its text, and whether it has answers
+        self._last = None  # the last script's number, its text, and whether it has answers
         self.well = False
         self.counts = dict.fromkeys(KINDS, 0)
         self._web = Web("127.0.0.1", port)

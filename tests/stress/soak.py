@@ -45,7 +45,7 @@ PROCESSES_AT_REST = 2  # daemon and worker
 # During the work, one more process is allowed: the previous script's worker while it is being
 # ended.
 PROCESSES_AT_MOST = 3
-DESCRIPTORS_MORE = 12  # for one download, one script and the worker's sockets, all at once
+DESCRIPTORS_MORE = 12  # additional descriptors for one download, one script and the worker's sockets at the same time
 
 
 class Soak:
@@ -81,7 +81,7 @@ class Soak:
         try:
             while not self.ended.wait(pause(choice)):
                 step(choice)
-        except Exception as error:  # noqa: BLE001: whatever it is, it is a failure of the run
+        except Exception as error:  # noqa: BLE001: any exception is a failure of the run
             self.fail(f"{name}: {type(error).__name__}: {error}")
             self.ended.set()
 

@@ -2,10 +2,11 @@
 
 The tests measure the median round trip of another client, without and with the abuse, in turns of the same
 run. Between two messages, the hostile programs pause for two round trips of the other client with an idle
-daemon. If a message costs the daemon about as much as an ordinary call, the daemon has time for others. If
-a message costs several times as much, or has later effects, the daemon has no time for them, and the median
-shows this. Without the pauses, each call would wait behind all earlier calls, because this is the order of
-the bus. Of several turns, the best counts: other work of the machine makes answers later, never earlier.
+daemon. If a message costs the daemon about as much as an ordinary call, the daemon has time for others. If a
+message costs several times as much, or has later effects, the daemon has no time for the other programs, and
+the median increases. Without the pauses, each call would wait behind all earlier calls, because this is the
+order of the bus. Of several turns, the turn with the shortest times counts: other work of the machine makes
+answers later, never earlier.
 """
 
 import bisect
@@ -34,7 +35,7 @@ FILES = 16  # maximum number of open files that the system bus passes on with on
 WAIT = 60.0  # seconds; limit for another client's wait for one answer, on any machine
 ANSWER = ["manual", "http://proxy:3128"]
 
-# Sockets hold some 200 KiB in each direction, and one read brings 2 KiB of calls.
+# Sockets buffer some 200 KiB in each direction, and one read returns 2 KiB of calls.
 TAKEN_AT_MOST = 2 << 20  # bytes of calls
 MUCH = 100_000  # calls with 40 MB in total; a queue of all their answers would be 30 times GROWTH
 
@@ -103,8 +104,8 @@ class Busy:
         return time.monotonic() - begin
 
     def median(self, enough=lambda: True):
-        """Returns the median time of a call in seconds. It makes CALLS_A_TURN calls, and further calls
-        until `enough` returns true.
+        """Makes CALLS_A_TURN calls, and further calls until `enough` returns true. Returns the median time of
+        a call in seconds.
 
         The median is weighted by time: a client that makes one call after the other makes only few calls
         while they are slow."""
@@ -177,7 +178,7 @@ def introspection():
 
 
 def match_rules():
-    """More match rules than the bus allows for a connection."""
+    """Adds more match rules than the bus allows for a connection."""
     return [to_bus("AddMatch", f"type='signal',interface='com.x{number}.y',arg0='{number}'")
             for number in range(600)]
 
@@ -369,7 +370,8 @@ WIDE = f'<limit name="max_message_size">{512 << 20}</limit>' + "".join(
 
 @pytest.fixture
 def wide(build, quiet):
-    """A daemon with a script on a bus that allows long messages. The system bus does not allow them."""
+    """A daemon with a script on a bus that allows long messages. The system bus does not allow such
+    messages."""
     bus, web = Bus(extra=WIDE), Web()
     web.routes["/x.pac"] = script("PROXY p:1")
     daemon = Daemon(build)
@@ -392,7 +394,7 @@ def test_strings_of_60_mb_are_not_kept(wide):
         busy.memory = measure.private_dirty(busy.daemon.pid)
         with Client() as client:
             for url in ("http://" + giant, giant):
-                # Longer than any URL for which a script is evaluated.
+                # The URL is longer than any URL for which a script is evaluated.
                 assert client.urls(url, timeout=WAIT) == ["pacurl"]
             # No program listens for the signal with the password.
             assert client.update("manual", auth=True, password=giant, timeout=WAIT) == 0

@@ -14,8 +14,8 @@ RESOLVERS = (f"search {DOMAIN}\n", f"nameserver 127.0.0.1\ndomain {DOMAIN}\n", "
 
 
 def prepare():
-    """Makes the files that the daemon needs at its start. The names of the candidates resolve to this
-    machine."""
+    """Makes the files that the daemon needs at its start. The host names of the candidate URLs resolve to
+    this machine."""
     for path, text in ((LEASE, LEASES[0]), (RESOLVER, RESOLVERS[0])):
         with open(path, "w") as file:
             file.write(text)
@@ -41,7 +41,7 @@ class WatchedFiles:
 
     @staticmethod
     def trace(choice):
-        """Writes trace values: usually few lines are logged, sometimes all."""
+        """Writes trace values: usually few lines are logged, sometimes all lines."""
         level = choice.choice((3, 4, 4, 4, 5, 7))
         with open("/etc/proxymanagerd/trace.conf", "w") as file:
             file.write(f"baseseverity={level}\n")

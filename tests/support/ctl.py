@@ -74,7 +74,7 @@ class Ctl:
         return result.results
 
     def start(self, *arguments, environment=None):
-        """Runs the program while the test continues; its output comes line by line."""
+        """Runs the program while the test continues; its output is read line by line."""
         return Running([*self.wrapper, self.path, *arguments], self.variables(environment))
 
     def on_terminal(self, *arguments, environment=None):
@@ -169,11 +169,10 @@ def rows(output):
 
 
 def answering(client, web, answer, **options):
-    """Makes the daemon answer by a script that gives `answer` for all URLs."""
+    """Makes the daemon use a script that returns `answer` for all URLs."""
     web.routes["/p.pac"] = script(answer)
     client.update("pacurl", pacurl=web.url("/p.pac"), **options)
-    # The daemon first takes this configuration; an earlier script answers until the new one is
-    # loaded.
+    # The daemon first accepts this configuration; an earlier script answers until the new script is loaded.
     taken = [piece.strip() for piece in answer.split(";")
              if piece.strip().split(" ")[0] in ("DIRECT", "PROXY", "SOCKS")]
     wait_until(lambda: client.urls("http://ready.example/")[1:] == taken, "the script answers")

@@ -77,8 +77,8 @@ class Daemon:
         return self.wait(limit)
 
     def kill(self):
-        """Kills the daemon and waits until the bus has noticed its end: before that, no other
-        daemon gets the name."""
+        """Kills the daemon and waits until the bus has noticed its end: before that, no other daemon can own
+        the name on the bus."""
         self.process.kill()
         self.process.wait(LIMIT)
         with Client(self.address) as client:

@@ -14,7 +14,7 @@ STANDSTILL = 1.0  # seconds: after this time without a read byte, the guest has 
 
 
 class DeafBus:
-    """Listens at `path`. `accept` accepts the guest, and answers it until it has asked for
+    """Listens at `path`. `accept` accepts the guest, and answers the guest until the guest has asked for
     `last`."""
 
     def __init__(self, path="/run/deaf_bus"):

@@ -1,8 +1,8 @@
 // Makes allocations of this test program fail, to check that a failed call leaks nothing.
 //
 // This code replaces the C library's allocator in a test program, so the allocations of libraries
-// fail, too. Sanitizers have their own allocator: with them, only operator new fails and is
-// counted.
+// fail, too. Sanitizers have their own allocator: in builds with sanitizers, only operator new
+// fails and is counted.
 #pragma once
 
 #include <functional>
@@ -12,8 +12,8 @@ extern const bool kMallocFails;
 
 /// Which allocations fail after the successful ones.
 enum class Failing {
-  kOne,  ///< one allocation; the next ones succeed again
-  kAll   ///< each one, until failAllocationsAfter or allowAllocations is called
+  kOne,  ///< only one allocation; the next allocations succeed again
+  kAll   ///< each allocation until failAllocationsAfter or allowAllocations is called
 };
 
 /// This thread's next `successes` allocations succeed. After them, allocations fail.
@@ -38,16 +38,16 @@ class SparedAllocations {
   int mSuccessesLeft;
 };
 
-/// Like failEachAllocation, for an operation that itself returns whether it succeeded; `failing` is
-/// true while an allocation may fail.
+/// Like failEachAllocation, for an operation that returns whether it succeeded; `failing` is true
+/// while an allocation may fail.
 int failEachAllocationOf(const std::function<bool(bool failing)>& wentRight);
 
 /// Runs `operation` several times: first its first allocation fails, then its second, and so on,
-/// until no allocation is left to fail. For each of them it runs twice: once only this allocation
-/// fails, once also all later ones. Each time, the operation must return its ordinary answer or an
-/// answer in `permitted`, or throw std::bad_alloc. It must leak no memory, and a further call must
-/// return the ordinary answer. Otherwise the test fails. Log lines are masked meanwhile, because
-/// their capture also allocates.
+/// until no allocation is left to fail. For each of these allocations, `operation` runs twice: in
+/// the first run only this allocation fails, in the second run all later allocations fail, too.
+/// Each time, the operation must return its ordinary answer or an answer in `permitted`, or throw
+/// std::bad_alloc. It must leak no memory, and a further call must return the ordinary answer.
+/// Otherwise the test fails. Log lines are masked meanwhile, because their capture also allocates.
 /// @return the number of allocations that were made to fail
 template <typename Operation, typename... Permitted>
 int failEachAllocation(Operation operation, const Permitted&... permitted) {

@@ -1,5 +1,5 @@
-"""A network behind a link. A connection over loopback is complete when connect() returns; a
-connection over this link takes a while, as over a real one."""
+"""A network behind a link. A connection over loopback is complete when connect() returns; a connection over
+this link takes a while, as over a real link."""
 
 import fcntl
 import os

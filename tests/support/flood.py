@@ -1,4 +1,5 @@
-"""Makes many connections of one user. They always have as many waiting calls as the bus allows."""
+"""Makes many connections of one user. These connections always have as many waiting calls as the bus
+allows."""
 
 import multiprocessing
 import os
@@ -50,7 +51,7 @@ def _flood(user, connections, depth, member, body, ready):
     os.setgid(user)
     os.setuid(user)
     chosen = selectors.DefaultSelector()
-    # All connections are made first, because a full bus accepts no new ones.
+    # All connections are made first, because a full bus accepts no new connections.
     flooding = [_Connection(member, body) for _ in range(connections)]
     for connection in flooding:
         chosen.register(connection.socket, selectors.EVENT_READ, connection)

@@ -73,7 +73,8 @@ class HttpServer {
 
   /// The number of requests for `path` until now. A path without a route gets 404.
   int hits(const std::string& path) const;
-  /// Waits for request number `times` for `path`, at most 60 s. @return whether it came
+  /// Waits for request number `times` for `path`, at most 60 s. @return whether this request
+  /// arrived
   bool waitForHits(const std::string& path, int times) const;
   /// The head of the last request for `path`.
   std::string lastRequest(const std::string& path) const;

@@ -34,5 +34,5 @@ inline bool logged(int priority, const std::string& text) {
 }
 
 /// Waits until a line that equals `text` has been logged `times` times at `priority`, at most 60 s.
-/// @return whether it has
+/// @return whether the line has been logged
 bool waitForLog(int priority, const std::string& text, int times = 1);

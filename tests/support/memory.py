@@ -9,7 +9,7 @@ _FRAME = (1 << 55) - 1  # the bits of a page's number in /proc/PID/pagemap
 
 def _frames(pid):
     """The page frame numbers of the memory that a process has mapped. Only root with all
-    capabilities can see them; for others the set is empty."""
+    capabilities can see them; for other users the set is empty."""
     found = set()
     with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/pagemap", "rb", buffering=0) as pages:
         for line in maps:

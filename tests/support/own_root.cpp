@@ -92,7 +92,7 @@ void enterOwnRoot() {
   }
   require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make / private");
 
-  // The new mounts are filled before their sources are moved or hidden.
+  // The new mounts are filled before the original folders are moved or hidden.
   mountEmpty("/mnt", "mode=0755");
   copyTree("/etc", "/mnt/etc");
   // The copy of the machine's file would make tests ask the machine's name servers.

@@ -1,7 +1,6 @@
 """A mount namespace for one test: its own /tmp, /run, /etc, /dev and /usr/local.
 
-The daemon reads and writes fixed paths. In this namespace, these are not the files of the
-machine.
+The daemon reads and writes fixed paths. In this namespace, these paths are not the files of the machine.
 """
 
 import contextlib
@@ -51,7 +50,7 @@ def _replace_by_empty(path, options, trees):
 
 
 def _fill(trees):
-    """Fills /mnt with the content of the new folders, before they hide those of the machine."""
+    """Fills /mnt with the content of the new folders, before the new folders hide the machine's folders."""
     mount_empty("/mnt", "mode=0755")
     try:
         shutil.copytree("/etc", "/mnt/etc", symlinks=True, ignore_dangling_symlinks=True)
@@ -93,8 +92,8 @@ def own_root(*trees):
         _fill(trees)
         yield
     finally:
-        # If other threads still run, they share the working folder with this thread, and then the
-        # kernel does not allow it to leave the namespace.
+        # If other threads still run, they share the working folder with this thread. The kernel then does not
+        # allow this thread to leave the namespace.
         _check(_libc.unshare(CLONE_FS), "unshare")
         _check(_libc.setns(before, CLONE_NEWNS), "setns")
         os.close(before)

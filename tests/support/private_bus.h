@@ -9,7 +9,7 @@ class PrivateBus {
  public:
   /// Starts dbus-daemon in a temporary folder and sets its address in DBUS_SYSTEM_BUS_ADDRESS. Make
   /// the object before the first connection, because the bus library reads the variable only once.
-  /// @param extra further elements of its configuration
+  /// @param extra further elements of the bus's configuration
   explicit PrivateBus(const std::string& extra = "");
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;

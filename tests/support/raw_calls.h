@@ -1,5 +1,5 @@
-// System calls without the C library's functions around them, for programs that try the walls of a
-// sandbox from inside.
+// System calls without the C library's functions around them, for programs that test the
+// restrictions of a sandbox from inside.
 #pragma once
 
 #include <sched.h>

@@ -139,8 +139,8 @@ class RealProxies:
         self._start(endpoint, "microsocks", "-i", address, "-p", port, "-b", address, *options)
 
     def has_been_asked_by(self, program):
-        """Whether the server has seen a request of the program. For git, it sees the name of
-        libcurl."""
+        """Whether the server has seen a request of the program. For requests of git, the server sees the name
+        of libcurl."""
         self._marks += 1
         mark = f"/mark{self._marks}"
         # The server is one process, and logs each request when it has answered it. So all earlier
@@ -159,14 +159,14 @@ class RealProxies:
 
 
 def by_script(client, web, answer):
-    """Makes the daemon answer by the script at an address. `web` serves it on port 80."""
+    """Makes the daemon use the script at an address. `web` serves it on port 80."""
     web.routes["/proxy.pac"] = script(answer)
     client.update("pacurl", pacurl="http://127.0.0.1/proxy.pac")
     _wait_for(client, "pacurl", answer)
 
 
 def by_network(client, web, syslog, answer):
-    """Makes the daemon answer by the script that it finds through a search domain."""
+    """Makes the daemon use the script that it finds through a search domain."""
     web.routes["/wpad.dat"] = script(answer)
     append_and_settle("/tmp/.resolv.conf.dnsmasq", "search example.test\n", syslog)
     client.update("wpad")

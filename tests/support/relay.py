@@ -44,8 +44,8 @@ class Relay:
         return self
 
     def listens(self):
-        """Whether the relay serves at its first address. The kernel accepts connections before
-        the relay has raised its walls and set its signal handlers. So this waits for an answer,
+        """Whether the relay serves at its first address. The kernel accepts connections before the relay has
+        put on its sandbox and set its signal handlers. So this function waits for an answer,
         or for the end of a refused connection."""
         try:
             with self.connect() as connection:

@@ -34,8 +34,8 @@ class Server:
 
 
 def read_head(connection):
-    """Reads the next head byte by byte, so that it reads nothing after the head. It is empty at
-    the end of the connection."""
+    """Reads the next head byte by byte, so that it reads nothing after the head. The result is empty at the
+    end of the connection."""
     head = b""
     while not head.endswith(b"\r\n\r\n"):
         byte = connection.recv(1)
@@ -107,7 +107,7 @@ class Origin:
 
 
 class Proxy:
-    """An HTTP proxy. `connect` and `get` are the texts that it sends as answers. Special values:
+    """An HTTP proxy. `connect` and `get` are the texts that the proxy sends as answers. Special values:
     None serves the request, "" closes the connection, "silent" does nothing, "reset" ends the
     connection with a reset. A function gets the head and returns one of these values."""
 

@@ -43,7 +43,7 @@ class StandInDaemon {
   /// Sets how every other URL is answered from now on. `rule` is called on the daemon's thread.
   void answer(std::function<Reply(const std::string& url)> rule);
 
-  /// Answers the held questions in the order of their arrival, and holds no further ones.
+  /// Answers the held questions in the order of their arrival, and holds no further questions.
   void release();
 
   /// The number of questions that have come for `url`, or for all URLs.

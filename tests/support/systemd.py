@@ -1,4 +1,4 @@
-"""A stand-in for systemd, as the daemon needs it: a socket for the daemon's reports, and a
+"""A stand-in for systemd, with the functions that the daemon needs: a socket for the daemon's reports, and a
 service on the bus that shows the last status."""
 
 import socket

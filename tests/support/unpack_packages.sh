@@ -3,10 +3,10 @@
 # folder is kept for the next run.
 # usage: unpack_packages.sh NAME PACKAGE...
 #
-# The script is for programs that only a test needs. If they were installed, many packages of a
-# desktop would be installed, too. Their services and proxy resolvers would disturb the tests. apt
-# fetches the packages from the machine's own sources and verifies them. If the script runs several
-# times at once, one run unpacks, and the others wait for it.
+# The script is for programs that only a test needs. If these programs were installed, many packages
+# of a desktop would be installed, too. The services and proxy resolvers of those packages would
+# disturb the tests. apt fetches the packages from the machine's own sources and verifies them. If
+# the script runs several times at once, one run unpacks, and the others wait for it.
 #
 # Environment: PROXYMANAGER_UNPACKED, the folder in which all these folders are kept
 # (${XDG_CACHE_HOME:-~/.cache}/proxymanagerd).

@@ -2,9 +2,9 @@
 // operator or a time server would.
 //
 // The clock of the kernel belongs to the machine and does not change. Test and daemon map the same
-// file. It has the seconds by which the daemon's wall clock differs, and the number of times that
-// the clock was read. As in the kernel, a wait with an end at a time of day notices a jump of the
-// clock. All other clocks do not change.
+// file. The file contains the seconds by which the daemon's wall clock differs, and the number of
+// times that the clock was read. As in the kernel, a wait that ends at a time of day notices a jump
+// of the clock. All other clocks do not change.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>

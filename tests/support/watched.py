@@ -23,7 +23,7 @@ def _waits_again(syslog):
 
 def append_and_settle(path, text, syslog):
     """Appends `text` and waits until the daemon has read both events, the change and the closing.
-    If it read one of them later, in a mode with a script, it would request one more fetch."""
+    If the daemon read one of the events later, in a mode with a script, it would request one more fetch."""
     syslog.wait_match(INFO, r"PACFetcher-wait_for_changes fd:\d+, interval:1800")
     before = _bytes_read(syslog)
     file = os.open(path, os.O_WRONLY | os.O_APPEND)
