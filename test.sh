@@ -216,7 +216,8 @@ test_cross() {
   build_tree "$preset" "${options[@]}" -DPROXYMANAGER_TESTS=ON -DPROXYMANAGER_WORKER_SECCOMP=OFF
   step "Not run under the emulator"
   sed '/^#/d; s/\t/: /' "$left_out"
-  # Emulated programs are slow, so a time limit of milliseconds may end them.
+  # Emulated programs use much CPU time and rarely wait, so a time limit of milliseconds may be too
+  # short for them.
   run_tests "$preset" -j $((2 * jobs)) --repeat until-pass:3 \
     -E "$(sed '/^#/d; s/\t.*//' "$left_out" | paste -s -d '|')"
   # In this folder, shell scripts that start the emulator have the paths of the programs. The linker would

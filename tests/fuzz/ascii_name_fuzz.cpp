@@ -1,5 +1,5 @@
 // Tests the ASCII form of a host name: it is valid in a query, and does not depend on letter case.
-// If it is converted again, it does not change.
+// If the ASCII form is converted again, it does not change.
 #include <algorithm>
 #include <string>
 

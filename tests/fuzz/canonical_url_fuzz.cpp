@@ -1,5 +1,5 @@
-// Tests the URL that a script sees: it has no secrets and is not longer than the limit. If it is
-// cleaned again, it does not change.
+// Tests the URL that a script sees: it has no secrets and is not longer than the limit. If this URL
+// is converted again, it does not change.
 #include <algorithm>
 #include <string>
 #include <string_view>

@@ -1,7 +1,7 @@
-// Tests the library's side of the conversation, with a hostile worker at the other end. The engine
-// is the library's real one. Instead of a process, there is a socket that already contains all
-// messages of the worker, both well-formed messages and garbage. A model predicts the library's
-// results.
+// Tests the library's side of the conversation, with a hostile worker at the other end. The test
+// uses the library's real engine code. Instead of a process, there is a socket that already
+// contains all messages of the worker, both well-formed messages and garbage. A model predicts the
+// library's results.
 //
 // The input has a part for each worker that the library starts. The part begins with a byte, which
 // decides whether the worker reads its socket and how many messages it sends. Then the messages
@@ -52,7 +52,7 @@ struct Run {
   explicit Run(fuzz::Input& given) : input(given) {}
 
   fuzz::Input& input;
-  std::deque<std::optional<Worker>> started;  ///< for the model; an empty element: no start
+  std::deque<std::optional<Worker>> started;  ///< for the model; empty element: no worker started
   std::optional<Worker> current;              ///< the worker that the model uses now
   std::uint32_t serial = 0;
   std::string bytes;           ///< the message that ended a wait
@@ -153,7 +153,8 @@ void checkProblem(const Problem& problem) {
 std::optional<std::string> expectedAnswer() {
   if (!run->current && !run->ready()) return std::nullopt;
   ++run->serial;
-  // If the worker has closed its socket, the library notices it and asks another worker.
+  // If the worker has closed its socket, the library notices this and sends the question to another
+  // worker.
   if (!run->current->socket && !run->ready()) return std::nullopt;
   const auto end = run->wait();
   const auto* const answer = end ? std::get_if<Answer>(&*end) : nullptr;

@@ -1,6 +1,6 @@
 // Tests the search for public suffixes. The built-in table is compared with libpsl, which reads the
-// same list from which the table is made. The guard of the candidates (isPublicSuffix) must find
-// every suffix that libpsl's current list has.
+// same list from which the table is made. isPublicSuffix(), the guard of the candidate URLs, must
+// find every suffix that libpsl's current list has.
 //
 // These results must agree, for names in ASCII without empty labels, in lower case and without dots
 // at their ends:

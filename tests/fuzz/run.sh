@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Runs the fuzz targets of a build and prints a table: run.sh BUILD MINUTES JOBS
 #
-# The targets share the minutes equally. JOBS targets run at the same time. Each begins with its
-# corpus in the tree, and with the inputs that earlier runs in the same build have stored. The
+# The targets share the minutes equally. JOBS targets run at the same time. Each target begins with
+# its corpus in the tree, and with the inputs that earlier runs in the same build have stored. The
 # status is 1 if there is a finding.
 set -euo pipefail
 build=$1 minutes=$2 jobs=$3

@@ -1,6 +1,6 @@
 // Compares shExpMatch's native matching with the engine's regular expressions, which it replaces.
-// The input is the text, a "|" and the expression. A "~" in either stands for a character that is
-// hard to type.
+// The input is the text, a "|" and the expression. A "~" in the text or in the expression means a
+// character that is hard to type.
 #include <algorithm>
 #include <string>
 
@@ -18,7 +18,7 @@ using namespace pac_worker;
 
 namespace {
 
-// This script tries both: shExpMatch, and a regular expression with the same meaning.
+// This script evaluates shExpMatch, and a regular expression with the same meaning.
 constexpr char kScript[] = R"(
 function viaRegExp(text, expression) {
   var to = { '*': '.*', '?': '.', '.': '\\.' };

@@ -35,7 +35,8 @@ void freeTexts(ProxyUrlSettings& list) {
   list.clear();
 }
 
-/// The tested cache, and the answers that it should have, the most recently used answer first.
+/// The tested cache, and a list of the answers that the cache should have. The list begins with the
+/// most recently used answer.
 class Trial {
  public:
   explicit Trial(int capacity)
@@ -99,9 +100,9 @@ class Trial {
 
   const int mCapacity;
   std::list<Answer> mModel;
-  std::list<Answer> mDue;  ///< the running call must release these
+  std::list<Answer> mDue;  ///< the call in progress must release these lists
   std::vector<ProxyUrlSettings> mReplaced;
-  ProxyUrlCache mCache;  // last member: its destruction still uses the other members
+  ProxyUrlCache mCache;  // the last member, because its destruction still uses the other members
 };
 
 ProxyUrlSettings made(std::size_t count) {

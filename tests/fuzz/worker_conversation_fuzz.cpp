@@ -1,5 +1,5 @@
-// Tests the worker's side of the conversation, with a hostile library at the other end. The loop is
-// the worker's real one. The input controls a replacement of the script engine. Instead of
+// Tests the worker's side of the conversation, with a hostile library at the other end. The test
+// uses the worker's real loop. The input controls a replacement of the script engine. Instead of
 // ending the process, the test's endWorker() throws an exception. The socket already contains all
 // messages of the library. A model predicts each byte that the worker sends, and how the worker
 // ends.
@@ -45,7 +45,7 @@ struct Library {
   UniqueFd socket{};
   std::deque<std::string> said{};      ///< messages that the model of the worker has not read yet
   std::deque<std::string> expected{};  ///< messages that the worker must send, in this order
-  std::string taken{};                 ///< the last message; its texts are views of this
+  std::string taken{};                 ///< bytes of the last message; its texts refer to them
   bool refused = false;                ///< the script was refused, so the worker ends by itself
   std::map<std::pair<AddressFamily, std::string>, std::vector<std::string>> resolved{};
   std::map<AddressFamily, std::vector<std::string>> own{};
@@ -83,7 +83,7 @@ void Library::say() {
   shutdown(socket.get(), SHUT_WR);
 }
 
-/// Reads the messages of the worker, and checks that they are those that the model predicts.
+/// Reads the messages of the worker, and checks that the model predicts these messages.
 void Library::hear() {
   static char buffer[kMaxMessageBytes + 1];
   for (;;) {
@@ -96,7 +96,7 @@ void Library::hear() {
   }
 }
 
-/// The next message. The model accepts it if the worker may accept it now.
+/// The next message. The model accepts the message if the worker may accept it now.
 template <typename Wanted>
 std::optional<Wanted> Library::take() {
   if (said.empty()) return std::nullopt;

@@ -118,7 +118,7 @@ class Abuser:
 class Abuse:
     """A process that repeats `step` while it is allowed to run.
 
-    It sleeps `pace` seconds between two steps. Inside `with going()`, it is allowed to run."""
+    It sleeps `pace` seconds between two steps. It may run only inside a `with going()` block."""
 
     def __init__(self, step, pace):
         self._shared = mmap.mmap(-1, 16)  # whether the process may run, and the number of finished steps

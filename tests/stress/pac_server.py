@@ -1,8 +1,8 @@
 """A server of PAC scripts that answers correctly, slowly, wrongly or not at all. Random numbers with a seed
-decide.
+choose the kind of answer.
 
-It sends a new script, or the last one again. Each script has a number, which its answers contain. Before
-the server sends the last piece of a script, it reports this to the oracle.
+The server sends a new script, or the last script again. Each script has a number, which its answers contain.
+Before the server sends the last piece of a script, it reports this to the oracle.
 """
 
 import functools

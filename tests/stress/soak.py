@@ -45,7 +45,7 @@ PROCESSES_AT_REST = 2  # daemon and worker
 # During the work, one more process is allowed: the previous script's worker while it is being
 # ended.
 PROCESSES_AT_MOST = 3
-DESCRIPTORS_MORE = 12  # additional descriptors for one download, one script and the worker's sockets at the same time
+DESCRIPTORS_MORE = 12  # for one download, one script and the worker's sockets at the same time
 
 
 class Soak:

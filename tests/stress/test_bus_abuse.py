@@ -178,7 +178,7 @@ def introspection():
 
 
 def match_rules():
-    """Adds more match rules than the bus allows for a connection."""
+    """Returns requests for more match rules than the bus allows for a connection."""
     return [to_bus("AddMatch", f"type='signal',interface='com.x{number}.y',arg0='{number}'")
             for number in range(600)]
 

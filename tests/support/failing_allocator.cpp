@@ -46,8 +46,8 @@ void uncount(const void* memory) {
 const bool kMallocFails = !PROXYMANAGER_SANITIZED;
 
 #if PROXYMANAGER_SANITIZED
-// These operators are in a separate file. In the same file, the compiler would see that they call
-// malloc, and would warn of a mismatch.
+// These operators are in a separate file. In the file of a test, the compiler would see that they
+// call malloc, and would warn of a mismatch.
 void* operator new(std::size_t size) {
   if (refused()) throw std::bad_alloc();
   if (void* const memory = counted(std::malloc(size))) return memory;

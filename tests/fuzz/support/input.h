@@ -1,5 +1,5 @@
-// The bytes of one input. Each call takes bytes from the front. If there are too few, the result is
-// zero or empty, so every input is valid.
+// The bytes of one input. Each call takes bytes from the front. If too few bytes are left, the
+// result is zero or empty, so every input is valid.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Messages between library and worker, made from an input's bytes. They are always within the
-// limits, so the decoders accept them.
+// Messages between library and worker, made from an input's bytes. The messages are always within
+// the limits, so the decoders accept them.
 #pragma once
 
 #include <string>

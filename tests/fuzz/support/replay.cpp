@@ -1,8 +1,8 @@
 // usage: TARGET FOLDER|FILE...
 //
-// Replaces libFuzzer if a target is an ordinary test. It tries the empty input, each given file,
-// and all files of each given folder, in the order of their names. It fails if there is no file at
-// all.
+// Replaces libFuzzer in builds in which a target is an ordinary test. It tries the empty input,
+// each given file, and all files of each given folder, in the order of their names. It fails if
+// there is no file at all.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

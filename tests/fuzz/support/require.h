@@ -1,4 +1,4 @@
-// Checks a property that must be true for every input. If it is false, the process ends.
+// Checks a property that must be true for every input. If the property is false, the process ends.
 #pragma once
 
 #include <cstdio>
