@@ -64,10 +64,10 @@ target_link_libraries(proxymanager_quickjs PUBLIC Threads::Threads m ${CMAKE_DL_
 set_target_properties(proxymanager_quickjs PROPERTIES C_STANDARD 11 C_STANDARD_REQUIRED ON
   C_EXTENSIONS ON C_VISIBILITY_PRESET hidden)
 # These options replace the options of the folder. Even in builds with sanitizers or coverage, the
-# engine is an optimized build without them, because the tests use the same stack and heap limits as
-# a device. The engine's assertions stay on: a worker should end instead of running with broken
-# memory. Each function has its own section, so that the linker of the worker can put the most used
-# functions together.
+# engine is optimized and has no instrumentation, because the tests use the same stack and heap
+# limits as a device. The engine's assertions stay on: a worker should end instead of running with
+# broken memory. Each function has its own section, so that the linker of the worker can put the
+# most used functions together.
 set_property(TARGET proxymanager_quickjs PROPERTY COMPILE_OPTIONS
   -O3 -UNDEBUG -ffunction-sections -funsigned-char -w "-fmacro-prefix-map=${engine_source}/="
   -fno-strict-aliasing -fno-strict-overflow -fno-delete-null-pointer-checks
