@@ -91,8 +91,8 @@ bool PACFetcher::stop() {
   logLine(LOG_INFO, "PACFetcher-stop called");
   mStopping = true;
   mRunning = false;
-  // The fetcher thread reads the flag and begins its wait while it holds this mutex. So the thread
-  // either sees the changed flag, or is already waiting and is woken.
+  // The fetcher thread reads mRunning and begins its wait while it holds this mutex. So the thread
+  // either sees the new value, or is already waiting and is woken.
   { const Lock lock(mMutex); }
   mCondition.notify_one();
   if (mFetcherThread) {

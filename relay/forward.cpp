@@ -167,9 +167,9 @@ Task<bool> Session::mayBodyLeave() {
   co_return cancellation.cancelled() == asio::cancellation_type::none && !mHasServerByte;
 }
 
-/// Sends the request's body, and then waits. When the answer is complete, the caller cancels this
-/// coroutine. The coroutine ends by itself only if the client's connection has ended, the server's
-/// connection is gone, or the body is broken.
+/// Sends the request's body, and then waits until the caller cancels this coroutine, which happens
+/// when the answer is complete. The coroutine ends by itself only if the client's connection has
+/// ended, the server's connection is gone, or the body is broken.
 Task<void> Session::sendBody(const RequestHead& request) {
   BodyReader body(request.body);
   std::string out;

@@ -1,7 +1,7 @@
 // c-ares, mapped at the first lookup of a name, because many programs never look up a name.
 //
 // If the library is missing, ares_init_options() fails with ARES_ENOTINITIALIZED. Then there is no
-// channel, and only ares_strerror() is called.
+// channel, so ares_strerror() must work without the library.
 #include <ares.h>
 
 #include <atomic>

@@ -66,7 +66,7 @@ base::UniqueFd receiveFile() {
   return base::UniqueFd(fd);
 }
 
-/// The files of certificates that libcurl was built to read. The paths may be links, because
+/// The paths of certificates that are compiled into libcurl. A path may be a link, because
 /// administrators replace such a file by a link.
 std::vector<const char*> certificates() {
   std::vector<const char*> paths;

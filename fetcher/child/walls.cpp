@@ -258,7 +258,7 @@ Failure raiseWalls(rlim_t fileBytes, std::span<const char* const> certificates, 
     {RLIMIT_FSIZE, fileBytes, "RLIMIT_FSIZE"},
     {RLIMIT_CPU, kCpuSeconds, "RLIMIT_CPU"},
     {RLIMIT_MEMLOCK, 0, "RLIMIT_MEMLOCK"},
-#if !PROXYMANAGER_SANITIZED  // sanitizers map far more memory, and check addresses through pipes
+#if !PROXYMANAGER_SANITIZED  // sanitizers map far more memory, and open pipes
     {RLIMIT_AS, kAddressSpaceBytes, "RLIMIT_AS"},
     {RLIMIT_NOFILE, kDescriptors, "RLIMIT_NOFILE"},
 #endif

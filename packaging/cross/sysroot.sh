@@ -1,6 +1,6 @@
 #!/bin/sh
-# Makes a folder with the headers and libraries that a build for another architecture needs, once
-# per machine.
+# Makes a folder with the headers and libraries that a build for another architecture needs. A later
+# call uses the same folder.
 #
 # The machine gets no foreign architecture, and its packages do not change: mmdebstrap unpacks the
 # packages that packaging/debian/control names, with their dependencies, from the apt source of the

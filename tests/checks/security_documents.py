@@ -116,7 +116,7 @@ def findings(cmake, build):
     built, copies = made["sbom.cdx.json"], {name: read(FOLDER / name) for name in DOCUMENTS}
     yield from not_installed(built)
     yield from of_engine(made, urls_of(built)["quickjs-ng"])
-    # The copies in the tree are from a build with the engine's source.
+    # The copies in the tree come from a build that compiles the engine. Other builds use a package of it.
     version = next(part["version"] for part in copies["sbom.cdx.json"]["components"]
                    if part["name"] == "quickjs-ng")
     yield from of_engine(copies, f"pkg:generic/quickjs-ng@{version}")

@@ -1,8 +1,8 @@
 """The gateway of a network: dnsmasq for DHCP and DNS, nginx for scripts, and a web server that
 sends any bytes.
 
-One cable leads to an interface of the device, by default eth0. become() makes it the gateway of
-another network, as if the cable were plugged into that network.
+One cable leads to an interface of the device, by default eth0. become() turns this gateway into
+the gateway of another network, as if the cable were plugged into that network.
 """
 
 import os

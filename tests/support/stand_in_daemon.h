@@ -40,7 +40,7 @@ class StandInDaemon {
   /// Sets the answer for `url` from now on. All other URLs get {"manual", "http://p.example:1"}.
   void answer(const std::string& url, Reply reply);
 
-  /// Sets how every other URL is answered from now on. `rule` is called on the daemon's thread.
+  /// Sets how all other URLs are answered from now on. `rule` is called on the daemon's thread.
   void answer(std::function<Reply(const std::string& url)> rule);
 
   /// Answers the held questions in the order of their arrival, and holds no further questions.

@@ -9,7 +9,7 @@
 
 namespace client {
 
-/// The facts about a call that messages need.
+/// The properties of a call that its failure messages depend on.
 struct CallKind {
   const char* purpose;  ///< what the call does: the end of the message "not allowed to ..."
   bool changes;         ///< the daemon may still carry out the call after the time limit

@@ -29,7 +29,7 @@ class ProxyAdapter(requests.adapters.HTTPAdapter):
 
     Without an answer, the adapter uses the proxies of the session and of the environment, unless the client
     has refuse=True.
-    client: stays open; without one, the adapter makes its own client, which ends with it
+    client: the adapter does not close it. Without a client, the adapter makes one and closes it at its end.
     options: options of requests.adapters.HTTPAdapter
     """
 

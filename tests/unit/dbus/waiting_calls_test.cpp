@@ -14,9 +14,9 @@ namespace {
 
 using Kind = WaitingCalls::Kind;
 
-// One connection has sent a flood of calls during a turn of kGatheringTurn. So the object serves no
-// call until it has read all calls, and an answer of the bus ends this reading. The test runs the
-// bus loop itself, so the test decides when this answer arrives.
+// A call took the time kGatheringTurn, and one connection sent a flood of calls meanwhile. So the
+// object serves no call until it has read all calls, and an answer of the bus ends this reading.
+// The test runs the bus loop itself, so the test decides when this answer arrives.
 class RefusedCalls : public testing::Test {
  protected:
   void SetUp() override {

@@ -323,7 +323,7 @@ TEST_F(Download, StopsAnEndlessBodyAtTheLimit) {
   });
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(fetch(mServer.url("/p.pac")));
-  // This limit is below the transfer's time limit of 30 seconds. The download takes milliseconds,
+  // The limit of 25 s is below the transfer's own limit of 30 s. The download takes milliseconds,
   // but the machine may pause.
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(25));
   expectFailed(200);

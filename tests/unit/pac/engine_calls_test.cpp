@@ -100,7 +100,8 @@ TEST(EngineCalls, TheEngineIsAskedWithTheUrlAsItCameAndTheHost) {
                    "find 1 HTTP://Host.Example:8080/x host 'Host.Example'"}));
 }
 
-// The answers of another script must not be kept.
+// Without a digest, the parser cannot know whether the script is another one, so it must not keep
+// the answers.
 TEST(EngineCalls, AScriptWithoutADigestCountsAsNew) {
   const std::string isNew = "PacParser-readPacFile content of pac file has been updated, notify";
   const ScriptOnDisk file("one");

@@ -426,8 +426,8 @@ TEST_F(ProxyResolver, AsksNothingForALookupThatIsCancelledBefore) {
   EXPECT_EQ(mDaemon.count(), 1);
 }
 
-// A lookup that began earlier is still in progress when the cancelled lookup ends. So the cancelled
-// one did not end because of the time limit.
+// A lookup that began earlier is still in progress when the cancelled lookup ends. So it was the
+// cancellation that ended the lookup, and not the time limit.
 TEST_F(ProxyResolver, EndsAWaitThatIsCancelled) {
   const auto lasting = cancellable();
   Lookup before("http://hold/before", lasting.get());

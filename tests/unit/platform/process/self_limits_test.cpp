@@ -55,7 +55,8 @@ long anonymousKib() {
   return -1;
 }
 
-/// The allocations of two long messages. During the second one, another block stays allocated.
+/// Allocates and frees a block of the size of a long message, twice. By default, the allocator
+/// would take the second block from its heap, and would keep the memory after the block is freed.
 void allocateAndFree() {
   constexpr std::size_t kLong = std::size_t{31} << 20U;
   for (int count = 0; count < 2; ++count) {

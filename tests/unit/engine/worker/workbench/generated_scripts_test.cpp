@@ -34,9 +34,9 @@ std::string answered(pac_engine::Engine& engine, const std::string& host) {
   return workbench::answered(engine, "http://" + host + "/x", host);
 }
 
-/// Writes one script. If `counts` is true, the script counts: each statement counts its own line
-/// before it runs, each test counts its result, and each case counts how often it is entered. A
-/// test or a case is identified by its line and its number in this line.
+/// Writes one script. If `counts` is true, the script keeps counters: how often each line runs, how
+/// often each test is true or false, and how often each case is entered. A test or a case is
+/// identified by its line and its number in this line.
 class Generator {
  public:
   Generator(unsigned seed, bool counts) : mRandom(seed), mCounts(counts) {}
