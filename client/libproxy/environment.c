@@ -98,8 +98,8 @@ static int read_address(const char* text, unsigned char bytes[16]) {
 
 /* Reads the length of a prefix, which is written as "8" or "255.0.0.0".
  * @param before the result of read_address() for the address that stands before the "/"
- * @return the number of bits to compare in the 16 bytes of read_address(): `before` plus the length;
- * -1 if `text` is not a valid length */
+ * @return the number of bits to compare in the 16 bytes of read_address(): `before` plus the
+ * length; -1 if `text` is not a valid length */
 static long prefix_length(const char* text, int before) {
   struct in_addr mask;
   if (before == 96 && strchr(text, '.') != NULL) {
