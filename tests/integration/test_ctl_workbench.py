@@ -522,6 +522,13 @@ def test_the_page_loads_nothing_and_shows_texts_as_they_are(ctl):
     assert not re.search(r"(src|href)=\"(?!#)", result.output)
 
 
+def test_the_page_keeps_tabs(ctl):
+    write("s.pac", COVERED.replace("\n  ", "\n\t").replace("{\n", "{ // \\x09 \x1b\n", 1))
+    page = ctl("pac", "cover", "/tmp/s.pac", "--format", "html", "http://a.example/", "--offline").output
+    assert '<td class="c">\tif (dnsDomainIs' in page and "tab-size: 4;" in page
+    assert "// \\x09 \\x1b</td>" in page
+
+
 def test_a_loop_that_never_runs_is_dead(ctl):
     report = covered(ctl, """\
 function FindProxyForURL(url, host) {

@@ -25,7 +25,7 @@ table { border-collapse: collapse; }
 th { text-align: left; }
 th, td { padding: 0.1em 0.7em; vertical-align: top; }
 td.n { text-align: right; color: #555; font-family: monospace; }
-td.c { font-family: monospace; white-space: pre-wrap; overflow-wrap: anywhere; }
+td.c { font-family: monospace; white-space: pre-wrap; overflow-wrap: anywhere; tab-size: 4; }
 tr.hit td.c { background: #e2f4e2; }
 tr.half td.c { background: #fdf3cf; }
 tr.miss td.c { background: #fadcdc; }
@@ -85,6 +85,16 @@ std::map<std::size_t, LineHits> hitsOf(const InstrumentedScript& script, const C
   return lines;
 }
 
+/// `line` of the source with its control characters made visible. Tabs stay tabs.
+std::string shownSource(std::string_view line) {
+  std::string shown;
+  for (auto tab = line.find('\t'); tab != std::string_view::npos; tab = line.find('\t')) {
+    shown += base::visible(line.substr(0, tab)) + '\t';
+    line.remove_prefix(tab + 1);
+  }
+  return shown + base::visible(line);
+}
+
 std::string sourceRows(const InstrumentedScript& script, const Coverage& coverage) {
   const auto lines = hitsOf(script, coverage);
   std::string html;
@@ -99,7 +109,7 @@ std::string sourceRows(const InstrumentedScript& script, const Coverage& coverag
     const auto label = std::to_string(number);
     html += std::string("<tr class=\"") + kind + "\" id=\"L" + label + "\">" + cell("n", label) +
             cell("n", found == lines.end() ? "" : std::to_string(found->second.most)) +
-            cell("c", base::visible(rest.substr(0, end))) + "</tr>\n";
+            cell("c", shownSource(rest.substr(0, end))) + "</tr>\n";
     rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
   }
   return html;
