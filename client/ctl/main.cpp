@@ -143,6 +143,7 @@ client::ExitStatus run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  client::keepStandardDescriptors();
   // The libraries log for the daemon. This program does not need these lines, because the functions
   // return the same facts.
   openlog("proxymanagerctl", LOG_PERROR, LOG_USER);

@@ -524,6 +524,27 @@ def test_output_that_cannot_be_written_is_said(ctl):
             OUTPUT, "proxymanagerctl: cannot write the output: No space left on device\n"), arguments
 
 
+@pytest.mark.parametrize("words", [
+    ["eval", "--json"], ["cover", "--format", "json"], ["cover", "--format", "html"], ["explain"],
+    ["explain", "--json"]], ids="_".join)
+def test_long_output_that_cannot_be_written_has_the_reason(ctl, words):
+    urls = write("urls", "".join(f"http://host{number}.example/\n" for number in range(100)))
+    with open("/dev/full", "wb") as full:
+        result = ctl("pac", words[0], SAMPLE, "-f", urls, "--offline", *words[1:], stdout=full)
+    assert (result.status, result.errors) == (
+        OUTPUT, "proxymanagerctl: cannot write the output: No space left on device\n")
+
+
+@pytest.mark.parametrize("command", ["diff", "explain", "eval", "cover"])
+def test_no_other_file_takes_the_place_of_a_closed_standard_output(ctl, command):
+    words = [command, SAMPLE, *([SAMPLE] if command == "diff" else [])]
+    closed = ctl("pac", *words, "http://a/", "--offline", wrapper=["sh", "-c", 'exec "$@" >&-', "sh"])
+    assert (closed.status, closed.errors) == (
+        OUTPUT, "proxymanagerctl: cannot write the output: Bad file descriptor\n")
+    silent = ctl("pac", *words, "http://a/", "--offline", wrapper=["sh", "-c", 'exec "$@" 2>&-', "sh"])
+    assert silent.status == ANSWERED and silent.output
+
+
 def test_each_level_has_its_help(ctl):
     for words, parts in (
             ([], ["Usage: proxymanagerctl ", "pac ", "Exit status:", "--version"]),

@@ -1,5 +1,7 @@
 #include "client/ctl/terminal/output.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -99,10 +101,21 @@ void printJsonLine(const nlohmann::ordered_json& value) {
 }
 
 void finishOutput() {
-  errno = 0;
+  // If a long output has already failed, errno has the reason.
+  if (std::cout) errno = 0;
   if (std::cout.flush()) return;
   const int error = errno != 0 ? errno : EIO;
   throw Failure(kOutput, "cannot write the output: " + std::generic_category().message(error));
+}
+
+void keepStandardDescriptors() {
+  struct stat state {};
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fstat(fd, &state) == 0) continue;
+    // open() returns the lowest free number, which is `fd`.
+    const int mode = fd == STDIN_FILENO ? O_WRONLY : O_RDONLY;
+    if (open("/dev/null", mode | O_CLOEXEC) != fd) return;
+  }
 }
 
 void complain(std::string_view message) {

@@ -49,6 +49,10 @@ void printJsonLine(const nlohmann::ordered_json& value);
 /// Flushes standard output after other code has printed.
 void finishOutput();
 
+/// Opens a file for each standard descriptor that is closed, so that no other file gets its number.
+/// Reading from standard input, and writing to the other two, still fails with EBADF.
+void keepStandardDescriptors();
+
 /// Prints "proxymanagerctl: MESSAGE" on standard error.
 void complain(std::string_view message);
 
