@@ -113,6 +113,18 @@ def test_urls_come_from_a_file_where_it_stands_among_those_of_the_command_line(c
         "standard input")
 
 
+def test_a_list_may_begin_with_a_byte_order_mark(ctl):
+    urls = write("urls", b"\xef\xbb\xbfhttp://a/\nhttp://b/")
+    script = write("x.pac", 'function FindProxyForURL(url, host) { return "PROXY " + url.length + ":1"; }')
+    answers = ctl("pac", "eval", "--json", script, "-f", urls).json
+    assert [(answer["url"], answer["result"]) for answer in answers] == [
+        ("http://a/", "PROXY 9:1"), ("http://b/", "PROXY 9:1")]
+    assert [one["url"] for one in ctl("pac", "explain", "--json", script, "-f", urls).json] == [
+        "http://a/", "http://b/"]
+    for cases in (b"# cases\nhttp://a/ -> PROXY 9:1", b"http://a/ -> PROXY 9:1"):
+        assert ctl("pac", "test", script, "-", script=b"\xef\xbb\xbf" + cases).output == "1 case passed\n"
+
+
 def test_people_see_an_empty_result_and_an_error(ctl):
     script = 'function FindProxyForURL(u, h) {\n  if (h == "a") return "";\n  return missing; }'
     result = ctl("pac", "eval", "-", "http://a/", "http://b/", script=script)

@@ -105,8 +105,6 @@ std::string urlOfLine(std::string_view line) {
 }
 
 std::vector<std::string> urlsOfLog(std::string_view log) {
-  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-  if (log.starts_with(kByteOrderMark)) log.remove_prefix(kByteOrderMark.size());
   if (base::trimmed(log.substr(0, 64), " \t\r\n").starts_with('{')) {
     auto urls = urlsOfPage(log);
     if (!urls.empty()) return urls;

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -27,6 +28,8 @@ std::string readText(const std::string& name, std::size_t mostBytes) {
     throw Failure(kNoInput, "cannot read " + shownName(name) + ": " +
                                 std::generic_category().message(read.failure.error));
   }
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  if (read.text.starts_with(kByteOrderMark)) read.text.erase(0, kByteOrderMark.size());
   return std::move(read.text);
 }
 

@@ -1,4 +1,5 @@
-// URLs from a file, and from the access log of a proxy.
+// URLs from a file, and from the access log of a proxy. A byte order mark at the start of a file is
+// removed.
 #pragma once
 
 #include <cstddef>

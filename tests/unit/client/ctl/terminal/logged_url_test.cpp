@@ -20,7 +20,6 @@ TEST(LoggedUrl, OfAListMayHaveARemarkBehindIt) {
   EXPECT_EQ(urlOfLine("http://a/ # remark"), "http://a/");
   EXPECT_EQ(urlOfLine("https://a/b\t5"), "https://a/b");
   EXPECT_EQ(urlOfLine("://a 5"), "");
-  EXPECT_EQ(urlsOfLog("\xEF\xBB\xBFhttp://a/\n"), (std::vector<std::string>{"http://a/"}));
 }
 
 TEST(LoggedUrl, FollowsAMethod) {
