@@ -453,6 +453,45 @@ def test_a_rule_whose_test_is_reached_is_never_shadowed(ctl, between):
     assert shadows['"PROXY a:1"'] == (None, None)
 
 
+@pytest.mark.parametrize("line", [
+    'var ip = dnsResolve(host); if (!ip) return "PROXY unresolved:1";',
+    'if (!isResolvable(host)) return "PROXY unresolved:1";',
+    'if (!isInNet(host, "10.0.0.0", "255.0.0.0")) return "PROXY outside:1";',
+    'if (!isInNet(myIpAddress(), "10.0.0.0", "255.0.0.0")) return "PROXY elsewhere:1";',
+    'if (weekdayRange("SAT", "SUN")) return "PROXY weekend:1";',
+    'if (new Date().getHours() < 24) return "PROXY time:1";',
+    'var resolve = dnsResolve; if (!resolve(host)) return "PROXY unresolved:1";'])
+def test_a_rule_that_the_network_or_the_time_hides_is_not_shadowed(ctl, line):
+    script = """\
+function FindProxyForURL(url, host) {
+  if (isPlainHostName(host)) return "DIRECT";
+  %s
+  if (dnsDomainIs(host, ".corp.example")) return "PROXY corp:1";
+  return "PROXY all:1";
+}
+"""
+    def corp_rule(line):
+        missed = covered(ctl, script % line, "http://printer/", "http://10.1.1.1/", options=AT_NOON)["missed"]
+        return next(rule for rule in missed if rule["source"] == '"PROXY corp:1"')
+
+    rule = corp_rule(line)
+    assert (rule["shadowed_by_line"], rule["shadowed_url"], rule["reached_by"]) == (None, None, None)
+    assert corp_rule('if (dnsDomainIs(host, ".example")) return "PROXY above:1";')["shadowed_by_line"] == 3
+
+
+def test_a_lookup_at_the_start_leaves_no_shadows(ctl):
+    script = """\
+var own = myIpAddress();
+function FindProxyForURL(url, host) {
+  if (own != "10.0.0.1") return "PROXY elsewhere:1";
+  if (dnsDomainIs(host, ".corp.example")) return "PROXY corp:1";
+  return "DIRECT";
+}
+"""
+    missed = covered(ctl, script, "http://a/")["missed"]
+    assert [(rule["line"], rule["shadowed_by_line"]) for rule in missed] == [(4, None), (5, None)]
+
+
 def test_each_place_is_counted(ctl):
     report = covered(ctl, COVERED, "http://a.example/", "http://a.example/", "http://x/")
     tests = [(place["line"], place["true"], place["false"]) for place in report["places"]

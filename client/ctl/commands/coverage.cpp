@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <string_view>
 #include <utility>
 
 #include "client/ctl/failure.h"
@@ -90,10 +91,37 @@ void tryRule(MissedRule& rule, const std::vector<Place>& places, const TracedAns
   }
 }
 
-void noteUntried(Coverage& coverage, const std::vector<Place>& places,
+/// Notes that a URL which was made for `tests` shows nothing about the shadows of their rules.
+void noteUnknown(Coverage& coverage, const std::vector<Place>& places,
                  const nlohmann::json& tests) {
   for (auto& rule : coverage.missed)
     rule.mayBeReached = rule.mayBeReached || isMadeFor(rule, places, tests);
+}
+
+/// Whether `place` is the call of a helper whose result depends on the device, its network or the
+/// time. isInNet looks up a host name, and needs no lookup for an address.
+bool asksDevice(const Place& place, bool isAddress) {
+  const auto name = std::string_view(place.source).substr(0, place.source.find_first_of(" ("));
+  for (const auto* const helper :
+       {"dnsResolve", "dnsResolveEx", "isResolvable", "isResolvableEx", "myIpAddress",
+        "myIpAddressEx", "weekdayRange", "dateRange", "timeRange"}) {
+    if (name == helper) return true;
+  }
+  return name == "isInNet" && !isAddress;
+}
+
+/// Whether the answer may be different on another device, in another network or at another time.
+/// This is also assumed if the script called a helper under another name.
+bool dependsOnDevice(const Trace& trace, const std::vector<Place>& places,
+                     const std::string& host) {
+  const bool isAddress = host.find_first_not_of("0123456789.") == std::string::npos;
+  std::uint64_t calls = 0;
+  for (const auto& total : trace.counts) {
+    if (!places[total.place].is('h')) continue;
+    calls += total.truthy + total.falsy;
+    if (asksDevice(places[total.place], isAddress)) return true;
+  }
+  return trace.helperCalls > calls;
 }
 
 /// Tries to reach the missed rules with URLs that are made from the script.
@@ -103,14 +131,16 @@ void tryMissed(Coverage& coverage, const TracedScript& script, pac_engine::Engin
   const auto report = askParser(parser, "urls", {{"most", kMostMade}}, file);
   const auto& places = script.script().places;
   auto made = script.forMadeUrls();
+  const bool isAllOfDevice = script.script().source.find("new Date") != std::string::npos ||
+                             dependsOnDevice(script.load(), places, {});
   const auto end = std::chrono::steady_clock::now() + kMadeTime;
   coverage.madeCut = report.at("cut").get<bool>();
-  noteUntried(coverage, places, report.at("cutTests"));
+  noteUnknown(coverage, places, report.at("cutTests"));
   Progress progress(report.at("urls").size());
   for (const auto& row : report.at("urls")) {
     if (std::chrono::steady_clock::now() >= end) {
       coverage.madeCut = true;
-      noteUntried(coverage, places, row.at(1));
+      noteUnknown(coverage, places, row.at(1));
       continue;
     }
     const auto url = row.at(0).get<std::string>();
@@ -118,6 +148,9 @@ void tryMissed(Coverage& coverage, const TracedScript& script, pac_engine::Engin
     ++coverage.made;
     const auto reached = reachedBy(asked.trace, places.size());
     for (auto& rule : coverage.missed) tryRule(rule, places, asked, reached, url, row.at(1));
+    // In another environment, the same URL may reach its rule.
+    if (isAllOfDevice || dependsOnDevice(asked.trace, places, asked.answer.host))
+      noteUnknown(coverage, places, row.at(1));
     progress.step();
   }
   for (auto& rule : coverage.missed) {

@@ -29,8 +29,9 @@ struct MissedRule {
   std::string reachedBy;    ///< a URL that was made from the script and reaches this rule; or empty
   std::string shadowedUrl;  ///< a URL that was made for this rule but is answered by another rule
   std::optional<std::size_t> shadow;  ///< the return that answers this URL
-  /// True if a URL that was made for this rule reached the rule's test, or if such a URL was not
-  /// tried. In both cases it is unknown whether another rule shadows this rule.
+  /// True if a URL that was made for this rule reached the rule's test, or was not tried, or was
+  /// answered after a question about a name, an address or the time. In these cases it is unknown
+  /// whether another rule shadows this rule.
   bool mayBeReached = false;
 };
 

@@ -30,9 +30,9 @@ constexpr const char* kPacCoverFooter = R"(Output:
   rules       how many returns
   line N      a rule that no URL reached. It is dead (no URL can reach it),
               shadowed (earlier rules answer all URLs that were made for its
-              condition) or not hit (with a URL that reaches it, if one could be
-              made from the texts in the script; for such URLs no name is
-              looked up, and no alert is shown)
+              condition, at any time and on any network) or not hit (with a URL
+              that reaches it, if one could be made from the texts in the
+              script; for such URLs no name is looked up, and no alert is shown)
   note        code that is not instrumented; that not all URLs were tried: the
               command makes at most 1000 and tries them for at most 8 s
 The file of -f is a list of URLs, or an access log of squid, tinyproxy or
