@@ -724,9 +724,12 @@ def test_differences_are_shown_for_given_urls(ctl):
     assert (result.status, result.json["urls"], result.json["generated"]) == (NO_ANSWER, 3, False)
     assert [group["urls"] for group in result.json["groups"]] == [["http://1.example/", "http://2.example/"]]
     assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-u", "http://same/").status == ANSWERED
-    # If the given list is empty, the command does not generate URLs.
-    empty = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-f", "-", "--json")
-    assert (empty.status, empty.json["urls"], empty.json["generated"]) == (ANSWERED, 0, False)
+    # An error in the list must not look like two equal scripts.
+    for text in ("", "# a remark\n"):
+        empty = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-f", "-", "--json", script=text)
+        assert (empty.status, empty.output) == (USAGE, "") and "standard input has no URL" in empty.errors
+    mixed = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "-f", "-", "http://same/", "--json", script="")
+    assert (mixed.status, mixed.json["urls"], mixed.json["generated"]) == (ANSWERED, 1, False)
     assert ctl("pac", "diff", "-", "/tmp/new.pac", "-f", "-").status == USAGE
     assert ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "--no-such").status == USAGE
 

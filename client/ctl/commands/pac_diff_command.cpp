@@ -233,6 +233,7 @@ void addPacDiff(CLI::App& pac, Action& action) {
       throw CLI::ValidationError("-f", "standard input holds a script already");
     }
     addFurtherUrls(*command, arguments->asked);
+    if (arguments->asked.file) requireUrls(arguments->asked);
     action = [arguments, options = engineOptions(arguments->environment)] {
       return diff(*arguments, options);
     };
