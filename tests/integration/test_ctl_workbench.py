@@ -742,6 +742,39 @@ function FindProxyForURL(url, host) {
 """)
 
 
+@pytest.mark.parametrize("old, new", [
+    ('isInNetEx(host, "203.0.113.0/24")', 'isInNetEx(host, "198.51.100.0/24")'),
+    ('[["203.0.113.0/24"]].some(function(net) { return isInNetEx(host, net[0]); })', "false"),
+    (r"/\.corp\.example$/.test(host)", r"/\.other\.example$/.test(host)"),
+    (r"/^https?:\/\/([^\/]+\.)?corp\.example\//i.test(url)", "false"),
+    (r"/(^|\.)(a|b)[0-9]{2}\.example$/.test(host)", r"/(^|\.)(a)[0-9]{2}\.example$/.test(host)"),
+    (r'new RegExp("\\.corp\\.example$").test(host)', "false"),
+    ("host.endsWith(`.corp.example`)", "host.endsWith(`.other.example`)"),
+    ('isInNet(host, net, "255.255.0.0")', 'isInNet(host, net, "255.255.255.0")'),
+    ('shExpMatch(host, "*.a.example|*.b.example")', 'shExpMatch(host, "*.a.example")'),
+    ('"a.example,b.example".split(",").indexOf(host) >= 0', '"a.example".split(",").indexOf(host) >= 0'),
+    ('"a.example b.example".split(" ").indexOf(host) >= 0', '"b.example".split(" ").indexOf(host) >= 0'),
+], ids=lambda text: re.sub(r"\W+", "_", text)[:25])
+def test_urls_are_made_from_all_kinds_of_plain_texts(ctl, old, new):
+    for name, test in (("old", old), ("new", new)):
+        write(f"{name}.pac", 'var net = "10.7.0.0";\nfunction FindProxyForURL(url, host) {\n  if (' + test +
+              ') return "DIRECT";\n  return "PROXY a:1";\n}')
+    for files in (("old", "new"), ("new", "old")):
+        result = ctl("pac", "diff", *(f"/tmp/{name}.pac" for name in files), "--offline", "--json")
+        assert result.status == NO_ANSWER, result.errors + result.output
+        assert result.json["generated"] and result.json["urls"] < 60
+
+
+@pytest.mark.parametrize("text", [
+    r"/(.*)(.*)(.*)(.*)(.*)x/", r"/(a|b|c|d|e)(a|b|c|d|e)(a|b|c|d|e)\.example/", r"/(?=a)b\.example/",
+    r"/x{9999}/", "/" + "(" * 99 + "x" + "){9}" * 99 + "/", "`${host}`", "``", '","', '"a,b;c|d"'])
+def test_texts_of_which_few_or_no_urls_can_be_made_do_no_harm(ctl, text):
+    script = 'function FindProxyForURL(url, host) {\n  var x = %s;\n  return "DIRECT";\n}'
+    path = write("s.pac", script % text)
+    made = ctl("pac", "diff", path, path, "--offline", "--json")
+    assert made.status == ANSWERED and made.json["urls"] < 100, made.errors
+
+
 def test_urls_that_are_not_made_are_reported(ctl):
     write("s.pac", LARGE)
     result = ctl("pac", "diff", "/tmp/s.pac", "/tmp/s.pac", "--offline")
