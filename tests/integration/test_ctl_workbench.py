@@ -696,13 +696,30 @@ def test_differences_are_grouped_by_rule(ctl):
         (3, 3), (6, 7), (7, 6)}
 
 
-def test_a_rule_with_many_answers_is_one_group(ctl):
-    write("old.pac", 'function FindProxyForURL(url, host) { return "PROXY " + host + ":1"; }')
-    write("new.pac", 'function FindProxyForURL(url, host) {\n  return "PROXY " + host + ":2";\n}')
-    result = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", "http://a/", "http://b/", "--json")
-    assert result.json["groups"] == [{
-        "old": {"line": 1, "answer": "PROXY a:1"}, "new": {"line": 2, "answer": "PROXY a:2"},
-        "urls": ["http://a/", "http://b/"]}]
+IN_ONE_LINE = """function FindProxyForURL(url, host) { if (host == "a.example") return "PROXY a:1"; \
+if (host == "b.example" || host == "c.example") return "PROXY a:1"; return "DIRECT"; }"""
+CHOICE = 'function FindProxyForURL(url, host) { return host == "a.example" ? "DIRECT" : "PROXY p:1"; }'
+SWAPPED = 'function FindProxyForURL(url, host) { return host == "a.example" ? "PROXY p:1" : "DIRECT"; }'
+
+
+@pytest.mark.parametrize("old, new, groups", [
+    # Two rules in one line, with different answers in the one script or in both.
+    (IN_ONE_LINE, IN_ONE_LINE.replace("a:1", "x:1", 1).replace("a:1", "y:1"),
+     [("PROXY a:1", "PROXY x:1", "a"), ("PROXY a:1", "PROXY y:1", "bc")]),
+    # Two rules in one line, with equal answers.
+    (IN_ONE_LINE, IN_ONE_LINE.replace("a:1", "x:1"),
+     [("PROXY a:1", "PROXY x:1", "a"), ("PROXY a:1", "PROXY x:1", "bc")]),
+    # One rule with two answers.
+    (CHOICE, SWAPPED, [("DIRECT", "PROXY p:1", "a"), ("PROXY p:1", "DIRECT", "bc")]),
+])
+def test_a_group_has_one_rule_and_one_answer_of_each_script(ctl, old, new, groups):
+    write("old.pac", old)
+    write("new.pac", new)
+    urls = [f"http://{name}.example/" for name in "abc"]
+    found = ctl("pac", "diff", "/tmp/old.pac", "/tmp/new.pac", *urls, "--json").json["groups"]
+    assert found == [
+        {"old": {"line": 1, "answer": before}, "new": {"line": 1, "answer": after},
+         "urls": [f"http://{name}.example/" for name in names]} for before, after, names in groups]
 
 
 def test_the_same_error_in_another_line_is_no_difference(ctl):

@@ -9,6 +9,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -29,15 +30,16 @@ using Json = nlohmann::ordered_json;
 
 constexpr const char* kPacDiffFooter = R"(Output:
   The number of URLs, and of those that the two scripts answer differently.
-  Then a block for each pair of rules that differ: the line of OLD and its answer
-  for the first URL, those of NEW, the number of URLs, and the first of them.
+  Then a block for each pair of rules and answers that differ: the line of OLD
+  and its answer, those of NEW, the number of URLs, and the first of them.
   If no URL is given, the command makes URLs from the hosts, networks and
   patterns in both scripts: at most 2000 from each, and it asks them for at most
   30 s. A last line reports if there were more. For these URLs no name is looked
-  up and no alert is shown. A difference that depends on a name or on another URL
-  is then not found. With --json an object: old, new, urls,
-  different, generated (whether the URLs were made from the scripts), cut
-  (whether not all of these were asked) and groups.
+  up and no alert is shown. A difference that depends on a name, on the time of
+  day or on another URL is then not found; --at sets another time.
+  With --json an object: old, new, urls, different, generated (whether the URLs
+  were made from the scripts), cut (whether not all of these were asked) and
+  groups.
 
 Exit status:
 )";
@@ -56,10 +58,11 @@ struct DiffArguments {
   bool json = false;
 };
 
-/// The answer of one script for a URL: the line of the return that decided, and the answer or the
+/// The answer of one script for a URL: the place of the return that decided, and the answer or the
 /// reason why there is no answer.
 struct Decision {
   std::size_t line = 0;  ///< 0 if no return decided
+  std::size_t column = 0;
   std::string text;
   bool isAnswered = false;
 
@@ -68,8 +71,8 @@ struct Decision {
   bool isSame(const Decision& other) const {
     return isAnswered == other.isAnswered && withoutLine() == other.withoutLine();
   }
-  /// Identifies the rule that decided: its line, or the text of the answer if the line is unknown.
-  std::pair<std::size_t, std::string> rule() const { return {line, line == 0 ? text : ""}; }
+  /// Decisions are in the same group if these values are the same.
+  auto key() const { return std::tuple(line, column, text); }
 
  private:
   std::string withoutLine() const {
@@ -82,10 +85,10 @@ struct Decision {
 
 Decision decisionOf(TracedScript& script, const std::string& url) {
   const auto asked = script.ask(url, std::nullopt);
-  const auto line = asked.decidedBy ? script.script().places[*asked.decidedBy].line : 0;
+  const auto place = asked.decidedBy ? script.script().places[*asked.decidedBy] : Place();
   const auto& answer = asked.answer;
-  if (answer.result) return {line, *answer.result, true};
-  return {line, "no answer: " + answer.error.value_or(""), false};
+  if (answer.result) return {place.line, place.column, *answer.result, true};
+  return {place.line, place.column, "no answer: " + answer.error.value_or(""), false};
 }
 
 /// Adds the URLs that are made from `script`. @return whether more than kMostMade URLs can be made
@@ -100,15 +103,16 @@ bool addMade(std::vector<std::string>& urls, std::set<std::string>& known, std::
   return report.at("cut").get<bool>();
 }
 
-/// A group of URLs. In each of the two scripts, the same rule decided for all of them.
+/// A group of URLs. In each of the two scripts, the same rule decided for all of them, and the
+/// answer was the same.
 struct Group {
-  Decision before;  ///< the old script's decision for the first URL
-  Decision after;   ///< the new script's decision for the first URL
+  Decision before;  ///< the decision of the old script
+  Decision after;   ///< the decision of the new script
   std::vector<std::string> urls;
 };
 
-using Rule = std::pair<std::size_t, std::string>;
-using Groups = std::map<std::pair<Rule, Rule>, Group>;
+using GroupKey = decltype(std::declval<Decision>().key());
+using Groups = std::map<std::pair<GroupKey, GroupKey>, Group>;
 
 std::string shown(const Decision& decision) {
   return (decision.line == 0 ? "" : "line " + std::to_string(decision.line) + ": ") +
@@ -117,7 +121,7 @@ std::string shown(const Decision& decision) {
 
 void printGroups(const Groups& groups, const std::string& summary) {
   printLine(summary);
-  for (const auto& [rules, group] : groups) {
+  for (const auto& [keys, group] : groups) {
     const auto& urls = group.urls;
     std::vector<Row> rows{{"old", shown(group.before), Tone::kBad},
                           {"new", shown(group.after), Tone::kGood}};
@@ -133,7 +137,7 @@ Json decisionJson(const Decision& decision) {
 
 Json groupsJson(const Groups& groups) {
   Json json = Json::array();
-  for (const auto& [rules, group] : groups) {
+  for (const auto& [keys, group] : groups) {
     Json shownUrls = Json::array();
     for (const auto& url : group.urls) shownUrls.push_back(withoutPassword(url));
     json.push_back({{"old", decisionJson(group.before)},
@@ -163,8 +167,8 @@ Differences compare(TracedScript& oldScript, TracedScript& newScript,
     progress.step();
     if (before.isSame(after)) continue;
     ++found.different;
-    const std::pair rules{before.rule(), after.rule()};
-    auto& group = found.groups.try_emplace(rules, Group{before, after, {}}).first->second;
+    const std::pair keys{before.key(), after.key()};
+    auto& group = found.groups.try_emplace(keys, Group{before, after, {}}).first->second;
     group.urls.push_back(url);
   }
   return found;
