@@ -460,6 +460,7 @@ def test_a_rule_whose_test_is_reached_is_never_shadowed(ctl, between):
     'if (!isInNet(myIpAddress(), "10.0.0.0", "255.0.0.0")) return "PROXY elsewhere:1";',
     'if (weekdayRange("SAT", "SUN")) return "PROXY weekend:1";',
     'if (new Date().getHours() < 24) return "PROXY time:1";',
+    'if (Date.now() > 0) return "PROXY time:1";',
     'var resolve = dnsResolve; if (!resolve(host)) return "PROXY unresolved:1";'])
 def test_a_rule_that_the_network_or_the_time_hides_is_not_shadowed(ctl, line):
     script = """\

@@ -131,7 +131,9 @@ void tryMissed(Coverage& coverage, const TracedScript& script, pac_engine::Engin
   const auto report = askParser(parser, "urls", {{"most", kMostMade}}, file);
   const auto& places = script.script().places;
   auto made = script.forMadeUrls();
-  const bool isAllOfDevice = script.script().source.find("new Date") != std::string::npos ||
+  const auto& source = script.script().source;
+  const bool isAllOfDevice = source.find("new Date") != std::string::npos ||
+                             source.find("Date.now") != std::string::npos ||
                              dependsOnDevice(script.load(), places, {});
   const auto end = std::chrono::steady_clock::now() + kMadeTime;
   coverage.madeCut = report.at("cut").get<bool>();
