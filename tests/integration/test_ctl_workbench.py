@@ -253,6 +253,51 @@ function FindProxyForURL(url, host) {
     assert (told["result"], told["decided"]["line"], told["different"]) == ("PROXY a:2", 7, None)
 
 
+def body(text):
+    return "function FindProxyForURL(url,host){" + text + "}"
+
+
+@pytest.mark.parametrize("script, decided", [
+    (body('return"DIRECT"'), '"DIRECT"'),
+    (body('return["DIRECT"][0]'), '["DIRECT"][0]'),
+    (body('return/z/.test(host)||"DIRECT"'), '/z/.test(host)||"DIRECT"'),
+    (body('return!host||"DIRECT"'), '!host||"DIRECT"'),
+    (body('return(url,"DIR")+"ECT"'), '(url,"DIR")+"ECT"'),
+    (body('return`DIRECT`'), "`DIRECT`"),
+    (body('switch(host){case"x":return"A";default:return"DIRECT"}'), '"DIRECT"'),
+    (body('switch(!host){case!host:return"DIRECT"}return"B"'), '"DIRECT"'),
+    (body('try{if(isPlainHostName(host))return"DIRECT";}catch(e){}return "DIR"+"ECT"'), '"DIRECT"'),
+    (body('try{throw!url||"DIRECT"}catch(e){return e}'), "e"),
+    ('function*f(h){yield!h||"DIRECT"}' + body("for(var found of!host||f(host))return found"), "found"),
+    ('class K extends(0||Object){static s="DIRECT"}' + body("return(K.s)"), "K.s"),
+    (body('if(!host)"x";else"y";do(url);while(!url);return"DIRECT"'), '"DIRECT"'),
+], ids=["text", "list", "pattern", "not", "sum", "template", "case", "case_not", "silent", "throw", "yield",
+        "class", "body"])
+def test_a_script_needs_no_blank_after_a_word(ctl, script, decided):
+    told = explained(ctl, script, "http://a/")
+    assert (told["result"], told["different"]) == ("DIRECT", None)
+    assert told["decided"]["source"] == decided
+    assert re.search(r"return\W*$", script[:told["decided"]["column"] - 1])
+    assert told["steps"][-1]["type"] == "return"
+    assert covered(ctl, script, "http://a/")["urls"][0]["different"] is False
+
+
+def test_another_error_of_the_watched_script_is_marked(ctl):
+    script = """\
+function FindProxyForURL(url, host) {
+  TEXT
+}"""
+    def different(text):
+        result = ctl("pac", "explain", "--json", "-", "http://a/", script=script.replace("TEXT", text))
+        assert result.status == NO_ANSWER
+        return result.json[0]["different"]
+
+    assert different("return missing;") is None
+    assert different("if (host) return url.no.such;") is None
+    seen = different("throw new Error('length ' + String(FindProxyForURL).length);")
+    assert re.fullmatch(r"line 2: Error: length [0-9]+", seen), seen
+
+
 def test_what_cannot_be_watched_is_noted(ctl):
     told = explained(ctl, """\
 var atLoad = myIpAddress();

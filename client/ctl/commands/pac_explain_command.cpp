@@ -40,8 +40,8 @@ constexpr const char* kPacExplainFooter = R"(Output:
   helpers, the names that were looked up, and their times.
   With --json one array with an object for each URL: the members of "pac eval
   --json", and steps, decided, cost, different and notes. "different" is null,
-  or the answer of the instrumented script if it is another one; then do not
-  trust the steps.
+  or the answer or error of the instrumented script if it is another one; then
+  do not trust the steps.
 
 The script runs twice for each URL: once unchanged, and once instrumented, with
 calls between its statements that record what it does. The result is that of the

@@ -27,6 +27,18 @@ bool isShownAs(std::string shown, const std::string& result) {
   return isCut ? result.starts_with(text) : result == text;
 }
 
+std::string_view reasonWithoutLine(std::string_view reason) {
+  const auto end = reason.starts_with("line ") ? reason.find(": ") : reason.npos;
+  return end == reason.npos ? reason : reason.substr(end + 2);
+}
+
+/// Whether both scripts have the same answer, or no answer for the same reason. The line of the
+/// reason may differ: a script that reaches a limit does not always end in the same line.
+bool isAnsweredAlike(const ShownAnswer& plain, const pac_engine::Reply& traced) {
+  if (plain.result || traced.result) return plain.result == traced.result;
+  return reasonWithoutLine(plain.error.value_or("")) == traced.problem.message;
+}
+
 /// Whether the return `outer` calls the function that contains the return `inner`. Without this
 /// check, a function that was called before `outer` and returned the same text would count, too.
 bool passesOn(const InstrumentedScript& script, std::size_t outer, std::size_t inner) {
@@ -145,7 +157,7 @@ TracedAnswer TracedScript::ask(const std::string& url, const std::optional<std::
     return asked;
   }
   asked.trace = takeTrace();
-  if (traced.result != asked.answer.result)
+  if (!isAnsweredAlike(asked.answer, traced))
     asked.different = traced.result ? *traced.result : pac_engine::describe(traced.problem);
   asked.decidedBy = decidingReturn(asked.trace, asked.answer);
   return asked;

@@ -20,8 +20,9 @@
 namespace client {
 
 struct TracedAnswer {
-  ShownAnswer answer;                    ///< the answer of the unchanged script
-  std::optional<std::string> different;  ///< the answer of the instrumented script, if it differs
+  ShownAnswer answer;  ///< the answer of the unchanged script
+  /// The answer of the instrumented script, or the reason why it has none, if it differs.
+  std::optional<std::string> different;
   Trace trace;
   std::chrono::microseconds took{0};     ///< time of the evaluation of the unchanged script
   std::optional<std::size_t> decidedBy;  ///< the return that chose the answer, if it is known

@@ -56,6 +56,12 @@ class Instrumenter {
     this.insertions.push([offset, text]);
   }
 
+  // The start of a call of the hook. Without the blank, the name would become a part of a word
+  // directly before it: `return"X"` and `case!a:` are correct without a blank.
+  call(number) {
+    return ` ${this.name}(${number}`;
+  }
+
   note(node, text) {
     this.notes.push([this.script.lineOf(node.start), text]);
   }
@@ -74,7 +80,7 @@ class Instrumenter {
   around(kind, node, context) {
     const isHelper = !context.inChain && isHelperCall(node);
     const number = this.place(isHelper ? kind + 'h' : kind, node, context, true);
-    this.insert(node.start, `${this.name}(${number},(`);
+    this.insert(node.start, `${this.call(number)},(`);
     this.inside(node, context);
     this.insert(node.end, kind[0] === 'r' ? '),1)' : '))');
     return number;
@@ -85,7 +91,7 @@ class Instrumenter {
   test(kind, node, context) {
     if (!isLogical(node)) return this.around(kind, node, context);
     const number = this.place(kind, node, context, true);
-    this.insert(node.start, `${this.name}(${number},(`);
+    this.insert(node.start, `${this.call(number)},(`);
     this.operands(node, context);
     this.insert(node.end, kind[0] === 'r' ? '),1)' : '))');
     return number;
@@ -116,7 +122,7 @@ class Instrumenter {
   // statement.
   statement(node, context, isCounted = true) {
     if (isCounted && isReached(node)) {
-      this.insert(node.start, `${this.name}(${this.place('s', node, context, false)});`);
+      this.insert(node.start, `${this.call(this.place('s', node, context, false))});`);
     }
     this.visit(node, context);
     // Without the ";", the engine would read "let", a line end and the hook as one declaration.
@@ -237,7 +243,7 @@ class Instrumenter {
     const other = { ...context, owner, branch: false, dead: dead(false) };
     if (node.alternate.type !== 'IfStatement') return this.body(node.alternate, other);
     const number = this.place('s', node.alternate, other, false);
-    this.insert(node.alternate.test.start, `${this.name}(${number}),`);
+    this.insert(node.alternate.test.start, `${this.call(number)}),`);
     this.ifStatement(node.alternate, other);
   }
 
@@ -258,7 +264,7 @@ class Instrumenter {
       const tested = entry.test ? this.test('k', entry.test, context) : -1;
       const owner = this.place('c', entry, context, false);
       const first = entry.consequent[0];
-      this.insert(first ? first.start : entry.end, `${this.name}(${owner},0,0,${tested});`);
+      this.insert(first ? first.start : entry.end, `${this.call(owner)},0,0,${tested});`);
       this.statements(entry.consequent, { ...context, owner, branch: true });
     }
   }
@@ -268,7 +274,7 @@ class Instrumenter {
       this.returned(node.argument, context);
     } else {
       const number = this.place('r', node, context, true);
-      this.insert(node.start + 'return'.length, ` ${this.name}(${number},(void 0),1)`);
+      this.insert(node.start + 'return'.length, `${this.call(number)},(void 0),1)`);
     }
   }
 

@@ -3,6 +3,7 @@
 // variable WORKBENCH_SCRIPTS sets the number of scripts, and WORKBENCH_SEED sets the first seed.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstdlib>
 #include <map>
 #include <random>
@@ -37,9 +38,12 @@ std::string answered(pac_engine::Engine& engine, const std::string& host) {
 /// Writes one script. If `counts` is true, the script keeps counters: how often each line runs, how
 /// often each test is true or false, and how often each case is entered. A test or a case is
 /// identified by its line and its number in this line.
+/// Every second script has no blank that it does not need. The script that counts always has its
+/// blanks: it must reach the same places.
 class Generator {
  public:
-  Generator(unsigned seed, bool counts) : mRandom(seed), mCounts(counts) {}
+  Generator(unsigned seed, bool counts)
+      : mRandom(seed), mCounts(counts), mMinified(seed % 2 == 0 && !counts) {}
 
   std::string script() {
     // The first line, which has no generated statement. If the script counts, its entry point is
@@ -51,7 +55,10 @@ class Generator {
     mText += R"(var v = 0; var o = {p(x) { return x; }, get g() { return v > 1 && v < 5; }}; )"
              R"(function* gen(x) { yield v || x; v++; yield !x; } )"
              R"(function f(x) { if (x) return x; else return !x && v; } )"
-             R"(class K { static s = v || 2; #p = 1; m(x = v && 1) { return this.#p && x; } } )";
+             R"(class K { static s = v || 2; #p = 1; m(x = v && 1) { return this.#p && x; } } )"
+             R"(class L extends (v || K) { static s = !v || 3; } )"
+             R"(function pattern(x) { if (x) return /a\/x/.test(x); return [!x || v]; } )"
+             R"(async function later(x) { await (!x || v); return !x || 'late'; } )";
     mText += choose({"", "function dnsResolve(h) { return h == 'a' ? '10.1.1.1' : null; } ",
                      "var isPlainHostName = function (h) { return h.length < 4; }; ",
                      "function shExpMatch() { throw new Error('mine'); } "});
@@ -64,10 +71,32 @@ class Generator {
       mText +=
           "function FindProxyForURL(url, host) { kept = {}; try { Inner(url, host); } catch (e) {} "
           "return Object.keys(kept).sort().map((n) => n + '=' + kept[n]).join(' '); }\n";
-    return mText;
+    return mMinified ? withoutBlanks(mText) : mText;
   }
 
  private:
+  /// `script` without the blanks beside a character that cannot be in a word. Texts keep their
+  /// blanks.
+  static std::string withoutBlanks(const std::string& script) {
+    const auto isOfWord = [](char c) {
+      return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_' || c == '$';
+    };
+    std::string shorter;
+    char quote = 0;
+    for (std::size_t i = 0; i < script.size(); ++i) {
+      const char c = script[i];
+      if (quote != 0) {
+        if (c == quote) quote = 0;
+      } else if (c == '\'' || c == '"') {
+        quote = c;
+      } else if (c == ' ' && !(isOfWord(shorter.back()) && isOfWord(script[i + 1]))) {
+        continue;
+      }
+      shorter += c;
+    }
+    return shorter;
+  }
+
   unsigned below(unsigned limit) { return static_cast<unsigned>(mRandom() % limit); }
   std::string choose(const std::vector<std::string>& list) {
     return list[below(static_cast<unsigned>(list.size()))];
@@ -91,7 +120,9 @@ class Generator {
   /// A test: `before`, an expression, and `behind`.
   std::string test(unsigned depth, const std::string& before = "", const std::string& behind = "") {
     const auto number = numbered(mTests++);
-    const auto text = before + expression(depth) + behind;
+    return tested(number, before + expression(depth) + behind);
+  }
+  std::string tested(const std::string& number, const std::string& text) const {
     return mCounts ? "t(" + number + ", " + text + ")" : text;
   }
 
@@ -119,15 +150,15 @@ class Generator {
   }
 
   void statement(unsigned depth) {
-    const auto kind = depth == 0 ? below(3) : below(10);
+    const auto kind = depth == 0 ? below(3) : below(12);
     switch (kind) {
       case 0:
         return line("v = " + expression(2) + ";");
       case 1:
         return line(simple() + choose({";", ""}));
       case 2:
-        return below(6) != 0 ? line("if (" + test(2) + ") v += 1;")
-                             : line("return 'R' + (" + expression(1) + ");");
+        return line(below(6) == 0 ? ending()
+                                  : "if (" + test(2) + choose({") v += 1;", ") 'y'; else 'n';"}));
       case 3: {
         // A body without braces, in a line of its own.
         line("if (" + test(2) + ")");
@@ -159,13 +190,41 @@ class Generator {
         return raw("}");
       case 7:
         return block("for (const x of gen(" + expression(1) + "))", depth);
+      case 8: {
+        const auto name = "d" + std::to_string(depth);
+        raw(counted("var " + name + " = 0; do {"));
+        statements(depth - 1, 1 + below(2));
+        return raw("} while (" + test(1, name + "++ < 2 && (", " || true)") + ");");
+      }
+      case 9:
+        return block(choose({"for (const x of [0, v])", "for (const x in [v])",
+                             "for (const x of !host || gen(v))"}),
+                     depth);
       default:
         return block("if (" + test(2) + ")", depth);
     }
   }
 
+  /// A statement that ends the function.
+  std::string ending() {
+    switch (below(6)) {
+      case 0:
+        return "return !" + expression(1) + " || 'N';";
+      case 1:
+        return "return [" + expression(1) + "] + 'L';";
+      case 2:
+        return "return `T${" + expression(1) + "}`;";
+      case 3:
+        return "return (v, 'S') + (" + expression(1) + ");";
+      case 4:
+        return "throw !" + expression(1) + " || 'T';";
+      default:
+        return "return 'R' + (" + expression(1) + ");";
+    }
+  }
+
   std::string simple() {
-    switch (below(5)) {
+    switch (below(8)) {
       case 0:
         return "v++";
       case 1:
@@ -174,6 +233,12 @@ class Generator {
         return "o.p(" + expression(2) + ")";
       case 3:
         return "new K().m()";
+      case 4:
+        return "v = typeof (" + expression(1) + ")";
+      case 5:
+        return "delete (o).q";
+      case 6:
+        return "v = [v]; do (v)++; while (" + tested(numbered(mTests++), "false") + ")";
       default:
         return "alert(v)";
     }
@@ -189,7 +254,7 @@ class Generator {
   std::string expression(unsigned depth) {
     const auto below1 = depth == 0 ? 0 : depth - 1;
     const auto inner = [&] { return expression(below1); };
-    switch (below(depth == 0 ? 8 : 18)) {
+    switch (below(depth == 0 ? 8 : 24)) {
       case 0:
         return "isPlainHostName(host)";
       case 1:
@@ -225,6 +290,20 @@ class Generator {
       case 15:
         return "((x) => x || " + joined(below1, ")(") + ")";
       case 16:
+        return "(typeof (" + inner() + ") || void (0))";
+      case 17:
+        return "('x' in [" + inner() + "])";
+      case 18:
+        return "(new (v && L || K)() instanceof (K) && L.s)";
+      case 19:
+        return "pattern(" + inner() + ")";
+      case 20:
+        return "later(" + inner() + ")";
+      case 21: {
+        const auto condition = test(below1, "/a/.test(", ")");
+        return "(" + condition + " ? 'y' : `n${" + inner() + "}`)";
+      }
+      case 22:
         return "eval(\"host.length > 3 && v\")";
       default:
         if (below(8) == 0) return "nothing.here";
@@ -234,6 +313,7 @@ class Generator {
 
   std::mt19937 mRandom;
   const bool mCounts;
+  const bool mMinified;
   std::string mText;
   unsigned mLine = 1;
   unsigned mTests = 0;  ///< number of tests in this line
