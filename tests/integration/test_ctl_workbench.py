@@ -128,6 +128,18 @@ function FindProxyForURL(url, host) {
     assert cases("http://aaaa.b/") == [(3, "1", None), (4, "0", False), (5, "0", False), (6, "3", False)]
     assert cases("http://aaaaa.b/") == [(3, "1", None), (4, "0", False), (5, "1", True)]
     assert cases("http://a.b.c.d/") == [(3, "3", None), (4, "0", False), (5, "1", False), (6, "3", True)]
+    falls = """\
+function FindProxyForURL(url, host) {
+  switch (host) {
+    case "a": return "A";
+    default:
+    case "b": return "B";
+  }
+}
+"""
+    steps = {host: explained(ctl, falls, f"http://{host}/")["steps"] for host in "abz"}
+    assert {host: [step["matches"] for step in steps[host] if step["type"] == "case"] for host in "abz"} == {
+        "a": [True], "b": [False, True], "z": [False, False]}
     output = ctl("pac", "explain", write("p.pac", script), "http://aaaaa.b/").output
     assert without_times(output).partition("decided")[0] == """\
 http://aaaaa.b/

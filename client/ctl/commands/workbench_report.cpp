@@ -80,12 +80,23 @@ void placeCall(std::vector<TracedEvent>& events, std::size_t place, const std::s
   if (found != events.rend()) found->place = place;
 }
 
-/// Notes that the case of a switch was entered. If the last event is its test `test`, this test has
-/// matched.
-void noteEntry(std::vector<TracedEvent>& events, std::size_t test) {
-  if (!events.empty() && events.back().matches && events.back().place == test)
-    events.back().matches = true;
-}
+/// Reads the entries of the cases of a switch. An entry directly after the test of its case means
+/// that this test has matched. Any further entry was reached from the case before it.
+class CaseEntries {
+ public:
+  /// Notes that a case was entered. @param test the place of the case's test; -1 for `default`
+  void note(std::vector<TracedEvent>& events, const Json& test) {
+    const bool isFirst = events.size() != mNoted;
+    mNoted = events.size();
+    if (test == -1) return;
+    const auto place = wholeNumber(test);
+    if (isFirst && events.back().matches && events.back().place == place)
+      events.back().matches = true;
+  }
+
+ private:
+  std::size_t mNoted = 0;  ///< the number of events before the last entry
+};
 
 }  // namespace
 
@@ -128,11 +139,12 @@ Trace traceOf(const Json& report, const std::vector<Place>& places) {
     if (count.place >= places.size()) throw std::out_of_range("place");
     trace.counts.push_back(count);
   }
+  CaseEntries entries;
   for (const auto& row : report.at("events")) {
     TracedEvent event;
     const auto kind = row.at(0).get<std::string>();
     if (kind == "e") {
-      noteEntry(trace.events, wholeNumber(row.at(2)));
+      entries.note(trace.events, row.at(2));
       continue;
     }
     if (kind == "c") {

@@ -124,9 +124,11 @@ struct Tracer::Hooks {
     auto* const counts = tracer.countsOf(place);
     if (count == 1 || count == 4) {
       if (counts != nullptr) ++counts->reached;
-      std::int32_t test = -1;
-      if (count == 4) JS_ToInt32(context, &test, arguments[3]);
-      if (test >= 0) tracer.noteEntry(place, test);
+      if (count == 4) {
+        std::int32_t test = -1;
+        JS_ToInt32(context, &test, arguments[3]);
+        tracer.noteEntry(place, test);
+      }
       return JS_UNDEFINED;
     }
     const bool truthy = JS_ToBool(context, arguments[1]) > 0;

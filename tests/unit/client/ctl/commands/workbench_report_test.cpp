@@ -86,9 +86,13 @@ TEST(WorkbenchReport, OfATraceNamesTheCasesThatMatch) {
   EXPECT_EQ(matches(R"([["v",0,"1",true],["v",1,"1",true],["e",2,1]])"), Found({false, true}));
   EXPECT_EQ(matches(R"([["v",0,"1",true],["e",2,1]])"), Found({false}));
   EXPECT_EQ(matches(R"([["e",2,1]])"), Found());
+  // The default was entered, and then the case after it was reached from the default.
+  EXPECT_EQ(matches(R"([["v",0,"1",true],["v",1,"1",true],["e",2,-1],["e",2,1]])"),
+            Found({false, false}));
+  EXPECT_EQ(matches(R"([["e",2,-1],["v",1,"1",true],["e",2,1]])"), Found({true}));
   report["cut"] = true;
   EXPECT_EQ(matches(R"([["v",0,"1",true],["v",1,"1",true]])"), Found({false, std::nullopt}));
-  for (const char* broken : {R"([["e",2]])", R"([["e",2,-1]])", R"([["e",2,"1"]])"})
+  for (const char* broken : {R"([["e",2]])", R"([["e",2,-2]])", R"([["e",2,"1"]])"})
     EXPECT_THROW(matches(broken), std::exception) << broken;
 }
 
