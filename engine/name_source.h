@@ -1,9 +1,11 @@
 // The source of the addresses of names.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace pac_engine {
@@ -18,6 +20,9 @@ struct NameSource {
       staticNames;  ///< if set, only these names and localhost have addresses
   std::string
       nameServers;  ///< the servers to ask, "address[:port],..."; empty: the device's servers
+  /// Gets each name that is not looked up, because the evaluation has looked up its maximum number
+  /// of names. It may get a name more than once.
+  std::function<void(std::string_view name)> onRefused;
 };
 
 }  // namespace pac_engine

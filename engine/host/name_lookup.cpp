@@ -98,7 +98,10 @@ std::vector<std::string> NameLookup::resolve(std::string_view name, AddressFamil
   const auto ascii = asciiName(name);
   if (!ascii) return {};
   if (auto known = withoutServer(*ascii)) return ofFamily(*known, family);
-  if (mAsked.count(*ascii) == 0 && mAsked.size() == kNamesPerEvaluation) return {};
+  if (mAsked.count(*ascii) == 0 && mAsked.size() == kNamesPerEvaluation) {
+    if (mSource.onRefused) mSource.onRefused(name);
+    return {};
+  }
   auto& known = mAsked[*ascii];
   const auto found = known.find(family);
   if (found != known.end()) return found->second;

@@ -252,6 +252,37 @@ function FindProxyForURL(url, host) {
     assert many["cost"]["calls"] == 20000
 
 
+def test_a_name_over_the_limit_is_no_lookup(ctl):
+    script = """\
+function FindProxyForURL(url, host) {
+  var found = 0;
+  for (var i = 0; i < 25; i++) if (dnsResolve("h" + i + ".example")) found++;
+  if (dnsResolveEx("H3.example") && dnsResolve("h24.example")) found = 100;
+  return "PROXY a:" + found;
+}
+"""
+    world = [word for i in range(25) for word in ("--resolve", f"h{i}.example=10.0.0.{i + 1}")]
+    path = write("p.pac", script)
+    told = ctl("pac", "explain", "--json", path, "http://a/", *world).json[0]
+    lookups = [lookup for step in told["steps"] for lookup in step.get("lookups", ())]
+    assert [lookup["name"] for lookup in lookups if lookup["refused"]] == [
+        "h20.example", "h21.example", "h22.example", "h23.example", "h24.example", "h24.example"]
+    assert told["result"] == "PROXY a:20" and told["cost"]["lookups"] == 20
+    assert told["notes"] == [
+        "the script asked for more than 20 names; the engine looks up at most 20 for an evaluation"]
+    output = without_times(ctl("pac", "explain", path, "http://a/", *world).output)
+    assert "  lookup   h19.example: 10.0.0.20  TIME\n" in output
+    assert "  lookup   h20.example: refused (more than 20 names)\n" in output
+    assert "names looked up: 20 (TIME)\n" in output
+    few = script.replace("25", "20").replace("h24", "h19")
+    told = ctl("pac", "explain", "--json", "-", "http://a/", *world, script=few).json[0]
+    assert (told["cost"]["lookups"], told["notes"]) == (20, [])
+    load = 'for (var i = 0; i < 25; i++) dnsResolve("h" + i + ".example");\n' + SCRIPT
+    assert explained(ctl, load, "http://a/")["notes"] == [
+        "while the script is loaded, it calls helpers: 25, names looked up: 20, which is the most; "
+        "further names were refused"]
+
+
 def test_a_variable_may_be_named_let(ctl):
     told = explained(ctl, """\
 var let = 1

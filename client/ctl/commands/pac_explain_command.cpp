@@ -7,6 +7,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +20,7 @@
 #include "client/ctl/commands/url_arguments.h"
 #include "client/ctl/terminal/output.h"
 #include "client/ctl/terminal/progress.h"
+#include "engine/host/name_lookup.h"
 
 namespace client {
 
@@ -33,7 +35,8 @@ constexpr const char* kPacExplainFooter = R"(Output:
     line N  the value of a switch; then each case that was tried, and whether
             it matches
     line N  a call of a helper with its arguments, its result and its time
-    lookup  a name that the helper looked up, its addresses and the time
+    lookup  a name that the helper looked up, its addresses and the time; or
+            "refused" if the script has asked for 20 other names before
     line N  a return, and its value
   Then the result, the return that decided, and the cost: the time of the
   unchanged script; of the instrumented one, which is slower, the calls of
@@ -83,24 +86,37 @@ std::string shownCall(const TracedCall& call) {
   return call.name + "(" + joined(call.arguments) + ") = " + call.result.value_or("(thrown)");
 }
 
+std::string shownLookup(const TracedLookup& lookup) {
+  if (lookup.isRefused)
+    return "refused (more than " + std::to_string(pac_engine::kNamesPerEvaluation) + " names)";
+  return (lookup.addresses.empty() ? "nothing" : joined(lookup.addresses)) +
+         (lookup.isNew ? "  " + shownTime(lookup.microseconds) : "  (remembered)");
+}
+
 struct Cost {
   std::uint64_t calls = 0;
   std::int64_t callMicroseconds = 0;
-  std::size_t lookups = 0;
+  std::size_t lookups = 0;  ///< names
   std::int64_t lookupMicroseconds = 0;
+  bool refused = false;  ///< a name was not looked up, because there were too many
 };
 
 Cost costOf(const Trace& trace) {
   Cost cost;
+  // A name that is looked up in both families counts once, as for the limit of names.
+  std::set<std::string> names;
   cost.calls = trace.helperCalls;
   cost.callMicroseconds = static_cast<std::int64_t>(trace.helperNanoseconds / 1000);
   for (const auto& event : trace.events) {
     if (!event.call) continue;
     for (const auto& lookup : event.call->lookups) {
-      cost.lookups += lookup.isNew ? 1 : 0;
-      cost.lookupMicroseconds += lookup.isNew ? lookup.microseconds : 0;
+      cost.refused = cost.refused || lookup.isRefused;
+      if (!lookup.isNew || lookup.isRefused) continue;
+      names.insert(pac_engine::asciiName(lookup.name).value_or(lookup.name));
+      cost.lookupMicroseconds += lookup.microseconds;
     }
   }
+  cost.lookups = names.size();
   return cost;
 }
 
@@ -112,10 +128,15 @@ std::vector<std::string> notesOf(const TracedScript& script, const TracedAnswer&
     notes.emplace_back(
         "the script reads the text of a function; the instrumented script has another text");
   if (asked.trace.cut) notes.emplace_back("there were more steps than were recorded");
+  const auto most = std::to_string(pac_engine::kNamesPerEvaluation);
+  if (costOf(asked.trace).refused)
+    notes.push_back("the script asked for more than " + most +
+                    " names; the engine looks up at most " + most + " for an evaluation");
   const auto load = costOf(script.load());
   if (load.calls > 0)
     notes.push_back("while the script is loaded, it calls helpers: " + std::to_string(load.calls) +
-                    ", names looked up: " + std::to_string(load.lookups));
+                    ", names looked up: " + std::to_string(load.lookups) +
+                    (load.refused ? ", which is the most; further names were refused" : ""));
   return notes;
 }
 
@@ -160,14 +181,8 @@ class TextReport {
                        std::string(2 * std::min(call.depth, kMostIndented), ' ') + shownCall(call) +
                            "  " + shownTime(call.microseconds),
                        Tone::kFaint});
-    for (const auto& lookup : call.lookups) {
-      const auto found = lookup.addresses.empty() ? "nothing" : joined(lookup.addresses);
-      mRows.push_back(
-          {"lookup",
-           lookup.name + ": " + found +
-               (lookup.isNew ? "  " + shownTime(lookup.microseconds) : "  (remembered)"),
-           Tone::kFaint});
-    }
+    for (const auto& lookup : call.lookups)
+      mRows.push_back({"lookup", lookup.name + ": " + shownLookup(lookup), Tone::kFaint});
   }
 
   void addValue(const TracedEvent& event) {
@@ -248,7 +263,8 @@ Json callJson(const InstrumentedScript& script, const TracedEvent& event) {
     json["lookups"].push_back({{"name", lookup.name},
                                {"addresses", lookup.addresses},
                                {"microseconds", lookup.microseconds},
-                               {"remembered", !lookup.isNew}});
+                               {"remembered", !lookup.isNew},
+                               {"refused", lookup.isRefused}});
   return json;
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <utility>
 
 #include "client/ctl/commands/script_on_trial.h"
@@ -49,6 +50,34 @@ bool passesOn(const InstrumentedScript& script, std::size_t outer, std::size_t i
 
 }  // namespace
 
+/// The names that the limit of names has refused since the last trace. Only the library knows them:
+/// for the process of the script, such a name has no address.
+class TracedScript::RefusedNames {
+ public:
+  void add(std::string_view name) {
+    if (mBytes > kMostBytes) return;
+    mBytes += name.size();
+    mNames.emplace(name);
+  }
+
+  /// Marks the names in `trace`, and forgets them.
+  void moveTo(Trace& trace) {
+    for (auto& event : trace.events) {
+      if (!event.call) continue;
+      for (auto& lookup : event.call->lookups) lookup.isRefused = mNames.contains(lookup.name);
+    }
+    mNames.clear();
+    mBytes = 0;
+  }
+
+ private:
+  /// As much as the events of a trace. Names that are refused later are not in the trace.
+  static constexpr std::size_t kMostBytes = 8U << 20U;
+
+  std::set<std::string> mNames;
+  std::size_t mBytes = 0;
+};
+
 TracedScript::TracedScript(std::string_view script, const std::string& file,
                            const pac_engine::Options& options, TraceOptions tracing)
     : mSource(script),
@@ -88,6 +117,10 @@ void TracedScript::loadPlain() {
 void TracedScript::startTracing() {
   auto options = mOptions;
   options.role = pac_engine::WorkerRole::kTraces;
+  if (mTracing.detail == TraceDetail::kEverything) {
+    mRefusedNames = std::make_shared<RefusedNames>();
+    options.names.onRefused = [names = mRefusedNames](std::string_view name) { names->add(name); };
+  }
   pac_engine::Problem refused;
   mTraced = pac_engine::Engine::load(mScript.text, std::move(options), refused);
   if (!mTraced) {
@@ -107,7 +140,9 @@ Trace TracedScript::takeTrace() {
   const auto text = mTraced->command("trace", detail, problem);
   if (!text) throw Failure(kRefused, shownName(mFile) + ": " + pac_engine::describe(problem));
   try {
-    return traceOf(nlohmann::json::parse(*text), mScript.places);
+    auto trace = traceOf(nlohmann::json::parse(*text), mScript.places);
+    if (mRefusedNames) mRefusedNames->moveTo(trace);
+    return trace;
   } catch (const std::exception&) {
     throw Failure(kInternal, shownName(mFile) + ": the workbench sent what is no trace");
   }

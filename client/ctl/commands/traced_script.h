@@ -61,6 +61,8 @@ class TracedScript {
   const Trace& load() const { return mLoad; }
 
  private:
+  class RefusedNames;
+
   TracedScript(const TracedScript& other, TraceOptions tracing);
   void loadPlain();
   void startTracing();
@@ -74,6 +76,7 @@ class TracedScript {
   Alerts mAlerts;
   std::unique_ptr<pac_engine::Engine> mPlain;
   InstrumentedScript mScript;
+  std::shared_ptr<RefusedNames> mRefusedNames;  ///< null if the trace contains no lookups
   std::unique_ptr<pac_engine::Engine> mTraced;
   Trace mLoad;
 };

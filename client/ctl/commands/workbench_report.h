@@ -55,7 +55,9 @@ struct TracedLookup {
   std::string name;
   std::vector<std::string> addresses;
   std::int64_t microseconds = 0;
-  bool isNew = false;  ///< the evaluation's first lookup of this name; later lookups cost nothing
+  /// The evaluation's first lookup of this name in this family; later lookups cost nothing.
+  bool isNew = false;
+  bool isRefused = false;  ///< the evaluation had looked up its maximum number of names before
 };
 
 /// A call of a helper.

@@ -142,11 +142,16 @@ TEST(NameLookup, LooksUpTwentyNamesInOneEvaluation) {
     std::map<std::string, DnsName> all;
     for (int i = 0; i < 21; ++i) all[nameOf(i)] = at({"10.0.0.1"});
     const DnsServer server(all);
-    Names names(servedBy(server));
+    Texts refused;
+    auto source = servedBy(server);
+    source.onRefused = [&](std::string_view name) { refused.emplace_back(name); };
+    Names names(source);
     for (int i = 0; i < 20; ++i) {
       EXPECT_EQ(names.ask(nameOf(i)).addresses, Texts{"10.0.0.1"}) << i;
     }
+    EXPECT_EQ(refused, Texts());
     EXPECT_EQ(names.ask("n20.test").addresses, Texts());
+    EXPECT_EQ(refused, Texts{"n20.test"});
     EXPECT_EQ(server.questions("n20.test"), 0);
     EXPECT_EQ(names.ask("n0.test").addresses, Texts{"10.0.0.1"});
     names.lookup.begin();
