@@ -408,6 +408,21 @@ def test_what_the_engine_takes_and_the_parser_does_not_is_a_message(ctl):
         "engine may: line 2: Invalid regular expression: /(?<a>x)|(?<a>y)/: Duplicate capture group name\n")
 
 
+@pytest.mark.parametrize("text", ["\\ud83d", "\\udc00x", "\\\\ud83d", "\\ud83d\\ude00", "\\ud83d\\ud83d"])
+def test_a_text_may_have_half_a_character(ctl, text):
+    path = write("p.pac", f'''\
+function FindProxyForURL(url, host) {{
+  if (shExpMatch(url, "*/{text}/*")) return "HTTPS {text}:1";
+  if (host == "{text}" || host == "a{text}.example" || dnsDomainIs(host, ".{text}")) return "PROXY a:1";
+  return "DIRECT";
+}}''')
+    for words in (["lint", path], ["lint", path, "--format", "json"], ["cover", path, "http://a/"],
+                  ["diff", path, path], ["explain", path, "http://a/"]):
+        result = ctl("pac", *words)
+        assert (result.status in (ANSWERED, NO_ANSWER), result.errors) == (True, ""), words
+    assert "DIRECT" in result.output
+
+
 def test_a_script_that_the_engine_refuses_is_refused_as_elsewhere(ctl):
     script = "function FindProxyForURL(url, host) {\n  return }}\n"
     refused = ctl("pac", "check", "-", script=script)

@@ -109,12 +109,18 @@ function open(text) {
   return '';
 }
 
+// The report as JSON. A text of the script may contain half a surrogate pair, which UTF-8 cannot
+// encode. It becomes U+FFFD.
+function reportOf(report) {
+  return JSON.stringify(report, (key, value) => typeof value === 'string' ? value.toWellFormed() : value);
+}
+
 function run(name, argument) {
   try {
     if (!Object.hasOwn(commands, name)) throw new Error(`there is no command ${name}`);
-    return JSON.stringify(commands[name](theScript, argument === '' ? {} : JSON.parse(argument)));
+    return reportOf(commands[name](theScript, argument === '' ? {} : JSON.parse(argument)));
   } catch (error) {
     if (!(error instanceof Unparsed)) throw error;
-    return JSON.stringify({ unparsed: error.message, line: error.line });
+    return reportOf({ unparsed: error.message, line: error.line });
   }
 }
