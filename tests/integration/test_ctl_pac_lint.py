@@ -279,6 +279,17 @@ def fixes_of(ctl, statement):
     return [one["fix"] for one in result.json["findings"]]
 
 
+@pytest.mark.parametrize("test, wanted", [
+    ('!dateRange("OCT", "FEB")', '!(dateRange(1, "OCT", 31, "JAN") || dateRange("FEB"))'),
+    ('host && dateRange("OCT", "FEB")', 'host && (dateRange(1, "OCT", 31, "JAN") || dateRange("FEB"))'),
+    ('dateRange(10, "FEB", 30, "FEB") == true', '(dateRange("FEB") && dateRange(10, 31)) == true'),
+    ('!dateRange("APR", "JUN")', '!dateRange(1, "APR", 30, "JUN")')])
+def test_the_fix_of_a_range_of_dates_fits_its_place(ctl, test, wanted):
+    [fix] = fixes_of(ctl, f'if ({test}) return "DIRECT";')
+    call = test[test.index("dateRange"):test.index(")") + 1]
+    assert test.replace(call, fix.removeprefix("write ")) == wanted
+
+
 def test_a_fix_does_what_its_finding_misses(ctl):
     for test, fix in (('shExpMatch(url, "https://a.example/x")', "https://a.example/*"),
                       ('url.startsWith("https://a.example/x")', "https://a.example/"),

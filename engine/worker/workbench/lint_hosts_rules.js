@@ -124,7 +124,7 @@ const hostRules = {
       const found = monthOverflow(last);
       if (!found) continue;
       lint.report(node, `${found.month} has no day ${found.day}, so the range ends in the next month`,
-        `write ${rangeInMonth(first, last, found.month, zone)}`);
+        `write ${inPlaceOf(node, rangeInMonth(first, last, found.month, zone))}`);
     }
   },
 };
@@ -166,6 +166,12 @@ function rangeInMonth(first, last, month, zone) {
   }
   if (!first.includes('FEB')) return `${call(...begin, 31, 'JAN')} || ${call('FEB')}`;
   return day > 1 ? `${call('FEB')} && ${call(day, 31)}` : call('FEB');
+}
+
+// The expression with parentheses, if it needs them in the place of `node`.
+function inPlaceOf(node, expression) {
+  const isOperand = /^(Unary|Binary|Logical|Member)Expression$/.test(node[parentOf].type);
+  return isOperand && /[|&]/.test(expression) ? `(${expression})` : expression;
 }
 
 // Whether shExpMatch can make a regular expression of the text.
