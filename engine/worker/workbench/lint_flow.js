@@ -28,8 +28,9 @@ function findCompletion(node) {
       return canComplete(node.block) || (node.handler !== null && canComplete(node.handler.body));
     case 'WhileStatement':
     case 'ForStatement':
-    case 'DoWhileStatement':
       return !isEndless(node) || jumpsOutOf(node.body).has('break');
+    case 'DoWhileStatement':
+      return (!isEndless(node) && reachesTest(node)) || jumpsOutOf(node.body).has('break');
     case 'LabeledStatement':
       return canComplete(node.body) || jumpsOutOf(node.body).has(`break ${node.label.name}`);
     default:
@@ -59,6 +60,20 @@ function isEndless(loop) {
     (loop.test?.type === 'Literal' && Boolean(loop.test.value));
 }
 
+// Whether the test of a do-while loop can be reached.
+function reachesTest(loop) {
+  const out = jumpsOutOf(loop.body);
+  if (canComplete(loop.body) || out.has('continue')) return true;
+  for (let label = loop[parentOf]; label.type === 'LabeledStatement'; label = label[parentOf]) {
+    if (out.has(`continue ${label.label.name}`)) return true;
+  }
+  return false;
+}
+
+function isLoop(node) {
+  return /^(For|While|DoWhile)/.test(node.type);
+}
+
 // The jumps in `root` that leave `root`: a set of 'break', 'continue', 'break LABEL' and 'continue
 // LABEL'.
 function jumpsOutOf(root) {
@@ -80,9 +95,8 @@ function findJumps(root) {
   for (; rest?.type === 'IfStatement'; rest = rest.alternate) addFrom(rest.consequent);
   if (rest !== root) addFrom(rest);
   else for (const child of root[childrenKey]) addFrom(child);
-  const isLoop = /^(For|While|DoWhile)/.test(root.type);
-  if (isLoop || root.type === 'SwitchStatement') found.delete('break');
-  if (isLoop) found.delete('continue');
+  if (isLoop(root) || root.type === 'SwitchStatement') found.delete('break');
+  if (isLoop(root)) found.delete('continue');
   if (root.type === 'LabeledStatement') {
     for (const word of ['break', 'continue']) found.delete(`${word} ${root.label.name}`);
   }
