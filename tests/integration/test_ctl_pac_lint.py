@@ -290,6 +290,30 @@ def test_the_fix_of_a_range_of_dates_fits_its_place(ctl, test, wanted):
     assert test.replace(call, fix.removeprefix("write ")) == wanted
 
 
+def test_an_answer_that_is_built_in_a_variable_is_read_as_the_script_builds_it(ctl):
+    def names(body):
+        return [rule for *_, rule in found(ctl, "function FindProxyForURL(url, host) {\n"
+                                           f"if (isPlainHostName(host)) return 'DIRECT';\n{body}\n}}\n")]
+
+    assert names('var r = "PROXY"; r += " proxy.example:8080; DIRECT"; return r;') == []
+    assert names('var r = "PROXY"; r += " proxy.example; DIRECT"; return r;') == ["entry-port"]
+    assert names('var p = "p.example:80"; p = "PROXY " + p + "; DIRECT"; return p;') == []
+    assert names('var p = "PROXY a:8080"; p += "; DIRECT"; return p;') == []
+    assert names('var p = "PROXY a:8080"; if (url) p += "; DIRECT"; return p;') == []
+    assert names('var p = "PROXY a:8080"; if (url) p = "DIRECT"; return p;') == ["direct-missing"]
+    assert names('p = "a:8080"; p = "PROXY " + p; return p;') == ["no-var", "direct-missing"]
+
+
+@pytest.mark.slow
+def test_many_writes_and_reads_of_a_variable_take_no_long_time(ctl):
+    body = "".join(f'if (host == "h{number}.example") p = "PROXY a:1; DIRECT";\n'
+                   f'if (host == "i{number}.example") return p;\n' for number in range(3000))
+    assert found(ctl, script("var p;\n" + body)) == []
+    chain = "".join(f'if (host == "h{number}.example") {{ p = "PROXY a:1; DIRECT"; return p; }} else\n'
+                    for number in range(500))
+    assert found(ctl, script(f"var p = 1;\n{chain} p = 2;")) == []
+
+
 def test_a_fix_does_what_its_finding_misses(ctl):
     for test, fix in (('shExpMatch(url, "https://a.example/x")', "https://a.example/*"),
                       ('url.startsWith("https://a.example/x")', "https://a.example/"),

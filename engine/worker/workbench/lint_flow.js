@@ -131,3 +131,178 @@ function stepsOf(list) {
 function endsFunction(body) {
   return !canComplete(body) && jumpsOutOf(body).size === 0;
 }
+
+// --- The writes of a variable that a read may see ---
+
+// Limit of the writes that are examined for all reads of a script.
+const mostWrites = 100000;
+
+// The writes whose value the identifier `read` may have, as in the member `places` of a name. Null
+// if they are not known, because another function writes the variable, or because the limit is
+// reached. budget: { left }, the number of writes that may still be examined.
+function writesSeenBy(name, read, budget) {
+  const groups = writesByFunction(name);
+  const home = read[functionOf];
+  for (const owner of groups.keys()) if (owner !== home && owner.type !== 'Program') return null;
+  const own = groups.get(home) ?? [];
+  const near = writesBefore(name, own, read, budget);
+  if (!near || near.isSure || name.scope === home) return near?.writes ?? null;
+  // The variable may have a value of an earlier call of the function. The script's own code has run
+  // to its end before the first call.
+  const [program, outer] = [...groups].find(([owner]) => owner !== home) ?? [];
+  const end = program && { start: program.end, end: program.end + 1, [parentOf]: program };
+  const far = program ? writesBefore(name, outer, end, budget) : { writes: [] };
+  return far && [...far.writes, ...own];
+}
+
+// The writes of each function, in source order.
+function writesByFunction(name) {
+  if (name.groups) return name.groups;
+  name.groups = new Map();
+  for (const place of [...name.places].sort((a, b) => a.id.start - b.id.start)) {
+    const owner = place.id[functionOf];
+    if (!name.groups.has(owner)) name.groups.set(owner, []);
+    name.groups.get(owner).push(place);
+  }
+  return name.groups;
+}
+
+// The writes of `list` that the read may see, if both are in one function: { writes, isSure }.
+// isSure: each path to the read has one of these writes. Null if the limit is reached.
+function writesBefore(name, list, read, budget) {
+  let base = -1; // the start of the last code before the read that always writes
+  for (let at = indexFrom(list, read.start) - 1; at >= 0 && base < 0;) {
+    if (--budget.left < 0) return null;
+    const step = stepBefore(list[at].id, read);
+    if (isSameBlock(name, list[at].id, read) && isPassed(step, name, read)) base = startOf(step);
+    at = indexFrom(list, step.start) - 1;
+  }
+  let loop = null; // the outermost loop around the read that does not start before `base`
+  for (let next = read[loopOf]; next && next.start >= base; next = next[loopOf]) loop = next;
+  const begin = indexFrom(list, base);
+  const end = indexFrom(list, loop ? loop.end : read.start);
+  budget.left -= end - begin;
+  if (budget.left < 0) return null;
+  const writes = list.slice(begin, end).filter(({ id }) =>
+    isSameBlock(name, id, read) && (loop || canLeadTo(id, read)));
+  return { writes, isSure: base >= 0 };
+}
+
+// The index of the first write at or after the offset.
+function indexFrom(list, offset) {
+  let low = 0;
+  for (let high = list.length; low < high;) {
+    const middle = (low + high) >> 1;
+    if (list[middle].id.start < offset) low = middle + 1;
+    else high = middle;
+  }
+  return low;
+}
+
+// The outermost node around `id` that does not contain the read.
+function stepBefore(id, read) {
+  let step = id;
+  while (!isCommon(step[parentOf], read)) step = step[parentOf];
+  return step;
+}
+
+function isCommon(node, read) {
+  return node.type === 'Program' || (node.start <= read.start && read.end <= node.end);
+}
+
+// Whether each path to the read passes `step`, and `step` always writes the variable.
+function isPassed(step, name, read) {
+  const parent = step[parentOf];
+  if (/^For(In|Of)Statement$/.test(parent.type)) return step === parent.left && isCommon(parent.body, read);
+  if (parent.type === 'ForStatement' && step === parent.init) {
+    return step.type === 'VariableDeclaration' ? alwaysWrites(step, name) : isWriteOf(step, name);
+  }
+  const isInList = Array.isArray(parent.body) || (parent.type === 'SwitchCase' && step !== parent.test);
+  return isInList && alwaysWrites(step, name);
+}
+
+// The offset from which writes count after a passed step. The loop that the step begins may write
+// again.
+function startOf(step) {
+  const parent = step[parentOf];
+  return parent.type === 'ForStatement' ? parent.start : step.start;
+}
+
+// Whether code after `id` can lead to the read without another round of a loop.
+function canLeadTo(id, read) {
+  let step = id;
+  for (; !isCommon(step[parentOf], read); step = step[parentOf]) {
+    if (/Statement$/.test(step.type) && endsFunction(step)) return false;
+  }
+  const parent = step[parentOf];
+  if (/^(If|Conditional)/.test(parent.type)) return step !== parent.consequent;
+  if (parent.type === 'AssignmentExpression') return step !== parent.left;
+  return parent.type !== 'VariableDeclarator' && !endsFunction(step);
+}
+
+// Whether two identifiers with this name mean the same variable.
+function isSameBlock(name, one, other) {
+  if (name.blocks.size === 0) return true;
+  const declaring = (id) => {
+    let node = id;
+    while (node !== name.scope && !name.blocks.has(node)) node = node[parentOf];
+    return node;
+  };
+  return declaring(one) === declaring(other);
+}
+
+// Whether the statement writes the variable on each path that completes it.
+function alwaysWrites(node, name) {
+  name.always ??= new Map();
+  if (!name.always.has(node)) name.always.set(node, findAlwaysWrites(node, name));
+  return name.always.get(node);
+}
+
+function findAlwaysWrites(node, name) {
+  if (name.blocks.has(node)) return false;
+  const always = (part) => !canComplete(part) || alwaysWrites(part, name);
+  switch (node.type) {
+    case 'ExpressionStatement':
+      return isWriteOf(node.expression, name);
+    case 'VariableDeclaration':
+      return node.declarations.some(({ id, init }) => init !== null &&
+        (namesOf(id).some((one) => one.name === name.text) || isWriteOf(init, name)));
+    case 'BlockStatement':
+      return node.body.some((statement) => alwaysWrites(statement, name));
+    case 'IfStatement': {
+      let next = node;
+      for (; next?.type === 'IfStatement'; next = next.alternate) if (!always(next.consequent)) return false;
+      return Boolean(next) && always(next);
+    }
+    case 'SwitchStatement':
+      return node.cases.some(({ test }) => test === null) &&
+        node.cases.every((one) => caseWrites(one, name, one === node.cases.at(-1)));
+    case 'TryStatement':
+      if (node.finalizer && alwaysWrites(node.finalizer, name)) return true;
+      return always(node.block) && (!node.handler || always(node.handler.body));
+    default:
+      return false;
+  }
+}
+
+// Whether the case writes the variable before it leaves the switch. Another case than the last one
+// may continue in the next case.
+function caseWrites(one, name, isLast) {
+  for (const statement of one.consequent) {
+    if (alwaysWrites(statement, name)) return true;
+    if (jumpsOutOf(statement).has('break')) return false;
+    if (!canComplete(statement)) return true;
+  }
+  return !isLast;
+}
+
+// Whether the expression always assigns the variable.
+function isWriteOf(expression, name) {
+  for (let node = expression; node; node = node.type === 'AssignmentExpression' ? node.right : null) {
+    if (node.type === 'SequenceExpression') return node.expressions.some((one) => isWriteOf(one, name));
+    if (node.type === 'UpdateExpression') return node.argument.name === name.text;
+    if (node.type !== 'AssignmentExpression' || /^(\|\||&&|\?\?)=$/.test(node.operator)) return false;
+    if (namesOf(node.left).some((id) => id.name === name.text)) return true;
+  }
+  return false;
+}

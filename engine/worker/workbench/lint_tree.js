@@ -5,6 +5,7 @@
 
 const parentOf = Symbol('parent');
 const functionOf = Symbol('function');
+const loopOf = Symbol('loop'); // the innermost loop of the same function around the node, or null
 const childrenKey = Symbol('children');
 
 // The placeholder for a part of a text that is known only when the script runs.
@@ -22,6 +23,7 @@ class LintTree {
     this.nodes = new Map(); // type -> nodes, in source order
     this.scopes = new Map(); // function or program -> Map of names
     this.texts = new Map(); // cache of textsOf()
+    this.budget = { left: mostWrites };
     this.addAll(script.tree);
     this.bindAll();
     this.entry = this.functionNamed('FindProxyForURL');
@@ -33,17 +35,20 @@ class LintTree {
   }
 
   addAll(program) {
-    const open = [[program, null, program]];
+    const open = [[program, null, program, null]];
     while (open.length > 0) {
-      const [node, parent, owner] = open.pop();
+      const [node, parent, owner, loop] = open.pop();
       node[parentOf] = parent;
       node[functionOf] = owner;
+      node[loopOf] = loop;
       if (!this.nodes.has(node.type)) this.nodes.set(node.type, []);
       this.nodes.get(node.type).push(node);
-      const inner = functionTypes.has(node.type) ? node : owner;
+      const isFunction = functionTypes.has(node.type);
+      const inner = isFunction ? node : owner;
+      const innerLoop = isFunction ? null : isLoop(node) ? node : loop;
       const children = childrenOf(node);
       node[childrenKey] = children;
-      for (let i = children.length - 1; i >= 0; i--) open.push([children[i], node, inner]);
+      for (let i = children.length - 1; i >= 0; i--) open.push([children[i], node, inner, innerLoop]);
     }
   }
 
@@ -72,38 +77,42 @@ class LintTree {
       const isSimple = node.id.type === 'Identifier';
       for (const id of namesOf(node.id)) {
         const name = this.bind(node[functionOf], id.name, 'variable', null);
-        if (!isSimple || isLoopTarget(node)) name.writes.push(null);
-        else if (node.init) name.writes.push(node.init);
+        if (node[parentOf].kind !== 'var') name.blocks.add(blockOf(node[parentOf]));
+        if (isLoopTarget(node)) addWrite(name, id, null, node[parentOf][parentOf]);
+        else if (node.init || !isSimple) addWrite(name, id, isSimple ? node.init : null, node);
       }
     }
-    for (const [id, value] of this.assignments()) {
-      const name = this.nameOf(id) ?? this.bind(program, id.name, 'implicit', null);
-      name.writes.push(value);
+    for (const [id, value, by] of this.assignments()) {
+      addWrite(this.nameOf(id) ?? this.bind(program, id.name, 'implicit', null), id, value, by);
     }
   }
 
   bind(scope, text, kind, definition) {
     const names = this.scopes.get(scope);
-    if (!names.has(text)) names.set(text, { text, kind, scope, definition, writes: [], index: -1 });
+    if (!names.has(text)) {
+      // writes: the new values. places: the same writes as { id, by }; `by` is the node that writes.
+      // blocks: the blocks that declare the name with let or const.
+      names.set(text, { text, kind, scope, definition, writes: [], places: [], blocks: new Set(), index: -1 });
+    }
     const name = names.get(text);
     if (definition) name.definition = definition;
     return name;
   }
 
-  // Pairs of an assigned identifier and its new value. The value is null if the new value is not
-  // one expression.
+  // Lists of an assigned identifier, its new value, and the node that assigns. The value is null if
+  // the new value is not one expression.
   assignments() {
     const pairs = [];
     for (const node of this.of('AssignmentExpression')) {
       const isPlain = node.left.type === 'Identifier' && node.operator === '=';
-      for (const id of namesOf(node.left)) pairs.push([id, isPlain ? node.right : null]);
+      for (const id of namesOf(node.left)) pairs.push([id, isPlain ? node.right : null, node]);
     }
     for (const node of this.of('UpdateExpression')) {
-      if (node.argument.type === 'Identifier') pairs.push([node.argument, null]);
+      if (node.argument.type === 'Identifier') pairs.push([node.argument, null, node]);
     }
     for (const node of this.of('ForInStatement', 'ForOfStatement')) {
       if (node.left.type !== 'VariableDeclaration') {
-        for (const id of namesOf(node.left)) pairs.push([id, null]);
+        for (const id of namesOf(node.left)) pairs.push([id, null, node]);
       }
     }
     return pairs;
@@ -224,6 +233,7 @@ class LintTree {
         return [...all([node.left]).filter(({ text }) => text),
           ...all([node.right]).filter(({ text }) => text !== null)];
       case 'AssignmentExpression':
+        if (node.operator === '+=' && node.left.type === 'Identifier') return this.joined(node, depth);
         return node.operator === '=' ? all([node.right]) : unknown;
       case 'SequenceExpression':
         return all([node.expressions.at(-1)]);
@@ -245,13 +255,37 @@ class LintTree {
   textsOfName(node, all, unknown) {
     if (node.name === 'undefined') return [{ text: null, node }];
     const name = this.nameOf(node);
-    if (!isVariable(name) || name.writes.length === 0) return unknown;
-    const [first, ...later] = name.writes;
-    const initial = all([first]);
-    if (later.length === 0) return this.isTested(name) ? initial.filter(({ text }) => text) : initial;
+    if (!isVariable(name) || name.places.length === 0) return unknown;
+    const first = name.places[0];
+    const seen = name.places.length === 1 ? name.places : writesSeenBy(name, node, this.budget);
+    // After `text = text + more`, the texts depend on the path to this write.
+    if (!seen?.length || (seen.length > 1 && seen.some((place) => this.readsItself(place, name)))) return unknown;
     // An initial null, undefined, false or "" is left out, because a script usually tests for it
     // before it returns the variable.
-    return [...initial.filter(({ text }) => text), ...all(later)];
+    return seen.flatMap((place) => {
+      const texts = all(this.valuesOf(place));
+      const isLeftOut = this.isTested(name) || (place === first && seen.length > 1);
+      return isLeftOut ? texts.filter(({ text }) => text) : texts;
+    });
+  }
+
+  // The expressions whose values a write may give to the variable. A null stands for an unknown
+  // value.
+  valuesOf({ id, by }) {
+    if (by.type === 'VariableDeclarator') return [by.id === id ? by.init : null];
+    if (by.type === 'AssignmentExpression' && by.left === id) return [by.operator === '=' ? by.right : by];
+    const target = by.left?.declarations?.[0].id ?? by.left;
+    return by.type === 'ForOfStatement' && target === id ? this.itemsOf(by.right) ?? [null] : [null];
+  }
+
+  // Whether the new value depends on the old one.
+  readsItself(place, name) {
+    const { id, by } = place;
+    if (by.type === 'UpdateExpression') return true;
+    if (by.type === 'AssignmentExpression' && by.operator !== '=') return true;
+    place.readsItself ??= hasNode(by.right ?? by.init, (node) =>
+      node.type === 'Identifier' && node.name === id.name && this.nameOf(node) === name);
+    return place.readsItself;
   }
 
   // Whether the script tests the variable. If so, the script usually returns the variable only if
@@ -271,23 +305,40 @@ class LintTree {
 
   // An element of an array literal, or a member of an object literal.
   textsOfElement(node, all, unknown) {
-    const value = node.object.type === 'Identifier' ? this.onlyValue(node.object) : null;
-    if (value?.type === 'ArrayExpression' && node.computed) return all(value.elements);
+    const items = node.computed ? this.itemsOf(node.object) : null;
+    if (items) return all(items);
+    const value = node.object.type === 'Identifier' && !this.isChanged(node.object) ? this.onlyValue(node.object) : null;
     if (value?.type !== 'ObjectExpression') return unknown;
     const values = value.properties.filter((property) => property.type === 'Property')
       .filter(({ key }) => node.computed || (key.name ?? key.value) === node.property.name);
     return values.length > 0 ? all(values.map((property) => property.value)) : unknown;
   }
 
+  // The elements of an array literal, or of a variable with an array literal; else null.
+  itemsOf(node) {
+    const isName = node.type === 'Identifier';
+    const value = isName ? this.onlyValue(node) : node;
+    return value?.type === 'ArrayExpression' && !(isName && this.isChanged(node)) ? value.elements : null;
+  }
+
+  // Whether the script assigns an element or a member of the variable.
+  isChanged(id) {
+    if (!this.changed) {
+      const targets = [...this.of('AssignmentExpression').map(({ left }) => left),
+        ...this.of('UpdateExpression').map(({ argument }) => argument)];
+      const objects = targets.map(({ object }) => object).filter((object) => object?.type === 'Identifier');
+      this.changed = new Set(objects.map((object) => this.nameOf(object)));
+    }
+    return this.changed.has(this.nameOf(id));
+  }
+
   // A text that is built from pieces: all combinations, up to the limit.
   joined(node, depth) {
-    const parts = node.type === 'TemplateLiteral'
-      ? node.quasis.flatMap((quasi, i) => [quasi.value.cooked, node.expressions[i]].filter(Boolean))
-      : sumOf(node);
     let texts = [''];
-    for (const part of parts) {
+    for (const part of partsOf(node)) {
       const pieces = typeof part === 'string' ? [part]
         : this.textsOf(part, depth).map(({ text }) => text ?? unknownText);
+      if (pieces.length === 0) pieces.push(unknownText);
       if (texts.length * pieces.length > mostTexts) return [{ text: unknownText, node }];
       texts = texts.flatMap((text) => pieces.map((piece) => text + piece));
     }
@@ -326,6 +377,24 @@ function uniqueTexts(texts, most = mostTexts) {
 function isLoopTarget(declarator) {
   const loop = declarator[parentOf][parentOf];
   return /^For(In|Of)Statement$/.test(loop?.type) && loop.left === declarator[parentOf];
+}
+
+function addWrite(name, id, value, by) {
+  name.writes.push(value);
+  name.places.push({ id, by });
+}
+
+// The block in which a declaration with let or const is valid.
+function blockOf(declaration) {
+  const parent = declaration[parentOf];
+  return parent.type === 'SwitchCase' ? parent[parentOf] : parent;
+}
+
+// The texts and expressions that a template, a sum or `+=` joins.
+function partsOf(node) {
+  if (node.type === 'AssignmentExpression') return [node.left, node.right];
+  if (node.type !== 'TemplateLiteral') return sumOf(node);
+  return node.quasis.flatMap((quasi, i) => [quasi.value.cooked, node.expressions[i]].filter(Boolean));
 }
 
 // The operands of a sum. There may be thousands.
