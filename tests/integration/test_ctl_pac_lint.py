@@ -290,6 +290,22 @@ def test_the_fix_of_a_range_of_dates_fits_its_place(ctl, test, wanted):
     assert test.replace(call, fix.removeprefix("write ")) == wanted
 
 
+@pytest.mark.parametrize("functions, is_at_top", [
+    ('function look(h) { ip = dnsResolve(h); }\n'
+     'function FindProxyForURL(url, host) { look(host); return ip ? "DIRECT" : "PROXY a:1"; }', True),
+    ('function look(h) { ip = h; }\n'
+     'function FindProxyForURL(url, host) { if (url) ip = url; look(host); return ip + ""; }', True),
+    ('function look(h) { ip = h; return ip; }\n'
+     'function FindProxyForURL(url, host) { for (ip = 0; ip < 3; ip++) look(host); return "DIRECT"; }', False),
+    ('function look(h) { ip = h; return (function () { return ip; })(); }\n'
+     'function FindProxyForURL(url, host) { look(url.ip); return "DIRECT"; }', False)])
+def test_the_fix_for_a_global_declares_it_for_all_functions_that_read_it(ctl, functions, is_at_top):
+    result = ctl("pac", "lint", "--only", "no-var", "--format", "json", "-", script=functions)
+    [finding] = result.json["findings"]
+    assert finding["fix"] == "write var ip" + (
+        "; at the top of the script, because another function reads it" if is_at_top else "")
+
+
 def test_an_answer_that_is_built_in_a_variable_is_read_as_the_script_builds_it(ctl):
     def names(body):
         return [rule for *_, rule in found(ctl, "function FindProxyForURL(url, host) {\n"

@@ -155,6 +155,12 @@ function writesSeenBy(name, read, budget) {
   return far && [...far.writes, ...own];
 }
 
+// Whether the function of `read` always writes the variable before this read.
+function isWrittenBefore(name, read, budget) {
+  const own = writesByFunction(name).get(read[functionOf]) ?? [];
+  return Boolean(writesBefore(name, own, read, budget)?.isSure);
+}
+
 // The writes of each function, in source order.
 function writesByFunction(name) {
   if (name.groups) return name.groups;

@@ -39,7 +39,9 @@ const scriptRules = {
         if (seen.has(id.name)) continue;
         seen.add(id.name);
         const effect = isError ? ', which throws in strict mode' : ', so it is a global';
-        lint.report(id, `${id.name} is assigned without var${effect}`, `write var ${id.name}`, isError ? 'error' : undefined);
+        const fix = isReadElsewhere(lint.tree, id)
+          ? `write var ${id.name}; at the top of the script, because another function reads it` : `write var ${id.name}`;
+        lint.report(id, `${id.name} is assigned without var${effect}`, fix, isError ? 'error' : undefined);
       }
     }
   },
@@ -73,6 +75,32 @@ const scriptRules = {
     }
   },
 };
+
+// Whether code outside the function of the assignment may read the value of the global.
+function isReadElsewhere(tree, assigned) {
+  const name = tree.nameOf(assigned);
+  return assigned[functionOf].type !== 'Program' && tree.identifiersOf(assigned.name)
+    .some((id) => !isInside(id, assigned[functionOf]) && tree.nameOf(id) === name && !isKey(id) &&
+      !isAssigned(id) && !isWrittenBefore(name, id, tree.budget));
+}
+
+function isInside(node, fn) {
+  let owner = node[functionOf];
+  while (owner !== fn && owner.type !== 'Program') owner = owner[functionOf];
+  return owner === fn;
+}
+
+// Whether the identifier is the name of a member or of a label.
+function isKey(id) {
+  const { type, computed, property, key, shorthand } = id[parentOf];
+  return (!computed && !shorthand && (property === id || key === id)) || /^(Labeled|Break|Continue)/.test(type);
+}
+
+// Whether the identifier gets a new value in its place, and its old value is not read.
+function isAssigned(id) {
+  const { left, operator } = id[parentOf];
+  return left === id && (operator === '=' || isLoop(id[parentOf]));
+}
 
 // Whether a node runs in strict mode.
 function isStrict(node) {

@@ -288,6 +288,18 @@ class LintTree {
     return place.readsItself;
   }
 
+  // The identifiers with this text.
+  identifiersOf(text) {
+    if (!this.identifiers) {
+      this.identifiers = new Map();
+      for (const id of this.of('Identifier')) {
+        if (!this.identifiers.has(id.name)) this.identifiers.set(id.name, []);
+        this.identifiers.get(id.name).push(id);
+      }
+    }
+    return this.identifiers.get(text) ?? [];
+  }
+
   // Whether the script tests the variable. If so, the script usually returns the variable only if
   // it has a text.
   isTested(name) {
