@@ -68,7 +68,13 @@ class Lookups {
     }
     if (this.tree.subjectOf(given) === 'host') return this.isKnownAddress(call) ? null : 'host';
     // isInNet usually gets a known address. The other helpers get names.
-    return isNet ? null : this.tree.script.sourceOf(given, 80);
+    return isNet ? this.knownNames(given)[0] ?? null : this.tree.script.sourceOf(given, 80);
+  }
+
+  // The texts of the expression that are names.
+  knownNames(node) {
+    const texts = this.tree.textsOf(node).map(({ text }) => text);
+    return texts.filter((text) => text !== null && /^[\w.-]+$/.test(text) && !quad.test(text));
   }
 
   // Whether the call runs only for addresses: after isValidIpAddress(host) or a regular expression
@@ -270,9 +276,10 @@ class WorstCase {
   // The names that the call may look up. If the argument is an element of a list, these are all
   // names of the list.
   namesOf(call) {
-    const texts = this.tree.textsOf(call.arguments[0]).map(({ text }) => text);
-    const known = texts.filter((text) => text !== null && !text.includes(unknownText) && !quad.test(text));
-    return known.length === texts.length && known.length > 0 ? known : [this.lookups.nameOf(call)];
+    const [given] = call.arguments;
+    const isKnown = !this.tree.textsOf(given).some(({ text }) => text?.includes(unknownText));
+    const names = isKnown ? this.lookups.knownNames(given) : [];
+    return names.length > 0 ? names : [this.lookups.nameOf(call)];
   }
 
   ofLoop(loop) {
