@@ -220,9 +220,7 @@ function isCommon(node, read) {
 function isPassed(step, name, read) {
   const parent = step[parentOf];
   if (/^For(In|Of)Statement$/.test(parent.type)) return step === parent.left && isCommon(parent.body, read);
-  if (parent.type === 'ForStatement' && step === parent.init) {
-    return step.type === 'VariableDeclaration' ? alwaysWrites(step, name) : isWriteOf(step, name);
-  }
+  if (parent.type === 'ForStatement' && step === parent.init) return isInitialWrite(step, name);
   const isInList = Array.isArray(parent.body) || (parent.type === 'SwitchCase' && step !== parent.test);
   return isInList && alwaysWrites(step, name);
 }
@@ -259,47 +257,108 @@ function isSameBlock(name, one, other) {
 
 // Whether the statement writes the variable on each path that completes it.
 function alwaysWrites(node, name) {
-  name.always ??= new Map();
-  if (!name.always.has(node)) name.always.set(node, findAlwaysWrites(node, name));
-  return name.always.get(node);
+  return !exitsWithoutWrite(node, name).has('end');
 }
 
-function findAlwaysWrites(node, name) {
-  if (name.blocks.has(node)) return false;
-  const always = (part) => !canComplete(part) || alwaysWrites(part, name);
+// How control can leave the statement if it has not written the variable: a set of 'end' and of
+// jumps as in jumpsOutOf().
+function exitsWithoutWrite(node, name) {
+  name.exits ??= new Map();
+  if (!name.exits.has(node)) name.exits.set(node, findExits(node, name));
+  return name.exits.get(node);
+}
+
+function findExits(node, name) {
+  if (name.blocks.has(node)) return new Set(['end', ...jumpsOutOf(node)]);
+  if (isLoop(node)) return exitsOfLoop(node, name);
+  const exitsOf = (part) => exitsWithoutWrite(part, name);
   switch (node.type) {
+    case 'ReturnStatement':
+    case 'ThrowStatement':
+      return new Set();
+    case 'BreakStatement':
+    case 'ContinueStatement':
+      return jumpsOutOf(node);
     case 'ExpressionStatement':
-      return isWriteOf(node.expression, name);
+      return new Set(isWriteOf(node.expression, name) ? [] : ['end']);
     case 'VariableDeclaration':
-      return node.declarations.some(({ id, init }) => init !== null &&
-        (namesOf(id).some((one) => one.name === name.text) || isWriteOf(init, name)));
+      return new Set(isDeclaredValue(node, name) ? [] : ['end']);
     case 'BlockStatement':
-      return node.body.some((statement) => alwaysWrites(statement, name));
+      return exitsOfList(node.body, name);
     case 'IfStatement': {
+      const exits = new Set();
       let next = node;
-      for (; next?.type === 'IfStatement'; next = next.alternate) if (!always(next.consequent)) return false;
-      return Boolean(next) && always(next);
+      for (; next?.type === 'IfStatement'; next = next.alternate) addAll(exits, exitsOf(next.consequent));
+      return next ? addAll(exits, exitsOf(next)) : exits.add('end');
     }
     case 'SwitchStatement':
-      return node.cases.some(({ test }) => test === null) &&
-        node.cases.every((one) => caseWrites(one, name, one === node.cases.at(-1)));
-    case 'TryStatement':
-      if (node.finalizer && alwaysWrites(node.finalizer, name)) return true;
-      return always(node.block) && (!node.handler || always(node.handler.body));
+      return exitsOfSwitch(node, name);
+    case 'TryStatement': {
+      const exits = new Set(exitsOf(node.block));
+      if (node.handler) addAll(exits, exitsOf(node.handler.body));
+      const last = node.finalizer ? exitsOf(node.finalizer) : null;
+      return last === null ? exits : last.has('end') ? addAll(exits, last) : last;
+    }
+    case 'LabeledStatement':
+      return replaced(exitsOf(node.body), `break ${node.label.name}`, `continue ${node.label.name}`);
     default:
-      return false;
+      return new Set(['end', ...jumpsOutOf(node)]);
   }
 }
 
-// Whether the case writes the variable before it leaves the switch. Another case than the last one
-// may continue in the next case.
-function caseWrites(one, name, isLast) {
-  for (const statement of one.consequent) {
-    if (alwaysWrites(statement, name)) return true;
-    if (jumpsOutOf(statement).has('break')) return false;
-    if (!canComplete(statement)) return true;
+function exitsOfList(list, name) {
+  const exits = new Set();
+  for (const statement of list) {
+    const own = exitsWithoutWrite(statement, name);
+    addAll(exits, own);
+    exits.delete('end');
+    if (!own.has('end')) return exits;
   }
-  return !isLast;
+  return exits.add('end');
+}
+
+// Control can enter the switch at each case.
+function exitsOfSwitch({ cases }, name) {
+  const exits = new Set(cases.some(({ test }) => test === null) ? [] : ['end']);
+  cases.forEach(({ consequent }, index) => {
+    const own = new Set(exitsOfList(consequent, name));
+    if (index < cases.length - 1) own.delete('end'); // continues in the next case
+    addAll(exits, own);
+  });
+  return replaced(exits, 'break');
+}
+
+function exitsOfLoop(loop, name) {
+  if (loop.init && isInitialWrite(loop.init, name)) return new Set();
+  const exits = new Set(exitsWithoutWrite(loop.body, name));
+  const isDo = loop.type === 'DoWhileStatement';
+  const reachesEnd = !isEndless(loop) && (!isDo || exits.has('end') || exits.has('continue'));
+  exits.delete('continue');
+  exits.delete('end');
+  if (reachesEnd) exits.add('end');
+  return replaced(exits, 'break');
+}
+
+function addAll(set, items) {
+  for (const item of items) set.add(item);
+  return set;
+}
+
+// The exits, with 'end' in place of the given jumps.
+function replaced(exits, ...words) {
+  const result = new Set(exits);
+  for (const word of words) if (result.delete(word)) result.add('end');
+  return result;
+}
+
+// Whether the first part of a `for` always writes the variable.
+function isInitialWrite(init, name) {
+  return init.type === 'VariableDeclaration' ? isDeclaredValue(init, name) : isWriteOf(init, name);
+}
+
+function isDeclaredValue({ declarations }, name) {
+  return declarations.some(({ id, init }) => init !== null &&
+    (namesOf(id).some((one) => one.name === name.text) || isWriteOf(init, name)));
 }
 
 // Whether the expression always assigns the variable.

@@ -91,6 +91,35 @@ function afterReturn(host) {
   return proxy;
 }
 
+function byJumps(host) {
+  var answer = "unset";
+  while (true) {
+    if (dnsDomainIs(host, ".a.example")) { answer = "DIRECT"; break; }
+    answer = "PROXY a.example:8080; DIRECT";
+    break;
+  }
+  var other = "unset";
+  decided: {
+    if (dnsDomainIs(host, ".b.example")) { other = "DIRECT"; break decided; }
+    for (other = "DIRECT"; host == ""; ) other = "PROXY b.example:8080; DIRECT";
+  }
+  return host.length > 20 ? answer : other;
+}
+
+function byJumpsWrong(host) {
+  var answer = "unset"; // expect: entry-unknown, direct-missing
+  do {
+    if (dnsDomainIs(host, ".a.example")) continue;
+    answer = "PROXY a.example:8080; DIRECT";
+  } while (false);
+  var other = "unset"; // expect: entry-unknown, direct-missing
+  decided: {
+    if (dnsDomainIs(host, ".b.example")) break decided;
+    other = "DIRECT";
+  }
+  return host.length > 20 ? answer : other;
+}
+
 function wrong(host) {
   var answer = "PROXY ";
   answer += "http://proxy.a.example:8080; DIRECT"; // expect: entry-unknown
@@ -112,6 +141,8 @@ function FindProxyForURL(url, host) {
   if (dnsDomainIs(host, ".blocks.example")) return inBlocks(host);
   if (dnsDomainIs(host, ".member.example")) return ofMember(host);
   if (dnsDomainIs(host, ".after.example")) return afterReturn(host);
+  if (dnsDomainIs(host, ".jumps.example")) return byJumps(host);
+  if (dnsDomainIs(host, ".jumps2.example")) return byJumpsWrong(host);
   if (dnsDomainIs(host, ".wrong.example")) return wrong(host);
   return backup;
 }
