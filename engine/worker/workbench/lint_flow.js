@@ -190,7 +190,7 @@ function writesBefore(name, list, read, budget) {
   budget.left -= end - begin;
   if (budget.left < 0) return null;
   const writes = list.slice(begin, end).filter(({ id }) =>
-    isSameBlock(name, id, read) && (loop || canLeadTo(id, read)));
+    isSameBlock(name, id, read) && canLeadTo(id, read, name, loop));
   return { writes, isSure: base >= 0 };
 }
 
@@ -232,16 +232,39 @@ function startOf(step) {
   return parent.type === 'ForStatement' ? parent.start : step.start;
 }
 
-// Whether code after `id` can lead to the read without another round of a loop.
-function canLeadTo(id, read) {
+// Whether the value of the write can still be there at the read. loop: a loop around both, or null.
+// A path through an exception does not count.
+function canLeadTo(id, read, name, loop) {
   let step = id;
   for (; !isCommon(step[parentOf], read); step = step[parentOf]) {
-    if (/Statement$/.test(step.type) && endsFunction(step)) return false;
+    const isStatement = /(Statement|VariableDeclaration)$/.test(step.type);
+    if (isStatement && (endsFunction(step) || isOverwritten(step, name))) return false;
   }
   const parent = step[parentOf];
+  if (loop) return true;
   if (/^(If|Conditional)/.test(parent.type)) return step !== parent.consequent;
   if (parent.type === 'AssignmentExpression') return step !== parent.left;
   return parent.type !== 'VariableDeclarator' && !endsFunction(step);
+}
+
+// Whether the statements after `statement`, in the same list, always write the variable.
+function isOverwritten(statement, name) {
+  const { body, consequent } = statement[parentOf];
+  const list = Array.isArray(body) ? body : consequent;
+  if (!Array.isArray(list) || jumpsOutOf(statement).size > 0) return false;
+  name.overwritten ??= new Map();
+  if (!name.overwritten.has(list)) name.overwritten.set(list, overwrittenIn(list, name));
+  return name.overwritten.get(list).has(statement);
+}
+
+// The statements of the list that are followed by a write on each path.
+function overwrittenIn(list, name) {
+  const found = new Set();
+  for (let i = list.length - 2; i >= 0; i--) {
+    const exits = exitsWithoutWrite(list[i + 1], name);
+    if (exits.size === 0 || (exits.size === 1 && exits.has('end') && found.has(list[i + 1]))) found.add(list[i]);
+  }
+  return found;
 }
 
 // Whether two identifiers with this name mean the same variable.

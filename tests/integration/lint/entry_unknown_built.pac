@@ -106,6 +106,21 @@ function byJumps(host) {
   return host.length > 20 ? answer : other;
 }
 
+function forOtherUses(host) {
+  var text = "PROXY a.example:8080; DIRECT";
+  if (dnsDomainIs(host, ".a.example")) {
+    text = "corp.example";
+    alert("checks " + text);
+    if (dnsDomainIs(host, "." + text)) return "DIRECT";
+    text = "PROXY b.example:8080; DIRECT";
+  } else if (dnsDomainIs(host, ".b.example")) {
+    text = "proxy";
+    alert("asks the " + text);
+    return "DIRECT";
+  }
+  return text;
+}
+
 function byJumpsWrong(host) {
   var answer = "unset"; // expect: entry-unknown, direct-missing
   do {
@@ -141,6 +156,7 @@ function FindProxyForURL(url, host) {
   if (dnsDomainIs(host, ".blocks.example")) return inBlocks(host);
   if (dnsDomainIs(host, ".member.example")) return ofMember(host);
   if (dnsDomainIs(host, ".after.example")) return afterReturn(host);
+  if (dnsDomainIs(host, ".uses.example")) return forOtherUses(host);
   if (dnsDomainIs(host, ".jumps.example")) return byJumps(host);
   if (dnsDomainIs(host, ".jumps2.example")) return byJumpsWrong(host);
   if (dnsDomainIs(host, ".wrong.example")) return wrong(host);
