@@ -236,15 +236,27 @@ function startOf(step) {
 // A path through an exception does not count.
 function canLeadTo(id, read, name, loop) {
   let step = id;
-  for (; !isCommon(step[parentOf], read); step = step[parentOf]) {
-    const isStatement = /(Statement|VariableDeclaration)$/.test(step.type);
-    if (isStatement && (endsFunction(step) || isOverwritten(step, name))) return false;
-  }
+  for (; !isCommon(step[parentOf], read); step = step[parentOf]) if (isLost(step, name)) return false;
+  if (isDirect(step, id, read)) return loop !== null || !endsFunction(step);
+  if (loop === null || !isCommon(loop, id)) return false;
+  // The loop must start another round.
+  for (; !isLoop(step); step = step[parentOf]) if (isLost(step, name)) return false;
+  return true;
+}
+
+// Whether code after the statement cannot see the value that the variable gets in the statement.
+function isLost(node, name) {
+  const isStatement = /(Statement|VariableDeclaration)$/.test(node.type);
+  return isStatement && (endsFunction(node) || isOverwritten(node, name));
+}
+
+// Whether the read may follow `step`, which contains the write.
+function isDirect(step, id, read) {
   const parent = step[parentOf];
-  if (loop) return true;
+  if (id.start >= read.start) return false;
   if (/^(If|Conditional)/.test(parent.type)) return step !== parent.consequent;
   if (parent.type === 'AssignmentExpression') return step !== parent.left;
-  return parent.type !== 'VariableDeclarator' && !endsFunction(step);
+  return parent.type !== 'VariableDeclarator';
 }
 
 // Whether the statements after `statement`, in the same list, always write the variable.

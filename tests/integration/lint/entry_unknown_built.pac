@@ -121,6 +121,17 @@ function forOtherUses(host) {
   return text;
 }
 
+function inRounds(host) {
+  var text = "";
+  for (var i = 0; i < 3; i++) {
+    if (host.length == i) return text ? "PROXY " + text + "; DIRECT" : "DIRECT";
+    text = "proxy number" + i;
+    alert(text);
+    text = "p" + i + ".example:8080";
+  }
+  return "DIRECT";
+}
+
 function byJumpsWrong(host) {
   var answer = "unset"; // expect: entry-unknown, direct-missing
   do {
@@ -157,6 +168,7 @@ function FindProxyForURL(url, host) {
   if (dnsDomainIs(host, ".member.example")) return ofMember(host);
   if (dnsDomainIs(host, ".after.example")) return afterReturn(host);
   if (dnsDomainIs(host, ".uses.example")) return forOtherUses(host);
+  if (dnsDomainIs(host, ".rounds.example")) return inRounds(host);
   if (dnsDomainIs(host, ".jumps.example")) return byJumps(host);
   if (dnsDomainIs(host, ".jumps2.example")) return byJumpsWrong(host);
   if (dnsDomainIs(host, ".wrong.example")) return wrong(host);
