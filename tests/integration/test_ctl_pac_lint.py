@@ -296,7 +296,7 @@ def test_the_fix_of_a_range_of_dates_fits_its_place(ctl, test, wanted):
     ('function look(h) { ip = h; }\n'
      'function FindProxyForURL(url, host) { if (url) ip = url; look(host); return ip + ""; }', True),
     ('function look(h) { ip = h; return ip; }\n'
-     'function FindProxyForURL(url, host) { for (ip = 0; ip < 3; ip++) look(host); return "DIRECT"; }', False),
+     'function FindProxyForURL(url) { for (ip = 0; ip < 3; ip++) look(url); return "DIRECT"; }', False),
     ('function look(h) { ip = h; return (function () { return ip; })(); }\n'
      'function FindProxyForURL(url, host) { look(url.ip); return "DIRECT"; }', False)])
 def test_the_fix_for_a_global_declares_it_for_all_functions_that_read_it(ctl, functions, is_at_top):

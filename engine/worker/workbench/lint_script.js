@@ -40,7 +40,8 @@ const scriptRules = {
         seen.add(id.name);
         const effect = isError ? ', which throws in strict mode' : ', so it is a global';
         const fix = isReadElsewhere(lint.tree, id)
-          ? `write var ${id.name}; at the top of the script, because another function reads it` : `write var ${id.name}`;
+          ? `write var ${id.name}; at the top of the script, because another function reads it`
+          : `write var ${id.name}`;
         lint.report(id, `${id.name} is assigned without var${effect}`, fix, isError ? 'error' : undefined);
       }
     }

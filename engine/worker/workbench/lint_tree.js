@@ -319,7 +319,8 @@ class LintTree {
   textsOfElement(node, all, unknown) {
     const items = node.computed ? this.itemsOf(node.object) : null;
     if (items) return all(items);
-    const value = node.object.type === 'Identifier' && !this.isChanged(node.object) ? this.onlyValue(node.object) : null;
+    const isKept = node.object.type === 'Identifier' && !this.isChanged(node.object);
+    const value = isKept ? this.onlyValue(node.object) : null;
     if (value?.type !== 'ObjectExpression') return unknown;
     const values = value.properties.filter((property) => property.type === 'Property')
       .filter(({ key }) => node.computed || (key.name ?? key.value) === node.property.name);
