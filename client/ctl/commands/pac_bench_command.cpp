@@ -266,14 +266,12 @@ ExitStatus benchScript(const BenchArguments& arguments, const pac_engine::Option
   const auto engine = loadScript(script, options, refused);
   if (!engine) throw refusal(arguments.script.file, refused);
   const Micros load = Clock::now() - begun;
-  const auto measured = [&] {
-    // Each round is done twice: first to measure the time, then to count the calls of helpers.
-    Progress progress(2 * static_cast<std::size_t>(arguments.rounds) * arguments.asked.urls.size());
-    auto result = measure(*engine, arguments, progress);
-    measureHelpers(result, script, arguments, options, progress);
-    result.load = load;
-    return result;
-  }();
+  // Each round is done twice: first to measure the time, then to count the calls of helpers.
+  Progress progress(2 * static_cast<std::size_t>(arguments.rounds) * arguments.asked.urls.size());
+  auto measured = measure(*engine, arguments, progress);
+  measureHelpers(measured, script, arguments, options, progress);
+  measured.load = load;
+  progress.end();
   arguments.json ? printAsJson(arguments, measured) : print(arguments, measured);
   return measured.unanswered == 0 ? kAnswered : kNoAnswer;
 }
